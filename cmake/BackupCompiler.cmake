@@ -1,0 +1,25 @@
+# What every target of the tree is compiled with, carried by one INTERFACE target.
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+find_program(BACKUP_CCACHE ccache)
+if(BACKUP_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${BACKUP_CCACHE}")
+endif()
+
+add_library(BackupCompiler INTERFACE)
+target_compile_features(BackupCompiler INTERFACE cxx_std_20)
+target_compile_options(BackupCompiler INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wcast-align -Woverloaded-virtual -Wundef
+  $<$<BOOL:${BACKUP_WERROR}>:-Werror>
+  # Errors report the path below the root, or below libkrt/, so both are taken off; the longer one comes
+  # last because GCC lets the last match win.
+  "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/libkrt/=")
+if(BACKUP_SANITIZE)
+  target_compile_options(BackupCompiler INTERFACE
+    "-fsanitize=${BACKUP_SANITIZE}" -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(BackupCompiler INTERFACE "-fsanitize=${BACKUP_SANITIZE}")
+endif()

@@ -1,0 +1,105 @@
+// An ordered set with its own mutex that tells waiting threads and connected slots of each change.
+#pragma once
+
+#include "Krt/Signal/YSignal.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <set>
+
+namespace Krt::Container {
+
+template <class T>
+class YSet
+{
+public:
+    /// Empties the set and notifies, also when it was empty.
+    void Clear();
+    /// Inserts the value and notifies; true if it was not there.
+    bool Insert(const T& value);
+    bool Contains(const T& value) const;
+    unsigned long Size() const;
+    /// A copy of the content.
+    std::set<T> Values() const;
+    /// Waits until the set changes behind the change with number `seen`; returns the number of the last change.
+    unsigned long long WaitForChange(unsigned long long seen) const;
+    unsigned long long ChangeCount() const;
+    /// Fired after each change, with no lock held.
+    Signal::YSignal<void()>& OnChanged() { return m_changed; }
+
+private:
+    template <class Change>
+    auto Apply(Change change);
+
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_condition;
+    std::set<T> m_values;
+    unsigned long long m_changes = 0;
+    Signal::YSignal<void()> m_changed;
+};
+
+template <class T>
+template <class Change>
+auto YSet<T>::Apply(Change change)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    auto result = change(m_values);
+    ++m_changes;
+    lock.unlock();
+    m_condition.notify_all();
+    m_changed();
+    return result;
+}
+
+template <class T>
+void YSet<T>::Clear()
+{
+    Apply([](std::set<T>& values) {
+        values.clear();
+        return true;
+    });
+}
+
+template <class T>
+bool YSet<T>::Insert(const T& value)
+{
+    return Apply([&](std::set<T>& values) { return values.insert(value).second; });
+}
+
+template <class T>
+bool YSet<T>::Contains(const T& value) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_values.count(value) != 0;
+}
+
+template <class T>
+unsigned long YSet<T>::Size() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_values.size();
+}
+
+template <class T>
+std::set<T> YSet<T>::Values() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_values;
+}
+
+template <class T>
+unsigned long long YSet<T>::ChangeCount() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_changes;
+}
+
+template <class T>
+unsigned long long YSet<T>::WaitForChange(unsigned long long seen) const
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_condition.wait(lock, [&] { return m_changes > seen; });
+    return m_changes;
+}
+
+} // namespace Krt::Container

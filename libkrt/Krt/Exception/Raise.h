@@ -1,0 +1,80 @@
+// The statements that fail. Each reads like its message and captures source path, function and line:
+//     KRT_RAISE(ErrorCode::InvalidArgument, "Index " << index << " out of range");
+//     KRT_RAISE_UNLESS(handle, ErrorCode::InvalidState, "File class not open");
+//     KRT_RAISE_OS("Failed to stat file: " << path);                       the current errno
+// The text may be left out. All throw Krt::Exception::YError on the channel General; the ..._ON forms name
+// another channel, the ..._AS forms also the function to report.
+#pragma once
+
+#include "Krt/Exception/YError.h"
+#include "Krt/Log/LogPrefix.h"
+#include "Krt/Log/YStream.h"
+
+#include <cerrno>
+
+namespace Krt::Exception {
+
+/// Throws the error for a site. `file` is __FILE__; its ending is dropped.
+[[noreturn, gnu::cold]] KRT_API void Raise(ExceptionType type, unsigned int messageType, unsigned int code,
+                                           unsigned int line, const char* file, const char* function,
+                                           const YStream& message);
+
+/// The banner of a failed check on standard error, then the debugger, then InvalidUse with the banner as text.
+[[noreturn, gnu::cold]] KRT_API void FailRequiredCheck(const char* condition, const YString& detail,
+                                                       unsigned int line, const char* file, const char* function);
+
+/// The banner written straight to standard error, then the debugger, then abort().
+[[noreturn, gnu::cold]] KRT_API void AbortRequiredCheck(const char* condition, const YStream& detail,
+                                                        unsigned int line, const char* file, const char* function);
+
+/// Logs the failed assertion after `prefix`, calls the debugger and raises InvalidUse with the detail.
+[[noreturn, gnu::cold]] KRT_API void FailAssertion(const YString& prefix, const char* condition,
+                                                   const YStream& detail, unsigned int line, const char* file,
+                                                   const char* function);
+
+} // namespace Krt::Exception
+
+#define KRT_RAISE_FULL(type, function, channel, code, ...)                                                   \
+    do {                                                                                                     \
+        ::Krt::YStream krtMessage{::Krt::YString()};                                                         \
+        krtMessage __VA_OPT__(<< __VA_ARGS__);                                                               \
+        ::Krt::Exception::Raise(type, channel, code, __LINE__, __FILE__, function, krtMessage);              \
+    } while (false)
+
+#define KRT_RAISE_AS(function, channel, code, ...)                                                           \
+    KRT_RAISE_FULL(::Krt::Exception::ExceptionType::General, function, channel, code __VA_OPT__(, ) __VA_ARGS__)
+#define KRT_RAISE_ON(channel, code, ...) KRT_RAISE_AS(__func__, channel, code __VA_OPT__(, ) __VA_ARGS__)
+#define KRT_RAISE(code, ...) KRT_RAISE_ON(::Krt::MessageType::General, code __VA_OPT__(, ) __VA_ARGS__)
+
+#define KRT_RAISE_UNLESS(condition, code, ...)                                                               \
+    do {                                                                                                     \
+        if (!(condition)) [[unlikely]]                                                                       \
+            KRT_RAISE(code __VA_OPT__(, ) __VA_ARGS__);                                                      \
+    } while (false)
+
+// `error` is read before the message is built.
+#define KRT_RAISE_OS_ERROR(error, channel, ...)                                                              \
+    do {                                                                                                     \
+        const int krtOsError = (error);                                                                      \
+        KRT_RAISE_FULL(::Krt::Exception::ExceptionType::OsError, __func__, channel,                          \
+                       static_cast<unsigned int>(krtOsError) __VA_OPT__(, ) __VA_ARGS__);                    \
+    } while (false)
+#define KRT_RAISE_OS_ON(channel, ...) KRT_RAISE_OS_ERROR(errno, channel __VA_OPT__(, ) __VA_ARGS__)
+#define KRT_RAISE_OS(...) KRT_RAISE_OS_ON(::Krt::MessageType::General __VA_OPT__(, ) __VA_ARGS__)
+
+#define KRT_REQUIRE(condition, detail)                                                                       \
+    do {                                                                                                     \
+        if (!(condition)) [[unlikely]]                                                                       \
+            ::Krt::Exception::FailRequiredCheck(#condition, detail, __LINE__, __FILE__, __func__);           \
+    } while (false)
+
+// In a member function: the log line bears the object's prefix. `...` is the detail, streamed.
+#define KRT_ASSERT(condition, ...)                                                                           \
+    do {                                                                                                     \
+        if (!(condition)) [[unlikely]] {                                                                     \
+            ::Krt::YStream krtDetail{::Krt::YString()};                                                      \
+            krtDetail __VA_OPT__(<< __VA_ARGS__);                                                            \
+            ::Krt::Exception::FailAssertion(::Krt::Log::GetLogPrefix(*this), "(" #condition ")", krtDetail,  \
+                                            __LINE__, __FILE__, __func__);                                   \
+        }                                                                                                    \
+    } while (false)

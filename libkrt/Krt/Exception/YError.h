@@ -1,0 +1,79 @@
+// YError: the one exception type. It carries what its raising site knew: type, channel, code, place, text and
+// the stack. It is a value and owns all of it.
+#pragma once
+
+#include "Krt/Exception/ErrorCode.h"
+#include "Krt/Log/MessageType.h"
+#include "Krt/String/YString.h"
+
+#include <exception>
+
+namespace Krt::Exception {
+
+class YError;
+
+class KRT_API YErrorBase
+{
+public:
+    YErrorBase() = default;
+    YErrorBase(const YErrorBase&) = default;
+    YErrorBase& operator=(const YErrorBase&) = default;
+    virtual ~YErrorBase() = default;
+
+    /// The operating-system error number with which the error was raised; 0 for the type General.
+    virtual int GetOsError() const;
+    /// The portable code; for an OsError the one that its number maps to.
+    virtual unsigned int GetCode() const;
+
+    /// The site's text, which may be empty.
+    const YString& GetMessage() const { return m_message; }
+    ExceptionType GetType() const { return static_cast<ExceptionType>(m_type); }
+    unsigned int GetMessageType() const { return static_cast<unsigned int>(m_messageType); }
+    /// Bare name of the function that raised.
+    const YString& GetFunction() const { return m_function; }
+    /// Source path of the site, without ending.
+    const YString& GetFile() const { return m_file; }
+    unsigned int GetLine() const { return static_cast<unsigned int>(m_line); }
+    /// The raising thread's stack, a line a frame, with names where they are known. Names are looked up here.
+    YString GetStackTrace() const;
+
+protected:
+    friend KRT_API YError MakeYError(ExceptionType, unsigned int, unsigned int, unsigned int, const char*,
+                                     const char*, const YString&);
+
+    YString m_message;
+    YString m_function;
+    unsigned long long m_type = 0;
+    unsigned long long m_messageType = 0;
+    YString m_file;
+    YString m_codeName;   // "InvalidArgument", or "ENOENT" for an OsError
+    YString m_systemText; // strerror's text for an OsError
+    unsigned long long m_line = 0;
+    YString m_stack; // module and offset of each frame, as GetCurrentStackTrace gives them
+    unsigned long long m_code = 0;
+};
+
+class KRT_API YError : public YErrorBase
+{
+public:
+    YError() = default;
+    explicit YError(const YErrorBase& other) : YErrorBase(other) {}
+};
+
+/// The error for a raising site. `code` is an ErrorCode, or an errno for OsError; `file` is the source path and
+/// `function` the bare function name. Takes the stack of the caller. Does not fail.
+KRT_API YError MakeYError(ExceptionType type, unsigned int messageType, unsigned int code, unsigned int line,
+                          const char* file, const char* function, const YString& message);
+
+/// The error for an exception of the standard library or of Boost: InvalidArgument, with `what()` behind the
+/// message.
+KRT_API YError TranslateYError(const std::exception& source, unsigned int messageType, unsigned int line,
+                               const char* file, const char* function, const YString& message);
+
+/// The calling thread's stack: module and offset of each frame, a line each. Cheap: no symbol is looked up.
+KRT_API YString GetCurrentStackTrace();
+
+/// The portable code for an operating-system error number.
+KRT_API unsigned int CodeFromOsError(int osError);
+
+} // namespace Krt::Exception

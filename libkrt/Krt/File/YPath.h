@@ -1,0 +1,89 @@
+// YPath: an immutable path as text. Nothing here touches the file system. Only "/" separates, yet Windows
+// volume forms are recognised at the front, since such paths travel through as data. Objects are shared across
+// threads by const reference: caches are filled under the object's own lock and never change afterwards.
+#pragma once
+
+#include "Krt/String/YString.h"
+#include "Krt/Thread/SpinLock.h"
+
+#include <list>
+#include <memory>
+#include <vector>
+
+namespace Krt::File {
+
+class KRT_API YPath : public YString
+{
+public:
+    YPath() = default;
+    YPath(const YString& text);
+    YPath(YString&& text);
+    YPath(const char* text);
+    YPath(const YPath& other);
+    YPath(YPath&& other) noexcept;
+    YPath& operator=(const YPath& other);
+    YPath& operator=(YPath&& other) noexcept;
+    ~YPath() override;
+
+    /// Upper-case prefixes of Windows paths with a volume in them, sorted by bytes.
+    static const std::vector<YString> s_volumePrefixes;
+
+    // The work on plain text. `separator` counts with its first byte.
+    static YString ConvertToOsPathSep(const YString& path, const char* separator);
+    static YString RemovePathSep(const YString& path, const char* separator);
+    static YString AppendPathSep(const YString& path, const char* separator);
+    static YString PrependPathSep(const YString& path, const char* separator);
+    static YString RemoveLeadingPathSep(const YString& path, const char* separator);
+    static YString AppendPaths(const YString& first, const YString& second, const char* separator);
+    static YString GetFileFromPath(const YString& path, const char* separator);
+    static YString RemoveFileFromPath(const YString& path, const char* separator);
+    static YString GetParentFromPath(const YString& path, const char* separator);
+    static YString RemoveLeadingPath(const YString& path, const YString& leading, const char* separator);
+    static YString GetVolumeFromPath(const YString& path);
+    static YString RemoveVolumeFromPath(const YString& path);
+    /// The volume, if there is one, and then each piece between "/" that is neither empty nor ".".
+    /// For std::list<YString> and std::vector<YString>.
+    template <class Container = std::vector<YString>>
+    static Container SplitRelativePath(const YString& path);
+
+    /// The text; with `trailingSeparator`, the text ending in a separator. Lives as long as the path.
+    const YString& AsUnixPath(bool trailingSeparator) const;
+    YPath GetVolume() const;
+    YPath RemoveVolume() const;
+    /// A copy; raises NoPathComponent beyond the last.
+    YString GetComponent(unsigned int index) const;
+    /// Splits the path at the first call; the vector lives as long as the path and never changes.
+    const std::vector<YString>& PopulateComponents() const;
+    YPath Append(const YString& other) const;
+    YPath Append(const YPath& other) const;
+    YPath operator+(const YString& other) const;
+    YPath GetParent() const;
+    YPath RemoveFile() const;
+    YPath RemoveLeading(const YPath& leading) const;
+    YPath AddLeadingSep() const;
+    bool IsChildOf(const YPath& parent, bool orEqual) const;
+
+    // The text never changes after construction.
+    unsigned int Replace(const char*, const char*, unsigned int, unsigned int, bool) = delete;
+    void Truncate(unsigned int) = delete;
+    void TrimLeft(unsigned int) = delete;
+    void TrimWhiteSpacesLeft() = delete;
+    void TrimWhiteSpacesRight() = delete;
+    unsigned int Copy(const char*, unsigned int) = delete;
+    YString& operator+=(const YString&) = delete;
+
+private:
+    // Brings the text into normal form and forgets the caches.
+    void Initialize(bool convertSeparators);
+
+    mutable std::unique_ptr<YString> m_withSeparator;
+    mutable std::unique_ptr<std::vector<YString>> m_components;
+    mutable Thread::SpinLock m_lock;
+};
+
+template <>
+KRT_API std::list<YString> YPath::SplitRelativePath<std::list<YString>>(const YString& path);
+template <>
+KRT_API std::vector<YString> YPath::SplitRelativePath<std::vector<YString>>(const YString& path);
+
+} // namespace Krt::File

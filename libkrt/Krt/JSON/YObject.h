@@ -1,0 +1,61 @@
+// YObject: the JSON object, keys in the order in which they were put. Values are shared. Reading fills caches
+// inside the values (see YValue), so one thread reads an object at a time.
+#pragma once
+
+#include "Krt/Export.h"
+#include "Krt/String/YString.h"
+
+#include <boost/shared_ptr.hpp>
+
+#include <memory>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace Krt::JSON {
+
+class YValue;
+using YArray = std::vector<boost::shared_ptr<YValue>>;
+
+class KRT_API YObject
+{
+public:
+    using Entry = std::pair<YString, boost::shared_ptr<YValue>>;
+
+    YObject();
+    YObject(const YObject& other);
+    YObject(YObject&& other) noexcept;
+    YObject& operator=(const YObject& other);
+    YObject& operator=(YObject&& other) noexcept;
+    ~YObject();
+
+    /// Stores the value; an existing key keeps its place and gets the new value.
+    void Put(const YString& key, const boost::shared_ptr<YValue>& value);
+    /// Raises NotFound, naming the key, on the channel `messageType`.
+    const boost::shared_ptr<YValue>& Find(const YString& key, unsigned int messageType) const;
+    /// Holds null when the key is absent.
+    const boost::shared_ptr<YValue>& FindOpt(const YString& key) const;
+
+    /// The value under the key as a T, which lives in the value. YString and YArray: as it stands, never
+    /// converted. unsigned int, unsigned long long, bool, Backup::YJobPath: converted once and cached, and the
+    /// first such read fixes the type. YObject: an empty array reads as an empty object. A failure is logged
+    /// on the channel `messageType` and raised again.
+    template <class T>
+    const T& Get(const YString& key, unsigned int messageType) const;
+
+    /// Makes a value, puts it and returns it. For unsigned int, YString, YObject and YArray.
+    template <class T>
+    boost::shared_ptr<YValue> Set(const YString& key, T value);
+
+    /// The members in order.
+    const std::vector<Entry>& Entries() const { return m_entries; }
+
+private:
+    using Index = std::unordered_map<std::string, std::size_t>;
+    std::size_t Position(const YString& key) const;
+
+    std::vector<Entry> m_entries;
+    std::unique_ptr<Index> m_index; // from a size on where looking through the entries would cost more
+};
+
+} // namespace Krt::JSON

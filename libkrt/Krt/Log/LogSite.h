@@ -1,0 +1,46 @@
+// The logging statement. With no logger, or with the channel disabled, nothing of the message is computed.
+//     KRT_LOG(MessageType::FileIo, "Read " << count << " bytes from file " << m_path);   in a member function
+//     KRT_LOG_FREE(MessageType::Volume, "Determining volume path name for path " << path);   elsewhere
+#pragma once
+
+#include "Krt/Log/LogPrefix.h"
+#include "Krt/Log/YLog.h"
+
+namespace Krt::Log {
+
+/// One message on the calling thread's stream; a message that an exception cuts short is dropped.
+class KRT_API YLogLine
+{
+public:
+    explicit YLogLine(unsigned int type);
+    ~YLogLine();
+    YLogLine(const YLogLine&) = delete;
+    YLogLine& operator=(const YLogLine&) = delete;
+    YStream& Stream() { return m_stream; }
+
+private:
+    YStream& m_stream;
+    int m_exceptions;
+};
+
+inline bool IsLogged(unsigned int type)
+{
+    return GetGlobalLogger() != nullptr && GetGlobalRegistrar()->IsMessageEnabled(type);
+}
+
+} // namespace Krt::Log
+
+#define KRT_LOG_WITH_PREFIX(type, prefix, ...)                                                               \
+    do {                                                                                                     \
+        if (::Krt::Log::IsLogged(type)) {                                                                    \
+            ::Krt::Log::YLogLine krtLogLine(type);                                                           \
+            krtLogLine.Stream() << (prefix) << __VA_ARGS__ << ::Krt::Modifiers::EndLine;                     \
+        }                                                                                                    \
+    } while (false)
+
+#define KRT_LOG(type, ...) KRT_LOG_WITH_PREFIX(type, ::Krt::Log::GetLogPrefix(*this), __VA_ARGS__)
+
+#define KRT_LOG_FREE(type, ...)                                                                              \
+    KRT_LOG_WITH_PREFIX(                                                                                     \
+        type, ::Krt::Log::GetLogPrefix<::Krt::YString>(::Krt::Util::Camelify(::Krt::Log::TypeToString(type))), \
+        __VA_ARGS__)

@@ -1,0 +1,36 @@
+// What every slot has: whether it is connected, and which threads are running it at this moment.
+#pragma once
+
+#include "Krt/Export.h"
+
+#include <map>
+
+namespace Krt::Signal {
+
+/// Raised by a slot to say that its target has gone; a firing drops it and goes on with the next slot.
+class KRT_API YSlotExpired
+{
+};
+
+class KRT_API SlotBase
+{
+public:
+    SlotBase() = default;
+    SlotBase(const SlotBase&) = delete;
+    SlotBase& operator=(const SlotBase&) = delete;
+    virtual ~SlotBase() = default;
+
+    bool IsConnected() const { return m_connected; }
+    void SetConnected(bool connected) { m_connected = connected; }
+    /// Counts the calling thread in and out; called with the lock of the Context held.
+    void IncExecuter();
+    void DecExecuter();
+    /// Marks the slot as no longer connected, then waits until no thread but the caller runs it. Takes the lock.
+    void Disconnect();
+
+private:
+    bool m_connected = false;
+    std::map<unsigned long long, unsigned int> m_executers;
+};
+
+} // namespace Krt::Signal

@@ -1,0 +1,103 @@
+// YSignal: calls every connected function, each without any lock held. Slots may connect, disconnect (also
+// themselves) and fire while they run; a slot connected during a firing waits for the next one.
+#pragma once
+
+#include "Krt/KrtFoundation/boostapi.h"
+#include "Krt/Signal/Context.h"
+#include "Krt/Signal/SlotBase.h"
+#include "Krt/Thread/YCancellationScope.h"
+
+#include <boost/function.hpp>
+#include <boost/make_shared.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <deque>
+#include <list>
+#include <set>
+#include <utility>
+
+namespace Krt::Signal {
+
+/// Keeps the last slot's result; for void there is none to keep.
+template <class T>
+class OptionalLastCombiner;
+template <>
+class OptionalLastCombiner<void>
+{
+public:
+    void Note() {}
+};
+
+/// A connection: disconnects its slot when it goes, and waits then for a call in progress on another thread.
+/// Movable. Outlives its signal safely.
+class YSlot
+{
+public:
+    YSlot() = default;
+    explicit YSlot(boost::shared_ptr<SlotBase> slot) : m_slot(std::move(slot)) {}
+    YSlot(YSlot&& other) noexcept : m_slot(std::move(other.m_slot)) { other.m_slot.reset(); }
+    YSlot& operator=(YSlot&& other) noexcept
+    {
+        if (this != &other) {
+            Disconnect();
+            m_slot = std::move(other.m_slot);
+            other.m_slot.reset();
+        }
+        return *this;
+    }
+    ~YSlot() { Disconnect(); }
+
+    bool IsConnected() const { return m_slot != nullptr; }
+    void Disconnect() noexcept
+    {
+        if (const boost::shared_ptr<SlotBase> slot = std::exchange(m_slot, nullptr))
+            slot->Disconnect();
+    }
+
+private:
+    boost::shared_ptr<SlotBase> m_slot;
+};
+
+template <class Signature, class Combiner = OptionalLastCombiner<void>,
+          class Function = boost::function<Signature>>
+class YSignal;
+
+template <class... Args, class Combiner, class Function>
+class YSignal<void(Args...), Combiner, Function>
+{
+public:
+    YSignal() = default;
+    YSignal(const YSignal&) = delete;
+    YSignal& operator=(const YSignal&) = delete;
+
+    /// Calls `function` at each firing for as long as the returned slot lives.
+    [[nodiscard]] YSlot Connect(Function function) { return Connect(std::move(function), nullptr); }
+    /// The same, and only for as long as `owner` is shared by somebody.
+    [[nodiscard]] YSlot Connect(Function function, const boost::shared_ptr<void>& owner);
+
+    /// Calls the slots. What a slot raises passes through, save YSlotExpired.
+    void operator()(Args... args) const;
+
+    Thread::YCancellationScope* AllocateCancellationScope() const;
+    void ReleaseCancellationScope(Thread::YCancellationScope* scope) const;
+
+private:
+    struct Slot : SlotBase
+    {
+        Function function;
+    };
+    struct Connection
+    {
+        Slot* slot;
+        boost::weak_ptr<void> owner;
+    };
+
+    mutable std::list<Connection> m_connections;
+    mutable std::set<Thread::YCancellationScope*> m_scopes;
+    mutable std::deque<unsigned int> m_freed;
+};
+
+} // namespace Krt::Signal
+
+#include "Krt/Signal/YSignal.inl"

@@ -1,0 +1,121 @@
+// YString: the one text type. It holds UTF-8 and counts in characters, where a character is what the lead
+// byte announces (see GetChrSize): nothing is validated. Positions and counts are characters; NotFound also
+// means "to the end" in count arguments. "Case-sensitive" compares bytes; otherwise ASCII letters alone fold.
+// A string has no lock; reads fill the cached character count, which is atomic, so a string that nobody
+// changes may be read by many threads.
+#pragma once
+
+#include "Krt/Export.h"
+#include "Krt/Memory/YHeap.h"
+
+#include <atomic>
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace Krt {
+
+namespace String {
+/// Bytes of the character that begins with this lead byte: 1 to 6.
+template <class Char>
+unsigned int GetChrSize(const Char* text);
+template <>
+KRT_API unsigned int GetChrSize<char>(const char* text);
+} // namespace String
+
+class KRT_API YString
+{
+public:
+    static constexpr unsigned int NotFound = 0xFFFFFFFF;
+
+    YString() noexcept = default;
+    YString(std::nullptr_t) noexcept {}
+    /// The bytes up to the first NUL; null gives the empty string.
+    YString(const char* text);
+    explicit YString(char byte);
+    /// UTF-16 code units, one a wchar_t, up to the first NUL unit. Raises InvalidUtf16.
+    YString(const wchar_t* text);
+    /// All bytes, NUL bytes inside kept; those at the end are stripped, as always.
+    explicit YString(std::string_view bytes);
+    template <class Iterator>
+    YString(Iterator first, Iterator last) : m_bytes(first, last)
+    {
+        Normalize();
+    }
+    YString(const YString& other) : m_bytes(other.m_bytes), m_count(other.CachedCount()) {}
+    YString(YString&& other) noexcept;
+    YString& operator=(const YString& other);
+    YString& operator=(YString&& other) noexcept;
+    virtual ~YString() = default;
+
+    /// The bytes, NUL-terminated behind the last; valid until the next change.
+    const char* CStr() const noexcept { return m_bytes.c_str(); }
+    const std::string& Bytes() const noexcept { return m_bytes; }
+    bool IsEmpty() const noexcept { return m_bytes.empty(); }
+    /// Characters up to the first NUL; counted once and cached.
+    unsigned int Length() const;
+    /// The text as UTF-16 code units, one a wchar_t, NUL-terminated, made at the first call and owned by this
+    /// string; raises InvalidUtf8. Not for a string that threads share.
+    const wchar_t* AsWide() const;
+
+    unsigned int Find(const char* needle, unsigned int start, bool caseSensitive) const;
+    unsigned int Find(const YString& needle, unsigned int start, bool caseSensitive) const
+    {
+        return Find(needle.CStr(), start, caseSensitive);
+    }
+    /// The field at `start`; `*next` advances behind the delimiter, or becomes NotFound at the end. The
+    /// delimiter's length goes in as bytes, so a multi-byte delimiter lands too far.
+    YString Section(YString delimiter, unsigned int start, unsigned int* next, bool caseSensitive) const;
+    std::vector<YString> SectionVector(YString delimiter, bool caseSensitive, bool skipEmpty) const;
+    std::vector<YString> SectionVector(char delimiter, bool caseSensitive, bool skipEmpty) const;
+    static YString VectorSection(char delimiter, const std::vector<YString>& items);
+    /// What stands before and behind the first match; the whole and nothing if there is none.
+    std::pair<YString, YString> Split(const YString& delimiter, bool caseSensitive) const;
+    /// With `escaped` the delimiter is a backslash and then the character.
+    std::pair<YString, YString> Split(char delimiter, bool caseSensitive, bool escaped) const;
+    YString Mid(unsigned int start, unsigned int count) const;
+    YString Left(unsigned int count) const;
+    YString Right(unsigned int count) const;
+    /// First byte of the character at `index`; raises InvalidArgument past the end.
+    const char& At(unsigned int index) const;
+    bool EndsWith(const YString& suffix, bool caseSensitive) const;
+
+    /// Replaces up to `maxCount` matches (0: all) from `start` on and returns how many; inserted text is not
+    /// searched again. Raises InvalidArgument if `start` is past the end.
+    unsigned int Replace(const char* from, const char* to, unsigned int start, unsigned int maxCount,
+                         bool caseSensitive);
+    void Truncate(unsigned int count);
+    void TrimLeft(unsigned int count);
+    /// Blanks, line feeds and carriage returns; a tab is text.
+    void TrimWhiteSpacesLeft();
+    void TrimWhiteSpacesRight();
+    /// Replaces the content with at most `maxChars` characters of `source`; returns how many were taken.
+    unsigned int Copy(const char* source, unsigned int maxChars);
+    YString& operator+=(const YString& other);
+
+    friend bool operator==(const YString& a, const YString& b) noexcept { return a.m_bytes == b.m_bytes; }
+    friend bool operator==(const YString& a, const char* b) noexcept { return a.m_bytes == (b ? b : ""); }
+    /// Bytes as unsigned numbers over the shorter length, then the shorter first.
+    friend auto operator<=>(const YString& a, const YString& b) noexcept { return a.m_bytes <=> b.m_bytes; }
+
+private:
+    static constexpr unsigned int Unknown = 0xFFFFFFFF;
+
+    unsigned int CachedCount() const noexcept { return m_count.load(std::memory_order_relaxed); }
+    // Byte offset of a character, or npos past the end.
+    std::size_t Locate(unsigned int index, std::size_t from = 0) const;
+    // Every mutator begins with DropWide and ends with Normalize.
+    void DropWide();
+    void Normalize() noexcept;
+
+    std::string m_bytes;
+    mutable std::atomic<unsigned int> m_count{Unknown};
+    mutable Memory::YHeap<wchar_t> m_wide;
+};
+
+KRT_API YString operator+(char first, const YString& rest);
+KRT_API YString operator+(const YString& first, const YString& rest);
+
+} // namespace Krt

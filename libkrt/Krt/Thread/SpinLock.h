@@ -1,0 +1,55 @@
+// The recursive spin lock that guards lazily computed values: three atomics inside the object that they guard.
+// No queue and no time limit, so it suits sections that only compute a string.
+#pragma once
+
+#include "Krt/Thread/Thread.h"
+
+#include <atomic>
+
+namespace Krt::Thread {
+
+class SpinLock
+{
+public:
+    void Enter() noexcept
+    {
+        const unsigned long long me = GetThreadId();
+        if (m_lockOwner.load(std::memory_order_relaxed) != me) {
+            while (m_lockFlag.exchange(1, std::memory_order_acquire) != 0)
+                Yield();
+            m_lockOwner.store(me, std::memory_order_relaxed);
+        }
+        m_lockCount.fetch_add(1, std::memory_order_relaxed);
+    }
+
+    // The owner is cleared before the flag is given up, so that only its own thread ever reads its id here.
+    void Leave() noexcept
+    {
+        if (m_lockCount.fetch_sub(1, std::memory_order_relaxed) == 1) {
+            m_lockOwner.store(Free, std::memory_order_relaxed);
+            m_lockFlag.store(0, std::memory_order_release);
+        }
+    }
+
+private:
+    static constexpr unsigned long long Free = 0xFFFFFFFFFFFFFFFF;
+
+    std::atomic<unsigned char> m_lockFlag{0};
+    std::atomic<unsigned long long> m_lockOwner{Free};
+    std::atomic<unsigned int> m_lockCount{0};
+};
+
+/// Holds a SpinLock for a scope.
+class SpinGuard
+{
+public:
+    explicit SpinGuard(SpinLock& lock) noexcept : m_lock(lock) { m_lock.Enter(); }
+    ~SpinGuard() { m_lock.Leave(); }
+    SpinGuard(const SpinGuard&) = delete;
+    SpinGuard& operator=(const SpinGuard&) = delete;
+
+private:
+    SpinLock& m_lock;
+};
+
+} // namespace Krt::Thread

@@ -1,0 +1,47 @@
+// A lock for several readers or one writer, recursive on a thread in both kinds: whoever writes may read and
+// write again, whoever reads may read again, and a reader that wants to write waits for the others to leave.
+#pragma once
+
+#include "Krt/Export.h"
+#include "Krt/Time/YDuration.h"
+
+#include <boost/shared_ptr.hpp>
+
+namespace Krt::Thread {
+
+class YReadWriteMutexInternal;
+
+class KRT_API YReadWriteMutex
+{
+public:
+    /// A held lock; movable. Whether it reads or writes is known by the thread's record, not by the lock.
+    class KRT_API YLock
+    {
+    public:
+        YLock() = default;
+        YLock(YLock&& other) noexcept;
+        YLock& operator=(YLock&& other) noexcept;
+        ~YLock();
+        void Release() noexcept;
+
+    private:
+        friend class YReadWriteMutex;
+        explicit YLock(boost::shared_ptr<YReadWriteMutexInternal> internal) noexcept;
+
+        boost::shared_ptr<YReadWriteMutexInternal> m_internal;
+        // Levels to bring back at release; both 0 for a plain lock.
+        unsigned int m_readLevels = 0;
+        unsigned int m_writeLevels = 0;
+    };
+
+    YReadWriteMutex();
+
+    /// Zero waits without limit; a positive time is measured on the steady clock. Raises LockTimeout.
+    YLock ReadLock(const Time::YDuration& timeout) const;
+    YLock WriteLock(const Time::YDuration& timeout) const;
+
+private:
+    boost::shared_ptr<YReadWriteMutexInternal> m_internal;
+};
+
+} // namespace Krt::Thread

@@ -1,0 +1,25 @@
+// A span of time, to the nanosecond.
+#pragma once
+
+#include <chrono>
+#include <compare>
+
+namespace Krt::Time {
+
+class YDuration
+{
+public:
+    static constexpr YDuration Zero() { return YDuration(std::chrono::nanoseconds(0)); }
+    static constexpr YDuration Milliseconds(long long count) { return YDuration(std::chrono::milliseconds(count)); }
+    static constexpr YDuration Seconds(long long count) { return YDuration(std::chrono::seconds(count)); }
+
+    constexpr std::chrono::nanoseconds AsChrono() const { return m_span; }
+    constexpr bool IsZero() const { return m_span.count() == 0; }
+    friend constexpr auto operator<=>(const YDuration&, const YDuration&) = default;
+
+private:
+    constexpr explicit YDuration(std::chrono::nanoseconds span) : m_span(span) {}
+    std::chrono::nanoseconds m_span;
+};
+
+} // namespace Krt::Time

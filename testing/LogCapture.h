@@ -1,0 +1,27 @@
+// Catches what the library logs: opens the process's log on a temporary file with the given channels enabled,
+// and closes it with none enabled at the end.
+#pragma once
+
+#include "testing/TemporaryDirectory.h"
+
+#include <string>
+#include <vector>
+
+namespace Testing {
+
+class LogCapture
+{
+public:
+    explicit LogCapture(const std::vector<std::string>& channels);
+    ~LogCapture();
+
+    /// The messages so far without the logger's time and level: thread id, name, ": ", text.
+    std::vector<std::string> Lines() const;
+    /// The same without the thread id, so "YFile: Read 3 bytes ...".
+    std::vector<std::string> Texts() const;
+
+private:
+    TemporaryDirectory m_directory;
+};
+
+} // namespace Testing
