@@ -1,0 +1,86 @@
+// YDirectory: an open directory, whose entries are reached through its descriptor. No operation follows a
+// symbolic link at an entry, so a walk or a restore that goes down component by component stays below its
+// root even while somebody swaps directories for links. A name is one component: empty, ".", "..", or one
+// that holds
+// "/" raises InvalidArgument before any system call. Failures raise the operating system's error (channel
+// General) with operation and name in the text. Calls that a signal interrupted are repeated. Apart from
+// VisitEntries, any number of threads may use a directory at once.
+#pragma once
+
+#include "Krt/File/OpenFile.h"
+
+#include <functional>
+
+namespace Krt::File {
+
+/// What a listing tells of an entry. The type is a DT_ constant of <dirent.h>; DT_UNKNOWN asks for Stat.
+struct DirectoryEntry
+{
+    const YString& name;
+    unsigned char type;
+    unsigned long long inode;
+};
+
+class KRT_API YDirectory
+{
+public:
+    /// The last component may not be a link; those before it may.
+    static YDirectory Open(const YPath& path);
+    /// For a root that the user named: links are followed.
+    static YDirectory OpenFollowing(const YPath& path);
+
+    /// For the operations of OpenFile.h on the directory itself. Owned by this object.
+    const Util::YUnxHandle& GetHandle() const { return m_handle; }
+
+    // What is there.
+    YDirectory OpenDirectory(const YString& name) const;
+    /// For reading; never blocks on a FIFO. Whether it is a regular file is for the caller to ask of the
+    /// handle.
+    Util::YUnxHandle OpenFile(const YString& name) const;
+    /// Of the directory itself.
+    struct stat Stat() const;
+    /// Of the entry itself, also for a link.
+    struct stat Stat(const YString& name) const;
+    /// The same, with the answer false and `status` untouched for a missing entry.
+    bool StatIfPresent(const YString& name, struct stat& status) const;
+    /// The whole target, whatever its length.
+    YString ReadSymbolicLink(const YString& name) const;
+    /// Calls the visitor for each entry but "." and "..", in the file system's order, in bounded memory;
+    /// stops when it returns false. What the visitor raises passes through. One listing of a directory at a
+    /// time.
+    void VisitEntries(const std::function<bool(const DirectoryEntry&)>& visitor) const;
+
+    // Making entries. A name that is taken is a failure (EEXIST).
+    /// For writing, with mode 0600.
+    Util::YUnxHandle CreateFile(const YString& name) const;
+    void MakeDirectory(const YString& name, unsigned int mode) const;
+    void MakeSymbolicLink(const YString& name, const YString& target) const;
+    void MakeFifo(const YString& name, unsigned int mode) const;
+    /// `mode` holds S_IFCHR, S_IFBLK or S_IFSOCK; the device number is ignored for a socket.
+    void MakeDevice(const YString& name, unsigned int mode, unsigned long long device) const;
+    /// A further name for an existing entry, which may itself be a link.
+    void MakeHardLink(const YDirectory& fromDirectory, const YString& fromName, const YString& name) const;
+
+    // Moving and removing. A missing entry counts as removed.
+    /// Replaces what `to` names, as rename does.
+    void Rename(const YString& from, const YDirectory& toDirectory, const YString& to) const;
+    void RemoveFile(const YString& name) const;
+    void RemoveDirectory(const YString& name) const;
+
+    // Attributes of the entry itself.
+    void SetOwner(const YString& name, unsigned int user, unsigned int group) const;
+    /// EOPNOTSUPP for a link where the system keeps no modes of links.
+    void SetMode(const YString& name, unsigned int mode) const;
+    void SetTimes(const YString& name, const timespec& access, const timespec& write) const;
+    std::list<YString> ListExtendedAttributes(const YString& name) const;
+    ExtendedAttributeMap GetExtendedAttributeMap(const YString& name) const;
+    void AddExtendedAttribute(const YString& name, const YString& attribute, const void* data,
+                              unsigned int size, unsigned int flags) const;
+
+private:
+    explicit YDirectory(Util::YUnxHandle handle) : m_handle(std::move(handle)) {}
+
+    Util::YUnxHandle m_handle;
+};
+
+} // namespace Krt::File
