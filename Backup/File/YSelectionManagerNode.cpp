@@ -1,0 +1,234 @@
+#include "Backup/File/YSelectionManagerNode.h"
+
+#include "Backup/File/YSelectionNodeWalk.h"
+
+#include "Krt/Log/LogSite.h"
+
+#include <algorithm>
+#include <string>
+
+namespace Backup::File {
+
+using Krt::File::YPath;
+using Krt::Match::MatchType;
+using Node = YSelectionManager::YSelectionManagerNode;
+
+Node::YSelectionManagerNode(const YString& name, YSelectionManagerNode* parent)
+    : m_name(name), m_parent(parent)
+{}
+
+Node::~YSelectionManagerNode()
+{
+    // From the leaves up, so that no child has children of its own to destroy.
+    for (Node* node = this;;) {
+        if (!node->m_children.empty()) {
+            node = node->m_children.begin()->second.get();
+        } else if (node == this) {
+            return;
+        } else {
+            node = node->m_parent;
+            node->m_children.erase(node->m_children.begin());
+        }
+    }
+}
+
+YPath Node::GetPath() const
+{
+    if (m_parent == nullptr)
+        return "/";
+    std::vector<const Node*> steps;
+    std::size_t length = 0;
+    for (const Node* node = this; node->m_parent != nullptr; node = node->m_parent) {
+        steps.push_back(node);
+        length += 1 + node->m_name.Bytes().size();
+    }
+    std::string text;
+    text.reserve(length);
+    for (auto step = steps.rbegin(); step != steps.rend(); ++step) {
+        text += '/';
+        text += (*step)->m_name.Bytes();
+    }
+    return YString(std::string_view(text));
+}
+
+std::unique_ptr<Node> Node::CopyRecursive(const YSelectionManagerNode& source, YSelectionManagerNode* parent)
+{
+    std::unique_ptr<Node> top;
+    std::vector<Node*> above; // the copies from the top down to the parent of the next one
+    for (Walk walk(source); const Node* original = walk.Current(); walk.Next()) {
+        above.resize(walk.Depth());
+        auto copy = std::make_unique<Node>(original->m_name, above.empty() ? parent : above.back());
+        copy->m_includes = original->m_includes;
+        copy->m_excludes = original->m_excludes;
+        Node* const node = copy.get();
+        if (above.empty()) {
+            top = std::move(copy);
+        } else {
+            Children& beside = above.back()->m_children;
+            beside.emplace_hint(beside.end(), node->m_name, std::move(copy));
+        }
+        above.push_back(node);
+    }
+    return top;
+}
+
+bool Node::operator==(const YSelectionManagerNode& other) const
+{
+    const auto sameContent = [](const Node& a, const Node& b) {
+        return a.m_children.size() == b.m_children.size() && a.m_name == b.m_name &&
+               a.m_includes.size() == b.m_includes.size() && a.m_excludes.size() == b.m_excludes.size() &&
+               std::equal(a.m_includes.begin(), a.m_includes.end(), b.m_includes.begin()) &&
+               std::equal(a.m_excludes.begin(), a.m_excludes.end(), b.m_excludes.begin());
+    };
+    // Equal numbers of children keep the two walks in step; the names then tell whether the keys agree.
+    Walk walk(*this), otherWalk(other);
+    for (; walk.Current() != nullptr; walk.Next(), otherWalk.Next()) {
+        if (!sameContent(*walk.Current(), *otherWalk.Current()))
+            return false;
+    }
+    return true;
+}
+
+void Node::PruneNodeIncludes(const YSelectionDescriptor& rule, bool pruneExplicit)
+{
+    std::erase_if(m_includes, [&](const YSelectionDescriptor& stored) {
+        if ((stored.GetExplicitSelection() && !pruneExplicit) || !rule.CanPrune(stored))
+            return false;
+        KRT_LOG(MessageType::SelectionBuild,
+                "At node for " << GetPath() << " include descriptor " << rule << " prunes " << stored);
+        return true;
+    });
+}
+
+void Node::PruneNodeExcludes(const YSelectionDescriptor& rule)
+{
+    std::erase_if(m_excludes, [&](const YSelectionDescriptor& stored) {
+        if (!rule.CanPrune(stored))
+            return false;
+        KRT_LOG(MessageType::SelectionBuild,
+                "At node for " << GetPath() << " exclude descriptor " << rule << " prunes " << stored);
+        return true;
+    });
+}
+
+void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
+{
+    if (!rule.IsRecursive())
+        return;
+    // One pass: prunes on the way down and sweeps what is empty on the way up.
+    std::vector<Children::iterator> open;
+    Node* node = this;
+    auto next = m_children.begin();
+    for (;;) {
+        if (next != node->m_children.end()) {
+            open.push_back(next);
+            node = next->second.get();
+            node->PruneNodeIncludes(rule, false);
+            node->PruneNodeExcludes(rule);
+            next = node->m_children.begin();
+        } else if (node == this) {
+            return;
+        } else {
+            Node* const parent = node->m_parent;
+            next = node->IsEmpty() ? parent->m_children.erase(open.back()) : std::next(open.back());
+            open.pop_back();
+            node = parent;
+        }
+    }
+}
+
+bool Node::DoesNodePruneDescriptor(const YSelectionDescriptor& candidate,
+                                   bool checkNonRecursiveDescriptors) const
+{
+    return std::any_of(m_includes.begin(), m_includes.end(),
+                       [&](const YSelectionDescriptor& rule) {
+                           return (checkNonRecursiveDescriptors ||
+                                   (rule.IsRecursive() && !rule.GetExplicitSelection())) &&
+                                  rule.CanPrune(candidate);
+                       }) ||
+           std::any_of(m_excludes.begin(), m_excludes.end(), [&](const YSelectionDescriptor& rule) {
+               return (checkNonRecursiveDescriptors || rule.IsRecursive()) && rule.CanPrune(candidate);
+           });
+}
+
+bool Node::MatchesInclude(const YString& name, bool checkNonRecursiveDescriptors) const
+{
+    return std::any_of(m_includes.begin(), m_includes.end(), [&](const YSelectionDescriptor& rule) {
+        return (checkNonRecursiveDescriptors || rule.IsRecursive()) &&
+               Krt::Match::Check(name, rule.GetDescriptor());
+    });
+}
+
+bool Node::MatchesExclude(const YString& name, bool checkNonRecursiveDescriptors, bool& reportable) const
+{
+    bool matched = false;
+    reportable = false;
+    for (const YSelectionDescriptor& rule : m_excludes) {
+        if ((checkNonRecursiveDescriptors || rule.IsRecursive()) &&
+            Krt::Match::Check(name, rule.GetDescriptor())) {
+            matched = true;
+            reportable = reportable || rule.GetReportExclude();
+        }
+    }
+    return matched;
+}
+
+bool Node::MatchesExplicitExactNonRecursiveInclude(const YString& name) const
+{
+    return std::any_of(m_includes.begin(), m_includes.end(), [&](const YSelectionDescriptor& rule) {
+        return rule.GetExplicitSelection() && !rule.IsRecursive() &&
+               rule.GetDescriptor().GetMatchType() == MatchType::Exact &&
+               Krt::Match::Check(name, rule.GetDescriptor());
+    });
+}
+
+bool Node::AllChildrenAreExcludedNotReportably() const
+{
+    bool covered = false;
+    for (const YSelectionDescriptor& rule : m_excludes) {
+        if (!rule.CoversAllNames())
+            continue;
+        if (rule.GetReportExclude())
+            return false;
+        covered = true;
+    }
+    return covered;
+}
+
+bool Node::HasAnyRecursiveIncludes() const
+{
+    return std::any_of(m_includes.begin(), m_includes.end(),
+                       [](const YSelectionDescriptor& rule) { return rule.IsRecursive(); });
+}
+
+bool Node::HasAnyIncludesBelow() const
+{
+    for (Walk walk(*this); walk.Current() != nullptr; walk.Next()) {
+        if (walk.Current()->HasAnyIncludes())
+            return true;
+    }
+    return false;
+}
+
+bool Node::SelectsAllExplicitly() const
+{
+    return std::any_of(m_includes.begin(), m_includes.end(), [](const YSelectionDescriptor& rule) {
+        return rule.IsRecursive() && rule.GetExplicitSelection() && rule.CoversAllNames();
+    });
+}
+
+Node* Node::FindChild(const YString& name) const
+{
+    const auto child = m_children.find(name);
+    return child == m_children.end() ? nullptr : child->second.get();
+}
+
+Node& Node::GetOrAddChild(const YString& name)
+{
+    auto child = m_children.lower_bound(name);
+    if (child == m_children.end() || child->first != name)
+        child = m_children.emplace_hint(child, name, std::make_unique<Node>(name, this));
+    return *child->second;
+}
+
+} // namespace Backup::File

@@ -1,0 +1,225 @@
+// The walks through the selection tree and what is gathered by them.
+#include "Backup/File/YSelectionManagerNode.h"
+#include "Backup/File/YSelectionNodeWalk.h"
+
+#include "Krt/Container/YSet.h"
+#include "Krt/KrtFoundation/boostapi.h"
+#include "Krt/Log/YStream.h"
+
+#include <algorithm>
+#include <optional>
+
+namespace Backup::File {
+
+using Krt::File::YPath;
+using Krt::Time::YDuration;
+using Node = YSelectionManager::YSelectionManagerNode;
+
+const Node::Rules* Node::RulesOfType(SelectionType type) const
+{
+    if (type == SelectionType::Include)
+        return &m_includes;
+    return type == SelectionType::Exclude ? &m_excludes : nullptr;
+}
+
+bool Node::VisitPaths(SelectionType type, PathVisitor visitor) const
+{
+    if (RulesOfType(type) == nullptr)
+        return false;
+    Walk walk(*this);
+    while (const Node* const node = walk.Current()) {
+        if (node->RulesOfType(type)->empty()) {
+            walk.Next();
+            continue;
+        }
+        if (visitor(node->GetPath()))
+            return true;
+        walk.NextBeside();
+    }
+    return false;
+}
+
+bool Node::VisitPathsAndDescriptors(SelectionType type, RuleVisitor visitor, bool recurse) const
+{
+    return RulesOfType(type) != nullptr && VisitRules({type}, visitor, recurse);
+}
+
+bool Node::VisitPathsAndDescriptors(RuleVisitor visitor, bool recurse) const
+{
+    return VisitRules({SelectionType::Include, SelectionType::Exclude}, visitor, recurse);
+}
+
+bool Node::VisitRules(std::initializer_list<SelectionType> types, const RuleVisitor& visitor,
+                      bool recurse) const
+{
+    for (Walk walk(*this); const Node* const node = walk.Current(); walk.Next()) {
+        std::optional<YPath> path; // only nodes with rules need one
+        for (const SelectionType type : types) {
+            for (const YSelectionDescriptor& rule : *node->RulesOfType(type)) {
+                if (!path)
+                    path = node->GetPath();
+                if (visitor(*path, rule))
+                    return true;
+            }
+        }
+        if (!recurse)
+            return false;
+    }
+    return false;
+}
+
+void Node::VisitAllNodes(YSelectionManagerNode& start, NodeVisitor visitor)
+{
+    Walk walk(start);
+    for (walk.Next(); walk.Current() != nullptr; walk.Next())
+        Krt::CallFunction(visitor, walk.Current());
+}
+
+bool YSelectionManager::VisitPaths(SelectionType type, const YPath& start, PathVisitor visitor) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    return FindNode(start, false).first->VisitPaths(type, std::move(visitor));
+}
+
+bool YSelectionManager::VisitPathsAndDescriptors(SelectionType type, const YPath& start, RuleVisitor visitor,
+                                                 bool recurse) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    return FindNode(start, false).first->VisitPathsAndDescriptors(type, std::move(visitor), recurse);
+}
+
+bool YSelectionManager::VisitPathsAndDescriptors(const YPath& start, RuleVisitor visitor, bool recurse) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    return FindNode(start, false).first->VisitPathsAndDescriptors(std::move(visitor), recurse);
+}
+
+void YSelectionManager::VisitAllNodes(NodeVisitor visitor) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    Krt::CallFunction(visitor, m_root.get());
+    Node::VisitAllNodes(*m_root, std::move(visitor));
+}
+
+std::set<YPath> YSelectionManager::GetIncludeTops(const YPath& start) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    std::set<YPath> tops;
+    VisitPaths(SelectionType::Include, start, [&](const YPath& path) {
+        if (path.IsEmpty())
+            RaiseError("operator()", ErrorCode::InvalidArgument,
+                       "Path should never be empty on unix.  Even for the root node is should be /");
+        // There are no answers about the root. Elsewhere a top that is excluded, or cut off, is none.
+        if (path == "/" || IsPathSelectedOrSelectionParent(path))
+            tops.insert(path);
+        return false;
+    });
+    return tops;
+}
+
+void YSelectionManager::GetVolumes(Krt::Container::YSet<YPath>& volumes) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    volumes.Clear();
+    for (const YPath& top : GetIncludeTops(YPath()))
+        volumes.Insert(top.GetVolume());
+}
+
+std::vector<YPath> YSelectionManager::AncestorsOf(const YPath& path)
+{
+    const auto isTop = [](const YPath& candidate) {
+        return candidate.IsEmpty() || candidate == "/" || candidate.RemoveVolume().IsEmpty();
+    };
+    std::vector<YPath> ancestors;
+    if (!isTop(path)) {
+        YPath current = path.RemoveFile();
+        for (; !isTop(current); current = current.RemoveFile())
+            ancestors.push_back(current);
+        ancestors.push_back(current);
+    }
+    ancestors.push_back(YPath());
+    std::reverse(ancestors.begin(), ancestors.end());
+    return ancestors;
+}
+
+std::set<YSelectionPathDescriptor> YSelectionManager::GetSelections(const YPath& path) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    std::set<YSelectionPathDescriptor> selections;
+    for (const YPath& ancestor : AncestorsOf(path)) {
+        VisitPathsAndDescriptors(
+            ancestor,
+            [&](const YPath& place, const YSelectionDescriptor& rule) {
+                if (rule.IsRecursive())
+                    selections.insert(YSelectionPathDescriptor(place, rule));
+                return false;
+            },
+            false);
+    }
+    VisitPathsAndDescriptors(
+        path,
+        [&](const YPath& place, const YSelectionDescriptor& rule) {
+            // A walk from a path without a node began above it.
+            if (path.IsEmpty() || place.IsChildOf(path, true))
+                selections.insert(YSelectionPathDescriptor(place, rule));
+            return false;
+        },
+        true);
+    return selections;
+}
+
+void Node::Write(Krt::YStream& stream) const
+{
+    using Krt::Hex;
+    using Krt::Modifiers;
+    const auto writeRules = [&](const char* title, const Rules& rules) {
+        stream << title;
+        const char* separator = "";
+        for (const YSelectionDescriptor& rule : rules) {
+            stream << separator << rule;
+            separator = ", ";
+        }
+        stream << Modifiers::EndLine;
+    };
+    stream << "name: \"" << m_name << "\"" << Modifiers::EndLine;
+    stream << " node address: " << Hex::On << reinterpret_cast<unsigned long>(this) << Modifiers::EndLine;
+    stream << " path: \"" << GetPath() << Modifiers::EndLine;
+    stream << " parent: " << Hex::On << reinterpret_cast<unsigned long>(m_parent) << Modifiers::EndLine;
+    writeRules(" includes: ", m_includes);
+    writeRules(" excludes: ", m_excludes);
+}
+
+Krt::YStream& operator<<(Krt::YStream& stream, const Node& node)
+{
+    struct Level
+    {
+        const Node* node;
+        Node::Children::const_iterator next;
+    };
+    node.Write(stream);
+    std::vector<Level> open{{&node, node.m_children.begin()}};
+    while (!open.empty()) {
+        Level& level = open.back();
+        if (level.next == level.node->m_children.end()) {
+            open.pop_back();
+            continue;
+        }
+        const auto& [name, child] = *level.next++;
+        if (child == nullptr) { // a damaged tree is what such a print is for
+            stream << "child.second is empty for: " << name << " under node at address: " << Krt::Hex::On
+                   << reinterpret_cast<unsigned long>(level.node) << Krt::Modifiers::EndLine;
+            continue;
+        }
+        child->Write(stream);
+        open.push_back({child.get(), child->m_children.begin()});
+    }
+    return stream;
+}
+
+Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManager& manager)
+{
+    manager.m_lock.ReadLock(YDuration::Zero()).Release();
+    return stream << *manager.m_root;
+}
+
+} // namespace Backup::File

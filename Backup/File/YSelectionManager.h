@@ -1,0 +1,147 @@
+// All selection rules of a backup job, in a tree that mirrors the file system: a node for each directory at
+// which a rule stands or below which one does. The tree keeps itself minimal while rules arrive. Any thread
+// may call any operation: changes write-lock the tree, queries and walks read-lock it, and locks are
+// re-entrant on a thread. Two managers are locked in the order "this one, then the argument". Visitors run
+// under the lock and must not change the tree. Trees may be a million levels deep: nothing recurses.
+#pragma once
+
+#include "Backup/File/YSelectionPathDescriptor.h"
+
+#include "Krt/Thread/YReadWriteMutex.h"
+
+#include <boost/function.hpp>
+
+#include <functional>
+#include <memory>
+#include <set>
+#include <span>
+#include <utility>
+#include <vector>
+
+namespace Krt::Container {
+template <class T>
+class YSet;
+}
+
+namespace Backup::File {
+
+class BACKUP_API YSelectionManager
+{
+public:
+    class BACKUP_API YSelectionManagerNode; // in its own header
+    using SelectionType = YSelectionDescriptor::SelectionType;
+    using RecursionType = YSelectionDescriptor::RecursionType;
+    using Components = std::vector<YString>;
+    /// Visitors: true stops the walk. An empty one raises std::bad_function_call when it is due.
+    using PathVisitor = std::function<bool(const Krt::File::YPath&)>;
+    using RuleVisitor = std::function<bool(const Krt::File::YPath&, const YSelectionDescriptor&)>;
+    /// Can't stop the walk. An empty one raises "call to empty boost::function".
+    using NodeVisitor = boost::function<void(const YSelectionManagerNode*)>;
+
+    YSelectionManager();
+    YSelectionManager(const YSelectionManager& other);
+    /// Leaves `other` fit for nothing but destruction and assignment.
+    YSelectionManager(YSelectionManager&& other);
+    YSelectionManager& operator=(YSelectionManager other);
+    ~YSelectionManager();
+    void Swap(YSelectionManager& other);
+
+    /// Same nodes, names and rules, waypoints without rules included.
+    bool operator==(const YSelectionManager& other) const;
+
+    /// Takes the rule in and drops the rules that it covers; false if it is redundant itself. Raises
+    /// InvalidArgument for an include with an empty path, which an exclude may have.
+    bool Add(const YSelectionPathDescriptor& rule);
+    bool Add(const Krt::File::YPath& path, const YSelectionDescriptor& rule);
+    bool Add(const Krt::File::YPath& path, const Krt::Match::Descriptor& descriptor,
+             RecursionType recursionType, SelectionType selectionType, bool reportExclude);
+    /// Whether a rule at the same path or a wider one above covers this one.
+    bool IsDescriptorRedundant(const YSelectionPathDescriptor& rule) const;
+    /// Drops all rules at the path and below; nothing happens where no rule stands.
+    void Delete(const Krt::File::YPath& path);
+    /// Drops the include that equals the rule, and the branch that this leaves empty. An exclude is looked
+    /// for but stays. True if the rule was found, at its path or else at the nearest ancestor with a node.
+    bool Delete(const YSelectionPathDescriptor& rule);
+    /// The deepest node that the path reaches, and whether it is the path's own. With `throwIfMissing` raises
+    /// NotFound where it is not. The node belongs to the tree and lives until the next change.
+    std::pair<YSelectionManagerNode*, bool> FindNode(const Krt::File::YPath& path, bool throwIfMissing) const;
+    std::pair<YSelectionManagerNode*, bool> FindNode(const Components& components, bool throwIfMissing) const;
+
+    /// What to do with the entry at the path. Includes are matched against the last component alone, excludes
+    /// against every component. Raises InvalidArgument for the root, about which there are no rules; so do
+    /// all operations down to IsAnyExplicitSelectionBelowComponent.
+    SelectionType GetPathSelectionType(const Krt::File::YPath& path) const;
+    bool IsPathSelected(const Krt::File::YPath& path) const;
+    bool IsPathSelectedOrSelectionParent(const Krt::File::YPath& path) const;
+    bool ShouldEnumeratePath(const Krt::File::YPath& path) const;
+    bool IsPathNotSelected(const Krt::File::YPath& path) const;
+    bool IsPathExcluded(const Krt::File::YPath& path) const;
+
+    bool PathMatchesInclude(const Components& components) const;
+    /// `reportable` means something only beside true.
+    bool PathMatchesExclude(const Components& components, bool& reportable) const;
+    /// Whether silent excludes stand at the path that cover all names, and no reporting one does.
+    bool AllChildrenOfPathAreExcludedNotReportably(const Components& components) const;
+    /// Whether something below the path may be included.
+    bool AnyIncludesApplyBelowPath(const Components& components) const;
+    /// Whether the path is selected explicitly at the component of this index or a later one.
+    bool IsAnyExplicitSelectionBelowComponent(const Components& components,
+                                              unsigned long long atOrBelowIndex) const;
+
+    // Walks begin at the nearest existing ancestor of a start path without a node, and go through the
+    // children by the bytes of their names, each node before its children.
+
+    /// Visits the topmost paths with rules of the type, and nothing below those.
+    bool VisitPaths(SelectionType type, const Krt::File::YPath& start, PathVisitor visitor) const;
+    /// Visits the rules of the type, or includes and then excludes, at the path and, with `recurse`, below.
+    bool VisitPathsAndDescriptors(SelectionType type, const Krt::File::YPath& start, RuleVisitor visitor,
+                                  bool recurse) const;
+    bool VisitPathsAndDescriptors(const Krt::File::YPath& start, RuleVisitor visitor, bool recurse) const;
+    void VisitAllNodes(NodeVisitor visitor) const;
+
+    /// The topmost directories at which includes stand and that a walk may reach.
+    std::set<Krt::File::YPath> GetIncludeTops(const Krt::File::YPath& start) const;
+    /// Overwrites the set with the volumes of all tops; the empty path stands for none.
+    void GetVolumes(Krt::Container::YSet<Krt::File::YPath>& volumes) const;
+    /// Every rule with a bearing on the path: recursive ones above, and all at and below it.
+    std::set<YSelectionPathDescriptor> GetSelections(const Krt::File::YPath& path) const;
+
+    /// Keys "includes" and "excludes": arrays of objects with "path" and "descriptor", sorted.
+    Krt::JSON::YObject ToJSON(const Krt::File::YPath& start) const;
+    /// Replaces the content; each rule is added as by Add. A failure leaves what was added so far.
+    void FromJSON(const Krt::JSON::YObject& json);
+
+    /// Adds the rules of another tree that bear on the source path, so that they bear on the destination path
+    /// in the same way. Raises InvalidState if `source` is this object, InvalidArgument if the destination
+    /// lies below the source path; a failure leaves what was added so far.
+    void CopyDescriptorsFromPath(const YSelectionManager& source, const Krt::File::YPath& sourcePath,
+                                 const Krt::File::YPath& destinationPath);
+    void CopyOnlyIncludesFromPath(const YSelectionManager& source, const Krt::File::YPath& sourcePath,
+                                  const Krt::File::YPath& destinationPath);
+    void CopyDescriptorsFromPathInternal(const YSelectionManager& source, const Krt::File::YPath& sourcePath,
+                                         const Krt::File::YPath& destinationPath, bool copyExcludes);
+
+private:
+    friend BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManager& manager);
+
+    // The errors of all sources of this class report one source path, so they are raised in one file.
+    [[noreturn, gnu::cold]] static void RaiseError(const char* function, unsigned int code,
+                                                   const YString& text);
+    // The directories above a path at which its rules may stand, top first.
+    static std::vector<Krt::File::YPath> AncestorsOf(const Krt::File::YPath& path);
+    std::pair<YSelectionManagerNode*, bool> FindNode(std::span<const YString> components) const;
+    void Clear();
+    // Whether an exclude of the node at this depth matches a component and isn't overridden.
+    bool NodeExcludes(const YSelectionManagerNode& node, const Components& components, std::size_t depth,
+                      bool& reportable) const;
+    void AddCopyFromAbove(const YSelectionDescriptor& rule, bool atParent, const Krt::File::YPath& sourcePath,
+                          const Krt::File::YPath& destinationPath);
+
+    std::unique_ptr<YSelectionManagerNode> m_root; // null only when moved from
+    mutable Krt::Thread::YReadWriteMutex m_lock;   // guards the whole tree
+};
+
+/// Every node with its addresses, for diagnosis; not protected against a change meanwhile.
+BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManager& manager);
+
+} // namespace Backup::File

@@ -1,0 +1,151 @@
+#include "testing/NaiveSelection.h"
+
+#include "testing/SelectionText.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace Testing {
+
+using Backup::File::YSelectionPathDescriptor;
+using Krt::Match::MatchType;
+
+namespace {
+
+// Whether the first path is the second or lies above it.
+bool IsAtOrAbove(const std::vector<std::string>& upper, const std::vector<std::string>& path)
+{
+    return upper.size() <= path.size() && std::equal(upper.begin(), upper.end(), path.begin());
+}
+
+} // namespace
+
+NaiveSelection::Names NaiveSelection::Split(const std::string& path)
+{
+    Names names;
+    std::istringstream input(path);
+    for (std::string name; std::getline(input, name, '/');) {
+        if (!name.empty() && name != ".")
+            names.push_back(name);
+    }
+    return names;
+}
+
+bool NaiveSelection::Add(const YSelectionPathDescriptor& rule)
+{
+    const Names place = Split(rule.GetPath().Bytes());
+    const auto covers = [&](const Placed& other) {
+        const bool samePlace = other.place == place;
+        const bool fromAbove = IsAtOrAbove(other.place, place) && other.rule.IsRecursive() &&
+                               !(other.rule.IsInclude() && other.rule.GetExplicitSelection());
+        return (samePlace || fromAbove) && other.rule.CanPrune(rule);
+    };
+    if (std::any_of(m_rules.begin(), m_rules.end(), covers))
+        return false;
+    std::erase_if(m_rules, [&](const Placed& other) {
+        const bool below = rule.IsRecursive() && IsAtOrAbove(place, other.place) &&
+                           !(other.rule.IsInclude() && other.rule.GetExplicitSelection());
+        return (other.place == place || below) && rule.CanPrune(other.rule);
+    });
+    m_rules.push_back({place, rule});
+    return true;
+}
+
+std::vector<std::string> NaiveSelection::Rules() const
+{
+    std::vector<std::string> rules;
+    for (const Placed& placed : m_rules)
+        rules.push_back(
+            Words(placed.place.empty() ? Krt::File::YPath("/") : placed.rule.GetPath(), placed.rule));
+    std::sort(rules.begin(), rules.end());
+    return rules;
+}
+
+NaiveSelection::SelectionType NaiveSelection::Ask(const std::string& path) const
+{
+    const Names names = Split(path);
+    bool reportable = false;
+    const bool included = IsIncluded(names);
+    const bool excluded = IsExcluded(names, reportable);
+    if (included && !excluded)
+        return SelectionType::Include;
+    if (excluded && !reportable)
+        return SelectionType::NotSelectedDoNotRecurse;
+    if (included)
+        return SelectionType::Exclude;
+    if (AllBelowSilentlyExcluded(names) || !MayIncludeBelow(names))
+        return SelectionType::NotSelectedDoNotRecurse;
+    return SelectionType::NotSelectedDoRecurse;
+}
+
+bool NaiveSelection::SpeaksOf(const Placed& placed, const Names& path, std::size_t index)
+{
+    const bool reaches =
+        placed.rule.IsRecursive() ? placed.place.size() <= index : placed.place.size() == index;
+    return reaches && IsAtOrAbove(placed.place, path) &&
+           Krt::Match::Check(path[index].c_str(), placed.rule.GetDescriptor());
+}
+
+bool NaiveSelection::IsIncluded(const Names& path) const
+{
+    return std::any_of(m_rules.begin(), m_rules.end(), [&](const Placed& placed) {
+        return placed.rule.IsInclude() && SpeaksOf(placed, path, path.size() - 1);
+    });
+}
+
+bool NaiveSelection::IsExcluded(const Names& path, bool& reportable) const
+{
+    // The first place from the top, and there the first name, decides what is reported.
+    for (std::size_t depth = 0; depth < path.size(); ++depth) {
+        for (std::size_t index = depth; index < path.size(); ++index) {
+            bool matched = false;
+            reportable = false;
+            for (const Placed& placed : m_rules) {
+                if (placed.rule.IsExclude() && placed.place.size() == depth &&
+                    SpeaksOf(placed, path, index)) {
+                    matched = true;
+                    reportable |= placed.rule.GetReportExclude();
+                }
+            }
+            if (matched && !IsExplicitFrom(path, index))
+                return true;
+        }
+    }
+    return false;
+}
+
+bool NaiveSelection::IsExplicitFrom(const Names& path, std::size_t index) const
+{
+    return std::any_of(m_rules.begin(), m_rules.end(), [&](const Placed& placed) {
+        const auto& [place, rule] = placed;
+        if (!rule.IsInclude() || !rule.GetExplicitSelection() || !IsAtOrAbove(place, path))
+            return false;
+        if (rule.IsRecursive()) // about all that is below one of the names, or below the path itself
+            return rule.CoversAllNames() && place.size() > index;
+        return rule.GetDescriptor().GetMatchType() == MatchType::Exact && place.size() >= index &&
+               place.size() < path.size() && SpeaksOf(placed, path, place.size());
+    });
+}
+
+bool NaiveSelection::AllBelowSilentlyExcluded(const Names& path) const
+{
+    bool covered = false;
+    for (const Placed& placed : m_rules) {
+        if (placed.place != path || !placed.rule.IsExclude() || !placed.rule.CoversAllNames())
+            continue;
+        if (placed.rule.GetReportExclude())
+            return false;
+        covered = true;
+    }
+    return covered;
+}
+
+bool NaiveSelection::MayIncludeBelow(const Names& path) const
+{
+    return std::any_of(m_rules.begin(), m_rules.end(), [&](const Placed& placed) {
+        return placed.rule.IsInclude() && (IsAtOrAbove(path, placed.place) ||
+                                           (placed.rule.IsRecursive() && IsAtOrAbove(placed.place, path)));
+    });
+}
+
+} // namespace Testing

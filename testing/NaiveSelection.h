@@ -1,0 +1,42 @@
+// A selection that keeps its rules in one list and answers every question by looking through all of it: slow,
+// and plain enough to be trusted beside the tree.
+#pragma once
+
+#include "Backup/File/YSelectionPathDescriptor.h"
+
+#include <string>
+#include <vector>
+
+namespace Testing {
+
+class NaiveSelection
+{
+public:
+    using SelectionType = Backup::File::YSelectionDescriptor::SelectionType;
+
+    /// False if a rule in the list covers the new one; otherwise the rules that it covers go.
+    bool Add(const Backup::File::YSelectionPathDescriptor& rule);
+    SelectionType Ask(const std::string& path) const;
+    /// The rules in words, sorted.
+    std::vector<std::string> Rules() const;
+
+private:
+    using Names = std::vector<std::string>;
+    struct Placed
+    {
+        Names place;
+        Backup::File::YSelectionPathDescriptor rule;
+    };
+    static Names Split(const std::string& path);
+    // The rule is about the name that stands in `path` at the index, and reaches it from its place.
+    static bool SpeaksOf(const Placed& placed, const Names& path, std::size_t index);
+    bool IsIncluded(const Names& path) const;
+    bool IsExcluded(const Names& path, bool& reportable) const;
+    bool IsExplicitFrom(const Names& path, std::size_t index) const;
+    bool AllBelowSilentlyExcluded(const Names& path) const;
+    bool MayIncludeBelow(const Names& path) const;
+
+    std::vector<Placed> m_rules;
+};
+
+} // namespace Testing
