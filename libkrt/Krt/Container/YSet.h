@@ -21,7 +21,8 @@ public:
     unsigned long Size() const;
     /// A copy of the content.
     std::set<T> Values() const;
-    /// Waits until the set changes behind the change with number `seen`; returns the number of the last change.
+    /// Waits until the set changes behind the change with number `seen`; returns the number of the last
+    /// change.
     unsigned long long WaitForChange(unsigned long long seen) const;
     unsigned long long ChangeCount() const;
     /// Fired after each change, with no lock held.

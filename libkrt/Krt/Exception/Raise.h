@@ -37,7 +37,7 @@ namespace Krt::Exception {
 #define KRT_RAISE_FULL(type, function, channel, code, ...)                                                   \
     do {                                                                                                     \
         ::Krt::YStream krtMessage{::Krt::YString()};                                                         \
-        krtMessage __VA_OPT__(<< __VA_ARGS__);                                                               \
+        static_cast<void>(krtMessage __VA_OPT__(<< __VA_ARGS__));                                            \
         ::Krt::Exception::Raise(type, channel, code, __LINE__, __FILE__, function, krtMessage);              \
     } while (false)
 
@@ -73,7 +73,7 @@ namespace Krt::Exception {
     do {                                                                                                     \
         if (!(condition)) [[unlikely]] {                                                                     \
             ::Krt::YStream krtDetail{::Krt::YString()};                                                      \
-            krtDetail __VA_OPT__(<< __VA_ARGS__);                                                            \
+            static_cast<void>(krtDetail __VA_OPT__(<< __VA_ARGS__));                                         \
             ::Krt::Exception::FailAssertion(::Krt::Log::GetLogPrefix(*this), "(" #condition ")", krtDetail,  \
                                             __LINE__, __FILE__, __func__);                                   \
         }                                                                                                    \

@@ -14,7 +14,7 @@ public:
     /// Locks the shared mutex.
     static Thread::YMutex::YLock GetMutex();
     static pthread_cond_t* GetCondition();
-    /// Waits on the condition; the caller holds the shared mutex once. Held again on return.
+    /// Waits on the condition; the caller holds the shared mutex, and holds it as often again on return.
     static void Wait();
 };
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Krt/Export.h"
+#include "Krt/Thread/YMutex.h"
 
 #include <map>
 
@@ -9,8 +10,7 @@ namespace Krt::Signal {
 
 /// Raised by a slot to say that its target has gone; a firing drops it and goes on with the next slot.
 class KRT_API YSlotExpired
-{
-};
+{};
 
 class KRT_API SlotBase
 {
@@ -25,12 +25,28 @@ public:
     /// Counts the calling thread in and out; called with the lock of the Context held.
     void IncExecuter();
     void DecExecuter();
-    /// Marks the slot as no longer connected, then waits until no thread but the caller runs it. Takes the lock.
+    /// Marks the slot as no longer connected, then waits until no thread but the caller runs it. Takes the
+    /// lock.
     void Disconnect();
 
 private:
     bool m_connected = false;
     std::map<unsigned long long, unsigned int> m_executers;
+};
+
+/// One call of a slot, during which the lock of the Context is given up: counts the calling thread in, and at
+/// the end, however the call ends, takes the lock again, counts it out and wakes who waits for that.
+class KRT_API SlotExecution
+{
+public:
+    SlotExecution(SlotBase& slot, Thread::YMutex::YLock& contextLock);
+    ~SlotExecution();
+    SlotExecution(const SlotExecution&) = delete;
+    SlotExecution& operator=(const SlotExecution&) = delete;
+
+private:
+    SlotBase& m_slot;
+    Thread::YMutex::YLock& m_lock;
 };
 
 } // namespace Krt::Signal

@@ -12,8 +12,8 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
-#include <deque>
 #include <list>
+#include <memory>
 #include <set>
 #include <utility>
 
@@ -79,6 +79,7 @@ public:
     /// Calls the slots. What a slot raises passes through, save YSlotExpired.
     void operator()(Args... args) const;
 
+    /// A scope that is counted among the running ones until it is released; both with the shared lock held.
     Thread::YCancellationScope* AllocateCancellationScope() const;
     void ReleaseCancellationScope(Thread::YCancellationScope* scope) const;
 
@@ -87,15 +88,44 @@ private:
     {
         Function function;
     };
+    // Without an owner of its own a slot is owned by the connection that Connect gave out, so by itself here.
     struct Connection
     {
-        Slot* slot;
+        boost::weak_ptr<Slot> slot;
         boost::weak_ptr<void> owner;
     };
+    // An entry of a firing's snapshot, with what keeps slot and owner alive from its turn to the firing's
+    // end.
+    struct Call : Connection
+    {
+        // Whether the slot is to be called still; with the lock held.
+        bool Promote()
+        {
+            heldSlot = this->slot.lock();
+            heldOwner = this->owner.lock();
+            return heldSlot && heldOwner && heldSlot->IsConnected();
+        }
+        boost::shared_ptr<Slot> heldSlot;
+        boost::shared_ptr<void> heldOwner;
+    };
+    struct RunningScope
+    {
+        explicit RunningScope(const YSignal& signal)
+            : m_signal(signal), m_scope(signal.AllocateCancellationScope())
+        {}
+        ~RunningScope() { m_signal.ReleaseCancellationScope(m_scope); }
+        RunningScope(const RunningScope&) = delete;
+        RunningScope& operator=(const RunningScope&) = delete;
+
+    private:
+        const YSignal& m_signal;
+        Thread::YCancellationScope* const m_scope;
+    };
+
+    void RemoveExpired() const;
 
     mutable std::list<Connection> m_connections;
     mutable std::set<Thread::YCancellationScope*> m_scopes;
-    mutable std::deque<unsigned int> m_freed;
 };
 
 } // namespace Krt::Signal

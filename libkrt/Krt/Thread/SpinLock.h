@@ -1,5 +1,5 @@
-// The recursive spin lock that guards lazily computed values: three atomics inside the object that they guard.
-// No queue and no time limit, so it suits sections that only compute a string.
+// The recursive spin lock that guards lazily computed values: three atomics inside the object that they
+// guard. No queue and no time limit, so it suits sections that only compute a string.
 #pragma once
 
 #include "Krt/Thread/Thread.h"

@@ -4,7 +4,6 @@
 #include "Krt/Thread/IRunnable.h"
 
 #include <atomic>
-#include <memory>
 
 namespace Krt::Thread {
 
@@ -24,9 +23,9 @@ public:
 private:
     void Cancel();
 
-    std::unique_ptr<IRunnable> m_runnable;
-    YThreadBase* m_thread;
     std::atomic<bool> m_cancelled{false};
+    YThreadBase* const m_thread; // null on a foreign thread, which nobody can ask to cancel
+    IRunnable m_runnable;
 };
 
 } // namespace Krt::Thread

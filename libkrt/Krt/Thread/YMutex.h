@@ -19,6 +19,8 @@ public:
     void LockLevel();
     /// Gives one level back.
     void UnlockLevel();
+    /// Gives up every level that the caller holds, waits on the condition, and takes them again.
+    void Wait(pthread_cond_t* condition);
     /// Whether the calling thread holds the mutex.
     bool IsLockedByMe() const;
     /// Levels that the owner holds.

@@ -1,0 +1,170 @@
+#include "Krt/Thread/YThreadBase.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/Thread/Thread.h"
+#include "Krt/Thread/Unix/NativeThread.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace Krt::Thread {
+
+namespace {
+
+constinit thread_local YThreadBase* t_thread = nullptr;
+
+} // namespace
+
+class YThreadBase::Impl
+{
+public:
+    Impl(YThreadBase* thread, boost::function<void()> function, const YString& name)
+        : m_thread(thread), m_work(std::move(function), name)
+    {}
+
+    // The error number of the operating system, 0 if the thread runs.
+    int Start() { return pthread_create(&m_handle, nullptr, &Impl::Main, this); }
+    void Join();
+    void RequestCancel();
+    void Push(IRunnable* runnable);
+    void Pop(IRunnable* runnable);
+
+    YThreadBase* const m_thread;
+    IRunnable m_work;
+    std::atomic<bool> m_cancelRequested{false};
+
+private:
+    struct Entry
+    {
+        IRunnable* runnable;
+        bool running; // a request is calling it, without the lock
+    };
+
+    static void* Main(void* impl);
+    std::vector<Entry>::iterator Find(const IRunnable* runnable);
+
+    std::mutex m_joinMutex;
+    pthread_t m_handle{};
+    bool m_joined = false;
+
+    std::mutex m_stackMutex;
+    std::condition_variable m_callEnded;
+    std::vector<Entry> m_stack;
+};
+
+void* YThreadBase::Impl::Main(void* impl)
+{
+    Impl& self = *static_cast<Impl*>(impl);
+    t_thread = self.m_thread;
+    PublishThreadName(self.m_work.GetName().CStr());
+    self.m_work.Run();
+    return nullptr;
+}
+
+void YThreadBase::Impl::Join()
+{
+    const std::lock_guard<std::mutex> guard(m_joinMutex);
+    if (!std::exchange(m_joined, true))
+        pthread_join(m_handle, nullptr);
+}
+
+std::vector<YThreadBase::Impl::Entry>::iterator YThreadBase::Impl::Find(const IRunnable* runnable)
+{
+    return std::find_if(m_stack.begin(), m_stack.end(),
+                        [&](const Entry& entry) { return entry.runnable == runnable; });
+}
+
+void YThreadBase::Impl::Push(IRunnable* runnable)
+{
+    const std::lock_guard<std::mutex> guard(m_stackMutex);
+    m_stack.push_back({runnable, false});
+}
+
+void YThreadBase::Impl::Pop(IRunnable* runnable)
+{
+    std::unique_lock<std::mutex> guard(m_stackMutex);
+    m_callEnded.wait(guard, [&] {
+        const auto entry = Find(runnable);
+        return entry == m_stack.end() || !entry->running;
+    });
+    if (const auto entry = Find(runnable); entry != m_stack.end())
+        m_stack.erase(entry);
+}
+
+// The function is called without the lock, since it may be anything; Pop waits for its end instead. A request
+// that comes while another one is calling the same function has nothing to add.
+void YThreadBase::Impl::RequestCancel()
+{
+    m_cancelRequested.store(true);
+    std::unique_lock<std::mutex> guard(m_stackMutex);
+    if (m_stack.empty() || m_stack.back().running)
+        return;
+    IRunnable* const top = m_stack.back().runnable;
+    m_stack.back().running = true;
+    guard.unlock();
+    top->Run();
+    guard.lock();
+    Find(top)->running = false;
+    m_callEnded.notify_all();
+}
+
+YThreadBase* GetThread()
+{
+    return t_thread;
+}
+
+YThreadBase::YThreadBase(boost::function<void()> function, const YString& name)
+    : m_impl(std::make_unique<Impl>(this, std::move(function), name))
+{
+    const int error = m_impl->Start();
+    if (error != 0)
+        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to start thread " << name);
+}
+
+YThreadBase::~YThreadBase()
+{
+    Join();
+}
+
+void YThreadBase::Join()
+{
+    m_impl->Join();
+}
+
+const YString& YThreadBase::GetName() const
+{
+    return m_impl->m_work.GetName();
+}
+
+const Exception::YError& YThreadBase::GetError() const
+{
+    return m_impl->m_work.GetError();
+}
+
+void YThreadBase::RequestCancel()
+{
+    m_impl->RequestCancel();
+}
+
+bool YThreadBase::IsCancelRequested() const
+{
+    return m_impl->m_cancelRequested.load();
+}
+
+void YThreadBase::PushRunnable(IRunnable* runnable)
+{
+    m_impl->Push(runnable);
+}
+
+void YThreadBase::PopRunnable(IRunnable* runnable)
+{
+    m_impl->Pop(runnable);
+}
+
+} // namespace Krt::Thread

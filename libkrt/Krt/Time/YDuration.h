@@ -10,7 +10,10 @@ class YDuration
 {
 public:
     static constexpr YDuration Zero() { return YDuration(std::chrono::nanoseconds(0)); }
-    static constexpr YDuration Milliseconds(long long count) { return YDuration(std::chrono::milliseconds(count)); }
+    static constexpr YDuration Milliseconds(long long count)
+    {
+        return YDuration(std::chrono::milliseconds(count));
+    }
     static constexpr YDuration Seconds(long long count) { return YDuration(std::chrono::seconds(count)); }
 
     constexpr std::chrono::nanoseconds AsChrono() const { return m_span; }

@@ -1,0 +1,75 @@
+#include "Krt/Thread/Unix/YMutexInternalBase.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/Util/Retry.h"
+
+namespace Krt::Thread {
+
+namespace {
+
+struct MutexAttributes
+{
+    pthread_mutexattr_t value;
+    bool initialized = false;
+    ~MutexAttributes()
+    {
+        if (initialized)
+            pthread_mutexattr_destroy(&value);
+    }
+};
+
+// The pthread calls return their error number and leave errno alone; 0 on success.
+template <class Call>
+int ErrorOf(Call call)
+{
+    return Util::RetryOnInterrupt([&] {
+               errno = call();
+               return errno == 0 ? 0 : -1;
+           }) == 0
+               ? 0
+               : errno;
+}
+
+} // namespace
+
+YMutexInternalBase::YMutexInternalBase()
+{
+    MutexAttributes attributes;
+    int error = ErrorOf([&] { return pthread_mutexattr_init(&attributes.value); });
+    KRT_RAISE_UNLESS(error == 0, ErrorCode::MutexInitFailed,
+                     "Failed to initialize mutex attr errno " << error);
+    attributes.initialized = true;
+    error = ErrorOf([&] { return pthread_mutexattr_settype(&attributes.value, PTHREAD_MUTEX_RECURSIVE); });
+    KRT_RAISE_UNLESS(error == 0, ErrorCode::MutexInitFailed);
+    error = ErrorOf([&] { return pthread_mutex_init(&m_mutex, &attributes.value); });
+    KRT_RAISE_UNLESS(error == 0, ErrorCode::MutexInitFailed, "Failed to initialize mutex errno " << error);
+}
+
+YMutexInternalBase::~YMutexInternalBase()
+{
+    pthread_mutex_destroy(&m_mutex);
+}
+
+void YMutexInternalBase::Lock()
+{
+    const int error = pthread_mutex_lock(&m_mutex);
+    if (error != 0) [[unlikely]] {
+        YStream detail{YString()};
+        detail << "Mutex lock error " << error << Modifiers::EndLine;
+        Exception::AbortRequiredCheck("!(error = pthread_mutex_lock(&m_mutex))", detail, __LINE__, __FILE__,
+                                      __func__);
+    }
+}
+
+void YMutexInternalBase::Unlock()
+{
+    const int error = pthread_mutex_unlock(&m_mutex);
+    if (error != 0) [[unlikely]] {
+        YStream detail{YString()};
+        detail << "Mutex unlock error " << error << Modifiers::EndLine;
+        Exception::AbortRequiredCheck("!(error = pthread_mutex_unlock(&m_mutex))", detail, __LINE__, __FILE__,
+                                      __func__);
+    }
+}
+
+} // namespace Krt::Thread
