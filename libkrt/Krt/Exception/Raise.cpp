@@ -1,0 +1,70 @@
+#include "Krt/Exception/Raise.h"
+
+#include "Krt/Debug/Debugger.h"
+#include "Krt/Log/LogSite.h"
+#include "Krt/Thread/Thread.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+namespace Krt::Exception {
+
+namespace {
+
+// The source path of a site, as errors report it.
+std::string WithoutEnding(const char* file)
+{
+    const char* const slash = std::strrchr(file, '/');
+    const char* const dot = std::strrchr(slash ? slash : file, '.');
+    return dot ? std::string(file, dot) : std::string(file);
+}
+
+} // namespace
+
+void Raise(ExceptionType type, unsigned int messageType, unsigned int code, unsigned int line,
+           const char* file, const char* function, const YStream& message)
+{
+    throw YError(MakeYError(type, messageType, code, line, WithoutEnding(file).c_str(), function, message));
+}
+
+void FailRequiredCheck(const char* condition, const YString& detail, unsigned int line, const char* file,
+                       const char* function)
+{
+    YStream banner{YString()};
+    banner << "******** Abort due to required check: '" << condition << "' " << detail << Modifiers::EndLine
+           << "******** ThreadId: 0x" << Hex::On << Thread::GetThreadId() << Modifiers::EndLine
+           << "******** ThreadName: " << Thread::GetName() << Modifiers::EndLine
+           << "******** Method: " << function << " " << WithoutEnding(file).c_str() << ":" << line
+           << Modifiers::EndLine << "******** Stack: " << Modifiers::EndLine << GetCurrentStackTrace()
+           << Modifiers::EndLine;
+    std::cerr << YString(banner).CStr() << std::flush;
+    Debug::EnterDebugger();
+    Raise(ExceptionType::General, MessageType::General, ErrorCode::InvalidUse, line, file, function, banner);
+}
+
+void AbortRequiredCheck(const char* condition, const YStream& detail, unsigned int line, const char* file,
+                        const char* function)
+{
+    // No stream of this layer: its flush takes the lock of the signals, and a lock is what has just failed.
+    std::cerr << "******** Abort due to required check: '" << condition << "' " << YString(detail).CStr()
+              << std::endl;
+    std::cerr << "******** ThreadId: 0x" << std::hex << Thread::GetThreadId() << std::dec << std::endl;
+    std::cerr << "******** ThreadName: " << Thread::GetName().CStr() << std::endl;
+    std::cerr << "******** Method: " << function << " " << WithoutEnding(file) << ":" << line << std::endl;
+    std::cerr << "******** Stack: " << std::endl;
+    std::cerr << GetCurrentStackTrace().CStr() << std::flush;
+    Debug::EnterDebugger();
+    std::abort();
+}
+
+void FailAssertion(const YString& prefix, const char* condition, const YStream& detail, unsigned int line,
+                   const char* file, const char* function)
+{
+    KRT_LOG_WITH_PREFIX(MessageType::General, prefix, "Assertion failed for " << condition << "; " << detail);
+    Debug::EnterDebugger();
+    Raise(ExceptionType::General, MessageType::General, ErrorCode::InvalidUse, line, file, function, detail);
+}
+
+} // namespace Krt::Exception

@@ -1,0 +1,136 @@
+#include "Krt/Exception/YError.h"
+
+#include "Krt/Exception/OsErrorName.h"
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+
+namespace Krt::Exception {
+
+namespace {
+
+// Empty for a code without a name.
+const char* ErrorCodeName(unsigned int code)
+{
+    switch (code) {
+    case ErrorCode::InvalidUse:
+        return "InvalidUse";
+    case ErrorCode::OutOfMemory:
+        return "OutOfMemory";
+    case ErrorCode::AttributesUnavailable:
+        return "AttributesUnavailable";
+    case ErrorCode::InvalidArgument:
+        return "InvalidArgument";
+    case ErrorCode::NoPathComponent:
+        return "NoPathComponent";
+    case ErrorCode::NotImplemented:
+        return "NotImplemented";
+    case ErrorCode::ProcessFailed:
+        return "ProcessFailed";
+    case ErrorCode::NumberConversion:
+        return "NumberConversion";
+    case ErrorCode::CryptoFailure:
+        return "CryptoFailure";
+    case ErrorCode::MutexInitFailed:
+        return "MutexInitFailed";
+    case ErrorCode::LockTimeout:
+        return "LockTimeout";
+    case ErrorCode::InvalidUtf16:
+        return "InvalidUtf16";
+    case ErrorCode::InvalidUtf8:
+        return "InvalidUtf8";
+    case ErrorCode::ValueConversion:
+        return "ValueConversion";
+    case ErrorCode::EmptyJobPath:
+        return "EmptyJobPath";
+    case ErrorCode::InvalidState:
+        return "InvalidState";
+    case ErrorCode::NotFound:
+        return "NotFound";
+    case ErrorCode::NotSupported:
+        return "NotSupported";
+    default:
+        return "";
+    }
+}
+
+} // namespace
+
+unsigned int CodeFromOsError(int osError)
+{
+    switch (osError) {
+    case ENOTSUP:
+        return ErrorCode::AttributesUnavailable;
+    case ENOMEM:
+        return ErrorCode::OutOfMemory;
+    case EINVAL:
+    case ENAMETOOLONG:
+        return ErrorCode::InvalidArgument;
+    case ENOENT:
+    case ENOTDIR:
+        return ErrorCode::NotFound;
+    case ENOSYS:
+        return ErrorCode::NotSupported;
+    default:
+        return ErrorCode::InvalidState;
+    }
+}
+
+int YErrorBase::GetOsError() const
+{
+    // A failing call may have given a negative value instead of errno, so the sign is brought back.
+    return GetType() == ExceptionType::OsError ? static_cast<int>(m_code) : 0;
+}
+
+unsigned int YErrorBase::GetCode() const
+{
+    return GetType() == ExceptionType::OsError ? CodeFromOsError(GetOsError())
+                                               : static_cast<unsigned int>(m_code);
+}
+
+YString YErrorBase::Describe() const
+{
+    const bool isOsError = GetType() == ExceptionType::OsError;
+    std::string text = isOsError ? "OsError, " : "General, ";
+    if (!m_codeName.IsEmpty())
+        text.append(m_codeName.Bytes()).append(" ");
+    text += isOsError ? std::to_string(GetOsError()) : std::to_string(m_code);
+    if (isOsError)
+        text.append(": ").append(m_systemText.Bytes());
+    text.append(", ").append(m_function.Bytes());
+    return YString(std::string_view(text));
+}
+
+YError MakeYError(ExceptionType type, unsigned int messageType, unsigned int code, unsigned int line,
+                  const char* file, const char* function, const YString& message)
+{
+    YError error;
+    error.m_message = message;
+    error.m_function = function;
+    error.m_type = static_cast<unsigned int>(type);
+    error.m_messageType = messageType;
+    error.m_file = file;
+    error.m_line = line;
+    error.m_code = code;
+    error.m_stack = GetCurrentStackTrace();
+    if (type == ExceptionType::OsError) {
+        const int osError = static_cast<int>(code);
+        error.m_codeName = OsErrorName(osError);
+        error.m_systemText = std::generic_category().message(osError).c_str();
+    } else {
+        error.m_codeName = ErrorCodeName(code);
+    }
+    return error;
+}
+
+YError TranslateYError(const std::exception& source, unsigned int messageType, unsigned int line,
+                       const char* file, const char* function, const YString& message)
+{
+    YString text = message.IsEmpty() ? YString() : message + YString(": ");
+    text += YString(source.what());
+    return MakeYError(ExceptionType::General, messageType, ErrorCode::InvalidArgument, line, file, function,
+                      text);
+}
+
+} // namespace Krt::Exception

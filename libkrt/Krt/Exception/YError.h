@@ -34,6 +34,9 @@ public:
     /// Source path of the site, without ending.
     const YString& GetFile() const { return m_file; }
     unsigned int GetLine() const { return static_cast<unsigned int>(m_line); }
+    /// Type, code by name and number with the system's text for it, and function; what stands in parentheses
+    /// behind the message where the error is printed.
+    YString Describe() const;
     /// The raising thread's stack, a line a frame, with names where they are known. Names are looked up here.
     YString GetStackTrace() const;
 
@@ -49,7 +52,7 @@ protected:
     YString m_codeName;   // "InvalidArgument", or "ENOENT" for an OsError
     YString m_systemText; // strerror's text for an OsError
     unsigned long long m_line = 0;
-    YString m_stack; // module and offset of each frame, as GetCurrentStackTrace gives them
+    YString m_stack; // as GetCurrentStackTrace gives it
     unsigned long long m_code = 0;
 };
 
@@ -66,11 +69,12 @@ KRT_API YError MakeYError(ExceptionType type, unsigned int messageType, unsigned
                           const char* file, const char* function, const YString& message);
 
 /// The error for an exception of the standard library or of Boost: InvalidArgument, with `what()` behind the
-/// message.
+/// message and ": ", or alone if the message is empty.
 KRT_API YError TranslateYError(const std::exception& source, unsigned int messageType, unsigned int line,
                                const char* file, const char* function, const YString& message);
 
-/// The calling thread's stack: module and offset of each frame, a line each. Cheap: no symbol is looked up.
+/// The calling thread's stack, a line a frame: the address, a blank, the module's path, "+" and the offset in it.
+/// Cheap: no symbol is looked up.
 KRT_API YString GetCurrentStackTrace();
 
 /// The portable code for an operating-system error number.

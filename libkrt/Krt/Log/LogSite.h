@@ -34,7 +34,7 @@ inline bool IsLogged(unsigned int type)
     do {                                                                                                     \
         if (::Krt::Log::IsLogged(type)) {                                                                    \
             ::Krt::Log::YLogLine krtLogLine(type);                                                           \
-            krtLogLine.Stream() << (prefix) << __VA_ARGS__ << ::Krt::Modifiers::EndLine;                     \
+            krtLogLine.Stream() << (prefix).CStr() << __VA_ARGS__ << ::Krt::Modifiers::EndLine;                     \
         }                                                                                                    \
     } while (false)
 

@@ -1,0 +1,146 @@
+#include "Krt/Log/YStream.h"
+
+#include "Krt/Exception/YError.h"
+#include "Krt/File/YPath.h"
+#include "Krt/Match/Descriptor.h"
+
+#include <locale>
+
+namespace Krt {
+
+using Exception::YError;
+
+YStream::YStream(const YString& text)
+{
+    // Messages don't depend on the locale that the program chose for its users.
+    m_text.imbue(std::locale::classic());
+    *this << text;
+}
+
+YStream::~YStream() = default;
+
+// The base of the next number is kept in the stream's format flags.
+template <class T>
+YStream& YStream::AppendNumber(T value)
+{
+    m_text << value << std::dec;
+    return *this;
+}
+
+YStream& YStream::operator<<(const char* text)
+{
+    if (text != nullptr)
+        m_text << text;
+    return *this;
+}
+
+YStream& YStream::operator<<(const YString& text)
+{
+    m_text << text.Bytes();
+    return *this;
+}
+
+YStream& YStream::operator<<(char character)
+{
+    m_text << character;
+    return *this;
+}
+
+YStream& YStream::operator<<(unsigned char value)
+{
+    m_text << std::dec;
+    return AppendNumber(static_cast<unsigned int>(value));
+}
+
+YStream& YStream::operator<<(int value)
+{
+    return AppendNumber(value);
+}
+
+YStream& YStream::operator<<(unsigned int value)
+{
+    return AppendNumber(value);
+}
+
+YStream& YStream::operator<<(unsigned long value)
+{
+    return AppendNumber(value);
+}
+
+YStream& YStream::operator<<(unsigned long long value)
+{
+    return AppendNumber(value);
+}
+
+YStream& YStream::operator<<(const File::YPath& path)
+{
+    return *this << path.AsUnixPath(false);
+}
+
+// The kind, the pattern in quotes where the kind has one, and the case rule where it isn't the usual one.
+YStream& YStream::operator<<(const Match::Descriptor& descriptor)
+{
+    switch (descriptor.GetMatchType()) {
+    case Match::MatchType::Glob:
+        *this << "glob";
+        break;
+    case Match::MatchType::Exact:
+        *this << "exact";
+        break;
+    case Match::MatchType::Any:
+        return *this << "any";
+    case Match::MatchType::None:
+        return *this << "none";
+    }
+    *this << " \"" << descriptor.GetPattern() << "\"";
+    return descriptor.IsCaseSensitive() ? *this : *this << " in any case";
+}
+
+YStream& YStream::operator<<(const YError& error)
+{
+    if (!error.GetMessage().IsEmpty())
+        *this << error.GetMessage() << " ";
+    return *this << "(" << error.Describe() << ")";
+}
+
+YStream& YStream::operator<<(const std::vector<YString>& strings)
+{
+    const char* separator = "";
+    for (const YString& string : strings) {
+        *this << separator << string;
+        separator = ", ";
+    }
+    return *this;
+}
+
+YStream& YStream::operator<<(const YStream& other)
+{
+    return *this << YString(other);
+}
+
+YStream& YStream::operator<<(Hex)
+{
+    m_text << std::hex;
+    return *this;
+}
+
+YStream& YStream::operator<<(Modifiers modifier)
+{
+    if (modifier == Modifiers::EndLine) {
+        m_text << '\n';
+        FlushInternal();
+    }
+    return *this;
+}
+
+YStream::operator YString() const
+{
+    return YString(std::string_view(m_text.str()));
+}
+
+void YStream::FlushInternal()
+{
+    m_signal(*this);
+}
+
+} // namespace Krt

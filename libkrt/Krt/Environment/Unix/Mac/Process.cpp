@@ -1,0 +1,12 @@
+#include "Krt/Environment/Process.h"
+
+#include <unistd.h>
+
+namespace Krt::Environment {
+
+bool IsPrivilegeRaised()
+{
+    return issetugid() != 0;
+}
+
+} // namespace Krt::Environment
