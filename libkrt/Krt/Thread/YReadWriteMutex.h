@@ -22,7 +22,11 @@ public:
         YLock(YLock&& other) noexcept;
         YLock& operator=(YLock&& other) noexcept;
         ~YLock();
+        /// Gives the level back; a second call does nothing. On the thread that took it, last taken first.
         void Release() noexcept;
+        /// Gives up every level that this thread holds, for a wait; the release brings all but this lock's
+        /// own level back, all for writing if one was.
+        void GiveUpAllLevels();
 
     private:
         friend class YReadWriteMutex;

@@ -22,12 +22,12 @@ struct MutexAttributes
 template <class Call>
 int ErrorOf(Call call)
 {
-    return Util::RetryOnInterrupt([&] {
-               errno = call();
-               return errno == 0 ? 0 : -1;
-           }) == 0
-               ? 0
-               : errno;
+    int error = 0;
+    Util::RetryOnInterrupt([&] {
+        errno = error = call();
+        return error == 0 ? 0 : -1;
+    });
+    return error;
 }
 
 } // namespace
