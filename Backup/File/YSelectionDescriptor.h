@@ -18,7 +18,7 @@ class BACKUP_API YSelectionDescriptor : public Krt::JSON::IJSON
 {
 public:
     /// The kind of a rule, which is one of the last two, and the answer about a path.
-    enum class SelectionType : unsigned int
+    enum SelectionType : unsigned int
     {
         NotSelectedDoNotRecurse = 0, ///< not selected, and nothing below can be
         NotSelectedDoRecurse = 1,    ///< not selected, but something below may be
@@ -26,7 +26,7 @@ public:
         Exclude = 3 ///< excluded, and to be reported as such
     };
 
-    enum class RecursionType : unsigned int
+    enum RecursionType : unsigned int
     {
         NonRecursive = 0, ///< the entries directly inside the directory
         Recursive = 1     ///< every level below it
