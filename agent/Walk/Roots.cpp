@@ -1,0 +1,82 @@
+#include "agent/Walk/Roots.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/JSON/YValue.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+namespace Agent {
+
+using Backup::File::YSelectionDescriptor;
+using Krt::YString;
+using Krt::File::YPath;
+
+namespace {
+
+std::string Resolve(const std::string& path)
+{
+    const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr), &std::free);
+    if (resolved == nullptr)
+        KRT_RAISE_OS("Can't resolve " << path.c_str());
+    return resolved.get();
+}
+
+// The last component of a path is kept, be it a link; the way to it is resolved.
+YPath ResolveRoot(const std::string& named)
+{
+    std::string path = named;
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    const std::size_t slash = path.rfind('/');
+    const std::string last = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (path.empty() || last.empty() || last == "." || last == ".." || path.size() < named.size())
+        return YPath(Resolve(named).c_str());
+    const std::string parent = Resolve(slash == std::string::npos ? "." : path.substr(0, slash + 1));
+    return YPath(parent.c_str()).Append(YString(last.c_str()));
+}
+
+void Select(Backup::File::YSelectionManager& rules, const YPath& root)
+{
+    if (root != "/") {
+        rules.Add(root.GetParent(), Krt::Match::ExactDescriptor(YPath::GetFileFromPath(root, "/"), true),
+                  YSelectionDescriptor::NonRecursive, YSelectionDescriptor::Include, true);
+    }
+    rules.Add(root, Krt::Match::AnyDescriptor(), YSelectionDescriptor::Recursive, YSelectionDescriptor::Include,
+              true);
+}
+
+void LoadRules(Backup::File::YSelectionManager& rules, const std::string& jobFile)
+{
+    std::ifstream file(jobFile, std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    if (!file.is_open() || file.bad())
+        KRT_RAISE_OS("Can't read the job file " << jobFile.c_str());
+    try {
+        rules.FromJSON(Krt::JSON::YValue::Parse(text)->AsObject());
+    } catch (const Krt::Exception::YError& error) {
+        KRT_RAISE(Krt::ErrorCode::InvalidArgument,
+                  "The job file " << jobFile.c_str() << " holds no usable rules: " << error);
+    }
+}
+
+} // namespace
+
+Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths)
+{
+    Job job;
+    if (!jobFile.empty()) {
+        LoadRules(job.rules, jobFile);
+        job.roots = job.rules.GetIncludeTops(YPath());
+    }
+    for (const std::string& path : paths) {
+        const YPath root = ResolveRoot(path);
+        Select(job.rules, root);
+        job.roots.insert(root);
+    }
+    return job;
+}
+
+} // namespace Agent

@@ -1,0 +1,191 @@
+#include "agent/Walk/Walker.h"
+
+#include "Backup/File/Unix/DescentPolicy.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <algorithm>
+#include <dirent.h>
+#include <optional>
+#include <sys/stat.h>
+
+namespace Agent {
+
+using Backup::File::YSelectionDescriptor;
+using Krt::YString;
+using Krt::File::YDirectory;
+using Krt::File::YPath;
+
+namespace {
+
+// Descriptors that a walk holds at most; those of directories further up are closed and opened again when the
+// walk comes back to them.
+constexpr std::size_t MaxOpenLevels = 64;
+
+struct Name
+{
+    YString text;
+    unsigned char type;
+};
+
+std::vector<Name> SortedNames(const YDirectory& directory)
+{
+    std::vector<Name> names;
+    directory.VisitEntries([&](const Krt::File::DirectoryEntry& entry) {
+        names.push_back({entry.name, entry.type});
+        return true;
+    });
+    std::sort(names.begin(), names.end(), [](const Name& a, const Name& b) { return a.text < b.text; });
+    return names;
+}
+
+YString ReasonOf(const Krt::Exception::YError& error)
+{
+    Krt::YStream text{YString()};
+    text << error;
+    return text;
+}
+
+} // namespace
+
+struct Walker::Level
+{
+    YPath path;
+    std::optional<YDirectory> directory; // closed while more than MaxOpenLevels stand below
+    dev_t device;
+    ino_t inode;
+    std::vector<Name> names;
+    std::size_t next = 0;
+};
+
+Walker::Walker(const Backup::File::YSelectionManager& rules, std::set<YPath> roots, IWalkVisitor& visitor)
+    : m_rules(rules), m_roots(std::move(roots)), m_visitor(visitor)
+{
+}
+
+Walker::~Walker() = default;
+
+void Walker::Skip(const struct stat& directory)
+{
+    m_skips = true;
+    m_skippedDevice = directory.st_dev;
+    m_skippedInode = directory.st_ino;
+}
+
+void Walker::Run()
+{
+    for (const YPath& root : m_roots) {
+        if (m_visitor.IsCancelled())
+            return;
+        try {
+            WalkRoot(root);
+        } catch (const Krt::Exception::YError& error) {
+            m_visitor.OnFailed(root, ReasonOf(error));
+        }
+    }
+}
+
+void Walker::WalkRoot(const YPath& root)
+{
+    if (root == "/") {
+        YDirectory directory = YDirectory::Open(root);
+        const struct stat status = directory.Stat();
+        Enter(root, std::move(directory), status);
+    } else {
+        const YDirectory parent = YDirectory::OpenFollowing(root.GetParent());
+        VisitEntry(root, parent, YPath::GetFileFromPath(root, "/"), DT_UNKNOWN, true);
+    }
+    while (!m_levels.empty()) {
+        Level& level = m_levels.back();
+        if (level.next == level.names.size() || m_visitor.IsCancelled()) {
+            m_levels.pop_back();
+            continue;
+        }
+        const Name name = std::move(level.names[level.next++]);
+        const YPath path = level.path.Append(name.text);
+        if (m_roots.count(path) != 0)
+            continue;
+        try {
+            VisitEntry(path, DirectoryOf(level), name.text, name.type, false);
+        } catch (const Krt::Exception::YError& error) {
+            m_visitor.OnFailed(path, ReasonOf(error));
+        }
+    }
+}
+
+void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YString& name, unsigned char type,
+                        bool isRoot)
+{
+    const YSelectionDescriptor::SelectionType answer = m_rules.GetPathSelectionType(path);
+    if (answer == YSelectionDescriptor::Exclude)
+        m_visitor.OnExcluded(path);
+    const bool selected = answer == YSelectionDescriptor::Include;
+    if (!selected && answer != YSelectionDescriptor::NotSelectedDoRecurse)
+        return;
+    if (!selected && type != DT_DIR && type != DT_UNKNOWN)
+        return;
+
+    const struct stat status = parent.Stat(name);
+    const bool isDirectory = S_ISDIR(status.st_mode);
+    if (!selected && !isDirectory)
+        return;
+    if (m_skips && isDirectory && status.st_dev == m_skippedDevice && status.st_ino == m_skippedInode) {
+        m_visitor.OnStoreSkipped(path);
+        return;
+    }
+    if (!MayEnter({path, parent, name, status}, selected, isRoot))
+        return;
+
+    YDirectory directory = parent.OpenDirectory(name);
+    const struct stat opened = directory.Stat();
+    if (opened.st_dev != status.st_dev || opened.st_ino != status.st_ino)
+        KRT_RAISE(Krt::ErrorCode::InvalidState, "The directory was replaced during the walk");
+    Enter(path, std::move(directory), opened);
+}
+
+// Captures a selected entry; whether what it is may be entered.
+bool Walker::MayEnter(const WalkedEntry& entry, bool selected, bool isRoot)
+{
+    const bool isDirectory = S_ISDIR(entry.status.st_mode);
+    bool followable = false;
+    try {
+        if (selected)
+            followable = m_visitor.OnSelected(entry);
+        else
+            followable = Backup::File::IsFollowableDirectoryFromKrtAttributes(entry.path,
+                                                                              Krt::File::AttributeDirectory);
+    } catch (const Krt::Exception::YError& error) {
+        m_visitor.OnFailed(entry.path, ReasonOf(error));
+        // What is below a directory that the user named is walked all the same.
+        return isDirectory && isRoot;
+    }
+    if (!isDirectory)
+        return false;
+    if (!followable && isRoot)
+        m_visitor.OnMountEntered(entry.path);
+    else if (!followable)
+        m_visitor.OnMountNotEntered(entry.path);
+    return followable || isRoot;
+}
+
+void Walker::Enter(const YPath& path, YDirectory directory, const struct stat& status)
+{
+    std::vector<Name> names = SortedNames(directory);
+    m_levels.push_back({path, std::move(directory), status.st_dev, status.st_ino, std::move(names)});
+    if (m_levels.size() > MaxOpenLevels)
+        m_levels[m_levels.size() - MaxOpenLevels - 1].directory.reset();
+}
+
+const YDirectory& Walker::DirectoryOf(Level& level)
+{
+    if (!level.directory) {
+        YDirectory directory = YDirectory::OpenFollowing(level.path);
+        const struct stat status = directory.Stat();
+        if (status.st_dev != level.device || status.st_ino != level.inode)
+            KRT_RAISE(Krt::ErrorCode::InvalidState, "The directory above was replaced during the walk");
+        level.directory = std::move(directory);
+    }
+    return *level.directory;
+}
+
+} // namespace Agent

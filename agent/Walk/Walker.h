@@ -1,0 +1,78 @@
+// Walks the file system as a job's rules ask. It goes down by directory descriptors and follows no link, asks
+// the rules about each entry, and hands the selected ones to a visitor. Nothing that the rules leave out is
+// opened or looked at. Depth, not the number of files, bounds its memory: the names of the directories on the
+// way down are held, and a bounded number of descriptors.
+#pragma once
+
+#include "Backup/File/YSelectionManager.h"
+
+#include "Krt/File/YDirectory.h"
+
+#include <deque>
+#include <set>
+
+namespace Agent {
+
+/// A selected entry. Everything is valid during the call alone.
+struct WalkedEntry
+{
+    const Krt::File::YPath& path;
+    const Krt::File::YDirectory& parent;
+    const Krt::YString& name;
+    const struct stat& status; ///< of the entry itself, through `parent`
+};
+
+/// What a walk tells. A YError that OnSelected raises is a failure of that entry; the walk goes on.
+class IWalkVisitor
+{
+public:
+    virtual ~IWalkVisitor() = default;
+    /// For a directory the answer says whether the descent policy lets the walk enter it.
+    virtual bool OnSelected(const WalkedEntry& entry) = 0;
+    /// Selected, but excluded by a rule that wants it told.
+    virtual void OnExcluded(const Krt::File::YPath& path) = 0;
+    /// A mount point that the policy keeps the walk out of.
+    virtual void OnMountNotEntered(const Krt::File::YPath& path) = 0;
+    /// A mount point that the policy would not follow, entered since the user named it.
+    virtual void OnMountEntered(const Krt::File::YPath& path) = 0;
+    /// The directory that must not be walked.
+    virtual void OnStoreSkipped(const Krt::File::YPath& path) = 0;
+    virtual void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) = 0;
+    /// Asked between entries; true ends the walk.
+    virtual bool IsCancelled() = 0;
+};
+
+class Walker
+{
+public:
+    /// Both outlive the walker. `roots` are where walks start: each is an entry, or "/". A walk that comes
+    /// upon another root leaves it to that root's own walk, so nothing is visited twice.
+    Walker(const Backup::File::YSelectionManager& rules, std::set<Krt::File::YPath> roots, IWalkVisitor& visitor);
+    ~Walker();
+
+    /// The directory with this status is neither visited nor entered.
+    void Skip(const struct stat& directory);
+    /// Walks every root in order. Entries of a directory come in the order of their names' bytes, a directory
+    /// before what it holds.
+    void Run();
+
+private:
+    struct Level;
+
+    void WalkRoot(const Krt::File::YPath& root);
+    void VisitEntry(const Krt::File::YPath& path, const Krt::File::YDirectory& parent, const Krt::YString& name,
+                    unsigned char type, bool isRoot);
+    bool MayEnter(const WalkedEntry& entry, bool selected, bool isRoot);
+    void Enter(const Krt::File::YPath& path, Krt::File::YDirectory directory, const struct stat& status);
+    const Krt::File::YDirectory& DirectoryOf(Level& level);
+
+    const Backup::File::YSelectionManager& m_rules;
+    std::set<Krt::File::YPath> m_roots;
+    IWalkVisitor& m_visitor;
+    bool m_skips = false;
+    dev_t m_skippedDevice = 0;
+    ino_t m_skippedInode = 0;
+    std::deque<Level> m_levels; // the directories on the way down
+};
+
+} // namespace Agent
