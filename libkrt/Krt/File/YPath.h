@@ -1,6 +1,7 @@
 // YPath: an immutable path as text. Nothing here touches the file system. Only "/" separates, yet Windows
-// volume forms are recognised at the front, since such paths travel through as data. Objects are shared across
-// threads by const reference: caches are filled under the object's own lock and never change afterwards.
+// volume forms are recognised at the front, since such paths travel through as data. Objects are shared
+// across threads by const reference: caches are filled under the object's own lock and never change
+// afterwards.
 #pragma once
 
 #include "Krt/String/YString.h"
@@ -73,8 +74,9 @@ public:
     YString& operator+=(const YString&) = delete;
 
 private:
-    // Brings the text into normal form and forgets the caches.
-    void Initialize(bool convertSeparators);
+    // Brings the text into normal form and forgets the caches. The system's separator is "/", so that none
+    // has to be converted.
+    void Initialize();
 
     mutable std::unique_ptr<YString> m_withSeparator;
     mutable std::unique_ptr<std::vector<YString>> m_components;

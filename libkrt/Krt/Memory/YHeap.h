@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -42,8 +43,8 @@ public:
         Copy(0, source, size);
     }
 
-    YHeap(const YHeap&) = default;
-    YHeap& operator=(const YHeap&) = default;
+    YHeap(const YHeap& other) : YHeap(other.m_bytes.data(), other.Size()) {}
+    YHeap& operator=(const YHeap& other) { return *this = YHeap(other); }
     YHeap(YHeap&& other) noexcept : m_bytes(std::move(other.m_bytes)) { other.m_bytes.clear(); }
 
     YHeap& operator=(YHeap&& other) noexcept

@@ -39,6 +39,7 @@ public:
     YString(const wchar_t* text);
     /// All bytes, NUL bytes inside kept; those at the end are stripped, as always.
     explicit YString(std::string_view bytes);
+    explicit YString(std::string&& bytes) noexcept;
     template <class Iterator>
     YString(Iterator first, Iterator last) : m_bytes(first, last)
     {
@@ -78,7 +79,8 @@ public:
     YString Mid(unsigned int start, unsigned int count) const;
     YString Left(unsigned int count) const;
     YString Right(unsigned int count) const;
-    /// First byte of the character at `index`; raises InvalidArgument past the end.
+    /// First byte of the character at `index`; raises InvalidArgument past the end. An index that is below
+    /// the number of bytes and names the place behind the last character gives the terminator.
     const char& At(unsigned int index) const;
     bool EndsWith(const YString& suffix, bool caseSensitive) const;
 
@@ -104,8 +106,18 @@ private:
     static constexpr unsigned int Unknown = 0xFFFFFFFF;
 
     unsigned int CachedCount() const noexcept { return m_count.load(std::memory_order_relaxed); }
+    // Whether each character is one byte, as far as that is known.
+    bool IsSingleByte() const noexcept { return CachedCount() == m_bytes.size(); }
     // Byte offset of a character, or npos past the end.
-    std::size_t Locate(unsigned int index, std::size_t from = 0) const;
+    std::size_t Locate(unsigned int index) const;
+    // Byte offset so many characters behind an offset, or npos past the end.
+    std::size_t Walk(std::size_t offset, unsigned int characters) const;
+    // Byte offset of the first match at or behind an offset, of which `index` is the character index and is
+    // moved along; npos if there is none.
+    std::size_t Search(std::string_view needle, std::size_t offset, unsigned int& index,
+                       bool caseSensitive) const;
+    // The bytes between two offsets, up to the first NUL.
+    std::string_view Text(std::size_t begin, std::size_t end) const;
     // Every mutator begins with DropWide and ends with Normalize.
     void DropWide();
     void Normalize() noexcept;
