@@ -19,13 +19,16 @@ namespace Krt::Exception {
                                            unsigned int line, const char* file, const char* function,
                                            const YStream& message);
 
-/// The banner of a failed check on standard error, then the debugger, then InvalidUse with the banner as text.
+/// The banner of a failed check on standard error, then the debugger, then InvalidUse with the banner as
+/// text.
 [[noreturn, gnu::cold]] KRT_API void FailRequiredCheck(const char* condition, const YString& detail,
-                                                       unsigned int line, const char* file, const char* function);
+                                                       unsigned int line, const char* file,
+                                                       const char* function);
 
 /// The banner written straight to standard error, then the debugger, then abort().
 [[noreturn, gnu::cold]] KRT_API void AbortRequiredCheck(const char* condition, const YStream& detail,
-                                                        unsigned int line, const char* file, const char* function);
+                                                        unsigned int line, const char* file,
+                                                        const char* function);
 
 /// Logs the failed assertion after `prefix`, calls the debugger and raises InvalidUse with the detail.
 [[noreturn, gnu::cold]] KRT_API void FailAssertion(const YString& prefix, const char* condition,
@@ -42,7 +45,8 @@ namespace Krt::Exception {
     } while (false)
 
 #define KRT_RAISE_AS(function, channel, code, ...)                                                           \
-    KRT_RAISE_FULL(::Krt::Exception::ExceptionType::General, function, channel, code __VA_OPT__(, ) __VA_ARGS__)
+    KRT_RAISE_FULL(::Krt::Exception::ExceptionType::General, function, channel,                              \
+                   code __VA_OPT__(, ) __VA_ARGS__)
 #define KRT_RAISE_ON(channel, code, ...) KRT_RAISE_AS(__func__, channel, code __VA_OPT__(, ) __VA_ARGS__)
 #define KRT_RAISE(code, ...) KRT_RAISE_ON(::Krt::MessageType::General, code __VA_OPT__(, ) __VA_ARGS__)
 

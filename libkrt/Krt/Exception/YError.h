@@ -63,8 +63,8 @@ public:
     explicit YError(const YErrorBase& other) : YErrorBase(other) {}
 };
 
-/// The error for a raising site. `code` is an ErrorCode, or an errno for OsError; `file` is the source path and
-/// `function` the bare function name. Takes the stack of the caller. Does not fail.
+/// The error for a raising site. `code` is an ErrorCode, or an errno for OsError; `file` is the source path
+/// and `function` the bare function name. Takes the stack of the caller. Does not fail.
 KRT_API YError MakeYError(ExceptionType type, unsigned int messageType, unsigned int code, unsigned int line,
                           const char* file, const char* function, const YString& message);
 
@@ -73,8 +73,8 @@ KRT_API YError MakeYError(ExceptionType type, unsigned int messageType, unsigned
 KRT_API YError TranslateYError(const std::exception& source, unsigned int messageType, unsigned int line,
                                const char* file, const char* function, const YString& message);
 
-/// The calling thread's stack, a line a frame: the address, a blank, the module's path, "+" and the offset in it.
-/// Cheap: no symbol is looked up.
+/// The calling thread's stack, a line a frame: the address, a blank, the module's path, "+" and the offset in
+/// it. Cheap: no symbol is looked up.
 KRT_API YString GetCurrentStackTrace();
 
 /// The portable code for an operating-system error number.

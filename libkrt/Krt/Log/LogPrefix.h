@@ -19,8 +19,8 @@ KRT_API YString PrefixOfName(const YString& name) noexcept;
 KRT_API YString PrefixOfClass(const std::type_info& type) noexcept;
 } // namespace Detail
 
-/// Of the object's dynamic class where it has virtual functions; of the text itself for a YString. "RTTI ERROR"
-/// if the prefix can't be made.
+/// Of the object's dynamic class where it has virtual functions; of the text itself for a YString. "RTTI
+/// ERROR" if the prefix can't be made.
 template <class T>
 YString GetLogPrefix(const T& object)
 {

@@ -8,7 +8,10 @@
 
 namespace Krt::Log {
 
-/// One message on the calling thread's stream; a message that an exception cuts short is dropped.
+class YLogContext;
+
+/// One message on the calling thread's stream. A message that an exception cuts short is dropped; one that is
+/// logged while an outer one is being built comes out first and leaves the outer one whole.
 class KRT_API YLogLine
 {
 public:
@@ -16,11 +19,12 @@ public:
     ~YLogLine();
     YLogLine(const YLogLine&) = delete;
     YLogLine& operator=(const YLogLine&) = delete;
-    YStream& Stream() { return m_stream; }
+    YStream& Stream();
 
 private:
-    YStream& m_stream;
-    int m_exceptions;
+    YLogContext& m_context;
+    std::string m_outer; // what an outer message has so far
+    unsigned int m_outerType;
 };
 
 inline bool IsLogged(unsigned int type)
@@ -34,7 +38,7 @@ inline bool IsLogged(unsigned int type)
     do {                                                                                                     \
         if (::Krt::Log::IsLogged(type)) {                                                                    \
             ::Krt::Log::YLogLine krtLogLine(type);                                                           \
-            krtLogLine.Stream() << (prefix).CStr() << __VA_ARGS__ << ::Krt::Modifiers::EndLine;                     \
+            krtLogLine.Stream() << (prefix).CStr() << __VA_ARGS__ << ::Krt::Modifiers::EndLine;              \
         }                                                                                                    \
     } while (false)
 
@@ -42,5 +46,6 @@ inline bool IsLogged(unsigned int type)
 
 #define KRT_LOG_FREE(type, ...)                                                                              \
     KRT_LOG_WITH_PREFIX(                                                                                     \
-        type, ::Krt::Log::GetLogPrefix<::Krt::YString>(::Krt::Util::Camelify(::Krt::Log::TypeToString(type))), \
+        type,                                                                                                \
+        ::Krt::Log::GetLogPrefix<::Krt::YString>(::Krt::Util::Camelify(::Krt::Log::TypeToString(type))),     \
         __VA_ARGS__)

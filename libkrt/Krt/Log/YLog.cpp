@@ -1,0 +1,215 @@
+#include "Krt/Log/YLog.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/Log/YLogContext.h"
+#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/Retry.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+namespace Krt::Log {
+
+namespace {
+
+// The local time to the second, and its distance from UTC. Kept while the second lasts: working it out costs
+// more than the rest of a line.
+class Clock
+{
+public:
+    void AppendNow(std::string& line)
+    {
+        using namespace std::chrono;
+        const auto now = time_point_cast<milliseconds>(system_clock::now());
+        const auto second = floor<seconds>(now);
+        if (second != m_second || m_date[0] == '\0')
+            Update(second);
+        char fraction[8];
+        std::snprintf(fraction, sizeof fraction, ".%03d", static_cast<int>((now - second).count()));
+        line.append(m_date).append(fraction).append(m_zone);
+    }
+
+private:
+    void Update(std::chrono::sys_seconds second)
+    {
+        const std::time_t time = std::chrono::system_clock::to_time_t(second);
+        std::tm local{};
+        localtime_r(&time, &local);
+        std::strftime(m_date, sizeof m_date, "%Y-%m-%dT%H:%M:%S", &local);
+        const long minutes = local.tm_gmtoff / 60;
+        std::snprintf(m_zone, sizeof m_zone, "%c%02d:%02d", minutes < 0 ? '-' : '+',
+                      static_cast<int>(std::labs(minutes) / 60 % 100),
+                      static_cast<int>(std::labs(minutes) % 60));
+        m_second = second;
+    }
+
+    std::chrono::sys_seconds m_second{};
+    char m_date[32] = "";
+    char m_zone[16] = "";
+};
+
+void AppendEscapedByte(std::string& line, unsigned char byte)
+{
+    static constexpr char digits[] = "0123456789abcdef";
+    switch (byte) {
+    case '\n':
+        line += "\\n";
+        break;
+    case '\r':
+        line += "\\r";
+        break;
+    case '\t':
+        line += "\\t";
+        break;
+    default:
+        line.append("\\x").append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
+    }
+}
+
+// Control characters would let a file name end a line, begin a false one, or steer a terminal. Beside those
+// of ASCII there are U+0080 to U+009F, which UTF-8 writes as 0xC2 and the number.
+void AppendEscaped(std::string& line, std::string_view text)
+{
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+        if (byte < 0x20 || byte == 0x7F) {
+            AppendEscapedByte(line, byte);
+        } else if (byte == 0xC2 && next >= 0x80 && next <= 0x9F) {
+            AppendEscapedByte(line, byte);
+            AppendEscapedByte(line, next);
+            ++i;
+        } else {
+            line += text[i];
+        }
+    }
+}
+
+const char* LevelOf(unsigned int type)
+{
+    return type == MessageType::General ? " INFO " : " TRACE ";
+}
+
+} // namespace
+
+class YLog::Impl
+{
+public:
+    // The lock is held for a whole line, so that lines stand in the order of their times.
+    mutable std::mutex mutex;
+    Util::YUnxHandle file;
+    bool copyToConsole = false;
+    bool wholeLines = false;
+    std::atomic<unsigned long long> dropped{0};
+
+    // Whether the line was written; called with the lock held.
+    bool WriteLine(unsigned int type, std::string_view text)
+    {
+        if (file.IsEmpty())
+            return false;
+        m_line.clear();
+        m_clock.AppendNow(m_line);
+        m_line += LevelOf(type);
+        AppendEscaped(m_line, text);
+        m_line += '\n';
+        if (copyToConsole)
+            WriteOnce(STDERR_FILENO);
+        const ssize_t written = WriteOnce(file.Get());
+        if (written == static_cast<ssize_t>(m_line.size()))
+            return true;
+        if (written > 0 && wholeLines)
+            TakeBack(written);
+        return false;
+    }
+
+private:
+    // One call, since the appended pieces of several processes may alternate.
+    ssize_t WriteOnce(int descriptor) const
+    {
+        return Util::RetryOnInterrupt([&] { return write(descriptor, m_line.data(), m_line.size()); });
+    }
+
+    // An appending write leaves the offset behind what it wrote. If the file has grown since, it stays as it
+    // is.
+    void TakeBack(ssize_t count) const
+    {
+        const off_t end = lseek(file.Get(), 0, SEEK_CUR);
+        if (end < count || lseek(file.Get(), 0, SEEK_END) != end)
+            return;
+        if (Util::RetryOnInterrupt([&] { return ftruncate(file.Get(), end - count); }) != 0)
+            return; // the piece of a line stays, and the line counts as dropped all the same
+    }
+
+    Clock m_clock;
+    std::string m_line; // kept for its capacity
+};
+
+YLog::YLog() : m_impl(std::make_unique<Impl>()) {}
+
+YLog::~YLog() = default;
+
+void YLog::Open(Param param)
+{
+    const std::lock_guard lock(m_impl->mutex);
+    m_impl->file.Close();
+    m_impl->file =
+        Util::OpenHandle(param.path.CStr(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NOCTTY, 0640);
+    if (m_impl->file.IsEmpty())
+        KRT_RAISE_OS("Failed to open log: " << param.path);
+    m_impl->copyToConsole = param.copyToConsole;
+    m_impl->wholeLines = param.wholeLines;
+}
+
+void YLog::Close()
+{
+    const std::lock_guard lock(m_impl->mutex);
+    m_impl->file.Close();
+}
+
+bool YLog::IsOpen() const
+{
+    const std::lock_guard lock(m_impl->mutex);
+    return !m_impl->file.IsEmpty();
+}
+
+unsigned long long YLog::GetDroppedCount() const
+{
+    return m_impl->dropped.load(std::memory_order_relaxed);
+}
+
+YStream& YLog::GetThreadSpecificContext()
+{
+    return YLogContext::OfThread(*this);
+}
+
+void YLog::Write(unsigned int type, const YString& message)
+{
+    std::string_view text = message.Bytes();
+    if (text.ends_with('\n'))
+        text.remove_suffix(1);
+    const std::lock_guard lock(m_impl->mutex);
+    if (!m_impl->WriteLine(type, text))
+        m_impl->dropped.fetch_add(1, std::memory_order_relaxed);
+}
+
+namespace Detail {
+constinit std::atomic<YLog*> g_logger{nullptr};
+}
+
+void InstallGlobalLogger()
+{
+    if (GetGlobalLogger() != nullptr)
+        return;
+    // Never destroyed, so that a message may come from the destructor of any static object.
+    auto log = std::make_unique<YLog>();
+    YLog* none = nullptr;
+    if (Detail::g_logger.compare_exchange_strong(none, log.get(), std::memory_order_acq_rel))
+        log.release();
+}
+
+} // namespace Krt::Log

@@ -3,9 +3,13 @@
 #pragma once
 
 #include "Krt/File/YPath.h"
+#include "Krt/Log/MessageType.h"
 #include "Krt/Log/YStream.h"
 
+#include <atomic>
 #include <memory>
+#include <mutex>
+#include <vector>
 
 namespace Krt::Log {
 
@@ -14,7 +18,8 @@ class KRT_API YLogBase
 {
 public:
     virtual ~YLogBase() = default;
-    /// The calling thread's own stream. Text up to Modifiers::EndLine becomes one message; the next starts empty.
+    /// The calling thread's own stream. Text up to Modifiers::EndLine becomes one message; the next starts
+    /// empty.
     virtual YStream& GetThreadSpecificContext() = 0;
 };
 
@@ -27,7 +32,7 @@ public:
         explicit Param(const File::YPath& logPath) : path(logPath) {}
         File::YPath path;
         bool copyToConsole = false; ///< also write each line to standard error
-        bool wholeLines = false;    ///< write a message in one piece, never part of a line
+        bool wholeLines = false;    ///< take back the part of a line that a full disk has cut short
     };
 
     YLog();
@@ -35,8 +40,9 @@ public:
     YLog(const YLog&) = delete;
     YLog& operator=(const YLog&) = delete;
 
-    /// Opens the file for appending with mode 0640, not through a symbolic link; a missing parent is an error.
-    /// Raises the operating system's error and leaves the log closed.
+    /// Opens the file for appending with mode 0640, not through a symbolic link; a missing parent is an
+    /// error. Raises the operating system's error and leaves the log closed. A log that is open is closed
+    /// first.
     void Open(Param param);
     /// Ends the log if one is open. Messages of threads meanwhile are dropped and counted.
     void Close();
@@ -44,6 +50,11 @@ public:
     /// Messages dropped, while closed or because a write failed, since this object was made.
     unsigned long long GetDroppedCount() const;
     YStream& GetThreadSpecificContext() override;
+    /// Appends one line to the file: local time in ISO 8601 with milliseconds and zone, the channel's level
+    /// ("INFO" for General, "TRACE" for others) and the message, each behind a blank. A line end at the
+    /// message's end is left out; control characters inside are written escaped, so a message is one line.
+    /// Doesn't raise: what can't be written is dropped and counted. Any thread.
+    void Write(unsigned int type, const YString& message);
 
 private:
     class Impl;
@@ -54,28 +65,87 @@ private:
 class KRT_API YRegistrar
 {
 public:
-    YRegistrar();
-    ~YRegistrar();
+    constexpr YRegistrar() = default;
+    YRegistrar(const YRegistrar&) = delete;
+    YRegistrar& operator=(const YRegistrar&) = delete;
+
     /// Lock-free, from any thread.
-    bool IsMessageEnabled(unsigned int type) const;
+    bool IsMessageEnabled(unsigned int type) const
+    {
+        return (m_enabled.load(std::memory_order_relaxed) & BitOf(type)) != 0;
+    }
     /// The channel's name, such as "FileIo"; a number without a channel is given in decimal.
     YString TypeToString(unsigned int type) const;
-    /// Replaces the set of enabled channels. Names that no channel has are kept and match nothing.
+    /// Replaces the set of enabled channels. Blanks around a name don't count; names that no channel has are
+    /// kept and match nothing.
     void SetEnabledMessages(const std::vector<YString>& channels);
     std::vector<YString> GetEnabledMessages() const;
 
 private:
-    class Impl;
-    std::unique_ptr<Impl> m_impl;
+    // A channel's place in the set of enabled ones; nothing for a number without a channel. A site's channel
+    // is a constant, so that its bit is one too.
+    static constexpr unsigned int BitOf(unsigned int type)
+    {
+        switch (type) {
+        case MessageType::Runtime:
+            return 1U << 0;
+        case MessageType::Volume:
+            return 1U << 1;
+        case MessageType::General:
+            return 1U << 2;
+        case MessageType::FileStat:
+            return 1U << 3;
+        case MessageType::FileIo:
+            return 1U << 4;
+        case MessageType::FileInfo:
+            return 1U << 5;
+        case MessageType::FileClose:
+            return 1U << 6;
+        case MessageType::SelectionBuild:
+            return 1U << 7;
+        case MessageType::SelectionQuery:
+            return 1U << 8;
+        default:
+            return 0;
+        }
+    }
+
+    std::atomic<unsigned int> m_enabled{0};
+    mutable std::mutex m_mutex;
+    // A pointer, null for none, so that the process's registrar needs no code to begin its life.
+    std::unique_ptr<std::vector<YString>> m_names;
 };
+
+namespace Detail {
+// Usable from the first static constructor to the last static destructor of the process.
+union GlobalRegistrar {
+    constexpr GlobalRegistrar() : registrar() {}
+    ~GlobalRegistrar() {}
+    YRegistrar registrar;
+};
+extern KRT_API GlobalRegistrar g_registrar;
+extern KRT_API std::atomic<YLog*> g_logger;
+} // namespace Detail
 
 /// Makes the process's logger, closed; a second call does nothing. Nothing else creates one.
 KRT_API void InstallGlobalLogger();
 /// Null until InstallGlobalLogger.
-KRT_API YLog* GetGlobalLogger();
+inline YLog* GetGlobalLogger()
+{
+    return Detail::g_logger.load(std::memory_order_acquire);
+}
 /// Always usable; starts with no channel enabled.
-KRT_API YRegistrar* GetGlobalRegistrar();
-KRT_API bool IsMessageEnabled(unsigned int type);
-KRT_API YString TypeToString(unsigned int type);
+inline YRegistrar* GetGlobalRegistrar()
+{
+    return &Detail::g_registrar.registrar;
+}
+inline bool IsMessageEnabled(unsigned int type)
+{
+    return GetGlobalRegistrar()->IsMessageEnabled(type);
+}
+inline YString TypeToString(unsigned int type)
+{
+    return GetGlobalRegistrar()->TypeToString(type);
+}
 
 } // namespace Krt::Log

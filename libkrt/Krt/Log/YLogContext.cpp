@@ -1,0 +1,62 @@
+#include "Krt/Log/YLogContext.h"
+
+#include "Krt/Log/YLog.h"
+
+#include <memory>
+#include <utility>
+
+namespace Krt::Log {
+
+namespace {
+
+// These two need no destructor, so they may be used when the thread's other objects are gone.
+thread_local YLogContext* t_context = nullptr;
+thread_local bool t_ended = false;
+
+struct ContextOwner
+{
+    ~ContextOwner()
+    {
+        t_context = nullptr;
+        t_ended = true;
+    }
+    std::unique_ptr<YLogContext> context;
+};
+thread_local ContextOwner t_owner;
+
+} // namespace
+
+YLogContext::YLogContext() : YStream(YString()), m_type(MessageType::General) {}
+
+YLogContext& YLogContext::OfThread(YLog& log)
+{
+    if (t_context == nullptr) {
+        auto context = std::make_unique<YLogContext>();
+        t_context = context.get();
+        if (t_ended)
+            context.release(); // nothing comes later that could destroy it
+        else
+            t_owner.context = std::move(context);
+    }
+    t_context->m_log = &log;
+    return *t_context;
+}
+
+std::string YLogContext::ExchangeText(std::string text)
+{
+    std::string unfinished = m_text.str();
+    m_text.str(std::move(text));
+    m_text.seekp(0, std::ios::end);
+    m_text << std::dec;
+    return unfinished;
+}
+
+void YLogContext::FlushInternal()
+{
+    const std::string text = ExchangeText(std::string());
+    const YString message{std::string_view(text)};
+    m_log->Write(SetType(MessageType::General), message);
+    m_signal(message);
+}
+
+} // namespace Krt::Log
