@@ -1,0 +1,48 @@
+// What a subcommand is to the program. Each stands in a source of its own with its options; Program.cpp knows
+// them all.
+#pragma once
+
+#include "agent/Cli/Report.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+class Option;
+} // namespace CLI
+
+namespace Agent {
+
+class ICommand
+{
+public:
+    virtual ~ICommand() = default;
+    /// Adds the subcommand with its options and help, and returns it. Options are stored in this object.
+    virtual CLI::App* Register(CLI::App& program) = 0;
+    /// Does the work. Entries that failed are told to the report, which makes the exit code 3; what is raised
+    /// is printed and makes it 1, or 2 for a UsageError.
+    virtual void Run(Report& report) = 0;
+};
+
+/// Options that are each right and can't stand together.
+class UsageError : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+std::unique_ptr<ICommand> MakeBackupCommand();
+std::unique_ptr<ICommand> MakeListCommand();
+std::unique_ptr<ICommand> MakeRestoreCommand();
+
+/// The option --store DIR, which is required.
+void AddStoreOption(CLI::App& command, std::string& path);
+/// The positional PATH...; the arguments stand in PathsOf(option) as they were typed, whatever they look
+/// like.
+CLI::Option* AddPathArguments(CLI::App& command, const std::string& description);
+const std::vector<std::string>& PathsOf(const CLI::Option* option);
+
+} // namespace Agent

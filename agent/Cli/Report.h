@@ -1,0 +1,52 @@
+// Report: what a running command tells the user. Failures and notes go to standard error, line by line;
+// progress goes there too, on a terminal alone; what the command was asked for goes to standard output. All
+// text is made printable, so the name of a file can't forge a line or steer the terminal. One thread at a
+// time.
+#pragma once
+
+#include "agent/Cli/Output.h"
+
+#include "Krt/String/YString.h"
+
+#include <chrono>
+
+namespace Agent {
+
+class Report
+{
+public:
+    Report();
+    ~Report();
+    Report(const Report&) = delete;
+    Report& operator=(const Report&) = delete;
+
+    /// An entry that could not be done, or not wholly. Counted.
+    void EntryFailed(const Krt::YString& path, const Krt::YString& reason);
+    unsigned long long GetFailed() const { return m_failed; }
+    /// Worth telling, and no failure.
+    void Note(const Krt::YString& text);
+    /// What ended the run.
+    void Error(const Krt::YString& text);
+
+    /// Cheap enough to be called for each entry and each block: prints now and then how far the work has got.
+    void Progress(unsigned long long entries, unsigned long long bytes)
+    {
+        if (m_showsProgress)
+            ShowProgress(entries, bytes);
+    }
+    /// Standard output.
+    Output& Out() { return m_output; }
+
+private:
+    void ShowProgress(unsigned long long entries, unsigned long long bytes);
+    void Line(const std::string& text);
+
+    Output m_output;
+    unsigned long long m_failed = 0;
+    bool m_showsProgress;
+    bool m_lineStands = false; // of progress
+    std::chrono::steady_clock::time_point m_start;
+    std::chrono::steady_clock::time_point m_shown;
+};
+
+} // namespace Agent

@@ -1,0 +1,58 @@
+// The lines of a snapshot: what stands in the header, in an entry and in the trailer, and their JSON forms.
+#pragma once
+
+#include "agent/Store/Address.h"
+
+#include "Krt/JSON/YObject.h"
+
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace Agent {
+
+struct SnapshotHeader
+{
+    unsigned long long time = 0;     ///< of the run's begin, in seconds since 1970
+    Krt::YString host;               ///< the name of the machine
+    std::vector<Krt::YString> paths; ///< where the walks started
+};
+
+struct DeviceNumbers
+{
+    unsigned int major = 0;
+    unsigned int minor = 0;
+    friend bool operator==(const DeviceNumbers&, const DeviceNumbers&) = default;
+};
+
+struct SnapshotEntry
+{
+    Krt::JSON::YObject record;                  ///< as ToJSON gives it
+    std::optional<Address> content;             ///< of a regular file; each name of a hard-linked one has it
+    unsigned long long hardLinkGroup = 0;       ///< the same for all names of one file; 0 for none
+    std::optional<DeviceNumbers> device;        ///< of a device
+    std::optional<Krt::YString> linkTarget;     ///< where the raw target differs from the record's
+    std::optional<unsigned long long> readSize; ///< of the content, where it differs from the record's size
+};
+
+struct SnapshotTrailer
+{
+    unsigned long long entries = 0;
+    unsigned long long bytes = 0;  ///< of the contents that were read
+    unsigned long long failed = 0; ///< entries that the run could not store, or not as they were
+    Address digest;                ///< of all lines before
+};
+
+/// Append the line, with its line end, to `line`.
+void WriteLine(const SnapshotHeader& header, std::string& line);
+void WriteLine(const SnapshotEntry& entry, std::string& line);
+void WriteLine(const SnapshotTrailer& trailer, std::string& line);
+
+/// Read a line without its end. Raise InvalidArgument on what is none of the kind.
+SnapshotHeader ReadHeader(std::string_view line);
+SnapshotEntry ReadEntry(std::string_view line);
+SnapshotTrailer ReadTrailer(std::string_view line);
+/// Whether the line is a trailer rather than an entry; looks at its first bytes alone.
+bool IsTrailer(std::string_view line);
+
+} // namespace Agent

@@ -1,0 +1,52 @@
+// SnapshotReader: reads one snapshot, an entry after the other, in constant memory. Damage raises
+// InvalidState or InvalidArgument with the file and the line. A snapshot is proved only by its end, so a
+// restore calls Verify before it believes an entry.
+#pragma once
+
+#include "agent/Store/Snapshot.h"
+#include "agent/Store/Store.h"
+#include "agent/Store/ZstdReader.h"
+
+namespace Agent {
+
+class SnapshotReader
+{
+public:
+    /// Longest line, in bytes. A writer makes none that is longer, and a reader refuses it.
+    static constexpr std::size_t LineLimit = 16 << 20;
+
+    /// `id` is one that Store::FindSnapshot gave; the store outlives the reader.
+    SnapshotReader(const Store& store, const std::string& id);
+
+    const SnapshotHeader& GetHeader() const { return m_header; }
+    /// The trailer, found from the end of the file without reading what is before it. Proves nothing.
+    SnapshotTrailer PeekTrailer() const;
+
+    /// Reads the whole snapshot and checks digest and counts, without looking into the entries. Next then
+    /// gives the first entry again.
+    SnapshotTrailer Verify();
+    /// The next entry; false at the end, which is checked as Verify does.
+    bool Next(SnapshotEntry& entry);
+    /// The same for the entry's line, without its end; valid until the next call.
+    bool NextLine(std::string_view& line);
+    /// From the first entry on again.
+    void Rewind();
+
+private:
+    bool ReadLine(std::string_view& line);
+    [[noreturn]] void RaiseDamaged(const Krt::YString& reason) const;
+    void CheckEnd(std::string_view trailerLine);
+
+    Krt::YString m_name; // of the file, for messages
+    Krt::Util::YUnxHandle m_file;
+    ZstdReader m_reader;
+    Sha256 m_hash;
+    std::string m_buffer;     // the line that stands in more than one block
+    std::string_view m_block; // what was decompressed and not yet taken
+    SnapshotHeader m_header;
+    SnapshotTrailer m_trailer;
+    unsigned long long m_line = 0;
+    bool m_ended = false;
+};
+
+} // namespace Agent

@@ -1,0 +1,37 @@
+// SnapshotWriter: writes one snapshot, an entry after the other, in constant memory. Nothing of it shows in
+// the store before Finish.
+#pragma once
+
+#include "agent/Store/Snapshot.h"
+#include "agent/Store/StoreSession.h"
+#include "agent/Store/ZstdWriter.h"
+
+namespace Agent {
+
+class SnapshotWriter
+{
+public:
+    /// The session outlives the writer.
+    SnapshotWriter(StoreSession& session, const SnapshotHeader& header);
+    ~SnapshotWriter();
+
+    /// Raises InvalidArgument, with nothing written, if the entry is larger than a reader takes.
+    void Add(const SnapshotEntry& entry);
+    /// Ends the snapshot with its counts, puts it and all objects of the session on disk, and gives it its
+    /// name: the id. The last call.
+    std::string Finish(unsigned long long bytes, unsigned long long failed);
+
+private:
+    void WriteLineBytes();
+
+    StoreSession& m_session;
+    StoreSession::Temporary m_file;
+    ZstdWriter m_compressor;
+    Sha256 m_hash;
+    std::string m_id;
+    std::string m_line;
+    unsigned long long m_entries = 0;
+    bool m_finished = false;
+};
+
+} // namespace Agent
