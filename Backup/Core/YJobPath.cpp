@@ -1,0 +1,257 @@
+#include "Backup/Core/YJobPath.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/JSON/YValue.inl"
+#include "Krt/KrtFoundation/boostapi.h"
+
+#include <algorithm>
+#include <tuple>
+
+using Krt::File::YPath;
+using Krt::JSON::YValue;
+
+namespace Backup {
+
+namespace {
+
+auto Identity(const YJobPath::Component& component)
+{
+    return std::tie(component.m_classId, component.m_subclassId, component.m_name.Bytes());
+}
+
+bool IsSame(const YJobPath::Component& a, const YJobPath::Component& b)
+{
+    return Identity(a) == Identity(b);
+}
+
+YString JsonText(const YJobPath& path)
+{
+    return YValue::Create<YJobPath>(path)->Stringify(true);
+}
+
+} // namespace
+
+YJobPath::Component::Component(const YString& name, const YString& displayName, unsigned int classId,
+                               unsigned short subclassId)
+    : m_classId(classId), m_subclassId(subclassId), m_name(name), m_displayName(displayName)
+{}
+
+YJobPath::YJobPath(const YString& displayPath)
+{
+    ParseDisplayPath(displayPath);
+}
+
+YJobPath::YJobPath(const Component& component) : m_components(1, component) {}
+
+YJobPath::YJobPath(const YJobPath& other, unsigned long start, unsigned long count)
+{
+    Copy(other, start, count);
+}
+
+YJobPath& YJobPath::operator=(YJobPath&& other) noexcept
+{
+    Move(std::move(other));
+    return *this;
+}
+
+YJobPath YJobPath::FromFilePath(YJobPath base, YPath path, bool isDirectory)
+{
+    const YPath volume = path.GetVolume();
+    if (!volume.IsEmpty()) {
+        base.m_components.emplace_back(volume, YString(), ClassFileSystemContainer, 0);
+        path = path.RemoveVolume();
+    }
+    const std::vector<YString>& names = path.PopulateComponents();
+    base.m_components.reserve(base.m_components.size() + names.size());
+    for (const YString& name : names) {
+        const bool isFile = !isDirectory && &name == &names.back();
+        base.m_components.emplace_back(name, YString(),
+                                       isFile ? ClassFileSystemFile : ClassFileSystemContainer, 0);
+    }
+    return base;
+}
+
+void YJobPath::ParseDisplayPath(const YString& text)
+{
+    m_components.clear();
+    for (const YString& field : text.SectionVector("/", true, true))
+        m_components.emplace_back(field, field, ClassUnknown, 0);
+}
+
+YString YJobPath::GetDisplayPath() const
+{
+    std::string text;
+    for (const Component& component : m_components) {
+        if (!text.empty())
+            text += '/';
+        text += component.m_name.Bytes();
+    }
+    return YString(std::string_view(text));
+}
+
+YPath YJobPath::GetFilesystemPortion() const
+{
+    YPath path("/");
+    bool seen = false;
+    for (unsigned long i = 0; i < m_components.size(); ++i) {
+        if (m_components[i].IsFileSystem()) {
+            path = path.Append(m_components[i].m_name);
+            seen = true;
+        } else {
+            KRT_RAISE_UNLESS(!seen, ErrorCode::InvalidArgument,
+                             "Job path is invalid, non-fs component found at index "
+                                 << i << " after fs-component: " << JsonText(*this));
+        }
+    }
+    KRT_RAISE_UNLESS(seen, ErrorCode::InvalidArgument,
+                     "Job path does not contain any filesystem components: " << JsonText(*this));
+    return path;
+}
+
+const YJobPath::Component& YJobPath::GetComponent(unsigned long index) const
+{
+    ValidateRange(index);
+    return m_components[index];
+}
+
+const YJobPath::Component& YJobPath::GetRoot() const
+{
+    KRT_RAISE_UNLESS(!m_components.empty(), ErrorCode::EmptyJobPath, "Cannot GetRoot on empty YJobPath");
+    return m_components.front();
+}
+
+const YJobPath::Component& YJobPath::GetLeaf() const
+{
+    KRT_RAISE_UNLESS(!m_components.empty(), ErrorCode::EmptyJobPath, "Cannot GetLeaf on empty YJobPath");
+    return m_components.back();
+}
+
+unsigned long YJobPath::Find(unsigned long start, unsigned long classId) const
+{
+    for (unsigned long i = start; i < m_components.size(); ++i) {
+        if (m_components[i].m_classId == classId)
+            return i;
+    }
+    return m_components.size();
+}
+
+void YJobPath::ValidateRange(unsigned long index) const
+{
+    KRT_RAISE_UNLESS(index < m_components.size(), ErrorCode::InvalidArgument,
+                     "Index " << index << " out of range of total components " << GetComponentCount());
+}
+
+void YJobPath::RemoveLeaf()
+{
+    if (!m_components.empty())
+        m_components.pop_back();
+}
+
+void YJobPath::AppendComponent(const Component& component)
+{
+    m_components.push_back(component);
+}
+
+YJobPath& YJobPath::operator+=(const Component& component)
+{
+    AppendComponent(component);
+    return *this;
+}
+
+void YJobPath::Append(const YJobPath& other)
+{
+    // By index and with room made first, so that a path can be appended to itself.
+    const unsigned long count = other.m_components.size();
+    m_components.reserve(m_components.size() + count);
+    for (unsigned long i = 0; i < count; ++i)
+        m_components.push_back(other.m_components[i]);
+}
+
+void YJobPath::Copy(const YJobPath& other, unsigned long start, unsigned long count)
+{
+    const std::vector<Component>& source = other.m_components;
+    const unsigned long first = std::min<unsigned long>(start, source.size());
+    const unsigned long last = first + std::min<unsigned long>(count, source.size() - first);
+    m_components = std::vector<Component>(source.begin() + first, source.begin() + last);
+}
+
+void YJobPath::Move(YJobPath&& other) noexcept
+{
+    if (this != &other)
+        m_components = std::move(other.m_components);
+}
+
+bool YJobPath::IsWithin(const YJobPath& parent) const
+{
+    return parent.m_components.size() <= m_components.size() &&
+           std::equal(parent.m_components.begin(), parent.m_components.end(), m_components.begin(), IsSame);
+}
+
+bool YJobPath::operator==(const YJobPath& other) const
+{
+    return m_components.size() == other.m_components.size() && IsWithin(other);
+}
+
+bool YJobPath::operator<(const YJobPath& other) const
+{
+    return std::lexicographical_compare(
+        m_components.begin(), m_components.end(), other.m_components.begin(), other.m_components.end(),
+        [](const Component& a, const Component& b) { return Identity(a) < Identity(b); });
+}
+
+} // namespace Backup
+
+namespace Krt::JSON {
+
+using Backup::YJobPath;
+
+template <>
+YJobPath::Component YValue::Convert<YJobPath::Component>() const
+{
+    const YObject& json = AsObject();
+    const unsigned int classId = json.Get<unsigned int>("class_id", MessageType::Runtime);
+    const unsigned int subclassId = json.Get<unsigned int>("subclass_id", MessageType::Runtime);
+    const YString& name = json.Get<YString>("name", MessageType::Runtime);
+    const boost::shared_ptr<YValue>& displayName = json.FindOpt("display_name");
+    return YJobPath::Component(name, displayName ? displayName->AsString() : YString(), classId,
+                               NumericCast<unsigned short>(subclassId));
+}
+
+template <>
+YJobPath YValue::Convert<YJobPath>() const
+{
+    YJobPath path;
+    for (const boost::shared_ptr<YValue>& component :
+         AsObject().Get<YArray>("components", MessageType::Runtime))
+        path.AppendComponent(component->Convert<YJobPath::Component>());
+    return path;
+}
+
+template <>
+boost::shared_ptr<YValue> YValue::Create<YJobPath::Component>(YJobPath::Component component)
+{
+    YObject json;
+    json.Set<unsigned int>("class_id", component.m_classId);
+    json.Set<unsigned int>("subclass_id", component.m_subclassId);
+    json.Set<YString>("name", std::move(component.m_name));
+    if (!component.m_displayName.IsEmpty())
+        json.Set<YString>("display_name", std::move(component.m_displayName));
+    return boost::make_shared<YValue>(FromObject(std::move(json)));
+}
+
+template <>
+boost::shared_ptr<YValue> YValue::Create<YJobPath>(YJobPath path)
+{
+    YArray components;
+    components.reserve(path.GetComponentCount());
+    for (unsigned long i = 0; i < path.GetComponentCount(); ++i)
+        components.push_back(Create<YJobPath::Component>(path.GetComponent(i)));
+    YObject json;
+    json.Set<YArray>("components", std::move(components));
+    return boost::make_shared<YValue>(FromObject(std::move(json)));
+}
+
+template const YJobPath& YValue::Get<YJobPath>() const;
+template const YJobPath& YObject::Get<YJobPath>(const YString&, unsigned int) const;
+
+} // namespace Krt::JSON

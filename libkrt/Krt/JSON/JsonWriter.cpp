@@ -1,0 +1,208 @@
+#include "Krt/JSON/YValue.h"
+
+#include <array>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+
+namespace Krt::JSON {
+
+namespace {
+
+bool IsBetween(unsigned char byte, unsigned char low, unsigned char high)
+{
+    return byte >= low && byte <= high;
+}
+
+// Length of the UTF-8 sequence of two or more bytes that begins the text and may be written as it stands: 0
+// if there is no valid one, which counts overlong forms, surrogates and numbers above U+10FFFF out, and 0 for
+// the characters that stand for bytes, U+EF80 to U+EFFF.
+std::size_t PlainSequence(const char* text, std::size_t size)
+{
+    const auto at = [text](std::size_t i) {
+        return static_cast<unsigned char>(text[i]);
+    };
+    const auto continues = [&at](std::size_t i) {
+        return IsBetween(at(i), 0x80, 0xBF);
+    };
+    const unsigned char lead = at(0);
+    if (IsBetween(lead, 0xC2, 0xDF))
+        return size >= 2 && continues(1) ? 2 : 0;
+    if (IsBetween(lead, 0xE0, 0xEF)) {
+        if (size < 3 || !continues(1) || !continues(2))
+            return 0;
+        const bool isOverlong = lead == 0xE0 && at(1) < 0xA0;
+        const bool isSurrogate = lead == 0xED && at(1) > 0x9F;
+        const bool standsForByte = lead == 0xEE && at(1) > 0xBD;
+        return isOverlong || isSurrogate || standsForByte ? 0 : 3;
+    }
+    if (IsBetween(lead, 0xF0, 0xF4)) {
+        if (size < 4 || !continues(1) || !continues(2) || !continues(3))
+            return 0;
+        const bool isOverlong = lead == 0xF0 && at(1) < 0x90;
+        const bool isTooLarge = lead == 0xF4 && at(1) > 0x8F;
+        return isOverlong || isTooLarge ? 0 : 4;
+    }
+    return 0;
+}
+
+// Whether a byte is ASCII that stands for itself in a JSON string.
+constexpr std::array<bool, 256> IsClean = [] {
+    std::array<bool, 256> clean{};
+    for (int byte = 0x20; byte < 0x80; ++byte)
+        clean[byte] = byte != '"' && byte != '\\';
+    return clean;
+}();
+
+// The same of eight bytes at once, looking at the top bit of each: zero if all of them are clean.
+std::uint64_t UncleanBits(const char* text)
+{
+    constexpr std::uint64_t Ones = 0x0101010101010101;
+    std::uint64_t word;
+    std::memcpy(&word, text, sizeof(word));
+    const std::uint64_t quote = word ^ (Ones * '"');
+    const std::uint64_t backslash = word ^ (Ones * '\\');
+    return (word | (word - Ones * 0x20) | (quote - Ones) | (backslash - Ones)) & (Ones * 0x80);
+}
+
+class Writer
+{
+public:
+    Writer(std::string& out, bool compact) : m_out(out), m_compact(compact) {}
+
+    // Containers that are open stand on a stack of its own, so that depth costs no recursion.
+    void Write(const YValue* root)
+    {
+        Begin(root);
+        while (!m_open.empty()) {
+            Level& level = m_open.back();
+            if (level.next == level.Size()) {
+                const char end = level.array ? ']' : '}';
+                const bool isEmpty = level.next == 0;
+                m_open.pop_back();
+                if (!isEmpty)
+                    BreakLine();
+                m_out += end;
+                continue;
+            }
+            if (level.next > 0)
+                m_out += ',';
+            BreakLine();
+            Begin(NextMember(level));
+        }
+    }
+
+private:
+    struct Level
+    {
+        const YArray* array; // or else
+        const std::vector<YObject::Entry>* entries;
+        std::size_t next;
+        std::size_t Size() const { return array ? array->size() : entries->size(); }
+    };
+
+    const YValue* NextMember(Level& level)
+    {
+        const std::size_t i = level.next++;
+        if (level.array)
+            return (*level.array)[i].get();
+        const YObject::Entry& entry = (*level.entries)[i];
+        WriteString(entry.first.Bytes());
+        m_out += m_compact ? ":" : ": ";
+        return entry.second.get();
+    }
+
+    // Writes a value that holds no others, and opens one that does.
+    void Begin(const YValue* value)
+    {
+        if (!value) {
+            m_out += "null";
+        } else if (value->IsString()) {
+            WriteString(value->AsString().Bytes());
+        } else if (value->IsNumber()) {
+            char digits[20];
+            m_out.append(digits, std::to_chars(digits, digits + sizeof(digits), value->AsNumber()).ptr);
+        } else if (value->IsBool()) {
+            m_out += value->AsBool() ? "true" : "false";
+        } else if (value->IsArray()) {
+            m_out += '[';
+            m_open.push_back({&value->AsArray(), nullptr, 0});
+        } else {
+            m_out += '{';
+            m_open.push_back({nullptr, &value->AsObject().Entries(), 0});
+        }
+    }
+
+    void BreakLine()
+    {
+        if (m_compact)
+            return;
+        m_out += '\n';
+        m_out.append(2 * m_open.size(), ' ');
+    }
+
+    void WriteString(const std::string& text)
+    {
+        const char* const end = text.data() + text.size();
+        const char* written = text.data();
+        const char* at = written;
+        m_out += '"';
+        while (at < end) {
+            if (end - at >= 8 && UncleanBits(at) == 0) {
+                at += 8;
+            } else if (IsClean[static_cast<unsigned char>(*at)]) {
+                ++at;
+            } else if (const std::size_t plain = PlainSequence(at, end - at)) {
+                at += plain;
+            } else {
+                m_out.append(written, at);
+                WriteEscaped(static_cast<unsigned char>(*at));
+                written = ++at;
+            }
+        }
+        m_out.append(written, end);
+        m_out += '"';
+    }
+
+    void WriteEscaped(unsigned char byte)
+    {
+        static constexpr char Letters[] = {'b', 't', 'n', 0, 'f', 'r'}; // for 0x08 to 0x0D
+        static constexpr char Digits[] = "0123456789abcdef";
+        if (byte >= 0x80) {
+            m_out += '\xEE';
+            m_out += static_cast<char>(0xBC | byte >> 6);
+            m_out += static_cast<char>(0x80 | (byte & 0x3F));
+            return;
+        }
+        m_out += '\\';
+        if (byte == '"' || byte == '\\') {
+            m_out += static_cast<char>(byte);
+        } else if (IsBetween(byte, 0x08, 0x0D) && byte != 0x0B) {
+            m_out += Letters[byte - 0x08];
+        } else {
+            m_out += "u00";
+            m_out += Digits[byte >> 4];
+            m_out += Digits[byte & 0x0F];
+        }
+    }
+
+    std::string& m_out;
+    const bool m_compact;
+    std::vector<Level> m_open;
+};
+
+} // namespace
+
+YString YValue::Stringify(bool compact) const
+{
+    std::string text;
+    Writer(text, compact).Write(this);
+    return YString(std::string_view(text));
+}
+
+void YValue::StringifyTo(std::string& out) const
+{
+    Writer(out, true).Write(this);
+}
+
+} // namespace Krt::JSON

@@ -1,0 +1,93 @@
+#include "Krt/JSON/YObject.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/JSON/YValue.h"
+#include "Krt/Log/LogSite.h"
+
+namespace Krt::JSON {
+
+YObject::YObject() = default;
+
+YObject::YObject(const YObject& other)
+    : m_entries(other.m_entries), m_index(other.m_index ? std::make_unique<Index>(*other.m_index) : nullptr)
+{}
+
+YObject::YObject(YObject&& other) noexcept = default;
+
+YObject& YObject::operator=(const YObject& other)
+{
+    return *this = YObject(other);
+}
+
+YObject& YObject::operator=(YObject&& other) noexcept = default;
+
+YObject::~YObject() = default;
+
+std::size_t YObject::Position(const YString& key) const
+{
+    if (m_index) {
+        const auto found = m_index->find(key.Bytes());
+        return found == m_index->end() ? m_entries.size() : found->second;
+    }
+    std::size_t position = 0;
+    while (position < m_entries.size() && m_entries[position].first != key)
+        ++position;
+    return position;
+}
+
+void YObject::AddToIndex()
+{
+    if (m_index) {
+        m_index->emplace(m_entries.back().first.Bytes(), m_entries.size() - 1);
+    } else if (m_entries.size() > LinearLimit) {
+        auto index = std::make_unique<Index>();
+        for (std::size_t i = 0; i < m_entries.size(); ++i)
+            index->emplace(m_entries[i].first.Bytes(), i);
+        m_index = std::move(index);
+    }
+}
+
+void YObject::Put(const YString& key, const boost::shared_ptr<YValue>& value)
+{
+    Put(YString(key), boost::shared_ptr<YValue>(value));
+}
+
+void YObject::Put(YString&& key, boost::shared_ptr<YValue>&& value)
+{
+    const std::size_t position = Position(key);
+    if (position < m_entries.size()) {
+        m_entries[position].second = std::move(value);
+        return;
+    }
+    if (m_entries.empty())
+        m_entries.reserve(4); // an object of one to three members is the common one
+    m_entries.emplace_back(std::move(key), std::move(value));
+    try {
+        AddToIndex();
+    } catch (...) {
+        m_entries.pop_back();
+        throw;
+    }
+}
+
+const boost::shared_ptr<YValue>& YObject::FindOpt(const YString& key) const
+{
+    static const boost::shared_ptr<YValue> absent;
+    const std::size_t position = Position(key);
+    return position < m_entries.size() ? m_entries[position].second : absent;
+}
+
+const boost::shared_ptr<YValue>& YObject::Find(const YString& key, unsigned int messageType) const
+{
+    const boost::shared_ptr<YValue>& value = FindOpt(key);
+    if (!value) [[unlikely]]
+        KRT_RAISE_ON(messageType, ErrorCode::NotFound, "JSON object has no key \"" << key << "\"");
+    return value;
+}
+
+void YObject::LogFailure(const Exception::YError& error, unsigned int messageType) const
+{
+    KRT_LOG(messageType, error);
+}
+
+} // namespace Krt::JSON

@@ -2,13 +2,16 @@
 // inside the values (see YValue), so one thread reads an object at a time.
 #pragma once
 
+#include "Krt/Exception/YError.h"
 #include "Krt/Export.h"
 #include "Krt/String/YString.h"
 
 #include <boost/shared_ptr.hpp>
 
+#include <functional>
+#include <map>
 #include <memory>
-#include <unordered_map>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -29,17 +32,19 @@ public:
     YObject& operator=(YObject&& other) noexcept;
     ~YObject();
 
-    /// Stores the value; an existing key keeps its place and gets the new value.
+    /// Stores the value; an existing key keeps its place and gets the new value. A key with a null value
+    /// counts as absent.
     void Put(const YString& key, const boost::shared_ptr<YValue>& value);
+    void Put(YString&& key, boost::shared_ptr<YValue>&& value);
     /// Raises NotFound, naming the key, on the channel `messageType`.
     const boost::shared_ptr<YValue>& Find(const YString& key, unsigned int messageType) const;
     /// Holds null when the key is absent.
     const boost::shared_ptr<YValue>& FindOpt(const YString& key) const;
 
     /// The value under the key as a T, which lives in the value. YString and YArray: as it stands, never
-    /// converted. unsigned int, unsigned long long, bool, Backup::YJobPath: converted once and cached, and the
-    /// first such read fixes the type. YObject: an empty array reads as an empty object. A failure is logged
-    /// on the channel `messageType` and raised again.
+    /// converted. unsigned int, unsigned long long, bool, Backup::YJobPath: converted once and cached, and
+    /// the first such read fixes the type. YObject: an empty array reads as an empty object. A failure is
+    /// logged on the channel `messageType` and raised again.
     template <class T>
     const T& Get(const YString& key, unsigned int messageType) const;
 
@@ -51,11 +56,17 @@ public:
     const std::vector<Entry>& Entries() const { return m_entries; }
 
 private:
-    using Index = std::unordered_map<std::string, std::size_t>;
+    friend class YValue; // takes objects apart without recursion
+    // Sorted, not hashed: the keys of a document can't be chosen so that look-ups degrade.
+    using Index = std::map<std::string, std::size_t, std::less<>>;
+    static constexpr std::size_t LinearLimit = 32;
+
     std::size_t Position(const YString& key) const;
+    void AddToIndex();
+    void LogFailure(const Exception::YError& error, unsigned int messageType) const;
 
     std::vector<Entry> m_entries;
-    std::unique_ptr<Index> m_index; // from a size on where looking through the entries would cost more
+    std::unique_ptr<Index> m_index; // made when there are more entries than LinearLimit
 };
 
 } // namespace Krt::JSON

@@ -1,0 +1,182 @@
+#include "Krt/JSON/YValue.inl"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/File/YPath.h"
+#include "Krt/KrtFoundation/boostapi.h"
+#include "Krt/Util/Numbers.h"
+
+namespace Krt::JSON {
+
+YValue YValue::FromNumber(unsigned long long number)
+{
+    return YValue(Passkey(), std::move(number));
+}
+
+YValue YValue::FromString(YString text)
+{
+    return YValue(Passkey(), std::move(text));
+}
+
+YValue YValue::FromBool(bool value)
+{
+    return YValue(Passkey(), std::move(value));
+}
+
+YValue YValue::FromArray(YArray array)
+{
+    return YValue(Passkey(), std::move(array));
+}
+
+YValue YValue::FromObject(YObject object)
+{
+    return YValue(Passkey(), std::move(object));
+}
+
+YValue::YValue(YValue&&) noexcept = default;
+
+YValue& YValue::operator=(YValue&&) noexcept = default;
+
+YValue::~YValue()
+{
+    if (!HasChildren())
+        return;
+    // Values that hold others are taken apart here and not by the destructors of the containers, which would
+    // recurse as deep as the document is nested.
+    std::vector<boost::shared_ptr<YValue>> pending;
+    ReleaseChildren(pending);
+    while (!pending.empty()) {
+        const boost::shared_ptr<YValue> child = std::move(pending.back());
+        pending.pop_back();
+        if (child.use_count() == 1)
+            child->ReleaseChildren(pending);
+    }
+}
+
+bool YValue::HasChildren() const
+{
+    if (const YArray* array = std::get_if<YArray>(&m_content))
+        return !array->empty();
+    const YObject* object = std::get_if<YObject>(&m_content);
+    return object && !object->Entries().empty();
+}
+
+void YValue::ReleaseChildren(std::vector<boost::shared_ptr<YValue>>& pending) noexcept
+{
+    const auto release = [&pending](boost::shared_ptr<YValue>& child) {
+        if (child && child->HasChildren())
+            pending.push_back(std::move(child));
+    };
+    if (YArray* array = std::get_if<YArray>(&m_content)) {
+        for (boost::shared_ptr<YValue>& child : *array)
+            release(child);
+    } else if (YObject* object = std::get_if<YObject>(&m_content)) {
+        for (YObject::Entry& entry : object->m_entries)
+            release(entry.second);
+    }
+}
+
+void YValue::RaiseKind(const char* function, const char* wanted) const
+{
+    static constexpr const char* Kinds[] = {"number", "bool", "string", "array", "object"};
+    KRT_RAISE_AS(function, MessageType::Runtime, ErrorCode::InvalidState,
+                 "JSON value is no " << wanted << ", but: " << Kinds[m_content.index()]);
+}
+
+namespace {
+
+// Under the plain name, which __func__ is not in a specialisation.
+[[noreturn, gnu::cold]] void RaiseConversion(const char* name)
+{
+    KRT_RAISE_AS("Convert", MessageType::Runtime, ErrorCode::ValueConversion, "Unable to convert " << name);
+}
+
+} // namespace
+
+template <class T>
+T YValue::ConvertUnsigned(const char* name) const
+{
+    if (IsNumber())
+        return NumericCast<T>(AsNumber());
+    if (IsString())
+        return Util::StringToNumber<T>(AsString(), false, false);
+    if (IsBool())
+        return AsBool() ? 1 : 0;
+    RaiseConversion(name);
+}
+
+template <>
+unsigned int YValue::Convert<unsigned int>() const
+{
+    return ConvertUnsigned<unsigned int>("uint32_t");
+}
+
+template <>
+unsigned long long YValue::Convert<unsigned long long>() const
+{
+    return ConvertUnsigned<unsigned long long>("uint64_t");
+}
+
+template <>
+bool YValue::Convert<bool>() const
+{
+    if (IsBool())
+        return AsBool();
+    if (IsNumber())
+        return AsNumber() != 0;
+    if (IsString() && !AsString().IsEmpty())
+        return Util::StringToNumber<bool>(AsString(), false, false);
+    RaiseConversion("bool");
+}
+
+template <>
+boost::shared_ptr<YValue> YValue::Create<YString>(YString text)
+{
+    return boost::make_shared<YValue>(Passkey(), std::move(text));
+}
+
+template <>
+boost::shared_ptr<YValue> YValue::Create<YArray>(YArray array)
+{
+    return boost::make_shared<YValue>(Passkey(), std::move(array));
+}
+
+template <>
+boost::shared_ptr<YValue> YValue::Create<File::YPath>(File::YPath path)
+{
+    return Create<YString>(std::move(path));
+}
+
+template const unsigned int& YValue::Get<unsigned int>() const;
+template const unsigned long long& YValue::Get<unsigned long long>() const;
+template const bool& YValue::Get<bool>() const;
+template const YString& YValue::Get<YString>() const;
+template const YArray& YValue::Get<YArray>() const;
+template const YObject& YValue::Get<YObject>() const;
+
+template const unsigned int& YObject::Get<unsigned int>(const YString&, unsigned int) const;
+template const unsigned long long& YObject::Get<unsigned long long>(const YString&, unsigned int) const;
+template const bool& YObject::Get<bool>(const YString&, unsigned int) const;
+template const YString& YObject::Get<YString>(const YString&, unsigned int) const;
+template const YArray& YObject::Get<YArray>(const YString&, unsigned int) const;
+template const YObject& YObject::Get<YObject>(const YString&, unsigned int) const;
+
+template <class T>
+boost::shared_ptr<YValue> YObject::Set(const YString& key, T value)
+{
+    boost::shared_ptr<YValue> made;
+    if constexpr (std::is_same_v<T, unsigned int>)
+        made = boost::make_shared<YValue>(YValue::FromNumber(value));
+    else if constexpr (std::is_same_v<T, YObject>)
+        made = boost::make_shared<YValue>(YValue::FromObject(std::move(value)));
+    else
+        made = YValue::Create<T>(std::move(value));
+    Put(key, made);
+    return made;
+}
+
+template boost::shared_ptr<YValue> YObject::Set<unsigned int>(const YString&, unsigned int);
+template boost::shared_ptr<YValue> YObject::Set<YString>(const YString&, YString);
+template boost::shared_ptr<YValue> YObject::Set<YObject>(const YString&, YObject);
+template boost::shared_ptr<YValue> YObject::Set<YArray>(const YString&, YArray);
+
+} // namespace Krt::JSON

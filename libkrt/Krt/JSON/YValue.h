@@ -8,13 +8,25 @@
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/make_shared.hpp>
 
+#include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
+
+namespace Krt::File {
+class YPath;
+}
 
 namespace Krt::JSON {
 
 class KRT_API YValue : public boost::enable_shared_from_this<YValue>
 {
+    // Only this class can make one, so that only it can use the constructor that make_shared needs.
+    struct Passkey
+    {
+        explicit Passkey() = default;
+    };
+
 public:
     static YValue FromNumber(unsigned long long number);
     static YValue FromString(YString text);
@@ -22,24 +34,27 @@ public:
     static YValue FromArray(YArray array);
     static YValue FromObject(YObject object);
 
+    template <class T>
+    YValue(Passkey, T&& content) : m_content(std::in_place_type<T>, std::move(content))
+    {}
     YValue(YValue&&) noexcept;
     YValue& operator=(YValue&&) noexcept;
     YValue(const YValue&) = delete;
     YValue& operator=(const YValue&) = delete;
     ~YValue();
 
-    bool IsNumber() const;
-    bool IsString() const;
-    bool IsBool() const;
-    bool IsArray() const;
-    bool IsObject() const;
+    bool IsNumber() const { return std::holds_alternative<unsigned long long>(m_content); }
+    bool IsString() const { return std::holds_alternative<YString>(m_content); }
+    bool IsBool() const { return std::holds_alternative<bool>(m_content); }
+    bool IsArray() const { return std::holds_alternative<YArray>(m_content); }
+    bool IsObject() const { return std::holds_alternative<YObject>(m_content); }
 
-    /// The content; raises InvalidState on another kind.
-    const unsigned long long& AsNumber() const;
-    const YString& AsString() const;
-    const bool& AsBool() const;
-    const YArray& AsArray() const;
-    const YObject& AsObject() const;
+    /// The content; raises InvalidState, naming both kinds, on another kind.
+    const unsigned long long& AsNumber() const { return As<unsigned long long>(__func__, "number"); }
+    const YString& AsString() const { return As<YString>(__func__, "string"); }
+    const bool& AsBool() const { return As<bool>(__func__, "bool"); }
+    const YArray& AsArray() const { return As<YArray>(__func__, "array"); }
+    const YObject& AsObject() const { return As<YObject>(__func__, "object"); }
 
     /// The value as a T by generous rules: numbers, texts and bools turn into each other. For unsigned int,
     /// unsigned long long, bool, Backup::YJobPath and its Component. Raises ValueConversion.
@@ -52,32 +67,52 @@ public:
     template <class T>
     static boost::shared_ptr<YValue> Create(T value);
 
-    /// JSON text (RFC 8259): compact when true, indented by two blanks a level otherwise. Bytes that are no
-    /// valid UTF-8 are written as U+EF80 to U+EFFF, and so is each byte of a real character of U+EF00 to U+EFFF,
-    /// so that the text is always valid and every byte string comes back.
+    /// JSON text (RFC 8259): compact when true, indented by two blanks a level otherwise. A byte that is no
+    /// part of valid UTF-8 is written as the character U+EF00 plus the byte (U+EF80 to U+EFFF), and so is
+    /// each byte of a real character of that range: the text is always valid, and Parse gives back every byte
+    /// string.
     YString Stringify(bool compact) const;
     /// Appends the compact text to `out`; for writers of many documents.
     void StringifyTo(std::string& out) const;
-    /// The value that the text holds. Raises InvalidArgument, naming the byte offset, on text that is no JSON,
-    /// is nested deeper than 64 levels, or holds a number that is negative, fractional or above 64 bits, or a
-    /// null that is no member (as a member it leaves the key absent).
+    /// The value that the text holds. Raises InvalidArgument, naming the byte offset, on text that is no
+    /// JSON, is nested deeper than 64 levels, or holds a number that is negative, fractional or above 64
+    /// bits, or a null that is no member (as a member it leaves the key absent).
     static boost::shared_ptr<YValue> Parse(std::string_view text);
 
 private:
-    friend class YObject;
+    friend class JsonBuilder; // the reader
     using Content = std::variant<unsigned long long, bool, YString, YArray, YObject>;
-    explicit YValue(Content content);
+
+    template <class T>
+    const T& As(const char* function, const char* wanted) const
+    {
+        const T* content = std::get_if<T>(&m_content);
+        if (!content) [[unlikely]]
+            RaiseKind(function, wanted);
+        return *content;
+    }
+    [[noreturn, gnu::cold]] void RaiseKind(const char* function, const char* wanted) const;
+    template <class T>
+    T ConvertUnsigned(const char* name) const;
+    void ReleaseChildren(std::vector<boost::shared_ptr<YValue>>& pending) noexcept;
+    bool HasChildren() const;
 
     Content m_content;
     mutable Type::YAny m_cache;
 };
 
-// Specialisations that live elsewhere in this library; those for Backup::YJobPath stand beside that class.
+// The specialisations for Backup::YJobPath and its Component stand beside that class.
 template <>
 KRT_API unsigned int YValue::Convert<unsigned int>() const;
 template <>
 KRT_API unsigned long long YValue::Convert<unsigned long long>() const;
 template <>
 KRT_API bool YValue::Convert<bool>() const;
+template <>
+KRT_API boost::shared_ptr<YValue> YValue::Create<YString>(YString text);
+template <>
+KRT_API boost::shared_ptr<YValue> YValue::Create<YArray>(YArray array);
+template <>
+KRT_API boost::shared_ptr<YValue> YValue::Create<File::YPath>(File::YPath path);
 
 } // namespace Krt::JSON

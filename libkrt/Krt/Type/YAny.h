@@ -5,14 +5,13 @@
 
 #include <boost/any.hpp>
 
-#include <cstring>
 #include <typeinfo>
 #include <utility>
 
 namespace Krt::Type {
 
 namespace Detail {
-[[noreturn, gnu::cold]] KRT_API void RaiseCast();
+KRT_API void CheckCast(const boost::any* held, const char* wanted);
 }
 
 class YAny
@@ -21,8 +20,7 @@ public:
     YAny() = default;
     template <class T>
     explicit YAny(T value) : m_value(std::move(value))
-    {
-    }
+    {}
 
     bool IsEmpty() const { return m_value.empty(); }
 
@@ -31,9 +29,14 @@ public:
     template <class T>
     T& Cast()
     {
-        if (std::strcmp(m_value.type().name(), typeid(T).name()) != 0)
-            Detail::RaiseCast();
-        return *boost::unsafe_any_cast<T>(&m_value);
+        return Cast<T>(this);
+    }
+    /// The same; a null holder is a mismatch too.
+    template <class T>
+    static T& Cast(YAny* holder)
+    {
+        Detail::CheckCast(holder ? &holder->m_value : nullptr, typeid(T).name());
+        return *boost::unsafe_any_cast<T>(&holder->m_value);
     }
 
 private:

@@ -78,7 +78,7 @@ bool StringToNumber<bool>(const YString& text, bool, bool strict)
         if (falseForms.find(first) != std::string_view::npos)
             return false;
     }
-    KRT_RAISE_ON(MessageType::Runtime, ErrorCode::NumberConversion);
+    KRT_RAISE_AS("StringToNumber", MessageType::Runtime, ErrorCode::NumberConversion);
 }
 
 template <>

@@ -1,0 +1,193 @@
+#include "Krt/JSON/YValue.h"
+#include "testing/Raises.h"
+
+using Krt::ErrorCode;
+using Krt::MessageType;
+using Krt::YString;
+using Krt::JSON::YArray;
+using Krt::JSON::YObject;
+using Krt::JSON::YValue;
+
+namespace {
+
+// The text as one JSON string, and read back.
+std::string Quoted(std::string_view bytes)
+{
+    return YValue::Create<YString>(YString(bytes))->Stringify(true).Bytes();
+}
+
+std::string ThereAndBack(std::string_view bytes)
+{
+    return YValue::Parse(Quoted(bytes))->AsString().Bytes();
+}
+
+std::string Repeat(const char* text, int count)
+{
+    std::string repeated;
+    while (count-- > 0)
+        repeated += text;
+    return repeated;
+}
+
+TEST(JsonText, WritesWhatItReads)
+{
+    const struct
+    {
+        const char* name;
+        std::string text, compact;
+    } rows[] = {
+        {"number", "18446744073709551615", "18446744073709551615"},
+        {"largest signed", " 9223372036854775807\n", "9223372036854775807"},
+        {"zero", "0", "0"},
+        {"bools", "[true, false]", "[true,false]"},
+        {"empty containers", R"({"a": {}, "b": [], "c": [[], {}]})", R"({"a":{},"b":[],"c":[[],{}]})"},
+        {"order", R"({"b":1,"a":2})", R"({"b":1,"a":2})"},
+        {"last duplicate in the first place", R"({"a":1,"b":2,"a":"x"})", R"({"a":"x","b":2})"},
+        {"null member", R"({"a":null,"b":1})", R"({"b":1})"},
+        {"null takes a member back", R"({"a":1,"b":2,"a":null})", R"({"b":2})"},
+        {"null taken back", R"({"a":null,"b":2,"a":1})", R"({"a":1,"b":2})"},
+        {"letters of escape", R"("\"\\\/\b\f\n\r\t")", R"("\"\\/\b\f\n\r\t")"},
+        {"control characters", R"("\u0001\u000b\u001f\u007f")", "\"\\u0001\\u000b\\u001f\x7f\""},
+        {"NUL inside", R"("a\u0000b")", R"("a\u0000b")"},
+        {"NUL at the end", R"("a\u0000")", R"("a")"},
+        {"escaped characters", R"("\u00e9\u20AC\ud83d\ude00")", "\"\u00e9\u20ac\U0001f600\""},
+        {"escaped key", R"({"\u0061\"":1})", R"({"a\"":1})"},
+        {"byte in a key", "{\"\uEFFF\":1}", "{\"\uEFFF\":1}"},
+        {"deepest", Repeat("[", 64) + Repeat("]", 64), Repeat("[", 64) + Repeat("]", 64)},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(YValue::Parse(row.text)->Stringify(true).Bytes(), row.compact) << row.name;
+}
+
+TEST(JsonText, IndentsByTwoBlanks)
+{
+    const char* const text = "{\n"
+                             "  \"a\": [\n"
+                             "    1,\n"
+                             "    {\n"
+                             "      \"b\": \"x\"\n"
+                             "    }\n"
+                             "  ],\n"
+                             "  \"c\": {}\n"
+                             "}";
+    EXPECT_EQ(YValue::Parse(text)->Stringify(false).Bytes(), text);
+}
+
+TEST(JsonText, RefusesEverythingElseAndNamesThePlace)
+{
+    const struct
+    {
+        const char* name;
+        std::string text, reason;
+        unsigned int offset;
+    } rows[] = {
+        {"nothing", "", "incomplete JSON", 0},
+        {"blanks", "  ", "incomplete JSON", 2},
+        {"open array", "[1", "incomplete JSON", 2},
+        {"open string", "\"ab", "incomplete JSON", 3},
+        {"cut word", "tru", "incomplete JSON", 3},
+        {"second value", "1 2", "extra data", 2},
+        {"NUL behind", std::string("1\0", 2), "extra data", 1},
+        {"byte order mark", "\xEF\xBB\xBF{}", "syntax error", 0},
+        {"comma at the end", "[1,]", "syntax error", 3},
+        {"comment", "[/**/]", "syntax error", 1},
+        {"single quotes", "{'a':1}", "syntax error", 1},
+        {"missing colon", "{\"a\" 1}", "syntax error", 5},
+        {"leading zero", "[01]", "syntax error", 2},
+        {"leading plus", "[+1]", "syntax error", 1},
+        {"not a number", "[NaN]", "syntax error", 1},
+        {"line feed in a string", "\"a\nb\"", "syntax error", 2},
+        {"unknown escape", R"("a\x")", "syntax error", 3},
+        {"lone first half", R"("\ud800 and more of it")", "syntax error", 7},
+        {"stray continuation", "\"ab\x80 and more\"", "syntax error", 3},
+        {"overlong slash", "\"\xC0\xAF and more\"", "syntax error", 1},
+        {"surrogate in UTF-8", "\"\xED\xA0\x80 and more\"", "syntax error", 1},
+        {"above U+10FFFF", "\"\xF4\x90\x80\x80 and more\"", "syntax error", 1},
+        {"negative", "[1, -1]", "negative number", 4},
+        {"negative zero", "[-0]", "negative number", 1},
+        {"negative fraction", "{\"a\":-0.5}", "negative number", 5},
+        {"smallest", "-9223372036854775808", "negative number", 0},
+        {"fraction", "[1.0]", "number with a fraction or an exponent", 1},
+        {"exponent", "[7, 1e2]", "number with a fraction or an exponent", 4},
+        {"huge exponent", "1E+400", "number with a fraction or an exponent", 0},
+        {"65 bits", "[18446744073709551616]", "number above 64 bits", 1},
+        {"many digits", "[" + std::string(400, '9') + "]", "number above 64 bits", 1},
+        {"null alone", "null", "null that is no member of an object", 0},
+        {"null element", "[1, null, 2]", "null that is no member of an object", 4},
+        {"too deep", Repeat("[", 65), "too deep", 64},
+        {"far too deep", Repeat("{\"a\":[", 500000), "too deep", 32 * 6},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_RAISES_ON(YValue::Parse(row.text), MessageType::Runtime, ErrorCode::InvalidArgument, "Parse",
+                         "Invalid JSON text: " + row.reason + " at offset " + std::to_string(row.offset));
+    }
+}
+
+TEST(JsonText, CarriesBytesThatAreNoText)
+{
+    const struct
+    {
+        const char* name;
+        std::string bytes, text;
+    } rows[] = {
+        {"lone bytes", "a\x80z\xFF", "\"a\uEF80z\uEFFF\""},
+        {"cut sequence", "\xE2\x82", "\"\uEFE2\uEF82\""},
+        {"cut by a character", "\xE2\x82|", "\"\uEFE2\uEF82|\""},
+        {"overlong slash", "\xC0\xAF", "\"\uEFC0\uEFAF\""},
+        {"overlong of three", "\xE0\x9F\xBF", "\"\uEFE0\uEF9F\uEFBF\""},
+        {"overlong of four", "\xF0\x8F\xBF\xBF", "\"\uEFF0\uEF8F\uEFBF\uEFBF\""},
+        {"surrogate", "\xED\xA0\x80", "\"\uEFED\uEFA0\uEF80\""},
+        {"above U+10FFFF", "\xF4\x90\x80\x80", "\"\uEFF4\uEF90\uEF80\uEF80\""},
+        {"form of five", "\xF8\x88\x80\x80\x80", "\"\uEFF8\uEF88\uEF80\uEF80\uEF80\""},
+        {"first of the range", "\uEF80", "\"\uEFEE\uEFBE\uEF80\""},
+        {"last of the range", "\uEFFF", "\"\uEFEE\uEFBF\uEFBF\""},
+        {"below the range", "\uEF7F", "\"\uEF7F\""},
+        {"above the range", "\uF000", "\"\uF000\""},
+        {"edges of validity", "\u0080\u0800\uD7FF\uE000\U00010000\U0010FFFF",
+         "\"\u0080\u0800\uD7FF\uE000\U00010000\U0010FFFF\""},
+        {"behind eight clean bytes",
+         "01234567\xFE"
+         "01234567\"",
+         "\"01234567\uEFFE"
+         "01234567\\\"\""},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(Quoted(row.bytes), row.text) << row.name;
+        EXPECT_EQ(ThereAndBack(row.bytes), row.bytes) << row.name;
+    }
+    EXPECT_EQ(YValue::Parse(R"("\uef80\uEFFF")")->AsString(), "\x80\xFF"); // escaped by another writer
+}
+
+TEST(JsonText, GivesBackEveryByteString)
+{
+    // Each pair of bytes alone, then behind an escape and up to where the parser's buffer ends.
+    for (int first = 0; first < 256; ++first) {
+        for (int second = 0; second < 256; ++second) {
+            const YString bytes(std::string{static_cast<char>(first), static_cast<char>(second)});
+            ASSERT_EQ(ThereAndBack(bytes.Bytes()), bytes.Bytes()) << first << " " << second;
+        }
+    }
+    for (std::size_t length = 4080; length < 4100; ++length) {
+        for (const char* tail : {"\xFF\xFE", "\uEF80", "\U0001f600\n", "\xF0\x9F\x98", "\x01\x02"}) {
+            const std::string bytes = "\n" + std::string(length, 'x') + tail + "end";
+            ASSERT_EQ(ThereAndBack(bytes), bytes) << length << " " << tail;
+        }
+    }
+}
+
+TEST(JsonText, ReadsLargeObjectsInOrder)
+{
+    constexpr unsigned int Count = 50000;
+    std::string text = "{";
+    for (unsigned int i = 0; i < Count; ++i)
+        text += "\"" + std::to_string(i) + "\":" + std::to_string(i) + ",";
+    text += "\"7\":\"seven\"}";
+    const auto value = YValue::Parse(text);
+    const YObject& object = value->AsObject();
+    ASSERT_EQ(object.Entries().size(), Count);
+    EXPECT_EQ(object.Entries()[7].second->AsString(), "seven");
+    EXPECT_EQ(object.FindOpt("49999")->AsNumber(), Count - 1);
+}
+
+} // namespace
