@@ -10,14 +10,16 @@ if(BACKUP_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER "${BACKUP_CCACHE}")
 endif()
 
+file(RELATIVE_PATH BACKUP_RELATIVE_ROOT "${CMAKE_BINARY_DIR}" "${CMAKE_SOURCE_DIR}")
 add_library(BackupCompiler INTERFACE)
 target_compile_features(BackupCompiler INTERFACE cxx_std_20)
 target_compile_options(BackupCompiler INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wcast-align -Woverloaded-virtual -Wundef
   $<$<BOOL:${BACKUP_WERROR}>:-Werror>
   # Errors report the path below the root, or below libkrt/, so both are taken off; the longer one comes
-  # last because GCC lets the last match win.
-  "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/libkrt/=")
+  # last because GCC lets the last match win. A compiler cache may hand over paths relative to the build.
+  "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/libkrt/="
+  "-fmacro-prefix-map=${BACKUP_RELATIVE_ROOT}/=" "-fmacro-prefix-map=${BACKUP_RELATIVE_ROOT}/libkrt/=")
 if(BACKUP_SANITIZE)
   target_compile_options(BackupCompiler INTERFACE
     "-fsanitize=${BACKUP_SANITIZE}" -fno-sanitize-recover=all -fno-omit-frame-pointer)
