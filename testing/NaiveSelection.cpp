@@ -51,14 +51,16 @@ bool NaiveSelection::Add(const YSelectionPathDescriptor& rule)
     return true;
 }
 
-std::vector<std::string> NaiveSelection::Rules() const
+std::string NaiveSelection::Words() const
 {
-    std::vector<std::string> rules;
-    for (const Placed& placed : m_rules)
-        rules.push_back(
-            Words(placed.place.empty() ? Krt::File::YPath("/") : placed.rule.GetPath(), placed.rule));
-    std::sort(rules.begin(), rules.end());
-    return rules;
+    std::vector<Placed> rules = m_rules;
+    std::sort(rules.begin(), rules.end(), [](const Placed& a, const Placed& b) {
+        return a.place != b.place ? a.place < b.place : a.rule < b.rule;
+    });
+    std::string words;
+    for (const auto& [place, rule] : rules)
+        words += (words.empty() ? "" : "; ") + Testing::Words(rule.GetPath(), rule);
+    return words;
 }
 
 NaiveSelection::SelectionType NaiveSelection::Ask(const std::string& path) const

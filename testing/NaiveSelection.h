@@ -17,8 +17,8 @@ public:
     /// False if a rule in the list covers the new one; otherwise the rules that it covers go.
     bool Add(const Backup::File::YSelectionPathDescriptor& rule);
     SelectionType Ask(const std::string& path) const;
-    /// The rules in words, sorted.
-    std::vector<std::string> Rules() const;
+    /// The rules in words, in the order in which a walk through a tree meets them.
+    std::string Words() const;
 
 private:
     using Names = std::vector<std::string>;

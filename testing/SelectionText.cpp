@@ -74,23 +74,24 @@ std::string Words(const Krt::File::YPath& path, const YSelectionDescriptor& rule
     return words + (rule.GetExplicitSelection() ? " explicit" : "");
 }
 
-std::vector<std::string> Words(const YSelectionManager& tree)
+std::string Words(const YSelectionManager& tree)
 {
-    std::vector<std::string> rules;
+    std::string words;
     tree.VisitPathsAndDescriptors(
         "/",
         [&](const Krt::File::YPath& path, const YSelectionDescriptor& rule) {
-            rules.push_back(Words(path, rule));
+            words += (words.empty() ? "" : "; ") + Words(path, rule);
             return false;
         },
         true);
-    return rules;
+    return words;
 }
 
-YSelectionManager Tree(const std::vector<std::string>& rules)
+YSelectionManager Tree(const std::string& rules)
 {
     YSelectionManager tree;
-    for (const std::string& rule : rules)
+    std::istringstream input(rules);
+    for (std::string rule; std::getline(input, rule, ';');)
         tree.Add(Rule(rule));
     return tree;
 }

@@ -1,4 +1,4 @@
-// Selection rules as words, so that a test shows a tree as a list of lines:
+// Selection rules as words, so that a test shows a tree as a literal, its rules parted by "; ":
 //     include|exclude|silent PATH [recursive] none|any|exact=NAME|glob=PATTERN [nocase] [explicit]
 // "silent" is an exclude that isn't reported, "-" the empty path. An explicit flag is set on any shape of
 // rule.
@@ -7,7 +7,6 @@
 #include "Backup/File/YSelectionManager.h"
 
 #include <string>
-#include <vector>
 
 namespace Testing {
 
@@ -16,8 +15,8 @@ Backup::File::YSelectionPathDescriptor Rule(const std::string& words);
 std::string Words(const Krt::File::YPath& path, const Backup::File::YSelectionDescriptor& rule);
 
 /// The rules of a tree in the order of a walk.
-std::vector<std::string> Words(const Backup::File::YSelectionManager& tree);
+std::string Words(const Backup::File::YSelectionManager& tree);
 /// A tree to which the rules were added in order.
-Backup::File::YSelectionManager Tree(const std::vector<std::string>& rules);
+Backup::File::YSelectionManager Tree(const std::string& rules);
 
 } // namespace Testing

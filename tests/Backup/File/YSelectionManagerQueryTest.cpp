@@ -1,0 +1,199 @@
+#include "testing/LogCapture.h"
+#include "testing/NaiveSelection.h"
+#include "testing/Raises.h"
+#include "testing/SelectionText.h"
+
+#include <cstdlib>
+#include <random>
+
+namespace {
+
+using Backup::File::YSelectionManager;
+using Krt::ErrorCode;
+using Testing::Rule;
+using Testing::Tree;
+using List = std::vector<std::string>;
+using enum Backup::File::YSelectionDescriptor::SelectionType;
+
+TEST(YSelectionManagerQuery, Answers)
+{
+    const char* const allOfA = "include /a recursive any";
+    const char* const name = "include /a/b exact=c";
+    const char* const overridden = "exclude /a recursive exact=b; include /a/b exact=c explicit";
+    const struct
+    {
+        const char* name;
+        const char* rules;
+        const char* path;
+        YSelectionManager::SelectionType answer;
+    } rows[] = {
+        {"nothing at all", "", "/x", NotSelectedDoNotRecurse},
+        {"below a recursive include", allOfA, "/a/b/c", Include},
+        {"the place of the rule", allOfA, "/a", NotSelectedDoRecurse},
+        {"beside it", allOfA, "/ab", NotSelectedDoNotRecurse},
+        {"a name", name, "/a/b/c", Include},
+        {"below a name", name, "/a/b/c/d", NotSelectedDoNotRecurse},
+        {"above a name", name, "/a/b", NotSelectedDoRecurse},
+        {"at the root", "include / exact=a", "/a", Include},
+        {"too deep", "include / exact=a", "/b/a", NotSelectedDoNotRecurse},
+        {"reportable", "include /a/b exact=c; exclude /a recursive any", "/a/b/c", Exclude},
+        {"silent", "include /a/b exact=c; silent /a recursive any", "/a/b/c", NotSelectedDoNotRecurse},
+        {"both", "include / recursive any; silent / exact=a; exclude / glob=*", "/a", Exclude},
+        {"one level, long path", "include / recursive any; exclude /a exact=b", "/a/b/c", Exclude},
+        {"one level, deep name", "include / recursive any; exclude /a exact=b", "/a/c/b", Include},
+        {"explicit name", overridden, "/a/b/c", Include},
+        {"beside the explicit name", overridden, "/a/b/d", NotSelectedDoNotRecurse},
+        {"way to the explicit name", overridden, "/a/b", NotSelectedDoRecurse},
+        {"explicit directory", "exclude / exact=a; include /a recursive glob=* explicit", "/a/c", Include},
+        {"explicit above", "include / recursive any explicit; exclude /a exact=b", "/a/b", Exclude},
+        {"explicit, other shape", "exclude / exact=a; include /a any explicit", "/a/c", Exclude},
+        {"all children, silent", "silent /a any; include /a/b any", "/a", NotSelectedDoNotRecurse},
+        {"all children, reported", "exclude /a any; include /a/b any", "/a", NotSelectedDoRecurse},
+        {"cut off", "silent /a exact=b; include /a/b/c any", "/a/b", NotSelectedDoNotRecurse},
+        {"names by case", "include /a exact=B nocase", "/a/b", Include},
+        {"places by case", "include /A recursive any", "/a/b", NotSelectedDoNotRecurse},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const YSelectionManager tree = Tree(row.rules);
+        EXPECT_EQ(tree.GetPathSelectionType(row.path), row.answer);
+        const bool enters = row.answer == Include || row.answer == NotSelectedDoRecurse;
+        EXPECT_EQ(tree.IsPathSelected(row.path), row.answer == Include);
+        EXPECT_EQ(tree.IsPathExcluded(row.path), row.answer == Exclude);
+        EXPECT_EQ(tree.IsPathNotSelected(row.path), row.answer < Include);
+        EXPECT_EQ(tree.IsPathSelectedOrSelectionParent(row.path), enters);
+        EXPECT_EQ(tree.ShouldEnumeratePath(row.path), enters);
+    }
+}
+
+TEST(YSelectionManagerQuery, HasNoAnswerAboutTheRoot)
+{
+    const YSelectionManager tree = Tree("include / recursive any");
+    for (const char* root : {"", "/"})
+        EXPECT_RAISES(tree.GetPathSelectionType(root), ErrorCode::InvalidArgument, "PathMatchesInclude",
+                      "PathMatchesInclude cannot be applied to an empty path");
+    EXPECT_RAISES(tree.AnyIncludesApplyBelowPath({}), ErrorCode::InvalidArgument, "AnyIncludesApplyBelowPath",
+                  "AnyIncludesApplyBelowPath cannot be applied to an empty path");
+    EXPECT_RAISES(tree.IsAnyExplicitSelectionBelowComponent({}, 0), ErrorCode::InvalidArgument,
+                  "IsAnyExplicitSelectionBelowComponent",
+                  "IsAnyExplicitSelectionBelowComponent cannot be applied to an empty path");
+    EXPECT_RAISES(tree.IsAnyExplicitSelectionBelowComponent({"a", "b"}, 2), ErrorCode::InvalidArgument,
+                  "IsAnyExplicitSelectionBelowComponent",
+                  "atOrBelowIndex out of range atOrBelowIndex: 2 path: a, b");
+    const auto error = Testing::CatchError([&] { tree.AnyIncludesApplyBelowPath({}); });
+    EXPECT_EQ(error->GetFile().Bytes(), "Backup/File/YSelectionManager");
+}
+
+TEST(YSelectionManagerQuery, TellsHowItDecides)
+{
+    const std::string noMatch = "No components in path match any exclude; ";
+    const std::string noInclude = "Leaf component a matches no includes.; ";
+    const std::string someOfRoot =
+        "Some children of / may be included or excluded reportably. (did not find a node "
+        "for the leaf component of the path); ";
+    const std::string ignored =
+        " But since that component is explicitly selected this exclude will be ignored.; ";
+    const struct
+    {
+        const char* rules;
+        const char* path;
+        std::string lines;
+    } rows[] = {
+        {"include / any", "/a",
+         "Leaf component a matches include at / (root); " + noMatch + "Path Include: /a"},
+        {"include /a any; exclude / exact=a", "/a/b",
+         "Leaf component b matches include at /a checkNonRecursiveDescriptors was set to 1; Component a at "
+         "index 0 "
+         "matches exclude at / (root)  reportable: 1; Path is Exclude: /a/b"},
+        {"include /a recursive glob=c; silent /a exact=b", "/a/b/c",
+         "Leaf component c matches include at /a checkNonRecursiveDescriptors was set to 0; Component b at "
+         "index 1 "
+         "matches exclude at /a reportable: 0; Path is not-reportable exclude: /a/b/c"},
+        {"include /a exact=b explicit; exclude / exact=a; silent /a recursive any", "/a/b",
+         "Leaf component b matches include at /a checkNonRecursiveDescriptors was set to 1; Component a at "
+         "index 0 "
+         "matches exclude at / (root) reportable: 1" +
+             ignored + "Component b at index 1 matches exclude at /a reportable: 0" + ignored + noMatch +
+             "Path Include: /a/b"},
+        {"silent / exact=a", "/a",
+         noInclude + "Component a at index 0 matches exclude at / (root)  reportable: 0; "
+                     "Path NotSelectedDoNotRecurse (not included but matches exclude): /a"},
+        {"silent /a any", "/a",
+         noInclude + noMatch +
+             "All children of /a are not excluded reportably.; "
+             "Path NotSelectedDoNotRecurse (all children excluded): /a"},
+        {"include /a/b any", "/a",
+         noInclude + noMatch +
+             "Some children of /a may be included or excluded reportably.; Includes apply below "
+             "path because /a has includes at or below it; Path NotSelectedDoRecurse (includes "
+             "below path): /a"},
+        {"include /b recursive exact=x", "/b/a",
+         noInclude + noMatch +
+             "Some children of /b may be included or excluded reportably. (did not find a node "
+             "for the leaf component of the path); Includes apply below path because /b has "
+             "recursive includes; Path NotSelectedDoRecurse (includes below path): /b/a"},
+        {"include / recursive exact=x", "/a",
+         noInclude + noMatch + someOfRoot +
+             "Includes apply below path because / (root) has recursive includes; "
+             "Path NotSelectedDoRecurse (includes below path): /a"},
+        {"", "/a",
+         noInclude + noMatch + someOfRoot +
+             "No includes apply below path.; Path NotSelectedDoNotRecurse (fall "
+             "through): /a"},
+    };
+    for (const auto& row : rows) {
+        const YSelectionManager tree = Tree(row.rules);
+        const Testing::LogCapture log({"SelectionBuild", "SelectionQuery"});
+        tree.GetPathSelectionType(row.path);
+        const std::string speaker = "YSelectionManager: ";
+        std::string lines;
+        for (const std::string& line : log.Texts()) {
+            EXPECT_TRUE(line.starts_with(speaker)) << line;
+            lines += (lines.empty() ? "" : "; ") + line.substr(speaker.size());
+        }
+        EXPECT_EQ(lines, "GetPathSelectionType called for: " + std::string(row.path) + "; " + row.lines);
+    }
+}
+
+// Rule forests and all paths of a small world, beside a list that is searched from end to end.
+TEST(YSelectionManagerQuery, AgreesWithThePlainList)
+{
+    const char* fixed = std::getenv("SELECTION_SEED");
+    const unsigned int seed = fixed ? std::strtoul(fixed, nullptr, 10) : std::random_device()();
+    SCOPED_TRACE("SELECTION_SEED=" + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto pick = [&](const List& choices) {
+        return choices[random() % choices.size()];
+    };
+
+    List paths, level = {""};
+    for (int depth = 0; depth < 4; ++depth) {
+        List below;
+        for (const std::string& path : level) {
+            for (const char* name : {"/a", "/b", "/ab"})
+                below.push_back(path + name);
+        }
+        paths.insert(paths.end(), below.begin(), below.end());
+        level = below;
+    }
+    const List places = {"/", "/", "/a", "/b", "/a/a", "/a/b", "/b/ab", "/a/b/a", "/a/a/b", "/ab/a/b"};
+    const List patterns = {"any",     "glob=*",  "glob=a*",  "glob=?",
+                           "exact=a", "exact=b", "exact=ab", "exact=AB nocase"};
+    for (int forest = 0; forest < 400; ++forest) {
+        YSelectionManager tree;
+        Testing::NaiveSelection list;
+        List added;
+        for (unsigned int rules = 1 + random() % 9; rules > 0; --rules) {
+            added.push_back(pick({"include ", "include ", "exclude ", "silent "}) + pick(places) +
+                            pick({" ", " recursive "}) + pick(patterns) + pick({"", "", " explicit"}));
+            const bool taken = list.Add(Rule(added.back()));
+            ASSERT_EQ(tree.Add(Rule(added.back())), taken) << testing::PrintToString(added);
+        }
+        ASSERT_EQ(Testing::Words(tree), list.Words()) << testing::PrintToString(added);
+        for (const std::string& path : paths)
+            ASSERT_EQ(tree.GetPathSelectionType(path.c_str()), list.Ask(path))
+                << path << " in " << testing::PrintToString(added);
+    }
+}
+
+} // namespace

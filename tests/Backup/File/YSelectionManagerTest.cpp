@@ -1,0 +1,226 @@
+#include "Backup/File/YSelectionManagerNode.h"
+
+#include "testing/LogCapture.h"
+#include "testing/Raises.h"
+#include "testing/SelectionText.h"
+
+#include "Krt/JSON/YObject.h"
+#include "Krt/Log/YStream.h"
+
+#include <regex>
+#include <thread>
+
+namespace {
+
+using Backup::File::YSelectionDescriptor;
+using Backup::File::YSelectionManager;
+using Krt::ErrorCode;
+using Krt::YString;
+using Krt::File::YPath;
+using Testing::Rule;
+using Testing::Tree;
+using Testing::Words;
+
+unsigned int CountNodes(const YSelectionManager& tree)
+{
+    unsigned int count = 0;
+    tree.VisitAllNodes([&](const YSelectionManager::YSelectionManagerNode*) { ++count; });
+    return count;
+}
+
+TEST(YSelectionManager, KeepsItselfMinimal)
+{
+    const struct
+    {
+        const char* name;
+        const char* before;
+        const char* rule;
+        const char* after; // null: the rule is refused
+        unsigned int nodes;
+    } rows[] = {
+        {"at the root", "", "include / any", "include / any", 1},
+        {"at the empty path", "", "exclude - any", "exclude / any", 1},
+        {"twice", "include /a any", "include /a any", nullptr, 2},
+        {"explicit, late", "include /a exact=b", "include /a exact=b explicit", nullptr, 2},
+        {"plain, late", "include /a exact=b explicit", "include /a exact=b", nullptr, 2},
+        {"below", "include /a/b exact=x; include /a/b/c/d any; exclude /a/e any", "include /a recursive any",
+         "include /a recursive any; exclude /a/e any", 3},
+        {"beside", "include /a exact=x explicit; include /a glob=x*", "include /a recursive exact=x",
+         "include /a glob=x*; include /a recursive exact=x", 2},
+        {"explicit include below", "include /a/b/c exact=x explicit; include /a/b/d any",
+         "include /a recursive any", "include /a recursive any; include /a/b/c exact=x explicit", 4},
+        {"explicit exclude below", "exclude /a/b exact=x explicit", "exclude / recursive any",
+         "exclude / recursive any", 1},
+        {"one level", "include /a/b any", "include /a any", "include /a any; include /a/b any", 3},
+        {"covered from above", "include /a recursive any", "include /a/b/c exact=x", nullptr, 2},
+        {"one level above", "include /a any", "include /a/b exact=x", "include /a any; include /a/b exact=x",
+         3},
+        {"explicit above", "include / recursive any explicit", "include /a exact=x",
+         "include / recursive any explicit; include /a exact=x", 2},
+        {"both types", "include /a any", "exclude /a any", "include /a any; exclude /a any", 2},
+        {"case", "include /a recursive any", "include /A any", "include /A any; include /a recursive any", 3},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        YSelectionManager tree = Tree(row.before);
+        EXPECT_EQ(tree.IsDescriptorRedundant(Rule(row.rule)), row.after == nullptr);
+        EXPECT_EQ(tree.Add(Rule(row.rule)), row.after != nullptr);
+        EXPECT_EQ(Words(tree), row.after ? row.after : row.before);
+        EXPECT_EQ(CountNodes(tree), row.nodes);
+    }
+}
+
+TEST(YSelectionManager, RefusesAnIncludeWithoutPath)
+{
+    YSelectionManager tree;
+    Krt::YStream printed{YString()};
+    printed << Rule("include - any");
+    EXPECT_RAISES(tree.Add(Rule("include - any")), ErrorCode::InvalidArgument, "Add",
+                  "Cannot add root include using empty path on Unix.  Must use root path (/).  " +
+                      YString(printed).Bytes());
+    EXPECT_EQ(Words(tree), "");
+}
+
+TEST(YSelectionManager, Deletes)
+{
+    const std::string before = "include /a exact=x; include /a/b/c any; exclude /a/b/c any; include /d/e any";
+    YSelectionManager tree = Tree(before);
+    tree.Delete("/a/x");
+    tree.Delete("/a/b/c/d");
+    EXPECT_EQ(Words(tree), before);
+    EXPECT_FALSE(tree.Delete(Rule("include /a/b any"))) << "an equal rule stands elsewhere";
+    EXPECT_FALSE(tree.Delete(Rule("include /a exact=x explicit"))) << "the explicit flag counts";
+    EXPECT_TRUE(tree.Delete(Rule("exclude /a/b/c any"))) << "found, and yet it stays";
+    EXPECT_EQ(Words(tree), before);
+    EXPECT_TRUE(tree.Delete(Rule("include /a/b/c any")));
+    EXPECT_EQ(CountNodes(tree), 6U) << "an exclude keeps the branch";
+    EXPECT_TRUE(tree.Delete(Rule("include /d/e any")));
+    EXPECT_EQ(CountNodes(tree), 4U) << "the branch goes with its last rule";
+    EXPECT_TRUE(tree.Delete(Rule("include /a/no/node exact=x"))) << "found at the nearest ancestor";
+    EXPECT_EQ(Words(tree), "exclude /a/b/c any");
+    tree.Delete("/a/b");
+    EXPECT_EQ(CountNodes(tree), 2U) << "waypoints stay";
+    EXPECT_FALSE(tree == YSelectionManager());
+    tree.Delete("/");
+    EXPECT_TRUE(tree == YSelectionManager());
+}
+
+TEST(YSelectionManager, FindsTheNearestNode)
+{
+    const YSelectionManager tree = Tree("include /a/b any; include C:/x any");
+    const struct
+    {
+        const char* path;
+        const char* nearest;
+        bool found;
+    } rows[] = {
+        {"", "/", true},      {"/", "/", true},        {"/a", "/a", true},  {"/a/b/c/d", "/a/b", false},
+        {"/A/b", "/", false}, {"C:/x", "/C:/x", true}, {"c:/x", "/", false}};
+    for (const auto& row : rows) {
+        const auto [node, found] = tree.FindNode(row.path, false);
+        EXPECT_EQ(node->GetPath().Bytes(), row.nearest) << row.path;
+        EXPECT_EQ(found, row.found) << row.path;
+    }
+    EXPECT_RAISES(tree.FindNode("/a/c", true), ErrorCode::NotFound, "FindNode", "");
+}
+
+TEST(YSelectionManager, CopiesMovesAndCompares)
+{
+    const std::string rules = "include / any; include /a/b any; exclude /a/b exact=c";
+    const YSelectionManager tree = Tree(rules);
+    YSelectionManager copy = tree;
+    EXPECT_TRUE(copy == tree);
+    copy.Add(Rule("include /a/b recursive any"));
+    EXPECT_EQ(Words(tree), rules) << "the copy is apart";
+    EXPECT_FALSE(copy == tree);
+    EXPECT_FALSE(Tree("include /a any") == Tree("include /b any"));
+    EXPECT_FALSE(Tree("include /a any") == Tree("include /a any; include /b any"));
+    EXPECT_TRUE(Tree("include /a any") == Tree("include /a any nocase")) << "all names are all names";
+
+    YSelectionManager moved = std::move(copy);
+    copy = tree;
+    EXPECT_TRUE(copy == tree);
+    copy.Swap(moved);
+    EXPECT_TRUE(moved == tree);
+    EXPECT_EQ(Words(copy), "include / any; include /a/b recursive any; exclude /a/b exact=c");
+}
+
+TEST(YSelectionManager, TellsItsChanges)
+{
+    const Testing::LogCapture log({"SelectionBuild"});
+    YSelectionManager tree = Tree("include /a/b exact=x; exclude /a/b exact=y");
+    tree.Add(Rule("include /a recursive any"));
+    tree.Add(Rule("exclude /a recursive any"));
+    tree.Add(Rule("include /a any"));
+    tree.Delete("/b");
+    tree.Delete("/a");
+    tree.Delete("/");
+    std::vector<std::string> lines;
+    for (const std::string& line : log.Texts()) // rules print as their class tells
+        lines.push_back(
+            std::regex_replace(line, std::regex("descriptor: (?!path).*?, m_explicitSelection: 0"), "RULE"));
+    const std::string manager = "YSelectionManager: ", node = "YSelectionManagerNode: ";
+    EXPECT_EQ(lines, (std::vector<std::string>{manager + "YSelectionManager::Add called for: path: /a/b RULE",
+                                               manager + "Added include path: /a/b RULE",
+                                               manager + "YSelectionManager::Add called for: path: /a/b RULE",
+                                               manager + "Added exclude path: /a/b RULE",
+                                               manager + "YSelectionManager::Add called for: path: /a RULE",
+                                               node + "At node for /a/b include descriptor RULE prunes RULE",
+                                               manager + "Added include path: /a RULE",
+                                               manager + "YSelectionManager::Add called for: path: /a RULE",
+                                               node + "At node for /a/b exclude descriptor RULE prunes RULE",
+                                               manager + "Added exclude path: /a RULE",
+                                               manager + "YSelectionManager::Add called for: path: /a RULE",
+                                               manager + "Not adding redundant descriptor: path: /a RULE",
+                                               manager + "YSelectionManager::Delete called for: /b",
+                                               manager + "YSelectionManager::Delete called for: /a",
+                                               manager + "Erased node: /",
+                                               manager + "YSelectionManager::Delete called for: /"}));
+}
+
+// Deep enough for a recursion to overflow the stack.
+TEST(YSelectionManager, HoldsAnyDepth)
+{
+    std::string deep;
+    for (int level = 0; level < 200000; ++level)
+        deep += "/d";
+    const YPath bottom{YString(std::string_view(deep))};
+    const Krt::Match::AnyDescriptor any;
+    using enum YSelectionDescriptor::SelectionType;
+    using enum YSelectionDescriptor::RecursionType;
+    YSelectionManager tree;
+    tree.Add(bottom, any, NonRecursive, Include, true);
+    EXPECT_EQ(tree.GetPathSelectionType(bottom), NotSelectedDoRecurse);
+    EXPECT_EQ(tree.GetPathSelectionType("/d"), NotSelectedDoRecurse);
+    EXPECT_EQ(tree.GetIncludeTops("/"), std::set<YPath>{bottom});
+    YSelectionManager copy = tree;
+    EXPECT_TRUE(copy == tree);
+    copy.FromJSON(tree.ToJSON("/"));
+    EXPECT_TRUE(copy == tree);
+    Krt::YStream printed{YString()};
+    printed << *tree.FindNode(bottom, true).first;
+    copy.Add("/d", any, Recursive, Include, true);
+    EXPECT_EQ(CountNodes(copy), 2U);
+    tree.Delete("/");
+    EXPECT_EQ(CountNodes(tree), 1U);
+}
+
+TEST(YSelectionManager, AnswersWhileItChanges)
+{
+    YSelectionManager tree = Tree("include / recursive any");
+    std::thread writer([&] {
+        for (int i = 0; i < 300; ++i) {
+            tree.Add(Rule("exclude /a/b recursive any"));
+            tree.Delete("/a");
+        }
+    });
+    for (int i = 0; i < 300; ++i) {
+        EXPECT_NE(tree.GetPathSelectionType("/a/b/c"),
+                  YSelectionDescriptor::SelectionType::NotSelectedDoNotRecurse);
+        EXPECT_TRUE(tree == tree);
+    }
+    writer.join();
+    EXPECT_EQ(Words(tree), "include / recursive any");
+}
+
+} // namespace
