@@ -1,0 +1,40 @@
+#include "Krt/Environment/Host.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <array>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Krt::Environment {
+
+YString GetHostName()
+{
+    std::array<char, 1024> name{};
+    if (gethostname(name.data(), name.size() - 1) != 0)
+        KRT_RAISE_OS("Can't read the host's name");
+    return name.data();
+}
+
+unsigned int SetFileCreationMask(unsigned int mask)
+{
+    return umask(static_cast<mode_t>(mask));
+}
+
+void RaiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        KRT_RAISE_OS("Can't read the limit of open files");
+    limit.rlim_cur = limit.rlim_max;
+    // macOS refuses its own unlimited maximum; the process then keeps what it has.
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+bool IsRoot()
+{
+    return geteuid() == 0;
+}
+
+} // namespace Krt::Environment

@@ -1,0 +1,41 @@
+#include "Krt/Profile/Unix/FileStamp.h"
+
+#include "Krt/Profile/Unix/Platform.h"
+#include "Krt/Util/Retry.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace Krt::Profile {
+
+FileStamp::FileStamp(const struct stat& status)
+    : m_device(status.st_dev), m_inode(status.st_ino), m_size(status.st_size), m_modified(ModifiedAt(status)),
+      m_changed(ChangedAt(status))
+{}
+
+std::optional<FileStamp> FileStamp::Of(const char* path)
+{
+    struct stat status;
+    if (Util::RetryOnInterrupt([&] { return stat(path, &status); }) != 0)
+        return std::nullopt;
+    return FileStamp(status);
+}
+
+std::optional<FileStamp> FileStamp::Of(int descriptor)
+{
+    struct stat status;
+    if (Util::RetryOnInterrupt([&] { return fstat(descriptor, &status); }) != 0)
+        return std::nullopt;
+    return FileStamp(status);
+}
+
+bool FileStamp::IsSettled() const
+{
+    using namespace std::chrono;
+    const long long now = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
+    return std::max(m_modified, m_changed) <= now - nanoseconds(2s).count();
+}
+
+} // namespace Krt::Profile

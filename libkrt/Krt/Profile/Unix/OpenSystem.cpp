@@ -1,0 +1,133 @@
+#include "Krt/Profile/YProfile.h"
+
+#include "Krt/Environment/Process.h"
+#include "Krt/Exception/Raise.h"
+#include "Krt/Profile/Unix/FileStamp.h"
+#include "Krt/Profile/Unix/Platform.h"
+#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/Retry.h"
+
+#include <boost/make_shared.hpp>
+#include <boost/property_tree/ini_parser.hpp>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <mutex>
+#include <optional>
+#include <sstream>
+
+namespace Krt::Profile {
+
+namespace {
+
+// What the last parse gave, and of which file in which state. A state that the times can't tell from a later
+// one is not kept.
+struct Cache
+{
+    std::mutex mutex;
+    std::string path;
+    FileStamp stamp;
+    boost::shared_ptr<YProfile> profile;
+};
+
+Cache& TheCache()
+{
+    static Cache& cache = *new Cache; // for readers that are destructors of static objects, too
+    return cache;
+}
+
+std::string Path()
+{
+    const char* const named = Environment::IsPrivilegeRaised() ? nullptr : std::getenv("KBAGENT_CONFIG");
+    return named != nullptr && *named != '\0' ? named : SystemPath();
+}
+
+[[noreturn]] void RaiseUnreadable(const std::string& path)
+{
+    const int error = errno;
+    KRT_RAISE_FULL(ExceptionType::OsError, "OpenSystem", MessageType::General,
+                   static_cast<unsigned int>(error), "Failed to read configuration " << path.c_str());
+}
+
+std::string ReadAll(const Util::YUnxHandle& file, const std::string& path)
+{
+    std::string text;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t count = Util::RetryOnInterrupt([&] { return read(file.Get(), buffer, sizeof buffer); });
+        if (count < 0)
+            RaiseUnreadable(path);
+        if (count == 0)
+            return text;
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+}
+
+YProfile::Sections Parse(const std::string& text, const std::string& path)
+{
+    boost::property_tree::ptree tree;
+    try {
+        std::istringstream stream(text);
+        boost::property_tree::read_ini(stream, tree);
+    } catch (const boost::property_tree::ini_parser_error& failure) {
+        KRT_RAISE_AS("OpenSystem", MessageType::General, ErrorCode::InvalidArgument,
+                     "Damaged configuration " << path.c_str() << ", line " << failure.line() << ": "
+                                              << failure.message().c_str());
+    }
+    YProfile::Sections sections;
+    for (const auto& [name, entry] : tree) {
+        if (entry.empty()) // a key in front of the first section, or a section without keys
+            sections[YString()][YString(std::string_view(name))] = YString(std::string_view(entry.data()));
+        for (const auto& [key, value] : entry)
+            sections[YString(std::string_view(name))][YString(std::string_view(key))] =
+                YString(std::string_view(value.data()));
+    }
+    return sections;
+}
+
+const boost::shared_ptr<YProfile>& EmptyProfile()
+{
+    static const auto& empty = *new auto(boost::make_shared<YProfile>(YProfile::Sections()));
+    return empty;
+}
+
+// The file's state is taken before its text, so that a change in between shows at the next opening.
+boost::shared_ptr<YProfile> Load(Cache& cache, const std::string& path)
+{
+    const Util::YUnxHandle file = Util::OpenHandle(path.c_str(), O_RDONLY | O_NOCTTY);
+    if (file.IsEmpty()) {
+        if (errno == ENOENT)
+            return EmptyProfile();
+        RaiseUnreadable(path);
+    }
+    const std::optional<FileStamp> stamp = FileStamp::Of(file.Get());
+    if (!stamp)
+        RaiseUnreadable(path);
+    const auto profile = boost::make_shared<YProfile>(Parse(ReadAll(file, path), path));
+    cache.profile.reset();
+    if (stamp->IsSettled()) {
+        cache.path = path;
+        cache.stamp = *stamp;
+        cache.profile = profile;
+    }
+    return profile;
+}
+
+} // namespace
+
+boost::shared_ptr<YProfile> OpenSystem()
+{
+    const std::string path = Path();
+    Cache& cache = TheCache();
+    const std::lock_guard lock(cache.mutex);
+    if (cache.profile != nullptr && cache.path == path) {
+        const std::optional<FileStamp> stamp = FileStamp::Of(path.c_str());
+        if (stamp && *stamp == cache.stamp)
+            return cache.profile;
+    }
+    return Load(cache, path);
+}
+
+} // namespace Krt::Profile
