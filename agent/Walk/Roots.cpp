@@ -44,8 +44,8 @@ void Select(Backup::File::YSelectionManager& rules, const YPath& root)
         rules.Add(root.GetParent(), Krt::Match::ExactDescriptor(YPath::GetFileFromPath(root, "/"), true),
                   YSelectionDescriptor::NonRecursive, YSelectionDescriptor::Include, true);
     }
-    rules.Add(root, Krt::Match::AnyDescriptor(), YSelectionDescriptor::Recursive, YSelectionDescriptor::Include,
-              true);
+    rules.Add(root, Krt::Match::AnyDescriptor(), YSelectionDescriptor::Recursive,
+              YSelectionDescriptor::Include, true);
 }
 
 void LoadRules(Backup::File::YSelectionManager& rules, const std::string& jobFile)

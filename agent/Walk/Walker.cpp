@@ -60,8 +60,7 @@ struct Walker::Level
 
 Walker::Walker(const Backup::File::YSelectionManager& rules, std::set<YPath> roots, IWalkVisitor& visitor)
     : m_rules(rules), m_roots(std::move(roots)), m_visitor(visitor)
-{
-}
+{}
 
 Walker::~Walker() = default;
 

@@ -47,7 +47,8 @@ class Walker
 public:
     /// Both outlive the walker. `roots` are where walks start: each is an entry, or "/". A walk that comes
     /// upon another root leaves it to that root's own walk, so nothing is visited twice.
-    Walker(const Backup::File::YSelectionManager& rules, std::set<Krt::File::YPath> roots, IWalkVisitor& visitor);
+    Walker(const Backup::File::YSelectionManager& rules, std::set<Krt::File::YPath> roots,
+           IWalkVisitor& visitor);
     ~Walker();
 
     /// The directory with this status is neither visited nor entered.
@@ -60,8 +61,8 @@ private:
     struct Level;
 
     void WalkRoot(const Krt::File::YPath& root);
-    void VisitEntry(const Krt::File::YPath& path, const Krt::File::YDirectory& parent, const Krt::YString& name,
-                    unsigned char type, bool isRoot);
+    void VisitEntry(const Krt::File::YPath& path, const Krt::File::YDirectory& parent,
+                    const Krt::YString& name, unsigned char type, bool isRoot);
     bool MayEnter(const WalkedEntry& entry, bool selected, bool isRoot);
     void Enter(const Krt::File::YPath& path, Krt::File::YDirectory directory, const struct stat& status);
     const Krt::File::YDirectory& DirectoryOf(Level& level);

@@ -1,0 +1,179 @@
+#include "agent/Backup/BackupRun.h"
+
+#include "agent/Cli/Interrupt.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <sys/stat.h>
+#if __has_include(<sys/sysmacros.h>)
+#include <sys/sysmacros.h>
+#endif
+
+namespace Agent {
+
+using Backup::File::YFile;
+using Krt::ErrorCode;
+using Krt::YString;
+using Krt::File::YPath;
+
+namespace {
+
+constexpr std::size_t BufferSize = 1 << 20;
+
+// Whether the library, which goes by path, saw the entry that the walk sees through its descriptor. Only a
+// regular file is held open and so has an inode to compare; of the others the status has to do.
+bool IsSameEntry(const YFile& file, const struct stat& status)
+{
+    if ((file.GetModeFlags() & S_IFMT) != (status.st_mode & S_IFMT))
+        return false;
+    if (file.IsRegularFile())
+        return file.GetInode() == status.st_ino;
+    return file.GetUID() == status.st_uid &&
+           file.GetLastChangedTime() == static_cast<unsigned long long>(status.st_ctime);
+}
+
+} // namespace
+
+BackupRun::BackupRun(StoreSession& session, SnapshotWriter& snapshot, Report& report, bool verbose)
+    : m_snapshot(snapshot), m_report(report), m_verbose(verbose), m_objects(session), m_buffer(BufferSize)
+{}
+
+bool BackupRun::OnSelected(const WalkedEntry& entry)
+{
+    if (S_ISSOCK(entry.status.st_mode))
+        KRT_RAISE(ErrorCode::NotSupported, "A socket is not stored");
+    m_file.Open(YFile::OPEN_MODE_READ, entry.path, YFile::OPTIONS{});
+    KRT_RAISE_UNLESS(IsSameEntry(m_file, entry.status), ErrorCode::InvalidState,
+                     "Another entry took its place while it was read");
+    bool followable = false;
+    const auto metadata =
+        Backup::File::YMetadataBase::ConstructFromFile(m_file, [&](const YPath& path, bool mayDescend) {
+            followable = mayDescend;
+            return Backup::YJobPath::FromFilePath(Backup::YJobPath(), path, mayDescend);
+        });
+    Capture(entry, metadata->AsUnixFileMetadata());
+    m_file.Close();
+    Count(entry.status);
+    m_report.Progress(m_counts.Entries(), m_counts.bytes);
+    return followable;
+}
+
+void BackupRun::Capture(const WalkedEntry& entry, const Backup::File::YUnixFileMetadata& metadata)
+{
+    SnapshotEntry line;
+    line.record = metadata.ToJSON();
+    if (S_ISCHR(entry.status.st_mode) || S_ISBLK(entry.status.st_mode))
+        line.device = DeviceNumbers{major(entry.status.st_rdev), minor(entry.status.st_rdev)};
+    if (S_ISLNK(entry.status.st_mode)) {
+        YString target = entry.parent.ReadSymbolicLink(entry.name);
+        if (target != metadata.GetSymbolicLinkTarget())
+            line.linkTarget = std::move(target);
+    }
+
+    const bool isLinked = HardLinks::MayHave(entry.status);
+    const HardLinks::File* const known = isLinked ? m_hardLinks.Find(entry.status) : nullptr;
+    if (known != nullptr) {
+        line.hardLinkGroup = known->group;
+        line.content = known->content;
+        line.readSize = known->readSize;
+    } else {
+        if (S_ISREG(entry.status.st_mode))
+            ReadContent(entry, line);
+        if (isLinked)
+            line.hardLinkGroup = m_hardLinks.Add(entry.status, line);
+    }
+    InStore([&] { m_snapshot.Add(line); });
+    if (known != nullptr)
+        m_hardLinks.Seen(entry.status);
+}
+
+void BackupRun::ReadContent(const WalkedEntry& entry, SnapshotEntry& line)
+{
+    const unsigned long long size = m_file.GetSize();
+    unsigned long long total = 0;
+    unsigned int count = 0;
+    m_objects.Begin();
+    // A file that grows is followed no further than the buffer that shows it: it may grow for ever.
+    do {
+        count = m_file.Read(m_buffer.data(), BufferSize);
+        InStore([&] { m_objects.Append(m_buffer.data(), count); });
+        total += count;
+        m_report.Progress(m_counts.Entries(), m_counts.bytes + total);
+        KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted");
+    } while (count == BufferSize && total <= size);
+    InStore([&] { line.content = m_objects.Finish(); });
+    m_counts.bytes += total;
+    if (total != size) {
+        line.readSize = total;
+        Krt::YStream reason{YString()};
+        reason << "The file changed while it was read: " << total << " bytes instead of " << size;
+        m_report.EntryFailed(entry.path, reason);
+    }
+}
+
+template <class Step>
+void BackupRun::InStore(Step step)
+{
+    try {
+        step();
+    } catch (const Krt::Exception::YError& error) {
+        // An entry too large for a snapshot is that entry's failure alone.
+        if (error.GetCode() != ErrorCode::InvalidArgument || error.GetOsError() != 0)
+            m_storeError = error;
+        throw;
+    }
+}
+
+void BackupRun::Count(const struct stat& status)
+{
+    if (S_ISREG(status.st_mode))
+        ++m_counts.files;
+    else if (S_ISDIR(status.st_mode))
+        ++m_counts.directories;
+    else if (S_ISLNK(status.st_mode))
+        ++m_counts.links;
+    else
+        ++m_counts.others;
+}
+
+void BackupRun::OnExcluded(const YPath& path)
+{
+    ++m_counts.excluded;
+    if (m_verbose)
+        m_report.Note(YString("excluded: ") + path);
+}
+
+void BackupRun::OnMountNotEntered(const YPath& path)
+{
+    m_counts.mountsNotEntered.push_back(path);
+}
+
+void BackupRun::OnMountEntered(const YPath& path)
+{
+    m_report.Note(path +
+                  YString(" is a mount point that a walk would not enter; it is entered since it was named"));
+}
+
+void BackupRun::OnStoreSkipped(const YPath& path)
+{
+    m_report.Note(path + YString(" is the store itself and is left out"));
+}
+
+void BackupRun::OnFailed(const YPath& path, const YString& reason)
+{
+    m_report.EntryFailed(path, reason);
+}
+
+bool BackupRun::IsCancelled()
+{
+    return m_storeError.has_value() || IsInterrupted();
+}
+
+void BackupRun::RequireComplete() const
+{
+    if (m_storeError)
+        KRT_RAISE(ErrorCode::InvalidState, "The store failed, so no snapshot was made: " << *m_storeError);
+    KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted; no snapshot was made");
+}
+
+} // namespace Agent

@@ -1,0 +1,70 @@
+// BackupRun: turns what a walk selects into a snapshot: a record of each entry, and contents that the store
+// keeps once. An entry that fails is reported and the run goes on; a store that fails ends it.
+#pragma once
+
+#include "agent/Backup/HardLinks.h"
+#include "agent/Cli/Report.h"
+#include "agent/Store/ObjectWriter.h"
+#include "agent/Store/SnapshotWriter.h"
+#include "agent/Walk/Walker.h"
+
+#include "Backup/File/Unix/YFile.h"
+#include "Backup/File/YUnixFileMetadata.h"
+
+#include <optional>
+#include <vector>
+
+namespace Agent {
+
+/// What a run did, for its summary.
+struct BackupCounts
+{
+    unsigned long long files = 0;
+    unsigned long long directories = 0;
+    unsigned long long links = 0;
+    unsigned long long others = 0;
+    unsigned long long bytes = 0; ///< of contents that were read
+    unsigned long long excluded = 0;
+    std::vector<Krt::File::YPath> mountsNotEntered;
+
+    unsigned long long Entries() const { return files + directories + links + others; }
+};
+
+class BackupRun : public IWalkVisitor
+{
+public:
+    /// All outlive the run. `verbose` tells each excluded path.
+    BackupRun(StoreSession& session, SnapshotWriter& snapshot, Report& report, bool verbose);
+
+    bool OnSelected(const WalkedEntry& entry) override;
+    void OnExcluded(const Krt::File::YPath& path) override;
+    void OnMountNotEntered(const Krt::File::YPath& path) override;
+    void OnMountEntered(const Krt::File::YPath& path) override;
+    void OnStoreSkipped(const Krt::File::YPath& path) override;
+    void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) override;
+    bool IsCancelled() override;
+
+    /// After the walk: raises what ended it early, be it the store's error or an interrupt.
+    void RequireComplete() const;
+    const BackupCounts& GetCounts() const { return m_counts; }
+
+private:
+    void Capture(const WalkedEntry& entry, const Backup::File::YUnixFileMetadata& metadata);
+    void ReadContent(const WalkedEntry& entry, SnapshotEntry& line);
+    void Count(const struct stat& status);
+    // Runs a step that writes into the store; its failure ends the run.
+    template <class Step>
+    void InStore(Step step);
+
+    SnapshotWriter& m_snapshot;
+    Report& m_report;
+    bool m_verbose;
+    ObjectWriter m_objects;
+    HardLinks m_hardLinks;
+    Backup::File::YFile m_file;
+    std::vector<unsigned char> m_buffer;
+    BackupCounts m_counts;
+    std::optional<Krt::Exception::YError> m_storeError;
+};
+
+} // namespace Agent

@@ -1,0 +1,40 @@
+// HardLinks: recognises the further names of a file during a walk. A file is remembered only while names of
+// it are still to come.
+#pragma once
+
+#include "agent/Store/Snapshot.h"
+
+#include <map>
+#include <sys/stat.h>
+#include <utility>
+
+namespace Agent {
+
+class HardLinks
+{
+public:
+    /// What all names of one file share.
+    struct File
+    {
+        unsigned long long group;
+        std::optional<Address> content;
+        std::optional<unsigned long long> readSize;
+        unsigned long long namesToCome;
+    };
+
+    /// Whether further names may exist.
+    static bool MayHave(const struct stat& status) { return status.st_nlink > 1 && !S_ISDIR(status.st_mode); }
+    /// The file of this status if a name of it was seen; null otherwise.
+    const File* Find(const struct stat& status) const;
+    /// Remembers a file by its first name and gives its group.
+    unsigned long long Add(const struct stat& status, const SnapshotEntry& entry);
+    /// A further name of a found file was stored.
+    void Seen(const struct stat& status);
+
+private:
+    using Key = std::pair<dev_t, ino_t>;
+    std::map<Key, File> m_files;
+    unsigned long long m_groups = 0;
+};
+
+} // namespace Agent

@@ -1,0 +1,92 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Backup/BackupRun.h"
+#include "agent/Cli/Text.h"
+#include "agent/Walk/Roots.h"
+
+#include "Krt/Environment/Host.h"
+
+#include <CLI/CLI.hpp>
+
+#include <ctime>
+
+namespace Agent {
+
+namespace {
+
+class BackupCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    void PrintSummary(Report& report, const std::string& id, const BackupCounts& counts,
+                      unsigned long long storedBytes) const;
+
+    std::string m_store;
+    std::string m_jobFile;
+    bool m_verbose = false;
+    CLI::Option* m_paths = nullptr;
+};
+
+CLI::App* BackupCommand::Register(CLI::App& program)
+{
+    CLI::App* const command =
+        program.add_subcommand("backup", "Store files and directories as a new snapshot");
+    AddStoreOption(*command, m_store);
+    command->add_option("--job", m_jobFile, "Take the rules of this job file (JSON)")->type_name("FILE");
+    command->add_flag("--verbose", m_verbose, "Tell each excluded path");
+    m_paths = AddPathArguments(*command, "What to store: each entry with all below it");
+    command->footer(
+        "The store is made if DIR doesn't exist. Mount points below a PATH are entered only where\n"
+        "they hold a disk's file system or the configuration lists them.\n\n"
+        "Example: kbagent backup --store /backup/store /home /etc");
+    return command;
+}
+
+void BackupCommand::Run(Report& report)
+{
+    const std::vector<std::string>& paths = PathsOf(m_paths);
+    if (paths.empty() && m_jobFile.empty())
+        throw UsageError("backup: name at least one PATH, or rules with --job");
+
+    const Job job = LoadJob(m_jobFile, paths);
+    SnapshotHeader header;
+    header.time = static_cast<unsigned long long>(std::time(nullptr));
+    header.host = Krt::Environment::GetHostName();
+    header.paths.assign(job.roots.begin(), job.roots.end());
+
+    const Store store = Store::OpenOrCreate(m_store);
+    StoreSession session(store);
+    SnapshotWriter snapshot(session, header);
+    BackupRun run(session, snapshot, report, m_verbose);
+    Walker walker(job.rules, job.roots, run);
+    walker.Skip(store.GetDirectory().Stat());
+    walker.Run();
+    run.RequireComplete();
+    const std::string id = snapshot.Finish(run.GetCounts().bytes, report.GetFailed());
+    PrintSummary(report, id, run.GetCounts(), session.GetStoredBytes());
+}
+
+void BackupCommand::PrintSummary(Report& report, const std::string& id, const BackupCounts& counts,
+                                 unsigned long long storedBytes) const
+{
+    Output& out = report.Out();
+    out << "snapshot " << id << "\n"
+        << counts.Entries() << " entries: " << counts.files << " files, " << counts.directories
+        << " directories, " << counts.links << " links, " << counts.others << " others\n"
+        << ShortSize(counts.bytes) << " read, " << ShortSize(storedBytes) << " added to the store\n"
+        << counts.excluded << " excluded, " << report.GetFailed() << " failed\n";
+    for (const Krt::File::YPath& mount : counts.mountsNotEntered)
+        out << "mount point not entered: " << Printable(mount) << "\n";
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeBackupCommand()
+{
+    return std::make_unique<BackupCommand>();
+}
+
+} // namespace Agent

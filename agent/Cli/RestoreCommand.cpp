@@ -1,0 +1,83 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Cli/Interrupt.h"
+#include "agent/Cli/Text.h"
+#include "agent/Restore/RestoreRun.h"
+
+#include "Krt/Environment/Host.h"
+#include "Krt/Exception/Raise.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Agent {
+
+namespace {
+
+class RestoreCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    std::string m_store;
+    std::string m_snapshot = "latest";
+    std::string m_target;
+    CLI::Option* m_paths = nullptr;
+};
+
+CLI::App* RestoreCommand::Register(CLI::App& program)
+{
+    CLI::App* const command =
+        program.add_subcommand("restore", "Make the entries of a snapshot anew below a directory");
+    AddStoreOption(*command, m_store);
+    command->add_option("--snapshot", m_snapshot, "The snapshot's id, its beginning, or latest")
+        ->type_name("ID")
+        ->capture_default_str();
+    command->add_option("--to", m_target, "Restore below this directory, which is made if it is missing")
+        ->type_name("TARGET")
+        ->required();
+    m_paths = AddPathArguments(*command, "Restore only these entries, as list shows them, with all below");
+    command->footer(
+        "An entry /a/b is restored as TARGET/a/b. Files that stand there are replaced. Nothing is ever\n"
+        "written outside TARGET: no link on the way is followed.\n\n"
+        "Example: kbagent restore --store /backup/store --to /tmp/restored /etc/hosts");
+    return command;
+}
+
+void RestoreCommand::Run(Report& report)
+{
+    const Store store = Store::Open(m_store);
+    SnapshotReader snapshot(store, store.FindSnapshot(m_snapshot));
+    snapshot.Verify();
+
+    const Krt::File::YPath target(m_target.c_str());
+    Krt::File::CreatePath(target, true);
+    Krt::Environment::SetFileCreationMask(077);
+    std::vector<Krt::File::YPath> paths;
+    for (const std::string& path : PathsOf(m_paths))
+        paths.push_back(Krt::File::YPath(path.c_str()).AddLeadingSep());
+
+    RestoreRun run(store, Krt::File::YDirectory::OpenFollowing(target), std::move(paths), report);
+    for (SnapshotEntry entry; snapshot.Next(entry);) {
+        run.Restore(entry);
+        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState,
+                         "Interrupted; what was restored so far stays");
+    }
+    run.Finish();
+
+    const RestoreCounts& counts = run.GetCounts();
+    report.Out() << counts.Entries() << " entries restored: " << counts.files << " files, "
+                 << counts.directories << " directories, " << counts.links << " links, " << counts.others
+                 << " others\n"
+                 << ShortSize(counts.bytes) << " written, " << report.GetFailed() << " failed\n";
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeRestoreCommand()
+{
+    return std::make_unique<RestoreCommand>();
+}
+
+} // namespace Agent
