@@ -1,5 +1,6 @@
-// File operations by path. None follows a symbolic link at the last component. All raise the operating
-// system's error (channel General) unless told otherwise, and repeat a call that a signal interrupted.
+// File operations by path. None follows a symbolic link at the last component, unless told otherwise. All
+// raise the operating system's error (channel General) and repeat a call that a signal interrupted. See
+// OpenFile.h for an open descriptor, YDirectory.h for the entries of an open directory.
 #pragma once
 
 #include "Krt/File/YPath.h"
@@ -18,7 +19,7 @@ constexpr unsigned int AttributeDirectory = 0x10;
 constexpr unsigned int AttributesUnknown = 0xFFFFFFFF;
 
 /// Flags of Open.
-constexpr unsigned int OpenForReading = 0x8001; ///< an existing file; never blocks on a FIFO
+constexpr unsigned int OpenForReading = 0x8001;  ///< an existing file; never blocks on a FIFO
 constexpr unsigned int OpenNewForWriting = 0x60; ///< exclusively created, mode 0600
 
 /// Describes the entry itself.
@@ -34,14 +35,15 @@ KRT_API bool IsSymbolicLink(const YPath& path);
 KRT_API YPath NormalizePathCase(const YPath& path);
 
 /// Creates every missing parent, and with `includeLast` the path itself, as directories of mode 0777 less the
-/// umask.
+/// umask. What exists may be a link to a directory.
 KRT_API void CreatePath(const YPath& path, bool includeLast);
 /// Unlinks one entry; a missing one counts as done; a directory is never removed (EISDIR or EPERM is raised).
 KRT_API void DeleteFile(const YPath& path);
 
-/// Opens close-on-exec; see the flags above.
+/// Opens close-on-exec; see the flags above, other ones raise InvalidArgument.
 KRT_API Util::YUnxHandle Open(const YPath& path, unsigned int flags);
-/// Reads at the offset until `count` bytes or the end of the file; returns the bytes read.
+/// Reads at the offset until `count` bytes or the end of the file; returns the bytes read. An empty handle
+/// raises InvalidState, here and in Write.
 KRT_API unsigned long Read(const Util::YUnxHandle& handle, unsigned long long offset, unsigned long count,
                            void* buffer);
 /// Writes all `count` bytes at the offset, or raises.
@@ -49,7 +51,8 @@ KRT_API unsigned long Write(const Util::YUnxHandle& handle, unsigned long long o
                             const void* buffer);
 
 /// Extended attributes of the entry itself, all namespaces that the kernel shows. AttributesUnavailable where
-/// the path has none to offer.
+/// the path has none to offer. One that vanishes between the listing and its turn, or that the file system
+/// lists but refuses to give, is left out of the map.
 KRT_API std::list<YString> ListExtendedAttributes(const YPath& path);
 KRT_API ExtendedAttributeMap GetExtendedAttributeMap(const YPath& path);
 /// `flags`: 0 creates or replaces.

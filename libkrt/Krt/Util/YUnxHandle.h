@@ -15,15 +15,15 @@ public:
     YUnxHandle(int descriptor, bool owned) noexcept : m_descriptor(descriptor), m_owned(owned) {}
     YUnxHandle(YUnxHandle&& other) noexcept
         : m_descriptor(std::exchange(other.m_descriptor, 0)), m_owned(std::exchange(other.m_owned, true))
-    {
-    }
+    {}
     YUnxHandle& operator=(YUnxHandle&& other) noexcept;
     ~YUnxHandle() { Close(); }
 
     int Get() const noexcept { return m_descriptor; }
     bool IsEmpty() const noexcept { return m_descriptor == 0; }
     bool IsOwned() const noexcept { return m_owned; }
-    /// Closes an owned descriptor, repeating on EINTR; another failure is ignored. Empty and owning afterwards.
+    /// Closes an owned descriptor, repeating on EINTR; another failure is ignored. Empty and owning
+    /// afterwards.
     void Close() noexcept;
     /// Gives the descriptor up to the caller.
     int Release() noexcept { return std::exchange(m_descriptor, 0); }
@@ -32,5 +32,9 @@ private:
     int m_descriptor = 0;
     bool m_owned = true;
 };
+
+/// What an open call returned, moved above the standard streams if it is one of theirs; a negative value
+/// passes through. On failure the descriptor is closed and the answer -1, with errno set.
+KRT_API int MoveAboveStandardStreams(int descriptor) noexcept;
 
 } // namespace Krt::Util

@@ -1,0 +1,180 @@
+#include "Krt/File/File.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/File/Unix/Descriptor.h"
+#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/Retry.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace Krt::File {
+
+using Util::RetryOnInterrupt;
+
+namespace {
+
+const char* Native(const YPath& path)
+{
+    return path.AsUnixPath(false).CStr();
+}
+
+bool StatEntry(const YPath& path, struct stat& status)
+{
+    return RetryOnInterrupt([&] { return lstat(Native(path), &status); }) == 0;
+}
+
+unsigned int AttributesOf(const struct stat& status)
+{
+    return S_ISDIR(status.st_mode) ? AttributeDirectory : 0;
+}
+
+bool IsDirectory(const std::string& path)
+{
+    struct stat status;
+    return RetryOnInterrupt([&] { return stat(path.c_str(), &status); }) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Somebody else making the same directory at the same moment is no failure.
+void MakeDirectoryUnlessThere(const std::string& path)
+{
+    if (RetryOnInterrupt([&] { return mkdir(path.c_str(), 0777); }) == 0)
+        return;
+    const int error = errno;
+    if (error != EEXIST || !IsDirectory(path))
+        KRT_RAISE_FULL(ExceptionType::OsError, "CreatePath", MessageType::General,
+                       static_cast<unsigned int>(error), "Failed to create directory: " << path.c_str());
+}
+
+int OpenFlags(unsigned int flags)
+{
+    switch (flags) {
+    case OpenForReading:
+        return O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    case OpenNewForWriting:
+        return O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
+    default:
+        KRT_RAISE_AS("Open", MessageType::General, ErrorCode::InvalidArgument,
+                     "Invalid open flags " << flags);
+    }
+}
+
+} // namespace
+
+unsigned int GetAttributes(const YPath& path)
+{
+    struct stat status;
+    if (!StatEntry(path, status))
+        KRT_RAISE_OS("Failed to get attributes of: " << path);
+    return AttributesOf(status);
+}
+
+unsigned int GetAttributesNoException(const YPath& path)
+{
+    struct stat status;
+    return StatEntry(path, status) ? AttributesOf(status) : AttributesUnknown;
+}
+
+unsigned long long GetSize(const YPath& path)
+{
+    struct stat status;
+    if (!StatEntry(path, status))
+        KRT_RAISE_OS("Failed to get size of: " << path);
+    return static_cast<unsigned long long>(status.st_size);
+}
+
+bool DoesFileExist(const YPath& path)
+{
+    struct stat status;
+    return StatEntry(path, status);
+}
+
+bool IsSymbolicLink(const YPath& path)
+{
+    struct stat status;
+    if (!StatEntry(path, status))
+        KRT_RAISE_OS("Failed to get type of: " << path);
+    return S_ISLNK(status.st_mode);
+}
+
+YPath NormalizePathCase(const YPath& path)
+{
+    return path;
+}
+
+void CreatePath(const YPath& path, bool includeLast)
+{
+    const std::string& text = path.AsUnixPath(false).Bytes();
+    const auto parentOf = [&](std::size_t length) {
+        const std::size_t separator = length == 0 ? std::string::npos : text.rfind('/', length - 1);
+        return separator == std::string::npos ? 0 : separator;
+    };
+    const std::size_t end = includeLast ? text.size() : parentOf(text.size());
+
+    // From the end upwards to what exists, since most often the nearest parent does; then down again.
+    std::size_t made = end;
+    while (made > 0 && !IsDirectory(text.substr(0, made)))
+        made = parentOf(made);
+    while (made < end) {
+        const std::size_t next = text.find('/', made + 1);
+        made = next < end ? next : end;
+        MakeDirectoryUnlessThere(text.substr(0, made));
+    }
+}
+
+void DeleteFile(const YPath& path)
+{
+    if (RetryOnInterrupt([&] { return unlink(Native(path)); }) < 0 && errno != ENOENT)
+        KRT_RAISE_OS("Failed to delete file: " << path);
+}
+
+Util::YUnxHandle Open(const YPath& path, unsigned int flags)
+{
+    Util::YUnxHandle handle = Util::OpenHandle(Native(path), OpenFlags(flags), S_IRUSR | S_IWUSR);
+    if (handle.IsEmpty())
+        KRT_RAISE_OS("Failed to open file: " << path);
+    return handle;
+}
+
+unsigned long Read(const Util::YUnxHandle& handle, unsigned long long offset, unsigned long count,
+                   void* buffer)
+{
+    const int descriptor = DescriptorOf(handle, __func__);
+    unsigned long total = 0;
+    while (total < count) {
+        const ssize_t size = RetryOnInterrupt([&] {
+            return pread(descriptor, static_cast<char*>(buffer) + total, count - total,
+                         static_cast<off_t>(offset + total));
+        });
+        if (size < 0)
+            KRT_RAISE_OS("Failed to read " << count - total << " bytes at offset " << offset + total);
+        if (size == 0)
+            break;
+        total += static_cast<unsigned long>(size);
+    }
+    return total;
+}
+
+unsigned long Write(const Util::YUnxHandle& handle, unsigned long long offset, unsigned long count,
+                    const void* buffer)
+{
+    const int descriptor = DescriptorOf(handle, __func__);
+    unsigned long total = 0;
+    while (total < count) {
+        const ssize_t size = RetryOnInterrupt([&] {
+            return pwrite(descriptor, static_cast<const char*>(buffer) + total, count - total,
+                          static_cast<off_t>(offset + total));
+        });
+        // One that takes nothing and reports nothing would keep the loop going for ever.
+        if (size <= 0)
+            KRT_RAISE_OS_ERROR(size < 0 ? errno : EIO, MessageType::General,
+                               "Failed to write " << count - total << " bytes at offset " << offset + total);
+        total += static_cast<unsigned long>(size);
+    }
+    return total;
+}
+
+} // namespace Krt::File

@@ -1,0 +1,160 @@
+#include "Krt/Exception/Raise.h"
+#include "Krt/File/Unix/AttributeTarget.h"
+#include "Krt/File/Unix/Descriptor.h"
+#include "Krt/File/Unix/EntryName.h"
+#include "Krt/File/YDirectory.h"
+#include "Krt/Util/Retry.h"
+
+#include <cstring>
+#include <vector>
+
+namespace Krt::File {
+
+using Util::RetryOnInterrupt;
+
+namespace {
+
+constexpr const char* OpenFileName = "open file";
+
+[[noreturn, gnu::cold]] void RaiseAttributeError(int error, const char* function, const char* action,
+                                                 const char* attribute, const char* name)
+{
+    KRT_RAISE_FULL(ExceptionType::OsError, function, MessageType::General, static_cast<unsigned int>(error),
+                   "Failed to " << action << attribute << " of: " << name);
+}
+
+// An answer of unknown length. Most fit into the buffer of the first call, so that they cost one call.
+class Answer
+{
+public:
+    /// Gives false with errno when the call fails. A longer answer is asked for by its size, with room for
+    /// what may be added meanwhile, again and again while it outgrows that.
+    template <class Call>
+    bool Fetch(Call call)
+    {
+        m_data = m_first;
+        m_size = RetryOnInterrupt([&] { return call(m_first, Room); });
+        while (m_size < 0 && errno == ERANGE) {
+            m_size = RetryOnInterrupt([&] { return call(static_cast<char*>(nullptr), std::size_t{0}); });
+            if (m_size < 0)
+                break;
+            m_grown.resize(static_cast<std::size_t>(m_size) + Room + 1);
+            m_data = m_grown.data();
+            m_size = RetryOnInterrupt([&] { return call(m_data, m_grown.size() - 1); });
+        }
+        if (m_size < 0)
+            return false;
+        m_data[m_size] = '\0';
+        return true;
+    }
+
+    const char* begin() const { return m_data; }
+    const char* end() const { return m_data + m_size; }
+    std::size_t Size() const { return static_cast<std::size_t>(m_size); }
+
+private:
+    static constexpr std::size_t Room = 4096;
+
+    char m_first[Room + 1];
+    std::vector<char> m_grown;
+    char* m_data = m_first;
+    ssize_t m_size = 0;
+};
+
+// Calls the visitor with each name.
+template <class Visitor>
+void ForEachName(const AttributeTarget& target, const char* name, const char* function, Visitor visitor)
+{
+    Answer names;
+    if (!names.Fetch([&](char* buffer, std::size_t size) { return target.List(buffer, size); }))
+        RaiseAttributeError(errno, function, "list extended attributes", "", name);
+    for (const char* attribute = names.begin(); attribute < names.end();
+         attribute += std::strlen(attribute) + 1)
+        visitor(attribute);
+}
+
+std::list<YString> List(const AttributeTarget& target, const char* name, const char* function)
+{
+    std::list<YString> attributes;
+    ForEachName(target, name, function, [&](const char* attribute) { attributes.emplace_back(attribute); });
+    return attributes;
+}
+
+ExtendedAttributeMap GetMap(const AttributeTarget& target, const char* name, const char* function)
+{
+    ExtendedAttributeMap map;
+    Answer value;
+    ForEachName(target, name, function, [&](const char* attribute) {
+        if (value.Fetch([&](char* buffer, std::size_t size) { return target.Get(attribute, buffer, size); }))
+            map.try_emplace(YString(attribute), value.begin(), value.Size());
+        // Passing ENOTSUP on would tell that the entry has no attributes at all, and lose the others.
+        else if (!AttributeTarget::IsMissing(errno) && errno != ENOTSUP)
+            RaiseAttributeError(errno, function, "get extended attribute ", attribute, name);
+    });
+    return map;
+}
+
+void Add(const AttributeTarget& target, const YString& attribute, const void* data, unsigned int size,
+         unsigned int flags, const char* name, const char* function)
+{
+    if (RetryOnInterrupt([&] { return target.Set(attribute.CStr(), data, size, flags); }) < 0)
+        RaiseAttributeError(errno, function, "set extended attribute ", attribute.CStr(), name);
+}
+
+} // namespace
+
+std::list<YString> ListExtendedAttributes(const YPath& path)
+{
+    const char* native = path.AsUnixPath(false).CStr();
+    return List(AttributeTarget(native), native, __func__);
+}
+
+ExtendedAttributeMap GetExtendedAttributeMap(const YPath& path)
+{
+    const char* native = path.AsUnixPath(false).CStr();
+    return GetMap(AttributeTarget(native), native, __func__);
+}
+
+void AddExtendedAttribute(const YPath& path, const YString& name, const void* data, unsigned int size,
+                          unsigned int flags)
+{
+    const char* native = path.AsUnixPath(false).CStr();
+    Add(AttributeTarget(native), name, data, size, flags, native, __func__);
+}
+
+std::list<YString> ListExtendedAttributes(const Util::YUnxHandle& handle)
+{
+    return List(AttributeTarget(DescriptorOf(handle, __func__)), OpenFileName, __func__);
+}
+
+ExtendedAttributeMap GetExtendedAttributeMap(const Util::YUnxHandle& handle)
+{
+    return GetMap(AttributeTarget(DescriptorOf(handle, __func__)), OpenFileName, __func__);
+}
+
+void AddExtendedAttribute(const Util::YUnxHandle& handle, const YString& name, const void* data,
+                          unsigned int size, unsigned int flags)
+{
+    Add(AttributeTarget(DescriptorOf(handle, __func__)), name, data, size, flags, OpenFileName, __func__);
+}
+
+std::list<YString> YDirectory::ListExtendedAttributes(const YString& name) const
+{
+    const char* entry = CheckEntryName(name, __func__);
+    return List(AttributeTarget(m_handle.Get(), entry, __func__), entry, __func__);
+}
+
+ExtendedAttributeMap YDirectory::GetExtendedAttributeMap(const YString& name) const
+{
+    const char* entry = CheckEntryName(name, __func__);
+    return GetMap(AttributeTarget(m_handle.Get(), entry, __func__), entry, __func__);
+}
+
+void YDirectory::AddExtendedAttribute(const YString& name, const YString& attribute, const void* data,
+                                      unsigned int size, unsigned int flags) const
+{
+    const char* entry = CheckEntryName(name, __func__);
+    Add(AttributeTarget(m_handle.Get(), entry, __func__), attribute, data, size, flags, entry, __func__);
+}
+
+} // namespace Krt::File

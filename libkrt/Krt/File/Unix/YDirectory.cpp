@@ -1,0 +1,183 @@
+#include "Krt/File/YDirectory.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/File/Unix/EntryName.h"
+#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/Retry.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <climits>
+#include <memory>
+#include <string>
+
+namespace Krt::File {
+
+using Util::RetryOnInterrupt;
+
+namespace {
+
+constexpr int DirectoryFlags = O_RDONLY | O_DIRECTORY;
+
+// Opens an entry close-on-exec and above the standard streams; empty on failure, with errno. The mode counts
+// where a file is created.
+Util::YUnxHandle OpenAt(int directory, const char* name, int flags)
+{
+    const int descriptor = Util::MoveAboveStandardStreams(
+        RetryOnInterrupt([&] { return openat(directory, name, flags | O_CLOEXEC, S_IRUSR | S_IWUSR); }));
+    return descriptor < 0 ? Util::YUnxHandle() : Util::YUnxHandle(descriptor, true);
+}
+
+bool StatAt(int directory, const char* name, struct stat& status)
+{
+    return RetryOnInterrupt([&] { return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW); }) == 0;
+}
+
+struct CloseListing
+{
+    void operator()(DIR* listing) const { closedir(listing); }
+};
+using Listing = std::unique_ptr<DIR, CloseListing>;
+
+// A listing from the beginning, or null with errno. It owns a duplicate of the descriptor: opening "." again
+// would take the right to search, which reading the names alone does not need.
+Listing OpenListing(int directory)
+{
+    const int duplicate =
+        RetryOnInterrupt([&] { return fcntl(directory, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); });
+    if (duplicate < 0)
+        return nullptr;
+    Listing listing(fdopendir(duplicate));
+    if (listing == nullptr) {
+        const int error = errno;
+        close(duplicate);
+        errno = error;
+        return nullptr;
+    }
+    rewinddir(listing.get());
+    return listing;
+}
+
+// Null with errno 0 at the end.
+const dirent* NextEntry(DIR* listing)
+{
+    const dirent* entry;
+    do {
+        errno = 0;
+        entry = readdir(listing);
+    } while (entry == nullptr && errno == EINTR);
+    return entry;
+}
+
+bool IsDots(const char* name)
+{
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+} // namespace
+
+YDirectory YDirectory::Open(const YPath& path)
+{
+    Util::YUnxHandle handle = Util::OpenHandle(path.AsUnixPath(false).CStr(), DirectoryFlags | O_NOFOLLOW);
+    if (handle.IsEmpty())
+        KRT_RAISE_OS("Failed to open directory: " << path);
+    return YDirectory(std::move(handle));
+}
+
+YDirectory YDirectory::OpenFollowing(const YPath& path)
+{
+    Util::YUnxHandle handle = Util::OpenHandle(path.AsUnixPath(false).CStr(), DirectoryFlags);
+    if (handle.IsEmpty())
+        KRT_RAISE_OS("Failed to open directory: " << path);
+    return YDirectory(std::move(handle));
+}
+
+YDirectory YDirectory::OpenDirectory(const YString& name) const
+{
+    Util::YUnxHandle handle =
+        OpenAt(m_handle.Get(), CheckEntryName(name, __func__), DirectoryFlags | O_NOFOLLOW);
+    if (handle.IsEmpty())
+        KRT_RAISE_OS("Failed to open directory: " << name);
+    return YDirectory(std::move(handle));
+}
+
+Util::YUnxHandle YDirectory::OpenFile(const YString& name) const
+{
+    Util::YUnxHandle handle =
+        OpenAt(m_handle.Get(), CheckEntryName(name, __func__), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (handle.IsEmpty())
+        KRT_RAISE_OS("Failed to open file: " << name);
+    return handle;
+}
+
+Util::YUnxHandle YDirectory::CreateFile(const YString& name) const
+{
+    Util::YUnxHandle handle =
+        OpenAt(m_handle.Get(), CheckEntryName(name, __func__), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
+    if (handle.IsEmpty())
+        KRT_RAISE_OS("Failed to create file: " << name);
+    return handle;
+}
+
+struct stat YDirectory::Stat() const
+{
+    return File::Stat(m_handle);
+}
+
+struct stat YDirectory::Stat(const YString& name) const
+{
+    struct stat status;
+    if (!StatAt(m_handle.Get(), CheckEntryName(name, __func__), status))
+        KRT_RAISE_OS("Failed to stat: " << name);
+    return status;
+}
+
+bool YDirectory::StatIfPresent(const YString& name, struct stat& status) const
+{
+    struct stat found;
+    if (!StatAt(m_handle.Get(), CheckEntryName(name, __func__), found)) {
+        if (errno == ENOENT)
+            return false;
+        KRT_RAISE_OS("Failed to stat: " << name);
+    }
+    status = found;
+    return true;
+}
+
+YString YDirectory::ReadSymbolicLink(const YString& name) const
+{
+    const char* entry = CheckEntryName(name, __func__);
+    char first[PATH_MAX];
+    std::string grown;
+    char* buffer = first;
+    std::size_t room = sizeof(first);
+    for (;;) {
+        const ssize_t size =
+            RetryOnInterrupt([&] { return readlinkat(m_handle.Get(), entry, buffer, room); });
+        if (size < 0)
+            KRT_RAISE_OS("Failed to read symbolic link: " << name);
+        // A full buffer may hold a cut target.
+        if (static_cast<std::size_t>(size) < room)
+            return YString(std::string_view(buffer, static_cast<std::size_t>(size)));
+        room *= 2;
+        grown.resize(room);
+        buffer = grown.data();
+    }
+}
+
+void YDirectory::VisitEntries(const std::function<bool(const DirectoryEntry&)>& visitor) const
+{
+    const Listing listing = OpenListing(m_handle.Get());
+    if (listing == nullptr)
+        KRT_RAISE_OS("Failed to list directory");
+    while (const dirent* entry = NextEntry(listing.get())) {
+        if (!IsDots(entry->d_name) && !visitor({YString(entry->d_name), entry->d_type, entry->d_ino}))
+            return;
+    }
+    if (errno != 0)
+        KRT_RAISE_OS("Failed to list directory");
+}
+
+} // namespace Krt::File

@@ -1,0 +1,177 @@
+#include "Krt/File/File.h"
+
+#include "Krt/File/OpenFile.h"
+#include "Krt/Util/Retry.h"
+#include "testing/OrdinaryUser.h"
+#include "testing/Raises.h"
+#include "testing/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <filesystem>
+
+namespace {
+
+using namespace Krt::File;
+using Krt::ErrorCode;
+using Krt::MessageType;
+using Krt::Util::YUnxHandle;
+using Testing::CatchError;
+namespace fs = std::filesystem;
+
+YPath At(const std::string& path)
+{
+    return YPath(path.c_str());
+}
+
+// The error number that a call raises, 0 for none.
+template <class Call>
+int OsErrorOf(Call call)
+{
+    const auto error = CatchError(call);
+    return error ? error->GetOsError() : 0;
+}
+
+TEST(RetryOnInterrupt, RepeatsAndLeavesNoInterruptionBehind)
+{
+    int calls = 0;
+    const auto interruptedTwice = [&] {
+        errno = calls < 2 ? EINTR : 0;
+        return ++calls < 3 ? -1 : 7;
+    };
+    errno = ERANGE;
+    EXPECT_EQ(Krt::Util::RetryOnInterrupt(interruptedTwice), 7);
+    EXPECT_EQ(errno, ERANGE);
+    const auto failing = [&] {
+        errno = EACCES;
+        return -1;
+    };
+    EXPECT_EQ(Krt::Util::RetryOnInterrupt(failing), -1);
+    EXPECT_EQ(errno, EACCES);
+}
+
+TEST(YUnxHandle, OwnsOneDescriptorAtATime)
+{
+    const auto isOpen = [](int descriptor) {
+        return fcntl(descriptor, F_GETFD) >= 0;
+    };
+    const int first = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int second = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    {
+        YUnxHandle handle(first, true);
+        handle = YUnxHandle(second, false);
+        EXPECT_FALSE(isOpen(first));
+        YUnxHandle moved(std::move(handle));
+        EXPECT_TRUE(handle.IsEmpty());
+    }
+    EXPECT_TRUE(isOpen(second)) << "not owned, not closed";
+    close(second);
+}
+
+TEST(KrtFile, OpenStaysAboveTheStandardStreams)
+{
+    const Testing::TemporaryDirectory directory;
+    const YPath path = At(directory.Write("file", "x"));
+    EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([] {
+        close(STDIN_FILENO);
+        close(STDERR_FILENO);
+        const YUnxHandle first = Open("/dev/null", OpenForReading);
+        const YUnxHandle second = Open("/dev/null", OpenForReading);
+        return first.Get() > STDERR_FILENO && second.Get() > STDERR_FILENO &&
+               fcntl(first.Get(), F_GETFD) == FD_CLOEXEC && fcntl(STDIN_FILENO, F_GETFD) < 0;
+    }));
+}
+
+TEST(KrtFile, OpenTakesNothingButTheEntryItself)
+{
+    const Testing::TemporaryDirectory directory;
+    directory.Write("file", "x");
+    fs::create_symlink("file", directory / "link");
+    fs::create_symlink("nowhere", directory / "dangling");
+    ASSERT_EQ(mkfifo((directory / "fifo").c_str(), 0600), 0);
+    const struct
+    {
+        const char* name;
+        unsigned int flags;
+        int error;
+    } rows[] = {
+        {"file", OpenForReading, 0},         {"fifo", OpenForReading, 0},
+        {"link", OpenForReading, ELOOP},     {"missing", OpenForReading, ENOENT},
+        {"new", OpenNewForWriting, 0},       {"file", OpenNewForWriting, EEXIST},
+        {"link", OpenNewForWriting, EEXIST}, {"dangling", OpenNewForWriting, EEXIST},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(OsErrorOf([&] { Open(At(directory / row.name), row.flags); }), row.error) << row.name;
+    EXPECT_EQ(Stat(Open(At(directory / "new"), OpenForReading)).st_mode, mode_t{S_IFREG | 0600});
+    EXPECT_RAISES(Open(At(directory / "file"), 0), ErrorCode::InvalidArgument, "Open",
+                  "Invalid open flags 0");
+}
+
+TEST(KrtFile, MovesDataAtOffsets)
+{
+    const Testing::TemporaryDirectory directory;
+    const YPath path = At(directory / "file");
+    const YUnxHandle written = Open(path, OpenNewForWriting);
+    EXPECT_EQ(Write(written, 4, 3, "def"), 3u);
+    EXPECT_EQ(Write(written, 0, 4, "abc-"), 4u);
+    const YUnxHandle handle = Open(path, OpenForReading);
+    char buffer[16] = {};
+    EXPECT_EQ(Read(handle, 2, sizeof(buffer), buffer), 5u) << "ends with the file";
+    EXPECT_STREQ(buffer, "c-def");
+    EXPECT_EQ(Read(handle, 7, 1, buffer), 0u);
+    EXPECT_EQ(OsErrorOf([&] { Write(handle, 0, 1, "x"); }), EBADF);
+    EXPECT_EQ(OsErrorOf([&] { Read(handle, ~0ULL, 1, buffer); }), EINVAL) << "beyond what a file can hold";
+    EXPECT_RAISES(Read(YUnxHandle(), 0, 1, buffer), ErrorCode::InvalidState, "Read", "File is not open");
+    SetSize(written, 2);
+    EXPECT_EQ(GetSize(path), 2u);
+}
+
+TEST(KrtFile, CreatePathMakesWhatIsMissing)
+{
+    const Testing::TemporaryDirectory directory;
+    directory.Write("file", "x");
+    directory.MakeDirectory("real");
+    fs::create_directory_symlink("real", directory / "link");
+    fs::create_symlink("nowhere", directory / "dangling");
+    const struct
+    {
+        const char* name;
+        bool includeLast;
+        const char* made; // nothing is made beyond it
+        int error;
+    } rows[] = {
+        {"a/b/c/d", false, "a/b/c", 0},    {"e/f", true, "e/f", 0},
+        {"e/f", true, "e/f", 0},           {"link/g/h", false, "real/g", 0},
+        {"link", true, "real", 0},         {"top", false, "", 0},
+        {"file", true, "file", EEXIST},    {"file/x/y", false, "file", EEXIST},
+        {"dangling/x", false, "", EEXIST},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(OsErrorOf([&] { CreatePath(At(directory / row.name), row.includeLast); }), row.error)
+            << row.name;
+        EXPECT_TRUE(fs::exists(directory / row.made)) << row.name;
+    }
+    EXPECT_FALSE(fs::exists(directory / "a/b/c/d"));
+    EXPECT_FALSE(fs::exists(directory / "top"));
+}
+
+TEST(KrtFile, DescribesAndDeletesTheEntryItself)
+{
+    const Testing::TemporaryDirectory directory;
+    directory.MakeDirectory("real");
+    fs::create_directory_symlink("real", directory / "link");
+    EXPECT_EQ(GetAttributes(At(directory / "real")), AttributeDirectory);
+    EXPECT_EQ(GetAttributes(At(directory / "link")), 0u);
+    EXPECT_TRUE(IsSymbolicLink(At(directory / "link")));
+    EXPECT_EQ(GetAttributesNoException(At(directory / "missing")), AttributesUnknown);
+    EXPECT_RAISES_OS(GetSize(At(directory / "missing")), MessageType::General, ENOENT, "GetSize",
+                     "Failed to get size of: " + directory / "missing");
+    DeleteFile(At(directory / "link"));
+    DeleteFile(At(directory / "link"));
+    EXPECT_FALSE(DoesFileExist(At(directory / "link")));
+    EXPECT_NE(OsErrorOf([&] { DeleteFile(At(directory / "real")); }), 0);
+    EXPECT_TRUE(DoesFileExist(At(directory / "real")));
+}
+
+} // namespace
