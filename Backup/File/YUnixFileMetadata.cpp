@@ -1,0 +1,279 @@
+#include "Backup/File/YUnixFileMetadata.h"
+
+#include "Backup/File/LegacyVamHeader.h"
+#include "Backup/File/Unix/DescentPolicy.h"
+#include "Backup/File/Unix/YFile.h"
+
+#include "Krt/Crypto/Base64.h"
+#include "Krt/Exception/Raise.h"
+#include "Krt/JSON/YValue.h"
+#include "Krt/KrtFoundation/boostapi.h"
+#include "Krt/Log/LogSite.h"
+#include "Krt/Util/YVariableStructureParser.h"
+
+#include <cstring>
+
+namespace Backup::File {
+
+using Krt::File::ExtendedAttributeMap;
+using Krt::File::YPath;
+using Krt::JSON::YArray;
+using Krt::JSON::YObject;
+using Krt::JSON::YValue;
+using Bytes = Krt::Memory::YHeap<unsigned char>;
+
+namespace {
+
+constexpr unsigned int TypeMask = 0xF000;
+constexpr unsigned int TypeDirectory = 0x4000;
+constexpr unsigned int TypeSymbolicLink = 0xA000;
+
+using LegacyVamHeader::_tagBASE_HDR;
+using LegacyVamHeader::_tagUNIX_FILE_HDR;
+using LegacyVamHeader::ExtendedAttributeRecord;
+constexpr const char* LegacyConversion = "PopulateFromLegacyUnixMetadata";
+
+const _tagUNIX_FILE_HDR& ReadLegacyHeader(const Bytes& bytes)
+{
+    if (bytes.Size() < sizeof(_tagBASE_HDR))
+        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
+                     "Invalid legacy metadata: Buffer too small to contain a BASE_HDR");
+    const unsigned int type = bytes.Cast<_tagBASE_HDR>()->type;
+    if (type != LegacyVamHeader::UnixFileType)
+        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
+                     "Invalid legacy unix metadata: Expected type " << LegacyVamHeader::UnixFileType
+                                                                    << " but actual type is " << type);
+    if (bytes.Size() < LegacyVamHeader::UnixFileHeaderMinimum)
+        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
+                     "Invalid legacy unix metadata: Buffer too small to contain a UNIX_FILE_HDR");
+    return *bytes.Cast<_tagUNIX_FILE_HDR>();
+}
+
+void WarnOfLegacyConflicts(const _tagUNIX_FILE_HDR& header)
+{
+    const int isLink = (header.modeFlags & TypeMask) == TypeSymbolicLink;
+    if (isLink != header.isSymlink)
+        KRT_LOG_FREE(MessageType::General, "Warning: legacy header isSymlink value "
+                                               << header.isSymlink
+                                               << " disaggrees with S_ISLNK(modeFlags) value " << isLink
+                                               << ", using isSymlink");
+    const int isDirectory = (header.modeFlags & TypeMask) == TypeDirectory;
+    const int hasDirectoryBit = (header.attributes & LegacyVamHeader::AttributeDirectory) != 0;
+    // It is the link byte that this line has always shown.
+    if (isDirectory != hasDirectoryBit)
+        KRT_LOG_FREE(MessageType::General, "Warning: legacy header directory attribute value "
+                                               << header.isSymlink
+                                               << " disaggrees with S_ISDIR(modeFlags) value " << isDirectory
+                                               << ", using directory attribute");
+}
+
+// The NUL-terminated text at the offset. One that doesn't end inside the buffer is not read.
+YString ReadLegacyName(const Bytes& bytes, unsigned long offset)
+{
+    const unsigned long left = bytes.Size() - std::min(offset, bytes.Size());
+    if (left == 0 || std::memchr(bytes.RawOffset<char>(offset, left), 0, left) == nullptr)
+        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
+                     "Legacy unix file header parsing error: end of buffer reached while parsing filename");
+    return YString(bytes.RawOffset<char>(offset, left));
+}
+
+void PopulateLegacyNames(YUnixFileMetadata& metadata, const Bytes& bytes, const _tagUNIX_FILE_HDR& header,
+                         JobPathMapper mapper)
+{
+    constexpr unsigned long Names = offsetof(_tagUNIX_FILE_HDR, names);
+    // An end in front of the names is not refused: the length wraps around and bounds nothing.
+    const unsigned long long length = static_cast<unsigned long long>(header.base.endOfNames) - Names;
+    if (length == 0)
+        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
+                     "Legacy unix file header does not contain any file paths");
+    const YString first = ReadLegacyName(bytes, Names);
+    YMetadataBase& object = metadata;
+    if (header.isSymlink == 0) {
+        object.SetFilePath(Krt::CallFunction(mapper, YPath(first), metadata.IsDirectoryForRestore()));
+        return;
+    }
+    metadata.SetSymbolicLinkTarget(YPath(first));
+    if (first.Bytes().size() >= length)
+        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
+                     "Legacy unix file header parsing error: end of buffer reached while parsing filename");
+    const YString path = ReadLegacyName(bytes, Names + first.Bytes().size() + 2);
+    object.SetFilePath(Krt::CallFunction(mapper, YPath(path), false));
+}
+
+// Reads the attributes and lets them go: none of them ever reached the object, yet a damaged section fails
+// the whole entry.
+void CheckLegacyExtendedAttributes(const Bytes& bytes, unsigned int offset)
+{
+    const char* const section = bytes.RawOffset<char>(offset, 0);
+    const unsigned int size = Krt::NumericCast<unsigned int>(bytes.Size());
+    Krt::Util::YVariableStructureParser parser;
+    parser.Initialize(0, section, size - offset, false, false);
+    ExtendedAttributeMap attributes;
+    while (const void* const found = parser.GetNextRecord()) {
+        const unsigned long at =
+            offset + static_cast<unsigned long>(static_cast<const char*>(found) - section);
+        ExtendedAttributeRecord record;
+        std::memcpy(&record, bytes.RawOffset<char>(at, sizeof(record)), sizeof(record));
+        const unsigned int nameLength = record.nameLength;
+        // A name longer than its record wraps the value's length around, out of any buffer.
+        const unsigned int valueLength =
+            record.length - static_cast<unsigned int>(sizeof(record)) - nameLength;
+        const char* const name = bytes.RawOffset<char>(at + sizeof(record), nameLength);
+        const auto* const value =
+            bytes.RawOffset<unsigned char>(at + sizeof(record) + nameLength, valueLength);
+        attributes.insert_or_assign(YString(name, name + nameLength), Bytes(value, valueLength));
+    }
+}
+
+void PopulateFromLegacyUnixMetadata(YUnixFileMetadata& metadata, const Bytes& bytes, JobPathMapper mapper)
+{
+    const _tagUNIX_FILE_HDR& header = ReadLegacyHeader(bytes);
+    WarnOfLegacyConflicts(header);
+    metadata.SetFileSize(header.fileSize);
+    metadata.SetIsDirectoryForRestore((header.attributes & LegacyVamHeader::AttributeDirectory) != 0);
+    metadata.SetLastChangedTime(header.changeTime);
+    metadata.SetLastAccessTime(header.accessTime);
+    metadata.SetLastWriteTime(header.writeTime);
+    metadata.SetModeFlags(header.modeFlags);
+    metadata.SetUserId(header.userId);
+    metadata.SetGroupId(header.groupId);
+    PopulateLegacyNames(metadata, bytes, header, mapper);
+    CheckLegacyExtendedAttributes(bytes, header.extendedAttributes);
+}
+
+YArray ExtendedAttributesAsJson(const ExtendedAttributeMap& attributes)
+{
+    YArray array;
+    array.reserve(attributes.size());
+    for (const auto& [name, value] : attributes) {
+        YObject element;
+        element.Set<YString>("name", name);
+        element.Set<YString>("value", Krt::Crypto::Base64EncodeData(value));
+        array.push_back(boost::make_shared<YValue>(YValue::FromObject(std::move(element))));
+    }
+    return array;
+}
+
+} // namespace
+
+YUnixFileMetadata::YUnixFileMetadata() : YMetadataBase(VAM_UNIX_METADATA_TYPE) {}
+
+YUnixFileMetadata::YUnixFileMetadata(YFile& file, JobPathMapper mapper) : YUnixFileMetadata()
+{
+    m_fileSize = file.GetSize();
+    m_lastChangedTime = file.GetLastChangedTime();
+    m_lastWriteTime = file.GetLastWriteTime();
+    m_modeFlags = file.GetModeFlags();
+    m_isDirectory = (m_modeFlags & TypeMask) == TypeDirectory;
+    m_userId = file.GetUID();
+    m_groupId = file.GetGID();
+    m_lastAccessTime = 0;
+    if (file.IsSymbolicLink())
+        m_symbolicLinkTarget = file.GetSymbolicLinkTarget();
+    const YPath path = file.GetPath();
+    const bool followable = IsFollowableDirectoryFromKrtAttributes(path, Krt::File::GetAttributes(path));
+    m_filePath = Krt::CallFunction(mapper, path, followable);
+    m_extendedAttributes = file.GetExtendedAttributeMap();
+}
+
+YUnixFileMetadata::YUnixFileMetadata(const YObject& json) : YMetadataBase(json)
+{
+    FromJSON(json);
+}
+
+YUnixFileMetadata::YUnixFileMetadata(const YObject& json, JobPathMapper mapper)
+    : YMetadataBase(VAM_UNIX_METADATA_TYPE)
+{
+    FromJSON(json, mapper);
+}
+
+YObject YUnixFileMetadata::ToJSON() const
+{
+    YObject json = YMetadataBase::ToJSON();
+    PutNumber(json, "file_size", m_fileSize);
+    PutNumber(json, "last_changed_time", m_lastChangedTime);
+    PutNumber(json, "last_write_time", m_lastWriteTime);
+    PutNumber(json, "last_access_time", m_lastAccessTime);
+    json.Set<unsigned int>("mode_flags", m_modeFlags);
+    json.Set<unsigned int>("is_directory", m_isDirectory);
+    json.Set<unsigned int>("user_id", m_userId);
+    json.Set<unsigned int>("group_id", m_groupId);
+    json.Put("file_path", YValue::Create<YJobPath>(m_filePath));
+    json.Set<YString>("symbolic_link_target", m_symbolicLinkTarget);
+    json.Set<YArray>("extended_attributes", ExtendedAttributesAsJson(m_extendedAttributes));
+    return json;
+}
+
+void YUnixFileMetadata::FromJSON(const YObject& json)
+{
+    YMetadataBase::FromJSON(json);
+    KRT_RAISE_UNLESS(!json.FindOpt("legacy_metadata"), ErrorCode::InvalidArgument,
+                     "1-argument version of FromJSON cannot convert legacy metadata.");
+    m_fileSize = json.Get<unsigned long long>("file_size", MessageType::Runtime);
+    m_lastChangedTime = json.Get<unsigned long long>("last_changed_time", MessageType::Runtime);
+    m_lastWriteTime = json.Get<unsigned long long>("last_write_time", MessageType::Runtime);
+    m_lastAccessTime = json.Get<unsigned long long>("last_access_time", MessageType::Runtime);
+    m_modeFlags = json.Get<unsigned int>("mode_flags", MessageType::Runtime);
+    m_isDirectory = json.Get<bool>("is_directory", MessageType::Runtime);
+    m_userId = json.Get<unsigned int>("user_id", MessageType::Runtime);
+    m_groupId = json.Get<unsigned int>("group_id", MessageType::Runtime);
+    m_filePath = json.Get<YJobPath>("file_path", MessageType::Runtime);
+    m_symbolicLinkTarget = YPath(json.Get<YString>("symbolic_link_target", MessageType::Runtime));
+    m_extendedAttributes.clear();
+    for (const boost::shared_ptr<YValue>& value :
+         json.Get<YArray>("extended_attributes", MessageType::Runtime)) {
+        const YObject& element = value->AsObject();
+        Bytes bytes = Krt::Crypto::Base64DecodeData(element.Get<YString>("value", MessageType::Runtime));
+        m_extendedAttributes.insert_or_assign(element.Get<YString>("name", MessageType::Runtime),
+                                              std::move(bytes));
+    }
+}
+
+void YUnixFileMetadata::FromJSON(const YObject& json, JobPathMapper mapper)
+{
+    YMetadataBase::FromJSON(json, mapper);
+    if (!json.FindOpt("legacy_metadata")) {
+        FromJSON(json);
+        return;
+    }
+    const YString& text = json.Get<YString>("legacy_metadata", MessageType::Runtime);
+    PopulateFromLegacyUnixMetadata(*this, Krt::Crypto::Base64DecodeData(text), mapper);
+}
+
+void YUnixFileMetadata::SetFilePath(const YJobPath& path)
+{
+    m_filePath = path;
+}
+
+void YUnixFileMetadata::SetFilePath(unsigned long index, const YJobPath& path)
+{
+    KRT_RAISE_UNLESS(index == 0, ErrorCode::InvalidArgument,
+                     "Invalid index passed to SetFilePath: " << index);
+    m_filePath = path;
+}
+
+YJobPath YUnixFileMetadata::GetFilePath(unsigned long index) const
+{
+    KRT_RAISE_UNLESS(index == 0, ErrorCode::InvalidArgument,
+                     "Invalid index passed to GetFilePath: " << index);
+    return m_filePath;
+}
+
+unsigned long YUnixFileMetadata::GetFilePathCount() const
+{
+    return 1;
+}
+
+YJobPath YUnixFileMetadata::GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,
+                                                const YJobPath& replaceDestination)
+{
+    KRT_ASSERT(replaceSource.GetComponentCount() <= originalPath.GetComponentCount(),
+               "replaceSource: " << replaceSource.GetDisplayPath()
+                                 << " originalPath: " << originalPath.GetDisplayPath());
+    YJobPath result = replaceDestination;
+    result.Append(
+        YJobPath(originalPath, replaceSource.GetComponentCount(), originalPath.GetComponentCount()));
+    return result;
+}
+
+} // namespace Backup::File

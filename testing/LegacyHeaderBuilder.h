@@ -1,0 +1,68 @@
+// Writes the legacy metadata headers, which the library itself only reads: fields with their usual values,
+// any of which a test may damage.
+#pragma once
+
+#include "Krt/JSON/YObject.h"
+#include "Krt/Memory/YHeap.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Testing {
+
+struct LegacyUnixHeader
+{
+    std::uint32_t type = 0x46554E58;
+    std::uint64_t fileSize = 0;
+    std::uint32_t attributes = 0;
+    std::uint64_t changeTime = 0;
+    std::uint64_t accessTime = 0;
+    std::uint64_t writeTime = 0;
+    std::uint32_t modeFlags = 0100644;
+    std::uint32_t userId = 0;
+    std::uint32_t groupId = 0;
+    std::uint8_t isSymlink = 0;
+    std::string names; ///< the name list as it lies in the buffer, NUL bytes and all
+    std::vector<std::pair<std::string, std::string>> extendedAttributes;
+    std::string behind;                            ///< bytes that follow the attributes
+    std::optional<std::uint32_t> endOfNames;       ///< where the names end, unless told otherwise
+    std::optional<std::uint32_t> attributesOffset; ///< where they begin, unless told otherwise
+
+    std::string Bytes() const;
+};
+
+struct LegacyWindowsHeader
+{
+    std::uint32_t type = 0x41333333;
+    std::uint64_t fileSize = 0;
+    std::uint32_t attributes = 0x20;
+    std::uint64_t creationTime = 0;
+    std::uint64_t accessTime = 0;
+    std::uint64_t writeTime = 0;
+    std::uint32_t reparseType = 0;
+    std::uint64_t permissionChangeTime = 0;
+    std::uint32_t pathCount = 1;
+    std::wstring names;                      ///< the name list, a code unit of UTF-16 in each wchar_t
+    std::optional<std::uint32_t> endOfNames; ///< where the names end, unless told otherwise
+
+    std::string Bytes() const;
+};
+
+/// A file with three extended attributes, two of one name; and a link to "abc".
+LegacyUnixHeader SampleUnixFile();
+LegacyUnixHeader SampleUnixLink();
+/// A file with these names, `count` of them.
+LegacyWindowsHeader SampleWindowsFile(const std::wstring& names, std::uint32_t count);
+
+/// One extended attribute's record; lengths may be told that aren't the right ones.
+std::string LegacyAttributeRecord(const std::string& name, const std::string& value,
+                                  std::optional<std::uint32_t> length = std::nullopt,
+                                  std::optional<std::uint32_t> nameLength = std::nullopt);
+
+/// The document that carries a header: "metadata_type" and "legacy_metadata".
+Krt::JSON::YObject LegacyDocument(const std::string& type, const std::string& header);
+
+} // namespace Testing

@@ -1,0 +1,104 @@
+#include "Backup/File/Unix/DescentPolicy.h"
+
+#include "Backup/Volume/Unix/Util.h"
+
+#include "testing/LogCapture.h"
+#include "testing/MountTable.h"
+#include "testing/Raises.h"
+
+#include <cstdlib>
+
+using Backup::File::IsFollowableDirectoryFromKrtAttributes;
+using Backup::Volume::IsMountPoint;
+using Krt::ErrorCode;
+using Krt::MessageType;
+using Krt::File::YPath;
+
+namespace {
+
+constexpr unsigned int Directory = 0x10;
+
+// The list of mount points is read once in a process, so all tests share one; other keys are read afresh.
+class DescentPolicy : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        for (const char* mount : {"/proc", "/dev", "/sys"}) {
+            if (!IsMountPoint(mount))
+                GTEST_SKIP() << mount << " is not mounted here";
+        }
+        Configure("");
+    }
+    void TearDown() override { unsetenv("KBAGENT_CONFIG"); }
+
+    void Configure(const std::string& keys)
+    {
+        const std::string file = m_directory.Write(
+            "agent.conf", "[configuration]\nIncludedMountpoints=/dev/,,/mnt, /sys\n" + keys);
+        setenv("KBAGENT_CONFIG", file.c_str(), 1);
+    }
+
+    Testing::TemporaryDirectory m_directory;
+};
+
+} // namespace
+
+TEST_F(DescentPolicy, OnlyDirectoriesAreFollowed)
+{
+    const std::string directory = m_directory.MakeDirectory("ordinary");
+    // The configuration of an ordinary directory is never read, and that of a mount point would fail.
+    setenv("KBAGENT_CONFIG", m_directory.Path().c_str(), 1);
+    EXPECT_TRUE(IsFollowableDirectoryFromKrtAttributes(directory.c_str(), Directory));
+    EXPECT_FALSE(IsFollowableDirectoryFromKrtAttributes(directory.c_str(), 0xFFFFFFEF));
+    EXPECT_FALSE(IsFollowableDirectoryFromKrtAttributes("/no-such-directory", 0xFFFFFFFF));
+    EXPECT_FALSE(IsFollowableDirectoryFromKrtAttributes("/no-such-directory", 0));
+    EXPECT_RAISES_OS(IsFollowableDirectoryFromKrtAttributes("/no-such-directory", Directory),
+                     MessageType::General, ENOENT, "IsMountPoint", "");
+}
+
+TEST_F(DescentPolicy, MountPointsAreFollowedByClassOrByTheList)
+{
+    const struct
+    {
+        const char* name;
+        const char* path;
+        const char* type;
+        bool followed;
+    } cases[] = {{"a fixed disk", "/proc", "hfs", true},
+                 {"a network share", "/proc", "nfs", false},
+                 {"a removable medium", "/proc", "iso9660", false},
+                 {"a pseudo file system", "/proc", "devfs", false},
+                 {"the root file system's type", "/proc", "rootfs", false},
+                 {"an unknown type", "/proc", "apfs", false},
+                 {"listed with a trailing slash", "/dev", "nfs", true},
+                 {"listed behind a blank, which counts", "/sys", "sysfs", false}};
+    // Has no effect where the classification doesn't fail.
+    Configure("walkIntoUnknownMountPoints=true\n");
+    for (const auto& row : cases) {
+        const Testing::MountTable table(std::string("source ") + row.path + " " + row.type + " rw 0 0\n");
+        EXPECT_EQ(IsFollowableDirectoryFromKrtAttributes(row.path, Directory), row.followed) << row.name;
+    }
+}
+
+TEST_F(DescentPolicy, AMountPointThatCannotBeClassified)
+{
+    const Testing::MountTable table("");
+    const auto error =
+        Testing::CatchError([] { IsFollowableDirectoryFromKrtAttributes("/proc", Directory); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->GetCode(), ErrorCode::InvalidArgument);
+    EXPECT_EQ(error->GetFunction().Bytes(), "IsFollowableDirectoryFromKrtAttributes");
+    EXPECT_EQ(error->GetFile().Bytes(), "Backup/File/Unix/File");
+    const std::string text = error->GetMessage().Bytes();
+    EXPECT_TRUE(text.starts_with("Error while determining if /proc should be decended into.  Try setting "
+                                 "[configuration] walkIntoUnknownMountPoints=1  Error was: "))
+        << text;
+    EXPECT_NE(text.find("Failed to locate volume guid for path /proc"), std::string::npos) << text;
+
+    Configure("walkIntoUnknownMountPoints=1\n");
+    const Testing::LogCapture log({"General"});
+    EXPECT_TRUE(IsFollowableDirectoryFromKrtAttributes("/proc", Directory));
+    EXPECT_EQ(log.Texts(), std::vector<std::string>{"General: Walking into unknown mountpoint: /proc due to "
+                                                    "[configuration] walkIntoUnknownMountPoints=1"});
+}

@@ -1,0 +1,158 @@
+#include "Backup/Volume/Unix/Util.h"
+
+#include "testing/LogCapture.h"
+#include "testing/MountTable.h"
+#include "testing/Raises.h"
+
+#include <filesystem>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+using namespace Backup::Volume;
+using Krt::ErrorCode;
+using Krt::MessageType;
+using Krt::YString;
+using Krt::File::YPath;
+
+namespace {
+
+// What every machine has mounted below the root.
+constexpr const char* Mount = "/proc";
+
+const char* const Table = "/dev/root / ext4 rw 0 0\n"
+                          "first /proc hfs ro 0 0\n"
+                          "second /proc nfs rw 0 0\n"
+                          "first /elsewhere nfs rw 0 0\n";
+
+class VolumeUtil : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (!IsMountPoint(Mount))
+            GTEST_SKIP() << Mount << " is not mounted here";
+    }
+};
+
+} // namespace
+
+TEST(VolumeClass, IsTheFirstListThatHoldsTheExactName)
+{
+    const std::pair<const char*, unsigned int> cases[] = {
+        {"hfs", 3},   {"ext4", 3}, {"btrfs", 3},      {"iso9660", 2}, {"nfs4", 4},   {"autofs", 4},
+        {"smbfs", 4}, {"none", 7}, {"securityfs", 7}, {"devfs", 7},   {"rootfs", 8}, {"HFS", 0},
+        {"", 0},      {"apfs", 0}, {"nfs 4", 0},      {"ext", 0},     {"proc", 0}};
+    for (const auto& [name, expected] : cases)
+        EXPECT_EQ(ClassifyFilesystemType(name), expected) << name;
+}
+
+TEST_F(VolumeUtil, PathNameIsTheNearestDeviceBoundary)
+{
+    const Testing::TemporaryDirectory directory;
+    std::filesystem::create_directory_symlink("/proc/self", directory / "link");
+    const std::pair<std::string, std::string> cases[] = {
+        {"/", "/"},
+        {"/proc", "/proc"},
+        {"/proc/self/fd", "/proc"},
+        {"/proc/none/of/these", "/proc"},
+        {"/no-such-directory/x", "/"},
+        {"no-such-name", "/"},
+        // The link is followed, so it is the boundary itself.
+        {directory / "link", directory / "link"}};
+    for (const auto& [path, expected] : cases)
+        EXPECT_EQ(GetVolumePathName(path.c_str()).Bytes(), expected) << path;
+}
+
+TEST_F(VolumeUtil, PathNameFailsWithTheGivenPath)
+{
+    const Testing::TemporaryDirectory directory;
+    const std::string below = directory.Write("file", "") + "/below/it";
+    EXPECT_RAISES(GetVolumePathName(YPath()), ErrorCode::InvalidState, "GetVolumePathName",
+                  "Cannot find volume path name for the empty string");
+    EXPECT_RAISES_OS(GetVolumePathName(below.c_str()), MessageType::General, ENOTDIR, "GetVolumePathName",
+                     "Failed to stat file: " + below);
+    // A relative name that exists has no parent that could be asked.
+    std::filesystem::current_path(directory.Path());
+    EXPECT_RAISES_OS(GetVolumePathName("file"), MessageType::General, ENOENT, "GetVolumePathName",
+                     "Failed to stat file: file");
+    std::filesystem::current_path("/");
+}
+
+TEST_F(VolumeUtil, TheFirstEntryOfADirectoryOrSourceWins)
+{
+    const Testing::MountTable table(Table);
+    EXPECT_EQ(GetVolumeUniquePath("/proc/self").Bytes(), "first");
+    EXPECT_EQ(DetermineDriveType("first"), DRIVE_CLASS_FIXED);
+    EXPECT_EQ(DetermineDriveType("second"), DRIVE_CLASS_NETWORK);
+    EXPECT_EQ(DetermineDriveType("unlisted"), DRIVE_CLASS_UNKNOWN);
+    EXPECT_EQ(DetermineDriveType("/special"), DRIVE_CLASS_SPECIAL);
+    EXPECT_TRUE(IsReadOnly("/proc/self"));
+    EXPECT_FALSE(IsReadOnly("/"));
+}
+
+TEST_F(VolumeUtil, AVolumeThatIsNotListed)
+{
+    const Testing::MountTable table("/dev/root / ext4 ro 0 0\n");
+    EXPECT_RAISES(GetVolumeUniquePath("/proc/self"), ErrorCode::NotFound, "GetVolumeUniquePath",
+                  "Failed to locate volume guid for path /proc/self");
+    EXPECT_FALSE(IsReadOnly("/proc/self"));
+    EXPECT_TRUE(IsReadOnly("/"));
+}
+
+TEST_F(VolumeUtil, MountPathsPairTheMountWithTheVolumeBelowIt)
+{
+    const Testing::MountTable table(Table);
+    const std::pair<YPath, YPath> mounted{"/proc", "/dev/root"};
+    const std::pair<YPath, YPath> root{"/", "/dev/root"};
+    using Pairs = std::vector<std::pair<YPath, YPath>>;
+    // The second of its mounts lies elsewhere, yet gives the same pair again.
+    EXPECT_EQ(DetermineVolumeMountPaths("first", "/proc/self"), (Pairs{mounted, mounted}));
+    EXPECT_EQ(DetermineVolumeMountPaths("second", "/proc"), Pairs{mounted});
+    EXPECT_EQ(DetermineVolumeMountPaths("/dev/root", "/"), Pairs{root});
+    EXPECT_EQ(DetermineVolumeMountPaths("unlisted", "/"), Pairs{});
+}
+
+TEST_F(VolumeUtil, MountPointsAreToldByTheirDevice)
+{
+    const Testing::TemporaryDirectory directory;
+    EXPECT_TRUE(IsMountPoint(Mount));
+    EXPECT_FALSE(IsMountPoint("/proc/self"));
+    EXPECT_FALSE(IsMountPoint("/"));
+    EXPECT_FALSE(IsMountPoint(directory.MakeDirectory("ordinary").c_str()));
+
+    const Testing::LogCapture log({"General"});
+    EXPECT_RAISES_OS(IsMountPoint("/no-such-file"), MessageType::General, ENOENT, "IsMountPoint", "");
+    EXPECT_EQ(log.Texts(), std::vector<std::string>{"General: Failed to stat '/no-such-file' or parent"});
+}
+
+TEST_F(VolumeUtil, TracesItsSteps)
+{
+    const Testing::MountTable table(Table);
+    const Testing::LogCapture log({"Volume"});
+    GetVolumeUniquePath("/proc/self");
+    IsReadOnly("/");
+    EXPECT_EQ(log.Texts(),
+              (std::vector<std::string>{
+                  "Volume: Getting volume guid for path /proc/self",
+                  "Volume: Determining volume path name for path /proc/self",
+                  "Volume: Determined volume path name for path /proc/self is /proc",
+                  "Volume: 4 total entries found", "Volume: Found guid match for path /proc at first",
+                  "Volume: Returning found guid first", "Volume: Checking if path / is readonly",
+                  "Volume: Determining volume path name for path /", "Volume: 4 total entries found"}));
+}
+
+TEST(VolumeMounts, ARealMountIsFoundInTheSystemsTable)
+{
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        GTEST_SKIP() << "only root may mount, in a mount namespace of its own";
+    const Testing::TemporaryDirectory directory;
+    const std::string target = directory.MakeDirectory("a mount");
+    ASSERT_EQ(mount("back\\slash", target.c_str(), "tmpfs", MS_RDONLY, nullptr), 0);
+    EXPECT_TRUE(IsMountPoint(target.c_str()));
+    EXPECT_EQ(GetVolumePathName((target + "/x").c_str()).Bytes(), target);
+    EXPECT_EQ(GetVolumeUniquePath(target.c_str()).Bytes(), "back\\slash");
+    EXPECT_EQ(DetermineDriveType("back\\slash"), DRIVE_CLASS_SPECIAL);
+    EXPECT_TRUE(IsReadOnly(target.c_str()));
+    EXPECT_EQ(umount(target.c_str()), 0);
+}
