@@ -1,0 +1,53 @@
+#include "testing/Program.h"
+
+#include "testing/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Testing {
+
+namespace {
+
+[[noreturn]] void Become(const std::vector<std::string>& arguments, int output, int errors, unsigned int user)
+{
+    std::vector<char*> vector;
+    std::string program = KBAGENT_PROGRAM;
+    vector.push_back(program.data());
+    for (const std::string& argument : arguments)
+        vector.push_back(const_cast<char*>(argument.c_str()));
+    vector.push_back(nullptr);
+    dup2(open("/dev/null", O_RDONLY), 0);
+    dup2(output, 1);
+    dup2(errors, 2);
+    if (user != 0 && geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(user) != 0 || setuid(user) != 0))
+        _exit(126);
+    execv(program.c_str(), vector.data());
+    _exit(127);
+}
+
+} // namespace
+
+ProgramResult RunProgram(const std::vector<std::string>& arguments, unsigned int user)
+{
+    const TemporaryDirectory directory;
+    const std::string outputPath = directory / "output";
+    const std::string errorsPath = directory / "errors";
+    const int output = open(outputPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const int errors = open(errorsPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const pid_t child = fork();
+    if (child == 0)
+        Become(arguments, output, errors, user);
+    close(output);
+    close(errors);
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ReadFile(outputPath),
+            ReadFile(errorsPath)};
+}
+
+} // namespace Testing

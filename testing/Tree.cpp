@@ -1,0 +1,154 @@
+#include "testing/Tree.h"
+
+#include "testing/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace Testing {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string Escaped(const std::string& text)
+{
+    std::ostringstream out;
+    for (const unsigned char byte : text) {
+        if (byte > ' ' && byte < 0x7F && byte != '\\')
+            out << byte;
+        else
+            out << "\\x"
+                << "0123456789abcdef"[byte >> 4] << "0123456789abcdef"[byte & 15];
+    }
+    return out.str();
+}
+
+void MakeSocket(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(path.size(), sizeof address.sun_path);
+    std::memcpy(address.sun_path, path.c_str(), path.size());
+    const int socketFd = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(bind(socketFd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << path;
+    close(socketFd);
+}
+
+void MakeEntry(const std::string& root, const TreeEntry& entry)
+{
+    const std::string path = root + "/" + entry.name;
+    switch (entry.kind) {
+    case TreeEntry::Directory:
+        ASSERT_EQ(mkdir(path.c_str(), 0700), 0) << path;
+        break;
+    case TreeEntry::File:
+        std::ofstream(path, std::ios::binary) << entry.text;
+        break;
+    case TreeEntry::SymbolicLink:
+        ASSERT_EQ(symlink(entry.text.c_str(), path.c_str()), 0) << path;
+        break;
+    case TreeEntry::HardLink:
+        ASSERT_EQ(linkat(AT_FDCWD, (root + "/" + entry.text).c_str(), AT_FDCWD, path.c_str(), 0), 0) << path;
+        break;
+    case TreeEntry::Fifo:
+        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0) << path;
+        break;
+    case TreeEntry::Socket:
+        MakeSocket(path);
+        break;
+    }
+}
+
+void FinishEntry(const std::string& root, const TreeEntry& entry)
+{
+    if (entry.kind == TreeEntry::HardLink)
+        return;
+    const std::string path = root + "/" + entry.name;
+    if (entry.kind != TreeEntry::SymbolicLink) {
+        ASSERT_EQ(chmod(path.c_str(), entry.mode), 0) << path;
+    }
+    const timespec times[2] = {{static_cast<time_t>(entry.time), 0}, {static_cast<time_t>(entry.time), 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+}
+
+std::string AttributesOf(const std::string& path)
+{
+    std::vector<char> names(65536);
+    const ssize_t size = llistxattr(path.c_str(), names.data(), names.size());
+    std::vector<std::string> lines;
+    for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(std::strlen(&names[at])) + 1) {
+        std::vector<char> value(65536);
+        const ssize_t length = lgetxattr(path.c_str(), &names[at], value.data(), value.size());
+        lines.push_back(
+            Escaped(&names[at]) + "=" +
+            Escaped(std::string(value.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)))));
+    }
+    std::sort(lines.begin(), lines.end());
+    std::string text;
+    for (const std::string& line : lines)
+        text += " " + line;
+    return text;
+}
+
+std::string DescribeEntry(const std::string& path, const std::string& name, const TreeView& view)
+{
+    struct stat status
+    {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    std::ostringstream line;
+    line << Escaped(name) << " " << std::oct << status.st_mode << std::dec;
+    if (view.owners)
+        line << " " << status.st_uid << ":" << status.st_gid;
+    line << " t" << status.st_mtime;
+    if (!S_ISDIR(status.st_mode))
+        line << " n" << status.st_nlink << " s" << status.st_size;
+    if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))
+        line << " d" << status.st_rdev;
+    if (S_ISLNK(status.st_mode))
+        line << " -> " << Escaped(fs::read_symlink(path).string());
+    else if (S_ISREG(status.st_mode) && status.st_size < (64 << 20) && access(path.c_str(), R_OK) == 0)
+        line << " #" << std::hash<std::string>()(ReadFile(path));
+    if (view.attributes)
+        line << AttributesOf(path);
+    line << "\n";
+    return line.str();
+}
+
+} // namespace
+
+void MakeTree(const std::string& root, const std::vector<TreeEntry>& entries)
+{
+    for (const TreeEntry& entry : entries)
+        MakeEntry(root, entry);
+    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry)
+        FinishEntry(root, *entry);
+}
+
+std::string DescribeTree(const std::string& root, const TreeView& view)
+{
+    std::vector<std::string> lines;
+    const auto options = fs::directory_options::skip_permission_denied;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root, options))
+        lines.push_back(
+            DescribeEntry(entry.path().string(), entry.path().string().substr(root.size()), view));
+    std::sort(lines.begin(), lines.end());
+    std::string text;
+    for (const std::string& line : lines)
+        text += line;
+    return text;
+}
+
+} // namespace Testing

@@ -1,0 +1,70 @@
+// Trees of files as literals, and trees on disk as text that can be compared.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace Testing {
+
+/// One entry of a tree; made by the functions below.
+struct TreeEntry
+{
+    enum Kind
+    {
+        Directory,
+        File,
+        SymbolicLink,
+        HardLink,
+        Fifo,
+        Socket
+    };
+    Kind kind;
+    std::string name; ///< relative to the tree's root
+    std::string text; ///< content of a file, target of a link
+    unsigned int mode = 0644;
+    long long time = 1000000000; ///< last write, seconds
+};
+
+inline TreeEntry Dir(const std::string& name, unsigned int mode = 0755, long long time = 1000000000)
+{
+    return {TreeEntry::Directory, name, "", mode, time};
+}
+inline TreeEntry File(const std::string& name, const std::string& content, unsigned int mode = 0644,
+                      long long time = 1000000000)
+{
+    return {TreeEntry::File, name, content, mode, time};
+}
+inline TreeEntry Link(const std::string& name, const std::string& target)
+{
+    return {TreeEntry::SymbolicLink, name, target};
+}
+/// A further name for the entry `target`, relative to the root.
+inline TreeEntry Hard(const std::string& name, const std::string& target)
+{
+    return {TreeEntry::HardLink, name, target};
+}
+inline TreeEntry Fifo(const std::string& name, unsigned int mode = 0644)
+{
+    return {TreeEntry::Fifo, name, "", mode};
+}
+inline TreeEntry Socket(const std::string& name)
+{
+    return {TreeEntry::Socket, name, ""};
+}
+
+/// Makes the entries below `root`, in order; modes and times of directories last.
+void MakeTree(const std::string& root, const std::vector<TreeEntry>& entries);
+
+/// What DescribeTree leaves out.
+struct TreeView
+{
+    bool owners = true;
+    bool attributes = true; ///< extended ones
+};
+
+/// A line an entry below `root`, sorted: name, kind, permission bits, owner, number of names, time, size,
+/// extended attributes, and a link's target or a digest of the content. Names and values are escaped. The
+/// size and the number of names of a directory belong to the file system and are left out.
+std::string DescribeTree(const std::string& root, const TreeView& view = {});
+
+} // namespace Testing

@@ -1,0 +1,217 @@
+// Which entries a backup takes, and what it tells of the others.
+#include "agent/Store/SnapshotReader.h"
+
+#include "testing/Program.h"
+#include "testing/TemporaryDirectory.h"
+#include "testing/Tree.h"
+
+#include "Backup/File/YSelectionManager.h"
+#include "Backup/File/YUnixFileMetadata.h"
+
+#include "Krt/JSON/YValue.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Testing;
+using Backup::File::YSelectionDescriptor;
+using Krt::File::YPath;
+
+namespace {
+
+class BackupProgram : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        source = directory.MakeDirectory("source");
+        store = directory / "store";
+    }
+
+    ProgramResult Backup(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), {"backup", "--store", store});
+        return RunProgram(arguments);
+    }
+
+    // The paths of the latest snapshot, without the source in front, in order.
+    std::vector<std::string> Stored() const
+    {
+        const Agent::Store opened = Agent::Store::Open(store);
+        Agent::SnapshotReader reader(opened, opened.FindSnapshot("latest"));
+        std::vector<std::string> paths;
+        for (Agent::SnapshotEntry entry; reader.Next(entry);) {
+            const auto metadata = Backup::File::YMetadataBase::ConstructFromJson(entry.record);
+            const std::string path = metadata->GetFilePath(0).GetFilesystemPortion().Bytes();
+            paths.push_back(path.rfind(source, 0) == 0 ? path.substr(source.size()) : path);
+        }
+        return paths;
+    }
+
+    std::string WriteJob(const Backup::File::YSelectionManager& rules)
+    {
+        const auto value = Krt::JSON::YValue::FromObject(rules.ToJSON(YPath("/")));
+        return directory.Write("job.json", value.Stringify(true).Bytes());
+    }
+
+    TemporaryDirectory directory;
+    std::string source;
+    std::string store;
+};
+
+using Paths = std::vector<std::string>;
+
+TEST_F(BackupProgram, TakesANamedPathWithAllBelowHoweverItIsWritten)
+{
+    MakeTree(source,
+             {Dir("a"), File("a/b", "1"), Dir("c"), File("c/d", "2"), Link("to a", "a"), File("top", "3")});
+    struct Case
+    {
+        const char* name;
+        std::vector<std::string> arguments;
+        Paths stored;
+    };
+    const Case cases[] = {
+        {"directory", {source + "/a"}, {"/a", "/a/b"}},
+        {"with dots", {source + "/c/../a/."}, {"/a", "/a/b"}},
+        {"two that overlap", {source + "/a/b", source + "/a"}, {"/a", "/a/b"}},
+        {"file", {source + "/top"}, {"/top"}},
+        {"link itself", {source + "/to a"}, {"/to a"}},
+        {"through a link", {source + "/to a/"}, {"/a", "/a/b"}},
+        {"below a link", {source + "/to a/b"}, {"/a/b"}},
+    };
+    for (const Case& each : cases) {
+        const ProgramResult result = Backup(each.arguments);
+        EXPECT_EQ(result.exitCode, 0) << each.name << result.errors;
+        EXPECT_EQ(Stored(), each.stored) << each.name;
+    }
+}
+
+TEST_F(BackupProgram, FollowsAJobsRules)
+{
+    MakeTree(source,
+             {Dir("docs"), File("docs/a.txt", "1"), File("docs/b.tmp", "2"), Dir("docs/deep"),
+              File("docs/deep/c.tmp", "3"), File("docs/deep/d", "4"), Dir("other"), File("other/e", "5")});
+    const YPath docs((source + "/docs").c_str());
+    Backup::File::YSelectionManager rules;
+    rules.Add(docs, Krt::Match::AnyDescriptor(), YSelectionDescriptor::Recursive,
+              YSelectionDescriptor::Include, true);
+    rules.Add(docs, Krt::Match::GlobDescriptor("*.tmp", true), YSelectionDescriptor::Recursive,
+              YSelectionDescriptor::Exclude, true);
+    const std::string job = WriteJob(rules);
+
+    const ProgramResult result = Backup({"--job", job, "--verbose"});
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(Stored(), (Paths{"/docs/a.txt", "/docs/deep", "/docs/deep/d"}));
+    EXPECT_NE(result.output.find("2 excluded"), std::string::npos) << result.output;
+    EXPECT_NE(result.errors.find(source + "/docs/deep/c.tmp"), std::string::npos) << result.errors;
+
+    EXPECT_EQ(Backup({"--job", job, source + "/other"}).exitCode, 0);
+    EXPECT_EQ(Stored(), (Paths{"/docs/a.txt", "/docs/deep", "/docs/deep/d", "/other", "/other/e"}));
+}
+
+TEST_F(BackupProgram, NothingExcludedIsOpened)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to hand files to another user";
+    // What can't be read tells by its failure whether the walk came near it.
+    MakeTree(source, {Dir("keep"), File("keep/file", "x"), Dir("secret", 0000), File("secret/inside", "y")});
+    Backup::File::YSelectionManager rules;
+    const YPath root(source.c_str());
+    rules.Add(root, Krt::Match::AnyDescriptor(), YSelectionDescriptor::Recursive,
+              YSelectionDescriptor::Include, true);
+    rules.Add(root, Krt::Match::ExactDescriptor("secret", true), YSelectionDescriptor::NonRecursive,
+              YSelectionDescriptor::Exclude, false);
+    const std::string job = WriteJob(rules);
+    chmod(directory.Path().c_str(), 0777);
+    const ProgramResult result = RunProgram({"backup", "--store", store, "--job", job}, OrdinaryUser);
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(Stored(), (Paths{"/keep", "/keep/file"}));
+}
+
+TEST_F(BackupProgram, LeavesTheStoreOut)
+{
+    MakeTree(source, {File("file", "x")});
+    store = source + "/store";
+    for (int run = 0; run < 2; ++run) {
+        const ProgramResult result = Backup({source});
+        EXPECT_EQ(result.exitCode, 0) << result.errors;
+        EXPECT_EQ(Stored(), (Paths{"", "/file"}));
+    }
+}
+
+TEST_F(BackupProgram, RefusesWhatItCannotUse)
+{
+    const std::string damaged = directory.Write("damaged.json", "{\"includes\": [");
+    const std::string halfRules = directory.Write("half.json", "{\"includes\": []}");
+    struct Case
+    {
+        const char* name;
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string told;
+    };
+    const Case cases[] = {
+        {"neither path nor job", {}, 2, "PATH"},
+        {"missing job", {"--job", source + "/none"}, 1, source + "/none"},
+        {"damaged job", {"--job", damaged}, 1, damaged},
+        {"job without excludes", {"--job", halfRules}, 1, "excludes"},
+        {"way that is missing", {source + "/none/file"}, 1, source + "/none"},
+        {"missing entry", {source + "/none"}, 3, source + "/none"},
+        {"unknown option", {"--nothing", source}, 2, "--nothing"},
+    };
+    for (const Case& each : cases) {
+        const ProgramResult result = Backup(each.arguments);
+        EXPECT_EQ(result.exitCode, each.exitCode) << each.name << ": " << result.errors;
+        EXPECT_NE(result.errors.find(each.told), std::string::npos) << each.name << ": " << result.errors;
+    }
+}
+
+TEST_F(BackupProgram, StaysOutOfForeignMountsBelowAPath)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to mount";
+    const std::string mount = directory.MakeDirectory("source/mount");
+    const pid_t child = fork();
+    if (child == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("tmpfs", mount.c_str(), "tmpfs", 0, nullptr) != 0)
+            _exit(77);
+        directory.Write("source/mount/file", "x");
+        const ProgramResult below = Backup({source});
+        const bool stopped = below.exitCode == 0 && Stored() == Paths{"", "/mount"} &&
+                             below.output.find("mount point not entered: " + mount) != std::string::npos;
+        const ProgramResult named = Backup({mount});
+        const bool entered = named.exitCode == 0 && Stored() == Paths{"/mount", "/mount/file"} &&
+                             named.errors.find(mount) != std::string::npos;
+        _exit((stopped ? 0 : 1) | (entered ? 0 : 2));
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WEXITSTATUS(status) == 77)
+        GTEST_SKIP() << "may not mount";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: not stopped, 2: not entered";
+}
+
+TEST_F(BackupProgram, HoldsManyEntriesAndLevels)
+{
+    // More levels than a walk keeps descriptors for.
+    std::string path = source;
+    for (int level = 0; level < 300; ++level)
+        path += "/d";
+    std::filesystem::create_directories(path);
+    for (int i = 0; i < 3000; ++i)
+        directory.Write("source/d/file" + std::to_string(i), "");
+    const ProgramResult result = Backup({source});
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(Stored().size(), 3301u);
+}
+
+} // namespace
