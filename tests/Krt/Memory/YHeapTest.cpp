@@ -1,0 +1,90 @@
+#include "Krt/Memory/YHeap.h"
+
+#include "testing/LogCapture.h"
+#include "testing/Raises.h"
+
+#include <limits>
+
+using Krt::ErrorCode;
+using Krt::Memory::YHeap;
+
+namespace {
+using Bytes = YHeap<unsigned char>;
+constexpr unsigned long Huge = std::numeric_limits<unsigned long>::max();
+} // namespace
+
+TEST(YHeapTest, ResizeKeepsWhatStaysAndZeroesWhatComes)
+{
+    YHeap<char> heap("abc", 3);
+    heap.Resize(5);
+    EXPECT_EQ(std::string(heap.Cast<char>(), 5), std::string("abc\0\0", 5));
+    heap.Resize(2);
+    EXPECT_EQ(std::string(heap.Cast<char>(), heap.Size()), "ab");
+
+    EXPECT_RAISES(heap.Resize(Huge), ErrorCode::OutOfMemory, "Resize",
+                  "Failed to resize to 18446744073709551615 vector::reserve");
+    EXPECT_EQ(std::string(heap.Cast<char>(), heap.Size()), "ab");
+}
+
+TEST(YHeapTest, RangesMustLieInside)
+{
+    Bytes heap("0123456789", 10);
+    Bytes empty;
+    const auto offset = [](Bytes& target, unsigned long at, unsigned long length) {
+        return [&target, at, length] {
+            target.RawOffset<char>(at, length);
+        };
+    };
+    const struct
+    {
+        const char* name;
+        std::function<void()> call;
+        const char* failing; // the function that the error names; null for success
+    } cases[] = {
+        {"offset at the end", offset(heap, 10, 0), nullptr},
+        {"offset behind the end", offset(heap, 11, 0), "RawOffset"},
+        {"a byte behind the end", offset(heap, 10, 1), "RawOffset"},
+        {"offset and length that wrap", offset(heap, 2, Huge), "RawOffset"},
+        {"no byte of an empty heap", offset(empty, 0, 0), "Cast"},
+        {"offset behind an empty heap", offset(empty, 1, 0), "RawOffset"},
+        {"copy of nothing into nothing", [&] { empty.Copy(0, nullptr, 0); }, nullptr},
+        {"copy of nothing behind the end", [&] { heap.Copy(11, nullptr, 0); }, "Copy"},
+        {"copy beyond the end", [&] { heap.Copy(8, "abc", 3); }, "Copy"},
+        {"exact cast", [&] { Bytes("12345678", 8).Cast<unsigned long long>(); }, nullptr},
+        {"cast to something larger", [&] { Bytes("1234567", 7).Cast<unsigned long long>(); }, "Cast"},
+    };
+    for (const auto& [name, call, failing] : cases) {
+        const auto raised = Testing::CatchError(call);
+        EXPECT_EQ(raised.has_value(), failing != nullptr) << name;
+        if (raised && failing != nullptr) {
+            EXPECT_EQ(raised->GetFunction(), failing) << name;
+            EXPECT_EQ(raised->GetCode(), ErrorCode::InvalidArgument) << name;
+            EXPECT_EQ(raised->GetFile(), "Krt/Memory/YHeap") << name;
+        }
+    }
+}
+
+TEST(YHeapTest, CopiesAndMoves)
+{
+    Bytes source("abc", 3);
+    Bytes copy = source;
+    copy.Copy(1, "X", 1);
+    EXPECT_STREQ(std::string(source.Cast<char>(), 3).c_str(), "abc");
+    copy = std::move(source);
+    EXPECT_EQ(source.Size(), 0U);
+    EXPECT_EQ(std::string(copy.Cast<char>(), copy.Size()), "abc");
+    Bytes& itself = copy;
+    copy = std::move(itself);
+    EXPECT_EQ(copy.Size(), 3U);
+}
+
+TEST(YHeapTest, AnEmptyHeapIsNoPointer)
+{
+    const Testing::LogCapture log({"General"});
+    EXPECT_RAISES((void)static_cast<unsigned char*>(Bytes()), ErrorCode::InvalidUse,
+                  "operator unsigned char *", "");
+    EXPECT_RAISES((void)static_cast<char*>(YHeap<char>()), ErrorCode::InvalidUse, "operator char *", "");
+    ASSERT_EQ(log.Texts().size(), 2U);
+    EXPECT_TRUE(log.Texts()[0].ends_with(": Assertion failed for (Size() != 0); ")) << log.Texts()[0];
+    EXPECT_TRUE(log.Texts()[0].starts_with("YHeap<")) << log.Texts()[0];
+}
