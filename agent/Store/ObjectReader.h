@@ -25,6 +25,8 @@ public:
 
 private:
     const Store& m_store;
+    Krt::Util::YUnxHandle m_file;
+    Krt::YString m_name; // for messages
     ZstdReader m_reader;
     Sha256 m_hash;
     Address m_address;

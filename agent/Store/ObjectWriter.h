@@ -19,7 +19,7 @@ public:
 
     /// Begins a content; one that was begun and not finished is dropped.
     void Begin();
-    /// In order, in pieces of any size; best of 64 KiB and more.
+    /// In order, in pieces of any size; best of 64 KiB and more. Raises StoreError, as does Finish.
     void Append(const void* data, std::size_t size);
     /// The content's address. It is part of the store when the session's snapshot is.
     Address Finish();
@@ -29,7 +29,9 @@ public:
 private:
     static constexpr std::size_t SmallLimit = 1 << 20;
 
+    Address Keep(const Address& address);
     void StartFile();
+    void DropFile() noexcept;
 
     StoreSession& m_session;
     Sha256 m_hash;

@@ -5,7 +5,9 @@
 
 #include "Krt/JSON/YObject.h"
 
+#include <array>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -40,19 +42,28 @@ struct SnapshotTrailer
     unsigned long long entries = 0;
     unsigned long long bytes = 0;  ///< of the contents that were read
     unsigned long long failed = 0; ///< entries that the run could not store, or not as they were
-    Address digest;                ///< of all lines before
+    Address digest;                ///< of all lines before, with their line ends
 };
 
-/// Append the line, with its line end, to `line`.
+/// Longest line, in bytes. A writer makes none that is longer, and a reader refuses it.
+constexpr std::size_t SnapshotLineLimit = 16 << 20;
+
+/// Append the line, with its end, to `line`.
 void WriteLine(const SnapshotHeader& header, std::string& line);
 void WriteLine(const SnapshotEntry& entry, std::string& line);
 void WriteLine(const SnapshotTrailer& trailer, std::string& line);
 
-/// Read a line without its end. Raise InvalidArgument on what is none of the kind.
+/// Read a line without its end. Raise a YError on what is none of the kind.
 SnapshotHeader ReadHeader(std::string_view line);
 SnapshotEntry ReadEntry(std::string_view line);
 SnapshotTrailer ReadTrailer(std::string_view line);
 /// Whether the line is a trailer rather than an entry; looks at its first bytes alone.
 bool IsTrailer(std::string_view line);
+
+/// What ends the file: a frame that decompressors skip, with the offset of the trailer's frame in it.
+using TrailerLocator = std::array<unsigned char, 16>;
+TrailerLocator MakeTrailerLocator(unsigned long long offset);
+/// Nothing if the bytes are no locator.
+std::optional<unsigned long long> ReadTrailerLocator(const TrailerLocator& locator);
 
 } // namespace Agent

@@ -12,9 +12,6 @@ namespace Agent {
 class SnapshotReader
 {
 public:
-    /// Longest line, in bytes. A writer makes none that is longer, and a reader refuses it.
-    static constexpr std::size_t LineLimit = 16 << 20;
-
     /// `id` is one that Store::FindSnapshot gave; the store outlives the reader.
     SnapshotReader(const Store& store, const std::string& id);
 
@@ -34,18 +31,21 @@ public:
 
 private:
     bool ReadLine(std::string_view& line);
+    void CheckEnd(std::string_view trailer);
+    template <class Read>
+    auto Checked(Read read) const;
     [[noreturn]] void RaiseDamaged(const Krt::YString& reason) const;
-    void CheckEnd(std::string_view trailerLine);
 
     Krt::YString m_name; // of the file, for messages
     Krt::Util::YUnxHandle m_file;
     ZstdReader m_reader;
     Sha256 m_hash;
-    std::string m_buffer;     // the line that stands in more than one block
     std::string_view m_block; // what was decompressed and not yet taken
-    SnapshotHeader m_header;
-    SnapshotTrailer m_trailer;
+    std::string m_long;       // a line that reaches over the end of a block
     unsigned long long m_line = 0;
+    unsigned long long m_entries = 0;
+    SnapshotHeader m_header;
+    SnapshotTrailer m_trailer; // once the end was reached
     bool m_ended = false;
 };
 

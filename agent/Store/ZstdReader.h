@@ -18,13 +18,15 @@ class ZstdReader
 public:
     ZstdReader();
     ~ZstdReader();
-    ZstdReader(ZstdReader&&) noexcept;
-    ZstdReader& operator=(ZstdReader&&) noexcept;
+    ZstdReader(const ZstdReader&) = delete;
+    ZstdReader& operator=(const ZstdReader&) = delete;
 
     /// Reads this file, which outlives the last call, from an offset on. Frames follow each other to its end.
-    void Begin(const Krt::Util::YUnxHandle& file, unsigned long long offset = 0);
-    /// The next bytes, 128 KiB at most, valid until the next call; empty at the end of the file. Raises
-    /// InvalidState, with the offset in the file, on what is no zstd data and on a frame that is cut off.
+    /// `name` is the file's name in the store, for messages.
+    void Begin(const Krt::Util::YUnxHandle& file, const Krt::YString& name, unsigned long long offset = 0);
+    /// The next bytes, 128 KiB unless the end comes first; valid until the next call; empty at the end of the
+    /// file. Raises InvalidState, with name and offset, on what is no zstd data and on a frame that is cut
+    /// off.
     std::span<const unsigned char> Next();
 
 private:
@@ -39,6 +41,7 @@ private:
     std::vector<unsigned char> m_input;
     std::vector<unsigned char> m_output;
     const Krt::Util::YUnxHandle* m_file = nullptr;
+    Krt::YString m_name;
     unsigned long long m_offset = 0; // in the file, of what is read next
     std::size_t m_begin = 0;         // of what is not yet decompressed, in m_input
     std::size_t m_end = 0;

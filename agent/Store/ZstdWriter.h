@@ -26,14 +26,13 @@ public:
     void EndFrame();
     /// Writes one frame with this content at once; nothing was appended before.
     void WriteFrame(const void* data, std::size_t size);
-    /// Writes a frame that decompressors skip, with this content; nothing was appended before.
-    void WriteSkippable(const void* data, std::size_t size);
+    /// Writes bytes as they stand; nothing was appended before.
+    void Write(const void* data, std::size_t size);
     /// Bytes written to the file since Begin.
     unsigned long long GetWritten() const { return m_written; }
 
 private:
     void Compress(const void* data, std::size_t size, bool endFrame);
-    void Write(const void* data, std::size_t size);
 
     struct Free
     {

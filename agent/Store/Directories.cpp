@@ -1,0 +1,19 @@
+#include "agent/Store/Directories.h"
+
+#include "Krt/Exception/YError.h"
+
+#include <cerrno>
+
+namespace Agent {
+
+void MakeDirectoryUnlessThere(const Krt::File::YDirectory& parent, const Krt::YString& name)
+{
+    try {
+        parent.MakeDirectory(name, 0700);
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetOsError() != EEXIST)
+            throw;
+    }
+}
+
+} // namespace Agent

@@ -1,0 +1,86 @@
+#include "agent/Store/ObjectFolder.h"
+
+#include "agent/Store/Directories.h"
+#include "agent/Store/Hex.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/Util/Retry.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace Agent {
+
+using Krt::Util::RetryOnInterrupt;
+
+namespace {
+
+// "ab/cdef...", made without touching the heap: each content of a backup asks for one.
+class RelativePath
+{
+public:
+    explicit RelativePath(const Address& address)
+    {
+        char* out = WriteHex(address.bytes.data(), FolderBytes, m_text);
+        *out++ = '/';
+        out = WriteHex(address.bytes.data() + FolderBytes, Address::Size - FolderBytes, out);
+        *out = '\0';
+    }
+    const char* Text() const { return m_text; }
+    Krt::YString Folder() const { return Krt::YString(std::string_view(m_text, 2 * FolderBytes)); }
+
+private:
+    static constexpr std::size_t FolderBytes = 1;
+    char m_text[2 * Address::Size + 2];
+};
+
+bool Move(const Krt::File::YDirectory& from, const Krt::YString& name, const Krt::File::YDirectory& to,
+          const RelativePath& place)
+{
+    return RetryOnInterrupt([&] {
+               return renameat(from.GetHandle().Get(), name.CStr(), to.GetHandle().Get(), place.Text());
+           }) == 0;
+}
+
+} // namespace
+
+bool ObjectFolder::Has(const Address& address) const
+{
+    const RelativePath place(address);
+    struct stat status;
+    if (RetryOnInterrupt([&] {
+            return fstatat(m_directory.GetHandle().Get(), place.Text(), &status, AT_SYMLINK_NOFOLLOW);
+        }) == 0)
+        return S_ISREG(status.st_mode) && status.st_size != 0;
+    if (errno != ENOENT)
+        KRT_RAISE_OS("Failed to look for object: " << place.Text());
+    return false;
+}
+
+Krt::Util::YUnxHandle ObjectFolder::Open(const Address& address) const
+{
+    const RelativePath place(address);
+    const int descriptor = Krt::Util::MoveAboveStandardStreams(RetryOnInterrupt([&] {
+        return openat(m_directory.GetHandle().Get(), place.Text(),
+                      O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    }));
+    if (descriptor < 0)
+        KRT_RAISE_OS("Failed to open object: " << place.Text());
+    return Krt::Util::YUnxHandle(descriptor, true);
+}
+
+void ObjectFolder::Place(const Krt::File::YDirectory& from, const Krt::YString& name,
+                         const Address& address) const
+{
+    const RelativePath place(address);
+    if (Move(from, name, m_directory, place))
+        return;
+    if (errno == ENOENT) {
+        MakeDirectoryUnlessThere(m_directory, place.Folder());
+        if (Move(from, name, m_directory, place))
+            return;
+    }
+    KRT_RAISE_OS("Failed to place object: " << place.Text());
+}
+
+} // namespace Agent
