@@ -1,0 +1,245 @@
+#include "Backup/File/Unix/File.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/File/File.h"
+#include "Krt/Log/LogSite.h"
+#include "Krt/Util/Retry.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <utime.h>
+
+namespace Backup::File {
+
+using Krt::ErrorCode;
+using Krt::MessageType;
+using Krt::Exception::YError;
+using Krt::Exception::YErrorBase;
+
+namespace {
+
+constexpr unsigned int TypeMask = 0xF000;
+constexpr unsigned int LinkType = 0xA000;
+constexpr unsigned int LowWord = 0xFFFF;
+constexpr unsigned int DefaultDirectoryMode = 0x1A4;
+constexpr unsigned int CreatedFileMode = 0x1C0;
+constexpr unsigned int LinkTargetSize = 1024;
+// What the 32-bit total of a transfer becomes when the first call fails.
+constexpr unsigned int FailedTotal = 0xFFFFFFFF;
+
+const char* Native(const YPath& path)
+{
+    return path.AsUnixPath(false).CStr();
+}
+
+// The error number of a call that failed: errno for -1, any other negative result itself.
+int ErrorOf(int result)
+{
+    return result == -1 ? errno : result;
+}
+
+// Repeats the call on EINTR; the error number it failed with, or 0.
+template <class Call>
+int Perform(Call call)
+{
+    const int result = Krt::Util::RetryOnInterrupt(call);
+    return result < 0 ? ErrorOf(result) : 0;
+}
+
+void SeekTo(int fd, unsigned long long offset, const char* function)
+{
+    const off_t position = lseek(fd, static_cast<off_t>(offset), SEEK_SET);
+    const int error = errno;
+    if (position == -1 || static_cast<unsigned long long>(position) != offset)
+        KRT_RAISE_FULL(Krt::ExceptionType::OsError, function, MessageType::General,
+                       static_cast<unsigned int>(error), "Could not seek in file");
+}
+
+} // namespace
+
+void StatFile(const YPath& path, struct stat* status)
+{
+    if (const int error = Perform([&] { return lstat(Native(path), status); }))
+        KRT_RAISE_OS_ERROR(error, MessageType::FileStat, "Failed to stat file: " << path);
+}
+
+unsigned long long GetFileInode(const YPath& path, unsigned long long* allocated)
+{
+    struct stat status;
+    StatFile(path, &status);
+    if (allocated != nullptr)
+        *allocated = static_cast<unsigned long long>(status.st_blocks) << 9;
+    return status.st_ino;
+}
+
+unsigned long long GetFileSize(const YPath& path)
+{
+    try {
+        return Krt::File::GetSize(path);
+    } catch (const YError& error) {
+        KRT_LOG_FREE(MessageType::FileInfo, "Failed to get file size for file " << path << " " << error);
+        return 0;
+    }
+}
+
+unsigned int GetModeFlags(const YPath& path)
+{
+    struct stat status;
+    StatFile(path, &status);
+    return status.st_mode;
+}
+
+bool IsSpecialFile(const YPath& path)
+{
+    try {
+        switch (GetModeFlags(path) & TypeMask) {
+        case S_IFIFO:
+        case S_IFCHR:
+        case S_IFBLK:
+        case S_IFSOCK:
+            return true;
+        default:
+            return false;
+        }
+    } catch (const YError& error) {
+        if (error.GetOsError() == EACCES)
+            return true;
+        throw;
+    }
+}
+
+bool DoesDirExist(const YPath& path)
+{
+    const unsigned int attributes = Krt::File::GetAttributesNoException(path);
+    return attributes != Krt::File::AttributesUnknown && (attributes & Krt::File::AttributeDirectory) != 0;
+}
+
+YPath NormalizePathCase(const YPath& path)
+{
+    return path;
+}
+
+void CreateHardlink(const YPath& link, const YPath& existing)
+{
+    if (const int error = Perform([&] { return ::link(Native(existing), Native(link)); }))
+        KRT_RAISE_OS_ERROR(error, MessageType::General);
+}
+
+YPath GetSymbolicLinkTarget(const YPath& path)
+{
+    KRT_RAISE_UNLESS(Krt::File::IsSymbolicLink(path), ErrorCode::InvalidState);
+    char target[LinkTargetSize + 1];
+    const ssize_t length = readlink(Native(path), target, LinkTargetSize);
+    if (length == -1)
+        KRT_RAISE_OS("Could not read symbolic link");
+    target[length] = '\0';
+    return YPath(target);
+}
+
+void CreateSymbolicLink(const YPath& link, const YPath& target)
+{
+    Krt::File::DeleteFile(link);
+    Krt::File::CreatePath(link, false);
+    if (const int error = Perform([&] { return symlink(Native(target), Native(link)); }))
+        KRT_RAISE_OS_ERROR(error, MessageType::General,
+                           "Failed to create symlink from: " << link << " To: " << target);
+}
+
+void CreateDirectory(const YPath& path, unsigned int mode)
+{
+    try {
+        if (const int error =
+                Perform([&] { return mkdir(Native(path), static_cast<mode_t>(mode & LowWord)); }))
+            KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to create directory: " << path);
+    } catch (const YError& error) {
+        if (error.GetOsError() != EEXIST)
+            throw YError(static_cast<const YErrorBase&>(error));
+    }
+}
+
+void CreateDirectory(const YPath& path)
+{
+    CreateDirectory(path, DefaultDirectoryMode);
+}
+
+void SetFileTime(const YPath& path, unsigned long long access, unsigned long long write)
+{
+    const utimbuf times{static_cast<time_t>(access), static_cast<time_t>(write)};
+    if (const int error = Perform([&] { return utime(Native(path), &times); }))
+        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to set file time on file: " << path);
+}
+
+void SetModeFlags(const YPath& path, unsigned int flags)
+{
+    if ((flags & TypeMask) == LinkType)
+        return;
+    if (const int error = Perform([&] { return chmod(Native(path), static_cast<mode_t>(flags & LowWord)); }))
+        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to set mode flags on file: " << path);
+}
+
+void SetUID(const YPath& path, unsigned int uid)
+{
+    if (const int error = Perform([&] { return chown(Native(path), uid, static_cast<gid_t>(-1)); }))
+        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to set UID on file: " << path);
+}
+
+void SetGID(const YPath& path, unsigned int gid)
+{
+    if (const int error = Perform([&] { return chown(Native(path), static_cast<uid_t>(-1), gid); }))
+        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to set GID on file: " << path);
+}
+
+// The two openers return a negative result other than -1 as the descriptor.
+int OpenForBackupWrite(const YPath& path)
+{
+    const int fd = Krt::Util::RetryOnInterrupt(
+        [&] { return open(Native(path), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW, CreatedFileMode); });
+    if (fd == -1)
+        KRT_RAISE_OS("Could not open file for write: " << path);
+    return fd;
+}
+
+int OpenForBackupRead(const YPath& path)
+{
+    const int fd = Krt::Util::RetryOnInterrupt([&] { return open(Native(path), O_RDONLY | O_NOFOLLOW); });
+    if (fd == -1)
+        KRT_RAISE_OS("Could not open file for read: " << path);
+    return fd;
+}
+
+void Write(int fd, unsigned long long offset, const unsigned char* data, unsigned int count)
+{
+    SeekTo(fd, offset, __func__);
+    unsigned int total = 0;
+    do {
+        // A failure counts as -1: of the first call it gives FailedTotal, of a later one it takes a byte
+        // back.
+        total += static_cast<unsigned int>(write(fd, data + total, count - total));
+        if (total >= count) {
+            if (total == FailedTotal)
+                break;
+            return;
+        }
+    } while (errno == EINTR);
+    KRT_RAISE_OS("Could not write to file");
+}
+
+unsigned int Read(int fd, unsigned long long offset, unsigned char* data, unsigned int count)
+{
+    SeekTo(fd, offset, __func__);
+    unsigned int total = 0;
+    do {
+        total += static_cast<unsigned int>(read(fd, data + total, count - total));
+    } while (total < count && errno == EINTR);
+    if (total == FailedTotal)
+        KRT_RAISE_OS("Could not read from file");
+    return total;
+}
+
+void Close(int fd)
+{
+    if (const int error = Perform([&] { return close(fd); }))
+        KRT_RAISE_OS_ERROR(error, MessageType::FileClose);
+}
+
+} // namespace Backup::File

@@ -1,0 +1,303 @@
+#include "Backup/File/Unix/File.h"
+
+#include "testing/LogCapture.h"
+#include "testing/OrdinaryUser.h"
+#include "testing/Raises.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/syscall.h>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace Backup::File;
+using Krt::ErrorCode;
+using Krt::MessageType;
+namespace fs = std::filesystem;
+
+YPath At(const std::string& path)
+{
+    return YPath(path.c_str());
+}
+
+// What the next transfers on the scripted descriptor give: a result, and the errno it leaves (0 leaves it
+// alone).
+struct Transfer
+{
+    ssize_t result;
+    int error;
+};
+int g_scriptedDescriptor = -1;
+std::vector<Transfer> g_script;
+std::vector<std::size_t> g_counts;
+
+ssize_t NextTransfer(std::size_t count)
+{
+    g_counts.push_back(count);
+    const Transfer transfer = g_script.at(0);
+    g_script.erase(g_script.begin());
+    if (transfer.error != 0)
+        errno = transfer.error;
+    return transfer.result;
+}
+
+} // namespace
+
+extern "C" {
+[[gnu::visibility("default")]] ssize_t write(int fd, const void* data, size_t count)
+{
+    return fd >= 0 && fd == g_scriptedDescriptor ? NextTransfer(count) : syscall(SYS_write, fd, data, count);
+}
+[[gnu::visibility("default")]] ssize_t read(int fd, void* data, size_t count)
+{
+    return fd >= 0 && fd == g_scriptedDescriptor ? NextTransfer(count) : syscall(SYS_read, fd, data, count);
+}
+}
+
+namespace {
+
+struct TransferRow
+{
+    const char* name;
+    int errnoBefore;
+    std::vector<Transfer> script;
+    unsigned int count;
+    std::vector<std::size_t> counts; // asked for, call by call
+    int raised;                      // 0: none
+    unsigned int read;               // what Read returns if it doesn't raise
+};
+
+// Runs Write or Read over each row's script.
+template <class Call>
+void RunTransfers(const std::vector<TransferRow>& rows, const char* function, const char* text, Call call)
+{
+    const Testing::TemporaryDirectory directory;
+    const int fd = open(directory.Write("file", "x").c_str(), O_RDWR | O_CLOEXEC);
+    for (const TransferRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        g_script = row.script;
+        g_counts.clear();
+        g_scriptedDescriptor = fd;
+        unsigned int result = 0;
+        errno = row.errnoBefore;
+        const auto error = Testing::CatchError([&] { result = call(fd, row.count); });
+        g_scriptedDescriptor = -1;
+        EXPECT_EQ(error ? error->GetOsError() : 0, row.raised);
+        EXPECT_EQ(g_counts, row.counts);
+        if (error) {
+            EXPECT_EQ(error->GetFunction().Bytes(), function);
+            EXPECT_EQ(error->GetMessage().Bytes(), text);
+        } else {
+            EXPECT_EQ(result, row.read);
+        }
+    }
+    close(fd);
+}
+
+unsigned char g_data[16] = {};
+
+TEST(FilePrimitives, WriteTakesShortResultsByErrnoAlone)
+{
+    const std::vector<TransferRow> rows = {
+        {"whole", 0, {{8, 0}}, 8, {8}, 0, 0},
+        {"nothing to do", 0, {{0, 0}}, 0, {0}, 0, 0},
+        {"short without an error", ENOSPC, {{3, 0}}, 8, {8}, ENOSPC, 0},
+        {"short with an old interruption", EINTR, {{3, 0}, {5, 0}}, 8, {8, 5}, 0, 0},
+        {"first call fails", 0, {{-1, EIO}}, 8, {8}, EIO, 0},
+        {"first call interrupted", 0, {{-1, EINTR}}, 8, {8}, EINTR, 0},
+        {"interrupted after progress", EINTR, {{3, 0}, {-1, EINTR}, {6, 0}}, 8, {8, 5, 6}, 0, 0},
+        {"fails after progress", EINTR, {{3, 0}, {-1, ENOSPC}}, 8, {8, 5}, ENOSPC, 0},
+    };
+    RunTransfers(rows, "Write", "Could not write to file", [](int fd, unsigned int count) {
+        Write(fd, 0, g_data, count);
+        return 0u;
+    });
+}
+
+TEST(FilePrimitives, ReadEndsAtAShortResult)
+{
+    const std::vector<TransferRow> rows = {
+        {"whole", 0, {{8, 0}}, 8, {8}, 0, 8},
+        {"end of the file", ENOENT, {{3, 0}}, 8, {8}, 0, 3},
+        {"short with an old interruption", EINTR, {{3, 0}, {5, 0}}, 8, {8, 5}, 0, 8},
+        {"first call fails", 0, {{-1, EIO}}, 8, {8}, EIO, 0},
+        {"fails after progress", EINTR, {{3, 0}, {-1, EIO}}, 8, {8, 5}, 0, 2},
+    };
+    RunTransfers(rows, "Read", "Could not read from file",
+                 [](int fd, unsigned int count) { return Read(fd, 0, g_data, count); });
+}
+
+TEST(FilePrimitives, TransfersSeekFirst)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    EXPECT_RAISES_OS(Write(ends[1], 0, g_data, 1), MessageType::General, ESPIPE, "Write",
+                     "Could not seek in file");
+    EXPECT_RAISES_OS(Read(ends[0], 0, g_data, 1), MessageType::General, ESPIPE, "Read",
+                     "Could not seek in file");
+    Close(ends[0]);
+    Close(ends[1]);
+    EXPECT_RAISES_OS(Close(-1), MessageType::FileClose, EBADF, "Close", "");
+
+    const Testing::TemporaryDirectory directory;
+    const YPath path = At(directory / "file");
+    const int fd = OpenForBackupWrite(path);
+    Write(fd, 3, reinterpret_cast<const unsigned char*>("abc"), 3);
+    unsigned char back[8];
+    EXPECT_EQ(Read(fd, 4, back, sizeof(back)), 2u);
+    EXPECT_EQ(back[0], 'b');
+    EXPECT_EQ(Read(fd, 100, back, sizeof(back)), 0u);
+    Close(fd);
+    EXPECT_EQ(Testing::ReadFile(directory / "file"), std::string("\0\0\0abc", 6));
+    EXPECT_EQ(GetModeFlags(path) & 077u, 0u);
+    Close(OpenForBackupWrite(path));
+    EXPECT_EQ(GetFileSize(path), 0u) << "opening for write empties";
+}
+
+TEST(FilePrimitives, DescribeTheEntryItself)
+{
+    const Testing::TemporaryDirectory directory;
+    const YPath file = At(directory.Write("file", "x"));
+    const YPath link = At(directory / "link");
+    CreateSymbolicLink(link, "nowhere");
+    struct stat status;
+    StatFile(link, &status);
+    EXPECT_TRUE(S_ISLNK(status.st_mode));
+    ASSERT_EQ(lstat(file.CStr(), &status), 0);
+    unsigned long long allocated = 1;
+    EXPECT_EQ(GetFileInode(file, &allocated), status.st_ino);
+    EXPECT_EQ(allocated, static_cast<unsigned long long>(status.st_blocks) * 512);
+    EXPECT_EQ(GetFileInode(file, nullptr), status.st_ino);
+    EXPECT_FALSE(DoesDirExist(file));
+    EXPECT_TRUE(DoesDirExist(At(directory.Path())));
+    EXPECT_FALSE(DoesDirExist(At(directory / "missing")));
+    EXPECT_RAISES_OS(StatFile(At(directory / "missing"), &status), MessageType::FileStat, ENOENT, "StatFile",
+                     "Failed to stat file: " + directory / "missing");
+}
+
+TEST(FilePrimitives, SizeOfAMissingFileIsLoggedAndZero)
+{
+    const Testing::TemporaryDirectory directory;
+    const Testing::LogCapture log({"FileInfo"});
+    EXPECT_EQ(GetFileSize(At(directory / "missing")), 0u);
+    const std::vector<std::string> texts = log.Texts();
+    ASSERT_EQ(texts.size(), 1u);
+    EXPECT_TRUE(
+        texts[0].starts_with("FileInfo: Failed to get file size for file " + directory / "missing" + " "))
+        << texts[0];
+}
+
+TEST(FilePrimitives, SpecialFiles)
+{
+    const Testing::TemporaryDirectory directory;
+    ASSERT_EQ(mkfifo((directory / "fifo").c_str(), 0600), 0);
+    ASSERT_EQ(mknod((directory / "socket").c_str(), S_IFSOCK | 0600, 0), 0);
+    CreateSymbolicLink(At(directory / "link"), At(directory / "fifo"));
+    EXPECT_TRUE(IsSpecialFile(At(directory / "fifo")));
+    EXPECT_TRUE(IsSpecialFile(At(directory / "socket")));
+    EXPECT_TRUE(IsSpecialFile("/dev/null"));
+    EXPECT_FALSE(IsSpecialFile(At(directory / "link")));
+    EXPECT_FALSE(IsSpecialFile(At(directory.Write("file", "x"))));
+    EXPECT_FALSE(IsSpecialFile(At(directory.Path())));
+    EXPECT_EQ(Testing::CatchError([&] { IsSpecialFile(At(directory / "missing")); })->GetOsError(), ENOENT);
+    ASSERT_EQ(chmod(directory.MakeDirectory("locked").c_str(), 0), 0);
+    EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([&] { return IsSpecialFile(At(directory / "locked/x")); }));
+}
+
+TEST(FilePrimitives, Links)
+{
+    const Testing::TemporaryDirectory directory;
+    const YPath file = At(directory.Write("file", "x"));
+    const YPath link = At(directory / "new/parent/link");
+    CreateSymbolicLink(link, "first");
+    CreateSymbolicLink(link, "second");
+    EXPECT_EQ(GetSymbolicLinkTarget(link), "second");
+    CreateSymbolicLink(link, std::string(1500, 'n').c_str());
+    EXPECT_EQ(GetSymbolicLinkTarget(link).Bytes(), std::string(1024, 'n')) << "cut";
+    EXPECT_RAISES(GetSymbolicLinkTarget(file), ErrorCode::InvalidState, "GetSymbolicLinkTarget", "");
+    EXPECT_RAISES_OS(CreateHardlink(file, file), MessageType::General, EEXIST, "CreateHardlink", "");
+    CreateHardlink(At(directory / "hard"), file);
+    EXPECT_EQ(GetFileInode(At(directory / "hard"), nullptr), GetFileInode(file, nullptr));
+    EXPECT_RAISES_OS(OpenForBackupRead(link), MessageType::General, ELOOP, "OpenForBackupRead",
+                     "Could not open file for read: " + directory / "new/parent/link");
+    EXPECT_RAISES_OS(OpenForBackupWrite(link), MessageType::General, ELOOP, "OpenForBackupWrite",
+                     "Could not open file for write: " + directory / "new/parent/link");
+    EXPECT_RAISES_OS(CreateSymbolicLink(At(directory / "empty"), ""), MessageType::General, ENOENT,
+                     "CreateSymbolicLink", "Failed to create symlink from: " + directory / "empty" + " To: ");
+}
+
+TEST(FilePrimitives, Directories)
+{
+    const Testing::TemporaryDirectory directory;
+    const mode_t mask = umask(0);
+    umask(mask);
+    const YPath path = At(directory / "made");
+    CreateDirectory(path);
+    EXPECT_EQ(GetModeFlags(path), S_IFDIR | (0644u & ~mask));
+    CreateDirectory(path, 0700);
+    EXPECT_EQ(GetModeFlags(path), S_IFDIR | (0644u & ~mask)) << "what exists stays";
+    CreateDirectory(At(directory.Write("file", "x")));
+    EXPECT_RAISES_OS(CreateDirectory(At(directory / "missing/below")), MessageType::General, ENOENT,
+                     "CreateDirectory", "Failed to create directory: " + directory / "missing/below");
+}
+
+TEST(FilePrimitives, ChangesFollowLinksSaveForTheModeOfALink)
+{
+    const Testing::TemporaryDirectory directory;
+    const YPath file = At(directory.Write("file", "x"));
+    const YPath link = At(directory / "link");
+    const std::string missing = directory / "missing";
+    CreateSymbolicLink(link, file);
+    SetFileTime(link, 1000, 2000);
+    SetModeFlags(link, S_IFREG | 0604);
+    struct stat status;
+    StatFile(file, &status);
+    EXPECT_EQ(status.st_atime, 1000);
+    EXPECT_EQ(status.st_mtime, 2000);
+    EXPECT_EQ(status.st_mode, mode_t{S_IFREG | 0604});
+    SetModeFlags(At(missing), S_IFLNK | 0777);
+    EXPECT_RAISES_OS(SetModeFlags(At(missing), 0600), MessageType::General, ENOENT, "SetModeFlags",
+                     "Failed to set mode flags on file: " + missing);
+    EXPECT_RAISES_OS(SetFileTime(At(missing), 0, 0), MessageType::General, ENOENT, "SetFileTime",
+                     "Failed to set file time on file: " + missing);
+    EXPECT_RAISES_OS(SetUID(At(missing), 0), MessageType::General, ENOENT, "SetUID",
+                     "Failed to set UID on file: " + missing);
+    EXPECT_RAISES_OS(SetGID(At(missing), 0), MessageType::General, ENOENT, "SetGID",
+                     "Failed to set GID on file: " + missing);
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only the superuser gives files away";
+    SetUID(link, 12);
+    SetGID(link, 34);
+    StatFile(file, &status);
+    EXPECT_EQ(status.st_uid, 12u);
+    EXPECT_EQ(status.st_gid, 34u);
+}
+
+TEST(FilePrimitives, AnInterruptedOpenIsRepeated)
+{
+    const Testing::TemporaryDirectory directory;
+    const YPath fifo = At(directory / "fifo");
+    ASSERT_EQ(mkfifo(fifo.CStr(), 0600), 0);
+    struct sigaction action = {}; // without SA_RESTART, so that the waiting open ends with EINTR
+    action.sa_handler = [](int) {
+    };
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    int opened = -1;
+    std::thread reader([&] { opened = OpenForBackupRead(fifo); });
+    for (int i = 0; i < 20; ++i) {
+        pthread_kill(reader.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    const int writer = open(fifo.CStr(), O_WRONLY | O_CLOEXEC);
+    reader.join();
+    EXPECT_GE(opened, 0);
+    Close(opened);
+    Close(writer);
+}
+
+} // namespace

@@ -1,0 +1,233 @@
+#include "Backup/File/Unix/YFile.h"
+
+#include "testing/LogCapture.h"
+#include "testing/Raises.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace {
+
+using Backup::File::YFile;
+using Krt::ErrorCode;
+using Krt::MessageType;
+using Krt::File::YPath;
+namespace fs = std::filesystem;
+
+constexpr auto NoOptions = static_cast<YFile::OPTIONS>(0);
+
+class YFileTest : public testing::Test
+{
+protected:
+    YPath At(const std::string& name) const { return YPath((m_directory / name).c_str()); }
+    struct stat StatusOf(const std::string& name) const
+    {
+        struct stat status = {};
+        EXPECT_EQ(lstat((m_directory / name).c_str(), &status), 0) << name;
+        return status;
+    }
+
+    Testing::TemporaryDirectory m_directory;
+};
+
+TEST_F(YFileTest, ReadsARegularFileForward)
+{
+    m_directory.Write("file", "abcdefgh");
+    for (const auto mode : {YFile::OPEN_MODE_READ, YFile::OPEN_MODE_READ_ALTERNATE}) {
+        const struct stat before = StatusOf("file");
+        YFile file(mode, At("file"), YFile::OPT_NONE);
+        EXPECT_EQ(file.GetOpenMode(), mode);
+        EXPECT_EQ(file.GetInode(), before.st_ino);
+        EXPECT_EQ(file.GetSize(), 8u);
+        EXPECT_EQ(file.GetModeFlags(), before.st_mode);
+        EXPECT_EQ(file.GetLastWriteTime(), static_cast<unsigned long long>(before.st_mtime));
+        EXPECT_EQ(file.GetAttributes(), 0u);
+        unsigned char* buffer = file.GetDataPtr();
+        EXPECT_EQ(file.Read(buffer, 5), 5u);
+        EXPECT_EQ(file.Read(buffer + 5, 5), 3u);
+        EXPECT_EQ(std::string(buffer, buffer + 8), "abcdefgh");
+        EXPECT_EQ(file.GetOffset(), 8u);
+        EXPECT_EQ(file.Read(buffer, 5), 0u);
+        file.SetTime(1, 2);
+        file.EndOfFile();
+        EXPECT_EQ(StatusOf("file").st_mtime, before.st_mtime) << "reading sets no times";
+        EXPECT_FALSE(file.IsOpen());
+    }
+}
+
+TEST_F(YFileTest, OpensNothingButRegularFiles)
+{
+    m_directory.Write("file", "content");
+    m_directory.MakeDirectory("directory");
+    fs::create_symlink("file", m_directory / "link");
+    ASSERT_EQ(mkfifo((m_directory / "fifo").c_str(), 0600), 0);
+    for (const std::string name : {"directory", "link", "fifo"}) {
+        YFile file(YFile::OPEN_MODE_READ, At(name), YFile::OPT_NONE);
+        EXPECT_FALSE(file.IsOpen()) << name;
+        EXPECT_EQ(file.IsDirectory(), name == "directory");
+        EXPECT_EQ(file.IsSymbolicLink(), name == "link");
+        EXPECT_EQ(file.GetAttributes(), name == "directory" ? 0x10u : 0u) << name;
+        EXPECT_EQ(file.GetModeFlags(), StatusOf(name).st_mode) << name;
+        EXPECT_RAISES(file.GetInode(), ErrorCode::InvalidState, "GetInode", "File class not open");
+        char byte;
+        EXPECT_RAISES(file.Read(&byte, 1), ErrorCode::InvalidState, "Read", "File is not open");
+        EXPECT_EQ(file.Write("x", 1), 0u) << name;
+    }
+    YFile link(YFile::OPEN_MODE_READ, At("link"), YFile::OPT_NONE);
+    EXPECT_EQ(link.GetSymbolicLinkTarget(), "file");
+}
+
+TEST_F(YFileTest, RefusesOtherModesAndSurvivesFailedOpens)
+{
+    YFile file;
+    for (const unsigned int mode : {0u, 4u})
+        EXPECT_RAISES(file.Open(static_cast<YFile::OPEN_MODE>(mode), At("file"), NoOptions),
+                      ErrorCode::InvalidState, "Open", "Invalid file mode");
+    EXPECT_EQ(file.GetOpenMode(), 4u) << "stays stored";
+    EXPECT_EQ(Testing::CatchError([&] {
+                  file.Open(YFile::OPEN_MODE_READ, At("missing"), NoOptions);
+              })->GetOsError(),
+              ENOENT);
+    EXPECT_EQ(file.GetOpenMode(), YFile::OPEN_MODE_READ);
+    EXPECT_EQ(file.GetPath(), At("missing"));
+    m_directory.Write("file", "x");
+    file.Open(YFile::OPEN_MODE_READ, At("file"), NoOptions);
+    EXPECT_EQ(file.GetSize(), 1u);
+    EXPECT_RAISES(file.Seek(0), ErrorCode::NotImplemented, "Seek",
+                  "Seeking within files is currently not implemented in the unix build of the agent");
+}
+
+TEST_F(YFileTest, WritingReplacesTheFile)
+{
+    m_directory.Write("file", "old content");
+    fs::create_hard_link(m_directory / "file", m_directory / "hard");
+    YFile file(YFile::OPEN_MODE_WRITE, At("file"), YFile::OPT_NONE);
+    EXPECT_EQ(file.Write("new ", 4), 4u);
+    EXPECT_EQ(file.Write("one", 3), 3u);
+    file.SetTime(1000, 2000);
+    EXPECT_NE(StatusOf("file").st_mtime, 2000) << "recorded only";
+    file.Close();
+    file.Close();
+    file.SetTime(1, 1);
+    EXPECT_EQ(StatusOf("file").st_atime, 1000);
+    EXPECT_EQ(StatusOf("file").st_mtime, 2000);
+    EXPECT_EQ(Testing::ReadFile(m_directory / "file"), "new one");
+    EXPECT_EQ(Testing::ReadFile(m_directory / "hard"), "old content");
+    EXPECT_NE(StatusOf("file").st_ino, StatusOf("hard").st_ino);
+}
+
+TEST_F(YFileTest, WritingMakesParentsAndWithoutTimesGivesZero)
+{
+    YFile(YFile::OPEN_MODE_WRITE, At("a/b/file"), NoOptions).Write("x", 1);
+    EXPECT_EQ(StatusOf("a/b/file").st_mtime, 0) << "the destructor closes";
+    YFile folder(YFile::OPEN_MODE_WRITE, At("c/folder"), YFile::OPT_DIRECTORY);
+    folder.Open(YFile::OPEN_MODE_WRITE, At("c/folder"), YFile::OPT_DIRECTORY);
+    folder.SetTime(5, 5);
+    EXPECT_EQ(folder.Write("x", 1), 0u);
+    EXPECT_EQ(folder.GetOffset(), 0u);
+    folder.Close();
+    EXPECT_TRUE(S_ISDIR(StatusOf("c/folder").st_mode));
+    EXPECT_NE(StatusOf("c/folder").st_mtime, 5);
+}
+
+TEST_F(YFileTest, TimesThatCannotBeSet)
+{
+    YFile file(YFile::OPEN_MODE_WRITE, At("file"), NoOptions);
+    fs::remove(m_directory / "file");
+    EXPECT_RAISES_OS(file.Close(), MessageType::General, ENOENT, "SetFileTime",
+                     "Failed to set file time on file: " + m_directory / "file");
+    EXPECT_EQ(file.GetOpenMode(), YFile::OPEN_MODE_WRITE);
+    m_directory.Write("file", "x");
+    file.SetTime(7, 7);
+    file.Close();
+    EXPECT_EQ(StatusOf("file").st_mtime, 7) << "tried again";
+    file.Open(YFile::OPEN_MODE_WRITE, At("other"), NoOptions);
+    fs::remove(m_directory / "other");
+    file.Open(YFile::OPEN_MODE_READ, At("file"), NoOptions);
+    EXPECT_TRUE(file.IsRegularFile()) << "opening again drops the failure";
+}
+
+TEST_F(YFileTest, TracesOnItsChannel)
+{
+    m_directory.Write("in", "abc");
+    const std::string out = m_directory / "out";
+    const Testing::LogCapture log({"FileIo"});
+    YFile file(YFile::OPEN_MODE_WRITE, At("out"), static_cast<YFile::OPTIONS>(3));
+    file.Write("ab", 2);
+    file.SetTime(255, 16);
+    file.Close();
+    file.Write("ab", 2);
+    file.Open(YFile::OPEN_MODE_READ, At("in"), NoOptions);
+    char buffer[8];
+    file.Read(buffer, 8);
+    file.Open(YFile::OPEN_MODE_WRITE, At("dir"), YFile::OPT_DIRECTORY);
+    const std::vector<std::string> expected = {
+        "YFile: Creating file for write " + out + " Option 3",
+        "YFile: Successfully opened file " + out,
+        "YFile: Writing 2 to file with path=" + out + "  isopen = 1",
+        "YFile: Setting file times",
+        "YFile:    Access time: ff",
+        "YFile:    Write time: 10",
+        "YFile: Writing 2 to file with path=" + out + "  isopen = 0",
+        "YFile: Successfully opened file " + m_directory / "in",
+        "YFile: Read 8 bytes from file " + m_directory / "in",
+        "YFile: Creating folder " + m_directory / "dir",
+        "YFile: Successfully opened file " + m_directory / "dir",
+    };
+    EXPECT_EQ(log.Texts(), expected);
+}
+
+TEST_F(YFileTest, TheSwitchForAttributesGovernsReadingAlone)
+{
+    class Switched : public YFile
+    {
+    public:
+        using YFile::YFile;
+        bool IsXattrDisabled() const override { return true; }
+    };
+    m_directory.Write("file", "x");
+    if (setxattr((m_directory / "file").c_str(), "user.a", "1", 1, 0) != 0)
+        GTEST_SKIP() << "the file system of the temporary directory keeps no extended attributes";
+    unsigned char value[] = {'2'};
+    Switched off(YFile::OPEN_MODE_READ, At("file"), NoOptions);
+    off.AddExtendedAttribute("user.b", value, 1);
+    EXPECT_TRUE(off.ListExtendedAttributes().empty());
+    EXPECT_TRUE(off.GetExtendedAttributeMap().empty());
+
+    YFile file(YFile::OPEN_MODE_READ, At("file"), NoOptions);
+    const std::string configuration =
+        m_directory.Write("kbagent.conf", "[configuration]\ndisableXattr=false\n");
+    setenv("KBAGENT_CONFIG", configuration.c_str(), 1);
+    EXPECT_TRUE(file.GetExtendedAttributeMap().contains("user.b"));
+    m_directory.Write("kbagent.conf", "[configuration]\ndisableXattr=true\n");
+    EXPECT_TRUE(file.GetExtendedAttributeMap().empty()) << "read afresh";
+    unsetenv("KBAGENT_CONFIG");
+}
+
+TEST_F(YFileTest, InitialisingKeepsWhatOnlyReadingSets)
+{
+    m_directory.Write("file", "x");
+    YFile file(YFile::OPEN_MODE_READ, At("file"), NoOptions);
+    file.Initialize(9);
+    EXPECT_TRUE(file.GetPath().IsEmpty());
+    EXPECT_EQ(file.GetSize(), 0u);
+    EXPECT_EQ(file.GetModeFlags(), StatusOf("file").st_mode);
+    EXPECT_EQ(file.GetUID(), geteuid());
+}
+
+TEST(YFileOptions, PrintOneBitAlone)
+{
+    const std::pair<unsigned int, const char*> rows[] = {{0, ""}, {1, "OPT_NONE"}, {8, ""}, {9, "OPT_NONE"}};
+    for (const auto& [bits, text] : rows) {
+        Krt::YStream stream{Krt::YString()};
+        stream << static_cast<YFile::OPTIONS>(bits);
+        EXPECT_EQ(Krt::YString(stream), text) << bits;
+    }
+}
+
+} // namespace
