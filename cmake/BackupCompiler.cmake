@@ -11,6 +11,7 @@ if(BACKUP_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
 endif()
 
 file(RELATIVE_PATH BACKUP_RELATIVE_ROOT "${CMAKE_BINARY_DIR}" "${CMAKE_SOURCE_DIR}")
+string(REGEX REPLACE "/$" "" BACKUP_RELATIVE_ROOT "${BACKUP_RELATIVE_ROOT}") # there for a root above
 add_library(BackupCompiler INTERFACE)
 target_compile_features(BackupCompiler INTERFACE cxx_std_20)
 target_compile_options(BackupCompiler INTERFACE

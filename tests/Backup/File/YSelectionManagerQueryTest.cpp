@@ -13,7 +13,11 @@ using Krt::ErrorCode;
 using Testing::Rule;
 using Testing::Tree;
 using List = std::vector<std::string>;
-using enum Backup::File::YSelectionDescriptor::SelectionType;
+using Backup::File::YSelectionDescriptor;
+constexpr auto NotSelectedDoNotRecurse = YSelectionDescriptor::NotSelectedDoNotRecurse;
+constexpr auto NotSelectedDoRecurse = YSelectionDescriptor::NotSelectedDoRecurse;
+constexpr auto Include = YSelectionDescriptor::Include;
+constexpr auto Exclude = YSelectionDescriptor::Exclude;
 
 TEST(YSelectionManagerQuery, Answers)
 {

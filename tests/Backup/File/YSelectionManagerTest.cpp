@@ -186,12 +186,10 @@ TEST(YSelectionManager, HoldsAnyDepth)
         deep += "/d";
     const YPath bottom{YString(std::string_view(deep))};
     const Krt::Match::AnyDescriptor any;
-    using enum YSelectionDescriptor::SelectionType;
-    using enum YSelectionDescriptor::RecursionType;
     YSelectionManager tree;
-    tree.Add(bottom, any, NonRecursive, Include, true);
-    EXPECT_EQ(tree.GetPathSelectionType(bottom), NotSelectedDoRecurse);
-    EXPECT_EQ(tree.GetPathSelectionType("/d"), NotSelectedDoRecurse);
+    tree.Add(bottom, any, YSelectionDescriptor::NonRecursive, YSelectionDescriptor::Include, true);
+    EXPECT_EQ(tree.GetPathSelectionType(bottom), YSelectionDescriptor::NotSelectedDoRecurse);
+    EXPECT_EQ(tree.GetPathSelectionType("/d"), YSelectionDescriptor::NotSelectedDoRecurse);
     EXPECT_EQ(tree.GetIncludeTops("/"), std::set<YPath>{bottom});
     YSelectionManager copy = tree;
     EXPECT_TRUE(copy == tree);
@@ -199,7 +197,7 @@ TEST(YSelectionManager, HoldsAnyDepth)
     EXPECT_TRUE(copy == tree);
     Krt::YStream printed{YString()};
     printed << *tree.FindNode(bottom, true).first;
-    copy.Add("/d", any, Recursive, Include, true);
+    copy.Add("/d", any, YSelectionDescriptor::Recursive, YSelectionDescriptor::Include, true);
     EXPECT_EQ(CountNodes(copy), 2U);
     tree.Delete("/");
     EXPECT_EQ(CountNodes(tree), 1U);

@@ -21,7 +21,6 @@ using Krt::JSON::YObject;
 using Krt::JSON::YValue;
 using Testing::Tree;
 using Testing::Words;
-using enum Backup::File::YSelectionDescriptor::SelectionType;
 
 std::string Join(const std::set<YPath>& paths)
 {
@@ -42,12 +41,13 @@ TEST(YSelectionManagerVisit, PathsStopAtTheTopmost)
         });
         return seen + (stopped ? "stopped" : "end");
     };
-    EXPECT_EQ(visit(Include, "/", ""), "/a /c end");
-    EXPECT_EQ(visit(Include, "/", "/a"), "/a stopped");
-    EXPECT_EQ(visit(Exclude, "/", ""), "/d end");
-    EXPECT_EQ(visit(NotSelectedDoRecurse, "/", ""), "end");
-    EXPECT_EQ(visit(Include, "/a/b/x/y", ""), "/a/b end") << "from the nearest ancestor";
-    EXPECT_THROW(tree.VisitPaths(Include, "/", nullptr), std::bad_function_call);
+    EXPECT_EQ(visit(YSelectionDescriptor::Include, "/", ""), "/a /c end");
+    EXPECT_EQ(visit(YSelectionDescriptor::Include, "/", "/a"), "/a stopped");
+    EXPECT_EQ(visit(YSelectionDescriptor::Exclude, "/", ""), "/d end");
+    EXPECT_EQ(visit(YSelectionDescriptor::NotSelectedDoRecurse, "/", ""), "end");
+    EXPECT_EQ(visit(YSelectionDescriptor::Include, "/a/b/x/y", ""), "/a/b end")
+        << "from the nearest ancestor";
+    EXPECT_THROW(tree.VisitPaths(YSelectionDescriptor::Include, "/", nullptr), std::bad_function_call);
 }
 
 TEST(YSelectionManagerVisit, RulesAndNodes)
