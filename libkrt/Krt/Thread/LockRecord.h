@@ -45,15 +45,15 @@ struct alignas(64) LockRecord
 class LockRecordTable
 {
 public:
-    static LockRecordTable& Mine();
+    static LockRecordTable& Mine() noexcept;
 
     /// Null if there is none. The record may be that of an earlier lock at the same address: LockGone is set
     /// then.
-    LockRecord* Find(const YReadWriteMutexInternal* lock) const noexcept
+    LockRecord* Find(const YReadWriteMutexInternal* lock) noexcept
     {
-        if (m_slots == nullptr)
-            return nullptr;
-        return m_slots[Locate(lock)];
+        if (m_last == nullptr || m_last->lock != lock)
+            m_last = m_slots == nullptr ? nullptr : m_slots[Locate(lock)];
+        return m_last;
     }
     /// Makes sure that one more record fits. Raises if memory can't be had.
     void Reserve();
@@ -75,9 +75,19 @@ private:
     static void Release(void* table);
 
     // Plain members and no destructor: thread-local objects that go late may still lock.
+    LockRecord* m_last = nullptr; // the one found last
     LockRecord** m_slots = nullptr;
     std::size_t m_mask = 0;
     std::size_t m_count = 0;
 };
+
+// The model "initial-exec" spares each lock a call that would only look up this address.
+[[gnu::tls_model("initial-exec"),
+  gnu::visibility("hidden")]] extern constinit thread_local LockRecordTable t_lockRecords;
+
+inline LockRecordTable& LockRecordTable::Mine() noexcept
+{
+    return t_lockRecords;
+}
 
 } // namespace Krt::Thread

@@ -7,10 +7,6 @@
 
 namespace Krt::Thread {
 
-YReadWriteMutex::YLock::YLock(boost::shared_ptr<YReadWriteMutexInternal> internal) noexcept
-    : m_internal(std::move(internal))
-{}
-
 YReadWriteMutex::YLock::YLock(YLock&& other) noexcept
     : m_internal(std::move(other.m_internal)), m_readLevels(std::exchange(other.m_readLevels, 0)),
       m_writeLevels(std::exchange(other.m_writeLevels, 0))
@@ -27,15 +23,8 @@ YReadWriteMutex::YLock& YReadWriteMutex::YLock::operator=(YLock&& other) noexcep
     return *this;
 }
 
-YReadWriteMutex::YLock::~YLock()
+void YReadWriteMutex::YLock::ReleaseHeld() noexcept
 {
-    Release();
-}
-
-void YReadWriteMutex::YLock::Release() noexcept
-{
-    if (!m_internal)
-        return;
     if (m_readLevels != 0)
         m_internal->ReadFastForward(m_readLevels - 1);
     else if (m_writeLevels != 0)
@@ -56,20 +45,18 @@ void YReadWriteMutex::YLock::GiveUpAllLevels()
 
 YReadWriteMutex::YReadWriteMutex() : m_internal(YReadWriteMutexInternal::Make()) {}
 
-// The lock's pointer owns no share: the levels that the thread holds keep the object, and a count that all
-// threads write would make readers wait for each other's memory.
 YReadWriteMutex::YLock YReadWriteMutex::ReadLock(const Time::YDuration& timeout) const
 {
     if (!m_internal->ReadLock(timeout))
         KRT_RAISE_ON(MessageType::Runtime, ErrorCode::LockTimeout);
-    return YLock(boost::shared_ptr<YReadWriteMutexInternal>(boost::shared_ptr<void>(), m_internal.get()));
+    return YLock(m_internal.get());
 }
 
 YReadWriteMutex::YLock YReadWriteMutex::WriteLock(const Time::YDuration& timeout) const
 {
     if (!m_internal->WriteLock(timeout))
         KRT_RAISE_ON(MessageType::Runtime, ErrorCode::LockTimeout);
-    return YLock(boost::shared_ptr<YReadWriteMutexInternal>(boost::shared_ptr<void>(), m_internal.get()));
+    return YLock(m_internal.get());
 }
 
 } // namespace Krt::Thread

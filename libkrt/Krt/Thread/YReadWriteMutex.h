@@ -21,16 +21,25 @@ public:
         YLock() = default;
         YLock(YLock&& other) noexcept;
         YLock& operator=(YLock&& other) noexcept;
-        ~YLock();
+        ~YLock() { Release(); }
         /// Gives the level back; a second call does nothing. On the thread that took it, last taken first.
-        void Release() noexcept;
+        void Release() noexcept
+        {
+            if (m_internal)
+                ReleaseHeld();
+        }
         /// Gives up every level that this thread holds, for a wait; the release brings all but this lock's
         /// own level back, all for writing if one was.
         void GiveUpAllLevels();
 
     private:
         friend class YReadWriteMutex;
-        explicit YLock(boost::shared_ptr<YReadWriteMutexInternal> internal) noexcept;
+        // The pointer owns no share: the levels that the thread holds keep the object, and a count that all
+        // threads write would make readers wait for each other's memory.
+        explicit YLock(YReadWriteMutexInternal* internal) noexcept
+            : m_internal(boost::shared_ptr<void>(), internal)
+        {}
+        void ReleaseHeld() noexcept;
 
         boost::shared_ptr<YReadWriteMutexInternal> m_internal;
         // Levels to bring back at release; both 0 for a plain lock.

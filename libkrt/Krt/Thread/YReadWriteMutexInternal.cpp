@@ -118,12 +118,6 @@ void YReadWriteMutexInternal::WriteFastForward(unsigned int levels)
         WriteLock(Time::YDuration::Zero());
 }
 
-bool YReadWriteMutexInternal::IsReadLockedByMe() const
-{
-    const LockRecord* const record = LockRecordTable::Mine().Find(this);
-    return record != nullptr && record->readLevels != 0 && record->writeLevels == 0;
-}
-
 boost::shared_ptr<YReadWriteMutexInternal> YReadWriteMutexInternal::GiveUpAllLevels(unsigned int& readLevels,
                                                                                     unsigned int& writeLevels)
 {
@@ -140,14 +134,6 @@ boost::shared_ptr<YReadWriteMutexInternal> YReadWriteMutexInternal::GiveUpAllLev
     while (record.readLevels != 0)
         ReadUnlock();
     return share;
-}
-
-LockRecord& YReadWriteMutexInternal::MyRecord()
-{
-    LockRecord* const record = LockRecordTable::Mine().Find(this);
-    if (record == nullptr || record->Is(LockRecord::LockGone)) [[unlikely]]
-        return Register();
-    return *record;
 }
 
 LockRecord& YReadWriteMutexInternal::HeldRecord(unsigned int LockRecord::*levels) const

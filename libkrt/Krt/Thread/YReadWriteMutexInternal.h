@@ -37,7 +37,11 @@ public:
     void ReadFastForward(unsigned int levels);
     void WriteFastForward(unsigned int levels);
     /// Whether the caller's last level reads. A read level taken while writing counts as one that writes.
-    bool IsReadLockedByMe() const;
+    bool IsReadLockedByMe() const
+    {
+        const LockRecord* const record = LockRecordTable::Mine().Find(this);
+        return record != nullptr && record->readLevels != 0 && record->writeLevels == 0;
+    }
     /// Gives up all levels of the caller and stores how many, as readers' or as writers' ones; the result is
     /// a share that keeps the lock meanwhile.
     boost::shared_ptr<YReadWriteMutexInternal> GiveUpAllLevels(unsigned int& readLevels,
@@ -53,7 +57,12 @@ private:
     static Deadline DeadlineOf(const Time::YDuration& timeout);
     static void Retire(YReadWriteMutexInternal* lock);
 
-    LockRecord& MyRecord();
+    LockRecord& MyRecord()
+    {
+        LockRecord* const record = LockRecordTable::Mine().Find(this);
+        const bool usable = record != nullptr && !record->Is(LockRecord::LockGone);
+        return usable ? *record : Register();
+    }
     LockRecord& HeldRecord(unsigned int LockRecord::*levels) const;
     LockRecord& Register();
     bool WaitToRead(LockRecord& record, const Time::YDuration& timeout);

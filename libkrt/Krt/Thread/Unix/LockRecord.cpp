@@ -9,9 +9,9 @@
 
 namespace Krt::Thread {
 
-namespace {
+constinit thread_local LockRecordTable t_lockRecords;
 
-[[gnu::tls_model("initial-exec")]] constinit thread_local LockRecordTable t_table;
+namespace {
 
 pthread_key_t MakeKey(void (*release)(void*))
 {
@@ -23,16 +23,12 @@ pthread_key_t MakeKey(void (*release)(void*))
 
 } // namespace
 
-LockRecordTable& LockRecordTable::Mine()
-{
-    return t_table;
-}
-
 void LockRecordTable::Reserve()
 {
     if (m_slots != nullptr && (m_count + 1) * 2 <= m_mask + 1)
         return;
     ReleaseAtThreadExit();
+    m_last = nullptr;
     const std::size_t oldSize = m_slots == nullptr ? 0 : m_mask + 1;
     std::size_t live = 0;
     for (std::size_t slot = 0; slot < oldSize; ++slot)
@@ -60,7 +56,7 @@ void LockRecordTable::Insert(LockRecord* record) noexcept
         ++m_count;
     else
         slot->Drop(LockRecord::ThreadGone);
-    slot = record;
+    slot = m_last = record;
 }
 
 // The destructors of keys run after those of all thread-local objects.

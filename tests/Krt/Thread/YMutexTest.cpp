@@ -1,0 +1,114 @@
+#include "Krt/Thread/YMutex.h"
+
+#include "Krt/Thread/SpinLock.h"
+
+#include <boost/make_shared.hpp>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace Krt::Thread {
+namespace {
+
+TEST(YMutex, NullMutexDoesNothing)
+{
+    const YMutex none{boost::shared_ptr<YMutexInternal>()};
+    YMutex::YLock lock = none.Lock();
+    lock.GiveUpAllLevels();
+    YMutex::YLock other = std::move(lock);
+    other = none.Lock();
+}
+
+TEST(YMutex, LevelsAreCountedAndTheLastOneFrees)
+{
+    const auto internal = boost::make_shared<YMutexInternal>(0);
+    const YMutex mutex(internal);
+    YMutex::YLock outer = mutex.Lock();
+    {
+        YMutex::YLock inner = mutex.Lock();
+        EXPECT_EQ(internal->GetLockCount(), 2u);
+        YMutex::YLock taker = std::move(inner);
+        inner = YMutex::YLock();
+        EXPECT_EQ(internal->GetLockCount(), 2u) << "the source of a move gives nothing back";
+        taker = mutex.Lock();
+        EXPECT_EQ(internal->GetLockCount(), 2u) << "an assignment gives back what it replaces";
+        std::thread([&] { EXPECT_FALSE(internal->IsLockedByMe()); }).join();
+    }
+    EXPECT_TRUE(internal->IsLockedByMe());
+    outer = YMutex::YLock();
+    EXPECT_EQ(internal->GetLockCount(), 0u);
+    EXPECT_FALSE(internal->IsLockedByMe());
+}
+
+TEST(YMutex, GivenUpLevelsAreBroughtBackButTheLocksOwn)
+{
+    for (const unsigned int outerLevels : {0u, 1u, 3u}) {
+        const auto internal = boost::make_shared<YMutexInternal>(0);
+        const YMutex mutex(internal);
+        std::vector<YMutex::YLock> outer;
+        for (unsigned int level = 0; level < outerLevels; ++level)
+            outer.push_back(mutex.Lock());
+        {
+            YMutex::YLock lock = mutex.Lock();
+            lock.GiveUpAllLevels();
+            EXPECT_EQ(internal->GetLockCount(), 0u);
+            std::thread([&] { const YMutex::YLock other = mutex.Lock(); }).join();
+        }
+        EXPECT_EQ(internal->GetLockCount(), outerLevels);
+        EXPECT_EQ(internal->IsLockedByMe(), outerLevels != 0);
+    }
+}
+
+TEST(YMutex, LockOutlivesTheMutexThatGaveIt)
+{
+    YMutex::YLock lock;
+    {
+        const YMutex mutex;
+        lock = mutex.Lock();
+    }
+}
+
+TEST(YMutexDeathTest, UnlockOfAMutexThatIsNotHeldAborts)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(YMutexInternalBase().Unlock(),
+                 "Abort due to required check: '!\\(error = pthread_mutex_unlock\\(&m_mutex\\)\\)' "
+                 "Mutex unlock error 1");
+}
+
+TEST(SpinLock, RecursesOnItsThreadAndExcludesOthers)
+{
+    SpinLock spin;
+    long sum = 0;
+    std::atomic<bool> otherEntered = false;
+    spin.Enter();
+    spin.Enter();
+    std::thread other([&] {
+        const SpinGuard guard(spin);
+        otherEntered = true;
+        ++sum;
+    });
+    spin.Leave();
+    std::this_thread::yield();
+    EXPECT_FALSE(otherEntered) << "one level is still held";
+    ++sum;
+    spin.Leave();
+    other.join();
+
+    const auto count = [&] {
+        for (int i = 0; i < 5000; ++i) {
+            const SpinGuard guard(spin);
+            const SpinGuard nested(spin);
+            ++sum;
+        }
+    };
+    std::thread counter(count);
+    count();
+    counter.join();
+    EXPECT_EQ(sum, 10002);
+}
+
+} // namespace
+} // namespace Krt::Thread

@@ -1,0 +1,292 @@
+#include "Krt/Thread/YReadWriteMutex.h"
+
+#include "testing/Raises.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <latch>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Krt::Thread {
+namespace {
+
+using Time::YDuration;
+using Lock = YReadWriteMutex::YLock;
+
+const YDuration Forever = YDuration::Zero();
+const YDuration Short = YDuration::Milliseconds(1);
+
+template <class Work>
+void OnOtherThread(Work work)
+{
+    std::thread(work).join();
+}
+
+bool Takes(const YReadWriteMutex& mutex, bool write)
+{
+    bool taken = false;
+    OnOtherThread([&] {
+        taken = !Testing::CatchError(
+            [&] { const Lock lock = write ? mutex.WriteLock(Short) : mutex.ReadLock(Short); });
+    });
+    return taken;
+}
+
+// What another thread can take now: 'W'rite, 'R'ead or nothing.
+char OthersTake(const YReadWriteMutex& mutex)
+{
+    return Takes(mutex, true) ? 'W' : Takes(mutex, false) ? 'R' : '-';
+}
+
+Lock Take(const YReadWriteMutex& mutex, char kind)
+{
+    return kind == 'W' ? mutex.WriteLock(Forever) : mutex.ReadLock(Forever);
+}
+
+struct Nesting
+{
+    const char* name;
+    const char* taken;
+    const char* othersTake; // before the first level, and behind each
+};
+
+class YReadWriteMutexNesting : public testing::TestWithParam<Nesting>
+{};
+
+TEST_P(YReadWriteMutexNesting, EachLevelIsGivenBackAsTheKindItWasTaken)
+{
+    const std::string taken = GetParam().taken;
+    const std::string expected = GetParam().othersTake;
+    const YReadWriteMutex mutex;
+    std::vector<Lock> locks;
+    for (std::size_t level = 0; level < taken.size(); ++level) {
+        EXPECT_EQ(OthersTake(mutex), expected[level]) << "with " << level << " levels";
+        locks.push_back(Take(mutex, taken[level]));
+    }
+    for (std::size_t level = taken.size(); level > 0; --level) {
+        EXPECT_EQ(OthersTake(mutex), expected[level]) << "back at " << level << " levels";
+        locks.pop_back();
+    }
+    EXPECT_EQ(OthersTake(mutex), 'W');
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, YReadWriteMutexNesting,
+                         testing::Values(Nesting{"ReadTwice", "RR", "WRR"},
+                                         Nesting{"WriteTwice", "WW", "W--"},
+                                         Nesting{"ReadInsideWrite", "WR", "W--"},
+                                         Nesting{"WriteInsideRead", "RW", "WR-"},
+                                         Nesting{"Alternating", "RRWRWR", "WRR----"}),
+                         [](const auto& row) { return row.param.name; });
+
+TEST(YReadWriteMutex, TimeOutRaisesAndLeavesNoLock)
+{
+    const YReadWriteMutex mutex;
+    Lock writer = mutex.WriteLock(Forever);
+    OnOtherThread([&] {
+        EXPECT_RAISES_ON(mutex.ReadLock(Short), MessageType::Runtime, ErrorCode::LockTimeout, "ReadLock", "");
+        EXPECT_RAISES_ON(mutex.WriteLock(Short), MessageType::Runtime, ErrorCode::LockTimeout, "WriteLock",
+                         "");
+        const auto error = Testing::CatchError([&] { mutex.WriteLock(YDuration::Milliseconds(-1)); });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->GetFile(), "Krt/Thread/YReadWriteMutex");
+    });
+    Lock moved = std::move(writer);
+    writer.Release();
+    EXPECT_EQ(OthersTake(mutex), '-');
+    moved.Release();
+    moved.Release();
+    EXPECT_EQ(OthersTake(mutex), 'W');
+
+    const Lock reader = mutex.ReadLock(Forever);
+    OnOtherThread([&] {
+        const Lock other = mutex.ReadLock(Forever);
+        EXPECT_TRUE(Testing::CatchError([&] { mutex.WriteLock(Short); })) << "beside another reader";
+    });
+    const Lock upgraded = mutex.WriteLock(Forever);
+}
+
+TEST(YReadWriteMutex, SecondReaderThatWantsToWriteIsRefusedAtOnce)
+{
+    const YReadWriteMutex mutex;
+    std::latch bothRead(2);
+    std::atomic<int> written = 0;
+    std::atomic<int> refused = 0;
+    const auto upgrade = [&] {
+        const Lock reader = mutex.ReadLock(Forever);
+        bothRead.arrive_and_wait();
+        if (Testing::CatchError([&] { const Lock writer = mutex.WriteLock(Forever); }))
+            ++refused;
+        else
+            ++written;
+    };
+    std::thread other(upgrade);
+    upgrade();
+    other.join();
+    EXPECT_EQ(written, 1);
+    EXPECT_EQ(refused, 1);
+}
+
+// Whoever holds a read lock may wait for a thread that wants one too, in spite of a writer in between.
+TEST(YReadWriteMutex, WaitingWriterDoesNotBlockWhatItsReaderWaitsFor)
+{
+    const YReadWriteMutex mutex;
+    std::optional<Lock> visitor = mutex.ReadLock(Forever);
+    std::atomic<bool> aboutToWrite = false;
+    std::thread writer([&] {
+        aboutToWrite = true;
+        const Lock lock = mutex.WriteLock(Forever);
+    });
+    while (!aboutToWrite)
+        std::this_thread::yield();
+    for (int query = 0; query < 3; ++query)
+        OnOtherThread([&] { const Lock lock = mutex.ReadLock(Forever); });
+    {
+        const Lock nested = mutex.ReadLock(Forever);
+    }
+    visitor.reset();
+    writer.join();
+}
+
+TEST(YReadWriteMutex, CrossedReadersPassWaitingWriters)
+{
+    const YReadWriteMutex a, b;
+    std::atomic<bool> done = false;
+    std::vector<std::thread> threads;
+    for (const YReadWriteMutex* mutex : {&a, &b}) {
+        threads.emplace_back([&, mutex] {
+            while (!done)
+                const Lock lock = mutex->WriteLock(Forever);
+        });
+    }
+    const auto compare = [](const YReadWriteMutex& first, const YReadWriteMutex& second) {
+        for (int i = 0; i < 500; ++i) {
+            const Lock outer = first.ReadLock(Forever);
+            std::this_thread::yield();
+            const Lock inner = second.ReadLock(Forever);
+        }
+    };
+    std::thread crossed([&] { compare(b, a); });
+    compare(a, b);
+    crossed.join();
+    done = true;
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+// Without limits of time a lost wake-up shows as a hang, and lost exclusion as a wrong sum.
+TEST(YReadWriteMutex, MixedUseByManyThreadsExcludesAndNeverSleepsOn)
+{
+    constexpr int Rounds = 10000;
+    const YReadWriteMutex mutex;
+    long first = 0, second = 0;
+    std::atomic<long> written = 0;
+    const auto write = [&](const YDuration& timeout) {
+        if (Testing::CatchError([&] {
+                const Lock lock = mutex.WriteLock(timeout);
+                ++first;
+                const Lock nested = mutex.ReadLock(Forever);
+                ++second;
+            }))
+            return;
+        ++written;
+    };
+    const auto work = [&](unsigned int seed) {
+        for (int round = 0; round < Rounds; ++round) {
+            seed = seed * 1103515245 + 12345;
+            const unsigned int choice = seed >> 16 & 15;
+            if (choice == 0) {
+                write(Forever);
+            } else if (choice == 1) {
+                write(YDuration::Milliseconds(1));
+            } else {
+                const Lock lock = mutex.ReadLock(Forever);
+                ASSERT_EQ(first, second);
+                if (choice == 2)
+                    write(Forever);
+                const Lock nested = mutex.ReadLock(Forever);
+                ASSERT_EQ(first, second);
+            }
+        }
+    };
+    std::vector<std::thread> threads;
+    for (unsigned int seed = 1; seed <= 4; ++seed)
+        threads.emplace_back(work, seed);
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(first, written);
+    EXPECT_EQ(second, written);
+    EXPECT_GE(written, 1);
+}
+
+TEST(YReadWriteMutex, LockOutlivesItsMutex)
+{
+    for (const std::string taken : {"R", "W", "RRW", "WR"}) {
+        std::optional<YReadWriteMutex> mutex(std::in_place);
+        std::latch held(2), gone(1);
+        std::thread holder([&] {
+            std::vector<Lock> locks;
+            for (const char kind : taken)
+                locks.push_back(Take(*mutex, kind));
+            held.arrive_and_wait();
+            gone.wait();
+            while (!locks.empty())
+                locks.pop_back();
+        });
+        held.arrive_and_wait();
+        mutex.reset();
+        gone.count_down();
+        holder.join();
+    }
+}
+
+// For the address and leak checks: records are given up by the side that goes last.
+TEST(YReadWriteMutex, LocksAndThreadsGoInAnyOrder)
+{
+    const YReadWriteMutex lasting;
+    for (int thread = 0; thread < 50; ++thread)
+        OnOtherThread([&] {
+            const Lock lock = lasting.ReadLock(Forever);
+            for (int i = 0; i < 100; ++i) { // mostly at one address
+                const YReadWriteMutex brief;
+                const Lock reader = brief.ReadLock(Forever);
+                const Lock writer = brief.WriteLock(Forever);
+            }
+        });
+    const std::vector<YReadWriteMutex> many = [] {
+        std::vector<YReadWriteMutex> mutexes;
+        for (int i = 0; i < 300; ++i)
+            mutexes.push_back(YReadWriteMutex());
+        return mutexes;
+    }();
+    std::vector<Lock> locks;
+    for (const YReadWriteMutex& mutex : many)
+        locks.push_back(mutex.ReadLock(Forever));
+    EXPECT_EQ(OthersTake(many.front()), 'R');
+    locks.clear();
+    for (const YReadWriteMutex& mutex : many)
+        const Lock lock = mutex.WriteLock(Forever);
+    EXPECT_EQ(OthersTake(lasting), 'W');
+}
+
+TEST(YReadWriteMutex, GivenUpLevelsComeBack)
+{
+    for (const std::string taken : {"RR", "WW", "RW"}) {
+        std::optional<YReadWriteMutex> mutex(std::in_place);
+        Lock outer = Take(*mutex, taken[0]);
+        {
+            Lock inner = Take(*mutex, taken[1]);
+            inner.GiveUpAllLevels();
+            EXPECT_EQ(OthersTake(*mutex), 'W') << taken;
+        }
+        EXPECT_EQ(OthersTake(*mutex), taken[1] == 'W' ? '-' : 'R') << taken;
+        outer.GiveUpAllLevels();
+        mutex.reset(); // the lock keeps what it will come back to
+    }
+}
+
+} // namespace
+} // namespace Krt::Thread

@@ -1,0 +1,150 @@
+#include "Krt/Thread/YThreadBase.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/Thread/Thread.h"
+#include "Krt/Thread/YCancellationScope.h"
+
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <latch>
+#include <stdexcept>
+#include <thread>
+
+namespace Krt::Thread {
+namespace {
+
+TEST(GetThreadId, IsRenewedInTheChildOfAFork)
+{
+    const unsigned long long parent = GetThreadId();
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(GetThreadId() != parent && GetThreadId() == GetThreadId() ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    std::thread([&] { EXPECT_NE(GetThreadId(), parent); }).join();
+}
+
+TEST(YThreadBase, ThreadKnowsItsObjectAndItsName)
+{
+    struct
+    {
+        const char* name;
+        const char* systemName;
+    } const rows[] = {{"", ""},
+                      {"walker", "walker"},
+                      {"a name of \xC3\xA4\xC3\xB6\xC3\xBC\xC3\x9F", "a name of \xC3\xA4\xC3\xB6"}};
+    for (const auto& row : rows) {
+        YThreadBase* seen = nullptr;
+        YString name;
+        char systemName[64] = "";
+        YThreadBase thread(
+            [&] {
+                seen = GetThread();
+                name = GetName();
+                pthread_getname_np(pthread_self(), systemName, sizeof systemName);
+            },
+            row.name);
+        thread.Join();
+        EXPECT_EQ(seen, &thread);
+        EXPECT_EQ(name, row.name);
+        EXPECT_TRUE(std::string(row.name).starts_with(systemName)) << systemName;
+#ifdef __linux__
+        EXPECT_STREQ(systemName, row.systemName);
+#endif
+    }
+    EXPECT_EQ(GetThread(), nullptr);
+    std::thread([] {
+        EXPECT_EQ(GetThread(), nullptr);
+        EXPECT_FALSE(GetName().IsEmpty()) << "the one that the system knows";
+    }).join();
+}
+
+TEST(YThreadBase, KeepsTheErrorThatEndsItsFunction)
+{
+    YThreadBase raising([] { KRT_RAISE_AS("Work", MessageType::Volume, ErrorCode::NotFound, "lost"); }, "");
+    YThreadBase throwing([] { throw std::runtime_error("no luck"); }, "");
+    YThreadBase quiet([] {}, "");
+    raising.Join();
+    throwing.Join();
+    quiet.Join();
+    quiet.Join();
+    EXPECT_EQ(raising.GetError().GetCode(), static_cast<unsigned int>(ErrorCode::NotFound));
+    EXPECT_EQ(raising.GetError().GetMessage(), "lost");
+    EXPECT_NE(throwing.GetError().GetMessage().Bytes().find("no luck"), std::string::npos);
+    EXPECT_EQ(quiet.GetError().GetCode(), 0u);
+}
+
+TEST(YThreadBase, CancellationReachesTheTopmostScopeAlone)
+{
+    std::latch up(2), asked(2);
+    YThreadBase thread(
+        [&] {
+            const YCancellationScope outer;
+            {
+                const YCancellationScope inner;
+                up.arrive_and_wait();
+                asked.arrive_and_wait();
+                EXPECT_TRUE(inner.IsCancelled());
+            }
+            EXPECT_FALSE(outer.IsCancelled());
+        },
+        "");
+    up.arrive_and_wait();
+    EXPECT_FALSE(thread.IsCancelRequested());
+    thread.RequestCancel();
+    asked.arrive_and_wait();
+    thread.Join();
+    thread.RequestCancel();
+    EXPECT_TRUE(thread.IsCancelRequested());
+    const YCancellationScope foreign;
+    EXPECT_FALSE(foreign.IsCancelled());
+}
+
+TEST(YThreadBase, RunnableIsNotPoppedWhileARequestCallsIt)
+{
+    std::latch pushed(2), called(2);
+    std::atomic<bool> finished = false;
+    YThreadBase thread(
+        [&] {
+            IRunnable runnable(
+                [&] {
+                    called.arrive_and_wait();
+                    for (int i = 0; i < 100; ++i)
+                        std::this_thread::yield();
+                    finished = true;
+                },
+                "");
+            GetThread()->PushRunnable(&runnable);
+            pushed.arrive_and_wait();
+            called.arrive_and_wait();
+            GetThread()->PopRunnable(&runnable);
+            EXPECT_TRUE(finished);
+        },
+        "");
+    pushed.arrive_and_wait();
+    thread.RequestCancel();
+}
+
+// For the thread checker: scopes come and go while requests arrive.
+TEST(YThreadBase, RequestsRaceWithScopes)
+{
+    std::atomic<bool> done = false;
+    YThreadBase thread(
+        [&] {
+            for (int i = 0; i < 2000; ++i)
+                const YCancellationScope scope;
+            done = true;
+        },
+        "");
+    while (!done)
+        thread.RequestCancel();
+}
+
+} // namespace
+} // namespace Krt::Thread
