@@ -1,0 +1,224 @@
+#include "Krt/Exception/Raise.h"
+#include "Krt/KrtFoundation/boostapi.h"
+#include "testing/LogCapture.h"
+#include "testing/Raises.h"
+
+#include "Krt/Thread/Thread.h"
+
+#include <cerrno>
+#include <csignal>
+#include <functional>
+#include <sstream>
+#include <stdexcept>
+
+using namespace Krt;
+using Exception::YError;
+using Exception::YErrorBase;
+using Testing::CatchError;
+
+namespace {
+
+class Site
+{
+public:
+    Site() = default;
+    explicit Site(int) { KRT_RAISE(ErrorCode::InvalidArgument, "constructor"); }
+    void Member() const { KRT_RAISE(ErrorCode::InvalidArgument); }
+    template <class T>
+    void Template(T value) const
+    {
+        KRT_RAISE_UNLESS(value == T(), ErrorCode::InvalidArgument, "value " << value);
+    }
+    operator int() const { KRT_RAISE_AS("operator int", MessageType::Runtime, ErrorCode::ValueConversion); }
+    void Assert(int left) const { KRT_ASSERT(left == 0, "left over: " << left); }
+    void Require(int left) const { KRT_REQUIRE(left == 0, "for certain"); }
+};
+
+YString TextOf(const YError& error)
+{
+    YStream text{YString()};
+    text << error;
+    return text;
+}
+
+std::string Line(const std::string& text, std::size_t index)
+{
+    std::istringstream lines(text);
+    std::string line;
+    for (std::size_t i = 0; i <= index; ++i)
+        std::getline(lines, line);
+    return line;
+}
+
+} // namespace
+
+TEST(YErrorTest, SiteReportsBareNamesAndPathWithoutEnding)
+{
+    struct
+    {
+        const char* name;
+        void (*raise)();
+        const char* function;
+        const char* message;
+    } const rows[] = {
+        {"member", [] { Site().Member(); }, "Member", ""},
+        {"constructor", [] { Site(1); }, "Site", "constructor"},
+        {"template", [] { Site().Template(7); }, "Template", "value 7"},
+        {"conversion", [] { static_cast<void>(static_cast<int>(Site())); }, "operator int", ""},
+        {"lambda",
+         [] {
+             KRT_RAISE(ErrorCode::InvalidState, "from "
+                                                    << "inside");
+         },
+         "operator()", "from inside"},
+    };
+    for (const auto& row : rows) {
+        const auto error = CatchError(row.raise);
+        ASSERT_TRUE(error) << row.name;
+        EXPECT_STREQ(error->GetFunction().CStr(), row.function) << row.name;
+        EXPECT_STREQ(error->GetFile().CStr(), "tests/Krt/Exception/YErrorTest") << row.name;
+        EXPECT_STREQ(error->GetMessage().CStr(), row.message) << row.name;
+        EXPECT_GT(error->GetLine(), 0U) << row.name;
+    }
+    const auto fromLibrary = CatchError([] { YString("a").At(5); });
+    ASSERT_TRUE(fromLibrary);
+    EXPECT_STREQ(fromLibrary->GetFile().CStr(), "Krt/String/YString");
+}
+
+TEST(YErrorTest, OsErrorKeepsItsNumberAndMapsToAPortableCode)
+{
+    struct
+    {
+        int number;
+        unsigned int code;
+    } const rows[] = {
+        {ENOTSUP, ErrorCode::AttributesUnavailable},
+        {ENOMEM, ErrorCode::OutOfMemory},
+        {EINVAL, ErrorCode::InvalidArgument},
+        {ENAMETOOLONG, ErrorCode::InvalidArgument},
+        {ENOENT, ErrorCode::NotFound},
+        {ENOTDIR, ErrorCode::NotFound},
+        {ENOSYS, ErrorCode::NotSupported},
+        {EACCES, ErrorCode::InvalidState},
+        {-5, ErrorCode::InvalidState},
+    };
+    for (const auto& row : rows) {
+        const auto error = CatchError([&] {
+            errno = row.number;
+            KRT_RAISE_OS_ON(MessageType::FileStat, "Failed " << (errno = 0));
+        });
+        ASSERT_TRUE(error) << row.number;
+        EXPECT_EQ(error->GetOsError(), row.number);
+        EXPECT_EQ(error->GetCode(), row.code) << row.number;
+        EXPECT_EQ(error->GetMessageType(), static_cast<unsigned int>(MessageType::FileStat));
+    }
+}
+
+TEST(YErrorTest, PrintedFormNamesTypeCodeAndFunction)
+{
+    const auto make = [](ExceptionType type, unsigned int code, const char* message) {
+        return Exception::MakeYError(type, MessageType::General, code, 1, "Krt/File/YPath", "GetComponent",
+                                     message);
+    };
+    const auto general = ExceptionType::General;
+    EXPECT_STREQ(TextOf(make(general, ErrorCode::NoPathComponent, "Too far")).CStr(),
+                 "Too far (General, NoPathComponent 66, GetComponent)");
+    EXPECT_STREQ(TextOf(make(general, 4711, "")).CStr(), "(General, 4711, GetComponent)");
+    EXPECT_STREQ(TextOf(make(ExceptionType::OsError, ENOENT, "Failed")).CStr(),
+                 "Failed (OsError, ENOENT 2: No such file or directory, GetComponent)");
+}
+
+TEST(YErrorTest, CopyThroughTheBaseKeepsEverything)
+{
+    const auto error = CatchError([] { Site(1); });
+    ASSERT_TRUE(error);
+    YError copy;
+    static_cast<YErrorBase&>(copy) = YError(static_cast<const YErrorBase&>(*error));
+    EXPECT_EQ(TextOf(copy), TextOf(*error));
+    EXPECT_EQ(copy.GetStackTrace(), error->GetStackTrace());
+    EXPECT_EQ(copy.GetLine(), error->GetLine());
+}
+
+TEST(YErrorTest, StackNamesModulesAndExportedFunctions)
+{
+    const auto error = CatchError([] { YString("a").At(5); });
+    ASSERT_TRUE(error);
+    const std::string stack = error->GetStackTrace().Bytes();
+    EXPECT_NE(stack.find("libKrt.so"), std::string::npos) << stack;
+    EXPECT_NE(stack.find("+0x"), std::string::npos) << stack;
+    EXPECT_NE(stack.find("Krt::YString::At(unsigned int) const"), std::string::npos) << stack;
+}
+
+TEST(YErrorTest, AssertionLogsAndRaisesItsDetail)
+{
+    const Testing::LogCapture log({"General"});
+    EXPECT_RAISES(Site().Assert(3), ErrorCode::InvalidUse, "Assert", "left over: 3");
+    ASSERT_EQ(log.Texts().size(), 1U);
+    EXPECT_EQ(log.Texts()[0], "Site: Assertion failed for (left == 0); left over: 3");
+}
+
+TEST(YErrorTest, RequiredCheckRaisesTheBannerThatItPrinted)
+{
+    testing::internal::CaptureStderr();
+    const auto error = CatchError([] { Site().Require(1); });
+    const std::string banner = testing::internal::GetCapturedStderr();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->GetMessage().Bytes(), banner);
+    EXPECT_EQ(error->GetCode(), static_cast<unsigned int>(ErrorCode::InvalidUse));
+    EXPECT_STREQ(error->GetFunction().CStr(), "Require");
+
+    std::ostringstream thread;
+    thread << "******** ThreadId: 0x" << std::hex << Thread::GetThreadId();
+    EXPECT_EQ(Line(banner, 0), "******** Abort due to required check: 'left == 0' for certain");
+    EXPECT_EQ(Line(banner, 1), thread.str());
+    EXPECT_EQ(Line(banner, 2), "******** ThreadName: " + Thread::GetName().Bytes());
+    EXPECT_EQ(Line(banner, 3),
+              "******** Method: Require tests/Krt/Exception/YErrorTest:" + std::to_string(error->GetLine()));
+    EXPECT_EQ(Line(banner, 4), "******** Stack: ");
+    EXPECT_NE(Line(banner, 5).find("+0x"), std::string::npos) << banner;
+    EXPECT_EQ(banner.back(), '\n');
+}
+
+TEST(YErrorDeathTest, AbortingCheckWritesItsBannerAndEndsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto fail = [] {
+        YStream detail{YString()};
+        detail << "Mutex lock error " << 22 << Modifiers::EndLine;
+        Exception::AbortRequiredCheck("!(error = call())", detail, 12, "Krt/Thread/X.cpp", "Lock");
+    };
+    EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT),
+                "^\\*{8} Abort due to required check: '!\\(error = call\\(\\)\\)' Mutex lock error 22\n\n"
+                "\\*{8} ThreadId: 0x[0-9a-f]+\n\\*{8} ThreadName: .*\n"
+                "\\*{8} Method: Lock Krt/Thread/X:12\n\\*{8} Stack: \n0x.*[^\n]$");
+}
+
+TEST(boostapiTest, FailuresOfBoostAreErrorsOfOneFixedPlace)
+{
+    struct
+    {
+        const char* message;
+        std::function<void()> call;
+    } const rows[] = {
+        {"call to empty boost::function",
+         [] {
+             CallFunction(boost::function<void()>());
+         }},
+        {"bad numeric conversion: negative overflow",
+         [] {
+             NumericCast<unsigned int>(-1);
+         }},
+        {"bad numeric conversion: positive overflow",
+         [] {
+             NumericCast<int>(1ULL << 40);
+         }},
+    };
+    for (const auto& row : rows) {
+        EXPECT_RAISES(row.call(), ErrorCode::InvalidArgument, "throw_exception", row.message);
+        const auto error = CatchError(row.call);
+        EXPECT_STREQ(error->GetFile().CStr(), "Krt/KrtFoundation/boostapi");
+        EXPECT_EQ(error->GetLine(), 12U);
+    }
+    EXPECT_THROW(CallFunction(boost::function<void()>([] { throw std::range_error("own"); })),
+                 std::range_error);
+}

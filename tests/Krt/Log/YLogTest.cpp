@@ -1,0 +1,252 @@
+#include "Krt/Log/YLog.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/Log/LogSite.h"
+#include "Krt/Thread/Thread.h"
+#include "Krt/Util/Numbers.h"
+#include "testing/LogCapture.h"
+#include "testing/Raises.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+using namespace Krt;
+using Log::YLog;
+using namespace std::string_view_literals;
+
+namespace {
+
+class Speaker
+{
+public:
+    virtual ~Speaker() = default;
+    void Say(const char* text) const { KRT_LOG(MessageType::FileIo, text); }
+};
+class LoudSpeaker : public Speaker
+{};
+template <class T>
+class Box
+{};
+
+YLog::Param At(const std::string& path)
+{
+    return YLog::Param(File::YPath(path.c_str()));
+}
+
+void Say(YLog& log, const YString& text)
+{
+    log.GetThreadSpecificContext() << text << Modifiers::EndLine;
+}
+
+} // namespace
+
+// Runs first in its process: nothing has installed the logger yet.
+TEST(LogSiteTest, WithoutLoggerOrChannelNothingIsEvaluated)
+{
+    int evaluated = 0;
+    const auto count = [&] {
+        return ++evaluated;
+    };
+    if (Log::GetGlobalLogger() == nullptr) {
+        Log::GetGlobalRegistrar()->SetEnabledMessages({"General"});
+        KRT_LOG_FREE(MessageType::General, "no logger " << count());
+    }
+    const Testing::LogCapture log({"General", "NoSuchChannel"});
+    KRT_LOG_FREE(MessageType::FileIo, "not enabled " << count());
+    KRT_LOG_FREE(4711, "unknown channel " << count());
+    EXPECT_EQ(evaluated, 0);
+    KRT_LOG_FREE(MessageType::General, "enabled " << count());
+    EXPECT_EQ(log.Texts(), std::vector<std::string>{"General: enabled 1"});
+}
+
+TEST(LogSiteTest, LineBearsThreadAndDynamicClass)
+{
+    const Testing::LogCapture log({"FileIo", "Volume"});
+    LoudSpeaker().Say("hello");
+    KRT_LOG_FREE(MessageType::Volume, "there");
+    const std::string id =
+        Util::NumberToString<unsigned int>(static_cast<unsigned int>(Thread::GetThreadId()), true).Bytes();
+    EXPECT_EQ(log.Lines(), (std::vector<std::string>{id + " LoudSpeaker: hello", id + " Volume: there"}));
+}
+
+TEST(LogSiteTest, BrokenOrNestedMessagesDoNotMix)
+{
+    const Testing::LogCapture log({"FileIo", "General"});
+    const auto raises = []() -> YString {
+        KRT_RAISE(ErrorCode::InvalidState, "no");
+    };
+    const auto logs = []() -> YString {
+        KRT_LOG_FREE(MessageType::General, "inner");
+        return "outer";
+    };
+    EXPECT_RAISES(KRT_LOG_FREE(MessageType::General, "lost " << raises()), ErrorCode::InvalidState,
+                  "operator()", "no");
+    KRT_LOG_FREE(MessageType::FileIo, "says " << logs() << " end");
+    EXPECT_EQ(log.Texts(), (std::vector<std::string>{"General: inner", "FileIo: says outer end"}));
+}
+
+TEST(LogPrefixTest, NamesWithoutNamespaces)
+{
+    EXPECT_EQ(Util::GetClassNameFromTypeInfo(typeid(Box<Krt::YString>)).Bytes(), "Box<Krt::YString>");
+    EXPECT_EQ(Util::GetClassNameFromTypeInfo(typeid(File::YPath)).Bytes(), "YPath");
+    struct Local
+    {};
+    EXPECT_EQ(Util::GetClassNameFromTypeInfo(typeid(Local)).Bytes(), "Local");
+    EXPECT_EQ(Util::Camelify("FileIo").Bytes(), "FileIo");
+    EXPECT_EQ(Util::Camelify(" file i/o, \xC3\xA4rger").Bytes(), "FileIO\xC3\xA4rger");
+}
+
+TEST(YRegistrarTest, SetReplacesAndKeepsUnknownNames)
+{
+    Log::YRegistrar registrar;
+    EXPECT_FALSE(registrar.IsMessageEnabled(MessageType::General));
+    registrar.SetEnabledMessages({"FileIo", " General", "Nonsense"});
+    EXPECT_TRUE(registrar.IsMessageEnabled(MessageType::General));
+    EXPECT_TRUE(registrar.IsMessageEnabled(MessageType::FileIo));
+    EXPECT_FALSE(registrar.IsMessageEnabled(MessageType::FileInfo));
+    EXPECT_EQ(registrar.GetEnabledMessages(), (std::vector<YString>{"FileIo", " General", "Nonsense"}));
+    registrar.SetEnabledMessages({"SelectionQuery"});
+    EXPECT_FALSE(registrar.IsMessageEnabled(MessageType::General));
+    EXPECT_TRUE(registrar.IsMessageEnabled(MessageType::SelectionQuery));
+    EXPECT_EQ(registrar.TypeToString(4711).Bytes(), "4711");
+}
+
+TEST(YLogTest, LineIsDecoratedAndControlCharactersAreEscaped)
+{
+    const Testing::TemporaryDirectory directory;
+    YLog log;
+    log.Open(At(directory / "log"));
+    Say(log, YString("a\nb\r\t\x1b[2J\x7f\0|\\n \xC3\xA4 \xC2\x85 \xFF."sv));
+    log.Write(MessageType::FileIo, "trace");
+    log.Close();
+    const std::string text = Testing::ReadFile(directory / "log");
+    const std::regex shape(
+        R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d INFO ([^\n]*)\n\S+ TRACE trace\n)");
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(text, match, shape)) << text;
+    EXPECT_EQ(match[1].str(), "a\\nb\\r\\t\\x1b[2J\\x7f\\x00|\\n \xC3\xA4 \\xc2\\x85 \xFF.");
+}
+
+TEST(YLogTest, ManyThreadsAndAReopenLeaveWholeLines)
+{
+    const Testing::TemporaryDirectory directory;
+    YLog log;
+    log.Open(At(directory / "log"));
+    constexpr int threads = 4;
+    constexpr int messages = 300;
+    std::vector<std::thread> speakers;
+    for (int thread = 0; thread < threads; ++thread) {
+        speakers.emplace_back([&log, thread] {
+            for (int i = 0; i < messages; ++i)
+                log.GetThreadSpecificContext() << "thread " << thread << " says " << i << Modifiers::EndLine;
+        });
+    }
+    log.Close();
+    log.Open(At(directory / "log"));
+    for (std::thread& speaker : speakers)
+        speaker.join();
+
+    std::istringstream lines(Testing::ReadFile(directory / "log"));
+    const std::regex shape("\\S+ INFO thread (\\d) says (\\d+)");
+    std::map<int, int> next;
+    unsigned long long count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(line, match, shape)) << line;
+        int& expected = next[std::stoi(match[1])];
+        EXPECT_GE(std::stoi(match[2]), expected);
+        expected = std::stoi(match[2]) + 1;
+    }
+    EXPECT_EQ(count + log.GetDroppedCount(), static_cast<unsigned long long>(threads) * messages);
+}
+
+TEST(YLogTest, OpenRefusesWhatIsNotItsOwnFile)
+{
+    const Testing::TemporaryDirectory directory;
+    const std::string target = directory.Write("target", "kept\n");
+    ASSERT_EQ(symlink(target.c_str(), (directory / "link").c_str()), 0);
+    struct
+    {
+        const char* name;
+        int error;
+    } const rows[] = {{"link", ELOOP}, {"missing/log", ENOENT}, {".", EISDIR}};
+    YLog log;
+    for (const auto& row : rows) {
+        log.Open(At(target));
+        const std::string path = directory / row.name;
+        const auto error = Testing::CatchError([&] { log.Open(At(path)); });
+        ASSERT_TRUE(error) << row.name;
+        EXPECT_EQ(error->GetOsError(), row.error) << row.name;
+        EXPECT_STREQ(error->GetFunction().CStr(), "Open");
+        EXPECT_FALSE(log.IsOpen()) << row.name;
+    }
+    Say(log, "nobody hears");
+    EXPECT_EQ(log.GetDroppedCount(), 1U);
+    EXPECT_EQ(Testing::ReadFile(target), "kept\n");
+}
+
+TEST(YLogTest, OpenAppendsPrivatelyAboveTheStandardStreams)
+{
+    const Testing::TemporaryDirectory directory;
+    const mode_t mask = umask(0);
+    const int standardInput = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    YLog log;
+    log.Open(At(directory / "log"));
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    EXPECT_TRUE(log.IsOpen());
+    if (standardInput >= 0)
+        dup2(standardInput, STDIN_FILENO);
+    close(standardInput);
+    umask(mask);
+    struct stat status;
+    ASSERT_EQ(stat((directory / "log").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0640U);
+}
+
+// A limit on the size of files cuts a write short, as a full disk does.
+TEST(YLogTest, LineCutShortIsTakenBackAndCounted)
+{
+    const Testing::TemporaryDirectory directory;
+    YLog log;
+    YLog::Param param = At(directory / "log");
+    param.wholeLines = true;
+    log.Open(param);
+    Say(log, "first");
+    const std::string before = Testing::ReadFile(directory / "log");
+
+    rlimit limit;
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit tight = {before.size() + 10, limit.rlim_max};
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &tight);
+    Say(log, "doesn't fit");
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::signal(SIGXFSZ, handler);
+
+    EXPECT_EQ(Testing::ReadFile(directory / "log"), before);
+    EXPECT_EQ(log.GetDroppedCount(), 1U);
+    Say(log, "third");
+    EXPECT_NE(Testing::ReadFile(directory / "log").find(" third\n"), std::string::npos);
+}
+
+TEST(YLogTest, ConsoleCopyIsTheSameLine)
+{
+    const Testing::TemporaryDirectory directory;
+    YLog log;
+    YLog::Param param = At(directory / "log");
+    param.copyToConsole = true;
+    testing::internal::CaptureStderr();
+    log.Open(param);
+    Say(log, "both");
+    log.Close();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), Testing::ReadFile(directory / "log"));
+}

@@ -1,0 +1,95 @@
+#include "Krt/Profile/YProfile.h"
+
+#include "testing/Raises.h"
+#include "testing/TemporaryDirectory.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+using namespace Krt;
+
+namespace {
+
+class YProfileTest : public testing::Test
+{
+protected:
+    YProfileTest() { setenv("KBAGENT_CONFIG", m_path.c_str(), 1); }
+    ~YProfileTest() override { unsetenv("KBAGENT_CONFIG"); }
+
+    YString Value(const char* key) const
+    {
+        return Profile::OpenSystem()->Get<YString>("configuration", key, "default");
+    }
+
+    Testing::TemporaryDirectory m_directory;
+    const std::string m_path = m_directory / "kbagent.conf";
+};
+
+} // namespace
+
+TEST_F(YProfileTest, ReadsSectionsAndFallsBackToDefaults)
+{
+    EXPECT_EQ(Value("a"), "default") << "a missing file";
+    m_directory.Write("kbagent.conf",
+                      "before = 1\r\n; remark\r\n[configuration]\r\na.b = with dots \r\nempty=\r\n"
+                      "yes = Yes\nno=0\nodd=perhaps\n[other.section]\na=2\n");
+    EXPECT_EQ(Value("a"), "default");
+    EXPECT_EQ(Value("a.b"), "with dots");
+    EXPECT_EQ(Value("empty"), "");
+    const auto profile = Profile::OpenSystem();
+    EXPECT_EQ(profile->GetKeyValue("other.section", "a", ""), "2");
+    EXPECT_EQ(profile->GetKeyValue("", "before", ""), "1");
+    EXPECT_TRUE(profile->Get<bool>("configuration", "yes", false));
+    EXPECT_FALSE(profile->Get<bool>("configuration", "no", true));
+    EXPECT_TRUE(profile->Get<bool>("configuration", "missing", true));
+    EXPECT_RAISES_ON(profile->Get<bool>("configuration", "odd", true), MessageType::Runtime,
+                     ErrorCode::NumberConversion, "StringToNumber", "");
+}
+
+TEST_F(YProfileTest, DamageNamesFileAndLine)
+{
+    m_directory.Write("kbagent.conf", "[configuration]\na=1\nno equals sign\n");
+    const auto error = Testing::CatchError([] { Profile::OpenSystem(); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->GetCode(), static_cast<unsigned int>(ErrorCode::InvalidArgument));
+    EXPECT_STREQ(error->GetFunction().CStr(), "OpenSystem");
+    EXPECT_EQ(error->GetMessage().Bytes().find("Damaged configuration " + m_path + ", line 3: "), 0U)
+        << error->GetMessage().Bytes();
+}
+
+TEST_F(YProfileTest, UnreadableRaises)
+{
+    m_directory.MakeDirectory("kbagent.conf");
+    EXPECT_RAISES_OS(Profile::OpenSystem(), MessageType::General, EISDIR, "OpenSystem",
+                     "Failed to read configuration " + m_path);
+}
+
+TEST_F(YProfileTest, UnchangedFileIsSharedAndAChangeIsSeen)
+{
+    // The change of status can't be dated back, so the first of these parses lies too close to it to be kept.
+    m_directory.Write("kbagent.conf", "[configuration]\na=1\n");
+    const auto young = Profile::OpenSystem();
+    EXPECT_NE(Profile::OpenSystem(), young);
+    // Same size, and the times of the old content.
+    struct stat status;
+    ASSERT_EQ(stat(m_path.c_str(), &status), 0);
+    m_directory.Write("kbagent.conf", "[configuration]\na=2\n");
+    const timespec times[] = {status.st_atim, status.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, m_path.c_str(), times, 0), 0);
+    EXPECT_EQ(Value("a"), "2");
+    EXPECT_EQ(young->Get<YString>("configuration", "a", ""), "1");
+}
+
+// The file came with the sources, so it lies still.
+TEST_F(YProfileTest, SettledFileIsParsedOnceForEachPath)
+{
+    setenv("KBAGENT_CONFIG", GOLDEN_DIRECTORY "/kbagent.conf", 1);
+    const auto profile = Profile::OpenSystem();
+    EXPECT_TRUE(profile->Get<bool>("configuration", "consoleOutput", false));
+    EXPECT_EQ(Profile::OpenSystem(), profile);
+    setenv("KBAGENT_CONFIG", m_path.c_str(), 1);
+    EXPECT_EQ(Value("consoleOutput"), "default");
+}
