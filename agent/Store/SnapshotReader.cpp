@@ -9,6 +9,17 @@ namespace Agent {
 
 using Krt::YString;
 
+// What reading a line raises gets the file and the line.
+template <class Content>
+Content SnapshotReader::Checked(Content (*read)(std::string_view), std::string_view line) const
+{
+    try {
+        return read(line);
+    } catch (const Krt::Exception::YError& error) {
+        RaiseDamaged(error.GetMessage());
+    }
+}
+
 SnapshotReader::SnapshotReader(const Store& store, const std::string& id)
     : m_name(("Snapshot " + id).c_str()), m_file(store.GetSnapshots().OpenFile(YString(id.c_str())))
 {
@@ -30,7 +41,9 @@ SnapshotTrailer SnapshotReader::PeekTrailer() const
     reader.Begin(m_file, m_name, *offset);
     const auto block = reader.Next();
     const std::string_view text(reinterpret_cast<const char*>(block.data()), block.size());
-    return Checked([&] { return ReadTrailer(text.substr(0, text.find('\n'))); });
+    KRT_RAISE_UNLESS(IsTrailer(text), Krt::ErrorCode::InvalidState,
+                     m_name << " is damaged: its end is missing");
+    return ReadTrailer(text.substr(0, text.find('\n')));
 }
 
 SnapshotTrailer SnapshotReader::Verify()
@@ -49,7 +62,7 @@ bool SnapshotReader::Next(SnapshotEntry& entry)
     std::string_view line;
     if (!NextLine(line))
         return false;
-    entry = Checked([&] { return ReadEntry(line); });
+    entry = Checked(ReadEntry, line);
     return true;
 }
 
@@ -79,7 +92,7 @@ void SnapshotReader::Rewind()
     std::string_view line;
     if (!ReadLine(line))
         RaiseDamaged("the file is empty");
-    m_header = Checked([&] { return ReadHeader(line); });
+    m_header = Checked(ReadHeader, line);
     m_hash.Add(line.data(), line.size() + 1);
 }
 
@@ -115,7 +128,7 @@ bool SnapshotReader::ReadLine(std::string_view& line)
 
 void SnapshotReader::CheckEnd(std::string_view trailer)
 {
-    m_trailer = Checked([&] { return ReadTrailer(trailer); });
+    m_trailer = Checked(ReadTrailer, trailer);
     if (m_trailer.entries != m_entries)
         RaiseDamaged("the number of entries is another than the snapshot tells");
     if (m_trailer.digest != m_hash.End())
@@ -124,17 +137,6 @@ void SnapshotReader::CheckEnd(std::string_view trailer)
     if (ReadLine(more))
         RaiseDamaged("the file goes on behind the snapshot's end");
     m_ended = true;
-}
-
-// What reading a line raises, with the file and the line.
-template <class Read>
-auto SnapshotReader::Checked(Read read) const
-{
-    try {
-        return read();
-    } catch (const Krt::Exception::YError& error) {
-        RaiseDamaged(error.GetMessage());
-    }
 }
 
 void SnapshotReader::RaiseDamaged(const YString& reason) const

@@ -32,8 +32,8 @@ public:
 private:
     bool ReadLine(std::string_view& line);
     void CheckEnd(std::string_view trailer);
-    template <class Read>
-    auto Checked(Read read) const;
+    template <class Content>
+    Content Checked(Content (*read)(std::string_view), std::string_view line) const;
     [[noreturn]] void RaiseDamaged(const Krt::YString& reason) const;
 
     Krt::YString m_name; // of the file, for messages
