@@ -79,7 +79,7 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<LockRecord*> m_records;
-    unsigned int m_shares = 1; // owners of the shared pointers' control blocks
+    unsigned int m_shares = 1; // shared pointers' control blocks
     bool m_closed = false;
     bool m_writing = false;
     bool m_upgrading = false;          // a reader waits to write
