@@ -2,7 +2,6 @@
 // taken for success.
 #pragma once
 
-#include <string>
 #include <string_view>
 
 namespace Agent {
@@ -10,14 +9,11 @@ namespace Agent {
 class Output
 {
 public:
-    /// Appends text as it stands.
+    /// Appends text as it stands. Raises the operating system's error, as Flush does.
     Output& operator<<(std::string_view text);
     Output& operator<<(unsigned long long number);
-    /// Writes what is buffered. Raises the operating system's error.
+    /// Writes what is buffered.
     void Flush();
-
-private:
-    std::string m_buffer;
 };
 
 } // namespace Agent

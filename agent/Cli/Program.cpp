@@ -1,0 +1,103 @@
+#include "agent/Cli/Program.h"
+
+#include "agent/Cli/Command.h"
+#include "agent/Cli/Interrupt.h"
+#include "agent/Cli/StandardStreams.h"
+#include "agent/Cli/Text.h"
+#include "agent/Store/StoreSession.h"
+
+#include "Backup/Core/YGlobal.h"
+
+#include "Krt/Util/YScope.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Agent {
+
+namespace {
+
+enum ExitCode
+{
+    AllDone = 0,
+    CouldNotRun = 1,
+    WrongUsage = 2,
+    SomeFailed = 3
+};
+
+struct Registered
+{
+    std::unique_ptr<ICommand> command;
+    CLI::App* options;
+};
+
+std::vector<Registered> Register(CLI::App& program)
+{
+    std::vector<Registered> all;
+    for (const auto make : {MakeBackupCommand, MakeRestoreCommand, MakeListCommand}) {
+        std::unique_ptr<ICommand> command = make();
+        CLI::App* const options = command->Register(program);
+        all.push_back({std::move(command), options});
+    }
+    return all;
+}
+
+void Describe(CLI::App& program)
+{
+    program.set_version_flag("--version", "kbagent " KBAGENT_VERSION, "Print the version");
+    program.require_subcommand(1);
+    program.footer(
+        "Exit codes: 0 all done, 1 could not run, 2 wrong usage, 3 done with some entries failed.\n\n"
+        "Examples: kbagent backup --store /backup/store /home /etc\n"
+        "          kbagent list --store /backup/store\n"
+        "          kbagent restore --store /backup/store --to /tmp/restored /etc\n\n"
+        "kbagent COMMAND --help tells more of each.");
+}
+
+ExitCode RunCommand(int argc, char** argv, Report& report)
+{
+    CLI::App program("Backs files up into a store, and restores them.", "kbagent");
+    Describe(program);
+    const std::vector<Registered> all = Register(program);
+    try {
+        program.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        report.Out() << program.help();
+    } catch (const CLI::CallForVersion& version) {
+        report.Out() << version.what() << "\n";
+    } catch (const CLI::ParseError& error) {
+        throw UsageError(error.what());
+    }
+    for (const Registered& registered : all) {
+        if (registered.options->parsed())
+            registered.command->Run(report);
+    }
+    report.Out().Flush();
+    return report.GetFailed() == 0 ? AllDone : SomeFailed;
+}
+
+} // namespace
+
+int Run(int argc, char** argv)
+{
+    OpenMissingStreams();
+    CatchInterrupts();
+    Report report;
+    try {
+        const Krt::Util::YScope atEnd([] { Backup::DestroyGlobal(); });
+        Backup::GetGlobal()->Initialize();
+        return RunCommand(argc, argv, report);
+    } catch (const UsageError& error) {
+        report.Error(Krt::YString(error.what()));
+        report.Error("kbagent --help tells the usage");
+        return WrongUsage;
+    } catch (const StoreError& error) {
+        report.Error("The store can't be written: " + ReasonOf(error.GetCause()));
+    } catch (const Krt::Exception::YError& error) {
+        report.Error(ReasonOf(error));
+    } catch (const std::exception& error) {
+        report.Error(Krt::YString(error.what()));
+    }
+    return CouldNotRun;
+}
+
+} // namespace Agent

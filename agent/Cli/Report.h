@@ -39,6 +39,7 @@ public:
 
 private:
     void ShowProgress(unsigned long long entries, unsigned long long bytes);
+    void EraseProgress();
     void Line(const std::string& text);
 
     Output m_output;

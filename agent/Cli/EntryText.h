@@ -1,0 +1,22 @@
+// One entry of a snapshot as a line for people.
+#pragma once
+
+#include "agent/Store/Snapshot.h"
+
+#include <string>
+
+namespace Backup {
+class YJobPath;
+}
+
+namespace Agent {
+
+/// "-rw-r--r--  0:0  1234  2001-02-03T04:05:06Z  /path", printable, without a line end. A link's target
+/// follows behind "->", a device has its numbers for a size. Raises a YError for a record that can't be read.
+std::string EntryText(const SnapshotEntry& entry);
+
+/// The path under which an entry is known to the user: that of the file system, or the job path of what has
+/// none.
+Krt::YString ShownPath(const Backup::YJobPath& path);
+
+} // namespace Agent

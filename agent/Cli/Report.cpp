@@ -1,0 +1,64 @@
+#include "agent/Cli/Report.h"
+
+#include "agent/Cli/StandardStreams.h"
+#include "agent/Cli/Text.h"
+
+#include <cstdio>
+#include <string>
+
+namespace Agent {
+
+using std::chrono::steady_clock;
+
+Report::Report() : m_showsProgress(IsErrorTerminal()), m_start(steady_clock::now()), m_shown(m_start) {}
+
+Report::~Report()
+{
+    EraseProgress();
+}
+
+void Report::EntryFailed(const Krt::YString& path, const Krt::YString& reason)
+{
+    ++m_failed;
+    Line(Printable(path) + ": " + Printable(reason));
+}
+
+void Report::Note(const Krt::YString& text)
+{
+    Line(Printable(text));
+}
+
+void Report::Error(const Krt::YString& text)
+{
+    Line("error: " + Printable(text));
+}
+
+void Report::ShowProgress(unsigned long long entries, unsigned long long bytes)
+{
+    static constexpr std::chrono::milliseconds Interval{200};
+    const steady_clock::time_point now = steady_clock::now();
+    if (now - m_shown < Interval)
+        return;
+    m_shown = now;
+    const double seconds = std::chrono::duration<double>(now - m_start).count();
+    const auto rate = static_cast<unsigned long long>(static_cast<double>(bytes) / seconds);
+    const std::string text = "\r\033[K" + std::to_string(entries) + " entries, " + ShortSize(bytes) + ", " +
+                             ShortSize(rate) + "/s";
+    std::fputs(text.c_str(), stderr);
+    m_lineStands = true;
+}
+
+void Report::EraseProgress()
+{
+    if (m_lineStands)
+        std::fputs("\r\033[K", stderr);
+    m_lineStands = false;
+}
+
+void Report::Line(const std::string& text)
+{
+    EraseProgress();
+    std::fputs(("kbagent: " + text + "\n").c_str(), stderr);
+}
+
+} // namespace Agent

@@ -1,0 +1,25 @@
+#include "agent/Cli/StandardStreams.h"
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace Agent {
+
+void OpenMissingStreams()
+{
+    // open takes the lowest free descriptor. Each is opened the wrong way round, so that using it fails.
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        if (fcntl(descriptor, F_GETFD) != -1)
+            continue;
+        if (open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY) != descriptor)
+            std::abort();
+    }
+}
+
+bool IsErrorTerminal()
+{
+    return isatty(STDERR_FILENO) == 1;
+}
+
+} // namespace Agent
