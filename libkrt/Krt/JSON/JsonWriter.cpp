@@ -65,32 +65,12 @@ std::uint64_t UncleanBits(const char* text)
     return (word | (word - Ones * 0x20) | (quote - Ones) | (backslash - Ones)) & (Ones * 0x80);
 }
 
+// Containers that are open stand on a stack of the writer's own, so that depth costs no recursion.
 class Writer
 {
 public:
     Writer(std::string& out, bool compact) : m_out(out), m_compact(compact) {}
-
-    // Containers that are open stand on a stack of its own, so that depth costs no recursion.
-    void Write(const YValue* root)
-    {
-        Begin(root);
-        while (!m_open.empty()) {
-            Level& level = m_open.back();
-            if (level.next == level.Size()) {
-                const char end = level.array ? ']' : '}';
-                const bool isEmpty = level.next == 0;
-                m_open.pop_back();
-                if (!isEmpty)
-                    BreakLine();
-                m_out += end;
-                continue;
-            }
-            if (level.next > 0)
-                m_out += ',';
-            BreakLine();
-            Begin(NextMember(level));
-        }
-    }
+    void Write(const YValue* root);
 
 private:
     struct Level
@@ -101,95 +81,127 @@ private:
         std::size_t Size() const { return array ? array->size() : entries->size(); }
     };
 
-    const YValue* NextMember(Level& level)
-    {
-        const std::size_t i = level.next++;
-        if (level.array)
-            return (*level.array)[i].get();
-        const YObject::Entry& entry = (*level.entries)[i];
-        WriteString(entry.first.Bytes());
-        m_out += m_compact ? ":" : ": ";
-        return entry.second.get();
-    }
-
     // Writes a value that holds no others, and opens one that does.
-    void Begin(const YValue* value)
-    {
-        if (!value) {
-            m_out += "null";
-        } else if (value->IsString()) {
-            WriteString(value->AsString().Bytes());
-        } else if (value->IsNumber()) {
-            char digits[20];
-            m_out.append(digits, std::to_chars(digits, digits + sizeof(digits), value->AsNumber()).ptr);
-        } else if (value->IsBool()) {
-            m_out += value->AsBool() ? "true" : "false";
-        } else if (value->IsArray()) {
-            m_out += '[';
-            m_open.push_back({&value->AsArray(), nullptr, 0});
-        } else {
-            m_out += '{';
-            m_open.push_back({nullptr, &value->AsObject().Entries(), 0});
-        }
-    }
-
-    void BreakLine()
-    {
-        if (m_compact)
-            return;
-        m_out += '\n';
-        m_out.append(2 * m_open.size(), ' ');
-    }
-
-    void WriteString(const std::string& text)
-    {
-        const char* const end = text.data() + text.size();
-        const char* written = text.data();
-        const char* at = written;
-        m_out += '"';
-        while (at < end) {
-            if (end - at >= 8 && UncleanBits(at) == 0) {
-                at += 8;
-            } else if (IsClean[static_cast<unsigned char>(*at)]) {
-                ++at;
-            } else if (const std::size_t plain = PlainSequence(at, end - at)) {
-                at += plain;
-            } else {
-                m_out.append(written, at);
-                WriteEscaped(static_cast<unsigned char>(*at));
-                written = ++at;
-            }
-        }
-        m_out.append(written, end);
-        m_out += '"';
-    }
-
-    void WriteEscaped(unsigned char byte)
-    {
-        static constexpr char Letters[] = {'b', 't', 'n', 0, 'f', 'r'}; // for 0x08 to 0x0D
-        static constexpr char Digits[] = "0123456789abcdef";
-        if (byte >= 0x80) {
-            m_out += '\xEE';
-            m_out += static_cast<char>(0xBC | byte >> 6);
-            m_out += static_cast<char>(0x80 | (byte & 0x3F));
-            return;
-        }
-        m_out += '\\';
-        if (byte == '"' || byte == '\\') {
-            m_out += static_cast<char>(byte);
-        } else if (IsBetween(byte, 0x08, 0x0D) && byte != 0x0B) {
-            m_out += Letters[byte - 0x08];
-        } else {
-            m_out += "u00";
-            m_out += Digits[byte >> 4];
-            m_out += Digits[byte & 0x0F];
-        }
-    }
+    void Begin(const YValue* value);
+    const YValue* NextMember(Level& level);
+    void End();
+    void BreakLine();
+    void WriteString(const std::string& text);
+    void WriteEscaped(unsigned char byte);
 
     std::string& m_out;
     const bool m_compact;
     std::vector<Level> m_open;
 };
+
+void Writer::Write(const YValue* root)
+{
+    Begin(root);
+    while (!m_open.empty()) {
+        Level& level = m_open.back();
+        if (level.next == level.Size()) {
+            End();
+            continue;
+        }
+        if (level.next > 0)
+            m_out += ',';
+        BreakLine();
+        Begin(NextMember(level));
+    }
+}
+
+void Writer::Begin(const YValue* value)
+{
+    if (!value) {
+        m_out += "null";
+    } else if (value->IsString()) {
+        WriteString(value->AsString().Bytes());
+    } else if (value->IsNumber()) {
+        char digits[20];
+        m_out.append(digits, std::to_chars(digits, digits + sizeof(digits), value->AsNumber()).ptr);
+    } else if (value->IsBool()) {
+        m_out += value->AsBool() ? "true" : "false";
+    } else if (value->IsArray()) {
+        m_out += '[';
+        m_open.push_back({&value->AsArray(), nullptr, 0});
+    } else {
+        m_out += '{';
+        m_open.push_back({nullptr, &value->AsObject().Entries(), 0});
+    }
+}
+
+const YValue* Writer::NextMember(Level& level)
+{
+    const std::size_t i = level.next++;
+    if (level.array)
+        return (*level.array)[i].get();
+    const YObject::Entry& entry = (*level.entries)[i];
+    WriteString(entry.first.Bytes());
+    m_out += m_compact ? ":" : ": ";
+    return entry.second.get();
+}
+
+void Writer::End()
+{
+    const Level level = m_open.back();
+    m_open.pop_back();
+    if (level.next > 0)
+        BreakLine();
+    m_out += level.array ? ']' : '}';
+}
+
+void Writer::BreakLine()
+{
+    if (m_compact)
+        return;
+    m_out += '\n';
+    m_out.append(2 * m_open.size(), ' ');
+}
+
+void Writer::WriteString(const std::string& text)
+{
+    const char* const end = text.data() + text.size();
+    const char* written = text.data();
+    const char* at = written;
+    m_out += '"';
+    while (at < end) {
+        if (end - at >= 8 && UncleanBits(at) == 0) {
+            at += 8;
+        } else if (IsClean[static_cast<unsigned char>(*at)]) {
+            ++at;
+        } else if (const std::size_t plain = PlainSequence(at, end - at)) {
+            at += plain;
+        } else {
+            m_out.append(written, at);
+            WriteEscaped(static_cast<unsigned char>(*at));
+            written = ++at;
+        }
+    }
+    m_out.append(written, end);
+    m_out += '"';
+}
+
+void Writer::WriteEscaped(unsigned char byte)
+{
+    static constexpr char Letters[] = {'b', 't', 'n', 0, 'f', 'r'}; // for 0x08 to 0x0D
+    static constexpr char Digits[] = "0123456789abcdef";
+    if (byte >= 0x80) {
+        m_out += '\xEE';
+        m_out += static_cast<char>(0xBC | byte >> 6);
+        m_out += static_cast<char>(0x80 | (byte & 0x3F));
+        return;
+    }
+    m_out += '\\';
+    if (byte == '"' || byte == '\\') {
+        m_out += static_cast<char>(byte);
+    } else if (IsBetween(byte, 0x08, 0x0D) && byte != 0x0B) {
+        m_out += Letters[byte - 0x08];
+    } else {
+        m_out += "u00";
+        m_out += Digits[byte >> 4];
+        m_out += Digits[byte & 0x0F];
+    }
+}
 
 } // namespace
 

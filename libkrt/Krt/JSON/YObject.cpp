@@ -54,20 +54,24 @@ void YObject::Put(const YString& key, const boost::shared_ptr<YValue>& value)
 
 void YObject::Put(YString&& key, boost::shared_ptr<YValue>&& value)
 {
+    Slot(std::move(key)) = std::move(value);
+}
+
+boost::shared_ptr<YValue>& YObject::Slot(YString&& key)
+{
     const std::size_t position = Position(key);
-    if (position < m_entries.size()) {
-        m_entries[position].second = std::move(value);
-        return;
-    }
+    if (position < m_entries.size())
+        return m_entries[position].second;
     if (m_entries.empty())
         m_entries.reserve(4); // an object of one to three members is the common one
-    m_entries.emplace_back(std::move(key), std::move(value));
+    m_entries.emplace_back(std::move(key), nullptr);
     try {
         AddToIndex();
     } catch (...) {
         m_entries.pop_back();
         throw;
     }
+    return m_entries.back().second;
 }
 
 const boost::shared_ptr<YValue>& YObject::FindOpt(const YString& key) const

@@ -56,12 +56,15 @@ public:
     const std::vector<Entry>& Entries() const { return m_entries; }
 
 private:
-    friend class YValue; // takes objects apart without recursion
+    friend class YValue;      // takes objects apart without recursion
+    friend class JsonBuilder; // puts a key before it has the value
     // Sorted, not hashed: the keys of a document can't be chosen so that look-ups degrade.
     using Index = std::map<std::string, std::size_t, std::less<>>;
     static constexpr std::size_t LinearLimit = 32;
 
     std::size_t Position(const YString& key) const;
+    // Where the key's value stands; null for a new key. Valid until the next new key.
+    boost::shared_ptr<YValue>& Slot(YString&& key);
     void AddToIndex();
     void LogFailure(const Exception::YError& error, unsigned int messageType) const;
 

@@ -9,27 +9,27 @@ namespace Krt::JSON {
 
 YValue YValue::FromNumber(unsigned long long number)
 {
-    return YValue(Passkey(), std::move(number));
+    return YValue(Passkey(), std::in_place_type<unsigned long long>, number);
 }
 
 YValue YValue::FromString(YString text)
 {
-    return YValue(Passkey(), std::move(text));
+    return YValue(Passkey(), std::in_place_type<YString>, std::move(text));
 }
 
 YValue YValue::FromBool(bool value)
 {
-    return YValue(Passkey(), std::move(value));
+    return YValue(Passkey(), std::in_place_type<bool>, value);
 }
 
 YValue YValue::FromArray(YArray array)
 {
-    return YValue(Passkey(), std::move(array));
+    return YValue(Passkey(), std::in_place_type<YArray>, std::move(array));
 }
 
 YValue YValue::FromObject(YObject object)
 {
-    return YValue(Passkey(), std::move(object));
+    return YValue(Passkey(), std::in_place_type<YObject>, std::move(object));
 }
 
 YValue::YValue(YValue&&) noexcept = default;
@@ -131,13 +131,13 @@ bool YValue::Convert<bool>() const
 template <>
 boost::shared_ptr<YValue> YValue::Create<YString>(YString text)
 {
-    return boost::make_shared<YValue>(Passkey(), std::move(text));
+    return boost::make_shared<YValue>(Passkey(), std::in_place_type<YString>, std::move(text));
 }
 
 template <>
 boost::shared_ptr<YValue> YValue::Create<YArray>(YArray array)
 {
-    return boost::make_shared<YValue>(Passkey(), std::move(array));
+    return boost::make_shared<YValue>(Passkey(), std::in_place_type<YArray>, std::move(array));
 }
 
 template <>

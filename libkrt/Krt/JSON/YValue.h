@@ -34,8 +34,9 @@ public:
     static YValue FromArray(YArray array);
     static YValue FromObject(YObject object);
 
-    template <class T>
-    YValue(Passkey, T&& content) : m_content(std::in_place_type<T>, std::move(content))
+    template <class T, class Source>
+    YValue(Passkey, std::in_place_type_t<T> kind, Source&& content)
+        : m_content(kind, std::forward<Source>(content))
     {}
     YValue(YValue&&) noexcept;
     YValue& operator=(YValue&&) noexcept;

@@ -176,18 +176,4 @@ TEST(JsonText, GivesBackEveryByteString)
     }
 }
 
-TEST(JsonText, ReadsLargeObjectsInOrder)
-{
-    constexpr unsigned int Count = 50000;
-    std::string text = "{";
-    for (unsigned int i = 0; i < Count; ++i)
-        text += "\"" + std::to_string(i) + "\":" + std::to_string(i) + ",";
-    text += "\"7\":\"seven\"}";
-    const auto value = YValue::Parse(text);
-    const YObject& object = value->AsObject();
-    ASSERT_EQ(object.Entries().size(), Count);
-    EXPECT_EQ(object.Entries()[7].second->AsString(), "seven");
-    EXPECT_EQ(object.FindOpt("49999")->AsNumber(), Count - 1);
-}
-
 } // namespace

@@ -1,6 +1,5 @@
 #include "Krt/JSON/YValue.h"
 
-#include "Krt/File/YPath.h"
 #include "testing/LogCapture.h"
 #include "testing/Raises.h"
 
@@ -170,11 +169,6 @@ TEST(YValue, ReadsAnEmptyArrayAsAnEmptyObject)
     EXPECT_EQ(With(Object(With(Number(1)))).Get<YObject>("key", MessageType::Runtime).Entries().size(), 1u);
     EXPECT_RAISES_ON(With(Array({Number(1)})).Get<YObject>("key", MessageType::Runtime), MessageType::Runtime,
                      ErrorCode::InvalidState, "AsObject", "JSON value is no object, but: array");
-}
-
-TEST(YValue, MakesTheTextOfAPath)
-{
-    EXPECT_EQ(YValue::Create<Krt::File::YPath>("/a/b")->AsString(), "/a/b");
 }
 
 TEST(YObject, LogsAFailedReadAndPassesItOn)

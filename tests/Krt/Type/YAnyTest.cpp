@@ -3,6 +3,8 @@
 #include "Krt/String/YString.h"
 #include "testing/Raises.h"
 
+#include <functional>
+
 using Krt::ErrorCode;
 using Krt::MessageType;
 using Krt::YString;
@@ -35,9 +37,10 @@ TEST(YAny, GivesTheHeldTypeAlone)
              YAny::Cast<bool>(nullptr);
          }},
     };
-    for (const auto& [name, cast] : rows) {
-        SCOPED_TRACE(name);
-        EXPECT_RAISES_ON(cast(), MessageType::Runtime, ErrorCode::InvalidArgument, "Cast", "Unable to cast ");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.first);
+        EXPECT_RAISES_ON(row.second(), MessageType::Runtime, ErrorCode::InvalidArgument, "Cast",
+                         "Unable to cast ");
     }
 }
 
