@@ -5,13 +5,13 @@
 
 #include <algorithm>
 #include <cctype>
+#include <type_traits>
 
 namespace Krt::File {
 
 namespace {
 
 constexpr char Separator[] = "/";
-constexpr std::size_t npos = std::string_view::npos;
 
 std::vector<YString> MakeVolumePrefixes()
 {
@@ -237,11 +237,14 @@ template <class Container>
 Container SplitAtSeparators(const YString& path)
 {
     Container components;
+    const std::string_view text = path.Bytes();
+    // Every path of a walk is split, and growing step by step would cost more than the pieces themselves.
+    if constexpr (std::is_same_v<Container, std::vector<YString>>)
+        components.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), *Separator)) + 1);
     const YString volume = YPath::GetVolumeFromPath(path);
     const std::string_view first = WithoutSep(volume.Bytes(), *Separator);
     if (!first.empty())
         components.emplace_back(first);
-    const std::string_view text = path.Bytes();
     // A volume that takes the whole text may have gained a separator behind it.
     std::size_t begin = std::min(volume.Bytes().size(), text.size());
     while (begin < text.size()) {
