@@ -209,17 +209,6 @@ TEST_F(YFileTest, TheSwitchForAttributesGovernsReadingAlone)
     unsetenv("KBAGENT_CONFIG");
 }
 
-TEST_F(YFileTest, InitialisingKeepsWhatOnlyReadingSets)
-{
-    m_directory.Write("file", "x");
-    YFile file(YFile::OPEN_MODE_READ, At("file"), NoOptions);
-    file.Initialize(9);
-    EXPECT_TRUE(file.GetPath().IsEmpty());
-    EXPECT_EQ(file.GetSize(), 0u);
-    EXPECT_EQ(file.GetModeFlags(), StatusOf("file").st_mode);
-    EXPECT_EQ(file.GetUID(), geteuid());
-}
-
 TEST(YFileOptions, PrintOneBitAlone)
 {
     const std::pair<unsigned int, const char*> rows[] = {{0, ""}, {1, "OPT_NONE"}, {8, ""}, {9, "OPT_NONE"}};
