@@ -1,13 +1,14 @@
 #include "Krt/Exception/YError.h"
 
+#include "Krt/Exception/Unix/Module.h"
+
 #include <boost/core/demangle.hpp>
 #include <boost/stacktrace/stacktrace.hpp>
 
 #include <dlfcn.h>
 
-#include <cinttypes>
+#include <charconv>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -23,17 +24,21 @@ std::uintptr_t CallAddress(const boost::stacktrace::frame& frame)
     return address == 0 ? 0 : address - 1;
 }
 
+void AppendHexadecimal(std::string& text, std::uintptr_t number)
+{
+    char digits[2 * sizeof number];
+    const auto end = std::to_chars(digits, digits + sizeof digits, number, 16).ptr;
+    text.append("0x").append(digits, end);
+}
+
 void AppendFrame(std::string& text, std::uintptr_t address)
 {
-    char number[2 + 16 + 1];
-    std::snprintf(number, sizeof number, "0x%" PRIxPTR, address);
-    text += number;
-    Dl_info info;
-    if (dladdr(reinterpret_cast<void*>(address), &info) != 0 && info.dli_fname != nullptr) {
-        std::snprintf(number, sizeof number, "0x%" PRIxPTR,
-                      address - reinterpret_cast<std::uintptr_t>(info.dli_fbase));
-        text.append(" ").append(info.dli_fname).append("+").append(number);
-    }
+    AppendHexadecimal(text, address);
+    const Module module = FindModule(address);
+    if (module.path == nullptr)
+        return;
+    text.append(" ").append(module.path).append("+");
+    AppendHexadecimal(text, address - module.base);
 }
 
 // The name of the function that a line of AppendFrame lies in, empty if it isn't known.

@@ -1,0 +1,20 @@
+#include "Krt/Exception/Unix/Module.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <link.h>
+
+namespace Krt::Exception {
+
+// What the C library keeps for unwinding: no lock, and no search for a symbol as in dladdr.
+Module FindModule(std::uintptr_t address)
+{
+    dl_find_object object;
+    if (_dl_find_object(reinterpret_cast<void*>(address), &object) != 0)
+        return Module();
+    // The program itself has no name in the list of modules.
+    const link_map& map = *object.dlfo_link_map;
+    return {*map.l_name != '\0' ? map.l_name : program_invocation_name, map.l_addr};
+}
+
+} // namespace Krt::Exception
