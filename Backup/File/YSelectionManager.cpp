@@ -1,7 +1,5 @@
 #include "Backup/File/YSelectionManager.h"
 
-#include "Backup/File/YSelectionManagerNode.h"
-
 #include "Krt/Exception/Raise.h"
 #include "Krt/Log/LogSite.h"
 

@@ -1,5 +1,5 @@
 // The selection tree's way into a document and back, and from one tree into another.
-#include "Backup/File/YSelectionManagerNode.h"
+#include "Backup/File/YSelectionManager.h"
 
 #include "Krt/JSON/YValue.h"
 

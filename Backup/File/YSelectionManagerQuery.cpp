@@ -1,5 +1,5 @@
 // The answers of the selection tree about paths.
-#include "Backup/File/YSelectionManagerNode.h"
+#include "Backup/File/YSelectionManager.h"
 
 #include "Krt/Log/LogSite.h"
 

@@ -1,5 +1,5 @@
 // The walks through the selection tree and what is gathered by them.
-#include "Backup/File/YSelectionManagerNode.h"
+#include "Backup/File/YSelectionManager.h"
 #include "Backup/File/YSelectionNodeWalk.h"
 
 #include "Krt/Container/YSet.h"

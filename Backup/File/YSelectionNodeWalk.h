@@ -2,7 +2,7 @@
 // its own: a tree may be deeper than any stack.
 #pragma once
 
-#include "Backup/File/YSelectionManagerNode.h"
+#include "Backup/File/YSelectionManager.h"
 
 namespace Backup::File {
 

@@ -32,10 +32,15 @@ MatchType ReadMatchType(const JSON::YValue& value)
     return entry->type;
 }
 
-// Moves the first character of the text out of it. One that the end cuts short is what is left.
+// Moves the first character of the text out of it. One that is cut short ends where its bytes do: a name
+// needn't be UTF-8, and a lone lead byte must not take the dot of ".txt" along.
 std::string_view TakeCharacter(std::string_view& text)
 {
-    const std::string_view character = text.substr(0, String::GetChrSize(text.data()));
+    const std::size_t announced = std::min<std::size_t>(String::GetChrSize(text.data()), text.size());
+    std::size_t size = 1;
+    while (size < announced && (static_cast<unsigned char>(text[size]) & 0xC0) == 0x80)
+        ++size;
+    const std::string_view character = text.substr(0, size);
     text.remove_prefix(character.size());
     return character;
 }
@@ -94,9 +99,9 @@ JSON::YObject Descriptor::ToJSON() const
 
 void Descriptor::FromJSON(const JSON::YObject& json)
 {
-    const YString& pattern = json.Get<YString>("pattern", MessageType::General);
-    const MatchType matchType = ReadMatchType(*json.Find("match_type", MessageType::General));
-    m_caseSensitive = json.Get<bool>("case_sensitive", MessageType::General);
+    const YString& pattern = json.Get<YString>("pattern", MessageType::Runtime);
+    const MatchType matchType = ReadMatchType(*json.Find("match_type", MessageType::Runtime));
+    m_caseSensitive = json.Get<bool>("case_sensitive", MessageType::Runtime);
     m_pattern = pattern;
     m_matchType = matchType;
 }

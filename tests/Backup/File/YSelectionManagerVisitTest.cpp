@@ -1,4 +1,4 @@
-#include "Backup/File/YSelectionManagerNode.h"
+#include "Backup/File/YSelectionManager.h"
 
 #include "testing/Raises.h"
 #include "testing/SelectionText.h"

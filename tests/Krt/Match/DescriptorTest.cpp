@@ -40,6 +40,8 @@ TEST(DescriptorTest, ChecksNames)
         {"one character behind a star", MatchType::Glob, "*?", true, "", false},
         {"characters aren't torn", MatchType::Glob, "*\xA9", true, "\u00e9", false},
         {"a cut character", MatchType::Glob, "a?", true, "a\xE2", true},
+        {"a Latin-1 name", MatchType::Glob, "*.o", true, "caf\xE9.o", true},
+        {"one byte that is no UTF-8", MatchType::Glob, "caf?.o", true, "caf\xE9.o", true},
         {"brackets and backslashes are literal", MatchType::Glob, "[a]\\*", true, "[a]\\b", true},
         {"wildcards in the name are text", MatchType::Glob, "a", true, "*", false},
     };
@@ -81,6 +83,9 @@ TEST(DescriptorTest, TravelsAsJson)
                   "FromJSON", "Unknown match type 1");
     for (const char* missing :
          {R"({"match_type":2,"case_sensitive":true})", R"({"pattern":"","match_type":2})",
-          R"({"pattern":"","case_sensitive":true})"})
-        EXPECT_EQ(Testing::CatchError([&] { read(missing); })->GetCode(), ErrorCode::NotFound) << missing;
+          R"({"pattern":"","case_sensitive":true})"}) {
+        const auto error = Testing::CatchError([&] { read(missing); });
+        EXPECT_EQ(error->GetCode(), ErrorCode::NotFound) << missing;
+        EXPECT_EQ(error->GetMessageType(), Krt::MessageType::Runtime) << missing;
+    }
 }
