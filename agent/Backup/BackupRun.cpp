@@ -82,7 +82,7 @@ void BackupRun::Capture(const WalkedEntry& entry, const Backup::File::YUnixFileM
         if (isLinked)
             line.hardLinkGroup = m_hardLinks.Add(entry.status, line);
     }
-    InStore([&] { m_snapshot.Add(line); });
+    m_snapshot.Add(line);
     if (known != nullptr)
         m_hardLinks.Seen(entry.status);
 }
@@ -96,31 +96,18 @@ void BackupRun::ReadContent(const WalkedEntry& entry, SnapshotEntry& line)
     // A file that grows is followed no further than the buffer that shows it: it may grow for ever.
     do {
         count = m_file.Read(m_buffer.data(), BufferSize);
-        InStore([&] { m_objects.Append(m_buffer.data(), count); });
+        m_objects.Append(m_buffer.data(), count);
         total += count;
         m_report.Progress(m_counts.Entries(), m_counts.bytes + total);
         KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted");
     } while (count == BufferSize && total <= size);
-    InStore([&] { line.content = m_objects.Finish(); });
+    line.content = m_objects.Finish();
     m_counts.bytes += total;
     if (total != size) {
         line.readSize = total;
         Krt::YStream reason{YString()};
         reason << "The file changed while it was read: " << total << " bytes instead of " << size;
         m_report.EntryFailed(entry.path, reason);
-    }
-}
-
-template <class Step>
-void BackupRun::InStore(Step step)
-{
-    try {
-        step();
-    } catch (const Krt::Exception::YError& error) {
-        // An entry too large for a snapshot is that entry's failure alone.
-        if (error.GetCode() != ErrorCode::InvalidArgument || error.GetOsError() != 0)
-            m_storeError = error;
-        throw;
     }
 }
 
@@ -166,14 +153,7 @@ void BackupRun::OnFailed(const YPath& path, const YString& reason)
 
 bool BackupRun::IsCancelled()
 {
-    return m_storeError.has_value() || IsInterrupted();
-}
-
-void BackupRun::RequireComplete() const
-{
-    if (m_storeError)
-        KRT_RAISE(ErrorCode::InvalidState, "The store failed, so no snapshot was made: " << *m_storeError);
-    KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted; no snapshot was made");
+    return IsInterrupted();
 }
 
 } // namespace Agent

@@ -1,5 +1,6 @@
 // BackupRun: turns what a walk selects into a snapshot: a record of each entry, and contents that the store
-// keeps once. An entry that fails is reported and the run goes on; a store that fails ends it.
+// keeps once. An entry that fails is reported and the run goes on; a store that fails ends it
+// by a StoreError.
 #pragma once
 
 #include "agent/Backup/HardLinks.h"
@@ -11,7 +12,6 @@
 #include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YUnixFileMetadata.h"
 
-#include <optional>
 #include <vector>
 
 namespace Agent {
@@ -44,17 +44,12 @@ public:
     void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) override;
     bool IsCancelled() override;
 
-    /// After the walk: raises what ended it early, be it the store's error or an interrupt.
-    void RequireComplete() const;
     const BackupCounts& GetCounts() const { return m_counts; }
 
 private:
     void Capture(const WalkedEntry& entry, const Backup::File::YUnixFileMetadata& metadata);
     void ReadContent(const WalkedEntry& entry, SnapshotEntry& line);
     void Count(const struct stat& status);
-    // Runs a step that writes into the store; its failure ends the run.
-    template <class Step>
-    void InStore(Step step);
 
     SnapshotWriter& m_snapshot;
     Report& m_report;
@@ -64,7 +59,6 @@ private:
     Backup::File::YFile m_file;
     std::vector<unsigned char> m_buffer;
     BackupCounts m_counts;
-    std::optional<Krt::Exception::YError> m_storeError;
 };
 
 } // namespace Agent

@@ -1,10 +1,12 @@
 #include "agent/Cli/Command.h"
 
 #include "agent/Backup/BackupRun.h"
+#include "agent/Cli/Interrupt.h"
 #include "agent/Cli/Text.h"
 #include "agent/Walk/Roots.h"
 
 #include "Krt/Environment/Host.h"
+#include "Krt/Exception/Raise.h"
 
 #include <CLI/CLI.hpp>
 
@@ -64,7 +66,7 @@ void BackupCommand::Run(Report& report)
     Walker walker(job.rules, job.roots, run);
     walker.Skip(store.GetDirectory().Stat());
     walker.Run();
-    run.RequireComplete();
+    KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted; no snapshot was made");
     const std::string id = snapshot.Finish(run.GetCounts().bytes, report.GetFailed());
     PrintSummary(report, id, run.GetCounts(), session.GetStoredBytes());
 }

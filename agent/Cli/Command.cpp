@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <limits>
+
 namespace Agent {
 
 void AddStoreOption(CLI::App& command, std::string& path)
@@ -11,14 +13,13 @@ void AddStoreOption(CLI::App& command, std::string& path)
 
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description)
 {
-    // The option has no variable of its own, and takes one argument at a time: the conversion to one, and to
-    // a list, would read "{}" and "[a,b]" as notations.
+    // The option has no variable of its own: the conversion to a list would read "{}" and "[a,b]" as
+    // notations.
     return command
         .add_option(
             "PATH", [](const CLI::results_t&) { return true; }, description)
-        ->type_size(1)
-        ->expected(-1)
-        ->allow_extra_args(false);
+        ->expected(1, std::numeric_limits<int>::max())
+        ->allow_extra_args();
 }
 
 const std::vector<std::string>& PathsOf(const CLI::Option* option)

@@ -58,17 +58,20 @@ ExitCode RunCommand(int argc, char** argv, Report& report)
     CLI::App program("Backs files up into a store, and restores them.", "kbagent");
     Describe(program);
     const std::vector<Registered> all = Register(program);
+    bool isAnswered = false;
     try {
         program.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
         report.Out() << program.help();
+        isAnswered = true;
     } catch (const CLI::CallForVersion& version) {
         report.Out() << version.what() << "\n";
+        isAnswered = true;
     } catch (const CLI::ParseError& error) {
         throw UsageError(error.what());
     }
     for (const Registered& registered : all) {
-        if (registered.options->parsed())
+        if (!isAnswered && registered.options->parsed())
             registered.command->Run(report);
     }
     report.Out().Flush();

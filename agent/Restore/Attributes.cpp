@@ -1,5 +1,7 @@
 #include "agent/Restore/Attributes.h"
 
+#include "agent/Cli/Text.h"
+
 #include "Krt/Exception/YError.h"
 #include "Krt/Log/YStream.h"
 
@@ -56,9 +58,7 @@ bool Try(Refused& refused, const char* what, const YString& which, Step step)
         step();
         return true;
     } catch (const Krt::Exception::YError& error) {
-        Krt::YStream text{YString()};
-        text << what << which << " not restored: " << error;
-        refused.push_back(text);
+        refused.push_back(YString(what) + which + YString(" not restored: ") + ReasonOf(error));
         return false;
     }
 }

@@ -1,6 +1,7 @@
 #include "agent/Restore/RestoreRun.h"
 
 #include "agent/Cli/Interrupt.h"
+#include "agent/Cli/Text.h"
 #include "agent/Restore/SparseWriter.h"
 
 #include "Backup/Core/OpenSSL.h"
@@ -57,13 +58,6 @@ YPath PathOf(const Place& place)
     return YPath(YString(text));
 }
 
-YString TextOf(const Krt::Exception::YError& error)
-{
-    Krt::YStream text{YString()};
-    text << error;
-    return text;
-}
-
 } // namespace
 
 RestoreRun::RestoreRun(const Store& store, YDirectory target, std::vector<YPath> paths, Report& report)
@@ -97,7 +91,7 @@ void RestoreRun::Restore(const SnapshotEntry& entry)
             m_report.EntryFailed(path, "restored as it was read, but it changed during the backup");
     } catch (const Krt::Exception::YError& error) {
         KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted");
-        m_report.EntryFailed(shown, TextOf(error));
+        m_report.EntryFailed(shown, ReasonOf(error));
     }
     m_report.Progress(m_counts.Entries(), m_counts.bytes);
 }
@@ -170,7 +164,7 @@ bool RestoreRun::MakeHardLink(const SnapshotEntry& entry, const Place& place, co
             "restored as a file of its own, since another entry took its first name's place");
     } catch (const Krt::Exception::YError& error) {
         m_refused.push_back(YString("restored as a file of its own, since it could not be linked: ") +
-                            TextOf(error));
+                            ReasonOf(error));
     }
     return false;
 }

@@ -1,5 +1,7 @@
 #include "agent/Restore/TargetTree.h"
 
+#include "agent/Cli/Text.h"
+
 #include "Krt/Environment/Host.h"
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/StatTimes.h"
@@ -109,9 +111,7 @@ void TargetTree::Leave()
         try {
             GiveBack(level);
         } catch (const Krt::Exception::YError& error) {
-            Krt::YStream text{YString()};
-            text << "mode and times not given back: " << error;
-            refused.push_back(text);
+            refused.push_back(YString("mode and times not given back: ") + ReasonOf(error));
         }
     }
     if (!refused.empty()) {

@@ -1,5 +1,7 @@
 #include "agent/Walk/Walker.h"
 
+#include "agent/Cli/Text.h"
+
 #include "Backup/File/Unix/DescentPolicy.h"
 
 #include "Krt/Exception/Raise.h"
@@ -37,13 +39,6 @@ std::vector<Name> SortedNames(const YDirectory& directory)
     });
     std::sort(names.begin(), names.end(), [](const Name& a, const Name& b) { return a.text < b.text; });
     return names;
-}
-
-YString ReasonOf(const Krt::Exception::YError& error)
-{
-    Krt::YStream text{YString()};
-    text << error;
-    return text;
 }
 
 } // namespace
