@@ -1,5 +1,6 @@
-// The configuration store: INI text in a file of the system, or in the one that KBAGENT_CONFIG names (not in a
-// privilege-raised process). Opened afresh by each reader; the file is parsed again only when it has changed.
+// The configuration store: INI text in a file of the system, or in the one that KBAGENT_CONFIG names (not in
+// a privilege-raised process). Opened afresh by each reader; the file is parsed again only when it has
+// changed.
 #pragma once
 
 #include "Krt/String/YString.h"
