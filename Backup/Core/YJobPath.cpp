@@ -73,8 +73,10 @@ YJobPath YJobPath::FromFilePath(YJobPath base, YPath path, bool isDirectory)
 
 void YJobPath::ParseDisplayPath(const YString& text)
 {
+    // Split first: the text may be one of this path's own.
+    const std::vector<YString> fields = text.SectionVector("/", true, true);
     m_components.clear();
-    for (const YString& field : text.SectionVector("/", true, true))
+    for (const YString& field : fields)
         m_components.emplace_back(field, field, ClassUnknown, 0);
 }
 

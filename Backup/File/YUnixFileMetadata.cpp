@@ -11,7 +11,9 @@
 #include "Krt/Log/LogSite.h"
 #include "Krt/Util/YVariableStructureParser.h"
 
+#include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace Backup::File {
 
@@ -78,7 +80,7 @@ YString ReadLegacyName(const Bytes& bytes, unsigned long offset)
 }
 
 void PopulateLegacyNames(YUnixFileMetadata& metadata, const Bytes& bytes, const _tagUNIX_FILE_HDR& header,
-                         JobPathMapper mapper)
+                         const JobPathMapper& mapper)
 {
     constexpr unsigned long Names = offsetof(_tagUNIX_FILE_HDR, names);
     // An end in front of the names is not refused: the length wraps around and bounds nothing.
@@ -87,9 +89,8 @@ void PopulateLegacyNames(YUnixFileMetadata& metadata, const Bytes& bytes, const 
         KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
                      "Legacy unix file header does not contain any file paths");
     const YString first = ReadLegacyName(bytes, Names);
-    YMetadataBase& object = metadata;
     if (header.isSymlink == 0) {
-        object.SetFilePath(Krt::CallFunction(mapper, YPath(first), metadata.IsDirectoryForRestore()));
+        metadata.SetFilePath(Krt::CallFunction(mapper, YPath(first), metadata.IsDirectoryForRestore()));
         return;
     }
     metadata.SetSymbolicLinkTarget(YPath(first));
@@ -97,7 +98,7 @@ void PopulateLegacyNames(YUnixFileMetadata& metadata, const Bytes& bytes, const 
         KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
                      "Legacy unix file header parsing error: end of buffer reached while parsing filename");
     const YString path = ReadLegacyName(bytes, Names + first.Bytes().size() + 2);
-    object.SetFilePath(Krt::CallFunction(mapper, YPath(path), false));
+    metadata.SetFilePath(Krt::CallFunction(mapper, YPath(path), false));
 }
 
 // Reads the attributes and lets them go: none of them ever reached the object, yet a damaged section fails
@@ -170,9 +171,9 @@ YUnixFileMetadata::YUnixFileMetadata(YFile& file, JobPathMapper mapper) : YUnixF
     m_lastAccessTime = 0;
     if (file.IsSymbolicLink())
         m_symbolicLinkTarget = file.GetSymbolicLinkTarget();
-    const YPath path = file.GetPath();
+    YPath path = file.GetPath();
     const bool followable = IsFollowableDirectoryFromKrtAttributes(path, Krt::File::GetAttributes(path));
-    m_filePath = Krt::CallFunction(mapper, path, followable);
+    m_filePath = Krt::CallFunction(mapper, std::move(path), followable);
     m_extendedAttributes = file.GetExtendedAttributeMap();
 }
 

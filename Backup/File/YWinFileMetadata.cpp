@@ -44,7 +44,7 @@ const _tagWINDOWS_FILE_HDR& ReadLegacyHeader(const Bytes& bytes)
 }
 
 void PopulateLegacyPaths(YWinFileMetadata& metadata, const Bytes& bytes, const _tagWINDOWS_FILE_HDR& header,
-                         JobPathMapper mapper)
+                         const JobPathMapper& mapper)
 {
     constexpr unsigned long Names = offsetof(_tagWINDOWS_FILE_HDR, names);
     constexpr wchar_t EndOfList = 0x0A;

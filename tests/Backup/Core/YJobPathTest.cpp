@@ -116,6 +116,9 @@ TEST(YJobPath, TakesRangesAndItself)
     self.Append(self);
     self.AppendComponent(self.GetRoot());
     EXPECT_EQ(self.GetDisplayPath(), "b/c/b/c/b");
+    YJobPath parsed(Component("a name too long to be kept in place/x", "", 0, 0));
+    parsed.ParseDisplayPath(parsed.GetLeaf().m_name);
+    EXPECT_EQ(parsed.GetComponentCount(), 2u);
     YJobPath taken;
     taken = std::move(self);
     EXPECT_EQ(taken.GetComponentCount(), 5u);
