@@ -4,7 +4,22 @@
 
 #include <limits>
 
+#include <limits>
+#include <string_view>
+
 namespace Agent {
+
+namespace {
+
+// The parser takes "[a,b]" apart. As a path it means the same with this in front.
+constexpr std::string_view ListMask = "./";
+
+bool LooksLikeList(std::string_view argument)
+{
+    return argument.starts_with('[') && argument.ends_with(']');
+}
+
+} // namespace
 
 void AddStoreOption(CLI::App& command, std::string& path)
 {
@@ -13,8 +28,7 @@ void AddStoreOption(CLI::App& command, std::string& path)
 
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description)
 {
-    // The option has no variable of its own: the conversion to a list would read "{}" and "[a,b]" as
-    // notations.
+    // Without a variable of its own: the conversion to a list would read "{}" as an empty one.
     return command
         .add_option(
             "PATH", [](const CLI::results_t&) { return true; }, description)
@@ -22,9 +36,25 @@ CLI::Option* AddPathArguments(CLI::App& command, const std::string& description)
         ->allow_extra_args();
 }
 
-const std::vector<std::string>& PathsOf(const CLI::Option* option)
+std::vector<std::string> PathsOf(const CLI::Option* option)
 {
-    return option->results();
+    std::vector<std::string> paths = option->results();
+    for (std::string& path : paths) {
+        if (path.starts_with(ListMask) && LooksLikeList(std::string_view(path).substr(ListMask.size())))
+            path.erase(0, ListMask.size());
+    }
+    return paths;
+}
+
+std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv)
+{
+    std::vector<std::string> arguments;
+    for (int i = argc - 1; i > 0; --i) {
+        arguments.push_back(argv[i]);
+        if (LooksLikeList(arguments.back()))
+            arguments.back().insert(0, ListMask);
+    }
+    return arguments;
 }
 
 } // namespace Agent

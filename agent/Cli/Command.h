@@ -40,9 +40,10 @@ std::unique_ptr<ICommand> MakeRestoreCommand();
 
 /// The option --store DIR, which is required.
 void AddStoreOption(CLI::App& command, std::string& path);
-/// The positional PATH...; the arguments stand in PathsOf(option) as they were typed, whatever they look
-/// like.
+/// The positional PATH..., whose arguments PathsOf gives as they were typed, whatever they look like.
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description);
-const std::vector<std::string>& PathsOf(const CLI::Option* option);
+std::vector<std::string> PathsOf(const CLI::Option* option);
+/// The program's arguments as the parser is to see them: the last comes first, and none is taken for a list.
+std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv);
 
 } // namespace Agent

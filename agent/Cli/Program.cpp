@@ -60,7 +60,7 @@ ExitCode RunCommand(int argc, char** argv, Report& report)
     const std::vector<Registered> all = Register(program);
     bool isAnswered = false;
     try {
-        program.parse(argc, argv);
+        program.parse(ArgumentsForParser(argc, argv));
     } catch (const CLI::CallForHelp&) {
         report.Out() << program.help();
         isAnswered = true;
