@@ -94,16 +94,17 @@ private:
         boost::weak_ptr<Slot> slot;
         boost::weak_ptr<void> owner;
     };
-    // An entry of a firing's snapshot, with what keeps slot and owner alive from its turn to the firing's
-    // end.
+    // An entry of a firing's snapshot, with what keeps the slot alive from its turn to the firing's end, and
+    // the owner for the call.
     struct Call : Connection
     {
         // Whether the slot is to be called still; with the lock held.
         bool Promote()
         {
             heldSlot = this->slot.lock();
-            heldOwner = this->owner.lock();
-            return heldSlot && heldOwner && heldSlot->IsConnected();
+            if (heldSlot && heldSlot->IsConnected())
+                heldOwner = this->owner.lock();
+            return heldOwner != nullptr;
         }
         boost::shared_ptr<Slot> heldSlot;
         boost::shared_ptr<void> heldOwner;

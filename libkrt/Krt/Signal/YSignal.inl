@@ -43,6 +43,7 @@ void YSignal<void(Args...), Combiner, Function>::operator()(Args... args) const
             combiner.Note();
         } catch (const YSlotExpired&) {
         }
+        call.heldOwner.reset(); // now, and without the lock: later entries may have the same owner
     }
 }
 

@@ -98,7 +98,9 @@ TEST_F(YSignalTest, OwnerLivesUntilTheCallIsOver)
             m_called += watch.expired() ? '-' : '+';
         },
         owner);
-    EXPECT_EQ(Fire(), "+");
+    YSlot sameOwner = m_event.Connect([&] { m_called += 's'; }, owner);
+    YSlot last = m_event.Connect([&] { m_called += watch.expired() ? '-' : '+'; });
+    EXPECT_EQ(Fire(), "+-");
     EXPECT_TRUE(watch.expired());
 }
 
