@@ -30,7 +30,7 @@ public:
     YObject(YObject&& other) noexcept;
     YObject& operator=(const YObject& other);
     YObject& operator=(YObject&& other) noexcept;
-    ~YObject();
+    virtual ~YObject(); // so that a log line names a derived class
 
     /// Stores the value; an existing key keeps its place and gets the new value. A key with a null value
     /// counts as absent.
