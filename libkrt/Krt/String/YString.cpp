@@ -68,45 +68,12 @@ YString::YString(std::string&& bytes) noexcept : m_bytes(std::move(bytes))
     Normalize();
 }
 
-YString::YString(YString&& other) noexcept : m_bytes(std::move(other.m_bytes)), m_count(other.CachedCount())
-{
-    other.DropWide();
-    other.m_bytes.clear();
-    other.Normalize();
-}
-
 YString& YString::operator=(const YString& other)
 {
     DropWide();
     m_bytes = other.m_bytes;
     Normalize();
     return *this;
-}
-
-YString& YString::operator=(YString&& other) noexcept
-{
-    if (this != &other) {
-        DropWide();
-        other.DropWide();
-        m_bytes = std::move(other.m_bytes);
-        other.m_bytes.clear();
-        Normalize();
-        other.Normalize();
-    }
-    return *this;
-}
-
-void YString::DropWide()
-{
-    if (m_wide.Size() != 0)
-        m_wide.Resize(0);
-}
-
-void YString::Normalize() noexcept
-{
-    while (!m_bytes.empty() && m_bytes.back() == '\0')
-        m_bytes.pop_back();
-    m_count.store(Unknown, std::memory_order_relaxed);
 }
 
 unsigned int YString::Length() const
@@ -266,7 +233,7 @@ YString YString::Right(unsigned int count) const
 const char& YString::At(unsigned int index) const
 {
     const std::size_t offset = Locate(index);
-    KRT_RAISE_UNLESS(offset != std::string::npos, ErrorCode::InvalidArgument);
+    KRT_RAISE_UNLESS(offset < m_bytes.size(), ErrorCode::InvalidArgument);
     return m_bytes[offset];
 }
 
@@ -290,7 +257,7 @@ unsigned int YString::Replace(const char* from, const char* to, unsigned int sta
     std::size_t offset = Locate(start);
     if (pattern.empty() || m_bytes.empty())
         return 0;
-    KRT_RAISE_UNLESS(offset != std::string::npos, ErrorCode::InvalidArgument);
+    KRT_RAISE_UNLESS(offset < m_bytes.size(), ErrorCode::InvalidArgument);
 
     std::string result;
     std::size_t taken = 0;

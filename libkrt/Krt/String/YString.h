@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -46,10 +47,26 @@ public:
         Normalize();
     }
     YString(const YString& other) : m_bytes(other.m_bytes), m_count(other.CachedCount()) {}
-    YString(YString&& other) noexcept;
+    YString(YString&& other) noexcept : m_bytes(std::move(other.m_bytes)), m_count(other.CachedCount())
+    {
+        other.Clear();
+    }
     YString& operator=(const YString& other);
-    YString& operator=(YString&& other) noexcept;
-    virtual ~YString() = default;
+    YString& operator=(YString&& other) noexcept
+    {
+        if (this != &other) {
+            DropWide();
+            m_bytes = std::move(other.m_bytes);
+            Normalize();
+            other.Clear();
+        }
+        return *this;
+    }
+    virtual ~YString()
+    {
+        if (m_wide.Size() != 0)
+            std::destroy_at(&m_wide);
+    }
 
     /// The bytes, NUL-terminated behind the last; valid until the next change.
     const char* CStr() const noexcept { return m_bytes.c_str(); }
@@ -79,13 +96,12 @@ public:
     YString Mid(unsigned int start, unsigned int count) const;
     YString Left(unsigned int count) const;
     YString Right(unsigned int count) const;
-    /// First byte of the character at `index`; raises InvalidArgument past the end. An index that is below
-    /// the number of bytes and names the place behind the last character gives the terminator.
+    /// First byte of the character at `index`; raises InvalidArgument behind the last character.
     const char& At(unsigned int index) const;
     bool EndsWith(const YString& suffix, bool caseSensitive) const;
 
     /// Replaces up to `maxCount` matches (0: all) from `start` on and returns how many; inserted text is not
-    /// searched again. Raises InvalidArgument if `start` is past the end.
+    /// searched again. Raises InvalidArgument if `start` lies behind the last character.
     unsigned int Replace(const char* from, const char* to, unsigned int start, unsigned int maxCount,
                          bool caseSensitive);
     void Truncate(unsigned int count);
@@ -119,12 +135,31 @@ private:
     // The bytes between two offsets, up to the first NUL.
     std::string_view Text(std::size_t begin, std::size_t end) const;
     // Every mutator begins with DropWide and ends with Normalize.
-    void DropWide();
-    void Normalize() noexcept;
+    void DropWide() noexcept
+    {
+        if (m_wide.Size() != 0)
+            m_wide.Resize(0);
+    }
+    void Normalize() noexcept
+    {
+        while (!m_bytes.empty() && m_bytes.back() == '\0')
+            m_bytes.pop_back();
+        m_count.store(Unknown, std::memory_order_relaxed);
+    }
+    void Clear() noexcept
+    {
+        DropWide();
+        m_bytes.clear();
+        m_count.store(Unknown, std::memory_order_relaxed);
+    }
 
     std::string m_bytes;
     mutable std::atomic<unsigned int> m_count{Unknown};
-    mutable Memory::YHeap<wchar_t> m_wide;
+    // Empty if it isn't made, as in nearly every string. An empty heap owns nothing, and in a union its end
+    // is the string's to decide: moving and destroying a string then calls nothing of the heap.
+    union {
+        mutable Memory::YHeap<wchar_t> m_wide{};
+    };
 };
 
 KRT_API YString operator+(char first, const YString& rest);

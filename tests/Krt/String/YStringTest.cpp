@@ -142,7 +142,7 @@ TEST(YStringTest, TakesPartsByCharacters)
     EXPECT_RAISES(YString("abc").At(3), ErrorCode::InvalidArgument, "At", "");
     EXPECT_RAISES(YString("").At(0), ErrorCode::InvalidArgument, "At", "");
     EXPECT_RAISES(YString("\xF0zz").At(1), ErrorCode::InvalidArgument, "At", ""); // steps over the end
-    EXPECT_EQ(YString("\u00e9").At(1), '\0');
+    EXPECT_RAISES(YString("\u00e9").At(1), ErrorCode::InvalidArgument, "At", "");
 
     EXPECT_TRUE(text.EndsWith("B\u20ac", false));
     EXPECT_TRUE(text.EndsWith("", true));
@@ -181,6 +181,7 @@ TEST(YStringTest, ReplacesWithoutRescanning)
     }
     YString text("abc");
     EXPECT_RAISES(text.Replace("a", "b", 3, 0, true), ErrorCode::InvalidArgument, "Replace", "");
+    EXPECT_RAISES(YString("\u00e9").Replace("a", "b", 1, 0, true), ErrorCode::InvalidArgument, "Replace", "");
     EXPECT_EQ(text.Replace(text.CStr(), text.CStr() + 1, 0, 0, true), 1U); // arguments inside the text itself
     EXPECT_EQ(text, "bc");
 }
