@@ -14,7 +14,7 @@ public:
 };
 
 /// Told of every change of a heap's size, in bytes, before it takes place. A hook for statistics: this one
-/// does nothing, and no heap depends on what it does.
+/// does nothing, and no heap depends on what it does. A program's own definition takes its place.
 KRT_API void ReportHeapResize(unsigned long long oldSize, unsigned long long newSize);
 
 } // namespace Krt::Memory

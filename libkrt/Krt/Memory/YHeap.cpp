@@ -5,8 +5,6 @@
 
 namespace Krt::Memory {
 
-void ReportHeapResize(unsigned long long, unsigned long long) {}
-
 namespace Detail {
 
 void RaiseResize(unsigned long size, const std::exception& cause)

@@ -10,8 +10,33 @@ using Krt::Memory::YHeap;
 
 namespace {
 using Bytes = YHeap<unsigned char>;
+using Reports = std::vector<std::pair<unsigned long long, unsigned long long>>;
 constexpr unsigned long Huge = std::numeric_limits<unsigned long>::max();
+Reports* g_reports = nullptr; // where resizes are noted, while someone wants to know
 } // namespace
+
+// Takes the place of the library's.
+void Krt::Memory::ReportHeapResize(unsigned long long oldSize, unsigned long long newSize)
+{
+    if (g_reports != nullptr)
+        g_reports->emplace_back(oldSize, newSize);
+}
+
+TEST(YHeapTest, ReportsEachChangeOfSizeBeforeItTakesPlace)
+{
+    Reports reports;
+    g_reports = &reports;
+    {
+        Bytes heap("abc", 3);
+        heap.Resize(5);
+        Bytes other("x", 1);
+        heap = std::move(other);
+        other.Resize(0);
+        static_cast<void>(Testing::CatchError([&] { heap.Resize(Huge); }));
+    }
+    g_reports = nullptr;
+    EXPECT_EQ(reports, (Reports{{0, 3}, {3, 5}, {0, 1}, {5, 0}, {0, 0}, {1, Huge}, {0, 0}, {1, 0}}));
+}
 
 TEST(YHeapTest, ResizeKeepsWhatStaysAndZeroesWhatComes)
 {
