@@ -23,7 +23,6 @@ public:
     /// Puts this text in the place of the unfinished message, which is returned.
     std::string ExchangeText(std::string text);
 
-protected:
     /// Hands the text to the log and to the signal's slots, and begins the next message empty.
     void FlushInternal() override;
 

@@ -105,11 +105,8 @@ YStream& YStream::operator<<(const YError& error)
 
 YStream& YStream::operator<<(const std::vector<YString>& strings)
 {
-    const char* separator = "";
-    for (const YString& string : strings) {
-        *this << separator << string;
-        separator = ", ";
-    }
+    for (const YString& string : strings)
+        *this << string;
     return *this;
 }
 

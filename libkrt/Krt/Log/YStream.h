@@ -52,8 +52,7 @@ public:
     YStream& operator<<(const File::YPath& path);
     YStream& operator<<(const Match::Descriptor& descriptor);
     YStream& operator<<(const Exception::YError& error);
-    /// The strings, with ", " between them.
-    YStream& operator<<(const std::vector<YString>& strings);
+    YStream& operator<<(const std::vector<YString>& strings); ///< one directly behind the other
     YStream& operator<<(const YStream& other);
     YStream& operator<<(Hex);
     YStream& operator<<(Modifiers modifier);
@@ -64,10 +63,10 @@ public:
     /// Fired by each flush with the text.
     Signal::YSignal<void(YString)>& GetSignal() { return m_signal; }
 
-protected:
     /// Takes the text and fires the signal with it, once.
     virtual void FlushInternal();
 
+protected:
     Signal::YSignal<void(YString)> m_signal;
     std::ostringstream m_text;
 

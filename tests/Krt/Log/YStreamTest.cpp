@@ -47,7 +47,7 @@ TEST(YStreamTest, WritesEachKindOfArgument)
          [](YStream& s) {
              s << std::vector<YString>{"a", "", "b"};
          },
-         "a, , b"},
+         "ab"},
         {"stream", [&](YStream& s) { s << other << other; }, "otherother"},
         {"glob", [](YStream& s) { s << Match::GlobDescriptor("*.o", true); }, "glob \"*.o\""},
         {"exact", [](YStream& s) { s << Match::ExactDescriptor("x", false); }, "exact \"x\" in any case"},
