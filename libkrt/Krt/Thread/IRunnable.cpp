@@ -21,8 +21,8 @@ void IRunnable::Run()
     } catch (const Exception::YError& error) {
         m_error = error;
     } catch (const std::exception& failure) {
-        m_error = Exception::TranslateYError(failure, MessageType::General, __LINE__, __FILE__, __func__,
-                                             YString());
+        m_error = Exception::TranslateYError(failure, MessageType::General, __LINE__, "Krt/Thread/IRunnable",
+                                             __func__, YString());
     }
 }
 

