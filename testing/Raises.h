@@ -1,4 +1,5 @@
-// Checks of what a statement raises: EXPECT_RAISES(GetRoot(), ErrorCode::EmptyJobPath, "GetRoot", "Cannot ...").
+// Checks of what a statement raises: EXPECT_RAISES(GetRoot(), ErrorCode::EmptyJobPath, "GetRoot", "Cannot
+// ...").
 #pragma once
 
 #include "Krt/Exception/YError.h"

@@ -24,8 +24,8 @@ TemporaryDirectory::~TemporaryDirectory()
     // Directories that the test locked have to be opened again before their contents can go.
     std::error_code ignored;
     fs::permissions(m_path, fs::perms::owner_all, ignored);
-    for (auto it = fs::recursive_directory_iterator(m_path, ignored); it != fs::recursive_directory_iterator();
-         it.increment(ignored)) {
+    for (auto it = fs::recursive_directory_iterator(m_path, ignored);
+         it != fs::recursive_directory_iterator(); it.increment(ignored)) {
         if (it->is_directory(ignored) && !it->is_symlink(ignored))
             fs::permissions(it->path(), fs::perms::owner_all, ignored);
     }

@@ -146,19 +146,20 @@ boost::shared_ptr<YValue> YValue::Create<File::YPath>(File::YPath path)
     return Create<YString>(std::move(path));
 }
 
-template const unsigned int& YValue::Get<unsigned int>() const;
-template const unsigned long long& YValue::Get<unsigned long long>() const;
-template const bool& YValue::Get<bool>() const;
-template const YString& YValue::Get<YString>() const;
-template const YArray& YValue::Get<YArray>() const;
-template const YObject& YValue::Get<YObject>() const;
+template KRT_API const unsigned int& YValue::Get<unsigned int>() const;
+template KRT_API const unsigned long long& YValue::Get<unsigned long long>() const;
+template KRT_API const bool& YValue::Get<bool>() const;
+template KRT_API const YString& YValue::Get<YString>() const;
+template KRT_API const YArray& YValue::Get<YArray>() const;
+template KRT_API const YObject& YValue::Get<YObject>() const;
 
-template const unsigned int& YObject::Get<unsigned int>(const YString&, unsigned int) const;
-template const unsigned long long& YObject::Get<unsigned long long>(const YString&, unsigned int) const;
-template const bool& YObject::Get<bool>(const YString&, unsigned int) const;
-template const YString& YObject::Get<YString>(const YString&, unsigned int) const;
-template const YArray& YObject::Get<YArray>(const YString&, unsigned int) const;
-template const YObject& YObject::Get<YObject>(const YString&, unsigned int) const;
+template KRT_API const unsigned int& YObject::Get<unsigned int>(const YString&, unsigned int) const;
+template KRT_API const unsigned long long& YObject::Get<unsigned long long>(const YString&,
+                                                                            unsigned int) const;
+template KRT_API const bool& YObject::Get<bool>(const YString&, unsigned int) const;
+template KRT_API const YString& YObject::Get<YString>(const YString&, unsigned int) const;
+template KRT_API const YArray& YObject::Get<YArray>(const YString&, unsigned int) const;
+template KRT_API const YObject& YObject::Get<YObject>(const YString&, unsigned int) const;
 
 template <class T>
 boost::shared_ptr<YValue> YObject::Set(const YString& key, T value)
@@ -174,9 +175,9 @@ boost::shared_ptr<YValue> YObject::Set(const YString& key, T value)
     return made;
 }
 
-template boost::shared_ptr<YValue> YObject::Set<unsigned int>(const YString&, unsigned int);
-template boost::shared_ptr<YValue> YObject::Set<YString>(const YString&, YString);
-template boost::shared_ptr<YValue> YObject::Set<YObject>(const YString&, YObject);
-template boost::shared_ptr<YValue> YObject::Set<YArray>(const YString&, YArray);
+template KRT_API boost::shared_ptr<YValue> YObject::Set<unsigned int>(const YString&, unsigned int);
+template KRT_API boost::shared_ptr<YValue> YObject::Set<YString>(const YString&, YString);
+template KRT_API boost::shared_ptr<YValue> YObject::Set<YObject>(const YString&, YObject);
+template KRT_API boost::shared_ptr<YValue> YObject::Set<YArray>(const YString&, YArray);
 
 } // namespace Krt::JSON

@@ -103,6 +103,11 @@ private:
 };
 
 // The specialisations for Backup::YJobPath and its Component stand beside that class.
+// A vector of boost's pointers has the visibility of its innermost part, which clang takes for hidden.
+extern template KRT_API const YArray& YObject::Get<YArray>(const YString&, unsigned int) const;
+extern template KRT_API boost::shared_ptr<YValue> YObject::Set<YArray>(const YString&, YArray);
+extern template KRT_API const YArray& YValue::Get<YArray>() const;
+
 template <>
 KRT_API unsigned int YValue::Convert<unsigned int>() const;
 template <>

@@ -57,8 +57,7 @@ class KRT_API GlobDescriptor : public Descriptor
 public:
     GlobDescriptor(const YString& pattern, bool caseSensitive)
         : Descriptor(MatchType::Glob, pattern, caseSensitive)
-    {
-    }
+    {}
 };
 
 class KRT_API ExactDescriptor : public Descriptor
@@ -66,8 +65,7 @@ class KRT_API ExactDescriptor : public Descriptor
 public:
     ExactDescriptor(const YString& name, bool caseSensitive)
         : Descriptor(MatchType::Exact, name, caseSensitive)
-    {
-    }
+    {}
 };
 
 /// Whether the name matches. In a Glob, "*" is any run of characters and "?" one character; all else is

@@ -5,9 +5,9 @@
 
 namespace Krt::String {
 
-/// Convert<wchar_t, char>: UTF-16 up to its NUL unit, as UTF-8 with a NUL behind it, in a heap of 16 bytes for
-/// each unit and the terminator. Raises InvalidUtf16 or InvalidUtf8.
-/// Convert<char, wchar_t>: the reverse, NUL-terminated.
+/// Convert<wchar_t, char>: UTF-16 up to its NUL unit, as UTF-8 with a NUL behind it, in a heap of 16 bytes
+/// for each unit and the terminator. Raises InvalidUtf16 or InvalidUtf8. Convert<char, wchar_t>: the reverse,
+/// NUL-terminated.
 template <class From, class To>
 Memory::YHeap<To> Convert(const From* text);
 

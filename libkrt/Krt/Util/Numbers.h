@@ -9,9 +9,9 @@ namespace Krt::Util {
 template <class T>
 YString NumberToString(T value, bool hex);
 
-/// For bool, unsigned int and unsigned long long. White space at both ends is trimmed; a leading "0x" or `hex`
-/// reads hexadecimal; with `strict` nothing may follow the number. A bool is t, f, y, n, 1 or 0 in either case,
-/// as the whole text with `strict`, else as its beginning. Raises NumberConversion.
+/// For bool, unsigned int and unsigned long long. White space at both ends is trimmed; a leading "0x" or
+/// `hex` reads hexadecimal; with `strict` nothing may follow the number. A bool is t, f, y, n, 1 or 0 in
+/// either case, as the whole text with `strict`, else as its beginning. Raises NumberConversion.
 template <class T>
 T StringToNumber(const YString& text, bool hex, bool strict);
 

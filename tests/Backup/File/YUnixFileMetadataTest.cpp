@@ -97,9 +97,10 @@ TEST(UnixFileMetadata, EachKeyIsRequired)
     ASSERT_EQ(json.Entries().size(), 12u);
     const auto flag = boost::make_shared<YValue>(YValue::FromBool(true));
     EXPECT_TRUE(YUnixFileMetadata(With(json, "is_directory", flag)).IsDirectoryForRestore());
-    for (const auto& [key, value] : json.Entries()) {
-        const auto error = Testing::CatchError([&] { YUnixFileMetadata{With(json, key.CStr(), nullptr)}; });
-        EXPECT_TRUE(error && error->GetMessageType() == MessageType::Runtime) << key.Bytes();
+    for (const auto& entry : json.Entries()) {
+        const char* const key = entry.first.CStr();
+        const auto error = Testing::CatchError([&] { YUnixFileMetadata{With(json, key, nullptr)}; });
+        EXPECT_TRUE(error && error->GetMessageType() == MessageType::Runtime) << key;
     }
 }
 

@@ -46,6 +46,6 @@ TEST(Base64Test, RefusesWhatNoEncoderWrites)
         {"Zm9vZ", "Base64 text ends inside a group at offset 5"},
         {"Zh==", "Unexpected Base64 bits before offset 3"},
     };
-    for (const auto& [text, message] : cases)
-        EXPECT_RAISES(Decode(text), ErrorCode::InvalidArgument, "Base64DecodeData", message);
+    for (const auto& each : cases)
+        EXPECT_RAISES(Decode(each.first), ErrorCode::InvalidArgument, "Base64DecodeData", each.second);
 }

@@ -49,13 +49,13 @@ TEST(NumbersTest, ReadsNumbers)
         {"no digit", "x", false, false, {}},
         {"a leading zero is decimal", "010", false, true, 10},
     };
-    for (const auto& [name, text, hex, strict, number] : cases) {
+    for (const auto& each : cases) {
         std::optional<unsigned int> read;
-        const auto raised =
-            Testing::CatchError([&] { read = StringToNumber<unsigned int>(text, hex, strict); });
-        EXPECT_EQ(read, number) << name;
+        const auto raised = Testing::CatchError(
+            [&] { read = StringToNumber<unsigned int>(each.text, each.hex, each.strict); });
+        EXPECT_EQ(read, each.number) << each.name;
         EXPECT_EQ(raised ? raised->GetCode() : ErrorCode::NumberConversion, ErrorCode::NumberConversion)
-            << name;
+            << each.name;
     }
     EXPECT_EQ(StringToNumber<unsigned long long>("0xFFFFFFFFFFFFFFFF", false, true), ULLONG_MAX);
     EXPECT_RAISES_ON(StringToNumber<unsigned long long>("18446744073709551616", false, false),
@@ -72,10 +72,10 @@ TEST(NumbersTest, ReadsBools)
     } cases[] = {{"T", true, true},         {"f", true, false},   {" 1 ", true, true},  {"0", true, false},
                  {"Yes", true, {}},         {"Yes", false, true}, {"no", false, false}, {"10", false, true},
                  {"terrible", false, true}, {"", false, {}},      {"on", false, {}}};
-    for (const auto& [text, strict, value] : cases) {
+    for (const auto& each : cases) {
         std::optional<bool> read;
-        (void)Testing::CatchError([&] { read = StringToNumber<bool>(text, false, strict); });
-        EXPECT_EQ(read, value) << text;
+        (void)Testing::CatchError([&] { read = StringToNumber<bool>(each.text, false, each.strict); });
+        EXPECT_EQ(read, each.value) << each.text;
     }
     EXPECT_RAISES_ON(StringToNumber<bool>("x", false, false), MessageType::Runtime,
                      ErrorCode::NumberConversion, "StringToNumber", "");
