@@ -20,14 +20,18 @@ namespace {
 
 constexpr std::size_t BufferSize = 1 << 20;
 
-// Whether the library, which goes by path, saw the entry that the walk sees through its descriptor. Only a
-// regular file is held open and so has an inode to compare; of the others the status has to do.
+// Whether the library, which goes by path, saw the entry that the walk sees through its descriptor. A regular
+// file is held open, so that its content is known to be the entry's even if the way there was swapped between
+// two looks; of the others the status has to do.
 bool IsSameEntry(const YFile& file, const struct stat& status)
 {
     if ((file.GetModeFlags() & S_IFMT) != (status.st_mode & S_IFMT))
         return false;
-    if (file.IsRegularFile())
-        return file.GetInode() == status.st_ino;
+    if (file.IsRegularFile()) {
+        const struct stat opened = Krt::File::Stat(file.GetHandle());
+        return file.GetInode() == status.st_ino && opened.st_ino == status.st_ino &&
+               opened.st_dev == status.st_dev;
+    }
     return file.GetUID() == status.st_uid &&
            file.GetLastChangedTime() == static_cast<unsigned long long>(status.st_ctime);
 }
@@ -71,7 +75,8 @@ void BackupRun::Capture(const WalkedEntry& entry, const Backup::File::YUnixFileM
     }
 
     const bool isLinked = HardLinks::MayHave(entry.status);
-    const HardLinks::File* const known = isLinked ? m_hardLinks.Find(entry.status) : nullptr;
+    const HardLinks::File* const known =
+        isLinked ? m_hardLinks.Find(entry.status, m_file.GetSize()) : nullptr;
     if (known != nullptr) {
         line.hardLinkGroup = known->group;
         line.content = known->content;
@@ -80,7 +85,7 @@ void BackupRun::Capture(const WalkedEntry& entry, const Backup::File::YUnixFileM
         if (S_ISREG(entry.status.st_mode))
             ReadContent(entry, line);
         if (isLinked)
-            line.hardLinkGroup = m_hardLinks.Add(entry.status, line);
+            line.hardLinkGroup = m_hardLinks.Add(entry.status, m_file.GetSize(), line);
     }
     m_snapshot.Add(line);
     if (known != nullptr)
@@ -143,7 +148,7 @@ void BackupRun::OnMountEntered(const YPath& path)
 
 void BackupRun::OnStoreSkipped(const YPath& path)
 {
-    m_report.Note(path + YString(" is the store itself and is left out"));
+    m_report.Note(path + YString(" is the store itself or lies in it, and is left out"));
 }
 
 void BackupRun::OnFailed(const YPath& path, const YString& reason)

@@ -1,16 +1,30 @@
 #include "agent/Backup/HardLinks.h"
 
+#include "Krt/File/Unix/StatTimes.h"
+
 namespace Agent {
 
-const HardLinks::File* HardLinks::Find(const struct stat& status) const
+const HardLinks::File* HardLinks::Find(const struct stat& status, unsigned long long size) const
 {
     const auto found = m_files.find({status.st_dev, status.st_ino});
-    return found != m_files.end() ? &found->second : nullptr;
+    if (found == m_files.end())
+        return nullptr;
+    const File& file = found->second;
+    const timespec& writeTime = Krt::File::WriteTime(status);
+    const bool isUnchanged = file.size == size && file.writeTime.tv_sec == writeTime.tv_sec &&
+                             file.writeTime.tv_nsec == writeTime.tv_nsec;
+    return isUnchanged ? &file : nullptr;
 }
 
-unsigned long long HardLinks::Add(const struct stat& status, const SnapshotEntry& entry)
+unsigned long long HardLinks::Add(const struct stat& status, unsigned long long size,
+                                  const SnapshotEntry& entry)
 {
-    const File file{++m_groups, entry.content, entry.readSize, status.st_nlink - 1};
+    const File file{.group = ++m_groups,
+                    .content = entry.content,
+                    .readSize = entry.readSize,
+                    .namesToCome = status.st_nlink - 1u,
+                    .size = size,
+                    .writeTime = Krt::File::WriteTime(status)};
     m_files.insert_or_assign(Key{status.st_dev, status.st_ino}, file);
     return file.group;
 }

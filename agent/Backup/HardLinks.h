@@ -1,5 +1,6 @@
 // HardLinks: recognises the further names of a file during a walk. A file is remembered only while names of
-// it are still to come.
+// it are still to come. One that was written to since its first name is taken for another file, whose content
+// is read anew: its inode may also have been given away and taken again.
 #pragma once
 
 #include "agent/Store/Snapshot.h"
@@ -20,14 +21,17 @@ public:
         std::optional<Address> content;
         std::optional<unsigned long long> readSize;
         unsigned long long namesToCome;
+        unsigned long long size;
+        timespec writeTime;
     };
 
     /// Whether further names may exist.
     static bool MayHave(const struct stat& status) { return status.st_nlink > 1 && !S_ISDIR(status.st_mode); }
-    /// The file of this status if a name of it was seen; null otherwise.
-    const File* Find(const struct stat& status) const;
+    /// The file of this status if a name of it was seen; null otherwise. `size` is the one that its record
+    /// tells.
+    const File* Find(const struct stat& status, unsigned long long size) const;
     /// Remembers a file by its first name and gives its group.
-    unsigned long long Add(const struct stat& status, const SnapshotEntry& entry);
+    unsigned long long Add(const struct stat& status, unsigned long long size, const SnapshotEntry& entry);
     /// A further name of a found file was stored.
     void Seen(const struct stat& status);
 

@@ -54,6 +54,8 @@ void RestoreCommand::Run(Report& report)
     const Krt::File::YPath target(m_target.c_str());
     Krt::File::CreatePath(target, true);
     Krt::Environment::SetFileCreationMask(077);
+    // The directories on the way to an entry are all held open.
+    Krt::Environment::RaiseDescriptorLimit();
     std::vector<Krt::File::YPath> paths;
     for (const std::string& path : PathsOf(m_paths))
         paths.push_back(Krt::File::YPath(path.c_str()).AddLeadingSep());

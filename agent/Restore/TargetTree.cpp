@@ -25,6 +25,11 @@ TargetTree::TargetTree(YDirectory root, RefusalReport report)
     : m_root(std::move(root)), m_report(std::move(report))
 {}
 
+TargetTree::~TargetTree()
+{
+    Finish();
+}
+
 const YDirectory& TargetTree::ParentOf(const Place& place)
 {
     return Descend(place, place.size() - 1);
@@ -98,7 +103,12 @@ void TargetTree::GiveBack(const Level& level)
     }
     if (level.isWidened)
         Krt::File::SetMode(handle, level.before.st_mode);
-    Krt::File::SetTimes(handle, Krt::File::AccessTime(level.before), Krt::File::WriteTime(level.before));
+    // One that nothing was made in may well be somebody else's, who alone can set its times.
+    const struct stat now = level.directory.Stat();
+    const timespec& write = Krt::File::WriteTime(level.before);
+    if (Krt::File::WriteTime(now).tv_sec != write.tv_sec ||
+        Krt::File::WriteTime(now).tv_nsec != write.tv_nsec)
+        Krt::File::SetTimes(handle, Krt::File::AccessTime(level.before), write);
 }
 
 void TargetTree::Leave()

@@ -23,6 +23,8 @@ public:
         std::function<void(const Place& directory, const std::vector<Krt::YString>& refused)>;
 
     TargetTree(Krt::File::YDirectory root, RefusalReport report);
+    /// Finishes, so that a restore that is cut short leaves no directory as it stood meanwhile.
+    ~TargetTree();
 
     /// The directory that holds the entry of this place, made with its parents where it is missing, with mode
     /// 0755 unless attributes follow. Raises InvalidState where something else than a directory, or a link,
@@ -33,7 +35,7 @@ public:
     /// Gives what stands at `from`, which is no directory, the further name `name` beside `place`. Raises the
     /// operating system's error.
     void MakeHardLink(const Place& from, const Place& place, const Krt::YString& name);
-    /// Gives all directories that are still open their attributes. The last call.
+    /// Gives all directories that are still open their attributes.
     void Finish();
 
 private:

@@ -35,6 +35,7 @@ void ZstdReader::Begin(const Krt::Util::YUnxHandle& file, const Krt::YString& na
     m_offset = offset;
     m_begin = m_end = 0;
     m_inFrame = false;
+    m_isAtEnd = false;
 }
 
 std::span<const unsigned char> ZstdReader::Next()
@@ -60,8 +61,11 @@ std::span<const unsigned char> ZstdReader::Next()
 
 bool ZstdReader::Fill()
 {
-    m_begin = 0;
+    m_begin = m_end = 0;
+    if (m_isAtEnd)
+        return false;
     m_end = Krt::File::Read(*m_file, m_offset, m_input.size(), m_input.data());
+    m_isAtEnd = m_end != m_input.size();
     m_offset += m_end;
     return m_end != 0;
 }

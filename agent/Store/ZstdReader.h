@@ -46,6 +46,7 @@ private:
     std::size_t m_begin = 0;         // of what is not yet decompressed, in m_input
     std::size_t m_end = 0;
     bool m_inFrame = false;
+    bool m_isAtEnd = false; // of the file
 };
 
 } // namespace Agent

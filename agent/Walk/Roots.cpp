@@ -5,8 +5,8 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <memory>
+#include <sstream>
 
 namespace Agent {
 
@@ -51,11 +51,12 @@ void Select(Backup::File::YSelectionManager& rules, const YPath& root)
 void LoadRules(Backup::File::YSelectionManager& rules, const std::string& jobFile)
 {
     std::ifstream file(jobFile, std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    if (!file.is_open() || file.bad())
+    std::ostringstream text;
+    text << file.rdbuf();
+    if (!file.is_open() || text.bad())
         KRT_RAISE_OS("Can't read the job file " << jobFile.c_str());
     try {
-        rules.FromJSON(Krt::JSON::YValue::Parse(text)->AsObject());
+        rules.FromJSON(Krt::JSON::YValue::Parse(text.str())->AsObject());
     } catch (const Krt::Exception::YError& error) {
         KRT_RAISE(Krt::ErrorCode::InvalidArgument,
                   "The job file " << jobFile.c_str() << " holds no usable rules: " << error);

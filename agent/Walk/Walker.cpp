@@ -66,6 +66,21 @@ void Walker::Skip(const struct stat& directory)
     m_skippedInode = directory.st_ino;
 }
 
+bool Walker::IsSkipped(const struct stat& directory) const
+{
+    return m_skips && directory.st_dev == m_skippedDevice && directory.st_ino == m_skippedInode;
+}
+
+bool Walker::LiesInSkipped(const YPath& root) const
+{
+    for (YPath above = root; above != "/";) {
+        above = above.GetParent();
+        if (IsSkipped(YDirectory::OpenToSearch(above).Stat()))
+            return true;
+    }
+    return false;
+}
+
 void Walker::Run()
 {
     for (const YPath& root : m_roots) {
@@ -85,8 +100,10 @@ void Walker::WalkRoot(const YPath& root)
         YDirectory directory = YDirectory::Open(root);
         const struct stat status = directory.Stat();
         Enter(root, std::move(directory), status);
+    } else if (LiesInSkipped(root)) {
+        m_visitor.OnStoreSkipped(root);
     } else {
-        const YDirectory parent = YDirectory::OpenFollowing(root.GetParent());
+        const YDirectory parent = YDirectory::OpenToSearch(root.GetParent());
         VisitEntry(root, parent, YPath::GetFileFromPath(root, "/"), DT_UNKNOWN, true);
     }
     while (!m_levels.empty()) {
@@ -123,7 +140,7 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
     const bool isDirectory = S_ISDIR(status.st_mode);
     if (!selected && !isDirectory)
         return;
-    if (m_skips && isDirectory && status.st_dev == m_skippedDevice && status.st_ino == m_skippedInode) {
+    if (isDirectory && IsSkipped(status)) {
         m_visitor.OnStoreSkipped(path);
         return;
     }
@@ -173,7 +190,7 @@ void Walker::Enter(const YPath& path, YDirectory directory, const struct stat& s
 const YDirectory& Walker::DirectoryOf(Level& level)
 {
     if (!level.directory) {
-        YDirectory directory = YDirectory::OpenFollowing(level.path);
+        YDirectory directory = YDirectory::OpenToSearch(level.path);
         const struct stat status = directory.Stat();
         if (status.st_dev != level.device || status.st_ino != level.inode)
             KRT_RAISE(Krt::ErrorCode::InvalidState, "The directory above was replaced during the walk");

@@ -35,7 +35,7 @@ public:
     virtual void OnMountNotEntered(const Krt::File::YPath& path) = 0;
     /// A mount point that the policy would not follow, entered since the user named it.
     virtual void OnMountEntered(const Krt::File::YPath& path) = 0;
-    /// The directory that must not be walked.
+    /// The directory that must not be walked, or a root below it.
     virtual void OnStoreSkipped(const Krt::File::YPath& path) = 0;
     virtual void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) = 0;
     /// Asked between entries; true ends the walk.
@@ -51,7 +51,7 @@ public:
            IWalkVisitor& visitor);
     ~Walker();
 
-    /// The directory with this status is neither visited nor entered.
+    /// The directory with this status is neither visited nor entered, and no walk starts below it.
     void Skip(const struct stat& directory);
     /// Walks every root in order. Entries of a directory come in the order of their names' bytes, a directory
     /// before what it holds.
@@ -60,6 +60,8 @@ public:
 private:
     struct Level;
 
+    bool IsSkipped(const struct stat& directory) const;
+    bool LiesInSkipped(const Krt::File::YPath& root) const;
     void WalkRoot(const Krt::File::YPath& root);
     void VisitEntry(const Krt::File::YPath& path, const Krt::File::YDirectory& parent,
                     const Krt::YString& name, unsigned char type, bool isRoot);

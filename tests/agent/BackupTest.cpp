@@ -1,4 +1,5 @@
 // Which entries a backup takes, and what it tells of the others.
+#include "agent/Backup/HardLinks.h"
 #include "agent/Store/SnapshotReader.h"
 
 #include "testing/Program.h"
@@ -145,6 +146,38 @@ TEST_F(BackupProgram, LeavesTheStoreOut)
         EXPECT_EQ(result.exitCode, 0) << result.errors;
         EXPECT_EQ(Stored(), (Paths{"", "/file"}));
     }
+    const ProgramResult inside = Backup({store + "/objects"});
+    EXPECT_NE(inside.errors.find("left out"), std::string::npos) << inside.errors;
+    EXPECT_EQ(Stored(), Paths());
+}
+
+TEST_F(BackupProgram, ReachesAPathThroughADirectoryThatMayNotBeListed)
+{
+    MakeTree(source, {Dir("passage"), Dir("passage/open"), File("passage/open/file", "x")});
+    chmod(directory.Path().c_str(), 0777);
+    chmod((source + "/passage").c_str(), 0311);
+    const ProgramResult result =
+        RunProgram({"backup", "--store", store, source + "/passage/open"}, OrdinaryUser);
+    chmod((source + "/passage").c_str(), 0755);
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(Stored(), (Paths{"/passage/open", "/passage/open/file"}));
+}
+
+TEST(HardLinks, AFileThatWasWrittenToIsReadAgain)
+{
+    struct stat status = {};
+    status.st_nlink = 3;
+    Agent::HardLinks links;
+    const unsigned long long group = links.Add(status, 5, Agent::SnapshotEntry());
+    ASSERT_NE(links.Find(status, 5), nullptr);
+    EXPECT_EQ(links.Find(status, 6), nullptr);
+    status.st_mtim.tv_nsec = 1;
+    EXPECT_EQ(links.Find(status, 5), nullptr);
+    EXPECT_NE(links.Add(status, 5, Agent::SnapshotEntry()), group);
+    links.Seen(status);
+    ASSERT_NE(links.Find(status, 5), nullptr);
+    links.Seen(status);
+    EXPECT_EQ(links.Find(status, 5), nullptr) << "no name is to come";
 }
 
 TEST_F(BackupProgram, RefusesWhatItCannotUse)
@@ -161,6 +194,7 @@ TEST_F(BackupProgram, RefusesWhatItCannotUse)
     const Case cases[] = {
         {"neither path nor job", {}, 2, "PATH"},
         {"missing job", {"--job", source + "/none"}, 1, source + "/none"},
+        {"directory for a job", {"--job", source}, 1, source},
         {"damaged job", {"--job", damaged}, 1, damaged},
         {"job without excludes", {"--job", halfRules}, 1, "excludes"},
         {"way that is missing", {source + "/none/file"}, 1, source + "/none"},

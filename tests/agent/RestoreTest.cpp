@@ -1,8 +1,10 @@
 // Restores of snapshots that are hostile or damaged, and into targets that are: nothing outside is touched,
 // and the rest is restored.
+#include "agent/Restore/TargetTree.h"
 #include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotWriter.h"
 
+#include "testing/OrdinaryUser.h"
 #include "testing/Program.h"
 #include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
@@ -13,6 +15,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -185,6 +188,44 @@ TEST_F(RestoreProgram, DirectoriesOutOfOrderKeepTheirTimesAndModes)
     EXPECT_EQ(ReadFile(target + "/a/3"), "3");
     ASSERT_EQ(stat((target + "/a/deep").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0755u);
+}
+
+TEST_F(RestoreProgram, ARestoreCutShortLeavesDirectoriesAsTheyWere)
+{
+    // Of the first one nothing changes, so it matters not that only its owner could set its times.
+    fs::create_directories(target + "/foreign/own");
+    chmod(directory.Path().c_str(), 0755);
+    chmod(target.c_str(), 0755);
+    chmod((target + "/foreign").c_str(), 0755);
+    chmod((target + "/foreign/own").c_str(), 0500);
+    const bool isGivenAway = geteuid() != 0 || chown((target + "/foreign/own").c_str(), OrdinaryUser, 0) == 0;
+    ASSERT_TRUE(isGivenAway);
+    EXPECT_TRUE(HoldsAsOrdinaryUser([&] {
+        bool refused = false;
+        {
+            Agent::TargetTree tree(Krt::File::YDirectory::Open(Krt::File::YPath(target.c_str())),
+                                   [&](const auto&, const auto&) { refused = true; });
+            tree.ParentOf({"foreign", "own", "new"}).MakeDirectory("new", 0700);
+        }
+        return !refused;
+    }));
+    struct stat status
+    {};
+    ASSERT_EQ(stat((target + "/foreign/own").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0500u);
+    EXPECT_TRUE(fs::is_directory(target + "/foreign/own/new"));
+}
+
+TEST_F(RestoreProgram, GoesDeeperThanTheUsualLimitOfDescriptors)
+{
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit low{50, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    const ProgramResult result =
+        RestoreOf([&](Agent::SnapshotWriter& writer) { writer.Add(FileWith(Components(60, "d"), "deep")); });
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
 }
 
 TEST_F(RestoreProgram, WhatStandsThereStaysWhenAnEntryFails)

@@ -52,6 +52,8 @@ public:
     void Close();
     void EndOfFile() override { Close(); }
     bool IsOpen() const { return m_openMode != OPEN_MODE_NONE; }
+    /// What Read and Write use, for operations on the very file that is open. Owned by this object.
+    const Krt::Util::YUnxHandle& GetHandle() const { return m_handle; }
 
     /// Doesn't look at the mode: an object without a handle raises InvalidState.
     unsigned int Read(void* buffer, unsigned int count) override;

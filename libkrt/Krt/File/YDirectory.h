@@ -28,6 +28,9 @@ public:
     static YDirectory Open(const YPath& path);
     /// For a root that the user named: links are followed.
     static YDirectory OpenFollowing(const YPath& path);
+    /// To reach entries alone, which takes the right to search and not the right to read: of the operations
+    /// on the directory itself only Stat works. Links are followed.
+    static YDirectory OpenToSearch(const YPath& path);
 
     /// For the operations of OpenFile.h on the directory itself. Owned by this object.
     const Util::YUnxHandle& GetHandle() const { return m_handle; }

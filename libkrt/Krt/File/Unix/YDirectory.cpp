@@ -20,6 +20,11 @@ using Util::RetryOnInterrupt;
 namespace {
 
 constexpr int DirectoryFlags = O_RDONLY | O_DIRECTORY;
+#ifdef O_PATH
+constexpr int SearchFlags = O_PATH | O_DIRECTORY;
+#else
+constexpr int SearchFlags = O_SEARCH | O_DIRECTORY;
+#endif
 
 // Opens an entry close-on-exec and above the standard streams; empty on failure, with errno. The mode counts
 // where a file is created.
@@ -89,6 +94,14 @@ YDirectory YDirectory::Open(const YPath& path)
 YDirectory YDirectory::OpenFollowing(const YPath& path)
 {
     Util::YUnxHandle handle = Util::OpenHandle(path.AsUnixPath(false).CStr(), DirectoryFlags);
+    if (handle.IsEmpty())
+        KRT_RAISE_OS("Failed to open directory: " << path);
+    return YDirectory(std::move(handle));
+}
+
+YDirectory YDirectory::OpenToSearch(const YPath& path)
+{
+    Util::YUnxHandle handle = Util::OpenHandle(path.AsUnixPath(false).CStr(), SearchFlags);
     if (handle.IsEmpty())
         KRT_RAISE_OS("Failed to open directory: " << path);
     return YDirectory(std::move(handle));
