@@ -44,13 +44,22 @@ std::vector<Registered> Register(CLI::App& program)
 void Describe(CLI::App& program)
 {
     program.set_version_flag("--version", "kbagent " KBAGENT_VERSION, "Print the version");
-    program.require_subcommand(1);
+    program.require_subcommand(0, 1);
     program.footer(
         "Exit codes: 0 all done, 1 could not run, 2 wrong usage, 3 done with some entries failed.\n\n"
         "Examples: kbagent backup --store /backup/store /home /etc\n"
         "          kbagent list --store /backup/store\n"
         "          kbagent restore --store /backup/store --to /tmp/restored /etc\n\n"
         "kbagent COMMAND --help tells more of each.");
+}
+
+ICommand& CommandOf(const std::vector<Registered>& all)
+{
+    for (const Registered& registered : all) {
+        if (registered.options->parsed())
+            return *registered.command;
+    }
+    throw UsageError("Name a command: backup, restore or list");
 }
 
 ExitCode RunCommand(int argc, char** argv, Report& report)
@@ -70,10 +79,8 @@ ExitCode RunCommand(int argc, char** argv, Report& report)
     } catch (const CLI::ParseError& error) {
         throw UsageError(error.what());
     }
-    for (const Registered& registered : all) {
-        if (!isAnswered && registered.options->parsed())
-            registered.command->Run(report);
-    }
+    if (!isAnswered)
+        CommandOf(all).Run(report);
     report.Out().Flush();
     return report.GetFailed() == 0 ? AllDone : SomeFailed;
 }

@@ -1,0 +1,145 @@
+// What the program tells: text that can't forge a line, exit codes, and output that is never lost unnoticed.
+#include "agent/Cli/Command.h"
+#include "agent/Cli/Text.h"
+
+#include "testing/Program.h"
+#include "testing/TemporaryDirectory.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+
+using namespace Agent;
+using Testing::RunProgram;
+
+namespace {
+
+TEST(Text, PrintableIsOneLineThatSteersNothing)
+{
+    const struct
+    {
+        const char* name;
+        std::string text;
+        const char* shown;
+    } cases[] = {
+        {"plain", "/a b/c'\"*", "/a b/c'\"*"},
+        {"valid characters", "caf\u00e9 \u4e2d \U0001f600", "caf\u00e9 \u4e2d \U0001f600"},
+        {"backslash", "a\\nb", "a\\\\nb"},
+        {"line ends and tab", "a\nb\rc\td", "a\\nb\\rc\\td"},
+        {"terminal sequence", "\x1b[2J\x7f", "\\x1b[2J\\x7f"},
+        {"NUL", std::string("a\0b", 3), "a\\x00b"},
+        {"control of the second set", "\u009b2J", "\\u009b2J"},
+        {"bytes of no character", "\x9b\xff\xc3", "\\x9b\\xff\\xc3"},
+        {"overlong", "\xc0\xaf\xe0\x80\xaf", "\\xc0\\xaf\\xe0\\x80\\xaf"},
+        {"surrogate", "\xed\xa0\x80", "\\xed\\xa0\\x80"},
+        {"beyond the last character", "\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
+        {"reversed text", "a\u202etxt.exe", "a\\u202etxt.exe"},
+        {"line separator", "\u2028", "\\u2028"},
+    };
+    for (const auto& row : cases)
+        EXPECT_EQ(Printable(std::string_view(row.text)), row.shown) << row.name;
+}
+
+TEST(Text, TimesOfAllAges)
+{
+    const struct
+    {
+        long long seconds;
+        const char* shown;
+    } cases[] = {
+        {0, "1970-01-01T00:00:00Z"},
+        {-1, "1969-12-31T23:59:59Z"},
+        {4102444800, "2100-01-01T00:00:00Z"},
+        {9223372036854775807, "9223372036854775807"},
+        {-9223372036854775807, "-9223372036854775807"},
+    };
+    for (const auto& row : cases)
+        EXPECT_EQ(TimeText(static_cast<unsigned long long>(row.seconds)), row.shown);
+}
+
+class Cli : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        directory.Write("tree/[a,b]/f\nforged", "content");
+        directory.MakeDirectory("tree/{}");
+        const auto result = RunProgram({"backup", "--store", store, directory / "tree"});
+        ASSERT_EQ(result.exitCode, 0) << result.errors;
+    }
+
+    Testing::TemporaryDirectory directory;
+    const std::string store = directory / "store";
+};
+
+TEST_F(Cli, ExitCodesTellTheKindOfEnd)
+{
+    directory.Write("store/snapshots/9-damaged", "no snapshot");
+    const struct
+    {
+        const char* name;
+        std::vector<std::string> arguments;
+        int exitCode;
+        const char* told; // in standard output for 0, else in standard error
+    } cases[] = {
+        {"help", {"--help"}, 0, "Exit codes"},
+        {"help of a command", {"list", "--help"}, 0, "--snapshot ID"},
+        {"version", {"--version"}, 0, "kbagent 0."},
+        {"no command", {}, 2, "kbagent: error: Name a command"},
+        {"unknown command", {"steal"}, 2, "steal"},
+        {"unknown option", {"list", "--store", store, "--bogus\x1b"}, 2, "--bogus\\x1b"},
+        {"missing option", {"list"}, 2, "--store is required"},
+        {"no store", {"list", "--store", store + "x"}, 1, "There is no store at"},
+        {"no snapshot", {"list", "--store", store, "--snapshot", "1"}, 1, "has no snapshot 1"},
+        {"damaged snapshot", {"list", "--store", store, "--snapshot", "9"}, 1, "is damaged at offset 0"},
+        {"a damaged one among them",
+         {"list", "--store", store},
+         3,
+         "Snapshot 9-damaged is damaged at offset 0"},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        const auto result = RunProgram(row.arguments);
+        EXPECT_EQ(result.exitCode, row.exitCode) << result.errors;
+        const std::string& told = row.exitCode == 0 ? result.output : result.errors;
+        EXPECT_NE(told.find(row.told), std::string::npos) << told;
+    }
+}
+
+TEST_F(Cli, ListShowsOneLineAnEntry)
+{
+    const std::string tree = directory / "tree";
+    const auto text = RunProgram({"list", "--store", store, "--snapshot", "latest"});
+    EXPECT_EQ(text.exitCode, 0) << text.errors;
+    EXPECT_EQ(std::count(text.output.begin(), text.output.end(), '\n'), 4) << text.output;
+    EXPECT_NE(text.output.find(" " + tree + "/[a,b]/f\\nforged\n"), std::string::npos) << text.output;
+    const auto json = RunProgram({"list", "--store", store, "--snapshot", "latest", "--json"});
+    EXPECT_EQ(json.exitCode, 0) << json.errors;
+    EXPECT_EQ(json.output.find("{\"record\":{\"metadata_type\":\"unix\""), 0u) << json.output;
+}
+
+TEST_F(Cli, PathsThatLookLikeListsArePaths)
+{
+    for (const char* name : {"tree/[a,b]", "tree/{}"}) {
+        const std::string other = directory / "other";
+        const std::string command = "cd '" + directory.Path() +
+                                    "/tree' && '" KBAGENT_PROGRAM "' backup --store '" + other + "' '" +
+                                    (name + 5) + "' >/dev/null && '" KBAGENT_PROGRAM "' list --store '" +
+                                    other + "' --snapshot latest | grep -qF '" + (directory / name) + "'";
+        EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    }
+}
+
+TEST_F(Cli, OutputThatIsLostIsAFailure)
+{
+    const std::string list = "'" KBAGENT_PROGRAM "' list --store '" + store + "' --snapshot latest";
+    for (const char* where : {">/dev/full", ">&-", "<&- >&- 2>&-"}) {
+        const std::string command = list + " 2>/dev/null " + where;
+        EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 1) << where;
+    }
+}
+
+} // namespace

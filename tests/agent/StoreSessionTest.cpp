@@ -1,0 +1,253 @@
+// Runs on one store: side by side, interrupted, and on directories that are no store.
+#include "agent/Store/ObjectReader.h"
+#include "agent/Store/ObjectWriter.h"
+#include "agent/Store/SnapshotReader.h"
+#include "agent/Store/SnapshotWriter.h"
+
+#include "testing/Raises.h"
+#include "testing/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace Agent;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int Contents = 200;
+
+std::string Content(int number)
+{
+    // One of them is streamed.
+    return std::string(number == 0 ? 1'500'000 : 10, 'c') + std::to_string(number);
+}
+
+SnapshotEntry EntryFor(const Address& address)
+{
+    SnapshotEntry entry;
+    entry.content = address;
+    return entry;
+}
+
+// A whole run that stores the numbered contents from `first` on.
+std::string Backup(const std::string& path, int first)
+{
+    const Store store = Store::OpenOrCreate(path);
+    StoreSession session(store);
+    ObjectWriter objects(session);
+    SnapshotWriter snapshot(session, {});
+    for (int number = first; number < first + Contents; ++number) {
+        const std::string content = Content(number);
+        objects.Begin();
+        objects.Append(content.data(), content.size());
+        snapshot.Add(EntryFor(objects.Finish()));
+        if (number % 50 == 0)
+            session.PlaceObjects();
+    }
+    return snapshot.Finish(0, 0);
+}
+
+void ExpectWhole(const Store& store, const std::string& id, int first)
+{
+    SnapshotReader snapshot(store, id);
+    EXPECT_EQ(snapshot.Verify().entries, static_cast<unsigned long long>(Contents));
+    ObjectReader objects(store);
+    int number = first;
+    for (SnapshotEntry entry; snapshot.Next(entry); ++number) {
+        const std::string wanted = Content(number);
+        std::string content;
+        objects.Open(*entry.content, wanted.size());
+        for (auto block = objects.Next(); !block.empty(); block = objects.Next())
+            content.append(reinterpret_cast<const char*>(block.data()), block.size());
+        EXPECT_TRUE(content == wanted) << number;
+    }
+    EXPECT_EQ(number, first + Contents);
+}
+
+std::size_t EntriesIn(const std::string& path)
+{
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator(path), fs::directory_iterator()));
+}
+
+TEST(StoreSession, RunsSideBySideFromAnEmptyStoreHarmNothing)
+{
+    const Testing::TemporaryDirectory directory;
+    const std::string path = directory / "store";
+    // Halves of what neighbours store are the same, and the store is made by whoever comes first.
+    std::vector<std::string> ids(4);
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < ids.size(); ++i)
+        threads.emplace_back([&, i] { ids[i] = Backup(path, static_cast<int>(i) * Contents / 2); });
+    for (std::thread& thread : threads)
+        thread.join();
+
+    const Store store = Store::Open(path);
+    EXPECT_EQ(store.ListSnapshots().size(), ids.size());
+    for (std::size_t i = 0; i < ids.size(); ++i)
+        ExpectWhole(store, ids[i], static_cast<int>(i) * Contents / 2);
+    EXPECT_TRUE(fs::is_empty(path + "/tmp"));
+}
+
+TEST(StoreSession, KilledRunLeavesNoSnapshotAndIsClearedAway)
+{
+    const Testing::TemporaryDirectory directory;
+    const std::string path = directory / "store";
+    const std::string first = Backup(path, 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const Store store = Store::Open(path);
+        StoreSession session(store);
+        ObjectWriter objects(session);
+        SnapshotWriter snapshot(session, {});
+        const std::string content = Content(5000);
+        objects.Append(content.data(), content.size());
+        snapshot.Add(EntryFor(objects.Finish()));
+        const std::string large(3'000'000, 'x');
+        objects.Begin();
+        objects.Append(large.data(), large.size());
+        raise(SIGKILL);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    std::ofstream(path + "/tmp/without-a-run") << "left";
+    EXPECT_EQ(EntriesIn(path + "/tmp"), 5u);
+    EXPECT_EQ(EntriesIn(path + "/snapshots"), 1u);
+
+    const std::string second = Backup(path, 100);
+    EXPECT_TRUE(fs::is_empty(path + "/tmp"));
+    const Store store = Store::Open(path);
+    ExpectWhole(store, first, 0);
+    ExpectWhole(store, second, 100);
+}
+
+TEST(StoreSession, NobodyClearsUpBehindTheLiving)
+{
+    const Testing::TemporaryDirectory directory;
+    const std::string path = directory / "store";
+    const Store store = Store::OpenOrCreate(path);
+    std::optional<StoreSession> living(store);
+    ObjectWriter objects(*living);
+    objects.Append("living", 6);
+    const Address address = objects.Finish();
+    const std::size_t files = EntriesIn(path + "/tmp");
+    Backup(path, 0);
+    EXPECT_EQ(EntriesIn(path + "/tmp"), files);
+    living->PlaceObjects();
+    EXPECT_TRUE(store.GetObjects().Has(address));
+}
+
+TEST(StoreSession, AbandonedRunRemovesItsFiles)
+{
+    const Testing::TemporaryDirectory directory;
+    const std::string path = directory / "store";
+    const Store store = Store::OpenOrCreate(path);
+    {
+        StoreSession session(store);
+        ObjectWriter objects(session);
+        SnapshotWriter snapshot(session, {});
+        objects.Append("content", 7);
+        snapshot.Add(EntryFor(objects.Finish()));
+    }
+    for (const char* folder : {"/tmp", "/objects", "/snapshots"})
+        EXPECT_TRUE(fs::is_empty(path + folder)) << folder;
+}
+
+TEST(StoreSession, StoreThatCannotBeWrittenIsNoEntrysFailure)
+{
+    const Testing::TemporaryDirectory directory;
+    const std::string path = directory / "store";
+    const Store store = Store::OpenOrCreate(path);
+    StoreSession session(store);
+    ObjectWriter objects(session);
+    SnapshotWriter snapshot(session, {});
+    fs::remove_all(path + "/tmp");
+    objects.Append("content", 7);
+    EXPECT_THROW(objects.Finish(), StoreError);
+    EXPECT_THROW(snapshot.Finish(0, 0), StoreError);
+    EXPECT_TRUE(fs::is_empty(path + "/snapshots"));
+}
+
+TEST(Store, TakesOnlyAStoreForOne)
+{
+    const Testing::TemporaryDirectory directory;
+    const auto marked = [&](const char* name, const char* text) {
+        directory.Write(std::string(name) + "/kbagent-store", text);
+        return name;
+    };
+    directory.Write("foreign/file", "");
+    directory.MakeDirectory("empty");
+    directory.MakeDirectory("disk/lost+found");
+    directory.MakeDirectory("unfinished/objects");
+    directory.Write("unfinished/kbagent-store.0123", "kb");
+    Store::OpenOrCreate(directory / "good");
+    const struct
+    {
+        const char* path;
+        const char* openError;   // "" where a store opens
+        const char* createError; // "" where one can be made
+    } cases[] = {
+        {"missing", "There is no store at", ""},
+        {"missing/deeper", "There is no store at", ""}, // once its parent was made
+        {"nowhere/deeper", "There is no store at", "Failed to open directory"},
+        {"foreign", "has no kbagent-store", "isn't empty"},
+        {"foreign/file", "Failed to open directory", "Failed to open directory"},
+        {"empty", "has no kbagent-store", ""},
+        {"disk", "has no kbagent-store", ""},
+        {"unfinished/", "has no kbagent-store", ""},
+        {marked("newer", "kbagent-store 2\n"), "is a store of format 2", "is a store of format 2"},
+        {marked("other", "something\n"), "kbagent-store is damaged", "kbagent-store is damaged"},
+        {"good", "", ""},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.path);
+        const std::string path = directory / row.path;
+        const auto expect = [&](const std::optional<Krt::Exception::YError>& raised,
+                                const std::string& told) {
+            ASSERT_EQ(raised.has_value(), !told.empty());
+            if (raised) {
+                EXPECT_NE(raised->GetMessage().Bytes().find(told), std::string::npos)
+                    << raised->GetMessage().Bytes();
+            }
+        };
+        expect(Testing::CatchError([&] { Store::Open(path); }), row.openError);
+        expect(Testing::CatchError([&] { Store::OpenOrCreate(path); }), row.createError);
+        if (*row.createError == '\0') {
+            EXPECT_FALSE(Testing::CatchError([&] { Store::Open(path); }));
+        }
+    }
+}
+
+TEST(Store, FindsSnapshotsByTheirBeginning)
+{
+    const Testing::TemporaryDirectory directory;
+    const Store store = Store::OpenOrCreate(directory / "store");
+    EXPECT_TRUE(Testing::CatchError([&] { store.FindSnapshot("latest"); }));
+    for (const char* id : {"2001-b", "2001-a", "2003", "2003-x"})
+        directory.Write(std::string("store/snapshots/") + id, "");
+    const struct
+    {
+        const char* wanted;
+        const char* found; // null where it raises
+    } cases[] = {
+        {"latest", "2003-x"}, {"2001-a", "2001-a"}, {"2001-", nullptr}, {"2003", "2003"}, {"2003-", "2003-x"},
+        {"", nullptr},        {"2002", nullptr},    {"9", nullptr},     {"..", nullptr},
+    };
+    for (const auto& row : cases) {
+        std::optional<std::string> found;
+        const auto raised = Testing::CatchError([&] { found = store.FindSnapshot(row.wanted); });
+        EXPECT_EQ(raised.has_value(), row.found == nullptr) << row.wanted;
+        EXPECT_EQ(found.value_or("-"), row.found ? row.found : "-");
+    }
+}
+
+} // namespace

@@ -1,0 +1,267 @@
+// Snapshots: the stored form is fixed, and one that isn't whole is refused.
+#include "agent/Store/SnapshotReader.h"
+#include "agent/Store/SnapshotWriter.h"
+
+#include "testing/Raises.h"
+#include "testing/TemporaryDirectory.h"
+
+#include "Krt/File/File.h"
+#include "Krt/JSON/YValue.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+using namespace Agent;
+using Krt::YString;
+using Krt::JSON::YObject;
+using Krt::JSON::YValue;
+namespace fs = std::filesystem;
+
+namespace {
+
+SnapshotHeader Header()
+{
+    return {1700000000, "host", {"/home", YString("/caf\xE9")}};
+}
+
+std::vector<SnapshotEntry> Entries()
+{
+    std::vector<SnapshotEntry> entries(4);
+    const char* const records[] = {"{\"file_size\":5,\"name\":\"a\\nb\"}", "{\"mode\":8630}",
+                                   "{\"target\":\"x\"}", "{}"};
+    for (std::size_t i = 0; i < entries.size(); ++i)
+        entries[i].record = YValue::Parse(records[i])->AsObject();
+    entries[0].content = Address::FromHex(YString(std::string(64, 'a').c_str()));
+    entries[0].hardLinkGroup = 3;
+    entries[0].readSize = 4;
+    entries[1].device = DeviceNumbers{8, 4294967295u};
+    entries[2].linkTarget = YString("x//\xFF");
+    return entries;
+}
+
+std::string TextOf(const SnapshotEntry& entry)
+{
+    std::string line;
+    WriteLine(entry, line);
+    return line;
+}
+
+class StoreSnapshot : public ::testing::Test
+{
+protected:
+    std::string Write()
+    {
+        StoreSession session(store);
+        SnapshotWriter writer(session, Header());
+        for (const SnapshotEntry& entry : Entries())
+            writer.Add(entry);
+        return writer.Finish(4, 1);
+    }
+
+    std::string PathOf(const std::string& id) const { return directory / ("store/snapshots/" + id); }
+
+    void WriteFile(const std::string& id, const std::string& bytes) const
+    {
+        fs::remove(PathOf(id));
+        std::ofstream(PathOf(id), std::ios::binary) << bytes;
+    }
+
+    // Puts lines into a snapshot, as somebody with other aims than ours would.
+    void Forge(const std::string& id, const std::string& lines) const
+    {
+        fs::remove(PathOf(id));
+        const auto file = Krt::File::Open(Krt::File::YPath(PathOf(id).c_str()), Krt::File::OpenNewForWriting);
+        ZstdWriter writer;
+        writer.Begin(file);
+        writer.Append(lines.data(), lines.size());
+        writer.EndFrame();
+    }
+
+    std::string LinesOf(const std::string& id) const
+    {
+        const auto file = Krt::File::Open(Krt::File::YPath(PathOf(id).c_str()), Krt::File::OpenForReading);
+        ZstdReader reader;
+        reader.Begin(file, "test");
+        std::string lines;
+        for (auto block = reader.Next(); !block.empty(); block = reader.Next())
+            lines.append(reinterpret_cast<const char*>(block.data()), block.size());
+        return lines;
+    }
+
+    // What reading raises, or nothing.
+    std::string ErrorOf(const std::string& id) const
+    {
+        const auto raised = Testing::CatchError([&] {
+            SnapshotReader reader(store, id);
+            reader.Verify();
+            for (SnapshotEntry entry; reader.Next(entry);) {
+            }
+        });
+        return raised ? raised->GetMessage().Bytes() : std::string();
+    }
+
+    Testing::TemporaryDirectory directory;
+    Store store = Store::OpenOrCreate(directory / "store");
+};
+
+std::string Golden()
+{
+    return Testing::ReadFile(GOLDEN_DIRECTORY "/snapshot.jsonl");
+}
+
+TEST_F(StoreSnapshot, StoredFormIsFixed)
+{
+    EXPECT_EQ(LinesOf(Write()), Golden());
+
+    Forge("golden", Golden());
+    SnapshotReader reader(store, "golden");
+    EXPECT_EQ(reader.GetHeader().time, Header().time);
+    EXPECT_EQ(reader.GetHeader().host, Header().host);
+    EXPECT_EQ(reader.GetHeader().paths, Header().paths);
+    const SnapshotTrailer trailer = reader.Verify();
+    EXPECT_EQ(trailer.entries, 4u);
+    EXPECT_EQ(trailer.bytes, 4u);
+    EXPECT_EQ(trailer.failed, 1u);
+    SnapshotEntry entry;
+    for (const SnapshotEntry& wanted : Entries()) {
+        ASSERT_TRUE(reader.Next(entry));
+        EXPECT_EQ(entry.content, wanted.content);
+        EXPECT_EQ(entry.hardLinkGroup, wanted.hardLinkGroup);
+        EXPECT_EQ(entry.device, wanted.device);
+        EXPECT_EQ(entry.linkTarget, wanted.linkTarget);
+        EXPECT_EQ(entry.readSize, wanted.readSize);
+        EXPECT_EQ(TextOf(entry), TextOf(wanted));
+    }
+    EXPECT_FALSE(reader.Next(entry));
+    EXPECT_FALSE(reader.Next(entry));
+}
+
+TEST_F(StoreSnapshot, TrailerIsFoundFromTheEnd)
+{
+    const std::string id = Write();
+    EXPECT_EQ(SnapshotReader(store, id).PeekTrailer().failed, 1u);
+    const std::string sound = Testing::ReadFile(PathOf(id));
+    const std::string locator = sound.substr(sound.size() - 8);
+    const struct
+    {
+        const char* name;
+        std::string bytes;
+    } cases[] = {
+        {"no locator", sound.substr(0, sound.size() - 16)},
+        {"half a locator", sound.substr(0, sound.size() - 8)},
+        {"locator into the void", sound.substr(0, sound.size() - 8) + std::string(8, '\x7F')},
+        {"locator to the begin", sound.substr(0, sound.size() - 8) + std::string(8, '\0')},
+        {"locator into a frame",
+         sound.substr(0, sound.size() - 8) + static_cast<char>(locator[0] + 1) + locator.substr(1)},
+    };
+    for (const auto& row : cases) {
+        WriteFile(id, row.bytes);
+        EXPECT_TRUE(Testing::CatchError([&] { SnapshotReader(store, id).PeekTrailer(); })) << row.name;
+    }
+}
+
+TEST_F(StoreSnapshot, EveryShorterFileIsRefused)
+{
+    const std::string id = Write();
+    const std::string sound = Testing::ReadFile(PathOf(id));
+    for (std::size_t size = 0; size < sound.size() - 16; ++size) {
+        WriteFile(id, sound.substr(0, size));
+        EXPECT_NE(ErrorOf(id), "") << "cut off after " << size;
+    }
+}
+
+TEST_F(StoreSnapshot, NoChangedByteChangesWhatIsRead)
+{
+    const std::string id = Write();
+    const std::string sound = Testing::ReadFile(PathOf(id));
+    // Some bits of the frames' headers say nothing about the content; all others must be missed.
+    int harmless = 0;
+    for (std::size_t at = 0; at < sound.size() - 16; ++at) {
+        for (const int flip : {0x01, 0x20, 0x80, 0xFF}) {
+            std::string bytes = sound;
+            bytes[at] = static_cast<char>(bytes[at] ^ flip);
+            WriteFile(id, bytes);
+            if (!ErrorOf(id).empty())
+                continue;
+            ++harmless;
+            EXPECT_EQ(LinesOf(id), Golden()) << "byte " << at << " flipped by " << flip;
+        }
+    }
+    EXPECT_LT(harmless, 16);
+}
+
+TEST_F(StoreSnapshot, ForgedLinesAreRefusedWithTheirPlace)
+{
+    const std::string golden = Golden();
+    const std::string header = golden.substr(0, golden.find('\n') + 1);
+    const std::string trailer = golden.substr(golden.rfind("{\"entries\""));
+    const std::string body = golden.substr(header.size(), golden.size() - header.size() - trailer.size());
+    const auto changed = [](std::string text, const std::string& from, const std::string& to) {
+        return text.replace(text.find(from), from.size(), to);
+    };
+    const struct
+    {
+        const char* name;
+        std::string lines;
+        const char* told;
+    } cases[] = {
+        {"empty", "", "line 1: the file is empty"},
+        {"no trailer", header + body, "line 6: the file ends before the snapshot does"},
+        {"no line end", golden.substr(0, golden.size() - 1), "line 6: the line is cut off"},
+        {"more behind the trailer", golden + body, "line 7: the file goes on behind the snapshot's end"},
+        {"no header", body + trailer, "line 1: "},
+        {"another format", changed(golden, "kbagent-snapshot", "other"), "line 1: This is no snapshot"},
+        {"a later version", changed(golden, "\"version\":1", "\"version\":2"),
+         "line 1: The snapshot has format 2"},
+        {"an entry left out", header + body.substr(body.find('\n') + 1) + trailer,
+         "line 5: the number of entries"},
+        {"an entry changed", changed(golden, "\"read_size\":4", "\"read_size\":5"),
+         "line 6: the lines before have"},
+        {"a header changed", changed(golden, "1700000000", "1700000001"), "line 6: the lines before have"},
+        {"a trailer without a digest", header + body + "{\"entries\":4}\n", "line 6: "},
+        {"no JSON", "{\"format\"\n", "line 1: "},
+        {"a line without end", header + std::string(20'000'000, 'x'), "line 2: the line is too long"},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        Forge("forged", row.lines);
+        const std::string error = ErrorOf("forged");
+        EXPECT_EQ(error.find("Snapshot forged is damaged at "), 0u) << error;
+        EXPECT_NE(error.find(row.told), std::string::npos) << error;
+    }
+}
+
+// The digest is right, so only the entry itself can tell.
+TEST_F(StoreSnapshot, EntriesThatAreNoneRaise)
+{
+    for (const char* entry :
+         {"{\"record\":5}", "{}", "[]", "{\"record\":{},\"content\":\"../../etc/passwd\"}",
+          "{\"record\":{},\"content\":7}", "{\"record\":{},\"hard_link\":\"a\"}",
+          "{\"record\":{},\"device\":{}}", "{\"record\":{},\"device\":{\"major\":4294967296,\"minor\":0}}",
+          "{\"record\":{},\"read_size\":-1}", "{\"record\":{},\"link_target\":[]}"})
+        EXPECT_TRUE(Testing::CatchError([&] { ReadEntry(entry); })) << entry;
+}
+
+TEST_F(StoreSnapshot, LinesOfEveryLengthPassBetweenBlocks)
+{
+    StoreSession session(store);
+    std::string id;
+    {
+        SnapshotWriter writer(session, Header());
+        for (std::size_t length = 0; length < 300'000; length = length * 2 + 4093) {
+            SnapshotEntry entry;
+            entry.record.Set<YString>("text", YString(std::string(length, 'x').c_str()));
+            writer.Add(entry);
+        }
+        SnapshotEntry tooLarge;
+        tooLarge.record.Set<YString>("text", YString(std::string(SnapshotLineLimit, 'x').c_str()));
+        EXPECT_TRUE(Testing::CatchError([&] { writer.Add(tooLarge); }));
+        id = writer.Finish(0, 0);
+    }
+    EXPECT_EQ(ErrorOf(id), "");
+    EXPECT_EQ(SnapshotReader(store, id).Verify().entries, 7u);
+}
+
+} // namespace
