@@ -19,6 +19,7 @@ using Krt::File::YPath;
 namespace {
 
 constexpr std::size_t BufferSize = 1 << 20;
+constexpr int MaxLooks = 5;
 
 // Whether the library, which goes by path, saw the entry that the walk sees through its descriptor. A regular
 // file is held open, so that its content is known to be the entry's even if the way there was swapped between
@@ -46,20 +47,34 @@ bool BackupRun::OnSelected(const WalkedEntry& entry)
 {
     if (S_ISSOCK(entry.status.st_mode))
         KRT_RAISE(ErrorCode::NotSupported, "A socket is not stored");
-    m_file.Open(YFile::OPEN_MODE_READ, entry.path, YFile::OPTIONS{});
-    KRT_RAISE_UNLESS(IsSameEntry(m_file, entry.status), ErrorCode::InvalidState,
-                     "Another entry took its place while it was read");
+    const struct stat status = OpenSame(entry);
     bool followable = false;
     const auto metadata =
         Backup::File::YMetadataBase::ConstructFromFile(m_file, [&](const YPath& path, bool mayDescend) {
             followable = mayDescend;
             return Backup::YJobPath::FromFilePath(Backup::YJobPath(), path, mayDescend);
         });
-    Capture(entry, metadata->AsUnixFileMetadata());
+    Capture({entry.path, entry.parent, entry.name, status}, metadata->AsUnixFileMetadata());
     m_file.Close();
-    Count(entry.status);
+    Count(status);
     m_report.Progress(m_counts.Entries(), m_counts.bytes);
     return followable;
+}
+
+// Opens the entry by its path and returns its status as the walk's descriptor shows it. In a live tree a
+// change may fall between the two looks; one that stays is another way.
+struct stat BackupRun::OpenSame(const WalkedEntry& entry)
+{
+    struct stat status = entry.status;
+    for (int looks = 1;; ++looks) {
+        m_file.Open(YFile::OPEN_MODE_READ, entry.path, YFile::OPTIONS{});
+        if (IsSameEntry(m_file, status))
+            return status;
+        status = entry.parent.Stat(entry.name);
+        const bool mayAgree =
+            looks < MaxLooks && (status.st_mode & S_IFMT) == (entry.status.st_mode & S_IFMT);
+        KRT_RAISE_UNLESS(mayAgree, ErrorCode::InvalidState, "Another entry took its place while it was read");
+    }
 }
 
 void BackupRun::Capture(const WalkedEntry& entry, const Backup::File::YUnixFileMetadata& metadata)

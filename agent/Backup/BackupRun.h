@@ -47,6 +47,7 @@ public:
     const BackupCounts& GetCounts() const { return m_counts; }
 
 private:
+    struct stat OpenSame(const WalkedEntry& entry);
     void Capture(const WalkedEntry& entry, const Backup::File::YUnixFileMetadata& metadata);
     void ReadContent(const WalkedEntry& entry, SnapshotEntry& line);
     void Count(const struct stat& status);

@@ -3,8 +3,8 @@
 
 namespace Agent {
 
-/// Runs one subcommand and returns the exit code: 0 all done, 1 could not run, 2 wrong usage, 3 done with some
-/// entries failed.
+/// Runs one subcommand and returns the exit code: 0 all done, 1 could not run, 2 wrong usage, 3 done with
+/// some entries failed.
 int Run(int argc, char** argv);
 
 } // namespace Agent
