@@ -83,7 +83,7 @@ TEST(YSelectionManagerQuery, HasNoAnswerAboutTheRoot)
                   "IsAnyExplicitSelectionBelowComponent cannot be applied to an empty path");
     EXPECT_RAISES(tree.IsAnyExplicitSelectionBelowComponent({"a", "b"}, 2), ErrorCode::InvalidArgument,
                   "IsAnyExplicitSelectionBelowComponent",
-                  "atOrBelowIndex out of range atOrBelowIndex: 2 path: a, b");
+                  "atOrBelowIndex out of range atOrBelowIndex: 2 path: ab");
     const auto error = Testing::CatchError([&] { tree.AnyIncludesApplyBelowPath({}); });
     EXPECT_EQ(error->GetFile().Bytes(), "Backup/File/YSelectionManager");
 }
