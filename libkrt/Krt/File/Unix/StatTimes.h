@@ -23,4 +23,14 @@ inline const timespec& WriteTime(const struct stat& status)
 #endif
 }
 
+/// Of the status itself: mode, owner, number of names, and the content's.
+inline const timespec& ChangeTime(const struct stat& status)
+{
+#ifdef __APPLE__
+    return status.st_ctimespec;
+#else
+    return status.st_ctim;
+#endif
+}
+
 } // namespace Krt::File

@@ -1,6 +1,6 @@
 #include "Krt/Profile/Unix/FileStamp.h"
 
-#include "Krt/Profile/Unix/Platform.h"
+#include "Krt/File/Unix/StatTimes.h"
 #include "Krt/Util/Retry.h"
 
 #include <sys/stat.h>
@@ -10,9 +10,18 @@
 
 namespace Krt::Profile {
 
+namespace {
+
+long long Nanoseconds(const timespec& time)
+{
+    return time.tv_sec * 1'000'000'000LL + time.tv_nsec;
+}
+
+} // namespace
+
 FileStamp::FileStamp(const struct stat& status)
-    : m_device(status.st_dev), m_inode(status.st_ino), m_size(status.st_size), m_modified(ModifiedAt(status)),
-      m_changed(ChangedAt(status))
+    : m_device(status.st_dev), m_inode(status.st_ino), m_size(status.st_size),
+      m_modified(Nanoseconds(File::WriteTime(status))), m_changed(Nanoseconds(File::ChangeTime(status)))
 {}
 
 std::optional<FileStamp> FileStamp::Of(const char* path)
