@@ -157,13 +157,13 @@ void BackupRun::OnMountNotEntered(const YPath& path)
 
 void BackupRun::OnMountEntered(const YPath& path)
 {
-    m_report.Note(path +
-                  YString(" is a mount point that a walk would not enter; it is entered since it was named"));
+    m_report.Note(YString(path) +
+                  " is a mount point that a walk would not enter; it is entered since it was named");
 }
 
 void BackupRun::OnStoreSkipped(const YPath& path)
 {
-    m_report.Note(path + YString(" is the store itself or lies in it, and is left out"));
+    m_report.Note(YString(path) + " is the store itself or lies in it, and is left out");
 }
 
 void BackupRun::OnFailed(const YPath& path, const YString& reason)

@@ -2,8 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include <limits>
-
+#include <algorithm>
 #include <limits>
 #include <string_view>
 
@@ -48,8 +47,15 @@ std::vector<std::string> PathsOf(const CLI::Option* option)
 
 std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv)
 {
+    const auto* const end =
+        std::find_if(argv, argv + argc, [](std::string_view argument) { return argument == "--"; });
     std::vector<std::string> arguments;
     for (int i = argc - 1; i > 0; --i) {
+        const std::string_view argument = argv[i];
+        // The parser would take what follows "--to=" for its value.
+        const bool isEmptyOption = argv + i < end && argument.starts_with("--") && argument.ends_with('=');
+        if (argument.empty() || isEmptyOption)
+            throw UsageError("Argument " + std::to_string(i) + " is empty: '" + std::string(argument) + "'");
         arguments.push_back(argv[i]);
         if (LooksLikeList(arguments.back()))
             arguments.back().insert(0, ListMask);

@@ -44,6 +44,7 @@ void AddStoreOption(CLI::App& command, std::string& path);
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description);
 std::vector<std::string> PathsOf(const CLI::Option* option);
 /// The program's arguments as the parser is to see them: the last comes first, and none is taken for a list.
+/// Raises a UsageError for an empty one: what a script's unset variable leaves must not stand for "all".
 std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv);
 
 } // namespace Agent

@@ -9,9 +9,25 @@
 
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
+
 namespace Agent {
 
 namespace {
+
+// Also of a path whose last components are still to be made.
+bool LiesIn(const std::string& path, const std::string& directory)
+{
+    namespace fs = std::filesystem;
+    std::error_code ignored; // what can't be reached is told when it is made
+    fs::path above = fs::weakly_canonical(fs::absolute(path), ignored);
+    while (!fs::equivalent(above, directory, ignored)) {
+        if (above == above.parent_path())
+            return false;
+        above = above.parent_path();
+    }
+    return true;
+}
 
 class RestoreCommand : public ICommand
 {
@@ -48,6 +64,8 @@ CLI::App* RestoreCommand::Register(CLI::App& program)
 void RestoreCommand::Run(Report& report)
 {
     const Store store = Store::Open(m_store);
+    KRT_RAISE_UNLESS(!LiesIn(m_target, m_store), Krt::ErrorCode::InvalidArgument,
+                     m_target.c_str() << " is the store itself or lies in it; nothing is restored there");
     SnapshotReader snapshot(store, store.FindSnapshot(m_snapshot));
     snapshot.Verify();
 

@@ -71,6 +71,8 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths)
     if (!jobFile.empty()) {
         LoadRules(job.rules, jobFile);
         job.roots = job.rules.GetIncludeTops(YPath());
+        KRT_RAISE_UNLESS(!job.roots.empty() || !paths.empty(), Krt::ErrorCode::InvalidArgument,
+                         "The job file " << jobFile.c_str() << " includes nothing, and no PATH is named");
     }
     for (const std::string& path : paths) {
         const YPath root = ResolveRoot(path);

@@ -147,7 +147,7 @@ TEST_F(BackupProgram, LeavesTheStoreOut)
         EXPECT_EQ(Stored(), (Paths{"", "/file"}));
     }
     const ProgramResult inside = Backup({store + "/objects"});
-    EXPECT_NE(inside.errors.find("left out"), std::string::npos) << inside.errors;
+    EXPECT_NE(inside.errors.find(store + "/objects is the store itself"), std::string::npos) << inside.errors;
     EXPECT_EQ(Stored(), Paths());
 }
 
@@ -183,6 +183,7 @@ TEST(HardLinks, AFileThatWasWrittenToIsReadAgain)
 TEST_F(BackupProgram, RefusesWhatItCannotUse)
 {
     const std::string damaged = directory.Write("damaged.json", "{\"includes\": [");
+    const std::string noIncludes = directory.Write("none.json", R"({"includes": [], "excludes": []})");
     const std::string halfRules = directory.Write("half.json", "{\"includes\": []}");
     struct Case
     {
@@ -197,6 +198,8 @@ TEST_F(BackupProgram, RefusesWhatItCannotUse)
         {"directory for a job", {"--job", source}, 1, source},
         {"damaged job", {"--job", damaged}, 1, damaged},
         {"job without excludes", {"--job", halfRules}, 1, "excludes"},
+        {"job that includes nothing", {"--job", noIncludes}, 1, "includes nothing"},
+        {"empty job's name", {"--job", "", source}, 2, "is empty"},
         {"way that is missing", {source + "/none/file"}, 1, source + "/none"},
         {"missing entry", {source + "/none"}, 3, source + "/none"},
         {"unknown option", {"--nothing", source}, 2, "--nothing"},

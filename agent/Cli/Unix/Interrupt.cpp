@@ -27,8 +27,9 @@ void CatchInterrupts()
         if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler != SIG_IGN)
             sigaction(signal, &action, nullptr);
     }
-    // A closed pipe is told by the write that fails.
+    // A closed pipe and a limit on the size of files are told by the write that fails.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 bool IsInterrupted()
