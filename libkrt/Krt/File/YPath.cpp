@@ -120,9 +120,9 @@ YPath& YPath::operator=(const YPath& other)
 YPath& YPath::operator=(YPath&& other) noexcept
 {
     if (this != &other) {
-        YString::operator=(std::move(other));
         m_withSeparator = std::move(other.m_withSeparator);
         m_components = std::move(other.m_components);
+        YString::operator=(std::move(other));
     }
     return *this;
 }
