@@ -129,10 +129,12 @@ boost::shared_ptr<YReadWriteMutexInternal> YReadWriteMutexInternal::GiveUpAllLev
     }
     boost::shared_ptr<YReadWriteMutexInternal> share(this, &YReadWriteMutexInternal::Retire);
     (record.writeLevels != 0 ? writeLevels : readLevels) = record.readLevels + record.writeLevels;
+    // NOLINTBEGIN(clang-analyzer-cplusplus.NewDelete): the share keeps the lock and its records.
     while (record.writeLevels != 0)
         WriteUnlock();
     while (record.readLevels != 0)
         ReadUnlock();
+    // NOLINTEND(clang-analyzer-cplusplus.NewDelete)
     return share;
 }
 
