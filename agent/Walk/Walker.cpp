@@ -1,12 +1,12 @@
 #include "agent/Walk/Walker.h"
 
 #include "agent/Cli/Text.h"
+#include "agent/Walk/NameList.h"
 
 #include "Backup/File/Unix/DescentPolicy.h"
 
 #include "Krt/Exception/Raise.h"
 
-#include <algorithm>
 #include <dirent.h>
 #include <optional>
 #include <sys/stat.h>
@@ -24,23 +24,6 @@ namespace {
 // walk comes back to them.
 constexpr std::size_t MaxOpenLevels = 64;
 
-struct Name
-{
-    YString text;
-    unsigned char type;
-};
-
-std::vector<Name> SortedNames(const YDirectory& directory)
-{
-    std::vector<Name> names;
-    directory.VisitEntries([&](const Krt::File::DirectoryEntry& entry) {
-        names.push_back({entry.name, entry.type});
-        return true;
-    });
-    std::sort(names.begin(), names.end(), [](const Name& a, const Name& b) { return a.text < b.text; });
-    return names;
-}
-
 } // namespace
 
 struct Walker::Level
@@ -49,7 +32,7 @@ struct Walker::Level
     std::optional<YDirectory> directory; // closed while more than MaxOpenLevels stand below
     dev_t device;
     ino_t inode;
-    std::vector<Name> names;
+    NameList names;
     std::size_t next = 0;
 };
 
@@ -108,16 +91,17 @@ void Walker::WalkRoot(const YPath& root)
     }
     while (!m_levels.empty()) {
         Level& level = m_levels.back();
-        if (level.next == level.names.size() || m_visitor.IsCancelled()) {
+        if (level.next == level.names.Size() || m_visitor.IsCancelled()) {
             m_levels.pop_back();
             continue;
         }
-        const Name name = std::move(level.names[level.next++]);
-        const YPath path = level.path.Append(name.text);
+        const unsigned char type = level.names.TypeAt(level.next);
+        const YString name(level.names.NameAt(level.next++));
+        const YPath path = level.path.Append(name);
         if (m_roots.count(path) != 0)
             continue;
         try {
-            VisitEntry(path, DirectoryOf(level), name.text, name.type, false);
+            VisitEntry(path, DirectoryOf(level), name, type, false);
         } catch (const Krt::Exception::YError& error) {
             m_visitor.OnFailed(path, ReasonOf(error));
         }
@@ -181,7 +165,7 @@ bool Walker::MayEnter(const WalkedEntry& entry, bool selected, bool isRoot)
 
 void Walker::Enter(const YPath& path, YDirectory directory, const struct stat& status)
 {
-    std::vector<Name> names = SortedNames(directory);
+    NameList names(directory);
     m_levels.push_back({path, std::move(directory), status.st_dev, status.st_ino, std::move(names)});
     if (m_levels.size() > MaxOpenLevels)
         m_levels[m_levels.size() - MaxOpenLevels - 1].directory.reset();

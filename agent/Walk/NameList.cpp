@@ -1,0 +1,19 @@
+#include "agent/Walk/NameList.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+NameList::NameList(const Krt::File::YDirectory& directory)
+{
+    directory.VisitEntries([&](const Krt::File::DirectoryEntry& entry) {
+        const std::string& name = entry.name.Bytes();
+        m_entries.push_back({m_bytes.size(), static_cast<unsigned short>(name.size()), entry.type});
+        m_bytes += name;
+        return true;
+    });
+    std::sort(m_entries.begin(), m_entries.end(),
+              [this](const Entry& a, const Entry& b) { return Text(a) < Text(b); });
+}
+
+} // namespace Agent
