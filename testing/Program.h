@@ -1,4 +1,4 @@
-// Runs kbagent as a process of its own.
+// Runs kbagent in a process of its own.
 #pragma once
 
 #include <string>
