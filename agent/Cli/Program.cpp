@@ -24,6 +24,13 @@ enum ExitCode
     SomeFailed = 3
 };
 
+// In the order in which the help shows them.
+constexpr std::unique_ptr<ICommand> (*Makers[])() = {
+    MakeBackupCommand,
+    MakeRestoreCommand,
+    MakeListCommand,
+};
+
 struct Registered
 {
     std::unique_ptr<ICommand> command;
@@ -33,7 +40,7 @@ struct Registered
 std::vector<Registered> Register(CLI::App& program)
 {
     std::vector<Registered> all;
-    for (const auto make : {MakeBackupCommand, MakeRestoreCommand, MakeListCommand}) {
+    for (const auto make : Makers) {
         std::unique_ptr<ICommand> command = make();
         CLI::App* const options = command->Register(program);
         all.push_back({std::move(command), options});
@@ -59,7 +66,10 @@ ICommand& CommandOf(const std::vector<Registered>& all)
         if (registered.options->parsed())
             return *registered.command;
     }
-    throw UsageError("Name a command: backup, restore or list");
+    std::string names;
+    for (const Registered& registered : all)
+        names += (names.empty() ? "" : ", ") + registered.options->get_name();
+    throw UsageError("Name a command: " + names);
 }
 
 ExitCode RunCommand(int argc, char** argv, Report& report)
