@@ -1,0 +1,37 @@
+#include "Krt/File/YFile.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/File/File.h"
+
+#include <unistd.h>
+
+namespace Krt::File {
+
+YFile::YFile(const YPath& path, unsigned int flags) : m_path(path)
+{
+    KRT_RAISE_UNLESS(flags == CreateAndWrite, ErrorCode::InvalidArgument,
+                     "Invalid open flags " << flags << " for file: " << path);
+    m_handle = Open(path, OpenNewForWriting);
+}
+
+void YFile::Write(const YString& text)
+{
+    KRT_RAISE_UNLESS(!m_handle.IsEmpty(), ErrorCode::InvalidState, "File is not open: " << m_path);
+    try {
+        m_size += File::Write(m_handle, m_size, text.Bytes().size(), text.Bytes().data());
+    } catch (const Exception::YError& error) {
+        KRT_RAISE_OS_ERROR(static_cast<int>(error.GetOsError()), MessageType::General,
+                           "Failed to write file: " << m_path);
+    }
+}
+
+void YFile::Close()
+{
+    if (m_handle.IsEmpty())
+        return;
+    // An interrupted close has let go of the descriptor all the same, and says nothing of the data.
+    if (close(m_handle.Release()) != 0 && errno != EINTR)
+        KRT_RAISE_OS("Failed to close file: " << m_path);
+}
+
+} // namespace Krt::File

@@ -1,0 +1,29 @@
+// A universally unique identifier.
+#pragma once
+
+#include "Krt/String/YString.h"
+
+#include <array>
+
+namespace Krt::Type {
+
+class KRT_API YUuid
+{
+public:
+    using Bytes = std::array<unsigned char, 16>;
+
+    explicit YUuid(const Bytes& bytes) : m_bytes(bytes) {}
+    /// One of version 4 from the process's random generator, whose lock is held for the draw. Raises what
+    /// seeding the generator raises.
+    static YUuid Random();
+
+    const Bytes& GetBytes() const { return m_bytes; }
+    /// The 36 characters of its usual text, with hyphens and lower-case digits. Raises InvalidState if the
+    /// text can't be made.
+    YString GetString() const;
+
+private:
+    Bytes m_bytes;
+};
+
+} // namespace Krt::Type
