@@ -1,0 +1,54 @@
+#include "Krt/Util/Quotify.h"
+
+#include "testing/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+using Krt::Util::QuotifyEx;
+
+TEST(QuotifyTest, Marks)
+{
+    const struct
+    {
+        const char* name;
+        const char* text;
+        char quote;
+        const char* quoted;
+    } rows[] = {
+        {"empty", "", '"', "\"\""},
+        {"what a shell reads", "\\ \" $ ` ' ! *", '"', "\"\\\\ \\\" \\$ \\` ' ! *\""},
+        {"single", "it's \\ $ \"", '\'', "'it'\\''s \\ $ \"'"},
+        {"marks at both ends", "'a'", '\'', "''\\''a'\\'''"},
+        {"another mark", "a|\\\"$`", '|', "|a\\|\\\\\"$`|"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(QuotifyEx(row.text, row.quote).Bytes(), row.quoted) << row.name;
+}
+
+// The judge of what is quoted rightly is the shell itself.
+TEST(QuotifyTest, AShellGivesEachTextBack)
+{
+    const Testing::TemporaryDirectory directory;
+    const struct
+    {
+        const char* name;
+        const char* text;
+    } rows[] = {
+        {"commands", "$(touch x) `touch x` ; touch x & | > x"},
+        {"backslashes", "\\\\\" \\$HOME \\' \\n \\"},
+        {"patterns and home", "~ * ? [a-z] {a,b} !1 #"},
+        {"lines", "a\nb\r\n\tc\n"},
+        {"option and no letters", "--\xFF\xC3\xA4"},
+    };
+    for (const auto& row : rows) {
+        for (const char quote : {'"', '\''}) {
+            const std::string output = directory / "output";
+            const std::string command =
+                "printf %s " + QuotifyEx(row.text, quote).Bytes() + " >'" + output + "'";
+            ASSERT_EQ(std::system(command.c_str()), 0) << row.name << quote;
+            EXPECT_EQ(Testing::ReadFile(output), row.text) << row.name << quote;
+        }
+    }
+}
