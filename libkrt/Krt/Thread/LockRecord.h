@@ -2,6 +2,8 @@
 // record is written by its thread alone, save for the bits of `state` that the lock sets.
 #pragma once
 
+#include "Krt/Export.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -55,6 +57,43 @@ public:
             m_last = m_slots == nullptr ? nullptr : m_slots[Locate(lock)];
         return m_last;
     }
+    /// Takes a read level if that needs no look at the lock itself: this thread holds a level already, or
+    /// nobody wants to write. False if it needs one, with nothing done.
+    bool TakeReadLevel(const YReadWriteMutexInternal* lock) noexcept
+    {
+        LockRecord* const record = Find(lock);
+        if (record == nullptr) [[unlikely]]
+            return false;
+        if (record->readLevels + record->writeLevels != 0) {
+            ++(record->writeLevels != 0 ? record->writeLevels : record->readLevels);
+            return true;
+        }
+        // Fails for the record of an earlier lock at this address, too: it has LockGone.
+        unsigned int free = 0;
+        if (!record->state.compare_exchange_strong(free, LockRecord::Held, std::memory_order_acquire,
+                                                   std::memory_order_relaxed)) [[unlikely]]
+            return false;
+        record->readLevels = 1;
+        ++heldLocks;
+        return true;
+    }
+    /// Gives the last level back if it is one that reads, and that needs no look at the lock either. The
+    /// lock may be gone afterwards.
+    bool GiveReadLevel(const YReadWriteMutexInternal* lock) noexcept
+    {
+        LockRecord* const record = Find(lock);
+        if (record == nullptr || record->readLevels == 0 || record->writeLevels != 0) [[unlikely]]
+            return false;
+        if (record->readLevels == 1) {
+            unsigned int held = LockRecord::Held;
+            if (!record->state.compare_exchange_strong(held, 0, std::memory_order_release,
+                                                       std::memory_order_relaxed)) [[unlikely]]
+                return false;
+            --heldLocks;
+        }
+        --record->readLevels;
+        return true;
+    }
     /// Makes sure that one more record fits. Raises if memory can't be had.
     void Reserve();
     /// Takes the record in, in place of an earlier one for the same address; behind Reserve.
@@ -82,8 +121,7 @@ private:
 };
 
 // The model "initial-exec" spares each lock a call that would only look up this address.
-[[gnu::tls_model("initial-exec"),
-  gnu::visibility("hidden")]] extern constinit thread_local LockRecordTable t_lockRecords;
+[[gnu::tls_model("initial-exec")]] extern KRT_API constinit thread_local LockRecordTable t_lockRecords;
 
 inline LockRecordTable& LockRecordTable::Mine() noexcept
 {

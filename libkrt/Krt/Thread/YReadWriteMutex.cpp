@@ -45,11 +45,10 @@ void YReadWriteMutex::YLock::GiveUpAllLevels()
 
 YReadWriteMutex::YReadWriteMutex() : m_internal(YReadWriteMutexInternal::Make()) {}
 
-YReadWriteMutex::YLock YReadWriteMutex::ReadLock(const Time::YDuration& timeout) const
+void YReadWriteMutex::WaitToRead(const Time::YDuration& timeout) const
 {
     if (!m_internal->ReadLock(timeout))
-        KRT_RAISE_ON(MessageType::Runtime, ErrorCode::LockTimeout);
-    return YLock(m_internal.get());
+        KRT_RAISE_AS("ReadLock", MessageType::Runtime, ErrorCode::LockTimeout);
 }
 
 YReadWriteMutex::YLock YReadWriteMutex::WriteLock(const Time::YDuration& timeout) const

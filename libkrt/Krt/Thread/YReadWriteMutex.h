@@ -1,15 +1,15 @@
 // A lock for several readers or one writer, recursive on a thread in both kinds: whoever writes may read and
 // write again, whoever reads may read again, and a reader that wants to write waits for the others to leave.
+// What a reader needs in the common case stands here, so that it is compiled into the caller.
 #pragma once
 
 #include "Krt/Export.h"
+#include "Krt/Thread/LockRecord.h"
 #include "Krt/Time/YDuration.h"
 
 #include <boost/shared_ptr.hpp>
 
 namespace Krt::Thread {
-
-class YReadWriteMutexInternal;
 
 class KRT_API YReadWriteMutex
 {
@@ -25,7 +25,12 @@ public:
         /// Gives the level back; a second call does nothing. On the thread that took it, last taken first.
         void Release() noexcept
         {
-            if (m_internal)
+            if (!m_internal)
+                return;
+            const bool isPlain = (m_readLevels | m_writeLevels) == 0;
+            if (isPlain && LockRecordTable::Mine().GiveReadLevel(m_internal.get()))
+                m_internal.reset();
+            else
                 ReleaseHeld();
         }
         /// Gives up every level that this thread holds, for a wait; the release brings all but this lock's
@@ -50,10 +55,17 @@ public:
     YReadWriteMutex();
 
     /// Zero waits without limit; a positive time is measured on the steady clock. Raises LockTimeout.
-    YLock ReadLock(const Time::YDuration& timeout) const;
+    YLock ReadLock(const Time::YDuration& timeout) const
+    {
+        if (!LockRecordTable::Mine().TakeReadLevel(m_internal.get())) [[unlikely]]
+            WaitToRead(timeout);
+        return YLock(m_internal.get());
+    }
     YLock WriteLock(const Time::YDuration& timeout) const;
 
 private:
+    void WaitToRead(const Time::YDuration& timeout) const;
+
     boost::shared_ptr<YReadWriteMutexInternal> m_internal;
 };
 

@@ -44,25 +44,6 @@ void YReadWriteMutexInternal::UnlockAndDestroyIfUnused(YReadWriteMutexInternal* 
         delete lock;
 }
 
-bool YReadWriteMutexInternal::ReadLock(const Time::YDuration& timeout)
-{
-    LockRecord& record = MyRecord();
-    if (record.writeLevels != 0) {
-        ++record.writeLevels;
-        return true;
-    }
-    if (record.readLevels == 0) {
-        unsigned int free = 0;
-        if (!record.state.compare_exchange_strong(free, LockRecord::Held, std::memory_order_acquire,
-                                                  std::memory_order_relaxed) &&
-            !WaitToRead(record, timeout))
-            return false;
-        ++LockRecordTable::Mine().heldLocks;
-    }
-    ++record.readLevels;
-    return true;
-}
-
 bool YReadWriteMutexInternal::WriteLock(const Time::YDuration& timeout)
 {
     LockRecord& record = MyRecord();
@@ -78,14 +59,13 @@ bool YReadWriteMutexInternal::WriteLock(const Time::YDuration& timeout)
 
 void YReadWriteMutexInternal::ReadUnlock()
 {
+    LockRecordTable& mine = LockRecordTable::Mine();
+    if (mine.GiveReadLevel(this))
+        return; // the lock may be gone
     LockRecord& record = HeldRecord(&LockRecord::readLevels);
-    if (--record.readLevels != 0)
-        return;
-    --LockRecordTable::Mine().heldLocks;
-    unsigned int held = LockRecord::Held;
-    if (record.state.compare_exchange_strong(held, 0, std::memory_order_release, std::memory_order_relaxed))
-        return; // from here on the lock may be gone
+    --mine.heldLocks;
     Guard guard(m_mutex);
+    record.readLevels = 0;
     Leave(record);
     UnlockAndDestroyIfUnused(this, std::move(guard));
 }
@@ -189,8 +169,9 @@ bool YReadWriteMutexInternal::Wait(Guard& guard, Deadline deadline, Condition co
 
 // A thread that holds a lock of this kind, be it another one, isn't held back by writers that only wait: they
 // may wait for that very lock.
-bool YReadWriteMutexInternal::WaitToRead(LockRecord& record, const Time::YDuration& timeout)
+bool YReadWriteMutexInternal::WaitToRead(const Time::YDuration& timeout)
 {
+    LockRecord& record = MyRecord();
     Guard guard(m_mutex);
     if (m_writing || m_waitingWriters != 0) {
         const Deadline deadline = DeadlineOf(timeout);
@@ -204,6 +185,8 @@ bool YReadWriteMutexInternal::WaitToRead(LockRecord& record, const Time::YDurati
             return false;
     }
     Enter(record);
+    record.readLevels = 1;
+    ++LockRecordTable::Mine().heldLocks;
     return true;
 }
 

@@ -26,7 +26,10 @@ public:
 
     /// Takes a level; false if it can't be had in time. Zero waits without limit. Whoever holds a level
     /// already gets more read levels at once, and who writes gets levels of both kinds.
-    bool ReadLock(const Time::YDuration& timeout);
+    bool ReadLock(const Time::YDuration& timeout)
+    {
+        return LockRecordTable::Mine().TakeReadLevel(this) || WaitToRead(timeout);
+    }
     /// The same for writing. A reader waits for the other readers to leave; false at once if another reader
     /// waits for that already, since neither would ever get it.
     bool WriteLock(const Time::YDuration& timeout);
@@ -65,7 +68,7 @@ private:
     }
     LockRecord& HeldRecord(unsigned int LockRecord::*levels) const;
     LockRecord& Register();
-    bool WaitToRead(LockRecord& record, const Time::YDuration& timeout);
+    bool WaitToRead(const Time::YDuration& timeout);
     bool WaitToWrite(LockRecord& record, const Time::YDuration& timeout);
     template <class Condition>
     bool Wait(Guard& guard, Deadline deadline, Condition condition);
