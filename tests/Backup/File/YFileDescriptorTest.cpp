@@ -1,0 +1,177 @@
+#include "Backup/File/YFileDescriptor.h"
+
+#include "testing/Raises.h"
+#include "testing/TemporaryDirectory.h"
+
+#include "Krt/Log/YStream.h"
+
+#include <tinyxml.h>
+
+using Backup::File::MakeNativeTestPath;
+using Backup::File::SplitAbsolutePath;
+using Backup::File::YFileDescriptor;
+using Krt::ErrorCode;
+using Krt::MessageType;
+using Krt::YString;
+using Krt::File::YPath;
+using Krt::Match::AnyDescriptor;
+using Krt::Match::Descriptor;
+using Krt::Match::ExactDescriptor;
+using Krt::Match::GlobDescriptor;
+using Krt::Match::MatchType;
+
+namespace {
+
+const GlobDescriptor Documents("*.doc", true);
+
+// An element whose flags are 0 unless told otherwise.
+TiXmlElement Element(const std::vector<std::pair<const char*, const char*>>& attributes)
+{
+    TiXmlElement element("Anything");
+    element.SetAttribute("isRecursive", 0);
+    element.SetAttribute("report", 0);
+    for (const auto& [name, value] : attributes)
+        element.SetAttribute(name, value);
+    return element;
+}
+
+} // namespace
+
+TEST(YFileDescriptorXml, GoldenElementsAreWrittenAsTheyWereRead)
+{
+    const std::string golden = Testing::ReadFile(GOLDEN_DIRECTORY "/file-descriptor.xml");
+    TiXmlDocument document;
+    document.Parse(golden.c_str());
+    ASSERT_FALSE(document.Error()) << document.ErrorDesc();
+    TiXmlElement written("Descriptors");
+    const TiXmlElement* const read = document.RootElement();
+    for (const TiXmlElement* child = read->FirstChildElement(); child; child = child->NextSiblingElement())
+        YFileDescriptor(child).SaveToXmlNode(&written);
+    TiXmlPrinter printer;
+    written.Accept(&printer);
+    EXPECT_EQ(printer.Str(), golden);
+    EXPECT_EQ(YFileDescriptor(read->FirstChildElement()).GetPath().Bytes(), "/home/ä & \"b\"");
+}
+
+TEST(YFileDescriptorXml, WhatIsReadIsAGlobWithoutRegardToCase)
+{
+    const std::tuple<Descriptor, const char*, bool> rows[] = {{Documents, "*.doc", false},
+                                                              {GlobDescriptor("*.doc", false), "*.doc", true},
+                                                              {ExactDescriptor("a", false), "a", false},
+                                                              {AnyDescriptor(), "", false}};
+    for (const auto& [descriptor, pattern, equal] : rows) {
+        const YFileDescriptor saved("/a", descriptor, true, true);
+        TiXmlElement parent("Descriptors");
+        saved.SaveToXmlNode(&parent);
+        const YFileDescriptor loaded(parent.FirstChildElement());
+        EXPECT_EQ(loaded.GetDescriptor().GetMatchType(), MatchType::Glob);
+        EXPECT_EQ(loaded.GetDescriptor().GetPattern(), pattern);
+        EXPECT_FALSE(loaded.GetDescriptor().IsCaseSensitive());
+        EXPECT_EQ(loaded == saved, equal) << pattern;
+    }
+}
+
+TEST(YFileDescriptorXml, EveryNameStaysAsWrittenOnlyOnAKnownVolume)
+{
+    EXPECT_EQ(YFileDescriptor("/a", ExactDescriptor("*.*", true), false, false).GetDescriptor().GetPattern(),
+              "*");
+    for (const auto& [guid, mount, pattern] :
+         {std::tuple("g", "/m", "*.*"), std::tuple("", "/m", "*"), std::tuple("g", "", "*")}) {
+        const auto element = Element({{"fileSpec", "*.*"}, {"volumeGuid", guid}, {"mountPath", mount}});
+        EXPECT_EQ(YFileDescriptor(&element).GetDescriptor().GetPattern(), pattern) << guid << mount;
+    }
+}
+
+TEST(YFileDescriptorXml, MissingAndDamagedAttributes)
+{
+    const auto full = Element({{"path", "/a"}, {"fileSpec", "b"}, {"volumeGuid", "g"}, {"mountPath", "/"}});
+    const auto flags = Element({{"isRecursive", "Yes"}});
+    YFileDescriptor descriptor(&full);
+    descriptor.LoadFromXmlNode(&flags);
+    EXPECT_EQ(descriptor, YFileDescriptor("", GlobDescriptor("", false), true, false));
+    EXPECT_EQ(descriptor.GetVolumeGuid(), "g");
+    EXPECT_TRUE(descriptor.GetMountPath().IsEmpty());
+
+    // What stands in front of the damage is set.
+    for (const auto& [recursive, report, after] :
+         {std::tuple("maybe", "0", true), std::tuple("0", "", false)}) {
+        const auto damaged = Element({{"path", "/new"}, {"isRecursive", recursive}, {"report", report}});
+        descriptor.LoadFromXmlNode(&flags);
+        EXPECT_RAISES_ON(descriptor.LoadFromXmlNode(&damaged), MessageType::Runtime,
+                         ErrorCode::NumberConversion, "StringToNumber", "");
+        EXPECT_EQ(descriptor.GetPath(), "/new");
+        EXPECT_EQ(descriptor.IsRecursive(), after);
+    }
+    const TiXmlElement empty("Descriptor");
+    EXPECT_RAISES_ON(YFileDescriptor{&empty}, MessageType::Runtime, ErrorCode::NumberConversion,
+                     "StringToNumber", "");
+}
+
+TEST(YFileDescriptor, TheAnswerIsTrueBelowTheDirectoryWhereTheNameDoesNotMatch)
+{
+    const std::pair<const char*, std::vector<const char*>> below[] = {{"/a", {"/a/b", "/a/c/b"}},
+                                                                      {"/a/b", {"/a//b///c"}},
+                                                                      {"//a//b", {"/a/b/c"}},
+                                                                      {"/", {"/a", "//a"}},
+                                                                      {"", {"/a"}},
+                                                                      {"C:", {"C:/a"}}};
+    const std::pair<const char*, std::vector<const char*>> outside[] = {
+        {"/a", {"", "/a", "/a/", "/ab", "/b/c"}}, {"/a/b", {"/a"}}, {"/", {"/"}}, {"", {"/", "a"}}};
+    const auto check = [](const auto& rows, bool answer) {
+        for (const auto& [directory, paths] : rows) {
+            for (const char* path : paths) {
+                const YFileDescriptor descriptor(directory, ExactDescriptor("x", true), false, false);
+                EXPECT_EQ(descriptor.CheckMatch(path), answer) << directory << " " << path;
+                EXPECT_FALSE(YFileDescriptor(directory, false).CheckMatch(path));
+            }
+        }
+    };
+    check(below, true);
+    check(outside, false);
+    const YFileDescriptor descriptor("/a", GlobDescriptor("B*", true), false, false);
+    EXPECT_FALSE(descriptor.CheckMatch("/a/c/Bb"));
+    EXPECT_TRUE(descriptor.CheckMatch("/a/bb"));
+}
+
+TEST(YFileDescriptor, Equality)
+{
+    const YFileDescriptor one("/a", Documents, false, false);
+    EXPECT_EQ(one, YFileDescriptor("/a", Documents, false, true));
+    EXPECT_NE(one, YFileDescriptor("/b", Documents, false, false));
+    EXPECT_NE(one, YFileDescriptor("/a", Documents, true, false));
+    EXPECT_NE(one, YFileDescriptor("/a", ExactDescriptor("*.doc", true), false, false));
+    EXPECT_NE(one, YFileDescriptor("/a", GlobDescriptor("*.txt", true), false, false));
+    EXPECT_EQ(YFileDescriptor("/a", true),
+              YFileDescriptor("/a", Descriptor(MatchType::Any, "x", false), false, false));
+}
+
+TEST(YFileDescriptor, PathsAndText)
+{
+    const YFileDescriptor descriptor("/a/b", Documents, true, false);
+    EXPECT_EQ(static_cast<YPath>(descriptor), "/a/b/*.doc");
+    EXPECT_EQ(static_cast<YPath>(YFileDescriptor("/a/b", false)), "/a/b");
+    EXPECT_EQ(descriptor.FileName(), "b");
+    Krt::YStream text{YString()};
+    text << descriptor << ", " << YFileDescriptor("/", false);
+    EXPECT_EQ(static_cast<YString>(text), "Recursive descriptor: /a/b, Non-recursive descriptor: /");
+
+    const YFileDescriptor none;
+    EXPECT_RAISES(static_cast<YPath>(none), ErrorCode::InvalidState, "operator YPath", "");
+    EXPECT_RAISES(none.FileName(), ErrorCode::InvalidState, "FileName", "");
+}
+
+// No path from "/": that one never ends.
+TEST(FileDescriptorHelpers, SplitAbsolutePath)
+{
+    EXPECT_EQ(SplitAbsolutePath(""), std::list<YString>());
+    EXPECT_EQ(SplitAbsolutePath("a/b//c"), (std::list<YString>{"a", "b", "c"}));
+    EXPECT_EQ(SplitAbsolutePath("C:/a"), (std::list<YString>{"C:", "a"}));
+}
+
+TEST(FileDescriptorHelpers, MakeNativeTestPath)
+{
+    for (const auto& [windows, native] :
+         {std::pair("\\\\?\\C:\\dir\\f", "/C:/dir/f"), std::pair("C:\\dir\\", "/C:/dir"),
+          std::pair("\\\\server\\share", "//server/share"), std::pair("a\\ä", "/a/ä"), std::pair("", "/")})
+        EXPECT_EQ(MakeNativeTestPath(windows), native);
+}
