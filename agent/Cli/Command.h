@@ -22,8 +22,8 @@ public:
     virtual ~ICommand() = default;
     /// Adds the subcommand with its options and help, and returns it. Options are stored in this object.
     virtual CLI::App* Register(CLI::App& program) = 0;
-    /// Does the work. Entries that failed are told to the report, which makes the exit code 3; what is raised
-    /// is printed and makes it 1, or 2 for a UsageError.
+    /// Does the work. Entries that failed are told to the report, which makes the exit code 3, and an
+    /// answer that is no, which makes it 4; what is raised is printed and makes it 1, or 2 for a UsageError.
     virtual void Run(Report& report) = 0;
 };
 

@@ -21,7 +21,8 @@ enum ExitCode
     AllDone = 0,
     CouldNotRun = 1,
     WrongUsage = 2,
-    SomeFailed = 3
+    SomeFailed = 3,
+    AnswerIsNo = 4
 };
 
 // In the order in which the help shows them.
@@ -53,7 +54,8 @@ void Describe(CLI::App& program)
     program.set_version_flag("--version", "kbagent " KBAGENT_VERSION, "Print the version");
     program.require_subcommand(0, 1);
     program.footer(
-        "Exit codes: 0 all done, 1 could not run, 2 wrong usage, 3 done with some entries failed.\n\n"
+        "Exit codes: 0 all done, 1 could not run, 2 wrong usage, 3 done with some entries failed,\n"
+        "            4 the answer is no.\n\n"
         "Examples: kbagent backup --store /backup/store /home /etc\n"
         "          kbagent list --store /backup/store\n"
         "          kbagent restore --store /backup/store --to /tmp/restored /etc\n\n"
@@ -92,7 +94,9 @@ ExitCode RunCommand(int argc, char** argv, Report& report)
     if (!isAnswered)
         CommandOf(all).Run(report);
     report.Out().Flush();
-    return report.GetFailed() == 0 ? AllDone : SomeFailed;
+    if (report.GetFailed() != 0)
+        return SomeFailed;
+    return report.AnswersNo() ? AnswerIsNo : AllDone;
 }
 
 } // namespace

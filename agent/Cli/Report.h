@@ -23,6 +23,9 @@ public:
     /// An entry that could not be done, or not wholly. Counted.
     void EntryFailed(const Krt::YString& path, const Krt::YString& reason);
     unsigned long long GetFailed() const { return m_failed; }
+    /// The answer to the question that the command was asked is no.
+    void AnswerNo() { m_answersNo = true; }
+    bool AnswersNo() const { return m_answersNo; }
     /// Worth telling, and no failure.
     void Note(const Krt::YString& text);
     /// What ended the run.
@@ -44,6 +47,7 @@ private:
 
     Output m_output;
     unsigned long long m_failed = 0;
+    bool m_answersNo = false;
     bool m_showsProgress;
     bool m_lineStands = false; // of progress
     std::chrono::steady_clock::time_point m_start;
