@@ -1,0 +1,26 @@
+// KnownKeys: finds the keys of a record that no kind of record has, at any depth, so that what a conversion
+// leaves out is told.
+#pragma once
+
+#include "Krt/JSON/YObject.h"
+
+#include <set>
+#include <string>
+
+namespace Agent {
+
+class Report;
+
+class KnownKeys
+{
+public:
+    /// Notes each unknown key to the report, once however often it comes. `line` is that of the record. Names
+    /// are kept up to a limit, behind which none is told any more, so that no input fills the memory.
+    void Check(const Krt::JSON::YObject& record, unsigned long long line, Report& report);
+
+private:
+    std::set<std::string> m_told;
+    std::size_t m_bytes = 0; // of what is told
+};
+
+} // namespace Agent

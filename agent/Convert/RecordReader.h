@@ -1,0 +1,74 @@
+// RecordReader: takes the records out of a text, one after the other, in bounded memory. The text holds a
+// record a line, or records written over many lines, or an array of records. Damage loses the record that it
+// is in and no other: each comes with the line where it begins and its JSON object, or the reason why there
+// is none.
+#pragma once
+
+#include "agent/Convert/InputText.h"
+
+#include "Krt/JSON/YValue.h"
+
+namespace Agent {
+
+struct InputRecord
+{
+    unsigned long long line = 0;               ///< where it begins, from 1 on
+    boost::shared_ptr<Krt::JSON::YValue> json; ///< an object; null for what is none
+    Krt::YString reason;                       ///< why it is none
+
+    const Krt::JSON::YObject& Object() const { return json->AsObject(); }
+};
+
+class RecordReader
+{
+public:
+    /// Longest record, in bytes. A longer one is told and skipped.
+    static constexpr std::size_t RecordLimit = 16 << 20;
+
+    /// Reads a file, or standard input for "-" and for an empty path. Raises if it can't be opened.
+    explicit RecordReader(const std::string& path);
+
+    /// The next record, or what stands in the place of one; false at the end. Raises if the input can't be
+    /// read, or if the user interrupts the program.
+    bool Next(InputRecord& record);
+
+private:
+    // Where the front of the text is.
+    enum class Place
+    {
+        Line,  // at the begin of a record that is in no array
+        Array, // behind the array's begin
+        AfterComma,
+        AfterRecord
+    };
+    // How far the value at the front reaches.
+    struct Extent
+    {
+        enum End
+        {
+            Closed,
+            Broken, // it can't be JSON, whatever follows
+            CutOff  // by the end of the input
+        };
+        End end = CutOff;
+        bool isTooLong = false;      // its text is given up then
+        std::size_t size = 0;        // up to where it ends, or breaks
+        unsigned long long line = 0; // of that place
+        std::size_t next = 0;        // where another record seems to begin inside; 0 for none
+    };
+
+    void SkipBlanks();
+    bool BeginsArray();
+    void ReadLine(InputRecord& record);
+    bool ReadElement(InputRecord& record);
+    void ReadDocument(InputRecord& record);
+    void ReadBroken(const Extent& extent, std::size_t column, InputRecord& record);
+    Extent Measure();
+    void SkipToRecord(std::size_t column);
+    bool EndArray(InputRecord& record);
+
+    InputText m_text;
+    Place m_place = Place::Line;
+};
+
+} // namespace Agent

@@ -1,0 +1,53 @@
+#include "agent/Convert/InputFile.h"
+
+#include "agent/Cli/Interrupt.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/Util/Retry.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+namespace Agent {
+
+using Krt::Util::RetryOnInterrupt;
+
+namespace {
+
+// A read starts again behind a signal's handler. So the wait for a terminal or a pipe comes before it, and
+// looks now and then whether the user has enough.
+void WaitForInput(int descriptor)
+{
+    constexpr int MillisecondsBetweenLooks = 200;
+    pollfd waited{descriptor, POLLIN, 0};
+    do {
+        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState,
+                         "Interrupted before the end of the input");
+    } while (poll(&waited, 1, MillisecondsBetweenLooks) == 0 || IsInterrupted());
+}
+
+} // namespace
+
+InputFile::InputFile(const std::string& path) : m_name(path.empty() || path == "-" ? "standard input" : path)
+{
+    if (path.empty() || path == "-")
+        return;
+    const int descriptor = Krt::Util::MoveAboveStandardStreams(
+        RetryOnInterrupt([&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+    if (descriptor < 0)
+        KRT_RAISE_OS("Can't open " << m_name.c_str());
+    m_file = Krt::Util::YUnxHandle(descriptor, true);
+}
+
+std::size_t InputFile::Read(char* buffer, std::size_t size)
+{
+    const int descriptor = m_file.IsEmpty() ? STDIN_FILENO : m_file.Get();
+    WaitForInput(descriptor);
+    const ssize_t count = RetryOnInterrupt([&] { return read(descriptor, buffer, size); });
+    if (count < 0)
+        KRT_RAISE_OS("Can't read " << m_name.c_str());
+    return static_cast<std::size_t>(count);
+}
+
+} // namespace Agent
