@@ -1,7 +1,9 @@
-// The one process-wide object of the library: the macro table with which configured paths are expanded.
+// The one process-wide object of the library: the macro table with which configured paths are expanded, and
+// the list of the machine's volumes.
 #pragma once
 
 #include "Backup/Export.h"
+#include "Backup/Volume/Unix/YVolumeManager.h"
 #include "Krt/Thread/YMutex.h"
 #include "Krt/Util/YMacroManager.h"
 
@@ -37,6 +39,12 @@ class BACKUP_API YGlobal final : public YGlobalBase
 {
 public:
     void Initialize() override;
+
+    /// Has a lock of its own.
+    Volume::YVolumeManager& GetVolumeManager() { return m_volumeManager; }
+
+private:
+    Volume::YVolumeManager m_volumeManager;
 };
 
 /// The process's object, made at the first call and not initialised by it; the same one until DestroyGlobal.

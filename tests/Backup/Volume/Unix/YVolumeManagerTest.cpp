@@ -1,0 +1,160 @@
+#include "Backup/Volume/Unix/YVolumeManager.h"
+
+#include "Backup/Volume/Unix/Util.h"
+
+#include "testing/LogCapture.h"
+#include "testing/MountTable.h"
+#include "testing/Raises.h"
+
+#include <algorithm>
+#include <optional>
+#include <set>
+#include <thread>
+
+using namespace Backup::Volume;
+using Krt::ErrorCode;
+using Krt::File::YPath;
+
+namespace {
+
+constexpr unsigned int All = 0xFFFFFFFF;
+const char* const Refreshing = "YVolumeManager: Refreshing volume list";
+
+const char* const Table = "/dev/root / ext4 rw 0 0\n"
+                          "server:/export /mnt/n nfs rw 0 0\n"
+                          "/dev/sr0 /mnt/cd iso9660 ro 0 0\n"
+                          "tmpfs /tmp/x tmpfs rw 0 0\n"
+                          "/dev/a /mnt/apfs apfs rw 0 0\n"
+                          "/dev/b /mnt/a\\040b\\011c\\134d hfs ro 0 0\n"
+                          "/dev/b /mnt/again hfs ro 0 0\n"
+                          "/dev/c /mnt/again btrfs ro 0 0\n"
+                          "proc /proc nfs rw 0 0\n";
+const std::set<std::string> Fixed{"/", "/mnt/a b\tc\\d", "/mnt/again"};
+
+class VolumeManager : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (!IsMountPoint("/proc"))
+            GTEST_SKIP() << "/proc is not mounted here";
+    }
+
+    // The directories that the manager lists.
+    std::set<std::string> List(unsigned int typeMask = All, bool accessibleOnly = false)
+    {
+        std::set<std::string> directories;
+        for (const auto& [path, volume] : manager.GetVolumeList(typeMask, accessibleOnly)) {
+            EXPECT_EQ(path, volume->GetPath());
+            directories.insert(path.Bytes());
+        }
+        return directories;
+    }
+    void UseTable(const char* text)
+    {
+        table.reset();
+        table.emplace(text);
+    }
+
+    YVolumeManager manager;
+    std::optional<Testing::MountTable> table{Table};
+};
+
+} // namespace
+
+TEST_F(VolumeManager, ListsWhatTheMaskChooses)
+{
+    const struct
+    {
+        const char* name;
+        unsigned int typeMask;
+        bool accessibleOnly;
+        std::set<std::string> expected;
+    } cases[] = {
+        {"all", All, false, Fixed},
+        {"all that are accessible", All, true, Fixed},
+        {"no bit", 0, false, {}},
+        {"no bit, accessible", 0, true, {}},
+        {"one bit of the type", 0x80000000, false, Fixed},
+        {"every bit that the type lacks", 0x0000270E, false, {}},
+    };
+    for (const auto& row : cases)
+        EXPECT_EQ(List(row.typeMask, row.accessibleOnly), row.expected) << row.name;
+}
+
+TEST_F(VolumeManager, BuildsTheListOnceUntilItIsInvalidated)
+{
+    const Testing::LogCapture log({"Volume"});
+    const auto refreshed = [&] {
+        const std::vector<std::string> lines = log.Texts();
+        return std::count(lines.begin(), lines.end(), Refreshing);
+    };
+    const YVolumeManager::VolumeMap before = manager.GetVolumeList(All, false);
+    UseTable("/dev/root / ext4 rw 0 0\n/dev/new /mnt/new xfs rw 0 0\n");
+    EXPECT_EQ(List(), Fixed) << "a later mount is not seen";
+    EXPECT_EQ(refreshed(), 1);
+
+    manager.InvalidateVolumeList();
+    EXPECT_EQ(refreshed(), 1);
+    manager.InvalidateVolumeList();
+    EXPECT_EQ(refreshed(), 2) << "an empty list is built before it is emptied";
+    EXPECT_EQ(List(), (std::set<std::string>{"/", "/mnt/new"}));
+    EXPECT_EQ(refreshed(), 3);
+    EXPECT_EQ(before.at("/mnt/again")->GetPath().Bytes(), "/mnt/again") << "the caller's share lives on";
+
+    UseTable("tmpfs / tmpfs rw 0 0\n");
+    manager.RebuildVolumeList();
+    EXPECT_EQ(refreshed(), 3);
+    EXPECT_EQ(List(), std::set<std::string>{});
+    EXPECT_EQ(List(), std::set<std::string>{});
+    EXPECT_EQ(refreshed(), 5) << "nothing to list is never fresh";
+}
+
+TEST_F(VolumeManager, LooksUpByMountDirectory)
+{
+    EXPECT_EQ(manager.GetVolumeByUniquePath("/mnt/again/"), manager.GetVolumeList(All, false)["/mnt/again"]);
+    for (const char* key : {"/dev/root", "/mnt/n", "/mnt"})
+        EXPECT_RAISES(manager.GetVolumeByUniquePath(key), ErrorCode::InvalidState, "GetVolumeByUniquePath",
+                      std::string("Volume not found by unique path: ") + key);
+}
+
+TEST_F(VolumeManager, DescribesAnyPathPastTheList)
+{
+    const Testing::LogCapture log({"Volume"});
+    const boost::shared_ptr<YVolume> volume = manager.VolumeOfFilename("/proc/self");
+    EXPECT_EQ(volume->GetDriveType(), DRIVE_CLASS_NETWORK);
+    EXPECT_EQ(volume->GetPath().Bytes(), "/proc/self");
+    EXPECT_NE(manager.VolumeOfFilename("/proc/self"), volume);
+    EXPECT_EQ(manager.GetUniquePathFromMountPoint("/proc/self").Bytes(), "proc");
+    const std::vector<std::string> lines = log.Texts();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), Refreshing), 0);
+    EXPECT_RAISES(manager.VolumeOfFilename(""), ErrorCode::InvalidState, "GetVolumePathName",
+                  "Cannot find volume path name for the empty string");
+}
+
+TEST_F(VolumeManager, AMountThatCannotBeDescribedEndsTheRebuild)
+{
+    const char* const text = "Failed to locate volume guid for path /proc/gone";
+    // The entry's mount is gone, and what is found in its place is not listed.
+    UseTable("/dev/b /proc/gone hfs rw 0 0\n/dev/root / ext4 rw 0 0\n");
+    EXPECT_RAISES(manager.InvalidateVolumeList(), ErrorCode::NotFound, "GetVolumeUniquePath", text);
+    EXPECT_RAISES(List(), ErrorCode::NotFound, "GetVolumeUniquePath", text);
+
+    UseTable("/dev/root / ext4 rw 0 0\n/dev/b /proc/gone hfs rw 0 0\n/dev/c /mnt/c xfs rw 0 0\n");
+    EXPECT_RAISES(List(), ErrorCode::NotFound, "GetVolumeUniquePath", text);
+    EXPECT_EQ(List(), std::set<std::string>{"/"}) << "what came before it counts as fresh";
+    manager.InvalidateVolumeList();
+    UseTable(Table);
+    EXPECT_EQ(List(), Fixed);
+}
+
+TEST_F(VolumeManager, ConcurrentInvalidationsNeverShowAPartOfTheList)
+{
+    std::thread invalidator([&] {
+        for (int i = 0; i < 100; ++i)
+            manager.InvalidateVolumeList();
+    });
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(List(), Fixed);
+    invalidator.join();
+}

@@ -1,0 +1,167 @@
+#include "Backup/Volume/Unix/YVolume.h"
+
+#include "Backup/Volume/Unix/Util.h"
+
+#include "testing/LogCapture.h"
+#include "testing/MountTable.h"
+#include "testing/Raises.h"
+
+#include <filesystem>
+
+using namespace Backup::Volume;
+using Krt::ErrorCode;
+using Krt::MessageType;
+using Krt::YString;
+using Krt::File::YPath;
+
+namespace {
+
+class Volume : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (!IsMountPoint("/proc"))
+            GTEST_SKIP() << "/proc is not mounted here";
+    }
+};
+
+const char* const Table = "/dev/disk\\040one\\134 / ext4 rw 0 0\n"
+                          "/dev/b /proc hfs ro 0 0\n"
+                          "/dev/c /proc nfs rw 0 0\n"
+                          "/dev/b /mnt/else\\040where hfs rw 0 0\n";
+
+} // namespace
+
+TEST_F(Volume, IsDescribedFromAnyPathOnIt)
+{
+    const Testing::MountTable table(Table);
+    const struct
+    {
+        const char* path;
+        const char* uniquePath;
+        const char* mountPath;
+        unsigned int mountPaths;
+        unsigned int driveType;
+        bool readOnly;
+    } cases[] = {
+        {"/", "/dev/disk one\\", "/", 1, DRIVE_CLASS_FIXED, false},
+        // The second mount of the device gives a second equal pair, and the entry laid over it is not seen.
+        {"/proc/self/fd", "/dev/b", "/proc", 2, DRIVE_CLASS_FIXED, true},
+        // A mount that is gone by now is what its directory's ancestors are.
+        {"/mnt/else where", "/dev/disk one\\", "/", 1, DRIVE_CLASS_FIXED, false},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.path);
+        const YVolume volume{YPath(row.path)};
+        EXPECT_EQ(volume.GetGuidPath().Bytes(), row.uniquePath);
+        EXPECT_EQ(YPath(volume).Bytes(), row.uniquePath);
+        EXPECT_EQ(volume.GetPath().Bytes(), row.path);
+        ASSERT_EQ(volume.GetMountPathCount(), row.mountPaths);
+        for (unsigned int index = 0; index < row.mountPaths; ++index)
+            EXPECT_EQ(volume.GetMountPath(index).Bytes(), row.mountPath);
+        EXPECT_RAISES(volume.GetMountPath(row.mountPaths), ErrorCode::NotSupported, "GetMountPath",
+                      "Not implemented");
+        EXPECT_EQ(volume.GetPrimaryMountPath().Bytes(), row.mountPath);
+        EXPECT_EQ(volume.GetDriveType(), row.driveType);
+        EXPECT_EQ(volume.IsReadOnly(), row.readOnly);
+        EXPECT_EQ(volume.GetFsType().Bytes(), "");
+        EXPECT_EQ(volume.GetVolumeSize(), 0U);
+        EXPECT_EQ(static_cast<const YVolumeBase&>(volume).GetStringRepresentation().Bytes(), "@@TODO");
+    }
+}
+
+TEST_F(Volume, SaysThatItIsNotInitialized)
+{
+    const Testing::MountTable table(Table);
+    YVolume initialized{YPath("/proc")};
+    initialized.Initialize();
+    for (const YVolume& volume : {YVolume(), initialized}) {
+        const char* const text = "Volume not initialized";
+        EXPECT_RAISES(volume.GetFsType(), ErrorCode::InvalidState, "GetFsType", text);
+        EXPECT_RAISES(volume.GetDriveType(), ErrorCode::InvalidState, "GetDriveType", text);
+        EXPECT_RAISES(volume.GetGuidPath(), ErrorCode::InvalidState, "GetGuidPath", text);
+        EXPECT_RAISES(volume.IsReadOnly(), ErrorCode::InvalidState, "IsReadOnly", "");
+        EXPECT_RAISES(YPath(volume).IsEmpty(), ErrorCode::InvalidState, "operator YPath", "");
+        EXPECT_RAISES_OS(volume.GetVolumeFreeSpace(), MessageType::General, ENOENT, "GetVolumeFreeSpace",
+                         "Failed to get the free space of: ");
+        EXPECT_EQ(volume.GetMountPathCount(), 0U);
+        EXPECT_EQ(volume.GetPrimaryMountPath().Bytes(), "");
+    }
+}
+
+TEST_F(Volume, IsEqualByItsUniquePathAlone)
+{
+    const Testing::MountTable table(Table);
+    const YVolume b{YPath("/proc")}, deep{YPath("/proc/self/fd")}, one{YPath("/")};
+    EXPECT_TRUE(b == deep && !(b != deep) && !(b < deep) && !(deep < b));
+    EXPECT_TRUE(b != one && b < one && !(one < b));
+    EXPECT_TRUE(YVolume() == YVolume() && YVolume() < b && !(b < YVolume()));
+
+    YVolume copy = deep;
+    EXPECT_TRUE(copy == deep);
+    EXPECT_EQ(copy.GetPath(), deep.GetPath());
+    EXPECT_EQ(copy.GetMountPathCount(), 2U);
+    copy = static_cast<const YVolume&>(copy);
+    EXPECT_EQ(copy.GetGuidPath().Bytes(), "/dev/b");
+    copy = YVolume();
+    EXPECT_RAISES(copy.GetGuidPath(), ErrorCode::InvalidState, "GetGuidPath", "Volume not initialized");
+}
+
+TEST(VolumePrimaryMountPath, IsTheFirstOfTheShallowest)
+{
+    const std::pair<std::vector<const char*>, const char*> cases[] = {
+        {{}, ""}, {{"/a/b", "/c"}, "/c"}, {{"/b", "/c"}, "/b"}, {{"/a/b", "/x/y", "/"}, "/"}};
+    for (const auto& [mountPaths, expected] : cases) {
+        YVolume::_tagVOL_INFO info;
+        for (const char* mountPath : mountPaths)
+            info.mountPaths.emplace_back(mountPath, "/dev/x");
+        EXPECT_EQ(info.GetPrimaryMountPath().Bytes(), expected);
+    }
+}
+
+TEST_F(Volume, TracesItsSteps)
+{
+    const Testing::MountTable table(Table);
+    const Testing::LogCapture log({"Volume"});
+    const YVolume volume{YPath("/proc/self")};
+    std::vector<std::string> own;
+    std::string before;
+    for (const std::string& line : log.Texts()) {
+        if (line.starts_with("YVolume: "))
+            own.push_back(line);
+        if (line == "YVolume: With volume mount path: /proc") {
+            EXPECT_EQ(before, "Volume: Determined volume path name for path /proc/self is /proc");
+        }
+        before = line;
+    }
+    EXPECT_EQ(own, (std::vector<std::string>{"YVolume: Initializing volume with path /proc/self",
+                                             "YVolume: Got volume uniquePath /dev/b",
+                                             "YVolume:  Determined mount path /proc->/dev/disk one\\",
+                                             "YVolume:  Determined mount path /proc->/dev/disk one\\",
+                                             "YVolume: With volume mount path: /proc"}));
+}
+
+TEST_F(Volume, FailsWithTheCauseAndStaysUninitialized)
+{
+    const Testing::MountTable table("/dev/root / ext4 rw 0 0\n");
+    const Testing::LogCapture log({"General"});
+    YVolume volume{YPath("/")};
+    EXPECT_RAISES(volume.Initialize("/proc/self"), ErrorCode::NotFound, "GetVolumeUniquePath",
+                  "Failed to locate volume guid for path /proc/self");
+    EXPECT_EQ(log.Texts(),
+              std::vector<std::string>{
+                  "YVolume: Failed to load volume info /proc/self Failed to locate volume guid for path "
+                  "/proc/self (General, NotFound 235, GetVolumeUniquePath)"});
+    EXPECT_RAISES(volume.GetGuidPath(), ErrorCode::InvalidState, "GetGuidPath", "Volume not initialized");
+    EXPECT_EQ(volume.GetPath().Bytes(), "/proc/self");
+}
+
+TEST(VolumeFreeSpace, IsInBytesAndFresh)
+{
+    const Testing::MountTable table("/dev/root / ext4 rw 0 0\n");
+    const YVolume volume{YPath("/")};
+    const double available = static_cast<double>(std::filesystem::space("/").available);
+    // Others may be writing meanwhile; a count of blocks would be off by hundreds.
+    EXPECT_NEAR(static_cast<double>(volume.GetVolumeFreeSpace()), available, available / 2 + 1);
+}
