@@ -2,6 +2,7 @@
 
 #include "agent/Cli/Command.h"
 #include "agent/Cli/Interrupt.h"
+#include "agent/Cli/LogOptions.h"
 #include "agent/Cli/StandardStreams.h"
 #include "agent/Cli/Text.h"
 #include "agent/Store/StoreSession.h"
@@ -78,6 +79,8 @@ ExitCode RunCommand(int argc, char** argv, Report& report)
 {
     CLI::App program("Backs files up into a store, and restores them.", "kbagent");
     Describe(program);
+    LogOptions log;
+    log.Register(program);
     const std::vector<Registered> all = Register(program);
     bool isAnswered = false;
     try {
@@ -91,8 +94,11 @@ ExitCode RunCommand(int argc, char** argv, Report& report)
     } catch (const CLI::ParseError& error) {
         throw UsageError(error.what());
     }
-    if (!isAnswered)
-        CommandOf(all).Run(report);
+    if (!isAnswered) {
+        ICommand& command = CommandOf(all);
+        log.Open();
+        command.Run(report);
+    }
     report.Out().Flush();
     if (report.GetFailed() != 0)
         return SomeFailed;

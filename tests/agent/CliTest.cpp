@@ -89,6 +89,8 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
         {"help of a command", {"list", "--help"}, 0, "--snapshot ID"},
         {"version", {"--version"}, 0, "kbagent 0."},
         {"no command", {}, 2, "kbagent: error: Name a command"},
+        {"channels without a log", {"--debug", "FileIo", "list", "--store", store}, 2, "--log"},
+        {"log nowhere", {"--log", store + "/x/log", "list", "--store", store}, 1, "Failed to open log: "},
         {"unknown command", {"steal"}, 2, "steal"},
         {"unknown option", {"list", "--store", store, "--bogus\x1b"}, 2, "--bogus\\x1b"},
         {"missing option", {"list"}, 2, "--store is required"},
@@ -147,6 +149,19 @@ TEST_F(Cli, PathsThatLookLikeListsArePaths)
                                     other + "' --snapshot latest | grep -qF '" + (directory / name) + "'";
         EXPECT_EQ(std::system(command.c_str()), 0) << command;
     }
+}
+
+TEST_F(Cli, LogIsOpenedBeforeTheCommandRuns)
+{
+    setenv("KBAGENT_CONFIG", (directory / "none.conf").c_str(), 1);
+    const auto result = RunProgram({"--log", directory / "${serviceName}.log", "--debug", "General,FileIo",
+                                    "backup", "--store", store, directory / "tree"});
+    unsetenv("KBAGENT_CONFIG");
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    const std::string log = Testing::ReadFile(directory / "kbagent.log");
+    const std::size_t banner = log.find(" General: Startup log flags: General,FileIo\n");
+    ASSERT_NE(banner, std::string::npos) << log;
+    EXPECT_NE(log.find(" YFile: ", banner), std::string::npos) << log;
 }
 
 TEST_F(Cli, OutputThatIsLostIsAFailure)

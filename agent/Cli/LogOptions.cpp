@@ -1,0 +1,37 @@
+#include "agent/Cli/LogOptions.h"
+
+#include "Backup/Util/Util.h"
+
+#include "Krt/Log/YLog.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Agent {
+
+using Krt::YString;
+
+void LogOptions::Register(CLI::App& program)
+{
+    CLI::Option* const log =
+        program
+            .add_option("--log", m_path, "Append a log to FILE, which may hold macros such as ${serviceName}")
+            ->type_name("FILE");
+    program
+        .add_option(
+            "--debug", m_channels,
+            "The log's channels, separated by commas, unless the configuration's debugOutput names them")
+        ->type_name("CHANNELS")
+        ->capture_default_str()
+        ->needs(log);
+}
+
+void LogOptions::Open() const
+{
+    if (m_path.empty())
+        return;
+    Krt::Log::InstallGlobalLogger();
+    Backup::Util::OpenOrReopenLog(Backup::Util::ExpandMacros(YString(std::string_view(m_path))),
+                                  YString(std::string_view(m_channels)));
+}
+
+} // namespace Agent
