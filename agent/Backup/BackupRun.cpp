@@ -56,7 +56,7 @@ bool BackupRun::OnSelected(const WalkedEntry& entry)
         });
     Capture({entry.path, entry.parent, entry.name, status}, metadata->AsUnixFileMetadata());
     m_file.Close();
-    Count(status);
+    m_counts.Add(status.st_mode);
     m_report.Progress(m_counts.Entries(), m_counts.bytes);
     return followable;
 }
@@ -129,18 +129,6 @@ void BackupRun::ReadContent(const WalkedEntry& entry, SnapshotEntry& line)
         reason << "The file changed while it was read: " << total << " bytes instead of " << size;
         m_report.EntryFailed(entry.path, reason);
     }
-}
-
-void BackupRun::Count(const struct stat& status)
-{
-    if (S_ISREG(status.st_mode))
-        ++m_counts.files;
-    else if (S_ISDIR(status.st_mode))
-        ++m_counts.directories;
-    else if (S_ISLNK(status.st_mode))
-        ++m_counts.links;
-    else
-        ++m_counts.others;
 }
 
 void BackupRun::OnExcluded(const YPath& path)

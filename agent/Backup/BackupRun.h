@@ -4,6 +4,7 @@
 #pragma once
 
 #include "agent/Backup/HardLinks.h"
+#include "agent/Cli/EntryCounts.h"
 #include "agent/Cli/Report.h"
 #include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotWriter.h"
@@ -17,17 +18,10 @@
 namespace Agent {
 
 /// What a run did, for its summary.
-struct BackupCounts
+struct BackupCounts : EntryCounts
 {
-    unsigned long long files = 0;
-    unsigned long long directories = 0;
-    unsigned long long links = 0;
-    unsigned long long others = 0;
-    unsigned long long bytes = 0; ///< of contents that were read
     unsigned long long excluded = 0;
     std::vector<Krt::File::YPath> mountsNotEntered;
-
-    unsigned long long Entries() const { return files + directories + links + others; }
 };
 
 class BackupRun : public IWalkVisitor
@@ -50,7 +44,6 @@ private:
     struct stat OpenSame(const WalkedEntry& entry);
     void Capture(const WalkedEntry& entry, const Backup::File::YUnixFileMetadata& metadata);
     void ReadContent(const WalkedEntry& entry, SnapshotEntry& line);
-    void Count(const struct stat& status);
 
     SnapshotWriter& m_snapshot;
     Report& m_report;

@@ -76,8 +76,7 @@ void BackupCommand::PrintSummary(Report& report, const std::string& id, const Ba
 {
     Output& out = report.Out();
     out << "snapshot " << id << "\n"
-        << counts.Entries() << " entries: " << counts.files << " files, " << counts.directories
-        << " directories, " << counts.links << " links, " << counts.others << " others\n"
+        << counts.Entries() << " entries: " << counts.ByKind() << "\n"
         << ShortSize(counts.bytes) << " read, " << ShortSize(storedBytes) << " added to the store\n"
         << counts.excluded << " excluded, " << report.GetFailed() << " failed\n";
     for (const Krt::File::YPath& mount : counts.mountsNotEntered)

@@ -1,8 +1,11 @@
 #include "agent/Cli/EntryText.h"
 
 #include "agent/Cli/Text.h"
+#include "agent/Restore/Place.h"
+#include "agent/Restore/WindowsTime.h"
 
 #include "Backup/File/YUnixFileMetadata.h"
+#include "Backup/File/YWinFileMetadata.h"
 
 #include <cstdio>
 #include <string_view>
@@ -12,6 +15,7 @@ namespace Agent {
 
 using Backup::File::YMetadataBase;
 using Backup::File::YUnixFileMetadata;
+using Backup::File::YWinFileMetadata;
 using Krt::YString;
 
 namespace {
@@ -63,14 +67,64 @@ std::string SizeText(const SnapshotEntry& entry, const YUnixFileMetadata& metada
     return std::to_string(metadata.GetFileSize());
 }
 
+std::string Columns(const std::string& mode, const std::string& owner, const std::string& size,
+                    const std::string& time)
+{
+    char text[128];
+    std::snprintf(text, sizeof text, "%-10s %11s %12s %20s ", mode.c_str(), owner.c_str(), size.c_str(),
+                  time.c_str());
+    return text;
+}
+
 std::string UnixText(const SnapshotEntry& entry, const YUnixFileMetadata& metadata)
 {
     const std::string owner =
         std::to_string(metadata.GetUserId()) + ":" + std::to_string(metadata.GetGroupId());
-    char text[128];
-    std::snprintf(text, sizeof text, "%s %11s %12s %s ", ModeText(metadata.GetModeFlags()).c_str(),
-                  owner.c_str(), SizeText(entry, metadata).c_str(),
-                  TimeText(metadata.GetLastWriteTime()).c_str());
+    return Columns(ModeText(metadata.GetModeFlags()), owner, SizeText(entry, metadata),
+                   TimeText(metadata.GetLastWriteTime()));
+}
+
+// Those of the attributes of Windows that are shown.
+constexpr struct
+{
+    unsigned int bit;
+    char letter;
+} WindowsAttributes[] = {{0x1, 'R'}, {0x2, 'H'}, {0x4, 'S'}, {0x20, 'A'}, {0x400, 'L'}};
+
+std::string WindowsText(const YWinFileMetadata& metadata)
+{
+    std::string mode = metadata.IsDirectoryAttributeSet() ? "d" : "-";
+    for (const auto& [bit, letter] : WindowsAttributes)
+        mode += (metadata.GetAttributes() & bit) != 0 ? letter : '-';
+    const auto time = TimeOfWindows(metadata.GetLastWriteTime());
+    return Columns(mode, "-", std::to_string(metadata.GetFileSize()),
+                   time ? TimeText(static_cast<unsigned long long>(time->tv_sec)) : "-");
+}
+
+std::string PropertiesText(const SnapshotEntry& entry, YMetadataBase& record)
+{
+    switch (record.GetMetadataType()) {
+    case Backup::File::VAM_UNIX_METADATA_TYPE:
+        return UnixText(entry, record.AsUnixFileMetadata());
+    case Backup::File::VAM_WINDOWS_METADATA_TYPE:
+        return WindowsText(record.AsWinFileMetadata());
+    default:
+        return Columns("ods", "-", "-", "-");
+    }
+}
+
+// What stands behind the path.
+std::string RemarkText(const SnapshotEntry& entry, YMetadataBase& record)
+{
+    std::string text;
+    if (record.GetMetadataType() == Backup::File::VAM_UNIX_METADATA_TYPE) {
+        const YUnixFileMetadata& metadata = record.AsUnixFileMetadata();
+        if (S_ISLNK(metadata.GetModeFlags()))
+            text += " -> " + Printable(entry.linkTarget ? *entry.linkTarget
+                                                        : YString(metadata.GetSymbolicLinkTarget()));
+    }
+    if (entry.readSize)
+        text += " (" + std::to_string(*entry.readSize) + " bytes could be read)";
     return text;
 }
 
@@ -86,16 +140,12 @@ YString ShownPath(const Backup::YJobPath& path)
 std::string EntryText(const SnapshotEntry& entry)
 {
     const boost::shared_ptr<YMetadataBase> record = YMetadataBase::ConstructFromJson(entry.record);
-    const std::string path = Printable(ShownPath(record->GetFilePath(0)));
-    if (record->GetMetadataType() != Backup::File::VAM_UNIX_METADATA_TYPE)
-        return path;
-    const YUnixFileMetadata& metadata = record->AsUnixFileMetadata();
-    std::string text = UnixText(entry, metadata) + path;
-    if (S_ISLNK(metadata.GetModeFlags()))
-        text += " -> " +
-                Printable(entry.linkTarget ? *entry.linkTarget : YString(metadata.GetSymbolicLinkTarget()));
-    if (entry.readSize)
-        text += " (" + std::to_string(*entry.readSize) + " bytes could be read)";
+    CheckHasPath(*record);
+    const std::string properties = PropertiesText(entry, *record);
+    const std::string remark = RemarkText(entry, *record);
+    std::string text;
+    for (unsigned long i = 0; i < record->GetFilePathCount(); ++i)
+        text += properties + Printable(ShownPath(RestoredPath(*record, i))) + remark + "\n";
     return text;
 }
 

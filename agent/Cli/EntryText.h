@@ -1,4 +1,4 @@
-// One entry of a snapshot as a line for people.
+// One entry of a snapshot as lines for people.
 #pragma once
 
 #include "agent/Store/Snapshot.h"
@@ -11,8 +11,10 @@ class YJobPath;
 
 namespace Agent {
 
-/// "-rw-r--r--  0:0  1234  2001-02-03T04:05:06Z  /path", printable, without a line end. A link's target
-/// follows behind "->", a device has its numbers for a size. Raises a YError for a record that can't be read.
+/// "-rw-r--r--  0:0  1234  2001-02-03T04:05:06Z  /path" and a line end, printable. A link's target follows
+/// behind "->", a device has its numbers for a size. A Windows entry has its attributes for a mode and a line
+/// for each of its paths, which are those that a restore gives; what a record doesn't tell stands as "-".
+/// Raises a YError for a record that can't be read.
 std::string EntryText(const SnapshotEntry& entry);
 
 /// The path under which an entry is known to the user: that of the file system, or the job path of what has

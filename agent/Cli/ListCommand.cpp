@@ -51,7 +51,8 @@ CLI::App* ListCommand::Register(CLI::App& program)
     command->footer(
         "An entry is listed with its mode, owner and group by number, size in bytes, time of its last\n"
         "change in UTC, and path. What isn't printable in a path stands as \\n, \\xHH or \\uHHHH, and\n"
-        "a backslash is doubled.\n\n"
+        "a backslash is doubled. An entry of Windows has the letters of its attributes instead of a mode\n"
+        "(R read-only, H hidden, S system, A archive, L leads elsewhere), and a line for each path.\n\n"
         "Examples: kbagent list --store /backup/store\n"
         "          kbagent list --store /backup/store --snapshot latest");
     return command;
@@ -116,8 +117,8 @@ void ListCommand::ListEntries(SnapshotReader& snapshot, Report& report) const
         try {
             // A line that is no entry isn't printed either way.
             const SnapshotEntry entry = ReadEntry(line);
-            const std::string text = m_json ? std::string(line) : EntryText(entry);
-            report.Out() << text << "\n";
+            const std::string text = m_json ? std::string(line) + "\n" : EntryText(entry);
+            report.Out() << text;
         } catch (const Krt::Exception::YError& error) {
             if (error.GetType() == Krt::ExceptionType::OsError)
                 throw;

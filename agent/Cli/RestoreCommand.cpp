@@ -56,7 +56,8 @@ CLI::App* RestoreCommand::Register(CLI::App& program)
     m_paths = AddPathArguments(*command, "Restore only these entries, as list shows them, with all below");
     command->footer(
         "An entry /a/b is restored as TARGET/a/b. Files that stand there are replaced. Nothing is ever\n"
-        "written outside TARGET: no link on the way is followed.\n\n"
+        "written outside TARGET: no link on the way is followed. The volume of a Windows path becomes a\n"
+        "plain directory: C:\\a is restored as TARGET/C/a.\n\n"
         "Example: kbagent restore --store /backup/store --to /tmp/restored /etc/hosts");
     return command;
 }
@@ -86,10 +87,8 @@ void RestoreCommand::Run(Report& report)
     }
     run.Finish();
 
-    const RestoreCounts& counts = run.GetCounts();
-    report.Out() << counts.Entries() << " entries restored: " << counts.files << " files, "
-                 << counts.directories << " directories, " << counts.links << " links, " << counts.others
-                 << " others\n"
+    const EntryCounts& counts = run.GetCounts();
+    report.Out() << counts.Entries() << " entries restored: " << counts.ByKind() << "\n"
                  << ShortSize(counts.bytes) << " written, " << report.GetFailed() << " failed\n";
 }
 

@@ -14,8 +14,6 @@ using Refused = std::vector<YString>;
 
 namespace {
 
-constexpr unsigned int PermissionBits = 07777;
-
 // The two ways to an entry, under one set of names.
 struct ByHandle
 {
@@ -67,6 +65,8 @@ bool Try(Refused& refused, const char* what, const YString& which, Step step)
 template <class Target>
 unsigned int ApplyOwner(const Attributes& attributes, const Target& target, Refused& refused)
 {
+    if (attributes.user == Krt::File::KeepOwner && attributes.group == Krt::File::KeepOwner)
+        return attributes.mode;
     Krt::YStream which{YString()};
     which << attributes.user << ":" << attributes.group;
     if (Try(refused, "owner ", which, [&] { target.SetOwner(attributes.user, attributes.group); }))
@@ -98,29 +98,7 @@ void ApplyTo(const Attributes& attributes, const Target& target, bool hasMode, R
     Try(refused, "times", YString(), [&] { target.SetTimes(attributes.access, attributes.write); });
 }
 
-// Times before 1970 are negative numbers in an unsigned type.
-timespec TimeOf(unsigned long long seconds)
-{
-    timespec time{};
-    time.tv_sec = static_cast<time_t>(static_cast<long long>(seconds));
-    return time;
-}
-
 } // namespace
-
-Attributes AttributesOf(const Backup::File::YUnixFileMetadata& metadata)
-{
-    Attributes attributes;
-    attributes.mode = metadata.GetModeFlags() & PermissionBits;
-    attributes.user = metadata.GetUserId();
-    attributes.group = metadata.GetGroupId();
-    attributes.write = TimeOf(metadata.GetLastWriteTime());
-    attributes.access = TimeOf(metadata.GetLastAccessTime());
-    if (metadata.GetLastAccessTime() == 0)
-        attributes.access.tv_nsec = UTIME_NOW;
-    attributes.extended = metadata.GetExtendedAttributeMap();
-    return attributes;
-}
 
 void Apply(const Attributes& attributes, const Krt::Util::YUnxHandle& handle, Refused& refused)
 {

@@ -3,8 +3,6 @@
 // it, and the bits stay away where the owner could not be set.
 #pragma once
 
-#include "Backup/File/YUnixFileMetadata.h"
-
 #include "Krt/File/YDirectory.h"
 
 #include <ctime>
@@ -14,16 +12,13 @@ namespace Agent {
 
 struct Attributes
 {
-    unsigned int mode = 0; ///< permission bits, with set-user, set-group and sticky
-    unsigned int user = 0;
-    unsigned int group = 0;
-    timespec access{};
+    unsigned int mode = 0;                    ///< permission bits, with set-user, set-group and sticky
+    unsigned int user = Krt::File::KeepOwner; ///< as group: KeepOwner leaves whoever restores
+    unsigned int group = Krt::File::KeepOwner;
+    timespec access{}; ///< as write: with a tv_nsec of UTIME_NOW the time of the restore stands in
     timespec write{};
     Krt::File::ExtendedAttributeMap extended;
 };
-
-/// An access time of 0 means that the record has none: the time of the restore stands in.
-Attributes AttributesOf(const Backup::File::YUnixFileMetadata& metadata);
 
 /// Sets the attributes of the open file or directory. What the system refuses is left out and told, one
 /// sentence each, in `refused`.

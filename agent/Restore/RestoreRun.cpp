@@ -32,32 +32,6 @@ YString TemporaryName()
     return YString(name);
 }
 
-// Where the record's path goes below the target. A component that could lead out of it is refused.
-Place PlaceOf(Backup::File::YMetadataBase& metadata)
-{
-    const Backup::YJobPath none;
-    const Backup::YJobPath path = metadata.GetSanitizedNewPath(metadata.GetFilePath(0), none, none);
-    KRT_RAISE_UNLESS(path.GetComponentCount() != 0, ErrorCode::InvalidArgument, "The record has no path");
-    Place place;
-    for (unsigned long i = 0; i < path.GetComponentCount(); ++i) {
-        const YString& name = path.GetComponent(i).m_name;
-        const bool isSafe = !name.IsEmpty() && name != "." && name != ".." &&
-                            name.Bytes().find_first_of(std::string_view("/\0", 2)) == std::string::npos;
-        KRT_RAISE_UNLESS(isSafe, ErrorCode::InvalidArgument,
-                         "Refused: the path has a component that no file may have: \"" << name << "\"");
-        place.push_back(name);
-    }
-    return place;
-}
-
-YPath PathOf(const Place& place)
-{
-    std::string text;
-    for (const YString& name : place)
-        text += "/" + name.Bytes();
-    return YPath(YString(text));
-}
-
 } // namespace
 
 RestoreRun::RestoreRun(const Store& store, YDirectory target, std::vector<YPath> paths, Report& report)
@@ -74,26 +48,45 @@ RestoreRun::RestoreRun(const Store& store, YDirectory target, std::vector<YPath>
 
 void RestoreRun::Restore(const SnapshotEntry& entry)
 {
-    YString shown("an entry");
     try {
         const auto metadata = Backup::File::YMetadataBase::ConstructFromJson(entry.record);
-        shown = metadata->GetFilePath(0).GetDisplayPath();
-        const Place place = PlaceOf(*metadata);
+        CheckHasPath(*metadata);
+        const unsigned long count = metadata->GetFilePathCount();
+        m_hasSeveralPaths = count > 1;
+        m_first.reset();
+        for (unsigned long i = 0; i < count; ++i)
+            RestorePath(entry, *metadata, i);
+    } catch (const Krt::Exception::YError& error) {
+        Failed("an entry", error);
+    }
+    m_report.Progress(m_counts.Entries(), m_counts.bytes);
+}
+
+void RestoreRun::RestorePath(const SnapshotEntry& entry, Backup::File::YMetadataBase& metadata,
+                             unsigned long index)
+{
+    YString shown = metadata.GetFilePath(index).GetDisplayPath();
+    try {
+        const Place place = PlaceOf(metadata, index);
         const YPath path = PathOf(place);
         shown = path;
         if (!IsWanted(path))
             return;
         m_refused.clear();
-        Make(entry, metadata->AsUnixFileMetadata(), place);
+        Make(entry, RecordedEntryOf(metadata), place);
         for (const YString& reason : m_refused)
             m_report.EntryFailed(path, reason);
         if (entry.readSize)
-            m_report.EntryFailed(path, "restored as it was read, but it changed during the backup");
+            m_report.EntryFailed(path, "restored as it was read, with another size than its record tells");
     } catch (const Krt::Exception::YError& error) {
-        KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted");
-        m_report.EntryFailed(shown, ReasonOf(error));
+        Failed(shown, error);
     }
-    m_report.Progress(m_counts.Entries(), m_counts.bytes);
+}
+
+void RestoreRun::Failed(const YString& path, const Krt::Exception::YError& error)
+{
+    KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted");
+    m_report.EntryFailed(path, ReasonOf(error));
 }
 
 void RestoreRun::Finish()
@@ -115,11 +108,13 @@ bool RestoreRun::IsWanted(const YPath& path)
     return wanted;
 }
 
-void RestoreRun::Make(const SnapshotEntry& entry, const Metadata& metadata, const Place& place)
+void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded, const Place& place)
 {
-    if (metadata.IsDirectoryForRestore()) {
-        m_tree.MakeDirectory(place, AttributesOf(metadata));
-        ++m_counts.directories;
+    KRT_RAISE_UNLESS(!recorded.isReparsePoint || entry.content.has_value(), ErrorCode::NotSupported,
+                     "A reparse point without content is not restored: its record does not tell its target");
+    if (recorded.type == S_IFDIR) {
+        m_tree.MakeDirectory(place, recorded.attributes);
+        m_counts.Add(recorded.type);
         return;
     }
     const YDirectory& parent = m_tree.ParentOf(place);
@@ -133,31 +128,38 @@ void RestoreRun::Make(const SnapshotEntry& entry, const Metadata& metadata, cons
         if (!isMoved)
             parent.RemoveFile(m_temporary);
     });
-    const bool isLinked = MakeHardLink(entry, place, m_temporary);
-    if (!isLinked && S_ISREG(metadata.GetModeFlags()))
-        MakeFile(entry, metadata, parent, m_temporary);
+    const bool isLinked = MakeHardLink(FirstNameOf(entry), place, m_temporary);
+    if (!isLinked && recorded.type == S_IFREG)
+        MakeFile(entry, recorded, parent, m_temporary);
     else if (!isLinked)
-        MakeOther(entry, metadata, parent, m_temporary);
+        MakeOther(entry, recorded, parent, m_temporary);
     parent.Rename(m_temporary, parent, place.back());
     isMoved = !isLinked;
-    if (!isLinked && entry.hardLinkGroup != 0)
+    if (!isLinked && (entry.hardLinkGroup != 0 || m_hasSeveralPaths))
         Remember(entry, place);
-    Count(metadata.GetModeFlags());
+    m_counts.Add(recorded.type);
+}
+
+// The name that the current entry's file has already, by the paths of its record or by its group.
+const RestoreRun::LinkedFile* RestoreRun::FirstNameOf(const SnapshotEntry& entry) const
+{
+    if (m_first)
+        return &*m_first;
+    const auto found = entry.hardLinkGroup != 0 ? m_linked.find(entry.hardLinkGroup) : m_linked.end();
+    return found != m_linked.end() ? &found->second : nullptr;
 }
 
 // Links the entry to the first name of its file, if that was restored and is still the same file. Otherwise
 // the caller makes a file of its own.
-bool RestoreRun::MakeHardLink(const SnapshotEntry& entry, const Place& place, const YString& temporary)
+bool RestoreRun::MakeHardLink(const LinkedFile* first, const Place& place, const YString& temporary)
 {
-    const auto found = m_linked.find(entry.hardLinkGroup);
-    if (entry.hardLinkGroup == 0 || found == m_linked.end())
+    if (first == nullptr)
         return false;
-    const LinkedFile& first = found->second;
     const YDirectory& parent = m_tree.ParentOf(place);
     try {
-        m_tree.MakeHardLink(first.place, place, temporary);
+        m_tree.MakeHardLink(first->place, place, temporary);
         const struct stat made = parent.Stat(temporary);
-        if (made.st_dev == first.device && made.st_ino == first.inode)
+        if (made.st_dev == first->device && made.st_ino == first->inode)
             return true;
         parent.RemoveFile(temporary);
         m_refused.emplace_back(
@@ -169,20 +171,20 @@ bool RestoreRun::MakeHardLink(const SnapshotEntry& entry, const Place& place, co
     return false;
 }
 
-void RestoreRun::MakeFile(const SnapshotEntry& entry, const Metadata& metadata, const YDirectory& parent,
+void RestoreRun::MakeFile(const SnapshotEntry& entry, const RecordedEntry& recorded, const YDirectory& parent,
                           const YString& name)
 {
     const Krt::Util::YUnxHandle file = parent.CreateFile(name);
-    WriteContent(entry, metadata, file);
-    Apply(AttributesOf(metadata), file, m_refused);
+    WriteContent(entry, recorded, file);
+    Apply(recorded.attributes, file, m_refused);
 }
 
-void RestoreRun::WriteContent(const SnapshotEntry& entry, const Metadata& metadata,
+void RestoreRun::WriteContent(const SnapshotEntry& entry, const RecordedEntry& recorded,
                               const Krt::Util::YUnxHandle& file)
 {
     KRT_RAISE_UNLESS(entry.content.has_value(), ErrorCode::InvalidState,
                      "The snapshot has no content for the file");
-    m_objects.Open(*entry.content, entry.readSize.value_or(metadata.GetFileSize()));
+    m_objects.Open(*entry.content, entry.readSize.value_or(recorded.size));
     SparseWriter writer(file);
     for (auto block = m_objects.Next(); !block.empty(); block = m_objects.Next()) {
         writer.Append(block);
@@ -193,14 +195,12 @@ void RestoreRun::WriteContent(const SnapshotEntry& entry, const Metadata& metada
     m_counts.bytes += writer.GetSize();
 }
 
-void RestoreRun::MakeOther(const SnapshotEntry& entry, const Metadata& metadata, const YDirectory& parent,
-                           const YString& name)
+void RestoreRun::MakeOther(const SnapshotEntry& entry, const RecordedEntry& recorded,
+                           const YDirectory& parent, const YString& name)
 {
-    const unsigned int type = metadata.GetModeFlags() & S_IFMT;
-    switch (type) {
+    switch (recorded.type) {
     case S_IFLNK:
-        parent.MakeSymbolicLink(name,
-                                entry.linkTarget ? *entry.linkTarget : metadata.GetSymbolicLinkTarget());
+        parent.MakeSymbolicLink(name, entry.linkTarget.value_or(recorded.linkTarget));
         break;
     case S_IFIFO:
         parent.MakeFifo(name, 0600);
@@ -209,28 +209,20 @@ void RestoreRun::MakeOther(const SnapshotEntry& entry, const Metadata& metadata,
     case S_IFBLK:
         KRT_RAISE_UNLESS(entry.device.has_value(), ErrorCode::InvalidState,
                          "The snapshot has no device numbers");
-        parent.MakeDevice(name, type | 0600, makedev(entry.device->major, entry.device->minor));
+        parent.MakeDevice(name, recorded.type | 0600, makedev(entry.device->major, entry.device->minor));
         break;
     default:
         KRT_RAISE(ErrorCode::NotSupported, "An entry of this kind is not restored");
     }
-    Apply(AttributesOf(metadata), parent, name, type == S_IFLNK, m_refused);
+    Apply(recorded.attributes, parent, name, recorded.type == S_IFLNK, m_refused);
 }
 
 void RestoreRun::Remember(const SnapshotEntry& entry, const Place& place)
 {
     const struct stat made = m_tree.ParentOf(place).Stat(place.back());
-    m_linked.insert_or_assign(entry.hardLinkGroup, LinkedFile{place, made.st_dev, made.st_ino});
-}
-
-void RestoreRun::Count(unsigned int mode)
-{
-    if (S_ISREG(mode))
-        ++m_counts.files;
-    else if (S_ISLNK(mode))
-        ++m_counts.links;
-    else
-        ++m_counts.others;
+    m_first.emplace(LinkedFile{place, made.st_dev, made.st_ino});
+    if (entry.hardLinkGroup != 0)
+        m_linked.insert_or_assign(entry.hardLinkGroup, *m_first);
 }
 
 } // namespace Agent

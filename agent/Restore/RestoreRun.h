@@ -3,7 +3,9 @@
 // system does not let have all its attributes, is reported and the run goes on.
 #pragma once
 
+#include "agent/Cli/EntryCounts.h"
 #include "agent/Cli/Report.h"
+#include "agent/Restore/RecordedEntry.h"
 #include "agent/Restore/TargetTree.h"
 #include "agent/Store/ObjectReader.h"
 #include "agent/Store/SnapshotReader.h"
@@ -11,17 +13,6 @@
 #include <map>
 
 namespace Agent {
-
-/// What a run made, for its summary.
-struct RestoreCounts
-{
-    unsigned long long files = 0;
-    unsigned long long directories = 0;
-    unsigned long long links = 0;
-    unsigned long long others = 0;
-    unsigned long long bytes = 0; ///< of contents
-    unsigned long long Entries() const { return files + directories + links + others; }
-};
 
 class RestoreRun
 {
@@ -31,11 +22,12 @@ public:
     RestoreRun(const Store& store, Krt::File::YDirectory target, std::vector<Krt::File::YPath> paths,
                Report& report);
 
-    /// Restores one entry, if it is wanted.
+    /// Restores one entry, if it is wanted. Of several paths in its record, the first wanted one gets the
+    /// content and the others become further names of that file.
     void Restore(const SnapshotEntry& entry);
     /// Ends the directories. Paths that nothing in the snapshot matched are reported as failed.
     void Finish();
-    const RestoreCounts& GetCounts() const { return m_counts; }
+    const EntryCounts& GetCounts() const { return m_counts; }
 
 private:
     // The first name of a file that was made with further ones to come.
@@ -45,28 +37,31 @@ private:
         dev_t device;
         ino_t inode;
     };
-    using Metadata = Backup::File::YUnixFileMetadata;
 
+    void RestorePath(const SnapshotEntry& entry, Backup::File::YMetadataBase& metadata, unsigned long index);
     bool IsWanted(const Krt::File::YPath& path);
-    void Make(const SnapshotEntry& entry, const Metadata& metadata, const Place& place);
-    bool MakeHardLink(const SnapshotEntry& entry, const Place& place, const Krt::YString& temporary);
-    void MakeFile(const SnapshotEntry& entry, const Metadata& metadata, const Krt::File::YDirectory& parent,
-                  const Krt::YString& name);
-    void MakeOther(const SnapshotEntry& entry, const Metadata& metadata, const Krt::File::YDirectory& parent,
-                   const Krt::YString& name);
-    void WriteContent(const SnapshotEntry& entry, const Metadata& metadata,
+    void Make(const SnapshotEntry& entry, const RecordedEntry& recorded, const Place& place);
+    const LinkedFile* FirstNameOf(const SnapshotEntry& entry) const;
+    bool MakeHardLink(const LinkedFile* first, const Place& place, const Krt::YString& temporary);
+    void MakeFile(const SnapshotEntry& entry, const RecordedEntry& recorded,
+                  const Krt::File::YDirectory& parent, const Krt::YString& name);
+    void MakeOther(const SnapshotEntry& entry, const RecordedEntry& recorded,
+                   const Krt::File::YDirectory& parent, const Krt::YString& name);
+    void WriteContent(const SnapshotEntry& entry, const RecordedEntry& recorded,
                       const Krt::Util::YUnxHandle& file);
     void Remember(const SnapshotEntry& entry, const Place& place);
-    void Count(unsigned int mode);
+    void Failed(const Krt::YString& path, const Krt::Exception::YError& error);
 
     TargetTree m_tree;
     Report& m_report;
     ObjectReader m_objects;
     std::vector<std::pair<Krt::File::YPath, bool>> m_paths; // and whether something matched
     std::map<unsigned long long, LinkedFile> m_linked;      // by hard link group
+    bool m_hasSeveralPaths = false;                         // the record of the current entry
+    std::optional<LinkedFile> m_first;                      // of those paths, the one that was made
     std::vector<Krt::YString> m_refused;                    // of the current entry
     Krt::YString m_temporary;
-    RestoreCounts m_counts;
+    EntryCounts m_counts;
 };
 
 } // namespace Agent

@@ -5,15 +5,13 @@
 #pragma once
 
 #include "agent/Restore/Attributes.h"
+#include "agent/Restore/Place.h"
 
 #include <functional>
 #include <optional>
 #include <vector>
 
 namespace Agent {
-
-/// The components of a place below the target.
-using Place = std::vector<Krt::YString>;
 
 class TargetTree
 {

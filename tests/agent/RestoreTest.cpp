@@ -1,6 +1,7 @@
 // Restores of snapshots that are hostile or damaged, and into targets that are: nothing outside is touched,
 // and the rest is restored.
 #include "agent/Restore/TargetTree.h"
+#include "agent/Restore/WindowsTime.h"
 #include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotWriter.h"
 
@@ -9,10 +10,13 @@
 #include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
 
+#include "Backup/File/YOdsMetadata.h"
 #include "Backup/File/YUnixFileMetadata.h"
+#include "Backup/File/YWinFileMetadata.h"
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sys/resource.h>
@@ -79,6 +83,37 @@ protected:
         m_writer->Append(content.data(), content.size());
         entry.content = m_writer->Finish();
         return entry;
+    }
+
+    // The last write lies half a second behind the time of the Unix records. Without content it is an entry
+    // of its attributes alone.
+    Agent::SnapshotEntry WindowsEntry(const std::vector<Components>& paths, unsigned int attributes,
+                                      const char* content = nullptr, unsigned int reparseType = 0)
+    {
+        Backup::File::YWinFileMetadata metadata;
+        for (const Components& components : paths) {
+            Backup::YJobPath path;
+            for (const std::string& component : components)
+                path.AppendComponent({Krt::YString(component), Krt::YString(), 0x602, 0});
+            metadata.AddPath(path, "SHORT~1");
+        }
+        metadata.SetAttributes(attributes);
+        metadata.SetReparseType(reparseType);
+        metadata.SetLastWriteTime((11644473600 + 1000000000) * 10000000 + 5000000);
+        Agent::SnapshotEntry entry;
+        if (content != nullptr) {
+            entry = FileWith({"x"}, content);
+            metadata.SetFileSize(std::strlen(content));
+        }
+        entry.record = metadata.ToJSON();
+        return entry;
+    }
+    struct stat StatusOf(const std::string& name) const
+    {
+        struct stat status
+        {};
+        EXPECT_EQ(lstat((target + "/" + name).c_str(), &status), 0) << name;
+        return status;
     }
 
     // Runs `fill` with a snapshot to fill, and restores that.
@@ -286,6 +321,122 @@ TEST_F(RestoreProgram, RestoresOnlyWhatIsNamed)
     EXPECT_EQ(result.exitCode, 3);
     EXPECT_NE(result.errors.find("/missing"), std::string::npos);
     EXPECT_TRUE(fs::exists(target + "/b"));
+}
+
+constexpr const char* VolumeGuid = "\\\\?\\Volume{12345678-9abc-def0-1234-56789abcdef0}";
+constexpr const char* ShadowCopy = "\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy12";
+
+TEST_F(RestoreProgram, WindowsEntriesGetLegalNamesAndPrivateModes)
+{
+    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
+        writer.Add(WindowsEntry({{"C:", "dir"}}, 0x11));
+        writer.Add(WindowsEntry({{"C:", "dir", "back\\slash?:"}}, 0x20, "first"));
+        writer.Add(WindowsEntry({{VolumeGuid, "read-only"}}, 0x01, "second"));
+        writer.Add(WindowsEntry({{ShadowCopy, "a", "b"}}, 0x80, "third"));
+        writer.Add(WindowsEntry({{"D:", "cloud file"}}, 0x420, "fourth", 0x9000001A));
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_NE(result.output.find("5 entries restored: 4 files, 1 directories"), std::string::npos);
+    const struct
+    {
+        std::string name;
+        unsigned int mode;
+    } made[] = {{"C/dir", 0700},
+                {"C/dir/back\\slash?:", 0600},
+                {"Volume{12345678-9abc-def0-1234-56789abcdef0}/read-only", 0400},
+                {"GLOBALROOTDeviceHarddiskVolumeShadowCopy12/a/b", 0600},
+                {"D/cloud file", 0600}};
+    for (const auto& row : made) {
+        const struct stat status = StatusOf(row.name);
+        EXPECT_EQ(status.st_mode & 07777, row.mode) << row.name;
+        EXPECT_EQ(status.st_uid, geteuid()) << row.name;
+        EXPECT_EQ(status.st_mtim.tv_sec, 1000000000) << row.name;
+        EXPECT_EQ(status.st_mtim.tv_nsec, 500000000) << row.name;
+    }
+    EXPECT_EQ(ReadFile(target + "/C/dir/back\\slash?:"), "first");
+    EXPECT_EQ(ReadFile(target + "/D/cloud file"), "fourth");
+}
+
+TEST_F(RestoreProgram, SeveralPathsOfARecordAreNamesOfOneFile)
+{
+    const auto fill = [&](Agent::SnapshotWriter& writer) {
+        writer.Add(WindowsEntry({{"C:", "1"}, {"C:", "..", "2"}, {"C:", "3", "3"}, {"C", "1"}, {"C:", "4"}},
+                                0x20, "content"));
+    };
+    const ProgramResult some = RestoreOf(fill, {"/C/3", "C/4"});
+    EXPECT_NE(some.output.find("2 entries restored"), std::string::npos) << some.errors;
+    EXPECT_EQ(ReadFile(target + "/C/3/3"), "content");
+    EXPECT_EQ(StatusOf("C/4").st_ino, StatusOf("C/3/3").st_ino);
+    EXPECT_FALSE(fs::exists(target + "/C/1"));
+
+    // A directory in the first one's place leaves the content to the next one.
+    fs::create_directory(target + "/C/1");
+    const ProgramResult all = RestoreOf(fill);
+    EXPECT_EQ(all.exitCode, 3);
+    EXPECT_NE(all.errors.find("C:/../2: Refused"), std::string::npos) << all.errors;
+    EXPECT_NE(all.errors.find("/C/1: A directory stands"), std::string::npos) << all.errors;
+    EXPECT_EQ(StatusOf("C/4").st_ino, StatusOf("C/3/3").st_ino);
+    EXPECT_EQ(StatusOf("C/4").st_nlink, 2u);
+    EXPECT_TRUE(fs::is_directory(target + "/C/1"));
+}
+
+TEST_F(RestoreProgram, RecordsWithoutAFileAreToldAndListed)
+{
+    Backup::YJobPath path;
+    for (const char* name : {"server", "object"})
+        path.AppendComponent({name, "", 0x700, 0});
+    Agent::SnapshotEntry ods;
+    ods.record = Backup::File::YOdsMetadata(path).ToJSON();
+    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
+        writer.Add(ods);
+        writer.Add(WindowsEntry({{"C:", "link"}}, 0x420, nullptr, 0xA000000C));
+        writer.Add(WindowsEntry({{"C:", "junction"}}, 0x410, nullptr, 0xA0000003));
+        writer.Add(WindowsEntry({{"C:", "nothing"}}, 0x20));
+        writer.Add(WindowsEntry({}, 0x20, "no path"));
+        writer.Add(WindowsEntry({{":?", "no name"}}, 0x20, "x"));
+        writer.Add(WindowsEntry({{"C:", "good"}, {"\\\\?\\D:", "two"}}, 0x27, "good"));
+    });
+    EXPECT_EQ(result.exitCode, 3);
+    for (const char* told : {"/server/object: An ODS object is no file", "/C/link: A reparse point",
+                             "/C/junction: A reparse point", "/C/nothing: The snapshot has no content",
+                             "an entry: The record has no path", ":?/no name: Refused"})
+        EXPECT_NE(result.errors.find(told), std::string::npos) << told << "\n" << result.errors;
+    EXPECT_EQ(StatusOf("D/two").st_ino, StatusOf("C/good").st_ino);
+    EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), 4);
+
+    const ProgramResult list = RunProgram({"list", "--store", store, "--snapshot", "latest"});
+    EXPECT_EQ(list.exitCode, 3);
+    for (const char* line : {"ods                  -            -                    - server/object\n",
+                             "----AL               -            0 2001-09-09T01:46:40Z /C/link\n",
+                             "-RHSA-               -            4 2001-09-09T01:46:40Z /C/good\n",
+                             "-RHSA-               -            4 2001-09-09T01:46:40Z /D/two\n"})
+        EXPECT_NE(list.output.find(line), std::string::npos) << line << list.output;
+}
+
+TEST(WindowsTime, NumbersOfEitherScale)
+{
+    const struct
+    {
+        const char* name;
+        unsigned long long number;
+        std::optional<std::pair<long long, long>> time;
+    } cases[] = {
+        {"none", 0, std::nullopt},
+        {"seconds", 1700000000, std::pair(1700000000, 0)},
+        {"last of the seconds", (1ull << 36) - 1, std::pair((1ll << 36) - 1, 0)},
+        {"first of the units", 1ull << 36, std::pair(6871 - 11644473600, 947673600)},
+        {"1970", 116444736000000000, std::pair(0, 0)},
+        {"a unit before 1970", 116444735999999999, std::pair(-1, 999999900)},
+        {"last of the units", ~0ull >> 1, std::pair(910692730085, 477580700)},
+        {"beyond", ~0ull, std::nullopt},
+    };
+    for (const auto& row : cases) {
+        const auto time = Agent::TimeOfWindows(row.number);
+        ASSERT_EQ(time.has_value(), row.time.has_value()) << row.name;
+        if (time) {
+            EXPECT_EQ((std::pair<long long, long>(time->tv_sec, time->tv_nsec)), *row.time) << row.name;
+        }
+    }
 }
 
 } // namespace
