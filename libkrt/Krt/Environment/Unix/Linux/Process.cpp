@@ -1,12 +1,91 @@
 #include "Krt/Environment/Process.h"
 
+#include "Krt/Environment/Unix/Platform.h"
+#include "Krt/File/YDirectory.h"
+#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/Retry.h"
+
+#include <fcntl.h>
 #include <sys/auxv.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <climits>
+#include <string>
+#include <string_view>
 
 namespace Krt::Environment {
+
+namespace {
+
+// As long as a name gets in the kernel's tables.
+constexpr std::size_t KernelNameBytes = 15;
+
+// Of /proc/PROCESS/FACT, what the beginning of a command line takes; nothing of a process that is gone.
+std::string ReadFact(const std::string& process, const char* fact)
+{
+    const Util::YUnxHandle file = Util::OpenHandle(("/proc/" + process + "/" + fact).c_str(), O_RDONLY);
+    std::string bytes(2 * PATH_MAX, '\0');
+    const ssize_t size =
+        file.IsEmpty() ? 0
+                       : Util::RetryOnInterrupt([&] { return read(file.Get(), bytes.data(), bytes.size()); });
+    bytes.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    return bytes;
+}
+
+// Whether the program or, for a script, what its interpreter was given bears the name.
+bool CommandLineNames(const std::string& process, std::string_view name)
+{
+    const std::string line = ReadFact(process, "cmdline");
+    std::string_view rest = line;
+    for (int i = 0; i < 2; ++i) {
+        const std::string_view argument = rest.substr(0, rest.find('\0'));
+        if (argument.substr(argument.rfind('/') + 1) == name)
+            return true;
+        rest.remove_prefix(std::min(argument.size() + 1, rest.size()));
+    }
+    return false;
+}
+
+bool BearsName(const std::string& process, std::string_view name)
+{
+    // "ID (NAME) STATE ...", where the name may hold blanks and parentheses.
+    const std::string status = ReadFact(process, "stat");
+    const std::size_t open = status.find('(');
+    const std::size_t close = status.rfind(')');
+    if (open == std::string::npos || close + 2 >= status.size())
+        return false;
+    const char state = status[close + 2];
+    const std::string_view kernelName = std::string_view(status).substr(open + 1, close - open - 1);
+    if (state == 'Z' || state == 'X' || kernelName != name.substr(0, KernelNameBytes))
+        return false;
+    return name.size() <= KernelNameBytes || CommandLineNames(process, name);
+}
+
+} // namespace
 
 bool IsPrivilegeRaised()
 {
     return getauxval(AT_SECURE) != 0;
+}
+
+int InheritStandardStreamsAlone(posix_spawnattr_t&, posix_spawn_file_actions_t& actions)
+{
+    return posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+}
+
+int FindProcess(const YString& name, int except)
+{
+    int found = 0;
+    File::YDirectory::OpenFollowing("/proc").VisitEntries([&](const File::DirectoryEntry& entry) {
+        const std::string& process = entry.name.Bytes();
+        int id = 0;
+        const auto [end, error] = std::from_chars(process.data(), process.data() + process.size(), id);
+        if (error == std::errc() && *end == '\0' && id != except && BearsName(process, name.Bytes()))
+            found = id;
+        return found == 0;
+    });
+    return found;
 }
 
 } // namespace Krt::Environment

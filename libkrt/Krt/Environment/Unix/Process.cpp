@@ -1,0 +1,126 @@
+#include "Krt/Environment/Process.h"
+
+#include "Krt/Environment/Host.h"
+#include "Krt/Environment/Unix/Platform.h"
+#include "Krt/Exception/Raise.h"
+#include "Krt/Util/Retry.h"
+
+#include <csignal>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace Krt::Environment {
+
+namespace {
+
+ProcessRunner s_runner;
+
+// How a program is started. Each setting returns an error's number, and the first that fails is kept.
+class SpawnSettings
+{
+public:
+    SpawnSettings()
+    {
+        posix_spawnattr_init(&m_attributes);
+        posix_spawn_file_actions_init(&m_actions);
+        sigset_t all;
+        sigset_t none;
+        sigfillset(&all);
+        sigemptyset(&none);
+        Keep(posix_spawnattr_setsigdefault(&m_attributes, &all));
+        Keep(posix_spawnattr_setsigmask(&m_attributes, &none));
+        Keep(posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK));
+        Keep(InheritStandardStreamsAlone(m_attributes, m_actions));
+    }
+    ~SpawnSettings()
+    {
+        posix_spawn_file_actions_destroy(&m_actions);
+        posix_spawnattr_destroy(&m_attributes);
+    }
+    SpawnSettings(const SpawnSettings&) = delete;
+    SpawnSettings& operator=(const SpawnSettings&) = delete;
+
+    // Returns an error's number.
+    int Spawn(const char* program, char** arguments, pid_t& child) const
+    {
+        return m_error != 0 ? m_error
+                            : posix_spawn(&child, program, &m_actions, &m_attributes, arguments, environ);
+    }
+
+private:
+    void Keep(int error)
+    {
+        if (m_error == 0)
+            m_error = error;
+    }
+
+    posix_spawnattr_t m_attributes;
+    posix_spawn_file_actions_t m_actions;
+    int m_error = 0;
+};
+
+// The strings are the caller's.
+std::vector<char*> ArgumentVector(const YString& program, const std::vector<YString>& arguments)
+{
+    std::vector<char*> vector;
+    const auto add = [&](const YString& text) {
+        // A shorter argument than the one that was given may mean something else.
+        if (text.Bytes().find('\0') != std::string::npos)
+            KRT_RAISE_AS("ExecuteProcess", MessageType::General, ErrorCode::InvalidArgument,
+                         "Argument with a NUL byte in it for " << program);
+        vector.push_back(const_cast<char*>(text.CStr()));
+    };
+    add(program);
+    for (const YString& argument : arguments)
+        add(argument);
+    vector.push_back(nullptr);
+    return vector;
+}
+
+} // namespace
+
+int ExecuteProcess(const File::YPath& program, const std::vector<YString>& arguments)
+{
+    if (s_runner)
+        return s_runner(program, arguments);
+
+    const YString& path = program.AsUnixPath(false);
+    std::vector<char*> vector = ArgumentVector(path, arguments);
+    pid_t child = 0;
+    if (const int error = SpawnSettings().Spawn(path.CStr(), vector.data(), child); error != 0)
+        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to run " << program);
+    int status = 0;
+    if (Util::RetryOnInterrupt([&] { return waitpid(child, &status, 0); }) < 0)
+        KRT_RAISE_OS("Failed to wait for " << program);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int ExecuteProcessElevated(const File::YPath& program, const std::vector<YString>& arguments, bool unattended)
+{
+    if (IsRoot())
+        return ExecuteProcess(program, arguments);
+    std::vector<YString> elevated;
+    if (unattended)
+        elevated.emplace_back("-n");
+    // Behind it, no path is taken for an option or for a setting of a variable.
+    elevated.emplace_back("--");
+    elevated.push_back(program.AsUnixPath(false));
+    elevated.insert(elevated.end(), arguments.begin(), arguments.end());
+    return ExecuteProcess("/usr/bin/sudo", elevated);
+}
+
+int FindProcessByName(const YString& name, bool countsSelf)
+{
+    const int process = FindProcess(name, countsSelf ? 0 : getpid());
+    KRT_RAISE_UNLESS(process != 0, ErrorCode::NotFound, "No process is named " << name);
+    return process;
+}
+
+void SetProcessRunnerForTesting(ProcessRunner runner)
+{
+    s_runner = std::move(runner);
+}
+
+} // namespace Krt::Environment
