@@ -1,0 +1,71 @@
+// The pages name what the code has: each error code, log channel and configuration key.
+#include "testing/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+#include <set>
+
+using Testing::ReadFile;
+
+namespace {
+
+std::string Page(const char* name)
+{
+    return ReadFile(SOURCE_DIRECTORY "/docs/" + std::string(name));
+}
+
+// The enumerators of a header as the page's tables begin with them: "| 17 | `InvalidUse` |".
+std::set<std::string> RowsOfEnumerators(const char* header, const std::string& enumeration)
+{
+    const std::string text = ReadFile(SOURCE_DIRECTORY "/libkrt/Krt/" + std::string(header));
+    const std::string body = text.substr(text.find(enumeration));
+    const std::regex shape(R"((\w+) = (\w+),?\n)");
+    std::set<std::string> rows;
+    for (std::sregex_iterator at(body.begin(), body.end(), shape), end; at != end; ++at)
+        rows.insert("| " + std::to_string(std::stoul((*at)[2], nullptr, 0)) + " | `" + (*at)[1].str() +
+                    "` |");
+    return rows;
+}
+
+std::set<std::string> ConfigurationKeys()
+{
+    const std::regex shape(R"re(\(\s*"configuration",\s*"(\w+)")re");
+    std::set<std::string> keys;
+    for (const char* const folder : {"/libkrt", "/Backup", "/agent"}) {
+        for (const auto& entry :
+             std::filesystem::recursive_directory_iterator(SOURCE_DIRECTORY + std::string(folder))) {
+            if (entry.path().extension() != ".cpp")
+                continue;
+            const std::string text = ReadFile(entry.path());
+            for (std::sregex_iterator at(text.begin(), text.end(), shape), end; at != end; ++at)
+                keys.insert((*at)[1]);
+        }
+    }
+    return keys;
+}
+
+} // namespace
+
+TEST(PagesTest, ErrorsAndLoggingNamesEachCodeAndChannel)
+{
+    const std::string page = Page("errors-and-logging.md");
+    const auto codes = RowsOfEnumerators("Exception/ErrorCode.h", "struct ErrorCode");
+    const auto channels = RowsOfEnumerators("Log/MessageType.h", "struct MessageType");
+    EXPECT_GE(codes.size(), 18U);
+    EXPECT_GE(channels.size(), 9U);
+    for (const auto& rows : {codes, channels}) {
+        for (const std::string& row : rows)
+            EXPECT_NE(page.find(row), std::string::npos) << row;
+    }
+}
+
+TEST(PagesTest, ConfigurationNamesEachKey)
+{
+    const std::string page = Page("configuration.md");
+    const auto keys = ConfigurationKeys();
+    EXPECT_GE(keys.size(), 5U);
+    for (const std::string& key : keys)
+        EXPECT_NE(page.find("| `" + key + "` |"), std::string::npos) << key;
+}
