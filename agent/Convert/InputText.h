@@ -20,6 +20,8 @@ public:
     /// Bytes that Has told of.
     char operator[](std::size_t offset) const { return m_text[m_front + offset]; }
     std::string_view View(std::size_t count) const { return {m_text.data() + m_front, count}; }
+    /// Bytes before the end of the first line, or `limit` + 1 if there are more of them.
+    std::size_t LineSize(std::size_t limit);
     /// Gives up the first `count` bytes, which Has told of.
     void Consume(std::size_t count);
     /// Gives up the rest of the line with its end, in bounded memory; false where no line follows.

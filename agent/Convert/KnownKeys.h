@@ -14,13 +14,14 @@ class Report;
 class KnownKeys
 {
 public:
-    /// Notes each unknown key to the report, once however often it comes. `line` is that of the record. Names
+    /// Warns of each unknown key once, however often it comes. `line` is that of the record. Names
     /// are kept up to a limit, behind which none is told any more, so that no input fills the memory.
     void Check(const Krt::JSON::YObject& record, unsigned long long line, Report& report);
 
 private:
     std::set<std::string> m_told;
     std::size_t m_bytes = 0; // of what is told
+    bool m_isFull = false;
 };
 
 } // namespace Agent

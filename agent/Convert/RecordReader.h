@@ -5,8 +5,11 @@
 #pragma once
 
 #include "agent/Convert/InputText.h"
+#include "agent/Convert/JsonNesting.h"
 
 #include "Krt/JSON/YValue.h"
+
+#include <optional>
 
 namespace Agent {
 
@@ -44,28 +47,23 @@ private:
     // How far the value at the front reaches.
     struct Extent
     {
-        enum End
-        {
-            Closed,
-            Broken, // it can't be JSON, whatever follows
-            CutOff  // by the end of the input
-        };
-        End end = CutOff;
-        bool isTooLong = false;      // its text is given up then
-        std::size_t size = 0;        // up to where it ends, or breaks
-        unsigned long long line = 0; // of that place
-        std::size_t next = 0;        // where another record seems to begin inside; 0 for none
+        JsonNesting::State end = JsonNesting::Open; // which at the end of the input it stays
+        bool isTooLong = false;                     // then the text up to the limit is given up
+        std::size_t size = 0;                       // up to where it ends or breaks
+        unsigned long long line = 0;                // of that place
+        std::optional<std::size_t> next;            // where another record seems to begin inside
     };
 
     void SkipBlanks();
     bool BeginsArray();
-    void ReadLine(InputRecord& record);
-    bool ReadElement(InputRecord& record);
-    void ReadDocument(InputRecord& record);
-    void ReadBroken(const Extent& extent, std::size_t column, InputRecord& record);
-    Extent Measure();
-    void SkipToRecord(std::size_t column);
     bool EndArray(InputRecord& record);
+    void ReadLine(InputRecord& record);
+    void ReadLines(InputRecord& record);
+    bool ReadElement(InputRecord& record);
+    bool ReadSeparator(InputRecord& record);
+    Extent Measure();
+    void Take(const Extent& extent, std::size_t column, InputRecord& record);
+    void SkipToRecord(std::size_t column);
 
     InputText m_text;
     Place m_place = Place::Line;

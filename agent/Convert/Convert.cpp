@@ -1,0 +1,50 @@
+#include "agent/Convert/Convert.h"
+
+#include "agent/Cli/Report.h"
+#include "agent/Cli/Text.h"
+#include "agent/Convert/PathMapping.h"
+
+namespace Agent {
+
+using Backup::File::YMetadataBase;
+using Krt::YString;
+using Krt::JSON::YObject;
+
+RecordConverter::RecordConverter(const Backup::YJobPath& base)
+    : m_unix(MakeUnixMapper(base)), m_windows(MakeWindowsMapper(base))
+{}
+
+boost::shared_ptr<YMetadataBase> RecordConverter::Convert(const YObject& record) const
+{
+    const boost::shared_ptr<Krt::JSON::YValue>& type = record.FindOpt("metadata_type");
+    const bool isWindows = type && type->IsString() && type->AsString() == "win";
+    return YMetadataBase::ConstructFromJson(record, isWindows ? m_windows : m_unix);
+}
+
+ConvertedRecords::ConvertedRecords(const std::string& path, const Backup::YJobPath& base, Report& report)
+    : m_reader(path), m_converter(base), m_report(report)
+{}
+
+boost::shared_ptr<YMetadataBase> ConvertedRecords::Next()
+{
+    while (m_reader.Next(m_record)) {
+        if (!m_record.json) {
+            Fail(m_record.reason);
+            continue;
+        }
+        m_keys.Check(m_record.Object(), m_record.line, m_report);
+        try {
+            return m_converter.Convert(m_record.Object());
+        } catch (const Krt::Exception::YError& error) {
+            Fail(ReasonOf(error));
+        }
+    }
+    return nullptr;
+}
+
+void ConvertedRecords::Fail(const YString& reason)
+{
+    m_report.EntryFailed(YString("line " + std::to_string(m_record.line)), reason);
+}
+
+} // namespace Agent

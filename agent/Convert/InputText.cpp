@@ -1,0 +1,63 @@
+#include "agent/Convert/InputText.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+InputText::InputText(const std::string& path) : m_file(path)
+{
+    constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF";
+    if (Has(ByteOrderMark.size() - 1) && View(ByteOrderMark.size()) == ByteOrderMark)
+        m_front = ByteOrderMark.size();
+}
+
+bool InputText::Grow(std::size_t offset)
+{
+    constexpr std::size_t BlockSize = 256 * 1024;
+    m_text.erase(0, m_front);
+    m_front = 0;
+    while (!m_ended && m_text.size() <= offset) {
+        const std::size_t before = m_text.size();
+        m_text.resize(before + BlockSize);
+        const std::size_t count = m_file.Read(m_text.data() + before, BlockSize);
+        m_text.resize(before + count);
+        m_ended = count == 0;
+    }
+    return offset < m_text.size();
+}
+
+std::size_t InputText::LineSize(std::size_t limit)
+{
+    std::size_t size = 0;
+    while (size <= limit && Has(size)) {
+        const std::size_t end = m_text.find('\n', m_front + size);
+        if (end != std::string::npos)
+            return std::min(end - m_front, limit + 1);
+        size = m_text.size() - m_front;
+    }
+    return std::min(size, limit + 1);
+}
+
+void InputText::Consume(std::size_t count)
+{
+    const std::string_view text = View(count);
+    const std::size_t last = text.rfind('\n');
+    m_line += static_cast<unsigned long long>(std::count(text.begin(), text.end(), '\n'));
+    m_column = last == std::string_view::npos ? m_column + count : count - last - 1;
+    m_front += count;
+}
+
+bool InputText::ConsumeLine()
+{
+    while (Has(0)) {
+        const std::size_t end = m_text.find('\n', m_front);
+        if (end != std::string::npos) {
+            Consume(end + 1 - m_front);
+            return Has(0);
+        }
+        Consume(m_text.size() - m_front);
+    }
+    return false;
+}
+
+} // namespace Agent
