@@ -1,0 +1,208 @@
+#include "Backup/Util/Unix/Linux/YSystemdServiceManager.h"
+
+#include "Backup/Util/Unix/Linux/SystemdUnit.h"
+
+#include "Krt/Environment/Process.h"
+#include "Krt/Exception/Raise.h"
+#include "Krt/File/YDirectory.h"
+#include "Krt/Type/YUuid.h"
+#include "Krt/Util/YScope.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+namespace Backup::Util {
+
+using Krt::File::YDirectory;
+using Krt::File::YPath;
+using Krt::Time::YDuration;
+
+namespace {
+
+constexpr const char* Systemctl = "/bin/systemctl";
+// Exit statuses of "systemctl is-active".
+constexpr int Active = 0;
+constexpr int NotActive = 3;
+constexpr int NoSuchUnit = 4;
+
+const char* s_root = "";
+
+YPath UnitDirectory()
+{
+    return YString(s_root) + "/etc/systemd/system";
+}
+
+// As sd_booted(3) tells.
+void RequireSystemd(const char* function)
+{
+    if (!Krt::File::DoesFileExist(YString(s_root) + "/run/systemd/system"))
+        KRT_RAISE_AS(function, MessageType::General, ErrorCode::NotSupported,
+                     "Services are systemd's, and this machine doesn't run systemd");
+}
+
+// Runs "systemctl VERB [OPTION] [-- UNIT]". The unit's name may begin with a hyphen.
+void RunSystemctl(const char* function, const YString& verb, const std::vector<YString>& rest)
+{
+    RequireSystemd(function);
+    std::vector<YString> arguments{verb};
+    arguments.insert(arguments.end(), rest.begin(), rest.end());
+    const int status = Krt::Environment::ExecuteProcessElevated(Systemctl, arguments, true);
+    if (status != 0)
+        KRT_RAISE_AS(function, MessageType::General, ErrorCode::ProcessFailed,
+                     "systemctl " << verb << " exited with status: " << status);
+}
+
+// Something that doesn't run has nothing to be killed, so whether the service has ended is for the command
+// that follows to tell.
+void Kill(const char* function, const YString& unit)
+{
+    RequireSystemd(function);
+    Krt::Environment::ExecuteProcessElevated(Systemctl, {"kill", "--signal=SIGKILL", "--", unit}, true);
+}
+
+// The temporary file's name isn't that of a unit, so systemd never looks at it.
+void WriteUnit(const YString& unit, const YString& text)
+{
+    const YDirectory directory = YDirectory::OpenFollowing(UnitDirectory());
+    const YString temporary = "." + Krt::Type::YUuid::Random().GetString();
+    const Krt::Util::YUnxHandle file = directory.CreateFile(temporary);
+    const Krt::Util::YScope cleanUp([&] { directory.RemoveFile(temporary); });
+    Krt::File::Write(file, 0, text.Bytes().size(), text.CStr());
+    Krt::File::SetMode(file, 0644);
+    Krt::File::Sync(file);
+    directory.Rename(temporary, directory, unit);
+    Krt::File::Sync(directory.GetHandle());
+}
+
+// The caller knows neither the temporary name nor the steps.
+void WriteUnitOrTell(const char* function, const YString& unit, const YString& text)
+{
+    try {
+        WriteUnit(unit, text);
+    } catch (const Krt::Exception::YError& error) {
+        KRT_RAISE_FULL(ExceptionType::OsError, function, MessageType::General,
+                       static_cast<unsigned int>(error.GetOsError()),
+                       "Failed to write " << UnitDirectory().Append(unit));
+    }
+}
+
+// What people see beside the service's name.
+YString TitleOf(const YString& name, const YString& displayName, const YString& description)
+{
+    if (displayName.IsEmpty())
+        return description.IsEmpty() ? name : description;
+    return description.IsEmpty() ? displayName : displayName + ": " + description;
+}
+
+// Raises "Service NAME STATE after ..." when the time is over.
+template <class Reached>
+void WaitUntil(const char* function, const YString& name, const char* otherState, const YDuration& timeout,
+               Reached reached)
+{
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::nanoseconds pause = std::chrono::milliseconds(100);
+    const Clock::time_point start = Clock::now();
+    while (!reached()) {
+        const std::chrono::nanoseconds left = timeout.AsChrono() - (Clock::now() - start);
+        if (left.count() <= 0)
+            KRT_RAISE_AS(function, MessageType::General, ErrorCode::LockTimeout,
+                         "Service " << name << " " << otherState << " after "
+                                    << static_cast<unsigned long long>(timeout.AsChrono().count() / 1000000)
+                                    << " ms");
+        std::this_thread::sleep_for(std::min(left, pause));
+    }
+}
+
+} // namespace
+
+void YSystemdServiceManager::WaitForServiceCreate(const YString& name, const YDuration& timeout)
+{
+    WaitUntil(__func__, name, "doesn't exist", timeout, [&] { return Exists(name); });
+}
+
+void YSystemdServiceManager::WaitForServiceStart(const YString& name, const YDuration& timeout)
+{
+    WaitUntil(__func__, name, "isn't running", timeout, [&] { return IsRunning(name); });
+}
+
+void YSystemdServiceManager::WaitForServiceStop(const YString& name, const YDuration& timeout)
+{
+    WaitUntil(__func__, name, "is still running", timeout, [&] { return !IsRunning(name); });
+}
+
+void YSystemdServiceManager::WaitForServiceDelete(const YString& name, const YDuration& timeout)
+{
+    WaitUntil(__func__, name, "still exists", timeout, [&] { return !Exists(name); });
+}
+
+bool YSystemdServiceManager::Exists(const YString& name)
+{
+    return Krt::File::DoesFileExist(UnitDirectory().Append(GetServiceUnitName(name)));
+}
+
+void YSystemdServiceManager::Install(const YString& name, const YString& displayName,
+                                     const YString& description, const YPath& program,
+                                     const std::vector<YString>& arguments, const YDuration& timeout)
+{
+    const YString unit = GetServiceUnitName(name);
+    const YString text = MakeServiceUnit(TitleOf(name, displayName, description), program, arguments);
+    RequireSystemd(__func__);
+    WriteUnitOrTell(__func__, unit, text);
+    RunSystemctl(__func__, "daemon-reload", {});
+    RunSystemctl(__func__, "enable", {"--quiet", "--", unit});
+    WaitForServiceCreate(name, timeout);
+}
+
+void YSystemdServiceManager::Delete(const YString& name, const YDuration& timeout)
+{
+    Stop(name, false, timeout);
+    if (!Exists(name))
+        return;
+    const YString unit = GetServiceUnitName(name);
+    RunSystemctl(__func__, "disable", {"--quiet", "--", unit});
+    Krt::File::DeleteFile(UnitDirectory().Append(unit));
+    RunSystemctl(__func__, "daemon-reload", {});
+    WaitForServiceDelete(name, timeout);
+}
+
+void YSystemdServiceManager::Start(const YString& name, const YDuration& timeout)
+{
+    RunSystemctl(__func__, "start", {"--", GetServiceUnitName(name)});
+    WaitForServiceStart(name, timeout);
+}
+
+void YSystemdServiceManager::Stop(const YString& name, bool force, const YDuration& timeout)
+{
+    const YString unit = GetServiceUnitName(name);
+    if (force)
+        Kill(__func__, unit);
+    RunSystemctl(__func__, "stop", {"--", unit});
+    WaitForServiceStop(name, timeout);
+}
+
+void YSystemdServiceManager::Restart(const YString& name, bool force, const YDuration& timeout)
+{
+    const YString unit = GetServiceUnitName(name);
+    if (force)
+        Kill(__func__, unit);
+    RunSystemctl(__func__, "restart", {"--", unit});
+    WaitForServiceStart(name, timeout);
+}
+
+bool YSystemdServiceManager::IsRunning(const YString& name)
+{
+    const YString unit = GetServiceUnitName(name);
+    RequireSystemd(__func__);
+    const int status = Krt::Environment::ExecuteProcess(Systemctl, {"is-active", "--quiet", "--", unit});
+    KRT_RAISE_UNLESS(status == Active || status == NotActive || status == NoSuchUnit,
+                     ErrorCode::ProcessFailed, "systemctl is-active exited with status: " << status);
+    return status == Active;
+}
+
+void YSystemdServiceManager::SetRootForTesting(const char* root)
+{
+    s_root = root != nullptr ? root : "";
+}
+
+} // namespace Backup::Util

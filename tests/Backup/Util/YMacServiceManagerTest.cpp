@@ -1,0 +1,185 @@
+#include "Backup/Util/Unix/Mac/YMacServiceManager.h"
+
+#include "testing/OrdinaryUser.h"
+#include "testing/ProcessRecorder.h"
+#include "testing/Raises.h"
+#include "testing/TemporaryDirectory.h"
+
+#include "Krt/Util/Quotify.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+
+using namespace Backup;
+using Krt::Time::YDuration;
+using Testing::ProcessRecorder;
+
+namespace {
+
+constexpr YDuration s_noTime = YDuration::Zero();
+
+// With everything below a directory whose name a shell would take apart.
+class YMacServiceManagerTest : public testing::Test
+{
+protected:
+    YMacServiceManagerTest()
+    {
+        m_directory.MakeDirectory("a \"$x` b/Library/LaunchDaemons");
+        m_directory.MakeDirectory("a \"$x` b/tmp");
+        Util::YMacServiceManager::SetRootForTesting(m_root.c_str());
+        setenv("TMPDIR", (m_root + "/tmp").c_str(), 1);
+    }
+    ~YMacServiceManagerTest() override
+    {
+        unsetenv("TMPDIR");
+        Util::YMacServiceManager::SetRootForTesting(nullptr);
+    }
+
+    // Runs what goes to the shell, with the caller for an owner: few systems have a group wheel.
+    static int Shell(const ProcessRecorder::Command& command)
+    {
+        if (command[0] != "/bin/sh")
+            return 0;
+        std::string line = command.at(2);
+        if (const std::size_t owner = line.find("root:wheel"); owner != std::string::npos)
+            line.replace(owner, 10, std::to_string(geteuid()) + ":" + std::to_string(getegid()));
+        return WEXITSTATUS(std::system(line.c_str()));
+    }
+    void Install(const YString& name, const Krt::File::YPath& program)
+    {
+        m_manager.Install(name, "Display", "Description", program, {"--argument"}, YDuration::Seconds(9));
+    }
+    bool IsTemporaryEmpty() const { return std::filesystem::is_empty(m_root + "/tmp"); }
+
+    Testing::TemporaryDirectory m_directory;
+    const std::string m_root = m_directory / "a \"$x` b";
+    const std::string m_list = m_root + "/Library/LaunchDaemons/kbagent.plist";
+    Util::YMacServiceManager m_manager;
+};
+
+TEST_F(YMacServiceManagerTest, InstallPutsTheListInPlace)
+{
+    const ProcessRecorder programs(Shell);
+    m_directory.Write("a \"$x` b/Library/LaunchDaemons/other.plist", "former");
+    EXPECT_FALSE(m_manager.Exists("kbagent"));
+    Install("kbagent", "/usr/local/bin/kbagent");
+    EXPECT_TRUE(m_manager.Exists("kbagent"));
+    EXPECT_EQ(Testing::ReadFile(m_list), Testing::ReadFile(GOLDEN_DIRECTORY "/kbagent.plist"));
+    struct stat status;
+    ASSERT_EQ(stat(m_list.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
+    Install("other", "/a<b>&amp;\"'");
+    EXPECT_NE(Testing::ReadFile(m_root + "/Library/LaunchDaemons/other.plist")
+                  .find("\t<string>/a<b>&amp;\"'</string>\n"),
+              std::string::npos);
+    EXPECT_TRUE(IsTemporaryEmpty());
+    EXPECT_TRUE(programs.elevated);
+}
+
+TEST_F(YMacServiceManagerTest, AnotherReaderUnderstandsTheList)
+{
+    if (std::system("command -v plistutil >/dev/null") != 0)
+        GTEST_SKIP() << "plistutil isn't installed";
+    const std::string again = m_directory / "again";
+    const std::string command =
+        "plistutil -i " GOLDEN_DIRECTORY "/kbagent.plist -f bin | plistutil -f xml -o " + again;
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    EXPECT_EQ(Testing::ReadFile(again), Testing::ReadFile(GOLDEN_DIRECTORY "/kbagent.plist"));
+}
+
+TEST_F(YMacServiceManagerTest, InstallRunsOneLineAndLeavesTheFileWhenThatFails)
+{
+    const ProcessRecorder programs([](const auto&) { return 5; });
+    for (int i = 0; i < 2; ++i)
+        EXPECT_RAISES(Install("kbagent", "/bin/x"), ErrorCode::ProcessFailed, "Install",
+                      "mv chown chmod (for launchd plist) exited with status: 5");
+    const std::string target = Krt::Util::QuotifyEx(m_list.c_str(), '"').Bytes();
+    std::size_t found = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(m_root + "/tmp")) {
+        const std::string temporary = Krt::Util::QuotifyEx(entry.path().c_str(), '"').Bytes();
+        const ProcessRecorder::Command wanted{"/bin/sh", "-c",
+                                              "mv " + temporary + " " + target + " && chown root:wheel " +
+                                                  target + " && chmod 644 " + target};
+        found +=
+            static_cast<std::size_t>(std::count(programs.commands.begin(), programs.commands.end(), wanted));
+    }
+    EXPECT_EQ(found, 2U) << "each with a file of its own";
+    EXPECT_FALSE(m_manager.Exists("kbagent"));
+}
+
+TEST_F(YMacServiceManagerTest, CommandsAndTheirFailures)
+{
+    if (!Krt::Environment::IsRoot())
+        GTEST_SKIP() << "only root may start and stop services";
+    const std::string load = "/bin/launchctl load -w " + m_list + "\n";
+    const std::string unload = "/bin/launchctl unload " + m_list + "\n";
+    const std::string remove = "/bin/sh -c rm " + Krt::Util::QuotifyEx(m_list.c_str(), '"').Bytes() + "\n";
+    const struct
+    {
+        const char* name;
+        std::function<void()> call;
+        std::string failing; // the command that ends with status 7
+        std::string lines;
+        const char* function;
+        const char* text;
+    } rows[] = {
+        {"start", [&] { m_manager.Start("kbagent", s_noTime); }, "load", load, "Start", "launchctl load"},
+        {"stop", [&] { m_manager.Stop("kbagent", true, s_noTime); }, "unload", unload, "Stop",
+         "launchctl unload"},
+        {"restart", [&] { m_manager.Restart("kbagent", false, s_noTime); }, "", unload + load, "", ""},
+        {"restart of what can't be stopped", [&] { m_manager.Restart("kbagent", false, s_noTime); }, "unload",
+         unload, "Stop", "launchctl unload"},
+        {"delete of what can't be stopped", [&] { m_manager.Delete("kbagent", s_noTime); }, "unload", unload,
+         "Stop", "launchctl unload"},
+        {"delete of a list that stays", [&] { m_manager.Delete("kbagent", s_noTime); }, "-c", unload + remove,
+         "Delete", "rm (for launchd plist)"},
+        {"delete", [&] { m_manager.Delete("kbagent", s_noTime); }, "", unload + remove, "", ""},
+        {"delete without a list", [&] { m_manager.Delete("kbagent", s_noTime); }, "", unload, "", ""},
+    };
+    m_directory.Write("a \"$x` b/Library/LaunchDaemons/kbagent.plist", "list");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const ProcessRecorder programs([&](const ProcessRecorder::Command& command) {
+            return command[1] == row.failing ? 7 : Shell(command);
+        });
+        if (row.failing.empty())
+            row.call();
+        else
+            EXPECT_RAISES(row.call(), ErrorCode::ProcessFailed, row.function,
+                          std::string(row.text) + " exited with status: 7");
+        EXPECT_EQ(programs.Lines(), row.lines);
+    }
+    EXPECT_FALSE(m_manager.Exists("kbagent"));
+}
+
+TEST_F(YMacServiceManagerTest, OnlyRootMayStartAndStop)
+{
+    const auto isRefused = [](auto call, const char* function) {
+        const ProcessRecorder programs;
+        const auto error = Testing::CatchError(call);
+        return error && error->GetOsError() == EPERM && error->GetMessage().IsEmpty() &&
+               error->GetFunction() == function && programs.commands.empty();
+    };
+    EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([&] {
+        return isRefused([&] { m_manager.Start("kbagent", s_noTime); }, "Start") &&
+               isRefused([&] { m_manager.Delete("kbagent", s_noTime); }, "Stop");
+    }));
+}
+
+TEST_F(YMacServiceManagerTest, StatesThatCanAndCannotBeTold)
+{
+    EXPECT_FALSE(m_manager.IsRunning("no process has this name"));
+    m_manager.WaitForServiceCreate("kbagent", YDuration::Seconds(1000));
+    m_manager.WaitForServiceDelete("kbagent", YDuration::Seconds(1000));
+    EXPECT_RAISES(m_manager.WaitForServiceStart("kbagent", s_noTime), ErrorCode::NotImplemented,
+                  "WaitForServiceStart", "WaitForServiceStart not implemented for Mac");
+    EXPECT_RAISES(m_manager.WaitForServiceStop("kbagent", s_noTime), ErrorCode::NotImplemented,
+                  "WaitForServiceStop", "WaitForServiceStop not implemented for Mac");
+    Util::YMacServiceManager::SetRootForTesting(nullptr);
+    EXPECT_EQ(m_manager.GetConfigFilePath("kbagent").Bytes(), "/Library/LaunchDaemons/kbagent.plist");
+}
+
+} // namespace

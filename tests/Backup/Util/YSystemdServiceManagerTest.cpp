@@ -1,0 +1,208 @@
+#include "Backup/Util/Unix/Linux/YSystemdServiceManager.h"
+
+#include "testing/OrdinaryUser.h"
+#include "testing/ProcessRecorder.h"
+#include "testing/Raises.h"
+#include "testing/TemporaryDirectory.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+using namespace Backup;
+using Krt::Time::YDuration;
+using Testing::ProcessRecorder;
+
+namespace {
+
+constexpr YDuration s_noTime = YDuration::Zero();
+
+class YSystemdServiceManagerTest : public testing::Test
+{
+protected:
+    YSystemdServiceManagerTest()
+    {
+        m_directory.MakeDirectory("run/systemd/system");
+        m_directory.MakeDirectory("etc/systemd/system");
+        Util::YSystemdServiceManager::SetRootForTesting(m_directory.Path().c_str());
+    }
+    ~YSystemdServiceManagerTest() override { Util::YSystemdServiceManager::SetRootForTesting(nullptr); }
+
+    void Install(const YString& name, const Krt::File::YPath& program,
+                 const std::vector<YString>& arguments = {}, const YString& title = "A title")
+    {
+        m_manager.Install(name, title, "", program, arguments, s_noTime);
+    }
+
+    Testing::TemporaryDirectory m_directory;
+    const std::string m_units = m_directory / "etc/systemd/system";
+    const std::string m_unit = m_units + "/kbagent.service";
+    Util::YSystemdServiceManager m_manager;
+};
+
+TEST_F(YSystemdServiceManagerTest, InstallWritesTheUnitAndEnablesIt)
+{
+    const ProcessRecorder programs;
+    m_directory.Write("etc/systemd/system/kbagent.service", "former");
+    m_manager.Install("kbagent", "Agent", "100% backup\nof it \\", "/opt/kb agent$%", {"a", "$b"}, s_noTime);
+    EXPECT_EQ(Testing::ReadFile(m_unit),
+              "[Unit]\n"
+              "Description=Agent: 100%% backup of it \\ \n\n"
+              "[Service]\n"
+              "Type=exec\n"
+              "ExecStart=@\"/opt/kb agent$%%\" \"/opt/kb agent$$%%\" \"a\" \"$$b\"\n"
+              "Restart=always\n"
+              "RestartSec=10\n\n"
+              "[Install]\n"
+              "WantedBy=multi-user.target\n");
+    struct stat status;
+    ASSERT_EQ(stat(m_unit.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_units), {}), 1) << "nothing else is left";
+    EXPECT_EQ(programs.Lines(), "/bin/systemctl daemon-reload\n"
+                                "/bin/systemctl enable --quiet -- kbagent.service\n");
+    EXPECT_TRUE(programs.elevated);
+}
+
+TEST_F(YSystemdServiceManagerTest, SystemdReadsWhatWasMeant)
+{
+    if (std::system("command -v systemd-analyze >/dev/null") != 0)
+        GTEST_SKIP() << "systemd-analyze isn't installed";
+    const ProcessRecorder programs;
+    Install("kbagent", "/bin/sh",
+            {"a b", "c\"d'", "e\\f", "g\nh\t", "$i", "${J}k$L", "%n%%", ";", "", "\xC3\xA9", "\xFF", "#"},
+            "50% \xC3\xA9 of C:\\");
+    const std::string output = m_directory / "output";
+    const std::string command = "SYSTEMD_UNIT_PATH='" + m_units +
+                                ":' SYSTEMD_LOG_LEVEL=debug systemd-analyze --man=no verify kbagent.service "
+                                ">'" +
+                                output + "' 2>/dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    const std::string read = Testing::ReadFile(output);
+    // Variables are put in only when the process begins; until then "$$" stands.
+    for (const char* wanted :
+         {"Description: 50% \xC3\xA9 of C:\\\n", "Command Line: /bin/sh \"a b\" \"c\\\"d'\" \"e\\\\f\" "
+                                                 "\"g\\nh\\t\" \"\\$\\$i\" \"\\$\\${J}k\\$\\$L\" "
+                                                 "%n%% \";\" \"\" \xC3\xA9 \"\\377\" #\n"})
+        EXPECT_NE(read.find(wanted), std::string::npos) << wanted << read.substr(0, read.find("\n\t\tAsync"));
+}
+
+TEST_F(YSystemdServiceManagerTest, RefusesWhatNoUnitCanHold)
+{
+    const ProcessRecorder programs;
+    const std::string longest(247, 'n');
+    for (const std::string& name : {std::string("a-b_c:d.e\\x2d"), std::string("a@b"), longest})
+        Install(name.c_str(), "/bin/x");
+    for (const std::string& name :
+         {std::string(), std::string("a b"), std::string("../a"), std::string("a/b"), std::string("\xC3\xA9"),
+          std::string("a\n"), std::string("@a"), std::string("a@"), longest + "n"})
+        EXPECT_RAISES(Install(name.c_str(), "/bin/x"), ErrorCode::InvalidArgument, "GetServiceUnitName",
+                      "Not a legal name of a service: " + name);
+    const auto before = programs.commands.size();
+    for (const char* program : {"", "relative", "/a\"b", "/a'b", "/a\\b", "/a\nb"})
+        EXPECT_RAISES(Install("kbagent", program), ErrorCode::InvalidArgument, "MakeServiceUnit",
+                      std::string("A unit can't run the program ") + program);
+    EXPECT_RAISES(Install("kbagent", "/bin/x", {YString(std::string_view("a\0b", 3))}),
+                  ErrorCode::InvalidArgument, "MakeServiceUnit", "Argument with a NUL byte in it for /bin/x");
+    EXPECT_TRUE(Testing::CatchError([&] { Install("kbagent", "/bin/x", {}, "\xFF"); })) << "no text";
+    EXPECT_EQ(programs.commands.size(), before);
+    EXPECT_FALSE(m_manager.Exists("kbagent"));
+}
+
+TEST_F(YSystemdServiceManagerTest, CommandsAndTheirFailures)
+{
+    const std::string systemctl = "/bin/systemctl ";
+    const std::string isActive = systemctl + "is-active --quiet -- kbagent.service\n";
+    const std::string kill = systemctl + "kill --signal=SIGKILL -- kbagent.service\n";
+    const std::string stop = systemctl + "stop -- kbagent.service\n";
+    const std::string restart = systemctl + "restart -- kbagent.service\n" + isActive;
+    const std::string disable = systemctl + "disable --quiet -- kbagent.service\n";
+    const struct
+    {
+        const char* name;
+        std::function<void()> call;
+        int active;          // what is-active ends with
+        std::string failing; // the command that ends with status 5
+        std::string lines;
+        const char* function;
+    } rows[] = {
+        {"start", [&] { m_manager.Start("kbagent", s_noTime); }, 0, "",
+         systemctl + "start -- kbagent.service\n" + isActive, ""},
+        {"failing start", [&] { m_manager.Start("kbagent", s_noTime); }, 0, "start",
+         systemctl + "start -- kbagent.service\n", "Start"},
+        {"stop", [&] { m_manager.Stop("kbagent", false, s_noTime); }, 3, "", stop + isActive, ""},
+        {"forced stop of what doesn't run", [&] { m_manager.Stop("kbagent", true, s_noTime); }, 4, "kill",
+         kill + stop + isActive, ""},
+        {"restart", [&] { m_manager.Restart("kbagent", false, s_noTime); }, 0, "", restart, ""},
+        {"forced restart", [&] { m_manager.Restart("kbagent", true, s_noTime); }, 0, "", kill + restart, ""},
+        {"delete of what can't be stopped", [&] { m_manager.Delete("kbagent", s_noTime); }, 3, "stop", stop,
+         "Stop"},
+        {"delete of what can't be disabled", [&] { m_manager.Delete("kbagent", s_noTime); }, 3, "disable",
+         stop + isActive + disable, "Delete"},
+        {"delete", [&] { m_manager.Delete("kbagent", s_noTime); }, 3, "",
+         stop + isActive + disable + systemctl + "daemon-reload\n", ""},
+        {"delete of another's unit", [&] { m_manager.Delete("kbagent", s_noTime); }, 3, "", stop + isActive,
+         ""},
+    };
+    m_directory.Write("etc/systemd/system/kbagent.service", "unit");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const ProcessRecorder programs([&](const ProcessRecorder::Command& command) {
+            return command[1] == row.failing ? 5 : command[1] == "is-active" ? row.active : 0;
+        });
+        if (*row.function == '\0')
+            row.call();
+        else
+            EXPECT_RAISES(row.call(), ErrorCode::ProcessFailed, row.function,
+                          "systemctl " + row.failing + " exited with status: 5");
+        EXPECT_EQ(programs.Lines(), row.lines);
+    }
+    EXPECT_FALSE(m_manager.Exists("kbagent"));
+}
+
+TEST_F(YSystemdServiceManagerTest, WaitsLookUntilTheStateIsThere)
+{
+    int status = 3;
+    int looks = 0;
+    const ProcessRecorder programs([&](const auto&) { return ++looks < 3 ? status : 3 - status; });
+    m_manager.WaitForServiceStart("kbagent", YDuration::Seconds(1000));
+    EXPECT_EQ(looks, 3);
+    EXPECT_FALSE(programs.elevated && !Krt::Environment::IsRoot()) << "looking takes no rights";
+    looks = status = 0;
+    m_manager.WaitForServiceStop("kbagent", YDuration::Seconds(1000));
+    looks = 0;
+    EXPECT_RAISES(m_manager.WaitForServiceStop("kbagent", YDuration::Milliseconds(1)), ErrorCode::LockTimeout,
+                  "WaitForServiceStop", "Service kbagent is still running after 1 ms");
+    EXPECT_RAISES(m_manager.WaitForServiceCreate("kbagent", s_noTime), ErrorCode::LockTimeout,
+                  "WaitForServiceCreate", "Service kbagent doesn't exist after 0 ms");
+    m_manager.WaitForServiceDelete("kbagent", s_noTime);
+    m_directory.Write("etc/systemd/system/kbagent.service", "unit");
+    m_manager.WaitForServiceCreate("kbagent", s_noTime);
+}
+
+TEST_F(YSystemdServiceManagerTest, MachinesAndUsersThatCannot)
+{
+    {
+        const ProcessRecorder programs([](const auto&) { return 1; });
+        EXPECT_RAISES(m_manager.IsRunning("kbagent"), ErrorCode::ProcessFailed, "IsRunning",
+                      "systemctl is-active exited with status: 1");
+    }
+    const ProcessRecorder programs;
+    chmod(m_directory.Path().c_str(), 0755);
+    chmod(m_units.c_str(), 0555);
+    EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([&] {
+        const auto error = Testing::CatchError([&] { Install("kbagent", "/bin/x"); });
+        return error && error->GetOsError() == EACCES && error->GetFunction() == "Install" &&
+               error->GetMessage() == ("Failed to write " + m_unit).c_str();
+    }));
+    std::filesystem::remove(m_directory / "run/systemd/system");
+    EXPECT_RAISES(Install("kbagent", "/bin/x"), ErrorCode::NotSupported, "Install",
+                  "Services are systemd's, and this machine doesn't run systemd");
+    EXPECT_RAISES(m_manager.IsRunning("kbagent"), ErrorCode::NotSupported, "IsRunning",
+                  "Services are systemd's, and this machine doesn't run systemd");
+    EXPECT_FALSE(m_manager.Exists("kbagent"));
+    EXPECT_TRUE(programs.commands.empty());
+}
+
+} // namespace
