@@ -25,12 +25,12 @@ void AddStoreOption(CLI::App& command, std::string& path)
     command.add_option("--store", path, "The directory that holds the backups")->type_name("DIR")->required();
 }
 
-CLI::Option* AddPathArguments(CLI::App& command, const std::string& description)
+CLI::Option* AddPathArguments(CLI::App& command, const std::string& description, const std::string& name)
 {
     // Without a variable of its own: the conversion to a list would read "{}" as an empty one.
     return command
         .add_option(
-            "PATH", [](const CLI::results_t&) { return true; }, description)
+            name, [](const CLI::results_t&) { return true; }, description)
         ->expected(1, std::numeric_limits<int>::max())
         ->allow_extra_args();
 }

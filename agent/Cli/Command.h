@@ -35,13 +35,20 @@ public:
 };
 
 std::unique_ptr<ICommand> MakeBackupCommand();
+std::unique_ptr<ICommand> MakeConvertCommand();
+std::unique_ptr<ICommand> MakeImportCommand();
 std::unique_ptr<ICommand> MakeListCommand();
+std::unique_ptr<ICommand> MakeRenameCommand();
 std::unique_ptr<ICommand> MakeRestoreCommand();
+std::unique_ptr<ICommand> MakeServiceCommand();
+std::unique_ptr<ICommand> MakeVolumesCommand();
 
 /// The option --store DIR, which is required.
 void AddStoreOption(CLI::App& command, std::string& path);
-/// The positional PATH..., whose arguments PathsOf gives as they were typed, whatever they look like.
-CLI::Option* AddPathArguments(CLI::App& command, const std::string& description);
+/// The positional PATH..., whose arguments PathsOf gives as they were typed, whatever they look like. Under
+/// another name, for what is no path and is to be taken as it is, too.
+CLI::Option* AddPathArguments(CLI::App& command, const std::string& description,
+                              const std::string& name = "PATH");
 std::vector<std::string> PathsOf(const CLI::Option* option);
 /// The program's arguments as the parser is to see them: the last comes first, and none is taken for a list.
 /// Raises a UsageError for an empty one: what a script's unset variable leaves must not stand for "all".

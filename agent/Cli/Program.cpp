@@ -31,6 +31,11 @@ constexpr std::unique_ptr<ICommand> (*Makers[])() = {
     MakeBackupCommand,
     MakeRestoreCommand,
     MakeListCommand,
+    MakeVolumesCommand,
+    MakeServiceCommand,
+    MakeConvertCommand,
+    MakeRenameCommand,
+    MakeImportCommand,
 };
 
 struct Registered

@@ -1,0 +1,197 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Cli/Text.h"
+
+#include "Backup/Util/ServiceManager.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <CLI/CLI.hpp>
+
+#include <filesystem>
+
+namespace Agent {
+
+using Backup::Util::IServiceManager;
+using Krt::YString;
+using Krt::Time::YDuration;
+
+namespace {
+
+constexpr unsigned int LongestTimeout = 86400;
+
+class ServiceCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    using Action = void (ServiceCommand::*)(IServiceManager& manager, Report& report) const;
+
+    CLI::App* AddAction(CLI::App& service, const std::string& name, const std::string& description,
+                        Action action);
+    void AddTimeout(CLI::App& action);
+    void AddForce(CLI::App& action);
+    CLI::App* AddInstall(CLI::App& service);
+
+    void Install(IServiceManager& manager, Report& report) const;
+    void Start(IServiceManager& manager, Report& report) const;
+    void Stop(IServiceManager& manager, Report& report) const;
+    void Restart(IServiceManager& manager, Report& report) const;
+    void Delete(IServiceManager& manager, Report& report) const;
+    void Status(IServiceManager& manager, Report& report) const;
+
+    YString Name() const { return m_name.c_str(); }
+    YDuration Timeout() const { return YDuration::Seconds(m_timeout); }
+    void Tell(Report& report, const char* state) const
+    {
+        report.Out() << Printable(m_name) << ": " << state << "\n";
+    }
+
+    std::vector<std::pair<CLI::App*, Action>> m_actions;
+    std::string m_name;
+    std::string m_program;
+    std::string m_description;
+    CLI::Option* m_arguments = nullptr;
+    unsigned int m_timeout = 30;
+    bool m_force = false;
+};
+
+CLI::App* ServiceCommand::Register(CLI::App& program)
+{
+    CLI::App* const service =
+        program.add_subcommand("service", "Install a program as a service of the system, and control it");
+    service->require_subcommand(1);
+    AddTimeout(*AddInstall(*service));
+    AddTimeout(*AddAction(*service, "start", "Start the service", &ServiceCommand::Start));
+    CLI::App* const stop = AddAction(*service, "stop", "Stop the service", &ServiceCommand::Stop);
+    AddForce(*stop);
+    AddTimeout(*stop);
+    CLI::App* const restart =
+        AddAction(*service, "restart", "Stop and start the service", &ServiceCommand::Restart);
+    AddForce(*restart);
+    AddTimeout(*restart);
+    AddAction(*service, "status", "Tell whether the service is running", &ServiceCommand::Status)
+        ->footer("Prints NAME: running, stopped or not installed. Exit codes: 0 running, 4 not running,\n"
+                 "1 could not be told.");
+    AddTimeout(*AddAction(*service, "delete", "Stop the service and remove it", &ServiceCommand::Delete));
+    service->footer(
+        "Services are those of launchd on macOS and of systemd elsewhere; all but status takes\n"
+        "root's rights.\n\n"
+        "Examples: kbagent service install nightly --program /usr/local/bin/nightly -- --verbose\n"
+        "          kbagent service start nightly\n"
+        "          kbagent service status nightly");
+    return service;
+}
+
+CLI::App* ServiceCommand::AddAction(CLI::App& service, const std::string& name,
+                                    const std::string& description, Action action)
+{
+    CLI::App* const command = service.add_subcommand(name, description);
+    command->add_option("NAME", m_name, "The service's name")->required();
+    m_actions.emplace_back(command, action);
+    return command;
+}
+
+void ServiceCommand::AddTimeout(CLI::App& action)
+{
+    action.add_option("--timeout", m_timeout, "How long to wait for the service's new state")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(LongestTimeout))
+        ->capture_default_str();
+}
+
+void ServiceCommand::AddForce(CLI::App& action)
+{
+    action.add_flag("--force", m_force, "Don't let it finish what it is at");
+}
+
+CLI::App* ServiceCommand::AddInstall(CLI::App& service)
+{
+    CLI::App* const install =
+        AddAction(service, "install", "Make a service that starts with the machine, or replace it",
+                  &ServiceCommand::Install);
+    install->add_option("--program", m_program, "The program that the service runs")
+        ->type_name("PATH")
+        ->required();
+    install->add_option("--description", m_description, "What the service is for, in a line")
+        ->type_name("TEXT");
+    m_arguments = AddPathArguments(*install, "Arguments for the program, behind --", "ARG");
+    install->footer("The service isn't started. Example:\n"
+                    "  kbagent service install nightly --program /usr/local/bin/nightly -- --verbose");
+    return install;
+}
+
+void ServiceCommand::Run(Report& report)
+{
+    if (m_name.find('/') != std::string::npos)
+        throw UsageError("Not the name of a service: " + m_name);
+    const std::unique_ptr<IServiceManager> manager = Backup::Util::CreateServiceManager();
+    for (const auto& [command, action] : m_actions) {
+        if (command->parsed())
+            (this->*action)(*manager, report);
+    }
+}
+
+void ServiceCommand::Install(IServiceManager& manager, Report& report) const
+{
+    namespace fs = std::filesystem;
+    const fs::path program = fs::absolute(m_program).lexically_normal();
+    std::error_code ignored; // what can't be reached is no program
+    const fs::file_status status = fs::status(program, ignored);
+    constexpr fs::perms executable = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
+    KRT_RAISE_UNLESS(fs::is_regular_file(status) && (status.permissions() & executable) != fs::perms::none,
+                     Krt::ErrorCode::InvalidArgument, "There is no program at " << program.c_str());
+    std::vector<YString> arguments;
+    for (const std::string& argument : PathsOf(m_arguments))
+        arguments.emplace_back(argument.c_str());
+    KRT_RAISE_UNLESS(arguments.empty() || Backup::Util::DoServicesKeepArguments(),
+                     Krt::ErrorCode::NotSupported, "Services of this system run a program without arguments");
+    manager.Install(Name(), YString(), m_description.c_str(), program.c_str(), arguments, Timeout());
+    Tell(report, "installed");
+}
+
+void ServiceCommand::Start(IServiceManager& manager, Report& report) const
+{
+    manager.Start(Name(), Timeout());
+    Tell(report, "started");
+}
+
+void ServiceCommand::Stop(IServiceManager& manager, Report& report) const
+{
+    manager.Stop(Name(), m_force, Timeout());
+    Tell(report, "stopped");
+}
+
+void ServiceCommand::Restart(IServiceManager& manager, Report& report) const
+{
+    manager.Restart(Name(), m_force, Timeout());
+    Tell(report, "restarted");
+}
+
+void ServiceCommand::Delete(IServiceManager& manager, Report& report) const
+{
+    manager.Delete(Name(), Timeout());
+    Tell(report, "deleted");
+}
+
+// One that isn't installed may run, if somebody else made it.
+void ServiceCommand::Status(IServiceManager& manager, Report& report) const
+{
+    if (manager.IsRunning(Name())) {
+        Tell(report, "running");
+        return;
+    }
+    Tell(report, manager.Exists(Name()) ? "stopped" : "not installed");
+    report.AnswerNo();
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeServiceCommand()
+{
+    return std::make_unique<ServiceCommand>();
+}
+
+} // namespace Agent

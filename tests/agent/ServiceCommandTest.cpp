@@ -1,0 +1,105 @@
+// kbagent service, with the commands of the system recorded in place of being run.
+#include "agent/Cli/Program.h"
+
+#include "Backup/Util/Unix/Linux/YSystemdServiceManager.h"
+
+#include "testing/ProcessRecorder.h"
+#include "testing/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+using Testing::ProcessRecorder;
+
+namespace {
+
+class ServiceCommandTest : public testing::Test
+{
+protected:
+    ServiceCommandTest()
+    {
+        m_directory.MakeDirectory("run/systemd/system");
+        m_directory.MakeDirectory("etc/systemd/system");
+        Backup::Util::YSystemdServiceManager::SetRootForTesting(m_directory.Path().c_str());
+    }
+    ~ServiceCommandTest() override { Backup::Util::YSystemdServiceManager::SetRootForTesting(nullptr); }
+
+    // The exit code and all that was printed.
+    static std::string Run(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), {"kbagent", "service"});
+        std::vector<char*> vector;
+        for (std::string& argument : arguments)
+            vector.push_back(argument.data());
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const int code = Agent::Run(static_cast<int>(vector.size()), vector.data());
+        const std::string output = testing::internal::GetCapturedStdout();
+        return std::to_string(code) + " " + output + testing::internal::GetCapturedStderr();
+    }
+
+    Testing::TemporaryDirectory m_directory;
+    const std::string m_unit = m_directory / "etc/systemd/system/kb.service";
+};
+
+TEST_F(ServiceCommandTest, LifeOfAService)
+{
+    bool active = false;
+    const ProcessRecorder programs([&](const ProcessRecorder::Command& command) {
+        active = command[1] == "start" || command[1] == "restart" || (active && command[1] != "stop");
+        return command[1] == "is-active" && !active ? 3 : 0;
+    });
+    EXPECT_EQ(Run({"status", "kb"}), "4 kb: not installed\n");
+    EXPECT_EQ(Run({"install", "kb", "--program", "/bin/../bin/sh", "--description", "Nightly", "--", "backup",
+                   "--store=x", "[a]", "--"}),
+              "0 kb: installed\n");
+    const std::string unit = Testing::ReadFile(m_unit);
+    EXPECT_NE(unit.find("Description=Nightly\n"), std::string::npos) << unit;
+    EXPECT_NE(unit.find("\"/bin/sh\" \"backup\" \"--store=x\" \"[a]\" \"--\"\n"), std::string::npos) << unit;
+    EXPECT_EQ(Run({"status", "kb"}), "4 kb: stopped\n");
+    EXPECT_EQ(Run({"start", "kb"}), "0 kb: started\n");
+    EXPECT_EQ(Run({"status", "kb"}), "0 kb: running\n");
+    EXPECT_EQ(Run({"restart", "kb"}), "0 kb: restarted\n");
+    EXPECT_EQ(Run({"stop", "--force", "kb", "--timeout", "0"}), "0 kb: stopped\n");
+    EXPECT_NE(programs.Lines().find(" kill "), std::string::npos);
+    EXPECT_EQ(Run({"delete", "kb"}), "0 kb: deleted\n");
+    EXPECT_FALSE(std::filesystem::exists(m_unit));
+}
+
+TEST_F(ServiceCommandTest, FailuresSayWhatIsWrong)
+{
+    const ProcessRecorder programs([](const ProcessRecorder::Command& command) {
+        return command[1] == "start" ? 5 : command[1] == "is-active" ? 1 : 0;
+    });
+    const struct
+    {
+        const char* name;
+        std::vector<std::string> arguments;
+        const char* told; // behind the exit code
+    } rows[] = {
+        {"no action", {}, "2 kbagent: error: A subcommand is required"},
+        {"no name", {"start"}, "2 kbagent: error: NAME is required"},
+        {"no program", {"install", "kb"}, "2 kbagent: error: --program is required"},
+        {"missing program",
+         {"install", "kb", "--program", "/none"},
+         "1 kbagent: error: There is no program at /none"},
+        {"no program but data",
+         {"install", "kb", "--program", "/etc/passwd"},
+         "1 kbagent: error: There is no program"},
+        {"endless wait", {"start", "kb", "--timeout", "-1"}, "2 kbagent: error: "},
+        {"path for a name", {"stop", "../kb"}, "2 kbagent: error: Not the name of a service: ../kb"},
+        {"illegal name", {"stop", "k b"}, "1 kbagent: error: Not a legal name of a service: k b"},
+        {"failing command", {"start", "kb"}, "1 kbagent: error: systemctl start exited with status: 5"},
+        {"unknown state", {"status", "kb"}, "1 kbagent: error: systemctl is-active exited with status: 1"},
+    };
+    for (const auto& row : rows) {
+        const std::string told = Run(row.arguments);
+        EXPECT_EQ(told.substr(0, std::string(row.told).size()), row.told) << row.name << ": " << told;
+    }
+    std::filesystem::remove_all(m_directory / "run");
+    EXPECT_EQ(Run({"status", "kb"}),
+              "1 kbagent: error: Services are systemd's, and this machine doesn't run systemd\n");
+}
+
+} // namespace
