@@ -1,13 +1,76 @@
-// What the library takes from OpenSSL.
+// What the library takes from OpenSSL: random bytes, and the judgement whether a server is to be trusted. Any
+// thread may call any of it; the calling thread's queue of OpenSSL errors is left as it was.
 #pragma once
 
 #include "Backup/Export.h"
+#include "Krt/File/YPath.h"
 #include "Krt/Memory/YHeap.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+struct ssl_st; // OpenSSL's SSL
 
 namespace Backup::OpenSSL {
 
 /// `count` random bytes fit for secrets. Any thread. Raises CryptoFailure with OpenSSL's own text, and
 /// InvalidArgument for a negative count.
 BACKUP_API Krt::Memory::YHeap<unsigned char> RandomBytes(int count);
+
+/// What a certificate is judged by. Certificates and revocation lists are bytes as they lie in a file: DER,
+/// which holds one, or PEM, which holds any number among other text.
+struct TrustOptions
+{
+    /// Trust anchors, which take the place of the system's store. An anchor need not be self-signed.
+    std::vector<Krt::File::YPath> anchorFiles;
+    std::vector<std::string> anchors;
+    /// SHA-256 of the server's public key (of its SubjectPublicKeyInfo in DER), as 64 hexadecimal digits. It
+    /// stands for an anchor and for nothing else; anchors beside it are refused.
+    Krt::YString pinnedKey;
+    /// The time of judgement, in seconds since 1970; now if there is none.
+    std::optional<long long> time;
+    /// With any given, there must be one of the issuer of the server's certificate. The certificates above it
+    /// are looked up in the lists of their issuers, as far as there are any.
+    std::vector<std::string> revocationLists;
+};
+
+/// A certificate in short. Names are as RFC 2253 writes them, in printable ASCII: all else is escaped. Times
+/// are seconds since 1970, missing where the certificate's can't be read.
+struct CertificateSummary
+{
+    Krt::YString subject;
+    Krt::YString issuer;
+    std::optional<long long> notBefore;
+    std::optional<long long> notAfter;
+    Krt::YString keyHash; ///< what pins its key: see TrustOptions::pinnedKey
+};
+
+struct TrustReport
+{
+    Krt::YString reason;       ///< why it isn't trusted, in printable ASCII; empty if it is
+    Krt::YString subject;      ///< of the certificate that is the reason; empty if none is
+    int depth = -1;            ///< of that certificate: 0 the server's, 1 its issuer's; -1 if none is
+    CertificateSummary server; ///< the server's certificate; empty if it can't be read
+};
+
+/// Whether the holder of the certificate's key is the server that was to be reached, for TLS. `chain` is what
+/// the server sent beside its certificate, in any order; certificates behind the first one of `certificate`
+/// join it. `host` is the name or IP address by which the server was reached: ASCII, so international names
+/// as A-labels; the brackets of an IPv6 address, its zone, and a name's last dot are left out. Never raises
+/// for what the server sent. Raises InvalidArgument for a host, pin, anchor or list that can't be one, and
+/// as ReadCertificateFile; CryptoFailure where OpenSSL can't work.
+BACKUP_API bool IsCertificateTrusted(const std::string& certificate, const std::vector<std::string>& chain,
+                                     const Krt::YString& host, const TrustOptions& options = {},
+                                     TrustReport* report = nullptr);
+
+/// The same for the server at the other end of a connection, which stays the caller's. Raises InvalidArgument
+/// before the handshake is done.
+BACKUP_API bool IsCertificateTrusted(ssl_st* connection, const Krt::YString& host,
+                                     const TrustOptions& options = {}, TrustReport* report = nullptr);
+
+/// The bytes of a file of certificates or lists; links are followed. Raises the operating system's error, and
+/// InvalidArgument above 16 MiB.
+BACKUP_API std::string ReadCertificateFile(const Krt::File::YPath& path);
 
 } // namespace Backup::OpenSSL

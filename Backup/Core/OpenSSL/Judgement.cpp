@@ -1,0 +1,189 @@
+#include "Backup/Core/OpenSSL/Judgement.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+
+namespace Backup::OpenSSL {
+
+namespace {
+
+constexpr const char* Function = "IsCertificateTrusted";
+// OpenSSL's level 2, and the bits of security that it asks for.
+constexpr int SecurityLevel = 2;
+constexpr int SecurityBits = 112;
+
+bool Refuse(TrustReport& report, const char* reason, int depth, const X509* offender)
+{
+    report.reason = reason;
+    report.depth = offender == nullptr ? -1 : depth;
+    report.subject = offender == nullptr ? Krt::YString() : SubjectText(*offender);
+    return false;
+}
+
+bool HasNul(const unsigned char* bytes, int size)
+{
+    return size > 0 && std::memchr(bytes, 0, static_cast<std::size_t>(size)) != nullptr;
+}
+
+bool HasNulInSubject(const X509& certificate)
+{
+    const X509_NAME* const name = X509_get_subject_name(&certificate);
+    for (int i = 0; i < X509_NAME_entry_count(name); ++i) {
+        unsigned char* text = nullptr;
+        // Wide characters have bytes of 0 in them.
+        const int size = ASN1_STRING_to_UTF8(&text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, i)));
+        const bool found = HasNul(text, size);
+        OPENSSL_free(text);
+        if (found)
+            return true;
+    }
+    return false;
+}
+
+bool HasNulInAlternativeName(const X509& certificate)
+{
+    const NamesPtr names(
+        static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(&certificate, NID_subject_alt_name, nullptr, nullptr)));
+    for (int i = 0; i < sk_GENERAL_NAME_num(names.get()); ++i) {
+        const GENERAL_NAME* const name = sk_GENERAL_NAME_value(names.get(), i);
+        const bool isText = name->type == GEN_DNS || name->type == GEN_EMAIL || name->type == GEN_URI;
+        if (isText && HasNul(name->d.ia5->data, name->d.ia5->length))
+            return true;
+    }
+    return false;
+}
+
+bool HasStrongSignature(X509& certificate)
+{
+    int bits = 0;
+    return X509_get_signature_info(&certificate, nullptr, nullptr, &bits, nullptr) == 1 &&
+           bits >= SecurityBits;
+}
+
+// Why the server's certificate isn't to be trusted whoever issued it, or null.
+const char* FindFault(X509& server, const Terms& terms)
+{
+    if (X509_check_ca(&server) != 0)
+        return "the certificate is an authority's, not a server's";
+    if (HasNulInSubject(server) || HasNulInAlternativeName(server))
+        return "a name in the certificate holds a NUL byte";
+    if (terms.pin && HashKey(server) != *terms.pin)
+        return "the public key is not the pinned one";
+    // OpenSSL takes an anchor's signature for granted, also if the anchor is the server's own certificate.
+    if (!HasStrongSignature(server))
+        return "the certificate's signature algorithm is too weak";
+    return nullptr;
+}
+
+int JudgeList(const X509_CRL& list, std::time_t now)
+{
+    const ASN1_TIME* const end = X509_CRL_get0_nextUpdate(&list);
+    if (X509_cmp_time(X509_CRL_get0_lastUpdate(&list), &now) >= 0)
+        return X509_V_ERR_CRL_NOT_YET_VALID;
+    return end != nullptr && X509_cmp_time(end, &now) <= 0 ? X509_V_ERR_CRL_HAS_EXPIRED : X509_V_OK;
+}
+
+// A pinned certificate has no issuer in its path whose key could check a list's signature: the lists count as
+// they were supplied.
+int FindInLists(X509& server, const Terms& terms)
+{
+    const std::time_t now = terms.time ? static_cast<std::time_t>(*terms.time) : std::time(nullptr);
+    int best = X509_V_ERR_UNABLE_TO_GET_CRL;
+    for (const RevocationListPtr& list : terms.lists) {
+        if (X509_NAME_cmp(X509_CRL_get_issuer(list.get()), X509_get_issuer_name(&server)) != 0)
+            continue;
+        X509_REVOKED* entry = nullptr;
+        if (X509_CRL_get0_by_cert(list.get(), &entry, &server) == 1)
+            return X509_V_ERR_CERT_REVOKED;
+        if (best != X509_V_OK)
+            best = JudgeList(*list, now);
+    }
+    return best;
+}
+
+StorePtr MakeStore(X509& server, const Terms& terms)
+{
+    StorePtr store(X509_STORE_new());
+    RequireDone(store != nullptr, Function);
+    if (terms.pin)
+        RequireDone(X509_STORE_add_cert(store.get(), &server) == 1, Function);
+    else if (terms.anchors.empty())
+        RequireDone(X509_STORE_set_default_paths(store.get()) == 1, Function);
+    for (const CertificatePtr& anchor : terms.anchors)
+        RequireDone(X509_STORE_add_cert(store.get(), anchor.get()) == 1, Function);
+    for (const RevocationListPtr& list : terms.lists)
+        RequireDone(X509_STORE_add_crl(store.get(), list.get()) == 1, Function);
+    return store;
+}
+
+// Above the server's certificate a list may be missing.
+int OnFinding(int isFine, X509_STORE_CTX* context)
+{
+    if (isFine == 0 && X509_STORE_CTX_get_error(context) == X509_V_ERR_UNABLE_TO_GET_CRL &&
+        X509_STORE_CTX_get_error_depth(context) > 0) {
+        X509_STORE_CTX_set_error(context, X509_V_OK);
+        return 1;
+    }
+    return isFine;
+}
+
+void SetTerms(X509_STORE_CTX* context, const Terms& terms)
+{
+    unsigned long flags = X509_V_FLAG_X509_STRICT;
+    if (terms.pin || !terms.anchors.empty())
+        flags |= X509_V_FLAG_PARTIAL_CHAIN;
+    if (!terms.pin && !terms.lists.empty())
+        flags |= X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL | X509_V_FLAG_USE_DELTAS;
+    X509_VERIFY_PARAM* const parameters = X509_STORE_CTX_get0_param(context);
+    X509_VERIFY_PARAM_set_auth_level(parameters, SecurityLevel);
+    X509_VERIFY_PARAM_set_hostflags(parameters, X509_CHECK_FLAG_NEVER_CHECK_SUBJECT |
+                                                    X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    if (terms.time)
+        X509_VERIFY_PARAM_set_time(parameters, static_cast<std::time_t>(*terms.time));
+    const ServerName& name = terms.name;
+    const bool isNameSet =
+        name.address.empty()
+            ? X509_VERIFY_PARAM_set1_host(parameters, name.host.data(), name.host.size()) == 1
+            : X509_VERIFY_PARAM_set1_ip(parameters,
+                                        reinterpret_cast<const unsigned char*>(name.address.data()),
+                                        name.address.size()) == 1;
+    RequireDone(isNameSet && X509_VERIFY_PARAM_set_flags(parameters, flags) == 1 &&
+                    X509_STORE_CTX_set_purpose(context, X509_PURPOSE_SSL_SERVER) == 1,
+                Function);
+    X509_STORE_CTX_set_verify_cb(context, &OnFinding);
+}
+
+bool Verify(X509& server, STACK_OF(X509) * chain, const Terms& terms, TrustReport& report)
+{
+    const StorePtr store = MakeStore(server, terms);
+    const ContextPtr context(X509_STORE_CTX_new());
+    RequireDone(context != nullptr && X509_STORE_CTX_init(context.get(), store.get(), &server,
+                                                          terms.pin ? nullptr : chain) == 1,
+                Function);
+    SetTerms(context.get(), terms);
+    if (X509_verify_cert(context.get()) == 1)
+        return true;
+    const int error = X509_STORE_CTX_get_error(context.get());
+    RequireDone(error != X509_V_ERR_OUT_OF_MEM && error != X509_V_ERR_STORE_LOOKUP, Function);
+    return Refuse(report, X509_verify_cert_error_string(error),
+                  std::max(X509_STORE_CTX_get_error_depth(context.get()), 0),
+                  X509_STORE_CTX_get_current_cert(context.get()));
+}
+
+} // namespace
+
+bool Judge(X509& server, STACK_OF(X509) * chain, const Terms& terms, TrustReport& report)
+{
+    report.server = Summarize(server);
+    if (const char* const fault = FindFault(server, terms))
+        return Refuse(report, fault, 0, &server);
+    if (!Verify(server, chain, terms, report))
+        return false;
+    if (!terms.pin || terms.lists.empty())
+        return true;
+    const int found = FindInLists(server, terms);
+    return found == X509_V_OK || Refuse(report, X509_verify_cert_error_string(found), 0, &server);
+}
+
+} // namespace Backup::OpenSSL

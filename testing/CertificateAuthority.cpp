@@ -1,0 +1,188 @@
+#include "testing/CertificateAuthority.h"
+
+#include <openssl/ec.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include <cstdio>
+#include <ctime>
+#include <functional>
+#include <stdexcept>
+
+namespace Testing {
+
+namespace {
+
+template <class T>
+T Made(T result)
+{
+    if (!result)
+        throw std::runtime_error(std::string("OpenSSL can't make what the test asks for: ") +
+                                 ERR_error_string(ERR_peek_last_error(), nullptr));
+    return result;
+}
+
+std::shared_ptr<X509_NAME> Name(const std::string& commonName)
+{
+    const std::shared_ptr<X509_NAME> name(Made(X509_NAME_new()), &X509_NAME_free);
+    Made(X509_NAME_add_entry_by_txt(name.get(), "CN", MBSTRING_UTF8,
+                                    reinterpret_cast<const unsigned char*>(commonName.data()),
+                                    static_cast<int>(commonName.size()), -1, 0));
+    return name;
+}
+
+void AddNames(X509* certificate, const std::vector<std::string>& names)
+{
+    const std::shared_ptr<GENERAL_NAMES> all(Made(GENERAL_NAMES_new()), &GENERAL_NAMES_free);
+    for (const std::string& text : names) {
+        GENERAL_NAME* const name = Made(GENERAL_NAME_new());
+        if (text.starts_with("IP:")) {
+            GENERAL_NAME_set0_value(name, GEN_IPADD, Made(a2i_IPADDRESS(text.c_str() + 3)));
+        } else {
+            ASN1_IA5STRING* const value = Made(ASN1_IA5STRING_new());
+            Made(ASN1_STRING_set(value, text.data(), static_cast<int>(text.size())));
+            GENERAL_NAME_set0_value(name, GEN_DNS, value);
+        }
+        Made(sk_GENERAL_NAME_push(all.get(), name));
+    }
+    if (!names.empty())
+        Made(X509_add1_ext_i2d(certificate, NID_subject_alt_name, all.get(), 0, X509V3_ADD_DEFAULT));
+}
+
+// One after the other: an issuer's key identifier is copied from what stands in its certificate already.
+void AddExtensions(X509* certificate, X509* issuer, const std::map<std::string, std::string>& extensions)
+{
+    X509V3_CTX context;
+    X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
+    for (const auto& [name, value] : extensions) {
+        const std::shared_ptr<X509_EXTENSION> extension(
+            Made(X509V3_EXT_nconf(nullptr, &context, name.c_str(), value.c_str())), &X509_EXTENSION_free);
+        Made(X509_add_ext(certificate, extension.get(), -1));
+    }
+}
+
+std::string Written(const std::function<int(BIO*)>& write)
+{
+    const std::shared_ptr<BIO> output(Made(BIO_new(BIO_s_mem())), &BIO_free);
+    Made(write(output.get()));
+    char* bytes = nullptr;
+    const long size = BIO_get_mem_data(output.get(), &bytes);
+    return {bytes, static_cast<std::size_t>(size)};
+}
+
+} // namespace
+
+CertificateForm ServerForm(const std::string& hostName)
+{
+    return {.subject = "Server",
+            .issuer = "",
+            .names = {hostName},
+            .extensions = {{"authorityKeyIdentifier", "keyid"},
+                           {"basicConstraints", "critical,CA:FALSE"},
+                           {"extendedKeyUsage", "serverAuth"},
+                           {"keyUsage", "critical,digitalSignature"},
+                           {"subjectKeyIdentifier", "hash"}}};
+}
+
+CertificateForm AuthorityForm(const std::string& subject)
+{
+    return {.subject = subject,
+            .issuer = "",
+            .names = {},
+            .extensions = {{"basicConstraints", "critical,CA:TRUE"},
+                           {"keyUsage", "critical,keyCertSign,cRLSign"},
+                           {"subjectKeyIdentifier", "hash"}}};
+}
+
+Certificate Certificate::SelfSigned(const CertificateForm& form)
+{
+    return Certificate(form, nullptr);
+}
+
+Certificate Certificate::Issue(const CertificateForm& form) const
+{
+    CertificateForm issued = form;
+    issued.extensions.try_emplace("authorityKeyIdentifier", "keyid");
+    return Certificate(issued, this);
+}
+
+Certificate::Certificate(const CertificateForm& form, const Certificate* issuer)
+    : m_key(Made(form.rsaBits == 0 ? EVP_EC_gen("P-256") : EVP_RSA_gen(static_cast<unsigned>(form.rsaBits))),
+            &EVP_PKEY_free),
+      m_certificate(Made(X509_new()), &X509_free)
+{
+    static long s_serial = 0;
+    X509* const made = m_certificate.get();
+    const Certificate& signer = issuer == nullptr ? *this : *issuer;
+    Made(X509_set_version(made, form.version - 1));
+    Made(ASN1_INTEGER_set(X509_get_serialNumber(made), ++s_serial));
+    Made(ASN1_TIME_set(X509_getm_notBefore(made), form.notBefore));
+    Made(ASN1_TIME_set(X509_getm_notAfter(made), form.notAfter));
+    Made(X509_set_subject_name(made, Name(form.subject).get()));
+    Made(X509_set_issuer_name(made, form.issuer.empty() ? X509_get_subject_name(signer.m_certificate.get())
+                                                        : Name(form.issuer).get()));
+    Made(X509_set_pubkey(made, m_key.get()));
+    AddNames(made, form.names);
+    AddExtensions(made, signer.m_certificate.get(), form.extensions);
+    Made(X509_sign(made, signer.m_key.get(), EVP_get_digestbyname(form.digest)));
+}
+
+std::string Certificate::Der() const
+{
+    return Written([&](BIO* output) { return i2d_X509_bio(output, m_certificate.get()); });
+}
+
+std::string Certificate::Pem() const
+{
+    return Written([&](BIO* output) { return PEM_write_bio_X509(output, m_certificate.get()); });
+}
+
+std::string Certificate::KeyPem() const
+{
+    return Written([&](BIO* output) {
+        return PEM_write_bio_PrivateKey(output, m_key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+    });
+}
+
+std::string Certificate::KeyHash() const
+{
+    const std::string key = Written([&](BIO* output) { return i2d_PUBKEY_bio(output, m_key.get()); });
+    unsigned char hash[32];
+    Made(EVP_Digest(key.data(), key.size(), hash, nullptr, EVP_sha256(), nullptr));
+    std::string text;
+    for (const unsigned char byte : hash) {
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02x", byte);
+        text += digits;
+    }
+    return text;
+}
+
+std::string Certificate::RevocationList(const std::vector<Certificate>& revoked, long long nextUpdate) const
+{
+    const std::shared_ptr<X509_CRL> list(Made(X509_CRL_new()), &X509_CRL_free);
+    const std::shared_ptr<ASN1_TIME> start(Made(ASN1_TIME_set(nullptr, JudgementTime - 2000)),
+                                           &ASN1_TIME_free);
+    const std::shared_ptr<ASN1_TIME> end(Made(ASN1_TIME_set(nullptr, nextUpdate)), &ASN1_TIME_free);
+    Made(X509_CRL_set_version(list.get(), 1));
+    Made(X509_CRL_set_issuer_name(list.get(), X509_get_subject_name(m_certificate.get())));
+    Made(X509_CRL_set1_lastUpdate(list.get(), start.get()));
+    Made(X509_CRL_set1_nextUpdate(list.get(), end.get()));
+    for (const Certificate& certificate : revoked) {
+        X509_REVOKED* const entry = Made(X509_REVOKED_new());
+        Made(X509_REVOKED_set_serialNumber(entry, X509_get_serialNumber(certificate.m_certificate.get())));
+        Made(X509_REVOKED_set_revocationDate(entry, start.get()));
+        Made(X509_CRL_add0_revoked(list.get(), entry));
+    }
+    const std::shared_ptr<AUTHORITY_KEYID> key(Made(AUTHORITY_KEYID_new()), &AUTHORITY_KEYID_free);
+    key->keyid = Made(ASN1_OCTET_STRING_dup(X509_get0_subject_key_id(m_certificate.get())));
+    Made(X509_CRL_add1_ext_i2d(list.get(), NID_authority_key_identifier, key.get(), 0, X509V3_ADD_DEFAULT));
+    Made(X509_CRL_sign(list.get(), m_key.get(), EVP_sha256()));
+    return Written([&](BIO* output) { return PEM_write_bio_X509_CRL(output, list.get()); });
+}
+
+} // namespace Testing

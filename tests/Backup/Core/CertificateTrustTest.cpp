@@ -1,0 +1,457 @@
+// Whom to trust: one right path of root, intermediate and server, of which each case changes one thing.
+#include "Backup/Core/OpenSSL.h"
+
+#include "testing/CertificateAuthority.h"
+#include "testing/Raises.h"
+#include "testing/TemporaryDirectory.h"
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include <cstdlib>
+#include <functional>
+#include <thread>
+
+using namespace Backup::OpenSSL;
+using Krt::YString;
+using Testing::Certificate;
+
+namespace {
+
+constexpr const char* Host = "backup.example";
+constexpr const char* KeyTooWeak = "EE certificate key too weak";
+constexpr const char* SignatureTooWeak = "the certificate's signature algorithm is too weak";
+constexpr const char* WrongName = "hostname mismatch";
+
+struct Scene
+{
+    Testing::CertificateForm rootForm = Testing::AuthorityForm("Root");
+    Testing::CertificateForm middleForm = Testing::AuthorityForm("Middle");
+    Testing::CertificateForm serverForm = Testing::ServerForm(Host);
+    std::string host = Host;
+    bool sendsMiddle = true;
+    bool isSelfSigned = false;
+    bool isPinned = false;
+    // Changes to what is made of the forms.
+    std::function<void(Scene&)> present = [](Scene&) {
+    };
+
+    std::optional<Certificate> root, middle, server;
+    std::string sent;
+    std::vector<std::string> chain;
+    TrustOptions options;
+    TrustReport report;
+
+    bool Judge()
+    {
+        root = Certificate::SelfSigned(rootForm);
+        middle = root->Issue(middleForm);
+        server = isSelfSigned ? Certificate::SelfSigned(serverForm) : middle->Issue(serverForm);
+        sent = server->Pem();
+        if (sendsMiddle)
+            chain.push_back(middle->Der());
+        if (isPinned)
+            options.pinnedKey = YString(server->KeyHash().c_str());
+        else
+            options.anchors.push_back(root->Pem());
+        options.time = Testing::JudgementTime;
+        present(*this);
+        return IsCertificateTrusted(sent, chain, YString(std::string_view(host)), options, &report);
+    }
+};
+
+struct Case
+{
+    const char* name;
+    std::function<void(Scene&)> change;
+    const char* reason = "";
+    int depth = 0;
+    const char* subject = "CN=Server";
+};
+
+void Check(const std::vector<Case>& cases)
+{
+    for (const Case& row : cases) {
+        SCOPED_TRACE(row.name);
+        Scene scene;
+        row.change(scene);
+        const bool isTrusted = *row.reason == '\0';
+        EXPECT_EQ(scene.Judge(), isTrusted);
+        EXPECT_EQ(scene.report.reason.Bytes(), row.reason);
+        EXPECT_EQ(scene.report.subject.Bytes(), isTrusted ? "" : row.subject);
+        EXPECT_EQ(scene.report.depth, isTrusted ? -1 : row.depth);
+    }
+}
+
+std::function<void(Scene&)> Names(const std::vector<std::string>& names, const std::string& host = Host)
+{
+    return [=](Scene& scene) {
+        scene.serverForm.names = names;
+        scene.host = host;
+    };
+}
+
+std::function<void(Scene&)> With(const char* extension, const char* value)
+{
+    return [=](Scene& scene) {
+        scene.serverForm.extensions[extension] = value;
+    };
+}
+
+TEST(CertificateTrust, Names)
+{
+    const std::string nul("\0", 1);
+    const char* const holdsNul = "a name in the certificate holds a NUL byte";
+    Check({
+        {"the right one", Names({Host})},
+        {"other case and last dot", Names({"Backup.Example"}, "BACKUP.example.")},
+        {"another", Names({"other.example"}), WrongName},
+        {"a parent domain", Names({"example"}), WrongName},
+        {"common name alone",
+         [](Scene& s) {
+             s.serverForm.names = {};
+             s.serverForm.subject = Host;
+         },
+         WrongName, 0, "CN=backup.example"},
+        {"wildcard", Names({"*.backup.example"}, "a.backup.example")},
+        {"wildcard for the domain itself", Names({"*.backup.example"}), WrongName},
+        {"wildcard for two labels", Names({"*.backup.example"}, "a.b.backup.example"), WrongName},
+        {"wildcard for a top domain", Names({"*.example"}), WrongName},
+        {"partial wildcard", Names({"ba*.host.example"}, "backup.host.example"), WrongName},
+        {"wildcard inside", Names({"a.*.example"}, "a.host.example"), WrongName},
+        {"international", Names({"xn--bcher-kva.example"}, "xn--bcher-kva.example")},
+        {"wildcard for an international one", Names({"*.host.example"}, "xn--bcher-kva.host.example")},
+        {"international as it is read", Names({"b\u00fccher.example"}, "xn--bcher-kva.example"), WrongName},
+        {"NUL behind the right one", Names({Host + nul + ".evil.example"}), holdsNul},
+        {"NUL in another name", Names({Host, "x" + nul}), holdsNul},
+        {"NUL in the subject", [&](Scene& s) { s.serverForm.subject = "a" + nul + "\n\u202e"; }, holdsNul, 0,
+         "CN=a\\00\\0A\\E2\\80\\AE"},
+        {"IPv4", Names({"IP:192.0.2.1"}, "192.0.2.1")},
+        {"another IPv4", Names({"IP:192.0.2.1"}, "192.0.2.2"), "IP address mismatch"},
+        {"address as a host name", Names({"192.0.2.1"}, "192.0.2.1"), "IP address mismatch"},
+        {"IPv6", Names({"IP:2001:db8::1"}, "2001:DB8:0::1")},
+        {"IPv6 in brackets, with a zone", Names({"IP:fe80::1"}, "[fe80::1%eth0]")},
+    });
+}
+
+TEST(CertificateTrust, PathAndTime)
+{
+    const auto constrain = [](const char* to) {
+        return [=](Scene& s) {
+            s.middleForm.extensions["nameConstraints"] = to;
+        };
+    };
+    const char* const noIssuer = "unable to get local issuer certificate";
+    Check({
+        {"expired", [](Scene& s) { s.serverForm.notAfter = Testing::JudgementTime - 1; },
+         "certificate has expired"},
+        {"not yet valid", [](Scene& s) { s.serverForm.notBefore = Testing::JudgementTime + 1; },
+         "certificate is not yet valid"},
+        {"expired issuer", [](Scene& s) { s.middleForm.notAfter = Testing::JudgementTime - 1; },
+         "certificate has expired", 1, "CN=Middle"},
+        {"expired anchor", [](Scene& s) { s.rootForm.notAfter = Testing::JudgementTime - 1; },
+         "certificate has expired", 2, "CN=Root"},
+        {"missing intermediate", [](Scene& s) { s.sendsMiddle = false; }, noIssuer},
+        {"intermediate as the anchor",
+         [](Scene& s) {
+             s.present = [](Scene& t) {
+                 t.options.anchors = {t.middle->Der()};
+             };
+         }},
+        {"another root of that name",
+         [](Scene& s) {
+             s.present = [](Scene& t) {
+                 t.options.anchors = {Certificate::SelfSigned(t.rootForm).Pem()};
+             };
+         },
+         noIssuer, 1, "CN=Middle"},
+        {"signature damaged",
+         [](Scene& s) {
+             s.present = [](Scene& t) {
+                 t.sent = t.server->Der();
+                 t.sent.back() = static_cast<char>(t.sent.back() ^ 1);
+             };
+         },
+         "certificate signature failure"},
+        {"self-signed", [](Scene& s) { s.isSelfSigned = true; }, "self-signed certificate"},
+        {"self-signed, and the anchor",
+         [](Scene& s) {
+             s.isSelfSigned = true;
+             s.present = [](Scene& t) {
+                 t.options.anchors = {t.server->Pem()};
+             };
+         }},
+        {"server as an issuer",
+         [](Scene& s) { s.middleForm.extensions = Testing::ServerForm("").extensions; },
+         "invalid CA certificate", 1, "CN=Middle"},
+        {"issuer that the strict rules refuse",
+         [](Scene& s) { s.middleForm.extensions["basicConstraints"] = "CA:TRUE"; },
+         "Basic Constraints of CA cert not marked critical", 1, "CN=Middle"},
+        {"path too long", [](Scene& s) { s.rootForm.extensions["basicConstraints"] += ",pathlen:0"; },
+         "path length constraint exceeded", 2, "CN=Root"},
+        {"authority as the server",
+         [](Scene& s) { s.serverForm.extensions = Testing::AuthorityForm("").extensions; },
+         "the certificate is an authority's, not a server's"},
+        {"within name constraints", constrain("critical,permitted;DNS:backup.example")},
+        {"name not permitted", constrain("critical,permitted;DNS:other.example"),
+         "permitted subtree violation"},
+        {"name excluded", constrain("critical,excluded;DNS:example"), "excluded subtree violation"},
+        {"purpose client", With("extendedKeyUsage", "clientAuth"), "unsuitable certificate purpose"},
+        {"purpose of the issuer",
+         [](Scene& s) { s.middleForm.extensions["extendedKeyUsage"] = "clientAuth"; },
+         "unsuitable certificate purpose", 1, "CN=Middle"},
+        {"key usage", With("keyUsage", "critical,cRLSign"), "unsuitable certificate purpose"},
+        {"unknown critical extension", With("1.2.3.4", "critical,ASN1:NULL"), "unhandled critical extension"},
+    });
+}
+
+TEST(CertificateTrust, Strength)
+{
+    Check({
+        {"RSA of 2048 bits",
+         [](Scene& s) {
+             s.serverForm.rsaBits = 2048;
+         }},
+        {"weak key", [](Scene& s) { s.serverForm.rsaBits = 1024; }, KeyTooWeak},
+        {"weak key of the issuer", [](Scene& s) { s.middleForm.rsaBits = 1024; },
+         "CA certificate key too weak", 1, "CN=Middle"},
+        {"weak key of the anchor", [](Scene& s) { s.rootForm.rsaBits = 1024; }, "CA certificate key too weak",
+         2, "CN=Root"},
+        {"weak signature", [](Scene& s) { s.serverForm.digest = "SHA1"; }, SignatureTooWeak},
+        {"weak signature on the issuer", [](Scene& s) { s.middleForm.digest = "SHA1"; },
+         "CA signature digest algorithm too weak", 1, "CN=Middle"},
+        {"weak signature on the anchor, which nobody goes by",
+         [](Scene& s) {
+             s.rootForm.digest = "SHA1";
+         }},
+        {"weak signature on an anchor that is the server",
+         [](Scene& s) {
+             s.isSelfSigned = true;
+             s.serverForm.digest = "MD5";
+             s.serverForm.rsaBits = 2048;
+             s.present = [](Scene& t) {
+                 t.options.anchors = {t.server->Pem()};
+             };
+         },
+         SignatureTooWeak},
+    });
+}
+
+TEST(CertificateTrust, PinStandsForTheAnchorAlone)
+{
+    const auto pinned = [](std::function<void(Scene&)> change) {
+        return [=](Scene& s) {
+            s.isPinned = true;
+            s.isSelfSigned = true;
+            change(s);
+        };
+    };
+    const auto list = [](bool names, long long end) {
+        return [=](Scene& s) {
+            s.isSelfSigned = false;
+            s.present = [=](Scene& t) {
+                const std::vector<Certificate> revoked = {names ? *t.server : *t.middle};
+                t.options.revocationLists = {t.middle->RevocationList(revoked, end)};
+            };
+        };
+    };
+    const long long now = Testing::JudgementTime;
+    Check({
+        {"self-signed", pinned([](Scene&) {})},
+        {"issued", pinned([](Scene& s) { s.isSelfSigned = false; })},
+        {"issued, chain broken", pinned([](Scene& s) { s.isSelfSigned = s.sendsMiddle = false; })},
+        {"another key", pinned([](Scene& s) {
+             s.present = [](Scene& t) {
+                 t.options.pinnedKey = YString(t.middle->KeyHash().c_str());
+             };
+         }),
+         "the public key is not the pinned one"},
+        {"expired", pinned([](Scene& s) { s.serverForm.notAfter = Testing::JudgementTime - 1; }),
+         "certificate has expired"},
+        {"wrong name", pinned([](Scene& s) { s.host = "other.example"; }), WrongName},
+        {"wrong purpose", pinned(With("extendedKeyUsage", "clientAuth")), "unsuitable certificate purpose"},
+        {"weak key", pinned([](Scene& s) { s.serverForm.rsaBits = 1024; }), KeyTooWeak},
+        {"weak signature", pinned([](Scene& s) { s.serverForm.digest = "SHA1"; }), SignatureTooWeak},
+        {"on a list", pinned(list(true, now + 1)), "certificate revoked"},
+        {"not on the list", pinned(list(false, now + 1))},
+        {"list expired", pinned(list(false, now - 1)), "CRL has expired"},
+    });
+}
+
+TEST(CertificateTrust, RevocationLists)
+{
+    using Lists = std::function<std::vector<std::string>(Scene&)>;
+    const auto lists = [](const Lists& make) {
+        return [=](Scene& s) {
+            s.present = [=](Scene& t) {
+                t.options.revocationLists = make(t);
+            };
+        };
+    };
+    const long long past = Testing::JudgementTime - 1;
+    Check({
+        {"not listed",
+         lists([](Scene& t) -> std::vector<std::string> { return {t.middle->RevocationList({})}; })},
+        {"both issuers in one text", lists([](Scene& t) -> std::vector<std::string> {
+             return {t.root->RevocationList({}) + "text\n" + t.middle->RevocationList({*t.root})};
+         })},
+        {"revoked", lists([](Scene& t) -> std::vector<std::string> {
+             return {t.middle->RevocationList({*t.root, *t.server})};
+         }),
+         "certificate revoked"},
+        {"issuer revoked", lists([](Scene& t) -> std::vector<std::string> {
+             return {t.middle->RevocationList({}), t.root->RevocationList({*t.middle})};
+         }),
+         "certificate revoked", 1, "CN=Middle"},
+        {"list expired",
+         lists([=](Scene& t) -> std::vector<std::string> { return {t.middle->RevocationList({}, past)}; }),
+         "CRL has expired"},
+        {"list of the issuer missing",
+         lists([](Scene& t) -> std::vector<std::string> { return {t.root->RevocationList({})}; }),
+         "unable to get certificate CRL"},
+        {"list signed by another of that name", lists([](Scene& t) -> std::vector<std::string> {
+             Testing::CertificateForm form = t.middleForm;
+             form.extensions["subjectKeyIdentifier"] = "01";
+             return {t.root->Issue(form).RevocationList({})};
+         }),
+         "unable to get certificate CRL"},
+    });
+}
+
+TEST(CertificateTrust, DamagedCertificatesAreRefusedWithoutRaising)
+{
+    ERR_clear_error();
+    const auto sends = [](std::function<std::string(const std::string& der, const std::string& pem)> damage) {
+        return [=](Scene& s) {
+            s.present = [=](Scene& t) {
+                t.sent = damage(t.server->Der(), t.sent);
+            };
+        };
+    };
+    const char* const unreadable = "the certificate can't be read";
+    Check({
+        {"DER", sends([](const std::string& der, const std::string&) { return der; })},
+        {"text around PEM", sends([](auto&, const std::string& pem) { return "CN = x\n" + pem + "end"; })},
+        {"chain behind the certificate",
+         [](Scene& s) {
+             s.sendsMiddle = false;
+             s.present = [](Scene& t) {
+                 t.sent += t.middle->Pem() + t.root->KeyPem();
+             };
+         }},
+        {"nothing", sends([](auto&, auto&) { return ""; }), unreadable, -1, ""},
+        {"garbage", sends([](auto&, auto&) { return std::string(5000, '\x30'); }), unreadable, -1, ""},
+        {"byte behind DER", sends([](const std::string& der, auto&) { return der + '\0'; }), unreadable, -1,
+         ""},
+        {"DER cut", sends([](const std::string& der, auto&) { return der.substr(0, der.size() - 1); }),
+         unreadable, -1, ""},
+        {"PEM cut", sends([](auto&, const std::string& pem) { return pem.substr(0, pem.size() - 30); }),
+         unreadable, -1, ""},
+        {"damaged second block", sends([](auto&, const std::string& pem) { return pem + pem.substr(0, 99); }),
+         unreadable, -1, ""},
+        {"garbage in the chain", [](Scene& s) { s.chain = {"garbage"}; },
+         "a certificate of the chain can't be read", -1, ""},
+    });
+    EXPECT_EQ(ERR_peek_error(), 0ul) << "errors left behind";
+
+    Scene scene;
+    ASSERT_TRUE(scene.Judge());
+    const std::string whole = scene.server->Der();
+    for (std::size_t i = 0; i < whole.size(); ++i) {
+        std::string damaged = whole;
+        damaged[i] = static_cast<char>(damaged[i] ^ 0x41);
+        EXPECT_FALSE(IsCertificateTrusted(damaged, scene.chain, Host, scene.options)) << "byte " << i;
+    }
+}
+
+TEST(CertificateTrust, UnusableArgumentsRaise)
+{
+    Scene scene;
+    ASSERT_TRUE(scene.Judge());
+    const auto judge = [&](const std::string& host, const TrustOptions& options) {
+        return IsCertificateTrusted(scene.sent, scene.chain, YString(std::string_view(host)), options);
+    };
+    for (const std::string host :
+         {"", ".", "a..b", ".example", "*.example", "a b", "1.2.3", "01.2.3.4", "1.2.3.4.5", "1.2.3.256",
+          "[a.example]", "[1.2.3.4]", "[]", "::1::", "1:2", "::+1.2.3.4", "a/b"}) {
+        EXPECT_RAISES(judge(host, {}), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
+                      "Not a host name or an IP address: '" + host + "'");
+    }
+    EXPECT_RAISES(
+        judge("b\u00fccher.example", {}), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
+        "Not a host name or an IP address: 'b\u00fccher.example'; an international name is given as "
+        "A-labels (xn--...)");
+    for (const std::string& pin : {std::string(62, 'a'), std::string(66, 'a'), std::string(64, 'g')}) {
+        TrustOptions pinned;
+        pinned.pinnedKey = YString(pin.c_str());
+        EXPECT_RAISES(judge(Host, pinned), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
+                      "A pinned key is 64 hexadecimal digits, not " + pin);
+    }
+    TrustOptions both = scene.options;
+    both.pinnedKey = YString(scene.server->KeyHash().c_str());
+    EXPECT_RAISES(judge(Host, both), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
+                  "A pinned key stands for the trust anchor; give one of the two");
+    TrustOptions options;
+    options.revocationLists = {scene.sent};
+    EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
+                  "No revocation list can be read from the bytes given");
+    const Testing::TemporaryDirectory directory;
+    const std::string file = directory.Write("anchors", "none");
+    options.anchorFiles = {file.c_str()};
+    EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
+                  "No trust anchor can be read from " + file);
+    options.anchorFiles = {(file + "x").c_str()};
+    EXPECT_RAISES_OS(judge(Host, options), Krt::MessageType::General, ENOENT, "ReadCertificateFile",
+                     "Failed to open " + file + "x");
+    const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()),
+                                                                    &SSL_CTX_free);
+    const std::unique_ptr<SSL, decltype(&SSL_free)> connection(SSL_new(context.get()), &SSL_free);
+    EXPECT_RAISES(IsCertificateTrusted(connection.get(), Host), Krt::ErrorCode::InvalidArgument,
+                  "IsCertificateTrusted", "The handshake of the connection isn't done");
+}
+
+TEST(CertificateTrust, SummaryTellsWhatTheCertificateSays)
+{
+    Scene scene;
+    scene.serverForm.subject = "a,b\u00e9";
+    ASSERT_TRUE(scene.Judge());
+    const CertificateSummary& server = scene.report.server;
+    EXPECT_EQ(server.subject.Bytes(), "CN=a\\,b\\C3\\A9");
+    EXPECT_EQ(server.issuer.Bytes(), "CN=Middle");
+    EXPECT_EQ(server.notBefore, scene.serverForm.notBefore);
+    EXPECT_EQ(server.notAfter, scene.serverForm.notAfter);
+    EXPECT_EQ(server.keyHash.Bytes(), scene.server->KeyHash());
+}
+
+TEST(CertificateTrust, WithoutAnchorsTheSystemsStoreCounts)
+{
+    Scene scene;
+    ASSERT_TRUE(scene.Judge());
+    const Testing::TemporaryDirectory directory;
+    const std::string store = directory.Write("store.pem", scene.root->Pem());
+    scene.options.anchors.clear();
+    EXPECT_FALSE(IsCertificateTrusted(scene.sent, scene.chain, Host, scene.options));
+    setenv("SSL_CERT_FILE", store.c_str(), 1);
+    EXPECT_TRUE(IsCertificateTrusted(scene.sent, scene.chain, Host, scene.options));
+    unsetenv("SSL_CERT_FILE");
+}
+
+TEST(CertificateTrust, ConcurrentJudgementsDontMeet)
+{
+    Scene scene;
+    ASSERT_TRUE(scene.Judge());
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&scene, i] {
+            for (int round = 0; round < 20; ++round) {
+                EXPECT_EQ(IsCertificateTrusted(scene.sent, scene.chain, i % 2 == 0 ? Host : "other.example",
+                                               scene.options),
+                          i % 2 == 0);
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+} // namespace
