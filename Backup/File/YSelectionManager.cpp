@@ -3,8 +3,6 @@
 #include "Krt/Exception/Raise.h"
 #include "Krt/Log/LogSite.h"
 
-#include <algorithm>
-
 namespace Backup::File {
 
 using Krt::File::YPath;
@@ -63,13 +61,8 @@ bool YSelectionManager::Add(const YSelectionPathDescriptor& rule)
     node->PruneNodeIncludes(rule, true);
     node->PruneNodeExcludes(rule);
     node->PruneRedundantChildren(rule);
-    if (rule.IsInclude()) {
-        node->m_includes.insert(rule);
-        KRT_LOG(MessageType::SelectionBuild, "Added include " << rule);
-    } else {
-        node->m_excludes.insert(rule);
-        KRT_LOG(MessageType::SelectionBuild, "Added exclude " << rule);
-    }
+    node->Insert(rule);
+    KRT_LOG(MessageType::SelectionBuild, (rule.IsInclude() ? "Added include " : "Added exclude ") << rule);
     return true;
 }
 
@@ -111,6 +104,7 @@ void YSelectionManager::Delete(const YPath& path)
     const auto child = parent->m_children.find(components.back());
     if (child == parent->m_children.end())
         return;
+    parent->CountIncludes(-static_cast<long long>(child->second->m_includesBelow));
     parent->m_children.erase(child);
     // The word is about the node that went, the path that of the one above it.
     KRT_LOG(MessageType::SelectionBuild, "Erased node: " << parent->GetPath());
@@ -120,13 +114,14 @@ bool YSelectionManager::Delete(const YSelectionPathDescriptor& rule)
 {
     const auto lock = m_lock.WriteLock(YDuration::Zero());
     Node* node = FindNode(rule.GetPath(), false).first;
-    // The order of the sets leaves out the explicit flag, equality counts it: hence no look-up by key.
     Node::Rules& rules = rule.IsInclude() ? node->m_includes : node->m_excludes;
-    const auto stored = std::find(rules.begin(), rules.end(), static_cast<const YSelectionDescriptor&>(rule));
+    const auto stored = rules.Find(rule);
     if (stored == rules.end())
         return false;
-    if (rule.IsInclude()) // callers rely on it that a single exclude stays
-        rules.erase(stored);
+    if (rule.IsInclude()) { // callers rely on it that a single exclude stays
+        rules.Erase(stored);
+        node->CountIncludes(-1);
+    }
     while (node->IsEmpty() && node->m_parent != nullptr) {
         Node* const parent = node->m_parent;
         parent->m_children.erase(parent->m_children.find(node->m_name));
@@ -164,9 +159,7 @@ std::pair<Node*, bool> YSelectionManager::FindNode(std::span<const YString> comp
 void YSelectionManager::Clear()
 {
     const auto lock = m_lock.WriteLock(YDuration::Zero());
-    m_root->m_includes.clear();
-    m_root->m_excludes.clear();
-    m_root->m_children.clear();
+    m_root = std::make_unique<Node>();
 }
 
 void YSelectionManager::RaiseError(const char* function, unsigned int code, const YString& text)

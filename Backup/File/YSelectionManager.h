@@ -6,6 +6,7 @@
 #pragma once
 
 #include "Backup/File/YSelectionPathDescriptor.h"
+#include "Backup/File/YSelectionRules.h"
 
 #include "Krt/Thread/YReadWriteMutex.h"
 
@@ -133,9 +134,16 @@ private:
     static std::vector<Krt::File::YPath> AncestorsOf(const Krt::File::YPath& path);
     std::pair<YSelectionManagerNode*, bool> FindNode(std::span<const YString> components) const;
     void Clear();
+    // A path's components with the nodes on its way, from the root to the deepest that exists: looked up once
+    // for all questions of a query. The public questions make one each.
+    class Way; // in YSelectionManagerQuery.cpp
+    bool MatchesInclude(const Way& way) const;
+    bool MatchesExclude(const Way& way, bool& reportable) const;
     // Whether an exclude of the node at this depth matches a component and isn't overridden.
-    bool NodeExcludes(const YSelectionManagerNode& node, const Components& components, std::size_t depth,
-                      bool& reportable) const;
+    bool NodeExcludes(const Way& way, std::size_t depth, bool& reportable) const;
+    bool AllChildrenAreExcludedNotReportably(const Way& way) const;
+    bool AnyIncludesApplyBelow(const Way& way) const;
+    bool IsAnyExplicitSelectionBelow(const Way& way, std::size_t index) const;
     void AddCopyFromAbove(const YSelectionDescriptor& rule, bool atParent, const Krt::File::YPath& sourcePath,
                           const Krt::File::YPath& destinationPath);
 
@@ -181,7 +189,7 @@ public:
     bool HasAnyIncludes() const { return !m_includes.empty(); }
     bool HasAnyRecursiveIncludes() const;
     /// At this node or below.
-    bool HasAnyIncludesBelow() const;
+    bool HasAnyIncludesBelow() const { return m_includesBelow != 0; }
 
     /// As the operations of the manager, from this node on.
     bool VisitPaths(SelectionType type, PathVisitor visitor) const;
@@ -196,13 +204,16 @@ private:
     class Walk; // in YSelectionNodeWalk.h
 
     using Children = std::map<YString, std::unique_ptr<YSelectionManagerNode>>;
-    using Rules = std::set<YSelectionDescriptor>;
+    using Rules = YSelectionRules;
 
     YSelectionManagerNode* FindChild(const YString& name) const;
     YSelectionManagerNode& GetOrAddChild(const YString& name);
     bool IsEmpty() const { return m_children.empty() && m_includes.empty() && m_excludes.empty(); }
     // Whether a recursive explicit include for all names stands here.
     bool SelectsAllExplicitly() const;
+    void Insert(const YSelectionDescriptor& rule);
+    // Changes the number of includes of this node and of all above.
+    void CountIncludes(long long change);
     // Null for a type that no rule has.
     const Rules* RulesOfType(SelectionType type) const;
     // Visits the rules of these types, in their order within each node.
@@ -215,6 +226,7 @@ private:
     YSelectionManagerNode* m_parent = nullptr;
     Rules m_includes;
     Rules m_excludes;
+    unsigned long long m_includesBelow = 0; // those of this node and of all nodes below it
 };
 
 /// Every node with its addresses, for diagnosis; not protected against a change meanwhile.

@@ -60,6 +60,7 @@ std::unique_ptr<Node> Node::CopyRecursive(const YSelectionManagerNode& source, Y
         auto copy = std::make_unique<Node>(original->m_name, above.empty() ? parent : above.back());
         copy->m_includes = original->m_includes;
         copy->m_excludes = original->m_excludes;
+        copy->m_includesBelow = original->m_includesBelow;
         Node* const node = copy.get();
         if (above.empty()) {
             top = std::move(copy);
@@ -89,22 +90,35 @@ bool Node::operator==(const YSelectionManagerNode& other) const
     return true;
 }
 
+void Node::Insert(const YSelectionDescriptor& rule)
+{
+    if (rule.IsExclude())
+        m_excludes.Insert(rule);
+    else if (m_includes.Insert(rule))
+        CountIncludes(1);
+}
+
+void Node::CountIncludes(long long change)
+{
+    for (Node* node = this; change != 0 && node != nullptr; node = node->m_parent)
+        node->m_includesBelow += static_cast<unsigned long long>(change);
+}
+
 void Node::PruneNodeIncludes(const YSelectionDescriptor& rule, bool pruneExplicit)
 {
-    std::erase_if(m_includes, [&](const YSelectionDescriptor& stored) {
-        if ((stored.GetExplicitSelection() && !pruneExplicit) || !rule.CanPrune(stored))
+    const std::size_t pruned = m_includes.EraseCovered(rule, [&](const YSelectionDescriptor& stored) {
+        if (stored.GetExplicitSelection() && !pruneExplicit)
             return false;
         KRT_LOG(MessageType::SelectionBuild,
                 "At node for " << GetPath() << " include descriptor " << rule << " prunes " << stored);
         return true;
     });
+    CountIncludes(-static_cast<long long>(pruned));
 }
 
 void Node::PruneNodeExcludes(const YSelectionDescriptor& rule)
 {
-    std::erase_if(m_excludes, [&](const YSelectionDescriptor& stored) {
-        if (!rule.CanPrune(stored))
-            return false;
+    m_excludes.EraseCovered(rule, [&](const YSelectionDescriptor& stored) {
         KRT_LOG(MessageType::SelectionBuild,
                 "At node for " << GetPath() << " exclude descriptor " << rule << " prunes " << stored);
         return true;
@@ -140,20 +154,17 @@ void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
 bool Node::DoesNodePruneDescriptor(const YSelectionDescriptor& candidate,
                                    bool checkNonRecursiveDescriptors) const
 {
-    return std::any_of(m_includes.begin(), m_includes.end(),
-                       [&](const YSelectionDescriptor& rule) {
-                           return (checkNonRecursiveDescriptors ||
-                                   (rule.IsRecursive() && !rule.GetExplicitSelection())) &&
-                                  rule.CanPrune(candidate);
-                       }) ||
-           std::any_of(m_excludes.begin(), m_excludes.end(), [&](const YSelectionDescriptor& rule) {
-               return (checkNonRecursiveDescriptors || rule.IsRecursive()) && rule.CanPrune(candidate);
-           });
+    return m_includes.VisitThoseCovering(candidate, [&](const YSelectionDescriptor& rule) {
+        return (checkNonRecursiveDescriptors || (rule.IsRecursive() && !rule.GetExplicitSelection())) &&
+               rule.CanPrune(candidate);
+    }) || m_excludes.VisitThoseCovering(candidate, [&](const YSelectionDescriptor& rule) {
+        return (checkNonRecursiveDescriptors || rule.IsRecursive()) && rule.CanPrune(candidate);
+    });
 }
 
 bool Node::MatchesInclude(const YString& name, bool checkNonRecursiveDescriptors) const
 {
-    return std::any_of(m_includes.begin(), m_includes.end(), [&](const YSelectionDescriptor& rule) {
+    return m_includes.VisitThoseAbout(name, [&](const YSelectionDescriptor& rule) {
         return (checkNonRecursiveDescriptors || rule.IsRecursive()) &&
                Krt::Match::Check(name, rule.GetDescriptor());
     });
@@ -163,19 +174,20 @@ bool Node::MatchesExclude(const YString& name, bool checkNonRecursiveDescriptors
 {
     bool matched = false;
     reportable = false;
-    for (const YSelectionDescriptor& rule : m_excludes) {
+    m_excludes.VisitThoseAbout(name, [&](const YSelectionDescriptor& rule) {
         if ((checkNonRecursiveDescriptors || rule.IsRecursive()) &&
             Krt::Match::Check(name, rule.GetDescriptor())) {
             matched = true;
             reportable = reportable || rule.GetReportExclude();
         }
-    }
+        return reportable; // the last thing to find out
+    });
     return matched;
 }
 
 bool Node::MatchesExplicitExactNonRecursiveInclude(const YString& name) const
 {
-    return std::any_of(m_includes.begin(), m_includes.end(), [&](const YSelectionDescriptor& rule) {
+    return m_includes.VisitThoseAbout(name, [&](const YSelectionDescriptor& rule) {
         return rule.GetExplicitSelection() && !rule.IsRecursive() &&
                rule.GetDescriptor().GetMatchType() == MatchType::Exact &&
                Krt::Match::Check(name, rule.GetDescriptor());
@@ -185,36 +197,22 @@ bool Node::MatchesExplicitExactNonRecursiveInclude(const YString& name) const
 bool Node::AllChildrenAreExcludedNotReportably() const
 {
     bool covered = false;
-    for (const YSelectionDescriptor& rule : m_excludes) {
-        if (!rule.CoversAllNames())
-            continue;
-        if (rule.GetReportExclude())
-            return false;
+    const bool isReported = m_excludes.VisitThoseAboutAll([&](const YSelectionDescriptor& rule) {
         covered = true;
-    }
-    return covered;
+        return rule.GetReportExclude();
+    });
+    return covered && !isReported;
 }
 
 bool Node::HasAnyRecursiveIncludes() const
 {
-    return std::any_of(m_includes.begin(), m_includes.end(),
-                       [](const YSelectionDescriptor& rule) { return rule.IsRecursive(); });
-}
-
-bool Node::HasAnyIncludesBelow() const
-{
-    for (Walk walk(*this); walk.Current() != nullptr; walk.Next()) {
-        if (walk.Current()->HasAnyIncludes())
-            return true;
-    }
-    return false;
+    return m_includes.HasRecursive();
 }
 
 bool Node::SelectsAllExplicitly() const
 {
-    return std::any_of(m_includes.begin(), m_includes.end(), [](const YSelectionDescriptor& rule) {
-        return rule.IsRecursive() && rule.GetExplicitSelection() && rule.CoversAllNames();
-    });
+    return m_includes.VisitThoseAboutAll(
+        [](const YSelectionDescriptor& rule) { return rule.IsRecursive() && rule.GetExplicitSelection(); });
 }
 
 Node* Node::FindChild(const YString& name) const

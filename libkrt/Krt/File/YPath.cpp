@@ -105,7 +105,8 @@ YPath::YPath(const YPath& other) : YString(other)
 
 YPath::YPath(YPath&& other) noexcept
     : YString(std::move(other)), m_withSeparator(std::move(other.m_withSeparator)),
-      m_components(std::move(other.m_components))
+      m_components(std::move(other.m_components)),
+      m_isSplit(other.m_isSplit.exchange(false, std::memory_order_relaxed))
 {}
 
 YPath& YPath::operator=(const YPath& other)
@@ -122,6 +123,8 @@ YPath& YPath::operator=(YPath&& other) noexcept
     if (this != &other) {
         m_withSeparator = std::move(other.m_withSeparator);
         m_components = std::move(other.m_components);
+        m_isSplit.store(other.m_isSplit.exchange(false, std::memory_order_relaxed),
+                        std::memory_order_relaxed);
         YString::operator=(std::move(other));
     }
     return *this;
@@ -134,7 +137,8 @@ void YPath::Initialize()
     if (Bytes().ends_with(Separator))
         YString::operator=(RemovePathSep(*this, Separator));
     m_withSeparator.reset();
-    m_components.reset();
+    m_components.clear();
+    m_isSplit.store(false, std::memory_order_relaxed);
 }
 
 YString YPath::ConvertToOsPathSep(const YString& path, const char* separator)
@@ -301,10 +305,14 @@ YString YPath::GetComponent(unsigned int index) const
 
 const std::vector<YString>& YPath::PopulateComponents() const
 {
-    const Thread::SpinGuard guard(m_lock);
-    if (!m_components)
-        m_components = std::make_unique<std::vector<YString>>(SplitRelativePath(*this));
-    return *m_components;
+    if (!m_isSplit.load(std::memory_order_acquire)) {
+        const Thread::SpinGuard guard(m_lock);
+        if (!m_isSplit.load(std::memory_order_relaxed)) {
+            m_components = SplitRelativePath(*this);
+            m_isSplit.store(true, std::memory_order_release);
+        }
+    }
+    return m_components;
 }
 
 YPath YPath::Append(const YString& other) const

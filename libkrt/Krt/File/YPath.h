@@ -7,6 +7,7 @@
 #include "Krt/String/YString.h"
 #include "Krt/Thread/SpinLock.h"
 
+#include <atomic>
 #include <list>
 #include <memory>
 #include <vector>
@@ -79,7 +80,9 @@ private:
     void Initialize();
 
     mutable std::unique_ptr<YString> m_withSeparator;
-    mutable std::unique_ptr<std::vector<YString>> m_components;
+    mutable std::vector<YString> m_components;
+    // Set once the vector is filled, and never taken back; so who finds it set needs no lock.
+    mutable std::atomic<bool> m_isSplit{false};
     mutable Thread::SpinLock m_lock;
 };
 

@@ -45,6 +45,14 @@ std::string_view TakeCharacter(std::string_view& text)
     return character;
 }
 
+// Whether the pattern has no wildcard and can't begin within a character of the name. Behind a star, the
+// last bytes alone decide then.
+bool IsPlainFromCharacterOn(std::string_view pattern)
+{
+    return (static_cast<unsigned char>(pattern.front()) & 0xC0) != 0x80 &&
+           std::none_of(pattern.begin(), pattern.end(), [](char c) { return c == '*' || c == '?'; });
+}
+
 // Only the last star passed can have taken too little, so going back there alone is enough, and the time is
 // at worst the product of the two lengths.
 bool MatchesGlob(std::string_view name, std::string_view pattern, bool caseSensitive)
@@ -57,6 +65,8 @@ bool MatchesGlob(std::string_view name, std::string_view pattern, bool caseSensi
             pattern.remove_prefix(1);
             if (pattern.empty())
                 return true;
+            if (caseSensitive && IsPlainFromCharacterOn(pattern))
+                return name.ends_with(pattern);
             starred = true;
             retryName = name;
             retryPattern = pattern;

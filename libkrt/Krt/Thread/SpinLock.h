@@ -19,13 +19,16 @@ public:
                 Yield();
             m_lockOwner.store(me, std::memory_order_relaxed);
         }
-        m_lockCount.fetch_add(1, std::memory_order_relaxed);
+        // The owner alone writes the count, so that no locked instruction is needed.
+        m_lockCount.store(m_lockCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
 
     // The owner is cleared before the flag is given up, so that only its own thread ever reads its id here.
     void Leave() noexcept
     {
-        if (m_lockCount.fetch_sub(1, std::memory_order_relaxed) == 1) {
+        const unsigned int count = m_lockCount.load(std::memory_order_relaxed) - 1;
+        m_lockCount.store(count, std::memory_order_relaxed);
+        if (count == 0) {
             m_lockOwner.store(Free, std::memory_order_relaxed);
             m_lockFlag.store(0, std::memory_order_release);
         }
