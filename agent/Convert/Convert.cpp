@@ -1,6 +1,5 @@
 #include "agent/Convert/Convert.h"
 
-#include "agent/Cli/Report.h"
 #include "agent/Cli/Text.h"
 #include "agent/Convert/PathMapping.h"
 
@@ -45,6 +44,14 @@ boost::shared_ptr<YMetadataBase> ConvertedRecords::Next()
 void ConvertedRecords::Fail(const YString& reason)
 {
     m_report.EntryFailed(YString("line " + std::to_string(m_record.line)), reason);
+}
+
+void RecordWriter::Write(const YMetadataBase& record)
+{
+    m_line.clear();
+    Krt::JSON::YValue::FromObject(record.ToJSON()).StringifyTo(m_line);
+    m_line += '\n';
+    m_output << m_line;
 }
 
 } // namespace Agent

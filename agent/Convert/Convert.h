@@ -2,6 +2,7 @@
 // modern form.
 #pragma once
 
+#include "agent/Cli/Report.h"
 #include "agent/Convert/KnownKeys.h"
 #include "agent/Convert/RecordReader.h"
 
@@ -46,6 +47,19 @@ private:
     KnownKeys m_keys;
     InputRecord m_record;
     Report& m_report;
+};
+
+/// Writes records in the modern form, a line each.
+class RecordWriter
+{
+public:
+    explicit RecordWriter(Output& output) : m_output(output) {}
+    /// Raises the output's error.
+    void Write(const Backup::File::YMetadataBase& record);
+
+private:
+    Output& m_output;
+    std::string m_line;
 };
 
 } // namespace Agent

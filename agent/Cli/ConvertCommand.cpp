@@ -1,0 +1,49 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Cli/RecordArguments.h"
+#include "agent/Convert/Convert.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Agent {
+
+namespace {
+
+class ConvertCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    RecordArguments m_records;
+};
+
+CLI::App* ConvertCommand::Register(CLI::App& program)
+{
+    CLI::App* const command =
+        program.add_subcommand("convert", "Write records of any form in the modern form");
+    m_records.AddTo(*command);
+    command->footer(
+        "FILE holds a record a line, or records written over many lines, or an array of them. Each comes\n"
+        "out as a line. What can't be converted is told with its line, and left out.\n\n" +
+        std::string(JobPathHelp) + "Example: kbagent convert old-records.json > records.jsonl");
+    return command;
+}
+
+void ConvertCommand::Run(Report& report)
+{
+    ConvertedRecords records(m_records.GetFile(), m_records.GetBase(), report);
+    RecordWriter writer(report.Out());
+    while (const auto record = records.Next())
+        writer.Write(*record);
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeConvertCommand()
+{
+    return std::make_unique<ConvertCommand>();
+}
+
+} // namespace Agent

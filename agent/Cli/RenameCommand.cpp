@@ -1,0 +1,80 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Cli/RecordArguments.h"
+#include "agent/Cli/Text.h"
+#include "agent/Convert/Convert.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+
+namespace Agent {
+
+using Backup::YJobPath;
+
+namespace {
+
+class RenameCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    RecordArguments m_records;
+    std::string m_from;
+    std::string m_to;
+};
+
+CLI::App* RenameCommand::Register(CLI::App& program)
+{
+    CLI::App* const command =
+        program.add_subcommand("rename", "Move the paths of records from below one job path to another");
+    m_records.AddTo(*command);
+    command->add_option("--from", m_from, "What is moved, with all below it")
+        ->type_name("JOBPATH")
+        ->required();
+    command->add_option("--to", m_to, "Where it comes to lie")->type_name("JOBPATH")->required();
+    command->footer(
+        "A file or directory keeps its name: --from /home/a --to /srv makes /srv/a of /home/a. Anything\n"
+        "else gives way to the new path as a whole. Of a record with several paths the first one below\n"
+        "--from is moved, and the others are dropped. All other records stay as they are. Records are\n"
+        "read and written as convert does.\n\n" +
+        std::string(JobPathHelp) +
+        "Example: kbagent rename --from 'C:\\Users' --to /srv/restored records.jsonl");
+    return command;
+}
+
+void RenameCommand::Run(Report& report)
+{
+    const std::vector<YJobPath> sources = JobPathArgument("--from", m_from);
+    const YJobPath destination = JobPathArgument("--to", m_to).front();
+    if (sources.front().GetComponentCount() == 0)
+        throw UsageError("--from names no component");
+
+    ConvertedRecords records(m_records.GetFile(), m_records.GetBase(), report);
+    RecordWriter writer(report.Out());
+    bool isAnyRenamed = false;
+    while (const auto record = records.Next()) {
+        try {
+            isAnyRenamed |= std::any_of(sources.begin(), sources.end(), [&](const YJobPath& source) {
+                return record->RenamePath(source, destination);
+            });
+        } catch (const Krt::Exception::YError& error) {
+            records.Fail(ReasonOf(error));
+            continue;
+        }
+        writer.Write(*record);
+    }
+    if (!isAnyRenamed)
+        report.Note("No record was renamed: none lies at or below --from");
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeRenameCommand()
+{
+    return std::make_unique<RenameCommand>();
+}
+
+} // namespace Agent

@@ -1,0 +1,358 @@
+// Records of any form in, modern records out: what is damaged loses itself alone and is told with its line.
+#include "agent/Convert/PathMapping.h"
+#include "agent/Convert/RecordReader.h"
+
+#include "testing/LegacyHeaderBuilder.h"
+#include "testing/Program.h"
+#include "testing/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+using namespace Agent;
+using namespace std::string_literals;
+using Backup::YJobPath;
+using Krt::JSON::YObject;
+using Krt::JSON::YValue;
+using Testing::ReadFile;
+using Testing::RunProgram;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+std::string Golden(const std::string& name)
+{
+    return ReadFile(GOLDEN_DIRECTORY "/" + name + ".json");
+}
+
+std::string Indented(const std::string& json)
+{
+    return YValue::Parse(json)->Stringify(false).Bytes();
+}
+
+// "LINE RECORD" for what is one, "LINE: REASON" for what is none; the longest texts in short.
+Lines Read(const std::string& text)
+{
+    const Testing::TemporaryDirectory directory;
+    RecordReader reader(directory.Write("input", text));
+    Lines lines;
+    for (InputRecord record; reader.Next(record);) {
+        const std::string content =
+            record.json ? " " + record.json->Stringify(true).Bytes() : ": " + record.reason.Bytes();
+        lines.push_back(std::to_string(record.line) + content);
+    }
+    return lines;
+}
+
+// Components between "|", those of files in brackets.
+std::string Text(const YJobPath& path)
+{
+    std::string text;
+    for (unsigned long i = 0; i < path.GetComponentCount(); ++i) {
+        const YJobPath::Component& component = path.GetComponent(i);
+        const bool isFile = component.m_classId == YJobPath::ClassFileSystemFile;
+        text +=
+            (i == 0 ? "" : "|") + (isFile ? "[" + component.m_name.Bytes() + "]" : component.m_name.Bytes());
+    }
+    return text;
+}
+
+std::string UnixRecord(const std::string& components)
+{
+    return R"({"metadata_type":"unix","file_size":0,"last_changed_time":0,"last_write_time":0,)"
+           R"("last_access_time":0,"mode_flags":33188,"is_directory":0,"user_id":0,"group_id":0,)"
+           R"("file_path":{"components":[)" +
+           components + R"(]},"symbolic_link_target":"","extended_attributes":[]})";
+}
+
+std::string Component(int classId, const std::string& name)
+{
+    return "{\"class_id\":" + std::to_string(classId) + ",\"subclass_id\":0,\"name\":\"" + name + "\"}";
+}
+
+TEST(RecordReader, FormsOfText)
+{
+    const struct
+    {
+        const char* name;
+        std::string text;
+        Lines records;
+    } cases[] = {
+        {"nothing", "\n \r\n", {}},
+        {"lines", "{\"a\":1}\n\n{\"a\":2}\r\n  {\"a\":3}", {"1 {\"a\":1}", "3 {\"a\":2}", "4 {\"a\":3}"}},
+        {"byte order mark", "\xEF\xBB\xBF{\"a\":1}", {"1 {\"a\":1}"}},
+        {"documents",
+         "\n{\n  \"a\": [\n    {},\n    1\n  ]\n}\n{\n\"b\":\n{}\n}\n{\"c\":3}\n",
+         {"2 {\"a\":[{},1]}", "8 {\"b\":{}}", "12 {\"c\":3}"}},
+        {"document with inner objects not indented",
+         "{\"a\":[\n{\"b\":1},\n{\"b\":2}\n]}\n{}",
+         {"1 {\"a\":[{\"b\":1},{\"b\":2}]}", "5 {}"}},
+        {"array in a line", "[{\"a\":1},{\"a\":\"[,]}\"}]", {"1 {\"a\":1}", "1 {\"a\":\"[,]}\"}"}},
+        {"array over lines",
+         "[\n  {\n    \"a\": [\n      {}\n    ]\n  },\n  {}\n]\n{}",
+         {"2 {\"a\":[{}]}", "7 {}", "9 {}"}},
+        {"empty array, then another", "[ ]\n[\n{}]", {"3 {}"}},
+    };
+    for (const auto& row : cases)
+        EXPECT_EQ(Read(row.text), row.records) << row.name;
+}
+
+TEST(RecordReader, DamageLosesItselfAlone)
+{
+    const std::string json = "Invalid JSON text: ";
+    const std::string noEnd = "This record is damaged or has no end";
+    const struct
+    {
+        const char* name;
+        std::string text;
+        Lines records;
+    } cases[] = {
+        {"words", "{}\ngarbage\n{}", {"1 {}", "2: " + json + "syntax error at offset 0", "3 {}"}},
+        {"other values",
+         "[1]\n\"{\"\n{}",
+         {"1: This is no JSON object", "2: This is no JSON object", "3 {}"}},
+        {"cut off at the end of a text",
+         "{\"a\":\"b\n{}",
+         {"1: " + json + "incomplete JSON at offset 7", "2 {}"}},
+        {"cut off behind a value", "{\"a\":1\n{}\n{}", {"1: " + noEnd, "2 {}", "3 {}"}},
+        {"cut off where an object may begin",
+         "{\"a\":[\n{\"b\":1}\n{}\n{}",
+         {"1: " + noEnd, "2 {\"b\":1}", "3 {}", "4 {}"}},
+        {"the same at the end", "{\"a\":[\n{\"b\":1}", {"1: " + noEnd, "2 {\"b\":1}"}},
+        {"its front is missing",
+         "[{}]},\"b\":1}\n{}",
+         {"1 {}", "1: " + json + "syntax error at offset 0", "2 {}"}},
+        {"more in the line", "{} x\n{}", {"1: " + json + "extra data at offset 3", "2 {}"}},
+        {"number that is none of ours",
+         "{\n\"a\": -1\n}\n{}",
+         {"1: " + json + "negative number at offset 7", "4 {}"}},
+        {"NUL",
+         "{\"a\":\"\0\"}\n\0\n{}"s,
+         {"1: " + json + "syntax error at offset 6", "2: " + json + "syntax error at offset 0", "3 {}"}},
+        {"no UTF-8", "{\"a\":\"\xff\"}\n{}", {"1: " + json + "syntax error at offset 6", "2 {}"}},
+        {"document that breaks", "{\n  \"a\n  {\n}\n{}", {"1: This record is damaged, in line 2", "5 {}"}},
+        {"document without an end", "{\n  \"a\": 1,\n{\n  \"b\": 1\n}", {"1: " + noEnd, "3 {\"b\":1}"}},
+        {"document with more behind it",
+         "{\n} x\n{}",
+         {"1: There is more behind the end of this record, in line 2", "3 {}"}},
+        {"input that ends in a line", "{}\n{\"a\":", {"1 {}", "2: " + json + "incomplete JSON at offset 5"}},
+        {"input that ends in a document",
+         "{\n  \"a\": 1,\n",
+         {"1: The input ends within this record, in line 2"}},
+        {"input that ends in an array", "[{},\n", {"1 {}", "2: The input ends within an array"}},
+        {"input that ends in an element",
+         "[\n  {},\n  {\n",
+         {"2 {}", "3: The input ends within this record, in line 3"}},
+        {"element that breaks",
+         "[\n  {\"a\":\"\n    {\n  },\n  {},\n  {]\n]",
+         {"2: This record is damaged, in line 2", "5 {}", "6: This record is damaged, in line 6"}},
+        {"elements that are none",
+         "[{}, null, [1]]\n{}",
+         {"1 {}", "1: This is no JSON object", "1: This is no JSON object", "2 {}"}},
+        {"commas",
+         "[{},,\n{}{},]",
+         {"1 {}", "1: A comma without a record in front of it", "2 {}",
+          "2: There is no comma in front of this record", "2 {}", "2: A comma without a record behind it"}},
+    };
+    for (const auto& row : cases)
+        EXPECT_EQ(Read(row.text), row.records) << row.name;
+}
+
+TEST(RecordReader, WhatIsTooLongIsSkipped)
+{
+    const std::string text(RecordReader::RecordLimit, 'x');
+    const std::string reason = ": This record is longer than 16777216 bytes";
+    const std::string longest = "{\"a\":\"" + text.substr(8) + "\"}";
+    EXPECT_EQ(Read(longest + "\n{}"), (Lines{"1 " + longest, "2 {}"}));
+    const struct
+    {
+        const char* name;
+        std::string text;
+        Lines records;
+    } cases[] = {
+        {"a line", "{\"a\":\"" + text + "\"}\n{}", {"1" + reason, "2 {}"}},
+        {"a line without brackets", text + "x\n{}", {"1" + reason, "2 {}"}},
+        {"a line that is cut off", "{\"a\":[\"" + text + "\",\n{}", {"1" + reason, "2 {}"}},
+        {"a document", "{\n\"a\":\"" + text + "\"\n}\n{}", {"1" + reason, "4 {}"}},
+        {"an element", "[{},{\"a\":\"" + text + text + "\"},{}]", {"1 {}", "1" + reason, "1 {}"}},
+    };
+    for (const auto& row : cases)
+        EXPECT_EQ(Read(row.text), row.records) << row.name;
+}
+
+TEST(PathMapping, WindowsPathsBecomeComponents)
+{
+    const std::string guid = "\\\\?\\Volume{b75e2c83-0000-0000-0000-602f00000000}";
+    const std::string shadow = "\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy3";
+    const struct
+    {
+        const char* name;
+        std::string path;
+        std::string text; // of a file; what "<>" stands in is the volume
+    } cases[] = {
+        {"drive", "C:\\dir\\f", "C:|dir|[f]"},
+        {"drive alone", "C:\\", "C:"},
+        {"drive without a separator", "C:f", "C:|[f]"},
+        {"drive behind a slash", "/C:/dir/f", "C:|dir|[f]"},
+        {"both separators", "C:\\dir/x\\\\y\\", "C:|dir|x|[y]"},
+        {"name like a drive", "C:\\D:\\f", "C:|D:|[f]"},
+        {"name like a drive, at once", "C:D:\\f", "C:|D:|[f]"},
+        {"long form", "\\\\?\\d:\\dir\\f", "\\\\?\\d:|dir|[f]"},
+        {"volume", guid + "\\dir\\f", guid + "|dir|[f]"},
+        {"volume alone", guid + "\\", guid},
+        {"volume with slashes", guid + "/dir/f", guid + "|dir|[f]"},
+        {"shadow copy", shadow + "\\dir\\f", shadow + "|dir|[f]"},
+        {"server", "\\\\server\\share\\f", "server|share|[f]"},
+        {"server in the long form", "\\\\?\\UNC\\server\\share\\f", "UNC|server|share|[f]"},
+        {"names of dots", "C:\\.\\..\\...", "C:|..|[...]"},
+    };
+    const auto mapper = MakeWindowsMapper(YJobPath("job"));
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(Text(mapper(Krt::File::YPath(row.path.c_str()), false)), "job|" + row.text);
+        std::string directory = row.text;
+        std::erase_if(directory, [](char byte) { return byte == '[' || byte == ']'; });
+        EXPECT_EQ(Text(mapper(Krt::File::YPath(row.path.c_str()), true)), "job|" + directory);
+    }
+    // A Unix name is never taken apart.
+    EXPECT_EQ(Text(MakeUnixMapper(YJobPath())("/a/C:\\b\\c", false)), "a|[C:\\b\\c]");
+}
+
+class Convert : public ::testing::Test
+{
+protected:
+    Testing::ProgramResult Run(const std::string& text, Lines arguments = {"convert"}) const
+    {
+        arguments.push_back(directory.Write("input", text));
+        return RunProgram(arguments);
+    }
+
+    Testing::TemporaryDirectory directory;
+};
+
+TEST_F(Convert, EveryFormBecomesModern)
+{
+    for (const std::string kind : {"unix-file", "unix-link", "win-file", "win-directory"}) {
+        SCOPED_TRACE(kind);
+        const auto result = Run(Golden("legacy-" + kind), {"convert", "--base", "job"});
+        EXPECT_EQ(result.output, Golden("legacy-" + kind + "-converted") + "\n");
+        EXPECT_EQ(result.errors, "");
+        EXPECT_EQ(result.exitCode, 0);
+    }
+    std::string lines, documents, array;
+    for (const std::string kind :
+         {"ods", "unix-directory", "unix-file", "unix-link", "win-directory", "win-file"}) {
+        const std::string record = Golden("metadata-" + kind);
+        lines += record + "\n";
+        documents += Indented(record) + "\n";
+        array += (array.empty() ? "[" : ",") + Indented(record);
+    }
+    for (const std::string& text : {lines, documents, array + "]"}) {
+        const auto result = Run(text);
+        EXPECT_EQ(result.output, lines);
+        EXPECT_EQ(result.errors, "");
+        EXPECT_EQ(result.exitCode, 0);
+    }
+}
+
+TEST_F(Convert, LegacyWindowsPathsLoseTheirBackslashes)
+{
+    auto header = Testing::SampleWindowsFile(L"C:\\dir\\f*F~1\0\r"s, 1);
+    const std::string record =
+        YValue::FromObject(Testing::LegacyDocument("win", header.Bytes())).Stringify(true).Bytes();
+    const auto result = Run(record);
+    EXPECT_NE(result.output.find("\"file_paths\":[{\"long\":{\"components\":[" + Component(0x602, "C:") +
+                                 "," + Component(0x602, "dir") + "," + Component(0x603, "f") +
+                                 "]},\"short\":\"F~1\"}]"),
+              std::string::npos)
+        << result.output << result.errors;
+}
+
+TEST_F(Convert, FailuresAreToldAndTheRestGoesOn)
+{
+    const std::string good = Golden("metadata-unix-file");
+    const auto result = Run("{\"metadata_type\":\"vms\"}\n" + good + "\n{}\n" +
+                            R"({"metadata_type":"unix","legacy_metadata":"AAAA"})" + "\n{\n" + good);
+    EXPECT_EQ(result.output, good + "\n" + good + "\n");
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_EQ(result.errors,
+              "kbagent: line 1: Invalid metadataType: vms\n"
+              "kbagent: line 3: JSON object has no key \"metadata_type\"\n"
+              "kbagent: line 4: Invalid legacy metadata: Buffer too small to contain a BASE_HDR\n"
+              "kbagent: line 5: This record is damaged or has no end\n");
+    const auto missing = RunProgram({"convert", directory / "missing"});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_NE(missing.errors.find("missing: No such file"), std::string::npos) << missing.errors;
+    EXPECT_EQ(RunProgram({"convert", directory.Path()}).exitCode, 1);
+}
+
+TEST_F(Convert, UnknownKeysAreNamedOnce)
+{
+    const std::string record = UnixRecord(R"({"class_id":0,"subclass_id":0,"name":"a","colour":1})")
+                                   .insert(1, R"("colour":{"name":1},)");
+    const auto result = Run(record + "\n" + record + "\n" + Golden("metadata-win-file"));
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 3);
+    EXPECT_EQ(result.errors,
+              "kbagent: Warning: no record has a key \"colour\"; it is left out (first in line 1)\n"
+              "kbagent: Warning: no record has a key \"file_path.components.colour\"; it is left out (first "
+              "in line 1)\n");
+    std::string many = "{";
+    for (int i = 0; i < 20000; ++i)
+        many += "\"key" + std::to_string(i) + "\":1,";
+    const auto limited = Run(many + "\"metadata_type\":\"ods\"}");
+    EXPECT_NE(limited.errors.find("more keys are unknown than can be told"), std::string::npos);
+    EXPECT_LT(limited.errors.size(), 1000000u);
+}
+
+TEST_F(Convert, RenameMovesWhatLiesBelow)
+{
+    const std::string home = Component(0x602, "home");
+    const std::string file = Component(0x603, "f");
+    const std::string job = Component(0x1000, "job");
+    const std::string srv = Component(0x602, "srv");
+    const std::string ofJob = UnixRecord(job + "," + home + "," + file);
+    const std::string ods = R"({"metadata_type":"ods","job_path":{"components":[)" + job + "]}}";
+    const auto windows = [](const std::string& paths) {
+        std::string text = Golden("metadata-win-file");
+        const std::size_t begin = text.find("[{\"long\"");
+        return text.replace(begin, text.find("],\"permission") - begin, "[" + paths);
+    };
+    const struct
+    {
+        const char* name;
+        std::string from;
+        std::string record;
+        std::string renamed;
+        int exitCode = 0;
+    } cases[] = {
+        {"directory keeps its name", "/home", UnixRecord(home + "," + file),
+         UnixRecord(srv + "," + home + "," + file)},
+        {"file by its path", "/home/f", UnixRecord(home + "," + file), UnixRecord(srv + "," + file)},
+        {"outside", "/homes", UnixRecord(home + "," + file), UnixRecord(home + "," + file)},
+        {"another class gives way", "{\"components\":[" + job + "]}", ofJob,
+         UnixRecord(srv + "," + home + "," + file)},
+        {"another class is no directory", "/job", ofJob, ofJob},
+        {"volume and all paths but one", "C:\\", Golden("metadata-win-file"),
+         windows("{\"long\":{\"components\":[" + srv + "," + Component(0x602, "C") + "," +
+                 Component(0x603, "Long name.txt") + "]},\"short\":\"\"}")},
+        {"second path", "C:\\hard link", Golden("metadata-win-file"),
+         windows("{\"long\":{\"components\":[" + srv + "," + Component(0x603, "hard link") +
+                 "]},\"short\":\"\"}")},
+        {"ODS outside", "/job", ods, ods},
+        {"ODS within", "{\"components\":[" + job + "]}", ods, "", 3},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        const auto result = Run(row.record, {"rename", "--from", row.from, "--to", "/srv"});
+        EXPECT_EQ(result.output, row.renamed + (row.renamed.empty() ? "" : "\n")) << result.errors;
+        EXPECT_EQ(result.exitCode, row.exitCode);
+        EXPECT_EQ(result.errors.find("No record was renamed") != std::string::npos,
+                  row.renamed == row.record || row.exitCode == 3);
+    }
+    EXPECT_EQ(Run("", {"rename", "--from", "/", "--to", "/srv"}).exitCode, 2);
+    EXPECT_EQ(Run("", {"rename", "--from", "/a", "--to", "{\"components\":1}"}).exitCode, 2);
+}
+
+} // namespace
