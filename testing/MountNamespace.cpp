@@ -1,0 +1,308 @@
+#include "testing/MountNamespace.h"
+
+#include "Krt/Volume/MountTable.h"
+
+#include <gtest/gtest-spi.h>
+
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <linux/btrfs.h>
+#include <linux/loop.h>
+#include <memory>
+#include <sched.h>
+#include <sstream>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace Testing {
+
+namespace fs = std::filesystem;
+using testing::TestPartResult;
+
+namespace {
+
+constexpr off_t ImageBytes =
+    128 << 20; // sparse; the smallest that both kinds of file system are content with
+
+[[noreturn]] void Refuse(const std::string& what)
+{
+    throw Unavailable(what + ": " + std::strerror(errno));
+}
+
+class Descriptor
+{
+public:
+    explicit Descriptor(const std::string& path, int flags = O_RDWR)
+        : m_descriptor(open(path.c_str(), flags | O_CLOEXEC, 0600))
+    {
+        if (m_descriptor < 0)
+            Refuse(path);
+    }
+    ~Descriptor() { close(m_descriptor); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    operator int() const { return m_descriptor; }
+
+private:
+    int m_descriptor;
+};
+
+// Results of a test, each as kind, file, line and message.
+std::string ResultsText(const testing::TestPartResultArray& results)
+{
+    std::string report;
+    for (int i = 0; i < results.size(); ++i) {
+        const TestPartResult& result = results.GetTestPartResult(i);
+        const std::string file = result.file_name() != nullptr ? result.file_name() : "";
+        for (const std::string& field : {std::to_string(result.type()), file,
+                                         std::to_string(result.line_number()), std::string(result.message())})
+            report += field + '\0';
+    }
+    return report;
+}
+
+// Repeats what the child said, in the parent's test.
+void Repeat(const std::string& report)
+{
+    std::string skipped;
+    std::istringstream input(report);
+    for (std::string type, file, line, message;
+         std::getline(input, type, '\0') && std::getline(input, file, '\0') &&
+         std::getline(input, line, '\0') && std::getline(input, message, '\0');) {
+        if (std::stoi(type) == TestPartResult::kSkip)
+            skipped = message;
+        else if (std::stoi(type) != TestPartResult::kSuccess)
+            ADD_FAILURE_AT(file.c_str(), std::stoi(line)) << message;
+    }
+    if (!skipped.empty())
+        GTEST_SKIP() << skipped;
+}
+
+std::string ReadAll(int descriptor)
+{
+    std::string text;
+    char buffer[4096];
+    for (ssize_t count; (count = read(descriptor, buffer, sizeof buffer)) > 0;)
+        text.append(buffer, static_cast<std::size_t>(count));
+    return text;
+}
+
+// The mounts and loop devices of this process's namespace that have to do with the directory.
+std::string LeftBehind(const std::string& directory)
+{
+    std::string left;
+    for (const Krt::Volume::MountEntry& entry : Krt::Volume::ListMountEntries()) {
+        if (entry.directory.Bytes().starts_with(directory))
+            left += entry.directory.Bytes() + " ";
+    }
+    std::error_code ignored;
+    for (const fs::directory_entry& device : fs::directory_iterator("/sys/block", ignored)) {
+        std::string file;
+        if (std::getline(std::ifstream(device.path() / "loop/backing_file"), file) &&
+            file.starts_with(directory))
+            left += device.path().filename().string() + " ";
+    }
+    return left;
+}
+
+// The kernel may take a moment to free the last loop device.
+std::string LeftBehindInTheEnd(const std::string& directory)
+{
+    for (int looks = 0; looks < 100 && !LeftBehind(directory).empty(); ++looks)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return LeftBehind(directory);
+}
+
+void EnterNamespace()
+{
+    if (geteuid() != 0)
+        throw Unavailable("needs root to mount");
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (unshare(CLONE_NEWNS) != 0)
+        Refuse("no mount namespace of its own");
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        Refuse("mounts can't be made private");
+}
+
+// The device frees itself when nothing uses it any longer.
+std::unique_ptr<Descriptor> AttachLoopDevice(int image, std::string& path)
+{
+    const Descriptor control("/dev/loop-control");
+    for (int tries = 0; tries < 20; ++tries) {
+        const int number = ioctl(control, LOOP_CTL_GET_FREE);
+        if (number < 0)
+            Refuse("no free loop device");
+        path = "/dev/loop" + std::to_string(number);
+        auto device = std::make_unique<Descriptor>(path);
+        loop_config config = {};
+        config.fd = static_cast<unsigned int>(image);
+        config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
+        if (ioctl(*device, LOOP_CONFIGURE, &config) == 0)
+            return device;
+        if (errno != EBUSY) // somebody else was quicker
+            Refuse(path);
+    }
+    Refuse("no free loop device");
+}
+
+} // namespace
+
+MountNamespace::MountNamespace(const std::string& directory)
+    : m_base(directory + "/base"), m_images(directory + "/images")
+{
+    fs::create_directories(m_images);
+    Mount("base", m_base, "tmpfs");
+}
+
+// What the child does: the body's results are caught, so that they are told once, by the parent.
+std::string MountNamespace::RunCaught(const std::string& directory, const Body& body)
+{
+    testing::TestPartResultArray results;
+    const testing::ScopedFakeTestPartResultReporter reporter(
+        testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &results);
+    const auto run = [&] {
+        try {
+            EnterNamespace();
+            body(MountNamespace(directory));
+        } catch (const Unavailable& reason) {
+            GTEST_SKIP() << reason.what();
+        } catch (const std::exception& error) {
+            ADD_FAILURE() << error.what();
+        }
+    };
+    run();
+    return ResultsText(results);
+}
+
+void MountNamespace::Run(const Body& body)
+{
+    const TemporaryDirectory directory;
+    int pipe[2];
+    ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        const std::string report = RunCaught(directory.Path(), body);
+        const bool told = write(pipe[1], report.data(), report.size()) == static_cast<ssize_t>(report.size());
+        _exit(told ? 0 : 1);
+    }
+    close(pipe[1]);
+    const std::string report = ReadAll(pipe[0]);
+    close(pipe[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(LeftBehindInTheEnd(directory.Path()), "");
+    EXPECT_EQ(status, 0) << "the child of the test ended with this status";
+    Repeat(report);
+}
+
+std::string MountNamespace::MakeDirectory(const std::string& name) const
+{
+    fs::create_directories(*this / name);
+    return *this / name;
+}
+
+void MountNamespace::Write(const std::string& path, const std::string& content)
+{
+    fs::create_directories(fs::path(path).parent_path());
+    if (!(std::ofstream(path) << content).flush())
+        throw std::runtime_error("can't write " + path);
+}
+
+void MountNamespace::Mount(const std::string& source, const std::string& target, const std::string& type,
+                           unsigned long flags, const std::string& options) const
+{
+    fs::create_directories(target);
+    if (mount(source.c_str(), target.c_str(), type.c_str(), flags, options.c_str()) != 0)
+        Refuse("can't mount " + type);
+}
+
+void MountNamespace::Bind(const std::string& directory, const std::string& target) const
+{
+    Mount(directory, target, "", MS_BIND);
+}
+
+void MountNamespace::MountOverlay(const std::string& source, const std::string& target) const
+{
+    const std::string options = "lowerdir=" + MakeDirectory("layers/lower") +
+                                ",upperdir=" + MakeDirectory("layers/upper") +
+                                ",workdir=" + MakeDirectory("layers/work");
+    Mount(source, target, "overlay", 0, options);
+}
+
+void MountNamespace::MakeReadOnly(const std::string& target) const
+{
+    Mount("", target, "", MS_BIND | MS_REMOUNT | MS_RDONLY);
+}
+
+std::string MountNamespace::MountImage(const std::string& type, const std::string& target,
+                                       unsigned long flags, const std::string& options) const
+{
+    const auto count = std::distance(fs::directory_iterator(m_images), fs::directory_iterator());
+    const std::string image = m_images + "/" + std::to_string(count);
+    const Descriptor file(image, O_RDWR | O_CREAT | O_EXCL);
+    if (ftruncate(file, ImageBytes) != 0)
+        Refuse(image);
+    const std::string make = "PATH=$PATH:/usr/sbin:/sbin mkfs." + type + " -q " + image + " >/dev/null 2>&1";
+    if (const int status = std::system(make.c_str()); status != 0)
+        throw Unavailable("mkfs." + type + (WEXITSTATUS(status) == 127 ? " is not installed" : " fails"));
+    std::string path;
+    const auto device = AttachLoopDevice(file, path);
+    Mount(path, target, type, flags, options);
+    return path;
+}
+
+void MountNamespace::MakeSubvolume(const std::string& directory, const std::string& name)
+{
+    btrfs_ioctl_vol_args arguments = {};
+    name.copy(arguments.name, sizeof arguments.name - 1);
+    if (ioctl(Descriptor(directory, O_RDONLY), BTRFS_IOC_SUBVOL_CREATE, &arguments) != 0)
+        Refuse("can't make a subvolume");
+}
+
+const std::vector<MountKind>& MountKinds()
+{
+    using Space = const MountNamespace&;
+    using Target = const std::string&;
+    const auto tmpfs = [](const char* source) {
+        return [source](Space space, Target target) {
+            space.Mount(source, target, "tmpfs");
+            return source;
+        };
+    };
+    const auto bind = [](Space space, Target target) {
+        space.Mount("twice", space / "first place", "tmpfs");
+        space.Bind(space.MakeDirectory("first place/below"), target);
+        return "twice";
+    };
+    const auto overlay = [](Space space, Target target) {
+        space.MountOverlay("some layers", target);
+        return "some layers";
+    };
+    const auto image = [](const char* type) {
+        return [type](Space space, Target target) {
+            return space.MountImage(type, target);
+        };
+    };
+    constexpr unsigned int unknown = 0, fixed = 3, special = 7;
+    static const std::vector<MountKind> kinds = {
+        {"Tmpfs", "memory", special, false, 1, tmpfs("some memory")},
+        {"ReadOnlyTmpfs", "memory", special, true, 1, tmpfs("back\\slash")},
+        {"NameWithBlanks", "a mount\twith\nblanks\\040 #", special, false, 1, tmpfs(" blank\t")},
+        {"BindOfAnotherDevice", "bound", special, false, 2, bind},
+        {"ReadOnlyBind", "bound", special, true, 2, bind},
+        {"Overlay", "layered", unknown, false, 1, overlay},
+        {"Ext4", "disk", fixed, false, 1, image("ext4")},
+        {"ReadOnlyExt4", "disk", fixed, true, 1, image("ext4")},
+        {"Btrfs", "disk", fixed, false, 1, image("btrfs")},
+    };
+    return kinds;
+}
+
+} // namespace Testing

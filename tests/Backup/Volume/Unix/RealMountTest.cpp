@@ -1,0 +1,234 @@
+// What the library says of mounts that really stand, in a mount namespace of the test's own.
+#include "Backup/File/Unix/DescentPolicy.h"
+#include "Backup/Volume/Unix/Util.h"
+#include "Backup/Volume/Unix/YVolume.h"
+#include "Backup/Volume/Unix/YVolumeManager.h"
+
+#include "testing/MountNamespace.h"
+#include "testing/Raises.h"
+
+#include <cstdlib>
+#include <gtest/gtest-spi.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+using namespace Backup::Volume;
+using Krt::ErrorCode;
+using Krt::File::YPath;
+using Testing::MountKind;
+using Testing::MountNamespace;
+using Pairs = std::vector<std::pair<YPath, YPath>>;
+
+namespace {
+
+YPath Path(const std::string& text)
+{
+    return YPath(text.c_str());
+}
+
+bool IsFollowed(const std::string& directory)
+{
+    return Backup::File::IsFollowableDirectoryFromKrtAttributes(Path(directory), 0x10);
+}
+
+// Must come before the first mount point in a process that is no fixed disk: the list is read once.
+void Configure(const MountNamespace& space, const std::string& keys)
+{
+    const std::string file = space / "agent.conf";
+    MountNamespace::Write(file, "[configuration]\n" + keys);
+    setenv("KBAGENT_CONFIG", file.c_str(), 1);
+}
+
+class RealMount : public testing::TestWithParam<MountKind>
+{};
+
+TEST_P(RealMount, IsKnownForWhatItIs)
+{
+    const MountKind& kind = GetParam();
+    MountNamespace::Run([&](const MountNamespace& space) {
+        Configure(space, "");
+        const YPath target = Path(space / kind.directory);
+        const std::string source = kind.mount(space, target.Bytes());
+        if (kind.readOnly)
+            space.MakeReadOnly(target.Bytes());
+        const YPath unique = Path(source);
+        const YPath below = target.Append(Krt::YString("missing/too"));
+        EXPECT_TRUE(IsMountPoint(target));
+        EXPECT_EQ(GetVolumePathName(target), target);
+        EXPECT_EQ(GetVolumePathName(below), target);
+        EXPECT_EQ(GetVolumeUniquePath(below).Bytes(), source);
+        EXPECT_EQ(DetermineDriveType(unique), kind.driveClass);
+        EXPECT_EQ(IsReadOnly(below), kind.readOnly);
+        EXPECT_EQ(DetermineVolumeMountPaths(unique, below), Pairs(kind.entries, {target, "base"}));
+        EXPECT_EQ(IsFollowed(target.Bytes()), kind.driveClass == DRIVE_CLASS_FIXED);
+
+        const YVolume volume(below);
+        EXPECT_EQ(volume.GetGuidPath(), unique);
+        EXPECT_EQ(volume.GetDriveType(), kind.driveClass);
+        EXPECT_EQ(volume.IsReadOnly(), kind.readOnly);
+        EXPECT_EQ(volume.GetMountPathCount(), kind.entries);
+        EXPECT_EQ(volume.GetPrimaryMountPath(), target);
+
+        YVolumeManager manager;
+        EXPECT_EQ(manager.GetVolumeList(0xFFFFFFFF, false).count(target),
+                  kind.driveClass == DRIVE_CLASS_FIXED ? 1u : 0u);
+        EXPECT_EQ(*manager.VolumeOfFilename(below), volume);
+        EXPECT_EQ(manager.GetUniquePathFromMountPoint(target), unique);
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, RealMount, testing::ValuesIn(Testing::MountKinds()),
+                         [](const auto& kind) { return kind.param.label; });
+
+TEST(RealMounts, ABindOnTheSameDeviceIsNoBoundary)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        const std::string target = space / "bound";
+        space.Bind(space.MakeDirectory("ordinary"), target);
+        space.MakeReadOnly(target);
+        EXPECT_FALSE(IsMountPoint(Path(target)));
+        EXPECT_EQ(GetVolumePathName(Path(target)), Path(space / ""));
+        EXPECT_FALSE(IsReadOnly(Path(target))) << "that of the volume counts, not of the bind";
+        EXPECT_TRUE(IsFollowed(target));
+        EXPECT_EQ(YVolume(Path(target)).GetMountPathCount(), 2u);
+    });
+}
+
+TEST(RealMounts, OfTwoMountsOnOneDirectoryTheHiddenOneIsTold)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        const std::string target = space / "mount";
+        space.Mount("below", target, "tmpfs");
+        space.Mount("above", target, "tmpfs", MS_RDONLY);
+        EXPECT_EQ(GetVolumeUniquePath(Path(target)).Bytes(), "below");
+        EXPECT_FALSE(IsReadOnly(Path(target)));
+    });
+}
+
+TEST(RealMounts, ASourceThatTwoKindsShareIsOfTheFirstOnesClass)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        space.Mount("shared", space / "first", "tmpfs");
+        space.MountOverlay("shared", space / "second");
+        EXPECT_EQ(DetermineDriveType("shared"), DRIVE_CLASS_SPECIAL);
+        EXPECT_EQ(YVolume(Path(space / "second")).GetDriveType(), DRIVE_CLASS_SPECIAL);
+    });
+}
+
+TEST(RealMounts, AListedMountPointIsFollowed)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        const std::string listed = space / "with blanks inside", behindBlank = space / "behind a blank",
+                          unlisted = listed + "/unlisted";
+        Configure(space, "IncludedMountpoints=" + listed + "/, " + behindBlank + "\n");
+        for (const std::string& target : {listed, behindBlank, unlisted})
+            space.Mount("memory", target, "tmpfs");
+        EXPECT_TRUE(IsFollowed(listed));
+        EXPECT_FALSE(IsFollowed(behindBlank));
+        EXPECT_FALSE(IsFollowed(unlisted));
+    });
+}
+
+TEST(RealMounts, ASubvolumeIsABoundaryThatNoTableLists)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        const std::string disk = space / "disk", subvolume = disk + "/sub", inside = subvolume + "/inside";
+        const std::string device = space.MountImage("btrfs", disk);
+        MountNamespace::MakeSubvolume(disk, "sub");
+        MountNamespace::Write(inside, "x");
+        ASSERT_EQ(mount("", disk.c_str(), "", MS_REMOUNT | MS_RDONLY, ""), 0);
+
+        const auto expectUnknown = [&] {
+            EXPECT_TRUE(IsMountPoint(Path(subvolume)));
+            EXPECT_EQ(GetVolumePathName(Path(inside)).Bytes(), subvolume);
+            EXPECT_RAISES(GetVolumeUniquePath(Path(inside)), ErrorCode::NotFound, "GetVolumeUniquePath",
+                          "Failed to locate volume guid for path " + inside);
+            EXPECT_RAISES(YVolume(Path(inside)), ErrorCode::NotFound, "GetVolumeUniquePath",
+                          "Failed to locate volume guid for path " + inside);
+            EXPECT_FALSE(IsReadOnly(Path(inside))) << "without an entry nothing is known of the flag";
+            const auto error = Testing::CatchError([&] { IsFollowed(subvolume); });
+            ASSERT_TRUE(error.has_value());
+            EXPECT_EQ(error->GetCode(), ErrorCode::InvalidArgument);
+        };
+        // The list has no say where the class can't be told.
+        Configure(space, "IncludedMountpoints=" + subvolume + "\n");
+        expectUnknown();
+        Configure(space, "walkIntoUnknownMountPoints=1\n");
+        EXPECT_TRUE(IsFollowed(subvolume));
+
+        YVolumeManager manager;
+        EXPECT_EQ(manager.GetVolumeByUniquePath(Path(disk))->GetGuidPath().Bytes(), device);
+        EXPECT_EQ(manager.GetVolumeList(0xFFFFFFFF, false).count(Path(subvolume)), 0u);
+
+        // With a mount of its own it is a volume like any other, at its place or elsewhere.
+        Configure(space, "");
+        space.Bind(subvolume, subvolume);
+        space.Mount(device, space / "elsewhere", "btrfs", MS_RDONLY, "subvol=sub");
+        for (const std::string& place : {subvolume, space / "elsewhere"}) {
+            EXPECT_TRUE(IsFollowed(place)) << place;
+            EXPECT_EQ(YVolume(Path(place + "/inside")).GetGuidPath().Bytes(), device) << place;
+            EXPECT_TRUE(IsReadOnly(Path(place))) << place;
+        }
+    });
+}
+
+TEST(RealMounts, TheManagersListStandsUntilItIsInvalidated)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        const YPath first = Path(space / "first"), second = Path(space / "second"),
+                    bound = Path(space / "bound");
+        const std::string device = space.MountImage("ext4", first.Bytes());
+        YVolumeManager manager;
+        ASSERT_EQ(manager.GetVolumeList(0xFFFFFFFF, false).count(first), 1u);
+
+        space.MountImage("ext4", second.Bytes());
+        space.Bind(first.Bytes(), bound.Bytes());
+        EXPECT_EQ(manager.GetVolumeList(0xFFFFFFFF, false).count(second), 0u);
+        manager.InvalidateVolumeList();
+        const auto held = manager.GetVolumeByUniquePath(second);
+        EXPECT_EQ(manager.GetVolumeByUniquePath(bound)->GetGuidPath().Bytes(), device);
+        EXPECT_EQ(manager.GetVolumeByUniquePath(bound)->GetMountPathCount(), 2u);
+
+        ASSERT_EQ(umount(second.CStr()), 0);
+        manager.RebuildVolumeList();
+        EXPECT_RAISES(manager.GetVolumeByUniquePath(second), ErrorCode::InvalidState, "GetVolumeByUniquePath",
+                      "Volume not found by unique path: " + second.Bytes());
+        EXPECT_EQ(held->GetPrimaryMountPath(), second);
+    });
+}
+
+TEST(RealMounts, FreeSpaceIsThatOfTheMoment)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        const std::string target = space / "small";
+        space.Mount("small", target, "tmpfs", 0, "size=1m");
+        const YVolume volume(Path(target + "/"));
+        EXPECT_EQ(volume.GetVolumeFreeSpace(), 1u << 20);
+        MountNamespace::Write(target + "/file", std::string(1 << 19, 'x'));
+        EXPECT_EQ(volume.GetVolumeFreeSpace(), 1u << 19);
+    });
+}
+
+void FailInTheChild()
+{
+    MountNamespace::Run([](const MountNamespace&) { ADD_FAILURE() << "a fault in the child"; });
+}
+
+void DieOverAMount()
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        space.MountImage("ext4", space / "disk");
+        kill(getpid(), SIGKILL);
+    });
+}
+
+TEST(RealMounts, AChildThatFailsOrDiesIsToldAndLeavesNothingBehind)
+{
+    MountNamespace::Run([](const MountNamespace& space) { space.MountImage("ext4", space / "disk"); });
+    if (IsSkipped() || HasFailure())
+        return;
+    EXPECT_NONFATAL_FAILURE(FailInTheChild(), "a fault in the child");
+    EXPECT_NONFATAL_FAILURE(DieOverAMount(), "ended with this status");
+}
+
+} // namespace

@@ -1,0 +1,184 @@
+// A backup over a tree with real mounts: which of them it enters, and what it tells of the others. The same
+// is told to users in docs/rules.md.
+#include "testing/MountNamespace.h"
+#include "testing/Program.h"
+#include "testing/SelectionText.h"
+
+#include "agent/Cli/Text.h"
+
+#include "Krt/JSON/YObject.h"
+#include "Krt/JSON/YValue.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+
+using Testing::MountKind;
+using Testing::MountNamespace;
+using Testing::ProgramResult;
+using List = std::vector<std::string>;
+
+namespace {
+
+bool Holds(const std::string& text, const std::string& line)
+{
+    return ("\n" + text).find(line) != std::string::npos;
+}
+
+std::string Shown(const std::string& path)
+{
+    return Agent::Printable(std::string_view(path));
+}
+
+void WriteJob(const std::string& file, const std::string& rules)
+{
+    const auto json = Krt::JSON::YValue::FromObject(Testing::Tree(rules).ToJSON("/"));
+    MountNamespace::Write(file, json.Stringify(true).Bytes());
+}
+
+// Each run has a store of its own and the configuration that is given.
+class Walk
+{
+public:
+    explicit Walk(const MountNamespace& space) : m_space(space) {}
+
+    ProgramResult Run(const std::string& configuration, List arguments)
+    {
+        const std::string file = m_space / "agent.conf";
+        MountNamespace::Write(file, "[configuration]\n" + configuration + "\n");
+        setenv("KBAGENT_CONFIG", file.c_str(), 1);
+        const std::string store = m_space / "store" + std::to_string(++m_runs);
+        arguments.insert(arguments.begin(), {"backup", "--store", store});
+        const ProgramResult result = Testing::RunProgram(arguments);
+        const ProgramResult list = Testing::RunProgram({"list", "--store", store, "--snapshot", "latest"});
+        EXPECT_EQ(list.exitCode, 0) << list.errors;
+        m_list = list.output;
+        return result;
+    }
+    bool Stored(const std::string& path) const { return Holds(m_list, " " + Shown(path) + "\n"); }
+
+private:
+    const MountNamespace& m_space;
+    int m_runs = 0;
+    std::string m_list;
+};
+
+class WalkMounts : public testing::TestWithParam<MountKind>
+{};
+
+TEST_P(WalkMounts, EntersFixedDisksAndWhatIsListed)
+{
+    const MountKind& kind = GetParam();
+    MountNamespace::Run([&](const MountNamespace& space) {
+        const std::string tree = space.MakeDirectory("tree"), target = tree + "/" + kind.directory;
+        const std::string inside = target + "/inside", after = tree + "/z";
+        kind.mount(space, target);
+        MountNamespace::Write(inside, "x");
+        MountNamespace::Write(after, "y");
+        if (kind.readOnly)
+            space.MakeReadOnly(target);
+
+        Walk walk(space);
+        const bool fixed = kind.driveClass == 3;
+        const ProgramResult below = walk.Run("", {tree});
+        EXPECT_EQ(below.exitCode, 0) << below.errors;
+        EXPECT_TRUE(walk.Stored(target) && walk.Stored(after)) << "entered or not, its own record is taken";
+        EXPECT_EQ(walk.Stored(inside), fixed);
+        EXPECT_EQ(Holds(below.output, "\nmount point not entered: " + Shown(target) + "\n"), !fixed);
+
+        const ProgramResult named = walk.Run("", {target});
+        EXPECT_EQ(named.exitCode, 0) << named.errors;
+        EXPECT_TRUE(walk.Stored(inside));
+        EXPECT_EQ(Holds(named.errors, Shown(target) + " is a mount point that a walk would not enter"),
+                  !fixed);
+
+        if (target.find_first_of(",\n") != std::string::npos)
+            return; // no place in the list
+        const ProgramResult listed = walk.Run("IncludedMountpoints=/elsewhere," + target, {tree});
+        EXPECT_EQ(listed.exitCode, 0) << listed.errors;
+        EXPECT_TRUE(walk.Stored(inside));
+        EXPECT_FALSE(Holds(listed.output, "not entered"));
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, WalkMounts, testing::ValuesIn(Testing::MountKinds()),
+                         [](const auto& kind) { return kind.param.label; });
+
+TEST(WalkOverMounts, ABindOnTheSameDeviceIsWalkedTwice)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        const std::string tree = space.MakeDirectory("tree");
+        MountNamespace::Write(tree + "/real/file", "x");
+        space.Bind(tree + "/real", tree + "/bound");
+        Walk walk(space);
+        EXPECT_EQ(walk.Run("", {tree}).exitCode, 0);
+        EXPECT_TRUE(walk.Stored(tree + "/real/file") && walk.Stored(tree + "/bound/file"));
+    });
+}
+
+TEST(WalkOverMounts, RulesBelowAMountThatIsNotEnteredNeedAStartOfTheirOwn)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        const std::string tree = space.MakeDirectory("tree"), deep = tree + "/mount/deep",
+                          file = deep + "/file";
+        space.Mount("memory", tree + "/mount", "tmpfs");
+        MountNamespace::Write(file, "x");
+        const auto writeJob = [&](const std::string& rules) {
+            WriteJob(space / "job", rules);
+        };
+        Walk walk(space);
+        writeJob("include " + deep + " recursive any explicit");
+        EXPECT_EQ(walk.Run("", {"--job", space / "job"}).exitCode, 0);
+        EXPECT_TRUE(walk.Stored(file)) << "nobody asks about mounts above a start";
+        writeJob("include " + tree + " any; include " + deep + " recursive any explicit");
+        EXPECT_TRUE(Holds(walk.Run("", {"--job", space / "job"}).output, "\nmount point not entered: "));
+        EXPECT_FALSE(walk.Stored(file)) << "the rule above is the only start";
+        walk.Run("", {"--job", space / "job", deep});
+        EXPECT_TRUE(walk.Stored(file));
+        // What the rules leave out is not asked about, so not reported.
+        writeJob("include " + tree + " recursive any; exclude " + tree + " exact=mount");
+        EXPECT_FALSE(Holds(walk.Run("", {"--job", space / "job"}).output, "not entered"));
+        EXPECT_FALSE(walk.Stored(tree + "/mount"));
+    });
+}
+
+TEST(WalkOverMounts, ASubvolumeFailsUnlessTheKeyOrAMountOfItsOwnHelps)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        const std::string tree = space.MakeDirectory("tree"), disk = tree + "/disk",
+                          subvolume = disk + "/sub", inside = subvolume + "/inside";
+        space.MountImage("btrfs", disk);
+        MountNamespace::MakeSubvolume(disk, "sub");
+        MountNamespace::Write(inside, "x");
+        MountNamespace::Write(disk + "/z", "y");
+        WriteJob(space / "job", "include " + tree + " recursive any; silent " + disk + " exact=sub");
+        const struct
+        {
+            const char* name;
+            std::string configuration;
+            List arguments;
+            int exitCode;
+            bool record;
+            bool content;
+        } cases[] = {
+            {"as it is", "", {tree}, 3, false, false},
+            {"listed", "IncludedMountpoints=" + subvolume, {tree}, 3, false, false},
+            {"with the key", "walkIntoUnknownMountPoints=1", {tree}, 0, true, true},
+            {"named", "", {subvolume}, 3, false, true},
+            {"excluded", "", {"--job", space / "job"}, 0, false, false},
+        };
+        Walk walk(space);
+        for (const auto& each : cases) {
+            const ProgramResult result = walk.Run(each.configuration, each.arguments);
+            EXPECT_EQ(result.exitCode, each.exitCode) << each.name << ": " << result.errors;
+            EXPECT_EQ(walk.Stored(subvolume), each.record) << each.name;
+            EXPECT_EQ(walk.Stored(inside), each.content) << each.name;
+            EXPECT_EQ(Holds(result.errors, "walkIntoUnknownMountPoints=1"), each.exitCode == 3) << each.name;
+            EXPECT_EQ(walk.Stored(disk + "/z"), each.arguments != List{subvolume}) << each.name;
+        }
+        space.Bind(subvolume, subvolume);
+        EXPECT_EQ(walk.Run("", {tree}).exitCode, 0);
+        EXPECT_TRUE(walk.Stored(subvolume) && walk.Stored(inside));
+    });
+}
+
+} // namespace
