@@ -1,0 +1,229 @@
+// Records that were kept elsewhere become a snapshot, and that a tree with legal names; what is damaged or
+// lies outside the contents' folder is told and left out.
+#include "testing/LegacyHeaderBuilder.h"
+#include "testing/Program.h"
+#include "testing/TemporaryDirectory.h"
+#include "testing/Tree.h"
+
+#include "Backup/File/YOdsMetadata.h"
+#include "Backup/File/YUnixFileMetadata.h"
+#include "Backup/File/YWinFileMetadata.h"
+
+#include "Krt/JSON/YValue.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sys/stat.h>
+
+using namespace Testing;
+using namespace std::string_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr unsigned long long InUnits = (11644473600 + 1000000000) * 10000000;
+
+class Import : public ::testing::Test
+{
+protected:
+    void SetUp() override { target = directory.MakeDirectory("target"); }
+
+    static std::string Line(const Krt::JSON::YObject& record)
+    {
+        return Krt::JSON::YValue::FromObject(record).Stringify(true).Bytes() + "\n";
+    }
+    // `names` as the list of a legacy header holds them.
+    static std::string Legacy(const std::wstring& names, std::uint32_t count, std::uint64_t size,
+                              std::uint32_t attributes = 0x20, std::uint32_t reparseType = 0)
+    {
+        LegacyWindowsHeader header = SampleWindowsFile(names, count);
+        header.fileSize = size;
+        header.attributes = attributes;
+        header.reparseType = reparseType;
+        header.writeTime = InUnits;
+        return Line(LegacyDocument("win", header.Bytes()));
+    }
+    static Backup::YJobPath Path(const std::vector<std::string>& names)
+    {
+        Backup::YJobPath path;
+        for (const std::string& name : names)
+            path.AppendComponent({Krt::YString(name), "", Backup::YJobPath::ClassFileSystemContainer, 0});
+        return path;
+    }
+    static std::string Modern(const std::vector<std::string>& names, std::uint64_t size,
+                              std::uint32_t attributes = 0x20)
+    {
+        Backup::File::YWinFileMetadata metadata;
+        metadata.AddPath(Path(names), "");
+        metadata.SetFileSize(size);
+        metadata.SetAttributes(attributes);
+        metadata.SetLastWriteTime(InUnits);
+        return Line(metadata.ToJSON());
+    }
+    static std::string Unix(const std::vector<std::string>& names, unsigned int mode, std::uint64_t size = 0,
+                            const char* linkTarget = "")
+    {
+        Backup::File::YUnixFileMetadata metadata;
+        metadata.SetFilePath(Path(names));
+        metadata.SetModeFlags(mode);
+        metadata.SetIsDirectoryForRestore(S_ISDIR(mode));
+        metadata.SetFileSize(size);
+        metadata.SetUserId(geteuid());
+        metadata.SetGroupId(getegid());
+        metadata.SetSymbolicLinkTarget(Krt::File::YPath(linkTarget));
+        metadata.SetLastWriteTime(1000000000);
+        return Line(metadata.ToJSON());
+    }
+
+    ProgramResult RunImport(const std::string& records, std::vector<std::string> more = {})
+    {
+        std::vector<std::string> arguments = {"import",
+                                              "--store",
+                                              store,
+                                              "--contents",
+                                              directory / "contents",
+                                              directory.Write("records", records)};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return RunProgram(arguments);
+    }
+    ProgramResult Restore() { return RunProgram({"restore", "--store", store, "--to", target}); }
+    std::string Restored() const { return DescribeTree(target, {.owners = false, .attributes = false}); }
+
+    TemporaryDirectory directory;
+    const std::string store = directory / "store";
+    std::string target;
+};
+
+TEST_F(Import, AWindowsJobComesBackUnderLegalNames)
+{
+    MakeTree(directory.MakeDirectory("contents"),
+             {Dir("C:"), Dir("C:/dir"), Link("C:/dir/link", "/nowhere"), File("C:/dir/two names", "content"),
+              File("C:/dir/read-only", "kept"), Dir("D"), File("D/big", std::string(3000000, 'x')),
+              // Both names of a volume: its own goes first.
+              Dir("E:"), File("E:/f", "right"), Dir("E"), File("E/f", "wrong"), Dir("\\\\?\\Volume{0a1b}"),
+              File("\\\\?\\Volume{0a1b}/guid", "of a volume"),
+              Dir("GLOBALROOTDeviceHarddiskVolumeShadowCopy12"),
+              File("GLOBALROOTDeviceHarddiskVolumeShadowCopy12/shadow", "of a copy")});
+    const ProgramResult imported =
+        RunImport(Legacy(L"C:\\dir*\0\r"s, 1, 0, 0x10) +
+                  Legacy(L"C:\\dir\\two names*TWONAM~1\0\rC:\\other\\name*\0\r"s, 2, 7) +
+                  Legacy(L"\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy12\\shadow*\0\r"s, 1, 9) +
+                  Legacy(L"C:\\dir\\link*\0\r"s, 1, 0, 0x420, 0xA000000C) +
+                  Legacy(L"C:\\dir\\junction*\0\r"s, 1, 0, 0x410, 0xA0000003) +
+                  Modern({"C:", "dir", "read-only"}, 4, 0x21) + Modern({"\\\\?\\D:", "big"}, 3000000) +
+                  Modern({"E:", "f"}, 5) + Modern({"\\\\?\\Volume{0a1b}", "guid"}, 11) +
+                  Line(Backup::File::YOdsMetadata(Path({"server", "object"})).ToJSON()));
+    EXPECT_EQ(imported.exitCode, 0) << imported.errors;
+    EXPECT_NE(imported.output.find("10 entries: 7 files, 2 directories, 0 links, 1 others\n2.9 MiB read"),
+              std::string::npos)
+        << imported.output;
+
+    const ProgramResult restored = Restore();
+    EXPECT_EQ(restored.exitCode, 3);
+    EXPECT_EQ(std::count(restored.errors.begin(), restored.errors.end(), '\n'), 3) << restored.errors;
+    fs::create_directory(directory / "expected");
+    MakeTree(directory / "expected",
+             {Dir("C", 0755), Dir("C/dir", 0700), File("C/dir/two names", "content", 0600),
+              Dir("C/other", 0755), Hard("C/other/name", "C/dir/two names"),
+              File("C/dir/read-only", "kept", 0400), Dir("D", 0755),
+              File("D/big", std::string(3000000, 'x'), 0600), Dir("E", 0755), File("E/f", "right", 0600),
+              Dir("Volume{0a1b}", 0755), File("Volume{0a1b}/guid", "of a volume", 0600),
+              Dir("GLOBALROOTDeviceHarddiskVolumeShadowCopy12", 0755),
+              File("GLOBALROOTDeviceHarddiskVolumeShadowCopy12/shadow", "of a copy", 0600)});
+    // Directories without a record have the time of the restore.
+    for (const std::string& root : {target, directory / "expected"}) {
+        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root)) {
+            if (entry.is_directory() && entry.path().filename() != "dir")
+                fs::last_write_time(entry.path(), fs::file_time_type());
+        }
+    }
+    EXPECT_EQ(Restored(), DescribeTree(directory / "expected", {.owners = false, .attributes = false}));
+}
+
+TEST_F(Import, UnixRecordsAndABase)
+{
+    MakeTree(directory.MakeDirectory("contents"),
+             {Dir("job"), Dir("job/home"), File("job/home/a file", "x"), Dir("dir"), File("dir/f", "abc")});
+    LegacyUnixHeader header = SampleUnixFile();
+    header.fileSize = 1;
+    header.userId = geteuid();
+    header.groupId = getegid();
+    header.extendedAttributes.clear();
+    const ProgramResult imported =
+        RunImport(Line(LegacyDocument("unix", header.Bytes())) + Unix({"dir"}, S_IFDIR | 0750) +
+                      Unix({"dir", "f"}, S_IFREG | 0640, 3) + Unix({"dir", "link"}, S_IFLNK, 0, "f") +
+                      Unix({"fifo"}, S_IFIFO | 0600),
+                  {"--base", "job"});
+    EXPECT_EQ(imported.exitCode, 0) << imported.errors;
+    EXPECT_EQ(Restore().exitCode, 0);
+    EXPECT_EQ(ReadFile(target + "/job/home/a file"), "x");
+    EXPECT_EQ(ReadFile(target + "/dir/f"), "abc");
+    EXPECT_EQ(fs::read_symlink(target + "/dir/link"), "f");
+    EXPECT_TRUE(fs::is_fifo(target + "/fifo"));
+}
+
+TEST_F(Import, WhatIsDamagedIsToldAndTheRestStored)
+{
+    MakeTree(directory.MakeDirectory("contents"),
+             {Dir("C"), File("C/good", "good"), File("C/short", "12"), File("C/long", "12345"),
+              Dir("C/directory"), Fifo("C/fifo"), Link("C/link", "../../outside/file"),
+              Link("C/way", "../../outside")});
+    MakeTree(directory.MakeDirectory("outside"), {File("file", "secret")});
+    const struct
+    {
+        std::string record;
+        const char* told;
+    } rows[] = {
+        {"{\"metadata_type\":\"win\"\n", "line 1: "},
+        {"{\"metadata_type\":\"mac\"}\n", "line 2: Invalid metadataType: mac"},
+        {Legacy(L"C:\\bad*\0\r"s, 3, 0), "line 3: Legacy windows file metadata parsing error"},
+        {Modern({"C:", "missing"}, 1), "C:/missing: Not stored: the contents have no file"},
+        {Modern({"Z:", "missing"}, 1), "Z:/missing: Not stored: the contents have no file"},
+        {Modern({"C:", "directory"}, 1), "C:/directory: Not stored: the contents"},
+        {Modern({"C:", "fifo"}, 1), "C:/fifo: Not stored: the contents"},
+        {Modern({"C:", "link"}, 6), "C:/link: Not stored: the contents"},
+        {Modern({"C:", "way", "file"}, 6), "C:/way/file: Not stored: the contents"},
+        {Modern({"C:", "..", "..", "outside", "file"}, 6), "outside/file: Refused"},
+        {Modern({}, 0), "line 11: The record has no path"},
+        {Unix({"device"}, S_IFCHR | 0600), "device: Not stored: the record of a device"},
+        {Unix({"link"}, S_IFLNK | 0777), "link: Not stored: the record has no target"},
+        {Modern({"C:", "short"}, 3), "C:/short: The content has 2 bytes instead of 3"},
+        {Modern({"C:", "long"}, 3), "C:/long: The content has 5 bytes instead of 3"},
+        {Modern({"C:", "good"}, 4), ""},
+    };
+    std::string records;
+    for (const auto& row : rows)
+        records += row.record;
+    const ProgramResult imported = RunImport(records);
+    EXPECT_EQ(imported.exitCode, 3);
+    EXPECT_NE(imported.output.find("3 entries: 3 files"), std::string::npos) << imported.output;
+    EXPECT_NE(imported.output.find("\n15 failed\n"), std::string::npos) << imported.output;
+    for (const auto& row : rows)
+        EXPECT_NE(imported.errors.find(row.told), std::string::npos) << row.told << "\n" << imported.errors;
+    const ProgramResult list = RunProgram({"list", "--store", store});
+    EXPECT_NE(list.output.find(" 3 entries "), std::string::npos) << list.output;
+    EXPECT_NE(list.output.find("11 bytes     15 failed"), std::string::npos) << list.output;
+
+    EXPECT_EQ(Restore().exitCode, 3);
+    EXPECT_EQ(ReadFile(target + "/C/short"), "12");
+    EXPECT_EQ(ReadFile(target + "/C/long"), "12345");
+    EXPECT_EQ(ReadFile(target + "/C/good"), "good");
+    EXPECT_EQ(std::distance(fs::directory_iterator(target + "/C"), {}), 3);
+}
+
+TEST_F(Import, WithoutInputOrContentsNoStoreIsMade)
+{
+    const std::string contents = directory.MakeDirectory("contents");
+    EXPECT_EQ(
+        RunProgram({"import", "--store", store, "--contents", contents, directory / "no records"}).exitCode,
+        1);
+    EXPECT_EQ(RunProgram({"import", "--store", store, "--contents", contents + "x"}).exitCode, 1);
+    EXPECT_EQ(RunProgram({"import", "--store", store}).exitCode, 2);
+    EXPECT_FALSE(fs::exists(store));
+    const ProgramResult empty = RunProgram({"import", "--store", store, "--contents", contents});
+    EXPECT_EQ(empty.exitCode, 0) << empty.errors;
+    EXPECT_NE(empty.output.find("0 entries"), std::string::npos);
+}
+
+} // namespace
