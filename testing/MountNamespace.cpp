@@ -28,8 +28,8 @@ using testing::TestPartResult;
 
 namespace {
 
-constexpr off_t ImageBytes =
-    128 << 20; // sparse; the smallest that both kinds of file system are content with
+// Sparse, and large enough for both kinds of file system.
+constexpr off_t ImageBytes = 128 << 20;
 
 [[noreturn]] void Refuse(const std::string& what)
 {
