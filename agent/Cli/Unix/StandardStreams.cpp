@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace Agent {
@@ -20,6 +21,14 @@ void OpenMissingStreams()
 bool IsErrorTerminal()
 {
     return isatty(STDERR_FILENO) == 1;
+}
+
+unsigned int OutputWidth()
+{
+    if (isatty(STDOUT_FILENO) != 1)
+        return 0;
+    winsize size{};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : 80;
 }
 
 } // namespace Agent

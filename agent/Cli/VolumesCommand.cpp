@@ -1,0 +1,150 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Cli/StandardStreams.h"
+#include "agent/Cli/Text.h"
+#include "agent/Cli/TextTable.h"
+#include "agent/Cli/VolumeList.h"
+
+#include "Backup/Volume/Unix/Util.h"
+
+#include "Krt/JSON/YValue.h"
+
+#include <CLI/CLI.hpp>
+
+#include <boost/make_shared.hpp>
+
+namespace Agent {
+
+using Krt::YString;
+using Krt::JSON::YArray;
+using Krt::JSON::YObject;
+using Krt::JSON::YValue;
+
+namespace {
+
+// What a person waits for one mount.
+constexpr std::chrono::seconds Patience{3};
+
+const char* ClassWord(unsigned int driveClass)
+{
+    switch (driveClass) {
+    case Backup::Volume::DRIVE_CLASS_REMOVABLE:
+        return "removable";
+    case Backup::Volume::DRIVE_CLASS_FIXED:
+        return "fixed";
+    case Backup::Volume::DRIVE_CLASS_NETWORK:
+        return "network";
+    case Backup::Volume::DRIVE_CLASS_SPECIAL:
+        return "special";
+    case Backup::Volume::DRIVE_CLASS_ROOTFS:
+        return "rootfs";
+    default:
+        return "unknown";
+    }
+}
+
+TextRow RowOf(const ListedVolume& volume)
+{
+    const char* const entered = !volume.isEntered ? "-" : *volume.isEntered ? "yes" : "no";
+    return {ClassWord(volume.driveClass),
+            volume.mount.readOnly ? "ro" : "rw",
+            volume.freeSpace ? ShortSize(*volume.freeSpace) : "-",
+            entered,
+            Printable(volume.mount.source),
+            Printable(volume.mount.directory)};
+}
+
+YObject ObjectOf(const ListedVolume& volume)
+{
+    YObject object;
+    const auto put = [&](const char* key, YValue value) {
+        object.Put(key, boost::make_shared<YValue>(std::move(value)));
+    };
+    put("class", YValue::FromString(ClassWord(volume.driveClass)));
+    put("source", YValue::FromString(volume.mount.source));
+    put("mount_path", YValue::FromString(volume.mount.directory));
+    put("file_system", YValue::FromString(volume.mount.type));
+    put("read_only", YValue::FromBool(volume.mount.readOnly));
+    put("hidden", YValue::FromBool(volume.isHidden));
+    if (volume.freeSpace)
+        put("free_bytes", YValue::FromNumber(*volume.freeSpace));
+    if (volume.isEntered)
+        put("entered", YValue::FromBool(*volume.isEntered));
+    if (volume.failure)
+        put("error", YValue::FromString(*volume.failure));
+    return object;
+}
+
+std::string TextOf(const std::vector<ListedVolume>& volumes)
+{
+    std::vector<TextRow> rows;
+    for (const ListedVolume& volume : volumes)
+        rows.push_back(RowOf(volume));
+    return TableText({{"CLASS"},
+                      {"ACCESS"},
+                      {.title = "FREE", .alignsRight = true},
+                      {"ENTERED"},
+                      {.title = "SOURCE", .mayBeCut = true},
+                      {.title = "MOUNT PATH", .mayBeCut = true}},
+                     std::move(rows), OutputWidth());
+}
+
+std::string JsonOf(const std::vector<ListedVolume>& volumes)
+{
+    YArray array;
+    for (const ListedVolume& volume : volumes)
+        array.push_back(boost::make_shared<YValue>(YValue::FromObject(ObjectOf(volume))));
+    YObject document;
+    document.Set<YArray>("volumes", std::move(array));
+    return YValue::FromObject(std::move(document)).Stringify(false).Bytes() + "\n";
+}
+
+class VolumesCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    bool m_json = false;
+};
+
+CLI::App* VolumesCommand::Register(CLI::App& program)
+{
+    CLI::App* const command =
+        program.add_subcommand("volumes", "List the machine's mounts, and which a backup enters");
+    command->add_flag("--json", m_json, "Print a JSON document");
+    command->footer(
+        "Each mount has a line: the class of its file system (fixed, removable, network, special, rootfs\n"
+        "or unknown), whether it can be written to (rw) or not (ro), the space that is free to ordinary\n"
+        "users, whether a backup of a directory above it enters it (for a file that is mounted: no), its\n"
+        "source and its mount path. A backup enters mounts of the class fixed, those on the volume of the\n"
+        "directory above them, and those that the configuration key IncludedMountpoints lists.\n"
+        "A - stands for what can't be told: of a mount that another one lies over, and of one that\n"
+        "doesn't answer, which is told on standard error.\n\n"
+        "On a terminal long names are cut. What isn't printable in a name stands as \\n, \\xHH or \\uHHHH,\n"
+        "and a backslash is doubled. In JSON, names are whole, sizes are bytes, and the keys free_bytes,\n"
+        "entered and error are absent where there is nothing to tell.\n\n"
+        "Example: kbagent volumes");
+    return command;
+}
+
+void VolumesCommand::Run(Report& report)
+{
+    const std::vector<ListedVolume> volumes = ListVolumes(Patience);
+    report.Out() << (m_json ? JsonOf(volumes) : TextOf(volumes));
+    report.Out().Flush();
+    for (const ListedVolume& volume : volumes) {
+        if (volume.failure)
+            report.EntryFailed(volume.mount.directory, *volume.failure);
+    }
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeVolumesCommand()
+{
+    return std::make_unique<VolumesCommand>();
+}
+
+} // namespace Agent

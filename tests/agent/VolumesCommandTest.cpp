@@ -1,0 +1,154 @@
+// What the volumes command tells of each mount, and how it fits a terminal.
+#include "agent/Cli/AnswerWithin.h"
+#include "agent/Cli/TextTable.h"
+#include "agent/Cli/VolumeList.h"
+
+#include "testing/MountTable.h"
+#include "testing/Program.h"
+#include "testing/Raises.h"
+
+#include "Backup/Volume/Unix/Util.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/JSON/YValue.h"
+
+#include <pty.h>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Agent;
+using Krt::ErrorCode;
+
+TEST(VolumesCommand, TellsOfEachMountWhatCanBeTold)
+{
+    if (!Backup::Volume::IsMountPoint("/proc"))
+        GTEST_SKIP() << "/proc is not mounted here";
+    const Testing::TemporaryDirectory directory;
+    const std::string ordinary = directory.MakeDirectory("a b");
+    const Testing::MountTable table("/dev/root / ext4 rw 0 0\n"
+                                    "systemd /proc autofs rw 0 0\n"
+                                    "server:/x /proc nfs ro 0 0\n"
+                                    "trigger " +
+                                    directory.Path() +
+                                    " autofs rw 0 0\n"
+                                    "/dev/root " +
+                                    directory.Path() +
+                                    "/a\\040b ext4 ro 0 0\n"
+                                    "/dev/gone /no/such\\012path hfs rw 0 0\n");
+    const struct
+    {
+        const char* name;
+        unsigned int driveClass;
+        const char* source;
+        std::string directory;
+        bool readOnly, hidden, space;
+        std::optional<bool> entered;
+        const char* failure;
+    } cases[] = {
+        {"root", 3, "/dev/root", "/", false, false, true, true, ""},
+        {"laid over", 4, "systemd", "/proc", false, true, false, std::nullopt, ""},
+        {"network", 4, "server:/x", "/proc", true, false, true, false, ""},
+        {"automounter", 4, "trigger", directory.Path(), false, false, false, true, ""},
+        {"on the device above it", 3, "/dev/root", ordinary, true, false, true, true, ""},
+        {"gone", 3, "/dev/gone", "/no/such\npath", false, false, false, std::nullopt,
+         "Failed to get attributes of: /no/such\npath: No such file or directory"},
+    };
+    const std::vector<ListedVolume> volumes = ListVolumes(std::chrono::minutes(5));
+    ASSERT_EQ(volumes.size(), std::size(cases));
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+        const ListedVolume& volume = volumes[i];
+        const auto& row = cases[i];
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(volume.driveClass, row.driveClass);
+        EXPECT_EQ(volume.mount.source.Bytes(), row.source);
+        EXPECT_EQ(volume.mount.directory.Bytes(), row.directory);
+        EXPECT_EQ(volume.mount.readOnly, row.readOnly);
+        EXPECT_EQ(volume.isHidden, row.hidden);
+        EXPECT_EQ(volume.freeSpace.has_value(), row.space);
+        EXPECT_EQ(volume.isEntered, row.entered);
+        EXPECT_EQ(volume.failure.value_or("").Bytes(), row.failure);
+    }
+    Krt::Volume::SetMountTableForTesting("/nonexistent/mounts");
+    EXPECT_RAISES(ListVolumes(std::chrono::seconds(1)), ErrorCode::NotFound, "ListVolumes",
+                  "The table of mounts can't be read");
+}
+
+TEST(AnswerWithin, GivesUpOnWhatNeverAnswers)
+{
+    using std::chrono::milliseconds;
+    const auto latch = std::make_shared<std::promise<void>>();
+    const std::function<int()> blocked = [latch] {
+        return latch->get_future().wait(), 1;
+    };
+    EXPECT_EQ(AnswerWithin<int>(milliseconds(1), blocked), std::nullopt);
+    latch->set_value();
+    EXPECT_EQ(AnswerWithin<int>(std::chrono::minutes(5), [] { return 2; }), 2);
+    EXPECT_THROW(
+        AnswerWithin<int>(std::chrono::minutes(5), []() -> int { KRT_RAISE(ErrorCode::NotFound, "x"); }),
+        Krt::Exception::YError);
+}
+
+TEST(TextTable, GivesWayToTheTerminal)
+{
+    const std::vector<TextColumn> columns{{.title = "SIZE", .alignsRight = true},
+                                          {.title = "NAME", .mayBeCut = true},
+                                          {.title = "PATH", .mayBeCut = true}};
+    const std::vector<TextRow> rows{{"12345", "/dev/caf\u00e9-and-more", "/mnt/somewhere/else"},
+                                    {"1", "x", "/"}};
+    const std::pair<unsigned int, const char*> cases[] = {
+        {0, " SIZE  NAME                PATH\n"
+            "12345  /dev/caf\u00e9-and-more  /mnt/somewhere/else\n"
+            "    1  x                   /\n"},
+        {35, " SIZE  NAME           PATH\n"
+             "12345  /dev/caf\u00e9-an\u2026  /mnt/somewhe\u2026\n"
+             "    1  x              /\n"},
+        {1, " SIZE  NAME      PATH\n"
+            "12345  /dev/ca\u2026  /mnt/so\u2026\n"
+            "    1  x         /\n"},
+    };
+    for (const auto& [width, expected] : cases)
+        EXPECT_EQ(TableText(columns, rows, width), expected) << width;
+}
+
+TEST(VolumesCommand, PrintsATableAndADocument)
+{
+    const Testing::ProgramResult text = Testing::RunProgram({"volumes"});
+    const Testing::ProgramResult json = Testing::RunProgram({"volumes", "--json"});
+    // On some machines a mount of another user can't be asked.
+    EXPECT_TRUE(text.exitCode == (text.errors.empty() ? 0 : 3)) << text.exitCode << text.errors;
+    const auto document = Krt::JSON::YValue::Parse(json.output);
+    const auto& volumes = document->AsObject().Get<Krt::JSON::YArray>("volumes", Krt::MessageType::General);
+    EXPECT_EQ(static_cast<std::size_t>(std::count(text.output.begin(), text.output.end(), '\n')),
+              volumes.size() + 1);
+    EXPECT_TRUE(text.output.starts_with("CLASS")) << text.output;
+    const bool hasRoot = std::ranges::any_of(volumes, [](const auto& volume) {
+        const Krt::JSON::YObject& object = volume->AsObject();
+        return object.Find("mount_path", 0)->AsString() == "/" && object.Find("entered", 0)->AsBool() &&
+               object.FindOpt("free_bytes")->IsNumber();
+    });
+    EXPECT_TRUE(hasRoot) << json.output;
+}
+
+TEST(VolumesCommand, FitsTheTerminal)
+{
+    const winsize size{.ws_row = 24, .ws_col = 62, .ws_xpixel = 0, .ws_ypixel = 0};
+    int terminal = -1;
+    const pid_t child = forkpty(&terminal, nullptr, nullptr, &size);
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        execl(KBAGENT_PROGRAM, "kbagent", "volumes", nullptr);
+        _exit(127);
+    }
+    std::string shown;
+    char buffer[4096];
+    for (ssize_t count; (count = read(terminal, buffer, sizeof buffer)) > 0;)
+        shown.append(buffer, static_cast<std::size_t>(count));
+    close(terminal);
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    std::istringstream lines(shown);
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line) && line.starts_with("CLASS")) << shown;
+    while (std::getline(lines, line) && !line.starts_with("kbagent: "))
+        EXPECT_LE(Krt::YString(line.c_str()).Length(), 62u + 1) << line; // the carriage return counts
+}
