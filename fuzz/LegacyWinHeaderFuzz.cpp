@@ -1,0 +1,7 @@
+#include "fuzz/LegacyRecord.h"
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    Fuzz::ConvertLegacyHeader("win", data, size);
+    return 0;
+}

@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# fuzz/run.sh [SECONDS] [TARGET...]: builds the fuzz targets with clang and AddressSanitizer (build/fuzz) and runs
+# each, or the named ones, for so many seconds (60), starting from fuzz/corpus/TARGET. Inputs that reach new code
+# stay in build/fuzz/corpus/TARGET for the next run. Ends non-zero after a finding, whose input is then in
+# build/fuzz/findings/TARGET; once mended it belongs into fuzz/corpus/TARGET, where each test run replays it.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+seconds=60
+if [[ ${1:-} =~ ^[0-9]+$ ]]; then
+    seconds=$1
+    shift
+fi
+targets=("$@")
+if [ ${#targets[@]} -eq 0 ]; then
+    for source in fuzz/*Fuzz.cpp; do targets+=("$(basename "$source" Fuzz.cpp)"); done
+fi
+
+mkdir -p build
+cmake --preset fuzz >build/fuzz.log || { cat build/fuzz.log; exit 1; }
+cmake --build build/fuzz --target "${targets[@]/%/Fuzz}" -- -j "$(nproc)" >build/fuzz.log ||
+    { cat build/fuzz.log; exit 1; }
+
+export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1
+failed=()
+for target in "${targets[@]}"; do
+    kept=build/fuzz/corpus/$target findings=build/fuzz/findings/$target log=build/fuzz/$target.log
+    mkdir -p "$kept" "$findings"
+    if "build/fuzz/fuzz/${target}Fuzz" -max_total_time="$seconds" -max_len=4096 -timeout=10 -rss_limit_mb=1024 \
+        -print_final_stats=1 -artifact_prefix="$findings/" "$kept" "fuzz/corpus/$target" >"$log" 2>&1; then
+        awk -v target="$target" '/number_of_executed_units/ { runs = $2 } /average_exec_per_sec/ { rate = $2 }
+            END { print target ": " runs " runs, " rate " a second, no finding" }' "$log"
+    else
+        tail -n 60 "$log"
+        failed+=("$target")
+    fi
+done
+[ ${#failed[@]} -eq 0 ] || { echo "findings: ${failed[*]}" >&2; exit 1; }
