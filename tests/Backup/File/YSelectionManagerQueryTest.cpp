@@ -159,8 +159,16 @@ TEST(YSelectionManagerQuery, TellsHowItDecides)
     }
 }
 
-// Rule forests and all paths of a small world, beside a list that is searched from end to end.
-TEST(YSelectionManagerQuery, AgreesWithThePlainList)
+// Forests of random rules, and the answers about all paths of a small world beside those of a list that is
+// searched from end to end.
+struct World
+{
+    int forests;
+    unsigned int mostRules;
+    List places, patterns, paths;
+};
+
+void CompareWithThePlainList(const World& world)
 {
     const char* fixed = std::getenv("SELECTION_SEED");
     const unsigned int seed = fixed ? std::strtoul(fixed, nullptr, 10) : std::random_device()();
@@ -169,7 +177,25 @@ TEST(YSelectionManagerQuery, AgreesWithThePlainList)
     const auto pick = [&](const List& choices) {
         return choices[random() % choices.size()];
     };
+    for (int forest = 0; forest < world.forests; ++forest) {
+        YSelectionManager tree;
+        Testing::NaiveSelection list;
+        List added;
+        for (unsigned int rules = 1 + random() % world.mostRules; rules > 0; --rules) {
+            added.push_back(pick({"include ", "include ", "exclude ", "silent "}) + pick(world.places) +
+                            pick({" ", " recursive "}) + pick(world.patterns) + pick({"", "", " explicit"}));
+            const bool taken = list.Add(Rule(added.back()));
+            ASSERT_EQ(tree.Add(Rule(added.back())), taken) << testing::PrintToString(added);
+        }
+        ASSERT_EQ(Testing::Words(tree), list.Words()) << testing::PrintToString(added);
+        for (const std::string& path : world.paths)
+            ASSERT_EQ(tree.GetPathSelectionType(path.c_str()), list.Ask(path))
+                << path << " in " << testing::PrintToString(added);
+    }
+}
 
+TEST(YSelectionManagerQuery, AgreesWithThePlainList)
+{
     List paths, level = {""};
     for (int depth = 0; depth < 4; ++depth) {
         List below;
@@ -180,24 +206,26 @@ TEST(YSelectionManagerQuery, AgreesWithThePlainList)
         paths.insert(paths.end(), below.begin(), below.end());
         level = below;
     }
-    const List places = {"/", "/", "/a", "/b", "/a/a", "/a/b", "/b/ab", "/a/b/a", "/a/a/b", "/ab/a/b"};
-    const List patterns = {"any",     "glob=*",  "glob=a*",  "glob=?",
-                           "exact=a", "exact=b", "exact=ab", "exact=AB nocase"};
-    for (int forest = 0; forest < 400; ++forest) {
-        YSelectionManager tree;
-        Testing::NaiveSelection list;
-        List added;
-        for (unsigned int rules = 1 + random() % 9; rules > 0; --rules) {
-            added.push_back(pick({"include ", "include ", "exclude ", "silent "}) + pick(places) +
-                            pick({" ", " recursive "}) + pick(patterns) + pick({"", "", " explicit"}));
-            const bool taken = list.Add(Rule(added.back()));
-            ASSERT_EQ(tree.Add(Rule(added.back())), taken) << testing::PrintToString(added);
-        }
-        ASSERT_EQ(Testing::Words(tree), list.Words()) << testing::PrintToString(added);
-        for (const std::string& path : paths)
-            ASSERT_EQ(tree.GetPathSelectionType(path.c_str()), list.Ask(path))
-                << path << " in " << testing::PrintToString(added);
+    CompareWithThePlainList(
+        {400,
+         9,
+         {"/", "/", "/a", "/b", "/a/a", "/a/b", "/b/ab", "/a/b/a", "/a/a/b", "/ab/a/b"},
+         {"any", "glob=*", "glob=a*", "glob=?", "exact=a", "exact=b", "exact=ab", "exact=AB nocase"},
+         paths});
+}
+
+TEST(YSelectionManagerQuery, AgreesWithThePlainListWhereManyRulesStand)
+{
+    World world{60, 250, {"/", "/a", "/a", "/a/n1"}, {"glob=n1*", "glob=*5", "exact=N7 nocase"}, {}};
+    for (int i = 0; i < 40; ++i) {
+        const std::string name = "n" + std::to_string(i);
+        world.patterns.insert(world.patterns.end(), 4, "exact=" + name);
+        world.patterns.push_back("glob=?" + name + "*");
+        for (const char* place : {"/", "/a/", "/a/n1/", "/a/n15/", "/a/n1/x"})
+            world.paths.push_back(place + name);
     }
+    world.patterns.push_back("any");
+    CompareWithThePlainList(world);
 }
 
 } // namespace
