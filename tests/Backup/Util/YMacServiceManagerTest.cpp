@@ -52,6 +52,15 @@ protected:
     {
         m_manager.Install(name, "Display", "Description", program, {"--argument"}, YDuration::Seconds(9));
     }
+    // The command lines of a call, and its error. `failing` ends with status 7.
+    static std::string Commands(const std::function<void()>& call, const std::string& failing = "")
+    {
+        const ProcessRecorder programs([&](const ProcessRecorder::Command& command) {
+            return command[1] == failing ? 7 : Shell(command);
+        });
+        const auto error = Testing::CatchError(call);
+        return programs.Lines() + (error ? (error->GetFunction() + ": " + error->GetMessage()).Bytes() : "");
+    }
     bool IsTemporaryEmpty() const { return std::filesystem::is_empty(m_root + "/tmp"); }
 
     Testing::TemporaryDirectory m_directory;
@@ -114,45 +123,33 @@ TEST_F(YMacServiceManagerTest, CommandsAndTheirFailures)
 {
     if (!Krt::Environment::IsRoot())
         GTEST_SKIP() << "only root may start and stop services";
+    const auto start = [&] {
+        m_manager.Start("kbagent", s_noTime);
+    };
+    const auto stop = [&] {
+        m_manager.Stop("kbagent", true, s_noTime);
+    };
+    const auto restart = [&] {
+        m_manager.Restart("kbagent", false, s_noTime);
+    };
+    const auto removal = [&] {
+        m_manager.Delete("kbagent", s_noTime);
+    };
     const std::string load = "/bin/launchctl load -w " + m_list + "\n";
     const std::string unload = "/bin/launchctl unload " + m_list + "\n";
-    const std::string remove = "/bin/sh -c rm " + Krt::Util::QuotifyEx(m_list.c_str(), '"').Bytes() + "\n";
-    const struct
-    {
-        const char* name;
-        std::function<void()> call;
-        std::string failing; // the command that ends with status 7
-        std::string lines;
-        const char* function;
-        const char* text;
-    } rows[] = {
-        {"start", [&] { m_manager.Start("kbagent", s_noTime); }, "load", load, "Start", "launchctl load"},
-        {"stop", [&] { m_manager.Stop("kbagent", true, s_noTime); }, "unload", unload, "Stop",
-         "launchctl unload"},
-        {"restart", [&] { m_manager.Restart("kbagent", false, s_noTime); }, "", unload + load, "", ""},
-        {"restart of what can't be stopped", [&] { m_manager.Restart("kbagent", false, s_noTime); }, "unload",
-         unload, "Stop", "launchctl unload"},
-        {"delete of what can't be stopped", [&] { m_manager.Delete("kbagent", s_noTime); }, "unload", unload,
-         "Stop", "launchctl unload"},
-        {"delete of a list that stays", [&] { m_manager.Delete("kbagent", s_noTime); }, "-c", unload + remove,
-         "Delete", "rm (for launchd plist)"},
-        {"delete", [&] { m_manager.Delete("kbagent", s_noTime); }, "", unload + remove, "", ""},
-        {"delete without a list", [&] { m_manager.Delete("kbagent", s_noTime); }, "", unload, "", ""},
-    };
+    const std::string rm = "/bin/sh -c rm " + Krt::Util::QuotifyEx(m_list.c_str(), '"').Bytes() + "\n";
+    const std::string loaded = "Start: launchctl load exited with status: 7";
+    const std::string unloaded = "Stop: launchctl unload exited with status: 7";
     m_directory.Write("a \"$x` b/Library/LaunchDaemons/kbagent.plist", "list");
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const ProcessRecorder programs([&](const ProcessRecorder::Command& command) {
-            return command[1] == row.failing ? 7 : Shell(command);
-        });
-        if (row.failing.empty())
-            row.call();
-        else
-            EXPECT_RAISES(row.call(), ErrorCode::ProcessFailed, row.function,
-                          std::string(row.text) + " exited with status: 7");
-        EXPECT_EQ(programs.Lines(), row.lines);
-    }
+    EXPECT_EQ(Commands(start, "load"), load + loaded);
+    EXPECT_EQ(Commands(stop, "unload"), unload + unloaded);
+    EXPECT_EQ(Commands(restart), unload + load);
+    EXPECT_EQ(Commands(restart, "unload"), unload + unloaded) << "no start";
+    EXPECT_EQ(Commands(removal, "unload"), unload + unloaded) << "the list stays";
+    EXPECT_EQ(Commands(removal, "-c"), unload + rm + "Delete: rm (for launchd plist) exited with status: 7");
+    EXPECT_EQ(Commands(removal), unload + rm);
     EXPECT_FALSE(m_manager.Exists("kbagent"));
+    EXPECT_EQ(Commands(removal), unload) << "without a list";
 }
 
 TEST_F(YMacServiceManagerTest, OnlyRootMayStartAndStop)

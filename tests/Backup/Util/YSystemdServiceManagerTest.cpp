@@ -35,6 +35,24 @@ protected:
         m_manager.Install(name, title, "", program, arguments, s_noTime);
     }
 
+    // The command lines of a call, all systemctl's, and its error. is-active ends with `active`, `failing`
+    // with 5.
+    static std::string Commands(const std::function<void()>& call, int active,
+                                const std::string& failing = "")
+    {
+        std::string lines;
+        const ProcessRecorder programs([&](const ProcessRecorder::Command& command) {
+            return command[1] == failing ? 5 : command[1] == "is-active" ? active : 0;
+        });
+        const auto error = Testing::CatchError(call);
+        for (const auto& command : programs.commands) {
+            EXPECT_EQ(command[0], "/bin/systemctl");
+            for (std::size_t i = 1; i < command.size(); ++i)
+                lines += command[i] + (i + 1 == command.size() ? "\n" : " ");
+        }
+        return lines + (error ? (error->GetFunction() + ": " + error->GetMessage()).Bytes() : "");
+    }
+
     Testing::TemporaryDirectory m_directory;
     const std::string m_units = m_directory / "etc/systemd/system";
     const std::string m_unit = m_units + "/kbagent.service";
@@ -112,53 +130,41 @@ TEST_F(YSystemdServiceManagerTest, RefusesWhatNoUnitCanHold)
 
 TEST_F(YSystemdServiceManagerTest, CommandsAndTheirFailures)
 {
-    const std::string systemctl = "/bin/systemctl ";
-    const std::string isActive = systemctl + "is-active --quiet -- kbagent.service\n";
-    const std::string kill = systemctl + "kill --signal=SIGKILL -- kbagent.service\n";
-    const std::string stop = systemctl + "stop -- kbagent.service\n";
-    const std::string restart = systemctl + "restart -- kbagent.service\n" + isActive;
-    const std::string disable = systemctl + "disable --quiet -- kbagent.service\n";
-    const struct
-    {
-        const char* name;
-        std::function<void()> call;
-        int active;          // what is-active ends with
-        std::string failing; // the command that ends with status 5
-        std::string lines;
-        const char* function;
-    } rows[] = {
-        {"start", [&] { m_manager.Start("kbagent", s_noTime); }, 0, "",
-         systemctl + "start -- kbagent.service\n" + isActive, ""},
-        {"failing start", [&] { m_manager.Start("kbagent", s_noTime); }, 0, "start",
-         systemctl + "start -- kbagent.service\n", "Start"},
-        {"stop", [&] { m_manager.Stop("kbagent", false, s_noTime); }, 3, "", stop + isActive, ""},
-        {"forced stop of what doesn't run", [&] { m_manager.Stop("kbagent", true, s_noTime); }, 4, "kill",
-         kill + stop + isActive, ""},
-        {"restart", [&] { m_manager.Restart("kbagent", false, s_noTime); }, 0, "", restart, ""},
-        {"forced restart", [&] { m_manager.Restart("kbagent", true, s_noTime); }, 0, "", kill + restart, ""},
-        {"delete of what can't be stopped", [&] { m_manager.Delete("kbagent", s_noTime); }, 3, "stop", stop,
-         "Stop"},
-        {"delete of what can't be disabled", [&] { m_manager.Delete("kbagent", s_noTime); }, 3, "disable",
-         stop + isActive + disable, "Delete"},
-        {"delete", [&] { m_manager.Delete("kbagent", s_noTime); }, 3, "",
-         stop + isActive + disable + systemctl + "daemon-reload\n", ""},
-        {"delete of another's unit", [&] { m_manager.Delete("kbagent", s_noTime); }, 3, "", stop + isActive,
-         ""},
+    const auto start = [&] {
+        m_manager.Start("kbagent", s_noTime);
     };
+    const auto stop = [&](bool force) {
+        return [=, this] {
+            m_manager.Stop("kbagent", force, s_noTime);
+        };
+    };
+    const auto restart = [&](bool force) {
+        return [=, this] {
+            m_manager.Restart("kbagent", force, s_noTime);
+        };
+    };
+    const auto removal = [&] {
+        m_manager.Delete("kbagent", s_noTime);
+    };
+    const std::string look = "is-active --quiet -- kbagent.service\n";
+    const std::string kill = "kill --signal=SIGKILL -- kbagent.service\n";
+    const std::string stopped = "stop -- kbagent.service\n";
+    const std::string restarted = "restart -- kbagent.service\n";
+    const std::string disabled = "disable --quiet -- kbagent.service\n";
     m_directory.Write("etc/systemd/system/kbagent.service", "unit");
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const ProcessRecorder programs([&](const ProcessRecorder::Command& command) {
-            return command[1] == row.failing ? 5 : command[1] == "is-active" ? row.active : 0;
-        });
-        if (*row.function == '\0')
-            row.call();
-        else
-            EXPECT_RAISES(row.call(), ErrorCode::ProcessFailed, row.function,
-                          "systemctl " + row.failing + " exited with status: 5");
-        EXPECT_EQ(programs.Lines(), row.lines);
-    }
+    EXPECT_EQ(Commands(start, 0), "start -- kbagent.service\n" + look);
+    EXPECT_EQ(Commands(start, 0, "start"),
+              "start -- kbagent.service\nStart: systemctl start exited with status: 5");
+    EXPECT_EQ(Commands(stop(false), 3), stopped + look);
+    EXPECT_EQ(Commands(stop(true), 4, "kill"), kill + stopped + look) << "nothing to be killed";
+    EXPECT_EQ(Commands(restart(false), 0), restarted + look);
+    EXPECT_EQ(Commands(restart(true), 0), kill + restarted + look);
+    EXPECT_EQ(Commands(removal, 3, "stop"), stopped + "Stop: systemctl stop exited with status: 5");
+    EXPECT_EQ(Commands(removal, 3, "disable"),
+              stopped + look + disabled + "Delete: systemctl disable exited with status: 5");
+    EXPECT_EQ(Commands(removal, 3), stopped + look + disabled + "daemon-reload\n");
     EXPECT_FALSE(m_manager.Exists("kbagent"));
+    EXPECT_EQ(Commands(removal, 3), stopped + look) << "a unit that stands elsewhere";
 }
 
 TEST_F(YSystemdServiceManagerTest, WaitsLookUntilTheStateIsThere)
