@@ -15,7 +15,6 @@
 
 namespace Agent {
 
-using Krt::YString;
 using Krt::JSON::YArray;
 using Krt::JSON::YObject;
 using Krt::JSON::YValue;
@@ -78,6 +77,7 @@ YObject ObjectOf(const ListedVolume& volume)
 std::string TextOf(const std::vector<ListedVolume>& volumes)
 {
     std::vector<TextRow> rows;
+    rows.reserve(volumes.size());
     for (const ListedVolume& volume : volumes)
         rows.push_back(RowOf(volume));
     return TableText({{"CLASS"},
@@ -92,6 +92,7 @@ std::string TextOf(const std::vector<ListedVolume>& volumes)
 std::string JsonOf(const std::vector<ListedVolume>& volumes)
 {
     YArray array;
+    array.reserve(volumes.size());
     for (const ListedVolume& volume : volumes)
         array.push_back(boost::make_shared<YValue>(YValue::FromObject(ObjectOf(volume))));
     YObject document;
