@@ -67,13 +67,13 @@ std::vector<ListedVolume> ListVolumes(std::chrono::milliseconds patience)
 
     std::vector<ListedVolume> volumes;
     for (const MountEntry& mount : mounts) {
-        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
         ListedVolume& volume = volumes.emplace_back();
         volume.mount = mount;
         volume.driveClass = Backup::Volume::ClassifyFilesystemType(mount.type);
         volume.isHidden = uppermost[mount.directory.Bytes()] != &mount;
         if (!volume.isHidden)
             Ask(volume, patience);
+        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
     }
     return volumes;
 }
