@@ -104,7 +104,7 @@ void YSelectionManager::Delete(const YPath& path)
     const auto child = parent->m_children.find(components.back());
     if (child == parent->m_children.end())
         return;
-    parent->CountIncludes(-static_cast<long long>(child->second->m_includesBelow));
+    child->second->RulesChanged(-static_cast<long long>(child->second->m_includesBelow));
     parent->m_children.erase(child);
     // The word is about the node that went, the path that of the one above it.
     KRT_LOG(MessageType::SelectionBuild, "Erased node: " << parent->GetPath());
@@ -120,13 +120,9 @@ bool YSelectionManager::Delete(const YSelectionPathDescriptor& rule)
         return false;
     if (rule.IsInclude()) { // callers rely on it that a single exclude stays
         rules.Erase(stored);
-        node->CountIncludes(-1);
+        node->RulesChanged(-1);
     }
-    while (node->IsEmpty() && node->m_parent != nullptr) {
-        Node* const parent = node->m_parent;
-        parent->m_children.erase(parent->m_children.find(node->m_name));
-        node = parent;
-    }
+    node->EraseUpwardsWhileEmpty();
     return true;
 }
 

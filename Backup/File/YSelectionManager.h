@@ -28,6 +28,8 @@ class YSet;
 
 namespace Backup::File {
 
+class YSelectionRulesBelow;
+
 class BACKUP_API YSelectionManager
 {
 public:
@@ -156,7 +158,7 @@ private:
 class BACKUP_API YSelectionManager::YSelectionManagerNode
 {
 public:
-    YSelectionManagerNode() = default;
+    YSelectionManagerNode();
     YSelectionManagerNode(const YString& name, YSelectionManagerNode* parent);
     YSelectionManagerNode(const YSelectionManagerNode&) = delete;
     YSelectionManagerNode& operator=(const YSelectionManagerNode&) = delete;
@@ -212,8 +214,13 @@ private:
     // Whether a recursive explicit include for all names stands here.
     bool SelectsAllExplicitly() const;
     void Insert(const YSelectionDescriptor& rule);
-    // Changes the number of includes of this node and of all above.
-    void CountIncludes(long long change);
+    // To be told of each change of the rules here: keeps what this node and all above know of them.
+    void RulesChanged(long long includesAdded);
+    void PruneBranch(const YSelectionDescriptor& rule);
+    void PruneByPatterns(const YSelectionDescriptor& rule, YSelectionRulesBelow& below);
+    std::unique_ptr<YSelectionRulesBelow> ListRulesBelow();
+    // Erases this node and those above it as far as they are empty; neither the root nor `last`.
+    void EraseUpwardsWhileEmpty(const YSelectionManagerNode* last = nullptr);
     // Null for a type that no rule has.
     const Rules* RulesOfType(SelectionType type) const;
     // Visits the rules of these types, in their order within each node.
@@ -227,6 +234,9 @@ private:
     Rules m_includes;
     Rules m_excludes;
     unsigned long long m_includesBelow = 0; // those of this node and of all nodes below it
+    // The rules of the nodes below, made when a second recursive rule comes while those stay as they are.
+    std::unique_ptr<YSelectionRulesBelow> m_below;
+    bool m_wasBranchPruned = false; // since a rule below changed
 };
 
 /// Every node with its addresses, for diagnosis; not protected against a change meanwhile.

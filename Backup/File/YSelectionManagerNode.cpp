@@ -1,6 +1,7 @@
 #include "Backup/File/YSelectionManager.h"
 
 #include "Backup/File/YSelectionNodeWalk.h"
+#include "Backup/File/YSelectionRulesBelow.h"
 
 #include "Krt/Log/LogSite.h"
 
@@ -12,6 +13,8 @@ namespace Backup::File {
 using Krt::File::YPath;
 using Krt::Match::MatchType;
 using Node = YSelectionManager::YSelectionManagerNode;
+
+Node::YSelectionManagerNode() = default;
 
 Node::YSelectionManagerNode(const YString& name, YSelectionManagerNode* parent)
     : m_name(name), m_parent(parent)
@@ -92,16 +95,19 @@ bool Node::operator==(const YSelectionManagerNode& other) const
 
 void Node::Insert(const YSelectionDescriptor& rule)
 {
-    if (rule.IsExclude())
-        m_excludes.Insert(rule);
-    else if (m_includes.Insert(rule))
-        CountIncludes(1);
+    const bool isNew = (rule.IsInclude() ? m_includes : m_excludes).Insert(rule);
+    if (isNew)
+        RulesChanged(rule.IsInclude());
 }
 
-void Node::CountIncludes(long long change)
+void Node::RulesChanged(long long includesAdded)
 {
-    for (Node* node = this; change != 0 && node != nullptr; node = node->m_parent)
-        node->m_includesBelow += static_cast<unsigned long long>(change);
+    m_includesBelow += static_cast<unsigned long long>(includesAdded);
+    for (Node* node = m_parent; node != nullptr; node = node->m_parent) {
+        node->m_includesBelow += static_cast<unsigned long long>(includesAdded);
+        node->m_below.reset();
+        node->m_wasBranchPruned = false;
+    }
 }
 
 void Node::PruneNodeIncludes(const YSelectionDescriptor& rule, bool pruneExplicit)
@@ -113,23 +119,47 @@ void Node::PruneNodeIncludes(const YSelectionDescriptor& rule, bool pruneExplici
                 "At node for " << GetPath() << " include descriptor " << rule << " prunes " << stored);
         return true;
     });
-    CountIncludes(-static_cast<long long>(pruned));
+    if (pruned != 0)
+        RulesChanged(-static_cast<long long>(pruned));
 }
 
 void Node::PruneNodeExcludes(const YSelectionDescriptor& rule)
 {
-    m_excludes.EraseCovered(rule, [&](const YSelectionDescriptor& stored) {
+    const std::size_t pruned = m_excludes.EraseCovered(rule, [&](const YSelectionDescriptor& stored) {
         KRT_LOG(MessageType::SelectionBuild,
                 "At node for " << GetPath() << " exclude descriptor " << rule << " prunes " << stored);
         return true;
     });
+    if (pruned != 0)
+        RulesChanged(0);
 }
 
 void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
 {
-    if (!rule.IsRecursive())
+    if (!rule.IsRecursive() || m_children.empty())
         return;
-    // One pass: prunes on the way down and sweeps what is empty on the way up.
+    // A walk tells what it prunes in the order of the tree.
+    if (rule.CoversAllNames() || Krt::Log::IsMessageEnabled(MessageType::SelectionBuild)) {
+        PruneBranch(rule);
+        return;
+    }
+    // What is pruned on the way is no change that the list need be made anew for.
+    std::unique_ptr<YSelectionRulesBelow> below = std::move(m_below);
+    if (below != nullptr) {
+        PruneByPatterns(rule, *below);
+    } else {
+        const bool isSecond = m_wasBranchPruned;
+        PruneBranch(rule);
+        if (isSecond)
+            below = ListRulesBelow();
+        m_wasBranchPruned = true;
+    }
+    m_below = std::move(below);
+}
+
+// One pass: prunes on the way down and sweeps what is empty on the way up.
+void Node::PruneBranch(const YSelectionDescriptor& rule)
+{
     std::vector<Children::iterator> open;
     Node* node = this;
     auto next = m_children.begin();
@@ -148,6 +178,45 @@ void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
             open.pop_back();
             node = parent;
         }
+    }
+}
+
+std::unique_ptr<YSelectionRulesBelow> Node::ListRulesBelow()
+{
+    auto below = std::make_unique<YSelectionRulesBelow>();
+    Walk walk(*this);
+    for (walk.Next(); walk.Current() != nullptr; walk.Next()) {
+        auto* const node = const_cast<Node*>(walk.Current());
+        for (const Rules* const rules : {&node->m_includes, &node->m_excludes}) {
+            for (const YSelectionDescriptor& rule : *rules)
+                below->Add(rule, *node);
+        }
+    }
+    below->Sort();
+    return below;
+}
+
+void Node::PruneByPatterns(const YSelectionDescriptor& rule, YSelectionRulesBelow& below)
+{
+    for (YSelectionRulesBelow::Entry* const entry : below.CandidatesFor(rule)) {
+        const bool isInclude = entry->rule->IsInclude();
+        if ((isInclude && entry->rule->GetExplicitSelection()) || !rule.CanPrune(*entry->rule))
+            continue;
+        Node* node = entry->node;
+        Rules& rules = isInclude ? node->m_includes : node->m_excludes;
+        rules.Erase(rules.Find(*entry->rule));
+        entry->rule = nullptr;
+        node->RulesChanged(isInclude ? -1 : 0);
+        node->EraseUpwardsWhileEmpty(this);
+    }
+}
+
+void Node::EraseUpwardsWhileEmpty(const YSelectionManagerNode* last)
+{
+    for (Node* node = this; node != last && node->IsEmpty() && node->m_parent != nullptr;) {
+        Node* const parent = node->m_parent;
+        parent->m_children.erase(parent->m_children.find(node->m_name));
+        node = parent;
     }
 }
 

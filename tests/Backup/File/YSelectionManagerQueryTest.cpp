@@ -166,6 +166,7 @@ struct World
     int forests;
     unsigned int mostRules;
     List places, patterns, paths;
+    unsigned int lastAtRoot = 0; // so many rules stand at "/", behind all others
 };
 
 void CompareWithThePlainList(const World& world)
@@ -182,7 +183,8 @@ void CompareWithThePlainList(const World& world)
         Testing::NaiveSelection list;
         List added;
         for (unsigned int rules = 1 + random() % world.mostRules; rules > 0; --rules) {
-            added.push_back(pick({"include ", "include ", "exclude ", "silent "}) + pick(world.places) +
+            const std::string place = rules <= world.lastAtRoot ? "/" : pick(world.places);
+            added.push_back(pick({"include ", "include ", "exclude ", "silent "}) + place +
                             pick({" ", " recursive "}) + pick(world.patterns) + pick({"", "", " explicit"}));
             const bool taken = list.Add(Rule(added.back()));
             ASSERT_EQ(tree.Add(Rule(added.back())), taken) << testing::PrintToString(added);
@@ -225,6 +227,20 @@ TEST(YSelectionManagerQuery, AgreesWithThePlainListWhereManyRulesStand)
             world.paths.push_back(place + name);
     }
     world.patterns.push_back("any");
+    CompareWithThePlainList(world);
+}
+
+TEST(YSelectionManagerQuery, AgreesWithThePlainListWhereManyRulesComeLastAtTheRoot)
+{
+    World world{60, 120, {"/a", "/a/b", "/a/b/c", "/d", "/d/b"}, {}, {}, 60};
+    for (const char* name : {"", "a", "ab", "abc", "cab", "bca", "aa", "ba", "aba", "caba"}) {
+        world.patterns.push_back(std::string("exact=x") + name);
+        for (const char* glob : {"glob=?", "glob=*", "glob=x*", "glob=x?*"})
+            world.patterns.push_back(std::string(glob) + name);
+        world.patterns.push_back(std::string("glob=") + name + "* nocase");
+        for (const char* place : {"/", "/a/", "/a/b/", "/a/b/c/", "/d/b/", "/a/x/"})
+            world.paths.push_back(std::string(place) + "x" + name);
+    }
     CompareWithThePlainList(world);
 }
 

@@ -1,0 +1,86 @@
+#include "Backup/File/YSelectionRulesBelow.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace Backup::File {
+
+using Krt::Match::MatchType;
+
+namespace {
+
+int CompareBegins(std::string_view a, std::string_view b)
+{
+    return a.compare(b);
+}
+
+int CompareEnds(std::string_view a, std::string_view b)
+{
+    const auto [x, y] = std::mismatch(a.rbegin(), a.rend(), b.rbegin(), b.rend());
+    if (x == a.rend() || y == b.rend())
+        return (x != a.rend()) - (y != b.rend());
+    return static_cast<unsigned char>(*x) < static_cast<unsigned char>(*y) ? -1 : 1;
+}
+
+constexpr char Wildcards[] = "*?";
+
+} // namespace
+
+void YSelectionRulesBelow::Add(const YSelectionDescriptor& rule, Node& node)
+{
+    m_entries.push_back({rule.GetDescriptor().GetPattern().Bytes(), &rule, &node});
+}
+
+void YSelectionRulesBelow::Sort()
+{
+    const auto sort = [this](Order& order, auto compare) {
+        order.resize(m_entries.size());
+        std::iota(order.begin(), order.end(), 0U);
+        std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
+            return compare(m_entries[a].pattern, m_entries[b].pattern) < 0;
+        });
+    };
+    sort(m_byBegin, CompareBegins);
+    sort(m_byEnd, CompareEnds);
+}
+
+// A pattern is covered by the same one, or else it is a name that a Glob matches. Such a name has the Glob's
+// text in front of the first wildcard and behind the last; the longer of the two leaves the fewer candidates.
+std::vector<YSelectionRulesBelow::Entry*>
+YSelectionRulesBelow::CandidatesFor(const YSelectionDescriptor& rule)
+{
+    const Krt::Match::Descriptor& names = rule.GetDescriptor();
+    const std::string_view pattern = names.GetPattern().Bytes();
+    const std::size_t first = pattern.find_first_of(Wildcards);
+    if (names.GetMatchType() != MatchType::Glob || first == std::string_view::npos)
+        return Range(m_byBegin, pattern, CompareBegins);
+    if (!names.IsCaseSensitive())
+        return Range(m_byBegin, "", CompareBegins);
+    const std::string_view begin = pattern.substr(0, first);
+    const std::string_view end = pattern.substr(pattern.find_last_of(Wildcards) + 1);
+    return begin.size() > end.size() ? Range(m_byBegin, begin, CompareBegins)
+                                     : Range(m_byEnd, end, CompareEnds);
+}
+
+// The entries whose pattern begins with the text, or ends with it, as `compare` looks at it.
+template <class Compare>
+std::vector<YSelectionRulesBelow::Entry*> YSelectionRulesBelow::Range(const Order& order,
+                                                                      std::string_view text, Compare compare)
+{
+    const bool atEnd = &order == &m_byEnd;
+    const auto holds = [&](const Entry& entry) {
+        return atEnd ? entry.pattern.ends_with(text) : entry.pattern.starts_with(text);
+    };
+    std::vector<Entry*> found;
+    auto place =
+        std::lower_bound(order.begin(), order.end(), text, [&](std::uint32_t a, std::string_view wanted) {
+            return compare(m_entries[a].pattern, wanted) < 0;
+        });
+    for (; place != order.end() && holds(m_entries[*place]); ++place) {
+        if (m_entries[*place].rule != nullptr)
+            found.push_back(&m_entries[*place]);
+    }
+    return found;
+}
+
+} // namespace Backup::File
