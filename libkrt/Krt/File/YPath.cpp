@@ -3,9 +3,10 @@
 #include "Krt/Exception/Raise.h"
 #include "Krt/String/Ascii.h"
 
+#include <boost/container/small_vector.hpp>
+
 #include <algorithm>
 #include <cctype>
-#include <type_traits>
 
 namespace Krt::File {
 
@@ -240,25 +241,23 @@ namespace {
 template <class Container>
 Container SplitAtSeparators(const YString& path)
 {
-    Container components;
     const std::string_view text = path.Bytes();
-    // Every path of a walk is split, and growing step by step would cost more than the pieces themselves.
-    if constexpr (std::is_same_v<Container, std::vector<YString>>)
-        components.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), *Separator)) + 1);
     const YString volume = YPath::GetVolumeFromPath(path);
+    // Every path of a walk is split: the pieces are counted before a container grows by them.
+    boost::container::small_vector<std::string_view, 32> pieces;
     const std::string_view first = WithoutSep(volume.Bytes(), *Separator);
     if (!first.empty())
-        components.emplace_back(first);
+        pieces.push_back(first);
     // A volume that takes the whole text may have gained a separator behind it.
     std::size_t begin = std::min(volume.Bytes().size(), text.size());
     while (begin < text.size()) {
         const std::size_t end = std::min(text.find(*Separator, begin), text.size());
         const std::string_view piece = text.substr(begin, end - begin);
         if (!piece.empty() && piece != ".")
-            components.emplace_back(piece);
+            pieces.push_back(piece);
         begin = end + 1;
     }
-    return components;
+    return Container(pieces.begin(), pieces.end());
 }
 
 } // namespace

@@ -45,12 +45,36 @@ std::string_view TakeCharacter(std::string_view& text)
     return character;
 }
 
-// Whether the pattern has no wildcard and can't begin within a character of the name. Behind a star, the
-// last bytes alone decide then.
-bool IsPlainFromCharacterOn(std::string_view pattern)
+// Moves the first characters out of both if the pattern's one matches the name's.
+bool TakeMatch(std::string_view& name, std::string_view& pattern, bool caseSensitive)
 {
-    return (static_cast<unsigned char>(pattern.front()) & 0xC0) != 0x80 &&
-           std::none_of(pattern.begin(), pattern.end(), [](char c) { return c == '*' || c == '?'; });
+    const auto isOneByte = [](std::string_view text) {
+        return static_cast<signed char>(text[0]) >= 0;
+    };
+    std::string_view wanted, found;
+    if (isOneByte(name) && isOneByte(pattern)) {
+        wanted = pattern.substr(0, 1);
+        found = name.substr(0, 1);
+        pattern.remove_prefix(1);
+        name.remove_prefix(1);
+    } else {
+        wanted = TakeCharacter(pattern);
+        found = TakeCharacter(name);
+    }
+    return wanted == "?" || String::Equals(wanted, found, caseSensitive);
+}
+
+// Whether the pattern begins with a byte that is itself alone and at which, in any name, a character begins.
+bool BeginsWithLiteral(std::string_view pattern, bool caseSensitive)
+{
+    const char first = pattern.front();
+    return caseSensitive && first != '*' && first != '?' &&
+           (static_cast<unsigned char>(first) & 0xC0) != 0x80;
+}
+
+bool HasWildcard(std::string_view pattern)
+{
+    return std::any_of(pattern.begin(), pattern.end(), [](char c) { return c == '*' || c == '?'; });
 }
 
 // Only the last star passed can have taken too little, so going back there alone is enough, and the time is
@@ -60,29 +84,31 @@ bool MatchesGlob(std::string_view name, std::string_view pattern, bool caseSensi
     bool starred = false;
     std::string_view retryName;
     std::string_view retryPattern;
+    const auto retry = [&] {
+        if (BeginsWithLiteral(retryPattern, caseSensitive))
+            retryName.remove_prefix(std::min(retryName.find(retryPattern.front()), retryName.size()));
+        name = retryName;
+        pattern = retryPattern;
+    };
     while (!name.empty() || !pattern.empty()) {
         if (pattern.starts_with('*')) {
             pattern.remove_prefix(1);
             if (pattern.empty())
                 return true;
-            if (caseSensitive && IsPlainFromCharacterOn(pattern))
+            if (BeginsWithLiteral(pattern, caseSensitive) && !HasWildcard(pattern))
                 return name.ends_with(pattern);
             starred = true;
             retryName = name;
             retryPattern = pattern;
+            retry();
             continue;
         }
-        if (!pattern.empty() && !name.empty()) {
-            const std::string_view wanted = TakeCharacter(pattern);
-            const std::string_view found = TakeCharacter(name);
-            if (wanted == "?" || String::Equals(wanted, found, caseSensitive))
-                continue;
-        }
+        if (!pattern.empty() && !name.empty() && TakeMatch(name, pattern, caseSensitive))
+            continue;
         if (!starred || retryName.empty())
             return false;
         TakeCharacter(retryName);
-        name = retryName;
-        pattern = retryPattern;
+        retry();
     }
     return true;
 }
