@@ -1,6 +1,11 @@
 // Asks what may never answer, such as a file server that is gone, without waiting for ever.
 #pragma once
 
+#include "agent/Cli/Interrupt.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -10,16 +15,22 @@
 namespace Agent {
 
 /// The question's answer, or nothing if it takes longer than the limit. What the question raises passes
-/// through. It is asked on a thread of its own, which is left behind when it doesn't answer: the question
-/// owns all that it needs.
+/// through, and an interrupted program raises InvalidState. It is asked on a thread of its own, which is left
+/// behind when it doesn't answer: the question owns all that it needs.
 template <class Answer>
 std::optional<Answer> AnswerWithin(std::chrono::milliseconds limit, std::function<Answer()> question)
 {
     std::packaged_task<Answer()> task(std::move(question));
     std::future<Answer> answer = task.get_future();
     std::thread(std::move(task)).detach();
-    if (answer.wait_for(limit) != std::future_status::ready)
-        return std::nullopt;
+    const auto end = std::chrono::steady_clock::now() + limit;
+    constexpr std::chrono::milliseconds slice(100);
+    while (answer.wait_until(std::min(end, std::chrono::steady_clock::now() + slice)) !=
+           std::future_status::ready) {
+        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
+        if (std::chrono::steady_clock::now() >= end)
+            return std::nullopt;
+    }
     return answer.get();
 }
 

@@ -41,6 +41,7 @@ std::unique_ptr<ICommand> MakeListCommand();
 std::unique_ptr<ICommand> MakeRenameCommand();
 std::unique_ptr<ICommand> MakeRestoreCommand();
 std::unique_ptr<ICommand> MakeServiceCommand();
+std::unique_ptr<ICommand> MakeTrustCommand();
 std::unique_ptr<ICommand> MakeVolumesCommand();
 
 /// The option --store DIR, which is required.

@@ -33,6 +33,7 @@ constexpr std::unique_ptr<ICommand> (*Makers[])() = {
     MakeListCommand,
     MakeVolumesCommand,
     MakeServiceCommand,
+    MakeTrustCommand,
     MakeConvertCommand,
     MakeRenameCommand,
     MakeImportCommand,

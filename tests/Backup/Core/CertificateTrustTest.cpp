@@ -11,10 +11,12 @@
 #include <cstdlib>
 #include <functional>
 #include <thread>
+#include <type_traits>
 
 using namespace Backup::OpenSSL;
 using Krt::YString;
 using Testing::Certificate;
+using Testing::CertificateForm;
 
 namespace {
 
@@ -22,6 +24,12 @@ constexpr const char* Host = "backup.example";
 constexpr const char* KeyTooWeak = "EE certificate key too weak";
 constexpr const char* SignatureTooWeak = "the certificate's signature algorithm is too weak";
 constexpr const char* WrongName = "hostname mismatch";
+constexpr const char* WrongPurpose = "unsuitable certificate purpose";
+constexpr const char* Expired = "certificate has expired";
+constexpr long long Now = Testing::JudgementTime;
+
+struct Scene;
+using Change = std::function<void(Scene&)>;
 
 struct Scene
 {
@@ -33,7 +41,7 @@ struct Scene
     bool isSelfSigned = false;
     bool isPinned = false;
     // Changes to what is made of the forms.
-    std::function<void(Scene&)> present = [](Scene&) {
+    Change present = [](Scene&) {
     };
 
     std::optional<Certificate> root, middle, server;
@@ -54,7 +62,7 @@ struct Scene
             options.pinnedKey = YString(server->KeyHash().c_str());
         else
             options.anchors.push_back(root->Pem());
-        options.time = Testing::JudgementTime;
+        options.time = Now;
         present(*this);
         return IsCertificateTrusted(sent, chain, YString(std::string_view(host)), options, &report);
     }
@@ -63,7 +71,7 @@ struct Scene
 struct Case
 {
     const char* name;
-    std::function<void(Scene&)> change;
+    Change change;
     const char* reason = "";
     int depth = 0;
     const char* subject = "CN=Server";
@@ -83,7 +91,7 @@ void Check(const std::vector<Case>& cases)
     }
 }
 
-std::function<void(Scene&)> Names(const std::vector<std::string>& names, const std::string& host = Host)
+Change Names(const std::vector<std::string>& names, const std::string& host = Host)
 {
     return [=](Scene& scene) {
         scene.serverForm.names = names;
@@ -91,10 +99,25 @@ std::function<void(Scene&)> Names(const std::vector<std::string>& names, const s
     };
 }
 
-std::function<void(Scene&)> With(const char* extension, const char* value)
+template <class Value>
+Change Set(CertificateForm Scene::*form, Value CertificateForm::*field, std::type_identity_t<Value> value)
 {
     return [=](Scene& scene) {
-        scene.serverForm.extensions[extension] = value;
+        scene.*form.*field = value;
+    };
+}
+
+Change Extend(CertificateForm Scene::*form, const char* extension, const char* value)
+{
+    return [=](Scene& scene) {
+        (scene.*form).extensions[extension] = value;
+    };
+}
+
+Change Present(const Change& change)
+{
+    return [=](Scene& scene) {
+        scene.present = change;
     };
 }
 
@@ -136,101 +159,76 @@ TEST(CertificateTrust, Names)
 
 TEST(CertificateTrust, PathAndTime)
 {
-    const auto constrain = [](const char* to) {
-        return [=](Scene& s) {
-            s.middleForm.extensions["nameConstraints"] = to;
-        };
-    };
+    constexpr auto Root = &Scene::rootForm, Middle = &Scene::middleForm, Server = &Scene::serverForm;
+    constexpr auto NotAfter = &CertificateForm::notAfter;
     const char* const noIssuer = "unable to get local issuer certificate";
+    const char* const middle = "CN=Middle";
     Check({
-        {"expired", [](Scene& s) { s.serverForm.notAfter = Testing::JudgementTime - 1; },
-         "certificate has expired"},
-        {"not yet valid", [](Scene& s) { s.serverForm.notBefore = Testing::JudgementTime + 1; },
-         "certificate is not yet valid"},
-        {"expired issuer", [](Scene& s) { s.middleForm.notAfter = Testing::JudgementTime - 1; },
-         "certificate has expired", 1, "CN=Middle"},
-        {"expired anchor", [](Scene& s) { s.rootForm.notAfter = Testing::JudgementTime - 1; },
-         "certificate has expired", 2, "CN=Root"},
+        {"expired", Set(Server, NotAfter, Now - 1), Expired},
+        {"not yet valid", Set(Server, &CertificateForm::notBefore, Now + 1), "certificate is not yet valid"},
+        {"expired issuer", Set(Middle, NotAfter, Now - 1), Expired, 1, middle},
+        {"expired anchor", Set(Root, NotAfter, Now - 1), Expired, 2, "CN=Root"},
         {"missing intermediate", [](Scene& s) { s.sendsMiddle = false; }, noIssuer},
-        {"intermediate as the anchor",
-         [](Scene& s) {
-             s.present = [](Scene& t) {
-                 t.options.anchors = {t.middle->Der()};
-             };
-         }},
+        {"intermediate as the anchor", Present([](Scene& s) { s.options.anchors = {s.middle->Der()}; })},
         {"another root of that name",
-         [](Scene& s) {
-             s.present = [](Scene& t) {
-                 t.options.anchors = {Certificate::SelfSigned(t.rootForm).Pem()};
-             };
-         },
-         noIssuer, 1, "CN=Middle"},
-        {"signature damaged",
-         [](Scene& s) {
-             s.present = [](Scene& t) {
-                 t.sent = t.server->Der();
-                 t.sent.back() = static_cast<char>(t.sent.back() ^ 1);
-             };
-         },
+         Present([](Scene& s) { s.options.anchors = {Certificate::SelfSigned(s.rootForm).Pem()}; }), noIssuer,
+         1, middle},
+        {"signature damaged", Present([](Scene& s) {
+             s.sent = s.server->Der();
+             s.sent.back() = static_cast<char>(s.sent.back() ^ 1);
+         }),
          "certificate signature failure"},
         {"self-signed", [](Scene& s) { s.isSelfSigned = true; }, "self-signed certificate"},
         {"self-signed, and the anchor",
          [](Scene& s) {
              s.isSelfSigned = true;
              s.present = [](Scene& t) {
-                 t.options.anchors = {t.server->Pem()};
+                 t.options.anchors = {t.sent};
              };
          }},
-        {"server as an issuer",
-         [](Scene& s) { s.middleForm.extensions = Testing::ServerForm("").extensions; },
-         "invalid CA certificate", 1, "CN=Middle"},
-        {"issuer that the strict rules refuse",
-         [](Scene& s) { s.middleForm.extensions["basicConstraints"] = "CA:TRUE"; },
-         "Basic Constraints of CA cert not marked critical", 1, "CN=Middle"},
-        {"path too long", [](Scene& s) { s.rootForm.extensions["basicConstraints"] += ",pathlen:0"; },
+        {"server as an issuer", Extend(Middle, "basicConstraints", "critical,CA:FALSE"),
+         "invalid CA certificate", 1, middle},
+        {"issuer that the strict rules refuse", Extend(Middle, "basicConstraints", "CA:TRUE"),
+         "Basic Constraints of CA cert not marked critical", 1, middle},
+        {"path too long", Extend(Root, "basicConstraints", "critical,CA:TRUE,pathlen:0"),
          "path length constraint exceeded", 2, "CN=Root"},
-        {"authority as the server",
-         [](Scene& s) { s.serverForm.extensions = Testing::AuthorityForm("").extensions; },
+        {"authority as the server", [](Scene& s) { s.serverForm.extensions = s.middleForm.extensions; },
          "the certificate is an authority's, not a server's"},
-        {"within name constraints", constrain("critical,permitted;DNS:backup.example")},
-        {"name not permitted", constrain("critical,permitted;DNS:other.example"),
+        {"within name constraints",
+         Extend(Middle, "nameConstraints", "critical,permitted;DNS:backup.example")},
+        {"name not permitted", Extend(Middle, "nameConstraints", "critical,permitted;DNS:other.example"),
          "permitted subtree violation"},
-        {"name excluded", constrain("critical,excluded;DNS:example"), "excluded subtree violation"},
-        {"purpose client", With("extendedKeyUsage", "clientAuth"), "unsuitable certificate purpose"},
-        {"purpose of the issuer",
-         [](Scene& s) { s.middleForm.extensions["extendedKeyUsage"] = "clientAuth"; },
-         "unsuitable certificate purpose", 1, "CN=Middle"},
-        {"key usage", With("keyUsage", "critical,cRLSign"), "unsuitable certificate purpose"},
-        {"unknown critical extension", With("1.2.3.4", "critical,ASN1:NULL"), "unhandled critical extension"},
+        {"name excluded", Extend(Middle, "nameConstraints", "critical,excluded;DNS:example"),
+         "excluded subtree violation"},
+        {"purpose client", Extend(Server, "extendedKeyUsage", "clientAuth"), WrongPurpose},
+        {"purpose of the issuer", Extend(Middle, "extendedKeyUsage", "clientAuth"), WrongPurpose, 1, middle},
+        {"key usage", Extend(Server, "keyUsage", "critical,cRLSign"), WrongPurpose},
+        {"unknown critical extension", Extend(Server, "1.2.3.4", "critical,ASN1:NULL"),
+         "unhandled critical extension"},
     });
 }
 
 TEST(CertificateTrust, Strength)
 {
+    constexpr auto Bits = &CertificateForm::rsaBits;
+    constexpr auto Digest = &CertificateForm::digest;
+    const char* const authorityTooWeak = "CA certificate key too weak";
     Check({
-        {"RSA of 2048 bits",
-         [](Scene& s) {
-             s.serverForm.rsaBits = 2048;
-         }},
-        {"weak key", [](Scene& s) { s.serverForm.rsaBits = 1024; }, KeyTooWeak},
-        {"weak key of the issuer", [](Scene& s) { s.middleForm.rsaBits = 1024; },
-         "CA certificate key too weak", 1, "CN=Middle"},
-        {"weak key of the anchor", [](Scene& s) { s.rootForm.rsaBits = 1024; }, "CA certificate key too weak",
-         2, "CN=Root"},
-        {"weak signature", [](Scene& s) { s.serverForm.digest = "SHA1"; }, SignatureTooWeak},
-        {"weak signature on the issuer", [](Scene& s) { s.middleForm.digest = "SHA1"; },
+        {"RSA of 2048 bits", Set(&Scene::serverForm, Bits, 2048)},
+        {"weak key", Set(&Scene::serverForm, Bits, 1024), KeyTooWeak},
+        {"weak key of the issuer", Set(&Scene::middleForm, Bits, 1024), authorityTooWeak, 1, "CN=Middle"},
+        {"weak key of the anchor", Set(&Scene::rootForm, Bits, 1024), authorityTooWeak, 2, "CN=Root"},
+        {"weak signature", Set(&Scene::serverForm, Digest, "SHA1"), SignatureTooWeak},
+        {"weak signature on the issuer", Set(&Scene::middleForm, Digest, "SHA1"),
          "CA signature digest algorithm too weak", 1, "CN=Middle"},
-        {"weak signature on the anchor, which nobody goes by",
-         [](Scene& s) {
-             s.rootForm.digest = "SHA1";
-         }},
+        {"weak signature on the anchor, which nobody goes by", Set(&Scene::rootForm, Digest, "SHA1")},
         {"weak signature on an anchor that is the server",
          [](Scene& s) {
              s.isSelfSigned = true;
              s.serverForm.digest = "MD5";
              s.serverForm.rsaBits = 2048;
              s.present = [](Scene& t) {
-                 t.options.anchors = {t.server->Pem()};
+                 t.options.anchors = {t.sent};
              };
          },
          SignatureTooWeak},
@@ -239,81 +237,65 @@ TEST(CertificateTrust, Strength)
 
 TEST(CertificateTrust, PinStandsForTheAnchorAlone)
 {
-    const auto pinned = [](std::function<void(Scene&)> change) {
+    const auto pinned = [](const Change& change, bool isSelfSigned = true) -> Change {
         return [=](Scene& s) {
             s.isPinned = true;
-            s.isSelfSigned = true;
+            s.isSelfSigned = isSelfSigned;
             change(s);
         };
     };
-    const auto list = [](bool names, long long end) {
-        return [=](Scene& s) {
-            s.isSelfSigned = false;
-            s.present = [=](Scene& t) {
-                const std::vector<Certificate> revoked = {names ? *t.server : *t.middle};
-                t.options.revocationLists = {t.middle->RevocationList(revoked, end)};
-            };
-        };
+    const auto lists = [&](std::function<std::vector<std::string>(Scene&)> make) {
+        return pinned(Present([=](Scene& s) { s.options.revocationLists = make(s); }), false);
     };
-    const long long now = Testing::JudgementTime;
+    using List = std::vector<std::string>;
     Check({
         {"self-signed", pinned([](Scene&) {})},
-        {"issued", pinned([](Scene& s) { s.isSelfSigned = false; })},
-        {"issued, chain broken", pinned([](Scene& s) { s.isSelfSigned = s.sendsMiddle = false; })},
-        {"another key", pinned([](Scene& s) {
-             s.present = [](Scene& t) {
-                 t.options.pinnedKey = YString(t.middle->KeyHash().c_str());
-             };
-         }),
+        {"issued", pinned([](Scene&) {}, false)},
+        {"issued, chain broken", pinned([](Scene& s) { s.sendsMiddle = false; }, false)},
+        {"another key",
+         pinned(Present([](Scene& s) { s.options.pinnedKey = YString(s.middle->KeyHash().c_str()); })),
          "the public key is not the pinned one"},
-        {"expired", pinned([](Scene& s) { s.serverForm.notAfter = Testing::JudgementTime - 1; }),
-         "certificate has expired"},
-        {"wrong name", pinned([](Scene& s) { s.host = "other.example"; }), WrongName},
-        {"wrong purpose", pinned(With("extendedKeyUsage", "clientAuth")), "unsuitable certificate purpose"},
-        {"weak key", pinned([](Scene& s) { s.serverForm.rsaBits = 1024; }), KeyTooWeak},
-        {"weak signature", pinned([](Scene& s) { s.serverForm.digest = "SHA1"; }), SignatureTooWeak},
-        {"on a list", pinned(list(true, now + 1)), "certificate revoked"},
-        {"not on the list", pinned(list(false, now + 1))},
-        {"list expired", pinned(list(false, now - 1)), "CRL has expired"},
+        {"expired", pinned(Set(&Scene::serverForm, &CertificateForm::notAfter, Now - 1)), Expired},
+        {"wrong name", pinned(Names({"other.example"})), WrongName},
+        {"wrong purpose", pinned(Extend(&Scene::serverForm, "extendedKeyUsage", "clientAuth")), WrongPurpose},
+        {"weak key", pinned(Set(&Scene::serverForm, &CertificateForm::rsaBits, 1024)), KeyTooWeak},
+        {"weak signature", pinned(Set(&Scene::serverForm, &CertificateForm::digest, "SHA1")),
+         SignatureTooWeak},
+        {"on the second list", lists([](Scene& s) -> List {
+             return {s.middle->RevocationList({}), s.middle->RevocationList({*s.server})};
+         }),
+         "certificate revoked"},
+        {"not on the list", lists([](Scene& s) -> List { return {s.middle->RevocationList({*s.middle})}; })},
+        {"list expired", lists([](Scene& s) -> List { return {s.middle->RevocationList({}, Now - 1)}; }),
+         "CRL has expired"},
+        {"list of another issuer", lists([](Scene& s) -> List { return {s.root->RevocationList({})}; }),
+         "unable to get certificate CRL"},
     });
 }
 
 TEST(CertificateTrust, RevocationLists)
 {
-    using Lists = std::function<std::vector<std::string>(Scene&)>;
-    const auto lists = [](const Lists& make) {
-        return [=](Scene& s) {
-            s.present = [=](Scene& t) {
-                t.options.revocationLists = make(t);
-            };
-        };
+    const auto lists = [](std::function<std::string(Scene&)> make) {
+        return Present([=](Scene& s) { s.options.revocationLists = {make(s)}; });
     };
-    const long long past = Testing::JudgementTime - 1;
     Check({
-        {"not listed",
-         lists([](Scene& t) -> std::vector<std::string> { return {t.middle->RevocationList({})}; })},
-        {"both issuers in one text", lists([](Scene& t) -> std::vector<std::string> {
-             return {t.root->RevocationList({}) + "text\n" + t.middle->RevocationList({*t.root})};
+        {"not listed", lists([](Scene& s) { return s.middle->RevocationList({*s.root}); })},
+        {"both issuers in one text", lists([](Scene& s) {
+             return s.root->RevocationList({}) + "text\n" + s.middle->RevocationList({});
          })},
-        {"revoked", lists([](Scene& t) -> std::vector<std::string> {
-             return {t.middle->RevocationList({*t.root, *t.server})};
+        {"revoked", lists([](Scene& s) {
+             return s.middle->RevocationList({*s.root, *s.server});
          }),
          "certificate revoked"},
-        {"issuer revoked", lists([](Scene& t) -> std::vector<std::string> {
-             return {t.middle->RevocationList({}), t.root->RevocationList({*t.middle})};
-         }),
+        {"issuer revoked",
+         lists([](Scene& s) { return s.middle->RevocationList({}) + s.root->RevocationList({*s.middle}); }),
          "certificate revoked", 1, "CN=Middle"},
-        {"list expired",
-         lists([=](Scene& t) -> std::vector<std::string> { return {t.middle->RevocationList({}, past)}; }),
+        {"list expired", lists([](Scene& s) { return s.middle->RevocationList({}, Now - 1); }),
          "CRL has expired"},
-        {"list of the issuer missing",
-         lists([](Scene& t) -> std::vector<std::string> { return {t.root->RevocationList({})}; }),
+        {"list of the issuer missing", lists([](Scene& s) { return s.root->RevocationList({}); }),
          "unable to get certificate CRL"},
-        {"list signed by another of that name", lists([](Scene& t) -> std::vector<std::string> {
-             Testing::CertificateForm form = t.middleForm;
-             form.extensions["subjectKeyIdentifier"] = "01";
-             return {t.root->Issue(form).RevocationList({})};
-         }),
+        {"list signed by another of that name",
+         lists([](Scene& s) { return s.root->Issue(s.middleForm).RevocationList({}); }),
          "unable to get certificate CRL"},
     });
 }
@@ -322,11 +304,7 @@ TEST(CertificateTrust, DamagedCertificatesAreRefusedWithoutRaising)
 {
     ERR_clear_error();
     const auto sends = [](std::function<std::string(const std::string& der, const std::string& pem)> damage) {
-        return [=](Scene& s) {
-            s.present = [=](Scene& t) {
-                t.sent = damage(t.server->Der(), t.sent);
-            };
-        };
+        return Present([=](Scene& s) { s.sent = damage(s.server->Der(), s.sent); });
     };
     const char* const unreadable = "the certificate can't be read";
     Check({

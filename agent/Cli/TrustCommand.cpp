@@ -1,0 +1,169 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Cli/Text.h"
+#include "agent/Trust/Handshake.h"
+
+#include "Backup/Core/OpenSSL.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Agent {
+
+using Backup::OpenSSL::CertificateSummary;
+using Backup::OpenSSL::IsCertificateTrusted;
+using Backup::OpenSSL::ReadCertificateFile;
+using Backup::OpenSSL::TrustOptions;
+using Backup::OpenSSL::TrustReport;
+using Krt::YString;
+
+namespace {
+
+class TrustCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    void CheckUsage() const;
+    std::string Name() const;
+    TrustOptions Options() const;
+    bool JudgeServer(const TrustOptions& options, TrustReport& found) const;
+    bool JudgeFile(const TrustOptions& options, TrustReport& found) const;
+
+    CLI::Option* m_server = nullptr;
+    CLI::Option* m_name = nullptr;
+    std::string m_certificate;
+    std::string m_chain;
+    std::string m_anchors;
+    std::string m_pin;
+    std::string m_lists;
+    std::string m_time;
+    unsigned int m_timeout = 10;
+};
+
+CLI::App* TrustCommand::Register(CLI::App& program)
+{
+    CLI::App* const command = program.add_subcommand("trust", "Tell whether a server is to be trusted");
+    m_server = AddPathArguments(*command, "HOST:PORT of the server; [ADDRESS]:PORT for IPv6", "SERVER")
+                   ->expected(0, 1);
+    CLI::Option* const certificate =
+        command->add_option("--cert", m_certificate, "Judge this certificate, without asking a server")
+            ->type_name("FILE");
+    command->add_option("--chain", m_chain, "The certificates that a server would send with it")
+        ->type_name("FILE")
+        ->needs(certificate);
+    m_name =
+        AddPathArguments(*command, "The host name or IP address that the certificate must have", "--name")
+            ->type_name("NAME")
+            ->expected(1);
+    CLI::Option* const anchors =
+        command->add_option("--anchors", m_anchors, "Trust these authorities, not the system's")
+            ->type_name("FILE");
+    command->add_option("--pin", m_pin, "SHA-256 of the server's public key; stands for the authorities")
+        ->type_name("SHA256")
+        ->excludes(anchors);
+    command->add_option("--crl", m_lists, "Revocation lists of the authorities")->type_name("FILE");
+    command->add_option("--at", m_time, "Judge as of this time, such as 2001-02-03T04:05:06Z")
+        ->type_name("TIME");
+    command->add_option("--timeout", m_timeout, "Seconds for reaching the server")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1u, 86400u))
+        ->capture_default_str();
+    command->footer(
+        "Files are PEM or DER. The verdict is the first line: \"trusted\", or \"not trusted\" with the\n"
+        "reason; the certificate in short follows. Exit codes: 0 trusted, 4 not trusted, 1 the server or a\n"
+        "file couldn't be read. Nothing is sent to the server but a TLS handshake.\n\n"
+        "Examples: kbagent trust backup.example.com:443\n"
+        "          kbagent trust --cert server.pem --chain chain.pem --name backup.example.com");
+    return command;
+}
+
+void TrustCommand::CheckUsage() const
+{
+    const std::size_t servers = m_server->count();
+    if ((servers == 0) == m_certificate.empty())
+        throw UsageError("Name a server or, with --cert, a certificate");
+    if (servers == 0 && m_name->count() == 0)
+        throw UsageError("--cert needs --name: the name by which the server is reached");
+    constexpr std::string_view Digits = "0123456789abcdefABCDEF";
+    if (!m_pin.empty() && (m_pin.size() != 64 || m_pin.find_first_not_of(Digits) != std::string::npos))
+        throw UsageError("--pin takes 64 hexadecimal digits");
+}
+
+// As it was typed: an IPv6 address may stand in brackets.
+std::string TrustCommand::Name() const
+{
+    return PathsOf(m_name).front();
+}
+
+TrustOptions TrustCommand::Options() const
+{
+    TrustOptions options;
+    if (!m_anchors.empty())
+        options.anchorFiles.push_back(m_anchors.c_str());
+    options.pinnedKey = YString(m_pin.c_str());
+    if (!m_time.empty())
+        options.time = ParseTime(m_time);
+    if (!m_lists.empty())
+        options.revocationLists.push_back(ReadCertificateFile(m_lists.c_str()));
+    return options;
+}
+
+bool TrustCommand::JudgeServer(const TrustOptions& options, TrustReport& found) const
+{
+    const Endpoint server = ParseEndpoint(PathsOf(m_server).front());
+    const std::string name = m_name->count() == 0 ? server.host : Name();
+    const Handshake handshake(server, name,
+                              std::chrono::steady_clock::now() + std::chrono::seconds(m_timeout));
+    return IsCertificateTrusted(handshake.GetConnection(), YString(name.c_str()), options, &found);
+}
+
+bool TrustCommand::JudgeFile(const TrustOptions& options, TrustReport& found) const
+{
+    std::vector<std::string> chain;
+    if (!m_chain.empty())
+        chain.push_back(ReadCertificateFile(m_chain.c_str()));
+    return IsCertificateTrusted(ReadCertificateFile(m_certificate.c_str()), chain, YString(Name().c_str()),
+                                options, &found);
+}
+
+std::string EndText(const std::optional<long long>& time)
+{
+    return time ? TimeText(static_cast<unsigned long long>(*time)) : "(unreadable)";
+}
+
+// Reason and names come as printable text.
+void Print(const TrustReport& found, Output& out)
+{
+    out << (found.reason.IsEmpty() ? "trusted" : "not trusted: " + found.reason.Bytes()) << "\n";
+    if (found.depth > 0)
+        out << "  found in  " << found.subject.Bytes() << "\n";
+    const CertificateSummary& server = found.server;
+    if (server.keyHash.IsEmpty())
+        return;
+    out << "  subject   " << server.subject.Bytes() << "\n";
+    out << "  issuer    " << server.issuer.Bytes() << "\n";
+    out << "  valid     " << EndText(server.notBefore) << " to " << EndText(server.notAfter) << "\n";
+    out << "  key       " << server.keyHash.Bytes() << "\n";
+}
+
+void TrustCommand::Run(Report& report)
+{
+    CheckUsage();
+    const TrustOptions options = Options();
+    TrustReport found;
+    const bool isTrusted = m_certificate.empty() ? JudgeServer(options, found) : JudgeFile(options, found);
+    Print(found, report.Out());
+    if (!isTrusted)
+        report.AnswerNo();
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeTrustCommand()
+{
+    return std::make_unique<TrustCommand>();
+}
+
+} // namespace Agent

@@ -1,0 +1,27 @@
+// A TLS server of OpenSSL's own program, on a free port of the loopback interface.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace Testing {
+
+class OpenSslServer
+{
+public:
+    /// Arguments of "openssl s_server".
+    explicit OpenSslServer(const std::vector<std::string>& arguments);
+    ~OpenSslServer();
+    OpenSslServer(const OpenSslServer&) = delete;
+    OpenSslServer& operator=(const OpenSslServer&) = delete;
+
+    /// Empty where the program is missing or couldn't start.
+    const std::string& Port() const { return m_port; }
+
+private:
+    int m_process = -1;
+    int m_output = -1;
+    std::string m_port;
+};
+
+} // namespace Testing
