@@ -1,97 +1,232 @@
-// SelectionBench RULES PATHS [ROUNDS]: how fast a job's rules are taken in and answer. A line of RULES is
-// "directory TAB any|exact|glob TAB pattern TAB recursive (0 or 1) TAB include|exclude", a line of PATHS
-// begins with a path up to a TAB. Prints medians: milliseconds to build the tree, nanoseconds a query, and
-// the answers.
+// SelectionBench: how fast a job's rules are taken in and answer.
+//   SelectionBench [--quick]                     prints all that needs no peer, a figure a line
+//   SelectionBench inputs DIR mixed|literal N [PATHS]
+//                                                writes N rules as a gitignore file, and the paths
+//   SelectionBench query mixed|literal N [PATHS] prints the nanoseconds of a query
 #include "Backup/File/YSelectionManager.h"
+#include "bench/Measure.h"
+#include "bench/SelectionInputs.h"
 
-#include <algorithm>
-#include <array>
-#include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
-#include <vector>
-
-using Backup::File::YSelectionDescriptor;
-using Backup::File::YSelectionManager;
-using Backup::File::YSelectionPathDescriptor;
-using Krt::File::YPath;
-using Krt::Match::Descriptor;
-using Krt::Match::MatchType;
+#include <string_view>
+#include <thread>
 
 namespace {
 
-template <class Work>
-double MedianSeconds(int rounds, Work work)
+using Backup::File::YSelectionManager;
+using Bench::SelectionInputs;
+using Rules = std::vector<Backup::File::YSelectionPathDescriptor>;
+using Type = Backup::File::YSelectionDescriptor;
+
+constexpr int Rounds = 5;
+constexpr std::size_t AllPaths = 200000;
+
+// Answers are summed up here, so that no query can be left out.
+std::size_t g_answers = 0;
+
+Rules Described(const std::vector<SelectionInputs::Rule>& rules)
 {
-    std::vector<double> seconds;
-    for (int i = 0; i < rounds; ++i) {
-        const auto start = std::chrono::steady_clock::now();
-        work();
-        seconds.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-    }
-    std::nth_element(seconds.begin(), seconds.begin() + rounds / 2, seconds.end());
-    return seconds[rounds / 2];
+    Rules described;
+    for (const SelectionInputs::Rule& rule : rules)
+        described.push_back(rule.AsDescriptor());
+    return described;
 }
 
-std::vector<YSelectionPathDescriptor> ReadRules(const char* file)
+YSelectionManager TreeOf(const Rules& rules)
 {
-    std::vector<YSelectionPathDescriptor> rules;
-    std::ifstream input(file);
-    for (std::string line; std::getline(input, line);) {
-        std::istringstream fields(line);
-        std::string directory, kind, pattern, recursive, sense;
-        for (std::string* field : {&directory, &kind, &pattern, &recursive, &sense})
-            std::getline(fields, *field, '\t');
-        const MatchType type = kind == "any"     ? MatchType::Any
-                               : kind == "exact" ? MatchType::Exact
-                                                 : MatchType::Glob;
-        rules.emplace_back(
-            YPath(directory.c_str()), Descriptor(type, pattern.c_str(), true),
-            recursive == "1" ? YSelectionDescriptor::Recursive : YSelectionDescriptor::NonRecursive,
-            sense == "include" ? YSelectionDescriptor::Include : YSelectionDescriptor::Exclude, true);
+    YSelectionManager tree;
+    for (const auto& rule : rules)
+        tree.Add(rule);
+    return tree;
+}
+
+// A walk asks with a new path each time, so the path is made anew from its text.
+std::size_t AskAll(const YSelectionManager& tree, const std::vector<std::string>& paths)
+{
+    std::size_t answers = 0;
+    for (const std::string& path : paths)
+        answers += tree.GetPathSelectionType(path.c_str());
+    return answers;
+}
+
+std::function<void()> Asking(const YSelectionManager& tree, const std::vector<std::string>& paths)
+{
+    return [&] {
+        g_answers += AskAll(tree, paths);
+    };
+}
+
+double Nanoseconds(double seconds, std::size_t count)
+{
+    return seconds * 1e9 / static_cast<double>(count);
+}
+
+Rules InOneDirectory(std::size_t count, Krt::Match::MatchType type)
+{
+    Rules rules;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::string name = "name" + std::to_string(i);
+        const bool isGlob = type == Krt::Match::MatchType::Glob;
+        rules.emplace_back("/usr/lib",
+                           Krt::Match::Descriptor(type, (isGlob ? "*." + name : name).c_str(), true),
+                           Type::NonRecursive, i % 5 == 0 ? Type::Include : Type::Exclude, true);
     }
     return rules;
 }
 
-std::vector<std::string> ReadPaths(const char* file)
+void MeasureGrowth(const SelectionInputs& inputs, std::size_t most)
+{
+    const YSelectionManager few = TreeOf(Described(inputs.MixedRules(10)));
+    const YSelectionManager many = TreeOf(Described(inputs.MixedRules(most)));
+    const auto times =
+        Bench::SecondsInTurns(Rounds, {Asking(few, inputs.GetPaths()), Asking(many, inputs.GetPaths())});
+    Bench::PrintRow("selection.query.few", Nanoseconds(times[0], inputs.GetPaths().size()), "ns");
+    Bench::PrintRow("selection.query.many", Nanoseconds(times[1], inputs.GetPaths().size()), "ns");
+}
+
+void MeasureOneDirectory(std::size_t most)
 {
     std::vector<std::string> paths;
-    std::ifstream input(file);
-    for (std::string line; std::getline(input, line);)
-        paths.push_back(line.substr(0, line.find('\t')));
-    return paths;
+    for (std::size_t i = 0; i < 20000; ++i)
+        paths.push_back("/usr/lib/name" + std::to_string(i * 7919 % (2 * most)));
+    for (const auto type : {Krt::Match::MatchType::Exact, Krt::Match::MatchType::Glob}) {
+        const bool isGlob = type == Krt::Match::MatchType::Glob;
+        const YSelectionManager few = TreeOf(InOneDirectory(10, type));
+        const YSelectionManager many = TreeOf(InOneDirectory(most, type));
+        paths.resize(isGlob ? 200 : paths.size());
+        const auto times = Bench::SecondsInTurns(Rounds, {Asking(few, paths), Asking(many, paths)});
+        const double fewer = Nanoseconds(times[0], paths.size());
+        const double more = Nanoseconds(times[1], paths.size());
+        if (isGlob)
+            Bench::PrintRow("selection.crowd.glob", (more - fewer) / static_cast<double>(most - 10), "ns");
+        else
+            Bench::PrintRow("selection.crowd.exact", more / fewer, "x");
+    }
+}
+
+void MeasureBuilding(const SelectionInputs& inputs, std::size_t many)
+{
+    const Rules rules = Described(inputs.MixedRules(many));
+    const double seconds = Bench::Seconds(Rounds, [&] { TreeOf(rules); });
+    Bench::PrintRow("selection.build.tree", seconds, "s");
+    const Rules tenfold = Described(inputs.MixedRules(10 * many));
+    Bench::PrintRow("selection.build.tenfold", Bench::Seconds(1, [&] { TreeOf(tenfold); }) / (10 * seconds),
+                    "x");
+    const Rules crowd = InOneDirectory(many, Krt::Match::MatchType::Exact);
+    Bench::PrintRow("selection.build.crowd", Bench::Seconds(Rounds, [&] { TreeOf(crowd); }), "s");
+    std::vector<double> added;
+    for (int round = 0; round < Rounds; ++round) {
+        YSelectionManager tree = TreeOf(rules);
+        added.push_back(Bench::Seconds(1, [&] {
+            for (std::size_t i = 0; i < many / 10; ++i) {
+                const std::string name = "late" + std::to_string(i);
+                const bool isGlob = i % 2 == 0;
+                const Krt::Match::Descriptor names(isGlob ? Krt::Match::MatchType::Glob
+                                                          : Krt::Match::MatchType::Exact,
+                                                   (isGlob ? "*." + name : name).c_str(), true);
+                tree.Add("/", names, Type::Recursive, Type::Exclude, true);
+            }
+        }));
+    }
+    Bench::PrintRow("selection.build.recursive_last", Bench::Median(added), "s");
+}
+
+// A directory below which nothing is included, so that no rule cuts the answer short.
+void MeasureDirectoryAnswer(std::size_t most)
+{
+    const auto make = [](std::size_t count) {
+        YSelectionManager tree;
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::string place = "/home/user/d" + std::to_string(i % 1000);
+            tree.Add(place.c_str(), Krt::Match::ExactDescriptor(("n" + std::to_string(i)).c_str(), true),
+                     Type::NonRecursive, Type::Exclude, true);
+        }
+        return tree;
+    };
+    const YSelectionManager few = make(10);
+    const YSelectionManager many = make(most);
+    const std::vector<std::string> paths(100000, "/home/user");
+    const auto times = Bench::SecondsInTurns(Rounds, {Asking(few, paths), Asking(many, paths)});
+    Bench::PrintRow("selection.directory", times[1] / times[0], "x");
+}
+
+void MeasureThreads(const SelectionInputs& inputs)
+{
+    const YSelectionManager tree = TreeOf(Described(inputs.MixedRules(1000)));
+    const auto run = [&](int threads) {
+        std::vector<std::thread> running;
+        for (int i = 0; i < threads; ++i)
+            running.emplace_back([&] {
+                if (AskAll(tree, inputs.GetPaths()) == 0)
+                    std::abort();
+            });
+        for (std::thread& thread : running)
+            thread.join();
+    };
+    const auto times = Bench::SecondsInTurns(2 * Rounds - 1, {[&] { run(1); },
+                                                              [&] {
+                                                                  run(2);
+                                                              }});
+    Bench::PrintRow("selection.threads", 2 * times[0] / times[1], "x");
+}
+
+void MeasureAll(bool quick)
+{
+    const std::size_t many = quick ? 10000 : 100000;
+    const SelectionInputs inputs(quick ? AllPaths / 10 : AllPaths);
+    MeasureGrowth(inputs, many);
+    MeasureOneDirectory(many / 10);
+    MeasureBuilding(inputs, many);
+    MeasureDirectoryAnswer(many);
+    MeasureThreads(inputs);
+}
+
+void WriteInputs(const std::string& directory, const SelectionInputs& inputs,
+                 std::vector<SelectionInputs::Rule> rules)
+{
+    std::ofstream paths(directory + "/paths");
+    for (const std::string& path : inputs.GetPaths())
+        paths << path << '\n';
+    // The last line that matches decides there, so the deepest rules come last.
+    const auto depth = [](const SelectionInputs::Rule& rule) {
+        return std::count(rule.directory.begin(), rule.directory.end(), '/');
+    };
+    std::stable_sort(rules.begin(), rules.end(),
+                     [&](const auto& a, const auto& b) { return depth(a) < depth(b); });
+    std::ofstream lines(directory + "/rules");
+    for (const SelectionInputs::Rule& rule : rules)
+        lines << rule.AsGitignore() << '\n';
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc < 3) {
-        std::fprintf(stderr, "Usage: SelectionBench RULES PATHS [ROUNDS]\n");
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    const std::size_t skipped = !arguments.empty() && arguments[0] == "inputs" ? 1 : 0;
+    if (arguments.empty() || arguments[0] == "--quick") {
+        MeasureAll(!arguments.empty());
+    } else if (arguments.size() >= skipped + 3) {
+        const std::size_t count = std::stoul(arguments[skipped + 2]);
+        const SelectionInputs inputs(arguments.size() > skipped + 3 ? std::stoul(arguments[skipped + 3])
+                                                                    : AllPaths);
+        const bool isLiteral = arguments[skipped + 1] == "literal";
+        const auto rules = isLiteral ? inputs.LiteralRules(count) : inputs.MixedRules(count);
+        if (skipped != 0) {
+            WriteInputs(arguments[1], inputs, rules);
+        } else {
+            const YSelectionManager tree = TreeOf(Described(rules));
+            Asking(tree, inputs.GetPaths())();
+            const double seconds = Bench::Seconds(1, Asking(tree, inputs.GetPaths()));
+            std::printf("%.1f\n", Nanoseconds(seconds, inputs.GetPaths().size()));
+        }
+    } else {
+        std::fprintf(stderr, "Usage: SelectionBench [--quick]\n"
+                             "       SelectionBench inputs DIR mixed|literal RULES [PATHS]\n"
+                             "       SelectionBench query mixed|literal RULES [PATHS]\n");
         return 2;
     }
-    const std::vector<YSelectionPathDescriptor> rules = ReadRules(argv[1]);
-    const std::vector<std::string> paths = ReadPaths(argv[2]);
-    const int rounds = argc > 3 ? std::max(std::atoi(argv[3]), 1) : 5;
-
-    YSelectionManager tree;
-    const double build = MedianSeconds(rounds, [&] {
-        tree = YSelectionManager();
-        for (const YSelectionPathDescriptor& rule : rules)
-            tree.Add(rule);
-    });
-    std::array<std::size_t, 4> answers{};
-    const double queries = MedianSeconds(rounds, [&] {
-        answers.fill(0);
-        for (const std::string& path : paths) // a walk asks with a new path each time
-            ++answers[tree.GetPathSelectionType(path.c_str())];
-    });
-    std::printf("rules=%zu build_ms=%.2f ns/query=%.0f included=%zu excluded=%zu unselected=%zu\n",
-                rules.size(), build * 1e3, queries * 1e9 / static_cast<double>(paths.size()),
-                answers[YSelectionDescriptor::Include], answers[YSelectionDescriptor::Exclude],
-                answers[YSelectionDescriptor::NotSelectedDoRecurse] +
-                    answers[YSelectionDescriptor::NotSelectedDoNotRecurse]);
+    return g_answers == 1 ? 1 : 0;
 }

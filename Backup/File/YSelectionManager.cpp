@@ -51,13 +51,15 @@ bool YSelectionManager::Add(const YSelectionPathDescriptor& rule)
     KRT_RAISE_UNLESS(!rule.IsInclude() || !rule.GetPath().IsEmpty(), ErrorCode::InvalidArgument,
                      "Cannot add root include using empty path on Unix.  Must use root path (/).  " << rule);
     KRT_LOG(MessageType::SelectionBuild, "YSelectionManager::Add called for: " << rule);
-    if (IsDescriptorRedundant(rule)) {
+    const Components& components = rule.GetPath().PopulateComponents();
+    const auto [nearest, depth] = FindDeepest(components);
+    if (IsRedundantFrom(nearest, depth == components.size(), rule)) {
         KRT_LOG(MessageType::SelectionBuild, "Not adding redundant descriptor: " << rule);
         return false;
     }
-    Node* node = m_root.get();
-    for (const YString& component : rule.GetPath().PopulateComponents())
-        node = &node->GetOrAddChild(component);
+    Node* node = nearest;
+    for (const YString& component : std::span(components).subspan(depth))
+        node = &node->AddChild(component);
     node->PruneNodeIncludes(rule, true);
     node->PruneNodeExcludes(rule);
     node->PruneRedundantChildren(rule);
@@ -81,9 +83,14 @@ bool YSelectionManager::IsDescriptorRedundant(const YSelectionPathDescriptor& ru
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
     const auto [nearest, found] = FindNode(rule.GetPath(), false);
-    bool ownNode = found;
-    for (const Node* node = nearest; node != nullptr; node = node->m_parent, ownNode = false) {
-        if (node->DoesNodePruneDescriptor(rule, ownNode))
+    return IsRedundantFrom(nearest, found, rule);
+}
+
+bool YSelectionManager::IsRedundantFrom(const YSelectionManagerNode* nearest, bool isOwnNode,
+                                        const YSelectionDescriptor& rule)
+{
+    for (const Node* node = nearest; node != nullptr; node = node->m_parent, isOwnNode = false) {
+        if (node->DoesNodePruneDescriptor(rule, isOwnNode))
             return true;
     }
     return false;
@@ -98,8 +105,8 @@ void YSelectionManager::Delete(const YPath& path)
         Clear();
         return;
     }
-    const auto [parent, found] = FindNode(std::span(components).first(components.size() - 1));
-    if (!found)
+    const auto [parent, depth] = FindDeepest(std::span(components).first(components.size() - 1));
+    if (depth + 1 != components.size())
         return;
     const auto child = parent->m_children.find(components.back());
     if (child == parent->m_children.end())
@@ -135,21 +142,23 @@ std::pair<Node*, bool> YSelectionManager::FindNode(const YPath& path, bool throw
 std::pair<Node*, bool> YSelectionManager::FindNode(const Components& components, bool throwIfMissing) const
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
-    const auto result = FindNode(std::span(components));
-    KRT_RAISE_UNLESS(result.second || !throwIfMissing, ErrorCode::NotFound);
-    return result;
+    const auto [node, depth] = FindDeepest(components);
+    const bool isFound = depth == components.size();
+    KRT_RAISE_UNLESS(isFound || !throwIfMissing, ErrorCode::NotFound);
+    return {node, isFound};
 }
 
-std::pair<Node*, bool> YSelectionManager::FindNode(std::span<const YString> components) const
+std::pair<Node*, std::size_t> YSelectionManager::FindDeepest(std::span<const YString> components) const
 {
     Node* node = m_root.get();
-    for (const YString& component : components) {
-        Node* const child = node->FindChild(component);
+    std::size_t depth = 0;
+    for (; depth < components.size(); ++depth) {
+        Node* const child = node->FindChild(components[depth]);
         if (child == nullptr)
-            return {node, false};
+            break;
         node = child;
     }
-    return {node, true};
+    return {node, depth};
 }
 
 void YSelectionManager::Clear()

@@ -134,7 +134,10 @@ private:
                                                    const YString& text);
     // The directories above a path at which its rules may stand, top first.
     static std::vector<Krt::File::YPath> AncestorsOf(const Krt::File::YPath& path);
-    std::pair<YSelectionManagerNode*, bool> FindNode(std::span<const YString> components) const;
+    // The deepest node that exists, and how many components lead to it.
+    std::pair<YSelectionManagerNode*, std::size_t> FindDeepest(std::span<const YString> components) const;
+    static bool IsRedundantFrom(const YSelectionManagerNode* nearest, bool isOwnNode,
+                                const YSelectionDescriptor& rule);
     void Clear();
     // A path's components with the nodes on its way, from the root to the deepest that exists: looked up once
     // for all questions of a query. The public questions make one each.
@@ -209,7 +212,7 @@ private:
     using Rules = YSelectionRules;
 
     YSelectionManagerNode* FindChild(const YString& name) const;
-    YSelectionManagerNode& GetOrAddChild(const YString& name);
+    YSelectionManagerNode& AddChild(const YString& name); // which has none of this name yet
     bool IsEmpty() const { return m_children.empty() && m_includes.empty() && m_excludes.empty(); }
     // Whether a recursive explicit include for all names stands here.
     bool SelectsAllExplicitly() const;

@@ -290,12 +290,9 @@ Node* Node::FindChild(const YString& name) const
     return child == m_children.end() ? nullptr : child->second.get();
 }
 
-Node& Node::GetOrAddChild(const YString& name)
+Node& Node::AddChild(const YString& name)
 {
-    auto child = m_children.lower_bound(name);
-    if (child == m_children.end() || child->first != name)
-        child = m_children.emplace_hint(child, name, std::make_unique<Node>(name, this));
-    return *child->second;
+    return *m_children.emplace(name, std::make_unique<Node>(name, this)).first->second;
 }
 
 } // namespace Backup::File
