@@ -1,78 +1,93 @@
-// LockBench [MILLION_ROUNDS]: what taking and giving back a lock costs, in nanoseconds a pair, for the
-// read/write lock and for std::shared_mutex, on one thread and on two at once. Prints medians of five.
+// LockBench [--quick]: what taking and giving back a lock costs, in nanoseconds a pair and as a multiple of
+// std::shared_mutex, with which it takes turns.
 #include "Krt/Signal/YSignal.h"
 #include "Krt/Thread/Thread.h"
 #include "Krt/Thread/YMutex.h"
 #include "Krt/Thread/YReadWriteMutex.h"
+#include "bench/Measure.h"
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <shared_mutex>
+#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
+constexpr int Rounds = 9;
 const Krt::Time::YDuration Forever = Krt::Time::YDuration::Zero();
 
+// On so many threads of their own; on none, on this one.
 template <class Work>
-double NanosecondsEach(long rounds, unsigned int threads, Work work)
+std::function<void()> Repeat(long count, unsigned int threads, Work work)
 {
-    std::vector<double> results;
-    for (int run = 0; run < 5; ++run) {
-        const auto start = std::chrono::steady_clock::now();
+    if (threads == 0)
+        return [=] {
+            for (long done = 0; done < count; ++done)
+                work();
+        };
+    return [=] {
         std::vector<std::thread> running;
         for (unsigned int i = 0; i < threads; ++i)
-            running.emplace_back([&] {
-                for (long round = 0; round < rounds; ++round)
+            running.emplace_back([=] {
+                for (long done = 0; done < count; ++done)
                     work();
             });
         for (std::thread& thread : running)
             thread.join();
-        const std::chrono::duration<double, std::nano> span = std::chrono::steady_clock::now() - start;
-        results.push_back(span.count() / static_cast<double>(rounds));
-    }
-    std::nth_element(results.begin(), results.begin() + 2, results.end());
-    return results[2];
+    };
+}
+
+// Ours beside the standard's one: nanoseconds of both, and how many times as much ours costs.
+template <class Ours, class Standard>
+void Compare(const std::string& name, long count, unsigned int threads, Ours ours, Standard standard)
+{
+    const auto seconds =
+        Bench::SecondsInTurns(Rounds, {Repeat(count, threads, ours), Repeat(count, threads, standard)});
+    const double scale = 1e9 / static_cast<double>(count);
+    Bench::PrintRow((name + ".ours").c_str(), seconds[0] * scale, "ns");
+    Bench::PrintRow((name + ".shared_mutex").c_str(), seconds[1] * scale, "ns");
+    Bench::PrintRow(name.c_str(), seconds[0] / seconds[1], "x");
+}
+
+template <class Work>
+void Alone(const char* name, long count, Work work)
+{
+    Bench::PrintRow(name, Bench::Seconds(Rounds, Repeat(count, 1, work)) * 1e9 / static_cast<double>(count),
+                    "ns");
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const long rounds = (argc > 1 ? std::max(1L, std::atol(argv[1])) : 2) * 1000000;
+    const bool quick = argc > 1 && std::string(argv[1]) == "--quick";
+    const long count = quick ? 100000 : 2000000;
     const Krt::Thread::YReadWriteMutex mutex;
     std::shared_mutex standard;
-    const auto print = [](const char* name, double nanoseconds) {
-        std::printf("%-34s %7.1f ns\n", name, nanoseconds);
+    const auto read = [&] {
+        mutex.ReadLock(Forever);
     };
-    for (const unsigned int threads : {1u, 2u}) {
-        std::printf("%u thread%s\n", threads, threads == 1 ? "" : "s");
-        print("  read", NanosecondsEach(rounds, threads, [&] { mutex.ReadLock(Forever); }));
-        print("  read, std::shared_mutex",
-              NanosecondsEach(rounds, threads, [&] { std::shared_lock<std::shared_mutex> lock(standard); }));
-        print("  write", NanosecondsEach(rounds / 10, threads, [&] { mutex.WriteLock(Forever); }));
-        print("  write, std::shared_mutex", NanosecondsEach(rounds / 10, threads, [&] {
-                  std::unique_lock<std::shared_mutex> lock(standard);
-              }));
-        {
-            const auto outer = mutex.ReadLock(Forever);
-            print("  read, beside another reader",
-                  NanosecondsEach(rounds, threads, [&] { mutex.ReadLock(Forever); }));
-        }
-        print("  read, nested in a read", NanosecondsEach(1, threads, [&] {
-                                              const auto outer = mutex.ReadLock(Forever);
-                                              for (long round = 0; round < rounds; ++round)
-                                                  mutex.ReadLock(Forever);
-                                          }) / static_cast<double>(rounds));
-        const Krt::Thread::YMutex recursive;
-        print("  recursive mutex", NanosecondsEach(rounds / 10, threads, [&] { recursive.Lock(); }));
-        const Krt::Signal::YSignal<void()> signal;
-        print("  firing without slots", NanosecondsEach(rounds / 10, threads, [&] { signal(); }));
-        print("  thread id", NanosecondsEach(rounds, threads, [] { Krt::Thread::GetThreadId(); }));
-    }
+    const auto readStandard = [&] {
+        std::shared_lock<std::shared_mutex> lock(standard);
+    };
+    const auto write = [&] {
+        mutex.WriteLock(Forever);
+    };
+    const auto writeStandard = [&] {
+        std::unique_lock<std::shared_mutex> lock(standard);
+    };
+    Compare("lock.read", count, 1, read, readStandard);
+    Compare("lock.read.two_threads", count, 2, read, readStandard);
+    Compare("lock.write", count / 10, 1, write, writeStandard);
+    // This thread reads already and reads again. The standard's lock doesn't promise to bear that, so that
+    // there each level is a first one.
+    const auto outer = mutex.ReadLock(Forever);
+    Compare("lock.read.nested", count, 0, read, readStandard);
+
+    const Krt::Thread::YMutex recursive;
+    Alone("mutex.recursive", count / 10, [&] { recursive.Lock(); });
+    const Krt::Signal::YSignal<void()> signal;
+    Alone("signal.without_slots", count / 10, [&] { signal(); });
+    Alone("thread.id", count, [] { Krt::Thread::GetThreadId(); });
     return 0;
 }
