@@ -84,6 +84,7 @@ void MeasureGrowth(const SelectionInputs& inputs, std::size_t most)
         Bench::SecondsInTurns(Rounds, {Asking(few, inputs.GetPaths()), Asking(many, inputs.GetPaths())});
     Bench::PrintRow("selection.query.few", Nanoseconds(times[0], inputs.GetPaths().size()), "ns");
     Bench::PrintRow("selection.query.many", Nanoseconds(times[1], inputs.GetPaths().size()), "ns");
+    Bench::PrintRow("selection.growth", times[1] / times[0], "x");
 }
 
 void MeasureOneDirectory(std::size_t most)

@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# bench/run.sh [--quick]: measures the library and its peers and prints, a line each, what bench/bounds promises:
+# what, today's figure, the bound, and whether it is met. --quick takes small inputs, so that its figures tell
+# little. All figures stay in build/bench/rows.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+quick=()
+[ "${1:-}" != --quick ] || quick=(--quick)
+turns=5
+rows=build/bench/rows
+programs=build/bench/bench
+
+packaging/install-packages.sh build bench
+mkdir -p build/bench
+cmake --preset bench >build/bench.log || { cat build/bench.log; exit 1; }
+cmake --build build/bench -- -j "$(nproc)" >build/bench.log || { cat build/bench.log; exit 1; }
+(cd bench/peers/ignore && CARGO_TARGET_DIR=../../../build/bench/ignore cargo build --release --offline --quiet)
+
+median() { sort -g | awk '{ value[NR] = $1 } END { print value[int((NR + 1) / 2)] }'; }
+row() { printf '%s\t%s\t%s\n' "$@" | tee -a "$rows"; }
+
+# Queries beside those of the crate "ignore" on the same rules and paths: KIND RULES
+against_ignore() {
+    local kind=$1 count=$2 paths=200000 inputs=build/bench/inputs
+    [ ${#quick[@]} -eq 0 ] || paths=5000
+    rm -rf "$inputs" && mkdir -p "$inputs"
+    "$programs/SelectionBench" inputs "$inputs" "$kind" "$count" "$paths"
+    local ours=() theirs=() name=selection.query.$kind.$count
+    for _ in $(seq $turns); do
+        ours+=("$("$programs/SelectionBench" query "$kind" "$count" "$paths")")
+        theirs+=("$(build/bench/ignore/release/ignore-peer "$inputs/rules" "$inputs/paths")")
+    done
+    local mine peer
+    mine=$(printf '%s\n' "${ours[@]}" | median)
+    peer=$(printf '%s\n' "${theirs[@]}" | median)
+    row "$name.ours" "$mine" ns
+    row "$name.ignore" "$peer" ns
+    row "$name" "$(awk -v a="$mine" -v b="$peer" 'BEGIN { printf "%.4g", a / b }')" x
+}
+
+: >"$rows"
+echo "== measuring"
+for count in 10 100 1000 10000; do
+    against_ignore mixed $count
+done
+against_ignore literal 100000
+for program in SelectionBench LockBench RecordPeers; do
+    "$programs/$program" ${quick[@]+"${quick[@]}"} | tee -a "$rows"
+done
+bench/capture-peers.sh ${quick[@]+"${quick[@]}"} | tee -a "$rows"
+
+echo "== bounds (build/bench/rows has all figures)"
+awk -F '\t' '
+    FNR == NR { figure[$1] = $2; unit[$1] = $3; next }
+    /^#/ || NF < 5 { next }
+    {
+        met = "missed"
+        known = $2 in figure
+        if (known && ($3 == "<=" ? figure[$2] <= $4 + 0 : figure[$2] >= $4 + 0)) met = "met"
+        if (known && ($3 == "<=" ? figure[$2] <= $5 + 0 : figure[$2] >= $5 + 0)) met = "met, and the goal " $5
+        printf "%-62s %10s %-8s %s %-8s %s\n", $1, known ? figure[$2] : "none", unit[$2], $3, $4, met
+    }' "$rows" bench/bounds
