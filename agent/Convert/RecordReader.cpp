@@ -102,9 +102,10 @@ bool RecordReader::BeginsArray()
 {
     if (m_text[0] != '[')
         return false;
-    const std::string_view line = m_text.View(m_text.LineSize(RecordLimit));
-    const std::size_t behind = line.find_first_not_of(Blanks, 1);
-    return behind == std::string_view::npos || line[behind] == '{' || line[behind] == ']';
+    std::size_t behind = 1;
+    while (behind < RecordLimit && m_text.Has(behind) && m_text[behind] != '\n' && IsBlank(m_text[behind]))
+        ++behind;
+    return !m_text.Has(behind) || std::string_view("{]\n").find(m_text[behind]) != std::string_view::npos;
 }
 
 bool RecordReader::EndArray(InputRecord& record)
@@ -238,6 +239,9 @@ void RecordReader::Take(const Extent& extent, std::size_t column, InputRecord& r
         m_place = Place::Line;
     else if (!extent.next)
         SkipToRecord(column);
+    const unsigned long long last = m_text.GetLine() - 1; // of what is skipped
+    if (!isCutOff && last > record.line)
+        record.reason = record.reason + YString("; left out up to line " + std::to_string(last));
     if (m_place != Place::Line)
         m_place = m_text.Has(0) && m_text[0] == '{' ? Place::AfterComma : Place::AfterRecord;
 }
