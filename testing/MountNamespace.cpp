@@ -294,7 +294,7 @@ const std::vector<MountKind>& MountKinds()
     static const std::vector<MountKind> kinds = {
         {"Tmpfs", "memory", special, false, 1, tmpfs("some memory")},
         {"ReadOnlyTmpfs", "memory", special, true, 1, tmpfs("back\\slash")},
-        {"NameWithBlanks", "a mount\twith\nblanks\\040 #", special, false, 1, tmpfs(" blank\t")},
+        {"NameWithBlanks", "a mount\twith\nblanks\\040 #", special, false, 1, tmpfs(" #blank\t")},
         {"BindOfAnotherDevice", "bound", special, false, 2, bind},
         {"ReadOnlyBind", "bound", special, true, 2, bind},
         {"Overlay", "layered", unknown, false, 1, overlay},

@@ -6,6 +6,7 @@
 #include "Krt/Exception/Raise.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -13,6 +14,10 @@
 #include <thread>
 
 namespace Agent {
+
+/// Whether a thread was left behind. It may come alive at any time, so the program must end without
+/// destroying its static objects.
+inline std::atomic<bool> g_isThreadLeftBehind{false};
 
 /// The question's answer, or nothing if it takes longer than the limit. What the question raises passes
 /// through, and an interrupted program raises InvalidState. It is asked on a thread of its own, which is left
@@ -27,9 +32,11 @@ std::optional<Answer> AnswerWithin(std::chrono::milliseconds limit, std::functio
     constexpr std::chrono::milliseconds slice(100);
     while (answer.wait_until(std::min(end, std::chrono::steady_clock::now() + slice)) !=
            std::future_status::ready) {
+        if (!IsInterrupted() && std::chrono::steady_clock::now() < end)
+            continue;
+        g_isThreadLeftBehind = true;
         KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
-        if (std::chrono::steady_clock::now() >= end)
-            return std::nullopt;
+        return std::nullopt;
     }
     return answer.get();
 }

@@ -23,15 +23,17 @@ namespace {
 
 struct Status
 {
-    unsigned int attributes;
     std::optional<unsigned long long> freeSpace;
+    bool isEntered = false;
 };
 
 Status StatusOf(const YPath& directory, bool asksSpace)
 {
-    Status status{Krt::File::GetAttributes(directory), std::nullopt};
+    const unsigned int attributes = Krt::File::GetAttributes(directory);
+    Status status;
     if (asksSpace)
         status.freeSpace = Krt::Volume::YVolume(directory).GetVolumeFreeSpace();
+    status.isEntered = Backup::File::IsFollowableDirectoryFromKrtAttributes(directory, attributes);
     return status;
 }
 
@@ -48,8 +50,7 @@ void Ask(ListedVolume& volume, std::chrono::milliseconds patience)
             return;
         }
         volume.freeSpace = status->freeSpace;
-        volume.isEntered =
-            Backup::File::IsFollowableDirectoryFromKrtAttributes(directory, status->attributes);
+        volume.isEntered = status->isEntered;
     } catch (const Krt::Exception::YError& error) {
         volume.failure = ReasonOf(error);
     }

@@ -12,7 +12,7 @@ struct MountEntry
 {
     YString type;      ///< name of the file system's type, such as "ext4"
     YString directory; ///< where it is mounted
-    YString source;    ///< the device, export or name that is mounted
+    YString source;    ///< the device, export or name that is mounted; may be empty
     bool readOnly;     ///< whether this mount refuses writes
 };
 

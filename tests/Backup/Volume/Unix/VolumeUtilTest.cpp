@@ -5,9 +5,6 @@
 #include "testing/Raises.h"
 
 #include <filesystem>
-#include <sched.h>
-#include <sys/mount.h>
-#include <unistd.h>
 
 using namespace Backup::Volume;
 using Krt::ErrorCode;
@@ -40,9 +37,8 @@ protected:
 TEST(VolumeClass, IsTheFirstListThatHoldsTheExactName)
 {
     const std::pair<const char*, unsigned int> cases[] = {
-        {"hfs", 3},   {"ext4", 3}, {"btrfs", 3},      {"iso9660", 2}, {"nfs4", 4},   {"autofs", 4},
-        {"smbfs", 4}, {"none", 7}, {"securityfs", 7}, {"devfs", 7},   {"rootfs", 8}, {"HFS", 0},
-        {"", 0},      {"apfs", 0}, {"nfs 4", 0},      {"ext", 0},     {"proc", 0}};
+        {"hfs", 3},    {"iso9660", 2}, {"nfs4", 4}, {"none", 7}, {"securityfs", 7},
+        {"rootfs", 8}, {"HFS", 0},     {"", 0},     {"ext", 0},  {"proc", 0}};
     for (const auto& [name, expected] : cases)
         EXPECT_EQ(ClassifyFilesystemType(name), expected) << name;
 }
@@ -89,11 +85,8 @@ TEST_F(VolumeUtil, TheFirstEntryOfADirectoryOrSourceWins)
     EXPECT_EQ(DetermineDriveType("/special"), DRIVE_CLASS_SPECIAL);
     EXPECT_TRUE(IsReadOnly("/proc/self"));
     EXPECT_FALSE(IsReadOnly("/"));
-}
 
-TEST_F(VolumeUtil, AVolumeThatIsNotListed)
-{
-    const Testing::MountTable table("/dev/root / ext4 ro 0 0\n");
+    const Testing::MountTable unlisted("/dev/root / ext4 ro 0 0\n");
     EXPECT_RAISES(GetVolumeUniquePath("/proc/self"), ErrorCode::NotFound, "GetVolumeUniquePath",
                   "Failed to locate volume guid for path /proc/self");
     EXPECT_FALSE(IsReadOnly("/proc/self"));
@@ -140,19 +133,4 @@ TEST_F(VolumeUtil, TracesItsSteps)
                   "Volume: 4 total entries found", "Volume: Found guid match for path /proc at first",
                   "Volume: Returning found guid first", "Volume: Checking if path / is readonly",
                   "Volume: Determining volume path name for path /", "Volume: 4 total entries found"}));
-}
-
-TEST(VolumeMounts, ARealMountIsFoundInTheSystemsTable)
-{
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        GTEST_SKIP() << "only root may mount, in a mount namespace of its own";
-    const Testing::TemporaryDirectory directory;
-    const std::string target = directory.MakeDirectory("a mount");
-    ASSERT_EQ(mount("back\\slash", target.c_str(), "tmpfs", MS_RDONLY, nullptr), 0);
-    EXPECT_TRUE(IsMountPoint(target.c_str()));
-    EXPECT_EQ(GetVolumePathName((target + "/x").c_str()).Bytes(), target);
-    EXPECT_EQ(GetVolumeUniquePath(target.c_str()).Bytes(), "back\\slash");
-    EXPECT_EQ(DetermineDriveType("back\\slash"), DRIVE_CLASS_SPECIAL);
-    EXPECT_TRUE(IsReadOnly(target.c_str()));
-    EXPECT_EQ(umount(target.c_str()), 0);
 }

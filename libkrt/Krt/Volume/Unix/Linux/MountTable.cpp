@@ -21,6 +21,29 @@ struct TableCloser
     void operator()(FILE* table) const { endmntent(table); }
 };
 
+// A mount without a source has a line that begins with a blank. getmntent_r skips that, so each field holds
+// the next one's text. A type never begins with a slash, and a directory always does.
+void RestoreEmptySource(mntent& entry)
+{
+    static char s_empty[] = "";
+    if (entry.mnt_dir[0] == '/' || entry.mnt_fsname[0] != '/')
+        return;
+    entry.mnt_opts = entry.mnt_type;
+    entry.mnt_type = entry.mnt_dir;
+    entry.mnt_dir = entry.mnt_fsname;
+    entry.mnt_fsname = s_empty;
+}
+
+// The kernel also escapes '#', though not in directories, and getmntent_r leaves that. A backslash in front
+// of these very digits reads like it.
+YString WithHashes(const char* text)
+{
+    YString decoded(text);
+    if (!decoded.IsEmpty())
+        decoded.Replace("\\043", "#", 0, 0, true);
+    return decoded;
+}
+
 } // namespace
 
 std::vector<MountEntry> ListMountEntries()
@@ -31,9 +54,11 @@ std::vector<MountEntry> ListMountEntries()
         return entries;
     const auto line = std::make_unique_for_overwrite<char[]>(LineBytes);
     mntent entry;
-    while (getmntent_r(table.get(), &entry, line.get(), LineBytes) != nullptr)
-        entries.push_back(
-            {entry.mnt_type, entry.mnt_dir, entry.mnt_fsname, hasmntopt(&entry, MNTOPT_RO) != nullptr});
+    while (getmntent_r(table.get(), &entry, line.get(), LineBytes) != nullptr) {
+        RestoreEmptySource(entry);
+        entries.push_back({WithHashes(entry.mnt_type), entry.mnt_dir, WithHashes(entry.mnt_fsname),
+                           hasmntopt(&entry, MNTOPT_RO) != nullptr});
+    }
     return entries;
 }
 
