@@ -114,16 +114,11 @@ TEST(RealMounts, ASubvolumeIsABoundaryThatNoTableLists)
         MountNamespace::Write(inside, "x");
         ASSERT_EQ(mount("", disk.c_str(), "", MS_REMOUNT | MS_RDONLY, ""), 0);
 
-        // The list has no say where the class can't be told.
-        Configure(space, "IncludedMountpoints=" + subvolume + "\n");
         EXPECT_TRUE(IsMountPoint(Path(subvolume)));
         EXPECT_EQ(GetVolumePathName(Path(inside)).Bytes(), subvolume);
         EXPECT_RAISES(YVolume(Path(inside)), ErrorCode::NotFound, "GetVolumeUniquePath",
                       "Failed to locate volume guid for path " + inside);
         EXPECT_FALSE(IsReadOnly(Path(inside))) << "without an entry nothing is known of the flag";
-        EXPECT_THROW(IsFollowed(subvolume), Krt::Exception::YError);
-        Configure(space, "walkIntoUnknownMountPoints=1\n");
-        EXPECT_TRUE(IsFollowed(subvolume));
 
         YVolumeManager manager;
         EXPECT_EQ(manager.GetVolumeByUniquePath(Path(disk))->GetGuidPath().Bytes(), device);
