@@ -76,15 +76,27 @@ Rules InOneDirectory(std::size_t count, Krt::Match::MatchType type)
     return rules;
 }
 
+void PrintSized(const std::string& name, std::size_t size, double value, const char* unit)
+{
+    Bench::PrintRow((name + "." + std::to_string(size)).c_str(), value, unit);
+}
+
 void MeasureGrowth(const SelectionInputs& inputs, std::size_t most)
 {
-    const YSelectionManager few = TreeOf(Described(inputs.MixedRules(10)));
-    const YSelectionManager many = TreeOf(Described(inputs.MixedRules(most)));
-    const auto times =
-        Bench::SecondsInTurns(Rounds, {Asking(few, inputs.GetPaths()), Asking(many, inputs.GetPaths())});
-    Bench::PrintRow("selection.query.few", Nanoseconds(times[0], inputs.GetPaths().size()), "ns");
-    Bench::PrintRow("selection.query.many", Nanoseconds(times[1], inputs.GetPaths().size()), "ns");
-    Bench::PrintRow("selection.growth", times[1] / times[0], "x");
+    std::vector<std::size_t> counts;
+    std::vector<YSelectionManager> trees;
+    for (std::size_t count = 10; count <= most; count *= 10) {
+        counts.push_back(count);
+        trees.push_back(TreeOf(Described(inputs.MixedRules(count))));
+    }
+    std::vector<std::function<void()>> asking;
+    for (const YSelectionManager& tree : trees)
+        asking.push_back(Asking(tree, inputs.GetPaths()));
+    const auto times = Bench::SecondsInTurns(Rounds, asking);
+    for (std::size_t i = 0; i < counts.size(); ++i)
+        PrintSized("selection.growth.query", counts[i], Nanoseconds(times[i], inputs.GetPaths().size()),
+                   "ns");
+    Bench::PrintRow("selection.growth", times.back() / times.front(), "x");
 }
 
 void MeasureOneDirectory(std::size_t most)
@@ -109,12 +121,16 @@ void MeasureOneDirectory(std::size_t most)
 
 void MeasureBuilding(const SelectionInputs& inputs, std::size_t many)
 {
+    std::vector<double> builds;
+    for (std::size_t count = many / 100; count <= 10 * many; count *= 10) {
+        const Rules rules = Described(inputs.MixedRules(count));
+        builds.push_back(Bench::Seconds(Rounds, [&] { TreeOf(rules); }));
+        PrintSized("selection.growth.build", count, builds.back() * 1e3, "ms");
+    }
+    const double tenth = builds[builds.size() - 2];
+    Bench::PrintRow("selection.build.tree", tenth, "s");
+    Bench::PrintRow("selection.build.tenfold", builds.back() / (10 * tenth), "x");
     const Rules rules = Described(inputs.MixedRules(many));
-    const double seconds = Bench::Seconds(Rounds, [&] { TreeOf(rules); });
-    Bench::PrintRow("selection.build.tree", seconds, "s");
-    const Rules tenfold = Described(inputs.MixedRules(10 * many));
-    Bench::PrintRow("selection.build.tenfold", Bench::Seconds(1, [&] { TreeOf(tenfold); }) / (10 * seconds),
-                    "x");
     const Rules crowd = InOneDirectory(many, Krt::Match::MatchType::Exact);
     Bench::PrintRow("selection.build.crowd", Bench::Seconds(Rounds, [&] { TreeOf(crowd); }), "s");
     std::vector<double> added;
