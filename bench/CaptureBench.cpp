@@ -1,0 +1,140 @@
+// CaptureBench: what capturing a tree costs, from the walk to the record's text.
+//   CaptureBench [--quick]        prints what needs no peer, a figure a line
+//   CaptureBench make DIR [N]     makes a tree of N entries, 100,000 unless told
+//   CaptureBench capture DIR      captures a tree once, to be timed as a process beside others
+#include "bench/Measure.h"
+#include "testing/Capture.h"
+#include "testing/SystemCalls.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int Rounds = 5;
+constexpr std::size_t AllEntries = 100000;
+constexpr std::size_t QuickEntries = 3000;
+
+void MakeFile(const fs::path& path, off_t size)
+{
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (file < 0 || ftruncate(file, size) != 0)
+        throw std::runtime_error("can't make " + path.string());
+    close(file);
+}
+
+// A tree as systems have them: of twelve entries one is a directory and one a link, most directories stand
+// five or six levels down.
+void MakeTree(const fs::path& root, std::size_t entries)
+{
+    std::mt19937 random(1);
+    std::vector<fs::path> directories{root};
+    fs::create_directories(root);
+    const auto pathIn = [&](std::size_t directory, std::size_t entry) {
+        return directories[directory] /
+               ("entry-" + std::to_string(random() % 1000) + "_" + std::to_string(entry));
+    };
+    for (std::size_t i = 1; i < entries / 12; ++i) {
+        directories.push_back(pathIn((i - 1) / 6, i));
+        fs::create_directory(directories.back());
+    }
+    for (std::size_t i = directories.size(); i < entries; ++i) {
+        const fs::path path = pathIn(random() % directories.size(), i);
+        if (i % 11 == 0)
+            fs::create_symlink("../target-" + std::to_string(i), path);
+        else
+            MakeFile(path, static_cast<off_t>(random() % 100000));
+    }
+}
+
+class TemporaryTree
+{
+public:
+    explicit TemporaryTree(const std::function<void(const fs::path&)>& make)
+    {
+        std::string pattern = (fs::canonical(fs::temp_directory_path()) / "capture-bench-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr)
+            throw std::runtime_error("can't make " + pattern);
+        m_path = pattern;
+        make(m_path);
+    }
+    ~TemporaryTree() { fs::remove_all(m_path); }
+
+    std::string Path() const { return m_path; }
+
+private:
+    fs::path m_path;
+};
+
+void CaptureTree(const std::string& root)
+{
+    Testing::Capture().Run(root);
+}
+
+unsigned long CallsWith(std::size_t count, const std::function<void(const fs::path&)>& makeEntry)
+{
+    const TemporaryTree tree([&](const fs::path& root) {
+        for (std::size_t i = 0; i < count; ++i)
+            makeEntry(root / ("entry-" + std::to_string(i)));
+    });
+    return Testing::CountSystemCalls([&] { CaptureTree(tree.Path()); });
+}
+
+// What an entry more adds.
+void PrintCalls(const char* name, const std::function<void(const fs::path&)>& makeEntry)
+{
+    constexpr std::size_t More = 1000;
+    const auto calls = static_cast<double>(CallsWith(2 * More, makeEntry) - CallsWith(More, makeEntry));
+    Bench::PrintRow(name, calls / More, "calls");
+}
+
+void Measure(bool quick)
+{
+    PrintCalls("capture system calls per regular file", [](const fs::path& path) { MakeFile(path, 100); });
+    PrintCalls("capture system calls per directory",
+               [](const fs::path& path) { fs::create_directory(path); });
+    const std::size_t entries = quick ? QuickEntries : AllEntries;
+    const TemporaryTree tree([&](const fs::path& root) { MakeTree(root, entries); });
+    CaptureTree(tree.Path()); // warms the caches up
+    const double seconds = Bench::Seconds(Rounds, [&] { CaptureTree(tree.Path()); });
+    Bench::PrintRow("capture entries", static_cast<double>(entries), "entries");
+    Bench::PrintRow("capture per entry", seconds * 1e9 / static_cast<double>(entries), "ns");
+}
+
+int Run(const std::vector<std::string_view>& arguments)
+{
+    const std::size_t count = arguments.size();
+    if (count == 0 || (count == 1 && arguments[0] == "--quick")) {
+        Measure(count == 1);
+    } else if ((count == 2 || count == 3) && arguments[0] == "make") {
+        MakeTree(arguments[1], count == 3 ? std::strtoull(arguments[2].data(), nullptr, 10) : AllEntries);
+    } else if (count == 2 && arguments[0] == "capture") {
+        CaptureTree(std::string(arguments[1]));
+    } else {
+        std::fprintf(stderr, "Usage: CaptureBench [--quick] | make DIR [N] | capture DIR\n");
+        return 2;
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return Run({argv + 1, argv + argc});
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "CaptureBench: %s\n", failure.what());
+        return 1;
+    }
+}

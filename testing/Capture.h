@@ -1,0 +1,38 @@
+// The capture of a tree as an agent does it, without a store: each entry that the walk selects is opened, its
+// record made and written as text, and the text let go. For counting and timing what the library costs.
+#pragma once
+
+#include "agent/Walk/Walker.h"
+
+#include "Backup/File/Unix/YFile.h"
+
+#include <string>
+
+namespace Testing {
+
+class Capture : private Agent::IWalkVisitor
+{
+public:
+    /// Walks the tree at `root`, all of which is selected. Throws a std::runtime_error for an entry that
+    /// fails.
+    void Run(const std::string& root);
+
+    unsigned long long GetEntries() const { return m_entries; }
+    unsigned long long GetBytesOfText() const { return m_bytes; }
+
+private:
+    bool OnSelected(const Agent::WalkedEntry& entry) override;
+    void OnExcluded(const Krt::File::YPath&) override {}
+    void OnMountNotEntered(const Krt::File::YPath&) override {}
+    void OnMountEntered(const Krt::File::YPath&) override {}
+    void OnStoreSkipped(const Krt::File::YPath&) override {}
+    void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) override;
+    bool IsCancelled() override { return false; }
+
+    Backup::File::YFile m_file;
+    std::string m_text;
+    unsigned long long m_entries = 0;
+    unsigned long long m_bytes = 0;
+};
+
+} // namespace Testing

@@ -1,0 +1,63 @@
+#include "testing/SystemCalls.h"
+
+#include <csignal>
+#include <stdexcept>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Testing {
+
+namespace {
+
+constexpr int SystemCallStop = SIGTRAP | 0x80; // as PTRACE_O_TRACESYSGOOD tells it
+
+[[noreturn]] void RunTraced(const std::function<void()>& work)
+{
+    if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
+        _exit(2);
+    raise(SIGSTOP);
+    try {
+        work();
+    } catch (...) {
+        _exit(1);
+    }
+    _exit(0);
+}
+
+int WaitFor(pid_t child)
+{
+    int status = 0;
+    if (waitpid(child, &status, 0) != child)
+        throw std::runtime_error("the traced child is lost");
+    return status;
+}
+
+} // namespace
+
+unsigned long CountSystemCalls(const std::function<void()>& work)
+{
+    const pid_t child = fork();
+    if (child == 0)
+        RunTraced(work);
+    int status = WaitFor(child);
+    if (!WIFSTOPPED(status))
+        throw std::runtime_error("this machine lets no process trace another");
+    ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+    unsigned long stops = 0;
+    int signal = 0;
+    for (;;) {
+        ptrace(PTRACE_SYSCALL, child, nullptr, signal);
+        status = WaitFor(child);
+        if (!WIFSTOPPED(status))
+            break;
+        const bool isCall = WSTOPSIG(status) == SystemCallStop;
+        signal = isCall ? 0 : WSTOPSIG(status);
+        stops += isCall;
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        throw std::runtime_error("the traced work failed");
+    return stops / 2; // entry and return
+}
+
+} // namespace Testing
