@@ -2,6 +2,7 @@
 
 #include "agent/Cli/Text.h"
 #include "agent/Restore/Place.h"
+#include "agent/Restore/RecordedEntry.h"
 #include "agent/Restore/WindowsTime.h"
 
 #include "Backup/File/YUnixFileMetadata.h"
@@ -80,8 +81,8 @@ std::string UnixText(const SnapshotEntry& entry, const YUnixFileMetadata& metada
 {
     const std::string owner =
         std::to_string(metadata.GetUserId()) + ":" + std::to_string(metadata.GetGroupId());
-    return Columns(ModeText(metadata.GetModeFlags()), owner, SizeText(entry, metadata),
-                   TimeText(metadata.GetLastWriteTime()));
+    return Columns(ModeText(TypeOf(metadata) | (metadata.GetModeFlags() & ~S_IFMT)), owner,
+                   SizeText(entry, metadata), TimeText(metadata.GetLastWriteTime()));
 }
 
 // Those of the attributes of Windows that are shown.
@@ -119,7 +120,7 @@ std::string RemarkText(const SnapshotEntry& entry, YMetadataBase& record)
     std::string text;
     if (record.GetMetadataType() == Backup::File::VAM_UNIX_METADATA_TYPE) {
         const YUnixFileMetadata& metadata = record.AsUnixFileMetadata();
-        if (S_ISLNK(metadata.GetModeFlags()))
+        if (TypeOf(metadata) == S_IFLNK)
             text += " -> " + Printable(entry.linkTarget ? *entry.linkTarget
                                                         : YString(metadata.GetSymbolicLinkTarget()));
     }
@@ -132,8 +133,11 @@ std::string RemarkText(const SnapshotEntry& entry, YMetadataBase& record)
 
 YString ShownPath(const Backup::YJobPath& path)
 {
-    const bool isFile =
-        path.GetComponentCount() != 0 && path.GetRoot().IsFileSystem() && path.GetLeaf().IsFileSystem();
+    // Components of a job may stand anywhere among those of a file system.
+    unsigned long files = 0;
+    while (files < path.GetComponentCount() && path.GetComponent(files).IsFileSystem())
+        ++files;
+    const bool isFile = files != 0 && files == path.GetComponentCount();
     return isFile ? YString(path.GetFilesystemPortion()) : path.GetDisplayPath();
 }
 

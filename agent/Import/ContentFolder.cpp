@@ -23,9 +23,9 @@ Krt::Util::YUnxHandle ContentFolder::Open(Backup::File::YMetadataBase& metadata)
         }
         return Top().OpenFile(Choose(Top(), names.back()));
     } catch (const Krt::Exception::YError& error) {
-        // With the last two, a link stands in the way.
+        // With ELOOP and ENOTDIR a link may stand in the way, and ENXIO is what a socket gives.
         const int code = error.GetType() == Krt::ExceptionType::OsError ? error.GetOsError() : 0;
-        if (code != ENOENT && code != ENOTDIR && code != ELOOP)
+        if (code != ENOENT && code != ENOTDIR && code != ELOOP && code != ENXIO)
             throw;
         return {};
     }

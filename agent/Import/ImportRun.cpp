@@ -29,9 +29,8 @@ void ImportRun::Import(YMetadataBase& metadata, unsigned long long line)
     YString shown("line " + std::to_string(line));
     try {
         CheckHasPath(metadata);
-        const YString path = metadata.GetFilePath(0).GetDisplayPath();
-        if (!path.IsEmpty())
-            shown = path;
+        static_cast<void>(RestoredPath(metadata, 0));
+        shown = metadata.GetFilePath(0).GetDisplayPath();
         SnapshotEntry entry;
         entry.record = metadata.ToJSON();
         RecordedEntry recorded;
@@ -56,6 +55,8 @@ void ImportRun::Import(YMetadataBase& metadata, unsigned long long line)
 RecordedEntry ImportRun::Complete(YMetadataBase& metadata, SnapshotEntry& entry)
 {
     const RecordedEntry recorded = RecordedEntryOf(metadata);
+    // What no restore will make is refused here, where its source is still at hand.
+    static_cast<void>(PlaceOf(metadata, 0));
     switch (recorded.type) {
     case S_IFREG: {
         const Krt::Util::YUnxHandle file = m_contents.Open(metadata);
@@ -73,7 +74,8 @@ RecordedEntry ImportRun::Complete(YMetadataBase& metadata, SnapshotEntry& entry)
                          "Not stored: the record has no target for the link");
         break;
     default:
-        KRT_RAISE(ErrorCode::NotSupported, "Not stored: the record of a device or socket is not enough");
+        KRT_RAISE(ErrorCode::NotSupported,
+                  "Not stored: a record of a device, a socket or an unknown type is not enough");
     }
     return recorded;
 }

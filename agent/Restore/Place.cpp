@@ -10,9 +10,16 @@ using Krt::ErrorCode;
 using Krt::YString;
 using Krt::File::YPath;
 
+namespace {
+
+constexpr const char* NoPath = "The record has no path";
+
+} // namespace
+
 YJobPath RestoredPath(YMetadataBase& metadata, unsigned long index)
 {
     const YJobPath path = metadata.GetFilePath(index);
+    KRT_RAISE_UNLESS(path.GetComponentCount() != 0, ErrorCode::InvalidArgument, NoPath);
     if (metadata.GetMetadataType() == Backup::File::VAM_ODS_METADATA_TYPE)
         return path;
     return metadata.GetSanitizedNewPath(path, YJobPath(), YJobPath());
@@ -21,7 +28,6 @@ YJobPath RestoredPath(YMetadataBase& metadata, unsigned long index)
 Place PlaceOf(YMetadataBase& metadata, unsigned long index)
 {
     const YJobPath path = RestoredPath(metadata, index);
-    KRT_RAISE_UNLESS(path.GetComponentCount() != 0, ErrorCode::InvalidArgument, "The record has no path");
     Place place;
     for (unsigned long i = 0; i < path.GetComponentCount(); ++i) {
         const YString& name = path.GetComponent(i).m_name;
@@ -44,7 +50,7 @@ YPath PathOf(const Place& place)
 
 void CheckHasPath(const YMetadataBase& metadata)
 {
-    KRT_RAISE_UNLESS(metadata.GetFilePathCount() != 0, ErrorCode::InvalidArgument, "The record has no path");
+    KRT_RAISE_UNLESS(metadata.GetFilePathCount() != 0, ErrorCode::InvalidArgument, NoPath);
 }
 
 } // namespace Agent

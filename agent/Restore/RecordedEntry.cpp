@@ -38,7 +38,7 @@ timespec TimeOfUnix(unsigned long long seconds)
 RecordedEntry OfUnix(const YUnixFileMetadata& metadata)
 {
     RecordedEntry entry;
-    entry.type = metadata.IsDirectoryForRestore() ? S_IFDIR : metadata.GetModeFlags() & S_IFMT;
+    entry.type = TypeOf(metadata);
     entry.size = metadata.GetFileSize();
     entry.linkTarget = metadata.GetSymbolicLinkTarget();
     Attributes& attributes = entry.attributes;
@@ -67,6 +67,17 @@ RecordedEntry OfWindows(const YWinFileMetadata& metadata)
 }
 
 } // namespace
+
+unsigned int TypeOf(const YUnixFileMetadata& metadata)
+{
+    // First, since a link to a directory may be marked as one.
+    if (metadata.IsSymbolicLink())
+        return S_IFLNK;
+    if (metadata.IsDirectoryForRestore())
+        return S_IFDIR;
+    const unsigned int type = metadata.GetModeFlags() & S_IFMT;
+    return type == S_IFDIR ? S_IFREG : type;
+}
 
 RecordedEntry RecordedEntryOf(Backup::File::YMetadataBase& metadata)
 {

@@ -32,6 +32,12 @@ YString TemporaryName()
     return YString(name);
 }
 
+// For an entry without a path of its own, as list counts them.
+YString NumberedEntry(unsigned long long number)
+{
+    return YString("Entry " + std::to_string(number));
+}
+
 } // namespace
 
 RestoreRun::RestoreRun(const Store& store, YDirectory target, std::vector<YPath> paths, Report& report)
@@ -48,6 +54,7 @@ RestoreRun::RestoreRun(const Store& store, YDirectory target, std::vector<YPath>
 
 void RestoreRun::Restore(const SnapshotEntry& entry)
 {
+    ++m_number;
     try {
         const auto metadata = Backup::File::YMetadataBase::ConstructFromJson(entry.record);
         CheckHasPath(*metadata);
@@ -57,7 +64,7 @@ void RestoreRun::Restore(const SnapshotEntry& entry)
         for (unsigned long i = 0; i < count; ++i)
             RestorePath(entry, *metadata, i);
     } catch (const Krt::Exception::YError& error) {
-        Failed("an entry", error);
+        Failed(NumberedEntry(m_number), error);
     }
     m_report.Progress(m_counts.Entries(), m_counts.bytes);
 }
@@ -65,7 +72,8 @@ void RestoreRun::Restore(const SnapshotEntry& entry)
 void RestoreRun::RestorePath(const SnapshotEntry& entry, Backup::File::YMetadataBase& metadata,
                              unsigned long index)
 {
-    YString shown = metadata.GetFilePath(index).GetDisplayPath();
+    const Backup::YJobPath original = metadata.GetFilePath(index);
+    YString shown = original.GetComponentCount() != 0 ? original.GetDisplayPath() : NumberedEntry(m_number);
     try {
         const Place place = PlaceOf(metadata, index);
         const YPath path = PathOf(place);
@@ -73,7 +81,7 @@ void RestoreRun::RestorePath(const SnapshotEntry& entry, Backup::File::YMetadata
         if (!IsWanted(path))
             return;
         m_refused.clear();
-        Make(entry, RecordedEntryOf(metadata), place);
+        Make(entry, RecordedEntryOf(metadata), place, m_volumes.FindOther(original, place));
         for (const YString& reason : m_refused)
             m_report.EntryFailed(path, reason);
         if (entry.readSize)
@@ -108,7 +116,8 @@ bool RestoreRun::IsWanted(const YPath& path)
     return wanted;
 }
 
-void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded, const Place& place)
+void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded, const Place& place,
+                      const YString& otherVolume)
 {
     KRT_RAISE_UNLESS(!recorded.isReparsePoint || entry.content.has_value(), ErrorCode::NotSupported,
                      "A reparse point without content is not restored: its record does not tell its target");
@@ -118,10 +127,7 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
         return;
     }
     const YDirectory& parent = m_tree.ParentOf(place);
-    struct stat standing
-    {};
-    KRT_RAISE_UNLESS(!parent.StatIfPresent(place.back(), standing) || !S_ISDIR(standing.st_mode),
-                     ErrorCode::InvalidState, "A directory stands in its place");
+    CheckStanding(parent, place.back(), otherVolume);
     // Renaming one name of a file to another one does nothing, so a further name's temporary may stay, too.
     bool isMoved = false;
     const Krt::Util::YScope cleanUp([&] {
@@ -138,6 +144,21 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
     if (!isLinked && (entry.hardLinkGroup != 0 || m_hasSeveralPaths))
         Remember(entry, place);
     m_counts.Add(recorded.type);
+}
+
+// Raises where something stands that the current entry must not replace.
+void RestoreRun::CheckStanding(const YDirectory& parent, const YString& name,
+                               const YString& otherVolume) const
+{
+    struct stat standing
+    {};
+    if (!parent.StatIfPresent(name, standing))
+        return;
+    KRT_RAISE_UNLESS(!S_ISDIR(standing.st_mode), ErrorCode::InvalidState, "A directory stands in its place");
+    const bool isOwn = m_first && m_first->device == standing.st_dev && m_first->inode == standing.st_ino;
+    KRT_RAISE_UNLESS(otherVolume.IsEmpty() || isOwn, ErrorCode::InvalidState,
+                     "Not restored: what stands in its place may be of the volume "
+                         << otherVolume << ", which is restored into the same directory");
 }
 
 // The name that the current entry's file has already, by the paths of its record or by its group.

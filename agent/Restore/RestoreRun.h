@@ -7,6 +7,7 @@
 #include "agent/Cli/Report.h"
 #include "agent/Restore/RecordedEntry.h"
 #include "agent/Restore/TargetTree.h"
+#include "agent/Restore/VolumeNames.h"
 #include "agent/Store/ObjectReader.h"
 #include "agent/Store/SnapshotReader.h"
 
@@ -40,7 +41,10 @@ private:
 
     void RestorePath(const SnapshotEntry& entry, Backup::File::YMetadataBase& metadata, unsigned long index);
     bool IsWanted(const Krt::File::YPath& path);
-    void Make(const SnapshotEntry& entry, const RecordedEntry& recorded, const Place& place);
+    void Make(const SnapshotEntry& entry, const RecordedEntry& recorded, const Place& place,
+              const Krt::YString& otherVolume);
+    void CheckStanding(const Krt::File::YDirectory& parent, const Krt::YString& name,
+                       const Krt::YString& otherVolume) const;
     const LinkedFile* FirstNameOf(const SnapshotEntry& entry) const;
     bool MakeHardLink(const LinkedFile* first, const Place& place, const Krt::YString& temporary);
     void MakeFile(const SnapshotEntry& entry, const RecordedEntry& recorded,
@@ -53,6 +57,7 @@ private:
     void Failed(const Krt::YString& path, const Krt::Exception::YError& error);
 
     TargetTree m_tree;
+    VolumeNames m_volumes;
     Report& m_report;
     ObjectReader m_objects;
     std::vector<std::pair<Krt::File::YPath, bool>> m_paths; // and whether something matched
@@ -61,6 +66,7 @@ private:
     std::optional<LinkedFile> m_first;                      // of those paths, the one that was made
     std::vector<Krt::YString> m_refused;                    // of the current entry
     Krt::YString m_temporary;
+    unsigned long long m_number = 0; // of the current entry
     EntryCounts m_counts;
 };
 

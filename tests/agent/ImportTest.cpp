@@ -99,23 +99,25 @@ TEST_F(Import, AWindowsJobComesBackUnderLegalNames)
 {
     MakeTree(directory.MakeDirectory("contents"),
              {Dir("C:"), Dir("C:/dir"), Link("C:/dir/link", "/nowhere"), File("C:/dir/two names", "content"),
-              File("C:/dir/read-only", "kept"), Dir("D"), File("D/big", std::string(3000000, 'x')),
+              File("C:/dir/read-only", "kept"), File("C:/dir/back\\slash?:", "of the cloud"), Dir("D"),
+              File("D/big", std::string(3000000, 'x')),
               // Both names of a volume: its own goes first.
               Dir("E:"), File("E:/f", "right"), Dir("E"), File("E/f", "wrong"), Dir("\\\\?\\Volume{0a1b}"),
               File("\\\\?\\Volume{0a1b}/guid", "of a volume"),
               Dir("GLOBALROOTDeviceHarddiskVolumeShadowCopy12"),
               File("GLOBALROOTDeviceHarddiskVolumeShadowCopy12/shadow", "of a copy")});
     const ProgramResult imported =
-        RunImport(Legacy(L"C:\\dir*\0\r"s, 1, 0, 0x10) +
+        RunImport(Legacy(L"C:\\dir*\0\r"s, 1, 0, 0x11) +
                   Legacy(L"C:\\dir\\two names*TWONAM~1\0\rC:\\other\\name*\0\r"s, 2, 7) +
                   Legacy(L"\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy12\\shadow*\0\r"s, 1, 9) +
                   Legacy(L"C:\\dir\\link*\0\r"s, 1, 0, 0x420, 0xA000000C) +
                   Legacy(L"C:\\dir\\junction*\0\r"s, 1, 0, 0x410, 0xA0000003) +
-                  Modern({"C:", "dir", "read-only"}, 4, 0x21) + Modern({"\\\\?\\D:", "big"}, 3000000) +
+                  Modern({"C:", "dir", "read-only"}, 4, 0x21) +
+                  Modern({"C:", "dir", "back\\slash?:"}, 12, 0x420) + Modern({"\\\\?\\D:", "big"}, 3000000) +
                   Modern({"E:", "f"}, 5) + Modern({"\\\\?\\Volume{0a1b}", "guid"}, 11) +
                   Line(Backup::File::YOdsMetadata(Path({"server", "object"})).ToJSON()));
     EXPECT_EQ(imported.exitCode, 0) << imported.errors;
-    EXPECT_NE(imported.output.find("10 entries: 7 files, 2 directories, 0 links, 1 others\n2.9 MiB read"),
+    EXPECT_NE(imported.output.find("11 entries: 8 files, 2 directories, 0 links, 1 others\n2.9 MiB read"),
               std::string::npos)
         << imported.output;
 
@@ -126,9 +128,10 @@ TEST_F(Import, AWindowsJobComesBackUnderLegalNames)
     MakeTree(directory / "expected",
              {Dir("C", 0755), Dir("C/dir", 0700), File("C/dir/two names", "content", 0600),
               Dir("C/other", 0755), Hard("C/other/name", "C/dir/two names"),
-              File("C/dir/read-only", "kept", 0400), Dir("D", 0755),
-              File("D/big", std::string(3000000, 'x'), 0600), Dir("E", 0755), File("E/f", "right", 0600),
-              Dir("Volume{0a1b}", 0755), File("Volume{0a1b}/guid", "of a volume", 0600),
+              File("C/dir/read-only", "kept", 0400), File("C/dir/back\\slash?:", "of the cloud", 0600),
+              Dir("D", 0755), File("D/big", std::string(3000000, 'x'), 0600), Dir("E", 0755),
+              File("E/f", "right", 0600), Dir("Volume{0a1b}", 0755),
+              File("Volume{0a1b}/guid", "of a volume", 0600),
               Dir("GLOBALROOTDeviceHarddiskVolumeShadowCopy12", 0755),
               File("GLOBALROOTDeviceHarddiskVolumeShadowCopy12/shadow", "of a copy", 0600)});
     // Directories without a record have the time of the restore.
@@ -145,19 +148,29 @@ TEST_F(Import, UnixRecordsAndABase)
 {
     MakeTree(directory.MakeDirectory("contents"),
              {Dir("job"), Dir("job/home"), File("job/home/a file", "x"), Dir("dir"), File("dir/f", "abc")});
-    LegacyUnixHeader header = SampleUnixFile();
-    header.fileSize = 1;
-    header.userId = geteuid();
-    header.groupId = getegid();
-    header.extendedAttributes.clear();
+    LegacyUnixHeader file = SampleUnixFile();
+    file.fileSize = 1;
+    file.userId = geteuid();
+    file.groupId = getegid();
+    file.extendedAttributes.clear();
+    // Of a link, though neither its mode nor the directory bit say so.
+    LegacyUnixHeader link = SampleUnixLink();
+    link.userId = geteuid();
+    link.groupId = getegid();
+    link.modeFlags = 0040777;
+    link.attributes = 0x10;
     const ProgramResult imported =
-        RunImport(Line(LegacyDocument("unix", header.Bytes())) + Unix({"dir"}, S_IFDIR | 0750) +
-                      Unix({"dir", "f"}, S_IFREG | 0640, 3) + Unix({"dir", "link"}, S_IFLNK, 0, "f") +
-                      Unix({"fifo"}, S_IFIFO | 0600),
+        RunImport(Line(LegacyDocument("unix", file.Bytes())) + Line(LegacyDocument("unix", link.Bytes())) +
+                      Unix({"dir"}, S_IFDIR | 0750) + Unix({"dir", "f"}, S_IFREG | 0640, 3) +
+                      Unix({"dir", "link"}, S_IFLNK, 0, "f") + Unix({"fifo"}, S_IFIFO | 0600),
                   {"--base", "job"});
     EXPECT_EQ(imported.exitCode, 0) << imported.errors;
+    const ProgramResult list = RunProgram({"list", "--store", store, "--snapshot", "latest"});
+    EXPECT_NE(list.output.find("\nlrwxrwxrwx "), std::string::npos) << list.output;
+    EXPECT_NE(list.output.find(" job/home/link -> abc\n"), std::string::npos) << list.output;
     EXPECT_EQ(Restore().exitCode, 0);
     EXPECT_EQ(ReadFile(target + "/job/home/a file"), "x");
+    EXPECT_EQ(fs::read_symlink(target + "/job/home/link"), "abc");
     EXPECT_EQ(ReadFile(target + "/dir/f"), "abc");
     EXPECT_EQ(fs::read_symlink(target + "/dir/link"), "f");
     EXPECT_TRUE(fs::is_fifo(target + "/fifo"));
@@ -167,7 +180,7 @@ TEST_F(Import, WhatIsDamagedIsToldAndTheRestStored)
 {
     MakeTree(directory.MakeDirectory("contents"),
              {Dir("C"), File("C/good", "good"), File("C/short", "12"), File("C/long", "12345"),
-              Dir("C/directory"), Fifo("C/fifo"), Link("C/link", "../../outside/file"),
+              Dir("C/directory"), Fifo("C/fifo"), Socket("C/socket"), Link("C/link", "../../outside/file"),
               Link("C/way", "../../outside")});
     MakeTree(directory.MakeDirectory("outside"), {File("file", "secret")});
     const struct
@@ -182,11 +195,15 @@ TEST_F(Import, WhatIsDamagedIsToldAndTheRestStored)
         {Modern({"Z:", "missing"}, 1), "Z:/missing: Not stored: the contents have no file"},
         {Modern({"C:", "directory"}, 1), "C:/directory: Not stored: the contents"},
         {Modern({"C:", "fifo"}, 1), "C:/fifo: Not stored: the contents"},
+        {Modern({"C:", "socket"}, 1), "C:/socket: Not stored: the contents"},
         {Modern({"C:", "link"}, 6), "C:/link: Not stored: the contents"},
         {Modern({"C:", "way", "file"}, 6), "C:/way/file: Not stored: the contents"},
         {Modern({"C:", "..", "..", "outside", "file"}, 6), "outside/file: Refused"},
-        {Modern({}, 0), "line 11: The record has no path"},
-        {Unix({"device"}, S_IFCHR | 0600), "device: Not stored: the record of a device"},
+        {Modern({"C:", "..", "dir"}, 0, 0x10), "C:/../dir: Refused"},
+        {Modern({}, 0), "line 13: The record has no path"},
+        {Unix({}, S_IFDIR | 0755), "line 14: The record has no path"},
+        {Line(Backup::File::YOdsMetadata(Path({})).ToJSON()), "line 15: The record has no path"},
+        {Unix({"device"}, S_IFCHR | 0600), "device: Not stored: a record of a device"},
         {Unix({"link"}, S_IFLNK | 0777), "link: Not stored: the record has no target"},
         {Modern({"C:", "short"}, 3), "C:/short: The content has 2 bytes instead of 3"},
         {Modern({"C:", "long"}, 3), "C:/long: The content has 5 bytes instead of 3"},
@@ -198,12 +215,12 @@ TEST_F(Import, WhatIsDamagedIsToldAndTheRestStored)
     const ProgramResult imported = RunImport(records);
     EXPECT_EQ(imported.exitCode, 3);
     EXPECT_NE(imported.output.find("3 entries: 3 files"), std::string::npos) << imported.output;
-    EXPECT_NE(imported.output.find("\n15 failed\n"), std::string::npos) << imported.output;
+    EXPECT_NE(imported.output.find("\n19 failed\n"), std::string::npos) << imported.output;
     for (const auto& row : rows)
         EXPECT_NE(imported.errors.find(row.told), std::string::npos) << row.told << "\n" << imported.errors;
     const ProgramResult list = RunProgram({"list", "--store", store});
     EXPECT_NE(list.output.find(" 3 entries "), std::string::npos) << list.output;
-    EXPECT_NE(list.output.find("11 bytes     15 failed"), std::string::npos) << list.output;
+    EXPECT_NE(list.output.find("11 bytes     19 failed"), std::string::npos) << list.output;
 
     EXPECT_EQ(Restore().exitCode, 3);
     EXPECT_EQ(ReadFile(target + "/C/short"), "12");

@@ -5,6 +5,7 @@
 #include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotWriter.h"
 
+#include "testing/JobPaths.h"
 #include "testing/OrdinaryUser.h"
 #include "testing/Program.h"
 #include "testing/TemporaryDirectory.h"
@@ -43,13 +44,17 @@ protected:
     }
     void TearDown() override { EXPECT_EQ(DescribeTree(directory / "outside"), before); }
 
-    static Backup::File::YUnixFileMetadata Record(const Components& components, unsigned int mode)
+    static Backup::YJobPath PathOf(const Components& components)
     {
         Backup::YJobPath path;
         for (const std::string& component : components)
             path.AppendComponent({Krt::YString(component), Krt::YString(), 0x602, 0});
+        return path;
+    }
+    static Backup::File::YUnixFileMetadata Record(const Components& components, unsigned int mode)
+    {
         Backup::File::YUnixFileMetadata metadata;
-        metadata.SetFilePath(path);
+        metadata.SetFilePath(PathOf(components));
         metadata.SetModeFlags(mode);
         metadata.SetIsDirectoryForRestore(S_ISDIR(mode));
         metadata.SetUserId(geteuid());
@@ -85,20 +90,14 @@ protected:
         return entry;
     }
 
-    // The last write lies half a second behind the time of the Unix records. Without content it is an entry
-    // of its attributes alone.
+    // Without content it is an entry of its attributes alone.
     Agent::SnapshotEntry WindowsEntry(const std::vector<Components>& paths, unsigned int attributes,
-                                      const char* content = nullptr, unsigned int reparseType = 0)
+                                      const char* content = nullptr)
     {
         Backup::File::YWinFileMetadata metadata;
-        for (const Components& components : paths) {
-            Backup::YJobPath path;
-            for (const std::string& component : components)
-                path.AppendComponent({Krt::YString(component), Krt::YString(), 0x602, 0});
-            metadata.AddPath(path, "SHORT~1");
-        }
+        for (const Components& components : paths)
+            metadata.AddPath(PathOf(components), "SHORT~1");
         metadata.SetAttributes(attributes);
-        metadata.SetReparseType(reparseType);
         metadata.SetLastWriteTime((11644473600 + 1000000000) * 10000000 + 5000000);
         Agent::SnapshotEntry entry;
         if (content != nullptr) {
@@ -283,25 +282,13 @@ TEST_F(RestoreProgram, WhatStandsThereStaysWhenAnEntryFails)
         << "no temporary stays";
 }
 
-TEST_F(RestoreProgram, DamagedObjectsAndSnapshotsAreRefused)
+TEST_F(RestoreProgram, ADamagedSnapshotIsRefusedBeforeAnything)
 {
-    const std::string content(100000, 'x');
-    RestoreOf([&](Agent::SnapshotWriter& writer) { writer.Add(FileWith({"file"}, content)); });
+    RestoreOf([&](Agent::SnapshotWriter& writer) { writer.Add(FileWith({"file"}, "content")); });
     fs::remove(target + "/file");
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(store + "/objects")) {
-        if (!entry.is_regular_file())
-            continue;
-        std::fstream object(entry.path(), std::ios::in | std::ios::out | std::ios::binary);
-        object.seekp(static_cast<std::streamoff>(entry.file_size() / 2));
-        object.put('\x5A');
-    }
-    const std::vector<std::string> restore = {"restore", "--store", store, "--to", target};
-    EXPECT_EQ(RunProgram(restore).exitCode, 3);
-    EXPECT_FALSE(fs::exists(target + "/file"));
-
     for (const fs::directory_entry& entry : fs::directory_iterator(store + "/snapshots"))
         fs::resize_file(entry.path(), entry.file_size() - 3);
-    const ProgramResult result = RunProgram(restore);
+    const ProgramResult result = RunProgram({"restore", "--store", store, "--to", target});
     EXPECT_EQ(result.exitCode, 1) << result.errors;
     EXPECT_TRUE(fs::is_empty(target));
 }
@@ -323,38 +310,24 @@ TEST_F(RestoreProgram, RestoresOnlyWhatIsNamed)
     EXPECT_TRUE(fs::exists(target + "/b"));
 }
 
-constexpr const char* VolumeGuid = "\\\\?\\Volume{12345678-9abc-def0-1234-56789abcdef0}";
-constexpr const char* ShadowCopy = "\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy12";
-
-TEST_F(RestoreProgram, WindowsEntriesGetLegalNamesAndPrivateModes)
+TEST_F(RestoreProgram, VolumesOfOneDirectoryReplaceNoFileOfEachOther)
 {
     const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(WindowsEntry({{"C:", "dir"}}, 0x11));
-        writer.Add(WindowsEntry({{"C:", "dir", "back\\slash?:"}}, 0x20, "first"));
-        writer.Add(WindowsEntry({{VolumeGuid, "read-only"}}, 0x01, "second"));
-        writer.Add(WindowsEntry({{ShadowCopy, "a", "b"}}, 0x80, "third"));
-        writer.Add(WindowsEntry({{"D:", "cloud file"}}, 0x420, "fourth", 0x9000001A));
+        writer.Add(WindowsEntry({{"C:", "dir"}}, 0x10));
+        writer.Add(WindowsEntry({{"C:", "dir", "file"}}, 0x20, "first"));
+        writer.Add(WindowsEntry({{"C", "dir"}}, 0x10));
+        writer.Add(WindowsEntry({{"C", "dir", "file"}}, 0x20, "of the other volume"));
+        writer.Add(WindowsEntry({{"C", "dir", "more"}}, 0x20, "more"));
+        writer.Add(WindowsEntry({{"C:", "two names"}, {"C", "two names"}}, 0x20, "2"));
+        writer.Add(WindowsEntry({{"\\\\?\\C:", "two names"}}, 0x20, "the same volume"));
     });
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
-    EXPECT_NE(result.output.find("5 entries restored: 4 files, 1 directories"), std::string::npos);
-    const struct
-    {
-        std::string name;
-        unsigned int mode;
-    } made[] = {{"C/dir", 0700},
-                {"C/dir/back\\slash?:", 0600},
-                {"Volume{12345678-9abc-def0-1234-56789abcdef0}/read-only", 0400},
-                {"GLOBALROOTDeviceHarddiskVolumeShadowCopy12/a/b", 0600},
-                {"D/cloud file", 0600}};
-    for (const auto& row : made) {
-        const struct stat status = StatusOf(row.name);
-        EXPECT_EQ(status.st_mode & 07777, row.mode) << row.name;
-        EXPECT_EQ(status.st_uid, geteuid()) << row.name;
-        EXPECT_EQ(status.st_mtim.tv_sec, 1000000000) << row.name;
-        EXPECT_EQ(status.st_mtim.tv_nsec, 500000000) << row.name;
-    }
-    EXPECT_EQ(ReadFile(target + "/C/dir/back\\slash?:"), "first");
-    EXPECT_EQ(ReadFile(target + "/D/cloud file"), "fourth");
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_EQ(result.errors,
+              "kbagent: /C/dir/file: Not restored: what stands in its place may be of the volume C:, "
+              "which is restored into the same directory\n");
+    EXPECT_EQ(ReadFile(target + "/C/dir/file"), "first");
+    EXPECT_EQ(ReadFile(target + "/C/dir/more"), "more");
+    EXPECT_EQ(ReadFile(target + "/C/two names"), "the same volume");
 }
 
 TEST_F(RestoreProgram, SeveralPathsOfARecordAreNamesOfOneFile)
@@ -382,32 +355,35 @@ TEST_F(RestoreProgram, SeveralPathsOfARecordAreNamesOfOneFile)
 
 TEST_F(RestoreProgram, RecordsWithoutAFileAreToldAndListed)
 {
-    Backup::YJobPath path;
-    for (const char* name : {"server", "object"})
-        path.AppendComponent({name, "", 0x700, 0});
     Agent::SnapshotEntry ods;
-    ods.record = Backup::File::YOdsMetadata(path).ToJSON();
+    ods.record = Backup::File::YOdsMetadata(JobPath({{0x700, "server"}, {0x700, "object"}})).ToJSON();
+    auto mixed = Record({}, S_IFDIR | 0755);
+    mixed.SetFilePath(JobPath({{0x602, "a"}, {0x700, "b"}, {0x602, "c"}}));
+    Agent::SnapshotEntry amid;
+    amid.record = mixed.ToJSON();
     const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
         writer.Add(ods);
-        writer.Add(WindowsEntry({{"C:", "link"}}, 0x420, nullptr, 0xA000000C));
-        writer.Add(WindowsEntry({{"C:", "junction"}}, 0x410, nullptr, 0xA0000003));
+        writer.Add(WindowsEntry({{"C:", "link"}}, 0x420));
+        writer.Add(amid);
         writer.Add(WindowsEntry({{"C:", "nothing"}}, 0x20));
         writer.Add(WindowsEntry({}, 0x20, "no path"));
+        writer.Add(Directory({}));
         writer.Add(WindowsEntry({{":?", "no name"}}, 0x20, "x"));
         writer.Add(WindowsEntry({{"C:", "good"}, {"\\\\?\\D:", "two"}}, 0x27, "good"));
     });
     EXPECT_EQ(result.exitCode, 3);
     for (const char* told : {"/server/object: An ODS object is no file", "/C/link: A reparse point",
-                             "/C/junction: A reparse point", "/C/nothing: The snapshot has no content",
-                             "an entry: The record has no path", ":?/no name: Refused"})
+                             "/C/nothing: The snapshot has no content", "Entry 5: The record has no path",
+                             "Entry 6: The record has no path", ":?/no name: Refused"})
         EXPECT_NE(result.errors.find(told), std::string::npos) << told << "\n" << result.errors;
     EXPECT_EQ(StatusOf("D/two").st_ino, StatusOf("C/good").st_ino);
-    EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), 4);
+    EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), 7);
 
     const ProgramResult list = RunProgram({"list", "--store", store, "--snapshot", "latest"});
     EXPECT_EQ(list.exitCode, 3);
+    EXPECT_EQ(std::count(list.errors.begin(), list.errors.end(), '\n'), 2) << list.errors;
     for (const char* line : {"ods                  -            -                    - server/object\n",
-                             "----AL               -            0 2001-09-09T01:46:40Z /C/link\n",
+                             " a/b/c\n", "----AL               -            0 2001-09-09T01:46:40Z /C/link\n",
                              "-RHSA-               -            4 2001-09-09T01:46:40Z /C/good\n",
                              "-RHSA-               -            4 2001-09-09T01:46:40Z /D/two\n"})
         EXPECT_NE(list.output.find(line), std::string::npos) << line << list.output;
@@ -415,27 +391,20 @@ TEST_F(RestoreProgram, RecordsWithoutAFileAreToldAndListed)
 
 TEST(WindowsTime, NumbersOfEitherScale)
 {
-    const struct
-    {
-        const char* name;
-        unsigned long long number;
-        std::optional<std::pair<long long, long>> time;
-    } cases[] = {
-        {"none", 0, std::nullopt},
-        {"seconds", 1700000000, std::pair(1700000000, 0)},
-        {"last of the seconds", (1ull << 36) - 1, std::pair((1ll << 36) - 1, 0)},
-        {"first of the units", 1ull << 36, std::pair(6871 - 11644473600, 947673600)},
-        {"1970", 116444736000000000, std::pair(0, 0)},
-        {"a unit before 1970", 116444735999999999, std::pair(-1, 999999900)},
-        {"last of the units", ~0ull >> 1, std::pair(910692730085, 477580700)},
-        {"beyond", ~0ull, std::nullopt},
+    using Time = std::optional<std::pair<long long, long>>;
+    const std::pair<unsigned long long, Time> rows[] = {
+        {0, std::nullopt},
+        {1700000000, std::pair(1700000000, 0)},
+        {(1ull << 36) - 1, std::pair((1ll << 36) - 1, 0)}, // the last of the seconds
+        {1ull << 36, std::pair(6871 - 11644473600, 947673600)},
+        {116444736000000000, std::pair(0, 0)},
+        {116444735999999999, std::pair(-1, 999999900)},
+        {~0ull >> 1, std::pair(910692730085, 477580700)},
+        {~0ull, std::nullopt},
     };
-    for (const auto& row : cases) {
-        const auto time = Agent::TimeOfWindows(row.number);
-        ASSERT_EQ(time.has_value(), row.time.has_value()) << row.name;
-        if (time) {
-            EXPECT_EQ((std::pair<long long, long>(time->tv_sec, time->tv_nsec)), *row.time) << row.name;
-        }
+    for (const auto& [number, expected] : rows) {
+        const auto time = Agent::TimeOfWindows(number);
+        EXPECT_EQ(time ? Time(std::pair(time->tv_sec, time->tv_nsec)) : std::nullopt, expected) << number;
     }
 }
 

@@ -15,29 +15,25 @@ using Krt::MessageType;
 using Krt::YString;
 using Krt::JSON::YObject;
 using Krt::JSON::YValue;
-using Testing::LegacyAttributeRecord;
-using Testing::RecordingMapper;
-using Testing::SampleUnixFile;
-using Testing::SampleUnixLink;
-using Testing::SampleWindowsFile;
+using namespace Testing;
 
 namespace {
 
 YUnixFileMetadata ConvertUnix(const std::string& header, JobPathMapper mapper = RecordingMapper())
 {
-    return YUnixFileMetadata(Testing::LegacyDocument("unix", header), mapper);
+    return YUnixFileMetadata(LegacyDocument("unix", header), mapper);
 }
 
 YWinFileMetadata ConvertWindows(const std::string& header, JobPathMapper mapper = RecordingMapper())
 {
-    return YWinFileMetadata(Testing::LegacyDocument("win", header), mapper);
+    return YWinFileMetadata(LegacyDocument("win", header), mapper);
 }
 
 const std::wstring OnePath = L"/C:/dir/long na\u00EFve*LONGNA~1\0\r"s;
 const std::wstring TwoPaths = OnePath + L"/C:/other\0\r"s;
 
 template <class Header, class Change>
-std::string Damaged(Header header, Change change)
+std::string Changed(Header header, Change change)
 {
     change(header);
     return header.Bytes();
@@ -65,10 +61,10 @@ TEST(LegacyGolden, EveryHeaderBecomesAModernRecord)
     for (const auto& [kind, calls] : cases) {
         SCOPED_TRACE(kind);
         RecordingMapper mapper;
-        const auto document = YValue::Parse(Testing::ReadFile(GOLDEN_DIRECTORY "/legacy-" + kind + ".json"));
+        const auto document = YValue::Parse(ReadFile(GOLDEN_DIRECTORY "/legacy-" + kind + ".json"));
         const auto metadata = YMetadataBase::ConstructFromJson(document->AsObject(), mapper);
         EXPECT_EQ(YValue::FromObject(metadata->ToJSON()).Stringify(true).Bytes(),
-                  Testing::ReadFile(GOLDEN_DIRECTORY "/legacy-" + kind + "-converted.json"));
+                  ReadFile(GOLDEN_DIRECTORY "/legacy-" + kind + "-converted.json"));
         EXPECT_EQ(mapper.Calls(), calls);
     }
 }
@@ -103,26 +99,24 @@ TEST(LegacyUnixHeader, ItsOwnFieldsWinOverTheMode)
     };
     const struct
     {
-        const char* name;
         unsigned int mode;
         unsigned int attributes;
         unsigned char isSymlink;
         std::vector<std::string> warnings;
-    } cases[] = {{"they agree", 0040755, 0x10, 0, {}},
-                 {"a file with the directory bit", 0100644, 0x10, 0, {directory("0", "0")}},
-                 {"a link byte of another value", 0120777, 0, 2, {link("2", "1")}},
-                 {"both", 0040755, 0, 1, {link("1", "0"), directory("1", "1")}}};
+    } cases[] = {{0040755, 0x10, 0, {}},
+                 {0100644, 0x10, 0, {directory("0", "0")}},
+                 {0120777, 0, 2, {link("2", "1")}},
+                 {0040755, 0, 1, {link("1", "0"), directory("1", "1")}}};
     for (const auto& row : cases) {
-        SCOPED_TRACE(row.name);
-        const Testing::LogCapture log({"General"});
-        const YUnixFileMetadata metadata = ConvertUnix(Damaged(SampleUnixLink(), [&](auto& header) {
+        const LogCapture log({"General"});
+        const YUnixFileMetadata metadata = ConvertUnix(Changed(SampleUnixLink(), [&](auto& header) {
             header.modeFlags = row.mode;
             header.attributes = row.attributes;
             header.isSymlink = row.isSymlink;
         }));
-        EXPECT_EQ(log.Texts(), row.warnings);
-        EXPECT_EQ(metadata.IsDirectoryForRestore(), row.attributes == 0x10);
-        EXPECT_EQ(metadata.IsSymbolicLink(), row.isSymlink != 0);
+        EXPECT_EQ(log.Texts(), row.warnings) << row.mode;
+        EXPECT_EQ(metadata.IsDirectoryForRestore(), row.attributes == 0x10) << row.mode;
+        EXPECT_EQ(metadata.IsSymbolicLink(), row.isSymlink != 0) << row.mode;
         EXPECT_EQ(metadata.GetModeFlags(), row.mode);
     }
 }
@@ -130,50 +124,44 @@ TEST(LegacyUnixHeader, ItsOwnFieldsWinOverTheMode)
 TEST(LegacyUnixHeader, DamageIsTold)
 {
     constexpr const char* Convert = "PopulateFromLegacyUnixMetadata";
-    const std::string small = "Invalid legacy unix metadata: Buffer too small to contain a UNIX_FILE_HDR";
     const std::string name =
         "Legacy unix file header parsing error: end of buffer reached while parsing filename";
-    const std::string file =
-        Damaged(SampleUnixFile(), [](auto& header) { header.extendedAttributes.clear(); });
-    const auto withSection = [](const std::string& section) {
-        return Damaged(SampleUnixFile(), [&](auto& header) {
-            header.extendedAttributes.clear();
-            header.behind = section;
-        });
+    LegacyUnixHeader plain = SampleUnixFile();
+    plain.extendedAttributes.clear();
+    const std::string file = plain.Bytes();
+    const std::string link = SampleUnixLink().Bytes();
+    const auto section = [&](const std::string& bytes) {
+        return Changed(plain, [&](auto& header) { header.behind = bytes; });
     };
     const Failure cases[] = {
         {"no base header", file.substr(0, 19), Convert,
          "Invalid legacy metadata: Buffer too small to contain a BASE_HDR"},
-        {"another type",
-         Damaged(SampleUnixFile(), [](auto& header) { header.type = 0x41333333; }).substr(0, 20), Convert,
-         "Invalid legacy unix metadata: Expected type 1179995736 but actual type is 1093874483"},
-        {"no file header", file.substr(0, 77), Convert, small},
+        {"another type", Changed(plain, [](auto& header) { header.type = 7; }).substr(0, 20), Convert,
+         "Invalid legacy unix metadata: Expected type 1179995736 but actual type is 7"},
+        {"no file header", file.substr(0, 77), Convert,
+         "Invalid legacy unix metadata: Buffer too small to contain a UNIX_FILE_HDR"},
         {"no byte of a name, first limit", file.substr(0, 78), "Cast", ""},
         {"no byte of a name, last", file.substr(0, 81), "Cast", ""},
-        {"an empty list", Damaged(SampleUnixFile(), [](auto& header) { header.endOfNames = 0x51; }), Convert,
+        {"an empty list", Changed(plain, [](auto& header) { header.endOfNames = 0x51; }), Convert,
          "Legacy unix file header does not contain any file paths"},
         {"a path without an end", file.substr(0, file.size() - 1), Convert, name},
-        {"a target without an end", SampleUnixLink().Bytes().substr(0, 0x54), Convert, name},
+        {"a target without an end", link.substr(0, 0x54), Convert, name},
         {"a target as long as the list",
-         Damaged(SampleUnixLink(), [](auto& header) { header.endOfNames = 0x54; }), Convert, name},
-        {"a link without a path", Damaged(SampleUnixLink(), [](auto& header) { header.names = "abc\0"s; }),
-         Convert, name},
-        {"a link's path without an end",
-         Damaged(SampleUnixLink(), [](auto& header) { header.names.pop_back(); }), Convert, name},
+         Changed(SampleUnixLink(), [](auto& header) { header.endOfNames = 0x54; }), Convert, name},
+        {"a link without a path", link.substr(0, 0x55), Convert, name},
+        {"a link's path without an end", link.substr(0, link.size() - 1), Convert, name},
         {"attributes behind the buffer",
-         Damaged(SampleUnixFile(), [](auto& header) { header.attributesOffset = 0xFFFFFFFF; }), "RawOffset",
-         ""},
-        {"a record of no length", withSection(LegacyAttributeRecord("a", "b", 0)), "Initialize", "",
+         Changed(plain, [](auto& header) { header.attributesOffset = 0xFFFFFFFF; }), "RawOffset", ""},
+        {"a record of no length", section(LegacyAttributeRecord("a", "b", 0)), "Initialize", "",
          MessageType::Runtime},
-        {"a record past the end", withSection(LegacyAttributeRecord("a", "b", 100)), "Initialize",
+        {"a record past the end", section(LegacyAttributeRecord("a", "b", 100)), "Initialize",
          "Current offset 100 total data 10"},
-        {"a length that would wrap around", withSection(LegacyAttributeRecord("a", "b", 0xFFFFFFFF)),
+        {"a length that would wrap around", section(LegacyAttributeRecord("a", "b", 0xFFFFFFFF)),
          "Initialize", "Current offset 4294967295 total data 10"},
-        {"a record shorter than its head", withSection("\x02\0"s), "RawOffset", ""},
-        {"a name past the buffer", withSection(LegacyAttributeRecord("a", "b", {}, 1000)), "RawOffset", ""},
+        {"a record shorter than its head", section("\x02\0"s), "RawOffset", ""},
+        {"a name past the buffer", section(LegacyAttributeRecord("a", "b", {}, 1000)), "RawOffset", ""},
         {"a name past its record",
-         withSection(LegacyAttributeRecord("a", "b", {}, 3) + LegacyAttributeRecord("c", "d")), "RawOffset",
-         ""},
+         section(LegacyAttributeRecord("a", "b", {}, 3) + LegacyAttributeRecord("c", "d")), "RawOffset", ""},
     };
     for (const Failure& row : cases) {
         SCOPED_TRACE(row.name);
@@ -187,15 +175,15 @@ TEST(LegacyUnixHeader, AnEndInFrontOfTheNamesBoundsNothing)
     const auto early = [](auto& header) {
         header.endOfNames = 0;
     };
-    EXPECT_EQ(ConvertUnix(Damaged(SampleUnixLink(), early)).GetSymbolicLinkTarget().Bytes(), "abc");
-    EXPECT_EQ(ConvertWindows(Damaged(SampleWindowsFile(OnePath + L"\n", 1), early)).GetFilePathCount(), 1u);
+    EXPECT_EQ(ConvertUnix(Changed(SampleUnixLink(), early)).GetSymbolicLinkTarget().Bytes(), "abc");
+    EXPECT_EQ(ConvertWindows(Changed(SampleWindowsFile(OnePath + L"\n", 1), early)).GetFilePathCount(), 1u);
 }
 
 TEST(LegacyUnixHeader, DamagedAttributesFailBehindTheOtherFields)
 {
     YUnixFileMetadata metadata;
-    const auto header = Damaged(SampleUnixFile(), [](auto& file) { file.behind = "\0\0\0\0"s; });
-    EXPECT_RAISES_ON(metadata.FromJSON(Testing::LegacyDocument("unix", header), RecordingMapper()),
+    const auto header = Changed(SampleUnixFile(), [](auto& file) { file.behind = "\0\0\0\0"s; });
+    EXPECT_RAISES_ON(metadata.FromJSON(LegacyDocument("unix", header), RecordingMapper()),
                      MessageType::Runtime, ErrorCode::InvalidArgument, "Initialize", "");
     EXPECT_EQ(metadata.GetFilePath(0).GetDisplayPath().Bytes(), "job/home/a file");
 }
@@ -225,19 +213,17 @@ TEST(LegacyWindowsHeader, DamageIsTold)
     const std::string none = "Legacy windows file header does not contain any file paths";
     const std::string file = SampleWindowsFile(OnePath, 1).Bytes();
     const auto ending = [](unsigned int end) {
-        return Damaged(SampleWindowsFile(OnePath, 1), [=](auto& header) { header.endOfNames = end; });
+        return Changed(SampleWindowsFile(OnePath, 1), [=](auto& header) { header.endOfNames = end; });
     };
     const Failure cases[] = {
         {"no base header", file.substr(0, 19), Convert,
          "Invalid legacy metadata: Buffer too small to contain a BASE_HDR"},
-        {"another type",
-         Damaged(SampleWindowsFile(OnePath, 1), [](auto& header) { header.type = 7; }).substr(0, 20), Convert,
-         "Invalid legacy windows metadata: Expected type 1093874483 but actual type is 7"},
+        {"another type", SampleUnixFile().Bytes(), Convert,
+         "Invalid legacy windows metadata: Expected type 1093874483 but actual type is 1179995736"},
         {"no file header", file.substr(0, 135), Convert,
          "Invalid legacy windows metadata: Buffer too small to contain a WINDOWS_FILE_HDR"},
         {"no unit of a name, first limit", file.substr(0, 136), "Cast", ""},
         {"no unit of a name, last", file.substr(0, 139), "Cast", ""},
-        {"an empty list", ending(0x88), Convert, none},
         {"not one whole unit", ending(0x8B), Convert, none},
         {"an entry as long as the list", ending(0x88 + 4 * 3), Convert, name},
         {"an entry without an end", file.substr(0, 0x88 + 4 * 3), Convert, name},
@@ -253,24 +239,4 @@ TEST(LegacyWindowsHeader, DamageIsTold)
     }
     EXPECT_RAISES(ConvertWindows(SampleWindowsFile(L"a\xDC00z\0\r"s, 1).Bytes()), ErrorCode::InvalidUtf16,
                   "Convert", "Invalid UTF-16 Sequence 56320");
-}
-
-// Whatever the bytes are, a conversion ends, inside its buffer, in an object or in an error.
-TEST(LegacyHeaders, HostileBytesOnlyEverRaise)
-{
-    const auto convert = [](const std::string& header) {
-        (void)Testing::CatchError([&] { ConvertUnix(header); });
-        (void)Testing::CatchError([&] { ConvertWindows(header); });
-    };
-    for (const std::string& valid :
-         {SampleUnixFile().Bytes(), SampleUnixLink().Bytes(), SampleWindowsFile(TwoPaths, 2).Bytes()}) {
-        for (std::size_t i = 0; i < valid.size(); ++i) {
-            convert(valid.substr(0, i));
-            for (const char byte : {'\0', '\x01', '\x7F', '\xFF'}) {
-                std::string changed = valid;
-                changed[i] = byte;
-                convert(changed);
-            }
-        }
-    }
 }

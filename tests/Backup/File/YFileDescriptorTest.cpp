@@ -7,18 +7,12 @@
 
 #include <tinyxml.h>
 
-using Backup::File::MakeNativeTestPath;
-using Backup::File::SplitAbsolutePath;
-using Backup::File::YFileDescriptor;
+using namespace Backup::File;
+using namespace Krt::Match;
 using Krt::ErrorCode;
 using Krt::MessageType;
 using Krt::YString;
 using Krt::File::YPath;
-using Krt::Match::AnyDescriptor;
-using Krt::Match::Descriptor;
-using Krt::Match::ExactDescriptor;
-using Krt::Match::GlobDescriptor;
-using Krt::Match::MatchType;
 
 namespace {
 
@@ -44,30 +38,27 @@ TEST(YFileDescriptorXml, GoldenElementsAreWrittenAsTheyWereRead)
     document.Parse(golden.c_str());
     ASSERT_FALSE(document.Error()) << document.ErrorDesc();
     TiXmlElement written("Descriptors");
-    const TiXmlElement* const read = document.RootElement();
-    for (const TiXmlElement* child = read->FirstChildElement(); child; child = child->NextSiblingElement())
+    const TiXmlElement* child = document.RootElement()->FirstChildElement();
+    EXPECT_EQ(YFileDescriptor(child).GetPath().Bytes(), "/home/ä & \"b\"");
+    for (; child; child = child->NextSiblingElement())
         YFileDescriptor(child).SaveToXmlNode(&written);
     TiXmlPrinter printer;
     written.Accept(&printer);
     EXPECT_EQ(printer.Str(), golden);
-    EXPECT_EQ(YFileDescriptor(read->FirstChildElement()).GetPath().Bytes(), "/home/ä & \"b\"");
 }
 
 TEST(YFileDescriptorXml, WhatIsReadIsAGlobWithoutRegardToCase)
 {
-    const std::tuple<Descriptor, const char*, bool> rows[] = {{Documents, "*.doc", false},
-                                                              {GlobDescriptor("*.doc", false), "*.doc", true},
-                                                              {ExactDescriptor("a", false), "a", false},
-                                                              {AnyDescriptor(), "", false}};
-    for (const auto& [descriptor, pattern, equal] : rows) {
+    for (const auto& [descriptor, equal] : {std::pair(Descriptor(Documents), false),
+                                            {GlobDescriptor("*.doc", false), true},
+                                            {ExactDescriptor("a", false), false},
+                                            {AnyDescriptor(), false}}) {
         const YFileDescriptor saved("/a", descriptor, true, true);
         TiXmlElement parent("Descriptors");
         saved.SaveToXmlNode(&parent);
         const YFileDescriptor loaded(parent.FirstChildElement());
-        EXPECT_EQ(loaded.GetDescriptor().GetMatchType(), MatchType::Glob);
-        EXPECT_EQ(loaded.GetDescriptor().GetPattern(), pattern);
-        EXPECT_FALSE(loaded.GetDescriptor().IsCaseSensitive());
-        EXPECT_EQ(loaded == saved, equal) << pattern;
+        EXPECT_EQ(loaded, YFileDescriptor("/a", GlobDescriptor(descriptor.GetPattern(), false), true, true));
+        EXPECT_EQ(loaded == saved, equal) << descriptor.GetPattern().Bytes();
     }
 }
 
