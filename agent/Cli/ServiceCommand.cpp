@@ -1,5 +1,6 @@
 #include "agent/Cli/Command.h"
 
+#include "agent/Cli/Interrupt.h"
 #include "agent/Cli/Text.h"
 
 #include "Backup/Util/ServiceManager.h"
@@ -129,15 +130,20 @@ void ServiceCommand::Run(Report& report)
         throw UsageError("Not the name of a service: " + m_name);
     const std::unique_ptr<IServiceManager> manager = Backup::Util::CreateServiceManager();
     for (const auto& [command, action] : m_actions) {
-        if (command->parsed())
-            (this->*action)(*manager, report);
+        if (!command->parsed())
+            continue;
+        // Whoever waits for a service may give up; the writing of its file is brought to an end.
+        if (action != &ServiceCommand::Install)
+            EndOnInterrupts();
+        (this->*action)(*manager, report);
     }
 }
 
 void ServiceCommand::Install(IServiceManager& manager, Report& report) const
 {
     namespace fs = std::filesystem;
-    const fs::path program = fs::absolute(m_program).lexically_normal();
+    // As it was given, since "a/.." is not the same as nothing where "a" is a link.
+    const fs::path program = fs::absolute(m_program);
     std::error_code ignored; // what can't be reached is no program
     const fs::file_status status = fs::status(program, ignored);
     constexpr fs::perms executable = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
@@ -170,8 +176,11 @@ void ServiceCommand::Restart(IServiceManager& manager, Report& report) const
     Tell(report, "restarted");
 }
 
+// Somebody else's service, which has no file here, would only be stopped.
 void ServiceCommand::Delete(IServiceManager& manager, Report& report) const
 {
+    KRT_RAISE_UNLESS(manager.Exists(Name()), Krt::ErrorCode::NotFound,
+                     "Service " << Name() << " is not installed");
     manager.Delete(Name(), Timeout());
     Tell(report, "deleted");
 }

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 
 using Testing::ProcessRecorder;
@@ -25,16 +26,20 @@ protected:
     }
     ~ServiceCommandTest() override { Backup::Util::YSystemdServiceManager::SetRootForTesting(nullptr); }
 
-    // The exit code and all that was printed.
-    static std::string Run(std::vector<std::string> arguments)
+    static int Call(std::vector<std::string> arguments)
     {
         arguments.insert(arguments.begin(), {"kbagent", "service"});
         std::vector<char*> vector;
         for (std::string& argument : arguments)
             vector.push_back(argument.data());
+        return Agent::Run(static_cast<int>(vector.size()), vector.data());
+    }
+    // The exit code and all that was printed.
+    static std::string Run(const std::vector<std::string>& arguments)
+    {
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
-        const int code = Agent::Run(static_cast<int>(vector.size()), vector.data());
+        const int code = Call(arguments);
         const std::string output = testing::internal::GetCapturedStdout();
         return std::to_string(code) + " " + output + testing::internal::GetCapturedStderr();
     }
@@ -50,13 +55,18 @@ TEST_F(ServiceCommandTest, LifeOfAService)
         active = command[1] == "start" || command[1] == "restart" || (active && command[1] != "stop");
         return command[1] == "is-active" && !active ? 3 : 0;
     });
+    std::signal(SIGCHLD, SIG_IGN); // as a starter may have done, which would hide how children end
     EXPECT_EQ(Run({"status", "kb"}), "4 kb: not installed\n");
+    EXPECT_EQ(std::signal(SIGCHLD, SIG_DFL), SIG_DFL);
+    EXPECT_EQ(Run({"delete", "kb"}), "1 kbagent: error: Service kb is not installed\n");
+    EXPECT_EQ(programs.Lines().find(" stop "), std::string::npos);
     EXPECT_EQ(Run({"install", "kb", "--program", "/bin/../bin/sh", "--description", "Nightly", "--", "backup",
                    "--store=x", "[a]", "--"}),
               "0 kb: installed\n");
     const std::string unit = Testing::ReadFile(m_unit);
     EXPECT_NE(unit.find("Description=Nightly\n"), std::string::npos) << unit;
-    EXPECT_NE(unit.find("\"/bin/sh\" \"backup\" \"--store=x\" \"[a]\" \"--\"\n"), std::string::npos) << unit;
+    EXPECT_NE(unit.find("\"/bin/../bin/sh\" \"backup\" \"--store=x\" \"[a]\" \"--\"\n"), std::string::npos)
+        << unit;
     EXPECT_EQ(Run({"status", "kb"}), "4 kb: stopped\n");
     EXPECT_EQ(Run({"start", "kb"}), "0 kb: started\n");
     EXPECT_EQ(Run({"status", "kb"}), "0 kb: running\n");
@@ -79,8 +89,6 @@ TEST_F(ServiceCommandTest, FailuresSayWhatIsWrong)
         const char* told; // behind the exit code
     } rows[] = {
         {"no action", {}, "2 kbagent: error: A subcommand is required"},
-        {"no name", {"start"}, "2 kbagent: error: NAME is required"},
-        {"no program", {"install", "kb"}, "2 kbagent: error: --program is required"},
         {"missing program",
          {"install", "kb", "--program", "/none"},
          "1 kbagent: error: There is no program at /none"},
@@ -100,6 +108,17 @@ TEST_F(ServiceCommandTest, FailuresSayWhatIsWrong)
     std::filesystem::remove_all(m_directory / "run");
     EXPECT_EQ(Run({"status", "kb"}),
               "1 kbagent: error: Services are systemd's, and this machine doesn't run systemd\n");
+}
+
+// The wait would last a second more.
+TEST_F(ServiceCommandTest, AnInterruptEndsTheWait)
+{
+    const ProcessRecorder programs([](const ProcessRecorder::Command& command) {
+        if (command[1] == "is-active")
+            std::raise(SIGTERM);
+        return command[1] == "is-active" ? 3 : 0;
+    });
+    EXPECT_EXIT(Call({"start", "kb", "--timeout", "1"}), testing::KilledBySignal(SIGTERM), "");
 }
 
 } // namespace

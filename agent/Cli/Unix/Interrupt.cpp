@@ -1,17 +1,18 @@
 #include "agent/Cli/Interrupt.h"
 
 #include <csignal>
-#include <initializer_list>
 
 namespace Agent {
 
 namespace {
 
-volatile std::sig_atomic_t s_interrupted = 0;
+constexpr int Signals[] = {SIGINT, SIGTERM, SIGHUP};
 
-void OnSignal(int)
+volatile std::sig_atomic_t s_interrupted = 0; // the signal
+
+void OnSignal(int signal)
 {
-    s_interrupted = 1;
+    s_interrupted = signal;
 }
 
 } // namespace
@@ -21,7 +22,7 @@ void CatchInterrupts()
     struct sigaction action = {};
     action.sa_handler = OnSignal;
     action.sa_flags = SA_RESTART;
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int signal : Signals) {
         struct sigaction current;
         // Whoever started the program with a signal ignored, as nohup does, wants it ignored.
         if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler != SIG_IGN)
@@ -30,6 +31,19 @@ void CatchInterrupts()
     // A closed pipe and a limit on the size of files are told by the write that fails.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
+    // A starter that ignores it hands that on, and then no child's status is to be had.
+    std::signal(SIGCHLD, SIG_DFL);
+}
+
+void EndOnInterrupts()
+{
+    for (const int signal : Signals) {
+        struct sigaction current;
+        if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == OnSignal)
+            std::signal(signal, SIG_DFL);
+    }
+    if (IsInterrupted())
+        std::raise(s_interrupted);
 }
 
 bool IsInterrupted()

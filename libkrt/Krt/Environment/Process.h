@@ -15,8 +15,8 @@ KRT_API bool IsPrivilegeRaised();
 /// Runs a program and waits for its end. Returns its exit status, or 128 plus the number of the signal that
 /// ended it. The program is a path, which is not searched for; the arguments reach it as they are, without a
 /// shell. It inherits the environment and the descriptors 0 to 2 and no others, with no signal blocked and
-/// none ignored. Raises the operating system's error if it can't be started, and InvalidArgument for an
-/// argument with a NUL byte in it. Any thread.
+/// none ignored. Raises the operating system's error if it can't be started, or if the process ignores
+/// SIGCHLD and so gets no status, and InvalidArgument for an argument with a NUL byte in it. Any thread.
 KRT_API int ExecuteProcess(const File::YPath& program, const std::vector<YString>& arguments);
 /// The same with root's rights: as it is if the effective user is root, else through /usr/bin/sudo, whose own
 /// status tells then that the rights were refused. With `unattended` it never asks for a password.

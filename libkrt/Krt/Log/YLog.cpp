@@ -157,8 +157,9 @@ void YLog::Open(Param param)
 {
     const std::lock_guard lock(m_impl->mutex);
     m_impl->file.Close();
-    m_impl->file =
-        Util::OpenHandle(param.path.CStr(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NOCTTY, 0640);
+    // A FIFO that nobody reads, put in the log's place, would hold every thread that logs.
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
+    m_impl->file = Util::OpenHandle(param.path.CStr(), flags, 0640);
     if (m_impl->file.IsEmpty())
         KRT_RAISE_OS("Failed to open log: " << param.path);
     m_impl->copyToConsole = param.copyToConsole;

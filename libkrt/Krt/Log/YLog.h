@@ -41,8 +41,8 @@ public:
     YLog& operator=(const YLog&) = delete;
 
     /// Opens the file for appending with mode 0640, not through a symbolic link; a missing parent is an
-    /// error. Raises the operating system's error and leaves the log closed. A log that is open is closed
-    /// first.
+    /// error. Never waits for a FIFO's reader: without one that is an error, too. Raises the operating
+    /// system's error and leaves the log closed. A log that is open is closed first.
     void Open(Param param);
     /// Ends the log if one is open. Messages of threads meanwhile are dropped and counted.
     void Close();

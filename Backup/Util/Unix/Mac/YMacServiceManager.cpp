@@ -59,9 +59,11 @@ void RunElevated(const YPath& program, const std::vector<YString>& arguments, co
 // launchctl speaks to the launchd of the real user.
 void BecomeRoot(const char* function)
 {
-    if (Krt::Util::RetryOnInterrupt([] { return setuid(0); }) != 0)
+    if (Krt::Util::RetryOnInterrupt([] { return setuid(0); }) != 0) {
+        const int error = errno;
         KRT_RAISE_FULL(ExceptionType::OsError, function, MessageType::General,
-                       static_cast<unsigned int>(errno));
+                       static_cast<unsigned int>(error));
+    }
 }
 
 } // namespace

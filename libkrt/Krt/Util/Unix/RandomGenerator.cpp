@@ -15,9 +15,11 @@ namespace {
 std::mt19937_64 Seeded()
 {
     std::array<unsigned int, 16> words;
-    if (RetryOnInterrupt([&] { return getentropy(words.data(), sizeof words); }) != 0)
+    if (RetryOnInterrupt([&] { return getentropy(words.data(), sizeof words); }) != 0) {
+        const int error = errno;
         KRT_RAISE_FULL(ExceptionType::OsError, "GetRandomGenerator", MessageType::General,
-                       static_cast<unsigned int>(errno), "Failed to seed the random generator");
+                       static_cast<unsigned int>(error), "Failed to seed the random generator");
+    }
     std::seed_seq seed(words.begin(), words.end());
     return std::mt19937_64(seed);
 }
