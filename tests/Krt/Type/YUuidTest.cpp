@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 #include <string>
 #include <thread>
@@ -40,20 +41,14 @@ TEST(YUuidTest, RandomIsTwoDrawsFromTheirLowEndsAndVersionFour)
 
 TEST(YUuidTest, ConcurrentDrawsAreAllDifferent)
 {
-    constexpr std::size_t threads = 4;
-    constexpr std::size_t draws = 500;
-    std::vector<std::vector<YUuid::Bytes>> drawn(threads);
+    std::vector<YUuid::Bytes> drawn(2000, YUuid::Bytes());
     std::vector<std::thread> drawers;
-    for (auto& mine : drawn) {
-        drawers.emplace_back([&mine] {
-            for (std::size_t i = 0; i < draws; ++i)
-                mine.push_back(YUuid::Random().GetBytes());
+    for (std::size_t first = 0; first < drawn.size(); first += 500) {
+        drawers.emplace_back([&drawn, first] {
+            std::generate_n(&drawn[first], 500, [] { return YUuid::Random().GetBytes(); });
         });
     }
-    std::set<YUuid::Bytes> all;
-    for (std::size_t i = 0; i < threads; ++i) {
-        drawers[i].join();
-        all.insert(drawn[i].begin(), drawn[i].end());
-    }
-    EXPECT_EQ(all.size(), threads * draws);
+    for (std::thread& drawer : drawers)
+        drawer.join();
+    EXPECT_EQ(std::set(drawn.begin(), drawn.end()).size(), drawn.size());
 }
