@@ -2,19 +2,15 @@
 // lies outside the contents' folder is told and left out.
 #include "testing/LegacyHeaderBuilder.h"
 #include "testing/Program.h"
+#include "testing/Records.h"
 #include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
 
 #include "Backup/File/YOdsMetadata.h"
-#include "Backup/File/YUnixFileMetadata.h"
-#include "Backup/File/YWinFileMetadata.h"
-
-#include "Krt/JSON/YValue.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <sys/stat.h>
 
 using namespace Testing;
 using namespace std::string_literals;
@@ -29,10 +25,6 @@ class Import : public ::testing::Test
 protected:
     void SetUp() override { target = directory.MakeDirectory("target"); }
 
-    static std::string Line(const Krt::JSON::YObject& record)
-    {
-        return Krt::JSON::YValue::FromObject(record).Stringify(true).Bytes() + "\n";
-    }
     // `names` as the list of a legacy header holds them.
     static std::string Legacy(const std::wstring& names, std::uint32_t count, std::uint64_t size,
                               std::uint32_t attributes = 0x20, std::uint32_t reparseType = 0)
@@ -44,36 +36,18 @@ protected:
         header.writeTime = InUnits;
         return Line(LegacyDocument("win", header.Bytes()));
     }
-    static Backup::YJobPath Path(const std::vector<std::string>& names)
+    static std::string Modern(const Names& names, std::uint64_t size, std::uint32_t attributes = 0x20)
     {
-        Backup::YJobPath path;
-        for (const std::string& name : names)
-            path.AppendComponent({Krt::YString(name), "", Backup::YJobPath::ClassFileSystemContainer, 0});
-        return path;
+        return Line(WindowsRecord({names}, attributes, size).ToJSON());
     }
-    static std::string Modern(const std::vector<std::string>& names, std::uint64_t size,
-                              std::uint32_t attributes = 0x20)
-    {
-        Backup::File::YWinFileMetadata metadata;
-        metadata.AddPath(Path(names), "");
-        metadata.SetFileSize(size);
-        metadata.SetAttributes(attributes);
-        metadata.SetLastWriteTime(InUnits);
-        return Line(metadata.ToJSON());
-    }
-    static std::string Unix(const std::vector<std::string>& names, unsigned int mode, std::uint64_t size = 0,
+    static std::string Unix(const Names& names, unsigned int mode, std::uint64_t size = 0,
                             const char* linkTarget = "")
     {
-        Backup::File::YUnixFileMetadata metadata;
-        metadata.SetFilePath(Path(names));
-        metadata.SetModeFlags(mode);
-        metadata.SetIsDirectoryForRestore(S_ISDIR(mode));
-        metadata.SetFileSize(size);
-        metadata.SetUserId(geteuid());
-        metadata.SetGroupId(getegid());
-        metadata.SetSymbolicLinkTarget(Krt::File::YPath(linkTarget));
-        metadata.SetLastWriteTime(1000000000);
-        return Line(metadata.ToJSON());
+        return Line(UnixRecord(names, mode, size, linkTarget).ToJSON());
+    }
+    static std::string Ods(const Names& names)
+    {
+        return Line(Backup::File::YOdsMetadata(ContainerPath(names)).ToJSON());
     }
 
     ProgramResult RunImport(const std::string& records, std::vector<std::string> more = {})
@@ -106,16 +80,15 @@ TEST_F(Import, AWindowsJobComesBackUnderLegalNames)
               File("\\\\?\\Volume{0a1b}/guid", "of a volume"),
               Dir("GLOBALROOTDeviceHarddiskVolumeShadowCopy12"),
               File("GLOBALROOTDeviceHarddiskVolumeShadowCopy12/shadow", "of a copy")});
-    const ProgramResult imported =
-        RunImport(Legacy(L"C:\\dir*\0\r"s, 1, 0, 0x11) +
-                  Legacy(L"C:\\dir\\two names*TWONAM~1\0\rC:\\other\\name*\0\r"s, 2, 7) +
-                  Legacy(L"\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy12\\shadow*\0\r"s, 1, 9) +
-                  Legacy(L"C:\\dir\\link*\0\r"s, 1, 0, 0x420, 0xA000000C) +
-                  Legacy(L"C:\\dir\\junction*\0\r"s, 1, 0, 0x410, 0xA0000003) +
-                  Modern({"C:", "dir", "read-only"}, 4, 0x21) +
-                  Modern({"C:", "dir", "back\\slash?:"}, 12, 0x420) + Modern({"\\\\?\\D:", "big"}, 3000000) +
-                  Modern({"E:", "f"}, 5) + Modern({"\\\\?\\Volume{0a1b}", "guid"}, 11) +
-                  Line(Backup::File::YOdsMetadata(Path({"server", "object"})).ToJSON()));
+    const ProgramResult imported = RunImport(
+        Legacy(L"C:\\dir*\0\r"s, 1, 0, 0x11) +
+        Legacy(L"C:\\dir\\two names*TWONAM~1\0\rC:\\other\\name*\0\r"s, 2, 7) +
+        Legacy(L"\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy12\\shadow*\0\r"s, 1, 9) +
+        Legacy(L"C:\\dir\\link*\0\r"s, 1, 0, 0x420, 0xA000000C) +
+        Legacy(L"C:\\dir\\junction*\0\r"s, 1, 0, 0x410, 0xA0000003) +
+        Modern({"C:", "dir", "read-only"}, 4, 0x21) + Modern({"C:", "dir", "back\\slash?:"}, 12, 0x420) +
+        Modern({"\\\\?\\D:", "big"}, 3000000) + Modern({"E:", "f"}, 5) +
+        Modern({"\\\\?\\Volume{0a1b}", "guid"}, 11) + Ods({"server", "object"}));
     EXPECT_EQ(imported.exitCode, 0) << imported.errors;
     EXPECT_NE(imported.output.find("11 entries: 8 files, 2 directories, 0 links, 1 others\n2.9 MiB read"),
               std::string::npos)
@@ -202,7 +175,7 @@ TEST_F(Import, WhatIsDamagedIsToldAndTheRestStored)
         {Modern({"C:", "..", "dir"}, 0, 0x10), "C:/../dir: Refused"},
         {Modern({}, 0), "line 13: The record has no path"},
         {Unix({}, S_IFDIR | 0755), "line 14: The record has no path"},
-        {Line(Backup::File::YOdsMetadata(Path({})).ToJSON()), "line 15: The record has no path"},
+        {Ods({}), "line 15: The record has no path"},
         {Unix({"device"}, S_IFCHR | 0600), "device: Not stored: a record of a device"},
         {Unix({"link"}, S_IFLNK | 0777), "link: Not stored: the record has no target"},
         {Modern({"C:", "short"}, 3), "C:/short: The content has 2 bytes instead of 3"},

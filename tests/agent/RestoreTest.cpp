@@ -8,12 +8,11 @@
 #include "testing/JobPaths.h"
 #include "testing/OrdinaryUser.h"
 #include "testing/Program.h"
+#include "testing/Records.h"
 #include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
 
 #include "Backup/File/YOdsMetadata.h"
-#include "Backup/File/YUnixFileMetadata.h"
-#include "Backup/File/YWinFileMetadata.h"
 
 #include <gtest/gtest.h>
 
@@ -29,8 +28,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Components = std::vector<std::string>;
-
 class RestoreProgram : public ::testing::Test
 {
 protected:
@@ -44,68 +41,39 @@ protected:
     }
     void TearDown() override { EXPECT_EQ(DescribeTree(directory / "outside"), before); }
 
-    static Backup::YJobPath PathOf(const Components& components)
+    static Agent::SnapshotEntry EntryOf(const Backup::File::YMetadataBase& metadata)
     {
-        Backup::YJobPath path;
-        for (const std::string& component : components)
-            path.AppendComponent({Krt::YString(component), Krt::YString(), 0x602, 0});
-        return path;
-    }
-    static Backup::File::YUnixFileMetadata Record(const Components& components, unsigned int mode)
-    {
-        Backup::File::YUnixFileMetadata metadata;
-        metadata.SetFilePath(PathOf(components));
-        metadata.SetModeFlags(mode);
-        metadata.SetIsDirectoryForRestore(S_ISDIR(mode));
-        metadata.SetUserId(geteuid());
-        metadata.SetGroupId(getegid());
-        metadata.SetLastWriteTime(1000000000);
-        return metadata;
-    }
-    static Agent::SnapshotEntry Directory(const Components& components, unsigned int mode = 0755)
-    {
-        Agent::SnapshotEntry entry;
-        entry.record = Record(components, S_IFDIR | mode).ToJSON();
-        return entry;
-    }
-    static Agent::SnapshotEntry LinkTo(const Components& components, const std::string& linkTarget)
-    {
-        auto metadata = Record(components, S_IFLNK | 0777);
-        metadata.SetSymbolicLinkTarget(Krt::File::YPath(linkTarget.c_str()));
         Agent::SnapshotEntry entry;
         entry.record = metadata.ToJSON();
         return entry;
     }
-    Agent::SnapshotEntry FileWith(const Components& components, const std::string& content,
-                                  unsigned long long group = 0)
+    static Agent::SnapshotEntry Directory(const Names& names, unsigned int mode = 0755)
     {
-        auto metadata = Record(components, S_IFREG | 0644);
-        metadata.SetFileSize(content.size());
-        Agent::SnapshotEntry entry;
-        entry.record = metadata.ToJSON();
-        entry.hardLinkGroup = group;
+        return EntryOf(UnixRecord(names, S_IFDIR | mode));
+    }
+    static Agent::SnapshotEntry LinkTo(const Names& names, const std::string& linkTarget)
+    {
+        return EntryOf(UnixRecord(names, S_IFLNK | 0777, 0, linkTarget));
+    }
+    Agent::SnapshotEntry WithContent(Agent::SnapshotEntry entry, const std::string& content)
+    {
         m_writer->Begin();
         m_writer->Append(content.data(), content.size());
         entry.content = m_writer->Finish();
         return entry;
     }
-
-    // Without content it is an entry of its attributes alone.
-    Agent::SnapshotEntry WindowsEntry(const std::vector<Components>& paths, unsigned int attributes,
-                                      const char* content = nullptr)
+    Agent::SnapshotEntry FileWith(const Names& names, const std::string& content,
+                                  unsigned long long group = 0)
     {
-        Backup::File::YWinFileMetadata metadata;
-        for (const Components& components : paths)
-            metadata.AddPath(PathOf(components), "SHORT~1");
-        metadata.SetAttributes(attributes);
-        metadata.SetLastWriteTime((11644473600 + 1000000000) * 10000000 + 5000000);
-        Agent::SnapshotEntry entry;
-        if (content != nullptr) {
-            entry = FileWith({"x"}, content);
-            metadata.SetFileSize(std::strlen(content));
-        }
-        entry.record = metadata.ToJSON();
+        Agent::SnapshotEntry entry =
+            WithContent(EntryOf(UnixRecord(names, S_IFREG | 0644, content.size())), content);
+        entry.hardLinkGroup = group;
         return entry;
+    }
+    Agent::SnapshotEntry WindowsFile(const std::vector<Names>& paths, const std::string& content,
+                                     unsigned int attributes = 0x20)
+    {
+        return WithContent(EntryOf(WindowsRecord(paths, attributes, content.size())), content);
     }
     struct stat StatusOf(const std::string& name) const
     {
@@ -142,25 +110,24 @@ protected:
 
 TEST_F(RestoreProgram, RefusesComponentsThatCouldLeaveTheTarget)
 {
-    const Components hostile[] = {{"..", "outside", "file"},
-                                  {"a", "..", "..", "outside", "file"},
-                                  {".", "file"},
-                                  {"", "file"},
-                                  {"../outside/file"},
-                                  {"/etc/passwd"},
-                                  {"a/../../outside", "x"},
-                                  {std::string("a\0b", 3)}};
-    for (const Components& components : hostile) {
+    for (const Names& names : {Names{"..", "outside", "file"},
+                               {"a", "..", "..", "outside", "file"},
+                               {".", "file"},
+                               {"", "file"},
+                               {"../outside/file"},
+                               {"/etc/passwd"},
+                               {"a/../../outside", "x"},
+                               {std::string("a\0b", 3)}}) {
         const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-            writer.Add(FileWith(components, "evil"));
-            writer.Add(Directory(components));
+            writer.Add(FileWith(names, "evil"));
+            writer.Add(Directory(names));
             writer.Add(FileWith({"good"}, "good"));
         });
-        EXPECT_EQ(result.exitCode, 3) << components.front() << result.errors;
+        EXPECT_EQ(result.exitCode, 3) << names.front() << result.errors;
         EXPECT_NE(result.errors.find("Refused"), std::string::npos) << result.errors;
         EXPECT_EQ(ReadFile(target + "/good"), "good");
         EXPECT_EQ(std::distance(fs::directory_iterator(target), fs::directory_iterator()), 1)
-            << components.front();
+            << names.front();
     }
 }
 
@@ -257,7 +224,7 @@ TEST_F(RestoreProgram, GoesDeeperThanTheUsualLimitOfDescriptors)
     const rlimit low{50, limit.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
     const ProgramResult result =
-        RestoreOf([&](Agent::SnapshotWriter& writer) { writer.Add(FileWith(Components(60, "d"), "deep")); });
+        RestoreOf([&](Agent::SnapshotWriter& writer) { writer.Add(FileWith(Names(60, "d"), "deep")); });
     setrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_EQ(result.exitCode, 0) << result.errors;
 }
@@ -313,13 +280,13 @@ TEST_F(RestoreProgram, RestoresOnlyWhatIsNamed)
 TEST_F(RestoreProgram, VolumesOfOneDirectoryReplaceNoFileOfEachOther)
 {
     const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(WindowsEntry({{"C:", "dir"}}, 0x10));
-        writer.Add(WindowsEntry({{"C:", "dir", "file"}}, 0x20, "first"));
-        writer.Add(WindowsEntry({{"C", "dir"}}, 0x10));
-        writer.Add(WindowsEntry({{"C", "dir", "file"}}, 0x20, "of the other volume"));
-        writer.Add(WindowsEntry({{"C", "dir", "more"}}, 0x20, "more"));
-        writer.Add(WindowsEntry({{"C:", "two names"}, {"C", "two names"}}, 0x20, "2"));
-        writer.Add(WindowsEntry({{"\\\\?\\C:", "two names"}}, 0x20, "the same volume"));
+        writer.Add(EntryOf(WindowsRecord({{"C:", "dir"}}, 0x10)));
+        writer.Add(WindowsFile({{"C:", "dir", "file"}}, "first"));
+        writer.Add(EntryOf(WindowsRecord({{"C", "dir"}}, 0x10)));
+        writer.Add(WindowsFile({{"C", "dir", "file"}}, "of the other volume"));
+        writer.Add(WindowsFile({{"C", "dir", "more"}}, "more"));
+        writer.Add(WindowsFile({{"C:", "two names"}, {"C", "two names"}}, "2"));
+        writer.Add(WindowsFile({{"\\\\?\\C:", "two names"}}, "the same volume"));
     });
     EXPECT_EQ(result.exitCode, 3);
     EXPECT_EQ(result.errors,
@@ -333,8 +300,8 @@ TEST_F(RestoreProgram, VolumesOfOneDirectoryReplaceNoFileOfEachOther)
 TEST_F(RestoreProgram, SeveralPathsOfARecordAreNamesOfOneFile)
 {
     const auto fill = [&](Agent::SnapshotWriter& writer) {
-        writer.Add(WindowsEntry({{"C:", "1"}, {"C:", "..", "2"}, {"C:", "3", "3"}, {"C", "1"}, {"C:", "4"}},
-                                0x20, "content"));
+        writer.Add(WindowsFile({{"C:", "1"}, {"C:", "..", "2"}, {"C:", "3", "3"}, {"C", "1"}, {"C:", "4"}},
+                               "content"));
     };
     const ProgramResult some = RestoreOf(fill, {"/C/3", "C/4"});
     EXPECT_NE(some.output.find("2 entries restored"), std::string::npos) << some.errors;
@@ -355,21 +322,17 @@ TEST_F(RestoreProgram, SeveralPathsOfARecordAreNamesOfOneFile)
 
 TEST_F(RestoreProgram, RecordsWithoutAFileAreToldAndListed)
 {
-    Agent::SnapshotEntry ods;
-    ods.record = Backup::File::YOdsMetadata(JobPath({{0x700, "server"}, {0x700, "object"}})).ToJSON();
-    auto mixed = Record({}, S_IFDIR | 0755);
+    auto mixed = UnixRecord({}, S_IFDIR | 0755);
     mixed.SetFilePath(JobPath({{0x602, "a"}, {0x700, "b"}, {0x602, "c"}}));
-    Agent::SnapshotEntry amid;
-    amid.record = mixed.ToJSON();
     const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(ods);
-        writer.Add(WindowsEntry({{"C:", "link"}}, 0x420));
-        writer.Add(amid);
-        writer.Add(WindowsEntry({{"C:", "nothing"}}, 0x20));
-        writer.Add(WindowsEntry({}, 0x20, "no path"));
+        writer.Add(EntryOf(Backup::File::YOdsMetadata(JobPath({{0x700, "server"}, {0x700, "object"}}))));
+        writer.Add(EntryOf(WindowsRecord({{"C:", "link"}}, 0x420)));
+        writer.Add(EntryOf(mixed));
+        writer.Add(EntryOf(WindowsRecord({{"C:", "nothing"}}, 0x20)));
+        writer.Add(WindowsFile({}, "no path"));
         writer.Add(Directory({}));
-        writer.Add(WindowsEntry({{":?", "no name"}}, 0x20, "x"));
-        writer.Add(WindowsEntry({{"C:", "good"}, {"\\\\?\\D:", "two"}}, 0x27, "good"));
+        writer.Add(WindowsFile({{":?", "no name"}}, "x"));
+        writer.Add(WindowsFile({{"C:", "good"}, {"\\\\?\\D:", "two"}}, "good", 0x27));
     });
     EXPECT_EQ(result.exitCode, 3);
     for (const char* told : {"/server/object: An ODS object is no file", "/C/link: A reparse point",

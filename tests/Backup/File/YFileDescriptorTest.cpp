@@ -119,9 +119,10 @@ TEST(YFileDescriptor, Equality)
 {
     const YFileDescriptor one("/a", Documents, false, false);
     EXPECT_EQ(one, YFileDescriptor("/a", Documents, false, true));
-    EXPECT_NE(one, YFileDescriptor("/b", Documents, false, false));
-    EXPECT_NE(one, YFileDescriptor("/a", Documents, true, false));
-    EXPECT_NE(one, YFileDescriptor("/a", ExactDescriptor("*.doc", true), false, false));
+    for (const YFileDescriptor& other :
+         {YFileDescriptor("/b", Documents, false, false), YFileDescriptor("/a", Documents, true, false),
+          YFileDescriptor("/a", ExactDescriptor("*.doc", true), false, false)})
+        EXPECT_NE(one, other);
     EXPECT_EQ(YFileDescriptor("/a", true),
               YFileDescriptor("/a", Descriptor(MatchType::Any, "x", false), false, false));
 }
