@@ -1,0 +1,26 @@
+// convert <RECORD: a record of any form, such as one with a legacy header in it, in the modern form.
+// Learn: the factory with a mapper takes legacy headers too; the mapper is asked for the job path of each
+// path that the header holds. What is damaged raises, and says what.
+#include "Backup/File/YMetadataBase.h"
+#include "Krt/Exception/YError.h"
+#include "Krt/JSON/YValue.h"
+
+#include <iostream>
+#include <iterator>
+#include <string>
+
+int main()
+{
+    try {
+        const std::string text{std::istreambuf_iterator<char>(std::cin), {}};
+        const auto json = Krt::JSON::YValue::Parse(text);
+        const auto mapper = [](Krt::File::YPath path, bool isDirectory) {
+            return Backup::YJobPath::FromFilePath(Backup::YJobPath(), path, isDirectory);
+        };
+        const auto record = Backup::File::YMetadataBase::ConstructFromJson(json->AsObject(), mapper);
+        std::cout << Krt::JSON::YValue::FromObject(record->ToJSON()).Stringify(true).CStr() << "\n";
+    } catch (const Krt::Exception::YError& error) {
+        std::cerr << error.GetMessage().CStr() << "\n";
+        return 1;
+    }
+}

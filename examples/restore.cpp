@@ -1,0 +1,48 @@
+// restore TARGET <RECORD: makes the file or directory of a Unix record anew below a directory, without
+// content. Learn: GetSanitizedNewPath gives an entry its place below a new top; a YFile opened for writing
+// makes it, and sets its times when it is closed. These operations go by path, for a tree that nobody else
+// writes to.
+#include "Backup/File/Unix/YFile.h"
+#include "Backup/File/YUnixFileMetadata.h"
+#include "Krt/Exception/YError.h"
+#include "Krt/JSON/YValue.h"
+
+#include <iostream>
+#include <iterator>
+#include <string>
+
+using Backup::YJobPath;
+using Backup::File::YFile;
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::cerr << "Usage: restore TARGET <RECORD\n";
+        return 2;
+    }
+    try {
+        const std::string text{std::istreambuf_iterator<char>(std::cin), {}};
+        const auto json = Krt::JSON::YValue::Parse(text);
+        const auto record = Backup::File::YMetadataBase::ConstructFromJson(json->AsObject());
+        if (record->GetMetadataType() != Backup::File::VAM_UNIX_METADATA_TYPE) {
+            std::cerr << "This example knows Unix records alone\n";
+            return 1;
+        }
+        const auto& metadata = record->AsUnixFileMetadata();
+
+        const YJobPath top = YJobPath::FromFilePath(YJobPath(), argv[1], true);
+        const YJobPath place = record->GetSanitizedNewPath(record->GetFilePath(0), YJobPath(), top);
+        const bool isDirectory = metadata.IsDirectoryForRestore();
+        YFile file(YFile::OPEN_MODE_WRITE, place.GetFilesystemPortion(),
+                   isDirectory ? YFile::OPT_DIRECTORY : YFile::OPT_NONE);
+        file.SetUID(metadata.GetUserId());
+        file.SetGID(metadata.GetGroupId());
+        file.SetModeFlags(metadata.GetModeFlags());
+        file.SetTime(metadata.GetLastAccessTime(), metadata.GetLastWriteTime());
+        file.Close();
+        std::cout << place.GetFilesystemPortion().CStr() << "\n";
+    } catch (const Krt::Exception::YError& error) {
+        std::cerr << error.GetMessage().CStr() << "\n";
+        return 1;
+    }
+}

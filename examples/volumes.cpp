@@ -1,0 +1,25 @@
+// volumes [PATH]: the machine's fixed volumes, and the one on which a path lies.
+// Learn: the manager describes the fixed volumes once and shares them; a path's own volume, of any class, is
+// asked for afresh. A program has one manager, in GetGlobal().
+#include "Backup/Core/YGlobal.h"
+#include "Backup/Volume/Unix/YVolumeManager.h"
+#include "Krt/Exception/YError.h"
+
+#include <iostream>
+
+int main(int argc, char** argv)
+{
+    try {
+        Backup::Volume::YVolumeManager& manager = Backup::GetGlobal()->GetVolumeManager();
+        for (const auto& [mountPath, volume] : manager.GetVolumeList(0xFFFFFFFF, false))
+            std::cout << mountPath.CStr() << " is " << volume->GetGuidPath().CStr()
+                      << (volume->IsReadOnly() ? ", read-only\n" : "\n");
+        const auto volume = manager.VolumeOfFilename(argc > 1 ? argv[1] : "/");
+        std::cout << "class " << volume->GetDriveType() << ", " << volume->GetVolumeFreeSpace()
+                  << " bytes free\n";
+    } catch (const Krt::Exception::YError& error) {
+        std::cerr << error.GetMessage().CStr() << "\n";
+        return 1;
+    }
+    Backup::DestroyGlobal();
+}

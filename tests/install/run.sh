@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# tests/install/run.sh BUILD SOURCE VERSION: installs a build below a temporary prefix, builds the examples and this folder's
+# program against it, once by CMake and once by pkg-config, and runs them and the installed kbagent.
+set -euo pipefail
+
+build=$1 source=$2 version=$3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+fail() { echo "$*" >&2; exit 1; }
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+"$prefix/bin/kbagent" --version | grep -qx "kbagent $version"
+library=$(dirname "$(find "$prefix" -name libBackup.so)")
+
+cmake -S "$source/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/examples" -- -j "$(nproc)" >"$work/log" || { cat "$work/log"; exit 1; }
+run() { "$work/examples/example-$1" "${@:2}"; }
+[ "$(run select /home/ann/a.txt)" = "/home/ann/a.txt: back up" ] || fail "select"
+[ "$(run select /home/ann/a.tmp)" = "/home/ann/a.tmp: excluded, and to be told" ] || fail "select"
+echo content >"$work/file"
+run capture "$work/file" >"$work/record"
+mkdir "$work/restored"
+made=$(run restore "$work/restored" <"$work/record")
+[ "$(stat -c '%a %Y' "$made")" = "$(stat -c '%a %Y' "$work/file")" ] || fail "restore made $made"
+[ "$(run convert <"$work/record")" = "$(cat "$work/record")" ] || fail "convert"
+run convert <"$source/tests/golden/legacy-unix-file.json" | grep -q '"file_size":' || fail "convert"
+run volumes / | grep -q "bytes free" || fail "volumes"
+[ "$(printf 'x TRACE y\nz\n' | run watch-log)" = $'begins with: x TRACE y\n1 lines of trace' ] || fail "watch-log"
+run service no-such-service-here | grep -q "is not installed" || fail "service"
+echo damaged >"$work/certificate"
+run trust "$work/certificate" example.com | grep -q "^not trusted: " || fail "trust"
+
+# A version that this one doesn't stand in for is refused.
+mkdir "$work/newer"
+echo 'cmake_minimum_required(VERSION 3.25)
+project(Newer LANGUAGES CXX)
+find_package(Backup 99 REQUIRED)' >"$work/newer/CMakeLists.txt"
+if cmake -S "$work/newer" -B "$work/newer/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null 2>&1; then fail "version 99"; fi
+
+export PKG_CONFIG_PATH=$library/pkgconfig
+[ "$(pkg-config --modversion backup)" = "$version" ] || fail "backup.pc tells another version"
+# shellcheck disable=SC2046 # each flag is a word of its own
+"${CXX:-c++}" -std=c++20 "$source/examples/select.cpp" -o "$work/select" $(pkg-config --cflags --libs backup) \
+    -Wl,-rpath,"$library"
+[ "$("$work/select" /home/ann/cache)" = "/home/ann/cache: nothing to do here" ] || fail "select by pkg-config"
+
+# No header that is left at home is wanted by one that is installed.
+for header in $(cd "$prefix/include" && find Krt Backup -name '*.h'); do echo "#include \"$header\""; done >"$work/all.cpp"
+# shellcheck disable=SC2046
+"${CXX:-c++}" -std=c++20 -fsyntax-only "$work/all.cpp" $(pkg-config --cflags backup)
+echo "installed, found and used"
