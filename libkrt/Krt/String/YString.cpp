@@ -6,6 +6,7 @@
 #include "Krt/String/Encoding.h"
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 
 namespace Krt {
@@ -31,6 +32,27 @@ inline unsigned int ChrSize(char lead)
 void RequireWalkable(const std::string& bytes)
 {
     (void)NumericCast<unsigned int>(bytes.size() + 1);
+}
+
+// Of eight bytes at once: whether each of them is a character by itself, and none is NUL.
+bool AreAscii(const char* text)
+{
+    constexpr std::uint64_t Ones = 0x0101010101010101;
+    std::uint64_t word;
+    std::memcpy(&word, text, sizeof(word));
+    return ((word | (word - Ones)) & (Ones * 0x80)) == 0;
+}
+
+unsigned int CountCharacters(std::string_view bytes)
+{
+    unsigned int count = 0;
+    std::size_t at = 0;
+    while (at < bytes.size() && bytes[at] != '\0') {
+        const bool eight = bytes.size() - at >= 8 && AreAscii(bytes.data() + at);
+        count += eight ? 8 : 1;
+        at += eight ? 8 : ChrSize(bytes[at]);
+    }
+    return count;
 }
 
 } // namespace
@@ -82,18 +104,16 @@ unsigned int YString::Length() const
     if (count != Unknown)
         return count;
     RequireWalkable(m_bytes);
-    count = 0;
-    for (std::size_t at = 0; at < m_bytes.size() && m_bytes[at] != '\0'; at += ChrSize(m_bytes[at]))
-        ++count;
+    count = CountCharacters(m_bytes);
     m_count.store(count, std::memory_order_relaxed);
     return count;
 }
 
 const wchar_t* YString::AsWide() const
 {
-    if (m_wide.Size() == 0)
-        m_wide = String::Convert<char, wchar_t>(CStr());
-    return m_wide;
+    if (!m_wide)
+        m_wide = std::make_unique<Memory::YHeap<wchar_t>>(String::Convert<char, wchar_t>(CStr()));
+    return *m_wide;
 }
 
 std::size_t YString::Locate(unsigned int index) const
@@ -105,6 +125,9 @@ std::size_t YString::Walk(std::size_t offset, unsigned int characters) const
 {
     if (characters != 0)
         RequireWalkable(m_bytes);
+    // Counting is one pass, after which no far index into a text of single bytes needs a walk again.
+    if (characters > 32)
+        Length();
     if (IsSingleByte()) {
         offset += characters;
     } else {

@@ -62,11 +62,7 @@ public:
         }
         return *this;
     }
-    virtual ~YString()
-    {
-        if (m_wide.Size() != 0)
-            std::destroy_at(&m_wide);
-    }
+    virtual ~YString() = default;
 
     /// The bytes, NUL-terminated behind the last; valid until the next change.
     const char* CStr() const noexcept { return m_bytes.c_str(); }
@@ -135,11 +131,7 @@ private:
     // The bytes between two offsets, up to the first NUL.
     std::string_view Text(std::size_t begin, std::size_t end) const;
     // Every mutator begins with DropWide and ends with Normalize.
-    void DropWide() noexcept
-    {
-        if (m_wide.Size() != 0)
-            m_wide.Resize(0);
-    }
+    void DropWide() noexcept { m_wide.reset(); }
     void Normalize() noexcept
     {
         while (!m_bytes.empty() && m_bytes.back() == '\0')
@@ -155,11 +147,7 @@ private:
 
     std::string m_bytes;
     mutable std::atomic<unsigned int> m_count{Unknown};
-    // Empty if it isn't made, as in nearly every string. An empty heap owns nothing, and in a union its end
-    // is the string's to decide: moving and destroying a string then calls nothing of the heap.
-    union {
-        mutable Memory::YHeap<wchar_t> m_wide{};
-    };
+    mutable std::unique_ptr<Memory::YHeap<wchar_t>> m_wide; // none in nearly every string
 };
 
 KRT_API YString operator+(char first, const YString& rest);
