@@ -8,6 +8,8 @@
 #include <tuple>
 
 using Krt::File::YPath;
+using Krt::JSON::YArray;
+using Krt::JSON::YObject;
 using Krt::JSON::YValue;
 
 namespace Backup {
@@ -26,7 +28,18 @@ bool IsSame(const YJobPath::Component& a, const YJobPath::Component& b)
 
 YString JsonText(const YJobPath& path)
 {
-    return YValue::Create<YJobPath>(path)->Stringify(true);
+    return YValue::FromObject(path.ToJSON()).Stringify(true);
+}
+
+YObject ComponentAsJson(const YJobPath::Component& component)
+{
+    YObject json;
+    json.Put("class_id", YValue::Create<unsigned long long>(component.m_classId));
+    json.Put("subclass_id", YValue::Create<unsigned long long>(component.m_subclassId));
+    json.Put("name", YValue::Create<YString>(component.m_name));
+    if (!component.m_displayName.IsEmpty())
+        json.Put("display_name", YValue::Create<YString>(component.m_displayName));
+    return json;
 }
 
 } // namespace
@@ -128,6 +141,18 @@ const YJobPath::Component& YJobPath::GetLeaf() const
     return m_components.back();
 }
 
+YObject YJobPath::ToJSON() const
+{
+    YArray components;
+    components.reserve(m_components.size());
+    for (const Component& component : m_components)
+        components.push_back(YValue::Create<YObject>(ComponentAsJson(component)));
+    YObject json;
+    json.Reserve(1);
+    json.Put("components", YValue::Create<YArray>(std::move(components)));
+    return json;
+}
+
 unsigned long YJobPath::Find(unsigned long start, unsigned long classId) const
 {
     for (unsigned long i = start; i < m_components.size(); ++i) {
@@ -152,6 +177,11 @@ void YJobPath::RemoveLeaf()
 void YJobPath::AppendComponent(const Component& component)
 {
     m_components.push_back(component);
+}
+
+void YJobPath::AppendComponent(Component&& component)
+{
+    m_components.push_back(std::move(component));
 }
 
 YJobPath& YJobPath::operator+=(const Component& component)
@@ -222,9 +252,10 @@ YJobPath::Component YValue::Convert<YJobPath::Component>() const
 template <>
 YJobPath YValue::Convert<YJobPath>() const
 {
+    const YArray& components = AsObject().Get<YArray>("components", MessageType::Runtime);
     YJobPath path;
-    for (const boost::shared_ptr<YValue>& component :
-         AsObject().Get<YArray>("components", MessageType::Runtime))
+    path.Reserve(components.size());
+    for (const boost::shared_ptr<YValue>& component : components)
         path.AppendComponent(component->Convert<YJobPath::Component>());
     return path;
 }
@@ -232,28 +263,16 @@ YJobPath YValue::Convert<YJobPath>() const
 template <>
 boost::shared_ptr<YValue> YValue::Create<YJobPath::Component>(YJobPath::Component component)
 {
-    YObject json;
-    json.Set<unsigned int>("class_id", component.m_classId);
-    json.Set<unsigned int>("subclass_id", component.m_subclassId);
-    json.Set<YString>("name", std::move(component.m_name));
-    if (!component.m_displayName.IsEmpty())
-        json.Set<YString>("display_name", std::move(component.m_displayName));
-    return boost::make_shared<YValue>(FromObject(std::move(json)));
+    return Create<YObject>(Backup::ComponentAsJson(component));
 }
 
 template <>
 boost::shared_ptr<YValue> YValue::Create<YJobPath>(YJobPath path)
 {
-    YArray components;
-    components.reserve(path.GetComponentCount());
-    for (unsigned long i = 0; i < path.GetComponentCount(); ++i)
-        components.push_back(Create<YJobPath::Component>(path.GetComponent(i)));
-    YObject json;
-    json.Set<YArray>("components", std::move(components));
-    return boost::make_shared<YValue>(FromObject(std::move(json)));
+    return Create<YObject>(path.ToJSON());
 }
 
 template const YJobPath& YValue::Get<YJobPath>() const;
-template const YJobPath& YObject::Get<YJobPath>(const YString&, unsigned int) const;
+template const YJobPath& YObject::Get<YJobPath>(Key, unsigned int) const;
 
 } // namespace Krt::JSON

@@ -62,12 +62,17 @@ public:
     const Component& GetLeaf() const;
     /// Index of the first component of the class at or behind `start`; the count if there is none.
     unsigned long Find(unsigned long start, unsigned long classId) const;
+    /// The JSON form, see below.
+    Krt::JSON::YObject ToJSON() const;
     /// Raises InvalidArgument if the index isn't below the count.
     void ValidateRange(unsigned long index) const;
 
     /// No effect on an empty path.
     void RemoveLeaf();
     void AppendComponent(const Component& component);
+    void AppendComponent(Component&& component);
+    /// Makes room for so many components at once.
+    void Reserve(unsigned long count) { m_components.reserve(count); }
     YJobPath& operator+=(const Component& component);
     void Append(const YJobPath& other);
     /// Replaces the content by at most `count` components of `other` from `start` on; cut at its end.

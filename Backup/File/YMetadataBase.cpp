@@ -17,7 +17,10 @@ using Krt::JSON::YValue;
 
 namespace {
 
-VAM_METADATA_TYPES MetadataTypeAsEnum(YString text)
+// Of the JSON form of any class.
+constexpr std::size_t MostKeys = 12;
+
+VAM_METADATA_TYPES MetadataTypeAsEnum(const YString& text)
 {
     if (text == "win")
         return VAM_WINDOWS_METADATA_TYPE;
@@ -60,7 +63,8 @@ YMetadataBase::~YMetadataBase() = default;
 YObject YMetadataBase::ToJSON() const
 {
     YObject json;
-    json.Set<YString>("metadata_type", MetadataTypeAsString(m_type));
+    json.Reserve(MostKeys);
+    json.Put("metadata_type", YValue::Create<YString>(MetadataTypeAsString(m_type)));
     return json;
 }
 
@@ -146,7 +150,7 @@ bool YMetadataBase::RenamePath(const YJobPath& source, const YJobPath& destinati
 
 void YMetadataBase::PutNumber(YObject& json, const char* key, unsigned long long number)
 {
-    json.Put(key, boost::make_shared<YValue>(YValue::FromNumber(number)));
+    json.Put(key, YValue::Create<unsigned long long>(number));
 }
 
 } // namespace Backup::File

@@ -19,7 +19,7 @@ YOdsMetadata::YOdsMetadata(const YObject& json) : YMetadataBase(json)
 YObject YOdsMetadata::ToJSON() const
 {
     YObject json = YMetadataBase::ToJSON();
-    json.Put("job_path", YValue::Create<YJobPath>(m_jobPath));
+    json.Put("job_path", YValue::Create<YObject>(m_jobPath.ToJSON()));
     return json;
 }
 

@@ -148,9 +148,9 @@ YArray ExtendedAttributesAsJson(const ExtendedAttributeMap& attributes)
     array.reserve(attributes.size());
     for (const auto& [name, value] : attributes) {
         YObject element;
-        element.Set<YString>("name", name);
-        element.Set<YString>("value", Krt::Crypto::Base64EncodeData(value));
-        array.push_back(boost::make_shared<YValue>(YValue::FromObject(std::move(element))));
+        element.Put("name", YValue::Create<YString>(name));
+        element.Put("value", YValue::Create<YString>(Krt::Crypto::Base64EncodeData(value)));
+        array.push_back(YValue::Create<YObject>(std::move(element)));
     }
     return array;
 }
@@ -195,13 +195,13 @@ YObject YUnixFileMetadata::ToJSON() const
     PutNumber(json, "last_changed_time", m_lastChangedTime);
     PutNumber(json, "last_write_time", m_lastWriteTime);
     PutNumber(json, "last_access_time", m_lastAccessTime);
-    json.Set<unsigned int>("mode_flags", m_modeFlags);
-    json.Set<unsigned int>("is_directory", m_isDirectory);
-    json.Set<unsigned int>("user_id", m_userId);
-    json.Set<unsigned int>("group_id", m_groupId);
-    json.Put("file_path", YValue::Create<YJobPath>(m_filePath));
-    json.Set<YString>("symbolic_link_target", m_symbolicLinkTarget);
-    json.Set<YArray>("extended_attributes", ExtendedAttributesAsJson(m_extendedAttributes));
+    PutNumber(json, "mode_flags", m_modeFlags);
+    PutNumber(json, "is_directory", m_isDirectory);
+    PutNumber(json, "user_id", m_userId);
+    PutNumber(json, "group_id", m_groupId);
+    json.Put("file_path", YValue::Create<YObject>(m_filePath.ToJSON()));
+    json.Put("symbolic_link_target", YValue::Create<YString>(m_symbolicLinkTarget));
+    json.Put("extended_attributes", YValue::Create<YArray>(ExtendedAttributesAsJson(m_extendedAttributes)));
     return json;
 }
 

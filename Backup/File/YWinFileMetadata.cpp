@@ -110,23 +110,23 @@ YWinFileMetadata::YWinFileMetadata(const YObject& json, JobPathMapper mapper)
 YObject YWinFileMetadata::ToJSON() const
 {
     YObject json = YMetadataBase::ToJSON();
-    json.Set<unsigned int>("reparse_type", m_reparseType);
+    PutNumber(json, "reparse_type", m_reparseType);
     PutNumber(json, "file_size", m_fileSize);
     PutNumber(json, "creation_time", m_creationTime);
     PutNumber(json, "last_write_time", m_lastWriteTime);
     PutNumber(json, "last_access_time", m_lastAccessTime);
-    json.Set<unsigned int>("file_attributes", m_attributes);
+    PutNumber(json, "file_attributes", m_attributes);
     YArray paths;
     paths.reserve(m_paths.size());
     for (const auto& [path, shortName] : m_paths) {
         YObject element;
-        element.Put("long", YValue::Create<YJobPath>(path));
-        element.Set<YString>("short", shortName);
-        paths.push_back(boost::make_shared<YValue>(YValue::FromObject(std::move(element))));
+        element.Put("long", YValue::Create<YObject>(path.ToJSON()));
+        element.Put("short", YValue::Create<YString>(shortName));
+        paths.push_back(YValue::Create<YObject>(std::move(element)));
     }
-    json.Set<YArray>("file_paths", std::move(paths));
+    json.Put("file_paths", YValue::Create<YArray>(std::move(paths)));
     if (IsDirectoryAttributeSet())
-        json.Set<YString>("directory_hash", m_directoryHash);
+        json.Put("directory_hash", YValue::Create<YString>(m_directoryHash));
     else
         PutNumber(json, "permission_change_time", m_permissionChangeTime);
     return json;

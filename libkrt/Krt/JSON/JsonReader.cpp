@@ -1,7 +1,8 @@
-#include "Krt/JSON/YValue.h"
+#include "Krt/JSON/YValue.inl"
 
 #include "Krt/Exception/Raise.h"
 
+#include <boost/container/small_vector.hpp>
 #include <boost/json/basic_parser_impl.hpp>
 
 #include <algorithm>
@@ -12,6 +13,8 @@ namespace Krt::JSON {
 namespace {
 
 constexpr std::size_t DepthLimit = 64;
+// A record's members, for which room is made at once.
+constexpr std::size_t RootMembers = 16;
 
 // Turns each of the characters U+EF80 to U+EFFF, which stand for bytes that are no text, back into its byte.
 // The text is valid UTF-8, in which they are EE BE 80 to EE BF BF.
@@ -58,7 +61,10 @@ public:
     static constexpr std::size_t max_key_size = -1;
     static constexpr std::size_t max_string_size = -1;
 
-    explicit JsonBuilder(std::string_view document) : m_document(document) { m_open.reserve(8); }
+    explicit JsonBuilder(std::string_view document)
+        : m_document(document),
+          m_mayHoldBytes(document.find('\xEE') != document.npos || document.find('\\') != document.npos)
+    {}
     const boost::shared_ptr<YValue>& Root() const { return m_root; }
     // Raises for a parser that stopped at `offset`.
     [[noreturn]] void RaiseFailure(const Code& error, std::size_t offset) const;
@@ -101,8 +107,9 @@ private:
     bool Refuse(const char* reason, Text number, Code& error);
 
     std::string_view m_document;
+    const bool m_mayHoldBytes; // told once, for all strings
     boost::shared_ptr<YValue> m_root;
-    std::vector<Level> m_open;
+    boost::container::small_vector<Level, 8> m_open;
     std::string m_parts; // of a string with escapes
     const char* m_refusal = nullptr;
     const char* m_refusedNumber = nullptr;
@@ -128,15 +135,17 @@ bool JsonBuilder::Refuse(const char* reason, Text number, Code& error)
 
 bool JsonBuilder::Open(bool isArray)
 {
-    m_open.emplace_back().isArray = isArray;
+    Level& level = m_open.emplace_back();
+    level.isArray = isArray;
+    if (m_open.size() == 1)
+        level.object.Reserve(isArray ? 0 : RootMembers);
     return true;
 }
 
 template <class T, class Content>
 bool JsonBuilder::Add(Content&& content)
 {
-    auto value =
-        boost::make_shared<YValue>(YValue::Passkey(), std::in_place_type<T>, std::forward<Content>(content));
+    boost::shared_ptr<YValue> value = YValue::Share<T>(std::forward<Content>(content));
     if (m_open.empty())
         m_root = std::move(value);
     else if (m_open.back().isArray)
@@ -155,7 +164,7 @@ bool JsonBuilder::AddPart(Text part)
 // The string that ends with this part; it may stand in m_parts, which is to be cleared after its use.
 std::string_view JsonBuilder::Whole(Text last)
 {
-    if (m_parts.empty() && last.find('\xEE') == Text::npos)
+    if (m_parts.empty() && (!m_mayHoldBytes || last.find('\xEE') == Text::npos))
         return last;
     AddPart(last);
     DecodeBytes(m_parts);
@@ -179,8 +188,10 @@ bool JsonBuilder::on_object_end(std::size_t, Code&)
 
 bool JsonBuilder::on_key(Text last, std::size_t, Code&)
 {
+    std::string_view key = Whole(last);
+    key = key.substr(0, key.find_last_not_of('\0') + 1); // as a YString does
     Level& level = m_open.back();
-    level.slot = &level.object.Slot(YString(Whole(last)));
+    level.slot = &level.object.Slot(key);
     m_parts.clear();
     return true;
 }

@@ -1,9 +1,13 @@
 #include "Krt/JSON/YValue.h"
 
+#include <boost/container/small_vector.hpp>
+
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 namespace Krt::JSON {
 
@@ -65,6 +69,63 @@ std::uint64_t UncleanBits(const char* text)
     return (word | (word - Ones * 0x20) | (quote - Ones) | (backslash - Ones)) & (Ones * 0x80);
 }
 
+// Appends to a string, of which room is made in advance: most of what comes is a single character or a short
+// name.
+class Appender
+{
+public:
+    explicit Appender(std::string& out) : m_out(out), m_end(out.size()) {}
+    ~Appender() { m_out.resize(m_end); }
+    Appender(const Appender&) = delete;
+    Appender& operator=(const Appender&) = delete;
+
+    // Where so many bytes may be written, to be followed by MoveTo.
+    char* Room(std::size_t size)
+    {
+        if (m_out.size() - m_end < size) [[unlikely]]
+            m_out.resize(m_end + std::max({size, m_end, FirstRoom}));
+        return m_out.data() + m_end;
+    }
+    void MoveTo(const char* end) { m_end = static_cast<std::size_t>(end - m_out.data()); }
+
+    void Append(char byte)
+    {
+        *Room(1) = byte;
+        ++m_end;
+    }
+    void Append(std::string_view text) { MoveTo(std::copy(text.begin(), text.end(), Room(text.size()))); }
+
+private:
+    static constexpr std::size_t FirstRoom = 1000; // enough for most records
+
+    std::string& m_out;
+    std::size_t m_end;
+};
+
+// Writes the byte, which can't stand for itself, and returns the end of what it took, at most EscapeSize.
+constexpr std::size_t EscapeSize = 6;
+char* WriteEscaped(char* out, unsigned char byte)
+{
+    static constexpr char Letters[] = {'b', 't', 'n', 0, 'f', 'r'}; // for 0x08 to 0x0D
+    static constexpr char Digits[] = "0123456789abcdef";
+    if (byte >= 0x80) {
+        *out++ = '\xEE';
+        *out++ = static_cast<char>(0xBC | byte >> 6);
+        *out++ = static_cast<char>(0x80 | (byte & 0x3F));
+        return out;
+    }
+    *out++ = '\\';
+    if (byte == '"' || byte == '\\') {
+        *out++ = static_cast<char>(byte);
+    } else if (IsBetween(byte, 0x08, 0x0D) && byte != 0x0B) {
+        *out++ = Letters[byte - 0x08];
+    } else {
+        for (const char character : {'u', '0', '0', Digits[byte >> 4], Digits[byte & 0x0F]})
+            *out++ = character;
+    }
+    return out;
+}
+
 // Containers that are open stand on a stack of the writer's own, so that depth costs no recursion.
 class Writer
 {
@@ -86,12 +147,12 @@ private:
     const YValue* NextMember(Level& level);
     void End();
     void BreakLine();
-    void WriteString(const std::string& text);
-    void WriteEscaped(unsigned char byte);
+    void WriteNumber(unsigned long long number);
+    void WriteString(std::string_view text);
 
-    std::string& m_out;
+    Appender m_out;
     const bool m_compact;
-    std::vector<Level> m_open;
+    boost::container::small_vector<Level, 16> m_open;
 };
 
 void Writer::Write(const YValue* root)
@@ -104,7 +165,7 @@ void Writer::Write(const YValue* root)
             continue;
         }
         if (level.next > 0)
-            m_out += ',';
+            m_out.Append(',');
         BreakLine();
         Begin(NextMember(level));
     }
@@ -113,19 +174,18 @@ void Writer::Write(const YValue* root)
 void Writer::Begin(const YValue* value)
 {
     if (!value) {
-        m_out += "null";
+        m_out.Append("null");
     } else if (value->IsString()) {
         WriteString(value->AsString().Bytes());
     } else if (value->IsNumber()) {
-        char digits[20];
-        m_out.append(digits, std::to_chars(digits, digits + sizeof(digits), value->AsNumber()).ptr);
+        WriteNumber(value->AsNumber());
     } else if (value->IsBool()) {
-        m_out += value->AsBool() ? "true" : "false";
+        m_out.Append(value->AsBool() ? "true" : "false");
     } else if (value->IsArray()) {
-        m_out += '[';
+        m_out.Append('[');
         m_open.push_back({&value->AsArray(), nullptr, 0});
     } else {
-        m_out += '{';
+        m_out.Append('{');
         m_open.push_back({nullptr, &value->AsObject().Entries(), 0});
     }
 }
@@ -137,7 +197,9 @@ const YValue* Writer::NextMember(Level& level)
         return (*level.array)[i].get();
     const YObject::Entry& entry = (*level.entries)[i];
     WriteString(entry.first.Bytes());
-    m_out += m_compact ? ":" : ": ";
+    m_out.Append(':');
+    if (!m_compact)
+        m_out.Append(' ');
     return entry.second.get();
 }
 
@@ -147,60 +209,49 @@ void Writer::End()
     m_open.pop_back();
     if (level.next > 0)
         BreakLine();
-    m_out += level.array ? ']' : '}';
+    m_out.Append(level.array ? ']' : '}');
 }
 
 void Writer::BreakLine()
 {
     if (m_compact)
         return;
-    m_out += '\n';
-    m_out.append(2 * m_open.size(), ' ');
+    const std::size_t blanks = 2 * m_open.size();
+    m_out.Append('\n');
+    m_out.MoveTo(std::fill_n(m_out.Room(blanks), blanks, ' '));
 }
 
-void Writer::WriteString(const std::string& text)
+void Writer::WriteNumber(unsigned long long number)
 {
-    const char* const end = text.data() + text.size();
-    const char* written = text.data();
-    const char* at = written;
-    m_out += '"';
+    constexpr std::size_t MostDigits = 20;
+    char* const out = m_out.Room(MostDigits);
+    m_out.MoveTo(std::to_chars(out, out + MostDigits, number).ptr);
+}
+
+void Writer::WriteString(std::string_view text)
+{
+    constexpr std::size_t Extra = EscapeSize + 2; // and the quotes
+    const char* at = text.data();
+    const char* const end = at + text.size();
+    char* out = m_out.Room(text.size() + Extra);
+    *out++ = '"';
     while (at < end) {
         if (end - at >= 8 && UncleanBits(at) == 0) {
+            out = std::copy_n(at, 8, out);
             at += 8;
         } else if (IsClean[static_cast<unsigned char>(*at)]) {
-            ++at;
+            *out++ = *at++;
         } else if (const std::size_t plain = PlainSequence(at, end - at)) {
+            out = std::copy_n(at, plain, out);
             at += plain;
         } else {
-            m_out.append(written, at);
-            WriteEscaped(static_cast<unsigned char>(*at));
-            written = ++at;
+            // It takes more than its byte, for which alone there is room.
+            m_out.MoveTo(WriteEscaped(out, static_cast<unsigned char>(*at++)));
+            out = m_out.Room(end - at + Extra);
         }
     }
-    m_out.append(written, end);
-    m_out += '"';
-}
-
-void Writer::WriteEscaped(unsigned char byte)
-{
-    static constexpr char Letters[] = {'b', 't', 'n', 0, 'f', 'r'}; // for 0x08 to 0x0D
-    static constexpr char Digits[] = "0123456789abcdef";
-    if (byte >= 0x80) {
-        m_out += '\xEE';
-        m_out += static_cast<char>(0xBC | byte >> 6);
-        m_out += static_cast<char>(0x80 | (byte & 0x3F));
-        return;
-    }
-    m_out += '\\';
-    if (byte == '"' || byte == '\\') {
-        m_out += static_cast<char>(byte);
-    } else if (IsBetween(byte, 0x08, 0x0D) && byte != 0x0B) {
-        m_out += Letters[byte - 0x08];
-    } else {
-        m_out += "u00";
-        m_out += Digits[byte >> 4];
-        m_out += Digits[byte & 0x0F];
-    }
+    *out++ = '"';
+    m_out.MoveTo(out);
 }
 
 } // namespace
@@ -209,7 +260,7 @@ YString YValue::Stringify(bool compact) const
 {
     std::string text;
     Writer(text, compact).Write(this);
-    return YString(std::string_view(text));
+    return YString(std::move(text));
 }
 
 void YValue::StringifyTo(std::string& out) const

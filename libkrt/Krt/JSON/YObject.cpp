@@ -4,6 +4,8 @@
 #include "Krt/JSON/YValue.h"
 #include "Krt/Log/LogSite.h"
 
+#include <tuple>
+
 namespace Krt::JSON {
 
 YObject::YObject() = default;
@@ -23,14 +25,14 @@ YObject& YObject::operator=(YObject&& other) noexcept = default;
 
 YObject::~YObject() = default;
 
-std::size_t YObject::Position(const YString& key) const
+std::size_t YObject::Position(std::string_view key) const
 {
     if (m_index) {
-        const auto found = m_index->find(key.Bytes());
+        const auto found = m_index->find(key);
         return found == m_index->end() ? m_entries.size() : found->second;
     }
     std::size_t position = 0;
-    while (position < m_entries.size() && m_entries[position].first != key)
+    while (position < m_entries.size() && m_entries[position].first.Bytes() != key)
         ++position;
     return position;
 }
@@ -47,24 +49,19 @@ void YObject::AddToIndex()
     }
 }
 
-void YObject::Put(const YString& key, const boost::shared_ptr<YValue>& value)
+void YObject::Put(Key key, boost::shared_ptr<YValue> value)
 {
-    Put(YString(key), boost::shared_ptr<YValue>(value));
+    Slot(key.Bytes()) = std::move(value);
 }
 
-void YObject::Put(YString&& key, boost::shared_ptr<YValue>&& value)
-{
-    Slot(std::move(key)) = std::move(value);
-}
-
-boost::shared_ptr<YValue>& YObject::Slot(YString&& key)
+boost::shared_ptr<YValue>& YObject::Slot(std::string_view key)
 {
     const std::size_t position = Position(key);
     if (position < m_entries.size())
         return m_entries[position].second;
-    if (m_entries.empty())
+    if (m_entries.capacity() == 0)
         m_entries.reserve(4); // an object of one to three members is the common one
-    m_entries.emplace_back(std::move(key), nullptr);
+    m_entries.emplace_back(std::piecewise_construct, std::tuple(key), std::tuple());
     try {
         AddToIndex();
     } catch (...) {
@@ -74,18 +71,19 @@ boost::shared_ptr<YValue>& YObject::Slot(YString&& key)
     return m_entries.back().second;
 }
 
-const boost::shared_ptr<YValue>& YObject::FindOpt(const YString& key) const
+const boost::shared_ptr<YValue>& YObject::FindOpt(Key key) const
 {
     static const boost::shared_ptr<YValue> absent;
-    const std::size_t position = Position(key);
+    const std::size_t position = Position(key.Bytes());
     return position < m_entries.size() ? m_entries[position].second : absent;
 }
 
-const boost::shared_ptr<YValue>& YObject::Find(const YString& key, unsigned int messageType) const
+const boost::shared_ptr<YValue>& YObject::Find(Key key, unsigned int messageType) const
 {
     const boost::shared_ptr<YValue>& value = FindOpt(key);
     if (!value) [[unlikely]]
-        KRT_RAISE_ON(messageType, ErrorCode::NotFound, "JSON object has no key \"" << key << "\"");
+        KRT_RAISE_ON(messageType, ErrorCode::NotFound,
+                     "JSON object has no key \"" << YString(key.Bytes()) << "\"");
     return value;
 }
 

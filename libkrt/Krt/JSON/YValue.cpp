@@ -42,7 +42,7 @@ YValue::~YValue()
         return;
     // Values that hold others are taken apart here and not by the destructors of the containers, which would
     // recurse as deep as the document is nested.
-    std::vector<boost::shared_ptr<YValue>> pending;
+    Pending pending;
     ReleaseChildren(pending);
     while (!pending.empty()) {
         const boost::shared_ptr<YValue> child = std::move(pending.back());
@@ -60,7 +60,7 @@ bool YValue::HasChildren() const
     return object && !object->Entries().empty();
 }
 
-void YValue::ReleaseChildren(std::vector<boost::shared_ptr<YValue>>& pending) noexcept
+void YValue::ReleaseChildren(Pending& pending) noexcept
 {
     const auto release = [&pending](boost::shared_ptr<YValue>& child) {
         if (child && child->HasChildren())
@@ -131,13 +131,31 @@ bool YValue::Convert<bool>() const
 template <>
 boost::shared_ptr<YValue> YValue::Create<YString>(YString text)
 {
-    return boost::make_shared<YValue>(Passkey(), std::in_place_type<YString>, std::move(text));
+    return Share<YString>(std::move(text));
 }
 
 template <>
 boost::shared_ptr<YValue> YValue::Create<YArray>(YArray array)
 {
-    return boost::make_shared<YValue>(Passkey(), std::in_place_type<YArray>, std::move(array));
+    return Share<YArray>(std::move(array));
+}
+
+template <>
+boost::shared_ptr<YValue> YValue::Create<YObject>(YObject object)
+{
+    return Share<YObject>(std::move(object));
+}
+
+template <>
+boost::shared_ptr<YValue> YValue::Create<unsigned long long>(unsigned long long number)
+{
+    return Share<unsigned long long>(number);
+}
+
+template <>
+boost::shared_ptr<YValue> YValue::Create<bool>(bool value)
+{
+    return Share<bool>(value);
 }
 
 template <>
@@ -153,31 +171,25 @@ template KRT_API const YString& YValue::Get<YString>() const;
 template KRT_API const YArray& YValue::Get<YArray>() const;
 template KRT_API const YObject& YValue::Get<YObject>() const;
 
-template KRT_API const unsigned int& YObject::Get<unsigned int>(const YString&, unsigned int) const;
-template KRT_API const unsigned long long& YObject::Get<unsigned long long>(const YString&,
-                                                                            unsigned int) const;
-template KRT_API const bool& YObject::Get<bool>(const YString&, unsigned int) const;
-template KRT_API const YString& YObject::Get<YString>(const YString&, unsigned int) const;
-template KRT_API const YArray& YObject::Get<YArray>(const YString&, unsigned int) const;
-template KRT_API const YObject& YObject::Get<YObject>(const YString&, unsigned int) const;
+template KRT_API const unsigned int& YObject::Get<unsigned int>(Key, unsigned int) const;
+template KRT_API const unsigned long long& YObject::Get<unsigned long long>(Key, unsigned int) const;
+template KRT_API const bool& YObject::Get<bool>(Key, unsigned int) const;
+template KRT_API const YString& YObject::Get<YString>(Key, unsigned int) const;
+template KRT_API const YArray& YObject::Get<YArray>(Key, unsigned int) const;
+template KRT_API const YObject& YObject::Get<YObject>(Key, unsigned int) const;
 
 template <class T>
-boost::shared_ptr<YValue> YObject::Set(const YString& key, T value)
+boost::shared_ptr<YValue> YObject::Set(Key key, T value)
 {
-    boost::shared_ptr<YValue> made;
-    if constexpr (std::is_same_v<T, unsigned int>)
-        made = boost::make_shared<YValue>(YValue::FromNumber(value));
-    else if constexpr (std::is_same_v<T, YObject>)
-        made = boost::make_shared<YValue>(YValue::FromObject(std::move(value)));
-    else
-        made = YValue::Create<T>(std::move(value));
-    Put(key, made);
+    using Stored = std::conditional_t<std::is_same_v<T, unsigned int>, unsigned long long, T>;
+    boost::shared_ptr<YValue> made = YValue::Create<Stored>(std::move(value));
+    Slot(key.Bytes()) = made;
     return made;
 }
 
-template KRT_API boost::shared_ptr<YValue> YObject::Set<unsigned int>(const YString&, unsigned int);
-template KRT_API boost::shared_ptr<YValue> YObject::Set<YString>(const YString&, YString);
-template KRT_API boost::shared_ptr<YValue> YObject::Set<YObject>(const YString&, YObject);
-template KRT_API boost::shared_ptr<YValue> YObject::Set<YArray>(const YString&, YArray);
+template KRT_API boost::shared_ptr<YValue> YObject::Set<unsigned int>(Key, unsigned int);
+template KRT_API boost::shared_ptr<YValue> YObject::Set<YString>(Key, YString);
+template KRT_API boost::shared_ptr<YValue> YObject::Set<YObject>(Key, YObject);
+template KRT_API boost::shared_ptr<YValue> YObject::Set<YArray>(Key, YArray);
 
 } // namespace Krt::JSON

@@ -5,6 +5,7 @@
 #include "Krt/JSON/YObject.h"
 #include "Krt/Type/YAny.h"
 
+#include <boost/container/small_vector.hpp>
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/make_shared.hpp>
 
@@ -64,7 +65,8 @@ public:
     /// As YObject::Get for this value, without the log line.
     template <class T>
     const T& Get() const;
-    /// For YString, YArray, YPath, Backup::YJobPath and its Component.
+    /// For YString, YArray, YObject, unsigned long long, bool, YPath, Backup::YJobPath and its Component.
+    /// Cheaper than boost::make_shared of a value.
     template <class T>
     static boost::shared_ptr<YValue> Create(T value);
 
@@ -82,6 +84,8 @@ public:
 
 private:
     friend class JsonBuilder; // the reader
+    template <class T, class Source>
+    static boost::shared_ptr<YValue> Share(Source&& content);
     using Content = std::variant<unsigned long long, bool, YString, YArray, YObject>;
 
     template <class T>
@@ -95,17 +99,19 @@ private:
     [[noreturn, gnu::cold]] void RaiseKind(const char* function, const char* wanted) const;
     template <class T>
     T ConvertUnsigned(const char* name) const;
-    void ReleaseChildren(std::vector<boost::shared_ptr<YValue>>& pending) noexcept;
+    using Pending = boost::container::small_vector<boost::shared_ptr<YValue>, 16>;
+    void ReleaseChildren(Pending& pending) noexcept;
     bool HasChildren() const;
 
     Content m_content;
-    mutable Type::YAny m_cache;
+    // What a read converted to; numbers and bools have their place here, others are made apart.
+    mutable std::variant<std::monostate, unsigned int, unsigned long long, bool, Type::YAny> m_cache;
 };
 
 // The specialisations for Backup::YJobPath and its Component stand beside that class.
 // A vector of boost's pointers has the visibility of its innermost part, which clang takes for hidden.
-extern template KRT_API const YArray& YObject::Get<YArray>(const YString&, unsigned int) const;
-extern template KRT_API boost::shared_ptr<YValue> YObject::Set<YArray>(const YString&, YArray);
+extern template KRT_API const YArray& YObject::Get<YArray>(Key, unsigned int) const;
+extern template KRT_API boost::shared_ptr<YValue> YObject::Set<YArray>(Key, YArray);
 extern template KRT_API const YArray& YValue::Get<YArray>() const;
 
 template <>
@@ -118,6 +124,12 @@ template <>
 KRT_API boost::shared_ptr<YValue> YValue::Create<YString>(YString text);
 template <>
 KRT_API boost::shared_ptr<YValue> YValue::Create<YArray>(YArray array);
+template <>
+KRT_API boost::shared_ptr<YValue> YValue::Create<YObject>(YObject object);
+template <>
+KRT_API boost::shared_ptr<YValue> YValue::Create<unsigned long long>(unsigned long long number);
+template <>
+KRT_API boost::shared_ptr<YValue> YValue::Create<bool>(bool value);
 template <>
 KRT_API boost::shared_ptr<YValue> YValue::Create<File::YPath>(File::YPath path);
 

@@ -2,11 +2,21 @@
 // of a class which brings conversions of its own.
 #pragma once
 
+#include "Krt/JSON/ValueAllocator.h"
 #include "Krt/JSON/YValue.h"
+
+#include <boost/make_shared.hpp>
 
 #include <type_traits>
 
 namespace Krt::JSON {
+
+template <class T, class Source>
+boost::shared_ptr<YValue> YValue::Share(Source&& content)
+{
+    return boost::allocate_shared<YValue>(ValueAllocator<YValue>(), Passkey(), std::in_place_type<T>,
+                                          std::forward<Source>(content));
+}
 
 template <class T>
 const T& YValue::Get() const
@@ -19,16 +29,22 @@ const T& YValue::Get() const
         if (!IsArray() || !AsArray().empty())
             return AsObject();
         m_cache = Type::YAny(YObject());
-        return m_cache.Cast<YObject>();
+        return Type::YAny::Cast<YObject>(std::get_if<Type::YAny>(&m_cache));
+    } else if constexpr (std::is_arithmetic_v<T>) {
+        if (std::holds_alternative<std::monostate>(m_cache))
+            m_cache = Convert<T>();
+        if (const T* number = std::get_if<T>(&m_cache))
+            return *number;
+        return Type::YAny::Cast<T>(std::get_if<Type::YAny>(&m_cache)); // raises
     } else {
-        if (m_cache.IsEmpty())
+        if (std::holds_alternative<std::monostate>(m_cache))
             m_cache = Type::YAny(Convert<T>());
-        return m_cache.Cast<T>();
+        return Type::YAny::Cast<T>(std::get_if<Type::YAny>(&m_cache));
     }
 }
 
 template <class T>
-const T& YObject::Get(const YString& key, unsigned int messageType) const
+const T& YObject::Get(Key key, unsigned int messageType) const
 {
     try {
         return Find(key, messageType)->template Get<T>();
