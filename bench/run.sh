@@ -45,7 +45,7 @@ for count in 10 100 1000 10000; do
     against_ignore mixed $count
 done
 against_ignore literal 100000
-for program in SelectionBench LockBench RecordPeers; do
+for program in SelectionBench LockBench RecordBench RecordPeers; do
     "$programs/$program" ${quick[@]+"${quick[@]}"} | tee -a "$rows"
 done
 bench/capture-peers.sh ${quick[@]+"${quick[@]}"} | tee -a "$rows"

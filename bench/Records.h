@@ -1,0 +1,16 @@
+// Records of the files of a made-up tree, the same each time.
+#pragma once
+
+#include "Backup/File/YUnixFileMetadata.h"
+
+#include <string>
+#include <vector>
+
+namespace Bench {
+
+std::vector<Backup::File::YUnixFileMetadata> MakeRecords(std::size_t count);
+
+/// Each record's JSON text.
+std::vector<std::string> TextOf(const std::vector<Backup::File::YUnixFileMetadata>& records);
+
+} // namespace Bench
