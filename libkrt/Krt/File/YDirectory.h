@@ -1,10 +1,9 @@
 // YDirectory: an open directory, whose entries are reached through its descriptor. No operation follows a
 // symbolic link at an entry, so a walk or a restore that goes down component by component stays below its
 // root even while somebody swaps directories for links. A name is one component: empty, ".", "..", or one
-// that holds
-// "/" raises InvalidArgument before any system call. Failures raise the operating system's error (channel
-// General) with operation and name in the text. Calls that a signal interrupted are repeated. Apart from
-// VisitEntries, any number of threads may use a directory at once.
+// that holds "/" raises InvalidArgument before any system call. Failures raise the operating system's error
+// (channel General) with operation and name in the text. Calls that a signal interrupted are repeated. Apart
+// from VisitEntries, any number of threads may use a directory at once.
 #pragma once
 
 #include "Krt/File/OpenFile.h"
@@ -84,6 +83,7 @@ private:
     explicit YDirectory(Util::YUnxHandle handle) : m_handle(std::move(handle)) {}
 
     Util::YUnxHandle m_handle;
+    mutable bool m_isListed = false; // the descriptor no longer stands at the first entry
 };
 
 } // namespace Krt::File

@@ -2,15 +2,14 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/EntryName.h"
+#include "Krt/File/Unix/Listing.h"
 #include "Krt/Util/OpenHandle.h"
 #include "Krt/Util/Retry.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <climits>
-#include <memory>
 #include <string>
 
 namespace Krt::File {
@@ -38,47 +37,6 @@ Util::YUnxHandle OpenAt(int directory, const char* name, int flags)
 bool StatAt(int directory, const char* name, struct stat& status)
 {
     return RetryOnInterrupt([&] { return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW); }) == 0;
-}
-
-struct CloseListing
-{
-    void operator()(DIR* listing) const { closedir(listing); }
-};
-using Listing = std::unique_ptr<DIR, CloseListing>;
-
-// A listing from the beginning, or null with errno. It owns a duplicate of the descriptor: opening "." again
-// would take the right to search, which reading the names alone does not need.
-Listing OpenListing(int directory)
-{
-    const int duplicate =
-        RetryOnInterrupt([&] { return fcntl(directory, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); });
-    if (duplicate < 0)
-        return nullptr;
-    Listing listing(fdopendir(duplicate));
-    if (listing == nullptr) {
-        const int error = errno;
-        close(duplicate);
-        errno = error;
-        return nullptr;
-    }
-    rewinddir(listing.get());
-    return listing;
-}
-
-// Null with errno 0 at the end.
-const dirent* NextEntry(DIR* listing)
-{
-    const dirent* entry;
-    do {
-        errno = 0;
-        entry = readdir(listing);
-    } while (entry == nullptr && errno == EINTR);
-    return entry;
-}
-
-bool IsDots(const char* name)
-{
-    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
 } // namespace
@@ -182,14 +140,11 @@ YString YDirectory::ReadSymbolicLink(const YString& name) const
 
 void YDirectory::VisitEntries(const std::function<bool(const DirectoryEntry&)>& visitor) const
 {
-    const Listing listing = OpenListing(m_handle.Get());
-    if (listing == nullptr)
+    // A directory that was just opened stands at its beginning.
+    if (m_isListed && lseek(m_handle.Get(), 0, SEEK_SET) < 0)
         KRT_RAISE_OS("Failed to list directory");
-    while (const dirent* entry = NextEntry(listing.get())) {
-        if (!IsDots(entry->d_name) && !visitor({YString(entry->d_name), entry->d_type, entry->d_ino}))
-            return;
-    }
-    if (errno != 0)
+    m_isListed = true;
+    if (!ListEntries(m_handle.Get(), visitor))
         KRT_RAISE_OS("Failed to list directory");
 }
 
