@@ -45,7 +45,7 @@ BackupRun::BackupRun(StoreSession& session, SnapshotWriter& snapshot, Report& re
 
 bool BackupRun::OnSelected(const WalkedEntry& entry)
 {
-    if (S_ISSOCK(entry.status.st_mode))
+    if (S_ISSOCK(entry.Status().st_mode))
         KRT_RAISE(ErrorCode::NotSupported, "A socket is not stored");
     const struct stat status = OpenSame(entry);
     bool followable = false;
@@ -54,7 +54,7 @@ bool BackupRun::OnSelected(const WalkedEntry& entry)
             followable = mayDescend;
             return Backup::YJobPath::FromFilePath(Backup::YJobPath(), path, mayDescend);
         });
-    Capture({entry.path, entry.parent, entry.name, status}, metadata->AsUnixFileMetadata());
+    Capture(entry, status, metadata->AsUnixFileMetadata());
     m_file.Close();
     m_counts.Add(status.st_mode);
     m_report.Progress(m_counts.Entries(), m_counts.bytes);
@@ -65,46 +65,46 @@ bool BackupRun::OnSelected(const WalkedEntry& entry)
 // change may fall between the two looks; one that stays is another way.
 struct stat BackupRun::OpenSame(const WalkedEntry& entry)
 {
-    struct stat status = entry.status;
+    struct stat status = entry.Status();
     for (int looks = 1;; ++looks) {
         m_file.Open(YFile::OPEN_MODE_READ, entry.path, YFile::OPTIONS{});
         if (IsSameEntry(m_file, status))
             return status;
         status = entry.parent.Stat(entry.name);
         const bool mayAgree =
-            looks < MaxLooks && (status.st_mode & S_IFMT) == (entry.status.st_mode & S_IFMT);
+            looks < MaxLooks && (status.st_mode & S_IFMT) == (entry.Status().st_mode & S_IFMT);
         KRT_RAISE_UNLESS(mayAgree, ErrorCode::InvalidState, "Another entry took its place while it was read");
     }
 }
 
-void BackupRun::Capture(const WalkedEntry& entry, const Backup::File::YUnixFileMetadata& metadata)
+void BackupRun::Capture(const WalkedEntry& entry, const struct stat& status,
+                        const Backup::File::YUnixFileMetadata& metadata)
 {
     SnapshotEntry line;
     line.record = metadata.ToJSON();
-    if (S_ISCHR(entry.status.st_mode) || S_ISBLK(entry.status.st_mode))
-        line.device = DeviceNumbers{major(entry.status.st_rdev), minor(entry.status.st_rdev)};
-    if (S_ISLNK(entry.status.st_mode)) {
+    if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))
+        line.device = DeviceNumbers{major(status.st_rdev), minor(status.st_rdev)};
+    if (S_ISLNK(status.st_mode)) {
         YString target = entry.parent.ReadSymbolicLink(entry.name);
         if (target != metadata.GetSymbolicLinkTarget())
             line.linkTarget = std::move(target);
     }
 
-    const bool isLinked = HardLinks::MayHave(entry.status);
-    const HardLinks::File* const known =
-        isLinked ? m_hardLinks.Find(entry.status, m_file.GetSize()) : nullptr;
+    const bool isLinked = HardLinks::MayHave(status);
+    const HardLinks::File* const known = isLinked ? m_hardLinks.Find(status, m_file.GetSize()) : nullptr;
     if (known != nullptr) {
         line.hardLinkGroup = known->group;
         line.content = known->content;
         line.readSize = known->readSize;
     } else {
-        if (S_ISREG(entry.status.st_mode))
+        if (S_ISREG(status.st_mode))
             ReadContent(entry, line);
         if (isLinked)
-            line.hardLinkGroup = m_hardLinks.Add(entry.status, m_file.GetSize(), line);
+            line.hardLinkGroup = m_hardLinks.Add(status, m_file.GetSize(), line);
     }
     m_snapshot.Add(line);
     if (known != nullptr)
-        m_hardLinks.Seen(entry.status);
+        m_hardLinks.Seen(status);
 }
 
 void BackupRun::ReadContent(const WalkedEntry& entry, SnapshotEntry& line)

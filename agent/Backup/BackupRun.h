@@ -42,7 +42,8 @@ public:
 
 private:
     struct stat OpenSame(const WalkedEntry& entry);
-    void Capture(const WalkedEntry& entry, const Backup::File::YUnixFileMetadata& metadata);
+    void Capture(const WalkedEntry& entry, const struct stat& status,
+                 const Backup::File::YUnixFileMetadata& metadata);
     void ReadContent(const WalkedEntry& entry, SnapshotEntry& line);
 
     SnapshotWriter& m_snapshot;

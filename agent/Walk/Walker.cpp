@@ -30,11 +30,18 @@ struct Walker::Level
 {
     YPath path;
     std::optional<YDirectory> directory; // closed while more than MaxOpenLevels stand below
-    dev_t device;
+    dev_t device;                        // of the closed directory
     ino_t inode;
     NameList names;
     std::size_t next = 0;
 };
+
+bool WalkedEntry::IsDirectory() const
+{
+    if (!m_status && m_listedType != DT_UNKNOWN)
+        return m_listedType == DT_DIR;
+    return S_ISDIR(Status().st_mode);
+}
 
 Walker::Walker(const Backup::File::YSelectionManager& rules, std::set<YPath> roots, IWalkVisitor& visitor)
     : m_rules(rules), m_roots(std::move(roots)), m_visitor(visitor)
@@ -80,9 +87,7 @@ void Walker::Run()
 void Walker::WalkRoot(const YPath& root)
 {
     if (root == "/") {
-        YDirectory directory = YDirectory::Open(root);
-        const struct stat status = directory.Stat();
-        Enter(root, std::move(directory), status);
+        Enter(root, YDirectory::Open(root));
     } else if (LiesInSkipped(root)) {
         m_visitor.OnStoreSkipped(root);
     } else {
@@ -120,28 +125,29 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
     if (!selected && type != DT_DIR && type != DT_UNKNOWN)
         return;
 
-    const struct stat status = parent.Stat(name);
-    const bool isDirectory = S_ISDIR(status.st_mode);
-    if (!selected && !isDirectory)
+    const WalkedEntry entry(path, parent, name, type);
+    if (!selected && !S_ISDIR(entry.Status().st_mode))
         return;
-    if (isDirectory && IsSkipped(status)) {
+    if (m_skips && entry.IsDirectory() && IsSkipped(entry.Status())) {
         m_visitor.OnStoreSkipped(path);
         return;
     }
-    if (!MayEnter({path, parent, name, status}, selected, isRoot))
+    if (!MayEnter(entry, selected, isRoot))
         return;
 
     YDirectory directory = parent.OpenDirectory(name);
-    const struct stat opened = directory.Stat();
-    if (opened.st_dev != status.st_dev || opened.st_ino != status.st_ino)
-        KRT_RAISE(Krt::ErrorCode::InvalidState, "The directory was replaced during the walk");
-    Enter(path, std::move(directory), opened);
+    if (const std::optional<struct stat>& known = entry.KnownStatus()) {
+        const struct stat opened = directory.Stat();
+        if (opened.st_dev != known->st_dev || opened.st_ino != known->st_ino)
+            KRT_RAISE(Krt::ErrorCode::InvalidState, "The directory was replaced during the walk");
+    }
+    Enter(path, std::move(directory));
 }
 
 // Captures a selected entry; whether what it is may be entered.
 bool Walker::MayEnter(const WalkedEntry& entry, bool selected, bool isRoot)
 {
-    const bool isDirectory = S_ISDIR(entry.status.st_mode);
+    const bool listedAsDirectory = entry.IsDirectory();
     bool followable = false;
     try {
         if (selected)
@@ -152,23 +158,36 @@ bool Walker::MayEnter(const WalkedEntry& entry, bool selected, bool isRoot)
     } catch (const Krt::Exception::YError& error) {
         m_visitor.OnFailed(entry.path, ReasonOf(error));
         // What is below a directory that the user named is walked all the same.
-        return isDirectory && isRoot;
+        return listedAsDirectory && isRoot;
     }
-    if (!isDirectory)
+    if (followable)
+        return !entry.KnownStatus() || entry.IsDirectory();
+    // What the listing told may be long ago.
+    if (!entry.IsDirectory() || !S_ISDIR(entry.Status().st_mode))
         return false;
-    if (!followable && isRoot)
+    if (isRoot)
         m_visitor.OnMountEntered(entry.path);
-    else if (!followable)
+    else
         m_visitor.OnMountNotEntered(entry.path);
-    return followable || isRoot;
+    return isRoot;
 }
 
-void Walker::Enter(const YPath& path, YDirectory directory, const struct stat& status)
+void Walker::Enter(const YPath& path, YDirectory directory)
 {
     NameList names(directory);
-    m_levels.push_back({path, std::move(directory), status.st_dev, status.st_ino, std::move(names)});
+    m_levels.push_back({path, std::move(directory), {}, {}, std::move(names)});
     if (m_levels.size() > MaxOpenLevels)
-        m_levels[m_levels.size() - MaxOpenLevels - 1].directory.reset();
+        Close(m_levels[m_levels.size() - MaxOpenLevels - 1]);
+}
+
+void Walker::Close(Level& level)
+{
+    if (!level.directory)
+        return;
+    const struct stat status = level.directory->Stat();
+    level.device = status.st_dev;
+    level.inode = status.st_ino;
+    level.directory.reset();
 }
 
 const YDirectory& Walker::DirectoryOf(Level& level)

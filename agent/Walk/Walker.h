@@ -9,17 +9,40 @@
 #include "Krt/File/YDirectory.h"
 
 #include <deque>
+#include <optional>
 #include <set>
 
 namespace Agent {
 
-/// A selected entry. Everything is valid during the call alone.
-struct WalkedEntry
+/// An entry that the walk has come to. Everything is valid during the call alone.
+class WalkedEntry
 {
+public:
+    /// `listedType` is a DT_ constant of <dirent.h>.
+    WalkedEntry(const Krt::File::YPath& ofPath, const Krt::File::YDirectory& inParent,
+                const Krt::YString& ofName, unsigned char listedType)
+        : path(ofPath), parent(inParent), name(ofName), m_listedType(listedType)
+    {}
+
+    /// Of the entry itself, through `parent`; looked up at the first asking. Raises the system's error.
+    const struct stat& Status() const
+    {
+        if (!m_status)
+            m_status = parent.Stat(name);
+        return *m_status;
+    }
+    /// Nothing until somebody asked for it.
+    const std::optional<struct stat>& KnownStatus() const { return m_status; }
+    /// By the status where it is known, else by the listing where that tells, else by the status.
+    bool IsDirectory() const;
+
     const Krt::File::YPath& path;
     const Krt::File::YDirectory& parent;
     const Krt::YString& name;
-    const struct stat& status; ///< of the entry itself, through `parent`
+
+private:
+    unsigned char m_listedType;
+    mutable std::optional<struct stat> m_status;
 };
 
 /// What a walk tells. A YError that OnSelected raises is a failure of that entry; the walk goes on.
@@ -27,7 +50,8 @@ class IWalkVisitor
 {
 public:
     virtual ~IWalkVisitor() = default;
-    /// For a directory the answer says whether the descent policy lets the walk enter it.
+    /// Whether it is a directory that the descent policy lets the walk enter. A visitor that asks for the
+    /// status has the walk check that it enters the very directory of that status.
     virtual bool OnSelected(const WalkedEntry& entry) = 0;
     /// Selected, but excluded by a rule that wants it told.
     virtual void OnExcluded(const Krt::File::YPath& path) = 0;
@@ -66,7 +90,8 @@ private:
     void VisitEntry(const Krt::File::YPath& path, const Krt::File::YDirectory& parent,
                     const Krt::YString& name, unsigned char type, bool isRoot);
     bool MayEnter(const WalkedEntry& entry, bool selected, bool isRoot);
-    void Enter(const Krt::File::YPath& path, Krt::File::YDirectory directory, const struct stat& status);
+    void Enter(const Krt::File::YPath& path, Krt::File::YDirectory directory);
+    void Close(Level& level);
     const Krt::File::YDirectory& DirectoryOf(Level& level);
 
     const Backup::File::YSelectionManager& m_rules;
