@@ -120,13 +120,14 @@ boost::shared_ptr<YProfile> Load(Cache& cache, const std::string& path)
 boost::shared_ptr<YProfile> OpenSystem()
 {
     const std::string path = Path();
+    // Asked for each file that a walk captures, and most systems have no such file: one look, and no lock.
+    const std::optional<FileStamp> stamp = FileStamp::Of(path.c_str());
+    if (!stamp && errno == ENOENT)
+        return EmptyProfile();
     Cache& cache = TheCache();
     const std::lock_guard lock(cache.mutex);
-    if (cache.profile != nullptr && cache.path == path) {
-        const std::optional<FileStamp> stamp = FileStamp::Of(path.c_str());
-        if (stamp && *stamp == cache.stamp)
-            return cache.profile;
-    }
+    if (stamp && cache.profile != nullptr && cache.path == path && *stamp == cache.stamp)
+        return cache.profile;
     return Load(cache, path);
 }
 
