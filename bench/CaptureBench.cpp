@@ -1,5 +1,6 @@
 // CaptureBench: what capturing a tree costs, from the walk to the record's text.
 //   CaptureBench [--quick]        prints what needs no peer, a figure a line
+//   CaptureBench calls            prints the system calls of an entry
 //   CaptureBench make DIR [N]     makes a tree of N entries, 100,000 unless told
 //   CaptureBench capture DIR      captures a tree once, to be timed as a process beside others
 #include "bench/Measure.h"
@@ -11,6 +12,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -81,7 +83,8 @@ void CaptureTree(const std::string& root)
     Testing::Capture().Run(root);
 }
 
-unsigned long CallsWith(std::size_t count, const std::function<void(const fs::path&)>& makeEntry)
+std::optional<unsigned long> CallsWith(std::size_t count,
+                                       const std::function<void(const fs::path&)>& makeEntry)
 {
     const TemporaryTree tree([&](const fs::path& root) {
         for (std::size_t i = 0; i < count; ++i)
@@ -90,38 +93,46 @@ unsigned long CallsWith(std::size_t count, const std::function<void(const fs::pa
     return Testing::CountSystemCalls([&] { CaptureTree(tree.Path()); });
 }
 
-// What an entry more adds.
+// What one entry more adds.
 void PrintCalls(const char* name, const std::function<void(const fs::path&)>& makeEntry)
 {
     constexpr std::size_t More = 1000;
-    const auto calls = static_cast<double>(CallsWith(2 * More, makeEntry) - CallsWith(More, makeEntry));
-    Bench::PrintRow(name, calls / More, "calls");
+    const auto few = CallsWith(More, makeEntry);
+    const auto many = CallsWith(2 * More, makeEntry);
+    if (few && many)
+        Bench::PrintRow(name, static_cast<double>(*many - *few) / More, "calls");
 }
 
-void Measure(bool quick)
+void PrintAllCalls()
 {
-    PrintCalls("capture system calls per regular file", [](const fs::path& path) { MakeFile(path, 100); });
-    PrintCalls("capture system calls per directory",
-               [](const fs::path& path) { fs::create_directory(path); });
+    PrintCalls("capture.calls.file", [](const fs::path& path) { MakeFile(path, 100); });
+    PrintCalls("capture.calls.directory", [](const fs::path& path) { fs::create_directory(path); });
+    PrintCalls("capture.calls.link", [](const fs::path& path) { fs::create_symlink("target", path); });
+}
+
+void MeasureAll(bool quick)
+{
+    PrintAllCalls();
     const std::size_t entries = quick ? QuickEntries : AllEntries;
     const TemporaryTree tree([&](const fs::path& root) { MakeTree(root, entries); });
     CaptureTree(tree.Path()); // warms the caches up
     const double seconds = Bench::Seconds(Rounds, [&] { CaptureTree(tree.Path()); });
-    Bench::PrintRow("capture entries", static_cast<double>(entries), "entries");
-    Bench::PrintRow("capture per entry", seconds * 1e9 / static_cast<double>(entries), "ns");
+    Bench::PrintRow("capture.entry", seconds * 1e9 / static_cast<double>(entries), "ns");
 }
 
 int Run(const std::vector<std::string_view>& arguments)
 {
     const std::size_t count = arguments.size();
     if (count == 0 || (count == 1 && arguments[0] == "--quick")) {
-        Measure(count == 1);
+        MeasureAll(count == 1);
+    } else if (count == 1 && arguments[0] == "calls") {
+        PrintAllCalls();
     } else if ((count == 2 || count == 3) && arguments[0] == "make") {
         MakeTree(arguments[1], count == 3 ? std::strtoull(arguments[2].data(), nullptr, 10) : AllEntries);
     } else if (count == 2 && arguments[0] == "capture") {
         CaptureTree(std::string(arguments[1]));
     } else {
-        std::fprintf(stderr, "Usage: CaptureBench [--quick] | make DIR [N] | capture DIR\n");
+        std::fprintf(stderr, "Usage: CaptureBench [--quick] | calls | make DIR [N] | capture DIR\n");
         return 2;
     }
     return 0;
