@@ -54,14 +54,13 @@ void AddNames(X509* certificate, const std::vector<std::string>& names)
 }
 
 // One after the other: an issuer's key identifier is copied from what stands in its certificate already.
-void AddExtensions(X509* certificate, X509* issuer, const std::map<std::string, std::string>& extensions)
+void AddExtensions(const Extensions& extensions, X509V3_CTX& context,
+                   const std::function<int(X509_EXTENSION*)>& add)
 {
-    X509V3_CTX context;
-    X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
     for (const auto& [name, value] : extensions) {
         const std::shared_ptr<X509_EXTENSION> extension(
             Made(X509V3_EXT_nconf(nullptr, &context, name.c_str(), value.c_str())), &X509_EXTENSION_free);
-        Made(X509_add_ext(certificate, extension.get(), -1));
+        Made(add(extension.get()));
     }
 }
 
@@ -127,7 +126,10 @@ Certificate::Certificate(const CertificateForm& form, const Certificate* issuer)
                                                         : Name(form.issuer).get()));
     Made(X509_set_pubkey(made, m_key.get()));
     AddNames(made, form.names);
-    AddExtensions(made, signer.m_certificate.get(), form.extensions);
+    X509V3_CTX context;
+    X509V3_set_ctx(&context, signer.m_certificate.get(), made, nullptr, nullptr, 0);
+    AddExtensions(form.extensions, context,
+                  [&](X509_EXTENSION* extension) { return X509_add_ext(made, extension, -1); });
     Made(X509_sign(made, signer.m_key.get(), EVP_get_digestbyname(form.digest)));
 }
 
@@ -162,7 +164,8 @@ std::string Certificate::KeyHash() const
     return text;
 }
 
-std::string Certificate::RevocationList(const std::vector<Certificate>& revoked, long long nextUpdate) const
+std::string Certificate::RevocationList(const std::vector<Certificate>& revoked, long long nextUpdate,
+                                        const Extensions& extensions) const
 {
     const std::shared_ptr<X509_CRL> list(Made(X509_CRL_new()), &X509_CRL_free);
     const std::shared_ptr<ASN1_TIME> start(Made(ASN1_TIME_set(nullptr, JudgementTime - 2000)),
@@ -178,9 +181,12 @@ std::string Certificate::RevocationList(const std::vector<Certificate>& revoked,
         Made(X509_REVOKED_set_revocationDate(entry, start.get()));
         Made(X509_CRL_add0_revoked(list.get(), entry));
     }
-    const std::shared_ptr<AUTHORITY_KEYID> key(Made(AUTHORITY_KEYID_new()), &AUTHORITY_KEYID_free);
-    key->keyid = Made(ASN1_OCTET_STRING_dup(X509_get0_subject_key_id(m_certificate.get())));
-    Made(X509_CRL_add1_ext_i2d(list.get(), NID_authority_key_identifier, key.get(), 0, X509V3_ADD_DEFAULT));
+    X509V3_CTX context;
+    X509V3_set_ctx(&context, m_certificate.get(), nullptr, nullptr, list.get(), 0);
+    Extensions all = extensions;
+    all.try_emplace("authorityKeyIdentifier", "keyid");
+    AddExtensions(all, context,
+                  [&](X509_EXTENSION* extension) { return X509_CRL_add_ext(list.get(), extension, -1); });
     Made(X509_CRL_sign(list.get(), m_key.get(), EVP_sha256()));
     return Written([&](BIO* output) { return PEM_write_bio_X509_CRL(output, list.get()); });
 }

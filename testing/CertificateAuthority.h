@@ -14,6 +14,9 @@ namespace Testing {
 /// When judgements take place.
 constexpr long long JudgementTime = 1700000000;
 
+/// By OpenSSL's short names, in the words of its configuration.
+using Extensions = std::map<std::string, std::string>;
+
 /// What a certificate says.
 struct CertificateForm
 {
@@ -21,8 +24,7 @@ struct CertificateForm
     std::string issuer;  ///< as the certificate tells it, where that isn't the signer's subject
     /// Alternative names, "IP:" in front of an address; others are host names, byte for byte.
     std::vector<std::string> names;
-    /// By OpenSSL's short names, in the words of its configuration.
-    std::map<std::string, std::string> extensions;
+    Extensions extensions;
     long long notBefore = JudgementTime - 1000;
     long long notAfter = JudgementTime + 1000;
     int rsaBits = 0; ///< of the key; 0 for one on the curve P-256
@@ -46,7 +48,8 @@ public:
     std::string KeyHash() const;
     /// PEM, of this issuer.
     std::string RevocationList(const std::vector<Certificate>& revoked,
-                               long long nextUpdate = JudgementTime + 1000) const;
+                               long long nextUpdate = JudgementTime + 1000,
+                               const Extensions& extensions = {}) const;
 
 private:
     Certificate(const CertificateForm& form, const Certificate* issuer);

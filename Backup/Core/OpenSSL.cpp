@@ -2,6 +2,7 @@
 
 #include "Backup/Core/OpenSSL/EncodedObjects.h"
 #include "Backup/Core/OpenSSL/Judgement.h"
+#include "Backup/Core/OpenSSL/RevocationLists.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/KrtFoundation/boostapi.h"
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <iterator>
 
 namespace Backup::OpenSSL {
@@ -22,6 +24,13 @@ using Krt::File::YPath;
 namespace {
 
 constexpr const char* TrustFunction = "IsCertificateTrusted";
+
+[[noreturn]] void RaiseFailure(const char* function, unsigned long error)
+{
+    char text[256];
+    ERR_error_string_n(error, text, sizeof text);
+    KRT_RAISE_AS(function, MessageType::General, ErrorCode::CryptoFailure, text);
+}
 
 KeyHash ReadPin(const YString& text)
 {
@@ -56,6 +65,11 @@ void Append(std::vector<Pointer>&& read, const char* what, const YString& source
 
 Terms ReadTerms(const YString& host, const TrustOptions& options)
 {
+    // The first second of the year 0 to the last of 9999.
+    if (options.time && (*options.time < -62167219200 || *options.time > 253402300799))
+        KRT_RAISE_AS(TrustFunction, MessageType::General, ErrorCode::InvalidArgument,
+                     "Out of the years 0 to 9999: the time of judgement, "
+                         << std::to_string(*options.time).c_str());
     Terms terms{ReadHost(host), {}, {}, options.time, {}};
     if (!options.pinnedKey.IsEmpty())
         terms.pin = ReadPin(options.pinnedKey);
@@ -65,6 +79,12 @@ Terms ReadTerms(const YString& host, const TrustOptions& options)
         Append(ReadCertificates(bytes), "trust anchor", "the bytes given", terms.anchors);
     for (const std::string& bytes : options.revocationLists)
         Append(ReadRevocationLists(bytes), "revocation list", "the bytes given", terms.lists);
+    for (const RevocationListPtr& list : terms.lists) {
+        if (!IsUsable(*list))
+            KRT_RAISE_AS(TrustFunction, MessageType::General, ErrorCode::InvalidArgument,
+                         "A revocation list is a delta, indirect, for some reasons alone, or has an unknown "
+                         "critical extension; give the complete list of its issuer");
+    }
     if (terms.pin && !terms.anchors.empty())
         KRT_RAISE_AS(TrustFunction, MessageType::General, ErrorCode::InvalidArgument,
                      "A pinned key stands for the trust anchor; give one of the two");
@@ -77,22 +97,21 @@ using StackPtr =
 
 } // namespace
 
-void RequireDone(bool done, const char* function)
+void RequireDone(bool done)
 {
-    if (done)
-        return;
-    char text[256];
-    ERR_error_string_n(ERR_get_error(), text, sizeof text);
-    KRT_RAISE_AS(function, MessageType::General, ErrorCode::CryptoFailure, text);
+    if (!done)
+        RaiseFailure(TrustFunction, ERR_peek_last_error());
 }
 
 Krt::Memory::YHeap<unsigned char> RandomBytes(int count)
 {
+    const ErrorMark mark;
     Krt::Memory::YHeap<unsigned char> bytes;
     bytes.Resize(Krt::NumericCast<unsigned long>(count));
     const int size = Krt::NumericCast<int>(bytes.Size());
     // An empty heap has no address to give; OpenSSL is asked all the same, and its answer counts.
-    RequireDone(RAND_bytes(size == 0 ? nullptr : static_cast<unsigned char*>(bytes), size) > 0, __func__);
+    if (RAND_bytes(size == 0 ? nullptr : static_cast<unsigned char*>(bytes), size) <= 0)
+        RaiseFailure(__func__, ERR_get_error());
     return bytes;
 }
 
@@ -120,7 +139,7 @@ bool IsCertificateTrusted(const std::string& certificate, const std::vector<std:
     }
     const StackPtr above(sk_X509_new_null());
     for (std::size_t i = 1; i < sent.size(); ++i)
-        RequireDone(sk_X509_push(above.get(), sent[i].get()) > 0, __func__);
+        RequireDone(sk_X509_push(above.get(), sent[i].get()) > 0);
     return Judge(*sent.front(), above.get(), terms, told);
 }
 
@@ -144,6 +163,11 @@ bool IsCertificateTrusted(ssl_st* connection, const YString& host, const TrustOp
 
 std::string ReadCertificateFile(const YPath& path)
 {
+    // A pipe nobody writes to would hold the thread for ever.
+    std::error_code ignored;
+    const std::filesystem::file_status status = std::filesystem::status(path.CStr(), ignored);
+    KRT_RAISE_UNLESS(!std::filesystem::exists(status) || std::filesystem::is_regular_file(status),
+                     ErrorCode::InvalidArgument, "Not a regular file: " << path);
     const FilePtr file(std::fopen(path.CStr(), "rbe"));
     if (file == nullptr)
         KRT_RAISE_OS("Failed to open " << path);

@@ -1,5 +1,5 @@
 // What the library takes from OpenSSL: random bytes, and the judgement whether a server is to be trusted. Any
-// thread may call any of it; the calling thread's queue of OpenSSL errors is left as it was.
+// thread may call any of it; no error of its own stays behind in the thread's OpenSSL queue.
 #pragma once
 
 #include "Backup/Export.h"
@@ -28,10 +28,11 @@ struct TrustOptions
     /// SHA-256 of the server's public key (of its SubjectPublicKeyInfo in DER), as 64 hexadecimal digits. It
     /// stands for an anchor and for nothing else; anchors beside it are refused.
     Krt::YString pinnedKey;
-    /// The time of judgement, in seconds since 1970; now if there is none.
+    /// The time of judgement, in seconds since 1970, of a year from 0 to 9999; now if there is none.
     std::optional<long long> time;
-    /// With any given, there must be one of the issuer of the server's certificate. The certificates above it
-    /// are looked up in the lists of their issuers, as far as there are any.
+    /// With any given, there must be one of the issuer of the server's certificate; the same holds for the
+    /// certificates above it whose issuers have any. Only lists that are complete for
+    /// what they cover will do: no deltas, none for other issuers or for some reasons alone.
     std::vector<std::string> revocationLists;
 };
 
@@ -58,8 +59,8 @@ struct TrustReport
 /// the server sent beside its certificate, in any order; certificates behind the first one of `certificate`
 /// join it. `host` is the name or IP address by which the server was reached: ASCII, so international names
 /// as A-labels; the brackets of an IPv6 address, its zone, and a name's last dot are left out. Never raises
-/// for what the server sent. Raises InvalidArgument for a host, pin, anchor or list that can't be one, and
-/// as ReadCertificateFile; CryptoFailure where OpenSSL can't work.
+/// for what the server sent. Raises InvalidArgument for a host, pin, anchor, list or time that can't be one,
+/// and as ReadCertificateFile; CryptoFailure where OpenSSL can't work.
 BACKUP_API bool IsCertificateTrusted(const std::string& certificate, const std::vector<std::string>& chain,
                                      const Krt::YString& host, const TrustOptions& options = {},
                                      TrustReport* report = nullptr);
@@ -70,7 +71,7 @@ BACKUP_API bool IsCertificateTrusted(ssl_st* connection, const Krt::YString& hos
                                      const TrustOptions& options = {}, TrustReport* report = nullptr);
 
 /// The bytes of a file of certificates or lists; links are followed. Raises the operating system's error, and
-/// InvalidArgument above 16 MiB.
+/// InvalidArgument for what isn't a regular file and above 16 MiB.
 BACKUP_API std::string ReadCertificateFile(const Krt::File::YPath& path);
 
 } // namespace Backup::OpenSSL

@@ -114,6 +114,8 @@ bool TrustCommand::JudgeServer(const TrustOptions& options, TrustReport& found) 
 {
     const Endpoint server = ParseEndpoint(PathsOf(m_server).front());
     const std::string name = m_name->count() == 0 ? server.host : Name();
+    // Arguments of no use raise before anybody is connected to.
+    IsCertificateTrusted("", {}, YString(name.c_str()), options);
     const Handshake handshake(server, name,
                               std::chrono::steady_clock::now() + std::chrono::seconds(m_timeout));
     return IsCertificateTrusted(handshake.GetConnection(), YString(name.c_str()), options, &found);

@@ -31,17 +31,13 @@ std::shared_ptr<SSL> MakeClient()
     return client;
 }
 
-bool IsAddress(const std::string& name)
-{
-    const std::shared_ptr<ASN1_OCTET_STRING> address(a2i_IPADDRESS(name.c_str()), &ASN1_OCTET_STRING_free);
-    return address != nullptr || name.find(':') != std::string::npos;
-}
-
-std::string WithoutLastDot(std::string name)
+// The name as servers are asked for it: without a last dot, and none for an address.
+std::string AskedName(std::string name)
 {
     if (name.ends_with('.'))
         name.pop_back();
-    return name;
+    const std::shared_ptr<ASN1_OCTET_STRING> address(a2i_IPADDRESS(name.c_str()), &ASN1_OCTET_STRING_free);
+    return address != nullptr || name.find(':') != std::string::npos ? "" : name;
 }
 
 } // namespace
@@ -50,8 +46,9 @@ Handshake::Handshake(const Endpoint& server, const std::string& name, Deadline d
     : m_connection(ConnectTo(server, deadline)), m_tls(MakeClient())
 {
     RequireDone(SSL_set_fd(m_tls.get(), m_connection.Get()) == 1);
-    if (!IsAddress(name))
-        RequireDone(SSL_set_tlsext_host_name(m_tls.get(), WithoutLastDot(name).c_str()) == 1);
+    const std::string asked = AskedName(name);
+    if (!asked.empty())
+        RequireDone(SSL_set_tlsext_host_name(m_tls.get(), asked.c_str()) == 1);
     Finish(server, deadline);
 }
 

@@ -13,7 +13,7 @@ namespace {
 YString NameText(const X509_NAME* name)
 {
     const BioPtr text(BIO_new(BIO_s_mem()));
-    RequireDone(text != nullptr, "IsCertificateTrusted");
+    RequireDone(text != nullptr);
     if (X509_NAME_print_ex(text.get(), name, 0, XN_FLAG_RFC2253) < 0)
         return "(a name that can't be read)";
     char* bytes = nullptr;
@@ -24,7 +24,7 @@ YString NameText(const X509_NAME* name)
 std::optional<long long> Seconds(const ASN1_TIME* time)
 {
     const TimePtr epoch(ASN1_TIME_set(nullptr, 0));
-    RequireDone(epoch != nullptr, "IsCertificateTrusted");
+    RequireDone(epoch != nullptr);
     int days = 0;
     int seconds = 0;
     if (ASN1_TIME_diff(&days, &seconds, epoch.get(), time) != 1)
@@ -49,13 +49,11 @@ KeyHash HashKey(const X509& certificate)
 {
     unsigned char* key = nullptr;
     const int size = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(&certificate), &key);
-    const std::unique_ptr<unsigned char, decltype([](unsigned char* bytes) { OPENSSL_free(bytes); })> owner(
-        key);
-    RequireDone(size > 0, "IsCertificateTrusted");
+    const BytesPtr owner(key);
+    RequireDone(size > 0);
     KeyHash hash;
     RequireDone(
-        EVP_Digest(key, static_cast<std::size_t>(size), hash.data(), nullptr, EVP_sha256(), nullptr) == 1,
-        "IsCertificateTrusted");
+        EVP_Digest(key, static_cast<std::size_t>(size), hash.data(), nullptr, EVP_sha256(), nullptr) == 1);
     return hash;
 }
 

@@ -33,10 +33,8 @@ bool AppendBlocks(std::string_view text, std::string_view wanted, std::vector<Po
     unsigned char* bytes = nullptr;
     long size = 0;
     while (isSound && PEM_read_bio(input.get(), &label, &header, &bytes, &size) == 1) {
+        const BytesPtr owners[] = {BytesPtr(label), BytesPtr(header), BytesPtr(bytes)};
         isSound = label != wanted || Append<Decode>(bytes, size, all);
-        OPENSSL_free(label);
-        OPENSSL_free(header);
-        OPENSSL_free(bytes);
     }
     // The end of the text is an error, too.
     return isSound && ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;

@@ -21,16 +21,25 @@ struct Freer
     }
 };
 
+struct BytesFreer
+{
+    void operator()(void* bytes) const { OPENSSL_free(bytes); }
+};
+
 using AddressPtr = std::unique_ptr<ASN1_OCTET_STRING, Freer<&ASN1_OCTET_STRING_free>>;
 using BioPtr = std::unique_ptr<BIO, Freer<&BIO_free>>;
+using BytesPtr = std::unique_ptr<void, BytesFreer>; // bytes that OpenSSL allocated
 using CertificatePtr = std::unique_ptr<X509, Freer<&X509_free>>;
 using ContextPtr = std::unique_ptr<X509_STORE_CTX, Freer<&X509_STORE_CTX_free>>;
+using ConstraintsPtr = std::unique_ptr<NAME_CONSTRAINTS, Freer<&NAME_CONSTRAINTS_free>>;
+using ExtensionPtr = std::unique_ptr<X509_EXTENSION, Freer<&X509_EXTENSION_free>>;
 using NamesPtr = std::unique_ptr<GENERAL_NAMES, Freer<&GENERAL_NAMES_free>>;
 using RevocationListPtr = std::unique_ptr<X509_CRL, Freer<&X509_CRL_free>>;
 using StorePtr = std::unique_ptr<X509_STORE, Freer<&X509_STORE_free>>;
 using TimePtr = std::unique_ptr<ASN1_TIME, Freer<&ASN1_TIME_free>>;
 
-/// Leaves the thread's queue of errors as it was: a caller who asks it next means its own call.
+/// Takes what was raised meanwhile off the thread's queue of errors: a caller who asks it next means its own
+/// call.
 class ErrorMark
 {
 public:
@@ -40,8 +49,8 @@ public:
     ErrorMark& operator=(const ErrorMark&) = delete;
 };
 
-/// Raises CryptoFailure with the last error's text if a call failed that only lack of memory or a broken
-/// installation lets fail.
-void RequireDone(bool done, const char* function);
+/// Raises CryptoFailure with the last error's text, from IsCertificateTrusted, if a call failed that only
+/// lack of memory or a broken installation lets fail.
+void RequireDone(bool done);
 
 } // namespace Backup::OpenSSL

@@ -9,6 +9,7 @@ namespace Backup::OpenSSL {
 namespace {
 
 constexpr std::string_view Digits = "0123456789";
+constexpr std::string_view HexDigits = "0123456789abcdefABCDEF";
 
 std::string AddressBytes(const std::string& text)
 {
@@ -36,7 +37,7 @@ std::optional<ServerName> ParseIpv6(std::string_view text)
 {
     // The zone is this machine's name of an interface; no certificate has it.
     const std::string address(text.substr(0, text.find('%')));
-    if (address.find_first_not_of("0123456789abcdefABCDEF:.") != std::string::npos)
+    if (address.find_first_not_of(std::string(HexDigits) + ":.") != std::string::npos)
         return std::nullopt;
     const std::string bytes = AddressBytes(address);
     return bytes.size() == 16 ? std::optional(ServerName{"", bytes}) : std::nullopt;
@@ -47,6 +48,13 @@ bool IsLabel(std::string_view label)
     return !label.empty() && label.size() <= 63 &&
            label.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_") ==
                std::string_view::npos;
+}
+
+bool IsNumber(std::string_view label)
+{
+    const bool isHex = label.starts_with("0x") || label.starts_with("0X");
+    return (isHex ? label.find_first_not_of(HexDigits, 2) : label.find_first_not_of(Digits)) ==
+           std::string_view::npos;
 }
 
 bool IsHostName(std::string_view name)
@@ -77,8 +85,7 @@ std::optional<ServerName> ParseServerName(std::string_view text)
         text.remove_suffix(1);
     if (isBracketed || !IsHostName(text))
         return std::nullopt;
-    const std::string_view lastLabel = text.substr(text.rfind('.') + 1);
-    if (lastLabel.find_first_not_of(Digits) == std::string_view::npos)
+    if (IsNumber(text.substr(text.rfind('.') + 1)))
         return ParseIpv4(std::string(text));
     return ServerName{std::string(text), ""};
 }

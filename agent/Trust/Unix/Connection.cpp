@@ -102,13 +102,13 @@ bool WaitUntilReady(const YUnxHandle& connection, Direction direction, Deadline 
     for (;;) {
         KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
         const milliseconds left = TimeUntil(deadline);
+        if (left <= milliseconds(0))
+            return false; // also when more is ready: a server that trickles bytes has no more time either
         const int count = poll(&entry, 1, static_cast<int>(std::min(left, slice).count()));
         if (count < 0 && errno != EINTR)
             KRT_RAISE_OS("Failed to wait for the connection");
         if (count > 0)
             return true;
-        if (left <= milliseconds(0))
-            return false;
     }
 }
 
