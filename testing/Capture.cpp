@@ -8,7 +8,6 @@
 
 namespace Testing {
 
-using Backup::File::YFile;
 using Krt::File::YPath;
 
 void Capture::Run(const std::string& root)
@@ -19,7 +18,7 @@ void Capture::Run(const std::string& root)
 
 bool Capture::OnSelected(const Agent::WalkedEntry& entry)
 {
-    m_file.Open(YFile::OPEN_MODE_READ, entry.path, YFile::OPTIONS{});
+    m_file.OpenEntry(entry.parent, entry.name, entry.path);
     bool followable = false;
     const auto metadata =
         Backup::File::YMetadataBase::ConstructFromFile(m_file, [&](const YPath& path, bool mayDescend) {

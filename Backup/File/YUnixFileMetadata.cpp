@@ -172,7 +172,7 @@ YUnixFileMetadata::YUnixFileMetadata(YFile& file, JobPathMapper mapper) : YUnixF
     if (file.IsSymbolicLink())
         m_symbolicLinkTarget = file.GetSymbolicLinkTarget();
     YPath path = file.GetPath();
-    const bool followable = IsFollowableDirectoryFromKrtAttributes(path, Krt::File::GetAttributes(path));
+    const bool followable = IsFollowableDirectoryFromKrtAttributes(path, file.LookUpAttributes());
     m_filePath = Krt::CallFunction(mapper, std::move(path), followable);
     m_extendedAttributes = file.GetExtendedAttributeMap();
 }

@@ -21,18 +21,13 @@ namespace {
 constexpr std::size_t BufferSize = 1 << 20;
 constexpr int MaxLooks = 5;
 
-// Whether the library, which goes by path, saw the entry that the walk sees through its descriptor. A regular
-// file is held open, so that its content is known to be the entry's even if the way there was swapped between
-// two looks; of the others the status has to do.
+// Whether the status is that of what the library opened, or of what it saw where there is nothing to open.
 bool IsSameEntry(const YFile& file, const struct stat& status)
 {
     if ((file.GetModeFlags() & S_IFMT) != (status.st_mode & S_IFMT))
         return false;
-    if (file.IsRegularFile()) {
-        const struct stat opened = Krt::File::Stat(file.GetHandle());
-        return file.GetInode() == status.st_ino && opened.st_ino == status.st_ino &&
-               opened.st_dev == status.st_dev;
-    }
+    if (file.IsRegularFile())
+        return file.GetInode() == status.st_ino;
     return file.GetUID() == status.st_uid &&
            file.GetLastChangedTime() == static_cast<unsigned long long>(status.st_ctime);
 }
@@ -45,9 +40,9 @@ BackupRun::BackupRun(StoreSession& session, SnapshotWriter& snapshot, Report& re
 
 bool BackupRun::OnSelected(const WalkedEntry& entry)
 {
-    if (S_ISSOCK(entry.Status().st_mode))
+    const struct stat status = Open(entry);
+    if (S_ISSOCK(status.st_mode))
         KRT_RAISE(ErrorCode::NotSupported, "A socket is not stored");
-    const struct stat status = OpenSame(entry);
     bool followable = false;
     const auto metadata =
         Backup::File::YMetadataBase::ConstructFromFile(m_file, [&](const YPath& path, bool mayDescend) {
@@ -61,19 +56,19 @@ bool BackupRun::OnSelected(const WalkedEntry& entry)
     return followable;
 }
 
-// Opens the entry by its path and returns its status as the walk's descriptor shows it. In a live tree a
-// change may fall between the two looks; one that stays is another way.
-struct stat BackupRun::OpenSame(const WalkedEntry& entry)
+// Opens the entry and returns its whole status, of which the library tells a part. In a live tree another
+// entry may take its place between the looks at it.
+struct stat BackupRun::Open(const WalkedEntry& entry)
 {
-    struct stat status = entry.Status();
     for (int looks = 1;; ++looks) {
-        m_file.Open(YFile::OPEN_MODE_READ, entry.path, YFile::OPTIONS{});
+        m_file.OpenEntry(entry.parent, entry.name, entry.path);
+        const struct stat status = m_file.IsRegularFile() ? Krt::File::Stat(m_file.GetHandle())
+                                   : looks == 1           ? entry.Status()
+                                                          : entry.parent.Stat(entry.name);
         if (IsSameEntry(m_file, status))
             return status;
-        status = entry.parent.Stat(entry.name);
-        const bool mayAgree =
-            looks < MaxLooks && (status.st_mode & S_IFMT) == (entry.Status().st_mode & S_IFMT);
-        KRT_RAISE_UNLESS(mayAgree, ErrorCode::InvalidState, "Another entry took its place while it was read");
+        KRT_RAISE_UNLESS(looks < MaxLooks, ErrorCode::InvalidState,
+                         "Another entry took its place while it was read");
     }
 }
 

@@ -41,7 +41,7 @@ public:
     const BackupCounts& GetCounts() const { return m_counts; }
 
 private:
-    struct stat OpenSame(const WalkedEntry& entry);
+    struct stat Open(const WalkedEntry& entry);
     void Capture(const WalkedEntry& entry, const struct stat& status,
                  const Backup::File::YUnixFileMetadata& metadata);
     void ReadContent(const WalkedEntry& entry, SnapshotEntry& line);

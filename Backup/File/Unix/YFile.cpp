@@ -3,6 +3,7 @@
 #include "Backup/File/Unix/File.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/YDirectory.h"
 #include "Krt/KrtFoundation/boostapi.h"
 #include "Krt/Log/LogSite.h"
 #include "Krt/Profile/YProfile.h"
@@ -78,9 +79,11 @@ void YFile::InitializeMembers()
     m_lastChangedTime = 0;
     m_dataBuffer.Resize(0);
     m_dataSize = 0;
+    m_isEntry = false;
 }
 
-void YFile::Open(OPEN_MODE mode, const YPath& path, OPTIONS options)
+// Everything anew, with the mode and the path stored.
+void YFile::Start(OPEN_MODE mode, const YPath& path, OPTIONS options)
 {
     try {
         Close();
@@ -92,6 +95,11 @@ void YFile::Open(OPEN_MODE mode, const YPath& path, OPTIONS options)
     m_options = options;
     if (&path != &m_path)
         m_path = path;
+}
+
+void YFile::Open(OPEN_MODE mode, const YPath& path, OPTIONS options)
+{
+    Start(mode, path, options);
     switch (mode) {
     case OPEN_MODE_READ:
     case OPEN_MODE_READ_ALTERNATE:
@@ -106,10 +114,29 @@ void YFile::Open(OPEN_MODE mode, const YPath& path, OPTIONS options)
     KRT_LOG(MessageType::FileIo, "Successfully opened file " << m_path);
 }
 
+void YFile::OpenEntry(const Krt::File::YDirectory& directory, const YString& name, const YPath& path)
+{
+    Start(OPEN_MODE_READ, path, OPTIONS{});
+    m_isEntry = true;
+    TakeStatus(directory.Stat(name));
+    if (IsRegularFile())
+        m_handle = directory.OpenFile(name);
+    KRT_LOG(MessageType::FileIo, "Successfully opened file " << m_path);
+}
+
 void YFile::OpenForRead()
 {
     struct stat status;
     StatFile(m_path, &status);
+    m_isEntry = false;
+    TakeStatus(status);
+    if (IsRegularFile())
+        m_handle = Krt::File::Open(m_path, Krt::File::OpenForReading);
+}
+
+// What is no regular file has the status alone.
+void YFile::TakeStatus(const struct stat& status)
+{
     m_modeFlags = status.st_mode;
     m_inode = status.st_ino;
     m_lastAccessTime = static_cast<unsigned long long>(status.st_atime);
@@ -121,9 +148,7 @@ void YFile::OpenForRead()
     m_offset = 0;
     if (IsDirectory())
         m_attributes |= Krt::File::AttributeDirectory;
-    if (IsRegularFile())
-        m_handle = Krt::File::Open(m_path, Krt::File::OpenForReading);
-    else
+    if (!IsRegularFile())
         m_openMode = OPEN_MODE_NONE;
 }
 
@@ -195,6 +220,11 @@ unsigned long long YFile::GetInode() const
     return m_inode;
 }
 
+unsigned int YFile::LookUpAttributes() const
+{
+    return m_isEntry ? m_attributes : Krt::File::GetAttributes(m_path);
+}
+
 unsigned char* YFile::GetDataPtr() const
 {
     m_dataBuffer.Resize(DataBufferSize);
@@ -237,7 +267,10 @@ ExtendedAttributeMap YFile::GetExtendedAttributeMap() const
 {
     if (IsXattrDisabled())
         return {};
-    return EmptyIfUnavailable([&] { return Krt::File::GetExtendedAttributeMap(m_path); });
+    return EmptyIfUnavailable([&] {
+        return m_isEntry && !m_handle.IsEmpty() ? Krt::File::GetExtendedAttributeMap(m_handle)
+                                                : Krt::File::GetExtendedAttributeMap(m_path);
+    });
 }
 
 void YFile::AddExtendedAttribute(YString name, unsigned char* data, int size)

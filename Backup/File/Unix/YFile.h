@@ -9,6 +9,12 @@
 #include "Krt/File/File.h"
 #include "Krt/Log/YStream.h"
 
+struct stat;
+
+namespace Krt::File {
+class YDirectory;
+}
+
 namespace Backup::File {
 
 class BACKUP_API YFile : public IFileIo
@@ -45,6 +51,11 @@ public:
     /// made and an existing file is deleted and made anew. Raises InvalidState for an unknown mode and passes
     /// errors of the file operations on; mode and path are stored then, and there is no handle.
     void Open(OPEN_MODE mode, const Krt::File::YPath& path, OPTIONS options);
+    /// The same for reading an entry whose directory is open: status and content are reached through that
+    /// directory, at half the cost of a long path and whatever happens to the path meanwhile. The operations
+    /// that go by path use `path`. The directory is not kept.
+    void OpenEntry(const Krt::File::YDirectory& directory, const Krt::YString& name,
+                   const Krt::File::YPath& path);
     void OpenForRead();
     void OpenForWrite();
     /// Closes the descriptor and, after writing, sets the file's times to those of SetTime. If that raises,
@@ -77,6 +88,8 @@ public:
     OPEN_MODE GetOpenMode() const { return m_openMode; }
     /// Bit 0x10 for a directory.
     unsigned int GetAttributes() const { return m_attributes; }
+    /// The attribute word of the path as it is now; of an entry that OpenEntry opened, as it was then.
+    unsigned int LookUpAttributes() const;
     unsigned int GetModeFlags() const { return m_modeFlags; }
     /// Always 0.
     unsigned int GetDataSize() const { return m_dataSize; }
@@ -103,6 +116,9 @@ public:
     void AddExtendedAttribute(Krt::YString name, unsigned char* data, int size);
 
 private:
+    void Start(OPEN_MODE mode, const Krt::File::YPath& path, OPTIONS options);
+    void TakeStatus(const struct stat& status);
+
     unsigned long long m_callerValue = 0;
     unsigned long long m_inode = 0;
     unsigned long long m_size = 0;
@@ -120,6 +136,7 @@ private:
     unsigned long long m_lastChangedTime = 0;
     mutable Krt::Memory::YHeap<unsigned char> m_dataBuffer;
     unsigned int m_dataSize = 0;
+    bool m_isEntry = false; // of an open directory
 };
 
 /// "OPT_NONE" if that bit is set, else nothing.

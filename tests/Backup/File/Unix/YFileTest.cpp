@@ -3,6 +3,8 @@
 #include "testing/LogCapture.h"
 #include "testing/Raises.h"
 
+#include "Krt/File/YDirectory.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -207,6 +209,35 @@ TEST_F(YFileTest, TheSwitchForAttributesGovernsReadingAlone)
     m_directory.Write("kbagent.conf", "[configuration]\ndisableXattr=true\n");
     EXPECT_TRUE(file.GetExtendedAttributeMap().empty()) << "read afresh";
     unsetenv("KBAGENT_CONFIG");
+}
+
+TEST_F(YFileTest, ReachesAnEntryThroughItsDirectory)
+{
+    m_directory.Write("directory/file", "first");
+    const auto directory = Krt::File::YDirectory::Open(At("directory"));
+    fs::rename(m_directory / "directory", m_directory / "moved");
+    m_directory.Write("directory/file", "second");
+    YFile file;
+    file.OpenEntry(directory, "file", At("directory/file"));
+    const struct stat moved = StatusOf("moved/file");
+    EXPECT_EQ(file.GetInode(), moved.st_ino);
+    EXPECT_EQ(file.GetModeFlags(), moved.st_mode);
+    char text[8] = {};
+    EXPECT_EQ(file.Read(text, sizeof text), 5u);
+    EXPECT_STREQ(text, "first");
+    if (setxattr((m_directory / "moved/file").c_str(), "user.place", "moved", 5, 0) == 0) {
+        EXPECT_EQ(file.GetExtendedAttributeMap().count("user.place"), 1u);
+    }
+
+    fs::remove(m_directory / "directory/file");
+    fs::create_directory(m_directory / "directory/file");
+    EXPECT_EQ(file.LookUpAttributes(), 0u) << "as it was opened";
+    EXPECT_RAISES_OS(file.OpenEntry(directory, "none", At("none")), MessageType::General, ENOENT, "Stat",
+                     "Failed to stat: none");
+    file.Open(YFile::OPEN_MODE_READ, At("moved/file"), NoOptions);
+    fs::remove_all(m_directory / "moved");
+    fs::create_directories(m_directory / "moved/file");
+    EXPECT_EQ(file.LookUpAttributes(), Krt::File::AttributeDirectory) << "as the path is now";
 }
 
 TEST(YFileOptions, PrintOneBitAlone)
