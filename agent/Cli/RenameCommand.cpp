@@ -11,6 +11,7 @@
 namespace Agent {
 
 using Backup::YJobPath;
+using Krt::YString;
 
 namespace {
 
@@ -54,19 +55,27 @@ void RenameCommand::Run(Report& report)
 
     ConvertedRecords records(m_records.GetFile(), m_records.GetBase(), report);
     RecordWriter writer(report.Out());
-    bool isAnyRenamed = false;
+    bool isAnyBelow = false;
+    unsigned long long dropped = 0;
     while (const auto record = records.Next()) {
+        const unsigned long paths = record->GetFilePathCount();
         try {
-            isAnyRenamed |= std::any_of(sources.begin(), sources.end(), [&](const YJobPath& source) {
+            const bool isRenamed = std::any_of(sources.begin(), sources.end(), [&](const YJobPath& source) {
                 return record->RenamePath(source, destination);
             });
+            isAnyBelow |= isRenamed;
+            dropped += isRenamed ? paths - 1 : 0;
         } catch (const Krt::Exception::YError& error) {
+            isAnyBelow = true;
             records.Fail(ReasonOf(error));
             continue;
         }
         writer.Write(*record);
     }
-    if (!isAnyRenamed)
+    if (dropped != 0)
+        report.Note(
+            YString("Warning: other paths of renamed records, now dropped: " + std::to_string(dropped)));
+    if (!isAnyBelow)
         report.Note("No record was renamed: none lies at or below --from");
 }
 

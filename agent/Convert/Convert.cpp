@@ -9,6 +9,19 @@ using Backup::File::YMetadataBase;
 using Krt::YString;
 using Krt::JSON::YObject;
 
+namespace {
+
+// The key whose value a modern record fails with, as the front of the reason. That of a missing key names it.
+std::string KeyOf(const Krt::Exception::YError& error, const YObject& record)
+{
+    if (error.GetCode() == Krt::ErrorCode::NotFound || record.FindOpt("legacy_metadata"))
+        return {};
+    const std::string key = KnownKeys::FindMisfit(record);
+    return key.empty() ? key : key + ": ";
+}
+
+} // namespace
+
 RecordConverter::RecordConverter(const Backup::YJobPath& base)
     : m_unix(MakeUnixMapper(base)), m_windows(MakeWindowsMapper(base))
 {}
@@ -35,7 +48,7 @@ boost::shared_ptr<YMetadataBase> ConvertedRecords::Next()
         try {
             return m_converter.Convert(m_record.Object());
         } catch (const Krt::Exception::YError& error) {
-            Fail(ReasonOf(error));
+            Fail(YString(std::string_view(KeyOf(error, m_record.Object()))) + ReasonOf(error));
         }
     }
     return nullptr;

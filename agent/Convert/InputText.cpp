@@ -28,14 +28,13 @@ bool InputText::Grow(std::size_t offset)
 
 std::size_t InputText::LineSize(std::size_t limit)
 {
-    std::size_t size = 0;
-    while (size <= limit && Has(size)) {
-        const std::size_t end = m_text.find('\n', m_front + size);
+    while (m_searched <= limit && Has(m_searched)) {
+        const std::size_t end = m_text.find('\n', m_front + m_searched);
+        m_searched = std::min(end, m_text.size()) - m_front;
         if (end != std::string::npos)
-            return std::min(end - m_front, limit + 1);
-        size = m_text.size() - m_front;
+            break;
     }
-    return std::min(size, limit + 1);
+    return std::min(m_searched, limit + 1);
 }
 
 void InputText::Consume(std::size_t count)
@@ -45,6 +44,7 @@ void InputText::Consume(std::size_t count)
     m_line += static_cast<unsigned long long>(std::count(text.begin(), text.end(), '\n'));
     m_column = last == std::string_view::npos ? m_column + count : count - last - 1;
     m_front += count;
+    m_searched -= std::min(count, m_searched);
 }
 
 bool InputText::ConsumeLine()

@@ -36,7 +36,8 @@ private:
 
     InputFile m_file;
     std::string m_text;
-    std::size_t m_front = 0; // of the window in m_text
+    std::size_t m_front = 0;    // of the window in m_text
+    std::size_t m_searched = 0; // bytes from the front on that hold no end of a line
     unsigned long long m_line = 1;
     std::size_t m_column = 0;
     bool m_ended = false;

@@ -18,37 +18,52 @@ namespace {
 
 constexpr std::size_t ToldLimit = 64 * 1024;
 
+enum class Form
+{
+    Text,
+    Bool,
+    Number16,
+    Number32,
+    Number64,
+    Array,
+    Object
+};
+
 struct Key
 {
     std::string_view name;
+    Form form;
     std::span<const Key> inner = {}; // of the objects that it holds
 };
 
-constexpr Key ComponentKeys[] = {{"class_id"}, {"subclass_id"}, {"name"}, {"display_name"}};
-constexpr Key JobPathKeys[] = {{"components", ComponentKeys}};
-constexpr Key NamedPathKeys[] = {{"long", JobPathKeys}, {"short"}};
-constexpr Key AttributeKeys[] = {{"name"}, {"value"}};
+constexpr Key ComponentKeys[] = {{"class_id", Form::Number32},
+                                 {"subclass_id", Form::Number16},
+                                 {"name", Form::Text},
+                                 {"display_name", Form::Text}};
+constexpr Key JobPathKeys[] = {{"components", Form::Array, ComponentKeys}};
+constexpr Key NamedPathKeys[] = {{"long", Form::Object, JobPathKeys}, {"short", Form::Text}};
+constexpr Key AttributeKeys[] = {{"name", Form::Text}, {"value", Form::Text}};
 // Of all kinds of records.
-constexpr Key RecordKeys[] = {{"metadata_type"},
-                              {"file_size"},
-                              {"last_changed_time"},
-                              {"last_write_time"},
-                              {"last_access_time"},
-                              {"mode_flags"},
-                              {"is_directory"},
-                              {"user_id"},
-                              {"group_id"},
-                              {"file_path", JobPathKeys},
-                              {"symbolic_link_target"},
-                              {"extended_attributes", AttributeKeys},
-                              {"reparse_type"},
-                              {"creation_time"},
-                              {"file_attributes"},
-                              {"file_paths", NamedPathKeys},
-                              {"permission_change_time"},
-                              {"directory_hash"},
-                              {"job_path", JobPathKeys},
-                              {"legacy_metadata"}};
+constexpr Key RecordKeys[] = {{"metadata_type", Form::Text},
+                              {"file_size", Form::Number64},
+                              {"last_changed_time", Form::Number64},
+                              {"last_write_time", Form::Number64},
+                              {"last_access_time", Form::Number64},
+                              {"mode_flags", Form::Number32},
+                              {"is_directory", Form::Bool},
+                              {"user_id", Form::Number32},
+                              {"group_id", Form::Number32},
+                              {"file_path", Form::Object, JobPathKeys},
+                              {"symbolic_link_target", Form::Text},
+                              {"extended_attributes", Form::Array, AttributeKeys},
+                              {"reparse_type", Form::Number32},
+                              {"creation_time", Form::Number64},
+                              {"file_attributes", Form::Number32},
+                              {"file_paths", Form::Array, NamedPathKeys},
+                              {"permission_change_time", Form::Number64},
+                              {"directory_hash", Form::Text},
+                              {"job_path", Form::Object, JobPathKeys},
+                              {"legacy_metadata", Form::Text}};
 
 // A key with those around it.
 struct Place
@@ -59,36 +74,63 @@ struct Place
     std::string Text() const { return (outer ? outer->Text() + "." : "") + name.Bytes(); }
 };
 
-// Calls `tell` with each place that the keys don't have.
-template <class Tell>
-void Search(const YObject& object, std::span<const Key> keys, const Place* outer, const Tell& tell)
+// Calls `visit` with each place, its key, which is null for one that the keys don't have, and its value.
+template <class Visit>
+void Search(const YObject& object, std::span<const Key> keys, const Place* outer, const Visit& visit)
 {
     for (const auto& [name, value] : object.Entries()) {
         const Place place{outer, name};
         const auto key = std::find_if(keys.begin(), keys.end(),
                                       [&](const Key& known) { return known.name == place.name.Bytes(); });
-        if (key == keys.end()) {
-            tell(place);
-        } else if (key->inner.empty()) {
+        visit(place, key == keys.end() ? nullptr : &*key, *value);
+        if (key == keys.end() || key->inner.empty()) {
             continue;
         } else if (value->IsObject()) {
-            Search(value->AsObject(), key->inner, &place, tell);
+            Search(value->AsObject(), key->inner, &place, visit);
         } else if (value->IsArray()) {
             for (const boost::shared_ptr<YValue>& element : value->AsArray()) {
                 if (element->IsObject())
-                    Search(element->AsObject(), key->inner, &place, tell);
+                    Search(element->AsObject(), key->inner, &place, visit);
             }
         }
     }
+}
+
+bool Fits(const YValue& value, Form form)
+{
+    try {
+        switch (form) {
+        case Form::Text:
+            return value.IsString();
+        case Form::Bool:
+            value.Convert<bool>();
+            return true;
+        case Form::Number16:
+            return value.Convert<unsigned long long>() <= 0xFFFF;
+        case Form::Number32:
+            return value.Convert<unsigned long long>() <= 0xFFFFFFFF;
+        case Form::Number64:
+            value.Convert<unsigned long long>();
+            return true;
+        case Form::Array:
+            return value.IsArray();
+        case Form::Object:
+            return value.IsObject();
+        }
+    } catch (const Krt::Exception::YError&) {
+    }
+    return false;
 }
 
 } // namespace
 
 void KnownKeys::Check(const YObject& record, unsigned long long line, Report& report)
 {
-    Search(record, RecordKeys, nullptr, [&](const Place& place) {
+    Search(record, RecordKeys, nullptr, [&](const Place& place, const Key* key, const YValue&) {
+        if (key || m_isFull)
+            return;
         std::string text = place.Text();
-        if (m_isFull || m_told.contains(text))
+        if (m_told.contains(text))
             return;
         m_bytes += text.size();
         m_isFull = m_bytes > ToldLimit;
@@ -100,6 +142,16 @@ void KnownKeys::Check(const YObject& record, unsigned long long line, Report& re
                             std::to_string(line) + ")"));
         m_told.insert(std::move(text));
     });
+}
+
+std::string KnownKeys::FindMisfit(const YObject& record)
+{
+    std::string found;
+    Search(record, RecordKeys, nullptr, [&](const Place& place, const Key* key, const YValue& value) {
+        if (found.empty() && key && !Fits(value, key->form))
+            found = place.Text();
+    });
+    return found;
 }
 
 } // namespace Agent

@@ -2,6 +2,8 @@
 
 #include "agent/Cli/Text.h"
 
+#include <algorithm>
+
 namespace Agent {
 
 using Krt::YString;
@@ -10,6 +12,9 @@ using Krt::JSON::YValue;
 namespace {
 
 constexpr std::string_view Blanks = " \t\r\n";
+
+// No text inside a record holds a brace and this: its quotes are escaped there.
+constexpr std::string_view FirstKey = "\"metadata_type\"";
 
 constexpr const char* NoObject = "This is no JSON object";
 
@@ -124,32 +129,43 @@ void RecordReader::ReadLine(InputRecord& record)
         record.reason = TooLong();
     else
         Parse(m_text.View(size), record);
-    if (record.json)
+    if (record.json) {
         m_text.Consume(size);
-    else if (m_text[0] == '{')
-        ReadLines(record);
-    else
-        m_text.ConsumeLine();
+    } else if (m_text[0] != '{' || !ReadDocument(record)) {
+        m_text.Consume(1);
+        SkipInLine();
+    }
 }
 
-// A line that is no record may still be the first one of a record.
-void RecordReader::ReadLines(InputRecord& record)
+// A line that is no record may still be the first one of a record, or have more in it than one. Returns
+// false, with nothing taken, for a line that is damaged in itself.
+bool RecordReader::ReadDocument(InputRecord& record)
 {
     const std::size_t column = m_text.GetColumn();
     const Extent extent = Measure();
-    if (extent.line == record.line) {
-        m_text.ConsumeLine();
-        return;
-    }
+    if (extent.end != JsonNesting::Closed && !extent.isTooLong && extent.line == record.line)
+        return false;
     Take(extent, column, record);
-    if (extent.end != JsonNesting::Closed)
-        return;
-    const std::string_view rest = m_text.View(m_text.LineSize(RecordLimit));
-    if (rest.find_first_not_of(Blanks) != std::string_view::npos) {
+    if (record.json && !EndsRecord()) {
         record.json.reset();
         record.reason = InLine("There is more behind the end of this record", extent.line);
-        m_text.ConsumeLine();
+        SkipInLine();
     }
+    return true;
+}
+
+// Whether what follows a record is the end of its line or another record, maybe behind a comma or bracket of
+// an array whose begin is lost; goes there.
+bool RecordReader::EndsRecord()
+{
+    const std::string_view rest = m_text.View(m_text.LineSize(RecordLimit));
+    std::size_t at = rest.find_first_not_of(Blanks);
+    if (at != std::string_view::npos && (rest[at] == ',' || rest[at] == ']'))
+        at = rest.find_first_not_of(Blanks, at + 1);
+    if (at != std::string_view::npos && rest[at] != '{')
+        return false;
+    m_text.Consume(std::min(at, rest.size()));
+    return true;
 }
 
 // Returns whether there is something to tell.
@@ -173,7 +189,8 @@ bool RecordReader::ReadElement(InputRecord& record)
     record.reason = NoObject;
     do
         m_text.Consume(1);
-    while (m_text.Has(0) && std::string_view(",]\n").find(m_text[0]) == std::string_view::npos);
+    while (m_text.Has(0) && std::string_view(",]\n").find(m_text[0]) == std::string_view::npos &&
+           !BeginsRecord(0));
     return true;
 }
 
@@ -208,8 +225,9 @@ RecordReader::Extent RecordReader::Measure()
         const bool beginsLine = lines.Feed(byte);
         extent.end = nesting.Feed(byte);
         // Nested objects are indented more than the record that they are in.
-        if (beginsLine && byte == '{' && !extent.next &&
-            (lines.GetIndent() <= column || extent.end == JsonNesting::Broken))
+        const bool isOutside =
+            beginsLine && (lines.GetIndent() <= column || extent.end == JsonNesting::Broken);
+        if (byte == '{' && (at > 0 || extent.isTooLong) && !extent.next && (isOutside || BeginsRecord(at)))
             extent.next = at;
         if (extent.isTooLong && extent.next)
             break;
@@ -232,31 +250,67 @@ void RecordReader::Take(const Extent& extent, std::size_t column, InputRecord& r
     else
         record.reason =
             InLine(isCutOff ? "The input ends within this record" : "This record is damaged", extent.line);
-    m_text.Consume(!isClosed && extent.next ? *extent.next : extent.size);
-    if (isClosed)
+    m_text.Consume(!record.json && extent.next ? *extent.next : extent.size);
+    if (isClosed && (record.json || !extent.next))
         return;
+    unsigned long long last = extent.next ? m_text.GetLine() - 1 : record.line; // of what is left out
     if (isCutOff)
         m_place = Place::Line;
     else if (!extent.next)
-        SkipToRecord(column);
-    const unsigned long long last = m_text.GetLine() - 1; // of what is skipped
-    if (!isCutOff && last > record.line)
+        last = SkipToRecord(column);
+    if (last > record.line || (last == record.line && !isCutOff && !extent.next))
         record.reason = record.reason + YString("; left out up to line " + std::to_string(last));
     if (m_place != Place::Line)
         m_place = m_text.Has(0) && m_text[0] == '{' ? Place::AfterComma : Place::AfterRecord;
 }
 
-// To a line that begins like a record of that column, or like the end of the array around it.
-void RecordReader::SkipToRecord(std::size_t column)
+bool RecordReader::BeginsRecord(std::size_t at)
+{
+    constexpr std::size_t BlankLimit = 256;
+    if (m_text[at] != '{')
+        return false;
+    const std::size_t last = at + BlankLimit;
+    do
+        ++at;
+    while (at < last && m_text.Has(at) && IsBlank(m_text[at]));
+    const std::size_t end = at + FirstKey.size();
+    return m_text.Has(end - 1) && m_text.View(end).ends_with(FirstKey);
+}
+
+// To a record that begins in the rest of the line, or else to the line's end; whether there is one.
+bool RecordReader::SkipInLine()
+{
+    constexpr std::size_t StepSize = 64 * 1024;
+    std::size_t at = 0;
+    for (; m_text.Has(at) && m_text[at] != '\n' && !BeginsRecord(at); ++at) {
+        if (at == StepSize) {
+            m_text.Consume(at);
+            at = 0;
+        }
+    }
+    m_text.Consume(at);
+    return m_text.Has(0) && m_text[0] == '{';
+}
+
+// To what has a record's first key, or to a line that begins like a record of that column or like the end of
+// the array around it. Returns the last line that is left out to its end; 0 without one.
+unsigned long long RecordReader::SkipToRecord(std::size_t column)
 {
     const std::string_view wanted = m_place == Place::Line ? "{" : "{]";
-    while (m_text.ConsumeLine()) {
+    unsigned long long last = 0;
+    while (!SkipInLine()) {
+        last = m_text.GetLine();
+        if (!m_text.ConsumeLine())
+            break;
         std::size_t indent = 0;
         while (indent <= column && m_text.Has(indent) && (m_text[indent] == ' ' || m_text[indent] == '\t'))
             ++indent;
-        if (indent <= column && m_text.Has(indent) && wanted.find(m_text[indent]) != std::string_view::npos)
-            return m_text.Consume(indent);
+        if (indent <= column && m_text.Has(indent) && wanted.find(m_text[indent]) != std::string_view::npos) {
+            m_text.Consume(indent);
+            break;
+        }
     }
+    return last;
 }
 
 } // namespace Agent

@@ -1,7 +1,7 @@
 // RecordReader: takes the records out of a text, one after the other, in bounded memory. The text holds a
 // record a line, or records written over many lines, or an array of records. Damage loses the record that it
 // is in and no other: each comes with the line where it begins and its JSON object, or the reason why there
-// is none.
+// is none. What has a record's first key is a record, wherever it stands.
 #pragma once
 
 #include "agent/Convert/InputText.h"
@@ -58,12 +58,15 @@ private:
     bool BeginsArray();
     bool EndArray(InputRecord& record);
     void ReadLine(InputRecord& record);
-    void ReadLines(InputRecord& record);
+    bool ReadDocument(InputRecord& record);
+    bool EndsRecord();
     bool ReadElement(InputRecord& record);
     bool ReadSeparator(InputRecord& record);
     Extent Measure();
     void Take(const Extent& extent, std::size_t column, InputRecord& record);
-    void SkipToRecord(std::size_t column);
+    bool BeginsRecord(std::size_t at);
+    bool SkipInLine();
+    unsigned long long SkipToRecord(std::size_t column);
 
     InputText m_text;
     Place m_place = Place::Line;
