@@ -2,7 +2,11 @@
 
 #include "testing/SelectionText.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <cstdlib>
+#include <random>
 #include <sstream>
 
 namespace Testing {
@@ -148,6 +152,35 @@ bool NaiveSelection::MayIncludeBelow(const Names& path) const
         return placed.rule.IsInclude() && (IsAtOrAbove(path, placed.place) ||
                                            (placed.rule.IsRecursive() && IsAtOrAbove(placed.place, path)));
     });
+}
+
+void CompareWithThePlainList(const World& world)
+{
+    using Strings = std::vector<std::string>;
+    const char* fixed = std::getenv("SELECTION_SEED");
+    const unsigned int seed =
+        fixed ? static_cast<unsigned int>(std::strtoul(fixed, nullptr, 10)) : std::random_device()();
+    SCOPED_TRACE("SELECTION_SEED=" + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto pick = [&](const Strings& choices) {
+        return choices[random() % choices.size()];
+    };
+    for (int forest = 0; forest < world.forests; ++forest) {
+        Backup::File::YSelectionManager tree;
+        NaiveSelection list;
+        Strings added;
+        for (unsigned int rules = 1 + random() % world.mostRules; rules > 0; --rules) {
+            const std::string place = rules <= world.lastAtRoot ? "/" : pick(world.places);
+            added.push_back(pick({"include ", "include ", "exclude ", "silent "}) + place +
+                            pick({" ", " recursive "}) + pick(world.patterns) + pick({"", "", " explicit"}));
+            const bool taken = list.Add(Rule(added.back()));
+            ASSERT_EQ(tree.Add(Rule(added.back())), taken) << testing::PrintToString(added);
+        }
+        ASSERT_EQ(Testing::Words(tree), list.Words()) << testing::PrintToString(added);
+        for (const std::string& path : world.paths)
+            ASSERT_EQ(tree.GetPathSelectionType(path.c_str()), list.Ask(path))
+                << path << " in " << testing::PrintToString(added);
+    }
 }
 
 } // namespace Testing

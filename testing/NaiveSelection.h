@@ -39,4 +39,17 @@ private:
     std::vector<Placed> m_rules;
 };
 
+/// What forests of random rules are made of, and the paths that they are asked about.
+struct World
+{
+    int forests;
+    unsigned int mostRules;
+    std::vector<std::string> places, patterns, paths;
+    unsigned int lastAtRoot = 0; ///< so many rules stand at "/", behind all others
+};
+
+/// Adds each forest's rules to a tree and to a list, and expects them to keep the same rules and to give the
+/// same answers. The seed is that of the environment variable SELECTION_SEED, or another at each run.
+void CompareWithThePlainList(const World& world);
+
 } // namespace Testing

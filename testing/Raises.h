@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <string>
 
 namespace Testing {
 
@@ -20,6 +21,22 @@ std::optional<Krt::Exception::YError> CatchError(Call call)
         return error;
     }
     return std::nullopt;
+}
+
+/// The errno of the operating-system error that the call raises, or 0.
+template <class Call>
+int OsErrorOf(Call call)
+{
+    const auto error = CatchError(call);
+    return error ? error->GetOsError() : 0;
+}
+
+/// "Function: message" of what the call raises, or nothing.
+template <class Call>
+std::string ErrorOf(Call call)
+{
+    const auto error = CatchError(call);
+    return error ? error->GetFunction().Bytes() + ": " + error->GetMessage().Bytes() : std::string();
 }
 
 } // namespace Testing

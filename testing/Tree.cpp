@@ -151,4 +151,52 @@ std::string DescribeTree(const std::string& root, const TreeView& view)
     return text;
 }
 
+std::vector<TreeEntry> EveryKindOfEntry()
+{
+    const long long before1970 = -86400 * 365;
+    const long long after2038 = 4102444800;
+    std::vector<TreeEntry> entries = {
+        Dir("dir"),
+        File("dir/empty", ""),
+        File("dir/text", "some text\n"),
+        File("dir/zeros", std::string(300000, '\0')),
+        File("dir/hole in the middle", std::string(200000, '\0') + "x" + std::string(200000, '\0')),
+        File("line\nbreak", "1"),
+        File("quotes\"'`$", "2"),
+        File("back\\slash", "3"),
+        File("not \xC3\x28 utf8 \xFF\xFE", "4"),
+        File("\xEE\xBE\x80 of the private use area", "5"),
+        File(std::string(255, 'n'), "6"),
+        File("trailing blank ", "7"),
+        File("old", "8", 0644, before1970),
+        File("new", "9", 0644, after2038),
+        File("sticky", "", 01644),
+        File("setuid", "", 04755),
+        Hard("dir/second name", "setuid"),
+        File("linked", "three names"),
+        Hard("dir/linked 2", "linked"),
+        Hard("linked 3", "linked"),
+        Link("dangling", "nowhere/at all"),
+        Link("absolute", "/etc/hostname"),
+        Link("loop", "loop"),
+        Link("slash", "dir/"),
+        Link("double", "dir//text"),
+        Link("long target", std::string(2000, 't')),
+        Fifo("fifo"),
+        Dir("empty directory", 0755, before1970),
+        Dir("sticky directory", 01777),
+        Dir("read-only", 0555),
+        File("read-only/inside", "x", 0444),
+    };
+    // Each level long enough that its path in the source and in the target both just fit.
+    std::string deep = "deep";
+    entries.push_back(Dir(deep));
+    for (int level = 0; level < 10; ++level) {
+        deep += "/" + std::string(200, static_cast<char>('a' + level));
+        entries.push_back(Dir(deep));
+    }
+    entries.push_back(File(deep + "/bottom", "deep"));
+    return entries;
+}
+
 } // namespace Testing

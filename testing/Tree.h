@@ -55,6 +55,10 @@ inline TreeEntry Socket(const std::string& name)
 /// Makes the entries below `root`, in order; modes and times of directories last.
 void MakeTree(const std::string& root, const std::vector<TreeEntry>& entries);
 
+/// Entries of every kind that an ordinary user may both read and make anew, with names, contents, modes,
+/// times and depths at their limits.
+std::vector<TreeEntry> EveryKindOfEntry();
+
 /// What DescribeTree leaves out.
 struct TreeView
 {

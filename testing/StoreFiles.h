@@ -1,0 +1,69 @@
+// What stands in a store, read and written past the program.
+#pragma once
+
+#include "agent/Store/ObjectReader.h"
+#include "agent/Store/SnapshotReader.h"
+#include "agent/Store/ZstdReader.h"
+#include "agent/Store/ZstdWriter.h"
+
+#include "Backup/File/YMetadataBase.h"
+
+#include "Krt/File/File.h"
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace Testing {
+
+template <class Reader>
+std::string ReadBlocks(Reader& reader)
+{
+    std::string bytes;
+    for (auto block = reader.Next(); !block.empty(); block = reader.Next())
+        bytes.append(reinterpret_cast<const char*>(block.data()), block.size());
+    return bytes;
+}
+
+inline std::string ReadObject(const Agent::Store& store, const Agent::Address& address,
+                              unsigned long long size)
+{
+    Agent::ObjectReader reader(store);
+    reader.Open(address, size);
+    return ReadBlocks(reader);
+}
+
+/// The paths of the latest snapshot in its order, without the `root` that they begin with.
+inline std::vector<std::string> StoredPaths(const std::string& store, const std::string& root)
+{
+    const Agent::Store opened = Agent::Store::Open(store);
+    Agent::SnapshotReader reader(opened, opened.FindSnapshot("latest"));
+    std::vector<std::string> paths;
+    for (Agent::SnapshotEntry entry; reader.Next(entry);) {
+        const auto metadata = Backup::File::YMetadataBase::ConstructFromJson(entry.record);
+        const std::string path = metadata->GetFilePath(0).GetFilesystemPortion().Bytes();
+        paths.push_back(path.starts_with(root) ? path.substr(root.size()) : path);
+    }
+    return paths;
+}
+
+/// Replaces a file by what compressing these bytes gives.
+inline void WriteCompressed(const std::string& path, const std::string& bytes)
+{
+    std::filesystem::remove(path);
+    const auto file = Krt::File::Open(Krt::File::YPath(path.c_str()), Krt::File::OpenNewForWriting);
+    Agent::ZstdWriter writer;
+    writer.Begin(file);
+    writer.Append(bytes.data(), bytes.size());
+    writer.EndFrame();
+}
+
+inline std::string ReadCompressed(const std::string& path)
+{
+    const auto file = Krt::File::Open(Krt::File::YPath(path.c_str()), Krt::File::OpenForReading);
+    Agent::ZstdReader reader;
+    reader.Begin(file, "test");
+    return ReadBlocks(reader);
+}
+
+} // namespace Testing
