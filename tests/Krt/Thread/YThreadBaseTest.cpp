@@ -67,10 +67,8 @@ TEST(YThreadBase, KeepsTheErrorThatEndsItsFunction)
     YThreadBase raising([] { KRT_RAISE_AS("Work", MessageType::Volume, ErrorCode::NotFound, "lost"); }, "");
     YThreadBase throwing([] { throw std::runtime_error("no luck"); }, "");
     YThreadBase quiet([] {}, "");
-    raising.Join();
-    throwing.Join();
-    quiet.Join();
-    quiet.Join();
+    for (YThreadBase* thread : {&raising, &throwing, &quiet, &quiet})
+        thread->Join();
     EXPECT_EQ(raising.GetError().GetCode(), static_cast<unsigned int>(ErrorCode::NotFound));
     EXPECT_EQ(raising.GetError().GetMessage(), "lost");
     EXPECT_NE(throwing.GetError().GetMessage().Bytes().find("no luck"), std::string::npos);
@@ -79,23 +77,18 @@ TEST(YThreadBase, KeepsTheErrorThatEndsItsFunction)
 
 TEST(YThreadBase, CancellationReachesTheTopmostScopeAlone)
 {
-    std::latch up(2), asked(2);
     YThreadBase thread(
         [&] {
             const YCancellationScope outer;
             {
                 const YCancellationScope inner;
-                up.arrive_and_wait();
-                asked.arrive_and_wait();
+                EXPECT_FALSE(GetThread()->IsCancelRequested());
+                GetThread()->RequestCancel();
                 EXPECT_TRUE(inner.IsCancelled());
             }
             EXPECT_FALSE(outer.IsCancelled());
         },
         "");
-    up.arrive_and_wait();
-    EXPECT_FALSE(thread.IsCancelRequested());
-    thread.RequestCancel();
-    asked.arrive_and_wait();
     thread.Join();
     thread.RequestCancel();
     EXPECT_TRUE(thread.IsCancelRequested());
