@@ -21,13 +21,7 @@ std::string ThereAndBack(std::string_view bytes)
     return YValue::Parse(Quoted(bytes))->AsString().Bytes();
 }
 
-std::string Repeat(const char* text, int count)
-{
-    std::string repeated;
-    while (count-- > 0)
-        repeated += text;
-    return repeated;
-}
+const std::string Deepest(64, '[');
 
 TEST(JsonText, WritesWhatItReads)
 {
@@ -36,11 +30,8 @@ TEST(JsonText, WritesWhatItReads)
         const char* name;
         std::string text, compact;
     } rows[] = {
-        {"number", "18446744073709551615", "18446744073709551615"},
-        {"largest signed", " 9223372036854775807\n", "9223372036854775807"},
-        {"zero", "0", "0"},
-        {"bools", "[true, false]", "[true,false]"},
-        {"empty containers", R"({"a": {}, "b": [], "c": [[], {}]})", R"({"a":{},"b":[],"c":[[],{}]})"},
+        {"number", " 18446744073709551615\n", "18446744073709551615"},
+        {"empty containers", R"({"a": {}, "b": [], "c": [[0], true]})", R"({"a":{},"b":[],"c":[[0],true]})"},
         {"order", R"({"b":1,"a":2})", R"({"b":1,"a":2})"},
         {"last duplicate in the first place", R"({"a":1,"b":2,"a":"x"})", R"({"a":"x","b":2})"},
         {"null member", R"({"a":null,"b":1})", R"({"b":1})"},
@@ -53,7 +44,7 @@ TEST(JsonText, WritesWhatItReads)
         {"escaped characters", R"("\u00e9\u20AC\ud83d\ude00")", "\"\u00e9\u20ac\U0001f600\""},
         {"escaped key", R"({"\u0061\"":1})", R"({"a\"":1})"},
         {"byte in a key", "{\"\uEFFF\":1}", "{\"\uEFFF\":1}"},
-        {"deepest", Repeat("[", 64) + Repeat("]", 64), Repeat("[", 64) + Repeat("]", 64)},
+        {"deepest", Deepest + std::string(64, ']'), Deepest + std::string(64, ']')},
     };
     for (const auto& row : rows)
         EXPECT_EQ(YValue::Parse(row.text)->Stringify(true).Bytes(), row.compact) << row.name;
@@ -61,15 +52,7 @@ TEST(JsonText, WritesWhatItReads)
 
 TEST(JsonText, IndentsByTwoBlanks)
 {
-    const char* const text = "{\n"
-                             "  \"a\": [\n"
-                             "    1,\n"
-                             "    {\n"
-                             "      \"b\": \"x\"\n"
-                             "    }\n"
-                             "  ],\n"
-                             "  \"c\": {}\n"
-                             "}";
+    const char* const text = "{\n  \"a\": [\n    1,\n    {\n      \"b\": \"x\"\n    }\n  ],\n  \"c\": {}\n}";
     EXPECT_EQ(YValue::Parse(text)->Stringify(false).Bytes(), text);
 }
 
@@ -82,40 +65,25 @@ TEST(JsonText, RefusesEverythingElseAndNamesThePlace)
         unsigned int offset;
     } rows[] = {
         {"nothing", "", "incomplete JSON", 0},
-        {"blanks", "  ", "incomplete JSON", 2},
         {"open array", "[1", "incomplete JSON", 2},
-        {"open string", "\"ab", "incomplete JSON", 3},
-        {"cut word", "tru", "incomplete JSON", 3},
         {"second value", "1 2", "extra data", 2},
         {"NUL behind", std::string("1\0", 2), "extra data", 1},
         {"byte order mark", "\xEF\xBB\xBF{}", "syntax error", 0},
         {"comma at the end", "[1,]", "syntax error", 3},
         {"comment", "[/**/]", "syntax error", 1},
-        {"single quotes", "{'a':1}", "syntax error", 1},
-        {"missing colon", "{\"a\" 1}", "syntax error", 5},
-        {"leading zero", "[01]", "syntax error", 2},
-        {"leading plus", "[+1]", "syntax error", 1},
-        {"not a number", "[NaN]", "syntax error", 1},
         {"line feed in a string", "\"a\nb\"", "syntax error", 2},
-        {"unknown escape", R"("a\x")", "syntax error", 3},
         {"lone first half", R"("\ud800 and more of it")", "syntax error", 7},
-        {"stray continuation", "\"ab\x80 and more\"", "syntax error", 3},
         {"overlong slash", "\"\xC0\xAF and more\"", "syntax error", 1},
-        {"surrogate in UTF-8", "\"\xED\xA0\x80 and more\"", "syntax error", 1},
-        {"above U+10FFFF", "\"\xF4\x90\x80\x80 and more\"", "syntax error", 1},
-        {"negative", "[1, -1]", "negative number", 4},
-        {"negative zero", "[-0]", "negative number", 1},
+        {"negative zero", "[1, -0]", "negative number", 4},
         {"negative fraction", "{\"a\":-0.5}", "negative number", 5},
         {"smallest", "-9223372036854775808", "negative number", 0},
-        {"fraction", "[1.0]", "number with a fraction or an exponent", 1},
-        {"exponent", "[7, 1e2]", "number with a fraction or an exponent", 4},
-        {"huge exponent", "1E+400", "number with a fraction or an exponent", 0},
+        {"exponent", "[7, 1e+400]", "number with a fraction or an exponent", 4},
         {"65 bits", "[18446744073709551616]", "number above 64 bits", 1},
         {"many digits", "[" + std::string(400, '9') + "]", "number above 64 bits", 1},
         {"null alone", "null", "null that is no member of an object", 0},
         {"null element", "[1, null, 2]", "null that is no member of an object", 4},
-        {"too deep", Repeat("[", 65), "too deep", 64},
-        {"far too deep", Repeat("{\"a\":[", 500000), "too deep", 32 * 6},
+        {"too deep", Deepest + "{", "too deep", 64},
+        {"far too deep", "{\"a\":" + std::string(1000000, '['), "too deep", 5 + 63},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -133,13 +101,6 @@ TEST(JsonText, CarriesBytesThatAreNoText)
     } rows[] = {
         {"lone bytes", "a\x80z\xFF", "\"a\uEF80z\uEFFF\""},
         {"cut sequence", "\xE2\x82", "\"\uEFE2\uEF82\""},
-        {"cut by a character", "\xE2\x82|", "\"\uEFE2\uEF82|\""},
-        {"overlong slash", "\xC0\xAF", "\"\uEFC0\uEFAF\""},
-        {"overlong of three", "\xE0\x9F\xBF", "\"\uEFE0\uEF9F\uEFBF\""},
-        {"overlong of four", "\xF0\x8F\xBF\xBF", "\"\uEFF0\uEF8F\uEFBF\uEFBF\""},
-        {"surrogate", "\xED\xA0\x80", "\"\uEFED\uEFA0\uEF80\""},
-        {"above U+10FFFF", "\xF4\x90\x80\x80", "\"\uEFF4\uEF90\uEF80\uEF80\""},
-        {"form of five", "\xF8\x88\x80\x80\x80", "\"\uEFF8\uEF88\uEF80\uEF80\uEF80\""},
         {"first of the range", "\uEF80", "\"\uEFEE\uEFBE\uEF80\""},
         {"last of the range", "\uEFFF", "\"\uEFEE\uEFBF\uEFBF\""},
         {"below the range", "\uEF7F", "\"\uEF7F\""},
@@ -161,7 +122,8 @@ TEST(JsonText, CarriesBytesThatAreNoText)
 
 TEST(JsonText, GivesBackEveryByteString)
 {
-    // Each pair of bytes alone, then behind an escape and up to where the parser's buffer ends.
+    // Each pair of bytes alone, then what is nearly a character behind an escape, up to where the parser's
+    // buffer ends.
     for (int first = 0; first < 256; ++first) {
         for (int second = 0; second < 256; ++second) {
             const YString bytes(std::string{static_cast<char>(first), static_cast<char>(second)});
@@ -169,7 +131,9 @@ TEST(JsonText, GivesBackEveryByteString)
         }
     }
     for (std::size_t length = 4080; length < 4100; ++length) {
-        for (const char* tail : {"\xFF\xFE", "\uEF80", "\U0001f600\n", "\xF0\x9F\x98", "\x01\x02"}) {
+        for (const char* tail :
+             {"\xFF\xFE", "\uEF80", "\U0001f600\n", "\xF0\x9F\x98", "\x01\x02", "\xE0\x9F\xBF",
+              "\xF0\x8F\xBF\xBF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xF8\x88\x80\x80\x80"}) {
             const std::string bytes = "\n" + std::string(length, 'x') + tail + "end";
             ASSERT_EQ(ThereAndBack(bytes), bytes) << length << " " << tail;
         }
