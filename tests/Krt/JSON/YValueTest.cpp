@@ -14,36 +14,6 @@ using Krt::JSON::YValue;
 
 namespace {
 
-boost::shared_ptr<YValue> Share(YValue value)
-{
-    return boost::make_shared<YValue>(std::move(value));
-}
-
-boost::shared_ptr<YValue> Number(unsigned long long number)
-{
-    return Share(YValue::FromNumber(number));
-}
-
-boost::shared_ptr<YValue> Text(const char* text)
-{
-    return YValue::Create<YString>(text);
-}
-
-boost::shared_ptr<YValue> Bool(bool value)
-{
-    return Share(YValue::FromBool(value));
-}
-
-boost::shared_ptr<YValue> Array(YArray array = {})
-{
-    return YValue::Create<YArray>(std::move(array));
-}
-
-boost::shared_ptr<YValue> Object(YObject object = {})
-{
-    return Share(YValue::FromObject(std::move(object)));
-}
-
 YObject With(boost::shared_ptr<YValue> value)
 {
     YObject object;
@@ -51,13 +21,19 @@ YObject With(boost::shared_ptr<YValue> value)
     return object;
 }
 
+YObject With(const char* json)
+{
+    return With(YValue::Parse(json));
+}
+
 // "12", or the function and the text of the error.
 template <class T>
-std::string ConvertedText(const boost::shared_ptr<YValue>& value)
+std::string ConvertedText(const char* json)
 {
     std::string converted;
-    const auto error = Testing::CatchError([&] { converted = std::to_string(value->Convert<T>()); });
-    return error ? error->GetFunction().Bytes() + ": " + error->GetMessage().Bytes() : converted;
+    const std::string error =
+        Testing::ErrorOf([&] { converted = std::to_string(YValue::Parse(json)->Convert<T>()); });
+    return error + converted;
 }
 
 TEST(YValue, ConvertsByGenerousRules)
@@ -70,80 +46,64 @@ TEST(YValue, ConvertsByGenerousRules)
     const struct
     {
         const char* name;
-        boost::shared_ptr<YValue> value;
+        const char* json;
         std::string asUnsigned, asLong, asBool;
     } rows[] = {
-        {"zero", Number(0), "0", "0", "0"},
-        {"two", Number(2), "2", "2", "1"},
-        {"largest of 32 bits", Number(4294967295), "4294967295", "4294967295", "1"},
-        {"one more", Number(4294967296), overflow, "4294967296", "1"},
-        {"largest", Number(~0ULL), overflow, "18446744073709551615", "1"},
-        {"true", Bool(true), "1", "1", "1"},
-        {"false", Bool(false), "0", "0", "0"},
-        {"digits", Text("12"), "12", "12", "1"},
-        {"digits and more", Text("7 bytes"), "7", "7", noNumber},
-        {"digits of 33 bits", Text("4294967296"), noNumber, "4294967296", noNumber},
-        {"word of truth", Text("Yes"), noNumber, noNumber, "1"},
-        {"word of untruth", Text("false"), noNumber, noNumber, "0"},
-        {"empty text", Text(""), noNumber, noNumber, noBool},
-        {"array", Array(), no32, no64, noBool},
-        {"object", Object(), no32, no64, noBool},
+        {"zero", "0", "0", "0", "0"},
+        {"two", "2", "2", "2", "1"},
+        {"largest of 32 bits", "4294967295", "4294967295", "4294967295", "1"},
+        {"one more", "4294967296", overflow, "4294967296", "1"},
+        {"largest", "18446744073709551615", overflow, "18446744073709551615", "1"},
+        {"true", "true", "1", "1", "1"},
+        {"false", "false", "0", "0", "0"},
+        {"digits", R"("12")", "12", "12", "1"},
+        {"digits and more", R"("7 bytes")", "7", "7", noNumber},
+        {"digits of 33 bits", R"("4294967296")", noNumber, "4294967296", noNumber},
+        {"word of truth", R"("Yes")", noNumber, noNumber, "1"},
+        {"word of untruth", R"("false")", noNumber, noNumber, "0"},
+        {"empty text", R"("")", noNumber, noNumber, noBool},
+        {"array", "[]", no32, no64, noBool},
+        {"object", "{}", no32, no64, noBool},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        EXPECT_EQ(ConvertedText<unsigned int>(row.value), row.asUnsigned);
-        EXPECT_EQ(ConvertedText<unsigned long long>(row.value), row.asLong);
-        EXPECT_EQ(ConvertedText<bool>(row.value), row.asBool);
+        EXPECT_EQ(ConvertedText<unsigned int>(row.json), row.asUnsigned);
+        EXPECT_EQ(ConvertedText<unsigned long long>(row.json), row.asLong);
+        EXPECT_EQ(ConvertedText<bool>(row.json), row.asBool);
     }
 }
 
 TEST(YValue, GivesItsContentAsItsOwnKindAlone)
 {
-    const boost::shared_ptr<YValue> values[] = {Number(1), Bool(true), Text("x"), Array(), Object()};
+    const char* const values[] = {"1", "true", R"("x")", "[]", "{}"};
     const struct
     {
-        const char* kind;
-        const char* function;
+        std::string kind;
         std::function<void(const YValue&)> access;
+        const char* function;
     } rows[] = {
-        {"number", "AsNumber",
-         [](const YValue& value) {
-             value.AsNumber();
-         }},
-        {"bool", "AsBool",
-         [](const YValue& value) {
-             value.AsBool();
-         }},
-        {"string", "AsString",
-         [](const YValue& value) {
-             value.AsString();
-         }},
-        {"array", "AsArray",
-         [](const YValue& value) {
-             value.AsArray();
-         }},
-        {"object", "AsObject",
-         [](const YValue& value) {
-             value.AsObject();
-         }},
+        {"number", [](const YValue& value) { value.AsNumber(); }, "AsNumber"},
+        {"bool", [](const YValue& value) { value.AsBool(); }, "AsBool"},
+        {"string", [](const YValue& value) { value.AsString(); }, "AsString"},
+        {"array", [](const YValue& value) { value.AsArray(); }, "AsArray"},
+        {"object", [](const YValue& value) { value.AsObject(); }, "AsObject"},
     };
     for (std::size_t wanted = 0; wanted < std::size(rows); ++wanted) {
         for (std::size_t actual = 0; actual < std::size(values); ++actual) {
             if (wanted == actual) {
-                EXPECT_NO_THROW(rows[wanted].access(*values[actual]));
+                EXPECT_NO_THROW(rows[wanted].access(*YValue::Parse(values[actual])));
                 continue;
             }
-            EXPECT_RAISES_ON(rows[wanted].access(*values[actual]), MessageType::Runtime,
+            EXPECT_RAISES_ON(rows[wanted].access(*YValue::Parse(values[actual])), MessageType::Runtime,
                              ErrorCode::InvalidState, rows[wanted].function,
-                             std::string("JSON value is no ") + rows[wanted].kind +
-                                 ", but: " + rows[actual].kind);
+                             "JSON value is no " + rows[wanted].kind + ", but: " + rows[actual].kind);
         }
     }
 }
 
 TEST(YValue, ConvertsOnceAndKeepsTheTypeOfTheFirstRead)
 {
-    const YObject object = With(Text("12"));
+    const YObject object = With(R"("12")");
     const unsigned int& first = object.Get<unsigned int>("key", MessageType::Runtime);
     EXPECT_EQ(first, 12u);
     EXPECT_EQ(&first, &object.Get<unsigned int>("key", MessageType::Runtime));
@@ -155,53 +115,40 @@ TEST(YValue, ConvertsOnceAndKeepsTheTypeOfTheFirstRead)
     // Texts and arrays are never cached.
     EXPECT_EQ(&object.Get<YString>("key", MessageType::Runtime), &object.FindOpt("key")->AsString());
     // A read that fails leaves the cache empty.
-    const YObject word = With(Text("true"));
+    const YObject word = With(R"("true")");
     EXPECT_TRUE(Testing::CatchError([&] { word.Get<unsigned int>("key", MessageType::Runtime); }));
     EXPECT_TRUE(word.Get<bool>("key", MessageType::Runtime));
 }
 
 TEST(YValue, ReadsAnEmptyArrayAsAnEmptyObject)
 {
-    const YObject empty = With(Array());
-    EXPECT_TRUE(empty.Get<YObject>("key", MessageType::Runtime).Entries().empty());
+    const YObject empty = With("[]");
     EXPECT_TRUE(empty.Get<YObject>("key", MessageType::Runtime).Entries().empty());
     EXPECT_TRUE(empty.Get<YArray>("key", MessageType::Runtime).empty());
-    EXPECT_EQ(With(Object(With(Number(1)))).Get<YObject>("key", MessageType::Runtime).Entries().size(), 1u);
-    EXPECT_RAISES_ON(With(Array({Number(1)})).Get<YObject>("key", MessageType::Runtime), MessageType::Runtime,
-                     ErrorCode::InvalidState, "AsObject", "JSON value is no object, but: array");
+    EXPECT_EQ(With(R"({"key":1})").Get<YObject>("key", MessageType::Runtime).Entries().size(), 1u);
 }
 
 TEST(YObject, LogsAFailedReadAndPassesItOn)
 {
     const Testing::LogCapture log({"Runtime"});
-    const YObject object = With(Array({Number(1)}));
-    const std::pair<std::string, std::function<void()>> rows[] = {
-        {"Unable to convert uint64_t",
-         [&] {
-             object.Get<unsigned long long>("key", MessageType::Runtime);
-         }},
-        {"JSON value is no string, but: array",
-         [&] {
-             object.Get<YString>("key", MessageType::Runtime);
-         }},
-        {"JSON value is no object, but: array",
-         [&] {
-             object.Get<YObject>("key", MessageType::Runtime);
-         }},
-        {"JSON object has no key \"other\"",
-         [&] {
-             object.Get<YArray>("other", MessageType::Runtime);
-         }},
+    const YObject object = With("[1]");
+    const std::function<void()> get[] = {
+        [&] { object.Get<unsigned long long>("key", MessageType::Runtime); },
+        [&] { object.Get<YString>("key", MessageType::Runtime); },
+        [&] { object.Get<YObject>("key", MessageType::Runtime); },
+        [&] { object.Get<YArray>("other", MessageType::Runtime); },
     };
-    for (const auto& [text, read] : rows) {
-        const auto error = Testing::CatchError(read);
-        ASSERT_TRUE(error) << text;
-        EXPECT_EQ(error->GetMessage().Bytes(), text);
-        EXPECT_EQ(log.Texts().back().rfind("YObject: " + text, 0), 0u) << log.Texts().back();
+    const std::string texts[] = {"Unable to convert uint64_t", "JSON value is no string, but: array",
+                                 "JSON value is no object, but: array", "JSON object has no key \"other\""};
+    for (std::size_t i = 0; i < std::size(texts); ++i) {
+        const auto error = Testing::CatchError(get[i]);
+        ASSERT_TRUE(error) << texts[i];
+        EXPECT_EQ(error->GetMessage().Bytes(), texts[i]);
+        EXPECT_TRUE(log.Texts().back().starts_with("YObject: " + texts[i])) << log.Texts().back();
     }
     EXPECT_FALSE(object.FindOpt("other"));
     EXPECT_TRUE(Testing::CatchError([&] { object.Get<bool>("other", MessageType::FileIo); }));
-    EXPECT_EQ(log.Lines().size(), std::size(rows)); // the others log nothing
+    EXPECT_EQ(log.Lines().size(), std::size(texts)); // the others log nothing
     EXPECT_RAISES_ON(object.Find("other", MessageType::FileIo), MessageType::FileIo, ErrorCode::NotFound,
                      "Find", "JSON object has no key \"other\"");
 }
@@ -235,10 +182,12 @@ TEST(YObject, KeepsTheOrderAndFindsEachKeySmallOrLarge)
 TEST(YValue, DeepChainsAreWrittenAndDestroyedWithoutRecursion)
 {
     constexpr int Depth = 1000000;
-    boost::shared_ptr<YValue> chain = Number(1);
+    boost::shared_ptr<YValue> chain = YValue::Parse("1");
+    const boost::shared_ptr<YValue> zero = YValue::Parse("0");
     boost::shared_ptr<YValue> middle;
     for (int i = 0; i < Depth; ++i) {
-        chain = i % 2 ? Array({Number(0), chain}) : Object(With(chain));
+        chain = i % 2 ? YValue::Create<YArray>(YArray{zero, chain})
+                      : boost::make_shared<YValue>(YValue::FromObject(With(chain)));
         if (i == Depth / 2)
             middle = chain;
     }
