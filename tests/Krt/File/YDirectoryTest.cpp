@@ -19,16 +19,12 @@ using Krt::ErrorCode;
 using Krt::MessageType;
 using Krt::YString;
 using Testing::CatchError;
+using Testing::OsErrorOf;
 namespace fs = std::filesystem;
 
 class YDirectoryTest : public testing::Test
 {
 protected:
-    static int OsErrorOf(const std::function<void()>& call)
-    {
-        const auto error = CatchError(call);
-        return error ? error->GetOsError() : 0;
-    }
     std::multiset<std::string> Names() const
     {
         std::multiset<std::string> names;
@@ -52,14 +48,12 @@ TEST_F(YDirectoryTest, RefusesWhatIsNotOneComponent)
                  [&] { m_directory.OpenDirectory(name); }, [&] { m_directory.CreateFile(name); },
                  [&] { m_directory.RemoveDirectory(name); }, [&] { m_directory.SetMode(name, 0); },
                  [&] { m_directory.Rename("a", m_directory, name); },
-                 [&] { m_directory.MakeHardLink(m_directory, name, "x"); },
+                 [&] { m_directory.GetExtendedAttributeMap(name); },
                  [&] {
-                     m_directory.GetExtendedAttributeMap(name);
-                 }}) {
-            const auto error = CatchError(operation);
-            ASSERT_TRUE(error.has_value()) << name.CStr();
-            EXPECT_EQ(error->GetCode(), ErrorCode::InvalidArgument) << name.CStr();
-        }
+                     m_directory.MakeHardLink(m_directory, name, "x");
+                 }})
+            EXPECT_NE(Testing::ErrorOf(operation).find(": Not the name of an entry: '"), std::string::npos)
+                << name.CStr();
     }
     EXPECT_TRUE(fs::exists(m_temporary / "a/b"));
     m_directory.MakeDirectory("...", 0700);
@@ -151,8 +145,7 @@ TEST_F(YDirectoryTest, ListsWithoutTheRightToSearch)
         const YDirectory directory = YDirectory::Open(YPath(m_temporary.Path().c_str()));
         int count = 0;
         directory.VisitEntries([&](const DirectoryEntry&) { return ++count > 0; });
-        const auto error = CatchError([&] { directory.Stat("file"); });
-        return count == 1 && error && error->GetOsError() == EACCES;
+        return count == 1 && OsErrorOf([&] { directory.Stat("file"); }) == EACCES;
     }));
 }
 
