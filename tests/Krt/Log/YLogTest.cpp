@@ -4,19 +4,15 @@
 #include "Krt/Log/LogSite.h"
 #include "Krt/Thread/Thread.h"
 #include "Krt/Util/Numbers.h"
+#include "testing/FileSizeLimit.h"
 #include "testing/LogCapture.h"
 #include "testing/Raises.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <map>
 #include <regex>
-#include <sstream>
-#include <thread>
 
 using namespace Krt;
 using Log::YLog;
@@ -135,58 +131,20 @@ TEST(YLogTest, LineIsDecoratedAndControlCharactersAreEscaped)
     EXPECT_EQ(match[1].str(), "a\\nb\\r\\t\\x1b[2J\\x7f\\x00|\\n \xC3\xA4 \\xc2\\x85 \xFF.");
 }
 
-TEST(YLogTest, ManyThreadsAndAReopenLeaveWholeLines)
-{
-    const Testing::TemporaryDirectory directory;
-    YLog log;
-    log.Open(At(directory / "log"));
-    constexpr int threads = 4;
-    constexpr int messages = 300;
-    std::vector<std::thread> speakers;
-    for (int thread = 0; thread < threads; ++thread) {
-        speakers.emplace_back([&log, thread] {
-            for (int i = 0; i < messages; ++i)
-                log.GetThreadSpecificContext() << "thread " << thread << " says " << i << Modifiers::EndLine;
-        });
-    }
-    log.Close();
-    log.Open(At(directory / "log"));
-    for (std::thread& speaker : speakers)
-        speaker.join();
-
-    std::istringstream lines(Testing::ReadFile(directory / "log"));
-    const std::regex shape("\\S+ INFO thread (\\d) says (\\d+)");
-    std::map<int, int> next;
-    unsigned long long count = 0;
-    for (std::string line; std::getline(lines, line); ++count) {
-        std::smatch match;
-        ASSERT_TRUE(std::regex_match(line, match, shape)) << line;
-        int& expected = next[std::stoi(match[1])];
-        EXPECT_GE(std::stoi(match[2]), expected);
-        expected = std::stoi(match[2]) + 1;
-    }
-    EXPECT_EQ(count + log.GetDroppedCount(), static_cast<unsigned long long>(threads) * messages);
-}
-
 TEST(YLogTest, OpenRefusesWhatIsNotItsOwnFile)
 {
     const Testing::TemporaryDirectory directory;
     const std::string target = directory.Write("target", "kept\n");
     ASSERT_EQ(symlink(target.c_str(), (directory / "link").c_str()), 0);
-    struct
-    {
-        const char* name;
-        int error;
-    } const rows[] = {{"link", ELOOP}, {"missing/log", ENOENT}, {".", EISDIR}};
+    ASSERT_EQ(mkfifo((directory / "fifo").c_str(), 0600), 0);
+    const std::pair<std::string, int> rows[] = {
+        {"link", ELOOP}, {"missing/log", ENOENT}, {".", EISDIR}, {"fifo", ENXIO}};
     YLog log;
     for (const auto& row : rows) {
         log.Open(At(target));
-        const std::string path = directory / row.name;
-        const auto error = Testing::CatchError([&] { log.Open(At(path)); });
-        ASSERT_TRUE(error) << row.name;
-        EXPECT_EQ(error->GetOsError(), row.error) << row.name;
-        EXPECT_STREQ(error->GetFunction().CStr(), "Open");
-        EXPECT_FALSE(log.IsOpen()) << row.name;
+        const std::string path = directory / row.first;
+        EXPECT_EQ(Testing::OsErrorOf([&] { log.Open(At(path)); }), row.second) << row.first;
+        EXPECT_FALSE(log.IsOpen()) << row.first;
     }
     Say(log, "nobody hears");
     EXPECT_EQ(log.GetDroppedCount(), 1U);
@@ -223,30 +181,12 @@ TEST(YLogTest, LineCutShortIsTakenBackAndCounted)
     Say(log, "first");
     const std::string before = Testing::ReadFile(directory / "log");
 
-    rlimit limit;
-    getrlimit(RLIMIT_FSIZE, &limit);
-    const rlimit tight = {before.size() + 10, limit.rlim_max};
-    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-    setrlimit(RLIMIT_FSIZE, &tight);
-    Say(log, "doesn't fit");
-    setrlimit(RLIMIT_FSIZE, &limit);
-    std::signal(SIGXFSZ, handler);
-
+    {
+        const Testing::FileSizeLimit limit(before.size() + 10);
+        Say(log, "doesn't fit");
+    }
     EXPECT_EQ(Testing::ReadFile(directory / "log"), before);
     EXPECT_EQ(log.GetDroppedCount(), 1U);
     Say(log, "third");
     EXPECT_NE(Testing::ReadFile(directory / "log").find(" third\n"), std::string::npos);
-}
-
-TEST(YLogTest, ConsoleCopyIsTheSameLine)
-{
-    const Testing::TemporaryDirectory directory;
-    YLog log;
-    YLog::Param param = At(directory / "log");
-    param.copyToConsole = true;
-    testing::internal::CaptureStderr();
-    log.Open(param);
-    Say(log, "both");
-    log.Close();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), Testing::ReadFile(directory / "log"));
 }
