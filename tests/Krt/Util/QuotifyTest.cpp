@@ -12,11 +12,7 @@ using Krt::Util::QuotifyEx;
 TEST(QuotifyTest, AShellGivesEachTextBack)
 {
     const Testing::TemporaryDirectory directory;
-    const struct
-    {
-        const char* name;
-        const char* text;
-    } rows[] = {
+    const std::pair<const char*, const char*> rows[] = {
         {"empty", ""},
         {"marks at both ends", "'\"a\"'"},
         {"commands", "$(touch x) `touch x` ; touch x & | > x"},
@@ -25,13 +21,12 @@ TEST(QuotifyTest, AShellGivesEachTextBack)
         {"lines", "a\nb\r\n\tc\n"},
         {"option and no letters", "--\xFF\xC3\xA4"},
     };
-    for (const auto& row : rows) {
+    for (const auto& [name, text] : rows) {
         for (const char quote : {'"', '\''}) {
             const std::string output = directory / "output";
-            const std::string command =
-                "printf %s " + QuotifyEx(row.text, quote).Bytes() + " >'" + output + "'";
-            ASSERT_EQ(std::system(command.c_str()), 0) << row.name << quote;
-            EXPECT_EQ(Testing::ReadFile(output), row.text) << row.name << quote;
+            const std::string command = "printf %s " + QuotifyEx(text, quote).Bytes() + " >'" + output + "'";
+            ASSERT_EQ(std::system(command.c_str()), 0) << name << quote;
+            EXPECT_EQ(Testing::ReadFile(output), text) << name << quote;
         }
     }
     EXPECT_EQ(QuotifyEx("a|\\\"$`", '|').Bytes(), "|a\\|\\\\\"$`|") << "for readers other than shells";
