@@ -38,40 +38,44 @@ TEST(YHeapTest, ReportsEachChangeOfSizeBeforeItTakesPlace)
     EXPECT_EQ(reports, (Reports{{0, 3}, {3, 5}, {0, 1}, {5, 0}, {0, 0}, {1, Huge}, {0, 0}, {1, 0}}));
 }
 
-TEST(YHeapTest, ResizeKeepsWhatStaysAndZeroesWhatComes)
+TEST(YHeapTest, KeepsWhatStaysAndZeroesWhatComes)
 {
     YHeap<char> heap("abc", 3);
+    const auto bytes = [](YHeap<char>& of) {
+        return std::string(of.Cast<char>(), of.Size());
+    };
     heap.Resize(5);
-    EXPECT_EQ(std::string(heap.Cast<char>(), 5), std::string("abc\0\0", 5));
+    EXPECT_EQ(bytes(heap), std::string("abc\0\0", 5));
     heap.Resize(2);
-    EXPECT_EQ(std::string(heap.Cast<char>(), heap.Size()), "ab");
-
+    EXPECT_EQ(bytes(heap), "ab");
     EXPECT_RAISES(heap.Resize(Huge), ErrorCode::OutOfMemory, "Resize",
                   "Failed to resize to 18446744073709551615 vector::reserve");
-    EXPECT_EQ(std::string(heap.Cast<char>(), heap.Size()), "ab");
+    YHeap<char> copy = heap;
+    copy.Copy(1, "X", 1);
+    EXPECT_EQ(bytes(heap), "ab");
+    copy = std::move(heap);
+    EXPECT_EQ(heap.Size(), 0U);
+    YHeap<char>& itself = copy;
+    copy = std::move(itself);
+    EXPECT_EQ(bytes(copy), "ab");
 }
 
 TEST(YHeapTest, RangesMustLieInside)
 {
     Bytes heap("0123456789", 10);
     Bytes empty;
-    const auto offset = [](Bytes& target, unsigned long at, unsigned long length) {
-        return [&target, at, length] {
-            target.RawOffset<char>(at, length);
-        };
-    };
     const struct
     {
         const char* name;
         std::function<void()> call;
         const char* failing; // the function that the error names; null for success
     } cases[] = {
-        {"offset at the end", offset(heap, 10, 0), nullptr},
-        {"offset behind the end", offset(heap, 11, 0), "RawOffset"},
-        {"a byte behind the end", offset(heap, 10, 1), "RawOffset"},
-        {"offset and length that wrap", offset(heap, 2, Huge), "RawOffset"},
-        {"no byte of an empty heap", offset(empty, 0, 0), "Cast"},
-        {"offset behind an empty heap", offset(empty, 1, 0), "RawOffset"},
+        {"offset at the end", [&] { heap.RawOffset<char>(10, 0); }, nullptr},
+        {"offset behind the end", [&] { heap.RawOffset<char>(11, 0); }, "RawOffset"},
+        {"a byte behind the end", [&] { heap.RawOffset<char>(10, 1); }, "RawOffset"},
+        {"offset and length that wrap", [&] { heap.RawOffset<char>(2, Huge); }, "RawOffset"},
+        {"no byte of an empty heap", [&] { empty.RawOffset<char>(0, 0); }, "Cast"},
+        {"offset behind an empty heap", [&] { empty.RawOffset<char>(1, 0); }, "RawOffset"},
         {"copy of nothing into nothing", [&] { empty.Copy(0, nullptr, 0); }, nullptr},
         {"copy of nothing behind the end", [&] { heap.Copy(11, nullptr, 0); }, "Copy"},
         {"copy beyond the end", [&] { heap.Copy(8, "abc", 3); }, "Copy"},
@@ -84,23 +88,8 @@ TEST(YHeapTest, RangesMustLieInside)
         if (raised && failing != nullptr) {
             EXPECT_EQ(raised->GetFunction(), failing) << name;
             EXPECT_EQ(raised->GetCode(), ErrorCode::InvalidArgument) << name;
-            EXPECT_EQ(raised->GetFile(), "Krt/Memory/YHeap") << name;
         }
     }
-}
-
-TEST(YHeapTest, CopiesAndMoves)
-{
-    Bytes source("abc", 3);
-    Bytes copy = source;
-    copy.Copy(1, "X", 1);
-    EXPECT_STREQ(std::string(source.Cast<char>(), 3).c_str(), "abc");
-    copy = std::move(source);
-    EXPECT_EQ(source.Size(), 0U);
-    EXPECT_EQ(std::string(copy.Cast<char>(), copy.Size()), "abc");
-    Bytes& itself = copy;
-    copy = std::move(itself);
-    EXPECT_EQ(copy.Size(), 3U);
 }
 
 TEST(YHeapTest, AnEmptyHeapIsNoPointer)
