@@ -3,12 +3,12 @@
 #include "testing/OrdinaryUser.h"
 #include "testing/ProcessRecorder.h"
 #include "testing/Raises.h"
+#include "testing/RunningProgram.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <fcntl.h>
 
 #include <csignal>
-#include <filesystem>
 #include <pthread.h>
 
 using namespace Krt;
@@ -19,13 +19,6 @@ namespace {
 int Shell(const YString& script, const YString& argument = "")
 {
     return ExecuteProcess("/bin/sh", {"-c", script, "sh", argument});
-}
-
-TEST(ProcessTest, StatusTellsHowTheProgramEnded)
-{
-    EXPECT_EQ(Shell("exit 0"), 0);
-    EXPECT_EQ(Shell("exit 203"), 203);
-    EXPECT_EQ(Shell("kill -KILL $$"), 128 + SIGKILL);
 }
 
 TEST(ProcessTest, ArgumentsArriveAsTheyAre)
@@ -81,43 +74,8 @@ TEST(ProcessTest, OnlyAnOrdinaryUserNeedsHelpForRootsRights)
         EXPECT_TRUE(runs(true, {"/a=b/c", "-x", "y z"}));
     }
     SetProcessRunnerForTesting({});
-    EXPECT_EQ(Shell("exit 3"), 3);
+    EXPECT_EQ(Shell("exit 203"), 203);
 }
-
-// A process that runs the program `name` until it is killed.
-class Sleeper
-{
-public:
-    explicit Sleeper(const std::string& name)
-    {
-        const std::string program = m_directory / name;
-        std::filesystem::copy_file("/bin/sleep", program);
-        int ready[2];
-        EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
-        m_child = fork();
-        if (m_child == 0) {
-            execl(program.c_str(), program.c_str(), "600", nullptr);
-            _exit(1);
-        }
-        close(ready[1]);
-        char none;
-        EXPECT_EQ(read(ready[0], &none, 1), 0) << "the pipe closes when the program begins";
-        close(ready[0]);
-    }
-    ~Sleeper() { Kill(0); }
-    // WNOWAIT leaves it to be waited for.
-    void Kill(int options) const
-    {
-        siginfo_t info;
-        kill(m_child, SIGKILL);
-        waitid(P_PID, static_cast<id_t>(m_child), &info, WEXITED | options);
-    }
-    int Id() const { return m_child; }
-
-private:
-    Testing::TemporaryDirectory m_directory;
-    pid_t m_child;
-};
 
 // No other test that runs meanwhile has processes of these names.
 const std::string s_own = std::to_string(getpid());
@@ -128,7 +86,7 @@ TEST(ProcessTest, FindsRunningProgramsByTheirWholeName)
     for (const std::string& name : {s_own + "-short", asLongAsTheKernelKeeps, s_own + "-longer-than-that",
                                     s_own + " a) R (", s_own + "\xC3\xA4\xFF"}) {
         SCOPED_TRACE(name);
-        const Sleeper sleeper(name);
+        const Testing::RunningProgram sleeper(name);
         const YString found(name.c_str());
         EXPECT_EQ(FindProcessByName(found, false), sleeper.Id());
         const YString cut(name.substr(0, name.size() - 1).c_str());
