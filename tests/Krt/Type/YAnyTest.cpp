@@ -19,27 +19,15 @@ TEST(YAny, GivesTheHeldTypeAlone)
     EXPECT_EQ(&held.Cast<YString>(), &YAny::Cast<YString>(&held));
     YAny number(7u);
     YAny empty;
-    const std::pair<const char*, std::function<void()>> rows[] = {
-        {"another type",
-         [&] {
-             held.Cast<bool>();
-         }},
-        {"a type of the same size",
-         [&] {
-             number.Cast<int>();
-         }},
-        {"empty",
-         [&] {
-             empty.Cast<bool>();
-         }},
-        {"null",
-         [] {
-             YAny::Cast<bool>(nullptr);
-         }},
+    const std::pair<std::function<void()>, const char*> rows[] = {
+        {[&] { held.Cast<bool>(); }, "another type"},
+        {[&] { number.Cast<int>(); }, "a type of the same size"},
+        {[&] { empty.Cast<bool>(); }, "empty"},
+        {[] { YAny::Cast<bool>(nullptr); }, "null"},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.first);
-        EXPECT_RAISES_ON(row.second(), MessageType::Runtime, ErrorCode::InvalidArgument, "Cast",
+        SCOPED_TRACE(row.second);
+        EXPECT_RAISES_ON(row.first(), MessageType::Runtime, ErrorCode::InvalidArgument, "Cast",
                          "Unable to cast ");
     }
 }
