@@ -3,13 +3,13 @@
 #include "testing/LogCapture.h"
 #include "testing/OrdinaryUser.h"
 #include "testing/Raises.h"
+#include "testing/ScriptedTransfers.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <fcntl.h>
-#include <filesystem>
-#include <sys/syscall.h>
+#include <sys/stat.h>
 #include <thread>
 #include <vector>
 
@@ -18,55 +18,17 @@ namespace {
 using namespace Backup::File;
 using Krt::ErrorCode;
 using Krt::MessageType;
-namespace fs = std::filesystem;
 
 YPath At(const std::string& path)
 {
     return YPath(path.c_str());
 }
 
-// What the next transfers on the scripted descriptor give: a result, and the errno it leaves (0 leaves it
-// alone).
-struct Transfer
-{
-    ssize_t result;
-    int error;
-};
-int g_scriptedDescriptor = -1;
-std::vector<Transfer> g_script;
-std::vector<std::size_t> g_counts;
-
-ssize_t NextTransfer(std::size_t count)
-{
-    g_counts.push_back(count);
-    const Transfer transfer = g_script.at(0);
-    g_script.erase(g_script.begin());
-    if (transfer.error != 0)
-        errno = transfer.error;
-    return transfer.result;
-}
-
-} // namespace
-
-extern "C" {
-[[gnu::visibility("default")]] ssize_t write(int fd, const void* data, size_t count)
-{
-    return fd >= 0 && fd == g_scriptedDescriptor ? NextTransfer(count) : syscall(SYS_write, fd, data, count);
-}
-[[gnu::visibility("default")]] ssize_t read(int fd, void* data, size_t count)
-{
-    return fd >= 0 && fd == g_scriptedDescriptor ? NextTransfer(count) : syscall(SYS_read, fd, data, count);
-}
-}
-
-namespace {
-
 struct TransferRow
 {
     const char* name;
     int errnoBefore;
-    std::vector<Transfer> script;
-    unsigned int count;
+    std::vector<Testing::ScriptedTransfers::Transfer> script;
     std::vector<std::size_t> counts; // asked for, call by call
     int raised;                      // 0: none
     unsigned int read;               // what Read returns if it doesn't raise
@@ -74,27 +36,20 @@ struct TransferRow
 
 // Runs Write or Read over each row's script.
 template <class Call>
-void RunTransfers(const std::vector<TransferRow>& rows, const char* function, const char* text, Call call)
+void RunTransfers(const std::vector<TransferRow>& rows, const std::string& told, Call call)
 {
-    const Testing::TemporaryDirectory directory;
-    const int fd = open(directory.Write("file", "x").c_str(), O_RDWR | O_CLOEXEC);
+    const int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const TransferRow& row : rows) {
         SCOPED_TRACE(row.name);
-        g_script = row.script;
-        g_counts.clear();
-        g_scriptedDescriptor = fd;
+        const Testing::ScriptedTransfers script(fd, row.script);
         unsigned int result = 0;
         errno = row.errnoBefore;
-        const auto error = Testing::CatchError([&] { result = call(fd, row.count); });
-        g_scriptedDescriptor = -1;
+        const auto error =
+            Testing::CatchError([&] { result = call(fd, static_cast<unsigned int>(row.counts[0])); });
         EXPECT_EQ(error ? error->GetOsError() : 0, row.raised);
-        EXPECT_EQ(g_counts, row.counts);
-        if (error) {
-            EXPECT_EQ(error->GetFunction().Bytes(), function);
-            EXPECT_EQ(error->GetMessage().Bytes(), text);
-        } else {
-            EXPECT_EQ(result, row.read);
-        }
+        EXPECT_EQ(error ? (error->GetFunction() + ": " + error->GetMessage()).Bytes() : told, told);
+        EXPECT_EQ(script.counts, row.counts);
+        EXPECT_EQ(result, row.read);
     }
     close(fd);
 }
@@ -104,16 +59,15 @@ unsigned char g_data[16] = {};
 TEST(FilePrimitives, WriteTakesShortResultsByErrnoAlone)
 {
     const std::vector<TransferRow> rows = {
-        {"whole", 0, {{8, 0}}, 8, {8}, 0, 0},
-        {"nothing to do", 0, {{0, 0}}, 0, {0}, 0, 0},
-        {"short without an error", ENOSPC, {{3, 0}}, 8, {8}, ENOSPC, 0},
-        {"short with an old interruption", EINTR, {{3, 0}, {5, 0}}, 8, {8, 5}, 0, 0},
-        {"first call fails", 0, {{-1, EIO}}, 8, {8}, EIO, 0},
-        {"first call interrupted", 0, {{-1, EINTR}}, 8, {8}, EINTR, 0},
-        {"interrupted after progress", EINTR, {{3, 0}, {-1, EINTR}, {6, 0}}, 8, {8, 5, 6}, 0, 0},
-        {"fails after progress", EINTR, {{3, 0}, {-1, ENOSPC}}, 8, {8, 5}, ENOSPC, 0},
+        {"nothing to do", 0, {{0, 0}}, {0}, 0, 0},
+        {"short without an error", ENOSPC, {{3, 0}}, {8}, ENOSPC, 0},
+        {"short with an old interruption", EINTR, {{3, 0}, {5, 0}}, {8, 5}, 0, 0},
+        {"first call fails", 0, {{-1, EIO}}, {8}, EIO, 0},
+        {"first call interrupted", 0, {{-1, EINTR}}, {8}, EINTR, 0},
+        {"interrupted after progress", EINTR, {{3, 0}, {-1, EINTR}, {6, 0}}, {8, 5, 6}, 0, 0},
+        {"fails after progress", EINTR, {{3, 0}, {-1, ENOSPC}}, {8, 5}, ENOSPC, 0},
     };
-    RunTransfers(rows, "Write", "Could not write to file", [](int fd, unsigned int count) {
+    RunTransfers(rows, "Write: Could not write to file", [](int fd, unsigned int count) {
         Write(fd, 0, g_data, count);
         return 0u;
     });
@@ -122,13 +76,12 @@ TEST(FilePrimitives, WriteTakesShortResultsByErrnoAlone)
 TEST(FilePrimitives, ReadEndsAtAShortResult)
 {
     const std::vector<TransferRow> rows = {
-        {"whole", 0, {{8, 0}}, 8, {8}, 0, 8},
-        {"end of the file", ENOENT, {{3, 0}}, 8, {8}, 0, 3},
-        {"short with an old interruption", EINTR, {{3, 0}, {5, 0}}, 8, {8, 5}, 0, 8},
-        {"first call fails", 0, {{-1, EIO}}, 8, {8}, EIO, 0},
-        {"fails after progress", EINTR, {{3, 0}, {-1, EIO}}, 8, {8, 5}, 0, 2},
+        {"end of the file", ENOENT, {{3, 0}}, {8}, 0, 3},
+        {"short with an old interruption", EINTR, {{3, 0}, {5, 0}}, {8, 5}, 0, 8},
+        {"first call fails", 0, {{-1, EIO}}, {8}, EIO, 0},
+        {"fails after progress", EINTR, {{3, 0}, {-1, EIO}}, {8, 5}, 0, 2},
     };
-    RunTransfers(rows, "Read", "Could not read from file",
+    RunTransfers(rows, "Read: Could not read from file",
                  [](int fd, unsigned int count) { return Read(fd, 0, g_data, count); });
 }
 
@@ -185,11 +138,9 @@ TEST(FilePrimitives, SizeOfAMissingFileIsLoggedAndZero)
     const Testing::TemporaryDirectory directory;
     const Testing::LogCapture log({"FileInfo"});
     EXPECT_EQ(GetFileSize(At(directory / "missing")), 0u);
-    const std::vector<std::string> texts = log.Texts();
-    ASSERT_EQ(texts.size(), 1u);
-    EXPECT_TRUE(
-        texts[0].starts_with("FileInfo: Failed to get file size for file " + directory / "missing" + " "))
-        << texts[0];
+    const std::string text = log.Texts().at(0);
+    EXPECT_TRUE(text.starts_with("FileInfo: Failed to get file size for file " + directory / "missing" + " "))
+        << text;
 }
 
 TEST(FilePrimitives, SpecialFiles)
@@ -204,7 +155,7 @@ TEST(FilePrimitives, SpecialFiles)
     EXPECT_FALSE(IsSpecialFile(At(directory / "link")));
     EXPECT_FALSE(IsSpecialFile(At(directory.Write("file", "x"))));
     EXPECT_FALSE(IsSpecialFile(At(directory.Path())));
-    EXPECT_EQ(Testing::CatchError([&] { IsSpecialFile(At(directory / "missing")); })->GetOsError(), ENOENT);
+    EXPECT_EQ(Testing::OsErrorOf([&] { IsSpecialFile(At(directory / "missing")); }), ENOENT);
     ASSERT_EQ(chmod(directory.MakeDirectory("locked").c_str(), 0), 0);
     EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([&] { return IsSpecialFile(At(directory / "locked/x")); }));
 }
@@ -261,14 +212,16 @@ TEST(FilePrimitives, ChangesFollowLinksSaveForTheModeOfALink)
     EXPECT_EQ(status.st_mtime, 2000);
     EXPECT_EQ(status.st_mode, mode_t{S_IFREG | 0604});
     SetModeFlags(At(missing), S_IFLNK | 0777);
-    EXPECT_RAISES_OS(SetModeFlags(At(missing), 0600), MessageType::General, ENOENT, "SetModeFlags",
-                     "Failed to set mode flags on file: " + missing);
-    EXPECT_RAISES_OS(SetFileTime(At(missing), 0, 0), MessageType::General, ENOENT, "SetFileTime",
-                     "Failed to set file time on file: " + missing);
-    EXPECT_RAISES_OS(SetUID(At(missing), 0), MessageType::General, ENOENT, "SetUID",
-                     "Failed to set UID on file: " + missing);
-    EXPECT_RAISES_OS(SetGID(At(missing), 0), MessageType::General, ENOENT, "SetGID",
-                     "Failed to set GID on file: " + missing);
+    const std::pair<std::function<void()>, const char*> failures[] = {
+        {[&] { SetModeFlags(At(missing), 0600); }, "SetModeFlags: Failed to set mode flags on file: "},
+        {[&] { SetFileTime(At(missing), 0, 0); }, "SetFileTime: Failed to set file time on file: "},
+        {[&] { SetUID(At(missing), 0); }, "SetUID: Failed to set UID on file: "},
+        {[&] { SetGID(At(missing), 0); }, "SetGID: Failed to set GID on file: "},
+    };
+    for (const auto& [call, told] : failures) {
+        EXPECT_EQ(Testing::ErrorOf(call), told + missing);
+        EXPECT_EQ(Testing::OsErrorOf(call), ENOENT) << told;
+    }
     if (geteuid() != 0)
         GTEST_SKIP() << "only the superuser gives files away";
     SetUID(link, 12);
