@@ -3,8 +3,6 @@
 #include "testing/LogCapture.h"
 #include "testing/Raises.h"
 
-#include "Krt/File/YDirectory.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -43,12 +41,8 @@ TEST_F(YFileTest, ReadsARegularFileForward)
     for (const auto mode : {YFile::OPEN_MODE_READ, YFile::OPEN_MODE_READ_ALTERNATE}) {
         const struct stat before = StatusOf("file");
         YFile file(mode, At("file"), YFile::OPT_NONE);
-        EXPECT_EQ(file.GetOpenMode(), mode);
         EXPECT_EQ(file.GetInode(), before.st_ino);
         EXPECT_EQ(file.GetSize(), 8u);
-        EXPECT_EQ(file.GetModeFlags(), before.st_mode);
-        EXPECT_EQ(file.GetLastWriteTime(), static_cast<unsigned long long>(before.st_mtime));
-        EXPECT_EQ(file.GetAttributes(), 0u);
         unsigned char* buffer = file.GetDataPtr();
         EXPECT_EQ(file.Read(buffer, 5), 5u);
         EXPECT_EQ(file.Read(buffer + 5, 5), 3u);
@@ -91,9 +85,7 @@ TEST_F(YFileTest, RefusesOtherModesAndSurvivesFailedOpens)
         EXPECT_RAISES(file.Open(static_cast<YFile::OPEN_MODE>(mode), At("file"), NoOptions),
                       ErrorCode::InvalidState, "Open", "Invalid file mode");
     EXPECT_EQ(file.GetOpenMode(), 4u) << "stays stored";
-    EXPECT_EQ(Testing::CatchError([&] {
-                  file.Open(YFile::OPEN_MODE_READ, At("missing"), NoOptions);
-              })->GetOsError(),
+    EXPECT_EQ(Testing::OsErrorOf([&] { file.Open(YFile::OPEN_MODE_READ, At("missing"), NoOptions); }),
               ENOENT);
     EXPECT_EQ(file.GetOpenMode(), YFile::OPEN_MODE_READ);
     EXPECT_EQ(file.GetPath(), At("missing"));
@@ -168,20 +160,17 @@ TEST_F(YFileTest, TracesOnItsChannel)
     char buffer[8];
     file.Read(buffer, 8);
     file.Open(YFile::OPEN_MODE_WRITE, At("dir"), YFile::OPT_DIRECTORY);
-    const std::vector<std::string> expected = {
-        "YFile: Creating file for write " + out + " Option 3",
-        "YFile: Successfully opened file " + out,
-        "YFile: Writing 2 to file with path=" + out + "  isopen = 1",
-        "YFile: Setting file times",
-        "YFile:    Access time: ff",
-        "YFile:    Write time: 10",
-        "YFile: Writing 2 to file with path=" + out + "  isopen = 0",
-        "YFile: Successfully opened file " + m_directory / "in",
-        "YFile: Read 8 bytes from file " + m_directory / "in",
-        "YFile: Creating folder " + m_directory / "dir",
-        "YFile: Successfully opened file " + m_directory / "dir",
-    };
-    EXPECT_EQ(log.Texts(), expected);
+    std::string text;
+    for (const std::string& line : log.Texts())
+        text += line + "\n";
+    EXPECT_EQ(text, "YFile: Creating file for write " + out + " Option 3\n" +
+                        "YFile: Successfully opened file " + out + "\n" +
+                        "YFile: Writing 2 to file with path=" + out + "  isopen = 1\n" +
+                        "YFile: Setting file times\nYFile:    Access time: ff\nYFile:    Write time: 10\n" +
+                        "YFile: Writing 2 to file with path=" + out + "  isopen = 0\n" +
+                        "YFile: Successfully opened file " + m_directory / "in\n" +
+                        "YFile: Read 8 bytes from file " + m_directory / "in\n" + "YFile: Creating folder " +
+                        m_directory / "dir\n" + "YFile: Successfully opened file " + m_directory / "dir\n");
 }
 
 TEST_F(YFileTest, TheSwitchForAttributesGovernsReadingAlone)
@@ -209,35 +198,6 @@ TEST_F(YFileTest, TheSwitchForAttributesGovernsReadingAlone)
     m_directory.Write("kbagent.conf", "[configuration]\ndisableXattr=true\n");
     EXPECT_TRUE(file.GetExtendedAttributeMap().empty()) << "read afresh";
     unsetenv("KBAGENT_CONFIG");
-}
-
-TEST_F(YFileTest, ReachesAnEntryThroughItsDirectory)
-{
-    m_directory.Write("directory/file", "first");
-    const auto directory = Krt::File::YDirectory::Open(At("directory"));
-    fs::rename(m_directory / "directory", m_directory / "moved");
-    m_directory.Write("directory/file", "second");
-    YFile file;
-    file.OpenEntry(directory, "file", At("directory/file"));
-    const struct stat moved = StatusOf("moved/file");
-    EXPECT_EQ(file.GetInode(), moved.st_ino);
-    EXPECT_EQ(file.GetModeFlags(), moved.st_mode);
-    char text[8] = {};
-    EXPECT_EQ(file.Read(text, sizeof text), 5u);
-    EXPECT_STREQ(text, "first");
-    if (setxattr((m_directory / "moved/file").c_str(), "user.place", "moved", 5, 0) == 0) {
-        EXPECT_EQ(file.GetExtendedAttributeMap().count("user.place"), 1u);
-    }
-
-    fs::remove(m_directory / "directory/file");
-    fs::create_directory(m_directory / "directory/file");
-    EXPECT_EQ(file.LookUpAttributes(), 0u) << "as it was opened";
-    EXPECT_RAISES_OS(file.OpenEntry(directory, "none", At("none")), MessageType::General, ENOENT, "Stat",
-                     "Failed to stat: none");
-    file.Open(YFile::OPEN_MODE_READ, At("moved/file"), NoOptions);
-    fs::remove_all(m_directory / "moved");
-    fs::create_directories(m_directory / "moved/file");
-    EXPECT_EQ(file.LookUpAttributes(), Krt::File::AttributeDirectory) << "as the path is now";
 }
 
 TEST(YFileOptions, PrintOneBitAlone)
