@@ -58,10 +58,9 @@ protected:
         const ProcessRecorder programs([&](const ProcessRecorder::Command& command) {
             return command[1] == failing ? 7 : Shell(command);
         });
-        const auto error = Testing::CatchError(call);
-        return programs.Lines() + (error ? (error->GetFunction() + ": " + error->GetMessage()).Bytes() : "");
+        const std::string error = Testing::ErrorOf(call);
+        return programs.Lines() + error;
     }
-    bool IsTemporaryEmpty() const { return std::filesystem::is_empty(m_root + "/tmp"); }
 
     Testing::TemporaryDirectory m_directory;
     const std::string m_root = m_directory / "a \"$x` b";
@@ -84,7 +83,7 @@ TEST_F(YMacServiceManagerTest, InstallPutsTheListInPlace)
     EXPECT_NE(Testing::ReadFile(m_root + "/Library/LaunchDaemons/other.plist")
                   .find("\t<string>/a<b>&amp;\"'</string>\n"),
               std::string::npos);
-    EXPECT_TRUE(IsTemporaryEmpty());
+    EXPECT_TRUE(std::filesystem::is_empty(m_root + "/tmp"));
     EXPECT_TRUE(programs.elevated);
 }
 
@@ -123,18 +122,13 @@ TEST_F(YMacServiceManagerTest, CommandsAndTheirFailures)
 {
     if (!Krt::Environment::IsRoot())
         GTEST_SKIP() << "only root may start and stop services";
-    const auto start = [&] {
-        m_manager.Start("kbagent", s_noTime);
-    };
-    const auto stop = [&] {
-        m_manager.Stop("kbagent", true, s_noTime);
-    };
-    const auto restart = [&] {
-        m_manager.Restart("kbagent", false, s_noTime);
-    };
-    const auto removal = [&] {
-        m_manager.Delete("kbagent", s_noTime);
-    };
+    const std::function<void()> calls[] = {[&] { m_manager.Start("kbagent", s_noTime); },
+                                           [&] { m_manager.Stop("kbagent", true, s_noTime); },
+                                           [&] { m_manager.Restart("kbagent", false, s_noTime); },
+                                           [&] {
+                                               m_manager.Delete("kbagent", s_noTime);
+                                           }};
+    const auto& [start, stop, restart, removal] = calls;
     const std::string load = "/bin/launchctl load -w " + m_list + "\n";
     const std::string unload = "/bin/launchctl unload " + m_list + "\n";
     const std::string rm = "/bin/sh -c rm " + Krt::Util::QuotifyEx(m_list.c_str(), '"').Bytes() + "\n";
