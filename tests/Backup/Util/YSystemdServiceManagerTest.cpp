@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <regex>
 
 using namespace Backup;
 using Krt::Time::YDuration;
@@ -40,17 +41,11 @@ protected:
     static std::string Commands(const std::function<void()>& call, int active,
                                 const std::string& failing = "")
     {
-        std::string lines;
         const ProcessRecorder programs([&](const ProcessRecorder::Command& command) {
             return command[1] == failing ? 5 : command[1] == "is-active" ? active : 0;
         });
-        const auto error = Testing::CatchError(call);
-        for (const auto& command : programs.commands) {
-            EXPECT_EQ(command[0], "/bin/systemctl");
-            for (std::size_t i = 1; i < command.size(); ++i)
-                lines += command[i] + (i + 1 == command.size() ? "\n" : " ");
-        }
-        return lines + (error ? (error->GetFunction() + ": " + error->GetMessage()).Bytes() : "");
+        const std::string error = Testing::ErrorOf(call);
+        return std::regex_replace(programs.Lines() + error, std::regex("/bin/systemctl "), "");
     }
 
     Testing::TemporaryDirectory m_directory;
@@ -130,24 +125,16 @@ TEST_F(YSystemdServiceManagerTest, RefusesWhatNoUnitCanHold)
 
 TEST_F(YSystemdServiceManagerTest, CommandsAndTheirFailures)
 {
-    const auto start = [&] {
-        m_manager.Start("kbagent", s_noTime);
-    };
-    const auto stop = [&](bool force) {
-        return [=, this] {
-            m_manager.Stop("kbagent", force, s_noTime);
-        };
-    };
-    const auto restart = [&](bool force) {
-        return [=, this] {
-            m_manager.Restart("kbagent", force, s_noTime);
-        };
-    };
-    const auto removal = [&] {
-        m_manager.Delete("kbagent", s_noTime);
-    };
+    const std::function<void()> start = [&] { m_manager.Start("kbagent", s_noTime); },
+                                stop = [&] { m_manager.Stop("kbagent", false, s_noTime); },
+                                kill = [&] { m_manager.Stop("kbagent", true, s_noTime); },
+                                restart = [&] { m_manager.Restart("kbagent", false, s_noTime); },
+                                killAndStart = [&] { m_manager.Restart("kbagent", true, s_noTime); },
+                                removal = [&] {
+                                    m_manager.Delete("kbagent", s_noTime);
+                                };
     const std::string look = "is-active --quiet -- kbagent.service\n";
-    const std::string kill = "kill --signal=SIGKILL -- kbagent.service\n";
+    const std::string killed = "kill --signal=SIGKILL -- kbagent.service\n";
     const std::string stopped = "stop -- kbagent.service\n";
     const std::string restarted = "restart -- kbagent.service\n";
     const std::string disabled = "disable --quiet -- kbagent.service\n";
@@ -155,10 +142,10 @@ TEST_F(YSystemdServiceManagerTest, CommandsAndTheirFailures)
     EXPECT_EQ(Commands(start, 0), "start -- kbagent.service\n" + look);
     EXPECT_EQ(Commands(start, 0, "start"),
               "start -- kbagent.service\nStart: systemctl start exited with status: 5");
-    EXPECT_EQ(Commands(stop(false), 3), stopped + look);
-    EXPECT_EQ(Commands(stop(true), 4, "kill"), kill + stopped + look) << "nothing to be killed";
-    EXPECT_EQ(Commands(restart(false), 0), restarted + look);
-    EXPECT_EQ(Commands(restart(true), 0), kill + restarted + look);
+    EXPECT_EQ(Commands(stop, 3), stopped + look);
+    EXPECT_EQ(Commands(kill, 4, "kill"), killed + stopped + look) << "nothing to be killed";
+    EXPECT_EQ(Commands(restart, 0), restarted + look);
+    EXPECT_EQ(Commands(killAndStart, 0), killed + restarted + look);
     EXPECT_EQ(Commands(removal, 3, "stop"), stopped + "Stop: systemctl stop exited with status: 5");
     EXPECT_EQ(Commands(removal, 3, "disable"),
               stopped + look + disabled + "Delete: systemctl disable exited with status: 5");
