@@ -1,29 +1,21 @@
 // Which entries a backup takes, and what it tells of the others.
 #include "agent/Backup/HardLinks.h"
-#include "agent/Store/SnapshotReader.h"
 
 #include "testing/Program.h"
+#include "testing/SelectionText.h"
+#include "testing/StoreFiles.h"
 #include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
-
-#include "Backup/File/YSelectionManager.h"
-#include "Backup/File/YUnixFileMetadata.h"
 
 #include "Krt/JSON/YValue.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace Testing;
-using Backup::File::YSelectionDescriptor;
-using Krt::File::YPath;
 
 namespace {
 
@@ -42,23 +34,11 @@ protected:
         return RunProgram(arguments);
     }
 
-    // The paths of the latest snapshot, without the source in front, in order.
-    std::vector<std::string> Stored() const
-    {
-        const Agent::Store opened = Agent::Store::Open(store);
-        Agent::SnapshotReader reader(opened, opened.FindSnapshot("latest"));
-        std::vector<std::string> paths;
-        for (Agent::SnapshotEntry entry; reader.Next(entry);) {
-            const auto metadata = Backup::File::YMetadataBase::ConstructFromJson(entry.record);
-            const std::string path = metadata->GetFilePath(0).GetFilesystemPortion().Bytes();
-            paths.push_back(path.rfind(source, 0) == 0 ? path.substr(source.size()) : path);
-        }
-        return paths;
-    }
+    std::vector<std::string> Stored() const { return StoredPaths(store, source); }
 
-    std::string WriteJob(const Backup::File::YSelectionManager& rules)
+    std::string WriteJob(const std::string& rules)
     {
-        const auto value = Krt::JSON::YValue::FromObject(rules.ToJSON(YPath("/")));
+        const auto value = Krt::JSON::YValue::FromObject(Testing::Tree(rules).ToJSON("/"));
         return directory.Write("job.json", value.Stringify(true).Bytes());
     }
 
@@ -73,13 +53,12 @@ TEST_F(BackupProgram, TakesANamedPathWithAllBelowHoweverItIsWritten)
 {
     MakeTree(source,
              {Dir("a"), File("a/b", "1"), Dir("c"), File("c/d", "2"), Link("to a", "a"), File("top", "3")});
-    struct Case
+    const struct
     {
         const char* name;
         std::vector<std::string> arguments;
         Paths stored;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"directory", {source + "/a"}, {"/a", "/a/b"}},
         {"with dots", {source + "/c/../a/."}, {"/a", "/a/b"}},
         {"two that overlap", {source + "/a/b", source + "/a"}, {"/a", "/a/b"}},
@@ -88,7 +67,7 @@ TEST_F(BackupProgram, TakesANamedPathWithAllBelowHoweverItIsWritten)
         {"through a link", {source + "/to a/"}, {"/a", "/a/b"}},
         {"below a link", {source + "/to a/b"}, {"/a/b"}},
     };
-    for (const Case& each : cases) {
+    for (const auto& each : cases) {
         const ProgramResult result = Backup(each.arguments);
         EXPECT_EQ(result.exitCode, 0) << each.name << result.errors;
         EXPECT_EQ(Stored(), each.stored) << each.name;
@@ -100,13 +79,9 @@ TEST_F(BackupProgram, FollowsAJobsRules)
     MakeTree(source,
              {Dir("docs"), File("docs/a.txt", "1"), File("docs/b.tmp", "2"), Dir("docs/deep"),
               File("docs/deep/c.tmp", "3"), File("docs/deep/d", "4"), Dir("other"), File("other/e", "5")});
-    const YPath docs((source + "/docs").c_str());
-    Backup::File::YSelectionManager rules;
-    rules.Add(docs, Krt::Match::AnyDescriptor(), YSelectionDescriptor::Recursive,
-              YSelectionDescriptor::Include, true);
-    rules.Add(docs, Krt::Match::GlobDescriptor("*.tmp", true), YSelectionDescriptor::Recursive,
-              YSelectionDescriptor::Exclude, true);
-    const std::string job = WriteJob(rules);
+    const std::string docs = source + "/docs";
+    const std::string job =
+        WriteJob("include " + docs + " recursive any; exclude " + docs + " recursive glob=*.tmp");
 
     const ProgramResult result = Backup({"--job", job, "--verbose"});
     EXPECT_EQ(result.exitCode, 0) << result.errors;
@@ -124,13 +99,8 @@ TEST_F(BackupProgram, NothingExcludedIsOpened)
         GTEST_SKIP() << "needs root to hand files to another user";
     // What can't be read tells by its failure whether the walk came near it.
     MakeTree(source, {Dir("keep"), File("keep/file", "x"), Dir("secret", 0000), File("secret/inside", "y")});
-    Backup::File::YSelectionManager rules;
-    const YPath root(source.c_str());
-    rules.Add(root, Krt::Match::AnyDescriptor(), YSelectionDescriptor::Recursive,
-              YSelectionDescriptor::Include, true);
-    rules.Add(root, Krt::Match::ExactDescriptor("secret", true), YSelectionDescriptor::NonRecursive,
-              YSelectionDescriptor::Exclude, false);
-    const std::string job = WriteJob(rules);
+    const std::string job =
+        WriteJob("include " + source + " recursive any; silent " + source + " exact=secret");
     chmod(directory.Path().c_str(), 0777);
     const ProgramResult result = RunProgram({"backup", "--store", store, "--job", job}, OrdinaryUser);
     EXPECT_EQ(result.exitCode, 0) << result.errors;
@@ -185,14 +155,13 @@ TEST_F(BackupProgram, RefusesWhatItCannotUse)
     const std::string damaged = directory.Write("damaged.json", "{\"includes\": [");
     const std::string noIncludes = directory.Write("none.json", R"({"includes": [], "excludes": []})");
     const std::string halfRules = directory.Write("half.json", "{\"includes\": []}");
-    struct Case
+    const struct
     {
         const char* name;
         std::vector<std::string> arguments;
         int exitCode;
         std::string told;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"neither path nor job", {}, 2, "PATH"},
         {"missing job", {"--job", source + "/none"}, 1, source + "/none"},
         {"directory for a job", {"--job", source}, 1, source},
@@ -204,37 +173,11 @@ TEST_F(BackupProgram, RefusesWhatItCannotUse)
         {"missing entry", {source + "/none"}, 3, source + "/none"},
         {"unknown option", {"--nothing", source}, 2, "--nothing"},
     };
-    for (const Case& each : cases) {
+    for (const auto& each : cases) {
         const ProgramResult result = Backup(each.arguments);
         EXPECT_EQ(result.exitCode, each.exitCode) << each.name << ": " << result.errors;
         EXPECT_NE(result.errors.find(each.told), std::string::npos) << each.name << ": " << result.errors;
     }
-}
-
-TEST_F(BackupProgram, StaysOutOfForeignMountsBelowAPath)
-{
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to mount";
-    const std::string mount = directory.MakeDirectory("source/mount");
-    const pid_t child = fork();
-    if (child == 0) {
-        if (unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount("tmpfs", mount.c_str(), "tmpfs", 0, nullptr) != 0)
-            _exit(77);
-        directory.Write("source/mount/file", "x");
-        const ProgramResult below = Backup({source});
-        const bool stopped = below.exitCode == 0 && Stored() == Paths{"", "/mount"} &&
-                             below.output.find("mount point not entered: " + mount) != std::string::npos;
-        const ProgramResult named = Backup({mount});
-        const bool entered = named.exitCode == 0 && Stored() == Paths{"/mount", "/mount/file"} &&
-                             named.errors.find(mount) != std::string::npos;
-        _exit((stopped ? 0 : 1) | (entered ? 0 : 2));
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    if (WEXITSTATUS(status) == 77)
-        GTEST_SKIP() << "may not mount";
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: not stopped, 2: not entered";
 }
 
 TEST_F(BackupProgram, HoldsManyEntriesAndLevels)
