@@ -25,8 +25,7 @@ TEST(Text, PrintableIsOneLineThatSteersNothing)
         std::string text;
         const char* shown;
     } cases[] = {
-        {"plain", "/a b/c'\"*", "/a b/c'\"*"},
-        {"valid characters", "caf\u00e9 \u4e2d \U0001f600", "caf\u00e9 \u4e2d \U0001f600"},
+        {"plain", "/a b/c'\"* \u00e9 \u4e2d \U0001f600", "/a b/c'\"* \u00e9 \u4e2d \U0001f600"},
         {"backslash", "a\\nb", "a\\\\nb"},
         {"line ends and tab", "a\nb\rc\td", "a\\nb\\rc\\td"},
         {"terminal sequence", "\x1b[2J\x7f", "\\x1b[2J\\x7f"},
@@ -36,8 +35,7 @@ TEST(Text, PrintableIsOneLineThatSteersNothing)
         {"overlong", "\xc0\xaf\xe0\x80\xaf", "\\xc0\\xaf\\xe0\\x80\\xaf"},
         {"surrogate", "\xed\xa0\x80", "\\xed\\xa0\\x80"},
         {"beyond the last character", "\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
-        {"reversed text", "a\u202etxt.exe", "a\\u202etxt.exe"},
-        {"line separator", "\u2028", "\\u2028"},
+        {"line separator, reversed text", "\u2028a\u202etxt.exe", "\\u2028a\\u202etxt.exe"},
     };
     for (const auto& row : cases)
         EXPECT_EQ(Printable(std::string_view(row.text)), row.shown) << row.name;
@@ -45,19 +43,15 @@ TEST(Text, PrintableIsOneLineThatSteersNothing)
 
 TEST(Text, TimesOfAllAges)
 {
-    const struct
-    {
-        long long seconds;
-        const char* shown;
-    } cases[] = {
+    const std::pair<long long, const char*> cases[] = {
         {0, "1970-01-01T00:00:00Z"},
         {-1, "1969-12-31T23:59:59Z"},
         {4102444800, "2100-01-01T00:00:00Z"},
         {9223372036854775807, "9223372036854775807"},
         {-9223372036854775807, "-9223372036854775807"},
     };
-    for (const auto& row : cases)
-        EXPECT_EQ(TimeText(static_cast<unsigned long long>(row.seconds)), row.shown);
+    for (const auto& [seconds, shown] : cases)
+        EXPECT_EQ(TimeText(static_cast<unsigned long long>(seconds)), shown);
 }
 
 class Cli : public ::testing::Test
@@ -78,6 +72,7 @@ protected:
 TEST_F(Cli, ExitCodesTellTheKindOfEnd)
 {
     directory.Write("store/snapshots/9-damaged", "no snapshot");
+    const std::string to = directory / "to", inStore = store + "/objects/../new/x";
     const struct
     {
         const char* name;
@@ -97,26 +92,11 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
         {"no store", {"list", "--store", store + "x"}, 1, "There is no store at"},
         {"no snapshot", {"list", "--store", store, "--snapshot", "1"}, 1, "has no snapshot 1"},
         {"damaged snapshot", {"list", "--store", store, "--snapshot", "9"}, 1, "is damaged at offset 0"},
-        {"restore of an empty path",
-         {"restore", "--store", store, "--to", directory / "to", ""},
-         2,
-         "is empty"},
-        {"option without its value",
-         {"restore", "--store", store, "--to=", directory / "to"},
-         2,
-         "is empty: '--to='"},
-        {"names behind the options",
-         {"backup", "--store", directory / "s", "--", "--odd="},
-         3,
-         "--odd=: Failed to stat"},
-        {"restore into the store",
-         {"restore", "--store", store, "--to", store + "/objects/../new/x"},
-         1,
-         "is the store itself or lies in it"},
-        {"a damaged one among them",
-         {"list", "--store", store},
-         3,
-         "Snapshot 9-damaged is damaged at offset 0"},
+        {"empty path", {"restore", "--store", store, "--to", to, ""}, 2, "is empty"},
+        {"option without its value", {"restore", "--store", store, "--to=", to}, 2, "is empty: '--to='"},
+        {"name like an option", {"backup", "--store", to, "--", "--odd="}, 3, "--odd=: Failed to stat"},
+        {"restore into the store", {"restore", "--store", store, "--to", inStore}, 1, "or lies in it"},
+        {"a damaged one", {"list", "--store", store}, 3, "Snapshot 9-damaged is damaged at offset 0"},
     };
     for (const auto& row : cases) {
         SCOPED_TRACE(row.name);
