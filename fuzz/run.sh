@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # fuzz/run.sh [SECONDS] [TARGET...]: builds the fuzz targets with clang and AddressSanitizer (build/fuzz) and runs
-# each, or the named ones, for so many seconds (60), starting from fuzz/corpus/TARGET. Inputs that reach new code
+# each, or the named ones, for so many seconds (60), starting from fuzz/corpus/TARGET and with the words of
+# fuzz/dictionaries/TARGET.dict. No input is worth an allocation of 64 MiB. Inputs that reach new code
 # stay in build/fuzz/corpus/TARGET for the next run. Ends non-zero after a finding, whose input is then in
 # build/fuzz/findings/TARGET; once mended it belongs into fuzz/corpus/TARGET, where each test run replays it.
 set -euo pipefail
@@ -26,8 +27,11 @@ failed=()
 for target in "${targets[@]}"; do
     kept=build/fuzz/corpus/$target findings=build/fuzz/findings/$target log=build/fuzz/$target.log
     mkdir -p "$kept" "$findings"
+    words=()
+    [ ! -f "fuzz/dictionaries/$target.dict" ] || words=("-dict=fuzz/dictionaries/$target.dict")
     if "build/fuzz/fuzz/${target}Fuzz" -max_total_time="$seconds" -max_len=4096 -timeout=10 -rss_limit_mb=1024 \
-        -print_final_stats=1 -artifact_prefix="$findings/" "$kept" "fuzz/corpus/$target" >"$log" 2>&1; then
+        -malloc_limit_mb=64 -print_final_stats=1 "${words[@]}" -artifact_prefix="$findings/" \
+        "$kept" "fuzz/corpus/$target" >"$log" 2>&1; then
         awk -v target="$target" '/number_of_executed_units/ { runs = $2 } /average_exec_per_sec/ { rate = $2 }
             END { print target ": " runs " runs, " rate " a second, no finding" }' "$log"
     else
