@@ -35,13 +35,14 @@ void RestoreEmptySource(mntent& entry)
 }
 
 // The kernel also escapes '#', though not in directories, and getmntent_r leaves that. A backslash in front
-// of these very digits reads like it.
+// of these very digits reads like it. Looked for by bytes: a source needn't be UTF-8.
 YString WithHashes(const char* text)
 {
-    YString decoded(text);
-    if (!decoded.IsEmpty())
-        decoded.Replace("\\043", "#", 0, 0, true);
-    return decoded;
+    constexpr std::string_view Escaped = "\\043";
+    std::string decoded(text);
+    for (std::size_t at = 0; (at = decoded.find(Escaped, at)) != std::string::npos; ++at)
+        decoded.replace(at, Escaped.size(), "#");
+    return YString(std::move(decoded));
 }
 
 } // namespace
