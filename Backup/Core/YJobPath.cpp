@@ -179,11 +179,6 @@ void YJobPath::AppendComponent(const Component& component)
     m_components.push_back(component);
 }
 
-void YJobPath::AppendComponent(Component&& component)
-{
-    m_components.push_back(std::move(component));
-}
-
 YJobPath& YJobPath::operator+=(const Component& component)
 {
     AppendComponent(component);
@@ -237,16 +232,27 @@ namespace Krt::JSON {
 
 using Backup::YJobPath;
 
-template <>
-YJobPath::Component YValue::Convert<YJobPath::Component>() const
+namespace {
+
+// Hands the fields of a component to `take`.
+template <class Take>
+auto ReadComponent(const YObject& json, Take take)
 {
-    const YObject& json = AsObject();
+    static const YString none;
     const unsigned int classId = json.Get<unsigned int>("class_id", MessageType::Runtime);
     const unsigned int subclassId = json.Get<unsigned int>("subclass_id", MessageType::Runtime);
     const YString& name = json.Get<YString>("name", MessageType::Runtime);
     const boost::shared_ptr<YValue>& displayName = json.FindOpt("display_name");
-    return YJobPath::Component(name, displayName ? displayName->AsString() : YString(), classId,
-                               NumericCast<unsigned short>(subclassId));
+    return take(name, displayName ? displayName->AsString() : none, classId,
+                NumericCast<unsigned short>(subclassId));
+}
+
+} // namespace
+
+template <>
+YJobPath::Component YValue::Convert<YJobPath::Component>() const
+{
+    return ReadComponent(AsObject(), [](const auto&... fields) { return YJobPath::Component(fields...); });
 }
 
 template <>
@@ -256,7 +262,8 @@ YJobPath YValue::Convert<YJobPath>() const
     YJobPath path;
     path.Reserve(components.size());
     for (const boost::shared_ptr<YValue>& component : components)
-        path.AppendComponent(component->Convert<YJobPath::Component>());
+        ReadComponent(component->AsObject(),
+                      [&path](const auto&... fields) { path.AppendComponent(fields...); });
     return path;
 }
 

@@ -70,7 +70,12 @@ public:
     /// No effect on an empty path.
     void RemoveLeaf();
     void AppendComponent(const Component& component);
-    void AppendComponent(Component&& component);
+    /// The same, of a component that is made in its place.
+    void AppendComponent(const YString& name, const YString& displayName, unsigned int classId,
+                         unsigned short subclassId)
+    {
+        m_components.emplace_back(name, displayName, classId, subclassId);
+    }
     /// Makes room for so many components at once.
     void Reserve(unsigned long count) { m_components.reserve(count); }
     YJobPath& operator+=(const Component& component);

@@ -59,34 +59,66 @@ constexpr std::array<bool, 256> IsClean = [] {
 }();
 
 // The same of eight bytes at once, looking at the top bit of each: zero if all of them are clean.
-std::uint64_t UncleanBits(const char* text)
+std::uint64_t UncleanBits(std::uint64_t word)
 {
     constexpr std::uint64_t Ones = 0x0101010101010101;
-    std::uint64_t word;
-    std::memcpy(&word, text, sizeof(word));
     const std::uint64_t quote = word ^ (Ones * '"');
     const std::uint64_t backslash = word ^ (Ones * '\\');
     return (word | (word - Ones * 0x20) | (quote - Ones) | (backslash - Ones)) & (Ones * 0x80);
 }
 
+template <class Word>
+Word Copy(char* out, const char* text)
+{
+    Word word;
+    std::memcpy(&word, text, sizeof(word));
+    std::memcpy(out, &word, sizeof(word));
+    return word;
+}
+
+// Copies the text if all of it is clean, and otherwise may have copied some of it. The last word overlaps the
+// one in front of it where the size is no multiple of a word's.
+bool CopyClean(char* out, const char* text, std::size_t size)
+{
+    using Word = std::uint64_t;
+    using HalfWord = std::uint32_t;
+    const std::size_t last = size - (size >= sizeof(Word) ? sizeof(Word) : sizeof(HalfWord));
+    if (size >= sizeof(Word)) {
+        Word unclean = 0;
+        for (std::size_t i = 0; i < last; i += sizeof(Word))
+            unclean |= UncleanBits(Copy<Word>(out + i, text + i));
+        return (unclean | UncleanBits(Copy<Word>(out + last, text + last))) == 0;
+    }
+    if (size >= sizeof(HalfWord)) {
+        const Word first = Copy<HalfWord>(out, text);
+        return UncleanBits(first << 32 | Copy<HalfWord>(out + last, text + last)) == 0;
+    }
+    for (std::size_t i = 0; i < size; ++i) {
+        if (!IsClean[static_cast<unsigned char>(text[i])])
+            return false;
+        out[i] = text[i];
+    }
+    return true;
+}
+
 // Appends to a string, of which room is made in advance: most of what comes is a single character or a short
 // name.
-class Appender
+class TextBuffer
 {
 public:
-    explicit Appender(std::string& out) : m_out(out), m_end(out.size()) {}
-    ~Appender() { m_out.resize(m_end); }
-    Appender(const Appender&) = delete;
-    Appender& operator=(const Appender&) = delete;
+    explicit TextBuffer(std::string& out) : m_out(out), m_end(out.data() + out.size()), m_limit(m_end) {}
+    ~TextBuffer() { m_out.resize(Size()); }
+    TextBuffer(const TextBuffer&) = delete;
+    TextBuffer& operator=(const TextBuffer&) = delete;
 
     // Where so many bytes may be written, to be followed by MoveTo.
     char* Room(std::size_t size)
     {
-        if (m_out.size() - m_end < size) [[unlikely]]
-            m_out.resize(m_end + std::max({size, m_end, FirstRoom}));
-        return m_out.data() + m_end;
+        if (static_cast<std::size_t>(m_limit - m_end) < size) [[unlikely]]
+            Grow(size);
+        return m_end;
     }
-    void MoveTo(const char* end) { m_end = static_cast<std::size_t>(end - m_out.data()); }
+    void MoveTo(char* end) { m_end = end; }
 
     void Append(char byte)
     {
@@ -98,8 +130,18 @@ public:
 private:
     static constexpr std::size_t FirstRoom = 1000; // enough for most records
 
+    std::size_t Size() const { return static_cast<std::size_t>(m_end - m_out.data()); }
+    [[gnu::noinline]] void Grow(std::size_t size)
+    {
+        const std::size_t used = Size();
+        m_out.resize(used + std::max({size, used, FirstRoom}));
+        m_end = m_out.data() + used;
+        m_limit = m_out.data() + m_out.size();
+    }
+
     std::string& m_out;
-    std::size_t m_end;
+    char* m_end;
+    const char* m_limit;
 };
 
 // Writes the byte, which can't stand for itself, and returns the end of what it took, at most EscapeSize.
@@ -126,6 +168,42 @@ char* WriteEscaped(char* out, unsigned char byte)
     return out;
 }
 
+// In front of `out` stands the quote, and behind the text there is room for an escape and the other one.
+char* WriteUnclean(TextBuffer& buffer, char* out, std::string_view text)
+{
+    const char* at = text.data();
+    const char* const end = at + text.size();
+    while (at < end) {
+        if (IsClean[static_cast<unsigned char>(*at)]) {
+            *out++ = *at++;
+        } else if (const std::size_t plain = PlainSequence(at, end - at)) {
+            out = std::copy_n(at, plain, out);
+            at += plain;
+        } else {
+            // It takes more than its byte, for which alone there is room.
+            buffer.MoveTo(WriteEscaped(out, static_cast<unsigned char>(*at++)));
+            out = buffer.Room(end - at + EscapeSize + 1);
+        }
+    }
+    return out;
+}
+
+void WriteString(TextBuffer& buffer, std::string_view text)
+{
+    char* out = buffer.Room(text.size() + EscapeSize + 2); // with the quotes
+    *out++ = '"';
+    out = CopyClean(out, text.data(), text.size()) ? out + text.size() : WriteUnclean(buffer, out, text);
+    *out++ = '"';
+    buffer.MoveTo(out);
+}
+
+void WriteNumber(TextBuffer& buffer, unsigned long long number)
+{
+    constexpr std::size_t MostDigits = 20;
+    char* const out = buffer.Room(MostDigits);
+    buffer.MoveTo(std::to_chars(out, out + MostDigits, number).ptr);
+}
+
 // Containers that are open stand on a stack of the writer's own, so that depth costs no recursion.
 class Writer
 {
@@ -136,21 +214,21 @@ public:
 private:
     struct Level
     {
-        const YArray* array; // or else
-        const std::vector<YObject::Entry>* entries;
-        std::size_t next;
-        std::size_t Size() const { return array ? array->size() : entries->size(); }
+        bool isArray;
+        bool isEmpty; // so far
+        std::size_t left;
+        const boost::shared_ptr<YValue>* element; // the next one of an array
+        const YObject::Entry* member;             // of an object
     };
 
     // Writes a value that holds no others, and opens one that does.
     void Begin(const YValue* value);
+    // Writes what stands in front of the next value, and gives that.
     const YValue* NextMember(Level& level);
     void End();
     void BreakLine();
-    void WriteNumber(unsigned long long number);
-    void WriteString(std::string_view text);
 
-    Appender m_out;
+    TextBuffer m_out;
     const bool m_compact;
     boost::container::small_vector<Level, 16> m_open;
 };
@@ -160,14 +238,10 @@ void Writer::Write(const YValue* root)
     Begin(root);
     while (!m_open.empty()) {
         Level& level = m_open.back();
-        if (level.next == level.Size()) {
+        if (level.left == 0)
             End();
-            continue;
-        }
-        if (level.next > 0)
-            m_out.Append(',');
-        BreakLine();
-        Begin(NextMember(level));
+        else
+            Begin(NextMember(level));
     }
 }
 
@@ -176,27 +250,33 @@ void Writer::Begin(const YValue* value)
     if (!value) {
         m_out.Append("null");
     } else if (value->IsString()) {
-        WriteString(value->AsString().Bytes());
+        WriteString(m_out, value->AsString().Bytes());
     } else if (value->IsNumber()) {
-        WriteNumber(value->AsNumber());
+        WriteNumber(m_out, value->AsNumber());
     } else if (value->IsBool()) {
         m_out.Append(value->AsBool() ? "true" : "false");
     } else if (value->IsArray()) {
+        const YArray& array = value->AsArray();
         m_out.Append('[');
-        m_open.push_back({&value->AsArray(), nullptr, 0});
+        m_open.push_back({true, true, array.size(), array.data(), nullptr});
     } else {
+        const std::vector<YObject::Entry>& entries = value->AsObject().Entries();
         m_out.Append('{');
-        m_open.push_back({nullptr, &value->AsObject().Entries(), 0});
+        m_open.push_back({false, true, entries.size(), nullptr, entries.data()});
     }
 }
 
 const YValue* Writer::NextMember(Level& level)
 {
-    const std::size_t i = level.next++;
-    if (level.array)
-        return (*level.array)[i].get();
-    const YObject::Entry& entry = (*level.entries)[i];
-    WriteString(entry.first.Bytes());
+    if (!level.isEmpty)
+        m_out.Append(',');
+    level.isEmpty = false;
+    BreakLine();
+    --level.left;
+    if (level.isArray)
+        return (level.element++)->get();
+    const YObject::Entry& entry = *level.member++;
+    WriteString(m_out, entry.first.Bytes());
     m_out.Append(':');
     if (!m_compact)
         m_out.Append(' ');
@@ -207,9 +287,9 @@ void Writer::End()
 {
     const Level level = m_open.back();
     m_open.pop_back();
-    if (level.next > 0)
+    if (!level.isEmpty)
         BreakLine();
-    m_out.Append(level.array ? ']' : '}');
+    m_out.Append(level.isArray ? ']' : '}');
 }
 
 void Writer::BreakLine()
@@ -219,39 +299,6 @@ void Writer::BreakLine()
     const std::size_t blanks = 2 * m_open.size();
     m_out.Append('\n');
     m_out.MoveTo(std::fill_n(m_out.Room(blanks), blanks, ' '));
-}
-
-void Writer::WriteNumber(unsigned long long number)
-{
-    constexpr std::size_t MostDigits = 20;
-    char* const out = m_out.Room(MostDigits);
-    m_out.MoveTo(std::to_chars(out, out + MostDigits, number).ptr);
-}
-
-void Writer::WriteString(std::string_view text)
-{
-    constexpr std::size_t Extra = EscapeSize + 2; // and the quotes
-    const char* at = text.data();
-    const char* const end = at + text.size();
-    char* out = m_out.Room(text.size() + Extra);
-    *out++ = '"';
-    while (at < end) {
-        if (end - at >= 8 && UncleanBits(at) == 0) {
-            out = std::copy_n(at, 8, out);
-            at += 8;
-        } else if (IsClean[static_cast<unsigned char>(*at)]) {
-            *out++ = *at++;
-        } else if (const std::size_t plain = PlainSequence(at, end - at)) {
-            out = std::copy_n(at, plain, out);
-            at += plain;
-        } else {
-            // It takes more than its byte, for which alone there is room.
-            m_out.MoveTo(WriteEscaped(out, static_cast<unsigned char>(*at++)));
-            out = m_out.Room(end - at + Extra);
-        }
-    }
-    *out++ = '"';
-    m_out.MoveTo(out);
 }
 
 } // namespace

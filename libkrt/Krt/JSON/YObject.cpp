@@ -4,8 +4,6 @@
 #include "Krt/JSON/YValue.h"
 #include "Krt/Log/LogSite.h"
 
-#include <tuple>
-
 namespace Krt::JSON {
 
 YObject::YObject() = default;
@@ -39,13 +37,17 @@ std::size_t YObject::Position(std::string_view key) const
 
 void YObject::AddToIndex()
 {
-    if (m_index) {
-        m_index->emplace(m_entries.back().first.Bytes(), m_entries.size() - 1);
-    } else if (m_entries.size() > LinearLimit) {
-        auto index = std::make_unique<Index>();
-        for (std::size_t i = 0; i < m_entries.size(); ++i)
-            index->emplace(m_entries[i].first.Bytes(), i);
-        m_index = std::move(index);
+    const bool isNew = !m_index;
+    try {
+        if (isNew)
+            m_index = std::make_unique<Index>();
+        for (std::size_t i = isNew ? 0 : m_entries.size() - 1; i < m_entries.size(); ++i)
+            m_index->emplace(m_entries[i].first.Bytes(), i);
+    } catch (...) {
+        m_entries.pop_back();
+        if (isNew)
+            m_index.reset();
+        throw;
     }
 }
 
@@ -61,13 +63,9 @@ boost::shared_ptr<YValue>& YObject::Slot(std::string_view key)
         return m_entries[position].second;
     if (m_entries.capacity() == 0)
         m_entries.reserve(4); // an object of one to three members is the common one
-    m_entries.emplace_back(std::piecewise_construct, std::tuple(key), std::tuple());
-    try {
+    m_entries.emplace_back(key, nullptr);
+    if (m_entries.size() > LinearLimit)
         AddToIndex();
-    } catch (...) {
-        m_entries.pop_back();
-        throw;
-    }
     return m_entries.back().second;
 }
 

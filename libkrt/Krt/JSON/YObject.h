@@ -79,6 +79,7 @@ private:
     std::size_t Position(std::string_view key) const;
     // Where the key's value stands; null for a new key. Valid until the next new key.
     boost::shared_ptr<YValue>& Slot(std::string_view key);
+    // For the last entry, and for all when there is none yet.
     void AddToIndex();
     void LogFailure(const Exception::YError& error, unsigned int messageType) const;
 

@@ -36,6 +36,14 @@ YValue::YValue(YValue&&) noexcept = default;
 
 YValue& YValue::operator=(YValue&&) noexcept = default;
 
+inline bool YValue::HasChildren() const
+{
+    if (const YArray* array = std::get_if<YArray>(&m_content))
+        return !array->empty();
+    const YObject* object = std::get_if<YObject>(&m_content);
+    return object && !object->Entries().empty();
+}
+
 YValue::~YValue()
 {
     if (!HasChildren())
@@ -50,14 +58,6 @@ YValue::~YValue()
         if (child.use_count() == 1)
             child->ReleaseChildren(pending);
     }
-}
-
-bool YValue::HasChildren() const
-{
-    if (const YArray* array = std::get_if<YArray>(&m_content))
-        return !array->empty();
-    const YObject* object = std::get_if<YObject>(&m_content);
-    return object && !object->Entries().empty();
 }
 
 void YValue::ReleaseChildren(Pending& pending) noexcept

@@ -80,10 +80,7 @@ YString::YString(const wchar_t* text)
         m_bytes = String::Convert<wchar_t, char>(text).Cast<char>();
 }
 
-YString::YString(std::string_view bytes) : m_bytes(bytes)
-{
-    Normalize();
-}
+YString::YString(std::string_view bytes) : m_bytes(bytes.substr(0, bytes.find_last_not_of('\0') + 1)) {}
 
 YString::YString(std::string&& bytes) noexcept : m_bytes(std::move(bytes))
 {

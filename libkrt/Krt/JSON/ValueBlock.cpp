@@ -1,7 +1,8 @@
-#include "Krt/JSON/ValueAllocator.h"
+#include "Krt/JSON/ValueBlock.h"
 
 #include <new>
-#include <utility>
+
+#include <sanitizer/asan_interface.h> // its macros do nothing in other builds
 
 namespace Krt::JSON {
 
@@ -9,20 +10,29 @@ namespace {
 
 constexpr unsigned int KeptBlocks = 256;
 
-struct Block
+struct FreeBlock
 {
-    Block* next;
+    FreeBlock* next;
 };
 
 // Trivial, so that a value which dies while its thread ends still finds it.
 struct FreeBlocks
 {
-    Block* first = nullptr;
+    FreeBlock* first = nullptr;
     unsigned int count = 0;
     unsigned int limit = 0;
     bool isPrepared = false;
 };
-constinit thread_local FreeBlocks t_free;
+[[gnu::tls_model("initial-exec")]] constinit thread_local FreeBlocks t_free;
+
+FreeBlock* TakeFirst(FreeBlocks& free)
+{
+    FreeBlock* const block = free.first;
+    ASAN_UNPOISON_MEMORY_REGION(block, ValueBlockSize);
+    free.first = block->next;
+    --free.count;
+    return block;
+}
 
 // Gives the thread's blocks back when it ends, after which none is kept any more.
 class Cleaner
@@ -32,11 +42,8 @@ public:
     ~Cleaner()
     {
         t_free.limit = 0;
-        while (Block* const block = t_free.first) {
-            t_free.first = block->next;
-            ::operator delete(block);
-        }
-        t_free.count = 0;
+        while (t_free.first)
+            ::operator delete(TakeFirst(t_free));
     }
 };
 
@@ -45,12 +52,7 @@ public:
 void* TakeValueBlock()
 {
     FreeBlocks& free = t_free;
-    Block* const block = free.first;
-    if (!block)
-        return ::operator new(ValueBlockSize);
-    free.first = block->next;
-    --free.count;
-    return block;
+    return free.first ? TakeFirst(free) : ::operator new(ValueBlockSize);
 }
 
 void ReturnValueBlock(void* memory) noexcept
@@ -58,14 +60,15 @@ void ReturnValueBlock(void* memory) noexcept
     FreeBlocks& free = t_free;
     if (!free.isPrepared) [[unlikely]] {
         free.isPrepared = true;
-        static thread_local Cleaner cleaner;
+        static thread_local const Cleaner cleaner;
     }
     if (free.count >= free.limit) {
         ::operator delete(memory);
         return;
     }
-    free.first = new (memory) Block{free.first};
+    free.first = new (memory) FreeBlock{free.first};
     ++free.count;
+    ASAN_POISON_MEMORY_REGION(memory, ValueBlockSize);
 }
 
 } // namespace Krt::JSON
