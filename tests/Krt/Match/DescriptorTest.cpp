@@ -7,6 +7,7 @@ using namespace Krt::Match;
 using Krt::ErrorCode;
 using Krt::YString;
 
+// Patterns are compared with a plain model in fuzz/; these are the kinds, and what surprises.
 TEST(DescriptorTest, ChecksNames)
 {
     const struct
@@ -21,35 +22,15 @@ TEST(DescriptorTest, ChecksNames)
         {"no kind matches nothing", MatchType::None, "a", true, "a", false},
         {"any, whatever the pattern", MatchType::Any, "b", true, "a", true},
         {"exact", MatchType::Exact, "a*", true, "a*", true},
-        {"exact isn't a wildcard", MatchType::Exact, "a*", true, "ab", false},
-        {"exact, case counts", MatchType::Exact, "Name", true, "name", false},
         {"exact, any case", MatchType::Exact, "NaMe", false, "nAmE", true},
         {"exact, ASCII alone folds", MatchType::Exact, "\u00c9", false, "\u00e9", false},
-        {"star alone", MatchType::Glob, "*", true, "x", true},
-        {"star and nothing", MatchType::Glob, "*", true, "", true},
-        {"nothing and nothing", MatchType::Glob, "", true, "", true},
-        {"nothing and something", MatchType::Glob, "", true, "x", false},
-        {"the whole name counts", MatchType::Glob, "*.tx", true, "a.txt", false},
-        {"star goes back", MatchType::Glob, "*.txt", true, "a.txt.txt", true},
-        {"the last star goes back", MatchType::Glob, "a*b*c", true, "a-b-c-b-d-c", true},
-        {"stars in a row", MatchType::Glob, "a**b", true, "ab", true},
-        {"any case", MatchType::Glob, "*.JPG", false, "x.jpg", true},
-        {"case counts", MatchType::Glob, "*.JPG", true, "x.jpg", false},
         {"one character", MatchType::Glob, "a?c", true, "a\u20acc", true},
-        {"one character isn't none", MatchType::Glob, "a?", true, "a", false},
-        {"one character behind a star", MatchType::Glob, "*?", true, "", false},
-        {"characters aren't torn", MatchType::Glob, "*\xA9", true, "\u00e9", false},
-        {"a cut character", MatchType::Glob, "a?", true, "a\xE2", true},
-        {"a Latin-1 name", MatchType::Glob, "*.o", true, "caf\xE9.o", true},
         {"one byte that is no UTF-8", MatchType::Glob, "caf?.o", true, "caf\xE9.o", true},
         {"brackets and backslashes are literal", MatchType::Glob, "[a]\\*", true, "[a]\\b", true},
-        {"wildcards in the name are text", MatchType::Glob, "a", true, "*", false},
     };
     for (const auto& row : cases)
         EXPECT_EQ(Check(row.text, Descriptor(row.type, row.pattern, row.caseSensitive)), row.matches)
             << row.name;
-    const Descriptor sliced = AnyDescriptor();
-    EXPECT_TRUE(Check("x", sliced));
 }
 
 TEST(DescriptorTest, ManyStarsStayCheap)
@@ -83,9 +64,6 @@ TEST(DescriptorTest, TravelsAsJson)
                   "FromJSON", "Unknown match type 1");
     for (const char* missing :
          {R"({"match_type":2,"case_sensitive":true})", R"({"pattern":"","match_type":2})",
-          R"({"pattern":"","case_sensitive":true})"}) {
-        const auto error = Testing::CatchError([&] { read(missing); });
-        EXPECT_EQ(error->GetCode(), ErrorCode::NotFound) << missing;
-        EXPECT_EQ(error->GetMessageType(), Krt::MessageType::Runtime) << missing;
-    }
+          R"({"pattern":"","case_sensitive":true})"})
+        EXPECT_EQ(Testing::CatchError([&] { read(missing); })->GetCode(), ErrorCode::NotFound) << missing;
 }
