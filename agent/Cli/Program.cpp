@@ -28,15 +28,8 @@ enum ExitCode
 
 // In the order in which the help shows them.
 constexpr std::unique_ptr<ICommand> (*Makers[])() = {
-    MakeBackupCommand,
-    MakeRestoreCommand,
-    MakeListCommand,
-    MakeVolumesCommand,
-    MakeServiceCommand,
-    MakeTrustCommand,
-    MakeConvertCommand,
-    MakeRenameCommand,
-    MakeImportCommand,
+    MakeBackupCommand, MakeRestoreCommand, MakeListCommand,   MakeVolumesCommand, MakeServiceCommand,
+    MakeTrustCommand,  MakeConvertCommand, MakeRenameCommand, MakeImportCommand,
 };
 
 struct Registered
