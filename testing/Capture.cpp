@@ -21,12 +21,12 @@ bool Capture::OnSelected(const Agent::WalkedEntry& entry)
     m_file.OpenEntry(entry.parent, entry.name, entry.path);
     bool followable = false;
     const auto metadata =
-        Backup::File::YMetadataBase::ConstructFromFile(m_file, [&](const YPath& path, bool mayDescend) {
+        Backup::File::YMetadataBase::ConstructFromFile(m_file, [&](YPath path, bool mayDescend) {
             followable = mayDescend;
-            return Backup::YJobPath::FromFilePath(Backup::YJobPath(), path, mayDescend);
+            return Backup::YJobPath::FromFilePath(Backup::YJobPath(), std::move(path), mayDescend);
         });
     m_text.clear();
-    Krt::JSON::YValue::FromObject(metadata->ToJSON()).StringifyTo(m_text);
+    metadata->StringifyTo(m_text);
     m_file.Close();
     ++m_entries;
     m_bytes += m_text.size();

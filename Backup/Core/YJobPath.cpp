@@ -1,6 +1,7 @@
 #include "Backup/Core/YJobPath.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/JSON/Members.h"
 #include "Krt/JSON/YValue.inl"
 #include "Krt/KrtFoundation/boostapi.h"
 
@@ -8,6 +9,8 @@
 #include <tuple>
 
 using Krt::File::YPath;
+using Krt::JSON::TextMembers;
+using Krt::JSON::ValueMembers;
 using Krt::JSON::YArray;
 using Krt::JSON::YObject;
 using Krt::JSON::YValue;
@@ -31,14 +34,21 @@ YString JsonText(const YJobPath& path)
     return YValue::FromObject(path.ToJSON()).Stringify(true);
 }
 
+template <class Members>
+void DescribeComponent(Members& members, const YJobPath::Component& component)
+{
+    members.Number("class_id", component.m_classId);
+    members.Number("subclass_id", component.m_subclassId);
+    members.Text("name", component.m_name);
+    if (!component.m_displayName.IsEmpty())
+        members.Text("display_name", component.m_displayName);
+}
+
 YObject ComponentAsJson(const YJobPath::Component& component)
 {
     YObject json;
-    json.Put("class_id", YValue::Create<unsigned long long>(component.m_classId));
-    json.Put("subclass_id", YValue::Create<unsigned long long>(component.m_subclassId));
-    json.Put("name", YValue::Create<YString>(component.m_name));
-    if (!component.m_displayName.IsEmpty())
-        json.Put("display_name", YValue::Create<YString>(component.m_displayName));
+    ValueMembers members(json);
+    DescribeComponent(members, component);
     return json;
 }
 
@@ -143,15 +153,21 @@ const YJobPath::Component& YJobPath::GetLeaf() const
 
 YObject YJobPath::ToJSON() const
 {
-    YArray components;
-    components.reserve(m_components.size());
-    for (const Component& component : m_components)
-        components.push_back(YValue::Create<YObject>(ComponentAsJson(component)));
     YObject json;
     json.Reserve(1);
-    json.Put("components", YValue::Create<YArray>(std::move(components)));
+    ValueMembers members(json);
+    Describe(members);
     return json;
 }
+
+template <class Members>
+void YJobPath::Describe(Members& members) const
+{
+    members.Objects("components", m_components, &DescribeComponent<Members>);
+}
+
+template BACKUP_API void YJobPath::Describe(ValueMembers& members) const;
+template BACKUP_API void YJobPath::Describe(TextMembers& members) const;
 
 unsigned long YJobPath::Find(unsigned long start, unsigned long classId) const
 {

@@ -64,6 +64,9 @@ public:
     unsigned long Find(unsigned long start, unsigned long classId) const;
     /// The JSON form, see below.
     Krt::JSON::YObject ToJSON() const;
+    /// Its members, for the classes of Krt/JSON/Members.h.
+    template <class Members>
+    void Describe(Members& members) const;
     /// Raises InvalidArgument if the index isn't below the count.
     void ValidateRange(unsigned long index) const;
 

@@ -64,8 +64,18 @@ YObject YMetadataBase::ToJSON() const
 {
     YObject json;
     json.Reserve(MostKeys);
-    json.Put("metadata_type", YValue::Create<YString>(MetadataTypeAsString(m_type)));
+    json.Put("metadata_type", YValue::Create<YString>(GetTypeWord()));
     return json;
+}
+
+void YMetadataBase::StringifyTo(std::string& out) const
+{
+    YValue::Create<YObject>(ToJSON())->StringifyTo(out);
+}
+
+YString YMetadataBase::GetTypeWord() const
+{
+    return MetadataTypeAsString(m_type);
 }
 
 void YMetadataBase::FromJSON(const YObject& json)

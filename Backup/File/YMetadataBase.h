@@ -57,6 +57,9 @@ public:
     /// `replaceDestination`. Raises InvalidUse if `replaceSource` is the longer one.
     virtual YJobPath GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,
                                          const YJobPath& replaceDestination) = 0;
+    /// Appends the compact text of ToJSON to `out`. A class that writes it without values first gives the
+    /// same text.
+    virtual void StringifyTo(std::string& out) const;
 
     /// An object of the class that the document names. Raises what the class's FromJSON raises.
     static boost::shared_ptr<YMetadataBase> ConstructFromJson(const Krt::JSON::YObject& json);
@@ -77,6 +80,8 @@ public:
     bool RenamePath(const YJobPath& source, const YJobPath& destination);
 
 protected:
+    /// The word of the kind; raises InvalidArgument for a number that is none.
+    Krt::YString GetTypeWord() const;
     /// A number of 64 bits under the key.
     static void PutNumber(Krt::JSON::YObject& json, const char* key, unsigned long long number);
 

@@ -6,7 +6,7 @@
 
 #include "Krt/Crypto/Base64.h"
 #include "Krt/Exception/Raise.h"
-#include "Krt/JSON/YValue.h"
+#include "Krt/JSON/Members.h"
 #include "Krt/KrtFoundation/boostapi.h"
 #include "Krt/Log/LogSite.h"
 #include "Krt/Util/YVariableStructureParser.h"
@@ -19,8 +19,11 @@ namespace Backup::File {
 
 using Krt::File::ExtendedAttributeMap;
 using Krt::File::YPath;
+using Krt::JSON::TextMembers;
+using Krt::JSON::ValueMembers;
 using Krt::JSON::YArray;
 using Krt::JSON::YObject;
+using Krt::JSON::YTextWriter;
 using Krt::JSON::YValue;
 using Bytes = Krt::Memory::YHeap<unsigned char>;
 
@@ -142,19 +145,6 @@ void PopulateFromLegacyUnixMetadata(YUnixFileMetadata& metadata, const Bytes& by
     CheckLegacyExtendedAttributes(bytes, header.extendedAttributes);
 }
 
-YArray ExtendedAttributesAsJson(const ExtendedAttributeMap& attributes)
-{
-    YArray array;
-    array.reserve(attributes.size());
-    for (const auto& [name, value] : attributes) {
-        YObject element;
-        element.Put("name", YValue::Create<YString>(name));
-        element.Put("value", YValue::Create<YString>(Krt::Crypto::Base64EncodeData(value)));
-        array.push_back(YValue::Create<YObject>(std::move(element)));
-    }
-    return array;
-}
-
 } // namespace
 
 YUnixFileMetadata::YUnixFileMetadata() : YMetadataBase(VAM_UNIX_METADATA_TYPE) {}
@@ -188,21 +178,42 @@ YUnixFileMetadata::YUnixFileMetadata(const YObject& json, JobPathMapper mapper)
     FromJSON(json, mapper);
 }
 
+template <class Members>
+void YUnixFileMetadata::Describe(Members& members) const
+{
+    members.Number("file_size", m_fileSize);
+    members.Number("last_changed_time", m_lastChangedTime);
+    members.Number("last_write_time", m_lastWriteTime);
+    members.Number("last_access_time", m_lastAccessTime);
+    members.Number("mode_flags", m_modeFlags);
+    members.Number("is_directory", m_isDirectory);
+    members.Number("user_id", m_userId);
+    members.Number("group_id", m_groupId);
+    members.Object("file_path", [&](auto& path) { m_filePath.Describe(path); });
+    members.Text("symbolic_link_target", m_symbolicLinkTarget);
+    members.Objects("extended_attributes", m_extendedAttributes, [](auto& element, const auto& attribute) {
+        element.Text("name", attribute.first);
+        element.Text("value", Krt::Crypto::Base64EncodeData(attribute.second));
+    });
+}
+
 YObject YUnixFileMetadata::ToJSON() const
 {
     YObject json = YMetadataBase::ToJSON();
-    PutNumber(json, "file_size", m_fileSize);
-    PutNumber(json, "last_changed_time", m_lastChangedTime);
-    PutNumber(json, "last_write_time", m_lastWriteTime);
-    PutNumber(json, "last_access_time", m_lastAccessTime);
-    PutNumber(json, "mode_flags", m_modeFlags);
-    PutNumber(json, "is_directory", m_isDirectory);
-    PutNumber(json, "user_id", m_userId);
-    PutNumber(json, "group_id", m_groupId);
-    json.Put("file_path", YValue::Create<YObject>(m_filePath.ToJSON()));
-    json.Put("symbolic_link_target", YValue::Create<YString>(m_symbolicLinkTarget));
-    json.Put("extended_attributes", YValue::Create<YArray>(ExtendedAttributesAsJson(m_extendedAttributes)));
+    ValueMembers members(json);
+    Describe(members);
     return json;
+}
+
+void YUnixFileMetadata::StringifyTo(std::string& out) const
+{
+    const YString word = GetTypeWord();
+    YTextWriter writer(out);
+    TextMembers members(writer);
+    writer.BeginObject();
+    members.Text("metadata_type", word);
+    Describe(members);
+    writer.EndObject();
 }
 
 void YUnixFileMetadata::FromJSON(const YObject& json)

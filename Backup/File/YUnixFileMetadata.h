@@ -38,6 +38,7 @@ public:
     /// caller's word.
     YJobPath GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,
                                  const YJobPath& replaceDestination) override;
+    void StringifyTo(std::string& out) const override;
 
     unsigned long long GetFileSize() const { return m_fileSize; } ///< bytes
     void SetFileSize(unsigned long long size) { m_fileSize = size; }
@@ -66,6 +67,9 @@ public:
     }
 
 private:
+    template <class Members>
+    void Describe(Members& members) const;
+
     unsigned long long m_fileSize = 0;
     unsigned long long m_lastChangedTime = 0;
     unsigned long long m_lastWriteTime = 0;

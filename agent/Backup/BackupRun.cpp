@@ -45,9 +45,9 @@ bool BackupRun::OnSelected(const WalkedEntry& entry)
         KRT_RAISE(ErrorCode::NotSupported, "A socket is not stored");
     bool followable = false;
     const auto metadata =
-        Backup::File::YMetadataBase::ConstructFromFile(m_file, [&](const YPath& path, bool mayDescend) {
+        Backup::File::YMetadataBase::ConstructFromFile(m_file, [&](YPath path, bool mayDescend) {
             followable = mayDescend;
-            return Backup::YJobPath::FromFilePath(Backup::YJobPath(), path, mayDescend);
+            return Backup::YJobPath::FromFilePath(Backup::YJobPath(), std::move(path), mayDescend);
         });
     Capture(entry, status, metadata->AsUnixFileMetadata());
     m_file.Close();

@@ -1,3 +1,5 @@
+#include "Krt/JSON/TextBuffer.h"
+#include "Krt/JSON/YTextWriter.h"
 #include "Krt/JSON/YValue.h"
 
 #include <boost/container/small_vector.hpp>
@@ -100,49 +102,6 @@ bool CopyClean(char* out, const char* text, std::size_t size)
     }
     return true;
 }
-
-// Appends to a string, of which room is made in advance: most of what comes is a single character or a short
-// name.
-class TextBuffer
-{
-public:
-    explicit TextBuffer(std::string& out) : m_out(out), m_end(out.data() + out.size()), m_limit(m_end) {}
-    ~TextBuffer() { m_out.resize(Size()); }
-    TextBuffer(const TextBuffer&) = delete;
-    TextBuffer& operator=(const TextBuffer&) = delete;
-
-    // Where so many bytes may be written, to be followed by MoveTo.
-    char* Room(std::size_t size)
-    {
-        if (static_cast<std::size_t>(m_limit - m_end) < size) [[unlikely]]
-            Grow(size);
-        return m_end;
-    }
-    void MoveTo(char* end) { m_end = end; }
-
-    void Append(char byte)
-    {
-        *Room(1) = byte;
-        ++m_end;
-    }
-    void Append(std::string_view text) { MoveTo(std::copy(text.begin(), text.end(), Room(text.size()))); }
-
-private:
-    static constexpr std::size_t FirstRoom = 1000; // enough for most records
-
-    std::size_t Size() const { return static_cast<std::size_t>(m_end - m_out.data()); }
-    [[gnu::noinline]] void Grow(std::size_t size)
-    {
-        const std::size_t used = Size();
-        m_out.resize(used + std::max({size, used, FirstRoom}));
-        m_end = m_out.data() + used;
-        m_limit = m_out.data() + m_out.size();
-    }
-
-    std::string& m_out;
-    char* m_end;
-    const char* m_limit;
-};
 
 // Writes the byte, which can't stand for itself, and returns the end of what it took, at most EscapeSize.
 constexpr std::size_t EscapeSize = 6;
@@ -313,6 +272,18 @@ YString YValue::Stringify(bool compact) const
 void YValue::StringifyTo(std::string& out) const
 {
     Writer(out, true).Write(this);
+}
+
+void YTextWriter::Number(unsigned long long number)
+{
+    Separate();
+    WriteNumber(m_out, number);
+}
+
+void YTextWriter::String(std::string_view text)
+{
+    Separate();
+    WriteString(m_out, text);
 }
 
 } // namespace Krt::JSON

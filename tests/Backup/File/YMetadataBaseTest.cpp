@@ -49,7 +49,11 @@ TEST(MetadataGolden, EveryRecordIsWrittenAsItWasRead)
         const std::string golden = Testing::ReadFile(GOLDEN_DIRECTORY "/metadata-" + kind + ".json");
         RecordingMapper mapper;
         const auto document = YValue::Parse(golden);
-        EXPECT_EQ(Text(YMetadataBase::ConstructFromJson(document->AsObject())->ToJSON()), golden);
+        const auto metadata = YMetadataBase::ConstructFromJson(document->AsObject());
+        EXPECT_EQ(Text(metadata->ToJSON()), golden);
+        std::string text = "line ";
+        metadata->StringifyTo(text);
+        EXPECT_EQ(text, "line " + document->Stringify(true).Bytes());
         EXPECT_EQ(Text(YMetadataBase::ConstructFromJson(document->AsObject(), mapper)->ToJSON()), golden);
         EXPECT_TRUE(mapper.Calls().empty());
     }

@@ -97,6 +97,23 @@ TEST(UnixFileMetadata, EachKeyIsRequired)
     }
 }
 
+TEST(UnixFileMetadata, ItsTextIsThatOfItsJson)
+{
+    YUnixFileMetadata metadata;
+    YJobPath path = JobPath({{0x602, "a\"b\\\n"}, {0x603, "\xff\xee\xbe\x80"}});
+    path.AppendComponent({"", "shown", 7, 8});
+    metadata.SetFilePath(path);
+    metadata.SetFileSize(~0ull);
+    metadata.SetIsDirectoryForRestore(true);
+    metadata.SetSymbolicLinkTarget("to/\x01");
+    metadata.SetExtendedAttributeMap({{"user.a", {}}, {"user.b", {"value", 5}}});
+    for (const YUnixFileMetadata& each : {metadata, YUnixFileMetadata()}) {
+        std::string text;
+        each.StringifyTo(text);
+        EXPECT_EQ(text, YValue::FromObject(each.ToJSON()).Stringify(true).Bytes());
+    }
+}
+
 TEST(UnixFileMetadata, AFailureKeepsWhatWasReadBefore)
 {
     YUnixFileMetadata source;
