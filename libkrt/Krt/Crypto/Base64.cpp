@@ -19,6 +19,28 @@ constexpr std::array<unsigned char, 256> Values = [] {
     return values;
 }();
 
+// Decodes the groups of four digits in front, up to one with anything else in it, and returns their
+// characters.
+std::size_t DecodeGroups(std::string_view characters, unsigned char*& out)
+{
+    std::size_t at = 0;
+    for (; characters.size() - at >= 4; at += 4) {
+        unsigned int bits = 0;
+        unsigned int seen = 0;
+        for (std::size_t i = at; i < at + 4; ++i) {
+            const unsigned char value = Values[static_cast<unsigned char>(characters[i])];
+            seen |= value;
+            bits = bits << 6 | value;
+        }
+        if (seen == None)
+            break;
+        *out++ = static_cast<unsigned char>(bits >> 16);
+        *out++ = static_cast<unsigned char>(bits >> 8);
+        *out++ = static_cast<unsigned char>(bits);
+    }
+    return at;
+}
+
 bool IsSpace(char byte)
 {
     return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
@@ -50,12 +72,17 @@ YString Base64EncodeData(const Memory::YHeap<unsigned char>& data)
 Memory::YHeap<unsigned char> Base64DecodeData(const YString& text)
 {
     const std::string& characters = text.Bytes();
-    std::vector<unsigned char> bytes;
-    bytes.reserve(characters.size() / 4 * 3);
+    std::vector<unsigned char> bytes(characters.size() / 4 * 3 + 3);
+    unsigned char* out = bytes.data();
     unsigned int bits = 0;
     unsigned int digits = 0;
     unsigned int padding = 0;
     for (std::size_t at = 0; at < characters.size(); ++at) {
+        if (digits % 4 == 0 && padding == 0) {
+            at += DecodeGroups(std::string_view(characters).substr(at), out);
+            if (at == characters.size())
+                break;
+        }
         if (IsSpace(characters[at]))
             continue;
         const unsigned char value = Values[static_cast<unsigned char>(characters[at])];
@@ -69,12 +96,12 @@ Memory::YHeap<unsigned char> Base64DecodeData(const YString& text)
             KRT_RAISE_UNLESS((bits & ((1U << 8 * padding) - 1)) == 0, ErrorCode::InvalidArgument,
                              "Unexpected Base64 bits before offset " << at);
             for (unsigned int byte = 0; byte < 3 - padding; ++byte)
-                bytes.push_back(static_cast<unsigned char>(bits >> (16 - 8 * byte)));
+                *out++ = static_cast<unsigned char>(bits >> (16 - 8 * byte));
         }
     }
     KRT_RAISE_UNLESS(digits % 4 == 0, ErrorCode::InvalidArgument,
                      "Base64 text ends inside a group at offset " << characters.size());
-    return {bytes.data(), bytes.size()};
+    return {bytes.data(), static_cast<unsigned long>(out - bytes.data())};
 }
 
 } // namespace Krt::Crypto
