@@ -130,6 +130,16 @@ TEST(JsonText, GivesBackEveryByteString)
             ASSERT_EQ(ThereAndBack(bytes.Bytes()), bytes.Bytes()) << first << " " << second;
         }
     }
+    // What can't stand for itself, at each place of the words in which text is copied.
+    for (std::size_t length = 1; length < 20; ++length) {
+        for (std::size_t at = 0; at < length; ++at) {
+            for (const char byte : {'"', '\\', '\x1f', '\x80'}) {
+                std::string bytes(length, 'x');
+                bytes[at] = byte;
+                ASSERT_EQ(ThereAndBack(bytes), bytes) << length << " " << at;
+            }
+        }
+    }
     for (std::size_t length = 4080; length < 4100; ++length) {
         for (const char* tail :
              {"\xFF\xFE", "\uEF80", "\U0001f600\n", "\xF0\x9F\x98", "\x01\x02", "\xE0\x9F\xBF",

@@ -4,6 +4,7 @@
 #include "testing/Raises.h"
 
 #include <functional>
+#include <thread>
 
 using Krt::ErrorCode;
 using Krt::MessageType;
@@ -199,6 +200,21 @@ TEST(YValue, DeepChainsAreWrittenAndDestroyedWithoutRecursion)
     holder = YObject();
     EXPECT_EQ(middle.use_count(), 1);
     EXPECT_EQ(middle->AsObject().FindOpt("key")->AsArray().size(), 2u);
+}
+
+// More of them than a thread keeps memory for; those of the last hand die while the thread ends.
+TEST(YValue, MayDieOnAnotherThreadAndWhileOneEnds)
+{
+    YArray made;
+    std::thread([&] {
+        static thread_local YArray held;
+        for (unsigned int i = 0; i < 1000; ++i) {
+            for (YArray* const array : {&held, &made})
+                array->push_back(YValue::Create<unsigned long long>(i));
+        }
+    }).join();
+    std::thread([&] { YArray(std::move(made)); }).join();
+    EXPECT_EQ(YValue::Create<unsigned long long>(7)->AsNumber(), 7u);
 }
 
 } // namespace

@@ -1,0 +1,73 @@
+// How often a record's roads through JSON ask for memory: what does not depend on how busy the machine is.
+#include "Backup/File/YUnixFileMetadata.h"
+
+#include "Krt/JSON/YValue.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <new>
+
+namespace {
+
+std::size_t g_allocations = 0;
+
+} // namespace
+
+void* operator new(std::size_t size)
+{
+    ++g_allocations;
+    if (void* const memory = std::malloc(size))
+        return memory;
+    throw std::bad_alloc();
+}
+
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+
+namespace {
+
+using Backup::File::YUnixFileMetadata;
+using Krt::JSON::YValue;
+
+// Of the second of two runs: the first fills what is kept for the next record.
+std::size_t AllocationsOf(const std::function<void()>& work)
+{
+    work();
+    const std::size_t before = g_allocations;
+    work();
+    return g_allocations - before;
+}
+
+TEST(RecordAllocations, StayFew)
+{
+    YUnixFileMetadata record;
+    record.SetFilePath(
+        Backup::YJobPath::FromFilePath(Backup::YJobPath(), "/usr/share/doc/a/b/c/d.txt", false));
+    std::string text;
+    YValue::FromObject(record.ToJSON()).StringifyTo(text);
+    const auto value = YValue::Parse(text);
+    std::string out;
+    out.reserve(2000);
+
+    // The containers, and the texts that are longer than 15 bytes.
+    EXPECT_LE(AllocationsOf([&] { YValue::Parse(text); }), 20u);
+    EXPECT_LE(AllocationsOf([&] { YUnixFileMetadata(YValue::Parse(text)->AsObject()); }), 24u);
+    EXPECT_LE(AllocationsOf([&] { record.ToJSON(); }), 17u);
+    EXPECT_EQ(AllocationsOf([&] {
+                  out.clear();
+                  value->StringifyTo(out);
+                  record.StringifyTo(out);
+              }),
+              0u);
+}
+
+} // namespace
