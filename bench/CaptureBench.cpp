@@ -68,7 +68,12 @@ public:
         if (mkdtemp(pattern.data()) == nullptr)
             throw std::runtime_error("can't make " + pattern);
         m_path = pattern;
-        make(m_path);
+        try {
+            make(m_path);
+        } catch (...) {
+            fs::remove_all(m_path);
+            throw;
+        }
     }
     ~TemporaryTree() { fs::remove_all(m_path); }
 
