@@ -9,7 +9,6 @@
 #include <tuple>
 
 using Krt::File::YPath;
-using Krt::JSON::TextMembers;
 using Krt::JSON::ValueMembers;
 using Krt::JSON::YArray;
 using Krt::JSON::YObject;
@@ -167,7 +166,7 @@ void YJobPath::Describe(Members& members) const
 }
 
 template BACKUP_API void YJobPath::Describe(ValueMembers& members) const;
-template BACKUP_API void YJobPath::Describe(TextMembers& members) const;
+template BACKUP_API void YJobPath::Describe(Krt::JSON::TextMembers& members) const;
 
 unsigned long YJobPath::Find(unsigned long start, unsigned long classId) const
 {
