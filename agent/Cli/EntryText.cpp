@@ -148,8 +148,11 @@ std::string EntryText(const SnapshotEntry& entry)
     const std::string properties = PropertiesText(entry, *record);
     const std::string remark = RemarkText(entry, *record);
     std::string text;
-    for (unsigned long i = 0; i < record->GetFilePathCount(); ++i)
-        text += properties + Printable(ShownPath(RestoredPath(*record, i))) + remark + "\n";
+    for (unsigned long i = 0; i < record->GetFilePathCount(); ++i) {
+        for (const std::string& part : {properties, Printable(ShownPath(RestoredPath(*record, i))), remark})
+            text += part;
+        text += '\n';
+    }
     return text;
 }
 
