@@ -45,10 +45,12 @@ for count in 10 100 1000 10000; do
     against_ignore mixed $count
 done
 against_ignore literal 100000
-for program in SelectionBench LockBench RecordBench RecordPeers; do
+for program in SelectionBench LockBench RecordBench RecordPeers MountBench LogBench; do
     "$programs/$program" ${quick[@]+"${quick[@]}"} | tee -a "$rows"
 done
-bench/capture-peers.sh ${quick[@]+"${quick[@]}"} | tee -a "$rows"
+for peers in capture program; do
+    "bench/$peers-peers.sh" ${quick[@]+"${quick[@]}"} | tee -a "$rows"
+done
 
 echo "== bounds (build/bench/rows has all figures)"
 awk -F '\t' '

@@ -12,7 +12,7 @@ namespace {
 
 using Krt::YString;
 
-// A field of the line, in which blanks, tabs, line ends and backslashes may stand as octal numbers.
+// A field of the line, in which bytes may stand as octal numbers.
 std::string TakeField(std::string& line)
 {
     const std::size_t end = std::min(line.find_first_of(" \t"), line.size());
@@ -20,17 +20,12 @@ std::string TakeField(std::string& line)
     line.erase(0, std::min(line.find_first_not_of(" \t", end), line.size()));
     std::string field;
     for (std::size_t at = 0; at < raw.size();) {
-        const auto escape = [&](std::string_view text, char meaning) {
-            const bool is = raw.compare(at, text.size(), text) == 0;
-            if (is) {
-                field += meaning;
-                at += text.size();
-            }
-            return is;
-        };
-        if (!escape("\\040", ' ') && !escape("\\011", '\t') && !escape("\\012", '\n') &&
-            !escape("\\134", '\\') && !escape("\\\\", '\\'))
-            field += raw[at++];
+        unsigned int byte = 0;
+        const bool isEscape =
+            raw[at] == '\\' && raw.find_first_not_of("01234567", at + 1) >= at + 4 && raw.size() >= at + 4 &&
+            (byte = static_cast<unsigned int>(std::stoi(raw.substr(at + 1, 3), nullptr, 8))) <= 0xFF;
+        field += isEscape ? static_cast<char>(byte) : raw[at];
+        at += isEscape ? 4 : 1;
     }
     return field;
 }
@@ -39,18 +34,10 @@ bool HasOption(const std::string& options, const std::string& wanted)
 {
     std::istringstream input(options);
     for (std::string option; std::getline(input, option, ',');) {
-        if (option == wanted || option.starts_with(wanted + '='))
+        if (option == wanted)
             return true;
     }
     return false;
-}
-
-// '#' is escaped, too, but not in directories.
-std::string WithHashes(std::string field)
-{
-    for (std::size_t at = 0; (at = field.find("\\043", at)) != std::string::npos; ++at)
-        field.replace(at, 4, "#");
-    return field;
 }
 
 std::vector<std::array<std::string, 4>> Lines(const std::string& text)
@@ -64,14 +51,12 @@ std::vector<std::array<std::string, 4>> Lines(const std::string& text)
         std::array<std::string, 4> fields;
         for (std::string& field : fields)
             field = TakeField(line);
-        // Such an entry asks not to be listed.
-        if (fields[2] == "autofs" && HasOption(fields[3], "ignore"))
-            continue;
         // A directory begins with a slash: here the source is missing.
         if (!fields[1].starts_with('/') && fields[0].starts_with('/'))
             fields = {"", fields[0], fields[1], fields[2]};
-        fields[0] = WithHashes(fields[0]);
-        fields[2] = WithHashes(fields[2]);
+        // Such an entry asks not to be listed.
+        if (fields[2] == "autofs" && HasOption(fields[3], "ignore"))
+            continue;
         lines.push_back(fields);
     }
     return lines;

@@ -8,6 +8,7 @@
 
 namespace Krt::Volume {
 
+/// One mount.
 struct MountEntry
 {
     YString type;      ///< name of the file system's type, such as "ext4"

@@ -9,6 +9,7 @@ namespace Krt::Volume {
 class KRT_API YVolume
 {
 public:
+    /// Of any path on it; nothing is asked yet.
     explicit YVolume(const File::YPath& path);
     ~YVolume();
 

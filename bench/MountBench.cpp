@@ -1,0 +1,94 @@
+// MountBench [--quick]: listing a mount table, in nanoseconds an entry and as a multiple of a loop that calls
+// getmntent_r and keeps nothing, with which it takes turns.
+#include "Krt/Volume/MountTable.h"
+#include "bench/Measure.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <mntent.h>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+constexpr int Rounds = 9;
+
+// As a machine with containers has them: devices, layers with long options, file systems without a device.
+class Table
+{
+public:
+    explicit Table(int entries)
+    {
+        FILE* const file = fdopen(mkstemp(m_name), "w");
+        for (int i = 0; i < entries; ++i) {
+            if (i % 3 == 0)
+                std::fprintf(file, "/dev/mapper/group-volume%d /srv/data\\040%d ext4 rw,relatime 0 0\n", i,
+                             i);
+            else if (i % 3 == 1)
+                std::fprintf(file,
+                             "overlay /var/lib/containers/%d/merged overlay rw,relatime,lowerdir=%s 0 0\n", i,
+                             std::string(200, 'l').c_str());
+            else
+                std::fprintf(file, "tmpfs /run/user/%d tmpfs rw,nosuid,nodev,size=1611404k,mode=700 0 0\n",
+                             i);
+        }
+        std::fclose(file);
+        Krt::Volume::SetMountTableForTesting(m_name);
+    }
+    ~Table()
+    {
+        Krt::Volume::SetMountTableForTesting(nullptr);
+        unlink(m_name);
+    }
+    Table(const Table&) = delete;
+    Table& operator=(const Table&) = delete;
+
+    const char* Name() const { return m_name; }
+
+private:
+    char m_name[32] = "/tmp/backup-mounts-XXXXXX";
+};
+
+std::size_t CountBare(const char* name)
+{
+    constexpr int LineBytes = 0x10000;
+    const auto line = std::make_unique_for_overwrite<char[]>(LineBytes);
+    FILE* const file = setmntent(name, "re");
+    std::size_t count = 0;
+    for (mntent entry; getmntent_r(file, &entry, line.get(), LineBytes) != nullptr;)
+        ++count;
+    endmntent(file);
+    return count;
+}
+
+void Compare(int entries, int lists)
+{
+    const Table table(entries);
+    std::size_t listed = 0;
+    const auto seconds = Bench::SecondsInTurns(Rounds, {[&] {
+                                                            for (int i = 0; i < lists; ++i)
+                                                                listed +=
+                                                                    Krt::Volume::ListMountEntries().size();
+                                                        },
+                                                        [&] {
+                                                            for (int i = 0; i < lists; ++i)
+                                                                listed -= CountBare(table.Name());
+                                                        }});
+    if (listed != 0)
+        std::abort();
+    const std::string name = "mounts." + std::to_string(entries);
+    Bench::PrintRow((name + ".ours").c_str(), seconds[0] * 1e9 / lists / entries, "ns");
+    Bench::PrintRow((name + ".getmntent").c_str(), seconds[1] * 1e9 / lists / entries, "ns");
+    Bench::PrintRow(name.c_str(), seconds[0] / seconds[1], "x");
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const int scale = argc > 1 && std::string(argv[1]) == "--quick" ? 1 : 20;
+    Compare(20, 50 * scale);
+    Compare(1000, 2 * scale);
+    return 0;
+}
