@@ -8,6 +8,7 @@ namespace Krt {
 class YString;
 }
 
+/// Stands in front of every name that libBackup exports.
 #define BACKUP_API __attribute__((visibility("default")))
 
 namespace Backup {

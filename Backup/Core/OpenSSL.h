@@ -40,13 +40,14 @@ struct TrustOptions
 /// are seconds since 1970, missing where the certificate's can't be read.
 struct CertificateSummary
 {
-    Krt::YString subject;
-    Krt::YString issuer;
-    std::optional<long long> notBefore;
-    std::optional<long long> notAfter;
-    Krt::YString keyHash; ///< what pins its key: see TrustOptions::pinnedKey
+    Krt::YString subject;               ///< whose key it certifies
+    Krt::YString issuer;                ///< who says so
+    std::optional<long long> notBefore; ///< the first second of its life
+    std::optional<long long> notAfter;  ///< the last one
+    Krt::YString keyHash;               ///< what pins its key: see TrustOptions::pinnedKey
 };
 
+/// What came of a judgement.
 struct TrustReport
 {
     Krt::YString reason;       ///< why it isn't trusted, in printable ASCII; empty if it is

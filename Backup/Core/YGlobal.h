@@ -11,6 +11,7 @@
 
 namespace Backup {
 
+/// The part of the object that needs no volumes.
 class BACKUP_API YGlobalBase
 {
 public:
@@ -21,23 +22,26 @@ public:
 
     /// Fills the macro table with the product's names.
     virtual void Initialize();
+    /// The counterpart, for objects that add to this one; there is nothing to undo here.
     virtual void Deinitialize();
 
     /// For whoever changes the macro table while other threads use it; the library itself only reads the
     /// table, and takes no lock.
     const boost::shared_ptr<Krt::Thread::YMutexInternal>& GetMutex() const { return m_mutex; }
+    /// The macro table, owned by this object.
     Krt::Util::YMacroManager& GetMacros() { return m_macros; }
 
 protected:
     ~YGlobalBase() = default;
 
-    boost::shared_ptr<Krt::Thread::YMutexInternal> m_mutex;
-    Krt::Util::YMacroManager m_macros;
+    boost::shared_ptr<Krt::Thread::YMutexInternal> m_mutex; ///< what GetMutex gives
+    Krt::Util::YMacroManager m_macros;                      ///< what GetMacros gives
 };
 
 class BACKUP_API YGlobal final : public YGlobalBase
 {
 public:
+    /// The same; volumes are looked for when first asked about.
     void Initialize() override;
 
     /// Has a lock of its own.

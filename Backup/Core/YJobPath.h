@@ -15,27 +15,32 @@ namespace Backup {
 class BACKUP_API YJobPath
 {
 public:
-    static constexpr unsigned int ClassUnknown = 0; ///< parsed from display text
-    static constexpr unsigned int ClassFileSystemContainer = 0x602;
-    static constexpr unsigned int ClassFileSystemFile = 0x603;
+    static constexpr unsigned int ClassUnknown = 0;                 ///< parsed from display text
+    static constexpr unsigned int ClassFileSystemContainer = 0x602; ///< a directory or a volume
+    static constexpr unsigned int ClassFileSystemFile = 0x603;      ///< anything else that has a path
 
     /// One level. Other classes than those above may come from elsewhere and are kept as they are.
     class BACKUP_API Component
     {
     public:
+        /// Takes all four as they are.
         Component(const YString& name, const YString& displayName, unsigned int classId,
                   unsigned short subclassId);
+        /// Whether it is of one of the two file system classes.
         bool IsFileSystem() const { return (m_classId & ~1u) == ClassFileSystemContainer; }
 
-        unsigned int m_classId;
-        unsigned short m_subclassId;
-        YString m_name;
-        YString m_displayName; ///< text for people; may be empty and plays no part in comparisons
+        unsigned int m_classId;      ///< what kind of thing it is
+        unsigned short m_subclassId; ///< a finer kind within the class
+        YString m_name;              ///< by which it is known
+        YString m_displayName;       ///< text for people; may be empty and plays no part in comparisons
     };
 
     YJobPath() = default;
+    /// As ParseDisplayPath.
     YJobPath(const YString& displayPath);
+    /// Of one component.
     YJobPath(const Component& component);
+    /// As Copy.
     YJobPath(const YJobPath& other, unsigned long start, unsigned long count);
     YJobPath(const YJobPath&) = default;
     YJobPath(YJobPath&& other) noexcept = default;
@@ -49,11 +54,13 @@ public:
     void ParseDisplayPath(const YString& text);
     /// The names, not the display names, joined by "/".
     YString GetDisplayPath() const;
+    /// As GetDisplayPath.
     operator YString() const { return GetDisplayPath(); }
     /// The file path that the file system components give, which starts at "/". Raises InvalidArgument if
     /// there is no such component, or if another one stands behind the first of them.
     Krt::File::YPath GetFilesystemPortion() const;
 
+    /// 0 for an empty path.
     unsigned long GetComponentCount() const { return m_components.size(); }
     /// Valid until the next change; raises InvalidArgument past the end.
     const Component& GetComponent(unsigned long index) const;
@@ -72,6 +79,7 @@ public:
 
     /// No effect on an empty path.
     void RemoveLeaf();
+    /// Adds a copy behind the leaf.
     void AppendComponent(const Component& component);
     /// The same, of a component that is made in its place.
     void AppendComponent(const YString& name, const YString& displayName, unsigned int classId,
@@ -81,6 +89,7 @@ public:
     }
     /// Makes room for so many components at once.
     void Reserve(unsigned long count) { m_components.reserve(count); }
+    /// Adds a component behind the leaf, or all of the other path.
     YJobPath& operator+=(const Component& component);
     void Append(const YJobPath& other);
     /// Replaces the content by at most `count` components of `other` from `start` on; cut at its end.
@@ -90,6 +99,7 @@ public:
 
     /// Whether `parent` is a prefix: each path is within itself, and all are within the empty one.
     bool IsWithin(const YJobPath& parent) const;
+    /// Same classes, subclasses and names.
     bool operator==(const YJobPath& other) const;
     /// By class, subclass and bytes of the name, component by component; then the shorter first.
     bool operator<(const YJobPath& other) const;

@@ -58,6 +58,7 @@ public:
     /// The last component of the directory. Raises InvalidState without a directory.
     Krt::File::YPath FileName() const;
 
+    /// The fields. References live as long as the descriptor.
     const Krt::File::YPath& GetPath() const { return m_path; }
     const Krt::Match::Descriptor& GetDescriptor() const { return m_descriptor; }
     bool IsRecursive() const { return m_isRecursive; }

@@ -20,6 +20,7 @@ class YFile;
 class YUnixFileMetadata;
 class YWinFileMetadata;
 
+/// The kinds of metadata, with their words in JSON.
 enum VAM_METADATA_TYPES : unsigned int
 {
     VAM_WINDOWS_METADATA_TYPE = 0, ///< "win"
@@ -35,6 +36,7 @@ using JobPathMapper = boost::function<Backup::YJobPath(Krt::File::YPath, bool)>;
 class BACKUP_API YMetadataBase : public Krt::JSON::IJSON
 {
 public:
+    /// An object of the kind.
     explicit YMetadataBase(VAM_METADATA_TYPES type);
     /// Reads the kind alone.
     explicit YMetadataBase(const Krt::JSON::YObject& json);
@@ -47,6 +49,7 @@ public:
     void FromJSON(const Krt::JSON::YObject& json) override;
     /// Replaces all paths of the object by this one.
     virtual void SetFilePath(const YJobPath& path) = 0;
+    /// Sets or gives one of the paths; each class says what it makes of an index.
     virtual void SetFilePath(unsigned long index, const YJobPath& path) = 0;
     virtual YJobPath GetFilePath(unsigned long index) const = 0;
     virtual unsigned long GetFilePathCount() const = 0;
@@ -68,6 +71,7 @@ public:
     /// Always a YUnixFileMetadata.
     static boost::shared_ptr<YMetadataBase> ConstructFromFile(YFile& file, JobPathMapper mapper);
 
+    /// The kind.
     VAM_METADATA_TYPES GetMetadataType() const { return m_type; }
     /// This object as the class of its kind; fails an assertion (InvalidUse) on any other.
     YWinFileMetadata& AsWinFileMetadata();

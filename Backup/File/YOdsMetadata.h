@@ -9,6 +9,7 @@ namespace Backup::File {
 class BACKUP_API YOdsMetadata : public YMetadataBase
 {
 public:
+    /// Of the object with this path.
     explicit YOdsMetadata(const YJobPath& jobPath);
     /// Raises what FromJSON raises.
     explicit YOdsMetadata(const Krt::JSON::YObject& json);
@@ -23,6 +24,7 @@ public:
     void SetFilePath(unsigned long index, const YJobPath& path) override;
     /// The job path, whatever the index.
     YJobPath GetFilePath(unsigned long index) const override;
+    /// Always 1.
     unsigned long GetFilePathCount() const override;
     /// Always raises.
     YJobPath GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,

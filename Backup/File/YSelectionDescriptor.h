@@ -26,6 +26,7 @@ public:
         Exclude = 3 ///< excluded, and to be reported as such
     };
 
+    /// How far a rule reaches.
     enum RecursionType : unsigned int
     {
         NonRecursive = 0, ///< the entries directly inside the directory
@@ -38,6 +39,7 @@ public:
     YSelectionDescriptor(const Krt::Match::Descriptor& descriptor, RecursionType recursionType,
                          SelectionType selectionType, bool reportExclude);
 
+    /// The fields. The reference lives as long as the rule.
     const Krt::Match::Descriptor& GetDescriptor() const { return m_descriptor; }
     RecursionType GetRecursionType() const { return m_recursionType; }
     SelectionType GetSelectionType() const { return m_selectionType; }
@@ -49,6 +51,7 @@ public:
     /// rules and Recursive Any rules.
     void SetExplicitSelection(bool value);
 
+    /// The fields as questions.
     bool IsRecursive() const { return m_recursionType == RecursionType::Recursive; }
     bool IsInclude() const { return m_selectionType == SelectionType::Include; }
     bool IsExclude() const { return m_selectionType == SelectionType::Exclude; }
@@ -84,6 +87,7 @@ private:
     bool m_explicitSelection = false;
 };
 
+/// The fields of the rule, for logs.
 BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionDescriptor& rule);
 
 } // namespace Backup::File

@@ -34,6 +34,7 @@ class BACKUP_API YSelectionManager
 {
 public:
     class BACKUP_API YSelectionManagerNode; // below
+    /// The rule's types, and a path as its components, top first.
     using SelectionType = YSelectionDescriptor::SelectionType;
     using RecursionType = YSelectionDescriptor::RecursionType;
     using Components = std::vector<YString>;
@@ -49,6 +50,7 @@ public:
     YSelectionManager(YSelectionManager&& other);
     YSelectionManager& operator=(YSelectionManager other);
     ~YSelectionManager();
+    /// Write-locks both, this one first.
     void Swap(YSelectionManager& other);
 
     /// Same nodes, names and rules, waypoints without rules included.
@@ -76,12 +78,14 @@ public:
     /// against every component. Raises InvalidArgument for the root, about which there are no rules; so do
     /// all operations down to IsAnyExplicitSelectionBelowComponent.
     SelectionType GetPathSelectionType(const Krt::File::YPath& path) const;
+    /// Whether that answer is Include; Include or "go on"; either of these; neither; Exclude.
     bool IsPathSelected(const Krt::File::YPath& path) const;
     bool IsPathSelectedOrSelectionParent(const Krt::File::YPath& path) const;
     bool ShouldEnumeratePath(const Krt::File::YPath& path) const;
     bool IsPathNotSelected(const Krt::File::YPath& path) const;
     bool IsPathExcluded(const Krt::File::YPath& path) const;
 
+    /// The questions that make up the answer, for callers that have the components.
     bool PathMatchesInclude(const Components& components) const;
     /// `reportable` means something only beside true.
     bool PathMatchesExclude(const Components& components, bool& reportable) const;
@@ -102,6 +106,7 @@ public:
     bool VisitPathsAndDescriptors(SelectionType type, const Krt::File::YPath& start, RuleVisitor visitor,
                                   bool recurse) const;
     bool VisitPathsAndDescriptors(const Krt::File::YPath& start, RuleVisitor visitor, bool recurse) const;
+    /// Visits every node of the tree, the root too.
     void VisitAllNodes(NodeVisitor visitor) const;
 
     /// The topmost directories at which includes stand and that a walk may reach.
@@ -161,6 +166,7 @@ private:
 class BACKUP_API YSelectionManager::YSelectionManagerNode
 {
 public:
+    /// A root without rules, or a node that its parent doesn't own yet.
     YSelectionManagerNode();
     YSelectionManagerNode(const YString& name, YSelectionManagerNode* parent);
     YSelectionManagerNode(const YSelectionManagerNode&) = delete;
@@ -186,9 +192,11 @@ public:
     bool DoesNodePruneDescriptor(const YSelectionDescriptor& candidate,
                                  bool checkNonRecursiveDescriptors) const;
 
+    /// Whether a rule of this node matches the name, only recursive ones with the second argument false.
     bool MatchesInclude(const YString& name, bool checkNonRecursiveDescriptors) const;
     /// `reportable`: whether any of the matching excludes is to be reported.
     bool MatchesExclude(const YString& name, bool checkNonRecursiveDescriptors, bool& reportable) const;
+    /// What the names say, asked of the rules of this node alone.
     bool MatchesExplicitExactNonRecursiveInclude(const YString& name) const;
     bool AllChildrenAreExcludedNotReportably() const;
     bool HasAnyIncludes() const { return !m_includes.empty(); }

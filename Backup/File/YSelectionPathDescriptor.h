@@ -33,6 +33,7 @@ private:
     Krt::File::YPath m_path;
 };
 
+/// The path and the fields of the rule, for logs.
 BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionPathDescriptor& rule);
 
 } // namespace Backup::File

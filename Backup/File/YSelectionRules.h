@@ -17,6 +17,7 @@ namespace Backup::File {
 class BACKUP_API YSelectionRules
 {
 public:
+    /// The set as its iteration shows it: in the order of the rules.
     using Rule = YSelectionDescriptor;
     using const_iterator = std::set<Rule>::const_iterator;
 
@@ -25,6 +26,7 @@ public:
     YSelectionRules& operator=(const YSelectionRules& other);
     ~YSelectionRules() = default;
 
+    /// The iteration.
     const_iterator begin() const { return m_rules.begin(); }
     const_iterator end() const { return m_rules.end(); }
     std::size_t size() const { return m_rules.size(); }
@@ -36,6 +38,7 @@ public:
     const_iterator Find(const Rule& rule) const;
     /// False, with the stored rule left as it is, if one of the same place in the order is here already.
     bool Insert(const Rule& rule);
+    /// Drops the rule there.
     void Erase(const_iterator position);
     /// Drops, in order, the rules that `rule` prunes and `mayGo` lets go; returns how many.
     std::size_t EraseCovered(const Rule& rule, const std::function<bool(const Rule&)>& mayGo);

@@ -13,6 +13,7 @@ namespace Backup::File {
 class BACKUP_API YUnixFileMetadata : public YMetadataBase
 {
 public:
+    /// All fields 0, false and empty.
     YUnixFileMetadata();
     /// From a live file, whose access time is not taken. The mapper's bool is whether the walk may descend
     /// into the path. Raises what reading the file's attributes and the descent policy raise.
@@ -28,6 +29,7 @@ public:
     /// A legacy header wins over all other keys. A damaged one raises InvalidArgument; its extended
     /// attributes are checked and not kept.
     void FromJSON(const Krt::JSON::YObject& json, JobPathMapper mapper) override;
+    /// Replaces the one path that there is.
     void SetFilePath(const YJobPath& path) override;
     /// Raises InvalidArgument for an index other than 0, as does GetFilePath.
     void SetFilePath(unsigned long index, const YJobPath& path) override;
@@ -40,9 +42,11 @@ public:
                                  const YJobPath& replaceDestination) override;
     void StringifyTo(std::string& out) const override;
 
-    unsigned long long GetFileSize() const { return m_fileSize; } ///< bytes
+    /// The fields, stored as they come: size in bytes, times as YFile gives them ("changed" is the inode's),
+    /// mode as the st_mode word, user and group as numbers.
+    unsigned long long GetFileSize() const { return m_fileSize; }
     void SetFileSize(unsigned long long size) { m_fileSize = size; }
-    unsigned long long GetLastChangedTime() const { return m_lastChangedTime; } ///< of the inode
+    unsigned long long GetLastChangedTime() const { return m_lastChangedTime; }
     void SetLastChangedTime(unsigned long long time) { m_lastChangedTime = time; }
     unsigned long long GetLastWriteTime() const { return m_lastWriteTime; }
     void SetLastWriteTime(unsigned long long time) { m_lastWriteTime = time; }
@@ -50,7 +54,7 @@ public:
     void SetLastAccessTime(unsigned long long time) { m_lastAccessTime = time; }
     bool IsDirectoryForRestore() const { return m_isDirectory; }
     void SetIsDirectoryForRestore(bool isDirectory) { m_isDirectory = isDirectory; }
-    unsigned int GetModeFlags() const { return m_modeFlags; } ///< the st_mode word
+    unsigned int GetModeFlags() const { return m_modeFlags; }
     void SetModeFlags(unsigned int flags) { m_modeFlags = flags; }
     unsigned int GetUserId() const { return m_userId; }
     void SetUserId(unsigned int id) { m_userId = id; }
@@ -58,6 +62,7 @@ public:
     void SetGroupId(unsigned int id) { m_groupId = id; }
     /// Whether there is a target, whatever the mode says.
     bool IsSymbolicLink() const { return !m_symbolicLinkTarget.IsEmpty(); }
+    /// The target and the attributes; an object of another kind has none of either.
     Krt::File::YPath GetSymbolicLinkTarget() const { return m_symbolicLinkTarget; }
     void SetSymbolicLinkTarget(Krt::File::YPath target) { m_symbolicLinkTarget = std::move(target); }
     Krt::File::ExtendedAttributeMap GetExtendedAttributeMap() const { return m_extendedAttributes; }

@@ -13,8 +13,10 @@ namespace Backup::File {
 class BACKUP_API YWinFileMetadata : public YMetadataBase
 {
 public:
+    /// Each path with its short name, which may be empty.
     using Paths = std::vector<std::pair<YJobPath, YString>>;
 
+    /// All fields 0 and empty.
     YWinFileMetadata();
     /// These raise what FromJSON raises.
     explicit YWinFileMetadata(const Krt::JSON::YObject& json);
@@ -40,9 +42,11 @@ public:
     YJobPath GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,
                                  const YJobPath& replaceDestination) override;
 
+    /// The fields, stored as they come: size in bytes, times as the source recorded them, attributes as the
+    /// bits of Windows.
     unsigned int GetReparseType() const { return m_reparseType; }
     void SetReparseType(unsigned int type) { m_reparseType = type; }
-    unsigned long long GetFileSize() const { return m_fileSize; } ///< bytes
+    unsigned long long GetFileSize() const { return m_fileSize; }
     void SetFileSize(unsigned long long size) { m_fileSize = size; }
     unsigned long long GetCreationTime() const { return m_creationTime; }
     void SetCreationTime(unsigned long long time) { m_creationTime = time; }
@@ -52,7 +56,9 @@ public:
     void SetLastAccessTime(unsigned long long time) { m_lastAccessTime = time; }
     unsigned int GetAttributes() const { return m_attributes; }
     void SetAttributes(unsigned int attributes) { m_attributes = attributes; }
+    /// Whether the attributes have the bit 0x10.
     bool IsDirectoryAttributeSet() const;
+    /// All paths, in the order of their adding.
     Paths GetPaths() const { return m_paths; }
     void AddPath(YJobPath path, YString shortName);
     /// Meaningful for a directory only.

@@ -32,10 +32,12 @@ public:
                          const Krt::Time::YDuration& timeout) = 0;
     /// Stops the service first.
     virtual void Delete(const YString& name, const Krt::Time::YDuration& timeout) = 0;
+    /// Starts the service and waits until it runs.
     virtual void Start(const YString& name, const Krt::Time::YDuration& timeout) = 0;
-    /// `force` doesn't let the service finish what it is at.
+    /// Stops the service, or stops and starts it; `force` doesn't let it finish what it is at.
     virtual void Stop(const YString& name, bool force, const Krt::Time::YDuration& timeout) = 0;
     virtual void Restart(const YString& name, bool force, const Krt::Time::YDuration& timeout) = 0;
+    /// Whether the service runs at this moment.
     virtual bool IsRunning(const YString& name) = 0;
 };
 

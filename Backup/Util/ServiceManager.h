@@ -7,6 +7,7 @@
 
 namespace Backup::Util {
 
+/// A new object, the caller's.
 BACKUP_API std::unique_ptr<IServiceManager> CreateServiceManager();
 /// Whether its services keep the arguments with which they were installed.
 BACKUP_API bool DoServicesKeepArguments();

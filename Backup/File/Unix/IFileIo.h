@@ -14,6 +14,7 @@ public:
     virtual unsigned int Read(void* buffer, unsigned int count) = 0;
     /// Writes `count` bytes behind the last; returns how many.
     virtual unsigned int Write(const void* buffer, unsigned int count) = 0;
+    /// Goes to a byte, where the object can.
     virtual void Seek(unsigned long long offset) = 0;
     /// Says that the last byte was moved.
     virtual void EndOfFile() = 0;

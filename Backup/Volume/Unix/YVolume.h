@@ -17,13 +17,13 @@ public:
     /// What was learned of a volume.
     struct _tagVOL_INFO
     {
-        Krt::File::YPath uniquePath;
+        Krt::File::YPath uniquePath; ///< the volume's identity
         unsigned long long size = 0; ///< never filled on this platform
         unsigned int driveType = 0;  ///< see DriveClass
         /// Each with the unique path of the volume on which the mount point stands.
         std::vector<std::pair<Krt::File::YPath, Krt::File::YPath>> mountPaths;
-        YString fsType; ///< never filled on this platform
-        bool readOnly = false;
+        YString fsType;        ///< never filled on this platform
+        bool readOnly = false; ///< of the mount that holds the path
 
         /// The mount path of the fewest components, of equals the earliest; empty if there is none.
         Krt::File::YPath GetPrimaryMountPath() const;
@@ -40,6 +40,7 @@ public:
 
     /// The unique path; raises InvalidState on an uninitialized volume.
     operator Krt::File::YPath() const override;
+    /// Back to the uninitialized state.
     void Initialize() override;
     /// Starts afresh on any object. What can't be learned is logged and raised as volume discovery raises it;
     /// the object is then uninitialized, with what was filled so far.
@@ -48,17 +49,18 @@ public:
     unsigned int GetType() const override;
     /// Empty; raises InvalidState on an uninitialized volume.
     YString GetFsType() const override;
-    /// "@@TODO", as are the vendor, the product and the string representation.
+    /// "@@TODO".
     YString GetBusType() const override;
     YString GetVendor() const override;
     YString GetProduct() const override;
-    /// 0, as is the cluster's size.
+    /// Always 0.
     unsigned long long GetVolumeSize() const override;
     /// Asks the operating system at every call, by the path that the volume was filled from, and raises its
     /// error.
     unsigned long long GetVolumeFreeSpace() const override;
     /// Raises NotSupported at the count and beyond.
     Krt::File::YPath GetMountPath(unsigned int index) const override;
+    /// What was learned of the mounts; 0 is the cluster's size.
     unsigned int GetMountPathCount() const override;
     Krt::File::YPath GetPrimaryMountPath() const override;
     unsigned int GetClusterSize() const override;
@@ -69,6 +71,7 @@ public:
     bool SupportsBackup() const override;
     bool SupportsSnapshot() const override;
     bool SupportsChangeJournal() const override;
+    /// "@@TODO", too.
     YString GetStringRepresentation() const override;
 
     /// The volume's DriveClass; raises InvalidState on an uninitialized volume, as does GetGuidPath.
@@ -78,7 +81,7 @@ public:
     /// The path that the volume was filled from.
     Krt::File::YPath GetPath() const { return m_path; }
 
-    // By the unique paths' bytes, initialized or not: two objects of one volume are equal.
+    /// By the unique paths' bytes, initialized or not: two objects of one volume are equal.
     bool operator==(const YVolume& other) const;
     bool operator!=(const YVolume& other) const;
     bool operator<(const YVolume& other) const;

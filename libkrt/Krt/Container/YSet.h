@@ -17,6 +17,7 @@ public:
     void Clear();
     /// Inserts the value and notifies; true if it was not there.
     bool Insert(const T& value);
+    /// The content at this moment; another thread may change it at once.
     bool Contains(const T& value) const;
     unsigned long Size() const;
     /// A copy of the content.
@@ -24,6 +25,7 @@ public:
     /// Waits until the set changes behind the change with number `seen`; returns the number of the last
     /// change.
     unsigned long long WaitForChange(unsigned long long seen) const;
+    /// The number of the last change; 0 before the first.
     unsigned long long ChangeCount() const;
     /// Fired after each change, with no lock held.
     Signal::YSignal<void()>& OnChanged() { return m_changed; }

@@ -6,6 +6,7 @@
 
 namespace Krt::Crypto {
 
+/// The text, padded, without line ends.
 KRT_API YString Base64EncodeData(const Memory::YHeap<unsigned char>& data);
 /// White space between characters is skipped. Raises InvalidArgument, naming the place, on anything else that
 /// no encoder writes: another character, a wrong length, padding inside.

@@ -37,6 +37,7 @@ namespace Krt::Exception {
 
 } // namespace Krt::Exception
 
+/// The statement under all others. Its parts: ExceptionType, reported function, log channel, code, text.
 #define KRT_RAISE_FULL(type, function, channel, code, ...)                                                   \
     do {                                                                                                     \
         ::Krt::YStream krtMessage{::Krt::YString()};                                                         \
@@ -44,35 +45,42 @@ namespace Krt::Exception {
         ::Krt::Exception::Raise(type, channel, code, __LINE__, __FILE__, function, krtMessage);              \
     } while (false)
 
+/// A failure with an ErrorCode and a streamed text; see above for the endings.
 #define KRT_RAISE_AS(function, channel, code, ...)                                                           \
     KRT_RAISE_FULL(::Krt::Exception::ExceptionType::General, function, channel,                              \
                    code __VA_OPT__(, ) __VA_ARGS__)
+/// The same, with the function that stands around it.
 #define KRT_RAISE_ON(channel, code, ...) KRT_RAISE_AS(__func__, channel, code __VA_OPT__(, ) __VA_ARGS__)
+/// The same on the channel General.
 #define KRT_RAISE(code, ...) KRT_RAISE_ON(::Krt::MessageType::General, code __VA_OPT__(, ) __VA_ARGS__)
 
+/// KRT_RAISE where the condition is false; the text is built then only.
 #define KRT_RAISE_UNLESS(condition, code, ...)                                                               \
     do {                                                                                                     \
         if (!(condition)) [[unlikely]]                                                                       \
             KRT_RAISE(code __VA_OPT__(, ) __VA_ARGS__);                                                      \
     } while (false)
 
-// `error` is read before the message is built.
+/// A failure of the operating system with this number, which is read before the text is built.
 #define KRT_RAISE_OS_ERROR(error, channel, ...)                                                              \
     do {                                                                                                     \
         const int krtOsError = (error);                                                                      \
         KRT_RAISE_FULL(::Krt::Exception::ExceptionType::OsError, __func__, channel,                          \
                        static_cast<unsigned int>(krtOsError) __VA_OPT__(, ) __VA_ARGS__);                    \
     } while (false)
+/// The same with the current errno.
 #define KRT_RAISE_OS_ON(channel, ...) KRT_RAISE_OS_ERROR(errno, channel __VA_OPT__(, ) __VA_ARGS__)
+/// The same on the channel General.
 #define KRT_RAISE_OS(...) KRT_RAISE_OS_ON(::Krt::MessageType::General __VA_OPT__(, ) __VA_ARGS__)
 
+/// A check that holds in every build; see FailRequiredCheck.
 #define KRT_REQUIRE(condition, detail)                                                                       \
     do {                                                                                                     \
         if (!(condition)) [[unlikely]]                                                                       \
             ::Krt::Exception::FailRequiredCheck(#condition, detail, __LINE__, __FILE__, __func__);           \
     } while (false)
 
-// In a member function: the log line bears the object's prefix. `...` is the detail, streamed.
+/// For a member function: the log line bears the object's prefix. `...` is the detail, streamed.
 #define KRT_ASSERT(condition, ...)                                                                           \
     do {                                                                                                     \
         if (!(condition)) [[unlikely]] {                                                                     \

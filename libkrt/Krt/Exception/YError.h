@@ -12,6 +12,7 @@ namespace Krt::Exception {
 
 class YError;
 
+/// All that an error carries.
 class KRT_API YErrorBase
 {
 public:
@@ -27,12 +28,14 @@ public:
 
     /// The site's text, which may be empty.
     const YString& GetMessage() const { return m_message; }
+    /// Whether the code is an ErrorCode or an errno, and the channel as a MessageType.
     ExceptionType GetType() const { return static_cast<ExceptionType>(m_type); }
     unsigned int GetMessageType() const { return static_cast<unsigned int>(m_messageType); }
     /// Bare name of the function that raised.
     const YString& GetFunction() const { return m_function; }
     /// Source path of the site, without ending.
     const YString& GetFile() const { return m_file; }
+    /// The site's line, from 1.
     unsigned int GetLine() const { return static_cast<unsigned int>(m_line); }
     /// Type, code by name and number with the system's text for it, and function; what stands in parentheses
     /// behind the message where the error is printed.
@@ -44,6 +47,7 @@ protected:
     friend KRT_API YError MakeYError(ExceptionType, unsigned int, unsigned int, unsigned int, const char*,
                                      const char*, const YString&);
 
+    /// What the operations above give.
     YString m_message;
     YString m_function;
     unsigned long long m_type = 0;
@@ -59,7 +63,9 @@ protected:
 class KRT_API YError : public YErrorBase
 {
 public:
+    /// An error that says nothing: type and codes 0, texts empty.
     YError() = default;
+    /// A copy.
     explicit YError(const YErrorBase& other) : YErrorBase(other) {}
 };
 

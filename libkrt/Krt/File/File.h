@@ -12,11 +12,12 @@
 
 namespace Krt::File {
 
+/// Values by name, namespace included ("user.note").
 using ExtendedAttributeMap = std::map<YString, Memory::YHeap<unsigned char>>;
 
 /// The attribute word: bit 0x10 for a directory.
 constexpr unsigned int AttributeDirectory = 0x10;
-constexpr unsigned int AttributesUnknown = 0xFFFFFFFF;
+constexpr unsigned int AttributesUnknown = 0xFFFFFFFF; ///< of a path that can't be read
 
 /// Flags of Open.
 constexpr unsigned int OpenForReading = 0x8001;  ///< an existing file; never blocks on a FIFO
@@ -30,6 +31,7 @@ KRT_API unsigned int GetAttributesNoException(const YPath& path);
 KRT_API unsigned long long GetSize(const YPath& path);
 /// Whether something exists at the path; a dangling link does. Never raises.
 KRT_API bool DoesFileExist(const YPath& path);
+/// Raises where the entry can't be examined.
 KRT_API bool IsSymbolicLink(const YPath& path);
 /// A plain copy: the file systems served here are case-sensitive.
 KRT_API YPath NormalizePathCase(const YPath& path);

@@ -12,16 +12,20 @@ namespace Krt::File {
 /// An owner or group that stays as it is.
 constexpr unsigned int KeepOwner = 0xFFFFFFFF;
 
+/// The status as fstat gives it.
 KRT_API struct stat Stat(const Util::YUnxHandle& handle);
+/// Either may be KeepOwner.
 KRT_API void SetOwner(const Util::YUnxHandle& handle, unsigned int user, unsigned int group);
 /// The permission bits, with set-user, set-group and sticky; bits of the type are ignored.
 KRT_API void SetMode(const Util::YUnxHandle& handle, unsigned int mode);
 /// A tv_nsec of UTIME_OMIT leaves a time, UTIME_NOW sets the current one.
 KRT_API void SetTimes(const Util::YUnxHandle& handle, const timespec& access, const timespec& write);
+/// Cuts the file, or lengthens it by a hole; bytes.
 KRT_API void SetSize(const Util::YUnxHandle& handle, unsigned long long size);
 /// Returns once the content is on the medium.
 KRT_API void Sync(const Util::YUnxHandle& handle);
 
+/// As the operations of File.h.
 KRT_API std::list<YString> ListExtendedAttributes(const Util::YUnxHandle& handle);
 KRT_API ExtendedAttributeMap GetExtendedAttributeMap(const Util::YUnxHandle& handle);
 KRT_API void AddExtendedAttribute(const Util::YUnxHandle& handle, const YString& name, const void* data,

@@ -11,6 +11,7 @@ class KRT_API IJSON
 {
 public:
     virtual ~IJSON() = default;
+    /// The form as a new object.
     virtual YObject ToJSON() const = 0;
     /// Fills this object; a failure leaves what was read so far.
     virtual void FromJSON(const YObject& json) = 0;

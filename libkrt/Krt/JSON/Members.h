@@ -7,11 +7,14 @@
 
 namespace Krt::JSON {
 
+/// Puts the members into an object, which outlives it.
 class ValueMembers
 {
 public:
+    /// Behind the members that are there already.
     explicit ValueMembers(YObject& object) : m_object(object) {}
 
+    /// A member of this kind.
     void Number(YObject::Key key, unsigned long long number)
     {
         m_object.Put(key, YValue::Create<unsigned long long>(number));
@@ -47,11 +50,14 @@ private:
     YObject& m_object;
 };
 
+/// Writes the members of an object that the writer has begun; what each does is told above.
 class TextMembers
 {
 public:
+    /// @copydoc ValueMembers
     explicit TextMembers(YTextWriter& writer) : m_writer(writer) {}
 
+    /// The same members as text.
     void Number(YObject::Key key, unsigned long long number)
     {
         m_writer.Key(key.Bytes());

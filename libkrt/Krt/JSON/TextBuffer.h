@@ -25,8 +25,10 @@ public:
             Grow(size);
         return m_end;
     }
+    /// Says up to where they were written.
     void MoveTo(char* end) { m_end = end; }
 
+    /// Adds the bytes at the end.
     void Append(char byte)
     {
         *Room(1) = byte;

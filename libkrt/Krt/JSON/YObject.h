@@ -19,11 +19,13 @@
 namespace Krt::JSON {
 
 class YValue;
+/// The JSON array.
 using YArray = std::vector<boost::shared_ptr<YValue>>;
 
 class KRT_API YObject
 {
 public:
+    /// A member: its key and its value. Where that is null, the key counts as absent.
     using Entry = std::pair<YString, boost::shared_ptr<YValue>>;
 
     YObject();
@@ -37,6 +39,7 @@ public:
     class Key
     {
     public:
+        /// Of the text's bytes; null is the empty key.
         Key(const YString& text) : m_bytes(text.Bytes()) {}
         Key(const char* text) : m_bytes(text ? text : "") {}
         std::string_view Bytes() const { return m_bytes; }

@@ -14,6 +14,7 @@ public:
     /// Appends to `out`, which is complete when the writer is destroyed, and belongs to it until then.
     explicit YTextWriter(std::string& out) : m_out(out) {}
 
+    /// The parts of a document.
     void BeginObject() { Begin('{'); }
     void EndObject() { End('}'); }
     void BeginArray() { Begin('['); }

@@ -29,12 +29,14 @@ class KRT_API YValue : public boost::enable_shared_from_this<YValue>
     };
 
 public:
+    /// A value of the kind.
     static YValue FromNumber(unsigned long long number);
     static YValue FromString(YString text);
     static YValue FromBool(bool value);
     static YValue FromArray(YArray array);
     static YValue FromObject(YObject object);
 
+    /// For this class alone.
     template <class T, class Source>
     YValue(Passkey, std::in_place_type_t<T> kind, Source&& content)
         : m_content(kind, std::forward<Source>(content))
@@ -45,6 +47,7 @@ public:
     YValue& operator=(const YValue&) = delete;
     ~YValue();
 
+    /// The kind; exactly one is true.
     bool IsNumber() const { return std::holds_alternative<unsigned long long>(m_content); }
     bool IsString() const { return std::holds_alternative<YString>(m_content); }
     bool IsBool() const { return std::holds_alternative<bool>(m_content); }

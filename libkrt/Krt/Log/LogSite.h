@@ -15,10 +15,12 @@ class YLogContext;
 class KRT_API YLogLine
 {
 public:
+    /// Begins a message on the channel.
     explicit YLogLine(unsigned int type);
     ~YLogLine();
     YLogLine(const YLogLine&) = delete;
     YLogLine& operator=(const YLogLine&) = delete;
+    /// Where the message is written, up to Modifiers::EndLine.
     YStream& Stream();
 
 private:
@@ -27,6 +29,7 @@ private:
     unsigned int m_outerType;
 };
 
+/// Whether a message on the channel would be written: two loads. Any thread.
 inline bool IsLogged(unsigned int type)
 {
     return GetGlobalLogger() != nullptr && GetGlobalRegistrar()->IsMessageEnabled(type);
@@ -34,6 +37,7 @@ inline bool IsLogged(unsigned int type)
 
 } // namespace Krt::Log
 
+/// One message on the channel; the text is streamed, and computed only if it is logged. Any thread.
 #define KRT_LOG_WITH_PREFIX(type, prefix, ...)                                                               \
     do {                                                                                                     \
         if (::Krt::Log::IsLogged(type)) {                                                                    \
@@ -42,8 +46,10 @@ inline bool IsLogged(unsigned int type)
         }                                                                                                    \
     } while (false)
 
+/// The same behind the prefix of the object's class.
 #define KRT_LOG(type, ...) KRT_LOG_WITH_PREFIX(type, ::Krt::Log::GetLogPrefix(*this), __VA_ARGS__)
 
+/// The same behind the channel's name.
 #define KRT_LOG_FREE(type, ...)                                                                              \
     KRT_LOG_WITH_PREFIX(                                                                                     \
         type,                                                                                                \

@@ -3,13 +3,15 @@
 
 namespace Krt {
 
+/// The channels, each with a number that never changes.
 struct MessageType
 {
+    /// A channel.
     enum Value : unsigned int
     {
-        Runtime = 15,
+        Runtime = 15, ///< the runtime layer's own failures
         Volume = 20,
-        General = 510,
+        General = 510, ///< what a user of the agent reads: the only one of level INFO
         FileStat = 0x2000000,
         FileIo = 0x2000003,
         FileInfo = 0x2000004,

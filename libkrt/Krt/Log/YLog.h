@@ -23,18 +23,21 @@ public:
     virtual YStream& GetThreadSpecificContext() = 0;
 };
 
+/// A log file. Any number of threads write; the control thread opens and closes.
 class KRT_API YLog : public YLogBase
 {
 public:
     /// How to open a log.
     struct Param
     {
+        /// The file, with the defaults below.
         explicit Param(const File::YPath& logPath) : path(logPath) {}
-        File::YPath path;
+        File::YPath path;           ///< where the lines go
         bool copyToConsole = false; ///< also write each line to standard error
         bool wholeLines = false;    ///< take back the part of a line that a full disk has cut short
     };
 
+    /// Closed.
     YLog();
     ~YLog() override;
     YLog(const YLog&) = delete;
@@ -46,13 +49,15 @@ public:
     void Open(Param param);
     /// Ends the log if one is open. Messages of threads meanwhile are dropped and counted.
     void Close();
+    /// Whether messages are written at this moment.
     bool IsOpen() const;
     /// Messages dropped, while closed or because a write failed, since this object was made.
     unsigned long long GetDroppedCount() const;
     YStream& GetThreadSpecificContext() override;
     /// Appends one line to the file: local time in ISO 8601 with milliseconds and zone, the channel's level
     /// ("INFO" for General, "TRACE" for others) and the message, each behind a blank. A line end at the
-    /// message's end is left out; control characters inside are written escaped, so a message is one line.
+    /// message's end is left out; inside, whatever is not printable is escaped as Krt/String/Printable.h tells,
+    /// so a message is one line that steers nothing.
     /// Doesn't raise: what can't be written is dropped and counted. Any thread.
     void Write(unsigned int type, const YString& message);
 
@@ -79,6 +84,7 @@ public:
     /// Replaces the set of enabled channels. Blanks around a name don't count; names that no channel has are
     /// kept and match nothing.
     void SetEnabledMessages(const std::vector<YString>& channels);
+    /// The names as they were set.
     std::vector<YString> GetEnabledMessages() const;
 
 private:
@@ -139,6 +145,7 @@ inline YRegistrar* GetGlobalRegistrar()
 {
     return &Detail::g_registrar.registrar;
 }
+/// As the registrar's operations.
 inline bool IsMessageEnabled(unsigned int type)
 {
     return GetGlobalRegistrar()->IsMessageEnabled(type);

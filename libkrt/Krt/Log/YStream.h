@@ -27,6 +27,7 @@ enum class Hex : unsigned int
     On = 1
 };
 
+/// What changes a stream rather than adding to its text.
 enum class Modifiers : unsigned int
 {
     EndLine = 1,  ///< appends a line end and flushes
@@ -36,15 +37,18 @@ enum class Modifiers : unsigned int
 class KRT_API YStream
 {
 public:
+    /// Begins with the text.
     explicit YStream(const YString& text);
     YStream(const YStream&) = delete;
     YStream& operator=(const YStream&) = delete;
     virtual ~YStream();
 
+    /// Appends the value as text: numbers in decimal unless Hex comes before, an error with its description
+    /// in parentheses, a descriptor with kind and pattern, a list's strings directly one behind the other.
     YStream& operator<<(const char* text);
     YStream& operator<<(const YString& text);
     YStream& operator<<(char character);
-    YStream& operator<<(unsigned char value); ///< as a decimal number
+    YStream& operator<<(unsigned char value);
     YStream& operator<<(int value);
     YStream& operator<<(unsigned int value);
     YStream& operator<<(unsigned long value);
@@ -52,7 +56,7 @@ public:
     YStream& operator<<(const File::YPath& path);
     YStream& operator<<(const Match::Descriptor& descriptor);
     YStream& operator<<(const Exception::YError& error);
-    YStream& operator<<(const std::vector<YString>& strings); ///< one directly behind the other
+    YStream& operator<<(const std::vector<YString>& strings);
     YStream& operator<<(const YStream& other);
     YStream& operator<<(Hex);
     YStream& operator<<(Modifiers modifier);
@@ -67,8 +71,8 @@ public:
     virtual void FlushInternal();
 
 protected:
-    Signal::YSignal<void(YString)> m_signal;
-    std::ostringstream m_text;
+    Signal::YSignal<void(YString)> m_signal; ///< what GetSignal gives
+    std::ostringstream m_text;               ///< the text so far
 
 private:
     template <class T>

@@ -11,12 +11,13 @@ class YObject;
 
 namespace Krt::Match {
 
+/// How a name is compared.
 enum class MatchType : unsigned int
 {
-    None = 0,
-    Glob = 2,
-    Exact = 3,
-    Any = 8
+    None = 0,  ///< matches nothing
+    Glob = 2,  ///< by the pattern's "*" and "?"
+    Exact = 3, ///< the pattern is the name
+    Any = 8    ///< matches every name
 };
 
 class KRT_API Descriptor
@@ -24,11 +25,13 @@ class KRT_API Descriptor
 public:
     /// Empty pattern, no kind, case-sensitive: the target of FromJSON.
     Descriptor() = default;
+    /// Takes all three as they are; case is that of the letters of ASCII.
     Descriptor(MatchType type, const YString& pattern, bool caseSensitive);
     Descriptor(const Descriptor&) = default;
     Descriptor& operator=(const Descriptor&) = default;
     virtual ~Descriptor() = default;
 
+    /// The fields. The reference lives as long as the descriptor.
     const YString& GetPattern() const { return m_pattern; }
     MatchType GetMatchType() const { return m_matchType; }
     bool IsCaseSensitive() const { return m_caseSensitive; }
@@ -46,23 +49,28 @@ private:
     bool m_caseSensitive = true;
 };
 
+/// Every name.
 class KRT_API AnyDescriptor : public Descriptor
 {
 public:
     AnyDescriptor() : Descriptor(MatchType::Any, YString(), true) {}
 };
 
+/// The names that a pattern matches.
 class KRT_API GlobDescriptor : public Descriptor
 {
 public:
+    /// As Check reads it.
     GlobDescriptor(const YString& pattern, bool caseSensitive)
         : Descriptor(MatchType::Glob, pattern, caseSensitive)
     {}
 };
 
+/// One name.
 class KRT_API ExactDescriptor : public Descriptor
 {
 public:
+    /// The name, whatever characters it has.
     ExactDescriptor(const YString& name, bool caseSensitive)
         : Descriptor(MatchType::Exact, name, caseSensitive)
     {}

@@ -14,7 +14,9 @@ namespace Krt::Profile {
 class KRT_API YProfile
 {
 public:
+    /// Values by section and key.
     using Sections = std::map<YString, std::map<YString, YString>>;
+    /// Holds these values for good.
     explicit YProfile(Sections sections);
 
     /// The value as text, or the default.
@@ -31,6 +33,9 @@ template <>
 KRT_API YString YProfile::Get<YString>(const YString&, const YString&, const YString&) const;
 template <>
 KRT_API bool YProfile::Get<bool>(const YString&, const YString&, const bool&) const;
+
+/// Where the system's configuration is read from. Any thread.
+KRT_API YString GetSystemPath();
 
 /// The system's configuration; a missing file is an empty profile. An unreadable file raises the system's
 /// error, a damaged one InvalidArgument with the line. Immutable and shared; any thread.

@@ -13,6 +13,7 @@ class KRT_API Context
 public:
     /// Locks the shared mutex.
     static Thread::YMutex::YLock GetMutex();
+    /// Signalled when a slot's call ends; lives as long as the process.
     static pthread_cond_t* GetCondition();
     /// Waits on the condition; the caller holds the shared mutex, and holds it as often again on return.
     static void Wait();

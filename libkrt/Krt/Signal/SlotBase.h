@@ -20,6 +20,7 @@ public:
     SlotBase& operator=(const SlotBase&) = delete;
     virtual ~SlotBase() = default;
 
+    /// With the lock of the Context held.
     bool IsConnected() const { return m_connected; }
     void SetConnected(bool connected) { m_connected = connected; }
     /// Counts the calling thread in and out; called with the lock of the Context held.
@@ -39,6 +40,7 @@ private:
 class KRT_API SlotExecution
 {
 public:
+    /// `contextLock` is held, and both outlive this object.
     SlotExecution(SlotBase& slot, Thread::YMutex::YLock& contextLock);
     ~SlotExecution();
     SlotExecution(const SlotExecution&) = delete;

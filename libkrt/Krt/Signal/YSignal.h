@@ -26,6 +26,7 @@ template <>
 class OptionalLastCombiner<void>
 {
 public:
+    /// Told of each slot that has run.
     void Note() {}
 };
 
@@ -35,6 +36,7 @@ class YSlot
 {
 public:
     YSlot() = default;
+    /// Takes a connected slot over.
     explicit YSlot(boost::shared_ptr<SlotBase> slot) : m_slot(std::move(slot)) {}
     YSlot(YSlot&& other) noexcept : m_slot(std::move(other.m_slot)) { other.m_slot.reset(); }
     YSlot& operator=(YSlot&& other) noexcept
@@ -48,7 +50,9 @@ public:
     }
     ~YSlot() { Disconnect(); }
 
+    /// Whether it holds a connection, also one whose signal is gone.
     bool IsConnected() const { return m_slot != nullptr; }
+    /// Ends the connection, as told above; a second call does nothing.
     void Disconnect() noexcept
     {
         if (const boost::shared_ptr<SlotBase> slot = std::exchange(m_slot, nullptr))

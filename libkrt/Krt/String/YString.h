@@ -29,18 +29,20 @@ KRT_API unsigned int GetChrSize<char>(const char* text);
 class KRT_API YString
 {
 public:
-    static constexpr unsigned int NotFound = 0xFFFFFFFF;
+    static constexpr unsigned int NotFound = 0xFFFFFFFF; ///< no such place; as a count, all
 
     YString() noexcept = default;
-    YString(std::nullptr_t) noexcept {}
+    YString(std::nullptr_t) noexcept {} ///< the empty string
     /// The bytes up to the first NUL; null gives the empty string.
     YString(const char* text);
+    /// One byte, which may be part of a character.
     explicit YString(char byte);
     /// UTF-16 code units, one a wchar_t, up to the first NUL unit. Raises InvalidUtf16.
     YString(const wchar_t* text);
     /// All bytes, NUL bytes inside kept; those at the end are stripped, as always.
     explicit YString(std::string_view bytes);
     explicit YString(std::string&& bytes) noexcept;
+    /// The bytes between two places.
     template <class Iterator>
     YString(Iterator first, Iterator last) : m_bytes(first, last)
     {
@@ -66,7 +68,9 @@ public:
 
     /// The bytes, NUL-terminated behind the last; valid until the next change.
     const char* CStr() const noexcept { return m_bytes.c_str(); }
+    /// The bytes with their number; valid until the next change.
     const std::string& Bytes() const noexcept { return m_bytes; }
+    /// Whether there are no bytes.
     bool IsEmpty() const noexcept { return m_bytes.empty(); }
     /// Characters up to the first NUL; counted once and cached.
     unsigned int Length() const;
@@ -74,6 +78,7 @@ public:
     /// string; raises InvalidUtf8. Not for a string that threads share.
     const wchar_t* AsWide() const;
 
+    /// Where the needle is found first at or behind `start`, or NotFound.
     unsigned int Find(const char* needle, unsigned int start, bool caseSensitive) const;
     unsigned int Find(const YString& needle, unsigned int start, bool caseSensitive) const
     {
@@ -82,6 +87,7 @@ public:
     /// The field at `start`; `*next` advances behind the delimiter, or becomes NotFound at the end. The
     /// delimiter's length goes in as bytes, so a multi-byte delimiter lands too far.
     YString Section(YString delimiter, unsigned int start, unsigned int* next, bool caseSensitive) const;
+    /// All fields, with `skipEmpty` without the empty ones; and the reverse.
     std::vector<YString> SectionVector(YString delimiter, bool caseSensitive, bool skipEmpty) const;
     std::vector<YString> SectionVector(char delimiter, bool caseSensitive, bool skipEmpty) const;
     static YString VectorSection(char delimiter, const std::vector<YString>& items);
@@ -89,17 +95,20 @@ public:
     std::pair<YString, YString> Split(const YString& delimiter, bool caseSensitive) const;
     /// With `escaped` the delimiter is a backslash and then the character.
     std::pair<YString, YString> Split(char delimiter, bool caseSensitive, bool escaped) const;
+    /// As many characters as there are, up to the count: from `start` on, from the front, from the end.
     YString Mid(unsigned int start, unsigned int count) const;
     YString Left(unsigned int count) const;
     YString Right(unsigned int count) const;
     /// First byte of the character at `index`; raises InvalidArgument behind the last character.
     const char& At(unsigned int index) const;
+    /// True for the empty suffix.
     bool EndsWith(const YString& suffix, bool caseSensitive) const;
 
     /// Replaces up to `maxCount` matches (0: all) from `start` on and returns how many; inserted text is not
     /// searched again. Raises InvalidArgument if `start` lies behind the last character.
     unsigned int Replace(const char* from, const char* to, unsigned int start, unsigned int maxCount,
                          bool caseSensitive);
+    /// Keeps so many characters from the front; or drops as many.
     void Truncate(unsigned int count);
     void TrimLeft(unsigned int count);
     /// Blanks, line feeds and carriage returns; a tab is text.
@@ -107,8 +116,10 @@ public:
     void TrimWhiteSpacesRight();
     /// Replaces the content with at most `maxChars` characters of `source`; returns how many were taken.
     unsigned int Copy(const char* source, unsigned int maxChars);
+    /// Appends the bytes.
     YString& operator+=(const YString& other);
 
+    /// Compare bytes; a null pointer is the empty text.
     friend bool operator==(const YString& a, const YString& b) noexcept { return a.m_bytes == b.m_bytes; }
     friend bool operator==(const YString& a, const char* b) noexcept { return a.m_bytes == (b ? b : ""); }
     /// Bytes as unsigned numbers over the shorter length, then the shorter first.
@@ -150,6 +161,7 @@ private:
     mutable std::unique_ptr<Memory::YHeap<wchar_t>> m_wide; // none in nearly every string
 };
 
+/// One behind the other.
 KRT_API YString operator+(char first, const YString& rest);
 KRT_API YString operator+(const YString& first, const YString& rest);
 

@@ -11,6 +11,7 @@ namespace Krt::Thread {
 class SpinLock
 {
 public:
+    /// Waits without limit; a thread that holds it takes a further level.
     void Enter() noexcept
     {
         const unsigned long long me = GetThreadId();
@@ -23,7 +24,8 @@ public:
         m_lockCount.store(m_lockCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
 
-    // The owner is cleared before the flag is given up, so that only its own thread ever reads its id here.
+    /// Gives one level back. The owner is cleared before the flag is given up, so that only its own thread
+    /// ever reads its id here.
     void Leave() noexcept
     {
         const unsigned int count = m_lockCount.load(std::memory_order_relaxed) - 1;
@@ -46,6 +48,7 @@ private:
 class SpinGuard
 {
 public:
+    /// Enters it; the guard's end leaves it.
     explicit SpinGuard(SpinLock& lock) noexcept : m_lock(lock) { m_lock.Enter(); }
     ~SpinGuard() { m_lock.Leave(); }
     SpinGuard(const SpinGuard&) = delete;

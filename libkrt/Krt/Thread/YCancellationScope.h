@@ -12,6 +12,7 @@ class YThreadBase;
 class KRT_API YCancellationScope
 {
 public:
+    /// Goes onto the calling thread's stack; ends on the same thread, last made first.
     YCancellationScope();
     ~YCancellationScope();
     YCancellationScope(const YCancellationScope&) = delete;

@@ -9,6 +9,7 @@
 
 namespace Krt::Thread {
 
+/// The mutex itself: whose it is, and at how many levels.
 class KRT_API YMutexInternal : public YMutexInternalBase
 {
 public:
@@ -39,6 +40,7 @@ public:
     {
     public:
         YLock() = default;
+        /// Takes a level; a null pointer gives an empty lock.
         explicit YLock(boost::shared_ptr<YMutexInternal> mutex);
         YLock(YLock&& other) noexcept;
         YLock& operator=(YLock&& other) noexcept;
@@ -62,6 +64,7 @@ public:
     /// A mutex of its own.
     YMutex();
 
+    /// Waits without limit. Recursive on a thread.
     YLock Lock() const;
 
 private:

@@ -52,6 +52,7 @@ public:
         unsigned int m_writeLevels = 0;
     };
 
+    /// A lock that nobody holds. Raises if memory can't be had.
     YReadWriteMutex();
 
     /// Zero waits without limit; a positive time is measured on the steady clock. Raises LockTimeout.
@@ -61,6 +62,7 @@ public:
             WaitToRead(timeout);
         return YLock(m_internal.get());
     }
+    /// The same for writing; a second reader that wants to write raises LockTimeout at once.
     YLock WriteLock(const Time::YDuration& timeout) const;
 
 private:

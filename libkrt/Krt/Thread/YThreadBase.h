@@ -20,12 +20,14 @@ public:
 
     /// Waits for the thread's end; a second call returns at once.
     void Join();
+    /// The name; lives as long as this object.
     const YString& GetName() const;
     /// The error that ended the thread's function, an empty one if none did. For use after Join.
     const Exception::YError& GetError() const;
 
     /// From any thread: sets the flag, then calls the function of the topmost runnable, if there is one.
     void RequestCancel();
+    /// Whether somebody did. Any thread.
     bool IsCancelRequested() const;
 
     /// The runnable must live until it is popped; called on the thread itself.

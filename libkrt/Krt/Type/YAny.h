@@ -18,10 +18,12 @@ class YAny
 {
 public:
     YAny() = default;
+    /// Holds the value, as the type that it has here.
     template <class T>
     explicit YAny(T value) : m_value(std::move(value))
     {}
 
+    /// Whether nothing is held.
     bool IsEmpty() const { return m_value.empty(); }
 
     /// The held value; raises InvalidArgument "Unable to cast " if it is no T. Types are compared by name, so

@@ -10,6 +10,7 @@ namespace Krt::Util {
 class KRT_API YScope
 {
 public:
+    /// An empty function is allowed.
     explicit YScope(boost::function<void()> function);
     /// Runs the function if it is still set; what it raises is swallowed.
     ~YScope();

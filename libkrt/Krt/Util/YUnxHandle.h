@@ -11,6 +11,7 @@ namespace Krt::Util {
 class KRT_API YUnxHandle
 {
 public:
+    /// Empty and owning, or holding the descriptor.
     YUnxHandle() noexcept = default;
     YUnxHandle(int descriptor, bool owned) noexcept : m_descriptor(descriptor), m_owned(owned) {}
     YUnxHandle(YUnxHandle&& other) noexcept
@@ -19,6 +20,7 @@ public:
     YUnxHandle& operator=(YUnxHandle&& other) noexcept;
     ~YUnxHandle() { Close(); }
 
+    /// The descriptor, 0 for none; whether there is none; whether closing is this object's business.
     int Get() const noexcept { return m_descriptor; }
     bool IsEmpty() const noexcept { return m_descriptor == 0; }
     bool IsOwned() const noexcept { return m_owned; }

@@ -21,7 +21,7 @@ public:
     void Unlock();
 
 protected:
-    pthread_mutex_t m_mutex;
+    pthread_mutex_t m_mutex; ///< for waits on a condition
 };
 
 } // namespace Krt::Thread
