@@ -1,5 +1,5 @@
-# cmake --install: the libraries, their headers under their include paths, the program, and what CMake and
-# pkg-config need to find them.
+# cmake --install: the libraries, their headers under their include paths, the program with its manual page and
+# shell completion, and what CMake and pkg-config need to find them.
 include(CMakePackageConfigHelpers)
 
 set(BACKUP_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/Backup")
@@ -13,20 +13,22 @@ set(BACKUP_PRIVATE_HEADERS
   Core/OpenSSL/ File/LegacyVamHeader.h File/YSelectionNodeWalk.h File/YSelectionRulesBelow.h Util/BuildInfo.h
   Util/Unix/Linux/SystemdUnit.h)
 set(KRT_PRIVATE_HEADERS
-  Environment/Unix/ Exception/OsErrorName.h Exception/Unix/ File/Unix/ Log/YLogContext.h Profile/Unix/
-  String/Ascii.h Thread/Unix/NativeThread.h
-  Thread/YReadWriteMutexInternal.h)
-function(backup_install_headers directory)
-  set(excluded)
-  foreach(header IN LISTS ARGN)
-    string(REPLACE "." "\\." header "${header}")
-    list(APPEND excluded REGEX "/${header}" EXCLUDE)
+  Environment/Unix/ Exception/OsErrorName.h Exception/Unix/ File/Unix/ JSON/ValueBlock.h Log/YLogContext.h
+  Profile/Unix/ String/Ascii.h Thread/Unix/NativeThread.h Thread/YReadWriteMutexInternal.h)
+function(backup_install_headers root folder)
+  file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${root}" "${root}/${folder}/*.h" "${root}/${folder}/*.inl")
+  foreach(private IN LISTS ARGN)
+    list(FILTER headers EXCLUDE REGEX "^${folder}/${private}")
   endforeach()
-  install(DIRECTORY "${directory}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
-    FILES_MATCHING PATTERN "*.h" PATTERN "*.inl" ${excluded})
+  foreach(header IN LISTS headers)
+    cmake_path(GET header PARENT_PATH place)
+    install(FILES "${root}/${header}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${place}")
+  endforeach()
+  list(TRANSFORM headers PREPEND "${root}/")
+  set(BACKUP_PUBLIC_HEADERS ${BACKUP_PUBLIC_HEADERS} ${headers} PARENT_SCOPE)
 endfunction()
-backup_install_headers("${CMAKE_SOURCE_DIR}/Backup" ${BACKUP_PRIVATE_HEADERS})
-backup_install_headers("${CMAKE_SOURCE_DIR}/libkrt/Krt" ${KRT_PRIVATE_HEADERS})
+backup_install_headers("${CMAKE_SOURCE_DIR}" Backup ${BACKUP_PRIVATE_HEADERS})
+backup_install_headers("${CMAKE_SOURCE_DIR}/libkrt" Krt ${KRT_PRIVATE_HEADERS})
 
 configure_package_config_file(cmake/BackupConfig.cmake.in "${CMAKE_BINARY_DIR}/BackupConfig.cmake"
   INSTALL_DESTINATION "${BACKUP_CMAKE_DIR}")
@@ -43,3 +45,23 @@ file(RELATIVE_PATH BACKUP_PC_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 set(BACKUP_PC_LIBS_PRIVATE "-lboost_json -lssl -lcrypto -ltinyxml -pthread")
 configure_file(packaging/backup.pc.in "${CMAKE_BINARY_DIR}/backup.pc" @ONLY)
 install(FILES "${CMAKE_BINARY_DIR}/backup.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+
+install(FILES "${CMAKE_SOURCE_DIR}/packaging/kbagent.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+install(FILES "${CMAKE_SOURCE_DIR}/packaging/kbagent.bash"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME kbagent)
+
+# The reference of the headers: cmake --build BUILD --target documentation, then documentation/html/index.html in
+# that folder. LockRecord.h is installed for YReadWriteMutex.h's sake alone.
+find_program(BACKUP_DOXYGEN doxygen)
+if(BACKUP_DOXYGEN)
+  set(BACKUP_DOCUMENTED ${BACKUP_PUBLIC_HEADERS} "${CMAKE_SOURCE_DIR}/docs/families.dox")
+  list(FILTER BACKUP_DOCUMENTED EXCLUDE REGEX "LockRecord\\.h$")
+  list(JOIN BACKUP_DOCUMENTED "\" \"" BACKUP_DOCUMENTED)
+  set(BACKUP_DOCUMENTED "\"${BACKUP_DOCUMENTED}\"")
+  configure_file(docs/Doxyfile.in "${CMAKE_BINARY_DIR}/Doxyfile" @ONLY)
+  add_custom_target(documentation COMMAND "${BACKUP_DOXYGEN}" "${CMAKE_BINARY_DIR}/Doxyfile" VERBATIM)
+endif()
+
+# What the checks of .ci/run go through, one header a line.
+list(JOIN BACKUP_PUBLIC_HEADERS "\n" BACKUP_PUBLIC_HEADER_LINES)
+file(WRITE "${CMAKE_BINARY_DIR}/public-headers" "${BACKUP_PUBLIC_HEADER_LINES}\n")

@@ -1,17 +1,18 @@
-// capture FILE: a file's metadata as a line of JSON.
+// capture FILE [CONTENT]: a file's metadata as a line of JSON, and its content as a file.
 // Learn: YFile looks at the file once; the mapper gives each path its place in the job; a record knows its
-// own JSON form. Every failure is a YError.
+// own JSON form; reading goes on to the end. Every failure is a YError.
 #include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YMetadataBase.h"
 #include "Krt/Exception/YError.h"
 #include "Krt/JSON/YValue.h"
 
+#include <fstream>
 #include <iostream>
 
 int main(int argc, char** argv)
 {
-    if (argc != 2) {
-        std::cerr << "Usage: capture FILE\n";
+    if (argc != 2 && argc != 3) {
+        std::cerr << "Usage: capture FILE [CONTENT]\n";
         return 2;
     }
     try {
@@ -21,6 +22,12 @@ int main(int argc, char** argv)
         };
         const auto record = Backup::File::YMetadataBase::ConstructFromFile(file, mapper);
         std::cout << Krt::JSON::YValue::FromObject(record->ToJSON()).Stringify(true).CStr() << "\n";
+        if (argc == 3) {
+            std::ofstream content(argv[2], std::ios::binary);
+            char buffer[65536];
+            while (const unsigned int count = file.Read(buffer, sizeof buffer))
+                content.write(buffer, count);
+        }
     } catch (const Krt::Exception::YError& error) {
         std::cerr << error.GetMessage().CStr() << "\n";
         return 1;

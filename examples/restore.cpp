@@ -1,12 +1,12 @@
-// restore TARGET <RECORD: makes the file or directory of a Unix record anew below a directory, without
-// content. Learn: GetSanitizedNewPath gives an entry its place below a new top; a YFile opened for writing
-// makes it, and sets its times when it is closed. These operations go by path, for a tree that nobody else
-// writes to.
+// restore TARGET [CONTENT] <RECORD: makes the file or directory of a Unix record anew below a directory.
+// Learn: GetSanitizedNewPath gives an entry its place below a new top; a YFile opened for writing makes it,
+// and sets its times when it is closed. These operations go by path, for a tree that nobody else writes to.
 #include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YUnixFileMetadata.h"
 #include "Krt/Exception/YError.h"
 #include "Krt/JSON/YValue.h"
 
+#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <string>
@@ -16,8 +16,8 @@ using Backup::File::YFile;
 
 int main(int argc, char** argv)
 {
-    if (argc != 2) {
-        std::cerr << "Usage: restore TARGET <RECORD\n";
+    if (argc != 2 && argc != 3) {
+        std::cerr << "Usage: restore TARGET [CONTENT] <RECORD\n";
         return 2;
     }
     try {
@@ -35,6 +35,12 @@ int main(int argc, char** argv)
         const bool isDirectory = metadata.IsDirectoryForRestore();
         YFile file(YFile::OPEN_MODE_WRITE, place.GetFilesystemPortion(),
                    isDirectory ? YFile::OPT_DIRECTORY : YFile::OPT_NONE);
+        if (argc == 3) {
+            std::ifstream content(argv[2], std::ios::binary);
+            char buffer[65536];
+            while (content.read(buffer, sizeof buffer), content.gcount() > 0)
+                file.Write(buffer, static_cast<unsigned int>(content.gcount()));
+        }
         file.SetUID(metadata.GetUserId());
         file.SetGID(metadata.GetGroupId());
         file.SetModeFlags(metadata.GetModeFlags());

@@ -21,7 +21,7 @@ std::set<std::string> RowsOfEnumerators(const char* header, const std::string& e
 {
     const std::string text = ReadFile(SOURCE_DIRECTORY "/libkrt/Krt/" + std::string(header));
     const std::string body = text.substr(text.find(enumeration));
-    const std::regex shape(R"((\w+) = (\w+),?\n)");
+    const std::regex shape(R"((\w+) = (\w+),?(?: *///<.*)?\n)");
     std::set<std::string> rows;
     for (std::sregex_iterator at(body.begin(), body.end(), shape), end; at != end; ++at)
         rows.insert("| " + std::to_string(std::stoul((*at)[2], nullptr, 0)) + " | `" + (*at)[1].str() +
@@ -46,6 +46,12 @@ std::set<std::string> ConfigurationKeys()
     return keys;
 }
 
+// Without what stands in front of and behind each line, so that a page may indent in its own way.
+std::string Stripped(const std::string& text)
+{
+    return std::regex_replace(text, std::regex(R"(\s*\n\s*)"), "\n");
+}
+
 } // namespace
 
 TEST(PagesTest, ErrorsAndLoggingNamesEachCodeAndChannel)
@@ -68,4 +74,30 @@ TEST(PagesTest, ConfigurationNamesEachKey)
     EXPECT_GE(keys.size(), 5U);
     for (const std::string& key : keys)
         EXPECT_NE(page.find("| `" + key + "` |"), std::string::npos) << key;
+}
+
+// Each program of the pages stands in the example that is linked last before it.
+TEST(PagesTest, ProgramsAreThoseOfTheExamples)
+{
+    std::set<std::string> shown;
+    for (const char* const page : {"docs/api.md", "README.md"}) {
+        const std::string text = ReadFile(SOURCE_DIRECTORY "/" + std::string(page));
+        const std::regex shape(R"(\]\((?:\.\./)?(examples/[\w-]+\.cpp)\)|```cpp\n([^`]*)```)");
+        std::string example;
+        for (std::sregex_iterator at(text.begin(), text.end(), shape), end; at != end; ++at) {
+            if ((*at)[1].matched) {
+                example = (*at)[1];
+                continue;
+            }
+            shown.insert(example);
+            const std::string source = Stripped(ReadFile(SOURCE_DIRECTORY "/" + example));
+            EXPECT_NE(source.find(Stripped("\n" + (*at)[2].str())), std::string::npos)
+                << page << " shows what isn't in " << example << ":\n"
+                << (*at)[2];
+        }
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(SOURCE_DIRECTORY "/examples")) {
+        if (entry.path().extension() == ".cpp")
+            EXPECT_EQ(shown.count("examples/" + entry.path().filename().string()), 1U) << entry.path();
+    }
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# tests/install/run.sh BUILD SOURCE VERSION: installs a build below a temporary prefix, builds the examples and this folder's
-# program against it, once by CMake and once by pkg-config, and runs them and the installed kbagent.
+# tests/install/run.sh BUILD SOURCE VERSION: installs a build, of shared libraries or of static ones, below a temporary
+# prefix, builds the examples against it by CMake and one of them by pkg-config, and runs them and the installed kbagent.
 set -euo pipefail
 
 build=$1 source=$2 version=$3
@@ -11,7 +11,7 @@ fail() { echo "$*" >&2; exit 1; }
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
 "$prefix/bin/kbagent" --version | grep -qx "kbagent $version"
-library=$(dirname "$(find "$prefix" -name libBackup.so)")
+library=$(dirname "$(find "$prefix" -name libBackup.so -o -name libBackup.a)")
 
 cmake -S "$source/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/examples" -- -j "$(nproc)" >"$work/log" || { cat "$work/log"; exit 1; }
@@ -19,9 +19,10 @@ run() { "$work/examples/example-$1" "${@:2}"; }
 [ "$(run select /home/ann/a.txt)" = "/home/ann/a.txt: back up" ] || fail "select"
 [ "$(run select /home/ann/a.tmp)" = "/home/ann/a.tmp: excluded, and to be told" ] || fail "select"
 echo content >"$work/file"
-run capture "$work/file" >"$work/record"
+run capture "$work/file" "$work/content" >"$work/record"
 mkdir "$work/restored"
-made=$(run restore "$work/restored" <"$work/record")
+made=$(run restore "$work/restored" "$work/content" <"$work/record")
+cmp "$made" "$work/file"
 [ "$(stat -c '%a %Y' "$made")" = "$(stat -c '%a %Y' "$work/file")" ] || fail "restore made $made"
 [ "$(run convert <"$work/record")" = "$(cat "$work/record")" ] || fail "convert"
 run convert <"$source/tests/golden/legacy-unix-file.json" | grep -q '"file_size":' || fail "convert"
@@ -40,9 +41,11 @@ if cmake -S "$work/newer" -B "$work/newer/build" -DCMAKE_PREFIX_PATH="$prefix" >
 
 export PKG_CONFIG_PATH=$library/pkgconfig
 [ "$(pkg-config --modversion backup)" = "$version" ] || fail "backup.pc tells another version"
+static=()
+[ -e "$library/libBackup.so" ] || static=(--static)
 # shellcheck disable=SC2046 # each flag is a word of its own
-"${CXX:-c++}" -std=c++20 "$source/examples/select.cpp" -o "$work/select" $(pkg-config --cflags --libs backup) \
-    -Wl,-rpath,"$library"
+"${CXX:-c++}" -std=c++20 "$source/examples/select.cpp" -o "$work/select" \
+    $(pkg-config --cflags --libs "${static[@]}" backup) -Wl,-rpath,"$library"
 [ "$("$work/select" /home/ann/cache)" = "/home/ann/cache: nothing to do here" ] || fail "select by pkg-config"
 
 # No header that is left at home is wanted by one that is installed.
