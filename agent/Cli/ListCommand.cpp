@@ -106,7 +106,7 @@ void ListCommand::PrintSnapshot(const std::string& id, const SnapshotHeader& hea
     line.Put("entries", number(trailer.entries));
     line.Put("bytes", number(trailer.bytes));
     line.Put("failed", number(trailer.failed));
-    out << YValue::FromObject(std::move(line)).Stringify(true).Bytes() << "\n";
+    out << PrintableJson(YValue::FromObject(std::move(line)).Stringify(true).Bytes()) << "\n";
 }
 
 void ListCommand::ListEntries(SnapshotReader& snapshot, Report& report) const
@@ -117,7 +117,7 @@ void ListCommand::ListEntries(SnapshotReader& snapshot, Report& report) const
         try {
             // A line that is no entry isn't printed either way.
             const SnapshotEntry entry = ReadEntry(line);
-            const std::string text = m_json ? std::string(line) + "\n" : EntryText(entry);
+            const std::string text = m_json ? PrintableJson(line) + "\n" : EntryText(entry);
             report.Out() << text;
         } catch (const Krt::Exception::YError& error) {
             if (error.GetType() == Krt::ExceptionType::OsError)

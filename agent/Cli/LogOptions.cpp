@@ -1,5 +1,7 @@
 #include "agent/Cli/LogOptions.h"
 
+#include "agent/Cli/FileGuard.h"
+
 #include "Backup/Util/Util.h"
 
 #include "Krt/Log/YLog.h"
@@ -29,9 +31,10 @@ void LogOptions::Open() const
 {
     if (m_path.empty())
         return;
+    const Krt::File::YPath path = Backup::Util::ExpandMacros(YString(std::string_view(m_path)));
+    RequireOwnLog(path.Bytes());
     Krt::Log::InstallGlobalLogger();
-    Backup::Util::OpenOrReopenLog(Backup::Util::ExpandMacros(YString(std::string_view(m_path))),
-                                  YString(std::string_view(m_channels)));
+    Backup::Util::OpenOrReopenLog(path, YString(std::string_view(m_channels)));
 }
 
 } // namespace Agent

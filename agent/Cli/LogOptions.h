@@ -15,7 +15,7 @@ public:
     /// Adds the options, which are stored in this object.
     void Register(CLI::App& program);
     /// Opens the process's log if one is wanted, for as long as the process runs. The global object is
-    /// initialised already. Raises what opening a log raises.
+    /// initialised already. Raises what RequireOwnLog and opening a log raise.
     void Open() const;
 
 private:

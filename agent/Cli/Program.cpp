@@ -1,6 +1,7 @@
 #include "agent/Cli/Program.h"
 
 #include "agent/Cli/Command.h"
+#include "agent/Cli/FileGuard.h"
 #include "agent/Cli/Interrupt.h"
 #include "agent/Cli/LogOptions.h"
 #include "agent/Cli/StandardStreams.h"
@@ -9,6 +10,7 @@
 
 #include "Backup/Core/YGlobal.h"
 
+#include "Krt/Profile/YProfile.h"
 #include "Krt/Util/YScope.h"
 
 #include <CLI/CLI.hpp>
@@ -95,6 +97,7 @@ ExitCode RunCommand(int argc, char** argv, Report& report)
     }
     if (!isAnswered) {
         ICommand& command = CommandOf(all);
+        RequireOwnFile("The configuration", Krt::Profile::GetSystemPath().Bytes());
         log.Open();
         command.Run(report);
     }

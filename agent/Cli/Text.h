@@ -8,14 +8,15 @@
 
 namespace Agent {
 
-/// The text with each control character, each byte that is no part of valid UTF-8, and each character that
-/// changes the direction or the lines of text written as an escape (\n, \t, \r, \xHH, \uHHHH); a backslash is
-/// doubled. So it is one line, and different texts stay different.
+/// See Krt/String/Printable.h: one line that steers nothing, and different for different texts.
 std::string Printable(std::string_view text);
 inline std::string Printable(const Krt::YString& text)
 {
     return Printable(std::string_view(text.Bytes()));
 }
+
+/// The same for JSON text, which stays JSON of the same value.
+std::string PrintableJson(std::string_view json);
 
 /// What went wrong: the error's message, and the operating system's text behind it. Not made printable.
 Krt::YString ReasonOf(const Krt::Exception::YError& error);

@@ -97,7 +97,7 @@ std::string JsonOf(const std::vector<ListedVolume>& volumes)
         array.push_back(boost::make_shared<YValue>(YValue::FromObject(ObjectOf(volume))));
     YObject document;
     document.Set<YArray>("volumes", std::move(array));
-    return YValue::FromObject(std::move(document)).Stringify(false).Bytes() + "\n";
+    return PrintableJson(YValue::FromObject(std::move(document)).Stringify(false).Bytes()) + "\n";
 }
 
 class VolumesCommand : public ICommand

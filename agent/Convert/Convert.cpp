@@ -3,6 +3,8 @@
 #include "agent/Cli/Text.h"
 #include "agent/Convert/PathMapping.h"
 
+#include "Krt/String/Printable.h"
+
 namespace Agent {
 
 using Backup::File::YMetadataBase;
@@ -63,8 +65,10 @@ void RecordWriter::Write(const YMetadataBase& record)
 {
     m_line.clear();
     Krt::JSON::YValue::FromObject(record.ToJSON()).StringifyTo(m_line);
-    m_line += '\n';
-    m_output << m_line;
+    m_printed.clear();
+    Krt::String::AppendPrintableJson(m_printed, m_line);
+    m_printed += '\n';
+    m_output << m_printed;
 }
 
 } // namespace Agent

@@ -60,6 +60,7 @@ public:
 private:
     Output& m_output;
     std::string m_line;
+    std::string m_printed;
 };
 
 } // namespace Agent

@@ -1,5 +1,7 @@
 #include "agent/Walk/Roots.h"
 
+#include "agent/Cli/FileGuard.h"
+
 #include "Krt/Exception/Raise.h"
 #include "Krt/JSON/YValue.h"
 
@@ -50,6 +52,7 @@ void Select(Backup::File::YSelectionManager& rules, const YPath& root)
 
 void LoadRules(Backup::File::YSelectionManager& rules, const std::string& jobFile)
 {
+    RequireOwnFile("The job file", jobFile);
     std::ifstream file(jobFile, std::ios::binary);
     std::ostringstream text;
     text << file.rdbuf();

@@ -2,6 +2,7 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/Log/YLogContext.h"
+#include "Krt/String/Printable.h"
 #include "Krt/Util/OpenHandle.h"
 #include "Krt/Util/Retry.h"
 
@@ -53,43 +54,6 @@ private:
     char m_zone[16] = "";
 };
 
-void AppendEscapedByte(std::string& line, unsigned char byte)
-{
-    static constexpr char digits[] = "0123456789abcdef";
-    switch (byte) {
-    case '\n':
-        line += "\\n";
-        break;
-    case '\r':
-        line += "\\r";
-        break;
-    case '\t':
-        line += "\\t";
-        break;
-    default:
-        line.append("\\x").append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
-    }
-}
-
-// Control characters would let a file name end a line, begin a false one, or steer a terminal. Beside those
-// of ASCII there are U+0080 to U+009F, which UTF-8 writes as 0xC2 and the number.
-void AppendEscaped(std::string& line, std::string_view text)
-{
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
-        if (byte < 0x20 || byte == 0x7F) {
-            AppendEscapedByte(line, byte);
-        } else if (byte == 0xC2 && next >= 0x80 && next <= 0x9F) {
-            AppendEscapedByte(line, byte);
-            AppendEscapedByte(line, next);
-            ++i;
-        } else {
-            line += text[i];
-        }
-    }
-}
-
 const char* LevelOf(unsigned int type)
 {
     return type == MessageType::General ? " INFO " : " TRACE ";
@@ -115,7 +79,7 @@ public:
         m_line.clear();
         m_clock.AppendNow(m_line);
         m_line += LevelOf(type);
-        AppendEscaped(m_line, text);
+        String::AppendPrintable(m_line, text); // so that a file's name can't forge a line
         m_line += '\n';
         if (copyToConsole)
             WriteOnce(STDERR_FILENO);

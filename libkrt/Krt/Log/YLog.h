@@ -56,7 +56,7 @@ public:
     YStream& GetThreadSpecificContext() override;
     /// Appends one line to the file: local time in ISO 8601 with milliseconds and zone, the channel's level
     /// ("INFO" for General, "TRACE" for others) and the message, each behind a blank. A line end at the
-    /// message's end is left out; inside, whatever is not printable is escaped as Krt/String/Printable.h tells,
+    /// message's end is left out; inside, what is not printable is escaped as Krt/String/Printable.h tells,
     /// so a message is one line that steers nothing.
     /// Doesn't raise: what can't be written is dropped and counted. Any thread.
     void Write(unsigned int type, const YString& message);

@@ -12,7 +12,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdio>
 #include <regex>
+#include <sstream>
+#include <thread>
 
 using namespace Krt;
 using Log::YLog;
@@ -120,7 +124,7 @@ TEST(YLogTest, LineIsDecoratedAndControlCharactersAreEscaped)
     const Testing::TemporaryDirectory directory;
     YLog log;
     log.Open(At(directory / "log"));
-    Say(log, YString("a\nb\r\t\x1b[2J\x7f\0|\\n \xC3\xA4 \xC2\x85 \xFF."sv));
+    Say(log, YString("a\nb\r\t\x1b[2J\x7f\0|\\n \xC3\xA4 \xC2\x85 \xFF \u2028."sv));
     log.Write(MessageType::FileIo, "trace");
     log.Close();
     const std::string text = Testing::ReadFile(directory / "log");
@@ -128,7 +132,7 @@ TEST(YLogTest, LineIsDecoratedAndControlCharactersAreEscaped)
         R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d INFO ([^\n]*)\n\S+ TRACE trace\n)");
     std::smatch match;
     ASSERT_TRUE(std::regex_match(text, match, shape)) << text;
-    EXPECT_EQ(match[1].str(), "a\\nb\\r\\t\\x1b[2J\\x7f\\x00|\\n \xC3\xA4 \\xc2\\x85 \xFF.");
+    EXPECT_EQ(match[1].str(), "a\\nb\\r\\t\\x1b[2J\\x7f\\x00|\\\\n \xC3\xA4 \\u0085 \\xff \\u2028.");
 }
 
 TEST(YLogTest, OpenRefusesWhatIsNotItsOwnFile)
@@ -168,6 +172,53 @@ TEST(YLogTest, OpenAppendsPrivatelyAboveTheStandardStreams)
     struct stat status;
     ASSERT_EQ(stat((directory / "log").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0640U);
+}
+
+TEST(YLogTest, RotationUnderLoadOfThreadsKeepsEveryLine)
+{
+    constexpr int Threads = 4, Lines = 500;
+    const Testing::TemporaryDirectory directory;
+    Log::InstallGlobalLogger();
+    YLog& log = *Log::GetGlobalLogger();
+    log.Open(At(directory / "log"));
+    Log::GetGlobalRegistrar()->SetEnabledMessages({"General"});
+    const unsigned long long dropped = log.GetDroppedCount();
+    std::atomic<int> running = Threads;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < Threads; ++thread)
+        threads.emplace_back([&, thread] {
+            for (int line = 0; line < Lines; ++line)
+                KRT_LOG_FREE(MessageType::General,
+                             thread << "," << line << std::string(line % 300, 'x').c_str() << ";");
+            --running;
+        });
+    std::string text;
+    const auto rotate = [&] {
+        ASSERT_EQ(rename((directory / "log").c_str(), (directory / "old").c_str()), 0);
+        log.Open(At(directory / "log"));
+        Log::GetGlobalRegistrar()->SetEnabledMessages({"FileIo", "General"});
+        text += Testing::ReadFile(directory / "old");
+    };
+    do
+        rotate();
+    while (running != 0);
+    for (std::thread& thread : threads)
+        thread.join();
+    rotate();
+    Log::GetGlobalRegistrar()->SetEnabledMessages({});
+    log.Close();
+
+    EXPECT_EQ(log.GetDroppedCount(), dropped);
+    int next[Threads] = {};
+    const std::regex shape(R"(\S+ INFO \w+ General: (\d),(\d+)x*;)");
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(line, match, shape)) << line;
+        EXPECT_EQ(std::stoi(match[2]), next[std::stoi(match[1])]++) << "in the order of its thread";
+    }
+    for (const int count : next)
+        EXPECT_EQ(count, Lines);
 }
 
 // A limit on the size of files cuts a write short, as a full disk does.

@@ -38,7 +38,7 @@ Cache& TheCache()
     return cache;
 }
 
-std::string Path()
+const char* Path()
 {
     const char* const named = Environment::IsPrivilegeRaised() ? nullptr : std::getenv("KBAGENT_CONFIG");
     return named != nullptr && *named != '\0' ? named : SystemPath();
@@ -116,6 +116,11 @@ boost::shared_ptr<YProfile> Load(Cache& cache, const std::string& path)
 }
 
 } // namespace
+
+YString GetSystemPath()
+{
+    return YString(Path());
+}
 
 boost::shared_ptr<YProfile> OpenSystem()
 {

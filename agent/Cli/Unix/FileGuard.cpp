@@ -1,0 +1,179 @@
+#include "agent/Cli/FileGuard.h"
+
+#include "agent/Cli/Unix/Users.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/Util/OpenHandle.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace Agent {
+
+namespace {
+
+constexpr uid_t Root = 0;
+constexpr int MostLinks = 40; // as many as the kernel follows
+
+std::optional<struct stat> Look(const std::string& path)
+{
+    struct stat status
+    {};
+    return lstat(path.c_str(), &status) == 0 ? std::optional(status) : std::nullopt;
+}
+
+bool CanOthersWrite(const struct stat& status)
+{
+    return (status.st_mode & S_IWOTH) != 0 || ((status.st_mode & S_IWGRP) != 0 && status.st_gid != Root);
+}
+
+std::string ReadLink(const std::string& path)
+{
+    std::error_code ignored; // then it leads nowhere
+    return std::filesystem::read_symlink(path, ignored).string();
+}
+
+std::string Octal(mode_t mode)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, "%04o", static_cast<unsigned int>(mode & 07777));
+    return text;
+}
+
+// The way to a file, gone component by component and through the links as the kernel would. It stays the way
+// afterwards: nobody else can change what was passed.
+class Way
+{
+public:
+    Way(const std::string& what, const std::string& path, bool makesFile)
+        : m_what(what), m_path(path), m_makesFile(makesFile), m_user(geteuid()),
+          m_guards(m_user == Root && AreThereOtherUsers())
+    {}
+
+    void Check()
+    {
+        m_here = Look("/");
+        CheckOwner("/", *m_here);
+        Push(std::filesystem::absolute(m_path).string());
+        while (!m_rest.empty()) {
+            const std::string name = std::move(m_rest.back());
+            m_rest.pop_back();
+            if (name == "..")
+                Enter(m_place.substr(0, m_place.empty() ? 0 : m_place.rfind('/')));
+            else if (!Pass(m_place + "/" + name))
+                return;
+        }
+    }
+
+private:
+    // The components go on top, first one last.
+    void Push(const std::string& path)
+    {
+        std::size_t end = path.size();
+        while (end != 0) {
+            const std::size_t slash = path.rfind('/', end - 1);
+            const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
+            const std::string name = path.substr(begin, end - begin);
+            if (!name.empty() && name != ".")
+                m_rest.push_back(name);
+            end = slash == std::string::npos ? 0 : slash;
+        }
+    }
+
+    void Enter(const std::string& place)
+    {
+        m_place = place;
+        m_here = Look(place.empty() ? "/" : place);
+    }
+
+    // False at the end of what can be looked at.
+    bool Pass(const std::string& path)
+    {
+        std::optional<struct stat> status = Look(path);
+        if (!status && errno == ENOENT)
+            status = LookForMissing(path);
+        if (!status)
+            return false;
+        if (S_ISLNK(status->st_mode))
+            return Follow(path, *status);
+        CheckOwner(path, *status);
+        Refuse(m_guards && S_ISREG(status->st_mode) && status->st_nlink > 1 && IsShared(),
+               path + " has further names, and others can write to its directory");
+        m_place = path;
+        m_here = status;
+        return true;
+    }
+
+    bool Follow(const std::string& path, const struct stat& link)
+    {
+        Refuse(link.st_uid != Root && link.st_uid != m_user,
+               path + " is a link that belongs to the user " + std::to_string(link.st_uid));
+        const std::string target = ReadLink(path);
+        if (target.starts_with('/'))
+            Enter("");
+        Push(target);
+        return ++m_links <= MostLinks;
+    }
+
+    // Nothing if it is to stay missing.
+    std::optional<struct stat> LookForMissing(const std::string& path)
+    {
+        if (!m_guards || !IsShared())
+            return std::nullopt;
+        const bool isMade = m_makesFile && m_rest.empty() &&
+                            !Krt::Util::OpenHandle(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0640).IsEmpty();
+        const std::optional<struct stat> made = Look(path);
+        Refuse(!isMade && !made, path + " doesn't exist, and others can write to its directory");
+        return made;
+    }
+
+    bool IsShared() const { return m_here && CanOthersWrite(*m_here); }
+
+    void CheckOwner(const std::string& path, const struct stat& status) const
+    {
+        if (!m_guards)
+            return;
+        Refuse(status.st_uid != Root, path + " belongs to the user " + std::to_string(status.st_uid));
+        const bool isShared = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
+        // What anybody writes to a device such as /dev/null isn't kept there.
+        Refuse(CanOthersWrite(status) && !isShared && !S_ISCHR(status.st_mode),
+               path + " can be written to by others (mode " + Octal(status.st_mode) + ")");
+    }
+
+    void Refuse(bool isRefused, const std::string& reason) const
+    {
+        if (isRefused)
+            KRT_RAISE_AS("RequireOwnFile", Krt::MessageType::General, Krt::ErrorCode::InvalidState,
+                         m_what.c_str() << " " << m_path.c_str() << " is refused: " << reason.c_str());
+    }
+
+    const std::string m_what;
+    const std::string m_path;
+    const bool m_makesFile;
+    const uid_t m_user;
+    const bool m_guards;
+    std::vector<std::string> m_rest; // the last one comes next
+    std::string m_place;             // no link in it, and nothing for "/"
+    std::optional<struct stat> m_here;
+    int m_links = 0;
+};
+
+} // namespace
+
+void RequireOwnFile(const std::string& what, const std::string& path)
+{
+    Way(what, path, false).Check();
+}
+
+void RequireOwnLog(const std::string& path)
+{
+    Way("The log", path, true).Check();
+}
+
+} // namespace Agent

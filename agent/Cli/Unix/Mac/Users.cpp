@@ -1,0 +1,10 @@
+#include "agent/Cli/Unix/Users.h"
+
+namespace Agent {
+
+bool AreThereOtherUsers()
+{
+    return true;
+}
+
+} // namespace Agent
