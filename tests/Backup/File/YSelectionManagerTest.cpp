@@ -189,22 +189,45 @@ TEST(YSelectionManager, HoldsAnyDepth)
     EXPECT_EQ(CountNodes(tree), 1U);
 }
 
-TEST(YSelectionManager, AnswersWhileItChanges)
+// Two writers and six readers. Whatever tree a query meets, the rules about /a/b hold.
+TEST(YSelectionManager, AnswersOnManyThreadsWhileItChanges)
 {
-    YSelectionManager tree = Tree("include / recursive any");
-    std::thread writer([&] {
-        for (int i = 0; i < 300; ++i) {
-            tree.Add(Rule("exclude /a/b recursive any"));
-            tree.Delete("/a");
-        }
-    });
-    for (int i = 0; i < 300; ++i) {
-        EXPECT_NE(tree.GetPathSelectionType("/a/b/c"),
-                  YSelectionDescriptor::SelectionType::NotSelectedDoNotRecurse);
-        EXPECT_TRUE(tree == tree);
+    const std::string rules = "include /a recursive any; exclude /a/b recursive exact=c";
+    YSelectionManager tree = Tree(rules), other = Tree(rules + "; exclude /a/x any");
+    const auto repeat = [](auto step) {
+        return std::thread([=] {
+            for (int i = 0; i < 150; ++i)
+                step();
+        });
+    };
+    const auto holds = [](const YSelectionManager& asked) {
+        EXPECT_TRUE(asked.IsPathSelected("/a/b/d/e"));
+        EXPECT_EQ(asked.GetPathSelectionType("/a/b/c"), YSelectionDescriptor::Exclude);
+        EXPECT_EQ(asked.GetIncludeTops("/"), std::set<YPath>{"/a"});
+    };
+    std::vector<std::thread> threads;
+    threads.push_back(repeat([&] {
+        tree.Add(Rule("exclude /a/x recursive any"));
+        tree.Delete("/a/x");
+    }));
+    threads.push_back(repeat([&] {
+        tree.Swap(other);
+        other = tree;
+    }));
+    for (int reader = 0; reader < 2; ++reader) {
+        threads.push_back(repeat([&] { holds(tree); }));
+        threads.push_back(repeat([&] { holds(YSelectionManager(tree)); }));
+        threads.push_back(repeat([&] {
+            EXPECT_TRUE(tree == tree);
+            static_cast<void>(tree == other);
+            YSelectionManager read;
+            read.FromJSON(tree.ToJSON("/"));
+            holds(read);
+        }));
     }
-    writer.join();
-    EXPECT_EQ(Words(tree), "include / recursive any");
+    for (std::thread& thread : threads)
+        thread.join();
+    holds(tree);
 }
 
 } // namespace

@@ -85,6 +85,9 @@ TEST(YPathTest, ThreadsShareOnePath)
                 EXPECT_EQ(path.GetComponent(2), "c");
                 EXPECT_EQ(path.AsUnixPath(true), "/a/b/c/");
                 EXPECT_EQ(path.Length(), 6U);
+                const YPath copy(path);
+                EXPECT_EQ(copy.GetParent(), "/a/b");
+                EXPECT_TRUE(path.IsChildOf(copy, true));
             });
         for (std::thread& reader : readers)
             reader.join();

@@ -163,6 +163,76 @@ TEST(YSignal, DisconnectionWaitsForAnotherThreadsCall)
     firing.join();
 }
 
+// A slot that runs on one thread, and the firing on another that disconnects it.
+TEST(YSignal, SlotDisconnectsItselfOrAnotherThatRunsElsewhere)
+{
+    for (const bool itself : {true, false}) {
+        Event event;
+        const auto firing = std::this_thread::get_id();
+        std::latch inside(2);
+        std::atomic<bool> disconnecting = false, finished = false;
+        std::atomic<int> calls = 0;
+        YSlot first, second;
+        const auto disconnect = [&](YSlot& slot) {
+            disconnecting = true;
+            disconnecting.notify_one();
+            slot.Disconnect(); // waits for the other thread alone
+            EXPECT_TRUE(finished);
+        };
+        const auto run = [&] {
+            ++calls;
+            if (std::this_thread::get_id() == firing) {
+                disconnect(second);
+                return;
+            }
+            inside.arrive_and_wait();
+            disconnecting.wait(false);
+            std::this_thread::yield();
+            finished = true;
+        };
+        first = event.Connect([&] {
+            if (!itself && std::this_thread::get_id() == firing)
+                disconnect(second);
+        });
+        second = event.Connect(run);
+        std::thread other([&] { event(); });
+        inside.arrive_and_wait();
+        event();
+        other.join();
+        EXPECT_EQ(calls, itself ? 2 : 1);
+        event();
+        EXPECT_EQ(calls, itself ? 2 : 1);
+    }
+}
+
+TEST(YSignal, OwnerGoesOnAnotherThreadBetweenSnapshotAndCallAndDuringIt)
+{
+    Event event;
+    // The last reference may go with the call; another thread must be able to fire then.
+    const auto make = [] {
+        return boost::shared_ptr<int>(new int(0), [](int* owner) {
+            delete owner;
+            std::thread([] { Event().operator()(); }).join();
+        });
+    };
+    boost::shared_ptr<int> early = make(), late = make();
+    const auto drop = [](boost::shared_ptr<int>& owner) {
+        std::thread([&] { owner.reset(); }).join();
+    };
+    std::string called;
+    YSlot first = event.Connect([&] { drop(early); });
+    YSlot owned = event.Connect([&] { called += 'e'; }, early);
+    YSlot dropping = event.Connect(
+        [&, watch = boost::weak_ptr<int>(late)] {
+            drop(late);
+            called += watch.expired() ? '-' : '+';
+        },
+        late);
+    YSlot last = event.Connect([&] { called += 'l'; });
+    event();
+    EXPECT_EQ(called, "+l");
+}
+
 TEST(YSignal, RequestToCancelReachesTheFiringsScope)
 {
     Thread::YThreadBase thread(

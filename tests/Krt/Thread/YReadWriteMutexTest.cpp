@@ -226,6 +226,24 @@ TEST(YReadWriteMutex, LockOutlivesItsMutex)
     }
 }
 
+// For the checkers: the last share goes while readers leave without a look at the lock.
+TEST(YReadWriteMutex, GoesWhileItsLastReadersLeave)
+{
+    for (int round = 0; round < 300; ++round) {
+        std::optional<YReadWriteMutex> mutex(std::in_place);
+        std::latch held(3);
+        const auto read = [&] {
+            const Lock lock = mutex->ReadLock(Forever);
+            held.arrive_and_wait();
+        };
+        std::thread first(read), second(read);
+        held.arrive_and_wait();
+        mutex.reset();
+        first.join();
+        second.join();
+    }
+}
+
 // For the address and leak checks: records are given up by the side that goes last.
 TEST(YReadWriteMutex, LocksAndThreadsGoInAnyOrder)
 {
