@@ -1,7 +1,10 @@
-// How often a record's roads through JSON ask for memory: what does not depend on how busy the machine is.
+// How often what stands on the path of every file asks for memory, which does not depend on how busy the
+// machine is.
+#include "Backup/File/YSelectionManager.h"
 #include "Backup/File/YUnixFileMetadata.h"
 
 #include "Krt/JSON/YValue.h"
+#include "Krt/Log/LogSite.h"
 
 #include <gtest/gtest.h>
 
@@ -47,7 +50,7 @@ std::size_t AllocationsOf(const std::function<void()>& work)
     return g_allocations - before;
 }
 
-TEST(RecordAllocations, StayFew)
+TEST(Allocations, OfARecordStayFew)
 {
     YUnixFileMetadata record;
     record.SetFilePath(
@@ -68,6 +71,35 @@ TEST(RecordAllocations, StayFew)
                   record.StringifyTo(out);
               }),
               0u);
+}
+
+TEST(Allocations, OfAQueryAreThoseOfItsPath)
+{
+    using Rule = Backup::File::YSelectionDescriptor;
+    Backup::File::YSelectionManager tree;
+    tree.Add("/usr", Krt::Match::AnyDescriptor(), Rule::Recursive, Rule::Include, true);
+    for (int i = 0; i < 100; ++i) {
+        const std::string name = "name" + std::to_string(i);
+        tree.Add("/usr/share", Krt::Match::ExactDescriptor(name.c_str(), true), Rule::NonRecursive,
+                 Rule::Exclude, true);
+        tree.Add("/usr/share/doc", Krt::Match::GlobDescriptor(("*." + name).c_str(), true), Rule::Recursive,
+                 Rule::Exclude, true);
+    }
+    for (const char* const text :
+         {"/usr/share/name5", "/usr/share/doc/package/a.name99", "/usr/lib/of/a/longer/path.so"}) {
+        SCOPED_TRACE(text);
+        const std::size_t ofPath = AllocationsOf([&] { Krt::File::YPath(text).PopulateComponents(); });
+        EXPECT_LE(ofPath, 2u); // the text, and the components
+        EXPECT_EQ(AllocationsOf([&] { tree.GetPathSelectionType(text); }), ofPath);
+    }
+}
+
+TEST(Allocations, AreNotMadeByADisabledLogSite)
+{
+    Krt::Log::InstallGlobalLogger();
+    EXPECT_EQ(
+        AllocationsOf([] { KRT_LOG_FREE(Krt::MessageType::SelectionQuery, std::string(100, 'x').c_str()); }),
+        0u);
 }
 
 } // namespace

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# instructions.sh PROGRAM LIMITS: runs each work that LIMITS names under callgrind and fails where one takes more
+# instructions a time than LIMITS allows. Exit code 77 without valgrind.
+set -euo pipefail
+program=$1 limits=$2
+
+command -v valgrind >/dev/null || { echo "valgrind is missing"; exit 77; }
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failed=0
+while read -r name limit; do
+    [[ $name != \#* ]] || continue
+    times=$(valgrind --tool=callgrind --collect-atstart=no --callgrind-out-file=/dev/null --log-file="$work/log" \
+        "$program" "$name")
+    each=$(($(awk '/Collected/ { print $NF }' "$work/log") / times))
+    echo "$name: $each instructions, at most $limit"
+    # None counted would be no proof.
+    [ "$each" -gt 0 ] && [ "$each" -le "$limit" ] || failed=1
+done <"$limits"
+exit $failed
