@@ -9,15 +9,16 @@
 #include "Krt/File/OpenFile.h"
 
 #include <functional>
+#include <span>
 
 namespace Krt::File {
 
 /// What a listing tells of an entry. The type is a DT_ constant of <dirent.h>; DT_UNKNOWN asks for Stat.
 struct DirectoryEntry
 {
-    const YString& name;
-    unsigned char type;
-    unsigned long long inode;
+    const YString& name;      ///< lives as long as the visit
+    unsigned char type;       ///< as above
+    unsigned long long inode; ///< as the directory has it; a mount point's own is another
 };
 
 class KRT_API YDirectory
@@ -28,14 +29,20 @@ public:
     /// For a root that the user named: links are followed.
     static YDirectory OpenFollowing(const YPath& path);
     /// To reach entries alone, which takes the right to search and not the right to read: of the operations
-    /// on the directory itself only Stat works. Links are followed.
+    /// on the directory itself only Stat and SetMode work. Links are followed.
     static YDirectory OpenToSearch(const YPath& path);
 
     /// For the operations of OpenFile.h on the directory itself. Owned by this object.
     const Util::YUnxHandle& GetHandle() const { return m_handle; }
 
     // What is there.
+    /// The directory of this name, to be listed and searched.
     YDirectory OpenDirectory(const YString& name) const;
+    /// As OpenToSearch, without following a link. On Linux also one that is closed to its owner.
+    YDirectory OpenDirectoryToSearch(const YString& name) const;
+    /// The directory at the end of a way of one name or more. No link on it is followed, so it leads nowhere
+    /// but below this directory, whatever somebody moves meanwhile.
+    YDirectory OpenBelow(std::span<const YString> way) const;
     /// For reading; never blocks on a FIFO. Whether it is a regular file is for the caller to ask of the
     /// handle.
     Util::YUnxHandle OpenFile(const YString& name) const;
@@ -55,6 +62,7 @@ public:
     // Making entries. A name that is taken is a failure (EEXIST).
     /// For writing, with mode 0600.
     Util::YUnxHandle CreateFile(const YString& name) const;
+    /// Where a mode is given, the umask takes bits from it.
     void MakeDirectory(const YString& name, unsigned int mode) const;
     void MakeSymbolicLink(const YString& name, const YString& target) const;
     void MakeFifo(const YString& name, unsigned int mode) const;
@@ -66,13 +74,18 @@ public:
     // Moving and removing. A missing entry counts as removed.
     /// Replaces what `to` names, as rename does.
     void Rename(const YString& from, const YDirectory& toDirectory, const YString& to) const;
+    /// For any entry but a directory; the next one for an empty directory.
     void RemoveFile(const YString& name) const;
     void RemoveDirectory(const YString& name) const;
 
     // Attributes of the entry itself.
+    /// Either may be KeepOwner.
     void SetOwner(const YString& name, unsigned int user, unsigned int group) const;
     /// EOPNOTSUPP for a link where the system keeps no modes of links.
     void SetMode(const YString& name, unsigned int mode) const;
+    /// Of the directory itself, also of one that was opened to search.
+    void SetMode(unsigned int mode) const;
+    /// The rest as in OpenFile.h.
     void SetTimes(const YString& name, const timespec& access, const timespec& write) const;
     std::list<YString> ListExtendedAttributes(const YString& name) const;
     ExtendedAttributeMap GetExtendedAttributeMap(const YString& name) const;

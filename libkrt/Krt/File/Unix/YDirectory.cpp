@@ -1,6 +1,7 @@
 #include "Krt/File/YDirectory.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/Unix/Beneath.h"
 #include "Krt/File/Unix/EntryName.h"
 #include "Krt/File/Unix/Listing.h"
 #include "Krt/Util/OpenHandle.h"
@@ -72,6 +73,36 @@ YDirectory YDirectory::OpenDirectory(const YString& name) const
     if (handle.IsEmpty())
         KRT_RAISE_OS("Failed to open directory: " << name);
     return YDirectory(std::move(handle));
+}
+
+YDirectory YDirectory::OpenDirectoryToSearch(const YString& name) const
+{
+    Util::YUnxHandle handle =
+        OpenAt(m_handle.Get(), CheckEntryName(name, __func__), SearchFlags | O_NOFOLLOW);
+    if (handle.IsEmpty())
+        KRT_RAISE_OS("Failed to open directory: " << name);
+    return YDirectory(std::move(handle));
+}
+
+YDirectory YDirectory::OpenBelow(std::span<const YString> way) const
+{
+    std::string path;
+    for (const YString& name : way) {
+        path += path.empty() ? "" : "/";
+        path += CheckEntryName(name, __func__);
+    }
+    // What is too long for one call is gone step by step, as where there is no such call.
+    if (path.size() < PATH_MAX) {
+        const int descriptor = Util::MoveAboveStandardStreams(OpenBeneath(m_handle.Get(), path.c_str()));
+        if (descriptor >= 0)
+            return YDirectory(Util::YUnxHandle(descriptor, true));
+        if (errno != ENOSYS)
+            KRT_RAISE_OS("Failed to open directory: " << path.c_str());
+    }
+    YDirectory directory = OpenDirectory(way.front());
+    for (const YString& name : way.subspan(1))
+        directory = directory.OpenDirectory(name);
+    return directory;
 }
 
 Util::YUnxHandle YDirectory::OpenFile(const YString& name) const

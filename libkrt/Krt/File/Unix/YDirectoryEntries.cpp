@@ -1,5 +1,6 @@
 // The operations of YDirectory that change entries.
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/Unix/Beneath.h"
 #include "Krt/File/Unix/EntryName.h"
 #include "Krt/File/YDirectory.h"
 #include "Krt/Util/Retry.h"
@@ -91,6 +92,12 @@ void YDirectory::SetMode(const YString& name, unsigned int mode) const
     const auto bits = static_cast<mode_t>(mode & 07777);
     if (RetryOnInterrupt([&] { return fchmodat(m_handle.Get(), entry, bits, AT_SYMLINK_NOFOLLOW); }) < 0)
         KRT_RAISE_OS("Failed to set mode of: " << name);
+}
+
+void YDirectory::SetMode(unsigned int mode) const
+{
+    if (SetModeOfDirectory(m_handle.Get(), static_cast<mode_t>(mode & 07777)) < 0)
+        KRT_RAISE_OS("Failed to set mode of directory");
 }
 
 void YDirectory::SetTimes(const YString& name, const timespec& access, const timespec& write) const
