@@ -15,8 +15,10 @@ namespace Testing {
 
 namespace {
 
-[[noreturn]] void Become(const std::vector<std::string>& arguments, int output, int errors, unsigned int user)
+[[noreturn]] void Become(const std::vector<std::string>& arguments, int output, int errors,
+                         const ProgramSettings& settings)
 {
+    const unsigned int user = settings.user;
     std::vector<char*> vector;
     std::string program = KBAGENT_PROGRAM;
     vector.push_back(program.data());
@@ -26,12 +28,14 @@ namespace {
     dup2(open("/dev/null", O_RDONLY), 0);
     dup2(output, 1);
     dup2(errors, 2);
-    if (user != 0 && geteuid() == 0) {
-        if (setgroups(0, nullptr) != 0 || setgid(user) != 0 || setuid(user) != 0)
-            _exit(126);
-        // The program may stand where that user can't reach it; what it does is linked into the test, too.
+    const bool changesUser = user != 0 && geteuid() == 0;
+    if (changesUser && (setgroups(0, nullptr) != 0 || setgid(user) != 0 || setuid(user) != 0))
+        _exit(126);
+    if (settings.prepare)
+        settings.prepare();
+    // The program's file may stand where that user can't reach it.
+    if (changesUser || settings.isLinked)
         _exit(Agent::Run(static_cast<int>(arguments.size() + 1), vector.data()));
-    }
     execv(program.c_str(), vector.data());
     _exit(127);
 }
@@ -40,6 +44,11 @@ namespace {
 
 ProgramResult RunProgram(const std::vector<std::string>& arguments, unsigned int user)
 {
+    return RunProgram(arguments, {.user = user, .prepare = {}});
+}
+
+ProgramResult RunProgram(const std::vector<std::string>& arguments, const ProgramSettings& settings)
+{
     const TemporaryDirectory directory;
     const std::string outputPath = directory / "output";
     const std::string errorsPath = directory / "errors";
@@ -47,7 +56,7 @@ ProgramResult RunProgram(const std::vector<std::string>& arguments, unsigned int
     const int errors = open(errorsPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const pid_t child = fork();
     if (child == 0)
-        Become(arguments, output, errors, user);
+        Become(arguments, output, errors, settings);
     close(output);
     close(errors);
     int status = 0;

@@ -1,6 +1,7 @@
 // Runs kbagent in a process of its own.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,8 +17,19 @@ struct ProgramResult
 /// An ordinary user for tests that run as root.
 constexpr unsigned int OrdinaryUser = 65534;
 
-/// Runs the program with these arguments and no input. With a `user` other than 0, and as root, it runs as
-/// that user and group, without further groups.
+struct ProgramSettings
+{
+    /// Other than 0, and as root, the program runs as that user and group, without further groups.
+    unsigned int user = 0;
+    /// Called in the program's process before it begins.
+    std::function<void()> prepare;
+    /// Runs what is linked into the test instead of the program's file, with what stands in there for
+    /// functions of the C library.
+    bool isLinked = false;
+};
+
+/// Runs the program with these arguments and no input.
+ProgramResult RunProgram(const std::vector<std::string>& arguments, const ProgramSettings& settings);
 ProgramResult RunProgram(const std::vector<std::string>& arguments, unsigned int user = 0);
 
 } // namespace Testing

@@ -1,4 +1,4 @@
-// Counts the system calls of a piece of work, as a tracer of its process sees them.
+// The system calls of a process: counted as a tracer sees them, or taken away.
 #pragma once
 
 #include <functional>
@@ -10,5 +10,9 @@ namespace Testing {
 /// the child included: take the difference of two counts. Nothing where the machine lets no process trace
 /// another. Throws a std::runtime_error where the work ends by an exception.
 std::optional<unsigned long> CountSystemCalls(const std::function<void()>& work);
+
+/// From now on the call fails with ENOSYS in this process and what it runs, as on a kernel that has none.
+/// False where the machine allows no such thing.
+bool TakeAwaySystemCall(int number);
 
 } // namespace Testing

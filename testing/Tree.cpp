@@ -113,8 +113,12 @@ std::string DescribeEntry(const std::string& path, const std::string& name, cons
     if (view.owners)
         line << " " << status.st_uid << ":" << status.st_gid;
     line << " t" << status.st_mtime;
+    if (view.identity)
+        line << "." << status.st_mtim.tv_nsec << " i" << status.st_ino;
+    if (view.links && !S_ISDIR(status.st_mode))
+        line << " n" << status.st_nlink;
     if (!S_ISDIR(status.st_mode))
-        line << " n" << status.st_nlink << " s" << status.st_size;
+        line << " s" << status.st_size;
     if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))
         line << " d" << status.st_rdev;
     if (S_ISLNK(status.st_mode))

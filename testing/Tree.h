@@ -64,6 +64,8 @@ struct TreeView
 {
     bool owners = true;
     bool attributes = true; ///< extended ones
+    bool links = true;      ///< the number of an entry's names
+    bool identity = false;  ///< adds the inode, and the nanoseconds of the time
 };
 
 /// A line an entry below `root`, sorted: name, kind, permission bits, owner, number of names, time, size,

@@ -45,7 +45,7 @@ YPath PathOf(const Place& place)
     std::string text;
     for (const YString& name : place)
         text += "/" + name.Bytes();
-    return YPath(YString(text));
+    return YPath(YString(text.empty() ? "/" : text));
 }
 
 void CheckHasPath(const YMetadataBase& metadata)

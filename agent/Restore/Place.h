@@ -15,7 +15,7 @@ using Place = std::vector<Krt::YString>;
 Backup::YJobPath RestoredPath(Backup::File::YMetadataBase& metadata, unsigned long index);
 /// The same as a place. Raises InvalidArgument for a component that could lead out of the target.
 Place PlaceOf(Backup::File::YMetadataBase& metadata, unsigned long index);
-/// The place as it is shown and named: "/a/b".
+/// The place as it is shown and named: "/a/b", and "/" for the target.
 Krt::File::YPath PathOf(const Place& place);
 /// Raises InvalidArgument for a record that has not even an empty path, which only a Windows one may be.
 void CheckHasPath(const Backup::File::YMetadataBase& metadata);

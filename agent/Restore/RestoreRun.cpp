@@ -3,6 +3,7 @@
 #include "agent/Cli/Interrupt.h"
 #include "agent/Cli/Text.h"
 #include "agent/Restore/SparseWriter.h"
+#include "agent/Store/Durable.h"
 
 #include "Backup/Core/OpenSSL.h"
 
@@ -22,7 +23,7 @@ using Krt::File::YPath;
 
 namespace {
 
-// One name serves the whole run: an entry is made under it and then moved to its own.
+// One such name serves the whole run: an entry is made under it and then moved to its own.
 YString TemporaryName()
 {
     const Krt::Memory::YHeap<unsigned char> random = Backup::OpenSSL::RandomBytes(8);
@@ -41,7 +42,7 @@ YString NumberedEntry(unsigned long long number)
 } // namespace
 
 RestoreRun::RestoreRun(const Store& store, YDirectory target, std::vector<YPath> paths, Report& report)
-    : m_tree(std::move(target),
+    : m_tree(std::move(target), TemporaryName(),
              [&report](const Place& directory, const std::vector<YString>& refused) {
                  for (const YString& reason : refused)
                      report.EntryFailed(PathOf(directory), reason);
@@ -128,21 +129,30 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
     }
     const YDirectory& parent = m_tree.ParentOf(place);
     CheckStanding(parent, place.back(), otherVolume);
+    const YDirectory* workplace = &parent;
     // Renaming one name of a file to another one does nothing, so a further name's temporary may stay, too.
     bool isMoved = false;
     const Krt::Util::YScope cleanUp([&] {
         if (!isMoved)
-            parent.RemoveFile(m_temporary);
+            workplace->RemoveFile(m_temporary);
     });
     const bool isLinked = MakeHardLink(FirstNameOf(entry), place, m_temporary);
-    if (!isLinked && recorded.type == S_IFREG)
-        MakeFile(entry, recorded, parent, m_temporary);
-    else if (!isLinked)
-        MakeOther(entry, recorded, parent, m_temporary);
-    parent.Rename(m_temporary, parent, place.back());
+    const bool isFirst = !isLinked && (entry.hardLinkGroup != 0 || m_hasSeveralPaths);
+    struct stat made
+    {};
+    if (!isLinked && recorded.type == S_IFREG) {
+        MakeFile(entry, recorded, parent, isFirst ? &made : nullptr);
+    } else if (!isLinked) {
+        const Staging& staging = m_tree.StagingFor(place);
+        workplace = &staging.GetDirectory();
+        MakeOther(entry, recorded, staging);
+        if (isFirst)
+            made = workplace->Stat(m_temporary);
+    }
+    workplace->Rename(m_temporary, parent, place.back());
     isMoved = !isLinked;
-    if (!isLinked && (entry.hardLinkGroup != 0 || m_hasSeveralPaths))
-        Remember(entry, place);
+    if (isFirst)
+        Remember(entry, place, made);
     m_counts.Add(recorded.type);
 }
 
@@ -193,11 +203,14 @@ bool RestoreRun::MakeHardLink(const LinkedFile* first, const Place& place, const
 }
 
 void RestoreRun::MakeFile(const SnapshotEntry& entry, const RecordedEntry& recorded, const YDirectory& parent,
-                          const YString& name)
+                          struct stat* made)
 {
-    const Krt::Util::YUnxHandle file = parent.CreateFile(name);
+    Krt::Util::YUnxHandle file = parent.CreateFile(m_temporary);
     WriteContent(entry, recorded, file);
     Apply(recorded.attributes, file, m_refused);
+    if (made != nullptr)
+        *made = Krt::File::Stat(file);
+    CloseWritten(file);
 }
 
 void RestoreRun::WriteContent(const SnapshotEntry& entry, const RecordedEntry& recorded,
@@ -216,31 +229,34 @@ void RestoreRun::WriteContent(const SnapshotEntry& entry, const RecordedEntry& r
     m_counts.bytes += writer.GetSize();
 }
 
-void RestoreRun::MakeOther(const SnapshotEntry& entry, const RecordedEntry& recorded,
-                           const YDirectory& parent, const YString& name)
+void RestoreRun::MakeOther(const SnapshotEntry& entry, const RecordedEntry& recorded, const Staging& staging)
 {
+    const YDirectory& directory = staging.GetDirectory();
     switch (recorded.type) {
     case S_IFLNK:
-        parent.MakeSymbolicLink(name, entry.linkTarget.value_or(recorded.linkTarget));
+        directory.MakeSymbolicLink(m_temporary, entry.linkTarget.value_or(recorded.linkTarget));
         break;
     case S_IFIFO:
-        parent.MakeFifo(name, 0600);
+        directory.MakeFifo(m_temporary, 0600);
         break;
     case S_IFCHR:
     case S_IFBLK:
         KRT_RAISE_UNLESS(entry.device.has_value(), ErrorCode::InvalidState,
                          "The snapshot has no device numbers");
-        parent.MakeDevice(name, recorded.type | 0600, makedev(entry.device->major, entry.device->minor));
+        directory.MakeDevice(m_temporary, recorded.type | 0600,
+                             makedev(entry.device->major, entry.device->minor));
         break;
     default:
         KRT_RAISE(ErrorCode::NotSupported, "An entry of this kind is not restored");
     }
-    Apply(recorded.attributes, parent, name, recorded.type == S_IFLNK, m_refused);
+    if (staging.IsPrivate())
+        Apply(recorded.attributes, directory, m_temporary, recorded.type == S_IFLNK, m_refused);
+    else
+        m_refused.emplace_back("attributes not restored, since others may enter the temporary directory");
 }
 
-void RestoreRun::Remember(const SnapshotEntry& entry, const Place& place)
+void RestoreRun::Remember(const SnapshotEntry& entry, const Place& place, const struct stat& made)
 {
-    const struct stat made = m_tree.ParentOf(place).Stat(place.back());
     m_first.emplace(LinkedFile{place, made.st_dev, made.st_ino});
     if (entry.hardLinkGroup != 0)
         m_linked.insert_or_assign(entry.hardLinkGroup, *m_first);

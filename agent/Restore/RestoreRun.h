@@ -48,12 +48,11 @@ private:
     const LinkedFile* FirstNameOf(const SnapshotEntry& entry) const;
     bool MakeHardLink(const LinkedFile* first, const Place& place, const Krt::YString& temporary);
     void MakeFile(const SnapshotEntry& entry, const RecordedEntry& recorded,
-                  const Krt::File::YDirectory& parent, const Krt::YString& name);
-    void MakeOther(const SnapshotEntry& entry, const RecordedEntry& recorded,
-                   const Krt::File::YDirectory& parent, const Krt::YString& name);
+                  const Krt::File::YDirectory& parent, struct stat* made);
+    void MakeOther(const SnapshotEntry& entry, const RecordedEntry& recorded, const Staging& staging);
     void WriteContent(const SnapshotEntry& entry, const RecordedEntry& recorded,
                       const Krt::Util::YUnxHandle& file);
-    void Remember(const SnapshotEntry& entry, const Place& place);
+    void Remember(const SnapshotEntry& entry, const Place& place, const struct stat& made);
     void Failed(const Krt::YString& path, const Krt::Exception::YError& error);
 
     TargetTree m_tree;
@@ -65,7 +64,7 @@ private:
     bool m_hasSeveralPaths = false;                         // the record of the current entry
     std::optional<LinkedFile> m_first;                      // of those paths, the one that was made
     std::vector<Krt::YString> m_refused;                    // of the current entry
-    Krt::YString m_temporary;
+    Krt::YString m_temporary;        // what an entry is called until it takes its place
     unsigned long long m_number = 0; // of the current entry
     EntryCounts m_counts;
 };

@@ -19,10 +19,18 @@ namespace {
 constexpr unsigned int PrivateMode = 0700;
 constexpr unsigned int ModeWithoutRecord = 0755;
 
+// Somebody may have put another directory in the place of the one that was looked at.
+void CheckIs(const YDirectory& opened, const struct stat& seen, const YString& name)
+{
+    const struct stat status = opened.Stat();
+    KRT_RAISE_UNLESS(status.st_dev == seen.st_dev && status.st_ino == seen.st_ino, ErrorCode::InvalidState,
+                     "The directory was replaced during the restore: " << name);
+}
+
 } // namespace
 
-TargetTree::TargetTree(YDirectory root, RefusalReport report)
-    : m_root(std::move(root)), m_report(std::move(report))
+TargetTree::TargetTree(YDirectory root, YString staging, RefusalReport report)
+    : m_root(std::move(root)), m_stagingName(std::move(staging)), m_report(std::move(report))
 {}
 
 TargetTree::~TargetTree()
@@ -35,6 +43,15 @@ const YDirectory& TargetTree::ParentOf(const Place& place)
     return Descend(place, place.size() - 1);
 }
 
+const Staging& TargetTree::StagingFor(const Place& place)
+{
+    const YDirectory& parent = ParentOf(place);
+    std::optional<Staging>& staging = m_levels.empty() ? m_staging : m_levels.back().staging;
+    if (!staging)
+        staging.emplace(parent, m_stagingName);
+    return *staging;
+}
+
 void TargetTree::MakeDirectory(const Place& place, Attributes attributes)
 {
     Descend(place, place.size());
@@ -43,19 +60,23 @@ void TargetTree::MakeDirectory(const Place& place, Attributes attributes)
 
 void TargetTree::MakeHardLink(const Place& from, const Place& place, const YString& name)
 {
-    std::optional<YDirectory> opened;
-    const YDirectory* directory = &m_root;
-    for (std::size_t i = 0; i + 1 < from.size(); ++i) {
-        YDirectory next = directory->OpenDirectory(from[i]);
-        directory = &opened.emplace(std::move(next));
+    const YDirectory& parent = ParentOf(place);
+    if (from.size() == 1) {
+        parent.MakeHardLink(m_root, from.back(), name);
+        return;
     }
-    ParentOf(place).MakeHardLink(*directory, from.back(), name);
+    const YDirectory directory = m_root.OpenBelow(std::span(from).first(from.size() - 1));
+    parent.MakeHardLink(directory, from.back(), name);
 }
 
 void TargetTree::Finish()
 {
     while (!m_levels.empty())
         Leave();
+    std::vector<YString> refused;
+    RemoveStaging(m_staging, refused);
+    if (!refused.empty())
+        m_report({}, refused);
 }
 
 const YDirectory& TargetTree::Descend(const Place& place, std::size_t depth)
@@ -88,10 +109,15 @@ TargetTree::Level TargetTree::OpenLevel(const YDirectory& parent, const YString&
     } else if (!S_ISDIR(status.st_mode)) {
         KRT_RAISE(ErrorCode::InvalidState, "Something that is no directory stands in the way: " << name);
     } else if ((status.st_mode & PrivateMode) != PrivateMode && !Krt::Environment::IsRoot()) {
-        parent.SetMode(name, status.st_mode | PrivateMode);
+        const YDirectory closed = parent.OpenDirectoryToSearch(name);
+        CheckIs(closed, status, name);
+        closed.SetMode(status.st_mode | PrivateMode);
         isWidened = true;
     }
-    return {name, parent.OpenDirectory(name), isNew, isWidened, status, std::nullopt};
+    YDirectory directory = parent.OpenDirectory(name);
+    if (!isNew)
+        CheckIs(directory, status, name);
+    return {name, std::move(directory), isNew, isWidened, status, std::nullopt, std::nullopt};
 }
 
 void TargetTree::GiveBack(const Level& level)
@@ -111,10 +137,24 @@ void TargetTree::GiveBack(const Level& level)
         Krt::File::SetTimes(handle, Krt::File::AccessTime(level.before), write);
 }
 
+// Somebody who may change the directory may have moved it away.
+void TargetTree::RemoveStaging(std::optional<Staging>& staging, std::vector<YString>& refused) const
+{
+    if (!staging)
+        return;
+    try {
+        Top().RemoveDirectory(m_stagingName);
+    } catch (const Krt::Exception::YError& error) {
+        refused.push_back(YString("temporary directory not removed: ") + ReasonOf(error));
+    }
+    staging.reset();
+}
+
 void TargetTree::Leave()
 {
-    const Level& level = m_levels.back();
+    Level& level = m_levels.back();
     std::vector<YString> refused;
+    RemoveStaging(level.staging, refused);
     if (level.attributes) {
         Apply(*level.attributes, level.directory.GetHandle(), refused);
     } else {

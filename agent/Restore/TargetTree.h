@@ -6,6 +6,7 @@
 
 #include "agent/Restore/Attributes.h"
 #include "agent/Restore/Place.h"
+#include "agent/Restore/Staging.h"
 
 #include <functional>
 #include <optional>
@@ -20,7 +21,8 @@ public:
     using RefusalReport =
         std::function<void(const Place& directory, const std::vector<Krt::YString>& refused)>;
 
-    TargetTree(Krt::File::YDirectory root, RefusalReport report);
+    /// `staging` is a name that no entry has.
+    TargetTree(Krt::File::YDirectory root, Krt::YString staging, RefusalReport report);
     /// Finishes, so that a restore that is cut short leaves no directory as it stood meanwhile.
     ~TargetTree();
 
@@ -28,6 +30,9 @@ public:
     /// 0755 unless attributes follow. Raises InvalidState where something else than a directory, or a link,
     /// stands in the way. Valid until the next call.
     const Krt::File::YDirectory& ParentOf(const Place& place);
+    /// Beside the entry of this place; made when it is first asked for, and removed when the restore leaves
+    /// the directory. Valid until the next call.
+    const Staging& StagingFor(const Place& place);
     /// Makes the place a directory, if it is none yet, that gets the attributes in the end.
     void MakeDirectory(const Place& place, Attributes attributes);
     /// Gives what stands at `from`, which is no directory, the further name `name` beside `place`. Raises the
@@ -46,16 +51,20 @@ private:
         struct stat before
         {};                                   // what an existing directory without a record gets back
         std::optional<Attributes> attributes; // of its record
+        std::optional<Staging> staging;
     };
 
     const Krt::File::YDirectory& Descend(const Place& place, std::size_t depth);
     const Krt::File::YDirectory& Top() const;
     Level OpenLevel(const Krt::File::YDirectory& parent, const Krt::YString& name) const;
     void Leave();
+    void RemoveStaging(std::optional<Staging>& staging, std::vector<Krt::YString>& refused) const;
     static void GiveBack(const Level& level);
 
     Krt::File::YDirectory m_root;
+    Krt::YString m_stagingName;
     RefusalReport m_report;
+    std::optional<Staging> m_staging; // of the root
     std::vector<Level> m_levels;
 };
 

@@ -1,16 +1,10 @@
-// Restores of snapshots that are hostile or damaged, and into targets that are: nothing outside is touched,
-// and the rest is restored.
+// Restores of snapshots that are damaged or unusual, and into targets that are: what can be restored is.
 #include "agent/Restore/TargetTree.h"
 #include "agent/Restore/WindowsTime.h"
-#include "agent/Store/ObjectWriter.h"
-#include "agent/Store/SnapshotWriter.h"
 
 #include "testing/JobPaths.h"
 #include "testing/OrdinaryUser.h"
-#include "testing/Program.h"
-#include "testing/Records.h"
-#include "testing/TemporaryDirectory.h"
-#include "testing/Tree.h"
+#include "testing/RestoreFixture.h"
 
 #include "Backup/File/YOdsMetadata.h"
 
@@ -28,147 +22,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class RestoreProgram : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        target = directory.MakeDirectory("target");
-        store = directory / "store";
-        MakeTree(directory.MakeDirectory("outside"),
-                 {Dir("dir"), File("dir/file", "sentinel"), File("file", "too")});
-        before = DescribeTree(directory / "outside");
-    }
-    void TearDown() override { EXPECT_EQ(DescribeTree(directory / "outside"), before); }
-
-    static Agent::SnapshotEntry EntryOf(const Backup::File::YMetadataBase& metadata)
-    {
-        Agent::SnapshotEntry entry;
-        entry.record = metadata.ToJSON();
-        return entry;
-    }
-    static Agent::SnapshotEntry Directory(const Names& names, unsigned int mode = 0755)
-    {
-        return EntryOf(UnixRecord(names, S_IFDIR | mode));
-    }
-    static Agent::SnapshotEntry LinkTo(const Names& names, const std::string& linkTarget)
-    {
-        return EntryOf(UnixRecord(names, S_IFLNK | 0777, 0, linkTarget));
-    }
-    Agent::SnapshotEntry WithContent(Agent::SnapshotEntry entry, const std::string& content)
-    {
-        m_writer->Begin();
-        m_writer->Append(content.data(), content.size());
-        entry.content = m_writer->Finish();
-        return entry;
-    }
-    Agent::SnapshotEntry FileWith(const Names& names, const std::string& content,
-                                  unsigned long long group = 0)
-    {
-        Agent::SnapshotEntry entry =
-            WithContent(EntryOf(UnixRecord(names, S_IFREG | 0644, content.size())), content);
-        entry.hardLinkGroup = group;
-        return entry;
-    }
-    Agent::SnapshotEntry WindowsFile(const std::vector<Names>& paths, const std::string& content,
-                                     unsigned int attributes = 0x20)
-    {
-        return WithContent(EntryOf(WindowsRecord(paths, attributes, content.size())), content);
-    }
-    struct stat StatusOf(const std::string& name) const
-    {
-        struct stat status
-        {};
-        EXPECT_EQ(lstat((target + "/" + name).c_str(), &status), 0) << name;
-        return status;
-    }
-
-    // Runs `fill` with a snapshot to fill, and restores that.
-    template <class Fill>
-    ProgramResult RestoreOf(Fill fill, const std::vector<std::string>& paths = {})
-    {
-        {
-            const Agent::Store opened = Agent::Store::OpenOrCreate(store);
-            Agent::StoreSession session(opened);
-            m_writer.emplace(session);
-            Agent::SnapshotWriter writer(session, Agent::SnapshotHeader());
-            fill(writer);
-            writer.Finish(0, 0);
-            m_writer.reset();
-        }
-        std::vector<std::string> arguments = {"restore", "--store", store, "--to", target};
-        arguments.insert(arguments.end(), paths.begin(), paths.end());
-        return RunProgram(arguments);
-    }
-
-    TemporaryDirectory directory;
-    std::string target;
-    std::string store;
-    std::string before;
-    std::optional<Agent::ObjectWriter> m_writer;
-};
-
-TEST_F(RestoreProgram, RefusesComponentsThatCouldLeaveTheTarget)
-{
-    for (const Names& names : {Names{"..", "outside", "file"},
-                               {"a", "..", "..", "outside", "file"},
-                               {".", "file"},
-                               {"", "file"},
-                               {"../outside/file"},
-                               {"/etc/passwd"},
-                               {"a/../../outside", "x"},
-                               {std::string("a\0b", 3)}}) {
-        const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-            writer.Add(FileWith(names, "evil"));
-            writer.Add(Directory(names));
-            writer.Add(FileWith({"good"}, "good"));
-        });
-        EXPECT_EQ(result.exitCode, 3) << names.front() << result.errors;
-        EXPECT_NE(result.errors.find("Refused"), std::string::npos) << result.errors;
-        EXPECT_EQ(ReadFile(target + "/good"), "good");
-        EXPECT_EQ(std::distance(fs::directory_iterator(target), fs::directory_iterator()), 1)
-            << names.front();
-    }
-}
-
-TEST_F(RestoreProgram, FollowsNoLinkOnTheWay)
-{
-    fs::create_symlink(directory / "outside", target + "/planted");
-    fs::create_symlink(directory / "outside/file", target + "/leaf");
-    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(FileWith({"planted", "file"}, "evil"));
-        writer.Add(Directory({"planted", "dir"}, 0700));
-        writer.Add(Directory({"planted"}, 0700));
-        writer.Add(LinkTo({"restored"}, directory / "outside"));
-        writer.Add(FileWith({"restored", "dir", "file"}, "evil"));
-        writer.Add(FileWith({"leaf"}, "in its place"));
-        writer.Add(LinkTo({"twice"}, directory / "outside/file"));
-        writer.Add(FileWith({"twice"}, "in its place"));
-    });
-    EXPECT_EQ(result.exitCode, 3);
-    EXPECT_TRUE(fs::is_symlink(target + "/planted"));
-    EXPECT_TRUE(fs::is_symlink(target + "/restored"));
-    EXPECT_FALSE(fs::is_symlink(target + "/leaf"));
-    EXPECT_EQ(ReadFile(target + "/leaf"), "in its place");
-    EXPECT_FALSE(fs::is_symlink(target + "/twice"));
-}
-
-TEST_F(RestoreProgram, HardLinksStayInsideTheTarget)
-{
-    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(FileWith({"dir", "first"}, "content", 1));
-        // The first name gives way to a link to the outside; the second name must not become a name of that.
-        writer.Add(LinkTo({"dir", "first"}, directory / "outside/file"));
-        writer.Add(FileWith({"second"}, "content", 1));
-        // A group whose first name was refused.
-        writer.Add(FileWith({"..", "outside", "file"}, "evil", 2));
-        writer.Add(FileWith({"third"}, "of its own", 2));
-    });
-    EXPECT_EQ(result.exitCode, 3);
-    EXPECT_EQ(ReadFile(target + "/second"), "content");
-    EXPECT_FALSE(fs::is_symlink(target + "/second"));
-    EXPECT_EQ(ReadFile(target + "/third"), "of its own");
-}
+using RestoreProgram = RestoreFixture;
 
 TEST_F(RestoreProgram, DirectoriesOutOfOrderKeepTheirTimesAndModes)
 {
@@ -204,7 +58,7 @@ TEST_F(RestoreProgram, ARestoreCutShortLeavesDirectoriesAsTheyWere)
     EXPECT_TRUE(HoldsAsOrdinaryUser([&] {
         bool refused = false;
         {
-            Agent::TargetTree tree(Krt::File::YDirectory::Open(Krt::File::YPath(target.c_str())),
+            Agent::TargetTree tree(Krt::File::YDirectory::Open(Krt::File::YPath(target.c_str())), "staging",
                                    [&](const auto&, const auto&) { refused = true; });
             tree.ParentOf({"foreign", "own", "new"}).MakeDirectory("new", 0700);
         }

@@ -1,0 +1,104 @@
+// Lets a test act between two system calls of the code under test, at points that are named by the call and
+// the entry it is about. Takes the place of functions of the C library, so one source of a program includes
+// it.
+#pragma once
+
+#include <cstdarg>
+#include <cstdio>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <functional>
+#include <string>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <utility>
+
+namespace Testing {
+
+struct HookedCall
+{
+    std::string function;
+    int descriptor; ///< of the directory for a name, else of the file itself
+    std::string name;
+};
+
+class CallHook
+{
+public:
+    /// Before each call of the process, for as long as the hook lives. The action's own calls are not told.
+    explicit CallHook(std::function<void(const HookedCall&)> action) : m_action(std::move(action))
+    {
+        s_current = this;
+    }
+    ~CallHook() { s_current = nullptr; }
+    CallHook(const CallHook&) = delete;
+    CallHook& operator=(const CallHook&) = delete;
+
+    /// Without a name, the path of what the descriptor holds counts.
+    static void Tell(const char* function, int descriptor, const char* name = nullptr)
+    {
+        if (CallHook* const hook = std::exchange(s_current, nullptr)) {
+            hook->m_action({function, descriptor, name != nullptr ? name : PathOf(descriptor)});
+            s_current = hook;
+        }
+    }
+
+private:
+    static std::string PathOf(int descriptor)
+    {
+        char path[4096];
+        const ssize_t size =
+            readlink(("/proc/self/fd/" + std::to_string(descriptor)).c_str(), path, sizeof path);
+        return std::string(path, static_cast<std::size_t>(size < 0 ? 0 : size));
+    }
+
+    std::function<void(const HookedCall&)> m_action;
+    static inline CallHook* s_current = nullptr;
+};
+
+template <class Function>
+Function* Unhooked(const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace Testing
+
+#define TESTING_HOOK(result, function, parameters, arguments, descriptor, name)                              \
+    [[gnu::visibility("default")]] result function parameters noexcept                                       \
+    {                                                                                                        \
+        Testing::CallHook::Tell(#function, descriptor, name);                                                \
+        return Testing::Unhooked<result parameters>(#function) arguments;                                    \
+    }
+
+extern "C" {
+[[gnu::visibility("default")]] int openat(int directory, const char* name, int flags, ...)
+{
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    Testing::CallHook::Tell("openat", directory, name);
+    return Testing::Unhooked<int(int, const char*, int, ...)>("openat")(directory, name, flags, mode);
+}
+[[gnu::visibility("default")]] ssize_t pread(int file, void* data, size_t size, off_t offset)
+{
+    Testing::CallHook::Tell("pread", file);
+    return Testing::Unhooked<ssize_t(int, void*, size_t, off_t)>("pread")(file, data, size, offset);
+}
+TESTING_HOOK(int, fstatat, (int directory, const char* name, struct stat* status, int flags),
+             (directory, name, status, flags), directory, name)
+TESTING_HOOK(int, fchmodat, (int directory, const char* name, mode_t mode, int flags),
+             (directory, name, mode, flags), directory, name)
+TESTING_HOOK(int, fchownat, (int directory, const char* name, uid_t user, gid_t group, int flags),
+             (directory, name, user, group, flags), directory, name)
+TESTING_HOOK(int, utimensat, (int directory, const char* name, const timespec* times, int flags),
+             (directory, name, times, flags), directory, name)
+TESTING_HOOK(int, renameat, (int from, const char* name, int to, const char* newName),
+             (from, name, to, newName), from, name)
+TESTING_HOOK(int, fchown, (int file, uid_t user, gid_t group), (file, user, group), file, nullptr)
+TESTING_HOOK(ssize_t, llistxattr, (const char* path, char* list, size_t size), (path, list, size), -1, path)
+}
+
+#undef TESTING_HOOK

@@ -1,0 +1,57 @@
+// A process that swaps two entries, over and over, until it is destroyed: somebody who races.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <new>
+#include <string>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Testing {
+
+inline bool SwapEntries(int directoryA, const std::string& a, int directoryB, const std::string& b)
+{
+    return renameat2(directoryA, a.c_str(), directoryB, b.c_str(), RENAME_EXCHANGE) == 0;
+}
+
+class Flipper
+{
+public:
+    /// Paths. While one is missing nothing is swapped.
+    Flipper(const std::string& a, const std::string& b)
+        : m_swaps(new (mmap(nullptr, sizeof(Counter), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1,
+                            0)) Counter(0))
+    {
+        m_child = fork();
+        if (m_child == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            for (;;)
+                *m_swaps += SwapEntries(AT_FDCWD, a, AT_FDCWD, b);
+        }
+        EXPECT_GT(m_child, 0);
+    }
+    ~Flipper()
+    {
+        kill(m_child, SIGKILL);
+        waitpid(m_child, nullptr, 0);
+        munmap(m_swaps, sizeof(Counter));
+    }
+    Flipper(const Flipper&) = delete;
+    Flipper& operator=(const Flipper&) = delete;
+
+    unsigned long GetSwaps() const { return *m_swaps; }
+
+private:
+    using Counter = std::atomic<unsigned long>;
+    Counter* m_swaps;
+    pid_t m_child;
+};
+
+} // namespace Testing
