@@ -61,7 +61,14 @@ bool BackupRun::OnSelected(const WalkedEntry& entry)
 struct stat BackupRun::Open(const WalkedEntry& entry)
 {
     for (int looks = 1;; ++looks) {
-        m_file.OpenEntry(entry.parent, entry.name, entry.path);
+        try {
+            m_file.OpenEntry(entry.parent, entry.name, entry.path);
+        } catch (const Krt::Exception::YError& error) {
+            // What opening as a file tells of a link, and of a socket or a device that is not there.
+            if ((error.GetOsError() != ELOOP && error.GetOsError() != ENXIO) || looks == MaxLooks)
+                throw;
+            continue;
+        }
         const struct stat status = m_file.IsRegularFile() ? Krt::File::Stat(m_file.GetHandle())
                                    : looks == 1           ? entry.Status()
                                                           : entry.parent.Stat(entry.name);

@@ -79,7 +79,8 @@ void YFile::InitializeMembers()
     m_lastChangedTime = 0;
     m_dataBuffer.Resize(0);
     m_dataSize = 0;
-    m_isEntry = false;
+    m_directory = nullptr;
+    m_name = nullptr;
 }
 
 // Everything anew, with the mode and the path stored.
@@ -117,7 +118,8 @@ void YFile::Open(OPEN_MODE mode, const YPath& path, OPTIONS options)
 void YFile::OpenEntry(const Krt::File::YDirectory& directory, const YString& name, const YPath& path)
 {
     Start(OPEN_MODE_READ, path, OPTIONS{});
-    m_isEntry = true;
+    m_directory = &directory;
+    m_name = &name;
     TakeStatus(directory.Stat(name));
     if (IsRegularFile())
         m_handle = directory.OpenFile(name);
@@ -128,7 +130,7 @@ void YFile::OpenForRead()
 {
     struct stat status;
     StatFile(m_path, &status);
-    m_isEntry = false;
+    m_directory = nullptr;
     TakeStatus(status);
     if (IsRegularFile())
         m_handle = Krt::File::Open(m_path, Krt::File::OpenForReading);
@@ -222,7 +224,7 @@ unsigned long long YFile::GetInode() const
 
 unsigned int YFile::LookUpAttributes() const
 {
-    return m_isEntry ? m_attributes : Krt::File::GetAttributes(m_path);
+    return m_directory != nullptr ? m_attributes : Krt::File::GetAttributes(m_path);
 }
 
 unsigned char* YFile::GetDataPtr() const
@@ -260,7 +262,10 @@ std::list<YString> YFile::ListExtendedAttributes() const
 {
     if (IsXattrDisabled())
         return {};
-    return EmptyIfUnavailable([&] { return Krt::File::ListExtendedAttributes(m_path); });
+    return EmptyIfUnavailable([&] {
+        return m_directory != nullptr ? m_directory->ListExtendedAttributes(*m_name)
+                                      : Krt::File::ListExtendedAttributes(m_path);
+    });
 }
 
 ExtendedAttributeMap YFile::GetExtendedAttributeMap() const
@@ -268,8 +273,10 @@ ExtendedAttributeMap YFile::GetExtendedAttributeMap() const
     if (IsXattrDisabled())
         return {};
     return EmptyIfUnavailable([&] {
-        return m_isEntry && !m_handle.IsEmpty() ? Krt::File::GetExtendedAttributeMap(m_handle)
-                                                : Krt::File::GetExtendedAttributeMap(m_path);
+        if (m_directory == nullptr)
+            return Krt::File::GetExtendedAttributeMap(m_path);
+        return m_handle.IsEmpty() ? m_directory->GetExtendedAttributeMap(*m_name)
+                                  : Krt::File::GetExtendedAttributeMap(m_handle);
     });
 }
 

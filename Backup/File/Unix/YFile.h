@@ -20,6 +20,7 @@ namespace Backup::File {
 class BACKUP_API YFile : public IFileIo
 {
 public:
+    /// What a file is opened for.
     enum OPEN_MODE : unsigned int
     {
         OPEN_MODE_NONE = 0,
@@ -27,6 +28,7 @@ public:
         OPEN_MODE_WRITE = 2,         ///< the one mode that sets the file's times at closing
         OPEN_MODE_READ_ALTERNATE = 3 ///< as OPEN_MODE_READ
     };
+    /// Bits that say more about the opening.
     enum OPTIONS : unsigned int
     {
         OPT_NONE = 1,
@@ -52,16 +54,20 @@ public:
     /// errors of the file operations on; mode and path are stored then, and there is no handle.
     void Open(OPEN_MODE mode, const Krt::File::YPath& path, OPTIONS options);
     /// The same for reading an entry whose directory is open: status and content are reached through that
-    /// directory, at half the cost of a long path and whatever happens to the path meanwhile. The operations
-    /// that go by path use `path`. The directory is not kept.
+    /// directory, at half the cost of a long path and whatever happens to the path meanwhile, and so are
+    /// extended attributes: directory and name must outlive the asking for those. The other operations that
+    /// go by path use `path`.
     void OpenEntry(const Krt::File::YDirectory& directory, const Krt::YString& name,
                    const Krt::File::YPath& path);
+    /// The steps of Open, on the stored path and options; the second does nothing in another mode.
     void OpenForRead();
     void OpenForWrite();
     /// Closes the descriptor and, after writing, sets the file's times to those of SetTime. If that raises,
     /// the mode stays and a second call tries the times again.
     void Close();
+    /// As Close.
     void EndOfFile() override { Close(); }
+    /// Whether there is a mode; of what has the status alone, false.
     bool IsOpen() const { return m_openMode != OPEN_MODE_NONE; }
     /// What Read and Write use, for operations on the very file that is open. Owned by this object.
     const Krt::Util::YUnxHandle& GetHandle() const { return m_handle; }
@@ -77,6 +83,8 @@ public:
 
     /// Raises InvalidState in the mode none, so also for what has the status alone.
     unsigned long long GetInode() const;
+    /// What the last opening for reading found, and how far reading or writing has come. Sizes and offsets
+    /// are bytes, times seconds since the epoch.
     unsigned long long GetSize() const { return m_size; }
     unsigned int GetUID() const { return m_uid; }
     unsigned int GetGID() const { return m_gid; }
@@ -90,18 +98,20 @@ public:
     unsigned int GetAttributes() const { return m_attributes; }
     /// The attribute word of the path as it is now; of an entry that OpenEntry opened, as it was then.
     unsigned int LookUpAttributes() const;
+    /// The st_mode word of that opening, with the bits of the type.
     unsigned int GetModeFlags() const { return m_modeFlags; }
     /// Always 0.
     unsigned int GetDataSize() const { return m_dataSize; }
     /// A buffer of 1 MiB for the caller's use, owned by this object; brought to that size by each call.
     unsigned char* GetDataPtr() const;
+    /// What the mode word says.
     bool IsRegularFile() const { return (m_modeFlags & 0xF000) == 0x8000; }
     bool IsDirectory() const { return (m_modeFlags & 0xF000) == 0x4000; }
     bool IsSymbolicLink() const { return (m_modeFlags & 0xF000) == 0xA000; }
     /// The data type under which this object's stream is tagged.
     unsigned int VamDataType() const { return 5; }
 
-    // The primitives of the same names on the path.
+    /// The primitives of the same names, on the path.
     void SetUID(unsigned int uid) const;
     void SetGID(unsigned int gid) const;
     void SetModeFlags(unsigned int flags) const;
@@ -136,7 +146,8 @@ private:
     unsigned long long m_lastChangedTime = 0;
     mutable Krt::Memory::YHeap<unsigned char> m_dataBuffer;
     unsigned int m_dataSize = 0;
-    bool m_isEntry = false; // of an open directory
+    const Krt::File::YDirectory* m_directory = nullptr; // the caller's, with an entry's name in it
+    const Krt::YString* m_name = nullptr;
 };
 
 /// "OPT_NONE" if that bit is set, else nothing.
