@@ -101,3 +101,28 @@ TEST(PagesTest, ProgramsAreThoseOfTheExamples)
             EXPECT_EQ(shown.count("examples/" + entry.path().filename().string()), 1U) << entry.path();
     }
 }
+
+// What stands for one platform alone has a counterpart; systemd's and launchd's own classes have one seam
+// together.
+TEST(PagesTest, PortingNamesEachSeam)
+{
+    namespace fs = std::filesystem;
+    const std::string page = Page("porting.md");
+    std::set<std::string> folders;
+    for (const char* const top : {"/libkrt/Krt", "/Backup", "/agent"}) {
+        for (const auto& entry : fs::recursive_directory_iterator(SOURCE_DIRECTORY + std::string(top))) {
+            const fs::path folder = entry.path().parent_path();
+            if (entry.path().extension() != ".cpp" || folder.filename() != "Linux")
+                continue;
+            const std::string name = entry.path().filename().string();
+            if (name.find("ystemd") == std::string::npos)
+                EXPECT_TRUE(fs::exists(folder.parent_path() / "Mac" / name)) << entry.path();
+            folders.insert(fs::relative(folder.parent_path(), SOURCE_DIRECTORY "/libkrt/Krt").string());
+        }
+    }
+    EXPECT_GE(folders.size(), 8U);
+    for (std::string folder : folders) {
+        folder.erase(0, folder.find_first_not_of("./"));
+        EXPECT_NE(page.find("`" + folder + "/{Linux,Mac}`"), std::string::npos) << folder;
+    }
+}
