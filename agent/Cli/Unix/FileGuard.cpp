@@ -4,6 +4,7 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/Retry.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -20,13 +21,6 @@ namespace {
 
 constexpr uid_t Root = 0;
 constexpr int MostLinks = 40; // as many as the kernel follows
-
-std::optional<struct stat> Look(const std::string& path)
-{
-    struct stat status
-    {};
-    return lstat(path.c_str(), &status) == 0 ? std::optional(status) : std::nullopt;
-}
 
 bool CanOthersWrite(const struct stat& status)
 {
@@ -55,103 +49,18 @@ public:
         : m_what(what), m_path(path), m_makesFile(makesFile), m_user(geteuid()),
           m_guards(m_user == Root && AreThereOtherUsers())
     {}
-
-    void Check()
-    {
-        m_here = Look("/");
-        CheckOwner("/", *m_here);
-        Push(std::filesystem::absolute(m_path).string());
-        while (!m_rest.empty()) {
-            const std::string name = std::move(m_rest.back());
-            m_rest.pop_back();
-            if (name == "..")
-                Enter(m_place.substr(0, m_place.empty() ? 0 : m_place.rfind('/')));
-            else if (!Pass(m_place + "/" + name))
-                return;
-        }
-    }
+    void Check();
 
 private:
-    // The components go on top, first one last.
-    void Push(const std::string& path)
-    {
-        std::size_t end = path.size();
-        while (end != 0) {
-            const std::size_t slash = path.rfind('/', end - 1);
-            const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
-            const std::string name = path.substr(begin, end - begin);
-            if (!name.empty() && name != ".")
-                m_rest.push_back(name);
-            end = slash == std::string::npos ? 0 : slash;
-        }
-    }
-
-    void Enter(const std::string& place)
-    {
-        m_place = place;
-        m_here = Look(place.empty() ? "/" : place);
-    }
-
-    // False at the end of what can be looked at.
-    bool Pass(const std::string& path)
-    {
-        std::optional<struct stat> status = Look(path);
-        if (!status && errno == ENOENT)
-            status = LookForMissing(path);
-        if (!status)
-            return false;
-        if (S_ISLNK(status->st_mode))
-            return Follow(path, *status);
-        CheckOwner(path, *status);
-        Refuse(m_guards && S_ISREG(status->st_mode) && status->st_nlink > 1 && IsShared(),
-               path + " has further names, and others can write to its directory");
-        m_place = path;
-        m_here = status;
-        return true;
-    }
-
-    bool Follow(const std::string& path, const struct stat& link)
-    {
-        Refuse(link.st_uid != Root && link.st_uid != m_user,
-               path + " is a link that belongs to the user " + std::to_string(link.st_uid));
-        const std::string target = ReadLink(path);
-        if (target.starts_with('/'))
-            Enter("");
-        Push(target);
-        return ++m_links <= MostLinks;
-    }
-
-    // Nothing if it is to stay missing.
-    std::optional<struct stat> LookForMissing(const std::string& path)
-    {
-        if (!m_guards || !IsShared())
-            return std::nullopt;
-        const bool isMade = m_makesFile && m_rest.empty() &&
-                            !Krt::Util::OpenHandle(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0640).IsEmpty();
-        const std::optional<struct stat> made = Look(path);
-        Refuse(!isMade && !made, path + " doesn't exist, and others can write to its directory");
-        return made;
-    }
-
+    void Push(const std::string& path);
+    void Enter(const std::string& place);
+    bool Pass(const std::string& path);
+    bool Follow(const std::string& path, const struct stat& link);
+    std::optional<struct stat> LookForMissing(const std::string& path) const;
+    std::optional<struct stat> Look(const std::string& path) const;
     bool IsShared() const { return m_here && CanOthersWrite(*m_here); }
-
-    void CheckOwner(const std::string& path, const struct stat& status) const
-    {
-        if (!m_guards)
-            return;
-        Refuse(status.st_uid != Root, path + " belongs to the user " + std::to_string(status.st_uid));
-        const bool isShared = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
-        // What anybody writes to a device such as /dev/null isn't kept there.
-        Refuse(CanOthersWrite(status) && !isShared && !S_ISCHR(status.st_mode),
-               path + " can be written to by others (mode " + Octal(status.st_mode) + ")");
-    }
-
-    void Refuse(bool isRefused, const std::string& reason) const
-    {
-        if (isRefused)
-            KRT_RAISE_AS("RequireOwnFile", Krt::MessageType::General, Krt::ErrorCode::InvalidState,
-                         m_what.c_str() << " " << m_path.c_str() << " is refused: " << reason.c_str());
-    }
+    void CheckOwner(const std::string& path, const struct stat& status) const;
+    void Refuse(bool isRefused, const std::string& reason) const;
 
     const std::string m_what;
     const std::string m_path;
@@ -163,6 +72,114 @@ private:
     std::optional<struct stat> m_here;
     int m_links = 0;
 };
+
+void Way::Check()
+{
+    Enter("");
+    if (m_here)
+        CheckOwner("/", *m_here);
+    Push(std::filesystem::absolute(m_path).string());
+    while (!m_rest.empty()) {
+        const std::string name = std::move(m_rest.back());
+        m_rest.pop_back();
+        if (name == "..")
+            Enter(m_place.substr(0, m_place.empty() ? 0 : m_place.rfind('/')));
+        else if (!Pass(m_place + "/" + name))
+            return;
+    }
+}
+
+// Nothing for what isn't there, or what the user may not look at.
+std::optional<struct stat> Way::Look(const std::string& path) const
+{
+    struct stat status
+    {};
+    if (Krt::Util::RetryOnInterrupt([&] { return lstat(path.c_str(), &status); }) == 0)
+        return status;
+    const bool isAbsent = errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG;
+    if (m_guards && !isAbsent)
+        KRT_RAISE_OS("Failed to stat " << path.c_str());
+    return std::nullopt;
+}
+
+// The components go on top, the first one last.
+void Way::Push(const std::string& path)
+{
+    std::size_t end = path.size();
+    while (end != 0) {
+        const std::size_t slash = path.rfind('/', end - 1);
+        const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
+        const std::string name = path.substr(begin, end - begin);
+        if (!name.empty() && name != ".")
+            m_rest.push_back(name);
+        end = slash == std::string::npos ? 0 : slash;
+    }
+}
+
+void Way::Enter(const std::string& place)
+{
+    m_place = place;
+    m_here = Look(place.empty() ? "/" : place);
+}
+
+// False at the end of what can be looked at.
+bool Way::Pass(const std::string& path)
+{
+    std::optional<struct stat> status = Look(path);
+    if (!status && errno == ENOENT)
+        status = LookForMissing(path);
+    if (!status)
+        return false;
+    if (S_ISLNK(status->st_mode))
+        return Follow(path, *status);
+    CheckOwner(path, *status);
+    Refuse(m_guards && S_ISREG(status->st_mode) && status->st_nlink > 1 && IsShared(),
+           path + " has further names, and others can write to its directory");
+    m_place = path;
+    m_here = status;
+    return true;
+}
+
+bool Way::Follow(const std::string& path, const struct stat& link)
+{
+    Refuse(link.st_uid != Root && link.st_uid != m_user,
+           path + " is a link that belongs to the user " + std::to_string(link.st_uid));
+    const std::string target = ReadLink(path);
+    if (target.starts_with('/'))
+        Enter("");
+    Push(target);
+    return ++m_links <= MostLinks;
+}
+
+// Nothing if it is to stay missing.
+std::optional<struct stat> Way::LookForMissing(const std::string& path) const
+{
+    if (!m_guards || !IsShared())
+        return std::nullopt;
+    const bool isMade = m_makesFile && m_rest.empty() &&
+                        !Krt::Util::OpenHandle(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0640).IsEmpty();
+    const std::optional<struct stat> made = Look(path);
+    Refuse(!isMade && !made, path + " doesn't exist, and others can write to its directory");
+    return made;
+}
+
+void Way::CheckOwner(const std::string& path, const struct stat& status) const
+{
+    if (!m_guards)
+        return;
+    Refuse(status.st_uid != Root, path + " belongs to the user " + std::to_string(status.st_uid));
+    const bool isShared = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
+    // What anybody writes to a device such as /dev/null isn't kept there.
+    Refuse(CanOthersWrite(status) && !isShared && !S_ISCHR(status.st_mode),
+           path + " can be written to by others (mode " + Octal(status.st_mode) + ")");
+}
+
+void Way::Refuse(bool isRefused, const std::string& reason) const
+{
+    if (isRefused)
+        KRT_RAISE_AS("RequireOwnFile", Krt::MessageType::General, Krt::ErrorCode::InvalidState,
+                     m_what.c_str() << " " << m_path.c_str() << " is refused: " << reason.c_str());
+}
 
 } // namespace
 

@@ -2,92 +2,15 @@
 // it, before the next one begins.
 #include "Krt/Thread/YReadWriteMutex.h"
 
-#include "testing/Raises.h"
+#include "testing/LockActor.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
-#include <fstream>
 #include <memory>
 #include <string>
-#include <thread>
-#include <unistd.h>
-#include <vector>
 
 namespace Krt::Thread {
 namespace {
-
-// A thread that takes and gives levels as it is told, one by one.
-class Actor
-{
-public:
-    explicit Actor(const YReadWriteMutex& mutex) : m_mutex(mutex) {}
-    ~Actor()
-    {
-        Begin('q');
-        m_thread.join();
-    }
-    Actor(const Actor&) = delete;
-    Actor& operator=(const Actor&) = delete;
-
-    void Begin(char order)
-    {
-        m_result = Asked;
-        m_order = order;
-        m_order.notify_one();
-    }
-    // '.' for done, 'x' for refused; with `mayWait`, 'z' once the thread sleeps in it.
-    char Await(bool mayWait) const
-    {
-        for (int asleep = 0; asleep < 5;) {
-            if (const char result = m_result; result != Asked && result != Begun)
-                return result;
-            asleep = mayWait && m_result == Begun && Sleeps() ? asleep + 1 : 0;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return 'z';
-    }
-
-private:
-    static constexpr char Asked = 'a', Begun = 'b';
-
-    void Run()
-    {
-        m_id = gettid();
-        for (char order = 0; order != 'q';) {
-            m_order.wait(0);
-            order = m_order.exchange(0);
-            m_result = Begun;
-            m_result = Testing::CatchError([&] { Do(order); }) ? 'x' : '.';
-        }
-        m_locks.clear();
-    }
-    void Do(char order)
-    {
-        const auto forever = Time::YDuration::Zero();
-        if (order == 'r')
-            m_locks.push_back(m_mutex.ReadLock(forever));
-        else if (order == 'w')
-            m_locks.push_back(m_mutex.WriteLock(forever));
-        else if (order == '-')
-            m_locks.pop_back();
-    }
-    bool Sleeps() const
-    {
-        std::ifstream file("/proc/self/task/" + std::to_string(m_id) + "/stat");
-        const std::string text{std::istreambuf_iterator<char>(file), {}};
-        return text.find(") S ") != std::string::npos;
-    }
-
-    const YReadWriteMutex& m_mutex;
-    std::vector<YReadWriteMutex::YLock> m_locks;
-    std::atomic<char> m_order = 0, m_result = '.';
-    std::atomic<pid_t> m_id = 0;
-    std::thread m_thread{[this] {
-        Run();
-    }};
-};
 
 // Steps of three letters: the thread; 'r'ead, 'w'rite or '-' for giving the last level back; and what comes
 // of it: done (.), refused (x), or asleep (z), and then "A*." says when the step of A has been done.
@@ -112,11 +35,11 @@ TEST(LockInterleaving, EachStepEndsAsItMust)
     };
     for (const auto& row : rows) {
         const YReadWriteMutex mutex;
-        std::unique_ptr<Actor> actors[3];
+        std::unique_ptr<Testing::LockActor> actors[3];
         for (auto& actor : actors)
-            actor = std::make_unique<Actor>(mutex);
+            actor = std::make_unique<Testing::LockActor>(mutex);
         for (std::size_t at = 0; at < row.steps.size(); at += 4) {
-            Actor& actor = *actors[row.steps[at] - 'A'];
+            Testing::LockActor& actor = *actors[row.steps[at] - 'A'];
             const char order = row.steps[at + 1], end = row.steps[at + 2];
             if (order != '*')
                 actor.Begin(order);
