@@ -57,15 +57,33 @@ bool YSelectionManager::Add(const YSelectionPathDescriptor& rule)
         KRT_LOG(MessageType::SelectionBuild, "Not adding redundant descriptor: " << rule);
         return false;
     }
-    Node* node = nearest;
-    for (const YString& component : std::span(components).subspan(depth))
-        node = &node->AddChild(component);
-    node->PruneNodeIncludes(rule, true);
-    node->PruneNodeExcludes(rule);
-    node->PruneRedundantChildren(rule);
-    node->Insert(rule);
+    Node::Rules::Prepared prepared = Node::Rules::Prepare(rule);
+    Node& node = MakeNode(*nearest, std::span(components).subspan(depth));
+    try {
+        node.PruneNodeIncludes(rule, true);
+        node.PruneNodeExcludes(rule);
+        node.PruneRedundantChildren(rule);
+    } catch (...) {
+        node.Insert(std::move(prepared)); // rules may be gone that it is to cover
+        throw;
+    }
+    node.Insert(std::move(prepared));
     KRT_LOG(MessageType::SelectionBuild, (rule.IsInclude() ? "Added include " : "Added exclude ") << rule);
     return true;
+}
+
+// The node that these components lead to from one that has none of them.
+Node& YSelectionManager::MakeNode(Node& above, std::span<const YString> components)
+{
+    Node* node = &above;
+    try {
+        for (const YString& component : components)
+            node = &node->AddChild(component);
+    } catch (...) {
+        node->EraseUpwardsWhileEmpty(&above);
+        throw;
+    }
+    return *node;
 }
 
 bool YSelectionManager::Add(const YPath& path, const YSelectionDescriptor& rule)

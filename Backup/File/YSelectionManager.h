@@ -57,7 +57,8 @@ public:
     bool operator==(const YSelectionManager& other) const;
 
     /// Takes the rule in and drops the rules that it covers; false if it is redundant itself. Raises
-    /// InvalidArgument for an include with an empty path, which an exclude may have.
+    /// InvalidArgument for an include with an empty path, which an exclude may have. Where memory ends, no
+    /// rule is lost: the new one is in before any that it covers is gone for good.
     bool Add(const YSelectionPathDescriptor& rule);
     bool Add(const Krt::File::YPath& path, const YSelectionDescriptor& rule);
     bool Add(const Krt::File::YPath& path, const Krt::Match::Descriptor& descriptor,
@@ -141,6 +142,7 @@ private:
     static std::vector<Krt::File::YPath> AncestorsOf(const Krt::File::YPath& path);
     // The deepest node that exists, and how many components lead to it.
     std::pair<YSelectionManagerNode*, std::size_t> FindDeepest(std::span<const YString> components) const;
+    static YSelectionManagerNode& MakeNode(YSelectionManagerNode& above, std::span<const YString> components);
     static bool IsRedundantFrom(const YSelectionManagerNode* nearest, bool isOwnNode,
                                 const YSelectionDescriptor& rule);
     void Clear();
@@ -224,7 +226,7 @@ private:
     bool IsEmpty() const { return m_children.empty() && m_includes.empty() && m_excludes.empty(); }
     // Whether a recursive explicit include for all names stands here.
     bool SelectsAllExplicitly() const;
-    void Insert(const YSelectionDescriptor& rule);
+    void Insert(Rules::Prepared&& rule) noexcept;
     // To be told of each change of the rules here: keeps what this node and all above know of them.
     void RulesChanged(long long includesAdded);
     void PruneBranch(const YSelectionDescriptor& rule);

@@ -93,11 +93,11 @@ bool Node::operator==(const YSelectionManagerNode& other) const
     return true;
 }
 
-void Node::Insert(const YSelectionDescriptor& rule)
+void Node::Insert(Rules::Prepared&& rule) noexcept
 {
-    const bool isNew = (rule.IsInclude() ? m_includes : m_excludes).Insert(rule);
-    if (isNew)
-        RulesChanged(rule.IsInclude());
+    const bool isInclude = rule.value().IsInclude();
+    if ((isInclude ? m_includes : m_excludes).Insert(std::move(rule)))
+        RulesChanged(isInclude);
 }
 
 void Node::RulesChanged(long long includesAdded)

@@ -46,15 +46,21 @@ YSelectionRules::const_iterator YSelectionRules::Find(const Rule& rule) const
     return stored != m_rules.end() && *stored == rule ? stored : m_rules.end();
 }
 
-bool YSelectionRules::Insert(const Rule& rule)
+YSelectionRules::Prepared YSelectionRules::Prepare(const Rule& rule)
 {
-    const auto [position, isNew] = m_rules.insert(rule);
-    if (!isNew)
+    std::set<Rule> alone{rule};
+    return alone.extract(alone.begin());
+}
+
+bool YSelectionRules::Insert(Prepared&& rule) noexcept
+{
+    const auto inserted = m_rules.insert(std::move(rule));
+    if (!inserted.inserted)
         return false;
     if (m_index == nullptr)
         RemakeIndex();
     else
-        TryToIndex(*position);
+        TryToIndex(*inserted.position);
     return true;
 }
 
@@ -65,15 +71,23 @@ void YSelectionRules::Erase(const_iterator position)
     m_rules.erase(position);
 }
 
+// All are found before the first goes, so that a failure changes nothing.
 std::size_t YSelectionRules::EraseCovered(const Rule& rule, const std::function<bool(const Rule&)>& mayGo)
 {
-    const std::size_t before = m_rules.size();
-    const auto goes = [&](const Rule& stored) {
-        return rule.CanPrune(stored) && mayGo(stored);
+    std::vector<const_iterator> covered;
+    const auto consider = [&](const_iterator stored) {
+        if (rule.CanPrune(*stored) && mayGo(*stored))
+            covered.push_back(stored);
     };
     if (m_index == nullptr || MayCoverOtherPatterns(rule)) {
-        if (std::erase_if(m_rules, goes) != 0)
-            RemakeIndex();
+        for (auto stored = m_rules.begin(); stored != m_rules.end(); ++stored)
+            consider(stored);
+        if (covered.empty())
+            return 0;
+        m_index.reset();
+        for (const const_iterator stored : covered)
+            m_rules.erase(stored);
+        RemakeIndex();
     } else {
         Pointers samePattern;
         const auto gather = [&](const Rule& stored) {
@@ -83,12 +97,12 @@ std::size_t YSelectionRules::EraseCovered(const Rule& rule, const std::function<
         m_index->VisitPattern(rule.GetDescriptor().GetPattern(), gather);
         std::sort(samePattern.begin(), samePattern.end(),
                   [](const Rule* a, const Rule* b) { return *a < *b; });
-        for (const Rule* const stored : samePattern) {
-            if (goes(*stored))
-                Erase(m_rules.find(*stored));
-        }
+        for (const Rule* const stored : samePattern)
+            consider(m_rules.find(*stored));
+        for (const const_iterator stored : covered)
+            Erase(stored);
     }
-    return before - m_rules.size();
+    return covered.size();
 }
 
 bool YSelectionRules::MayCoverOtherPatterns(const Rule& rule) const

@@ -20,6 +20,7 @@ public:
     /// The set as its iteration shows it: in the order of the rules.
     using Rule = YSelectionDescriptor;
     using const_iterator = std::set<Rule>::const_iterator;
+    using Prepared = std::set<Rule>::node_type;
 
     YSelectionRules() = default;
     YSelectionRules(const YSelectionRules& other) { *this = other; }
@@ -37,10 +38,13 @@ public:
     /// The rule that equals this one, explicit flag included; end() if there is none.
     const_iterator Find(const Rule& rule) const;
     /// False, with the stored rule left as it is, if one of the same place in the order is here already.
-    bool Insert(const Rule& rule);
+    bool Insert(Prepared&& rule) noexcept;
+    /// Takes the memory that this rule needs.
+    static Prepared Prepare(const Rule& rule);
     /// Drops the rule there.
     void Erase(const_iterator position);
-    /// Drops, in order, the rules that `rule` prunes and `mayGo` lets go; returns how many.
+    /// Drops the rules that `rule` prunes and `mayGo`, asked in order, lets go; returns how many. All or
+    /// none.
     std::size_t EraseCovered(const Rule& rule, const std::function<bool(const Rule&)>& mayGo);
 
     /// Visits every rule that matches the name, and perhaps others, in any order, until the visitor returns

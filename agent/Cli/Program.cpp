@@ -15,6 +15,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
+#include <new>
+
 namespace Agent {
 
 namespace {
@@ -107,13 +110,9 @@ ExitCode RunCommand(int argc, char** argv, Report& report)
     return report.AnswersNo() ? AnswerIsNo : AllDone;
 }
 
-} // namespace
-
-int Run(int argc, char** argv)
+// Runs the program and tells what ended it.
+ExitCode RunAndTell(int argc, char** argv, Report& report)
 {
-    OpenMissingStreams();
-    CatchInterrupts();
-    Report report;
     try {
         const Krt::Util::YScope atEnd([] { Backup::DestroyGlobal(); });
         Backup::GetGlobal()->Initialize();
@@ -130,6 +129,22 @@ int Run(int argc, char** argv)
         report.Error(Krt::YString(error.what()));
     }
     return CouldNotRun;
+}
+
+} // namespace
+
+int Run(int argc, char** argv)
+{
+    OpenMissingStreams();
+    CatchInterrupts();
+    Report report;
+    try {
+        return RunAndTell(argc, argv, report);
+    } catch (const std::bad_alloc&) {
+        // Not even for the text of a message.
+        std::fputs("kbagent: error: There is no memory\n", stderr);
+        return CouldNotRun;
+    }
 }
 
 } // namespace Agent

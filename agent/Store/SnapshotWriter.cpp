@@ -31,11 +31,16 @@ std::string MakeId()
 } // namespace
 
 SnapshotWriter::SnapshotWriter(StoreSession& session, const SnapshotHeader& header)
-    : m_session(session), m_file(session.CreateTemporary()), m_id(MakeId())
+    : m_session(session), m_id(MakeId()), m_file(session.CreateTemporary())
 {
-    m_compressor.Begin(m_file.handle);
-    WriteLine(header, m_line);
-    AppendLine();
+    try {
+        m_compressor.Begin(m_file.handle);
+        WriteLine(header, m_line);
+        AppendLine();
+    } catch (...) {
+        m_session.Remove(m_file);
+        throw;
+    }
 }
 
 SnapshotWriter::~SnapshotWriter()

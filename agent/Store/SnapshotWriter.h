@@ -26,13 +26,13 @@ private:
     void AppendLine();
 
     StoreSession& m_session;
-    StoreSession::Temporary m_file;
     ZstdWriter m_compressor;
     Sha256 m_hash;
     std::string m_id;
     std::string m_line;
     unsigned long long m_entries = 0;
     bool m_finished = false;
+    StoreSession::Temporary m_file; // made last, since nobody removes it if a later member fails
 };
 
 } // namespace Agent

@@ -21,10 +21,7 @@ namespace {
 constexpr std::size_t BatchObjects = 16384;
 constexpr unsigned long long BatchBytes = 1ull << 30;
 
-YString LockName(const YString& run)
-{
-    return YString((run.Bytes() + ".lock").c_str());
-}
+constexpr const char* LockEnding = ".lock";
 
 // The run that a temporary file belongs to.
 YString RunOf(const YString& name)
@@ -36,8 +33,8 @@ void RemoveQuietly(const YDirectory& directory, const YString& name) noexcept
 {
     try {
         directory.RemoveFile(name);
-    } catch (const Krt::Exception::YError&) {
-        // What is left here harms nobody, and a later run tries again.
+    } catch (...) {
+        // What is left here harms nobody, and a later run tries again. There may be no memory to tell.
     }
 }
 
@@ -47,9 +44,15 @@ StoreSession::StoreSession(const Store& store) : m_store(store)
 {
     while (m_lock.IsEmpty()) {
         m_run = YString(RandomHex(8).c_str());
-        m_lock = CreateRunLock(m_store.GetTemporaries(), LockName(m_run));
+        m_lockName = m_run + LockEnding;
+        m_lock = CreateRunLock(m_store.GetTemporaries(), m_lockName);
     }
-    RemoveAbandoned();
+    try {
+        RemoveAbandoned();
+    } catch (...) {
+        RemoveQuietly(m_store.GetTemporaries(), m_lockName);
+        throw;
+    }
 }
 
 StoreSession::~StoreSession()
@@ -57,7 +60,7 @@ StoreSession::~StoreSession()
     for (const auto& [address, name] : m_pending)
         RemoveQuietly(m_store.GetTemporaries(), name);
     // Last: as long as the lock stands, nobody else clears up behind this run.
-    RemoveQuietly(m_store.GetTemporaries(), LockName(m_run));
+    RemoveQuietly(m_store.GetTemporaries(), m_lockName);
 }
 
 // A run makes its lock before its files and removes it behind them. So a file without a lock is abandoned
@@ -73,14 +76,14 @@ void StoreSession::RemoveAbandoned() const
         const auto [found, isNew] = runs.try_emplace(run);
         auto& [state, lock] = found->second;
         if (isNew)
-            state = TakeRunLock(directory, LockName(run), lock);
-        if (state != RunState::Alive && entry.name != LockName(run))
+            state = TakeRunLock(directory, run + LockEnding, lock);
+        if (state != RunState::Alive && entry.name != run + LockEnding)
             RemoveQuietly(directory, entry.name);
         return true;
     });
     for (const auto& [run, found] : runs) {
         if (found.first == RunState::Abandoned)
-            RemoveQuietly(directory, LockName(run));
+            RemoveQuietly(directory, run + LockEnding);
     }
 }
 

@@ -74,6 +74,7 @@ private:
 
     const Store& m_store;
     Krt::YString m_run;
+    Krt::YString m_lockName;
     Krt::Util::YUnxHandle m_lock; // held for as long as the session lives
     unsigned long long m_created = 0;
     std::map<Address, Krt::YString> m_pending; // written objects, by the name of their temporary file

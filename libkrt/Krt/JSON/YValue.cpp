@@ -5,6 +5,8 @@
 #include "Krt/KrtFoundation/boostapi.h"
 #include "Krt/Util/Numbers.h"
 
+#include <new>
+
 namespace Krt::JSON {
 
 YValue YValue::FromNumber(unsigned long long number)
@@ -63,8 +65,13 @@ YValue::~YValue()
 void YValue::ReleaseChildren(Pending& pending) noexcept
 {
     const auto release = [&pending](boost::shared_ptr<YValue>& child) {
-        if (child && child->HasChildren())
+        if (!child || !child->HasChildren())
+            return;
+        try {
             pending.push_back(std::move(child));
+        } catch (const std::bad_alloc&) {
+            // Its container destroys it, one level deeper on the stack.
+        }
     };
     if (YArray* array = std::get_if<YArray>(&m_content)) {
         for (boost::shared_ptr<YValue>& child : *array)

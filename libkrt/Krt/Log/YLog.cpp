@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <new>
 
 namespace Krt::Log {
 
@@ -74,13 +75,8 @@ public:
     // Whether the line was written; called with the lock held.
     bool WriteLine(unsigned int type, std::string_view text)
     {
-        if (file.IsEmpty())
+        if (file.IsEmpty() || !MakeLine(type, text))
             return false;
-        m_line.clear();
-        m_clock.AppendNow(m_line);
-        m_line += LevelOf(type);
-        String::AppendPrintable(m_line, text); // so that a file's name can't forge a line
-        m_line += '\n';
         if (copyToConsole)
             WriteOnce(STDERR_FILENO);
         const ssize_t written = WriteOnce(file.Get());
@@ -92,6 +88,21 @@ public:
     }
 
 private:
+    // False if there is no memory for it.
+    bool MakeLine(unsigned int type, std::string_view text)
+    {
+        try {
+            m_line.clear();
+            m_clock.AppendNow(m_line);
+            m_line += LevelOf(type);
+            String::AppendPrintable(m_line, text); // so that a file's name can't forge a line
+            m_line += '\n';
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
+
     // One call, since the appended pieces of several processes may alternate.
     ssize_t WriteOnce(int descriptor) const
     {

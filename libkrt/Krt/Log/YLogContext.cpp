@@ -44,7 +44,10 @@ YLogContext& YLogContext::OfThread(YLog& log)
 
 std::string YLogContext::ExchangeText(std::string text)
 {
-    std::string unfinished = m_text.str();
+    // Takes and gives the stream's own string: destructors of lines call this, for which there may be no
+    // memory. That may also be what has spoilt the stream.
+    m_text.clear();
+    std::string unfinished = std::move(m_text).str();
     m_text.str(std::move(text));
     m_text.seekp(0, std::ios::end);
     m_text << std::dec;

@@ -14,6 +14,8 @@ YStream::YStream(const YString& text)
 {
     // Messages don't depend on the locale that the program chose for its users.
     m_text.imbue(std::locale::classic());
+    // A stream would keep silent about having no memory, and lose this and all that follows.
+    m_text.exceptions(std::ios::badbit);
     *this << text;
 }
 

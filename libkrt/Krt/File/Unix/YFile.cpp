@@ -2,8 +2,7 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/File.h"
-
-#include <unistd.h>
+#include "Krt/Util/OpenHandle.h"
 
 namespace Krt::File {
 
@@ -29,8 +28,7 @@ void YFile::Close()
 {
     if (m_handle.IsEmpty())
         return;
-    // An interrupted close has let go of the descriptor all the same, and says nothing of the data.
-    if (close(m_handle.Release()) != 0 && errno != EINTR)
+    if (!Util::CloseWritten(m_handle))
         KRT_RAISE_OS("Failed to close file: " << m_path);
 }
 

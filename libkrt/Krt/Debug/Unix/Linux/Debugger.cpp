@@ -1,22 +1,30 @@
 #include "Krt/Debug/Debugger.h"
 
+#include "Krt/Util/Retry.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
-#include <fstream>
-#include <string>
+#include <string_view>
 
 namespace Krt::Debug {
 
 namespace {
 
+// Without memory of the heap, whose end may be what has broken the assumption.
 bool IsTraced()
 {
-    static const std::string key = "TracerPid:\t";
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, key.size(), key) == 0)
-            return line.compare(key.size(), std::string::npos, "0") != 0;
-    }
-    return false;
+    constexpr std::string_view Key = "TracerPid:\t";
+    char text[4096];
+    const int file = Util::RetryOnInterrupt([] { return open("/proc/self/status", O_RDONLY | O_CLOEXEC); });
+    if (file < 0)
+        return false;
+    const ssize_t size = Util::RetryOnInterrupt([&] { return read(file, text, sizeof text); });
+    Util::RetryOnInterrupt([&] { return close(file); });
+    const std::string_view status(text, size < 0 ? 0 : static_cast<std::size_t>(size));
+    const std::size_t key = status.find(Key);
+    return key != std::string_view::npos && !status.substr(key + Key.size()).starts_with("0\n");
 }
 
 } // namespace

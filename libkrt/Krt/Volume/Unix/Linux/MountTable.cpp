@@ -1,5 +1,6 @@
 #include "Krt/Volume/MountTable.h"
 
+#include "Krt/Util/OpenHandle.h"
 #include "Krt/Util/Retry.h"
 
 #include <algorithm>
@@ -22,18 +23,17 @@ const char* s_table = SystemTable;
 std::optional<std::string> ReadTable()
 {
     constexpr std::size_t AtOnce = 0x4000; // the kernel gives no more than a page of its own table
-    const int file = Util::RetryOnInterrupt([] { return open(s_table, O_RDONLY | O_CLOEXEC); });
-    if (file < 0)
+    const Util::YUnxHandle file = Util::OpenHandle(s_table, O_RDONLY);
+    if (file.IsEmpty())
         return std::nullopt;
     std::string text;
     ssize_t count;
     do {
         const std::size_t size = text.size();
         text.resize(size + AtOnce);
-        count = Util::RetryOnInterrupt([&] { return read(file, text.data() + size, AtOnce); });
+        count = Util::RetryOnInterrupt([&] { return read(file.Get(), text.data() + size, AtOnce); });
         text.resize(size + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     } while (count > 0);
-    close(file);
     return count == 0 ? std::optional(std::move(text)) : std::nullopt;
 }
 

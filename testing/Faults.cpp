@@ -1,0 +1,239 @@
+#include "testing/Faults.h"
+
+#include "testing/FaultCalls.h"
+
+#include "Krt/Exception/YError.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <bitset>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define FAULTS_WITH_LEAK_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define FAULTS_WITH_LEAK_SANITIZER 1
+#endif
+#endif
+#ifdef FAULTS_WITH_LEAK_SANITIZER
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace Testing {
+
+namespace {
+
+using Scenario = std::function<void(Faults&)>;
+using Names = std::initializer_list<std::string_view>;
+
+constexpr unsigned long ForGood = ULONG_MAX;
+constexpr FaultKind Kinds[] = {
+    {"a signal, three times in a row", FaultDomain::SystemCalls, EINTR, 3},
+    {"EIO once", FaultDomain::SystemCalls, EIO, 1},
+    {"EACCES once", FaultDomain::SystemCalls, EACCES, 1},
+    {"ENOMEM once", FaultDomain::SystemCalls, ENOMEM, 1},
+    {"ENOSPC for good", FaultDomain::SystemCalls, ENOSPC, ForGood},
+    {"EMFILE for good", FaultDomain::SystemCalls, EMFILE, ForGood},
+    {"EIO once, and no memory from then on", FaultDomain::SystemCalls, EIO, 1, true},
+    {"a transfer cut short", FaultDomain::Transfers, 0, 1},
+    {"all transfers cut short", FaultDomain::Transfers, 0, ForGood},
+    {"no memory once", FaultDomain::Memory, 0, 1},
+    {"no memory for good", FaultDomain::Memory, 0, ForGood},
+    {"no memory for OpenSSL once", FaultDomain::Crypto, 0, 1},
+    {"no memory for OpenSSL for good", FaultDomain::Crypto, 0, ForGood},
+};
+
+// What a sample takes of each kind, where it isn't known how many there are, and the seconds of a run.
+constexpr unsigned long SampleOfKind = 4;
+constexpr unsigned long UnknownCalls = 30;
+constexpr unsigned int LongestRun = 60;
+
+// A failure makes OpenSSL keep some pieces that it didn't need before; an object that leaks has more.
+constexpr long KeptByOpenSsl = 8;
+// They fill what is kept for later ones.
+constexpr int WarmRuns = 3;
+
+bool g_followsMemory = true;
+
+constexpr std::size_t DomainCount = sizeof g_faultRun.calls / sizeof *g_faultRun.calls;
+
+std::bitset<256> OpenDescriptors()
+{
+    std::bitset<256> open;
+    for (int fd = 0; fd < static_cast<int>(open.size()); ++fd)
+        open[static_cast<std::size_t>(fd)] = fcntl(fd, F_GETFD) != -1;
+    return open;
+}
+
+// Whether the code under test goes on behind the fault as if nothing had happened.
+bool IsHarmless(const FaultKind& kind, Names notRepeated)
+{
+    if (kind.domain == FaultDomain::Transfers)
+        return notRepeated.size() == 0;
+    return kind.error == EINTR &&
+           std::find(notRepeated.begin(), notRepeated.end(), StruckCall()) == notRepeated.end();
+}
+
+void CheckForLeaks([[maybe_unused]] const FaultKind& kind, [[maybe_unused]] unsigned long target)
+{
+#ifdef FAULTS_WITH_LEAK_SANITIZER
+    // Takes long: where memory was short, for a few.
+    if ((kind.domain == FaultDomain::Memory || kind.domain == FaultDomain::Crypto) && target <= 2) {
+        EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
+    }
+#endif
+}
+
+int CountFailures()
+{
+    return ::testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
+}
+
+// What the calls of a run are, and which of them is struck in which way.
+struct Plan
+{
+    const Scenario& scenario;
+    Names notRepeated;
+    const FaultKind* kind; // null: none
+    unsigned long target;
+};
+
+[[gnu::noinline]] bool RunOnce(const Scenario& scenario)
+{
+    Faults faults;
+    scenario(faults);
+    return faults.EndedWell();
+}
+
+// With the fault, and behind it without one.
+[[noreturn, gnu::always_inline]] inline void RunAsChild(const Plan& plan)
+{
+    alarm(LongestRun);
+    const FaultKind& kind = *plan.kind;
+    const int failures = CountFailures();
+    const auto descriptors = OpenDescriptors();
+    const long objects = g_faultRun.objects;
+    const long crypto = g_faultRun.crypto;
+    try {
+        g_faultRun.kind = &kind;
+        g_faultRun.target = plan.target;
+        const bool endedWell = RunOnce(plan.scenario);
+        EXPECT_TRUE(endedWell || *StruckCall() != '\0') << "it fails without a fault";
+        EXPECT_TRUE(endedWell || !IsHarmless(kind, plan.notRepeated)) << "it doesn't go on";
+        EXPECT_EQ(OpenDescriptors(), descriptors) << "descriptors stay open";
+        g_faultRun.kind = nullptr;
+        EXPECT_TRUE(RunOnce(plan.scenario)) << "it fails without a fault, behind one";
+    } catch (const std::exception& error) {
+        ADD_FAILURE() << "raised: " << error.what();
+    } catch (const Krt::Exception::YError& error) {
+        ADD_FAILURE() << "raised: " << error.GetMessage().Bytes();
+    }
+    if (g_followsMemory && CountFailures() == failures) { // failures are kept themselves
+        EXPECT_LE(g_faultRun.objects, objects) << "objects leak";
+        EXPECT_LE(g_faultRun.crypto, crypto + KeptByOpenSsl) << "OpenSSL's objects leak";
+        CheckForLeaks(kind, plan.target);
+    }
+    std::fflush(stdout);
+    _exit(CountFailures() != failures);
+}
+
+// Without a fault in this process, or with one in a child. The scenario always runs at one depth of the
+// stack, so that what the library keeps by addresses is the same in all runs.
+[[gnu::noinline]] int Run(const Plan& plan)
+{
+    std::fflush(stdout);
+    const pid_t child = plan.kind == nullptr ? -1 : fork();
+    if (child == 0)
+        RunAsChild(plan);
+    if (child < 0)
+        return RunOnce(plan.scenario) ? 0 : -1;
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return status;
+}
+
+std::string Describe(const Plan& plan, int status)
+{
+    return (WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : "failed") + std::string(" with ") +
+           plan.kind->name + ", number " + std::to_string(plan.target) + ", of " + StruckCall();
+}
+
+} // namespace
+
+bool Faults::Try(const std::function<bool()>& work)
+{
+    const struct Arming
+    {
+        Arming()
+        {
+            std::fill(std::begin(g_faultRun.calls), std::end(g_faultRun.calls), 0);
+            g_faultRun.isArmed = true;
+        }
+        ~Arming() { g_faultRun.isArmed = false; }
+    } arming;
+    try {
+        m_endedWell = work();
+    } catch (const Krt::Exception::YError&) {
+        m_endedWell = false;
+    } catch (const std::exception&) {
+        m_endedWell = false;
+    }
+    return m_endedWell;
+}
+
+bool Faults::CouldCleanUp() const
+{
+    const FaultKind* const kind = g_faultRun.kind;
+    if (kind == nullptr || kind->domain != FaultDomain::SystemCalls || kind->error == EINTR)
+        return true;
+    return kind->inARow == 1 && !std::string_view(StruckCall()).starts_with("unlink");
+}
+
+void CheckWithFaults(const Scenario& scenario, Names notRepeated, FirstUse firstUse)
+{
+    const char* const form = std::getenv("BACKUP_FAULTS");
+    const bool isFull = form != nullptr && std::string_view(form) == "full";
+    const char* const name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    g_followsMemory = firstUse == FirstUse::Before;
+    Plan plan{scenario, notRepeated, nullptr, 0};
+    for (int run = 0; run < WarmRuns && g_followsMemory; ++run)
+        EXPECT_EQ(Run(plan), 0) << "it fails without a fault";
+    const auto calls = std::to_array(g_faultRun.calls);
+    if (const char* const number = form == nullptr ? nullptr : std::strchr(form, ':')) {
+        plan.kind = &Kinds[std::atoi(form)];
+        plan.target = std::strtoul(number + 1, nullptr, 10);
+        RunAsChild(plan);
+    }
+
+    unsigned long offset = 0; // so that each kind samples other calls
+    for (const FaultKind& kind : Kinds) {
+        const unsigned long all =
+            g_followsMemory ? calls[static_cast<std::size_t>(kind.domain)] : UnknownCalls;
+        const unsigned long step = isFull ? 1 : std::max(all / SampleOfKind, 1UL);
+        plan.kind = &kind;
+        plan.target = 1 + offset++ % step;
+        unsigned long struck = 0;
+        for (int status = 0; status == 0; plan.target += step, ++struck) {
+            ForgetStruckCall();
+            status = Run(plan);
+            EXPECT_EQ(status, 0) << Describe(plan, status);
+            if (*StruckCall() == '\0')
+                break;
+        }
+        if (isFull)
+            std::printf("faults: %s: %lu: %s\n", name, struck, kind.name);
+    }
+}
+
+} // namespace Testing

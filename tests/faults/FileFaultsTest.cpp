@@ -1,0 +1,426 @@
+// Files, log, configuration and volumes while each call and each allocation fails in its turn.
+#include "Backup/File/Unix/File.h"
+#include "Backup/File/Unix/YFile.h"
+#include "Backup/Util/Util.h"
+#include "Backup/Volume/Unix/Util.h"
+#include "Backup/Volume/Unix/YVolumeManager.h"
+
+#include "testing/Faults.h"
+#include "testing/MountTable.h"
+#include "testing/NoConfiguration.h"
+#include "testing/TemporaryDirectory.h"
+
+#include "Krt/File/YDirectory.h"
+#include "Krt/File/YFile.h"
+#include "Krt/Log/LogSite.h"
+#include "Krt/Profile/YProfile.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <set>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <utility>
+
+using namespace Testing;
+using Backup::File::YFile;
+using Krt::MessageType;
+using Krt::YString;
+using Krt::File::YDirectory;
+using Krt::File::YPath;
+namespace fs = std::filesystem;
+
+namespace {
+
+class FileFaults : public ::testing::Test
+{
+protected:
+    // Anew for each run: a file that has stood for a while is kept in memory.
+    void Configure(const std::string& keys) const
+    {
+        setenv("KBAGENT_CONFIG", directory.Write("conf", "[configuration]\n" + keys).c_str(), 1);
+    }
+    YPath Path(const char* name) const { return YPath((directory / name).c_str()); }
+    // A directory without entries.
+    YPath EmptyDirectory(const char* name) const
+    {
+        fs::remove_all(directory / name);
+        return YPath(directory.MakeDirectory(name).c_str());
+    }
+
+    const TemporaryDirectory directory;
+    const NoConfiguration configuration{directory};
+    const std::string content = std::string(70000, 'a') + std::string(70000, 'b');
+};
+
+struct stat StatusOf(const YPath& path)
+{
+    struct stat status
+    {};
+    EXPECT_EQ(lstat(path.CStr(), &status), 0) << path.Bytes();
+    return status;
+}
+
+TEST_F(FileFaults, StatusPrimitives)
+{
+    const YPath file(directory.Write("file", "12345").c_str());
+    CheckWithFaults([&](Faults& faults) {
+        unsigned long long inode = 0, allocated = 0, size = 0;
+        unsigned int mode = 0;
+        if (!faults.TryAll([&] {
+                inode = Backup::File::GetFileInode(file, &allocated);
+                mode = Backup::File::GetModeFlags(file);
+                Backup::File::IsSpecialFile(file);
+                size = Backup::File::GetFileSize(file);
+                Backup::File::DoesDirExist(file);
+            }))
+            return;
+        const struct stat status = StatusOf(file);
+        EXPECT_EQ(inode, status.st_ino);
+        EXPECT_EQ(allocated, static_cast<unsigned long long>(status.st_blocks) * 512);
+        EXPECT_EQ(mode, status.st_mode);
+        // What can't be found out counts as 0.
+        EXPECT_TRUE(size == 5 || size == 0);
+    });
+}
+
+TEST_F(FileFaults, MakingPrimitives)
+{
+    CheckWithFaults(
+        [&](Faults& faults) {
+            const YPath root = EmptyDirectory("made");
+            const YPath old(directory.Write("made/old", "1").c_str());
+            const YPath made = Path("made/directory"), hard = Path("made/hard"),
+                        link = Path("made/below/link");
+            YPath target;
+            if (!faults.TryAll([&] {
+                    Backup::File::CreateDirectory(made, 0750);
+                    Backup::File::CreateHardlink(hard, old);
+                    Backup::File::CreateSymbolicLink(link, old);
+                    Backup::File::CreateSymbolicLink(link, made);
+                    target = Backup::File::GetSymbolicLinkTarget(link);
+                }))
+                return;
+            EXPECT_EQ(target, made);
+            EXPECT_TRUE(fs::is_directory(made.CStr()));
+            EXPECT_EQ(StatusOf(hard).st_ino, StatusOf(old).st_ino);
+            EXPECT_EQ(fs::read_symlink(link.CStr()), made.CStr());
+        },
+        {"readlink"});
+}
+
+TEST_F(FileFaults, AttributePrimitives)
+{
+    const YPath file(directory.Write("file", "").c_str());
+    CheckWithFaults([&](Faults& faults) {
+        chmod(file.CStr(), 0600);
+        if (!faults.TryAll([&] {
+                Backup::File::SetUID(file, geteuid());
+                Backup::File::SetGID(file, getegid());
+                Backup::File::SetModeFlags(file, S_IFREG | 0640);
+                Backup::File::SetFileTime(file, 1, 2);
+            }))
+            return;
+        EXPECT_EQ(StatusOf(file).st_mode, static_cast<mode_t>(S_IFREG | 0640));
+        EXPECT_EQ(StatusOf(file).st_mtime, 2);
+    });
+}
+
+TEST_F(FileFaults, TransferPrimitives)
+{
+    const YPath file = Path("file");
+    CheckWithFaults(
+        [&](Faults& faults) {
+            std::string read(content.size() + 10, ' ');
+            const auto bytes = reinterpret_cast<const unsigned char*>(content.data());
+            int fd = -1;
+            unsigned int size = 0;
+            errno = 0; // not cleared by the primitives themselves
+            const bool isDone = faults.TryAll([&] {
+                fd = Backup::File::OpenForBackupWrite(file);
+                Backup::File::Write(fd, 0, bytes, static_cast<unsigned int>(content.size()));
+                Backup::File::Close(std::exchange(fd, -1));
+                fd = Backup::File::OpenForBackupRead(file);
+                size = Backup::File::Read(fd, 0, reinterpret_cast<unsigned char*>(read.data()),
+                                          static_cast<unsigned int>(read.size()));
+                Backup::File::Close(std::exchange(fd, -1));
+            });
+            if (fd != -1)
+                close(fd);
+            if (!isDone)
+                return;
+            EXPECT_EQ(ReadFile(file.CStr()), content);
+            // A short read is told as such.
+            EXPECT_EQ(read.substr(0, size), content.substr(0, size));
+        },
+        {"read", "write"});
+}
+
+TEST_F(FileFaults, YFileReads)
+{
+    const YPath file(directory.Write("file", content).c_str());
+    const bool hasAttribute = setxattr(file.CStr(), "user.test", "1", 1, 0) == 0;
+    CheckWithFaults([&](Faults& faults) {
+        YFile opened;
+        std::string read(content.size() + 10, ' ');
+        std::size_t size = 0, attributes = 0;
+        if (faults.TryAll([&] {
+                opened.Open(YFile::OPEN_MODE_READ, file, YFile::OPT_NONE);
+                size = opened.Read(read.data(), static_cast<unsigned int>(read.size()));
+                attributes = opened.GetExtendedAttributeMap().count("user.test") +
+                             opened.ListExtendedAttributes().size();
+                opened.GetDataPtr()[0] = 1;
+                opened.Close();
+            })) {
+            EXPECT_EQ(read.substr(0, size), content);
+            EXPECT_GE(attributes, hasAttribute ? 2u : 0u);
+        }
+        opened.Open(YFile::OPEN_MODE_READ, file, YFile::OPT_NONE);
+        EXPECT_EQ(opened.GetInode(), StatusOf(file).st_ino);
+    });
+}
+
+TEST_F(FileFaults, YFileReadsAnEntry)
+{
+    directory.Write("file", content);
+    const YString name("file");
+    CheckWithFaults([&](Faults& faults) {
+        YFile opened;
+        std::string read(content.size(), ' ');
+        unsigned int size = 0;
+        const auto readEntry = [&] {
+            const YDirectory root = YDirectory::Open(YPath(directory.Path().c_str()));
+            opened.OpenEntry(root, name, Path("file"));
+            size = opened.Read(read.data(), static_cast<unsigned int>(read.size()));
+            opened.GetExtendedAttributeMap();
+        };
+        if (faults.TryAll(readEntry)) {
+            EXPECT_EQ(read.substr(0, size), content);
+        }
+        readEntry();
+        EXPECT_EQ(read, content);
+    });
+}
+
+TEST_F(FileFaults, YFileWrites)
+{
+    CheckWithFaults([&](Faults& faults) {
+        EmptyDirectory("out");
+        const YPath file = Path("out/a/file");
+        YFile opened, made;
+        const auto write = [&] {
+            opened.Open(YFile::OPEN_MODE_WRITE, file, YFile::OPT_NONE);
+            EXPECT_EQ(opened.Write(content.data(), static_cast<unsigned int>(content.size())),
+                      content.size());
+            opened.SetTime(1, 2);
+            opened.SetModeFlags(S_IFREG | 0640);
+            opened.Close();
+            made.Open(YFile::OPEN_MODE_WRITE, Path("out/b/directory"), YFile::OPT_DIRECTORY);
+        };
+        const auto check = [&] {
+            EXPECT_EQ(ReadFile(file.CStr()), content);
+            EXPECT_EQ(StatusOf(file).st_mtime, 2);
+            EXPECT_EQ(StatusOf(file).st_mode, static_cast<mode_t>(S_IFREG | 0640));
+            EXPECT_TRUE(fs::is_directory(directory / "out/b/directory"));
+        };
+        if (faults.TryAll(write))
+            check();
+        write();
+        check();
+    });
+}
+
+TEST_F(FileFaults, Directories)
+{
+    CheckWithFaults([&](Faults& faults) {
+        const YPath root = EmptyDirectory("root");
+        std::set<std::string> names;
+        YString target;
+        if (!faults.TryAll([&] {
+                const YDirectory opened = YDirectory::Open(root);
+                opened.MakeDirectory("d", 0700);
+                const YDirectory below = opened.OpenDirectory("d");
+                {
+                    const Krt::Util::YUnxHandle file = below.CreateFile("new");
+                    Krt::File::Write(file, 0, content.size(), content.data());
+                    Krt::File::SetMode(file, 0640);
+                    Krt::File::SetTimes(file, {1, 0}, {2, 0});
+                    Krt::File::SetOwner(file, geteuid(), getegid());
+                    Krt::File::Sync(file);
+                }
+                below.Rename("new", opened, "file");
+                opened.MakeHardLink(opened, "file", "hard");
+                opened.MakeSymbolicLink("link", "file");
+                opened.MakeFifo("fifo", 0600);
+                target = opened.ReadSymbolicLink("link");
+                opened.RemoveDirectory("d");
+                opened.VisitEntries([&](const Krt::File::DirectoryEntry& entry) {
+                    return names.insert(entry.name.Bytes()).second;
+                });
+                opened.RemoveFile("fifo");
+                opened.SetTimes("hard", {3, 0}, {4, 0});
+            }))
+            return;
+        EXPECT_EQ(names, (std::set<std::string>{"fifo", "file", "hard", "link"}));
+        EXPECT_EQ(target, "file");
+        EXPECT_EQ(ReadFile(root.CStr() + std::string("/file")), content);
+        EXPECT_EQ(StatusOf(Path("root/file")).st_mtime, 4);
+        EXPECT_FALSE(fs::exists(directory / "root/fifo"));
+    });
+}
+
+TEST_F(FileFaults, TextFiles)
+{
+    const YPath file = Path("text/a/b/file");
+    const YString text(content);
+    CheckWithFaults([&](Faults& faults) {
+        EmptyDirectory("text");
+        if (faults.TryAll([&] {
+                Krt::File::CreatePath(file, false);
+                Krt::File::DeleteFile(file);
+                Krt::File::YFile written(file, Krt::File::YFile::CreateAndWrite);
+                written.Write(text);
+                written.Close();
+            })) {
+            EXPECT_EQ(ReadFile(file.CStr()), content);
+        }
+    });
+}
+
+// The lines of a log behind their times.
+std::multiset<std::string> LinesOf(const YPath& log)
+{
+    std::multiset<std::string> lines;
+    std::istringstream text(ReadFile(log.CStr()));
+    for (std::string line; std::getline(text, line);)
+        lines.insert(line.substr(line.find("INFO") == std::string::npos ? 0 : line.find("INFO") + 5));
+    return lines;
+}
+
+TEST_F(FileFaults, LogLinesAreWrittenOrCounted)
+{
+    constexpr int Count = 5;
+    const YString line(std::string(100, 'x'));
+    const YPath path = Path("log");
+    CheckWithFaults(
+        [&](Faults& faults) {
+            fs::remove(path.CStr());
+            Krt::Log::YLog log;
+            int written = -1;
+            faults.TryAll([&] {
+                Krt::Log::YLog::Param param(path);
+                param.wholeLines = true;
+                log.Open(param);
+                for (written = 0; written < Count; ++written)
+                    log.Write(MessageType::General, line);
+            });
+            EXPECT_TRUE(written == -1 || written == Count) << "it raises";
+            if (written == Count) {
+                EXPECT_EQ(LinesOf(path).count(line.Bytes()) + log.GetDroppedCount(),
+                          static_cast<unsigned int>(Count));
+            }
+            log.Close();
+            log.Open(Krt::Log::YLog::Param(path));
+            log.Write(MessageType::General, "afterwards");
+            EXPECT_EQ(LinesOf(path).count("afterwards"), 1u);
+        },
+        {});
+}
+
+TEST_F(FileFaults, LogReopens)
+{
+    Krt::Log::InstallGlobalLogger();
+    Krt::Log::YLog& log = *Krt::Log::GetGlobalLogger();
+    const YPath path = Path("log");
+    CheckWithFaults(
+        [&](Faults& faults) {
+            fs::remove(path.CStr());
+            Configure("debugOutput=General,FileIo,Volume\n");
+            const unsigned long long dropped = log.GetDroppedCount();
+            const bool isDone = faults.TryAll([&] {
+                Backup::Util::OpenOrReopenLog(path, "General");
+                KRT_LOG_FREE(MessageType::General, "A message of some length, number " << 1);
+            });
+            if (isDone) {
+                EXPECT_EQ(LinesOf(path).size() + log.GetDroppedCount() - dropped, 4u);
+            }
+            Backup::Util::OpenOrReopenLog(path, "General");
+            const std::size_t lines = LinesOf(path).size();
+            KRT_LOG_FREE(MessageType::General, "Another one, number " << 2);
+            EXPECT_EQ(LinesOf(path).size(), lines + 1) << "the thread's stream works on";
+            Krt::Log::GetGlobalRegistrar()->SetEnabledMessages({});
+            log.Close();
+        },
+        {});
+}
+
+TEST_F(FileFaults, ProfileIsReadWhole)
+{
+    CheckWithFaults([&](Faults& faults) {
+        Configure("text=" + content + "\nflag=yes\n[other]\na=b\n");
+        YString text;
+        bool flag = false;
+        if (faults.TryAll([&] {
+                text = Krt::Profile::OpenSystem()->Get<YString>("configuration", "text", YString());
+                flag = Krt::Profile::OpenSystem()->Get<bool>("configuration", "flag", false);
+            })) {
+            EXPECT_EQ(text.Bytes(), content);
+            EXPECT_TRUE(flag);
+        }
+    });
+}
+
+TEST_F(FileFaults, VolumesAreListed)
+{
+    const MountTable table("/dev/a / ext4 rw 0 0\n/dev/b /proc hfs ro 0 0\n/dev/c /none nfs rw 0 0\n");
+    const std::set<std::string> all{"/", "/proc"};
+    CheckWithFaults(
+        [&](Faults& faults) {
+            Backup::Volume::YVolumeManager manager;
+            const auto list = [&] {
+                std::set<std::string> paths;
+                for (const auto& [path, volume] : manager.GetVolumeList(0xFFFFFFFF, false))
+                    paths.insert(path.Bytes());
+                return paths;
+            };
+            std::set<std::string> listed;
+            const bool isDone = faults.TryAll([&] { listed = list(); });
+            // A table that can't be had has no entries.
+            if (isDone) {
+                EXPECT_TRUE(listed == all || listed.empty());
+            }
+            manager.RebuildVolumeList();
+            EXPECT_EQ(list(), all);
+        },
+        {"stat"});
+}
+
+// The list of mount points is read once in a process.
+TEST_F(FileFaults, DescentIsDecided)
+{
+    const MountTable table("/dev/a / ext4 rw 0 0\nserver:/b /proc nfs rw 0 0\n");
+    if (!Backup::Volume::IsMountPoint("/proc"))
+        GTEST_SKIP() << "/proc is not mounted here";
+    CheckWithFaults(
+        [&](Faults& faults) {
+            Configure("IncludedMountpoints=/dev,/a/mount/point/of/some/length,/proc\n");
+            bool ordinary = false, listed = false;
+            if (faults.TryAll([&] {
+                    ordinary = Backup::File::IsFollowableDirectoryFromKrtAttributes(
+                        directory.Path().c_str(), Krt::File::AttributeDirectory);
+                    listed = Backup::File::IsFollowableDirectoryFromKrtAttributes(
+                        "/proc", Krt::File::AttributeDirectory);
+                })) {
+                EXPECT_TRUE(ordinary);
+                EXPECT_TRUE(listed);
+            }
+        },
+        {"stat"}, FirstUse::InEachRun);
+}
+
+} // namespace

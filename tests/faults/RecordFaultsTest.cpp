@@ -1,0 +1,218 @@
+// Rules, records and JSON while each call and each allocation fails in its turn.
+#include "Backup/File/Unix/YFile.h"
+#include "Backup/File/YUnixFileMetadata.h"
+#include "Backup/File/YWinFileMetadata.h"
+
+#include "testing/Faults.h"
+#include "testing/JobPaths.h"
+#include "testing/LegacyHeaderBuilder.h"
+#include "testing/LogCapture.h"
+#include "testing/NoConfiguration.h"
+#include "testing/SelectionText.h"
+#include "testing/TemporaryDirectory.h"
+
+#include "Krt/JSON/YValue.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+
+using namespace Testing;
+using namespace std::string_literals;
+using Backup::File::YMetadataBase;
+using Backup::File::YSelectionManager;
+using Krt::YString;
+using Krt::File::YPath;
+using Krt::JSON::YObject;
+using Krt::JSON::YValue;
+
+namespace {
+
+// More than twenty rules at one place, so that they have an index.
+std::string ManyRules()
+{
+    std::string rules = "include / recursive exact=home explicit; exclude /home recursive glob=*.o; "
+                        "silent /home/user any; include /var/lib/a/place/far/below any";
+    for (int i = 0; i < 20; ++i)
+        rules += "; include /data/directory exact=a-name-of-some-length-" + std::to_string(i);
+    return rules;
+}
+
+const char* const Asked[] = {"/home",           "/home/user/file",
+                             "/home/x/y.o",     "/data/directory/a-name-of-some-length-7",
+                             "/data/directory", "/var/lib/a/place/far/below/it"};
+
+using Answers = std::vector<YSelectionManager::SelectionType>;
+
+Answers AnswersOf(const YSelectionManager& rules)
+{
+    Answers answers;
+    for (const char* const path : Asked)
+        answers.push_back(rules.GetPathSelectionType(path));
+    return answers;
+}
+
+TEST(RecordFaults, SelectionIsLoaded)
+{
+    const YSelectionManager all = Testing::Tree(ManyRules());
+    const std::string text = YValue::FromObject(all.ToJSON("/")).Stringify(true).Bytes();
+    CheckWithFaults([&](Faults& faults) {
+        YSelectionManager rules = Testing::Tree("include /old any");
+        const auto load = [&] {
+            rules.FromJSON(YValue::Parse(text)->AsObject());
+        };
+        if (faults.TryAll(load)) {
+            EXPECT_EQ(rules, all);
+        }
+        AnswersOf(rules);
+        load();
+        EXPECT_EQ(rules, all);
+        EXPECT_EQ(AnswersOf(rules), AnswersOf(all));
+    });
+}
+
+// A rule that takes the place of others is there, or they are.
+TEST(RecordFaults, NoRuleIsLost)
+{
+    const YSelectionManager before = Testing::Tree(ManyRules());
+    const LogCapture log({"SelectionBuild"});
+    const auto added = Testing::Rule("include /data recursive any");
+    const auto atOnce = Testing::Rule("include /data/directory glob=a-name*");
+    YSelectionManager after = before;
+    after.Add(atOnce);
+    after.Add(added);
+    CheckWithFaults([&](Faults& faults) {
+        YSelectionManager rules = before;
+        const bool isDone = faults.TryAll([&] {
+            rules.Add(atOnce);
+            rules.Add(added);
+        });
+        EXPECT_TRUE(!isDone || rules == after);
+        const Answers answers = AnswersOf(rules), were = AnswersOf(before), are = AnswersOf(after);
+        for (std::size_t i = 0; i < answers.size(); ++i) {
+            EXPECT_TRUE(answers[i] == were[i] || answers[i] == are[i]) << Asked[i];
+        }
+        rules.Add(atOnce);
+        rules.Add(added);
+        EXPECT_EQ(AnswersOf(rules), are);
+        EXPECT_EQ(rules.GetIncludeTops("/"), after.GetIncludeTops("/"));
+    });
+}
+
+TEST(RecordFaults, SelectionIsCopied)
+{
+    const YSelectionManager all = Testing::Tree(ManyRules());
+    const YSelectionManager other = Testing::Tree("include /old any");
+    CheckWithFaults([&](Faults& faults) {
+        YSelectionManager assigned = other, copied;
+        const bool isDone = faults.TryAll([&] {
+            copied.CopyDescriptorsFromPath(all, "/data", "/elsewhere");
+            assigned = all;
+        });
+        EXPECT_EQ(assigned, isDone ? all : other);
+        EXPECT_EQ(AnswersOf(all).size(), std::size(Asked)) << "the source can be locked again";
+        if (isDone) {
+            EXPECT_TRUE(copied.IsPathSelected("/elsewhere/directory/a-name-of-some-length-7"));
+        }
+    });
+}
+
+TEST(RecordFaults, SelectionIsAsked)
+{
+    const YSelectionManager rules = Testing::Tree(ManyRules());
+    const LogCapture log({"SelectionQuery"});
+    const Answers right = AnswersOf(rules);
+    const std::size_t tops = rules.GetIncludeTops("/").size(),
+                      selections = rules.GetSelections("/data").size();
+    CheckWithFaults([&](Faults& faults) {
+        Answers answers;
+        std::size_t foundTops = 0, found = 0;
+        if (faults.TryAll([&] {
+                answers = AnswersOf(rules);
+                foundTops = rules.GetIncludeTops("/").size();
+                found = rules.GetSelections("/data").size();
+            })) {
+            EXPECT_EQ(answers, right);
+            EXPECT_EQ(foundTops, tops);
+            EXPECT_EQ(found, selections);
+        }
+        YSelectionManager(rules).Add(Testing::Rule("include /new any")); // no share of a lock is left behind
+    });
+}
+
+TEST(RecordFaults, RecordOfAFile)
+{
+    const TemporaryDirectory directory;
+    const YPath path(directory.Write("a file with a name of some length", "content").c_str());
+    const NoConfiguration configuration(directory);
+    std::string right;
+    CheckWithFaults([&](Faults& faults) {
+        std::string text;
+        const bool isDone = faults.TryAll([&] {
+            Backup::File::YFile file(Backup::File::YFile::OPEN_MODE_READ, path,
+                                     Backup::File::YFile::OPT_NONE);
+            YMetadataBase::ConstructFromFile(file, RecordingMapper())->StringifyTo(text);
+        });
+        if (right.empty())
+            right = text;
+        if (isDone) {
+            EXPECT_EQ(text, right);
+        }
+    });
+}
+
+// Whatever the road of a record is, its text comes out whole or not at all.
+void CheckRecord(const std::function<std::string()>& text)
+{
+    const std::string right = text();
+    CheckWithFaults([&](Faults& faults) {
+        std::string made;
+        if (faults.TryAll([&] { made = text(); })) {
+            EXPECT_EQ(made, right);
+        }
+    });
+}
+
+TEST(RecordFaults, RecordFromJson)
+{
+    const std::string golden = ReadFile(GOLDEN_DIRECTORY "/metadata-unix-file.json");
+    CheckRecord([&] {
+        const auto record = YMetadataBase::ConstructFromJson(YValue::Parse(golden)->AsObject());
+        record->RenamePath(record->GetFilePath(0),
+                           JobPath({{1538, "elsewhere"}, {1538, "with a long name"}}));
+        return YValue::FromObject(record->ToJSON()).Stringify(true).Bytes();
+    });
+}
+
+TEST(RecordFaults, LegacyHeaders)
+{
+    const YObject documents[] = {
+        LegacyDocument("unix", SampleUnixFile().Bytes()), LegacyDocument("unix", SampleUnixLink().Bytes()),
+        LegacyDocument("win", SampleWindowsFile(L"/C:/dir/long na\u00EFve*LONGNA~1\0\r"s, 1).Bytes())};
+    CheckRecord([&] {
+        std::string text;
+        for (const YObject& document : documents)
+            YMetadataBase::ConstructFromJson(document, RecordingMapper())->StringifyTo(text);
+        return text;
+    });
+}
+
+TEST(RecordFaults, JsonText)
+{
+    std::string text = "{\"deep\":";
+    for (int i = 0; i < 30; ++i)
+        text += "[{\"a key of some length\":";
+    text += "1";
+    for (int i = 0; i < 30; ++i)
+        text += "}]";
+    for (int i = 0; i < 40; ++i)
+        text += ",\"key number " + std::to_string(i) + "\":[true,\"text of a certain length\"]";
+    text += "}";
+    CheckRecord([&] {
+        const auto value = YValue::Parse(text);
+        return value->Stringify(false).Bytes() +
+               value->AsObject().Get<Krt::JSON::YArray>("key number 39", 15).at(1)->AsString().Bytes();
+    });
+}
+
+} // namespace
