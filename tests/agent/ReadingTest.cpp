@@ -5,12 +5,15 @@
 
 #include "testing/CallHook.h"
 #include "testing/Flipper.h"
+#include "testing/OrdinaryUser.h"
 #include "testing/Program.h"
 #include "testing/SelectionText.h"
 #include "testing/StoreFiles.h"
 #include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
 
+#include "Backup/File/Unix/File.h"
+#include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YUnixFileMetadata.h"
 
 #include "Krt/JSON/YValue.h"
@@ -80,13 +83,15 @@ protected:
     const std::string store = directory / "store";
 };
 
+using Text = const std::string&;
+
 // What happens to source/file or source/dir before a call of this function on an entry whose name ends so.
 struct Change
 {
     const char* label;
     const char* function;
     const char* name;
-    bool (*make)(const std::string& entry, const std::string& outside);
+    bool (*make)(Text entry, Text outside);
     const char* stored; // of the entry; null: nothing
     const char* told;
 };
@@ -114,72 +119,40 @@ bool RenameTo(const std::string& from, const std::string& to)
     return rename(from.c_str(), to.c_str()) == 0;
 }
 
-#define CHANGE [](const std::string& entry, [[maybe_unused]] const std::string& outside) -> bool
-
-const Change Changes[] = {{"to FIFO", "openat", "file", CHANGE{return MakeNode(entry, S_IFIFO | 0644);
-} // namespace
-, "p", ""
-}
-, {"to device", "openat", "file", CHANGE{return MakeNode(entry, S_IFCHR | 0644, makedev(1, 5));
-}
-, "c", ""
-}
-, {"to socket", "openat", "file", CHANGE{return MakeNode(entry, S_IFSOCK | 0644);
-}
-, nullptr, "file: A socket is not stored"
-}
-, {"to link", "openat", "file", CHANGE{return ReplaceByLink(entry, outside + "/secret");
-}
-, "l", ""
-}
-, {"to another file", "openat", "file",
-   CHANGE{return Append(entry + ".new", 3) && RenameTo(entry + ".new", entry);
-}
-, "-+++", ""
-}
-, {"to directory", "openat", "file", CHANGE{return fs::remove(entry) && fs::create_directory(entry);
-}
-, "d", ""
-}
-, {"gone", "openat", "file", CHANGE{return fs::remove(entry);
-}
-, nullptr, "file: Failed to open file"
-}
-, {"gone while it is read", "pread", "file", CHANGE{return fs::remove(entry);
-}
-, "-12345", ""
-}
-, {"shrinks", "pread", "file", CHANGE{return truncate(entry.c_str(), 2) == 0;
-}
-, "-12", "file: The file changed while it was read: 2 bytes instead of 5"
-}
-, {"grows", "pread", "file", CHANGE{return Append(entry, 2);
-}
-, "-12345++", "file: The file changed while it was read: 7 bytes instead of 5"
-}
-, {"to link", "openat", "dir", CHANGE{return ReplaceByLink(entry, outside + "/below");
-}
-, "d", "dir: Failed to open directory"
-}
-, {"to another directory", "openat", "dir",
-   CHANGE{return RenameTo(entry, entry + ".old") && RenameTo(outside + "/below", entry);
-}
-, "d", "dir: The directory was replaced during the walk"
-}
-, {"gone", "openat", "dir", CHANGE{return fs::remove_all(entry) == 2;
-}
-, "d", "dir: Failed to open directory"
-}
-, {"to link, while what is below is read", "llistxattr", "/below",
-   CHANGE{return ReplaceByLink(entry, outside);
-}
-, "d", ""
-}
-,
-}
-;
-
-#undef CHANGE
+const Change Changes[] = {
+    {"to FIFO", "openat", "file", [](Text entry, Text) { return MakeNode(entry, S_IFIFO | 0644); }, "p", ""},
+    {"to device", "openat", "file",
+     [](Text entry, Text) { return MakeNode(entry, S_IFCHR | 0644, makedev(1, 5)); }, "c", ""},
+    {"to socket", "openat", "file", [](Text entry, Text) { return MakeNode(entry, S_IFSOCK | 0644); },
+     nullptr, "file: A socket is not stored"},
+    {"to link", "openat", "file",
+     [](Text entry, Text outside) { return ReplaceByLink(entry, outside + "/secret"); }, "l", ""},
+    {"to another file", "openat", "file",
+     [](Text entry, Text) { return Append(entry + ".new", 3) && RenameTo(entry + ".new", entry); }, "-+++",
+     ""},
+    {"to directory", "openat", "file",
+     [](Text entry, Text) { return fs::remove(entry) && fs::create_directory(entry); }, "d", ""},
+    {"gone", "openat", "file", [](Text entry, Text) { return fs::remove(entry); }, nullptr,
+     "file: Failed to open file"},
+    {"gone while it is read", "pread", "file", [](Text entry, Text) { return fs::remove(entry); }, "-12345",
+     ""},
+    {"shrinks", "pread", "file", [](Text entry, Text) { return truncate(entry.c_str(), 2) == 0; }, "-12",
+     "file: The file changed while it was read: 2 bytes instead of 5"},
+    {"grows", "pread", "file", [](Text entry, Text) { return Append(entry, 2); }, "-12345++",
+     "file: The file changed while it was read: 7 bytes instead of 5"},
+    {"to link", "openat", "dir",
+     [](Text entry, Text outside) { return ReplaceByLink(entry, outside + "/below"); }, "d",
+     "dir: Failed to open directory"},
+    {"to another directory", "openat", "dir",
+     [](Text entry, Text outside) {
+         return RenameTo(entry, entry + ".old") && RenameTo(outside + "/below", entry);
+     },
+     "d", "dir: The directory was replaced during the walk"},
+    {"gone", "openat", "dir", [](Text entry, Text) { return fs::remove_all(entry) == 2; }, "d",
+     "dir: Failed to open directory"},
+    {"to link, while what is below is read", "llistxattr", "/below",
+     [](Text entry, Text outside) { return ReplaceByLink(entry, outside); }, "d", ""},
+};
 
 TEST_F(Reading, TakesAnEntryAsItIsWhenItIsOpened)
 {
@@ -347,6 +320,29 @@ TEST_F(Reading, AProgramWithoutStandardStreamsWritesNoneIntoAFile)
         EXPECT_EQ(ReadFile(target + source + "/file"), "12345") << closed;
         EXPECT_EQ(RunProgram({"list", "--store", store}).exitCode, 0) << closed;
     }
+}
+
+TEST(Library, WithoutStandardStreamsLetsNoOutputLandInAFile)
+{
+    const TemporaryDirectory directory;
+    chmod(directory.Path().c_str(), 0777);
+    const auto at = [&](const char* name) {
+        return Krt::File::YPath((directory / name).c_str());
+    };
+    EXPECT_TRUE(HoldsAsOrdinaryUser([&] {
+        for (int stream = 0; stream < 3; ++stream)
+            close(stream);
+        const int primitive = Backup::File::OpenForBackupWrite(at("primitive"));
+        using Backup::File::YFile;
+        const YFile file(YFile::OPEN_MODE_WRITE, at("file"), YFile::OPT_NONE);
+        const auto entry = Krt::File::YDirectory::Open(at("")).CreateFile("entry");
+        bool isLost = primitive > 2 && !entry.IsEmpty();
+        for (int stream = 0; stream < 3; ++stream)
+            isLost = isLost && write(stream, "output", 6) == -1;
+        return isLost;
+    }));
+    for (const char* name : {"primitive", "file", "entry"})
+        EXPECT_EQ(fs::file_size(directory / name), 0u) << name;
 }
 
 } // namespace

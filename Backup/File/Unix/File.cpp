@@ -4,6 +4,7 @@
 #include "Krt/File/File.h"
 #include "Krt/Log/LogSite.h"
 #include "Krt/Util/Retry.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -192,8 +193,8 @@ void SetGID(const YPath& path, unsigned int gid)
 // The two openers return a negative result other than -1 as the descriptor.
 int OpenForBackupWrite(const YPath& path)
 {
-    const int fd = Krt::Util::RetryOnInterrupt(
-        [&] { return open(Native(path), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW, CreatedFileMode); });
+    const int fd = Krt::Util::MoveAboveStandardStreams(Krt::Util::RetryOnInterrupt(
+        [&] { return open(Native(path), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW, CreatedFileMode); }));
     if (fd == -1)
         KRT_RAISE_OS("Could not open file for write: " << path);
     return fd;
@@ -201,7 +202,8 @@ int OpenForBackupWrite(const YPath& path)
 
 int OpenForBackupRead(const YPath& path)
 {
-    const int fd = Krt::Util::RetryOnInterrupt([&] { return open(Native(path), O_RDONLY | O_NOFOLLOW); });
+    const int fd = Krt::Util::MoveAboveStandardStreams(
+        Krt::Util::RetryOnInterrupt([&] { return open(Native(path), O_RDONLY | O_NOFOLLOW); }));
     if (fd == -1)
         KRT_RAISE_OS("Could not open file for read: " << path);
     return fd;

@@ -50,7 +50,8 @@ BACKUP_API void SetModeFlags(const YPath& path, unsigned int flags);
 BACKUP_API void SetUID(const YPath& path, unsigned int uid);
 BACKUP_API void SetGID(const YPath& path, unsigned int gid);
 
-/// The descriptor, which the caller closes. A file is created or emptied; no link is followed at the end.
+/// The descriptor, above those of the standard streams, which the caller closes. A file is created or
+/// emptied; no link is followed at the end.
 BACKUP_API int OpenForBackupWrite(const YPath& path);
 /// The same of an existing file, which no link at the end may stand for, and whose times stay.
 BACKUP_API int OpenForBackupRead(const YPath& path);
