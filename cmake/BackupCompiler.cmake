@@ -21,6 +21,10 @@ target_compile_options(BackupCompiler INTERFACE
   # last because GCC lets the last match win. A compiler cache may hand over paths relative to the build.
   "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/libkrt/="
   "-fmacro-prefix-map=${BACKUP_RELATIVE_ROOT}/=" "-fmacro-prefix-map=${BACKUP_RELATIVE_ROOT}/libkrt/=")
+if(BACKUP_COVERAGE)
+  target_compile_options(BackupCompiler INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(BackupCompiler INTERFACE --coverage)
+endif()
 if(BACKUP_SANITIZE)
   target_compile_options(BackupCompiler INTERFACE
     "-fsanitize=${BACKUP_SANITIZE}" -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -5,7 +5,8 @@ find_package(OpenSSL 3 REQUIRED)
 
 find_path(TINYXML_INCLUDE_DIR tinyxml.h REQUIRED)
 find_library(TINYXML_LIBRARY tinyxml REQUIRED)
-add_library(TinyXML INTERFACE)
+# Imported, as it is to who links an installed static library: it is in no export of ours.
+add_library(TinyXML INTERFACE IMPORTED)
 target_include_directories(TinyXML SYSTEM INTERFACE "${TINYXML_INCLUDE_DIR}")
 # Debian builds TinyXML with its STL interface; callers must agree.
 target_compile_definitions(TinyXML INTERFACE TIXML_USE_STL)
