@@ -67,8 +67,8 @@ rm -rf "$work/target"
     for kind in include exclude; do
         awk -v count="$count" -v folder=$folder -v source="$source" -v rule="$rule" -v kind=$kind 'BEGIN {
             for (i = kind == "include"; i < count; i += 2)
-                printf "%s\n" rule, kind == "include" || i > 0 ? "," : "", source "/d" int(i / folder), "f" i,
-                    "exact", kind, "nonrecursive"
+                printf("%s\n" rule, (kind == "include" || i > 0 ? "," : ""), source "/d" int(i / folder), "f" i,
+                    "exact", kind, "nonrecursive")
         }'
         [ $kind = exclude ] || echo '],"excludes":['
     done
