@@ -61,8 +61,9 @@ inSpecialisation {
     special = 1
 }
 
-# A declaration after the first under a comment.
-!inComment && !special && comment != "" && ended && match($0, /[A-Za-z_\[~]/) == indent &&
+# A declaration after the first under a comment, without one of its own behind it. What overrides has the comment of
+# what it overrides, unless it stands among its like.
+!inComment && !special && comment != "" && ended && !/\/\/\/</ && (!/ override/ || afterOverride) && match($0, /[A-Za-z_\[~]/) == indent &&
     !/^ *(public|protected|private|friend class)/ {
     $0 = substr($0, 1, indent - 1) "/**" comment " */ " (indent == 1 ? "/** @ingroup " family " */ " : "") substr($0, indent)
 }
@@ -71,6 +72,8 @@ inComment && indent == 1 { $0 = "/** @ingroup " family " */ " $0 }
 {
     inComment = special = 0
     ended = /[;},]$|; *\/\/|\/\/\/</
+    if (ended)
+        afterOverride = / override/
     print
 }
 

@@ -40,6 +40,7 @@ public:
     /// caller's word.
     YJobPath GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,
                                  const YJobPath& replaceDestination) override;
+
     void StringifyTo(std::string& out) const override;
 
     /// The fields, stored as they come: size in bytes, times as YFile gives them ("changed" is the inode's),

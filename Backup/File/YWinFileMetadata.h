@@ -35,6 +35,7 @@ public:
     /// count.
     void SetFilePath(unsigned long index, const YJobPath& path) override;
     YJobPath GetFilePath(unsigned long index) const override;
+    /// How many there are.
     unsigned long GetFilePathCount() const override;
     /// The volume's component, the first of the class of containers or else the first of all, loses the
     /// characters ':', '/', '\' and '?' where it ends up in the result, so that it is a plain directory's
@@ -60,6 +61,7 @@ public:
     bool IsDirectoryAttributeSet() const;
     /// All paths, in the order of their adding.
     Paths GetPaths() const { return m_paths; }
+    /// Adds one behind them.
     void AddPath(YJobPath path, YString shortName);
     /// Meaningful for a directory only.
     YString GetDirectoryHash() const { return m_directoryHash; }

@@ -15,6 +15,7 @@ public:
     /// This one and the next always raise NotImplemented.
     void WaitForServiceStart(const YString& name, const Krt::Time::YDuration& timeout) override;
     void WaitForServiceStop(const YString& name, const Krt::Time::YDuration& timeout) override;
+    /// Returns at once.
     void WaitForServiceDelete(const YString& name, const Krt::Time::YDuration& timeout) override;
     /// Whether the property list exists, loaded or not.
     bool Exists(const YString& name) override;
