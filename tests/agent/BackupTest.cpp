@@ -93,20 +93,6 @@ TEST_F(BackupProgram, FollowsAJobsRules)
     EXPECT_EQ(Stored(), (Paths{"/docs/a.txt", "/docs/deep", "/docs/deep/d", "/other", "/other/e"}));
 }
 
-TEST_F(BackupProgram, NothingExcludedIsOpened)
-{
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to hand files to another user";
-    // What can't be read tells by its failure whether the walk came near it.
-    MakeTree(source, {Dir("keep"), File("keep/file", "x"), Dir("secret", 0000), File("secret/inside", "y")});
-    const std::string job =
-        WriteJob("include " + source + " recursive any; silent " + source + " exact=secret");
-    chmod(directory.Path().c_str(), 0777);
-    const ProgramResult result = RunProgram({"backup", "--store", store, "--job", job}, OrdinaryUser);
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
-    EXPECT_EQ(Stored(), (Paths{"/keep", "/keep/file"}));
-}
-
 TEST_F(BackupProgram, LeavesTheStoreOut)
 {
     MakeTree(source, {File("file", "x")});

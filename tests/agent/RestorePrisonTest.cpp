@@ -235,28 +235,43 @@ TEST_F(RestorePrison, WhatIsBeingMadeCannotBeSwappedForAFileOutside)
         writer.Add(EntryOf(fifo));
         writer.Add(FileWith({"file"}, "content"));
     });
-    for (const std::string function : {"fchownat", "fchmodat", "utimensat", "renameat"}) {
+    const struct
+    {
+        std::string function; // before which it is swapped
+        const char* other;
+        int exitCode;
+        mode_t mode;
+    } rows[] = {{"fchownat", "planted", 0, 0640},
+                {"fchmodat", "planted", 0, 0640},
+                {"utimensat", "planted", 0, 0640},
+                {"renameat", "planted", 0, 0640},
+                // A directory in which the FIFO would not be safe: it gets no attributes there.
+                {"openat", "of their own", 3, 0600}};
+    fs::create_directory(target + "/of their own");
+    ASSERT_EQ(chown((target + "/of their own").c_str(), OrdinaryUser, OrdinaryUser), 0);
+    for (const auto& row : rows) {
         Plant("planted");
         ProgramSettings attacked;
         attacked.isLinked = true;
         attacked.prepare = [&] {
             static const CallHook hook([&](const HookedCall& call) {
-                if (call.function != function || !call.name.starts_with(TemporaryPrefix))
+                if (call.function != row.function || !call.name.starts_with(TemporaryPrefix))
                     return;
-                directory.Write(function, "tried");
+                directory.Write(row.function, "tried");
                 const bool isLowered = seteuid(OrdinaryUser) == 0;
-                SwapEntries(call.descriptor, call.name, AT_FDCWD, target + "/planted");
+                SwapEntries(call.descriptor, call.name, AT_FDCWD, target + "/" + row.other);
                 if (!isLowered || seteuid(0) != 0)
                     _exit(99);
             });
         };
         const ProgramResult result = Restore(attacked);
-        EXPECT_EQ(result.exitCode, 0) << function << result.errors;
-        EXPECT_TRUE(fs::exists(directory / function)) << function;
-        EXPECT_EQ(DescribeOutside(), before) << function;
+        EXPECT_EQ(result.exitCode, row.exitCode) << row.function << result.errors;
+        EXPECT_TRUE(fs::exists(directory / row.function)) << row.function;
+        EXPECT_EQ(DescribeOutside(), before) << row.function;
         const struct stat fifo = StatusOf("fifo");
-        EXPECT_TRUE(fifo.st_mode == (S_IFIFO | 0640) && fifo.st_uid == 1234 && fifo.st_mtime == 1500000000)
-            << function;
+        EXPECT_EQ(fifo.st_mode, S_IFIFO | row.mode) << row.function;
+        EXPECT_TRUE(row.exitCode != 0 || (fifo.st_uid == 1234 && fifo.st_mtime == 1500000000))
+            << row.function;
         fs::remove(target + "/planted");
         fs::remove(target + "/fifo");
     }
