@@ -126,11 +126,11 @@ void YSelectionManager::Delete(const YPath& path)
     const auto [parent, depth] = FindDeepest(std::span(components).first(components.size() - 1));
     if (depth + 1 != components.size())
         return;
-    const auto child = parent->m_children.find(components.back());
-    if (child == parent->m_children.end())
+    Node* const child = parent->FindChild(components.back());
+    if (child == nullptr)
         return;
-    child->second->RulesChanged(-static_cast<long long>(child->second->m_includesBelow));
-    parent->m_children.erase(child);
+    child->RulesChanged(-static_cast<long long>(child->m_includesBelow));
+    parent->EraseChild(*child);
     // The word is about the node that went, the path that of the one above it.
     KRT_LOG(MessageType::SelectionBuild, "Erased node: " << parent->GetPath());
 }

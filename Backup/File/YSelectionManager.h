@@ -14,10 +14,10 @@
 
 #include <functional>
 #include <initializer_list>
-#include <map>
 #include <memory>
 #include <set>
 #include <span>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -218,12 +218,17 @@ private:
     friend BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManagerNode& node);
     class Walk; // in YSelectionNodeWalk.h
 
-    using Children = std::map<YString, std::unique_ptr<YSelectionManagerNode>>;
+    class Children; // in YSelectionChildren.h
+    using NamedChildren = std::vector<std::pair<std::string_view, YSelectionManagerNode*>>;
     using Rules = YSelectionRules;
 
     YSelectionManagerNode* FindChild(const YString& name) const;
     YSelectionManagerNode& AddChild(const YString& name); // which has none of this name yet
-    bool IsEmpty() const { return m_children.empty() && m_includes.empty() && m_excludes.empty(); }
+    YSelectionManagerNode& AddChild(std::unique_ptr<YSelectionManagerNode> child);
+    std::size_t CountChildren() const;
+    NamedChildren ChildrenInOrder() const;
+    void EraseChild(YSelectionManagerNode& child);
+    bool IsEmpty() const { return m_children == nullptr && m_includes.empty() && m_excludes.empty(); }
     // Whether a recursive explicit include for all names stands here.
     bool SelectsAllExplicitly() const;
     void Insert(Rules::Prepared&& rule) noexcept;
@@ -241,8 +246,9 @@ private:
                     bool recurse) const;
     void Write(Krt::YStream& stream) const;
 
-    Children m_children; // by bytes of the name, case counts
-    YString m_name;      // empty in the root
+    // Null without any. By name, in which case counts.
+    std::unique_ptr<Children> m_children;
+    YString m_name; // empty in the root
     YSelectionManagerNode* m_parent = nullptr;
     Rules m_includes;
     Rules m_excludes;

@@ -1,5 +1,6 @@
 #include "Backup/File/YSelectionManager.h"
 
+#include "Backup/File/YSelectionChildren.h"
 #include "Backup/File/YSelectionNodeWalk.h"
 #include "Backup/File/YSelectionRulesBelow.h"
 
@@ -7,6 +8,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 
 namespace Backup::File {
 
@@ -20,18 +22,22 @@ Node::YSelectionManagerNode(const YString& name, YSelectionManagerNode* parent)
     : m_name(name), m_parent(parent)
 {}
 
+// Nothing deep may be destroyed by recursion, and a destructor can't count on memory: the nodes that still
+// have to go form a list by their pointers to the parent, of which they have no more need.
 Node::~YSelectionManagerNode()
 {
-    // From the leaves up, so that no child has children of its own to destroy.
-    for (Node* node = this;;) {
-        if (!node->m_children.empty()) {
-            node = node->m_children.begin()->second.get();
-        } else if (node == this) {
-            return;
-        } else {
-            node = node->m_parent;
-            node->m_children.erase(node->m_children.begin());
+    Node* toDestroy = nullptr;
+    const auto takeChildren = [&](Node& node) {
+        if (node.m_children != nullptr) {
+            node.m_children->GiveAway(
+                [&](Node* child) { child->m_parent = std::exchange(toDestroy, child); });
+            node.m_children.reset();
         }
+    };
+    takeChildren(*this);
+    while (toDestroy != nullptr) {
+        const std::unique_ptr<Node> node(std::exchange(toDestroy, toDestroy->m_parent));
+        takeChildren(*node);
     }
 }
 
@@ -68,8 +74,7 @@ std::unique_ptr<Node> Node::CopyRecursive(const YSelectionManagerNode& source, Y
         if (above.empty()) {
             top = std::move(copy);
         } else {
-            Children& beside = above.back()->m_children;
-            beside.emplace_hint(beside.end(), node->m_name, std::move(copy));
+            above.back()->AddChild(std::move(copy));
         }
         above.push_back(node);
     }
@@ -79,7 +84,7 @@ std::unique_ptr<Node> Node::CopyRecursive(const YSelectionManagerNode& source, Y
 bool Node::operator==(const YSelectionManagerNode& other) const
 {
     const auto sameContent = [](const Node& a, const Node& b) {
-        return a.m_children.size() == b.m_children.size() && a.m_name == b.m_name &&
+        return a.CountChildren() == b.CountChildren() && a.m_name == b.m_name &&
                a.m_includes.size() == b.m_includes.size() && a.m_excludes.size() == b.m_excludes.size() &&
                std::equal(a.m_includes.begin(), a.m_includes.end(), b.m_includes.begin()) &&
                std::equal(a.m_excludes.begin(), a.m_excludes.end(), b.m_excludes.begin());
@@ -136,7 +141,7 @@ void Node::PruneNodeExcludes(const YSelectionDescriptor& rule)
 
 void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
 {
-    if (!rule.IsRecursive() || m_children.empty())
+    if (!rule.IsRecursive() || m_children == nullptr)
         return;
     // A walk tells what it prunes in the order of the tree.
     if (rule.CoversAllNames() || Krt::Log::IsMessageEnabled(MessageType::SelectionBuild)) {
@@ -160,23 +165,27 @@ void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
 // One pass: prunes on the way down and sweeps what is empty on the way up.
 void Node::PruneBranch(const YSelectionDescriptor& rule)
 {
-    std::vector<Children::iterator> open;
-    Node* node = this;
-    auto next = m_children.begin();
-    for (;;) {
-        if (next != node->m_children.end()) {
-            open.push_back(next);
-            node = next->second.get();
-            node->PruneNodeIncludes(rule, false);
-            node->PruneNodeExcludes(rule);
-            next = node->m_children.begin();
-        } else if (node == this) {
-            return;
-        } else {
-            Node* const parent = node->m_parent;
-            next = node->IsEmpty() ? parent->m_children.erase(open.back()) : std::next(open.back());
-            open.pop_back();
-            node = parent;
+    struct Level
+    {
+        NamedChildren children;
+        std::size_t next = 0;
+    };
+    std::vector<Level> open;
+    open.push_back({ChildrenInOrder()});
+    while (!open.empty()) {
+        Level& level = open.back();
+        if (level.next != level.children.size()) {
+            Node& node = *level.children[level.next++].second;
+            node.PruneNodeIncludes(rule, false);
+            node.PruneNodeExcludes(rule);
+            open.push_back({node.ChildrenInOrder()});
+            continue;
+        }
+        open.pop_back();
+        if (!open.empty()) {
+            Node& done = *open.back().children[open.back().next - 1].second;
+            if (done.IsEmpty())
+                done.m_parent->EraseChild(done);
         }
     }
 }
@@ -215,7 +224,7 @@ void Node::EraseUpwardsWhileEmpty(const YSelectionManagerNode* last)
 {
     for (Node* node = this; node != last && node->IsEmpty() && node->m_parent != nullptr;) {
         Node* const parent = node->m_parent;
-        parent->m_children.erase(parent->m_children.find(node->m_name));
+        parent->EraseChild(*node);
         node = parent;
     }
 }
@@ -286,13 +295,39 @@ bool Node::SelectsAllExplicitly() const
 
 Node* Node::FindChild(const YString& name) const
 {
-    const auto child = m_children.find(name);
-    return child == m_children.end() ? nullptr : child->second.get();
+    return m_children == nullptr ? nullptr : m_children->Find(name);
 }
 
 Node& Node::AddChild(const YString& name)
 {
-    return *m_children.emplace(name, std::make_unique<Node>(name, this)).first->second;
+    return AddChild(std::make_unique<Node>(name, this));
+}
+
+Node& Node::AddChild(std::unique_ptr<YSelectionManagerNode> child)
+{
+    if (m_children != nullptr)
+        return m_children->Add(std::move(child));
+    auto children = std::make_unique<Children>();
+    Node& added = children->Add(std::move(child));
+    m_children = std::move(children);
+    return added;
+}
+
+void Node::EraseChild(YSelectionManagerNode& child)
+{
+    m_children->Erase(child);
+    if (m_children->Count() == 0)
+        m_children.reset();
+}
+
+Node::NamedChildren Node::ChildrenInOrder() const
+{
+    return m_children == nullptr ? NamedChildren() : m_children->InOrder();
+}
+
+std::size_t Node::CountChildren() const
+{
+    return m_children == nullptr ? 0 : m_children->Count();
 }
 
 } // namespace Backup::File

@@ -194,24 +194,27 @@ Krt::YStream& operator<<(Krt::YStream& stream, const Node& node)
     struct Level
     {
         const Node* node;
-        Node::Children::const_iterator next;
+        Node::NamedChildren children;
+        std::size_t next = 0;
     };
     node.Write(stream);
-    std::vector<Level> open{{&node, node.m_children.begin()}};
+    std::vector<Level> open;
+    open.push_back({&node, node.ChildrenInOrder()});
     while (!open.empty()) {
         Level& level = open.back();
-        if (level.next == level.node->m_children.end()) {
+        if (level.next == level.children.size()) {
             open.pop_back();
             continue;
         }
-        const auto& [name, child] = *level.next++;
+        const auto& [name, child] = level.children[level.next++];
         if (child == nullptr) { // a damaged tree is what such a print is for
-            stream << "child.second is empty for: " << name << " under node at address: " << Krt::Hex::On
+            stream << "child.second is empty for: " << YString(name)
+                   << " under node at address: " << Krt::Hex::On
                    << reinterpret_cast<unsigned long>(level.node) << Krt::Modifiers::EndLine;
             continue;
         }
         child->Write(stream);
-        open.push_back({child.get(), child->m_children.begin()});
+        open.push_back({child, child->ChildrenInOrder()});
     }
     return stream;
 }

@@ -18,23 +18,23 @@ public:
 
     void Next()
     {
-        if (m_current->m_children.empty()) {
+        if (m_current->m_children == nullptr) {
             NextBeside();
             return;
         }
-        m_open.push_back({m_current->m_children.begin(), m_current->m_children.end()});
-        m_current = m_open.back().position->second.get();
+        m_open.push_back({m_current->ChildrenInOrder()});
+        m_current = m_open.back().children.front().second;
     }
 
     /// Leaves out what is below the current node.
     void NextBeside()
     {
-        while (!m_open.empty()) {
-            if (++m_open.back().position != m_open.back().end) {
-                m_current = m_open.back().position->second.get();
+        for (; !m_open.empty(); m_open.pop_back()) {
+            Level& level = m_open.back();
+            if (++level.current != level.children.size()) {
+                m_current = level.children[level.current].second;
                 return;
             }
-            m_open.pop_back();
         }
         m_current = nullptr;
     }
@@ -42,8 +42,8 @@ public:
 private:
     struct Level
     {
-        Children::const_iterator position;
-        Children::const_iterator end;
+        NamedChildren children;
+        std::size_t current = 0;
     };
 
     const YSelectionManagerNode* m_current;
