@@ -11,8 +11,7 @@ install(TARGETS kbagent RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 # Headers that only the libraries' own sources include stay at home.
 set(BACKUP_PRIVATE_HEADERS
   Core/OpenSSL/ File/LegacyVamHeader.h File/YSelectionChildren.h File/YSelectionNodeWalk.h
-  File/YSelectionRulesBelow.h Util/BuildInfo.h
-  Util/Unix/Linux/SystemdUnit.h)
+  File/YSelectionRulesBelow.h Util/BuildInfo.h Util/Unix/Linux/SystemdUnit.h)
 set(KRT_PRIVATE_HEADERS
   Environment/Unix/ Exception/OsErrorName.h Exception/Unix/ File/Unix/ JSON/ValueBlock.h Log/YLogContext.h
   Profile/Unix/ String/Ascii.h Thread/Unix/NativeThread.h Thread/YReadWriteMutexInternal.h)
