@@ -29,8 +29,11 @@ bool CanOthersWrite(const struct stat& status)
 
 std::string ReadLink(const std::string& path)
 {
-    std::error_code ignored; // then it leads nowhere
-    return std::filesystem::read_symlink(path, ignored).string();
+    std::error_code error;
+    std::string target = std::filesystem::read_symlink(path, error).string();
+    if (error)
+        KRT_RAISE_OS_ERROR(error.value(), Krt::MessageType::General, "Failed to read link: " << path.c_str());
+    return target;
 }
 
 std::string Octal(mode_t mode)
