@@ -12,8 +12,8 @@ namespace Agent {
 ///   - for root, the file and each directory on the way belong to root, and nobody else can write to them; a
 ///     group's right counts, save that of root's group. A directory with the sticky bit may be shared, such
 ///     as /tmp, if what is used in it is root's own and, being a file, has no further name.
-/// A missing file is fine where nobody else can make it. What root can't look at raises the operating system's
-/// error; for others it is left to whoever opens the file.
+/// A missing file is fine where nobody else can make it. What root can't look at raises the operating
+/// system's error; for others it is left to whoever opens the file.
 void RequireOwnFile(const std::string& what, const std::string& path);
 
 /// The same for a log. One that is missing in a shared directory is made for root, exclusively and with mode
