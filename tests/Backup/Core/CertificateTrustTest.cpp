@@ -251,6 +251,7 @@ TEST(CertificateTrust, PinStandsForTheAnchorAlone)
         return pinned(Present([=](Scene& s) { s.options.revocationLists = make(s); }), false);
     };
     using List = std::vector<std::string>;
+    constexpr long long lastYear = 253370764800;
     Check({
         {"self-signed", pinned([](Scene&) {})},
         {"issued", pinned([](Scene&) {}, false)},
@@ -270,6 +271,26 @@ TEST(CertificateTrust, PinStandsForTheAnchorAlone)
         {"not on the list", lists([](Scene& s) -> List { return {s.middle->RevocationList({*s.middle})}; })},
         {"list expired", lists([](Scene& s) -> List { return {s.middle->RevocationList({}, Now - 1)}; }),
          "CRL has expired"},
+        {"list not yet valid",
+         pinned(
+             [](Scene& s) {
+                 s.serverForm.notBefore = Now - 5000;
+                 s.present = [](Scene& t) {
+                     t.options.time = Now - 3000;
+                     t.options.revocationLists = {t.middle->RevocationList({})};
+                 };
+             },
+             false),
+         "CRL is not yet valid"},
+        {"by the clock", pinned(
+                             [&](Scene& s) {
+                                 s.serverForm.notAfter = lastYear;
+                                 s.present = [=](Scene& t) {
+                                     t.options.time.reset();
+                                     t.options.revocationLists = {t.middle->RevocationList({}, lastYear)};
+                                 };
+                             },
+                             false)},
         {"list of another issuer", lists([](Scene& s) -> List { return {s.root->RevocationList({})}; }),
          NoList},
         {"list of the issuer's authorities",
@@ -387,9 +408,13 @@ TEST(CertificateTrust, UnusableArgumentsRaise)
     const auto judge = [&](const std::string& host, const TrustOptions& options) {
         return IsCertificateTrusted(scene.sent, scene.chain, YString(std::string_view(host)), options);
     };
-    for (const std::string host :
-         {"", ".", "a..b", ".example", "*.example", "a b", "1.2.3", "01.2.3.4", "1.2.3.4.5", "1.2.3.256",
-          "0x7f000001", "1.0X4", "[a.example]", "[1.2.3.4]", "[]", "::1::", "1:2", "::+1.2.3.4", "a/b"}) {
+    std::string tooLong = "a";
+    while (tooLong.size() <= 253)
+        tooLong += ".a";
+    for (const std::string host : {"",          tooLong.c_str(), ".",     "a..b",        ".example",
+                                   "*.example", "a b",           "1.2.3", "01.2.3.4",    "1.2.3.4.5",
+                                   "1.2.3.256", "0x7f000001",    "1.0X4", "[a.example]", "[1.2.3.4]",
+                                   "[]",        "::1::",         "1:2",   "::+1.2.3.4",  "a/b"}) {
         EXPECT_RAISES(judge(host, {}), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
                       "Not a host name or an IP address: '" + host + "'");
     }
@@ -431,9 +456,15 @@ TEST(CertificateTrust, UnusableArgumentsRaise)
     options.anchorFiles = {directory.Path().c_str()};
     EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "ReadCertificateFile",
                   "Not a regular file: " + directory.Path());
-    options.time = 253402300800;
-    EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
-                  "Out of the years 0 to 9999: the time of judgement, 253402300800");
+    const std::string large = directory.Write("large", std::string((16 << 20) + 1, ' '));
+    options.anchorFiles = {large.c_str()};
+    EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "ReadCertificateFile",
+                  "Too large for certificates: " + large);
+    for (const long long time : {-62167219201, 253402300800}) {
+        options.time = time;
+        EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
+                      "Out of the years 0 to 9999: the time of judgement, " + std::to_string(time));
+    }
     options.time = std::nullopt;
     options.anchorFiles = {(file + "x").c_str()};
     EXPECT_RAISES_OS(judge(Host, options), Krt::MessageType::General, ENOENT, "ReadCertificateFile",
@@ -443,6 +474,33 @@ TEST(CertificateTrust, UnusableArgumentsRaise)
     const std::unique_ptr<SSL, decltype(&SSL_free)> connection(SSL_new(context.get()), &SSL_free);
     EXPECT_RAISES(IsCertificateTrusted(connection.get(), Host), Krt::ErrorCode::InvalidArgument,
                   "IsCertificateTrusted", "The handshake of the connection isn't done");
+}
+
+TEST(CertificateTrust, ServerWithoutCertificateIsRefused)
+{
+    using Connection = std::unique_ptr<SSL, decltype(&SSL_free)>;
+    BIO* ends[2];
+    ASSERT_EQ(BIO_new_bio_pair(&ends[0], 0, &ends[1], 0), 1);
+    const auto connect = [](BIO* end) {
+        SSL_CTX* const context = SSL_CTX_new(TLS_method());
+        SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
+        SSL_CTX_set_cipher_list(context, "AECDH-AES128-SHA:@SECLEVEL=0");
+        Connection connection(SSL_new(context), &SSL_free);
+        SSL_CTX_free(context);
+        SSL_set_bio(connection.get(), end, end);
+        return connection;
+    };
+    const Connection client = connect(ends[0]);
+    const Connection server = connect(ends[1]);
+    for (int round = 0; round < 3; ++round) {
+        SSL_connect(client.get());
+        SSL_accept(server.get());
+    }
+    ASSERT_TRUE(SSL_is_init_finished(client.get()));
+    TrustReport report;
+    EXPECT_FALSE(IsCertificateTrusted(client.get(), Host));
+    EXPECT_FALSE(IsCertificateTrusted(client.get(), Host, {}, &report));
+    EXPECT_EQ(report.reason.Bytes(), "the server showed no certificate");
 }
 
 TEST(CertificateTrust, SummaryTellsWhatTheCertificateSays)

@@ -55,6 +55,38 @@ TEST(YSelectionManagerQuery, Answers)
     }
 }
 
+TEST(YSelectionManagerQuery, AnswersInParts)
+{
+    const YSelectionManager tree = Tree("include /a exact=b explicit; exclude / exact=a; silent /a/c any; "
+                                        "include /d/e any; silent /d exact=f");
+    const struct
+    {
+        YSelectionManager::Components path;
+        std::string parts;
+    } rows[] = {{{"a"}, "exclude reported, below"},
+                {{"a", "b"}, "include, explicit"}, // and the exclude of its parent is overridden
+                {{"a", "c"}, "exclude reported, children"},
+                {{"d"}, "below"},
+                {{"d", "e", "x"}, "include"},
+                {{"d", "f"}, "exclude"},
+                {{"x"}, ""}};
+    for (const auto& row : rows) {
+        std::string parts;
+        const auto add = [&](bool holds, const char* part) {
+            if (holds)
+                parts += (parts.empty() ? "" : ", ") + std::string(part);
+        };
+        bool reportable = false;
+        const bool isExcluded = tree.PathMatchesExclude(row.path, reportable);
+        add(tree.PathMatchesInclude(row.path), "include");
+        add(isExcluded, reportable ? "exclude reported" : "exclude");
+        add(tree.AllChildrenOfPathAreExcludedNotReportably(row.path), "children");
+        add(tree.AnyIncludesApplyBelowPath(row.path), "below");
+        add(tree.IsAnyExplicitSelectionBelowComponent(row.path, 0), "explicit");
+        EXPECT_EQ(parts, row.parts) << row.path.back().Bytes();
+    }
+}
+
 TEST(YSelectionManagerQuery, HasNoAnswerAboutTheRoot)
 {
     const YSelectionManager tree = Tree("include / recursive any");

@@ -124,8 +124,13 @@ TEST(YSelectionManager, CopiesMovesAndCompares)
     copy.Add(Rule("include /a/b recursive any"));
     EXPECT_EQ(Words(tree), rules) << "the copy is apart";
     EXPECT_FALSE(copy == tree);
-    EXPECT_FALSE(Tree("include /a any") == Tree("include /b any"));
-    EXPECT_FALSE(Tree("include /a any") == Tree("include /a any; include /b any"));
+    const std::string rule = "include /a any; exclude /a exact=b";
+    for (const std::string other :
+         {"include /b any; exclude /b exact=b", "include /a any", "exclude /a exact=b",
+          "include /a recursive any; exclude /a exact=b", "include /a any; silent /a exact=b",
+          "include /a any; exclude /a exact=c"})
+        EXPECT_FALSE(Tree(rule) == Tree(other)) << other;
+    EXPECT_FALSE(Tree(rule) == Tree(rule + "; include /b any"));
     EXPECT_TRUE(Tree("include /a any") == Tree("include /a any nocase")) << "all names are all names";
 
     YSelectionManager moved = std::move(copy);

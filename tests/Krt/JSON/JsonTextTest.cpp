@@ -48,6 +48,8 @@ TEST(JsonText, WritesWhatItReads)
     };
     for (const auto& row : rows)
         EXPECT_EQ(YValue::Parse(row.text)->Stringify(true).Bytes(), row.compact) << row.name;
+    // What no text gives: values that aren't there.
+    EXPECT_EQ(YValue::FromArray(Krt::JSON::YArray(2)).Stringify(true).Bytes(), "[null,null]");
 }
 
 TEST(JsonText, IndentsByTwoBlanks)

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <sys/stat.h>
@@ -144,6 +145,28 @@ TEST_F(YFileTest, TimesThatCannotBeSet)
     fs::remove(m_directory / "other");
     file.Open(YFile::OPEN_MODE_READ, At("file"), NoOptions);
     EXPECT_TRUE(file.IsRegularFile()) << "opening again drops the failure";
+    const YFile lost(YFile::OPEN_MODE_WRITE, At("lost"), NoOptions);
+    fs::remove(m_directory / "lost"); // and the destructor has nobody to tell
+}
+
+TEST_F(YFileTest, ChangesWhatStandsAtItsPath)
+{
+    m_directory.Write("file", "x");
+    YFile file(YFile::OPEN_MODE_READ, At("file"), NoOptions);
+    const unsigned int user = geteuid() == 0 ? 1234 : geteuid();
+    const unsigned int group = geteuid() == 0 ? 4321 : getegid();
+    file.SetUID(user);
+    file.SetGID(group);
+    file.SetModeFlags(S_IFREG | 0751);
+    file.OpenForWrite();
+    const struct stat status = StatusOf("file");
+    EXPECT_EQ(status.st_uid, user);
+    EXPECT_EQ(status.st_gid, group);
+    EXPECT_EQ(status.st_mode, S_IFREG | 0751u);
+    EXPECT_EQ(status.st_size, 1) << "it was opened for reading";
+    file.Initialize(1);
+    EXPECT_FALSE(file.IsOpen());
+    EXPECT_EQ(Testing::OsErrorOf([&] { file.SetUID(user); }), ENOENT) << "without a path";
 }
 
 TEST_F(YFileTest, TracesOnItsChannel)
@@ -195,6 +218,8 @@ TEST_F(YFileTest, TheSwitchForAttributesGovernsReadingAlone)
         m_directory.Write("kbagent.conf", "[configuration]\ndisableXattr=false\n");
     setenv("KBAGENT_CONFIG", configuration.c_str(), 1);
     EXPECT_TRUE(file.GetExtendedAttributeMap().contains("user.b"));
+    const auto names = file.ListExtendedAttributes();
+    EXPECT_EQ(std::count(names.begin(), names.end(), "user.b"), 1);
     m_directory.Write("kbagent.conf", "[configuration]\ndisableXattr=true\n");
     EXPECT_TRUE(file.GetExtendedAttributeMap().empty()) << "read afresh";
     unsetenv("KBAGENT_CONFIG");
