@@ -59,7 +59,9 @@ void LoadRules(Backup::File::YSelectionManager& rules, const std::string& jobFil
     if (!file.is_open() || text.bad())
         KRT_RAISE_OS("Can't read the job file " << jobFile.c_str());
     try {
-        rules.FromJSON(Krt::JSON::YValue::Parse(text.str())->AsObject());
+        // The text of a large job is given up before its rules are made.
+        const auto job = Krt::JSON::YValue::Parse(std::move(text).str());
+        rules.FromJSON(job->AsObject());
     } catch (const Krt::Exception::YError& error) {
         KRT_RAISE(Krt::ErrorCode::InvalidArgument,
                   "The job file " << jobFile.c_str() << " holds no usable rules: " << error);
