@@ -63,9 +63,10 @@ inSpecialisation {
 
 # A declaration after the first under a comment, without one of its own behind it. What overrides has the comment of
 # what it overrides, unless it stands among its like.
-!inComment && !special && comment != "" && ended && !/\/\/\/</ && (!/ override/ || afterOverride) && match($0, /[A-Za-z_\[~]/) == indent &&
-    !/^ *(public|protected|private|friend class)/ {
-    $0 = substr($0, 1, indent - 1) "/**" comment " */ " (indent == 1 ? "/** @ingroup " family " */ " : "") substr($0, indent)
+!inComment && !special && comment != "" && ended && !/\/\/\/</ && (!/ override/ || afterOverride) &&
+    match($0, /[A-Za-z_\[~]/) == indent && !/^ *(public|protected|private|friend class)/ {
+    told = "/**" comment " */ " (indent == 1 ? "/** @ingroup " family " */ " : "")
+    $0 = substr($0, 1, indent - 1) told substr($0, indent)
 }
 # What stands in a namespace belongs to the family.
 inComment && indent == 1 { $0 = "/** @ingroup " family " */ " $0 }

@@ -7,12 +7,16 @@ kbagent=$1 source=$2 failed=0
 page=$source/packaging/kbagent.1
 fail() { echo "$*" >&2; failed=1; }
 
-options_of() { "$kbagent" "$@" --help | grep -oE '^ +-[^ ]+' | grep -oE -- '--[a-z]+' | grep -vx -- --help | sort -u; }
+options_of() {
+    "$kbagent" "$@" --help | grep -oE '^ +-[^ ]+' | grep -oE -- '--[a-z]+' | grep -vx -- --help | sort -u || true
+}
 commands_of() { "$kbagent" "$@" --help | awk '/^Subcommands:/ { f = 1; next } /^[^ ]/ { f = 0 } f && NF { print $1 }'; }
 # The options in the page's section that begins with these words.
-told() { tr -d '\\' <"$page" | awk -v head="$1" '/^\.S/ { f = index($0, head) == 1 } f' | sed 's/^\.S.*//' |
-    grep -oE -- '^\.B[IR]* --[a-z]+' | grep -oE -- '--[a-z]+' | sort -u || true; }
-same() { [ "$2" = "$3" ] || fail "$1: the program has" $2 "- the page has" $3; }
+told() {
+    awk -v head="$1" '/^\.S/ { f = index($0, head) == 1; next } f { gsub(/\\/, ""); print }' "$page" |
+        grep -oE -- '^\.B[IR]* --[a-z]+' | grep -oE -- '--[a-z]+' | sort -u || true
+}
+same() { [ "$2" = "$3" ] || fail "$1: the program has ${2//$'\n'/ }; the page has ${3//$'\n'/ }"; }
 
 commands=$(commands_of)
 [ "$(wc -w <<<"$commands")" -ge 9 ] || fail "--help lists no commands: $commands"
