@@ -318,7 +318,6 @@ TEST_F(Reading, AProgramWithoutStandardStreamsWritesNoneIntoAFile)
             RunProgram({"restore", "--store", store, "--to", target, source + "/file"}, settings);
         EXPECT_EQ(restore.exitCode, (closed & 2) != 0 ? 1 : 0) << closed << restore.errors;
         EXPECT_EQ(ReadFile(target + source + "/file"), "12345") << closed;
-        EXPECT_EQ(RunProgram({"list", "--store", store}).exitCode, 0) << closed;
     }
 }
 

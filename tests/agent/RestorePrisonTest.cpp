@@ -190,7 +190,7 @@ TEST_F(RestorePrison, HoldsWhileSomebodySwapsWhatStandsThere)
 {
     constexpr unsigned long EnoughSwaps = 2000;
     MakeSnapshot([&](Agent::SnapshotWriter& writer) {
-        for (unsigned long long group = 1; group <= 30; ++group) {
+        for (unsigned long long group = 1; group <= 15; ++group) {
             writer.Add(Directory({"d"}, 0750));
             writer.Add(FileWith({"d", "file"}, "evil"));
             writer.Add(LinkTo({"d", "link"}, "evil"));
