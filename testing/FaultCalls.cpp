@@ -55,8 +55,7 @@ bool FailsTransfer(const char* name, size_t& count)
     return FaultStrikes(FaultDomain::SystemCalls, name);
 }
 
-// The C library's streams don't repeat what a signal interrupts: their callers have it repeated by the
-// kernel.
+// For what no signal interrupts, and for the C library's streams: who uses those has the kernel repeat.
 bool FailsUninterrupted(const char* name)
 {
     return (g_faultRun.kind == nullptr || g_faultRun.kind->error != EINTR) &&
@@ -156,8 +155,11 @@ using Testing::FaultStrikes;
 using Testing::Free;
 using Testing::Real;
 
-// Those without throw call these.
 void* operator new(std::size_t size)
+{
+    return Allocate(size, 1);
+}
+void* operator new[](std::size_t size)
 {
     return Allocate(size, 1);
 }
@@ -165,11 +167,31 @@ void* operator new(std::size_t size, std::align_val_t alignment)
 {
     return Allocate(size, static_cast<std::size_t>(alignment));
 }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    try {
+        return Allocate(size, 1);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 void operator delete(void* memory) noexcept
 {
     Free(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept
+{
+    Free(memory);
+}
+void operator delete[](void* memory) noexcept
+{
+    Free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept
+{
+    Free(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept
 {
     Free(memory);
 }
@@ -233,7 +255,6 @@ PLAIN_CALL(utimensat, (int fd, const char* path, const timespec* times, int flag
 PLAIN_CALL(futimens, (int fd, const timespec* times), (fd, times))
 PLAIN_CALL(ftruncate, (int fd, off_t size), (fd, size))
 PLAIN_CALL(flock, (int fd, int operation), (fd, operation))
-PLAIN_CALL(getentropy, (void* data, size_t count), (data, count))
 PLAIN_CALL(lsetxattr, (const char* path, const char* name, const void* value, size_t size, int flags),
            (path, name, value, size, flags))
 PLAIN_CALL(fsetxattr, (int fd, const char* name, const void* value, size_t size, int flags),
@@ -247,6 +268,7 @@ SIZED_CALL(lgetxattr, (const char* path, const char* name, void* value, size_t s
            (path, name, value, size))
 SIZED_CALL(fgetxattr, (int fd, const char* name, void* value, size_t size), (fd, name, value, size))
 
+CALL(int, getentropy, (void* data, size_t count), (data, count), FailsUninterrupted("getentropy"), -1)
 CALL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), FailsUninterrupted("lseek"), -1)
 CALL(FILE*, setmntent, (const char* table, const char* mode), (table, mode), FailsUninterrupted("setmntent"),
      nullptr)

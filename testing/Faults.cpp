@@ -55,7 +55,7 @@ constexpr FaultKind Kinds[] = {
 };
 
 // What a sample takes of each kind, where it isn't known how many there are, and the seconds of a run.
-constexpr unsigned long SampleOfKind = 4;
+constexpr unsigned long SampleOfKind = 3;
 constexpr unsigned long UnknownCalls = 30;
 constexpr unsigned int LongestRun = 60;
 
@@ -65,8 +65,6 @@ constexpr long KeptByOpenSsl = 8;
 constexpr int WarmRuns = 3;
 
 bool g_followsMemory = true;
-
-constexpr std::size_t DomainCount = sizeof g_faultRun.calls / sizeof *g_faultRun.calls;
 
 std::bitset<256> OpenDescriptors()
 {

@@ -33,9 +33,19 @@ TargetTree::TargetTree(YDirectory root, YString staging, RefusalReport report)
     : m_root(std::move(root)), m_stagingName(std::move(staging)), m_report(std::move(report))
 {}
 
+// A level that can't be finished, for want of memory, doesn't keep those above from it.
 TargetTree::~TargetTree()
 {
-    Finish();
+    for (;;) {
+        try {
+            Finish();
+            return;
+        } catch (...) {
+            if (m_levels.empty())
+                return;
+            m_levels.pop_back();
+        }
+    }
 }
 
 const YDirectory& TargetTree::ParentOf(const Place& place)

@@ -1,7 +1,5 @@
 #include "agent/Restore/Staging.h"
 
-#include "Krt/Exception/YError.h"
-
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,13 +10,22 @@ using Krt::File::YDirectory;
 
 namespace {
 
+// Another failure is on its way, and has more to tell.
+void RemoveQuietly(const YDirectory& parent, const YString& name) noexcept
+{
+    try {
+        parent.RemoveDirectory(name);
+    } catch (...) {
+    }
+}
+
 YDirectory MakePrivate(const YDirectory& parent, const YString& name)
 {
     parent.MakeDirectory(name, S_IRWXU);
     try {
         return parent.OpenDirectory(name);
-    } catch (const Krt::Exception::YError&) {
-        parent.RemoveDirectory(name);
+    } catch (...) {
+        RemoveQuietly(parent, name);
         throw;
     }
 }
@@ -27,8 +34,13 @@ YDirectory MakePrivate(const YDirectory& parent, const YString& name)
 
 Staging::Staging(const YDirectory& parent, const YString& name) : m_directory(MakePrivate(parent, name))
 {
-    const struct stat status = m_directory.Stat();
-    m_isPrivate = status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+    try {
+        const struct stat status = m_directory.Stat();
+        m_isPrivate = status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+    } catch (...) {
+        RemoveQuietly(parent, name);
+        throw;
+    }
 }
 
 } // namespace Agent
