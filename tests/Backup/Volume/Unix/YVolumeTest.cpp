@@ -125,8 +125,8 @@ TEST_F(Volume, TracesItsSteps)
     std::erase_if(own, [](const std::string& line) { return line.starts_with("Volume: "); });
     EXPECT_EQ(own, (std::vector<std::string>{"YVolume: Initializing volume with path /proc/self",
                                              "YVolume: Got volume uniquePath /dev/b",
-                                             "YVolume:  Determined mount path /proc->/dev/disk one\\",
-                                             "YVolume:  Determined mount path /proc->/dev/disk one\\",
+                                             "YVolume:  Determined mount path /proc->/dev/disk one\\\\",
+                                             "YVolume:  Determined mount path /proc->/dev/disk one\\\\",
                                              "YVolume: With volume mount path: /proc"}));
 }
 
