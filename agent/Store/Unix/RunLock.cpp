@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Agent {
 
@@ -35,14 +36,19 @@ YUnxHandle CreateRunLock(const Krt::File::YDirectory& directory, const Krt::YStr
     YUnxHandle file = OpenLock(directory, name, O_CREAT | O_EXCL);
     if (file.IsEmpty())
         KRT_RAISE_OS("Failed to create file: " << name);
-    if (!Lock(file)) {
-        if (errno == EWOULDBLOCK)
+    try {
+        if (!Lock(file)) {
+            if (errno == EWOULDBLOCK)
+                return YUnxHandle();
+            KRT_RAISE_OS("Failed to lock file: " << name);
+        }
+        if (Krt::File::Stat(file).st_nlink == 0)
             return YUnxHandle();
-        KRT_RAISE_OS("Failed to lock file: " << name);
+        return file;
+    } catch (...) {
+        unlinkat(directory.GetHandle().Get(), name.CStr(), 0); // else a later run does that
+        throw;
     }
-    if (Krt::File::Stat(file).st_nlink == 0)
-        return YUnxHandle();
-    return file;
 }
 
 RunState TakeRunLock(const Krt::File::YDirectory& directory, const Krt::YString& name, YUnxHandle& lock)
