@@ -117,7 +117,7 @@ protected:
         if (!faults.CouldCleanUp() || !fs::exists(store + "/tmp"))
             return;
         for (const fs::directory_entry& entry : fs::directory_iterator(store + "/tmp"))
-            EXPECT_TRUE(exitCode == 1 && entry.path().filename() == Abandoned) << entry.path();
+            EXPECT_EQ(entry.path().filename(), Abandoned); // which a later run removes
     }
 
     const std::string Abandoned = "0123456789abcdef.7";
@@ -129,10 +129,12 @@ protected:
 
 TEST_F(AgentFaults, BackupIntoANewStore)
 {
-    CheckWithFaults([&](Faults& faults) {
-        fs::remove_all(store);
-        CheckBackup(faults, source, 8, 0);
-    });
+    CheckWithFaults(
+        [&](Faults& faults) {
+            fs::remove_all(store);
+            CheckBackup(faults, source, 8, 0);
+        },
+        {"readlink"});
 }
 
 TEST_F(AgentFaults, BackupIntoAStore)
@@ -141,12 +143,14 @@ TEST_F(AgentFaults, BackupIntoAStore)
     CheckBackup(none, source + "/d", 3, 0);
     const std::string before = directory / "before";
     fs::rename(store, before);
-    CheckWithFaults([&](Faults& faults) {
-        fs::remove_all(store);
-        fs::copy(before, store, fs::copy_options::recursive);
-        directory.Write("store/tmp/" + Abandoned, "left by a run that crashed");
-        CheckBackup(faults, source, 8, 1);
-    });
+    CheckWithFaults(
+        [&](Faults& faults) {
+            fs::remove_all(store);
+            fs::copy(before, store, fs::copy_options::recursive);
+            directory.Write("store/tmp/" + Abandoned, "left by a run that crashed");
+            CheckBackup(faults, source, 8, 1);
+        },
+        {"readlink"});
 }
 
 TEST_F(AgentFaults, Restore)
