@@ -1,6 +1,7 @@
 #include "agent/Store/Durable.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/Util/Retry.h"
 
 #include <unistd.h>
 
@@ -8,7 +9,7 @@ namespace Agent {
 
 void SyncFileSystem(const Krt::Util::YUnxHandle& directory)
 {
-    if (syncfs(directory.Get()) != 0)
+    if (Krt::Util::RetryOnInterrupt([&] { return syncfs(directory.Get()); }) != 0)
         KRT_RAISE_OS("Failed to write the store to disk");
 }
 
