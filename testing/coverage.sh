@@ -25,11 +25,11 @@ gcovr --root . -j "$(nproc)" --filter libkrt/ --filter Backup/ --exclude '.*/Mac
     --json "$counts" "$build/libkrt" "$build/Backup" "$build/tests"
 
 failed=0
-# share NAME FILTER [OPTION...]
+# share NAME FILTER [OPTION...]; gcovr replaces the file that it writes, so that root would lose /dev/null
 share() {
     local name=$1 filter=$2
     shift 2
-    gcovr --root . -a "$counts" --filter "$filter" --print-summary -o /dev/null "$@" 2>/dev/null >build/coverage.log ||
+    gcovr --root . -a "$counts" --filter "$filter" --print-summary -o "$build/share" "$@" 2>/dev/null >build/coverage.log ||
         failed=1
     awk -v name="$name" '{ sub(/^[a-z]+: /, ""); share[NR] = $0 }
         END { printf "%-16s lines %-26s branches %s\n", name, share[1], share[3] }' build/coverage.log

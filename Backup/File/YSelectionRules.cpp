@@ -74,41 +74,41 @@ void YSelectionRules::Erase(const_iterator position)
 // All are found before the first goes, so that a failure changes nothing.
 std::size_t YSelectionRules::EraseCovered(const Rule& rule, const std::function<bool(const Rule&)>& mayGo)
 {
-    std::vector<const_iterator> covered;
-    const auto consider = [&](const_iterator stored) {
-        if (rule.CanPrune(*stored) && mayGo(*stored))
-            covered.push_back(stored);
-    };
-    if (m_index == nullptr || MayCoverOtherPatterns(rule)) {
-        for (auto stored = m_rules.begin(); stored != m_rules.end(); ++stored)
-            consider(stored);
-        if (covered.empty())
-            return 0;
+    Pointers covered = FindCovered(rule);
+    std::erase_if(covered, [&](const Rule* stored) { return !mayGo(*stored); });
+    // An index of what remains is made sooner than so much is taken out of it.
+    const bool isMost = covered.size() > m_rules.size() / 2;
+    if (isMost)
         m_index.reset();
-        for (const const_iterator stored : covered)
-            m_rules.erase(stored);
+    for (const Rule* const stored : covered)
+        Erase(m_rules.find(*stored));
+    if (isMost)
         RemakeIndex();
-    } else {
-        Pointers samePattern;
-        const auto gather = [&](const Rule& stored) {
-            samePattern.push_back(&stored);
-            return false;
-        };
-        m_index->VisitPattern(rule.GetDescriptor().GetPattern(), gather);
-        std::sort(samePattern.begin(), samePattern.end(),
-                  [](const Rule* a, const Rule* b) { return *a < *b; });
-        for (const Rule* const stored : samePattern)
-            consider(m_rules.find(*stored));
-        for (const const_iterator stored : covered)
-            Erase(stored);
-    }
     return covered.size();
 }
 
-bool YSelectionRules::MayCoverOtherPatterns(const Rule& rule) const
+// In order.
+YSelectionRules::Pointers YSelectionRules::FindCovered(const Rule& rule) const
 {
+    Pointers covered;
+    const auto consider = [&](const Rule& stored) {
+        if (rule.CanPrune(stored))
+            covered.push_back(&stored);
+        return false;
+    };
     const Krt::Match::Descriptor& names = rule.GetDescriptor();
-    return names.IsAny() || (names.GetMatchType() == MatchType::Glob && m_index->exactCount != 0);
+    if (m_index == nullptr || names.IsAny()) {
+        std::for_each(m_rules.begin(), m_rules.end(), consider);
+        return covered;
+    }
+    // Beside its own pattern a glob covers names, and nothing else covers more than its pattern.
+    m_index->VisitPattern(names.GetPattern(), [&](const Rule& stored) {
+        return names.GetMatchType() == MatchType::Glob && IsExact(stored) ? false : consider(stored);
+    });
+    if (names.GetMatchType() == MatchType::Glob)
+        Index::Visit(m_index->exact, consider);
+    std::sort(covered.begin(), covered.end(), [](const Rule* a, const Rule* b) { return *a < *b; });
+    return covered;
 }
 
 void YSelectionRules::RemakeIndex()
@@ -132,19 +132,31 @@ void YSelectionRules::TryToIndex(const Rule& rule)
 
 void YSelectionRules::Index::Add(const Rule& rule)
 {
-    byPattern.emplace(rule.GetDescriptor().GetPattern().Bytes(), &rule);
+    byPattern.emplace(rule.GetDescriptor().GetPattern().Bytes(), Place{&rule, exact.size()});
     if (Pointers* const list = ListOf(*this, rule))
         list->push_back(&rule);
-    exactCount += IsExact(rule);
+    if (IsExact(rule))
+        exact.push_back(&rule);
+}
+
+YSelectionRules::Index::ByPattern::iterator YSelectionRules::Index::Find(const Rule& rule)
+{
+    const auto [first, last] = byPattern.equal_range(rule.GetDescriptor().GetPattern().Bytes());
+    return std::find_if(first, last, [&](const auto& entry) { return entry.second.rule == &rule; });
 }
 
 void YSelectionRules::Index::Remove(const Rule& rule)
 {
-    const auto [first, last] = byPattern.equal_range(rule.GetDescriptor().GetPattern().Bytes());
-    byPattern.erase(std::find_if(first, last, [&](const auto& entry) { return entry.second == &rule; }));
+    const auto removed = Find(rule);
+    if (IsExact(rule)) {
+        // The last one moves to its place.
+        Find(*exact.back())->second.inExact = removed->second.inExact;
+        exact[removed->second.inExact] = exact.back();
+        exact.pop_back();
+    }
+    byPattern.erase(removed);
     if (Pointers* const list = ListOf(*this, rule))
         list->erase(std::find(list->begin(), list->end(), &rule));
-    exactCount -= IsExact(rule);
 }
 
 } // namespace Backup::File

@@ -89,26 +89,34 @@ private:
         void Remove(const Rule& rule);
 
         template <class Visitor>
-        bool VisitPattern(const YString& pattern, Visitor& visitor) const
+        bool VisitPattern(const YString& pattern, Visitor&& visitor) const
         {
             const auto [first, last] = byPattern.equal_range(pattern.Bytes());
-            return std::any_of(first, last, [&](const auto& entry) { return visitor(*entry.second); });
+            return std::any_of(first, last, [&](const auto& entry) { return visitor(*entry.second.rule); });
         }
         template <class Visitor>
-        static bool Visit(const Pointers& rules, Visitor& visitor)
+        static bool Visit(const Pointers& rules, Visitor&& visitor)
         {
             return std::any_of(rules.begin(), rules.end(), [&](const Rule* rule) { return visitor(*rule); });
         }
 
+        struct Place
+        {
+            const Rule* rule;
+            std::size_t inExact; // its position there, if it is exact
+        };
+        using ByPattern = std::unordered_multimap<std::string_view, Place>;
+        ByPattern::iterator Find(const Rule& rule);
+
         // All rules by their pattern, which is the name that an exact rule speaks of. The views are into the
         // rules.
-        std::unordered_multimap<std::string_view, const Rule*> byPattern;
+        ByPattern byPattern;
         Pointers aboutAll; // those that cover all names
         Pointers others;   // further ones that a name without their pattern may match
-        std::size_t exactCount = 0;
+        Pointers exact;    // in any order
     };
 
-    bool MayCoverOtherPatterns(const Rule& rule) const;
+    Pointers FindCovered(const Rule& rule) const;
     void RemakeIndex();
     void TryToIndex(const Rule& rule);
 

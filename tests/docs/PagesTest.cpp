@@ -115,8 +115,9 @@ TEST(PagesTest, PortingNamesEachSeam)
             if (entry.path().extension() != ".cpp" || folder.filename() != "Linux")
                 continue;
             const std::string name = entry.path().filename().string();
-            if (name.find("ystemd") == std::string::npos)
-                EXPECT_TRUE(fs::exists(folder.parent_path() / "Mac" / name)) << entry.path();
+            EXPECT_TRUE(name.find("ystemd") != std::string::npos ||
+                        fs::exists(folder.parent_path() / "Mac" / name))
+                << entry.path();
             folders.insert(fs::relative(folder.parent_path(), SOURCE_DIRECTORY "/libkrt/Krt").string());
         }
     }

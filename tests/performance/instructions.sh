@@ -10,7 +10,7 @@ trap 'rm -rf "$work"' EXIT
 failed=0
 while read -r name limit; do
     [[ $name != \#* ]] || continue
-    times=$(valgrind --tool=callgrind --collect-atstart=no --callgrind-out-file=/dev/null --log-file="$work/log" \
+    times=$(valgrind --tool=callgrind --collect-atstart=no --callgrind-out-file="$work/out" --log-file="$work/log" \
         "$program" "$name")
     each=$(($(awk '/Collected/ { print $NF }' "$work/log") / times))
     echo "$name: $each instructions, at most $limit"
