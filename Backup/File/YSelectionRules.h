@@ -83,6 +83,11 @@ private:
     // A smaller set is looked through from end to end.
     static constexpr std::size_t LeastIndexed = 16;
 
+    struct Place
+    {
+        const Rule* rule;
+        std::size_t inExact; // its position there, if it is exact
+    };
     struct Index
     {
         void Add(const Rule& rule);
@@ -100,11 +105,6 @@ private:
             return std::any_of(rules.begin(), rules.end(), [&](const Rule* rule) { return visitor(*rule); });
         }
 
-        struct Place
-        {
-            const Rule* rule;
-            std::size_t inExact; // its position there, if it is exact
-        };
         using ByPattern = std::unordered_multimap<std::string_view, Place>;
         ByPattern::iterator Find(const Rule& rule);
 

@@ -97,8 +97,9 @@ TEST(PagesTest, ProgramsAreThoseOfTheExamples)
         }
     }
     for (const auto& entry : std::filesystem::directory_iterator(SOURCE_DIRECTORY "/examples")) {
-        if (entry.path().extension() == ".cpp")
+        if (entry.path().extension() == ".cpp") {
             EXPECT_EQ(shown.count("examples/" + entry.path().filename().string()), 1U) << entry.path();
+        }
     }
 }
 

@@ -66,7 +66,8 @@ YString Decode(std::string_view field)
     do {
         decoded += field.substr(0, escape);
         field.remove_prefix(escape);
-        if (field.size() >= 4 && field[1] <= '3' && std::all_of(&field[1], &field[4], IsOctal)) {
+        if (field.size() >= 4 && field[1] <= '3' &&
+            std::all_of(field.begin() + 1, field.begin() + 4, IsOctal)) {
             decoded += static_cast<char>((field[1] - '0') << 6 | (field[2] - '0') << 3 | (field[3] - '0'));
             field.remove_prefix(4);
         } else {
