@@ -26,23 +26,25 @@ std::string Golden(const std::string& name)
     return ReadFile(GOLDEN_DIRECTORY "/" + name + ".json");
 }
 
-std::string Indented(const std::string& json)
+struct Case
 {
-    return YValue::Parse(json)->Stringify(false).Bytes();
-}
+    const char* name;
+    std::string text;
+    std::string records; // "LINE RECORD" for what is one, "LINE: REASON" for what is none, " | " between them
+};
 
-// "LINE RECORD" for what is one, "LINE: REASON" for what is none; the longest texts in short.
-Lines Read(const std::string& text)
+void Check(const std::vector<Case>& cases)
 {
     const Testing::TemporaryDirectory directory;
-    RecordReader reader(directory.Write("input", text));
-    Lines lines;
-    for (InputRecord record; reader.Next(record);) {
-        const std::string content =
-            record.json ? " " + record.json->Stringify(true).Bytes() : ": " + record.reason.Bytes();
-        lines.push_back(std::to_string(record.line) + content);
+    for (const Case& row : cases) {
+        RecordReader reader(directory.Write("input", row.text));
+        std::string records;
+        for (InputRecord record; reader.Next(record);)
+            records +=
+                (records.empty() ? "" : " | ") + std::to_string(record.line) +
+                (record.json ? " " + record.json->Stringify(true).Bytes() : ": " + record.reason.Bytes());
+        EXPECT_EQ(records, row.records) << row.name;
     }
-    return lines;
 }
 
 // Components between "|", those of files in brackets.
@@ -73,140 +75,88 @@ std::string Component(int classId, const std::string& name)
 
 TEST(RecordReader, FormsOfText)
 {
-    const struct
-    {
-        const char* name;
-        std::string text;
-        Lines records;
-    } cases[] = {
-        {"nothing", "\n \r\n", {}},
-        {"lines", "{\"a\":1}\n\n{\"a\":2}\r\n  {\"a\":3}", {"1 {\"a\":1}", "3 {\"a\":2}", "4 {\"a\":3}"}},
-        {"byte order mark", "\xEF\xBB\xBF{\"a\":1}", {"1 {\"a\":1}"}},
-        {"documents",
-         "\n{\n  \"a\": [\n    {},\n    1\n  ]\n}\n{\n\"b\":\n{}\n}\n{\"c\":3}\n",
-         {"2 {\"a\":[{},1]}", "8 {\"b\":{}}", "12 {\"c\":3}"}},
-        {"document with inner objects not indented",
-         "{\"a\":[\n{\"b\":1},\n{\"b\":2}\n]}\n{}",
-         {"1 {\"a\":[{\"b\":1},{\"b\":2}]}", "5 {}"}},
-        {"array in a line", "[{\"a\":1},{\"a\":\"[,]}\"}]", {"1 {\"a\":1}", "1 {\"a\":\"[,]}\"}"}},
-        {"array over lines",
-         "[\n  {\n    \"a\": [\n      {}\n    ]\n  },\n  {}\n]\n{}",
-         {"2 {\"a\":[{}]}", "7 {}", "9 {}"}},
-        {"empty array, then another", "[ ]\n[\n{}]", {"3 {}"}},
-        {"several in a line", "{\"a\":1}{\"a\":2} \n{\n} {}", {"1 {\"a\":1}", "1 {\"a\":2}", "2 {}", "3 {}"}},
-    };
-    for (const auto& row : cases)
-        EXPECT_EQ(Read(row.text), row.records) << row.name;
+    Check({
+        {"nothing", "\n \r\n", ""},
+        {"lines", "{\"a\":1}\n\n{\"a\":2}\r\n  {\"a\":3}", "1 {\"a\":1} | 3 {\"a\":2} | 4 {\"a\":3}"},
+        {"byte order mark", "\xEF\xBB\xBF{\"a\":1}", "1 {\"a\":1}"},
+        {"documents", "\n{\n  \"a\": [\n    {},\n    1\n  ]\n}\n{\n\"b\":\n{}\n}\n{\"c\":3}\n",
+         "2 {\"a\":[{},1]} | 8 {\"b\":{}} | 12 {\"c\":3}"},
+        {"inner objects not indented", "{\"a\":[\n{\"b\":1},\n{}\n]}\n{}", "1 {\"a\":[{\"b\":1},{}]} | 5 {}"},
+        {"array in a line", "[{\"a\":1},{\"a\":\"[,]}\"}]", "1 {\"a\":1} | 1 {\"a\":\"[,]}\"}"},
+        {"array over lines", "[\n  {\n    \"a\": [\n      {}\n    ]\n  },\n  {}\n]\n{}",
+         "2 {\"a\":[{}]} | 7 {} | 9 {}"},
+        {"empty array, then another", "[ ]\n[\n{}]", "3 {}"},
+        {"several in a line", "{\"a\":1}{\"a\":2} \n{\n} {}", "1 {\"a\":1} | 1 {\"a\":2} | 2 {} | 3 {}"},
+    });
 }
 
 TEST(RecordReader, DamageLosesItselfAlone)
 {
-    const std::string json = "Invalid JSON text: ";
+    const std::string syntax = "Invalid JSON text: syntax error at offset ";
+    const std::string cut = "Invalid JSON text: incomplete JSON at offset ";
     const std::string noEnd = "This record is damaged or has no end";
+    const std::string damaged = "This record is damaged, in line ";
+    const std::string more = "There is more behind the end of this record, in line ";
+    const std::string within = "The input ends within ", noObject = "This is no JSON object";
     const std::string first = R"({"metadata_type":1})"; // is known as a record anywhere
-    const struct
-    {
-        const char* name;
-        std::string text;
-        Lines records;
-    } cases[] = {
-        {"words", "{}\ngarbage\n{}", {"1 {}", "2: " + json + "syntax error at offset 0", "3 {}"}},
-        {"other values",
-         "[1]\n\"{\"\n{}",
-         {"1: This is no JSON object", "2: This is no JSON object", "3 {}"}},
-        {"cut off at the end of a text",
-         "{\"a\":\"b\n{}",
-         {"1: " + json + "incomplete JSON at offset 7", "2 {}"}},
-        {"cut off behind a value", "{\"a\":1\n{}\n{}", {"1: " + noEnd, "2 {}", "3 {}"}},
-        {"cut off where an object may begin",
-         "{\"a\":[\n{\"b\":1}\n{}\n{}",
-         {"1: " + noEnd, "2 {\"b\":1}", "3 {}", "4 {}"}},
-        {"cut off in front of another that is damaged",
-         "{\"a\":\n1,\n{}",
-         {"1: " + noEnd + "; left out up to line 2", "3 {}"}},
-        {"the same at the end", "{\"a\":[\n{\"b\":1}", {"1: " + noEnd, "2 {\"b\":1}"}},
-        {"its front is missing",
-         "[{}]},\"b\":1}\n{}",
-         {"1 {}", "1: " + json + "syntax error at offset 0", "2 {}"}},
-        {"more in the line",
-         "{} x\n{}",
-         {"1: There is more behind the end of this record, in line 1", "2 {}"}},
-        {"begins behind something else",
-         "x " + first + "\n{}",
-         {"1: " + json + "syntax error at offset 0", "1 " + first, "2 {}"}},
-        {"number that is none of ours",
-         "{\n\"a\": -1\n}\n{}",
-         {"1: " + json + "negative number at offset 7", "4 {}"}},
-        {"NUL",
-         "{\"a\":\"\0\"}\n\0\n{}"s,
-         {"1: " + json + "syntax error at offset 6", "2: " + json + "syntax error at offset 0", "3 {}"}},
-        {"no UTF-8", "{\"a\":\"\xff\"}\n{}", {"1: " + json + "syntax error at offset 6", "2 {}"}},
-        {"document that breaks",
-         "{\n  \"a\n  {\n}\n{}",
-         {"1: This record is damaged, in line 2; left out up to line 4", "5 {}"}},
-        {"document without an end",
-         "{\n  \"a\": 1,\n{\n  \"b\": 1\n}",
-         {"1: " + noEnd + "; left out up to line 2", "3 {\"b\":1}"}},
-        {"document with more behind it",
-         "{\n} x\n{}",
-         {"1: There is more behind the end of this record, in line 2", "3 {}"}},
-        {"input that ends in a line", "{}\n{\"a\":", {"1 {}", "2: " + json + "incomplete JSON at offset 5"}},
-        {"input that ends in a document",
-         "{\n  \"a\": 1,\n",
-         {"1: The input ends within this record, in line 2"}},
-        {"input that ends in an array", "[{},\n", {"1 {}", "2: The input ends within an array"}},
-        {"input that ends in an element",
-         "[\n  {},\n  {\n",
-         {"2 {}", "3: The input ends within this record, in line 3"}},
-        {"element that breaks",
-         "[\n  {\"a\":\"\n    {\n  },\n  {},\n  {]\n]",
-         {"2: This record is damaged, in line 2; left out up to line 4", "5 {}",
-          "6: This record is damaged, in line 6; left out up to line 6"}},
-        {"element whose front is missing",
-         "[\n\"a\":[{}]},\n{\"b\":1},\n{\"b\":2}]\n{}",
-         {"2: This is no JSON object", "2: " + json + "syntax error at offset 0", "3 {\"b\":1}",
-          "4 {\"b\":2}", "5 {}"}},
-        {"element that breaks in a line with others",
-         "[{\"a\":]}," + first + ",{}]\n{}",
-         {"1: This record is damaged, in line 1", "1 " + first, "1 {}", "2 {}"}},
-        {"element without an end in a line with others",
-         "[{\"a\":\"b}," + first + ",{}]\n{}",
-         {"1: " + noEnd, "1 " + first, "1 {}", "2 {}"}},
-        {"array whose begin is missing in a line of records",
-         "{]}," + first + "," + first + "]\n{}",
-         {"1: " + json + "syntax error at offset 1", "1 " + first, "1 " + first, "2 {}"}},
-        {"elements that are none",
-         "[{}, null, [1]]\n{}",
-         {"1 {}", "1: This is no JSON object", "1: This is no JSON object", "2 {}"}},
-        {"commas",
-         "[{},,\n{}{},]",
-         {"1 {}", "1: A comma without a record in front of it", "2 {}",
-          "2: There is no comma in front of this record", "2 {}", "2: A comma without a record behind it"}},
-    };
-    for (const auto& row : cases)
-        EXPECT_EQ(Read(row.text), row.records) << row.name;
+    Check({
+        {"words", "{}\ngarbage\n{}", "1 {} | 2: " + syntax + "0 | 3 {}"},
+        {"other values", "[1]\n\"{\"\n{}", "1: " + noObject + " | 2: " + noObject + " | 3 {}"},
+        {"cut off at the end of a text", "{\"a\":\"b\n{}", "1: " + cut + "7 | 2 {}"},
+        {"cut off behind a value", "{\"a\":1\n{}\n{}", "1: " + noEnd + " | 2 {} | 3 {}"},
+        {"cut off where an object may begin", "{\"a\":[\n{\"b\":1}\n{}\n{}",
+         "1: " + noEnd + " | 2 {\"b\":1} | 3 {} | 4 {}"},
+        {"cut off in front of a damaged one", "{\"a\":\n1,\n{}",
+         "1: " + noEnd + "; left out up to line 2 | 3 {}"},
+        {"the same at the end", "{\"a\":[\n{\"b\":1}", "1: " + noEnd + " | 2 {\"b\":1}"},
+        {"its front is missing", "[{}]},\"b\":1}\n{}", "1 {} | 1: " + syntax + "0 | 2 {}"},
+        {"more in the line", "{} x\n{}", "1: " + more + "1 | 2 {}"},
+        {"begins behind something else", "x " + first + "\n{}",
+         "1: " + syntax + "0 | 1 " + first + " | 2 {}"},
+        {"no number of ours", "{\n\"a\": -1\n}\n{}",
+         "1: Invalid JSON text: negative number at offset 7 | 4 {}"},
+        {"NUL", "{\"a\":\"\0\"}\n\0\n{}"s, "1: " + syntax + "6 | 2: " + syntax + "0 | 3 {}"},
+        {"no UTF-8", "{\"a\":\"\xff\"}\n{}", "1: " + syntax + "6 | 2 {}"},
+        {"document that breaks", "{\n  \"a\n  {\n}\n{}", "1: " + damaged + "2; left out up to line 4 | 5 {}"},
+        {"document without an end", "{\n  \"a\": 1,\n{\n  \"b\": 1\n}",
+         "1: " + noEnd + "; left out up to line 2 | 3 {\"b\":1}"},
+        {"document with more behind it", "{\n} x\n{}", "1: " + more + "2 | 3 {}"},
+        {"input that ends in a line", "{}\n{\"a\":", "1 {} | 2: " + cut + "5"},
+        {"input that ends in a document", "{\n  \"a\": 1,\n", "1: " + within + "this record, in line 2"},
+        {"input that ends in an array", "[{},\n", "1 {} | 2: " + within + "an array"},
+        {"input that ends in an element", "[\n  {},\n  {\n",
+         "2 {} | 3: " + within + "this record, in line 3"},
+        {"element that breaks", "[\n  {\"a\":\"\n    {\n  },\n  {},\n  {]\n]",
+         "2: " + damaged + "2; left out up to line 4 | 5 {} | 6: " + damaged + "6; left out up to line 6"},
+        {"element whose front is missing", "[\n\"a\":[{}]},\n{\"b\":1},\n{\"b\":2}]\n{}",
+         "2: " + noObject + " | 2: " + syntax + "0 | 3 {\"b\":1} | 4 {\"b\":2} | 5 {}"},
+        {"element that breaks in a line with others", "[{\"a\":]}," + first + ",{}]\n{}",
+         "1: " + damaged + "1 | 1 " + first + " | 1 {} | 2 {}"},
+        {"element without an end in a line with others", "[{\"a\":\"b}," + first + ",{}]\n{}",
+         "1: " + noEnd + " | 1 " + first + " | 1 {} | 2 {}"},
+        {"array whose begin is missing in a line of records", "{]}," + first + "," + first + "]\n{}",
+         "1: " + syntax + "1 | 1 " + first + " | 1 " + first + " | 2 {}"},
+        {"elements that are none", "[{}, null, [1]]\n{}",
+         "1 {} | 1: " + noObject + " | 1: " + noObject + " | 2 {}"},
+        {"commas", "[{},,\n{}{},]",
+         "1 {} | 1: A comma without a record in front of it | 2 {} | "
+         "2: There is no comma in front of this record | 2 {} | 2: A comma without a record behind it"},
+    });
 }
 
 TEST(RecordReader, WhatIsTooLongIsSkipped)
 {
     const std::string text(RecordReader::RecordLimit, 'x');
-    const std::string reason = ": This record is longer than 16777216 bytes";
+    const std::string reason = "1: This record is longer than 16777216 bytes | ";
     const std::string longest = "{\"a\":\"" + text.substr(8) + "\"}";
-    EXPECT_EQ(Read(longest + "\n{}"), (Lines{"1 " + longest, "2 {}"}));
-    const struct
-    {
-        const char* name;
-        std::string text;
-        Lines records;
-    } cases[] = {
-        {"a line", "{\"a\":\"" + text + "\"}\n{}", {"1" + reason, "2 {}"}},
-        {"a line without brackets", text + "x\n{}", {"1" + reason, "2 {}"}},
-        {"a line that is cut off", "{\"a\":[\"" + text + "\",\n{}", {"1" + reason, "2 {}"}},
-        {"a document", "{\n\"a\":\"" + text + "\"\n}\n{}", {"1" + reason, "4 {}"}},
-        {"an element", "[{},{\"a\":\"" + text + text + "\"},{}]", {"1 {}", "1" + reason, "1 {}"}},
-    };
-    for (const auto& row : cases)
-        EXPECT_EQ(Read(row.text), row.records) << row.name;
+    Check({
+        {"no longer than it may be", longest + "\n{}", "1 " + longest + " | 2 {}"},
+        {"a line", "{\"a\":\"" + text + "\"}\n{}", reason + "2 {}"},
+        {"a line without brackets", text + "x\n{}", reason + "2 {}"},
+        {"a line that is cut off", "{\"a\":[\"" + text + "\",\n{}", reason + "2 {}"},
+        {"a document", "{\n\"a\":\"" + text + "\"\n}\n{}", reason + "4 {}"},
+        {"an element", "[{},{\"a\":\"" + text + text + "\"},{}]", "1 {} | " + reason + "1 {}"},
+    });
 }
 
 TEST(PathMapping, WindowsPathsBecomeComponents)
@@ -261,27 +211,25 @@ protected:
 
 TEST_F(Convert, EveryFormBecomesModern)
 {
-    for (const std::string kind : {"unix-file", "unix-link", "win-file", "win-directory"}) {
-        SCOPED_TRACE(kind);
-        const auto result = Run(Golden("legacy-" + kind), {"convert", "--base", "job"});
-        EXPECT_EQ(result.output, Golden("legacy-" + kind + "-converted") + "\n");
+    const auto expect = [](const Testing::ProgramResult& result, const std::string& output) {
+        EXPECT_EQ(result.output, output);
         EXPECT_EQ(result.errors, "");
         EXPECT_EQ(result.exitCode, 0);
-    }
+    };
+    for (const std::string kind : {"unix-file", "unix-link", "win-file", "win-directory"})
+        expect(Run(Golden("legacy-" + kind), {"convert", "--base", "job"}),
+               Golden("legacy-" + kind + "-converted") + "\n");
     std::string lines, documents, array;
-    for (const std::string kind :
+    for (const char* kind :
          {"ods", "unix-directory", "unix-file", "unix-link", "win-directory", "win-file"}) {
-        const std::string record = Golden("metadata-" + kind);
+        const std::string record = Golden(std::string("metadata-") + kind);
+        const std::string indented = YValue::Parse(record)->Stringify(false).Bytes();
         lines += record + "\n";
-        documents += Indented(record) + "\n";
-        array += (array.empty() ? "[" : ",") + Indented(record);
+        documents += indented + "\n";
+        array += (array.empty() ? "[" : ",") + indented;
     }
-    for (const std::string& text : {lines, documents, array + "]"}) {
-        const auto result = Run(text);
-        EXPECT_EQ(result.output, lines);
-        EXPECT_EQ(result.errors, "");
-        EXPECT_EQ(result.exitCode, 0);
-    }
+    for (const std::string& text : {lines, documents, array + "]"})
+        expect(Run(text), lines);
 }
 
 TEST_F(Convert, LegacyWindowsPathsLoseTheirBackslashes)

@@ -7,6 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <filesystem>
+#include <iterator>
+#include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,6 +21,12 @@ namespace {
 class TrustCommand : public ::testing::Test
 {
 protected:
+    TrustCommand()
+    {
+        directory.Write("root", root.Pem());
+        directory.Write("chain", middle.Pem());
+        directory.Write("server", server.Pem());
+    }
     static Testing::CertificateForm Form()
     {
         Testing::CertificateForm form = Testing::ServerForm("backup.example");
@@ -29,16 +38,18 @@ protected:
     struct Case
     {
         const char* name;
-        std::vector<std::string> arguments;
+        std::string arguments; // parted by blanks; files are those of the directory
         int exitCode;
         std::string told; // the beginning of standard output, or of standard error for 1 and 2
     };
-    static void Check(const std::vector<Case>& cases)
+    void Check(const std::vector<Case>& cases) const
     {
         for (const Case& row : cases) {
-            std::vector<std::string> arguments{"trust"};
-            arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
-            const auto result = RunProgram(arguments);
+            std::istringstream words("trust " + row.arguments);
+            const std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
+            const auto result = RunProgram(arguments, {.prepare = [this] {
+                                               std::filesystem::current_path(directory.Path());
+                                           }});
             EXPECT_EQ(result.exitCode, row.exitCode) << row.name << ": " << result.errors;
             const bool isJudged = row.exitCode == 0 || row.exitCode == 4;
             const std::string& text = isJudged ? result.output : result.errors;
@@ -50,10 +61,8 @@ protected:
     const Certificate middle = root.Issue(Testing::AuthorityForm("Middle"));
     const Certificate server = middle.Issue(Form());
     const Testing::TemporaryDirectory directory;
-    const std::string rootFile = directory.Write("root.pem", root.Pem());
-    const std::string chainFile = directory.Write("chain.pem", middle.Pem());
-    const std::string serverFile = directory.Write("server.der", server.Der());
-    const std::string at = std::to_string(Testing::JudgementTime);
+    const std::string at = " --at " + std::to_string(Testing::JudgementTime);
+    const std::string pin = " --pin " + server.KeyHash();
     const std::string good = "trusted\n  subject   CN=a\\0Ab\n  issuer    CN=Middle\n"
                              "  valid     2023-11-14T21:56:40Z to 2023-11-14T22:30:00Z\n  key       " +
                              server.KeyHash() + "\n";
@@ -61,78 +70,51 @@ protected:
 
 TEST_F(TrustCommand, JudgesFiles)
 {
-    const std::string list = directory.Write("list.pem", middle.RevocationList({server}));
-    const std::string name = "backup.example";
+    directory.Write("server.der", server.Der());
+    directory.Write("list", middle.RevocationList({server}));
+    const std::string host = " --name backup.example", cert = "--cert server.der", named = cert + host;
     Check({
-        {"trusted",
-         {"--cert", serverFile, "--chain", chainFile, "--anchors", rootFile, "--name", name, "--at", at},
-         0,
-         good},
-        {"pinned",
-         {"--cert", serverFile, "--pin", server.KeyHash(), "--name", "127.0.0.1", "--at",
-          "2023-11-14T22:13:20Z"},
-         0,
-         good},
-        {"too early",
-         {"--cert", serverFile, "--pin", server.KeyHash(), "--name", name, "--at", "2023-11-14"},
-         4,
+        {"trusted", named + " --chain chain --anchors root" + at, 0, good},
+        {"pinned", cert + pin + " --name 127.0.0.1 --at 2023-11-14T22:13:20Z", 0, good},
+        {"too early", named + pin + " --at 2023-11-14", 4,
          "not trusted: certificate is not yet valid\n  subject"},
-        {"revoked",
-         {"--cert", serverFile, "--chain", chainFile, "--anchors", rootFile, "--name", name, "--at", at,
-          "--crl", list},
-         4,
+        {"revoked", named + " --chain chain --anchors root --crl list" + at, 4,
          "not trusted: certificate revoked\n"},
-        {"the issuer is the reason",
-         {"--cert", serverFile, "--chain", chainFile, "--name", name, "--at", at},
-         4,
+        {"the issuer is the reason", named + " --chain chain" + at, 4,
          "not trusted: unable to get local issuer certificate\n  found in  CN=Middle\n  subject"},
-        {"address in brackets",
-         {"--cert", serverFile, "--pin", server.KeyHash(), "--name", "[::1]", "--at", at},
-         4,
-         "not trusted: IP address mismatch\n"},
-        {"no file", {"--cert", rootFile + "x", "--name", name}, 1, "kbagent: error: Failed to open "},
-        {"no anchors",
-         {"--cert", serverFile, "--anchors", list, "--name", name},
-         1,
-         "kbagent: error: No trust anchor"},
-        {"name that can't be one", {"1.2.3:1"}, 1, "kbagent: error: Not a host name"},
-        {"nothing to judge", {"--name", name}, 2, "kbagent: error: Name a server or"},
-        {"both", {"a:1", "--cert", serverFile, "--name", name}, 2, "kbagent: error: Name a server or"},
-        {"no name", {"--cert", serverFile}, 2, "kbagent: error: --cert needs --name"},
-        {"pin", {"--cert", serverFile, "--name", name, "--pin", "12"}, 2, "kbagent: error: --pin takes 64"},
-        {"pin and anchors", {"a:1", "--pin", server.KeyHash(), "--anchors", rootFile}, 2, "kbagent: error: "},
-        {"day that isn't", {"a:1", "--at", "2023-02-29"}, 2, "kbagent: error: Not a time"},
-        {"hour that isn't", {"a:1", "--at", "2023-02-28T24:00:00Z"}, 2, "kbagent: error: Not a time"},
-        {"no port", {"a"}, 2, "kbagent: error: Not HOST:PORT"},
-        {"port that isn't", {"a:65536"}, 2, "kbagent: error: Not HOST:PORT"},
-        {"address without brackets", {"::1:443"}, 2, "kbagent: error: Not HOST:PORT"},
+        {"address in brackets", cert + pin + " --name [::1]" + at, 4, "not trusted: IP address mismatch\n"},
+        {"no file", "--cert none" + host, 1, "kbagent: error: Failed to open "},
+        {"no anchors", named + " --anchors list", 1, "kbagent: error: No trust anchor"},
+        {"name that can't be one", "1.2.3:1", 1, "kbagent: error: Not a host name"},
+        {"nothing to judge", host, 2, "kbagent: error: Name a server or"},
+        {"both", "a:1 " + named, 2, "kbagent: error: Name a server or"},
+        {"no name", cert, 2, "kbagent: error: --cert needs --name"},
+        {"pin", named + " --pin 12", 2, "kbagent: error: --pin takes 64"},
+        {"pin and anchors", "a:1" + pin + " --anchors root", 2, "kbagent: error: "},
+        {"day that isn't", "a:1 --at 2023-02-29", 2, "kbagent: error: Not a time"},
+        {"hour that isn't", "a:1 --at 2023-02-28T24:00:00Z", 2, "kbagent: error: Not a time"},
+        {"no port", "a", 2, "kbagent: error: Not HOST:PORT"},
+        {"port that isn't", "a:65536", 2, "kbagent: error: Not HOST:PORT"},
+        {"address without brackets", "::1:443", 2, "kbagent: error: Not HOST:PORT"},
     });
 }
 
 TEST_F(TrustCommand, JudgesServersOverAHandshake)
 {
-    const std::string key = directory.Write("key.pem", server.KeyPem());
-    const std::string certificate = directory.Write("server.pem", server.Pem());
-    const Testing::OpenSslServer process({"-cert", certificate, "-key", key, "-cert_chain", chainFile,
-                                          "-servername", "backup.example", "-cert2", certificate, "-key2",
-                                          key, "-servername_fatal"});
+    const std::string key = directory.Write("key", server.KeyPem());
+    const std::string certificate = directory / "server";
+    const Testing::OpenSslServer process({"-cert", certificate, "-key", key, "-cert_chain",
+                                          directory / "chain", "-servername", "backup.example", "-cert2",
+                                          certificate, "-key2", key, "-servername_fatal"});
     if (process.Port().empty())
         GTEST_SKIP() << "openssl s_server doesn't run here";
-    const std::string address = "127.0.0.1:" + process.Port();
+    const std::string address = "127.0.0.1:" + process.Port(), anchored = address + " --anchors root" + at;
     Check({
-        {"by its address", {address, "--anchors", rootFile, "--at", at}, 0, good},
-        {"by its address with a dot behind it",
-         {address, "--name", "127.0.0.1.", "--anchors", rootFile, "--at", at},
-         0,
-         good},
-        {"by a name", {address, "--name", "backup.example.", "--pin", server.KeyHash(), "--at", at}, 0, good},
-        {"unknown authority",
-         {address, "--at", at},
-         4,
-         "not trusted: unable to get local issuer certificate\n"},
-        {"a name that it refuses",
-         {address, "--name", "other.example", "--at", at},
-         1,
+        {"by its address", anchored, 0, good},
+        {"by its address with a dot behind it", anchored + " --name 127.0.0.1.", 0, good},
+        {"by a name", address + " --name backup.example." + pin + at, 0, good},
+        {"unknown authority", address + at, 4, "not trusted: unable to get local issuer certificate\n"},
+        {"a name that it refuses", address + " --name other.example" + at, 1,
          "kbagent: error: No TLS handshake with 127.0.0.1 port " + process.Port() + ": "},
     });
 }
@@ -142,14 +124,12 @@ TEST_F(TrustCommand, WeakServerGetsAsFarAsTheVerdict)
     Testing::CertificateForm form = Form();
     form.rsaBits = 1024;
     const Certificate weak = middle.Issue(form);
-    const Testing::OpenSslServer process({"-cert", directory.Write("weak.pem", weak.Pem()), "-key",
-                                          directory.Write("key.pem", weak.KeyPem()), "-cipher",
+    const Testing::OpenSslServer process({"-cert", directory.Write("weak", weak.Pem()), "-key",
+                                          directory.Write("key", weak.KeyPem()), "-cipher",
                                           "DEFAULT@SECLEVEL=0"});
     if (process.Port().empty())
         GTEST_SKIP() << "openssl s_server doesn't run here";
-    Check({{"weak key",
-            {"127.0.0.1:" + process.Port(), "--pin", weak.KeyHash(), "--at", at},
-            4,
+    Check({{"weak key", "127.0.0.1:" + process.Port() + " --pin " + weak.KeyHash() + at, 4,
             "not trusted: EE certificate key too weak\n"}});
 }
 
@@ -162,11 +142,11 @@ TEST_F(TrustCommand, ServerThatCantBeAsked)
     socklen_t size = sizeof bound;
     ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&bound), size), 0);
     ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&bound), &size), 0);
-    const std::string address = "127.0.0.1:" + std::to_string(ntohs(bound.sin_port));
-    const std::string refused = "Can't connect to 127.0.0.1 port " + std::to_string(ntohs(bound.sin_port));
-    Check({{"nobody listens", {address}, 1, "kbagent: error: " + refused + ": Connection refused\n"}});
+    const std::string port = std::to_string(ntohs(bound.sin_port)), address = "127.0.0.1:" + port;
+    Check({{"nobody listens", address, 1,
+            "kbagent: error: Can't connect to 127.0.0.1 port " + port + ": Connection refused\n"}});
     ASSERT_EQ(listen(listener, 1), 0);
-    Check({{"nobody answers", {address, "--timeout", "1"}, 1, "kbagent: error: No TLS handshake with "}});
+    Check({{"nobody answers", address + " --timeout 1", 1, "kbagent: error: No TLS handshake with "}});
     close(listener);
 }
 
