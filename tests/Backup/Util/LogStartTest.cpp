@@ -1,4 +1,4 @@
-// The opening of the log with its banner, the configuration that steers it, and rotation.
+// The opening of the log with its banner, and the configuration that steers it.
 #include "Backup/Util/Util.h"
 
 #include "Krt/Log/LogSite.h"
@@ -6,14 +6,9 @@
 #include "testing/TemporaryDirectory.h"
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
-#include <map>
 #include <regex>
-#include <sstream>
-#include <thread>
 
 using namespace Krt;
 using Backup::Util::OpenOrReopenLog;
@@ -128,61 +123,6 @@ TEST_F(LogStart, FailureLeavesTheLogClosedAndWithoutBanner)
         EXPECT_FALSE(Log::GetGlobalLogger()->IsOpen());
         EXPECT_TRUE(!std::filesystem::exists(path) || Text().empty());
     }
-}
-
-// Four threads log without a pause while the file is moved away and the log opened again, three times.
-TEST_F(LogStart, RotationAmongThreadsLosesAndDoublesNoLine)
-{
-    constexpr std::size_t threads = 4;
-    constexpr int rotations = 3;
-    const unsigned long long droppedBefore = Log::GetGlobalLogger()->GetDroppedCount();
-    OpenOrReopenLog(log.c_str(), "General");
-    std::atomic<bool> isOver{false};
-    std::array<std::atomic<int>, threads> said{};
-    std::vector<std::thread> speakers;
-    for (std::size_t i = 0; i < threads; ++i) {
-        speakers.emplace_back([&, i] {
-            while (!isOver) {
-                KRT_LOG_FREE(MessageType::General, "thread " << static_cast<int>(i) << " says " << said[i]);
-                ++said[i];
-            }
-        });
-    }
-    const auto waitForAll = [&] {
-        for (std::atomic<int>& count : said) {
-            for (const int before = count; count < before + 25;)
-                std::this_thread::yield();
-        }
-    };
-    for (int rotation = 0; rotation < rotations; ++rotation) {
-        waitForAll();
-        std::filesystem::rename(log, log + "." + std::to_string(rotation));
-        waitForAll();
-        OpenOrReopenLog(log.c_str(), "General");
-    }
-    waitForAll();
-    isOver = true;
-    for (std::thread& speaker : speakers)
-        speaker.join();
-
-    std::map<std::string, int> found;
-    for (const char* const file : {".0", ".1", ".2", ""}) {
-        std::istringstream lines(ReadFile(log + file));
-        for (std::string line; std::getline(lines, line);)
-            ++found[line.substr(line.rfind(": ") + 2)];
-    }
-    EXPECT_EQ(found["General"], 1 + rotations) << "the banner's flags";
-    std::size_t whole = 0;
-    std::size_t missing = 0;
-    for (std::size_t i = 0; i < threads; ++i) {
-        for (int message = 0; message < said[i]; ++message) {
-            const auto line = found.find("thread " + std::to_string(i) + " says " + std::to_string(message));
-            ASSERT_TRUE(line == found.end() || line->second == 1) << line->first;
-            ++(line == found.end() ? missing : whole);
-        }
-    }
-    EXPECT_EQ(missing, Log::GetGlobalLogger()->GetDroppedCount() - droppedBefore);
-    EXPECT_EQ(found.size(), whole + 3) << "beside the banner there are only whole lines";
 }
 
 // An unpacked archive has no revision.

@@ -97,46 +97,6 @@ TEST(YReadWriteMutex, TimeOutRaisesAndLeavesNoLock)
     const Lock upgraded = mutex.WriteLock(Forever);
 }
 
-TEST(YReadWriteMutex, SecondReaderThatWantsToWriteIsRefusedAtOnce)
-{
-    const YReadWriteMutex mutex;
-    std::latch bothRead(2);
-    std::atomic<int> written = 0;
-    std::atomic<int> refused = 0;
-    const auto upgrade = [&] {
-        const Lock reader = mutex.ReadLock(Forever);
-        bothRead.arrive_and_wait();
-        if (Testing::CatchError([&] { const Lock writer = mutex.WriteLock(Forever); }))
-            ++refused;
-        else
-            ++written;
-    };
-    std::thread other(upgrade);
-    upgrade();
-    other.join();
-    EXPECT_EQ(written, 1);
-    EXPECT_EQ(refused, 1);
-}
-
-// Whoever holds a read lock may wait for a thread that wants one too, in spite of a writer in between.
-TEST(YReadWriteMutex, WaitingWriterDoesNotBlockWhatItsReaderWaitsFor)
-{
-    const YReadWriteMutex mutex;
-    std::optional<Lock> visitor = mutex.ReadLock(Forever);
-    std::atomic<bool> aboutToWrite = false;
-    std::thread writer([&] {
-        aboutToWrite = true;
-        const Lock lock = mutex.WriteLock(Forever);
-    });
-    while (!aboutToWrite)
-        std::this_thread::yield();
-    for (int query = 0; query < 3; ++query)
-        OnOtherThread([&] { const Lock lock = mutex.ReadLock(Forever); });
-    static_cast<void>(mutex.ReadLock(Forever));
-    visitor.reset();
-    writer.join();
-}
-
 TEST(YReadWriteMutex, CrossedReadersPassWaitingWriters)
 {
     const YReadWriteMutex a, b;
