@@ -53,6 +53,8 @@ struct Scene
     TrustOptions options;
     TrustReport report;
 
+    Scene() { options.time = Now; }
+
     bool Judge()
     {
         root = Certificate::SelfSigned(rootForm);
@@ -65,7 +67,6 @@ struct Scene
             options.pinnedKey = YString(server->KeyHash().c_str());
         else
             options.anchors.push_back(isAnchor ? sent : root->Pem());
-        options.time = Now;
         present(*this);
         return IsCertificateTrusted(sent, chain, YString(std::string_view(host)), options, &report);
     }
@@ -142,9 +143,7 @@ TEST(CertificateTrust, Names)
         {"wildcard", Names({"*.backup.example"}, "a.backup.example")},
         {"wildcard for the domain itself", Names({"*.backup.example"}), WrongName},
         {"wildcard for two labels", Names({"*.backup.example"}, "a.b.backup.example"), WrongName},
-        {"wildcard for a top domain", Names({"*.example"}), WrongName},
         {"partial wildcard", Names({"ba*.host.example"}, "backup.host.example"), WrongName},
-        {"wildcard inside", Names({"a.*.example"}, "a.host.example"), WrongName},
         {"international", Names({"xn--bcher-kva.example"}, "xn--bcher-kva.example")},
         {"international as it is read", Names({"b\u00fccher.example"}, "xn--bcher-kva.example"), WrongName},
         {"NUL behind the right one", Names({Host + nul + ".evil.example"}), holdsNul},
@@ -251,7 +250,7 @@ TEST(CertificateTrust, PinStandsForTheAnchorAlone)
         return pinned(Present([=](Scene& s) { s.options.revocationLists = make(s); }), false);
     };
     using List = std::vector<std::string>;
-    constexpr long long lastYear = 253370764800;
+    constexpr long long NextCentury = 253370764800;
     Check({
         {"self-signed", pinned([](Scene&) {})},
         {"issued", pinned([](Scene&) {}, false)},
@@ -272,25 +271,18 @@ TEST(CertificateTrust, PinStandsForTheAnchorAlone)
         {"list expired", lists([](Scene& s) -> List { return {s.middle->RevocationList({}, Now - 1)}; }),
          "CRL has expired"},
         {"list not yet valid",
-         pinned(
-             [](Scene& s) {
-                 s.serverForm.notBefore = Now - 5000;
-                 s.present = [](Scene& t) {
-                     t.options.time = Now - 3000;
-                     t.options.revocationLists = {t.middle->RevocationList({})};
-                 };
-             },
-             false),
+         [&](Scene& s) {
+             lists([](Scene& t) -> List { return {t.middle->RevocationList({})}; })(s);
+             s.serverForm.notBefore = Now - 5000;
+             s.options.time = Now - 3000;
+         },
          "CRL is not yet valid"},
-        {"by the clock", pinned(
-                             [&](Scene& s) {
-                                 s.serverForm.notAfter = lastYear;
-                                 s.present = [=](Scene& t) {
-                                     t.options.time.reset();
-                                     t.options.revocationLists = {t.middle->RevocationList({}, lastYear)};
-                                 };
-                             },
-                             false)},
+        {"by the clock",
+         [&](Scene& s) {
+             lists([](Scene& t) -> List { return {t.middle->RevocationList({}, NextCentury)}; })(s);
+             s.serverForm.notAfter = NextCentury;
+             s.options.time.reset();
+         }},
         {"list of another issuer", lists([](Scene& s) -> List { return {s.root->RevocationList({})}; }),
          NoList},
         {"list of the issuer's authorities",
@@ -341,7 +333,9 @@ TEST(CertificateTrust, DamagedCertificatesAreRefusedWithoutRaising)
     const auto sends = [](std::function<std::string(const std::string& der, const std::string& pem)> damage) {
         return Present([=](Scene& s) { s.sent = damage(s.server->Der(), s.sent); });
     };
-    const char* const unreadable = "the certificate can't be read";
+    const auto unreadable = [](const char* name, const Change& change) {
+        return Case{name, change, "the certificate can't be read", -1, ""};
+    };
     Check({
         {"DER", sends([](const std::string& der, const std::string&) { return der; })},
         {"text around PEM", sends([](auto&, const std::string& pem) { return "CN = x\n" + pem + "end"; })},
@@ -352,16 +346,13 @@ TEST(CertificateTrust, DamagedCertificatesAreRefusedWithoutRaising)
                  t.sent += t.middle->Pem() + t.root->KeyPem();
              };
          }},
-        {"nothing", sends([](auto&, auto&) { return ""; }), unreadable, -1, ""},
-        {"garbage", sends([](auto&, auto&) { return std::string(5000, '\x30'); }), unreadable, -1, ""},
-        {"byte behind DER", sends([](const std::string& der, auto&) { return der + '\0'; }), unreadable, -1,
-         ""},
-        {"DER cut", sends([](const std::string& der, auto&) { return der.substr(0, der.size() - 1); }),
-         unreadable, -1, ""},
-        {"PEM cut", sends([](auto&, const std::string& pem) { return pem.substr(0, pem.size() - 30); }),
-         unreadable, -1, ""},
-        {"damaged second block", sends([](auto&, const std::string& pem) { return pem + pem.substr(0, 99); }),
-         unreadable, -1, ""},
+        unreadable("nothing", sends([](auto&, auto&) { return ""; })),
+        unreadable("garbage", sends([](auto&, auto&) { return std::string(5000, '\x30'); })),
+        unreadable("too much", sends([](auto&, auto& pem) { return pem + std::string(16u << 20, ' '); })),
+        unreadable("byte behind DER", sends([](auto& der, auto&) { return der + '\0'; })),
+        unreadable("DER cut", sends([](auto& der, auto&) { return der.substr(0, der.size() - 1); })),
+        unreadable("PEM cut", sends([](auto&, auto& pem) { return pem.substr(0, pem.size() - 30); })),
+        unreadable("damaged second block", sends([](auto&, auto& pem) { return pem + pem.substr(0, 99); })),
         {"garbage in the chain", [](Scene& s) { s.chain = {"garbage"}; },
          "a certificate of the chain can't be read", -1, ""},
     });
@@ -396,8 +387,6 @@ TEST(CertificateTrust, HostileSizesAndDepths)
              s.sent = issuer.Issue(s.serverForm).Pem();
          }),
          "certificate chain too long", 101, "CN=Middle"},
-        {"more than anybody sends", Present([](Scene& s) { s.sent += std::string(16u << 20, ' '); }),
-         "the certificate can't be read", -1, ""},
     });
 }
 
@@ -405,70 +394,64 @@ TEST(CertificateTrust, UnusableArgumentsRaise)
 {
     Scene scene;
     ASSERT_TRUE(scene.Judge());
-    const auto judge = [&](const std::string& host, const TrustOptions& options) {
+    TrustOptions options;
+    const auto judge = [&](const std::string& host) {
         return IsCertificateTrusted(scene.sent, scene.chain, YString(std::string_view(host)), options);
     };
+    const auto refuses = [&](const std::string& text, const std::string& host = Host) {
+        EXPECT_RAISES(judge(host), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted", text);
+        options = TrustOptions();
+    };
+    const std::string noName = "Not a host name or an IP address: '";
     std::string tooLong = "a";
     while (tooLong.size() <= 253)
         tooLong += ".a";
     for (const std::string host : {"",          tooLong.c_str(), ".",     "a..b",        ".example",
                                    "*.example", "a b",           "1.2.3", "01.2.3.4",    "1.2.3.4.5",
                                    "1.2.3.256", "0x7f000001",    "1.0X4", "[a.example]", "[1.2.3.4]",
-                                   "[]",        "::1::",         "1:2",   "::+1.2.3.4",  "a/b"}) {
-        EXPECT_RAISES(judge(host, {}), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
-                      "Not a host name or an IP address: '" + host + "'");
-    }
-    EXPECT_RAISES(
-        judge("b\u00fccher.example", {}), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
-        "Not a host name or an IP address: 'b\u00fccher.example'; an international name is given as "
-        "A-labels (xn--...)");
+                                   "[]",        "::1::",         "1:2",   "::+1.2.3.4",  "a/b"})
+        refuses(noName + host + "'", host);
+    const std::string international = "b\u00fccher.example";
+    refuses(noName + international + "'; an international name is given as A-labels (xn--...)",
+            international);
     for (const std::string& pin : {std::string(62, 'a'), std::string(66, 'a'), std::string(64, 'g')}) {
-        TrustOptions pinned;
-        pinned.pinnedKey = YString(pin.c_str());
-        EXPECT_RAISES(judge(Host, pinned), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
-                      "A pinned key is 64 hexadecimal digits, not " + pin);
+        options.pinnedKey = pin.c_str();
+        refuses("A pinned key is 64 hexadecimal digits, not " + pin);
     }
-    TrustOptions both = scene.options;
-    both.pinnedKey = YString(scene.server->KeyHash().c_str());
-    EXPECT_RAISES(judge(Host, both), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
-                  "A pinned key stands for the trust anchor; give one of the two");
-    TrustOptions options;
+    options = scene.options;
+    options.pinnedKey = scene.server->KeyHash().c_str();
+    refuses("A pinned key stands for the trust anchor; give one of the two");
     for (const auto& [extension, value] : std::vector<std::pair<std::string, std::string>>{
              {"2.5.29.27", "critical,ASN1:INTEGER:1"}, // of a delta
              {"issuingDistributionPoint", "critical,indirectCRL:TRUE"},
              {"issuingDistributionPoint", "critical,onlysomereasons:keyCompromise"},
              {"1.2.3.4", "critical,ASN1:NULL"}}) {
         SCOPED_TRACE(extension + value);
-        const std::string list = scene.middle->RevocationList({*scene.server}, Now + 1, {{extension, value}});
-        options.revocationLists = {scene.middle->RevocationList({}), list};
-        EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
-                      "A revocation list is a delta, indirect, for some reasons alone, or has an unknown "
-                      "critical extension; give the complete list of its issuer");
+        options.revocationLists = {
+            scene.middle->RevocationList({}),
+            scene.middle->RevocationList({*scene.server}, Now + 1, {{extension, value}})};
+        refuses("A revocation list is a delta, indirect, for some reasons alone, or has an unknown critical "
+                "extension; give the complete list of its issuer");
     }
     options.revocationLists = {scene.sent};
-    EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
-                  "No revocation list can be read from the bytes given");
-    const Testing::TemporaryDirectory directory;
-    const std::string file = directory.Write("anchors", "none");
-    options.anchorFiles = {file.c_str()};
-    EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
-                  "No trust anchor can be read from " + file);
-    options.anchorFiles = {directory.Path().c_str()};
-    EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "ReadCertificateFile",
-                  "Not a regular file: " + directory.Path());
-    const std::string large = directory.Write("large", std::string((16 << 20) + 1, ' '));
-    options.anchorFiles = {large.c_str()};
-    EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "ReadCertificateFile",
-                  "Too large for certificates: " + large);
+    refuses("No revocation list can be read from the bytes given");
     for (const long long time : {-62167219201, 253402300800}) {
         options.time = time;
-        EXPECT_RAISES(judge(Host, options), Krt::ErrorCode::InvalidArgument, "IsCertificateTrusted",
-                      "Out of the years 0 to 9999: the time of judgement, " + std::to_string(time));
+        refuses("Out of the years 0 to 9999: the time of judgement, " + std::to_string(time));
     }
-    options.time = std::nullopt;
-    options.anchorFiles = {(file + "x").c_str()};
-    EXPECT_RAISES_OS(judge(Host, options), Krt::MessageType::General, ENOENT, "ReadCertificateFile",
-                     "Failed to open " + file + "x");
+    const Testing::TemporaryDirectory directory;
+    const std::string file = directory.Write("anchors", "none"), missing = directory / "missing";
+    const std::string large = directory.Write("large", std::string((16 << 20) + 1, ' '));
+    options.anchorFiles = {file.c_str()};
+    refuses("No trust anchor can be read from " + file);
+    for (const auto& [path, text] :
+         {std::pair(directory.Path(), "Not a regular file: "), {large, "Too large for certificates: "}}) {
+        options.anchorFiles = {path.c_str()};
+        EXPECT_RAISES(judge(Host), Krt::ErrorCode::InvalidArgument, "ReadCertificateFile", text + path);
+    }
+    options.anchorFiles = {missing.c_str()};
+    EXPECT_RAISES_OS(judge(Host), Krt::MessageType::General, ENOENT, "ReadCertificateFile",
+                     "Failed to open " + missing);
     const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()),
                                                                     &SSL_CTX_free);
     const std::unique_ptr<SSL, decltype(&SSL_free)> connection(SSL_new(context.get()), &SSL_free);
@@ -501,19 +484,6 @@ TEST(CertificateTrust, ServerWithoutCertificateIsRefused)
     EXPECT_FALSE(IsCertificateTrusted(client.get(), Host));
     EXPECT_FALSE(IsCertificateTrusted(client.get(), Host, {}, &report));
     EXPECT_EQ(report.reason.Bytes(), "the server showed no certificate");
-}
-
-TEST(CertificateTrust, SummaryTellsWhatTheCertificateSays)
-{
-    Scene scene;
-    scene.serverForm.subject = "a,b\u00e9";
-    ASSERT_TRUE(scene.Judge());
-    const CertificateSummary& server = scene.report.server;
-    EXPECT_EQ(server.subject.Bytes(), "CN=a\\,b\\C3\\A9");
-    EXPECT_EQ(server.issuer.Bytes(), "CN=Middle");
-    EXPECT_EQ(server.notBefore, scene.serverForm.notBefore);
-    EXPECT_EQ(server.notAfter, scene.serverForm.notAfter);
-    EXPECT_EQ(server.keyHash.Bytes(), scene.server->KeyHash());
 }
 
 TEST(CertificateTrust, WithoutAnchorsTheSystemsStoreCounts)
