@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <random>
+#include <set>
 #include <sstream>
 
 namespace Testing {
@@ -67,6 +68,16 @@ std::string NaiveSelection::Words() const
     return words;
 }
 
+std::size_t NaiveSelection::CountPlaces() const
+{
+    std::set<Names> places{Names()};
+    for (const Placed& placed : m_rules) {
+        for (Names place = placed.place; !place.empty(); place.pop_back())
+            places.insert(place);
+    }
+    return places.size();
+}
+
 NaiveSelection::SelectionType NaiveSelection::Ask(const std::string& path) const
 {
     const Names names = Split(path);
@@ -82,6 +93,32 @@ NaiveSelection::SelectionType NaiveSelection::Ask(const std::string& path) const
     if (AllBelowSilentlyExcluded(names) || !MayIncludeBelow(names))
         return SelectionType::NotSelectedDoNotRecurse;
     return SelectionType::NotSelectedDoRecurse;
+}
+
+void NaiveSelection::ExpectAnswersOf(const Backup::File::YSelectionManager& tree,
+                                     const std::string& path) const
+{
+    SCOPED_TRACE(path);
+    const SelectionType answer = Ask(path);
+    const bool enters = answer == SelectionType::Include || answer == SelectionType::NotSelectedDoRecurse;
+    EXPECT_EQ(tree.GetPathSelectionType(path.c_str()), answer);
+    EXPECT_EQ(tree.IsPathSelected(path.c_str()), answer == SelectionType::Include);
+    EXPECT_EQ(tree.IsPathExcluded(path.c_str()), answer == SelectionType::Exclude);
+    EXPECT_EQ(tree.IsPathNotSelected(path.c_str()), answer < SelectionType::Include);
+    EXPECT_EQ(tree.IsPathSelectedOrSelectionParent(path.c_str()), enters);
+    EXPECT_EQ(tree.ShouldEnumeratePath(path.c_str()), enters);
+
+    const Names names = Split(path);
+    const Backup::File::YSelectionManager::Components components(names.begin(), names.end());
+    bool reportable = false, isReported = false;
+    const bool isExcluded = IsExcluded(names, isReported);
+    EXPECT_EQ(tree.PathMatchesInclude(components), IsIncluded(names));
+    EXPECT_EQ(tree.PathMatchesExclude(components, reportable), isExcluded);
+    EXPECT_TRUE(!isExcluded || reportable == isReported);
+    EXPECT_EQ(tree.AllChildrenOfPathAreExcludedNotReportably(components), AllBelowSilentlyExcluded(names));
+    EXPECT_EQ(tree.AnyIncludesApplyBelowPath(components), MayIncludeBelow(names));
+    for (std::size_t i = 0; i < names.size(); ++i)
+        EXPECT_EQ(tree.IsAnyExplicitSelectionBelowComponent(components, i), IsExplicitFrom(names, i)) << i;
 }
 
 bool NaiveSelection::SpeaksOf(const Placed& placed, const Names& path, std::size_t index)
@@ -174,12 +211,16 @@ void CompareWithThePlainList(const World& world)
             added.push_back(pick({"include ", "include ", "exclude ", "silent "}) + place +
                             pick({" ", " recursive "}) + pick(world.patterns) + pick({"", "", " explicit"}));
             const bool taken = list.Add(Rule(added.back()));
+            EXPECT_EQ(tree.IsDescriptorRedundant(Rule(added.back())), !taken);
             ASSERT_EQ(tree.Add(Rule(added.back())), taken) << testing::PrintToString(added);
         }
-        ASSERT_EQ(Testing::Words(tree), list.Words()) << testing::PrintToString(added);
+        std::size_t nodes = 0;
+        tree.VisitAllNodes([&](const auto*) { ++nodes; });
+        EXPECT_EQ(nodes, list.CountPlaces());
+        EXPECT_EQ(Testing::Words(tree), list.Words());
         for (const std::string& path : world.paths)
-            ASSERT_EQ(tree.GetPathSelectionType(path.c_str()), list.Ask(path))
-                << path << " in " << testing::PrintToString(added);
+            list.ExpectAnswersOf(tree, path);
+        ASSERT_FALSE(testing::Test::HasFailure()) << testing::PrintToString(added);
     }
 }
 

@@ -2,7 +2,7 @@
 // and plain enough to be trusted beside the tree.
 #pragma once
 
-#include "Backup/File/YSelectionPathDescriptor.h"
+#include "Backup/File/YSelectionManager.h"
 
 #include <string>
 #include <vector>
@@ -19,6 +19,10 @@ public:
     SelectionType Ask(const std::string& path) const;
     /// The rules in words, in the order in which a walk through a tree meets them.
     std::string Words() const;
+    /// The directories at which a rule stands or below which one does, the root among them.
+    std::size_t CountPlaces() const;
+    /// Compares the tree's answer about the path, and the parts that it is made of.
+    void ExpectAnswersOf(const Backup::File::YSelectionManager& tree, const std::string& path) const;
 
 private:
     using Names = std::vector<std::string>;
@@ -48,8 +52,9 @@ struct World
     unsigned int lastAtRoot = 0; ///< so many rules stand at "/", behind all others
 };
 
-/// Adds each forest's rules to a tree and to a list, and expects them to keep the same rules and to give the
-/// same answers. The seed is that of the environment variable SELECTION_SEED, or another at each run.
+/// Adds each forest's rules to a tree and to a list, and expects them to keep the same rules, the tree no
+/// node that it doesn't need, and to give the same answers. The seed is that of the environment variable
+/// SELECTION_SEED, or another at each run.
 void CompareWithThePlainList(const World& world);
 
 } // namespace Testing

@@ -20,6 +20,9 @@ YSelectionPathDescriptor Rule(const std::string& words)
     std::istringstream input(words);
     std::string type, path, word, pattern;
     input >> type >> path;
+    const bool isPlaced = path == "-" || path.starts_with("/") || path.starts_with("C:");
+    if (!isPlaced || (type != "include" && type != "exclude" && type != "silent"))
+        throw std::invalid_argument("no rule: " + words);
     MatchType kind = MatchType::None;
     RecursionType recursion = RecursionType::NonRecursive;
     bool caseSensitive = true, isExplicit = false;

@@ -7,85 +7,8 @@ namespace {
 
 using Backup::File::YSelectionManager;
 using Krt::ErrorCode;
-using Testing::Rule;
 using Testing::Tree;
 using List = std::vector<std::string>;
-using Backup::File::YSelectionDescriptor;
-constexpr auto NotSelectedDoNotRecurse = YSelectionDescriptor::NotSelectedDoNotRecurse;
-constexpr auto NotSelectedDoRecurse = YSelectionDescriptor::NotSelectedDoRecurse;
-constexpr auto Include = YSelectionDescriptor::Include;
-constexpr auto Exclude = YSelectionDescriptor::Exclude;
-
-// A plain list of rules is the judge of answers in general, below; these name the rules one by one.
-TEST(YSelectionManagerQuery, Answers)
-{
-    const char* const allOfA = "include /a recursive any";
-    const char* const overridden = "exclude /a recursive exact=b; include /a/b exact=c explicit";
-    const struct
-    {
-        const char* name;
-        const char* rules;
-        const char* path;
-        YSelectionManager::SelectionType answer;
-    } rows[] = {
-        {"nothing at all", "", "/x", NotSelectedDoNotRecurse},
-        {"below a recursive include", allOfA, "/a/b/c", Include},
-        {"the place of the rule", allOfA, "/a", NotSelectedDoRecurse},
-        {"at the root", "include / exact=a", "/a", Include},
-        {"reportable", "include /a/b exact=c; exclude /a recursive any", "/a/b/c", Exclude},
-        {"silent", "include /a/b exact=c; silent /a recursive any", "/a/b/c", NotSelectedDoNotRecurse},
-        {"one level, long path", "include / recursive any; exclude /a exact=b", "/a/b/c", Exclude},
-        {"explicit name", overridden, "/a/b/c", Include},
-        {"way to the explicit name", overridden, "/a/b", NotSelectedDoRecurse},
-        {"explicit directory", "exclude / exact=a; include /a recursive glob=* explicit", "/a/c", Include},
-        {"all children, silent", "silent /a any; include /a/b any", "/a", NotSelectedDoNotRecurse},
-        {"all children, reported", "exclude /a any; include /a/b any", "/a", NotSelectedDoRecurse},
-        {"names by case", "include /a exact=B nocase", "/a/b", Include},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const YSelectionManager tree = Tree(row.rules);
-        EXPECT_EQ(tree.GetPathSelectionType(row.path), row.answer);
-        const bool enters = row.answer == Include || row.answer == NotSelectedDoRecurse;
-        EXPECT_EQ(tree.IsPathSelected(row.path), row.answer == Include);
-        EXPECT_EQ(tree.IsPathExcluded(row.path), row.answer == Exclude);
-        EXPECT_EQ(tree.IsPathNotSelected(row.path), row.answer < Include);
-        EXPECT_EQ(tree.IsPathSelectedOrSelectionParent(row.path), enters);
-        EXPECT_EQ(tree.ShouldEnumeratePath(row.path), enters);
-    }
-}
-
-TEST(YSelectionManagerQuery, AnswersInParts)
-{
-    const YSelectionManager tree = Tree("include /a exact=b explicit; exclude / exact=a; silent /a/c any; "
-                                        "include /d/e any; silent /d exact=f");
-    const struct
-    {
-        YSelectionManager::Components path;
-        std::string parts;
-    } rows[] = {{{"a"}, "exclude reported, below"},
-                {{"a", "b"}, "include, explicit"}, // and the exclude of its parent is overridden
-                {{"a", "c"}, "exclude reported, children"},
-                {{"d"}, "below"},
-                {{"d", "e", "x"}, "include"},
-                {{"d", "f"}, "exclude"},
-                {{"x"}, ""}};
-    for (const auto& row : rows) {
-        std::string parts;
-        const auto add = [&](bool holds, const char* part) {
-            if (holds)
-                parts += (parts.empty() ? "" : ", ") + std::string(part);
-        };
-        bool reportable = false;
-        const bool isExcluded = tree.PathMatchesExclude(row.path, reportable);
-        add(tree.PathMatchesInclude(row.path), "include");
-        add(isExcluded, reportable ? "exclude reported" : "exclude");
-        add(tree.AllChildrenOfPathAreExcludedNotReportably(row.path), "children");
-        add(tree.AnyIncludesApplyBelowPath(row.path), "below");
-        add(tree.IsAnyExplicitSelectionBelowComponent(row.path, 0), "explicit");
-        EXPECT_EQ(parts, row.parts) << row.path.back().Bytes();
-    }
-}
 
 TEST(YSelectionManagerQuery, HasNoAnswerAboutTheRoot)
 {
@@ -105,73 +28,59 @@ TEST(YSelectionManagerQuery, HasNoAnswerAboutTheRoot)
 
 TEST(YSelectionManagerQuery, TellsHowItDecides)
 {
-    const std::string noMatch = "No components in path match any exclude; ";
-    const std::string noInclude = "Leaf component a matches no includes.; ";
-    const std::string someOfRoot =
-        "Some children of / may be included or excluded reportably. (did not find a node "
-        "for the leaf component of the path); ";
+    const auto expect = [](const char* rules, const std::string& path, const std::string& told) {
+        const YSelectionManager tree = Tree(rules);
+        const Testing::LogCapture log({"SelectionBuild", "SelectionQuery"});
+        tree.GetPathSelectionType(path.c_str());
+        std::string lines;
+        for (const std::string& line : log.Texts())
+            lines += line + "; ";
+        const std::string front = "YSelectionManager: ";
+        for (std::size_t at = 0; (at = lines.find(front, at)) != std::string::npos;)
+            lines.erase(at, front.size());
+        EXPECT_EQ(lines, "GetPathSelectionType called for: " + path + "; " + told + path + "; ");
+    };
+    const std::string leaf =
+        "Leaf component b matches include at /a checkNonRecursiveDescriptors was set to 1; ";
+    const std::string reported = "Component a at index 0 matches exclude at / (root) reportable: 1";
     const std::string ignored =
         " But since that component is explicitly selected this exclude will be ignored.; ";
-    const struct
-    {
-        const char* rules;
-        const char* path;
-        std::string lines;
-    } rows[] = {
-        {"include / any", "/a",
-         "Leaf component a matches include at / (root); " + noMatch + "Path Include: /a"},
-        {"include /a any; exclude / exact=a", "/a/b",
-         "Leaf component b matches include at /a checkNonRecursiveDescriptors was set to 1; Component a at "
-         "index 0 "
-         "matches exclude at / (root)  reportable: 1; Path is Exclude: /a/b"},
-        {"include /a recursive glob=c; silent /a exact=b", "/a/b/c",
-         "Leaf component c matches include at /a checkNonRecursiveDescriptors was set to 0; Component b at "
-         "index 1 "
-         "matches exclude at /a reportable: 0; Path is not-reportable exclude: /a/b/c"},
-        {"include /a exact=b explicit; exclude / exact=a; silent /a recursive any", "/a/b",
-         "Leaf component b matches include at /a checkNonRecursiveDescriptors was set to 1; Component a at "
-         "index 0 "
-         "matches exclude at / (root) reportable: 1" +
-             ignored + "Component b at index 1 matches exclude at /a reportable: 0" + ignored + noMatch +
-             "Path Include: /a/b"},
-        {"silent / exact=a", "/a",
-         noInclude + "Component a at index 0 matches exclude at / (root)  reportable: 0; "
-                     "Path NotSelectedDoNotRecurse (not included but matches exclude): /a"},
-        {"silent /a any", "/a",
-         noInclude + noMatch +
-             "All children of /a are not excluded reportably.; "
-             "Path NotSelectedDoNotRecurse (all children excluded): /a"},
-        {"include /a/b any", "/a",
-         noInclude + noMatch +
-             "Some children of /a may be included or excluded reportably.; Includes apply below "
-             "path because /a has includes at or below it; Path NotSelectedDoRecurse (includes "
-             "below path): /a"},
-        {"include /b recursive exact=x", "/b/a",
-         noInclude + noMatch +
-             "Some children of /b may be included or excluded reportably. (did not find a node "
-             "for the leaf component of the path); Includes apply below path because /b has "
-             "recursive includes; Path NotSelectedDoRecurse (includes below path): /b/a"},
-        {"include / recursive exact=x", "/a",
-         noInclude + noMatch + someOfRoot +
-             "Includes apply below path because / (root) has recursive includes; "
-             "Path NotSelectedDoRecurse (includes below path): /a"},
-        {"", "/a",
-         noInclude + noMatch + someOfRoot +
-             "No includes apply below path.; Path NotSelectedDoNotRecurse (fall "
-             "through): /a"},
-    };
-    for (const auto& row : rows) {
-        const YSelectionManager tree = Tree(row.rules);
-        const Testing::LogCapture log({"SelectionBuild", "SelectionQuery"});
-        tree.GetPathSelectionType(row.path);
-        const std::string speaker = "YSelectionManager: ";
-        std::string lines;
-        for (const std::string& line : log.Texts()) {
-            EXPECT_TRUE(line.starts_with(speaker)) << line;
-            lines += (lines.empty() ? "" : "; ") + line.substr(speaker.size());
-        }
-        EXPECT_EQ(lines, "GetPathSelectionType called for: " + std::string(row.path) + "; " + row.lines);
-    }
+    const std::string noMatch = "No components in path match any exclude; ";
+    const std::string neither = "Leaf component a matches no includes.; " + noMatch;
+    const std::string some = " may be included or excluded reportably.";
+    const std::string noNode = some + " (did not find a node for the leaf component of the path); ";
+    const std::string below = "; Path NotSelectedDoRecurse (includes below path): ";
+
+    expect("include / any", "/a",
+           "Leaf component a matches include at / (root); " + noMatch + "Path Include: ");
+    expect("include /a any; exclude / exact=a", "/a/b",
+           leaf + "Component a at index 0 matches exclude at / (root)  reportable: 1; Path is Exclude: ");
+    expect("include /a recursive glob=c; silent /a exact=b", "/a/b/c",
+           "Leaf component c matches include at /a checkNonRecursiveDescriptors was set to 0; "
+           "Component b at index 1 matches exclude at /a reportable: 0; Path is not-reportable exclude: ");
+    expect("include /a exact=b explicit; exclude / exact=a; silent /a recursive any", "/a/b",
+           leaf + reported + ignored + "Component b at index 1 matches exclude at /a reportable: 0" +
+               ignored + noMatch + "Path Include: ");
+    expect("silent / exact=a", "/a",
+           "Leaf component a matches no includes.; "
+           "Component a at index 0 matches exclude at / (root)  reportable: 0; "
+           "Path NotSelectedDoNotRecurse (not included but matches exclude): ");
+    expect("silent /a any", "/a",
+           neither + "All children of /a are not excluded reportably.; "
+                     "Path NotSelectedDoNotRecurse (all children excluded): ");
+    expect("include /a/b any", "/a",
+           neither + "Some children of /a" + some +
+               "; Includes apply below path because /a has includes at or below it" + below);
+    expect("include /b recursive exact=x", "/b/a",
+           neither + "Some children of /b" + noNode +
+               "Includes apply below path because /b has recursive includes" + below);
+    expect("include / recursive exact=x", "/a",
+           neither + "Some children of /" + noNode +
+               "Includes apply below path because / (root) has recursive includes" + below);
+    expect("", "/a",
+           neither + "Some children of /" + noNode +
+               "No includes apply below path.; "
+               "Path NotSelectedDoNotRecurse (fall through): ");
 }
 
 TEST(YSelectionManagerQuery, AgreesWithThePlainList)
