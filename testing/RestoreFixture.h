@@ -5,27 +5,20 @@
 #include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotWriter.h"
 
-#include "testing/Program.h"
+#include "testing/ProgramFixture.h"
 #include "testing/Records.h"
-#include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
 
-#include <gtest/gtest.h>
-
 #include <optional>
-#include <string>
 #include <sys/stat.h>
-#include <vector>
 
 namespace Testing {
 
-class RestoreFixture : public ::testing::Test
+class RestoreFixture : public ProgramFixture
 {
 protected:
     void SetUp() override
     {
-        target = directory.MakeDirectory("target");
-        store = directory / "store";
         MakeTree(directory.MakeDirectory("outside"),
                  {Dir("dir"), File("dir/file", "sentinel"), Link("dir/link", "file"), Fifo("dir/fifo"),
                   Dir("dir/sub"), File("dir/sub/file", "deeper"), File("file", "too")});
@@ -112,9 +105,6 @@ protected:
         return Restore({}, paths);
     }
 
-    TemporaryDirectory directory;
-    std::string target;
-    std::string store;
     std::string before;
     std::optional<Agent::ObjectWriter> m_writer;
 };

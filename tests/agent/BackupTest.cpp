@@ -1,15 +1,12 @@
 // Which entries a backup takes, and what it tells of the others.
 #include "agent/Backup/HardLinks.h"
 
-#include "testing/Program.h"
+#include "testing/ProgramFixture.h"
 #include "testing/SelectionText.h"
 #include "testing/StoreFiles.h"
-#include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
 
 #include "Krt/JSON/YValue.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <sys/stat.h>
@@ -19,32 +16,15 @@ using namespace Testing;
 
 namespace {
 
-class BackupProgram : public ::testing::Test
+class BackupProgram : public ProgramFixture
 {
 protected:
-    void SetUp() override
-    {
-        source = directory.MakeDirectory("source");
-        store = directory / "store";
-    }
-
-    ProgramResult Backup(std::vector<std::string> arguments)
-    {
-        arguments.insert(arguments.begin(), {"backup", "--store", store});
-        return RunProgram(arguments);
-    }
-
     std::vector<std::string> Stored() const { return StoredPaths(store, source); }
-
     std::string WriteJob(const std::string& rules)
     {
         const auto value = Krt::JSON::YValue::FromObject(Testing::Tree(rules).ToJSON("/"));
         return directory.Write("job.json", value.Stringify(true).Bytes());
     }
-
-    TemporaryDirectory directory;
-    std::string source;
-    std::string store;
 };
 
 using Paths = std::vector<std::string>;
@@ -59,17 +39,16 @@ TEST_F(BackupProgram, TakesANamedPathWithAllBelowHoweverItIsWritten)
         std::vector<std::string> arguments;
         Paths stored;
     } cases[] = {
-        {"directory", {source + "/a"}, {"/a", "/a/b"}},
-        {"with dots", {source + "/c/../a/."}, {"/a", "/a/b"}},
-        {"two that overlap", {source + "/a/b", source + "/a"}, {"/a", "/a/b"}},
-        {"file", {source + "/top"}, {"/top"}},
-        {"link itself", {source + "/to a"}, {"/to a"}},
-        {"through a link", {source + "/to a/"}, {"/a", "/a/b"}},
-        {"below a link", {source + "/to a/b"}, {"/a/b"}},
+        {"directory", {"backup", source + "/a"}, {"/a", "/a/b"}},
+        {"with dots", {"backup", source + "/c/../a/."}, {"/a", "/a/b"}},
+        {"two that overlap", {"backup", source + "/a/b", source + "/a"}, {"/a", "/a/b"}},
+        {"file", {"backup", source + "/top"}, {"/top"}},
+        {"link itself", {"backup", source + "/to a"}, {"/to a"}},
+        {"through a link", {"backup", source + "/to a/"}, {"/a", "/a/b"}},
+        {"below a link", {"backup", source + "/to a/b"}, {"/a/b"}},
     };
     for (const auto& each : cases) {
-        const ProgramResult result = Backup(each.arguments);
-        EXPECT_EQ(result.exitCode, 0) << each.name << result.errors;
+        Run(0, each.arguments);
         EXPECT_EQ(Stored(), each.stored) << each.name;
     }
 }
@@ -83,13 +62,12 @@ TEST_F(BackupProgram, FollowsAJobsRules)
     const std::string job =
         WriteJob("include " + docs + " recursive any; exclude " + docs + " recursive glob=*.tmp");
 
-    const ProgramResult result = Backup({"--job", job, "--verbose"});
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    const ProgramResult result = Run(0, {"backup", "--job", job, "--verbose"});
     EXPECT_EQ(Stored(), (Paths{"/docs/a.txt", "/docs/deep", "/docs/deep/d"}));
-    EXPECT_NE(result.output.find("2 excluded"), std::string::npos) << result.output;
-    EXPECT_NE(result.errors.find(source + "/docs/deep/c.tmp"), std::string::npos) << result.errors;
+    EXPECT_TRUE(Holds(result.output, "2 excluded"));
+    EXPECT_TRUE(Holds(result.errors, source + "/docs/deep/c.tmp"));
 
-    EXPECT_EQ(Backup({"--job", job, source + "/other"}).exitCode, 0);
+    Run(0, {"backup", "--job", job, source + "/other"});
     EXPECT_EQ(Stored(), (Paths{"/docs/a.txt", "/docs/deep", "/docs/deep/d", "/other", "/other/e"}));
 }
 
@@ -98,12 +76,11 @@ TEST_F(BackupProgram, LeavesTheStoreOut)
     MakeTree(source, {File("file", "x")});
     store = source + "/store";
     for (int run = 0; run < 2; ++run) {
-        const ProgramResult result = Backup({source});
-        EXPECT_EQ(result.exitCode, 0) << result.errors;
+        Run(0, {"backup", source});
         EXPECT_EQ(Stored(), (Paths{"", "/file"}));
     }
-    const ProgramResult inside = Backup({store + "/objects"});
-    EXPECT_NE(inside.errors.find(store + "/objects is the store itself"), std::string::npos) << inside.errors;
+    const ProgramResult inside = RunProgram({"backup", "--store", store, store + "/objects"});
+    EXPECT_TRUE(Holds(inside.errors, store + "/objects is the store itself"));
     EXPECT_EQ(Stored(), Paths());
 }
 
@@ -112,10 +89,8 @@ TEST_F(BackupProgram, ReachesAPathThroughADirectoryThatMayNotBeListed)
     MakeTree(source, {Dir("passage"), Dir("passage/open"), File("passage/open/file", "x")});
     chmod(directory.Path().c_str(), 0777);
     chmod((source + "/passage").c_str(), 0311);
-    const ProgramResult result =
-        RunProgram({"backup", "--store", store, source + "/passage/open"}, OrdinaryUser);
+    Run(0, {"backup", source + "/passage/open"}, {.user = OrdinaryUser, .prepare = {}});
     chmod((source + "/passage").c_str(), 0755);
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
     EXPECT_EQ(Stored(), (Paths{"/passage/open", "/passage/open/file"}));
 }
 
@@ -148,21 +123,20 @@ TEST_F(BackupProgram, RefusesWhatItCannotUse)
         int exitCode;
         std::string told;
     } cases[] = {
-        {"neither path nor job", {}, 2, "PATH"},
-        {"missing job", {"--job", source + "/none"}, 1, source + "/none"},
-        {"directory for a job", {"--job", source}, 1, source},
-        {"damaged job", {"--job", damaged}, 1, damaged},
-        {"job without excludes", {"--job", halfRules}, 1, "excludes"},
-        {"job that includes nothing", {"--job", noIncludes}, 1, "includes nothing"},
-        {"empty job's name", {"--job", "", source}, 2, "is empty"},
-        {"way that is missing", {source + "/none/file"}, 1, source + "/none"},
-        {"missing entry", {source + "/none"}, 3, source + "/none"},
-        {"unknown option", {"--nothing", source}, 2, "--nothing"},
+        {"neither path nor job", {"backup"}, 2, "PATH"},
+        {"missing job", {"backup", "--job", source + "/none"}, 1, source + "/none"},
+        {"directory for a job", {"backup", "--job", source}, 1, source},
+        {"damaged job", {"backup", "--job", damaged}, 1, damaged},
+        {"job without excludes", {"backup", "--job", halfRules}, 1, "excludes"},
+        {"job that includes nothing", {"backup", "--job", noIncludes}, 1, "includes nothing"},
+        {"empty job's name", {"backup", "--job", "", source}, 2, "is empty"},
+        {"way that is missing", {"backup", source + "/none/file"}, 1, source + "/none"},
+        {"missing entry", {"backup", source + "/none"}, 3, source + "/none"},
+        {"unknown option", {"backup", "--nothing", source}, 2, "--nothing"},
     };
     for (const auto& each : cases) {
-        const ProgramResult result = Backup(each.arguments);
-        EXPECT_EQ(result.exitCode, each.exitCode) << each.name << ": " << result.errors;
-        EXPECT_NE(result.errors.find(each.told), std::string::npos) << each.name << ": " << result.errors;
+        SCOPED_TRACE(each.name);
+        EXPECT_TRUE(Holds(Run(each.exitCode, each.arguments).errors, each.told));
     }
 }
 
@@ -175,8 +149,7 @@ TEST_F(BackupProgram, HoldsManyEntriesAndLevels)
     std::filesystem::create_directories(path);
     for (int i = 0; i < 3000; ++i)
         directory.Write("source/d/file" + std::to_string(i), "");
-    const ProgramResult result = Backup({source});
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    Run(0, {"backup", source});
     EXPECT_EQ(Stored().size(), 3301u);
 }
 

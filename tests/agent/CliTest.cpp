@@ -2,15 +2,9 @@
 #include "agent/Cli/Command.h"
 #include "agent/Cli/Text.h"
 
-#include "testing/Program.h"
-#include "testing/TemporaryDirectory.h"
-
-#include "Krt/Exception/Raise.h"
-
-#include <gtest/gtest.h>
+#include "testing/ProgramFixture.h"
 
 #include <cstdlib>
-#include <fstream>
 
 using namespace Agent;
 using Testing::RunProgram;
@@ -54,19 +48,15 @@ TEST(Text, TimesOfAllAges)
         EXPECT_EQ(TimeText(static_cast<unsigned long long>(seconds)), shown);
 }
 
-class Cli : public ::testing::Test
+class Cli : public Testing::ProgramFixture
 {
 protected:
     void SetUp() override
     {
         directory.Write("tree/[a,b]/f\nforged", "content");
         directory.MakeDirectory("tree/{}");
-        const auto result = RunProgram({"backup", "--store", store, directory / "tree"});
-        ASSERT_EQ(result.exitCode, 0) << result.errors;
+        Run(0, {"backup", directory / "tree"});
     }
-
-    Testing::TemporaryDirectory directory;
-    const std::string store = directory / "store";
 };
 
 TEST_F(Cli, ExitCodesTellTheKindOfEnd)
@@ -103,20 +93,18 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
         const auto result = RunProgram(row.arguments);
         EXPECT_EQ(result.exitCode, row.exitCode) << result.errors;
         const std::string& told = row.exitCode == 0 ? result.output : result.errors;
-        EXPECT_NE(told.find(row.told), std::string::npos) << told;
+        EXPECT_TRUE(Testing::Holds(told, row.told));
     }
 }
 
 TEST_F(Cli, ListShowsOneLineAnEntry)
 {
     const std::string tree = directory / "tree";
-    const auto text = RunProgram({"list", "--store", store, "--snapshot", "latest"});
-    EXPECT_EQ(text.exitCode, 0) << text.errors;
-    EXPECT_EQ(std::count(text.output.begin(), text.output.end(), '\n'), 4) << text.output;
-    EXPECT_NE(text.output.find(" " + tree + "/[a,b]/f\\nforged\n"), std::string::npos) << text.output;
-    const auto json = RunProgram({"list", "--store", store, "--snapshot", "latest", "--json"});
-    EXPECT_EQ(json.exitCode, 0) << json.errors;
-    EXPECT_EQ(json.output.find("{\"record\":{\"metadata_type\":\"unix\""), 0u) << json.output;
+    const std::string text = Run(0, {"list", "--snapshot", "latest"}).output;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << text;
+    EXPECT_TRUE(Testing::Holds(text, " " + tree + "/[a,b]/f\\nforged\n"));
+    const std::string json = Run(0, {"list", "--snapshot", "latest", "--json"}).output;
+    EXPECT_TRUE(json.starts_with("{\"record\":{\"metadata_type\":\"unix\"")) << json;
 }
 
 TEST_F(Cli, PathsThatLookLikeListsArePaths)

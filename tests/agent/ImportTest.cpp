@@ -1,14 +1,11 @@
 // Records that were kept elsewhere become a snapshot, and that a tree with legal names; what is damaged or
 // lies outside the contents' folder is told and left out.
 #include "testing/LegacyHeaderBuilder.h"
-#include "testing/Program.h"
+#include "testing/ProgramFixture.h"
 #include "testing/Records.h"
-#include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
 
 #include "Backup/File/YOdsMetadata.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 
@@ -20,11 +17,9 @@ namespace {
 
 constexpr unsigned long long InUnits = (11644473600 + 1000000000) * 10000000;
 
-class Import : public ::testing::Test
+class Import : public ProgramFixture
 {
 protected:
-    void SetUp() override { target = directory.MakeDirectory("target"); }
-
     // `names` as the list of a legacy header holds them.
     static std::string Legacy(const std::wstring& names, std::uint32_t count, std::uint64_t size,
                               std::uint32_t attributes = 0x20, std::uint32_t reparseType = 0)
@@ -50,23 +45,14 @@ protected:
         return Line(Backup::File::YOdsMetadata(ContainerPath(names)).ToJSON());
     }
 
-    ProgramResult RunImport(const std::string& records, std::vector<std::string> more = {})
+    // What it printed.
+    std::string RunImport(int exitCode, const std::string& records, std::vector<std::string> arguments = {})
     {
-        std::vector<std::string> arguments = {"import",
-                                              "--store",
-                                              store,
-                                              "--contents",
-                                              directory / "contents",
-                                              directory.Write("records", records)};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return RunProgram(arguments);
+        arguments.insert(arguments.begin(), {"import", "--contents", directory / "contents"});
+        arguments.push_back(directory.Write("records", records));
+        const ProgramResult result = Run(exitCode, arguments);
+        return result.output + result.errors;
     }
-    ProgramResult Restore() { return RunProgram({"restore", "--store", store, "--to", target}); }
-    std::string Restored() const { return DescribeTree(target, {.owners = false, .attributes = false}); }
-
-    TemporaryDirectory directory;
-    const std::string store = directory / "store";
-    std::string target;
 };
 
 TEST_F(Import, AWindowsJobComesBackUnderLegalNames)
@@ -80,25 +66,21 @@ TEST_F(Import, AWindowsJobComesBackUnderLegalNames)
               File("\\\\?\\Volume{0a1b}/guid", "of a volume"),
               Dir("GLOBALROOTDeviceHarddiskVolumeShadowCopy12"),
               File("GLOBALROOTDeviceHarddiskVolumeShadowCopy12/shadow", "of a copy")});
-    const ProgramResult imported = RunImport(
-        Legacy(L"C:\\dir*\0\r"s, 1, 0, 0x11) +
-        Legacy(L"C:\\dir\\two names*TWONAM~1\0\rC:\\other\\name*\0\r"s, 2, 7) +
-        Legacy(L"\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy12\\shadow*\0\r"s, 1, 9) +
-        Legacy(L"C:\\dir\\link*\0\r"s, 1, 0, 0x420, 0xA000000C) +
-        Legacy(L"C:\\dir\\junction*\0\r"s, 1, 0, 0x410, 0xA0000003) +
-        Modern({"C:", "dir", "read-only"}, 4, 0x21) + Modern({"C:", "dir", "back\\slash?:"}, 12, 0x420) +
-        Modern({"\\\\?\\D:", "big"}, 3000000) + Modern({"E:", "f"}, 5) +
-        Modern({"\\\\?\\Volume{0a1b}", "guid"}, 11) + Ods({"server", "object"}));
-    EXPECT_EQ(imported.exitCode, 0) << imported.errors;
-    EXPECT_NE(imported.output.find("11 entries: 8 files, 2 directories, 0 links, 1 others\n2.9 MiB read"),
-              std::string::npos)
-        << imported.output;
+    const std::string imported = RunImport(
+        0, Legacy(L"C:\\dir*\0\r"s, 1, 0, 0x11) +
+               Legacy(L"C:\\dir\\two names*TWONAM~1\0\rC:\\other\\name*\0\r"s, 2, 7) +
+               Legacy(L"\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy12\\shadow*\0\r"s, 1, 9) +
+               Legacy(L"C:\\dir\\link*\0\r"s, 1, 0, 0x420, 0xA000000C) +
+               Legacy(L"C:\\dir\\junction*\0\r"s, 1, 0, 0x410, 0xA0000003) +
+               Modern({"C:", "dir", "read-only"}, 4, 0x21) +
+               Modern({"C:", "dir", "back\\slash?:"}, 12, 0x420) + Modern({"\\\\?\\D:", "big"}, 3000000) +
+               Modern({"E:", "f"}, 5) + Modern({"\\\\?\\Volume{0a1b}", "guid"}, 11) +
+               Ods({"server", "object"}));
+    EXPECT_TRUE(Holds(imported, "11 entries: 8 files, 2 directories, 0 links, 1 others\n2.9 MiB read"));
 
-    const ProgramResult restored = Restore();
-    EXPECT_EQ(restored.exitCode, 3);
-    EXPECT_EQ(std::count(restored.errors.begin(), restored.errors.end(), '\n'), 3) << restored.errors;
-    fs::create_directory(directory / "expected");
-    MakeTree(directory / "expected",
+    const std::string errors = Run(3, {"restore", "--to", target}).errors;
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 3) << errors;
+    MakeTree(directory.MakeDirectory("expected"),
              {Dir("C", 0755), Dir("C/dir", 0700), File("C/dir/two names", "content", 0600),
               Dir("C/other", 0755), Hard("C/other/name", "C/dir/two names"),
               File("C/dir/read-only", "kept", 0400), File("C/dir/back\\slash?:", "of the cloud", 0600),
@@ -114,7 +96,8 @@ TEST_F(Import, AWindowsJobComesBackUnderLegalNames)
                 fs::last_write_time(entry.path(), fs::file_time_type());
         }
     }
-    EXPECT_EQ(Restored(), DescribeTree(directory / "expected", {.owners = false, .attributes = false}));
+    const TreeView view{.owners = false, .attributes = false};
+    EXPECT_EQ(DescribeTree(target, view), DescribeTree(directory / "expected", view));
 }
 
 TEST_F(Import, UnixRecordsAndABase)
@@ -132,16 +115,14 @@ TEST_F(Import, UnixRecordsAndABase)
     link.groupId = getegid();
     link.modeFlags = 0040777;
     link.attributes = 0x10;
-    const ProgramResult imported =
-        RunImport(Line(LegacyDocument("unix", file.Bytes())) + Line(LegacyDocument("unix", link.Bytes())) +
-                      Unix({"dir"}, S_IFDIR | 0750) + Unix({"dir", "f"}, S_IFREG | 0640, 3) +
-                      Unix({"dir", "link"}, S_IFLNK, 0, "f") + Unix({"fifo"}, S_IFIFO | 0600),
-                  {"--base", "job"});
-    EXPECT_EQ(imported.exitCode, 0) << imported.errors;
-    const ProgramResult list = RunProgram({"list", "--store", store, "--snapshot", "latest"});
-    EXPECT_NE(list.output.find("\nlrwxrwxrwx "), std::string::npos) << list.output;
-    EXPECT_NE(list.output.find(" job/home/link -> abc\n"), std::string::npos) << list.output;
-    EXPECT_EQ(Restore().exitCode, 0);
+    RunImport(0,
+              Line(LegacyDocument("unix", file.Bytes())) + Line(LegacyDocument("unix", link.Bytes())) +
+                  Unix({"dir"}, S_IFDIR | 0750) + Unix({"dir", "f"}, S_IFREG | 0640, 3) +
+                  Unix({"dir", "link"}, S_IFLNK, 0, "f") + Unix({"fifo"}, S_IFIFO | 0600),
+              {"--base", "job"});
+    const std::string list = Run(0, {"list", "--snapshot", "latest"}).output;
+    EXPECT_TRUE(Holds(list, "\nlrwxrwxrwx ") && Holds(list, " job/home/link -> abc\n")) << list;
+    Run(0, {"restore", "--to", target});
     EXPECT_EQ(ReadFile(target + "/job/home/a file"), "x");
     EXPECT_EQ(fs::read_symlink(target + "/job/home/link"), "abc");
     EXPECT_EQ(ReadFile(target + "/dir/f"), "abc");
@@ -185,17 +166,14 @@ TEST_F(Import, WhatIsDamagedIsToldAndTheRestStored)
     std::string records;
     for (const auto& row : rows)
         records += row.record;
-    const ProgramResult imported = RunImport(records);
-    EXPECT_EQ(imported.exitCode, 3);
-    EXPECT_NE(imported.output.find("3 entries: 3 files"), std::string::npos) << imported.output;
-    EXPECT_NE(imported.output.find("\n19 failed\n"), std::string::npos) << imported.output;
+    const std::string imported = RunImport(3, records);
     for (const auto& row : rows)
-        EXPECT_NE(imported.errors.find(row.told), std::string::npos) << row.told << "\n" << imported.errors;
-    const ProgramResult list = RunProgram({"list", "--store", store});
-    EXPECT_NE(list.output.find(" 3 entries "), std::string::npos) << list.output;
-    EXPECT_NE(list.output.find("11 bytes     19 failed"), std::string::npos) << list.output;
-
-    EXPECT_EQ(Restore().exitCode, 3);
+        EXPECT_TRUE(Holds(imported, row.told));
+    for (const char* told : {"3 entries: 3 files", "\n19 failed\n"})
+        EXPECT_TRUE(Holds(imported, told));
+    const std::string list = Run(0, {"list"}).output;
+    EXPECT_TRUE(Holds(list, " 3 entries ") && Holds(list, "11 bytes     19 failed")) << list;
+    Run(3, {"restore", "--to", target});
     EXPECT_EQ(ReadFile(target + "/C/short"), "12");
     EXPECT_EQ(ReadFile(target + "/C/long"), "12345");
     EXPECT_EQ(ReadFile(target + "/C/good"), "good");
@@ -205,15 +183,11 @@ TEST_F(Import, WhatIsDamagedIsToldAndTheRestStored)
 TEST_F(Import, WithoutInputOrContentsNoStoreIsMade)
 {
     const std::string contents = directory.MakeDirectory("contents");
-    EXPECT_EQ(
-        RunProgram({"import", "--store", store, "--contents", contents, directory / "no records"}).exitCode,
-        1);
-    EXPECT_EQ(RunProgram({"import", "--store", store, "--contents", contents + "x"}).exitCode, 1);
-    EXPECT_EQ(RunProgram({"import", "--store", store}).exitCode, 2);
+    Run(1, {"import", "--contents", contents, directory / "no records"});
+    Run(1, {"import", "--contents", contents + "x"});
+    Run(2, {"import"});
     EXPECT_FALSE(fs::exists(store));
-    const ProgramResult empty = RunProgram({"import", "--store", store, "--contents", contents});
-    EXPECT_EQ(empty.exitCode, 0) << empty.errors;
-    EXPECT_NE(empty.output.find("0 entries"), std::string::npos);
+    EXPECT_TRUE(Holds(Run(0, {"import", "--contents", contents}).output, "0 entries"));
 }
 
 } // namespace

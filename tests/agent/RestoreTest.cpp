@@ -59,14 +59,10 @@ TEST_F(RestoreProgram, DirectoriesOutOfOrderKeepTheirTimesAndModes)
         writer.Add(FileWith({"a", "deep", "4"}, "4"));
     });
     EXPECT_EQ(result.exitCode, 0) << result.errors;
-    struct stat status
-    {};
-    ASSERT_EQ(stat((target + "/a").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0555u);
-    EXPECT_EQ(status.st_mtime, 1000000000);
+    EXPECT_EQ(StatusOf("a").st_mode & 07777, 0555u);
+    EXPECT_EQ(StatusOf("a").st_mtime, 1000000000);
     EXPECT_EQ(ReadFile(target + "/a/3"), "3");
-    ASSERT_EQ(stat((target + "/a/deep").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0755u);
+    EXPECT_EQ(StatusOf("a/deep").st_mode & 07777, 0755u);
 }
 
 TEST_F(RestoreProgram, ARestoreCutShortLeavesDirectoriesAsTheyWere)
@@ -88,10 +84,7 @@ TEST_F(RestoreProgram, ARestoreCutShortLeavesDirectoriesAsTheyWere)
         }
         return !refused;
     }));
-    struct stat status
-    {};
-    ASSERT_EQ(stat((target + "/foreign/own").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0500u);
+    EXPECT_EQ(StatusOf("foreign/own").st_mode & 07777, 0500u);
     EXPECT_TRUE(fs::is_directory(target + "/foreign/own/new"));
 }
 
@@ -137,7 +130,7 @@ TEST_F(RestoreProgram, AFileThatCannotBeKeptFailsThoughItWasWritten)
     };
     const ProgramResult result = Restore(full);
     EXPECT_EQ(result.exitCode, 3);
-    EXPECT_NE(result.errors.find("/file: Failed to write file"), std::string::npos) << result.errors;
+    EXPECT_TRUE(Holds(result.errors, "/file: Failed to write file"));
     EXPECT_TRUE(fs::is_empty(target));
 }
 
@@ -147,8 +140,7 @@ TEST_F(RestoreProgram, ADamagedSnapshotIsRefusedBeforeAnything)
     fs::remove(target + "/file");
     for (const fs::directory_entry& entry : fs::directory_iterator(store + "/snapshots"))
         fs::resize_file(entry.path(), entry.file_size() - 3);
-    const ProgramResult result = RunProgram({"restore", "--store", store, "--to", target});
-    EXPECT_EQ(result.exitCode, 1) << result.errors;
+    Run(1, {"restore", "--to", target});
     EXPECT_TRUE(fs::is_empty(target));
 }
 
@@ -165,7 +157,7 @@ TEST_F(RestoreProgram, RestoresOnlyWhatIsNamed)
     EXPECT_FALSE(fs::exists(target + "/ab"));
     const ProgramResult result = RestoreOf(fill, {"/b", "/missing"});
     EXPECT_EQ(result.exitCode, 3);
-    EXPECT_NE(result.errors.find("/missing"), std::string::npos);
+    EXPECT_TRUE(Holds(result.errors, "/missing"));
     EXPECT_TRUE(fs::exists(target + "/b"));
 }
 
@@ -196,7 +188,7 @@ TEST_F(RestoreProgram, SeveralPathsOfARecordAreNamesOfOneFile)
                                "content"));
     };
     const ProgramResult some = RestoreOf(fill, {"/C/3", "C/4"});
-    EXPECT_NE(some.output.find("2 entries restored"), std::string::npos) << some.errors;
+    EXPECT_TRUE(Holds(some.output, "2 entries restored"));
     EXPECT_EQ(ReadFile(target + "/C/3/3"), "content");
     EXPECT_EQ(StatusOf("C/4").st_ino, StatusOf("C/3/3").st_ino);
     EXPECT_FALSE(fs::exists(target + "/C/1"));
@@ -205,8 +197,8 @@ TEST_F(RestoreProgram, SeveralPathsOfARecordAreNamesOfOneFile)
     fs::create_directory(target + "/C/1");
     const ProgramResult all = RestoreOf(fill);
     EXPECT_EQ(all.exitCode, 3);
-    EXPECT_NE(all.errors.find("C:/../2: Refused"), std::string::npos) << all.errors;
-    EXPECT_NE(all.errors.find("/C/1: A directory stands"), std::string::npos) << all.errors;
+    EXPECT_TRUE(Holds(all.errors, "C:/../2: Refused") && Holds(all.errors, "/C/1: A directory stands"))
+        << all.errors;
     EXPECT_EQ(StatusOf("C/4").st_ino, StatusOf("C/3/3").st_ino);
     EXPECT_EQ(StatusOf("C/4").st_nlink, 2u);
     EXPECT_TRUE(fs::is_directory(target + "/C/1"));
@@ -230,18 +222,17 @@ TEST_F(RestoreProgram, RecordsWithoutAFileAreToldAndListed)
     for (const char* told : {"/server/object: An ODS object is no file", "/C/link: A reparse point",
                              "/C/nothing: The snapshot has no content", "Entry 5: The record has no path",
                              "Entry 6: The record has no path", ":?/no name: Refused"})
-        EXPECT_NE(result.errors.find(told), std::string::npos) << told << "\n" << result.errors;
+        EXPECT_TRUE(Holds(result.errors, told));
     EXPECT_EQ(StatusOf("D/two").st_ino, StatusOf("C/good").st_ino);
     EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), 7);
 
-    const ProgramResult list = RunProgram({"list", "--store", store, "--snapshot", "latest"});
-    EXPECT_EQ(list.exitCode, 3);
+    const ProgramResult list = Run(3, {"list", "--snapshot", "latest"});
     EXPECT_EQ(std::count(list.errors.begin(), list.errors.end(), '\n'), 2) << list.errors;
     for (const char* line : {"ods                  -            -                    - server/object\n",
                              " a/b/c\n", "----AL               -            0 2001-09-09T01:46:40Z /C/link\n",
                              "-RHSA-               -            4 2001-09-09T01:46:40Z /C/good\n",
                              "-RHSA-               -            4 2001-09-09T01:46:40Z /D/two\n"})
-        EXPECT_NE(list.output.find(line), std::string::npos) << line << list.output;
+        EXPECT_TRUE(Holds(list.output, line));
 }
 
 TEST(WindowsTime, NumbersOfEitherScale)

@@ -1,10 +1,7 @@
 // Trees of every kind go through backup and restore, and what comes back is compared with what was there.
-#include "testing/Program.h"
+#include "testing/ProgramFixture.h"
 #include "testing/StoreFiles.h"
-#include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
-
-#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <filesystem>
@@ -17,15 +14,13 @@ using namespace Testing;
 
 namespace {
 
-// A source, a store and a target in one place, which an ordinary user may use, too.
-class RoundTrip : public ::testing::Test
+// An ordinary user may use the store and the target, too.
+class RoundTrip : public ProgramFixture
 {
 protected:
     void SetUp() override
     {
-        source = directory.MakeDirectory("source");
-        target = directory.MakeDirectory("target");
-        store = directory.MakeDirectory("store");
+        directory.MakeDirectory("store");
         if (geteuid() == 0) {
             chmod(directory.Path().c_str(), 0755);
             for (const std::string& path : {target, store})
@@ -33,21 +28,28 @@ protected:
         }
         chmod(store.c_str(), 0700);
     }
-
-    ProgramResult Backup(unsigned int user = 0)
+    ProgramResult Backup(int exitCode, unsigned int user = 0) const
     {
-        return RunProgram({"backup", "--store", store, source}, user);
+        return Run(exitCode, {"backup", source}, {.user = user, .prepare = {}});
     }
-    ProgramResult Restore(unsigned int user = 0)
+    ProgramResult Restore(int exitCode, unsigned int user = 0) const
     {
-        return RunProgram({"restore", "--store", store, "--to", target}, user);
+        return Run(exitCode, {"restore", "--to", target}, {.user = user, .prepare = {}});
+    }
+    void ExpectAllComesBack(unsigned int user = 0) const
+    {
+        Backup(0, user);
+        Restore(0, user);
+        EXPECT_EQ(DescribeTree(Restored()), DescribeTree(source));
     }
     std::string Restored() const { return target + source; }
-
-    TemporaryDirectory directory;
-    std::string source;
-    std::string target;
-    std::string store;
+    struct stat StatusOf(const std::string& name) const
+    {
+        struct stat status
+        {};
+        EXPECT_EQ(lstat((Restored() + name).c_str(), &status), 0) << name;
+        return status;
+    }
 };
 
 TEST_F(RoundTrip, EveryKindComesBackIdentical)
@@ -55,21 +57,10 @@ TEST_F(RoundTrip, EveryKindComesBackIdentical)
     MakeTree(source, EveryKindOfEntry());
     setxattr((source + "/dir/text").c_str(), "user.comment", "a\0b", 3, 0);
     setxattr((source + "/dir").c_str(), "user.empty", "", 0, 0);
-
-    const ProgramResult backup = Backup();
-    EXPECT_EQ(backup.exitCode, 0) << backup.errors;
-    const ProgramResult restore = Restore();
-    EXPECT_EQ(restore.exitCode, 0) << restore.errors;
-    EXPECT_EQ(DescribeTree(Restored()), DescribeTree(source));
-
-    struct stat status
-    {};
-    ASSERT_EQ(stat((Restored() + "/dir/zeros").c_str(), &status), 0);
-    EXPECT_LT(status.st_blocks * 512, status.st_size) << "zeros come back as a hole";
-
+    ExpectAllComesBack();
+    EXPECT_LT(StatusOf("/dir/zeros").st_blocks * 512, 300000) << "zeros come back as a hole";
     // Once more over what stands there: nothing is left behind, nothing changes.
-    EXPECT_EQ(Restore().exitCode, 0);
-    EXPECT_EQ(DescribeTree(Restored()), DescribeTree(source));
+    ExpectAllComesBack();
 }
 
 TEST_F(RoundTrip, OrdinaryUserGetsAllOfHisOwn)
@@ -82,10 +73,7 @@ TEST_F(RoundTrip, OrdinaryUserGetsAllOfHisOwn)
         ASSERT_EQ(chmod((source + "/setuid").c_str(), 04755), 0); // the change of owner took the bit
         ASSERT_EQ(chown(source.c_str(), OrdinaryUser, OrdinaryUser), 0);
     }
-    EXPECT_EQ(Backup(OrdinaryUser).exitCode, 0);
-    const ProgramResult restore = Restore(OrdinaryUser);
-    EXPECT_EQ(restore.exitCode, 0) << restore.errors;
-    EXPECT_EQ(DescribeTree(Restored()), DescribeTree(source));
+    ExpectAllComesBack(OrdinaryUser);
 }
 
 TEST_F(RoundTrip, RootBringsBackOwnersDevicesAndSecurityAttributes)
@@ -114,10 +102,7 @@ TEST_F(RoundTrip, RootBringsBackOwnersDevicesAndSecurityAttributes)
     setxattr((source + "/suid").c_str(), "system.posix_acl_access", acl, sizeof acl, 0);
     setxattr((source + "/dir").c_str(), "system.posix_acl_default", acl, sizeof acl, 0);
 
-    EXPECT_EQ(Backup().exitCode, 0);
-    const ProgramResult restore = Restore();
-    EXPECT_EQ(restore.exitCode, 0) << restore.errors;
-    EXPECT_EQ(DescribeTree(Restored()), DescribeTree(source));
+    ExpectAllComesBack();
 }
 
 TEST_F(RoundTrip, OrdinaryUserIsToldWhatHeMayNotDo)
@@ -125,18 +110,13 @@ TEST_F(RoundTrip, OrdinaryUserIsToldWhatHeMayNotDo)
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to make files of others";
     MakeTree(source, {File("suid", "x", 06755), File("locked", "secret", 0000), File("plain", "y")});
-    EXPECT_EQ(Backup().exitCode, 0);
+    Backup(0);
     ASSERT_EQ(system(("chown -R " + std::to_string(OrdinaryUser) + " " + store).c_str()), 0);
-    const ProgramResult restore = Restore(OrdinaryUser);
-    EXPECT_EQ(restore.exitCode, 3);
+    const std::string errors = Restore(3, OrdinaryUser).errors;
     for (const char* name : {"/suid", "/locked", "/plain"})
-        EXPECT_NE(restore.errors.find(source + name + ": owner 0:0 not restored"), std::string::npos)
-            << restore.errors;
-    EXPECT_NE(restore.errors.find("set-user-id"), std::string::npos);
-    struct stat status
-    {};
-    ASSERT_EQ(stat((Restored() + "/suid").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0755u);
+        EXPECT_TRUE(Holds(errors, source + name + ": owner 0:0 not restored"));
+    EXPECT_TRUE(Holds(errors, "set-user-id"));
+    EXPECT_EQ(StatusOf("/suid").st_mode & 07777, 0755u);
     EXPECT_EQ(ReadFile(Restored() + "/plain"), "y");
 }
 
@@ -144,12 +124,10 @@ TEST_F(RoundTrip, WhatCannotBeReadFailsAlone)
 {
     MakeTree(source,
              {File("locked", "secret", 0000), Dir("closed", 0000), Socket("socket"), File("plain", "y")});
-    const ProgramResult backup = Backup(OrdinaryUser);
-    EXPECT_EQ(backup.exitCode, 3);
-    for (const char* name : {"/locked", "/closed", "/socket"}) {
-        EXPECT_NE(backup.errors.find(source + name), std::string::npos) << backup.errors;
-    }
-    EXPECT_EQ(backup.errors.find(source + "/plain"), std::string::npos) << backup.errors;
+    const std::string errors = Backup(3, OrdinaryUser).errors;
+    for (const char* name : {"/locked", "/closed", "/socket"})
+        EXPECT_TRUE(Holds(errors, source + name));
+    EXPECT_FALSE(Holds(errors, source + "/plain"));
     EXPECT_EQ(StoredPaths(store, source), (std::vector<std::string>{"", "/closed", "/plain"}));
 }
 
@@ -161,13 +139,10 @@ TEST_F(RoundTrip, SparseFileOfFiveGigabytes)
     ASSERT_EQ(ftruncate(file, 5LL << 30), 0);
     ASSERT_EQ(pwrite(file, "middle", 6, 3LL << 30), 6);
     close(file);
-    EXPECT_EQ(Backup().exitCode, 0);
-    EXPECT_EQ(Restore().exitCode, 0);
-    struct stat status
-    {};
-    ASSERT_EQ(stat((Restored() + "/sparse").c_str(), &status), 0);
-    EXPECT_EQ(status.st_size, 5LL << 30);
-    EXPECT_LT(status.st_blocks * 512, 1 << 20);
+    Backup(0);
+    Restore(0);
+    EXPECT_EQ(StatusOf("/sparse").st_size, 5LL << 30);
+    EXPECT_LT(StatusOf("/sparse").st_blocks * 512, 1 << 20);
     char text[6] = {};
     const int restored = open((Restored() + "/sparse").c_str(), O_RDONLY);
     EXPECT_EQ(pread(restored, text, 6, 3LL << 30), 6);

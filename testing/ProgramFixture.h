@@ -1,0 +1,42 @@
+// A place for runs of the program: a source and a target, both empty directories, and where the store is to
+// be.
+#pragma once
+
+#include "testing/Program.h"
+#include "testing/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace Testing {
+
+/// Whether the text has the part somewhere in it.
+inline ::testing::AssertionResult Holds(const std::string& text, const std::string& part)
+{
+    if (text.find(part) == std::string::npos)
+        return ::testing::AssertionFailure() << "no \"" << part << "\" in: " << text;
+    return ::testing::AssertionSuccess() << "\"" << part << "\" in: " << text;
+}
+
+class ProgramFixture : public ::testing::Test
+{
+protected:
+    /// Runs a command, its name first, with the option for the store. The test fails if it ends otherwise.
+    ProgramResult Run(int exitCode, std::vector<std::string> arguments,
+                      const ProgramSettings& settings = {}) const
+    {
+        arguments.insert(arguments.begin() + 1, {"--store", store});
+        ProgramResult result = RunProgram(arguments, settings);
+        EXPECT_EQ(result.exitCode, exitCode) << ::testing::PrintToString(arguments) << "\n" << result.errors;
+        return result;
+    }
+
+    TemporaryDirectory directory;
+    std::string source = directory.MakeDirectory("source");
+    std::string target = directory.MakeDirectory("target");
+    std::string store = directory / "store";
+};
+
+} // namespace Testing
