@@ -93,7 +93,8 @@ std::string RemoveVolume(const std::string& path)
     const std::string volume = Volume(path);
     if (path == volume || volume.empty())
         return path == volume ? std::string() : path;
-    return Model::Replaced(path, AppendSep(volume, '/'), "", 0, 1, false);
+    unsigned int count = 0;
+    return Model::Replaced(path, AppendSep(volume, '/'), "", 0, 1, false, count);
 }
 
 std::vector<YString> Components(const std::string& path)

@@ -52,14 +52,24 @@ std::string Trimmed(std::string text, bool left)
     return Model::Stripped(text);
 }
 
-// The bytes after a change of a copy, whose count of characters has to follow.
+// Empty for what has none.
+std::wstring Wide(const YString& string)
+{
+    std::wstring wide;
+    Fuzz::Raises([&] { wide = string.AsWide(); });
+    return wide;
+}
+
+// The bytes after a change of a copy, whose count of characters and wide copy have to follow.
 template <class Change>
 std::string After(const YString& string, Change change)
 {
     YString copy(string);
     copy.Length();
+    Wide(copy);
     change(copy);
     Expect(copy.Length() == Model::Length(copy.Bytes()), "a change forgets the count");
+    Expect(Wide(copy) == Wide(Text(copy.Bytes())), "a change forgets the wide copy");
     return copy.Bytes();
 }
 
@@ -108,16 +118,19 @@ void CheckChanges(const YString& string, const Case& c)
     const char* const from = c.other.c_str();
     const char* const to = c.third.c_str();
     const bool raises = *from != '\0' && !c.text.empty() && Model::Locate(c.text, c.start) >= c.text.size();
+    unsigned int count = 0, wantedCount = 0;
     const std::string replaced = After(string, [&](YString& copy) {
         const auto replace = [&] {
-            copy.Replace(from, to, c.start, c.count, c.caseSensitive);
+            count = copy.Replace(from, to, c.start, c.count, c.caseSensitive);
         };
         Expect(Fuzz::Raises(replace) == raises, "Replace raises behind the end");
     });
-    Expect(replaced == (raises || *from == '\0'
-                            ? c.text
-                            : Model::Replaced(c.text, from, to, c.start, c.count, c.caseSensitive)),
+    Expect(replaced == (raises || *from == '\0' ? c.text
+                                                : Model::Replaced(c.text, from, to, c.start, c.count,
+                                                                  c.caseSensitive, wantedCount)),
            "Replace");
+    Expect(count == wantedCount, "how often Replace did");
+    Expect(After(string, [&](YString& copy) { copy += Text(c.other); }) == c.text + c.other, "+=");
     const std::size_t cut = Model::Locate(c.text, c.count);
     Expect(After(string, [&](YString& copy) { copy.Truncate(c.count); }) ==
                Model::Stripped(c.text.substr(0, cut)),

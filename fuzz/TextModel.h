@@ -88,10 +88,12 @@ inline std::string Right(const std::string& text, unsigned int count)
     return count >= Length(text) ? Mid(text, 0, NotFound) : Mid(text, Length(text) - count, NotFound);
 }
 
+/// With how often in `count`.
 inline std::string Replaced(std::string text, const std::string& from, const std::string& to,
-                            unsigned int start, unsigned int maxCount, bool caseSensitive)
+                            unsigned int start, unsigned int maxCount, bool caseSensitive,
+                            unsigned int& count)
 {
-    unsigned int count = 0;
+    count = 0;
     std::size_t at = Locate(text, start);
     while (at < text.size() && text[at] != '\0') {
         if (!Matches(text, at, from, caseSensitive)) {

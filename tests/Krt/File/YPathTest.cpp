@@ -20,39 +20,6 @@ TEST(YPathTest, WorksOnPlainText)
     EXPECT_EQ(YPath::PrependPathSep("/a", s), "/a");
     EXPECT_EQ(YPath::RemoveLeadingPathSep("//a/", s), "a/");
     EXPECT_EQ(YPath::RemoveLeadingPathSep("//", s), "");
-    EXPECT_EQ(YPath::GetFileFromPath("/a/", s), "");
-    EXPECT_EQ(YPath::GetFileFromPath(YPath("/a/"), s), "a");
-    EXPECT_EQ(YPath("///"), "");
-    EXPECT_EQ(YPath("/").GetParent(), "/");
-}
-
-TEST(YPathTest, TellsVolumesAndComponents)
-{
-    const struct
-    {
-        const char* path;
-        const char* volume; // of the text
-        const char* rest;   // of the path object
-        std::vector<YString> components;
-    } cases[] = {
-        {"/", "", "/", {}},
-        {"", "", "/", {}},
-        {"/a//b/./c/..", "", "/a//b/./c/..", {"a", "b", "c", ".."}},
-        {"C:\\x", "C:", "C:\\x", {"C:", "\\x"}},
-        {"c:/x/y", "c:", "x/y", {"c:", "x", "y"}},
-        {"\\\\?\\c:\\dir/x", "\\\\?\\c:", "\\\\?\\c:\\dir/x", {"\\\\?\\c:", "\\dir", "x"}},
-        {"\\\\?\\C:", "\\\\?\\C:/", "", {"\\\\?\\C:"}},
-        {"\\\\?\\Volume{1-2}\\x",
-         "\\\\?\\Volume{1-2}",
-         "\\\\?\\Volume{1-2}\\x",
-         {"\\\\?\\Volume{1-2}", "\\x"}},
-        {"\\\\server\\share", "", "\\\\server\\share", {"\\\\server\\share"}},
-    };
-    for (const auto& [path, volume, rest, components] : cases) {
-        EXPECT_EQ(YPath::GetVolumeFromPath(path), volume) << path;
-        EXPECT_EQ(YPath(path).RemoveVolume(), rest) << path;
-        EXPECT_EQ(YPath(path).PopulateComponents(), components) << path;
-    }
     EXPECT_TRUE(std::is_sorted(YPath::s_volumePrefixes.begin(), YPath::s_volumePrefixes.end()));
     EXPECT_EQ(YPath("/a/b").GetComponent(1), "b");
     EXPECT_RAISES(YPath("/").GetComponent(0), ErrorCode::NoPathComponent, "GetComponent",
