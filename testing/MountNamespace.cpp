@@ -13,7 +13,6 @@
 #include <linux/loop.h>
 #include <memory>
 #include <sched.h>
-#include <sstream>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -24,7 +23,6 @@
 namespace Testing {
 
 namespace fs = std::filesystem;
-using testing::TestPartResult;
 
 namespace {
 
@@ -53,46 +51,6 @@ public:
 private:
     int m_descriptor;
 };
-
-// Results of a test, each as kind, file, line and message.
-std::string ResultsText(const testing::TestPartResultArray& results)
-{
-    std::string report;
-    for (int i = 0; i < results.size(); ++i) {
-        const TestPartResult& result = results.GetTestPartResult(i);
-        const std::string file = result.file_name() != nullptr ? result.file_name() : "";
-        for (const std::string& field : {std::to_string(result.type()), file,
-                                         std::to_string(result.line_number()), std::string(result.message())})
-            report += field + '\0';
-    }
-    return report;
-}
-
-// Repeats what the child said, in the parent's test.
-void Repeat(const std::string& report)
-{
-    std::string skipped;
-    std::istringstream input(report);
-    for (std::string type, file, line, message;
-         std::getline(input, type, '\0') && std::getline(input, file, '\0') &&
-         std::getline(input, line, '\0') && std::getline(input, message, '\0');) {
-        if (std::stoi(type) == TestPartResult::kSkip)
-            skipped = message;
-        else if (std::stoi(type) != TestPartResult::kSuccess)
-            ADD_FAILURE_AT(file.c_str(), std::stoi(line)) << message;
-    }
-    if (!skipped.empty())
-        GTEST_SKIP() << skipped;
-}
-
-std::string ReadAll(int descriptor)
-{
-    std::string text;
-    char buffer[4096];
-    for (ssize_t count; (count = read(descriptor, buffer, sizeof buffer)) > 0;)
-        text.append(buffer, static_cast<std::size_t>(count));
-    return text;
-}
 
 // The mounts and loop devices of this process's namespace that have to do with the directory.
 std::string LeftBehind(const std::string& directory)
@@ -161,8 +119,8 @@ MountNamespace::MountNamespace(const std::string& directory)
     Mount("base", m_base, "tmpfs");
 }
 
-// What the child does: the body's results are caught, so that they are told once, by the parent.
-std::string MountNamespace::RunCaught(const std::string& directory, const Body& body)
+// What the child does: the body's results go into files, so that they are told once, by the parent.
+void MountNamespace::RunCaught(const std::string& directory, const Body& body)
 {
     testing::TestPartResultArray results;
     const testing::ScopedFakeTestPartResultReporter reporter(
@@ -178,28 +136,30 @@ std::string MountNamespace::RunCaught(const std::string& directory, const Body& 
         }
     };
     run();
-    return ResultsText(results);
+    for (int i = 0; i < results.size(); ++i) {
+        const testing::TestPartResult& result = results.GetTestPartResult(i);
+        std::ofstream(directory + (result.skipped() ? "/skipped" : "/failed"), std::ios::app)
+            << (result.file_name() != nullptr ? result.file_name() : "") << ":" << result.line_number()
+            << ": " << result.message() << "\n";
+    }
 }
 
 void MountNamespace::Run(const Body& body)
 {
     const TemporaryDirectory directory;
-    int pipe[2];
-    ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+    const std::string failed = directory.Write("failed", ""), skipped = directory.Write("skipped", "");
     const pid_t child = fork();
     if (child == 0) {
-        const std::string report = RunCaught(directory.Path(), body);
-        const bool told = write(pipe[1], report.data(), report.size()) == static_cast<ssize_t>(report.size());
-        _exit(told ? 0 : 1);
+        RunCaught(directory.Path(), body);
+        _exit(0);
     }
-    close(pipe[1]);
-    const std::string report = ReadAll(pipe[0]);
-    close(pipe[0]);
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(LeftBehindInTheEnd(directory.Path()), "");
     EXPECT_EQ(status, 0) << "the child of the test ended with this status";
-    Repeat(report);
+    EXPECT_EQ(ReadFile(failed), "");
+    if (const std::string reason = ReadFile(skipped); !reason.empty())
+        GTEST_SKIP() << reason;
 }
 
 std::string MountNamespace::MakeDirectory(const std::string& name) const

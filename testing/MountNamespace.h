@@ -53,7 +53,7 @@ public:
 
 private:
     explicit MountNamespace(const std::string& directory);
-    static std::string RunCaught(const std::string& directory, const Body& body);
+    static void RunCaught(const std::string& directory, const Body& body);
     std::string m_base;
     std::string m_images;
 };

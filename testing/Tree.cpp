@@ -10,10 +10,9 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iomanip>
 #include <sstream>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -22,30 +21,6 @@ namespace Testing {
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string Escaped(const std::string& text)
-{
-    std::ostringstream out;
-    for (const unsigned char byte : text) {
-        if (byte > ' ' && byte < 0x7F && byte != '\\')
-            out << byte;
-        else
-            out << "\\x"
-                << "0123456789abcdef"[byte >> 4] << "0123456789abcdef"[byte & 15];
-    }
-    return out.str();
-}
-
-void MakeSocket(const std::string& path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    ASSERT_LT(path.size(), sizeof address.sun_path);
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    const int socketFd = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(bind(socketFd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << path;
-    close(socketFd);
-}
 
 void MakeEntry(const std::string& root, const TreeEntry& entry)
 {
@@ -67,7 +42,7 @@ void MakeEntry(const std::string& root, const TreeEntry& entry)
         ASSERT_EQ(mkfifo(path.c_str(), 0600), 0) << path;
         break;
     case TreeEntry::Socket:
-        MakeSocket(path);
+        ASSERT_EQ(mknod(path.c_str(), S_IFSOCK | 0600, 0), 0) << path;
         break;
     }
 }
@@ -90,16 +65,17 @@ std::string AttributesOf(const std::string& path)
     const ssize_t size = llistxattr(path.c_str(), names.data(), names.size());
     std::vector<std::string> lines;
     for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(std::strlen(&names[at])) + 1) {
-        std::vector<char> value(65536);
+        std::string value(65536, '\0');
         const ssize_t length = lgetxattr(path.c_str(), &names[at], value.data(), value.size());
-        lines.push_back(
-            Escaped(&names[at]) + "=" +
-            Escaped(std::string(value.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)))));
+        value.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+        std::ostringstream line;
+        line << " " << std::quoted(&names[at]) << "=" << std::quoted(value);
+        lines.push_back(line.str());
     }
     std::sort(lines.begin(), lines.end());
     std::string text;
     for (const std::string& line : lines)
-        text += " " + line;
+        text += line;
     return text;
 }
 
@@ -109,7 +85,7 @@ std::string DescribeEntry(const std::string& path, const std::string& name, cons
     {};
     EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
     std::ostringstream line;
-    line << Escaped(name) << " " << std::oct << status.st_mode << std::dec;
+    line << std::quoted(name) << " " << std::oct << status.st_mode << std::dec;
     if (view.owners)
         line << " " << status.st_uid << ":" << status.st_gid;
     line << " t" << status.st_mtime;
@@ -122,7 +98,7 @@ std::string DescribeEntry(const std::string& path, const std::string& name, cons
     if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))
         line << " d" << status.st_rdev;
     if (S_ISLNK(status.st_mode))
-        line << " -> " << Escaped(fs::read_symlink(path).string());
+        line << " -> " << std::quoted(fs::read_symlink(path).string());
     else if (S_ISREG(status.st_mode) && status.st_size < (64 << 20) && access(path.c_str(), R_OK) == 0)
         line << " #" << std::hash<std::string>()(ReadFile(path));
     if (view.attributes)

@@ -69,7 +69,7 @@ struct TreeView
 };
 
 /// A line an entry below `root`, sorted: name, kind, permission bits, owner, number of names, time, size,
-/// extended attributes, and a link's target or a digest of the content. Names and values are escaped. The
+/// extended attributes, and a link's target or a digest of the content. Names and values are quoted. The
 /// size and the number of names of a directory belong to the file system and are left out.
 std::string DescribeTree(const std::string& root, const TreeView& view = {});
 
