@@ -64,9 +64,6 @@ TEST_P(RealMount, IsKnownForWhatItIs)
 
         const YVolume volume(below);
         EXPECT_EQ(volume.GetGuidPath(), unique);
-        EXPECT_EQ(volume.GetDriveType(), kind.driveClass);
-        EXPECT_EQ(volume.IsReadOnly(), kind.readOnly);
-        EXPECT_EQ(volume.GetMountPathCount(), kind.entries);
         EXPECT_EQ(volume.GetPrimaryMountPath(), target);
 
         YVolumeManager manager;

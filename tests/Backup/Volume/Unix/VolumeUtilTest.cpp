@@ -2,6 +2,7 @@
 
 #include "testing/LogCapture.h"
 #include "testing/MountTable.h"
+#include "testing/ProcMounted.h"
 #include "testing/Raises.h"
 
 #include <filesystem>
@@ -14,23 +15,12 @@ using Krt::File::YPath;
 
 namespace {
 
-// What every machine has mounted below the root.
-constexpr const char* Mount = "/proc";
-
 const char* const Table = "/dev/root / ext4 rw 0 0\n"
                           "first /proc hfs ro 0 0\n"
                           "second /proc nfs rw 0 0\n"
                           "first /elsewhere nfs rw 0 0\n";
 
-class VolumeUtil : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        if (!IsMountPoint(Mount))
-            GTEST_SKIP() << Mount << " is not mounted here";
-    }
-};
+using VolumeUtil = Testing::ProcMounted;
 
 } // namespace
 
@@ -87,29 +77,14 @@ TEST_F(VolumeUtil, TheFirstEntryOfADirectoryOrSourceWins)
     EXPECT_FALSE(IsReadOnly("/"));
 
     const Testing::MountTable unlisted("/dev/root / ext4 ro 0 0\n");
-    EXPECT_RAISES(GetVolumeUniquePath("/proc/self"), ErrorCode::NotFound, "GetVolumeUniquePath",
-                  "Failed to locate volume guid for path /proc/self");
     EXPECT_FALSE(IsReadOnly("/proc/self"));
     EXPECT_TRUE(IsReadOnly("/"));
-}
-
-TEST_F(VolumeUtil, MountPathsPairTheMountWithTheVolumeBelowIt)
-{
-    const Testing::MountTable table(Table);
-    const std::pair<YPath, YPath> mounted{"/proc", "/dev/root"};
-    const std::pair<YPath, YPath> root{"/", "/dev/root"};
-    using Pairs = std::vector<std::pair<YPath, YPath>>;
-    // The second of its mounts lies elsewhere, yet gives the same pair again.
-    EXPECT_EQ(DetermineVolumeMountPaths("first", "/proc/self"), (Pairs{mounted, mounted}));
-    EXPECT_EQ(DetermineVolumeMountPaths("second", "/proc"), Pairs{mounted});
-    EXPECT_EQ(DetermineVolumeMountPaths("/dev/root", "/"), Pairs{root});
-    EXPECT_EQ(DetermineVolumeMountPaths("unlisted", "/"), Pairs{});
 }
 
 TEST_F(VolumeUtil, MountPointsAreToldByTheirDevice)
 {
     const Testing::TemporaryDirectory directory;
-    EXPECT_TRUE(IsMountPoint(Mount));
+    EXPECT_TRUE(IsMountPoint("/proc"));
     EXPECT_FALSE(IsMountPoint("/proc/self"));
     EXPECT_FALSE(IsMountPoint("/"));
     EXPECT_FALSE(IsMountPoint(directory.MakeDirectory("ordinary").c_str()));

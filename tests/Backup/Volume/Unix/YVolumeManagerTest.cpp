@@ -1,9 +1,8 @@
 #include "Backup/Volume/Unix/YVolumeManager.h"
 
-#include "Backup/Volume/Unix/Util.h"
-
 #include "testing/LogCapture.h"
 #include "testing/MountTable.h"
+#include "testing/ProcMounted.h"
 #include "testing/Raises.h"
 
 #include <algorithm>
@@ -32,15 +31,9 @@ const char* const Table = "/dev/root / ext4 rw 0 0\n"
 using Directories = std::set<std::string>;
 const Directories Fixed{"/", "/mnt/a b\tc\\d", "/mnt/again"};
 
-class VolumeManager : public testing::Test
+class VolumeManager : public Testing::ProcMounted
 {
 protected:
-    void SetUp() override
-    {
-        if (!IsMountPoint("/proc"))
-            GTEST_SKIP() << "/proc is not mounted here";
-    }
-
     // What the manager lists.
     Directories List(unsigned int typeMask = All, bool accessibleOnly = false)
     {

@@ -1,9 +1,8 @@
 #include "Backup/Volume/Unix/YVolume.h"
 
-#include "Backup/Volume/Unix/Util.h"
-
 #include "testing/LogCapture.h"
 #include "testing/MountTable.h"
+#include "testing/ProcMounted.h"
 #include "testing/Raises.h"
 
 #include <filesystem>
@@ -16,15 +15,7 @@ using Krt::File::YPath;
 
 namespace {
 
-class Volume : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        if (!IsMountPoint("/proc"))
-            GTEST_SKIP() << "/proc is not mounted here";
-    }
-};
+using Volume = Testing::ProcMounted;
 
 const char* const Table = "/dev/disk\\040one\\134 / ext4 rw 0 0\n"
                           "/dev/b /proc hfs ro 0 0\n"
