@@ -1,5 +1,7 @@
+// Metadata of every kind: its JSON, its paths, and what each kind has of its own.
 #include "Backup/File/YMetadataBase.h"
 
+#include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YOdsMetadata.h"
 #include "Backup/File/YUnixFileMetadata.h"
 #include "Backup/File/YWinFileMetadata.h"
@@ -7,8 +9,12 @@
 #include "testing/JobPaths.h"
 #include "testing/LogCapture.h"
 #include "testing/Raises.h"
+#include "testing/TemporaryDirectory.h"
 
 #include "Krt/JSON/YValue.h"
+
+#include <filesystem>
+#include <sys/stat.h>
 
 using namespace Backup::File;
 using Backup::YJobPath;
@@ -38,6 +44,23 @@ public:
     unsigned long GetFilePathCount() const override { return 0; }
     YJobPath GetSanitizedNewPath(const YJobPath&, const YJobPath&, const YJobPath&) override { return {}; }
 };
+
+// A document with one member replaced, or left out where the value is null.
+YObject With(const YObject& json, const char* key, const boost::shared_ptr<YValue>& value)
+{
+    YObject changed;
+    for (const auto& [name, old] : json.Entries()) {
+        if (!(name == key) || value)
+            changed.Put(name, name == key ? value : old);
+    }
+    return changed;
+}
+
+YUnixFileMetadata FromFile(const std::string& path, JobPathMapper mapper)
+{
+    YFile file(YFile::OPEN_MODE_READ, path.c_str(), YFile::OPT_NONE);
+    return YUnixFileMetadata(file, mapper);
+}
 
 } // namespace
 
@@ -170,4 +193,208 @@ TEST(OdsMetadata, RefusesWhatOnlyAFileHas)
     EXPECT_RAISES(metadata.RenamePath(JobPath({{0x1000, "store"}}), path), ErrorCode::NotImplemented,
                   "GetSanitizedNewPath", "GetSanitizedNewPath doesn't make sense for ODS metadata");
     EXPECT_EQ(metadata.GetFilePath(0), path);
+}
+
+TEST(UnixFileMetadata, TakesTheStatusOfALiveFile)
+{
+    const Testing::TemporaryDirectory directory;
+    const std::string path = directory.Write("file", "12345");
+    const std::string folder = directory.MakeDirectory("folder");
+    const std::string link = directory / "link";
+    std::filesystem::create_directory_symlink("folder", link);
+    std::filesystem::last_write_time(path, {}); // so that the status changed at another time
+    struct stat status;
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+
+    RecordingMapper mapper;
+    const YUnixFileMetadata file = FromFile(path, mapper);
+    EXPECT_EQ(file.GetFileSize(), 5u);
+    EXPECT_EQ(file.GetModeFlags(), status.st_mode);
+    EXPECT_EQ(file.GetLastChangedTime(), static_cast<unsigned long long>(status.st_ctime));
+    EXPECT_EQ(file.GetLastAccessTime(), 0u);
+    EXPECT_EQ(file.GetFilePath(0).GetFilesystemPortion().Bytes(), path);
+    EXPECT_FALSE(file.IsDirectoryForRestore() || file.IsSymbolicLink());
+
+    EXPECT_TRUE(FromFile(folder, mapper).IsDirectoryForRestore());
+    const YUnixFileMetadata toFolder = FromFile(link, mapper);
+    EXPECT_EQ(toFolder.GetSymbolicLinkTarget().Bytes(), "folder");
+    EXPECT_FALSE(toFolder.IsDirectoryForRestore());
+    EXPECT_EQ(mapper.Calls(), (std::vector<std::string>{path + ":0", folder + ":1", link + ":0"}));
+
+    EXPECT_RAISES(FromFile(path, JobPathMapper()), ErrorCode::InvalidArgument, "throw_exception",
+                  "call to empty boost::function");
+}
+
+TEST(UnixFileMetadata, TellsTheMapperWhatMayBeEntered)
+{
+    RecordingMapper mapper;
+    struct stat own;
+    struct stat above;
+    if (stat("/proc", &own) != 0 || stat("/", &above) != 0 || own.st_dev == above.st_dev)
+        GTEST_SKIP() << "/proc is not mounted here";
+    // A directory for the restore all the same.
+    EXPECT_TRUE(FromFile("/proc", mapper).IsDirectoryForRestore());
+    EXPECT_EQ(mapper.Calls(), std::vector<std::string>{"/proc:0"});
+}
+
+TEST(UnixFileMetadata, EachKeyIsRequired)
+{
+    const YObject json = YUnixFileMetadata().ToJSON();
+    ASSERT_EQ(json.Entries().size(), 12u);
+    const auto flag = boost::make_shared<YValue>(YValue::FromBool(true));
+    EXPECT_TRUE(YUnixFileMetadata(With(json, "is_directory", flag)).IsDirectoryForRestore());
+    for (const auto& entry : json.Entries()) {
+        const char* const key = entry.first.CStr();
+        const auto error = Testing::CatchError([&] { YUnixFileMetadata{With(json, key, nullptr)}; });
+        EXPECT_TRUE(error && error->GetMessageType() == MessageType::Runtime) << key;
+    }
+}
+
+TEST(UnixFileMetadata, ItsTextIsThatOfItsJson)
+{
+    YUnixFileMetadata metadata;
+    YJobPath path = JobPath({{0x602, "a\"b\\\n"}, {0x603, "\xff\xee\xbe\x80"}});
+    path.AppendComponent({"", "shown", 7, 8});
+    metadata.SetFilePath(path);
+    metadata.SetFileSize(~0ull);
+    metadata.SetIsDirectoryForRestore(true);
+    metadata.SetSymbolicLinkTarget("to/\x01");
+    metadata.SetExtendedAttributeMap({{"user.a", {}}, {"user.b", {"value", 5}}});
+    for (const YUnixFileMetadata& each : {metadata, YUnixFileMetadata()}) {
+        std::string text;
+        each.StringifyTo(text);
+        EXPECT_EQ(text, YValue::FromObject(each.ToJSON()).Stringify(true).Bytes());
+    }
+}
+
+TEST(UnixFileMetadata, AFailureKeepsWhatWasReadBefore)
+{
+    YUnixFileMetadata source;
+    source.SetFileSize(7);
+    source.SetSymbolicLinkTarget("target");
+    YUnixFileMetadata metadata;
+    metadata.SetExtendedAttributeMap({{"user.old", {}}});
+
+    EXPECT_NE(Testing::ErrorOf([&] { metadata.FromJSON(With(source.ToJSON(), "group_id", nullptr)); }), "");
+    EXPECT_EQ(metadata.GetFileSize(), 7u);
+    EXPECT_FALSE(metadata.IsSymbolicLink());
+    EXPECT_EQ(metadata.GetExtendedAttributeMap().size(), 1u);
+
+    const YObject noAttributes = With(source.ToJSON(), "extended_attributes", nullptr);
+    EXPECT_NE(Testing::ErrorOf([&] { metadata.FromJSON(noAttributes); }), "");
+    EXPECT_TRUE(metadata.IsSymbolicLink());
+    EXPECT_TRUE(metadata.GetExtendedAttributeMap().empty());
+}
+
+TEST(UnixFileMetadata, HasOnePath)
+{
+    const YJobPath path = JobPath({{0x603, "f"}});
+    YUnixFileMetadata metadata;
+    metadata.SetFilePath(0, path);
+    EXPECT_EQ(metadata.GetFilePath(0), path);
+    EXPECT_RAISES(metadata.GetFilePath(1), ErrorCode::InvalidArgument, "GetFilePath",
+                  "Invalid index passed to GetFilePath: 1");
+    EXPECT_RAISES(metadata.SetFilePath(2, path), ErrorCode::InvalidArgument, "SetFilePath",
+                  "Invalid index passed to SetFilePath: 2");
+}
+
+TEST(UnixFileMetadata, NewPathsKeepEveryCharacter)
+{
+    const YJobPath original = JobPath({{0x602, "a:?\\"}, {0x602, "b:"}, {0x603, "c?"}});
+    const YJobPath destination = JobPath({{0x602, "t"}});
+    const std::pair<YJobPath, const char*> cases[] = {{YJobPath(), "t/a:?\\/b:/c?"},
+                                                      // Only the number of components counts.
+                                                      {JobPath({{0, "x"}}), "t/b:/c?"},
+                                                      {original, "t"}};
+    YUnixFileMetadata metadata;
+    for (const auto& [source, expected] : cases)
+        EXPECT_EQ(metadata.GetSanitizedNewPath(original, source, destination).GetDisplayPath().Bytes(),
+                  expected);
+    EXPECT_RAISES(metadata.GetSanitizedNewPath(destination, original, destination), ErrorCode::InvalidUse,
+                  "GetSanitizedNewPath", "replaceSource: a:?\\/b:/c? originalPath: t");
+}
+
+TEST(WinFileMetadata, TheAttributesChooseTheLastKey)
+{
+    const struct
+    {
+        unsigned int attributes;
+        const char* written;
+        const char* absent;
+    } cases[] = {{0x20, "permission_change_time", "directory_hash"},
+                 {0x30, "directory_hash", "permission_change_time"}};
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.written);
+        YWinFileMetadata metadata;
+        metadata.SetAttributes(row.attributes);
+        metadata.SetDirectoryHash("hash");
+        metadata.SetPermissionChangeTime(5);
+        YObject json = metadata.ToJSON();
+        ASSERT_EQ(json.Entries().size(), 9u);
+        EXPECT_EQ(json.Entries().back().first.Bytes(), row.written);
+
+        // The other key may stand in the document, and is not looked at.
+        json.Set<YObject>(row.absent, YObject());
+        EXPECT_EQ(YWinFileMetadata(json).ToJSON().Entries().size(), 9u);
+
+        const auto error = Testing::CatchError([&] { YWinFileMetadata{With(json, row.written, nullptr)}; });
+        EXPECT_TRUE(error && error->GetMessageType() == MessageType::Runtime);
+    }
+}
+
+TEST(WinFileMetadata, PathsKeepOrLoseTheirShortNames)
+{
+    const YJobPath first = JobPath({{0x602, "C:"}, {0x603, "one"}});
+    const YJobPath second = JobPath({{0x602, "C:"}, {0x603, "two"}});
+    const YJobPath other = JobPath({{0x602, "D:"}});
+    YWinFileMetadata metadata;
+    EXPECT_EQ(metadata.GetFilePathCount(), 0u);
+    metadata.AddPath(first, "ONE~1");
+    metadata.AddPath(second, "TWO~1");
+    metadata.SetFilePath(1, other);
+    EXPECT_EQ(metadata.GetPaths(), (YWinFileMetadata::Paths{{first, "ONE~1"}, {other, "TWO~1"}}));
+
+    // Reading adds to what is there.
+    metadata.FromJSON(metadata.ToJSON());
+    EXPECT_EQ(
+        metadata.GetPaths(),
+        (YWinFileMetadata::Paths{{first, "ONE~1"}, {other, "TWO~1"}, {first, "ONE~1"}, {other, "TWO~1"}}));
+
+    metadata.SetFilePath(second);
+    EXPECT_EQ(metadata.GetPaths(), (YWinFileMetadata::Paths{{second, ""}}));
+}
+
+TEST(WinFileMetadata, NewPathsMakeADirectoryOfTheVolume)
+{
+    const YJobPath drive = JobPath({{0, "host:?"}, {0x602, "\\\\?\\C:/"}, {0x602, "a:?"}, {0x603, "b?"}});
+    const YJobPath plain = JobPath({{0, "job:"}, {0, "x:"}});
+    const YJobPath host = JobPath({{0, "host"}});
+    const YJobPath volume = JobPath({{0, "host"}, {0x602, "C:"}});
+    const YJobPath destination = JobPath({{0x602, "t:"}});
+    const struct
+    {
+        const char* name;
+        YJobPath original;
+        YJobPath source;
+        const char* expected;
+    } cases[] = {{"the volume alone is cleaned", drive, host, "t:/C/a:?/b?"},
+                 {"and no component in front of it", drive, YJobPath(), "t:/host:?/C/a:?/b?"},
+                 {"nothing, when it is replaced", drive, volume, "t:/a:?/b?"},
+                 {"without a volume the first counts", plain, YJobPath(), "t:/job/x:"},
+                 {"unless it is replaced", plain, host, "t:/x:"},
+                 {"nothing is left", drive, drive, "t:"}};
+    YWinFileMetadata metadata;
+    for (const auto& row : cases) {
+        const YJobPath path = metadata.GetSanitizedNewPath(row.original, row.source, destination);
+        EXPECT_EQ(path.GetDisplayPath().Bytes(), row.expected) << row.name;
+    }
+    EXPECT_RAISES(metadata.GetSanitizedNewPath(host, volume, destination), ErrorCode::InvalidUse,
+                  "GetSanitizedNewPath", "replaceSource: host/C: originalPath: host");
+
+    YJobPath shown;
+    shown.AppendComponent({"C:", "Disk C:", 0x602, 3});
+    const YJobPath cleaned = metadata.GetSanitizedNewPath(shown, YJobPath(), YJobPath());
+    EXPECT_EQ(cleaned.GetLeaf().m_name.Bytes(), "C");
+    EXPECT_EQ(cleaned.GetLeaf().m_displayName.Bytes(), "Disk C:");
+    EXPECT_EQ(cleaned.GetLeaf().m_subclassId, 3u);
 }
