@@ -7,10 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -149,12 +147,10 @@ TEST(FilePrimitives, SpecialFiles)
     ASSERT_EQ(mkfifo((directory / "fifo").c_str(), 0600), 0);
     ASSERT_EQ(mknod((directory / "socket").c_str(), S_IFSOCK | 0600, 0), 0);
     CreateSymbolicLink(At(directory / "link"), At(directory / "fifo"));
-    EXPECT_TRUE(IsSpecialFile(At(directory / "fifo")));
-    EXPECT_TRUE(IsSpecialFile(At(directory / "socket")));
-    EXPECT_TRUE(IsSpecialFile("/dev/null"));
-    EXPECT_FALSE(IsSpecialFile(At(directory / "link")));
-    EXPECT_FALSE(IsSpecialFile(At(directory.Write("file", "x"))));
-    EXPECT_FALSE(IsSpecialFile(At(directory.Path())));
+    for (const std::string& path : {directory / "fifo", directory / "socket", std::string("/dev/null")})
+        EXPECT_TRUE(IsSpecialFile(At(path))) << path;
+    for (const std::string& path : {directory / "link", directory.Write("file", "x"), directory.Path()})
+        EXPECT_FALSE(IsSpecialFile(At(path))) << path;
     EXPECT_EQ(Testing::OsErrorOf([&] { IsSpecialFile(At(directory / "missing")); }), ENOENT);
     ASSERT_EQ(chmod(directory.MakeDirectory("locked").c_str(), 0), 0);
     EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([&] { return IsSpecialFile(At(directory / "locked/x")); }));
@@ -229,28 +225,6 @@ TEST(FilePrimitives, ChangesFollowLinksSaveForTheModeOfALink)
     StatFile(file, &status);
     EXPECT_EQ(status.st_uid, 12u);
     EXPECT_EQ(status.st_gid, 34u);
-}
-
-TEST(FilePrimitives, AnInterruptedOpenIsRepeated)
-{
-    const Testing::TemporaryDirectory directory;
-    const YPath fifo = At(directory / "fifo");
-    ASSERT_EQ(mkfifo(fifo.CStr(), 0600), 0);
-    struct sigaction action = {}; // without SA_RESTART, so that the waiting open ends with EINTR
-    action.sa_handler = [](int) {
-    };
-    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
-    int opened = -1;
-    std::thread reader([&] { opened = OpenForBackupRead(fifo); });
-    for (int i = 0; i < 20; ++i) {
-        pthread_kill(reader.native_handle(), SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    const int writer = open(fifo.CStr(), O_WRONLY | O_CLOEXEC);
-    reader.join();
-    EXPECT_GE(opened, 0);
-    Close(opened);
-    Close(writer);
 }
 
 } // namespace
