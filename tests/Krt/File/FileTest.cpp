@@ -21,10 +21,13 @@ using Krt::Util::YUnxHandle;
 using Testing::OsErrorOf;
 namespace fs = std::filesystem;
 
-YPath At(const std::string& path)
+class KrtFile : public testing::Test
 {
-    return YPath(path.c_str());
-}
+protected:
+    YPath At(const std::string& name) const { return YPath((directory / name).c_str()); }
+
+    const Testing::TemporaryDirectory directory;
+};
 
 TEST(RetryOnInterrupt, RepeatsAndLeavesNoInterruptionBehind)
 {
@@ -58,10 +61,8 @@ TEST(YUnxHandle, OwnsOneDescriptorAtATime)
     close(second);
 }
 
-TEST(KrtFile, OpenStaysAboveTheStandardStreams)
+TEST_F(KrtFile, OpenStaysAboveTheStandardStreams)
 {
-    const Testing::TemporaryDirectory directory;
-    const YPath path = At(directory.Write("file", "x"));
     EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([] {
         close(STDIN_FILENO);
         close(STDERR_FILENO);
@@ -72,9 +73,8 @@ TEST(KrtFile, OpenStaysAboveTheStandardStreams)
     }));
 }
 
-TEST(KrtFile, OpenTakesNothingButTheEntryItself)
+TEST_F(KrtFile, OpenTakesNothingButTheEntryItself)
 {
-    const Testing::TemporaryDirectory directory;
     directory.Write("file", "x");
     fs::create_symlink("file", directory / "link");
     fs::create_symlink("nowhere", directory / "dangling");
@@ -91,16 +91,14 @@ TEST(KrtFile, OpenTakesNothingButTheEntryItself)
         {"link", OpenNewForWriting, EEXIST}, {"dangling", OpenNewForWriting, EEXIST},
     };
     for (const auto& row : rows)
-        EXPECT_EQ(OsErrorOf([&] { Open(At(directory / row.name), row.flags); }), row.error) << row.name;
-    EXPECT_EQ(Stat(Open(At(directory / "new"), OpenForReading)).st_mode, mode_t{S_IFREG | 0600});
-    EXPECT_RAISES(Open(At(directory / "file"), 0), ErrorCode::InvalidArgument, "Open",
-                  "Invalid open flags 0");
+        EXPECT_EQ(OsErrorOf([&] { Open(At(row.name), row.flags); }), row.error) << row.name;
+    EXPECT_EQ(Stat(Open(At("new"), OpenForReading)).st_mode, mode_t{S_IFREG | 0600});
+    EXPECT_RAISES(Open(At("file"), 0), ErrorCode::InvalidArgument, "Open", "Invalid open flags 0");
 }
 
-TEST(KrtFile, MovesDataAtOffsets)
+TEST_F(KrtFile, MovesDataAtOffsets)
 {
-    const Testing::TemporaryDirectory directory;
-    const YPath path = At(directory / "file");
+    const YPath path = At("file");
     const YUnxHandle written = Open(path, OpenNewForWriting);
     EXPECT_EQ(Write(written, 4, 3, "def"), 3u);
     EXPECT_EQ(Write(written, 0, 4, "abc-"), 4u);
@@ -116,9 +114,8 @@ TEST(KrtFile, MovesDataAtOffsets)
     EXPECT_EQ(GetSize(path), 2u);
 }
 
-TEST(KrtFile, CreatePathMakesWhatIsMissing)
+TEST_F(KrtFile, CreatePathMakesWhatIsMissing)
 {
-    const Testing::TemporaryDirectory directory;
     directory.Write("file", "x");
     directory.MakeDirectory("real");
     fs::create_directory_symlink("real", directory / "link");
@@ -137,30 +134,28 @@ TEST(KrtFile, CreatePathMakesWhatIsMissing)
         {"dangling/x", false, "", EEXIST},
     };
     for (const auto& row : rows) {
-        EXPECT_EQ(OsErrorOf([&] { CreatePath(At(directory / row.name), row.includeLast); }), row.error)
-            << row.name;
+        EXPECT_EQ(OsErrorOf([&] { CreatePath(At(row.name), row.includeLast); }), row.error) << row.name;
         EXPECT_TRUE(fs::exists(directory / row.made)) << row.name;
     }
     EXPECT_FALSE(fs::exists(directory / "a/b/c/d"));
     EXPECT_FALSE(fs::exists(directory / "top"));
 }
 
-TEST(KrtFile, DescribesAndDeletesTheEntryItself)
+TEST_F(KrtFile, DescribesAndDeletesTheEntryItself)
 {
-    const Testing::TemporaryDirectory directory;
     directory.MakeDirectory("real");
     fs::create_directory_symlink("real", directory / "link");
-    EXPECT_EQ(GetAttributes(At(directory / "real")), AttributeDirectory);
-    EXPECT_EQ(GetAttributes(At(directory / "link")), 0u);
-    EXPECT_TRUE(IsSymbolicLink(At(directory / "link")));
-    EXPECT_EQ(GetAttributesNoException(At(directory / "missing")), AttributesUnknown);
-    EXPECT_RAISES_OS(GetSize(At(directory / "missing")), MessageType::General, ENOENT, "GetSize",
+    EXPECT_EQ(GetAttributes(At("real")), AttributeDirectory);
+    EXPECT_EQ(GetAttributes(At("link")), 0u);
+    EXPECT_TRUE(IsSymbolicLink(At("link")));
+    EXPECT_EQ(GetAttributesNoException(At("missing")), AttributesUnknown);
+    EXPECT_RAISES_OS(GetSize(At("missing")), MessageType::General, ENOENT, "GetSize",
                      "Failed to get size of: " + directory / "missing");
-    DeleteFile(At(directory / "link"));
-    DeleteFile(At(directory / "link"));
-    EXPECT_FALSE(DoesFileExist(At(directory / "link")));
-    EXPECT_NE(OsErrorOf([&] { DeleteFile(At(directory / "real")); }), 0);
-    EXPECT_TRUE(DoesFileExist(At(directory / "real")));
+    DeleteFile(At("link"));
+    DeleteFile(At("link"));
+    EXPECT_FALSE(DoesFileExist(At("link")));
+    EXPECT_NE(OsErrorOf([&] { DeleteFile(At("real")); }), 0);
+    EXPECT_TRUE(DoesFileExist(At("real")));
 }
 
 } // namespace

@@ -16,10 +16,15 @@ using namespace Krt;
 using File::YFile;
 using Testing::ReadFile;
 
-TEST(KrtYFileTest, MakesAPrivateFileOfAllThatIsWritten)
+class KrtYFileTest : public testing::Test
 {
+protected:
     const Testing::TemporaryDirectory directory;
     const std::string path = directory / "new";
+};
+
+TEST_F(KrtYFileTest, MakesAPrivateFileOfAllThatIsWritten)
+{
     const mode_t mask = umask(0);
     YFile file(path.c_str(), 0x42);
     umask(mask);
@@ -34,29 +39,23 @@ TEST(KrtYFileTest, MakesAPrivateFileOfAllThatIsWritten)
     EXPECT_RAISES(file.Write("more"), ErrorCode::InvalidState, "Write", "File is not open: " + path);
 }
 
-TEST(KrtYFileTest, TakesNothingThatIsThere)
+TEST_F(KrtYFileTest, TakesNothingThatIsThere)
 {
-    const Testing::TemporaryDirectory directory;
     const std::string kept = directory.Write("kept", "kept");
     ASSERT_EQ(symlink((directory / "elsewhere").c_str(), (directory / "link").c_str()), 0);
-    for (const char* const name : {"kept", "link"}) {
-        const std::string path = directory / name;
-        EXPECT_RAISES_OS(YFile(path.c_str(), 0x42), MessageType::General, EEXIST, "Open",
-                         "Failed to open file: " + path);
-    }
+    for (const std::string& there : {kept, directory / "link"})
+        EXPECT_RAISES_OS(YFile(there.c_str(), 0x42), MessageType::General, EEXIST, "Open",
+                         "Failed to open file: " + there);
     EXPECT_EQ(ReadFile(kept), "kept");
     EXPECT_NE(access((directory / "elsewhere").c_str(), F_OK), 0);
-    const std::string path = directory / "other";
     EXPECT_RAISES(YFile(path.c_str(), 0x41), ErrorCode::InvalidArgument, "YFile",
                   "Invalid open flags 65 for file: " + path);
     EXPECT_NE(access(path.c_str(), F_OK), 0);
 }
 
 // A limit on the size of files cuts the text short, as a full disk does.
-TEST(KrtYFileTest, TextCutShortRaisesWithThePath)
+TEST_F(KrtYFileTest, TextCutShortRaisesWithThePath)
 {
-    const Testing::TemporaryDirectory directory;
-    const std::string path = directory / "new";
     const Testing::FileSizeLimit limit(8);
     EXPECT_RAISES_OS(YFile(path.c_str(), 0x42).Write("more than eight"), MessageType::General, EFBIG, "Write",
                      "Failed to write file: " + path);
