@@ -2,11 +2,11 @@
 // may touch.
 #pragma once
 
-#include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotWriter.h"
 
 #include "testing/ProgramFixture.h"
 #include "testing/Records.h"
+#include "testing/StoreFiles.h"
 #include "testing/Tree.h"
 
 #include <optional>
@@ -53,9 +53,7 @@ protected:
     }
     Agent::SnapshotEntry WithContent(Agent::SnapshotEntry entry, const std::string& content)
     {
-        m_writer->Begin();
-        m_writer->Append(content.data(), content.size());
-        entry.content = m_writer->Finish();
+        entry.content = WriteObject(*m_writer, content);
         return entry;
     }
     Agent::SnapshotEntry FileWith(const Names& names, const std::string& content,

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "agent/Store/ObjectReader.h"
+#include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotReader.h"
 #include "agent/Store/ZstdReader.h"
 #include "agent/Store/ZstdWriter.h"
@@ -10,6 +11,7 @@
 
 #include "Krt/File/File.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -23,6 +25,16 @@ std::string ReadBlocks(Reader& reader)
     for (auto block = reader.Next(); !block.empty(); block = reader.Next())
         bytes.append(reinterpret_cast<const char*>(block.data()), block.size());
     return bytes;
+}
+
+/// Hands a content over in pieces of at most so many bytes.
+inline Agent::Address WriteObject(Agent::ObjectWriter& writer, const std::string& content,
+                                  std::size_t piece = 1 << 16)
+{
+    writer.Begin();
+    for (std::size_t at = 0; at < content.size(); at += piece)
+        writer.Append(content.data() + at, std::min(piece, content.size() - at));
+    return writer.Finish();
 }
 
 inline std::string ReadObject(const Agent::Store& store, const Agent::Address& address,

@@ -1,6 +1,4 @@
 // Contents in a store: they come back as they went in, stand there once, and damage never passes for content.
-#include "agent/Store/ObjectWriter.h"
-
 #include "testing/Raises.h"
 #include "testing/StoreFiles.h"
 #include "testing/TemporaryDirectory.h"
@@ -37,18 +35,12 @@ class StoreObject : public ::testing::Test
 protected:
     Address Put(const std::string& content, std::size_t piece = 1 << 16)
     {
-        writer.Begin();
-        for (std::size_t at = 0; at < content.size(); at += piece)
-            writer.Append(content.data() + at, std::min(piece, content.size() - at));
-        EXPECT_EQ(writer.GetSize(), content.size());
-        return writer.Finish();
+        return Testing::WriteObject(writer, content, piece);
     }
-
     std::string Get(const Address& address, unsigned long long size) const
     {
         return Testing::ReadObject(store, address, size);
     }
-
     std::string PathOf(const Address& address) const
     {
         const std::string name = address.ToHex();

@@ -1,5 +1,4 @@
 // Runs on one store: side by side, interrupted, and on directories that are no store.
-#include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotWriter.h"
 
 #include "testing/Raises.h"
@@ -29,11 +28,13 @@ std::string Content(int number)
     return std::string(number == 0 ? 1'500'000 : 10, 'c') + std::to_string(number);
 }
 
-SnapshotEntry EntryFor(const Address& address)
+// Stores one content more in a run.
+Address Add(ObjectWriter& objects, SnapshotWriter& snapshot, const std::string& content)
 {
     SnapshotEntry entry;
-    entry.content = address;
-    return entry;
+    entry.content = Testing::WriteObject(objects, content);
+    snapshot.Add(entry);
+    return *entry.content;
 }
 
 // A whole run that stores the numbered contents from `first` on.
@@ -44,10 +45,7 @@ std::string Backup(const std::string& path, int first)
     ObjectWriter objects(session);
     SnapshotWriter snapshot(session, {});
     for (int number = first; number < first + Contents; ++number) {
-        const std::string content = Content(number);
-        objects.Begin();
-        objects.Append(content.data(), content.size());
-        snapshot.Add(EntryFor(objects.Finish()));
+        Add(objects, snapshot, Content(number));
         if (number % 50 == 0)
             session.PlaceObjects();
     }
@@ -71,19 +69,8 @@ std::size_t EntriesIn(const std::string& path)
     return static_cast<std::size_t>(std::distance(fs::directory_iterator(path), fs::directory_iterator()));
 }
 
-class StoreRuns : public testing::Test
+struct StoreRuns : testing::Test
 {
-protected:
-    // Begins a run that has stored one content, and leaves it there.
-    static Address BeginRun(ObjectWriter& objects, SnapshotWriter& snapshot, const std::string& content)
-    {
-        objects.Begin();
-        objects.Append(content.data(), content.size());
-        const Address address = objects.Finish();
-        snapshot.Add(EntryFor(address));
-        return address;
-    }
-
     const Testing::TemporaryDirectory directory;
     const std::string path = directory / "store";
 };
@@ -115,7 +102,7 @@ TEST_F(StoreRuns, KilledRunLeavesNoSnapshotAndIsClearedAway)
         StoreSession session(store);
         ObjectWriter objects(session);
         SnapshotWriter snapshot(session, {});
-        BeginRun(objects, snapshot, Content(5000));
+        Add(objects, snapshot, Content(5000));
         const std::string large(3'000'000, 'x');
         objects.Begin();
         objects.Append(large.data(), large.size());
@@ -142,13 +129,13 @@ TEST_F(StoreRuns, NobodyClearsUpBehindTheLiving)
         StoreSession living(store);
         ObjectWriter objects(living);
         SnapshotWriter snapshot(living, {});
-        const Address address = BeginRun(objects, snapshot, "living");
+        const Address address = Add(objects, snapshot, "living");
         const std::size_t files = EntriesIn(path + "/tmp");
         fs::remove(path + "/snapshots/" + Backup(path, 0));
         EXPECT_EQ(EntriesIn(path + "/tmp"), files);
         living.PlaceObjects();
         EXPECT_TRUE(store.GetObjects().Has(address));
-        BeginRun(objects, snapshot, "abandoned");
+        Add(objects, snapshot, "abandoned");
     }
     for (const char* folder : {"/tmp", "/snapshots"})
         EXPECT_TRUE(fs::is_empty(path + folder)) << folder;
