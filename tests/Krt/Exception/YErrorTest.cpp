@@ -63,9 +63,6 @@ TEST(YErrorTest, SiteReportsBareNamesAndPathWithoutEnding)
         EXPECT_STREQ(error->GetMessage().CStr(), row.message) << row.name;
         EXPECT_GT(error->GetLine(), 0U) << row.name;
     }
-    const auto fromLibrary = CatchError([] { YString("a").At(5); });
-    ASSERT_TRUE(fromLibrary);
-    EXPECT_STREQ(fromLibrary->GetFile().CStr(), "Krt/String/YString");
 }
 
 TEST(YErrorTest, OsErrorKeepsItsNumberAndMapsToAPortableCode)
@@ -118,10 +115,11 @@ TEST(YErrorTest, CopyThroughTheBaseKeepsEverything)
     EXPECT_EQ(copy.GetLine(), error->GetLine());
 }
 
-TEST(YErrorTest, StackNamesModulesAndExportedFunctions)
+TEST(YErrorTest, OfTheLibraryNamesSourceModulesAndExportedFunctions)
 {
     const auto error = CatchError([] { YString("a").At(5); });
     ASSERT_TRUE(error);
+    EXPECT_STREQ(error->GetFile().CStr(), "Krt/String/YString");
     const std::string stack = error->GetStackTrace().Bytes();
     EXPECT_NE(stack.find("libKrt.so"), std::string::npos) << stack;
     EXPECT_NE(stack.find("+0x"), std::string::npos) << stack;

@@ -36,15 +36,16 @@ template <class T>
 class Box
 {};
 
-YLog::Param At(const std::string& path)
+class YLogTest : public testing::Test
 {
-    return YLog::Param(File::YPath(path.c_str()));
-}
+protected:
+    static YLog::Param At(const std::string& path) { return YLog::Param(File::YPath(path.c_str())); }
+    void Say(const YString& text) { log.GetThreadSpecificContext() << text << Modifiers::EndLine; }
 
-void Say(YLog& log, const YString& text)
-{
-    log.GetThreadSpecificContext() << text << Modifiers::EndLine;
-}
+    const Testing::TemporaryDirectory directory;
+    const std::string path = directory / "log";
+    YLog log;
+};
 
 } // namespace
 
@@ -119,15 +120,13 @@ TEST(YRegistrarTest, SetReplacesAndKeepsUnknownNames)
     EXPECT_EQ(registrar.TypeToString(4711).Bytes(), "4711");
 }
 
-TEST(YLogTest, LineIsDecoratedAndControlCharactersAreEscaped)
+TEST_F(YLogTest, LineIsDecoratedAndControlCharactersAreEscaped)
 {
-    const Testing::TemporaryDirectory directory;
-    YLog log;
-    log.Open(At(directory / "log"));
-    Say(log, YString("a\nb\r\t\x1b[2J\x7f\0|\\n \xC3\xA4 \xC2\x85 \xFF \u2028."sv));
+    log.Open(At(path));
+    Say(YString("a\nb\r\t\x1b[2J\x7f\0|\\n \xC3\xA4 \xC2\x85 \xFF \u2028."sv));
     log.Write(MessageType::FileIo, "trace");
     log.Close();
-    const std::string text = Testing::ReadFile(directory / "log");
+    const std::string text = Testing::ReadFile(path);
     const std::regex shape(
         R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d INFO ([^\n]*)\n\S+ TRACE trace\n)");
     std::smatch match;
@@ -135,34 +134,29 @@ TEST(YLogTest, LineIsDecoratedAndControlCharactersAreEscaped)
     EXPECT_EQ(match[1].str(), "a\\nb\\r\\t\\x1b[2J\\x7f\\x00|\\\\n \xC3\xA4 \\u0085 \\xff \\u2028.");
 }
 
-TEST(YLogTest, OpenRefusesWhatIsNotItsOwnFile)
+TEST_F(YLogTest, OpenRefusesWhatIsNotItsOwnFile)
 {
-    const Testing::TemporaryDirectory directory;
     const std::string target = directory.Write("target", "kept\n");
     ASSERT_EQ(symlink(target.c_str(), (directory / "link").c_str()), 0);
     ASSERT_EQ(mkfifo((directory / "fifo").c_str(), 0600), 0);
     const std::pair<std::string, int> rows[] = {
         {"link", ELOOP}, {"missing/log", ENOENT}, {".", EISDIR}, {"fifo", ENXIO}};
-    YLog log;
-    for (const auto& row : rows) {
+    for (const auto& [name, error] : rows) {
         log.Open(At(target));
-        const std::string path = directory / row.first;
-        EXPECT_EQ(Testing::OsErrorOf([&] { log.Open(At(path)); }), row.second) << row.first;
-        EXPECT_FALSE(log.IsOpen()) << row.first;
+        EXPECT_EQ(Testing::OsErrorOf([&, name = name] { log.Open(At(directory / name)); }), error) << name;
+        EXPECT_FALSE(log.IsOpen()) << name;
     }
-    Say(log, "nobody hears");
+    Say("nobody hears");
     EXPECT_EQ(log.GetDroppedCount(), 1U);
     EXPECT_EQ(Testing::ReadFile(target), "kept\n");
 }
 
-TEST(YLogTest, OpenAppendsPrivatelyAboveTheStandardStreams)
+TEST_F(YLogTest, OpenAppendsPrivatelyAboveTheStandardStreams)
 {
-    const Testing::TemporaryDirectory directory;
     const mode_t mask = umask(0);
     const int standardInput = dup(STDIN_FILENO);
     close(STDIN_FILENO);
-    YLog log;
-    log.Open(At(directory / "log"));
+    log.Open(At(path));
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
     EXPECT_TRUE(log.IsOpen());
     if (standardInput >= 0)
@@ -170,21 +164,20 @@ TEST(YLogTest, OpenAppendsPrivatelyAboveTheStandardStreams)
     close(standardInput);
     umask(mask);
     struct stat status;
-    ASSERT_EQ(stat((directory / "log").c_str(), &status), 0);
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0640U);
 }
 
 // Reopened at once, the log loses nothing; what meets it closed in between is counted.
-TEST(YLogTest, RotationUnderLoadOfThreadsKeepsOrCountsEveryLine)
+TEST_F(YLogTest, RotationUnderLoadOfThreadsKeepsOrCountsEveryLine)
 {
     constexpr int Threads = 4, Lines = 500;
-    const Testing::TemporaryDirectory directory;
     Log::InstallGlobalLogger();
-    YLog& log = *Log::GetGlobalLogger();
+    YLog& global = *Log::GetGlobalLogger();
     for (const bool closesFirst : {false, true}) {
-        log.Open(At(directory / "log"));
+        global.Open(At(path));
         Log::GetGlobalRegistrar()->SetEnabledMessages({"General"});
-        const unsigned long long droppedBefore = log.GetDroppedCount();
+        const unsigned long long droppedBefore = global.GetDroppedCount();
         std::atomic<int> running = Threads;
         std::vector<std::thread> threads;
         for (int thread = 0; thread < Threads; ++thread)
@@ -196,10 +189,10 @@ TEST(YLogTest, RotationUnderLoadOfThreadsKeepsOrCountsEveryLine)
             });
         std::string text;
         const auto rotate = [&] {
-            ASSERT_EQ(rename((directory / "log").c_str(), (directory / "old").c_str()), 0);
+            ASSERT_EQ(rename(path.c_str(), (directory / "old").c_str()), 0);
             if (closesFirst)
-                log.Close();
-            log.Open(At(directory / "log"));
+                global.Close();
+            global.Open(At(path));
             Log::GetGlobalRegistrar()->SetEnabledMessages({"FileIo", "General"});
             text += Testing::ReadFile(directory / "old");
         };
@@ -210,7 +203,7 @@ TEST(YLogTest, RotationUnderLoadOfThreadsKeepsOrCountsEveryLine)
             thread.join();
         rotate();
 
-        const unsigned long long dropped = log.GetDroppedCount() - droppedBefore;
+        const unsigned long long dropped = global.GetDroppedCount() - droppedBefore;
         EXPECT_TRUE(closesFirst || dropped == 0);
         std::size_t written = 0;
         int next[Threads] = {};
@@ -226,26 +219,24 @@ TEST(YLogTest, RotationUnderLoadOfThreadsKeepsOrCountsEveryLine)
         EXPECT_EQ(written + dropped, std::size_t{Threads * Lines});
     }
     Log::GetGlobalRegistrar()->SetEnabledMessages({});
-    log.Close();
+    global.Close();
 }
 
 // A limit on the size of files cuts a write short, as a full disk does.
-TEST(YLogTest, LineCutShortIsTakenBackAndCounted)
+TEST_F(YLogTest, LineCutShortIsTakenBackAndCounted)
 {
-    const Testing::TemporaryDirectory directory;
-    YLog log;
-    YLog::Param param = At(directory / "log");
+    YLog::Param param = At(path);
     param.wholeLines = true;
     log.Open(param);
-    Say(log, "first");
-    const std::string before = Testing::ReadFile(directory / "log");
+    Say("first");
+    const std::string before = Testing::ReadFile(path);
 
     {
         const Testing::FileSizeLimit limit(before.size() + 10);
-        Say(log, "doesn't fit");
+        Say("doesn't fit");
     }
-    EXPECT_EQ(Testing::ReadFile(directory / "log"), before);
+    EXPECT_EQ(Testing::ReadFile(path), before);
     EXPECT_EQ(log.GetDroppedCount(), 1U);
-    Say(log, "third");
-    EXPECT_NE(Testing::ReadFile(directory / "log").find(" third\n"), std::string::npos);
+    Say("third");
+    EXPECT_NE(Testing::ReadFile(path).find(" third\n"), std::string::npos);
 }
