@@ -4,13 +4,14 @@
 #include "testing/Raises.h"
 #include "testing/TemporaryDirectory.h"
 
+#include "Krt/File/Unix/DeviceNumber.h"
+
 #include <gtest/gtest.h>
 
 #include <dirent.h>
 #include <filesystem>
 #include <functional>
 #include <set>
-#include <sys/sysmacros.h>
 
 namespace {
 
