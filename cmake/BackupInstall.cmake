@@ -12,6 +12,9 @@ install(TARGETS kbagent RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 set(BACKUP_PRIVATE_HEADERS
   Core/OpenSSL/ File/LegacyVamHeader.h File/YSelectionChildren.h File/YSelectionNodeWalk.h
   File/YSelectionRulesBelow.h Util/BuildInfo.h Util/Unix/Linux/SystemdUnit.h)
+if(APPLE)
+  list(APPEND BACKUP_PRIVATE_HEADERS Util/Unix/Linux/) # what is not built there
+endif()
 set(KRT_PRIVATE_HEADERS
   Environment/Unix/ Exception/OsErrorName.h Exception/Unix/ File/Unix/ JSON/ValueBlock.h Log/YLogContext.h
   Profile/Unix/ String/Ascii.h Thread/Unix/NativeThread.h Thread/YReadWriteMutexInternal.h)
@@ -36,7 +39,7 @@ configure_package_config_file(cmake/BackupConfig.cmake.in "${CMAKE_BINARY_DIR}/B
 write_basic_package_version_file("${CMAKE_BINARY_DIR}/BackupConfigVersion.cmake" COMPATIBILITY SameMinorVersion)
 install(FILES
   "${CMAKE_BINARY_DIR}/BackupConfig.cmake" "${CMAKE_BINARY_DIR}/BackupConfigVersion.cmake"
-  "${CMAKE_SOURCE_DIR}/cmake/BackupDependencies.cmake"
+  "${CMAKE_SOURCE_DIR}/cmake/FindTinyXML.cmake"
   DESTINATION "${BACKUP_CMAKE_DIR}")
 
 # The prefix is told from where the file lies, so that an installed tree may be moved. A static library's users

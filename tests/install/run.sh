@@ -32,12 +32,22 @@ run service no-such-service-here | grep -q "is not installed" || fail "service"
 echo damaged >"$work/certificate"
 run trust "$work/certificate" example.com | grep -q "^not trusted: " || fail "trust"
 
+# NAME STATEMENTS: configures a project that has no other.
+configures() {
+    mkdir "$work/$1"
+    printf 'cmake_minimum_required(VERSION 3.25)\nproject(%s LANGUAGES CXX)\n%s' "$1" "$2" >"$work/$1/CMakeLists.txt"
+    cmake -S "$work/$1" -B "$work/$1/build" -DCMAKE_PREFIX_PATH="$prefix" >"$work/log" 2>&1
+}
+configures twice "find_package(Backup ${version%.*} REQUIRED)
+find_package(Backup REQUIRED)" || fail "found twice: $(cat "$work/log")"
 # A version that this one doesn't stand in for is refused.
-mkdir "$work/newer"
-echo 'cmake_minimum_required(VERSION 3.25)
-project(Newer LANGUAGES CXX)
-find_package(Backup 99 REQUIRED)' >"$work/newer/CMakeLists.txt"
-if cmake -S "$work/newer" -B "$work/newer/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null 2>&1; then fail "version 99"; fi
+if configures newer "find_package(Backup 99 REQUIRED)"; then fail "version 99"; fi
+# What is missing there is an answer to who doesn't insist.
+configures asks "set(CMAKE_DISABLE_FIND_PACKAGE_Boost ON)
+find_package(Backup QUIET)
+if(Backup_FOUND)
+  message(FATAL_ERROR found)
+endif()" || fail "asked for: $(cat "$work/log")"
 
 export PKG_CONFIG_PATH=$library/pkgconfig
 [ "$(pkg-config --modversion backup)" = "$version" ] || fail "backup.pc tells another version"
