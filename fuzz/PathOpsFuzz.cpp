@@ -157,6 +157,21 @@ void CheckMembers(const std::string& first, const std::string& second)
            "IsChildOf");
 }
 
+// A path that got another's text has kept nothing of what was made of its own.
+void CheckAssignment(const YPath& first, const YPath& second)
+{
+    const auto parts = [](const YPath& path) {
+        return std::pair(path.AsUnixPath(true), path.PopulateComponents());
+    };
+    YPath path(first);
+    parts(path);
+    path = second;
+    Expect(parts(path) == parts(YPath(second.CStr())), "the parts of a path that was assigned to");
+    const YPath moved(std::move(path));
+    Expect(parts(moved) == parts(second) && parts(path) == parts(YPath()),
+           "the parts of a path that was moved");
+}
+
 } // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -170,5 +185,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     std::erase(second, '\0');
     CheckText(first, second, separator);
     CheckMembers(first, second);
+    CheckAssignment(first.c_str(), second.c_str());
     return 0;
 }

@@ -1,7 +1,6 @@
 #include "Krt/File/File.h"
 
 #include "Krt/File/OpenFile.h"
-#include "Krt/Util/Retry.h"
 #include "testing/OrdinaryUser.h"
 #include "testing/Raises.h"
 #include "testing/TemporaryDirectory.h"
@@ -28,20 +27,6 @@ protected:
 
     const Testing::TemporaryDirectory directory;
 };
-
-TEST(RetryOnInterrupt, RepeatsAndLeavesNoInterruptionBehind)
-{
-    int calls = 0;
-    const auto interruptedTwice = [&] {
-        errno = calls < 2 ? EINTR : 0;
-        return ++calls < 3 ? -1 : 7;
-    };
-    errno = ERANGE;
-    EXPECT_EQ(Krt::Util::RetryOnInterrupt(interruptedTwice), 7);
-    EXPECT_EQ(errno, ERANGE);
-    EXPECT_EQ(Krt::Util::RetryOnInterrupt([] { return close(-1); }), -1);
-    EXPECT_EQ(errno, EBADF);
-}
 
 TEST(YUnxHandle, OwnsOneDescriptorAtATime)
 {

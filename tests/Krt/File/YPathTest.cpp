@@ -26,22 +26,6 @@ TEST(YPathTest, WorksOnPlainText)
                   "No path component at index 0 /");
 }
 
-TEST(YPathTest, AnotherTextMeansOtherCaches)
-{
-    YPath path("/a");
-    EXPECT_EQ(path.AsUnixPath(true), "/a/");
-    EXPECT_EQ(path.PopulateComponents().size(), 1U);
-    path = YPath("/b/c");
-    EXPECT_EQ(path.AsUnixPath(true), "/b/c/");
-    const YPath other("/d");
-    path = other;
-    EXPECT_EQ(path.AsUnixPath(true), "/d/");
-    EXPECT_EQ(path.GetComponent(0), "d");
-    const YPath moved(std::move(path));
-    EXPECT_EQ(moved.GetComponent(0), "d");
-    EXPECT_EQ(path.AsUnixPath(true), "/");
-}
-
 TEST(YPathTest, ThreadsShareOnePath)
 {
     for (int round = 0; round < 50; ++round) {

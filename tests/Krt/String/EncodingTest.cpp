@@ -9,8 +9,6 @@ using Krt::String::Convert;
 
 TEST(EncodingTest, NamesWhatItCannotConvert)
 {
-    const wchar_t units[] = {L'a', 0xE9, 0x20AC, 0xD83D, 0xDE00, 0};
-    EXPECT_EQ(YString(units), "a\u00e9\u20ac\U0001F600");
     const wchar_t loneTrail[] = {L'a', 0xDC00, 0};
     const wchar_t loneLead[] = {0xD800, 0};
     const wchar_t badPair[] = {0xD800, L'x', 0};

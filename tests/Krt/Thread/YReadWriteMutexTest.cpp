@@ -97,32 +97,6 @@ TEST(YReadWriteMutex, TimeOutRaisesAndLeavesNoLock)
     const Lock upgraded = mutex.WriteLock(Forever);
 }
 
-TEST(YReadWriteMutex, CrossedReadersPassWaitingWriters)
-{
-    const YReadWriteMutex a, b;
-    std::atomic<bool> done = false;
-    std::vector<std::thread> threads;
-    for (const YReadWriteMutex* mutex : {&a, &b}) {
-        threads.emplace_back([&, mutex] {
-            while (!done)
-                const Lock lock = mutex->WriteLock(Forever);
-        });
-    }
-    const auto compare = [](const YReadWriteMutex& first, const YReadWriteMutex& second) {
-        for (int i = 0; i < 500; ++i) {
-            const Lock outer = first.ReadLock(Forever);
-            std::this_thread::yield();
-            const Lock inner = second.ReadLock(Forever);
-        }
-    };
-    std::thread crossed([&] { compare(b, a); });
-    compare(a, b);
-    crossed.join();
-    done = true;
-    for (std::thread& thread : threads)
-        thread.join();
-}
-
 // Without limits of time a lost wake-up shows as a hang, and lost exclusion as a wrong sum.
 TEST(YReadWriteMutex, MixedUseByManyThreadsExcludesAndNeverSleepsOn)
 {

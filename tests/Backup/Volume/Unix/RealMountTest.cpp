@@ -8,7 +8,6 @@
 #include "testing/Raises.h"
 
 #include <cstdlib>
-#include <gtest/gtest-spi.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -131,22 +130,6 @@ TEST(RealMounts, ASubvolumeIsABoundaryThatNoTableLists)
             EXPECT_TRUE(IsReadOnly(Path(place))) << place;
         }
     });
-}
-
-TEST(RealMounts, AChildThatFailsOrDiesIsToldAndLeavesNothingBehind)
-{
-    MountNamespace::Run([](const MountNamespace& space) { space.MountImage("ext4", space / "disk"); });
-    if (IsSkipped() || HasFailure())
-        return;
-    const auto fail = [](const MountNamespace&) {
-        ADD_FAILURE() << "a fault in the child";
-    };
-    EXPECT_NONFATAL_FAILURE(MountNamespace::Run(fail), "a fault in the child");
-    const auto die = [](const MountNamespace& space) {
-        space.MountImage("ext4", space / "disk");
-        kill(getpid(), SIGKILL);
-    };
-    EXPECT_NONFATAL_FAILURE(MountNamespace::Run(die), "ended with this status");
 }
 
 } // namespace
