@@ -23,7 +23,6 @@
 using namespace Testing;
 using Backup::OpenSSL::IsCertificateTrusted;
 using Backup::OpenSSL::TrustOptions;
-using Krt::YString;
 namespace fs = std::filesystem;
 
 namespace {

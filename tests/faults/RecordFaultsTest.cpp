@@ -21,7 +21,6 @@ using namespace Testing;
 using namespace std::string_literals;
 using Backup::File::YMetadataBase;
 using Backup::File::YSelectionManager;
-using Krt::YString;
 using Krt::File::YPath;
 using Krt::JSON::YObject;
 using Krt::JSON::YValue;

@@ -4,7 +4,6 @@
 #include "testing/MountTable.h"
 #include "testing/Raises.h"
 
-using Krt::YString;
 
 TEST(YGlobalTest, OneObjectUntilDestroyed)
 {

@@ -6,7 +6,6 @@ using Backup::ErrorCode;
 using Backup::MessageType;
 using Backup::YJobPath;
 using Backup::YString;
-using Krt::File::YPath;
 using Krt::JSON::YObject;
 using Krt::JSON::YValue;
 using Component = YJobPath::Component;

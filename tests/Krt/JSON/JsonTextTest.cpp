@@ -5,7 +5,6 @@ using Krt::ErrorCode;
 using Krt::MessageType;
 using Krt::YString;
 using Krt::JSON::YArray;
-using Krt::JSON::YObject;
 using Krt::JSON::YValue;
 
 namespace {

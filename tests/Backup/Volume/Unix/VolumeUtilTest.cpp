@@ -10,7 +10,6 @@
 using namespace Backup::Volume;
 using Krt::ErrorCode;
 using Krt::MessageType;
-using Krt::YString;
 using Krt::File::YPath;
 
 namespace {

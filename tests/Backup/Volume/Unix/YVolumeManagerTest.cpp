@@ -12,7 +12,6 @@
 
 using namespace Backup::Volume;
 using Krt::ErrorCode;
-using Krt::File::YPath;
 
 namespace {
 
