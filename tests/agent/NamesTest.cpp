@@ -164,6 +164,20 @@ TEST_F(NamesOnDisk, AwkwardOnesComeBackAndForgeNoLine)
     }
 }
 
+TEST_F(NamesOnDisk, ASnapshotOfSomebodyElseSteersNoTerminal)
+{
+    Make({"name"});
+    Run(0, {"backup", "--store", store, source});
+    const std::string snapshot = fs::directory_iterator(store + "/snapshots")->path();
+    std::string lines = ReadCompressed(snapshot);
+    for (std::size_t at = 0; (at = lines.find("{\"record\"", at)) != std::string::npos; at += 3)
+        lines.insert(at + 1, "\r\t");
+    WriteCompressed(snapshot, lines);
+    const std::string listed = Run(1, {"list", "--store", store, "--snapshot", "latest", "--json"});
+    EXPECT_NE(listed.find("{  \"record\":"), std::string::npos) << listed;
+    EXPECT_EQ(listed.find_first_of("\r\t"), std::string::npos) << listed;
+}
+
 // Every name of one byte or two; without optimisation every sixteenth.
 TEST_F(NamesOnDisk, ShortOnesComeBack)
 {

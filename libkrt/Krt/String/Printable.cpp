@@ -79,6 +79,11 @@ bool IsPlain(char byte)
     return byte >= 0x20 && byte < 0x7F && byte != '\\';
 }
 
+bool IsPlainJson(char byte)
+{
+    return (byte >= 0x20 && byte < 0x7F) || byte == '\n';
+}
+
 } // namespace
 
 void AppendPrintable(std::string& out, std::string_view text)
@@ -102,12 +107,13 @@ void AppendPrintable(std::string& out, std::string_view text)
     }
 }
 
-// A quotation mark or a backslash of the text is JSON's own, so everything plain stays.
+// A quotation mark or a backslash of the text is JSON's own, so everything plain stays. A control is not part
+// of any string: it stands between two tokens, where a blank says the same.
 void AppendPrintableJson(std::string& out, std::string_view json)
 {
     while (!json.empty()) {
         std::size_t plain = 0;
-        while (plain < json.size() && static_cast<unsigned char>(json[plain]) < 0x7F)
+        while (plain < json.size() && IsPlainJson(json[plain]))
             ++plain;
         out += json.substr(0, plain);
         json.remove_prefix(plain);
@@ -115,7 +121,9 @@ void AppendPrintableJson(std::string& out, std::string_view json)
             return;
         const Character character = Decode(json);
         const std::size_t size = character.size == 0 ? 1 : character.size;
-        if (character.size == 0 || IsPrintable(character.code))
+        if (character.size == 1 && character.code < 0x20)
+            out += ' ';
+        else if (character.size == 0 || IsPrintable(character.code))
             out += json.substr(0, size);
         else
             AppendEscape("\\u%04x", character.code, out);

@@ -14,7 +14,8 @@ namespace Krt::String {
 KRT_API void AppendPrintable(std::string& out, std::string_view text);
 
 /// JSON text with the characters in its strings that a terminal acts upon or shows out of order as escapes,
-/// so that it may be printed. It stands for the same value.
+/// and each control between its tokens but a line's end as a blank, so that it may be printed. It stands for
+/// the same value.
 KRT_API void AppendPrintableJson(std::string& out, std::string_view json);
 
 } // namespace Krt::String
