@@ -10,6 +10,7 @@
 #include <functional>
 #include <string>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 #include <utility>
@@ -82,6 +83,15 @@ extern "C" {
     Testing::CallHook::Tell("openat", directory, name);
     return Testing::Unhooked<int(int, const char*, int, ...)>("openat")(directory, name, flags, mode);
 }
+[[gnu::visibility("default")]] int open(const char* path, int flags, ...)
+{
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    Testing::CallHook::Tell("open", -1, path);
+    return Testing::Unhooked<int(const char*, int, ...)>("open")(path, flags, mode);
+}
 [[gnu::visibility("default")]] ssize_t pread(int file, void* data, size_t size, off_t offset)
 {
     Testing::CallHook::Tell("pread", file);
@@ -98,6 +108,14 @@ TESTING_HOOK(int, utimensat, (int directory, const char* name, const timespec* t
 TESTING_HOOK(int, renameat, (int from, const char* name, int to, const char* newName),
              (from, name, to, newName), from, name)
 TESTING_HOOK(int, fchown, (int file, uid_t user, gid_t group), (file, user, group), file, nullptr)
+TESTING_HOOK(int, stat, (const char* path, struct stat* status), (path, status), -1, path)
+TESTING_HOOK(int, lstat, (const char* path, struct stat* status), (path, status), -1, path)
+TESTING_HOOK(int, statfs, (const char* path, struct statfs* status), (path, status), -1, path)
+TESTING_HOOK(ssize_t, readlink, (const char* path, char* target, size_t size), (path, target, size), -1, path)
+TESTING_HOOK(ssize_t, readlinkat, (int directory, const char* name, char* target, size_t size),
+             (directory, name, target, size), directory, name)
+TESTING_HOOK(ssize_t, lgetxattr, (const char* path, const char* name, void* value, size_t size),
+             (path, name, value, size), -1, path)
 TESTING_HOOK(ssize_t, llistxattr, (const char* path, char* list, size_t size), (path, list, size), -1, path)
 }
 

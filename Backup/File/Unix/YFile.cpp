@@ -7,6 +7,9 @@
 #include "Krt/KrtFoundation/boostapi.h"
 #include "Krt/Log/LogSite.h"
 #include "Krt/Profile/YProfile.h"
+#include "Krt/Util/Retry.h"
+
+#include <unistd.h>
 
 namespace Backup::File {
 
@@ -21,6 +24,8 @@ using Krt::File::ExtendedAttributeMap;
 namespace {
 
 constexpr unsigned long DataBufferSize = 0x100000;
+// As the primitive that reads a target by path.
+constexpr unsigned int LinkTargetSize = 1024;
 
 // The answer of the call, or an empty one where the file system keeps no attributes.
 template <class Call>
@@ -250,7 +255,16 @@ void YFile::SetModeFlags(unsigned int flags) const
 
 YPath YFile::GetSymbolicLinkTarget() const
 {
-    return Backup::File::GetSymbolicLinkTarget(m_path);
+    if (m_directory == nullptr)
+        return Backup::File::GetSymbolicLinkTarget(m_path);
+    KRT_RAISE_UNLESS(IsSymbolicLink(), ErrorCode::InvalidState);
+    char target[LinkTargetSize + 1];
+    const ssize_t length = Krt::Util::RetryOnInterrupt(
+        [&] { return readlinkat(m_directory->GetHandle().Get(), m_name->CStr(), target, LinkTargetSize); });
+    if (length == -1)
+        KRT_RAISE_OS("Could not read symbolic link");
+    target[length] = '\0';
+    return YPath(target);
 }
 
 bool YFile::IsXattrDisabled() const

@@ -55,8 +55,8 @@ public:
     void Open(OPEN_MODE mode, const Krt::File::YPath& path, OPTIONS options);
     /// The same for reading an entry whose directory is open: status and content are reached through that
     /// directory, at half the cost of a long path and whatever happens to the path meanwhile, and so are
-    /// extended attributes: directory and name must outlive the asking for those. The other operations that
-    /// go by path use `path`.
+    /// a link's target and extended attributes: directory and name must outlive the asking for those. The
+    /// other operations that go by path use `path`.
     void OpenEntry(const Krt::File::YDirectory& directory, const Krt::YString& name,
                    const Krt::File::YPath& path);
     /// The steps of Open, on the stored path and options; the second does nothing in another mode.
