@@ -9,7 +9,6 @@
 #include "Backup/File/YWinFileMetadata.h"
 
 #include <cstdio>
-#include <string_view>
 #include <sys/stat.h>
 
 namespace Agent {

@@ -46,7 +46,6 @@ public:
     StoreSession(const StoreSession&) = delete;
     StoreSession& operator=(const StoreSession&) = delete;
 
-    const Store& GetStore() const { return m_store; }
     /// Bytes that the new objects of this session take in the store.
     unsigned long long GetStoredBytes() const { return m_storedBytes; }
 

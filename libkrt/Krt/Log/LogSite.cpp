@@ -2,8 +2,6 @@
 
 #include "Krt/Log/YLogContext.h"
 
-#include <exception>
-
 namespace Krt::Log {
 
 YLogLine::YLogLine(unsigned int type)
