@@ -4,6 +4,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 root=$PWD
+command -v include-what-you-use >/dev/null || { echo "include-what-you-use is missing (package iwyu)" >&2; exit 1; }
 
 # HEADER INCLUDE: includes that stay. The checker doesn't see what templates and macros need, nor what is handed on to
 # callers on purpose.

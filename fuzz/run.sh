@@ -17,6 +17,7 @@ if [ ${#targets[@]} -eq 0 ]; then
     for source in fuzz/*Fuzz.cpp; do targets+=("$(basename "$source" Fuzz.cpp)"); done
 fi
 
+packaging/install-packages.sh build test ci
 mkdir -p build
 cmake --preset fuzz >build/fuzz.log || { cat build/fuzz.log; exit 1; }
 cmake --build build/fuzz --target "${targets[@]/%/Fuzz}" -- -j "$(nproc)" >build/fuzz.log ||

@@ -9,6 +9,7 @@ lines=95 branches=85
 build=build/coverage
 counts=$build/counts.json
 
+packaging/install-packages.sh build test ci
 mkdir -p build
 cmake --preset coverage >build/coverage.log || { cat build/coverage.log; exit 1; }
 cmake --build "$build" -- -j "$(nproc)" >build/coverage.log || { cat build/coverage.log; exit 1; }
