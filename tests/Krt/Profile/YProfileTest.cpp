@@ -3,6 +3,8 @@
 #include "testing/Raises.h"
 #include "testing/TemporaryDirectory.h"
 
+#include "Krt/File/Unix/StatTimes.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -68,7 +70,7 @@ TEST_F(YProfileTest, UnchangedFileIsSharedAndAChangeIsSeen)
     struct stat status;
     ASSERT_EQ(stat(m_path.c_str(), &status), 0);
     m_directory.Write("kbagent.conf", "[configuration]\na=2\n");
-    const timespec times[] = {status.st_atim, status.st_mtim};
+    const timespec times[] = {Krt::File::AccessTime(status), Krt::File::WriteTime(status)};
     ASSERT_EQ(utimensat(AT_FDCWD, m_path.c_str(), times, 0), 0);
     EXPECT_EQ(Value("a"), "2");
     EXPECT_EQ(young->Get<YString>("configuration", "a", ""), "1");
