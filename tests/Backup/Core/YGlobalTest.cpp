@@ -4,7 +4,6 @@
 #include "testing/MountTable.h"
 #include "testing/Raises.h"
 
-
 TEST(YGlobalTest, OneObjectUntilDestroyed)
 {
     Backup::YGlobal* const global = Backup::GetGlobal();
