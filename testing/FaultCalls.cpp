@@ -10,7 +10,6 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <mntent.h>
 #include <new>
 #include <spawn.h>
 #include <sys/file.h>
@@ -18,6 +17,7 @@
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -259,6 +259,7 @@ PLAIN_CALL(lsetxattr, (const char* path, const char* name, const void* value, si
            (path, name, value, size, flags))
 PLAIN_CALL(fsetxattr, (int fd, const char* name, const void* value, size_t size, int flags),
            (fd, name, value, size, flags))
+PLAIN_CALL(fremovexattr, (int fd, const char* name), (fd, name))
 SIZED_CALL(readlink, (const char* path, char* target, size_t size), (path, target, size))
 SIZED_CALL(readlinkat, (int fd, const char* path, char* target, size_t size), (fd, path, target, size))
 SIZED_CALL(getdents64, (int fd, void* entries, size_t size), (fd, entries, size))
@@ -270,23 +271,10 @@ SIZED_CALL(fgetxattr, (int fd, const char* name, void* value, size_t size), (fd,
 
 CALL(int, getentropy, (void* data, size_t count), (data, count), FailsUninterrupted("getentropy"), -1)
 CALL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), FailsUninterrupted("lseek"), -1)
-CALL(FILE*, setmntent, (const char* table, const char* mode), (table, mode), FailsUninterrupted("setmntent"),
-     nullptr)
 CALL(FILE*, fopen, (const char* path, const char* mode), (path, mode), FailsUninterrupted("fopen"), nullptr)
 CALL(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* file), (data, size, count, file),
      FailsUninterrupted("fwrite"), 0)
 CALL(int, fflush, (FILE * file), (file), FailsUninterrupted("fflush"), EOF)
-
-// As it ends at a reading error.
-[[gnu::visibility("default")]] struct mntent* getmntent_r(FILE* table, struct mntent* entry, char* line,
-                                                          int size)
-{
-    static const auto real = Real<struct mntent*(FILE*, struct mntent*, char*, int)>("getmntent_r");
-    if (!FailsUninterrupted("getmntent_r"))
-        return real(table, entry, line, size);
-    table->_flags |= _IO_ERR_SEEN;
-    return nullptr;
-}
 
 // Nobody waits for the disk here.
 [[gnu::visibility("default")]] int fsync(int)
@@ -316,6 +304,31 @@ CALL(int, fflush, (FILE * file), (file), FailsUninterrupted("fflush"), EOF)
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
     return FaultStrikes(FaultDomain::SystemCalls, "openat") ? -1 : real(fd, path, flags, mode);
+}
+
+// Of what has no function of its own, and of a descriptor's handling, the calls that make descriptors.
+[[gnu::visibility("default")]] long syscall(long number, ...)
+{
+    static const auto real = Real<long(long, ...)>("syscall");
+    va_list rest;
+    va_start(rest, number);
+    long arguments[6];
+    for (long& argument : arguments)
+        argument = va_arg(rest, long);
+    va_end(rest);
+    if (number == SYS_openat2 && FaultStrikes(FaultDomain::SystemCalls, "openat2"))
+        return -1;
+    return real(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
+}
+[[gnu::visibility("default")]] int fcntl(int fd, int command, ...)
+{
+    static const auto real = Real<int(int, int, ...)>("fcntl");
+    va_list rest;
+    va_start(rest, command);
+    void* const argument = va_arg(rest, void*);
+    va_end(rest);
+    const bool fails = command == F_DUPFD_CLOEXEC && FaultStrikes(FaultDomain::SystemCalls, "fcntl");
+    return fails ? -1 : real(fd, command, argument);
 }
 
 // A signal leaves the descriptor open; any other failure has closed it all the same.

@@ -201,7 +201,8 @@ bool Faults::CouldCleanUp() const
 void CheckWithFaults(const Scenario& scenario, Names notRepeated, FirstUse firstUse)
 {
     const char* const form = std::getenv("BACKUP_FAULTS");
-    const bool isFull = form != nullptr && std::string_view(form) == "full";
+    const bool isFull = form != nullptr && std::string_view(form).starts_with("full");
+    const char* const only = isFull ? std::strchr(form, '=') : nullptr;
     const char* const name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
     g_followsMemory = firstUse == FirstUse::Before;
     Plan plan{scenario, notRepeated, nullptr, 0};
@@ -216,6 +217,8 @@ void CheckWithFaults(const Scenario& scenario, Names notRepeated, FirstUse first
 
     unsigned long offset = 0; // so that each kind samples other calls
     for (const FaultKind& kind : Kinds) {
+        if (only != nullptr && std::atoi(only + 1) != &kind - Kinds)
+            continue;
         const unsigned long all =
             g_followsMemory ? calls[static_cast<std::size_t>(kind.domain)] : UnknownCalls;
         const unsigned long step = isFull ? 1 : std::max(all / SampleOfKind, 1UL);

@@ -46,8 +46,9 @@ enum class FirstUse
 /// Checks a scenario, which prepares what it needs, calls Try once, and checks by EXPECT_... that what was
 /// reported is so, that objects can still be used, and that no name holds half of something. The code under
 /// test repeats a call that a signal interrupts, but for those in `notRepeated`. A sample of the faults, or
-/// each of them where the environment has BACKUP_FAULTS=full, which also prints how many there were. For a
-/// debugger, BACKUP_FAULTS=KIND:NUMBER runs that one alone, in the process itself; kinds count from 0.
+/// each of them where the environment has BACKUP_FAULTS=full, or full=KIND, which also prints how many there
+/// were. For a debugger, BACKUP_FAULTS=KIND:NUMBER runs that one alone, in the process itself; kinds count
+/// from 0.
 void CheckWithFaults(const std::function<void(Faults&)>& scenario,
                      std::initializer_list<std::string_view> notRepeated = {},
                      FirstUse firstUse = FirstUse::Before);

@@ -175,6 +175,7 @@ TEST_F(FileFaults, YFileReads)
                 attributes = opened.GetExtendedAttributeMap().count("user.test") +
                              opened.ListExtendedAttributes().size();
                 opened.GetDataPtr()[0] = 1;
+                EXPECT_EQ(opened.LookUpAttributes() & Krt::File::AttributeDirectory, 0u);
                 opened.Close();
             })) {
             EXPECT_EQ(read.substr(0, size), content);
@@ -207,8 +208,54 @@ TEST_F(FileFaults, YFileReadsAnEntry)
     });
 }
 
+TEST_F(FileFaults, YFileReadsALink)
+{
+    fs::create_symlink("target", directory / "link");
+    const YString name("link");
+    CheckWithFaults(
+        [&](Faults& faults) {
+            const YDirectory root = YDirectory::Open(YPath(directory.Path().c_str()));
+            YFile link, entry;
+            YPath target, entryTarget;
+            if (faults.TryAll([&] {
+                    link.Open(YFile::OPEN_MODE_READ, Path("link"), YFile::OPT_NONE);
+                    target = link.GetSymbolicLinkTarget();
+                    entry.OpenEntry(root, name, Path("link"));
+                    entryTarget = entry.GetSymbolicLinkTarget();
+                    entry.GetExtendedAttributeMap();
+                })) {
+                EXPECT_EQ(target, "target");
+                EXPECT_EQ(entryTarget, "target");
+            }
+        },
+        {"readlink"});
+}
+
+TEST_F(FileFaults, OpeningStaysAboveTheStandardStreams)
+{
+    const YPath file(directory.Write("file", content).c_str());
+    CheckWithFaults([&](Faults& faults) {
+        const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+        close(STDIN_FILENO);
+        int lowest = -1;
+        if (faults.TryAll([&] {
+                const auto handle = Krt::File::Open(file, Krt::File::OpenForReading);
+                const auto root = YDirectory::Open(YPath(directory.Path().c_str()));
+                const auto entry = root.OpenFile("file");
+                lowest = std::min({handle.Get(), root.GetHandle().Get(), entry.Get()});
+            })) {
+            EXPECT_GT(lowest, STDERR_FILENO);
+        }
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "something stays open";
+        dup2(input, STDIN_FILENO);
+        close(input);
+    });
+}
+
 TEST_F(FileFaults, YFileWrites)
 {
+    const std::string probe = directory.Write("probe", "");
+    const bool hasAttributes = setxattr(probe.c_str(), "user.test", "1", 1, 0) == 0;
     CheckWithFaults([&](Faults& faults) {
         EmptyDirectory("out");
         const YPath file = Path("out/a/file");
@@ -218,6 +265,11 @@ TEST_F(FileFaults, YFileWrites)
             EXPECT_EQ(opened.Write(content.data(), static_cast<unsigned int>(content.size())),
                       content.size());
             opened.SetTime(1, 2);
+            unsigned char value = '1';
+            if (hasAttributes)
+                opened.AddExtendedAttribute("user.test", &value, 1);
+            opened.SetUID(geteuid());
+            opened.SetGID(getegid());
             opened.SetModeFlags(S_IFREG | 0640);
             opened.Close();
             made.Open(YFile::OPEN_MODE_WRITE, Path("out/b/directory"), YFile::OPT_DIRECTORY);
@@ -226,6 +278,7 @@ TEST_F(FileFaults, YFileWrites)
             EXPECT_EQ(ReadFile(file.CStr()), content);
             EXPECT_EQ(StatusOf(file).st_mtime, 2);
             EXPECT_EQ(StatusOf(file).st_mode, static_cast<mode_t>(S_IFREG | 0640));
+            EXPECT_EQ(lgetxattr(file.CStr(), "user.test", nullptr, 0), hasAttributes ? 1 : -1);
             EXPECT_TRUE(fs::is_directory(directory / "out/b/directory"));
         };
         if (faults.TryAll(write))
@@ -244,6 +297,7 @@ TEST_F(FileFaults, Directories)
         if (!faults.TryAll([&] {
                 const YDirectory opened = YDirectory::Open(root);
                 opened.MakeDirectory("d", 0700);
+                opened.OpenDirectoryToSearch("d").SetMode(0750);
                 const YDirectory below = opened.OpenDirectory("d");
                 {
                     const Krt::Util::YUnxHandle file = below.CreateFile("new");
@@ -403,19 +457,23 @@ TEST_F(FileFaults, VolumesAreListed)
 // The list of mount points is read once in a process.
 TEST_F(FileFaults, DescentIsDecided)
 {
-    const MountTable table("/dev/a / ext4 rw 0 0\nserver:/b /proc nfs rw 0 0\n");
-    if (!Backup::Volume::IsMountPoint("/proc"))
-        GTEST_SKIP() << "/proc is not mounted here";
+    const MountTable table("/dev/a / ext4 rw 0 0\nserver:/b /proc nfs rw 0 0\nserver:/c /dev nfs rw 0 0\n");
+    if (!Backup::Volume::IsMountPoint("/proc") || !Backup::Volume::IsMountPoint("/dev"))
+        GTEST_SKIP() << "/proc or /dev is not mounted here";
+    const auto isFollowed = [](const char* path) {
+        return Backup::File::IsFollowableDirectoryFromKrtAttributes(path, Krt::File::AttributeDirectory);
+    };
     CheckWithFaults(
         [&](Faults& faults) {
-            Configure("IncludedMountpoints=/dev,/a/mount/point/of/some/length,/proc\n");
-            bool ordinary = false, listed = false;
-            if (faults.TryAll([&] {
-                    ordinary = Backup::File::IsFollowableDirectoryFromKrtAttributes(
-                        directory.Path().c_str(), Krt::File::AttributeDirectory);
-                    listed = Backup::File::IsFollowableDirectoryFromKrtAttributes(
-                        "/proc", Krt::File::AttributeDirectory);
-                })) {
+            Configure("IncludedMountpoints=/dev/shm,/a/mount/point/of/some/length,/proc\n");
+            bool ordinary = false, listed = false, other = false;
+            const bool isDone = faults.TryAll([&] {
+                ordinary = isFollowed(directory.Path().c_str());
+                listed = isFollowed("/proc");
+                other = isFollowed("/dev");
+            });
+            EXPECT_FALSE(other);
+            if (isDone) {
                 EXPECT_TRUE(ordinary);
                 EXPECT_TRUE(listed);
             }

@@ -30,7 +30,7 @@ int MoveAboveStandardStreams(int descriptor) noexcept
         return descriptor;
     const int moved = RetryOnInterrupt([&] { return fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); });
     const int error = errno;
-    close(descriptor);
+    RetryOnInterrupt([&] { return close(descriptor); });
     errno = error;
     return moved;
 }
