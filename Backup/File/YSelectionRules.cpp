@@ -132,8 +132,10 @@ void YSelectionRules::TryToIndex(const Rule& rule)
 
 void YSelectionRules::Index::Add(const Rule& rule)
 {
-    byPattern.emplace(rule.GetDescriptor().GetPattern().Bytes(), Place{&rule, exact.size()});
-    if (Pointers* const list = ListOf(*this, rule))
+    Pointers* const list = ListOf(*this, rule);
+    byPattern.emplace(rule.GetDescriptor().GetPattern().Bytes(),
+                      Place{&rule, exact.size(), list != nullptr ? list->size() : 0});
+    if (list != nullptr)
         list->push_back(&rule);
     if (IsExact(rule))
         exact.push_back(&rule);
@@ -145,18 +147,22 @@ YSelectionRules::Index::ByPattern::iterator YSelectionRules::Index::Find(const R
     return std::find_if(first, last, [&](const auto& entry) { return entry.second.rule == &rule; });
 }
 
+// The last of the rules moves to its place.
+void YSelectionRules::Index::TakeOut(Pointers& rules, std::size_t Place::*position, const Rule& rule)
+{
+    const std::size_t freed = Find(rule)->second.*position;
+    Find(*rules.back())->second.*position = freed;
+    rules[freed] = rules.back();
+    rules.pop_back();
+}
+
 void YSelectionRules::Index::Remove(const Rule& rule)
 {
-    const auto removed = Find(rule);
-    if (IsExact(rule)) {
-        // The last one moves to its place.
-        Find(*exact.back())->second.inExact = removed->second.inExact;
-        exact[removed->second.inExact] = exact.back();
-        exact.pop_back();
-    }
-    byPattern.erase(removed);
+    if (IsExact(rule))
+        TakeOut(exact, &Place::inExact, rule);
     if (Pointers* const list = ListOf(*this, rule))
-        list->erase(std::find(list->begin(), list->end(), &rule));
+        TakeOut(*list, &Place::inOthers, rule);
+    byPattern.erase(Find(rule));
 }
 
 } // namespace Backup::File

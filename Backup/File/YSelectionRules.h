@@ -86,7 +86,8 @@ private:
     struct Place
     {
         const Rule* rule;
-        std::size_t inExact; // its position there, if it is exact
+        std::size_t inExact;  // its position there, if it is exact
+        std::size_t inOthers; // and in the one of the other two lists in which it stands, if it does
     };
     struct Index
     {
@@ -107,13 +108,15 @@ private:
 
         using ByPattern = std::unordered_multimap<std::string_view, Place>;
         ByPattern::iterator Find(const Rule& rule);
+        void TakeOut(Pointers& rules, std::size_t Place::*position, const Rule& rule);
 
         // All rules by their pattern, which is the name that an exact rule speaks of. The views are into the
         // rules.
         ByPattern byPattern;
+        // In any order:
         Pointers aboutAll; // those that cover all names
         Pointers others;   // further ones that a name without their pattern may match
-        Pointers exact;    // in any order
+        Pointers exact;
     };
 
     Pointers FindCovered(const Rule& rule) const;

@@ -52,10 +52,11 @@ YSelectionRulesBelow::CandidatesFor(const YSelectionDescriptor& rule)
     const Krt::Match::Descriptor& names = rule.GetDescriptor();
     const std::string_view pattern = names.GetPattern().Bytes();
     const std::size_t first = pattern.find_first_of(Wildcards);
-    if (names.GetMatchType() != MatchType::Glob || first == std::string_view::npos)
-        return Range(m_byBegin, pattern, CompareBegins);
-    if (!names.IsCaseSensitive())
+    const bool isGlob = names.GetMatchType() == MatchType::Glob;
+    if (isGlob && !names.IsCaseSensitive())
         return Range(m_byBegin, "", CompareBegins);
+    if (!isGlob || first == std::string_view::npos)
+        return Range(m_byBegin, pattern, CompareBegins);
     const std::string_view begin = pattern.substr(0, first);
     const std::string_view end = pattern.substr(pattern.find_last_of(Wildcards) + 1);
     return begin.size() > end.size() ? Range(m_byBegin, begin, CompareBegins)

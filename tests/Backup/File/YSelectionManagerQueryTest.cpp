@@ -26,6 +26,16 @@ TEST(YSelectionManagerQuery, HasNoAnswerAboutTheRoot)
                   "atOrBelowIndex out of range atOrBelowIndex: 2 path: ab");
 }
 
+// The third recursive rule above an unchanged branch is the first that doesn't walk it.
+TEST(YSelectionManagerQuery, AGlobInAnyCasePrunesNamesHoweverManyCameBefore)
+{
+    EXPECT_EQ(
+        Testing::Words(Tree("exclude /a exact=foo; exclude / recursive glob=x*; exclude / recursive glob=y*; "
+                            "exclude / recursive glob=FOO nocase")),
+        Testing::Words(Tree("exclude / recursive glob=x*; exclude / recursive glob=y*; "
+                            "exclude / recursive glob=FOO nocase")));
+}
+
 TEST(YSelectionManagerQuery, TellsHowItDecides)
 {
     const auto expect = [](const char* rules, const std::string& path, const std::string& told) {
@@ -125,6 +135,7 @@ TEST(YSelectionManagerQuery, AgreesWithThePlainListWhereManyRulesComeLastAtTheRo
         for (const char* glob : {"glob=?", "glob=*", "glob=x*", "glob=x?*"})
             world.patterns.push_back(std::string(glob) + name);
         world.patterns.push_back(std::string("glob=") + name + "* nocase");
+        world.patterns.push_back(std::string("glob=X") + name + " nocase");
         for (const char* place : {"/", "/a/", "/a/b/", "/a/b/c/", "/d/b/", "/a/x/"})
             world.paths.push_back(std::string(place) + "x" + name);
     }
