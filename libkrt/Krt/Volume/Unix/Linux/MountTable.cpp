@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <fcntl.h>
-#include <optional>
 #include <string_view>
 #include <unistd.h>
 
@@ -19,23 +19,6 @@ namespace {
 // The process's own view; /etc/mtab may be of another mount namespace.
 constexpr const char* SystemTable = "/proc/self/mounts";
 const char* s_table = SystemTable;
-
-std::optional<std::string> ReadTable()
-{
-    constexpr std::size_t AtOnce = 0x4000; // the kernel gives no more than a page of its own table
-    const Util::YUnxHandle file = Util::OpenHandle(s_table, O_RDONLY);
-    if (file.IsEmpty())
-        return std::nullopt;
-    std::string text;
-    ssize_t count;
-    do {
-        const std::size_t size = text.size();
-        text.resize(size + AtOnce);
-        count = Util::RetryOnInterrupt([&] { return read(file.Get(), text.data() + size, AtOnce); });
-        text.resize(size + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    } while (count > 0);
-    return count == 0 ? std::optional(std::move(text)) : std::nullopt;
-}
 
 std::string_view WithoutLeadingBlanks(std::string_view text)
 {
@@ -110,21 +93,43 @@ void AddEntry(std::vector<MountEntry>& entries, std::string_view line)
     entries.push_back({Decode(type), Decode(directory), Decode(source), HasOption(options, "ro")});
 }
 
+void AddEntries(std::vector<MountEntry>& entries, std::string_view lines)
+{
+    while (!lines.empty()) {
+        const std::size_t end = std::min(lines.find('\n'), lines.size());
+        AddEntry(entries, lines.substr(0, end));
+        lines.remove_prefix(std::min(end + 1, lines.size()));
+    }
+}
+
 } // namespace
 
 std::vector<MountEntry> ListMountEntries()
 {
+    const Util::YUnxHandle file = Util::OpenHandle(s_table, O_RDONLY);
+    if (file.IsEmpty())
+        return {};
     std::vector<MountEntry> entries;
-    const std::optional<std::string> table = ReadTable();
-    if (!table)
-        return entries;
-    entries.reserve(static_cast<std::size_t>(std::count(table->begin(), table->end(), '\n')) + 1);
-    for (std::string_view rest = *table; !rest.empty();) {
-        const std::size_t end = std::min(rest.find('\n'), rest.size());
-        AddEntry(entries, rest.substr(0, end));
-        rest.remove_prefix(std::min(end + 1, rest.size()));
+    // The kernel gives no more than a page of its own table at once.
+    std::string buffer(0x4000, '\0');
+    std::size_t kept = 0;
+    while (true) {
+        if (kept == buffer.size()) // a line that is longer
+            buffer.resize(2 * kept);
+        const ssize_t count = Util::RetryOnInterrupt(
+            [&] { return read(file.Get(), buffer.data() + kept, buffer.size() - kept); });
+        if (count < 0)
+            return {};
+        const std::string_view text(buffer.data(), kept + static_cast<std::size_t>(count));
+        if (count == 0) {
+            AddEntries(entries, text);
+            return entries;
+        }
+        const std::size_t end = text.rfind('\n') + 1; // 0 if there is none
+        AddEntries(entries, text.substr(0, end));
+        kept = text.size() - end;
+        std::memmove(buffer.data(), buffer.data() + end, kept);
     }
-    return entries;
 }
 
 void SetMountTableForTesting(const char* file)
