@@ -105,9 +105,10 @@ boost::shared_ptr<YProfile> Load(Cache& cache, const std::string& path)
     const std::optional<FileStamp> stamp = FileStamp::Of(file.Get());
     if (!stamp)
         RaiseUnreadable(path);
+    const bool isSettled = stamp->IsSettled();
     const auto profile = boost::make_shared<YProfile>(Parse(ReadAll(file, path), path));
     cache.profile.reset();
-    if (stamp->IsSettled()) {
+    if (isSettled) {
         cache.path = path;
         cache.stamp = *stamp;
         cache.profile = profile;
