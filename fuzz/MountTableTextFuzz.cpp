@@ -12,12 +12,17 @@ namespace {
 
 using Krt::YString;
 
-// A field of the line, in which bytes may stand as octal numbers.
 std::string TakeField(std::string& line)
 {
     const std::size_t end = std::min(line.find_first_of(" \t"), line.size());
-    const std::string raw = line.substr(0, end);
+    const std::string field = line.substr(0, end);
     line.erase(0, std::min(line.find_first_not_of(" \t", end), line.size()));
+    return field;
+}
+
+// Bytes may stand as octal numbers.
+std::string Decoded(const std::string& raw)
+{
     std::string field;
     for (std::size_t at = 0; at < raw.size();) {
         unsigned int byte = 0;
@@ -57,7 +62,7 @@ std::vector<std::array<std::string, 4>> Lines(const std::string& text)
         // Such an entry asks not to be listed.
         if (fields[2] == "autofs" && HasOption(fields[3], "ignore"))
             continue;
-        lines.push_back(fields);
+        lines.push_back({Decoded(fields[0]), Decoded(fields[1]), Decoded(fields[2]), fields[3]});
     }
     return lines;
 }
