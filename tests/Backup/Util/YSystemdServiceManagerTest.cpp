@@ -105,11 +105,11 @@ TEST_F(YSystemdServiceManagerTest, RefusesWhatNoUnitCanHold)
 {
     const ProcessRecorder programs;
     const std::string longest(247, 'n');
-    for (const std::string& name : {std::string("a-b_c:d.e\\x2d"), std::string("a@b"), longest})
+    using Names = std::vector<std::string>;
+    for (const std::string& name : Names{"a-b_c:d.e\\x2d", "a@b", longest})
         Install(name.c_str(), "/bin/x");
     for (const std::string& name :
-         {std::string(), std::string("a b"), std::string("../a"), std::string("a/b"), std::string("\xC3\xA9"),
-          std::string("a\n"), std::string("@a"), std::string("a@"), longest + "n"})
+         Names{"", "a b", "../a", "a/b", "\xC3\xA9", "a\n", "@a", "a@", longest + "n"})
         EXPECT_RAISES(Install(name.c_str(), "/bin/x"), ErrorCode::InvalidArgument, "GetServiceUnitName",
                       "Not a legal name of a service: " + name);
     const auto before = programs.commands.size();
