@@ -12,6 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <tuple>
+
 using namespace Testing;
 
 namespace {
@@ -33,12 +35,7 @@ TEST_F(BackupProgram, TakesANamedPathWithAllBelowHoweverItIsWritten)
 {
     MakeTree(source,
              {Dir("a"), File("a/b", "1"), Dir("c"), File("c/d", "2"), Link("to a", "a"), File("top", "3")});
-    const struct
-    {
-        const char* name;
-        std::vector<std::string> arguments;
-        Paths stored;
-    } cases[] = {
+    const std::tuple<const char*, std::vector<std::string>, Paths> cases[] = {
         {"directory", {"backup", source + "/a"}, {"/a", "/a/b"}},
         {"with dots", {"backup", source + "/c/../a/."}, {"/a", "/a/b"}},
         {"two that overlap", {"backup", source + "/a/b", source + "/a"}, {"/a", "/a/b"}},
@@ -47,9 +44,9 @@ TEST_F(BackupProgram, TakesANamedPathWithAllBelowHoweverItIsWritten)
         {"through a link", {"backup", source + "/to a/"}, {"/a", "/a/b"}},
         {"below a link", {"backup", source + "/to a/b"}, {"/a/b"}},
     };
-    for (const auto& each : cases) {
-        Run(0, each.arguments);
-        EXPECT_EQ(Stored(), each.stored) << each.name;
+    for (const auto& [name, arguments, stored] : cases) {
+        Run(0, arguments);
+        EXPECT_EQ(Stored(), stored) << name;
     }
 }
 
@@ -116,13 +113,7 @@ TEST_F(BackupProgram, RefusesWhatItCannotUse)
     const std::string damaged = directory.Write("damaged.json", "{\"includes\": [");
     const std::string noIncludes = directory.Write("none.json", R"({"includes": [], "excludes": []})");
     const std::string halfRules = directory.Write("half.json", "{\"includes\": []}");
-    const struct
-    {
-        const char* name;
-        std::vector<std::string> arguments;
-        int exitCode;
-        std::string told;
-    } cases[] = {
+    const std::tuple<const char*, std::vector<std::string>, int, std::string> cases[] = {
         {"neither path nor job", {"backup"}, 2, "PATH"},
         {"missing job", {"backup", "--job", source + "/none"}, 1, source + "/none"},
         {"directory for a job", {"backup", "--job", source}, 1, source},
@@ -134,9 +125,9 @@ TEST_F(BackupProgram, RefusesWhatItCannotUse)
         {"missing entry", {"backup", source + "/none"}, 3, source + "/none"},
         {"unknown option", {"backup", "--nothing", source}, 2, "--nothing"},
     };
-    for (const auto& each : cases) {
-        SCOPED_TRACE(each.name);
-        EXPECT_TRUE(Holds(Run(each.exitCode, each.arguments).errors, each.told));
+    for (const auto& [name, arguments, exitCode, told] : cases) {
+        SCOPED_TRACE(name);
+        EXPECT_TRUE(Holds(Run(exitCode, arguments).errors, told));
     }
 }
 

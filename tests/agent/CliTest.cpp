@@ -5,6 +5,7 @@
 #include "testing/ProgramFixture.h"
 
 #include <cstdlib>
+#include <tuple>
 
 using namespace Agent;
 using Testing::RunProgram;
@@ -13,12 +14,7 @@ namespace {
 
 TEST(Text, PrintableIsOneLineThatSteersNothing)
 {
-    const struct
-    {
-        const char* name;
-        std::string text;
-        const char* shown;
-    } cases[] = {
+    const std::tuple<const char*, std::string, const char*> cases[] = {
         {"plain", "/a b/c'\"* \u00e9 \u4e2d \U0001f600", "/a b/c'\"* \u00e9 \u4e2d \U0001f600"},
         {"backslash", "a\\nb", "a\\\\nb"},
         {"line ends and tab", "a\nb\rc\td", "a\\nb\\rc\\td"},
@@ -31,8 +27,8 @@ TEST(Text, PrintableIsOneLineThatSteersNothing)
         {"beyond the last character", "\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
         {"line separator, reversed text", "\u2028a\u202etxt.exe", "\\u2028a\\u202etxt.exe"},
     };
-    for (const auto& row : cases)
-        EXPECT_EQ(Printable(std::string_view(row.text)), row.shown) << row.name;
+    for (const auto& [name, text, shown] : cases)
+        EXPECT_EQ(Printable(std::string_view(text)), shown) << name;
 }
 
 TEST(Text, TimesOfAllAges)
@@ -63,13 +59,8 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
 {
     directory.Write("store/snapshots/9-damaged", "no snapshot");
     const std::string to = directory / "to", inStore = store + "/objects/../new/x";
-    const struct
-    {
-        const char* name;
-        std::vector<std::string> arguments;
-        int exitCode;
-        const char* told; // in standard output for 0, else in standard error
-    } cases[] = {
+    // What is told stands in standard output for 0, else in standard error.
+    const std::tuple<const char*, std::vector<std::string>, int, const char*> cases[] = {
         {"help", {"--help"}, 0, "Exit codes"},
         {"help of a command", {"list", "--help"}, 0, "--snapshot ID"},
         {"version", {"--version"}, 0, "kbagent 0."},
@@ -88,12 +79,11 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
         {"restore into the store", {"restore", "--store", store, "--to", inStore}, 1, "or lies in it"},
         {"a damaged one", {"list", "--store", store}, 3, "Snapshot 9-damaged is damaged at offset 0"},
     };
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.name);
-        const auto result = RunProgram(row.arguments);
-        EXPECT_EQ(result.exitCode, row.exitCode) << result.errors;
-        const std::string& told = row.exitCode == 0 ? result.output : result.errors;
-        EXPECT_TRUE(Testing::Holds(told, row.told));
+    for (const auto& [name, arguments, exitCode, told] : cases) {
+        SCOPED_TRACE(name);
+        const auto result = RunProgram(arguments);
+        EXPECT_EQ(result.exitCode, exitCode) << result.errors;
+        EXPECT_TRUE(Testing::Holds(exitCode == 0 ? result.output : result.errors, told));
     }
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <tuple>
 
 using namespace Agent;
 using namespace std::string_literals;
@@ -163,12 +164,8 @@ TEST(PathMapping, WindowsPathsBecomeComponents)
 {
     const std::string guid = "\\\\?\\Volume{b75e2c83-0000-0000-0000-602f00000000}";
     const std::string shadow = "\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy3";
-    const struct
-    {
-        const char* name;
-        std::string path;
-        std::string text; // of a file; what "<>" stands in is the volume
-    } cases[] = {
+    // What becomes of a path, shown for that of a file.
+    const std::tuple<const char*, std::string, std::string> cases[] = {
         {"drive", "C:\\dir\\f", "C:|dir|[f]"},
         {"drive alone", "C:\\", "C:"},
         {"drive without a separator", "C:f", "C:|[f]"},
@@ -186,12 +183,12 @@ TEST(PathMapping, WindowsPathsBecomeComponents)
         {"names of dots", "C:\\.\\..\\...", "C:|..|[...]"},
     };
     const auto mapper = MakeWindowsMapper(YJobPath("job"));
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(Text(mapper(Krt::File::YPath(row.path.c_str()), false)), "job|" + row.text);
-        std::string directory = row.text;
+    for (const auto& [name, path, text] : cases) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(Text(mapper(Krt::File::YPath(path.c_str()), false)), "job|" + text);
+        std::string directory = text;
         std::erase_if(directory, [](char byte) { return byte == '[' || byte == ']'; });
-        EXPECT_EQ(Text(mapper(Krt::File::YPath(row.path.c_str()), true)), "job|" + directory);
+        EXPECT_EQ(Text(mapper(Krt::File::YPath(path.c_str()), true)), "job|" + directory);
     }
     // A Unix name is never taken apart.
     EXPECT_EQ(Text(MakeUnixMapper(YJobPath())("/a/C:\\b\\c", false)), "a|[C:\\b\\c]");

@@ -137,11 +137,7 @@ TEST_F(Import, WhatIsDamagedIsToldAndTheRestStored)
               Dir("C/directory"), Fifo("C/fifo"), Socket("C/socket"), Link("C/link", "../../outside/file"),
               Link("C/way", "../../outside")});
     MakeTree(directory.MakeDirectory("outside"), {File("file", "secret")});
-    const struct
-    {
-        std::string record;
-        const char* told;
-    } rows[] = {
+    const std::pair<std::string, const char*> rows[] = {
         {"{\"metadata_type\":\"win\"\n", "line 1: "},
         {"{\"metadata_type\":\"mac\"}\n", "line 2: Invalid metadataType: mac"},
         {Legacy(L"C:\\bad*\0\r"s, 3, 0), "line 3: Legacy windows file metadata parsing error"},
@@ -164,11 +160,11 @@ TEST_F(Import, WhatIsDamagedIsToldAndTheRestStored)
         {Modern({"C:", "good"}, 4), ""},
     };
     std::string records;
-    for (const auto& row : rows)
-        records += row.record;
+    for (const auto& [record, told] : rows)
+        records += record;
     const std::string imported = RunImport(3, records);
-    for (const auto& row : rows)
-        EXPECT_TRUE(Holds(imported, row.told));
+    for (const auto& [record, told] : rows)
+        EXPECT_TRUE(Holds(imported, told));
     for (const char* told : {"3 entries: 3 files", "\n19 failed\n"})
         EXPECT_TRUE(Holds(imported, told));
     const std::string list = Run(0, {"list"}).output;

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <tuple>
 
 using namespace Agent;
 namespace fs = std::filesystem;
@@ -63,12 +64,7 @@ protected:
 
 TEST_F(StoreObject, ComesBackAndStandsThereOnce)
 {
-    const struct
-    {
-        const char* name;
-        std::string content;
-        std::size_t piece;
-    } cases[] = {
+    const std::tuple<const char*, std::string, std::size_t> cases[] = {
         {"empty", "", 1},
         {"one byte", "a", 1},
         {"largest in memory", RandomBytes(1 << 20), 4096},
@@ -76,15 +72,15 @@ TEST_F(StoreObject, ComesBackAndStandsThereOnce)
         {"streamed in odd pieces", RandomBytes(3'000'000), 70'001},
         {"long run of zeros", std::string(20'000'000, '\0'), 1 << 20},
     };
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.name);
-        const Address address = Put(row.content, row.piece);
-        EXPECT_EQ(address, AddressOf(row.content));
+    for (const auto& [name, content, piece] : cases) {
+        SCOPED_TRACE(name);
+        const Address address = Put(content, piece);
+        EXPECT_EQ(address, AddressOf(content));
         EXPECT_FALSE(fs::exists(PathOf(address))) << "shown before it is on disk";
-        EXPECT_EQ(Put(row.content, row.piece), address);
+        EXPECT_EQ(Put(content, piece), address);
         session.PlaceObjects();
-        EXPECT_TRUE(Get(address, row.content.size()) == row.content);
-        EXPECT_EQ(Put(row.content, row.piece), address);
+        EXPECT_TRUE(Get(address, content.size()) == content);
+        EXPECT_EQ(Put(content, piece), address);
         EXPECT_EQ(FilesIn("tmp"), 1u) << "more than the session's lock";
     }
     EXPECT_EQ(FilesIn("objects"), std::size(cases));
@@ -105,12 +101,7 @@ TEST_F(StoreObject, DamageIsToldAndNeverPassesForContent)
     flipped[200'000] = static_cast<char>(flipped[200'000] ^ 1);
     // A header that asks for a window of 2 GiB.
     const std::string hugeWindow("\x28\xB5\x2F\xFD\x00\xA8\x01\x00\x00", 9);
-    const struct
-    {
-        const char* name;
-        std::string bytes;
-        const char* told;
-    } cases[] = {
+    const std::tuple<const char*, std::string, const char*> cases[] = {
         {"one bit", flipped, "its content does not have this address"},
         {"cut off", sound.substr(0, 150'000), "is damaged at offset 150000: the file is cut off"},
         {"empty", "", "ends after 0 of the 300000 bytes"},
@@ -119,13 +110,13 @@ TEST_F(StoreObject, DamageIsToldAndNeverPassesForContent)
         {"no zstd data", "plain text, and long enough", "is damaged at offset 0: Unknown frame descriptor"},
         {"a window that takes too much memory", hugeWindow, "Frame requires too much memory"},
     };
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.name);
+    for (const auto& [name, bytes, told] : cases) {
+        SCOPED_TRACE(name);
         fs::remove(path);
-        std::ofstream(path, std::ios::binary) << row.bytes;
+        std::ofstream(path, std::ios::binary) << bytes;
         const std::string error = Testing::ErrorOf([&] { Get(address, content.size()); });
         EXPECT_NE(error.find(": Object " + address.ToHex()), std::string::npos) << error;
-        EXPECT_NE(error.find(row.told), std::string::npos) << error;
+        EXPECT_NE(error.find(told), std::string::npos) << error;
     }
 }
 
@@ -145,6 +136,15 @@ TEST_F(StoreObject, AnotherSizeThanTheRecordsIsRefused)
     EXPECT_TRUE(Testing::CatchError([&] { Get(address, zeros.size() + 1); }));
     reader.Open(address, zeros.size()); // goes on with another object
     EXPECT_EQ(Testing::ReadBlocks(reader).size(), zeros.size());
+}
+
+TEST_F(StoreObject, IsLedOutOfTheStoreByNoLink)
+{
+    const Address address = AddressOf("content");
+    fs::create_directory_symlink(directory.MakeDirectory("outside"), fs::path(PathOf(address)).parent_path());
+    Put("content");
+    EXPECT_TRUE(Testing::CatchError([&] { session.PlaceObjects(); }));
+    EXPECT_TRUE(fs::is_empty(directory / "outside"));
 }
 
 TEST_F(StoreObject, TakesThePlaceOfAnEmptyFileAndOfUnfinishedContent)

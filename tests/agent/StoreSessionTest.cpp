@@ -15,6 +15,8 @@
 #include <thread>
 #include <unistd.h>
 
+#include <tuple>
+
 using namespace Agent;
 namespace fs = std::filesystem;
 
@@ -166,12 +168,8 @@ TEST(Store, TakesOnlyAStoreForOne)
     directory.MakeDirectory("unfinished/objects");
     directory.Write("unfinished/kbagent-store.0123", "kb");
     Store::OpenOrCreate(directory / "good");
-    const struct
-    {
-        const char* path;
-        const char* openError;   // "" where a store opens
-        const char* createError; // "" where one can be made
-    } cases[] = {
+    // What opening tells, and what making tells; "" where it succeeds.
+    const std::tuple<const char*, const char*, const char*> cases[] = {
         {"missing", "There is no store at", ""},
         {"missing/deeper", "There is no store at", ""}, // once its parent was made
         {"nowhere/deeper", "There is no store at", "Failed to open directory"},
@@ -183,16 +181,16 @@ TEST(Store, TakesOnlyAStoreForOne)
         {marked("other", "something\n"), "kbagent-store is damaged", "kbagent-store is damaged"},
         {"good", "", ""},
     };
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.path);
-        const std::string path = directory / row.path;
+    for (const auto& [name, openError, createError] : cases) {
+        SCOPED_TRACE(name);
+        const std::string path = directory / name;
         const auto expect = [](const std::string& raised, const std::string& told) {
             EXPECT_EQ(raised.empty(), told.empty()) << raised;
             EXPECT_NE(raised.find(told), std::string::npos) << raised;
         };
-        expect(Testing::ErrorOf([&] { Store::Open(path); }), row.openError);
-        expect(Testing::ErrorOf([&] { Store::OpenOrCreate(path); }), row.createError);
-        if (*row.createError == '\0')
+        expect(Testing::ErrorOf([&] { Store::Open(path); }), openError);
+        expect(Testing::ErrorOf([&] { Store::OpenOrCreate(path); }), createError);
+        if (*createError == '\0')
             expect(Testing::ErrorOf([&] { Store::Open(path); }), "");
     }
 }

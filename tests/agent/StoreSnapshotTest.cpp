@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 
 using namespace Agent;
 using Krt::YString;
@@ -160,12 +161,7 @@ TEST_F(StoreSnapshot, ForgedLinesAreRefusedWithTheirPlace)
     const auto changed = [](std::string text, const std::string& from, const std::string& to) {
         return text.replace(text.find(from), from.size(), to);
     };
-    const struct
-    {
-        const char* name;
-        std::string lines;
-        const char* told;
-    } cases[] = {
+    const std::tuple<const char*, std::string, const char*> cases[] = {
         {"empty", "", "line 1: the file is empty"},
         {"no trailer", header + body, "line 6: the file ends before the snapshot does"},
         {"no line end", golden.substr(0, golden.size() - 1), "line 6: the line is cut off"},
@@ -181,12 +177,12 @@ TEST_F(StoreSnapshot, ForgedLinesAreRefusedWithTheirPlace)
         {"no JSON", "{\"format\"\n", "line 1: "},
         {"a line without end", header + std::string(20'000'000, 'x'), "line 2: the line is too long"},
     };
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.name);
-        Testing::WriteCompressed(PathOf("forged"), row.lines);
+    for (const auto& [name, lines, told] : cases) {
+        SCOPED_TRACE(name);
+        Testing::WriteCompressed(PathOf("forged"), lines);
         const std::string error = ErrorOf("forged");
         EXPECT_EQ(error.find("Snapshot forged is damaged at "), 0u) << error;
-        EXPECT_NE(error.find(row.told), std::string::npos) << error;
+        EXPECT_NE(error.find(told), std::string::npos) << error;
     }
 }
 

@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 using Testing::MountKind;
 using Testing::MountNamespace;
 using Testing::ProgramResult;
@@ -151,15 +153,7 @@ TEST(WalkOverMounts, ASubvolumeFailsUnlessTheKeyOrAMountOfItsOwnHelps)
         MountNamespace::Write(inside, "x");
         MountNamespace::Write(disk + "/z", "y");
         WriteJob(space / "job", "include " + tree + " recursive any; silent " + disk + " exact=sub");
-        const struct
-        {
-            const char* name;
-            std::string configuration;
-            List arguments;
-            int exitCode;
-            bool record;
-            bool content;
-        } cases[] = {
+        const std::tuple<const char*, std::string, List, int, bool, bool> cases[] = {
             {"as it is", "", {tree}, 3, false, false},
             {"listed", "IncludedMountpoints=" + subvolume, {tree}, 3, false, false},
             {"with the key", "walkIntoUnknownMountPoints=1", {tree}, 0, true, true},
@@ -167,13 +161,13 @@ TEST(WalkOverMounts, ASubvolumeFailsUnlessTheKeyOrAMountOfItsOwnHelps)
             {"excluded", "", {"--job", space / "job"}, 0, false, false},
         };
         Walk walk(space);
-        for (const auto& each : cases) {
-            const ProgramResult result = walk.Run(each.configuration, each.arguments);
-            EXPECT_EQ(result.exitCode, each.exitCode) << each.name << ": " << result.errors;
-            EXPECT_EQ(walk.Stored(subvolume), each.record) << each.name;
-            EXPECT_EQ(walk.Stored(inside), each.content) << each.name;
-            EXPECT_EQ(Holds(result.errors, "walkIntoUnknownMountPoints=1"), each.exitCode == 3) << each.name;
-            EXPECT_EQ(walk.Stored(disk + "/z"), each.arguments != List{subvolume}) << each.name;
+        for (const auto& [name, configuration, arguments, exitCode, record, content] : cases) {
+            const ProgramResult result = walk.Run(configuration, arguments);
+            EXPECT_EQ(result.exitCode, exitCode) << name << ": " << result.errors;
+            EXPECT_EQ(walk.Stored(subvolume), record) << name;
+            EXPECT_EQ(walk.Stored(inside), content) << name;
+            EXPECT_EQ(Holds(result.errors, "walkIntoUnknownMountPoints=1"), exitCode == 3) << name;
+            EXPECT_EQ(walk.Stored(disk + "/z"), arguments != List{subvolume}) << name;
         }
         space.Bind(subvolume, subvolume);
         EXPECT_EQ(walk.Run("", {tree}).exitCode, 0);

@@ -8,6 +8,8 @@
 
 #include "Krt/JSON/YValue.h"
 
+#include <tuple>
+
 using namespace Backup::File;
 using namespace std::string_literals;
 using Krt::ErrorCode;
@@ -196,18 +198,14 @@ TEST(LegacyUnixHeader, DamagedAttributesFailBehindTheOtherFields)
 
 TEST(LegacyWindowsHeader, TheListEndsAtALineFeedOrWithTheUnits)
 {
-    const struct
-    {
-        const char* name;
-        std::wstring names;
-        unsigned int expected;
-    } cases[] = {{"a line feed where an entry would begin", OnePath + L"\nrest", 1},
-                 {"a line feed at once", L"\n", 0},
-                 {"one inside an entry is text", L"a\nb\0\r"s, 1},
-                 {"the last NUL may lack the unit behind it", L"a*b\0"s, 1}};
-    for (const auto& row : cases) {
-        const std::string header = SampleWindowsFile(row.names, row.expected).Bytes();
-        EXPECT_EQ(ConvertWindows(header).GetFilePathCount(), row.expected) << row.name;
+    const std::tuple<const char*, std::wstring, unsigned int> cases[] = {
+        {"a line feed where an entry would begin", OnePath + L"\nrest", 1},
+        {"a line feed at once", L"\n", 0},
+        {"one inside an entry is text", L"a\nb\0\r"s, 1},
+        {"the last NUL may lack the unit behind it", L"a*b\0"s, 1}};
+    for (const auto& [name, names, expected] : cases) {
+        const std::string header = SampleWindowsFile(names, expected).Bytes();
+        EXPECT_EQ(ConvertWindows(header).GetFilePathCount(), expected) << name;
     }
 }
 

@@ -16,6 +16,8 @@
 #include <filesystem>
 #include <sys/stat.h>
 
+#include <tuple>
+
 using namespace Backup::File;
 using Backup::YJobPath;
 using Krt::ErrorCode;
@@ -133,24 +135,19 @@ TEST(MetadataRename, MovesAnItemOrReplacesAWhole)
     const YJobPath file = JobPath({{0, "job"}, {0x602, "a"}, {0x603, "f"}});
     const YJobPath folder = JobPath({{0, "job"}, {0x602, "a"}});
     const YJobPath target = JobPath({{0, "other"}, {0x602, "t"}});
-    const struct
-    {
-        const char* name;
-        YJobPath path;
-        YJobPath source;
-        const char* expected;
-    } cases[] = {{"the file itself keeps its name", file, file, "other/t/f"},
-                 {"a folder above keeps its name", file, folder, "other/t/a/f"},
-                 {"anything else is replaced", file, root, "other/t/a/f"},
-                 {"and so is all of the path", root, root, "other/t"},
-                 {"not within", folder, file, nullptr},
-                 {"another class", JobPath({{0, "job"}, {0x603, "a"}}), folder, nullptr}};
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.name);
+    const std::tuple<const char*, YJobPath, YJobPath, const char*> cases[] = {
+        {"the file itself keeps its name", file, file, "other/t/f"},
+        {"a folder above keeps its name", file, folder, "other/t/a/f"},
+        {"anything else is replaced", file, root, "other/t/a/f"},
+        {"and so is all of the path", root, root, "other/t"},
+        {"not within", folder, file, nullptr},
+        {"another class", JobPath({{0, "job"}, {0x603, "a"}}), folder, nullptr}};
+    for (const auto& [name, path, source, renamed] : cases) {
+        SCOPED_TRACE(name);
         YUnixFileMetadata metadata;
-        metadata.SetFilePath(row.path);
-        EXPECT_EQ(metadata.RenamePath(row.source, target), row.expected != nullptr);
-        const std::string expected = row.expected ? row.expected : row.path.GetDisplayPath().Bytes();
+        metadata.SetFilePath(path);
+        EXPECT_EQ(metadata.RenamePath(source, target), renamed != nullptr);
+        const std::string expected = renamed ? renamed : path.GetDisplayPath().Bytes();
         EXPECT_EQ(metadata.GetFilePath(0).GetDisplayPath().Bytes(), expected);
     }
 }
@@ -316,28 +313,25 @@ TEST(UnixFileMetadata, NewPathsKeepEveryCharacter)
 
 TEST(WinFileMetadata, TheAttributesChooseTheLastKey)
 {
-    const struct
-    {
-        unsigned int attributes;
-        const char* written;
-        const char* absent;
-    } cases[] = {{0x20, "permission_change_time", "directory_hash"},
-                 {0x30, "directory_hash", "permission_change_time"}};
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.written);
+    const std::tuple<unsigned int, const char*, const char*> cases[] = {
+        {0x20, "permission_change_time", "directory_hash"},
+        {0x30, "directory_hash", "permission_change_time"}};
+    for (const auto& [attributes, written, absent] : cases) {
+        SCOPED_TRACE(written);
         YWinFileMetadata metadata;
-        metadata.SetAttributes(row.attributes);
+        metadata.SetAttributes(attributes);
         metadata.SetDirectoryHash("hash");
         metadata.SetPermissionChangeTime(5);
         YObject json = metadata.ToJSON();
         ASSERT_EQ(json.Entries().size(), 9u);
-        EXPECT_EQ(json.Entries().back().first.Bytes(), row.written);
+        EXPECT_EQ(json.Entries().back().first.Bytes(), written);
 
         // The other key may stand in the document, and is not looked at.
-        json.Set<YObject>(row.absent, YObject());
+        json.Set<YObject>(absent, YObject());
         EXPECT_EQ(YWinFileMetadata(json).ToJSON().Entries().size(), 9u);
 
-        const auto error = Testing::CatchError([&] { YWinFileMetadata{With(json, row.written, nullptr)}; });
+        const YObject stray = With(json, written, nullptr);
+        const auto error = Testing::CatchError([&] { YWinFileMetadata{stray}; });
         EXPECT_TRUE(error && error->GetMessageType() == MessageType::Runtime);
     }
 }
@@ -371,22 +365,17 @@ TEST(WinFileMetadata, NewPathsMakeADirectoryOfTheVolume)
     const YJobPath host = JobPath({{0, "host"}});
     const YJobPath volume = JobPath({{0, "host"}, {0x602, "C:"}});
     const YJobPath destination = JobPath({{0x602, "t:"}});
-    const struct
-    {
-        const char* name;
-        YJobPath original;
-        YJobPath source;
-        const char* expected;
-    } cases[] = {{"the volume alone is cleaned", drive, host, "t:/C/a:?/b?"},
-                 {"and no component in front of it", drive, YJobPath(), "t:/host:?/C/a:?/b?"},
-                 {"nothing, when it is replaced", drive, volume, "t:/a:?/b?"},
-                 {"without a volume the first counts", plain, YJobPath(), "t:/job/x:"},
-                 {"unless it is replaced", plain, host, "t:/x:"},
-                 {"nothing is left", drive, drive, "t:"}};
+    const std::tuple<const char*, YJobPath, YJobPath, const char*> cases[] = {
+        {"the volume alone is cleaned", drive, host, "t:/C/a:?/b?"},
+        {"and no component in front of it", drive, YJobPath(), "t:/host:?/C/a:?/b?"},
+        {"nothing, when it is replaced", drive, volume, "t:/a:?/b?"},
+        {"without a volume the first counts", plain, YJobPath(), "t:/job/x:"},
+        {"unless it is replaced", plain, host, "t:/x:"},
+        {"nothing is left", drive, drive, "t:"}};
     YWinFileMetadata metadata;
-    for (const auto& row : cases) {
-        const YJobPath path = metadata.GetSanitizedNewPath(row.original, row.source, destination);
-        EXPECT_EQ(path.GetDisplayPath().Bytes(), row.expected) << row.name;
+    for (const auto& [name, original, source, expected] : cases) {
+        const YJobPath path = metadata.GetSanitizedNewPath(original, source, destination);
+        EXPECT_EQ(path.GetDisplayPath().Bytes(), expected) << name;
     }
     EXPECT_RAISES(metadata.GetSanitizedNewPath(host, volume, destination), ErrorCode::InvalidUse,
                   "GetSanitizedNewPath", "replaceSource: host/C: originalPath: host");

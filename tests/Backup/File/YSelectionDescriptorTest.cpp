@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <set>
+#include <tuple>
 
 namespace {
 
@@ -69,13 +70,7 @@ TEST(YSelectionDescriptor, ExplicitSelectionIsForThreeShapes)
 
 TEST(YSelectionDescriptor, CanPruneWhatChangesNothing)
 {
-    const struct
-    {
-        const char* name;
-        const char* rule;
-        const char* other;
-        bool prunes;
-    } rows[] = {
+    const std::tuple<const char*, const char*, const char*, bool> rows[] = {
         {"include and exclude", "include / recursive any", "exclude / any", false},
         {"exclude and include", "exclude / recursive any", "include / any", false},
         {"reaches further", "include / exact=a", "include / recursive exact=a", false},
@@ -95,8 +90,8 @@ TEST(YSelectionDescriptor, CanPruneWhatChangesNothing)
         {"glob over a glob", "include / glob=*", "include / glob=a*", false},
         {"the pattern of a name is text", "include / glob=?", "include / exact=*", true},
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(Rule(row.rule).CanPrune(Rule(row.other)), row.prunes) << row.name;
+    for (const auto& [name, rule, other, prunes] : rows)
+        EXPECT_EQ(Rule(rule).CanPrune(Rule(other)), prunes) << name;
 }
 
 TEST(YSelectionDescriptor, OrderAndEqualityDiffer)

@@ -10,6 +10,7 @@
 
 #include <regex>
 #include <thread>
+#include <tuple>
 
 namespace {
 
@@ -71,18 +72,13 @@ TEST(YSelectionManager, Deletes)
 TEST(YSelectionManager, FindsTheNearestNode)
 {
     const YSelectionManager tree = Tree("include /a/b any; include C:/x any");
-    const struct
-    {
-        const char* path;
-        const char* nearest;
-        bool found;
-    } rows[] = {
+    const std::tuple<const char*, const char*, bool> rows[] = {
         {"", "/", true},      {"/", "/", true},        {"/a", "/a", true},  {"/a/b/c/d", "/a/b", false},
         {"/A/b", "/", false}, {"C:/x", "/C:/x", true}, {"c:/x", "/", false}};
-    for (const auto& row : rows) {
-        const auto [node, found] = tree.FindNode(row.path, false);
-        EXPECT_EQ(node->GetPath().Bytes(), row.nearest) << row.path;
-        EXPECT_EQ(found, row.found) << row.path;
+    for (const auto& [path, nearest, isOwn] : rows) {
+        const auto [node, found] = tree.FindNode(path, false);
+        EXPECT_EQ(node->GetPath().Bytes(), nearest) << path;
+        EXPECT_EQ(found, isOwn) << path;
     }
     EXPECT_RAISES(tree.FindNode("/a/c", true), ErrorCode::NotFound, "FindNode", "");
 }
@@ -311,15 +307,7 @@ TEST(YSelectionManagerVisit, DocumentIsAddedRuleByRule)
 
 TEST(YSelectionManagerVisit, CopiesWhatBearsOnAPath)
 {
-    const struct
-    {
-        const char* name;
-        const char* source;
-        const char* from;
-        const char* to;
-        const char* all;
-        const char* includes;
-    } rows[] = {
+    const std::tuple<const char*, const char*, const char*, const char*, const char*, const char*> rows[] = {
         {"from above", "include / recursive any explicit; exclude /a recursive glob=*.o", "/a/b", "/z",
          "include / exact=z; include /z recursive any; exclude /z recursive glob=*.o",
          "include / exact=z; include /z recursive any"},
@@ -334,13 +322,12 @@ TEST(YSelectionManagerVisit, CopiesWhatBearsOnAPath)
         {"whole tree", "include / exact=a; include /b any", "/", "/", "include / exact=a; include /b any",
          "include / exact=a; include /b any"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        YSelectionManager all, includes;
-        all.CopyDescriptorsFromPath(Tree(row.source), row.from, row.to);
-        includes.CopyOnlyIncludesFromPath(Tree(row.source), row.from, row.to);
-        EXPECT_EQ(Words(all), row.all);
-        EXPECT_EQ(Words(includes), row.includes);
+    for (const auto& [name, source, from, to, all, includes] : rows) {
+        YSelectionManager allCopied, includesCopied;
+        allCopied.CopyDescriptorsFromPath(Tree(source), from, to);
+        includesCopied.CopyOnlyIncludesFromPath(Tree(source), from, to);
+        EXPECT_EQ(Words(allCopied), all) << name;
+        EXPECT_EQ(Words(includesCopied), includes) << name;
     }
     YSelectionManager tree = Tree("include /a any");
     EXPECT_RAISES(tree.CopyDescriptorsFromPath(tree, "/a", "/a/b"), ErrorCode::InvalidState,

@@ -7,6 +7,7 @@
 #include "testing/Raises.h"
 
 #include <cstdlib>
+#include <tuple>
 
 using Backup::File::IsFollowableDirectoryFromKrtAttributes;
 using Backup::Volume::IsMountPoint;
@@ -59,23 +60,18 @@ TEST_F(DescentPolicy, OnlyDirectoriesAreFollowed)
 
 TEST_F(DescentPolicy, MountPointsAreFollowedByClassOrByTheList)
 {
-    const struct
-    {
-        const char* name;
-        const char* path;
-        const char* type;
-        bool followed;
-    } cases[] = {{"a fixed disk", "/proc", "hfs", true},
-                 {"a network share", "/proc", "nfs", false},
-                 {"a removable medium", "/proc", "iso9660", false},
-                 {"an unknown type", "/proc", "apfs", false},
-                 {"listed with a trailing slash", "/dev", "nfs", true},
-                 {"listed behind a blank, which counts", "/sys", "sysfs", false}};
+    const std::tuple<const char*, const char*, const char*, bool> cases[] = {
+        {"a fixed disk", "/proc", "hfs", true},
+        {"a network share", "/proc", "nfs", false},
+        {"a removable medium", "/proc", "iso9660", false},
+        {"an unknown type", "/proc", "apfs", false},
+        {"listed with a trailing slash", "/dev", "nfs", true},
+        {"listed behind a blank, which counts", "/sys", "sysfs", false}};
     // Has no effect where the classification doesn't fail.
     Configure("walkIntoUnknownMountPoints=true\n");
-    for (const auto& row : cases) {
-        const Testing::MountTable table(std::string("source ") + row.path + " " + row.type + " rw 0 0\n");
-        EXPECT_EQ(IsFollowableDirectoryFromKrtAttributes(row.path, Directory), row.followed) << row.name;
+    for (const auto& [name, path, type, followed] : cases) {
+        const Testing::MountTable table(std::string("source ") + path + " " + type + " rw 0 0\n");
+        EXPECT_EQ(IsFollowableDirectoryFromKrtAttributes(path, Directory), followed) << name;
     }
 }
 
