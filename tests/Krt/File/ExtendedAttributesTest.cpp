@@ -15,11 +15,9 @@ using namespace Krt::File;
 using Krt::YString;
 using Script = Testing::ScriptedAttributes;
 
-std::string Text(const Krt::Memory::YHeap<unsigned char>& heap)
+std::string Text(Krt::Memory::YHeap<unsigned char> heap)
 {
-    return heap.Size() == 0
-               ? ""
-               : std::string(reinterpret_cast<const char*>(heap.RawOffset<unsigned char>(0, 0)), heap.Size());
+    return heap.Size() == 0 ? "" : std::string(heap.Cast<char>(), heap.Size());
 }
 
 TEST(ExtendedAttributes, GoByPathByFileAndByEntry)

@@ -19,7 +19,7 @@ using Volume = Testing::ProcMounted;
 const char* const Table = "/dev/disk\\040one\\134 / ext4 rw 0 0\n"
                           "/dev/b /proc hfs ro 0 0\n"
                           "/dev/c /proc nfs rw 0 0\n"
-                          "/dev/b /mnt/else\\040where hfs rw 0 0\n";
+                          "/dev/b /mnt/else\\040where nfs rw 0 0\n";
 
 } // namespace
 
@@ -36,7 +36,8 @@ TEST_F(Volume, IsDescribedFromAnyPathOnIt)
         bool readOnly;
     } cases[] = {
         {"/", "/dev/disk one\\", "/", 1, DRIVE_CLASS_FIXED, false},
-        // The second mount of the device gives a second equal pair, and the entry laid over it is not seen.
+        // The second mount of the device gives a second equal pair; its type and the entry laid over the
+        // first are not seen.
         {"/proc/self/fd", "/dev/b", "/proc", 2, DRIVE_CLASS_FIXED, true},
         // A mount that is gone by now is what its directory's ancestors are.
         {"/mnt/else where", "/dev/disk one\\", "/", 1, DRIVE_CLASS_FIXED, false},
