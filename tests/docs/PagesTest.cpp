@@ -1,4 +1,5 @@
-// The pages name what the code has: each error code, log channel and configuration key.
+// The pages agree with the tree: codes, channels, configuration keys, the programs of the examples, a port's
+// seams.
 #include "testing/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -126,5 +127,12 @@ TEST(PagesTest, PortingNamesEachSeam)
     for (std::string folder : folders) {
         folder.erase(0, folder.find_first_not_of("./"));
         EXPECT_NE(page.find("`" + folder + "/{Linux,Mac}`"), std::string::npos) << folder;
+    }
+    const std::regex row(R"(\n\| `([\w/]+\.h)` \|)");
+    for (std::sregex_iterator at(page.begin(), page.end(), row), end; at != end; ++at) {
+        const std::string header = (*at)[1];
+        EXPECT_TRUE(fs::exists(SOURCE_DIRECTORY "/" + header) ||
+                    fs::exists(SOURCE_DIRECTORY "/libkrt/" + header))
+            << header;
     }
 }
