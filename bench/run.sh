@@ -48,6 +48,9 @@ against_ignore literal 100000
 for program in SelectionBench LockBench RecordBench RecordPeers MountBench LogBench; do
     "$programs/$program" ${quick[@]+"${quick[@]}"} | tee -a "$rows"
 done
+# A path's operations, for each of some texts, in nanoseconds: path.Parent/0
+"$programs/PathBench" --benchmark_format=csv ${quick[@]+--benchmark_min_time=0.01} 2>/dev/null |
+    awk -F, '/^"/ { gsub(/"/, "", $1); printf "path.%s\t%.4g\tns\n", $1, $4 }' | tee -a "$rows"
 for peers in capture program; do
     "bench/$peers-peers.sh" ${quick[@]+"${quick[@]}"} | tee -a "$rows"
 done
