@@ -61,22 +61,30 @@ bool Try(Refused& refused, const char* what, const YString& which, Step step)
     }
 }
 
+// Without the bits that would lend the rights of an owner other than the record's.
+unsigned int ModeFor(unsigned int mode, bool isUserRight, bool isGroupRight)
+{
+    return mode & ~static_cast<unsigned int>((isUserRight ? 0 : S_ISUID) | (isGroupRight ? 0 : S_ISGID));
+}
+
 // Gives the owner and returns the mode that may be set then.
 template <class Target>
 unsigned int ApplyOwner(const Attributes& attributes, const Target& target, Refused& refused)
 {
-    if (attributes.user == Krt::File::KeepOwner && attributes.group == Krt::File::KeepOwner)
-        return attributes.mode;
+    const bool hasUser = attributes.user != Krt::File::KeepOwner;
+    const bool hasGroup = attributes.group != Krt::File::KeepOwner;
+    if (!hasUser && !hasGroup)
+        return ModeFor(attributes.mode, false, false);
     Krt::YStream which{YString()};
     which << attributes.user << ":" << attributes.group;
     if (Try(refused, "owner ", which, [&] { target.SetOwner(attributes.user, attributes.group); }))
-        return attributes.mode;
+        return ModeFor(attributes.mode, hasUser, hasGroup);
     // The group alone is often the user's to give.
     try {
         target.SetOwner(Krt::File::KeepOwner, attributes.group);
-        return attributes.mode & ~static_cast<unsigned int>(S_ISUID);
+        return ModeFor(attributes.mode, false, hasGroup);
     } catch (const Krt::Exception::YError&) {
-        return attributes.mode & ~static_cast<unsigned int>(S_ISUID | S_ISGID); // told with the owner
+        return ModeFor(attributes.mode, false, false); // told with the owner
     }
 }
 
@@ -102,6 +110,8 @@ void ApplyTo(const Attributes& attributes, const Target& target, bool hasMode, R
 
 void Apply(const Attributes& attributes, const Krt::Util::YUnxHandle& handle, Refused& refused)
 {
+    // The list that a directory hands down would turn the group's bits into rights of whoever stands in it.
+    Try(refused, "mode without inherited rights", YString(), [&] { Krt::File::RemoveAccessLists(handle); });
     ApplyTo(attributes, ByHandle{handle}, true, refused);
 }
 

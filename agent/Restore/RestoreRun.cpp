@@ -4,15 +4,11 @@
 #include "agent/Cli/Text.h"
 #include "agent/Restore/SparseWriter.h"
 #include "agent/Store/Durable.h"
-
-#include "Backup/Core/OpenSSL.h"
+#include "agent/Store/Hex.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/Unix/DeviceNumber.h"
 #include "Krt/Util/YScope.h"
-
-#if __has_include(<sys/sysmacros.h>)
-#include <sys/sysmacros.h>
-#endif
 
 namespace Agent {
 
@@ -26,11 +22,7 @@ namespace {
 // One such name serves the whole run: an entry is made under it and then moved to its own.
 YString TemporaryName()
 {
-    const Krt::Memory::YHeap<unsigned char> random = Backup::OpenSSL::RandomBytes(8);
-    std::string name = ".kbagent-restore-";
-    for (unsigned long i = 0; i < random.Size(); ++i)
-        name += "0123456789abcdef"[random.Cast<unsigned char>()[i] & 0xF];
-    return YString(name);
+    return YString(".kbagent-restore-" + RandomHex(8));
 }
 
 // For an entry without a path of its own, as list counts them.
@@ -105,6 +97,7 @@ void RestoreRun::Finish()
         if (!matched)
             m_report.EntryFailed(path, "The snapshot has no such entry");
     }
+    m_tree.Sync();
 }
 
 bool RestoreRun::IsWanted(const YPath& path)
@@ -130,7 +123,6 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
     const YDirectory& parent = m_tree.ParentOf(place);
     CheckStanding(parent, place.back(), otherVolume);
     const YDirectory* workplace = &parent;
-    // Renaming one name of a file to another one does nothing, so a further name's temporary may stay, too.
     bool isMoved = false;
     const Krt::Util::YScope cleanUp([&] {
         if (!isMoved)
@@ -150,10 +142,22 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
             made = workplace->Stat(m_temporary);
     }
     workplace->Rename(m_temporary, parent, place.back());
-    isMoved = !isLinked;
+    isMoved = true;
+    if (isLinked)
+        RemoveTemporary(parent);
     if (isFirst)
         Remember(entry, place, made);
     m_counts.Add(recorded.type);
+}
+
+// Renaming one name of a file to another one does nothing, so a further name's temporary may still be there.
+void RestoreRun::RemoveTemporary(const YDirectory& parent)
+{
+    try {
+        parent.RemoveFile(m_temporary);
+    } catch (const Krt::Exception::YError& error) {
+        m_refused.push_back(YString("temporary name not removed: ") + ReasonOf(error));
+    }
 }
 
 // Raises where something stands that the current entry must not replace.

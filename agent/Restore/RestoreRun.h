@@ -26,7 +26,8 @@ public:
     /// Restores one entry, if it is wanted. Of several paths in its record, the first wanted one gets the
     /// content and the others become further names of that file.
     void Restore(const SnapshotEntry& entry);
-    /// Ends the directories. Paths that nothing in the snapshot matched are reported as failed.
+    /// Ends the directories. Paths that nothing in the snapshot matched are reported as failed. Returns once
+    /// all that was restored is on the medium, and raises the operating system's error if it can't get there.
     void Finish();
     const EntryCounts& GetCounts() const { return m_counts; }
 
@@ -43,6 +44,7 @@ private:
     bool IsWanted(const Krt::File::YPath& path);
     void Make(const SnapshotEntry& entry, const RecordedEntry& recorded, const Place& place,
               const Krt::YString& otherVolume);
+    void RemoveTemporary(const Krt::File::YDirectory& parent);
     void CheckStanding(const Krt::File::YDirectory& parent, const Krt::YString& name,
                        const Krt::YString& otherVolume) const;
     const LinkedFile* FirstNameOf(const SnapshotEntry& entry) const;

@@ -1,6 +1,7 @@
 // Staging: a directory of the restore's own beside the entries that it makes, which nobody else may enter.
 // What has no descriptor, such as a link or a FIFO, gets its attributes there, by name, before it takes its
-// place: anywhere else somebody could swap it for a name of a file outside the target in the meantime.
+// place, and inherits nothing: anywhere else somebody could swap it for a name of a file outside the target
+// in the meantime.
 #pragma once
 
 #include "Krt/File/YDirectory.h"

@@ -1,6 +1,7 @@
 #include "agent/Restore/TargetTree.h"
 
 #include "agent/Cli/Text.h"
+#include "agent/Store/Durable.h"
 
 #include "Krt/Environment/Host.h"
 #include "Krt/Exception/Raise.h"
@@ -30,7 +31,8 @@ void CheckIs(const YDirectory& opened, const struct stat& seen, const YString& n
 } // namespace
 
 TargetTree::TargetTree(YDirectory root, YString staging, RefusalReport report)
-    : m_root(std::move(root)), m_stagingName(std::move(staging)), m_report(std::move(report))
+    : m_root(std::move(root)), m_device(m_root.Stat().st_dev), m_stagingName(std::move(staging)),
+      m_report(std::move(report))
 {}
 
 // A level that can't be finished, for want of memory, doesn't keep those above from it.
@@ -89,6 +91,13 @@ void TargetTree::Finish()
         m_report({}, refused);
 }
 
+void TargetTree::Sync() const
+{
+    SyncFileSystem(m_root.GetHandle());
+    for (const auto& [device, directory] : m_mounted)
+        SyncFileSystem(directory.GetHandle());
+}
+
 const YDirectory& TargetTree::Descend(const Place& place, std::size_t depth)
 {
     std::size_t common = 0;
@@ -106,7 +115,7 @@ const YDirectory& TargetTree::Top() const
     return m_levels.empty() ? m_root : m_levels.back().directory;
 }
 
-TargetTree::Level TargetTree::OpenLevel(const YDirectory& parent, const YString& name) const
+TargetTree::Level TargetTree::OpenLevel(const YDirectory& parent, const YString& name)
 {
     struct stat status
     {};
@@ -127,6 +136,8 @@ TargetTree::Level TargetTree::OpenLevel(const YDirectory& parent, const YString&
     YDirectory directory = parent.OpenDirectory(name);
     if (!isNew)
         CheckIs(directory, status, name);
+    if (!isNew && status.st_dev != m_device && !m_mounted.contains(status.st_dev))
+        m_mounted.emplace(status.st_dev, parent.OpenDirectory(name));
     return {name, std::move(directory), isNew, isWidened, status, std::nullopt, std::nullopt};
 }
 
@@ -134,6 +145,7 @@ void TargetTree::GiveBack(const Level& level)
 {
     const Krt::Util::YUnxHandle& handle = level.directory.GetHandle();
     if (level.isNew) {
+        Krt::File::RemoveAccessLists(handle);
         Krt::File::SetMode(handle, ModeWithoutRecord);
         return;
     }

@@ -9,6 +9,7 @@
 #include "agent/Restore/Staging.h"
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -40,6 +41,9 @@ public:
     void MakeHardLink(const Place& from, const Place& place, const Krt::YString& name);
     /// Gives all directories that are still open their attributes.
     void Finish();
+    /// Returns once what was made is on the medium, also on file systems that are mounted below the target.
+    /// Raises the operating system's error.
+    void Sync() const;
 
 private:
     struct Level
@@ -56,12 +60,14 @@ private:
 
     const Krt::File::YDirectory& Descend(const Place& place, std::size_t depth);
     const Krt::File::YDirectory& Top() const;
-    Level OpenLevel(const Krt::File::YDirectory& parent, const Krt::YString& name) const;
+    Level OpenLevel(const Krt::File::YDirectory& parent, const Krt::YString& name);
     void Leave();
     void RemoveStaging(std::optional<Staging>& staging, std::vector<Krt::YString>& refused) const;
     static void GiveBack(const Level& level);
 
     Krt::File::YDirectory m_root;
+    dev_t m_device;
+    std::map<dev_t, Krt::File::YDirectory> m_mounted; // a directory of each other file system
     Krt::YString m_stagingName;
     RefusalReport m_report;
     std::optional<Staging> m_staging; // of the root

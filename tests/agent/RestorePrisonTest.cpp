@@ -2,6 +2,7 @@
 // outside the target changes. The fixture compares the tree outside after each.
 #include "agent/Restore/TargetTree.h"
 
+#include "testing/AccessList.h"
 #include "testing/CallHook.h"
 #include "testing/Flipper.h"
 #include "testing/OrdinaryUser.h"
@@ -9,6 +10,7 @@
 #include "testing/RestoreFixture.h"
 #include "testing/SystemCalls.h"
 
+#include <cstring>
 #include <filesystem>
 #include <sys/syscall.h>
 
@@ -257,6 +259,8 @@ TEST_F(RestorePrison, WhatIsBeingMadeCannotBeSwappedForAFileOutside)
             static const CallHook hook([&](const HookedCall& call) {
                 if (call.function != row.function || !call.name.starts_with(TemporaryPrefix))
                     return;
+                if (call.name.size() != std::strlen(TemporaryPrefix) + 16)
+                    _exit(98); // 64 random bits, which nobody guesses
                 directory.Write(row.function, "tried");
                 const bool isLowered = seteuid(OrdinaryUser) == 0;
                 SwapEntries(call.descriptor, call.name, AT_FDCWD, target + "/" + row.other);
@@ -333,6 +337,39 @@ TEST_F(RestorePrison, SetUserIdComesBehindTheOwner)
     const ProgramResult result = Restore(watched);
     EXPECT_EQ(result.exitCode, 0) << result.errors;
     EXPECT_EQ(StatusOf("file").st_mode & 07777, 06755u);
+
+    const ProgramResult ownerless = RestoreOf([&](Agent::SnapshotWriter& writer) {
+        auto record = UnixRecord({"file"}, S_IFREG | 06755, 1);
+        record.SetUserId(Krt::File::KeepOwner);
+        writer.Add(WithContent(EntryOf(record), "x"));
+    });
+    EXPECT_EQ(ownerless.exitCode, 3) << ownerless.errors;
+    EXPECT_EQ(StatusOf("file").st_mode & 07777, 02755u);
+}
+
+TEST_F(RestorePrison, NobodyGetsRightsByTheListsOfTheTarget)
+{
+    fs::create_directory(target + "/standing");
+    if (!GiveAccessList(target, "default") || !GiveAccessList(target + "/standing", "default") ||
+        !GiveAccessList(target + "/standing", "access"))
+        GTEST_SKIP() << "this file system keeps no access lists";
+    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
+        writer.Add(Directory({"standing"}, 0750));
+        writer.Add(Directory({"dir"}, 0770));
+        writer.Add(FileWith({"dir", "file"}, "secret"));
+        writer.Add(FileWith({"without record", "file"}, "secret"));
+        writer.Add(FifoAt({"fifo"}, 0660));
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    unsigned int places = 0;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(target)) {
+        for (const char* list : {"system.posix_acl_access", "system.posix_acl_default"})
+            EXPECT_LT(lgetxattr(entry.path().c_str(), list, nullptr, 0), 0) << entry.path() << list;
+        ++places;
+    }
+    EXPECT_EQ(places, 6u);
+    EXPECT_EQ(StatusOf("dir").st_mode & 07777, 0770u);
+    EXPECT_EQ(StatusOf("without record").st_mode & 07777, 0755u);
 }
 
 } // namespace

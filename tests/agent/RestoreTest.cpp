@@ -25,25 +25,45 @@ namespace {
 
 using RestoreProgram = RestoreFixture;
 
-// A file system may tell only when a file is closed that its data could not be kept.
-bool s_losesAtClose = false;
+// The call that fails: a file system may tell only at the end that it could not keep what it took.
+enum class Failing
+{
+    Nothing,
+    CloseOfFile,
+    Sync,
+    RemovalOfName
+};
+Failing s_failing = Failing::Nothing;
 
 bool IsBeingRestored(int file)
 {
     char path[4096] = {};
     return readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path, sizeof path - 1) > 0 &&
-           std::strstr(path, "/target/.kbagent-restore-") != nullptr;
+           std::strstr(path, "/.kbagent-restore-") != nullptr;
 }
 
 } // namespace
 
 extern "C" [[gnu::visibility("default")]] int close(int file)
 {
-    const bool isLost = s_losesAtClose && IsBeingRestored(file);
+    const bool isLost = s_failing == Failing::CloseOfFile && IsBeingRestored(file);
     const long result = syscall(SYS_close, file);
     if (isLost)
         errno = EDQUOT;
     return isLost ? -1 : static_cast<int>(result);
+}
+
+extern "C" [[gnu::visibility("default")]] int syncfs(int file) noexcept
+{
+    errno = EIO;
+    return s_failing == Failing::Sync ? -1 : static_cast<int>(syscall(SYS_syncfs, file));
+}
+
+extern "C" [[gnu::visibility("default")]] int unlinkat(int directory, const char* name, int flags) noexcept
+{
+    const bool isKept = s_failing == Failing::RemovalOfName && std::strstr(name, ".kbagent-restore-") == name;
+    errno = EIO;
+    return isKept ? -1 : static_cast<int>(syscall(SYS_unlinkat, directory, name, flags));
 }
 
 namespace {
@@ -120,18 +140,32 @@ TEST_F(RestoreProgram, WhatStandsThereStaysWhenAnEntryFails)
         << "no temporary stays";
 }
 
-TEST_F(RestoreProgram, AFileThatCannotBeKeptFailsThoughItWasWritten)
+TEST_F(RestoreProgram, WhatCannotBeKeptIsToldThoughItWasWritten)
 {
-    MakeSnapshot([&](Agent::SnapshotWriter& writer) { writer.Add(FileWith({"file"}, "content")); });
-    ProgramSettings full;
-    full.isLinked = true;
-    full.prepare = [] {
-        s_losesAtClose = true;
-    };
-    const ProgramResult result = Restore(full);
-    EXPECT_EQ(result.exitCode, 3);
-    EXPECT_TRUE(Holds(result.errors, "/file: Failed to write file"));
-    EXPECT_TRUE(fs::is_empty(target));
+    // A further name at the place of the first one is no name to move there.
+    MakeSnapshot([&](Agent::SnapshotWriter& writer) {
+        writer.Add(WindowsFile({{"C:", "file"}, {"C", "file"}}, "content"));
+    });
+    const struct
+    {
+        Failing failing;
+        int exitCode;
+        const char* told;
+        std::ptrdiff_t entries;
+    } rows[] = {{Failing::CloseOfFile, 3, "/C/file: Failed to write file", 1},
+                {Failing::Sync, 1, "error: Failed to write to disk", 2},
+                {Failing::RemovalOfName, 3, "/C/file: temporary name not removed: ", 3}};
+    for (const auto& row : rows) {
+        ProgramSettings settings;
+        settings.isLinked = true;
+        settings.prepare = [&row] {
+            s_failing = row.failing;
+        };
+        const ProgramResult result = Restore(settings);
+        EXPECT_EQ(result.exitCode, row.exitCode) << row.told;
+        EXPECT_TRUE(Holds(result.errors, row.told));
+        EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), row.entries) << row.told;
+    }
 }
 
 TEST_F(RestoreProgram, ADamagedSnapshotIsRefusedBeforeAnything)

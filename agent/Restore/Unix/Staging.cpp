@@ -1,5 +1,7 @@
 #include "agent/Restore/Staging.h"
 
+#include "Krt/File/OpenFile.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,6 +37,7 @@ YDirectory MakePrivate(const YDirectory& parent, const YString& name)
 Staging::Staging(const YDirectory& parent, const YString& name) : m_directory(MakePrivate(parent, name))
 {
     try {
+        Krt::File::RemoveAccessLists(m_directory.GetHandle());
         const struct stat status = m_directory.Stat();
         m_isPrivate = status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
     } catch (...) {

@@ -30,5 +30,8 @@ KRT_API std::list<YString> ListExtendedAttributes(const Util::YUnxHandle& handle
 KRT_API ExtendedAttributeMap GetExtendedAttributeMap(const Util::YUnxHandle& handle);
 KRT_API void AddExtendedAttribute(const Util::YUnxHandle& handle, const YString& name, const void* data,
                                   unsigned int size, unsigned int flags);
+/// Takes away the rights that single users and groups have beside the mode, and those that a directory hands
+/// down to what is made in it.
+KRT_API void RemoveAccessLists(const Util::YUnxHandle& handle);
 
 } // namespace Krt::File

@@ -10,7 +10,7 @@ namespace Agent {
 void SyncFileSystem(const Krt::Util::YUnxHandle& directory)
 {
     if (Krt::Util::RetryOnInterrupt([&] { return syncfs(directory.Get()); }) != 0)
-        KRT_RAISE_OS("Failed to write the store to disk");
+        KRT_RAISE_OS("Failed to write to disk");
 }
 
 } // namespace Agent

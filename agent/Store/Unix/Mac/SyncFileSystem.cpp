@@ -17,7 +17,7 @@ void SyncFileSystem(const Krt::Util::YUnxHandle& directory)
     sync();
     if (RetryOnInterrupt([&] { return fcntl(directory.Get(), F_FULLFSYNC); }) < 0 &&
         RetryOnInterrupt([&] { return fsync(directory.Get()); }) < 0)
-        KRT_RAISE_OS("Failed to write the store to disk");
+        KRT_RAISE_OS("Failed to write to disk");
 }
 
 } // namespace Agent

@@ -1,0 +1,23 @@
+// Access lists for tests: what a file system may let single users do beside the mode.
+#pragma once
+
+#include <string>
+#include <sys/xattr.h>
+
+namespace Testing {
+
+/// Gives the entry a list by which the user 1234 may do all that the group may; `which` is "access", or
+/// "default" for what a directory hands down. False where the file system keeps none.
+inline bool GiveAccessList(const std::string& path, const std::string& which)
+{
+    // A version, then tag, rights and id of: the owner, that user, the group, the most of both, others.
+    constexpr unsigned char List[] = {2,  0, 0, 0,                                  //
+                                      1,  0, 7, 0, 255,        255,       255, 255, //
+                                      2,  0, 7, 0, 1234 & 255, 1234 >> 8, 0,   0,   //
+                                      4,  0, 6, 0, 255,        255,       255, 255, //
+                                      16, 0, 6, 0, 255,        255,       255, 255, //
+                                      32, 0, 4, 0, 255,        255,       255, 255};
+    return setxattr(path.c_str(), ("system.posix_acl_" + which).c_str(), List, sizeof List, 0) == 0;
+}
+
+} // namespace Testing
