@@ -6,6 +6,8 @@
 
 #include "Krt/File/YDirectory.h"
 
+#include <map>
+
 namespace Agent {
 
 class ObjectFolder
@@ -17,11 +19,14 @@ public:
     bool Has(const Address& address) const;
     /// For reading. Raises the operating system's error, ENOENT for an unknown address.
     Krt::Util::YUnxHandle Open(const Address& address) const;
-    /// Moves a file here whose data are on disk. An object that is already here has the same content, so it
-    /// may be replaced.
-    void Place(const Krt::File::YDirectory& from, const Krt::YString& name, const Address& address) const;
+    /// Moves files here whose data are on disk, by the addresses of their contents. An object that is already
+    /// here has the same content, so it may be replaced. Raises the operating system's error, also where a
+    /// link stands for a folder: whoever may write to the store leads no file out of it.
+    void Place(const Krt::File::YDirectory& from, const std::map<Address, Krt::YString>& files) const;
 
 private:
+    Krt::File::YDirectory OpenFolder(const Krt::YString& name) const;
+
     Krt::File::YDirectory m_directory;
 };
 

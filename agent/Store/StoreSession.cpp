@@ -118,8 +118,7 @@ void StoreSession::PlaceObjects()
     if (m_pending.empty())
         return;
     Sync();
-    for (const auto& [address, name] : m_pending)
-        m_store.GetObjects().Place(m_store.GetTemporaries(), name, address);
+    m_store.GetObjects().Place(m_store.GetTemporaries(), m_pending);
     m_pending.clear();
     m_pendingBytes = 0;
 }

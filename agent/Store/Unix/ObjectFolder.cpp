@@ -7,6 +7,7 @@
 #include "Krt/Util/Retry.h"
 
 #include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
 
 namespace Agent {
@@ -27,6 +28,7 @@ public:
         *out = '\0';
     }
     const char* Text() const { return m_text; }
+    const char* Name() const { return m_text + 2 * FolderBytes + 1; }
     Krt::YString Folder() const { return Krt::YString(std::string_view(m_text, 2 * FolderBytes)); }
 
 private:
@@ -34,16 +36,10 @@ private:
     char m_text[2 * Address::Size + 2];
 };
 
-bool Move(const Krt::File::YDirectory& from, const Krt::YString& name, const Krt::File::YDirectory& to,
-          const RelativePath& place)
-{
-    return RetryOnInterrupt([&] {
-               return renameat(from.GetHandle().Get(), name.CStr(), to.GetHandle().Get(), place.Text());
-           }) == 0;
-}
-
 } // namespace
 
+// Reading costs one call an object. A link for a folder is followed here, and gives whoever made it nothing
+// that another object would not: what is found counts by its address alone.
 bool ObjectFolder::Has(const Address& address) const
 {
     const RelativePath place(address);
@@ -69,18 +65,30 @@ Krt::Util::YUnxHandle ObjectFolder::Open(const Address& address) const
     return Krt::Util::YUnxHandle(descriptor, true);
 }
 
-void ObjectFolder::Place(const Krt::File::YDirectory& from, const Krt::YString& name,
-                         const Address& address) const
+Krt::File::YDirectory ObjectFolder::OpenFolder(const Krt::YString& name) const
 {
-    const RelativePath place(address);
-    if (Move(from, name, m_directory, place))
-        return;
-    if (errno == ENOENT) {
-        MakeDirectoryUnlessThere(m_directory, place.Folder());
-        if (Move(from, name, m_directory, place))
-            return;
+    struct stat status;
+    if (!m_directory.StatIfPresent(name, status))
+        MakeDirectoryUnlessThere(m_directory, name);
+    return m_directory.OpenDirectoryToSearch(name);
+}
+
+void ObjectFolder::Place(const Krt::File::YDirectory& from,
+                         const std::map<Address, Krt::YString>& files) const
+{
+    std::optional<Krt::File::YDirectory> folder;
+    unsigned char current = 0;
+    for (const auto& [address, name] : files) {
+        const RelativePath place(address);
+        // In the order of addresses each folder is opened once.
+        if (!folder || address.bytes[0] != current)
+            folder.emplace(OpenFolder(place.Folder()));
+        current = address.bytes[0];
+        if (RetryOnInterrupt([&] {
+                return renameat(from.GetHandle().Get(), name.CStr(), folder->GetHandle().Get(), place.Name());
+            }) != 0)
+            KRT_RAISE_OS("Failed to place object: " << place.Text());
     }
-    KRT_RAISE_OS("Failed to place object: " << place.Text());
 }
 
 } // namespace Agent
