@@ -3,11 +3,9 @@
 #include "agent/Cli/Interrupt.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/Unix/DeviceNumber.h"
 
 #include <sys/stat.h>
-#if __has_include(<sys/sysmacros.h>)
-#include <sys/sysmacros.h>
-#endif
 
 namespace Agent {
 
@@ -24,12 +22,11 @@ constexpr int MaxLooks = 5;
 // Whether the status is that of what the library opened, or of what it saw where there is nothing to open.
 bool IsSameEntry(const YFile& file, const struct stat& status)
 {
-    if ((file.GetModeFlags() & S_IFMT) != (status.st_mode & S_IFMT))
-        return false;
-    if (file.IsRegularFile())
-        return file.GetInode() == status.st_ino;
-    return file.GetUID() == status.st_uid &&
-           file.GetLastChangedTime() == static_cast<unsigned long long>(status.st_ctime);
+    // An inode may have been given up and taken again.
+    return file.GetModeFlags() == status.st_mode && file.GetUID() == status.st_uid &&
+           file.GetGID() == status.st_gid &&
+           file.GetLastChangedTime() == static_cast<unsigned long long>(status.st_ctime) &&
+           (!file.IsRegularFile() || file.GetInode() == status.st_ino);
 }
 
 } // namespace
