@@ -131,17 +131,4 @@ TEST_F(BackupProgram, RefusesWhatItCannotUse)
     }
 }
 
-TEST_F(BackupProgram, HoldsManyEntriesAndLevels)
-{
-    // More levels than a walk keeps descriptors for.
-    std::string path = source;
-    for (int level = 0; level < 300; ++level)
-        path += "/d";
-    std::filesystem::create_directories(path);
-    for (int i = 0; i < 3000; ++i)
-        directory.Write("source/d/file" + std::to_string(i), "");
-    Run(0, {"backup", source});
-    EXPECT_EQ(Stored().size(), 3301u);
-}
-
 } // namespace

@@ -49,7 +49,7 @@ class Cli : public Testing::ProgramFixture
 protected:
     void SetUp() override
     {
-        directory.Write("tree/[a,b]/f\nforged", "content");
+        directory.Write("tree/[a,b]/file", "content");
         directory.MakeDirectory("tree/{}");
         Run(0, {"backup", directory / "tree"});
     }
@@ -85,16 +85,6 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
         EXPECT_EQ(result.exitCode, exitCode) << result.errors;
         EXPECT_TRUE(Testing::Holds(exitCode == 0 ? result.output : result.errors, told));
     }
-}
-
-TEST_F(Cli, ListShowsOneLineAnEntry)
-{
-    const std::string tree = directory / "tree";
-    const std::string text = Run(0, {"list", "--snapshot", "latest"}).output;
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << text;
-    EXPECT_TRUE(Testing::Holds(text, " " + tree + "/[a,b]/f\\nforged\n"));
-    const std::string json = Run(0, {"list", "--snapshot", "latest", "--json"}).output;
-    EXPECT_TRUE(json.starts_with("{\"record\":{\"metadata_type\":\"unix\"")) << json;
 }
 
 TEST_F(Cli, PathsThatLookLikeListsArePaths)

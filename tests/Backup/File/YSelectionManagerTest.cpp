@@ -119,22 +119,25 @@ TEST(YSelectionManager, TellsItsChanges)
     tree.Delete("/b");
     tree.Delete("/a");
     tree.Delete("/");
-    std::vector<std::string> lines;
+    std::string lines;
     const std::regex rule("descriptor: (?!path).*?, m_explicitSelection: 0"), manager("^YSelectionManager: ");
     for (const std::string& line : log.Texts()) // rules print as their class tells
-        lines.push_back(std::regex_replace(std::regex_replace(line, rule, "RULE"), manager, ""));
-    const std::string added = "YSelectionManager::Add called for: path: ";
+        lines += std::regex_replace(std::regex_replace(line, rule, "RULE"), manager, "") + "\n";
+    const std::string call = "YSelectionManager::Add called for: path: ",
+                      drop = "YSelectionManager::Delete called for: ";
     EXPECT_EQ(lines,
-              (std::vector<std::string>{
-                  added + "/a/b RULE", "Added include path: /a/b RULE", added + "/a/b RULE",
-                  "Added exclude path: /a/b RULE", added + "/a RULE",
-                  "YSelectionManagerNode: At node for /a/b include descriptor RULE prunes RULE",
-                  "Added include path: /a RULE", added + "/a RULE",
-                  "YSelectionManagerNode: At node for /a/b exclude descriptor RULE prunes RULE",
-                  "Added exclude path: /a RULE", added + "/a RULE",
-                  "Not adding redundant descriptor: path: /a RULE",
-                  "YSelectionManager::Delete called for: /b", "YSelectionManager::Delete called for: /a",
-                  "Erased node: /", "YSelectionManager::Delete called for: /"}));
+              call + "/a/b RULE\nAdded include path: /a/b RULE\n" + call +
+                  "/a/b RULE\nAdded exclude path: /a/b RULE\n" + call +
+                  "/a RULE\nYSelectionManagerNode: At node for /a/b include descriptor RULE prunes RULE\n"
+                  "Added include path: /a RULE\n" +
+                  call +
+                  "/a RULE\n"
+                  "YSelectionManagerNode: At node for /a/b exclude descriptor RULE prunes RULE\n"
+                  "Added exclude path: /a RULE\n" +
+                  call +
+                  "/a RULE\n"
+                  "Not adding redundant descriptor: path: /a RULE\n" +
+                  drop + "/b\n" + drop + "/a\nErased node: /\n" + drop + "/\n");
 }
 
 // Deep enough for a recursion to overflow the stack.
