@@ -1,6 +1,7 @@
 // Root's program takes its configuration, job and log only from where nobody else can change them.
 #include "agent/Cli/FileGuard.h"
 
+#include "testing/AccessList.h"
 #include "testing/OrdinaryUser.h"
 #include "testing/Program.h"
 #include "testing/Raises.h"
@@ -42,6 +43,11 @@ protected:
         Make("shared/two names", 0, 0, 0644);
         fs::create_hard_link(directory / "shared/two names", directory / "own/other name");
         Link("own/link", "file", 0);
+        Link("own/link of two names", "file", 0);
+        ASSERT_EQ(link((directory / "own/link of two names").c_str(), (directory / "shared/link").c_str()),
+                  0);
+        Make("own/listed", 0, 0, 0600);
+        hasLists = Testing::GiveAccessList(directory / "own/listed", "access");
         Link("own/through", "../open", 0);
         Link("own/absolute", directory / "shared/of another", 0);
         Link("own/loop", "loop", 0);
@@ -78,6 +84,7 @@ protected:
     }
 
     Testing::TemporaryDirectory directory;
+    bool hasLists = false;
 };
 
 TEST_F(FileGuard, RefusesWhatOthersCanChange)
@@ -105,6 +112,8 @@ TEST_F(FileGuard, RefusesWhatOthersCanChange)
         {"shared/two names", "shared/two names has further names, and others can write to its directory"},
         {"shared/missing", "shared/missing" + missing},
         {"shared/missing/file", "shared/missing" + missing},
+        {"shared/link", "shared/link has further names, and others can write to its directory"},
+        {"own/listed", hasLists ? "own/listed" + byOthers + "0764)" : ""},
         {"own/link", ""},
         {"own/through/file", "open" + byOthers + "0777)"},
         {"own/through/../own/file", "open" + byOthers + "0777)"},
@@ -117,6 +126,14 @@ TEST_F(FileGuard, RefusesWhatOthersCanChange)
     EXPECT_FALSE(Testing::CatchError([] { Agent::RequireOwnFile("", "/dev/null"); }));
     const fs::path before = fs::current_path();
     fs::current_path(directory / "foreign");
+    EXPECT_TRUE(Testing::CatchError([] { Agent::RequireOwnFile("", "file"); }));
+    // Where no path reaches, a file opens all the same.
+    fs::current_path(directory / "own");
+    const std::string longName(250, 'n');
+    for (int level = 0; level < 20; ++level) {
+        fs::create_directory(longName);
+        fs::current_path(longName);
+    }
     EXPECT_TRUE(Testing::CatchError([] { Agent::RequireOwnFile("", "file"); }));
     fs::current_path(before);
 }

@@ -22,11 +22,6 @@ namespace {
 constexpr uid_t Root = 0;
 constexpr int MostLinks = 40; // as many as the kernel follows
 
-bool CanOthersWrite(const struct stat& status)
-{
-    return (status.st_mode & S_IWOTH) != 0 || ((status.st_mode & S_IWGRP) != 0 && status.st_gid != Root);
-}
-
 std::string ReadLink(const std::string& path)
 {
     std::error_code error;
@@ -61,7 +56,6 @@ private:
     bool Follow(const std::string& path, const struct stat& link);
     std::optional<struct stat> LookForMissing(const std::string& path) const;
     std::optional<struct stat> Look(const std::string& path) const;
-    bool IsShared() const { return m_here && CanOthersWrite(*m_here); }
     void CheckOwner(const std::string& path, const struct stat& status) const;
     void Refuse(bool isRefused, const std::string& reason) const;
 
@@ -72,15 +66,15 @@ private:
     const bool m_guards;
     std::vector<std::string> m_rest; // the last one comes next
     std::string m_place;             // no link in it, and nothing for "/"
-    std::optional<struct stat> m_here;
+    bool m_isShared = false;         // others can write there
     int m_links = 0;
 };
 
 void Way::Check()
 {
     Enter("");
-    if (m_here)
-        CheckOwner("/", *m_here);
+    if (const std::optional<struct stat> root = Look("/"))
+        CheckOwner("/", *root);
     Push(std::filesystem::absolute(m_path).string());
     while (!m_rest.empty()) {
         const std::string name = std::move(m_rest.back());
@@ -99,7 +93,7 @@ std::optional<struct stat> Way::Look(const std::string& path) const
     {};
     if (Krt::Util::RetryOnInterrupt([&] { return lstat(path.c_str(), &status); }) == 0)
         return status;
-    const bool isAbsent = errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG;
+    const bool isAbsent = errno == ENOENT || errno == ENOTDIR;
     if (m_guards && !isAbsent)
         KRT_RAISE_OS("Failed to stat " << path.c_str());
     return std::nullopt;
@@ -122,7 +116,8 @@ void Way::Push(const std::string& path)
 void Way::Enter(const std::string& place)
 {
     m_place = place;
-    m_here = Look(place.empty() ? "/" : place);
+    const std::optional<struct stat> status = Look(place.empty() ? "/" : place);
+    m_isShared = status && CanOthersWrite(place.empty() ? "/" : place, *status);
 }
 
 // False at the end of what can be looked at.
@@ -133,13 +128,14 @@ bool Way::Pass(const std::string& path)
         status = LookForMissing(path);
     if (!status)
         return false;
+    // Whoever made the further name may have brought it here.
+    Refuse(m_guards && !S_ISDIR(status->st_mode) && status->st_nlink > 1 && m_isShared,
+           path + " has further names, and others can write to its directory");
     if (S_ISLNK(status->st_mode))
         return Follow(path, *status);
     CheckOwner(path, *status);
-    Refuse(m_guards && S_ISREG(status->st_mode) && status->st_nlink > 1 && IsShared(),
-           path + " has further names, and others can write to its directory");
     m_place = path;
-    m_here = status;
+    m_isShared = CanOthersWrite(path, *status);
     return true;
 }
 
@@ -157,7 +153,7 @@ bool Way::Follow(const std::string& path, const struct stat& link)
 // Nothing if it is to stay missing.
 std::optional<struct stat> Way::LookForMissing(const std::string& path) const
 {
-    if (!m_guards || !IsShared())
+    if (!m_guards || !m_isShared)
         return std::nullopt;
     const bool isMade = m_makesFile && m_rest.empty() &&
                         !Krt::Util::OpenHandle(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0640).IsEmpty();
@@ -173,7 +169,7 @@ void Way::CheckOwner(const std::string& path, const struct stat& status) const
     Refuse(status.st_uid != Root, path + " belongs to the user " + std::to_string(status.st_uid));
     const bool isShared = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
     // What anybody writes to a device such as /dev/null isn't kept there.
-    Refuse(CanOthersWrite(status) && !isShared && !S_ISCHR(status.st_mode),
+    Refuse(CanOthersWrite(path, status) && !isShared && !S_ISCHR(status.st_mode),
            path + " can be written to by others (mode " + Octal(status.st_mode) + ")");
 }
 
@@ -185,6 +181,12 @@ void Way::Refuse(bool isRefused, const std::string& reason) const
 }
 
 } // namespace
+
+bool CanOthersWrite(const std::string& path, const struct stat& status)
+{
+    return (status.st_mode & S_IWOTH) != 0 || ((status.st_mode & S_IWGRP) != 0 && status.st_gid != Root) ||
+           MayListLetWrite(path, status);
+}
 
 void RequireOwnFile(const std::string& what, const std::string& path)
 {

@@ -1,6 +1,8 @@
 #include "agent/Cli/Unix/Users.h"
 
+#include <cerrno>
 #include <fstream>
+#include <sys/xattr.h>
 
 namespace Agent {
 
@@ -12,6 +14,14 @@ bool AreThereOtherUsers()
     for (unsigned long inside, outside, count; map >> inside >> outside >> count;)
         users += count;
     return users != 1;
+}
+
+// The group's bits of an entry with a list are the most that the list gives.
+bool MayListLetWrite(const std::string& path, const struct stat& status)
+{
+    return (status.st_mode & S_IWGRP) != 0 &&
+           (lgetxattr(path.c_str(), "system.posix_acl_access", nullptr, 0) >= 0 ||
+            (errno != ENODATA && errno != ENOTSUP));
 }
 
 } // namespace Agent
