@@ -1,6 +1,7 @@
 // A TLS server of OpenSSL's own program, on a free port of the loopback interface.
 #pragma once
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,7 @@ public:
 
 private:
     int m_process = -1;
-    int m_output = -1;
+    std::FILE* m_output = nullptr;
     std::string m_port;
 };
 
