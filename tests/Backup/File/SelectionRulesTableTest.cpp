@@ -1,34 +1,18 @@
-// Runs the tables of cases in docs/rules.md.
+// Runs the tables of cases in docs/rules.md, whose kinds are told by their first two headings.
 #include "testing/SelectionText.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
+#include <map>
 #include <sstream>
 
 namespace {
 
 using Backup::File::YSelectionManager;
-using Testing::Tree;
 
-// The kinds of tables, told by their first two headings.
-enum Kind
-{
-    Answers,
-    Kept,
-    Starts,
-    Other
-};
-
-struct Row
-{
-    Kind kind;
-    std::size_t line;
-    std::string rules;
-    std::string second; // the path, what is kept, the starts
-    std::string answer;
-};
+const std::string Answers = "Rules/Path", Kept = "Rules, in this order/Kept", Starts = "Rules/Starts";
 
 // The cells of a line "| a | b |", without blanks around them and without the marks of code.
 std::vector<std::string> Cells(const std::string& line)
@@ -40,45 +24,6 @@ std::vector<std::string> Cells(const std::string& line)
         cells.push_back(begin == std::string::npos ? "" : cell.substr(begin, end - begin + 1));
     }
     return cells;
-}
-
-Kind KindOf(const std::vector<std::string>& headings)
-{
-    const std::string begin = headings.size() < 2 ? "" : headings[0] + "/" + headings[1];
-    return begin == "Rules/Path"                  ? Answers
-           : begin == "Rules, in this order/Kept" ? Kept
-           : begin == "Rules/Starts"              ? Starts
-                                                  : Other;
-}
-
-// All rows of the three kinds of tables.
-std::vector<Row> Parse(const std::string& page)
-{
-    std::vector<Row> rows;
-    Kind kind = Other;
-    bool inTable = false;
-    std::string rules;
-    std::istringstream input(page);
-    std::size_t number = 1;
-    for (std::string line; std::getline(input, line); ++number) {
-        if (!line.starts_with("|")) {
-            inTable = false;
-            continue;
-        }
-        const std::vector<std::string> cells = Cells(line);
-        if (!inTable)
-            kind = KindOf(cells);
-        else if (kind != Other && !line.starts_with("|---")) {
-            if (!cells[0].empty())
-                rules = cells[0];
-            EXPECT_EQ(cells.size(), kind == Answers ? 4u : 3u) << "line " << number;
-            rows.push_back({kind, number, rules, cells.at(1), cells.at(2)});
-        }
-        if (!inTable)
-            rules.clear();
-        inTable = true;
-    }
-    return rows;
 }
 
 std::string AnswerOf(const YSelectionManager& tree, const std::string& path)
@@ -97,16 +42,26 @@ std::string StartsOf(const YSelectionManager& tree)
 
 TEST(SelectionRulesTable, HoldsAsItIsWritten)
 {
-    std::array<int, 3> counts = {};
-    for (const Row& row : Parse(Testing::ReadFile(RULES_PAGE))) {
-        SCOPED_TRACE("line " + std::to_string(row.line) + ": " + row.rules);
-        ++counts[row.kind];
-        const YSelectionManager tree = Tree(row.rules); // which throws on what is no rule
-        EXPECT_NE(row.rules, "");
-        if (row.kind == Answers)
-            EXPECT_EQ(AnswerOf(tree, row.second), row.answer) << row.second;
-        else
-            EXPECT_EQ(row.kind == Kept ? Testing::Words(tree) : StartsOf(tree), row.second);
+    std::map<std::string, int> counts = {{Answers, 0}, {Kept, 0}, {Starts, 0}};
+    std::istringstream page(Testing::ReadFile(RULES_PAGE));
+    std::string kind, rules; // of the table, and of the rows so far
+    for (std::string line; std::getline(page, line);) {
+        const std::vector<std::string> cells = line.starts_with("|") ? Cells(line) : Cells("|");
+        if (cells.size() < 2 || kind.empty()) {
+            kind = cells.size() < 2 ? "" : cells[0] + "/" + cells[1];
+            rules.clear();
+        } else if (counts.contains(kind) && !line.starts_with("|---")) {
+            SCOPED_TRACE(line);
+            ASSERT_EQ(cells.size(), kind == Answers ? 4u : 3u);
+            rules = cells[0].empty() ? rules : cells[0];
+            ASSERT_NE(rules, "");
+            ++counts[kind];
+            const YSelectionManager tree = Testing::Tree(rules); // which throws on what is no rule
+            if (kind == Answers)
+                EXPECT_EQ(AnswerOf(tree, cells[1]), cells[2]);
+            else
+                EXPECT_EQ(kind == Kept ? Testing::Words(tree) : StartsOf(tree), cells[1]);
+        }
     }
     EXPECT_GE(counts[Answers], 53);
     EXPECT_GE(counts[Kept], 13);
