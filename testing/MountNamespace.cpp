@@ -1,5 +1,6 @@
 #include "testing/MountNamespace.h"
 
+#include "Krt/Util/YUnxHandle.h"
 #include "Krt/Volume/MountTable.h"
 
 #include <gtest/gtest-spi.h>
@@ -11,7 +12,6 @@
 #include <fstream>
 #include <linux/btrfs.h>
 #include <linux/loop.h>
-#include <memory>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -34,23 +34,13 @@ constexpr off_t ImageBytes = 128 << 20;
     throw Unavailable(what + ": " + std::strerror(errno));
 }
 
-class Descriptor
+Krt::Util::YUnxHandle Opened(const std::string& path, int flags = O_RDWR)
 {
-public:
-    explicit Descriptor(const std::string& path, int flags = O_RDWR)
-        : m_descriptor(open(path.c_str(), flags | O_CLOEXEC, 0600))
-    {
-        if (m_descriptor < 0)
-            Refuse(path);
-    }
-    ~Descriptor() { close(m_descriptor); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    operator int() const { return m_descriptor; }
-
-private:
-    int m_descriptor;
-};
+    const int descriptor = open(path.c_str(), flags | O_CLOEXEC, 0600);
+    if (descriptor < 0)
+        Refuse(path);
+    return {descriptor, true};
+}
 
 // The mounts and loop devices of this process's namespace that have to do with the directory.
 std::string LeftBehind(const std::string& directory)
@@ -90,19 +80,19 @@ void EnterNamespace()
 }
 
 // The device frees itself when nothing uses it any longer.
-std::unique_ptr<Descriptor> AttachLoopDevice(int image, std::string& path)
+Krt::Util::YUnxHandle AttachLoopDevice(int image, std::string& path)
 {
-    const Descriptor control("/dev/loop-control");
+    const auto control = Opened("/dev/loop-control");
     for (int tries = 0; tries < 20; ++tries) {
-        const int number = ioctl(control, LOOP_CTL_GET_FREE);
+        const int number = ioctl(control.Get(), LOOP_CTL_GET_FREE);
         if (number < 0)
             Refuse("no free loop device");
         path = "/dev/loop" + std::to_string(number);
-        auto device = std::make_unique<Descriptor>(path);
+        auto device = Opened(path);
         loop_config config = {};
         config.fd = static_cast<unsigned int>(image);
         config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-        if (ioctl(*device, LOOP_CONFIGURE, &config) == 0)
+        if (ioctl(device.Get(), LOOP_CONFIGURE, &config) == 0)
             return device;
         if (errno != EBUSY) // somebody else was quicker
             Refuse(path);
@@ -206,14 +196,14 @@ std::string MountNamespace::MountImage(const std::string& type, const std::strin
 {
     const auto count = std::distance(fs::directory_iterator(m_images), fs::directory_iterator());
     const std::string image = m_images + "/" + std::to_string(count);
-    const Descriptor file(image, O_RDWR | O_CREAT | O_EXCL);
-    if (ftruncate(file, ImageBytes) != 0)
+    const auto file = Opened(image, O_RDWR | O_CREAT | O_EXCL);
+    if (ftruncate(file.Get(), ImageBytes) != 0)
         Refuse(image);
     const std::string make = "PATH=$PATH:/usr/sbin:/sbin mkfs." + type + " -q " + image + " >/dev/null 2>&1";
     if (const int status = std::system(make.c_str()); status != 0)
         throw Unavailable("mkfs." + type + (WEXITSTATUS(status) == 127 ? " is not installed" : " fails"));
     std::string path;
-    const auto device = AttachLoopDevice(file, path);
+    const auto device = AttachLoopDevice(file.Get(), path);
     Mount(path, target, type, flags, options);
     return path;
 }
@@ -222,7 +212,7 @@ void MountNamespace::MakeSubvolume(const std::string& directory, const std::stri
 {
     btrfs_ioctl_vol_args arguments = {};
     name.copy(arguments.name, sizeof arguments.name - 1);
-    if (ioctl(Descriptor(directory, O_RDONLY), BTRFS_IOC_SUBVOL_CREATE, &arguments) != 0)
+    if (ioctl(Opened(directory, O_RDONLY).Get(), BTRFS_IOC_SUBVOL_CREATE, &arguments) != 0)
         Refuse("can't make a subvolume");
 }
 
