@@ -1,14 +1,14 @@
-// A thread that takes and gives the levels of a read/write lock as it is told, one by one, and that can be
-// seen asleep in a step. So a test puts the steps of several threads into one order.
+// Threads that do what they are told, step by step, and that can be seen asleep in a step. So a test puts the
+// steps of several threads into one order.
 #pragma once
 
 #include "testing/Raises.h"
 
-#include "Krt/Thread/YReadWriteMutex.h"
-
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -16,26 +16,31 @@
 
 namespace Testing {
 
-class LockActor
+class Actor
 {
 public:
-    explicit LockActor(const Krt::Thread::YReadWriteMutex& mutex) : m_mutex(mutex) {}
-    ~LockActor()
+    /// Does the step of this letter, on the actor's thread, and tells what came of it by another. Comes with
+    /// Quit at the end, too.
+    using Action = std::function<char(Actor& self, char order)>;
+    static constexpr char Done = '.', Refused = 'x', Asleep = 'z', Quit = 'q';
+
+    explicit Actor(Action action) : m_action(std::move(action)) {}
+    ~Actor()
     {
-        Begin('q');
+        Begin(Quit);
         m_thread.join();
     }
-    LockActor(const LockActor&) = delete;
-    LockActor& operator=(const LockActor&) = delete;
+    Actor(const Actor&) = delete;
+    Actor& operator=(const Actor&) = delete;
 
-    /// Tells it a step: 'r'ead, 'w'rite, or '-' to give the last level back.
     void Begin(char order)
     {
         m_result = Asked;
         m_order = order;
         m_order.notify_one();
     }
-    /// '.' for done, 'x' for refused; with `mayWait`, 'z' once the thread sleeps in it.
+    /// What came of the step, Refused if it raised an error. With `mayWait`, Asleep once the thread sleeps in
+    /// it.
     char Await(bool mayWait) const
     {
         for (int asleep = 0; asleep < 5;) {
@@ -44,32 +49,32 @@ public:
             asleep = mayWait && m_result == Begun && Sleeps() ? asleep + 1 : 0;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        return 'z';
+        return Asleep;
+    }
+    /// For an action: tells that its step is done so far, and does others within it until this one comes,
+    /// with which the step goes on.
+    void StayUntil(char last)
+    {
+        m_result = Done;
+        DoStepsUntil(last);
     }
 
 private:
     static constexpr char Asked = 'a', Begun = 'b';
 
-    void Run()
+    void DoStepsUntil(char last)
     {
-        m_id = gettid();
-        for (char order = 0; order != 'q';) {
+        while (!m_quits) {
             m_order.wait(0);
-            order = m_order.exchange(0);
+            const char order = m_order.exchange(0);
             m_result = Begun;
-            m_result = CatchError([&] { Do(order); }) ? 'x' : '.';
+            m_quits = order == Quit;
+            if (order == last)
+                return;
+            char result = Refused;
+            CatchError([&] { result = m_action(*this, order); });
+            m_result = result;
         }
-        m_locks.clear();
-    }
-    void Do(char order)
-    {
-        const auto forever = Krt::Time::YDuration::Zero();
-        if (order == 'r')
-            m_locks.push_back(m_mutex.ReadLock(forever));
-        else if (order == 'w')
-            m_locks.push_back(m_mutex.WriteLock(forever));
-        else if (order == '-')
-            m_locks.pop_back();
     }
     bool Sleeps() const
     {
@@ -78,13 +83,27 @@ private:
         return text.find(") S ") != std::string::npos;
     }
 
-    const Krt::Thread::YReadWriteMutex& m_mutex;
-    std::vector<Krt::Thread::YReadWriteMutex::YLock> m_locks;
-    std::atomic<char> m_order = 0, m_result = '.';
+    const Action m_action;
+    bool m_quits = false; // the thread's own
+    std::atomic<char> m_order = 0, m_result = Done;
     std::atomic<pid_t> m_id = 0;
     std::thread m_thread{[this] {
-        Run();
+        m_id = gettid();
+        DoStepsUntil(0);
     }};
 };
+
+/// Steps of three letters, parted by blanks: the actor, 'A' for the first one; the order; and what must come
+/// of it. With '*' for the order, what comes of the step in which the actor slept.
+inline void Play(const char* row, const std::string& steps, const std::vector<std::unique_ptr<Actor>>& actors)
+{
+    for (std::size_t at = 0; at < steps.size(); at += 4) {
+        Actor& actor = *actors[static_cast<std::size_t>(steps[at] - 'A')];
+        const char order = steps[at + 1], end = steps[at + 2];
+        if (order != '*')
+            actor.Begin(order);
+        ASSERT_EQ(actor.Await(end == Actor::Asleep), end) << row << ", step " << at / 4;
+    }
+}
 
 } // namespace Testing

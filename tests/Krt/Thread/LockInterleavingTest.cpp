@@ -2,7 +2,7 @@
 // it, before the next one begins.
 #include "Krt/Thread/YReadWriteMutex.h"
 
-#include "testing/LockActor.h"
+#include "testing/Actor.h"
 
 #include <gtest/gtest.h>
 
@@ -12,8 +12,25 @@
 namespace Krt::Thread {
 namespace {
 
-// Steps of three letters: the thread; 'r'ead, 'w'rite or '-' for giving the last level back; and what comes
-// of it: done (.), refused (x), or asleep (z), and then "A*." says when the step of A has been done.
+// What an actor does with the lock: 'r'ead, 'w'rite, or '-' to give the last level back.
+std::unique_ptr<Testing::Actor> MakeActor(const YReadWriteMutex& mutex)
+{
+    return std::make_unique<Testing::Actor>(
+        [&mutex, locks = std::make_shared<std::vector<YReadWriteMutex::YLock>>()](Testing::Actor&,
+                                                                                  char order) {
+            const auto forever = Time::YDuration::Zero();
+            if (order == 'r')
+                locks->push_back(mutex.ReadLock(forever));
+            else if (order == 'w')
+                locks->push_back(mutex.WriteLock(forever));
+            else if (order == '-')
+                locks->pop_back();
+            else
+                locks->clear();
+            return Testing::Actor::Done;
+        });
+}
+
 TEST(LockInterleaving, EachStepEndsAsItMust)
 {
     const struct
@@ -35,16 +52,10 @@ TEST(LockInterleaving, EachStepEndsAsItMust)
     };
     for (const auto& row : rows) {
         const YReadWriteMutex mutex;
-        std::unique_ptr<Testing::LockActor> actors[3];
-        for (auto& actor : actors)
-            actor = std::make_unique<Testing::LockActor>(mutex);
-        for (std::size_t at = 0; at < row.steps.size(); at += 4) {
-            Testing::LockActor& actor = *actors[row.steps[at] - 'A'];
-            const char order = row.steps[at + 1], end = row.steps[at + 2];
-            if (order != '*')
-                actor.Begin(order);
-            ASSERT_EQ(actor.Await(end == 'z'), end) << row.name << ", step " << at / 4;
-        }
+        std::vector<std::unique_ptr<Testing::Actor>> actors;
+        for (int i = 0; i < 3; ++i)
+            actors.push_back(MakeActor(mutex));
+        Testing::Play(row.name, row.steps, actors);
     }
 }
 

@@ -1,0 +1,98 @@
+// Trees of rules that are swapped and copied beside walks and queries, each in one order of events: whoever
+// asks finds one tree or the other, never a part of each, and nobody waits for ever.
+#include "testing/Actor.h"
+#include "testing/SelectionText.h"
+
+#include <gtest/gtest.h>
+
+using Backup::File::YSelectionManager;
+using Krt::File::YPath;
+using Testing::Actor;
+
+namespace {
+
+// The rules of two trees, and which of them a tree has: '1', '2', or '3' for both.
+constexpr const char* RulesOf[] = {"include /1 recursive any; include /1a recursive any",
+                                   "include /2 recursive any; include /2a recursive any"};
+char Which(const YSelectionManager& tree)
+{
+    return static_cast<char>('0' + tree.IsPathSelected("/1/file") + 2 * tree.IsPathSelected("/2/file"));
+}
+
+// 'v' begins a walk of the first tree and stays in it, and '-' takes it to its end; 'w' does so for the
+// second.
+char Walk(Actor& self, const YSelectionManager& tree)
+{
+    int found = 0, visits = 0;
+    tree.VisitPathsAndDescriptors(
+        "/",
+        [&](const YPath& path, const auto&) {
+            found |= path.Bytes()[1] - '0';
+            if (++visits == 1)
+                self.StayUntil('-');
+            return false;
+        },
+        true);
+    return visits == 2 ? static_cast<char>('0' + found) : '?';
+}
+
+char Act(Actor& self, char order, YSelectionManager& first, YSelectionManager& second)
+{
+    switch (order) {
+    case 'v':
+        return Walk(self, first);
+    case 'w':
+        return Walk(self, second);
+    case '1':
+        return Which(first);
+    case '2':
+        return Which(second);
+    case 's':
+        first.Swap(second);
+        break;
+    case 'c':
+        return Which(YSelectionManager(first));
+    case '=':
+        first = second;
+        break;
+    case 'e':
+        return first == second || second == first ? '=' : '.';
+    case '+':
+        first.CopyDescriptorsFromPath(second, "/", "/");
+        break;
+    default:
+        break;
+    }
+    return Actor::Done;
+}
+
+TEST(SelectionInterleaving, EachOneFindsOneTree)
+{
+    const struct
+    {
+        const char* name;
+        std::string steps;
+    } rows[] = {
+        {"swap waits for a walk, which sees one tree", "Av. Bsz A-1 B*. A12 A21"},
+        {"walk asks both trees while a swap waits", "Av. Bsz A11 A22 A-1 B*. A12 A21"},
+        {"query amid a swap answers from behind it", "Aw. Bsz C1z A-2 B*. C*2"},
+        {"copy amid a swap is of the tree behind it", "Aw. Bsz Ccz A-2 B*. C*2"},
+        {"second tree can be asked until the swap has it", "Aw. Bsz C22 A-2 B*. C21"},
+        {"comparison both ways beside a waiting swap", "Av. Bsz Ce. A-1 B*. Ce."},
+        {"copy waits for a walk", "Av. Bcz A-1 B*1"},
+        {"assignment waits for a walk of the tree that goes", "Av. B=z A11 A-1 B*. A12 A22"},
+        {"assignment waits for a walk of the tree that comes", "Aw. B=z C11 A-2 B*. C12 C22"},
+        {"copied rules wait for a walk of where they go", "Av. B+z A11 C22 A-1 B*. A13 A22"},
+        {"copied rules come beside a walk of where they are", "Aw. B+. C13 A22 A-2"},
+    };
+    for (const auto& row : rows) {
+        YSelectionManager first = Testing::Tree(RulesOf[0]), second = Testing::Tree(RulesOf[1]);
+        std::vector<std::unique_ptr<Actor>> actors;
+        for (int i = 0; i < 3; ++i)
+            actors.push_back(std::make_unique<Actor>(
+                [&](Actor& self, char order) { return Act(self, order, first, second); }));
+        Testing::Play(row.name, row.steps, actors);
+    }
+}
+
+} // namespace
