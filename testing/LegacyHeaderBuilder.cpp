@@ -1,7 +1,6 @@
 #include "testing/LegacyHeaderBuilder.h"
 
 #include "Krt/Crypto/Base64.h"
-#include "Krt/JSON/YValue.h"
 
 namespace Testing {
 

@@ -8,9 +8,7 @@
 
 #include "Krt/JSON/YValue.h"
 
-#include <filesystem>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <tuple>
 

@@ -14,7 +14,6 @@
 using namespace Agent;
 using namespace std::string_literals;
 using Backup::YJobPath;
-using Krt::JSON::YObject;
 using Krt::JSON::YValue;
 using Testing::ReadFile;
 using Testing::RunProgram;

@@ -10,7 +10,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>

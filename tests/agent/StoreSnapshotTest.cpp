@@ -15,7 +15,6 @@
 
 using namespace Agent;
 using Krt::YString;
-using Krt::JSON::YObject;
 using Krt::JSON::YValue;
 namespace fs = std::filesystem;
 

@@ -6,7 +6,6 @@
 
 #include "agent/Cli/Text.h"
 
-#include "Krt/JSON/YObject.h"
 #include "Krt/JSON/YValue.h"
 
 #include <cstdlib>

@@ -4,7 +4,6 @@
 #include "Krt/JSON/YValue.h"
 #include "Krt/Log/YStream.h"
 
-#include <algorithm>
 #include <set>
 #include <tuple>
 
@@ -15,7 +14,6 @@ using Backup::File::YSelectionPathDescriptor;
 using Krt::ErrorCode;
 using Krt::YString;
 using Krt::JSON::YObject;
-using Krt::JSON::YValue;
 using Testing::Rule;
 using RecursionType = YSelectionDescriptor::RecursionType;
 using SelectionType = YSelectionDescriptor::SelectionType;

@@ -13,7 +13,6 @@ using Backup::File::IsFollowableDirectoryFromKrtAttributes;
 using Backup::Volume::IsMountPoint;
 using Krt::ErrorCode;
 using Krt::MessageType;
-using Krt::File::YPath;
 
 namespace {
 
