@@ -30,8 +30,7 @@ protected:
     std::string DescribeOutside() const
     {
         const std::string outside = directory / "outside";
-        struct stat status
-        {};
+        struct stat status = {};
         EXPECT_EQ(lstat(outside.c_str(), &status), 0);
         return std::to_string(status.st_mode) + " " + std::to_string(status.st_mtim.tv_nsec) + "\n" +
                DescribeTree(outside, {.links = false, .identity = true});
@@ -71,8 +70,7 @@ protected:
     }
     struct stat StatusOf(const std::string& name) const
     {
-        struct stat status
-        {};
+        struct stat status = {};
         EXPECT_EQ(lstat((target + "/" + name).c_str(), &status), 0) << name;
         return status;
     }

@@ -81,8 +81,7 @@ std::string AttributesOf(const std::string& path)
 
 std::string DescribeEntry(const std::string& path, const std::string& name, const TreeView& view)
 {
-    struct stat status
-    {};
+    struct stat status = {};
     EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
     std::ostringstream line;
     line << std::quoted(name) << " " << std::oct << status.st_mode << std::dec;

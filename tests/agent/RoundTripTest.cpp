@@ -45,8 +45,7 @@ protected:
     std::string Restored() const { return target + source; }
     struct stat StatusOf(const std::string& name) const
     {
-        struct stat status
-        {};
+        struct stat status = {};
         EXPECT_EQ(lstat((Restored() + name).c_str(), &status), 0) << name;
         return status;
     }

@@ -1,7 +1,7 @@
 // A backup over a tree with real mounts: which of them it enters, and what it tells of the others. The same
 // is told to users in docs/rules.md.
 #include "testing/MountNamespace.h"
-#include "testing/Program.h"
+#include "testing/ProgramFixture.h"
 #include "testing/SelectionText.h"
 
 #include "agent/Cli/Text.h"
@@ -13,17 +13,13 @@
 
 #include <tuple>
 
+using Testing::Holds;
 using Testing::MountKind;
 using Testing::MountNamespace;
 using Testing::ProgramResult;
 using List = std::vector<std::string>;
 
 namespace {
-
-bool Holds(const std::string& text, const std::string& line)
-{
-    return ("\n" + text).find(line) != std::string::npos;
-}
 
 std::string Shown(const std::string& path)
 {
@@ -84,7 +80,7 @@ TEST_P(WalkMounts, EntersFixedDisksAndWhatIsListed)
         EXPECT_EQ(below.exitCode, 0) << below.errors;
         EXPECT_TRUE(walk.Stored(target) && walk.Stored(after)) << "entered or not, its own record is taken";
         EXPECT_EQ(walk.Stored(inside), fixed);
-        EXPECT_EQ(Holds(below.output, "\nmount point not entered: " + Shown(target) + "\n"), !fixed);
+        EXPECT_EQ(Holds(below.output, "mount point not entered: " + Shown(target) + "\n"), !fixed);
 
         const ProgramResult named = walk.Run("", {target});
         EXPECT_EQ(named.exitCode, 0) << named.errors;
@@ -131,7 +127,7 @@ TEST(WalkOverMounts, RulesBelowAMountThatIsNotEnteredNeedAStartOfTheirOwn)
         EXPECT_EQ(walk.Run("", {"--job", space / "job"}).exitCode, 0);
         EXPECT_TRUE(walk.Stored(file)) << "nobody asks about mounts above a start";
         writeJob("include " + tree + " any; include " + deep + " recursive any explicit");
-        EXPECT_TRUE(Holds(walk.Run("", {"--job", space / "job"}).output, "\nmount point not entered: "));
+        EXPECT_TRUE(Holds(walk.Run("", {"--job", space / "job"}).output, "mount point not entered: "));
         EXPECT_FALSE(walk.Stored(file)) << "the rule above is the only start";
         walk.Run("", {"--job", space / "job", deep});
         EXPECT_TRUE(walk.Stored(file));

@@ -109,28 +109,23 @@ TEST(LegacyUnixHeader, ItsOwnFieldsWinOverTheMode)
         return "General: Warning: legacy header directory attribute value " + byte +
                " disaggrees with S_ISDIR(modeFlags) value " + mode + ", using directory attribute";
     };
-    const struct
-    {
-        unsigned int mode;
-        unsigned int attributes;
-        unsigned char isSymlink;
-        std::vector<std::string> warnings;
-    } cases[] = {{0040755, 0x10, 0, {}},
-                 {0100644, 0x10, 0, {directory("0", "0")}},
-                 {0120777, 0, 2, {link("2", "1")}},
-                 {0040755, 0, 1, {link("1", "0"), directory("1", "1")}}};
-    for (const auto& row : cases) {
+    const auto expect = [](unsigned int mode, unsigned int attributes, unsigned char isSymlink,
+                           const std::vector<std::string>& warnings) {
         const LogCapture log({"General"});
         const YUnixFileMetadata metadata = ConvertUnix(Changed(SampleUnixLink(), [&](auto& header) {
-            header.modeFlags = row.mode;
-            header.attributes = row.attributes;
-            header.isSymlink = row.isSymlink;
+            header.modeFlags = mode;
+            header.attributes = attributes;
+            header.isSymlink = isSymlink;
         }));
-        EXPECT_EQ(log.Texts(), row.warnings) << row.mode;
-        EXPECT_EQ(metadata.IsDirectoryForRestore(), row.attributes == 0x10) << row.mode;
-        EXPECT_EQ(metadata.IsSymbolicLink(), row.isSymlink != 0) << row.mode;
-        EXPECT_EQ(metadata.GetModeFlags(), row.mode);
-    }
+        EXPECT_EQ(log.Texts(), warnings) << mode;
+        EXPECT_EQ(metadata.IsDirectoryForRestore(), attributes == 0x10) << mode;
+        EXPECT_EQ(metadata.IsSymbolicLink(), isSymlink != 0) << mode;
+        EXPECT_EQ(metadata.GetModeFlags(), mode);
+    };
+    expect(0040755, 0x10, 0, {});
+    expect(0100644, 0x10, 0, {directory("0", "0")});
+    expect(0120777, 0, 2, {link("2", "1")});
+    expect(0040755, 0, 1, {link("1", "0"), directory("1", "1")});
 }
 
 TEST(LegacyUnixHeader, DamageIsTold)

@@ -152,18 +152,6 @@ TEST(MetadataRename, MovesAnItemOrReplacesAWhole)
     }
 }
 
-TEST(MetadataRename, OfSeveralPathsTheFirstWithinSurvivesAlone)
-{
-    YWinFileMetadata metadata;
-    metadata.AddPath(JobPath({{0x602, "D:"}, {0x603, "x"}}), "X");
-    metadata.AddPath(JobPath({{0x602, "C:"}, {0x603, "y"}}), "Y");
-    metadata.AddPath(JobPath({{0x602, "C:"}, {0x603, "z"}}), "Z");
-    ASSERT_TRUE(metadata.RenamePath(JobPath({{0x602, "C:"}}), JobPath({{0x602, "t"}})));
-    ASSERT_EQ(metadata.GetFilePathCount(), 1u);
-    EXPECT_EQ(metadata.GetFilePath(0).GetDisplayPath().Bytes(), "t/C/y");
-    EXPECT_TRUE(metadata.GetPaths()[0].second.IsEmpty());
-}
-
 TEST(MetadataRename, NeedsASource)
 {
     YUnixFileMetadata metadata;
