@@ -401,12 +401,13 @@ TEST_F(FileFaults, LogReopens)
                 KRT_LOG_FREE(MessageType::General, "A message of some length, number " << 1);
             });
             if (isDone) {
-                EXPECT_EQ(LinesOf(path).size() + log.GetDroppedCount() - dropped, 4u);
+                const unsigned long long lost = log.GetDroppedCount() - dropped;
+                EXPECT_EQ(LinesOf(path).size() + lost, 4u);
+                EXPECT_TRUE(lost != 0 || ReadFile(path.CStr()).find(", number 1\n") != std::string::npos);
             }
             Backup::Util::OpenOrReopenLog(path, "General");
-            const std::size_t lines = LinesOf(path).size();
             KRT_LOG_FREE(MessageType::General, "Another one, number " << 2);
-            EXPECT_EQ(LinesOf(path).size(), lines + 1) << "the thread's stream works on";
+            EXPECT_TRUE(ReadFile(path.CStr()).ends_with(", number 2\n")) << "the thread's stream works on";
             Krt::Log::GetGlobalRegistrar()->SetEnabledMessages({});
             log.Close();
         },
