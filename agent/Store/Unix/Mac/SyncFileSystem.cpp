@@ -12,8 +12,8 @@ using Krt::Util::RetryOnInterrupt;
 
 void SyncFileSystem(const Krt::Util::YUnxHandle& directory)
 {
-    // sync hands everything to the device; the second call makes the device write what it holds. A file system
-    // that can't flush the device has fsync alone.
+    // sync hands everything to the device; the second call makes the device write what it holds. A file
+    // system that can't flush the device has fsync alone.
     sync();
     if (RetryOnInterrupt([&] { return fcntl(directory.Get(), F_FULLFSYNC); }) < 0 &&
         RetryOnInterrupt([&] { return fsync(directory.Get()); }) < 0)
