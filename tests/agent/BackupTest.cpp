@@ -9,7 +9,6 @@
 #include "Krt/JSON/YValue.h"
 
 #include <sys/stat.h>
-
 #include <tuple>
 
 using namespace Testing;

@@ -12,9 +12,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <sys/stat.h>
-#include <unistd.h>
-
 #include <tuple>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 

@@ -15,7 +15,6 @@
 
 #include <filesystem>
 #include <sys/stat.h>
-
 #include <tuple>
 
 using namespace Backup::File;
