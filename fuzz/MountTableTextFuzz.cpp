@@ -10,7 +10,6 @@
 
 namespace {
 
-using Krt::YString;
 
 std::string TakeField(std::string& line)
 {
