@@ -44,7 +44,7 @@ constexpr FaultKind Kinds[] = {
     {"EACCES once", FaultDomain::SystemCalls, EACCES, 1},
     {"ENOMEM once", FaultDomain::SystemCalls, ENOMEM, 1},
     {"ENOSPC for good", FaultDomain::SystemCalls, ENOSPC, ForGood},
-    {"EMFILE for good", FaultDomain::SystemCalls, EMFILE, ForGood},
+    {"EMFILE for good, and no memory from then on", FaultDomain::SystemCalls, EMFILE, ForGood, true},
     {"EIO once, and no memory from then on", FaultDomain::SystemCalls, EIO, 1, true},
     {"a transfer cut short", FaultDomain::Transfers, 0, 1},
     {"all transfers cut short", FaultDomain::Transfers, 0, ForGood},
