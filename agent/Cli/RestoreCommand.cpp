@@ -3,31 +3,16 @@
 #include "agent/Cli/Interrupt.h"
 #include "agent/Cli/Text.h"
 #include "agent/Restore/RestoreRun.h"
+#include "agent/Restore/Target.h"
 
 #include "Krt/Environment/Host.h"
 #include "Krt/Exception/Raise.h"
 
 #include <CLI/CLI.hpp>
 
-#include <filesystem>
-
 namespace Agent {
 
 namespace {
-
-// Also of a path whose last components are still to be made.
-bool LiesIn(const std::string& path, const std::string& directory)
-{
-    namespace fs = std::filesystem;
-    std::error_code ignored; // what can't be reached is told when it is made
-    fs::path above = fs::weakly_canonical(fs::absolute(path), ignored);
-    while (!fs::equivalent(above, directory, ignored)) {
-        if (above == above.parent_path())
-            return false;
-        above = above.parent_path();
-    }
-    return true;
-}
 
 class RestoreCommand : public ICommand
 {
@@ -65,21 +50,19 @@ CLI::App* RestoreCommand::Register(CLI::App& program)
 void RestoreCommand::Run(Report& report)
 {
     const Store store = Store::Open(m_store);
-    KRT_RAISE_UNLESS(!LiesIn(m_target, m_store), Krt::ErrorCode::InvalidArgument,
-                     m_target.c_str() << " is the store itself or lies in it; nothing is restored there");
-    SnapshotReader snapshot(store, store.FindSnapshot(m_snapshot));
-    snapshot.Verify();
-
-    const Krt::File::YPath target(m_target.c_str());
-    Krt::File::CreatePath(target, true);
-    Krt::Environment::SetFileCreationMask(077);
+    const std::string id = store.FindSnapshot(m_snapshot);
     // The directories on the way to an entry are all held open.
     Krt::Environment::RaiseDescriptorLimit();
+    Krt::File::YDirectory target = OpenTarget(m_target, store.GetDirectory(), report);
+    Krt::Environment::SetFileCreationMask(077);
+    SnapshotReader snapshot(store, id);
+    snapshot.Verify();
+
     std::vector<Krt::File::YPath> paths;
     for (const std::string& path : PathsOf(m_paths))
         paths.push_back(Krt::File::YPath(path.c_str()).AddLeadingSep());
 
-    RestoreRun run(store, Krt::File::YDirectory::OpenFollowing(target), std::move(paths), report);
+    RestoreRun run(store, std::move(target), std::move(paths), report);
     for (SnapshotEntry entry; snapshot.Next(entry);) {
         run.Restore(entry);
         KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState,

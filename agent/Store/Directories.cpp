@@ -6,10 +6,11 @@
 
 namespace Agent {
 
-void MakeDirectoryUnlessThere(const Krt::File::YDirectory& parent, const Krt::YString& name)
+void MakeDirectoryUnlessThere(const Krt::File::YDirectory& parent, const Krt::YString& name,
+                              unsigned int mode)
 {
     try {
-        parent.MakeDirectory(name, 0700);
+        parent.MakeDirectory(name, mode);
     } catch (const Krt::Exception::YError& error) {
         if (error.GetOsError() != EEXIST)
             throw;

@@ -5,7 +5,8 @@
 
 namespace Agent {
 
-/// Mode 0700. Raises the operating system's error.
-void MakeDirectoryUnlessThere(const Krt::File::YDirectory& parent, const Krt::YString& name);
+/// The umask takes bits from the mode. Raises the operating system's error.
+void MakeDirectoryUnlessThere(const Krt::File::YDirectory& parent, const Krt::YString& name,
+                              unsigned int mode = 0700);
 
 } // namespace Agent

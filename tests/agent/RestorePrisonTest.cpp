@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <sys/syscall.h>
+#include <tuple>
 
 using namespace Testing;
 namespace fs = std::filesystem;
@@ -370,6 +371,60 @@ TEST_F(RestorePrison, NobodyGetsRightsByTheListsOfTheTarget)
     EXPECT_EQ(places, 6u);
     EXPECT_EQ(StatusOf("dir").st_mode & 07777, 0770u);
     EXPECT_EQ(StatusOf("without record").st_mode & 07777, 0755u);
+}
+
+TEST_F(RestorePrison, NobodyElseDecidesWhereTheTargetLies)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs two users";
+    const auto own = [&](const std::string& name, uid_t user, mode_t mode) {
+        const std::string path = directory.MakeDirectory(name);
+        return chown(path.c_str(), user, 0) == 0 && chmod(path.c_str(), mode) == 0;
+    };
+    const auto link = [&](const std::string& name, uid_t user) {
+        fs::create_symlink(directory / "outside", directory / name);
+        return lchown((directory / name).c_str(), user, user) == 0;
+    };
+    ASSERT_TRUE(own("shared", 0, 01777) && own("shared/theirs", OrdinaryUser, 0755) &&
+                own("home", OrdinaryUser, 0755) && own("home/theirs", OrdinaryUser, 0755) &&
+                own("home/swapped", OrdinaryUser, 0755) && own("open", 0, 0777) &&
+                link("shared/link", OrdinaryUser) && link("shared/two names", 0) && link("home/link", 0) &&
+                link("open/link", 0));
+    fs::create_symlink("../target", directory / "shared/own link");
+    ASSERT_EQ(::link((directory / "shared/two names").c_str(), (directory / "other name").c_str()), 0);
+    MakeSnapshot([&](Agent::SnapshotWriter& writer) { writer.Add(FileWith({"dir", "file"}, "evil")); });
+    const std::string user = " belongs to the user " + std::to_string(OrdinaryUser);
+    const std::string others = ", and others can write to its directory";
+    const std::tuple<const char*, int, std::string> rows[] = {
+        {"shared/new/new", 0, ""},
+        {"shared/own link", 0, ""},
+        {"shared/theirs/new", 1, "shared/theirs" + user + others},
+        {"shared/link/new", 1, "shared/link is a link that" + user},
+        {"shared/two names", 1, "shared/two names is a link" + others},
+        {"home/theirs/new", 0, ""},
+        {"home/link", 1, "home/link is a link" + others},
+        {"home/swapped", 1, "swapped: Not a directory"},
+        {"open/new", 0, "open can be written to by others, who may put something else in the place"},
+        {"open/link", 1, "open/link is a link" + others},
+    };
+    ProgramSettings attacked;
+    attacked.isLinked = true;
+    attacked.prepare = [&] {
+        static const CallHook hook([&](const HookedCall& call) {
+            if (call.function == "openat" && call.name == "swapped" &&
+                (rename((directory / "home/swapped").c_str(), (directory / "home/moved").c_str()) != 0 ||
+                 !link("home/swapped", OrdinaryUser)))
+                _exit(99);
+        });
+    };
+    for (const auto& [name, exitCode, told] : rows) {
+        target = directory / name;
+        const ProgramResult result = Restore(attacked);
+        EXPECT_EQ(result.exitCode, exitCode) << name << result.errors;
+        EXPECT_TRUE(Holds(result.errors, told)) << name;
+        EXPECT_EQ(fs::exists(target + "/dir/file") && exitCode == 0, exitCode == 0) << name;
+        EXPECT_EQ(DescribeOutside(), before) << name;
+    }
 }
 
 } // namespace

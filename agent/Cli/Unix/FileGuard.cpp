@@ -1,5 +1,6 @@
 #include "agent/Cli/FileGuard.h"
 
+#include "agent/Cli/Unix/NamesAhead.h"
 #include "agent/Cli/Unix/Users.h"
 
 #include "Krt/Exception/Raise.h"
@@ -13,7 +14,6 @@
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 namespace Agent {
 
@@ -50,7 +50,6 @@ public:
     void Check();
 
 private:
-    void Push(const std::string& path);
     void Enter(const std::string& place);
     bool Pass(const std::string& path);
     bool Follow(const std::string& path, const struct stat& link);
@@ -64,9 +63,9 @@ private:
     const bool m_makesFile;
     const uid_t m_user;
     const bool m_guards;
-    std::vector<std::string> m_rest; // the last one comes next
-    std::string m_place;             // no link in it, and nothing for "/"
-    bool m_isShared = false;         // others can write there
+    NamesAhead m_ahead;
+    std::string m_place;     // no link in it, and nothing for "/"
+    bool m_isShared = false; // others can write there
     int m_links = 0;
 };
 
@@ -75,10 +74,9 @@ void Way::Check()
     Enter("");
     if (const std::optional<struct stat> root = Look("/"))
         CheckOwner("/", *root);
-    Push(std::filesystem::absolute(m_path).string());
-    while (!m_rest.empty()) {
-        const std::string name = std::move(m_rest.back());
-        m_rest.pop_back();
+    m_ahead.Push(std::filesystem::absolute(m_path).string());
+    while (!m_ahead.IsEmpty()) {
+        const std::string name = m_ahead.Take();
         if (name == "..")
             Enter(m_place.substr(0, m_place.empty() ? 0 : m_place.rfind('/')));
         else if (!Pass(m_place + "/" + name))
@@ -97,20 +95,6 @@ std::optional<struct stat> Way::Look(const std::string& path) const
     if (m_guards && !isAbsent)
         KRT_RAISE_OS("Failed to stat " << path.c_str());
     return std::nullopt;
-}
-
-// The components go on top, the first one last.
-void Way::Push(const std::string& path)
-{
-    std::size_t end = path.size();
-    while (end != 0) {
-        const std::size_t slash = path.rfind('/', end - 1);
-        const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
-        const std::string name = path.substr(begin, end - begin);
-        if (!name.empty() && name != ".")
-            m_rest.push_back(name);
-        end = slash == std::string::npos ? 0 : slash;
-    }
 }
 
 void Way::Enter(const std::string& place)
@@ -146,7 +130,7 @@ bool Way::Follow(const std::string& path, const struct stat& link)
     const std::string target = ReadLink(path);
     if (target.starts_with('/'))
         Enter("");
-    Push(target);
+    m_ahead.Push(target);
     return ++m_links <= MostLinks;
 }
 
@@ -155,7 +139,7 @@ std::optional<struct stat> Way::LookForMissing(const std::string& path) const
 {
     if (!m_guards || !m_isShared)
         return std::nullopt;
-    const bool isMade = m_makesFile && m_rest.empty() &&
+    const bool isMade = m_makesFile && m_ahead.IsEmpty() &&
                         !Krt::Util::OpenHandle(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0640).IsEmpty();
     const std::optional<struct stat> made = Look(path);
     Refuse(!isMade && !made, path + " doesn't exist, and others can write to its directory");
