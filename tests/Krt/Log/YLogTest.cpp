@@ -190,8 +190,10 @@ TEST_F(YLogTest, RotationUnderLoadOfThreadsKeepsOrCountsEveryLine)
         std::string text;
         const auto rotate = [&] {
             ASSERT_EQ(rename(path.c_str(), (directory / "old").c_str()), 0);
-            if (closesFirst)
+            if (closesFirst) {
                 global.Close();
+                std::this_thread::yield();
+            }
             global.Open(At(path));
             Log::GetGlobalRegistrar()->SetEnabledMessages({"FileIo", "General"});
             text += Testing::ReadFile(directory / "old");
