@@ -71,7 +71,7 @@ protected:
         store = directory / "store";
     }
 
-    // Under faults; the exit code, which is 1 for a program that ended by an exception.
+    // Under faults; the exit code.
     int Run(Faults& faults, std::vector<std::string> arguments) const
     {
         arguments.insert(arguments.begin(), "kbagent");
@@ -85,6 +85,7 @@ protected:
             exitCode = Agent::Run(static_cast<int>(arguments.size()), vector.data());
             return exitCode == 0;
         });
+        EXPECT_NE(exitCode, -1) << "the program ended by an exception";
         return exitCode;
     }
     // Everything that the store names can be read and is right; returns the number of snapshots.
