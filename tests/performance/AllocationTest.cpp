@@ -1,39 +1,51 @@
-// How often what stands on the path of every file asks for memory, which does not depend on how busy the
-// machine is.
+// How often what stands on the path of every file asks for memory, and how much is held at once, which does
+// not depend on how busy the machine is.
+#include "agent/Walk/Roots.h"
+
 #include "Backup/File/YSelectionManager.h"
 #include "Backup/File/YUnixFileMetadata.h"
 
 #include "Krt/JSON/YValue.h"
 #include "Krt/Log/LogSite.h"
 
+#include "testing/SelectionText.h"
+#include "testing/TemporaryDirectory.h"
+
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
+#include <malloc.h>
 #include <new>
 
 namespace {
 
 std::size_t g_allocations = 0;
+std::size_t g_held = 0, g_mostHeld = 0; // in bytes
 
 } // namespace
 
 void* operator new(std::size_t size)
 {
     ++g_allocations;
-    if (void* const memory = std::malloc(size))
-        return memory;
-    throw std::bad_alloc();
+    void* const memory = std::malloc(size);
+    if (memory == nullptr)
+        throw std::bad_alloc();
+    g_held += malloc_usable_size(memory);
+    g_mostHeld = std::max(g_mostHeld, g_held);
+    return memory;
 }
 
 void operator delete(void* memory) noexcept
 {
+    g_held -= malloc_usable_size(memory);
     std::free(memory);
 }
 
 void operator delete(void* memory, std::size_t) noexcept
 {
-    std::free(memory);
+    operator delete(memory);
 }
 
 namespace {
@@ -100,6 +112,28 @@ TEST(Allocations, AreNotMadeByADisabledLogSite)
     EXPECT_EQ(
         AllocationsOf([] { KRT_LOG_FREE(Krt::MessageType::SelectionQuery, std::string(100, 'x').c_str()); }),
         0u);
+}
+
+// What a run of the work holds at once; the second one again.
+std::size_t MostHeldBy(const std::function<void()>& work)
+{
+    work();
+    const std::size_t before = g_mostHeld = g_held;
+    work();
+    return g_mostHeld - before;
+}
+
+TEST(Allocations, OfAJobHoldNoTextBesideItsRules)
+{
+    const Testing::TemporaryDirectory directory;
+    std::string rules = "include /directory exact=name-0";
+    for (int i = 1; i < 500; ++i)
+        rules += "; include /directory exact=name-" + std::to_string(i);
+    const std::string text = YValue::FromObject(Testing::Tree(rules).ToJSON("/")).Stringify(true).Bytes();
+    const std::string file = directory.Write("job", text);
+    const std::size_t fromText =
+        MostHeldBy([&] { Backup::File::YSelectionManager().FromJSON(YValue::Parse(text)->AsObject()); });
+    EXPECT_LT(MostHeldBy([&] { Agent::LoadJob(file, {}); }), fromText + text.size());
 }
 
 } // namespace
