@@ -9,8 +9,8 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iomanip>
+#include <set>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -63,16 +63,15 @@ std::string AttributesOf(const std::string& path)
 {
     std::vector<char> names(65536);
     const ssize_t size = llistxattr(path.c_str(), names.data(), names.size());
-    std::vector<std::string> lines;
+    std::set<std::string> lines;
     for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(std::strlen(&names[at])) + 1) {
         std::string value(65536, '\0');
         const ssize_t length = lgetxattr(path.c_str(), &names[at], value.data(), value.size());
         value.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
         std::ostringstream line;
         line << " " << std::quoted(&names[at]) << "=" << std::quoted(value);
-        lines.push_back(line.str());
+        lines.insert(line.str());
     }
-    std::sort(lines.begin(), lines.end());
     std::string text;
     for (const std::string& line : lines)
         text += line;

@@ -267,6 +267,8 @@ TEST_F(Convert, RenameMovesWhatLiesBelow)
     const std::string file = Component(0x603, "f");
     const std::string job = Component(0x1000, "job");
     const std::string srv = Component(0x602, "srv");
+    const std::string ofHome = UnixRecord(home + "," + file),
+                      moved = UnixRecord(srv + "," + home + "," + file);
     const std::string ofJob = UnixRecord(job + "," + home + "," + file);
     const std::string ods = R"({"metadata_type":"ods","job_path":{"components":[)" + job + "]}}";
     const auto windows = [](const std::string& paths) {
@@ -282,11 +284,12 @@ TEST_F(Convert, RenameMovesWhatLiesBelow)
         std::string renamed;
         int exitCode = 0;
     } cases[] = {
-        {"directory keeps its name", "/home", UnixRecord(home + "," + file),
-         UnixRecord(srv + "," + home + "," + file)},
-        {"file by its path", "/home/f", UnixRecord(home + "," + file), UnixRecord(srv + "," + file)},
-        {"another class gives way", "{\"components\":[" + job + "]}", ofJob,
-         UnixRecord(srv + "," + home + "," + file)},
+        {"directory keeps its name", "/home", ofHome, moved},
+        {"file by its path", "/home/f", ofHome, UnixRecord(srv + "," + file)},
+        {"outside", "/homes", ofHome, ofHome},
+        {"below", "/home/f/x", ofHome, ofHome},
+        {"another class gives way", "{\"components\":[" + job + "]}", ofJob, moved},
+        {"all of the path gives way", "{\"components\":[" + job + "]}", UnixRecord(job), UnixRecord(srv)},
         {"another class is no directory", "/job", ofJob, ofJob},
         {"volume and all paths but one", "C:\\", Golden("metadata-win-file"),
          windows("{\"long\":{\"components\":[" + srv + "," + Component(0x602, "C") + "," +

@@ -128,29 +128,6 @@ TEST(MetadataBase, AnObjectIsOnlyItsOwnKind)
     fitsNeither(windows);
 }
 
-TEST(MetadataRename, MovesAnItemOrReplacesAWhole)
-{
-    const YJobPath root = JobPath({{0, "job"}});
-    const YJobPath file = JobPath({{0, "job"}, {0x602, "a"}, {0x603, "f"}});
-    const YJobPath folder = JobPath({{0, "job"}, {0x602, "a"}});
-    const YJobPath target = JobPath({{0, "other"}, {0x602, "t"}});
-    const std::tuple<const char*, YJobPath, YJobPath, const char*> cases[] = {
-        {"the file itself keeps its name", file, file, "other/t/f"},
-        {"a folder above keeps its name", file, folder, "other/t/a/f"},
-        {"anything else is replaced", file, root, "other/t/a/f"},
-        {"and so is all of the path", root, root, "other/t"},
-        {"not within", folder, file, nullptr},
-        {"another class", JobPath({{0, "job"}, {0x603, "a"}}), folder, nullptr}};
-    for (const auto& [name, path, source, renamed] : cases) {
-        SCOPED_TRACE(name);
-        YUnixFileMetadata metadata;
-        metadata.SetFilePath(path);
-        EXPECT_EQ(metadata.RenamePath(source, target), renamed != nullptr);
-        const std::string expected = renamed ? renamed : path.GetDisplayPath().Bytes();
-        EXPECT_EQ(metadata.GetFilePath(0).GetDisplayPath().Bytes(), expected);
-    }
-}
-
 TEST(MetadataRename, NeedsASource)
 {
     YUnixFileMetadata metadata;
