@@ -422,7 +422,7 @@ TEST_F(RestorePrison, NobodyElseDecidesWhereTheTargetLies)
         const ProgramResult result = Restore(attacked);
         EXPECT_EQ(result.exitCode, exitCode) << name << result.errors;
         EXPECT_TRUE(Holds(result.errors, told)) << name;
-        EXPECT_EQ(fs::exists(target + "/dir/file") && exitCode == 0, exitCode == 0) << name;
+        EXPECT_TRUE(exitCode != 0 || fs::exists(target + "/dir/file")) << name;
         EXPECT_EQ(DescribeOutside(), before) << name;
     }
 }

@@ -36,6 +36,14 @@ private:
     char m_text[2 * Address::Size + 2];
 };
 
+bool Move(const Krt::File::YDirectory& from, const Krt::YString& name, const Krt::File::YDirectory& to,
+          const char* newName)
+{
+    return RetryOnInterrupt([&] {
+               return renameat(from.GetHandle().Get(), name.CStr(), to.GetHandle().Get(), newName);
+           }) == 0;
+}
+
 } // namespace
 
 // Reading costs one call an object. A link for a folder is followed here, and gives whoever made it nothing
@@ -84,9 +92,7 @@ void ObjectFolder::Place(const Krt::File::YDirectory& from,
         if (!folder || address.bytes[0] != current)
             folder.emplace(OpenFolder(place.Folder()));
         current = address.bytes[0];
-        if (RetryOnInterrupt([&] {
-                return renameat(from.GetHandle().Get(), name.CStr(), folder->GetHandle().Get(), place.Name());
-            }) != 0)
+        if (!Move(from, name, *folder, place.Name()))
             KRT_RAISE_OS("Failed to place object: " << place.Text());
     }
 }
