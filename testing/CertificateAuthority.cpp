@@ -165,7 +165,7 @@ std::string Certificate::KeyHash() const
 }
 
 std::string Certificate::RevocationList(const std::vector<Certificate>& revoked, long long nextUpdate,
-                                        const Extensions& extensions) const
+                                        const Extensions& extensions, const Extensions& entryExtensions) const
 {
     const std::shared_ptr<X509_CRL> list(Made(X509_CRL_new()), &X509_CRL_free);
     const std::shared_ptr<ASN1_TIME> start(Made(ASN1_TIME_set(nullptr, JudgementTime - 2000)),
@@ -175,14 +175,16 @@ std::string Certificate::RevocationList(const std::vector<Certificate>& revoked,
     Made(X509_CRL_set_issuer_name(list.get(), X509_get_subject_name(m_certificate.get())));
     Made(X509_CRL_set1_lastUpdate(list.get(), start.get()));
     Made(X509_CRL_set1_nextUpdate(list.get(), end.get()));
+    X509V3_CTX context;
+    X509V3_set_ctx(&context, m_certificate.get(), nullptr, nullptr, list.get(), 0);
     for (const Certificate& certificate : revoked) {
         X509_REVOKED* const entry = Made(X509_REVOKED_new());
         Made(X509_REVOKED_set_serialNumber(entry, X509_get_serialNumber(certificate.m_certificate.get())));
         Made(X509_REVOKED_set_revocationDate(entry, start.get()));
         Made(X509_CRL_add0_revoked(list.get(), entry));
+        AddExtensions(entryExtensions, context,
+                      [&](X509_EXTENSION* extension) { return X509_REVOKED_add_ext(entry, extension, -1); });
     }
-    X509V3_CTX context;
-    X509V3_set_ctx(&context, m_certificate.get(), nullptr, nullptr, list.get(), 0);
     Extensions all = extensions;
     all.try_emplace("authorityKeyIdentifier", "keyid");
     AddExtensions(all, context,

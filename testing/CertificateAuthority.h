@@ -46,10 +46,10 @@ public:
     std::string KeyPem() const;
     /// SHA-256 of the public key, in lower-case digits.
     std::string KeyHash() const;
-    /// PEM, of this issuer.
+    /// PEM, of this issuer. The last extensions are those of each entry.
     std::string RevocationList(const std::vector<Certificate>& revoked,
-                               long long nextUpdate = JudgementTime + 1000,
-                               const Extensions& extensions = {}) const;
+                               long long nextUpdate = JudgementTime + 1000, const Extensions& extensions = {},
+                               const Extensions& entryExtensions = {}) const;
 
 private:
     Certificate(const CertificateForm& form, const Certificate* issuer);

@@ -51,6 +51,7 @@ TEST(YSelectionManager, Deletes)
     YSelectionManager tree = Tree(before);
     tree.Delete("/a/x");
     tree.Delete("/a/b/c/d");
+    tree.Delete("/none/of/these");
     EXPECT_EQ(Words(tree), before);
     EXPECT_FALSE(tree.Delete(Rule("include /a/b any"))) << "an equal rule stands elsewhere";
     EXPECT_FALSE(tree.Delete(Rule("include /a exact=x explicit"))) << "the explicit flag counts";

@@ -143,8 +143,9 @@ TEST(JsonText, GivesBackEveryByteString)
     }
     for (std::size_t length = 4080; length < 4100; ++length) {
         for (const char* tail :
-             {"\xFF\xFE", "\uEF80", "\U0001f600\n", "\xF0\x9F\x98", "\x01\x02", "\xE0\x9F\xBF",
-              "\xF0\x8F\xBF\xBF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xF8\x88\x80\x80\x80"}) {
+             {"\xFF\xFE", "\uEF80", "\U0001f600\n", "\xF0\x9F\x98", "\xF0(\x98\x80", "\xF0\x9F(\x80",
+              "\xF0\x9F\x98(", "\x01\x02", "\xE0\x9F\xBF", "\xF0\x8F\xBF\xBF", "\xED\xA0\x80",
+              "\xF4\x90\x80\x80", "\xF8\x88\x80\x80\x80"}) {
             const std::string bytes = "\n" + std::string(length, 'x') + tail + "end";
             ASSERT_EQ(ThereAndBack(bytes), bytes) << length << " " << tail;
         }
