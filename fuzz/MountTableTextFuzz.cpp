@@ -10,7 +10,6 @@
 
 namespace {
 
-
 std::string TakeField(std::string& line)
 {
     const std::size_t end = std::min(line.find_first_of(" \t"), line.size());

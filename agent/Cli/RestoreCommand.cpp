@@ -50,14 +50,13 @@ CLI::App* RestoreCommand::Register(CLI::App& program)
 void RestoreCommand::Run(Report& report)
 {
     const Store store = Store::Open(m_store);
-    const std::string id = store.FindSnapshot(m_snapshot);
+    SnapshotReader snapshot(store, store.FindSnapshot(m_snapshot));
+    snapshot.Verify();
+
     // The directories on the way to an entry are all held open.
     Krt::Environment::RaiseDescriptorLimit();
     Krt::File::YDirectory target = OpenTarget(m_target, store.GetDirectory(), report);
     Krt::Environment::SetFileCreationMask(077);
-    SnapshotReader snapshot(store, id);
-    snapshot.Verify();
-
     std::vector<Krt::File::YPath> paths;
     for (const std::string& path : PathsOf(m_paths))
         paths.push_back(Krt::File::YPath(path.c_str()).AddLeadingSep());

@@ -124,3 +124,19 @@ TEST_F(LogStart, FailureLeavesTheLogClosedAndWithoutBanner)
         EXPECT_TRUE(!std::filesystem::exists(path) || Text().empty());
     }
 }
+
+// An unpacked archive has no revision.
+TEST(BuildInfoTest, HonoursTheGivenDate)
+{
+    const Testing::TemporaryDirectory directory;
+    std::filesystem::create_directories(directory / "Backup/Util");
+    std::filesystem::copy(SOURCE_DIRECTORY "/Backup/Util/BuildInfo.cpp.in", directory / "Backup/Util");
+    const std::string output = directory / "BuildInfo.cpp";
+    const std::string command = "SOURCE_DATE_EPOCH=86400 '" CMAKE_PROGRAM "' -D VERSION=1.2.3 -D SOURCE='" +
+                                directory.Path() + "' -D OUTPUT='" + output +
+                                "' -P '" SOURCE_DIRECTORY "/cmake/BuildInfo.cmake'";
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+    const std::string text = ReadFile(output);
+    for (const char* const piece : {"\"1.2.3\"", "\"1970-01-02\"", "\"unknown\"", "(C) 1970 "})
+        EXPECT_NE(text.find(piece), std::string::npos) << piece;
+}

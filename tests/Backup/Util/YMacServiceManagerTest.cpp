@@ -87,6 +87,17 @@ TEST_F(YMacServiceManagerTest, InstallPutsTheListInPlace)
     EXPECT_TRUE(programs.elevated);
 }
 
+TEST_F(YMacServiceManagerTest, AnotherReaderUnderstandsTheList)
+{
+    if (std::system("command -v plistutil >/dev/null") != 0)
+        GTEST_SKIP() << "plistutil isn't installed";
+    const std::string again = m_directory / "again";
+    const std::string command =
+        "plistutil -i " GOLDEN_DIRECTORY "/kbagent.plist -f bin | plistutil -f xml -o " + again;
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    EXPECT_EQ(Testing::ReadFile(again), Testing::ReadFile(GOLDEN_DIRECTORY "/kbagent.plist"));
+}
+
 TEST_F(YMacServiceManagerTest, InstallRunsOneLineAndLeavesTheFileWhenThatFails)
 {
     const ProcessRecorder programs([](const auto&) { return 5; });

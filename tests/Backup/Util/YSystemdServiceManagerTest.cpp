@@ -176,6 +176,11 @@ TEST_F(YSystemdServiceManagerTest, WaitsLookUntilTheStateIsThere)
 
 TEST_F(YSystemdServiceManagerTest, MachinesAndUsersThatCannot)
 {
+    {
+        const ProcessRecorder programs([](const auto&) { return 1; });
+        EXPECT_RAISES(m_manager.IsRunning("kbagent"), ErrorCode::ProcessFailed, "IsRunning",
+                      "systemctl is-active exited with status: 1");
+    }
     const ProcessRecorder programs;
     chmod(m_directory.Path().c_str(), 0755);
     chmod(m_units.c_str(), 0555);
