@@ -1,6 +1,6 @@
 #include "agent/Backup/BackupRun.h"
 
-#include "agent/Cli/Interrupt.h"
+#include "agent/Run/Interrupt.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/DeviceNumber.h"

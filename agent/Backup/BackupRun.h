@@ -4,8 +4,8 @@
 #pragma once
 
 #include "agent/Backup/HardLinks.h"
-#include "agent/Cli/EntryCounts.h"
-#include "agent/Cli/Report.h"
+#include "agent/Run/EntryCounts.h"
+#include "agent/Run/Report.h"
 #include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotWriter.h"
 #include "agent/Walk/Walker.h"

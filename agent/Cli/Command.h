@@ -2,7 +2,7 @@
 // them all.
 #pragma once
 
-#include "agent/Cli/Report.h"
+#include "agent/Run/Report.h"
 
 #include <memory>
 #include <stdexcept>

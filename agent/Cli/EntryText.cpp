@@ -1,9 +1,9 @@
 #include "agent/Cli/EntryText.h"
 
-#include "agent/Cli/Text.h"
 #include "agent/Restore/Place.h"
 #include "agent/Restore/RecordedEntry.h"
 #include "agent/Restore/WindowsTime.h"
+#include "agent/Run/Text.h"
 
 #include "Backup/File/YUnixFileMetadata.h"
 #include "Backup/File/YWinFileMetadata.h"

@@ -1,9 +1,9 @@
 #include "agent/Cli/Command.h"
 
 #include "agent/Cli/RecordArguments.h"
-#include "agent/Cli/Text.h"
 #include "agent/Convert/Convert.h"
 #include "agent/Import/ImportRun.h"
+#include "agent/Run/Text.h"
 
 #include "Krt/Environment/Host.h"
 

@@ -1,8 +1,8 @@
 #include "agent/Cli/Command.h"
 
 #include "agent/Cli/EntryText.h"
-#include "agent/Cli/Interrupt.h"
-#include "agent/Cli/Text.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
 #include "agent/Store/SnapshotReader.h"
 
 #include "Krt/Exception/Raise.h"

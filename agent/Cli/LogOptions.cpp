@@ -1,6 +1,6 @@
 #include "agent/Cli/LogOptions.h"
 
-#include "agent/Cli/FileGuard.h"
+#include "agent/Run/FileGuard.h"
 
 #include "Backup/Util/Util.h"
 

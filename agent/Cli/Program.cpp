@@ -1,11 +1,11 @@
 #include "agent/Cli/Program.h"
 
 #include "agent/Cli/Command.h"
-#include "agent/Cli/FileGuard.h"
-#include "agent/Cli/Interrupt.h"
 #include "agent/Cli/LogOptions.h"
-#include "agent/Cli/StandardStreams.h"
-#include "agent/Cli/Text.h"
+#include "agent/Run/FileGuard.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/StandardStreams.h"
+#include "agent/Run/Text.h"
 #include "agent/Store/StoreSession.h"
 
 #include "Backup/Core/YGlobal.h"

@@ -1,8 +1,8 @@
 #include "agent/Cli/Command.h"
 
 #include "agent/Cli/RecordArguments.h"
-#include "agent/Cli/Text.h"
 #include "agent/Convert/Convert.h"
+#include "agent/Run/Text.h"
 
 #include <CLI/CLI.hpp>
 

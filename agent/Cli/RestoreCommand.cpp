@@ -1,9 +1,9 @@
 #include "agent/Cli/Command.h"
 
-#include "agent/Cli/Interrupt.h"
-#include "agent/Cli/Text.h"
 #include "agent/Restore/RestoreRun.h"
 #include "agent/Restore/Target.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
 
 #include "Krt/Environment/Host.h"
 #include "Krt/Exception/Raise.h"

@@ -1,7 +1,7 @@
 #include "agent/Cli/Command.h"
 
-#include "agent/Cli/Interrupt.h"
-#include "agent/Cli/Text.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
 
 #include "Backup/Util/ServiceManager.h"
 

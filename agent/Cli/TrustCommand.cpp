@@ -1,6 +1,6 @@
 #include "agent/Cli/Command.h"
 
-#include "agent/Cli/Text.h"
+#include "agent/Run/Text.h"
 #include "agent/Trust/Handshake.h"
 
 #include "Backup/Core/OpenSSL.h"

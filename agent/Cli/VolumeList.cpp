@@ -1,8 +1,8 @@
 #include "agent/Cli/VolumeList.h"
 
-#include "agent/Cli/AnswerWithin.h"
-#include "agent/Cli/Interrupt.h"
-#include "agent/Cli/Text.h"
+#include "agent/Run/AnswerWithin.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
 
 #include "Backup/File/Unix/DescentPolicy.h"
 #include "Backup/Volume/Unix/Util.h"

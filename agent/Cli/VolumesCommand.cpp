@@ -1,9 +1,9 @@
 #include "agent/Cli/Command.h"
 
-#include "agent/Cli/StandardStreams.h"
-#include "agent/Cli/Text.h"
 #include "agent/Cli/TextTable.h"
 #include "agent/Cli/VolumeList.h"
+#include "agent/Run/StandardStreams.h"
+#include "agent/Run/Text.h"
 
 #include "Backup/Volume/Unix/Util.h"
 

@@ -1,5 +1,5 @@
-#include "agent/Cli/AnswerWithin.h"
 #include "agent/Cli/Program.h"
+#include "agent/Run/AnswerWithin.h"
 
 #include <cstdio>
 #include <cstdlib>

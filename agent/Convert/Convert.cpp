@@ -1,7 +1,7 @@
 #include "agent/Convert/Convert.h"
 
-#include "agent/Cli/Text.h"
 #include "agent/Convert/PathMapping.h"
+#include "agent/Run/Text.h"
 
 #include "Krt/String/Printable.h"
 

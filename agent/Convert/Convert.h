@@ -2,9 +2,9 @@
 // modern form.
 #pragma once
 
-#include "agent/Cli/Report.h"
 #include "agent/Convert/KnownKeys.h"
 #include "agent/Convert/RecordReader.h"
+#include "agent/Run/Report.h"
 
 #include "Backup/File/YMetadataBase.h"
 

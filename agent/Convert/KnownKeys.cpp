@@ -1,6 +1,6 @@
 #include "agent/Convert/KnownKeys.h"
 
-#include "agent/Cli/Report.h"
+#include "agent/Run/Report.h"
 
 #include "Krt/JSON/YValue.h"
 

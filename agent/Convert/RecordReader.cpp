@@ -1,6 +1,6 @@
 #include "agent/Convert/RecordReader.h"
 
-#include "agent/Cli/Text.h"
+#include "agent/Run/Text.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 #include "agent/Import/ImportRun.h"
 
-#include "agent/Cli/Interrupt.h"
-#include "agent/Cli/Text.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
 
 #include "Krt/Exception/Raise.h"
 

@@ -2,10 +2,10 @@
 // record that fails is reported and the run goes on; a store that fails ends it by a StoreError.
 #pragma once
 
-#include "agent/Cli/EntryCounts.h"
-#include "agent/Cli/Report.h"
 #include "agent/Import/ContentFolder.h"
 #include "agent/Restore/RecordedEntry.h"
+#include "agent/Run/EntryCounts.h"
+#include "agent/Run/Report.h"
 #include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotWriter.h"
 

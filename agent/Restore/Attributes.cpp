@@ -1,6 +1,6 @@
 #include "agent/Restore/Attributes.h"
 
-#include "agent/Cli/Text.h"
+#include "agent/Run/Text.h"
 
 #include "Krt/Exception/YError.h"
 #include "Krt/Log/YStream.h"

@@ -1,8 +1,8 @@
 #include "agent/Restore/RestoreRun.h"
 
-#include "agent/Cli/Interrupt.h"
-#include "agent/Cli/Text.h"
 #include "agent/Restore/SparseWriter.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
 #include "agent/Store/Durable.h"
 #include "agent/Store/Hex.h"
 

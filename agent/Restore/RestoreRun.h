@@ -3,11 +3,11 @@
 // system does not let have all its attributes, is reported and the run goes on.
 #pragma once
 
-#include "agent/Cli/EntryCounts.h"
-#include "agent/Cli/Report.h"
 #include "agent/Restore/RecordedEntry.h"
 #include "agent/Restore/TargetTree.h"
 #include "agent/Restore/VolumeNames.h"
+#include "agent/Run/EntryCounts.h"
+#include "agent/Run/Report.h"
 #include "agent/Store/ObjectReader.h"
 #include "agent/Store/SnapshotReader.h"
 

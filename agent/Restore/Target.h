@@ -1,7 +1,7 @@
 // The directory that a restore writes into, reached so that nobody else decides where it lies.
 #pragma once
 
-#include "agent/Cli/Report.h"
+#include "agent/Run/Report.h"
 
 #include "Krt/File/YDirectory.h"
 

@@ -1,6 +1,6 @@
 #include "agent/Restore/TargetTree.h"
 
-#include "agent/Cli/Text.h"
+#include "agent/Run/Text.h"
 #include "agent/Store/Durable.h"
 
 #include "Krt/Environment/Host.h"

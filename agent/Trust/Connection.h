@@ -2,7 +2,7 @@
 // interrupted, which raises InvalidState.
 #pragma once
 
-#include "agent/Trust/Arguments.h"
+#include "agent/Cli/TrustArguments.h"
 
 #include "Krt/Util/YUnxHandle.h"
 

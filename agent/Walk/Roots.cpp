@@ -1,6 +1,6 @@
 #include "agent/Walk/Roots.h"
 
-#include "agent/Cli/FileGuard.h"
+#include "agent/Run/FileGuard.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/JSON/YValue.h"

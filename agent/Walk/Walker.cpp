@@ -1,6 +1,6 @@
 #include "agent/Walk/Walker.h"
 
-#include "agent/Cli/Text.h"
+#include "agent/Run/Text.h"
 #include "agent/Walk/NameList.h"
 
 #include "Backup/File/Unix/DescentPolicy.h"

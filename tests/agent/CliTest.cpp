@@ -1,6 +1,6 @@
 // What the program tells: text that can't forge a line, exit codes, and output that is never lost unnoticed.
 #include "agent/Cli/Command.h"
-#include "agent/Cli/Text.h"
+#include "agent/Run/Text.h"
 
 #include "testing/ProgramFixture.h"
 

@@ -1,5 +1,5 @@
 // Root's program takes its configuration, job and log only from where nobody else can change them.
-#include "agent/Cli/FileGuard.h"
+#include "agent/Run/FileGuard.h"
 
 #include "testing/AccessList.h"
 #include "testing/OrdinaryUser.h"

@@ -1,5 +1,5 @@
 // Names of any bytes come back from records, stores, logs and terminals, and none forges a line on the way.
-#include "agent/Cli/Text.h"
+#include "agent/Run/Text.h"
 
 #include "testing/AwkwardNames.h"
 #include "testing/LogCapture.h"

@@ -1,7 +1,7 @@
 // What the volumes command tells of each mount, and how it fits a terminal.
-#include "agent/Cli/AnswerWithin.h"
 #include "agent/Cli/TextTable.h"
 #include "agent/Cli/VolumeList.h"
+#include "agent/Run/AnswerWithin.h"
 
 #include "testing/MountNamespace.h"
 #include "testing/MountTable.h"

@@ -4,7 +4,7 @@
 #include "testing/ProgramFixture.h"
 #include "testing/SelectionText.h"
 
-#include "agent/Cli/Text.h"
+#include "agent/Run/Text.h"
 
 #include "Krt/JSON/YValue.h"
 

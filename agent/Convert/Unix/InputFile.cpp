@@ -1,6 +1,6 @@
 #include "agent/Convert/InputFile.h"
 
-#include "agent/Cli/Interrupt.h"
+#include "agent/Run/Interrupt.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/Util/Retry.h"

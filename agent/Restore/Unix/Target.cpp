@@ -1,8 +1,8 @@
 #include "agent/Restore/Target.h"
 
-#include "agent/Cli/FileGuard.h"
-#include "agent/Cli/Unix/NamesAhead.h"
-#include "agent/Cli/Unix/Users.h"
+#include "agent/Run/FileGuard.h"
+#include "agent/Run/Unix/NamesAhead.h"
+#include "agent/Run/Unix/Users.h"
 #include "agent/Store/Directories.h"
 
 #include "Krt/Exception/Raise.h"

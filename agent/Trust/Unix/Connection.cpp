@@ -1,7 +1,7 @@
 #include "agent/Trust/Connection.h"
 
-#include "agent/Cli/AnswerWithin.h"
-#include "agent/Cli/Interrupt.h"
+#include "agent/Run/AnswerWithin.h"
+#include "agent/Run/Interrupt.h"
 
 #include "Krt/Exception/Raise.h"
 

@@ -1,4 +1,4 @@
-#include "agent/Cli/Interrupt.h"
+#include "agent/Run/Interrupt.h"
 
 #include <csignal>
 

@@ -1,4 +1,4 @@
-#include "agent/Trust/Arguments.h"
+#include "agent/Cli/TrustArguments.h"
 
 #include "agent/Cli/Command.h"
 

@@ -1,7 +1,7 @@
-#include "agent/Cli/FileGuard.h"
+#include "agent/Run/FileGuard.h"
 
-#include "agent/Cli/Unix/NamesAhead.h"
-#include "agent/Cli/Unix/Users.h"
+#include "agent/Run/Unix/NamesAhead.h"
+#include "agent/Run/Unix/Users.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/Util/OpenHandle.h"

@@ -4,7 +4,7 @@
 // time.
 #pragma once
 
-#include "agent/Cli/Output.h"
+#include "agent/Run/Output.h"
 
 #include "Krt/String/YString.h"
 

@@ -1,7 +1,7 @@
 // Asks what may never answer, such as a file server that is gone, without waiting for ever.
 #pragma once
 
-#include "agent/Cli/Interrupt.h"
+#include "agent/Run/Interrupt.h"
 
 #include "Krt/Exception/Raise.h"
 

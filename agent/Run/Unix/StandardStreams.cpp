@@ -1,4 +1,4 @@
-#include "agent/Cli/StandardStreams.h"
+#include "agent/Run/StandardStreams.h"
 
 #include <cstdlib>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "agent/Cli/Unix/NamesAhead.h"
+#include "agent/Run/Unix/NamesAhead.h"
 
 namespace Agent {
 

@@ -1,4 +1,4 @@
-#include "agent/Cli/Unix/Users.h"
+#include "agent/Run/Unix/Users.h"
 
 #include <cerrno>
 #include <sys/acl.h>

@@ -1,4 +1,4 @@
-#include "agent/Cli/Text.h"
+#include "agent/Run/Text.h"
 
 #include "Krt/String/Printable.h"
 

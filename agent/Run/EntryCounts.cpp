@@ -1,4 +1,4 @@
-#include "agent/Cli/EntryCounts.h"
+#include "agent/Run/EntryCounts.h"
 
 #include <sys/stat.h>
 

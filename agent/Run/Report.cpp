@@ -1,7 +1,7 @@
-#include "agent/Cli/Report.h"
+#include "agent/Run/Report.h"
 
-#include "agent/Cli/StandardStreams.h"
-#include "agent/Cli/Text.h"
+#include "agent/Run/StandardStreams.h"
+#include "agent/Run/Text.h"
 
 #include <cstdio>
 #include <string>

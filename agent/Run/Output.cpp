@@ -1,4 +1,4 @@
-#include "agent/Cli/Output.h"
+#include "agent/Run/Output.h"
 
 #include "Krt/Exception/Raise.h"
 
