@@ -265,8 +265,10 @@ TEST(CertificateTrust, PinStandsForTheAnchorAlone)
         {"weak key", pinned(Set(&Scene::serverForm, &CertificateForm::rsaBits, 1024)), KeyTooWeak},
         {"weak signature", pinned(Set(&Scene::serverForm, &CertificateForm::digest, "SHA1")),
          SignatureTooWeak},
-        {"on the second list", lists([](Scene& s) -> List {
-             return {s.middle->RevocationList({}), s.middle->RevocationList({*s.server})};
+        {"on the third list", lists([](Scene& s) -> List {
+             return {s.middle->RevocationList({}),
+                     s.middle->RevocationList({}, Now + 1, {{"authorityKeyIdentifier", "critical,keyid"}}),
+                     s.middle->RevocationList({*s.server})};
          }),
          "certificate revoked"},
         {"not on the list", lists([](Scene& s) -> List { return {s.middle->RevocationList({*s.middle})}; })},
