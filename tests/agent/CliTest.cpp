@@ -5,6 +5,7 @@
 #include "testing/ProgramFixture.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <tuple>
 
 using namespace Agent;
@@ -76,7 +77,11 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
         {"empty path", {"restore", "--store", store, "--to", to, ""}, 2, "is empty"},
         {"option without its value", {"restore", "--store", store, "--to=", to}, 2, "is empty: '--to='"},
         {"name like an option", {"backup", "--store", to, "--", "--odd="}, 3, "--odd=: Failed to stat"},
-        {"restore into the store", {"restore", "--store", store, "--to", inStore}, 1, "or lies in it"},
+        {"restore into the store",
+         {"restore", "--store", store, "--snapshot", "2", "--to", inStore},
+         1,
+         "or lies in it"},
+        {"restore of a damaged one", {"restore", "--store", store, "--to", to + "/x"}, 1, "is damaged"},
         {"a damaged one", {"list", "--store", store}, 3, "Snapshot 9-damaged is damaged at offset 0"},
     };
     for (const auto& [name, arguments, exitCode, told] : cases) {
@@ -85,6 +90,7 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
         EXPECT_EQ(result.exitCode, exitCode) << result.errors;
         EXPECT_TRUE(Testing::Holds(exitCode == 0 ? result.output : result.errors, told));
     }
+    EXPECT_FALSE(std::filesystem::exists(to + "/x")) << "a target for a damaged snapshot";
 }
 
 TEST_F(Cli, PathsThatLookLikeListsArePaths)
