@@ -41,8 +41,8 @@ CLI::App* RestoreCommand::Register(CLI::App& program)
     m_paths = AddPathArguments(*command, "Restore only these entries, as list shows them, with all below");
     command->footer(
         "An entry /a/b is restored as TARGET/a/b. Files that stand there are replaced. Nothing is ever\n"
-        "written outside TARGET: no link on the way is followed. The volume of a Windows path becomes a\n"
-        "plain directory: C:\\a is restored as TARGET/C/a.\n\n"
+        "written outside TARGET: no link below it is followed, and none of another user's on the way to\n"
+        "it. The volume of a Windows path becomes a plain directory: C:\\a is restored as TARGET/C/a.\n\n"
         "Example: kbagent restore --store /backup/store --to /tmp/restored /etc/hosts");
     return command;
 }
