@@ -30,3 +30,8 @@ if(BACKUP_SANITIZE)
     "-fsanitize=${BACKUP_SANITIZE}" -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(BackupCompiler INTERFACE "-fsanitize=${BACKUP_SANITIZE}")
 endif()
+
+# For tests, which run for milliseconds and compile for seconds: what is tested is optimized, the test isn't.
+add_library(BackupTestCompiler INTERFACE)
+target_link_libraries(BackupTestCompiler INTERFACE BackupCompiler)
+target_compile_options(BackupTestCompiler INTERFACE "$<$<NOT:$<CONFIG:Debug>>:-O0;-g1>")
