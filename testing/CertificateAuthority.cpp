@@ -174,7 +174,8 @@ std::string Certificate::RevocationList(const std::vector<Certificate>& revoked,
     Made(X509_CRL_set_version(list.get(), 1));
     Made(X509_CRL_set_issuer_name(list.get(), X509_get_subject_name(m_certificate.get())));
     Made(X509_CRL_set1_lastUpdate(list.get(), start.get()));
-    Made(X509_CRL_set1_nextUpdate(list.get(), end.get()));
+    if (nextUpdate != NoEnd)
+        Made(X509_CRL_set1_nextUpdate(list.get(), end.get()));
     X509V3_CTX context;
     X509V3_set_ctx(&context, m_certificate.get(), nullptr, nullptr, list.get(), 0);
     for (const Certificate& certificate : revoked) {

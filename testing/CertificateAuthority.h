@@ -46,6 +46,7 @@ public:
     std::string KeyPem() const;
     /// SHA-256 of the public key, in lower-case digits.
     std::string KeyHash() const;
+    static constexpr long long NoEnd = 0;
     /// PEM, of this issuer. The last extensions are those of each entry.
     std::string RevocationList(const std::vector<Certificate>& revoked,
                                long long nextUpdate = JudgementTime + 1000, const Extensions& extensions = {},

@@ -274,6 +274,8 @@ TEST(CertificateTrust, PinStandsForTheAnchorAlone)
         {"not on the list", lists([](Scene& s) -> List { return {s.middle->RevocationList({*s.middle})}; })},
         {"list expired", lists([](Scene& s) -> List { return {s.middle->RevocationList({}, Now - 1)}; }),
          "CRL has expired"},
+        {"list without an end",
+         lists([](Scene& s) -> List { return {s.middle->RevocationList({}, Certificate::NoEnd)}; })},
         {"list not yet valid",
          [&](Scene& s) {
              lists([](Scene& t) -> List { return {t.middle->RevocationList({})}; })(s);
@@ -407,13 +409,15 @@ TEST(CertificateTrust, UnusableArgumentsRaise)
         options = TrustOptions();
     };
     const std::string noName = "Not a host name or an IP address: '";
+    const std::string longLabel = "a." + std::string(64, 'b');
     std::string tooLong = "a";
     while (tooLong.size() <= 253)
         tooLong += ".a";
     for (const std::string host : {"",          tooLong.c_str(), ".",     "a..b",        ".example",
                                    "*.example", "a b",           "1.2.3", "01.2.3.4",    "1.2.3.4.5",
                                    "1.2.3.256", "0x7f000001",    "1.0X4", "[a.example]", "[1.2.3.4]",
-                                   "[]",        "::1::",         "1:2",   "::+1.2.3.4",  "a/b"})
+                                   "[]",        "::1::",         "1:2",   "::+1.2.3.4",  "a/b",
+                                   "g::1",      "::1.2.3",       "a.0X1", "[::1",        longLabel.c_str()})
         refuses(noName + host + "'", host);
     const std::string international = "b\u00fccher.example";
     refuses(noName + international + "'; an international name is given as A-labels (xn--...)",
