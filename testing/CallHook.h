@@ -3,6 +3,8 @@
 // it.
 #pragma once
 
+#include "testing/Program.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <dlfcn.h>
@@ -57,6 +59,15 @@ private:
     std::function<void(const HookedCall&)> m_action;
     static inline CallHook* s_current = nullptr;
 };
+
+/// For a run of the program with this action before its calls.
+inline ProgramSettings Hooked(const std::function<void(const HookedCall&)>& action)
+{
+    const auto prepare = [action] {
+        static const CallHook hook(action);
+    };
+    return {.user = 0, .prepare = prepare, .isLinked = true};
+}
 
 template <class Function>
 Function* Unhooked(const char* name)

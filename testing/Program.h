@@ -22,7 +22,7 @@ struct ProgramSettings
     /// Other than 0, and as root, the program runs as that user and group, without further groups.
     unsigned int user = 0;
     /// Called in the program's process before it begins.
-    std::function<void()> prepare;
+    std::function<void()> prepare = {};
     /// Runs what is linked into the test instead of the program's file, with what stands in there for
     /// functions of the C library.
     bool isLinked = false;

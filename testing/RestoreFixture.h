@@ -10,9 +10,15 @@
 #include "testing/Tree.h"
 
 #include <optional>
-#include <sys/stat.h>
 
 namespace Testing {
+
+/// An entry of a snapshot, and what its file holds.
+struct Recorded
+{
+    Agent::SnapshotEntry entry;
+    std::optional<std::string> content = std::nullopt;
+};
 
 class RestoreFixture : public ProgramFixture
 {
@@ -30,79 +36,71 @@ protected:
     std::string DescribeOutside() const
     {
         const std::string outside = directory / "outside";
-        struct stat status = {};
-        EXPECT_EQ(lstat(outside.c_str(), &status), 0);
+        const struct stat status = Status(outside);
         return std::to_string(status.st_mode) + " " + std::to_string(status.st_mtim.tv_nsec) + "\n" +
                DescribeTree(outside, {.links = false, .identity = true});
     }
 
-    static Agent::SnapshotEntry EntryOf(const Backup::File::YMetadataBase& metadata)
+    static Recorded EntryOf(const Backup::File::YMetadataBase& metadata,
+                            std::optional<std::string> content = std::nullopt)
     {
-        Agent::SnapshotEntry entry;
-        entry.record = metadata.ToJSON();
-        return entry;
+        Recorded recorded{.entry = {}, .content = std::move(content)};
+        recorded.entry.record = metadata.ToJSON();
+        return recorded;
     }
-    static Agent::SnapshotEntry Directory(const Names& names, unsigned int mode = 0755)
+    static Recorded Directory(const Names& names, unsigned int mode = 0755)
     {
         return EntryOf(UnixRecord(names, S_IFDIR | mode));
     }
-    static Agent::SnapshotEntry LinkTo(const Names& names, const std::string& linkTarget)
+    static Recorded LinkTo(const Names& names, const std::string& linkTarget)
     {
         return EntryOf(UnixRecord(names, S_IFLNK | 0777, 0, linkTarget));
     }
-    Agent::SnapshotEntry WithContent(Agent::SnapshotEntry entry, const std::string& content)
+    static Recorded FileWith(const Names& names, const std::string& content, unsigned long long group = 0)
     {
-        entry.content = WriteObject(*m_writer, content);
-        return entry;
+        Recorded recorded = EntryOf(UnixRecord(names, S_IFREG | 0644, content.size()), content);
+        recorded.entry.hardLinkGroup = group;
+        return recorded;
     }
-    Agent::SnapshotEntry FileWith(const Names& names, const std::string& content,
-                                  unsigned long long group = 0)
+    static Recorded WindowsFile(const std::vector<Names>& paths, const std::string& content,
+                                unsigned int attributes = 0x20)
     {
-        Agent::SnapshotEntry entry =
-            WithContent(EntryOf(UnixRecord(names, S_IFREG | 0644, content.size())), content);
-        entry.hardLinkGroup = group;
-        return entry;
+        return EntryOf(WindowsRecord(paths, attributes, content.size()), content);
     }
-    Agent::SnapshotEntry WindowsFile(const std::vector<Names>& paths, const std::string& content,
-                                     unsigned int attributes = 0x20)
+    Krt::File::YDirectory OpenTarget() const
     {
-        return WithContent(EntryOf(WindowsRecord(paths, attributes, content.size())), content);
+        return Krt::File::YDirectory::Open(Krt::File::YPath(target.c_str()));
     }
-    struct stat StatusOf(const std::string& name) const
-    {
-        struct stat status = {};
-        EXPECT_EQ(lstat((target + "/" + name).c_str(), &status), 0) << name;
-        return status;
-    }
+    struct stat StatusOf(const std::string& name) const { return Status(target + "/" + name); }
 
-    /// Runs `fill` with a snapshot to fill.
-    template <class Fill>
-    void MakeSnapshot(Fill fill)
+    void MakeSnapshot(const std::vector<Recorded>& entries) const
     {
         const Agent::Store opened = Agent::Store::OpenOrCreate(store);
         Agent::StoreSession session(opened);
-        m_writer.emplace(session);
-        Agent::SnapshotWriter writer(session, Agent::SnapshotHeader());
-        fill(writer);
-        writer.Finish(0, 0);
-        m_writer.reset();
+        Agent::ObjectWriter objects(session);
+        Agent::SnapshotWriter snapshot(session, Agent::SnapshotHeader());
+        for (auto [entry, content] : entries) {
+            if (content)
+                entry.content = WriteObject(objects, *content);
+            snapshot.Add(entry);
+        }
+        snapshot.Finish(0, 0);
     }
-    ProgramResult Restore(const ProgramSettings& settings = {},
+    /// Of the latest snapshot; the paths are those to restore.
+    ProgramResult Restore(int exitCode, const ProgramSettings& settings = {},
                           const std::vector<std::string>& paths = {}) const
     {
-        std::vector<std::string> arguments = {"restore", "--store", store, "--to", target};
+        std::vector<std::string> arguments = {"restore", "--to", target};
         arguments.insert(arguments.end(), paths.begin(), paths.end());
-        return RunProgram(arguments, settings);
+        return Run(exitCode, arguments, settings);
     }
-    template <class Fill>
-    ProgramResult RestoreOf(Fill fill, const std::vector<std::string>& paths = {})
+    ProgramResult RestoreOf(int exitCode, const std::vector<Recorded>& entries) const
     {
-        MakeSnapshot(fill);
-        return Restore({}, paths);
+        MakeSnapshot(entries);
+        return Restore(exitCode);
     }
 
     std::string before;
-    std::optional<Agent::ObjectWriter> m_writer;
 };
 
 } // namespace Testing

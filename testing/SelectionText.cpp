@@ -99,4 +99,9 @@ YSelectionManager Tree(const std::string& rules)
     return tree;
 }
 
+std::string JobText(const std::string& rules)
+{
+    return Krt::JSON::YValue::FromObject(Tree(rules).ToJSON("/")).Stringify(true).Bytes();
+}
+
 } // namespace Testing

@@ -18,5 +18,7 @@ std::string Words(const Krt::File::YPath& path, const Backup::File::YSelectionDe
 std::string Words(const Backup::File::YSelectionManager& tree);
 /// A tree to which the rules were added in order.
 Backup::File::YSelectionManager Tree(const std::string& rules);
+/// The job file of such a tree.
+std::string JobText(const std::string& rules);
 
 } // namespace Testing

@@ -25,7 +25,7 @@ constexpr const char* TemporaryPrefix = ".kbagent-restore-";
 class RestorePrison : public RestoreFixture
 {
 protected:
-    static Agent::SnapshotEntry FifoAt(const Names& names, unsigned int mode = 0640)
+    static Recorded FifoAt(const Names& names, unsigned int mode = 0640)
     {
         return EntryOf(UnixRecord(names, S_IFIFO | mode));
     }
@@ -39,12 +39,11 @@ protected:
     {
         for (const fs::directory_entry& entry : fs::directory_iterator(target))
             fs::remove_all(entry.path());
-        fs::create_directories(target + "/d/sub");
-        fs::create_directory(target + "/other");
+        const std::string outside = directory / "outside/dir";
+        MakeTree(target,
+                 {Dir("d"), Dir("d/sub"), Dir("other"), Link("to outside", outside),
+                  Link("to outside sub", outside + "/sub"), Link("to outside file", outside + "/file")});
         Plant("planted");
-        fs::create_symlink(directory / "outside/dir", target + "/to outside");
-        fs::create_symlink(directory / "outside/dir/sub", target + "/to outside sub");
-        fs::create_symlink(directory / "outside/dir/file", target + "/to outside file");
     }
     // Makes everything reachable for somebody who owns the target and nothing else.
     void OpenToOrdinaryUser() const
@@ -54,87 +53,54 @@ protected:
     }
 };
 
-const Names Hostile[] = {{"..", "outside", "file"},
-                         {"a", "..", "..", "outside", "file"},
-                         {".", "file"},
-                         {"", "file"},
-                         {"../outside/file"},
-                         {"/etc/passwd"},
-                         {"a/../../outside", "x"},
-                         {std::string("a\0b", 3)}};
-
 TEST_F(RestorePrison, RefusesComponentsThatCouldLeaveTheTarget)
 {
-    for (const Names& names : Hostile) {
-        const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-            writer.Add(FileWith(names, "evil"));
-            writer.Add(Directory(names));
-            writer.Add(LinkTo(names, "evil"));
-            writer.Add(FileWith({"good"}, "good"));
-        });
-        EXPECT_EQ(result.exitCode, 3) << names.front() << result.errors;
-        EXPECT_NE(result.errors.find("Refused"), std::string::npos) << result.errors;
+    const Names hostile[] = {{"..", "outside", "file"},
+                             {"a", "..", "..", "outside", "file"},
+                             {".", "file"},
+                             {"", "file"},
+                             {"../outside/file"},
+                             {"/etc/passwd"},
+                             {"a/../../outside", "x"},
+                             {std::string("a\0b", 3)}};
+    for (const Names& names : hostile) {
+        const ProgramResult result = RestoreOf(3, {FileWith(names, "evil"), Directory(names),
+                                                   LinkTo(names, "evil"), FileWith({"good"}, "good")});
+        EXPECT_TRUE(Holds(result.errors, "Refused"));
         EXPECT_EQ(ReadFile(target + "/good"), "good");
-        EXPECT_EQ(std::distance(fs::directory_iterator(target), fs::directory_iterator()), 1)
-            << names.front();
+        EXPECT_EQ(std::distance(fs::directory_iterator(target), {}), 1) << names.front();
     }
-}
-
-TEST_F(RestorePrison, AnImportLeadsNowhereElse)
-{
-    std::string records;
-    for (const Names& names : Hostile) {
-        Names path = names;
-        path.insert(path.begin(), "C:");
-        records += Line(WindowsRecord({{"C:", "good"}, path}, 0x20, 4).ToJSON());
-        records += Line(UnixRecord(names, S_IFLNK | 0777, 0, directory / "outside").ToJSON());
-    }
-    directory.Write("contents/C:/good", "good");
-    const ProgramResult import = RunProgram({"import", "--store", store, "--contents", directory / "contents",
-                                             directory.Write("records", records)});
-    EXPECT_EQ(import.exitCode, 3) << import.errors;
-    const ProgramResult result = Restore();
-    EXPECT_EQ(result.exitCode, 3) << result.errors;
-    EXPECT_EQ(ReadFile(target + "/C/good"), "good");
-    EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), 2);
 }
 
 TEST_F(RestorePrison, FollowsNoLinkOnTheWay)
 {
-    fs::create_symlink(directory / "outside", target + "/planted");
-    fs::create_symlink(directory / "outside/file", target + "/leaf");
-    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(FileWith({"planted", "file"}, "evil"));
-        writer.Add(Directory({"planted", "dir"}, 0700));
-        writer.Add(Directory({"planted"}, 0700));
-        writer.Add(LinkTo({"restored"}, directory / "outside"));
-        writer.Add(FileWith({"restored", "dir", "file"}, "evil"));
-        writer.Add(FileWith({"leaf"}, "in its place"));
-        writer.Add(LinkTo({"twice"}, directory / "outside/file"));
-        writer.Add(FileWith({"twice"}, "in its place"));
-    });
-    EXPECT_EQ(result.exitCode, 3);
-    EXPECT_TRUE(fs::is_symlink(target + "/planted"));
-    EXPECT_TRUE(fs::is_symlink(target + "/restored"));
-    EXPECT_FALSE(fs::is_symlink(target + "/leaf"));
-    EXPECT_EQ(ReadFile(target + "/leaf"), "in its place");
-    EXPECT_FALSE(fs::is_symlink(target + "/twice"));
+    MakeTree(target, {Link("planted", directory / "outside"), Link("leaf", directory / "outside/file")});
+    RestoreOf(3, {FileWith({"planted", "file"}, "evil"), Directory({"planted", "dir"}, 0700),
+                  Directory({"planted"}, 0700), LinkTo({"restored"}, directory / "outside"),
+                  FileWith({"restored", "dir", "file"}, "evil"), FileWith({"leaf"}, "in its place"),
+                  LinkTo({"twice"}, directory / "outside/file"), FileWith({"twice"}, "in its place")});
+    for (const char* name : {"/planted", "/restored"})
+        EXPECT_TRUE(fs::is_symlink(target + name)) << name;
+    for (const char* name : {"/leaf", "/twice"}) {
+        EXPECT_FALSE(fs::is_symlink(target + name)) << name;
+        EXPECT_EQ(ReadFile(target + name), "in its place") << name;
+    }
 }
 
 TEST_F(RestorePrison, HardLinksStayInsideTheTarget)
 {
     Plant("name of a file outside");
-    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(FileWith({"dir", "first"}, "content", 1));
+    MakeSnapshot({
+        FileWith({"dir", "first"}, "content", 1),
         // The first name gives way to a link to the outside; the second name must not become a name of that.
-        writer.Add(LinkTo({"dir", "first"}, directory / "outside/file"));
-        writer.Add(FileWith({"second"}, "content", 1));
+        LinkTo({"dir", "first"}, directory / "outside/file"),
+        FileWith({"second"}, "content", 1),
         // A group whose first name was refused.
-        writer.Add(FileWith({"..", "outside", "file"}, "evil", 2));
-        writer.Add(FileWith({"third"}, "of its own", 2));
-        writer.Add(FileWith({"name of a file outside"}, "in its place"));
+        FileWith({"..", "outside", "file"}, "evil", 2),
+        FileWith({"third"}, "of its own", 2),
+        FileWith({"name of a file outside"}, "in its place"),
     });
-    EXPECT_EQ(result.exitCode, 3);
+    Restore(3);
     EXPECT_EQ(ReadFile(target + "/second"), "content");
     EXPECT_FALSE(fs::is_symlink(target + "/second"));
     EXPECT_EQ(ReadFile(target + "/third"), "of its own");
@@ -143,18 +109,15 @@ TEST_F(RestorePrison, HardLinksStayInsideTheTarget)
 
 TEST_F(RestorePrison, AWayOfSeveralNamesFollowsNoLinkOnAnyKernel)
 {
-    using Krt::File::YDirectory;
-    const YDirectory root = YDirectory::Open(Krt::File::YPath(target.c_str()));
+    const Krt::File::YDirectory root = OpenTarget();
+    Krt::File::YDirectory deepest = OpenTarget();
     const std::vector<Krt::YString> tooLong(20, Krt::YString(std::string(250, 'n')));
-    std::vector<YDirectory> levels;
     for (const Krt::YString& name : tooLong) {
-        const YDirectory& above = levels.empty() ? root : levels.back();
-        above.MakeDirectory(name, 0755);
-        levels.push_back(above.OpenDirectory(name));
+        deepest.MakeDirectory(name, 0755);
+        deepest = deepest.OpenDirectory(name);
     }
-    fs::create_directories(target + "/a/b/c");
-    fs::create_symlink("b", target + "/a/link");
-    fs::create_symlink(directory / "outside", target + "/outside");
+    MakeTree(target, {Dir("a"), Dir("a/b"), Dir("a/b/c"), Link("a/link", "b"),
+                      Link("outside", directory / "outside")});
     const ino_t expected = StatusOf("a/b/c").st_ino;
     for (const bool isOld : {false, true}) {
         EXPECT_TRUE(HoldsAsOrdinaryUser([&] {
@@ -165,61 +128,45 @@ TEST_F(RestorePrison, AWayOfSeveralNamesFollowsNoLinkOnAnyKernel)
                 return CatchError([&] { way(names); }).has_value();
             };
             return (!isOld || TakeAwaySystemCall(SYS_openat2)) && way({"a", "b", "c"}) == expected &&
-                   way(tooLong) == levels.back().Stat().st_ino && fails({"a", "link", "c"}) &&
+                   way(tooLong) == deepest.Stat().st_ino && fails({"a", "link", "c"}) &&
                    fails({"outside", "dir"}) && fails({"a", "..", "a"}) && fails({"a", "link"});
         })) << isOld;
     }
 }
 
-struct Race
-{
-    const char* label;
-    const char* a;
-    const char* b;
-};
-
 // Outside there is an entry of each name that the restore makes below "d".
-const Race Races[] = {
-    {"a parent and a link", "d", "to outside"},
-    {"a directory below and a link", "d/sub", "to outside sub"},
-    {"a leaf and a link", "d/file", "to outside file"},
-    {"a leaf and a further name", "d/file", "planted"},
-    {"a FIFO and a further name", "d/fifo", "planted"},
-    {"a directory and a further name", "d/sub", "planted"},
-    {"a parent and the directory beside it", "d", "other"},
-};
-
 TEST_F(RestorePrison, HoldsWhileSomebodySwapsWhatStandsThere)
 {
     constexpr unsigned long EnoughSwaps = 2000;
-    MakeSnapshot([&](Agent::SnapshotWriter& writer) {
-        for (unsigned long long group = 1; group <= 15; ++group) {
-            writer.Add(Directory({"d"}, 0750));
-            writer.Add(FileWith({"d", "file"}, "evil"));
-            writer.Add(LinkTo({"d", "link"}, "evil"));
-            writer.Add(FifoAt({"d", "fifo"}));
-            writer.Add(Directory({"d", "sub"}, 0711));
-            writer.Add(FileWith({"d", "sub", "file"}, "evil"));
-            writer.Add(FileWith({"d", "sub", "first"}, "evil", group));
-            writer.Add(FileWith({"other", "second"}, "evil", group));
-        }
-    });
-    ProgramSettings oldKernel;
-    oldKernel.prepare = [] {
+    constexpr std::pair<const char*, const char*> Races[] = {
+        {"d", "to outside"},   {"d/sub", "to outside sub"}, {"d/file", "to outside file"},
+        {"d/file", "planted"}, {"d/fifo", "planted"},       {"d/sub", "planted"},
+        {"d", "other"}};
+    std::vector<Recorded> entries;
+    for (unsigned long long group = 1; group <= 15; ++group) {
+        for (const Recorded& entry :
+             {Directory({"d"}, 0750), FileWith({"d", "file"}, "evil"), LinkTo({"d", "link"}, "evil"),
+              FifoAt({"d", "fifo"}), Directory({"d", "sub"}, 0711), FileWith({"d", "sub", "file"}, "evil"),
+              FileWith({"d", "sub", "first"}, "evil", group), FileWith({"other", "second"}, "evil", group)})
+            entries.push_back(entry);
+    }
+    MakeSnapshot(entries);
+    const auto makeKernelOld = [] {
         TakeAwaySystemCall(SYS_openat2);
     };
     unsigned long allSwaps = 0;
-    for (const Race& race : Races) {
-        for (const ProgramSettings& settings : {ProgramSettings{}, oldKernel}) {
+    for (const auto& [a, b] : Races) {
+        for (const ProgramSettings& settings : {ProgramSettings{}, {.prepare = makeKernelOld}}) {
             unsigned long swaps = 0;
             do {
                 PlantForRaces();
-                const Flipper flipper(target + "/" + race.a, target + "/" + race.b);
-                const ProgramResult result = Restore(settings);
-                EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 3) << race.label << result.errors;
+                const Flipper flipper(target + "/" + a, target + "/" + b);
+                const ProgramResult result =
+                    RunProgram({"restore", "--store", store, "--to", target}, settings);
+                EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 3) << a << result.errors;
                 swaps += flipper.GetSwaps();
             } while (swaps < EnoughSwaps);
-            EXPECT_EQ(DescribeOutside(), before) << race.label;
+            EXPECT_EQ(DescribeOutside(), before) << a << " and " << b;
             allSwaps += swaps;
         }
     }
@@ -231,13 +178,10 @@ TEST_F(RestorePrison, WhatIsBeingMadeCannotBeSwappedForAFileOutside)
     if (geteuid() != 0)
         GTEST_SKIP() << "needs two users";
     OpenToOrdinaryUser();
-    MakeSnapshot([&](Agent::SnapshotWriter& writer) {
-        auto fifo = UnixRecord({"fifo"}, S_IFIFO | 0640);
-        fifo.SetUserId(1234);
-        fifo.SetLastWriteTime(1500000000);
-        writer.Add(EntryOf(fifo));
-        writer.Add(FileWith({"file"}, "content"));
-    });
+    auto record = UnixRecord({"fifo"}, S_IFIFO | 0640);
+    record.SetUserId(1234);
+    record.SetLastWriteTime(1500000000);
+    MakeSnapshot({EntryOf(record), FileWith({"file"}, "content")});
     const struct
     {
         std::string function; // before which it is swapped
@@ -254,23 +198,17 @@ TEST_F(RestorePrison, WhatIsBeingMadeCannotBeSwappedForAFileOutside)
     ASSERT_EQ(chown((target + "/of their own").c_str(), OrdinaryUser, OrdinaryUser), 0);
     for (const auto& row : rows) {
         Plant("planted");
-        ProgramSettings attacked;
-        attacked.isLinked = true;
-        attacked.prepare = [&] {
-            static const CallHook hook([&](const HookedCall& call) {
-                if (call.function != row.function || !call.name.starts_with(TemporaryPrefix))
-                    return;
-                if (call.name.size() != std::strlen(TemporaryPrefix) + 16)
-                    _exit(98); // 64 random bits, which nobody guesses
-                directory.Write(row.function, "tried");
-                const bool isLowered = seteuid(OrdinaryUser) == 0;
-                SwapEntries(call.descriptor, call.name, AT_FDCWD, target + "/" + row.other);
-                if (!isLowered || seteuid(0) != 0)
-                    _exit(99);
-            });
-        };
-        const ProgramResult result = Restore(attacked);
-        EXPECT_EQ(result.exitCode, row.exitCode) << row.function << result.errors;
+        Restore(row.exitCode, Hooked([&](const HookedCall& call) {
+                    if (call.function != row.function || !call.name.starts_with(TemporaryPrefix))
+                        return;
+                    if (call.name.size() != std::strlen(TemporaryPrefix) + 16)
+                        _exit(98); // 64 random bits, which nobody guesses
+                    directory.Write(row.function, "tried");
+                    const bool isLowered = seteuid(OrdinaryUser) == 0;
+                    SwapEntries(call.descriptor, call.name, AT_FDCWD, target + "/" + row.other);
+                    if (!isLowered || seteuid(0) != 0)
+                        _exit(99);
+                }));
         EXPECT_TRUE(fs::exists(directory / row.function)) << row.function;
         EXPECT_EQ(DescribeOutside(), before) << row.function;
         const struct stat fifo = StatusOf("fifo");
@@ -284,21 +222,18 @@ TEST_F(RestorePrison, WhatIsBeingMadeCannotBeSwappedForAFileOutside)
 
 TEST_F(RestorePrison, WhatReplacesADirectoryGetsNothingOfIts)
 {
-    const struct
-    {
-        const char* replacement;
-        mode_t mode;
-    } rows[] = {{"another directory", 0755}, {"another directory", 0500}, {"planted", 0500}};
-    for (const auto& row : rows) {
-        const fs::path place = target + "/dir";
+    constexpr std::pair<const char*, mode_t> Rows[] = {
+        {"another directory", 0755}, {"another directory", 0500}, {"planted", 0500}};
+    const fs::path place = target + "/dir";
+    Plant("planted");
+    for (const auto& [name, mode] : Rows) {
+        const std::string replacement = target + "/" + name;
         fs::create_directories(place);
         fs::create_directories(target + "/another directory");
-        if (!fs::exists(target + "/planted"))
-            Plant("planted");
-        chmod(place.c_str(), row.mode);
+        chmod(place.c_str(), mode);
         OpenToOrdinaryUser();
-        for (const char* name : {"dir", row.replacement})
-            ASSERT_TRUE(geteuid() != 0 || chown((target + "/" + name).c_str(), OrdinaryUser, 0) == 0);
+        for (const std::string& path : {place.string(), replacement})
+            ASSERT_TRUE(geteuid() != 0 || chown(path.c_str(), OrdinaryUser, 0) == 0);
         const timespec old[2] = {{5, 0}, {5, 0}};
         utimensat(AT_FDCWD, place.c_str(), old, 0);
         before = DescribeOutside();
@@ -307,44 +242,30 @@ TEST_F(RestorePrison, WhatReplacesADirectoryGetsNothingOfIts)
             bool isSwapped = false;
             const CallHook hook([&](const HookedCall& call) {
                 if (!isSwapped && call.name == "dir" && call.function != "fstatat")
-                    isSwapped = SwapEntries(AT_FDCWD, place, AT_FDCWD, target + "/" + row.replacement);
+                    isSwapped = SwapEntries(AT_FDCWD, place, AT_FDCWD, replacement);
             });
-            Agent::TargetTree tree(Krt::File::YDirectory::Open(Krt::File::YPath(target.c_str())), "staging",
-                                   [](const auto&, const auto&) {});
+            Agent::TargetTree tree(OpenTarget(), "staging", [](const auto&, const auto&) {});
             return CatchError([&] { tree.ParentOf({"dir", "new"}).MakeDirectory("new", 0700); }) && isSwapped;
-        })) << row.replacement;
-        EXPECT_EQ(DescribeOutside(), before) << row.replacement;
-        ASSERT_TRUE(SwapEntries(AT_FDCWD, place, AT_FDCWD, target + "/" + row.replacement));
-        EXPECT_EQ(DescribeTree(target), held) << row.replacement;
+        })) << name;
+        EXPECT_EQ(DescribeOutside(), before) << name;
+        ASSERT_TRUE(SwapEntries(AT_FDCWD, place, AT_FDCWD, replacement));
+        EXPECT_EQ(DescribeTree(target), held) << name;
     }
 }
 
 TEST_F(RestorePrison, SetUserIdComesBehindTheOwner)
 {
-    MakeSnapshot([&](Agent::SnapshotWriter& writer) {
-        Agent::SnapshotEntry entry = WithContent(EntryOf(UnixRecord({"file"}, S_IFREG | 06755, 1)), "x");
-        writer.Add(entry);
-    });
-    ProgramSettings watched;
-    watched.isLinked = true;
-    watched.prepare = [] {
-        static const CallHook hook([](const HookedCall& call) {
-            struct stat status;
-            if (call.function == "fchown" &&
-                (fstat(call.descriptor, &status) != 0 || (status.st_mode & 07777) != 0600))
-                _exit(99);
-        });
-    };
-    const ProgramResult result = Restore(watched);
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    auto record = UnixRecord({"file"}, S_IFREG | 06755, 1);
+    MakeSnapshot({EntryOf(record, "x")});
+    Restore(0, Hooked([](const HookedCall& call) {
+                struct stat status;
+                if (call.function == "fchown" &&
+                    (fstat(call.descriptor, &status) != 0 || (status.st_mode & 07777) != 0600))
+                    _exit(99);
+            }));
     EXPECT_EQ(StatusOf("file").st_mode & 07777, 06755u);
-
-    const ProgramResult ownerless = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        auto record = UnixRecord({"file"}, S_IFREG | 06755, 1);
-        record.SetUserId(Krt::File::KeepOwner);
-        writer.Add(WithContent(EntryOf(record), "x"));
-    });
-    EXPECT_EQ(ownerless.exitCode, 3) << ownerless.errors;
+    record.SetUserId(Krt::File::KeepOwner);
+    RestoreOf(3, {EntryOf(record, "x")});
     EXPECT_EQ(StatusOf("file").st_mode & 07777, 02755u);
 }
 
@@ -354,14 +275,9 @@ TEST_F(RestorePrison, NobodyGetsRightsByTheListsOfTheTarget)
     if (!GiveAccessList(target, "default") || !GiveAccessList(target + "/standing", "default") ||
         !GiveAccessList(target + "/standing", "access"))
         GTEST_SKIP() << "this file system keeps no access lists";
-    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(Directory({"standing"}, 0750));
-        writer.Add(Directory({"dir"}, 0770));
-        writer.Add(FileWith({"dir", "file"}, "secret"));
-        writer.Add(FileWith({"without record", "file"}, "secret"));
-        writer.Add(FifoAt({"fifo"}, 0660));
-    });
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    RestoreOf(0,
+              {Directory({"standing"}, 0750), Directory({"dir"}, 0770), FileWith({"dir", "file"}, "secret"),
+               FileWith({"without record", "file"}, "secret"), FifoAt({"fifo"}, 0660)});
     unsigned int places = 0;
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(target)) {
         for (const char* list : {"system.posix_acl_access", "system.posix_acl_default"})
@@ -392,7 +308,7 @@ TEST_F(RestorePrison, NobodyElseDecidesWhereTheTargetLies)
                 link("open/link", 0));
     fs::create_symlink("../target", directory / "shared/own link");
     ASSERT_EQ(::link((directory / "shared/two names").c_str(), (directory / "other name").c_str()), 0);
-    MakeSnapshot([&](Agent::SnapshotWriter& writer) { writer.Add(FileWith({"dir", "file"}, "evil")); });
+    MakeSnapshot({FileWith({"dir", "file"}, "evil")});
     const std::string user = " belongs to the user " + std::to_string(OrdinaryUser);
     const std::string others = ", and others can write to its directory";
     const std::tuple<const char*, int, std::string> rows[] = {
@@ -407,21 +323,15 @@ TEST_F(RestorePrison, NobodyElseDecidesWhereTheTargetLies)
         {"open/new", 0, "open can be written to by others, who may put something else in the place"},
         {"open/link", 1, "open/link is a link" + others},
     };
-    ProgramSettings attacked;
-    attacked.isLinked = true;
-    attacked.prepare = [&] {
-        static const CallHook hook([&](const HookedCall& call) {
-            if (call.function == "openat" && call.name == "swapped" &&
-                (rename((directory / "home/swapped").c_str(), (directory / "home/moved").c_str()) != 0 ||
-                 !link("home/swapped", OrdinaryUser)))
-                _exit(99);
-        });
-    };
+    const ProgramSettings attacked = Hooked([&](const HookedCall& call) {
+        if (call.function == "openat" && call.name == "swapped" &&
+            (rename((directory / "home/swapped").c_str(), (directory / "home/moved").c_str()) != 0 ||
+             !link("home/swapped", OrdinaryUser)))
+            _exit(99);
+    });
     for (const auto& [name, exitCode, told] : rows) {
         target = directory / name;
-        const ProgramResult result = Restore(attacked);
-        EXPECT_EQ(result.exitCode, exitCode) << name << result.errors;
-        EXPECT_TRUE(Holds(result.errors, told)) << name;
+        EXPECT_TRUE(Holds(Restore(exitCode, attacked).errors, told)) << name;
         EXPECT_TRUE(exitCode != 0 || fs::exists(target + "/dir/file")) << name;
         EXPECT_EQ(DescribeOutside(), before) << name;
     }

@@ -12,9 +12,7 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -70,15 +68,8 @@ namespace {
 
 TEST_F(RestoreProgram, DirectoriesOutOfOrderKeepTheirTimesAndModes)
 {
-    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(Directory({"a"}, 0555));
-        writer.Add(FileWith({"a", "1"}, "1"));
-        writer.Add(Directory({"b"}, 0500));
-        writer.Add(FileWith({"b", "2"}, "2"));
-        writer.Add(FileWith({"a", "3"}, "3"));
-        writer.Add(FileWith({"a", "deep", "4"}, "4"));
-    });
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    RestoreOf(0, {Directory({"a"}, 0555), FileWith({"a", "1"}, "1"), Directory({"b"}, 0500),
+                  FileWith({"b", "2"}, "2"), FileWith({"a", "3"}, "3"), FileWith({"a", "deep", "4"}, "4")});
     EXPECT_EQ(StatusOf("a").st_mode & 07777, 0555u);
     EXPECT_EQ(StatusOf("a").st_mtime, 1000000000);
     EXPECT_EQ(ReadFile(target + "/a/3"), "3");
@@ -88,64 +79,55 @@ TEST_F(RestoreProgram, DirectoriesOutOfOrderKeepTheirTimesAndModes)
 TEST_F(RestoreProgram, ARestoreCutShortLeavesDirectoriesAsTheyWere)
 {
     // Of the first one nothing changes, so it matters not that only its owner could set its times.
-    fs::create_directories(target + "/foreign/own");
-    chmod(directory.Path().c_str(), 0755);
-    chmod(target.c_str(), 0755);
-    chmod((target + "/foreign").c_str(), 0755);
-    chmod((target + "/foreign/own").c_str(), 0500);
-    const bool isGivenAway = geteuid() != 0 || chown((target + "/foreign/own").c_str(), OrdinaryUser, 0) == 0;
-    ASSERT_TRUE(isGivenAway);
+    const std::string foreign = target + "/foreign", own = foreign + "/own";
+    fs::create_directories(own);
+    for (const std::string& path : {directory.Path(), target, foreign})
+        chmod(path.c_str(), 0755);
+    chmod(own.c_str(), 0500);
+    ASSERT_TRUE(geteuid() != 0 || chown(own.c_str(), OrdinaryUser, 0) == 0);
     EXPECT_TRUE(HoldsAsOrdinaryUser([&] {
         bool refused = false;
         {
-            Agent::TargetTree tree(Krt::File::YDirectory::Open(Krt::File::YPath(target.c_str())), "staging",
+            Agent::TargetTree tree(OpenTarget(), "staging",
                                    [&](const auto&, const auto&) { refused = true; });
             tree.ParentOf({"foreign", "own", "new"}).MakeDirectory("new", 0700);
         }
         return !refused;
     }));
     EXPECT_EQ(StatusOf("foreign/own").st_mode & 07777, 0500u);
-    EXPECT_TRUE(fs::is_directory(target + "/foreign/own/new"));
+    EXPECT_TRUE(fs::is_directory(own + "/new"));
 }
 
 TEST_F(RestoreProgram, GoesDeeperThanTheUsualLimitOfDescriptors)
 {
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlimit low{50, limit.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
-    const ProgramResult result =
-        RestoreOf([&](Agent::SnapshotWriter& writer) { writer.Add(FileWith(Names(60, "d"), "deep")); });
-    setrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    MakeSnapshot({FileWith(Names(60, "d"), "deep")});
+    const auto lower = [] {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = 50;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    };
+    Restore(0, {.prepare = lower});
 }
 
 TEST_F(RestoreProgram, WhatStandsThereStaysWhenAnEntryFails)
 {
-    fs::create_directory(target + "/dir");
-    std::ofstream(target + "/kept") << "old content";
-    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(FileWith({"dir"}, "a file for a directory"));
-        writer.Add(FileWith({"kept", "below a file"}, "x"));
-        Agent::SnapshotEntry missing = FileWith({"kept"}, "gone");
-        missing.content->bytes[0] ^= 1;
-        writer.Add(missing);
-        writer.Add(FileWith({"good"}, "good"));
-    });
-    EXPECT_EQ(result.exitCode, 3);
+    MakeTree(target, {Dir("dir"), File("kept", "old content")});
+    Recorded missing = FileWith({"kept"}, "gone");
+    missing.content.reset();
+    missing.entry.content.emplace();
+    RestoreOf(3, {FileWith({"dir"}, "a file for a directory"), FileWith({"kept", "below a file"}, "x"),
+                  missing, FileWith({"good"}, "good")});
     EXPECT_EQ(ReadFile(target + "/kept"), "old content");
     EXPECT_TRUE(fs::is_directory(target + "/dir"));
     EXPECT_EQ(ReadFile(target + "/good"), "good");
-    EXPECT_EQ(std::distance(fs::directory_iterator(target), fs::directory_iterator()), 3)
-        << "no temporary stays";
+    EXPECT_EQ(std::distance(fs::directory_iterator(target), {}), 3) << "no temporary stays";
 }
 
 TEST_F(RestoreProgram, WhatCannotBeKeptIsToldThoughItWasWritten)
 {
     // A further name at the place of the first one is no name to move there.
-    MakeSnapshot([&](Agent::SnapshotWriter& writer) {
-        writer.Add(WindowsFile({{"C:", "file"}, {"C", "file"}}, "content"));
-    });
+    MakeSnapshot({WindowsFile({{"C:", "file"}, {"C", "file"}}, "content")});
     const struct
     {
         Failing failing;
@@ -156,13 +138,10 @@ TEST_F(RestoreProgram, WhatCannotBeKeptIsToldThoughItWasWritten)
                 {Failing::Sync, 1, "error: Failed to write to disk", 2},
                 {Failing::RemovalOfName, 3, "/C/file: temporary name not removed: ", 3}};
     for (const auto& row : rows) {
-        ProgramSettings settings;
-        settings.isLinked = true;
-        settings.prepare = [&row] {
+        const auto fail = [&row] {
             s_failing = row.failing;
         };
-        const ProgramResult result = Restore(settings);
-        EXPECT_EQ(result.exitCode, row.exitCode) << row.told;
+        const ProgramResult result = Restore(row.exitCode, {.prepare = fail, .isLinked = true});
         EXPECT_TRUE(Holds(result.errors, row.told));
         EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), row.entries) << row.told;
     }
@@ -170,44 +149,35 @@ TEST_F(RestoreProgram, WhatCannotBeKeptIsToldThoughItWasWritten)
 
 TEST_F(RestoreProgram, ADamagedSnapshotIsRefusedBeforeAnything)
 {
-    RestoreOf([&](Agent::SnapshotWriter& writer) { writer.Add(FileWith({"file"}, "content")); });
-    fs::remove(target + "/file");
+    MakeSnapshot({FileWith({"file"}, "content")});
     for (const fs::directory_entry& entry : fs::directory_iterator(store + "/snapshots"))
         fs::resize_file(entry.path(), entry.file_size() - 3);
-    Run(1, {"restore", "--to", target});
+    Restore(1);
     EXPECT_TRUE(fs::is_empty(target));
 }
 
 TEST_F(RestoreProgram, RestoresOnlyWhatIsNamed)
 {
-    const auto fill = [&](Agent::SnapshotWriter& writer) {
-        writer.Add(Directory({"a"}));
-        writer.Add(FileWith({"a", "1"}, "1"));
-        writer.Add(FileWith({"ab"}, "2"));
-        writer.Add(FileWith({"b"}, "3"));
-    };
-    EXPECT_EQ(RestoreOf(fill, {"/a"}).exitCode, 0);
+    MakeSnapshot({Directory({"a"}), FileWith({"a", "1"}, "1"), FileWith({"ab"}, "2"), FileWith({"b"}, "3")});
+    Restore(0, {}, {"/a"});
     EXPECT_TRUE(fs::exists(target + "/a/1"));
     EXPECT_FALSE(fs::exists(target + "/ab"));
-    const ProgramResult result = RestoreOf(fill, {"/b", "/missing"});
-    EXPECT_EQ(result.exitCode, 3);
-    EXPECT_TRUE(Holds(result.errors, "/missing"));
+    EXPECT_TRUE(Holds(Restore(3, {}, {"/b", "/missing"}).errors, "/missing"));
     EXPECT_TRUE(fs::exists(target + "/b"));
 }
 
 TEST_F(RestoreProgram, VolumesOfOneDirectoryReplaceNoFileOfEachOther)
 {
-    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(EntryOf(WindowsRecord({{"C:", "dir"}}, 0x10)));
-        writer.Add(WindowsFile({{"C:", "dir", "file"}}, "first"));
-        writer.Add(EntryOf(WindowsRecord({{"C", "dir"}}, 0x10)));
-        writer.Add(WindowsFile({{"C", "dir", "file"}}, "of the other volume"));
-        writer.Add(WindowsFile({{"C", "dir", "more"}}, "more"));
-        writer.Add(WindowsFile({{"C:", "two names"}, {"C", "two names"}}, "2"));
-        writer.Add(WindowsFile({{"\\\\?\\C:", "two names"}}, "the same volume"));
+    MakeSnapshot({
+        EntryOf(WindowsRecord({{"C:", "dir"}}, 0x10)),
+        WindowsFile({{"C:", "dir", "file"}}, "first"),
+        EntryOf(WindowsRecord({{"C", "dir"}}, 0x10)),
+        WindowsFile({{"C", "dir", "file"}}, "of the other volume"),
+        WindowsFile({{"C", "dir", "more"}}, "more"),
+        WindowsFile({{"C:", "two names"}, {"C", "two names"}}, "2"),
+        WindowsFile({{"\\\\?\\C:", "two names"}}, "the same volume"),
     });
-    EXPECT_EQ(result.exitCode, 3);
-    EXPECT_EQ(result.errors,
+    EXPECT_EQ(Restore(3).errors,
               "kbagent: /C/dir/file: Not restored: what stands in its place may be of the volume C:, "
               "which is restored into the same directory\n");
     EXPECT_EQ(ReadFile(target + "/C/dir/file"), "first");
@@ -217,11 +187,9 @@ TEST_F(RestoreProgram, VolumesOfOneDirectoryReplaceNoFileOfEachOther)
 
 TEST_F(RestoreProgram, SeveralPathsOfARecordAreNamesOfOneFile)
 {
-    const auto fill = [&](Agent::SnapshotWriter& writer) {
-        writer.Add(WindowsFile({{"C:", "1"}, {"C:", "..", "2"}, {"C:", "3", "3"}, {"C", "1"}, {"C:", "4"}},
-                               "content"));
-    };
-    const ProgramResult some = RestoreOf(fill, {"/C/3", "C/4"});
+    MakeSnapshot({WindowsFile({{"C:", "1"}, {"C:", "..", "2"}, {"C:", "3", "3"}, {"C", "1"}, {"C:", "4"}},
+                              "content")});
+    const ProgramResult some = Restore(3, {}, {"/C/3", "C/4"});
     EXPECT_TRUE(Holds(some.output, "2 entries restored"));
     EXPECT_EQ(ReadFile(target + "/C/3/3"), "content");
     EXPECT_EQ(StatusOf("C/4").st_ino, StatusOf("C/3/3").st_ino);
@@ -229,10 +197,8 @@ TEST_F(RestoreProgram, SeveralPathsOfARecordAreNamesOfOneFile)
 
     // A directory in the first one's place leaves the content to the next one.
     fs::create_directory(target + "/C/1");
-    const ProgramResult all = RestoreOf(fill);
-    EXPECT_EQ(all.exitCode, 3);
-    EXPECT_TRUE(Holds(all.errors, "C:/../2: Refused") && Holds(all.errors, "/C/1: A directory stands"))
-        << all.errors;
+    const std::string errors = Restore(3).errors;
+    EXPECT_TRUE(Holds(errors, "C:/../2: Refused") && Holds(errors, "/C/1: A directory stands")) << errors;
     EXPECT_EQ(StatusOf("C/4").st_ino, StatusOf("C/3/3").st_ino);
     EXPECT_EQ(StatusOf("C/4").st_nlink, 2u);
     EXPECT_TRUE(fs::is_directory(target + "/C/1"));
@@ -242,21 +208,21 @@ TEST_F(RestoreProgram, RecordsWithoutAFileAreToldAndListed)
 {
     auto mixed = UnixRecord({}, S_IFDIR | 0755);
     mixed.SetFilePath(JobPath({{0x602, "a"}, {0x700, "b"}, {0x602, "c"}}));
-    const ProgramResult result = RestoreOf([&](Agent::SnapshotWriter& writer) {
-        writer.Add(EntryOf(Backup::File::YOdsMetadata(JobPath({{0x700, "server"}, {0x700, "object"}}))));
-        writer.Add(EntryOf(WindowsRecord({{"C:", "link"}}, 0x420)));
-        writer.Add(EntryOf(mixed));
-        writer.Add(EntryOf(WindowsRecord({{"C:", "nothing"}}, 0x20)));
-        writer.Add(WindowsFile({}, "no path"));
-        writer.Add(Directory({}));
-        writer.Add(WindowsFile({{":?", "no name"}}, "x"));
-        writer.Add(WindowsFile({{"C:", "good"}, {"\\\\?\\D:", "two"}}, "good", 0x27));
+    MakeSnapshot({
+        EntryOf(Backup::File::YOdsMetadata(JobPath({{0x700, "server"}, {0x700, "object"}}))),
+        EntryOf(WindowsRecord({{"C:", "link"}}, 0x420)),
+        EntryOf(mixed),
+        EntryOf(WindowsRecord({{"C:", "nothing"}}, 0x20)),
+        WindowsFile({}, "no path"),
+        Directory({}),
+        WindowsFile({{":?", "no name"}}, "x"),
+        WindowsFile({{"C:", "good"}, {"\\\\?\\D:", "two"}}, "good", 0x27),
     });
-    EXPECT_EQ(result.exitCode, 3);
+    const std::string errors = Restore(3).errors;
     for (const char* told : {"/server/object: An ODS object is no file", "/C/link: A reparse point",
                              "/C/nothing: The snapshot has no content", "Entry 5: The record has no path",
                              "Entry 6: The record has no path", ":?/no name: Refused"})
-        EXPECT_TRUE(Holds(result.errors, told));
+        EXPECT_TRUE(Holds(errors, told));
     EXPECT_EQ(StatusOf("D/two").st_ino, StatusOf("C/good").st_ino);
     EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), 7);
 
