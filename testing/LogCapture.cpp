@@ -57,4 +57,12 @@ std::vector<std::string> LogCapture::Texts() const
     return texts;
 }
 
+std::string LogCapture::Text() const
+{
+    std::string text;
+    for (const std::string& each : Texts())
+        text += each + "\n";
+    return text;
+}
+
 } // namespace Testing

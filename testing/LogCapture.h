@@ -19,6 +19,8 @@ public:
     std::vector<std::string> Lines() const;
     /// The same without the thread id, so "YFile: Read 3 bytes ...".
     std::vector<std::string> Texts() const;
+    /// Those in one, with a line feed behind each.
+    std::string Text() const;
 
 private:
     TemporaryDirectory m_directory;

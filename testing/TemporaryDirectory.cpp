@@ -55,4 +55,11 @@ std::string ReadFile(const std::string& path)
     return bytes.str();
 }
 
+struct stat StatusOf(const std::string& path)
+{
+    struct stat status = {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    return status;
+}
+
 } // namespace Testing

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <sys/stat.h>
 
 namespace Testing {
 
@@ -28,5 +29,7 @@ private:
 
 /// The bytes of a file; fails the test if it can't be read.
 std::string ReadFile(const std::string& path);
+/// The status of the entry itself; fails the test if there is none.
+struct stat StatusOf(const std::string& path);
 
 } // namespace Testing

@@ -5,19 +5,17 @@
 #include "Backup/Util/Unix/Linux/YSystemdServiceManager.h"
 #include "Backup/Util/Unix/Mac/YMacServiceManager.h"
 
-#include "testing/CertificateAuthority.h"
 #include "testing/Faults.h"
 #include "testing/NoConfiguration.h"
 #include "testing/ProcessRecorder.h"
 #include "testing/StoreFiles.h"
 #include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
+#include "testing/TrustScene.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
@@ -25,38 +23,9 @@
 
 using namespace Testing;
 using Backup::OpenSSL::IsCertificateTrusted;
-using Backup::OpenSSL::TrustOptions;
 namespace fs = std::filesystem;
 
 namespace {
-
-// Lets what the program says vanish.
-class Silence
-{
-public:
-    Silence()
-    {
-        std::fflush(stdout);
-        const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(nowhere, STDOUT_FILENO);
-        dup2(nowhere, STDERR_FILENO);
-        close(nowhere);
-    }
-    ~Silence()
-    {
-        std::fflush(stdout);
-        dup2(m_output, STDOUT_FILENO);
-        dup2(m_errors, STDERR_FILENO);
-        close(m_output);
-        close(m_errors);
-    }
-    Silence(const Silence&) = delete;
-    Silence& operator=(const Silence&) = delete;
-
-private:
-    const int m_output = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-    const int m_errors = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
-};
 
 class AgentFaults : public ::testing::Test
 {
@@ -80,11 +49,14 @@ protected:
             vector.push_back(argument.data());
         vector.push_back(nullptr);
         int exitCode = -1;
-        const Silence silence;
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
         faults.Try([&] {
             exitCode = Agent::Run(static_cast<int>(arguments.size()), vector.data());
             return exitCode == 0;
         });
+        testing::internal::GetCapturedStderr();
+        testing::internal::GetCapturedStdout();
         EXPECT_NE(exitCode, -1) << "the program ended by an exception";
         return exitCode;
     }
@@ -187,28 +159,28 @@ TEST_F(AgentFaults, Restore)
 
 TEST_F(AgentFaults, CertificateTrust)
 {
-    constexpr const char* Host = "backup.example";
-    const Certificate root = Certificate::SelfSigned(AuthorityForm("Root"));
-    const Certificate middle = root.Issue(AuthorityForm("Middle")), server = middle.Issue(ServerForm(Host));
-    TrustOptions options;
-    options.anchorFiles.push_back(directory.Write("root.pem", root.Pem()).c_str());
-    options.time = JudgementTime;
-    const std::vector<std::string> chain{middle.Pem()};
-    const std::string shown = server.Pem();
-    TrustOptions revoking = options;
-    revoking.revocationLists = {root.RevocationList({}), middle.RevocationList({server})};
+    Trust::Scene scene;
+    ASSERT_TRUE(scene.Judge());
+    scene.options.anchors.clear();
+    scene.options.anchorFiles.push_back(directory.Write("root.pem", scene.root->Pem()).c_str());
+    Trust::Scene revoking = scene;
+    Trust::Lists({{Trust::Root}, {Trust::Middle, {Trust::Server}}})(revoking);
+    revoking.present(revoking);
+    const auto judge = [](Trust::Scene& judged, const char* host = Trust::Scene::Host) {
+        return IsCertificateTrusted(judged.sent, judged.chain, host, judged.options, &judged.report);
+    };
     CheckWithFaults([&](Faults& faults) {
-        Backup::OpenSSL::TrustReport report;
         bool isTrusted = false, isOther = false, isRevoked = false;
         const bool isDone = faults.TryAll([&] {
-            isTrusted = IsCertificateTrusted(shown, chain, Host, options, &report);
-            isOther = IsCertificateTrusted(shown, chain, "other.example", options);
-            isRevoked = IsCertificateTrusted(shown, chain, Host, revoking);
+            isOther = judge(scene, "other.example");
+            isRevoked = judge(revoking);
+            isTrusted = judge(scene);
         });
         EXPECT_FALSE(isOther);
         EXPECT_FALSE(isRevoked);
         if (isDone && !isTrusted) {
-            EXPECT_FALSE(report.reason.IsEmpty()); // without memory OpenSSL may find fault with what is right
+            EXPECT_FALSE(
+                scene.report.reason.IsEmpty()); // without memory OpenSSL may find fault with what is right
         }
     });
 }

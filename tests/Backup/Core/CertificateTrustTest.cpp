@@ -1,76 +1,34 @@
-// Whom to trust: one right path of root, intermediate and server, of which each case changes one thing.
+// Whom to trust: each case changes one thing of a right path.
 #include "Backup/Core/OpenSSL.h"
 
-#include "testing/CertificateAuthority.h"
+#include "testing/OnThreads.h"
 #include "testing/Raises.h"
 #include "testing/TemporaryDirectory.h"
+#include "testing/TrustScene.h"
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
+#include <array>
 #include <cstdlib>
-#include <functional>
-#include <thread>
-#include <type_traits>
 
 using namespace Backup::OpenSSL;
+using namespace Testing;
+using namespace Testing::Trust;
 using Krt::YString;
-using Testing::Certificate;
-using Testing::CertificateForm;
 
 namespace {
 
-constexpr const char* Host = "backup.example";
+constexpr const char* Host = Scene::Host;
 constexpr const char* KeyTooWeak = "EE certificate key too weak";
 constexpr const char* SignatureTooWeak = "the certificate's signature algorithm is too weak or unknown";
 constexpr const char* WrongName = "hostname mismatch";
 constexpr const char* WrongPurpose = "unsuitable certificate purpose";
 constexpr const char* Expired = "certificate has expired";
+constexpr const char* Revoked = "certificate revoked";
 constexpr const char* NoList = "unable to get certificate CRL";
-constexpr long long Now = Testing::JudgementTime;
-const Testing::Extensions OnlyAuthorities = {{"issuingDistributionPoint", "critical,onlyCA:TRUE"}};
-
-struct Scene;
-using Change = std::function<void(Scene&)>;
-
-struct Scene
-{
-    Testing::CertificateForm rootForm = Testing::AuthorityForm("Root");
-    Testing::CertificateForm middleForm = Testing::AuthorityForm("Middle");
-    Testing::CertificateForm serverForm = Testing::ServerForm(Host);
-    std::string host = Host;
-    bool sendsMiddle = true;
-    bool isSelfSigned = false;
-    bool isAnchor = false;
-    bool isPinned = false;
-    // Changes to what is made of the forms.
-    Change present = [](Scene&) {
-    };
-
-    std::optional<Certificate> root, middle, server;
-    std::string sent;
-    std::vector<std::string> chain;
-    TrustOptions options;
-    TrustReport report;
-
-    Scene() { options.time = Now; }
-
-    bool Judge()
-    {
-        root = Certificate::SelfSigned(rootForm);
-        middle = root->Issue(middleForm);
-        server = isSelfSigned ? Certificate::SelfSigned(serverForm) : middle->Issue(serverForm);
-        sent = server->Pem();
-        if (sendsMiddle)
-            chain.push_back(middle->Der());
-        if (isPinned)
-            options.pinnedKey = YString(server->KeyHash().c_str());
-        else
-            options.anchors.push_back(isAnchor ? sent : root->Pem());
-        present(*this);
-        return IsCertificateTrusted(sent, chain, YString(std::string_view(host)), options, &report);
-    }
-};
+constexpr long long Now = JudgementTime;
+const Extensions OnlyAuthorities = {{"issuingDistributionPoint", "critical,onlyCA:TRUE"}};
 
 struct Case
 {
@@ -78,7 +36,7 @@ struct Case
     Change change;
     const char* reason = "";
     int depth = 0;
-    const char* subject = "CN=Server";
+    const char* subject = nullptr; // by itself, the one at that depth
 };
 
 void Check(const std::vector<Case>& cases)
@@ -88,41 +46,14 @@ void Check(const std::vector<Case>& cases)
         Scene scene;
         row.change(scene);
         const bool isTrusted = *row.reason == '\0';
+        const int depth = isTrusted ? -1 : row.depth;
         EXPECT_EQ(scene.Judge(), isTrusted);
         EXPECT_EQ(scene.report.reason.Bytes(), row.reason);
-        EXPECT_EQ(scene.report.subject.Bytes(), isTrusted ? "" : row.subject);
-        EXPECT_EQ(scene.report.depth, isTrusted ? -1 : row.depth);
+        EXPECT_EQ(scene.report.depth, depth);
+        constexpr std::array Subjects = {"", "CN=Server", "CN=Middle", "CN=Root"};
+        EXPECT_EQ(scene.report.subject.Bytes(),
+                  row.subject != nullptr ? row.subject : Subjects.at(static_cast<std::size_t>(depth + 1)));
     }
-}
-
-Change Names(const std::vector<std::string>& names, const std::string& host = Host)
-{
-    return [=](Scene& scene) {
-        scene.serverForm.names = names;
-        scene.host = host;
-    };
-}
-
-template <class Value>
-Change Set(CertificateForm Scene::*form, Value CertificateForm::*field, std::type_identity_t<Value> value)
-{
-    return [=](Scene& scene) {
-        scene.*form.*field = value;
-    };
-}
-
-Change Extend(CertificateForm Scene::*form, const char* extension, const char* value)
-{
-    return [=](Scene& scene) {
-        (scene.*form).extensions[extension] = value;
-    };
-}
-
-Change Present(const Change& change)
-{
-    return [=](Scene& scene) {
-        scene.present = change;
-    };
 }
 
 TEST(CertificateTrust, Names)
@@ -162,21 +93,20 @@ TEST(CertificateTrust, Names)
 
 TEST(CertificateTrust, PathAndTime)
 {
-    constexpr auto Root = &Scene::rootForm, Middle = &Scene::middleForm, Server = &Scene::serverForm;
     constexpr auto NotAfter = &CertificateForm::notAfter;
     const char* const noIssuer = "unable to get local issuer certificate";
-    const char* const middle = "CN=Middle";
     const char* const isAuthority = "the certificate is an authority's, not a server's";
     Check({
-        {"expired", Set(Server, NotAfter, Now - 1), Expired},
-        {"not yet valid", Set(Server, &CertificateForm::notBefore, Now + 1), "certificate is not yet valid"},
-        {"expired issuer", Set(Middle, NotAfter, Now - 1), Expired, 1, middle},
-        {"expired anchor", Set(Root, NotAfter, Now - 1), Expired, 2, "CN=Root"},
+        {"expired", Set(OfServer, NotAfter, Now - 1), Expired},
+        {"not yet valid", Set(OfServer, &CertificateForm::notBefore, Now + 1),
+         "certificate is not yet valid"},
+        {"expired issuer", Set(OfMiddle, NotAfter, Now - 1), Expired, 1},
+        {"expired anchor", Set(OfRoot, NotAfter, Now - 1), Expired, 2},
         {"missing intermediate", [](Scene& s) { s.sendsMiddle = false; }, noIssuer},
         {"intermediate as the anchor", Present([](Scene& s) { s.options.anchors = {s.middle->Der()}; })},
         {"another root of that name",
          Present([](Scene& s) { s.options.anchors = {Certificate::SelfSigned(s.rootForm).Pem()}; }), noIssuer,
-         1, middle},
+         1},
         {"signature damaged", Present([](Scene& s) {
              s.sent = s.server->Der();
              s.sent.back() = static_cast<char>(s.sent.back() ^ 1);
@@ -187,20 +117,21 @@ TEST(CertificateTrust, PathAndTime)
          [](Scene& s) {
              s.isSelfSigned = s.isAnchor = true;
          }},
-        {"server as an issuer", Extend(Middle, "basicConstraints", "critical,CA:FALSE"),
-         "invalid CA certificate", 1, middle},
-        {"issuer that the strict rules refuse", Extend(Middle, "basicConstraints", "CA:TRUE"),
-         "Basic Constraints of CA cert not marked critical", 1, middle},
-        {"path too long", Extend(Root, "basicConstraints", "critical,CA:TRUE,pathlen:0"),
-         "path length constraint exceeded", 2, "CN=Root"},
+        {"server as an issuer", Extend(OfMiddle, "basicConstraints", "critical,CA:FALSE"),
+         "invalid CA certificate", 1},
+        {"issuer that the strict rules refuse", Extend(OfMiddle, "basicConstraints", "CA:TRUE"),
+         "Basic Constraints of CA cert not marked critical", 1},
+        {"path too long", Extend(OfRoot, "basicConstraints", "critical,CA:TRUE,pathlen:0"),
+         "path length constraint exceeded", 2},
         {"authority as the server", [](Scene& s) { s.serverForm.extensions = s.middleForm.extensions; },
          isAuthority},
-        {"authority that may not sign", Extend(Server, "basicConstraints", "critical,CA:TRUE"), isAuthority},
+        {"authority that may not sign", Extend(OfServer, "basicConstraints", "critical,CA:TRUE"),
+         isAuthority},
         {"within name constraints",
-         Extend(Middle, "nameConstraints", "critical,permitted;DNS:backup.example")},
-        {"name not permitted", Extend(Middle, "nameConstraints", "critical,permitted;DNS:other.example"),
+         Extend(OfMiddle, "nameConstraints", "critical,permitted;DNS:backup.example")},
+        {"name not permitted", Extend(OfMiddle, "nameConstraints", "critical,permitted;DNS:other.example"),
          "permitted subtree violation"},
-        {"name excluded", Extend(Middle, "nameConstraints", "critical,excluded;DNS:example"),
+        {"name excluded", Extend(OfMiddle, "nameConstraints", "critical,excluded;DNS:example"),
          "excluded subtree violation"},
         {"wildcard for an excluded name",
          [](Scene& s) {
@@ -208,11 +139,11 @@ TEST(CertificateTrust, PathAndTime)
              Names({"*.example.org"}, "evil.example.org")(s);
          },
          "excluded subtree violation"},
-        {"purpose client", Extend(Server, "extendedKeyUsage", "clientAuth"), WrongPurpose},
-        {"purpose of the issuer", Extend(Middle, "extendedKeyUsage", "clientAuth"), WrongPurpose, 1, middle},
-        {"key usage", Extend(Server, "keyUsage", "critical,cRLSign"), WrongPurpose},
-        {"unknown critical extension", Extend(Server, "1.2.3.4", "critical,ASN1:NULL"),
+        {"purpose client", Extend(OfServer, "extendedKeyUsage", "clientAuth"), WrongPurpose},
+        {"key usage", Extend(OfServer, "keyUsage", "critical,cRLSign"), WrongPurpose},
+        {"unknown critical extension", Extend(OfServer, "1.2.3.4", "critical,ASN1:NULL"),
          "unhandled critical extension"},
+        {"purpose of the issuer", Extend(OfMiddle, "extendedKeyUsage", "clientAuth"), WrongPurpose, 1},
     });
 }
 
@@ -222,14 +153,14 @@ TEST(CertificateTrust, Strength)
     constexpr auto Digest = &CertificateForm::digest;
     const char* const authorityTooWeak = "CA certificate key too weak";
     Check({
-        {"RSA of 2048 bits", Set(&Scene::serverForm, Bits, 2048)},
-        {"weak key", Set(&Scene::serverForm, Bits, 1024), KeyTooWeak},
-        {"weak key of the issuer", Set(&Scene::middleForm, Bits, 1024), authorityTooWeak, 1, "CN=Middle"},
-        {"weak key of the anchor", Set(&Scene::rootForm, Bits, 1024), authorityTooWeak, 2, "CN=Root"},
-        {"weak signature", Set(&Scene::serverForm, Digest, "SHA1"), SignatureTooWeak},
-        {"weak signature on the issuer", Set(&Scene::middleForm, Digest, "SHA1"),
-         "CA signature digest algorithm too weak", 1, "CN=Middle"},
-        {"weak signature on the anchor, which nobody goes by", Set(&Scene::rootForm, Digest, "SHA1")},
+        {"RSA of 2048 bits", Set(OfServer, Bits, 2048)},
+        {"weak key", Set(OfServer, Bits, 1024), KeyTooWeak},
+        {"weak key of the issuer", Set(OfMiddle, Bits, 1024), authorityTooWeak, 1},
+        {"weak key of the anchor", Set(OfRoot, Bits, 1024), authorityTooWeak, 2},
+        {"weak signature", Set(OfServer, Digest, "SHA1"), SignatureTooWeak},
+        {"weak signature on the issuer", Set(OfMiddle, Digest, "SHA1"),
+         "CA signature digest algorithm too weak", 1},
+        {"weak signature on the anchor, which nobody goes by", Set(OfRoot, Digest, "SHA1")},
         {"weak signature on an anchor that is the server",
          [](Scene& s) {
              s.isSelfSigned = s.isAnchor = true;
@@ -248,10 +179,9 @@ TEST(CertificateTrust, PinStandsForTheAnchorAlone)
             change(s);
         };
     };
-    const auto lists = [&](std::function<std::vector<std::string>(Scene&)> make) {
-        return pinned(Present([=](Scene& s) { s.options.revocationLists = make(s); }), false);
+    const auto lists = [&](const std::vector<ListForm>& forms) {
+        return pinned(Lists(forms), false);
     };
-    using List = std::vector<std::string>;
     constexpr long long NextCentury = 253370764800;
     Check({
         {"self-signed", pinned([](Scene&) {})},
@@ -259,77 +189,63 @@ TEST(CertificateTrust, PinStandsForTheAnchorAlone)
         {"another key",
          pinned(Present([](Scene& s) { s.options.pinnedKey = YString(s.middle->KeyHash().c_str()); })),
          "the public key is not the pinned one"},
-        {"expired", pinned(Set(&Scene::serverForm, &CertificateForm::notAfter, Now - 1)), Expired},
+        {"expired", pinned(Set(OfServer, &CertificateForm::notAfter, Now - 1)), Expired},
         {"wrong name", pinned(Names({"other.example"})), WrongName},
-        {"wrong purpose", pinned(Extend(&Scene::serverForm, "extendedKeyUsage", "clientAuth")), WrongPurpose},
-        {"weak key", pinned(Set(&Scene::serverForm, &CertificateForm::rsaBits, 1024)), KeyTooWeak},
-        {"weak signature", pinned(Set(&Scene::serverForm, &CertificateForm::digest, "SHA1")),
-         SignatureTooWeak},
-        {"on the third list", lists([](Scene& s) -> List {
-             return {s.middle->RevocationList({}),
-                     s.middle->RevocationList({}, Now + 1, {{"authorityKeyIdentifier", "critical,keyid"}}),
-                     s.middle->RevocationList({*s.server})};
-         }),
-         "certificate revoked"},
-        {"not on the list", lists([](Scene& s) -> List { return {s.middle->RevocationList({*s.middle})}; })},
-        {"list expired", lists([](Scene& s) -> List { return {s.middle->RevocationList({}, Now - 1)}; }),
-         "CRL has expired"},
-        {"list without an end",
-         lists([](Scene& s) -> List { return {s.middle->RevocationList({}, Certificate::NoEnd)}; })},
+        {"wrong purpose", pinned(Extend(OfServer, "extendedKeyUsage", "clientAuth")), WrongPurpose},
+        {"weak key", pinned(Set(OfServer, &CertificateForm::rsaBits, 1024)), KeyTooWeak},
+        {"weak signature", pinned(Set(OfServer, &CertificateForm::digest, "SHA1")), SignatureTooWeak},
+        {"on the third list",
+         lists({{Middle},
+                {Middle, {}, Now + 1, {{"authorityKeyIdentifier", "critical,keyid"}}},
+                {Middle, {Server}}}),
+         Revoked},
+        {"not on the list", lists({{Middle, {Middle}}})},
+        {"list expired", lists({{Middle, {}, Now - 1}}), "CRL has expired"},
+        {"list without an end", lists({{Middle, {}, Certificate::NoEnd}})},
         {"list not yet valid",
          [&](Scene& s) {
-             lists([](Scene& t) -> List { return {t.middle->RevocationList({})}; })(s);
+             lists({{Middle}})(s);
              s.serverForm.notBefore = Now - 5000;
              s.options.time = Now - 3000;
          },
          "CRL is not yet valid"},
         {"by the clock",
          [&](Scene& s) {
-             lists([](Scene& t) -> List { return {t.middle->RevocationList({}, NextCentury)}; })(s);
+             lists({{Middle, {}, NextCentury}})(s);
              s.serverForm.notAfter = NextCentury;
              s.options.time.reset();
          }},
-        {"list of another issuer", lists([](Scene& s) -> List { return {s.root->RevocationList({})}; }),
-         NoList},
-        {"list of the issuer's authorities",
-         lists([](Scene& s) -> List { return {s.middle->RevocationList({}, Now + 1, OnlyAuthorities)}; }),
-         NoList},
+        {"list of another issuer", lists({{Root}}), NoList},
+        {"list of the issuer's authorities", lists({{Middle, {}, Now + 1, OnlyAuthorities}}), NoList},
     });
 }
 
 TEST(CertificateTrust, RevocationLists)
 {
-    const auto lists = [](std::function<std::string(Scene&)> make) {
+    const auto inOneText = [](std::function<std::string(Scene&)> make) {
         return Present([=](Scene& s) { s.options.revocationLists = {make(s)}; });
     };
     Check({
-        {"not listed", lists([](Scene& s) { return s.middle->RevocationList({*s.root}); })},
-        {"both issuers in one text", lists([](Scene& s) {
+        {"not listed", Lists({{Middle, {Root}}})},
+        {"both issuers in one text", inOneText([](Scene& s) {
              return s.root->RevocationList({}) + "text\n" + s.middle->RevocationList({});
          })},
-        {"revoked", lists([](Scene& s) {
-             return s.middle->RevocationList({*s.root, *s.server});
-         }),
-         "certificate revoked"},
-        {"issuer revoked",
-         lists([](Scene& s) { return s.middle->RevocationList({}) + s.root->RevocationList({*s.middle}); }),
-         "certificate revoked", 1, "CN=Middle"},
-        {"list of the issuer's issuer signed by another of that name", lists([](Scene& s) {
+        {"revoked", Lists({{Middle, {Root, Server}}}), Revoked},
+        {"issuer revoked", Lists({{Middle}, {Root, {Middle}}}), Revoked, 1},
+        {"list of the issuer's issuer signed by another of that name", inOneText([](Scene& s) {
              return s.middle->RevocationList({}) + Certificate::SelfSigned(s.rootForm).RevocationList({});
          }),
-         NoList, 1, "CN=Middle"},
-        {"list of an anchor's issuer", lists([](Scene& s) {
+         NoList, 1},
+        {"list of an anchor's issuer", inOneText([](Scene& s) {
              s.options.anchors = {s.middle->Pem()};
              return s.middle->RevocationList({}) + s.root->RevocationList({*s.middle});
          })},
-        {"list expired", lists([](Scene& s) { return s.middle->RevocationList({}, Now - 1); }),
-         "CRL has expired"},
-        {"list of the issuer missing", lists([](Scene& s) { return s.root->RevocationList({}); }), NoList},
-        {"list of the issuer's authorities",
-         lists([](Scene& s) { return s.middle->RevocationList({}, Now + 1, OnlyAuthorities); }),
+        {"list expired", Lists({{Middle, {}, Now - 1}}), "CRL has expired"},
+        {"list of the issuer missing", Lists({{Root}}), NoList},
+        {"list of the issuer's authorities", Lists({{Middle, {}, Now + 1, OnlyAuthorities}}),
          "different CRL scope"},
         {"list signed by another of that name",
-         lists([](Scene& s) { return s.root->Issue(s.middleForm).RevocationList({}); }), NoList},
+         inOneText([](Scene& s) { return s.root->Issue(s.middleForm).RevocationList({}); }), NoList},
     });
 }
 
@@ -429,7 +345,6 @@ TEST(CertificateTrust, UnusableArgumentsRaise)
     options = scene.options;
     options.pinnedKey = scene.server->KeyHash().c_str();
     refuses("A pinned key stands for the trust anchor; give one of the two");
-    using Testing::Extensions;
     for (const auto& [ofList, ofEntry] : std::vector<std::pair<Extensions, Extensions>>{
              {{{"2.5.29.27", "critical,ASN1:INTEGER:1"}}, {}}, // of a delta
              {{{"issuingDistributionPoint", "critical,indirectCRL:TRUE"}}, {}},
@@ -448,7 +363,7 @@ TEST(CertificateTrust, UnusableArgumentsRaise)
         options.time = time;
         refuses("Out of the years 0 to 9999: the time of judgement, " + std::to_string(time));
     }
-    const Testing::TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     const std::string file = directory.Write("anchors", "none"), missing = directory / "missing";
     const std::string large = directory.Write("large", std::string((16 << 20) + 1, ' '));
     options.anchorFiles = {file.c_str()};
@@ -499,7 +414,7 @@ TEST(CertificateTrust, WithoutAnchorsTheSystemsStoreCounts)
 {
     Scene scene;
     ASSERT_TRUE(scene.Judge());
-    const Testing::TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     const std::string store = directory.Write("store.pem", scene.root->Pem());
     scene.options.anchors.clear();
     EXPECT_FALSE(IsCertificateTrusted(scene.sent, scene.chain, Host, scene.options));
@@ -512,18 +427,13 @@ TEST(CertificateTrust, ConcurrentJudgementsDontMeet)
 {
     Scene scene;
     ASSERT_TRUE(scene.Judge());
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&scene, i] {
-            for (int round = 0; round < 20; ++round) {
-                EXPECT_EQ(IsCertificateTrusted(scene.sent, scene.chain, i % 2 == 0 ? Host : "other.example",
-                                               scene.options),
-                          i % 2 == 0);
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    OnThreads(4, [&](int thread) {
+        const bool isRight = thread % 2 == 0;
+        for (int round = 0; round < 20; ++round)
+            EXPECT_EQ(IsCertificateTrusted(scene.sent, scene.chain, isRight ? Host : "other.example",
+                                           scene.options),
+                      isRight);
+    });
 }
 
 } // namespace

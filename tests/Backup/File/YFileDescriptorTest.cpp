@@ -1,9 +1,8 @@
 #include "Backup/File/YFileDescriptor.h"
 
+#include "testing/Printed.h"
 #include "testing/Raises.h"
 #include "testing/TemporaryDirectory.h"
-
-#include "Krt/Log/YStream.h"
 
 #include <tinyxml.h>
 
@@ -133,10 +132,8 @@ TEST(YFileDescriptor, PathsAndText)
     EXPECT_EQ(static_cast<YPath>(descriptor), "/a/b/*.doc");
     EXPECT_EQ(static_cast<YPath>(YFileDescriptor("/a/b", false)), "/a/b");
     EXPECT_EQ(descriptor.FileName(), "b");
-    Krt::YStream text{YString()};
-    text << descriptor << ", " << YFileDescriptor("/", false);
-    EXPECT_EQ(static_cast<YString>(text), "Recursive descriptor: /a/b, Non-recursive descriptor: /");
-
+    EXPECT_EQ(Testing::Printed(descriptor), "Recursive descriptor: /a/b");
+    EXPECT_EQ(Testing::Printed(YFileDescriptor("/", false)), "Non-recursive descriptor: /");
     const YFileDescriptor none;
     EXPECT_RAISES(none.operator YPath(), ErrorCode::InvalidState, "operator YPath", "");
     EXPECT_RAISES(none.FileName(), ErrorCode::InvalidState, "FileName", "");

@@ -1,8 +1,8 @@
+#include "testing/Printed.h"
 #include "testing/Raises.h"
 #include "testing/SelectionText.h"
 
 #include "Krt/JSON/YValue.h"
-#include "Krt/Log/YStream.h"
 
 #include <set>
 #include <tuple>
@@ -61,8 +61,7 @@ TEST(YSelectionDescriptor, ExplicitSelectionIsForThreeShapes)
             << words;
         EXPECT_EQ(rule.GetExplicitSelection(), allowed) << words;
     }
-    YSelectionDescriptor refused = Rule("include / any");
-    EXPECT_EQ(Testing::CatchError([&] { refused.SetExplicitSelection(true); })->GetCode(),
+    EXPECT_EQ(Testing::CatchError([] { Rule("include / any").SetExplicitSelection(true); })->GetCode(),
               ErrorCode::NotImplemented);
 }
 
@@ -107,9 +106,7 @@ TEST(YSelectionDescriptor, OrderAndEqualityDiffer)
         for (std::size_t j = 0; j < ascending.size(); ++j)
             EXPECT_EQ(Rule(ascending[i]) < Rule(ascending[j]), i < j) << ascending[i] << ", " << ascending[j];
     }
-    const YSelectionDescriptor byCase = Rule("include / exact=a"),
-                               inAnyCase = Rule("include / exact=a nocase");
-    EXPECT_FALSE(byCase == inAnyCase);
+    EXPECT_FALSE(Rule("include / exact=a") == Rule("include / exact=a nocase"));
     // Equal without being one element of a set, and one element without being equal.
     const YSelectionDescriptor any(Krt::Match::AnyDescriptor(), RecursionType::Recursive,
                                    SelectionType::Include, true);
@@ -150,12 +147,9 @@ TEST(YSelectionDescriptor, DocumentKeepsEveryField)
 TEST(YSelectionDescriptor, PrintsAllFields)
 {
     const YSelectionPathDescriptor rule = Rule("silent /a recursive glob=*.o");
-    Krt::YStream descriptor{YString()}, stream{YString()};
-    descriptor << rule.GetDescriptor();
-    stream << rule;
-    EXPECT_EQ(YString(stream).Bytes(), "path: /a descriptor: " + YString(descriptor).Bytes() +
-                                           ", m_recursionType: recursive, m_selectionType: exclude"
-                                           ", m_reportExclude: 0, m_explicitSelection: 0");
+    EXPECT_EQ(Testing::Printed(rule), "path: /a descriptor: " + Testing::Printed(rule.GetDescriptor()) +
+                                          ", m_recursionType: recursive, m_selectionType: exclude"
+                                          ", m_reportExclude: 0, m_explicitSelection: 0");
 }
 
 } // namespace

@@ -3,6 +3,8 @@
 #include "testing/Raises.h"
 #include "testing/SelectionText.h"
 
+#include <regex>
+
 namespace {
 
 using Backup::File::YSelectionManager;
@@ -42,12 +44,8 @@ TEST(YSelectionManagerQuery, TellsHowItDecides)
         const YSelectionManager tree = Tree(rules);
         const Testing::LogCapture log({"SelectionBuild", "SelectionQuery"});
         tree.GetPathSelectionType(path.c_str());
-        std::string lines;
-        for (const std::string& line : log.Texts())
-            lines += line + "; ";
-        const std::string front = "YSelectionManager: ";
-        for (std::size_t at = 0; (at = lines.find(front, at)) != std::string::npos;)
-            lines.erase(at, front.size());
+        const std::string lines =
+            std::regex_replace(log.Text(), std::regex("YSelectionManager: ([^\n]*)\n"), "$1; ");
         EXPECT_EQ(lines, "GetPathSelectionType called for: " + path + "; " + told + path + "; ");
     };
     const std::string leaf =

@@ -1,15 +1,16 @@
 #include "Backup/File/YSelectionManager.h"
 
 #include "testing/LogCapture.h"
+#include "testing/OnThreads.h"
+#include "testing/Printed.h"
 #include "testing/Raises.h"
 #include "testing/SelectionText.h"
 
 #include "Krt/Container/YSet.h"
 #include "Krt/JSON/YValue.h"
-#include "Krt/Log/YStream.h"
 
+#include <functional>
 #include <regex>
-#include <thread>
 #include <tuple>
 
 namespace {
@@ -17,10 +18,10 @@ namespace {
 using Backup::File::YSelectionDescriptor;
 using Backup::File::YSelectionManager;
 using Krt::ErrorCode;
-using Krt::YString;
 using Krt::File::YPath;
 using Krt::JSON::YObject;
 using Krt::JSON::YValue;
+using Testing::Printed;
 using Testing::Rule;
 using Testing::Tree;
 using Testing::Words;
@@ -36,11 +37,9 @@ unsigned int CountNodes(const YSelectionManager& tree)
 TEST(YSelectionManager, OnlyAnExcludeMayHaveNoPath)
 {
     YSelectionManager tree;
-    Krt::YStream printed{YString()};
-    printed << Rule("include - any");
     EXPECT_RAISES(tree.Add(Rule("include - any")), ErrorCode::InvalidArgument, "Add",
                   "Cannot add root include using empty path on Unix.  Must use root path (/).  " +
-                      YString(printed).Bytes());
+                      Printed(Rule("include - any")));
     EXPECT_TRUE(tree.Add(Rule("exclude - any")));
     EXPECT_EQ(Words(tree), "exclude / any");
 }
@@ -120,25 +119,25 @@ TEST(YSelectionManager, TellsItsChanges)
     tree.Delete("/b");
     tree.Delete("/a");
     tree.Delete("/");
-    std::string lines;
-    const std::regex rule("descriptor: (?!path).*?, m_explicitSelection: 0"), manager("^YSelectionManager: ");
-    for (const std::string& line : log.Texts()) // rules print as their class tells
-        lines += std::regex_replace(std::regex_replace(line, rule, "RULE"), manager, "") + "\n";
-    const std::string call = "YSelectionManager::Add called for: path: ",
-                      drop = "YSelectionManager::Delete called for: ";
-    EXPECT_EQ(lines,
-              call + "/a/b RULE\nAdded include path: /a/b RULE\n" + call +
-                  "/a/b RULE\nAdded exclude path: /a/b RULE\n" + call +
-                  "/a RULE\nYSelectionManagerNode: At node for /a/b include descriptor RULE prunes RULE\n"
-                  "Added include path: /a RULE\n" +
-                  call +
-                  "/a RULE\n"
-                  "YSelectionManagerNode: At node for /a/b exclude descriptor RULE prunes RULE\n"
-                  "Added exclude path: /a RULE\n" +
-                  call +
-                  "/a RULE\n"
-                  "Not adding redundant descriptor: path: /a RULE\n" +
-                  drop + "/b\n" + drop + "/a\nErased node: /\n" + drop + "/\n");
+    const std::regex rule("descriptor: (?!path).*?, m_explicitSelection: 0"); // prints as its class tells
+    EXPECT_EQ(std::regex_replace(log.Text(), rule, "RULE"),
+              R"(YSelectionManager: YSelectionManager::Add called for: path: /a/b RULE
+YSelectionManager: Added include path: /a/b RULE
+YSelectionManager: YSelectionManager::Add called for: path: /a/b RULE
+YSelectionManager: Added exclude path: /a/b RULE
+YSelectionManager: YSelectionManager::Add called for: path: /a RULE
+YSelectionManagerNode: At node for /a/b include descriptor RULE prunes RULE
+YSelectionManager: Added include path: /a RULE
+YSelectionManager: YSelectionManager::Add called for: path: /a RULE
+YSelectionManagerNode: At node for /a/b exclude descriptor RULE prunes RULE
+YSelectionManager: Added exclude path: /a RULE
+YSelectionManager: YSelectionManager::Add called for: path: /a RULE
+YSelectionManager: Not adding redundant descriptor: path: /a RULE
+YSelectionManager: YSelectionManager::Delete called for: /b
+YSelectionManager: YSelectionManager::Delete called for: /a
+YSelectionManager: Erased node: /
+YSelectionManager: YSelectionManager::Delete called for: /
+)");
 }
 
 // Deep enough for a recursion to overflow the stack.
@@ -147,7 +146,7 @@ TEST(YSelectionManager, HoldsAnyDepth)
     std::string deep;
     for (int level = 0; level < 200000; ++level)
         deep += "/d";
-    const YPath bottom{YString(std::string_view(deep))};
+    const YPath bottom{Krt::YString(std::string_view(deep))};
     const Krt::Match::AnyDescriptor any;
     YSelectionManager tree;
     tree.Add(bottom, any, YSelectionDescriptor::NonRecursive, YSelectionDescriptor::Include, true);
@@ -158,8 +157,7 @@ TEST(YSelectionManager, HoldsAnyDepth)
     EXPECT_TRUE(copy == tree);
     copy.FromJSON(tree.ToJSON("/"));
     EXPECT_TRUE(copy == tree);
-    Krt::YStream printed{YString()};
-    printed << *tree.FindNode(bottom, true).first;
+    Printed(*tree.FindNode(bottom, true).first);
     copy.Add("/d", any, YSelectionDescriptor::Recursive, YSelectionDescriptor::Include, true);
     EXPECT_EQ(CountNodes(copy), 2U);
     tree.Delete("/");
@@ -171,39 +169,32 @@ TEST(YSelectionManager, AnswersOnManyThreadsWhileItChanges)
 {
     const std::string rules = "include /a recursive any; exclude /a/b recursive exact=c";
     YSelectionManager tree = Tree(rules), other = Tree(rules + "; exclude /a/x any");
-    const auto repeat = [](auto step) {
-        return std::thread([=] {
-            for (int i = 0; i < 150; ++i)
-                step();
-        });
-    };
     const auto holds = [](const YSelectionManager& asked) {
         EXPECT_TRUE(asked.IsPathSelected("/a/b/d/e"));
         EXPECT_EQ(asked.GetPathSelectionType("/a/b/c"), YSelectionDescriptor::Exclude);
         EXPECT_EQ(asked.GetIncludeTops("/"), std::set<YPath>{"/a"});
     };
-    std::vector<std::thread> threads;
-    threads.push_back(repeat([&] {
-        tree.Add(Rule("exclude /a/x recursive any"));
-        tree.Delete("/a/x");
-    }));
-    threads.push_back(repeat([&] {
-        tree.Swap(other);
-        other = tree;
-    }));
-    for (int reader = 0; reader < 2; ++reader) {
-        threads.push_back(repeat([&] { holds(tree); }));
-        threads.push_back(repeat([&] { holds(YSelectionManager(tree)); }));
-        threads.push_back(repeat([&] {
-            EXPECT_TRUE(tree == tree);
-            static_cast<void>(tree == other);
-            YSelectionManager read;
-            read.FromJSON(tree.ToJSON("/"));
-            holds(read);
-        }));
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    const auto write = [&](int writer) {
+        if (writer == 0) {
+            tree.Add(Rule("exclude /a/x recursive any"));
+            tree.Delete("/a/x");
+        } else {
+            tree.Swap(other);
+            other = tree;
+        }
+    };
+    const std::function<void()> reads[] = {[&] { holds(tree); }, [&] { holds(YSelectionManager(tree)); },
+                                           [&] {
+                                               EXPECT_TRUE(tree == tree);
+                                               static_cast<void>(tree == other);
+                                               YSelectionManager read;
+                                               read.FromJSON(tree.ToJSON("/"));
+                                               holds(read);
+                                           }};
+    Testing::OnThreads(8, [&](int thread) {
+        for (int i = 0; i < 150; ++i)
+            thread < 2 ? write(thread) : reads[thread % 3]();
+    });
     holds(tree);
 }
 
@@ -344,10 +335,8 @@ TEST(YSelectionManagerVisit, CopiesWhatBearsOnAPath)
 
 TEST(YSelectionManagerVisit, PrintsEveryNode)
 {
-    Krt::YStream stream{YString()};
-    stream << Tree("include /a exact=b; include /a exact=c");
-    std::string text =
-        std::regex_replace(YString(stream).Bytes(), std::regex("address: [0-9a-f]+"), "address: N");
+    std::string text = Printed(Tree("include /a exact=b; include /a exact=c"));
+    text = std::regex_replace(text, std::regex("address: [0-9a-f]+"), "address: N");
     text = std::regex_replace(text, std::regex("parent: [1-9a-f][0-9a-f]+"), "parent: N");
     text = std::regex_replace(text, std::regex("descriptor: .*?, m_explicitSelection: 0"), "RULE");
     EXPECT_EQ(text,
