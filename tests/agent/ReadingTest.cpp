@@ -3,48 +3,40 @@
 #include "testing/CallHook.h"
 #include "testing/Flipper.h"
 #include "testing/OrdinaryUser.h"
-#include "testing/Program.h"
+#include "testing/ProgramFixture.h"
 #include "testing/SelectionText.h"
 #include "testing/StoreFiles.h"
-#include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
 
 #include "Backup/File/Unix/File.h"
 #include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YUnixFileMetadata.h"
 
-#include "Krt/JSON/YValue.h"
-
-#include <gtest/gtest.h>
-
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
-#include <sys/sysmacros.h>
+#include <sys/xattr.h>
 
 using namespace Testing;
 namespace fs = std::filesystem;
 
 namespace {
 
-class Reading : public ::testing::Test
+class Reading : public ProgramFixture
 {
 protected:
+    // Each time anew.
     void SetUp() override
-    {
-        source = directory.MakeDirectory("source");
-        MakeTree(source, {File("file", "12345"), Dir("dir"), Dir("dir/below")});
-        MakeTree(directory.MakeDirectory("outside"),
-                 {File("secret", "secret"), File("file", "secret"), Dir("below"),
-                  File("below/file", "secret"), Link("link", "secret")});
-        setxattr((directory / "outside/below").c_str(), "user.secret", "secret", 6, 0);
-    }
-    void Renew()
     {
         for (const char* name : {"source", "outside", "store"})
             fs::remove_all(directory / name);
-        SetUp();
+        MakeTree(directory.MakeDirectory("source"), {File("file", "12345"), Dir("dir"), Dir("dir/below")});
+        MakeTree(directory.MakeDirectory("outside"),
+                 {File("secret", "secret"), File("file", "secret"), Dir("below"),
+                  File("below/file", "secret"), Link("link", "secret"), Socket("socket")});
+        setxattr((directory / "outside/below").c_str(), "user.secret", "secret", 6, 0);
     }
-    std::vector<std::string> Arguments() const { return {"backup", "--store", store, source}; }
 
     // By path below the source: the type, as ls shows it, and a file's content.
     std::map<std::string, std::string> Stored() const
@@ -67,136 +59,116 @@ protected:
         }
         return stored;
     }
-    // Runs the program with an action before its system calls.
-    static ProgramResult RunHooked(const std::vector<std::string>& arguments,
-                                   const std::function<void(const HookedCall&)>& action)
-    {
-        ProgramSettings settings;
-        settings.isLinked = true;
-        settings.prepare = [&] {
-            static const CallHook hook(action);
-        };
-        return RunProgram(arguments, settings);
-    }
-
-    TemporaryDirectory directory;
-    std::string source;
-    const std::string store = directory / "store";
 };
 
-using Text = const std::string&;
-
-// What happens to source/file or source/dir before a call of this function on an entry whose name ends so.
+// What happens in the source before a call of this function on an entry whose name ends so.
 struct Change
 {
-    const char* label;
     const char* function;
     const char* name;
-    bool (*make)(Text entry, Text outside);
-    const char* stored; // of the entry; null: nothing
+    const char* commands;
+    const char* stored; // of the file or the directory that is struck
     const char* told;
 };
 
-bool MakeNode(const std::string& path, mode_t mode, dev_t device = 0)
-{
-    return fs::remove(path) && mknod(path.c_str(), mode, device) == 0;
-}
-
-bool Append(const std::string& path, std::size_t count)
-{
-    std::FILE* const file = std::fopen(path.c_str(), "a");
-    const bool isWritten = std::fwrite(std::string(count, '+').data(), 1, count, file) == count;
-    return std::fclose(file) == 0 && isWritten;
-}
-
-bool ReplaceByLink(const std::string& entry, const std::string& target)
-{
-    return rename(entry.c_str(), (entry + ".old").c_str()) == 0 &&
-           symlink(target.c_str(), entry.c_str()) == 0;
-}
-
-bool RenameTo(const std::string& from, const std::string& to)
-{
-    return rename(from.c_str(), to.c_str()) == 0;
-}
-
+// Before "fstatat" the listing alone is known.
 const Change Changes[] = {
-    {"to FIFO", "openat", "file", [](Text entry, Text) { return MakeNode(entry, S_IFIFO | 0644); }, "p", ""},
-    {"to device", "openat", "file",
-     [](Text entry, Text) { return MakeNode(entry, S_IFCHR | 0644, makedev(1, 5)); }, "c", ""},
-    {"to socket", "openat", "file", [](Text entry, Text) { return MakeNode(entry, S_IFSOCK | 0644); },
-     nullptr, "file: A socket is not stored"},
-    {"to link", "openat", "file",
-     [](Text entry, Text outside) { return ReplaceByLink(entry, outside + "/secret"); }, "l", ""},
-    {"to another file", "openat", "file",
-     [](Text entry, Text) { return Append(entry + ".new", 3) && RenameTo(entry + ".new", entry); }, "-+++",
-     ""},
-    {"to one with other rights", "openat", "file",
-     [](Text entry, Text) { return chmod(entry.c_str(), 0600) == 0; }, "-12345, private", ""},
-    {"to directory", "openat", "file",
-     [](Text entry, Text) { return fs::remove(entry) && fs::create_directory(entry); }, "d", ""},
-    {"gone", "openat", "file", [](Text entry, Text) { return fs::remove(entry); }, nullptr,
-     "file: Failed to open file"},
-    {"gone while it is read", "pread", "file", [](Text entry, Text) { return fs::remove(entry); }, "-12345",
-     ""},
-    {"shrinks", "pread", "file", [](Text entry, Text) { return truncate(entry.c_str(), 2) == 0; }, "-12",
+    {"fstatat", "file", "rm file && mkdir -p file/inside", "d, entered", ""},
+    {"openat", "file", "rm file && mkfifo file", "p", ""},
+    {"openat", "file", "rm file && mknod file c 1 5", "c", ""},
+    {"openat", "file", "mv ../outside/socket file", "nothing", "file: A socket is not stored"},
+    {"openat", "file", "mv file old && ln -s ../outside/secret file", "l", ""},
+    {"openat", "file", "printf +++ > new && mv new file", "-+++", ""},
+    {"openat", "file", "chmod 600 file", "-12345, private", ""},
+    {"openat", "file", "rm file && mkdir file", "d", ""},
+    {"openat", "file", "rm file", "nothing", "file: Failed to open file"},
+    {"pread", "file", "rm file", "-12345", ""},
+    {"pread", "file", "truncate -s 2 file", "-12",
      "file: The file changed while it was read: 2 bytes instead of 5"},
-    {"grows", "pread", "file", [](Text entry, Text) { return Append(entry, 2); }, "-12345++",
+    {"pread", "file", "printf ++ >> file", "-12345++",
      "file: The file changed while it was read: 7 bytes instead of 5"},
-    {"to link", "openat", "dir",
-     [](Text entry, Text outside) { return ReplaceByLink(entry, outside + "/below"); }, "d",
-     "dir: Failed to open directory"},
-    {"to another directory", "openat", "dir",
-     [](Text entry, Text outside) {
-         return RenameTo(entry, entry + ".old") && RenameTo(outside + "/below", entry);
-     },
-     "d", "dir: The directory was replaced during the walk"},
-    {"gone", "openat", "dir", [](Text entry, Text) { return fs::remove_all(entry) == 3; }, "d",
-     "dir: Failed to open directory"},
-    {"to link, while what is below is read", "llistxattr", "/below",
-     [](Text entry, Text outside) { return ReplaceByLink(entry, outside); }, "d", ""},
-    {"to link, while a link in it is read", "readlink", "link",
-     [](Text entry, Text outside) { return ReplaceByLink(entry, outside); }, "d", ""},
+    {"fstatat", "dir", "rm -r dir && printf + > dir", "-+", ""},
+    {"fstatat", "dir", "mv dir old && ln -s ../outside/below dir", "l", ""},
+    {"fstatat", "dir", "rm -r dir", "nothing", "dir: Failed to "},
+    {"openat", "dir", "mv dir old && ln -s ../outside/below dir", "d", "dir: Failed to open directory"},
+    {"openat", "dir", "mv dir old && mv ../outside/below dir", "d",
+     "dir: The directory was replaced during the walk"},
+    {"openat", "dir", "rm -r dir", "d", "dir: Failed to open directory"},
+    {"llistxattr", "/below", "mv dir old && ln -s ../outside dir", "d", ""},
+    {"readlink", "link", "mv dir old && ln -s ../outside dir", "d", ""},
 };
 
 TEST_F(Reading, TakesAnEntryAsItIsWhenItIsOpened)
 {
     for (const Change& change : Changes) {
-        Renew();
+        SetUp();
         MakeTree(source, {Link("dir/link", "target")});
-        const char* const name = change.name == std::string("file") ? "file" : "dir";
+        const std::string name = change.name == std::string("file") ? "file" : "dir";
+        const std::string label = change.function + (" " + name) + ": " + change.commands;
         bool isDone = false;
-        const ProgramResult result = RunHooked(Arguments(), [&](const HookedCall& call) {
-            if (isDone || !call.function.starts_with(change.function) || !call.name.ends_with(change.name))
-                return;
-            isDone = true;
-            if (!change.make(source + "/" + name, directory / "outside"))
-                _exit(99);
-        });
-        const std::string label = std::string(name) + " " + change.label;
+        const ProgramResult result = RunProgram(
+            {"backup", "--store", store, source}, Hooked([&](const HookedCall& call) {
+                if (isDone || !call.function.starts_with(change.function) ||
+                    !call.name.ends_with(change.name))
+                    return;
+                isDone = true;
+                if (std::system(("cd " + source + " && " + change.commands + " 2>/dev/null").c_str()) != 0)
+                    _exit(99);
+            }));
         if (result.exitCode == 99) {
-            EXPECT_EQ(label, "file to device") << "the one that takes root's rights";
+            EXPECT_NE(label.find("mknod"), std::string::npos) << label << " takes root's rights";
             continue;
         }
         auto stored = Stored();
-        const auto found = stored.find(std::string("/") + name);
-        EXPECT_EQ(found == stored.end() ? "nothing" : found->second,
-                  change.stored == nullptr ? "nothing" : change.stored)
+        const auto found = stored.find("/" + name);
+        EXPECT_EQ((found == stored.end() ? "nothing" : found->second) +
+                      (stored.count("/" + name + "/inside") != 0 ? ", entered" : ""),
+                  change.stored)
             << label << result.errors;
         EXPECT_EQ(result.exitCode, *change.told == '\0' ? 0 : 3) << label << result.errors;
-        EXPECT_NE(result.errors.find(change.told), std::string::npos) << label << result.errors;
+        EXPECT_TRUE(Holds(result.errors, change.told)) << label;
+        EXPECT_FALSE(Holds(result.output, "not entered")) << label;
         EXPECT_EQ(stored.count("/dir/file"), 0u) << label;
+    }
+}
+
+// Only so many directories are held open on the way down.
+TEST_F(Reading, ComesBackToDirectoriesThatItClosed)
+{
+    constexpr int Depth = 150;
+    for (const bool isSwapped : {false, true}) {
+        SetUp();
+        std::string upper, level;
+        for (int depth = 1; depth <= Depth; ++depth) {
+            level += "/d";
+            directory.Write("source" + level + "/later", "");
+            if (depth == 10)
+                upper = level;
+        }
+        directory.Write("source" + level + "/bottom", "");
+        const ProgramResult result =
+            Run(isSwapped ? 3 : 0, {"backup", source}, Hooked([&](const HookedCall& call) {
+                    if (!isSwapped || call.function != "openat" || call.name != "bottom")
+                        return;
+                    fs::rename(source + upper, directory / "moved");
+                    directory.Write("source" + upper + "/later", "");
+                }));
+        auto stored = Stored();
+        EXPECT_EQ(Holds(result.errors, upper + "/later: The directory above was replaced"), isSwapped);
+        EXPECT_EQ(stored.count(upper + "/later"), !isSwapped);
+        for (const std::string& directoryOfLater : {level, std::string("/d")})
+            EXPECT_EQ(stored.count(directoryOfLater + "/later"), 1u);
     }
 }
 
 TEST_F(Reading, AFileThatGrowsForEverHasAnEnd)
 {
-    const ProgramResult result = RunHooked(Arguments(), [&](const HookedCall& call) {
-        if (call.function == "pread" && call.name.ends_with("file"))
-            Append(source + "/file", 1 << 20);
-    });
-    EXPECT_EQ(result.exitCode, 3);
-    EXPECT_NE(result.errors.find("bytes instead of 5"), std::string::npos) << result.errors;
+    const ProgramResult result = Run(3, {"backup", source}, Hooked([&](const HookedCall& call) {
+                                         if (call.function == "pread" && call.name.ends_with("file"))
+                                             std::ofstream(source + "/file", std::ios::app)
+                                                 << std::string(1 << 20, '+');
+                                     }));
+    EXPECT_TRUE(Holds(result.errors, "bytes instead of 5"));
 }
 
 TEST_F(Reading, StoresNothingFromOutsideWhileSomebodySwaps)
@@ -207,11 +179,11 @@ TEST_F(Reading, StoresNothingFromOutsideWhileSomebodySwaps)
     for (const auto& [a, b] : Rows) {
         unsigned long rowSwaps = 0;
         do {
-            Renew();
+            SetUp();
             MakeTree(source, {Link("to file", directory / "outside/secret"),
                               Link("to dir", directory / "outside"), Fifo("fifo")});
             const Flipper flipper(source + "/" + a, source + "/" + b);
-            const ProgramResult result = RunProgram(Arguments());
+            const ProgramResult result = RunProgram({"backup", "--store", store, source});
             EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 3) << a << result.errors;
             for (const auto& [path, text] : Stored())
                 EXPECT_EQ(text.find("secret"), std::string::npos) << path << " " << b;
@@ -225,17 +197,14 @@ TEST_F(Reading, StoresNothingFromOutsideWhileSomebodySwaps)
 TEST_F(Reading, NothingExcludedIsLookedAt)
 {
     MakeTree(source, {Dir("dir/hidden"), File("dir/hidden/inside", "x"), File("dir/hidden.txt", "y")});
-    for (const char* pattern : {"nothing", "hidden*"}) {
-        const auto rules = Testing::Tree("include " + source + " recursive any; silent " + source +
-                                         " recursive glob=" + pattern);
+    for (const std::string pattern : {"nothing", "hidden*"}) {
         const std::string job =
-            directory.Write("job", Krt::JSON::YValue::FromObject(rules.ToJSON("/")).Stringify(true).Bytes());
-        const ProgramResult result =
-            RunHooked({"backup", "--store", store, "--job", job}, [](const HookedCall& call) {
+            directory.Write("job", JobText("include " + source + " recursive any; silent " + source +
+                                           " recursive glob=" + pattern));
+        Run(pattern == "nothing" ? 99 : 0, {"backup", "--job", job}, Hooked([](const HookedCall& call) {
                 if (call.name.find("hidden") != std::string::npos)
                     _exit(99);
-            });
-        EXPECT_EQ(result.exitCode, pattern == std::string("nothing") ? 99 : 0) << result.errors;
+            }));
     }
 }
 
@@ -253,10 +222,8 @@ TEST_F(Reading, BacksUpADirectoryOfManyEntries)
         many.CreateFile(file);
     for (int i = 2; i < Count; ++i)
         many.MakeHardLink(many, files[i % 2], std::to_string(i).c_str());
-    const ProgramResult result = RunProgram(Arguments());
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
-    const std::string told = "\n" + std::to_string(Count + 4) + " entries: ";
-    EXPECT_NE(result.output.find(told), std::string::npos) << result.output;
+    const ProgramResult result = Run(0, {"backup", source});
+    EXPECT_TRUE(Holds(result.output, "\n" + std::to_string(Count + 4) + " entries: "));
 }
 
 TEST_F(Reading, TellsAPlaceTooDeepToName)
@@ -274,13 +241,12 @@ TEST_F(Reading, TellsAPlaceTooDeepToName)
         level.MakeDirectory(longName, 0700);
         level = level.OpenDirectory(longName);
     }
-    const ProgramResult result = RunProgram(Arguments());
-    EXPECT_EQ(result.exitCode, 3);
+    const ProgramResult result = Run(3, {"backup", source});
     EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1) << result.errors;
     EXPECT_TRUE(result.errors.ends_with(": File name too long\n")) << result.errors;
     // Below the last directory that has a path there are still two files, however long theirs are.
     EXPECT_EQ(Stored().size(), 4u + 3u * static_cast<unsigned int>(nameable) + 2u);
-    EXPECT_EQ(RunProgram({"restore", "--store", store, "--to", directory / "target"}).exitCode, 0);
+    Run(0, {"restore", "--to", target});
 }
 
 TEST_F(Reading, AProgramWithoutStandardStreamsWritesNoneIntoAFile)
@@ -288,20 +254,17 @@ TEST_F(Reading, AProgramWithoutStandardStreamsWritesNoneIntoAFile)
     MakeTree(source, {File("locked", "x", 0000), Socket("socket")});
     for (unsigned int closed = 1; closed < 8; ++closed) {
         fs::remove_all(store);
-        const std::string target = directory / ("target" + std::to_string(closed));
-        ProgramSettings settings;
-        settings.prepare = [closed] {
+        fs::remove_all(target);
+        const auto closeSome = [closed] {
             for (int stream = 0; stream < 3; ++stream) {
                 if ((closed >> stream & 1) != 0)
                     close(stream);
             }
         };
         // A failure is told on one of the streams, and a summary on the other.
-        const ProgramResult backup = RunProgram(Arguments(), settings);
-        EXPECT_EQ(backup.exitCode, (closed & 2) != 0 ? 1 : 3) << closed << backup.errors;
-        const ProgramResult restore =
-            RunProgram({"restore", "--store", store, "--to", target, source + "/file"}, settings);
-        EXPECT_EQ(restore.exitCode, (closed & 2) != 0 ? 1 : 0) << closed << restore.errors;
+        const bool isLost = (closed & 2) != 0;
+        Run(isLost ? 1 : 3, {"backup", source}, {.prepare = closeSome});
+        Run(isLost ? 1 : 0, {"restore", "--to", target, source + "/file"}, {.prepare = closeSome});
         EXPECT_EQ(ReadFile(target + source + "/file"), "12345") << closed;
     }
 }
