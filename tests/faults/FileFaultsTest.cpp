@@ -58,14 +58,6 @@ protected:
     const std::string content = std::string(70000, 'a') + std::string(70000, 'b');
 };
 
-struct stat StatusOf(const YPath& path)
-{
-    struct stat status
-    {};
-    EXPECT_EQ(lstat(path.CStr(), &status), 0) << path.Bytes();
-    return status;
-}
-
 TEST_F(FileFaults, StatusPrimitives)
 {
     const YPath file(directory.Write("file", "12345").c_str());
@@ -80,7 +72,7 @@ TEST_F(FileFaults, StatusPrimitives)
                 Backup::File::DoesDirExist(file);
             }))
             return;
-        const struct stat status = StatusOf(file);
+        const struct stat status = StatusOf(file.Bytes());
         EXPECT_EQ(inode, status.st_ino);
         EXPECT_EQ(allocated, static_cast<unsigned long long>(status.st_blocks) * 512);
         EXPECT_EQ(mode, status.st_mode);
@@ -108,7 +100,7 @@ TEST_F(FileFaults, MakingPrimitives)
                 return;
             EXPECT_EQ(target, made);
             EXPECT_TRUE(fs::is_directory(made.CStr()));
-            EXPECT_EQ(StatusOf(hard).st_ino, StatusOf(old).st_ino);
+            EXPECT_EQ(StatusOf(hard.Bytes()).st_ino, StatusOf(old.Bytes()).st_ino);
             EXPECT_EQ(fs::read_symlink(link.CStr()), made.CStr());
         },
         {"readlink"});
@@ -126,8 +118,8 @@ TEST_F(FileFaults, AttributePrimitives)
                 Backup::File::SetFileTime(file, 1, 2);
             }))
             return;
-        EXPECT_EQ(StatusOf(file).st_mode, static_cast<mode_t>(S_IFREG | 0640));
-        EXPECT_EQ(StatusOf(file).st_mtime, 2);
+        EXPECT_EQ(StatusOf(file.Bytes()).st_mode, static_cast<mode_t>(S_IFREG | 0640));
+        EXPECT_EQ(StatusOf(file.Bytes()).st_mtime, 2);
     });
 }
 
@@ -182,7 +174,7 @@ TEST_F(FileFaults, YFileReads)
             EXPECT_GE(attributes, hasAttribute ? 2u : 0u);
         }
         opened.Open(YFile::OPEN_MODE_READ, file, YFile::OPT_NONE);
-        EXPECT_EQ(opened.GetInode(), StatusOf(file).st_ino);
+        EXPECT_EQ(opened.GetInode(), StatusOf(file.Bytes()).st_ino);
     });
 }
 
@@ -276,8 +268,8 @@ TEST_F(FileFaults, YFileWrites)
         };
         const auto check = [&] {
             EXPECT_EQ(ReadFile(file.CStr()), content);
-            EXPECT_EQ(StatusOf(file).st_mtime, 2);
-            EXPECT_EQ(StatusOf(file).st_mode, static_cast<mode_t>(S_IFREG | 0640));
+            EXPECT_EQ(StatusOf(file.Bytes()).st_mtime, 2);
+            EXPECT_EQ(StatusOf(file.Bytes()).st_mode, static_cast<mode_t>(S_IFREG | 0640));
             EXPECT_EQ(lgetxattr(file.CStr(), "user.test", nullptr, 0), hasAttributes ? 1 : -1);
             EXPECT_TRUE(fs::is_directory(directory / "out/b/directory"));
         };
@@ -323,7 +315,7 @@ TEST_F(FileFaults, Directories)
         EXPECT_EQ(names, (std::set<std::string>{"fifo", "file", "hard", "link"}));
         EXPECT_EQ(target, "file");
         EXPECT_EQ(ReadFile(root.CStr() + std::string("/file")), content);
-        EXPECT_EQ(StatusOf(Path("root/file")).st_mtime, 4);
+        EXPECT_EQ(StatusOf(Path("root/file").Bytes()).st_mtime, 4);
         EXPECT_FALSE(fs::exists(directory / "root/fifo"));
     });
 }
@@ -361,29 +353,27 @@ TEST_F(FileFaults, LogLinesAreWrittenOrCounted)
     constexpr int Count = 5;
     const YString line(std::string(100, 'x'));
     const YPath path = Path("log");
-    CheckWithFaults(
-        [&](Faults& faults) {
-            fs::remove(path.CStr());
-            Krt::Log::YLog log;
-            int written = -1;
-            faults.TryAll([&] {
-                Krt::Log::YLog::Param param(path);
-                param.wholeLines = true;
-                log.Open(param);
-                for (written = 0; written < Count; ++written)
-                    log.Write(MessageType::General, line);
-            });
-            EXPECT_TRUE(written == -1 || written == Count) << "it raises";
-            if (written == Count) {
-                EXPECT_EQ(LinesOf(path).count(line.Bytes()) + log.GetDroppedCount(),
-                          static_cast<unsigned int>(Count));
-            }
-            log.Close();
-            log.Open(Krt::Log::YLog::Param(path));
-            log.Write(MessageType::General, "afterwards");
-            EXPECT_EQ(LinesOf(path).count("afterwards"), 1u);
-        },
-        {});
+    CheckWithFaults([&](Faults& faults) {
+        fs::remove(path.CStr());
+        Krt::Log::YLog log;
+        int written = -1;
+        faults.TryAll([&] {
+            Krt::Log::YLog::Param param(path);
+            param.wholeLines = true;
+            log.Open(param);
+            for (written = 0; written < Count; ++written)
+                log.Write(MessageType::General, line);
+        });
+        EXPECT_TRUE(written == -1 || written == Count) << "it raises";
+        if (written == Count) {
+            EXPECT_EQ(LinesOf(path).count(line.Bytes()) + log.GetDroppedCount(),
+                      static_cast<unsigned int>(Count));
+        }
+        log.Close();
+        log.Open(Krt::Log::YLog::Param(path));
+        log.Write(MessageType::General, "afterwards");
+        EXPECT_EQ(LinesOf(path).count("afterwards"), 1u);
+    });
 }
 
 TEST_F(FileFaults, LogReopens)
@@ -391,27 +381,25 @@ TEST_F(FileFaults, LogReopens)
     Krt::Log::InstallGlobalLogger();
     Krt::Log::YLog& log = *Krt::Log::GetGlobalLogger();
     const YPath path = Path("log");
-    CheckWithFaults(
-        [&](Faults& faults) {
-            fs::remove(path.CStr());
-            Configure("debugOutput=General,FileIo,Volume\n");
-            const unsigned long long dropped = log.GetDroppedCount();
-            const bool isDone = faults.TryAll([&] {
-                Backup::Util::OpenOrReopenLog(path, "General");
-                KRT_LOG_FREE(MessageType::General, "A message of some length, number " << 1);
-            });
-            if (isDone) {
-                const unsigned long long lost = log.GetDroppedCount() - dropped;
-                EXPECT_EQ(LinesOf(path).size() + lost, 4u);
-                EXPECT_TRUE(lost != 0 || ReadFile(path.CStr()).find(", number 1\n") != std::string::npos);
-            }
+    CheckWithFaults([&](Faults& faults) {
+        fs::remove(path.CStr());
+        Configure("debugOutput=General,FileIo,Volume\n");
+        const unsigned long long dropped = log.GetDroppedCount();
+        const bool isDone = faults.TryAll([&] {
             Backup::Util::OpenOrReopenLog(path, "General");
-            KRT_LOG_FREE(MessageType::General, "Another one, number " << 2);
-            EXPECT_TRUE(ReadFile(path.CStr()).ends_with(", number 2\n")) << "the thread's stream works on";
-            Krt::Log::GetGlobalRegistrar()->SetEnabledMessages({});
-            log.Close();
-        },
-        {});
+            KRT_LOG_FREE(MessageType::General, "A message of some length, number " << 1);
+        });
+        if (isDone) {
+            const unsigned long long lost = log.GetDroppedCount() - dropped;
+            EXPECT_EQ(LinesOf(path).size() + lost, 4u);
+            EXPECT_TRUE(lost != 0 || ReadFile(path.CStr()).find(", number 1\n") != std::string::npos);
+        }
+        Backup::Util::OpenOrReopenLog(path, "General");
+        KRT_LOG_FREE(MessageType::General, "Another one, number " << 2);
+        EXPECT_TRUE(ReadFile(path.CStr()).ends_with(", number 2\n")) << "the thread's stream works on";
+        Krt::Log::GetGlobalRegistrar()->SetEnabledMessages({});
+        log.Close();
+    });
 }
 
 TEST_F(FileFaults, ProfileIsReadWhole)

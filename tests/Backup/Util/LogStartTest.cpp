@@ -2,6 +2,7 @@
 #include "Backup/Util/Util.h"
 
 #include "Krt/Log/LogSite.h"
+#include "testing/Configuration.h"
 #include "testing/Raises.h"
 #include "testing/TemporaryDirectory.h"
 
@@ -19,26 +20,17 @@ namespace {
 class LogStart : public ::testing::Test
 {
 protected:
-    LogStart()
-    {
-        Log::InstallGlobalLogger();
-        Configure("");
-    }
+    LogStart() { Log::InstallGlobalLogger(); }
     ~LogStart() override
     {
-        unsetenv("KBAGENT_CONFIG");
         Log::GetGlobalRegistrar()->SetEnabledMessages({});
         Log::GetGlobalLogger()->Close();
     }
 
-    void Configure(const std::string& keys) const
-    {
-        const std::string path = directory.Write("kbagent.conf", "[configuration]\n" + keys);
-        setenv("KBAGENT_CONFIG", path.c_str(), 1);
-    }
     std::string Text() const { return ReadFile(log); }
 
     const Testing::TemporaryDirectory directory;
+    const Testing::Configuration configuration;
     const std::string log = directory / "log";
 };
 
@@ -84,7 +76,7 @@ TEST_F(LogStart, ConfigurationSteersEachOpening)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         std::filesystem::remove(log);
-        Configure(row.keys);
+        configuration.Set(row.keys);
         testing::internal::CaptureStderr();
         OpenOrReopenLog(log.c_str(), row.byDefault);
         const std::string console = testing::internal::GetCapturedStderr();
@@ -100,26 +92,23 @@ TEST_F(LogStart, FailureLeavesTheLogClosedAndWithoutBanner)
     const struct
     {
         const char* name;
-        const char* keys;
-        const char* configuration;
+        const char* keys; // null: of a file below the log's own path
         const char* path;
         const char* function;
     } rows[] = {
-        {"no bool", "consoleOutput=maybe\n", "kbagent.conf", "log", "StringToNumber"},
-        {"missing parent", "", "kbagent.conf", "missing/log", "Open"},
+        {"no bool", "consoleOutput=maybe\n", "log", "StringToNumber"},
+        {"missing parent", "", "missing/log", "Open"},
         // There is no such file until the log's own makes a directory of its path impossible.
-        {"readable once", "", "log/conf", "log", "OpenSystem"},
+        {"readable once", nullptr, "log", "OpenSystem"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        Configure("");
+        configuration.Set("");
         OpenOrReopenLog((directory / "earlier").c_str(), "General");
-        Configure(row.keys);
-        setenv("KBAGENT_CONFIG", (directory / row.configuration).c_str(), 1);
+        row.keys != nullptr ? configuration.Set(row.keys) : configuration.Use(log + "/conf");
         const std::string path = directory / row.path;
         const auto error = Testing::CatchError([&] { OpenOrReopenLog(path.c_str(), "General"); });
-        ASSERT_TRUE(error);
-        EXPECT_EQ(error->GetFunction().Bytes(), row.function);
+        EXPECT_EQ(error.value().GetFunction().Bytes(), row.function);
         EXPECT_FALSE(Log::GetGlobalLogger()->IsOpen());
         EXPECT_TRUE(!std::filesystem::exists(path) || Text().empty());
     }

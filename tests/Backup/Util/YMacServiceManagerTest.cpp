@@ -76,9 +76,7 @@ TEST_F(YMacServiceManagerTest, InstallPutsTheListInPlace)
     Install("kbagent", "/usr/local/bin/kbagent");
     EXPECT_TRUE(m_manager.Exists("kbagent"));
     EXPECT_EQ(Testing::ReadFile(m_list), Testing::ReadFile(GOLDEN_DIRECTORY "/kbagent.plist"));
-    struct stat status;
-    ASSERT_EQ(stat(m_list.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
+    EXPECT_EQ(Testing::StatusOf(m_list).st_mode, mode_t{S_IFREG | 0644});
     Install("other", "/a<b>&amp;\"'");
     EXPECT_NE(Testing::ReadFile(m_root + "/Library/LaunchDaemons/other.plist")
                   .find("\t<string>/a<b>&amp;\"'</string>\n"),

@@ -69,9 +69,7 @@ TEST_F(YSystemdServiceManagerTest, InstallWritesTheUnitAndEnablesIt)
               "RestartSec=10\n\n"
               "[Install]\n"
               "WantedBy=multi-user.target\n");
-    struct stat status;
-    ASSERT_EQ(stat(m_unit.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
+    EXPECT_EQ(Testing::StatusOf(m_unit).st_mode, mode_t{S_IFREG | 0644});
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_units), {}), 1) << "nothing else is left";
     EXPECT_EQ(programs.Lines(), "/bin/systemctl daemon-reload\n"
                                 "/bin/systemctl enable --quiet -- kbagent.service\n");

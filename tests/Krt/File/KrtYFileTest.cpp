@@ -32,9 +32,7 @@ TEST_F(KrtYFileTest, MakesAPrivateFileOfAllThatIsWritten)
     file.Write(YString(std::string_view("a\0b", 3)));
     file.Close();
     EXPECT_EQ(ReadFile(path), std::string("first\na\0b", 9));
-    struct stat status;
-    ASSERT_EQ(stat(path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+    EXPECT_EQ(Testing::StatusOf(path).st_mode & 07777U, 0600U);
     file.Close();
     EXPECT_RAISES(file.Write("more"), ErrorCode::InvalidState, "Write", "File is not open: " + path);
 }

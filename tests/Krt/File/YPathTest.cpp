@@ -1,8 +1,9 @@
 #include "Krt/File/YPath.h"
 
+#include "testing/OnThreads.h"
 #include "testing/Raises.h"
 
-#include <thread>
+#include <algorithm>
 
 using Krt::ErrorCode;
 using Krt::YString;
@@ -30,17 +31,13 @@ TEST(YPathTest, ThreadsShareOnePath)
 {
     for (int round = 0; round < 50; ++round) {
         const YPath path("/a/b/c");
-        std::vector<std::thread> readers;
-        for (int reader = 0; reader < 4; ++reader)
-            readers.emplace_back([&path] {
-                EXPECT_EQ(path.GetComponent(2), "c");
-                EXPECT_EQ(path.AsUnixPath(true), "/a/b/c/");
-                EXPECT_EQ(path.Length(), 6U);
-                const YPath copy(path);
-                EXPECT_EQ(copy.GetParent(), "/a/b");
-                EXPECT_TRUE(path.IsChildOf(copy, true));
-            });
-        for (std::thread& reader : readers)
-            reader.join();
+        Testing::OnThreads(4, [&](int) {
+            EXPECT_EQ(path.GetComponent(2), "c");
+            EXPECT_EQ(path.AsUnixPath(true), "/a/b/c/");
+            EXPECT_EQ(path.Length(), 6U);
+            const YPath copy(path);
+            EXPECT_EQ(copy.GetParent(), "/a/b");
+            EXPECT_TRUE(path.IsChildOf(copy, true));
+        });
     }
 }

@@ -163,9 +163,7 @@ TEST_F(YLogTest, OpenAppendsPrivatelyAboveTheStandardStreams)
         dup2(standardInput, STDIN_FILENO);
     close(standardInput);
     umask(mask);
-    struct stat status;
-    ASSERT_EQ(stat(path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777U, 0640U);
+    EXPECT_EQ(Testing::StatusOf(path).st_mode & 0777U, 0640U);
 }
 
 // Reopened at once, the log loses nothing; what meets it closed in between is counted.

@@ -67,8 +67,7 @@ TEST_F(YProfileTest, UnchangedFileIsSharedAndAChangeIsSeen)
     const auto young = Profile::OpenSystem();
     EXPECT_NE(Profile::OpenSystem(), young);
     // Same size, and the times of the old content.
-    struct stat status;
-    ASSERT_EQ(stat(m_path.c_str(), &status), 0);
+    const struct stat status = Testing::StatusOf(m_path);
     m_directory.Write("kbagent.conf", "[configuration]\na=2\n");
     const timespec times[] = {Krt::File::AccessTime(status), Krt::File::WriteTime(status)};
     ASSERT_EQ(utimensat(AT_FDCWD, m_path.c_str(), times, 0), 0);

@@ -1,5 +1,7 @@
 #include "Krt/Signal/YSignal.h"
 
+#include "testing/OnThreads.h"
+
 #include "Krt/String/YString.h"
 #include "Krt/Thread/Thread.h"
 #include "Krt/Thread/YThreadBase.h"
@@ -238,7 +240,7 @@ TEST(YSignal, ManyThreadsFireConnectAndDisconnect)
     Event event;
     std::atomic<long> calls = 0;
     YSlot lasting = event.Connect([&] { ++calls; });
-    const auto work = [&] {
+    Testing::OnThreads(3, [&](int) {
         for (int i = 0; i < 300; ++i) {
             auto target = std::make_unique<std::atomic<long>>(0); // slots run on several threads at once
             YSlot slot = event.Connect([data = target.get()] { *data = 1; });
@@ -246,12 +248,7 @@ TEST(YSignal, ManyThreadsFireConnectAndDisconnect)
             slot.Disconnect();
             target.reset(); // nobody calls the function any more
         }
-    };
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i)
-        threads.emplace_back(work);
-    for (std::thread& thread : threads)
-        thread.join();
+    });
     EXPECT_EQ(calls, 900);
 }
 

@@ -1,5 +1,7 @@
 #include "Krt/Thread/YMutex.h"
 
+#include "testing/OnThreads.h"
+
 #include "Krt/Thread/SpinLock.h"
 
 #include <boost/make_shared.hpp>
@@ -71,7 +73,7 @@ TEST(SpinLock, RecursesOnItsThreadAndExcludesOthers)
 {
     SpinLock spin;
     long sum = 0;
-    const auto count = [&] {
+    Testing::OnThreads(2, [&](int) {
         for (int i = 0; i < 5000; ++i) {
             const SpinGuard guard(spin);
             spin.Enter();
@@ -80,10 +82,7 @@ TEST(SpinLock, RecursesOnItsThreadAndExcludesOthers)
             std::this_thread::yield();
             sum = seen + 1;
         }
-    };
-    std::thread counter(count);
-    count();
-    counter.join();
+    });
     EXPECT_EQ(sum, 10000);
 }
 

@@ -1,5 +1,6 @@
 #include "Krt/Thread/YReadWriteMutex.h"
 
+#include "testing/OnThreads.h"
 #include "testing/Raises.h"
 
 #include <gtest/gtest.h>
@@ -113,7 +114,8 @@ TEST(YReadWriteMutex, MixedUseByManyThreadsExcludesAndNeverSleepsOn)
             ++written;
         }));
     };
-    const auto work = [&](unsigned int seed) {
+    Testing::OnThreads(4, [&](int thread) {
+        unsigned int seed = static_cast<unsigned int>(thread) + 1;
         for (int round = 0; round < Rounds; ++round) {
             seed = seed * 1103515245 + 12345;
             const unsigned int choice = seed >> 16 & 15;
@@ -128,12 +130,7 @@ TEST(YReadWriteMutex, MixedUseByManyThreadsExcludesAndNeverSleepsOn)
                 ASSERT_EQ(first, second);
             }
         }
-    };
-    std::vector<std::thread> threads;
-    for (unsigned int seed = 1; seed <= 4; ++seed)
-        threads.emplace_back(work, seed);
-    for (std::thread& thread : threads)
-        thread.join();
+    });
     EXPECT_EQ(first, written);
     EXPECT_EQ(second, written);
     EXPECT_GE(written, 1);
@@ -166,15 +163,14 @@ TEST(YReadWriteMutex, GoesWhileItsLastReadersLeave)
     for (int round = 0; round < 300; ++round) {
         std::optional<YReadWriteMutex> mutex(std::in_place);
         std::latch held(3);
-        const auto read = [&] {
-            const Lock lock = mutex->ReadLock(Forever);
+        Testing::OnThreads(3, [&](int thread) {
+            std::optional<Lock> lock;
+            if (thread != 0)
+                lock = mutex->ReadLock(Forever);
             held.arrive_and_wait();
-        };
-        std::thread first(read), second(read);
-        held.arrive_and_wait();
-        mutex.reset();
-        first.join();
-        second.join();
+            if (thread == 0)
+                mutex.reset();
+        });
     }
 }
 

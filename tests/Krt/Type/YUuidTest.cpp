@@ -1,13 +1,13 @@
 #include "Krt/Type/YUuid.h"
 
+#include "testing/OnThreads.h"
+
 #include "Krt/Util/RandomGenerator.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <set>
-#include <string>
-#include <thread>
 #include <vector>
 
 using Krt::Type::YUuid;
@@ -42,13 +42,9 @@ TEST(YUuidTest, RandomIsTwoDrawsFromTheirLowEndsAndVersionFour)
 TEST(YUuidTest, ConcurrentDrawsAreAllDifferent)
 {
     std::vector<YUuid::Bytes> drawn(2000, YUuid::Bytes());
-    std::vector<std::thread> drawers;
-    for (std::size_t first = 0; first < drawn.size(); first += 500) {
-        drawers.emplace_back([&drawn, first] {
-            std::generate_n(&drawn[first], 500, [] { return YUuid::Random().GetBytes(); });
-        });
-    }
-    for (std::thread& drawer : drawers)
-        drawer.join();
+    Testing::OnThreads(4, [&](int thread) {
+        std::generate_n(&drawn[500U * static_cast<unsigned int>(thread)], 500,
+                        [] { return YUuid::Random().GetBytes(); });
+    });
     EXPECT_EQ(std::set(drawn.begin(), drawn.end()).size(), drawn.size());
 }

@@ -2,11 +2,11 @@
 
 #include "Backup/Volume/Unix/Util.h"
 
+#include "testing/Configuration.h"
 #include "testing/LogCapture.h"
 #include "testing/MountTable.h"
 #include "testing/Raises.h"
 
-#include <cstdlib>
 #include <tuple>
 
 using Backup::File::IsFollowableDirectoryFromKrtAttributes;
@@ -17,6 +17,7 @@ using Krt::MessageType;
 namespace {
 
 constexpr unsigned int Directory = 0x10;
+const std::string Listed = "IncludedMountpoints=/dev/,,/mnt, /sys\n";
 
 // The list of mount points is read once in a process, so all tests share one; other keys are read afresh.
 class DescentPolicy : public testing::Test
@@ -28,18 +29,10 @@ protected:
             if (!IsMountPoint(mount))
                 GTEST_SKIP() << mount << " is not mounted here";
         }
-        Configure("");
-    }
-    void TearDown() override { unsetenv("KBAGENT_CONFIG"); }
-
-    void Configure(const std::string& keys)
-    {
-        const std::string file = m_directory.Write(
-            "agent.conf", "[configuration]\nIncludedMountpoints=/dev/,,/mnt, /sys\n" + keys);
-        setenv("KBAGENT_CONFIG", file.c_str(), 1);
     }
 
-    Testing::TemporaryDirectory m_directory;
+    const Testing::TemporaryDirectory m_directory;
+    const Testing::Configuration m_configuration{Listed};
 };
 
 } // namespace
@@ -48,7 +41,7 @@ TEST_F(DescentPolicy, OnlyDirectoriesAreFollowed)
 {
     const std::string directory = m_directory.MakeDirectory("ordinary");
     // The configuration of an ordinary directory is never read, and that of a mount point would fail.
-    setenv("KBAGENT_CONFIG", m_directory.Path().c_str(), 1);
+    Testing::Configuration::Use(m_directory.Path());
     EXPECT_TRUE(IsFollowableDirectoryFromKrtAttributes(directory.c_str(), Directory));
     EXPECT_FALSE(IsFollowableDirectoryFromKrtAttributes(directory.c_str(), 0xFFFFFFEF));
     EXPECT_FALSE(IsFollowableDirectoryFromKrtAttributes("/no-such-directory", 0xFFFFFFFF));
@@ -67,7 +60,7 @@ TEST_F(DescentPolicy, MountPointsAreFollowedByClassOrByTheList)
         {"listed with a trailing slash", "/dev", "nfs", true},
         {"listed behind a blank, which counts", "/sys", "sysfs", false}};
     // Has no effect where the classification doesn't fail.
-    Configure("walkIntoUnknownMountPoints=true\n");
+    m_configuration.Set(Listed + "walkIntoUnknownMountPoints=true\n");
     for (const auto& [name, path, type, followed] : cases) {
         const Testing::MountTable table(std::string("source ") + path + " " + type + " rw 0 0\n");
         EXPECT_EQ(IsFollowableDirectoryFromKrtAttributes(path, Directory), followed) << name;
@@ -88,7 +81,7 @@ TEST_F(DescentPolicy, AMountPointThatCannotBeClassified)
         << text;
     EXPECT_NE(text.find("Failed to locate volume guid for path /proc"), std::string::npos) << text;
 
-    Configure("walkIntoUnknownMountPoints=1\n");
+    m_configuration.Set(Listed + "walkIntoUnknownMountPoints=1\n");
     const Testing::LogCapture log({"General"});
     EXPECT_TRUE(IsFollowableDirectoryFromKrtAttributes("/proc", Directory));
     EXPECT_EQ(log.Texts(), std::vector<std::string>{"General: Walking into unknown mountpoint: /proc due to "

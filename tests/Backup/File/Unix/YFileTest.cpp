@@ -1,12 +1,13 @@
 #include "Backup/File/Unix/YFile.h"
 
+#include "testing/Configuration.h"
 #include "testing/LogCapture.h"
+#include "testing/Printed.h"
 #include "testing/Raises.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,12 +26,7 @@ class YFileTest : public testing::Test
 {
 protected:
     YPath At(const std::string& name) const { return YPath((m_directory / name).c_str()); }
-    struct stat StatusOf(const std::string& name) const
-    {
-        struct stat status = {};
-        EXPECT_EQ(lstat((m_directory / name).c_str(), &status), 0) << name;
-        return status;
-    }
+    struct stat StatusOf(const std::string& name) const { return Testing::StatusOf(m_directory / name); }
 
     Testing::TemporaryDirectory m_directory;
 };
@@ -182,17 +178,14 @@ TEST_F(YFileTest, TracesOnItsChannel)
     char buffer[8];
     file.Read(buffer, 8);
     file.Open(YFile::OPEN_MODE_WRITE, At("dir"), YFile::OPT_DIRECTORY);
-    std::string text;
-    for (const std::string& line : log.Texts())
-        text += line + "\n";
-    EXPECT_EQ(text, "YFile: Creating file for write " + out + " Option 3\n" +
-                        "YFile: Successfully opened file " + out + "\n" +
-                        "YFile: Writing 2 to file with path=" + out + "  isopen = 1\n" +
-                        "YFile: Setting file times\nYFile:    Access time: ff\nYFile:    Write time: 10\n" +
-                        "YFile: Writing 2 to file with path=" + out + "  isopen = 0\n" +
-                        "YFile: Successfully opened file " + m_directory / "in\n" +
-                        "YFile: Read 8 bytes from file " + m_directory / "in\n" + "YFile: Creating folder " +
-                        m_directory / "dir\n" + "YFile: Successfully opened file " + m_directory / "dir\n");
+    EXPECT_EQ(log.Text(),
+              "YFile: Creating file for write " + out + " Option 3\n" + "YFile: Successfully opened file " +
+                  out + "\n" + "YFile: Writing 2 to file with path=" + out + "  isopen = 1\n" +
+                  "YFile: Setting file times\nYFile:    Access time: ff\nYFile:    Write time: 10\n" +
+                  "YFile: Writing 2 to file with path=" + out + "  isopen = 0\n" +
+                  "YFile: Successfully opened file " + m_directory / "in\n" +
+                  "YFile: Read 8 bytes from file " + m_directory / "in\n" + "YFile: Creating folder " +
+                  m_directory / "dir\n" + "YFile: Successfully opened file " + m_directory / "dir\n");
 }
 
 TEST_F(YFileTest, TheSwitchForAttributesGovernsReadingAlone)
@@ -212,24 +205,19 @@ TEST_F(YFileTest, TheSwitchForAttributesGovernsReadingAlone)
     EXPECT_TRUE(off.GetExtendedAttributeMap().empty());
 
     YFile file(YFile::OPEN_MODE_READ, At("file"), NoOptions);
-    const std::string configuration =
-        m_directory.Write("kbagent.conf", "[configuration]\ndisableXattr=false\n");
-    setenv("KBAGENT_CONFIG", configuration.c_str(), 1);
+    const Testing::Configuration configuration("disableXattr=false\n");
     EXPECT_TRUE(file.GetExtendedAttributeMap().contains("user.b"));
     const auto names = file.ListExtendedAttributes();
     EXPECT_EQ(std::count(names.begin(), names.end(), "user.b"), 1);
-    m_directory.Write("kbagent.conf", "[configuration]\ndisableXattr=true\n");
+    configuration.Set("disableXattr=true\n");
     EXPECT_TRUE(file.GetExtendedAttributeMap().empty()) << "read afresh";
-    unsetenv("KBAGENT_CONFIG");
 }
 
 TEST(YFileOptions, PrintOneBitAlone)
 {
     const std::pair<unsigned int, const char*> rows[] = {{0, ""}, {1, "OPT_NONE"}, {8, ""}, {9, "OPT_NONE"}};
     for (const auto& [bits, text] : rows) {
-        Krt::YStream stream{Krt::YString()};
-        stream << static_cast<YFile::OPTIONS>(bits);
-        EXPECT_EQ(Krt::YString(stream), text) << bits;
+        EXPECT_EQ(Testing::Printed(static_cast<YFile::OPTIONS>(bits)), text) << bits;
     }
 }
 
