@@ -6,8 +6,6 @@
 #include "testing/StoreFiles.h"
 #include "testing/Tree.h"
 
-#include "Krt/JSON/YValue.h"
-
 #include <sys/stat.h>
 #include <tuple>
 
@@ -19,11 +17,6 @@ class BackupProgram : public ProgramFixture
 {
 protected:
     std::vector<std::string> Stored() const { return StoredPaths(store, source); }
-    std::string WriteJob(const std::string& rules)
-    {
-        const auto value = Krt::JSON::YValue::FromObject(Testing::Tree(rules).ToJSON("/"));
-        return directory.Write("job.json", value.Stringify(true).Bytes());
-    }
 };
 
 using Paths = std::vector<std::string>;
@@ -53,9 +46,8 @@ TEST_F(BackupProgram, FollowsAJobsRules)
              {Dir("docs"), File("docs/a.txt", "1"), File("docs/b.tmp", "2"), Dir("docs/deep"),
               File("docs/deep/c.tmp", "3"), File("docs/deep/d", "4"), Dir("other"), File("other/e", "5")});
     const std::string docs = source + "/docs";
-    const std::string job =
-        WriteJob("include " + docs + " recursive any; exclude " + docs + " recursive glob=*.tmp");
-
+    const std::string job = directory.Write(
+        "job", JobText("include " + docs + " recursive any; exclude " + docs + " recursive glob=*.tmp"));
     const ProgramResult result = Run(0, {"backup", "--job", job, "--verbose"});
     EXPECT_EQ(Stored(), (Paths{"/docs/a.txt", "/docs/deep", "/docs/deep/d"}));
     EXPECT_TRUE(Holds(result.output, "2 excluded"));
@@ -83,7 +75,7 @@ TEST_F(BackupProgram, ReachesAPathThroughADirectoryThatMayNotBeListed)
     MakeTree(source, {Dir("passage"), Dir("passage/open"), File("passage/open/file", "x")});
     chmod(directory.Path().c_str(), 0777);
     chmod((source + "/passage").c_str(), 0311);
-    Run(0, {"backup", source + "/passage/open"}, {.user = OrdinaryUser, .prepare = {}});
+    Run(0, {"backup", source + "/passage/open"}, {.user = OrdinaryUser});
     chmod((source + "/passage").c_str(), 0755);
     EXPECT_EQ(Stored(), (Paths{"/passage/open", "/passage/open/file"}));
 }
@@ -103,29 +95,6 @@ TEST(HardLinks, AFileThatWasWrittenToIsReadAgain)
     ASSERT_NE(links.Find(status, 5), nullptr);
     links.Seen(status);
     EXPECT_EQ(links.Find(status, 5), nullptr) << "no name is to come";
-}
-
-TEST_F(BackupProgram, RefusesWhatItCannotUse)
-{
-    const std::string damaged = directory.Write("damaged.json", "{\"includes\": [");
-    const std::string noIncludes = directory.Write("none.json", R"({"includes": [], "excludes": []})");
-    const std::string halfRules = directory.Write("half.json", "{\"includes\": []}");
-    const std::tuple<const char*, std::vector<std::string>, int, std::string> cases[] = {
-        {"neither path nor job", {"backup"}, 2, "PATH"},
-        {"missing job", {"backup", "--job", source + "/none"}, 1, source + "/none"},
-        {"directory for a job", {"backup", "--job", source}, 1, source},
-        {"damaged job", {"backup", "--job", damaged}, 1, damaged},
-        {"job without excludes", {"backup", "--job", halfRules}, 1, "excludes"},
-        {"job that includes nothing", {"backup", "--job", noIncludes}, 1, "includes nothing"},
-        {"empty job's name", {"backup", "--job", "", source}, 2, "is empty"},
-        {"way that is missing", {"backup", source + "/none/file"}, 1, source + "/none"},
-        {"missing entry", {"backup", source + "/none"}, 3, source + "/none"},
-        {"unknown option", {"backup", "--nothing", source}, 2, "--nothing"},
-    };
-    for (const auto& [name, arguments, exitCode, told] : cases) {
-        SCOPED_TRACE(name);
-        EXPECT_TRUE(Holds(Run(exitCode, arguments).errors, told));
-    }
 }
 
 } // namespace

@@ -1,8 +1,9 @@
-// What the program tells: text that can't forge a line, exit codes, and output that is never lost unnoticed.
+// What the program tells: times, exit codes, and output that is never lost unnoticed.
 #include "agent/Cli/Command.h"
 #include "agent/Run/Text.h"
 
 #include "testing/ProgramFixture.h"
+#include "testing/StoreFiles.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -12,25 +13,6 @@ using namespace Agent;
 using Testing::RunProgram;
 
 namespace {
-
-TEST(Text, PrintableIsOneLineThatSteersNothing)
-{
-    const std::tuple<const char*, std::string, const char*> cases[] = {
-        {"plain", "/a b/c'\"* \u00e9 \u4e2d \U0001f600", "/a b/c'\"* \u00e9 \u4e2d \U0001f600"},
-        {"backslash", "a\\nb", "a\\\\nb"},
-        {"line ends and tab", "a\nb\rc\td", "a\\nb\\rc\\td"},
-        {"terminal sequence", "\x1b[2J\x7f", "\\x1b[2J\\x7f"},
-        {"NUL", std::string("a\0b", 3), "a\\x00b"},
-        {"control of the second set", "\u009b2J", "\\u009b2J"},
-        {"bytes of no character", "\x9b\xff\xc3", "\\x9b\\xff\\xc3"},
-        {"overlong", "\xc0\xaf\xe0\x80\xaf", "\\xc0\\xaf\\xe0\\x80\\xaf"},
-        {"surrogate", "\xed\xa0\x80", "\\xed\\xa0\\x80"},
-        {"beyond the last character", "\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
-        {"line separator, reversed text", "\u2028a\u202etxt.exe", "\\u2028a\\u202etxt.exe"},
-    };
-    for (const auto& [name, text, shown] : cases)
-        EXPECT_EQ(Printable(std::string_view(text)), shown) << name;
-}
 
 TEST(Text, TimesOfAllAges)
 {
@@ -59,9 +41,12 @@ protected:
 TEST_F(Cli, ExitCodesTellTheKindOfEnd)
 {
     directory.Write("store/snapshots/9-damaged", "no snapshot");
-    const std::string to = directory / "to", inStore = store + "/objects/../new/x";
+    const std::string to = directory / "to", inStore = store + "/objects/../new/x", none = directory / "none";
+    const std::string damaged = directory.Write("damaged.json", "{\"includes\": [");
+    const std::string halfRules = directory.Write("half.json", "{\"includes\": []}");
+    const std::string noIncludes = directory.Write("none.json", R"({"includes": [], "excludes": []})");
     // What is told stands in standard output for 0, else in standard error.
-    const std::tuple<const char*, std::vector<std::string>, int, const char*> cases[] = {
+    const std::tuple<const char*, std::vector<std::string>, int, std::string> cases[] = {
         {"help", {"--help"}, 0, "Exit codes"},
         {"help of a command", {"list", "--help"}, 0, "--snapshot ID"},
         {"version", {"--version"}, 0, "kbagent 0."},
@@ -82,6 +67,17 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
          1,
          "or lies in it"},
         {"restore of a damaged one", {"restore", "--store", store, "--to", to + "/x"}, 1, "is damaged"},
+        {"neither path nor job", {"backup", "--store", store}, 2, "PATH"},
+        {"missing job", {"backup", "--store", store, "--job", none}, 1, none},
+        {"directory for a job", {"backup", "--store", store, "--job", store}, 1, store},
+        {"damaged job", {"backup", "--store", store, "--job", damaged}, 1, damaged},
+        {"job without excludes", {"backup", "--store", store, "--job", halfRules}, 1, "excludes"},
+        {"job that includes nothing",
+         {"backup", "--store", store, "--job", noIncludes},
+         1,
+         "includes nothing"},
+        {"empty job's name", {"backup", "--store", store, "--job", "", to}, 2, "is empty"},
+        {"way that is missing", {"backup", "--store", store, none + "/file"}, 1, none},
         {"a damaged one", {"list", "--store", store}, 3, "Snapshot 9-damaged is damaged at offset 0"},
     };
     for (const auto& [name, arguments, exitCode, told] : cases) {
@@ -95,13 +91,13 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
 
 TEST_F(Cli, PathsThatLookLikeListsArePaths)
 {
-    for (const char* name : {"tree/[a,b]", "tree/{}"}) {
-        const std::string other = directory / "other";
-        const std::string command = "cd '" + directory.Path() +
-                                    "/tree' && '" KBAGENT_PROGRAM "' backup --store '" + other + "' '" +
-                                    (name + 5) + "' >/dev/null && '" KBAGENT_PROGRAM "' list --store '" +
-                                    other + "' --snapshot latest | grep -qF '" + (directory / name) + "'";
-        EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    const std::string tree = directory / "tree";
+    const auto enter = [&] {
+        std::filesystem::current_path(tree);
+    };
+    for (const std::string name : {"[a,b]", "{}"}) {
+        Run(0, {"backup", name}, {.prepare = enter});
+        EXPECT_EQ(Testing::StoredPaths(store, tree).front(), "/" + name);
     }
 }
 

@@ -148,8 +148,7 @@ TEST_F(NamesOnDisk, AwkwardOnesComeBackAndForgeNoLine)
                   ": A directory stands in its place");
 
     const std::string rules = "include " + source + " recursive any; exclude " + source + " recursive glob=*";
-    const std::string job =
-        directory.Write("job", YValue::FromObject(Tree(rules).ToJSON("/")).Stringify(true).Bytes());
+    const std::string job = directory.Write("job", JobText(rules));
     ExpectAllTold(
         Run(0, {"--log", directory / "log", "--debug",
                 "General,Runtime,Volume,FileStat,FileIo,FileInfo,FileClose,SelectionBuild,SelectionQuery",
@@ -193,9 +192,7 @@ TEST_F(NamesOnDisk, ComposedAndDecomposedStayTwo)
 {
     Make({"\u00e9", "e\u0301"});
     for (const std::string& name : names) {
-        const std::string rules = "include " + source + " exact=" + name;
-        const std::string job =
-            directory.Write("job", YValue::FromObject(Tree(rules).ToJSON("/")).Stringify(true).Bytes());
+        const std::string job = directory.Write("job", JobText("include " + source + " exact=" + name));
         Run(0, {"backup", "--store", store, "--job", job});
         EXPECT_EQ(StoredPaths(store, source), std::vector<std::string>{"/" + name});
     }

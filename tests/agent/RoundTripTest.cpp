@@ -1,11 +1,11 @@
 // Trees of every kind go through backup and restore, and what comes back is compared with what was there.
+#include "testing/AccessList.h"
 #include "testing/ProgramFixture.h"
 #include "testing/StoreFiles.h"
 #include "testing/Tree.h"
 
-#include <fcntl.h>
 #include <filesystem>
-#include <sys/stat.h>
+#include <fstream>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -30,11 +30,11 @@ protected:
     }
     ProgramResult Backup(int exitCode, unsigned int user = 0) const
     {
-        return Run(exitCode, {"backup", source}, {.user = user, .prepare = {}});
+        return Run(exitCode, {"backup", source}, {.user = user});
     }
     ProgramResult Restore(int exitCode, unsigned int user = 0) const
     {
-        return Run(exitCode, {"restore", "--to", target}, {.user = user, .prepare = {}});
+        return Run(exitCode, {"restore", "--to", target}, {.user = user});
     }
     void ExpectAllComesBack(unsigned int user = 0) const
     {
@@ -43,12 +43,7 @@ protected:
         EXPECT_EQ(DescribeTree(Restored()), DescribeTree(source));
     }
     std::string Restored() const { return target + source; }
-    struct stat StatusOf(const std::string& name) const
-    {
-        struct stat status = {};
-        EXPECT_EQ(lstat((Restored() + name).c_str(), &status), 0) << name;
-        return status;
-    }
+    struct stat StatusOf(const std::string& name) const { return Status(Restored() + name); }
 };
 
 TEST_F(RoundTrip, EveryKindComesBackIdentical)
@@ -66,8 +61,7 @@ TEST_F(RoundTrip, OrdinaryUserGetsAllOfHisOwn)
 {
     MakeTree(source, EveryKindOfEntry());
     if (geteuid() == 0) {
-        namespace fs = std::filesystem;
-        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(source))
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(source))
             ASSERT_EQ(lchown(entry.path().c_str(), OrdinaryUser, OrdinaryUser), 0);
         ASSERT_EQ(chmod((source + "/setuid").c_str(), 04755), 0); // the change of owner took the bit
         ASSERT_EQ(chown(source.c_str(), OrdinaryUser, OrdinaryUser), 0);
@@ -79,28 +73,21 @@ TEST_F(RoundTrip, RootBringsBackOwnersDevicesAndSecurityAttributes)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root";
-    MakeTree(source, {Dir("dir", 0750), File("suid", "x"), File("locked", "secret", 0000),
-                      Dir("closed", 0000), File("closed/inside", "y"), File("capable", "z")});
-    ASSERT_EQ(chown((source + "/suid").c_str(), 1234, 5678), 0);
+    MakeTree(source,
+             {Dir("dir", 0750), File("suid", "x"), File("locked", "secret", 0000), Dir("closed", 0000),
+              File("closed/inside", "y"), File("capable", "z"), Link("link", "dir")});
+    const auto own = [&](const char* name, uid_t user, gid_t group) {
+        return lchown((source + name).c_str(), user, group) == 0;
+    };
+    ASSERT_TRUE(own("/suid", 1234, 5678) && own("/dir", 42, 43) && own("/link", 44, 45));
     ASSERT_EQ(chmod((source + "/suid").c_str(), 06755), 0);
-    ASSERT_EQ(lchown((source + "/dir").c_str(), 42, 43), 0);
-    ASSERT_EQ(symlink("dir", (source + "/link").c_str()), 0);
-    ASSERT_EQ(lchown((source + "/link").c_str(), 44, 45), 0);
     if (mknod((source + "/device").c_str(), S_IFCHR | 0640, makedev(1, 3)) != 0)
         GTEST_SKIP() << "may not make device nodes";
     // cap_net_bind_service=ep in the kernel's second format.
     const unsigned char capability[] = {1, 0, 0, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
     setxattr((source + "/capable").c_str(), "security.capability", capability, sizeof capability, 0);
-    // user::rw-, user:1000:r--, group::r--, mask::r--, other::---
-    const unsigned char acl[] = {2,    0, 0, 0,                         //
-                                 1,    0, 6, 0, 0xFF, 0xFF, 0xFF, 0xFF, //
-                                 2,    0, 4, 0, 0xE8, 0x03, 0,    0,    //
-                                 4,    0, 4, 0, 0xFF, 0xFF, 0xFF, 0xFF, //
-                                 0x10, 0, 4, 0, 0xFF, 0xFF, 0xFF, 0xFF, //
-                                 0x20, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF};
-    setxattr((source + "/suid").c_str(), "system.posix_acl_access", acl, sizeof acl, 0);
-    setxattr((source + "/dir").c_str(), "system.posix_acl_default", acl, sizeof acl, 0);
-
+    GiveAccessList(source + "/suid", "access");
+    GiveAccessList(source + "/dir", "default");
     ExpectAllComesBack();
 }
 
@@ -133,20 +120,17 @@ TEST_F(RoundTrip, WhatCannotBeReadFailsAlone)
 TEST_F(RoundTrip, SparseFileOfFiveGigabytes)
 {
 #ifdef NDEBUG
-    const std::string path = source + "/sparse";
-    const int file = open(path.c_str(), O_WRONLY | O_CREAT, 0600);
-    ASSERT_EQ(ftruncate(file, 5LL << 30), 0);
-    ASSERT_EQ(pwrite(file, "middle", 6, 3LL << 30), 6);
-    close(file);
+    const std::string name = "/sparse";
+    std::ofstream(source + name).seekp(3LL << 30) << "middle";
+    std::filesystem::resize_file(source + name, 5LL << 30);
     Backup(0);
     Restore(0);
-    EXPECT_EQ(StatusOf("/sparse").st_size, 5LL << 30);
-    EXPECT_LT(StatusOf("/sparse").st_blocks * 512, 1 << 20);
-    char text[6] = {};
-    const int restored = open((Restored() + "/sparse").c_str(), O_RDONLY);
-    EXPECT_EQ(pread(restored, text, 6, 3LL << 30), 6);
-    EXPECT_EQ(std::string(text, 6), "middle");
-    close(restored);
+    EXPECT_EQ(StatusOf(name).st_size, 5LL << 30);
+    EXPECT_LT(StatusOf(name).st_blocks * 512, 1 << 20);
+    std::ifstream restored(Restored() + name);
+    std::string middle(6, '\0');
+    restored.seekg(3LL << 30).read(middle.data(), 6);
+    EXPECT_EQ(middle, "middle");
 #else
     GTEST_SKIP() << "takes too long without optimisation";
 #endif

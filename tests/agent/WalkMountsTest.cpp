@@ -6,8 +6,6 @@
 
 #include "agent/Run/Text.h"
 
-#include "Krt/JSON/YValue.h"
-
 #include <cstdlib>
 #include <gtest/gtest.h>
 
@@ -24,12 +22,6 @@ namespace {
 std::string Shown(const std::string& path)
 {
     return Agent::Printable(std::string_view(path));
-}
-
-void WriteJob(const std::string& file, const std::string& rules)
-{
-    const auto json = Krt::JSON::YValue::FromObject(Testing::Tree(rules).ToJSON("/"));
-    MountNamespace::Write(file, json.Stringify(true).Bytes());
 }
 
 // Each run has a store of its own and the configuration that is given.
@@ -120,7 +112,7 @@ TEST(WalkOverMounts, RulesBelowAMountThatIsNotEnteredNeedAStartOfTheirOwn)
         space.Mount("memory", tree + "/mount", "tmpfs");
         MountNamespace::Write(file, "x");
         const auto writeJob = [&](const std::string& rules) {
-            WriteJob(space / "job", rules);
+            MountNamespace::Write(space / "job", Testing::JobText(rules));
         };
         Walk walk(space);
         writeJob("include " + deep + " recursive any explicit");
@@ -147,7 +139,8 @@ TEST(WalkOverMounts, ASubvolumeFailsUnlessTheKeyOrAMountOfItsOwnHelps)
         MountNamespace::MakeSubvolume(disk, "sub");
         MountNamespace::Write(inside, "x");
         MountNamespace::Write(disk + "/z", "y");
-        WriteJob(space / "job", "include " + tree + " recursive any; silent " + disk + " exact=sub");
+        MountNamespace::Write(space / "job", Testing::JobText("include " + tree + " recursive any; silent " +
+                                                              disk + " exact=sub"));
         const std::tuple<const char*, std::string, List, int, bool, bool> cases[] = {
             {"as it is", "", {tree}, 3, false, false},
             {"listed", "IncludedMountpoints=" + subvolume, {tree}, 3, false, false},
