@@ -28,15 +28,35 @@ constexpr const char* ObjectsName = "objects";
 constexpr const char* SnapshotsName = "snapshots";
 constexpr const char* TemporariesName = "tmp";
 
-std::optional<YDirectory> OpenIfPresent(const std::string& path)
+// What the call opens; nothing where there is nothing.
+template <class Call>
+std::optional<YDirectory> IfPresent(Call open)
 {
     try {
-        return YDirectory::OpenFollowing(YPath(path.c_str()));
+        return open();
     } catch (const Krt::Exception::YError& error) {
         if (error.GetOsError() != ENOENT)
             throw;
         return std::nullopt;
     }
+}
+
+std::optional<YDirectory> OpenIfPresent(const std::string& path)
+{
+    return IfPresent([&] { return YDirectory::OpenFollowing(YPath(path.c_str())); });
+}
+
+std::optional<YDirectory> OpenIfPresent(const YDirectory& store, const char* name)
+{
+    return IfPresent([&] { return store.OpenDirectory(name); });
+}
+
+YDirectory OpenFolder(const YDirectory& store, const std::string& path, const char* name)
+{
+    std::optional<YDirectory> folder = OpenIfPresent(store, name);
+    KRT_RAISE_UNLESS(folder, Krt::ErrorCode::NotFound,
+                     "The store " << path.c_str() << " is damaged: it has no " << name);
+    return std::move(*folder);
 }
 
 YDirectory MakeStoreDirectory(const std::string& path)
@@ -71,14 +91,23 @@ bool HasMarker(const YDirectory& directory, const YString& path)
     return true;
 }
 
-// A directory may become a store if it holds nothing, or what an interrupted or a concurrent making left.
+bool IsEmpty(const YDirectory& directory)
+{
+    bool empty = true;
+    directory.VisitEntries([&](const Krt::File::DirectoryEntry&) { return empty = false; });
+    return empty;
+}
+
+// A directory may become a store if it holds nothing, or what an interrupted or a concurrent making left:
+// empty folders. What lies in folders of these names is somebody's, and a run clears up its own.
 bool IsFresh(const YDirectory& directory)
 {
-    static const std::array<YString, 4> Known{"lost+found", ObjectsName, SnapshotsName, TemporariesName};
+    static const std::array<YString, 3> Folders{ObjectsName, SnapshotsName, TemporariesName};
     bool fresh = true;
     directory.VisitEntries([&](const Krt::File::DirectoryEntry& entry) {
-        fresh = std::find(Known.begin(), Known.end(), entry.name) != Known.end() ||
-                entry.name.Find(MarkerName, 0, true) == 0;
+        fresh = entry.name == "lost+found" || entry.name.Find(MarkerName, 0, true) == 0 ||
+                (std::find(Folders.begin(), Folders.end(), entry.name) != Folders.end() &&
+                 IsEmpty(directory.OpenDirectory(entry.name)));
         return fresh;
     });
     return fresh;
@@ -102,9 +131,9 @@ void Furnish(const YDirectory& directory)
 
 Store::Store(const std::string& path, YDirectory directory)
     : m_path(path.c_str()), m_directory(std::move(directory)),
-      m_objects(m_directory.OpenDirectory(ObjectsName)),
-      m_snapshots(m_directory.OpenDirectory(SnapshotsName)),
-      m_temporaries(m_directory.OpenDirectory(TemporariesName))
+      m_objects(OpenFolder(m_directory, path, ObjectsName)),
+      m_snapshots(OpenFolder(m_directory, path, SnapshotsName)),
+      m_temporaries(OpenIfPresent(m_directory, TemporariesName))
 {}
 
 Store Store::Open(const std::string& path)
@@ -122,10 +151,14 @@ Store Store::OpenOrCreate(const std::string& path)
     if (!directory)
         directory = MakeStoreDirectory(path);
     if (!HasMarker(*directory, path.c_str())) {
-        KRT_RAISE_UNLESS(IsFresh(*directory), Krt::ErrorCode::InvalidArgument,
-                         path.c_str() << " is no store: it has no " << MarkerName << " and isn't empty");
-        Furnish(*directory);
+        if (IsFresh(*directory))
+            Furnish(*directory);
+        else // a store whose making ended meanwhile has a marker before it has anything else
+            KRT_RAISE_UNLESS(HasMarker(*directory, path.c_str()), Krt::ErrorCode::InvalidArgument,
+                             path.c_str() << " is no store: it has no " << MarkerName << " and isn't empty");
     }
+    // Empty between runs, so copies of a store may lack it.
+    MakeDirectoryUnlessThere(*directory, TemporariesName);
     return Store(path, std::move(*directory));
 }
 

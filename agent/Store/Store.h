@@ -8,6 +8,7 @@
 
 #include "Krt/File/YDirectory.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,10 +18,10 @@ class Store
 {
 public:
     /// Raises NotFound for a missing directory, InvalidArgument for one that is no store or has a format that
-    /// this program doesn't know.
+    /// this program doesn't know. The store is for reading.
     static Store Open(const std::string& path);
-    /// The same, but makes the store, mode 0700, where the directory is missing or empty. Its parent must
-    /// exist.
+    /// The same for reading and writing, but makes the store, mode 0700, where the directory is missing or
+    /// empty. Its parent must exist.
     static Store OpenOrCreate(const std::string& path);
 
     /// As given; for messages.
@@ -37,7 +38,8 @@ public:
     // For the readers and writers of this folder.
     const ObjectFolder& GetObjects() const { return m_objects; }
     const Krt::File::YDirectory& GetSnapshots() const { return m_snapshots; }
-    const Krt::File::YDirectory& GetTemporaries() const { return m_temporaries; }
+    /// Of a store that was opened for writing, too.
+    const Krt::File::YDirectory& GetTemporaries() const { return *m_temporaries; }
 
 private:
     Store(const std::string& path, Krt::File::YDirectory directory);
@@ -46,7 +48,7 @@ private:
     Krt::File::YDirectory m_directory;
     ObjectFolder m_objects;
     Krt::File::YDirectory m_snapshots;
-    Krt::File::YDirectory m_temporaries;
+    std::optional<Krt::File::YDirectory> m_temporaries;
 };
 
 } // namespace Agent
