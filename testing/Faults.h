@@ -5,6 +5,8 @@
 // and OpenSSL's memory pass through here, those of the shared libraries included. One thread.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <initializer_list>
 #include <string_view>
@@ -52,5 +54,20 @@ enum class FirstUse
 void CheckWithFaults(const std::function<void(Faults&)>& scenario,
                      std::initializer_list<std::string_view> notRepeated = {},
                      FirstUse firstUse = FirstUse::Before);
+
+/// Checks that a result is the right one, which is that of a run without a fault, or is not given at all.
+template <class Make>
+void CheckResultWithFaults(const Make& make, std::initializer_list<std::string_view> notRepeated = {})
+{
+    const auto right = make();
+    CheckWithFaults(
+        [&](Faults& faults) {
+            decltype(make()) made;
+            if (faults.TryAll([&] { made = make(); })) {
+                EXPECT_EQ(made, right);
+            }
+        },
+        notRepeated);
+}
 
 } // namespace Testing

@@ -15,7 +15,7 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
+#include <tuple>
 
 using namespace Testing;
 using namespace std::string_literals;
@@ -82,17 +82,17 @@ TEST(RecordFaults, NoRuleIsLost)
     after.Add(added);
     CheckWithFaults([&](Faults& faults) {
         YSelectionManager rules = before;
-        const bool isDone = faults.TryAll([&] {
+        const auto add = [&] {
             rules.Add(atOnce);
             rules.Add(added);
-        });
+        };
+        const bool isDone = faults.TryAll(add);
         EXPECT_TRUE(!isDone || rules == after);
         const Answers answers = AnswersOf(rules), were = AnswersOf(before), are = AnswersOf(after);
         for (std::size_t i = 0; i < answers.size(); ++i) {
             EXPECT_TRUE(answers[i] == were[i] || answers[i] == are[i]) << Asked[i];
         }
-        rules.Add(atOnce);
-        rules.Add(added);
+        add();
         EXPECT_EQ(AnswersOf(rules), are);
         EXPECT_EQ(rules.GetIncludeTops("/"), after.GetIncludeTops("/"));
     });
@@ -120,22 +120,8 @@ TEST(RecordFaults, SelectionIsAsked)
 {
     const YSelectionManager rules = Testing::Tree(ManyRules());
     const LogCapture log({"SelectionQuery"});
-    const Answers right = AnswersOf(rules);
-    const std::size_t tops = rules.GetIncludeTops("/").size(),
-                      selections = rules.GetSelections("/data").size();
-    CheckWithFaults([&](Faults& faults) {
-        Answers answers;
-        std::size_t foundTops = 0, found = 0;
-        if (faults.TryAll([&] {
-                answers = AnswersOf(rules);
-                foundTops = rules.GetIncludeTops("/").size();
-                found = rules.GetSelections("/data").size();
-            })) {
-            EXPECT_EQ(answers, right);
-            EXPECT_EQ(foundTops, tops);
-            EXPECT_EQ(found, selections);
-        }
-        YSelectionManager(rules).Add(Testing::Rule("include /new any")); // no share of a lock is left behind
+    CheckResultWithFaults([&] {
+        return std::tuple(AnswersOf(rules), rules.GetIncludeTops("/"), rules.GetSelections("/data").size());
     });
 }
 
@@ -144,38 +130,19 @@ TEST(RecordFaults, RecordOfAFile)
     const TemporaryDirectory directory;
     const YPath path(directory.Write("a file with a name of some length", "content").c_str());
     const NoConfiguration configuration(directory);
-    std::string right;
-    CheckWithFaults([&](Faults& faults) {
+    CheckResultWithFaults([&] {
+        using Backup::File::YFile;
+        YFile file(YFile::OPEN_MODE_READ, path, YFile::OPT_NONE);
         std::string text;
-        const bool isDone = faults.TryAll([&] {
-            Backup::File::YFile file(Backup::File::YFile::OPEN_MODE_READ, path,
-                                     Backup::File::YFile::OPT_NONE);
-            YMetadataBase::ConstructFromFile(file, RecordingMapper())->StringifyTo(text);
-        });
-        if (right.empty())
-            right = text;
-        if (isDone) {
-            EXPECT_EQ(text, right);
-        }
-    });
-}
-
-// Whatever the road of a record is, its text comes out whole or not at all.
-void CheckRecord(const std::function<std::string()>& text)
-{
-    const std::string right = text();
-    CheckWithFaults([&](Faults& faults) {
-        std::string made;
-        if (faults.TryAll([&] { made = text(); })) {
-            EXPECT_EQ(made, right);
-        }
+        YMetadataBase::ConstructFromFile(file, RecordingMapper())->StringifyTo(text);
+        return text;
     });
 }
 
 TEST(RecordFaults, RecordFromJson)
 {
     const std::string golden = ReadFile(GOLDEN_DIRECTORY "/metadata-unix-file.json");
-    CheckRecord([&] {
+    CheckResultWithFaults([&] {
         const auto record = YMetadataBase::ConstructFromJson(YValue::Parse(golden)->AsObject());
         record->RenamePath(record->GetFilePath(0),
                            JobPath({{1538, "elsewhere"}, {1538, "with a long name"}}));
@@ -188,7 +155,7 @@ TEST(RecordFaults, LegacyHeaders)
     const YObject documents[] = {
         LegacyDocument("unix", SampleUnixFile().Bytes()), LegacyDocument("unix", SampleUnixLink().Bytes()),
         LegacyDocument("win", SampleWindowsFile(L"/C:/dir/long na\u00EFve*LONGNA~1\0\r"s, 1).Bytes())};
-    CheckRecord([&] {
+    CheckResultWithFaults([&] {
         std::string text;
         for (const YObject& document : documents)
             YMetadataBase::ConstructFromJson(document, RecordingMapper())->StringifyTo(text);
@@ -207,7 +174,7 @@ TEST(RecordFaults, JsonText)
     for (int i = 0; i < 40; ++i)
         text += ",\"key number " + std::to_string(i) + "\":[true,\"text of a certain length\"]";
     text += "}";
-    CheckRecord([&] {
+    CheckResultWithFaults([&] {
         const auto value = YValue::Parse(text);
         return value->Stringify(false).Bytes() +
                value->AsObject().Get<Krt::JSON::YArray>("key number 39", 15).at(1)->AsString().Bytes();
