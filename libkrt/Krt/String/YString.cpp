@@ -184,14 +184,20 @@ YString YString::Section(YString delimiter, unsigned int start, unsigned int* ne
 
 std::vector<YString> YString::SectionVector(YString delimiter, bool caseSensitive, bool skipEmpty) const
 {
+    // As Section from field to field, but each goes on where the last one ended: no text is walked twice.
     std::vector<YString> fields;
+    const auto step = static_cast<unsigned int>(delimiter.m_bytes.size());
     unsigned int position = 0;
-    while (position != NotFound) {
+    std::size_t begin = 0;
+    while (begin != std::string::npos) {
         // Without a delimiter nothing would ever advance: all is one field.
-        YString field = delimiter.IsEmpty() ? Mid(std::exchange(position, NotFound), NotFound)
-                                            : Section(delimiter, position, &position, caseSensitive);
-        if (!skipEmpty || field.Length() != 0)
+        const std::size_t end =
+            step == 0 ? std::string::npos : Search(delimiter.CStr(), begin, position, caseSensitive);
+        YString field(Text(begin, end));
+        if (!skipEmpty || !field.IsEmpty())
             fields.push_back(std::move(field));
+        position += step;
+        begin = end != std::string::npos && position < Length() ? Walk(end, step) : std::string::npos;
     }
     return fields;
 }
