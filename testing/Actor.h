@@ -93,10 +93,21 @@ private:
     }};
 };
 
-/// Steps of three letters, parted by blanks: the actor, 'A' for the first one; the order; and what must come
-/// of it. With '*' for the order, what comes of the step in which the actor slept.
-inline void Play(const char* row, const std::string& steps, const std::vector<std::unique_ptr<Actor>>& actors)
+/// A row's name, and its steps of three letters, parted by blanks: the actor, 'A' to 'C'; the order; and what
+/// must come of it. With '*' for the order, what comes of the step in which the actor slept.
+struct Scenario
 {
+    const char* row;
+    std::string steps;
+};
+
+/// With three actors, whose actions are made one by one.
+inline void Play(const Scenario& scenario, const std::function<Actor::Action()>& makeAction)
+{
+    const auto& [row, steps] = scenario;
+    std::vector<std::unique_ptr<Actor>> actors;
+    for (int i = 0; i < 3; ++i)
+        actors.push_back(std::make_unique<Actor>(makeAction()));
     for (std::size_t at = 0; at < steps.size(); at += 4) {
         Actor& actor = *actors[static_cast<std::size_t>(steps[at] - 'A')];
         const char order = steps[at + 1], end = steps[at + 2];

@@ -1,11 +1,14 @@
 // Stands in for the programs that the code under test runs: keeps their command lines, and answers for them.
 #pragma once
 
+#include "testing/Raises.h"
+
 #include "Krt/Environment/Host.h"
 #include "Krt/Environment/Process.h"
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Testing {
@@ -35,6 +38,14 @@ public:
     ProcessRecorder(const ProcessRecorder&) = delete;
     ProcessRecorder& operator=(const ProcessRecorder&) = delete;
 
+    /// The command lines of a call, and behind them its error.
+    template <class Call>
+    static std::string LinesOf(Call call, std::function<int(const Command&)> answer = {})
+    {
+        const ProcessRecorder programs(std::move(answer));
+        const std::string error = ErrorOf(call);
+        return programs.Lines() + error;
+    }
     /// The command lines so far, one a line, their words parted by blanks.
     std::string Lines() const
     {

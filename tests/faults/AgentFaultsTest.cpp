@@ -2,13 +2,13 @@
 #include "agent/Cli/Program.h"
 
 #include "Backup/Core/OpenSSL.h"
-#include "Backup/Util/Unix/Linux/YSystemdServiceManager.h"
 #include "Backup/Util/Unix/Mac/YMacServiceManager.h"
 
 #include "testing/Faults.h"
 #include "testing/NoConfiguration.h"
 #include "testing/ProcessRecorder.h"
 #include "testing/StoreFiles.h"
+#include "testing/SystemdRoot.h"
 #include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
 #include "testing/TrustScene.h"
@@ -187,27 +187,24 @@ TEST_F(AgentFaults, CertificateTrust)
 
 TEST_F(AgentFaults, SystemdService)
 {
-    directory.MakeDirectory("run/systemd/system");
-    const std::string unit = directory / "etc/systemd/system/kbagent.service";
-    Backup::Util::YSystemdServiceManager::SetRootForTesting(directory.Path().c_str());
+    const SystemdRoot root;
     std::string right;
     CheckWithFaults([&](Faults& faults) {
-        fs::remove_all(directory / "etc");
-        directory.Write("etc/systemd/system/kbagent.service", "former");
+        fs::remove_all(root.units);
+        root.directory.Write("etc/systemd/system/kbagent.service", "former");
         const ProcessRecorder programs;
         const bool isDone = faults.TryAll([&] {
             Backup::Util::YSystemdServiceManager().Install("kbagent", "A title", "", "/bin/a program",
                                                            {"a", "b"}, Krt::Time::YDuration::Zero());
         });
-        const std::string text = ReadFile(unit);
+        const std::string text = ReadFile(root.unit);
         if (right.empty())
             right = text;
         EXPECT_TRUE(text == right || (text == "former" && !isDone));
         if (faults.CouldCleanUp()) {
-            EXPECT_EQ(std::distance(fs::directory_iterator(directory / "etc/systemd/system"), {}), 1);
+            EXPECT_EQ(std::distance(fs::directory_iterator(root.units), {}), 1);
         }
     });
-    Backup::Util::YSystemdServiceManager::SetRootForTesting(nullptr);
 }
 
 TEST_F(AgentFaults, LaunchdService)

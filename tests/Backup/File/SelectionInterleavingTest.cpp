@@ -68,11 +68,7 @@ char Act(Actor& self, char order, YSelectionManager& first, YSelectionManager& s
 
 TEST(SelectionInterleaving, EachOneFindsOneTree)
 {
-    const struct
-    {
-        const char* name;
-        std::string steps;
-    } rows[] = {
+    const Testing::Scenario rows[] = {
         {"swap waits for a walk, which sees one tree", "Av. Bsz A-1 B*. A12 A21"},
         {"walk asks both trees while a swap waits", "Av. Bsz A11 A22 A-1 B*. A12 A21"},
         {"query amid a swap answers from behind it", "Aw. Bsz C1z A-2 B*. C*2"},
@@ -87,11 +83,11 @@ TEST(SelectionInterleaving, EachOneFindsOneTree)
     };
     for (const auto& row : rows) {
         YSelectionManager first = Testing::Tree(RulesOf[0]), second = Testing::Tree(RulesOf[1]);
-        std::vector<std::unique_ptr<Actor>> actors;
-        for (int i = 0; i < 3; ++i)
-            actors.push_back(std::make_unique<Actor>(
-                [&](Actor& self, char order) { return Act(self, order, first, second); }));
-        Testing::Play(row.name, row.steps, actors);
+        Testing::Play(row, [&] {
+            return [&](Actor& self, char order) {
+                return Act(self, order, first, second);
+            };
+        });
     }
 }
 

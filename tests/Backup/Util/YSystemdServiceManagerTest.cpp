@@ -3,7 +3,7 @@
 #include "testing/OrdinaryUser.h"
 #include "testing/ProcessRecorder.h"
 #include "testing/Raises.h"
-#include "testing/TemporaryDirectory.h"
+#include "testing/SystemdRoot.h"
 
 #include <sys/stat.h>
 
@@ -22,14 +22,6 @@ constexpr YDuration s_noTime = YDuration::Zero();
 class YSystemdServiceManagerTest : public testing::Test
 {
 protected:
-    YSystemdServiceManagerTest()
-    {
-        m_directory.MakeDirectory("run/systemd/system");
-        m_directory.MakeDirectory("etc/systemd/system");
-        Util::YSystemdServiceManager::SetRootForTesting(m_directory.Path().c_str());
-    }
-    ~YSystemdServiceManagerTest() override { Util::YSystemdServiceManager::SetRootForTesting(nullptr); }
-
     void Install(const YString& name, const Krt::File::YPath& program,
                  const std::vector<YString>& arguments = {}, const YString& title = "A title")
     {
@@ -41,16 +33,15 @@ protected:
     static std::string Commands(const std::function<void()>& call, int active,
                                 const std::string& failing = "")
     {
-        const ProcessRecorder programs([&](const ProcessRecorder::Command& command) {
-            return command[1] == failing ? 5 : command[1] == "is-active" ? active : 0;
-        });
-        const std::string error = Testing::ErrorOf(call);
-        return std::regex_replace(programs.Lines() + error, std::regex("/bin/systemctl "), "");
+        const std::string lines =
+            ProcessRecorder::LinesOf(call, [&](const ProcessRecorder::Command& command) {
+                return command[1] == failing ? 5 : command[1] == "is-active" ? active : 0;
+            });
+        return std::regex_replace(lines, std::regex("/bin/systemctl "), "");
     }
 
-    Testing::TemporaryDirectory m_directory;
-    const std::string m_units = m_directory / "etc/systemd/system";
-    const std::string m_unit = m_units + "/kbagent.service";
+    const Testing::SystemdRoot m_root;
+    const Testing::TemporaryDirectory& m_directory = m_root.directory;
     Util::YSystemdServiceManager m_manager;
 };
 
@@ -59,7 +50,7 @@ TEST_F(YSystemdServiceManagerTest, InstallWritesTheUnitAndEnablesIt)
     const ProcessRecorder programs;
     m_directory.Write("etc/systemd/system/kbagent.service", "former");
     m_manager.Install("kbagent", "Agent", "100% backup\nof it \\", "/opt/kb agent$%", {"a", "$b"}, s_noTime);
-    EXPECT_EQ(Testing::ReadFile(m_unit),
+    EXPECT_EQ(Testing::ReadFile(m_root.unit),
               "[Unit]\n"
               "Description=Agent: 100%% backup of it \\ \n\n"
               "[Service]\n"
@@ -69,8 +60,9 @@ TEST_F(YSystemdServiceManagerTest, InstallWritesTheUnitAndEnablesIt)
               "RestartSec=10\n\n"
               "[Install]\n"
               "WantedBy=multi-user.target\n");
-    EXPECT_EQ(Testing::StatusOf(m_unit).st_mode, mode_t{S_IFREG | 0644});
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_units), {}), 1) << "nothing else is left";
+    EXPECT_EQ(Testing::StatusOf(m_root.unit).st_mode, mode_t{S_IFREG | 0644});
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_root.units), {}), 1)
+        << "nothing else is left";
     EXPECT_EQ(programs.Lines(), "/bin/systemctl daemon-reload\n"
                                 "/bin/systemctl enable --quiet -- kbagent.service\n");
     EXPECT_TRUE(programs.elevated);
@@ -85,7 +77,7 @@ TEST_F(YSystemdServiceManagerTest, SystemdReadsWhatWasMeant)
             {"a b", "c\"d'", "e\\f", "g\nh\t", "$i", "${J}k$L", "%n%%", ";", "", "\xC3\xA9", "\xFF", "#"},
             "50% \xC3\xA9 of C:\\");
     const std::string output = m_directory / "output";
-    const std::string command = "SYSTEMD_UNIT_PATH='" + m_units +
+    const std::string command = "SYSTEMD_UNIT_PATH='" + m_root.units +
                                 ":' SYSTEMD_LOG_LEVEL=debug systemd-analyze --man=no verify kbagent.service "
                                 ">'" +
                                 output + "' 2>/dev/null";
@@ -181,11 +173,11 @@ TEST_F(YSystemdServiceManagerTest, MachinesAndUsersThatCannot)
     }
     const ProcessRecorder programs;
     chmod(m_directory.Path().c_str(), 0755);
-    chmod(m_units.c_str(), 0555);
+    chmod(m_root.units.c_str(), 0555);
     EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([&] {
         const auto error = Testing::CatchError([&] { Install("kbagent", "/bin/x"); });
         return error && error->GetOsError() == EACCES && error->GetFunction() == "Install" &&
-               error->GetMessage() == ("Failed to write " + m_unit).c_str();
+               error->GetMessage() == ("Failed to write " + m_root.unit).c_str();
     }));
     std::filesystem::remove(m_directory / "run/systemd/system");
     EXPECT_RAISES(Install("kbagent", "/bin/x"), ErrorCode::NotSupported, "Install",

@@ -55,13 +55,16 @@ TEST_F(YSignalTest, CallsConnectedSlotsInOrder)
     EXPECT_EQ(Fire(), "c");
 }
 
-TEST_F(YSignalTest, SlotMayDisconnectItself)
+TEST_F(YSignalTest, SlotMayDisconnectItselfAndOneThatIsStillToBeCalled)
 {
+    YSlot gone;
     YSlot first = Letter('a');
     YSlot self = m_event.Connect([&] {
+        gone.Disconnect();
         self.Disconnect(); // frees neither the function nor what it holds while it runs
         m_called += 'x';
     });
+    gone = Letter('g');
     YSlot last = Letter('b');
     EXPECT_EQ(Fire(), "axb");
     EXPECT_EQ(Fire(), "ab");
@@ -73,15 +76,6 @@ TEST_F(YSignalTest, SlotConnectedDuringAFiringWaitsForTheNext)
     YSlot connecting = m_event.Connect([&] { added.push_back(Letter('n')); });
     EXPECT_EQ(Fire(), "");
     EXPECT_EQ(Fire(), "n");
-}
-
-TEST_F(YSignalTest, SlotThatGoesBetweenSnapshotAndCallIsSkipped)
-{
-    YSlot gone;
-    YSlot first = m_event.Connect([&] { gone.Disconnect(); });
-    gone = Letter('g');
-    YSlot last = Letter('z');
-    EXPECT_EQ(Fire(), "z");
 }
 
 TEST_F(YSignalTest, SlotMayFireAgain)

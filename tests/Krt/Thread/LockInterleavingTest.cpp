@@ -13,31 +13,26 @@ namespace Krt::Thread {
 namespace {
 
 // What an actor does with the lock: 'r'ead, 'w'rite, or '-' to give the last level back.
-std::unique_ptr<Testing::Actor> MakeActor(const YReadWriteMutex& mutex)
+Testing::Actor::Action MakeAction(const YReadWriteMutex& mutex)
 {
-    return std::make_unique<Testing::Actor>(
-        [&mutex, locks = std::make_shared<std::vector<YReadWriteMutex::YLock>>()](Testing::Actor&,
-                                                                                  char order) {
-            const auto forever = Time::YDuration::Zero();
-            if (order == 'r')
-                locks->push_back(mutex.ReadLock(forever));
-            else if (order == 'w')
-                locks->push_back(mutex.WriteLock(forever));
-            else if (order == '-')
-                locks->pop_back();
-            else
-                locks->clear();
-            return Testing::Actor::Done;
-        });
+    const auto locks = std::make_shared<std::vector<YReadWriteMutex::YLock>>();
+    return [&mutex, locks](Testing::Actor&, char order) {
+        const auto forever = Time::YDuration::Zero();
+        if (order == 'r')
+            locks->push_back(mutex.ReadLock(forever));
+        else if (order == 'w')
+            locks->push_back(mutex.WriteLock(forever));
+        else if (order == '-')
+            locks->pop_back();
+        else
+            locks->clear();
+        return Testing::Actor::Done;
+    };
 }
 
 TEST(LockInterleaving, EachStepEndsAsItMust)
 {
-    const struct
-    {
-        const char* name;
-        std::string steps;
-    } rows[] = {
+    const Testing::Scenario rows[] = {
         {"reader nests while a writer waits", "Ar. Bwz Ar. A-. A-. B*. B-."},
         {"reader upgrades past a waiting writer", "Ar. Bwz Aw. A-. A-. B*. B-."},
         {"newcomer isn't held back for ever", "Ar. Bwz Cr. C-. A-. B*. B-."},
@@ -52,10 +47,7 @@ TEST(LockInterleaving, EachStepEndsAsItMust)
     };
     for (const auto& row : rows) {
         const YReadWriteMutex mutex;
-        std::vector<std::unique_ptr<Testing::Actor>> actors;
-        for (int i = 0; i < 3; ++i)
-            actors.push_back(MakeActor(mutex));
-        Testing::Play(row.name, row.steps, actors);
+        Testing::Play(row, [&] { return MakeAction(mutex); });
     }
 }
 
