@@ -36,7 +36,7 @@ protected:
     std::string DescribeOutside() const
     {
         const std::string outside = directory / "outside";
-        const struct stat status = Status(outside);
+        const struct stat status = Testing::StatusOf(outside);
         return std::to_string(status.st_mode) + " " + std::to_string(status.st_mtim.tv_nsec) + "\n" +
                DescribeTree(outside, {.links = false, .identity = true});
     }
@@ -71,7 +71,7 @@ protected:
     {
         return Krt::File::YDirectory::Open(Krt::File::YPath(target.c_str()));
     }
-    struct stat StatusOf(const std::string& name) const { return Status(target + "/" + name); }
+    struct stat StatusOf(const std::string& name) const { return Testing::StatusOf(target + "/" + name); }
 
     void MakeSnapshot(const std::vector<Recorded>& entries) const
     {

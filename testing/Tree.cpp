@@ -80,7 +80,7 @@ std::string AttributesOf(const std::string& path)
 
 std::string DescribeEntry(const std::string& path, const std::string& name, const TreeView& view)
 {
-    const struct stat status = Status(path);
+    const struct stat status = StatusOf(path);
     std::ostringstream line;
     line << std::quoted(name) << " " << std::oct << status.st_mode << std::dec;
     if (view.owners)
@@ -105,13 +105,6 @@ std::string DescribeEntry(const std::string& path, const std::string& name, cons
 }
 
 } // namespace
-
-struct stat Status(const std::string& path)
-{
-    struct stat status = {};
-    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
-    return status;
-}
 
 void MakeTree(const std::string& root, const std::vector<TreeEntry>& entries)
 {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 namespace Testing {
@@ -59,9 +58,6 @@ void MakeTree(const std::string& root, const std::vector<TreeEntry>& entries);
 /// Entries of every kind that an ordinary user may both read and make anew, with names, contents, modes,
 /// times and depths at their limits.
 std::vector<TreeEntry> EveryKindOfEntry();
-
-/// Of the entry itself; fails the test if there is none.
-struct stat Status(const std::string& path);
 
 /// What DescribeTree leaves out.
 struct TreeView

@@ -3,66 +3,48 @@
 #include "testing/Capture.h"
 #include "testing/SystemCalls.h"
 #include "testing/TemporaryDirectory.h"
+#include "testing/Tree.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <sys/xattr.h>
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr unsigned long More = 300;
-
-struct Kind
-{
-    const char* label;
-    double calls;
-    bool (*make)(const std::string& path);
-};
-
-bool MakeFile(const std::string& path)
-{
-    return static_cast<bool>(std::ofstream(path) << "text");
-}
 
 // Status, open, configuration, extended attributes, close. A directory: status, two looks for a mount,
 // configuration, extended attributes; open, two reads of its names, close. A link: its target takes one.
-const Kind Kinds[] = {
-    {"regular file", 5, &MakeFile},
-    {"with an extended attribute", 6,
-     [](const std::string& path) {
-         return MakeFile(path) && setxattr(path.c_str(), "user.name", "value", 5, 0) == 0;
-     }},
-    {"directory", 9,
-     [](const std::string& path) {
-         return fs::create_directory(path);
-     }},
-    {"link", 4,
-     [](const std::string& path) {
-         fs::create_symlink("target", path);
-         return true;
-     }},
-};
+const struct
+{
+    double calls;
+    Testing::TreeEntry entry;
+    bool hasAttribute = false;
+} Kinds[] = {{5, Testing::File("file", "text")},
+             {6, Testing::File("file with an extended attribute", "text"), true},
+             {9, Testing::Dir("directory")},
+             {4, Testing::Link("link", "target")}};
 
 TEST(CaptureCallsTest, EachEntryCostsTheCallsItNeeds)
 {
-    for (const Kind& kind : Kinds) {
+    for (const auto& kind : Kinds) {
         const Testing::TemporaryDirectory directory;
-        const auto add = [&](const std::string& prefix) {
+        const auto add = [&](const std::string& suffix) {
+            bool isAdded = true;
             for (unsigned long i = 0; i < More; ++i) {
-                if (!kind.make(directory / (prefix + std::to_string(i))))
-                    return false;
+                Testing::TreeEntry entry = kind.entry;
+                entry.name += suffix + std::to_string(i);
+                Testing::MakeTree(directory.Path(), {entry});
+                isAdded = isAdded && (!kind.hasAttribute || setxattr((directory / entry.name).c_str(),
+                                                                     "user.name", "value", 5, 0) == 0);
             }
-            return true;
+            return isAdded;
         };
         const auto count = [&] {
             return Testing::CountSystemCalls([&] { Testing::Capture().Run(directory.Path()); });
         };
         if (!add("few")) {
-            std::printf("%s: this file system has none\n", kind.label);
+            std::printf("%s: this file system has none\n", kind.entry.name.c_str());
             continue;
         }
         const auto few = count();
@@ -73,8 +55,9 @@ TEST(CaptureCallsTest, EachEntryCostsTheCallsItNeeds)
         ASSERT_TRUE(many);
         // The rest is what memory and reading the names of the directory above take.
         const double calls = static_cast<double>(*many - *few) / More;
-        EXPECT_LT(calls, kind.calls + 0.3) << kind.label;
-        EXPECT_GE(calls, kind.calls) << kind.label << ": fewer calls are fine, and the table should tell so";
+        EXPECT_LT(calls, kind.calls + 0.3) << kind.entry.name;
+        EXPECT_GE(calls, kind.calls) << kind.entry.name
+                                     << ": fewer calls are fine, and the table should tell so";
     }
 }
 

@@ -43,7 +43,7 @@ protected:
         EXPECT_EQ(DescribeTree(Restored()), DescribeTree(source));
     }
     std::string Restored() const { return target + source; }
-    struct stat StatusOf(const std::string& name) const { return Status(Restored() + name); }
+    struct stat StatusOf(const std::string& name) const { return Testing::StatusOf(Restored() + name); }
 };
 
 TEST_F(RoundTrip, EveryKindComesBackIdentical)
