@@ -63,7 +63,7 @@ CLI::App* ServiceCommand::Register(CLI::App& program)
 {
     CLI::App* const service =
         program.add_subcommand("service", "Install a program as a service of the system, and control it");
-    service->require_subcommand(1);
+    service->require_subcommand(0, 1); // a wrong word is told by itself
     AddTimeout(*AddInstall(*service));
     AddTimeout(*AddAction(*service, "start", "Start the service", &ServiceCommand::Start));
     CLI::App* const stop = AddAction(*service, "stop", "Stop the service", &ServiceCommand::Stop);
@@ -91,6 +91,7 @@ CLI::App* ServiceCommand::AddAction(CLI::App& service, const std::string& name,
 {
     CLI::App* const command = service.add_subcommand(name, description);
     command->add_option("NAME", m_name, "The service's name")->required();
+    command->footer(""); // not the program's
     m_actions.emplace_back(command, action);
     return command;
 }
@@ -136,7 +137,9 @@ void ServiceCommand::Run(Report& report)
         if (action != &ServiceCommand::Install)
             EndOnInterrupts();
         (this->*action)(*manager, report);
+        return;
     }
+    throw UsageError("service: name an action: install, start, stop, restart, status, delete");
 }
 
 void ServiceCommand::Install(IServiceManager& manager, Report& report) const

@@ -56,7 +56,8 @@ CLI::App* TrustCommand::Register(CLI::App& program)
     m_name =
         AddPathArguments(*command, "The host name or IP address that the certificate must have", "--name")
             ->type_name("NAME")
-            ->expected(1);
+            ->expected(1)
+            ->allow_extra_args(false); // what follows it may be SERVER
     CLI::Option* const anchors =
         command->add_option("--anchors", m_anchors, "Trust these authorities, not the system's")
             ->type_name("FILE");

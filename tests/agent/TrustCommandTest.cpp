@@ -118,7 +118,7 @@ TEST_F(TrustCommand, JudgesServersOverAHandshake)
     Check({
         {"by its address", anchored, 0, good},
         {"by its address with a dot behind it", anchored + " --name 127.0.0.1.", 0, good},
-        {"by a name", address + " --name backup.example." + pin + at, 0, good},
+        {"by a name", "--name backup.example. " + address + pin + at, 0, good},
         {"unknown authority", address + at, 4, "not trusted: unable to get local issuer certificate\n"},
         {"a name that it refuses", address + " --name other.example" + at, 1,
          "kbagent: error: No TLS handshake with 127.0.0.1 port " + process.Port() + ": "},
