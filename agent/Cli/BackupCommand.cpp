@@ -1,6 +1,7 @@
 #include "agent/Cli/Command.h"
 
 #include "agent/Backup/BackupRun.h"
+#include "agent/Run/Configuration.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 #include "agent/Walk/Roots.h"
@@ -59,6 +60,7 @@ void BackupCommand::Run(Report& report)
     header.host = Krt::Environment::GetHostName();
     header.paths.assign(job.roots.begin(), job.roots.end());
 
+    RequireSwitches({"disableXattr", "walkIntoUnknownMountPoints"});
     const Store store = Store::OpenOrCreate(m_store);
     StoreSession session(store);
     SnapshotWriter snapshot(session, header);

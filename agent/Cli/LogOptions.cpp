@@ -1,5 +1,6 @@
 #include "agent/Cli/LogOptions.h"
 
+#include "agent/Run/Configuration.h"
 #include "agent/Run/FileGuard.h"
 
 #include "Backup/Util/Util.h"
@@ -33,6 +34,7 @@ void LogOptions::Open() const
         return;
     const Krt::File::YPath path = Backup::Util::ExpandMacros(YString(std::string_view(m_path)));
     RequireOwnLog(path.Bytes());
+    RequireSwitches({"consoleOutput"});
     Krt::Log::InstallGlobalLogger();
     Backup::Util::OpenOrReopenLog(path, YString(std::string_view(m_channels)));
 }

@@ -113,6 +113,19 @@ TEST_F(Cli, LogIsOpenedBeforeTheCommandRuns)
     EXPECT_NE(log.find(" YFile: ", banner), std::string::npos) << log;
 }
 
+TEST_F(Cli, ConfigurationThatCannotBeUsedIsToldBeforeABackupBegins)
+{
+    const std::string begin = "[configuration]\n", file = directory / "bad.conf";
+    for (const std::string text : {"disableXattr", "disableXattr=maybe", "walkIntoUnknownMountPoints="}) {
+        setenv("KBAGENT_CONFIG", directory.Write("bad.conf", begin + text + "\n").c_str(), 1);
+        const auto result = RunProgram({"backup", "--store", store + "2", directory / "tree"});
+        EXPECT_EQ(result.exitCode, 1) << text;
+        EXPECT_TRUE(Testing::Holds(result.errors, "onfiguration " + file)) << text;
+    }
+    unsetenv("KBAGENT_CONFIG");
+    EXPECT_FALSE(std::filesystem::exists(store + "2"));
+}
+
 TEST_F(Cli, OutputThatIsLostIsAFailure)
 {
     const auto print = [] {
