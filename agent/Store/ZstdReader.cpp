@@ -64,7 +64,12 @@ bool ZstdReader::Fill()
     m_begin = m_end = 0;
     if (m_isAtEnd)
         return false;
-    m_end = Krt::File::Read(*m_file, m_offset, m_input.size(), m_input.data());
+    try {
+        m_end = Krt::File::Read(*m_file, m_offset, m_input.size(), m_input.data());
+    } catch (const Krt::Exception::YError& error) {
+        KRT_RAISE_OS_ERROR(error.GetOsError(), Krt::MessageType::General,
+                           m_name << ": " << error.GetMessage());
+    }
     m_isAtEnd = m_end != m_input.size();
     m_offset += m_end;
     return m_end != 0;

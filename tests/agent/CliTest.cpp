@@ -47,6 +47,7 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
     const std::string damaged = directory.Write("damaged.json", "{\"includes\": [");
     const std::string halfRules = directory.Write("half.json", "{\"includes\": []}");
     const std::string noIncludes = directory.Write("none.json", R"({"includes": [], "excludes": []})");
+    std::filesystem::create_directory(store + "/snapshots/8-directory");
     // What is told stands in standard output for 0, else in standard error.
     const std::tuple<const char*, std::vector<std::string>, int, std::string> cases[] = {
         {"help", {"--help"}, 0, "Exit codes"},
@@ -61,6 +62,7 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
         {"no store", {"list", "--store", store + "x"}, 1, "There is no store at"},
         {"no snapshot", {"list", "--store", store, "--snapshot", "1"}, 1, "has no snapshot 1"},
         {"damaged snapshot", {"list", "--store", store, "--snapshot", "9"}, 1, "is damaged at offset 0"},
+        {"unreadable one", {"list", "--store", store, "--snapshot", "8"}, 1, "t 8-directory: Failed to read"},
         {"empty path", {"restore", "--store", store, "--to", to, ""}, 2, "is empty"},
         {"option without its value", {"restore", "--store", store, "--to=", to}, 2, "is empty: '--to='"},
         {"name like an option", {"backup", "--store", to, "--", "--odd="}, 3, "--odd=: Failed to stat"},
