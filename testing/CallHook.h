@@ -1,10 +1,11 @@
 // Lets a test act between two system calls of the code under test, at points that are named by the call and
-// the entry it is about. Takes the place of functions of the C library, so one source of a program includes
-// it.
+// the entry it is about, and let calls fail. Takes the place of functions of the C library, so one source of
+// a program includes it.
 #pragma once
 
 #include "testing/Program.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <dlfcn.h>
@@ -12,6 +13,7 @@
 #include <functional>
 #include <string>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -38,13 +40,20 @@ public:
     CallHook(const CallHook&) = delete;
     CallHook& operator=(const CallHook&) = delete;
 
-    /// Without a name, the path of what the descriptor holds counts.
-    static void Tell(const char* function, int descriptor, const char* name = nullptr)
+    /// For the action: the call fails so. Calls with a variable number of arguments and pread don't.
+    static void Fail(int error) { s_error = error; }
+
+    /// Without a name, the path of what the descriptor holds counts. Returns the error of a call that fails.
+    static int Tell(const char* function, int descriptor, const char* name = nullptr)
     {
-        if (CallHook* const hook = std::exchange(s_current, nullptr)) {
-            hook->m_action({function, descriptor, name != nullptr ? name : PathOf(descriptor)});
-            s_current = hook;
-        }
+        CallHook* const hook = std::exchange(s_current, nullptr);
+        if (hook == nullptr)
+            return 0;
+        const int before = errno;
+        hook->m_action({function, descriptor, name != nullptr ? name : PathOf(descriptor)});
+        s_current = hook;
+        errno = before;
+        return std::exchange(s_error, 0);
     }
 
 private:
@@ -58,6 +67,7 @@ private:
 
     std::function<void(const HookedCall&)> m_action;
     static inline CallHook* s_current = nullptr;
+    static inline int s_error = 0;
 };
 
 /// For a run of the program with this action before its calls.
@@ -80,7 +90,10 @@ Function* Unhooked(const char* name)
 #define TESTING_HOOK(result, function, parameters, arguments, descriptor, name)                              \
     [[gnu::visibility("default")]] result function parameters noexcept                                       \
     {                                                                                                        \
-        Testing::CallHook::Tell(#function, descriptor, name);                                                \
+        if (const int error = Testing::CallHook::Tell(#function, descriptor, name)) {                        \
+            errno = error;                                                                                   \
+            return -1;                                                                                       \
+        }                                                                                                    \
         return Testing::Unhooked<result parameters>(#function) arguments;                                    \
     }
 
@@ -108,6 +121,16 @@ extern "C" {
     Testing::CallHook::Tell("pread", file);
     return Testing::Unhooked<ssize_t(int, void*, size_t, off_t)>("pread")(file, data, size, offset);
 }
+// What is closed is closed, whatever is told.
+[[gnu::visibility("default")]] int close(int file)
+{
+    const int error = Testing::CallHook::Tell("close", file);
+    const long result = syscall(SYS_close, file);
+    if (error == 0)
+        return static_cast<int>(result);
+    errno = error;
+    return -1;
+}
 TESTING_HOOK(int, fstatat, (int directory, const char* name, struct stat* status, int flags),
              (directory, name, status, flags), directory, name)
 TESTING_HOOK(int, fchmodat, (int directory, const char* name, mode_t mode, int flags),
@@ -119,6 +142,9 @@ TESTING_HOOK(int, utimensat, (int directory, const char* name, const timespec* t
 TESTING_HOOK(int, renameat, (int from, const char* name, int to, const char* newName),
              (from, name, to, newName), from, name)
 TESTING_HOOK(int, fchown, (int file, uid_t user, gid_t group), (file, user, group), file, nullptr)
+TESTING_HOOK(int, unlinkat, (int directory, const char* name, int flags), (directory, name, flags), directory,
+             name)
+TESTING_HOOK(int, syncfs, (int file), (file), file, nullptr)
 TESTING_HOOK(int, stat, (const char* path, struct stat* status), (path, status), -1, path)
 TESTING_HOOK(int, lstat, (const char* path, struct stat* status), (path, status), -1, path)
 TESTING_HOOK(int, statfs, (const char* path, struct statfs* status), (path, status), -1, path)

@@ -2,6 +2,7 @@
 #include "agent/Restore/TargetTree.h"
 #include "agent/Restore/WindowsTime.h"
 
+#include "testing/CallHook.h"
 #include "testing/JobPaths.h"
 #include "testing/OrdinaryUser.h"
 #include "testing/RestoreFixture.h"
@@ -10,11 +11,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <filesystem>
 #include <sys/resource.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 using namespace Testing;
 namespace fs = std::filesystem;
@@ -22,49 +20,6 @@ namespace fs = std::filesystem;
 namespace {
 
 using RestoreProgram = RestoreFixture;
-
-// The call that fails: a file system may tell only at the end that it could not keep what it took.
-enum class Failing
-{
-    Nothing,
-    CloseOfFile,
-    Sync,
-    RemovalOfName
-};
-Failing s_failing = Failing::Nothing;
-
-bool IsBeingRestored(int file)
-{
-    char path[4096] = {};
-    return readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path, sizeof path - 1) > 0 &&
-           std::strstr(path, "/.kbagent-restore-") != nullptr;
-}
-
-} // namespace
-
-extern "C" [[gnu::visibility("default")]] int close(int file)
-{
-    const bool isLost = s_failing == Failing::CloseOfFile && IsBeingRestored(file);
-    const long result = syscall(SYS_close, file);
-    if (isLost)
-        errno = EDQUOT;
-    return isLost ? -1 : static_cast<int>(result);
-}
-
-extern "C" [[gnu::visibility("default")]] int syncfs(int file) noexcept
-{
-    errno = EIO;
-    return s_failing == Failing::Sync ? -1 : static_cast<int>(syscall(SYS_syncfs, file));
-}
-
-extern "C" [[gnu::visibility("default")]] int unlinkat(int directory, const char* name, int flags) noexcept
-{
-    const bool isKept = s_failing == Failing::RemovalOfName && std::strstr(name, ".kbagent-restore-") == name;
-    errno = EIO;
-    return isKept ? -1 : static_cast<int>(syscall(SYS_unlinkat, directory, name, flags));
-}
-
-namespace {
 
 TEST_F(RestoreProgram, DirectoriesOutOfOrderKeepTheirTimesAndModes)
 {
@@ -130,18 +85,21 @@ TEST_F(RestoreProgram, WhatCannotBeKeptIsToldThoughItWasWritten)
     MakeSnapshot({WindowsFile({{"C:", "file"}, {"C", "file"}}, "content")});
     const struct
     {
-        Failing failing;
+        const char*
+            function; // that fails: a file system may tell only at the end that it kept not what it took
+        const char* entry;
         int exitCode;
         const char* told;
         std::ptrdiff_t entries;
-    } rows[] = {{Failing::CloseOfFile, 3, "/C/file: Failed to write file", 1},
-                {Failing::Sync, 1, "error: Failed to write to disk", 2},
-                {Failing::RemovalOfName, 3, "/C/file: temporary name not removed: ", 3}};
+    } rows[] = {{"close", ".kbagent-restore-", 3, "/C/file: Failed to write file", 1},
+                {"syncfs", "", 1, "error: Failed to write to disk", 2},
+                {"unlinkat", ".kbagent-restore-", 3, "/C/file: temporary name not removed: ", 3}};
     for (const auto& row : rows) {
-        const auto fail = [&row] {
-            s_failing = row.failing;
-        };
-        const ProgramResult result = Restore(row.exitCode, {.prepare = fail, .isLinked = true});
+        const ProgramResult result =
+            Restore(row.exitCode, Hooked([&row](const HookedCall& call) {
+                        if (call.function == row.function && Holds(call.name, row.entry))
+                            CallHook::Fail(EIO);
+                    }));
         EXPECT_TRUE(Holds(result.errors, row.told));
         EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), row.entries) << row.told;
     }

@@ -63,7 +63,6 @@ protected:
 
     void WriteFile(const std::string& id, const std::string& bytes) const
     {
-        fs::remove(PathOf(id));
         std::ofstream(PathOf(id), std::ios::binary) << bytes;
     }
 
@@ -199,19 +198,16 @@ TEST_F(StoreSnapshot, EntriesThatAreNoneRaise)
 TEST_F(StoreSnapshot, LinesOfEveryLengthPassBetweenBlocks)
 {
     StoreSession session(store);
-    std::string id;
-    {
-        SnapshotWriter writer(session, Header());
-        for (std::size_t length = 0; length < 300'000; length = length * 2 + 4093) {
-            SnapshotEntry entry;
-            entry.record.Set<YString>("text", YString(std::string(length, 'x').c_str()));
-            writer.Add(entry);
-        }
-        SnapshotEntry tooLarge;
-        tooLarge.record.Set<YString>("text", YString(std::string(SnapshotLineLimit, 'x').c_str()));
-        EXPECT_TRUE(Testing::CatchError([&] { writer.Add(tooLarge); }));
-        id = writer.Finish(0, 0);
-    }
+    SnapshotWriter writer(session, Header());
+    const auto add = [&](std::size_t length) {
+        SnapshotEntry entry;
+        entry.record.Set<YString>("text", YString(std::string(length, 'x').c_str()));
+        writer.Add(entry);
+    };
+    for (std::size_t length = 0; length < 300'000; length = length * 2 + 4093)
+        add(length);
+    EXPECT_TRUE(Testing::CatchError([&] { add(SnapshotLineLimit); }));
+    const std::string id = writer.Finish(0, 0);
     EXPECT_EQ(ErrorOf(id), "");
     EXPECT_EQ(SnapshotReader(store, id).Verify().entries, 7u);
 }

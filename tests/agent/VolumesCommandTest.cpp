@@ -28,14 +28,11 @@ TEST(VolumesCommand, TellsOfEachMountWhatCanBeTold)
         GTEST_SKIP() << "/proc is not mounted here";
     const Testing::TemporaryDirectory directory;
     const std::string ordinary = directory.MakeDirectory("a b");
+    const std::string base = directory.Path();
     const Testing::MountTable table("/dev/root / ext4 rw 0 0\n"
                                     "systemd /proc autofs rw 0 0\n"
-                                    "server:/x /proc nfs ro 0 0\n"
-                                    "trigger " +
-                                    directory.Path() +
-                                    " autofs rw 0 0\n"
-                                    "/dev/root " +
-                                    directory.Path() +
+                                    "server:/x /proc nfs ro 0 0\n" +
+                                    ("trigger " + base + " autofs rw 0 0\n") + "/dev/root " + base +
                                     "/a\\040b ext4 ro 0 0\n"
                                     "/dev/gone /no/such\\012path hfs rw 0 0\n");
     std::vector<std::string> told;
