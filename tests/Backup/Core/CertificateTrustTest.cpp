@@ -11,6 +11,8 @@
 
 #include <array>
 #include <cstdlib>
+#include <functional>
+#include <memory>
 
 using namespace Backup::OpenSSL;
 using namespace Testing;
