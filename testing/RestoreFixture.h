@@ -2,8 +2,6 @@
 // may touch.
 #pragma once
 
-#include "agent/Store/SnapshotWriter.h"
-
 #include "testing/ProgramFixture.h"
 #include "testing/Records.h"
 #include "testing/StoreFiles.h"
@@ -76,15 +74,14 @@ protected:
     void MakeSnapshot(const std::vector<Recorded>& entries) const
     {
         const Agent::Store opened = Agent::Store::OpenOrCreate(store);
-        Agent::StoreSession session(opened);
-        Agent::ObjectWriter objects(session);
-        Agent::SnapshotWriter snapshot(session, Agent::SnapshotHeader());
-        for (auto [entry, content] : entries) {
+        StoreRun run(opened);
+        for (const auto& [entry, content] : entries) {
             if (content)
-                entry.content = WriteObject(objects, *content);
-            snapshot.Add(entry);
+                run.Add(*content, entry);
+            else
+                run.snapshot.Add(entry);
         }
-        snapshot.Finish(0, 0);
+        run.snapshot.Finish(0, 0);
     }
     /// Of the latest snapshot; the paths are those to restore.
     ProgramResult Restore(int exitCode, const ProgramSettings& settings = {},

@@ -4,6 +4,7 @@
 #include "agent/Store/ObjectReader.h"
 #include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotReader.h"
+#include "agent/Store/SnapshotWriter.h"
 #include "agent/Store/ZstdReader.h"
 #include "agent/Store/ZstdWriter.h"
 
@@ -36,6 +37,23 @@ inline Agent::Address WriteObject(Agent::ObjectWriter& writer, const std::string
         writer.Append(content.data() + at, std::min(piece, content.size() - at));
     return writer.Finish();
 }
+
+/// A run that fills a snapshot of the store.
+struct StoreRun
+{
+    explicit StoreRun(const Agent::Store& store) : session(store) {}
+    /// Stores the content with the entry, which is otherwise as given.
+    Agent::Address Add(const std::string& content, Agent::SnapshotEntry entry = {})
+    {
+        entry.content = WriteObject(objects, content);
+        snapshot.Add(entry);
+        return *entry.content;
+    }
+
+    Agent::StoreSession session;
+    Agent::ObjectWriter objects{session};
+    Agent::SnapshotWriter snapshot{session, Agent::SnapshotHeader()};
+};
 
 inline std::string ReadObject(const Agent::Store& store, const Agent::Address& address,
                               unsigned long long size)

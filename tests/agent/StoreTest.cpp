@@ -1,7 +1,6 @@
 // Contents in a store: they come back as they went in, stand there once, and damage never passes for content.
 // Runs on one store: side by side, interrupted, and on directories that are no store.
-#include "agent/Store/SnapshotWriter.h"
-
+#include "testing/OnThreads.h"
 #include "testing/Raises.h"
 #include "testing/StoreFiles.h"
 #include "testing/TemporaryDirectory.h"
@@ -13,21 +12,19 @@
 #include <fstream>
 #include <random>
 #include <sys/wait.h>
-#include <thread>
 #include <tuple>
 #include <unistd.h>
 
 using namespace Agent;
+using Testing::StoreRun;
 namespace fs = std::filesystem;
 
 namespace {
 
 std::string RandomBytes(std::size_t size)
 {
-    std::mt19937 random(1);
     std::string bytes(size, '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>(random());
+    std::generate(bytes.begin(), bytes.end(), [random = std::mt19937(1)]() mutable { return random(); });
     return bytes;
 }
 
@@ -38,7 +35,22 @@ Address AddressOf(const std::string& content)
     return hash.End();
 }
 
-class StoreObject : public ::testing::Test
+class StoreFolder : public ::testing::Test
+{
+protected:
+    std::size_t FilesIn(const std::string& folder) const
+    {
+        std::size_t files = 0;
+        for (const auto& entry : fs::recursive_directory_iterator(path + "/" + folder))
+            files += entry.is_regular_file();
+        return files;
+    }
+
+    const Testing::TemporaryDirectory directory;
+    const std::string path = directory / "store";
+};
+
+class StoreObject : public StoreFolder
 {
 protected:
     Address Put(const std::string& content, std::size_t piece = 1 << 16)
@@ -52,19 +64,10 @@ protected:
     std::string PathOf(const Address& address) const
     {
         const std::string name = address.ToHex();
-        return directory / ("store/objects/" + name.substr(0, 2) + "/" + name.substr(2));
+        return path + "/objects/" + name.substr(0, 2) + "/" + name.substr(2);
     }
 
-    std::size_t FilesIn(const std::string& folder) const
-    {
-        std::size_t files = 0;
-        for (const auto& entry : fs::recursive_directory_iterator(directory / ("store/" + folder)))
-            files += entry.is_regular_file();
-        return files;
-    }
-
-    Testing::TemporaryDirectory directory;
-    Store store = Store::OpenOrCreate(directory / "store");
+    Store store = Store::OpenOrCreate(path);
     StoreSession session{store};
     ObjectWriter writer{session};
 };
@@ -102,8 +105,7 @@ TEST_F(StoreObject, DamageIsToldAndNeverPassesForContent)
     const std::string content = RandomBytes(300'000);
     const Address address = Put(content);
     session.PlaceObjects();
-    const std::string path = PathOf(address);
-    const std::string sound = Testing::ReadFile(path);
+    const std::string sound = Testing::ReadFile(PathOf(address));
     std::string flipped = sound;
     flipped[200'000] = static_cast<char>(flipped[200'000] ^ 1);
     // A header that asks for a window of 2 GiB.
@@ -119,8 +121,7 @@ TEST_F(StoreObject, DamageIsToldAndNeverPassesForContent)
     };
     for (const auto& [name, bytes, told] : cases) {
         SCOPED_TRACE(name);
-        fs::remove(path);
-        std::ofstream(path, std::ios::binary) << bytes;
+        std::ofstream(PathOf(address), std::ios::binary) << bytes;
         const std::string error = Testing::ErrorOf([&] { Get(address, content.size()); });
         EXPECT_NE(error.find(": Object " + address.ToHex()), std::string::npos) << error;
         EXPECT_NE(error.find(told), std::string::npos) << error;
@@ -186,23 +187,6 @@ std::string Content(int number)
     return std::string(number == 0 ? 1'500'000 : 10, 'c') + std::to_string(number);
 }
 
-struct StoreRun
-{
-    explicit StoreRun(const Store& store) : session(store) {}
-    // Stores one content more.
-    Address Add(const std::string& content)
-    {
-        SnapshotEntry entry;
-        entry.content = Testing::WriteObject(objects, content);
-        snapshot.Add(entry);
-        return *entry.content;
-    }
-
-    StoreSession session;
-    ObjectWriter objects{session};
-    SnapshotWriter snapshot{session, {}};
-};
-
 // A whole run that stores the numbered contents from `first` on.
 std::string Backup(const std::string& path, int first)
 {
@@ -228,27 +212,13 @@ void ExpectWhole(const Store& store, const std::string& id, int first)
     EXPECT_EQ(number, first + Contents);
 }
 
-std::size_t EntriesIn(const std::string& path)
-{
-    return static_cast<std::size_t>(std::distance(fs::directory_iterator(path), fs::directory_iterator()));
-}
-
-struct StoreRuns : testing::Test
-{
-    const Testing::TemporaryDirectory directory;
-    const std::string path = directory / "store";
-};
+using StoreRuns = StoreFolder;
 
 TEST_F(StoreRuns, RunsSideBySideFromAnEmptyStoreHarmNothing)
 {
     // Halves of what neighbours store are the same, and the store is made by whoever comes first.
     std::vector<std::string> ids(4);
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < ids.size(); ++i)
-        threads.emplace_back([&, i] { ids[i] = Backup(path, static_cast<int>(i) * Contents / 2); });
-    for (std::thread& thread : threads)
-        thread.join();
-
+    Testing::OnThreads(4, [&](int i) { ids[static_cast<std::size_t>(i)] = Backup(path, i * Contents / 2); });
     const Store store = Store::Open(path);
     EXPECT_EQ(store.ListSnapshots().size(), ids.size());
     for (std::size_t i = 0; i < ids.size(); ++i)
@@ -274,8 +244,8 @@ TEST_F(StoreRuns, KilledRunLeavesNoSnapshotAndIsClearedAway)
     waitpid(child, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status));
     std::ofstream(path + "/tmp/without-a-run") << "left";
-    EXPECT_EQ(EntriesIn(path + "/tmp"), 5u);
-    EXPECT_EQ(EntriesIn(path + "/snapshots"), 1u);
+    EXPECT_EQ(FilesIn("tmp"), 5u);
+    EXPECT_EQ(FilesIn("snapshots"), 1u);
 
     const std::string second = Backup(path, 100);
     EXPECT_TRUE(fs::is_empty(path + "/tmp"));
@@ -290,15 +260,14 @@ TEST_F(StoreRuns, NobodyClearsUpBehindTheLiving)
     {
         StoreRun living(store);
         const Address address = living.Add("living");
-        const std::size_t files = EntriesIn(path + "/tmp");
+        const std::size_t files = FilesIn("tmp");
         fs::remove(path + "/snapshots/" + Backup(path, 0));
-        EXPECT_EQ(EntriesIn(path + "/tmp"), files);
+        EXPECT_EQ(FilesIn("tmp"), files);
         living.session.PlaceObjects();
         EXPECT_TRUE(store.GetObjects().Has(address));
         living.Add("abandoned");
     }
-    for (const char* folder : {"/tmp", "/snapshots"})
-        EXPECT_TRUE(fs::is_empty(path + folder)) << folder;
+    EXPECT_EQ(FilesIn("tmp") + FilesIn("snapshots"), 0u);
 }
 
 TEST_F(StoreRuns, StoreThatCannotBeWrittenIsNoEntrysFailure)
@@ -311,9 +280,8 @@ TEST_F(StoreRuns, StoreThatCannotBeWrittenIsNoEntrysFailure)
     EXPECT_TRUE(fs::is_empty(path + "/snapshots"));
 }
 
-TEST(Store, TakesOnlyAStoreForOne)
+TEST_F(StoreFolder, TakesOnlyAStoreForOne)
 {
-    const Testing::TemporaryDirectory directory;
     const auto marked = [&](const char* name, const char* text) {
         directory.Write(std::string(name) + "/kbagent-store", text);
         return name;
@@ -322,7 +290,11 @@ TEST(Store, TakesOnlyAStoreForOne)
     directory.MakeDirectory("disk/lost+found");
     directory.MakeDirectory("unfinished/objects");
     directory.Write("unfinished/kbagent-store.0123", "kb");
-    Store::OpenOrCreate(directory / "good");
+    directory.Write("private/tmp/thesis", "");
+    for (const char* good : {"good", "copied", "damaged"})
+        Store::OpenOrCreate(directory / good);
+    fs::remove(directory / "copied/tmp");
+    fs::remove(directory / "damaged/objects");
     // What opening tells, and what making tells; "" where it succeeds.
     const std::tuple<const char*, const char*, const char*> cases[] = {
         {"missing", "There is no store at", ""},
@@ -334,43 +306,41 @@ TEST(Store, TakesOnlyAStoreForOne)
         {"unfinished/", "has no kbagent-store", ""},
         {marked("newer", "kbagent-store 2\n"), "is a store of format 2", "is a store of format 2"},
         {marked("other", "something\n"), "kbagent-store is damaged", "kbagent-store is damaged"},
+        {"private", "has no kbagent-store", "isn't empty"},
+        {"damaged", "damaged is damaged: it has no objects", "it has no objects"},
         {"good", "", ""},
+        {"copied", "", ""},
     };
     for (const auto& [name, openError, createError] : cases) {
         SCOPED_TRACE(name);
-        const std::string path = directory / name;
+        const std::string opened = directory / name;
         const auto expect = [](const std::string& raised, const std::string& told) {
             EXPECT_EQ(raised.empty(), told.empty()) << raised;
             EXPECT_NE(raised.find(told), std::string::npos) << raised;
         };
-        expect(Testing::ErrorOf([&] { Store::Open(path); }), openError);
-        expect(Testing::ErrorOf([&] { Store::OpenOrCreate(path); }), createError);
+        expect(Testing::ErrorOf([&] { Store::Open(opened); }), openError);
+        expect(Testing::ErrorOf([&] { Store::OpenOrCreate(opened); }), createError);
         if (*createError == '\0')
-            expect(Testing::ErrorOf([&] { Store::Open(path); }), "");
+            expect(Testing::ErrorOf([&] { Store::Open(opened); }), "");
     }
 }
 
-TEST(Store, FindsSnapshotsByTheirBeginning)
+TEST_F(StoreFolder, FindsSnapshotsByTheirBeginning)
 {
-    const Testing::TemporaryDirectory directory;
-    const Store store = Store::OpenOrCreate(directory / "store");
-    EXPECT_TRUE(Testing::CatchError([&] { store.FindSnapshot("latest"); }));
+    const Store store = Store::OpenOrCreate(path);
+    const auto find = [&](const std::string& wanted) {
+        std::string found = "nothing";
+        Testing::CatchError([&] { found = store.FindSnapshot(wanted); });
+        return found;
+    };
+    EXPECT_EQ(find("latest"), "nothing");
     for (const char* id : {"2001-b", "2001-a", "2003", "2003-x"})
         directory.Write(std::string("store/snapshots/") + id, "");
-    const std::pair<std::string, std::string> cases[] = {
-        // what is wanted, and what is found; "" where it raises
-        {"latest", "2003-x"}, {"2001-a", "2001-a"},
-        {"2001-", ""},        {"2003", "2003"},
-        {"2003-", "2003-x"},  {"", ""},
-        {"2002", ""},         {"9", ""},
-        {"..", ""},
-    };
-    for (const auto& row : cases) {
-        std::string found;
-        const auto raised = Testing::CatchError([&] { found = store.FindSnapshot(row.first); });
-        EXPECT_EQ(found, row.second) << row.first;
-        EXPECT_EQ(raised.has_value(), row.second.empty()) << row.first;
-    }
+    for (const auto& [wanted, id] :
+         {std::pair("latest", "2003-x"), {"2001-a", "2001-a"}, {"2003", "2003"}, {"2003-", "2003-x"}})
+        EXPECT_EQ(find(wanted), id) << wanted;
+    for (const char* wanted : {"2001-", "2002", "9", "", ".."})
+        EXPECT_EQ(find(wanted), "nothing") << wanted;
 }
 
 } // namespace
