@@ -3,18 +3,14 @@
 
 #include "testing/AwkwardNames.h"
 #include "testing/LogCapture.h"
-#include "testing/Program.h"
+#include "testing/ProgramFixture.h"
 #include "testing/Records.h"
 #include "testing/SelectionText.h"
 #include "testing/StoreFiles.h"
-#include "testing/TemporaryDirectory.h"
 
 #include "Krt/Log/LogSite.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <fcntl.h>
 #include <filesystem>
 #include <sstream>
 
@@ -86,39 +82,34 @@ TEST(Names, TerminalAndLogTellThemApart)
     EXPECT_EQ(Difference(NamesIn(log.Text(), "/x", "."), AwkwardNames()), NameSet());
 }
 
-class NamesOnDisk : public ::testing::Test
+class NamesOnDisk : public ProgramFixture
 {
 protected:
     void Make(const NameSet& made)
     {
         names = made;
-        for (const std::string& name : names) {
-            const int file = open((source + "/" + name).c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
-            ASSERT_GE(file, 0) << name;
-            close(file);
-        }
+        const auto directoryOfAll = Krt::File::YDirectory::Open(Krt::File::YPath(source.c_str()));
+        for (const std::string& name : names)
+            directoryOfAll.CreateFile(Krt::YString(name));
     }
     // What the program says on either stream.
-    std::string Run(int exitCode, std::vector<std::string> arguments)
+    std::string Told(int exitCode, const std::vector<std::string>& arguments) const
     {
-        const auto result = RunProgram(arguments);
-        EXPECT_EQ(result.exitCode, exitCode) << result.errors;
+        const auto result = Run(exitCode, arguments);
         return result.output + result.errors;
     }
-    void ExpectAllTold(const std::string& text, const std::string& behind = "")
+    void ExpectAllTold(const std::string& text, const std::string& behind = "") const
     {
         EXPECT_EQ(Difference(NamesIn(text, source, behind), names), NameSet());
     }
-    void BackUpListAndRestore()
+    void BackUpListAndRestore() const
     {
-        Run(0, {"backup", "--store", store, source});
-        ExpectAllTold(Run(0, {"list", "--store", store, "--snapshot", "latest"}));
-        Run(0, {"restore", "--store", store, "--to", directory / "to"});
-        EXPECT_EQ(Difference(NamesInDirectory((directory / "to") + source), names), NameSet());
+        Run(0, {"backup", source});
+        ExpectAllTold(Told(0, {"list", "--snapshot", "latest"}));
+        Run(0, {"restore", "--to", target});
+        EXPECT_EQ(Difference(NamesInDirectory(target + source), names), NameSet());
     }
 
-    const TemporaryDirectory directory;
-    const std::string source = directory.MakeDirectory("source"), store = directory / "store";
     NameSet names;
 };
 
@@ -127,23 +118,22 @@ TEST_F(NamesOnDisk, AwkwardOnesComeBackAndForgeNoLine)
     Make(AwkwardNames());
     BackUpListAndRestore();
 
-    std::istringstream documents(Run(0, {"list", "--store", store, "--snapshot", "latest", "--json"}));
+    std::istringstream documents(Run(0, {"list", "--snapshot", "latest", "--json"}).output);
     for (std::string line; std::getline(documents, line);)
         EXPECT_TRUE(YValue::Parse(line) && IsSteady(line)) << line;
 
     for (const std::string& name : names)
         fs::create_directories(directory / "full" + source + "/" + name);
-    ExpectAllTold(Run(3, {"restore", "--store", store, "--to", directory / "full"}),
-                  ": A directory stands in its place");
+    ExpectAllTold(Told(3, {"restore", "--to", directory / "full"}), ": A directory stands in its place");
 
     const std::string rules = "include " + source + " recursive any; exclude " + source + " recursive glob=*";
     const std::string job = directory.Write("job", JobText(rules));
-    ExpectAllTold(
-        Run(0, {"--log", directory / "log", "--debug",
-                "General,Runtime,Volume,FileStat,FileIo,FileInfo,FileClose,SelectionBuild,SelectionQuery",
-                "backup", "--store", store, "--verbose", "--job", job}));
-    Run(0, {"--log", directory / "log", "--debug", "FileStat,FileIo,FileInfo,FileClose", "backup", "--store",
-            store, source});
+    const std::string said = "FileStat,FileIo,FileInfo,FileClose",
+                      more = ",General,Runtime,Volume,SelectionBuild,SelectionQuery";
+    ExpectAllTold(RunProgram({"--log", directory / "log", "--debug", said + more, "backup", "--store", store,
+                              "--verbose", "--job", job})
+                      .errors);
+    RunProgram({"--log", directory / "log", "--debug", said, "backup", "--store", store, source});
     std::istringstream log(ReadFile(directory / "log"));
     for (std::string line; std::getline(log, line);) {
         const bool begins = line.size() > 40 && line[4] == '-' && line[10] == 'T' &&
@@ -155,14 +145,14 @@ TEST_F(NamesOnDisk, AwkwardOnesComeBackAndForgeNoLine)
 TEST_F(NamesOnDisk, ASnapshotOfSomebodyElseSteersNoTerminal)
 {
     Make({"name"});
-    Run(0, {"backup", "--store", store, source});
+    Run(0, {"backup", source});
     const std::string snapshot = fs::directory_iterator(store + "/snapshots")->path();
     std::string lines = ReadCompressed(snapshot);
     for (std::size_t at = 0; (at = lines.find("{\"record\"", at)) != std::string::npos; at += 3)
         lines.insert(at + 1, "\r\t");
     WriteCompressed(snapshot, lines);
-    const std::string listed = Run(1, {"list", "--store", store, "--snapshot", "latest", "--json"});
-    EXPECT_NE(listed.find("{  \"record\":"), std::string::npos) << listed;
+    const std::string listed = Told(1, {"list", "--snapshot", "latest", "--json"});
+    EXPECT_TRUE(Holds(listed, "{  \"record\":"));
     EXPECT_EQ(listed.find_first_of("\r\t"), std::string::npos) << listed;
 }
 
@@ -182,7 +172,7 @@ TEST_F(NamesOnDisk, ComposedAndDecomposedStayTwo)
     Make({"\u00e9", "e\u0301"});
     for (const std::string& name : names) {
         const std::string job = directory.Write("job", JobText("include " + source + " exact=" + name));
-        Run(0, {"backup", "--store", store, "--job", job});
+        Run(0, {"backup", "--job", job});
         EXPECT_EQ(StoredPaths(store, source), std::vector<std::string>{"/" + name});
     }
 }

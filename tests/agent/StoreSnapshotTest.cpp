@@ -40,13 +40,6 @@ std::vector<SnapshotEntry> Entries()
     return entries;
 }
 
-std::string TextOf(const SnapshotEntry& entry)
-{
-    std::string line;
-    WriteLine(entry, line);
-    return line;
-}
-
 class StoreSnapshot : public ::testing::Test
 {
 protected:
@@ -72,8 +65,8 @@ protected:
         const std::string error = Testing::ErrorOf([&] {
             SnapshotReader reader(store, id);
             reader.Verify();
-            for (SnapshotEntry entry; reader.Next(entry);) {
-            }
+            for (SnapshotEntry entry; reader.Next(entry);)
+                continue;
         });
         return error.empty() ? error : error.substr(error.find(": ") + 2);
     }
@@ -93,20 +86,15 @@ TEST_F(StoreSnapshot, StoredFormIsFixed)
 
     Testing::WriteCompressed(PathOf("golden"), Golden());
     SnapshotReader reader(store, "golden");
-    EXPECT_EQ(reader.GetHeader().time, Header().time);
-    EXPECT_EQ(reader.GetHeader().host, Header().host);
-    EXPECT_EQ(reader.GetHeader().paths, Header().paths);
     const SnapshotTrailer trailer = reader.Verify();
-    EXPECT_EQ(trailer.entries, 4u);
-    EXPECT_EQ(trailer.bytes, 4u);
-    EXPECT_EQ(trailer.failed, 1u);
+    std::string again;
+    WriteLine(reader.GetHeader(), again);
     SnapshotEntry entry;
-    for (const SnapshotEntry& wanted : Entries()) {
-        ASSERT_TRUE(reader.Next(entry));
-        EXPECT_EQ(TextOf(entry), TextOf(wanted));
-    }
+    while (reader.Next(entry))
+        WriteLine(entry, again);
     EXPECT_FALSE(reader.Next(entry));
-    EXPECT_FALSE(reader.Next(entry));
+    WriteLine(trailer, again);
+    EXPECT_EQ(again, Golden());
 }
 
 TEST_F(StoreSnapshot, TrailerIsFoundFromTheEnd)

@@ -15,7 +15,6 @@
 
 #include <fcntl.h>
 #include <pty.h>
-#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,9 +39,7 @@ TEST(VolumesCommand, TellsOfEachMountWhatCanBeTold)
         told.push_back(std::to_string(volume.driveClass) + " " + volume.mount.directory.Bytes() +
                        (volume.mount.readOnly ? ", read-only" : "") + (volume.isHidden ? ", hidden" : "") +
                        (volume.freeSpace ? ", has space" : "") +
-                       (!volume.isEntered   ? ""
-                        : *volume.isEntered ? ", entered"
-                                            : ", not entered") +
+                       (volume.isEntered ? (*volume.isEntered ? ", entered" : ", not entered") : "") +
                        (volume.failure ? ": " + volume.failure->Bytes() : ""));
     EXPECT_EQ(told,
               (std::vector<std::string>{
@@ -67,7 +64,6 @@ TEST(AnswerWithin, GivesUpOnWhatNeverAnswers)
     };
     EXPECT_EQ(AnswerWithin<int>(milliseconds(1), blocked), std::nullopt);
     latch->set_value();
-    EXPECT_EQ(AnswerWithin<int>(std::chrono::minutes(5), [] { return 2; }), 2);
     EXPECT_THROW(
         AnswerWithin<int>(std::chrono::minutes(5), []() -> int { KRT_RAISE(ErrorCode::NotFound, "x"); }),
         Krt::Exception::YError);
@@ -147,15 +143,12 @@ TEST(VolumesCommand, FitsTheTerminal)
         execl(KBAGENT_PROGRAM, "kbagent", "volumes", nullptr);
         _exit(127);
     }
-    std::string shown;
-    char buffer[4096];
-    for (ssize_t count; (count = read(terminal, buffer, sizeof buffer)) > 0;)
-        shown.append(buffer, static_cast<std::size_t>(count));
-    close(terminal);
+    std::FILE* const shown = fdopen(terminal, "r");
+    char line[4096] = "";
+    ASSERT_TRUE(std::fgets(line, sizeof line, shown) != nullptr && std::string(line).starts_with("CLASS"))
+        << line;
+    while (std::fgets(line, sizeof line, shown) != nullptr && !std::string(line).starts_with("kbagent: "))
+        EXPECT_LE(Krt::YString(line).Length(), 62u + 2) << line; // the line's end counts
+    std::fclose(shown);
     EXPECT_EQ(waitpid(child, nullptr, 0), child);
-    std::istringstream lines(shown);
-    std::string line;
-    ASSERT_TRUE(std::getline(lines, line) && line.starts_with("CLASS")) << shown;
-    while (std::getline(lines, line) && !line.starts_with("kbagent: "))
-        EXPECT_LE(Krt::YString(line.c_str()).Length(), 62u + 1) << line; // the carriage return counts
 }

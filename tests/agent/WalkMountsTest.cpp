@@ -1,12 +1,12 @@
 // A backup over a tree with real mounts: which of them it enters, and what it tells of the others. The same
 // is told to users in docs/rules.md.
+#include "testing/Configuration.h"
 #include "testing/MountNamespace.h"
 #include "testing/ProgramFixture.h"
 #include "testing/SelectionText.h"
 
 #include "agent/Run/Text.h"
 
-#include <cstdlib>
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -30,14 +30,13 @@ class Walk
 public:
     explicit Walk(const MountNamespace& space) : m_space(space) {}
 
-    ProgramResult Run(const std::string& configuration, List arguments)
+    ProgramResult Run(int exitCode, const std::string& configuration, List arguments)
     {
-        const std::string file = m_space / "agent.conf";
-        MountNamespace::Write(file, "[configuration]\n" + configuration + "\n");
-        setenv("KBAGENT_CONFIG", file.c_str(), 1);
+        m_configuration.Set(configuration);
         const std::string store = m_space / "store" + std::to_string(++m_runs);
         arguments.insert(arguments.begin(), {"backup", "--store", store});
         const ProgramResult result = Testing::RunProgram(arguments);
+        EXPECT_EQ(result.exitCode, exitCode) << result.errors;
         const ProgramResult list = Testing::RunProgram({"list", "--store", store, "--snapshot", "latest"});
         EXPECT_EQ(list.exitCode, 0) << list.errors;
         m_list = list.output;
@@ -47,6 +46,7 @@ public:
 
 private:
     const MountNamespace& m_space;
+    const Testing::Configuration m_configuration;
     int m_runs = 0;
     std::string m_list;
 };
@@ -68,22 +68,19 @@ TEST_P(WalkMounts, EntersFixedDisksAndWhatIsListed)
 
         Walk walk(space);
         const bool fixed = kind.driveClass == 3;
-        const ProgramResult below = walk.Run("", {tree});
-        EXPECT_EQ(below.exitCode, 0) << below.errors;
+        const ProgramResult below = walk.Run(0, "", {tree});
         EXPECT_TRUE(walk.Stored(target) && walk.Stored(after)) << "entered or not, its own record is taken";
         EXPECT_EQ(walk.Stored(inside), fixed);
         EXPECT_EQ(Holds(below.output, "mount point not entered: " + Shown(target) + "\n"), !fixed);
 
-        const ProgramResult named = walk.Run("", {target});
-        EXPECT_EQ(named.exitCode, 0) << named.errors;
+        const ProgramResult named = walk.Run(0, "", {target});
         EXPECT_TRUE(walk.Stored(inside));
         EXPECT_EQ(Holds(named.errors, Shown(target) + " is a mount point that a walk would not enter"),
                   !fixed);
 
         if (target.find_first_of(",\n") != std::string::npos)
             return; // no place in the list
-        const ProgramResult listed = walk.Run("IncludedMountpoints=/elsewhere," + target, {tree});
-        EXPECT_EQ(listed.exitCode, 0) << listed.errors;
+        const ProgramResult listed = walk.Run(0, "IncludedMountpoints=/elsewhere," + target, {tree});
         EXPECT_TRUE(walk.Stored(inside));
         EXPECT_FALSE(Holds(listed.output, "not entered"));
     });
@@ -99,7 +96,7 @@ TEST(WalkOverMounts, ABindOnTheSameDeviceIsWalkedTwice)
         MountNamespace::Write(tree + "/real/file", "x");
         space.Bind(tree + "/real", tree + "/bound");
         Walk walk(space);
-        EXPECT_EQ(walk.Run("", {tree}).exitCode, 0);
+        walk.Run(0, "", {tree});
         EXPECT_TRUE(walk.Stored(tree + "/real/file") && walk.Stored(tree + "/bound/file"));
     });
 }
@@ -116,16 +113,16 @@ TEST(WalkOverMounts, RulesBelowAMountThatIsNotEnteredNeedAStartOfTheirOwn)
         };
         Walk walk(space);
         writeJob("include " + deep + " recursive any explicit");
-        EXPECT_EQ(walk.Run("", {"--job", space / "job"}).exitCode, 0);
+        walk.Run(0, "", {"--job", space / "job"});
         EXPECT_TRUE(walk.Stored(file)) << "nobody asks about mounts above a start";
         writeJob("include " + tree + " any; include " + deep + " recursive any explicit");
-        EXPECT_TRUE(Holds(walk.Run("", {"--job", space / "job"}).output, "mount point not entered: "));
+        EXPECT_TRUE(Holds(walk.Run(0, "", {"--job", space / "job"}).output, "mount point not entered: "));
         EXPECT_FALSE(walk.Stored(file)) << "the rule above is the only start";
-        walk.Run("", {"--job", space / "job", deep});
+        walk.Run(0, "", {"--job", space / "job", deep});
         EXPECT_TRUE(walk.Stored(file));
         // What the rules leave out is not asked about, so not reported.
         writeJob("include " + tree + " recursive any; exclude " + tree + " exact=mount");
-        EXPECT_FALSE(Holds(walk.Run("", {"--job", space / "job"}).output, "not entered"));
+        EXPECT_FALSE(Holds(walk.Run(0, "", {"--job", space / "job"}).output, "not entered"));
         EXPECT_FALSE(walk.Stored(tree + "/mount"));
     });
 }
@@ -150,15 +147,14 @@ TEST(WalkOverMounts, ASubvolumeFailsUnlessTheKeyOrAMountOfItsOwnHelps)
         };
         Walk walk(space);
         for (const auto& [name, configuration, arguments, exitCode, record, content] : cases) {
-            const ProgramResult result = walk.Run(configuration, arguments);
-            EXPECT_EQ(result.exitCode, exitCode) << name << ": " << result.errors;
+            const ProgramResult result = walk.Run(exitCode, configuration, arguments);
             EXPECT_EQ(walk.Stored(subvolume), record) << name;
             EXPECT_EQ(walk.Stored(inside), content) << name;
             EXPECT_EQ(Holds(result.errors, "walkIntoUnknownMountPoints=1"), exitCode == 3) << name;
             EXPECT_EQ(walk.Stored(disk + "/z"), arguments != List{subvolume}) << name;
         }
         space.Bind(subvolume, subvolume);
-        EXPECT_EQ(walk.Run("", {tree}).exitCode, 0);
+        walk.Run(0, "", {tree});
         EXPECT_TRUE(walk.Stored(subvolume) && walk.Stored(inside));
     });
 }
