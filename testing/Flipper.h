@@ -54,4 +54,19 @@ private:
     pid_t m_child;
 };
 
+/// Calls `prepare`, then `run` while the two are swapped, again and again until there were enough swaps.
+/// Returns their number.
+template <class Prepare, class Run>
+unsigned long SwapDuring(const std::string& a, const std::string& b, Prepare prepare, Run run)
+{
+    unsigned long swaps = 0;
+    while (swaps < 2000) {
+        prepare();
+        const Flipper flipper(a, b);
+        run();
+        swaps += flipper.GetSwaps();
+    }
+    return swaps;
+}
+
 } // namespace Testing

@@ -163,11 +163,11 @@ TEST_F(Reading, ComesBackToDirectoriesThatItClosed)
 
 TEST_F(Reading, AFileThatGrowsForEverHasAnEnd)
 {
-    const ProgramResult result = Run(3, {"backup", source}, Hooked([&](const HookedCall& call) {
-                                         if (call.function == "pread" && call.name.ends_with("file"))
-                                             std::ofstream(source + "/file", std::ios::app)
-                                                 << std::string(1 << 20, '+');
-                                     }));
+    const auto grow = [&](const HookedCall& call) {
+        if (call.function == "pread" && call.name.ends_with("file"))
+            std::ofstream(source + "/file", std::ios::app) << std::string(1 << 20, '+');
+    };
+    const ProgramResult result = Run(3, {"backup", source}, Hooked(grow));
     EXPECT_TRUE(Holds(result.errors, "bytes instead of 5"));
 }
 
@@ -177,19 +177,18 @@ TEST_F(Reading, StoresNothingFromOutsideWhileSomebodySwaps)
         {"file", "to file"}, {"file", "fifo"}, {"dir", "to dir"}, {"dir/below", "to dir"}, {"dir", "file"}};
     unsigned long swaps = 0;
     for (const auto& [a, b] : Rows) {
-        unsigned long rowSwaps = 0;
-        do {
+        const auto plant = [&] {
             SetUp();
             MakeTree(source, {Link("to file", directory / "outside/secret"),
                               Link("to dir", directory / "outside"), Fifo("fifo")});
-            const Flipper flipper(source + "/" + a, source + "/" + b);
+        };
+        const auto backUp = [&, &a = a, &b = b] {
             const ProgramResult result = RunProgram({"backup", "--store", store, source});
             EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 3) << a << result.errors;
             for (const auto& [path, text] : Stored())
                 EXPECT_EQ(text.find("secret"), std::string::npos) << path << " " << b;
-            rowSwaps += flipper.GetSwaps();
-        } while (rowSwaps < 2000);
-        swaps += rowSwaps;
+        };
+        swaps += SwapDuring(source + "/" + a, source + "/" + b, plant, backUp);
     }
     RecordProperty("swaps", std::to_string(swaps));
 }

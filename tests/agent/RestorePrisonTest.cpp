@@ -137,7 +137,6 @@ TEST_F(RestorePrison, AWayOfSeveralNamesFollowsNoLinkOnAnyKernel)
 // Outside there is an entry of each name that the restore makes below "d".
 TEST_F(RestorePrison, HoldsWhileSomebodySwapsWhatStandsThere)
 {
-    constexpr unsigned long EnoughSwaps = 2000;
     constexpr std::pair<const char*, const char*> Races[] = {
         {"d", "to outside"},   {"d/sub", "to outside sub"}, {"d/file", "to outside file"},
         {"d/file", "planted"}, {"d/fifo", "planted"},       {"d/sub", "planted"},
@@ -154,23 +153,20 @@ TEST_F(RestorePrison, HoldsWhileSomebodySwapsWhatStandsThere)
     const auto makeKernelOld = [] {
         TakeAwaySystemCall(SYS_openat2);
     };
-    unsigned long allSwaps = 0;
+    unsigned long swaps = 0;
     for (const auto& [a, b] : Races) {
         for (const ProgramSettings& settings : {ProgramSettings{}, {.prepare = makeKernelOld}}) {
-            unsigned long swaps = 0;
-            do {
-                PlantForRaces();
-                const Flipper flipper(target + "/" + a, target + "/" + b);
+            const auto restore = [&, &a = a] {
                 const ProgramResult result =
                     RunProgram({"restore", "--store", store, "--to", target}, settings);
                 EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 3) << a << result.errors;
-                swaps += flipper.GetSwaps();
-            } while (swaps < EnoughSwaps);
+            };
+            swaps += SwapDuring(
+                target + "/" + a, target + "/" + b, [&] { PlantForRaces(); }, restore);
             EXPECT_EQ(DescribeOutside(), before) << a << " and " << b;
-            allSwaps += swaps;
         }
     }
-    RecordProperty("swaps", std::to_string(allSwaps));
+    RecordProperty("swaps", std::to_string(swaps));
 }
 
 TEST_F(RestorePrison, WhatIsBeingMadeCannotBeSwappedForAFileOutside)
@@ -293,21 +289,18 @@ TEST_F(RestorePrison, NobodyElseDecidesWhereTheTargetLies)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs two users";
-    const auto own = [&](const std::string& name, uid_t user, mode_t mode) {
-        const std::string path = directory.MakeDirectory(name);
-        return chown(path.c_str(), user, 0) == 0 && chmod(path.c_str(), mode) == 0;
+    const std::string outside = directory / "outside";
+    MakeTree(directory.Path(), {Dir("shared", 01777), Dir("shared/theirs"), Dir("home"), Dir("home/theirs"),
+                                Dir("home/swapped"), Dir("open", 0777)});
+    MakeTree(directory.Path(),
+             {Link("shared/link", outside), Link("shared/two names", outside), Link("home/link", outside),
+              Link("open/link", outside), Link("shared/own link", "../target"),
+              Hard("other name", "shared/two names")});
+    const auto giveAway = [&](const std::string& name) {
+        return lchown((directory / name).c_str(), OrdinaryUser, OrdinaryUser) == 0;
     };
-    const auto link = [&](const std::string& name, uid_t user) {
-        fs::create_symlink(directory / "outside", directory / name);
-        return lchown((directory / name).c_str(), user, user) == 0;
-    };
-    ASSERT_TRUE(own("shared", 0, 01777) && own("shared/theirs", OrdinaryUser, 0755) &&
-                own("home", OrdinaryUser, 0755) && own("home/theirs", OrdinaryUser, 0755) &&
-                own("home/swapped", OrdinaryUser, 0755) && own("open", 0, 0777) &&
-                link("shared/link", OrdinaryUser) && link("shared/two names", 0) && link("home/link", 0) &&
-                link("open/link", 0));
-    fs::create_symlink("../target", directory / "shared/own link");
-    ASSERT_EQ(::link((directory / "shared/two names").c_str(), (directory / "other name").c_str()), 0);
+    for (const char* name : {"shared/theirs", "shared/link", "home", "home/theirs", "home/swapped"})
+        ASSERT_TRUE(giveAway(name)) << name;
     MakeSnapshot({FileWith({"dir", "file"}, "evil")});
     const std::string user = " belongs to the user " + std::to_string(OrdinaryUser);
     const std::string others = ", and others can write to its directory";
@@ -324,9 +317,11 @@ TEST_F(RestorePrison, NobodyElseDecidesWhereTheTargetLies)
         {"open/link", 1, "open/link is a link" + others},
     };
     const ProgramSettings attacked = Hooked([&](const HookedCall& call) {
-        if (call.function == "openat" && call.name == "swapped" &&
-            (rename((directory / "home/swapped").c_str(), (directory / "home/moved").c_str()) != 0 ||
-             !link("home/swapped", OrdinaryUser)))
+        if (call.function != "openat" || call.name != "swapped")
+            return;
+        fs::rename(directory / "home/swapped", directory / "home/moved");
+        fs::create_symlink(outside, directory / "home/swapped");
+        if (!giveAway("home/swapped"))
             _exit(99);
     });
     for (const auto& [name, exitCode, told] : rows) {

@@ -95,11 +95,11 @@ TEST_F(RestoreProgram, WhatCannotBeKeptIsToldThoughItWasWritten)
                 {"syncfs", "", 1, "error: Failed to write to disk", 2},
                 {"unlinkat", ".kbagent-restore-", 3, "/C/file: temporary name not removed: ", 3}};
     for (const auto& row : rows) {
-        const ProgramResult result =
-            Restore(row.exitCode, Hooked([&row](const HookedCall& call) {
-                        if (call.function == row.function && Holds(call.name, row.entry))
-                            CallHook::Fail(EIO);
-                    }));
+        const auto fail = [&row](const HookedCall& call) {
+            if (call.function == row.function && Holds(call.name, row.entry))
+                CallHook::Fail(EIO);
+        };
+        const ProgramResult result = Restore(row.exitCode, Hooked(fail));
         EXPECT_TRUE(Holds(result.errors, row.told));
         EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), row.entries) << row.told;
     }
