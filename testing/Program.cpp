@@ -19,12 +19,6 @@ namespace {
                          const ProgramSettings& settings)
 {
     const unsigned int user = settings.user;
-    std::vector<char*> vector;
-    std::string program = KBAGENT_PROGRAM;
-    vector.push_back(program.data());
-    for (const std::string& argument : arguments)
-        vector.push_back(const_cast<char*>(argument.c_str()));
-    vector.push_back(nullptr);
     dup2(open("/dev/null", O_RDONLY), 0);
     dup2(output, 1);
     dup2(errors, 2);
@@ -35,12 +29,27 @@ namespace {
         settings.prepare();
     // The program's file may stand where that user can't reach it.
     if (changesUser || settings.isLinked)
-        _exit(Agent::Run(static_cast<int>(arguments.size() + 1), vector.data()));
+        _exit(CallProgram(arguments));
+    std::string program = KBAGENT_PROGRAM;
+    std::vector<char*> vector{program.data()};
+    for (const std::string& argument : arguments)
+        vector.push_back(const_cast<char*>(argument.c_str()));
+    vector.push_back(nullptr);
     execv(program.c_str(), vector.data());
     _exit(127);
 }
 
 } // namespace
+
+int CallProgram(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), "kbagent");
+    std::vector<char*> vector;
+    for (std::string& argument : arguments)
+        vector.push_back(argument.data());
+    vector.push_back(nullptr);
+    return Agent::Run(static_cast<int>(arguments.size()), vector.data());
+}
 
 ProgramResult RunProgram(const std::vector<std::string>& arguments, unsigned int user)
 {

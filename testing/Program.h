@@ -28,6 +28,9 @@ struct ProgramSettings
     bool isLinked = false;
 };
 
+/// Calls the program within this process; returns its exit code.
+int CallProgram(std::vector<std::string> arguments);
+
 /// Runs the program with these arguments and no input.
 ProgramResult RunProgram(const std::vector<std::string>& arguments, const ProgramSettings& settings);
 ProgramResult RunProgram(const std::vector<std::string>& arguments, unsigned int user = 0);

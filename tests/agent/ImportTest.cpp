@@ -106,15 +106,13 @@ TEST_F(Import, UnixRecordsAndABase)
              {Dir("job"), Dir("job/home"), File("job/home/a file", "x"), Dir("dir"), File("dir/f", "abc")});
     LegacyUnixHeader file = SampleUnixFile();
     file.fileSize = 1;
-    file.userId = geteuid();
-    file.groupId = getegid();
     file.extendedAttributes.clear();
     // Of a link, though neither its mode nor the directory bit say so.
     LegacyUnixHeader link = SampleUnixLink();
-    link.userId = geteuid();
-    link.groupId = getegid();
     link.modeFlags = 0040777;
     link.attributes = 0x10;
+    link.userId = file.userId = geteuid();
+    link.groupId = file.groupId = getegid();
     RunImport(0,
               Line(LegacyDocument("unix", file.Bytes())) + Line(LegacyDocument("unix", link.Bytes())) +
                   Unix({"dir"}, S_IFDIR | 0750) + Unix({"dir", "f"}, S_IFREG | 0640, 3) +

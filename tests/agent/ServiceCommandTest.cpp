@@ -1,9 +1,8 @@
 // kbagent service, with the commands of the system recorded in place of being run.
-#include "agent/Cli/Program.h"
-
 #include "Backup/Util/Unix/Linux/YSystemdServiceManager.h"
 
 #include "testing/ProcessRecorder.h"
+#include "testing/Program.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -29,11 +28,8 @@ protected:
 
     static int Call(std::vector<std::string> arguments)
     {
-        arguments.insert(arguments.begin(), {"kbagent", "service"});
-        std::vector<char*> vector;
-        for (std::string& argument : arguments)
-            vector.push_back(argument.data());
-        return Agent::Run(static_cast<int>(vector.size()), vector.data());
+        arguments.insert(arguments.begin(), "service");
+        return Testing::CallProgram(arguments);
     }
     // The exit code and all that was printed.
     static std::string Run(const std::vector<std::string>& arguments)
