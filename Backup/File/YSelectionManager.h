@@ -38,7 +38,7 @@ public:
     using SelectionType = YSelectionDescriptor::SelectionType;
     using RecursionType = YSelectionDescriptor::RecursionType;
     using Components = std::vector<YString>;
-    /// Visitors: true stops the walk. An empty one raises std::bad_function_call when it is due.
+    /// True stops the walk. Each level of the tree gets a copy. An empty one raises std::bad_function_call.
     using PathVisitor = std::function<bool(const Krt::File::YPath&)>;
     using RuleVisitor = std::function<bool(const Krt::File::YPath&, const YSelectionDescriptor&)>;
     /// Can't stop the walk. An empty one raises "call to empty boost::function".

@@ -15,6 +15,39 @@ using Krt::File::YPath;
 using Krt::Time::YDuration;
 using Node = YSelectionManager::YSelectionManagerNode;
 
+namespace {
+
+// The visitors of a walk: each level gets a copy of the one above it, as it stands then, so that what a
+// visitor keeps by value never comes back up.
+template <class Visitor>
+class VisitorsByLevel
+{
+public:
+    explicit VisitorsByLevel(const Visitor& visitor) : m_visitors{visitor} {}
+
+    /// For one node of the level: a new copy, except at the start.
+    Visitor& ForNode(std::size_t level)
+    {
+        if (level != 0)
+            m_visitors.resize(level);
+        return ForSiblings(level);
+    }
+    /// For all nodes with the same parent.
+    Visitor& ForSiblings(std::size_t level)
+    {
+        if (level == m_visitors.size())
+            m_visitors.push_back(m_visitors.back());
+        else
+            m_visitors.resize(level + 1);
+        return m_visitors.back();
+    }
+
+private:
+    std::vector<Visitor> m_visitors;
+};
+
+} // namespace
+
 const Node::Rules* Node::RulesOfType(SelectionType type) const
 {
     if (type == SelectionType::Include)
@@ -32,7 +65,7 @@ bool Node::VisitPaths(SelectionType type, PathVisitor visitor) const
             walk.Next();
             continue;
         }
-        if (visitor(node->GetPath()))
+        if (PathVisitor(visitor)(node->GetPath())) // as it was given: no level above has used it
             return true;
         walk.NextBeside();
     }
@@ -52,13 +85,15 @@ bool Node::VisitPathsAndDescriptors(RuleVisitor visitor, bool recurse) const
 bool Node::VisitRules(std::initializer_list<SelectionType> types, const RuleVisitor& visitor,
                       bool recurse) const
 {
+    VisitorsByLevel visitors(visitor);
     for (Walk walk(*this); const Node* const node = walk.Current(); walk.Next()) {
+        const RuleVisitor& visitOwn = visitors.ForNode(walk.Depth());
         std::optional<YPath> path; // only nodes with rules need one
         for (const SelectionType type : types) {
             for (const YSelectionDescriptor& rule : *node->RulesOfType(type)) {
                 if (!path)
                     path = node->GetPath();
-                if (visitor(*path, rule))
+                if (visitOwn(*path, rule))
                     return true;
             }
         }
@@ -70,9 +105,10 @@ bool Node::VisitRules(std::initializer_list<SelectionType> types, const RuleVisi
 
 void Node::VisitAllNodes(YSelectionManagerNode& start, NodeVisitor visitor)
 {
+    VisitorsByLevel visitors(visitor);
     Walk walk(start);
     for (walk.Next(); walk.Current() != nullptr; walk.Next())
-        Krt::CallFunction(visitor, walk.Current());
+        Krt::CallFunction(visitors.ForSiblings(walk.Depth() - 1), walk.Current());
 }
 
 bool YSelectionManager::VisitPaths(SelectionType type, const YPath& start, PathVisitor visitor) const

@@ -237,6 +237,23 @@ TEST(YSelectionManagerVisit, RulesAndNodes)
                   "throw_exception", "call to empty boost::function");
 }
 
+TEST(YSelectionManagerVisit, EachLevelHasItsOwnCopyOfTheVisitor)
+{
+    const YSelectionManager tree =
+        Tree("include / any; include /a exact=x explicit; include /a/b any explicit; "
+             "include /c exact=y explicit; exclude /c any");
+    std::string counts;
+    const auto count = [seen = 0, &counts](const auto&...) mutable {
+        counts += std::to_string(++seen) + " ";
+        return false;
+    };
+    tree.VisitPathsAndDescriptors("/", count, true);
+    EXPECT_EQ(counts, "1 2 3 2 3 ");
+    counts.clear();
+    tree.VisitAllNodes(count);
+    EXPECT_EQ(counts, "1 2 3 3 ");
+}
+
 // From the root docs/rules.md shows them.
 TEST(YSelectionManagerVisit, TopsAndVolumes)
 {
