@@ -68,6 +68,7 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
         {"name like an option", {"backup", "--store", to, "--", "--odd="}, 3, "--odd=: Failed to stat"},
         {"into the store", {"restore", "--store", store, "--snapshot=2", "--to", inStore}, 1, "lies in it"},
         {"restore of a damaged one", {"restore", "--store", store, "--to", to + "/x"}, 1, "is damaged"},
+        {"to a file", {"restore", "--store", store, "--snapshot=2", "--to", damaged}, 1, "to " + damaged},
         {"neither path nor job", {"backup", "--store", store}, 2, "PATH"},
         {"missing job", {"backup", "--store", store, "--job", none}, 1, none},
         {"directory for a job", {"backup", "--store", store, "--job", store}, 1, store},

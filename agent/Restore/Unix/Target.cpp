@@ -170,7 +170,15 @@ void Way::Refuse(bool isRefused, const std::string& reason) const
 
 YDirectory OpenTarget(const std::string& path, const YDirectory& store, Report& report)
 {
-    return Way(path, store, report).Go();
+    try {
+        return Way(path, store, report).Go();
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetType() != Krt::ExceptionType::OsError)
+            throw;
+        // It names the one component that it is about.
+        KRT_RAISE_OS_ERROR(error.GetOsError(), Krt::MessageType::General,
+                           "Can't restore to " << path.c_str() << ": " << error.GetMessage());
+    }
 }
 
 } // namespace Agent
