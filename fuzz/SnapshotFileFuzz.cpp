@@ -2,8 +2,7 @@
 // compressed, and on demand an end that proves them.
 #include "fuzz/Input.h"
 
-#include "agent/Store/SnapshotReader.h"
-#include "agent/Store/ZstdWriter.h"
+#include "testing/StoreFiles.h"
 #include "testing/TemporaryDirectory.h"
 
 #include "Krt/Util/OpenHandle.h"
@@ -44,11 +43,15 @@ void Read(const Agent::Store& store)
         Agent::SnapshotEntry entry;
         if (Fuzz::Raises([&] { entry = Agent::ReadEntry(line); }))
             continue;
-        std::string once, twice;
-        Agent::WriteLine(entry, once);
-        Expect(!Fuzz::Raises([&] {
-            Agent::WriteLine(Agent::ReadEntry(once.substr(0, once.size() - 1)), twice);
-        }) && once == twice,
+        const auto write = [](const Agent::SnapshotEntry& read) {
+            std::string text;
+            Agent::WriteLine(Testing::TextOf(read.record), read, text);
+            return text;
+        };
+        const std::string once = write(entry);
+        std::string twice;
+        Expect(!Fuzz::Raises([&] { twice = write(Agent::ReadEntry(once.substr(0, once.size() - 1))); }) &&
+                   once == twice,
                "an entry is written and read again unchanged");
     }
     Expect(!reader.NextLine(line), "the end behind the last entry");

@@ -79,7 +79,7 @@ protected:
             if (content)
                 run.Add(*content, entry);
             else
-                run.snapshot.Add(entry);
+                run.Add(entry);
         }
         run.snapshot.Finish(0, 0);
     }

@@ -11,6 +11,7 @@
 #include "Backup/File/YMetadataBase.h"
 
 #include "Krt/File/File.h"
+#include "Krt/JSON/YValue.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -38,6 +39,14 @@ inline Agent::Address WriteObject(Agent::ObjectWriter& writer, const std::string
     return writer.Finish();
 }
 
+/// As a snapshot takes records.
+inline std::string TextOf(const Krt::JSON::YObject& record)
+{
+    std::string text;
+    Krt::JSON::YValue::FromObject(record).StringifyTo(text);
+    return text;
+}
+
 /// A run that fills a snapshot of the store.
 struct StoreRun
 {
@@ -46,9 +55,11 @@ struct StoreRun
     Agent::Address Add(const std::string& content, Agent::SnapshotEntry entry = {})
     {
         entry.content = WriteObject(objects, content);
-        snapshot.Add(entry);
+        Add(entry);
         return *entry.content;
     }
+
+    void Add(const Agent::SnapshotEntry& entry) { snapshot.Add(TextOf(entry.record), entry); }
 
     Agent::StoreSession session;
     Agent::ObjectWriter objects{session};

@@ -79,34 +79,35 @@ struct stat BackupRun::Open(const WalkedEntry& entry)
 void BackupRun::Capture(const WalkedEntry& entry, const struct stat& status,
                         const Backup::File::YUnixFileMetadata& metadata)
 {
-    SnapshotEntry line;
-    line.record = metadata.ToJSON();
+    m_record.clear();
+    metadata.StringifyTo(m_record);
+    EntryFacts facts;
     if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))
-        line.device = DeviceNumbers{major(status.st_rdev), minor(status.st_rdev)};
+        facts.device = DeviceNumbers{major(status.st_rdev), minor(status.st_rdev)};
     if (S_ISLNK(status.st_mode)) {
         YString target = entry.parent.ReadSymbolicLink(entry.name);
         if (target != metadata.GetSymbolicLinkTarget())
-            line.linkTarget = std::move(target);
+            facts.linkTarget = std::move(target);
     }
 
     const bool isLinked = HardLinks::MayHave(status);
     const HardLinks::File* const known = isLinked ? m_hardLinks.Find(status, m_file.GetSize()) : nullptr;
     if (known != nullptr) {
-        line.hardLinkGroup = known->group;
-        line.content = known->content;
-        line.readSize = known->readSize;
+        facts.hardLinkGroup = known->group;
+        facts.content = known->content;
+        facts.readSize = known->readSize;
     } else {
         if (S_ISREG(status.st_mode))
-            ReadContent(entry, line);
+            ReadContent(entry, facts);
         if (isLinked)
-            line.hardLinkGroup = m_hardLinks.Add(status, m_file.GetSize(), line);
+            facts.hardLinkGroup = m_hardLinks.Add(status, m_file.GetSize(), facts);
     }
-    m_snapshot.Add(line);
+    m_snapshot.Add(m_record, facts);
     if (known != nullptr)
         m_hardLinks.Seen(status);
 }
 
-void BackupRun::ReadContent(const WalkedEntry& entry, SnapshotEntry& line)
+void BackupRun::ReadContent(const WalkedEntry& entry, EntryFacts& facts)
 {
     const unsigned long long size = m_file.GetSize();
     unsigned long long total = 0;
@@ -120,10 +121,10 @@ void BackupRun::ReadContent(const WalkedEntry& entry, SnapshotEntry& line)
         m_report.Progress(m_counts.Entries(), m_counts.bytes + total);
         KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted");
     } while (count == BufferSize && total <= size);
-    line.content = m_objects.Finish();
+    facts.content = m_objects.Finish();
     m_counts.bytes += total;
     if (total != size) {
-        line.readSize = total;
+        facts.readSize = total;
         Krt::YStream reason{YString()};
         reason << "The file changed while it was read: " << total << " bytes instead of " << size;
         m_report.EntryFailed(entry.path, reason);

@@ -44,7 +44,7 @@ private:
     struct stat Open(const WalkedEntry& entry);
     void Capture(const WalkedEntry& entry, const struct stat& status,
                  const Backup::File::YUnixFileMetadata& metadata);
-    void ReadContent(const WalkedEntry& entry, SnapshotEntry& line);
+    void ReadContent(const WalkedEntry& entry, EntryFacts& facts);
 
     SnapshotWriter& m_snapshot;
     Report& m_report;
@@ -53,6 +53,7 @@ private:
     HardLinks m_hardLinks;
     Backup::File::YFile m_file;
     std::vector<unsigned char> m_buffer;
+    std::string m_record; // kept for its memory
     BackupCounts m_counts;
 };
 

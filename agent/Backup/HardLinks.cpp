@@ -16,12 +16,11 @@ const HardLinks::File* HardLinks::Find(const struct stat& status, unsigned long 
     return isUnchanged ? &file : nullptr;
 }
 
-unsigned long long HardLinks::Add(const struct stat& status, unsigned long long size,
-                                  const SnapshotEntry& entry)
+unsigned long long HardLinks::Add(const struct stat& status, unsigned long long size, const EntryFacts& facts)
 {
     const File file{.group = ++m_groups,
-                    .content = entry.content,
-                    .readSize = entry.readSize,
+                    .content = facts.content,
+                    .readSize = facts.readSize,
                     .namesToCome = status.st_nlink - 1u,
                     .size = size,
                     .writeTime = Krt::File::WriteTime(status)};

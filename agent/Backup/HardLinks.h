@@ -31,7 +31,7 @@ public:
     /// tells.
     const File* Find(const struct stat& status, unsigned long long size) const;
     /// Remembers a file by its first name and gives its group.
-    unsigned long long Add(const struct stat& status, unsigned long long size, const SnapshotEntry& entry);
+    unsigned long long Add(const struct stat& status, unsigned long long size, const EntryFacts& facts);
     /// A further name of a found file was stored.
     void Seen(const struct stat& status);
 

@@ -64,7 +64,7 @@ void ConvertedRecords::Fail(const YString& reason)
 void RecordWriter::Write(const YMetadataBase& record)
 {
     m_line.clear();
-    Krt::JSON::YValue::FromObject(record.ToJSON()).StringifyTo(m_line);
+    record.StringifyTo(m_line);
     m_printed.clear();
     Krt::String::AppendPrintableJson(m_printed, m_line);
     m_printed += '\n';

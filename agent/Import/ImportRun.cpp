@@ -31,17 +31,18 @@ void ImportRun::Import(YMetadataBase& metadata, unsigned long long line)
         CheckHasPath(metadata);
         static_cast<void>(RestoredPath(metadata, 0));
         shown = metadata.GetFilePath(0).GetDisplayPath();
-        SnapshotEntry entry;
-        entry.record = metadata.ToJSON();
+        m_record.clear();
+        metadata.StringifyTo(m_record);
+        EntryFacts facts;
         RecordedEntry recorded;
         // What is no file is all in its record.
         if (metadata.GetMetadataType() != Backup::File::VAM_ODS_METADATA_TYPE)
-            recorded = Complete(metadata, entry);
-        m_snapshot.Add(entry);
+            recorded = Complete(metadata, facts);
+        m_snapshot.Add(m_record, facts);
         m_counts.Add(recorded.type);
-        if (entry.readSize) {
+        if (facts.readSize) {
             Krt::YStream reason{YString()};
-            reason << "The content has " << *entry.readSize << " bytes instead of " << recorded.size;
+            reason << "The content has " << *facts.readSize << " bytes instead of " << recorded.size;
             m_report.EntryFailed(shown, reason);
         }
     } catch (const Krt::Exception::YError& error) {
@@ -51,8 +52,8 @@ void ImportRun::Import(YMetadataBase& metadata, unsigned long long line)
     m_report.Progress(m_counts.Entries(), m_counts.bytes);
 }
 
-// Gives the entry what its restore will need beside the record.
-RecordedEntry ImportRun::Complete(YMetadataBase& metadata, SnapshotEntry& entry)
+// Finds what the restore will need beside the record.
+RecordedEntry ImportRun::Complete(YMetadataBase& metadata, EntryFacts& facts)
 {
     const RecordedEntry recorded = RecordedEntryOf(metadata);
     // What no restore will make is refused here, where its source is still at hand.
@@ -62,7 +63,7 @@ RecordedEntry ImportRun::Complete(YMetadataBase& metadata, SnapshotEntry& entry)
         const Krt::Util::YUnxHandle file = m_contents.Open(metadata);
         // A reparse point without a size has no content: its record is worth keeping.
         const bool hasNone = recorded.isReparsePoint && recorded.size == 0;
-        KRT_RAISE_UNLESS(ReadContent(file, recorded.size, entry) || hasNone, ErrorCode::NotFound,
+        KRT_RAISE_UNLESS(ReadContent(file, recorded.size, facts) || hasNone, ErrorCode::NotFound,
                          "Not stored: the contents have no file for it (links are not followed)");
         break;
     }
@@ -82,7 +83,7 @@ RecordedEntry ImportRun::Complete(YMetadataBase& metadata, SnapshotEntry& entry)
 
 // False for what is no regular file.
 bool ImportRun::ReadContent(const Krt::Util::YUnxHandle& file, unsigned long long recordedSize,
-                            SnapshotEntry& entry)
+                            EntryFacts& facts)
 {
     if (file.IsEmpty())
         return false;
@@ -101,9 +102,9 @@ bool ImportRun::ReadContent(const Krt::Util::YUnxHandle& file, unsigned long lon
         m_report.Progress(m_counts.Entries(), m_counts.bytes + total);
         KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted");
     } while (count == BufferSize && total <= size);
-    entry.content = m_objects.Finish();
+    facts.content = m_objects.Finish();
     if (total != recordedSize)
-        entry.readSize = total;
+        facts.readSize = total;
     m_counts.bytes += total;
     return true;
 }

@@ -26,15 +26,15 @@ public:
     const EntryCounts& GetCounts() const { return m_counts; }
 
 private:
-    RecordedEntry Complete(Backup::File::YMetadataBase& metadata, SnapshotEntry& entry);
-    bool ReadContent(const Krt::Util::YUnxHandle& file, unsigned long long recordedSize,
-                     SnapshotEntry& entry);
+    RecordedEntry Complete(Backup::File::YMetadataBase& metadata, EntryFacts& facts);
+    bool ReadContent(const Krt::Util::YUnxHandle& file, unsigned long long recordedSize, EntryFacts& facts);
 
     SnapshotWriter& m_snapshot;
     ContentFolder m_contents;
     Report& m_report;
     ObjectWriter m_objects;
     std::vector<unsigned char> m_buffer;
+    std::string m_record; // kept for its memory
     EntryCounts m_counts;
 };
 

@@ -1,6 +1,7 @@
 #include "agent/Store/Snapshot.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/JSON/YTextWriter.h"
 #include "Krt/JSON/YValue.h"
 
 #include <boost/make_shared.hpp>
@@ -68,25 +69,39 @@ void WriteLine(const SnapshotHeader& header, std::string& line)
     Append(std::move(object), line);
 }
 
-void WriteLine(const SnapshotEntry& entry, std::string& line)
+void WriteLine(std::string_view record, const EntryFacts& facts, std::string& line)
 {
-    YObject object;
-    object.Set<YObject>("record", entry.record);
-    if (entry.content)
-        object.Set<YString>("content", YString(entry.content->ToHex()));
-    if (entry.hardLinkGroup != 0)
-        PutNumber(object, "hard_link", entry.hardLinkGroup);
-    if (entry.device) {
-        YObject device;
-        PutNumber(device, "major", entry.device->major);
-        PutNumber(device, "minor", entry.device->minor);
-        object.Set<YObject>("device", std::move(device));
+    {
+        Krt::JSON::YTextWriter writer(line);
+        const auto number = [&writer](std::string_view key, unsigned long long value) {
+            writer.Key(key);
+            writer.Number(value);
+        };
+        const auto text = [&writer](std::string_view key, std::string_view value) {
+            writer.Key(key);
+            writer.String(value);
+        };
+        writer.BeginObject();
+        writer.Key("record");
+        writer.Text(record);
+        if (facts.content)
+            text("content", facts.content->ToHex());
+        if (facts.hardLinkGroup != 0)
+            number("hard_link", facts.hardLinkGroup);
+        if (facts.device) {
+            writer.Key("device");
+            writer.BeginObject();
+            number("major", facts.device->major);
+            number("minor", facts.device->minor);
+            writer.EndObject();
+        }
+        if (facts.linkTarget)
+            text("link_target", facts.linkTarget->Bytes());
+        if (facts.readSize)
+            number("read_size", *facts.readSize);
+        writer.EndObject();
     }
-    if (entry.linkTarget)
-        object.Set<YString>("link_target", *entry.linkTarget);
-    if (entry.readSize)
-        PutNumber(object, "read_size", *entry.readSize);
-    Append(std::move(object), line);
+    line += '\n';
 }
 
 void WriteLine(const SnapshotTrailer& trailer, std::string& line)

@@ -27,14 +27,19 @@ struct DeviceNumbers
     friend bool operator==(const DeviceNumbers&, const DeviceNumbers&) = default;
 };
 
-struct SnapshotEntry
+/// What a snapshot tells of an entry beside its record.
+struct EntryFacts
 {
-    Krt::JSON::YObject record;                  ///< as ToJSON gives it
     std::optional<Address> content;             ///< of a regular file; each name of a hard-linked one has it
     unsigned long long hardLinkGroup = 0;       ///< the same for all names of one file; 0 for none
     std::optional<DeviceNumbers> device;        ///< of a device
     std::optional<Krt::YString> linkTarget;     ///< where the raw target differs from the record's
     std::optional<unsigned long long> readSize; ///< of the content, where it differs from the record's size
+};
+
+struct SnapshotEntry : EntryFacts
+{
+    Krt::JSON::YObject record; ///< as ToJSON gave it
 };
 
 struct SnapshotTrailer
@@ -48,9 +53,9 @@ struct SnapshotTrailer
 /// Longest line, in bytes. A writer makes none that is longer, and a reader refuses it.
 constexpr std::size_t SnapshotLineLimit = 16 << 20;
 
-/// Append the line, with its end, to `line`.
+/// Append the line, with its end, to `line`. `record` is the text that StringifyTo gives.
 void WriteLine(const SnapshotHeader& header, std::string& line);
-void WriteLine(const SnapshotEntry& entry, std::string& line);
+void WriteLine(std::string_view record, const EntryFacts& facts, std::string& line);
 void WriteLine(const SnapshotTrailer& trailer, std::string& line);
 
 /// Read a line without its end. Raise a YError on what is none of the kind.

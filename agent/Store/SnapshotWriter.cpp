@@ -49,10 +49,10 @@ SnapshotWriter::~SnapshotWriter()
         m_session.Remove(m_file);
 }
 
-void SnapshotWriter::Add(const SnapshotEntry& entry)
+void SnapshotWriter::Add(std::string_view record, const EntryFacts& facts)
 {
     m_line.clear();
-    WriteLine(entry, m_line);
+    WriteLine(record, facts, m_line);
     KRT_RAISE_UNLESS(m_line.size() <= SnapshotLineLimit, Krt::ErrorCode::InvalidArgument,
                      "The record takes " << m_line.size() << " bytes; a snapshot takes " << SnapshotLineLimit
                                          << " at most");

@@ -15,9 +15,9 @@ public:
     SnapshotWriter(StoreSession& session, const SnapshotHeader& header);
     ~SnapshotWriter();
 
-    /// Raises InvalidArgument, with nothing written, if the entry is larger than a reader takes; a
-    /// StoreError, as Finish does, if the store can't be written.
-    void Add(const SnapshotEntry& entry);
+    /// `record` is the text that StringifyTo gives. Raises InvalidArgument, with nothing written, if the
+    /// entry is larger than a reader takes; a StoreError, as Finish does, if the store can't be written.
+    void Add(std::string_view record, const EntryFacts& facts);
     /// Ends the snapshot with its counts, puts it and all objects of the session on disk, and gives it its
     /// name: the id. The last call.
     std::string Finish(unsigned long long bytes, unsigned long long failed);

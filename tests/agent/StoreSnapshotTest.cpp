@@ -48,7 +48,7 @@ protected:
         StoreSession session(store);
         SnapshotWriter writer(session, Header());
         for (const SnapshotEntry& entry : Entries())
-            writer.Add(entry);
+            writer.Add(Testing::TextOf(entry.record), entry);
         return writer.Finish(4, 1);
     }
 
@@ -91,7 +91,7 @@ TEST_F(StoreSnapshot, StoredFormIsFixed)
     WriteLine(reader.GetHeader(), again);
     SnapshotEntry entry;
     while (reader.Next(entry))
-        WriteLine(entry, again);
+        WriteLine(Testing::TextOf(entry.record), entry, again);
     EXPECT_FALSE(reader.Next(entry));
     WriteLine(trailer, again);
     EXPECT_EQ(again, Golden());
@@ -188,9 +188,7 @@ TEST_F(StoreSnapshot, LinesOfEveryLengthPassBetweenBlocks)
     StoreSession session(store);
     SnapshotWriter writer(session, Header());
     const auto add = [&](std::size_t length) {
-        SnapshotEntry entry;
-        entry.record.Set<YString>("text", YString(std::string(length, 'x').c_str()));
-        writer.Add(entry);
+        writer.Add("{\"text\":\"" + std::string(length, 'x') + "\"}", Agent::EntryFacts());
     };
     for (std::size_t length = 0; length < 300'000; length = length * 2 + 4093)
         add(length);

@@ -27,6 +27,12 @@ public:
     }
     void Number(unsigned long long number);
     void String(std::string_view text);
+    /// A value that is compact text already.
+    void Text(std::string_view json)
+    {
+        Separate();
+        m_out.Append(json);
+    }
 
 private:
     void Separate()
