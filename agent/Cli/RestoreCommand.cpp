@@ -10,6 +10,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
+
 namespace Agent {
 
 namespace {
@@ -58,8 +60,10 @@ void RestoreCommand::Run(Report& report)
     Krt::File::YDirectory target = OpenTarget(m_target, store.GetDirectory(), report);
     Krt::Environment::SetFileCreationMask(077);
     std::vector<Krt::File::YPath> paths;
-    for (const std::string& path : PathsOf(m_paths))
-        paths.push_back(Krt::File::YPath(path.c_str()).AddLeadingSep());
+    for (const std::string& path : PathsOf(m_paths)) {
+        const std::string normal = std::filesystem::path(path).lexically_normal().string();
+        paths.push_back(Krt::File::YPath(normal.c_str()).AddLeadingSep());
+    }
 
     RestoreRun run(store, std::move(target), std::move(paths), report);
     for (SnapshotEntry entry; snapshot.Next(entry);) {

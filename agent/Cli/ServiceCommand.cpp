@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 
 #include <filesystem>
+#include <optional>
 
 namespace Agent {
 
@@ -134,8 +135,9 @@ void ServiceCommand::Run(Report& report)
         if (!command->parsed())
             continue;
         // Whoever waits for a service may give up; the writing of its file is brought to an end.
+        std::optional<EndingOnInterrupts> ending;
         if (action != &ServiceCommand::Install)
-            EndOnInterrupts();
+            ending.emplace();
         (this->*action)(*manager, report);
         return;
     }

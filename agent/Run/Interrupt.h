@@ -5,8 +5,16 @@ namespace Agent {
 
 /// Called once, by the program.
 void CatchInterrupts();
-/// From now on these signals end the process at once: for a command that leaves nothing to be cleaned up.
-void EndOnInterrupts();
+/// While one lives, these signals end the process at once: for what may wait for long, and leaves nothing to
+/// be cleaned up.
+class EndingOnInterrupts
+{
+public:
+    EndingOnInterrupts();
+    ~EndingOnInterrupts();
+    EndingOnInterrupts(const EndingOnInterrupts&) = delete;
+    EndingOnInterrupts& operator=(const EndingOnInterrupts&) = delete;
+};
 /// Whether the user asked the program to end. A command then cleans up and raises.
 bool IsInterrupted();
 

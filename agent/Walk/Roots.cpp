@@ -1,6 +1,7 @@
 #include "agent/Walk/Roots.h"
 
 #include "agent/Run/FileGuard.h"
+#include "agent/Run/Interrupt.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/JSON/YValue.h"
@@ -53,11 +54,14 @@ void Select(Backup::File::YSelectionManager& rules, const YPath& root)
 void LoadRules(Backup::File::YSelectionManager& rules, const std::string& jobFile)
 {
     RequireOwnFile("The job file", jobFile);
-    std::ifstream file(jobFile, std::ios::binary);
     std::ostringstream text;
-    text << file.rdbuf();
-    if (!file.is_open() || text.bad())
-        KRT_RAISE_OS("Can't read the job file " << jobFile.c_str());
+    {
+        const EndingOnInterrupts ending; // a named pipe may never have a writer
+        std::ifstream file(jobFile, std::ios::binary);
+        text << file.rdbuf();
+        if (!file.is_open() || text.bad())
+            KRT_RAISE_OS("Can't read the job file " << jobFile.c_str());
+    }
     try {
         // The text of a large job is given up before its rules are made.
         const auto job = Krt::JSON::YValue::Parse(std::move(text).str());

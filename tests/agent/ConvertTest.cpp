@@ -1,13 +1,20 @@
 // Records of any form in, modern records out: what is damaged loses itself alone and is told with its line.
+#include "agent/Convert/InputFile.h"
 #include "agent/Convert/PathMapping.h"
 #include "agent/Convert/RecordReader.h"
+#include "agent/Run/Interrupt.h"
 
 #include "testing/Program.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <csignal>
+#include <thread>
 #include <tuple>
 
 using namespace Agent;
@@ -291,6 +298,23 @@ TEST_F(Convert, RenameMovesWhatLiesBelow)
     EXPECT_EQ(Run(ods, {"rename", "--from", jobPath, "--to", "/srv"}).exitCode, 3);
     EXPECT_EQ(Run("", {"rename", "--from", "/", "--to", "/srv"}).exitCode, 2);
     EXPECT_EQ(Run("", {"rename", "--from", "/a", "--to", "{\"components\":1}"}).exitCode, 2);
+}
+
+TEST(InputFile, AnInterruptEndsTheWaitForAWriter)
+{
+    const Testing::TemporaryDirectory directory;
+    const std::string pipe = directory / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const auto wait = [&pipe] {
+        CatchInterrupts();
+        std::thread([] {
+            for (int tries = 0; tries < 2000; ++tries, usleep(1000))
+                kill(getpid(), SIGTERM);
+            _exit(1);
+        }).detach();
+        InputFile{pipe};
+    };
+    EXPECT_EXIT(wait(), testing::KilledBySignal(SIGTERM), "");
 }
 
 } // namespace

@@ -117,7 +117,7 @@ TEST_F(RestoreProgram, ADamagedSnapshotIsRefusedBeforeAnything)
 TEST_F(RestoreProgram, RestoresOnlyWhatIsNamed)
 {
     MakeSnapshot({Directory({"a"}), FileWith({"a", "1"}, "1"), FileWith({"ab"}, "2"), FileWith({"b"}, "3")});
-    Restore(0, {}, {"/a"});
+    Restore(0, {}, {".//a/."});
     EXPECT_TRUE(fs::exists(target + "/a/1"));
     EXPECT_FALSE(fs::exists(target + "/ab"));
     EXPECT_TRUE(Holds(Restore(3, {}, {"/b", "/missing"}).errors, "/missing"));

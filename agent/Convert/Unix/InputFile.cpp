@@ -33,6 +33,7 @@ InputFile::InputFile(const std::string& path) : m_name(path.empty() || path == "
 {
     if (path.empty() || path == "-")
         return;
+    const EndingOnInterrupts ending; // a named pipe may never have a writer
     const int descriptor = Krt::Util::MoveAboveStandardStreams(
         RetryOnInterrupt([&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
     if (descriptor < 0)

@@ -15,19 +15,24 @@ void OnSignal(int signal)
     s_interrupted = signal;
 }
 
+// Whoever started the program with a signal ignored, as nohup does, wants it ignored.
+void ReplaceHandler(void (*from)(int), void (*to)(int))
+{
+    struct sigaction action = {};
+    action.sa_handler = to;
+    action.sa_flags = SA_RESTART;
+    for (const int signal : Signals) {
+        struct sigaction current;
+        if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == from)
+            sigaction(signal, &action, nullptr);
+    }
+}
+
 } // namespace
 
 void CatchInterrupts()
 {
-    struct sigaction action = {};
-    action.sa_handler = OnSignal;
-    action.sa_flags = SA_RESTART;
-    for (const int signal : Signals) {
-        struct sigaction current;
-        // Whoever started the program with a signal ignored, as nohup does, wants it ignored.
-        if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler != SIG_IGN)
-            sigaction(signal, &action, nullptr);
-    }
+    ReplaceHandler(SIG_DFL, OnSignal);
     // A closed pipe and a limit on the size of files are told by the write that fails.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
@@ -35,15 +40,16 @@ void CatchInterrupts()
     std::signal(SIGCHLD, SIG_DFL);
 }
 
-void EndOnInterrupts()
+EndingOnInterrupts::EndingOnInterrupts()
 {
-    for (const int signal : Signals) {
-        struct sigaction current;
-        if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == OnSignal)
-            std::signal(signal, SIG_DFL);
-    }
+    ReplaceHandler(OnSignal, SIG_DFL);
     if (IsInterrupted())
         std::raise(s_interrupted);
+}
+
+EndingOnInterrupts::~EndingOnInterrupts()
+{
+    ReplaceHandler(SIG_DFL, OnSignal);
 }
 
 bool IsInterrupted()

@@ -58,6 +58,10 @@ TEST_F(YProfileTest, DamagedOrUnreadableNamesTheFile)
     m_directory.MakeDirectory("kbagent.conf");
     EXPECT_RAISES_OS(Profile::OpenSystem(), MessageType::General, EISDIR, "OpenSystem",
                      "Failed to read configuration " + m_path);
+    rmdir(m_path.c_str());
+    mkfifo(m_path.c_str(), 0600);
+    EXPECT_RAISES_ON(Profile::OpenSystem(), MessageType::General, ErrorCode::InvalidArgument, "OpenSystem",
+                     "The configuration " + m_path + " is a pipe");
 }
 
 TEST_F(YProfileTest, UnchangedFileIsSharedAndAChangeIsSeen)

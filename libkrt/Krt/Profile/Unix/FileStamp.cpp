@@ -32,14 +32,6 @@ std::optional<FileStamp> FileStamp::Of(const char* path)
     return FileStamp(status);
 }
 
-std::optional<FileStamp> FileStamp::Of(int descriptor)
-{
-    struct stat status;
-    if (Util::RetryOnInterrupt([&] { return fstat(descriptor, &status); }) != 0)
-        return std::nullopt;
-    return FileStamp(status);
-}
-
 bool FileStamp::IsSettled() const
 {
     using namespace std::chrono;

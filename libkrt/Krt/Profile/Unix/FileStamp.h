@@ -13,9 +13,9 @@ class FileStamp
 {
 public:
     FileStamp() = default;
+    explicit FileStamp(const struct stat& status);
     /// Nothing on failure, with errno set. A symbolic link is followed.
     static std::optional<FileStamp> Of(const char* path);
-    static std::optional<FileStamp> Of(int descriptor);
 
     /// Whether the times lie at least two seconds back. A younger file could change again within the grain of
     /// its file system's clock, and keep its stamp.
@@ -23,8 +23,6 @@ public:
     friend bool operator==(const FileStamp&, const FileStamp&) = default;
 
 private:
-    explicit FileStamp(const struct stat& status);
-
     dev_t m_device = 0;
     ino_t m_inode = 0;
     off_t m_size = 0;

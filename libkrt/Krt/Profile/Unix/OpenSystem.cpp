@@ -11,6 +11,7 @@
 #include <boost/property_tree/ini_parser.hpp>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -96,21 +97,26 @@ const boost::shared_ptr<YProfile>& EmptyProfile()
 // The file's state is taken before its text, so that a change in between shows at the next opening.
 boost::shared_ptr<YProfile> Load(Cache& cache, const std::string& path)
 {
-    const Util::YUnxHandle file = Util::OpenHandle(path.c_str(), O_RDONLY | O_NOCTTY);
+    const Util::YUnxHandle file = Util::OpenHandle(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK);
     if (file.IsEmpty()) {
         if (errno == ENOENT)
             return EmptyProfile();
         RaiseUnreadable(path);
     }
-    const std::optional<FileStamp> stamp = FileStamp::Of(file.Get());
-    if (!stamp)
+    struct stat status;
+    if (Util::RetryOnInterrupt([&] { return fstat(file.Get(), &status); }) != 0)
         RaiseUnreadable(path);
-    const bool isSettled = stamp->IsSettled();
+    // It is read again and again, and would have to wait for a writer each time.
+    if (S_ISFIFO(status.st_mode))
+        KRT_RAISE_AS("OpenSystem", MessageType::General, ErrorCode::InvalidArgument,
+                     "The configuration " << path.c_str() << " is a pipe");
+    const FileStamp stamp(status);
+    const bool isSettled = stamp.IsSettled();
     const auto profile = boost::make_shared<YProfile>(Parse(ReadAll(file, path), path));
     cache.profile.reset();
     if (isSettled) {
         cache.path = path;
-        cache.stamp = *stamp;
+        cache.stamp = stamp;
         cache.profile = profile;
     }
     return profile;
