@@ -43,7 +43,7 @@ struct CertificateSummary
     Krt::YString subject;               ///< whose key it certifies
     Krt::YString issuer;                ///< who says so
     std::optional<long long> notBefore; ///< the first second of its life
-    std::optional<long long> notAfter;  ///< the last one
+    std::optional<long long> notAfter;  ///< the last one, in which OpenSSL takes it for expired already
     Krt::YString keyHash;               ///< what pins its key: see TrustOptions::pinnedKey
 };
 
