@@ -31,6 +31,7 @@ constexpr const char* Revoked = "certificate revoked";
 constexpr const char* NoList = "unable to get certificate CRL";
 constexpr long long Now = JudgementTime;
 const Extensions OnlyAuthorities = {{"issuingDistributionPoint", "critical,onlyCA:TRUE"}};
+const Extensions OnlyServers = {{"issuingDistributionPoint", "critical,onlyuser:TRUE"}};
 
 struct Case
 {
@@ -246,6 +247,7 @@ TEST(CertificateTrust, RevocationLists)
         {"list of the issuer missing", Lists({{Root}}), NoList},
         {"list of the issuer's authorities", Lists({{Middle, {}, Now + 1, OnlyAuthorities}}),
          "different CRL scope"},
+        {"list of the issuer's servers", Lists({{Middle, {Server}, Now + 1, OnlyServers}}), Revoked},
         {"list signed by another of that name",
          inOneText([](Scene& s) { return s.root->Issue(s.middleForm).RevocationList({}); }), NoList},
     });
@@ -351,6 +353,7 @@ TEST(CertificateTrust, UnusableArgumentsRaise)
              {{{"2.5.29.27", "critical,ASN1:INTEGER:1"}}, {}}, // of a delta
              {{{"issuingDistributionPoint", "critical,indirectCRL:TRUE"}}, {}},
              {{{"issuingDistributionPoint", "critical,onlysomereasons:keyCompromise"}}, {}},
+             {{{"issuingDistributionPoint", "critical,onlyuser:TRUE,onlyCA:TRUE"}}, {}},
              {{{"1.2.3.4", "critical,ASN1:NULL"}}, {}},
              {{}, {{"1.2.3.4", "critical,ASN1:NULL"}}}}) {
         SCOPED_TRACE(ofList.empty() ? "entry" : ofList.begin()->second);

@@ -106,7 +106,9 @@ TEST(YSelectionDescriptor, OrderAndEqualityDiffer)
         for (std::size_t j = 0; j < ascending.size(); ++j)
             EXPECT_EQ(Rule(ascending[i]) < Rule(ascending[j]), i < j) << ascending[i] << ", " << ascending[j];
     }
-    EXPECT_FALSE(Rule("include / exact=a") == Rule("include / exact=a nocase"));
+    for (const char* other : {"exclude / exact=a", "include / recursive exact=a", "silent / exact=a",
+                              "include / exact=a explicit", "include / exact=a nocase", "include / exact=b"})
+        EXPECT_FALSE(Rule("include / exact=a") == Rule(other)) << other;
     // Equal without being one element of a set, and one element without being equal.
     const YSelectionDescriptor any(Krt::Match::AnyDescriptor(), RecursionType::Recursive,
                                    SelectionType::Include, true);
