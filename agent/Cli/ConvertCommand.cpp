@@ -25,8 +25,9 @@ CLI::App* ConvertCommand::Register(CLI::App& program)
         program.add_subcommand("convert", "Write records of any form in the modern form");
     m_records.AddTo(*command);
     command->footer(
-        "FILE holds a record a line, or records written over many lines, or an array of them. Each comes\n"
-        "out as a line. What can't be converted is told with its line, and left out.\n\n" +
+        "FILE contains one record per line, one array of records, or records over several lines each.\n"
+        "Writes one record per line. A damaged line, or a record that cannot be converted, is reported with\n"
+        "its line number and skipped. Damage in the other forms ends the reading at its byte offset.\n\n" +
         std::string(JobPathHelp) + "Example: kbagent convert old-records.json > records.jsonl");
     return command;
 }

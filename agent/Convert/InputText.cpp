@@ -8,22 +8,22 @@ InputText::InputText(const std::string& path) : m_file(path)
 {
     constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF";
     if (Has(ByteOrderMark.size() - 1) && View(ByteOrderMark.size()) == ByteOrderMark)
-        m_front = ByteOrderMark.size();
+        Consume(ByteOrderMark.size());
 }
 
-bool InputText::Grow(std::size_t offset)
+bool InputText::Grow(std::size_t position)
 {
     constexpr std::size_t BlockSize = 256 * 1024;
     m_text.erase(0, m_front);
     m_front = 0;
-    while (!m_ended && m_text.size() <= offset) {
+    while (!m_ended && m_text.size() <= position) {
         const std::size_t before = m_text.size();
         m_text.resize(before + BlockSize);
         const std::size_t count = m_file.Read(m_text.data() + before, BlockSize);
         m_text.resize(before + count);
         m_ended = count == 0;
     }
-    return offset < m_text.size();
+    return position < m_text.size();
 }
 
 std::size_t InputText::LineSize(std::size_t limit)
@@ -40,24 +40,26 @@ std::size_t InputText::LineSize(std::size_t limit)
 void InputText::Consume(std::size_t count)
 {
     const std::string_view text = View(count);
-    const std::size_t last = text.rfind('\n');
     m_line += static_cast<unsigned long long>(std::count(text.begin(), text.end(), '\n'));
-    m_column = last == std::string_view::npos ? m_column + count : count - last - 1;
+    m_offset += count;
     m_front += count;
     m_searched -= std::min(count, m_searched);
 }
 
-bool InputText::ConsumeLine()
+void InputText::ConsumeLine()
 {
     while (Has(0)) {
         const std::size_t end = m_text.find('\n', m_front);
-        if (end != std::string::npos) {
-            Consume(end + 1 - m_front);
-            return Has(0);
-        }
+        if (end != std::string::npos)
+            return Consume(end + 1 - m_front);
         Consume(m_text.size() - m_front);
     }
-    return false;
+}
+
+void InputText::SkipBlanks()
+{
+    while (Has(0) && IsBlank(m_text[m_front]))
+        Consume(1);
 }
 
 } // namespace Agent

@@ -1,4 +1,4 @@
-// Records of any form in, modern records out: what is damaged loses itself alone and is told with its line.
+// Reading records of each form, and converting and renaming them.
 #include "agent/Convert/InputFile.h"
 #include "agent/Convert/PathMapping.h"
 #include "agent/Convert/RecordReader.h"
@@ -88,79 +88,57 @@ TEST(RecordReader, FormsOfText)
         {"byte order mark", "\xEF\xBB\xBF{\"a\":1}", "1 {\"a\":1}"},
         {"documents", "\n{\n  \"a\": [\n    {},\n    1\n  ]\n}\n{\n\"b\":\n{}\n}\n{\"c\":3}\n",
          "2 {\"a\":[{},1]} | 8 {\"b\":{}} | 12 {\"c\":3}"},
-        {"inner objects not indented", "{\"a\":[\n{\"b\":1},\n{}\n]}\n{}", "1 {\"a\":[{\"b\":1},{}]} | 5 {}"},
+        {"documents in one line", "{\"a\":1}{\"a\":\"}\\\"{\"} \n{\n} {}",
+         "1 {\"a\":1} | 1 {\"a\":\"}\\\"{\"} | 2 {} | 3 {}"},
         {"array in a line", "[{\"a\":1},{\"a\":\"[,]}\"}]", "1 {\"a\":1} | 1 {\"a\":\"[,]}\"}"},
-        {"array over lines", "[\n  {\n    \"a\": [\n      {}\n    ]\n  },\n  {}\n]\n{}",
-         "2 {\"a\":[{}]} | 7 {} | 9 {}"},
-        {"empty array, then another", "[ ]\n[\n{}]", "3 {}"},
-        {"several in a line", "{\"a\":1}{\"a\":2} \n{\n} {}", "1 {\"a\":1} | 1 {\"a\":2} | 2 {} | 3 {}"},
+        {"array over lines", "[\n  {\n    \"a\": [\n      {}\n    ]\n  },\n  {}\n]\n",
+         "2 {\"a\":[{}]} | 7 {}"},
+        {"empty array", " [ ]", ""},
     });
 }
 
-TEST(RecordReader, DamageLosesItselfAlone)
+TEST(RecordReader, DamagedLineIsSkipped)
 {
     const std::string syntax = "Invalid JSON text: syntax error at offset ";
     const std::string cut = "Invalid JSON text: incomplete JSON at offset ";
-    const std::string noEnd = "This record is damaged or has no end";
-    const std::string damaged = "This record is damaged, in line ";
-    const std::string more = "There is more behind the end of this record, in line ";
-    const std::string within = "The input ends within ", noObject = "This is no JSON object";
-    const std::string first = R"({"metadata_type":1})"; // is known as a record anywhere
+    const std::string notAnObject = "This is not a JSON object", text(RecordReader::RecordLimit, 'x');
+    const std::string longest = "{\"a\":\"" + text.substr(8) + "\"}";
     Check({
         {"words", "{}\ngarbage\n{}", "1 {} | 2: " + syntax + "0 | 3 {}"},
-        {"other values", "[1]\n\"{\"\n{}", "1: " + noObject + " | 2: " + noObject + " | 3 {}"},
-        {"cut off at the end of a text", "{\"a\":\"b\n{}", "1: " + cut + "7 | 2 {}"},
-        {"cut off behind a value", "{\"a\":1\n{}\n{}", "1: " + noEnd + " | 2 {} | 3 {}"},
-        {"cut off where an object may begin", "{\"a\":[\n{\"b\":1}\n{}\n{}",
-         "1: " + noEnd + " | 2 {\"b\":1} | 3 {} | 4 {}"},
-        {"cut off in front of a damaged one", "{\"a\":\n1,\n{}",
-         "1: " + noEnd + "; left out up to line 2 | 3 {}"},
-        {"its front is missing", "[{}]},\"b\":1}\n{}", "1 {} | 1: " + syntax + "0 | 2 {}"},
-        {"more in the line", "{} x\n{}", "1: " + more + "1 | 2 {}"},
-        {"begins behind something else", "x " + first + "\n{}",
-         "1: " + syntax + "0 | 1 " + first + " | 2 {}"},
-        {"no number of ours", "{\n\"a\": -1\n}\n{}",
-         "1: Invalid JSON text: negative number at offset 7 | 4 {}"},
+        {"other values", "null\n[1]\n\"{\"\n{}",
+         "1: Invalid JSON text: null that is no member of an object at offset 0 | 2: " + notAnObject +
+             " | 3: " + notAnObject + " | 4 {}"},
+        {"cut off in the first line", "{\"a\":\"b\n{}", "1: " + cut + "7 | 2 {}"},
+        {"brackets that don't match", "{\"a\":[1}\n{}", "1: " + syntax + "7 | 2 {}"},
+        {"more in the line", "{}\n{} x\n{}", "1 {} | 2: Invalid JSON text: extra data at offset 3 | 3 {}"},
+        {"number out of range", "{\"a\":-1}\n{}", "1: Invalid JSON text: negative number at offset 5 | 2 {}"},
         {"NUL", "{\"a\":\"\0\"}\n\0\n{}"s, "1: " + syntax + "6 | 2: " + syntax + "0 | 3 {}"},
-        {"document that breaks", "{\n  \"a\n  {\n}\n{}", "1: " + damaged + "2; left out up to line 4 | 5 {}"},
-        {"document without an end", "{\n  \"a\": 1,\n{\n  \"b\": 1\n}",
-         "1: " + noEnd + "; left out up to line 2 | 3 {\"b\":1}"},
-        {"document with more behind it", "{\n} x\n{}", "1: " + more + "2 | 3 {}"},
-        {"input that ends in a line", "{}\n{\"a\":", "1 {} | 2: " + cut + "5"},
-        {"input that ends in a document", "{\n  \"a\": 1,\n", "1: " + within + "this record, in line 2"},
-        {"input that ends in an array", "[{},\n", "1 {} | 2: " + within + "an array"},
-        {"input that ends in an element", "[\n  {},\n  {\n",
-         "2 {} | 3: " + within + "this record, in line 3"},
-        {"element that breaks", "[\n  {\"a\":\"\n    {\n  },\n  {},\n  {]\n]",
-         "2: " + damaged + "2; left out up to line 4 | 5 {} | 6: " + damaged + "6; left out up to line 6"},
-        {"element whose front is missing", "[\n\"a\":[{}]},\n{\"b\":1},\n{\"b\":2}]\n{}",
-         "2: " + noObject + " | 2: " + syntax + "0 | 3 {\"b\":1} | 4 {\"b\":2} | 5 {}"},
-        {"element that breaks in a line with others", "[{\"a\":]}," + first + ",{}]\n{}",
-         "1: " + damaged + "1 | 1 " + first + " | 1 {} | 2 {}"},
-        {"element without an end in a line with others", "[{\"a\":\"b}," + first + ",{}]\n{}",
-         "1: " + noEnd + " | 1 " + first + " | 1 {} | 2 {}"},
-        {"array whose begin is missing in a line of records", "{]}," + first + "," + first + "]\n{}",
-         "1: " + syntax + "1 | 1 " + first + " | 1 " + first + " | 2 {}"},
-        {"elements that are none", "[{}, null, [1]]\n{}",
-         "1 {} | 1: " + noObject + " | 1: " + noObject + " | 2 {}"},
-        {"commas", "[{},,\n{}{},]",
-         "1 {} | 1: A comma without a record in front of it | 2 {} | "
-         "2: There is no comma in front of this record | 2 {} | 2: A comma without a record behind it"},
+        {"cut off by the end of the input", "{}\n{\"a\":", "1 {} | 2: " + cut + "5"},
+        {"longest record", longest + "\n{}", "1 " + longest + " | 2 {}"},
+        {"longer", "{\"a\":\"" + text + "\"}\n{}", "1: This record is longer than 16777216 bytes | 2 {}"},
     });
 }
 
-TEST(RecordReader, WhatIsTooLongIsSkipped)
+TEST(RecordReader, DamageEndsArrayAndDocuments)
 {
+    const auto end = [](int offset) {
+        return "; reading ends here, at byte " + std::to_string(offset);
+    };
     const std::string text(RecordReader::RecordLimit, 'x');
-    const std::string reason = "1: This record is longer than 16777216 bytes | ";
-    const std::string longest = "{\"a\":\"" + text.substr(8) + "\"}";
     Check({
-        {"no longer than it may be", longest + "\n{}", "1 " + longest + " | 2 {}"},
-        {"a line", "{\"a\":\"" + text + "\"}\n{}", reason + "2 {}"},
-        {"a line without brackets", text + "x\n{}", reason + "2 {}"},
-        {"a line that is cut off", "{\"a\":[\"" + text + "\",\n{}", reason + "2 {}"},
-        {"a document", "{\n\"a\":\"" + text + "\"\n}\n{}", reason + "4 {}"},
-        {"an element", "[{},{\"a\":\"" + text + text + "\"},{}]", "1 {} | " + reason + "1 {}"},
+        {"document that can't be parsed", "{\n}\n{\"a\n\":1}\n{}",
+         "1 {} | 3: Invalid JSON text: syntax error at offset 3" + end(4)},
+        {"document cut off", "{\n}\n{\"a\":\n", "1 {} | 3: The input ends within this record" + end(4)},
+        {"document with more after it", "{\n} x\n{}", "1 {} | 2: This is not a JSON object" + end(4)},
+        {"document too long", "{\n\"a\":\"" + text + "\"\n}\n{}",
+         "1: This record is longer than 16777216 bytes" + end(0)},
+        {"element that is not an object", "[{}, 1, {}]", "1 {} | 1: This is not a JSON object" + end(5)},
+        {"element cut off", "[{},\n{", "1 {} | 2: The input ends within this record" + end(5)},
+        {"array cut off", "[{},\n", "1 {} | 2: The input ends within an array" + end(5)},
+        {"array cut off after an element", "[{}", "1 {} | 1: The input ends within an array" + end(3)},
+        {"comma missing", "[{}{}]", "1 {} | 1: There is no comma before this record" + end(3)},
+        {"comma before the end", "[{},]", "1 {} | 1: This is not a JSON object" + end(4)},
+        {"more after the array", "[{}]\n{}", "1 {} | 2: There is more after the end of the array" + end(5)},
     });
 }
 
@@ -224,7 +202,7 @@ TEST_F(Convert, FailuresAreToldAndTheRestGoesOn)
 {
     const std::string good = Golden("metadata-unix-file");
     const auto result = Run("{\"metadata_type\":\"vms\"}\n" + good + "\n{}\n" +
-                            R"({"metadata_type":"unix","legacy_metadata":"AAAA"})" + "\n{\n" + good +
+                            R"({"metadata_type":"unix","legacy_metadata":"AAAA"})" + "\n{\n" + good + "\n" +
                             UnixRecord(R"({"class_id":4294967296,"subclass_id":0,"name":"a"})"));
     EXPECT_EQ(result.output, good + "\n" + good + "\n");
     EXPECT_EQ(result.exitCode, 3);
@@ -232,8 +210,8 @@ TEST_F(Convert, FailuresAreToldAndTheRestGoesOn)
               "kbagent: line 1: Invalid metadataType: vms\n"
               "kbagent: line 3: JSON object has no key \"metadata_type\"\n"
               "kbagent: line 4: Invalid legacy metadata: Buffer too small to contain a BASE_HDR\n"
-              "kbagent: line 5: This record is damaged or has no end\n"
-              "kbagent: line 6: file_path.components.class_id: bad numeric conversion: positive overflow\n");
+              "kbagent: line 5: Invalid JSON text: incomplete JSON at offset 1\n"
+              "kbagent: line 7: file_path.components.class_id: bad numeric conversion: positive overflow\n");
     const auto missing = RunProgram({"convert", directory / "missing"});
     EXPECT_EQ(missing.exitCode, 1);
     EXPECT_NE(missing.errors.find("missing: No such file"), std::string::npos) << missing.errors;
