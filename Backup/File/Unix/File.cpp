@@ -7,6 +7,7 @@
 #include "Krt/Util/YUnxHandle.h"
 
 #include <fcntl.h>
+#include <optional>
 #include <unistd.h>
 #include <utime.h>
 
@@ -39,12 +40,13 @@ int ErrorOf(int result)
     return result == -1 ? errno : result;
 }
 
-// Repeats the call on EINTR; the error number it failed with, or 0.
+// Repeats the call on EINTR; returns the error number of a call that failed, which may be 0, and nothing
+// after a success.
 template <class Call>
-int Perform(Call call)
+std::optional<int> Perform(Call call)
 {
     const int result = Krt::Util::RetryOnInterrupt(call);
-    return result < 0 ? ErrorOf(result) : 0;
+    return result < 0 ? std::optional(ErrorOf(result)) : std::nullopt;
 }
 
 void SeekTo(int fd, unsigned long long offset, const char* function)
@@ -60,8 +62,8 @@ void SeekTo(int fd, unsigned long long offset, const char* function)
 
 void StatFile(const YPath& path, struct stat* status)
 {
-    if (const int error = Perform([&] { return lstat(Native(path), status); }))
-        KRT_RAISE_OS_ERROR(error, MessageType::FileStat, "Failed to stat file: " << path);
+    if (const auto error = Perform([&] { return lstat(Native(path), status); }))
+        KRT_RAISE_OS_ERROR(*error, MessageType::FileStat, "Failed to stat file: " << path);
 }
 
 unsigned long long GetFileInode(const YPath& path, unsigned long long* allocated)
@@ -122,8 +124,8 @@ YPath NormalizePathCase(const YPath& path)
 
 void CreateHardlink(const YPath& link, const YPath& existing)
 {
-    if (const int error = Perform([&] { return ::link(Native(existing), Native(link)); }))
-        KRT_RAISE_OS_ERROR(error, MessageType::General);
+    if (const auto error = Perform([&] { return ::link(Native(existing), Native(link)); }))
+        KRT_RAISE_OS_ERROR(*error, MessageType::General);
 }
 
 YPath GetSymbolicLinkTarget(const YPath& path)
@@ -141,17 +143,17 @@ void CreateSymbolicLink(const YPath& link, const YPath& target)
 {
     Krt::File::DeleteFile(link);
     Krt::File::CreatePath(link, false);
-    if (const int error = Perform([&] { return symlink(Native(target), Native(link)); }))
-        KRT_RAISE_OS_ERROR(error, MessageType::General,
+    if (const auto error = Perform([&] { return symlink(Native(target), Native(link)); }))
+        KRT_RAISE_OS_ERROR(*error, MessageType::General,
                            "Failed to create symlink from: " << link << " To: " << target);
 }
 
 void CreateDirectory(const YPath& path, unsigned int mode)
 {
     try {
-        if (const int error =
+        if (const auto error =
                 Perform([&] { return mkdir(Native(path), static_cast<mode_t>(mode & LowWord)); }))
-            KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to create directory: " << path);
+            KRT_RAISE_OS_ERROR(*error, MessageType::General, "Failed to create directory: " << path);
     } catch (const YError& error) {
         if (error.GetOsError() != EEXIST)
             throw YError(static_cast<const YErrorBase&>(error));
@@ -166,28 +168,28 @@ void CreateDirectory(const YPath& path)
 void SetFileTime(const YPath& path, unsigned long long access, unsigned long long write)
 {
     const utimbuf times{static_cast<time_t>(access), static_cast<time_t>(write)};
-    if (const int error = Perform([&] { return utime(Native(path), &times); }))
-        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to set file time on file: " << path);
+    if (const auto error = Perform([&] { return utime(Native(path), &times); }))
+        KRT_RAISE_OS_ERROR(*error, MessageType::General, "Failed to set file time on file: " << path);
 }
 
 void SetModeFlags(const YPath& path, unsigned int flags)
 {
     if ((flags & TypeMask) == LinkType)
         return;
-    if (const int error = Perform([&] { return chmod(Native(path), static_cast<mode_t>(flags & LowWord)); }))
-        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to set mode flags on file: " << path);
+    if (const auto error = Perform([&] { return chmod(Native(path), static_cast<mode_t>(flags & LowWord)); }))
+        KRT_RAISE_OS_ERROR(*error, MessageType::General, "Failed to set mode flags on file: " << path);
 }
 
 void SetUID(const YPath& path, unsigned int uid)
 {
-    if (const int error = Perform([&] { return chown(Native(path), uid, static_cast<gid_t>(-1)); }))
-        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to set UID on file: " << path);
+    if (const auto error = Perform([&] { return chown(Native(path), uid, static_cast<gid_t>(-1)); }))
+        KRT_RAISE_OS_ERROR(*error, MessageType::General, "Failed to set UID on file: " << path);
 }
 
 void SetGID(const YPath& path, unsigned int gid)
 {
-    if (const int error = Perform([&] { return chown(Native(path), static_cast<uid_t>(-1), gid); }))
-        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to set GID on file: " << path);
+    if (const auto error = Perform([&] { return chown(Native(path), static_cast<uid_t>(-1), gid); }))
+        KRT_RAISE_OS_ERROR(*error, MessageType::General, "Failed to set GID on file: " << path);
 }
 
 // The two openers return a negative result other than -1 as the descriptor.
@@ -240,8 +242,8 @@ unsigned int Read(int fd, unsigned long long offset, unsigned char* data, unsign
 
 void Close(int fd)
 {
-    if (const int error = Perform([&] { return close(fd); }))
-        KRT_RAISE_OS_ERROR(error, MessageType::FileClose);
+    if (const auto error = Perform([&] { return close(fd); }))
+        KRT_RAISE_OS_ERROR(*error, MessageType::FileClose);
 }
 
 } // namespace Backup::File
