@@ -1,7 +1,7 @@
 #include "Backup/File/YUnixFileMetadata.h"
 
 #include "Backup/File/LegacyVamHeader.h"
-#include "Backup/File/Unix/DescentPolicy.h"
+#include "Backup/File/Unix/File.h"
 #include "Backup/File/Unix/YFile.h"
 
 #include "Krt/Crypto/Base64.h"

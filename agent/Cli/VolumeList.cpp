@@ -4,7 +4,7 @@
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
-#include "Backup/File/Unix/DescentPolicy.h"
+#include "Backup/File/Unix/File.h"
 #include "Backup/Volume/Unix/Util.h"
 
 #include "Krt/Exception/Raise.h"

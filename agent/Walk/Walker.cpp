@@ -3,7 +3,7 @@
 #include "agent/Run/Text.h"
 #include "agent/Walk/NameList.h"
 
-#include "Backup/File/Unix/DescentPolicy.h"
+#include "Backup/File/Unix/File.h"
 
 #include "Krt/Exception/Raise.h"
 

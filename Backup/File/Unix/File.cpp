@@ -1,13 +1,19 @@
 #include "Backup/File/Unix/File.h"
 
+#include "Backup/Volume/Unix/Util.h"
+
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/File.h"
 #include "Krt/Log/LogSite.h"
+#include "Krt/Profile/YProfile.h"
+#include "Krt/Thread/YMutex.h"
 #include "Krt/Util/Retry.h"
 #include "Krt/Util/YUnxHandle.h"
 
+#include <atomic>
 #include <fcntl.h>
 #include <optional>
+#include <set>
 #include <unistd.h>
 #include <utime.h>
 
@@ -56,6 +62,27 @@ void SeekTo(int fd, unsigned long long offset, const char* function)
     if (position == -1 || static_cast<unsigned long long>(position) != offset)
         KRT_RAISE_FULL(Krt::ExceptionType::OsError, function, MessageType::General,
                        static_cast<unsigned int>(error), "Could not seek in file");
+}
+
+// The mount points that the configuration admits. The set is complete before the flag is set and never
+// changes afterwards, so it is read without the lock.
+const std::set<YPath>& GetIncludedMountpoints()
+{
+    static Krt::Thread::YMutex s_mutex;
+    static std::atomic<bool> s_includedMountpointsLoaded{false};
+    static std::set<YPath> s_includedMountpoints;
+
+    if (s_includedMountpointsLoaded.load())
+        return s_includedMountpoints;
+    const Krt::Thread::YMutex::YLock lock = s_mutex.Lock();
+    if (!s_includedMountpointsLoaded.load()) {
+        const YString paths =
+            Krt::Profile::OpenSystem()->Get<YString>("configuration", "IncludedMountpoints", YString());
+        for (const YString& path : paths.SectionVector(',', true, true))
+            s_includedMountpoints.insert(YPath(path));
+        s_includedMountpointsLoaded.exchange(true);
+    }
+    return s_includedMountpoints;
 }
 
 } // namespace
@@ -244,6 +271,31 @@ void Close(int fd)
 {
     if (const auto error = Perform([&] { return close(fd); }))
         KRT_RAISE_OS_ERROR(*error, MessageType::FileClose);
+}
+
+bool IsFollowableDirectoryFromKrtAttributes(const YPath& path, unsigned int attributes)
+{
+    if (attributes == Krt::File::AttributesUnknown || (attributes & Krt::File::AttributeDirectory) == 0)
+        return false;
+    if (!Volume::IsMountPoint(path))
+        return true;
+    try {
+        if (Volume::DetermineDriveType(Volume::GetVolumeUniquePath(path)) == Volume::DRIVE_CLASS_FIXED)
+            return true;
+        return GetIncludedMountpoints().contains(path);
+    } catch (const Krt::Exception::YError& error) {
+        if (Krt::Profile::OpenSystem()->Get<bool>("configuration", "walkIntoUnknownMountPoints", false)) {
+            KRT_LOG_FREE(MessageType::General, "Walking into unknown mountpoint: "
+                                                   << path
+                                                   << " due to [configuration] walkIntoUnknownMountPoints=1");
+            return true;
+        }
+        KRT_RAISE(ErrorCode::InvalidArgument, "Error while determining if "
+                                                  << path << " should be decended "
+                                                  << "into.  Try setting [configuration] "
+                                                     "walkIntoUnknownMountPoints=1  Error was: "
+                                                  << error);
+    }
 }
 
 } // namespace Backup::File

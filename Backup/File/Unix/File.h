@@ -1,11 +1,11 @@
 // The file primitives: one POSIX call each, with the agent's rules. A call that a signal interrupted is
 // repeated without limit, but for those named otherwise; a failure is a YError of the type OsError that
 // carries the number, on the channel General unless told otherwise. No state and no lock: any thread may
-// call.
+// call. With them stands the rule that keeps a walk on the volumes that a backup covers: a mount point below
+// a selected folder is entered only if it is a fixed disk's file system or the configuration lists it.
 #pragma once
 
 #include "Backup/Export.h"
-#include "Backup/File/Unix/DescentPolicy.h"
 
 #include "Krt/File/YPath.h"
 
@@ -61,5 +61,12 @@ BACKUP_API void Write(int fd, unsigned long long offset, const unsigned char* da
 BACKUP_API unsigned int Read(int fd, unsigned long long offset, unsigned char* data, unsigned int count);
 /// Errors stand on the channel FileClose.
 BACKUP_API void Close(int fd);
+
+/// Returns whether a walk may descend into the path. `attributes` is the word of Krt::File::GetAttributes;
+/// what isn't known to be a directory is never followed. An ordinary directory costs two stat calls. Any
+/// thread. Raises what IsMountPoint raises. Where a mount point can't be classified, raises InvalidArgument
+/// with the cause in its text, or answers true if "walkIntoUnknownMountPoints" is configured.
+/// "IncludedMountpoints", the exact mount paths to follow whatever they hold, is read once in a process.
+BACKUP_API bool IsFollowableDirectoryFromKrtAttributes(const YPath& path, unsigned int attributes);
 
 } // namespace Backup::File

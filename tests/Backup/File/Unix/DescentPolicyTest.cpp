@@ -1,4 +1,4 @@
-#include "Backup/File/Unix/DescentPolicy.h"
+#include "Backup/File/Unix/File.h"
 
 #include "Backup/Volume/Unix/Util.h"
 
@@ -7,6 +7,7 @@
 #include "testing/MountTable.h"
 #include "testing/Raises.h"
 
+#include <fstream>
 #include <tuple>
 
 using Backup::File::IsFollowableDirectoryFromKrtAttributes;
@@ -80,6 +81,16 @@ TEST_F(DescentPolicy, AMountPointThatCannotBeClassified)
                                  "[configuration] walkIntoUnknownMountPoints=1  Error was: "))
         << text;
     EXPECT_NE(text.find("Failed to locate volume guid for path /proc"), std::string::npos) << text;
+
+    // Compilers differ in which line of a statement they report.
+    std::ifstream source(SOURCE_DIRECTORY "/" + error->GetFile().Bytes() + ".cpp");
+    std::string statement;
+    std::string line;
+    for (unsigned int i = 1; std::getline(source, line); ++i) {
+        if (i + 5 > error->GetLine() && i < error->GetLine() + 5)
+            statement += line;
+    }
+    EXPECT_NE(statement.find("should be decended"), std::string::npos) << statement;
 
     m_configuration.Set(Listed + "walkIntoUnknownMountPoints=1\n");
     const Testing::LogCapture log({"General"});
