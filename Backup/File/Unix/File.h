@@ -53,7 +53,9 @@ BACKUP_API void SetGID(const YPath& path, unsigned int gid);
 /// The descriptor, above those of the standard streams, which the caller closes. A file is created or
 /// emptied; no link is followed at the end.
 BACKUP_API int OpenForBackupWrite(const YPath& path);
-/// The same of an existing file, which no link at the end may stand for, and whose times stay.
+/// Opens an existing file with O_RDONLY and O_NOFOLLOW alone, so that a later read moves the access time
+/// where the file system keeps one. Returns a descriptor above those of the standard streams; the caller
+/// closes it.
 BACKUP_API int OpenForBackupRead(const YPath& path);
 /// Writes all bytes. A short write goes on only while errno is EINTR, which is not cleared beforehand.
 BACKUP_API void Write(int fd, unsigned long long offset, const unsigned char* data, unsigned int count);
