@@ -182,7 +182,7 @@ std::pair<Node*, std::size_t> YSelectionManager::FindDeepest(std::span<const YSt
 void YSelectionManager::Clear()
 {
     const auto lock = m_lock.WriteLock(YDuration::Zero());
-    m_root = std::make_unique<Node>();
+    m_root->Clear();
 }
 
 void YSelectionManager::RaiseError(const char* function, unsigned int code, const YString& text)

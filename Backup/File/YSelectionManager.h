@@ -65,13 +65,15 @@ public:
              RecursionType recursionType, SelectionType selectionType, bool reportExclude);
     /// Whether a rule at the same path or a wider one above covers this one.
     bool IsDescriptorRedundant(const YSelectionPathDescriptor& rule) const;
-    /// Drops all rules at the path and below; nothing happens where no rule stands.
+    /// Drops all rules at the path and below. Does nothing if the path has no node. The root is cleared, not
+    /// replaced, and this needs no memory.
     void Delete(const Krt::File::YPath& path);
     /// Drops the include that equals the rule, and the branch that this leaves empty. An exclude is looked
     /// for but stays. True if the rule was found, at its path or else at the nearest ancestor with a node.
     bool Delete(const YSelectionPathDescriptor& rule);
     /// The deepest node that the path reaches, and whether it is the path's own. With `throwIfMissing` raises
-    /// NotFound where it is not. The node belongs to the tree and lives until the next change.
+    /// NotFound where it is not. The node belongs to the tree and lives until the next change. The root lives
+    /// as long as the tree, or until a swap or an assignment.
     std::pair<YSelectionManagerNode*, bool> FindNode(const Krt::File::YPath& path, bool throwIfMissing) const;
     std::pair<YSelectionManagerNode*, bool> FindNode(const Components& components, bool throwIfMissing) const;
 
@@ -229,6 +231,9 @@ private:
     NamedChildren ChildrenInOrder() const;
     void EraseChild(YSelectionManagerNode& child);
     bool IsEmpty() const { return m_children == nullptr && m_includes.empty() && m_excludes.empty(); }
+    // For the root: drops its rules and its children. Takes no memory.
+    void Clear() noexcept;
+    void DestroyChildren() noexcept;
     // Whether a recursive explicit include for all names stands here.
     bool SelectsAllExplicitly() const;
     void Insert(Rules::Prepared&& rule) noexcept;

@@ -22,9 +22,24 @@ Node::YSelectionManagerNode(const YString& name, YSelectionManagerNode* parent)
     : m_name(name), m_parent(parent)
 {}
 
-// Nothing deep may be destroyed by recursion, and a destructor can't count on memory: the nodes that still
-// have to go form a list by their pointers to the parent, of which they have no more need.
 Node::~YSelectionManagerNode()
+{
+    DestroyChildren();
+}
+
+void Node::Clear() noexcept
+{
+    m_includes.Clear();
+    m_excludes.Clear();
+    DestroyChildren();
+    m_includesBelow = 0;
+    m_below.reset();
+    m_wasBranchPruned = false;
+}
+
+// A deep subtree can't be destroyed by recursion, and there may be no memory for a stack. The nodes that are
+// still to be destroyed form a list by their pointers to the parent, which they no longer need.
+void Node::DestroyChildren() noexcept
 {
     Node* toDestroy = nullptr;
     const auto takeChildren = [&](Node& node) {

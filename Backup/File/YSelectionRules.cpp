@@ -64,6 +64,12 @@ bool YSelectionRules::Insert(Prepared&& rule) noexcept
     return true;
 }
 
+void YSelectionRules::Clear() noexcept
+{
+    m_index.reset();
+    m_rules.clear();
+}
+
 void YSelectionRules::Erase(const_iterator position)
 {
     if (m_index != nullptr)

@@ -41,6 +41,8 @@ public:
     bool Insert(Prepared&& rule) noexcept;
     /// Takes the memory that this rule needs.
     static Prepared Prepare(const Rule& rule);
+    /// Drops all rules, without need of memory.
+    void Clear() noexcept;
     /// Drops the rule there.
     void Erase(const_iterator position);
     /// Drops the rules that `rule` prunes and `mayGo`, asked in order, lets go; returns how many. All or

@@ -104,6 +104,7 @@ TEST(Allocations, OfAQueryAreThoseOfItsPath)
         EXPECT_LE(ofPath, 2u); // the text, and the components
         EXPECT_EQ(AllocationsOf([&] { tree.GetPathSelectionType(text); }), ofPath);
     }
+    EXPECT_EQ(AllocationsOf([&] { tree.Delete("/"); }), 0u);
 }
 
 TEST(Allocations, AreNotMadeByADisabledLogSite)

@@ -65,8 +65,14 @@ TEST(YSelectionManager, Deletes)
     tree.Delete("/a/b");
     EXPECT_EQ(CountNodes(tree), 2U) << "waypoints stay";
     EXPECT_FALSE(tree == YSelectionManager());
+    const auto* const root = tree.FindNode("/", true).first;
     tree.Delete("/");
     EXPECT_TRUE(tree == YSelectionManager());
+    tree.Add(Rule("include / any"));
+    tree.FromJSON(YSelectionManager().ToJSON("/"));
+    EXPECT_TRUE(tree == YSelectionManager());
+    EXPECT_EQ(tree.FindNode("/", true).first, root) << "the root is cleared, not replaced";
+    EXPECT_FALSE(root->HasAnyIncludesBelow());
 }
 
 TEST(YSelectionManager, FindsTheNearestNode)
