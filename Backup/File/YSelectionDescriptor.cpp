@@ -49,7 +49,9 @@ bool YSelectionDescriptor::CoversAllNames() const
 
 void YSelectionDescriptor::SetExplicitSelection(bool value)
 {
-    const bool allowed = IsRecursive() ? CoversAllNames() : m_descriptor.GetMatchType() == MatchType::Exact;
+    const bool isExactHere =
+        m_recursionType == RecursionType::NonRecursive && m_descriptor.GetMatchType() == MatchType::Exact;
+    const bool allowed = isExactHere || (IsRecursive() && CoversAllNames());
     KRT_RAISE_UNLESS(!value || allowed, ErrorCode::NotImplemented,
                      "Explicit selection flag may only be set to true on nonrecursive exact descriptors, "
                      "recursive glob * descriptors or recursive any descriptors.");
@@ -122,10 +124,13 @@ void YSelectionDescriptor::FromJSON(const YObject& json)
 
 bool YSelectionDescriptor::CanPrune(const YSelectionDescriptor& other) const
 {
-    if (m_selectionType != other.m_selectionType)
+    // The constructor accepts a type above Exclude. Such a rule is never pruned.
+    if (!other.IsInclude() && !other.IsExclude())
         return false;
-    // A rule can't stand in for one that reaches further.
-    if (!IsRecursive() && other.IsRecursive())
+    if ((IsInclude() && other.IsExclude()) || (IsExclude() && other.IsInclude()))
+        return false;
+    // A rule can't replace one that reaches further.
+    if (m_recursionType == RecursionType::NonRecursive && other.IsRecursive())
         return false;
     if (BothAny(m_descriptor, other.m_descriptor) || SamePattern(m_descriptor, other.m_descriptor))
         return true;

@@ -35,7 +35,8 @@ public:
 
     /// The target of FromJSON: no pattern, NonRecursive, Include, reporting, not explicit.
     YSelectionDescriptor() = default;
-    /// Raises InvalidArgument for a type below Include.
+    /// Raises InvalidArgument for a type below Include. A type above Exclude is accepted: a tree stores no
+    /// such rule, but drops what the rule can prune.
     YSelectionDescriptor(const Krt::Match::Descriptor& descriptor, RecursionType recursionType,
                          SelectionType selectionType, bool reportExclude);
 

@@ -68,7 +68,10 @@ bool YSelectionManager::Add(const YSelectionPathDescriptor& rule)
         throw;
     }
     node.Insert(std::move(prepared));
-    KRT_LOG(MessageType::SelectionBuild, (rule.IsInclude() ? "Added include " : "Added exclude ") << rule);
+    if (rule.IsInclude())
+        KRT_LOG(MessageType::SelectionBuild, "Added include " << rule);
+    else if (rule.IsExclude())
+        KRT_LOG(MessageType::SelectionBuild, "Added exclude " << rule);
     return true;
 }
 
@@ -139,13 +142,14 @@ bool YSelectionManager::Delete(const YSelectionPathDescriptor& rule)
 {
     const auto lock = m_lock.WriteLock(YDuration::Zero());
     Node* node = FindNode(rule.GetPath(), false).first;
-    Node::Rules& rules = rule.IsInclude() ? node->m_includes : node->m_excludes;
-    const auto stored = rules.Find(rule);
-    if (stored == rules.end())
-        return false;
-    if (rule.IsInclude()) { // callers rely on it that a single exclude stays
-        rules.Erase(stored);
-        node->RulesChanged(-1);
+    if (const Node::Rules* const rules = node->RulesOfType(rule.GetSelectionType())) {
+        const auto stored = rules->Find(rule);
+        if (stored == rules->end())
+            return false;
+        if (rule.IsInclude()) { // callers rely on it that a single exclude stays
+            node->m_includes.Erase(stored);
+            node->RulesChanged(-1);
+        }
     }
     node->EraseUpwardsWhileEmpty();
     return true;

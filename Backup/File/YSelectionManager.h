@@ -236,6 +236,7 @@ private:
     void DestroyChildren() noexcept;
     // Whether a recursive explicit include for all names stands here.
     bool SelectsAllExplicitly() const;
+    // Drops a rule that is neither an include nor an exclude.
     void Insert(Rules::Prepared&& rule) noexcept;
     // To be told of each change of the rules here: keeps what this node and all above know of them.
     void RulesChanged(long long includesAdded);

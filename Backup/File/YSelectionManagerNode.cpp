@@ -116,6 +116,8 @@ bool Node::operator==(const YSelectionManagerNode& other) const
 void Node::Insert(Rules::Prepared&& rule) noexcept
 {
     const bool isInclude = rule.value().IsInclude();
+    if (!isInclude && !rule.value().IsExclude())
+        return;
     if ((isInclude ? m_includes : m_excludes).Insert(std::move(rule)))
         RulesChanged(isInclude);
 }

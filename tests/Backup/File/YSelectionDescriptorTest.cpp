@@ -61,7 +61,9 @@ TEST(YSelectionDescriptor, ExplicitSelectionIsForThreeShapes)
             << words;
         EXPECT_EQ(rule.GetExplicitSelection(), allowed) << words;
     }
-    EXPECT_EQ(Testing::CatchError([] { Rule("include / any").SetExplicitSelection(true); })->GetCode(),
+    YSelectionDescriptor unnamed(Krt::Match::ExactDescriptor("a", true), static_cast<RecursionType>(2),
+                                 SelectionType::Include, true);
+    EXPECT_EQ(Testing::CatchError([&] { unnamed.SetExplicitSelection(true); })->GetCode(),
               ErrorCode::NotImplemented);
 }
 
@@ -89,6 +91,13 @@ TEST(YSelectionDescriptor, CanPruneWhatChangesNothing)
     };
     for (const auto& [name, rule, other, prunes] : rows)
         EXPECT_EQ(Rule(rule).CanPrune(Rule(other)), prunes) << name;
+
+    // Of a type that the constructor doesn't refuse.
+    const YSelectionDescriptor unnamed(Krt::Match::AnyDescriptor(), RecursionType::Recursive,
+                                       static_cast<SelectionType>(4), true);
+    EXPECT_FALSE(unnamed.CanPrune(unnamed));
+    EXPECT_FALSE(Rule("exclude / recursive any").CanPrune(unnamed));
+    EXPECT_TRUE(unnamed.CanPrune(Rule("exclude / any")));
 }
 
 TEST(YSelectionDescriptor, OrderAndEqualityDiffer)

@@ -75,6 +75,19 @@ TEST(YSelectionManager, Deletes)
     EXPECT_FALSE(root->HasAnyIncludesBelow());
 }
 
+TEST(YSelectionManager, TakesNoRuleOfAnUnknownType)
+{
+    YSelectionManager tree = Tree("include /a any");
+    const Backup::File::YSelectionPathDescriptor rule("/a/b", Krt::Match::AnyDescriptor(),
+                                                      YSelectionDescriptor::Recursive,
+                                                      static_cast<YSelectionManager::SelectionType>(4), true);
+    EXPECT_TRUE(tree.Add(rule));
+    EXPECT_EQ(Words(tree), "include /a any");
+    EXPECT_EQ(CountNodes(tree), 3U);
+    EXPECT_TRUE(tree.Delete(rule)) << "there is no set to find it in";
+    EXPECT_EQ(CountNodes(tree), 2U) << "the empty branch goes";
+}
+
 TEST(YSelectionManager, FindsTheNearestNode)
 {
     const YSelectionManager tree = Tree("include /a/b any; include C:/x any");
