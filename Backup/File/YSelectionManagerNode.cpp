@@ -56,21 +56,24 @@ void Node::DestroyChildren() noexcept
     }
 }
 
+// As YPath::operator+ joins the names one by one, in linear time. Only the name of a node that was made by
+// hand may contain separators.
 YPath Node::GetPath() const
 {
-    if (m_parent == nullptr)
-        return "/";
-    std::vector<const Node*> steps;
-    std::size_t length = 0;
+    std::vector<std::string_view> names;
+    std::size_t length = 1;
     for (const Node* node = this; node->m_parent != nullptr; node = node->m_parent) {
-        steps.push_back(node);
-        length += 1 + node->m_name.Bytes().size();
+        names.push_back(node->m_name.Bytes());
+        length += 1 + names.back().size();
     }
-    std::string text;
+    std::string text = "/";
     text.reserve(length);
-    for (auto step = steps.rbegin(); step != steps.rend(); ++step) {
-        text += '/';
-        text += (*step)->m_name.Bytes();
+    for (auto name = names.rbegin(); name != names.rend(); ++name) {
+        const std::size_t begin = std::min(name->find_first_not_of('/'), name->size());
+        if (!text.ends_with('/'))
+            text += '/';
+        text += name->substr(begin);
+        text.resize(std::max<std::size_t>(text.find_last_not_of('/') + 1, 1));
     }
     return YString(std::string_view(text));
 }

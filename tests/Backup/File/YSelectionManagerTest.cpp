@@ -100,6 +100,9 @@ TEST(YSelectionManager, FindsTheNearestNode)
         EXPECT_EQ(found, isOwn) << path;
     }
     EXPECT_RAISES(tree.FindNode("/a/c", true), ErrorCode::NotFound, "FindNode", "");
+    using Node = YSelectionManager::YSelectionManagerNode;
+    Node above("//x/", tree.FindNode("/", true).first), nameless("", &above), below("/y", &nameless);
+    EXPECT_EQ(below.GetPath().Bytes(), "/x/y") << "a path is joined from its names";
 }
 
 TEST(YSelectionManager, CopiesMovesAndCompares)
