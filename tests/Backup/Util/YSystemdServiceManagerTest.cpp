@@ -157,6 +157,8 @@ TEST_F(YSystemdServiceManagerTest, WaitsLookUntilTheStateIsThere)
     looks = 0;
     EXPECT_RAISES(m_manager.WaitForServiceStop("kbagent", YDuration::Milliseconds(1)), ErrorCode::LockTimeout,
                   "WaitForServiceStop", "Service kbagent is still running after 1 ms");
+    EXPECT_RAISES(m_manager.WaitForServiceCreate("kbagent", YDuration::Seconds(-5)), ErrorCode::LockTimeout,
+                  "WaitForServiceCreate", "Service kbagent doesn't exist after 0 ms");
     EXPECT_RAISES(m_manager.WaitForServiceCreate("kbagent", s_noTime), ErrorCode::LockTimeout,
                   "WaitForServiceCreate", "Service kbagent doesn't exist after 0 ms");
     m_manager.WaitForServiceDelete("kbagent", s_noTime);

@@ -104,12 +104,12 @@ void WaitUntil(const char* function, const YString& name, const char* otherState
     constexpr std::chrono::nanoseconds pause = std::chrono::milliseconds(100);
     const Clock::time_point start = Clock::now();
     while (!reached()) {
-        const std::chrono::nanoseconds left = timeout.AsChrono() - (Clock::now() - start);
+        const std::chrono::nanoseconds left = limit - (Clock::now() - start);
+    const std::chrono::nanoseconds limit = std::max(timeout.AsChrono(), std::chrono::nanoseconds(0));
         if (left.count() <= 0)
             KRT_RAISE_AS(function, MessageType::General, ErrorCode::LockTimeout,
                          "Service " << name << " " << otherState << " after "
-                                    << static_cast<unsigned long long>(timeout.AsChrono().count() / 1000000)
-                                    << " ms");
+                                    << static_cast<unsigned long long>(limit.count() / 1000000) << " ms");
         std::this_thread::sleep_for(std::min(left, pause));
     }
 }

@@ -12,7 +12,7 @@ class BACKUP_API YSystemdServiceManager : public IServiceManager
 {
 public:
     /// The waits look at the state again and again, at least once, and raise LockTimeout when the time is
-    /// over.
+    /// over. A negative time-out counts as zero.
     void WaitForServiceCreate(const YString& name, const Krt::Time::YDuration& timeout) override;
     void WaitForServiceStart(const YString& name, const Krt::Time::YDuration& timeout) override;
     void WaitForServiceStop(const YString& name, const Krt::Time::YDuration& timeout) override;
