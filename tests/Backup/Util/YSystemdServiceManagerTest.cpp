@@ -173,13 +173,19 @@ TEST_F(YSystemdServiceManagerTest, MachinesAndUsersThatCannot)
         EXPECT_RAISES(m_manager.IsRunning("kbagent"), ErrorCode::ProcessFailed, "IsRunning",
                       "systemctl is-active exited with status: 1");
     }
-    const ProcessRecorder programs;
+    const ProcessRecorder programs([](const auto& command) { return command[1] == "is-active" ? 3 : 0; });
+    m_directory.Write("etc/systemd/system/other.service", "unit");
     chmod(m_directory.Path().c_str(), 0755);
     chmod(m_root.units.c_str(), 0555);
     EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([&] {
         const auto error = Testing::CatchError([&] { Install("kbagent", "/bin/x"); });
         return error && error->GetOsError() == EACCES && error->GetFunction() == "Install" &&
                error->GetMessage() == ("Failed to write " + m_root.unit).c_str();
+    }));
+    EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([&] { // root's file, in a directory that root alone writes to
+        const auto error = Testing::CatchError([&] { m_manager.Delete("other", s_noTime); });
+        return error && error->GetOsError() == EACCES && error->GetFunction() == "Delete" &&
+               programs.commands.empty();
     }));
     std::filesystem::remove(m_directory / "run/systemd/system");
     EXPECT_RAISES(Install("kbagent", "/bin/x"), ErrorCode::NotSupported, "Install",

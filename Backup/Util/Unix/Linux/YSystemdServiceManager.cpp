@@ -8,6 +8,9 @@
 #include "Krt/Type/YUuid.h"
 #include "Krt/Util/YScope.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <thread>
@@ -102,10 +105,10 @@ void WaitUntil(const char* function, const YString& name, const char* otherState
 {
     using Clock = std::chrono::steady_clock;
     constexpr std::chrono::nanoseconds pause = std::chrono::milliseconds(100);
+    const std::chrono::nanoseconds limit = std::max(timeout.AsChrono(), std::chrono::nanoseconds(0));
     const Clock::time_point start = Clock::now();
     while (!reached()) {
         const std::chrono::nanoseconds left = limit - (Clock::now() - start);
-    const std::chrono::nanoseconds limit = std::max(timeout.AsChrono(), std::chrono::nanoseconds(0));
         if (left.count() <= 0)
             KRT_RAISE_AS(function, MessageType::General, ErrorCode::LockTimeout,
                          "Service " << name << " " << otherState << " after "
@@ -156,12 +159,18 @@ void YSystemdServiceManager::Install(const YString& name, const YString& display
 
 void YSystemdServiceManager::Delete(const YString& name, const YDuration& timeout)
 {
-    Stop(name, false, timeout);
-    if (!Exists(name))
-        return;
     const YString unit = GetServiceUnitName(name);
+    const YPath file = UnitDirectory().Append(unit);
+    RequireSystemd(__func__);
+    const bool hasUnitFile = Exists(name);
+    // sudo would stop and disable the service for a user who then can't remove the file.
+    if (hasUnitFile && faccessat(AT_FDCWD, UnitDirectory().CStr(), W_OK | X_OK, AT_EACCESS) != 0)
+        KRT_RAISE_OS("Failed to delete " << file);
+    Stop(name, false, timeout);
+    if (!hasUnitFile)
+        return;
     RunSystemctl(__func__, "disable", {"--quiet", "--", unit});
-    Krt::File::DeleteFile(UnitDirectory().Append(unit));
+    Krt::File::DeleteFile(file);
     RunSystemctl(__func__, "daemon-reload", {});
     WaitForServiceDelete(name, timeout);
 }

@@ -24,8 +24,9 @@ public:
     void Install(const YString& name, const YString& displayName, const YString& description,
                  const Krt::File::YPath& program, const std::vector<YString>& arguments,
                  const Krt::Time::YDuration& timeout) override;
-    /// Stops it unforced, disables it and removes the unit file. A service that can't be stopped is not
-    /// deleted; one whose unit file stands elsewhere only is stopped.
+    /// Stops it unforced, disables it and removes the unit file, which takes the right to do so: without it
+    /// the operating system's error is raised before anything is done. A service that can't be stopped is not
+    /// deleted. A service whose unit file is in another directory is only stopped.
     void Delete(const YString& name, const Krt::Time::YDuration& timeout) override;
     /// systemctl comes back when the program runs, or could not be run; the time-out is for staying so.
     void Start(const YString& name, const Krt::Time::YDuration& timeout) override;
