@@ -31,7 +31,7 @@ const std::string Pieces[] = {
     "\u202e", "\u202a", "\u202d", "\u202c", "\u2066", "\u2067", "\u2068", "\u2069", "\u200e", "\u200f",
     "\u061c", "\u2028", "\u2029", "\u00a0", "\u00ad", "\u200b", "\u200d", "\u2060", "\u3000", "\ufeff",
     "\ufff9", "\ufffd", "\uffff", "\ufdd0", "\u05d0", "\u0627", "\U0001f600", "\U0001f468\u200d\U0001f469",
-    "\U0010ffff", "\U0001fffe", "\U000e0041",
+    "\U0010ffff", "\U0001fffe", "\U000e0041", "\u180e", "\u3164", "\ufe0f", "\u115f", "\U0001d173", "\u2800",
     // what stands for bytes in documents
     "\uef80", "\uefff", "\uef7f", "\uf000",
     // no UTF-8: alone, too long, surrogates, beyond the last, cut short
@@ -58,15 +58,18 @@ std::string Unescaped(const std::string& shown)
             continue;
         }
         const char kind = i + 1 < shown.size() ? shown[++i] : 0;
-        const std::size_t digits = kind == 'x' ? 2 : kind == 'u' ? 4 : 0;
+        const std::size_t digits = kind == 'x' ? 2 : kind == 'u' ? 4 : kind == 'U' ? 8 : 0;
         const auto number = digits == 0 ? 0 : std::stoul(shown.substr(i + 1, digits), nullptr, 16);
-        const wchar_t unit[] = {static_cast<wchar_t>(number), 0};
+        const std::wstring units = number < 0x10000
+                                       ? std::wstring(1, static_cast<wchar_t>(number))
+                                       : std::wstring{static_cast<wchar_t>(0xD7C0 + (number >> 10)),
+                                                      static_cast<wchar_t>(0xDC00 + (number & 0x3FF))};
         i += digits;
         text += kind == 'n'   ? "\n"
                 : kind == 'r' ? "\r"
                 : kind == 't' ? "\t"
                 : kind == 'x' ? std::string(1, static_cast<char>(number))
-                : kind == 'u' ? Krt::YString(unit).Bytes()
+                : digits != 0 ? Krt::YString(units.c_str()).Bytes()
                               : std::string(1, kind);
     }
     return text;

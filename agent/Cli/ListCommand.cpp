@@ -50,9 +50,10 @@ CLI::App* ListCommand::Register(CLI::App& program)
     command->add_flag("--json", m_json, "Print a JSON object a line, entries as they are stored");
     command->footer(
         "An entry is listed with its mode, owner and group by number, size in bytes, time of its last\n"
-        "change in UTC, and path. What isn't printable in a path stands as \\n, \\xHH or \\uHHHH, and\n"
-        "a backslash is doubled. An entry of Windows has the letters of its attributes instead of a mode\n"
-        "(R read-only, H hidden, S system, A archive, L leads elsewhere), and a line for each path.\n\n"
+        "change in UTC, and path. What is invisible in a path is escaped as \\n, \\xHH, \\uHHHH or\n"
+        "\\UHHHHHHHH, and a backslash is doubled. An entry of Windows has the letters of its attributes\n"
+        "instead of a mode (R read-only, H hidden, S system, A archive, L leads elsewhere), and a line for\n"
+        "each path.\n\n"
         "Examples: kbagent list --store /backup/store\n"
         "          kbagent list --store /backup/store --snapshot latest");
     return command;

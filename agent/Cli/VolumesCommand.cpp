@@ -123,9 +123,9 @@ CLI::App* VolumesCommand::Register(CLI::App& program)
         "directory above them, and those that the configuration key IncludedMountpoints lists.\n"
         "A - stands for what can't be told: of a mount that another one lies over, and of one that\n"
         "doesn't answer, which is told on standard error.\n\n"
-        "On a terminal long names are cut. What isn't printable in a name stands as \\n, \\xHH or \\uHHHH,\n"
-        "and a backslash is doubled. In JSON, names are whole, sizes are bytes, and the keys free_bytes,\n"
-        "entered and error are absent where there is nothing to tell.\n\n"
+        "On a terminal long names are cut. What is invisible in a name is escaped as \\n, \\xHH, \\uHHHH\n"
+        "or \\UHHHHHHHH, and a backslash is doubled. In JSON, names are whole, sizes are\n"
+        "bytes, and the keys free_bytes, entered and error are absent where there is nothing to tell.\n\n"
         "Example: kbagent volumes");
     return command;
 }

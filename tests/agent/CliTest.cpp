@@ -29,6 +29,26 @@ TEST(Text, TimesOfAllAges)
         EXPECT_EQ(TimeText(static_cast<unsigned long long>(seconds)), shown);
 }
 
+TEST(Text, WhatIsInvisibleIsShownAsAnEscape)
+{
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        // text, for people, in JSON
+        {"\u180e", "\\u180e", "\\u180e"},
+        {"\u3164", "\\u3164", "\\u3164"},
+        {"\u115f\u1160", "\\u115f\\u1160", "\\u115f\\u1160"},
+        {"\ufe00\ufe0f", "\\ufe00\\ufe0f", "\\ufe00\\ufe0f"},
+        {"\U0001d173", "\\U0001d173", "\\ud834\\udd73"},
+        {"\U000e0000\U000e0fff", "\\U000e0000\\U000e0fff", "\\udb40\\udc00\\udb43\\udfff"},
+        {"\u00a0\u2003\u2800", "\\u00a0\\u2003\\u2800", "\\u00a0\\u2003\\u2800"},
+        {"\u3000\u00a1\ufe10\U0001f600\U000e1000", "\u3000\u00a1\ufe10\U0001f600\U000e1000",
+         "\u3000\u00a1\ufe10\U0001f600\U000e1000"},
+    };
+    for (const auto& [text, shown, inJson] : cases) {
+        EXPECT_EQ(Printable(std::string_view(text)), shown);
+        EXPECT_EQ(PrintableJson(text), inJson);
+    }
+}
+
 class Cli : public Testing::ProgramFixture
 {
 protected:

@@ -1,5 +1,6 @@
 #include "Krt/String/Printable.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 
@@ -38,12 +39,30 @@ Character Decode(std::string_view text)
     return {code, valid ? size : 0};
 }
 
-// Controls, and what reorders, joins or breaks lines of text.
+struct Range
+{
+    char32_t first;
+    char32_t last;
+};
+
+// The code points that are written as escapes, in order. They are, by the Unicode Character Database:
+// - controls (General_Category Cc), and the interlinear annotation marks U+FFF9 to U+FFFB
+// - Default_Ignorable_Code_Point of DerivedCoreProperties.txt, which includes the marks of direction
+// - White_Space of PropList.txt, and U+2800, which looks like a blank. U+0020 and the wide U+3000 stay.
+constexpr std::array<Range, 21> Escaped{{
+    {0x0000, 0x001F},   {0x007F, 0x00A0}, {0x00AD, 0x00AD}, {0x034F, 0x034F},   {0x061C, 0x061C},
+    {0x115F, 0x1160},   {0x1680, 0x1680}, {0x17B4, 0x17B5}, {0x180B, 0x180F},   {0x2000, 0x200F},
+    {0x2028, 0x202F},   {0x205F, 0x206F}, {0x2800, 0x2800}, {0x3164, 0x3164},   {0xFE00, 0xFE0F},
+    {0xFEFF, 0xFEFF},   {0xFFA0, 0xFFA0}, {0xFFF0, 0xFFFB}, {0x1BCA0, 0x1BCA3}, {0x1D173, 0x1D17A},
+    {0xE0000, 0xE0FFF},
+}};
+
 bool IsPrintable(char32_t code)
 {
-    return code >= 0x20 && (code < 0x7F || code > 0x9F) && code != 0xAD && code != 0x61C &&
-           (code < 0x200B || code > 0x200F) && (code < 0x2028 || code > 0x202E) &&
-           (code < 0x2060 || code > 0x206F) && code != 0xFEFF && (code < 0xFFF9 || code > 0xFFFB);
+    const auto* const range =
+        std::lower_bound(Escaped.begin(), Escaped.end(), code,
+                         [](const Range& each, char32_t sought) { return each.last < sought; });
+    return range == Escaped.end() || code < range->first;
 }
 
 void AppendEscape(const char* format, unsigned int number, std::string& out)
@@ -69,8 +88,18 @@ void AppendEscaped(char32_t code, std::string& out)
         out += "\\t";
         break;
     default:
-        AppendEscape(code < 0x80 ? "\\x%02x" : "\\u%04x", code, out);
+        AppendEscape(code < 0x80 ? "\\x%02x" : code < 0x10000 ? "\\u%04x" : "\\U%08x", code, out);
     }
+}
+
+// JSON has escapes of UTF-16 units alone.
+void AppendJsonEscape(char32_t code, std::string& out)
+{
+    if (code >= 0x10000) {
+        AppendEscape("\\u%04x", 0xD800 + ((code - 0x10000) >> 10), out);
+        code = 0xDC00 + (code & 0x3FF);
+    }
+    AppendEscape("\\u%04x", code, out);
 }
 
 // Bytes that stand for themselves whatever is around them.
@@ -126,7 +155,7 @@ void AppendPrintableJson(std::string& out, std::string_view json)
         else if (character.size == 0 || IsPrintable(character.code))
             out += json.substr(0, size);
         else
-            AppendEscape("\\u%04x", character.code, out);
+            AppendJsonEscape(character.code, out);
         json.remove_prefix(size);
     }
 }

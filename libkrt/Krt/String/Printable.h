@@ -8,14 +8,19 @@
 
 namespace Krt::String {
 
-/// Appends the text with each control character, each byte that is no part of valid UTF-8, and each character
-/// that changes the direction or the lines of text as an escape (\n, \t, \r, \xHH, \uHHHH); a backslash is
-/// doubled. So it is one line, steers nothing, and different texts stay different. Any thread.
+/// Appends the text to `out`, with these as escapes (\n, \t, \r, \xHH, \uHHHH, \UHHHHHHHH):
+///   - control characters, and bytes that are not part of valid UTF-8
+///   - characters that change the direction or the lines of text
+///   - characters that are invisible (Default_Ignorable_Code_Point of Unicode), and blanks other than U+0020
+///   and
+///     the wide U+3000
+/// A backslash is doubled. The result is one line that steers no terminal, and different texts look
+/// different. Any thread.
 KRT_API void AppendPrintable(std::string& out, std::string_view text);
 
-/// JSON text with the characters in its strings that a terminal acts upon or shows out of order as escapes,
-/// and each control between its tokens but a line's end as a blank, so that it may be printed. It stands for
-/// the same value.
+/// Appends the JSON text to `out`, so that it may be printed. In its strings the characters that
+/// AppendPrintable escapes are escapes of JSON; a control between its tokens, other than a line end, becomes
+/// a blank. The value of the text stays the same.
 KRT_API void AppendPrintableJson(std::string& out, std::string_view json);
 
 } // namespace Krt::String
