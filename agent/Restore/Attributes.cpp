@@ -88,16 +88,33 @@ unsigned int ApplyOwner(const Attributes& attributes, const Target& target, Refu
     }
 }
 
+bool IsAccessList(const YString& attribute)
+{
+    return attribute.Bytes().starts_with("system.posix_acl_");
+}
+
+// Access lists come last: one may take the owner's right to write, which the kernel requires for attributes
+// of the namespace "user".
+template <class Target>
+void ApplyExtended(const Attributes& attributes, const Target& target, Refused& refused)
+{
+    for (const bool isForAccessLists : {false, true}) {
+        for (const auto& [name, value] : attributes.extended) {
+            if (IsAccessList(name) != isForAccessLists)
+                continue;
+            const void* const data = value.Size() != 0 ? value.template Cast<unsigned char>() : nullptr;
+            Try(refused, "attribute ", name, [&, &attribute = name, &bytes = value] {
+                target.AddExtendedAttribute(attribute, data, static_cast<unsigned int>(bytes.Size()));
+            });
+        }
+    }
+}
+
 template <class Target>
 void ApplyTo(const Attributes& attributes, const Target& target, bool hasMode, Refused& refused)
 {
     const unsigned int mode = ApplyOwner(attributes, target, refused);
-    for (const auto& [name, value] : attributes.extended) {
-        const void* const data = value.Size() != 0 ? value.template Cast<unsigned char>() : nullptr;
-        Try(refused, "attribute ", name, [&, &attribute = name, &bytes = value] {
-            target.AddExtendedAttribute(attribute, data, static_cast<unsigned int>(bytes.Size()));
-        });
-    }
+    ApplyExtended(attributes, target, refused);
     if (hasMode) {
         Try(refused, "mode", YString(), [&] { target.SetMode(mode); });
         if (mode != attributes.mode)

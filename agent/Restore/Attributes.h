@@ -1,6 +1,6 @@
-// What a restored entry gets beside its contents, in the order that loses nothing: owner, extended
-// attributes, mode, times. A change of owner clears set-user-id bits and capabilities, so those come behind
-// it, and the bits stay away where the owner could not be set.
+// The attributes of a restored entry, set in the order that loses none: owner, extended attributes with the
+// access lists last, mode, times. A change of owner clears set-user-id bits and capabilities, so they follow
+// it; the bits are left out where the owner could not be set.
 #pragma once
 
 #include "Krt/File/YDirectory.h"

@@ -60,6 +60,12 @@ TEST_F(RoundTrip, EveryKindComesBackIdentical)
 TEST_F(RoundTrip, OrdinaryUserGetsAllOfHisOwn)
 {
     MakeTree(source, EveryKindOfEntry());
+    MakeTree(source, {File("read only", "x"), Dir("read only dir")});
+    for (const char* name : {"/read only", "/read only dir"}) {
+        setxattr((source + name).c_str(), "user.comment", "a", 1, 0);
+        GiveAccessList(source + name, "access");
+        ASSERT_EQ(chmod((source + name).c_str(), 0550), 0);
+    }
     if (geteuid() == 0) {
         for (const auto& entry : std::filesystem::recursive_directory_iterator(source))
             ASSERT_EQ(lchown(entry.path().c_str(), OrdinaryUser, OrdinaryUser), 0);
