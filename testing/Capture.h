@@ -25,6 +25,7 @@ private:
     void OnExcluded(const Krt::File::YPath&) override {}
     void OnMountNotEntered(const Krt::File::YPath&) override {}
     void OnMountEntered(const Krt::File::YPath&) override {}
+    void OnLinkTaken(const Krt::File::YPath&) override {}
     void OnStoreSkipped(const Krt::File::YPath&) override {}
     void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) override;
     bool IsCancelled() override { return false; }

@@ -149,6 +149,12 @@ void BackupRun::OnMountEntered(const YPath& path)
                   " is a mount point that a walk would not enter; it is entered since it was named");
 }
 
+void BackupRun::OnLinkTaken(const YPath& path)
+{
+    m_report.Note(YString("Warning: ") + path +
+                  " is a link, which is stored itself; for what it leads to, the job must name that path");
+}
+
 void BackupRun::OnStoreSkipped(const YPath& path)
 {
     m_report.Note(YString(path) + " is the store itself or lies in it, and is left out");

@@ -34,6 +34,7 @@ public:
     void OnExcluded(const Krt::File::YPath& path) override;
     void OnMountNotEntered(const Krt::File::YPath& path) override;
     void OnMountEntered(const Krt::File::YPath& path) override;
+    void OnLinkTaken(const Krt::File::YPath& path) override;
     void OnStoreSkipped(const Krt::File::YPath& path) override;
     void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) override;
     bool IsCancelled() override;

@@ -55,6 +55,8 @@ void BackupCommand::Run(Report& report)
         throw UsageError("backup: name at least one PATH, or rules with --job");
 
     const Job job = LoadJob(m_jobFile, paths);
+    for (const Krt::YString& warning : job.warnings)
+        report.Note(warning);
     SnapshotHeader header;
     header.time = static_cast<unsigned long long>(std::time(nullptr));
     header.host = Krt::Environment::GetHostName();
@@ -69,6 +71,8 @@ void BackupCommand::Run(Report& report)
     walker.Skip(store.GetDirectory().Stat());
     walker.Run();
     KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted; no snapshot was made");
+    if (run.GetCounts().Entries() == 0 && report.GetFailed() == 0)
+        report.Note("Warning: nothing was selected, so the snapshot has no entries");
     const std::string id = snapshot.Finish(run.GetCounts().bytes, report.GetFailed());
     PrintSummary(report, id, run.GetCounts(), session.GetStoredBytes());
 }

@@ -2,6 +2,8 @@
 
 #include "agent/Run/FileGuard.h"
 #include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
+#include "agent/Walk/JobCheck.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/JSON/YValue.h"
@@ -51,7 +53,26 @@ void Select(Backup::File::YSelectionManager& rules, const YPath& root)
               YSelectionDescriptor::Include, true);
 }
 
-void LoadRules(Backup::File::YSelectionManager& rules, const std::string& jobFile)
+// A job of many rules may have one mistake in all of them.
+constexpr std::size_t MostWarnings = 20;
+
+// Raises the first error of the document.
+void CheckRules(const Krt::JSON::YObject& document, const std::string& jobFile,
+                std::vector<YString>& warnings)
+{
+    std::size_t count = 0;
+    CheckJob(document, [&](const JobFinding& finding) {
+        KRT_RAISE_UNLESS(!finding.isError, Krt::ErrorCode::InvalidArgument, finding.text.c_str());
+        if (++count <= MostWarnings)
+            warnings.emplace_back("Warning: the job file " + jobFile + ": " + finding.text);
+    });
+    if (count > MostWarnings)
+        warnings.emplace_back("Warning: the job file " + jobFile + ": " +
+                              std::to_string(count - MostWarnings) + " further warnings");
+}
+
+void LoadRules(Backup::File::YSelectionManager& rules, std::vector<YString>& warnings,
+               const std::string& jobFile)
 {
     RequireOwnFile("The job file", jobFile);
     std::ostringstream text;
@@ -65,10 +86,11 @@ void LoadRules(Backup::File::YSelectionManager& rules, const std::string& jobFil
     try {
         // The text of a large job is given up before its rules are made.
         const auto job = Krt::JSON::YValue::Parse(std::move(text).str());
+        CheckRules(job->AsObject(), jobFile, warnings);
         rules.FromJSON(job->AsObject());
     } catch (const Krt::Exception::YError& error) {
         KRT_RAISE(Krt::ErrorCode::InvalidArgument,
-                  "The job file " << jobFile.c_str() << " holds no usable rules: " << error);
+                  "The job file " << jobFile.c_str() << " holds no usable rules: " << ReasonOf(error));
     }
 }
 
@@ -78,7 +100,7 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths)
 {
     Job job;
     if (!jobFile.empty()) {
-        LoadRules(job.rules, jobFile);
+        LoadRules(job.rules, job.warnings, jobFile);
         job.roots = job.rules.GetIncludeTops(YPath());
         KRT_RAISE_UNLESS(!job.roots.empty() || !paths.empty(), Krt::ErrorCode::InvalidArgument,
                          "The job file " << jobFile.c_str() << " includes nothing, and no PATH is named");

@@ -119,15 +119,18 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
     const YSelectionDescriptor::SelectionType answer = m_rules.GetPathSelectionType(path);
     if (answer == YSelectionDescriptor::Exclude)
         m_visitor.OnExcluded(path);
-    const bool selected = answer == YSelectionDescriptor::Include;
+    bool selected = answer == YSelectionDescriptor::Include;
     if (!selected && answer != YSelectionDescriptor::NotSelectedDoRecurse)
         return;
-    if (!selected && type != DT_DIR && type != DT_UNKNOWN)
+    if (!selected && type != DT_DIR && type != DT_UNKNOWN && !IsPlaceOfAll(path))
         return;
 
     const WalkedEntry entry(path, parent, name, type);
-    if (!selected && !S_ISDIR(entry.Status().st_mode))
-        return;
+    if (!selected && !S_ISDIR(entry.Status().st_mode)) {
+        selected = IsSelectedByPlace(entry);
+        if (!selected)
+            return;
+    }
     if (m_skips && entry.IsDirectory() && IsSkipped(entry.Status())) {
         m_visitor.OnStoreSkipped(path);
         return;
@@ -142,6 +145,32 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
             KRT_RAISE(Krt::ErrorCode::InvalidState, "The directory was replaced during the walk");
     }
     Enter(path, std::move(directory));
+}
+
+// Whether an include for all names has this place.
+bool Walker::IsPlaceOfAll(const YPath& path) const
+{
+    const auto [node, isFound] = m_rules.FindNode(path, false);
+    return isFound && node->HasAnyIncludes() &&
+           node->VisitPathsAndDescriptors(
+               YSelectionDescriptor::Include,
+               [](const YPath&, const YSelectionDescriptor& rule) { return rule.CoversAllNames(); }, false);
+}
+
+// Rules apply to what is inside their place. A place that is not a directory is meant itself.
+bool Walker::IsSelectedByPlace(const WalkedEntry& entry)
+{
+    if (!IsPlaceOfAll(entry.path))
+        return false;
+    bool isReported = false;
+    if (m_rules.PathMatchesExclude(entry.path.PopulateComponents(), isReported)) {
+        if (isReported)
+            m_visitor.OnExcluded(entry.path);
+        return false;
+    }
+    if (S_ISLNK(entry.Status().st_mode))
+        m_visitor.OnLinkTaken(entry.path);
+    return true;
 }
 
 // Captures a selected entry; whether what it is may be entered.

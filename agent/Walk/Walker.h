@@ -59,6 +59,9 @@ public:
     virtual void OnMountNotEntered(const Krt::File::YPath& path) = 0;
     /// A mount point that the policy would not follow, entered since the user named it.
     virtual void OnMountEntered(const Krt::File::YPath& path) = 0;
+    /// A symbolic link at the place of a rule that selects all that is there. The link itself is selected;
+    /// what it leads to is not walked.
+    virtual void OnLinkTaken(const Krt::File::YPath& path) = 0;
     /// The directory that must not be walked, or a root below it.
     virtual void OnStoreSkipped(const Krt::File::YPath& path) = 0;
     virtual void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) = 0;
@@ -89,6 +92,8 @@ private:
     void WalkRoot(const Krt::File::YPath& root);
     void VisitEntry(const Krt::File::YPath& path, const Krt::File::YDirectory& parent,
                     const Krt::YString& name, unsigned char type, bool isRoot);
+    bool IsPlaceOfAll(const Krt::File::YPath& path) const;
+    bool IsSelectedByPlace(const WalkedEntry& entry);
     bool MayEnter(const WalkedEntry& entry, bool selected, bool isRoot);
     void Enter(const Krt::File::YPath& path, Krt::File::YDirectory directory);
     void Close(Level& level);

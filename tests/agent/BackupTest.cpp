@@ -6,6 +6,7 @@
 #include "testing/StoreFiles.h"
 #include "testing/Tree.h"
 
+#include <filesystem>
 #include <sys/stat.h>
 #include <tuple>
 
@@ -55,6 +56,67 @@ TEST_F(BackupProgram, FollowsAJobsRules)
 
     Run(0, {"backup", "--job", job, source + "/other"});
     EXPECT_EQ(Stored(), (Paths{"/docs/a.txt", "/docs/deep", "/docs/deep/d", "/other", "/other/e"}));
+}
+
+TEST_F(BackupProgram, StoresAFileWhoseOwnPathIsARulesPlace)
+{
+    MakeTree(source, {Dir("dir"), File("dir/file", "1"), File("dir/more", "2"), Link("link", "dir")});
+    const std::string file = " " + source + "/dir/file", dir = " " + source + "/dir",
+                      link = " " + source + "/link";
+    const std::tuple<std::string, Paths, std::string> cases[] = {
+        {"include" + file + " recursive any", {"/dir/file"}, ""},
+        {"include" + file + " glob=*", {"/dir/file"}, ""},
+        {"include" + dir + " exact=more; include" + file + " any", {"/dir/file", "/dir/more"}, ""},
+        {"include" + file + " any; exclude" + dir + " exact=file", {}, "excluded: " + source + "/dir/file"},
+        {"include" + file + " exact=file",
+         {},
+         "Warning: nothing was selected, so the snapshot has no entries"},
+        {"include" + link + " recursive any",
+         {"/link"},
+         "Warning: " + source + "/link is a link, which is stored"},
+    };
+    for (const auto& [rules, stored, told] : cases) {
+        SCOPED_TRACE(rules);
+        const std::string job = directory.Write("job", JobText(rules));
+        EXPECT_TRUE(Holds(Run(0, {"backup", "--verbose", "--job", job}).errors, told));
+        EXPECT_EQ(Stored(), stored);
+    }
+}
+
+TEST_F(BackupProgram, ToldOfRulesThatCannotBeMeantBeforeItRuns)
+{
+    MakeTree(source, {File("file", "x")});
+    const std::string include = "include " + source + " recursive any", rule = "; exclude " + source;
+    const std::string refused = " holds no usable rules: ", found = ": excludes[0]: ",
+                      place = ": includes[0].descriptor";
+    // The rules, what in the document is replaced by what, the exit code, and what is told.
+    const std::tuple<std::string, std::string, std::string, int, std::string> cases[] = {
+        {include, "}],", "}],\"exlcudes\":[],", 1, refused + "there is no key 'exlcudes'"},
+        {include, "\"path\"", "\"note\":1,\"path\"", 1, refused + "includes[0]: there is no key 'note'"},
+        {include, "\"report_", "\"a\":1,\"report_", 1, place + ": there is no key 'a'"},
+        {include, "\"pattern", "\"b\":1,\"pattern", 1, place + ".descriptor: there is no key 'b'"},
+        {include, "\"/", "\"", 1, refused + "includes[0]: the path is not absolute"},
+        {include, "\"/", "\"/../", 1, refused + "includes[0]: the path contains"},
+        {include + rule + " glob=docs/*.tmp", "", "", 1,
+         refused + "excludes[0]: the pattern contains a slash"},
+        {include + rule + " exact=docs/a", "", "", 1, "the pattern contains a slash"},
+        {include + rule + " none", "", "", 0, found + "the rule matches no name"},
+        {include + rule + " exact=..", "", "", 0, found + "the rule matches no name"},
+        {include + rule + " exact=a", "\"exclude\"", "\"include\"", 0, found + "selection_type decides"},
+        {include + rule + " exact=a recursive explicit", "", "", 0,
+         found + "explicit_selection has no effect"},
+        {"exclude - exact=a; " + include + " explicit", "", "", 0, ""},
+    };
+    for (const auto& [rules, from, to, exitCode, told] : cases) {
+        SCOPED_TRACE(rules + " " + to);
+        std::string text = JobText(rules);
+        if (!from.empty())
+            text.replace(text.find(from), from.size(), to);
+        std::filesystem::remove_all(store);
+        const std::string errors = Run(exitCode, {"backup", "--job", directory.Write("job", text)}).errors;
+        EXPECT_TRUE(told.empty() ? errors.empty() : bool(Holds(errors, told))) << errors;
+        EXPECT_EQ(std::filesystem::exists(store), exitCode == 0);
+    }
 }
 
 TEST_F(BackupProgram, LeavesTheStoreOut)
