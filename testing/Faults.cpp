@@ -132,8 +132,6 @@ struct Plan
         EXPECT_TRUE(RunOnce(plan.scenario)) << "it fails without a fault, behind one";
     } catch (const std::exception& error) {
         ADD_FAILURE() << "raised: " << error.what();
-    } catch (const Krt::Exception::YError& error) {
-        ADD_FAILURE() << "raised: " << error.GetMessage().Bytes();
     }
     if (g_followsMemory && CountFailures() == failures) { // failures are kept themselves
         EXPECT_LE(g_faultRun.objects, objects) << "objects leak";
@@ -180,8 +178,6 @@ bool Faults::Try(const std::function<bool()>& work)
     } arming;
     try {
         m_endedWell = work();
-    } catch (const Krt::Exception::YError&) {
-        m_endedWell = false;
     } catch (const std::exception&) {
         m_endedWell = false;
     }

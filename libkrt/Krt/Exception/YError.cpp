@@ -3,6 +3,7 @@
 #include "Krt/Exception/OsErrorName.h"
 
 #include <cerrno>
+#include <ostream>
 #include <string>
 #include <system_error>
 
@@ -89,6 +90,15 @@ unsigned int YErrorBase::GetCode() const
                                                : static_cast<unsigned int>(m_code);
 }
 
+const char* YErrorBase::what() const noexcept
+{
+    for (const YString* text : {&m_what, &m_message, &m_codeName}) {
+        if (!text->IsEmpty())
+            return text->CStr();
+    }
+    return "Krt::Exception::YError";
+}
+
 YString YErrorBase::Describe() const
 {
     const bool isOsError = GetType() == ExceptionType::OsError;
@@ -97,9 +107,16 @@ YString YErrorBase::Describe() const
         text.append(m_codeName.Bytes()).append(" ");
     text += isOsError ? std::to_string(GetOsError()) : std::to_string(m_code);
     if (isOsError)
-        text.append(": ").append(m_systemText.Bytes());
+        text.append(": ").append(m_what.Bytes(), m_message.IsEmpty() ? 0 : m_message.Bytes().size() + 2);
     text.append(", ").append(m_function.Bytes());
     return YString(std::string_view(text));
+}
+
+std::ostream& operator<<(std::ostream& out, const YErrorBase& error)
+{
+    if (!error.m_message.IsEmpty())
+        out << error.m_message << " ";
+    return out << "(" << error.Describe() << ")";
 }
 
 YError MakeYError(ExceptionType type, unsigned int messageType, unsigned int code, unsigned int line,
@@ -117,7 +134,8 @@ YError MakeYError(ExceptionType type, unsigned int messageType, unsigned int cod
     if (type == ExceptionType::OsError) {
         const int osError = static_cast<int>(code);
         error.m_codeName = OsErrorName(osError);
-        error.m_systemText = std::generic_category().message(osError).c_str();
+        error.m_what = message.IsEmpty() ? YString() : message + ": ";
+        error.m_what += std::generic_category().message(osError).c_str();
     } else {
         error.m_codeName = ErrorCodeName(code);
     }

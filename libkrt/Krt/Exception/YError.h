@@ -1,5 +1,6 @@
 // YError: the one exception type. It carries what its raising site knew: type, channel, code, place, text and
-// the stack. It is a value and owns all of it.
+// the stack. It is a value and owns all of it. It is also a std::exception, so a handler of those must come
+// after the handlers of YError.
 #pragma once
 
 #include "Krt/Exception/ErrorCode.h"
@@ -7,26 +8,32 @@
 #include "Krt/String/YString.h"
 
 #include <exception>
+#include <iosfwd>
 
 namespace Krt::Exception {
 
 class YError;
 
 /// All that an error carries.
-class KRT_API YErrorBase
+class KRT_API YErrorBase : public std::exception
 {
 public:
     YErrorBase() = default;
     YErrorBase(const YErrorBase&) = default;
     YErrorBase& operator=(const YErrorBase&) = default;
-    virtual ~YErrorBase() = default;
+    ~YErrorBase() override = default;
+
+    /// The message, and for an OsError ": " and the system's text after it; the name of the code if there is
+    /// no message. Lives as long as the error, and ends at the first NUL byte.
+    const char* what() const noexcept override;
 
     /// The operating-system error number with which the error was raised; 0 for the type General.
     virtual int GetOsError() const;
     /// The portable code; for an OsError the one that its number maps to.
     virtual unsigned int GetCode() const;
 
-    /// The site's text, which may be empty.
+    /// The site's text, which may be empty. For people it isn't enough: the system's reason is in what(), in
+    /// Describe() and in the printed form.
     const YString& GetMessage() const { return m_message; }
     /// Whether the code is an ErrorCode or an errno, and the channel as a MessageType.
     ExceptionType GetType() const { return static_cast<ExceptionType>(m_type); }
@@ -37,9 +44,10 @@ public:
     const YString& GetFile() const { return m_file; }
     /// The site's line, from 1.
     unsigned int GetLine() const { return static_cast<unsigned int>(m_line); }
-    /// Type, code by name and number with the system's text for it, and function; what stands in parentheses
-    /// behind the message where the error is printed.
+    /// Type, code by name and number with the system's text for it, and function.
     YString Describe() const;
+    /// Prints the message and then Describe() in parentheses; the latter alone if there is no message.
+    friend KRT_API std::ostream& operator<<(std::ostream& out, const YErrorBase& error);
     /// The raising thread's stack, a line a frame, with names where they are known. Names are looked up here.
     YString GetStackTrace() const;
 
@@ -53,8 +61,8 @@ protected:
     unsigned long long m_type = 0;
     unsigned long long m_messageType = 0;
     YString m_file;
-    YString m_codeName;   // "InvalidArgument", or "ENOENT" for an OsError
-    YString m_systemText; // strerror's text for an OsError
+    YString m_codeName; // "InvalidArgument", or "ENOENT" for an OsError
+    YString m_what;     // for an OsError what() gives this; Describe takes the system's text from its end
     unsigned long long m_line = 0;
     YString m_stack; // as GetCurrentStackTrace gives it
     unsigned long long m_code = 0;

@@ -22,6 +22,7 @@ public:
     YPath(const YString& text);
     YPath(YString&& text);
     YPath(const char* text);
+    explicit YPath(std::string_view text) : YPath(YString(text)) {}
     YPath(const YPath& other);
     YPath(YPath&& other) noexcept;
     YPath& operator=(const YPath& other);

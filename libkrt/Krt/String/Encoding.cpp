@@ -50,13 +50,14 @@ Memory::YHeap<wchar_t> Convert<char, wchar_t>(const char* text)
     const std::size_t length = std::strlen(text);
     Memory::YHeap<wchar_t> result;
     result.Resize((length + 1) * sizeof(wchar_t));
+    wchar_t* const begin = result;
+    const wchar_t* end = begin;
     try {
-        wchar_t* const begin = result;
-        const wchar_t* const end = utf8::utf8to16(text, text + length, begin);
-        result.Resize(static_cast<std::size_t>(end + 1 - begin) * sizeof(wchar_t));
+        end = utf8::utf8to16(text, text + length, begin);
     } catch (const std::exception&) {
         RaiseConversionFailure();
     }
+    result.Resize(static_cast<std::size_t>(end + 1 - begin) * sizeof(wchar_t));
     return result;
 }
 

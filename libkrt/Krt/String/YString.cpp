@@ -87,6 +87,11 @@ YString::YString(std::string&& bytes) noexcept : m_bytes(std::move(bytes))
     Normalize();
 }
 
+std::ostream& operator<<(std::ostream& out, const YString& text)
+{
+    return out << text.m_bytes;
+}
+
 YString& YString::operator=(const YString& other)
 {
     DropWide();

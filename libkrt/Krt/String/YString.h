@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <iosfwd>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -124,6 +125,8 @@ public:
     friend bool operator==(const YString& a, const char* b) noexcept { return a.m_bytes == (b ? b : ""); }
     /// Bytes as unsigned numbers over the shorter length, then the shorter first.
     friend auto operator<=>(const YString& a, const YString& b) noexcept { return a.m_bytes <=> b.m_bytes; }
+    /// Prints all bytes, as a std::string is printed.
+    friend KRT_API std::ostream& operator<<(std::ostream& out, const YString& text);
 
 private:
     static constexpr unsigned int Unknown = 0xFFFFFFFF;

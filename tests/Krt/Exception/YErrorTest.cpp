@@ -33,6 +33,12 @@ public:
     void Require(int left) const { KRT_REQUIRE(left == 0, "for certain"); }
 };
 
+YError Make(ExceptionType type, unsigned int code, const char* message)
+{
+    return Exception::MakeYError(type, MessageType::General, code, 1, "Krt/File/YPath", "GetComponent",
+                                 message);
+}
+
 } // namespace
 
 TEST(YErrorTest, SiteReportsBareNamesAndPathWithoutEnding)
@@ -87,16 +93,37 @@ TEST(YErrorTest, OsErrorKeepsItsNumberAndMapsToAPortableCode)
 
 TEST(YErrorTest, PrintedFormNamesTypeCodeAndFunction)
 {
-    const auto make = [](ExceptionType type, unsigned int code, const char* message) {
-        return Exception::MakeYError(type, MessageType::General, code, 1, "Krt/File/YPath", "GetComponent",
-                                     message);
-    };
     const auto general = ExceptionType::General;
-    EXPECT_EQ(Printed(make(general, ErrorCode::NoPathComponent, "Too far")),
+    EXPECT_EQ(Printed(Make(general, ErrorCode::NoPathComponent, "Too far")),
               "Too far (General, NoPathComponent 66, GetComponent)");
-    EXPECT_EQ(Printed(make(general, 4711, "")), "(General, 4711, GetComponent)");
-    EXPECT_EQ(Printed(make(ExceptionType::OsError, ENOENT, "Failed")),
+    EXPECT_EQ(Printed(Make(general, 4711, "")), "(General, 4711, GetComponent)");
+    EXPECT_EQ(Printed(Make(ExceptionType::OsError, ENOENT, "Failed")),
               "Failed (OsError, ENOENT 2: No such file or directory, GetComponent)");
+}
+
+TEST(YErrorTest, IsAStandardExceptionAndPrints)
+{
+    const struct
+    {
+        YError error;
+        const char* what;
+    } rows[] = {
+        {Make(ExceptionType::General, ErrorCode::NoPathComponent, "Too far"), "Too far"},
+        {Make(ExceptionType::General, ErrorCode::NoPathComponent, ""), "NoPathComponent"},
+        {Make(ExceptionType::General, 4711, ""), "Krt::Exception::YError"},
+        {Make(ExceptionType::OsError, ENOENT, "Failed"), "Failed: No such file or directory"},
+        {Make(ExceptionType::OsError, ENOENT, ""), "No such file or directory"},
+    };
+    for (const auto& row : rows) {
+        try {
+            throw YError(row.error);
+        } catch (const std::exception& caught) {
+            EXPECT_STREQ(caught.what(), row.what);
+        }
+        std::ostringstream printed;
+        printed << row.error;
+        EXPECT_EQ(printed.str(), Printed(row.error)) << row.what;
+    }
 }
 
 TEST(YErrorTest, CopyThroughTheBaseKeepsEverything)

@@ -4,6 +4,8 @@
 #include "testing/Raises.h"
 
 #include <algorithm>
+#include <iomanip>
+#include <sstream>
 
 using Krt::ErrorCode;
 using Krt::YString;
@@ -25,6 +27,19 @@ TEST(YPathTest, WorksOnPlainText)
     EXPECT_EQ(YPath("/a/b").GetComponent(1), "b");
     EXPECT_RAISES(YPath("/").GetComponent(0), ErrorCode::NoPathComponent, "GetComponent",
                   "No path component at index 0 /");
+}
+
+TEST(YPathTest, ComesFromStandardTextAndPrints)
+{
+    const std::string text = "/a/b//\xFF/";
+    const YPath path(text);
+    EXPECT_EQ(path, "/a/b//\xFF");
+    EXPECT_EQ(YPath(std::string_view(text).substr(0, 5)), "/a/b");
+    std::ostringstream printed;
+    printed << std::setw(10) << path << YString(std::string_view("a\0b", 3));
+    EXPECT_EQ(printed.str(), std::string("   /a/b//\xFF"
+                                         "a\0b",
+                                         13));
 }
 
 TEST(YPathTest, ThreadsShareOnePath)
