@@ -5,9 +5,11 @@
 #include "Backup/File/YSelectionManager.h"
 #include "Backup/File/YUnixFileMetadata.h"
 
+#include "Krt/Exception/Raise.h"
 #include "Krt/JSON/YValue.h"
 #include "Krt/Log/LogSite.h"
 
+#include "testing/Raises.h"
 #include "testing/SelectionText.h"
 #include "testing/TemporaryDirectory.h"
 
@@ -113,6 +115,24 @@ TEST(Allocations, AreNotMadeByADisabledLogSite)
     EXPECT_EQ(
         AllocationsOf([] { KRT_LOG_FREE(Krt::MessageType::SelectionQuery, std::string(100, 'x').c_str()); }),
         0u);
+}
+
+struct Failing
+{
+    explicit Failing(bool asserts)
+    {
+        if (asserts)
+            KRT_ASSERT(false, "detail");
+        KRT_RAISE(Krt::ErrorCode::InvalidUse, "detail");
+    }
+};
+
+TEST(Allocations, OfAnAssertionThatIsNotLoggedAreThoseOfItsError)
+{
+    const auto ofError = [](bool asserts) {
+        return AllocationsOf([=] { Testing::CatchError([=] { Failing{asserts}; }); });
+    };
+    EXPECT_EQ(ofError(true), ofError(false));
 }
 
 // What a run of the work holds at once; the second one again.

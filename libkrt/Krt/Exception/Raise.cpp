@@ -59,10 +59,11 @@ void AbortRequiredCheck(const char* condition, const YStream& detail, unsigned i
     std::abort();
 }
 
-void FailAssertion(const YString& prefix, const char* condition, const YStream& detail, unsigned int line,
-                   const char* file, const char* function)
+void FailAssertion(const std::type_info& objectType, const char* condition, const YStream& detail,
+                   unsigned int line, const char* file, const char* function)
 {
-    KRT_LOG_WITH_PREFIX(MessageType::General, prefix, "Assertion failed for " << condition << "; " << detail);
+    KRT_LOG_WITH_PREFIX(MessageType::General, Log::Detail::PrefixOfClass(objectType),
+                        "Assertion failed for " << condition << "; " << detail);
     Debug::EnterDebugger();
     Raise(ExceptionType::General, MessageType::General, ErrorCode::InvalidUse, line, file, function, detail);
 }

@@ -7,10 +7,10 @@
 #pragma once
 
 #include "Krt/Exception/YError.h"
-#include "Krt/Log/LogPrefix.h"
 #include "Krt/Log/YStream.h"
 
 #include <cerrno>
+#include <typeinfo>
 
 namespace Krt::Exception {
 
@@ -30,8 +30,9 @@ namespace Krt::Exception {
                                                         unsigned int line, const char* file,
                                                         const char* function);
 
-/// Logs the failed assertion after `prefix`, calls the debugger and raises InvalidUse with the detail.
-[[noreturn, gnu::cold]] KRT_API void FailAssertion(const YString& prefix, const char* condition,
+/// Logs the failed assertion with the log prefix of `objectType`, calls the debugger and raises InvalidUse
+/// with the detail.
+[[noreturn, gnu::cold]] KRT_API void FailAssertion(const std::type_info& objectType, const char* condition,
                                                    const YStream& detail, unsigned int line, const char* file,
                                                    const char* function);
 
@@ -86,7 +87,7 @@ namespace Krt::Exception {
         if (!(condition)) [[unlikely]] {                                                                     \
             ::Krt::YStream krtDetail{::Krt::YString()};                                                      \
             static_cast<void>(krtDetail __VA_OPT__(<< __VA_ARGS__));                                         \
-            ::Krt::Exception::FailAssertion(::Krt::Log::GetLogPrefix(*this), "(" #condition ")", krtDetail,  \
-                                            __LINE__, __FILE__, __func__);                                   \
+            ::Krt::Exception::FailAssertion(typeid(*this), "(" #condition ")", krtDetail, __LINE__,          \
+                                            __FILE__, __func__);                                             \
         }                                                                                                    \
     } while (false)

@@ -22,7 +22,7 @@ void RaiseRange(const char* function)
 void RaiseEmpty(const IHeap& heap, const char* function)
 {
     const YStream detail{YString()};
-    Exception::FailAssertion(Log::GetLogPrefix(heap), "(Size() != 0)", detail, __LINE__, __FILE__, function);
+    Exception::FailAssertion(typeid(heap), "(Size() != 0)", detail, __LINE__, __FILE__, function);
 }
 
 } // namespace Detail
