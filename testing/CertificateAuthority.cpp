@@ -73,6 +73,12 @@ std::string Written(const std::function<int(BIO*)>& write)
     return {bytes, static_cast<std::size_t>(size)};
 }
 
+std::shared_ptr<EVP_PKEY> MakeKey(const CertificateForm& form)
+{
+    return {Made(form.rsaBits == 0 ? EVP_EC_gen("P-256") : EVP_RSA_gen(static_cast<unsigned>(form.rsaBits))),
+            &EVP_PKEY_free};
+}
+
 } // namespace
 
 CertificateForm ServerForm(const std::string& hostName)
@@ -99,19 +105,18 @@ CertificateForm AuthorityForm(const std::string& subject)
 
 Certificate Certificate::SelfSigned(const CertificateForm& form)
 {
-    return Certificate(form, nullptr);
+    return Certificate(form, nullptr, nullptr);
 }
 
-Certificate Certificate::Issue(const CertificateForm& form) const
+Certificate Certificate::Issue(const CertificateForm& form, const Certificate* keyOwner) const
 {
     CertificateForm issued = form;
     issued.extensions.try_emplace("authorityKeyIdentifier", "keyid");
-    return Certificate(issued, this);
+    return Certificate(issued, this, keyOwner);
 }
 
-Certificate::Certificate(const CertificateForm& form, const Certificate* issuer)
-    : m_key(Made(form.rsaBits == 0 ? EVP_EC_gen("P-256") : EVP_RSA_gen(static_cast<unsigned>(form.rsaBits))),
-            &EVP_PKEY_free),
+Certificate::Certificate(const CertificateForm& form, const Certificate* issuer, const Certificate* keyOwner)
+    : m_key(keyOwner == nullptr ? MakeKey(form) : keyOwner->m_key),
       m_certificate(Made(X509_new()), &X509_free)
 {
     static long s_serial = 0;

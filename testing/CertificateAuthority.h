@@ -39,7 +39,8 @@ class Certificate
 {
 public:
     static Certificate SelfSigned(const CertificateForm& form);
-    Certificate Issue(const CertificateForm& form) const;
+    /// Issues a certificate for a new key, or for the key of `keyOwner`.
+    Certificate Issue(const CertificateForm& form, const Certificate* keyOwner = nullptr) const;
 
     std::string Der() const;
     std::string Pem() const;
@@ -53,7 +54,7 @@ public:
                                const Extensions& entryExtensions = {}) const;
 
 private:
-    Certificate(const CertificateForm& form, const Certificate* issuer);
+    Certificate(const CertificateForm& form, const Certificate* issuer, const Certificate* keyOwner);
 
     std::shared_ptr<evp_pkey_st> m_key;
     std::shared_ptr<x509_st> m_certificate;

@@ -1,6 +1,7 @@
 #include "Backup/Core/OpenSSL.h"
 
 #include "Backup/Core/OpenSSL/EncodedObjects.h"
+#include "Backup/Core/OpenSSL/IssuerPaths.h"
 #include "Backup/Core/OpenSSL/Judgement.h"
 #include "Backup/Core/OpenSSL/RevocationLists.h"
 
@@ -92,8 +93,6 @@ Terms ReadTerms(const YString& host, const TrustOptions& options)
 }
 
 using FilePtr = std::unique_ptr<std::FILE, Freer<&std::fclose>>;
-using StackPtr =
-    std::unique_ptr<STACK_OF(X509), decltype([](STACK_OF(X509) * stack) { sk_X509_free(stack); })>;
 
 } // namespace
 
@@ -137,10 +136,10 @@ bool IsCertificateTrusted(const std::string& certificate, const std::vector<std:
         }
         std::move(more.begin(), more.end(), std::back_inserter(sent));
     }
-    const StackPtr above(sk_X509_new_null());
+    IssuerPath above;
     for (std::size_t i = 1; i < sent.size(); ++i)
-        RequireDone(sk_X509_push(above.get(), sent[i].get()) > 0);
-    return Judge(*sent.front(), above.get(), terms, told);
+        above.push_back(sent[i].get());
+    return Judge(*sent.front(), MakeStack(above).get(), terms, told);
 }
 
 bool IsCertificateTrusted(ssl_st* connection, const YString& host, const TrustOptions& options,

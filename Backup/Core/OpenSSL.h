@@ -56,12 +56,14 @@ struct TrustReport
     CertificateSummary server; ///< the server's certificate; empty if it can't be read
 };
 
-/// Whether the holder of the certificate's key is the server that was to be reached, for TLS. `chain` is what
-/// the server sent beside its certificate, in any order; certificates behind the first one of `certificate`
-/// join it. `host` is the name or IP address by which the server was reached: ASCII, so international names
-/// as A-labels; the brackets of an IPv6 address, its zone, and a name's last dot are left out. Never raises
-/// for what the server sent. Raises InvalidArgument for a host, pin, anchor, list or time that can't be one,
-/// and as ReadCertificateFile; CryptoFailure where OpenSSL can't work.
+/// Returns true if the holder of the certificate's key is the server to be reached, for TLS. `chain` contains
+/// the certificates that the server sent with its own, in any order; certificates after the first one of
+/// `certificate` are added to it. If the order sent does not lead to a trusted path, other orders are tried
+/// within a bound: at most 64 paths of 10 issuers each. `host` is the name or IP address by which the server
+/// was reached, in ASCII, with international names as A-labels. The brackets and zone of an IPv6 address and
+/// the trailing dot of a name are ignored. Never raises for what the server sent. Raises InvalidArgument for
+/// an unusable host, pin, anchor, list or time, the errors of ReadCertificateFile, and CryptoFailure if
+/// OpenSSL fails.
 BACKUP_API bool IsCertificateTrusted(const std::string& certificate, const std::vector<std::string>& chain,
                                      const Krt::YString& host, const TrustOptions& options = {},
                                      TrustReport* report = nullptr);

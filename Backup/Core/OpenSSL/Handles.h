@@ -26,6 +26,11 @@ struct BytesFreer
     void operator()(void* bytes) const { OPENSSL_free(bytes); }
 };
 
+struct StackFreer // the certificates are not owned
+{
+    void operator()(STACK_OF(X509) * stack) const { sk_X509_free(stack); }
+};
+
 using AddressPtr = std::unique_ptr<ASN1_OCTET_STRING, Freer<&ASN1_OCTET_STRING_free>>;
 using BioPtr = std::unique_ptr<BIO, Freer<&BIO_free>>;
 using BytesPtr = std::unique_ptr<void, BytesFreer>; // bytes that OpenSSL allocated
@@ -35,6 +40,7 @@ using ConstraintsPtr = std::unique_ptr<NAME_CONSTRAINTS, Freer<&NAME_CONSTRAINTS
 using ExtensionPtr = std::unique_ptr<X509_EXTENSION, Freer<&X509_EXTENSION_free>>;
 using NamesPtr = std::unique_ptr<GENERAL_NAMES, Freer<&GENERAL_NAMES_free>>;
 using RevocationListPtr = std::unique_ptr<X509_CRL, Freer<&X509_CRL_free>>;
+using StackPtr = std::unique_ptr<STACK_OF(X509), StackFreer>;
 using StorePtr = std::unique_ptr<X509_STORE, Freer<&X509_STORE_free>>;
 using TimePtr = std::unique_ptr<ASN1_TIME, Freer<&ASN1_TIME_free>>;
 

@@ -1,5 +1,6 @@
 #include "Backup/Core/OpenSSL/Judgement.h"
 
+#include "Backup/Core/OpenSSL/IssuerPaths.h"
 #include "Backup/Core/OpenSSL/RevocationLists.h"
 
 #include <algorithm>
@@ -178,12 +179,12 @@ void SetTerms(X509_STORE_CTX* context, const Terms& terms)
     X509_STORE_CTX_set_verify_cb(context, &OnFinding);
 }
 
-bool Verify(X509& server, STACK_OF(X509) * chain, const Terms& terms, TrustReport& report)
+bool VerifyPath(X509_STORE* store, X509& server, STACK_OF(X509) * presented, const Terms& terms,
+                TrustReport& report)
 {
-    const StorePtr store = MakeStore(server, terms);
     const ContextPtr context(X509_STORE_CTX_new());
     RequireDone(context != nullptr &&
-                X509_STORE_CTX_init(context.get(), store.get(), &server, terms.pin ? nullptr : chain) == 1);
+                X509_STORE_CTX_init(context.get(), store, &server, terms.pin ? nullptr : presented) == 1);
     SetTerms(context.get(), terms);
     if (X509_verify_cert(context.get()) == 1) {
         const int found = terms.pin
@@ -196,6 +197,26 @@ bool Verify(X509& server, STACK_OF(X509) * chain, const Terms& terms, TrustRepor
     return Refuse(report, X509_verify_cert_error_string(error),
                   std::max(X509_STORE_CTX_get_error_depth(context.get()), 0),
                   X509_STORE_CTX_get_current_cert(context.get()));
+}
+
+// Tries the presented certificates as they were sent. OpenSSL follows the first issuer that fits and does not
+// go back if its path fails, so other paths through them are tried next. A refusal keeps the first reason.
+bool Verify(X509& server, STACK_OF(X509) * presented, const Terms& terms, TrustReport& report)
+{
+    const StorePtr store = MakeStore(server, terms);
+    if (VerifyPath(store.get(), server, presented, terms, report))
+        return true;
+    if (terms.pin)
+        return false;
+    const std::vector<IssuerPath> paths = FindIssuerPaths(server, presented);
+    const bool isTrusted =
+        paths.size() > 1 && std::any_of(paths.begin(), paths.end(), [&](const IssuerPath& path) {
+            TrustReport ignored;
+            return VerifyPath(store.get(), server, MakeStack(path).get(), terms, ignored);
+        });
+    if (isTrusted)
+        report = TrustReport{{}, {}, -1, report.server};
+    return isTrusted;
 }
 
 } // namespace

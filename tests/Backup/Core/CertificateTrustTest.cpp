@@ -9,10 +9,12 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <utility>
 
 using namespace Backup::OpenSSL;
 using namespace Testing;
@@ -313,7 +315,64 @@ TEST(CertificateTrust, HostileSizesAndDepths)
              s.sent = issuer.Issue(s.serverForm).Pem();
          }),
          "certificate chain too long", 101, "CN=Middle"},
+        {"50 issuers of one name that each issued 50 of another, and the reverse", Present([](Scene& s) {
+             const Certificate other = s.middle->Issue(AuthorityForm("Other"));
+             s.chain.clear();
+             for (int i = 0; i < 50; ++i) {
+                 s.chain.push_back(other.Issue(s.middleForm, &*s.middle).Der());
+                 s.chain.push_back(s.middle->Issue(AuthorityForm("Other"), &other).Der());
+             }
+         }),
+         "unable to get local issuer certificate", 100, "CN=Other"},
     });
+}
+
+// In each row one path is right; the additional certificates lead into others, which are not.
+TEST(CertificateTrust, ChainInAnyOrderIsTrusted)
+{
+    using Chain = std::vector<Certificate>;
+    const Certificate stranger = Certificate::SelfSigned(AuthorityForm("Stranger"));
+    const auto middleWith = [](const Scene& s, const char* extension, const char* value) {
+        CertificateForm form = s.middleForm;
+        form.extensions[extension] = value;
+        return s.root->Issue(form, &*s.middle);
+    };
+    const std::pair<const char*, std::function<Chain(const Scene&)>> cases[] = {
+        {"cross-signed by an unknown root",
+         [&](const Scene& s) {
+             return Chain{stranger.Issue(s.middleForm, &*s.middle)};
+         }},
+        {"with both roots",
+         [&](const Scene& s) {
+             return Chain{stranger.Issue(s.middleForm, &*s.middle), stranger, *s.root};
+         }},
+        {"another purpose",
+         [&](const Scene& s) {
+             return Chain{middleWith(s, "extendedKeyUsage", "clientAuth")};
+         }},
+        {"excluded name, and the root cross-signed",
+         [&](const Scene& s) {
+             return Chain{middleWith(s, "nameConstraints", "critical,excluded;DNS:example"),
+                          stranger.Issue(s.rootForm, &*s.root)};
+         }},
+        {"another key with that identifier",
+         [&](const Scene& s) {
+             return Chain{s.root->Issue(s.middleForm)};
+         }},
+    };
+    for (const auto& [name, others] : cases) {
+        SCOPED_TRACE(name);
+        Scene scene;
+        scene.middleForm.extensions["subjectKeyIdentifier"] = "01:02:03";
+        ASSERT_TRUE(scene.Judge());
+        for (const Certificate& other : others(scene))
+            scene.chain.push_back(other.Der());
+        std::sort(scene.chain.begin(), scene.chain.end());
+        do {
+            EXPECT_TRUE(IsCertificateTrusted(scene.sent, scene.chain, Host, scene.options, &scene.report));
+            EXPECT_EQ(scene.report.reason.Bytes(), "");
+        } while (std::next_permutation(scene.chain.begin(), scene.chain.end()));
+    }
 }
 
 TEST(CertificateTrust, UnusableArgumentsRaise)
