@@ -1,8 +1,10 @@
 #include "testing/CertificateAuthority.h"
 
+#include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <openssl/param_build.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
@@ -73,8 +75,29 @@ std::string Written(const std::function<int(BIO*)>& write)
     return {bytes, static_cast<std::size_t>(size)};
 }
 
+// On a group of Diffie-Hellman's, since a group of its own takes seconds to generate.
+EVP_PKEY* MakeDsaKey()
+{
+    const std::shared_ptr<BIGNUM> prime(Made(BN_get_rfc3526_prime_2048(nullptr)), &BN_free);
+    const std::shared_ptr<BIGNUM> order(Made(BN_dup(prime.get())), &BN_free), four(Made(BN_new()), &BN_free);
+    Made(BN_rshift1(order.get(), order.get()) == 1 && BN_set_word(four.get(), 4) == 1);
+    const std::shared_ptr<OSSL_PARAM_BLD> builder(Made(OSSL_PARAM_BLD_new()), &OSSL_PARAM_BLD_free);
+    for (const auto& [name, number] : {std::pair("p", prime), {"q", order}, {"g", four}, {"pub", four}})
+        Made(OSSL_PARAM_BLD_push_BN(builder.get(), name, number.get()));
+    const std::shared_ptr<OSSL_PARAM> parameters(Made(OSSL_PARAM_BLD_to_param(builder.get())),
+                                                 &OSSL_PARAM_free);
+    const std::shared_ptr<EVP_PKEY_CTX> context(Made(EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr)),
+                                                &EVP_PKEY_CTX_free);
+    EVP_PKEY* key = nullptr;
+    Made(EVP_PKEY_fromdata_init(context.get()) == 1 &&
+         EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, parameters.get()) == 1);
+    return key;
+}
+
 std::shared_ptr<EVP_PKEY> MakeKey(const CertificateForm& form)
 {
+    if (form.isDsa)
+        return {MakeDsaKey(), &EVP_PKEY_free};
     return {Made(form.rsaBits == 0 ? EVP_EC_gen("P-256") : EVP_RSA_gen(static_cast<unsigned>(form.rsaBits))),
             &EVP_PKEY_free};
 }

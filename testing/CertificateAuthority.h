@@ -27,7 +27,8 @@ struct CertificateForm
     Extensions extensions;
     long long notBefore = JudgementTime - 1000;
     long long notAfter = JudgementTime + 1000;
-    int rsaBits = 0; ///< of the key; 0 for one on the curve P-256
+    int rsaBits = 0;    ///< of the key; 0 for one on the curve P-256
+    bool isDsa = false; ///< a DSA key of 2048 bits, which cannot sign
     const char* digest = "SHA256";
     long version = 3;
 };

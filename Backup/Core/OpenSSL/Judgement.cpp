@@ -2,6 +2,7 @@
 
 #include "Backup/Core/OpenSSL/IssuerPaths.h"
 #include "Backup/Core/OpenSSL/RevocationLists.h"
+#include "Backup/Core/OpenSSL/Strength.h"
 
 #include <algorithm>
 #include <cstring>
@@ -187,6 +188,14 @@ bool VerifyPath(X509_STORE* store, X509& server, STACK_OF(X509) * presented, con
                 X509_STORE_CTX_init(context.get(), store, &server, terms.pin ? nullptr : presented) == 1);
     SetTerms(context.get(), terms);
     if (X509_verify_cert(context.get()) == 1) {
+        const STACK_OF(X509)* const path = X509_STORE_CTX_get0_chain(context.get());
+        for (int i = 0; i < sk_X509_num(path); ++i) {
+            if (!HasAllowedKey(*sk_X509_value(path, i)))
+                return Refuse(report,
+                              X509_verify_cert_error_string(i == 0 ? X509_V_ERR_EE_KEY_TOO_SMALL
+                                                                   : X509_V_ERR_CA_KEY_TOO_SMALL),
+                              i, sk_X509_value(path, i));
+        }
         const int found = terms.pin
                               ? JudgePinnedByLists(server, terms)
                               : JudgeConstraints(X509_STORE_CTX_get0_chain(context.get()), terms.name.host);

@@ -160,6 +160,10 @@ TEST(CertificateTrust, Strength)
     Check({
         {"RSA of 2048 bits", Set(OfServer, Bits, 2048)},
         {"weak key", Set(OfServer, Bits, 1024), KeyTooWeak},
+        {"RSA of 2047 bits", Set(OfServer, Bits, 2047), KeyTooWeak},
+        {"RSA of 2047 bits of the issuer", Set(OfMiddle, Bits, 2047), authorityTooWeak, 1},
+        {"RSA of 2047 bits of the anchor", Set(OfRoot, Bits, 2047), authorityTooWeak, 2},
+        {"DSA", Set(OfServer, &CertificateForm::isDsa, true), KeyTooWeak},
         {"weak key of the issuer", Set(OfMiddle, Bits, 1024), authorityTooWeak, 1},
         {"weak key of the anchor", Set(OfRoot, Bits, 1024), authorityTooWeak, 2},
         {"weak signature", Set(OfServer, Digest, "SHA1"), SignatureTooWeak},
@@ -198,6 +202,7 @@ TEST(CertificateTrust, PinStandsForTheAnchorAlone)
         {"wrong name", pinned(Names({"other.example"})), WrongName},
         {"wrong purpose", pinned(Extend(OfServer, "extendedKeyUsage", "clientAuth")), WrongPurpose},
         {"weak key", pinned(Set(OfServer, &CertificateForm::rsaBits, 1024)), KeyTooWeak},
+        {"RSA of 2047 bits", pinned(Set(OfServer, &CertificateForm::rsaBits, 2047)), KeyTooWeak},
         {"weak signature", pinned(Set(OfServer, &CertificateForm::digest, "SHA1")), SignatureTooWeak},
         {"on the third list",
          lists({{Middle},
