@@ -122,8 +122,8 @@ LockRecord& YReadWriteMutexInternal::HeldRecord(unsigned int LockRecord::*levels
 {
     LockRecord* const record = LockRecordTable::Mine().Find(this);
     if (record == nullptr || record->*levels == 0) [[unlikely]] {
-        YStream detail{YString()};
-        detail << "Read/write lock released without being held by this thread" << Modifiers::EndLine;
+        // Like the mutex, without a flush.
+        const YStream detail(YString("Read/write lock released without being held by this thread\n"));
         Exception::AbortRequiredCheck("record->*levels", detail, __LINE__, __FILE__, __func__);
     }
     return *record;

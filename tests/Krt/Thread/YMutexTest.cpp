@@ -2,6 +2,7 @@
 
 #include "testing/OnThreads.h"
 
+#include "Krt/Signal/Context.h"
 #include "Krt/Thread/SpinLock.h"
 
 #include <boost/make_shared.hpp>
@@ -61,9 +62,21 @@ TEST(YMutex, LockNeedsNoMutex)
     other = YMutex().Lock();
 }
 
-TEST(YMutexDeathTest, UnlockOfAMutexThatIsNotHeldAborts)
+TEST(YMutexDeathTest, FailureOfAnyMutexAborts)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
+    struct Destroyed : YMutexInternalBase
+    {
+        Destroyed() { pthread_mutex_destroy(&m_mutex); }
+    };
+    EXPECT_DEATH(Destroyed().Lock(),
+                 "Abort due to required check: '!\\(error = pthread_mutex_lock\\(&m_mutex\\)\\)' "
+                 "Mutex lock error 22");
+    const auto unlockThatOfSignalsOnWrongThread = [] {
+        YMutex::YLock lock = Signal::Context::GetMutex();
+        std::thread([&] { lock = YMutex::YLock(); }).join();
+    };
+    EXPECT_DEATH(unlockThatOfSignalsOnWrongThread(), "Mutex unlock error 1");
     EXPECT_DEATH(YMutexInternalBase().Unlock(),
                  "Abort due to required check: '!\\(error = pthread_mutex_unlock\\(&m_mutex\\)\\)' "
                  "Mutex unlock error 1");

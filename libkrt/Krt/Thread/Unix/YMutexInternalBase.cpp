@@ -30,6 +30,16 @@ int ErrorOf(Call call)
     return error;
 }
 
+// The detail's line ends without a flush: that would fire the stream's signal, whose mutex may be the one
+// that has failed.
+[[noreturn, gnu::cold]] void AbortOnFailure(const char* condition, const char* text, int error,
+                                            unsigned int line, const char* function)
+{
+    YStream detail{YString()};
+    detail << text << error << '\n';
+    Exception::AbortRequiredCheck(condition, detail, line, __FILE__, function);
+}
+
 } // namespace
 
 YMutexInternalBase::YMutexInternalBase()
@@ -53,23 +63,17 @@ YMutexInternalBase::~YMutexInternalBase()
 void YMutexInternalBase::Lock()
 {
     const int error = pthread_mutex_lock(&m_mutex);
-    if (error != 0) [[unlikely]] {
-        YStream detail{YString()};
-        detail << "Mutex lock error " << error << Modifiers::EndLine;
-        Exception::AbortRequiredCheck("!(error = pthread_mutex_lock(&m_mutex))", detail, __LINE__, __FILE__,
-                                      __func__);
-    }
+    if (error != 0) [[unlikely]]
+        AbortOnFailure("!(error = pthread_mutex_lock(&m_mutex))", "Mutex lock error ", error, __LINE__,
+                       __func__);
 }
 
 void YMutexInternalBase::Unlock()
 {
     const int error = pthread_mutex_unlock(&m_mutex);
-    if (error != 0) [[unlikely]] {
-        YStream detail{YString()};
-        detail << "Mutex unlock error " << error << Modifiers::EndLine;
-        Exception::AbortRequiredCheck("!(error = pthread_mutex_unlock(&m_mutex))", detail, __LINE__, __FILE__,
-                                      __func__);
-    }
+    if (error != 0) [[unlikely]]
+        AbortOnFailure("!(error = pthread_mutex_unlock(&m_mutex))", "Mutex unlock error ", error, __LINE__,
+                       __func__);
 }
 
 } // namespace Krt::Thread
