@@ -40,14 +40,8 @@ public:
     std::atomic<bool> m_cancelRequested{false};
 
 private:
-    struct Entry
-    {
-        IRunnable* runnable;
-        bool running; // a request is calling it, without the lock
-    };
-
     static void* Main(void* impl);
-    std::vector<Entry>::iterator Find(const IRunnable* runnable);
+    bool IsCalled(IRunnable* runnable) const { return std::ranges::count(m_called, runnable) != 0; }
 
     std::mutex m_joinMutex;
     pthread_t m_handle{};
@@ -55,7 +49,8 @@ private:
 
     std::mutex m_stackMutex;
     std::condition_variable m_callEnded;
-    std::vector<Entry> m_stack;
+    std::vector<IRunnable*> m_stack;
+    std::vector<IRunnable*> m_called; // by requests, without the lock; each at most once
 };
 
 void* YThreadBase::Impl::Main(void* impl)
@@ -74,43 +69,34 @@ void YThreadBase::Impl::Join()
         pthread_join(m_handle, nullptr);
 }
 
-std::vector<YThreadBase::Impl::Entry>::iterator YThreadBase::Impl::Find(const IRunnable* runnable)
-{
-    return std::find_if(m_stack.begin(), m_stack.end(),
-                        [&](const Entry& entry) { return entry.runnable == runnable; });
-}
-
 void YThreadBase::Impl::Push(IRunnable* runnable)
 {
     const std::lock_guard<std::mutex> guard(m_stackMutex);
-    m_stack.push_back({runnable, false});
+    m_stack.push_back(runnable);
 }
 
 void YThreadBase::Impl::Pop(IRunnable* runnable)
 {
     std::unique_lock<std::mutex> guard(m_stackMutex);
-    m_callEnded.wait(guard, [&] {
-        const auto entry = Find(runnable);
-        return entry == m_stack.end() || !entry->running;
-    });
-    if (const auto entry = Find(runnable); entry != m_stack.end())
-        m_stack.erase(entry);
+    m_callEnded.wait(guard, [&] { return !IsCalled(runnable); });
+    if (const auto entry = std::find(m_stack.rbegin(), m_stack.rend(), runnable); entry != m_stack.rend())
+        m_stack.erase(std::next(entry).base());
 }
 
-// The function is called without the lock, since it may be anything; Pop waits for its end instead. A request
-// that comes while another one is calling the same function has nothing to add.
+// The function is called without the lock, since it may be anything; Pop waits for the end of the call
+// instead. A request that arrives during another request's call of the same runnable has nothing to add.
 void YThreadBase::Impl::RequestCancel()
 {
     m_cancelRequested.store(true);
     std::unique_lock<std::mutex> guard(m_stackMutex);
-    if (m_stack.empty() || m_stack.back().running)
+    if (m_stack.empty() || IsCalled(m_stack.back()))
         return;
-    IRunnable* const top = m_stack.back().runnable;
-    m_stack.back().running = true;
+    IRunnable* const top = m_stack.back();
+    m_called.push_back(top);
     guard.unlock();
     top->Run();
     guard.lock();
-    Find(top)->running = false;
+    std::erase(m_called, top);
     m_callEnded.notify_all();
 }
 

@@ -30,7 +30,8 @@ public:
     /// Whether somebody did. Any thread.
     bool IsCancelRequested() const;
 
-    /// The runnable must live until it is popped; called on the thread itself.
+    /// The runnable must live until it is popped, once for each push; called on the thread itself. A pop
+    /// takes its topmost place, after the end of a call by a request.
     void PushRunnable(IRunnable* runnable);
     void PopRunnable(IRunnable* runnable);
 

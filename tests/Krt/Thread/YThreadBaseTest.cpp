@@ -121,6 +121,27 @@ TEST(YThreadBase, RunnableIsNotPoppedWhileARequestCallsIt)
     thread.RequestCancel();
 }
 
+TEST(YThreadBase, RunnableIsPushedTwice)
+{
+    YThreadBase thread(
+        [] {
+            int first = 0, second = 0;
+            IRunnable twice([&] { ++first; }, ""), between([&] { ++second; }, "");
+            for (IRunnable* const runnable : {&twice, &between, &twice})
+                GetThread()->PushRunnable(runnable);
+            GetThread()->RequestCancel();
+            GetThread()->PopRunnable(&twice);
+            GetThread()->RequestCancel();
+            GetThread()->PopRunnable(&between);
+            GetThread()->RequestCancel();
+            GetThread()->PopRunnable(&twice);
+            GetThread()->RequestCancel();
+            EXPECT_EQ(first, 2);
+            EXPECT_EQ(second, 1);
+        },
+        "");
+}
+
 // For the thread checker: scopes come and go while requests arrive.
 TEST(YThreadBase, RequestsRaceWithScopes)
 {
