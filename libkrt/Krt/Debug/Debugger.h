@@ -5,7 +5,8 @@
 
 namespace Krt::Debug {
 
-/// Stops in an attached debugger; returns at once when there is none.
+/// Stops in an attached debugger by SIGTRAP. Returns at once if there is no debugger, also under a tracer
+/// that passes signals on, unless the program has a handler of its own for SIGTRAP.
 KRT_API void EnterDebugger();
 
 } // namespace Krt::Debug

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <mutex>
 #include <string_view>
 
 namespace Krt::Debug {
@@ -29,10 +30,22 @@ bool IsTraced()
 
 } // namespace
 
+// The kernel reports even an ignored signal to a tracer. A debugger stops there; another tracer, such as
+// strace, passes the signal on, and its default action would end the process.
 void EnterDebugger()
 {
-    if (IsTraced())
-        std::raise(SIGTRAP);
+    if (!IsTraced())
+        return;
+    static std::mutex s_mutex; // the action belongs to the whole process
+    const std::lock_guard<std::mutex> guard(s_mutex);
+    struct sigaction before = {};
+    sigaction(SIGTRAP, nullptr, &before);
+    const bool endsProcess = (before.sa_flags & SA_SIGINFO) == 0 && before.sa_handler == SIG_DFL;
+    if (endsProcess)
+        std::signal(SIGTRAP, SIG_IGN);
+    std::raise(SIGTRAP);
+    if (endsProcess)
+        sigaction(SIGTRAP, &before, nullptr);
 }
 
 } // namespace Krt::Debug
