@@ -16,11 +16,13 @@ namespace Testing {
 class RunningProgram
 {
 public:
-    /// The program runs when this returns.
-    explicit RunningProgram(const std::string& name)
+    /// The program runs when this returns, started through a symlink of the name `link` if there is one.
+    explicit RunningProgram(const std::string& name, const std::string& link = {})
     {
-        const std::string program = m_directory / name;
-        std::filesystem::copy_file("/bin/sleep", program);
+        const std::string program = m_directory / (link.empty() ? name : link);
+        std::filesystem::copy_file("/bin/sleep", m_directory / name);
+        if (!link.empty())
+            std::filesystem::create_symlink(name, program);
         int ready[2];
         EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
         m_child = fork();

@@ -23,8 +23,9 @@ KRT_API int ExecuteProcess(const File::YPath& program, const std::vector<YString
 KRT_API int ExecuteProcessElevated(const File::YPath& program, const std::vector<YString>& arguments,
                                    bool unattended);
 
-/// The id of a process with that name, which is its program's file name; NotFound if there is none. One that
-/// has ended and is still to be waited for doesn't count, the calling process only with `countsSelf`.
+/// The id of a process with that name, which is the file name of its program or script; NotFound if there is
+/// none. A shorter name than 15 bytes that the process gave its main thread counts, too. A process that has
+/// ended and is still to be waited for doesn't count, the calling process only with `countsSelf`.
 KRT_API int FindProcessByName(const YString& name, bool countsSelf);
 
 /// Does what ExecuteProcess is to do.

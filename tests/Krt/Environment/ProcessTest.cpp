@@ -90,13 +90,22 @@ TEST(ProcessTest, FindsRunningProgramsByTheirWholeName)
         const YString found(name.c_str());
         EXPECT_EQ(FindProcessByName(found, false), sleeper.Id());
         const YString cut(name.substr(0, name.size() - 1).c_str());
-        for (const YString& other : {cut, YString((name + "x").c_str())})
+        const YString cutByKernel(name.substr(0, std::min<std::size_t>(name.size() - 1, 15)).c_str());
+        for (const YString& other : {cut, cutByKernel, YString((name + "x").c_str())})
             EXPECT_RAISES(FindProcessByName(other, true), ErrorCode::NotFound, "FindProcessByName",
                           "No process is named " + other.Bytes());
         sleeper.Kill(WNOWAIT);
         EXPECT_RAISES(FindProcessByName(found, true), ErrorCode::NotFound, "FindProcessByName",
                       "No process is named " + name);
     }
+}
+
+TEST(ProcessTest, FindsProgramsWhoseMainThreadHasAnotherName)
+{
+    const std::string name = s_own + "-program", link = s_own + "-link";
+    const Testing::RunningProgram sleeper(name, link);
+    EXPECT_EQ(FindProcessByName(name.c_str(), false), sleeper.Id());
+    EXPECT_EQ(FindProcessByName(link.c_str(), false), sleeper.Id());
 }
 
 TEST(ProcessTest, CallingProcessCountsWhenAsked)

@@ -19,7 +19,7 @@ namespace Krt::Environment {
 
 namespace {
 
-// As long as a name gets in the kernel's tables.
+// The length to which the kernel cuts the name of a thread.
 constexpr std::size_t KernelNameBytes = 15;
 
 // Of /proc/PROCESS/FACT, what the beginning of a command line takes; nothing of a process that is gone.
@@ -34,20 +34,40 @@ std::string ReadFact(const std::string& process, const char* fact)
     return bytes;
 }
 
-// Whether the program or, for a script, what its interpreter was given bears the name.
-bool CommandLineNames(const std::string& process, std::string_view name)
+std::string_view FileName(std::string_view path)
+{
+    return path.substr(path.rfind('/') + 1);
+}
+
+// The file name of the program; empty if this user may not know it, and for a thread of the kernel.
+std::string ProgramName(const std::string& process)
+{
+    constexpr std::string_view Deleted = " (deleted)";
+    char path[PATH_MAX];
+    const ssize_t size = readlink(("/proc/" + process + "/exe").c_str(), path, sizeof path);
+    std::string_view name = FileName({path, size > 0 ? static_cast<std::size_t>(size) : 0});
+    if (name.ends_with(Deleted))
+        name.remove_suffix(Deleted.size());
+    return std::string(name);
+}
+
+// Whether one of the first `count` words of the command line ends with the name: the first names the program,
+// the second may be the script that an interpreter runs.
+bool CommandLineNames(const std::string& process, std::string_view name, int count)
 {
     const std::string line = ReadFact(process, "cmdline");
     std::string_view rest = line;
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < count; ++i) {
         const std::string_view argument = rest.substr(0, rest.find('\0'));
-        if (argument.substr(argument.rfind('/') + 1) == name)
+        if (FileName(argument) == name)
             return true;
         rest.remove_prefix(std::min(argument.size() + 1, rest.size()));
     }
     return false;
 }
 
+// The kernel's name is that of the main thread, at first the file name of the program or script as it was
+// called. It may be cut, and the process can change it.
 bool BearsName(const std::string& process, std::string_view name)
 {
     // "ID (NAME) STATE ...", where the name may hold blanks and parentheses.
@@ -58,9 +78,13 @@ bool BearsName(const std::string& process, std::string_view name)
         return false;
     const char state = status[close + 2];
     const std::string_view kernelName = std::string_view(status).substr(open + 1, close - open - 1);
-    if (state == 'Z' || state == 'X' || kernelName != name.substr(0, KernelNameBytes))
+    if (state == 'Z' || state == 'X')
         return false;
-    return name.size() <= KernelNameBytes || CommandLineNames(process, name);
+    const bool agrees = kernelName == name.substr(0, KernelNameBytes);
+    if (name.size() < KernelNameBytes && (agrees || name.empty()))
+        return agrees;
+    const std::string program = ProgramName(process);
+    return program == name || CommandLineNames(process, name, agrees ? 2 : program.empty() ? 1 : 0);
 }
 
 } // namespace
