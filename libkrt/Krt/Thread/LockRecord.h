@@ -35,9 +35,7 @@ struct alignas(64) LockRecord
 
     const YReadWriteMutexInternal* const lock;
     std::atomic<unsigned int> state{0};
-    // Levels in the order of their taking: reads, then from the first write on levels of either kind. So the
-    // last level always belongs to writeLevels if that isn't 0, and the lock is held for writing exactly
-    // then.
+    // The lock is held for writing exactly while writeLevels isn't 0, with or without read levels.
     unsigned int readLevels = 0;
     unsigned int writeLevels = 0;
 };
@@ -65,7 +63,7 @@ public:
         if (record == nullptr) [[unlikely]]
             return false;
         if (record->readLevels + record->writeLevels != 0) {
-            ++(record->writeLevels != 0 ? record->writeLevels : record->readLevels);
+            ++record->readLevels;
             return true;
         }
         // Fails for the record of an earlier lock at this address, too: it has LockGone.
@@ -77,14 +75,14 @@ public:
         ++heldLocks;
         return true;
     }
-    /// Gives the last level back if it is one that reads, and that needs no look at the lock either. The
-    /// lock may be gone afterwards.
+    /// Gives a read level back if there is one, and that needs no look at the lock either. The lock may be
+    /// gone afterwards.
     bool GiveReadLevel(const YReadWriteMutexInternal* lock) noexcept
     {
         LockRecord* const record = Find(lock);
-        if (record == nullptr || record->readLevels == 0 || record->writeLevels != 0) [[unlikely]]
+        if (record == nullptr || record->readLevels == 0) [[unlikely]]
             return false;
-        if (record->readLevels == 1) {
+        if (record->readLevels == 1 && record->writeLevels == 0) {
             unsigned int held = LockRecord::Held;
             if (!record->state.compare_exchange_strong(held, 0, std::memory_order_release,
                                                        std::memory_order_relaxed)) [[unlikely]]

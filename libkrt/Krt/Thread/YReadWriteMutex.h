@@ -14,7 +14,9 @@ namespace Krt::Thread {
 class KRT_API YReadWriteMutex
 {
 public:
-    /// A held lock; movable. Whether it reads or writes is known by the thread's record, not by the lock.
+    /// A held level; movable. It doesn't know its kind: whichever lock of a thread is released, the thread's
+    /// read levels go first, and its write levels last. A thread that writes excludes others until it has no
+    /// level.
     class KRT_API YLock
     {
     public:
@@ -22,7 +24,7 @@ public:
         YLock(YLock&& other) noexcept;
         YLock& operator=(YLock&& other) noexcept;
         ~YLock() { Release(); }
-        /// Gives the level back; a second call does nothing. On the thread that took it, last taken first.
+        /// Gives a level back; a second call does nothing. On the thread that took it, in any order.
         void Release() noexcept
         {
             if (!m_internal)

@@ -33,17 +33,17 @@ public:
     /// The same for writing. A reader waits for the other readers to leave; false at once if another reader
     /// waits for that already, since neither would ever get it.
     bool WriteLock(const Time::YDuration& timeout);
-    /// Gives the caller's last level back.
+    /// Gives back a level of the kind, which the caller holds.
     void ReadUnlock();
     void WriteUnlock();
     /// Takes this many levels without a limit of time; the caller holds none.
     void ReadFastForward(unsigned int levels);
     void WriteFastForward(unsigned int levels);
-    /// Whether the caller's last level reads. A read level taken while writing counts as one that writes.
+    /// Whether the caller holds a read level, with or without levels that write.
     bool IsReadLockedByMe() const
     {
         const LockRecord* const record = LockRecordTable::Mine().Find(this);
-        return record != nullptr && record->readLevels != 0 && record->writeLevels == 0;
+        return record != nullptr && record->readLevels != 0;
     }
     /// Gives up all levels of the caller and stores how many, as readers' or as writers' ones; the result is
     /// a share that keeps the lock meanwhile.

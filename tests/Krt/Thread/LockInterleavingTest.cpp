@@ -39,9 +39,9 @@ TEST(LockInterleaving, EachStepEndsAsItMust)
         {"newcomer nests beside the waiting writer", "Ar. Bwz Cr. Cr. A-. C-. C-. B*. B-."},
         {"second upgrader is refused, first one served", "Ar. Br. Awz Bwx B-. A*. A-. A-."},
         {"second upgrader may still nest", "Ar. Br. Awz Br. B-. B-. A*. A-. A-."},
-        {"upgrade can be had again", "Ar. Br. Awz Bwx B-. A*. Brz A-. B*. A-. Bw. B-. B-."},
+        {"upgrade can be had again", "Ar. Br. Awz Bwx B-. A*. Brz A-. A-. B*. Bw. B-. B-."},
         {"writer reads on while others wait", "Aw. Brz Ar. Aw. A-. A-. A-. B*. B-."},
-        {"upgraded writer leaves its read level", "Ar. Aw. Brz A-. B*. Bwz A-. B*. B-. B-."},
+        {"upgraded writer excludes to its last level", "Ar. Aw. Brz A-. B*z A-. B*. Bw. B-. B-."},
         {"writers take turns", "Aw. Bwz A-. B*. Awz B-. A*. A-."},
         {"all waiting readers come in", "Aw. Brz Crz A-. B*. C*. Awz B-. C-. A*. A-."},
     };

@@ -48,28 +48,33 @@ Lock Take(const YReadWriteMutex& mutex, char kind)
     return kind == 'W' ? mutex.WriteLock(Forever) : mutex.ReadLock(Forever);
 }
 
-TEST(YReadWriteMutex, EachLevelIsGivenBackAsTheKindItWasTaken)
+TEST(YReadWriteMutex, ExclusionLastsFromTheFirstWriteLevelToTheLastLevel)
 {
     const struct
     {
         const char* name;
         std::string taken;
-        std::string othersTake; // before the first level, and behind each
+        std::string othersTake; // before the first level, and after each
+        std::string othersTakeBack;
     } rows[] = {
-        {"read twice", "RR", "WRR"},          {"write twice", "WW", "W--"},
-        {"read inside write", "WR", "W--"},   {"write inside read", "RW", "WR-"},
-        {"alternating", "RRWRWR", "WRR----"},
+        {"read twice", "RR", "WRR", "WRR"},
+        {"write twice", "WW", "W--", "W--"},
+        {"read inside write", "WR", "W--", "W--"},
+        {"write inside read", "RW", "WR-", "W--"},
+        {"alternating", "RRWRWR", "WRR----", "W------"},
     };
-    for (const auto& row : rows) {
+    for (int i = 0; i < 2 * static_cast<int>(std::size(rows)); ++i) {
+        const auto& row = rows[i / 2];
+        const bool lastFirst = i % 2 == 0;
         const YReadWriteMutex mutex;
         std::vector<Lock> locks;
         for (const char kind : row.taken) {
             EXPECT_EQ(OthersTake(mutex), row.othersTake[locks.size()]) << row.name << locks.size();
             locks.push_back(Take(mutex, kind));
         }
-        for (; !locks.empty(); locks.pop_back())
-            EXPECT_EQ(OthersTake(mutex), row.othersTake[locks.size()])
-                << row.name << " back " << locks.size();
+        for (; !locks.empty(); locks.erase(lastFirst ? locks.end() - 1 : locks.begin()))
+            EXPECT_EQ(OthersTake(mutex), row.othersTakeBack[locks.size()])
+                << row.name << " back " << lastFirst << locks.size();
         EXPECT_EQ(OthersTake(mutex), 'W') << row.name;
     }
 }
