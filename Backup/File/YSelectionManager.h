@@ -140,8 +140,9 @@ private:
     // The errors of all sources of this class report one source path, so they are raised in one file.
     [[noreturn, gnu::cold]] static void RaiseError(const char* function, unsigned int code,
                                                    const YString& text);
-    // The directories above a path at which its rules may stand, top first.
-    static std::vector<Krt::File::YPath> AncestorsOf(const Krt::File::YPath& path);
+    // Visits the rules at each directory above the path, top first. An ancestor without a node counts as the
+    // nearest one above it with a node, which is visited again.
+    void VisitRulesAbove(const Krt::File::YPath& path, const RuleVisitor& visitor) const;
     // The deepest node that exists, and how many components lead to it.
     std::pair<YSelectionManagerNode*, std::size_t> FindDeepest(std::span<const YString> components) const;
     static YSelectionManagerNode& MakeNode(YSelectionManagerNode& above, std::span<const YString> components);

@@ -80,16 +80,11 @@ void YSelectionManager::CopyDescriptorsFromPathInternal(const YSelectionManager&
         RaiseError(__func__, ErrorCode::InvalidArgument,
                    "Cannot recursively copy descriptors from parent to child");
     const YPath sourceParent = sourcePath.GetParent();
-    for (const YPath& ancestor : AncestorsOf(sourcePath)) {
-        source.VisitPathsAndDescriptors(
-            ancestor,
-            [&](const YPath& place, const YSelectionDescriptor& rule) {
-                if (copyExcludes || !rule.IsExclude())
-                    AddCopyFromAbove(rule, place == sourceParent, sourcePath, destinationPath);
-                return false;
-            },
-            false);
-    }
+    source.VisitRulesAbove(sourcePath, [&](const YPath& place, const YSelectionDescriptor& rule) {
+        if (copyExcludes || !rule.IsExclude())
+            AddCopyFromAbove(rule, place == sourceParent, sourcePath, destinationPath);
+        return false;
+    });
     source.VisitPathsAndDescriptors(
         sourcePath,
         [&](const YPath& place, const YSelectionDescriptor& rule) {

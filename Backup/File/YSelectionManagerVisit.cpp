@@ -161,37 +161,34 @@ void YSelectionManager::GetVolumes(Krt::Container::YSet<YPath>& volumes) const
         volumes.Insert(top.GetVolume());
 }
 
-std::vector<YPath> YSelectionManager::AncestorsOf(const YPath& path)
+// Of a deep path all ancestors together would take memory that grows with the square of its depth. Each one
+// is the beginning of the path, so that its length is enough.
+void YSelectionManager::VisitRulesAbove(const YPath& path, const RuleVisitor& visitor) const
 {
     const auto isTop = [](const YPath& candidate) {
         return candidate.IsEmpty() || candidate == "/" || candidate.RemoveVolume().IsEmpty();
     };
-    std::vector<YPath> ancestors;
-    if (!isTop(path)) {
-        YPath current = path.RemoveFile();
-        for (; !isTop(current); current = current.RemoveFile())
-            ancestors.push_back(current);
-        ancestors.push_back(current);
+    std::vector<std::size_t> lengths;
+    for (YPath current = path; !isTop(current);) {
+        current = current.RemoveFile();
+        lengths.push_back(current.Bytes().size());
     }
-    ancestors.push_back(YPath());
-    std::reverse(ancestors.begin(), ancestors.end());
-    return ancestors;
+    lengths.push_back(0); // the empty path too, whatever the top is
+    for (auto length = lengths.rbegin(); length != lengths.rend(); ++length) {
+        const YPath ancestor(YString(std::string_view(path.Bytes()).substr(0, *length)));
+        VisitPathsAndDescriptors(ancestor, visitor, false);
+    }
 }
 
 std::set<YSelectionPathDescriptor> YSelectionManager::GetSelections(const YPath& path) const
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
     std::set<YSelectionPathDescriptor> selections;
-    for (const YPath& ancestor : AncestorsOf(path)) {
-        VisitPathsAndDescriptors(
-            ancestor,
-            [&](const YPath& place, const YSelectionDescriptor& rule) {
-                if (rule.IsRecursive())
-                    selections.insert(YSelectionPathDescriptor(place, rule));
-                return false;
-            },
-            false);
-    }
+    VisitRulesAbove(path, [&](const YPath& place, const YSelectionDescriptor& rule) {
+        if (rule.IsRecursive())
+            selections.insert(YSelectionPathDescriptor(place, rule));
+        return false;
+    });
     VisitPathsAndDescriptors(
         path,
         [&](const YPath& place, const YSelectionDescriptor& rule) {

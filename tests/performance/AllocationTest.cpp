@@ -157,4 +157,19 @@ TEST(Allocations, OfAJobHoldNoTextBesideItsRules)
     EXPECT_LT(MostHeldBy([&] { Agent::LoadJob(file, {}); }), fromText + text.size());
 }
 
+TEST(Allocations, OfTheRulesAboveAPathGrowWithItsDepth)
+{
+    const auto tree = Testing::Tree("exclude / recursive exact=a");
+    const auto gather = [&](int depth) {
+        std::string text;
+        for (int level = 0; level < depth; ++level)
+            text += "/d";
+        return MostHeldBy([&, path = Krt::File::YPath(text.c_str())] {
+            EXPECT_EQ(tree.GetSelections(path).size(), 1u);
+            Backup::File::YSelectionManager().CopyDescriptorsFromPath(tree, path, "/copy");
+        });
+    };
+    EXPECT_LT(gather(600), 3 * gather(300));
+}
+
 } // namespace
