@@ -78,25 +78,34 @@ public:
     std::pair<YSelectionManagerNode*, bool> FindNode(const Components& components, bool throwIfMissing) const;
 
     /// What to do with the entry at the path. Includes are matched against the last component alone, excludes
-    /// against every component. Raises InvalidArgument for the root, about which there are no rules; so do
-    /// all operations down to IsAnyExplicitSelectionBelowComponent.
+    /// against every component. Raises InvalidArgument for the root, about which there are no rules.
     SelectionType GetPathSelectionType(const Krt::File::YPath& path) const;
-    /// Whether that answer is Include; Include or "go on"; either of these; neither; Exclude.
+    // Questions about that answer, which raise InvalidArgument for the root.
+
+    /// Whether the answer is Include.
     bool IsPathSelected(const Krt::File::YPath& path) const;
+    /// Whether the answer is Include or NotSelectedDoRecurse.
     bool IsPathSelectedOrSelectionParent(const Krt::File::YPath& path) const;
     bool ShouldEnumeratePath(const Krt::File::YPath& path) const;
+    /// Whether the answer is NotSelectedDoNotRecurse or NotSelectedDoRecurse.
     bool IsPathNotSelected(const Krt::File::YPath& path) const;
+    /// Whether the answer is Exclude.
     bool IsPathExcluded(const Krt::File::YPath& path) const;
 
-    /// The questions that make up the answer, for callers that have the components.
+    // The questions that make up the answer, for callers that have the components.
+
+    /// Whether an include matches the last component. Raises InvalidArgument for the root.
     bool PathMatchesInclude(const Components& components) const;
-    /// `reportable` means something only beside true.
+    /// Whether an exclude matches a component and is not overridden; false for the root. `reportable` is
+    /// meaningful only if the answer is true.
     bool PathMatchesExclude(const Components& components, bool& reportable) const;
-    /// Whether silent excludes stand at the path that cover all names, and no reporting one does.
+    /// Whether the path, which may be the root, has silent excludes that cover all names and no reporting one
+    /// that does.
     bool AllChildrenOfPathAreExcludedNotReportably(const Components& components) const;
-    /// Whether something below the path may be included.
+    /// Whether something below the path may be included. Raises InvalidArgument for the root.
     bool AnyIncludesApplyBelowPath(const Components& components) const;
-    /// Whether the path is selected explicitly at the component of this index or a later one.
+    /// Whether the path is selected explicitly at the component of this index or a later one. Raises
+    /// InvalidArgument for the root, and for an index beyond the last component.
     bool IsAnyExplicitSelectionBelowComponent(const Components& components,
                                               unsigned long long atOrBelowIndex) const;
 

@@ -26,6 +26,9 @@ TEST(YSelectionManagerQuery, HasNoAnswerAboutTheRoot)
     EXPECT_RAISES(tree.IsAnyExplicitSelectionBelowComponent({"a", "b"}, 2), ErrorCode::InvalidArgument,
                   "IsAnyExplicitSelectionBelowComponent",
                   "atOrBelowIndex out of range atOrBelowIndex: 2 path: ab");
+    bool reportable = true;
+    EXPECT_FALSE(tree.PathMatchesExclude({}, reportable));
+    EXPECT_TRUE(Tree("silent / any").AllChildrenOfPathAreExcludedNotReportably({}));
 }
 
 // The third recursive rule above an unchanged branch is the first that doesn't walk it.
