@@ -193,7 +193,8 @@ std::string Certificate::KeyHash() const
 }
 
 std::string Certificate::RevocationList(const std::vector<Certificate>& revoked, long long nextUpdate,
-                                        const Extensions& extensions, const Extensions& entryExtensions) const
+                                        const Extensions& extensions, const Extensions& entryExtensions,
+                                        const char* digest) const
 {
     const std::shared_ptr<X509_CRL> list(Made(X509_CRL_new()), &X509_CRL_free);
     const std::shared_ptr<ASN1_TIME> start(Made(ASN1_TIME_set(nullptr, JudgementTime - 2000)),
@@ -218,7 +219,7 @@ std::string Certificate::RevocationList(const std::vector<Certificate>& revoked,
     all.try_emplace("authorityKeyIdentifier", "keyid");
     AddExtensions(all, context,
                   [&](X509_EXTENSION* extension) { return X509_CRL_add_ext(list.get(), extension, -1); });
-    Made(X509_CRL_sign(list.get(), m_key.get(), EVP_sha256()));
+    Made(X509_CRL_sign(list.get(), m_key.get(), EVP_get_digestbyname(digest)));
     return Written([&](BIO* output) { return PEM_write_bio_X509_CRL(output, list.get()); });
 }
 

@@ -52,7 +52,7 @@ public:
     /// PEM, of this issuer. The last extensions are those of each entry.
     std::string RevocationList(const std::vector<Certificate>& revoked,
                                long long nextUpdate = JudgementTime + 1000, const Extensions& extensions = {},
-                               const Extensions& entryExtensions = {}) const;
+                               const Extensions& entryExtensions = {}, const char* digest = "SHA256") const;
 
 private:
     Certificate(const CertificateForm& form, const Certificate* issuer, const Certificate* keyOwner);

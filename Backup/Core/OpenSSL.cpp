@@ -85,6 +85,9 @@ Terms ReadTerms(const YString& host, const TrustOptions& options)
             KRT_RAISE_AS(TrustFunction, MessageType::General, ErrorCode::InvalidArgument,
                          "A revocation list is a delta, indirect, for some reasons alone, or has an unknown "
                          "critical extension; give the complete list of its issuer");
+        if (!HasAllowedSignature(*list))
+            KRT_RAISE_AS(TrustFunction, MessageType::General, ErrorCode::InvalidArgument,
+                         "The signature algorithm of a revocation list is too weak or unknown");
     }
     if (terms.pin && !terms.anchors.empty())
         KRT_RAISE_AS(TrustFunction, MessageType::General, ErrorCode::InvalidArgument,

@@ -30,9 +30,9 @@ struct TrustOptions
     Krt::YString pinnedKey;
     /// The time of judgement, in seconds since 1970, of a year from 0 to 9999; now if there is none.
     std::optional<long long> time;
-    /// With any given, there must be one of the issuer of the server's certificate; the same holds for the
-    /// certificates above it whose issuers have any. Only lists that are complete for
-    /// what they cover will do: no deltas, none for other issuers or for some reasons alone.
+    /// If any list is given, a valid one of the issuer of the server's certificate is required. A certificate
+    /// above it needs one if there is a list under its issuer's name. Only complete lists are accepted: no
+    /// deltas, no indirect lists and no lists for some reasons alone. They are signed with SHA-2 or SHA-3.
     std::vector<std::string> revocationLists;
 };
 

@@ -12,9 +12,7 @@ namespace Backup::OpenSSL {
 
 namespace {
 
-// OpenSSL's level 2, and the bits of security that it asks for.
-constexpr int SecurityLevel = 2;
-constexpr int SecurityBits = 112;
+constexpr int SecurityLevel = 2; // of OpenSSL: 112 bits
 
 bool Refuse(TrustReport& report, const char* reason, int depth, const X509* offender)
 {
@@ -60,13 +58,6 @@ bool HasBadAlternativeName(const X509& certificate)
     return false;
 }
 
-bool HasStrongSignature(X509& certificate)
-{
-    int bits = 0;
-    return X509_get_signature_info(&certificate, nullptr, nullptr, &bits, nullptr) == 1 &&
-           bits >= SecurityBits;
-}
-
 // Why the server's certificate isn't to be trusted whoever issued it, or null.
 const char* FindFault(X509& server, const Terms& terms)
 {
@@ -78,7 +69,7 @@ const char* FindFault(X509& server, const Terms& terms)
     if (terms.pin && HashKey(server) != *terms.pin)
         return "the public key is not the pinned one";
     // OpenSSL takes an anchor's signature for granted, also if the anchor is the server's own certificate.
-    if (!HasStrongSignature(server))
+    if (!IsAllowedSignature(*X509_get0_tbs_sigalg(&server)))
         return "the certificate's signature algorithm is too weak or unknown";
     return nullptr;
 }

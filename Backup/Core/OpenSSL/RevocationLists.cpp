@@ -1,5 +1,7 @@
 #include "Backup/Core/OpenSSL/RevocationLists.h"
 
+#include "Backup/Core/OpenSSL/Strength.h"
+
 namespace Backup::OpenSSL {
 
 namespace {
@@ -49,6 +51,13 @@ int JudgeTimes(const X509_CRL& list, std::time_t now)
 bool IsUsable(X509_CRL& list)
 {
     return !HasExtension(list, NID_delta_crl) && !HasUnknownCriticalExtension(list) && HasUsableScope(list);
+}
+
+bool HasAllowedSignature(const X509_CRL& list)
+{
+    const X509_ALGOR* algorithm = nullptr;
+    X509_CRL_get0_signature(&list, nullptr, &algorithm);
+    return IsAllowedSignature(*algorithm);
 }
 
 int FindInLists(X509& certificate, const std::vector<RevocationListPtr>& lists, std::time_t now)

@@ -12,6 +12,9 @@ namespace Backup::OpenSSL {
 /// lists for other issuers or for some reasons alone, lists with critical extensions that it doesn't know.
 bool IsUsable(X509_CRL& list);
 
+/// Returns true if the list's signature algorithm is strong enough, which OpenSSL does not check.
+bool HasAllowedSignature(const X509_CRL& list);
+
 /// OpenSSL's code for what the lists say of a certificate whose issuer is not at hand: they count as they
 /// were supplied, since nothing is there to check their signatures by. X509_V_OK takes a list of all
 /// certificates of the issuer that is valid at that time.

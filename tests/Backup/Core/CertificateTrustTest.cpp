@@ -426,6 +426,13 @@ TEST(CertificateTrust, UnusableArgumentsRaise)
         refuses("A revocation list is a delta, indirect, for some reasons alone, or has an unknown critical "
                 "extension; give the complete list of its issuer");
     }
+    CertificateForm signerForm = AuthorityForm("Signer");
+    signerForm.rsaBits = 2048;
+    const Certificate signer = Certificate::SelfSigned(signerForm);
+    for (const char* const digest : {"MD5", "SHA1"}) {
+        options.revocationLists = {signer.RevocationList({}, Now + 1, {}, {}, digest)};
+        refuses("The signature algorithm of a revocation list is too weak or unknown");
+    }
     options.revocationLists = {scene.sent};
     refuses("No revocation list can be read from the bytes given");
     for (const long long time : {-62167219201, 253402300800}) {
