@@ -33,11 +33,11 @@ private:
 
     CLI::Option* m_server = nullptr;
     CLI::Option* m_name = nullptr;
+    CLI::Option* m_lists = nullptr;
     std::string m_certificate;
     std::string m_chain;
     std::string m_anchors;
     std::string m_pin;
-    std::string m_lists;
     std::string m_time;
     unsigned int m_timeout = 10;
 };
@@ -64,7 +64,12 @@ CLI::App* TrustCommand::Register(CLI::App& program)
     command->add_option("--pin", m_pin, "SHA-256 of the server's public key; stands for the authorities")
         ->type_name("SHA256")
         ->excludes(anchors);
-    command->add_option("--crl", m_lists, "Revocation lists of the authorities")->type_name("FILE");
+    m_lists =
+        AddPathArguments(*command, "Check these revocation lists of the authorities; repeatable", "--crl")
+            ->type_name("FILE")
+            ->expected(1)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+            ->allow_extra_args(false);
     command->add_option("--at", m_time, "Judge as of this time, such as 2001-02-03T04:05:06Z")
         ->type_name("TIME");
     command->add_option("--timeout", m_timeout, "Seconds for reaching the server")
@@ -106,8 +111,8 @@ TrustOptions TrustCommand::Options() const
     options.pinnedKey = YString(m_pin.c_str());
     if (!m_time.empty())
         options.time = ParseTime(m_time);
-    if (!m_lists.empty())
-        options.revocationLists.push_back(ReadCertificateFile(m_lists.c_str()));
+    for (const std::string& file : PathsOf(m_lists))
+        options.revocationLists.push_back(ReadCertificateFile(file.c_str()));
     return options;
 }
 

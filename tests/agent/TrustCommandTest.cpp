@@ -72,6 +72,8 @@ TEST_F(TrustCommand, JudgesFiles)
 {
     directory.Write("server.der", server.Der());
     directory.Write("list", middle.RevocationList({server}));
+    directory.Write("empty", middle.RevocationList({}));
+    directory.Write("[a,b]", root.RevocationList({middle}));
     const std::string host = " --name backup.example", cert = "--cert server.der", named = cert + host;
     Check({
         {"trusted", named + " --chain chain --anchors root" + at, 0, good},
@@ -80,6 +82,9 @@ TEST_F(TrustCommand, JudgesFiles)
          "not trusted: certificate is not yet valid\n  subject"},
         {"revoked", named + " --chain chain --anchors root --crl list" + at, 4,
          "not trusted: certificate revoked\n"},
+        {"issuer revoked by the second list",
+         named + " --crl empty --chain chain --crl [a,b] --anchors root" + at, 4,
+         "not trusted: certificate revoked\n  found in  CN=Middle\n"},
         {"the issuer is the reason", named + " --chain chain" + at, 4,
          "not trusted: unable to get local issuer certificate\n  found in  CN=Middle\n  subject"},
         {"address in brackets", cert + pin + " --name [::1]" + at, 4, "not trusted: IP address mismatch\n"},
