@@ -26,16 +26,6 @@ constexpr std::size_t MaxOpenLevels = 64;
 
 } // namespace
 
-struct Walker::Level
-{
-    YPath path;
-    std::optional<YDirectory> directory; // closed while more than MaxOpenLevels stand below
-    dev_t device;                        // of the closed directory
-    ino_t inode;
-    NameList names;
-    std::size_t next = 0;
-};
-
 bool WalkedEntry::IsDirectory() const
 {
     if (!m_status && m_listedType != DT_UNKNOWN)

@@ -4,6 +4,8 @@
 // way down are held, and a bounded number of descriptors.
 #pragma once
 
+#include "agent/Walk/NameList.h"
+
 #include "Backup/File/YSelectionManager.h"
 
 #include "Krt/File/YDirectory.h"
@@ -85,7 +87,15 @@ public:
     void Run();
 
 private:
-    struct Level;
+    struct Level
+    {
+        Krt::File::YPath path;
+        std::optional<Krt::File::YDirectory> directory; // closed while too many are open below
+        dev_t device;                                   // of the closed directory
+        ino_t inode;
+        NameList names;
+        std::size_t next = 0;
+    };
 
     bool IsSkipped(const struct stat& directory) const;
     bool LiesInSkipped(const Krt::File::YPath& root) const;
