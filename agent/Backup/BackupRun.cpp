@@ -83,7 +83,8 @@ void BackupRun::Capture(const WalkedEntry& entry, const struct stat& status,
     metadata.StringifyTo(m_record);
     EntryFacts facts;
     if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))
-        facts.device = DeviceNumbers{major(status.st_rdev), minor(status.st_rdev)};
+        facts.device = DeviceNumbers{static_cast<unsigned int>(major(status.st_rdev)),
+                                     static_cast<unsigned int>(minor(status.st_rdev))};
     if (S_ISLNK(status.st_mode)) {
         YString target = entry.parent.ReadSymbolicLink(entry.name);
         if (target != metadata.GetSymbolicLinkTarget())
