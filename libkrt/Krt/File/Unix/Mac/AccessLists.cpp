@@ -2,6 +2,7 @@
 #include "Krt/File/Unix/Descriptor.h"
 #include "Krt/Util/Retry.h"
 
+#include <fcntl.h>
 #include <sys/acl.h>
 #include <sys/stat.h>
 
