@@ -17,7 +17,8 @@ if(APPLE)
 endif()
 set(KRT_PRIVATE_HEADERS
   Environment/Unix/ Exception/OsErrorName.h Exception/Unix/ File/Unix/ JSON/ValueBlock.h Log/YLogContext.h
-  Profile/Unix/ String/Ascii.h Thread/Unix/NativeThread.h Thread/YReadWriteMutexInternal.h)
+  Profile/Unix/ String/Ascii.h Thread/Unix/NativeThread.h Thread/YReadWriteMutexInternal.h
+  Volume/Unix/)
 function(backup_install_headers root folder)
   file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${root}" "${root}/${folder}/*.h" "${root}/${folder}/*.inl")
   foreach(private IN LISTS ARGN)
