@@ -1,5 +1,6 @@
 // MountBench [--quick]: listing a mount table, in nanoseconds an entry and as a multiple of a loop that calls
-// getmntent_r and keeps nothing, with which it takes turns.
+// getmntent_r and keeps nothing, with which it takes turns; and rebuilding the list of volumes, in seconds.
+#include "Backup/Volume/Unix/YVolumeManager.h"
 #include "Krt/Volume/MountTable.h"
 #include "bench/Measure.h"
 
@@ -15,24 +16,34 @@ namespace {
 constexpr int Rounds = 9;
 
 // As a machine with containers has them: devices, layers with long options, file systems without a device.
+void WriteMixed(FILE* file, int entries)
+{
+    for (int i = 0; i < entries; ++i) {
+        if (i % 3 == 0)
+            std::fprintf(file, "/dev/mapper/group-volume%d /srv/data\\040%d ext4 rw,relatime 0 0\n", i, i);
+        else if (i % 3 == 1)
+            std::fprintf(file, "overlay /var/lib/containers/%d/merged overlay rw,relatime,lowerdir=%s 0 0\n",
+                         i, std::string(200, 'l').c_str());
+        else
+            std::fprintf(file, "tmpfs /run/user/%d tmpfs rw,nosuid,nodev,size=1611404k,mode=700 0 0\n", i);
+    }
+}
+
+// Bind mounts of the root's own device, as containers have them for their volumes.
+void WriteBinds(FILE* file, int entries)
+{
+    std::fprintf(file, "/dev/root / ext4 rw,relatime 0 0\n");
+    for (int i = 1; i < entries; ++i)
+        std::fprintf(file, "/dev/root /var/lib/pods/%d/volumes/data ext4 rw,relatime 0 0\n", i);
+}
+
 class Table
 {
 public:
-    explicit Table(int entries)
+    Table(int entries, void (*write)(FILE*, int))
     {
         FILE* const file = fdopen(mkstemp(m_name), "w");
-        for (int i = 0; i < entries; ++i) {
-            if (i % 3 == 0)
-                std::fprintf(file, "/dev/mapper/group-volume%d /srv/data\\040%d ext4 rw,relatime 0 0\n", i,
-                             i);
-            else if (i % 3 == 1)
-                std::fprintf(file,
-                             "overlay /var/lib/containers/%d/merged overlay rw,relatime,lowerdir=%s 0 0\n", i,
-                             std::string(200, 'l').c_str());
-            else
-                std::fprintf(file, "tmpfs /run/user/%d tmpfs rw,nosuid,nodev,size=1611404k,mode=700 0 0\n",
-                             i);
-        }
+        write(file, entries);
         std::fclose(file);
         Krt::Volume::SetMountTableForTesting(m_name);
     }
@@ -64,7 +75,7 @@ std::size_t CountBare(const char* name)
 
 void Compare(int entries, int lists)
 {
-    const Table table(entries);
+    const Table table(entries, WriteMixed);
     std::size_t listed = 0;
     const auto seconds = Bench::SecondsInTurns(Rounds, {[&] {
                                                             for (int i = 0; i < lists; ++i)
@@ -83,6 +94,17 @@ void Compare(int entries, int lists)
     Bench::PrintRow(name.c_str(), seconds[0] / seconds[1], "x");
 }
 
+void Rebuild(int entries)
+{
+    const Table table(entries, WriteBinds);
+    Backup::Volume::YVolumeManager manager;
+    const double seconds = Bench::Seconds(Rounds, [&] { manager.RebuildVolumeList(); });
+    const auto volumes = manager.GetVolumeList(0xFFFFFFFF, false);
+    if (volumes.size() != static_cast<std::size_t>(entries))
+        std::abort();
+    Bench::PrintRow(("mounts.rebuild." + std::to_string(entries)).c_str(), seconds, "s");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -90,5 +112,6 @@ int main(int argc, char** argv)
     const int scale = argc > 1 && std::string(argv[1]) == "--quick" ? 1 : 20;
     Compare(20, 50 * scale);
     Compare(1000, 2 * scale);
+    Rebuild(5000);
     return 0;
 }

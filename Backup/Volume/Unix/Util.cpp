@@ -1,18 +1,16 @@
 #include "Backup/Volume/Unix/Util.h"
 
+#include "Backup/Volume/Unix/Discovery.h"
 #include "Krt/Exception/Raise.h"
 #include "Krt/Log/LogSite.h"
 #include "Krt/Util/Retry.h"
-#include "Krt/Volume/MountTable.h"
 
-#include <algorithm>
 #include <sys/stat.h>
 
 namespace Backup::Volume {
 
 using Krt::File::YPath;
 using Krt::Util::RetryOnInterrupt;
-using Krt::Volume::ListMountEntries;
 using Krt::Volume::MountEntry;
 
 namespace {
@@ -45,22 +43,6 @@ constexpr std::pair<const char* const*, DriveClass> Classes[] = {
     {SpecialFileSystems, DRIVE_CLASS_SPECIAL},
     {FixedFileSystems, DRIVE_CLASS_FIXED}};
 
-// The first entry whose field holds the text, or null.
-const MountEntry* FindFirst(const std::vector<MountEntry>& entries, YString MountEntry::*field,
-                            const YString& text)
-{
-    const auto found =
-        std::ranges::find_if(entries, [&](const MountEntry& entry) { return entry.*field == text; });
-    return found == entries.end() ? nullptr : &*found;
-}
-
-std::vector<MountEntry> ListAndLogMountEntries()
-{
-    std::vector<MountEntry> entries = ListMountEntries();
-    KRT_LOG_FREE(MessageType::Volume, entries.size() << " total entries found");
-    return entries;
-}
-
 } // namespace
 
 unsigned int ClassifyFilesystemType(const YString& type)
@@ -74,7 +56,35 @@ unsigned int ClassifyFilesystemType(const YString& type)
     return DRIVE_CLASS_UNKNOWN;
 }
 
-YPath GetVolumePathName(const YPath& path)
+const Discovery::Table& Discovery::GetTable()
+{
+    if (!m_table) {
+        Table& table = m_table.emplace();
+        table.entries = Krt::Volume::ListMountEntries();
+        for (const MountEntry& entry : table.entries) {
+            table.byDirectory.emplace(entry.directory.Bytes(), &entry);
+            ++table.bySource.emplace(entry.source.Bytes(), Source{&entry, 0}).first->second.count;
+        }
+    }
+    return *m_table;
+}
+
+const MountEntry* Discovery::FindMountedAt(const YPath& mountPath)
+{
+    const Table& table = GetTable();
+    KRT_LOG_FREE(MessageType::Volume, table.entries.size() << " total entries found");
+    const auto found = table.byDirectory.find(mountPath.Bytes());
+    return found == table.byDirectory.end() ? nullptr : found->second;
+}
+
+Discovery::Source Discovery::FindSource(const YPath& uniquePath)
+{
+    const Table& table = GetTable();
+    const auto found = table.bySource.find(uniquePath.Bytes());
+    return found == table.bySource.end() ? Source{nullptr, 0} : found->second;
+}
+
+YPath Discovery::GetVolumePathName(const YPath& path)
 {
     KRT_LOG_FREE(MessageType::Volume, "Determining volume path name for path " << path);
     if (path == "/")
@@ -83,7 +93,12 @@ YPath GetVolumePathName(const YPath& path)
                      "Cannot find volume path name for the empty string");
     YPath current = path;
     YPath result;
+    std::vector<YPath> climbed;
     do {
+        if (const auto known = m_mountPaths.find(current); known != m_mountPaths.end()) {
+            result = known->second;
+            break;
+        }
         YPath parent = current.RemoveFile();
         struct stat own;
         // An interrupted call is not repeated here: it fails like any other.
@@ -98,21 +113,24 @@ YPath GetVolumePathName(const YPath& path)
         } else if (errno != ENOENT) {
             KRT_RAISE_OS("Failed to stat file: " << path);
         }
+        climbed.push_back(std::move(current));
         current = std::move(parent);
     } while (!current.IsEmpty() && !(current == "/"));
     if (result.IsEmpty())
         result = YPath("/");
+    m_mountPaths.emplace(result, result);
+    for (const YPath& below : climbed)
+        m_mountPaths.emplace(below, result);
     KRT_LOG_FREE(MessageType::Volume, "Determined volume path name for path " << path << " is " << result);
     return result;
 }
 
-YPath GetVolumeUniquePath(const YPath& path)
+YPath Discovery::GetVolumeUniquePath(const YPath& path)
 {
     KRT_LOG_FREE(MessageType::Volume, "Getting volume guid for path " << path);
     const YPath mountPath = GetVolumePathName(path);
-    const std::vector<MountEntry> entries = ListAndLogMountEntries();
     YPath result;
-    if (const MountEntry* entry = FindFirst(entries, &MountEntry::directory, mountPath)) {
+    if (const MountEntry* entry = FindMountedAt(mountPath)) {
         KRT_LOG_FREE(MessageType::Volume,
                      "Found guid match for path " << mountPath << " at " << entry->source);
         result = YPath(entry->source);
@@ -123,25 +141,59 @@ YPath GetVolumeUniquePath(const YPath& path)
     return result;
 }
 
-unsigned int DetermineDriveType(const YPath& uniquePath)
+unsigned int Discovery::DetermineDriveType(const YPath& uniquePath)
 {
     if (uniquePath == "/special")
         return DRIVE_CLASS_SPECIAL;
-    const std::vector<MountEntry> entries = ListMountEntries();
-    const MountEntry* entry = FindFirst(entries, &MountEntry::source, uniquePath);
-    return ClassifyFilesystemType(entry != nullptr ? entry->type : YString());
+    const Source source = FindSource(uniquePath);
+    return ClassifyFilesystemType(source.count != 0 ? source.first->type : YString());
+}
+
+MountPath Discovery::DetermineMountPath(const YPath& uniquePath, const YPath& path)
+{
+    const YPath mountPath = GetVolumePathName(path);
+    MountPath result{mountPath, YPath(), FindSource(uniquePath).count};
+    if (result.count == 0)
+        return result;
+    const YPath parent = mountPath.RemoveFile();
+    result.holder = GetVolumeUniquePath(parent);
+    // Each further mount of the device has the same answer, and its look-up is logged.
+    for (unsigned int i = 1; i < result.count && Krt::Log::IsLogged(MessageType::Volume); ++i)
+        GetVolumeUniquePath(parent);
+    return result;
+}
+
+bool Discovery::IsReadOnly(const YPath& path)
+{
+    KRT_LOG_FREE(MessageType::Volume, "Checking if path " << path << " is readonly");
+    const MountEntry* entry = FindMountedAt(GetVolumePathName(path));
+    return entry != nullptr && entry->readOnly;
+}
+
+YPath GetVolumePathName(const YPath& path)
+{
+    return Discovery().GetVolumePathName(path);
+}
+
+YPath GetVolumeUniquePath(const YPath& path)
+{
+    return Discovery().GetVolumeUniquePath(path);
+}
+
+unsigned int DetermineDriveType(const YPath& uniquePath)
+{
+    return Discovery().DetermineDriveType(uniquePath);
 }
 
 std::vector<std::pair<YPath, YPath>> DetermineVolumeMountPaths(const YPath& uniquePath, const YPath& path)
 {
-    const YPath mountPath = GetVolumePathName(path);
-    std::vector<std::pair<YPath, YPath>> mountPaths;
-    for (const MountEntry& entry : ListMountEntries()) {
-        // Each mount of the device stands for itself, with the same pair.
-        if (entry.source == uniquePath)
-            mountPaths.emplace_back(mountPath, GetVolumeUniquePath(mountPath.RemoveFile()));
-    }
-    return mountPaths;
+    const MountPath mount = Discovery().DetermineMountPath(uniquePath, path);
+    return std::vector(mount.count, std::pair(mount.path, mount.holder));
+}
+
+bool IsReadOnly(const YPath& path)
+{
+    return Discovery().IsReadOnly(path);
 }
 
 bool IsMountPoint(const YPath& path)
@@ -159,15 +211,6 @@ bool IsMountPoint(const YPath& path)
         KRT_LOG_FREE(MessageType::General, "Failed to stat '" << path << "' or parent");
         throw;
     }
-}
-
-bool IsReadOnly(const YPath& path)
-{
-    KRT_LOG_FREE(MessageType::Volume, "Checking if path " << path << " is readonly");
-    const YPath mountPath = GetVolumePathName(path);
-    const std::vector<MountEntry> entries = ListAndLogMountEntries();
-    const MountEntry* entry = FindFirst(entries, &MountEntry::directory, mountPath);
-    return entry != nullptr && entry->readOnly;
 }
 
 } // namespace Backup::Volume

@@ -24,6 +24,14 @@ enum DriveClass : unsigned int
     DRIVE_CLASS_ROOTFS = 8
 };
 
+/// A run of equal pairs in a list of mount paths.
+struct MountPath
+{
+    Krt::File::YPath path;   ///< where the volume is mounted
+    Krt::File::YPath holder; ///< the unique path of the volume that contains the mount point
+    unsigned int count;      ///< how many times in succession the list contains the pair
+};
+
 /// The class of a file system type's exact name; DRIVE_CLASS_UNKNOWN for a name that isn't known.
 BACKUP_API unsigned int ClassifyFilesystemType(const YString& type);
 

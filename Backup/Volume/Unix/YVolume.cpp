@@ -1,6 +1,6 @@
 #include "Backup/Volume/Unix/YVolume.h"
 
-#include "Backup/Volume/Unix/Util.h"
+#include "Backup/Volume/Unix/Discovery.h"
 #include "Krt/Exception/Raise.h"
 #include "Krt/Log/LogSite.h"
 #include "Krt/Volume/YVolume.h"
@@ -22,8 +22,8 @@ constexpr const char* Unfilled = "@@TODO";
 YPath YVolume::_tagVOL_INFO::GetPrimaryMountPath() const
 {
     const auto shallowest = std::ranges::min_element(
-        mountPaths, {}, [](const auto& mount) { return mount.first.PopulateComponents().size(); });
-    return shallowest == mountPaths.end() ? YPath() : shallowest->first;
+        mountPaths, {}, [](const auto& mount) { return mount.path.PopulateComponents().size(); });
+    return shallowest == mountPaths.end() ? YPath() : shallowest->path;
 }
 
 YVolume::YVolume()
@@ -74,32 +74,40 @@ void YVolume::Initialize()
 
 void YVolume::Initialize(const YPath& path)
 {
+    Discovery discovery;
+    Initialize(path, discovery);
+}
+
+void YVolume::Initialize(const YPath& path, Discovery& discovery)
+{
     InitializeVariables();
     m_path = path;
     KRT_LOG(MessageType::Volume, "Initializing volume with path " << m_path);
     try {
-        LoadInfo();
+        LoadInfo(discovery);
     } catch (const Krt::Exception::YError& error) {
         KRT_LOG(MessageType::General, "Failed to load volume info " << m_path << " " << error);
         throw;
     }
-    // The climb costs system calls, so it is made for the line alone; what it logs stands in front.
+    // This look-up is made for the line alone. It comes first because it logs its own steps.
     if (Krt::Log::IsLogged(MessageType::Volume)) {
-        const YPath mountPath = GetVolumePathName(m_path);
+        const YPath mountPath = discovery.GetVolumePathName(m_path);
         KRT_LOG(MessageType::Volume, "With volume mount path: " << mountPath);
     }
     m_initialized = true;
 }
 
-void YVolume::LoadInfo()
+void YVolume::LoadInfo(Discovery& discovery)
 {
-    m_info.uniquePath = GetVolumeUniquePath(m_path);
+    m_info.uniquePath = discovery.GetVolumeUniquePath(m_path);
     KRT_LOG(MessageType::Volume, "Got volume uniquePath " << m_info.uniquePath);
-    m_info.mountPaths = DetermineVolumeMountPaths(m_info.uniquePath, m_path);
-    for (const auto& [mountPath, holder] : m_info.mountPaths)
-        KRT_LOG(MessageType::Volume, " Determined mount path " << mountPath << "->" << holder);
-    m_info.driveType = DetermineDriveType(m_info.uniquePath);
-    m_info.readOnly = Volume::IsReadOnly(m_path);
+    const MountPath mount = discovery.DetermineMountPath(m_info.uniquePath, m_path);
+    if (mount.count != 0)
+        m_info.mountPaths.push_back(mount);
+    for (unsigned int i = 0; i < mount.count && Krt::Log::IsLogged(MessageType::Volume); ++i)
+        KRT_LOG(MessageType::Volume, " Determined mount path " << mount.path << "->" << mount.holder);
+    m_info.driveType = discovery.DetermineDriveType(m_info.uniquePath);
+    m_info.readOnly = discovery.IsReadOnly(m_path);
 }
 
 YVolume::operator YPath() const
@@ -145,13 +153,20 @@ unsigned long long YVolume::GetVolumeFreeSpace() const
 
 YPath YVolume::GetMountPath(unsigned int index) const
 {
-    KRT_RAISE_UNLESS(index < m_info.mountPaths.size(), ErrorCode::NotSupported, "Not implemented");
-    return m_info.mountPaths[index].first;
+    for (const MountPath& mount : m_info.mountPaths) {
+        if (index < mount.count)
+            return mount.path;
+        index -= mount.count;
+    }
+    KRT_RAISE(ErrorCode::NotSupported, "Not implemented");
 }
 
 unsigned int YVolume::GetMountPathCount() const
 {
-    return static_cast<unsigned int>(m_info.mountPaths.size());
+    unsigned int count = 0;
+    for (const MountPath& mount : m_info.mountPaths)
+        count += mount.count;
+    return count;
 }
 
 YPath YVolume::GetPrimaryMountPath() const

@@ -4,12 +4,14 @@
 // any number read.
 #pragma once
 
+#include "Backup/Volume/Unix/Util.h"
 #include "Backup/Volume/YVolumeBase.h"
 
-#include <utility>
 #include <vector>
 
 namespace Backup::Volume {
+
+class Discovery;
 
 class BACKUP_API YVolume final : public YVolumeBase
 {
@@ -20,8 +22,9 @@ public:
         Krt::File::YPath uniquePath; ///< the volume's identity
         unsigned long long size = 0; ///< never filled on this platform
         unsigned int driveType = 0;  ///< see DriveClass
-        /// Each with the unique path of the volume on which the mount point stands.
-        std::vector<std::pair<Krt::File::YPath, Krt::File::YPath>> mountPaths;
+        /// What DetermineVolumeMountPaths lists, an entry for each run of equal pairs: all volumes of a
+        /// device with thousands of mounts would otherwise take millions.
+        std::vector<MountPath> mountPaths;
         YString fsType;        ///< never filled on this platform
         bool readOnly = false; ///< of the mount that holds the path
 
@@ -89,7 +92,10 @@ public:
 private:
     void InitializeVariables();
     void CopyData(const YVolume& other);
-    void LoadInfo();
+    // As Initialize(path), from a discovery that describes several volumes.
+    void Initialize(const Krt::File::YPath& path, Discovery& discovery);
+    void LoadInfo(Discovery& discovery);
+    friend class YVolumeManager;
 
     [[maybe_unused]] bool m_reserved = false;
     bool m_initialized = false; // set last, by Initialize

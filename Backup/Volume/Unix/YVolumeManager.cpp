@@ -1,9 +1,8 @@
 #include "Backup/Volume/Unix/YVolumeManager.h"
 
-#include "Backup/Volume/Unix/Util.h"
+#include "Backup/Volume/Unix/Discovery.h"
 #include "Krt/Exception/Raise.h"
 #include "Krt/Log/LogSite.h"
-#include "Krt/Volume/MountTable.h"
 
 #include <boost/make_shared.hpp>
 
@@ -34,10 +33,12 @@ void YVolumeManager::RebuildVolumeList()
 {
     const YMutex::YLock lock = m_mutex.Lock();
     m_volumes.clear();
-    for (const Krt::Volume::MountEntry& entry : Krt::Volume::ListMountEntries()) {
+    Discovery discovery;
+    for (const Krt::Volume::MountEntry& entry : discovery.GetEntries()) {
         if (ClassifyFilesystemType(entry.type) != DRIVE_CLASS_FIXED)
             continue;
-        const auto volume = boost::make_shared<YVolume>(YPath(entry.directory));
+        const auto volume = boost::make_shared<YVolume>();
+        volume->Initialize(YPath(entry.directory), discovery);
         m_volumes[volume->GetPath()] = volume;
     }
 }

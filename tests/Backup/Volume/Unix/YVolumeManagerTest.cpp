@@ -4,6 +4,7 @@
 #include "testing/MountTable.h"
 #include "testing/ProcMounted.h"
 #include "testing/Raises.h"
+#include "testing/SystemCalls.h"
 
 #include <algorithm>
 #include <optional>
@@ -126,6 +127,25 @@ TEST_F(VolumeManager, AMountThatCannotBeDescribedEndsTheRebuild)
     manager.InvalidateVolumeList();
     UseTable(Table);
     EXPECT_EQ(List(), Fixed);
+}
+
+TEST_F(VolumeManager, ARebuildCostsAFewCallsForEachMountOfADevice)
+{
+    constexpr unsigned int Binds = 50;
+    const auto callsWith = [&](unsigned int binds) {
+        std::string text = "/dev/root / ext4 rw 0 0\n";
+        for (unsigned int i = 0; i < binds; ++i)
+            text += "/dev/root /no-such-directory/pods/" + std::to_string(i) + "/data ext4 rw 0 0\n";
+        UseTable(text.c_str());
+        return Testing::CountSystemCalls([&] { manager.RebuildVolumeList(); });
+    };
+    const auto few = callsWith(0), many = callsWith(Binds);
+    if (!few || !many)
+        GTEST_SKIP() << "no process can be traced here";
+    EXPECT_LE(*many - *few, 5 * Binds);
+    EXPECT_EQ(List().size(), 1 + Binds);
+    EXPECT_EQ(manager.GetVolumeByUniquePath("/no-such-directory/pods/7/data")->GetMountPathCount(),
+              1 + Binds);
 }
 
 TEST_F(VolumeManager, ConcurrentInvalidationsNeverShowAPartOfTheList)

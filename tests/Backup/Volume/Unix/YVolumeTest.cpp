@@ -102,7 +102,7 @@ TEST(VolumePrimaryMountPath, IsTheFirstOfTheShallowest)
     for (const auto& [mountPaths, expected] : cases) {
         YVolume::_tagVOL_INFO info;
         for (const char* mountPath : mountPaths)
-            info.mountPaths.emplace_back(mountPath, "/dev/x");
+            info.mountPaths.push_back({mountPath, "/dev/x", 1});
         EXPECT_EQ(info.GetPrimaryMountPath().Bytes(), expected);
     }
 }

@@ -1,0 +1,64 @@
+// Discovery: the questions of volume discovery, asked of one reading of the mount table. The table is read
+// and indexed at the first question that needs it, and a climb to a mount point is made once, so that
+// describing all volumes of a machine takes time in proportion to their number. Answers, log lines and errors
+// are those of the functions in Util.h, and Util.cpp, which the errors report, defines both. One thread at a
+// time.
+#pragma once
+
+#include "Backup/Volume/Unix/Util.h"
+#include "Krt/File/PathHash.h"
+#include "Krt/Volume/MountTable.h"
+
+#include <boost/unordered_map.hpp>
+
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace Backup::Volume {
+
+class Discovery
+{
+public:
+    Discovery() = default;
+    Discovery(const Discovery&) = delete;
+    Discovery& operator=(const Discovery&) = delete;
+
+    /// The mount table, in the system's order.
+    const std::vector<Krt::Volume::MountEntry>& GetEntries() { return GetTable().entries; }
+
+    /// As the functions of Util.h.
+    Krt::File::YPath GetVolumePathName(const Krt::File::YPath& path);
+    Krt::File::YPath GetVolumeUniquePath(const Krt::File::YPath& path);
+    unsigned int DetermineDriveType(const Krt::File::YPath& uniquePath);
+    bool IsReadOnly(const Krt::File::YPath& path);
+    /// The pair that DetermineVolumeMountPaths lists, with its number of repetitions.
+    MountPath DetermineMountPath(const Krt::File::YPath& uniquePath, const Krt::File::YPath& path);
+
+private:
+    // All mounts of one source.
+    struct Source
+    {
+        const Krt::Volume::MountEntry* first;
+        unsigned int count;
+    };
+    // The keys are texts of the entries.
+    struct Table
+    {
+        std::vector<Krt::Volume::MountEntry> entries;
+        boost::unordered_map<std::string_view, const Krt::Volume::MountEntry*>
+            byDirectory; // the first of each
+        boost::unordered_map<std::string_view, Source> bySource;
+    };
+
+    const Table& GetTable();
+    // The first entry with this directory, or null; logs the number of all entries.
+    const Krt::Volume::MountEntry* FindMountedAt(const Krt::File::YPath& mountPath);
+    // With a count of 0 if there is none.
+    Source FindSource(const Krt::File::YPath& uniquePath);
+
+    std::optional<Table> m_table;
+    boost::unordered_map<Krt::File::YPath, Krt::File::YPath> m_mountPaths; // of each path climbed through
+};
+
+} // namespace Backup::Volume
