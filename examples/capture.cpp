@@ -21,7 +21,7 @@ int main(int argc, char** argv)
             return Backup::YJobPath::FromFilePath(Backup::YJobPath(), path, isDirectory);
         };
         const auto record = Backup::File::YMetadataBase::ConstructFromFile(file, mapper);
-        std::cout << Krt::JSON::YValue::FromObject(record->ToJSON()).Stringify(true).CStr() << "\n";
+        std::cout << Krt::JSON::YValue::FromObject(record->ToJSON()).Stringify(true) << "\n";
         if (argc == 3) {
             std::ofstream content(argv[2], std::ios::binary);
             char buffer[65536];
@@ -29,7 +29,7 @@ int main(int argc, char** argv)
                 content.write(buffer, count);
         }
     } catch (const Krt::Exception::YError& error) {
-        std::cerr << error.GetMessage().CStr() << "\n";
+        std::cerr << error.what() << "\n";
         return 1;
     }
 }

@@ -18,9 +18,9 @@ int main()
             return Backup::YJobPath::FromFilePath(Backup::YJobPath(), path, isDirectory);
         };
         const auto record = Backup::File::YMetadataBase::ConstructFromJson(json->AsObject(), mapper);
-        std::cout << Krt::JSON::YValue::FromObject(record->ToJSON()).Stringify(true).CStr() << "\n";
+        std::cout << Krt::JSON::YValue::FromObject(record->ToJSON()).Stringify(true) << "\n";
     } catch (const Krt::Exception::YError& error) {
-        std::cerr << error.GetMessage().CStr() << "\n";
+        std::cerr << error.what() << "\n";
         return 1;
     }
 }

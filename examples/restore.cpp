@@ -1,4 +1,4 @@
-// restore TARGET [CONTENT] <RECORD: makes the file or directory of a Unix record anew below a directory.
+// restore TARGET [CONTENT] <RECORD: recreates the file or directory of a Unix record below a directory.
 // Learn: GetSanitizedNewPath gives an entry its place below a new top; a YFile opened for writing makes it,
 // and sets its times when it is closed. These operations go by path, for a tree that nobody else writes to.
 #include "Backup/File/Unix/YFile.h"
@@ -46,9 +46,9 @@ int main(int argc, char** argv)
         file.SetModeFlags(metadata.GetModeFlags());
         file.SetTime(metadata.GetLastAccessTime(), metadata.GetLastWriteTime());
         file.Close();
-        std::cout << place.GetFilesystemPortion().CStr() << "\n";
+        std::cout << place.GetFilesystemPortion() << "\n";
     } catch (const Krt::Exception::YError& error) {
-        std::cerr << error.GetMessage().CStr() << "\n";
+        std::cerr << error.what() << "\n";
         return 1;
     }
 }

@@ -19,7 +19,7 @@ int main(int argc, char** argv)
         else
             std::cout << argv[1] << (services->IsRunning(argv[1]) ? " is running\n" : " is stopped\n");
     } catch (const Krt::Exception::YError& error) {
-        std::cerr << error.GetMessage().CStr() << "\n";
+        std::cerr << error.what() << "\n";
         return 1;
     }
 }

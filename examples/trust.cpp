@@ -21,9 +21,9 @@ int main(int argc, char** argv)
         if (Backup::OpenSSL::IsCertificateTrusted(certificate, {}, argv[2], options, &report))
             std::cout << "trusted\n";
         else
-            std::cout << "not trusted: " << report.reason.CStr() << "\n";
+            std::cout << "not trusted: " << report.reason << "\n";
     } catch (const Krt::Exception::YError& error) {
-        std::cerr << error.GetMessage().CStr() << "\n";
+        std::cerr << error.what() << "\n";
         return 1;
     }
 }

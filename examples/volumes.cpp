@@ -12,13 +12,13 @@ int main(int argc, char** argv)
     try {
         Backup::Volume::YVolumeManager& manager = Backup::GetGlobal()->GetVolumeManager();
         for (const auto& [mountPath, volume] : manager.GetVolumeList(0xFFFFFFFF, false))
-            std::cout << mountPath.CStr() << " is " << volume->GetGuidPath().CStr()
+            std::cout << mountPath << " is " << volume->GetGuidPath()
                       << (volume->IsReadOnly() ? ", read-only\n" : "\n");
         const auto volume = manager.VolumeOfFilename(argc > 1 ? argv[1] : "/");
         std::cout << "class " << volume->GetDriveType() << ", " << volume->GetVolumeFreeSpace()
                   << " bytes free\n";
     } catch (const Krt::Exception::YError& error) {
-        std::cerr << error.GetMessage().CStr() << "\n";
+        std::cerr << error.what() << "\n";
         return 1;
     }
     Backup::DestroyGlobal();

@@ -29,6 +29,14 @@ run convert <"$source/tests/golden/legacy-unix-file.json" | grep -q '"file_size"
 # Below a changed root that is no mount itself no file has a volume.
 ! grep -q " / " /proc/self/mounts || run volumes / | grep -q "bytes free" || fail "volumes"
 [ "$(printf 'x TRACE y\nz\n' | run watch-log)" = $'begins with: x TRACE y\n1 lines of trace' ] || fail "watch-log"
+# The job of the documentation, of a place that is here.
+mkdir -p "$work/home/ann" "$work/other"
+touch "$work/home/ann/"{kept,left.tmp}
+# shellcheck disable=SC2016 # the quotes are those of the page
+sed -n '/^```json/,/^```$/{/^```/d;p}' "$source/docs/job-format.md" |
+    sed "s|\"/\"|\"$work\"|; s|\"/home\"|\"$work/home\"|" >"$work/job"
+walked=$(run walk "$work/job" | sed -E 's/.*"components":\[([^]]*).*/\1/; s/.*"name":"([^"]*)".*/\1/' | sort | tr '\n' ' ')
+[ "$walked" = "ann home kept " ] || fail "walk: $walked"
 run service no-such-service-here | grep -q "is not installed" || fail "service"
 echo damaged >"$work/certificate"
 run trust "$work/certificate" example.com | grep -q "^not trusted: " || fail "trust"
