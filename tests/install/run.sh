@@ -41,6 +41,12 @@ run service no-such-service-here | grep -q "is not installed" || fail "service"
 echo damaged >"$work/certificate"
 run trust "$work/certificate" example.com | grep -q "^not trusted: " || fail "trust"
 
+# The reference of the headers says what it lacks.
+if said=$(PATH=/nowhere "$(command -v cmake)" -P "$source/cmake/Documentation.cmake" 2>&1) ||
+    [[ $said != *"needs doxygen"* ]]; then
+    fail "documentation: $said"
+fi
+
 # NAME STATEMENTS: configures a project that has no other.
 configures() {
     mkdir "$work/$1"
