@@ -10,6 +10,8 @@
 #include "Krt/File/Unix/DeviceNumber.h"
 #include "Krt/Util/YScope.h"
 
+#include <cerrno>
+
 namespace Agent {
 
 using Krt::ErrorCode;
@@ -86,7 +88,13 @@ void RestoreRun::RestorePath(const SnapshotEntry& entry, Backup::File::YMetadata
 
 void RestoreRun::Failed(const YString& path, const Krt::Exception::YError& error)
 {
-    KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted");
+    KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState,
+                     "Interrupted; what was restored so far stays");
+    // All further entries would fail in the same way. Attributes that find no room don't come here.
+    const int number = error.GetOsError();
+    if (number == ENOSPC || number == EDQUOT)
+        throw TargetFull("The target is full: " + path.Bytes() + ": " + ReasonOf(error).Bytes() + "; " +
+                         std::to_string(m_counts.Entries()) + " entries were restored before and stay");
     m_report.EntryFailed(path, ReasonOf(error));
 }
 

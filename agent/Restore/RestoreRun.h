@@ -12,8 +12,17 @@
 #include "agent/Store/SnapshotReader.h"
 
 #include <map>
+#include <stdexcept>
 
 namespace Agent {
+
+/// The target has no space left, which ends a restore. Not a YError, so that it is not taken for the failure
+/// of one entry.
+class TargetFull : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
 
 class RestoreRun
 {
@@ -24,7 +33,8 @@ public:
                Report& report);
 
     /// Restores one entry, if it is wanted. Of several paths in its record, the first wanted one gets the
-    /// content and the others become further names of that file.
+    /// content and the others become further names of that file. Raises TargetFull; what was restored before
+    /// stays.
     void Restore(const SnapshotEntry& entry);
     /// Ends the directories. Paths that nothing in the snapshot matched are reported as failed. Returns once
     /// all that was restored is on the medium, and raises the operating system's error if it can't get there.

@@ -105,6 +105,21 @@ TEST_F(RestoreProgram, WhatCannotBeKeptIsToldThoughItWasWritten)
     }
 }
 
+TEST_F(RestoreProgram, AFullTargetEndsItWithOneError)
+{
+    MakeSnapshot({FileWith({"a"}, "1"), FileWith({"b"}, "2"), FileWith({"c"}, "3")});
+    int calls = 0;
+    const auto fail = [&calls](const HookedCall& call) {
+        if (call.function == std::string("renameat") && Holds(call.name, ".kbagent-restore-") && ++calls > 1)
+            CallHook::Fail(ENOSPC);
+    };
+    const std::string errors = Restore(1, Hooked(fail)).errors;
+    EXPECT_TRUE(Holds(errors, "error: The target is full: /b: ") &&
+                Holds(errors, "; 1 entries were restored"));
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
+    EXPECT_EQ(ReadFile(target + "/a"), "1");
+}
+
 TEST_F(RestoreProgram, ADamagedSnapshotIsRefusedBeforeAnything)
 {
     MakeSnapshot({FileWith({"file"}, "content")});
