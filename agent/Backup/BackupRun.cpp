@@ -163,7 +163,9 @@ void BackupRun::OnStoreSkipped(const YPath& path)
 
 void BackupRun::OnFailed(const YPath& path, const YString& reason)
 {
-    m_report.EntryFailed(path, reason);
+    // The user's interrupt is not a failure of the entry that was being read.
+    if (!IsInterrupted())
+        m_report.EntryFailed(path, reason);
 }
 
 bool BackupRun::IsCancelled()

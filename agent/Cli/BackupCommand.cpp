@@ -17,6 +17,17 @@ namespace Agent {
 
 namespace {
 
+void PrintSummary(Output& out, const std::string& id, const BackupCounts& counts, unsigned long long failed,
+                  unsigned long long storedBytes)
+{
+    out << "snapshot " << id << "\n"
+        << counts.Entries() << " entries: " << counts.ByKind() << "\n"
+        << ShortSize(counts.bytes) << " read, " << ShortSize(storedBytes) << " added to the store\n"
+        << counts.excluded << " excluded, " << failed << " failed\n";
+    for (const Krt::File::YPath& mount : counts.mountsNotEntered)
+        out << "mount point not entered: " << Printable(mount) << "\n";
+}
+
 class BackupCommand : public ICommand
 {
 public:
@@ -24,9 +35,6 @@ public:
     void Run(Report& report) override;
 
 private:
-    void PrintSummary(Report& report, const std::string& id, const BackupCounts& counts,
-                      unsigned long long storedBytes) const;
-
     std::string m_store;
     std::string m_jobFile;
     bool m_verbose = false;
@@ -74,19 +82,9 @@ void BackupCommand::Run(Report& report)
     if (run.GetCounts().Entries() == 0 && report.GetFailed() == 0)
         report.Note("Warning: nothing was selected, so the snapshot has no entries");
     const std::string id = snapshot.Finish(run.GetCounts().bytes, report.GetFailed());
-    PrintSummary(report, id, run.GetCounts(), session.GetStoredBytes());
-}
-
-void BackupCommand::PrintSummary(Report& report, const std::string& id, const BackupCounts& counts,
-                                 unsigned long long storedBytes) const
-{
-    Output& out = report.Out();
-    out << "snapshot " << id << "\n"
-        << counts.Entries() << " entries: " << counts.ByKind() << "\n"
-        << ShortSize(counts.bytes) << " read, " << ShortSize(storedBytes) << " added to the store\n"
-        << counts.excluded << " excluded, " << report.GetFailed() << " failed\n";
-    for (const Krt::File::YPath& mount : counts.mountsNotEntered)
-        out << "mount point not entered: " << Printable(mount) << "\n";
+    report.Summary("The snapshot " + id + " was made", [&](Output& out) {
+        PrintSummary(out, id, run.GetCounts(), report.GetFailed(), session.GetStoredBytes());
+    });
 }
 
 } // namespace

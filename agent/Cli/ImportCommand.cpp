@@ -3,9 +3,11 @@
 #include "agent/Cli/RecordArguments.h"
 #include "agent/Convert/Convert.h"
 #include "agent/Import/ImportRun.h"
+#include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
 #include "Krt/Environment/Host.h"
+#include "Krt/Exception/Raise.h"
 
 #include <CLI/CLI.hpp>
 
@@ -60,16 +62,20 @@ void ImportCommand::Run(Report& report)
     StoreSession session(store);
     SnapshotWriter snapshot(session, MakeHeader());
     ImportRun run(session, snapshot, std::move(contents), report);
-    while (const boost::shared_ptr<Backup::File::YMetadataBase> metadata = records.Next())
+    while (const boost::shared_ptr<Backup::File::YMetadataBase> metadata = records.Next()) {
         run.Import(*metadata, records.GetLine());
+        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted; no snapshot was made");
+    }
 
     const EntryCounts& counts = run.GetCounts();
     const std::string id = snapshot.Finish(counts.bytes, report.GetFailed());
-    report.Out() << "snapshot " << id << "\n"
-                 << counts.Entries() << " entries: " << counts.ByKind() << "\n"
-                 << ShortSize(counts.bytes) << " read, " << ShortSize(session.GetStoredBytes())
-                 << " added to the store\n"
-                 << report.GetFailed() << " failed\n";
+    report.Summary("The snapshot " + id + " was made", [&](Output& out) {
+        out << "snapshot " << id << "\n"
+            << counts.Entries() << " entries: " << counts.ByKind() << "\n"
+            << ShortSize(counts.bytes) << " read, " << ShortSize(session.GetStoredBytes())
+            << " added to the store\n"
+            << report.GetFailed() << " failed\n";
+    });
 }
 
 SnapshotHeader ImportCommand::MakeHeader() const

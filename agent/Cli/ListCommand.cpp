@@ -73,6 +73,7 @@ void ListCommand::Run(Report& report)
 void ListCommand::ListSnapshots(const Store& store, Report& report) const
 {
     for (const std::string& id : store.ListSnapshots()) {
+        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
         std::optional<SnapshotHeader> header;
         std::optional<SnapshotTrailer> trailer;
         try {
@@ -121,8 +122,6 @@ void ListCommand::ListEntries(SnapshotReader& snapshot, Report& report) const
             const std::string text = m_json ? PrintableJson(line) + "\n" : EntryText(entry);
             report.Out() << text;
         } catch (const Krt::Exception::YError& error) {
-            if (error.GetType() == Krt::ExceptionType::OsError)
-                throw;
             report.EntryFailed("Entry " + YString(std::to_string(number).c_str()), ReasonOf(error));
         }
     }

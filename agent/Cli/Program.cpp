@@ -15,6 +15,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <csignal>
 #include <cstdio>
 #include <new>
 
@@ -28,7 +29,8 @@ enum ExitCode
     CouldNotRun = 1,
     WrongUsage = 2,
     SomeFailed = 3,
-    AnswerIsNo = 4
+    AnswerIsNo = 4,
+    EndedBySignal = 128 // and the number of the signal
 };
 
 // In the order in which the help shows them.
@@ -60,7 +62,7 @@ void Describe(CLI::App& program)
     program.require_subcommand(0, 1);
     program.footer(
         "Exit codes: 0 all done, 1 could not run, 2 wrong usage, 3 done with some entries failed,\n"
-        "            4 the answer is no.\n\n"
+        "            4 the answer is no, 130 interrupted, 141 the reader of the output has ended.\n\n"
         "Examples: kbagent backup --store /backup/store /home /etc\n"
         "          kbagent list --store /backup/store\n"
         "          kbagent restore --store /backup/store --to /tmp/restored /etc\n\n"
@@ -79,56 +81,80 @@ ICommand& CommandOf(const std::vector<Registered>& all)
     throw UsageError("Name a command: " + names);
 }
 
-ExitCode RunCommand(int argc, char** argv, Report& report)
+// The program and the subcommands that were parsed, as the user types them.
+std::string NameOf(const CLI::App& program)
+{
+    std::string name = program.get_name();
+    for (const CLI::App* command = &program; !command->get_subcommands().empty();) {
+        command = command->get_subcommands().front();
+        name += " " + command->get_name();
+    }
+    return name;
+}
+
+// Returns true if the arguments ask for nothing but the help or the version, which is printed.
+bool Parse(CLI::App& program, int argc, char** argv, Report& report)
+{
+    try {
+        program.parse(ArgumentsForParser(argc, argv));
+        return false;
+    } catch (const CLI::CallForHelp&) {
+        report.Out() << program.help();
+    } catch (const CLI::CallForVersion& version) {
+        report.Out() << version.what() << "\n";
+    } catch (const CLI::ParseError& error) {
+        throw UsageError(error.what());
+    }
+    return true;
+}
+
+void Execute(ICommand& command, const LogOptions& log, Report& report)
+{
+    RequireOwnFile("The configuration", Krt::Profile::GetSystemPath().Bytes());
+    log.Open();
+    command.Run(report);
+}
+
+int RunCommand(int argc, char** argv, Report& report)
 {
     CLI::App program("Backs files up into a store, and restores them.", "kbagent");
     Describe(program);
     LogOptions log;
     log.Register(program);
     const std::vector<Registered> all = Register(program);
-    bool isAnswered = false;
     try {
-        program.parse(ArgumentsForParser(argc, argv));
-    } catch (const CLI::CallForHelp&) {
-        report.Out() << program.help();
-        isAnswered = true;
-    } catch (const CLI::CallForVersion& version) {
-        report.Out() << version.what() << "\n";
-        isAnswered = true;
-    } catch (const CLI::ParseError& error) {
-        throw UsageError(error.what());
-    }
-    if (!isAnswered) {
-        ICommand& command = CommandOf(all);
-        RequireOwnFile("The configuration", Krt::Profile::GetSystemPath().Bytes());
-        log.Open();
-        command.Run(report);
+        if (!Parse(program, argc, argv, report))
+            Execute(CommandOf(all), log, report);
+    } catch (const UsageError& error) {
+        report.Error(Krt::YString(error.what()));
+        report.Note(Krt::YString("Run '" + NameOf(program) + " --help' for more information."));
+        return WrongUsage;
     }
     report.Out().Flush();
-    if (report.GetFailed() != 0)
+    if (report.IsIncomplete())
         return SomeFailed;
     return report.AnswersNo() ? AnswerIsNo : AllDone;
 }
 
-// Runs the program and tells what ended it.
-ExitCode RunAndTell(int argc, char** argv, Report& report)
+// Runs the program and reports what ended it.
+int RunAndTell(int argc, char** argv, Report& report)
 {
     try {
         const Krt::Util::YScope atEnd([] { Backup::DestroyGlobal(); });
         Backup::GetGlobal()->Initialize();
         return RunCommand(argc, argv, report);
-    } catch (const UsageError& error) {
+    } catch (const OutputError& error) {
+        if (error.IsPipeClosed())
+            return EndedBySignal + SIGPIPE;
         report.Error(Krt::YString(error.what()));
-        report.Error("kbagent --help tells the usage");
-        return WrongUsage;
     } catch (const StoreError& error) {
-        report.Error("The store can't be written: " + ReasonOf(error.GetCause()));
+        report.Error((IsInterrupted() ? "" : "The store can't be written: ") + ReasonOf(error.GetCause()));
     } catch (const Krt::Exception::YError& error) {
         report.Error(ReasonOf(error));
     } catch (const std::exception& error) {
         report.Error(Krt::YString(error.what()));
     }
-    return CouldNotRun;
+    return IsInterrupted() ? EndedBySignal + InterruptingSignal() : CouldNotRun;
 }
 
 } // namespace

@@ -53,7 +53,10 @@ void RestoreCommand::Run(Report& report)
 {
     const Store store = Store::Open(m_store);
     SnapshotReader snapshot(store, store.FindSnapshot(m_snapshot));
-    snapshot.Verify();
+    {
+        const EndingOnInterrupts ending; // nothing is made yet
+        snapshot.Verify();
+    }
 
     // The directories on the way to an entry are all held open.
     Krt::Environment::RaiseDescriptorLimit();
@@ -74,8 +77,10 @@ void RestoreCommand::Run(Report& report)
     run.Finish();
 
     const EntryCounts& counts = run.GetCounts();
-    report.Out() << counts.Entries() << " entries restored: " << counts.ByKind() << "\n"
-                 << ShortSize(counts.bytes) << " written, " << report.GetFailed() << " failed\n";
+    report.Summary("The restore is done", [&](Output& out) {
+        out << counts.Entries() << " entries restored: " << counts.ByKind() << "\n"
+            << ShortSize(counts.bytes) << " written, " << report.GetFailed() << " failed\n";
+    });
 }
 
 } // namespace

@@ -17,5 +17,7 @@ public:
 };
 /// Whether the user asked the program to end. A command then cleans up and raises.
 bool IsInterrupted();
+/// The signal that asked for it, 0 for none.
+int InterruptingSignal();
 
 } // namespace Agent

@@ -1,16 +1,47 @@
 #include "agent/Run/Output.h"
 
-#include "Krt/Exception/Raise.h"
+#include "agent/Run/Interrupt.h"
 
-#include <cstdio>
-#include <string>
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <poll.h>
+#include <system_error>
+#include <unistd.h>
 
 namespace Agent {
 
+namespace {
+
+constexpr std::size_t BufferSize = 1 << 16;
+
+// A write to a pipe is restarted after a signal handler, so the wait for room comes before it, in short
+// steps.
+void WaitForRoom()
+{
+    constexpr int MillisecondsBetweenLooks = 200;
+    pollfd waited{STDOUT_FILENO, POLLOUT, 0};
+    for (;;) {
+        const int ready = poll(&waited, 1, MillisecondsBetweenLooks);
+        if (ready > 0 || (ready < 0 && errno != EINTR))
+            return;
+        if (IsInterrupted())
+            throw OutputError(EINTR);
+    }
+}
+
+} // namespace
+
+OutputError::OutputError(int number)
+    : std::runtime_error("Failed to write to standard output: " + std::generic_category().message(number)),
+      m_isPipeClosed(number == EPIPE)
+{}
+
 Output& Output::operator<<(std::string_view text)
 {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size())
-        KRT_RAISE_OS("Failed to write to standard output");
+    m_buffer += text;
+    if (m_buffer.size() >= BufferSize)
+        Flush();
     return *this;
 }
 
@@ -21,8 +52,17 @@ Output& Output::operator<<(unsigned long long number)
 
 void Output::Flush()
 {
-    if (std::fflush(stdout) != 0)
-        KRT_RAISE_OS("Failed to write to standard output");
+    const std::string text = std::move(m_buffer);
+    m_buffer.clear();
+    // A pipe with room takes PIPE_BUF bytes at once.
+    for (std::size_t at = 0; at < text.size();) {
+        WaitForRoom();
+        const ssize_t count =
+            write(STDOUT_FILENO, text.data() + at, std::min<std::size_t>(text.size() - at, PIPE_BUF));
+        if (count < 0 && errno != EINTR && errno != EAGAIN)
+            throw OutputError(errno);
+        at += count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
 }
 
 } // namespace Agent

@@ -1,19 +1,36 @@
 // Output: standard output, buffered. A write that fails raises, so that a full disk or a closed pipe is never
-// taken for success.
+// taken for success. A write that waits for the reader of a pipe ends when the user interrupts the program.
 #pragma once
 
+#include <stdexcept>
+#include <string>
 #include <string_view>
 
 namespace Agent {
 
+/// Standard output can't be written. Not a YError, so that it is not taken for the failure of an entry.
+class OutputError : public std::runtime_error
+{
+public:
+    explicit OutputError(int number);
+    /// Whether the reader of the pipe has ended, as "head" does when it has enough.
+    bool IsPipeClosed() const { return m_isPipeClosed; }
+
+private:
+    bool m_isPipeClosed;
+};
+
 class Output
 {
 public:
-    /// Appends text as it stands. Raises the operating system's error, as Flush does.
+    /// Appends the text. Raises OutputError, as Flush does. What was buffered is dropped then.
     Output& operator<<(std::string_view text);
     Output& operator<<(unsigned long long number);
     /// Writes what is buffered.
     void Flush();
+
+private:
+    std::string m_buffer;
 };
 
 } // namespace Agent

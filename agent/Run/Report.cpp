@@ -48,10 +48,15 @@ void Report::ShowProgress(unsigned long long entries, unsigned long long bytes)
     m_lineStands = true;
 }
 
-void Report::EraseProgress()
+void Report::SummaryFailed(const std::string& done, const OutputError& error)
 {
-    if (m_lineStands)
-        std::fputs("\r\033[K", stderr);
+    m_isSummaryLost = true;
+    Line(Printable(done) + ", but its summary is lost: " + Printable(std::string_view(error.what())));
+}
+
+void Report::EraseLine()
+{
+    std::fputs("\r\033[K", stderr);
     m_lineStands = false;
 }
 

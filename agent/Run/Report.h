@@ -9,6 +9,7 @@
 #include "Krt/String/YString.h"
 
 #include <chrono>
+#include <string>
 
 namespace Agent {
 
@@ -37,17 +38,42 @@ public:
         if (m_showsProgress)
             ShowProgress(entries, bytes);
     }
-    /// Standard output.
-    Output& Out() { return m_output; }
+    /// Standard output. Erases the progress first, so that the output begins on a line of its own.
+    Output& Out()
+    {
+        EraseProgress();
+        return m_output;
+    }
+    /// Prints the outcome of work that is done, by `print(Output&)`. If it can't be written, the work is
+    /// still done: `done`, which names it, is reported with the reason, and the run counts as incomplete.
+    template <class Print>
+    void Summary(const std::string& done, Print print)
+    {
+        try {
+            print(Out());
+            m_output.Flush();
+        } catch (const OutputError& error) {
+            SummaryFailed(done, error);
+        }
+    }
+    /// Whether an entry failed or the summary was lost.
+    bool IsIncomplete() const { return m_failed != 0 || m_isSummaryLost; }
 
 private:
     void ShowProgress(unsigned long long entries, unsigned long long bytes);
-    void EraseProgress();
+    void SummaryFailed(const std::string& done, const OutputError& error);
+    void EraseProgress()
+    {
+        if (m_lineStands)
+            EraseLine();
+    }
+    void EraseLine();
     void Line(const std::string& text);
 
     Output m_output;
     unsigned long long m_failed = 0;
     bool m_answersNo = false;
+    bool m_isSummaryLost = false;
     bool m_showsProgress;
     bool m_lineStands = false; // of progress
     std::chrono::steady_clock::time_point m_start;

@@ -5,6 +5,8 @@
 #include "testing/ProgramFixture.h"
 #include "testing/StoreFiles.h"
 
+#include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -146,12 +148,65 @@ TEST_F(Cli, ConfigurationThatCannotBeUsedIsToldBeforeABackupBegins)
     EXPECT_FALSE(std::filesystem::exists(store + "2"));
 }
 
-TEST_F(Cli, OutputThatIsLostIsAFailure)
+TEST_F(Cli, OutputThatIsLostIsAFailureButUndoesNoWork)
 {
-    const auto print = [] {
+    const auto toFull = [] {
         dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
     };
-    Run(1, {"list"}, {.prepare = print});
+    const auto toClosedPipe = [] {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        dup2(ends[1], STDOUT_FILENO);
+        close(ends[0]);
+    };
+    EXPECT_TRUE(Testing::Holds(Run(1, {"list"}, {.prepare = toFull}).errors, "No space left"));
+    EXPECT_EQ(Run(141, {"list"}, {.prepare = toClosedPipe}).errors, "");
+    const std::string made = " was made, but its summary is lost: Failed to write to standard output: ";
+    EXPECT_TRUE(Testing::Holds(Run(3, {"backup", directory / "tree"}, {.prepare = toFull}).errors, made));
+    EXPECT_TRUE(
+        Testing::Holds(Run(3, {"backup", directory / "tree"}, {.prepare = toClosedPipe}).errors, made));
+    const std::string listed = Run(0, {"list"}).output;
+    EXPECT_EQ(std::count(listed.begin(), listed.end(), '\n'), 3);
+    Run(3, {"restore", "--to", target}, {.prepare = toFull});
+}
+
+TEST_F(Cli, AnInterruptEndsAListWhoseReaderWaits)
+{
+    for (int i = 0; i < 1500; ++i)
+        directory.Write("tree/" + std::string(100, 'n') + std::to_string(i), "");
+    Run(0, {"backup", directory / "tree"});
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    pid_t reader = 0;
+    const auto toFullPipe = [&] {
+        dup2(ends[1], STDOUT_FILENO);
+        const pid_t program = getpid();
+        reader = fork();
+        if (reader != 0)
+            return;
+        char first;
+        if (read(ends[0], &first, 1) == 1)
+            kill(program, SIGINT);
+        _exit(0);
+    };
+    const auto result = Run(130, {"list", "--snapshot", "latest"}, {.prepare = toFullPipe});
+    EXPECT_TRUE(Testing::Holds(result.errors, "kbagent: error: "));
+}
+
+TEST_F(Cli, AWrongArgumentLeadsToTheHelpOfItsCommand)
+{
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{}, "kbagent"},
+        {{"steal"}, "kbagent"},
+        {{"backup"}, "kbagent backup"},
+        {{"backup", "--store", store}, "kbagent backup"},
+        {{"service", "install", "--bogus"}, "kbagent service install"},
+    };
+    for (const auto& [arguments, command] : cases) {
+        const auto result = RunProgram(arguments);
+        EXPECT_TRUE(
+            Testing::Holds(result.errors, "\nkbagent: Run '" + command + " --help' for more information.\n"));
+    }
 }
 
 } // namespace

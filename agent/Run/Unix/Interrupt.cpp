@@ -52,6 +52,11 @@ EndingOnInterrupts::~EndingOnInterrupts()
     ReplaceHandler(SIG_DFL, OnSignal);
 }
 
+int InterruptingSignal()
+{
+    return s_interrupted;
+}
+
 bool IsInterrupted()
 {
     return s_interrupted != 0;
