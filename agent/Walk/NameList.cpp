@@ -1,5 +1,9 @@
 #include "agent/Walk/NameList.h"
 
+#include "agent/Run/Interrupt.h"
+
+#include "Krt/Exception/Raise.h"
+
 #include <algorithm>
 
 namespace Agent {
@@ -10,8 +14,9 @@ NameList::NameList(const Krt::File::YDirectory& directory)
         const std::string& name = entry.name.Bytes();
         m_entries.push_back({m_bytes.size(), static_cast<unsigned short>(name.size()), entry.type});
         m_bytes += name;
-        return true;
+        return !IsInterrupted();
     });
+    KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
     std::sort(m_entries.begin(), m_entries.end(),
               [this](const Entry& a, const Entry& b) { return Text(a) < Text(b); });
 }

@@ -83,6 +83,7 @@ void LoadRules(Backup::File::YSelectionManager& rules, std::vector<YString>& war
         if (!file.is_open() || text.bad())
             KRT_RAISE_OS("Can't read the job file " << jobFile.c_str());
     }
+    const EndingOnInterrupts ending; // the rules of a large job take their time
     try {
         // The text of a large job is given up before its rules are made.
         const auto job = Krt::JSON::YValue::Parse(std::move(text).str());

@@ -11,8 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 #include <sys/resource.h>
+#include <unistd.h>
 
 using namespace Testing;
 namespace fs = std::filesystem;
@@ -103,6 +105,21 @@ TEST_F(RestoreProgram, WhatCannotBeKeptIsToldThoughItWasWritten)
         EXPECT_TRUE(Holds(result.errors, row.told));
         EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), row.entries) << row.told;
     }
+}
+
+TEST_F(RestoreProgram, AnInterruptEndsTheWaitForTheDisk)
+{
+    MakeSnapshot({FileWith({"file"}, "content")});
+    pid_t program = 0;
+    const auto interrupt = [&program](const HookedCall& call) {
+        if (program == 0)
+            program = getpid();
+        if (call.function == std::string("syncfs")) {
+            kill(program, SIGINT);
+            sleep(1);
+        }
+    };
+    EXPECT_TRUE(Holds(Restore(130, Hooked(interrupt)).errors, "error: Interrupted"));
 }
 
 TEST_F(RestoreProgram, AFullTargetEndsItWithOneError)
