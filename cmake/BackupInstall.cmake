@@ -18,7 +18,7 @@ if(APPLE)
 endif()
 set(KRT_PRIVATE_HEADERS
   Environment/Unix/ Exception/OsErrorName.h Exception/Unix/ File/Unix/ JSON/ValueBlock.h Log/YLogContext.h
-  Profile/Unix/ String/Ascii.h Thread/Unix/NativeThread.h Thread/YReadWriteMutexInternal.h
+  Profile/Unix/ String/Ascii.h Thread/Unix/NativeThread.h
   Volume/Unix/)
 function(backup_install_headers root folder)
   file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${root}" "${root}/${folder}/*.h" "${root}/${folder}/*.inl")
@@ -56,9 +56,9 @@ install(FILES "${CMAKE_SOURCE_DIR}/packaging/kbagent.bash"
   DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME kbagent)
 
 # The reference of the headers: cmake --build BUILD --target documentation, then documentation/html/index.html in
-# that folder. The target looks for doxygen when it runs. LockRecord.h is installed for YReadWriteMutex.h's sake alone.
+# that folder. The target looks for doxygen when it runs. ReaderSlots.h is installed for YReadWriteMutex.h's sake alone.
 set(BACKUP_DOCUMENTED ${BACKUP_PUBLIC_HEADERS} "${CMAKE_SOURCE_DIR}/docs/families.dox")
-list(FILTER BACKUP_DOCUMENTED EXCLUDE REGEX "LockRecord\\.h$")
+list(FILTER BACKUP_DOCUMENTED EXCLUDE REGEX "ReaderSlots\\.h$")
 list(JOIN BACKUP_DOCUMENTED "\" \"" BACKUP_DOCUMENTED)
 set(BACKUP_DOCUMENTED "\"${BACKUP_DOCUMENTED}\"")
 configure_file(docs/Doxyfile.in "${CMAKE_BINARY_DIR}/Doxyfile" @ONLY)

@@ -1,10 +1,10 @@
-// A lock for several readers or one writer, recursive on a thread in both kinds: whoever writes may read and
-// write again, whoever reads may read again, and a reader that wants to write waits for the others to leave.
-// What a reader needs in the common case stands here, so that it is compiled into the caller.
+// A lock for several readers or one writer, recursive on a thread in both kinds. A thread that writes may
+// take further levels of either kind, and a thread that reads may take further read levels. A reader that
+// wants to write waits for the other readers to leave. The fast path of readers is inline.
 #pragma once
 
 #include "Krt/Export.h"
-#include "Krt/Thread/LockRecord.h"
+#include "Krt/Thread/ReaderSlots.h"
 #include "Krt/Time/YDuration.h"
 
 #include <boost/shared_ptr.hpp>
@@ -16,7 +16,7 @@ class KRT_API YReadWriteMutex
 public:
     /// A held level; movable. It doesn't know its kind: whichever lock of a thread is released, the thread's
     /// read levels go first, and its write levels last. A thread that writes excludes others until it has no
-    /// level.
+    /// level. It may outlive the mutex.
     class KRT_API YLock
     {
     public:
@@ -24,51 +24,53 @@ public:
         YLock(YLock&& other) noexcept;
         YLock& operator=(YLock&& other) noexcept;
         ~YLock() { Release(); }
-        /// Gives a level back; a second call does nothing. On the thread that took it, in any order.
+        /// Releases a level; a second call does nothing. On the thread that took it, in any order.
         void Release() noexcept
         {
             if (!m_internal)
                 return;
             const bool isPlain = (m_readLevels | m_writeLevels) == 0;
-            if (isPlain && LockRecordTable::Mine().GiveReadLevel(m_internal.get()))
+            if (isPlain && ReaderSlots::Mine().TryReadUnlock(m_internal.get()))
                 m_internal.reset();
             else
-                ReleaseHeld();
+                ReleaseSlow();
         }
-        /// Gives up every level that this thread holds, for a wait; the release brings all but this lock's
-        /// own level back, all for writing if one was.
+        /// Gives up every level that this thread holds, for a wait. The release takes all but this lock's own
+        /// level again: for writing if one of them was.
         void GiveUpAllLevels();
 
     private:
         friend class YReadWriteMutex;
-        // The pointer owns no share: the levels that the thread holds keep the object, and a count that all
-        // threads write would make readers wait for each other's memory.
+        // The pointer owns no reference, and may dangle: a reference count that all threads write would make
+        // readers share memory. Once the levels are given up, it owns one.
         explicit YLock(YReadWriteMutexInternal* internal) noexcept
             : m_internal(boost::shared_ptr<void>(), internal)
         {}
-        void ReleaseHeld() noexcept;
+        void ReleaseSlow() noexcept;
 
         boost::shared_ptr<YReadWriteMutexInternal> m_internal;
-        // Levels to bring back at release; both 0 for a plain lock.
+        // Levels to take again at release; both 0 for a plain lock.
         unsigned int m_readLevels = 0;
         unsigned int m_writeLevels = 0;
     };
 
-    /// A lock that nobody holds. Raises if memory can't be had.
+    /// An unlocked mutex. Raises if memory can't be had.
     YReadWriteMutex();
 
-    /// Zero waits without limit; a positive time is measured on the steady clock. Raises LockTimeout.
+    /// Takes a read level. A timeout of zero waits without limit; a positive one is measured on the steady
+    /// clock. Raises LockTimeout.
     YLock ReadLock(const Time::YDuration& timeout) const
     {
-        if (!LockRecordTable::Mine().TakeReadLevel(m_internal.get())) [[unlikely]]
-            WaitToRead(timeout);
+        if (!ReaderSlots::Mine().TryReadLock(m_internal.get())) [[unlikely]]
+            ReadLockSlow(timeout);
         return YLock(m_internal.get());
     }
-    /// The same for writing; a second reader that wants to write raises LockTimeout at once.
+    /// Takes a write level, with a timeout like that of ReadLock. Raises LockTimeout, and at once if the
+    /// thread reads while another reader waits to write.
     YLock WriteLock(const Time::YDuration& timeout) const;
 
 private:
-    void WaitToRead(const Time::YDuration& timeout) const;
+    void ReadLockSlow(const Time::YDuration& timeout) const;
 
     boost::shared_ptr<YReadWriteMutexInternal> m_internal;
 };

@@ -1,0 +1,125 @@
+// What a thread holds of the read/write locks that it uses. Installed for YReadWriteMutex.h alone; how slots
+// and locks work together is described in YReadWriteMutex.cpp.
+#pragma once
+
+#include "Krt/Export.h"
+
+#include <boost/weak_ptr.hpp>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace Krt::Thread {
+
+class YReadWriteMutexInternal;
+
+/// What one thread holds of one lock. It has a cache line of its own, so that readers cause no false sharing.
+struct alignas(64) ReaderSlot
+{
+    enum State : unsigned int
+    {
+        Held = 1,       // the thread holds at least one level
+        BiasRevoked = 2 // Held is changed with the lock's mutex held only
+    };
+
+    ReaderSlot(const YReadWriteMutexInternal* lockAddress,
+               boost::weak_ptr<YReadWriteMutexInternal> lockOwner);
+    /// Takes the slot out of its lock, if that still exists.
+    ~ReaderSlot();
+    ReaderSlot(const ReaderSlot&) = delete;
+    ReaderSlot& operator=(const ReaderSlot&) = delete;
+
+    bool HasLevels() const { return (readLevels | writeLevels) != 0; }
+
+    const YReadWriteMutexInternal* const address; // belongs to no other lock while `lock` refers to it
+    const boost::weak_ptr<YReadWriteMutexInternal> lock;
+    std::atomic<unsigned int> state{0};
+    // Used by the slot's thread alone. The lock is held for writing exactly while writeLevels isn't 0.
+    unsigned int readLevels = 0;
+    unsigned int writeLevels = 0;
+};
+
+/// The slots of one thread: a hash table by the lock's address, owned by the thread.
+class ReaderSlots
+{
+public:
+    static ReaderSlots& Mine() noexcept;
+
+    /// The slot for a lock; null if the thread has none.
+    ReaderSlot* Find(const YReadWriteMutexInternal* lock) noexcept
+    {
+        if (m_last == nullptr || m_last->address != lock)
+            m_last = m_table == nullptr ? nullptr : m_table[Locate(lock)];
+        return m_last;
+    }
+    /// Takes a read level if the slot suffices for it: the thread holds a level already, or the lock is
+    /// biased towards readers. Otherwise returns false, with nothing done.
+    bool TryReadLock(const YReadWriteMutexInternal* lock) noexcept
+    {
+        ReaderSlot* const slot = Find(lock);
+        if (slot == nullptr) [[unlikely]]
+            return false;
+        if (!slot->HasLevels()) {
+            unsigned int free = 0;
+            if (!slot->state.compare_exchange_strong(free, ReaderSlot::Held, std::memory_order_acquire,
+                                                     std::memory_order_relaxed)) [[unlikely]]
+                return false;
+            ++locksHeldByThread;
+        }
+        ++slot->readLevels;
+        return true;
+    }
+    /// Releases a read level if there is one and the slot suffices for it. The lock may be destroyed.
+    bool TryReadUnlock(const YReadWriteMutexInternal* lock) noexcept
+    {
+        ReaderSlot* const slot = Find(lock);
+        if (slot == nullptr || slot->readLevels == 0) [[unlikely]]
+            return false;
+        if (slot->readLevels == 1 && slot->writeLevels == 0) {
+            unsigned int held = ReaderSlot::Held;
+            if (!slot->state.compare_exchange_strong(held, 0, std::memory_order_release,
+                                                     std::memory_order_relaxed)) [[unlikely]]
+                return false;
+            --locksHeldByThread;
+        }
+        --slot->readLevels;
+        return true;
+    }
+    /// Makes room for one more slot. Raises if memory can't be had.
+    void Reserve();
+    /// Adds a slot for a lock that has none, and owns it; only after Reserve.
+    void Insert(ReaderSlot* slot) noexcept;
+
+    /// The number of locks of which this thread holds at least one level.
+    unsigned int locksHeldByThread = 0;
+
+private:
+    // The place of the lock's slot, or the free place for it.
+    std::size_t Locate(const YReadWriteMutexInternal* lock) const noexcept
+    {
+        std::size_t place =
+            (reinterpret_cast<std::uintptr_t>(lock) >> 4) * 0x9E3779B97F4A7C15u >> 32 & m_mask;
+        while (m_table[place] != nullptr && m_table[place]->address != lock)
+            place = (place + 1) & m_mask;
+        return place;
+    }
+    void DestroyAtThreadExit();
+    static void Destroy(void* slots);
+
+    // Trivially destructible: the destructors of other thread-local objects may still lock.
+    ReaderSlot* m_last = nullptr; // the result of the last Find
+    ReaderSlot** m_table = nullptr;
+    std::size_t m_mask = 0;
+    std::size_t m_count = 0;
+};
+
+// With the model "initial-exec" the address is computed inline instead of by a call.
+[[gnu::tls_model("initial-exec")]] extern KRT_API constinit thread_local ReaderSlots t_readerSlots;
+
+inline ReaderSlots& ReaderSlots::Mine() noexcept
+{
+    return t_readerSlots;
+}
+
+} // namespace Krt::Thread
