@@ -1,5 +1,5 @@
-// What the library takes from OpenSSL: random bytes, and the judgement whether a server is to be trusted. Any
-// thread may call any of it; no error of its own stays behind in the thread's OpenSSL queue.
+// What the library uses OpenSSL for: random bytes, and the verification of server certificates. Any thread
+// may call any function. No function leaves errors in the thread's OpenSSL queue.
 #pragma once
 
 #include "Backup/Export.h"
@@ -14,21 +14,22 @@ struct ssl_st; // OpenSSL's SSL
 
 namespace Backup::OpenSSL {
 
-/// `count` random bytes fit for secrets. Any thread. Raises CryptoFailure with OpenSSL's own text, and
+/// Returns `count` random bytes that are fit for secrets. Raises CryptoFailure with OpenSSL's text, and
 /// InvalidArgument for a negative count.
 BACKUP_API Krt::Memory::YHeap<unsigned char> RandomBytes(int count);
 
-/// What a certificate is judged by. Certificates and revocation lists are bytes as they lie in a file: DER,
-/// which holds one, or PEM, which holds any number among other text.
+/// What a certificate is verified against. Certificates and revocation lists (CRLs) are the bytes of a file:
+/// DER for a single one, or PEM for any number among other text.
 struct TrustOptions
 {
-    /// Trust anchors, which take the place of the system's store. An anchor need not be self-signed.
+    /// Files of trust anchors. Any anchor, from a file or not, replaces the system's store.
     std::vector<Krt::File::YPath> anchorFiles;
+    /// Trust anchors, which need not be self-signed.
     std::vector<std::string> anchors;
     /// SHA-256 of the server's public key (of its SubjectPublicKeyInfo in DER), as 64 hexadecimal digits. It
-    /// stands for an anchor and for nothing else; anchors beside it are refused.
+    /// replaces the trust anchor and no other check. It cannot be combined with anchors.
     Krt::YString pinnedKey;
-    /// The time of judgement, in seconds since 1970, of a year from 0 to 9999; now if there is none.
+    /// The time of verification, in seconds since 1970, in a year from 0 to 9999; now if not set.
     std::optional<long long> time;
     /// If any list is given, a valid one of the issuer of the server's certificate is required. A certificate
     /// above it needs one if there is a list under its issuer's name. Only complete lists are accepted: no
@@ -36,23 +37,23 @@ struct TrustOptions
     std::vector<std::string> revocationLists;
 };
 
-/// A certificate in short. Names are as RFC 2253 writes them, in printable ASCII: all else is escaped. Times
-/// are seconds since 1970, missing where the certificate's can't be read.
+/// A summary of a certificate. Names have the form of RFC 2253, in printable ASCII with escapes. Times are
+/// seconds since 1970, not set if they can't be read.
 struct CertificateSummary
 {
     Krt::YString subject;               ///< whose key it certifies
-    Krt::YString issuer;                ///< who says so
-    std::optional<long long> notBefore; ///< the first second of its life
-    std::optional<long long> notAfter;  ///< the last one, in which OpenSSL takes it for expired already
-    Krt::YString keyHash;               ///< what pins its key: see TrustOptions::pinnedKey
+    Krt::YString issuer;                ///< the name of the CA that signed it
+    std::optional<long long> notBefore; ///< the first second in which it is valid
+    std::optional<long long> notAfter; ///< the end of its validity; OpenSSL treats it as expired from then on
+    Krt::YString keyHash;              ///< the value that pins its key: see TrustOptions::pinnedKey
 };
 
-/// What came of a judgement.
+/// The result of a verification.
 struct TrustReport
 {
-    Krt::YString reason;       ///< why it isn't trusted, in printable ASCII; empty if it is
-    Krt::YString subject;      ///< of the certificate that is the reason; empty if none is
-    int depth = -1;            ///< of that certificate: 0 the server's, 1 its issuer's; -1 if none is
+    Krt::YString reason;       ///< why it isn't trusted, in printable ASCII; empty if it is trusted
+    Krt::YString subject;      ///< of the certificate that is the reason; empty if there is none
+    int depth = -1;            ///< of that certificate: 0 the server's, 1 its issuer's; -1 if there is none
     CertificateSummary server; ///< the server's certificate; empty if it can't be read
 };
 
@@ -68,13 +69,13 @@ BACKUP_API bool IsCertificateTrusted(const std::string& certificate, const std::
                                      const Krt::YString& host, const TrustOptions& options = {},
                                      TrustReport* report = nullptr);
 
-/// The same for the server at the other end of a connection, which stays the caller's. Raises InvalidArgument
-/// before the handshake is done.
+/// Verifies the certificate of the server at the other end of `connection`, which the caller keeps. See the
+/// overload above for the rules. Raises InvalidArgument if the handshake isn't done.
 BACKUP_API bool IsCertificateTrusted(ssl_st* connection, const Krt::YString& host,
                                      const TrustOptions& options = {}, TrustReport* report = nullptr);
 
-/// The bytes of a file of certificates or lists; links are followed. Raises the operating system's error, and
-/// InvalidArgument for what isn't a regular file and above 16 MiB.
+/// Returns the bytes of a file of certificates or revocation lists. Symlinks are followed. Raises the
+/// operating system's error, and InvalidArgument for a file that isn't regular or exceeds 16 MiB.
 BACKUP_API std::string ReadCertificateFile(const Krt::File::YPath& path);
 
 } // namespace Backup::OpenSSL

@@ -1,5 +1,7 @@
-// Owners of OpenSSL's objects, and what every call of it needs.
+// Owners of OpenSSL objects, and the handling of errors that every use of them needs.
 #pragma once
+
+#include "Krt/Exception/Raise.h"
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -21,19 +23,19 @@ struct Freer
     }
 };
 
-struct BytesFreer
+struct BytesFreer // OPENSSL_free is a macro
 {
     void operator()(void* bytes) const { OPENSSL_free(bytes); }
 };
 
-struct StackFreer // the certificates are not owned
+struct StackFreer // frees the stack, not its certificates
 {
     void operator()(STACK_OF(X509) * stack) const { sk_X509_free(stack); }
 };
 
 using AddressPtr = std::unique_ptr<ASN1_OCTET_STRING, Freer<&ASN1_OCTET_STRING_free>>;
 using BioPtr = std::unique_ptr<BIO, Freer<&BIO_free>>;
-using BytesPtr = std::unique_ptr<void, BytesFreer>; // bytes that OpenSSL allocated
+using BytesPtr = std::unique_ptr<void, BytesFreer>;
 using CertificatePtr = std::unique_ptr<X509, Freer<&X509_free>>;
 using ContextPtr = std::unique_ptr<X509_STORE_CTX, Freer<&X509_STORE_CTX_free>>;
 using ConstraintsPtr = std::unique_ptr<NAME_CONSTRAINTS, Freer<&NAME_CONSTRAINTS_free>>;
@@ -44,8 +46,10 @@ using StackPtr = std::unique_ptr<STACK_OF(X509), StackFreer>;
 using StorePtr = std::unique_ptr<X509_STORE, Freer<&X509_STORE_free>>;
 using TimePtr = std::unique_ptr<ASN1_TIME, Freer<&ASN1_TIME_free>>;
 
-/// Takes what was raised meanwhile off the thread's queue of errors: a caller who asks it next means its own
-/// call.
+/// The function that errors of certificate verification name.
+inline constexpr const char* TrustFunction = "IsCertificateTrusted";
+
+/// Restores the thread's OpenSSL error queue on destruction, so that callers see only their own errors.
 class ErrorMark
 {
 public:
@@ -55,8 +59,15 @@ public:
     ErrorMark& operator=(const ErrorMark&) = delete;
 };
 
-/// Raises CryptoFailure with the last error's text, from IsCertificateTrusted, if a call failed that only
-/// lack of memory or a broken installation lets fail.
-void RequireDone(bool done);
+/// Raises CryptoFailure with OpenSSL's text if `done` is false. For calls that fail only if memory runs out
+/// or OpenSSL is misinstalled.
+inline void RequireDone(bool done)
+{
+    if (done)
+        return;
+    char text[256];
+    ERR_error_string_n(ERR_peek_last_error(), text, sizeof text);
+    KRT_RAISE_AS(TrustFunction, Krt::MessageType::General, Krt::ErrorCode::CryptoFailure, text);
+}
 
 } // namespace Backup::OpenSSL
