@@ -21,7 +21,8 @@ std::optional<Number> ParseNumber(std::string_view text)
     return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
 }
 
-// Whether the text has the form, in which "0" stands for any digit and all else for itself.
+// Returns true if the text has the form, in which "0" matches any digit and other characters match
+// themselves.
 bool HasForm(std::string_view text, std::string_view form)
 {
     if (text.size() != form.size())
@@ -65,7 +66,7 @@ Endpoint ParseEndpoint(const std::string& text)
         if (host.size() > 2 && host.starts_with('[') && host.ends_with(']'))
             host = host.substr(1, host.size() - 2);
         else if (host.find(':') != std::string::npos)
-            host.clear(); // an address, and nobody can tell where it ends
+            host.clear(); // an IPv6 address without brackets has no clear end
         if (isPort && !host.empty())
             return {host, port};
     }

@@ -1,4 +1,5 @@
 #include "agent/Cli/Command.h"
+#include "agent/Cli/TrustArguments.h"
 
 #include "agent/Run/Text.h"
 #include "agent/Trust/Handshake.h"

@@ -1,20 +1,24 @@
-// TCP connections that are made and waited for within a limit of time, and given up when the program is
-// interrupted, which raises InvalidState.
+// TCP connections with a deadline. An interrupt of the program ends every wait and raises InvalidState.
 #pragma once
-
-#include "agent/Cli/TrustArguments.h"
 
 #include "Krt/Util/YUnxHandle.h"
 
 #include <chrono>
+#include <string>
 
 namespace Agent {
 
 using Deadline = std::chrono::steady_clock::time_point;
 
-/// A connection that never blocks. The name's addresses are tried one after the other, each for its share of
-/// the time. Raises NotFound for a name that can't be looked up, the operating system's error for a
-/// server that can't be reached, and ETIMEDOUT.
+struct Endpoint
+{
+    std::string host; ///< without brackets
+    std::string port; ///< 1 to 65535
+};
+
+/// Returns a non-blocking connection. The addresses of the host are tried one after the other, each for its
+/// share of the remaining time. Raises NotFound if the host can't be looked up, ETIMEDOUT at the deadline,
+/// and otherwise the operating system's error for the last address.
 Krt::Util::YUnxHandle ConnectTo(const Endpoint& server, Deadline deadline);
 
 enum class Direction
@@ -23,7 +27,7 @@ enum class Direction
     Write
 };
 
-/// Whether the connection got ready before the deadline.
+/// Waits and returns true if the connection became ready before the deadline.
 bool WaitUntilReady(const Krt::Util::YUnxHandle& connection, Direction direction, Deadline deadline);
 
 } // namespace Agent

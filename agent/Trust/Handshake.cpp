@@ -24,15 +24,15 @@ std::shared_ptr<SSL> MakeClient()
     const std::shared_ptr<SSL_CTX> context(SSL_CTX_new(TLS_client_method()), &SSL_CTX_free);
     RequireDone(context != nullptr && SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) == 1);
     SSL_CTX_set_verify(context.get(), SSL_VERIFY_NONE, nullptr);
-    // A server with a weak key is to be judged, not to be missed.
+    // The handshake with a server whose key is weak must succeed, so that the key can be reported.
     SSL_CTX_set_security_level(context.get(), 0);
     std::shared_ptr<SSL> client(SSL_new(context.get()), &SSL_free);
     RequireDone(client != nullptr);
     return client;
 }
 
-// The name as servers are asked for it: without a last dot, and none for an address.
-std::string AskedName(std::string name)
+// Returns the server name to send, without a trailing dot, or "" for an IP address.
+std::string ServerNameToSend(std::string name)
 {
     if (name.ends_with('.'))
         name.pop_back();
@@ -46,9 +46,9 @@ Handshake::Handshake(const Endpoint& server, const std::string& name, Deadline d
     : m_connection(ConnectTo(server, deadline)), m_tls(MakeClient())
 {
     RequireDone(SSL_set_fd(m_tls.get(), m_connection.Get()) == 1);
-    const std::string asked = AskedName(name);
-    if (!asked.empty())
-        RequireDone(SSL_set_tlsext_host_name(m_tls.get(), asked.c_str()) == 1);
+    const std::string sentName = ServerNameToSend(name);
+    if (!sentName.empty())
+        RequireDone(SSL_set_tlsext_host_name(m_tls.get(), sentName.c_str()) == 1);
     Finish(server, deadline);
 }
 

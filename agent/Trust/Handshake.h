@@ -1,6 +1,5 @@
-// A TLS handshake whose only purpose is to see the server's certificate. It is done with any server, so that
-// a bad certificate gets as far as being judged; the library judges it, and nothing is ever sent behind the
-// handshake.
+// A TLS handshake that only obtains the server's certificate. It accepts any certificate, which the library
+// verifies afterwards. Nothing is sent after the handshake.
 #pragma once
 
 #include "agent/Trust/Connection.h"
@@ -15,10 +14,11 @@ namespace Agent {
 class Handshake
 {
 public:
-    /// Connects and shakes hands. `name` is the one that the server is asked for; an IP address is not sent.
-    /// Raises as ConnectTo, and CryptoFailure with OpenSSL's reason.
+    /// Connects and performs the handshake. `name` is sent as the server name, unless it is an IP address.
+    /// Raises the errors of ConnectTo, and CryptoFailure with OpenSSL's reason.
     Handshake(const Endpoint& server, const std::string& name, Deadline deadline);
 
+    /// Returns the connection, which this object owns.
     ssl_st* GetConnection() const { return m_tls.get(); }
 
 private:
