@@ -29,8 +29,8 @@ private:
     void CheckUsage() const;
     std::string Name() const;
     TrustOptions Options() const;
-    bool JudgeServer(const TrustOptions& options, TrustReport& found) const;
-    bool JudgeFile(const TrustOptions& options, TrustReport& found) const;
+    bool VerifyServer(const TrustOptions& options, TrustReport& found) const;
+    bool VerifyFile(const TrustOptions& options, TrustReport& found) const;
 
     CLI::Option* m_server = nullptr;
     CLI::Option* m_name = nullptr;
@@ -45,42 +45,42 @@ private:
 
 CLI::App* TrustCommand::Register(CLI::App& program)
 {
-    CLI::App* const command = program.add_subcommand("trust", "Tell whether a server is to be trusted");
+    CLI::App* const command =
+        program.add_subcommand("trust", "Check whether a server's certificate is trusted");
     m_server = AddPathArguments(*command, "HOST:PORT of the server; [ADDRESS]:PORT for IPv6", "SERVER")
                    ->expected(0, 1);
     CLI::Option* const certificate =
-        command->add_option("--cert", m_certificate, "Judge this certificate, without asking a server")
+        command->add_option("--cert", m_certificate, "Check this certificate, without connecting to a server")
             ->type_name("FILE");
-    command->add_option("--chain", m_chain, "The certificates that a server would send with it")
+    command->add_option("--chain", m_chain, "The certificates that the server would send with it")
         ->type_name("FILE")
         ->needs(certificate);
     m_name =
-        AddPathArguments(*command, "The host name or IP address that the certificate must have", "--name")
+        AddPathArguments(*command, "The host name or IP address that the certificate must be for", "--name")
             ->type_name("NAME")
             ->expected(1)
             ->allow_extra_args(false); // what follows it may be SERVER
     CLI::Option* const anchors =
-        command->add_option("--anchors", m_anchors, "Trust these authorities, not the system's")
+        command->add_option("--anchors", m_anchors, "Trust these CAs instead of the system's")
             ->type_name("FILE");
-    command->add_option("--pin", m_pin, "SHA-256 of the server's public key; stands for the authorities")
+    command->add_option("--pin", m_pin, "SHA-256 of the server's public key; replaces the CAs")
         ->type_name("SHA256")
         ->excludes(anchors);
-    m_lists =
-        AddPathArguments(*command, "Check these revocation lists of the authorities; repeatable", "--crl")
-            ->type_name("FILE")
-            ->expected(1)
-            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-            ->allow_extra_args(false);
-    command->add_option("--at", m_time, "Judge as of this time, such as 2001-02-03T04:05:06Z")
+    m_lists = AddPathArguments(*command, "Check these revocation lists of the CAs; repeatable", "--crl")
+                  ->type_name("FILE")
+                  ->expected(1)
+                  ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+                  ->allow_extra_args(false);
+    command->add_option("--at", m_time, "Check as of this time, such as 2001-02-03T04:05:06Z")
         ->type_name("TIME");
-    command->add_option("--timeout", m_timeout, "Seconds for reaching the server")
+    command->add_option("--timeout", m_timeout, "Seconds to wait for the server")
         ->type_name("SECONDS")
         ->check(CLI::Range(1u, 86400u))
         ->capture_default_str();
     command->footer(
-        "Files are PEM or DER. The verdict is the first line: \"trusted\", or \"not trusted\" with the\n"
-        "reason; the certificate in short follows. Exit codes: 0 trusted, 4 not trusted, 1 the server or a\n"
-        "file couldn't be read. Nothing is sent to the server but a TLS handshake.\n\n"
+        "Files are PEM or DER. The first line of the output is \"trusted\", or \"not trusted\" with the\n"
+        "reason. A summary of the certificate follows. Exit codes: 0 trusted, 4 not trusted, 1 the server\n"
+        "or a file couldn't be read. Only a TLS handshake is sent to the server.\n\n"
         "Examples: kbagent trust backup.example.com:443\n"
         "          kbagent trust --cert server.pem --chain chain.pem --name backup.example.com");
     return command;
@@ -98,7 +98,7 @@ void TrustCommand::CheckUsage() const
         throw UsageError("--pin takes 64 hexadecimal digits");
 }
 
-// As it was typed: an IPv6 address may stand in brackets.
+// Returns the name as it was typed; an IPv6 address may be in brackets.
 std::string TrustCommand::Name() const
 {
     return PathsOf(m_name).front();
@@ -117,18 +117,18 @@ TrustOptions TrustCommand::Options() const
     return options;
 }
 
-bool TrustCommand::JudgeServer(const TrustOptions& options, TrustReport& found) const
+bool TrustCommand::VerifyServer(const TrustOptions& options, TrustReport& found) const
 {
     const Endpoint server = ParseEndpoint(PathsOf(m_server).front());
     const std::string name = m_name->count() == 0 ? server.host : Name();
-    // Arguments of no use raise before anybody is connected to.
+    // Unusable arguments raise before the connection is made.
     IsCertificateTrusted("", {}, YString(name.c_str()), options);
     const Handshake handshake(server, name,
                               std::chrono::steady_clock::now() + std::chrono::seconds(m_timeout));
     return IsCertificateTrusted(handshake.GetConnection(), YString(name.c_str()), options, &found);
 }
 
-bool TrustCommand::JudgeFile(const TrustOptions& options, TrustReport& found) const
+bool TrustCommand::VerifyFile(const TrustOptions& options, TrustReport& found) const
 {
     std::vector<std::string> chain;
     if (!m_chain.empty())
@@ -142,7 +142,7 @@ std::string EndText(const std::optional<long long>& time)
     return time ? TimeText(static_cast<unsigned long long>(*time)) : "(unreadable)";
 }
 
-// Reason and names come as printable text.
+// The reason and the names are printable text.
 void Print(const TrustReport& found, Output& out)
 {
     out << (found.reason.IsEmpty() ? "trusted" : "not trusted: " + found.reason.Bytes()) << "\n";
@@ -162,7 +162,7 @@ void TrustCommand::Run(Report& report)
     CheckUsage();
     const TrustOptions options = Options();
     TrustReport found;
-    const bool isTrusted = m_certificate.empty() ? JudgeServer(options, found) : JudgeFile(options, found);
+    const bool isTrusted = m_certificate.empty() ? VerifyServer(options, found) : VerifyFile(options, found);
     Print(found, report.Out());
     if (!isTrusted)
         report.AnswerNo();
