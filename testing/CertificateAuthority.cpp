@@ -55,7 +55,7 @@ void AddNames(X509* certificate, const std::vector<std::string>& names)
         Made(X509_add1_ext_i2d(certificate, NID_subject_alt_name, all.get(), 0, X509V3_ADD_DEFAULT));
 }
 
-// One after the other: an issuer's key identifier is copied from what stands in its certificate already.
+// Adds one extension at a time: the authority key identifier is copied from the issuer's certificate.
 void AddExtensions(const Extensions& extensions, X509V3_CTX& context,
                    const std::function<int(X509_EXTENSION*)>& add)
 {
@@ -75,7 +75,7 @@ std::string Written(const std::function<int(BIO*)>& write)
     return {bytes, static_cast<std::size_t>(size)};
 }
 
-// On a group of Diffie-Hellman's, since a group of its own takes seconds to generate.
+// Uses a Diffie-Hellman group, since generating DSA parameters takes seconds.
 EVP_PKEY* MakeDsaKey()
 {
     const std::shared_ptr<BIGNUM> prime(Made(BN_get_rfc3526_prime_2048(nullptr)), &BN_free);

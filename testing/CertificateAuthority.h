@@ -1,4 +1,4 @@
-// Makes keys, certificates and revocation lists, right ones and such as no authority would sign.
+// Makes keys, certificates and revocation lists, including invalid ones that no CA would sign.
 #pragma once
 
 #include <map>
@@ -11,18 +11,18 @@ struct x509_st;
 
 namespace Testing {
 
-/// When judgements take place.
+/// The time of verifications, in seconds since 1970.
 constexpr long long JudgementTime = 1700000000;
 
-/// By OpenSSL's short names, in the words of its configuration.
+/// Values in the syntax of OpenSSL's configuration, by OpenSSL's short names.
 using Extensions = std::map<std::string, std::string>;
 
-/// What a certificate says.
+/// The contents of a certificate.
 struct CertificateForm
 {
     std::string subject; ///< common name, UTF-8
-    std::string issuer;  ///< as the certificate tells it, where that isn't the signer's subject
-    /// Alternative names, "IP:" in front of an address; others are host names, byte for byte.
+    std::string issuer;  ///< the signer's subject if empty
+    /// Alternative names: addresses with the prefix "IP:"; others are host names, byte for byte.
     std::vector<std::string> names;
     Extensions extensions;
     long long notBefore = JudgementTime - 1000;
@@ -49,7 +49,7 @@ public:
     /// SHA-256 of the public key, in lower-case digits.
     std::string KeyHash() const;
     static constexpr long long NoEnd = 0;
-    /// PEM, of this issuer. The last extensions are those of each entry.
+    /// Returns a list of this issuer in PEM. `entryExtensions` are added to each entry.
     std::string RevocationList(const std::vector<Certificate>& revoked,
                                long long nextUpdate = JudgementTime + 1000, const Extensions& extensions = {},
                                const Extensions& entryExtensions = {}, const char* digest = "SHA256") const;

@@ -1,4 +1,4 @@
-// A right path of root, intermediate and server, and whether it is trusted once one thing of it was changed.
+// A valid path of root, intermediate and server, which tests verify after changing one property.
 #pragma once
 
 #include "testing/CertificateAuthority.h"
@@ -28,7 +28,7 @@ struct Scene
     bool isSelfSigned = false;
     bool isAnchor = false;
     bool isPinned = false;
-    Change present; ///< changes to what is made of the forms
+    Change present; ///< applied to the certificates after they are made
 
     std::optional<Certificate> root, middle, server;
     std::string sent;
@@ -38,7 +38,7 @@ struct Scene
 
     Scene() { options.time = JudgementTime; }
 
-    /// Makes the certificates and judges them.
+    /// Makes the certificates, verifies them and returns the result.
     bool Judge()
     {
         root = Certificate::SelfSigned(rootForm);
@@ -58,7 +58,7 @@ struct Scene
     }
 };
 
-/// The names of the server's certificate, and the one that it is reached by.
+/// Sets the names of the server's certificate, and the name by which the server is reached.
 inline Change Names(const std::vector<std::string>& names, const std::string& host = Scene::Host)
 {
     return [=](Scene& scene) {
@@ -82,7 +82,7 @@ inline Change Extend(CertificateForm Scene::*form, const char* extension, const 
     };
 }
 
-/// A change of what was made of the forms.
+/// Applies the change after the certificates are made.
 inline Change Present(const Change& change)
 {
     return [=](Scene& scene) {
@@ -90,12 +90,12 @@ inline Change Present(const Change& change)
     };
 }
 
-/// Who is one of the path.
+/// A certificate of the path.
 using Maker = std::optional<Certificate> Scene::*;
 inline constexpr Maker Root = &Scene::root, Middle = &Scene::middle, Server = &Scene::server;
 inline constexpr auto OfRoot = &Scene::rootForm, OfMiddle = &Scene::middleForm, OfServer = &Scene::serverForm;
 
-/// A list of revocations: whose, and of which certificates.
+/// A revocation list: its issuer and the revoked certificates.
 struct ListForm
 {
     Maker issuer;
@@ -104,7 +104,7 @@ struct ListForm
     Extensions extensions = {};
 };
 
-/// These lists of revocations are given.
+/// Passes these revocation lists to the verification.
 inline Change Lists(const std::vector<ListForm>& forms)
 {
     return Present([=](Scene& scene) {
