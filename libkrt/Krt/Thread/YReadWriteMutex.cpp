@@ -18,12 +18,17 @@
 // revokes the bias first: from then on all threads go through m_mutex, until no writer is left.
 //
 // States, changed with m_mutex held:
-//   Biased   No thread writes or waits to. The slot's thread changes Held at any time. m_holders isn't
-//   maintained. Revoked  Writers wait. Held changes with m_mutex held only, and m_holders is the number of
-//   slots with Held. Writing  As in Revoked; Held is set in the writer's slot alone.
-// Biased -> Revoked: RevokeReaderBias. Revoked -> Writing: a writer finds no other holder. Writing ->
-// Revoked: the writer releases its last level. Revoked -> Biased: RestoreReaderBiasIfIdle, if no writer
-// waits.
+// - Biased: no thread writes or waits to. The slot's thread changes Held at any time. m_holders isn't
+// maintained.
+// - Revoked: writers wait. Held changes with m_mutex held only, and m_holders is the number of slots with
+// Held.
+// - Writing: as Revoked, with Held set in the writer's slot alone.
+//
+// Transitions:
+// - Biased to Revoked: RevokeReaderBias, called by a writer.
+// - Revoked to Writing: a writer finds no other holder.
+// - Writing to Revoked: the writer releases its last level.
+// - Revoked to Biased: RestoreReaderBiasIfIdle, if no writer waits.
 //
 // Invariant, with m_mutex held: BiasRevoked is set in all slots of m_slots if the state isn't Biased,
 // otherwise in none. Level counts belong to the slot's thread. Held is set while one of them isn't 0.
@@ -31,9 +36,9 @@
 // Memory order. A reader's exchange and a writer's fetch_or change the same atomic, so one of them comes
 // first: either the writer sees Held and waits, or the reader's exchange fails and the reader takes m_mutex.
 // Nothing depends on the order of two slots, so acquire and release suffice.
-//   TryReadLock, acquire             pairs with the release of RestoreReaderBiasIfIdle: reads see all past
-//   writes TryReadUnlock, release           pairs with the acquire of RevokeReaderBias: writes come after all
-//   past reads every other change of a state    relaxed, since m_mutex orders it
+// - TryReadLock, acquire, pairs with the release of RestoreReaderBiasIfIdle: reads see all past writes.
+// - TryReadUnlock, release, pairs with the acquire of RevokeReaderBias: writes come after all past reads.
+// - Every other change of a state is relaxed, since m_mutex orders it.
 //
 // Writer preference: a waiting writer holds back threads that hold no lock of this type, for
 // WriterPreferenceLimit at most. Readers that have waited longer (m_starvedReaders) precede the next writer.
