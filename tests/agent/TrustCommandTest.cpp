@@ -1,4 +1,4 @@
-// kbagent trust: verdict, reason and exit code, on files and over a real handshake.
+// kbagent trust: result, reason and exit code, for files and over a real handshake.
 #include "testing/CertificateAuthority.h"
 #include "testing/OpenSslServer.h"
 #include "testing/Program.h"
@@ -26,6 +26,7 @@ protected:
         directory.Write("root", root.Pem());
         directory.Write("chain", middle.Pem());
         directory.Write("server", server.Pem());
+        directory.Write("key", server.KeyPem());
     }
     static Testing::CertificateForm Form()
     {
@@ -38,9 +39,9 @@ protected:
     struct Case
     {
         const char* name;
-        std::string arguments; // parted by blanks; files are those of the directory
+        std::string arguments; // separated by blanks; files are in the directory
         int exitCode;
-        std::string told; // the beginning of standard output, or of standard error for 1 and 2
+        std::string text; // the beginning of standard output, or of standard error for exit codes 1 and 2
     };
     void Check(const std::vector<Case>& cases) const
     {
@@ -51,9 +52,9 @@ protected:
                                                std::filesystem::current_path(directory.Path());
                                            }});
             EXPECT_EQ(result.exitCode, row.exitCode) << row.name << ": " << result.errors;
-            const bool isJudged = row.exitCode == 0 || row.exitCode == 4;
-            const std::string& text = isJudged ? result.output : result.errors;
-            EXPECT_EQ(text.substr(0, row.told.size()), row.told) << row.name;
+            const bool isVerified = row.exitCode == 0 || row.exitCode == 4;
+            const std::string& text = isVerified ? result.output : result.errors;
+            EXPECT_EQ(text.substr(0, row.text.size()), row.text) << row.name;
         }
     }
 
@@ -68,7 +69,7 @@ protected:
                              server.KeyHash() + "\n";
 };
 
-TEST_F(TrustCommand, JudgesFiles)
+TEST_F(TrustCommand, FilesAreVerified)
 {
     directory.Write("server.der", server.Der());
     directory.Write("list", middle.RevocationList({server}));
@@ -88,26 +89,32 @@ TEST_F(TrustCommand, JudgesFiles)
         {"the issuer is the reason", named + " --chain chain" + at, 4,
          "not trusted: unable to get local issuer certificate\n  found in  CN=Middle\n  subject"},
         {"address in brackets", cert + pin + " --name [::1]" + at, 4, "not trusted: IP address mismatch\n"},
+    });
+}
+
+TEST_F(TrustCommand, UnusableArgumentsFail)
+{
+    const std::string host = " --name backup.example", cert = "--cert server", named = cert + host;
+    Check({
         {"no file", "--cert none" + host, 1, "kbagent: error: Failed to open "},
-        {"no anchors", named + " --anchors list", 1, "kbagent: error: No trust anchor"},
+        {"no anchors", named + " --anchors key", 1, "kbagent: error: No trust anchor"},
         {"name that can't be one", "1.2.3:1", 1, "kbagent: error: Not a host name"},
-        {"nothing to judge", host, 2, "kbagent: error: Name a server or"},
-        {"both", "a:1 " + named, 2, "kbagent: error: Name a server or"},
+        {"neither server nor certificate", host, 2, "kbagent: error: Name a server or"},
+        {"server and certificate", "a:1 " + named, 2, "kbagent: error: Name a server or"},
         {"no name", cert, 2, "kbagent: error: --cert needs --name"},
-        {"pin", named + " --pin 12", 2, "kbagent: error: --pin takes 64"},
+        {"short pin", named + " --pin 12", 2, "kbagent: error: --pin takes 64"},
         {"pin and anchors", "a:1" + pin + " --anchors root", 2, "kbagent: error: "},
-        {"day that isn't", "a:1 --at 2023-02-29", 2, "kbagent: error: Not a time"},
-        {"hour that isn't", "a:1 --at 2023-02-28T24:00:00Z", 2, "kbagent: error: Not a time"},
+        {"29th of February", "a:1 --at 2023-02-29", 2, "kbagent: error: Not a time"},
+        {"hour 24", "a:1 --at 2023-02-28T24:00:00Z", 2, "kbagent: error: Not a time"},
         {"no port", "a", 2, "kbagent: error: Not HOST:PORT"},
-        {"port that isn't", "a:65536", 2, "kbagent: error: Not HOST:PORT"},
+        {"port out of range", "a:65536", 2, "kbagent: error: Not HOST:PORT"},
         {"address without brackets", "::1:443", 2, "kbagent: error: Not HOST:PORT"},
     });
 }
 
-TEST_F(TrustCommand, JudgesServersOverAHandshake)
+TEST_F(TrustCommand, ServerIsVerifiedOverHandshake)
 {
-    const std::string key = directory.Write("key", server.KeyPem());
-    const std::string certificate = directory / "server";
+    const std::string key = directory / "key", certificate = directory / "server";
     const Testing::OpenSslServer process({"-cert", certificate, "-key", key, "-cert_chain",
                                           directory / "chain", "-servername", "backup.example", "-cert2",
                                           certificate, "-key2", key, "-servername_fatal"});
@@ -122,17 +129,17 @@ TEST_F(TrustCommand, JudgesServersOverAHandshake)
     const std::string address = "127.0.0.1:" + process.Port(), anchored = address + " --anchors root" + at;
     Check({
         {"by its address", anchored, 0, good},
-        {"by its address with a dot behind it", anchored + " --name 127.0.0.1.", 0, good},
+        {"by its address with a trailing dot", anchored + " --name 127.0.0.1.", 0, good},
         {"by a name", "--name backup.example. " + address + pin + at, 0, good},
-        {"unknown authority", address + at, 4, "not trusted: unable to get local issuer certificate\n"},
-        {"a name that it refuses", address + " --name other.example" + at, 1,
+        {"unknown CA", address + at, 4, "not trusted: unable to get local issuer certificate\n"},
+        {"a name that the server refuses", address + " --name other.example" + at, 1,
          "kbagent: error: No TLS handshake with 127.0.0.1 port " + process.Port() + ": "},
         {"weak key", "127.0.0.1:" + weakProcess.Port() + " --pin " + weak.KeyHash() + at, 4,
          "not trusted: EE certificate key too weak\n"},
     });
 }
 
-TEST_F(TrustCommand, ServerThatCantBeAsked)
+TEST_F(TrustCommand, UnreachableServerFails)
 {
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in bound = {};
@@ -142,10 +149,11 @@ TEST_F(TrustCommand, ServerThatCantBeAsked)
     ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&bound), size), 0);
     ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&bound), &size), 0);
     const std::string port = std::to_string(ntohs(bound.sin_port)), address = "127.0.0.1:" + port;
-    Check({{"nobody listens", address, 1,
+    Check({{"port without a listener", address, 1,
             "kbagent: error: Can't connect to 127.0.0.1 port " + port + ": Connection refused\n"}});
     ASSERT_EQ(listen(listener, 1), 0);
-    Check({{"nobody answers", address + " --timeout 1", 1, "kbagent: error: No TLS handshake with "}});
+    Check({{"listener without an answer", address + " --timeout 1", 1,
+            "kbagent: error: No TLS handshake with "}});
     close(listener);
 }
 
