@@ -4,9 +4,11 @@
 
 namespace Agent {
 
+using Krt::File::FileId;
+
 const HardLinks::File* HardLinks::Find(const struct stat& status, unsigned long long size) const
 {
-    const auto found = m_files.find({status.st_dev, status.st_ino});
+    const auto found = m_files.find(FileId(status));
     if (found == m_files.end())
         return nullptr;
     const File& file = found->second;
@@ -24,13 +26,13 @@ unsigned long long HardLinks::Add(const struct stat& status, unsigned long long 
                     .namesToCome = status.st_nlink - 1u,
                     .size = size,
                     .writeTime = Krt::File::WriteTime(status)};
-    m_files.insert_or_assign(Key{status.st_dev, status.st_ino}, file);
+    m_files.insert_or_assign(FileId(status), file);
     return file.group;
 }
 
 void HardLinks::Seen(const struct stat& status)
 {
-    const auto found = m_files.find({status.st_dev, status.st_ino});
+    const auto found = m_files.find(FileId(status));
     if (found != m_files.end() && --found->second.namesToCome == 0)
         m_files.erase(found);
 }

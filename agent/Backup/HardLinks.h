@@ -5,9 +5,9 @@
 
 #include "agent/Store/Snapshot.h"
 
+#include "Krt/File/FileId.h"
+
 #include <map>
-#include <sys/stat.h>
-#include <utility>
 
 namespace Agent {
 
@@ -36,8 +36,7 @@ public:
     void Seen(const struct stat& status);
 
 private:
-    using Key = std::pair<dev_t, ino_t>;
-    std::map<Key, File> m_files;
+    std::map<Krt::File::FileId, File> m_files;
     unsigned long long m_groups = 0;
 };
 

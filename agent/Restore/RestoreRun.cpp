@@ -16,6 +16,7 @@ namespace Agent {
 
 using Krt::ErrorCode;
 using Krt::YString;
+using Krt::File::FileId;
 using Krt::File::YDirectory;
 using Krt::File::YPath;
 
@@ -138,8 +139,7 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
     });
     const bool isLinked = MakeHardLink(FirstNameOf(entry), place, m_temporary);
     const bool isFirst = !isLinked && (entry.hardLinkGroup != 0 || m_hasSeveralPaths);
-    struct stat made
-    {};
+    FileId made;
     if (!isLinked && recorded.type == S_IFREG) {
         MakeFile(entry, recorded, parent, isFirst ? &made : nullptr);
     } else if (!isLinked) {
@@ -147,7 +147,7 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
         workplace = &staging.GetDirectory();
         MakeOther(entry, recorded, staging);
         if (isFirst)
-            made = workplace->Stat(m_temporary);
+            made = FileId(workplace->Stat(m_temporary));
     }
     workplace->Rename(m_temporary, parent, place.back());
     isMoved = true;
@@ -177,7 +177,7 @@ void RestoreRun::CheckStanding(const YDirectory& parent, const YString& name,
     if (!parent.StatIfPresent(name, standing))
         return;
     KRT_RAISE_UNLESS(!S_ISDIR(standing.st_mode), ErrorCode::InvalidState, "A directory stands in its place");
-    const bool isOwn = m_first && m_first->device == standing.st_dev && m_first->inode == standing.st_ino;
+    const bool isOwn = m_first && m_first->file == FileId(standing);
     KRT_RAISE_UNLESS(otherVolume.IsEmpty() || isOwn, ErrorCode::InvalidState,
                      "Not restored: what stands in its place may be of the volume "
                          << otherVolume << ", which is restored into the same directory");
@@ -201,8 +201,7 @@ bool RestoreRun::MakeHardLink(const LinkedFile* first, const Place& place, const
     const YDirectory& parent = m_tree.ParentOf(place);
     try {
         m_tree.MakeHardLink(first->place, place, temporary);
-        const struct stat made = parent.Stat(temporary);
-        if (made.st_dev == first->device && made.st_ino == first->inode)
+        if (FileId(parent.Stat(temporary)) == first->file)
             return true;
         parent.RemoveFile(temporary);
         m_refused.emplace_back(
@@ -215,13 +214,13 @@ bool RestoreRun::MakeHardLink(const LinkedFile* first, const Place& place, const
 }
 
 void RestoreRun::MakeFile(const SnapshotEntry& entry, const RecordedEntry& recorded, const YDirectory& parent,
-                          struct stat* made)
+                          FileId* made)
 {
     Krt::Util::YUnxHandle file = parent.CreateFile(m_temporary);
     WriteContent(entry, recorded, file);
     Apply(recorded.attributes, file, m_refused);
     if (made != nullptr)
-        *made = Krt::File::Stat(file);
+        *made = FileId(Krt::File::Stat(file));
     CloseWritten(file);
 }
 
@@ -267,9 +266,9 @@ void RestoreRun::MakeOther(const SnapshotEntry& entry, const RecordedEntry& reco
         m_refused.emplace_back("attributes not restored, since others may enter the temporary directory");
 }
 
-void RestoreRun::Remember(const SnapshotEntry& entry, const Place& place, const struct stat& made)
+void RestoreRun::Remember(const SnapshotEntry& entry, const Place& place, const FileId& made)
 {
-    m_first.emplace(LinkedFile{place, made.st_dev, made.st_ino});
+    m_first.emplace(LinkedFile{place, made});
     if (entry.hardLinkGroup != 0)
         m_linked.insert_or_assign(entry.hardLinkGroup, *m_first);
 }

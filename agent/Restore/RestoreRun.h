@@ -11,6 +11,8 @@
 #include "agent/Store/ObjectReader.h"
 #include "agent/Store/SnapshotReader.h"
 
+#include "Krt/File/FileId.h"
+
 #include <map>
 #include <stdexcept>
 
@@ -46,8 +48,7 @@ private:
     struct LinkedFile
     {
         Place place;
-        dev_t device;
-        ino_t inode;
+        Krt::File::FileId file;
     };
 
     void RestorePath(const SnapshotEntry& entry, Backup::File::YMetadataBase& metadata, unsigned long index);
@@ -60,11 +61,11 @@ private:
     const LinkedFile* FirstNameOf(const SnapshotEntry& entry) const;
     bool MakeHardLink(const LinkedFile* first, const Place& place, const Krt::YString& temporary);
     void MakeFile(const SnapshotEntry& entry, const RecordedEntry& recorded,
-                  const Krt::File::YDirectory& parent, struct stat* made);
+                  const Krt::File::YDirectory& parent, Krt::File::FileId* made);
     void MakeOther(const SnapshotEntry& entry, const RecordedEntry& recorded, const Staging& staging);
     void WriteContent(const SnapshotEntry& entry, const RecordedEntry& recorded,
                       const Krt::Util::YUnxHandle& file);
-    void Remember(const SnapshotEntry& entry, const Place& place, const struct stat& made);
+    void Remember(const SnapshotEntry& entry, const Place& place, const Krt::File::FileId& made);
     void Failed(const Krt::YString& path, const Krt::Exception::YError& error);
 
     TargetTree m_tree;

@@ -5,6 +5,7 @@
 
 #include "Krt/Environment/Host.h"
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/FileId.h"
 #include "Krt/File/Unix/StatTimes.h"
 
 #include <algorithm>
@@ -13,6 +14,7 @@ namespace Agent {
 
 using Krt::ErrorCode;
 using Krt::YString;
+using Krt::File::FileId;
 using Krt::File::YDirectory;
 
 namespace {
@@ -23,8 +25,7 @@ constexpr unsigned int ModeWithoutRecord = 0755;
 // Somebody may have put another directory in the place of the one that was looked at.
 void CheckIs(const YDirectory& opened, const struct stat& seen, const YString& name)
 {
-    const struct stat status = opened.Stat();
-    KRT_RAISE_UNLESS(status.st_dev == seen.st_dev && status.st_ino == seen.st_ino, ErrorCode::InvalidState,
+    KRT_RAISE_UNLESS(FileId(opened.Stat()) == FileId(seen), ErrorCode::InvalidState,
                      "The directory was replaced during the restore: " << name);
 }
 

@@ -15,6 +15,7 @@ namespace Agent {
 
 using Backup::File::YSelectionDescriptor;
 using Krt::YString;
+using Krt::File::FileId;
 using Krt::File::YDirectory;
 using Krt::File::YPath;
 
@@ -41,14 +42,12 @@ Walker::~Walker() = default;
 
 void Walker::Skip(const struct stat& directory)
 {
-    m_skips = true;
-    m_skippedDevice = directory.st_dev;
-    m_skippedInode = directory.st_ino;
+    m_skipped = FileId(directory);
 }
 
 bool Walker::IsSkipped(const struct stat& directory) const
 {
-    return m_skips && directory.st_dev == m_skippedDevice && directory.st_ino == m_skippedInode;
+    return m_skipped == FileId(directory);
 }
 
 bool Walker::LiesInSkipped(const YPath& root) const
@@ -121,7 +120,7 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
         if (!selected)
             return;
     }
-    if (m_skips && entry.IsDirectory() && IsSkipped(entry.Status())) {
+    if (m_skipped && entry.IsDirectory() && IsSkipped(entry.Status())) {
         m_visitor.OnStoreSkipped(path);
         return;
     }
@@ -129,11 +128,9 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
         return;
 
     YDirectory directory = parent.OpenDirectory(name);
-    if (const std::optional<struct stat>& known = entry.KnownStatus()) {
-        const struct stat opened = directory.Stat();
-        if (opened.st_dev != known->st_dev || opened.st_ino != known->st_ino)
-            KRT_RAISE(Krt::ErrorCode::InvalidState, "The directory was replaced during the walk");
-    }
+    if (const std::optional<struct stat>& known = entry.KnownStatus())
+        KRT_RAISE_UNLESS(FileId(directory.Stat()) == FileId(*known), Krt::ErrorCode::InvalidState,
+                         "The directory was replaced during the walk");
     Enter(path, std::move(directory));
 }
 
@@ -194,7 +191,7 @@ bool Walker::MayEnter(const WalkedEntry& entry, bool selected, bool isRoot)
 void Walker::Enter(const YPath& path, YDirectory directory)
 {
     NameList names(directory);
-    m_levels.push_back({path, std::move(directory), {}, {}, std::move(names)});
+    m_levels.push_back({path, std::move(directory), {}, std::move(names)});
     if (m_levels.size() > MaxOpenLevels)
         Close(m_levels[m_levels.size() - MaxOpenLevels - 1]);
 }
@@ -203,9 +200,7 @@ void Walker::Close(Level& level)
 {
     if (!level.directory)
         return;
-    const struct stat status = level.directory->Stat();
-    level.device = status.st_dev;
-    level.inode = status.st_ino;
+    level.closed = FileId(level.directory->Stat());
     level.directory.reset();
 }
 
@@ -213,9 +208,8 @@ const YDirectory& Walker::DirectoryOf(Level& level)
 {
     if (!level.directory) {
         YDirectory directory = YDirectory::OpenToSearch(level.path);
-        const struct stat status = directory.Stat();
-        if (status.st_dev != level.device || status.st_ino != level.inode)
-            KRT_RAISE(Krt::ErrorCode::InvalidState, "The directory above was replaced during the walk");
+        KRT_RAISE_UNLESS(FileId(directory.Stat()) == level.closed, Krt::ErrorCode::InvalidState,
+                         "The directory above was replaced during the walk");
         level.directory = std::move(directory);
     }
     return *level.directory;

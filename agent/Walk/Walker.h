@@ -8,6 +8,7 @@
 
 #include "Backup/File/YSelectionManager.h"
 
+#include "Krt/File/FileId.h"
 #include "Krt/File/YDirectory.h"
 
 #include <deque>
@@ -91,8 +92,7 @@ private:
     {
         Krt::File::YPath path;
         std::optional<Krt::File::YDirectory> directory; // closed while too many are open below
-        dev_t device;                                   // of the closed directory
-        ino_t inode;
+        Krt::File::FileId closed;                       // which directory was closed
         NameList names;
         std::size_t next = 0;
     };
@@ -112,9 +112,7 @@ private:
     const Backup::File::YSelectionManager& m_rules;
     std::set<Krt::File::YPath> m_roots;
     IWalkVisitor& m_visitor;
-    bool m_skips = false;
-    dev_t m_skippedDevice = 0;
-    ino_t m_skippedInode = 0;
+    std::optional<Krt::File::FileId> m_skipped;
     std::deque<Level> m_levels; // the directories on the way down
 };
 

@@ -6,6 +6,7 @@
 #include "agent/Store/Directories.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/FileId.h"
 
 #include <filesystem>
 #include <sys/stat.h>
@@ -16,17 +17,13 @@ namespace Agent {
 
 using Krt::ErrorCode;
 using Krt::YString;
+using Krt::File::FileId;
 using Krt::File::YDirectory;
 
 namespace {
 
 constexpr uid_t Root = 0;
 constexpr int MostLinks = 40; // as many as the kernel follows
-
-bool IsSame(const struct stat& a, const struct stat& b)
-{
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
 
 class Way
 {
@@ -59,7 +56,7 @@ private:
     void Refuse(bool isRefused, const std::string& reason) const;
 
     const std::string m_path;
-    const struct stat m_store;
+    const FileId m_store;
     Report& m_report;
     const uid_t m_user;
     const bool m_guards;
@@ -89,7 +86,7 @@ YDirectory Way::Go()
 void Way::Enter(YDirectory directory, const YString& name, const std::string& path)
 {
     const struct stat status = directory.Stat();
-    const bool isInStore = IsSame(status, m_store) || (!m_levels.empty() && m_levels.back().isInStore);
+    const bool isInStore = FileId(status) == m_store || (!m_levels.empty() && m_levels.back().isInStore);
     if (m_guards && !m_levels.empty())
         Refuse(m_levels.back().isShared && status.st_uid != Root &&
                    status.st_uid != m_levels.back().status.st_uid,
@@ -138,7 +135,7 @@ YDirectory Way::OpenLast() const
     YDirectory opened = m_levels.size() == 1
                             ? YDirectory::Open("/")
                             : m_levels[m_levels.size() - 2].directory.OpenDirectory(last.name);
-    Refuse(!IsSame(opened.Stat(), last.status), last.path + " was replaced meanwhile");
+    Refuse(FileId(opened.Stat()) != FileId(last.status), last.path + " was replaced meanwhile");
     return opened;
 }
 
