@@ -15,7 +15,8 @@ void RemoveAccessLists(const Util::YUnxHandle& handle)
     const acl_t list = acl_get_fd_np(descriptor, ACL_TYPE_EXTENDED);
     if (list == nullptr && (errno == ENOENT || errno == ENOTSUP))
         return;
-    acl_free(list);
+    if (list != nullptr)
+        acl_free(list);
     const filesec_t security = filesec_init();
     if (security == nullptr)
         KRT_RAISE_OS("Failed to remove access list of open file");
