@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <libproc.h>
+#include <sys/param.h>
 #include <unistd.h>
 
 #include <string_view>
@@ -17,10 +18,15 @@ namespace {
 bool BearsName(int process, std::string_view name)
 {
     char text[PROC_PIDPATHINFO_MAXSIZE];
-    // The path is whole, but of a program that was replaced since there is none; the name may be cut.
     int size = proc_pidpath(process, text, sizeof text);
-    if (size <= 0)
+    if (size <= 0) {
+        // A program that was replaced since has no path. The kernel's name is used unless it may have been
+        // cut.
+        constexpr int KernelNameBytes = 2 * MAXCOMLEN;
         size = proc_name(process, text, sizeof text);
+        if (size >= KernelNameBytes)
+            return false;
+    }
     const std::string_view known(text, size > 0 ? static_cast<std::size_t>(size) : 0);
     return known.substr(known.rfind('/') + 1) == name;
 }
