@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <locale>
+#include <sstream>
 #include <string>
 
 namespace Krt::Exception {
@@ -21,6 +23,18 @@ std::string WithoutEnding(const char* file)
     return dot ? std::string(file, dot) : std::string(file);
 }
 
+// The lines of a failed check, the last of which, the stack's text, is not ended.
+void WriteBanner(std::ostream& stream, const char* condition, const YString& detail, unsigned int line,
+                 const char* file, const char* function)
+{
+    stream << "******** Abort due to required check: '" << condition << "' " << detail.CStr() << std::endl
+           << "******** ThreadId: 0x" << std::hex << Thread::GetThreadId() << std::dec << std::endl
+           << "******** ThreadName: " << Thread::GetName().CStr() << std::endl
+           << "******** Method: " << function << " " << WithoutEnding(file) << ":" << line << std::endl
+           << "******** Stack: " << std::endl
+           << GetCurrentStackTrace().CStr() << std::flush;
+}
+
 } // namespace
 
 void Raise(ExceptionType type, unsigned int messageType, unsigned int code, unsigned int line,
@@ -32,13 +46,11 @@ void Raise(ExceptionType type, unsigned int messageType, unsigned int code, unsi
 void FailRequiredCheck(const char* condition, const YString& detail, unsigned int line, const char* file,
                        const char* function)
 {
+    std::ostringstream text;
+    text.imbue(std::locale::classic());
+    WriteBanner(text, condition, detail, line, file, function);
     YStream banner{YString()};
-    banner << "******** Abort due to required check: '" << condition << "' " << detail << Modifiers::EndLine
-           << "******** ThreadId: 0x" << Hex::On << Thread::GetThreadId() << Modifiers::EndLine
-           << "******** ThreadName: " << Thread::GetName() << Modifiers::EndLine
-           << "******** Method: " << function << " " << WithoutEnding(file).c_str() << ":" << line
-           << Modifiers::EndLine << "******** Stack: " << Modifiers::EndLine << GetCurrentStackTrace()
-           << Modifiers::EndLine;
+    banner << text.str().c_str() << Modifiers::EndLine;
     std::cerr << YString(banner).CStr() << std::flush;
     Debug::EnterDebugger();
     Raise(ExceptionType::General, MessageType::General, ErrorCode::InvalidUse, line, file, function, banner);
@@ -48,13 +60,7 @@ void AbortRequiredCheck(const char* condition, const YStream& detail, unsigned i
                         const char* function)
 {
     // No stream of this layer: its flush takes the lock of the signals, and a lock is what has just failed.
-    std::cerr << "******** Abort due to required check: '" << condition << "' " << YString(detail).CStr()
-              << std::endl;
-    std::cerr << "******** ThreadId: 0x" << std::hex << Thread::GetThreadId() << std::dec << std::endl;
-    std::cerr << "******** ThreadName: " << Thread::GetName().CStr() << std::endl;
-    std::cerr << "******** Method: " << function << " " << WithoutEnding(file) << ":" << line << std::endl;
-    std::cerr << "******** Stack: " << std::endl;
-    std::cerr << GetCurrentStackTrace().CStr() << std::flush;
+    WriteBanner(std::cerr, condition, detail, line, file, function);
     Debug::EnterDebugger();
     std::abort();
 }
