@@ -69,7 +69,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     const std::string bytes(data + 1, data + size), path = directory / "store/snapshots/x";
     {
         const auto file = Krt::Util::OpenHandle(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
-        writer.Begin(file);
+        writer.Begin(file.value);
         if ((data[0] & 1) != 0)
             writer.Write(bytes.data(), bytes.size());
         else

@@ -94,7 +94,7 @@ std::string ReadCertificateFile(const YPath& path)
                      ErrorCode::InvalidArgument, "Not a regular file: " << path);
     const FilePtr file(std::fopen(path.CStr(), "rbe"));
     if (file == nullptr)
-        KRT_RAISE_OS("Failed to open " << path);
+        KRT_RAISE_OS(errno, "Failed to open " << path);
     std::string bytes;
     char block[16384];
     while (const std::size_t size = std::fread(block, 1, sizeof block, file.get())) {
@@ -103,7 +103,7 @@ std::string ReadCertificateFile(const YPath& path)
                          "Too large for certificates: " << path);
     }
     if (std::ferror(file.get()) != 0)
-        KRT_RAISE_OS("Failed to read " << path);
+        KRT_RAISE_OS(errno, "Failed to read " << path);
     return bytes;
 }
 

@@ -3,11 +3,11 @@
 #include "agent/Restore/SparseWriter.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
-#include "agent/Store/Durable.h"
 #include "agent/Store/Hex.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/DeviceNumber.h"
+#include "Krt/Util/OpenHandle.h"
 #include "Krt/Util/YScope.h"
 
 #include <cerrno>
@@ -221,7 +221,7 @@ void RestoreRun::MakeFile(const SnapshotEntry& entry, const RecordedEntry& recor
     Apply(recorded.attributes, file, m_refused);
     if (made != nullptr)
         *made = FileId(Krt::File::Stat(file));
-    CloseWritten(file);
+    Krt::Util::CloseWritten(file);
 }
 
 void RestoreRun::WriteContent(const SnapshotEntry& entry, const RecordedEntry& recorded,

@@ -5,6 +5,7 @@
 #include "agent/Store/RunLock.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/Util/OpenHandle.h"
 
 #include <string>
 
@@ -105,7 +106,7 @@ bool StoreSession::Has(const Address& address) const
 
 void StoreSession::AddObject(const Address& address, Temporary& file, unsigned long long size)
 {
-    CloseWritten(file.handle);
+    Krt::Util::CloseWritten(file.handle);
     m_pending.emplace(address, file.name);
     m_pendingBytes += size;
     m_storedBytes += size;
@@ -125,7 +126,7 @@ void StoreSession::PlaceObjects()
 
 void StoreSession::PlaceSnapshot(Temporary& file, const YString& id)
 {
-    CloseWritten(file.handle);
+    Krt::Util::CloseWritten(file.handle);
     PlaceObjects();
     // Brings the snapshot's data to disk, and the names of its objects: those of this session, and those that
     // it found here, which another session may have placed a moment ago.

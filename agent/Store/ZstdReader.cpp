@@ -67,8 +67,7 @@ bool ZstdReader::Fill()
     try {
         m_end = Krt::File::Read(*m_file, m_offset, m_input.size(), m_input.data());
     } catch (const Krt::Exception::YError& error) {
-        KRT_RAISE_OS_ERROR(error.GetOsError(), Krt::MessageType::General,
-                           m_name << ": " << error.GetMessage());
+        KRT_RAISE_OS(error.GetOsError(), m_name << ": " << error.GetMessage());
     }
     m_isAtEnd = m_end != m_input.size();
     m_offset += m_end;

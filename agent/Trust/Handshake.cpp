@@ -66,12 +66,11 @@ void Handshake::Finish(const Endpoint& server, Deadline deadline)
         if (state == SSL_ERROR_WANT_READ || state == SSL_ERROR_WANT_WRITE) {
             const auto direction = state == SSL_ERROR_WANT_READ ? Direction::Read : Direction::Write;
             if (!WaitUntilReady(m_connection, direction, deadline))
-                KRT_RAISE_OS_ERROR(ETIMEDOUT, Krt::MessageType::General,
-                                   "No TLS handshake with " << where.c_str());
+                KRT_RAISE_OS(ETIMEDOUT, "No TLS handshake with " << where.c_str());
             continue;
         }
         if (state == SSL_ERROR_SYSCALL && osError != 0)
-            KRT_RAISE_OS_ERROR(osError, Krt::MessageType::General, "No TLS handshake with " << where.c_str());
+            KRT_RAISE_OS(osError, "No TLS handshake with " << where.c_str());
         const char* const reason = ERR_reason_error_string(ERR_peek_last_error());
         KRT_RAISE(Krt::ErrorCode::CryptoFailure,
                   "No TLS handshake with "

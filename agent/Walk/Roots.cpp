@@ -25,7 +25,7 @@ std::string Resolve(const std::string& path)
 {
     const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr), &std::free);
     if (resolved == nullptr)
-        KRT_RAISE_OS("Can't resolve " << path.c_str());
+        KRT_RAISE_OS(errno, "Can't resolve " << path.c_str());
     return resolved.get();
 }
 
@@ -81,7 +81,7 @@ void LoadRules(Backup::File::YSelectionManager& rules, std::vector<YString>& war
         std::ifstream file(jobFile, std::ios::binary);
         text << file.rdbuf();
         if (!file.is_open() || text.bad())
-            KRT_RAISE_OS("Can't read the job file " << jobFile.c_str());
+            KRT_RAISE_OS(errno, "Can't read the job file " << jobFile.c_str());
     }
     const EndingOnInterrupts ending; // the rules of a large job take their time
     try {

@@ -7,7 +7,6 @@
 #include "Krt/Log/LogSite.h"
 #include "Krt/Profile/YProfile.h"
 #include "Krt/Thread/YMutex.h"
-#include "Krt/Util/Retry.h"
 #include "Krt/Util/YUnxHandle.h"
 
 #include <atomic>
@@ -51,17 +50,39 @@ int ErrorOf(int result)
 template <class Call>
 std::optional<int> Perform(Call call)
 {
-    const int result = Krt::Util::RetryOnInterrupt(call);
+    const int result = Krt::Util::CallSystem(call).value;
     return result < 0 ? std::optional(ErrorOf(result)) : std::nullopt;
 }
 
 void SeekTo(int fd, unsigned long long offset, const char* function)
 {
     const off_t position = lseek(fd, static_cast<off_t>(offset), SEEK_SET);
-    const int error = errno;
     if (position == -1 || static_cast<unsigned long long>(position) != offset)
-        KRT_RAISE_FULL(Krt::ExceptionType::OsError, function, MessageType::General,
-                       static_cast<unsigned int>(error), "Could not seek in file");
+        KRT_RAISE_OS_AS(function, MessageType::General, errno, "Could not seek in file");
+}
+
+// Adds up transfers until `count` bytes are through. The one place where errno outlives its call: a short
+// transfer goes on only while errno is EINTR, which is not cleared beforehand. A failure counts as -1: of the
+// first call it gives FailedTotal, of a later one it takes a byte back.
+template <class Call>
+Krt::Util::OsResult<unsigned int> TransferAll(unsigned int count, Call call)
+{
+    unsigned int total = 0;
+    do
+        total += static_cast<unsigned int>(call(total, count - total));
+    while (total < count && errno == EINTR);
+    return {total, errno};
+}
+
+// The descriptor, above those of the standard streams. A negative result other than -1 counts as one.
+Krt::Util::OsResult<int> OpenForBackup(const YPath& path, int flags)
+{
+    const auto opened =
+        Krt::Util::CallSystem([&] { return open(Native(path), flags | O_NOFOLLOW, CreatedFileMode); });
+    if (opened.value < -1)
+        return {opened.value, 0};
+    auto owned = Krt::Util::OwnAboveStandardStreams(opened);
+    return {owned.value.Release(), owned.error};
 }
 
 // The mount points that the configuration admits. The set is complete before the flag is set and never
@@ -90,7 +111,7 @@ const std::set<YPath>& GetIncludedMountpoints()
 void StatFile(const YPath& path, struct stat* status)
 {
     if (const auto error = Perform([&] { return lstat(Native(path), status); }))
-        KRT_RAISE_OS_ERROR(*error, MessageType::FileStat, "Failed to stat file: " << path);
+        KRT_RAISE_OS_ON(MessageType::FileStat, *error, "Failed to stat file: " << path);
 }
 
 unsigned long long GetFileInode(const YPath& path, unsigned long long* allocated)
@@ -152,7 +173,7 @@ YPath NormalizePathCase(const YPath& path)
 void CreateHardlink(const YPath& link, const YPath& existing)
 {
     if (const auto error = Perform([&] { return ::link(Native(existing), Native(link)); }))
-        KRT_RAISE_OS_ERROR(*error, MessageType::General);
+        KRT_RAISE_OS(*error);
 }
 
 YPath GetSymbolicLinkTarget(const YPath& path)
@@ -161,7 +182,7 @@ YPath GetSymbolicLinkTarget(const YPath& path)
     char target[LinkTargetSize + 1];
     const ssize_t length = readlink(Native(path), target, LinkTargetSize);
     if (length == -1)
-        KRT_RAISE_OS("Could not read symbolic link");
+        KRT_RAISE_OS(errno, "Could not read symbolic link");
     target[length] = '\0';
     return YPath(target);
 }
@@ -171,8 +192,7 @@ void CreateSymbolicLink(const YPath& link, const YPath& target)
     Krt::File::DeleteFile(link);
     Krt::File::CreatePath(link, false);
     if (const auto error = Perform([&] { return symlink(Native(target), Native(link)); }))
-        KRT_RAISE_OS_ERROR(*error, MessageType::General,
-                           "Failed to create symlink from: " << link << " To: " << target);
+        KRT_RAISE_OS(*error, "Failed to create symlink from: " << link << " To: " << target);
 }
 
 void CreateDirectory(const YPath& path, unsigned int mode)
@@ -180,7 +200,7 @@ void CreateDirectory(const YPath& path, unsigned int mode)
     try {
         if (const auto error =
                 Perform([&] { return mkdir(Native(path), static_cast<mode_t>(mode & LowWord)); }))
-            KRT_RAISE_OS_ERROR(*error, MessageType::General, "Failed to create directory: " << path);
+            KRT_RAISE_OS(*error, "Failed to create directory: " << path);
     } catch (const YError& error) {
         if (error.GetOsError() != EEXIST)
             throw YError(static_cast<const YErrorBase&>(error));
@@ -196,7 +216,7 @@ void SetFileTime(const YPath& path, unsigned long long access, unsigned long lon
 {
     const utimbuf times{static_cast<time_t>(access), static_cast<time_t>(write)};
     if (const auto error = Perform([&] { return utime(Native(path), &times); }))
-        KRT_RAISE_OS_ERROR(*error, MessageType::General, "Failed to set file time on file: " << path);
+        KRT_RAISE_OS(*error, "Failed to set file time on file: " << path);
 }
 
 void SetModeFlags(const YPath& path, unsigned int flags)
@@ -204,73 +224,55 @@ void SetModeFlags(const YPath& path, unsigned int flags)
     if ((flags & TypeMask) == LinkType)
         return;
     if (const auto error = Perform([&] { return chmod(Native(path), static_cast<mode_t>(flags & LowWord)); }))
-        KRT_RAISE_OS_ERROR(*error, MessageType::General, "Failed to set mode flags on file: " << path);
+        KRT_RAISE_OS(*error, "Failed to set mode flags on file: " << path);
 }
 
 void SetUID(const YPath& path, unsigned int uid)
 {
     if (const auto error = Perform([&] { return chown(Native(path), uid, static_cast<gid_t>(-1)); }))
-        KRT_RAISE_OS_ERROR(*error, MessageType::General, "Failed to set UID on file: " << path);
+        KRT_RAISE_OS(*error, "Failed to set UID on file: " << path);
 }
 
 void SetGID(const YPath& path, unsigned int gid)
 {
     if (const auto error = Perform([&] { return chown(Native(path), static_cast<uid_t>(-1), gid); }))
-        KRT_RAISE_OS_ERROR(*error, MessageType::General, "Failed to set GID on file: " << path);
+        KRT_RAISE_OS(*error, "Failed to set GID on file: " << path);
 }
 
-// The two openers return a negative result other than -1 as the descriptor.
 int OpenForBackupWrite(const YPath& path)
 {
-    const int fd = Krt::Util::MoveAboveStandardStreams(Krt::Util::RetryOnInterrupt(
-        [&] { return open(Native(path), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW, CreatedFileMode); }));
-    if (fd == -1)
-        KRT_RAISE_OS("Could not open file for write: " << path);
-    return fd;
+    return KRT_OS_VALUE(OpenForBackup(path, O_RDWR | O_CREAT | O_TRUNC),
+                        "Could not open file for write: " << path);
 }
 
 int OpenForBackupRead(const YPath& path)
 {
-    const int fd = Krt::Util::MoveAboveStandardStreams(
-        Krt::Util::RetryOnInterrupt([&] { return open(Native(path), O_RDONLY | O_NOFOLLOW); }));
-    if (fd == -1)
-        KRT_RAISE_OS("Could not open file for read: " << path);
-    return fd;
+    return KRT_OS_VALUE(OpenForBackup(path, O_RDONLY), "Could not open file for read: " << path);
 }
 
 void Write(int fd, unsigned long long offset, const unsigned char* data, unsigned int count)
 {
     SeekTo(fd, offset, __func__);
-    unsigned int total = 0;
-    do {
-        // A failure counts as -1: of the first call it gives FailedTotal, of a later one it takes a byte
-        // back.
-        total += static_cast<unsigned int>(write(fd, data + total, count - total));
-        if (total >= count) {
-            if (total == FailedTotal)
-                break;
-            return;
-        }
-    } while (errno == EINTR);
-    KRT_RAISE_OS("Could not write to file");
+    const auto [total, error] = TransferAll(
+        count, [&](unsigned int done, unsigned int rest) { return write(fd, data + done, rest); });
+    if (total < count || total == FailedTotal)
+        KRT_RAISE_OS(error, "Could not write to file");
 }
 
 unsigned int Read(int fd, unsigned long long offset, unsigned char* data, unsigned int count)
 {
     SeekTo(fd, offset, __func__);
-    unsigned int total = 0;
-    do {
-        total += static_cast<unsigned int>(read(fd, data + total, count - total));
-    } while (total < count && errno == EINTR);
+    const auto [total, error] =
+        TransferAll(count, [&](unsigned int done, unsigned int rest) { return read(fd, data + done, rest); });
     if (total == FailedTotal)
-        KRT_RAISE_OS("Could not read from file");
+        KRT_RAISE_OS(error, "Could not read from file");
     return total;
 }
 
 void Close(int fd)
 {
     if (const auto error = Perform([&] { return close(fd); }))
-        KRT_RAISE_OS_ERROR(*error, MessageType::FileClose);
+        KRT_RAISE_OS_ON(MessageType::FileClose, *error);
 }
 
 bool IsFollowableDirectoryFromKrtAttributes(const YPath& path, unsigned int attributes)

@@ -7,7 +7,6 @@
 #include "Krt/KrtFoundation/boostapi.h"
 #include "Krt/Log/LogSite.h"
 #include "Krt/Profile/YProfile.h"
-#include "Krt/Util/Retry.h"
 
 #include <unistd.h>
 
@@ -259,10 +258,9 @@ YPath YFile::GetSymbolicLinkTarget() const
         return Backup::File::GetSymbolicLinkTarget(m_path);
     KRT_RAISE_UNLESS(IsSymbolicLink(), ErrorCode::InvalidState);
     char target[LinkTargetSize + 1];
-    const ssize_t length = Krt::Util::RetryOnInterrupt(
-        [&] { return readlinkat(m_directory->GetHandle().Get(), m_name->CStr(), target, LinkTargetSize); });
-    if (length == -1)
-        KRT_RAISE_OS("Could not read symbolic link");
+    const ssize_t length =
+        KRT_SYSCALL(readlinkat(m_directory->GetHandle().Get(), m_name->CStr(), target, LinkTargetSize),
+                    "Could not read symbolic link");
     target[length] = '\0';
     return YPath(target);
 }

@@ -3,14 +3,12 @@
 #include "Backup/Volume/Unix/Discovery.h"
 #include "Krt/Exception/Raise.h"
 #include "Krt/Log/LogSite.h"
-#include "Krt/Util/Retry.h"
 
 #include <sys/stat.h>
 
 namespace Backup::Volume {
 
 using Krt::File::YPath;
-using Krt::Util::RetryOnInterrupt;
 using Krt::Volume::MountEntry;
 
 namespace {
@@ -104,14 +102,13 @@ YPath Discovery::GetVolumePathName(const YPath& path)
         // An interrupted call is not repeated here: it fails like any other.
         if (stat(current.CStr(), &own) == 0) {
             struct stat above;
-            if (RetryOnInterrupt([&] { return stat(parent.CStr(), &above); }) != 0)
-                KRT_RAISE_OS("Failed to stat file: " << path);
+            KRT_SYSCALL(stat(parent.CStr(), &above), "Failed to stat file: " << path);
             if (own.st_dev != above.st_dev) {
                 result = current;
                 break;
             }
-        } else if (errno != ENOENT) {
-            KRT_RAISE_OS("Failed to stat file: " << path);
+        } else if (const int error = errno; error != ENOENT) {
+            KRT_RAISE_OS(error, "Failed to stat file: " << path);
         }
         climbed.push_back(std::move(current));
         current = std::move(parent);
@@ -200,12 +197,10 @@ bool IsMountPoint(const YPath& path)
 {
     try {
         struct stat own;
-        if (RetryOnInterrupt([&] { return stat(path.CStr(), &own); }) != 0)
-            KRT_RAISE_OS();
+        KRT_SYSCALL(stat(path.CStr(), &own));
         const YPath parent = path.RemoveFile();
         struct stat above;
-        if (RetryOnInterrupt([&] { return stat(parent.CStr(), &above); }) != 0)
-            KRT_RAISE_OS();
+        KRT_SYSCALL(stat(parent.CStr(), &above));
         return own.st_dev != above.st_dev;
     } catch (const Krt::Exception::YError&) {
         KRT_LOG_FREE(MessageType::General, "Failed to stat '" << path << "' or parent");

@@ -3,15 +3,13 @@
 #include "agent/Run/Interrupt.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/Retry.h"
+#include "Krt/Util/OpenHandle.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 namespace Agent {
-
-using Krt::Util::RetryOnInterrupt;
 
 namespace {
 
@@ -34,20 +32,14 @@ InputFile::InputFile(const std::string& path) : m_name(path.empty() || path == "
     if (path.empty() || path == "-")
         return;
     const EndingOnInterrupts ending; // a named pipe may never have a writer
-    const int descriptor = Krt::Util::MoveAboveStandardStreams(
-        RetryOnInterrupt([&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
-    if (descriptor < 0)
-        KRT_RAISE_OS("Can't open " << m_name.c_str());
-    m_file = Krt::Util::YUnxHandle(descriptor, true);
+    m_file = KRT_OS_VALUE(Krt::Util::OpenHandle(path.c_str(), O_RDONLY), "Can't open " << m_name.c_str());
 }
 
 std::size_t InputFile::Read(char* buffer, std::size_t size)
 {
     const int descriptor = m_file.IsEmpty() ? STDIN_FILENO : m_file.Get();
     WaitForInput(descriptor);
-    const ssize_t count = RetryOnInterrupt([&] { return read(descriptor, buffer, size); });
-    if (count < 0)
-        KRT_RAISE_OS("Can't read " << m_name.c_str());
+    const ssize_t count = KRT_SYSCALL(read(descriptor, buffer, size), "Can't read " << m_name.c_str());
     return static_cast<std::size_t>(count);
 }
 

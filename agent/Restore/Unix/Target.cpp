@@ -173,8 +173,7 @@ YDirectory OpenTarget(const std::string& path, const YDirectory& store, Report& 
         if (error.GetType() != Krt::ExceptionType::OsError)
             throw;
         // It names the one component that it is about.
-        KRT_RAISE_OS_ERROR(error.GetOsError(), Krt::MessageType::General,
-                           "Can't restore to " << path.c_str() << ": " << error.GetMessage());
+        KRT_RAISE_OS(error.GetOsError(), "Can't restore to " << path.c_str() << ": " << error.GetMessage());
     }
 }
 

@@ -3,7 +3,6 @@
 #include "agent/Run/Interrupt.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/Retry.h"
 #include "Krt/Util/YUnxHandle.h"
 
 #include <poll.h>
@@ -12,7 +11,7 @@
 
 namespace Agent {
 
-using Krt::Util::RetryOnInterrupt;
+using Krt::Util::CallSystem;
 using Krt::Util::YUnxHandle;
 
 namespace {
@@ -43,10 +42,10 @@ int CallInChild(const std::function<int()>& work)
     if (child < 0)
         return work();
     pollfd waited{reading.Get(), POLLIN, 0};
-    while (RetryOnInterrupt([&] { return poll(&waited, 1, MillisecondsBetweenLooks); }) == 0)
+    while (CallSystem([&] { return poll(&waited, 1, MillisecondsBetweenLooks); }).value == 0)
         KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
     int status = 0;
-    if (RetryOnInterrupt([&] { return waitpid(child, &status, 0); }) < 0 || !WIFEXITED(status))
+    if (!CallSystem([&] { return waitpid(child, &status, 0); }) || !WIFEXITED(status))
         return work();
     return WEXITSTATUS(status);
 }

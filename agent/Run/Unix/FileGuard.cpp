@@ -5,17 +5,17 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/Util/OpenHandle.h"
-#include "Krt/Util/Retry.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
-#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace Agent {
+
+using Krt::Util::OsResult;
 
 namespace {
 
@@ -27,7 +27,7 @@ std::string ReadLink(const std::string& path)
     std::error_code error;
     std::string target = std::filesystem::read_symlink(path, error).string();
     if (error)
-        KRT_RAISE_OS_ERROR(error.value(), Krt::MessageType::General, "Failed to read link: " << path.c_str());
+        KRT_RAISE_OS(error.value(), "Failed to read link: " << path.c_str());
     return target;
 }
 
@@ -53,8 +53,8 @@ private:
     void Enter(const std::string& place);
     bool Pass(const std::string& path);
     bool Follow(const std::string& path, const struct stat& link);
-    std::optional<struct stat> LookForMissing(const std::string& path) const;
-    std::optional<struct stat> Look(const std::string& path) const;
+    OsResult<struct stat> LookForMissing(const std::string& path) const;
+    OsResult<struct stat> Look(const std::string& path) const;
     void CheckOwner(const std::string& path, const struct stat& status) const;
     void Refuse(bool isRefused, const std::string& reason) const;
 
@@ -72,8 +72,8 @@ private:
 void Way::Check()
 {
     Enter("");
-    if (const std::optional<struct stat> root = Look("/"))
-        CheckOwner("/", *root);
+    if (const auto root = Look("/"))
+        CheckOwner("/", root.value);
     m_ahead.Push(std::filesystem::absolute(m_path).string());
     while (!m_ahead.IsEmpty()) {
         const std::string name = m_ahead.Take();
@@ -84,42 +84,40 @@ void Way::Check()
     }
 }
 
-// Nothing for what isn't there, or what the user may not look at.
-std::optional<struct stat> Way::Look(const std::string& path) const
+// Where it guards, raises any error but that of what isn't there.
+OsResult<struct stat> Way::Look(const std::string& path) const
 {
-    struct stat status
-    {};
-    if (Krt::Util::RetryOnInterrupt([&] { return lstat(path.c_str(), &status); }) == 0)
-        return status;
-    const bool isAbsent = errno == ENOENT || errno == ENOTDIR;
-    if (m_guards && !isAbsent)
-        KRT_RAISE_OS("Failed to stat " << path.c_str());
-    return std::nullopt;
+    OsResult<struct stat> status;
+    status.error = Krt::Util::CallSystem([&] { return lstat(path.c_str(), &status.value); }).error;
+    if (m_guards && !status && status.error != ENOENT && status.error != ENOTDIR)
+        KRT_RAISE_OS(status.error, "Failed to stat " << path.c_str());
+    return status;
 }
 
 void Way::Enter(const std::string& place)
 {
     m_place = place;
-    const std::optional<struct stat> status = Look(place.empty() ? "/" : place);
-    m_isShared = status && CanOthersWrite(place.empty() ? "/" : place, *status);
+    const auto status = Look(place.empty() ? "/" : place);
+    m_isShared = status && CanOthersWrite(place.empty() ? "/" : place, status.value);
 }
 
 // False at the end of what can be looked at.
 bool Way::Pass(const std::string& path)
 {
-    std::optional<struct stat> status = Look(path);
-    if (!status && errno == ENOENT)
-        status = LookForMissing(path);
-    if (!status)
+    auto looked = Look(path);
+    if (looked.error == ENOENT)
+        looked = LookForMissing(path);
+    if (!looked)
         return false;
+    const struct stat& status = looked.value;
     // Whoever made the further name may have brought it here.
-    Refuse(m_guards && !S_ISDIR(status->st_mode) && status->st_nlink > 1 && m_isShared,
+    Refuse(m_guards && !S_ISDIR(status.st_mode) && status.st_nlink > 1 && m_isShared,
            path + " has further names, and others can write to its directory");
-    if (S_ISLNK(status->st_mode))
-        return Follow(path, *status);
-    CheckOwner(path, *status);
+    if (S_ISLNK(status.st_mode))
+        return Follow(path, status);
+    CheckOwner(path, status);
     m_place = path;
-    m_isShared = CanOthersWrite(path, *status);
+    m_isShared = CanOthersWrite(path, status);
     return true;
 }
 
@@ -134,14 +132,14 @@ bool Way::Follow(const std::string& path, const struct stat& link)
     return ++m_links <= MostLinks;
 }
 
-// Nothing if it is to stay missing.
-std::optional<struct stat> Way::LookForMissing(const std::string& path) const
+// ENOENT if it is to stay missing.
+OsResult<struct stat> Way::LookForMissing(const std::string& path) const
 {
     if (!m_guards || !m_isShared)
-        return std::nullopt;
+        return {{}, ENOENT};
     const bool isMade = m_makesFile && m_ahead.IsEmpty() &&
-                        !Krt::Util::OpenHandle(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0640).IsEmpty();
-    const std::optional<struct stat> made = Look(path);
+                        Krt::Util::OpenHandle(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0640);
+    const auto made = Look(path);
     Refuse(!isMade && !made, path + " doesn't exist, and others can write to its directory");
     return made;
 }

@@ -4,15 +4,12 @@
 #include "agent/Store/Hex.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/Retry.h"
 
 #include <fcntl.h>
 #include <optional>
 #include <sys/stat.h>
 
 namespace Agent {
-
-using Krt::Util::RetryOnInterrupt;
 
 namespace {
 
@@ -36,14 +33,6 @@ private:
     char m_text[2 * Address::Size + 2];
 };
 
-bool Move(const Krt::File::YDirectory& from, const Krt::YString& name, const Krt::File::YDirectory& to,
-          const char* newName)
-{
-    return RetryOnInterrupt([&] {
-               return renameat(from.GetHandle().Get(), name.CStr(), to.GetHandle().Get(), newName);
-           }) == 0;
-}
-
 } // namespace
 
 // Reading costs one call an object. A link for a folder is followed here, and gives whoever made it nothing
@@ -52,25 +41,22 @@ bool ObjectFolder::Has(const Address& address) const
 {
     const RelativePath place(address);
     struct stat status;
-    if (RetryOnInterrupt([&] {
-            return fstatat(m_directory.GetHandle().Get(), place.Text(), &status, AT_SYMLINK_NOFOLLOW);
-        }) == 0)
-        return S_ISREG(status.st_mode) && status.st_size != 0;
-    if (errno != ENOENT)
-        KRT_RAISE_OS("Failed to look for object: " << place.Text());
-    return false;
+    const auto looked = Krt::Util::CallSystem(
+        [&] { return fstatat(m_directory.GetHandle().Get(), place.Text(), &status, AT_SYMLINK_NOFOLLOW); });
+    if (looked.error == ENOENT)
+        return false;
+    KRT_OS_VALUE(looked, "Failed to look for object: " << place.Text());
+    return S_ISREG(status.st_mode) && status.st_size != 0;
 }
 
 Krt::Util::YUnxHandle ObjectFolder::Open(const Address& address) const
 {
     const RelativePath place(address);
-    const int descriptor = Krt::Util::MoveAboveStandardStreams(RetryOnInterrupt([&] {
-        return openat(m_directory.GetHandle().Get(), place.Text(),
-                      O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    }));
-    if (descriptor < 0)
-        KRT_RAISE_OS("Failed to open object: " << place.Text());
-    return Krt::Util::YUnxHandle(descriptor, true);
+    return KRT_OS_VALUE(Krt::Util::OwnAboveStandardStreams(Krt::Util::CallSystem([&] {
+                            return openat(m_directory.GetHandle().Get(), place.Text(),
+                                          O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+                        })),
+                        "Failed to open object: " << place.Text());
 }
 
 Krt::File::YDirectory ObjectFolder::OpenFolder(const Krt::YString& name) const
@@ -92,8 +78,8 @@ void ObjectFolder::Place(const Krt::File::YDirectory& from,
         if (!folder || address.bytes[0] != current)
             folder.emplace(OpenFolder(place.Folder()));
         current = address.bytes[0];
-        if (!Move(from, name, *folder, place.Name()))
-            KRT_RAISE_OS("Failed to place object: " << place.Text());
+        KRT_SYSCALL(renameat(from.GetHandle().Get(), name.CStr(), folder->GetHandle().Get(), place.Name()),
+                    "Failed to place object: " << place.Text());
     }
 }
 

@@ -1,7 +1,6 @@
 #include "agent/Store/RunLock.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/Retry.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -10,38 +9,36 @@
 
 namespace Agent {
 
-using Krt::Util::RetryOnInterrupt;
+using Krt::Util::CallSystem;
+using Krt::Util::OsResult;
 using Krt::Util::YUnxHandle;
 
 namespace {
 
-YUnxHandle OpenLock(const Krt::File::YDirectory& directory, const Krt::YString& name, int flags)
+OsResult<YUnxHandle> OpenLock(const Krt::File::YDirectory& directory, const Krt::YString& name, int flags)
 {
-    const int descriptor = Krt::Util::MoveAboveStandardStreams(RetryOnInterrupt([&] {
+    return Krt::Util::OwnAboveStandardStreams(CallSystem([&] {
         return openat(directory.GetHandle().Get(), name.CStr(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | flags,
                       S_IRUSR | S_IWUSR);
     }));
-    return descriptor < 0 ? YUnxHandle() : YUnxHandle(descriptor, true);
 }
 
-bool Lock(const YUnxHandle& file)
+OsResult<int> Lock(const YUnxHandle& file)
 {
-    return RetryOnInterrupt([&] { return flock(file.Get(), LOCK_EX | LOCK_NB); }) == 0;
+    return CallSystem([&] { return flock(file.Get(), LOCK_EX | LOCK_NB); });
 }
 
 } // namespace
 
 YUnxHandle CreateRunLock(const Krt::File::YDirectory& directory, const Krt::YString& name)
 {
-    YUnxHandle file = OpenLock(directory, name, O_CREAT | O_EXCL);
-    if (file.IsEmpty())
-        KRT_RAISE_OS("Failed to create file: " << name);
+    YUnxHandle file =
+        KRT_OS_VALUE(OpenLock(directory, name, O_CREAT | O_EXCL), "Failed to create file: " << name);
     try {
-        if (!Lock(file)) {
-            if (errno == EWOULDBLOCK)
-                return YUnxHandle();
-            KRT_RAISE_OS("Failed to lock file: " << name);
-        }
+        const auto locked = Lock(file);
+        if (locked.error == EWOULDBLOCK)
+            return YUnxHandle();
+        KRT_OS_VALUE(locked, "Failed to lock file: " << name);
         if (Krt::File::Stat(file).st_nlink == 0)
             return YUnxHandle();
         return file;
@@ -53,12 +50,12 @@ YUnxHandle CreateRunLock(const Krt::File::YDirectory& directory, const Krt::YStr
 
 RunState TakeRunLock(const Krt::File::YDirectory& directory, const Krt::YString& name, YUnxHandle& lock)
 {
-    YUnxHandle file = OpenLock(directory, name, O_NONBLOCK);
-    if (file.IsEmpty())
-        return errno == ENOENT ? RunState::Gone : RunState::Alive;
-    if (!Lock(file))
+    auto file = OpenLock(directory, name, O_NONBLOCK);
+    if (file.error == ENOENT)
+        return RunState::Gone;
+    if (!file || !Lock(file.value))
         return RunState::Alive;
-    lock = std::move(file);
+    lock = std::move(file.value);
     return RunState::Abandoned;
 }
 

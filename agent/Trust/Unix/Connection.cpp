@@ -16,6 +16,8 @@
 
 namespace Agent {
 
+using Krt::Util::CallSystem;
+using Krt::Util::OsResult;
 using Krt::Util::YUnxHandle;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -36,7 +38,7 @@ std::vector<Address> LookUp(const Endpoint& server)
     addrinfo* list = nullptr;
     const int error = getaddrinfo(server.host.c_str(), server.port.c_str(), &hints, &list);
     if (error == EAI_SYSTEM)
-        KRT_RAISE_OS("Can't look up " << server.host.c_str());
+        KRT_RAISE_OS(errno, "Can't look up " << server.host.c_str());
     KRT_RAISE_UNLESS(error == 0, Krt::ErrorCode::NotFound,
                      "Can't look up " << server.host.c_str() << ": " << gai_strerror(error));
     std::vector<Address> all;
@@ -54,28 +56,36 @@ milliseconds TimeUntil(Deadline deadline)
     return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(deadline - steady_clock::now()));
 }
 
-// A connected socket; an empty one with errno set.
-YUnxHandle ConnectTo(const Address& address, Deadline deadline)
+// Returns 0, or the error number of a connection that was not made in time.
+int Connect(const YUnxHandle& connection, const Address& address, Deadline deadline)
 {
-    YUnxHandle connection(
-        std::max(Krt::Util::MoveAboveStandardStreams(socket(address.bytes.ss_family, SOCK_STREAM, 0)), 0),
-        true);
-    if (connection.IsEmpty() || fcntl(connection.Get(), F_SETFD, FD_CLOEXEC) != 0 ||
-        fcntl(connection.Get(), F_SETFL, O_NONBLOCK) != 0)
-        return {};
-    if (connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address.bytes), address.size) == 0)
-        return connection;
+    const auto* const bytes = reinterpret_cast<const sockaddr*>(&address.bytes);
+    if (connect(connection.Get(), bytes, address.size) == 0)
+        return 0;
     // A call that a signal interrupts goes on by itself, too.
-    if (errno != EINPROGRESS && errno != EINTR)
-        return {};
-    int error = ETIMEDOUT;
+    if (const int error = errno; error != EINPROGRESS && error != EINTR)
+        return error;
+    if (!WaitUntilReady(connection, Direction::Write, deadline))
+        return ETIMEDOUT;
+    int error = 0;
     socklen_t size = sizeof error;
-    if (WaitUntilReady(connection, Direction::Write, deadline) &&
-        getsockopt(connection.Get(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0)
-        return connection;
-    connection.Close();
-    errno = error;
-    return {};
+    const auto asked =
+        CallSystem([&] { return getsockopt(connection.Get(), SOL_SOCKET, SO_ERROR, &error, &size); });
+    return asked ? error : asked.error;
+}
+
+// A connected socket.
+OsResult<YUnxHandle> ConnectTo(const Address& address, Deadline deadline)
+{
+    auto made = Krt::Util::OwnAboveStandardStreams(
+        CallSystem([&] { return socket(address.bytes.ss_family, SOCK_STREAM, 0); }));
+    if (made)
+        made.error = CallSystem([&] { return fcntl(made.value.Get(), F_SETFD, FD_CLOEXEC); }).error;
+    if (made)
+        made.error = CallSystem([&] { return fcntl(made.value.Get(), F_SETFL, O_NONBLOCK); }).error;
+    if (made)
+        made.error = Connect(made.value, address, deadline);
+    return made;
 }
 
 } // namespace
@@ -84,14 +94,15 @@ YUnxHandle ConnectTo(const Endpoint& server, Deadline deadline)
 {
     const auto addresses =
         AnswerWithin<std::vector<Address>>(TimeUntil(deadline), [server] { return LookUp(server); });
-    errno = ETIMEDOUT;
+    OsResult<YUnxHandle> connection{YUnxHandle(), ETIMEDOUT};
     for (std::size_t i = 0; addresses && i < addresses->size(); ++i) {
         const auto share = TimeUntil(deadline) / (addresses->size() - i);
-        YUnxHandle connection = ConnectTo((*addresses)[i], steady_clock::now() + share);
-        if (!connection.IsEmpty())
-            return connection;
+        connection = ConnectTo((*addresses)[i], steady_clock::now() + share);
+        if (connection)
+            break;
     }
-    KRT_RAISE_OS("Can't connect to " << server.host.c_str() << " port " << server.port.c_str());
+    return KRT_OS_VALUE(std::move(connection),
+                        "Can't connect to " << server.host.c_str() << " port " << server.port.c_str());
 }
 
 bool WaitUntilReady(const YUnxHandle& connection, Direction direction, Deadline deadline)
@@ -106,7 +117,7 @@ bool WaitUntilReady(const YUnxHandle& connection, Direction direction, Deadline 
             return false; // also when more is ready: a server that trickles bytes has no more time either
         const int count = poll(&entry, 1, static_cast<int>(std::min(left, slice).count()));
         if (count < 0 && errno != EINTR)
-            KRT_RAISE_OS("Failed to wait for the connection");
+            KRT_RAISE_OS(errno, "Failed to wait for the connection");
         if (count > 0)
             return true;
     }

@@ -1,16 +1,18 @@
 // The statements that fail. Each reads like its message and captures source path, function and line:
 //     KRT_RAISE(ErrorCode::InvalidArgument, "Index " << index << " out of range");
 //     KRT_RAISE_UNLESS(handle, ErrorCode::InvalidState, "File class not open");
-//     KRT_RAISE_OS("Failed to stat file: " << path);                       the current errno
+//     KRT_SYSCALL(fstat(file, &status), "Failed to stat file: " << path);  a system call's error
+//     KRT_RAISE_OS(error, "Failed to run " << program);                    an error number of the system
 // The text may be left out. All throw Krt::Exception::YError on the channel General; the ..._ON forms name
 // another channel, the ..._AS forms also the function to report.
 #pragma once
 
 #include "Krt/Exception/YError.h"
 #include "Krt/Log/YStream.h"
+#include "Krt/Util/SystemCall.h"
 
-#include <cerrno>
 #include <typeinfo>
+#include <utility>
 
 namespace Krt::Exception {
 
@@ -35,6 +37,15 @@ namespace Krt::Exception {
 [[noreturn, gnu::cold]] KRT_API void FailAssertion(const std::type_info& objectType, const char* condition,
                                                    const YStream& detail, unsigned int line, const char* file,
                                                    const char* function);
+
+/// The value of the result. If the operation failed, calls `fail` with its error, which throws.
+template <class T, class Fail>
+T ValueOf(Util::OsResult<T> result, const Fail& fail)
+{
+    if (!result) [[unlikely]]
+        fail(result.error);
+    return std::move(result.value);
+}
 
 } // namespace Krt::Exception
 
@@ -62,17 +73,28 @@ namespace Krt::Exception {
             KRT_RAISE(code __VA_OPT__(, ) __VA_ARGS__);                                                      \
     } while (false)
 
-/// A failure of the operating system with this number, which is read before the text is built.
-#define KRT_RAISE_OS_ERROR(error, channel, ...)                                                              \
+/// A failure of the operating system with the error number `error`, which is read before the text is built.
+#define KRT_RAISE_OS_AS(function, channel, error, ...)                                                       \
     do {                                                                                                     \
         const int krtOsError = (error);                                                                      \
-        KRT_RAISE_FULL(::Krt::Exception::ExceptionType::OsError, __func__, channel,                          \
+        KRT_RAISE_FULL(::Krt::Exception::ExceptionType::OsError, function, channel,                          \
                        static_cast<unsigned int>(krtOsError) __VA_OPT__(, ) __VA_ARGS__);                    \
     } while (false)
-/// The same with the current errno.
-#define KRT_RAISE_OS_ON(channel, ...) KRT_RAISE_OS_ERROR(errno, channel __VA_OPT__(, ) __VA_ARGS__)
-/// The same on the channel General.
-#define KRT_RAISE_OS(...) KRT_RAISE_OS_ON(::Krt::MessageType::General __VA_OPT__(, ) __VA_ARGS__)
+/// KRT_RAISE_OS_AS with the function around it.
+#define KRT_RAISE_OS_ON(channel, error, ...)                                                                 \
+    KRT_RAISE_OS_AS(__func__, channel, error __VA_OPT__(, ) __VA_ARGS__)
+/// KRT_RAISE_OS_ON on the channel General.
+#define KRT_RAISE_OS(error, ...)                                                                             \
+    KRT_RAISE_OS_ON(::Krt::MessageType::General, error __VA_OPT__(, ) __VA_ARGS__)
+
+/// An expression: the value of a Util::OsResult. Raises its error with the text if the operation failed.
+#define KRT_OS_VALUE(result, ...)                                                                            \
+    ::Krt::Exception::ValueOf(result, [&, krtFunction = __func__](int krtError) {                            \
+        KRT_RAISE_OS_AS(krtFunction, ::Krt::MessageType::General, krtError __VA_OPT__(, ) __VA_ARGS__);      \
+    })
+/// An expression: KRT_OS_VALUE of a system call, which Util::CallSystem makes.
+#define KRT_SYSCALL(call, ...)                                                                               \
+    KRT_OS_VALUE(::Krt::Util::CallSystem([&] { return call; }) __VA_OPT__(, ) __VA_ARGS__)
 
 /// A check that holds in every build; see FailRequiredCheck.
 #define KRT_REQUIRE(condition, detail)                                                                       \

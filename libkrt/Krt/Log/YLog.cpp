@@ -4,7 +4,6 @@
 #include "Krt/Log/YLogContext.h"
 #include "Krt/String/Printable.h"
 #include "Krt/Util/OpenHandle.h"
-#include "Krt/Util/Retry.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -106,7 +105,7 @@ private:
     // One call, since the appended pieces of several processes may alternate.
     ssize_t WriteOnce(int descriptor) const
     {
-        return Util::RetryOnInterrupt([&] { return write(descriptor, m_line.data(), m_line.size()); });
+        return Util::CallSystem([&] { return write(descriptor, m_line.data(), m_line.size()); }).value;
     }
 
     // An appending write leaves the offset behind what it wrote. If the file has grown since, it stays as it
@@ -116,7 +115,7 @@ private:
         const off_t end = lseek(file.Get(), 0, SEEK_CUR);
         if (end < count || lseek(file.Get(), 0, SEEK_END) != end)
             return;
-        if (Util::RetryOnInterrupt([&] { return ftruncate(file.Get(), end - count); }) != 0)
+        if (!Util::CallSystem([&] { return ftruncate(file.Get(), end - count); }))
             return; // the piece of a line stays, and the line counts as dropped all the same
     }
 
@@ -134,9 +133,8 @@ void YLog::Open(Param param)
     m_impl->file.Close();
     // A FIFO that nobody reads, put in the log's place, would hold every thread that logs.
     constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
-    m_impl->file = Util::OpenHandle(param.path.CStr(), flags, 0640);
-    if (m_impl->file.IsEmpty())
-        KRT_RAISE_OS("Failed to open log: " << param.path);
+    m_impl->file =
+        KRT_OS_VALUE(Util::OpenHandle(param.path.CStr(), flags, 0640), "Failed to open log: " << param.path);
     m_impl->copyToConsole = param.copyToConsole;
     m_impl->wholeLines = param.wholeLines;
 }

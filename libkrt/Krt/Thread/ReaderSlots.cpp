@@ -17,7 +17,7 @@ pthread_key_t MakeKey(void (*destroy)(void*))
 {
     pthread_key_t key{};
     if (const int error = pthread_key_create(&key, destroy))
-        KRT_RAISE_OS_ERROR(error, MessageType::Runtime, "Failed to prepare for the end of threads");
+        KRT_RAISE_OS_ON(MessageType::Runtime, error, "Failed to prepare for the end of threads");
     return key;
 }
 
@@ -66,7 +66,7 @@ void ReaderSlots::DestroyAtThreadExit()
 {
     static const pthread_key_t s_key = MakeKey(&ReaderSlots::Destroy);
     if (const int error = pthread_setspecific(s_key, this))
-        KRT_RAISE_OS_ERROR(error, MessageType::Runtime, "Failed to prepare for the end of the thread");
+        KRT_RAISE_OS_ON(MessageType::Runtime, error, "Failed to prepare for the end of the thread");
 }
 
 void ReaderSlots::Destroy(void* slots)

@@ -110,7 +110,7 @@ YThreadBase::YThreadBase(boost::function<void()> function, const YString& name)
 {
     const int error = m_impl->Start();
     if (error != 0)
-        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to start thread " << name);
+        KRT_RAISE_OS(error, "Failed to start thread " << name);
 }
 
 YThreadBase::~YThreadBase()

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "Krt/Export.h"
+#include "Krt/Util/SystemCall.h"
 
 #include <utility>
 
@@ -35,8 +36,8 @@ private:
     bool m_owned = true;
 };
 
-/// What an open call returned, moved above the standard streams if it is one of theirs; a negative value
-/// passes through. On failure the descriptor is closed and the answer -1, with errno set.
-KRT_API int MoveAboveStandardStreams(int descriptor) noexcept;
+/// Owns what an open call returned, moved above the standard streams if it is one of theirs. After a failure,
+/// be it that of the move, nothing is left open and the handle is empty.
+KRT_API OsResult<YUnxHandle> OwnAboveStandardStreams(OsResult<int> opened) noexcept;
 
 } // namespace Krt::Util

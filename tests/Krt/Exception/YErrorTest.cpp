@@ -82,13 +82,37 @@ TEST(YErrorTest, OsErrorKeepsItsNumberAndMapsToAPortableCode)
     for (const auto& row : rows) {
         const auto error = CatchError([&] {
             errno = row.first;
-            KRT_RAISE_OS_ON(MessageType::FileStat, "Failed " << (errno = 0));
+            KRT_RAISE_OS_ON(MessageType::FileStat, errno, "Failed " << (errno = 0));
         });
         ASSERT_TRUE(error) << row.first;
         EXPECT_EQ(error->GetOsError(), row.first);
         EXPECT_EQ(error->GetCode(), row.second) << row.first;
         EXPECT_EQ(error->GetMessageType(), static_cast<unsigned int>(MessageType::FileStat));
     }
+}
+
+// A call that a signal interrupts twice before it fails with the error, or succeeds for 0.
+long CallInterruptedTwice(int error)
+{
+    int calls = 0;
+    const auto call = [&] {
+        errno = ++calls < 3 ? EINTR : error;
+        return calls < 3 || error != 0 ? -1L : 7L;
+    };
+    return KRT_SYSCALL(call(), "Failed " << (errno = 0) << calls);
+}
+
+TEST(YErrorTest, SystemCallIsRepeatedAndItsErrorIsTakenAtOnce)
+{
+    EXPECT_EQ(CallInterruptedTwice(0), 7);
+    EXPECT_EQ(errno, 0) << "an interruption is left";
+    EXPECT_RAISES_OS(CallInterruptedTwice(ENOSPC), MessageType::General, ENOSPC, "CallInterruptedTwice",
+                     "Failed 03");
+    const auto withoutErrno = [] {
+        errno = 0;
+        return -1;
+    };
+    EXPECT_EQ(Util::CallSystem(withoutErrno).error, EIO) << "no failure passes for a success";
 }
 
 TEST(YErrorTest, PrintedFormNamesTypeCodeAndFunction)

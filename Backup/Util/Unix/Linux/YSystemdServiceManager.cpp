@@ -84,9 +84,8 @@ void WriteUnitOrTell(const char* function, const YString& unit, const YString& t
     try {
         WriteUnit(unit, text);
     } catch (const Krt::Exception::YError& error) {
-        KRT_RAISE_FULL(ExceptionType::OsError, function, MessageType::General,
-                       static_cast<unsigned int>(error.GetOsError()),
-                       "Failed to write " << UnitDirectory().Append(unit));
+        KRT_RAISE_OS_AS(function, MessageType::General, error.GetOsError(),
+                        "Failed to write " << UnitDirectory().Append(unit));
     }
 }
 
@@ -164,8 +163,9 @@ void YSystemdServiceManager::Delete(const YString& name, const YDuration& timeou
     RequireSystemd(__func__);
     const bool hasUnitFile = Exists(name);
     // sudo would stop and disable the service for a user who then can't remove the file.
-    if (hasUnitFile && faccessat(AT_FDCWD, UnitDirectory().CStr(), W_OK | X_OK, AT_EACCESS) != 0)
-        KRT_RAISE_OS("Failed to delete " << file);
+    if (hasUnitFile)
+        KRT_SYSCALL(faccessat(AT_FDCWD, UnitDirectory().CStr(), W_OK | X_OK, AT_EACCESS),
+                    "Failed to delete " << file);
     Stop(name, false, timeout);
     if (!hasUnitFile)
         return;

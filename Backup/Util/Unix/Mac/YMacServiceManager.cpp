@@ -7,7 +7,6 @@
 #include "Krt/File/YFile.h"
 #include "Krt/Type/YUuid.h"
 #include "Krt/Util/Quotify.h"
-#include "Krt/Util/Retry.h"
 
 #include <unistd.h>
 
@@ -59,11 +58,8 @@ void RunElevated(const YPath& program, const std::vector<YString>& arguments, co
 // launchctl speaks to the launchd of the real user.
 void BecomeRoot(const char* function)
 {
-    if (Krt::Util::RetryOnInterrupt([] { return setuid(0); }) != 0) {
-        const int error = errno;
-        KRT_RAISE_FULL(ExceptionType::OsError, function, MessageType::General,
-                       static_cast<unsigned int>(error));
-    }
+    if (const int error = Krt::Util::CallSystem([] { return setuid(0); }).error)
+        KRT_RAISE_OS_AS(function, MessageType::General, error);
 }
 
 } // namespace

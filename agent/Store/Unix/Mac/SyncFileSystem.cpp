@@ -3,15 +3,11 @@
 #include "agent/Run/CallInChild.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/Retry.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace Agent {
-
-using Krt::Util::RetryOnInterrupt;
 
 void SyncFileSystem(const Krt::Util::YUnxHandle& directory)
 {
@@ -19,12 +15,12 @@ void SyncFileSystem(const Krt::Util::YUnxHandle& directory)
     // system that can't flush the device has fsync alone.
     const int error = CallInChild([&] {
         sync();
-        const bool isDurable = RetryOnInterrupt([&] { return fcntl(directory.Get(), F_FULLFSYNC); }) >= 0 ||
-                               RetryOnInterrupt([&] { return fsync(directory.Get()); }) >= 0;
-        return isDurable ? 0 : errno;
+        return Krt::Util::CallSystem([&] { return fcntl(directory.Get(), F_FULLFSYNC); })
+                   ? 0
+                   : Krt::Util::CallSystem([&] { return fsync(directory.Get()); }).error;
     });
     if (error != 0)
-        KRT_RAISE_OS_ERROR(error, Krt::MessageType::General, "Failed to write to disk");
+        KRT_RAISE_OS(error, "Failed to write to disk");
 }
 
 } // namespace Agent

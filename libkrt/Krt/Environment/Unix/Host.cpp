@@ -12,8 +12,7 @@ namespace Krt::Environment {
 YString GetHostName()
 {
     std::array<char, 1024> name{};
-    if (gethostname(name.data(), name.size() - 1) != 0)
-        KRT_RAISE_OS("Can't read the host's name");
+    KRT_SYSCALL(gethostname(name.data(), name.size() - 1), "Can't read the host's name");
     return name.data();
 }
 
@@ -25,8 +24,7 @@ unsigned int SetFileCreationMask(unsigned int mask)
 void RaiseDescriptorLimit()
 {
     rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        KRT_RAISE_OS("Can't read the limit of open files");
+    KRT_SYSCALL(getrlimit(RLIMIT_NOFILE, &limit), "Can't read the limit of open files");
     limit.rlim_cur = limit.rlim_max;
     // macOS refuses its own unlimited maximum; the process then keeps what it has.
     (void)setrlimit(RLIMIT_NOFILE, &limit);

@@ -3,7 +3,6 @@
 #include "Krt/Environment/Host.h"
 #include "Krt/Environment/Unix/Platform.h"
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/Retry.h"
 
 #include <csignal>
 #include <sys/wait.h>
@@ -90,10 +89,9 @@ int ExecuteProcess(const File::YPath& program, const std::vector<YString>& argum
     std::vector<char*> vector = ArgumentVector(path, arguments);
     pid_t child = 0;
     if (const int error = SpawnSettings().Spawn(path.CStr(), vector.data(), child); error != 0)
-        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to run " << program);
+        KRT_RAISE_OS(error, "Failed to run " << program);
     int status = 0;
-    if (Util::RetryOnInterrupt([&] { return waitpid(child, &status, 0); }) < 0)
-        KRT_RAISE_OS("Failed to wait for " << program);
+    KRT_SYSCALL(waitpid(child, &status, 0), "Failed to wait for " << program);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 

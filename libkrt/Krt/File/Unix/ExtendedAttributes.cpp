@@ -3,14 +3,11 @@
 #include "Krt/File/Unix/Descriptor.h"
 #include "Krt/File/Unix/EntryName.h"
 #include "Krt/File/YDirectory.h"
-#include "Krt/Util/Retry.h"
 
 #include <cstring>
 #include <vector>
 
 namespace Krt::File {
-
-using Util::RetryOnInterrupt;
 
 namespace {
 
@@ -19,38 +16,39 @@ constexpr const char* OpenFileName = "open file";
 [[noreturn, gnu::cold]] void RaiseAttributeError(int error, const char* function, const char* action,
                                                  const char* attribute, const char* name)
 {
-    KRT_RAISE_FULL(ExceptionType::OsError, function, MessageType::General, static_cast<unsigned int>(error),
-                   "Failed to " << action << attribute << " of: " << name);
+    KRT_RAISE_OS_AS(function, MessageType::General, error,
+                    "Failed to " << action << attribute << " of: " << name);
 }
 
 // An answer of unknown length. Most fit into the buffer of the first call, so that they cost one call.
 class Answer
 {
 public:
-    /// Gives false with errno when the call fails. A longer answer is asked for by its size, with room for
+    /// Returns 0, or the number of the call's error. A longer answer is asked for by its size, with room for
     /// what may be added meanwhile, again and again while it outgrows that.
     template <class Call>
-    bool Fetch(Call call)
+    int Fetch(Call call)
     {
         m_data = m_first;
-        m_size = RetryOnInterrupt([&] { return call(m_first, Room); });
-        while (m_size < 0 && errno == ERANGE) {
-            m_size = RetryOnInterrupt([&] { return call(static_cast<char*>(nullptr), std::size_t{0}); });
-            if (m_size < 0)
+        auto size = Util::CallSystem([&] { return call(m_first, Room); });
+        while (size.error == ERANGE) {
+            size = Util::CallSystem([&] { return call(static_cast<char*>(nullptr), std::size_t{0}); });
+            if (!size)
                 break;
-            m_grown.resize(static_cast<std::size_t>(m_size) + Room + 1);
+            m_grown.resize(static_cast<std::size_t>(size.value) + Room + 1);
             m_data = m_grown.data();
-            m_size = RetryOnInterrupt([&] { return call(m_data, m_grown.size() - 1); });
+            size = Util::CallSystem([&] { return call(m_data, m_grown.size() - 1); });
         }
-        if (m_size < 0)
-            return false;
+        if (!size)
+            return size.error;
+        m_size = static_cast<std::size_t>(size.value);
         m_data[m_size] = '\0';
-        return true;
+        return 0;
     }
 
     const char* begin() const { return m_data; }
     const char* end() const { return m_data + m_size; }
-    std::size_t Size() const { return static_cast<std::size_t>(m_size); }
+    std::size_t Size() const { return m_size; }
 
 private:
     static constexpr std::size_t Room = 4096;
@@ -58,7 +56,7 @@ private:
     char m_first[Room + 1];
     std::vector<char> m_grown;
     char* m_data = m_first;
-    ssize_t m_size = 0;
+    std::size_t m_size = 0;
 };
 
 // Calls the visitor with each name.
@@ -66,8 +64,9 @@ template <class Visitor>
 void ForEachName(const AttributeTarget& target, const char* name, const char* function, Visitor visitor)
 {
     Answer names;
-    if (!names.Fetch([&](char* buffer, std::size_t size) { return target.List(buffer, size); }))
-        RaiseAttributeError(errno, function, "list extended attributes", "", name);
+    if (const int error =
+            names.Fetch([&](char* buffer, std::size_t size) { return target.List(buffer, size); }))
+        RaiseAttributeError(error, function, "list extended attributes", "", name);
     for (const char* attribute = names.begin(); attribute < names.end();
          attribute += std::strlen(attribute) + 1)
         visitor(attribute);
@@ -85,11 +84,13 @@ ExtendedAttributeMap GetMap(const AttributeTarget& target, const char* name, con
     ExtendedAttributeMap map;
     Answer value;
     ForEachName(target, name, function, [&](const char* attribute) {
-        if (value.Fetch([&](char* buffer, std::size_t size) { return target.Get(attribute, buffer, size); }))
+        const int error =
+            value.Fetch([&](char* buffer, std::size_t size) { return target.Get(attribute, buffer, size); });
+        if (error == 0)
             map.try_emplace(YString(attribute), value.begin(), value.Size());
         // Passing ENOTSUP on would tell that the entry has no attributes at all, and lose the others.
-        else if (!AttributeTarget::IsMissing(errno) && errno != ENOTSUP)
-            RaiseAttributeError(errno, function, "get extended attribute ", attribute, name);
+        else if (!AttributeTarget::IsMissing(error) && error != ENOTSUP)
+            RaiseAttributeError(error, function, "get extended attribute ", attribute, name);
     });
     return map;
 }
@@ -97,8 +98,9 @@ ExtendedAttributeMap GetMap(const AttributeTarget& target, const char* name, con
 void Add(const AttributeTarget& target, const YString& attribute, const void* data, unsigned int size,
          unsigned int flags, const char* name, const char* function)
 {
-    if (RetryOnInterrupt([&] { return target.Set(attribute.CStr(), data, size, flags); }) < 0)
-        RaiseAttributeError(errno, function, "set extended attribute ", attribute.CStr(), name);
+    const auto set = Util::CallSystem([&] { return target.Set(attribute.CStr(), data, size, flags); });
+    if (!set)
+        RaiseAttributeError(set.error, function, "set extended attribute ", attribute.CStr(), name);
 }
 
 } // namespace

@@ -3,7 +3,6 @@
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/Descriptor.h"
 #include "Krt/Util/OpenHandle.h"
-#include "Krt/Util/Retry.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,8 +12,6 @@
 
 namespace Krt::File {
 
-using Util::RetryOnInterrupt;
-
 namespace {
 
 const char* Native(const YPath& path)
@@ -22,9 +19,9 @@ const char* Native(const YPath& path)
     return path.AsUnixPath(false).CStr();
 }
 
-bool StatEntry(const YPath& path, struct stat& status)
+Util::OsResult<int> StatEntry(const YPath& path, struct stat& status)
 {
-    return RetryOnInterrupt([&] { return lstat(Native(path), &status); }) == 0;
+    return Util::CallSystem([&] { return lstat(Native(path), &status); });
 }
 
 unsigned int AttributesOf(const struct stat& status)
@@ -35,18 +32,16 @@ unsigned int AttributesOf(const struct stat& status)
 bool IsDirectory(const std::string& path)
 {
     struct stat status;
-    return RetryOnInterrupt([&] { return stat(path.c_str(), &status); }) == 0 && S_ISDIR(status.st_mode);
+    return Util::CallSystem([&] { return stat(path.c_str(), &status); }) && S_ISDIR(status.st_mode);
 }
 
 // Somebody else making the same directory at the same moment is no failure.
 void MakeDirectoryUnlessThere(const std::string& path)
 {
-    if (RetryOnInterrupt([&] { return mkdir(path.c_str(), 0777); }) == 0)
-        return;
-    const int error = errno;
-    if (error != EEXIST || !IsDirectory(path))
-        KRT_RAISE_FULL(ExceptionType::OsError, "CreatePath", MessageType::General,
-                       static_cast<unsigned int>(error), "Failed to create directory: " << path.c_str());
+    const auto made = Util::CallSystem([&] { return mkdir(path.c_str(), 0777); });
+    if (!made && (made.error != EEXIST || !IsDirectory(path)))
+        KRT_RAISE_OS_AS("CreatePath", MessageType::General, made.error,
+                        "Failed to create directory: " << path.c_str());
 }
 
 int OpenFlags(unsigned int flags)
@@ -67,8 +62,7 @@ int OpenFlags(unsigned int flags)
 unsigned int GetAttributes(const YPath& path)
 {
     struct stat status;
-    if (!StatEntry(path, status))
-        KRT_RAISE_OS("Failed to get attributes of: " << path);
+    KRT_OS_VALUE(StatEntry(path, status), "Failed to get attributes of: " << path);
     return AttributesOf(status);
 }
 
@@ -81,22 +75,20 @@ unsigned int GetAttributesNoException(const YPath& path)
 unsigned long long GetSize(const YPath& path)
 {
     struct stat status;
-    if (!StatEntry(path, status))
-        KRT_RAISE_OS("Failed to get size of: " << path);
+    KRT_OS_VALUE(StatEntry(path, status), "Failed to get size of: " << path);
     return static_cast<unsigned long long>(status.st_size);
 }
 
 bool DoesFileExist(const YPath& path)
 {
     struct stat status;
-    return StatEntry(path, status);
+    return StatEntry(path, status).error == 0;
 }
 
 bool IsSymbolicLink(const YPath& path)
 {
     struct stat status;
-    if (!StatEntry(path, status))
-        KRT_RAISE_OS("Failed to get type of: " << path);
+    KRT_OS_VALUE(StatEntry(path, status), "Failed to get type of: " << path);
     return S_ISLNK(status.st_mode);
 }
 
@@ -127,16 +119,15 @@ void CreatePath(const YPath& path, bool includeLast)
 
 void DeleteFile(const YPath& path)
 {
-    if (RetryOnInterrupt([&] { return unlink(Native(path)); }) < 0 && errno != ENOENT)
-        KRT_RAISE_OS("Failed to delete file: " << path);
+    const auto removed = Util::CallSystem([&] { return unlink(Native(path)); });
+    if (!removed && removed.error != ENOENT)
+        KRT_RAISE_OS(removed.error, "Failed to delete file: " << path);
 }
 
 Util::YUnxHandle Open(const YPath& path, unsigned int flags)
 {
-    Util::YUnxHandle handle = Util::OpenHandle(Native(path), OpenFlags(flags), S_IRUSR | S_IWUSR);
-    if (handle.IsEmpty())
-        KRT_RAISE_OS("Failed to open file: " << path);
-    return handle;
+    return KRT_OS_VALUE(Util::OpenHandle(Native(path), OpenFlags(flags), S_IRUSR | S_IWUSR),
+                        "Failed to open file: " << path);
 }
 
 unsigned long Read(const Util::YUnxHandle& handle, unsigned long long offset, unsigned long count,
@@ -145,12 +136,10 @@ unsigned long Read(const Util::YUnxHandle& handle, unsigned long long offset, un
     const int descriptor = DescriptorOf(handle, __func__);
     unsigned long total = 0;
     while (total < count) {
-        const ssize_t size = RetryOnInterrupt([&] {
-            return pread(descriptor, static_cast<char*>(buffer) + total, count - total,
-                         static_cast<off_t>(offset + total));
-        });
-        if (size < 0)
-            KRT_RAISE_OS("Failed to read " << count - total << " bytes at offset " << offset + total);
+        const ssize_t size =
+            KRT_SYSCALL(pread(descriptor, static_cast<char*>(buffer) + total, count - total,
+                              static_cast<off_t>(offset + total)),
+                        "Failed to read " << count - total << " bytes at offset " << offset + total);
         if (size == 0)
             break;
         total += static_cast<unsigned long>(size);
@@ -164,15 +153,15 @@ unsigned long Write(const Util::YUnxHandle& handle, unsigned long long offset, u
     const int descriptor = DescriptorOf(handle, __func__);
     unsigned long total = 0;
     while (total < count) {
-        const ssize_t size = RetryOnInterrupt([&] {
+        const auto size = Util::CallSystem([&] {
             return pwrite(descriptor, static_cast<const char*>(buffer) + total, count - total,
                           static_cast<off_t>(offset + total));
         });
         // One that takes nothing and reports nothing would keep the loop going for ever.
-        if (size <= 0)
-            KRT_RAISE_OS_ERROR(size < 0 ? errno : EIO, MessageType::General,
-                               "Failed to write " << count - total << " bytes at offset " << offset + total);
-        total += static_cast<unsigned long>(size);
+        if (size.value <= 0)
+            KRT_RAISE_OS(size ? EIO : size.error,
+                         "Failed to write " << count - total << " bytes at offset " << offset + total);
+        total += static_cast<unsigned long>(size.value);
     }
     return total;
 }

@@ -6,8 +6,8 @@
 namespace Krt::File {
 
 /// Shows the visitor each entry but "." and "..", from where the descriptor stands, until it answers false.
-/// False with errno on failure.
-bool ListEntries(int directory, const std::function<bool(const DirectoryEntry&)>& visitor);
+/// Returns 0, or the number of the error.
+int ListEntries(int directory, const std::function<bool(const DirectoryEntry&)>& visitor);
 
 inline bool IsDots(const char* name)
 {

@@ -5,7 +5,6 @@
 #include "Krt/File/Unix/EntryName.h"
 #include "Krt/File/Unix/Listing.h"
 #include "Krt/Util/OpenHandle.h"
-#include "Krt/Util/Retry.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,8 +13,6 @@
 #include <string>
 
 namespace Krt::File {
-
-using Util::RetryOnInterrupt;
 
 namespace {
 
@@ -26,62 +23,51 @@ constexpr int SearchFlags = O_PATH | O_DIRECTORY;
 constexpr int SearchFlags = O_SEARCH | O_DIRECTORY;
 #endif
 
-// Opens an entry close-on-exec and above the standard streams; empty on failure, with errno. The mode counts
-// where a file is created.
-Util::YUnxHandle OpenAt(int directory, const char* name, int flags)
+// Opens an entry close-on-exec and above the standard streams. The mode counts where a file is created.
+Util::OsResult<Util::YUnxHandle> OpenAt(int directory, const char* name, int flags)
 {
-    const int descriptor = Util::MoveAboveStandardStreams(
-        RetryOnInterrupt([&] { return openat(directory, name, flags | O_CLOEXEC, S_IRUSR | S_IWUSR); }));
-    return descriptor < 0 ? Util::YUnxHandle() : Util::YUnxHandle(descriptor, true);
+    return Util::OwnAboveStandardStreams(
+        Util::CallSystem([&] { return openat(directory, name, flags | O_CLOEXEC, S_IRUSR | S_IWUSR); }));
 }
 
-bool StatAt(int directory, const char* name, struct stat& status)
+Util::OsResult<int> StatAt(int directory, const char* name, struct stat& status)
 {
-    return RetryOnInterrupt([&] { return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW); }) == 0;
+    return Util::CallSystem([&] { return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW); });
 }
 
 } // namespace
 
 YDirectory YDirectory::Open(const YPath& path)
 {
-    Util::YUnxHandle handle = Util::OpenHandle(path.AsUnixPath(false).CStr(), DirectoryFlags | O_NOFOLLOW);
-    if (handle.IsEmpty())
-        KRT_RAISE_OS("Failed to open directory: " << path);
-    return YDirectory(std::move(handle));
+    return YDirectory(
+        KRT_OS_VALUE(Util::OpenHandle(path.AsUnixPath(false).CStr(), DirectoryFlags | O_NOFOLLOW),
+                     "Failed to open directory: " << path));
 }
 
 YDirectory YDirectory::OpenFollowing(const YPath& path)
 {
-    Util::YUnxHandle handle = Util::OpenHandle(path.AsUnixPath(false).CStr(), DirectoryFlags);
-    if (handle.IsEmpty())
-        KRT_RAISE_OS("Failed to open directory: " << path);
-    return YDirectory(std::move(handle));
+    return YDirectory(KRT_OS_VALUE(Util::OpenHandle(path.AsUnixPath(false).CStr(), DirectoryFlags),
+                                   "Failed to open directory: " << path));
 }
 
 YDirectory YDirectory::OpenToSearch(const YPath& path)
 {
-    Util::YUnxHandle handle = Util::OpenHandle(path.AsUnixPath(false).CStr(), SearchFlags);
-    if (handle.IsEmpty())
-        KRT_RAISE_OS("Failed to open directory: " << path);
-    return YDirectory(std::move(handle));
+    return YDirectory(KRT_OS_VALUE(Util::OpenHandle(path.AsUnixPath(false).CStr(), SearchFlags),
+                                   "Failed to open directory: " << path));
 }
 
 YDirectory YDirectory::OpenDirectory(const YString& name) const
 {
-    Util::YUnxHandle handle =
-        OpenAt(m_handle.Get(), CheckEntryName(name, __func__), DirectoryFlags | O_NOFOLLOW);
-    if (handle.IsEmpty())
-        KRT_RAISE_OS("Failed to open directory: " << name);
-    return YDirectory(std::move(handle));
+    return YDirectory(
+        KRT_OS_VALUE(OpenAt(m_handle.Get(), CheckEntryName(name, __func__), DirectoryFlags | O_NOFOLLOW),
+                     "Failed to open directory: " << name));
 }
 
 YDirectory YDirectory::OpenDirectoryToSearch(const YString& name) const
 {
-    Util::YUnxHandle handle =
-        OpenAt(m_handle.Get(), CheckEntryName(name, __func__), SearchFlags | O_NOFOLLOW);
-    if (handle.IsEmpty())
-        KRT_RAISE_OS("Failed to open directory: " << name);
-    return YDirectory(std::move(handle));
+    return YDirectory(
+        KRT_OS_VALUE(OpenAt(m_handle.Get(), CheckEntryName(name, __func__), SearchFlags | O_NOFOLLOW),
+                     "Failed to open directory: " << name));
 }
 
 YDirectory YDirectory::OpenBelow(std::span<const YString> way) const
@@ -93,11 +79,9 @@ YDirectory YDirectory::OpenBelow(std::span<const YString> way) const
     }
     // What is too long for one call is gone step by step, as where there is no such call.
     if (path.size() < PATH_MAX) {
-        const int descriptor = Util::MoveAboveStandardStreams(OpenBeneath(m_handle.Get(), path.c_str()));
-        if (descriptor >= 0)
-            return YDirectory(Util::YUnxHandle(descriptor, true));
-        if (errno != ENOSYS)
-            KRT_RAISE_OS("Failed to open directory: " << path.c_str());
+        auto opened = OpenBeneath(m_handle.Get(), path.c_str());
+        if (opened.error != ENOSYS)
+            return YDirectory(KRT_OS_VALUE(std::move(opened), "Failed to open directory: " << path.c_str()));
     }
     YDirectory directory = OpenDirectory(way.front());
     for (const YString& name : way.subspan(1))
@@ -107,20 +91,16 @@ YDirectory YDirectory::OpenBelow(std::span<const YString> way) const
 
 Util::YUnxHandle YDirectory::OpenFile(const YString& name) const
 {
-    Util::YUnxHandle handle =
-        OpenAt(m_handle.Get(), CheckEntryName(name, __func__), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-    if (handle.IsEmpty())
-        KRT_RAISE_OS("Failed to open file: " << name);
-    return handle;
+    return KRT_OS_VALUE(
+        OpenAt(m_handle.Get(), CheckEntryName(name, __func__), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY),
+        "Failed to open file: " << name);
 }
 
 Util::YUnxHandle YDirectory::CreateFile(const YString& name) const
 {
-    Util::YUnxHandle handle =
-        OpenAt(m_handle.Get(), CheckEntryName(name, __func__), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
-    if (handle.IsEmpty())
-        KRT_RAISE_OS("Failed to create file: " << name);
-    return handle;
+    return KRT_OS_VALUE(
+        OpenAt(m_handle.Get(), CheckEntryName(name, __func__), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW),
+        "Failed to create file: " << name);
 }
 
 struct stat YDirectory::Stat() const
@@ -131,19 +111,17 @@ struct stat YDirectory::Stat() const
 struct stat YDirectory::Stat(const YString& name) const
 {
     struct stat status;
-    if (!StatAt(m_handle.Get(), CheckEntryName(name, __func__), status))
-        KRT_RAISE_OS("Failed to stat: " << name);
+    KRT_OS_VALUE(StatAt(m_handle.Get(), CheckEntryName(name, __func__), status), "Failed to stat: " << name);
     return status;
 }
 
 bool YDirectory::StatIfPresent(const YString& name, struct stat& status) const
 {
     struct stat found;
-    if (!StatAt(m_handle.Get(), CheckEntryName(name, __func__), found)) {
-        if (errno == ENOENT)
-            return false;
-        KRT_RAISE_OS("Failed to stat: " << name);
-    }
+    const auto result = StatAt(m_handle.Get(), CheckEntryName(name, __func__), found);
+    if (result.error == ENOENT)
+        return false;
+    KRT_OS_VALUE(result, "Failed to stat: " << name);
     status = found;
     return true;
 }
@@ -156,10 +134,8 @@ YString YDirectory::ReadSymbolicLink(const YString& name) const
     char* buffer = first;
     std::size_t room = sizeof(first);
     for (;;) {
-        const ssize_t size =
-            RetryOnInterrupt([&] { return readlinkat(m_handle.Get(), entry, buffer, room); });
-        if (size < 0)
-            KRT_RAISE_OS("Failed to read symbolic link: " << name);
+        const ssize_t size = KRT_SYSCALL(readlinkat(m_handle.Get(), entry, buffer, room),
+                                         "Failed to read symbolic link: " << name);
         // A full buffer may hold a cut target.
         if (static_cast<std::size_t>(size) < room)
             return YString(std::string_view(buffer, static_cast<std::size_t>(size)));
@@ -172,11 +148,11 @@ YString YDirectory::ReadSymbolicLink(const YString& name) const
 void YDirectory::VisitEntries(const std::function<bool(const DirectoryEntry&)>& visitor) const
 {
     // A directory that was just opened stands at its beginning.
-    if (m_isListed && lseek(m_handle.Get(), 0, SEEK_SET) < 0)
-        KRT_RAISE_OS("Failed to list directory");
+    if (m_isListed)
+        KRT_SYSCALL(lseek(m_handle.Get(), 0, SEEK_SET), "Failed to list directory");
     m_isListed = true;
-    if (!ListEntries(m_handle.Get(), visitor))
-        KRT_RAISE_OS("Failed to list directory");
+    if (const int error = ListEntries(m_handle.Get(), visitor))
+        KRT_RAISE_OS(error, "Failed to list directory");
 }
 
 } // namespace Krt::File

@@ -3,45 +3,38 @@
 #include "Krt/File/Unix/Beneath.h"
 #include "Krt/File/Unix/EntryName.h"
 #include "Krt/File/YDirectory.h"
-#include "Krt/Util/Retry.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace Krt::File {
 
-using Util::RetryOnInterrupt;
-
 void YDirectory::MakeDirectory(const YString& name, unsigned int mode) const
 {
     const char* entry = CheckEntryName(name, __func__);
     const auto bits = static_cast<mode_t>(mode & 07777);
-    if (RetryOnInterrupt([&] { return mkdirat(m_handle.Get(), entry, bits); }) < 0)
-        KRT_RAISE_OS("Failed to create directory: " << name);
+    KRT_SYSCALL(mkdirat(m_handle.Get(), entry, bits), "Failed to create directory: " << name);
 }
 
 void YDirectory::MakeSymbolicLink(const YString& name, const YString& target) const
 {
     const char* entry = CheckEntryName(name, __func__);
-    if (RetryOnInterrupt([&] { return symlinkat(target.CStr(), m_handle.Get(), entry); }) < 0)
-        KRT_RAISE_OS("Failed to create symbolic link: " << name << " to: " << target);
+    KRT_SYSCALL(symlinkat(target.CStr(), m_handle.Get(), entry),
+                "Failed to create symbolic link: " << name << " to: " << target);
 }
 
 void YDirectory::MakeFifo(const YString& name, unsigned int mode) const
 {
     const char* entry = CheckEntryName(name, __func__);
     const auto bits = static_cast<mode_t>(mode & 07777);
-    if (RetryOnInterrupt([&] { return mkfifoat(m_handle.Get(), entry, bits); }) < 0)
-        KRT_RAISE_OS("Failed to create FIFO: " << name);
+    KRT_SYSCALL(mkfifoat(m_handle.Get(), entry, bits), "Failed to create FIFO: " << name);
 }
 
 void YDirectory::MakeDevice(const YString& name, unsigned int mode, unsigned long long device) const
 {
     const char* entry = CheckEntryName(name, __func__);
-    if (RetryOnInterrupt([&] {
-            return mknodat(m_handle.Get(), entry, static_cast<mode_t>(mode), static_cast<dev_t>(device));
-        }) < 0)
-        KRT_RAISE_OS("Failed to create device: " << name);
+    KRT_SYSCALL(mknodat(m_handle.Get(), entry, static_cast<mode_t>(mode), static_cast<dev_t>(device)),
+                "Failed to create device: " << name);
 }
 
 void YDirectory::MakeHardLink(const YDirectory& fromDirectory, const YString& fromName,
@@ -49,63 +42,61 @@ void YDirectory::MakeHardLink(const YDirectory& fromDirectory, const YString& fr
 {
     const char* from = CheckEntryName(fromName, __func__);
     const char* entry = CheckEntryName(name, __func__);
-    if (RetryOnInterrupt(
-            [&] { return linkat(fromDirectory.m_handle.Get(), from, m_handle.Get(), entry, 0); }) < 0)
-        KRT_RAISE_OS("Failed to create hard link: " << name << " to: " << fromName);
+    KRT_SYSCALL(linkat(fromDirectory.m_handle.Get(), from, m_handle.Get(), entry, 0),
+                "Failed to create hard link: " << name << " to: " << fromName);
 }
 
 void YDirectory::Rename(const YString& from, const YDirectory& toDirectory, const YString& to) const
 {
     const char* oldName = CheckEntryName(from, __func__);
     const char* newName = CheckEntryName(to, __func__);
-    if (RetryOnInterrupt(
-            [&] { return renameat(m_handle.Get(), oldName, toDirectory.m_handle.Get(), newName); }) < 0)
-        KRT_RAISE_OS("Failed to rename: " << from << " to: " << to);
+    KRT_SYSCALL(renameat(m_handle.Get(), oldName, toDirectory.m_handle.Get(), newName),
+                "Failed to rename: " << from << " to: " << to);
 }
 
 void YDirectory::RemoveFile(const YString& name) const
 {
     const char* entry = CheckEntryName(name, __func__);
-    if (RetryOnInterrupt([&] { return unlinkat(m_handle.Get(), entry, 0); }) < 0 && errno != ENOENT)
-        KRT_RAISE_OS("Failed to remove file: " << name);
+    const auto removed = Util::CallSystem([&] { return unlinkat(m_handle.Get(), entry, 0); });
+    if (!removed && removed.error != ENOENT)
+        KRT_RAISE_OS(removed.error, "Failed to remove file: " << name);
 }
 
 void YDirectory::RemoveDirectory(const YString& name) const
 {
     const char* entry = CheckEntryName(name, __func__);
-    if (RetryOnInterrupt([&] { return unlinkat(m_handle.Get(), entry, AT_REMOVEDIR); }) < 0 &&
-        errno != ENOENT)
-        KRT_RAISE_OS("Failed to remove directory: " << name);
+    const auto removed = Util::CallSystem([&] { return unlinkat(m_handle.Get(), entry, AT_REMOVEDIR); });
+    if (!removed && removed.error != ENOENT)
+        KRT_RAISE_OS(removed.error, "Failed to remove directory: " << name);
 }
 
 void YDirectory::SetOwner(const YString& name, unsigned int user, unsigned int group) const
 {
     const char* entry = CheckEntryName(name, __func__);
-    if (RetryOnInterrupt([&] { return fchownat(m_handle.Get(), entry, user, group, AT_SYMLINK_NOFOLLOW); }) <
-        0)
-        KRT_RAISE_OS("Failed to set owner of: " << name << " to " << user << ":" << group);
+    KRT_SYSCALL(fchownat(m_handle.Get(), entry, user, group, AT_SYMLINK_NOFOLLOW),
+                "Failed to set owner of: " << name << " to " << user << ":" << group);
 }
 
 void YDirectory::SetMode(const YString& name, unsigned int mode) const
 {
     const char* entry = CheckEntryName(name, __func__);
     const auto bits = static_cast<mode_t>(mode & 07777);
-    if (RetryOnInterrupt([&] { return fchmodat(m_handle.Get(), entry, bits, AT_SYMLINK_NOFOLLOW); }) < 0)
-        KRT_RAISE_OS("Failed to set mode of: " << name);
+    KRT_SYSCALL(fchmodat(m_handle.Get(), entry, bits, AT_SYMLINK_NOFOLLOW),
+                "Failed to set mode of: " << name);
 }
 
 void YDirectory::SetMode(unsigned int mode) const
 {
-    if (SetModeOfDirectory(m_handle.Get(), static_cast<mode_t>(mode & 07777)) < 0)
-        KRT_RAISE_OS("Failed to set mode of directory");
+    KRT_OS_VALUE(SetModeOfDirectory(m_handle.Get(), static_cast<mode_t>(mode & 07777)),
+                 "Failed to set mode of directory");
 }
 
 void YDirectory::SetTimes(const YString& name, const timespec& access, const timespec& write) const
 {
     const char* entry = CheckEntryName(name, __func__);
     const timespec times[] = {access, write};
-    if (RetryOnInterrupt([&] { return utimensat(m_handle.Get(), entry, times, AT_SYMLINK_NOFOLLOW); }) < 0)
-        KRT_RAISE_OS("Failed to set times of: " << name);
+    KRT_SYSCALL(utimensat(m_handle.Get(), entry, times, AT_SYMLINK_NOFOLLOW),
+                "Failed to set times of: " << name);
 }
 
 } // namespace Krt::File

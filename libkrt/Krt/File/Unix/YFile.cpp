@@ -19,8 +19,7 @@ void YFile::Write(const YString& text)
     try {
         m_size += File::Write(m_handle, m_size, text.Bytes().size(), text.Bytes().data());
     } catch (const Exception::YError& error) {
-        KRT_RAISE_OS_ERROR(static_cast<int>(error.GetOsError()), MessageType::General,
-                           "Failed to write file: " << m_path);
+        KRT_RAISE_OS(error.GetOsError(), "Failed to write file: " << m_path);
     }
 }
 
@@ -28,8 +27,8 @@ void YFile::Close()
 {
     if (m_handle.IsEmpty())
         return;
-    if (!Util::CloseWritten(m_handle))
-        KRT_RAISE_OS("Failed to close file: " << m_path);
+    if (const int error = Util::TryCloseWritten(m_handle))
+        KRT_RAISE_OS(error, "Failed to close file: " << m_path);
 }
 
 } // namespace Krt::File

@@ -1,7 +1,7 @@
 #include "Krt/Profile/Unix/FileStamp.h"
 
 #include "Krt/File/Unix/StatTimes.h"
-#include "Krt/Util/Retry.h"
+#include "Krt/Util/SystemCall.h"
 
 #include <sys/stat.h>
 
@@ -24,12 +24,12 @@ FileStamp::FileStamp(const struct stat& status)
       m_modified(Nanoseconds(File::WriteTime(status))), m_changed(Nanoseconds(File::ChangeTime(status)))
 {}
 
-std::optional<FileStamp> FileStamp::Of(const char* path)
+Util::OsResult<FileStamp> FileStamp::Of(const char* path)
 {
     struct stat status;
-    if (Util::RetryOnInterrupt([&] { return stat(path, &status); }) != 0)
-        return std::nullopt;
-    return FileStamp(status);
+    if (const int error = Util::CallSystem([&] { return stat(path, &status); }).error)
+        return {FileStamp(), error};
+    return {FileStamp(status), 0};
 }
 
 bool FileStamp::IsSettled() const

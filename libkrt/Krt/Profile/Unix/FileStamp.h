@@ -1,9 +1,9 @@
 // What tells one state of a file from another: which file it is, its size and its times.
 #pragma once
 
-#include <sys/types.h>
+#include "Krt/Util/SystemCall.h"
 
-#include <optional>
+#include <sys/types.h>
 
 struct stat;
 
@@ -14,8 +14,8 @@ class FileStamp
 public:
     FileStamp() = default;
     explicit FileStamp(const struct stat& status);
-    /// Nothing on failure, with errno set. A symbolic link is followed.
-    static std::optional<FileStamp> Of(const char* path);
+    /// A symbolic link is followed.
+    static Util::OsResult<FileStamp> Of(const char* path);
 
     /// Whether the times lie at least two seconds back. A younger file could change again within the grain of
     /// its file system's clock, and keep its stamp.

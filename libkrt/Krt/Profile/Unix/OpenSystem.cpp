@@ -5,7 +5,6 @@
 #include "Krt/Profile/Unix/FileStamp.h"
 #include "Krt/Profile/Unix/Platform.h"
 #include "Krt/Util/OpenHandle.h"
-#include "Krt/Util/Retry.h"
 
 #include <boost/make_shared.hpp>
 #include <boost/property_tree/ini_parser.hpp>
@@ -16,7 +15,6 @@
 
 #include <cstdlib>
 #include <mutex>
-#include <optional>
 #include <sstream>
 
 namespace Krt::Profile {
@@ -45,11 +43,10 @@ const char* Path()
     return named != nullptr && *named != '\0' ? named : SystemPath();
 }
 
-[[noreturn]] void RaiseUnreadable(const std::string& path)
+[[noreturn]] void RaiseUnreadable(int error, const std::string& path)
 {
-    const int error = errno;
-    KRT_RAISE_FULL(ExceptionType::OsError, "OpenSystem", MessageType::General,
-                   static_cast<unsigned int>(error), "Failed to read configuration " << path.c_str());
+    KRT_RAISE_OS_AS("OpenSystem", MessageType::General, error,
+                    "Failed to read configuration " << path.c_str());
 }
 
 std::string ReadAll(const Util::YUnxHandle& file, const std::string& path)
@@ -57,12 +54,12 @@ std::string ReadAll(const Util::YUnxHandle& file, const std::string& path)
     std::string text;
     char buffer[4096];
     for (;;) {
-        const ssize_t count = Util::RetryOnInterrupt([&] { return read(file.Get(), buffer, sizeof buffer); });
-        if (count < 0)
-            RaiseUnreadable(path);
-        if (count == 0)
+        const auto count = Util::CallSystem([&] { return read(file.Get(), buffer, sizeof buffer); });
+        if (!count)
+            RaiseUnreadable(count.error, path);
+        if (count.value == 0)
             return text;
-        text.append(buffer, static_cast<std::size_t>(count));
+        text.append(buffer, static_cast<std::size_t>(count.value));
     }
 }
 
@@ -97,22 +94,21 @@ const boost::shared_ptr<YProfile>& EmptyProfile()
 // The file's state is taken before its text, so that a change in between shows at the next opening.
 boost::shared_ptr<YProfile> Load(Cache& cache, const std::string& path)
 {
-    const Util::YUnxHandle file = Util::OpenHandle(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK);
-    if (file.IsEmpty()) {
-        if (errno == ENOENT)
-            return EmptyProfile();
-        RaiseUnreadable(path);
-    }
+    const auto file = Util::OpenHandle(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK);
+    if (file.error == ENOENT)
+        return EmptyProfile();
+    if (!file)
+        RaiseUnreadable(file.error, path);
     struct stat status;
-    if (Util::RetryOnInterrupt([&] { return fstat(file.Get(), &status); }) != 0)
-        RaiseUnreadable(path);
+    if (const int error = Util::CallSystem([&] { return fstat(file.value.Get(), &status); }).error)
+        RaiseUnreadable(error, path);
     // It is read again and again, and would have to wait for a writer each time.
     if (S_ISFIFO(status.st_mode))
         KRT_RAISE_AS("OpenSystem", MessageType::General, ErrorCode::InvalidArgument,
                      "The configuration " << path.c_str() << " is a pipe");
     const FileStamp stamp(status);
     const bool isSettled = stamp.IsSettled();
-    const auto profile = boost::make_shared<YProfile>(Parse(ReadAll(file, path), path));
+    const auto profile = boost::make_shared<YProfile>(Parse(ReadAll(file.value, path), path));
     cache.profile.reset();
     if (isSettled) {
         cache.path = path;
@@ -133,12 +129,12 @@ boost::shared_ptr<YProfile> OpenSystem()
 {
     const std::string path = Path();
     // Asked for each file that a walk captures, and most systems have no such file: one look, and no lock.
-    const std::optional<FileStamp> stamp = FileStamp::Of(path.c_str());
-    if (!stamp && errno == ENOENT)
+    const auto stamp = FileStamp::Of(path.c_str());
+    if (stamp.error == ENOENT)
         return EmptyProfile();
     Cache& cache = TheCache();
     const std::lock_guard lock(cache.mutex);
-    if (stamp && cache.profile != nullptr && cache.path == path && *stamp == cache.stamp)
+    if (stamp && cache.profile != nullptr && cache.path == path && stamp.value == cache.stamp)
         return cache.profile;
     return Load(cache, path);
 }

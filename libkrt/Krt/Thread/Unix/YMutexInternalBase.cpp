@@ -1,7 +1,8 @@
 #include "Krt/Thread/Unix/YMutexInternalBase.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/Retry.h"
+
+#include <cerrno>
 
 namespace Krt::Thread {
 
@@ -22,11 +23,9 @@ struct MutexAttributes
 template <class Call>
 int ErrorOf(Call call)
 {
-    int error = 0;
-    Util::RetryOnInterrupt([&] {
-        errno = error = call();
-        return error == 0 ? 0 : -1;
-    });
+    int error = call();
+    while (error == EINTR)
+        error = call();
     return error;
 }
 

@@ -1,7 +1,6 @@
 #include "Krt/Util/RandomGenerator.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/Retry.h"
 
 #include <sys/random.h>
 #include <unistd.h>
@@ -15,11 +14,9 @@ namespace {
 std::mt19937_64 Seeded()
 {
     std::array<unsigned int, 16> words;
-    if (RetryOnInterrupt([&] { return getentropy(words.data(), sizeof words); }) != 0) {
-        const int error = errno;
-        KRT_RAISE_FULL(ExceptionType::OsError, "GetRandomGenerator", MessageType::General,
-                       static_cast<unsigned int>(error), "Failed to seed the random generator");
-    }
+    if (const auto seeded = CallSystem([&] { return getentropy(words.data(), sizeof words); }); !seeded)
+        KRT_RAISE_OS_AS("GetRandomGenerator", MessageType::General, seeded.error,
+                        "Failed to seed the random generator");
     std::seed_seq seed(words.begin(), words.end());
     return std::mt19937_64(seed);
 }

@@ -1,7 +1,5 @@
 #include "Krt/Util/YUnxHandle.h"
 
-#include "Krt/Util/Retry.h"
-
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -21,18 +19,19 @@ void YUnxHandle::Close() noexcept
 {
     const int descriptor = std::exchange(m_descriptor, 0);
     if (std::exchange(m_owned, true) && descriptor != 0)
-        RetryOnInterrupt([&] { return close(descriptor); });
+        CallSystem([&] { return close(descriptor); });
 }
 
-int MoveAboveStandardStreams(int descriptor) noexcept
+OsResult<YUnxHandle> OwnAboveStandardStreams(OsResult<int> opened) noexcept
 {
-    if (descriptor < 0 || descriptor > STDERR_FILENO) [[likely]]
-        return descriptor;
-    const int moved = RetryOnInterrupt([&] { return fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); });
-    const int error = errno;
-    RetryOnInterrupt([&] { return close(descriptor); });
-    errno = error;
-    return moved;
+    if (opened && opened.value <= STDERR_FILENO) [[unlikely]] {
+        const int low = opened.value;
+        opened = CallSystem([&] { return fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); });
+        CallSystem([&] { return close(low); });
+    }
+    if (!opened)
+        return {YUnxHandle(), opened.error};
+    return {YUnxHandle(opened.value, true), 0};
 }
 
 } // namespace Krt::Util

@@ -1,7 +1,6 @@
 #include "Krt/Volume/YVolume.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/Retry.h"
 #include "Krt/Volume/Unix/FreeBlocks.h"
 
 #include <limits>
@@ -15,8 +14,7 @@ YVolume::~YVolume() = default;
 unsigned long long YVolume::GetVolumeFreeSpace() const
 {
     FreeBlocks free;
-    if (Util::RetryOnInterrupt([&] { return ReadFreeBlocks(m_path.CStr(), free); }) != 0)
-        KRT_RAISE_OS("Failed to get the free space of: " << m_path);
+    KRT_SYSCALL(ReadFreeBlocks(m_path.CStr(), free), "Failed to get the free space of: " << m_path);
     // Some file systems without a limit report a count whose bytes no integer holds.
     constexpr unsigned long long most = std::numeric_limits<unsigned long long>::max();
     return free.size != 0 && free.count > most / free.size ? most : free.count * free.size;

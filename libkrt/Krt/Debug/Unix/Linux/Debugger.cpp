@@ -1,6 +1,6 @@
 #include "Krt/Debug/Debugger.h"
 
-#include "Krt/Util/Retry.h"
+#include "Krt/Util/SystemCall.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -18,12 +18,12 @@ bool IsTraced()
 {
     constexpr std::string_view Key = "TracerPid:\t";
     char text[4096];
-    const int file = Util::RetryOnInterrupt([] { return open("/proc/self/status", O_RDONLY | O_CLOEXEC); });
-    if (file < 0)
+    const auto file = Util::CallSystem([] { return open("/proc/self/status", O_RDONLY | O_CLOEXEC); });
+    if (!file)
         return false;
-    const ssize_t size = Util::RetryOnInterrupt([&] { return read(file, text, sizeof text); });
-    Util::RetryOnInterrupt([&] { return close(file); });
-    const std::string_view status(text, size < 0 ? 0 : static_cast<std::size_t>(size));
+    const auto size = Util::CallSystem([&] { return read(file.value, text, sizeof text); });
+    Util::CallSystem([&] { return close(file.value); });
+    const std::string_view status(text, size ? static_cast<std::size_t>(size.value) : 0);
     const std::size_t key = status.find(Key);
     return key != std::string_view::npos && !status.substr(key + Key.size()).starts_with("0\n");
 }

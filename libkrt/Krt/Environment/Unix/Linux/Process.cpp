@@ -3,7 +3,6 @@
 #include "Krt/Environment/Unix/Platform.h"
 #include "Krt/File/YDirectory.h"
 #include "Krt/Util/OpenHandle.h"
-#include "Krt/Util/Retry.h"
 
 #include <fcntl.h>
 #include <sys/auxv.h>
@@ -25,11 +24,10 @@ constexpr std::size_t KernelNameBytes = 15;
 // Of /proc/PROCESS/FACT, what the beginning of a command line takes; nothing of a process that is gone.
 std::string ReadFact(const std::string& process, const char* fact)
 {
-    const Util::YUnxHandle file = Util::OpenHandle(("/proc/" + process + "/" + fact).c_str(), O_RDONLY);
+    const auto file = Util::OpenHandle(("/proc/" + process + "/" + fact).c_str(), O_RDONLY);
     std::string bytes(2 * PATH_MAX, '\0');
     const ssize_t size =
-        file.IsEmpty() ? 0
-                       : Util::RetryOnInterrupt([&] { return read(file.Get(), bytes.data(), bytes.size()); });
+        file ? Util::CallSystem([&] { return read(file.value.Get(), bytes.data(), bytes.size()); }).value : 0;
     bytes.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
     return bytes;
 }

@@ -56,9 +56,9 @@ int FindProcess(const YString& name, int except)
 {
     // Room for some that start meanwhile.
     std::vector<int> processes(static_cast<std::size_t>(proc_listallpids(nullptr, 0)) + 64);
-    const int count = proc_listallpids(processes.data(), static_cast<int>(processes.size() * sizeof(int)));
-    if (count < 0)
-        KRT_RAISE_OS("Failed to list the processes");
+    const int count =
+        KRT_SYSCALL(proc_listallpids(processes.data(), static_cast<int>(processes.size() * sizeof(int))),
+                    "Failed to list the processes");
     processes.resize(static_cast<std::size_t>(count));
     for (const int process : processes) {
         if (process != except && BearsName(process, name.Bytes()))

@@ -1,6 +1,5 @@
 #include "Krt/File/OpenFile.h"
 #include "Krt/File/Unix/Descriptor.h"
-#include "Krt/Util/Retry.h"
 
 #include <sys/xattr.h>
 
@@ -14,10 +13,12 @@ void RemoveAccessLists(const Util::YUnxHandle& handle)
         return;
     for (const char* list : {"system.posix_acl_access", "system.posix_acl_default"}) {
         // Removing takes the owner's rights even where there is nothing to remove.
-        if (fgetxattr(descriptor, list, nullptr, 0) < 0 && (errno == ENODATA || errno == ENOTSUP))
+        const int looked = Util::CallSystem([&] { return fgetxattr(descriptor, list, nullptr, 0); }).error;
+        if (looked == ENODATA || looked == ENOTSUP)
             continue;
-        if (Util::RetryOnInterrupt([&] { return fremovexattr(descriptor, list); }) < 0 && errno != ENODATA)
-            KRT_RAISE_OS("Failed to remove access list of open file");
+        const int removed = Util::CallSystem([&] { return fremovexattr(descriptor, list); }).error;
+        if (removed != 0 && removed != ENODATA)
+            KRT_RAISE_OS(removed, "Failed to remove access list of open file");
     }
 }
 

@@ -1,6 +1,5 @@
 #include "Krt/File/OpenFile.h"
 #include "Krt/File/Unix/Descriptor.h"
-#include "Krt/Util/Retry.h"
 
 #include <fcntl.h>
 #include <sys/acl.h>
@@ -19,13 +18,11 @@ void RemoveAccessLists(const Util::YUnxHandle& handle)
         acl_free(list);
     const filesec_t security = filesec_init();
     if (security == nullptr)
-        KRT_RAISE_OS("Failed to remove access list of open file");
+        KRT_RAISE_OS(errno, "Failed to remove access list of open file");
     filesec_set_property(security, FILESEC_ACL, _FILESEC_REMOVE_ACL);
-    const int result = Util::RetryOnInterrupt([&] { return fchmodx_np(descriptor, security); });
-    const int error = errno;
+    const auto changed = Util::CallSystem([&] { return fchmodx_np(descriptor, security); });
     filesec_free(security);
-    if (result < 0)
-        KRT_RAISE_OS_ERROR(error, MessageType::General, "Failed to remove access list of open file");
+    KRT_OS_VALUE(changed, "Failed to remove access list of open file");
 }
 
 } // namespace Krt::File

@@ -1,7 +1,6 @@
 #include "Krt/File/Unix/AttributeTarget.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/Retry.h"
 
 #include <fcntl.h>
 #include <sys/xattr.h>
@@ -11,13 +10,12 @@ namespace Krt::File {
 // O_SYMLINK opens a link itself, so that the calls for open files serve for entries of every type.
 AttributeTarget::AttributeTarget(int directory, const char* name, const char* function)
 {
-    const int descriptor = Util::MoveAboveStandardStreams(Util::RetryOnInterrupt(
+    auto opened = Util::OwnAboveStandardStreams(Util::CallSystem(
         [&] { return openat(directory, name, O_RDONLY | O_SYMLINK | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); }));
-    const int error = errno;
-    if (descriptor < 0)
-        KRT_RAISE_FULL(ExceptionType::OsError, function, MessageType::General,
-                       static_cast<unsigned int>(error), "Failed to open for extended attributes: " << name);
-    m_handle = Util::YUnxHandle(descriptor, true);
+    if (!opened)
+        KRT_RAISE_OS_AS(function, MessageType::General, opened.error,
+                        "Failed to open for extended attributes: " << name);
+    m_handle = std::move(opened.value);
 }
 
 ssize_t AttributeTarget::List(char* buffer, std::size_t size) const

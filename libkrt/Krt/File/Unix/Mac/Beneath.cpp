@@ -1,23 +1,18 @@
 #include "Krt/File/Unix/Beneath.h"
 
-#include "Krt/Util/Retry.h"
-
 #include <sys/stat.h>
 
 namespace Krt::File {
 
-using Util::RetryOnInterrupt;
-
 // The caller goes component by component.
-int OpenBeneath(int, const char*)
+Util::OsResult<Util::YUnxHandle> OpenBeneath(int, const char*)
 {
-    errno = ENOSYS;
-    return -1;
+    return {Util::YUnxHandle(), ENOSYS};
 }
 
-int SetModeOfDirectory(int directory, mode_t mode)
+Util::OsResult<int> SetModeOfDirectory(int directory, mode_t mode)
 {
-    return RetryOnInterrupt([&] { return fchmod(directory, mode); });
+    return Util::CallSystem([&] { return fchmod(directory, mode); });
 }
 
 } // namespace Krt::File

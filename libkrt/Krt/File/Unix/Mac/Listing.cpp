@@ -1,6 +1,6 @@
 #include "Krt/File/Unix/Listing.h"
 
-#include "Krt/Util/Retry.h"
+#include "Krt/Util/SystemCall.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -18,46 +18,47 @@ struct CloseListing
 };
 using Listing = std::unique_ptr<DIR, CloseListing>;
 
-// Null with errno on failure. It owns a duplicate of the descriptor: opening "." again would take the right
+// It owns a duplicate of the descriptor: opening "." again would take the right
 // to search, which reading the names alone does not need.
-Listing OpenListing(int directory)
+Util::OsResult<Listing> OpenListing(int directory)
 {
-    const int duplicate =
-        Util::RetryOnInterrupt([&] { return fcntl(directory, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); });
-    if (duplicate < 0)
-        return nullptr;
-    Listing listing(fdopendir(duplicate));
-    if (listing == nullptr) {
-        const int error = errno;
-        close(duplicate);
-        errno = error;
-    }
-    return listing;
+    const auto duplicate =
+        Util::CallSystem([&] { return fcntl(directory, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); });
+    if (!duplicate)
+        return {nullptr, duplicate.error};
+    if (DIR* const opened = fdopendir(duplicate.value))
+        return {Listing(opened), 0};
+    const int error = errno;
+    close(duplicate.value);
+    return {nullptr, error};
 }
 
-// Null with errno 0 at the end.
-const dirent* NextEntry(DIR* listing)
+// Null with error 0 at the end.
+Util::OsResult<const dirent*> NextEntry(DIR* listing)
 {
     const dirent* entry;
     do {
         errno = 0;
         entry = readdir(listing);
     } while (entry == nullptr && errno == EINTR);
-    return entry;
+    return {entry, entry == nullptr ? errno : 0};
 }
 
 } // namespace
 
-bool ListEntries(int directory, const std::function<bool(const DirectoryEntry&)>& visitor)
+int ListEntries(int directory, const std::function<bool(const DirectoryEntry&)>& visitor)
 {
-    const Listing listing = OpenListing(directory);
-    if (listing == nullptr)
-        return false;
-    while (const dirent* entry = NextEntry(listing.get())) {
-        if (!IsDots(entry->d_name) && !visitor({YString(entry->d_name), entry->d_type, entry->d_ino}))
-            return true;
+    const auto listing = OpenListing(directory);
+    if (!listing)
+        return listing.error;
+    for (;;) {
+        const auto next = NextEntry(listing.value.get());
+        if (next.value == nullptr)
+            return next.error;
+        const dirent& entry = *next.value;
+        if (!IsDots(entry.d_name) && !visitor({YString(entry.d_name), entry.d_type, entry.d_ino}))
+            return 0;
     }
-    return errno == 0;
 }
 
 } // namespace Krt::File

@@ -1,6 +1,5 @@
 #include "Krt/File/OpenFile.h"
 #include "Krt/File/Unix/Descriptor.h"
-#include "Krt/Util/Retry.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -12,9 +11,8 @@ namespace Krt::File {
 void Sync(const Util::YUnxHandle& handle)
 {
     const int descriptor = DescriptorOf(handle, __func__);
-    if (Util::RetryOnInterrupt([&] { return fcntl(descriptor, F_FULLFSYNC); }) < 0 &&
-        Util::RetryOnInterrupt([&] { return fsync(descriptor); }) < 0)
-        KRT_RAISE_OS("Failed to sync file");
+    if (!Util::CallSystem([&] { return fcntl(descriptor, F_FULLFSYNC); }))
+        KRT_SYSCALL(fsync(descriptor), "Failed to sync file");
 }
 
 } // namespace Krt::File

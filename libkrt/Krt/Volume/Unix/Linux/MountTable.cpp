@@ -1,7 +1,6 @@
 #include "Krt/Volume/MountTable.h"
 
 #include "Krt/Util/OpenHandle.h"
-#include "Krt/Util/Retry.h"
 
 #include <algorithm>
 #include <array>
@@ -106,8 +105,8 @@ void AddEntries(std::vector<MountEntry>& entries, std::string_view lines)
 
 std::vector<MountEntry> ListMountEntries()
 {
-    const Util::YUnxHandle file = Util::OpenHandle(s_table, O_RDONLY);
-    if (file.IsEmpty())
+    const auto file = Util::OpenHandle(s_table, O_RDONLY);
+    if (!file)
         return {};
     std::vector<MountEntry> entries;
     // The kernel gives no more than a page of its own table at once.
@@ -116,12 +115,12 @@ std::vector<MountEntry> ListMountEntries()
     while (true) {
         if (kept == buffer.size()) // a line that is longer
             buffer.resize(2 * kept);
-        const ssize_t count = Util::RetryOnInterrupt(
-            [&] { return read(file.Get(), buffer.data() + kept, buffer.size() - kept); });
-        if (count < 0)
+        const auto count = Util::CallSystem(
+            [&] { return read(file.value.Get(), buffer.data() + kept, buffer.size() - kept); });
+        if (!count)
             return {};
-        const std::string_view text(buffer.data(), kept + static_cast<std::size_t>(count));
-        if (count == 0) {
+        const std::string_view text(buffer.data(), kept + static_cast<std::size_t>(count.value));
+        if (count.value == 0) {
             AddEntries(entries, text);
             return entries;
         }
