@@ -4,13 +4,14 @@
 #include "Backup/Core/OpenSSL/Verify.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/OpenFile.h"
 #include "Krt/KrtFoundation/boostapi.h"
+#include "Krt/Util/OpenHandle.h"
 
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
 
-#include <cstdio>
-#include <filesystem>
+#include <fcntl.h>
 #include <iterator>
 
 namespace Backup::OpenSSL {
@@ -20,8 +21,6 @@ using Krt::YString;
 using Krt::File::YPath;
 
 namespace {
-
-using FilePtr = std::unique_ptr<std::FILE, Freer<&std::fclose>>;
 
 // Fills the report, if there is one. `server` is null if there is no readable certificate.
 bool Conclude(const VerifyResult& result, const X509* server, TrustReport* report)
@@ -87,24 +86,15 @@ bool IsCertificateTrusted(ssl_st* connection, const YString& host, const TrustOp
 
 std::string ReadCertificateFile(const YPath& path)
 {
-    // A pipe nobody writes to would hold the thread for ever.
-    std::error_code ignored;
-    const std::filesystem::file_status status = std::filesystem::status(path.CStr(), ignored);
-    KRT_RAISE_UNLESS(!std::filesystem::exists(status) || std::filesystem::is_regular_file(status),
-                     ErrorCode::InvalidArgument, "Not a regular file: " << path);
-    const FilePtr file(std::fopen(path.CStr(), "rbe"));
-    if (file == nullptr)
-        KRT_RAISE_OS(errno, "Failed to open " << path);
-    std::string bytes;
-    char block[16384];
-    while (const std::size_t size = std::fread(block, 1, sizeof block, file.get())) {
-        bytes.append(block, size);
-        KRT_RAISE_UNLESS(bytes.size() <= MaxEncodedSize, ErrorCode::InvalidArgument,
-                         "Too large for certificates: " << path);
-    }
-    if (std::ferror(file.get()) != 0)
-        KRT_RAISE_OS(errno, "Failed to read " << path);
-    return bytes;
+    // A pipe that no process writes to would hold the thread for ever.
+    const auto file = KRT_OS_VALUE(Krt::Util::OpenHandle(path.CStr(), O_RDONLY | O_NONBLOCK | O_NOCTTY),
+                                   "Failed to open " << path);
+    KRT_RAISE_UNLESS(S_ISREG(Krt::File::Stat(file).st_mode), ErrorCode::InvalidArgument,
+                     "Not a regular file: " << path);
+    auto bytes = Krt::File::ReadWholeFile(file, MaxEncodedSize);
+    KRT_RAISE_UNLESS(bytes.error != EFBIG, ErrorCode::InvalidArgument,
+                     "Too large for certificates: " << path);
+    return KRT_OS_VALUE(std::move(bytes), "Failed to read " << path);
 }
 
 } // namespace Backup::OpenSSL

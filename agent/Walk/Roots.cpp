@@ -6,12 +6,14 @@
 #include "agent/Walk/JobCheck.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/OpenFile.h"
 #include "Krt/JSON/YValue.h"
+#include "Krt/Util/OpenHandle.h"
 
 #include <cstdlib>
-#include <fstream>
+#include <fcntl.h>
 #include <memory>
-#include <sstream>
+#include <utility>
 
 namespace Agent {
 
@@ -71,22 +73,27 @@ void CheckRules(const Krt::JSON::YObject& document, const std::string& jobFile,
                               std::to_string(count - MostWarnings) + " further warnings");
 }
 
+std::string ReadJobFile(const std::string& jobFile)
+{
+    constexpr std::size_t MostMebibytes = 512;
+    const EndingOnInterrupts ending; // a named pipe may never have a writer
+    const auto file = KRT_OS_VALUE(Krt::Util::OpenHandle(jobFile.c_str(), O_RDONLY | O_NOCTTY),
+                                   "Can't read the job file " << jobFile.c_str());
+    auto text = Krt::File::ReadWholeFile(file, MostMebibytes << 20);
+    KRT_RAISE_UNLESS(text.error != EFBIG, Krt::ErrorCode::InvalidArgument,
+                     "The job file " << jobFile.c_str() << " is larger than " << MostMebibytes << " MiB");
+    return KRT_OS_VALUE(std::move(text), "Can't read the job file " << jobFile.c_str());
+}
+
 void LoadRules(Backup::File::YSelectionManager& rules, std::vector<YString>& warnings,
                const std::string& jobFile)
 {
     RequireOwnFile("The job file", jobFile);
-    std::ostringstream text;
-    {
-        const EndingOnInterrupts ending; // a named pipe may never have a writer
-        std::ifstream file(jobFile, std::ios::binary);
-        text << file.rdbuf();
-        if (!file.is_open() || text.bad())
-            KRT_RAISE_OS(errno, "Can't read the job file " << jobFile.c_str());
-    }
+    std::string text = ReadJobFile(jobFile);
     const EndingOnInterrupts ending; // the rules of a large job take their time
     try {
         // The text of a large job is given up before its rules are made.
-        const auto job = Krt::JSON::YValue::Parse(std::move(text).str());
+        const auto job = Krt::JSON::YValue::Parse(std::exchange(text, {}));
         CheckRules(job->AsObject(), jobFile, warnings);
         rules.FromJSON(job->AsObject());
     } catch (const Krt::Exception::YError& error) {

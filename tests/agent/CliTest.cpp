@@ -69,6 +69,8 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
     const std::string damaged = directory.Write("damaged.json", "{\"includes\": [");
     const std::string halfRules = directory.Write("half.json", "{\"includes\": []}");
     const std::string noIncludes = directory.Write("none.json", R"({"includes": [], "excludes": []})");
+    const std::string huge = directory.Write("huge.json", "");
+    std::filesystem::resize_file(huge, (512u << 20) + 1);
     std::filesystem::create_directory(store + "/snapshots/8-directory");
     // What is told stands in standard output for 0, else in standard error.
     const std::tuple<const char*, std::vector<std::string>, int, std::string> cases[] = {
@@ -93,7 +95,8 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
         {"to a file", {"restore", "--store", store, "--snapshot=2", "--to", damaged}, 1, "to " + damaged},
         {"neither path nor job", {"backup", "--store", store}, 2, "PATH"},
         {"missing job", {"backup", "--store", store, "--job", none}, 1, none},
-        {"directory for a job", {"backup", "--store", store, "--job", store}, 1, store},
+        {"directory for a job", {"backup", "--store", store, "--job", store}, 1, "Is a directory"},
+        {"job without end", {"backup", "--store", store, "--job", huge}, 1, "is larger than 512 MiB"},
         {"damaged job", {"backup", "--store", store, "--job", damaged}, 1, damaged},
         {"job without excludes", {"backup", "--store", store, "--job", halfRules}, 1, "excludes"},
         {"job without includes", {"backup", "--store", store, "--job", noIncludes}, 1, "includes nothing"},

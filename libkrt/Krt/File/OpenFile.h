@@ -25,6 +25,10 @@ KRT_API void SetSize(const Util::YUnxHandle& handle, unsigned long long size);
 /// Returns once the content is on the medium.
 KRT_API void Sync(const Util::YUnxHandle& handle);
 
+/// The bytes of a file of any kind that was just opened. The error is EFBIG if there are more than `limit`.
+/// Raises nothing but the use of an empty handle.
+KRT_API Util::OsResult<std::string> ReadWholeFile(const Util::YUnxHandle& handle, std::size_t limit);
+
 /// As the operations of File.h.
 KRT_API std::list<YString> ListExtendedAttributes(const Util::YUnxHandle& handle);
 KRT_API ExtendedAttributeMap GetExtendedAttributeMap(const Util::YUnxHandle& handle);

@@ -99,6 +99,27 @@ TEST_F(KrtFile, MovesDataAtOffsets)
     EXPECT_EQ(GetSize(path), 2u);
 }
 
+TEST_F(KrtFile, ReadsAWholeFileUpToALimit)
+{
+    const std::string path = directory.Write("file", std::string(20000, 'x'));
+    const struct
+    {
+        std::string path;
+        std::size_t limit;
+        std::size_t size;
+        int error;
+    } rows[] = {
+        {path, 20000, 20000, 0},          {path, 19999, 0, EFBIG},
+        {"/dev/zero", 1 << 20, 0, EFBIG}, {"/proc/self/status", 1, 0, EFBIG},
+        {"/dev/null", 0, 0, 0},           {directory.Path(), 1, 0, EISDIR},
+    };
+    for (const auto& row : rows) {
+        const auto read = ReadWholeFile(Open(row.path.c_str(), OpenForReading), row.limit);
+        EXPECT_EQ(read.error, row.error) << row.path;
+        EXPECT_TRUE(!read || read.value == std::string(row.size, 'x')) << row.path;
+    }
+}
+
 TEST_F(KrtFile, CreatePathMakesWhatIsMissing)
 {
     directory.Write("file", "x");

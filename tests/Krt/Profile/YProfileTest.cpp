@@ -59,6 +59,11 @@ TEST_F(YProfileTest, DamagedOrUnreadableNamesTheFile)
     EXPECT_RAISES_OS(Profile::OpenSystem(), MessageType::General, EISDIR, "OpenSystem",
                      "Failed to read configuration " + m_path);
     rmdir(m_path.c_str());
+    m_directory.Write("kbagent.conf", "");
+    ASSERT_EQ(truncate(m_path.c_str(), (16 << 20) + 1), 0);
+    EXPECT_RAISES(Profile::OpenSystem(), ErrorCode::InvalidArgument, "OpenSystem",
+                  "The configuration " + m_path + " is larger than 16 MiB");
+    unlink(m_path.c_str());
     mkfifo(m_path.c_str(), 0600);
     EXPECT_RAISES_ON(Profile::OpenSystem(), MessageType::General, ErrorCode::InvalidArgument, "OpenSystem",
                      "The configuration " + m_path + " is a pipe");

@@ -2,6 +2,7 @@
 
 #include "Krt/Environment/Process.h"
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/OpenFile.h"
 #include "Krt/Profile/Unix/FileStamp.h"
 #include "Krt/Profile/Unix/Platform.h"
 #include "Krt/Util/OpenHandle.h"
@@ -11,7 +12,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <mutex>
@@ -51,16 +51,14 @@ const char* Path()
 
 std::string ReadAll(const Util::YUnxHandle& file, const std::string& path)
 {
-    std::string text;
-    char buffer[4096];
-    for (;;) {
-        const auto count = Util::CallSystem([&] { return read(file.Get(), buffer, sizeof buffer); });
-        if (!count)
-            RaiseUnreadable(count.error, path);
-        if (count.value == 0)
-            return text;
-        text.append(buffer, static_cast<std::size_t>(count.value));
-    }
+    constexpr std::size_t MostMebibytes = 16;
+    auto text = File::ReadWholeFile(file, MostMebibytes << 20);
+    if (text.error == EFBIG)
+        KRT_RAISE_AS("OpenSystem", MessageType::General, ErrorCode::InvalidArgument,
+                     "The configuration " << path.c_str() << " is larger than " << MostMebibytes << " MiB");
+    if (!text)
+        RaiseUnreadable(text.error, path);
+    return std::move(text.value);
 }
 
 YProfile::Sections Parse(const std::string& text, const std::string& path)
