@@ -189,9 +189,4 @@ void YSelectionManager::Clear()
     m_root->Clear();
 }
 
-void YSelectionManager::RaiseError(const char* function, unsigned int code, const YString& text)
-{
-    KRT_RAISE_AS(function, MessageType::General, code, text);
-}
-
 } // namespace Backup::File

@@ -146,9 +146,6 @@ public:
 private:
     friend BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManager& manager);
 
-    // The errors of all sources of this class report one source path, so they are raised in one file.
-    [[noreturn, gnu::cold]] static void RaiseError(const char* function, unsigned int code,
-                                                   const YString& text);
     // Visits the rules at each directory above the path, top first. An ancestor without a node counts as the
     // nearest one above it with a node, which is visited again.
     void VisitRulesAbove(const Krt::File::YPath& path, const RuleVisitor& visitor) const;

@@ -1,6 +1,10 @@
 // The selection tree's way into a document and back, and from one tree into another.
+// Errors of all sources of YSelectionManager report one path.
+#define KRT_SOURCE_FILE "Backup/File/YSelectionManager.cpp"
+
 #include "Backup/File/YSelectionManager.h"
 
+#include "Krt/Exception/Raise.h"
 #include "Krt/JSON/YValue.h"
 
 namespace Backup::File {
@@ -74,11 +78,9 @@ void YSelectionManager::CopyDescriptorsFromPathInternal(const YSelectionManager&
     const auto lock = m_lock.WriteLock(YDuration::Zero());
     const auto sourceLock = source.m_lock.ReadLock(YDuration::Zero());
     if (&source == this)
-        RaiseError(__func__, ErrorCode::InvalidState,
-                   "Source and destination selection manager may not be the same.");
+        KRT_RAISE(ErrorCode::InvalidState, "Source and destination selection manager may not be the same.");
     if (destinationPath.IsChildOf(sourcePath, false))
-        RaiseError(__func__, ErrorCode::InvalidArgument,
-                   "Cannot recursively copy descriptors from parent to child");
+        KRT_RAISE(ErrorCode::InvalidArgument, "Cannot recursively copy descriptors from parent to child");
     const YPath sourceParent = sourcePath.GetParent();
     source.VisitRulesAbove(sourcePath, [&](const YPath& place, const YSelectionDescriptor& rule) {
         if (copyExcludes || !rule.IsExclude())

@@ -1,6 +1,10 @@
 // The answers of the selection tree about paths.
+// Errors of all sources of YSelectionManager report one path.
+#define KRT_SOURCE_FILE "Backup/File/YSelectionManager.cpp"
+
 #include "Backup/File/YSelectionManager.h"
 
+#include "Krt/Exception/Raise.h"
 #include "Krt/Log/LogSite.h"
 
 #include <boost/container/small_vector.hpp>
@@ -132,12 +136,11 @@ bool YSelectionManager::IsAnyExplicitSelectionBelowComponent(const Components& c
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
     if (components.empty())
-        RaiseError(__func__, ErrorCode::InvalidArgument,
-                   "IsAnyExplicitSelectionBelowComponent cannot be applied to an empty path");
+        KRT_RAISE(ErrorCode::InvalidArgument,
+                  "IsAnyExplicitSelectionBelowComponent cannot be applied to an empty path");
     if (atOrBelowIndex >= components.size()) {
-        Krt::YStream text{YString()};
-        text << "atOrBelowIndex out of range atOrBelowIndex: " << atOrBelowIndex << " path: " << components;
-        RaiseError(__func__, ErrorCode::InvalidArgument, text);
+        KRT_RAISE(ErrorCode::InvalidArgument, "atOrBelowIndex out of range atOrBelowIndex: "
+                                                  << atOrBelowIndex << " path: " << components);
     }
     return IsAnyExplicitSelectionBelow(Way(*m_root, components), atOrBelowIndex);
 }
@@ -145,8 +148,8 @@ bool YSelectionManager::IsAnyExplicitSelectionBelowComponent(const Components& c
 bool YSelectionManager::MatchesInclude(const Way& way) const
 {
     if (way.components.empty())
-        RaiseError("PathMatchesInclude", ErrorCode::InvalidArgument,
-                   "PathMatchesInclude cannot be applied to an empty path");
+        KRT_RAISE_AS("PathMatchesInclude", MessageType::General, ErrorCode::InvalidArgument,
+                     "PathMatchesInclude cannot be applied to an empty path");
     const std::size_t last = way.components.size() - 1;
     const YString& leaf = way.components[last];
     if (m_root->MatchesInclude(leaf, last == 0)) {
@@ -223,8 +226,8 @@ bool YSelectionManager::AllChildrenAreExcludedNotReportably(const Way& way) cons
 bool YSelectionManager::AnyIncludesApplyBelow(const Way& way) const
 {
     if (way.components.empty())
-        RaiseError("AnyIncludesApplyBelowPath", ErrorCode::InvalidArgument,
-                   "AnyIncludesApplyBelowPath cannot be applied to an empty path");
+        KRT_RAISE_AS("AnyIncludesApplyBelowPath", MessageType::General, ErrorCode::InvalidArgument,
+                     "AnyIncludesApplyBelowPath cannot be applied to an empty path");
     if (m_root->HasAnyRecursiveIncludes()) {
         KRT_LOG(MessageType::SelectionQuery, "Includes apply below path because "
                                                  << m_root->GetPath() << " (root) has recursive includes");

@@ -1,8 +1,12 @@
 // The walks through the selection tree and what is gathered by them.
+// Errors of all sources of YSelectionManager report one path.
+#define KRT_SOURCE_FILE "Backup/File/YSelectionManager.cpp"
+
 #include "Backup/File/YSelectionManager.h"
 #include "Backup/File/YSelectionNodeWalk.h"
 
 #include "Krt/Container/YSet.h"
+#include "Krt/Exception/Raise.h"
 #include "Krt/KrtFoundation/boostapi.h"
 #include "Krt/Log/YStream.h"
 
@@ -143,8 +147,8 @@ std::set<YPath> YSelectionManager::GetIncludeTops(const YPath& start) const
     std::set<YPath> tops;
     VisitPaths(SelectionType::Include, start, [&](const YPath& path) {
         if (path.IsEmpty())
-            RaiseError("operator()", ErrorCode::InvalidArgument,
-                       "Path should never be empty on unix.  Even for the root node is should be /");
+            KRT_RAISE_AS("operator()", MessageType::General, ErrorCode::InvalidArgument,
+                         "Path should never be empty on unix.  Even for the root node is should be /");
         // There are no answers about the root. Elsewhere a top that is excluded, or cut off, is none.
         if (path == "/" || IsPathSelectedOrSelectionParent(path))
             tops.insert(path);

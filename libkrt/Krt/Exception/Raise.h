@@ -14,9 +14,15 @@
 #include <typeinfo>
 #include <utility>
 
+/// The source path that errors report, with its ending. A source that is a part of another one defines it as
+/// that one's path, before its includes.
+#ifndef KRT_SOURCE_FILE
+#define KRT_SOURCE_FILE __FILE__
+#endif
+
 namespace Krt::Exception {
 
-/// Throws the error for a site. `file` is __FILE__; its ending is dropped.
+/// Throws the error for a site. `file` is KRT_SOURCE_FILE; its ending is dropped.
 [[noreturn, gnu::cold]] KRT_API void Raise(ExceptionType type, unsigned int messageType, unsigned int code,
                                            unsigned int line, const char* file, const char* function,
                                            const YStream& message);
@@ -54,7 +60,7 @@ T ValueOf(Util::OsResult<T> result, const Fail& fail)
     do {                                                                                                     \
         ::Krt::YStream krtMessage{::Krt::YString()};                                                         \
         static_cast<void>(krtMessage __VA_OPT__(<< __VA_ARGS__));                                            \
-        ::Krt::Exception::Raise(type, channel, code, __LINE__, __FILE__, function, krtMessage);              \
+        ::Krt::Exception::Raise(type, channel, code, __LINE__, KRT_SOURCE_FILE, function, krtMessage);       \
     } while (false)
 
 /// A failure with an ErrorCode and a streamed text; see above for the endings.
@@ -100,7 +106,7 @@ T ValueOf(Util::OsResult<T> result, const Fail& fail)
 #define KRT_REQUIRE(condition, detail)                                                                       \
     do {                                                                                                     \
         if (!(condition)) [[unlikely]]                                                                       \
-            ::Krt::Exception::FailRequiredCheck(#condition, detail, __LINE__, __FILE__, __func__);           \
+            ::Krt::Exception::FailRequiredCheck(#condition, detail, __LINE__, KRT_SOURCE_FILE, __func__);    \
     } while (false)
 
 /// For a member function: the log line bears the object's prefix. `...` is the detail, streamed.
@@ -110,6 +116,6 @@ T ValueOf(Util::OsResult<T> result, const Fail& fail)
             ::Krt::YStream krtDetail{::Krt::YString()};                                                      \
             static_cast<void>(krtDetail __VA_OPT__(<< __VA_ARGS__));                                         \
             ::Krt::Exception::FailAssertion(typeid(*this), "(" #condition ")", krtDetail, __LINE__,          \
-                                            __FILE__, __func__);                                             \
+                                            KRT_SOURCE_FILE, __func__);                                      \
         }                                                                                                    \
     } while (false)
