@@ -21,7 +21,6 @@ namespace Backup::File {
 using Krt::ErrorCode;
 using Krt::MessageType;
 using Krt::Exception::YError;
-using Krt::Exception::YErrorBase;
 
 namespace {
 
@@ -197,14 +196,9 @@ void CreateSymbolicLink(const YPath& link, const YPath& target)
 
 void CreateDirectory(const YPath& path, unsigned int mode)
 {
-    try {
-        if (const auto error =
-                Perform([&] { return mkdir(Native(path), static_cast<mode_t>(mode & LowWord)); }))
-            KRT_RAISE_OS(*error, "Failed to create directory: " << path);
-    } catch (const YError& error) {
-        if (error.GetOsError() != EEXIST)
-            throw YError(static_cast<const YErrorBase&>(error));
-    }
+    const auto error = Perform([&] { return mkdir(Native(path), static_cast<mode_t>(mode & LowWord)); });
+    if (error && *error != EEXIST)
+        KRT_RAISE_OS(*error, "Failed to create directory: " << path);
 }
 
 void CreateDirectory(const YPath& path)
