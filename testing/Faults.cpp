@@ -81,6 +81,14 @@ bool IsHarmless(const FaultKind& kind, Names notRepeated)
            std::find(notRepeated.begin(), notRepeated.end(), StruckCall()) == notRepeated.end();
 }
 
+// By contract: a mount table that can't be read has no entries, and the policy quotes what it met in a text
+// of its own.
+bool ReportsItsOwn(const Krt::Exception::YError& error)
+{
+    return error.GetFunction() == "GetVolumeUniquePath" ||
+           error.GetFunction() == "IsFollowableDirectoryFromKrtAttributes";
+}
+
 void CheckForLeaks([[maybe_unused]] const FaultKind& kind, [[maybe_unused]] unsigned long target)
 {
 #ifdef FAULTS_WITH_LEAK_SANITIZER
@@ -178,10 +186,24 @@ bool Faults::Try(const std::function<bool()>& work)
     } arming;
     try {
         m_endedWell = work();
+    } catch (const Krt::Exception::YError& error) {
+        m_endedWell = false;
+        g_faultRun.isArmed = false;
+        const int struck = StruckError();
+        EXPECT_TRUE(struck == 0 || error.GetOsError() == struck || ReportsItsOwn(error))
+            << "raised: " << error;
     } catch (const std::exception&) {
         m_endedWell = false;
     }
     return m_endedWell;
+}
+
+int Faults::StruckError() const
+{
+    const FaultKind* const kind = g_faultRun.kind;
+    const bool isKnown = kind != nullptr && kind->domain == FaultDomain::SystemCalls && !kind->starves &&
+                         *StruckCall() != '\0';
+    return isKnown ? kind->error : 0;
 }
 
 bool Faults::CouldCleanUp() const

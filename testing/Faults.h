@@ -29,6 +29,9 @@ public:
             return true;
         });
     }
+    /// The number of the error that the fault gave a system call; 0 if it struck none, or took the memory for
+    /// a report of it. A YError that ends the work must carry it.
+    int StruckError() const;
     /// Whether the work could clean up behind itself: no system call failed that removes something, or for
     /// good.
     bool CouldCleanUp() const;

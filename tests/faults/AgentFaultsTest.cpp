@@ -7,6 +7,7 @@
 #include "testing/Faults.h"
 #include "testing/NoConfiguration.h"
 #include "testing/ProcessRecorder.h"
+#include "testing/SelectionText.h"
 #include "testing/StoreFiles.h"
 #include "testing/SystemdRoot.h"
 #include "testing/TemporaryDirectory.h"
@@ -16,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
@@ -55,8 +57,11 @@ protected:
             exitCode = Agent::Run(static_cast<int>(arguments.size()), vector.data());
             return exitCode == 0;
         });
-        testing::internal::GetCapturedStderr();
+        const std::string errors = testing::internal::GetCapturedStderr();
         testing::internal::GetCapturedStdout();
+        if (const int error = faults.StruckError(); error != 0 && exitCode != 0) {
+            EXPECT_NE(errors.find(std::strerror(error)), std::string::npos) << errors;
+        }
         EXPECT_NE(exitCode, -1) << "the program ended by an exception";
         return exitCode;
     }
@@ -80,14 +85,16 @@ protected:
         }
         return ids.size();
     }
-    // A backup of so many entries beside earlier snapshots.
-    void CheckBackup(Faults& faults, const std::string& root, std::size_t entries, std::size_t before) const
+    // A backup of `entries` entries into a store of `before` snapshots.
+    void CheckBackup(Faults& faults, std::vector<std::string> what, std::size_t entries,
+                     std::size_t before) const
     {
-        const int exitCode = Run(faults, {"backup", "--store", store, root});
+        what.insert(what.begin(), {"backup", "--store", store});
+        const int exitCode = Run(faults, what);
         const std::size_t snapshots = CheckStore();
         EXPECT_GE(snapshots, before + (exitCode == 0 || exitCode == 3));
         if (exitCode == 0) {
-            EXPECT_EQ(StoredPaths(store, root).size(), entries);
+            EXPECT_EQ(StoredPaths(store, source).size(), entries);
         }
         if (!faults.CouldCleanUp() || !fs::exists(store + "/tmp"))
             return;
@@ -104,23 +111,25 @@ protected:
 
 TEST_F(AgentFaults, BackupIntoANewStore)
 {
+    const std::string rules = "include " + directory.Path() + " exact=source explicit; include " + source;
+    const std::string job = directory.Write("job", JobText(rules + " recursive any"));
     CheckWithFaults([&](Faults& faults) {
         fs::remove_all(store);
-        CheckBackup(faults, source, 8, 0);
+        CheckBackup(faults, {"--job", job}, 8, 0);
     });
 }
 
 TEST_F(AgentFaults, BackupIntoAStore)
 {
     Faults none;
-    CheckBackup(none, source + "/d", 3, 0);
+    CheckBackup(none, {source + "/d"}, 3, 0);
     const std::string before = directory / "before";
     fs::rename(store, before);
     CheckWithFaults([&](Faults& faults) {
         fs::remove_all(store);
         fs::copy(before, store, fs::copy_options::recursive);
         directory.Write("store/tmp/" + Abandoned, "left by a run that crashed");
-        CheckBackup(faults, source, 8, 1);
+        CheckBackup(faults, {source}, 8, 1);
     });
 }
 
@@ -133,7 +142,7 @@ TEST_F(AgentFaults, Restore)
         setxattr((source + name).c_str(), "user.test", "value", 5, 0);
     lsetxattr((source + "/link").c_str(), "trusted.test", "value", 5, 0);
     Faults none;
-    CheckBackup(none, source, hasDevice ? 10 : 9, 0);
+    CheckBackup(none, {source}, hasDevice ? 10 : 9, 0);
     const std::string target = directory / "target", restored = target + source;
     const std::string right = DescribeTree(source);
     CheckWithFaults([&](Faults& faults) {
