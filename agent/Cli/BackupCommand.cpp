@@ -12,20 +12,23 @@
 #include <CLI/CLI.hpp>
 
 #include <ctime>
+#include <sstream>
 
 namespace Agent {
 
 namespace {
 
-void PrintSummary(Output& out, const std::string& id, const BackupCounts& counts, unsigned long long failed,
-                  unsigned long long storedBytes)
+std::string SummaryOf(const std::string& id, const BackupCounts& counts, unsigned long long failed,
+                      unsigned long long storedBytes)
 {
-    out << "snapshot " << id << "\n"
-        << counts.Entries() << " entries: " << counts.ByKind() << "\n"
-        << ShortSize(counts.bytes) << " read, " << ShortSize(storedBytes) << " added to the store\n"
-        << counts.excluded << " excluded, " << failed << " failed\n";
+    std::ostringstream text;
+    text << "snapshot " << id << "\n"
+         << counts.Entries() << " entries: " << counts.ByKind() << "\n"
+         << ShortSize(counts.bytes) << " read, " << ShortSize(storedBytes) << " added to the store\n"
+         << counts.excluded << " excluded, " << failed << " failed\n";
     for (const Krt::File::YPath& mount : counts.mountsNotEntered)
-        out << "mount point not entered: " << Printable(mount) << "\n";
+        text << "mount point not entered: " << Printable(mount) << "\n";
+    return text.str();
 }
 
 class BackupCommand : public ICommand
@@ -82,9 +85,8 @@ void BackupCommand::Run(Report& report)
     if (run.GetCounts().Entries() == 0 && report.GetFailed() == 0)
         report.Note("Warning: nothing was selected, so the snapshot has no entries");
     const std::string id = snapshot.Finish(run.GetCounts().bytes, report.GetFailed());
-    report.Summary("The snapshot " + id + " was made", [&](Output& out) {
-        PrintSummary(out, id, run.GetCounts(), report.GetFailed(), session.GetStoredBytes());
-    });
+    report.Summary("The snapshot " + id + " was made",
+                   SummaryOf(id, run.GetCounts(), report.GetFailed(), session.GetStoredBytes()));
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 
 #include <ctime>
 #include <filesystem>
+#include <sstream>
 
 namespace Agent {
 
@@ -69,13 +70,13 @@ void ImportCommand::Run(Report& report)
 
     const EntryCounts& counts = run.GetCounts();
     const std::string id = snapshot.Finish(counts.bytes, report.GetFailed());
-    report.Summary("The snapshot " + id + " was made", [&](Output& out) {
-        out << "snapshot " << id << "\n"
+    std::ostringstream summary;
+    summary << "snapshot " << id << "\n"
             << counts.Entries() << " entries: " << counts.ByKind() << "\n"
             << ShortSize(counts.bytes) << " read, " << ShortSize(session.GetStoredBytes())
             << " added to the store\n"
             << report.GetFailed() << " failed\n";
-    });
+    report.Summary("The snapshot " + id + " was made", summary.str());
 }
 
 SnapshotHeader ImportCommand::MakeHeader() const

@@ -10,7 +10,9 @@
 
 #include "Backup/Core/YGlobal.h"
 
+#include "Krt/Log/LogSite.h"
 #include "Krt/Profile/YProfile.h"
+#include "Krt/Util/Quotify.h"
 #include "Krt/Util/YScope.h"
 
 #include <CLI/CLI.hpp>
@@ -108,11 +110,21 @@ bool Parse(CLI::App& program, int argc, char** argv, Report& report)
     return true;
 }
 
-void Execute(ICommand& command, const LogOptions& log, Report& report)
+// The arguments as a shell reads them. No option takes a secret.
+std::string CommandLine(int argc, char** argv)
 {
-    RequireOwnFile("The configuration", Krt::Profile::GetSystemPath().Bytes());
-    log.Open();
-    command.Run(report);
+    constexpr std::string_view plain =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=./:,@%";
+    std::string line = "kbagent";
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument.find_first_not_of(plain) == std::string::npos) {
+            line += " " + argument;
+            continue;
+        }
+        line += " " + Krt::Util::QuotifyEx(Krt::YString(argument), '\'').Bytes();
+    }
+    return line;
 }
 
 int RunCommand(int argc, char** argv, Report& report)
@@ -123,8 +135,13 @@ int RunCommand(int argc, char** argv, Report& report)
     log.Register(program);
     const std::vector<Registered> all = Register(program);
     try {
-        if (!Parse(program, argc, argv, report))
-            Execute(CommandOf(all), log, report);
+        if (!Parse(program, argc, argv, report)) {
+            ICommand& command = CommandOf(all);
+            RequireOwnFile("The configuration", Krt::Profile::GetSystemPath().Bytes());
+            log.Open();
+            KRT_LOG_FREE(Krt::MessageType::General, "Begin: " << CommandLine(argc, argv).c_str());
+            command.Run(report);
+        }
     } catch (const UsageError& error) {
         report.Error(Krt::YString(error.what()));
         report.Note(Krt::YString("Run '" + NameOf(program) + " --help' for more information."));
@@ -165,7 +182,9 @@ int Run(int argc, char** argv)
     CatchInterrupts();
     Report report;
     try {
-        return RunAndTell(argc, argv, report);
+        const int exitCode = RunAndTell(argc, argv, report);
+        KRT_LOG_FREE(Krt::MessageType::General, "End: exit code " << exitCode);
+        return exitCode;
     } catch (const std::bad_alloc&) {
         // Not even for the text of a message.
         std::fputs("kbagent: error: There is no memory\n", stderr);

@@ -11,6 +11,7 @@
 #include <CLI/CLI.hpp>
 
 #include <filesystem>
+#include <sstream>
 
 namespace Agent {
 
@@ -77,10 +78,10 @@ void RestoreCommand::Run(Report& report)
     run.Finish();
 
     const EntryCounts& counts = run.GetCounts();
-    report.Summary("The restore is done", [&](Output& out) {
-        out << counts.Entries() << " entries restored: " << counts.ByKind() << "\n"
+    std::ostringstream summary;
+    summary << counts.Entries() << " entries restored: " << counts.ByKind() << "\n"
             << ShortSize(counts.bytes) << " written, " << report.GetFailed() << " failed\n";
-    });
+    report.Summary("The restore is done", summary.str());
 }
 
 } // namespace

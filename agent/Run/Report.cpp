@@ -3,11 +3,14 @@
 #include "agent/Run/StandardStreams.h"
 #include "agent/Run/Text.h"
 
+#include "Krt/Log/LogSite.h"
+
 #include <cstdio>
-#include <string>
+#include <sstream>
 
 namespace Agent {
 
+using Krt::YString;
 using std::chrono::steady_clock;
 
 Report::Report() : m_showsProgress(IsErrorTerminal()), m_start(steady_clock::now()), m_shown(m_start) {}
@@ -17,19 +20,22 @@ Report::~Report()
     EraseProgress();
 }
 
-void Report::EntryFailed(const Krt::YString& path, const Krt::YString& reason)
+void Report::EntryFailed(const YString& path, const YString& reason)
 {
     ++m_failed;
+    KRT_LOG_FREE(Krt::MessageType::General, "Failed: " << path << ": " << reason);
     Line(Printable(path) + ": " + Printable(reason));
 }
 
-void Report::Note(const Krt::YString& text)
+void Report::Note(const YString& text)
 {
+    KRT_LOG_FREE(Krt::MessageType::General, text);
     Line(Printable(text));
 }
 
-void Report::Error(const Krt::YString& text)
+void Report::Error(const YString& text)
 {
+    KRT_LOG_FREE(Krt::MessageType::General, "Error: " << text);
     Line("error: " + Printable(text));
 }
 
@@ -48,10 +54,21 @@ void Report::ShowProgress(unsigned long long entries, unsigned long long bytes)
     m_lineStands = true;
 }
 
-void Report::SummaryFailed(const std::string& done, const OutputError& error)
+void Report::Summary(const std::string& done, const std::string& text)
 {
-    m_isSummaryLost = true;
-    Line(Printable(done) + ", but its summary is lost: " + Printable(std::string_view(error.what())));
+    for (std::istringstream lines(text); !lines.eof();) {
+        std::string line;
+        std::getline(lines, line);
+        if (!line.empty())
+            KRT_LOG_FREE(Krt::MessageType::General, line.c_str());
+    }
+    try {
+        Out() << text;
+        m_output.Flush();
+    } catch (const OutputError& error) {
+        m_isSummaryLost = true;
+        Note(YString(done + ", but its summary is lost: " + error.what()));
+    }
 }
 
 void Report::EraseLine()

@@ -1,6 +1,8 @@
-// Report: what a running command tells the user. Failures and notes go to standard error, line by line;
-// progress goes there too, on a terminal alone; what the command was asked for goes to standard output. All
-// text is made printable, so the name of a file can't forge a line or steer the terminal. One thread at a
+// Report: what a running command reports to the user.
+// - failures and notes go to standard error, a line each; progress too, on a terminal alone
+// - what the command was asked for goes to standard output
+// - failures, notes and the summary also go to the log, on the channel General
+// All text is made printable, so the name of a file can't forge a line or steer the terminal. One thread at a
 // time.
 #pragma once
 
@@ -44,24 +46,14 @@ public:
         EraseProgress();
         return m_output;
     }
-    /// Prints the outcome of work that is done, by `print(Output&)`. If it can't be written, the work is
-    /// still done: `done`, which names it, is reported with the reason, and the run counts as incomplete.
-    template <class Print>
-    void Summary(const std::string& done, Print print)
-    {
-        try {
-            print(Out());
-            m_output.Flush();
-        } catch (const OutputError& error) {
-            SummaryFailed(done, error);
-        }
-    }
+    /// Prints the outcome of work that is done, as lines of printable text. If it can't be written, the work
+    /// is still done: `done`, which names it, is reported with the reason, and the run counts as incomplete.
+    void Summary(const std::string& done, const std::string& text);
     /// Whether an entry failed or the summary was lost.
     bool IsIncomplete() const { return m_failed != 0 || m_isSummaryLost; }
 
 private:
     void ShowProgress(unsigned long long entries, unsigned long long bytes);
-    void SummaryFailed(const std::string& done, const OutputError& error);
     void EraseProgress()
     {
         if (m_lineStands)

@@ -125,17 +125,39 @@ TEST_F(Cli, PathsThatLookLikeListsArePaths)
     }
 }
 
-TEST_F(Cli, LogIsOpenedBeforeTheCommandRuns)
+TEST_F(Cli, LogTellsTheRunFromBeginToEnd)
 {
     setenv("KBAGENT_CONFIG", (directory / "none.conf").c_str(), 1);
-    const auto result = RunProgram({"--log", directory / "${serviceName}.log", "--debug", "General,FileIo",
-                                    "backup", "--store", store, directory / "tree"});
+    const auto logged = [&](std::vector<std::string> arguments) {
+        const std::string file = directory / "kbagent.log";
+        std::filesystem::remove(file);
+        arguments.insert(arguments.begin(), {"--log", directory / "${serviceName}.log"});
+        RunProgram(arguments);
+        return Testing::ReadFile(file);
+    };
+    const std::string missing = directory / "it's\nnot there", tree = directory / "tree";
+    const std::string whole =
+        logged({"--debug", "General,FileIo", "backup", "--store", store, tree, missing});
+    const std::string broken = logged({"list", "--store", missing});
     unsetenv("KBAGENT_CONFIG");
-    EXPECT_EQ(result.exitCode, 0) << result.errors;
-    const std::string log = Testing::ReadFile(directory / "kbagent.log");
-    const std::size_t banner = log.find(" General: Startup log flags: General,FileIo\n");
-    ASSERT_NE(banner, std::string::npos) << log;
-    EXPECT_NE(log.find(" YFile: ", banner), std::string::npos) << log;
+
+    // In this order.
+    std::size_t at = 0;
+    const std::string parts[] = {" General: Startup log flags: General,FileIo\n",
+                                 " General: Begin: kbagent --log '" + directory.Path(),
+                                 "it'\\\\''s\\nnot there'\n",
+                                 " General: Failed: " + missing.substr(0, missing.find('\n')) +
+                                     "\\nnot there",
+                                 " YFile: ",
+                                 " General: snapshot 2",
+                                 " General: 0 excluded, 1 failed\n",
+                                 " General: End: exit code 3\n"};
+    for (const std::string& part : parts) {
+        at = whole.find(part, at);
+        ASSERT_NE(at, std::string::npos) << part << "\n" << whole;
+    }
+    EXPECT_TRUE(Testing::Holds(broken, " General: Error: There is no store at "));
+    EXPECT_TRUE(Testing::Holds(broken, " General: End: exit code 1\n"));
 }
 
 TEST_F(Cli, ConfigurationThatCannotBeUsedIsToldBeforeABackupBegins)
