@@ -4,6 +4,7 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/File.h"
+#include "Krt/File/FileType.h"
 #include "Krt/Log/LogSite.h"
 #include "Krt/Profile/YProfile.h"
 #include "Krt/Thread/YMutex.h"
@@ -24,8 +25,6 @@ using Krt::Exception::YError;
 
 namespace {
 
-constexpr unsigned int TypeMask = 0xF000;
-constexpr unsigned int LinkType = 0xA000;
 constexpr unsigned int LowWord = 0xFFFF;
 constexpr unsigned int DefaultDirectoryMode = 0x1A4;
 constexpr unsigned int CreatedFileMode = 0x1C0;
@@ -142,7 +141,7 @@ unsigned int GetModeFlags(const YPath& path)
 bool IsSpecialFile(const YPath& path)
 {
     try {
-        switch (GetModeFlags(path) & TypeMask) {
+        switch (GetModeFlags(path) & Krt::File::FileTypeMask) {
         case S_IFIFO:
         case S_IFCHR:
         case S_IFBLK:
@@ -215,7 +214,7 @@ void SetFileTime(const YPath& path, unsigned long long access, unsigned long lon
 
 void SetModeFlags(const YPath& path, unsigned int flags)
 {
-    if ((flags & TypeMask) == LinkType)
+    if ((flags & Krt::File::FileTypeMask) == Krt::File::FileTypeSymbolicLink)
         return;
     if (const auto error = Perform([&] { return chmod(Native(path), static_cast<mode_t>(flags & LowWord)); }))
         KRT_RAISE_OS(*error, "Failed to set mode flags on file: " << path);

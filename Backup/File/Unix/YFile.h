@@ -7,6 +7,7 @@
 #include "Backup/File/Unix/IFileIo.h"
 
 #include "Krt/File/File.h"
+#include "Krt/File/FileType.h"
 #include "Krt/Log/YStream.h"
 
 struct stat;
@@ -105,9 +106,9 @@ public:
     /// A buffer of 1 MiB for the caller's use, owned by this object; brought to that size by each call.
     unsigned char* GetDataPtr() const;
     /// What the mode word says.
-    bool IsRegularFile() const { return (m_modeFlags & 0xF000) == 0x8000; }
-    bool IsDirectory() const { return (m_modeFlags & 0xF000) == 0x4000; }
-    bool IsSymbolicLink() const { return (m_modeFlags & 0xF000) == 0xA000; }
+    bool IsRegularFile() const { return IsOfType(Krt::File::FileTypeRegular); }
+    bool IsDirectory() const { return IsOfType(Krt::File::FileTypeDirectory); }
+    bool IsSymbolicLink() const { return IsOfType(Krt::File::FileTypeSymbolicLink); }
     /// The data type under which this object's stream is tagged.
     unsigned int VamDataType() const { return 5; }
 
@@ -126,6 +127,7 @@ public:
     void AddExtendedAttribute(Krt::YString name, unsigned char* data, int size);
 
 private:
+    bool IsOfType(unsigned int type) const { return (m_modeFlags & Krt::File::FileTypeMask) == type; }
     void Start(OPEN_MODE mode, const Krt::File::YPath& path, OPTIONS options);
     void TakeStatus(const struct stat& status);
 

@@ -1,6 +1,7 @@
 #include "Krt/File/File.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/FileType.h"
 #include "Krt/File/Unix/Descriptor.h"
 #include "Krt/Util/OpenHandle.h"
 
@@ -13,6 +14,9 @@
 namespace Krt::File {
 
 namespace {
+
+static_assert(FileTypeMask == S_IFMT && FileTypeDirectory == S_IFDIR && FileTypeRegular == S_IFREG &&
+              FileTypeSymbolicLink == S_IFLNK);
 
 const char* Native(const YPath& path)
 {
