@@ -9,6 +9,7 @@
 #include <tuple>
 
 using Krt::File::YPath;
+using Krt::JSON::ReadMembers;
 using Krt::JSON::ValueMembers;
 using Krt::JSON::YArray;
 using Krt::JSON::YObject;
@@ -33,22 +34,13 @@ YString JsonText(const YJobPath& path)
     return YValue::FromObject(path.ToJSON()).Stringify(true);
 }
 
-template <class Members>
-void DescribeComponent(Members& members, const YJobPath::Component& component)
+template <class Members, class Component>
+void DescribeComponent(Members& members, Component& component)
 {
     members.Number("class_id", component.m_classId);
     members.Number("subclass_id", component.m_subclassId);
     members.Text("name", component.m_name);
-    if (!component.m_displayName.IsEmpty())
-        members.Text("display_name", component.m_displayName);
-}
-
-YObject ComponentAsJson(const YJobPath::Component& component)
-{
-    YObject json;
-    ValueMembers members(json);
-    DescribeComponent(members, component);
-    return json;
+    members.OptionalText("display_name", component.m_displayName);
 }
 
 } // namespace
@@ -155,18 +147,19 @@ YObject YJobPath::ToJSON() const
     YObject json;
     json.Reserve(1);
     ValueMembers members(json);
-    Describe(members);
+    Describe(members, *this);
     return json;
 }
 
 template <class Members>
-void YJobPath::Describe(Members& members) const
+void YJobPath::Describe(Members& members, const YJobPath& path)
 {
-    members.Objects("components", m_components, &DescribeComponent<Members>);
+    members.Objects("components", path.m_components, &DescribeComponent<Members, const Component>);
 }
 
-template BACKUP_API void YJobPath::Describe(ValueMembers& members) const;
-template BACKUP_API void YJobPath::Describe(Krt::JSON::TextMembers& members) const;
+template BACKUP_API void YJobPath::Describe(ValueMembers& members, const YJobPath& path);
+template BACKUP_API void YJobPath::Describe(Krt::JSON::TextMembers& members, const YJobPath& path);
+template BACKUP_API void YJobPath::Describe(Krt::JSON::KeyMembers& members, const YJobPath& path);
 
 unsigned long YJobPath::Find(unsigned long start, unsigned long classId) const
 {
@@ -247,27 +240,13 @@ namespace Krt::JSON {
 
 using Backup::YJobPath;
 
-namespace {
-
-// Hands the fields of a component to `take`.
-template <class Take>
-auto ReadComponent(const YObject& json, Take take)
-{
-    static const YString none;
-    const unsigned int classId = json.Get<unsigned int>("class_id", MessageType::Runtime);
-    const unsigned int subclassId = json.Get<unsigned int>("subclass_id", MessageType::Runtime);
-    const YString& name = json.Get<YString>("name", MessageType::Runtime);
-    const boost::shared_ptr<YValue>& displayName = json.FindOpt("display_name");
-    return take(name, displayName ? displayName->AsString() : none, classId,
-                NumericCast<unsigned short>(subclassId));
-}
-
-} // namespace
-
 template <>
 YJobPath::Component YValue::Convert<YJobPath::Component>() const
 {
-    return ReadComponent(AsObject(), [](const auto&... fields) { return YJobPath::Component(fields...); });
+    YJobPath::Component component;
+    ReadMembers members(AsObject());
+    Backup::DescribeComponent(members, component);
+    return component;
 }
 
 template <>
@@ -277,15 +256,17 @@ YJobPath YValue::Convert<YJobPath>() const
     YJobPath path;
     path.Reserve(components.size());
     for (const boost::shared_ptr<YValue>& component : components)
-        ReadComponent(component->AsObject(),
-                      [&path](const auto&... fields) { path.AppendComponent(fields...); });
+        path.AppendComponent(component->Convert<YJobPath::Component>());
     return path;
 }
 
 template <>
 boost::shared_ptr<YValue> YValue::Create<YJobPath::Component>(YJobPath::Component component)
 {
-    return Create<YObject>(Backup::ComponentAsJson(component));
+    YObject json;
+    ValueMembers members(json);
+    Backup::DescribeComponent(members, std::as_const(component));
+    return Create<YObject>(std::move(json));
 }
 
 template <>

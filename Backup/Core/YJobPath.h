@@ -23,16 +23,18 @@ public:
     class BACKUP_API Component
     {
     public:
+        /// Numbers 0, names empty.
+        Component() = default;
         /// Takes all four as they are.
         Component(const YString& name, const YString& displayName, unsigned int classId,
                   unsigned short subclassId);
         /// Whether it is of one of the two file system classes.
         bool IsFileSystem() const { return (m_classId & ~1u) == ClassFileSystemContainer; }
 
-        unsigned int m_classId;      ///< what kind of thing it is
-        unsigned short m_subclassId; ///< a finer kind within the class
-        YString m_name;              ///< by which it is known
-        YString m_displayName;       ///< text for people; may be empty and plays no part in comparisons
+        unsigned int m_classId = 0;      ///< what kind of thing it is
+        unsigned short m_subclassId = 0; ///< a finer kind within the class
+        YString m_name;                  ///< by which it is known
+        YString m_displayName;           ///< text for people; may be empty and plays no part in comparisons
     };
 
     YJobPath() = default;
@@ -71,9 +73,9 @@ public:
     unsigned long Find(unsigned long start, unsigned long classId) const;
     /// The JSON form, see below.
     Krt::JSON::YObject ToJSON() const;
-    /// Its members, for the classes of Krt/JSON/Members.h.
+    /// Gives the members of the JSON form to a class of Krt/JSON/Members.h.
     template <class Members>
-    void Describe(Members& members) const;
+    static void Describe(Members& members, const YJobPath& path);
     /// Raises InvalidArgument if the index isn't below the count.
     void ValidateRange(unsigned long index) const;
 
@@ -81,12 +83,8 @@ public:
     void RemoveLeaf();
     /// Adds a copy behind the leaf.
     void AppendComponent(const Component& component);
-    /// The same, of a component that is made in its place.
-    void AppendComponent(const YString& name, const YString& displayName, unsigned int classId,
-                         unsigned short subclassId)
-    {
-        m_components.emplace_back(name, displayName, classId, subclassId);
-    }
+    /// Appends a component after the leaf, moving it in.
+    void AppendComponent(Component&& component) { m_components.push_back(std::move(component)); }
     /// Makes room for so many components at once.
     void Reserve(unsigned long count) { m_components.reserve(count); }
     /// Adds a component behind the leaf, or all of the other path.

@@ -3,18 +3,18 @@
 // tells, and a Unix header by its extended attributes.
 #pragma once
 
+#include "Krt/JSON/YObject.h"
+#include "Krt/Memory/YHeap.h"
+
 #include <boost/endian/arithmetic.hpp>
 
 #include <cstddef>
+#include <optional>
 
 namespace Backup::File::LegacyVamHeader {
 
 using boost::endian::little_uint32_t;
 using boost::endian::little_uint64_t;
-
-constexpr unsigned int UnixFileType = 0x46554E58;
-constexpr unsigned int WindowsFileType = 0x41333333;
-constexpr unsigned int AttributeDirectory = 0x10;
 
 struct _tagBASE_HDR
 {
@@ -68,8 +68,21 @@ static_assert(sizeof(_tagUNIX_FILE_HDR) == 82 && offsetof(_tagUNIX_FILE_HDR, nam
 static_assert(sizeof(ExtendedAttributeRecord) == 8);
 static_assert(sizeof(_tagWINDOWS_FILE_HDR) == 140 && offsetof(_tagWINDOWS_FILE_HDR, names) == 0x88);
 
-/// Bytes that make up a file header without the first unit of its names.
-constexpr std::size_t UnixFileHeaderMinimum = 78;
-constexpr std::size_t WindowsFileHeaderMinimum = 136;
+/// What the two file headers differ in before their fields are read.
+struct Kind
+{
+    unsigned int type;   ///< number in the base header
+    std::size_t minimum; ///< bytes of the header without the first unit of its names
+    const char* system;  ///< word in error texts
+    const char* header;  ///< name in error texts
+};
+constexpr Kind UnixFile{0x46554E58, 78, "unix", "UNIX_FILE_HDR"};
+constexpr Kind WindowsFile{0x41333333, 136, "windows", "WINDOWS_FILE_HDR"};
+
+/// Returns the header in a record's "legacy_metadata", decoded from Base64, or nothing if the record has no
+/// such member. Raises what reading and decoding it raise.
+std::optional<Krt::Memory::YHeap<unsigned char>> Extract(const Krt::JSON::YObject& json);
+/// Returns why the bytes can't be a header of the kind, or an empty text if they can.
+Krt::YString FindDamage(const Krt::Memory::YHeap<unsigned char>& bytes, const Kind& kind);
 
 } // namespace Backup::File::LegacyVamHeader

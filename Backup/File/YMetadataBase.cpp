@@ -6,18 +6,22 @@
 #include "Backup/File/YWinFileMetadata.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/JSON/YValue.h"
+#include "Krt/JSON/Members.h"
 
 #include <boost/make_shared.hpp>
 
 namespace Backup::File {
 
+using Krt::JSON::MemberForm;
+using Krt::JSON::MemberKey;
+using Krt::JSON::TextMembers;
 using Krt::JSON::YObject;
 using Krt::JSON::YValue;
 
 namespace {
 
-// Of the JSON form of any class.
+constexpr const char* KindKey = "metadata_type";
+// Keys in the JSON form of any class, at the most.
 constexpr std::size_t MostKeys = 12;
 
 VAM_METADATA_TYPES MetadataTypeAsEnum(const YString& text)
@@ -46,7 +50,7 @@ YString MetadataTypeAsString(VAM_METADATA_TYPES type)
 
 VAM_METADATA_TYPES ReadMetadataType(const YObject& json)
 {
-    return MetadataTypeAsEnum(json.Get<YString>("metadata_type", MessageType::Runtime));
+    return MetadataTypeAsEnum(json.Get<YString>(KindKey, MessageType::Runtime));
 }
 
 } // namespace
@@ -64,7 +68,7 @@ YObject YMetadataBase::ToJSON() const
 {
     YObject json;
     json.Reserve(MostKeys);
-    json.Put("metadata_type", YValue::Create<YString>(GetTypeWord()));
+    json.Put(KindKey, YValue::Create<YString>(MetadataTypeAsString(m_type)));
     return json;
 }
 
@@ -73,9 +77,24 @@ void YMetadataBase::StringifyTo(std::string& out) const
     YValue::Create<YObject>(ToJSON())->StringifyTo(out);
 }
 
-YString YMetadataBase::GetTypeWord() const
+void YMetadataBase::WriteText(std::string& out, const std::function<void(TextMembers&)>& describe) const
 {
-    return MetadataTypeAsString(m_type);
+    const YString word = MetadataTypeAsString(m_type);
+    Krt::JSON::YTextWriter writer(out);
+    TextMembers members(writer);
+    writer.BeginObject();
+    members.Text(KindKey, word);
+    describe(members);
+    writer.EndObject();
+}
+
+std::vector<MemberKey> YMetadataBase::ListKeys()
+{
+    std::vector<MemberKey> keys{{KindKey, MemberForm::Text, {}}, {"legacy_metadata", MemberForm::Text, {}}};
+    YUnixFileMetadata::AppendKeys(keys);
+    YWinFileMetadata::AppendKeys(keys);
+    YOdsMetadata::AppendKeys(keys);
+    return keys;
 }
 
 void YMetadataBase::FromJSON(const YObject& json)
@@ -156,11 +175,6 @@ bool YMetadataBase::RenamePath(const YJobPath& source, const YJobPath& destinati
         }
     }
     return false;
-}
-
-void YMetadataBase::PutNumber(YObject& json, const char* key, unsigned long long number)
-{
-    json.Put(key, YValue::Create<unsigned long long>(number));
 }
 
 } // namespace Backup::File

@@ -14,6 +14,15 @@
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Krt::JSON {
+struct MemberKey;
+class TextMembers;
+} // namespace Krt::JSON
+
 namespace Backup::File {
 
 class YFile;
@@ -60,8 +69,7 @@ public:
     /// `replaceDestination`. Raises InvalidUse if `replaceSource` is the longer one.
     virtual YJobPath GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,
                                          const YJobPath& replaceDestination) = 0;
-    /// Appends the compact text of ToJSON to `out`. A class that writes it without values first gives the
-    /// same text.
+    /// Appends the compact text of ToJSON to `out`. The classes of records write it without creating values.
     virtual void StringifyTo(std::string& out) const;
 
     /// An object of the class that the document names. Raises what the class's FromJSON raises.
@@ -70,6 +78,9 @@ public:
                                                               JobPathMapper mapper);
     /// Always a YUnixFileMetadata.
     static boost::shared_ptr<YMetadataBase> ConstructFromFile(YFile& file, JobPathMapper mapper);
+
+    /// The keys of the JSON forms of all classes, "legacy_metadata" included.
+    static std::vector<Krt::JSON::MemberKey> ListKeys();
 
     /// The kind.
     VAM_METADATA_TYPES GetMetadataType() const { return m_type; }
@@ -84,10 +95,8 @@ public:
     bool RenamePath(const YJobPath& source, const YJobPath& destination);
 
 protected:
-    /// The word of the kind; raises InvalidArgument for a number that is none.
-    Krt::YString GetTypeWord() const;
-    /// A number of 64 bits under the key.
-    static void PutNumber(Krt::JSON::YObject& json, const char* key, unsigned long long number);
+    /// Appends the compact text of an object to `out`: the kind, then what `describe` adds.
+    void WriteText(std::string& out, const std::function<void(Krt::JSON::TextMembers&)>& describe) const;
 
 private:
     VAM_METADATA_TYPES m_type;

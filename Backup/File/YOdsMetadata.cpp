@@ -1,12 +1,16 @@
 #include "Backup/File/YOdsMetadata.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/JSON/YValue.h"
+#include "Krt/JSON/Members.h"
 
 namespace Backup::File {
 
+using Krt::JSON::KeyMembers;
+using Krt::JSON::MemberKey;
+using Krt::JSON::ReadMembers;
+using Krt::JSON::TextMembers;
+using Krt::JSON::ValueMembers;
 using Krt::JSON::YObject;
-using Krt::JSON::YValue;
 
 YOdsMetadata::YOdsMetadata(const YJobPath& jobPath) : YMetadataBase(VAM_ODS_METADATA_TYPE), m_jobPath(jobPath)
 {}
@@ -16,17 +20,37 @@ YOdsMetadata::YOdsMetadata(const YObject& json) : YMetadataBase(json)
     FromJSON(json);
 }
 
+template <class Members, class Self>
+void YOdsMetadata::Describe(Members& members, Self& self)
+{
+    members.Object("job_path", self.m_jobPath);
+}
+
 YObject YOdsMetadata::ToJSON() const
 {
     YObject json = YMetadataBase::ToJSON();
-    json.Put("job_path", YValue::Create<YObject>(m_jobPath.ToJSON()));
+    ValueMembers members(json);
+    Describe(members, *this);
     return json;
+}
+
+void YOdsMetadata::StringifyTo(std::string& out) const
+{
+    WriteText(out, [this](TextMembers& members) { Describe(members, *this); });
+}
+
+void YOdsMetadata::AppendKeys(std::vector<MemberKey>& keys)
+{
+    KeyMembers members(keys);
+    const YOdsMetadata record{YJobPath()};
+    Describe(members, record);
 }
 
 void YOdsMetadata::FromJSON(const YObject& json)
 {
     YMetadataBase::FromJSON(json);
-    m_jobPath = json.Get<YJobPath>("job_path", MessageType::Runtime);
+    ReadMembers members(json);
+    Describe(members, *this);
 }
 
 void YOdsMetadata::FromJSON(const YObject&, JobPathMapper)

@@ -30,7 +30,14 @@ public:
     YJobPath GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,
                                  const YJobPath& replaceDestination) override;
 
+    void StringifyTo(std::string& out) const override;
+    /// Appends the keys of the JSON form to a list.
+    static void AppendKeys(std::vector<Krt::JSON::MemberKey>& keys);
+
 private:
+    template <class Members, class Self>
+    static void Describe(Members& members, Self& self);
+
     YJobPath m_jobPath;
 };
 

@@ -4,8 +4,8 @@
 #include "Backup/File/Unix/File.h"
 #include "Backup/File/Unix/YFile.h"
 
-#include "Krt/Crypto/Base64.h"
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/FileType.h"
 #include "Krt/JSON/Members.h"
 #include "Krt/KrtFoundation/boostapi.h"
 #include "Krt/Log/LogSite.h"
@@ -19,51 +19,30 @@ namespace Backup::File {
 
 using Krt::File::ExtendedAttributeMap;
 using Krt::File::YPath;
+using Krt::JSON::KeyMembers;
+using Krt::JSON::MemberKey;
+using Krt::JSON::ReadMembers;
 using Krt::JSON::TextMembers;
 using Krt::JSON::ValueMembers;
-using Krt::JSON::YArray;
 using Krt::JSON::YObject;
-using Krt::JSON::YTextWriter;
-using Krt::JSON::YValue;
 using Bytes = Krt::Memory::YHeap<unsigned char>;
 
 namespace {
 
-constexpr unsigned int TypeMask = 0xF000;
-constexpr unsigned int TypeDirectory = 0x4000;
-constexpr unsigned int TypeSymbolicLink = 0xA000;
-
-using LegacyVamHeader::_tagBASE_HDR;
 using LegacyVamHeader::_tagUNIX_FILE_HDR;
 using LegacyVamHeader::ExtendedAttributeRecord;
 constexpr const char* LegacyConversion = "PopulateFromLegacyUnixMetadata";
 
-const _tagUNIX_FILE_HDR& ReadLegacyHeader(const Bytes& bytes)
-{
-    if (bytes.Size() < sizeof(_tagBASE_HDR))
-        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
-                     "Invalid legacy metadata: Buffer too small to contain a BASE_HDR");
-    const unsigned int type = bytes.Cast<_tagBASE_HDR>()->type;
-    if (type != LegacyVamHeader::UnixFileType)
-        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
-                     "Invalid legacy unix metadata: Expected type " << LegacyVamHeader::UnixFileType
-                                                                    << " but actual type is " << type);
-    if (bytes.Size() < LegacyVamHeader::UnixFileHeaderMinimum)
-        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
-                     "Invalid legacy unix metadata: Buffer too small to contain a UNIX_FILE_HDR");
-    return *bytes.Cast<_tagUNIX_FILE_HDR>();
-}
-
 void WarnOfLegacyConflicts(const _tagUNIX_FILE_HDR& header)
 {
-    const int isLink = (header.modeFlags & TypeMask) == TypeSymbolicLink;
+    const int isLink = (header.modeFlags & Krt::File::FileTypeMask) == Krt::File::FileTypeSymbolicLink;
     if (isLink != header.isSymlink)
         KRT_LOG_FREE(MessageType::General, "Warning: legacy header isSymlink value "
                                                << header.isSymlink
                                                << " disaggrees with S_ISLNK(modeFlags) value " << isLink
                                                << ", using isSymlink");
-    const int isDirectory = (header.modeFlags & TypeMask) == TypeDirectory;
-    const int hasDirectoryBit = (header.attributes & LegacyVamHeader::AttributeDirectory) != 0;
+    const int isDirectory = (header.modeFlags & Krt::File::FileTypeMask) == Krt::File::FileTypeDirectory;
+    const int hasDirectoryBit = (header.attributes & Krt::File::AttributeDirectory) != 0;
     // It is the link byte that this line has always shown.
     if (isDirectory != hasDirectoryBit)
         KRT_LOG_FREE(MessageType::General, "Warning: legacy header directory attribute value "
@@ -131,10 +110,13 @@ void CheckLegacyExtendedAttributes(const Bytes& bytes, unsigned int offset)
 
 void PopulateFromLegacyUnixMetadata(YUnixFileMetadata& metadata, const Bytes& bytes, JobPathMapper mapper)
 {
-    const _tagUNIX_FILE_HDR& header = ReadLegacyHeader(bytes);
+    if (const YString damage = LegacyVamHeader::FindDamage(bytes, LegacyVamHeader::UnixFile);
+        !damage.IsEmpty())
+        KRT_RAISE(ErrorCode::InvalidArgument, damage);
+    const _tagUNIX_FILE_HDR& header = *bytes.Cast<_tagUNIX_FILE_HDR>();
     WarnOfLegacyConflicts(header);
     metadata.SetFileSize(header.fileSize);
-    metadata.SetIsDirectoryForRestore((header.attributes & LegacyVamHeader::AttributeDirectory) != 0);
+    metadata.SetIsDirectoryForRestore((header.attributes & Krt::File::AttributeDirectory) != 0);
     metadata.SetLastChangedTime(header.changeTime);
     metadata.SetLastAccessTime(header.accessTime);
     metadata.SetLastWriteTime(header.writeTime);
@@ -155,7 +137,7 @@ YUnixFileMetadata::YUnixFileMetadata(YFile& file, JobPathMapper mapper) : YUnixF
     m_lastChangedTime = file.GetLastChangedTime();
     m_lastWriteTime = file.GetLastWriteTime();
     m_modeFlags = file.GetModeFlags();
-    m_isDirectory = (m_modeFlags & TypeMask) == TypeDirectory;
+    m_isDirectory = (m_modeFlags & Krt::File::FileTypeMask) == Krt::File::FileTypeDirectory;
     m_userId = file.GetUID();
     m_groupId = file.GetGID();
     m_lastAccessTime = 0;
@@ -178,22 +160,28 @@ YUnixFileMetadata::YUnixFileMetadata(const YObject& json, JobPathMapper mapper)
     FromJSON(json, mapper);
 }
 
-template <class Members>
-void YUnixFileMetadata::Describe(Members& members) const
+template <class Members, class Self>
+void YUnixFileMetadata::Describe(Members& members, Self& self)
 {
-    members.Number("file_size", m_fileSize);
-    members.Number("last_changed_time", m_lastChangedTime);
-    members.Number("last_write_time", m_lastWriteTime);
-    members.Number("last_access_time", m_lastAccessTime);
-    members.Number("mode_flags", m_modeFlags);
-    members.Number("is_directory", m_isDirectory);
-    members.Number("user_id", m_userId);
-    members.Number("group_id", m_groupId);
-    members.Object("file_path", [&](auto& path) { m_filePath.Describe(path); });
-    members.Text("symbolic_link_target", m_symbolicLinkTarget);
-    members.Objects("extended_attributes", m_extendedAttributes, [](auto& element, const auto& attribute) {
+    members.Number("file_size", self.m_fileSize);
+    members.Number("last_changed_time", self.m_lastChangedTime);
+    members.Number("last_write_time", self.m_lastWriteTime);
+    members.Number("last_access_time", self.m_lastAccessTime);
+    members.Number("mode_flags", self.m_modeFlags);
+    members.Number("is_directory", self.m_isDirectory);
+    members.Number("user_id", self.m_userId);
+    members.Number("group_id", self.m_groupId);
+    members.Object("file_path", self.m_filePath);
+    members.Text("symbolic_link_target", self.m_symbolicLinkTarget);
+    if constexpr (Members::Reads)
+        self.m_extendedAttributes.clear();
+    members.Objects("extended_attributes", self.m_extendedAttributes, [](auto& element, auto& attribute) {
+        // A reader looks at the value first, so damage in it is reported before damage in the name.
+        if constexpr (Members::Reads)
+            element.Binary("value", attribute.second);
         element.Text("name", attribute.first);
-        element.Text("value", Krt::Crypto::Base64EncodeData(attribute.second));
+        if constexpr (!Members::Reads)
+            element.Binary("value", attribute.second);
     });
 }
 
@@ -201,19 +189,20 @@ YObject YUnixFileMetadata::ToJSON() const
 {
     YObject json = YMetadataBase::ToJSON();
     ValueMembers members(json);
-    Describe(members);
+    Describe(members, *this);
     return json;
 }
 
 void YUnixFileMetadata::StringifyTo(std::string& out) const
 {
-    const YString word = GetTypeWord();
-    YTextWriter writer(out);
-    TextMembers members(writer);
-    writer.BeginObject();
-    members.Text("metadata_type", word);
-    Describe(members);
-    writer.EndObject();
+    WriteText(out, [this](TextMembers& members) { Describe(members, *this); });
+}
+
+void YUnixFileMetadata::AppendKeys(std::vector<MemberKey>& keys)
+{
+    KeyMembers members(keys);
+    const YUnixFileMetadata record;
+    Describe(members, record);
 }
 
 void YUnixFileMetadata::FromJSON(const YObject& json)
@@ -221,35 +210,17 @@ void YUnixFileMetadata::FromJSON(const YObject& json)
     YMetadataBase::FromJSON(json);
     KRT_RAISE_UNLESS(!json.FindOpt("legacy_metadata"), ErrorCode::InvalidArgument,
                      "1-argument version of FromJSON cannot convert legacy metadata.");
-    m_fileSize = json.Get<unsigned long long>("file_size", MessageType::Runtime);
-    m_lastChangedTime = json.Get<unsigned long long>("last_changed_time", MessageType::Runtime);
-    m_lastWriteTime = json.Get<unsigned long long>("last_write_time", MessageType::Runtime);
-    m_lastAccessTime = json.Get<unsigned long long>("last_access_time", MessageType::Runtime);
-    m_modeFlags = json.Get<unsigned int>("mode_flags", MessageType::Runtime);
-    m_isDirectory = json.Get<bool>("is_directory", MessageType::Runtime);
-    m_userId = json.Get<unsigned int>("user_id", MessageType::Runtime);
-    m_groupId = json.Get<unsigned int>("group_id", MessageType::Runtime);
-    m_filePath = json.Get<YJobPath>("file_path", MessageType::Runtime);
-    m_symbolicLinkTarget = YPath(json.Get<YString>("symbolic_link_target", MessageType::Runtime));
-    m_extendedAttributes.clear();
-    for (const boost::shared_ptr<YValue>& value :
-         json.Get<YArray>("extended_attributes", MessageType::Runtime)) {
-        const YObject& element = value->AsObject();
-        Bytes bytes = Krt::Crypto::Base64DecodeData(element.Get<YString>("value", MessageType::Runtime));
-        m_extendedAttributes.insert_or_assign(element.Get<YString>("name", MessageType::Runtime),
-                                              std::move(bytes));
-    }
+    ReadMembers members(json);
+    Describe(members, *this);
 }
 
 void YUnixFileMetadata::FromJSON(const YObject& json, JobPathMapper mapper)
 {
     YMetadataBase::FromJSON(json, mapper);
-    if (!json.FindOpt("legacy_metadata")) {
+    if (const std::optional<Bytes> legacy = LegacyVamHeader::Extract(json))
+        PopulateFromLegacyUnixMetadata(*this, *legacy, mapper);
+    else
         FromJSON(json);
-        return;
-    }
-    const YString& text = json.Get<YString>("legacy_metadata", MessageType::Runtime);
-    PopulateFromLegacyUnixMetadata(*this, Krt::Crypto::Base64DecodeData(text), mapper);
 }
 
 void YUnixFileMetadata::SetFilePath(const YJobPath& path)

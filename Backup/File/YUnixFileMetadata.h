@@ -42,6 +42,8 @@ public:
                                  const YJobPath& replaceDestination) override;
 
     void StringifyTo(std::string& out) const override;
+    /// Appends the keys of the JSON form to a list.
+    static void AppendKeys(std::vector<Krt::JSON::MemberKey>& keys);
 
     /// The fields, stored as they come: size in bytes, times as YFile gives them ("changed" is the inode's),
     /// mode as the st_mode word, user and group as numbers.
@@ -73,8 +75,8 @@ public:
     }
 
 private:
-    template <class Members>
-    void Describe(Members& members) const;
+    template <class Members, class Self>
+    static void Describe(Members& members, Self& self);
 
     unsigned long long m_fileSize = 0;
     unsigned long long m_lastChangedTime = 0;

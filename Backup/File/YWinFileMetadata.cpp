@@ -2,9 +2,9 @@
 
 #include "Backup/File/LegacyVamHeader.h"
 
-#include "Krt/Crypto/Base64.h"
 #include "Krt/Exception/Raise.h"
-#include "Krt/JSON/YValue.h"
+#include "Krt/File/File.h"
+#include "Krt/JSON/Members.h"
 #include "Krt/KrtFoundation/boostapi.h"
 
 #include <algorithm>
@@ -14,34 +14,18 @@
 namespace Backup::File {
 
 using Krt::File::YPath;
-using Krt::JSON::YArray;
+using Krt::JSON::KeyMembers;
+using Krt::JSON::MemberKey;
+using Krt::JSON::ReadMembers;
+using Krt::JSON::TextMembers;
+using Krt::JSON::ValueMembers;
 using Krt::JSON::YObject;
-using Krt::JSON::YValue;
 using Bytes = Krt::Memory::YHeap<unsigned char>;
 
 namespace {
 
-constexpr unsigned int AttributeDirectory = 0x10;
-
-using LegacyVamHeader::_tagBASE_HDR;
 using LegacyVamHeader::_tagWINDOWS_FILE_HDR;
 constexpr const char* LegacyConversion = "PopulateFromLegacyWindowsMetadata";
-
-const _tagWINDOWS_FILE_HDR& ReadLegacyHeader(const Bytes& bytes)
-{
-    if (bytes.Size() < sizeof(_tagBASE_HDR))
-        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
-                     "Invalid legacy metadata: Buffer too small to contain a BASE_HDR");
-    const unsigned int type = bytes.Cast<_tagBASE_HDR>()->type;
-    if (type != LegacyVamHeader::WindowsFileType)
-        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
-                     "Invalid legacy windows metadata: Expected type " << LegacyVamHeader::WindowsFileType
-                                                                       << " but actual type is " << type);
-    if (bytes.Size() < LegacyVamHeader::WindowsFileHeaderMinimum)
-        KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
-                     "Invalid legacy windows metadata: Buffer too small to contain a WINDOWS_FILE_HDR");
-    return *bytes.Cast<_tagWINDOWS_FILE_HDR>();
-}
 
 void PopulateLegacyPaths(YWinFileMetadata& metadata, const Bytes& bytes, const _tagWINDOWS_FILE_HDR& header,
                          const JobPathMapper& mapper)
@@ -74,7 +58,10 @@ void PopulateLegacyPaths(YWinFileMetadata& metadata, const Bytes& bytes, const _
 
 void PopulateFromLegacyWindowsMetadata(YWinFileMetadata& metadata, const Bytes& bytes, JobPathMapper mapper)
 {
-    const _tagWINDOWS_FILE_HDR& header = ReadLegacyHeader(bytes);
+    if (const YString damage = LegacyVamHeader::FindDamage(bytes, LegacyVamHeader::WindowsFile);
+        !damage.IsEmpty())
+        KRT_RAISE(ErrorCode::InvalidArgument, damage);
+    const _tagWINDOWS_FILE_HDR& header = *bytes.Cast<_tagWINDOWS_FILE_HDR>();
     metadata.SetFileSize(header.fileSize);
     metadata.SetAttributes(header.attributes);
     metadata.SetCreationTime(header.creationTime);
@@ -107,29 +94,43 @@ YWinFileMetadata::YWinFileMetadata(const YObject& json, JobPathMapper mapper)
     YWinFileMetadata::FromJSON(json, mapper);
 }
 
+template <class Members, class Self>
+void YWinFileMetadata::Describe(Members& members, Self& self)
+{
+    members.Number("reparse_type", self.m_reparseType);
+    members.Number("file_size", self.m_fileSize);
+    members.Number("creation_time", self.m_creationTime);
+    members.Number("last_write_time", self.m_lastWriteTime);
+    members.Number("last_access_time", self.m_lastAccessTime);
+    members.Number("file_attributes", self.m_attributes);
+    members.Objects("file_paths", self.m_paths, [](auto& element, auto& path) {
+        element.Object("long", path.first);
+        element.Text("short", path.second);
+    });
+    if (Members::ListsKeys || self.IsDirectoryAttributeSet())
+        members.Text("directory_hash", self.m_directoryHash);
+    if (Members::ListsKeys || !self.IsDirectoryAttributeSet())
+        members.Number("permission_change_time", self.m_permissionChangeTime);
+}
+
 YObject YWinFileMetadata::ToJSON() const
 {
     YObject json = YMetadataBase::ToJSON();
-    PutNumber(json, "reparse_type", m_reparseType);
-    PutNumber(json, "file_size", m_fileSize);
-    PutNumber(json, "creation_time", m_creationTime);
-    PutNumber(json, "last_write_time", m_lastWriteTime);
-    PutNumber(json, "last_access_time", m_lastAccessTime);
-    PutNumber(json, "file_attributes", m_attributes);
-    YArray paths;
-    paths.reserve(m_paths.size());
-    for (const auto& [path, shortName] : m_paths) {
-        YObject element;
-        element.Put("long", YValue::Create<YObject>(path.ToJSON()));
-        element.Put("short", YValue::Create<YString>(shortName));
-        paths.push_back(YValue::Create<YObject>(std::move(element)));
-    }
-    json.Put("file_paths", YValue::Create<YArray>(std::move(paths)));
-    if (IsDirectoryAttributeSet())
-        json.Put("directory_hash", YValue::Create<YString>(m_directoryHash));
-    else
-        PutNumber(json, "permission_change_time", m_permissionChangeTime);
+    ValueMembers members(json);
+    Describe(members, *this);
     return json;
+}
+
+void YWinFileMetadata::StringifyTo(std::string& out) const
+{
+    WriteText(out, [this](TextMembers& members) { Describe(members, *this); });
+}
+
+void YWinFileMetadata::AppendKeys(std::vector<MemberKey>& keys)
+{
+    KeyMembers members(keys);
+    const YWinFileMetadata record;
+    Describe(members, record);
 }
 
 void YWinFileMetadata::FromJSON(const YObject& json)
@@ -137,32 +138,17 @@ void YWinFileMetadata::FromJSON(const YObject& json)
     YMetadataBase::FromJSON(json);
     KRT_RAISE_UNLESS(!json.FindOpt("legacy_metadata"), ErrorCode::InvalidArgument,
                      "1-argument version of FromJSON cannot convert legacy metadata.");
-    m_reparseType = json.Get<unsigned int>("reparse_type", MessageType::Runtime);
-    m_fileSize = json.Get<unsigned long long>("file_size", MessageType::Runtime);
-    m_creationTime = json.Get<unsigned long long>("creation_time", MessageType::Runtime);
-    m_lastWriteTime = json.Get<unsigned long long>("last_write_time", MessageType::Runtime);
-    m_lastAccessTime = json.Get<unsigned long long>("last_access_time", MessageType::Runtime);
-    m_attributes = json.Get<unsigned int>("file_attributes", MessageType::Runtime);
-    for (const boost::shared_ptr<YValue>& value : json.Get<YArray>("file_paths", MessageType::Runtime)) {
-        const YObject& element = value->AsObject();
-        const YJobPath& path = element.Get<YJobPath>("long", MessageType::Runtime);
-        m_paths.emplace_back(path, element.Get<YString>("short", MessageType::Runtime));
-    }
-    if (IsDirectoryAttributeSet())
-        m_directoryHash = json.Get<YString>("directory_hash", MessageType::Runtime);
-    else
-        m_permissionChangeTime = json.Get<unsigned long long>("permission_change_time", MessageType::Runtime);
+    ReadMembers members(json);
+    Describe(members, *this);
 }
 
 void YWinFileMetadata::FromJSON(const YObject& json, JobPathMapper mapper)
 {
     YMetadataBase::FromJSON(json, mapper);
-    if (!json.FindOpt("legacy_metadata")) {
+    if (const std::optional<Bytes> legacy = LegacyVamHeader::Extract(json))
+        PopulateFromLegacyWindowsMetadata(*this, *legacy, mapper);
+    else
         FromJSON(json);
-        return;
-    }
-    const YString& text = json.Get<YString>("legacy_metadata", MessageType::Runtime);
-    PopulateFromLegacyWindowsMetadata(*this, Krt::Crypto::Base64DecodeData(text), mapper);
 }
 
 void YWinFileMetadata::SetFilePath(const YJobPath& path)
@@ -188,7 +174,7 @@ unsigned long YWinFileMetadata::GetFilePathCount() const
 
 bool YWinFileMetadata::IsDirectoryAttributeSet() const
 {
-    return (m_attributes & AttributeDirectory) != 0;
+    return (m_attributes & Krt::File::AttributeDirectory) != 0;
 }
 
 void YWinFileMetadata::AddPath(YJobPath path, YString shortName)

@@ -43,6 +43,10 @@ public:
     YJobPath GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,
                                  const YJobPath& replaceDestination) override;
 
+    void StringifyTo(std::string& out) const override;
+    /// Appends the keys of the JSON form to a list.
+    static void AppendKeys(std::vector<Krt::JSON::MemberKey>& keys);
+
     /// The fields, stored as they come: size in bytes, times as the source recorded them, attributes as the
     /// bits of Windows.
     unsigned int GetReparseType() const { return m_reparseType; }
@@ -71,6 +75,9 @@ public:
     void SetPermissionChangeTime(unsigned long long time) { m_permissionChangeTime = time; }
 
 private:
+    template <class Members, class Self>
+    static void Describe(Members& members, Self& self);
+
     unsigned int m_reparseType = 0;
     unsigned long long m_fileSize = 0;
     unsigned long long m_creationTime = 0;

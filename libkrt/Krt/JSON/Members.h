@@ -1,45 +1,68 @@
-// What receives the members of an object, key by key. A class describes itself once, in a template over both:
-// ValueMembers makes the values of its ToJSON, TextMembers writes their text at once.
+// The members of a JSON object, described once. A class has one template that gives each of its fields to
+// `members` under its key, in the order of its JSON form:
+//   template <class Members, class Self> static void Describe(Members& members, Self& self)
+// The classes below are what `members` can be. ValueMembers creates the values of the fields, TextMembers
+// writes their text, ReadMembers reads them from an object, and KeyMembers lists their keys. Self is const
+// for the two that write. All have the same operations; Number takes a bool or an unsigned number.
 #pragma once
 
+#include "Krt/Crypto/Base64.h"
 #include "Krt/JSON/YTextWriter.h"
 #include "Krt/JSON/YValue.h"
+#include "Krt/KrtFoundation/boostapi.h"
+#include "Krt/Log/MessageType.h"
+
+#include <type_traits>
 
 namespace Krt::JSON {
 
-/// Puts the members into an object, which outlives it.
+/// Appends the members to an object, which outlives it.
 class ValueMembers
 {
 public:
-    /// Behind the members that are there already.
+    static constexpr bool Reads = false;     ///< the fields are not changed
+    static constexpr bool ListsKeys = false; ///< a member that depends on a field may be left out
+
     explicit ValueMembers(YObject& object) : m_object(object) {}
 
-    /// A member of this kind.
+    /// A number, or a bool as 1 or 0.
     void Number(YObject::Key key, unsigned long long number)
     {
         m_object.Put(key, YValue::Create<unsigned long long>(number));
     }
+    /// A string.
     void Text(YObject::Key key, const YString& text) { m_object.Put(key, YValue::Create<YString>(text)); }
-    /// `describe` takes the members of the object.
-    template <class Describe>
-    void Object(YObject::Key key, Describe describe)
+    /// A string that is absent if it is empty.
+    void OptionalText(YObject::Key key, const YString& text)
     {
-        m_object.Put(key, Made(describe));
+        if (!text.IsEmpty())
+            Text(key, text);
     }
-    /// An array of objects; `describe` takes the members of each and the item.
+    /// Bytes, as a string in Base64 (RFC 4648, section 4).
+    void Binary(YObject::Key key, const Memory::YHeap<unsigned char>& bytes)
+    {
+        Text(key, Crypto::Base64EncodeData(bytes));
+    }
+    /// An object of a class that has a Describe of its own.
+    template <class T>
+    void Object(YObject::Key key, const T& value)
+    {
+        m_object.Put(key, Create([&](ValueMembers& members) { T::Describe(members, value); }));
+    }
+    /// An array of objects; `describe` gets the members of each and its item.
     template <class Items, class Describe>
     void Objects(YObject::Key key, const Items& items, Describe describe)
     {
         YArray array;
         array.reserve(items.size());
         for (const auto& item : items)
-            array.push_back(Made([&](ValueMembers& members) { describe(members, item); }));
+            array.push_back(Create([&](ValueMembers& members) { describe(members, item); }));
         m_object.Put(key, YValue::Create<YArray>(std::move(array)));
     }
 
 private:
     template <class Describe>
-    static boost::shared_ptr<YValue> Made(Describe describe)
+    static boost::shared_ptr<YValue> Create(Describe describe)
     {
         YObject object;
         ValueMembers members(object);
@@ -50,32 +73,48 @@ private:
     YObject& m_object;
 };
 
-/// Writes the members of an object that the writer has begun; what each does is told above.
+/// Writes the members of an object that the writer has begun.
 class TextMembers
 {
 public:
-    /// @copydoc ValueMembers
+    static constexpr bool Reads = false;     ///< the fields are not changed
+    static constexpr bool ListsKeys = false; ///< a member that depends on a field may be left out
+
     explicit TextMembers(YTextWriter& writer) : m_writer(writer) {}
 
-    /// The same members as text.
+    /// See ValueMembers.
     void Number(YObject::Key key, unsigned long long number)
     {
         m_writer.Key(key.Bytes());
         m_writer.Number(number);
     }
+    /// See ValueMembers.
     void Text(YObject::Key key, const YString& text)
     {
         m_writer.Key(key.Bytes());
         m_writer.String(text.Bytes());
     }
-    template <class Describe>
-    void Object(YObject::Key key, Describe describe)
+    /// See ValueMembers.
+    void OptionalText(YObject::Key key, const YString& text)
+    {
+        if (!text.IsEmpty())
+            Text(key, text);
+    }
+    /// See ValueMembers.
+    void Binary(YObject::Key key, const Memory::YHeap<unsigned char>& bytes)
+    {
+        Text(key, Crypto::Base64EncodeData(bytes));
+    }
+    /// See ValueMembers.
+    template <class T>
+    void Object(YObject::Key key, const T& value)
     {
         m_writer.Key(key.Bytes());
         m_writer.BeginObject();
-        describe(*this);
+        T::Describe(*this, value);
         m_writer.EndObject();
     }
+    /// See ValueMembers.
     template <class Items, class Describe>
     void Objects(YObject::Key key, const Items& items, Describe describe)
     {
@@ -91,6 +130,143 @@ public:
 
 private:
     YTextWriter& m_writer;
+};
+
+/// Reads the members of an object into the fields, each as soon as it is read. Raises what YObject::Get
+/// raises, on the channel Runtime.
+class ReadMembers
+{
+public:
+    static constexpr bool Reads = true;      ///< the fields are changed
+    static constexpr bool ListsKeys = false; ///< a member that depends on a field may be left out
+
+    explicit ReadMembers(const YObject& object) : m_object(object) {}
+
+    /// Reads a number of the field's size; raises if the value is larger.
+    template <class T>
+    void Number(YObject::Key key, T& number)
+    {
+        if constexpr (std::is_same_v<T, unsigned short>)
+            number = NumericCast<unsigned short>(m_object.Get<unsigned int>(key, MessageType::Runtime));
+        else
+            number = m_object.Get<T>(key, MessageType::Runtime);
+    }
+    /// Reads a string, which is never converted from another kind.
+    template <class T>
+    void Text(YObject::Key key, T& text)
+    {
+        text = T(m_object.Get<YString>(key, MessageType::Runtime));
+    }
+    /// Reads a string that may be absent; the field is unchanged then.
+    void OptionalText(YObject::Key key, YString& text)
+    {
+        if (const boost::shared_ptr<YValue>& value = m_object.FindOpt(key))
+            text = value->AsString();
+    }
+    /// Reads a string in Base64; raises what decoding it raises.
+    void Binary(YObject::Key key, Memory::YHeap<unsigned char>& bytes)
+    {
+        bytes = Crypto::Base64DecodeData(m_object.Get<YString>(key, MessageType::Runtime));
+    }
+    /// Reads an object of a class that YObject::Get knows.
+    template <class T>
+    void Object(YObject::Key key, T& value)
+    {
+        value = m_object.Get<T>(key, MessageType::Runtime);
+    }
+    /// Adds an item for each object of the array: to the end of a vector, or to a map, in which a later item
+    /// replaces one with the same key.
+    template <class Items, class Describe>
+    void Objects(YObject::Key key, Items& items, Describe describe)
+    {
+        const YArray& array = m_object.Get<YArray>(key, MessageType::Runtime);
+        if constexpr (requires { items.reserve(array.size()); })
+            items.reserve(items.size() + array.size());
+        for (const boost::shared_ptr<YValue>& element : array) {
+            ReadMembers members(element->AsObject());
+            if constexpr (requires { typename Items::mapped_type; }) {
+                std::pair<typename Items::key_type, typename Items::mapped_type> item;
+                describe(members, item);
+                items.insert_or_assign(std::move(item.first), std::move(item.second));
+            } else {
+                typename Items::value_type item;
+                describe(members, item);
+                items.push_back(std::move(item));
+            }
+        }
+    }
+
+private:
+    const YObject& m_object;
+};
+
+/// What a value must be for ReadMembers to accept it.
+enum class MemberForm
+{
+    Text,
+    Bool,
+    Number16,
+    Number32,
+    Number64,
+    Array,
+    Object
+};
+
+/// A key that an object may have.
+struct MemberKey
+{
+    std::string_view name; ///< text of the program, which lives as long as it runs
+    MemberForm form;
+    std::vector<MemberKey> inner; ///< keys of the object, or of the array's objects
+};
+
+/// Appends the keys of the members to a list, which outlives it.
+class KeyMembers
+{
+public:
+    static constexpr bool Reads = false;    ///< the fields are not changed
+    static constexpr bool ListsKeys = true; ///< members that depend on a field are all given
+
+    explicit KeyMembers(std::vector<MemberKey>& keys) : m_keys(keys) {}
+
+    /// See ValueMembers.
+    template <class T>
+    void Number(YObject::Key key, const T&)
+    {
+        Add(key, std::is_same_v<T, bool> ? MemberForm::Bool
+                 : sizeof(T) == 2        ? MemberForm::Number16
+                 : sizeof(T) == 4        ? MemberForm::Number32
+                                         : MemberForm::Number64);
+    }
+    /// See ValueMembers.
+    void Text(YObject::Key key, const YString&) { Add(key, MemberForm::Text); }
+    /// See ValueMembers.
+    void OptionalText(YObject::Key key, const YString&) { Add(key, MemberForm::Text); }
+    /// See ValueMembers.
+    void Binary(YObject::Key key, const Memory::YHeap<unsigned char>&) { Add(key, MemberForm::Text); }
+    /// See ValueMembers.
+    template <class T>
+    void Object(YObject::Key key, const T& value)
+    {
+        KeyMembers members(Add(key, MemberForm::Object));
+        T::Describe(members, value);
+    }
+    /// See ValueMembers.
+    template <class Items, class Describe>
+    void Objects(YObject::Key key, const Items&, Describe describe)
+    {
+        KeyMembers members(Add(key, MemberForm::Array));
+        const typename Items::value_type item{};
+        describe(members, item);
+    }
+
+private:
+    std::vector<MemberKey>& Add(YObject::Key key, MemberForm form)
+    {
+        return m_keys.emplace_back(MemberKey{key.Bytes(), form, {}}).inner;
+    }
+
+    std::vector<MemberKey>& m_keys;
 };
 
 } // namespace Krt::JSON
