@@ -50,15 +50,13 @@ void AppendPaths(X509& last, const std::vector<X509*>& issuers, IssuerPath& path
         paths.push_back(path);
 }
 
-// Returns the paths by names and key identifiers; signatures are not checked. A single path is not returned,
-// since OpenSSL finds it in any order.
-std::vector<IssuerPath> FindAlternativePaths(X509& server, const STACK_OF(X509) * presented)
+// Returns the paths by names, key identifiers and the key usage of issuers; signatures are not checked. A
+// single path is not superfluous: OpenSSL ignores the key usage while it chooses an issuer.
+std::vector<IssuerPath> FindPaths(X509& server, const STACK_OF(X509) * presented)
 {
     IssuerPath path;
     std::vector<IssuerPath> paths;
     AppendPaths(server, DistinctIssuers(server, presented), path, paths);
-    if (paths.size() == 1)
-        paths.clear();
     return paths;
 }
 
@@ -249,7 +247,7 @@ VerifyResult VerifyServer(X509& server, STACK_OF(X509) * presented, const Verify
     if (result.IsOk())
         return result;
     // OpenSSL follows the first issuer that matches and does not go back if that path fails.
-    for (const IssuerPath& path : FindAlternativePaths(server, presented)) {
+    for (const IssuerPath& path : FindPaths(server, presented)) {
         if (verifyPath(MakeStack(path).get()).IsOk())
             return VerifyResult::Ok();
     }

@@ -304,13 +304,15 @@ TEST(CertificateTrust, ChainInAnyOrderIsTrusted)
     const Certificate &root = *scene.root, &middle = *scene.middle;
     const Certificate stranger = Certificate::SelfSigned(AuthorityForm("Stranger"));
     const Certificate crossed = stranger.Issue(scene.middleForm, &middle);
-    CertificateForm client = scene.middleForm, narrow = scene.middleForm;
+    CertificateForm client = scene.middleForm, narrow = scene.middleForm, onlyLists = scene.middleForm;
+    onlyLists.extensions["keyUsage"] = "critical,cRLSign";
     client.extensions["extendedKeyUsage"] = "clientAuth";
     narrow.extensions["nameConstraints"] = "critical,excluded;DNS:example";
     const std::pair<const char*, std::vector<Certificate>> cases[] = {
         {"cross-signed by an unknown root", {crossed}},
         {"with both roots", {crossed, stranger, root}},
         {"another purpose", {root.Issue(client, &middle)}},
+        {"another key usage", {root.Issue(onlyLists, &middle)}},
         {"excluded name, and the root cross-signed",
          {root.Issue(narrow, &middle), stranger.Issue(scene.rootForm, &root)}},
         {"another key with that identifier", {root.Issue(scene.middleForm)}},
