@@ -49,12 +49,12 @@ CLI::App* BackupCommand::Register(CLI::App& program)
     CLI::App* const command =
         program.add_subcommand("backup", "Store files and directories as a new snapshot");
     AddStoreOption(*command, m_store);
-    command->add_option("--job", m_jobFile, "Take the rules of this job file (JSON)")->type_name("FILE");
-    command->add_flag("--verbose", m_verbose, "Tell each excluded path");
-    m_paths = AddPathArguments(*command, "What to store: each entry with all below it");
+    command->add_option("--job", m_jobFile, "Read the rules from this job file (JSON)")->type_name("FILE");
+    command->add_flag("--verbose", m_verbose, "Print every excluded path");
+    m_paths = AddPathArguments(*command, "Entries to store, with everything below them");
     command->footer(
-        "The store is made if DIR doesn't exist. Mount points below a PATH are entered only where\n"
-        "they hold a disk's file system or the configuration lists them.\n\n"
+        "The store is created if DIR does not exist. A mount point below a PATH is entered only if it\n"
+        "contains a disk's file system or the configuration lists it.\n\n"
         "Example: kbagent backup --store /backup/store /home /etc");
     return command;
 }

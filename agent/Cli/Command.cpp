@@ -22,7 +22,9 @@ bool LooksLikeList(std::string_view argument)
 
 void AddStoreOption(CLI::App& command, std::string& path)
 {
-    command.add_option("--store", path, "The directory that holds the backups")->type_name("DIR")->required();
+    command.add_option("--store", path, "The directory that contains the backups")
+        ->type_name("DIR")
+        ->required();
 }
 
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description, const std::string& name)

@@ -22,12 +22,13 @@ private:
 CLI::App* ConvertCommand::Register(CLI::App& program)
 {
     CLI::App* const command =
-        program.add_subcommand("convert", "Write records of any form in the modern form");
+        program.add_subcommand("convert", "Convert legacy and foreign records to the current form");
     m_records.AddTo(*command);
     command->footer(
         "FILE contains one record per line, one array of records, or records over several lines each.\n"
         "Writes one record per line. A damaged line, or a record that cannot be converted, is reported with\n"
-        "its line number and skipped. Damage in the other forms ends the reading at its byte offset.\n\n" +
+        "its line number and skipped. Damage in the other forms ends the reading; its byte offset\n"
+        "is reported.\n\n" +
         std::string(JobPathHelp) + "Example: kbagent convert old-records.json > records.jsonl");
     return command;
 }

@@ -38,14 +38,14 @@ CLI::App* ImportCommand::Register(CLI::App& program)
     CLI::App* const command =
         program.add_subcommand("import", "Store records that were kept elsewhere as a new snapshot");
     AddStoreOption(*command, m_store);
-    command->add_option("--contents", m_contents, "The folder in which the contents lie by their job paths")
+    command->add_option("--contents", m_contents, "Directory with the file contents, laid out by job path")
         ->type_name("DIR")
         ->required();
     m_records.AddTo(*command);
     command->footer(
-        "The content of a record lies under DIR by the names of its first path: DIR/C:/a/b for C:\\a\\b,\n"
-        "where a volume's name may also be the one that restore gives it: DIR/C/a/b. Its other paths\n"
-        "become hard links. No link below DIR is followed.\n\n" +
+        "The content of a record is read from its first path below DIR: DIR/C:/a/b for C:\\a\\b. The name\n"
+        "of a volume may also be the one that restore gives it: DIR/C/a/b. The other paths of the record\n"
+        "become hard links. Symlinks below DIR are not followed.\n\n" +
         std::string(JobPathHelp) +
         "Example: kbagent import --store /backup/store --contents /mnt/old records.json");
     return command;

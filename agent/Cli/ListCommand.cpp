@@ -45,15 +45,15 @@ CLI::App* ListCommand::Register(CLI::App& program)
     AddStoreOption(*command, m_store);
     command
         ->add_option("--snapshot", m_snapshot,
-                     "List the entries of this snapshot: its id, its beginning, or latest")
+                     "List the entries of this snapshot: its ID, a unique prefix of it, or latest")
         ->type_name("ID");
-    command->add_flag("--json", m_json, "Print a JSON object a line, entries as they are stored");
+    command->add_flag("--json", m_json, "Print one JSON object per line, entries as they are stored");
     command->footer(
         "An entry is listed with its mode, owner and group by number, size in bytes, time of its last\n"
-        "change in UTC, and path. What is invisible in a path is escaped as \\n, \\xHH, \\uHHHH or\n"
-        "\\UHHHHHHHH, and a backslash is doubled. An entry of Windows has the letters of its attributes\n"
-        "instead of a mode (R read-only, H hidden, S system, A archive, L leads elsewhere), and a line for\n"
-        "each path.\n\n"
+        "change in UTC, and path. Control characters, invisible characters and unusual blanks in a path are\n"
+        "escaped as \\n, \\xHH, \\uHHHH or \\UHHHHHHHH, and a backslash is doubled. A Windows entry has the\n"
+        "letters of its attributes instead of a mode (R read-only, H hidden, S system, A archive, L reparse\n"
+        "point), and one line for each path.\n\n"
         "Examples: kbagent list --store /backup/store\n"
         "          kbagent list --store /backup/store --snapshot latest");
     return command;

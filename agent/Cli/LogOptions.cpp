@@ -17,12 +17,13 @@ void LogOptions::Register(CLI::App& program)
 {
     CLI::Option* const log =
         program
-            .add_option("--log", m_path, "Append a log to FILE, which may hold macros such as ${serviceName}")
+            .add_option("--log", m_path,
+                        "Append a log to FILE, which may contain macros such as ${serviceName}")
             ->type_name("FILE");
     program
         .add_option(
             "--debug", m_channels,
-            "The log's channels, separated by commas, unless the configuration's debugOutput names them")
+            "The log's channels, separated by commas; debugOutput in the configuration takes precedence")
         ->type_name("CHANNELS")
         ->capture_default_str()
         ->needs(log);

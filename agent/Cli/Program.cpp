@@ -63,12 +63,12 @@ void Describe(CLI::App& program)
     program.set_version_flag("--version", "kbagent " KBAGENT_VERSION, "Print the version");
     program.require_subcommand(0, 1);
     program.footer(
-        "Exit codes: 0 all done, 1 could not run, 2 wrong usage, 3 done with some entries failed,\n"
-        "            4 the answer is no, 130 interrupted, 141 the reader of the output has ended.\n\n"
+        "Exit codes: 0 success, 1 could not run, 2 wrong usage, 3 finished, but some entries failed,\n"
+        "            4 the answer is no, 130 interrupted, 141 the reader of the output has exited.\n\n"
         "Examples: kbagent backup --store /backup/store /home /etc\n"
         "          kbagent list --store /backup/store\n"
         "          kbagent restore --store /backup/store --to /tmp/restored /etc\n\n"
-        "kbagent COMMAND --help tells more of each.");
+        "Run 'kbagent COMMAND --help' for more information.");
 }
 
 ICommand& CommandOf(const std::vector<Registered>& all)

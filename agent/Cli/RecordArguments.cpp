@@ -12,11 +12,11 @@ using Backup::YJobPath;
 
 const char* const JobPathHelp =
     "A JOBPATH is a path of a file system (/a/b or C:\\a\\b), its JSON form {\"components\":[...]}, or\n"
-    "else names of no known class (job/part).\n\n";
+    "otherwise names without a known class (job/part).\n\n";
 
 void RecordArguments::AddTo(CLI::App& command)
 {
-    command.add_option("FILE", m_file, "The records; standard input for - and without it");
+    command.add_option("FILE", m_file, "The records; - or no FILE means standard input");
     command.add_option("--base", m_base, "Put the paths of legacy headers below this job path")
         ->type_name("JOBPATH");
 }
@@ -31,7 +31,7 @@ std::vector<YJobPath> JobPathArgument(const std::string& option, const std::stri
     try {
         return JobPathsOf(text);
     } catch (const Krt::Exception::YError& error) {
-        throw UsageError(option + " is no job path: " + ReasonOf(error).Bytes());
+        throw UsageError(option + " is not a job path: " + ReasonOf(error).Bytes());
     }
 }
 

@@ -32,15 +32,15 @@ CLI::App* RenameCommand::Register(CLI::App& program)
     CLI::App* const command =
         program.add_subcommand("rename", "Move the paths of records from below one job path to another");
     m_records.AddTo(*command);
-    command->add_option("--from", m_from, "What is moved, with all below it")
+    command->add_option("--from", m_from, "The job path to move, with everything below it")
         ->type_name("JOBPATH")
         ->required();
-    command->add_option("--to", m_to, "Where it comes to lie")->type_name("JOBPATH")->required();
+    command->add_option("--to", m_to, "New job path")->type_name("JOBPATH")->required();
     command->footer(
-        "A file or directory keeps its name: --from /home/a --to /srv makes /srv/a of /home/a. Anything\n"
-        "else gives way to the new path as a whole. Of a record with several paths the first one below\n"
-        "--from is moved, and the others are dropped. All other records stay as they are. Records are\n"
-        "read and written as convert does.\n\n" +
+        "A file or directory keeps its name: --from /home/a --to /srv moves /home/a to /srv/a. Any\n"
+        "other item is replaced by the new path as a whole. If a record has several paths, the first one\n"
+        "at or below --from is moved and the others are dropped. All other records are not changed.\n"
+        "Records are read and written as by convert.\n\n" +
         std::string(JobPathHelp) +
         "Example: kbagent rename --from 'C:\\Users' --to /srv/restored records.jsonl");
     return command;
@@ -76,7 +76,7 @@ void RenameCommand::Run(Report& report)
         report.Note(
             YString("Warning: other paths of renamed records, now dropped: " + std::to_string(dropped)));
     if (!isAnyBelow)
-        report.Note("No record was renamed: none lies at or below --from");
+        report.Note("No record was renamed: none is at or below --from");
 }
 
 } // namespace

@@ -33,18 +33,20 @@ private:
 CLI::App* RestoreCommand::Register(CLI::App& program)
 {
     CLI::App* const command =
-        program.add_subcommand("restore", "Make the entries of a snapshot anew below a directory");
+        program.add_subcommand("restore", "Restore entries of a snapshot into a directory");
     AddStoreOption(*command, m_store);
-    command->add_option("--snapshot", m_snapshot, "The snapshot's id, its beginning, or latest")
+    command->add_option("--snapshot", m_snapshot, "Snapshot ID, a unique prefix of one, or latest")
         ->type_name("ID")
         ->capture_default_str();
-    command->add_option("--to", m_target, "Restore below this directory, which is made if it is missing")
+    command
+        ->add_option("--to", m_target, "Restore into this directory, which is created if it does not exist")
         ->type_name("TARGET")
         ->required();
-    m_paths = AddPathArguments(*command, "Restore only these entries, as list shows them, with all below");
+    m_paths =
+        AddPathArguments(*command, "Restore only these entries, as list prints them, and all below them");
     command->footer(
-        "An entry /a/b is restored as TARGET/a/b. Files that stand there are replaced. Nothing is ever\n"
-        "written outside TARGET: no link below it is followed, and none of another user's on the way to\n"
+        "An entry /a/b is restored as TARGET/a/b. Existing files are replaced. Nothing is ever written\n"
+        "outside TARGET: symlinks below it are not followed, nor are other users' symlinks on the path to\n"
         "it. The volume of a Windows path becomes a plain directory: C:\\a is restored as TARGET/C/a.\n\n"
         "Example: kbagent restore --store /backup/store --to /tmp/restored /etc/hosts");
     return command;

@@ -74,13 +74,13 @@ CLI::App* ServiceCommand::Register(CLI::App& program)
         AddAction(*service, "restart", "Stop and start the service", &ServiceCommand::Restart);
     AddForce(*restart);
     AddTimeout(*restart);
-    AddAction(*service, "status", "Tell whether the service is running", &ServiceCommand::Status)
+    AddAction(*service, "status", "Print whether the service is running", &ServiceCommand::Status)
         ->footer("Prints NAME: running, stopped or not installed. Exit codes: 0 running, 4 not running,\n"
-                 "1 could not be told.");
+                 "1 could not be determined.");
     AddTimeout(*AddAction(*service, "delete", "Stop the service and remove it", &ServiceCommand::Delete));
     service->footer(
-        "Services are those of launchd on macOS and of systemd elsewhere; all but status takes\n"
-        "root's rights.\n\n"
+        "Services are those of launchd on macOS and of systemd elsewhere. All actions but status\n"
+        "need root privileges.\n\n"
         "Examples: kbagent service install nightly --program /usr/local/bin/nightly -- --verbose\n"
         "          kbagent service start nightly\n"
         "          kbagent service status nightly");
@@ -107,21 +107,21 @@ void ServiceCommand::AddTimeout(CLI::App& action)
 
 void ServiceCommand::AddForce(CLI::App& action)
 {
-    action.add_flag("--force", m_force, "Don't let it finish what it is at");
+    action.add_flag("--force", m_force, "Kill the service instead of waiting for it to finish");
 }
 
 CLI::App* ServiceCommand::AddInstall(CLI::App& service)
 {
     CLI::App* const install =
-        AddAction(service, "install", "Make a service that starts with the machine, or replace it",
+        AddAction(service, "install", "Create or replace a service that starts with the machine",
                   &ServiceCommand::Install);
     install->add_option("--program", m_program, "The program that the service runs")
         ->type_name("PATH")
         ->required();
-    install->add_option("--description", m_description, "What the service is for, in a line")
+    install->add_option("--description", m_description, "The purpose of the service, in one line")
         ->type_name("TEXT");
-    m_arguments = AddPathArguments(*install, "Arguments for the program, behind --", "ARG");
-    install->footer("The service isn't started. Example:\n"
+    m_arguments = AddPathArguments(*install, "Arguments for the program, after --", "ARG");
+    install->footer("The service is not started. Example:\n"
                     "  kbagent service install nightly --program /usr/local/bin/nightly -- --verbose");
     return install;
 }

@@ -80,7 +80,7 @@ CLI::App* TrustCommand::Register(CLI::App& program)
     command->footer(
         "Files are PEM or DER. The first line of the output is \"trusted\", or \"not trusted\" with the\n"
         "reason. A summary of the certificate follows. Exit codes: 0 trusted, 4 not trusted, 1 the server\n"
-        "or a file couldn't be read. Only a TLS handshake is sent to the server.\n\n"
+        "or a file could not be read. Only a TLS handshake is sent to the server.\n\n"
         "Examples: kbagent trust backup.example.com:443\n"
         "          kbagent trust --cert server.pem --chain chain.pem --name backup.example.com");
     return command;

@@ -113,19 +113,20 @@ private:
 CLI::App* VolumesCommand::Register(CLI::App& program)
 {
     CLI::App* const command =
-        program.add_subcommand("volumes", "List the machine's mounts, and which a backup enters");
+        program.add_subcommand("volumes", "List the machine's mounts, and which of them a backup enters");
     command->add_flag("--json", m_json, "Print a JSON document");
     command->footer(
-        "Each mount has a line: the class of its file system (fixed, removable, network, special, rootfs\n"
-        "or unknown), whether it can be written to (rw) or not (ro), the space that is free to ordinary\n"
-        "users, whether a backup of a directory above it enters it (for a file that is mounted: no), its\n"
-        "source and its mount path. A backup enters mounts of the class fixed, those on the volume of the\n"
-        "directory above them, and those that the configuration key IncludedMountpoints lists.\n"
-        "A - stands for what can't be told: of a mount that another one lies over, and of one that\n"
-        "doesn't answer, which is told on standard error.\n\n"
-        "On a terminal long names are cut. What is invisible in a name is escaped as \\n, \\xHH, \\uHHHH\n"
-        "or \\UHHHHHHHH, and a backslash is doubled. In JSON, names are whole, sizes are\n"
-        "bytes, and the keys free_bytes, entered and error are absent where there is nothing to tell.\n\n"
+        "One line is printed for each mount: the class of its file system (fixed, removable, network,\n"
+        "special, rootfs or unknown), whether it is writable (rw) or not (ro), the space that is free to\n"
+        "ordinary users, whether a backup of a directory above it enters it (for a file that is mounted:\n"
+        "no), its source and its mount path. A backup enters mounts of the class fixed, those on the volume\n"
+        "of the directory above them, and those that the configuration key IncludedMountpoints lists.\n\n"
+        "A - means that a value is unknown, because another mount hides this one or because the file system\n"
+        "does not answer. The latter is reported on standard error.\n\n"
+        "On a terminal long names are cut. Control characters, invisible characters and unusual blanks in\n"
+        "a name are escaped as \\n, \\xHH, \\uHHHH or \\UHHHHHHHH, and a backslash is doubled. In JSON,\n"
+        "names are not cut, sizes are in bytes, and the keys free_bytes, entered and error are absent if\n"
+        "they have no value.\n\n"
         "Example: kbagent volumes");
     return command;
 }
