@@ -46,7 +46,8 @@ protected:
         std::string line = command.at(2);
         if (const std::size_t owner = line.find("root:wheel"); owner != std::string::npos)
             line.replace(owner, 10, std::to_string(geteuid()) + ":" + std::to_string(getegid()));
-        return WEXITSTATUS(std::system(line.c_str()));
+        const int status = std::system(line.c_str()); // macOS takes its address
+        return WEXITSTATUS(status);
     }
     void Install(const YString& name, const Krt::File::YPath& program)
     {

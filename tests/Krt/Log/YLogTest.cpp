@@ -143,7 +143,7 @@ TEST_F(YLogTest, OpenRefusesWhatIsNotItsOwnFile)
         {"link", ELOOP}, {"missing/log", ENOENT}, {".", EISDIR}, {"fifo", ENXIO}};
     for (const auto& [name, error] : rows) {
         log.Open(At(target));
-        EXPECT_EQ(Testing::OsErrorOf([&, name = name] { log.Open(At(directory / name)); }), error) << name;
+        EXPECT_EQ(Testing::OsErrorOf([&, file = name] { log.Open(At(directory / file)); }), error) << name;
         EXPECT_FALSE(log.IsOpen()) << name;
     }
     Say("nobody hears");
