@@ -16,6 +16,7 @@ add_library(BackupCompiler INTERFACE)
 target_compile_features(BackupCompiler INTERFACE cxx_std_20)
 target_compile_options(BackupCompiler INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wcast-align -Woverloaded-virtual -Wundef
+  $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
   $<$<BOOL:${BACKUP_WERROR}>:-Werror>
   # Errors report the path below the root, or below libkrt/, so both are taken off; the longer one comes
   # last because GCC lets the last match win. A compiler cache may hand over paths relative to the build.

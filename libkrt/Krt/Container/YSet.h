@@ -2,9 +2,9 @@
 #pragma once
 
 #include "Krt/Signal/YSignal.h"
+#include "Krt/Thread/ThreadSafety.h"
 
 #include <condition_variable>
-#include <mutex>
 #include <set>
 
 namespace Krt::Container {
@@ -34,10 +34,10 @@ private:
     template <class Change>
     auto Apply(Change change);
 
-    mutable std::mutex m_mutex;
+    mutable Thread::AnnotatedMutex m_mutex;
     mutable std::condition_variable m_condition;
-    std::set<T> m_values;
-    unsigned long long m_changes = 0;
+    std::set<T> m_values KRT_GUARDED_BY(m_mutex);
+    unsigned long long m_changes KRT_GUARDED_BY(m_mutex) = 0;
     Signal::YSignal<void()> m_changed;
 };
 
@@ -45,10 +45,10 @@ template <class T>
 template <class Change>
 auto YSet<T>::Apply(Change change)
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    Thread::AnnotatedLock lock(m_mutex);
     auto result = change(m_values);
     ++m_changes;
-    lock.unlock();
+    lock.Unlock();
     m_condition.notify_all();
     m_changed();
     return result;
@@ -72,36 +72,39 @@ bool YSet<T>::Insert(const T& value)
 template <class T>
 bool YSet<T>::Contains(const T& value) const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    const Thread::AnnotatedLock lock(m_mutex);
     return m_values.count(value) != 0;
 }
 
 template <class T>
 unsigned long YSet<T>::Size() const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    const Thread::AnnotatedLock lock(m_mutex);
     return m_values.size();
 }
 
 template <class T>
 std::set<T> YSet<T>::Values() const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    const Thread::AnnotatedLock lock(m_mutex);
     return m_values;
 }
 
 template <class T>
 unsigned long long YSet<T>::ChangeCount() const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    const Thread::AnnotatedLock lock(m_mutex);
     return m_changes;
 }
 
 template <class T>
 unsigned long long YSet<T>::WaitForChange(unsigned long long seen) const
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_condition.wait(lock, [&] { return m_changes > seen; });
+    Thread::AnnotatedLock lock(m_mutex);
+    lock.Wait(m_condition, [&] {
+        m_mutex.AssertHeld();
+        return m_changes > seen;
+    });
     return m_changes;
 }
 

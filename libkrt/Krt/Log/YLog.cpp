@@ -65,14 +65,14 @@ class YLog::Impl
 {
 public:
     // The lock is held for a whole line, so that lines stand in the order of their times.
-    mutable std::mutex mutex;
-    Util::YUnxHandle file;
-    bool copyToConsole = false;
-    bool wholeLines = false;
+    mutable Thread::AnnotatedMutex mutex;
+    Util::YUnxHandle file KRT_GUARDED_BY(mutex);
+    bool copyToConsole KRT_GUARDED_BY(mutex) = false;
+    bool wholeLines KRT_GUARDED_BY(mutex) = false;
     std::atomic<unsigned long long> dropped{0};
 
-    // Whether the line was written; called with the lock held.
-    bool WriteLine(unsigned int type, std::string_view text)
+    // Whether the line was written.
+    bool WriteLine(unsigned int type, std::string_view text) KRT_REQUIRES(mutex)
     {
         if (file.IsEmpty() || !MakeLine(type, text))
             return false;
@@ -88,7 +88,7 @@ public:
 
 private:
     // False if there is no memory for it.
-    bool MakeLine(unsigned int type, std::string_view text)
+    bool MakeLine(unsigned int type, std::string_view text) KRT_REQUIRES(mutex)
     {
         try {
             m_line.clear();
@@ -103,24 +103,26 @@ private:
     }
 
     // One call, since the appended pieces of several processes may alternate.
-    ssize_t WriteOnce(int descriptor) const
+    ssize_t WriteOnce(int descriptor) const KRT_REQUIRES(mutex)
     {
-        return Util::CallSystem([&] { return write(descriptor, m_line.data(), m_line.size()); }).value;
+        const std::string_view line = m_line;
+        return Util::CallSystem([&] { return write(descriptor, line.data(), line.size()); }).value;
     }
 
     // An appending write leaves the offset behind what it wrote. If the file has grown since, it stays as it
     // is.
-    void TakeBack(ssize_t count) const
+    void TakeBack(ssize_t count) const KRT_REQUIRES(mutex)
     {
-        const off_t end = lseek(file.Get(), 0, SEEK_CUR);
-        if (end < count || lseek(file.Get(), 0, SEEK_END) != end)
+        const int descriptor = file.Get();
+        const off_t end = lseek(descriptor, 0, SEEK_CUR);
+        if (end < count || lseek(descriptor, 0, SEEK_END) != end)
             return;
-        if (!Util::CallSystem([&] { return ftruncate(file.Get(), end - count); }))
+        if (!Util::CallSystem([&] { return ftruncate(descriptor, end - count); }))
             return; // the piece of a line stays, and the line counts as dropped all the same
     }
 
-    Clock m_clock;
-    std::string m_line; // kept for its capacity
+    Clock m_clock KRT_GUARDED_BY(mutex);
+    std::string m_line KRT_GUARDED_BY(mutex); // kept for its capacity
 };
 
 YLog::YLog() : m_impl(std::make_unique<Impl>()) {}
@@ -129,7 +131,7 @@ YLog::~YLog() = default;
 
 void YLog::Open(Param param)
 {
-    const std::lock_guard lock(m_impl->mutex);
+    const Thread::AnnotatedLock lock(m_impl->mutex);
     m_impl->file.Close();
     // A FIFO that nobody reads, put in the log's place, would hold every thread that logs.
     constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
@@ -141,13 +143,13 @@ void YLog::Open(Param param)
 
 void YLog::Close()
 {
-    const std::lock_guard lock(m_impl->mutex);
+    const Thread::AnnotatedLock lock(m_impl->mutex);
     m_impl->file.Close();
 }
 
 bool YLog::IsOpen() const
 {
-    const std::lock_guard lock(m_impl->mutex);
+    const Thread::AnnotatedLock lock(m_impl->mutex);
     return !m_impl->file.IsEmpty();
 }
 
@@ -166,7 +168,7 @@ void YLog::Write(unsigned int type, const YString& message)
     std::string_view text = message.Bytes();
     if (text.ends_with('\n'))
         text.remove_suffix(1);
-    const std::lock_guard lock(m_impl->mutex);
+    const Thread::AnnotatedLock lock(m_impl->mutex);
     if (!m_impl->WriteLine(type, text))
         m_impl->dropped.fetch_add(1, std::memory_order_relaxed);
 }

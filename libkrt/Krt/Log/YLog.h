@@ -5,10 +5,10 @@
 #include "Krt/File/YPath.h"
 #include "Krt/Log/MessageType.h"
 #include "Krt/Log/YStream.h"
+#include "Krt/Thread/ThreadSafety.h"
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace Krt::Log {
@@ -117,9 +117,9 @@ private:
     }
 
     std::atomic<unsigned int> m_enabled{0};
-    mutable std::mutex m_mutex;
+    mutable Thread::AnnotatedMutex m_mutex;
     // A pointer, null for none, so that the process's registrar needs no code to begin its life.
-    std::unique_ptr<std::vector<YString>> m_names;
+    std::unique_ptr<std::vector<YString>> m_names KRT_GUARDED_BY(m_mutex);
 };
 
 namespace Detail {

@@ -46,14 +46,14 @@ void YRegistrar::SetEnabledMessages(const std::vector<YString>& names)
         }
     }
     auto kept = std::make_unique<std::vector<YString>>(names);
-    const std::lock_guard lock(m_mutex);
+    const Thread::AnnotatedLock lock(m_mutex);
     m_names = std::move(kept);
     m_enabled.store(enabled, std::memory_order_relaxed);
 }
 
 std::vector<YString> YRegistrar::GetEnabledMessages() const
 {
-    const std::lock_guard lock(m_mutex);
+    const Thread::AnnotatedLock lock(m_mutex);
     return m_names ? *m_names : std::vector<YString>();
 }
 

@@ -1,6 +1,7 @@
 #include "Krt/Thread/YReadWriteMutex.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/Thread/ThreadSafety.h"
 
 #include <boost/make_shared.hpp>
 #include <boost/smart_ptr/enable_shared_from_this.hpp>
@@ -9,7 +10,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -77,7 +77,6 @@ public:
     void Unregister(const ReaderSlot& slot);
 
 private:
-    using Guard = std::unique_lock<std::mutex>;
     using Deadline = std::chrono::steady_clock::time_point;
     static constexpr Deadline Never = Deadline::max();
     enum class State
@@ -89,25 +88,24 @@ private:
 
     static Deadline DeadlineOf(const Time::YDuration& timeout);
     template <class Condition>
-    bool Wait(Guard& guard, Deadline deadline, Condition condition);
+    bool Wait(AnnotatedLock& guard, Deadline deadline, Condition condition);
     ReaderSlot& MySlot();
     ReaderSlot& Register();
     bool ReadLockSlow(const Time::YDuration& timeout);
     bool WriteLockSlow(ReaderSlot& slot, const Time::YDuration& timeout);
-    // With m_mutex held.
-    void SetHeld(ReaderSlot& slot);
-    void ClearHeld(ReaderSlot& slot);
-    void RevokeReaderBias();
-    void RestoreReaderBiasIfIdle();
+    void SetHeld(ReaderSlot& slot) KRT_REQUIRES(m_mutex);
+    void ClearHeld(ReaderSlot& slot) KRT_REQUIRES(m_mutex);
+    void RevokeReaderBias() KRT_REQUIRES(m_mutex);
+    void RestoreReaderBiasIfIdle() KRT_REQUIRES(m_mutex);
 
-    std::mutex m_mutex;
+    AnnotatedMutex m_mutex;
     std::condition_variable m_changed;
-    std::vector<ReaderSlot*> m_slots; // of all threads
-    State m_state = State::Biased;
-    bool m_upgrading = false; // a reader waits to write
-    unsigned int m_holders = 0;
-    unsigned int m_waitingWriters = 0;
-    unsigned int m_starvedReaders = 0;
+    std::vector<ReaderSlot*> m_slots KRT_GUARDED_BY(m_mutex); // of all threads
+    State m_state KRT_GUARDED_BY(m_mutex) = State::Biased;
+    bool m_upgrading KRT_GUARDED_BY(m_mutex) = false; // a reader waits to write
+    unsigned int m_holders KRT_GUARDED_BY(m_mutex) = 0;
+    unsigned int m_waitingWriters KRT_GUARDED_BY(m_mutex) = 0;
+    unsigned int m_starvedReaders KRT_GUARDED_BY(m_mutex) = 0;
 };
 
 ReaderSlot::ReaderSlot(const YReadWriteMutexInternal* lockAddress,
@@ -132,7 +130,7 @@ ReaderSlot& YReadWriteMutexInternal::Register()
     ReaderSlots& mine = ReaderSlots::Mine();
     mine.Reserve();
     auto slot = std::make_unique<ReaderSlot>(this, weak_from_this());
-    const Guard guard(m_mutex);
+    const AnnotatedLock guard(m_mutex);
     m_slots.push_back(slot.get());
     if (m_state != State::Biased)
         slot->state.store(ReaderSlot::BiasRevoked, std::memory_order_relaxed);
@@ -142,7 +140,7 @@ ReaderSlot& YReadWriteMutexInternal::Register()
 
 void YReadWriteMutexInternal::Unregister(const ReaderSlot& slot)
 {
-    const Guard guard(m_mutex);
+    const AnnotatedLock guard(m_mutex);
     std::erase(m_slots, &slot);
 }
 
@@ -155,11 +153,11 @@ YReadWriteMutexInternal::Deadline YReadWriteMutexInternal::DeadlineOf(const Time
 }
 
 template <class Condition>
-bool YReadWriteMutexInternal::Wait(Guard& guard, Deadline deadline, Condition condition)
+bool YReadWriteMutexInternal::Wait(AnnotatedLock& guard, Deadline deadline, Condition condition)
 {
     if (deadline != Never)
-        return m_changed.wait_until(guard, deadline, condition);
-    m_changed.wait(guard, condition);
+        return guard.WaitUntil(m_changed, deadline, condition);
+    guard.Wait(m_changed, condition);
     return true;
 }
 
@@ -172,14 +170,19 @@ bool YReadWriteMutexInternal::ReadLockSlow(const Time::YDuration& timeout)
 {
     ReaderSlots& mine = ReaderSlots::Mine();
     ReaderSlot& slot = MySlot();
-    Guard guard(m_mutex);
+    AnnotatedLock guard(m_mutex);
     if (m_state == State::Writing || m_waitingWriters != 0) {
         const Deadline deadline = DeadlineOf(timeout);
         if (mine.locksHeldByThread == 0)
-            Wait(guard, std::min(deadline, std::chrono::steady_clock::now() + WriterPreferenceLimit),
-                 [&] { return m_state != State::Writing && m_waitingWriters == 0; });
+            Wait(guard, std::min(deadline, std::chrono::steady_clock::now() + WriterPreferenceLimit), [&] {
+                m_mutex.AssertHeld();
+                return m_state != State::Writing && m_waitingWriters == 0;
+            });
         ++m_starvedReaders;
-        const bool free = Wait(guard, deadline, [&] { return m_state != State::Writing; });
+        const bool free = Wait(guard, deadline, [&] {
+            m_mutex.AssertHeld();
+            return m_state != State::Writing;
+        });
         --m_starvedReaders;
         if (!free)
             return false;
@@ -205,12 +208,13 @@ bool YReadWriteMutexInternal::WriteLock(const Time::YDuration& timeout)
 bool YReadWriteMutexInternal::WriteLockSlow(ReaderSlot& slot, const Time::YDuration& timeout)
 {
     const bool upgrade = slot.readLevels != 0;
-    Guard guard(m_mutex);
+    AnnotatedLock guard(m_mutex);
     if (upgrade && m_upgrading)
         return false;
     m_upgrading = m_upgrading || upgrade;
     RevokeReaderBias();
     const auto alone = [&] {
+        m_mutex.AssertHeld();
         return m_holders == (upgrade ? 1 : 0) && m_starvedReaders == 0;
     };
     ++m_waitingWriters;
@@ -237,7 +241,7 @@ void YReadWriteMutexInternal::ReadUnlock()
     ReaderSlot& slot = MySlot();
     slot.readLevels = 0;
     --mine.locksHeldByThread;
-    const Guard guard(m_mutex);
+    const AnnotatedLock guard(m_mutex);
     ClearHeld(slot);
 }
 
@@ -247,7 +251,7 @@ void YReadWriteMutexInternal::WriteUnlock()
     if (--slot.writeLevels != 0)
         return;
     --ReaderSlots::Mine().locksHeldByThread;
-    const Guard guard(m_mutex);
+    const AnnotatedLock guard(m_mutex);
     ClearHeld(slot);
     m_state = State::Revoked;
     RestoreReaderBiasIfIdle();

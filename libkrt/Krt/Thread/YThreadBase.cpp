@@ -2,6 +2,7 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/Thread/Thread.h"
+#include "Krt/Thread/ThreadSafety.h"
 #include "Krt/Thread/Unix/NativeThread.h"
 
 #include <pthread.h>
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -41,16 +41,20 @@ public:
 
 private:
     static void* Main(void* impl);
-    bool IsCalled(IRunnable* runnable) const { return std::ranges::count(m_called, runnable) != 0; }
+    bool IsCalled(IRunnable* runnable) const KRT_REQUIRES(m_stackMutex)
+    {
+        return std::ranges::count(m_called, runnable) != 0;
+    }
 
-    std::mutex m_joinMutex;
+    AnnotatedMutex m_joinMutex;
     pthread_t m_handle{};
-    bool m_joined = false;
+    bool m_joined KRT_GUARDED_BY(m_joinMutex) = false;
 
-    std::mutex m_stackMutex;
+    AnnotatedMutex m_stackMutex;
     std::condition_variable m_callEnded;
-    std::vector<IRunnable*> m_stack;
-    std::vector<IRunnable*> m_called; // by requests, without the lock; each at most once
+    std::vector<IRunnable*> m_stack KRT_GUARDED_BY(m_stackMutex);
+    // By requests, without the mutex; each at most once.
+    std::vector<IRunnable*> m_called KRT_GUARDED_BY(m_stackMutex);
 };
 
 void* YThreadBase::Impl::Main(void* impl)
@@ -64,21 +68,24 @@ void* YThreadBase::Impl::Main(void* impl)
 
 void YThreadBase::Impl::Join()
 {
-    const std::lock_guard<std::mutex> guard(m_joinMutex);
+    const AnnotatedLock guard(m_joinMutex);
     if (!std::exchange(m_joined, true))
         pthread_join(m_handle, nullptr);
 }
 
 void YThreadBase::Impl::Push(IRunnable* runnable)
 {
-    const std::lock_guard<std::mutex> guard(m_stackMutex);
+    const AnnotatedLock guard(m_stackMutex);
     m_stack.push_back(runnable);
 }
 
 void YThreadBase::Impl::Pop(IRunnable* runnable)
 {
-    std::unique_lock<std::mutex> guard(m_stackMutex);
-    m_callEnded.wait(guard, [&] { return !IsCalled(runnable); });
+    AnnotatedLock guard(m_stackMutex);
+    guard.Wait(m_callEnded, [&] {
+        m_stackMutex.AssertHeld();
+        return !IsCalled(runnable);
+    });
     if (const auto entry = std::find(m_stack.rbegin(), m_stack.rend(), runnable); entry != m_stack.rend())
         m_stack.erase(std::next(entry).base());
 }
@@ -88,14 +95,14 @@ void YThreadBase::Impl::Pop(IRunnable* runnable)
 void YThreadBase::Impl::RequestCancel()
 {
     m_cancelRequested.store(true);
-    std::unique_lock<std::mutex> guard(m_stackMutex);
+    AnnotatedLock guard(m_stackMutex);
     if (m_stack.empty() || IsCalled(m_stack.back()))
         return;
     IRunnable* const top = m_stack.back();
     m_called.push_back(top);
-    guard.unlock();
+    guard.Unlock();
     top->Run();
-    guard.lock();
+    guard.Lock();
     std::erase(m_called, top);
     m_callEnded.notify_all();
 }
