@@ -13,7 +13,6 @@ Backup/File/Unix/File.h <sys/stat.h>                        # struct stat for St
 Backup/File/YSelectionRules.h <algorithm>
 Backup/Volume/Unix/YVolumeManager.h "Krt/File/PathHash.h"   # the map's hash
 Krt/Exception/Raise.h "Krt/Exception/YError.h"              # the statements' macros
-Krt/Exception/Raise.h "Krt/Log/LogPrefix.h"
 Krt/Exception/YError.h "Krt/Log/MessageType.h"              # what GetMessageType is compared with
 Krt/File/YDirectory.h "Krt/File/OpenFile.h"                 # operations on GetHandle
 Krt/KrtFoundation/boostapi.h "Krt/Exception/YError.h"       # what callers catch
