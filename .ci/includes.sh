@@ -10,7 +10,6 @@ command -v include-what-you-use >/dev/null || { echo "include-what-you-use is mi
 # callers on purpose.
 kept=$(sed 's/ *\(#.*\)*$//' <<'END'
 Backup/File/Unix/File.h <sys/stat.h>                        # struct stat for StatFile's callers
-Backup/File/YSelectionRules.h <algorithm>
 Backup/Volume/Unix/YVolumeManager.h "Krt/File/PathHash.h"   # the map's hash
 Krt/Exception/Raise.h "Krt/Exception/YError.h"              # the statements' macros
 Krt/Exception/YError.h "Krt/Log/MessageType.h"              # what GetMessageType is compared with

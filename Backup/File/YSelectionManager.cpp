@@ -147,7 +147,7 @@ bool YSelectionManager::Delete(const YSelectionPathDescriptor& rule)
         if (stored == rules->end())
             return false;
         if (rule.IsInclude()) { // callers rely on it that a single exclude stays
-            node->m_includes.Erase(stored);
+            node->m_includes.Erase(*stored);
             node->RulesChanged(-1);
         }
     }

@@ -233,7 +233,7 @@ void Node::PruneByPatterns(const YSelectionDescriptor& rule, YSelectionRulesBelo
             continue;
         Node* node = entry->node;
         Rules& rules = isInclude ? node->m_includes : node->m_excludes;
-        rules.Erase(rules.Find(*entry->rule));
+        rules.Erase(*entry->rule);
         entry->rule = nullptr;
         node->RulesChanged(isInclude ? -1 : 0);
         node->EraseUpwardsWhileEmpty(this);
@@ -252,50 +252,42 @@ void Node::EraseUpwardsWhileEmpty(const YSelectionManagerNode* last)
 bool Node::DoesNodePruneDescriptor(const YSelectionDescriptor& candidate,
                                    bool checkNonRecursiveDescriptors) const
 {
-    return m_includes.VisitThoseCovering(candidate, [&](const YSelectionDescriptor& rule) {
-        return (checkNonRecursiveDescriptors || (rule.IsRecursive() && !rule.GetExplicitSelection())) &&
-               rule.CanPrune(candidate);
-    }) || m_excludes.VisitThoseCovering(candidate, [&](const YSelectionDescriptor& rule) {
-        return (checkNonRecursiveDescriptors || rule.IsRecursive()) && rule.CanPrune(candidate);
+    return m_includes.AnyCovering(candidate, [&](const YSelectionDescriptor& rule) {
+        return checkNonRecursiveDescriptors || (rule.IsRecursive() && !rule.GetExplicitSelection());
+    }) || m_excludes.AnyCovering(candidate, [&](const YSelectionDescriptor& rule) {
+        return checkNonRecursiveDescriptors || rule.IsRecursive();
     });
 }
 
 bool Node::MatchesInclude(const YString& name, bool checkNonRecursiveDescriptors) const
 {
-    return m_includes.VisitThoseAbout(name, [&](const YSelectionDescriptor& rule) {
-        return (checkNonRecursiveDescriptors || rule.IsRecursive()) &&
-               Krt::Match::Check(name, rule.GetDescriptor());
-    });
+    return !m_includes.empty() && m_includes.AnyMatching(name, !checkNonRecursiveDescriptors,
+                                                         [](const YSelectionDescriptor&) { return true; });
 }
 
 bool Node::MatchesExclude(const YString& name, bool checkNonRecursiveDescriptors, bool& reportable) const
 {
     bool matched = false;
-    reportable = false;
-    m_excludes.VisitThoseAbout(name, [&](const YSelectionDescriptor& rule) {
-        if ((checkNonRecursiveDescriptors || rule.IsRecursive()) &&
-            Krt::Match::Check(name, rule.GetDescriptor())) {
+    reportable =
+        m_excludes.AnyMatching(name, !checkNonRecursiveDescriptors, [&](const YSelectionDescriptor& rule) {
             matched = true;
-            reportable = reportable || rule.GetReportExclude();
-        }
-        return reportable; // the last thing to find out
-    });
+            return rule.GetReportExclude();
+        });
     return matched;
 }
 
 bool Node::MatchesExplicitExactNonRecursiveInclude(const YString& name) const
 {
-    return m_includes.VisitThoseAbout(name, [&](const YSelectionDescriptor& rule) {
+    return m_includes.AnyMatching(name, false, [](const YSelectionDescriptor& rule) {
         return rule.GetExplicitSelection() && !rule.IsRecursive() &&
-               rule.GetDescriptor().GetMatchType() == MatchType::Exact &&
-               Krt::Match::Check(name, rule.GetDescriptor());
+               rule.GetDescriptor().GetMatchType() == MatchType::Exact;
     });
 }
 
 bool Node::AllChildrenAreExcludedNotReportably() const
 {
     bool covered = false;
-    const bool isReported = m_excludes.VisitThoseAboutAll([&](const YSelectionDescriptor& rule) {
+    const bool isReported = m_excludes.AnyCoveringAllNames([&](const YSelectionDescriptor& rule) {
         covered = true;
         return rule.GetReportExclude();
     });
@@ -309,7 +301,7 @@ bool Node::HasAnyRecursiveIncludes() const
 
 bool Node::SelectsAllExplicitly() const
 {
-    return m_includes.VisitThoseAboutAll(
+    return m_includes.AnyCoveringAllNames(
         [](const YSelectionDescriptor& rule) { return rule.IsRecursive() && rule.GetExplicitSelection(); });
 }
 

@@ -1,6 +1,9 @@
 #include "Backup/File/YSelectionRules.h"
 
+#include <algorithm>
 #include <new>
+#include <string_view>
+#include <unordered_map>
 
 namespace Backup::File {
 
@@ -8,17 +11,8 @@ using Krt::Match::MatchType;
 
 namespace {
 
-// Which of the index's lists a rule stands in, beside the one by pattern; null for none.
-template <class Index>
-auto* ListOf(Index& index, const YSelectionDescriptor& rule)
-{
-    const Krt::Match::Descriptor& names = rule.GetDescriptor();
-    if (rule.CoversAllNames())
-        return &index.aboutAll;
-    const bool isFoundByName = names.GetMatchType() == MatchType::None ||
-                               (names.GetMatchType() == MatchType::Exact && names.IsCaseSensitive());
-    return isFoundByName ? nullptr : &index.others;
-}
+// A smaller set is searched from end to end.
+constexpr std::size_t LeastIndexed = 16;
 
 bool IsExact(const YSelectionDescriptor& rule)
 {
@@ -27,118 +21,46 @@ bool IsExact(const YSelectionDescriptor& rule)
 
 } // namespace
 
-YSelectionRules& YSelectionRules::operator=(const YSelectionRules& other)
+struct YSelectionRules::Index
 {
-    if (this != &other) {
-        m_index.reset();
-        m_rules = other.m_rules;
-        RemakeIndex();
-    }
-    return *this;
-}
-
-YSelectionRules::const_iterator YSelectionRules::Find(const Rule& rule) const
-{
-    // Rules for any name are equal whatever their patterns hold, which the order does not know.
-    if (rule.GetDescriptor().IsAny())
-        return std::find(m_rules.begin(), m_rules.end(), rule);
-    const auto stored = m_rules.find(rule);
-    return stored != m_rules.end() && *stored == rule ? stored : m_rules.end();
-}
-
-YSelectionRules::Prepared YSelectionRules::Prepare(const Rule& rule)
-{
-    std::set<Rule> alone{rule};
-    return alone.extract(alone.begin());
-}
-
-bool YSelectionRules::Insert(Prepared&& rule) noexcept
-{
-    const auto inserted = m_rules.insert(std::move(rule));
-    if (!inserted.inserted)
-        return false;
-    if (m_index == nullptr)
-        RemakeIndex();
-    else
-        TryToIndex(*inserted.position);
-    return true;
-}
-
-void YSelectionRules::Clear() noexcept
-{
-    m_index.reset();
-    m_rules.clear();
-}
-
-void YSelectionRules::Erase(const_iterator position)
-{
-    if (m_index != nullptr)
-        m_index->Remove(*position);
-    m_rules.erase(position);
-}
-
-// All are found before the first goes, so that a failure changes nothing.
-std::size_t YSelectionRules::EraseCovered(const Rule& rule, const std::function<bool(const Rule&)>& mayGo)
-{
-    Pointers covered = FindCovered(rule);
-    std::erase_if(covered, [&](const Rule* stored) { return !mayGo(*stored); });
-    // An index of what remains is made sooner than so much is taken out of it.
-    const bool isMost = covered.size() > m_rules.size() / 2;
-    if (isMost)
-        m_index.reset();
-    for (const Rule* const stored : covered)
-        Erase(m_rules.find(*stored));
-    if (isMost)
-        RemakeIndex();
-    return covered.size();
-}
-
-// In order.
-YSelectionRules::Pointers YSelectionRules::FindCovered(const Rule& rule) const
-{
-    Pointers covered;
-    const auto consider = [&](const Rule& stored) {
-        if (rule.CanPrune(stored))
-            covered.push_back(&stored);
-        return false;
+    // Where the lists have a rule.
+    struct Place
+    {
+        const Rule* rule;
+        std::size_t inExact;  // if it is exact
+        std::size_t inOthers; // in allNames or others, if one of them has it
     };
-    const Krt::Match::Descriptor& names = rule.GetDescriptor();
-    if (m_index == nullptr || names.IsAny()) {
-        std::for_each(m_rules.begin(), m_rules.end(), consider);
-        return covered;
-    }
-    // Beside its own pattern a glob covers names, and nothing else covers more than its pattern.
-    m_index->VisitPattern(names.GetPattern(), [&](const Rule& stored) {
-        return names.GetMatchType() == MatchType::Glob && IsExact(stored) ? false : consider(stored);
-    });
-    if (names.GetMatchType() == MatchType::Glob)
-        Index::Visit(m_index->exact, consider);
-    std::sort(covered.begin(), covered.end(), [](const Rule* a, const Rule* b) { return *a < *b; });
-    return covered;
-}
 
-void YSelectionRules::RemakeIndex()
-{
-    m_index.reset();
-    if (m_rules.size() < LeastIndexed)
-        return;
-    m_index.reset(new (std::nothrow) Index);
-    for (auto rule = m_rules.begin(); m_index != nullptr && rule != m_rules.end(); ++rule)
-        TryToIndex(*rule);
-}
-
-void YSelectionRules::TryToIndex(const Rule& rule)
-{
-    try {
-        m_index->Add(rule);
-    } catch (const std::bad_alloc&) {
-        m_index.reset(); // answers are the same without it
+    void Add(const Rule& rule);
+    void Remove(const Rule& rule);
+    template <class Visitor>
+    bool AnyOfPattern(const YString& pattern, Visitor&& visitor) const
+    {
+        const auto [first, last] = byPattern.equal_range(pattern.Bytes());
+        return std::any_of(first, last, [&](const auto& entry) { return visitor(*entry.second.rule); });
     }
-}
+    template <class Visitor>
+    static bool AnyOf(const Pointers& rules, Visitor&& visitor)
+    {
+        return std::any_of(rules.begin(), rules.end(), [&](const Rule* rule) { return visitor(*rule); });
+    }
+
+    using ByPattern = std::unordered_multimap<std::string_view, Place>;
+    ByPattern::iterator Find(const Rule& rule);
+    void TakeOut(Pointers& rules, std::size_t Place::*position, const Rule& rule);
+    Pointers* ListOf(const Rule& rule);
+
+    // All rules by their pattern, which is the name that an exact rule matches. The views are into the rules.
+    ByPattern byPattern;
+    // In any order:
+    Pointers allNames; // those that cover all names
+    Pointers others;   // further ones that may match a name that is not their pattern
+    Pointers exact;
+};
 
 void YSelectionRules::Index::Add(const Rule& rule)
 {
-    Pointers* const list = ListOf(*this, rule);
+    Pointers* const list = ListOf(rule);
     byPattern.emplace(rule.GetDescriptor().GetPattern().Bytes(),
                       Place{&rule, exact.size(), list != nullptr ? list->size() : 0});
     if (list != nullptr)
@@ -162,13 +84,176 @@ void YSelectionRules::Index::TakeOut(Pointers& rules, std::size_t Place::*positi
     rules.pop_back();
 }
 
+// Which list has a rule in addition to byPattern and exact; null for none.
+YSelectionRules::Pointers* YSelectionRules::Index::ListOf(const Rule& rule)
+{
+    if (rule.CoversAllNames())
+        return &allNames;
+    const bool isFoundByName = rule.GetDescriptor().GetMatchType() == MatchType::None ||
+                               (IsExact(rule) && rule.GetDescriptor().IsCaseSensitive());
+    return isFoundByName ? nullptr : &others;
+}
+
 void YSelectionRules::Index::Remove(const Rule& rule)
 {
     if (IsExact(rule))
         TakeOut(exact, &Place::inExact, rule);
-    if (Pointers* const list = ListOf(*this, rule))
+    if (Pointers* const list = ListOf(rule))
         TakeOut(*list, &Place::inOthers, rule);
     byPattern.erase(Find(rule));
+}
+
+YSelectionRules::YSelectionRules() = default;
+
+YSelectionRules::YSelectionRules(const YSelectionRules& other)
+{
+    *this = other;
+}
+
+YSelectionRules& YSelectionRules::operator=(const YSelectionRules& other)
+{
+    if (this != &other) {
+        m_index.reset();
+        m_rules = other.m_rules;
+        RebuildIndex();
+    }
+    return *this;
+}
+
+YSelectionRules::~YSelectionRules() = default;
+
+YSelectionRules::const_iterator YSelectionRules::Find(const Rule& rule) const
+{
+    // Rules for any name are equal whatever their patterns are, which the order does not reflect.
+    if (rule.GetDescriptor().IsAny())
+        return std::find(m_rules.begin(), m_rules.end(), rule);
+    const auto stored = m_rules.find(rule);
+    return stored != m_rules.end() && *stored == rule ? stored : m_rules.end();
+}
+
+YSelectionRules::Prepared YSelectionRules::Prepare(const Rule& rule)
+{
+    std::set<Rule> alone{rule};
+    return alone.extract(alone.begin());
+}
+
+bool YSelectionRules::Insert(Prepared&& rule) noexcept
+{
+    const auto inserted = m_rules.insert(std::move(rule));
+    if (!inserted.inserted)
+        return false;
+    if (m_index == nullptr)
+        RebuildIndex();
+    else
+        TryToIndex(*inserted.position);
+    return true;
+}
+
+void YSelectionRules::Clear() noexcept
+{
+    m_index.reset();
+    m_rules.clear();
+}
+
+void YSelectionRules::Erase(const Rule& stored)
+{
+    const auto position = m_rules.find(stored);
+    if (m_index != nullptr)
+        m_index->Remove(*position);
+    m_rules.erase(position);
+}
+
+bool YSelectionRules::AnyMatching(const YString& name, bool recursiveOnly, Condition condition) const
+{
+    const auto holds = [&](const Rule& rule) {
+        return (!recursiveOnly || rule.IsRecursive()) && Krt::Match::Check(name, rule.GetDescriptor()) &&
+               condition(rule);
+    };
+    if (m_index == nullptr)
+        return std::any_of(m_rules.begin(), m_rules.end(), holds);
+    return m_index->AnyOfPattern(name, holds) || Index::AnyOf(m_index->allNames, holds) ||
+           Index::AnyOf(m_index->others, holds);
+}
+
+bool YSelectionRules::AnyCoveringAllNames(Condition condition) const
+{
+    if (m_index != nullptr)
+        return Index::AnyOf(m_index->allNames, condition);
+    return std::any_of(m_rules.begin(), m_rules.end(),
+                       [&](const Rule& rule) { return rule.CoversAllNames() && condition(rule); });
+}
+
+bool YSelectionRules::AnyCovering(const Rule& candidate, Condition condition) const
+{
+    const auto holds = [&](const Rule& rule) {
+        return condition(rule) && rule.CanPrune(candidate);
+    };
+    if (m_index == nullptr)
+        return std::any_of(m_rules.begin(), m_rules.end(), holds);
+    // A rule covers its own pattern or all names. What covers one name also matches it.
+    const YString& pattern = candidate.GetDescriptor().GetPattern();
+    return m_index->AnyOfPattern(pattern, holds) || Index::AnyOf(m_index->allNames, holds) ||
+           (IsExact(candidate) && Index::AnyOf(m_index->others, holds));
+}
+
+// All are found before the first is erased, so that a failure changes nothing.
+std::size_t YSelectionRules::EraseCovered(const Rule& rule, Condition mayErase)
+{
+    Pointers covered = FindCovered(rule);
+    std::erase_if(covered, [&](const Rule* stored) { return !mayErase(*stored); });
+    // Rebuilding the index for what remains is faster than removing more than half of the rules from it.
+    const bool isMost = covered.size() > m_rules.size() / 2;
+    if (isMost)
+        m_index.reset();
+    for (const Rule* const stored : covered)
+        Erase(*stored);
+    if (isMost)
+        RebuildIndex();
+    return covered.size();
+}
+
+// In order.
+YSelectionRules::Pointers YSelectionRules::FindCovered(const Rule& rule) const
+{
+    Pointers covered;
+    const auto consider = [&](const Rule& stored) {
+        if (rule.CanPrune(stored))
+            covered.push_back(&stored);
+        return false;
+    };
+    const Krt::Match::Descriptor& names = rule.GetDescriptor();
+    if (m_index == nullptr || names.IsAny()) {
+        std::for_each(m_rules.begin(), m_rules.end(), consider);
+        return covered;
+    }
+    // In addition to its own pattern a glob covers names. No other kind covers more than its pattern.
+    const bool isGlob = names.GetMatchType() == MatchType::Glob;
+    m_index->AnyOfPattern(names.GetPattern(), [&](const Rule& stored) {
+        return isGlob && IsExact(stored) ? false : consider(stored);
+    });
+    if (isGlob)
+        Index::AnyOf(m_index->exact, consider);
+    std::sort(covered.begin(), covered.end(), [](const Rule* a, const Rule* b) { return *a < *b; });
+    return covered;
+}
+
+void YSelectionRules::RebuildIndex()
+{
+    m_index.reset();
+    if (m_rules.size() < LeastIndexed)
+        return;
+    m_index.reset(new (std::nothrow) Index);
+    for (auto rule = m_rules.begin(); m_index != nullptr && rule != m_rules.end(); ++rule)
+        TryToIndex(*rule);
+}
+
+void YSelectionRules::TryToIndex(const Rule& rule)
+{
+    try {
+        m_index->Add(rule);
+    } catch (const std::bad_alloc&) {
+        m_index.reset(); // answers are the same without it
+    }
 }
 
 } // namespace Backup::File
