@@ -1,17 +1,21 @@
 #include "testing/NaiveSelection.h"
 
+#include "testing/LogCapture.h"
+#include "testing/Printed.h"
 #include "testing/SelectionText.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 #include <random>
 #include <set>
 #include <sstream>
 
 namespace Testing {
 
+using Backup::File::YSelectionDescriptor;
 using Backup::File::YSelectionPathDescriptor;
 using Krt::Match::MatchType;
 
@@ -21,6 +25,14 @@ namespace {
 bool IsAtOrAbove(const std::vector<std::string>& upper, const std::vector<std::string>& path)
 {
     return upper.size() <= path.size() && std::equal(upper.begin(), upper.end(), path.begin());
+}
+
+std::string PruningLine(const YSelectionDescriptor& rule, const YSelectionPathDescriptor& pruned)
+{
+    const YSelectionDescriptor& unplaced = pruned;
+    return "YSelectionManagerNode: At node for " + pruned.GetPath().Bytes() +
+           (pruned.IsInclude() ? " include" : " exclude") + " descriptor " + Printed(rule) + " prunes " +
+           Printed(unplaced);
 }
 
 } // namespace
@@ -47,23 +59,33 @@ bool NaiveSelection::Add(const YSelectionPathDescriptor& rule)
     };
     if (std::any_of(m_rules.begin(), m_rules.end(), covers))
         return false;
-    std::erase_if(m_rules, [&](const Placed& other) {
+    const auto isPruned = [&](const Placed& other) {
         const bool below = rule.IsRecursive() && IsAtOrAbove(place, other.place) &&
                            !(other.rule.IsInclude() && other.rule.GetExplicitSelection());
         return (other.place == place || below) && rule.CanPrune(other.rule);
-    });
+    };
+    for (const Placed& other : InOrder()) {
+        if (isPruned(other))
+            m_pruningLog.push_back(PruningLine(rule, other.rule));
+    }
+    std::erase_if(m_rules, isPruned);
     m_rules.push_back({place, rule});
     return true;
 }
 
-std::string NaiveSelection::Words() const
+std::vector<NaiveSelection::Placed> NaiveSelection::InOrder() const
 {
     std::vector<Placed> rules = m_rules;
     std::sort(rules.begin(), rules.end(), [](const Placed& a, const Placed& b) {
         return a.place != b.place ? a.place < b.place : a.rule < b.rule;
     });
+    return rules;
+}
+
+std::string NaiveSelection::Words() const
+{
     std::string words;
-    for (const auto& [place, rule] : rules)
+    for (const auto& [place, rule] : InOrder())
         words += (words.empty() ? "" : "; ") + Testing::Words(rule.GetPath(), rule);
     return words;
 }
@@ -206,6 +228,10 @@ void CompareWithThePlainList(const World& world)
         Backup::File::YSelectionManager tree;
         NaiveSelection list;
         Strings added;
+        const bool isLogged = forest % 2 == 0;
+        std::optional<LogCapture> log;
+        if (isLogged)
+            log.emplace(Strings{"SelectionBuild"});
         for (unsigned int rules = 1 + random() % world.mostRules; rules > 0; --rules) {
             const std::string place = rules <= world.lastAtRoot ? "/" : pick(world.places);
             added.push_back(pick({"include ", "include ", "exclude ", "silent "}) + place +
@@ -213,6 +239,13 @@ void CompareWithThePlainList(const World& world)
             const bool taken = list.Add(Rule(added.back()));
             EXPECT_EQ(tree.IsDescriptorRedundant(Rule(added.back())), !taken);
             ASSERT_EQ(tree.Add(Rule(added.back())), taken) << testing::PrintToString(added);
+        }
+        if (isLogged) {
+            Strings lines = log->Texts();
+            std::erase_if(lines,
+                          [](const std::string& line) { return !line.starts_with("YSelectionManagerNode"); });
+            EXPECT_EQ(lines, list.PruningLog());
+            log.reset();
         }
         std::size_t nodes = 0;
         tree.VisitAllNodes([&](const auto*) { ++nodes; });

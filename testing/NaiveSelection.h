@@ -17,6 +17,8 @@ public:
     /// False if a rule in the list covers the new one; otherwise the rules that it covers go.
     bool Add(const Backup::File::YSelectionPathDescriptor& rule);
     SelectionType Ask(const std::string& path) const;
+    /// What a log says of the rules that Add dropped, a line for each.
+    const std::vector<std::string>& PruningLog() const { return m_pruningLog; }
     /// The rules in words, in the order in which a walk through a tree meets them.
     std::string Words() const;
     /// The directories at which a rule stands or below which one does, the root among them.
@@ -31,6 +33,8 @@ private:
         Names place;
         Backup::File::YSelectionPathDescriptor rule;
     };
+    // The rules in the order in which a walk through a tree visits them.
+    std::vector<Placed> InOrder() const;
     static Names Split(const std::string& path);
     // The rule is about the name that stands in `path` at the index, and reaches it from its place.
     static bool SpeaksOf(const Placed& placed, const Names& path, std::size_t index);
@@ -41,6 +45,7 @@ private:
     bool MayIncludeBelow(const Names& path) const;
 
     std::vector<Placed> m_rules;
+    std::vector<std::string> m_pruningLog;
 };
 
 /// What forests of random rules are made of, and the paths that they are asked about.
@@ -53,8 +58,9 @@ struct World
 };
 
 /// Adds each forest's rules to a tree and to a list, and expects them to keep the same rules, the tree no
-/// node that it doesn't need, and to give the same answers. The seed is that of the environment variable
-/// SELECTION_SEED, or another at each run.
+/// node that it doesn't need, and to give the same answers. Every second tree logs what it prunes, which has
+/// to be in the list's order. The seed is that of the environment variable SELECTION_SEED, or another at each
+/// run.
 void CompareWithThePlainList(const World& world);
 
 } // namespace Testing

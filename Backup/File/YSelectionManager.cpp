@@ -132,7 +132,7 @@ void YSelectionManager::Delete(const YPath& path)
     Node* const child = parent->FindChild(components.back());
     if (child == nullptr)
         return;
-    child->RulesChanged(-static_cast<long long>(child->m_includesBelow));
+    child->RulesChanged(-static_cast<long long>(child->m_branch.includes));
     parent->EraseChild(*child);
     // The word is about the node that went, the path that of the one above it.
     KRT_LOG(MessageType::SelectionBuild, "Erased node: " << parent->GetPath());

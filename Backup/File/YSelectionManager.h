@@ -213,7 +213,7 @@ public:
     bool HasAnyIncludes() const { return !m_includes.empty(); }
     bool HasAnyRecursiveIncludes() const;
     /// At this node or below.
-    bool HasAnyIncludesBelow() const { return m_includesBelow != 0; }
+    bool HasAnyIncludesBelow() const { return m_branch.includes != 0; }
 
     /// As the operations of the manager, from this node on.
     bool VisitPaths(SelectionType type, PathVisitor visitor) const;
@@ -224,12 +224,31 @@ public:
 
 private:
     friend class YSelectionManager;
+    friend class YSelectionRulesBelow;
     friend BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManagerNode& node);
     class Walk; // in YSelectionNodeWalk.h
 
     class Children; // in YSelectionChildren.h
     using NamedChildren = std::vector<std::pair<std::string_view, YSelectionManagerNode*>>;
     using Rules = YSelectionRules;
+
+    // What this node knows of the rules here and below.
+    struct Branch
+    {
+        // What recursive rules of this node have done since another rule changed a rule below it.
+        enum class State
+        {
+            NotPruned,  // nothing
+            PrunedOnce, // one rule pruned the branch by a walk, so that no node below is empty
+            Indexed     // later rules prune by the index, and update it
+        };
+
+        void ChangedBelow() noexcept;
+
+        unsigned long long includes = 0; // of this node and all nodes below it
+        State state = State::NotPruned;
+        std::unique_ptr<YSelectionRulesBelow> index; // of the nodes below; null in the other states
+    };
 
     YSelectionManagerNode* FindChild(const YString& name) const;
     YSelectionManagerNode& AddChild(const YString& name); // which has none of this name yet
@@ -245,11 +264,12 @@ private:
     bool SelectsAllExplicitly() const;
     // Drops a rule that is neither an include nor an exclude.
     void Insert(Rules::Prepared&& rule) noexcept;
-    // To be told of each change of the rules here: keeps what this node and all above know of them.
-    void RulesChanged(long long includesAdded);
-    void PruneBranch(const YSelectionDescriptor& rule);
-    void PruneByPatterns(const YSelectionDescriptor& rule, YSelectionRulesBelow& below);
-    std::unique_ptr<YSelectionRulesBelow> ListRulesBelow();
+    // To be called after each change of the rules here: updates what this node and all above know of their
+    // branches. The caller has updated the index of `keepsIndex`.
+    void RulesChanged(long long includesAdded, const YSelectionManagerNode* keepsIndex = nullptr) noexcept;
+    void LogPruning(const YSelectionDescriptor& rule, const YSelectionDescriptor& stored) const;
+    void PruneByWalk(const YSelectionDescriptor& rule);
+    void PruneByIndex(const YSelectionDescriptor& rule);
     // Erases this node and those above it as far as they are empty; neither the root nor `last`.
     void EraseUpwardsWhileEmpty(const YSelectionManagerNode* last = nullptr);
     // Null for a type that no rule has.
@@ -265,10 +285,7 @@ private:
     YSelectionManagerNode* m_parent = nullptr;
     Rules m_includes;
     Rules m_excludes;
-    unsigned long long m_includesBelow = 0; // those of this node and of all nodes below it
-    // The rules of the nodes below, made when a second recursive rule comes while those stay as they are.
-    std::unique_ptr<YSelectionRulesBelow> m_below;
-    bool m_wasBranchPruned = false; // since a rule below changed
+    Branch m_branch;
 };
 
 /// Every node with its addresses, for diagnosis; not protected against a change meanwhile.

@@ -32,9 +32,7 @@ void Node::Clear() noexcept
     m_includes.Clear();
     m_excludes.Clear();
     DestroyChildren();
-    m_includesBelow = 0;
-    m_below.reset();
-    m_wasBranchPruned = false;
+    m_branch = Branch();
 }
 
 // A deep subtree can't be destroyed by recursion, and there may be no memory for a stack. The nodes that are
@@ -87,7 +85,7 @@ std::unique_ptr<Node> Node::CopyRecursive(const YSelectionManagerNode& source, Y
         auto copy = std::make_unique<Node>(original->m_name, above.empty() ? parent : above.back());
         copy->m_includes = original->m_includes;
         copy->m_excludes = original->m_excludes;
-        copy->m_includesBelow = original->m_includesBelow;
+        copy->m_branch.includes = original->m_branch.includes;
         Node* const node = copy.get();
         if (above.empty()) {
             top = std::move(copy);
@@ -120,19 +118,31 @@ void Node::Insert(Rules::Prepared&& rule) noexcept
 {
     const bool isInclude = rule.value().IsInclude();
     if (!isInclude && !rule.value().IsExclude())
-        return;
-    if ((isInclude ? m_includes : m_excludes).Insert(std::move(rule)))
+        RulesChanged(0); // the node may be new, and empty
+    else if ((isInclude ? m_includes : m_excludes).Insert(std::move(rule)))
         RulesChanged(isInclude);
 }
 
-void Node::RulesChanged(long long includesAdded)
+void Node::RulesChanged(long long includesAdded, const YSelectionManagerNode* keepsIndex) noexcept
 {
-    m_includesBelow += static_cast<unsigned long long>(includesAdded);
+    m_branch.includes += static_cast<unsigned long long>(includesAdded);
     for (Node* node = m_parent; node != nullptr; node = node->m_parent) {
-        node->m_includesBelow += static_cast<unsigned long long>(includesAdded);
-        node->m_below.reset();
-        node->m_wasBranchPruned = false;
+        node->m_branch.includes += static_cast<unsigned long long>(includesAdded);
+        if (node != keepsIndex)
+            node->m_branch.ChangedBelow();
     }
+}
+
+void Node::Branch::ChangedBelow() noexcept
+{
+    index.reset();
+    state = State::NotPruned;
+}
+
+void Node::LogPruning(const YSelectionDescriptor& rule, const YSelectionDescriptor& stored) const
+{
+    const char* const kind = stored.IsInclude() ? " include descriptor " : " exclude descriptor ";
+    KRT_LOG(MessageType::SelectionBuild, "At node for " << GetPath() << kind << rule << " prunes " << stored);
 }
 
 void Node::PruneNodeIncludes(const YSelectionDescriptor& rule, bool pruneExplicit)
@@ -140,8 +150,7 @@ void Node::PruneNodeIncludes(const YSelectionDescriptor& rule, bool pruneExplici
     const std::size_t pruned = m_includes.EraseCovered(rule, [&](const YSelectionDescriptor& stored) {
         if (stored.GetExplicitSelection() && !pruneExplicit)
             return false;
-        KRT_LOG(MessageType::SelectionBuild,
-                "At node for " << GetPath() << " include descriptor " << rule << " prunes " << stored);
+        LogPruning(rule, stored);
         return true;
     });
     if (pruned != 0)
@@ -151,8 +160,7 @@ void Node::PruneNodeIncludes(const YSelectionDescriptor& rule, bool pruneExplici
 void Node::PruneNodeExcludes(const YSelectionDescriptor& rule)
 {
     const std::size_t pruned = m_excludes.EraseCovered(rule, [&](const YSelectionDescriptor& stored) {
-        KRT_LOG(MessageType::SelectionBuild,
-                "At node for " << GetPath() << " exclude descriptor " << rule << " prunes " << stored);
+        LogPruning(rule, stored);
         return true;
     });
     if (pruned != 0)
@@ -163,27 +171,29 @@ void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
 {
     if (!rule.IsRecursive() || m_children == nullptr)
         return;
-    // A walk tells what it prunes in the order of the tree.
-    if (rule.CoversAllNames() || Krt::Log::IsMessageEnabled(MessageType::SelectionBuild)) {
-        PruneBranch(rule);
+    if (rule.CoversAllNames()) { // an index by patterns doesn't help to find them
+        PruneByWalk(rule);
         return;
     }
-    // What is pruned on the way is no change that the list need be made anew for.
-    std::unique_ptr<YSelectionRulesBelow> below = std::move(m_below);
-    if (below != nullptr) {
-        PruneByPatterns(rule, *below);
-    } else {
-        const bool isSecond = m_wasBranchPruned;
-        PruneBranch(rule);
-        if (isSecond)
-            below = ListRulesBelow();
-        m_wasBranchPruned = true;
+    switch (m_branch.state) {
+    case Branch::State::NotPruned:
+        PruneByWalk(rule);
+        m_branch.state = Branch::State::PrunedOnce;
+        break;
+    case Branch::State::PrunedOnce:
+        // The index costs a walk; it is built for the second recursive rule, because a single rule is cheaper
+        // to apply by walking.
+        m_branch.index = std::make_unique<YSelectionRulesBelow>(*this);
+        m_branch.state = Branch::State::Indexed;
+        [[fallthrough]];
+    case Branch::State::Indexed:
+        PruneByIndex(rule);
+        break;
     }
-    m_below = std::move(below);
 }
 
 // One pass: prunes on the way down and sweeps what is empty on the way up.
-void Node::PruneBranch(const YSelectionDescriptor& rule)
+void Node::PruneByWalk(const YSelectionDescriptor& rule)
 {
     struct Level
     {
@@ -210,33 +220,17 @@ void Node::PruneBranch(const YSelectionDescriptor& rule)
     }
 }
 
-std::unique_ptr<YSelectionRulesBelow> Node::ListRulesBelow()
+// The same for a branch without empty nodes, except that the index is kept.
+void Node::PruneByIndex(const YSelectionDescriptor& rule)
 {
-    auto below = std::make_unique<YSelectionRulesBelow>();
-    Walk walk(*this);
-    for (walk.Next(); walk.Current() != nullptr; walk.Next()) {
-        auto* const node = const_cast<Node*>(walk.Current());
-        for (const Rules* const rules : {&node->m_includes, &node->m_excludes}) {
-            for (const YSelectionDescriptor& rule : *rules)
-                below->Add(rule, *node);
-        }
-    }
-    below->Sort();
-    return below;
-}
-
-void Node::PruneByPatterns(const YSelectionDescriptor& rule, YSelectionRulesBelow& below)
-{
-    for (YSelectionRulesBelow::Entry* const entry : below.CandidatesFor(rule)) {
-        const bool isInclude = entry->rule->IsInclude();
-        if ((isInclude && entry->rule->GetExplicitSelection()) || !rule.CanPrune(*entry->rule))
-            continue;
-        Node* node = entry->node;
-        Rules& rules = isInclude ? node->m_includes : node->m_excludes;
-        rules.Erase(*entry->rule);
-        entry->rule = nullptr;
-        node->RulesChanged(isInclude ? -1 : 0);
-        node->EraseUpwardsWhileEmpty(this);
+    for (YSelectionRulesBelow::Entry* const entry : m_branch.index->FindPruned(rule)) {
+        Node& node = *entry->node;
+        node.LogPruning(rule, *entry->rule);
+        const YSelectionDescriptor& stored = *std::exchange(entry->rule, nullptr);
+        const bool isInclude = stored.IsInclude();
+        (isInclude ? node.m_includes : node.m_excludes).Erase(stored);
+        node.RulesChanged(isInclude ? -1 : 0, this);
+        node.EraseUpwardsWhileEmpty(this);
     }
 }
 

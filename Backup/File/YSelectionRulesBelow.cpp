@@ -1,5 +1,7 @@
 #include "Backup/File/YSelectionRulesBelow.h"
 
+#include "Backup/File/YSelectionNodeWalk.h"
+
 #include <algorithm>
 #include <numeric>
 
@@ -26,13 +28,16 @@ constexpr char Wildcards[] = "*?";
 
 } // namespace
 
-void YSelectionRulesBelow::Add(const YSelectionDescriptor& rule, Node& node)
+YSelectionRulesBelow::YSelectionRulesBelow(Node& top)
 {
-    m_entries.push_back({rule.GetDescriptor().GetPattern().Bytes(), &rule, &node});
-}
-
-void YSelectionRulesBelow::Sort()
-{
+    Node::Walk walk(top);
+    for (walk.Next(); walk.Current() != nullptr; walk.Next()) {
+        auto* const node = const_cast<Node*>(walk.Current());
+        for (const YSelectionRules* const rules : {&node->m_includes, &node->m_excludes}) {
+            for (const YSelectionDescriptor& rule : *rules)
+                m_entries.push_back({rule.GetDescriptor().GetPattern().Bytes(), &rule, node});
+        }
+    }
     const auto sort = [this](Order& order, auto compare) {
         order.resize(m_entries.size());
         std::iota(order.begin(), order.end(), 0U);
@@ -44,12 +49,23 @@ void YSelectionRulesBelow::Sort()
     sort(m_byEnd, CompareEnds);
 }
 
-// A pattern is covered by the same one, or else it is a name that a Glob matches. Such a name has the Glob's
-// text in front of the first wildcard and behind the last; the longer of the two leaves the fewer candidates.
-std::vector<YSelectionRulesBelow::Entry*>
-YSelectionRulesBelow::CandidatesFor(const YSelectionDescriptor& rule)
+std::vector<YSelectionRulesBelow::Entry*> YSelectionRulesBelow::FindPruned(const YSelectionDescriptor& rule)
 {
-    const Krt::Match::Descriptor& names = rule.GetDescriptor();
+    std::vector<Entry*> entries = FindCandidates(rule.GetDescriptor());
+    std::erase_if(entries, [&](const Entry* entry) {
+        const bool isExplicit = entry->rule->IsInclude() && entry->rule->GetExplicitSelection();
+        return isExplicit || !rule.CanPrune(*entry->rule);
+    });
+    std::sort(entries.begin(), entries.end());
+    return entries;
+}
+
+// All entries that the names cover, and perhaps others. A pattern is covered by the same one, or else it is a
+// name that a Glob matches. Such a name begins with the Glob's text before the first wildcard and ends with
+// its text after the last. The longer of the two texts leaves fewer candidates.
+std::vector<YSelectionRulesBelow::Entry*>
+YSelectionRulesBelow::FindCandidates(const Krt::Match::Descriptor& names)
+{
     const std::string_view pattern = names.GetPattern().Bytes();
     const std::size_t first = pattern.find_first_of(Wildcards);
     const bool isGlob = names.GetMatchType() == MatchType::Glob;

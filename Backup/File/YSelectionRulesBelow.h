@@ -19,26 +19,25 @@ public:
     struct Entry
     {
         std::string pattern;
-        const YSelectionDescriptor* rule; // null once it was taken out of the tree
+        const YSelectionDescriptor* rule; // null after it was taken out of the tree
         Node* node;
     };
 
-    void Add(const YSelectionDescriptor& rule, Node& node);
-    /// Ends the adding.
-    void Sort();
-    /// The entries that a rule may prune which doesn't cover all names, and perhaps others. The caller sets
-    /// the rule of an entry to null when it takes that out of the tree.
-    std::vector<Entry*> CandidatesFor(const YSelectionDescriptor& rule);
+    explicit YSelectionRulesBelow(Node& top);
+    /// The entries that the rule prunes, in the order of a walk. The rule doesn't cover all names. The caller
+    /// sets the rule of an entry to null when it takes that rule out of the tree.
+    std::vector<Entry*> FindPruned(const YSelectionDescriptor& rule);
 
 private:
     using Order = std::vector<std::uint32_t>; // places in m_entries
 
     template <class Compare>
     std::vector<Entry*> Range(const Order& order, std::string_view text, Compare compare);
+    std::vector<Entry*> FindCandidates(const Krt::Match::Descriptor& names);
 
-    std::vector<Entry> m_entries;
-    Order m_byBegin; // by the bytes of the pattern
-    Order m_byEnd;   // by these bytes read backwards
+    std::vector<Entry> m_entries; // in the order of a walk
+    Order m_byBegin;              // by the bytes of the pattern
+    Order m_byEnd;                // by these bytes read backwards
 };
 
 } // namespace Backup::File

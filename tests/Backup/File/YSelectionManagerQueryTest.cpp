@@ -31,7 +31,7 @@ TEST(YSelectionManagerQuery, HasNoAnswerAboutTheRoot)
     EXPECT_TRUE(Tree("silent / any").AllChildrenOfPathAreExcludedNotReportably({}));
 }
 
-// The third recursive rule above an unchanged branch is the first that doesn't walk it.
+// From the second recursive rule above an unchanged branch on, an index replaces the walk.
 TEST(YSelectionManagerQuery, AGlobInAnyCasePrunesNamesHoweverManyCameBefore)
 {
     EXPECT_EQ(
