@@ -10,8 +10,8 @@ install(TARGETS kbagent RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 
 # Headers that only the libraries' own sources include stay at home.
 set(BACKUP_PRIVATE_HEADERS
-  Core/OpenSSL/ File/LegacyVamHeader.h File/YSelectionChildren.h File/YSelectionNodeWalk.h
-  File/YSelectionRulesBelow.h Util/BuildInfo.h Util/Unix/Linux/SystemdUnit.h
+  Core/OpenSSL/ File/LegacyVamHeader.h File/YSelectionTree.h
+  Util/BuildInfo.h Util/Unix/Linux/SystemdUnit.h
   Volume/Unix/Discovery.h)
 if(APPLE)
   list(APPEND BACKUP_PRIVATE_HEADERS Util/Unix/Linux/) # what is not built there

@@ -1,11 +1,16 @@
 #include "Backup/File/YSelectionManager.h"
 
+#include "Krt/Container/YSet.h"
 #include "Krt/Exception/Raise.h"
+#include "Krt/JSON/YValue.h"
 #include "Krt/Log/LogSite.h"
 
 namespace Backup::File {
 
 using Krt::File::YPath;
+using Krt::JSON::YArray;
+using Krt::JSON::YObject;
+using Krt::JSON::YValue;
 using Krt::Time::YDuration;
 using Node = YSelectionManager::YSelectionManagerNode;
 
@@ -75,7 +80,7 @@ bool YSelectionManager::Add(const YSelectionPathDescriptor& rule)
     return true;
 }
 
-// The node that these components lead to from one that has none of them.
+// Returns the node of these components below a node that has no child of the first one's name.
 Node& YSelectionManager::MakeNode(Node& above, std::span<const YString> components)
 {
     Node* node = &above;
@@ -134,7 +139,7 @@ void YSelectionManager::Delete(const YPath& path)
         return;
     child->RulesChanged(-static_cast<long long>(child->m_branch.includes));
     parent->EraseChild(*child);
-    // The word is about the node that went, the path that of the one above it.
+    // Logs the parent's path, although the message says that the child was erased: the log format is fixed.
     KRT_LOG(MessageType::SelectionBuild, "Erased node: " << parent->GetPath());
 }
 
@@ -187,6 +192,176 @@ void YSelectionManager::Clear()
 {
     const auto lock = m_lock.WriteLock(YDuration::Zero());
     m_root->Clear();
+}
+
+std::set<YPath> YSelectionManager::GetIncludeTops(const YPath& start) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    std::set<YPath> tops;
+    VisitPaths(SelectionType::Include, start, [&](const YPath& path) {
+        if (path.IsEmpty())
+            KRT_RAISE_AS("operator()", MessageType::General, ErrorCode::InvalidArgument,
+                         "Path should never be empty on unix.  Even for the root node is should be /");
+        // There are no answers about the root. Any other top counts unless it is excluded or cut off.
+        if (path == "/" || IsPathSelectedOrSelectionParent(path))
+            tops.insert(path);
+        return false;
+    });
+    return tops;
+}
+
+void YSelectionManager::GetVolumes(Krt::Container::YSet<YPath>& volumes) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    volumes.Clear();
+    for (const YPath& top : GetIncludeTops(YPath()))
+        volumes.Insert(top.GetVolume());
+}
+
+// Keeps the lengths of the ancestors, each of which is a prefix of the path. All ancestors as paths would
+// take memory that grows with the square of the depth.
+void YSelectionManager::VisitRulesAbove(const YPath& path, const RuleVisitor& visitor) const
+{
+    const auto isTop = [](const YPath& candidate) {
+        return candidate.IsEmpty() || candidate == "/" || candidate.RemoveVolume().IsEmpty();
+    };
+    std::vector<std::size_t> lengths;
+    for (YPath current = path; !isTop(current);) {
+        current = current.RemoveFile();
+        lengths.push_back(current.Bytes().size());
+    }
+    lengths.push_back(0); // the empty path too, whatever the top is
+    for (auto length = lengths.rbegin(); length != lengths.rend(); ++length) {
+        const YPath ancestor(YString(std::string_view(path.Bytes()).substr(0, *length)));
+        VisitPathsAndDescriptors(ancestor, visitor, false);
+    }
+}
+
+std::set<YSelectionPathDescriptor> YSelectionManager::GetSelections(const YPath& path) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    std::set<YSelectionPathDescriptor> selections;
+    VisitRulesAbove(path, [&](const YPath& place, const YSelectionDescriptor& rule) {
+        if (rule.IsRecursive())
+            selections.insert(YSelectionPathDescriptor(place, rule));
+        return false;
+    });
+    VisitPathsAndDescriptors(
+        path,
+        [&](const YPath& place, const YSelectionDescriptor& rule) {
+            // From a path without a node the walk starts above it.
+            if (path.IsEmpty() || place.IsChildOf(path, true))
+                selections.insert(YSelectionPathDescriptor(place, rule));
+            return false;
+        },
+        true);
+    return selections;
+}
+
+YObject YSelectionManager::ToJSON(const YPath& start) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    const auto rulesOfType = [&](SelectionType type) {
+        // Sorted by path bytes, which is not the order of the walk.
+        std::set<std::pair<YString, YSelectionDescriptor>> rules;
+        VisitPathsAndDescriptors(
+            type, start,
+            [&](const YPath& path, const YSelectionDescriptor& rule) {
+                rules.emplace(path, rule);
+                return false;
+            },
+            true);
+        YArray array;
+        array.reserve(rules.size());
+        for (const auto& [path, rule] : rules) {
+            YObject element;
+            element.Set<YString>("path", path);
+            element.Set<YObject>("descriptor", rule.ToJSON());
+            array.push_back(boost::make_shared<YValue>(YValue::FromObject(std::move(element))));
+        }
+        return array;
+    };
+    YObject json;
+    json.Set<YArray>("includes", rulesOfType(SelectionType::Include));
+    json.Set<YArray>("excludes", rulesOfType(SelectionType::Exclude));
+    return json;
+}
+
+void YSelectionManager::FromJSON(const YObject& json)
+{
+    const auto lock = m_lock.WriteLock(YDuration::Zero());
+    Clear();
+    for (const char* key : {"includes", "excludes"}) {
+        for (const auto& element : json.Get<YArray>(key, MessageType::Runtime)) {
+            const YObject& entry = element->AsObject();
+            const YString& path = entry.Get<YString>("path", MessageType::Runtime);
+            YSelectionDescriptor rule;
+            rule.FromJSON(entry.Get<YObject>("descriptor", MessageType::Runtime));
+            Add(YPath(path), rule);
+        }
+    }
+}
+
+void YSelectionManager::CopyDescriptorsFromPath(const YSelectionManager& source, const YPath& sourcePath,
+                                                const YPath& destinationPath)
+{
+    CopyDescriptorsFromPathInternal(source, sourcePath, destinationPath, true);
+}
+
+void YSelectionManager::CopyOnlyIncludesFromPath(const YSelectionManager& source, const YPath& sourcePath,
+                                                 const YPath& destinationPath)
+{
+    CopyDescriptorsFromPathInternal(source, sourcePath, destinationPath, false);
+}
+
+void YSelectionManager::CopyDescriptorsFromPathInternal(const YSelectionManager& source,
+                                                        const YPath& sourcePath, const YPath& destinationPath,
+                                                        bool copyExcludes)
+{
+    const auto lock = m_lock.WriteLock(YDuration::Zero());
+    const auto sourceLock = source.m_lock.ReadLock(YDuration::Zero());
+    if (&source == this)
+        KRT_RAISE(ErrorCode::InvalidState, "Source and destination selection manager may not be the same.");
+    if (destinationPath.IsChildOf(sourcePath, false))
+        KRT_RAISE(ErrorCode::InvalidArgument, "Cannot recursively copy descriptors from parent to child");
+    const YPath sourceParent = sourcePath.GetParent();
+    source.VisitRulesAbove(sourcePath, [&](const YPath& place, const YSelectionDescriptor& rule) {
+        if (copyExcludes || !rule.IsExclude())
+            AddCopyFromAbove(rule, place == sourceParent, sourcePath, destinationPath);
+        return false;
+    });
+    source.VisitPathsAndDescriptors(
+        sourcePath,
+        [&](const YPath& place, const YSelectionDescriptor& rule) {
+            // From a path without a node the walk starts above it.
+            if ((copyExcludes || !rule.IsExclude()) && place.IsChildOf(sourcePath, true))
+                Add(destinationPath.Append(place.RemoveLeading(sourcePath)), rule);
+            return false;
+        },
+        true);
+}
+
+void YSelectionManager::AddCopyFromAbove(const YSelectionDescriptor& rule, bool atParent,
+                                         const YPath& sourcePath, const YPath& destinationPath)
+{
+    // A recursive rule is copied to the destination. Its explicit flag is about its old place.
+    if (rule.IsRecursive()) {
+        YSelectionDescriptor copy = rule;
+        copy.SetExplicitSelection(false);
+        Add(destinationPath, copy);
+    } else if (!atParent) {
+        return;
+    }
+    // A rule that matches the source path becomes one that names the destination path.
+    if (!Krt::Match::Check(YPath::GetFileFromPath(sourcePath, "/"), rule.GetDescriptor()))
+        return;
+    const Krt::Match::ExactDescriptor name(YPath::GetFileFromPath(destinationPath, "/"),
+                                           rule.GetDescriptor().IsCaseSensitive());
+    YSelectionPathDescriptor named(destinationPath.RemoveFile(), name, RecursionType::NonRecursive,
+                                   rule.GetSelectionType(), rule.GetReportExclude());
+    if (atParent && !rule.IsRecursive() && rule.GetExplicitSelection())
+        named.SetExplicitSelection(true);
+    Add(named);
 }
 
 } // namespace Backup::File

@@ -1,8 +1,8 @@
-// All selection rules of a backup job, in a tree that mirrors the file system: a node for each directory at
-// which a rule stands or below which one does. The tree keeps itself minimal while rules arrive. Any thread
-// may call any operation: changes write-lock the tree, queries and walks read-lock it, and locks are
-// re-entrant on a thread. Two managers are locked in the order "this one, then the argument". Visitors run
-// under the lock and must not change the tree. Trees may be a million levels deep: nothing recurses.
+// All selection rules of a backup job, in a tree that mirrors the file system: each directory with rules at
+// it or below it has a node. The tree keeps itself minimal while rules are added. Any thread may call any
+// operation: changes write-lock the tree, queries and walks read-lock it, and locks are re-entrant on a
+// thread. Two managers are locked in the order "this one, then the argument". Visitors run under the lock and
+// must not change the tree. Trees may be a million levels deep: nothing recurses.
 #pragma once
 
 #include "Backup/File/YSelectionPathDescriptor.h"
@@ -27,8 +27,6 @@ class YSet;
 }
 
 namespace Backup::File {
-
-class YSelectionRulesBelow;
 
 class BACKUP_API YSelectionManager
 {
@@ -56,9 +54,9 @@ public:
     /// Same nodes, names and rules, waypoints without rules included.
     bool operator==(const YSelectionManager& other) const;
 
-    /// Takes the rule in and drops the rules that it covers; false if it is redundant itself. Raises
-    /// InvalidArgument for an include with an empty path, which an exclude may have. Where memory ends, no
-    /// rule is lost: the new one is in before any that it covers is gone for good.
+    /// Adds the rule and drops the rules that it covers; false if it is redundant itself. Raises
+    /// InvalidArgument for an include with an empty path, which an exclude may have. If memory ends after a
+    /// covered rule was dropped, the new rule is added all the same.
     bool Add(const YSelectionPathDescriptor& rule);
     bool Add(const Krt::File::YPath& path, const YSelectionDescriptor& rule);
     bool Add(const Krt::File::YPath& path, const Krt::Match::Descriptor& descriptor,
@@ -155,16 +153,16 @@ private:
     static bool IsRedundantFrom(const YSelectionManagerNode* nearest, bool isOwnNode,
                                 const YSelectionDescriptor& rule);
     void Clear();
-    // A path's components with the nodes on its way, from the root to the deepest that exists: looked up once
-    // for all questions of a query. The public questions make one each.
-    class Way; // in YSelectionManagerQuery.cpp
-    bool MatchesInclude(const Way& way) const;
-    bool MatchesExclude(const Way& way, bool& reportable) const;
+    // A path's components with its nodes, from the root to the deepest that exists: looked up once for all
+    // questions of a query. The public questions make one each.
+    class NodesOnPath; // in YSelectionQuery.cpp
+    bool MatchesInclude(const NodesOnPath& nodes) const;
+    bool MatchesExclude(const NodesOnPath& nodes, bool& reportable) const;
     // Whether an exclude of the node at this depth matches a component and isn't overridden.
-    bool NodeExcludes(const Way& way, std::size_t depth, bool& reportable) const;
-    bool AllChildrenAreExcludedNotReportably(const Way& way) const;
-    bool AnyIncludesApplyBelow(const Way& way) const;
-    bool IsAnyExplicitSelectionBelow(const Way& way, std::size_t index) const;
+    bool NodeExcludes(const NodesOnPath& nodes, std::size_t depth, bool& reportable) const;
+    bool AllChildrenAreExcludedNotReportably(const NodesOnPath& nodes) const;
+    bool AnyIncludesApplyBelow(const NodesOnPath& nodes) const;
+    bool IsAnyExplicitSelectionBelow(const NodesOnPath& nodes, std::size_t index) const;
     void AddCopyFromAbove(const YSelectionDescriptor& rule, bool atParent, const Krt::File::YPath& sourcePath,
                           const Krt::File::YPath& destinationPath);
 
@@ -172,8 +170,8 @@ private:
     mutable Krt::Thread::YReadWriteMutex m_lock;   // guards the whole tree
 };
 
-/// One directory of a selection tree: its rules and its children. Nodes lock nothing; whoever calls them
-/// holds the lock of their manager.
+/// One directory of a selection tree: its rules and its children. Nodes lock nothing: the caller holds the
+/// lock of their manager.
 class BACKUP_API YSelectionManager::YSelectionManagerNode
 {
 public:
@@ -189,7 +187,7 @@ public:
     /// A copy of the whole subtree below the given parent, which doesn't own it yet.
     static std::unique_ptr<YSelectionManagerNode> CopyRecursive(const YSelectionManagerNode& source,
                                                                 YSelectionManagerNode* parent);
-    /// Compares the whole subtrees; what stands above has no part in it.
+    /// Compares the whole subtrees, but not the parents.
     bool operator==(const YSelectionManagerNode& other) const;
 
     /// Drop the rules of this node that the new rule covers; explicit includes only with `pruneExplicit`.
@@ -224,12 +222,13 @@ public:
 
 private:
     friend class YSelectionManager;
-    friend class YSelectionRulesBelow;
     friend BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManagerNode& node);
-    class Walk; // in YSelectionNodeWalk.h
+    // In YSelectionTree.h:
+    class Children;
+    template <class N>
+    class Walk;
+    class BranchIndex;
 
-    class Children; // in YSelectionChildren.h
-    using NamedChildren = std::vector<std::pair<std::string_view, YSelectionManagerNode*>>;
     using Rules = YSelectionRules;
 
     // What this node knows of the rules here and below.
@@ -247,22 +246,20 @@ private:
 
         unsigned long long includes = 0; // of this node and all nodes below it
         State state = State::NotPruned;
-        std::unique_ptr<YSelectionRulesBelow> index; // of the nodes below; null in the other states
+        std::unique_ptr<BranchIndex> index; // of the nodes below; null in the other states
     };
 
     YSelectionManagerNode* FindChild(const YString& name) const;
     YSelectionManagerNode& AddChild(const YString& name); // which has none of this name yet
-    YSelectionManagerNode& AddChild(std::unique_ptr<YSelectionManagerNode> child);
     std::size_t CountChildren() const;
-    NamedChildren ChildrenInOrder() const;
     void EraseChild(YSelectionManagerNode& child);
     bool IsEmpty() const { return m_children == nullptr && m_includes.empty() && m_excludes.empty(); }
     // For the root: drops its rules and its children. Takes no memory.
     void Clear() noexcept;
     void DestroyChildren() noexcept;
-    // Whether a recursive explicit include for all names stands here.
+    // Whether this node has a recursive explicit include for all names.
     bool SelectsAllExplicitly() const;
-    // Drops a rule that is neither an include nor an exclude.
+    // Does not store a rule that is neither an include nor an exclude.
     void Insert(Rules::Prepared&& rule) noexcept;
     // To be called after each change of the rules here: updates what this node and all above know of their
     // branches. The caller has updated the index of `keepsIndex`.
@@ -270,7 +267,7 @@ private:
     void LogPruning(const YSelectionDescriptor& rule, const YSelectionDescriptor& stored) const;
     void PruneByWalk(const YSelectionDescriptor& rule);
     void PruneByIndex(const YSelectionDescriptor& rule);
-    // Erases this node and those above it as far as they are empty; neither the root nor `last`.
+    // Erases this node and then its ancestors while they are empty, but neither the root nor `last`.
     void EraseUpwardsWhileEmpty(const YSelectionManagerNode* last = nullptr);
     // Null for a type that no rule has.
     const Rules* RulesOfType(SelectionType type) const;
@@ -279,9 +276,8 @@ private:
                     bool recurse) const;
     void Write(Krt::YStream& stream) const;
 
-    // Null without any. By name, in which case counts.
-    std::unique_ptr<Children> m_children;
-    YString m_name; // empty in the root
+    std::unique_ptr<Children> m_children; // null for a leaf
+    YString m_name;                       // empty in the root
     YSelectionManagerNode* m_parent = nullptr;
     Rules m_includes;
     Rules m_excludes;

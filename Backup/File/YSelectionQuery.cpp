@@ -1,13 +1,16 @@
-// The answers of the selection tree about paths.
+// What a selection tree answers about paths, and the walks through it.
 // Errors of all sources of YSelectionManager report one path.
 #define KRT_SOURCE_FILE "Backup/File/YSelectionManager.cpp"
 
-#include "Backup/File/YSelectionManager.h"
+#include "Backup/File/YSelectionTree.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/KrtFoundation/boostapi.h"
 #include "Krt/Log/LogSite.h"
 
 #include <boost/container/small_vector.hpp>
+
+#include <optional>
 
 namespace Backup::File {
 
@@ -16,10 +19,10 @@ using Krt::Time::YDuration;
 using Node = YSelectionManager::YSelectionManagerNode;
 using SelectionType = YSelectionManager::SelectionType;
 
-class YSelectionManager::Way
+class YSelectionManager::NodesOnPath
 {
 public:
-    Way(const YSelectionManagerNode& root, const Components& path) : components(path)
+    NodesOnPath(const YSelectionManagerNode& root, const Components& path) : components(path)
     {
         m_nodes.push_back(&root);
         for (const YString& component : components) {
@@ -30,7 +33,7 @@ public:
         }
     }
 
-    /// The node reached by so many components; null if there is none.
+    /// The node of the first `depth` components; null if there is none.
     const Node* At(std::size_t depth) const { return depth < m_nodes.size() ? m_nodes[depth] : nullptr; }
     const Node& Deepest() const { return *m_nodes.back(); }
 
@@ -45,9 +48,9 @@ SelectionType YSelectionManager::GetPathSelectionType(const YPath& path) const
     const auto lock = m_lock.ReadLock(YDuration::Zero());
     bool reportable = false;
     KRT_LOG(MessageType::SelectionBuild, "GetPathSelectionType called for: " << path);
-    const Way way(*m_root, path.PopulateComponents());
-    const bool included = MatchesInclude(way);
-    const bool excluded = MatchesExclude(way, reportable);
+    const NodesOnPath nodes(*m_root, path.PopulateComponents());
+    const bool included = MatchesInclude(nodes);
+    const bool excluded = MatchesExclude(nodes, reportable);
     if (included && !excluded) {
         KRT_LOG(MessageType::SelectionBuild, "Path Include: " << path);
         return SelectionType::Include;
@@ -60,19 +63,19 @@ SelectionType YSelectionManager::GetPathSelectionType(const YPath& path) const
         KRT_LOG(MessageType::SelectionBuild, "Path is not-reportable exclude: " << path);
         return SelectionType::NotSelectedDoNotRecurse;
     }
-    // A reportable exclude of something that nothing includes doesn't keep a walk from going on to what is
-    // explicitly included below.
+    // A path that no include matches may be reportably excluded. A walk still goes on to what is explicitly
+    // included below it.
     if (excluded && !reportable) {
         KRT_LOG(MessageType::SelectionBuild,
                 "Path NotSelectedDoNotRecurse (not included but matches exclude): " << path);
         return SelectionType::NotSelectedDoNotRecurse;
     }
-    if (AllChildrenAreExcludedNotReportably(way)) {
+    if (AllChildrenAreExcludedNotReportably(nodes)) {
         KRT_LOG(MessageType::SelectionBuild,
                 "Path NotSelectedDoNotRecurse (all children excluded): " << path);
         return SelectionType::NotSelectedDoNotRecurse;
     }
-    if (AnyIncludesApplyBelow(way)) {
+    if (AnyIncludesApplyBelow(nodes)) {
         KRT_LOG(MessageType::SelectionBuild, "Path NotSelectedDoRecurse (includes below path): " << path);
         return SelectionType::NotSelectedDoRecurse;
     }
@@ -110,25 +113,25 @@ bool YSelectionManager::IsPathExcluded(const YPath& path) const
 bool YSelectionManager::PathMatchesInclude(const Components& components) const
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
-    return MatchesInclude(Way(*m_root, components));
+    return MatchesInclude(NodesOnPath(*m_root, components));
 }
 
 bool YSelectionManager::PathMatchesExclude(const Components& components, bool& reportable) const
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
-    return MatchesExclude(Way(*m_root, components), reportable);
+    return MatchesExclude(NodesOnPath(*m_root, components), reportable);
 }
 
 bool YSelectionManager::AllChildrenOfPathAreExcludedNotReportably(const Components& components) const
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
-    return AllChildrenAreExcludedNotReportably(Way(*m_root, components));
+    return AllChildrenAreExcludedNotReportably(NodesOnPath(*m_root, components));
 }
 
 bool YSelectionManager::AnyIncludesApplyBelowPath(const Components& components) const
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
-    return AnyIncludesApplyBelow(Way(*m_root, components));
+    return AnyIncludesApplyBelow(NodesOnPath(*m_root, components));
 }
 
 bool YSelectionManager::IsAnyExplicitSelectionBelowComponent(const Components& components,
@@ -142,26 +145,26 @@ bool YSelectionManager::IsAnyExplicitSelectionBelowComponent(const Components& c
         KRT_RAISE(ErrorCode::InvalidArgument, "atOrBelowIndex out of range atOrBelowIndex: "
                                                   << atOrBelowIndex << " path: " << components);
     }
-    return IsAnyExplicitSelectionBelow(Way(*m_root, components), atOrBelowIndex);
+    return IsAnyExplicitSelectionBelow(NodesOnPath(*m_root, components), atOrBelowIndex);
 }
 
-bool YSelectionManager::MatchesInclude(const Way& way) const
+bool YSelectionManager::MatchesInclude(const NodesOnPath& nodes) const
 {
-    if (way.components.empty())
+    if (nodes.components.empty())
         KRT_RAISE_AS("PathMatchesInclude", MessageType::General, ErrorCode::InvalidArgument,
                      "PathMatchesInclude cannot be applied to an empty path");
-    const std::size_t last = way.components.size() - 1;
-    const YString& leaf = way.components[last];
+    const std::size_t last = nodes.components.size() - 1;
+    const YString& leaf = nodes.components[last];
     if (m_root->MatchesInclude(leaf, last == 0)) {
         KRT_LOG(MessageType::SelectionQuery,
                 "Leaf component " << leaf << " matches include at " << m_root->GetPath() << " (root)");
         return true;
     }
-    for (std::size_t depth = 1; depth <= last && way.At(depth) != nullptr; ++depth) {
+    for (std::size_t depth = 1; depth <= last && nodes.At(depth) != nullptr; ++depth) {
         const bool isParent = depth == last;
-        if (way.At(depth)->MatchesInclude(leaf, isParent)) {
+        if (nodes.At(depth)->MatchesInclude(leaf, isParent)) {
             KRT_LOG(MessageType::SelectionQuery,
-                    "Leaf component " << leaf << " matches include at " << way.At(depth)->GetPath()
+                    "Leaf component " << leaf << " matches include at " << nodes.At(depth)->GetPath()
                                       << " checkNonRecursiveDescriptors was set to " << isParent);
             return true;
         }
@@ -170,26 +173,26 @@ bool YSelectionManager::MatchesInclude(const Way& way) const
     return false;
 }
 
-bool YSelectionManager::MatchesExclude(const Way& way, bool& reportable) const
+bool YSelectionManager::MatchesExclude(const NodesOnPath& nodes, bool& reportable) const
 {
-    for (std::size_t depth = 0; depth < way.components.size() && way.At(depth) != nullptr; ++depth) {
-        if (!way.At(depth)->m_excludes.empty() && NodeExcludes(way, depth, reportable))
+    for (std::size_t depth = 0; depth < nodes.components.size() && nodes.At(depth) != nullptr; ++depth) {
+        if (!nodes.At(depth)->m_excludes.empty() && NodeExcludes(nodes, depth, reportable))
             return true;
     }
     KRT_LOG(MessageType::SelectionQuery, "No components in path match any exclude");
     return false;
 }
 
-bool YSelectionManager::NodeExcludes(const Way& way, std::size_t depth, bool& reportable) const
+bool YSelectionManager::NodeExcludes(const NodesOnPath& nodes, std::size_t depth, bool& reportable) const
 {
-    const Node& node = *way.At(depth);
+    const Node& node = *nodes.At(depth);
     const bool isRoot = depth == 0;
-    for (std::size_t i = depth; i < way.components.size(); ++i) {
-        if (!node.MatchesExclude(way.components[i], i == depth, reportable))
+    for (std::size_t i = depth; i < nodes.components.size(); ++i) {
+        if (!node.MatchesExclude(nodes.components[i], i == depth, reportable))
             continue;
-        const bool ignored = IsAnyExplicitSelectionBelow(way, i);
+        const bool ignored = IsAnyExplicitSelectionBelow(nodes, i);
         KRT_LOG(MessageType::SelectionQuery,
-                "Component " << way.components[i] << " at index " << i << " matches exclude at "
+                "Component " << nodes.components[i] << " at index " << i << " matches exclude at "
                              << node.GetPath()
                              << (!isRoot   ? ""
                                  : ignored ? " (root)"
@@ -204,12 +207,12 @@ bool YSelectionManager::NodeExcludes(const Way& way, std::size_t depth, bool& re
     return false;
 }
 
-bool YSelectionManager::AllChildrenAreExcludedNotReportably(const Way& way) const
+bool YSelectionManager::AllChildrenAreExcludedNotReportably(const NodesOnPath& nodes) const
 {
-    const Node* const node = way.At(way.components.size());
+    const Node* const node = nodes.At(nodes.components.size());
     if (node == nullptr) {
         KRT_LOG(MessageType::SelectionQuery,
-                "Some children of " << way.Deepest().GetPath() << " may be included or excluded reportably."
+                "Some children of " << nodes.Deepest().GetPath() << " may be included or excluded reportably."
                                     << " (did not find a node for the leaf component of the path)");
         return false;
     }
@@ -223,9 +226,9 @@ bool YSelectionManager::AllChildrenAreExcludedNotReportably(const Way& way) cons
     return false;
 }
 
-bool YSelectionManager::AnyIncludesApplyBelow(const Way& way) const
+bool YSelectionManager::AnyIncludesApplyBelow(const NodesOnPath& nodes) const
 {
-    if (way.components.empty())
+    if (nodes.components.empty())
         KRT_RAISE_AS("AnyIncludesApplyBelowPath", MessageType::General, ErrorCode::InvalidArgument,
                      "AnyIncludesApplyBelowPath cannot be applied to an empty path");
     if (m_root->HasAnyRecursiveIncludes()) {
@@ -233,18 +236,18 @@ bool YSelectionManager::AnyIncludesApplyBelow(const Way& way) const
                                                  << m_root->GetPath() << " (root) has recursive includes");
         return true;
     }
-    const std::size_t last = way.components.size();
-    for (std::size_t depth = 1; depth < last && way.At(depth) != nullptr; ++depth) {
-        if (way.At(depth)->HasAnyRecursiveIncludes()) {
+    const std::size_t last = nodes.components.size();
+    for (std::size_t depth = 1; depth < last && nodes.At(depth) != nullptr; ++depth) {
+        if (nodes.At(depth)->HasAnyRecursiveIncludes()) {
             KRT_LOG(MessageType::SelectionQuery, "Includes apply below path because "
-                                                     << way.At(depth)->GetPath()
+                                                     << nodes.At(depth)->GetPath()
                                                      << " has recursive includes");
             return true;
         }
     }
-    if (way.At(last) != nullptr && way.At(last)->HasAnyIncludesBelow()) {
+    if (nodes.At(last) != nullptr && nodes.At(last)->HasAnyIncludesBelow()) {
         KRT_LOG(MessageType::SelectionQuery, "Includes apply below path because "
-                                                 << way.At(last)->GetPath()
+                                                 << nodes.At(last)->GetPath()
                                                  << " has includes at or below it");
         return true;
     }
@@ -252,15 +255,135 @@ bool YSelectionManager::AnyIncludesApplyBelow(const Way& way) const
     return false;
 }
 
-bool YSelectionManager::IsAnyExplicitSelectionBelow(const Way& way, std::size_t index) const
+bool YSelectionManager::IsAnyExplicitSelectionBelow(const NodesOnPath& nodes, std::size_t index) const
 {
-    for (std::size_t i = index; i < way.components.size() && way.At(i) != nullptr; ++i) {
-        if (way.At(i)->MatchesExplicitExactNonRecursiveInclude(way.components[i]))
+    for (std::size_t i = index; i < nodes.components.size() && nodes.At(i) != nullptr; ++i) {
+        if (nodes.At(i)->MatchesExplicitExactNonRecursiveInclude(nodes.components[i]))
             return true;
-        if (way.At(i + 1) != nullptr && way.At(i + 1)->SelectsAllExplicitly())
+        if (nodes.At(i + 1) != nullptr && nodes.At(i + 1)->SelectsAllExplicitly())
             return true;
     }
     return false;
+}
+
+namespace {
+
+// The visitors of a walk. Each level gets a copy of the visitor of the level above, in its current state.
+// What a visitor keeps by value never returns to that level.
+template <class Visitor>
+class VisitorsByLevel
+{
+public:
+    explicit VisitorsByLevel(const Visitor& visitor) : m_visitors{visitor} {}
+
+    /// For one node of the level: a new copy, except at the start.
+    Visitor& ForNode(std::size_t level)
+    {
+        if (level != 0)
+            m_visitors.resize(level);
+        return ForSiblings(level);
+    }
+    /// For all nodes with the same parent.
+    Visitor& ForSiblings(std::size_t level)
+    {
+        if (level == m_visitors.size())
+            m_visitors.push_back(m_visitors.back());
+        else
+            m_visitors.resize(level + 1);
+        return m_visitors.back();
+    }
+
+private:
+    std::vector<Visitor> m_visitors;
+};
+
+} // namespace
+
+const Node::Rules* Node::RulesOfType(SelectionType type) const
+{
+    if (type == SelectionType::Include)
+        return &m_includes;
+    return type == SelectionType::Exclude ? &m_excludes : nullptr;
+}
+
+bool Node::VisitPaths(SelectionType type, PathVisitor visitor) const
+{
+    if (RulesOfType(type) == nullptr)
+        return false;
+    for (Walk<const Node> walk(*this); walk.Enter();) {
+        if (walk.Current().RulesOfType(type)->empty())
+            continue;
+        if (PathVisitor(visitor)(walk.Current().GetPath())) // as it was given: no level above has used it
+            return true;
+        walk.SkipChildren();
+    }
+    return false;
+}
+
+bool Node::VisitPathsAndDescriptors(SelectionType type, RuleVisitor visitor, bool recurse) const
+{
+    return RulesOfType(type) != nullptr && VisitRules({type}, visitor, recurse);
+}
+
+bool Node::VisitPathsAndDescriptors(RuleVisitor visitor, bool recurse) const
+{
+    return VisitRules({SelectionType::Include, SelectionType::Exclude}, visitor, recurse);
+}
+
+bool Node::VisitRules(std::initializer_list<SelectionType> types, const RuleVisitor& visitor,
+                      bool recurse) const
+{
+    VisitorsByLevel visitors(visitor);
+    for (Walk<const Node> walk(*this); walk.Enter();) {
+        const Node& node = walk.Current();
+        const RuleVisitor& visitOwn = visitors.ForNode(walk.Depth());
+        std::optional<YPath> path; // only nodes with rules need one
+        for (const SelectionType type : types) {
+            for (const YSelectionDescriptor& rule : *node.RulesOfType(type)) {
+                if (!path)
+                    path = node.GetPath();
+                if (visitOwn(*path, rule))
+                    return true;
+            }
+        }
+        if (!recurse)
+            return false;
+    }
+    return false;
+}
+
+void Node::VisitAllNodes(YSelectionManagerNode& start, NodeVisitor visitor)
+{
+    VisitorsByLevel visitors(visitor);
+    Walk<const Node> walk(start);
+    for (walk.Enter(); walk.Enter();)
+        Krt::CallFunction(visitors.ForSiblings(walk.Depth() - 1), &walk.Current());
+}
+
+bool YSelectionManager::VisitPaths(SelectionType type, const YPath& start, PathVisitor visitor) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    return FindNode(start, false).first->VisitPaths(type, std::move(visitor));
+}
+
+bool YSelectionManager::VisitPathsAndDescriptors(SelectionType type, const YPath& start, RuleVisitor visitor,
+                                                 bool recurse) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    return FindNode(start, false).first->VisitPathsAndDescriptors(type, std::move(visitor), recurse);
+}
+
+bool YSelectionManager::VisitPathsAndDescriptors(const YPath& start, RuleVisitor visitor, bool recurse) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    return FindNode(start, false).first->VisitPathsAndDescriptors(std::move(visitor), recurse);
+}
+
+void YSelectionManager::VisitAllNodes(NodeVisitor visitor) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    Krt::CallFunction(visitor, m_root.get());
+    Node::VisitAllNodes(*m_root, std::move(visitor));
 }
 
 } // namespace Backup::File

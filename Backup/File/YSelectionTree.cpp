@@ -1,13 +1,9 @@
-#include "Backup/File/YSelectionManager.h"
-
-#include "Backup/File/YSelectionChildren.h"
-#include "Backup/File/YSelectionNodeWalk.h"
-#include "Backup/File/YSelectionRulesBelow.h"
+#include "Backup/File/YSelectionTree.h"
 
 #include "Krt/Log/LogSite.h"
+#include "Krt/Log/YStream.h"
 
-#include <algorithm>
-#include <string>
+#include <numeric>
 #include <utility>
 
 namespace Backup::File {
@@ -54,8 +50,8 @@ void Node::DestroyChildren() noexcept
     }
 }
 
-// As YPath::operator+ joins the names one by one, in linear time. Only the name of a node that was made by
-// hand may contain separators.
+// Joins the names as YPath::operator+ would one by one, but in linear time. A name contains separators only
+// if a caller has constructed the node with it.
 YPath Node::GetPath() const
 {
     std::vector<std::string_view> names;
@@ -78,21 +74,18 @@ YPath Node::GetPath() const
 
 std::unique_ptr<Node> Node::CopyRecursive(const YSelectionManagerNode& source, YSelectionManagerNode* parent)
 {
-    std::unique_ptr<Node> top;
-    std::vector<Node*> above; // the copies from the top down to the parent of the next one
-    for (Walk walk(source); const Node* original = walk.Current(); walk.Next()) {
-        above.resize(walk.Depth());
-        auto copy = std::make_unique<Node>(original->m_name, above.empty() ? parent : above.back());
-        copy->m_includes = original->m_includes;
-        copy->m_excludes = original->m_excludes;
-        copy->m_branch.includes = original->m_branch.includes;
-        Node* const node = copy.get();
-        if (above.empty()) {
-            top = std::move(copy);
-        } else {
-            above.back()->AddChild(std::move(copy));
+    auto top = std::make_unique<Node>(source.m_name, parent);
+    Node* copy = nullptr; // of the node that was entered last
+    for (Walk<const Node> walk(source); walk.Step();) {
+        if (!walk.IsEntering()) {
+            copy = copy->m_parent;
+            continue;
         }
-        above.push_back(node);
+        const Node& original = walk.Current();
+        copy = walk.Depth() == 0 ? top.get() : &copy->AddChild(original.m_name);
+        copy->m_includes = original.m_includes;
+        copy->m_excludes = original.m_excludes;
+        copy->m_branch.includes = original.m_branch.includes;
     }
     return top;
 }
@@ -105,10 +98,14 @@ bool Node::operator==(const YSelectionManagerNode& other) const
                std::equal(a.m_includes.begin(), a.m_includes.end(), b.m_includes.begin()) &&
                std::equal(a.m_excludes.begin(), a.m_excludes.end(), b.m_excludes.begin());
     };
-    // Equal numbers of children keep the two walks in step; the names then tell whether the keys agree.
-    Walk walk(*this), otherWalk(other);
-    for (; walk.Current() != nullptr; walk.Next(), otherWalk.Next()) {
-        if (!sameContent(*walk.Current(), *otherWalk.Current()))
+    const Node* twin = nullptr; // in the other subtree, of the node that was entered last
+    for (Walk<const Node> walk(*this); walk.Step();) {
+        if (!walk.IsEntering()) {
+            twin = twin->m_parent;
+            continue;
+        }
+        twin = walk.Depth() == 0 ? &other : twin->FindChild(walk.Current().m_name);
+        if (twin == nullptr || !sameContent(walk.Current(), *twin))
             return false;
     }
     return true;
@@ -183,7 +180,7 @@ void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
     case Branch::State::PrunedOnce:
         // The index costs a walk; it is built for the second recursive rule, because a single rule is cheaper
         // to apply by walking.
-        m_branch.index = std::make_unique<YSelectionRulesBelow>(*this);
+        m_branch.index = std::make_unique<BranchIndex>(*this);
         m_branch.state = Branch::State::Indexed;
         [[fallthrough]];
     case Branch::State::Indexed:
@@ -192,30 +189,18 @@ void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
     }
 }
 
-// One pass: prunes on the way down and sweeps what is empty on the way up.
+// Prunes on the way down, and erases on the way up what is empty.
 void Node::PruneByWalk(const YSelectionDescriptor& rule)
 {
-    struct Level
-    {
-        NamedChildren children;
-        std::size_t next = 0;
-    };
-    std::vector<Level> open;
-    open.push_back({ChildrenInOrder()});
-    while (!open.empty()) {
-        Level& level = open.back();
-        if (level.next != level.children.size()) {
-            Node& node = *level.children[level.next++].second;
+    for (Walk<Node> walk(*this); walk.Step();) {
+        Node& node = walk.Current();
+        if (&node == this)
+            continue;
+        if (walk.IsEntering()) {
             node.PruneNodeIncludes(rule, false);
             node.PruneNodeExcludes(rule);
-            open.push_back({node.ChildrenInOrder()});
-            continue;
-        }
-        open.pop_back();
-        if (!open.empty()) {
-            Node& done = *open.back().children[open.back().next - 1].second;
-            if (done.IsEmpty())
-                done.m_parent->EraseChild(done);
+        } else if (node.IsEmpty()) {
+            node.m_parent->EraseChild(node);
         }
     }
 }
@@ -223,7 +208,7 @@ void Node::PruneByWalk(const YSelectionDescriptor& rule)
 // The same for a branch without empty nodes, except that the index is kept.
 void Node::PruneByIndex(const YSelectionDescriptor& rule)
 {
-    for (YSelectionRulesBelow::Entry* const entry : m_branch.index->FindPruned(rule)) {
+    for (BranchIndex::Entry* const entry : m_branch.index->FindPruned(rule)) {
         Node& node = *entry->node;
         node.LogPruning(rule, *entry->rule);
         const YSelectionDescriptor& stored = *std::exchange(entry->rule, nullptr);
@@ -306,15 +291,10 @@ Node* Node::FindChild(const YString& name) const
 
 Node& Node::AddChild(const YString& name)
 {
-    return AddChild(std::make_unique<Node>(name, this));
-}
-
-Node& Node::AddChild(std::unique_ptr<YSelectionManagerNode> child)
-{
     if (m_children != nullptr)
-        return m_children->Add(std::move(child));
+        return m_children->Add(std::make_unique<Node>(name, this));
     auto children = std::make_unique<Children>();
-    Node& added = children->Add(std::move(child));
+    Node& added = children->Add(std::make_unique<Node>(name, this));
     m_children = std::move(children);
     return added;
 }
@@ -326,14 +306,143 @@ void Node::EraseChild(YSelectionManagerNode& child)
         m_children.reset();
 }
 
-Node::NamedChildren Node::ChildrenInOrder() const
-{
-    return m_children == nullptr ? NamedChildren() : m_children->InOrder();
-}
-
 std::size_t Node::CountChildren() const
 {
     return m_children == nullptr ? 0 : m_children->Count();
+}
+
+namespace {
+
+int CompareBegins(std::string_view a, std::string_view b)
+{
+    return a.compare(b);
+}
+
+int CompareEnds(std::string_view a, std::string_view b)
+{
+    const auto [x, y] = std::mismatch(a.rbegin(), a.rend(), b.rbegin(), b.rend());
+    if (x == a.rend() || y == b.rend())
+        return (x != a.rend()) - (y != b.rend());
+    return static_cast<unsigned char>(*x) < static_cast<unsigned char>(*y) ? -1 : 1;
+}
+
+constexpr char Wildcards[] = "*?";
+
+} // namespace
+
+Node::BranchIndex::BranchIndex(Node& top)
+{
+    Walk<Node> walk(top);
+    for (walk.Enter(); walk.Enter();) { // the first node is the top itself
+        for (const Rules* const rules : {&walk.Current().m_includes, &walk.Current().m_excludes}) {
+            for (const YSelectionDescriptor& rule : *rules)
+                m_entries.push_back({rule.GetDescriptor().GetPattern().Bytes(), &rule, &walk.Current()});
+        }
+    }
+    const auto sort = [this](Order& order, auto compare) {
+        order.resize(m_entries.size());
+        std::iota(order.begin(), order.end(), 0U);
+        std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
+            return compare(m_entries[a].pattern, m_entries[b].pattern) < 0;
+        });
+    };
+    sort(m_byBegin, CompareBegins);
+    sort(m_byEnd, CompareEnds);
+}
+
+std::vector<Node::BranchIndex::Entry*> Node::BranchIndex::FindPruned(const YSelectionDescriptor& rule)
+{
+    std::vector<Entry*> entries = FindCandidates(rule.GetDescriptor());
+    std::erase_if(entries, [&](const Entry* entry) {
+        const bool isExplicit = entry->rule->IsInclude() && entry->rule->GetExplicitSelection();
+        return isExplicit || !rule.CanPrune(*entry->rule);
+    });
+    std::sort(entries.begin(), entries.end());
+    return entries;
+}
+
+// All entries that the names cover, and perhaps others. A pattern is covered by the same one, or else it is a
+// name that a Glob matches. Such a name begins with the Glob's text before the first wildcard and ends with
+// its text after the last. The longer of the two texts leaves fewer candidates.
+std::vector<Node::BranchIndex::Entry*> Node::BranchIndex::FindCandidates(const Krt::Match::Descriptor& names)
+{
+    const std::string_view pattern = names.GetPattern().Bytes();
+    const std::size_t first = pattern.find_first_of(Wildcards);
+    const bool isGlob = names.GetMatchType() == MatchType::Glob;
+    if (isGlob && !names.IsCaseSensitive())
+        return Range(m_byBegin, "", CompareBegins);
+    if (!isGlob || first == std::string_view::npos)
+        return Range(m_byBegin, pattern, CompareBegins);
+    const std::string_view begin = pattern.substr(0, first);
+    const std::string_view end = pattern.substr(pattern.find_last_of(Wildcards) + 1);
+    return begin.size() > end.size() ? Range(m_byBegin, begin, CompareBegins)
+                                     : Range(m_byEnd, end, CompareEnds);
+}
+
+// The entries whose pattern begins with the text, or ends with it, as `compare` looks at it.
+template <class Compare>
+std::vector<Node::BranchIndex::Entry*> Node::BranchIndex::Range(const Order& order, std::string_view text,
+                                                                Compare compare)
+{
+    const bool atEnd = &order == &m_byEnd;
+    const auto holds = [&](const Entry& entry) {
+        return atEnd ? entry.pattern.ends_with(text) : entry.pattern.starts_with(text);
+    };
+    std::vector<Entry*> found;
+    auto place =
+        std::lower_bound(order.begin(), order.end(), text, [&](std::uint32_t a, std::string_view wanted) {
+            return compare(m_entries[a].pattern, wanted) < 0;
+        });
+    for (; place != order.end() && holds(m_entries[*place]); ++place) {
+        if (m_entries[*place].rule != nullptr)
+            found.push_back(&m_entries[*place]);
+    }
+    return found;
+}
+
+void Node::Write(Krt::YStream& stream) const
+{
+    using Krt::Hex;
+    using Krt::Modifiers;
+    const auto writeRules = [&](const char* title, const Rules& rules) {
+        stream << title;
+        const char* separator = "";
+        for (const YSelectionDescriptor& rule : rules) {
+            stream << separator << rule;
+            separator = ", ";
+        }
+        stream << Modifiers::EndLine;
+    };
+    stream << "name: \"" << m_name << "\"" << Modifiers::EndLine;
+    stream << " node address: " << Hex::On << reinterpret_cast<unsigned long>(this) << Modifiers::EndLine;
+    stream << " path: \"" << GetPath() << Modifiers::EndLine;
+    stream << " parent: " << Hex::On << reinterpret_cast<unsigned long>(m_parent) << Modifiers::EndLine;
+    writeRules(" includes: ", m_includes);
+    writeRules(" excludes: ", m_excludes);
+}
+
+Krt::YStream& operator<<(Krt::YStream& stream, const Node& node)
+{
+    const Node* parent = nullptr; // of the next child
+    for (Node::Walk<const Node> walk(node); walk.Step();) {
+        if (walk.IsMissing()) { // such a print is for the diagnosis of a damaged tree, too
+            if (walk.IsEntering())
+                stream << "child.second is empty for: " << YString(walk.Name())
+                       << " under node at address: " << Krt::Hex::On
+                       << reinterpret_cast<unsigned long>(parent) << Krt::Modifiers::EndLine;
+            continue;
+        }
+        parent = walk.IsEntering() ? &walk.Current() : walk.Current().m_parent;
+        if (walk.IsEntering())
+            walk.Current().Write(stream);
+    }
+    return stream;
+}
+
+Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManager& manager)
+{
+    manager.m_lock.ReadLock(Krt::Time::YDuration::Zero()).Release();
+    return stream << *manager.m_root;
 }
 
 } // namespace Backup::File
