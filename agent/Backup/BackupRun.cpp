@@ -3,7 +3,7 @@
 #include "agent/Run/Interrupt.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/File/Unix/DeviceNumber.h"
+#include "Krt/File/Unix/Status.h"
 
 #include <sys/stat.h>
 

@@ -1,6 +1,6 @@
 #include "agent/Backup/HardLinks.h"
 
-#include "Krt/File/Unix/StatTimes.h"
+#include "Krt/File/Unix/Status.h"
 
 namespace Agent {
 

@@ -5,7 +5,7 @@
 
 #include "agent/Store/Snapshot.h"
 
-#include "Krt/File/FileId.h"
+#include "Krt/File/Unix/Status.h"
 
 #include <map>
 

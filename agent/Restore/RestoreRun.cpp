@@ -6,7 +6,7 @@
 #include "agent/Store/Hex.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/File/Unix/DeviceNumber.h"
+#include "Krt/File/Unix/Status.h"
 #include "Krt/Util/OpenHandle.h"
 #include "Krt/Util/YScope.h"
 

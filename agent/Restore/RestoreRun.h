@@ -11,7 +11,7 @@
 #include "agent/Store/ObjectReader.h"
 #include "agent/Store/SnapshotReader.h"
 
-#include "Krt/File/FileId.h"
+#include "Krt/File/Unix/Status.h"
 
 #include <map>
 #include <stdexcept>

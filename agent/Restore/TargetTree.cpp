@@ -5,8 +5,7 @@
 
 #include "Krt/Environment/Host.h"
 #include "Krt/Exception/Raise.h"
-#include "Krt/File/FileId.h"
-#include "Krt/File/Unix/StatTimes.h"
+#include "Krt/File/Unix/Status.h"
 
 #include <algorithm>
 

@@ -8,7 +8,7 @@
 
 #include "Backup/File/YSelectionManager.h"
 
-#include "Krt/File/FileId.h"
+#include "Krt/File/Unix/Status.h"
 #include "Krt/File/YDirectory.h"
 
 #include <deque>

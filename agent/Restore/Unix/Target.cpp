@@ -6,7 +6,7 @@
 #include "agent/Store/Directories.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/File/FileId.h"
+#include "Krt/File/Unix/Status.h"
 
 #include <filesystem>
 #include <sys/stat.h>

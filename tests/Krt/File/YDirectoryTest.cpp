@@ -4,7 +4,7 @@
 #include "testing/Raises.h"
 #include "testing/TemporaryDirectory.h"
 
-#include "Krt/File/Unix/DeviceNumber.h"
+#include "Krt/File/Unix/Status.h"
 
 #include <gtest/gtest.h>
 

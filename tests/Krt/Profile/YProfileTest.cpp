@@ -3,7 +3,7 @@
 #include "testing/Raises.h"
 #include "testing/TemporaryDirectory.h"
 
-#include "Krt/File/Unix/StatTimes.h"
+#include "Krt/File/Unix/Status.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

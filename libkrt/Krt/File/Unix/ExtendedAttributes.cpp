@@ -1,7 +1,6 @@
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/Unix/Arguments.h"
 #include "Krt/File/Unix/AttributeTarget.h"
-#include "Krt/File/Unix/Descriptor.h"
-#include "Krt/File/Unix/EntryName.h"
 #include "Krt/File/YDirectory.h"
 
 #include <cstring>

@@ -2,7 +2,7 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/FileType.h"
-#include "Krt/File/Unix/Descriptor.h"
+#include "Krt/File/Unix/Arguments.h"
 #include "Krt/Util/OpenHandle.h"
 
 #include <fcntl.h>

@@ -1,7 +1,7 @@
 #include "Krt/File/OpenFile.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/File/Unix/Descriptor.h"
+#include "Krt/File/Unix/Arguments.h"
 
 #include <unistd.h>
 

@@ -1,6 +1,6 @@
 #include "Krt/Profile/Unix/FileStamp.h"
 
-#include "Krt/File/Unix/StatTimes.h"
+#include "Krt/File/Unix/Status.h"
 #include "Krt/Util/SystemCall.h"
 
 #include <sys/stat.h>

@@ -1,5 +1,5 @@
 #include "Krt/File/OpenFile.h"
-#include "Krt/File/Unix/Descriptor.h"
+#include "Krt/File/Unix/Arguments.h"
 
 #include <fcntl.h>
 #include <sys/acl.h>

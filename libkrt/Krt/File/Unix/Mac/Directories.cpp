@@ -1,9 +1,10 @@
-#include "Krt/File/Unix/Listing.h"
+#include "Krt/File/Unix/Directories.h"
 
 #include "Krt/Util/SystemCall.h"
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -45,6 +46,17 @@ Util::OsResult<const dirent*> NextEntry(DIR* listing)
 }
 
 } // namespace
+
+// The caller goes component by component.
+Util::OsResult<Util::YUnxHandle> OpenBeneath(int, const char*)
+{
+    return {Util::YUnxHandle(), ENOSYS};
+}
+
+Util::OsResult<int> SetModeOfDirectory(int directory, mode_t mode)
+{
+    return Util::CallSystem([&] { return fchmod(directory, mode); });
+}
 
 int ListEntries(int directory, const std::function<bool(const DirectoryEntry&)>& visitor)
 {

@@ -1,9 +1,19 @@
-// The check that a name is one component, before a system call can take it for a path.
+// Checks of handles and names before a system call takes them for something else.
 #pragma once
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/Util/YUnxHandle.h"
 
 namespace Krt::File {
+
+/// The descriptor of a handle; raises InvalidState, reporting `function`, for an empty one. Its descriptor 0
+/// would reach the process's standard input.
+inline int DescriptorOf(const Util::YUnxHandle& handle, const char* function)
+{
+    if (handle.IsEmpty()) [[unlikely]]
+        KRT_RAISE_AS(function, MessageType::General, ErrorCode::InvalidState, "File is not open");
+    return handle.Get();
+}
 
 /// The name's text; raises InvalidArgument, reporting `function`, for an empty name, ".", "..", and one with
 /// "/" or NUL in it.
