@@ -3,6 +3,7 @@
 #include "agent/Run/Text.h"
 
 #include "Krt/Exception/YError.h"
+#include "Krt/File/YEntry.h"
 #include "Krt/Log/YStream.h"
 
 #include <sys/stat.h>
@@ -10,43 +11,10 @@
 namespace Agent {
 
 using Krt::YString;
+using Krt::File::YEntry;
 using Refused = std::vector<YString>;
 
 namespace {
-
-// The two ways to an entry, under one set of names.
-struct ByHandle
-{
-    const Krt::Util::YUnxHandle& handle;
-
-    void SetOwner(unsigned int user, unsigned int group) const { Krt::File::SetOwner(handle, user, group); }
-    void SetMode(unsigned int mode) const { Krt::File::SetMode(handle, mode); }
-    void SetTimes(const timespec& access, const timespec& write) const
-    {
-        Krt::File::SetTimes(handle, access, write);
-    }
-    void AddExtendedAttribute(const YString& attribute, const void* data, unsigned int size) const
-    {
-        Krt::File::AddExtendedAttribute(handle, attribute, data, size, 0);
-    }
-};
-
-struct ByName
-{
-    const Krt::File::YDirectory& parent;
-    const YString& name;
-
-    void SetOwner(unsigned int user, unsigned int group) const { parent.SetOwner(name, user, group); }
-    void SetMode(unsigned int mode) const { parent.SetMode(name, mode); }
-    void SetTimes(const timespec& access, const timespec& write) const
-    {
-        parent.SetTimes(name, access, write);
-    }
-    void AddExtendedAttribute(const YString& attribute, const void* data, unsigned int size) const
-    {
-        parent.AddExtendedAttribute(name, attribute, data, size, 0);
-    }
-};
 
 // Whether the step was done; a refusal is told.
 template <class Step>
@@ -68,8 +36,7 @@ unsigned int ModeFor(unsigned int mode, bool isUserRight, bool isGroupRight)
 }
 
 // Gives the owner and returns the mode that may be set then.
-template <class Target>
-unsigned int ApplyOwner(const Attributes& attributes, const Target& target, Refused& refused)
+unsigned int ApplyOwner(const Attributes& attributes, const YEntry& target, Refused& refused)
 {
     const bool hasUser = attributes.user != Krt::File::KeepOwner;
     const bool hasGroup = attributes.group != Krt::File::KeepOwner;
@@ -95,23 +62,21 @@ bool IsAccessList(const YString& attribute)
 
 // Access lists come last: one may take the owner's right to write, which the kernel requires for attributes
 // of the namespace "user".
-template <class Target>
-void ApplyExtended(const Attributes& attributes, const Target& target, Refused& refused)
+void ApplyExtended(const Attributes& attributes, const YEntry& target, Refused& refused)
 {
     for (const bool isForAccessLists : {false, true}) {
         for (const auto& [name, value] : attributes.extended) {
             if (IsAccessList(name) != isForAccessLists)
                 continue;
-            const void* const data = value.Size() != 0 ? value.template Cast<unsigned char>() : nullptr;
+            const void* const data = value.Size() != 0 ? value.Cast<unsigned char>() : nullptr;
             Try(refused, "attribute ", name, [&, &attribute = name, &bytes = value] {
-                target.AddExtendedAttribute(attribute, data, static_cast<unsigned int>(bytes.Size()));
+                target.AddExtendedAttribute(attribute, data, static_cast<unsigned int>(bytes.Size()), 0);
             });
         }
     }
 }
 
-template <class Target>
-void ApplyTo(const Attributes& attributes, const Target& target, bool hasMode, Refused& refused)
+void ApplyTo(const Attributes& attributes, const YEntry& target, bool hasMode, Refused& refused)
 {
     const unsigned int mode = ApplyOwner(attributes, target, refused);
     ApplyExtended(attributes, target, refused);
@@ -129,13 +94,13 @@ void Apply(const Attributes& attributes, const Krt::Util::YUnxHandle& handle, Re
 {
     // The list that a directory hands down would turn the group's bits into rights of whoever stands in it.
     Try(refused, "mode without inherited rights", YString(), [&] { Krt::File::RemoveAccessLists(handle); });
-    ApplyTo(attributes, ByHandle{handle}, true, refused);
+    ApplyTo(attributes, YEntry(handle), true, refused);
 }
 
 void Apply(const Attributes& attributes, const Krt::File::YDirectory& parent, const YString& name,
            bool isLink, Refused& refused)
 {
-    ApplyTo(attributes, ByName{parent, name}, !isLink, refused);
+    ApplyTo(attributes, YEntry(parent, name), !isLink, refused);
 }
 
 } // namespace Agent

@@ -6,6 +6,7 @@
 #include "Krt/Environment/Host.h"
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/Status.h"
+#include "Krt/File/YEntry.h"
 
 #include <algorithm>
 
@@ -146,17 +147,17 @@ void TargetTree::GiveBack(const Level& level)
     const Krt::Util::YUnxHandle& handle = level.directory.GetHandle();
     if (level.isNew) {
         Krt::File::RemoveAccessLists(handle);
-        Krt::File::SetMode(handle, ModeWithoutRecord);
+        Krt::File::YEntry(handle).SetMode(ModeWithoutRecord);
         return;
     }
     if (level.isWidened)
-        Krt::File::SetMode(handle, level.before.st_mode);
+        Krt::File::YEntry(handle).SetMode(level.before.st_mode);
     // One that nothing was made in may well be somebody else's, who alone can set its times.
     const struct stat now = level.directory.Stat();
     const timespec& write = Krt::File::WriteTime(level.before);
     if (Krt::File::WriteTime(now).tv_sec != write.tv_sec ||
         Krt::File::WriteTime(now).tv_nsec != write.tv_nsec)
-        Krt::File::SetTimes(handle, Krt::File::AccessTime(level.before), write);
+        Krt::File::YEntry(handle).SetTimes(Krt::File::AccessTime(level.before), write);
 }
 
 // Somebody who may change the directory may have moved it away.

@@ -11,6 +11,7 @@
 #include "testing/TemporaryDirectory.h"
 
 #include "Krt/File/YDirectory.h"
+#include "Krt/File/YEntry.h"
 #include "Krt/File/YFile.h"
 #include "Krt/Log/LogSite.h"
 #include "Krt/Profile/YProfile.h"
@@ -278,9 +279,9 @@ TEST_F(FileFaults, Directories)
                 {
                     const Krt::Util::YUnxHandle file = below.CreateFile("new");
                     Krt::File::Write(file, 0, content.size(), content.data());
-                    Krt::File::SetMode(file, 0640);
-                    Krt::File::SetTimes(file, {1, 0}, {2, 0});
-                    Krt::File::SetOwner(file, geteuid(), getegid());
+                    Krt::File::YEntry(file).SetMode(0640);
+                    Krt::File::YEntry(file).SetTimes({1, 0}, {2, 0});
+                    Krt::File::YEntry(file).SetOwner(geteuid(), getegid());
                     Krt::File::Sync(file);
                 }
                 below.Rename("new", opened, "file");
@@ -293,7 +294,7 @@ TEST_F(FileFaults, Directories)
                     return names.insert(entry.name.Bytes()).second;
                 });
                 opened.RemoveFile("fifo");
-                opened.SetTimes("hard", {3, 0}, {4, 0});
+                Krt::File::YEntry(opened, "hard").SetTimes({3, 0}, {4, 0});
             }))
             return;
         EXPECT_EQ(names, (std::set<std::string>{"fifo", "file", "hard", "link"}));

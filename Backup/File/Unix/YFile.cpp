@@ -19,6 +19,8 @@ using Krt::Modifiers;
 using Krt::YString;
 using Krt::Exception::YError;
 using Krt::File::ExtendedAttributeMap;
+using Krt::File::YDirectory;
+using Krt::File::YEntry;
 
 namespace {
 
@@ -83,8 +85,7 @@ void YFile::InitializeMembers()
     m_lastChangedTime = 0;
     m_dataBuffer.Resize(0);
     m_dataSize = 0;
-    m_directory = nullptr;
-    m_name = nullptr;
+    m_entry = YEntry(m_path);
 }
 
 // Everything anew, with the mode and the path stored.
@@ -119,11 +120,10 @@ void YFile::Open(OPEN_MODE mode, const YPath& path, OPTIONS options)
     KRT_LOG(MessageType::FileIo, "Successfully opened file " << m_path);
 }
 
-void YFile::OpenEntry(const Krt::File::YDirectory& directory, const YString& name, const YPath& path)
+void YFile::OpenEntry(const YDirectory& directory, const YString& name, const YPath& path)
 {
     Start(OPEN_MODE_READ, path, OPTIONS{});
-    m_directory = &directory;
-    m_name = &name;
+    m_entry = YEntry(directory, name);
     TakeStatus(directory.Stat(name));
     if (IsRegularFile())
         m_handle = directory.OpenFile(name);
@@ -134,7 +134,7 @@ void YFile::OpenForRead()
 {
     struct stat status;
     StatFile(m_path, &status);
-    m_directory = nullptr;
+    m_entry = YEntry(m_path);
     TakeStatus(status);
     if (IsRegularFile())
         m_handle = Krt::File::Open(m_path, Krt::File::OpenForReading);
@@ -228,7 +228,7 @@ unsigned long long YFile::GetInode() const
 
 unsigned int YFile::LookUpAttributes() const
 {
-    return m_directory != nullptr ? m_attributes : Krt::File::GetAttributes(m_path);
+    return m_entry.GetDirectory() != nullptr ? m_attributes : Krt::File::GetAttributes(m_path);
 }
 
 unsigned char* YFile::GetDataPtr() const
@@ -254,13 +254,14 @@ void YFile::SetModeFlags(unsigned int flags) const
 
 YPath YFile::GetSymbolicLinkTarget() const
 {
-    if (m_directory == nullptr)
+    const YDirectory* const directory = m_entry.GetDirectory();
+    if (directory == nullptr)
         return Backup::File::GetSymbolicLinkTarget(m_path);
     KRT_RAISE_UNLESS(IsSymbolicLink(), ErrorCode::InvalidState);
     char target[LinkTargetSize + 1];
-    const ssize_t length =
-        KRT_SYSCALL(readlinkat(m_directory->GetHandle().Get(), m_name->CStr(), target, LinkTargetSize),
-                    "Could not read symbolic link");
+    const ssize_t length = KRT_SYSCALL(
+        readlinkat(directory->GetHandle().Get(), m_entry.GetName()->CStr(), target, LinkTargetSize),
+        "Could not read symbolic link");
     target[length] = '\0';
     return YPath(target);
 }
@@ -274,22 +275,17 @@ std::list<YString> YFile::ListExtendedAttributes() const
 {
     if (IsXattrDisabled())
         return {};
-    return EmptyIfUnavailable([&] {
-        return m_directory != nullptr ? m_directory->ListExtendedAttributes(*m_name)
-                                      : Krt::File::ListExtendedAttributes(m_path);
-    });
+    return EmptyIfUnavailable([&] { return m_entry.ListExtendedAttributes(); });
 }
 
 ExtendedAttributeMap YFile::GetExtendedAttributeMap() const
 {
     if (IsXattrDisabled())
         return {};
-    return EmptyIfUnavailable([&] {
-        if (m_directory == nullptr)
-            return Krt::File::GetExtendedAttributeMap(m_path);
-        return m_handle.IsEmpty() ? m_directory->GetExtendedAttributeMap(*m_name)
-                                  : Krt::File::GetExtendedAttributeMap(m_handle);
-    });
+    // An open entry is reached by its handle, a path always as it is now.
+    const bool isByHandle = m_entry.GetDirectory() != nullptr && !m_handle.IsEmpty();
+    const YEntry entry = isByHandle ? YEntry(m_handle) : m_entry;
+    return EmptyIfUnavailable([&] { return entry.GetExtendedAttributeMap(); });
 }
 
 void YFile::AddExtendedAttribute(YString name, unsigned char* data, int size)

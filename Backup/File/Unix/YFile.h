@@ -6,15 +6,11 @@
 
 #include "Backup/File/Unix/IFileIo.h"
 
-#include "Krt/File/File.h"
 #include "Krt/File/FileType.h"
+#include "Krt/File/YEntry.h"
 #include "Krt/Log/YStream.h"
 
 struct stat;
-
-namespace Krt::File {
-class YDirectory;
-}
 
 namespace Backup::File {
 
@@ -148,8 +144,7 @@ private:
     unsigned long long m_lastChangedTime = 0;
     mutable Krt::Memory::YHeap<unsigned char> m_dataBuffer;
     unsigned int m_dataSize = 0;
-    const Krt::File::YDirectory* m_directory = nullptr; // the caller's, with an entry's name in it
-    const Krt::YString* m_name = nullptr;
+    Krt::File::YEntry m_entry{m_path}; // or what OpenEntry was given
 };
 
 /// "OPT_NONE" if that bit is set, else nothing.

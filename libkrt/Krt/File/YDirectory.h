@@ -78,19 +78,9 @@ public:
     void RemoveFile(const YString& name) const;
     void RemoveDirectory(const YString& name) const;
 
-    // Attributes of the entry itself.
-    /// Either may be KeepOwner.
-    void SetOwner(const YString& name, unsigned int user, unsigned int group) const;
-    /// EOPNOTSUPP for a link where the system keeps no modes of links.
-    void SetMode(const YString& name, unsigned int mode) const;
-    /// Of the directory itself, also of one that was opened to search.
+    /// Sets the mode of the directory itself, also of one that was opened to search. See YEntry.h for the
+    /// attributes of entries.
     void SetMode(unsigned int mode) const;
-    /// The rest as in OpenFile.h.
-    void SetTimes(const YString& name, const timespec& access, const timespec& write) const;
-    std::list<YString> ListExtendedAttributes(const YString& name) const;
-    ExtendedAttributeMap GetExtendedAttributeMap(const YString& name) const;
-    void AddExtendedAttribute(const YString& name, const YString& attribute, const void* data,
-                              unsigned int size, unsigned int flags) const;
 
 private:
     explicit YDirectory(Util::YUnxHandle handle) : m_handle(std::move(handle)) {}

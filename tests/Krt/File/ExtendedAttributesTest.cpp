@@ -1,4 +1,5 @@
 #include "Krt/File/YDirectory.h"
+#include "Krt/File/YEntry.h"
 
 #include "testing/Raises.h"
 #include "testing/ScriptedAttributes.h"
@@ -30,18 +31,18 @@ TEST(ExtendedAttributes, GoByPathByFileAndByEntry)
     const Krt::Util::YUnxHandle file = directory.OpenFile("file");
     const std::string large(3000, 'v');
     AddExtendedAttribute(path, "user.a", "one\0two", 7, 0);
-    AddExtendedAttribute(file, "user.b", "", 0, 0);
-    directory.AddExtendedAttribute("file", "user.c", "old", 3, 0);
-    directory.AddExtendedAttribute("file", "user.c", large.data(), 3000, 0);
+    YEntry(file).AddExtendedAttribute("user.b", "", 0, 0);
+    YEntry(directory, "file").AddExtendedAttribute("user.c", "old", 3, 0);
+    YEntry(directory, "file").AddExtendedAttribute("user.c", large.data(), 3000, 0);
 
-    for (const auto& map : {GetExtendedAttributeMap(path), GetExtendedAttributeMap(file),
-                            directory.GetExtendedAttributeMap("file")}) {
+    for (const auto& map : {GetExtendedAttributeMap(path), YEntry(file).GetExtendedAttributeMap(),
+                            YEntry(directory, "file").GetExtendedAttributeMap()}) {
         EXPECT_EQ(Text(map.at("user.a")), std::string("one\0two", 7));
         EXPECT_EQ(Text(map.at("user.b")), "");
         EXPECT_EQ(Text(map.at("user.c")), large);
     }
-    for (auto list : {ListExtendedAttributes(path), ListExtendedAttributes(file),
-                      directory.ListExtendedAttributes("file")}) {
+    for (auto list : {ListExtendedAttributes(path), YEntry(file).ListExtendedAttributes(),
+                      YEntry(directory, "file").ListExtendedAttributes()}) {
         list.sort();
         list.remove_if([](const YString& name) { return name.Left(5) != "user."; });
         EXPECT_EQ(list, (std::list<YString>{"user.a", "user.b", "user.c", "user.probe"}));
@@ -49,8 +50,9 @@ TEST(ExtendedAttributes, GoByPathByFileAndByEntry)
 
     // A link itself can't bear these, and its target must not get them in its place.
     std::filesystem::create_symlink("file", temporary / "link");
-    EXPECT_RAISES_OS(directory.AddExtendedAttribute("link", "user.d", "x", 1, 0), Krt::MessageType::General,
-                     EPERM, "AddExtendedAttribute", "Failed to set extended attribute user.d of: link");
+    EXPECT_RAISES_OS(YEntry(directory, "link").AddExtendedAttribute("user.d", "x", 1, 0),
+                     Krt::MessageType::General, EPERM, "AddExtendedAttribute",
+                     "Failed to set extended attribute user.d of: link");
     EXPECT_FALSE(GetExtendedAttributeMap(YPath((temporary / "link").c_str())).contains("user.a"));
     EXPECT_FALSE(GetExtendedAttributeMap(path).contains("user.d"));
 }

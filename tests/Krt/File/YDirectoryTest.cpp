@@ -5,6 +5,7 @@
 #include "testing/TemporaryDirectory.h"
 
 #include "Krt/File/Unix/Status.h"
+#include "Krt/File/YEntry.h"
 
 #include <gtest/gtest.h>
 
@@ -47,9 +48,9 @@ TEST_F(YDirectoryTest, RefusesWhatIsNotOneComponent)
                                 YString("a/"), YString(std::string_view("a\0b", 3))}) {
         for (const auto& operation : std::initializer_list<std::function<void()>>{
                  [&] { m_directory.OpenDirectory(name); }, [&] { m_directory.CreateFile(name); },
-                 [&] { m_directory.RemoveDirectory(name); }, [&] { m_directory.SetMode(name, 0); },
+                 [&] { m_directory.RemoveDirectory(name); }, [&] { YEntry(m_directory, name).SetMode(0); },
                  [&] { m_directory.Rename("a", m_directory, name); },
-                 [&] { m_directory.GetExtendedAttributeMap(name); },
+                 [&] { YEntry(m_directory, name).GetExtendedAttributeMap(); },
                  [&] {
                      m_directory.MakeHardLink(m_directory, name, "x");
                  }})
@@ -78,10 +79,10 @@ TEST_F(YDirectoryTest, NeverFollowsALink)
     EXPECT_TRUE(S_ISLNK(m_directory.Stat("file").st_mode));
 
     const struct stat before = YDirectory::OpenFollowing(link).Stat("file");
-    m_directory.SetTimes("file", {1, 0}, {2, 5});
-    CatchError([&] { m_directory.SetMode("file", 0); });
+    YEntry(m_directory, "file").SetTimes({1, 0}, {2, 5});
+    CatchError([&] { YEntry(m_directory, "file").SetMode(0); });
     if (geteuid() == 0)
-        m_directory.SetOwner("file", 12, KeepOwner);
+        YEntry(m_directory, "file").SetOwner(12, KeepOwner);
     m_directory.MakeHardLink(m_directory, "file", "second");
     const struct stat after = YDirectory::OpenFollowing(link).Stat("file");
     EXPECT_EQ(after.st_mtime, before.st_mtime);
@@ -115,7 +116,7 @@ TEST_F(YDirectoryTest, MakesEveryType)
     if (OsErrorOf([&] { m_directory.MakeDevice("null", S_IFCHR | 0600, makedev(1, 3)); }) != EPERM) {
         EXPECT_EQ(m_directory.Stat("null").st_rdev, makedev(1, 3));
     }
-    m_directory.SetMode("directory", S_IFDIR | 01750);
+    YEntry(m_directory, "directory").SetMode(S_IFDIR | 01750);
     EXPECT_EQ(Stat(m_directory.OpenDirectory("directory").GetHandle()).st_mode, mode_t{S_IFDIR | 01750});
 }
 
@@ -178,13 +179,13 @@ TEST_F(YDirectoryTest, ReachesTheOpenedDirectoryAfterItWasMoved)
     m_directory.Rename("first", m_directory, "elsewhere");
     m_directory.MakeSymbolicLink("first", "decoy");
     const Krt::Util::YUnxHandle file = opened.CreateFile("file");
-    SetTimes(file, {100, 0}, {200, 300});
-    SetMode(file, 0640);
+    YEntry(file).SetTimes({100, 0}, {200, 300});
+    YEntry(file).SetMode(0640);
     Sync(file);
     EXPECT_TRUE(fs::exists(m_temporary / "elsewhere/file"));
     EXPECT_TRUE(fs::is_empty(m_temporary / "decoy"));
     EXPECT_EQ(opened.Stat("file").st_mtime, 200);
-    opened.SetTimes("file", {0, UTIME_OMIT}, {7, 0});
+    YEntry(opened, "file").SetTimes({0, UTIME_OMIT}, {7, 0});
     EXPECT_EQ(opened.Stat("file").st_atime, 100);
     EXPECT_EQ(opened.Stat("file").st_mode, mode_t{S_IFREG | 0640});
 }

@@ -5,6 +5,7 @@
 #include "Krt/Environment/Process.h"
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/YDirectory.h"
+#include "Krt/File/YEntry.h"
 #include "Krt/Type/YUuid.h"
 #include "Krt/Util/YScope.h"
 
@@ -72,7 +73,7 @@ void WriteUnit(const YString& unit, const YString& text)
     const Krt::Util::YUnxHandle file = directory.CreateFile(temporary);
     const Krt::Util::YScope cleanUp([&] { directory.RemoveFile(temporary); });
     Krt::File::Write(file, 0, text.Bytes().size(), text.CStr());
-    Krt::File::SetMode(file, 0644);
+    Krt::File::YEntry(file).SetMode(0644);
     Krt::File::Sync(file);
     directory.Rename(temporary, directory, unit);
     Krt::File::Sync(directory.GetHandle());

@@ -2,6 +2,7 @@
 #include "Krt/File/Unix/Arguments.h"
 #include "Krt/File/Unix/AttributeTarget.h"
 #include "Krt/File/YDirectory.h"
+#include "Krt/File/YEntry.h"
 
 #include <cstring>
 #include <vector>
@@ -9,8 +10,6 @@
 namespace Krt::File {
 
 namespace {
-
-constexpr const char* OpenFileName = "open file";
 
 [[noreturn, gnu::cold]] void RaiseAttributeError(int error, const char* function, const char* action,
                                                  const char* attribute, const char* name)
@@ -104,58 +103,50 @@ void Add(const AttributeTarget& target, const YString& attribute, const void* da
 
 } // namespace
 
+AttributeTarget YEntry::Target(const char* function) const
+{
+    if (m_handle != nullptr)
+        return AttributeTarget(DescriptorOf(*m_handle, function));
+    if (m_directory == nullptr)
+        return AttributeTarget(m_name->CStr());
+    return AttributeTarget(m_directory->GetHandle().Get(), CheckEntryName(*m_name, function), function);
+}
+
+const char* YEntry::Describe() const
+{
+    return m_handle != nullptr ? "open file" : m_name->CStr();
+}
+
+std::list<YString> YEntry::ListExtendedAttributes() const
+{
+    return List(Target(__func__), Describe(), __func__);
+}
+
+ExtendedAttributeMap YEntry::GetExtendedAttributeMap() const
+{
+    return GetMap(Target(__func__), Describe(), __func__);
+}
+
+void YEntry::AddExtendedAttribute(const YString& attribute, const void* data, unsigned int size,
+                                  unsigned int flags) const
+{
+    Add(Target(__func__), attribute, data, size, flags, Describe(), __func__);
+}
+
 std::list<YString> ListExtendedAttributes(const YPath& path)
 {
-    const char* native = path.AsUnixPath(false).CStr();
-    return List(AttributeTarget(native), native, __func__);
+    return YEntry(path).ListExtendedAttributes();
 }
 
 ExtendedAttributeMap GetExtendedAttributeMap(const YPath& path)
 {
-    const char* native = path.AsUnixPath(false).CStr();
-    return GetMap(AttributeTarget(native), native, __func__);
+    return YEntry(path).GetExtendedAttributeMap();
 }
 
 void AddExtendedAttribute(const YPath& path, const YString& name, const void* data, unsigned int size,
                           unsigned int flags)
 {
-    const char* native = path.AsUnixPath(false).CStr();
-    Add(AttributeTarget(native), name, data, size, flags, native, __func__);
-}
-
-std::list<YString> ListExtendedAttributes(const Util::YUnxHandle& handle)
-{
-    return List(AttributeTarget(DescriptorOf(handle, __func__)), OpenFileName, __func__);
-}
-
-ExtendedAttributeMap GetExtendedAttributeMap(const Util::YUnxHandle& handle)
-{
-    return GetMap(AttributeTarget(DescriptorOf(handle, __func__)), OpenFileName, __func__);
-}
-
-void AddExtendedAttribute(const Util::YUnxHandle& handle, const YString& name, const void* data,
-                          unsigned int size, unsigned int flags)
-{
-    Add(AttributeTarget(DescriptorOf(handle, __func__)), name, data, size, flags, OpenFileName, __func__);
-}
-
-std::list<YString> YDirectory::ListExtendedAttributes(const YString& name) const
-{
-    const char* entry = CheckEntryName(name, __func__);
-    return List(AttributeTarget(m_handle.Get(), entry, __func__), entry, __func__);
-}
-
-ExtendedAttributeMap YDirectory::GetExtendedAttributeMap(const YString& name) const
-{
-    const char* entry = CheckEntryName(name, __func__);
-    return GetMap(AttributeTarget(m_handle.Get(), entry, __func__), entry, __func__);
-}
-
-void YDirectory::AddExtendedAttribute(const YString& name, const YString& attribute, const void* data,
-                                      unsigned int size, unsigned int flags) const
-{
-    const char* entry = CheckEntryName(name, __func__);
-    Add(AttributeTarget(m_handle.Get(), entry, __func__), attribute, data, size, flags, entry, __func__);
+    YEntry(path).AddExtendedAttribute(name, data, size, flags);
 }
 
 } // namespace Krt::File

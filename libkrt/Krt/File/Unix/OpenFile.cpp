@@ -15,26 +15,6 @@ struct stat Stat(const Util::YUnxHandle& handle)
     return status;
 }
 
-void SetOwner(const Util::YUnxHandle& handle, unsigned int user, unsigned int group)
-{
-    const int descriptor = DescriptorOf(handle, __func__);
-    KRT_SYSCALL(fchown(descriptor, user, group),
-                "Failed to set owner of open file to " << user << ":" << group);
-}
-
-void SetMode(const Util::YUnxHandle& handle, unsigned int mode)
-{
-    const int descriptor = DescriptorOf(handle, __func__);
-    KRT_SYSCALL(fchmod(descriptor, static_cast<mode_t>(mode & 07777)), "Failed to set mode of open file");
-}
-
-void SetTimes(const Util::YUnxHandle& handle, const timespec& access, const timespec& write)
-{
-    const int descriptor = DescriptorOf(handle, __func__);
-    const timespec times[] = {access, write};
-    KRT_SYSCALL(futimens(descriptor, times), "Failed to set times of open file");
-}
-
 void SetSize(const Util::YUnxHandle& handle, unsigned long long size)
 {
     const int descriptor = DescriptorOf(handle, __func__);

@@ -217,33 +217,10 @@ void YDirectory::RemoveDirectory(const YString& name) const
         KRT_RAISE_OS(removed.error, "Failed to remove directory: " << name);
 }
 
-void YDirectory::SetOwner(const YString& name, unsigned int user, unsigned int group) const
-{
-    const char* entry = CheckEntryName(name, __func__);
-    KRT_SYSCALL(fchownat(m_handle.Get(), entry, user, group, AT_SYMLINK_NOFOLLOW),
-                "Failed to set owner of: " << name << " to " << user << ":" << group);
-}
-
-void YDirectory::SetMode(const YString& name, unsigned int mode) const
-{
-    const char* entry = CheckEntryName(name, __func__);
-    const auto bits = static_cast<mode_t>(mode & 07777);
-    KRT_SYSCALL(fchmodat(m_handle.Get(), entry, bits, AT_SYMLINK_NOFOLLOW),
-                "Failed to set mode of: " << name);
-}
-
 void YDirectory::SetMode(unsigned int mode) const
 {
     KRT_OS_VALUE(SetModeOfDirectory(m_handle.Get(), static_cast<mode_t>(mode & 07777)),
                  "Failed to set mode of directory");
-}
-
-void YDirectory::SetTimes(const YString& name, const timespec& access, const timespec& write) const
-{
-    const char* entry = CheckEntryName(name, __func__);
-    const timespec times[] = {access, write};
-    KRT_SYSCALL(utimensat(m_handle.Get(), entry, times, AT_SYMLINK_NOFOLLOW),
-                "Failed to set times of: " << name);
 }
 
 } // namespace Krt::File
