@@ -9,9 +9,6 @@ set(CMAKE_SYSTEM_PROCESSOR "${BACKUP_MAC_CPU}")
 set(CMAKE_CXX_COMPILER "${BACKUP_MAC_ROOT}/bin/c++")
 set(CMAKE_AR "${BACKUP_MAC_ROOT}/bin/ar")
 set(CMAKE_RANLIB "${BACKUP_MAC_ROOT}/bin/ranlib")
-# Left out by CMake where it can't ask for the version of the building system.
-set(CMAKE_SHARED_LIBRARY_RUNTIME_C_FLAG "-Wl,-rpath,")
-set(CMAKE_SHARED_LIBRARY_RUNTIME_CXX_FLAG "-Wl,-rpath,")
 # Needed by an installation alone, which a cross build does not do.
 set(CMAKE_INSTALL_NAME_TOOL "${CMAKE_COMMAND}")
 
