@@ -37,6 +37,15 @@ OutputError::OutputError(int number)
       m_isPipeClosed(number == EPIPE)
 {}
 
+Output::~Output()
+{
+    try {
+        Flush();
+    } catch (const std::exception&) {
+        // The run has failed already, with a reason of its own.
+    }
+}
+
 Output& Output::operator<<(std::string_view text)
 {
     m_buffer += text;

@@ -23,6 +23,11 @@ private:
 class Output
 {
 public:
+    Output() = default;
+    /// Writes what is buffered, if it can, so that a run that fails prints what it found before.
+    ~Output();
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
     /// Appends the text. Raises OutputError, as Flush does. What was buffered is dropped then.
     Output& operator<<(std::string_view text);
     Output& operator<<(unsigned long long number);
