@@ -2,7 +2,7 @@
 // Learn: a walk starts at the topmost places of the rules and asks them about each path. It goes down by open
 // directories, and the descent policy keeps it out of foreign mounts. An entry that fails is reported and
 // left out.
-#include "Backup/File/Unix/DescentPolicy.h"
+#include "Backup/File/Unix/File.h"
 #include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YMetadataBase.h"
 #include "Backup/File/YSelectionManager.h"
