@@ -29,11 +29,17 @@ constinit FaultRun g_faultRun;
 
 namespace {
 
-constexpr std::size_t NameSize = 64;
+struct Shared
+{
+    char struck[64];
+    bool isOpenSslStruck;
+    unsigned long calls[FaultDomains];
+};
 
 // In memory that child processes share with their parent.
-char* const s_struck =
-    static_cast<char*>(mmap(nullptr, NameSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+Shared& s_shared = *static_cast<Shared*>(
+    mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+[[maybe_unused]] const auto s_calls = g_faultRun.calls = s_shared.calls;
 
 bool IsSystemCall(FaultDomain domain)
 {
@@ -129,7 +135,8 @@ bool FaultStrikes(FaultDomain domain, const char* call)
     if (number < run.target || number - run.target >= run.kind->inARow)
         return false;
     if (!isStruck)
-        std::strncpy(s_struck, call, NameSize - 1);
+        std::strncpy(s_shared.struck, call, sizeof s_shared.struck - 1);
+    s_shared.isOpenSslStruck |= std::strcmp(call, "getentropy") == 0;
     if (IsSystemCall(domain))
         errno = run.kind->error;
     return true;
@@ -137,12 +144,18 @@ bool FaultStrikes(FaultDomain domain, const char* call)
 
 const char* StruckCall()
 {
-    return s_struck;
+    return s_shared.struck;
 }
 
 void ForgetStruckCall()
 {
-    *s_struck = '\0';
+    *s_shared.struck = '\0';
+    s_shared.isOpenSslStruck = false;
+}
+
+bool IsOpenSslStruck()
+{
+    return s_shared.isOpenSslStruck;
 }
 
 } // namespace Testing

@@ -12,6 +12,8 @@ enum class FaultDomain
     Crypto     ///< OpenSSL's memory
 };
 
+constexpr int FaultDomains = 4;
+
 /// How a fault strikes.
 struct FaultKind
 {
@@ -28,9 +30,9 @@ struct FaultRun
     const FaultKind* kind = nullptr; ///< null: no fault
     unsigned long target = 0;        ///< the first call that it strikes, from 1 on
     bool isArmed = false;
-    unsigned long calls[4] = {}; ///< so far, while armed, by domain
-    long objects = 0;            ///< allocations by operator new that live
-    long crypto = 0;             ///< those of OpenSSL
+    unsigned long* calls = nullptr; ///< so far, while armed, by domain; shared with processes that it forks
+    long objects = 0;               ///< allocations by operator new that live
+    long crypto = 0;                ///< those of OpenSSL
 };
 extern FaultRun g_faultRun;
 
@@ -40,5 +42,7 @@ bool FaultStrikes(FaultDomain domain, const char* call);
 /// The call that was struck first; empty if none was. Outlives the process that was struck.
 const char* StruckCall();
 void ForgetStruckCall();
+/// Whether a call was struck that OpenSSL makes, which drops the error's number.
+bool IsOpenSslStruck();
 
 } // namespace Testing

@@ -186,7 +186,7 @@ bool Faults::Try(const std::function<bool()>& work)
     {
         Arming()
         {
-            std::fill(std::begin(g_faultRun.calls), std::end(g_faultRun.calls), 0);
+            std::fill_n(g_faultRun.calls, FaultDomains, 0);
             g_faultRun.isArmed = true;
         }
         ~Arming() { g_faultRun.isArmed = false; }
@@ -208,9 +208,9 @@ bool Faults::Try(const std::function<bool()>& work)
 int Faults::StruckError() const
 {
     const FaultKind* const kind = g_faultRun.kind;
-    const bool isKnown = kind != nullptr && kind->domain == FaultDomain::SystemCalls && !kind->starves &&
-                         *StruckCall() != '\0';
-    return isKnown ? kind->error : 0;
+    if (kind == nullptr || kind->domain != FaultDomain::SystemCalls || kind->starves)
+        return 0;
+    return *StruckCall() == '\0' || IsOpenSslStruck() ? 0 : kind->error;
 }
 
 bool Faults::CouldCleanUp() const
@@ -231,7 +231,8 @@ void CheckWithFaults(const Scenario& scenario, Names notRepeated, FirstUse first
     Plan plan{scenario, notRepeated, nullptr, 0};
     for (int run = 0; run < WarmRuns && g_followsMemory; ++run)
         EXPECT_EQ(Run(plan), 0) << "it fails without a fault";
-    const auto calls = std::to_array(g_faultRun.calls);
+    std::array<unsigned long, FaultDomains> calls;
+    std::copy_n(g_faultRun.calls, FaultDomains, calls.begin());
     if (const char* const number = form == nullptr ? nullptr : std::strchr(form, ':')) {
         plan.kind = &Kinds[std::atoi(form)];
         plan.target = std::strtoul(number + 1, nullptr, 10);
