@@ -203,13 +203,13 @@ bool RestoreRun::MakeHardLink(const LinkedFile* first, const Place& place, const
         m_tree.MakeHardLink(first->place, place, temporary);
         if (FileId(parent.Stat(temporary)) == first->file)
             return true;
-        parent.RemoveFile(temporary);
         m_refused.emplace_back(
             "restored as a file of its own, since another entry took its first name's place");
     } catch (const Krt::Exception::YError& error) {
         m_refused.push_back(YString("restored as a file of its own, since it could not be linked: ") +
                             ReasonOf(error));
     }
+    parent.RemoveFile(temporary); // the file of its own takes this name
     return false;
 }
 
