@@ -12,8 +12,12 @@ kept=$(sed 's/ *\(#.*\)*$//' <<'END'
 Backup/File/Unix/File.h <sys/stat.h>                        # struct stat for StatFile's callers
 Backup/Volume/Unix/YVolumeManager.h "Krt/File/PathHash.h"   # the map's hash
 Krt/Exception/Raise.h "Krt/Exception/YError.h"              # the statements' macros
+Krt/Exception/Raise.h <utility>                             # the statements' macros
 Krt/Exception/YError.h "Krt/Log/MessageType.h"              # what GetMessageType is compared with
+Krt/File/OpenFile.h "Krt/File/File.h"                       # handles and results of callers
 Krt/File/YDirectory.h "Krt/File/OpenFile.h"                 # operations on GetHandle
+Krt/File/YEntry.h "Krt/File/OpenFile.h"                     # KeepOwner
+Krt/JSON/Members.h <type_traits>
 Krt/KrtFoundation/boostapi.h "Krt/Exception/YError.h"       # what callers catch
 Krt/Log/LogSite.h "Krt/Log/LogPrefix.h"                     # the statement's macros
 Krt/Memory/YHeap.h <memory>

@@ -17,7 +17,6 @@
 #include <memory>
 #include <set>
 #include <span>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -242,6 +241,8 @@ private:
             Indexed     // later rules prune by the index, and update it
         };
 
+        Branch() noexcept;
+        ~Branch();
         void ChangedBelow() noexcept;
 
         unsigned long long includes = 0; // of this node and all nodes below it

@@ -22,12 +22,14 @@ public:
     class Condition
     {
     public:
+        /// Refers to `callable`, which gets a rule and returns a bool.
         template <class Callable>
         Condition(const Callable& callable)
             : m_callable(&callable), m_call([](const void* object, const Rule& rule) {
                   return (*static_cast<const Callable*>(object))(rule);
               })
         {}
+        /// Calls the object.
         bool operator()(const Rule& rule) const { return m_call(m_callable, rule); }
 
     private:

@@ -28,7 +28,8 @@ void Node::Clear() noexcept
     m_includes.Clear();
     m_excludes.Clear();
     DestroyChildren();
-    m_branch = Branch();
+    m_branch.includes = 0;
+    m_branch.ChangedBelow();
 }
 
 // A deep subtree can't be destroyed by recursion, and there may be no memory for a stack. The nodes that are
@@ -129,6 +130,10 @@ void Node::RulesChanged(long long includesAdded, const YSelectionManagerNode* ke
             node->m_branch.ChangedBelow();
     }
 }
+
+Node::Branch::Branch() noexcept = default;
+
+Node::Branch::~Branch() = default;
 
 void Node::Branch::ChangedBelow() noexcept
 {

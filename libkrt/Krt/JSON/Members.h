@@ -23,6 +23,7 @@ public:
     static constexpr bool Reads = false;     ///< the fields are not changed
     static constexpr bool ListsKeys = false; ///< a member that depends on a field may be left out
 
+    /// Appends to `object`.
     explicit ValueMembers(YObject& object) : m_object(object) {}
 
     /// A number, or a bool as 1 or 0.
@@ -80,6 +81,7 @@ public:
     static constexpr bool Reads = false;     ///< the fields are not changed
     static constexpr bool ListsKeys = false; ///< a member that depends on a field may be left out
 
+    /// Writes to `writer`.
     explicit TextMembers(YTextWriter& writer) : m_writer(writer) {}
 
     /// See ValueMembers.
@@ -140,6 +142,7 @@ public:
     static constexpr bool Reads = true;      ///< the fields are changed
     static constexpr bool ListsKeys = false; ///< a member that depends on a field may be left out
 
+    /// Reads from `object`, which outlives this object.
     explicit ReadMembers(const YObject& object) : m_object(object) {}
 
     /// Reads a number of the field's size; raises if the value is larger.
@@ -215,8 +218,8 @@ enum class MemberForm
 /// A key that an object may have.
 struct MemberKey
 {
-    std::string_view name; ///< text of the program, which lives as long as it runs
-    MemberForm form;
+    std::string_view name;        ///< text of the program, which lives as long as it runs
+    MemberForm form;              ///< form of its value
     std::vector<MemberKey> inner; ///< keys of the object, or of the array's objects
 };
 
@@ -227,6 +230,7 @@ public:
     static constexpr bool Reads = false;    ///< the fields are not changed
     static constexpr bool ListsKeys = true; ///< members that depend on a field are all given
 
+    /// Appends to `keys`.
     explicit KeyMembers(std::vector<MemberKey>& keys) : m_keys(keys) {}
 
     /// See ValueMembers.

@@ -6,14 +6,14 @@
 
 namespace Krt::Util {
 
-/// What an operation of the system returned, and the number of its error: 0 after a success, and never after
-/// a failure. After a failure `value` is what the operation says it is.
+/// Result of an operation of the system.
 template <class T>
 struct OsResult
 {
-    T value{};
-    int error = 0;
+    T value{};     ///< what it returned; after a failure, what the operation documents
+    int error = 0; ///< number of the error; 0 after a success, and never 0 after a failure
 
+    /// Returns true after a success.
     explicit operator bool() const { return error == 0; }
 };
 
