@@ -82,8 +82,8 @@ void BackupCommand::Run(Report& report)
     walker.Skip(store.GetDirectory().Stat());
     walker.Run();
     KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted; no snapshot was made");
-    if (run.GetCounts().Entries() == 0 && report.GetFailed() == 0)
-        report.Note("Warning: nothing was selected, so the snapshot has no entries");
+    if (run.GetCounts().Entries() == 0)
+        report.Note("Warning: nothing was stored, so the snapshot has no entries");
     const std::string id = snapshot.Finish(run.GetCounts().bytes, report.GetFailed());
     report.Summary("The snapshot " + id + " was made",
                    SummaryOf(id, run.GetCounts(), report.GetFailed(), session.GetStoredBytes()));

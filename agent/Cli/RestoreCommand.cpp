@@ -43,7 +43,7 @@ CLI::App* RestoreCommand::Register(CLI::App& program)
         ->type_name("TARGET")
         ->required();
     m_paths =
-        AddPathArguments(*command, "Restore only these entries, as list prints them, and all below them");
+        AddPathArguments(*command, "Restore only these entries and all below them; give the names themselves, without escapes");
     command->footer(
         "An entry /a/b is restored as TARGET/a/b. Existing files are replaced. Nothing is ever written\n"
         "outside TARGET: symlinks below it are not followed, nor are other users' symlinks on the path to\n"

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <memory>
+#include <sys/stat.h>
 #include <utility>
 
 namespace Agent {
@@ -58,19 +59,54 @@ void Select(Backup::File::YSelectionManager& rules, const YPath& root)
 // A job of many rules may have one mistake in all of them.
 constexpr std::size_t MostWarnings = 20;
 
-// Raises the first error of the document.
-void CheckRules(const Krt::JSON::YObject& document, const std::string& jobFile,
-                std::vector<YString>& warnings)
+// The warnings about one job file, up to a limit.
+class JobWarnings
 {
-    std::size_t count = 0;
+public:
+    explicit JobWarnings(const std::string& jobFile) : m_prefix("Warning: the job file " + jobFile + ": ") {}
+    void Add(const std::string& text)
+    {
+        if (++m_count <= MostWarnings)
+            m_texts.emplace_back(m_prefix + text);
+    }
+    std::vector<YString> Finish()
+    {
+        if (m_count > MostWarnings)
+            m_texts.emplace_back(m_prefix + std::to_string(m_count - MostWarnings) + " further warnings");
+        return std::move(m_texts);
+    }
+
+private:
+    std::string m_prefix;
+    std::vector<YString> m_texts;
+    std::size_t m_count = 0;
+};
+
+// Raises the first error of the document.
+void CheckRules(const Krt::JSON::YObject& document, JobWarnings& warnings)
+{
     CheckJob(document, [&](const JobFinding& finding) {
         KRT_RAISE_UNLESS(!finding.isError, Krt::ErrorCode::InvalidArgument, finding.text.c_str());
-        if (++count <= MostWarnings)
-            warnings.emplace_back("Warning: the job file " + jobFile + ": " + finding.text);
+        warnings.Add(finding.text);
     });
-    if (count > MostWarnings)
-        warnings.emplace_back("Warning: the job file " + jobFile + ": " +
-                              std::to_string(count - MostWarnings) + " further warnings");
+}
+
+// A walk meets only what is there, so it can't report a misspelt path below its start.
+void WarnOfMissingPaths(const Job& job, JobWarnings& warnings)
+{
+    YPath last;
+    job.rules.VisitPathsAndDescriptors(
+        YSelectionDescriptor::Include, YPath(),
+        [&](const YPath& path, const YSelectionDescriptor&) {
+            struct stat status;
+            if (path != last && !job.roots.contains(path) &&
+                Krt::Util::CallSystem([&] { return lstat(path.CStr(), &status); }).error == ENOENT)
+                warnings.Add("there is no " + path.Bytes() +
+                             ", so what is to be included there is not stored");
+            last = path;
+            return false;
+        },
+        true);
 }
 
 std::string ReadJobFile(const std::string& jobFile)
@@ -85,8 +121,7 @@ std::string ReadJobFile(const std::string& jobFile)
     return KRT_OS_VALUE(std::move(text), "Can't read the job file " << jobFile.c_str());
 }
 
-void LoadRules(Backup::File::YSelectionManager& rules, std::vector<YString>& warnings,
-               const std::string& jobFile)
+void LoadRules(Backup::File::YSelectionManager& rules, JobWarnings& warnings, const std::string& jobFile)
 {
     RequireOwnFile("The job file", jobFile);
     std::string text = ReadJobFile(jobFile);
@@ -94,7 +129,7 @@ void LoadRules(Backup::File::YSelectionManager& rules, std::vector<YString>& war
     try {
         // The text of a large job is given up before its rules are made.
         const auto job = Krt::JSON::YValue::Parse(std::exchange(text, {}));
-        CheckRules(job->AsObject(), jobFile, warnings);
+        CheckRules(job->AsObject(), warnings);
         rules.FromJSON(job->AsObject());
     } catch (const Krt::Exception::YError& error) {
         KRT_RAISE(Krt::ErrorCode::InvalidArgument,
@@ -108,8 +143,11 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths)
 {
     Job job;
     if (!jobFile.empty()) {
-        LoadRules(job.rules, job.warnings, jobFile);
+        JobWarnings warnings(jobFile);
+        LoadRules(job.rules, warnings, jobFile);
         job.roots = job.rules.GetIncludeTops(YPath());
+        WarnOfMissingPaths(job, warnings);
+        job.warnings = warnings.Finish();
         KRT_RAISE_UNLESS(!job.roots.empty() || !paths.empty(), Krt::ErrorCode::InvalidArgument,
                          "The job file " << jobFile.c_str() << " includes nothing, and no PATH is named");
     }

@@ -68,9 +68,7 @@ TEST_F(BackupProgram, StoresAFileWhoseOwnPathIsARulesPlace)
         {"include" + file + " glob=*", {"/dir/file"}, ""},
         {"include" + dir + " exact=more; include" + file + " any", {"/dir/file", "/dir/more"}, ""},
         {"include" + file + " any; exclude" + dir + " exact=file", {}, "excluded: " + source + "/dir/file"},
-        {"include" + file + " exact=file",
-         {},
-         "Warning: nothing was selected, so the snapshot has no entries"},
+        {"include" + file + " exact=file", {}, "Warning: nothing was stored, so the snapshot has no entries"},
         {"include" + link + " recursive any",
          {"/link"},
          "Warning: " + source + "/link is a link, which is stored"},
@@ -105,6 +103,8 @@ TEST_F(BackupProgram, ToldOfRulesThatCannotBeMeantBeforeItRuns)
         {include + rule + " exact=a", "\"exclude\"", "\"include\"", 0, found + "selection_type decides"},
         {include + rule + " exact=a recursive explicit", "", "", 0,
          found + "explicit_selection has no effect"},
+        {"include " + source + " exact=file; include " + source + "/flie any", "", "", 0,
+         "there is no " + source + "/flie"},
         {"exclude - exact=a; " + include + " explicit", "", "", 0, ""},
     };
     for (const auto& [rules, from, to, exitCode, told] : cases) {
