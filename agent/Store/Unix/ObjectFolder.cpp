@@ -72,13 +72,14 @@ void ObjectFolder::Place(const Krt::File::YDirectory& from,
 {
     std::optional<Krt::File::YDirectory> folder;
     unsigned char current = 0;
-    for (const auto& [address, name] : files) {
+    for (const auto& [address, file] : files) {
         const RelativePath place(address);
+        const char* const name = file.CStr(); // a lambda can't capture a structured binding in clang 14
         // In the order of addresses each folder is opened once.
         if (!folder || address.bytes[0] != current)
             folder.emplace(OpenFolder(place.Folder()));
         current = address.bytes[0];
-        KRT_SYSCALL(renameat(from.GetHandle().Get(), name.CStr(), folder->GetHandle().Get(), place.Name()),
+        KRT_SYSCALL(renameat(from.GetHandle().Get(), name, folder->GetHandle().Get(), place.Name()),
                     "Failed to place object: " << place.Text());
     }
 }
