@@ -76,14 +76,16 @@ YPath Node::GetPath() const
 std::unique_ptr<Node> Node::CopyRecursive(const YSelectionManagerNode& source, YSelectionManagerNode* parent)
 {
     auto top = std::make_unique<Node>(source.m_name, parent);
-    Node* copy = nullptr; // of the node that was entered last
+    Node* copy = top.get(); // of the node that was entered last
     for (Walk<const Node> walk(source); walk.Step();) {
         if (!walk.IsEntering()) {
-            copy = copy->m_parent;
+            if (walk.Depth() != 0)
+                copy = copy->m_parent;
             continue;
         }
         const Node& original = walk.Current();
-        copy = walk.Depth() == 0 ? top.get() : &copy->AddChild(original.m_name);
+        if (walk.Depth() != 0)
+            copy = &copy->AddChild(original.m_name);
         copy->m_includes = original.m_includes;
         copy->m_excludes = original.m_excludes;
         copy->m_branch.includes = original.m_branch.includes;
@@ -99,13 +101,15 @@ bool Node::operator==(const YSelectionManagerNode& other) const
                std::equal(a.m_includes.begin(), a.m_includes.end(), b.m_includes.begin()) &&
                std::equal(a.m_excludes.begin(), a.m_excludes.end(), b.m_excludes.begin());
     };
-    const Node* twin = nullptr; // in the other subtree, of the node that was entered last
+    const Node* twin = &other; // in the other subtree, of the node that was entered last
     for (Walk<const Node> walk(*this); walk.Step();) {
         if (!walk.IsEntering()) {
-            twin = twin->m_parent;
+            if (walk.Depth() != 0)
+                twin = twin->m_parent;
             continue;
         }
-        twin = walk.Depth() == 0 ? &other : twin->FindChild(walk.Current().m_name);
+        if (walk.Depth() != 0)
+            twin = twin->FindChild(walk.Current().m_name);
         if (twin == nullptr || !sameContent(walk.Current(), *twin))
             return false;
     }

@@ -51,12 +51,13 @@ Memory::YHeap<wchar_t> Convert<char, wchar_t>(const char* text)
     Memory::YHeap<wchar_t> result;
     result.Resize((length + 1) * sizeof(wchar_t));
     wchar_t* const begin = result;
-    const wchar_t* end = begin;
-    try {
-        end = utf8::utf8to16(text, text + length, begin);
-    } catch (const std::exception&) {
-        RaiseConversionFailure();
-    }
+    const wchar_t* const end = [&] {
+        try {
+            return utf8::utf8to16(text, text + length, begin);
+        } catch (const std::exception&) {
+            RaiseConversionFailure();
+        }
+    }();
     result.Resize(static_cast<std::size_t>(end + 1 - begin) * sizeof(wchar_t));
     return result;
 }
