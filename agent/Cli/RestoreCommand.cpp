@@ -42,8 +42,9 @@ CLI::App* RestoreCommand::Register(CLI::App& program)
         ->add_option("--to", m_target, "Restore into this directory, which is created if it does not exist")
         ->type_name("TARGET")
         ->required();
-    m_paths =
-        AddPathArguments(*command, "Restore only these entries and all below them; give the names themselves, without escapes");
+    m_paths = AddPathArguments(
+        *command,
+        "Restore only these entries and all below them; give the names themselves, without escapes");
     command->footer(
         "An entry /a/b is restored as TARGET/a/b. Existing files are replaced. Nothing is ever written\n"
         "outside TARGET: symlinks below it are not followed, nor are other users' symlinks on the path to\n"
