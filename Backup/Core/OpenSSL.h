@@ -1,6 +1,8 @@
-// What the library uses OpenSSL for: random bytes, and the verification of server certificates. Any thread
-// may call any function. No function leaves errors in the thread's OpenSSL queue.
 #pragma once
+
+/// @file
+/// OpenSSL: random bytes and the verification of server certificates. Any thread may call any function. No
+/// function leaves errors in the thread's OpenSSL queue.
 
 #include "Backup/Export.h"
 #include "Krt/File/YPath.h"
@@ -18,8 +20,8 @@ namespace Backup::OpenSSL {
 /// InvalidArgument for a negative count.
 BACKUP_API Krt::Memory::YHeap<unsigned char> RandomBytes(int count);
 
-/// What a certificate is verified against. Certificates and revocation lists (CRLs) are the bytes of a file:
-/// DER for a single one, or PEM for any number among other text.
+/// Options of a verification. Certificates and revocation lists (CRLs) are the bytes of a file: DER for a
+/// single one, or PEM for any number among other text.
 struct TrustOptions
 {
     /// Files of trust anchors. Any anchor, from a file or not, replaces the system's store.

@@ -1,5 +1,3 @@
-// The one process-wide object of the library: the macro table with which configured paths are expanded, and
-// the list of the machine's volumes.
 #pragma once
 
 #include "Backup/Export.h"
@@ -11,7 +9,7 @@
 
 namespace Backup {
 
-/// The part of the object that needs no volumes.
+/// The part of the process-wide object that does not depend on volumes.
 class BACKUP_API YGlobalBase
 {
 public:
@@ -20,13 +18,13 @@ public:
     YGlobalBase(const YGlobalBase&) = delete;
     YGlobalBase& operator=(const YGlobalBase&) = delete;
 
-    /// Fills the macro table with the product's names.
+    /// Adds the product's names to the macro table.
     virtual void Initialize();
-    /// The counterpart, for objects that add to this one; there is nothing to undo here.
+    /// The counterpart of Initialize, for derived classes; does nothing here.
     virtual void Deinitialize();
 
-    /// For whoever changes the macro table while other threads use it; the library itself only reads the
-    /// table, and takes no lock.
+    /// A mutex for callers that change the macro table while other threads use it. The library itself only
+    /// reads the table and does not lock the mutex.
     const boost::shared_ptr<Krt::Thread::YMutexInternal>& GetMutex() const { return m_mutex; }
     /// The macro table, owned by this object.
     Krt::Util::YMacroManager& GetMacros() { return m_macros; }
@@ -34,28 +32,30 @@ public:
 protected:
     ~YGlobalBase() = default;
 
-    boost::shared_ptr<Krt::Thread::YMutexInternal> m_mutex; ///< what GetMutex gives
-    Krt::Util::YMacroManager m_macros;                      ///< what GetMacros gives
+    boost::shared_ptr<Krt::Thread::YMutexInternal> m_mutex; ///< returned by GetMutex
+    Krt::Util::YMacroManager m_macros;                      ///< returned by GetMacros
 };
 
+/// The process-wide object of the library: the macro table with which configured paths are expanded, and
+/// the list of the machine's volumes.
 class BACKUP_API YGlobal final : public YGlobalBase
 {
 public:
-    /// The same; volumes are looked for when first asked about.
+    /// Initializes the base; volumes are discovered at the first query.
     void Initialize() override;
 
-    /// Has a lock of its own.
+    /// The list of volumes, owned by this object. Any thread may use it.
     Volume::YVolumeManager& GetVolumeManager() { return m_volumeManager; }
 
 private:
     Volume::YVolumeManager m_volumeManager;
 };
 
-/// The process's object, made at the first call and not initialised by it; the same one until DestroyGlobal.
-/// The first call comes from one thread, before others start. Raises MutexInitFailed; the next call tries
-/// again.
+/// Returns the process-wide object, which the first call creates, without initializing it. It exists until
+/// DestroyGlobal. One thread makes the first call, before other threads start. Raises MutexInitFailed; the
+/// next call tries again.
 BACKUP_API YGlobal* GetGlobal();
-/// Destroys the object; does nothing if there is none. No other thread may use it.
+/// Destroys the process-wide object; does nothing if it does not exist. No other thread may use it.
 BACKUP_API void DestroyGlobal();
 
 } // namespace Backup

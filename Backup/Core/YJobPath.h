@@ -1,6 +1,3 @@
-// YJobPath: names an item of a backup job. A job may hold things other than files, so a job path is a list of
-// typed components, the root first and the leaf last; the components of the two file system classes form a
-// file path. An empty job path is valid. A plain value without a lock.
 #pragma once
 
 #include "Backup/Export.h"
@@ -12,6 +9,9 @@
 
 namespace Backup {
 
+/// The name of an item of a backup job: a list of typed components, the root first and the leaf last. A job
+/// may contain items that are not files. The components of the two file system classes form a file path. An
+/// empty job path is valid. A plain value without a lock.
 class BACKUP_API YJobPath
 {
 public:
@@ -19,87 +19,97 @@ public:
     static constexpr unsigned int ClassFileSystemContainer = 0x602; ///< a directory or a volume
     static constexpr unsigned int ClassFileSystemFile = 0x603;      ///< anything else that has a path
 
-    /// One level. Other classes than those above may come from elsewhere and are kept as they are.
+    /// One component. Classes other than those above are accepted and kept unchanged.
     class BACKUP_API Component
     {
     public:
-        /// Numbers 0, names empty.
+        /// All numbers are 0 and both names empty.
         Component() = default;
-        /// Takes all four as they are.
+        /// Stores the arguments unchanged.
         Component(const YString& name, const YString& displayName, unsigned int classId,
                   unsigned short subclassId);
-        /// Whether it is of one of the two file system classes.
+        /// Returns true if the component is of one of the two file system classes.
         bool IsFileSystem() const { return (m_classId & ~1u) == ClassFileSystemContainer; }
 
-        unsigned int m_classId = 0;      ///< what kind of thing it is
-        unsigned short m_subclassId = 0; ///< a finer kind within the class
-        YString m_name;                  ///< by which it is known
-        YString m_displayName;           ///< text for people; may be empty and plays no part in comparisons
+        unsigned int m_classId = 0;      ///< kind of the item
+        unsigned short m_subclassId = 0; ///< finer kind within the class
+        YString m_name;                  ///< identifies the item within its parent
+        YString m_displayName;           ///< text for users; may be empty, is not compared
     };
 
     YJobPath() = default;
-    /// As ParseDisplayPath.
+    /// Parses display text; see ParseDisplayPath.
     YJobPath(const YString& displayPath);
-    /// Of one component.
+    /// A path of one component.
     YJobPath(const Component& component);
-    /// As Copy.
+    /// A part of `other`; see Copy.
     YJobPath(const YJobPath& other, unsigned long start, unsigned long count);
     YJobPath(const YJobPath&) = default;
     YJobPath(YJobPath&& other) noexcept = default;
     YJobPath& operator=(const YJobPath&) = default;
+    /// Moves the components of `other`, which is empty afterwards.
     YJobPath& operator=(YJobPath&& other) noexcept;
 
-    /// `base`, then the path's volume if it has one, then its components. All are containers, save the last
-    /// one when `isDirectory` is false. They get no display names.
+    /// Returns `base` followed by the path's volume, if it has one, and the path's components. All are
+    /// containers; only the last one is a file if `isDirectory` is false. Display names are empty.
     static YJobPath FromFilePath(YJobPath base, Krt::File::YPath path, bool isDirectory);
-    /// Replaces the content by a component of unknown class for each piece between "/" that isn't empty.
+    /// Replaces the content by a component of ClassUnknown for each non-empty piece between "/".
     void ParseDisplayPath(const YString& text);
-    /// The names, not the display names, joined by "/".
+    /// Returns the names (not the display names), joined by "/".
     YString GetDisplayPath() const;
-    /// As GetDisplayPath.
+    /// Converts to the text of GetDisplayPath.
     operator YString() const { return GetDisplayPath(); }
-    /// The file path that the file system components give, which starts at "/". Raises InvalidArgument if
-    /// there is no such component, or if another one stands behind the first of them.
+    /// Returns the file path that the file system components form; it begins with "/". Raises
+    /// InvalidArgument if there is no such component, or if a component of another class follows the first
+    /// of them.
     Krt::File::YPath GetFilesystemPortion() const;
 
-    /// 0 for an empty path.
+    /// The number of components; 0 for an empty path.
     unsigned long GetComponentCount() const { return m_components.size(); }
-    /// Valid until the next change; raises InvalidArgument past the end.
+    /// Returns the component at `index`, valid until the next change. Raises InvalidArgument if `index` is
+    /// not below the count.
     const Component& GetComponent(unsigned long index) const;
-    /// Raise EmptyJobPath on an empty path.
+    /// Returns the first component. Raises EmptyJobPath on an empty path.
     const Component& GetRoot() const;
+    /// Returns the last component. Raises EmptyJobPath on an empty path.
     const Component& GetLeaf() const;
-    /// Index of the first component of the class at or behind `start`; the count if there is none.
+    /// Returns the index of the first component of class `classId` at or after `start`, or the component
+    /// count if there is no such component.
     unsigned long Find(unsigned long start, unsigned long classId) const;
-    /// The JSON form, see below.
+    /// Returns the JSON form: an object with the array "components". Its elements have "class_id",
+    /// "subclass_id", "name" and, unless it is empty, "display_name".
     Krt::JSON::YObject ToJSON() const;
-    /// Gives the members of the JSON form to a class of Krt/JSON/Members.h.
+    /// Passes the members of the JSON form to a class of Krt/JSON/Members.h.
     template <class Members>
     static void Describe(Members& members, const YJobPath& path);
-    /// Raises InvalidArgument if the index isn't below the count.
+    /// Raises InvalidArgument if `index` is not below the count.
     void ValidateRange(unsigned long index) const;
 
-    /// No effect on an empty path.
+    /// Removes the last component; has no effect on an empty path.
     void RemoveLeaf();
-    /// Adds a copy behind the leaf.
+    /// Appends a copy of `component`.
     void AppendComponent(const Component& component);
-    /// Appends a component after the leaf, moving it in.
+    /// Appends `component`, which is moved from.
     void AppendComponent(Component&& component) { m_components.push_back(std::move(component)); }
-    /// Makes room for so many components at once.
+    /// Allocates memory for `count` components in total.
     void Reserve(unsigned long count) { m_components.reserve(count); }
-    /// Adds a component behind the leaf, or all of the other path.
+    /// Appends a copy of `component`.
     YJobPath& operator+=(const Component& component);
+    /// Appends all components of `other`.
     void Append(const YJobPath& other);
-    /// Replaces the content by at most `count` components of `other` from `start` on; cut at its end.
+    /// Replaces the content by the components of `other` from index `start`: `count` of them, or fewer if
+    /// `other` ends earlier.
     void Copy(const YJobPath& other, unsigned long start, unsigned long count);
-    /// Takes over the other's components and leaves it empty.
+    /// Moves the components of `other`, which is empty afterwards.
     void Move(YJobPath&& other) noexcept;
 
-    /// Whether `parent` is a prefix: each path is within itself, and all are within the empty one.
+    /// Returns true if `parent` is a prefix of this path. Each path is within itself, and all paths are
+    /// within the empty one.
     bool IsWithin(const YJobPath& parent) const;
-    /// Same classes, subclasses and names.
+    /// Compares classes, subclasses and names.
     bool operator==(const YJobPath& other) const;
-    /// By class, subclass and bytes of the name, component by component; then the shorter first.
+    /// Orders by class, subclass and bytes of the name, component by component; a prefix is less than the
+    /// longer path.
     bool operator<(const YJobPath& other) const;
 
 private:
@@ -112,12 +122,16 @@ namespace Krt::JSON {
 
 // The JSON form: an object with the array "components", whose elements have "class_id", "subclass_id", "name"
 // and, where it isn't empty, "display_name".
+/// Reads a job path from the form that YJobPath::ToJSON returns.
 template <>
 BACKUP_API Backup::YJobPath YValue::Convert<Backup::YJobPath>() const;
+/// Reads one component from an element of "components".
 template <>
 BACKUP_API Backup::YJobPath::Component YValue::Convert<Backup::YJobPath::Component>() const;
+/// The value that YJobPath::ToJSON returns.
 template <>
 BACKUP_API boost::shared_ptr<YValue> YValue::Create<Backup::YJobPath>(Backup::YJobPath path);
+/// An element of "components".
 template <>
 BACKUP_API boost::shared_ptr<YValue>
 YValue::Create<Backup::YJobPath::Component>(Backup::YJobPath::Component component);
