@@ -1,6 +1,3 @@
-// YFileDescriptor: one selection written down by itself, outside any tree: a directory, which names below it
-// are meant, two flags, and the volume that the directory lies on. Its stored form is the XML element
-// "Descriptor". A plain value without a lock. Beside it stand two helpers for path texts.
 #pragma once
 
 #include "Backup/Export.h"
@@ -18,52 +15,60 @@ class YStream;
 
 namespace Backup::File {
 
+/// One selection without a tree: a directory, the pattern of the names selected below it, two flags, and
+/// the volume that contains the directory. Its stored form is the XML element "Descriptor". A plain value
+/// without a lock.
 class BACKUP_API YFileDescriptor
 {
 public:
     YFileDescriptor() = default;
-    /// As Initialize.
+    /// Calls Initialize(path, report).
     YFileDescriptor(const Krt::File::YPath& path, bool report);
+    /// Calls the Initialize with these arguments.
     YFileDescriptor(const Krt::File::YPath& path, const Krt::Match::Descriptor& descriptor, bool isRecursive,
                     bool report);
-    /// As LoadFromXmlNode.
+    /// Calls LoadFromXmlNode.
     explicit YFileDescriptor(const TiXmlElement* element);
 
-    /// Every name below the directory, not recursive.
+    /// Selects every name directly inside the directory.
     void Initialize(const Krt::File::YPath& path, bool report);
-    /// Leaves the volume's GUID and mount path as they are. The pattern "*.*" becomes "*", whatever the kind.
+    /// Sets all fields except the volume's GUID and mount path. The pattern "*.*" becomes "*", whatever the
+    /// kind.
     void Initialize(const Krt::File::YPath& path, const Krt::Match::Descriptor& descriptor, bool isRecursive,
                     bool report);
 
-    /// Reads an element of any name. A missing "path", "fileSpec" or "mountPath" is an empty text, a missing
-    /// "volumeGuid" leaves the field as it was. The descriptor becomes a Glob without regard to case,
-    /// whatever was saved; its "*.*" stays only where both mount path and GUID are there. Raises
-    /// NumberConversion on a missing or damaged "isRecursive" or "report", with the fields before it already
-    /// set.
+    /// Reads an element of any name. A missing "path", "fileSpec" or "mountPath" is an empty text; a
+    /// missing "volumeGuid" leaves the field unchanged. The pattern becomes a Glob that ignores case,
+    /// whatever was saved. Its "*.*" is kept only if the element has both a mount path and a GUID. Raises
+    /// NumberConversion for a missing or damaged "isRecursive" or "report"; the fields before it are set
+    /// then.
     void LoadFromXmlNode(const TiXmlElement* element);
-    /// Adds an element "Descriptor" behind the last child of `parent`. The kind of the descriptor is not part
-    /// of it.
+    /// Appends an element "Descriptor" to the children of `parent`. It does not contain the kind of the
+    /// pattern.
     void SaveToXmlNode(TiXmlElement* parent) const;
 
-    /// Whether the path lies below the directory, at any depth, and its last name is one that the descriptor
-    /// does not match: false thus means matched, or outside.
+    /// Returns true if the path is below the directory, at any depth, and the pattern does not match its
+    /// last name. False means either matched or outside the directory.
     bool CheckMatch(const Krt::File::YPath& path) const;
 
-    /// By path, descriptor and recursion; two descriptors of kind Any are equal.
+    /// Compares path, pattern and recursion. Two patterns of kind Any are equal.
     bool operator==(const YFileDescriptor& other) const;
+    /// The negation of operator==.
     bool operator!=(const YFileDescriptor& other) const { return !(*this == other); }
 
-    /// The directory with the pattern as its last component. Raises InvalidState without a directory.
+    /// Returns the directory with the pattern as its last component. Raises InvalidState if the directory
+    /// is empty.
     operator Krt::File::YPath() const;
-    /// The last component of the directory. Raises InvalidState without a directory.
+    /// Returns the last component of the directory. Raises InvalidState if the directory is empty.
     Krt::File::YPath FileName() const;
 
-    /// The fields. References live as long as the descriptor.
+    /// The directory. Valid as long as this object, as are the other references.
     const Krt::File::YPath& GetPath() const { return m_path; }
-    const Krt::Match::Descriptor& GetDescriptor() const { return m_descriptor; }
-    bool IsRecursive() const { return m_isRecursive; }
-    bool GetReport() const { return m_report; }
-    const YString& GetVolumeGuid() const { return m_volumeGuid; }
+    const Krt::Match::Descriptor& GetDescriptor() const { return m_descriptor; } ///< pattern of the names
+    bool IsRecursive() const { return m_isRecursive; }            ///< true if it reaches all levels below
+    bool GetReport() const { return m_report; }                   ///< true if exclusions are reported
+    const YString& GetVolumeGuid() const { return m_volumeGuid; } ///< may be empty
+    /// The mount path of the volume; may be empty.
     const Krt::File::YPath& GetMountPath() const { return m_mountPath; }
 
 private:
@@ -76,15 +81,16 @@ private:
     Krt::File::YPath m_mountPath;
 };
 
-/// The components from the top, of a relative path or one with a volume. Never ends, and takes all memory,
-/// for a path that begins with "/", since the parent of "/" is "/" again.
+/// Returns the components, the topmost first, of a relative path or a path with a volume. Precondition: the
+/// path does not begin with "/". Otherwise the function does not return and its memory grows without bound,
+/// since the parent of "/" is "/".
 BACKUP_API std::list<YString> SplitAbsolutePath(const Krt::File::YPath& path);
 
-/// A path written in the Windows manner as one of this system: without "\\?\", with "/" for each backslash,
-/// and with a leading "/".
+/// Converts a Windows path to one of this system: without "\\?\", with "/" for each backslash, and with a
+/// leading "/".
 BACKUP_API Krt::File::YPath MakeNativeTestPath(YString path);
 
 } // namespace Backup::File
 
-/// Recursion and directory; the pattern isn't shown.
+/// Writes recursion and directory, but not the pattern.
 BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const Backup::File::YFileDescriptor& descriptor);

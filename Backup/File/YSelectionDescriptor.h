@@ -1,6 +1,3 @@
-// One rule of a backup job without its place: which names it is about, how far it reaches, and whether it
-// includes or excludes. A rule speaks about the entries inside the directory at which it stands, never about
-// that directory. No lock of its own.
 #pragma once
 
 #include "Backup/Export.h"
@@ -14,70 +11,79 @@ class YStream;
 
 namespace Backup::File {
 
+/// One rule of a backup job without its directory: the names that it matches, its recursion, and whether it
+/// includes or excludes. A rule applies to the entries inside its directory, never to that directory
+/// itself. A plain value without a lock.
 class BACKUP_API YSelectionDescriptor : public Krt::JSON::IJSON
 {
 public:
-    /// The kind of a rule, which is one of the last two, and the answer about a path.
+    /// The type of a rule (Include or Exclude), or the answer to a query about a path.
     enum SelectionType : unsigned int
     {
-        NotSelectedDoNotRecurse = 0, ///< not selected, and nothing below can be
-        NotSelectedDoRecurse = 1,    ///< not selected, but something below may be
-        Include = 2,
-        Exclude = 3 ///< excluded, and to be reported as such
+        NotSelectedDoNotRecurse = 0, ///< not selected, nor is anything below it
+        NotSelectedDoRecurse = 1,    ///< not selected, but something below it may be
+        Include = 2,                 ///< selected
+        Exclude = 3                  ///< excluded, and to be reported as such
     };
 
-    /// How far a rule reaches.
+    /// The levels to which a rule applies.
     enum RecursionType : unsigned int
     {
         NonRecursive = 0, ///< the entries directly inside the directory
         Recursive = 1     ///< every level below it
     };
 
-    /// The target of FromJSON: no pattern, NonRecursive, Include, reporting, not explicit.
+    /// An empty pattern, NonRecursive, Include, reported, not explicit; to be filled by FromJSON.
     YSelectionDescriptor() = default;
-    /// Raises InvalidArgument for a type below Include. A type above Exclude is accepted: a tree stores no
-    /// such rule, but drops what the rule can prune.
+    /// Raises InvalidArgument for a type below Include. A type above Exclude is accepted: a tree does not
+    /// store such a rule, but drops the rules that it covers.
     YSelectionDescriptor(const Krt::Match::Descriptor& descriptor, RecursionType recursionType,
                          SelectionType selectionType, bool reportExclude);
 
-    /// The fields. The reference lives as long as the rule.
+    /// The pattern of the names. Valid as long as the rule.
     const Krt::Match::Descriptor& GetDescriptor() const { return m_descriptor; }
-    RecursionType GetRecursionType() const { return m_recursionType; }
-    SelectionType GetSelectionType() const { return m_selectionType; }
-    /// Whether what an exclude matches is reported; otherwise it is left out silently.
+    RecursionType GetRecursionType() const { return m_recursionType; } ///< levels to which the rule applies
+    SelectionType GetSelectionType() const { return m_selectionType; } ///< Include or Exclude
+    /// Returns true if entries that an exclude matches are reported; otherwise they are omitted silently.
     bool GetReportExclude() const { return m_reportExclude; }
-    /// Whether the rule survives wider rules and, as an include, overrides excludes above it.
+    /// Returns true if wider rules do not remove this rule and, as an include, it overrides excludes above
+    /// it.
     bool GetExplicitSelection() const { return m_explicitSelection; }
-    /// True raises NotImplemented, and changes nothing, but for NonRecursive Exact rules, Recursive Glob "*"
-    /// rules and Recursive Any rules.
+    /// Sets the explicit flag. True raises NotImplemented, and changes nothing, except for NonRecursive
+    /// Exact rules, Recursive Glob "*" rules and Recursive Any rules.
     void SetExplicitSelection(bool value);
 
-    /// The fields as questions.
+    /// True if the recursion type is Recursive.
     bool IsRecursive() const { return m_recursionType == RecursionType::Recursive; }
+    /// True if the type is Include.
     bool IsInclude() const { return m_selectionType == SelectionType::Include; }
+    /// True if the type is Exclude.
     bool IsExclude() const { return m_selectionType == SelectionType::Exclude; }
-    /// Whether the pattern is about all names: of kind Any, or the Glob "*".
+    /// Returns true if the pattern matches all names: it is of kind Any, or the Glob "*".
     bool CoversAllNames() const;
 
-    /// Raise InvalidState on other values.
+    /// Returns "include", "exclude", "not_selected_do_recurse" or "not_selected_do_not_recurse". Raises
+    /// InvalidState for other values.
     static YString SelectionTypeAsString(SelectionType type);
+    /// Returns "recursive" or "nonrecursive". Raises InvalidState for other values.
     static YString RecursionTypeAsString(RecursionType type);
-    /// Know "include" and "exclude", since no rule has another type, and "recursive" and "nonrecursive";
-    /// raise InvalidState on anything else. Case counts.
+    /// Converts "include" or "exclude". Raises InvalidState for other texts; case matters.
     static SelectionType SelectionTypeAsEnum(const YString& text);
+    /// Converts "recursive" or "nonrecursive". Raises InvalidState for other texts; case matters.
     static RecursionType RecursionTypeAsEnum(const YString& text);
 
-    /// Keys "descriptor", "selection_type", "recursion_type", "report_exclude", "explicit_selection".
+    /// Returns an object with the keys "descriptor", "selection_type", "recursion_type", "report_exclude"
+    /// and "explicit_selection".
     Krt::JSON::YObject ToJSON() const override;
-    /// All keys are required; an explicit flag is taken on a rule of any shape.
+    /// Requires all keys. Accepts the explicit flag for a rule of any shape.
     void FromJSON(const Krt::JSON::YObject& json) override;
 
-    /// Whether `other`, standing beside this rule or below it, would change nothing.
+    /// Returns true if `other` has no effect at the same directory as this rule or below it.
     bool CanPrune(const YSelectionDescriptor& other) const;
 
-    /// All fields; two patterns of kind Any are equal whatever they hold.
+    /// Compares all fields. Two patterns of kind Any are equal, whatever their texts.
     bool operator==(const YSelectionDescriptor& other) const;
-    /// The order of the rule sets: fields one by one, patterns by bytes. The explicit flag has no part in it.
+    /// The order of the rule sets: field by field, patterns by bytes. It ignores the explicit flag.
     bool operator<(const YSelectionDescriptor& other) const;
 
 private:
@@ -88,7 +94,7 @@ private:
     bool m_explicitSelection = false;
 };
 
-/// The fields of the rule, for logs.
+/// Writes the fields of the rule, for logs.
 BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionDescriptor& rule);
 
 } // namespace Backup::File

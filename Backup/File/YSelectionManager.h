@@ -1,8 +1,3 @@
-// All selection rules of a backup job, in a tree that mirrors the file system: each directory with rules at
-// it or below it has a node. The tree keeps itself minimal while rules are added. Any thread may call any
-// operation: changes write-lock the tree, queries and walks read-lock it, and locks are re-entrant on a
-// thread. Two managers are locked in the order "this one, then the argument". Visitors run under the lock and
-// must not change the tree. Trees may be a million levels deep: nothing recurses.
 #pragma once
 
 #include "Backup/File/YSelectionPathDescriptor.h"
@@ -27,116 +22,139 @@ class YSet;
 
 namespace Backup::File {
 
+/// All selection rules of a backup job, in a tree that mirrors the file system: each directory with rules
+/// in it or below it has a node. The tree is kept minimal while rules are added. Any thread may call any
+/// operation: changes lock the tree for writing, queries and walks for reading, and locks are recursive
+/// within a thread. An operation on two managers locks this one, then the argument. Visitors are called
+/// under the lock and must not change the tree. A walk from a path without a node begins at its nearest
+/// ancestor with a node. It visits each node before its children, and children by the bytes of their names.
+/// Trees may be a million levels deep: nothing recurses.
 class BACKUP_API YSelectionManager
 {
 public:
     class BACKUP_API YSelectionManagerNode; // below
-    /// The rule's types, and a path as its components, top first.
+    /// The type of a rule, or the answer to a query about a path.
     using SelectionType = YSelectionDescriptor::SelectionType;
+    /// The levels to which a rule applies.
     using RecursionType = YSelectionDescriptor::RecursionType;
+    /// A path as its components, the topmost first.
     using Components = std::vector<YString>;
-    /// True stops the walk. Each level of the tree gets a copy. An empty one raises std::bad_function_call.
+    /// Called with a path; returns true to stop the walk. Each level of the tree gets a copy of the
+    /// visitor. An empty one raises std::bad_function_call.
     using PathVisitor = std::function<bool(const Krt::File::YPath&)>;
+    /// Called with a directory and a rule in it; returns true to stop the walk. Each level of the tree gets
+    /// a copy of the visitor. An empty one raises std::bad_function_call.
     using RuleVisitor = std::function<bool(const Krt::File::YPath&, const YSelectionDescriptor&)>;
-    /// Can't stop the walk. An empty one raises "call to empty boost::function".
+    /// Called with a node; cannot stop the walk. An empty one raises "call to empty boost::function".
     using NodeVisitor = boost::function<void(const YSelectionManagerNode*)>;
 
     YSelectionManager();
+    /// Copies the whole tree, with `other` locked for reading.
     YSelectionManager(const YSelectionManager& other);
-    /// Leaves `other` fit for nothing but destruction and assignment.
+    /// Moves the tree. `other` may only be destroyed or assigned to afterwards.
     YSelectionManager(YSelectionManager&& other);
+    /// Replaces the tree by that of `other`.
     YSelectionManager& operator=(YSelectionManager other);
     ~YSelectionManager();
-    /// Write-locks both, this one first.
+    /// Exchanges the trees. Locks this manager for writing, then `other`.
     void Swap(YSelectionManager& other);
 
-    /// Same nodes, names and rules, waypoints without rules included.
+    /// Compares nodes, names and rules, including nodes without rules.
     bool operator==(const YSelectionManager& other) const;
 
-    /// Adds the rule and drops the rules that it covers; false if it is redundant itself. Raises
-    /// InvalidArgument for an include with an empty path, which an exclude may have. If memory ends after a
-    /// covered rule was dropped, the new rule is added all the same.
+    /// Adds the rule and removes the rules that it covers. Returns false if the rule is redundant. Raises
+    /// InvalidArgument for an include with an empty path; an exclude may have one. If memory is exhausted
+    /// after a covered rule was removed, the new rule is still added.
     bool Add(const YSelectionPathDescriptor& rule);
+    /// Adds `rule` at the directory `path`; see Add(YSelectionPathDescriptor).
     bool Add(const Krt::File::YPath& path, const YSelectionDescriptor& rule);
+    /// Adds the rule of these fields at the directory `path`; see Add(YSelectionPathDescriptor).
     bool Add(const Krt::File::YPath& path, const Krt::Match::Descriptor& descriptor,
              RecursionType recursionType, SelectionType selectionType, bool reportExclude);
-    /// Whether a rule at the same path or a wider one above covers this one.
+    /// Returns true if a rule at the same path, or a wider one above it, covers `rule`.
     bool IsDescriptorRedundant(const YSelectionPathDescriptor& rule) const;
-    /// Drops all rules at the path and below. Does nothing if the path has no node. The root is cleared, not
-    /// replaced, and this needs no memory.
+    /// Removes all rules at the path and below it; does nothing if the path has no node. The root is
+    /// cleared, not replaced, which allocates no memory.
     void Delete(const Krt::File::YPath& path);
-    /// Drops the include that equals the rule, and the branch that this leaves empty. An exclude is looked
-    /// for but stays. True if the rule was found, at its path or else at the nearest ancestor with a node.
+    /// Removes the include that equals `rule`, and the branch that this leaves empty. An exclude is
+    /// searched for but not removed. Returns true if the rule was found at its path or, if that has no
+    /// node, at the nearest ancestor with a node.
     bool Delete(const YSelectionPathDescriptor& rule);
-    /// The deepest node that the path reaches, and whether it is the path's own. With `throwIfMissing` raises
-    /// NotFound where it is not. The node belongs to the tree and lives until the next change. The root lives
-    /// as long as the tree, or until a swap or an assignment.
+    /// Returns the deepest node on the path, and true if it is the path's own. Raises NotFound with
+    /// `throwIfMissing` if it is not. The node belongs to the tree and is valid until the next change. The
+    /// root is valid until the tree is destroyed, swapped or assigned to.
     std::pair<YSelectionManagerNode*, bool> FindNode(const Krt::File::YPath& path, bool throwIfMissing) const;
+    /// Finds the node of a path that is split into components; see FindNode(YPath).
     std::pair<YSelectionManagerNode*, bool> FindNode(const Components& components, bool throwIfMissing) const;
 
-    /// What to do with the entry at the path. Includes are matched against the last component alone, excludes
-    /// against every component. Raises InvalidArgument for the root, about which there are no rules.
+    /// Returns what to do with the entry at the path. Includes are matched against the last component only,
+    /// excludes against every component. Raises InvalidArgument for the root, to which rules do not apply.
     SelectionType GetPathSelectionType(const Krt::File::YPath& path) const;
-    // Questions about that answer, which raise InvalidArgument for the root.
-
-    /// Whether the answer is Include.
+    /// Returns true if GetPathSelectionType is Include. Raises InvalidArgument for the root.
     bool IsPathSelected(const Krt::File::YPath& path) const;
-    /// Whether the answer is Include or NotSelectedDoRecurse.
+    /// Returns true if GetPathSelectionType is Include or NotSelectedDoRecurse. Raises InvalidArgument for
+    /// the root.
     bool IsPathSelectedOrSelectionParent(const Krt::File::YPath& path) const;
+    /// Returns IsPathSelectedOrSelectionParent.
     bool ShouldEnumeratePath(const Krt::File::YPath& path) const;
-    /// Whether the answer is NotSelectedDoNotRecurse or NotSelectedDoRecurse.
+    /// Returns true if GetPathSelectionType is NotSelectedDoNotRecurse or NotSelectedDoRecurse. Raises
+    /// InvalidArgument for the root.
     bool IsPathNotSelected(const Krt::File::YPath& path) const;
-    /// Whether the answer is Exclude.
+    /// Returns true if GetPathSelectionType is Exclude. Raises InvalidArgument for the root.
     bool IsPathExcluded(const Krt::File::YPath& path) const;
 
-    // The questions that make up the answer, for callers that have the components.
-
-    /// Whether an include matches the last component. Raises InvalidArgument for the root.
+    /// Returns true if an include matches the last component. Raises InvalidArgument for the root.
     bool PathMatchesInclude(const Components& components) const;
-    /// Whether an exclude matches a component and is not overridden; false for the root. `reportable` is
-    /// meaningful only if the answer is true.
+    /// Returns true if an exclude matches a component and is not overridden; false for the root.
+    /// `reportable` is meaningful only if the result is true.
     bool PathMatchesExclude(const Components& components, bool& reportable) const;
-    /// Whether the path, which may be the root, has silent excludes that cover all names and no reporting one
-    /// that does.
+    /// Returns true if the path, which may be the root, has unreported excludes that cover all names and no
+    /// reported one that does.
     bool AllChildrenOfPathAreExcludedNotReportably(const Components& components) const;
-    /// Whether something below the path may be included. Raises InvalidArgument for the root.
+    /// Returns true if an entry below the path may be included. Raises InvalidArgument for the root.
     bool AnyIncludesApplyBelowPath(const Components& components) const;
-    /// Whether the path is selected explicitly at the component of this index or a later one. Raises
-    /// InvalidArgument for the root, and for an index beyond the last component.
+    /// Returns true if the path is selected explicitly at the component with index `atOrBelowIndex` or a
+    /// later one. Raises InvalidArgument for the root, and for an index after the last component.
     bool IsAnyExplicitSelectionBelowComponent(const Components& components,
                                               unsigned long long atOrBelowIndex) const;
 
-    // Walks begin at the nearest existing ancestor of a start path without a node, and go through the
-    // children by the bytes of their names, each node before its children.
-
-    /// Visits the topmost paths with rules of the type, and nothing below those.
+    /// Visits the topmost paths with rules of the type, and no path below them. Returns true if the visitor
+    /// stopped the walk.
     bool VisitPaths(SelectionType type, const Krt::File::YPath& start, PathVisitor visitor) const;
-    /// Visits the rules of the type, or includes and then excludes, at the path and, with `recurse`, below.
+    /// Visits the rules of the type at the path and, with `recurse`, below it. Returns true if the visitor
+    /// stopped the walk.
     bool VisitPathsAndDescriptors(SelectionType type, const Krt::File::YPath& start, RuleVisitor visitor,
                                   bool recurse) const;
+    /// Visits the includes of each node, then its excludes, at the path and, with `recurse`, below it.
+    /// Returns true if the visitor stopped the walk.
     bool VisitPathsAndDescriptors(const Krt::File::YPath& start, RuleVisitor visitor, bool recurse) const;
-    /// Visits every node of the tree, the root too.
+    /// Visits every node of the tree, including the root.
     void VisitAllNodes(NodeVisitor visitor) const;
 
-    /// The topmost directories at which includes stand and that a walk may reach.
+    /// Returns the topmost directories with includes that a walk may reach.
     std::set<Krt::File::YPath> GetIncludeTops(const Krt::File::YPath& start) const;
-    /// Overwrites the set with the volumes of all tops; the empty path stands for none.
+    /// Replaces the content of `volumes` by the volumes of all tops; the empty path represents a path
+    /// without a volume.
     void GetVolumes(Krt::Container::YSet<Krt::File::YPath>& volumes) const;
-    /// Every rule with a bearing on the path: recursive ones above, and all at and below it.
+    /// Returns every rule that can affect the path: recursive ones above it, and all rules at it and below
+    /// it.
     std::set<YSelectionPathDescriptor> GetSelections(const Krt::File::YPath& path) const;
 
-    /// Keys "includes" and "excludes": arrays of objects with "path" and "descriptor", sorted.
+    /// Returns an object with the keys "includes" and "excludes": sorted arrays of objects with "path" and
+    /// "descriptor".
     Krt::JSON::YObject ToJSON(const Krt::File::YPath& start) const;
-    /// Replaces the content; each rule is added as by Add. A failure leaves what was added so far.
+    /// Replaces the content; each rule is added with Add. After a failure the rules added before it remain.
     void FromJSON(const Krt::JSON::YObject& json);
 
-    /// Adds the rules of another tree that bear on the source path, so that they bear on the destination path
-    /// in the same way. Raises InvalidState if `source` is this object, InvalidArgument if the destination
-    /// lies below the source path; a failure leaves what was added so far.
+    /// Copies the rules of `source` that affect `sourcePath`, so that they affect `destinationPath` in the
+    /// same manner. Raises InvalidState if `source` is this object, and InvalidArgument if the destination
+    /// is below the source path. After a failure the rules added before it remain.
     void CopyDescriptorsFromPath(const YSelectionManager& source, const Krt::File::YPath& sourcePath,
                                  const Krt::File::YPath& destinationPath);
+    /// Copies only the includes; see CopyDescriptorsFromPath.
     void CopyOnlyIncludesFromPath(const YSelectionManager& source, const Krt::File::YPath& sourcePath,
                                   const Krt::File::YPath& destinationPath);
+    /// Copies the includes and, with `copyExcludes`, the excludes; see CopyDescriptorsFromPath.
     void CopyDescriptorsFromPathInternal(const YSelectionManager& source, const Krt::File::YPath& sourcePath,
                                          const Krt::File::YPath& destinationPath, bool copyExcludes);
 
@@ -169,54 +187,66 @@ private:
     mutable Krt::Thread::YReadWriteMutex m_lock;   // guards the whole tree
 };
 
-/// One directory of a selection tree: its rules and its children. Nodes lock nothing: the caller holds the
+/// One directory of a selection tree: its rules and its children. Nodes have no lock: the caller holds the
 /// lock of their manager.
 class BACKUP_API YSelectionManager::YSelectionManagerNode
 {
 public:
-    /// A root without rules, or a node that its parent doesn't own yet.
+    /// A root without rules.
     YSelectionManagerNode();
+    /// A node below `parent`, which does not own it yet.
     YSelectionManagerNode(const YString& name, YSelectionManagerNode* parent);
     YSelectionManagerNode(const YSelectionManagerNode&) = delete;
     YSelectionManagerNode& operator=(const YSelectionManagerNode&) = delete;
     ~YSelectionManagerNode();
 
-    /// "/" for the root.
+    /// The directory's path; "/" for the root.
     Krt::File::YPath GetPath() const;
-    /// A copy of the whole subtree below the given parent, which doesn't own it yet.
+    /// Returns a copy of the whole subtree below `parent`, which does not own it yet.
     static std::unique_ptr<YSelectionManagerNode> CopyRecursive(const YSelectionManagerNode& source,
                                                                 YSelectionManagerNode* parent);
     /// Compares the whole subtrees, but not the parents.
     bool operator==(const YSelectionManagerNode& other) const;
 
-    /// Drop the rules of this node that the new rule covers; explicit includes only with `pruneExplicit`.
+    /// Removes the includes of this node that `rule` covers, explicit ones only with `pruneExplicit`.
     void PruneNodeIncludes(const YSelectionDescriptor& rule, bool pruneExplicit);
+    /// Removes the excludes of this node that `rule` covers.
     void PruneNodeExcludes(const YSelectionDescriptor& rule);
-    /// For a recursive rule, drops what it covers at all levels below, and the branches that are empty then.
-    /// Explicit includes stay.
+    /// For a recursive rule, removes the rules that it covers at all levels below, and the branches that
+    /// become empty. Explicit includes are kept.
     void PruneRedundantChildren(const YSelectionDescriptor& rule);
-    /// Whether a rule of this node covers the candidate. False as the second argument is for rules from
-    /// further down: they are covered by recursive rules alone, and never by an explicit include.
+    /// Returns true if a rule of this node covers `candidate`. With `checkNonRecursiveDescriptors` false
+    /// the candidate is from a lower level: only recursive rules cover it, and an explicit include never
+    /// does.
     bool DoesNodePruneDescriptor(const YSelectionDescriptor& candidate,
                                  bool checkNonRecursiveDescriptors) const;
 
-    /// Whether a rule of this node matches the name, only recursive ones with the second argument false.
+    /// Returns true if an include of this node matches the name; only recursive ones are tested if
+    /// `checkNonRecursiveDescriptors` is false.
     bool MatchesInclude(const YString& name, bool checkNonRecursiveDescriptors) const;
-    /// `reportable`: whether any of the matching excludes is to be reported.
+    /// Returns true if an exclude of this node matches the name; only recursive ones are tested if
+    /// `checkNonRecursiveDescriptors` is false. Sets `reportable` to true if any of the matching excludes
+    /// is to be reported.
     bool MatchesExclude(const YString& name, bool checkNonRecursiveDescriptors, bool& reportable) const;
-    /// What the names say, asked of the rules of this node alone.
+    /// Returns true if an explicit NonRecursive Exact include of this node matches the name.
     bool MatchesExplicitExactNonRecursiveInclude(const YString& name) const;
+    /// Returns true if this node has unreported excludes that cover all names and no reported one that
+    /// does.
     bool AllChildrenAreExcludedNotReportably() const;
+    /// Returns true if this node has includes.
     bool HasAnyIncludes() const { return !m_includes.empty(); }
+    /// Returns true if this node has recursive includes.
     bool HasAnyRecursiveIncludes() const;
-    /// At this node or below.
+    /// Returns true if this node or a node below it has includes.
     bool HasAnyIncludesBelow() const { return m_branch.includes != 0; }
 
-    /// As the operations of the manager, from this node on.
+    /// Walks from this node; see YSelectionManager::VisitPaths.
     bool VisitPaths(SelectionType type, PathVisitor visitor) const;
+    /// Walks from this node; see YSelectionManager::VisitPathsAndDescriptors.
     bool VisitPathsAndDescriptors(SelectionType type, RuleVisitor visitor, bool recurse) const;
+    /// Walks from this node, includes before excludes; see YSelectionManager::VisitPathsAndDescriptors.
     bool VisitPathsAndDescriptors(RuleVisitor visitor, bool recurse) const;
-    /// Visits all nodes below the one given, but not that one.
+    /// Visits all nodes below `start`, but not `start` itself.
     static void VisitAllNodes(YSelectionManagerNode& start, NodeVisitor visitor);
 
 private:
@@ -285,8 +315,9 @@ private:
     Branch m_branch;
 };
 
-/// Every node with its addresses, for diagnosis; not protected against a change meanwhile.
+/// Writes every node with its addresses, for diagnosis. The tree is not locked.
 BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManager& manager);
+/// Writes a node and all nodes below it with their addresses, for diagnosis. The tree is not locked.
 BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream,
                                     const YSelectionManager::YSelectionManagerNode& node);
 

@@ -1,4 +1,3 @@
-// A rule bound to the directory at which it stands: what a selection tree takes in and gives out.
 #pragma once
 
 #include "Backup/File/YSelectionDescriptor.h"
@@ -7,33 +6,34 @@
 
 namespace Backup::File {
 
+/// A rule with its directory, the form in which rules are added to a selection tree and read from it.
 class BACKUP_API YSelectionPathDescriptor : public YSelectionDescriptor
 {
 public:
-    /// Raises as the constructor of the rule.
+    /// Raises the errors of the rule's constructor.
     YSelectionPathDescriptor(const Krt::File::YPath& path, const Krt::Match::Descriptor& descriptor,
                              RecursionType recursionType, SelectionType selectionType, bool reportExclude);
-    /// Takes over all of the rule, the explicit flag too, and brings the path into its canonical form.
+    /// Copies the rule, including the explicit flag, and normalizes the path.
     YSelectionPathDescriptor(const Krt::File::YPath& path, const YSelectionDescriptor& rule);
 
-    /// The directory; the empty path and "/" both mean the root of the tree.
+    /// The directory. The empty path and "/" both denote the root of the tree.
     const Krt::File::YPath& GetPath() const { return m_path; }
-    /// A plain copy: a volume has one name here.
+    /// Returns the path unchanged: a volume has one name on this platform.
     Krt::File::YPath NormalizePathToPrimaryVolumeName(const Krt::File::YPath& path) const;
 
-    /// The keys of the rule and "path".
+    /// Returns the keys of the rule and "path".
     Krt::JSON::YObject ToJSON() const override;
-    /// Takes the path as it stands in the document, without canonical case.
+    /// Reads the path unchanged, without canonical case.
     void FromJSON(const Krt::JSON::YObject& json) override;
 
-    /// By path bytes, then by rule.
+    /// Orders by the bytes of the path, then by rule.
     bool operator<(const YSelectionPathDescriptor& other) const;
 
 private:
     Krt::File::YPath m_path;
 };
 
-/// The path and the fields of the rule, for logs.
+/// Writes the path and the fields of the rule, for logs.
 BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionPathDescriptor& rule);
 
 } // namespace Backup::File

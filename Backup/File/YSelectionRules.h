@@ -1,5 +1,3 @@
-// YSelectionRules: the rules of one type at one directory, in their order. A directory may have a hundred
-// thousand rules, so a large set has an index by pattern.
 #pragma once
 
 #include "Backup/File/YSelectionDescriptor.h"
@@ -10,19 +8,24 @@
 
 namespace Backup::File {
 
+/// The ordered set of the rules of one type at one directory. A directory may have a hundred thousand
+/// rules, so a large set has an index by pattern.
 class BACKUP_API YSelectionRules
 {
 public:
-    /// The set as its iteration shows it: in the order of the rules.
+    /// The element type.
     using Rule = YSelectionDescriptor;
+    /// Visits the rules in their order.
     using const_iterator = std::set<Rule>::const_iterator;
+    /// The allocated memory of a rule, which Insert links into the set.
     using Prepared = std::set<Rule>::node_type;
 
-    /// A question about a rule: a reference to a callable object, which must outlive the call that takes it.
+    /// A predicate on rules: a reference to a callable object, which must outlive the call to which it is
+    /// passed.
     class Condition
     {
     public:
-        /// Refers to `callable`, which gets a rule and returns a bool.
+        /// Refers to `callable`, which accepts a rule and returns a bool.
         template <class Callable>
         Condition(const Callable& callable)
             : m_callable(&callable), m_call([](const void* object, const Rule& rule) {
@@ -38,41 +41,46 @@ public:
     };
 
     YSelectionRules();
+    /// Copies the rules. Raises std::bad_alloc.
     YSelectionRules(const YSelectionRules& other);
+    /// Replaces the rules by copies. Raises std::bad_alloc.
     YSelectionRules& operator=(const YSelectionRules& other);
     ~YSelectionRules();
 
-    /// The iteration.
+    /// The first rule, in the order of the rules.
     const_iterator begin() const { return m_rules.begin(); }
-    const_iterator end() const { return m_rules.end(); }
-    std::size_t size() const { return m_rules.size(); }
-    bool empty() const { return m_rules.empty(); }
-    /// Whether any is recursive: within one type that is the first field of the order.
+    const_iterator end() const { return m_rules.end(); } ///< past the last rule
+    std::size_t size() const { return m_rules.size(); }  ///< number of rules
+    bool empty() const { return m_rules.empty(); }       ///< true if there are no rules
+    /// Returns true if any rule is recursive. Within one type the recursion is the first field of the
+    /// order.
     bool HasRecursive() const { return !empty() && m_rules.rbegin()->IsRecursive(); }
 
-    /// The rule that equals this one, explicit flag included; end() if there is none.
+    /// Returns the rule that equals `rule`, including the explicit flag, or end().
     const_iterator Find(const Rule& rule) const;
-    /// False, with the stored rule unchanged, if the set has a rule of the same place in the order.
+    /// Inserts the rule. Returns false, with the set unchanged, if it contains a rule that is equivalent in
+    /// the order.
     bool Insert(Prepared&& rule) noexcept;
-    /// Takes the memory that this rule needs.
+    /// Allocates the memory for a copy of `rule`.
     static Prepared Prepare(const Rule& rule);
-    /// Drops all rules, without need of memory.
+    /// Removes all rules, without allocating memory.
     void Clear() noexcept;
-    /// Drops this rule, which is one of the set.
+    /// Removes `stored`, a reference to an element of the set.
     void Erase(const Rule& stored);
 
-    // Whether any rule of a kind meets the condition. The rules are asked in any order, perhaps one of them
-    // twice, until one answers true.
-
-    /// The rules that match the name, or only the recursive ones of these.
+    /// Returns true if `condition` is true for any rule that matches the name or, with `recursiveOnly`, for
+    /// any recursive one of them. Rules are tested in any order, possibly twice, until the condition is
+    /// true.
     bool AnyMatching(const YString& name, bool recursiveOnly, Condition condition) const;
-    /// The rules that cover all names.
+    /// Returns true if `condition` is true for any rule that covers all names. Rules are tested in any
+    /// order, possibly twice, until the condition is true.
     bool AnyCoveringAllNames(Condition condition) const;
-    /// The rules that cover the candidate: those that can prune it.
+    /// Returns true if `condition` is true for any rule that covers `candidate`, that is, can prune it.
+    /// Rules are tested in any order, possibly twice, until the condition is true.
     bool AnyCovering(const Rule& candidate, Condition condition) const;
 
-    /// Drops the rules that `rule` covers and for which `mayErase`, asked in order, answers true. Returns
-    /// their number. After an exception all rules are still there.
+    /// Removes the rules that `rule` covers and for which `mayErase`, called in order, returns true.
+    /// Returns their number. After an exception the set is unchanged.
     std::size_t EraseCovered(const Rule& rule, Condition mayErase);
 
 private:

@@ -1,7 +1,3 @@
-// YUnixFileMetadata: the metadata of one file system object of a Unix host. It is filled from a live file
-// during a backup, and from JSON, modern or with a legacy header in it, when a stored entry is read back.
-// Times are carried as the numbers that YFile gives. The kind "directory" and the mode are kept apart on
-// purpose: only the constructor from a file derives the one from the other.
 #pragma once
 
 #include "Backup/File/YMetadataBase.h"
@@ -10,65 +6,81 @@
 
 namespace Backup::File {
 
+/// The metadata of one file system object of a Unix host. It is filled from a live file during a backup, or
+/// from JSON (current, or with a legacy header) when a stored entry is read. Times have the values and
+/// units of YFile. The directory flag and the mode are independent fields: only the constructor from a file
+/// derives one from the other.
 class BACKUP_API YUnixFileMetadata : public YMetadataBase
 {
 public:
-    /// All fields 0, false and empty.
+    /// All fields are 0, false or empty.
     YUnixFileMetadata();
-    /// From a live file, whose access time is not taken. The mapper's bool is whether the walk may descend
-    /// into the path. Raises what reading the file's attributes and the descent policy raise.
+    /// Reads a live file, except for its access time. The mapper's bool is true if a walk may descend into
+    /// the path. Raises the errors of reading the file's attributes and of
+    /// IsFollowableDirectoryFromKrtAttributes.
     YUnixFileMetadata(YFile& file, JobPathMapper mapper);
-    /// These raise what FromJSON raises.
+    /// Calls FromJSON(json) and raises its errors.
     explicit YUnixFileMetadata(const Krt::JSON::YObject& json);
+    /// Calls FromJSON(json, mapper) and raises its errors.
     YUnixFileMetadata(const Krt::JSON::YObject& json, JobPathMapper mapper);
 
     Krt::JSON::YObject ToJSON() const override;
-    /// Every key is required. A failure leaves the fields read so far in place, with the attributes cleared
-    /// once their turn has come. Raises InvalidArgument for a document with a legacy header.
+    /// Requires every key. After a failure the fields read before it are set; the attributes are cleared if
+    /// they were reached. Raises InvalidArgument for a document with a legacy header.
     void FromJSON(const Krt::JSON::YObject& json) override;
-    /// A legacy header wins over all other keys. A damaged one raises InvalidArgument; its extended
-    /// attributes are checked and not kept.
+    /// A legacy header takes precedence over all other keys. A damaged one raises InvalidArgument. Its
+    /// extended attributes are checked and discarded.
     void FromJSON(const Krt::JSON::YObject& json, JobPathMapper mapper) override;
-    /// Replaces the one path that there is.
+    /// Replaces the only path.
     void SetFilePath(const YJobPath& path) override;
-    /// Raises InvalidArgument for an index other than 0, as does GetFilePath.
+    /// Raises InvalidArgument if `index` is not 0.
     void SetFilePath(unsigned long index, const YJobPath& path) override;
+    /// Raises InvalidArgument if `index` is not 0.
     YJobPath GetFilePath(unsigned long index) const override;
     /// Always 1.
     unsigned long GetFilePathCount() const override;
-    /// No component changes: a Unix name needs no cleaning. That the path lies within `replaceSource` is the
-    /// caller's word.
+    /// Changes no component: any Unix name is valid. Precondition: `originalPath` is within
+    /// `replaceSource`.
     YJobPath GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,
                                  const YJobPath& replaceDestination) override;
 
     void StringifyTo(std::string& out) const override;
-    /// Appends the keys of the JSON form to a list.
+    /// Appends the keys of the JSON form to `keys`.
     static void AppendKeys(std::vector<Krt::JSON::MemberKey>& keys);
 
-    /// The fields, stored as they come: size in bytes, times as YFile gives them ("changed" is the inode's),
-    /// mode as the st_mode word, user and group as numbers.
-    unsigned long long GetFileSize() const { return m_fileSize; }
-    void SetFileSize(unsigned long long size) { m_fileSize = size; }
+    unsigned long long GetFileSize() const { return m_fileSize; }    ///< bytes
+    void SetFileSize(unsigned long long size) { m_fileSize = size; } ///< bytes
+    /// The change time of the inode, in the unit of YFile.
     unsigned long long GetLastChangedTime() const { return m_lastChangedTime; }
+    /// Sets the change time of the inode, in the unit of YFile.
     void SetLastChangedTime(unsigned long long time) { m_lastChangedTime = time; }
+    /// The modification time, in the unit of YFile.
     unsigned long long GetLastWriteTime() const { return m_lastWriteTime; }
+    /// Sets the modification time, in the unit of YFile.
     void SetLastWriteTime(unsigned long long time) { m_lastWriteTime = time; }
+    /// The access time, in the unit of YFile; 0 if the object was filled from a live file.
     unsigned long long GetLastAccessTime() const { return m_lastAccessTime; }
+    /// Sets the access time, in the unit of YFile.
     void SetLastAccessTime(unsigned long long time) { m_lastAccessTime = time; }
+    /// Returns true if the object is restored as a directory.
     bool IsDirectoryForRestore() const { return m_isDirectory; }
+    /// Sets the directory flag; the mode is not changed.
     void SetIsDirectoryForRestore(bool isDirectory) { m_isDirectory = isDirectory; }
-    unsigned int GetModeFlags() const { return m_modeFlags; }
-    void SetModeFlags(unsigned int flags) { m_modeFlags = flags; }
-    unsigned int GetUserId() const { return m_userId; }
-    void SetUserId(unsigned int id) { m_userId = id; }
-    unsigned int GetGroupId() const { return m_groupId; }
-    void SetGroupId(unsigned int id) { m_groupId = id; }
-    /// Whether there is a target, whatever the mode says.
+    unsigned int GetModeFlags() const { return m_modeFlags; }      ///< st_mode, including the type bits
+    void SetModeFlags(unsigned int flags) { m_modeFlags = flags; } ///< st_mode, including the type bits
+    unsigned int GetUserId() const { return m_userId; }            ///< number of the owner
+    void SetUserId(unsigned int id) { m_userId = id; }             ///< number of the owner
+    unsigned int GetGroupId() const { return m_groupId; }          ///< number of the group
+    void SetGroupId(unsigned int id) { m_groupId = id; }           ///< number of the group
+    /// Returns true if the target is not empty, whatever the mode.
     bool IsSymbolicLink() const { return !m_symbolicLinkTarget.IsEmpty(); }
-    /// The target and the attributes; an object of another kind has none of either.
+    /// The target of a symlink; empty for other objects.
     Krt::File::YPath GetSymbolicLinkTarget() const { return m_symbolicLinkTarget; }
+    /// Sets the target of a symlink; the mode is not changed.
     void SetSymbolicLinkTarget(Krt::File::YPath target) { m_symbolicLinkTarget = std::move(target); }
+    /// The values of the extended attributes by their names; may be empty.
     Krt::File::ExtendedAttributeMap GetExtendedAttributeMap() const { return m_extendedAttributes; }
+    /// Replaces all extended attributes.
     void SetExtendedAttributeMap(Krt::File::ExtendedAttributeMap map)
     {
         m_extendedAttributes = std::move(map);

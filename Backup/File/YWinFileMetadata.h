@@ -1,6 +1,3 @@
-// YWinFileMetadata: the metadata of one object that was backed up from a Windows file system, as its source
-// recorded it. Made only from JSON, modern or with a legacy header in it. A file may have several paths, each
-// with a long form, the job path, and a short name. Times are carried as numbers.
 #pragma once
 
 #include "Backup/File/YMetadataBase.h"
@@ -10,68 +7,80 @@
 
 namespace Backup::File {
 
+/// The metadata of one object that was backed up from a Windows file system, as recorded at its source.
+/// Created only from JSON, current or with a legacy header. A file may have several paths, each with a long
+/// form (the job path) and a short name. Times are numbers in the unit of the source.
 class BACKUP_API YWinFileMetadata : public YMetadataBase
 {
 public:
-    /// Each path with its short name, which may be empty.
+    /// Pairs of a path and its short name, which may be empty.
     using Paths = std::vector<std::pair<YJobPath, YString>>;
 
-    /// All fields 0 and empty.
+    /// All fields are 0 or empty.
     YWinFileMetadata();
-    /// These raise what FromJSON raises.
+    /// Calls FromJSON(json) and raises its errors.
     explicit YWinFileMetadata(const Krt::JSON::YObject& json);
+    /// Calls FromJSON(json, mapper) and raises its errors.
     YWinFileMetadata(const Krt::JSON::YObject& json, JobPathMapper mapper);
 
-    /// Holds the directory hash of a directory, and the permission change time of anything else.
+    /// Contains the directory hash if the object is a directory, otherwise the permission change time.
     Krt::JSON::YObject ToJSON() const override;
-    /// Every key that ToJSON writes is required. The paths are added to those already here. A failure leaves
-    /// the fields read so far in place. Raises InvalidArgument for a document with a legacy header.
+    /// Requires every key that ToJSON writes. The paths are appended to the existing ones. After a failure
+    /// the fields read before it are set. Raises InvalidArgument for a document with a legacy header.
     void FromJSON(const Krt::JSON::YObject& json) override;
-    /// A legacy header wins over all other keys. A damaged one raises InvalidArgument.
+    /// A legacy header takes precedence over all other keys. A damaged one raises InvalidArgument.
     void FromJSON(const Krt::JSON::YObject& json, JobPathMapper mapper) override;
-    /// Drops all paths and short names for this path with an empty short name.
+    /// Replaces all paths and short names by `path` with an empty short name.
     void SetFilePath(const YJobPath& path) override;
-    /// Keeps the short name. The index is not checked, nor is that of GetFilePath: it must be below the
-    /// count.
+    /// Keeps the short name. Precondition: `index` is below the count; it is not checked.
     void SetFilePath(unsigned long index, const YJobPath& path) override;
+    /// Precondition: `index` is below the count; it is not checked.
     YJobPath GetFilePath(unsigned long index) const override;
-    /// How many there are.
+    /// The number of pairs in GetPaths().
     unsigned long GetFilePathCount() const override;
-    /// The volume's component, the first of the class of containers or else the first of all, loses the
-    /// characters ':', '/', '\' and '?' where it ends up in the result, so that it is a plain directory's
-    /// name.
+    /// Makes the volume's component a valid directory name: its characters ':', '/', '\\' and '?' are
+    /// removed if the result contains the component. It is the first component of the container class, or
+    /// the first of all if there is none.
     YJobPath GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,
                                  const YJobPath& replaceDestination) override;
 
     void StringifyTo(std::string& out) const override;
-    /// Appends the keys of the JSON form to a list.
+    /// Appends the keys of the JSON form to `keys`.
     static void AppendKeys(std::vector<Krt::JSON::MemberKey>& keys);
 
-    /// The fields, stored as they come: size in bytes, times as the source recorded them, attributes as the
-    /// bits of Windows.
-    unsigned int GetReparseType() const { return m_reparseType; }
-    void SetReparseType(unsigned int type) { m_reparseType = type; }
-    unsigned long long GetFileSize() const { return m_fileSize; }
-    void SetFileSize(unsigned long long size) { m_fileSize = size; }
+    unsigned int GetReparseType() const { return m_reparseType; }    ///< as recorded at the source
+    void SetReparseType(unsigned int type) { m_reparseType = type; } ///< as recorded at the source
+    unsigned long long GetFileSize() const { return m_fileSize; }    ///< bytes
+    void SetFileSize(unsigned long long size) { m_fileSize = size; } ///< bytes
+    /// The creation time, in the unit of the source.
     unsigned long long GetCreationTime() const { return m_creationTime; }
+    /// Sets the creation time, in the unit of the source.
     void SetCreationTime(unsigned long long time) { m_creationTime = time; }
+    /// The modification time, in the unit of the source.
     unsigned long long GetLastWriteTime() const { return m_lastWriteTime; }
+    /// Sets the modification time, in the unit of the source.
     void SetLastWriteTime(unsigned long long time) { m_lastWriteTime = time; }
+    /// The access time, in the unit of the source.
     unsigned long long GetLastAccessTime() const { return m_lastAccessTime; }
+    /// Sets the access time, in the unit of the source.
     void SetLastAccessTime(unsigned long long time) { m_lastAccessTime = time; }
-    unsigned int GetAttributes() const { return m_attributes; }
-    void SetAttributes(unsigned int attributes) { m_attributes = attributes; }
-    /// Whether the attributes have the bit 0x10.
+    unsigned int GetAttributes() const { return m_attributes; }                ///< attribute bits of Windows
+    void SetAttributes(unsigned int attributes) { m_attributes = attributes; } ///< attribute bits of Windows
+    /// Returns true if the attributes contain the directory bit 0x10.
     bool IsDirectoryAttributeSet() const;
-    /// All paths, in the order of their adding.
+    /// All paths, in the order in which they were added.
     Paths GetPaths() const { return m_paths; }
-    /// Adds one behind them.
+    /// Appends a path.
     void AddPath(YJobPath path, YString shortName);
-    /// Meaningful for a directory only.
+    /// Meaningful only for a directory.
     YString GetDirectoryHash() const { return m_directoryHash; }
+    /// Meaningful only for a directory.
     void SetDirectoryHash(YString hash) { m_directoryHash = std::move(hash); }
-    /// Meaningless for a directory.
+    /// The time of the last change of permissions, in the unit of the source. Not meaningful for a
+    /// directory.
     unsigned long long GetPermissionChangeTime() const { return m_permissionChangeTime; }
+    /// Sets the time of the last change of permissions, in the unit of the source. Not meaningful for a
+    /// directory.
     void SetPermissionChangeTime(unsigned long long time) { m_permissionChangeTime = time; }
 
 private:

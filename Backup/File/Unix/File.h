@@ -1,9 +1,11 @@
-// The file primitives: one POSIX call each, with the agent's rules. A call that a signal interrupted is
-// repeated without limit, but for those named otherwise; a failure is a YError of the type OsError that
-// carries the number, on the channel General unless told otherwise. No state and no lock: any thread may
-// call. With them stands the rule that keeps a walk on the volumes that a backup covers: a mount point below
-// a selected folder is entered only if it is a fixed disk's file system or the configuration lists it.
 #pragma once
+
+/// @file
+/// File operations, each with one POSIX call, and the rule that keeps a walk on the volumes that a backup
+/// covers. Calls are retried on EINTR, except where noted. A failure is a YError of the type OsError with
+/// the error number, on the channel General unless noted. There is no state: any thread may call. A mount
+/// point below a selected directory is entered only if its file system is on a fixed disk or the
+/// configuration lists it.
 
 #include "Backup/Export.h"
 
@@ -15,60 +17,65 @@ namespace Backup::File {
 
 using Krt::File::YPath;
 
-/// The status of the entry itself, also of a dangling link. Errors stand on the channel FileStat.
+/// Reads the status of the entry itself, also of a dangling symlink. Errors are on the channel FileStat.
 BACKUP_API void StatFile(const YPath& path, struct stat* status);
-/// The inode; stores the allocated bytes, not the logical size, unless the pointer is null.
+/// Returns the inode number. Stores the allocated bytes (not the logical size) in `*allocated` unless it is
+/// nullptr.
 BACKUP_API unsigned long long GetFileInode(const YPath& path, unsigned long long* allocated);
-/// Size in bytes; 0, and a line on the channel FileInfo, where it can't be had.
+/// Returns the size in bytes, or 0 if it cannot be read, which is logged on the channel FileInfo.
 BACKUP_API unsigned long long GetFileSize(const YPath& path);
-/// st_mode with the bits of the type.
+/// Returns st_mode, including the type bits.
 BACKUP_API unsigned int GetModeFlags(const YPath& path);
-/// FIFO, device or socket; also a path that may not be examined (EACCES).
+/// Returns true for a FIFO, a device or a socket, and for a path that may not be examined (EACCES).
 BACKUP_API bool IsSpecialFile(const YPath& path);
-/// A link to a directory is none.
+/// Returns true if the entry is a directory; false for a symlink to a directory.
 BACKUP_API bool DoesDirExist(const YPath& path);
-/// A copy, unchanged.
+/// Returns the path unchanged.
 BACKUP_API YPath NormalizePathCase(const YPath& path);
 
-/// Fails if something has the name already.
+/// Creates the hard link `link` to `existing`. Fails if an entry of that name exists.
 BACKUP_API void CreateHardlink(const YPath& link, const YPath& existing);
-/// At most the first 1024 bytes of the target. An empty InvalidState if the path is no link. Not repeated.
+/// Returns at most the first 1024 bytes of the target. Raises InvalidState without text if the path is not
+/// a symlink. Not retried on EINTR.
 BACKUP_API YPath GetSymbolicLinkTarget(const YPath& path);
-/// Replaces an old entry and makes missing parents.
+/// Creates a symlink and its missing parent directories. An existing entry is replaced.
 BACKUP_API void CreateSymbolicLink(const YPath& link, const YPath& target);
-/// Any entry that has the name already, of whatever kind, counts as success.
+/// Creates a directory. An existing entry of that name, of any type, counts as success.
 BACKUP_API void CreateDirectory(const YPath& path, unsigned int mode);
-/// With mode 0644, which lets nobody but the superuser in: callers set the real mode when the content is
-/// there.
+/// Creates a directory of mode 0644, which only the superuser can search. Callers set the real mode when
+/// the content is complete.
 BACKUP_API void CreateDirectory(const YPath& path);
 
-/// Seconds since the epoch. Follows links.
+/// Sets access and modification time, in seconds since the epoch. Follows symlinks.
 BACKUP_API void SetFileTime(const YPath& path, unsigned long long access, unsigned long long write);
-/// The low 16 bits; does nothing if the type bits are those of a link.
+/// Sets the mode to the low 16 bits of `flags`; does nothing if their type bits denote a symlink.
 BACKUP_API void SetModeFlags(const YPath& path, unsigned int flags);
-/// Both follow links.
+/// Sets the owner. Follows symlinks.
 BACKUP_API void SetUID(const YPath& path, unsigned int uid);
+/// Sets the group. Follows symlinks.
 BACKUP_API void SetGID(const YPath& path, unsigned int gid);
 
-/// The descriptor, above those of the standard streams, which the caller closes. A file is created or
-/// emptied; no link is followed at the end.
+/// Creates or truncates a file. A symlink as the last component is not followed. Returns a descriptor above
+/// those of the standard streams; the caller closes it.
 BACKUP_API int OpenForBackupWrite(const YPath& path);
-/// Opens an existing file with O_RDONLY and O_NOFOLLOW alone, so that a later read moves the access time
-/// where the file system keeps one. Returns a descriptor above those of the standard streams; the caller
+/// Opens an existing file with O_RDONLY and O_NOFOLLOW only, so that a later read changes the access time
+/// where the file system keeps it. Returns a descriptor above those of the standard streams; the caller
 /// closes it.
 BACKUP_API int OpenForBackupRead(const YPath& path);
-/// Writes all bytes. A short write goes on only while errno is EINTR, which is not cleared beforehand.
+/// Writes all `count` bytes at `offset`. After a short write it continues only if errno is EINTR, which is
+/// not cleared beforehand.
 BACKUP_API void Write(int fd, unsigned long long offset, const unsigned char* data, unsigned int count);
-/// The bytes read: a short read ends the call unless errno is EINTR, which is not cleared beforehand.
+/// Returns the number of bytes read at `offset`. A short read ends the call unless errno is EINTR, which is
+/// not cleared beforehand.
 BACKUP_API unsigned int Read(int fd, unsigned long long offset, unsigned char* data, unsigned int count);
-/// Errors stand on the channel FileClose.
+/// Closes the descriptor. Errors are on the channel FileClose.
 BACKUP_API void Close(int fd);
 
-/// Returns whether a walk may descend into the path. `attributes` is the word of Krt::File::GetAttributes;
-/// what isn't known to be a directory is never followed. An ordinary directory costs two stat calls. Any
-/// thread. Raises what IsMountPoint raises. Where a mount point can't be classified, raises InvalidArgument
-/// with the cause in its text, or answers true if "walkIntoUnknownMountPoints" is configured.
-/// "IncludedMountpoints", the exact mount paths to follow whatever they hold, is read once in a process.
+/// Returns true if a walk may descend into the path. `attributes` is the value of Krt::File::GetAttributes;
+/// without its directory bit the result is false. An ordinary directory costs two stat calls. Any thread.
+/// Raises the errors of IsMountPoint. If a mount point cannot be classified, returns true if
+/// "walkIntoUnknownMountPoints" is configured, otherwise raises InvalidArgument with the cause in its text.
+/// "IncludedMountpoints", the exact mount paths to follow whatever their class, is read once in a process.
 BACKUP_API bool IsFollowableDirectoryFromKrtAttributes(const YPath& path, unsigned int attributes);
 
 } // namespace Backup::File

@@ -1,24 +1,25 @@
-// What moves a file's data: sequential reading and writing, whatever stands behind it. One thread at a time.
 #pragma once
 
 #include "Backup/Export.h"
 
 namespace Backup::File {
 
+/// Sequential reading and writing of a file's data. One thread at a time.
 class BACKUP_API IFileIo
 {
 public:
     virtual ~IFileIo() = default;
 
-    /// Reads up to `count` bytes on from the last; returns how many, 0 at the end.
+    /// Reads up to `count` bytes after those of the last call. Returns the number of bytes read, 0 at the
+    /// end.
     virtual unsigned int Read(void* buffer, unsigned int count) = 0;
-    /// Writes `count` bytes behind the last; returns how many.
+    /// Writes `count` bytes after those of the last call. Returns the number of bytes written.
     virtual unsigned int Write(const void* buffer, unsigned int count) = 0;
-    /// Goes to a byte, where the object can.
+    /// Moves to a byte offset, if the object supports it.
     virtual void Seek(unsigned long long offset) = 0;
-    /// Says that the last byte was moved.
+    /// Called after the last byte was read or written.
     virtual void EndOfFile() = 0;
-    /// Whether reading leaves extended attributes out.
+    /// Returns true if reading omits extended attributes.
     virtual bool IsXattrDisabled() const = 0;
 };
 
