@@ -1,5 +1,7 @@
-// The services of this platform: launchd's on macOS, systemd's on Linux.
 #pragma once
+
+/// @file
+/// Access to the services of this platform: launchd's on macOS, systemd's on Linux.
 
 #include "Backup/Util/IServiceManager.h"
 
@@ -7,9 +9,9 @@
 
 namespace Backup::Util {
 
-/// A new object, the caller's.
+/// Returns a new service manager, owned by the caller.
 BACKUP_API std::unique_ptr<IServiceManager> CreateServiceManager();
-/// Whether its services keep the arguments with which they were installed.
+/// Returns true if services of this platform keep the arguments with which they were installed.
 BACKUP_API bool DoServicesKeepArguments();
 
 } // namespace Backup::Util

@@ -1,44 +1,49 @@
-// YMacServiceManager: services of launchd. A service is a property list in /Library/LaunchDaemons; launchctl
-// and a shell do the work with root's rights. Nothing here is bound to macOS but what these commands mean, so
-// it is built and tested everywhere. Stateless; Start and Stop make the whole process root's and leave it so.
 #pragma once
 
 #include "Backup/Util/IServiceManager.h"
 
 namespace Backup::Util {
 
+/// Services of launchd. A service is a property list in /Library/LaunchDaemons. launchctl and a shell, run
+/// with root's rights, control it. The code is portable apart from these commands, so it is built and
+/// tested on all platforms. Stateless, but Start and Stop change the user of the whole process to root and
+/// leave it so.
 class BACKUP_API YMacServiceManager : public IServiceManager
 {
 public:
-    /// These two return at once: the property list is all that there is to a service.
+    /// Returns at once: a service is only its property list.
     void WaitForServiceCreate(const YString& name, const Krt::Time::YDuration& timeout) override;
-    /// This one and the next always raise NotImplemented.
+    /// Always raises NotImplemented.
     void WaitForServiceStart(const YString& name, const Krt::Time::YDuration& timeout) override;
+    /// Always raises NotImplemented.
     void WaitForServiceStop(const YString& name, const Krt::Time::YDuration& timeout) override;
-    /// Returns at once.
+    /// Returns at once: a service is only its property list.
     void WaitForServiceDelete(const YString& name, const Krt::Time::YDuration& timeout) override;
-    /// Whether the property list exists, loaded or not.
+    /// Returns true if the property list exists, loaded or not.
     bool Exists(const YString& name) override;
-    /// Only the name and the program are used, and both stand in the list as they are, unescaped. A temporary
-    /// file stays behind after a failure.
+    /// Uses only the name and the program, which are written to the list unescaped. A temporary file
+    /// remains after a failure.
     void Install(const YString& name, const YString& displayName, const YString& description,
                  const Krt::File::YPath& program, const std::vector<YString>& arguments,
                  const Krt::Time::YDuration& timeout) override;
-    /// A service that can't be stopped is not deleted; one without a list only is stopped.
+    /// Stops the service and removes its list. A service that cannot be stopped is not deleted. A service
+    /// without a list is only stopped.
     void Delete(const YString& name, const Krt::Time::YDuration& timeout) override;
-    /// Here and in Stop, a process that can't become root gets the operating system's error with no text.
+    /// Raises the operating system's error, without text, if the process cannot become root.
     void Start(const YString& name, const Krt::Time::YDuration& timeout) override;
-    /// Forced or not is the same.
+    /// Ignores `force`. Raises the operating system's error, without text, if the process cannot become
+    /// root.
     void Stop(const YString& name, bool force, const Krt::Time::YDuration& timeout) override;
-    /// Stop, then Start.
+    /// Calls Stop, then Start.
     void Restart(const YString& name, bool force, const Krt::Time::YDuration& timeout) override;
-    /// Whether a process other than this one bears the service's name. Never raises.
+    /// Returns true if a process other than this one has the service's name. Never raises.
     bool IsRunning(const YString& name) override;
 
-    /// Where the service's property list stands.
+    /// Returns the path of the service's property list.
     Krt::File::YPath GetConfigFilePath(const YString& name) const;
 
-    /// The directory in which /Library is to be; it must outlive its use. Null goes back to the system's.
+    /// Sets the directory that contains /Library. `root` must outlive its use; nullptr restores the
+    /// system's.
     static void SetRootForTesting(const char* root);
 };
 
