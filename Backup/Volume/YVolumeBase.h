@@ -1,5 +1,3 @@
-// What a volume of any platform answers. A volume is destroyed as the class that it is, never through this
-// one.
 #pragma once
 
 #include "Backup/Export.h"
@@ -7,40 +5,50 @@
 
 namespace Backup::Volume {
 
-// The order of the operations is part of the binary interface.
+/// The interface of a volume on any platform. A volume is destroyed through its own class, never through
+/// this one. The order of the operations is part of the binary interface.
 class BACKUP_API YVolumeBase
 {
 public:
-    /// The unique path: the volume's identity.
+    /// Converts to the unique path, which is the volume's identity.
     virtual operator Krt::File::YPath() const = 0;
-    /// Back to the state of a volume that was never filled.
+    /// Resets to the state of a volume that was never filled.
     virtual void Initialize() = 0;
     /// Fills the object from any path on the volume.
     virtual void Initialize(const Krt::File::YPath& path) = 0;
     /// The bits by which lists of volumes are masked.
     virtual unsigned int GetType() const = 0;
-    /// Name of the file system's type.
+    /// The name of the file system's type.
     virtual YString GetFsType() const = 0;
-    /// What the device says of itself.
+    /// The bus that connects the device.
     virtual YString GetBusType() const = 0;
+    /// The vendor that the device reports.
     virtual YString GetVendor() const = 0;
+    /// The product name that the device reports.
     virtual YString GetProduct() const = 0;
-    /// In bytes.
+    /// The volume's size in bytes.
     virtual unsigned long long GetVolumeSize() const = 0;
+    /// The volume's free space in bytes.
     virtual unsigned long long GetVolumeFreeSpace() const = 0;
-    /// Where the volume is mounted: at so many places, of which the primary one stands for all.
+    /// The mount path at `index`, which is below GetMountPathCount().
     virtual Krt::File::YPath GetMountPath(unsigned int index) const = 0;
+    /// The number of mount paths.
     virtual unsigned int GetMountPathCount() const = 0;
+    /// The mount path that represents all of them.
     virtual Krt::File::YPath GetPrimaryMountPath() const = 0;
-    /// In bytes.
+    /// The size of an allocation unit in bytes.
     virtual unsigned int GetClusterSize() const = 0;
-    /// What may be done with it.
+    /// Returns true if the volume cannot be written.
     virtual bool IsReadOnly() const = 0;
+    /// Returns true if the volume can be read.
     virtual bool IsAccessible() const = 0;
+    /// Returns true if the volume can be backed up.
     virtual bool SupportsBackup() const = 0;
+    /// Returns true if the volume can take snapshots.
     virtual bool SupportsSnapshot() const = 0;
+    /// Returns true if the volume has a change journal.
     virtual bool SupportsChangeJournal() const = 0;
-    /// Text for people.
+    /// A text for users.
     virtual YString GetStringRepresentation() const = 0;
 
 protected:

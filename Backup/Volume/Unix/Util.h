@@ -1,9 +1,11 @@
-// Volume discovery: which mount a path belongs to, what the volume's identity is, of which class its file
-// system is, whether it is read-only. A volume's identity is its unique path, the source that its mount
-// names, such as a device node. Nothing is cached: every call asks the operating system, at two stat calls a
-// directory level and one reading of the mount table. Any thread may call; a mount that changes between two
-// system calls of one function isn't guarded against.
 #pragma once
+
+/// @file
+/// Volume discovery: the mount of a path, a volume's identity, the class of its file system, and whether it
+/// is read-only. A volume's identity is its unique path: the source that its mount names, such as a device
+/// node. Nothing is cached. Each call makes two stat calls for each directory level and reads the mount
+/// table once. Any thread may call. There is no protection against a mount that changes between two system
+/// calls of one function.
 
 #include "Backup/Export.h"
 #include "Krt/File/YPath.h"
@@ -32,32 +34,35 @@ struct MountPath
     unsigned int count;      ///< how many times in succession the list contains the pair
 };
 
-/// The class of a file system type's exact name; DRIVE_CLASS_UNKNOWN for a name that isn't known.
+/// Returns the class of the file system type with this exact name, or DRIVE_CLASS_UNKNOWN for an unknown
+/// name.
 BACKUP_API unsigned int ClassifyFilesystemType(const YString& type);
 
-/// The mount point that holds the path, found by climbing until the device changes. Links are followed; a
-/// path that doesn't exist is answered by its deepest ancestor that does. Raises InvalidState for the empty
-/// path and the system's error of a failed stat.
+/// Returns the mount point of the file system that contains the path. Walks up until the device changes.
+/// Symlinks are followed. For a path that does not exist, returns the mount point of its deepest existing
+/// ancestor. Raises InvalidState for the empty path and the system's error of a failed stat.
 BACKUP_API Krt::File::YPath GetVolumePathName(const Krt::File::YPath& path);
 
-/// The unique path of the volume that holds the path. Raises NotFound if its mount isn't listed, and what
-/// GetVolumePathName raises.
+/// Returns the unique path of the volume that contains the path. Raises NotFound if its mount is not
+/// listed, and the errors of GetVolumePathName.
 BACKUP_API Krt::File::YPath GetVolumeUniquePath(const Krt::File::YPath& path);
 
-/// The class of the first mount with this unique path; DRIVE_CLASS_UNKNOWN if there is none.
+/// Returns the class of the first mount with this unique path, or DRIVE_CLASS_UNKNOWN if there is no such
+/// mount.
 BACKUP_API unsigned int DetermineDriveType(const Krt::File::YPath& uniquePath);
 
-/// For each mount of the unique path, in the table's order, one pair: the mount path that holds `path`, and
-/// the unique path of the volume on which that mount point stands, which for "/" is its own. Raises as
-/// GetVolumeUniquePath.
+/// Returns one pair for each mount of the unique path, in the table's order: the mount path that contains
+/// `path`, and the unique path of the volume that contains this mount point. For "/" that is its own
+/// volume. Raises the errors of GetVolumeUniquePath.
 BACKUP_API std::vector<std::pair<Krt::File::YPath, Krt::File::YPath>>
 DetermineVolumeMountPaths(const Krt::File::YPath& uniquePath, const Krt::File::YPath& path);
 
-/// Whether the path lies on another device than its parent: two stat calls, no look at the mount table. Logs
-/// and raises the system's error when either fails.
+/// Returns true if the path is on another device than its parent directory. Makes two stat calls and does
+/// not read the mount table. Logs and raises the system's error if either call fails.
 BACKUP_API bool IsMountPoint(const Krt::File::YPath& path);
 
-/// Whether the mount that holds the path is read-only; false if it isn't listed. Raises as GetVolumePathName.
+/// Returns true if the mount that contains the path is read-only; false if it is not listed. Raises the
+/// errors of GetVolumePathName.
 BACKUP_API bool IsReadOnly(const Krt::File::YPath& path);
 
 } // namespace Backup::Volume

@@ -1,7 +1,3 @@
-// YVolume: one mounted volume. It is filled once, from a path anywhere on it, and then answers from memory,
-// the free space excepted. The interface is wider than this platform can fill: what has no meaning here
-// answers a fixed value, and callers rely on those values. An object has no lock: one thread fills it, then
-// any number read.
 #pragma once
 
 #include "Backup/Volume/Unix/Util.h"
@@ -13,80 +9,95 @@ namespace Backup::Volume {
 
 class Discovery;
 
+/// One mounted volume. It is filled once, from a path anywhere on it. All later answers except the free
+/// space come from memory. Operations without a meaning on this platform return fixed values, on which
+/// callers rely. An object has no lock: one thread fills it, then any number of threads read.
 class BACKUP_API YVolume final : public YVolumeBase
 {
 public:
-    /// What was learned of a volume.
+    /// The properties that Initialize determines.
     struct _tagVOL_INFO
     {
         Krt::File::YPath uniquePath; ///< the volume's identity
         unsigned long long size = 0; ///< never filled on this platform
         unsigned int driveType = 0;  ///< see DriveClass
-        /// What DetermineVolumeMountPaths lists, an entry for each run of equal pairs: all volumes of a
-        /// device with thousands of mounts would otherwise take millions.
+        /// The list of DetermineVolumeMountPaths, with one element for each run of equal pairs. Otherwise
+        /// the volumes of a device with thousands of mounts would take millions of elements.
         std::vector<MountPath> mountPaths;
         YString fsType;        ///< never filled on this platform
         bool readOnly = false; ///< of the mount that holds the path
 
-        /// The mount path of the fewest components, of equals the earliest; empty if there is none.
+        /// Returns the mount path with the fewest components, the earliest one of equals. Empty if there
+        /// are no mount paths.
         Krt::File::YPath GetPrimaryMountPath() const;
     };
 
-    /// An uninitialized volume: its counts, sizes and paths are zero and empty, and the operations that say
-    /// so raise InvalidState.
+    /// An uninitialized volume: its counts and sizes are 0 and its paths are empty. Operations that are
+    /// documented so raise InvalidState.
     YVolume();
-    /// Raises as Initialize.
+    /// Calls Initialize(path).
     explicit YVolume(const Krt::File::YPath& path);
+    /// Copies all properties; no system call is made.
     YVolume(const YVolume& other);
+    /// Copies all properties; no system call is made.
     YVolume& operator=(const YVolume& other);
     ~YVolume() = default;
 
-    /// The unique path; raises InvalidState on an uninitialized volume.
+    /// The unique path. Raises InvalidState on an uninitialized volume.
     operator Krt::File::YPath() const override;
-    /// Back to the uninitialized state.
+    /// Resets to the uninitialized state.
     void Initialize() override;
-    /// Starts afresh on any object. What can't be learned is logged and raised as volume discovery raises it;
-    /// the object is then uninitialized, with what was filled so far.
+    /// Discards the former state and fills the object. A failure of volume discovery is logged and raised.
+    /// The object is uninitialized then, with the properties determined so far.
     void Initialize(const Krt::File::YPath& path) override;
     /// 0xFFFFD8F1 for every volume; YVolumeManager::GetVolumeList masks it.
     unsigned int GetType() const override;
-    /// Empty; raises InvalidState on an uninitialized volume.
+    /// Always empty. Raises InvalidState on an uninitialized volume.
     YString GetFsType() const override;
-    /// "@@TODO".
+    /// Always "@@TODO".
     YString GetBusType() const override;
+    /// Always "@@TODO".
     YString GetVendor() const override;
+    /// Always "@@TODO".
     YString GetProduct() const override;
     /// Always 0.
     unsigned long long GetVolumeSize() const override;
-    /// Asks the operating system at every call, by the path that the volume was filled from, and raises its
+    /// Calls the operating system each time, with the path that the volume was filled from. Raises its
     /// error.
     unsigned long long GetVolumeFreeSpace() const override;
-    /// Raises NotSupported at the count and beyond.
+    /// Raises NotSupported if `index` is not below the count.
     Krt::File::YPath GetMountPath(unsigned int index) const override;
-    /// What was learned of the mounts; 0 is the cluster's size.
+    /// The number of elements of `mountPaths`.
     unsigned int GetMountPathCount() const override;
+    /// See _tagVOL_INFO::GetPrimaryMountPath.
     Krt::File::YPath GetPrimaryMountPath() const override;
+    /// Always 0.
     unsigned int GetClusterSize() const override;
     /// Raises InvalidState on an uninitialized volume.
     bool IsReadOnly() const override;
-    /// True, as is SupportsBackup; the other two are false.
+    /// Always true.
     bool IsAccessible() const override;
+    /// Always true.
     bool SupportsBackup() const override;
+    /// Always false.
     bool SupportsSnapshot() const override;
+    /// Always false.
     bool SupportsChangeJournal() const override;
-    /// "@@TODO", too.
+    /// Always "@@TODO".
     YString GetStringRepresentation() const override;
 
-    /// The volume's DriveClass; raises InvalidState on an uninitialized volume, as does GetGuidPath.
+    /// The volume's DriveClass. Raises InvalidState on an uninitialized volume.
     unsigned int GetDriveType() const;
-    /// The unique path.
+    /// The unique path. Raises InvalidState on an uninitialized volume.
     Krt::File::YPath GetGuidPath() const;
     /// The path that the volume was filled from.
     Krt::File::YPath GetPath() const { return m_path; }
 
-    /// By the unique paths' bytes, initialized or not: two objects of one volume are equal.
+    /// Compares the unique paths, initialized or not: two objects of one volume are equal.
     bool operator==(const YVolume& other) const;
+    /// The negation of operator==.
     bool operator!=(const YVolume& other) const;
+    /// Orders by the bytes of the unique paths, initialized or not.
     bool operator<(const YVolume& other) const;
 
 private:

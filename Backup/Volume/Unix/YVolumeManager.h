@@ -1,7 +1,3 @@
-// YVolumeManager: keeps the machine's fixed volumes, so that describing one, which costs many system calls,
-// is done once. The list is built by the first query and stays as it is, whatever is mounted meanwhile, until
-// it is rebuilt or invalidated; an empty list counts as not built. One lock is held for the whole of every
-// operation on the list, a rebuild included. Any thread may call.
 #pragma once
 
 #include "Backup/Export.h"
@@ -14,35 +10,40 @@
 
 namespace Backup::Volume {
 
+/// A list of the machine's fixed volumes, so that each is described only once, at the cost of many system
+/// calls. The first query builds the list. It does not follow later mounts until it is rebuilt or
+/// invalidated. An empty list counts as not built. One lock is held during each operation on the list,
+/// including a rebuild. Any thread may call.
 class BACKUP_API YVolumeManager
 {
 public:
-    /// Volumes by the directory on which the mount table has them.
+    /// Volumes by their mount directories in the mount table.
     using VolumeMap = boost::unordered_map<Krt::File::YPath, boost::shared_ptr<YVolume>>;
 
-    /// Raises MutexInitFailed. The list begins empty.
+    /// Begins with an empty list. Raises MutexInitFailed.
     YVolumeManager();
     YVolumeManager(const YVolumeManager&) = delete;
     YVolumeManager& operator=(const YVolumeManager&) = delete;
 
-    /// Builds the list if it is empty. Raises as RebuildVolumeList.
+    /// Builds the list if it is empty. Raises the errors of RebuildVolumeList.
     void EnsureFresh();
-    /// Builds the list anew. What the describing of a volume raises ends the rebuild; the volumes before it
-    /// stay listed, and count as a fresh list.
+    /// Rebuilds the list. The first error that describing a volume raises ends the rebuild. The volumes
+    /// before it stay listed, and count as a fresh list.
     void RebuildVolumeList();
-    /// Empties the list, which is built first if it is empty already. Raises as RebuildVolumeList.
+    /// Empties the list. If it is empty already, it is built first. Raises the errors of RebuildVolumeList.
     void InvalidateVolumeList();
 
-    /// The volumes whose type has a bit of the mask and, with `accessibleOnly`, are accessible. The list
-    /// shares the volumes, and keeps them when this object drops them. Raises as RebuildVolumeList.
+    /// Returns the volumes whose type has a bit of `typeMask` and, with `accessibleOnly`, that are
+    /// accessible. The result shares ownership of the volumes with this object. Raises the errors of
+    /// RebuildVolumeList.
     VolumeMap GetVolumeList(unsigned int typeMask, bool accessibleOnly);
-    /// The listed volume with this mount directory; raises InvalidState if there is none.
+    /// Returns the listed volume whose mount directory is `key`. Raises InvalidState if it is not listed.
     boost::shared_ptr<YVolume> GetVolumeByUniquePath(const Krt::File::YPath& key);
 
-    /// A new description of the volume of any class that holds the path, past list and lock. Raises as
-    /// YVolume.
+    /// Returns a new description of the volume, of any class, that contains the path. Uses neither the list
+    /// nor the lock. Raises the errors of YVolume.
     boost::shared_ptr<YVolume> VolumeOfFilename(const Krt::File::YPath& path);
-    /// As Volume::GetVolumeUniquePath, past list and lock.
+    /// Calls Volume::GetVolumeUniquePath. Uses neither the list nor the lock.
     Krt::File::YPath GetUniquePathFromMountPoint(const Krt::File::YPath& path);
 
 private:
