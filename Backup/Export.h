@@ -1,5 +1,7 @@
-// Marks what libBackup exports; everything else in the shared object is hidden.
 #pragma once
+
+/// @file
+/// The export macro of libBackup, and libKrt's basic types as names of namespace Backup.
 
 #include "Krt/Exception/ErrorCode.h"
 #include "Krt/Log/MessageType.h"
@@ -8,7 +10,7 @@ namespace Krt {
 class YString;
 }
 
-/// Stands in front of every name that libBackup exports.
+/// Marks a name that libBackup exports; other symbols of the shared library are hidden.
 #define BACKUP_API __attribute__((visibility("default")))
 
 namespace Backup {
