@@ -1,4 +1,3 @@
-// An ordered set with its own mutex that tells waiting threads and connected slots of each change.
 #pragma once
 
 #include "Krt/Signal/YSignal.h"
@@ -9,25 +8,28 @@
 
 namespace Krt::Container {
 
+/// An ordered set with its own mutex. It notifies waiting threads and connected slots of each change. Any
+/// thread may call any operation.
 template <class T>
 class YSet
 {
 public:
-    /// Empties the set and notifies, also when it was empty.
+    /// Removes all values and notifies, also if the set was empty.
     void Clear();
-    /// Inserts the value and notifies; true if it was not there.
+    /// Inserts the value and notifies, also if the set contains it already. Returns true if it was
+    /// inserted.
     bool Insert(const T& value);
-    /// The content at this moment; another thread may change it at once.
+    /// Returns true if the set contains the value now; another thread may change it at once.
     bool Contains(const T& value) const;
+    /// The number of values now; another thread may change it at once.
     unsigned long Size() const;
-    /// A copy of the content.
+    /// Returns a copy of the content.
     std::set<T> Values() const;
-    /// Waits until the set changes behind the change with number `seen`; returns the number of the last
-    /// change.
+    /// Waits until the number of the last change is above `seen`, and returns that number.
     unsigned long long WaitForChange(unsigned long long seen) const;
-    /// The number of the last change; 0 before the first.
+    /// The number of the last change; 0 before the first one.
     unsigned long long ChangeCount() const;
-    /// Fired after each change, with no lock held.
+    /// Fired after each change, without a lock held.
     Signal::YSignal<void()>& OnChanged() { return m_changed; }
 
 private:
