@@ -1,15 +1,18 @@
-// Base64 text (RFC 4648, section 4) of a byte buffer and back.
 #pragma once
+
+/// @file
+/// Conversion of bytes to Base64 text (RFC 4648, section 4) and back.
 
 #include "Krt/Memory/YHeap.h"
 #include "Krt/String/YString.h"
 
 namespace Krt::Crypto {
 
-/// The text, padded, without line ends.
+/// Returns the text, padded and without line ends.
 KRT_API YString Base64EncodeData(const Memory::YHeap<unsigned char>& data);
-/// White space between characters is skipped. Raises InvalidArgument, naming the place, on anything else that
-/// no encoder writes: another character, a wrong length, padding inside.
+/// Returns the bytes. White space between characters is skipped. Raises InvalidArgument with the offset of
+/// anything else that is not canonical Base64: another character, a wrong length, or padding inside the
+/// text.
 KRT_API Memory::YHeap<unsigned char> Base64DecodeData(const YString& text);
 
 } // namespace Krt::Crypto
