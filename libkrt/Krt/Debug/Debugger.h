@@ -1,12 +1,14 @@
-// A broken assumption gives an attached debugger its chance before the error is raised.
 #pragma once
+
+/// @file
+/// A stop for an attached debugger before an error is raised.
 
 #include "Krt/Export.h"
 
 namespace Krt::Debug {
 
-/// Stops in an attached debugger by SIGTRAP. Returns at once if there is no debugger, also under a tracer
-/// that passes signals on, unless the program has a handler of its own for SIGTRAP.
+/// Stops in an attached debugger by SIGTRAP. Returns at once if there is no debugger. Also returns under a
+/// tracer that forwards signals, unless the program has its own handler for SIGTRAP.
 KRT_API void EnterDebugger();
 
 } // namespace Krt::Debug
