@@ -1,17 +1,19 @@
-// The machine's name, and the settings of the operating system that hold for the whole process.
 #pragma once
+
+/// @file
+/// The machine's name, and process-wide settings of the operating system.
 
 #include "Krt/String/YString.h"
 
 namespace Krt::Environment {
 
-/// Raises the operating system's error.
+/// Returns the machine's name. Raises the operating system's error.
 KRT_API YString GetHostName();
-/// The permission bits that new files and directories do without; returns the former ones.
+/// Sets the permission bits that are cleared in new files and directories. Returns the former mask.
 KRT_API unsigned int SetFileCreationMask(unsigned int mask);
-/// Lets the process open as many files as the administrator allows it at most.
+/// Raises the limit of open files to the maximum that the administrator allows.
 KRT_API void RaiseDescriptorLimit();
-/// Whether the process acts as root.
+/// Returns true if the effective user is root.
 KRT_API bool IsRoot();
 
 } // namespace Krt::Environment

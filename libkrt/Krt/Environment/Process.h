@@ -1,5 +1,7 @@
-// The process and others: what rights it runs with, running a program, and looking a process up by name.
 #pragma once
+
+/// @file
+/// The privileges of this process, running a program, and finding a process by name.
 
 #include "Krt/File/YPath.h"
 
@@ -8,30 +10,32 @@
 
 namespace Krt::Environment {
 
-/// Whether the process runs with privileges that its starter doesn't have (set-user-id and the like), so that
-/// environment variables aren't to be trusted.
+/// Returns true if the process has privileges that the process which started it does not have (set-user-ID
+/// and similar). Environment variables are not trusted then.
 KRT_API bool IsPrivilegeRaised();
 
 /// Runs a program and waits for its end. Returns its exit status, or 128 plus the number of the signal that
-/// ended it. The program is a path, which is not searched for; the arguments reach it as they are, without a
-/// shell. It inherits the environment and the descriptors 0 to 2 and no others, with no signal blocked and
-/// none ignored. Raises the operating system's error if it can't be started, or if the process ignores
-/// SIGCHLD and so gets no status, and InvalidArgument for an argument with a NUL byte in it. Any thread.
+/// ended it. `program` is a path, which is not searched for. The arguments are passed unchanged, without a
+/// shell. The program inherits the environment and the descriptors 0 to 2 only, with no signal blocked or
+/// ignored. Raises the operating system's error if the program cannot be started, or if this process
+/// ignores SIGCHLD and so gets no status. Raises InvalidArgument for an argument with a NUL byte. Any
+/// thread.
 KRT_API int ExecuteProcess(const File::YPath& program, const std::vector<YString>& arguments);
-/// The same with root's rights: as it is if the effective user is root, else through /usr/bin/sudo, whose own
-/// status tells then that the rights were refused. With `unattended` it never asks for a password.
+/// Runs a program with root's rights; see ExecuteProcess. If the effective user is not root, it is run by
+/// /usr/bin/sudo, whose own exit status reports that the rights were refused. With `unattended` it never
+/// asks for a password.
 KRT_API int ExecuteProcessElevated(const File::YPath& program, const std::vector<YString>& arguments,
                                    bool unattended);
 
-/// The id of a process with that name, which is the file name of its program or script; NotFound if there is
-/// none. A shorter name than 15 bytes that the process gave its main thread counts, too. A process that has
-/// ended and is still to be waited for doesn't count, the calling process only with `countsSelf`.
+/// Returns the ID of a process with that name, which is the file name of its program or script. A name of
+/// at most 15 bytes that the process gave its main thread also counts. Zombies do not count; the calling
+/// process counts only with `countsSelf`. Raises NotFound if there is no such process.
 KRT_API int FindProcessByName(const YString& name, bool countsSelf);
 
-/// Does what ExecuteProcess is to do.
+/// A replacement for ExecuteProcess.
 using ProcessRunner = std::function<int(const File::YPath& program, const std::vector<YString>& arguments)>;
-/// From now on all programs are run by this; an empty one goes back to running them. For tests: no other
-/// thread may be running a program meanwhile.
+/// Makes ExecuteProcess call `runner`; an empty one restores the default. For tests: no other thread may
+/// run a program during the call.
 KRT_API void SetProcessRunnerForTesting(ProcessRunner runner);
 
 } // namespace Krt::Environment
