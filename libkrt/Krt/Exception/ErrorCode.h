@@ -1,16 +1,18 @@
-// What kind of failure an error is: its type, and the portable code that its raising site gives it.
 #pragma once
+
+/// @file
+/// The kinds of failures: the type of an error, and its portable code.
 
 namespace Krt::Exception {
 
-/// Where an error comes from.
+/// The origin of an error, which defines the meaning of its code.
 enum class ExceptionType : unsigned int
 {
     General = 0, ///< the code is an ErrorCode
     OsError = 3  ///< the code is an operating-system error number
 };
 
-/// The portable codes. Their numbers are what programs compare and what stands in logs.
+/// The portable codes. Programs compare their numbers, and logs contain them.
 struct ErrorCode
 {
     /// A code; its number never changes.
@@ -26,7 +28,7 @@ struct ErrorCode
         NumberConversion = 126,
         CryptoFailure = 146,
         MutexInitFailed = 150,
-        LockTimeout = 153, ///< a lock or a state did not come in time
+        LockTimeout = 153, ///< a lock or a state was not reached in time
         InvalidUtf16 = 162,
         InvalidUtf8 = 163,
         ValueConversion = 164,

@@ -1,11 +1,14 @@
-// The statements that fail. Each reads like its message and captures source path, function and line:
-//     KRT_RAISE(ErrorCode::InvalidArgument, "Index " << index << " out of range");
-//     KRT_RAISE_UNLESS(handle, ErrorCode::InvalidState, "File class not open");
-//     KRT_SYSCALL(fstat(file, &status), "Failed to stat file: " << path);  a system call's error
-//     KRT_RAISE_OS(error, "Failed to run " << program);                    an error number of the system
-// The text may be left out. All throw Krt::Exception::YError on the channel General; the ..._ON forms name
-// another channel, the ..._AS forms also the function to report.
 #pragma once
+
+/// @file
+/// Statements that raise errors. Each reads like its message and captures source path, function and line.
+/// The text may be omitted. All throw Krt::Exception::YError on the channel General. The ..._ON forms name
+/// another channel, the ..._AS forms also the function to report.
+///
+///     KRT_RAISE(ErrorCode::InvalidArgument, "Index " << index << " out of range");
+///     KRT_RAISE_UNLESS(handle, ErrorCode::InvalidState, "File class not open");
+///     KRT_SYSCALL(fstat(file, &status), "Failed to stat file: " << path);  a system call's error
+///     KRT_RAISE_OS(error, "Failed to run " << program);                    an error number of the system
 
 #include "Krt/Exception/YError.h"
 #include "Krt/Log/YStream.h"
@@ -14,26 +17,26 @@
 #include <typeinfo>
 #include <utility>
 
-/// The source path that errors report, with its ending. A source that is a part of another one defines it as
-/// that one's path, before its includes.
+/// The source path that errors report, with its extension. A source that is a part of another one defines
+/// it as the path of the latter, before its includes.
 #ifndef KRT_SOURCE_FILE
 #define KRT_SOURCE_FILE __FILE__
 #endif
 
 namespace Krt::Exception {
 
-/// Throws the error for a site. `file` is KRT_SOURCE_FILE; its ending is dropped.
+/// Throws the error for a raising site. `file` is KRT_SOURCE_FILE; its extension is removed.
 [[noreturn, gnu::cold]] KRT_API void Raise(ExceptionType type, unsigned int messageType, unsigned int code,
                                            unsigned int line, const char* file, const char* function,
                                            const YStream& message);
 
-/// The banner of a failed check on standard error, then the debugger, then InvalidUse with the banner as
-/// text.
+/// Writes the banner of a failed check to standard error, calls the debugger, and raises InvalidUse with the
+/// banner as text.
 [[noreturn, gnu::cold]] KRT_API void FailRequiredCheck(const char* condition, const YString& detail,
                                                        unsigned int line, const char* file,
                                                        const char* function);
 
-/// The banner written straight to standard error, then the debugger, then abort().
+/// Writes the banner of a failed check directly to standard error, calls the debugger, then abort().
 [[noreturn, gnu::cold]] KRT_API void AbortRequiredCheck(const char* condition, const YStream& detail,
                                                         unsigned int line, const char* file,
                                                         const char* function);
@@ -44,7 +47,7 @@ namespace Krt::Exception {
                                                    const YStream& detail, unsigned int line, const char* file,
                                                    const char* function);
 
-/// The value of the result. If the operation failed, calls `fail` with its error, which throws.
+/// Returns the value of the result. If the operation failed, calls `fail` with its error; `fail` throws.
 template <class T, class Fail>
 T ValueOf(Util::OsResult<T> result, const Fail& fail)
 {
@@ -55,7 +58,7 @@ T ValueOf(Util::OsResult<T> result, const Fail& fail)
 
 } // namespace Krt::Exception
 
-/// The statement under all others. Its parts: ExceptionType, reported function, log channel, code, text.
+/// The statement on which all others are based: ExceptionType, reported function, log channel, code, text.
 #define KRT_RAISE_FULL(type, function, channel, code, ...)                                                   \
     do {                                                                                                     \
         ::Krt::YStream krtMessage{::Krt::YString()};                                                         \
@@ -63,30 +66,30 @@ T ValueOf(Util::OsResult<T> result, const Fail& fail)
         ::Krt::Exception::Raise(type, channel, code, __LINE__, KRT_SOURCE_FILE, function, krtMessage);       \
     } while (false)
 
-/// A failure with an ErrorCode and a streamed text; see above for the endings.
+/// Raises an error with an ErrorCode and a streamed text; reports `function` on `channel`.
 #define KRT_RAISE_AS(function, channel, code, ...)                                                           \
     KRT_RAISE_FULL(::Krt::Exception::ExceptionType::General, function, channel,                              \
                    code __VA_OPT__(, ) __VA_ARGS__)
-/// The same, with the function that stands around it.
+/// KRT_RAISE_AS with the enclosing function.
 #define KRT_RAISE_ON(channel, code, ...) KRT_RAISE_AS(__func__, channel, code __VA_OPT__(, ) __VA_ARGS__)
-/// The same on the channel General.
+/// KRT_RAISE_ON on the channel General.
 #define KRT_RAISE(code, ...) KRT_RAISE_ON(::Krt::MessageType::General, code __VA_OPT__(, ) __VA_ARGS__)
 
-/// KRT_RAISE where the condition is false; the text is built then only.
+/// KRT_RAISE if the condition is false; the text is built only then.
 #define KRT_RAISE_UNLESS(condition, code, ...)                                                               \
     do {                                                                                                     \
         if (!(condition)) [[unlikely]]                                                                       \
             KRT_RAISE(code __VA_OPT__(, ) __VA_ARGS__);                                                      \
     } while (false)
 
-/// A failure of the operating system with the error number `error`, which is read before the text is built.
+/// Raises the operating system's error number `error`, which is read before the text is built.
 #define KRT_RAISE_OS_AS(function, channel, error, ...)                                                       \
     do {                                                                                                     \
         const int krtOsError = (error);                                                                      \
         KRT_RAISE_FULL(::Krt::Exception::ExceptionType::OsError, function, channel,                          \
                        static_cast<unsigned int>(krtOsError) __VA_OPT__(, ) __VA_ARGS__);                    \
     } while (false)
-/// KRT_RAISE_OS_AS with the function around it.
+/// KRT_RAISE_OS_AS with the enclosing function.
 #define KRT_RAISE_OS_ON(channel, error, ...)                                                                 \
     KRT_RAISE_OS_AS(__func__, channel, error __VA_OPT__(, ) __VA_ARGS__)
 /// KRT_RAISE_OS_ON on the channel General.
@@ -98,18 +101,18 @@ T ValueOf(Util::OsResult<T> result, const Fail& fail)
     ::Krt::Exception::ValueOf(result, [&, krtFunction = __func__](int krtError) {                            \
         KRT_RAISE_OS_AS(krtFunction, ::Krt::MessageType::General, krtError __VA_OPT__(, ) __VA_ARGS__);      \
     })
-/// An expression: KRT_OS_VALUE of a system call, which Util::CallSystem makes.
+/// An expression: KRT_OS_VALUE of a system call, made by Util::CallSystem.
 #define KRT_SYSCALL(call, ...)                                                                               \
     KRT_OS_VALUE(::Krt::Util::CallSystem([&] { return call; }) __VA_OPT__(, ) __VA_ARGS__)
 
-/// A check that holds in every build; see FailRequiredCheck.
+/// A check in every build; see FailRequiredCheck. `detail` is a text.
 #define KRT_REQUIRE(condition, detail)                                                                       \
     do {                                                                                                     \
         if (!(condition)) [[unlikely]]                                                                       \
             ::Krt::Exception::FailRequiredCheck(#condition, detail, __LINE__, KRT_SOURCE_FILE, __func__);    \
     } while (false)
 
-/// For a member function: the log line bears the object's prefix. `...` is the detail, streamed.
+/// An assertion in a member function: the log line has the object's prefix. `...` is the streamed detail.
 #define KRT_ASSERT(condition, ...)                                                                           \
     do {                                                                                                     \
         if (!(condition)) [[unlikely]] {                                                                     \

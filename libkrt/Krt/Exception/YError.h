@@ -1,6 +1,3 @@
-// YError: the one exception type. It carries what its raising site knew: type, channel, code, place, text and
-// the stack. It is a value and owns all of it. It is also a std::exception, so a handler of those must come
-// after the handlers of YError.
 #pragma once
 
 #include "Krt/Exception/ErrorCode.h"
@@ -14,7 +11,7 @@ namespace Krt::Exception {
 
 class YError;
 
-/// All that an error carries.
+/// The content of an error: type, channel, code, location, text and stack.
 class KRT_API YErrorBase : public std::exception
 {
 public:
@@ -23,75 +20,78 @@ public:
     YErrorBase& operator=(const YErrorBase&) = default;
     ~YErrorBase() override = default;
 
-    /// The message, and for an OsError ": " and the system's text after it; the name of the code if there is
-    /// no message. Lives as long as the error, and ends at the first NUL byte.
+    /// The message; for an OsError followed by ": " and the system's text. The name of the code if there is
+    /// no message. Valid as long as the error; ends at the first NUL byte.
     const char* what() const noexcept override;
 
-    /// The operating-system error number with which the error was raised; 0 for the type General.
+    /// The operating system's error number with which the error was raised; 0 for the type General.
     virtual int GetOsError() const;
-    /// The portable code; for an OsError the one that its number maps to.
+    /// The portable code; for an OsError the code to which its number maps.
     virtual unsigned int GetCode() const;
 
-    /// The site's text, which may be empty. For people it isn't enough: the system's reason is in what(), in
-    /// Describe() and in the printed form.
+    /// The text of the raising site, which may be empty. It lacks the system's reason, which what(),
+    /// Describe() and the printed form contain.
     const YString& GetMessage() const { return m_message; }
-    /// Whether the code is an ErrorCode or an errno, and the channel as a MessageType.
+    /// The type: whether the error was raised with an ErrorCode or with an errno.
     ExceptionType GetType() const { return static_cast<ExceptionType>(m_type); }
+    /// The log channel, a MessageType.
     unsigned int GetMessageType() const { return static_cast<unsigned int>(m_messageType); }
-    /// Bare name of the function that raised.
+    /// The bare name of the raising function.
     const YString& GetFunction() const { return m_function; }
-    /// Source path of the site, without ending.
+    /// The source path of the raising site, without its extension.
     const YString& GetFile() const { return m_file; }
-    /// The site's line, from 1.
+    /// The line of the raising site, from 1.
     unsigned int GetLine() const { return static_cast<unsigned int>(m_line); }
-    /// Type, code by name and number with the system's text for it, and function.
+    /// Returns type, code (by name and number, with the system's text) and function.
     YString Describe() const;
-    /// Prints the message and then Describe() in parentheses; the latter alone if there is no message.
+    /// Prints the message and then Describe() in parentheses; only the latter if there is no message.
     friend KRT_API std::ostream& operator<<(std::ostream& out, const YErrorBase& error);
-    /// The raising thread's stack, a line a frame, with names where they are known. Names are looked up here.
+    /// Returns the raising thread's stack, one line per frame, with names if they are known. The names are
+    /// looked up by this call.
     YString GetStackTrace() const;
 
 protected:
     friend KRT_API YError MakeYError(ExceptionType, unsigned int, unsigned int, unsigned int, const char*,
                                      const char*, const YString&);
 
-    /// What the operations above give.
-    YString m_message;
-    YString m_function;
-    unsigned long long m_type = 0;
-    unsigned long long m_messageType = 0;
-    YString m_file;
-    YString m_codeName; // "InvalidArgument", or "ENOENT" for an OsError
-    YString m_what;     // for an OsError what() gives this; Describe takes the system's text from its end
-    unsigned long long m_line = 0;
-    YString m_stack; // as GetCurrentStackTrace gives it
-    unsigned long long m_code = 0;
+    YString m_message;                    ///< returned by GetMessage
+    YString m_function;                   ///< returned by GetFunction
+    unsigned long long m_type = 0;        ///< returned by GetType
+    unsigned long long m_messageType = 0; ///< returned by GetMessageType
+    YString m_file;                       ///< returned by GetFile
+    YString m_codeName;                   ///< "InvalidArgument", or "ENOENT" for an OsError
+    YString m_what;                       ///< for an OsError what(); it ends with the system's text
+    unsigned long long m_line = 0;        ///< returned by GetLine
+    YString m_stack;                      ///< in the form of GetCurrentStackTrace
+    unsigned long long m_code = 0;        ///< an ErrorCode, or an errno for an OsError
 };
 
+/// The only exception type. It records what the raising site knows. It is a value and owns its content. It
+/// is also a std::exception, so a handler of std::exception must follow the handlers of YError.
 class KRT_API YError : public YErrorBase
 {
 public:
-    /// An error that says nothing: type and codes 0, texts empty.
+    /// An error with type and codes 0 and empty texts.
     YError() = default;
-    /// A copy.
+    /// Copies the content of `other`.
     explicit YError(const YErrorBase& other) : YErrorBase(other) {}
 };
 
-/// The error for a raising site. `code` is an ErrorCode, or an errno for OsError; `file` is the source path
-/// and `function` the bare function name. Takes the stack of the caller. Does not fail.
+/// Returns the error for a raising site. `code` is an ErrorCode, or an errno for OsError. `file` is the
+/// source path and `function` the bare function name. Captures the caller's stack. Does not fail.
 KRT_API YError MakeYError(ExceptionType type, unsigned int messageType, unsigned int code, unsigned int line,
                           const char* file, const char* function, const YString& message);
 
-/// The error for an exception of the standard library or of Boost: InvalidArgument, with `what()` behind the
-/// message and ": ", or alone if the message is empty.
+/// Returns the error InvalidArgument for an exception of the standard library or of Boost. Its text is the
+/// message, ": " and `what()`; only the latter if the message is empty.
 KRT_API YError TranslateYError(const std::exception& source, unsigned int messageType, unsigned int line,
                                const char* file, const char* function, const YString& message);
 
-/// The calling thread's stack, a line a frame: the address, a blank, the module's path, "+" and the offset in
-/// it. Cheap: no symbol is looked up.
+/// Returns the calling thread's stack, one line per frame: the address, a blank, the module's path, "+" and
+/// the offset in the module. Looks up no symbols.
 KRT_API YString GetCurrentStackTrace();
 
-/// The portable code for an operating-system error number.
+/// Returns the portable code for an operating system's error number.
 KRT_API unsigned int CodeFromOsError(int osError);
 
 } // namespace Krt::Exception
