@@ -1,7 +1,9 @@
-// File operations by path. None follows a symbolic link at the last component, unless told otherwise. All
-// raise the operating system's error (channel General) and repeat a call that a signal interrupted. See
-// OpenFile.h for an open descriptor, YDirectory.h for the entries of an open directory.
 #pragma once
+
+/// @file
+/// File operations by path. A symlink as the last component is not followed, except where noted. All raise
+/// the operating system's error (channel General) and retry on EINTR. See OpenFile.h for open descriptors,
+/// and YDirectory.h for the entries of an open directory.
 
 #include "Krt/File/YPath.h"
 #include "Krt/Memory/YHeap.h"
@@ -12,52 +14,59 @@
 
 namespace Krt::File {
 
-/// Values by name, namespace included ("user.note").
+/// Values of extended attributes by name, including the namespace ("user.note").
 using ExtendedAttributeMap = std::map<YString, Memory::YHeap<unsigned char>>;
 
-/// The attribute word: bit 0x10 for a directory.
+/// The bit of a directory in the attribute word.
 constexpr unsigned int AttributeDirectory = 0x10;
-constexpr unsigned int AttributesUnknown = 0xFFFFFFFF; ///< of a path that can't be read
+/// The attribute word of a path that cannot be read.
+constexpr unsigned int AttributesUnknown = 0xFFFFFFFF;
 
-/// Flags of Open.
-constexpr unsigned int OpenForReading = 0x8001;  ///< an existing file; never blocks on a FIFO
-constexpr unsigned int OpenNewForWriting = 0x60; ///< exclusively created, mode 0600
+/// Flag of Open: an existing file; never blocks on a FIFO.
+constexpr unsigned int OpenForReading = 0x8001;
+/// Flag of Open: a new file, created exclusively with mode 0600.
+constexpr unsigned int OpenNewForWriting = 0x60;
 
-/// Describes the entry itself.
+/// Returns the attribute word of the entry itself.
 KRT_API unsigned int GetAttributes(const YPath& path);
-/// AttributesUnknown where the path can't be read.
+/// Returns the attribute word of the entry itself, or AttributesUnknown if the path cannot be read.
 KRT_API unsigned int GetAttributesNoException(const YPath& path);
-/// Size in bytes of the entry itself.
+/// Returns the size of the entry itself in bytes.
 KRT_API unsigned long long GetSize(const YPath& path);
-/// Whether something exists at the path; a dangling link does. Never raises.
+/// Returns true if an entry exists at the path, also a dangling symlink. Never raises.
 KRT_API bool DoesFileExist(const YPath& path);
-/// Raises where the entry can't be examined.
+/// Returns true if the entry is a symlink. Raises if it cannot be examined.
 KRT_API bool IsSymbolicLink(const YPath& path);
-/// A plain copy: the file systems served here are case-sensitive.
+/// Returns the path unchanged: the supported file systems are case-sensitive.
 KRT_API YPath NormalizePathCase(const YPath& path);
 
-/// Creates every missing parent, and with `includeLast` the path itself, as directories of mode 0777 less the
-/// umask. What exists may be a link to a directory.
+/// Creates every missing parent directory, and with `includeLast` the path itself, with mode 0777 less the
+/// umask. An existing component may be a symlink to a directory.
 KRT_API void CreatePath(const YPath& path, bool includeLast);
-/// Unlinks one entry; a missing one counts as done; a directory is never removed (EISDIR or EPERM is raised).
+/// Unlinks one entry. A missing one counts as success. A directory is never removed (raises EISDIR or
+/// EPERM).
 KRT_API void DeleteFile(const YPath& path);
 
-/// Opens close-on-exec; see the flags above, other ones raise InvalidArgument.
+/// Opens the file close-on-exec. `flags` is OpenForReading or OpenNewForWriting; other values raise
+/// InvalidArgument.
 KRT_API Util::YUnxHandle Open(const YPath& path, unsigned int flags);
-/// Reads at the offset until `count` bytes or the end of the file; returns the bytes read. An empty handle
-/// raises InvalidState, here and in Write.
+/// Reads from `offset` until `count` bytes are read or the file ends. Returns the number of bytes read.
+/// Raises InvalidState for an empty handle.
 KRT_API unsigned long Read(const Util::YUnxHandle& handle, unsigned long long offset, unsigned long count,
                            void* buffer);
-/// Writes all `count` bytes at the offset, or raises.
+/// Writes all `count` bytes at `offset`, or raises. Raises InvalidState for an empty handle.
 KRT_API unsigned long Write(const Util::YUnxHandle& handle, unsigned long long offset, unsigned long count,
                             const void* buffer);
 
-/// Extended attributes of the entry itself, all namespaces that the kernel shows. AttributesUnavailable where
-/// the path has none to offer. One that vanishes between the listing and its turn, or that the file system
-/// lists but refuses to give, is left out of the map.
+/// Returns the names of the extended attributes of the entry itself, in all namespaces that the kernel
+/// lists. Raises AttributesUnavailable if the path does not support them.
 KRT_API std::list<YString> ListExtendedAttributes(const YPath& path);
+/// Returns the extended attributes of the entry itself. Omits an attribute that is removed during the call,
+/// or that the file system lists but refuses to read. Raises AttributesUnavailable if the path does not
+/// support attributes.
 KRT_API ExtendedAttributeMap GetExtendedAttributeMap(const YPath& path);
-/// `flags`: 0 creates or replaces.
+/// Sets an extended attribute to `size` bytes at `data`. `flags` are those of setxattr; 0 creates or
+/// replaces.
 KRT_API void AddExtendedAttribute(const YPath& path, const YString& name, const void* data, unsigned int size,
                                   unsigned int flags);
 

@@ -1,6 +1,8 @@
-// The type of a file in the mode word of its status (st_mode of POSIX's sys/stat.h). The values are fixed,
-// since records carry the word between systems.
 #pragma once
+
+/// @file
+/// The type of a file in the mode word of its status (st_mode of POSIX). The values are fixed, since
+/// records carry the word between systems.
 
 namespace Krt::File {
 

@@ -1,5 +1,7 @@
-// Lets Boost's hashed containers have paths for keys.
 #pragma once
+
+/// @file
+/// The hash of a path, for Boost's hashed containers.
 
 #include "Krt/File/YPath.h"
 
@@ -9,7 +11,7 @@
 
 namespace Krt::File {
 
-/// Of the text's bytes, so that equal paths have equal values. Found by boost::hash.
+/// Hashes the bytes of the text, so that equal paths have equal hashes. boost::hash calls it.
 inline std::size_t hash_value(const YPath& path)
 {
     return boost::hash_range(path.Bytes().begin(), path.Bytes().end());

@@ -1,16 +1,17 @@
-// Well-known directories by number.
 #pragma once
+
+/// @file
+/// Well-known directories by number.
 
 #include "Krt/File/YPath.h"
 
 namespace Krt::File {
 
-/// For temporary files.
+/// The directory of temporary files.
 constexpr unsigned int TemporaryFiles = 5;
 
-/// The directory, which isn't looked for:
-///   TemporaryFiles   what $TMPDIR names if that is absolute and the process isn't privilege-raised, or /tmp
-/// Another number raises InvalidArgument.
+/// Returns the directory, which need not exist. For TemporaryFiles it is $TMPDIR if that is absolute and
+/// the process is not privilege-raised, otherwise /tmp. Raises InvalidArgument for another number.
 KRT_API YPath GetPathMap(unsigned int index);
 
 } // namespace Krt::File

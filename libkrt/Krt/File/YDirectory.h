@@ -1,9 +1,3 @@
-// YDirectory: an open directory, whose entries are reached through its descriptor. No operation follows a
-// symbolic link at an entry, so a walk or a restore that goes down component by component stays below its
-// root even while somebody swaps directories for links. A name is one component: empty, ".", "..", or one
-// that holds "/" raises InvalidArgument before any system call. Failures raise the operating system's error
-// (channel General) with operation and name in the text. Calls that a signal interrupted are repeated. Apart
-// from VisitEntries, any number of threads may use a directory at once.
 #pragma once
 
 #include "Krt/File/OpenFile.h"
@@ -13,73 +7,82 @@
 
 namespace Krt::File {
 
-/// What a listing tells of an entry. The type is a DT_ constant of <dirent.h>; DT_UNKNOWN asks for Stat.
+/// An entry as a directory lists it.
 struct DirectoryEntry
 {
-    const YString& name;      ///< lives as long as the visit
-    unsigned char type;       ///< as above
-    unsigned long long inode; ///< as the directory has it; a mount point's own is another
+    const YString& name;      ///< valid during the visit
+    unsigned char type;       ///< a DT_ constant of dirent.h; for DT_UNKNOWN call Stat
+    unsigned long long inode; ///< as listed; differs from that of a file system mounted there
 };
 
+/// An open directory, whose entries are accessed through its descriptor. Symlinks among the entries are
+/// never followed. So a walk or a restore that descends by components stays below its root, even if another
+/// process replaces directories by symlinks. A name is one component: an empty name, ".", ".." or a name
+/// with "/" raises InvalidArgument before any system call. Failures raise the operating system's error
+/// (channel General) with the operation and the name in the text. Calls are retried on EINTR. Any number of
+/// threads may use a directory at once, except for VisitEntries.
 class KRT_API YDirectory
 {
 public:
-    /// The last component may not be a link; those before it may.
+    /// Opens a directory. Only the last component must not be a symlink.
     static YDirectory Open(const YPath& path);
-    /// For a root that the user named: links are followed.
+    /// Opens a directory that the user named: symlinks are followed.
     static YDirectory OpenFollowing(const YPath& path);
-    /// To reach entries alone, which takes the right to search and not the right to read: of the operations
-    /// on the directory itself only Stat and SetMode work. Links are followed.
+    /// Opens a directory only to access its entries, which requires the right to search but not the right
+    /// to read. Of the operations on the directory itself only Stat and SetMode work. Symlinks are
+    /// followed.
     static YDirectory OpenToSearch(const YPath& path);
 
-    /// For the operations of OpenFile.h on the directory itself. Owned by this object.
+    /// The handle, owned by this object, for the operations of OpenFile.h on the directory itself.
     const Util::YUnxHandle& GetHandle() const { return m_handle; }
 
-    // What is there.
-    /// The directory of this name, to be listed and searched.
+    /// Opens the child directory of this name for listing and searching.
     YDirectory OpenDirectory(const YString& name) const;
-    /// As OpenToSearch, without following a link. On Linux also one that is closed to its owner.
+    /// Opens a child directory as OpenToSearch does, without following a symlink. On Linux this includes
+    /// directories whose mode denies access to their owner.
     YDirectory OpenDirectoryToSearch(const YString& name) const;
-    /// The directory at the end of a way of one name or more. No link on it is followed, so it leads nowhere
-    /// but below this directory, whatever somebody moves meanwhile.
+    /// Opens a descendant directory by one or more names. Symlinks are not followed, so the result is
+    /// always below this directory, even if entries are renamed concurrently.
     YDirectory OpenBelow(std::span<const YString> way) const;
-    /// For reading; never blocks on a FIFO. Whether it is a regular file is for the caller to ask of the
-    /// handle.
+    /// Opens an entry for reading; never blocks on a FIFO. The caller checks with Stat whether it is a
+    /// regular file.
     Util::YUnxHandle OpenFile(const YString& name) const;
-    /// Of the directory itself.
+    /// Returns the status of the directory itself.
     struct stat Stat() const;
-    /// Of the entry itself, also for a link.
+    /// Returns the status of the entry itself, also of a symlink.
     struct stat Stat(const YString& name) const;
-    /// The same, with the answer false and `status` untouched for a missing entry.
+    /// Stores the status of the entry itself. Returns false, with `status` unchanged, for a missing entry.
     bool StatIfPresent(const YString& name, struct stat& status) const;
-    /// The whole target, whatever its length.
+    /// Returns the whole target of a symlink, of any length.
     YString ReadSymbolicLink(const YString& name) const;
-    /// Calls the visitor for each entry but "." and "..", in the file system's order, in bounded memory;
-    /// stops when it returns false. What the visitor raises passes through. One listing of a directory at a
-    /// time.
+    /// Calls `visitor` for each entry except "." and "..", in the file system's order, until it returns
+    /// false. Memory is bounded. Exceptions of the visitor are passed on. A directory must not be listed
+    /// twice at the same time.
     void VisitEntries(const std::function<bool(const DirectoryEntry&)>& visitor) const;
 
-    // Making entries. A name that is taken is a failure (EEXIST).
-    /// For writing, with mode 0600.
+    /// Creates a file of mode 0600 for writing. Raises EEXIST if the name exists.
     Util::YUnxHandle CreateFile(const YString& name) const;
-    /// Where a mode is given, the umask takes bits from it.
+    /// Creates a directory of mode `mode` less the umask. Raises EEXIST if the name exists.
     void MakeDirectory(const YString& name, unsigned int mode) const;
+    /// Creates a symlink. Raises EEXIST if the name exists.
     void MakeSymbolicLink(const YString& name, const YString& target) const;
+    /// Creates a FIFO of mode `mode` less the umask. Raises EEXIST if the name exists.
     void MakeFifo(const YString& name, unsigned int mode) const;
-    /// `mode` holds S_IFCHR, S_IFBLK or S_IFSOCK; the device number is ignored for a socket.
+    /// Creates a device or a socket of mode `mode` less the umask. `mode` contains S_IFCHR, S_IFBLK or
+    /// S_IFSOCK; `device` is ignored for a socket. Raises EEXIST if the name exists.
     void MakeDevice(const YString& name, unsigned int mode, unsigned long long device) const;
-    /// A further name for an existing entry, which may itself be a link.
+    /// Creates a hard link to an existing entry, which may be a symlink. Raises EEXIST if the name exists.
     void MakeHardLink(const YDirectory& fromDirectory, const YString& fromName, const YString& name) const;
 
-    // Moving and removing. A missing entry counts as removed.
-    /// Replaces what `to` names, as rename does.
+    /// Renames an entry and replaces an existing entry `to`, as rename does.
     void Rename(const YString& from, const YDirectory& toDirectory, const YString& to) const;
-    /// For any entry but a directory; the next one for an empty directory.
+    /// Removes an entry that is not a directory. A missing entry counts as removed.
     void RemoveFile(const YString& name) const;
+    /// Removes an empty directory. A missing entry counts as removed.
     void RemoveDirectory(const YString& name) const;
 
-    /// Sets the mode of the directory itself, also of one that was opened to search. See YEntry.h for the
-    /// attributes of entries.
+    /// Sets the mode of the directory itself, also after OpenToSearch. See YEntry.h for the attributes of
+    /// entries.
     void SetMode(unsigned int mode) const;
 
 private:

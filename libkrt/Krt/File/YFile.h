@@ -1,4 +1,3 @@
-// A text file that is written from its beginning to its end, such as a temporary one.
 #pragma once
 
 #include "Krt/File/YPath.h"
@@ -6,25 +5,27 @@
 
 namespace Krt::File {
 
+/// A text file that is written sequentially, such as a temporary file. Operations raise the operating
+/// system's error with the path. One thread at a time.
 class KRT_API YFile
 {
 public:
-    /// The one flag word: makes the file and opens it for writing.
+    /// The only flag word: creates the file and opens it for writing.
     static constexpr unsigned int CreateAndWrite = 0x42;
 
-    /// The file is made exclusively and not through a link, with mode 0600. Another flag word raises
-    /// InvalidArgument. This and the other operations raise the operating system's error with the path.
+    /// Creates the file exclusively, not through a symlink, with mode 0600. Raises InvalidArgument for
+    /// flags other than CreateAndWrite.
     YFile(const YPath& path, unsigned int flags);
     YFile(const YFile&) = delete;
     YFile& operator=(const YFile&) = delete;
-    /// Closes an open file quietly. The file stays, also after a failure.
+    /// Closes an open file and ignores errors. The file is not deleted, not even after a failure.
     ~YFile() = default;
 
-    /// Adds all of the text's bytes, or raises; what came before a failure stays in the file. A closed file
-    /// raises InvalidState.
+    /// Appends all bytes of the text, or raises; bytes written before a failure stay in the file. Raises
+    /// InvalidState after Close.
     void Write(const YString& text);
-    /// Tells a loss of data that came to light late, where the file system does. The file is closed then,
-    /// too; closing a closed one does nothing.
+    /// Closes the file. Raises a loss of data that the file system reports only now; the file is closed
+    /// then, too. A second call does nothing.
     void Close();
 
 private:
