@@ -1,4 +1,3 @@
-// The interface of classes with a JSON form.
 #pragma once
 
 #include "Krt/Export.h"
@@ -7,13 +6,14 @@ namespace Krt::JSON {
 
 class YObject;
 
+/// The interface of classes with a JSON form.
 class KRT_API IJSON
 {
 public:
     virtual ~IJSON() = default;
-    /// The form as a new object.
+    /// Returns the JSON form as a new object.
     virtual YObject ToJSON() const = 0;
-    /// Fills this object; a failure leaves what was read so far.
+    /// Fills this object. After a failure the members read before it are set.
     virtual void FromJSON(const YObject& json) = 0;
 };
 

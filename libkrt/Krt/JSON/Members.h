@@ -1,10 +1,15 @@
-// The members of a JSON object, described once. A class has one template that gives each of its fields to
-// `members` under its key, in the order of its JSON form:
-//   template <class Members, class Self> static void Describe(Members& members, Self& self)
-// The classes below are what `members` can be. ValueMembers creates the values of the fields, TextMembers
-// writes their text, ReadMembers reads them from an object, and KeyMembers lists their keys. Self is const
-// for the two that write. All have the same operations; Number takes a bool or an unsigned number.
 #pragma once
+
+/// @file
+/// The members of a JSON object, described once. A class has a template that passes each of its fields to
+/// `members` with its key, in the order of its JSON form. Self is const for classes that only read the
+/// fields.
+///
+///     template <class Members, class Self> static void Describe(Members& members, Self& self)
+///
+/// Members is one of the classes below, which have the same operations. ValueMembers creates the values of
+/// the fields, TextMembers writes their text, ReadMembers reads them from an object, and KeyMembers lists
+/// their keys. Number accepts a bool or an unsigned number.
 
 #include "Krt/Crypto/Base64.h"
 #include "Krt/JSON/YTextWriter.h"
@@ -16,7 +21,7 @@
 
 namespace Krt::JSON {
 
-/// Appends the members to an object, which outlives it.
+/// Appends the members to an object, which must outlive it.
 class ValueMembers
 {
 public:
@@ -33,7 +38,7 @@ public:
     }
     /// A string.
     void Text(YObject::Key key, const YString& text) { m_object.Put(key, YValue::Create<YString>(text)); }
-    /// A string that is absent if it is empty.
+    /// A string, which is omitted if it is empty.
     void OptionalText(YObject::Key key, const YString& text)
     {
         if (!text.IsEmpty())
@@ -50,7 +55,8 @@ public:
     {
         m_object.Put(key, Create([&](ValueMembers& members) { T::Describe(members, value); }));
     }
-    /// An array of objects; `describe` gets the members of each and its item.
+    /// An array with an object for each item; `describe` is called with the members of the object and the
+    /// item.
     template <class Items, class Describe>
     void Objects(YObject::Key key, const Items& items, Describe describe)
     {
@@ -134,18 +140,18 @@ private:
     YTextWriter& m_writer;
 };
 
-/// Reads the members of an object into the fields, each as soon as it is read. Raises what YObject::Get
-/// raises, on the channel Runtime.
+/// Reads the members of an object into the fields, each as soon as it is read. Raises the errors of
+/// YObject::Get, on the channel Runtime.
 class ReadMembers
 {
 public:
     static constexpr bool Reads = true;      ///< the fields are changed
     static constexpr bool ListsKeys = false; ///< a member that depends on a field may be left out
 
-    /// Reads from `object`, which outlives this object.
+    /// Reads from `object`, which must outlive this object.
     explicit ReadMembers(const YObject& object) : m_object(object) {}
 
-    /// Reads a number of the field's size; raises if the value is larger.
+    /// Reads a number; raises if the field is too small for it.
     template <class T>
     void Number(YObject::Key key, T& number)
     {
@@ -166,7 +172,7 @@ public:
         if (const boost::shared_ptr<YValue>& value = m_object.FindOpt(key))
             text = value->AsString();
     }
-    /// Reads a string in Base64; raises what decoding it raises.
+    /// Reads a string in Base64; raises the errors of Base64DecodeData.
     void Binary(YObject::Key key, Memory::YHeap<unsigned char>& bytes)
     {
         bytes = Crypto::Base64DecodeData(m_object.Get<YString>(key, MessageType::Runtime));
@@ -177,8 +183,8 @@ public:
     {
         value = m_object.Get<T>(key, MessageType::Runtime);
     }
-    /// Adds an item for each object of the array: to the end of a vector, or to a map, in which a later item
-    /// replaces one with the same key.
+    /// Adds an item for each object of the array: at the end of a vector, or to a map, in which a later item
+    /// replaces an earlier one with the same key.
     template <class Items, class Describe>
     void Objects(YObject::Key key, Items& items, Describe describe)
     {
@@ -203,7 +209,7 @@ private:
     const YObject& m_object;
 };
 
-/// What a value must be for ReadMembers to accept it.
+/// The form of a value that ReadMembers accepts.
 enum class MemberForm
 {
     Text,
@@ -218,12 +224,12 @@ enum class MemberForm
 /// A key that an object may have.
 struct MemberKey
 {
-    std::string_view name;        ///< text of the program, which lives as long as it runs
+    std::string_view name;        ///< text with static lifetime
     MemberForm form;              ///< form of its value
     std::vector<MemberKey> inner; ///< keys of the object, or of the array's objects
 };
 
-/// Appends the keys of the members to a list, which outlives it.
+/// Appends the keys of the members to a list, which must outlive it.
 class KeyMembers
 {
 public:

@@ -1,5 +1,3 @@
-// TextBuffer: appends to a string, of which room is made in advance: most of what JSON text is made of is a
-// single character or a short name.
 #pragma once
 
 #include <algorithm>
@@ -9,31 +7,34 @@
 
 namespace Krt::JSON {
 
+/// Appends to a string in which space is reserved in advance, since JSON text consists mostly of single
+/// characters and short names.
 class TextBuffer
 {
 public:
-    /// The string is complete when the buffer is destroyed, and belongs to it until then.
+    /// Appends to `out`, which the caller must not use until the buffer is destroyed.
     explicit TextBuffer(std::string& out) : m_out(out), m_end(out.data() + out.size()), m_limit(m_end) {}
     ~TextBuffer() { m_out.resize(Size()); }
     TextBuffer(const TextBuffer&) = delete;
     TextBuffer& operator=(const TextBuffer&) = delete;
 
-    /// Where so many bytes may be written, to be followed by MoveTo.
+    /// Returns a pointer to at least `size` writable bytes at the end, to be followed by MoveTo.
     char* Room(std::size_t size)
     {
         if (static_cast<std::size_t>(m_limit - m_end) < size) [[unlikely]]
             Grow(size);
         return m_end;
     }
-    /// Says up to where they were written.
+    /// Sets the end of the text to `end`, a pointer into the bytes of Room.
     void MoveTo(char* end) { m_end = end; }
 
-    /// Adds the bytes at the end.
+    /// Appends a byte.
     void Append(char byte)
     {
         *Room(1) = byte;
         ++m_end;
     }
+    /// Appends the bytes of `text`.
     void Append(std::string_view text) { MoveTo(std::copy(text.begin(), text.end(), Room(text.size()))); }
 
 private:

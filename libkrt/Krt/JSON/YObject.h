@@ -1,5 +1,3 @@
-// YObject: the JSON object, keys in the order in which they were put. Values are shared. Reading fills caches
-// inside the values (see YValue), so one thread reads an object at a time.
 #pragma once
 
 #include "Krt/Exception/YError.h"
@@ -19,57 +17,67 @@
 namespace Krt::JSON {
 
 class YValue;
-/// The JSON array.
+/// The elements of a JSON array.
 using YArray = std::vector<boost::shared_ptr<YValue>>;
 
+/// A JSON object, with its keys in the order in which they were put. Values are shared. Reading fills
+/// caches inside the values (see YValue), so only one thread may read an object at a time.
 class KRT_API YObject
 {
 public:
-    /// A member: its key and its value. Where that is null, the key counts as absent.
+    /// A member: its key and its value. If the value is nullptr, the key counts as absent.
     using Entry = std::pair<YString, boost::shared_ptr<YValue>>;
 
     YObject();
+    /// Copies the members; the values are shared.
     YObject(const YObject& other);
+    /// Moves the members; `other` is empty afterwards.
     YObject(YObject&& other) noexcept;
+    /// Copies the members; the values are shared.
     YObject& operator=(const YObject& other);
+    /// Moves the members; `other` is empty afterwards.
     YObject& operator=(YObject&& other) noexcept;
     virtual ~YObject(); // so that a log line names a derived class
 
-    /// A key as operations take it, from a YString or a C string, which must live as long as the call.
+    /// A key as a parameter: the bytes of a YString or a C string, which must outlive the call.
     class Key
     {
     public:
-        /// Of the text's bytes; null is the empty key.
+        /// The bytes of `text`.
         Key(const YString& text) : m_bytes(text.Bytes()) {}
+        /// The text up to its NUL; nullptr is the empty key.
         Key(const char* text) : m_bytes(text ? text : "") {}
-        std::string_view Bytes() const { return m_bytes; }
+        std::string_view Bytes() const { return m_bytes; } ///< the bytes of the text passed in
 
     private:
         std::string_view m_bytes;
     };
 
-    /// Makes room for so many members at once.
+    /// Allocates memory for `count` members in total.
     void Reserve(std::size_t count) { m_entries.reserve(count); }
-    /// Stores the value; an existing key keeps its place and gets the new value. A key with a null value
+    /// Stores the value. An existing key keeps its position and gets the new value. A key with a null value
     /// counts as absent.
     void Put(Key key, boost::shared_ptr<YValue> value);
-    /// Raises NotFound, naming the key, on the channel `messageType`.
+    /// Returns the value of the key. Raises NotFound, with the key in the text, on the channel
+    /// `messageType`.
     const boost::shared_ptr<YValue>& Find(Key key, unsigned int messageType) const;
-    /// Holds null when the key is absent.
+    /// Returns the value of the key; nullptr if the key is absent.
     const boost::shared_ptr<YValue>& FindOpt(Key key) const;
 
-    /// The value under the key as a T, which lives in the value. YString and YArray: as it stands, never
-    /// converted. unsigned int, unsigned long long, bool, Backup::YJobPath: converted once and cached, and
-    /// the first such read fixes the type. YObject: an empty array reads as an empty object. A failure is
-    /// logged on the channel `messageType` and raised again.
+    /// Returns the value of the key as a T, which is owned by the value.
+    /// - YString and YArray are never converted.
+    /// - unsigned int, unsigned long long, bool and Backup::YJobPath are converted once and cached; the
+    ///   first such read determines the type.
+    /// - YObject: an empty array is read as an empty object.
+    /// - A failure is logged on the channel `messageType` and raised.
     template <class T>
     const T& Get(Key key, unsigned int messageType) const;
 
-    /// Makes a value, puts it and returns it. For unsigned int, YString, YObject and YArray.
+    /// Creates a value, puts it and returns it. T is unsigned int, YString, YObject or YArray.
     template <class T>
     boost::shared_ptr<YValue> Set(Key key, T value);
 
-    /// The members in order.
+    /// The members in their order.
     const std::vector<Entry>& Entries() const { return m_entries; }
 
 private:

@@ -1,6 +1,3 @@
-// YTextWriter: writes compact JSON text part by part, without values, in the very form of
-// YValue::StringifyTo. The caller sees to the order: a key before each value of an object, and an end for
-// each beginning.
 #pragma once
 
 #include "Krt/Export.h"
@@ -8,26 +5,35 @@
 
 namespace Krt::JSON {
 
+/// Writes compact JSON text part by part, without values, in exactly the form of YValue::StringifyTo. The
+/// caller is responsible for the order: a key before each value of an object, and an end for each
+/// beginning.
 class KRT_API YTextWriter
 {
 public:
-    /// Appends to `out`, which is complete when the writer is destroyed, and belongs to it until then.
+    /// Appends to `out`, which the caller must not use until the writer is destroyed.
     explicit YTextWriter(std::string& out) : m_out(out) {}
 
-    /// The parts of a document.
+    /// Writes "{".
     void BeginObject() { Begin('{'); }
+    /// Writes "}".
     void EndObject() { End('}'); }
+    /// Writes "[".
     void BeginArray() { Begin('['); }
+    /// Writes "]".
     void EndArray() { End(']'); }
+    /// Writes the key of the next value.
     void Key(std::string_view key)
     {
         String(key);
         m_out.Append(':');
         m_follows = false;
     }
+    /// Writes a number.
     void Number(unsigned long long number);
+    /// Writes a string, with escapes where JSON requires them.
     void String(std::string_view text);
-    /// A value that is compact text already.
+    /// Writes a value that is compact JSON text already.
     void Text(std::string_view json)
     {
         Separate();

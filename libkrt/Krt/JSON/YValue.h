@@ -1,5 +1,3 @@
-// YValue: one JSON value. Content never changes after it is made; a const read may fill the conversion cache.
-// Numbers are unsigned and 64 bits wide. Normally held by boost::shared_ptr. One thread at a time.
 #pragma once
 
 #include "Krt/JSON/YObject.h"
@@ -20,6 +18,8 @@ class YPath;
 
 namespace Krt::JSON {
 
+/// One JSON value. Its content is immutable; a const read may fill the conversion cache. Numbers are
+/// unsigned and have 64 bits. Usually owned by boost::shared_ptr. One thread at a time.
 class KRT_API YValue : public boost::enable_shared_from_this<YValue>
 {
     // Only this class can make one, so that only it can use the constructor that make_shared needs.
@@ -29,60 +29,76 @@ class KRT_API YValue : public boost::enable_shared_from_this<YValue>
     };
 
 public:
-    /// A value of the kind.
+    /// Returns a number.
     static YValue FromNumber(unsigned long long number);
+    /// Returns a string.
     static YValue FromString(YString text);
+    /// Returns a bool.
     static YValue FromBool(bool value);
+    /// Returns an array.
     static YValue FromArray(YArray array);
+    /// Returns an object.
     static YValue FromObject(YObject object);
 
-    /// For this class alone.
+    /// For this class only.
     template <class T, class Source>
     YValue(Passkey, std::in_place_type_t<T> kind, Source&& content)
         : m_content(kind, std::forward<Source>(content))
     {}
+    /// Moves content and cache; the moved-from value may only be destroyed or assigned to.
     YValue(YValue&&) noexcept;
+    /// Moves content and cache; the moved-from value may only be destroyed or assigned to.
     YValue& operator=(YValue&&) noexcept;
     YValue(const YValue&) = delete;
     YValue& operator=(const YValue&) = delete;
     ~YValue();
 
-    /// The kind; exactly one is true.
+    /// Returns true if the value is a number.
     bool IsNumber() const { return std::holds_alternative<unsigned long long>(m_content); }
+    /// Returns true if the value is a string.
     bool IsString() const { return std::holds_alternative<YString>(m_content); }
+    /// Returns true if the value is a bool.
     bool IsBool() const { return std::holds_alternative<bool>(m_content); }
+    /// Returns true if the value is an array.
     bool IsArray() const { return std::holds_alternative<YArray>(m_content); }
+    /// Returns true if the value is an object.
     bool IsObject() const { return std::holds_alternative<YObject>(m_content); }
 
-    /// The content; raises InvalidState, naming both kinds, on another kind.
+    /// The number. Raises InvalidState, with both kinds in the text, for another kind.
     const unsigned long long& AsNumber() const { return As<unsigned long long>(__func__, "number"); }
+    /// The string. Raises InvalidState, with both kinds in the text, for another kind.
     const YString& AsString() const { return As<YString>(__func__, "string"); }
+    /// The bool. Raises InvalidState, with both kinds in the text, for another kind.
     const bool& AsBool() const { return As<bool>(__func__, "bool"); }
+    /// The array. Raises InvalidState, with both kinds in the text, for another kind.
     const YArray& AsArray() const { return As<YArray>(__func__, "array"); }
+    /// The object. Raises InvalidState, with both kinds in the text, for another kind.
     const YObject& AsObject() const { return As<YObject>(__func__, "object"); }
 
-    /// The value as a T by generous rules: numbers, texts and bools turn into each other. For unsigned int,
-    /// unsigned long long, bool, Backup::YJobPath and its Component. Raises ValueConversion.
+    /// Returns the value as a T; numbers, strings and bools are converted into each other. T is unsigned
+    /// int, unsigned long long, bool, Backup::YJobPath or its Component. Raises ValueConversion.
     template <class T>
     T Convert() const;
-    /// As YObject::Get for this value, without the log line.
+    /// Returns the value as a T, owned by this value; see YObject::Get. Does not log failures.
     template <class T>
     const T& Get() const;
-    /// For YString, YArray, YObject, unsigned long long, bool, YPath, Backup::YJobPath and its Component.
-    /// Cheaper than boost::make_shared of a value.
+    /// Returns a new value of the kind that T implies: YString, YArray, YObject, unsigned long long, bool,
+    /// YPath, Backup::YJobPath or its Component. Faster than boost::make_shared.
     template <class T>
     static boost::shared_ptr<YValue> Create(T value);
 
-    /// JSON text (RFC 8259): compact when true, indented by two blanks a level otherwise. A byte that is no
-    /// part of valid UTF-8 is written as the character U+EF00 plus the byte (U+EF80 to U+EFFF), and so is
-    /// each byte of a real character of that range: the text is always valid, and Parse gives back every byte
-    /// string.
+    /// Returns JSON text (RFC 8259): compact, or indented by two blanks for each level. A byte that is not
+    /// part of valid UTF-8 is written as the character U+EF00 plus the byte (U+EF80 to U+EFFF). Each byte
+    /// of a real character of that range is written so, too. So the text is always valid, and Parse
+    /// restores every byte string.
     YString Stringify(bool compact) const;
-    /// Appends the compact text to `out`; for writers of many documents.
+    /// Appends the compact text to `out`, for writers of many documents.
     void StringifyTo(std::string& out) const;
-    /// The value that the text holds. Raises InvalidArgument, naming the byte offset, on text that is no
-    /// JSON, is nested deeper than 64 levels, or holds a number that is negative, fractional or above 64
-    /// bits, or a null that is no member (as a member it leaves the key absent).
+    /// Returns the value of a JSON text. Raises InvalidArgument with the byte offset for:
+    /// - text that is not JSON
+    /// - more than 64 levels of nesting
+    /// - a number that is negative, fractional or above 64 bits
+    /// - a null that is not a member (as a member it leaves the key absent)
     static boost::shared_ptr<YValue> Parse(std::string_view text);
 
 private:
@@ -117,22 +133,31 @@ extern template KRT_API const YArray& YObject::Get<YArray>(Key, unsigned int) co
 extern template KRT_API boost::shared_ptr<YValue> YObject::Set<YArray>(Key, YArray);
 extern template KRT_API const YArray& YValue::Get<YArray>() const;
 
+/// Converts to 32 bits; see YValue::Convert.
 template <>
 KRT_API unsigned int YValue::Convert<unsigned int>() const;
+/// Converts to 64 bits; see YValue::Convert.
 template <>
 KRT_API unsigned long long YValue::Convert<unsigned long long>() const;
+/// Converts to a bool; see YValue::Convert.
 template <>
 KRT_API bool YValue::Convert<bool>() const;
+/// Returns a new string.
 template <>
 KRT_API boost::shared_ptr<YValue> YValue::Create<YString>(YString text);
+/// Returns a new array.
 template <>
 KRT_API boost::shared_ptr<YValue> YValue::Create<YArray>(YArray array);
+/// Returns a new object.
 template <>
 KRT_API boost::shared_ptr<YValue> YValue::Create<YObject>(YObject object);
+/// Returns a new number.
 template <>
 KRT_API boost::shared_ptr<YValue> YValue::Create<unsigned long long>(unsigned long long number);
+/// Returns a new bool.
 template <>
 KRT_API boost::shared_ptr<YValue> YValue::Create<bool>(bool value);
+/// Returns a new string with the path's text.
 template <>
 KRT_API boost::shared_ptr<YValue> YValue::Create<File::YPath>(File::YPath path);
 
