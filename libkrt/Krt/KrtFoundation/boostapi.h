@@ -1,6 +1,8 @@
-// The two ways in which Boost can fail in this code base, turned into YError. Nothing else calls a
-// boost::function or converts a number with boost::numeric_cast.
 #pragma once
+
+/// @file
+/// The two operations of Boost that can fail in this code base, with YErrors as failures. Only this file
+/// calls a boost::function or boost::numeric_cast.
 
 #include "Krt/Exception/YError.h"
 
@@ -11,11 +13,11 @@
 
 namespace Krt {
 
-/// Throws the YError for an exception that Boost raised.
+/// Throws the YError for an exception of Boost.
 [[noreturn, gnu::cold]] KRT_API void ThrowBoostFailure(const std::exception& failure);
 
-/// Calls the function; an empty one raises "call to empty boost::function". What the function itself raises
-/// passes through.
+/// Calls the function. Raises "call to empty boost::function" if it is empty. Exceptions of the function
+/// are passed on.
 template <class R, class... Params, class... Args>
 R CallFunction(const boost::function<R(Params...)>& function, Args&&... args)
 {
@@ -24,7 +26,8 @@ R CallFunction(const boost::function<R(Params...)>& function, Args&&... args)
     return function(std::forward<Args>(args)...);
 }
 
-/// The value as a To, or "bad numeric conversion: positive overflow" or "... negative overflow".
+/// Returns the value as a To. Raises "bad numeric conversion: positive overflow" or "... negative
+/// overflow".
 template <class To, class From>
 To NumericCast(From value)
 {
