@@ -1,7 +1,10 @@
-// The logging statement. With no logger, or with the channel disabled, nothing of the message is computed.
-//     KRT_LOG(MessageType::FileIo, "Read " << count << " bytes from file " << m_path);   in a member function
-//     KRT_LOG_FREE(MessageType::Volume, "Determining volume path name for path " << path);   elsewhere
 #pragma once
+
+/// @file
+/// Logging statements. Without a logger, or with the channel disabled, the message is not computed.
+///
+///     KRT_LOG(MessageType::FileIo, "Read " << count << " bytes from file " << m_path);  in member functions
+///     KRT_LOG_FREE(MessageType::Volume, "Determining volume path name for path " << path);  elsewhere
 
 #include "Krt/Log/LogPrefix.h"
 #include "Krt/Log/YLog.h"
@@ -10,8 +13,9 @@ namespace Krt::Log {
 
 class YLogContext;
 
-/// One message on the calling thread's stream. A message that an exception cuts short is dropped; one that is
-/// logged while an outer one is being built comes out first and leaves the outer one whole.
+/// One message on the calling thread's stream. If an exception interrupts a message, it is dropped. A
+/// message that is logged while an outer one is being built is written first and does not affect the outer
+/// one.
 class KRT_API YLogLine
 {
 public:
@@ -20,7 +24,7 @@ public:
     ~YLogLine();
     YLogLine(const YLogLine&) = delete;
     YLogLine& operator=(const YLogLine&) = delete;
-    /// Where the message is written, up to Modifiers::EndLine.
+    /// The stream for the message, which ends with Modifiers::EndLine.
     YStream& Stream();
 
 private:
@@ -29,7 +33,7 @@ private:
     unsigned int m_outerType;
 };
 
-/// Whether a message on the channel would be written: two loads. Any thread.
+/// Returns true if a message on the channel would be written. Costs two loads. Any thread.
 inline bool IsLogged(unsigned int type)
 {
     return GetGlobalLogger() != nullptr && GetGlobalRegistrar()->IsMessageEnabled(type);
@@ -37,7 +41,8 @@ inline bool IsLogged(unsigned int type)
 
 } // namespace Krt::Log
 
-/// One message on the channel; the text is streamed, and computed only if it is logged. Any thread.
+/// Logs a message on the channel after `prefix`. The streamed text is evaluated only if it is logged. Any
+/// thread.
 #define KRT_LOG_WITH_PREFIX(type, prefix, ...)                                                               \
     do {                                                                                                     \
         if (::Krt::Log::IsLogged(type)) {                                                                    \
@@ -46,10 +51,10 @@ inline bool IsLogged(unsigned int type)
         }                                                                                                    \
     } while (false)
 
-/// The same behind the prefix of the object's class.
+/// Logs a message with the prefix of the object's class; see KRT_LOG_WITH_PREFIX.
 #define KRT_LOG(type, ...) KRT_LOG_WITH_PREFIX(type, ::Krt::Log::GetLogPrefix(*this), __VA_ARGS__)
 
-/// The same behind the channel's name.
+/// Logs a message with the prefix of the channel's name; see KRT_LOG_WITH_PREFIX.
 #define KRT_LOG_FREE(type, ...)                                                                              \
     KRT_LOG_WITH_PREFIX(                                                                                     \
         type,                                                                                                \

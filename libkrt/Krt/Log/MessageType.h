@@ -1,17 +1,19 @@
-// The log channels. A channel's number also stands in every error, so that an error belongs to a channel.
 #pragma once
+
+/// @file
+/// The log channels. Each error also has a channel.
 
 namespace Krt {
 
-/// The channels, each with a number that never changes.
+/// The log channels, each with a number that never changes.
 struct MessageType
 {
-    /// A channel.
+    /// The number of a channel.
     enum Value : unsigned int
     {
-        Runtime = 15, ///< the runtime layer's own failures
+        Runtime = 15, ///< failures of the runtime layer
         Volume = 20,
-        General = 510, ///< what a user of the agent reads: the only one of level INFO
+        General = 510, ///< messages for users of the agent: the only channel of level INFO
         FileStat = 0x2000000,
         FileIo = 0x2000003,
         FileInfo = 0x2000004,

@@ -1,6 +1,8 @@
-// The process's log: one file, written line by line by any number of threads, and the registrar that knows
-// which channels are enabled. Sites use the macros of Krt/Log/LogSite.h.
 #pragma once
+
+/// @file
+/// The process's log: one file, to which any number of threads write line by line, and the registrar of the
+/// enabled channels. Code logs with the macros of Krt/Log/LogSite.h.
 
 #include "Krt/File/YPath.h"
 #include "Krt/Log/MessageType.h"
@@ -13,52 +15,53 @@
 
 namespace Krt::Log {
 
-/// What a logging site needs of a logger.
+/// The interface of a logger for the logging macros.
 class KRT_API YLogBase
 {
 public:
     virtual ~YLogBase() = default;
-    /// The calling thread's own stream. Text up to Modifiers::EndLine becomes one message; the next starts
-    /// empty.
+    /// The calling thread's own stream. Text up to Modifiers::EndLine becomes one message; the next message
+    /// starts empty.
     virtual YStream& GetThreadSpecificContext() = 0;
 };
 
-/// A log file. Any number of threads write; the control thread opens and closes.
+/// A log file. Any number of threads write to it; the control thread opens and closes it.
 class KRT_API YLog : public YLogBase
 {
 public:
-    /// How to open a log.
+    /// The parameters of Open.
     struct Param
     {
-        /// The file, with the defaults below.
+        /// Logs to `logPath`, with the defaults below.
         explicit Param(const File::YPath& logPath) : path(logPath) {}
-        File::YPath path;           ///< where the lines go
+        File::YPath path;           ///< path of the log file
         bool copyToConsole = false; ///< also write each line to standard error
-        bool wholeLines = false;    ///< take back the part of a line that a full disk has cut short
+        bool wholeLines = false;    ///< remove the part of a line that a full disk has cut short
     };
 
-    /// Closed.
+    /// A closed log.
     YLog();
     ~YLog() override;
     YLog(const YLog&) = delete;
     YLog& operator=(const YLog&) = delete;
 
-    /// Opens the file for appending with mode 0640, not through a symbolic link; a missing parent is an
-    /// error. Never waits for a FIFO's reader: without one that is an error, too. Raises the operating
-    /// system's error and leaves the log closed. A log that is open is closed first.
+    /// Opens the file for appending with mode 0640, not through a symlink. A missing parent directory is an
+    /// error, and so is a FIFO without a reader, for which it does not wait. Raises the operating system's
+    /// error and leaves the log closed. An open log is closed first.
     void Open(Param param);
-    /// Ends the log if one is open. Messages of threads meanwhile are dropped and counted.
+    /// Closes the log if it is open. Messages that other threads log while it is closed are dropped and
+    /// counted.
     void Close();
-    /// Whether messages are written at this moment.
+    /// Returns true if messages are written now.
     bool IsOpen() const;
-    /// Messages dropped, while closed or because a write failed, since this object was made.
+    /// The number of messages dropped since construction, because the log was closed or a write failed.
     unsigned long long GetDroppedCount() const;
     YStream& GetThreadSpecificContext() override;
-    /// Appends one line to the file: local time in ISO 8601 with milliseconds and zone, the channel's level
-    /// ("INFO" for General, "TRACE" for others) and the message, each behind a blank. A line end at the
-    /// message's end is left out; inside, what is not printable is escaped as Krt/String/Printable.h tells,
-    /// so a message is one line that steers nothing.
-    /// Doesn't raise: what can't be written is dropped and counted. Any thread.
+    /// Appends one line to the file: local time in ISO 8601 with milliseconds and zone, the level and the
+    /// message, separated by blanks. The level is "INFO" for General and "TRACE" for other channels. A line
+    /// end at the end of the message is removed. Other unprintable characters are escaped by
+    /// String::AppendPrintable, so a message is always one line without control characters. Does not raise:
+    /// a message that cannot be written is dropped and counted. Any thread.
     void Write(unsigned int type, const YString& message);
 
 private:
@@ -66,7 +69,7 @@ private:
     std::unique_ptr<Impl> m_impl;
 };
 
-/// The enabled channels.
+/// The set of enabled channels.
 class KRT_API YRegistrar
 {
 public:
@@ -74,17 +77,17 @@ public:
     YRegistrar(const YRegistrar&) = delete;
     YRegistrar& operator=(const YRegistrar&) = delete;
 
-    /// Lock-free, from any thread.
+    /// Returns true if the channel is enabled. Lock-free; any thread.
     bool IsMessageEnabled(unsigned int type) const
     {
         return (m_enabled.load(std::memory_order_relaxed) & BitOf(type)) != 0;
     }
-    /// The channel's name, such as "FileIo"; a number without a channel is given in decimal.
+    /// Returns the channel's name, such as "FileIo", or the number in decimal if it is not a channel.
     YString TypeToString(unsigned int type) const;
-    /// Replaces the set of enabled channels. Blanks around a name don't count; names that no channel has are
-    /// kept and match nothing.
+    /// Replaces the set of enabled channels. Blanks around a name are ignored. Unknown names are kept and
+    /// have no effect.
     void SetEnabledMessages(const std::vector<YString>& channels);
-    /// The names as they were set.
+    /// Returns the names passed to SetEnabledMessages.
     std::vector<YString> GetEnabledMessages() const;
 
 private:
@@ -133,23 +136,24 @@ extern KRT_API GlobalRegistrar g_registrar;
 extern KRT_API std::atomic<YLog*> g_logger;
 } // namespace Detail
 
-/// Makes the process's logger, closed; a second call does nothing. Nothing else creates one.
+/// Creates the process's logger, closed; a second call does nothing. The logger is created only here.
 KRT_API void InstallGlobalLogger();
-/// Null until InstallGlobalLogger.
+/// The process's logger; nullptr before InstallGlobalLogger.
 inline YLog* GetGlobalLogger()
 {
     return Detail::g_logger.load(std::memory_order_acquire);
 }
-/// Always usable; starts with no channel enabled.
+/// The process's registrar, which exists always and starts without enabled channels.
 inline YRegistrar* GetGlobalRegistrar()
 {
     return &Detail::g_registrar.registrar;
 }
-/// As the registrar's operations.
+/// Calls YRegistrar::IsMessageEnabled of the process's registrar.
 inline bool IsMessageEnabled(unsigned int type)
 {
     return GetGlobalRegistrar()->IsMessageEnabled(type);
 }
+/// Calls YRegistrar::TypeToString of the process's registrar.
 inline YString TypeToString(unsigned int type)
 {
     return GetGlobalRegistrar()->TypeToString(type);

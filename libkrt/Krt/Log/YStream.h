@@ -1,5 +1,3 @@
-// YStream: builds a message and can publish it. Flushing fires the stream's signal with the text. A plain
-// stream keeps its text after a flush. One thread uses a stream at a time.
 #pragma once
 
 #include "Krt/Export.h"
@@ -21,57 +19,72 @@ class YError;
 
 namespace Krt {
 
-/// The next number alone is written in hexadecimal digits, without a prefix.
+/// A modifier: only the next number is written in hexadecimal digits, without a prefix.
 enum class Hex : unsigned int
 {
     On = 1
 };
 
-/// What changes a stream rather than adding to its text.
+/// Values that change the stream instead of adding text.
 enum class Modifiers : unsigned int
 {
     EndLine = 1,  ///< appends a line end and flushes
-    ByteCount = 4 ///< stands in front of a number that counts bytes
+    ByteCount = 4 ///< precedes a number that counts bytes
 };
 
+/// Builds a message and can publish it: a flush fires the stream's signal with the text. A plain stream
+/// keeps its text after a flush. One thread at a time.
 class KRT_API YStream
 {
 public:
-    /// Begins with the text.
+    /// Starts with `text`.
     explicit YStream(const YString& text);
     YStream(const YStream&) = delete;
     YStream& operator=(const YStream&) = delete;
     virtual ~YStream();
 
-    /// Appends the value as text: numbers in decimal unless Hex comes before, an error with its description
-    /// in parentheses, a descriptor with kind and pattern, a list's strings directly one behind the other.
+    /// Appends the text up to its NUL.
     YStream& operator<<(const char* text);
+    /// Appends all bytes of the text.
     YStream& operator<<(const YString& text);
+    /// Appends the character.
     YStream& operator<<(char character);
+    /// Appends the number in decimal, or in hexadecimal after Hex::On.
     YStream& operator<<(unsigned char value);
+    /// Appends the number in decimal, or in hexadecimal after Hex::On.
     YStream& operator<<(int value);
+    /// Appends the number in decimal, or in hexadecimal after Hex::On.
     YStream& operator<<(unsigned int value);
+    /// Appends the number in decimal, or in hexadecimal after Hex::On.
     YStream& operator<<(unsigned long value);
+    /// Appends the number in decimal, or in hexadecimal after Hex::On.
     YStream& operator<<(unsigned long long value);
+    /// Appends the path's text.
     YStream& operator<<(const File::YPath& path);
+    /// Appends kind and pattern.
     YStream& operator<<(const Match::Descriptor& descriptor);
+    /// Appends the message with the description in parentheses.
     YStream& operator<<(const Exception::YError& error);
+    /// Appends the strings without separators.
     YStream& operator<<(const std::vector<YString>& strings);
+    /// Appends the text of `other`.
     YStream& operator<<(const YStream& other);
+    /// Writes the next number in hexadecimal.
     YStream& operator<<(Hex);
+    /// Applies the modifier.
     YStream& operator<<(Modifiers modifier);
 
-    /// The text so far, which stays.
+    /// Returns the text so far, which is kept.
     operator YString() const;
 
     /// Fired by each flush with the text.
     Signal::YSignal<void(YString)>& GetSignal() { return m_signal; }
 
-    /// Takes the text and fires the signal with it, once.
+    /// Fires the signal once with the text.
     virtual void FlushInternal();
 
 protected:
-    Signal::YSignal<void(YString)> m_signal; ///< what GetSignal gives
+    Signal::YSignal<void(YString)> m_signal; ///< returned by GetSignal
     std::ostringstream m_text;               ///< the text so far
 
 private:
