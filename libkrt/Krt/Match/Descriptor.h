@@ -1,5 +1,3 @@
-// A pattern for one name: the last component of a path, or one component of its list. What it does is decided
-// by the match type alone, so a derived descriptor may be copied into a plain one.
 #pragma once
 
 #include "Krt/Export.h"
@@ -11,7 +9,7 @@ class YObject;
 
 namespace Krt::Match {
 
-/// How a name is compared.
+/// The kinds of patterns.
 enum class MatchType : unsigned int
 {
     None = 0,  ///< matches nothing
@@ -20,27 +18,34 @@ enum class MatchType : unsigned int
     Any = 8    ///< matches every name
 };
 
+/// A pattern for one name: the last component of a path, or one of its components. Its behavior depends
+/// only on the match type, so a derived descriptor may be copied to a Descriptor. A plain value without a
+/// lock.
 class KRT_API Descriptor
 {
 public:
-    /// Empty pattern, no kind, case-sensitive: the target of FromJSON.
+    /// An empty, case-sensitive pattern of kind None, to be filled by FromJSON.
     Descriptor() = default;
-    /// Takes all three as they are; case is that of the letters of ASCII.
+    /// Stores the arguments unchanged. Without `caseSensitive` ASCII letters are compared regardless of
+    /// case.
     Descriptor(MatchType type, const YString& pattern, bool caseSensitive);
     Descriptor(const Descriptor&) = default;
     Descriptor& operator=(const Descriptor&) = default;
     virtual ~Descriptor() = default;
 
-    /// The fields. The reference lives as long as the descriptor.
+    /// The pattern. Valid as long as the descriptor.
     const YString& GetPattern() const { return m_pattern; }
-    MatchType GetMatchType() const { return m_matchType; }
+    MatchType GetMatchType() const { return m_matchType; } ///< kind of the pattern
+    /// False if the case of ASCII letters is ignored.
     bool IsCaseSensitive() const { return m_caseSensitive; }
-    /// Whether the kind is Any; a Glob "*" is not.
+    /// Returns true if the kind is Any; false for a Glob "*".
     bool IsAny() const { return m_matchType == MatchType::Any; }
 
-    /// Keys "pattern", "match_type" ("none", "glob", "exact", "any") and "case_sensitive".
+    /// Returns an object with the keys "pattern", "match_type" ("none", "glob", "exact" or "any") and
+    /// "case_sensitive".
     JSON::YObject ToJSON() const;
-    /// Reads the same keys, all required; "match_type" may be the number too. Raises on others.
+    /// Reads the keys of ToJSON, which are all required. "match_type" may be the number instead of the
+    /// word. Raises for other values.
     void FromJSON(const JSON::YObject& json);
 
 private:
@@ -49,35 +54,35 @@ private:
     bool m_caseSensitive = true;
 };
 
-/// Every name.
+/// A pattern that matches every name.
 class KRT_API AnyDescriptor : public Descriptor
 {
 public:
     AnyDescriptor() : Descriptor(MatchType::Any, YString(), true) {}
 };
 
-/// The names that a pattern matches.
+/// A pattern with wildcards.
 class KRT_API GlobDescriptor : public Descriptor
 {
 public:
-    /// As Check reads it.
+    /// The wildcards of `pattern` are those of Check.
     GlobDescriptor(const YString& pattern, bool caseSensitive)
         : Descriptor(MatchType::Glob, pattern, caseSensitive)
     {}
 };
 
-/// One name.
+/// A pattern that matches one name.
 class KRT_API ExactDescriptor : public Descriptor
 {
 public:
-    /// The name, whatever characters it has.
+    /// All characters of `name` are literal.
     ExactDescriptor(const YString& name, bool caseSensitive)
         : Descriptor(MatchType::Exact, name, caseSensitive)
     {}
 };
 
-/// Whether the name matches. In a Glob, "*" is any run of characters and "?" one character; all else is
-/// literal. Any thread, no state.
+/// Returns true if the pattern matches the name. In a Glob, "*" matches any run of characters and "?" one
+/// character; other characters are literal. Stateless; any thread.
 KRT_API bool Check(const YString& name, const Descriptor& descriptor);
 
 } // namespace Krt::Match
