@@ -1,20 +1,20 @@
-// The size of an owned byte buffer, whatever its element type.
 #pragma once
 
 #include "Krt/Export.h"
 
 namespace Krt::Memory {
 
+/// The interface of an owned byte buffer, whatever its element type.
 class KRT_API IHeap
 {
 public:
-    /// Bytes held.
+    /// The size in bytes.
     virtual unsigned long Size() const = 0;
     virtual ~IHeap() = default;
 };
 
-/// Told of every change of a heap's size, in bytes, before it takes place. A hook for statistics: this one
-/// does nothing, and no heap depends on what it does. A program's own definition takes its place.
+/// Called before each change of a heap's size, with both sizes in bytes. A hook for statistics, which does
+/// nothing by default. A program may replace it by its own definition; heaps do not depend on its effects.
 KRT_API void ReportHeapResize(unsigned long long oldSize, unsigned long long newSize);
 
 } // namespace Krt::Memory

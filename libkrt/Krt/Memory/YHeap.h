@@ -1,5 +1,3 @@
-// YHeap: the owned, bounds-checked byte buffer. All sizes and offsets are bytes, whatever T is, and the
-// capacity always equals the size. A heap has no lock; one thread uses it at a time.
 #pragma once
 
 #include "Krt/Memory/IHeap.h"
@@ -30,23 +28,29 @@ constexpr const char* ConversionName()
 }
 } // namespace Detail
 
+/// An owned, bounds-checked byte buffer. All sizes and offsets are in bytes, whatever T is, and the
+/// capacity equals the size. No lock: one thread at a time.
 template <class T, class A = std::allocator<unsigned char>>
 class YHeap : public IHeap
 {
 public:
     YHeap() = default;
 
-    /// A heap of `size` bytes copied from `source`.
+    /// A heap of `size` bytes, copied from `source`.
     YHeap(const void* source, unsigned long size)
     {
         Resize(size);
         Copy(0, source, size);
     }
 
+    /// Copies the bytes. Raises OutOfMemory.
     YHeap(const YHeap& other) : YHeap(other.m_bytes.data(), other.Size()) {}
+    /// Copies the bytes. Raises OutOfMemory, with the old content kept.
     YHeap& operator=(const YHeap& other) { return *this = YHeap(other); }
+    /// Moves the bytes; `other` is empty afterwards.
     YHeap(YHeap&& other) noexcept : m_bytes(std::move(other.m_bytes)) { other.m_bytes.clear(); }
 
+    /// Moves the bytes; `other` is empty afterwards.
     YHeap& operator=(YHeap&& other) noexcept
     {
         if (this != &other) {
@@ -61,21 +65,22 @@ public:
 
     unsigned long Size() const override { return m_bytes.size(); }
 
-    /// Grows with zero bytes or drops bytes at the end; what stays keeps its value and offset. Raises
-    /// OutOfMemory, with the old contents kept, when memory can't be had.
+    /// Grows with zero bytes or removes bytes at the end. Remaining bytes keep their values and offsets.
+    /// Raises OutOfMemory, with the old content kept.
     void Resize(unsigned long size);
 
-    /// Copies `length` bytes to `offset`; raises InvalidArgument if they reach past the end.
+    /// Copies `length` bytes from `source` to `offset`. Raises InvalidArgument if they extend past the end.
     void Copy(unsigned long offset, const void* source, unsigned long length);
 
-    /// The bytes at `offset` as a U, of which `length` bytes must lie inside the heap; with a length of 0 the
-    /// offset itself may equal the size. Raises InvalidArgument outside, and on an empty heap.
+    /// Returns the bytes at `offset` as a U. `length` bytes from there must be inside the heap; if it is 0,
+    /// `offset` may equal the size. Raises InvalidArgument otherwise, and for an empty heap.
     template <class U>
     U* RawOffset(unsigned long offset, unsigned long length)
     {
         CheckRange(offset, length, "RawOffset");
         return reinterpret_cast<U*>(Cast<unsigned char>() + offset);
     }
+    /// Returns the bytes at `offset` as a const U, with the checks of the other overload.
     template <class U>
     const U* RawOffset(unsigned long offset, unsigned long length) const
     {
@@ -83,7 +88,8 @@ public:
         return reinterpret_cast<const U*>(Cast<unsigned char>() + offset);
     }
 
-    /// The start of the bytes as a U, unaligned as it may be; raises InvalidArgument if the heap is smaller.
+    /// Returns the start of the bytes as a U, possibly unaligned. Raises InvalidArgument if the heap is
+    /// smaller than a U.
     template <class U>
     U* Cast()
     {
@@ -91,6 +97,8 @@ public:
             Detail::RaiseRange("Cast");
         return reinterpret_cast<U*>(m_bytes.data());
     }
+    /// Returns the start of the bytes as a const U, possibly unaligned. Raises InvalidArgument if the heap
+    /// is smaller than a U.
     template <class U>
     const U* Cast() const
     {
@@ -99,7 +107,7 @@ public:
         return reinterpret_cast<const U*>(m_bytes.data());
     }
 
-    /// The start of the bytes; an empty heap fails an assertion (InvalidUse).
+    /// The start of the bytes. An empty heap fails an assertion (InvalidUse).
     operator T*()
     {
         if (m_bytes.empty())
