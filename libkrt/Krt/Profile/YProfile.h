@@ -1,6 +1,3 @@
-// The configuration store: INI text in a file of the system, or in the one that KBAGENT_CONFIG names (not in
-// a privilege-raised process). Opened afresh by each reader; the file is parsed again only when it has
-// changed.
 #pragma once
 
 #include "Krt/String/YString.h"
@@ -11,17 +8,20 @@
 
 namespace Krt::Profile {
 
+/// The configuration: INI text in a file of the system, or in the file that KBAGENT_CONFIG names (ignored
+/// in a privilege-raised process). Immutable; any thread.
 class KRT_API YProfile
 {
 public:
     /// Values by section and key.
     using Sections = std::map<YString, std::map<YString, YString>>;
-    /// Holds these values for good.
+    /// Stores `sections`, which never change.
     explicit YProfile(Sections sections);
 
-    /// The value as text, or the default.
+    /// Returns the value as text, or `defaultValue` if the key is missing.
     YString GetKeyValue(const YString& section, const YString& key, const YString& defaultValue) const;
-    /// For YString, and for bool by its leading letter; a text that fits no bool raises NumberConversion.
+    /// Returns the value as a T, or `defaultValue` if the key is missing. T is YString, or bool, which is
+    /// read by its first letter. Raises NumberConversion for a text that is not a bool.
     template <class T>
     T Get(const YString& section, const YString& key, const T& defaultValue) const;
 
@@ -29,16 +29,19 @@ private:
     Sections m_sections;
 };
 
+/// Returns the value as text.
 template <>
 KRT_API YString YProfile::Get<YString>(const YString&, const YString&, const YString&) const;
+/// Returns the value as a bool.
 template <>
 KRT_API bool YProfile::Get<bool>(const YString&, const YString&, const bool&) const;
 
-/// Where the system's configuration is read from. Any thread.
+/// Returns the path of the system's configuration. Any thread.
 KRT_API YString GetSystemPath();
 
-/// The system's configuration; a missing file is an empty profile. An unreadable file raises the system's
-/// error, a damaged one InvalidArgument with the line. Immutable and shared; any thread.
+/// Returns the system's configuration, which is parsed again only if the file has changed. A missing file
+/// is an empty profile. Raises the system's error for an unreadable file, and InvalidArgument with the line
+/// for a damaged one. Any thread.
 KRT_API boost::shared_ptr<YProfile> OpenSystem();
 
 } // namespace Krt::Profile
