@@ -1,5 +1,3 @@
-// The lock and the condition that all signals of the process share. The lock is innermost: it is never held
-// while a slot runs.
 #pragma once
 
 #include "Krt/Thread/YMutex.h"
@@ -8,14 +6,17 @@
 
 namespace Krt::Signal {
 
+/// The lock and the condition that all signals of the process share. The lock is innermost: it is not held
+/// while a slot runs.
 class KRT_API Context
 {
 public:
-    /// Locks the shared mutex.
+    /// Locks the shared mutex and returns the lock.
     static Thread::YMutex::YLock GetMutex();
-    /// Signalled when a slot's call ends; lives as long as the process.
+    /// The condition that is signalled when a slot's call ends. Valid as long as the process.
     static pthread_cond_t* GetCondition();
-    /// Waits on the condition; the caller holds the shared mutex, and holds it as often again on return.
+    /// Waits on the condition. The caller holds the shared mutex; its recursion count is restored on
+    /// return.
     static void Wait();
 };
 

@@ -1,4 +1,3 @@
-// What every slot has: whether it is connected, and which threads are running it at this moment.
 #pragma once
 
 #include "Krt/Export.h"
@@ -8,10 +7,11 @@
 
 namespace Krt::Signal {
 
-/// Raised by a slot to say that its target has gone; a firing drops it and goes on with the next slot.
+/// Raised by a slot whose target no longer exists. The signal ignores it and continues with the next slot.
 class KRT_API YSlotExpired
 {};
 
+/// The state of a slot: whether it is connected, and which threads run it now.
 class KRT_API SlotBase
 {
 public:
@@ -20,14 +20,16 @@ public:
     SlotBase& operator=(const SlotBase&) = delete;
     virtual ~SlotBase() = default;
 
-    /// With the lock of the Context held.
+    /// Returns true if the slot is connected. The caller holds the lock of the Context.
     bool IsConnected() const { return m_connected; }
+    /// Sets whether the slot is connected. The caller holds the lock of the Context.
     void SetConnected(bool connected) { m_connected = connected; }
-    /// Counts the calling thread in and out; called with the lock of the Context held.
+    /// Counts the calling thread as running the slot. The caller holds the lock of the Context.
     void IncExecuter();
+    /// Ends one count of IncExecuter. The caller holds the lock of the Context.
     void DecExecuter();
-    /// Marks the slot as no longer connected, then waits until no thread but the caller runs it. Takes the
-    /// lock.
+    /// Marks the slot as disconnected, then waits until no other thread runs it. Acquires the lock of the
+    /// Context.
     void Disconnect();
 
 private:
@@ -35,12 +37,13 @@ private:
     std::map<unsigned long long, unsigned int> m_executers;
 };
 
-/// One call of a slot, during which the lock of the Context is given up: counts the calling thread in, and at
-/// the end, however the call ends, takes the lock again, counts it out and wakes who waits for that.
+/// One call of a slot, during which the lock of the Context is released. Counts the calling thread as
+/// running the slot. The destructor acquires the lock, ends the count and wakes the threads that wait for
+/// it.
 class KRT_API SlotExecution
 {
 public:
-    /// `contextLock` is held, and both outlive this object.
+    /// `contextLock` is held. It and `slot` must outlive this object.
     SlotExecution(SlotBase& slot, Thread::YMutex::YLock& contextLock);
     ~SlotExecution();
     SlotExecution(const SlotExecution&) = delete;

@@ -1,5 +1,3 @@
-// YSignal: calls every connected function, each without any lock held. Slots may connect, disconnect (also
-// themselves) and fire while they run; a slot connected during a firing waits for the next one.
 #pragma once
 
 #include "Krt/KrtFoundation/boostapi.h"
@@ -19,26 +17,29 @@
 
 namespace Krt::Signal {
 
-/// Keeps the last slot's result; for void there is none to keep.
+/// Stores the result of the last slot. There is no result for void.
 template <class T>
 class OptionalLastCombiner;
+/// The combiner of slots without a result.
 template <>
 class OptionalLastCombiner<void>
 {
 public:
-    /// Told of each slot that has run.
+    /// Called after each slot.
     void Note() {}
 };
 
-/// A connection: disconnects its slot when it goes, and waits then for a call in progress on another thread.
-/// Movable. Outlives its signal safely.
+/// A connection. Its destructor disconnects the slot and waits for calls in progress on other threads.
+/// Movable. It may outlive its signal.
 class YSlot
 {
 public:
     YSlot() = default;
-    /// Takes a connected slot over.
+    /// Owns the connection of `slot`, which is connected.
     explicit YSlot(boost::shared_ptr<SlotBase> slot) : m_slot(std::move(slot)) {}
+    /// Moves the connection; `other` is empty afterwards.
     YSlot(YSlot&& other) noexcept : m_slot(std::move(other.m_slot)) { other.m_slot.reset(); }
+    /// Disconnects the slot, then moves the connection; `other` is empty afterwards.
     YSlot& operator=(YSlot&& other) noexcept
     {
         if (this != &other) {
@@ -50,9 +51,9 @@ public:
     }
     ~YSlot() { Disconnect(); }
 
-    /// Whether it holds a connection, also one whose signal is gone.
+    /// Returns true if this object owns a connection, even if the signal was destroyed.
     bool IsConnected() const { return m_slot != nullptr; }
-    /// Ends the connection, as told above; a second call does nothing.
+    /// Disconnects the slot and waits for calls in progress on other threads; a second call does nothing.
     void Disconnect() noexcept
     {
         if (const boost::shared_ptr<SlotBase> slot = std::exchange(m_slot, nullptr))
@@ -65,8 +66,12 @@ private:
 
 template <class Signature, class Combiner = OptionalLastCombiner<void>,
           class Function = boost::function<Signature>>
+/// A signal of any signature. Only signatures with the result void are defined.
 class YSignal;
 
+/// Calls every connected function, each without a lock held. While they run, slots may connect, disconnect
+/// (also themselves) and fire. A slot that is connected during a firing is called from the next one on. Any
+/// thread.
 template <class... Args, class Combiner, class Function>
 class YSignal<void(Args...), Combiner, Function>
 {
@@ -75,16 +80,19 @@ public:
     YSignal(const YSignal&) = delete;
     YSignal& operator=(const YSignal&) = delete;
 
-    /// Calls `function` at each firing for as long as the returned slot lives.
+    /// Calls `function` at each firing as long as the returned slot exists.
     [[nodiscard]] YSlot Connect(Function function) { return Connect(std::move(function), nullptr); }
-    /// The same, and only for as long as `owner` is shared by somebody.
+    /// Calls `function` at each firing as long as the returned slot exists and `owner` has other
+    /// references.
     [[nodiscard]] YSlot Connect(Function function, const boost::shared_ptr<void>& owner);
 
-    /// Calls the slots. What a slot raises passes through, save YSlotExpired.
+    /// Calls the slots. Exceptions of a slot except YSlotExpired are passed on.
     void operator()(Args... args) const;
 
-    /// A scope that is counted among the running ones until it is released; both with the shared lock held.
+    /// Returns a new scope that counts as running until it is released. The caller holds the lock of the
+    /// Context.
     Thread::YCancellationScope* AllocateCancellationScope() const;
+    /// Destroys a scope of AllocateCancellationScope. The caller holds the lock of the Context.
     void ReleaseCancellationScope(Thread::YCancellationScope* scope) const;
 
 private:
