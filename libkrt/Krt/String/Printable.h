@@ -1,5 +1,7 @@
-// Text that people read on a terminal or in a log, made of text that may hold anything.
 #pragma once
+
+/// @file
+/// Escaping of untrusted text for a terminal or a log.
 
 #include "Krt/Export.h"
 
@@ -8,19 +10,19 @@
 
 namespace Krt::String {
 
-/// Appends the text to `out`, with these as escapes (\n, \t, \r, \xHH, \uHHHH, \UHHHHHHHH):
-///   - control characters, and bytes that are not part of valid UTF-8
-///   - characters that change the direction or the lines of text
-///   - characters that are invisible (Default_Ignorable_Code_Point of Unicode), and blanks other than U+0020
-///   and
-///     the wide U+3000
-/// A backslash is doubled. The result is one line that steers no terminal, and different texts look
-/// different. Any thread.
+/// Appends the text to `out` as one line without control characters; different texts look different. A
+/// backslash is doubled. These are written as escapes (`\n`, `\t`, `\r`, `\xHH`, `\uHHHH`, `\UHHHHHHHH`):
+/// - control characters, and bytes that are not part of valid UTF-8
+/// - characters that change the direction or the lines of text
+/// - invisible characters (Default_Ignorable_Code_Point of Unicode)
+/// - blanks other than U+0020 and the wide U+3000
+///
+/// Any thread.
 KRT_API void AppendPrintable(std::string& out, std::string_view text);
 
-/// Appends the JSON text to `out`, so that it may be printed. In its strings the characters that
-/// AppendPrintable escapes are escapes of JSON; a control between its tokens, other than a line end, becomes
-/// a blank. The value of the text stays the same.
+/// Appends the JSON text to `out` in a printable form. In its strings the characters that AppendPrintable
+/// escapes become escapes of JSON. A control character between its tokens, except for a line end, becomes a
+/// blank. The value of the text is not changed.
 KRT_API void AppendPrintableJson(std::string& out, std::string_view json);
 
 } // namespace Krt::String

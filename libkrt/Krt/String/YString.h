@@ -1,8 +1,3 @@
-// YString: the one text type. It holds UTF-8 and counts in characters, where a character is what the lead
-// byte announces (see GetChrSize): nothing is validated. Positions and counts are characters; NotFound also
-// means "to the end" in count arguments. "Case-sensitive" compares bytes; otherwise ASCII letters alone fold.
-// A string has no lock; reads fill the cached character count, which is atomic, so a string that nobody
-// changes may be read by many threads.
 #pragma once
 
 #include "Krt/Export.h"
@@ -20,41 +15,52 @@
 namespace Krt {
 
 namespace String {
-/// Bytes of the character that begins with this lead byte: 1 to 6.
+/// Returns the number of bytes (1 to 6) of the character that begins with the lead byte `*text`.
 template <class Char>
 unsigned int GetChrSize(const Char* text);
+/// Returns the number of bytes (1 to 6) of the UTF-8 character that begins with the lead byte `*text`.
 template <>
 KRT_API unsigned int GetChrSize<char>(const char* text);
 } // namespace String
 
+/// The text type. It contains UTF-8 and counts characters, whose sizes the lead bytes announce (see
+/// GetChrSize); nothing is validated. Positions and counts are in characters; NotFound as a count means "to
+/// the end". A case-sensitive comparison compares bytes; another one also ignores the case of ASCII
+/// letters. A string has no lock. Reads fill the cached character count, which is atomic, so many threads
+/// may read a string that no thread changes.
 class KRT_API YString
 {
 public:
-    static constexpr unsigned int NotFound = 0xFFFFFFFF; ///< no such place; as a count, all
+    static constexpr unsigned int NotFound = 0xFFFFFFFF; ///< not found; as a count, all characters
 
     YString() noexcept = default;
     YString(std::nullptr_t) noexcept {} ///< the empty string
-    /// The bytes up to the first NUL; null gives the empty string.
+    /// The bytes up to the first NUL; nullptr is the empty string.
     YString(const char* text);
-    /// One byte, which may be part of a character.
+    /// One byte, which may be a part of a character.
     explicit YString(char byte);
-    /// UTF-16 code units, one a wchar_t, up to the first NUL unit. Raises InvalidUtf16.
+    /// Converts UTF-16 code units, one in each wchar_t, up to the first NUL unit. Raises InvalidUtf16.
     YString(const wchar_t* text);
-    /// All bytes, NUL bytes inside kept; those at the end are stripped, as always.
+    /// All bytes, including NUL bytes inside; trailing NUL bytes are removed, as by all operations.
     explicit YString(std::string_view bytes);
+    /// Moves the bytes in; trailing NUL bytes are removed.
     explicit YString(std::string&& bytes) noexcept;
-    /// The bytes between two places.
+    /// The bytes of an iterator range.
     template <class Iterator>
     YString(Iterator first, Iterator last) : m_bytes(first, last)
     {
         Normalize();
     }
+    /// Copies the bytes and the cached count.
     YString(const YString& other) : m_bytes(other.m_bytes), m_count(other.CachedCount()) {}
+    /// Moves the bytes; `other` is empty afterwards.
     YString(YString&& other) noexcept : m_bytes(std::move(other.m_bytes)), m_count(other.CachedCount())
     {
         other.Clear();
     }
+    /// Copies the bytes.
     YString& operator=(const YString& other);
+    /// Moves the bytes; `other` is empty afterwards.
     YString& operator=(YString&& other) noexcept
     {
         if (this != &other) {
@@ -67,65 +73,76 @@ public:
     }
     virtual ~YString() = default;
 
-    /// The bytes, NUL-terminated behind the last; valid until the next change.
+    /// The NUL-terminated bytes. Valid until the next change.
     const char* CStr() const noexcept { return m_bytes.c_str(); }
-    /// The bytes with their number; valid until the next change.
+    /// The bytes with their number. Valid until the next change.
     const std::string& Bytes() const noexcept { return m_bytes; }
-    /// Whether there are no bytes.
+    /// Returns true if there are no bytes.
     bool IsEmpty() const noexcept { return m_bytes.empty(); }
-    /// Characters up to the first NUL; counted once and cached.
+    /// The number of characters up to the first NUL; counted once and cached.
     unsigned int Length() const;
-    /// The text as UTF-16 code units, one a wchar_t, NUL-terminated, made at the first call and owned by this
-    /// string; raises InvalidUtf8. Not for a string that threads share.
+    /// The text as NUL-terminated UTF-16 code units, one in each wchar_t. The first call creates it; this
+    /// string owns it. Raises InvalidUtf8. Not for a string that threads share.
     const wchar_t* AsWide() const;
 
-    /// Where the needle is found first at or behind `start`, or NotFound.
+    /// Returns the position of the first match at or after `start`, or NotFound.
     unsigned int Find(const char* needle, unsigned int start, bool caseSensitive) const;
+    /// Returns the position of the first match at or after `start`, or NotFound. The needle ends at its
+    /// first NUL.
     unsigned int Find(const YString& needle, unsigned int start, bool caseSensitive) const
     {
         return Find(needle.CStr(), start, caseSensitive);
     }
-    /// The field at `start`; `*next` advances behind the delimiter, or becomes NotFound at the end. The
-    /// delimiter's length goes in as bytes, so a multi-byte delimiter lands too far.
+    /// Returns the field at `start`. `*next` advances to the position after the delimiter, or becomes
+    /// NotFound at the end. The delimiter's length is added in bytes, so `*next` is too large after a
+    /// multi-byte delimiter.
     YString Section(YString delimiter, unsigned int start, unsigned int* next, bool caseSensitive) const;
-    /// All fields, with `skipEmpty` without the empty ones; and the reverse.
+    /// Returns all fields; with `skipEmpty` only the fields that are not empty.
     std::vector<YString> SectionVector(YString delimiter, bool caseSensitive, bool skipEmpty) const;
+    /// Returns all fields; with `skipEmpty` only the fields that are not empty.
     std::vector<YString> SectionVector(char delimiter, bool caseSensitive, bool skipEmpty) const;
+    /// Joins the items with the delimiter. Leading empty items get no delimiter.
     static YString VectorSection(char delimiter, const std::vector<YString>& items);
-    /// What stands before and behind the first match; the whole and nothing if there is none.
+    /// Returns the parts before and after the first match, or `{*this, ""}` if there is no match.
     std::pair<YString, YString> Split(const YString& delimiter, bool caseSensitive) const;
-    /// With `escaped` the delimiter is a backslash and then the character.
+    /// Returns the parts before and after the first match, or `{*this, ""}` if there is no match. With
+    /// `escaped` the delimiter is a backslash and the character.
     std::pair<YString, YString> Split(char delimiter, bool caseSensitive, bool escaped) const;
-    /// As many characters as there are, up to the count: from `start` on, from the front, from the end.
+    /// Returns at most `count` characters from `start`.
     YString Mid(unsigned int start, unsigned int count) const;
+    /// Returns at most `count` characters from the beginning.
     YString Left(unsigned int count) const;
+    /// Returns at most `count` characters from the end.
     YString Right(unsigned int count) const;
-    /// First byte of the character at `index`; raises InvalidArgument behind the last character.
+    /// The first byte of the character at `index`. Raises InvalidArgument after the last character.
     const char& At(unsigned int index) const;
-    /// True for the empty suffix.
+    /// Returns true if the string ends with `suffix`, also for the empty suffix.
     bool EndsWith(const YString& suffix, bool caseSensitive) const;
 
-    /// Replaces up to `maxCount` matches (0: all) from `start` on and returns how many; inserted text is not
-    /// searched again. Raises InvalidArgument if `start` lies behind the last character.
+    /// Replaces at most `maxCount` matches (0: all) from position `start`, and returns their number.
+    /// Inserted text is not searched. Raises InvalidArgument if `start` is after the last character.
     unsigned int Replace(const char* from, const char* to, unsigned int start, unsigned int maxCount,
                          bool caseSensitive);
-    /// Keeps so many characters from the front; or drops as many.
+    /// Keeps the first `count` characters.
     void Truncate(unsigned int count);
+    /// Removes the first `count` characters.
     void TrimLeft(unsigned int count);
-    /// Blanks, line feeds and carriage returns; a tab is text.
+    /// Removes leading blanks, line feeds and carriage returns, but not tabs.
     void TrimWhiteSpacesLeft();
+    /// Removes trailing blanks, line feeds and carriage returns, but not tabs.
     void TrimWhiteSpacesRight();
-    /// Replaces the content with at most `maxChars` characters of `source`; returns how many were taken.
+    /// Replaces the content by at most `maxChars` characters of `source`, and returns their number.
     unsigned int Copy(const char* source, unsigned int maxChars);
-    /// Appends the bytes.
+    /// Appends the bytes of `other`.
     YString& operator+=(const YString& other);
 
-    /// Compare bytes; a null pointer is the empty text.
+    /// Compares bytes.
     friend bool operator==(const YString& a, const YString& b) noexcept { return a.m_bytes == b.m_bytes; }
+    /// Compares bytes; nullptr is the empty text.
     friend bool operator==(const YString& a, const char* b) noexcept { return a.m_bytes == (b ? b : ""); }
-    /// Bytes as unsigned numbers over the shorter length, then the shorter first.
+    /// Orders by bytes as unsigned numbers; a prefix is less than the longer text.
     friend auto operator<=>(const YString& a, const YString& b) noexcept { return a.m_bytes <=> b.m_bytes; }
-    /// Prints all bytes, as a std::string is printed.
+    /// Prints all bytes, as for a std::string.
     friend KRT_API std::ostream& operator<<(std::ostream& out, const YString& text);
 
 private:
@@ -164,8 +181,9 @@ private:
     mutable std::unique_ptr<Memory::YHeap<wchar_t>> m_wide; // none in nearly every string
 };
 
-/// One behind the other.
+/// Concatenates a byte and a text.
 KRT_API YString operator+(char first, const YString& rest);
+/// Concatenates two texts.
 KRT_API YString operator+(const YString& first, const YString& rest);
 
 } // namespace Krt
