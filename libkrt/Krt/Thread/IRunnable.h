@@ -1,4 +1,3 @@
-// A piece of work of a thread, with a name and the failure that ended it.
 #pragma once
 
 #include "Krt/Exception/YError.h"
@@ -8,18 +7,20 @@
 
 namespace Krt::Thread {
 
+/// A function of a thread, with a name and the error that ended it.
 class KRT_API IRunnable
 {
 public:
-    /// An empty function is allowed.
+    /// Stores the arguments; `function` may be empty.
     IRunnable(boost::function<void()> function, YString name);
     virtual ~IRunnable() = default;
 
-    /// Calls the function; does nothing if there is none. A YError that it raises is kept, not passed on.
+    /// Calls the function; does nothing if it is empty. A YError of the function is stored and not passed
+    /// on.
     void Run();
-    /// The name; lives as long as the runnable.
+    /// The name. Valid as long as the runnable.
     const YString& GetName() const { return m_name; }
-    /// The error that ended the last Run; an empty one if none did.
+    /// The error that ended the last Run; an empty error if it succeeded.
     const Exception::YError& GetError() const { return m_error; }
 
 private:

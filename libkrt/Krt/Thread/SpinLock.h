@@ -1,5 +1,3 @@
-// The recursive spin lock that guards lazily computed values: three atomics inside the object that they
-// guard. No queue and no time limit, so it suits sections that only compute a string.
 #pragma once
 
 #include "Krt/Thread/Thread.h"
@@ -8,10 +6,12 @@
 
 namespace Krt::Thread {
 
+/// A recursive spin lock for lazily computed values: three atomics inside the object that they guard. It
+/// has no queue and no time limit, so it suits sections that only compute a string.
 class SpinLock
 {
 public:
-    /// Waits without limit; a thread that holds it takes a further level.
+    /// Acquires the lock without a time limit; on the thread that holds it, increments the recursion count.
     void Enter() noexcept
     {
         const unsigned long long me = GetThreadId();
@@ -24,8 +24,8 @@ public:
         m_lockCount.store(m_lockCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
 
-    /// Gives one level back. The owner is cleared before the flag is given up, so that only its own thread
-    /// ever reads its id here.
+    /// Decrements the recursion count and releases the lock at 0. The owner is cleared before the flag is
+    /// released, so that only its own thread ever reads its ID here.
     void Leave() noexcept
     {
         const unsigned int count = m_lockCount.load(std::memory_order_relaxed) - 1;
@@ -48,7 +48,7 @@ private:
 class SpinGuard
 {
 public:
-    /// Enters it; the guard's end leaves it.
+    /// Acquires `lock` until the end of the scope.
     explicit SpinGuard(SpinLock& lock) noexcept : m_lock(lock) { m_lock.Enter(); }
     ~SpinGuard() { m_lock.Leave(); }
     SpinGuard(const SpinGuard&) = delete;

@@ -1,5 +1,7 @@
-// The calling thread: its id, its name and its thread object.
 #pragma once
+
+/// @file
+/// The calling thread: its ID, its name and its thread object.
 
 #include "Krt/Export.h"
 
@@ -11,13 +13,14 @@ namespace Krt::Thread {
 
 class YThreadBase;
 
-/// The caller's id, never 0 and never all ones; cached, and renewed in the child of a fork.
+/// Returns the calling thread's ID, which is never 0 or all ones. Cached, and updated in the child of a
+/// fork.
 KRT_API unsigned long long GetThreadId();
-/// The caller's name: that of its thread object, else the one that the operating system knows.
+/// Returns the calling thread's name: that of its thread object, otherwise that of the operating system.
 KRT_API YString GetName();
-/// The caller's thread object; null on a thread that this layer did not start.
+/// Returns the calling thread's object; nullptr on a thread that was not started by YThreadBase.
 KRT_API YThreadBase* GetThread();
-/// Gives up the processor.
+/// Yields the processor.
 KRT_API void Yield();
 
 } // namespace Krt::Thread

@@ -1,7 +1,9 @@
-// Annotations that clang checks at compile time (-Wthread-safety): which mutex guards a member, and which
-// mutex a function needs. Other compilers ignore them. AnnotatedMutex and AnnotatedLock are std::mutex and
-// std::unique_lock with these annotations, which the standard library doesn't have.
 #pragma once
+
+/// @file
+/// Annotations that clang checks at compile time (-Wthread-safety): which mutex guards a member, and which
+/// mutex a function requires. Other compilers ignore them. AnnotatedMutex and AnnotatedLock are std::mutex
+/// and std::unique_lock with these annotations.
 
 #include <mutex>
 
@@ -16,20 +18,20 @@
 #define KRT_CAPABILITY(kind) KRT_THREAD_ATTRIBUTE(capability(kind))
 /// A class that holds a capability for the lifetime of its objects.
 #define KRT_SCOPED_CAPABILITY KRT_THREAD_ATTRIBUTE(scoped_lockable)
-/// A member that is used with the mutex held only.
+/// A member that is used only with the mutex held.
 #define KRT_GUARDED_BY(mutex) KRT_THREAD_ATTRIBUTE(guarded_by(mutex))
 /// A function that is called with the mutexes held.
 #define KRT_REQUIRES(...) KRT_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
-/// A function that takes the mutexes, or its own object if there is no argument.
+/// A function that acquires the mutexes, or its own object if there is no argument.
 #define KRT_ACQUIRE(...) KRT_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
-/// A function that releases what KRT_ACQUIRE took.
+/// A function that releases what KRT_ACQUIRE acquired.
 #define KRT_RELEASE(...) KRT_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 /// A function after which its object counts as held.
 #define KRT_ASSERTS_HELD KRT_THREAD_ATTRIBUTE(assert_capability(this))
 
 namespace Krt::Thread {
 
-/// A std::mutex, which is taken by AnnotatedLock.
+/// A std::mutex, which AnnotatedLock acquires.
 class KRT_CAPABILITY("mutex") AnnotatedMutex
 {
 public:
@@ -45,14 +47,14 @@ private:
 class KRT_SCOPED_CAPABILITY AnnotatedLock
 {
 public:
-    /// Takes the mutex.
+    /// Acquires the mutex.
     explicit AnnotatedLock(AnnotatedMutex& mutex) KRT_ACQUIRE(mutex) : m_lock(mutex.m_mutex) {}
     /// Releases the mutex, if it is held.
     ~AnnotatedLock() KRT_RELEASE() {}
     AnnotatedLock(const AnnotatedLock&) = delete;
     AnnotatedLock& operator=(const AnnotatedLock&) = delete;
 
-    /// Takes the mutex again.
+    /// Acquires the mutex again.
     void Lock() KRT_ACQUIRE() { m_lock.lock(); }
     /// Releases the mutex before the end of the scope.
     void Unlock() KRT_RELEASE() { m_lock.unlock(); }

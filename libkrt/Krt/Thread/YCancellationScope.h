@@ -1,4 +1,3 @@
-// While a scope is up, a request to cancel the calling thread reaches it.
 #pragma once
 
 #include "Krt/Thread/IRunnable.h"
@@ -9,16 +8,18 @@ namespace Krt::Thread {
 
 class YThreadBase;
 
+/// A scope that a request to cancel the calling thread reaches as long as it exists.
 class KRT_API YCancellationScope
 {
 public:
-    /// Goes onto the calling thread's stack; ends on the same thread, last made first.
+    /// Pushes the scope on the calling thread's stack of runnables. Scopes are destroyed on the same
+    /// thread, in reverse order.
     YCancellationScope();
     ~YCancellationScope();
     YCancellationScope(const YCancellationScope&) = delete;
     YCancellationScope& operator=(const YCancellationScope&) = delete;
 
-    /// Whether a cancellation reached this scope. From any thread.
+    /// Returns true if a request to cancel reached this scope. Any thread.
     bool IsCancelled() const { return m_cancelled.load(); }
 
 private:

@@ -1,4 +1,3 @@
-// A recursive mutex that objects hold through a shared pointer, so that a lock can outlive what it guards.
 #pragma once
 
 #include "Krt/Export.h"
@@ -9,22 +8,22 @@
 
 namespace Krt::Thread {
 
-/// The mutex itself: whose it is, and at how many levels.
+/// The recursive mutex itself, with its owner and recursion count.
 class KRT_API YMutexInternal : public YMutexInternalBase
 {
 public:
-    /// The argument is not used. Raises MutexInitFailed.
+    /// `reserved` is ignored. Raises MutexInitFailed.
     explicit YMutexInternal(int reserved);
 
-    /// Takes one level; the first one stores the owner.
+    /// Acquires the mutex and increments the recursion count; stores the owner.
     void LockLevel();
-    /// Gives one level back.
+    /// Decrements the recursion count and releases the mutex at 0.
     void UnlockLevel();
-    /// Gives up every level that the caller holds, waits on the condition, and takes them again.
+    /// Releases the mutex completely, waits on `condition`, and restores the recursion count.
     void Wait(pthread_cond_t* condition);
-    /// Whether the calling thread holds the mutex.
+    /// Returns true if the calling thread holds the mutex.
     bool IsLockedByMe() const;
-    /// Levels that the owner holds.
+    /// The owner's recursion count.
     unsigned int GetLockCount() const { return m_lockCount.load(); }
 
 private:
@@ -32,22 +31,25 @@ private:
     std::atomic<unsigned long long> m_owner{0};
 };
 
+/// A recursive mutex. Objects hold it by a shared pointer, so a lock may outlive the object that it guards.
 class KRT_API YMutex
 {
 public:
-    /// A held lock; movable. Released by its destructor.
+    /// A held lock, released by its destructor. Movable.
     class KRT_API YLock
     {
     public:
         YLock() = default;
-        /// Takes a level; a null pointer gives an empty lock.
+        /// Acquires `mutex`; nullptr results in an empty lock.
         explicit YLock(boost::shared_ptr<YMutexInternal> mutex);
+        /// Moves the lock; `other` is empty afterwards.
         YLock(YLock&& other) noexcept;
+        /// Releases the lock, then moves that of `other`, which is empty afterwards.
         YLock& operator=(YLock&& other) noexcept;
         ~YLock();
 
-        /// Gives up every level that this thread holds, for a wait; the destructor brings all but this lock's
-        /// own level back.
+        /// Releases the mutex completely, for a wait. The destructor restores the recursion count less this
+        /// lock.
         void GiveUpAllLevels();
 
     private:
@@ -59,12 +61,12 @@ public:
         unsigned int m_releasedLevels = 0;
     };
 
-    /// A null pointer is a mutex that does nothing.
+    /// Shares `internal`; nullptr is a mutex without an effect.
     explicit YMutex(boost::shared_ptr<YMutexInternal> internal);
-    /// A mutex of its own.
+    /// Creates a mutex. Raises MutexInitFailed.
     YMutex();
 
-    /// Waits without limit. Recursive on a thread.
+    /// Acquires the mutex without a time limit. Recursive within a thread.
     YLock Lock() const;
 
 private:

@@ -1,6 +1,3 @@
-// A lock for several readers or one writer, recursive on a thread in both kinds. A thread that writes may
-// take further levels of either kind, and a thread that reads may take further read levels. A reader that
-// wants to write waits for the other readers to leave. The fast path of readers is inline.
 #pragma once
 
 #include "Krt/Export.h"
@@ -11,20 +8,27 @@
 
 namespace Krt::Thread {
 
+/// A lock for several readers or one writer, recursive within a thread. A thread with the write lock may
+/// acquire both kinds again; a thread with a read lock may acquire further read locks. A reader that
+/// acquires the write lock waits until the other readers have released theirs. The fast path of readers is
+/// inline.
 class KRT_API YReadWriteMutex
 {
 public:
-    /// A held level; movable. It doesn't know its kind: whichever lock of a thread is released, the thread's
-    /// read levels go first, and its write levels last. A thread that writes excludes others until it has no
-    /// level. It may outlive the mutex.
+    /// A held lock. Movable. It does not know its kind: whichever lock of a thread is released, the
+    /// thread's read locks end first and its write locks last. A thread with the write lock excludes others
+    /// until it has released all of its locks. A lock may outlive the mutex.
     class KRT_API YLock
     {
     public:
         YLock() = default;
+        /// Moves the lock; `other` is empty afterwards.
         YLock(YLock&& other) noexcept;
+        /// Releases the lock, then moves that of `other`, which is empty afterwards.
         YLock& operator=(YLock&& other) noexcept;
         ~YLock() { Release(); }
-        /// Releases a level; a second call does nothing. On the thread that took it, in any order.
+        /// Releases the lock; a second call does nothing. Called on the thread that acquired it, in any
+        /// order of locks.
         void Release() noexcept
         {
             if (!m_internal)
@@ -35,8 +39,8 @@ public:
             else
                 ReleaseSlow();
         }
-        /// Gives up every level that this thread holds, for a wait. The release takes all but this lock's own
-        /// level again: for writing if one of them was.
+        /// Releases all locks of this thread, for a wait. Release acquires them again except this one, for
+        /// writing if any of them was a write lock.
         void GiveUpAllLevels();
 
     private:
@@ -54,19 +58,19 @@ public:
         unsigned int m_writeLevels = 0;
     };
 
-    /// An unlocked mutex. Raises if memory can't be had.
+    /// An unlocked mutex. Raises if memory is exhausted.
     YReadWriteMutex();
 
-    /// Takes a read level. A timeout of zero waits without limit; a positive one is measured on the steady
-    /// clock. Raises LockTimeout.
+    /// Acquires a read lock. A `timeout` of zero waits without limit; a positive one is measured on the
+    /// steady clock. Raises LockTimeout.
     YLock ReadLock(const Time::YDuration& timeout) const
     {
         if (!ReaderSlots::Mine().TryReadLock(m_internal.get())) [[unlikely]]
             ReadLockSlow(timeout);
         return YLock(m_internal.get());
     }
-    /// Takes a write level, with a timeout like that of ReadLock. Raises LockTimeout, and at once if the
-    /// thread reads while another reader waits to write.
+    /// Acquires a write lock; see ReadLock for `timeout`. Raises LockTimeout, also at once if this thread
+    /// and another one both hold read locks and wait to write.
     YLock WriteLock(const Time::YDuration& timeout) const;
 
 private:

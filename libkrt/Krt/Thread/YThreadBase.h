@@ -1,5 +1,3 @@
-// A thread that this layer started, with its stack of runnables: a request to cancel the thread reaches the
-// topmost one.
 #pragma once
 
 #include "Krt/Thread/IRunnable.h"
@@ -8,31 +6,33 @@
 
 namespace Krt::Thread {
 
+/// A thread with its stack of runnables. A request to cancel the thread reaches the topmost one.
 class KRT_API YThreadBase
 {
 public:
     /// Starts a thread that runs `function`. Raises the operating system's error.
     YThreadBase(boost::function<void()> function, const YString& name);
-    /// Waits for the thread's end.
+    /// Waits until the thread has ended.
     virtual ~YThreadBase();
     YThreadBase(const YThreadBase&) = delete;
     YThreadBase& operator=(const YThreadBase&) = delete;
 
-    /// Waits for the thread's end; a second call returns at once.
+    /// Waits until the thread has ended; a second call returns at once.
     void Join();
-    /// The name; lives as long as this object.
+    /// The name. Valid as long as this object.
     const YString& GetName() const;
-    /// The error that ended the thread's function, an empty one if none did. For use after Join.
+    /// The error that ended the thread's function; an empty error if it succeeded. For use after Join.
     const Exception::YError& GetError() const;
 
-    /// From any thread: sets the flag, then calls the function of the topmost runnable, if there is one.
+    /// Sets the flag, then calls the function of the topmost runnable, if there is one. Any thread.
     void RequestCancel();
-    /// Whether somebody did. Any thread.
+    /// Returns true after RequestCancel. Any thread.
     bool IsCancelRequested() const;
 
-    /// The runnable must live until it is popped, once for each push; called on the thread itself. A pop
-    /// takes its topmost place, after the end of a call by a request.
+    /// Adds the topmost runnable, which must exist until it is popped. Called on the thread itself.
     void PushRunnable(IRunnable* runnable);
+    /// Removes the topmost occurrence of `runnable`, after waiting for a call by RequestCancel in progress.
+    /// Called on the thread itself, once for each push.
     void PopRunnable(IRunnable* runnable);
 
 private:

@@ -1,4 +1,3 @@
-// One recursive pthread_mutex_t.
 #pragma once
 
 #include "Krt/Export.h"
@@ -7,6 +6,7 @@
 
 namespace Krt::Thread {
 
+/// A recursive pthread_mutex_t.
 class KRT_API YMutexInternalBase
 {
 public:
@@ -16,8 +16,9 @@ public:
     YMutexInternalBase(const YMutexInternalBase&) = delete;
     YMutexInternalBase& operator=(const YMutexInternalBase&) = delete;
 
-    /// A failure aborts the process with the banner of a required check.
+    /// Acquires the mutex. A failure aborts the process with the banner of a required check.
     void Lock();
+    /// Releases the mutex. A failure aborts the process with the banner of a required check.
     void Unlock();
 
 protected:
