@@ -1,4 +1,3 @@
-// A span of time, to the nanosecond.
 #pragma once
 
 #include <chrono>
@@ -6,21 +5,25 @@
 
 namespace Krt::Time {
 
+/// A span of time in nanoseconds, which may be negative.
 class YDuration
 {
 public:
-    /// A span of so many; negative ones are kept.
+    /// The empty span.
     static constexpr YDuration Zero() { return YDuration(std::chrono::nanoseconds(0)); }
+    /// A span of `count` milliseconds.
     static constexpr YDuration Milliseconds(long long count)
     {
         return YDuration(std::chrono::milliseconds(count));
     }
+    /// A span of `count` seconds.
     static constexpr YDuration Seconds(long long count) { return YDuration(std::chrono::seconds(count)); }
 
-    /// The span for the standard library, and whether it is none.
+    /// The span as a type of the standard library.
     constexpr std::chrono::nanoseconds AsChrono() const { return m_span; }
+    /// Returns true if the span is empty.
     constexpr bool IsZero() const { return m_span.count() == 0; }
-    /// By length.
+    /// Compares by length.
     friend constexpr auto operator<=>(const YDuration&, const YDuration&) = default;
 
 private:
