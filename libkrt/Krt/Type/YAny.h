@@ -1,4 +1,3 @@
-// A holder of one value of any type, given back only as the type that it holds.
 #pragma once
 
 #include "Krt/Export.h"
@@ -14,26 +13,27 @@ namespace Detail {
 KRT_API void CheckCast(const boost::any* held, const char* wanted);
 }
 
+/// A value of any type, which can be read only as that type.
 class YAny
 {
 public:
     YAny() = default;
-    /// Holds the value, as the type that it has here.
+    /// Stores the value as a T.
     template <class T>
     explicit YAny(T value) : m_value(std::move(value))
     {}
 
-    /// Whether nothing is held.
+    /// Returns true if there is no value.
     bool IsEmpty() const { return m_value.empty(); }
 
-    /// The held value; raises InvalidArgument "Unable to cast " if it is no T. Types are compared by name, so
-    /// that the check holds across library boundaries.
+    /// The value. Raises InvalidArgument "Unable to cast " if it is not a T. Types are compared by name, so
+    /// that the check works across library boundaries.
     template <class T>
     T& Cast()
     {
         return Cast<T>(this);
     }
-    /// The same; a null holder is a mismatch too.
+    /// The value of `*holder`, with the check of Cast(). Raises InvalidArgument for nullptr, too.
     template <class T>
     static T& Cast(YAny* holder)
     {

@@ -1,4 +1,3 @@
-// A universally unique identifier.
 #pragma once
 
 #include "Krt/String/YString.h"
@@ -7,22 +6,23 @@
 
 namespace Krt::Type {
 
+/// A universally unique identifier.
 class KRT_API YUuid
 {
 public:
-    /// In the order of the text.
+    /// The bytes in the order of the text.
     using Bytes = std::array<unsigned char, 16>;
 
-    /// Of these bytes, whatever they say of version and variant.
+    /// The identifier of these bytes, whatever their version and variant.
     explicit YUuid(const Bytes& bytes) : m_bytes(bytes) {}
-    /// One of version 4 from the process's random generator, whose lock is held for the draw. Raises what
-    /// seeding the generator raises.
+    /// Returns an identifier of version 4 from the process's random generator, whose lock is held
+    /// meanwhile. Raises the errors of GetRandomGenerator.
     static YUuid Random();
 
-    /// The bytes; live as long as the identifier.
+    /// The bytes. Valid as long as the identifier.
     const Bytes& GetBytes() const { return m_bytes; }
-    /// The 36 characters of its usual text, with hyphens and lower-case digits. Raises InvalidState if the
-    /// text can't be made.
+    /// Returns the usual text of 36 characters, with hyphens and lower-case digits. Raises InvalidState if
+    /// it cannot be created.
     YString GetString() const;
 
 private:
