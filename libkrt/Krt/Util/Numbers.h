@@ -1,28 +1,39 @@
-// The only conversions between text and numbers.
 #pragma once
+
+/// @file
+/// Conversions between text and numbers.
 
 #include "Krt/String/YString.h"
 
 namespace Krt::Util {
 
-/// Decimal text; with `hex`, "0x" and at least eight lower-case hexadecimal digits. For int and unsigned int.
+/// Returns decimal text; with `hex` "0x" and at least eight lower-case hexadecimal digits. T is int or
+/// unsigned int.
 template <class T>
 YString NumberToString(T value, bool hex);
 
-/// For bool, unsigned int and unsigned long long. White space at both ends is trimmed; a leading "0x" or
-/// `hex` reads hexadecimal; with `strict` nothing may follow the number. A bool is t, f, y, n, 1 or 0 in
-/// either case, as the whole text with `strict`, else as its beginning. Raises NumberConversion.
+/// Returns the number of the text. T is bool, unsigned int or unsigned long long.
+/// - White space at both ends is ignored.
+/// - A leading "0x" or `hex` selects hexadecimal digits.
+/// - With `strict` text after the number is an error.
+/// - A bool is t, f, y, n, 1 or 0 in either case: the whole text with `strict`, otherwise its beginning.
+/// - Raises NumberConversion.
 template <class T>
 T StringToNumber(const YString& text, bool hex, bool strict);
 
+/// The conversion from unsigned int.
 template <>
 KRT_API YString NumberToString<unsigned int>(unsigned int value, bool hex);
+/// The conversion from int.
 template <>
 KRT_API YString NumberToString<int>(int value, bool hex);
+/// The conversion to bool.
 template <>
 KRT_API bool StringToNumber<bool>(const YString& text, bool hex, bool strict);
+/// The conversion to unsigned int.
 template <>
 KRT_API unsigned int StringToNumber<unsigned int>(const YString& text, bool hex, bool strict);
+/// The conversion to unsigned long long.
 template <>
 KRT_API unsigned long long StringToNumber<unsigned long long>(const YString& text, bool hex, bool strict);
 

@@ -1,6 +1,8 @@
-// The process's random generator, for names and picks that nobody has to be kept from guessing. Secrets come
-// from Backup::OpenSSL::RandomBytes.
 #pragma once
+
+/// @file
+/// The process's random generator, for names and choices that may be predictable. Secrets come from
+/// Backup::OpenSSL::RandomBytes.
 
 #include "Krt/Export.h"
 
@@ -9,10 +11,10 @@
 
 namespace Krt::Util {
 
-/// Held for as long as the generator is used.
+/// Returns the lock that a caller holds while it uses the generator.
 [[nodiscard]] KRT_API std::unique_lock<std::mutex> LockRandomGenerator();
-/// The one generator, seeded by the operating system at the first call, which raises its error if it can't.
-/// The caller holds the lock. A forked child goes on with the same numbers as its parent.
+/// The process's generator. The first call seeds it from the operating system and raises its error. The
+/// caller holds the lock. A forked child continues with the same numbers as its parent.
 KRT_API std::mt19937_64& GetRandomGenerator();
 
 } // namespace Krt::Util

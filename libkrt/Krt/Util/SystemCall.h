@@ -1,24 +1,27 @@
-// A system call, repeated while a signal interrupts it, with its error number taken at the call.
-// KRT_SYSCALL in Krt/Exception/Raise.h also raises that error.
 #pragma once
+
+/// @file
+/// System calls: retrying on EINTR, and results with an error number. KRT_SYSCALL in Krt/Exception/Raise.h
+/// also raises the error.
 
 #include <cerrno>
 
 namespace Krt::Util {
 
-/// Result of an operation of the system.
+/// The result of an operation of the system.
 template <class T>
 struct OsResult
 {
-    T value{};     ///< what it returned; after a failure, what the operation documents
-    int error = 0; ///< number of the error; 0 after a success, and never 0 after a failure
+    T value{};     ///< the result; after a failure, as the operation documents
+    int error = 0; ///< the error number; 0 after a success, and never 0 after a failure
 
     /// Returns true after a success.
     explicit operator bool() const { return error == 0; }
 };
 
-/// Calls until no signal interrupts the call. A negative result is a failure, and `value` holds it. An
-/// interruption is not left in errno: the transfers of Backup/File/Unix/File.h would take it for theirs.
+/// Repeats the call until it is not interrupted by a signal. A negative result is a failure; `value`
+/// contains it. EINTR is not left in errno, since the operations of Backup/File/Unix/File.h would misread
+/// it.
 template <class Call>
 auto CallSystem(const Call& call) -> OsResult<decltype(call())>
 {

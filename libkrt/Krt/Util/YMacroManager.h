@@ -1,5 +1,3 @@
-// A table of macros. In a text, ${name} stands for a value; an unknown name stays as written. No lock: filled
-// by one thread, then read by any.
 #pragma once
 
 #include "Krt/String/YString.h"
@@ -8,12 +6,14 @@
 
 namespace Krt::Util {
 
+/// A table of macros: ${name} in a text is replaced by a value; an unknown name is not changed. No lock:
+/// one thread fills the table, then any number of threads read.
 class KRT_API YMacroManager
 {
 public:
-    /// Adds a macro; a second value for a key replaces the first.
+    /// Adds a macro, or replaces the value of `key`.
     void Add(const YString& key, const YString& value);
-    /// The text with each ${key} replaced; values are not expanded again.
+    /// Returns the text with each ${key} replaced; values are not expanded again.
     YString Expand(YString text) const;
 
 private:

@@ -1,4 +1,3 @@
-// Runs a function at the end of a scope.
 #pragma once
 
 #include "Krt/Export.h"
@@ -7,17 +6,18 @@
 
 namespace Krt::Util {
 
+/// Runs a function at the end of a scope.
 class KRT_API YScope
 {
 public:
-    /// An empty function is allowed.
+    /// `function` may be empty.
     explicit YScope(boost::function<void()> function);
-    /// Runs the function if it is still set; what it raises is swallowed.
+    /// Runs the function if it has not run yet; ignores its exceptions.
     ~YScope();
     YScope(const YScope&) = delete;
     YScope& operator=(const YScope&) = delete;
 
-    /// Runs the function now, once; a nested or second call finds nothing to do.
+    /// Runs the function now; a nested or second call does nothing.
     void Release();
 
 private:

@@ -1,5 +1,3 @@
-// A file descriptor and whether it is owned. Descriptor 0 means none; every opener of this layer moves a real
-// descriptor 0 to 2 up. Movable; an owned descriptor is closed by the destructor.
 #pragma once
 
 #include "Krt/Export.h"
@@ -9,26 +7,30 @@
 
 namespace Krt::Util {
 
+/// A file descriptor and whether it is owned; the destructor closes an owned one. Movable. Descriptor 0
+/// means empty: all functions of this layer that open files move a real descriptor 0 to 2 up.
 class KRT_API YUnxHandle
 {
 public:
-    /// Empty and owning, or holding the descriptor.
+    /// An empty handle.
     YUnxHandle() noexcept = default;
+    /// A handle of `descriptor`, closed by this object if `owned`.
     YUnxHandle(int descriptor, bool owned) noexcept : m_descriptor(descriptor), m_owned(owned) {}
+    /// Moves the descriptor; `other` is empty afterwards.
     YUnxHandle(YUnxHandle&& other) noexcept
         : m_descriptor(std::exchange(other.m_descriptor, 0)), m_owned(std::exchange(other.m_owned, true))
     {}
+    /// Closes an owned descriptor, then moves that of `other`, which is empty afterwards.
     YUnxHandle& operator=(YUnxHandle&& other) noexcept;
     ~YUnxHandle() { Close(); }
 
-    /// The descriptor, 0 for none; whether there is none; whether closing is this object's business.
-    int Get() const noexcept { return m_descriptor; }
-    bool IsEmpty() const noexcept { return m_descriptor == 0; }
-    bool IsOwned() const noexcept { return m_owned; }
-    /// Closes an owned descriptor, repeating on EINTR; another failure is ignored. Empty and owning
-    /// afterwards.
+    int Get() const noexcept { return m_descriptor; }           ///< 0 if empty
+    bool IsEmpty() const noexcept { return m_descriptor == 0; } ///< true if there is no descriptor
+    bool IsOwned() const noexcept { return m_owned; }           ///< true if this object closes the descriptor
+    /// Closes an owned descriptor, retrying on EINTR; ignores other failures. The handle is empty and
+    /// owning afterwards.
     void Close() noexcept;
-    /// Gives the descriptor up to the caller.
+    /// Returns the descriptor, which the caller owns from now on.
     int Release() noexcept { return std::exchange(m_descriptor, 0); }
 
 private:
@@ -36,8 +38,8 @@ private:
     bool m_owned = true;
 };
 
-/// Owns what an open call returned, moved above the standard streams if it is one of theirs. After a failure,
-/// be it that of the move, nothing is left open and the handle is empty.
+/// Returns an owning handle of the descriptor that an open call returned, moved up if it is 0 to 2. After a
+/// failure, also that of the move, the descriptor is closed and the handle is empty.
 KRT_API OsResult<YUnxHandle> OwnAboveStandardStreams(OsResult<int> opened) noexcept;
 
 } // namespace Krt::Util

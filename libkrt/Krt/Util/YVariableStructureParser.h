@@ -1,6 +1,3 @@
-// Walks a run of records of one fixed length, or each with its length in itself, and hands out a pointer to
-// each. All are found and checked before the first is handed out. The bytes are not owned and must outlive
-// the parser, which one thread uses at a time.
 #pragma once
 
 #include "Krt/Export.h"
@@ -9,18 +6,22 @@
 
 namespace Krt::Util {
 
+/// Iterates over a sequence of elements of one fixed length, or with a length field in each. All elements
+/// are located and checked before the first is returned. The bytes are not owned and must outlive the
+/// parser. One thread at a time.
 class KRT_API YVariableStructureParser
 {
 public:
-    /// Walks `size` bytes at `data` and forgets an earlier walk. With `fixedSize` each record has
-    /// `recordMeasure` bytes; otherwise a 32-bit length of the whole record stands at that offset inside it,
-    /// in host order or, with `bigEndian`, with its bytes swapped. Up to `recordMeasure` bytes left over at
-    /// the end are ignored then. Raises InvalidArgument on a length of 0 and on a record that runs past the
-    /// end, with no record found.
+    /// Locates the elements in `size` bytes at `data` and restarts the iteration. Raises InvalidArgument
+    /// for a length of 0 and for an element that extends past the end; there are no elements then.
+    /// - With `fixedSize` each element has `recordMeasure` bytes.
+    /// - Otherwise `recordMeasure` is the offset of a 32-bit field with the length of the whole element, in
+    ///   host order or, with `bigEndian`, with its bytes swapped. Up to `recordMeasure` trailing bytes are
+    ///   ignored.
     void Initialize(unsigned int recordMeasure, const void* data, unsigned int size, bool fixedSize,
                     bool bigEndian);
 
-    /// The next record; null behind the last.
+    /// Returns the next element, or nullptr after the last one.
     const void* GetNextRecord()
     {
         const unsigned int index = m_nextIndex++;
