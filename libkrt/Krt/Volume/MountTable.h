@@ -1,5 +1,7 @@
-// The one way to the operating system's table of mounts. Nothing is cached: each call asks afresh.
 #pragma once
+
+/// @file
+/// The operating system's mount table. Nothing is cached: each call reads it.
 
 #include "Krt/Export.h"
 #include "Krt/String/YString.h"
@@ -12,17 +14,18 @@ namespace Krt::Volume {
 struct MountEntry
 {
     YString type;      ///< name of the file system's type, such as "ext4"
-    YString directory; ///< where it is mounted
+    YString directory; ///< mount point
     YString source;    ///< the device, export or name that is mounted; may be empty
-    bool readOnly;     ///< whether this mount refuses writes
+    bool readOnly;     ///< true if this mount cannot be written
 };
 
-/// The mounts that this process sees, in the order of the system's table; none if the table can't be had. Any
-/// thread.
+/// Returns the mounts that this process sees, in the order of the system's table. Empty if the table cannot
+/// be read. Any thread.
 KRT_API std::vector<MountEntry> ListMountEntries();
 
-/// From now on lists the entries of a text file, a line "source directory type options" each; null goes back
-/// to the system's table. The name must outlive its use. For tests: no other thread may be listing meanwhile.
+/// Makes ListMountEntries read a text file with lines "source directory type options"; nullptr restores the
+/// system's table. `file` must outlive its use. For tests: no other thread may read the table during the
+/// call.
 KRT_API void SetMountTableForTesting(const char* file);
 
 } // namespace Krt::Volume

@@ -1,4 +1,3 @@
-// The volume that holds a path, asked afresh at every call. Any thread.
 #pragma once
 
 #include "Krt/Export.h"
@@ -6,14 +5,15 @@
 
 namespace Krt::Volume {
 
+/// The volume that contains a path. Each call asks the operating system. Any thread.
 class KRT_API YVolume
 {
 public:
-    /// Of any path on it; nothing is asked yet.
+    /// The volume that contains `path`. Makes no system call.
     explicit YVolume(const File::YPath& path);
     ~YVolume();
 
-    /// Bytes that a user without privileges may still write there. Raises the operating system's error.
+    /// The bytes that an unprivileged user may still write. Raises the operating system's error.
     unsigned long long GetVolumeFreeSpace() const;
 
 private:
