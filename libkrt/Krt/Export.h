@@ -1,5 +1,7 @@
-// Marks what libKrt exports; everything else in the shared object is hidden.
 #pragma once
 
-/// Stands in front of every name that libKrt exports.
+/// @file
+/// The export macro of libKrt.
+
+/// Marks a name that libKrt exports; other symbols of the shared library are hidden.
 #define KRT_API __attribute__((visibility("default")))
