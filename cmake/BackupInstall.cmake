@@ -57,7 +57,7 @@ install(FILES "${CMAKE_SOURCE_DIR}/packaging/kbagent.bash"
 
 # The reference of the headers: cmake --build BUILD --target documentation, then documentation/html/index.html in
 # that folder. The target looks for doxygen when it runs. ReaderSlots.h is installed for YReadWriteMutex.h's sake alone.
-set(BACKUP_DOCUMENTED ${BACKUP_PUBLIC_HEADERS} "${CMAKE_SOURCE_DIR}/docs/families.dox")
+set(BACKUP_DOCUMENTED ${BACKUP_PUBLIC_HEADERS} "${CMAKE_SOURCE_DIR}/docs/namespaces.dox")
 list(FILTER BACKUP_DOCUMENTED EXCLUDE REGEX "ReaderSlots\\.h$")
 list(JOIN BACKUP_DOCUMENTED "\" \"" BACKUP_DOCUMENTED)
 set(BACKUP_DOCUMENTED "\"${BACKUP_DOCUMENTED}\"")
