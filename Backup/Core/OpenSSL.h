@@ -34,8 +34,8 @@ struct TrustOptions
     /// The time of verification, in seconds since 1970, in a year from 0 to 9999; now if not set.
     std::optional<long long> time;
     /// If any list is given, a valid one of the issuer of the server's certificate is required. A certificate
-    /// above it needs one if there is a list under its issuer's name. Only complete lists are accepted: no
-    /// deltas, no indirect lists and no lists for some reasons alone. They are signed with SHA-2 or SHA-3.
+    /// above it needs one if there is a list under its issuer's name. Only complete lists are accepted,
+    /// not deltas, indirect lists and lists for only some reasons. They are signed with SHA-2 or SHA-3.
     std::vector<std::string> revocationLists;
 };
 
@@ -43,7 +43,7 @@ struct TrustOptions
 /// seconds since 1970, not set if they can't be read.
 struct CertificateSummary
 {
-    Krt::YString subject;               ///< whose key it certifies
+    Krt::YString subject;               ///< the name whose key it certifies
     Krt::YString issuer;                ///< the name of the CA that signed it
     std::optional<long long> notBefore; ///< the first second in which it is valid
     std::optional<long long> notAfter; ///< the end of its validity; OpenSSL treats it as expired from then on
@@ -53,9 +53,9 @@ struct CertificateSummary
 /// The result of a verification.
 struct TrustReport
 {
-    Krt::YString reason;       ///< why it isn't trusted, in printable ASCII; empty if it is trusted
-    Krt::YString subject;      ///< of the certificate that is the reason; empty if there is none
-    int depth = -1;            ///< of that certificate: 0 the server's, 1 its issuer's; -1 if there is none
+    Krt::YString reason;       ///< why the server is not trusted, in printable ASCII; empty if it is
+    Krt::YString subject;      ///< subject of the certificate at fault; empty if there is none
+    int depth = -1;            ///< depth of that certificate: 0 the server's, 1 its issuer's; or -1
     CertificateSummary server; ///< the server's certificate; empty if it can't be read
 };
 

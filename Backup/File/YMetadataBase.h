@@ -24,7 +24,7 @@ class YFile;
 class YUnixFileMetadata;
 class YWinFileMetadata;
 
-/// The kinds of metadata. The comments give their words in JSON.
+/// The kinds of metadata. The comments are their words in JSON.
 enum VAM_METADATA_TYPES : unsigned int
 {
     VAM_WINDOWS_METADATA_TYPE = 0, ///< "win"

@@ -281,11 +281,11 @@ private:
     };
 
     YSelectionManagerNode* FindChild(const YString& name) const;
-    YSelectionManagerNode& AddChild(const YString& name); // which has none of this name yet
+    YSelectionManagerNode& AddChild(const YString& name); // precondition: no child has this name
     std::size_t CountChildren() const;
     void EraseChild(YSelectionManagerNode& child);
     bool IsEmpty() const { return m_children == nullptr && m_includes.empty() && m_excludes.empty(); }
-    // For the root: drops its rules and its children. Takes no memory.
+    // For the root: removes its rules and its children, without allocating memory.
     void Clear() noexcept;
     void DestroyChildren() noexcept;
     // Whether this node has a recursive explicit include for all names.

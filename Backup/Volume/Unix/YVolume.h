@@ -25,7 +25,7 @@ public:
         /// the volumes of a device with thousands of mounts would take millions of elements.
         std::vector<MountPath> mountPaths;
         YString fsType;        ///< never filled on this platform
-        bool readOnly = false; ///< of the mount that holds the path
+        bool readOnly = false; ///< true if the mount that contains the path is
 
         /// Returns the mount path with the fewest components, the earliest one of equals. Empty if there
         /// are no mount paths.

@@ -89,7 +89,7 @@ private:
     explicit YDirectory(Util::YUnxHandle handle) : m_handle(std::move(handle)) {}
 
     Util::YUnxHandle m_handle;
-    mutable bool m_isListed = false; // the descriptor no longer stands at the first entry
+    mutable bool m_isListed = false; // the descriptor is no longer at the first entry
 };
 
 } // namespace Krt::File

@@ -45,7 +45,7 @@ public:
 
 private:
     struct Location;
-    // For calls that take a directory and a name. Raises InvalidArgument, reporting `function`.
+    // For calls with a directory and a name. Raises InvalidArgument, reporting `function`.
     Location Locate(const char* function) const;
     AttributeTarget Target(const char* function) const;
     const char* Describe() const;

@@ -108,13 +108,12 @@ public:
     YString& operator+=(const YString&) = delete;
 
 private:
-    // Brings the text into normal form and forgets the caches. The system's separator is "/", so that none
-    // has to be converted.
+    // Normalizes the text and drops the caches. The system's separator is "/", so no separator is converted.
     void Initialize();
 
     mutable std::unique_ptr<YString> m_withSeparator;
     mutable std::vector<YString> m_components;
-    // Set once the vector is filled, and never taken back; so who finds it set needs no lock.
+    // Set once the vector is filled, and never reset, so a reader that finds it set needs no lock.
     mutable std::atomic<bool> m_isSplit{false};
     mutable Thread::SpinLock m_lock;
 };

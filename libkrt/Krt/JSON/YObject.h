@@ -81,16 +81,16 @@ public:
     const std::vector<Entry>& Entries() const { return m_entries; }
 
 private:
-    friend class YValue;      // takes objects apart without recursion
+    friend class YValue;      // destroys objects without recursion
     friend class JsonBuilder; // puts a key before it has the value
     // Sorted, not hashed: the keys of a document can't be chosen so that look-ups degrade.
     using Index = std::map<std::string, std::size_t, std::less<>>;
     static constexpr std::size_t LinearLimit = 32;
 
     std::size_t Position(std::string_view key) const;
-    // Where the key's value stands; null for a new key. Valid until the next new key.
+    // The key's value, which is nullptr for a new key. Valid until the next new key.
     boost::shared_ptr<YValue>& Slot(std::string_view key);
-    // For the last entry, and for all when there is none yet.
+    // Adds the last entry to the index, or all entries if there is no index yet.
     void AddToIndex();
     void LogFailure(const Exception::YError& error, unsigned int messageType) const;
 

@@ -60,7 +60,7 @@ private:
     }
 
     TextBuffer m_out;
-    bool m_follows = false; // the next part stands behind another one
+    bool m_follows = false; // the next part follows another one
 };
 
 } // namespace Krt::JSON

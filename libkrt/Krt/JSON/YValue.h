@@ -123,12 +123,12 @@ private:
     bool HasChildren() const;
 
     Content m_content;
-    // What a read converted to; numbers and bools have their place here, others are made apart.
+    // The result of a conversion; numbers and bools are stored here, others are allocated separately.
     mutable std::variant<std::monostate, unsigned int, unsigned long long, bool, Type::YAny> m_cache;
 };
 
-// The specialisations for Backup::YJobPath and its Component stand beside that class.
-// A vector of boost's pointers has the visibility of its innermost part, which clang takes for hidden.
+// The specialisations for Backup::YJobPath and its Component are in YJobPath.h.
+// A vector of boost's pointers has the visibility of its innermost part, which clang treats as hidden.
 extern template KRT_API const YArray& YObject::Get<YArray>(Key, unsigned int) const;
 extern template KRT_API boost::shared_ptr<YValue> YObject::Set<YArray>(Key, YArray);
 extern template KRT_API const YArray& YValue::Get<YArray>() const;

@@ -91,8 +91,8 @@ public:
     std::vector<YString> GetEnabledMessages() const;
 
 private:
-    // A channel's place in the set of enabled ones; nothing for a number without a channel. A site's channel
-    // is a constant, so that its bit is one too.
+    // A channel's bit in the set of enabled ones; 0 for a number that is not a channel. A site's channel is a
+    // constant, and so is its bit.
     static constexpr unsigned int BitOf(unsigned int type)
     {
         switch (type) {
@@ -121,7 +121,7 @@ private:
 
     std::atomic<unsigned int> m_enabled{0};
     mutable Thread::AnnotatedMutex m_mutex;
-    // A pointer, null for none, so that the process's registrar needs no code to begin its life.
+    // A pointer, nullptr for no names, so that the process's registrar is initialized without code.
     std::unique_ptr<std::vector<YString>> m_names KRT_GUARDED_BY(m_mutex);
 };
 

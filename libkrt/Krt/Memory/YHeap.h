@@ -12,7 +12,7 @@
 namespace Krt::Memory {
 
 namespace Detail {
-// The raising sites stand in YHeap.cpp, so that errors name the same source path in every program.
+// The raising sites are in YHeap.cpp, so that errors name the same source path in every program.
 [[noreturn]] KRT_API void RaiseResize(unsigned long size, const std::exception& cause);
 [[noreturn]] KRT_API void RaiseRange(const char* function);
 [[noreturn]] KRT_API void RaiseEmpty(const IHeap& heap, const char* function);
@@ -142,7 +142,7 @@ void YHeap<T, A>::Resize(unsigned long size)
     try {
         m_bytes.shrink_to_fit();
     } catch (const std::exception&) {
-        // Spare room that can't be given back stays.
+        // Capacity that cannot be released is kept.
     }
 }
 

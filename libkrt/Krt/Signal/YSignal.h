@@ -100,17 +100,17 @@ private:
     {
         Function function;
     };
-    // Without an owner of its own a slot is owned by the connection that Connect gave out, so by itself here.
+    // A slot without an owner is owned by the connection that Connect returned; here it is its own owner.
     struct Connection
     {
         boost::weak_ptr<Slot> slot;
         boost::weak_ptr<void> owner;
     };
-    // An entry of a firing's snapshot, with what keeps the slot alive from its turn to the firing's end, and
-    // the owner for the call.
+    // An entry of a firing's snapshot. It owns the slot from its call to the end of the firing, and the owner
+    // during the call.
     struct Call : Connection
     {
-        // Whether the slot is to be called still; with the lock held.
+        // Returns true if the slot is still to be called. The caller holds the lock.
         bool Promote()
         {
             heldSlot = this->slot.lock();

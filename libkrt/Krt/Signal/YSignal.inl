@@ -15,8 +15,8 @@ YSlot YSignal<void(Args...), Combiner, Function>::Connect(Function function,
     return YSlot(slot);
 }
 
-// The entries are asked and not promoted: giving back what turned out to be the last reference would run
-// somebody's destructor under the lock.
+// The entries are tested and not promoted: releasing the last reference would run a destructor under the
+// lock.
 template <class... Args, class Combiner, class Function>
 void YSignal<void(Args...), Combiner, Function>::RemoveExpired() const
 {
@@ -27,7 +27,7 @@ void YSignal<void(Args...), Combiner, Function>::RemoveExpired() const
 template <class... Args, class Combiner, class Function>
 void YSignal<void(Args...), Combiner, Function>::operator()(Args... args) const
 {
-    std::list<Call> calls; // declared first: what it keeps alive goes without the lock
+    std::list<Call> calls; // declared first: what it owns is destroyed without the lock
     Thread::YMutex::YLock lock = Context::GetMutex();
     RemoveExpired();
     for (const Connection& entry : m_connections)

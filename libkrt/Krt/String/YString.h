@@ -149,14 +149,14 @@ private:
     static constexpr unsigned int Unknown = 0xFFFFFFFF;
 
     unsigned int CachedCount() const noexcept { return m_count.load(std::memory_order_relaxed); }
-    // Whether each character is one byte, as far as that is known.
+    // True if it is known that each character is one byte.
     bool IsSingleByte() const noexcept { return CachedCount() == m_bytes.size(); }
     // Byte offset of a character, or npos past the end.
     std::size_t Locate(unsigned int index) const;
-    // Byte offset so many characters behind an offset, or npos past the end.
+    // Byte offset of the character `characters` after the one at `offset`, or npos past the end.
     std::size_t Walk(std::size_t offset, unsigned int characters) const;
-    // Byte offset of the first match at or behind an offset, of which `index` is the character index and is
-    // moved along; npos if there is none.
+    // Byte offset of the first match at or after `offset`, or npos. `index` is the character index of
+    // `offset`, and becomes that of the match.
     std::size_t Search(std::string_view needle, std::size_t offset, unsigned int& index,
                        bool caseSensitive) const;
     // The bytes between two offsets, up to the first NUL.
@@ -178,7 +178,7 @@ private:
 
     std::string m_bytes;
     mutable std::atomic<unsigned int> m_count{Unknown};
-    mutable std::unique_ptr<Memory::YHeap<wchar_t>> m_wide; // none in nearly every string
+    mutable std::unique_ptr<Memory::YHeap<wchar_t>> m_wide; // nullptr in nearly every string
 };
 
 /// Concatenates a byte and a text.

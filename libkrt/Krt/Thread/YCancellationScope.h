@@ -26,7 +26,7 @@ private:
     void Cancel();
 
     std::atomic<bool> m_cancelled{false};
-    YThreadBase* const m_thread; // null on a foreign thread, which nobody can ask to cancel
+    YThreadBase* const m_thread; // nullptr on a thread without a YThreadBase, which cannot be cancelled
     IRunnable m_runnable;
 };
 

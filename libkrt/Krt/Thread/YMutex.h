@@ -57,7 +57,7 @@ public:
 
         bool m_empty = true;
         boost::shared_ptr<YMutexInternal> m_mutex;
-        // 0 for a lock held normally, else the levels that were taken off the mutex for the time being.
+        // 0 for a lock held normally, otherwise the released levels to acquire again.
         unsigned int m_releasedLevels = 0;
     };
 

@@ -53,7 +53,7 @@ public:
         void ReleaseSlow() noexcept;
 
         boost::shared_ptr<YReadWriteMutexInternal> m_internal;
-        // Levels to take again at release; both 0 for a plain lock.
+        // Levels to acquire again at release; 0 for a plain lock.
         unsigned int m_readLevels = 0;
         unsigned int m_writeLevels = 0;
     };

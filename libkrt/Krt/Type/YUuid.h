@@ -16,7 +16,7 @@ public:
     /// The identifier of these bytes, whatever their version and variant.
     explicit YUuid(const Bytes& bytes) : m_bytes(bytes) {}
     /// Returns an identifier of version 4 from the process's random generator, whose lock is held
-    /// meanwhile. Raises the errors of GetRandomGenerator.
+    /// during the call. Raises the errors of GetRandomGenerator.
     static YUuid Random();
 
     /// The bytes. Valid as long as the identifier.
