@@ -1,5 +1,7 @@
-// Properties of a single certificate or revocation list (CRL), without its issuers.
 #pragma once
+
+/// @file
+/// Properties of a single certificate or revocation list (CRL), without its issuers.
 
 #include "Backup/Core/OpenSSL.h"
 #include "Backup/Core/OpenSSL/Handles.h"
@@ -8,6 +10,7 @@
 
 namespace Backup::OpenSSL {
 
+/// The SHA-256 of a public key.
 using KeyHash = std::array<unsigned char, 32>;
 
 /// Returns the SHA-256 of the certificate's SubjectPublicKeyInfo in DER.
@@ -16,6 +19,7 @@ KeyHash HashKey(const X509& certificate);
 /// Returns the subject in the form of RFC 2253, in printable ASCII.
 Krt::YString SubjectText(const X509& certificate);
 
+/// Returns the summary of a certificate.
 CertificateSummary Summarize(const X509& certificate);
 
 /// Returns true if the certificate claims to be a CA, even if its key usage does not let it sign.
@@ -38,7 +42,7 @@ bool HasAllowedSignature(const X509_CRL& list);
 /// lists with critical extensions that it doesn't know.
 bool IsComplete(X509_CRL& list);
 
-/// Returns true if the list covers a part of the issuer's certificates only.
+/// Returns true if the list covers only a part of the issuer's certificates.
 bool IsPartial(const X509_CRL& list);
 
 } // namespace Backup::OpenSSL

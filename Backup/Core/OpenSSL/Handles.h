@@ -1,5 +1,7 @@
-// Owners of OpenSSL objects, and the handling of errors that every use of them needs.
 #pragma once
+
+/// @file
+/// Owning pointers for OpenSSL objects, and error handling.
 
 #include "Krt/Exception/Raise.h"
 
@@ -13,6 +15,7 @@
 
 namespace Backup::OpenSSL {
 
+/// Deletes an object with an OpenSSL function.
 template <auto Free>
 struct Freer
 {
@@ -46,7 +49,7 @@ using StackPtr = std::unique_ptr<STACK_OF(X509), StackFreer>;
 using StorePtr = std::unique_ptr<X509_STORE, Freer<&X509_STORE_free>>;
 using TimePtr = std::unique_ptr<ASN1_TIME, Freer<&ASN1_TIME_free>>;
 
-/// The function that errors of certificate verification name.
+/// The function that errors of certificate verification report.
 inline constexpr const char* TrustFunction = "IsCertificateTrusted";
 
 /// Restores the thread's OpenSSL error queue on destruction, so that callers see only their own errors.

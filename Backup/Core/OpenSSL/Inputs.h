@@ -1,5 +1,7 @@
-// The arguments of a verification, parsed and checked.
 #pragma once
+
+/// @file
+/// The arguments of a verification, parsed and checked.
 
 #include "Backup/Core/OpenSSL/Certificate.h"
 
@@ -20,7 +22,7 @@ struct ServerName
     std::string address; ///< the 4 or 16 bytes of an IP address
 };
 
-/// What a certificate is verified against.
+/// The parsed parameters of a verification.
 struct VerifyParameters
 {
     ServerName name;
