@@ -1,7 +1,9 @@
-// The binary metadata headers of older backup sets, as they lie in the buffer: packed, little-endian, without
-// alignment. They are only ever read. A header is followed by its list of names, whose end the base header
-// tells, and a Unix header by its extended attributes.
 #pragma once
+
+/// @file
+/// The binary metadata headers of older backup sets, as they are in the buffer: packed, little-endian and
+/// unaligned. They are only read. A header is followed by its list of names, which ends at an offset in the
+/// base header. A Unix header is also followed by its extended attributes.
 
 #include "Krt/JSON/YObject.h"
 #include "Krt/Memory/YHeap.h"
@@ -16,13 +18,15 @@ namespace Backup::File::LegacyVamHeader {
 using boost::endian::little_uint32_t;
 using boost::endian::little_uint64_t;
 
+/// The beginning of each header.
 struct _tagBASE_HDR
 {
     little_uint32_t type;
     unsigned char unread[12];
-    little_uint32_t endOfNames; ///< offset of the first byte behind the names
+    little_uint32_t endOfNames; ///< offset of the first byte after the names
 };
 
+/// The header of a Unix file.
 struct _tagUNIX_FILE_HDR
 {
     _tagBASE_HDR base;
@@ -36,18 +40,19 @@ struct _tagUNIX_FILE_HDR
     little_uint32_t groupId;
     little_uint32_t extendedAttributes; ///< offset of their section, which runs to the end of the buffer
     unsigned char unread[8];
-    unsigned char isSymlink; ///< any value but 0: the link's target stands in front of its path
+    unsigned char isSymlink; ///< any value but 0: the link's target precedes its path
     char names[1];           ///< NUL-terminated
 };
 
-/// In front of each extended attribute's name and value; the length is in the writer's byte order, which is
-/// taken to be this host's.
+/// Precedes each extended attribute's name and value. The length has the writer's byte order, which is
+/// assumed to be that of this host.
 struct ExtendedAttributeRecord
 {
-    unsigned int length; ///< of the whole record
+    unsigned int length; ///< of the whole record in bytes
     little_uint32_t nameLength;
 };
 
+/// The header of a Windows file.
 struct _tagWINDOWS_FILE_HDR
 {
     _tagBASE_HDR base;
@@ -57,7 +62,7 @@ struct _tagWINDOWS_FILE_HDR
     little_uint64_t accessTime;
     little_uint64_t writeTime;
     little_uint32_t reparseType;
-    little_uint64_t permissionChangeTime; ///< of no meaning in a directory's header
+    little_uint64_t permissionChangeTime; ///< not meaningful for a directory
     unsigned char unread[64];
     little_uint32_t pathCount;
     unsigned char names[sizeof(wchar_t)]; ///< wide units of the host, each a code unit of UTF-16
@@ -68,7 +73,7 @@ static_assert(sizeof(_tagUNIX_FILE_HDR) == 82 && offsetof(_tagUNIX_FILE_HDR, nam
 static_assert(sizeof(ExtendedAttributeRecord) == 8);
 static_assert(sizeof(_tagWINDOWS_FILE_HDR) == 140 && offsetof(_tagWINDOWS_FILE_HDR, names) == 0x88);
 
-/// What the two file headers differ in before their fields are read.
+/// The differences between the two file headers before their fields are read.
 struct Kind
 {
     unsigned int type;   ///< number in the base header
@@ -80,9 +85,9 @@ constexpr Kind UnixFile{0x46554E58, 78, "unix", "UNIX_FILE_HDR"};
 constexpr Kind WindowsFile{0x41333333, 136, "windows", "WINDOWS_FILE_HDR"};
 
 /// Returns the header in a record's "legacy_metadata", decoded from Base64, or nothing if the record has no
-/// such member. Raises what reading and decoding it raise.
+/// such member. Raises the errors of reading and decoding it.
 std::optional<Krt::Memory::YHeap<unsigned char>> Extract(const Krt::JSON::YObject& json);
-/// Returns why the bytes can't be a header of the kind, or an empty text if they can.
+/// Returns why the bytes are not a header of the kind, or an empty text if they are.
 Krt::YString FindDamage(const Krt::Memory::YHeap<unsigned char>& bytes, const Kind& kind);
 
 } // namespace Backup::File::LegacyVamHeader

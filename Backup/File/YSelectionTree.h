@@ -1,6 +1,8 @@
-// The parts of a selection tree that only its own sources use: the children of a node, the walk through a
-// subtree, and the index of a branch.
 #pragma once
+
+/// @file
+/// The parts of a selection tree that only its own sources use: the children of a node, the walk through a
+/// subtree, and the index of a branch.
 
 #include "Backup/File/YSelectionManager.h"
 
@@ -14,34 +16,36 @@
 
 namespace Backup::File {
 
-/// Finds children by the hash of their names. A large tree is seldom in the caches, so that each step of a
-/// search by order would wait for memory.
+/// The children of a node, hashed by their names. A large tree is seldom in the caches, so each step of an
+/// ordered search would wait for memory.
 class YSelectionManager::YSelectionManagerNode::Children
 {
 public:
     using Node = YSelectionManagerNode;
 
-    /// Null if no child has the name.
+    /// Returns the child of this name, or nullptr.
     Node* Find(const YString& name) const
     {
         const auto child = m_byName.find(name.Bytes());
         return child == m_byName.end() ? nullptr : child->second.get();
     }
-    /// Takes a child of a name that no other child has.
+    /// Adds a child. Precondition: no other child has its name.
     Node& Add(std::unique_ptr<Node> child)
     {
         const std::string_view name = child->m_name.Bytes();
         return *m_byName.emplace(name, std::move(child)).first->second;
     }
+    /// Destroys a child.
     void Erase(const Node& child)
     {
-        // The key is in the child, which has to outlive its place here.
+        // The key is in the child, which must outlive the entry.
         const auto place = m_byName.find(child.m_name.Bytes());
         const std::unique_ptr<Node> erased = std::move(place->second);
         m_byName.erase(place);
     }
+    /// The number of children.
     std::size_t Count() const { return m_byName.size(); }
-    /// Hands all children over, after which this object may only be destroyed.
+    /// Passes ownership of all children to `take`. This object may only be destroyed afterwards.
     template <class Taker>
     void GiveAway(Taker take)
     {
@@ -60,16 +64,17 @@ private:
     boost::unordered_flat_map<std::string_view, std::unique_ptr<Node>, std::hash<std::string_view>> m_byName;
 };
 
-/// Enters and leaves each node of a subtree: the children after their parent, by the bytes of their names,
-/// and before the parent is left. Keeps its way in memory of its own, since a tree may be deeper than any
-/// stack. A node that was left may be erased. `N` is the type of the nodes, const or not.
+/// Enters and leaves each node of a subtree: children after their parent is entered and before it is left,
+/// by the bytes of their names. The path is kept on the heap, since a tree may be deeper than any stack. A
+/// node that was left may be erased. `N` is the type of the nodes, const or not.
 template <class N>
 class YSelectionManager::YSelectionManagerNode::Walk
 {
 public:
+    /// A walk through the subtree of `start`.
     explicit Walk(N& start) : m_open{{{}, &start, false}} {}
 
-    /// Goes on to the next event. False after the last.
+    /// Advances to the next event. Returns false after the last one.
     bool Step()
     {
         if (std::exchange(m_opensChildren, false))
@@ -86,7 +91,7 @@ public:
             m_open.pop_back();
         return true;
     }
-    /// Goes on to the next node that is entered. False after the last.
+    /// Advances to the next node that is entered. Returns false after the last one.
     bool Enter()
     {
         while (Step()) {
@@ -95,17 +100,18 @@ public:
         }
         return false;
     }
-    /// Leaves out what is below the node that was just entered.
+    /// Skips the nodes below the node that was just entered.
     void SkipChildren() { m_opensChildren = false; }
 
-    /// What the last step entered or left.
+    /// Returns true if the last step entered a node, false if it left one.
     bool IsEntering() const { return m_isEntering; }
+    /// The node that the last step entered or left.
     N& Current() const { return *m_node; }
-    /// True for a child that is a null pointer, as only a damaged tree has it.
+    /// Returns true for a child that is a null pointer, which occurs only in a damaged tree.
     bool IsMissing() const { return m_node == nullptr; }
-    /// The name by which its parent has it; empty at the start.
+    /// The name by which the parent contains the node; empty for the start.
     std::string_view Name() const { return m_name; }
-    /// 0 at the start.
+    /// The depth of the node; 0 for the start.
     std::size_t Depth() const { return m_depth; }
 
 private:
@@ -137,27 +143,30 @@ private:
     bool m_opensChildren = false; // at the next step
 };
 
-/// The rules below one node by their patterns, so that a recursive rule that is added there finds what it
-/// covers without a walk through the whole branch.
+/// The rules below one node by their patterns. With it a recursive rule that is added at the node finds the
+/// rules that it covers without a walk through the whole branch.
 class YSelectionManager::YSelectionManagerNode::BranchIndex
 {
 public:
     using Node = YSelectionManagerNode;
 
+    /// A rule below the node.
     struct Entry
     {
         std::string pattern;
-        const YSelectionDescriptor* rule; // null after it was taken out of the tree
+        const YSelectionDescriptor* rule; // nullptr after it was removed from the tree
         Node* node;
     };
 
+    /// Indexes the rules below `top`.
     explicit BranchIndex(Node& top);
-    /// The entries that the rule prunes, in the order of a walk. The rule doesn't cover all names. The caller
-    /// sets the rule of an entry to null when it takes that rule out of the tree.
+    /// Returns the entries that `rule` prunes, in the order of a walk. Precondition: the rule does not
+    /// cover all names. The caller sets the rule of an entry to nullptr when it removes that rule from the
+    /// tree.
     std::vector<Entry*> FindPruned(const YSelectionDescriptor& rule);
 
 private:
-    using Order = std::vector<std::uint32_t>; // places in m_entries
+    using Order = std::vector<std::uint32_t>; // indexes in m_entries
 
     template <class Compare>
     std::vector<Entry*> Range(const Order& order, std::string_view text, Compare compare);
