@@ -1,5 +1,7 @@
-// The unit file of a service: its name and its text. What isn't to be had is refused with InvalidArgument.
 #pragma once
+
+/// @file
+/// The name and the text of a service's unit file. Values that a unit cannot contain raise InvalidArgument.
 
 #include "Backup/Export.h"
 
@@ -9,14 +11,16 @@
 
 namespace Backup::Util {
 
-/// "NAME.service". Refused unless that is the legal name of a unit that can be started.
+/// Returns "NAME.service". Raises InvalidArgument unless it is a valid name of a unit that can be started.
 YString GetServiceUnitName(const YString& name);
 
-/// The whole file, for a service that starts with the machine and is started again whenever it ends. Program
-/// and arguments reach the process byte for byte, whatever stands in them. Refused are a program that isn't
-/// an absolute path, or has control characters, quotation marks or backslashes in it, which systemd takes in
-/// no form, and an argument with a NUL byte. `title` is one line of UTF-8: control characters become blanks,
-/// and InvalidUtf8 is raised for what is no text.
+/// Returns the whole file, for a service that starts with the machine and is restarted whenever it ends.
+/// Program and arguments reach the process byte for byte. `title` is one line of UTF-8, in which control
+/// characters become blanks.
+/// - Raises InvalidArgument for a program that is not an absolute path, or that contains control
+///   characters, quotation marks or backslashes, which systemd does not accept in any form.
+/// - Raises InvalidArgument for an argument with a NUL byte.
+/// - Raises InvalidUtf8 for a title that is not valid UTF-8.
 YString MakeServiceUnit(const YString& title, const Krt::File::YPath& program,
                         const std::vector<YString>& arguments);
 
