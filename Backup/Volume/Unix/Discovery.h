@@ -1,8 +1,3 @@
-// Discovery: the questions of volume discovery, asked of one reading of the mount table. The table is read
-// and indexed at the first question that needs it, and a climb to a mount point is made once, so that
-// describing all volumes of a machine takes time in proportion to their number. Answers, log lines and errors
-// are those of the functions in Util.h, and Util.cpp, which the errors report, defines both. One thread at a
-// time.
 #pragma once
 
 #include "Backup/Volume/Unix/Util.h"
@@ -17,6 +12,10 @@
 
 namespace Backup::Volume {
 
+/// Volume discovery with one reading of the mount table. The first query that needs the table reads and
+/// indexes it, and each mount point is searched for once. So describing all volumes of a machine takes time
+/// in proportion to their number. Results, log lines and errors are those of the functions in Util.h.
+/// Util.cpp, which the errors report, defines both. One thread at a time.
 class Discovery
 {
 public:
@@ -27,12 +26,15 @@ public:
     /// The mount table, in the system's order.
     const std::vector<Krt::Volume::MountEntry>& GetEntries() { return GetTable().entries; }
 
-    /// As the functions of Util.h.
+    /// See Volume::GetVolumePathName.
     Krt::File::YPath GetVolumePathName(const Krt::File::YPath& path);
+    /// See Volume::GetVolumeUniquePath.
     Krt::File::YPath GetVolumeUniquePath(const Krt::File::YPath& path);
+    /// See Volume::DetermineDriveType.
     unsigned int DetermineDriveType(const Krt::File::YPath& uniquePath);
+    /// See Volume::IsReadOnly.
     bool IsReadOnly(const Krt::File::YPath& path);
-    /// The pair that DetermineVolumeMountPaths lists, with its number of repetitions.
+    /// Returns the pair that DetermineVolumeMountPaths lists, with its number of repetitions.
     MountPath DetermineMountPath(const Krt::File::YPath& uniquePath, const Krt::File::YPath& path);
 
 private:
