@@ -1,5 +1,7 @@
-// What a platform supplies to the operations on processes.
 #pragma once
+
+/// @file
+/// The operations on processes that each platform defines.
 
 #include "Krt/String/YString.h"
 
@@ -7,11 +9,11 @@
 
 namespace Krt::Environment {
 
-/// Makes what is started inherit the descriptors 0 to 2 and no others. Returns 0 or the error's number. Comes
-/// after all other settings.
+/// Makes the started program inherit only the descriptors 0 to 2. Called after all other settings. Returns
+/// 0 or the error number.
 int InheritStandardStreamsAlone(posix_spawnattr_t& attributes, posix_spawn_file_actions_t& actions);
 
-/// The id of a running process of that name other than `except`; 0 if there is none.
+/// Returns the ID of a running process of that name other than `except`, or 0 if there is no such process.
 int FindProcess(const YString& name, int except);
 
 } // namespace Krt::Environment
