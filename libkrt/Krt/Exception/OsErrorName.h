@@ -1,10 +1,12 @@
-// The names of operating-system error numbers.
 #pragma once
+
+/// @file
+/// The names of the operating system's error numbers.
 
 namespace Krt::Exception {
 
-/// The number's name, such as "ENOENT"; empty for a number that has none here. Of several names of one number
-/// the first of POSIX's list.
+/// Returns the number's name, such as "ENOENT", or an empty text for an unknown number. If a number has
+/// several names, returns the first in POSIX's list.
 const char* OsErrorName(int osError);
 
 } // namespace Krt::Exception
