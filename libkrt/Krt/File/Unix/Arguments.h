@@ -1,13 +1,15 @@
-// Checks of handles and names before a system call takes them for something else.
 #pragma once
+
+/// @file
+/// Checks of handles and names before a system call misinterprets them.
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/Util/YUnxHandle.h"
 
 namespace Krt::File {
 
-/// The descriptor of a handle; raises InvalidState, reporting `function`, for an empty one. Its descriptor 0
-/// would reach the process's standard input.
+/// Returns the descriptor of a handle. Raises InvalidState, reporting `function`, for an empty one, whose
+/// descriptor 0 is the process's standard input.
 inline int DescriptorOf(const Util::YUnxHandle& handle, const char* function)
 {
     if (handle.IsEmpty()) [[unlikely]]
@@ -15,8 +17,8 @@ inline int DescriptorOf(const Util::YUnxHandle& handle, const char* function)
     return handle.Get();
 }
 
-/// The name's text; raises InvalidArgument, reporting `function`, for an empty name, ".", "..", and one with
-/// "/" or NUL in it.
+/// Returns the name's text. Raises InvalidArgument, reporting `function`, for an empty name, ".", "..", and
+/// a name with "/" or NUL.
 inline const char* CheckEntryName(const YString& name, const char* function)
 {
     const std::string& bytes = name.Bytes();

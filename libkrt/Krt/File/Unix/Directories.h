@@ -1,21 +1,24 @@
-// What open directories need beyond the common calls, as each platform does it.
 #pragma once
+
+/// @file
+/// The operations on open directories that each platform defines.
 
 #include "Krt/File/YDirectory.h"
 
 namespace Krt::File {
 
-/// Opens, for reading and close-on-exec, the directory at the end of a relative path without following a link
-/// anywhere on it, above the standard streams. ENOSYS where the system has no such call.
+/// Opens the directory at a relative path for reading, close-on-exec, above the standard streams. Symlinks
+/// are not followed in any component. ENOSYS if the system has no such call.
 Util::OsResult<Util::YUnxHandle> OpenBeneath(int directory, const char* path);
 
-/// Sets the mode of an open directory, also of one that was opened to search.
+/// Sets the mode of an open directory, also if it was opened to search.
 Util::OsResult<int> SetModeOfDirectory(int directory, mode_t mode);
 
-/// Shows the visitor each entry but "." and "..", from where the descriptor stands, until it answers false.
-/// Returns 0, or the number of the error.
+/// Calls `visitor` for each entry except "." and "..", from the descriptor's position, until it returns
+/// false. Returns 0 or the error number.
 int ListEntries(int directory, const std::function<bool(const DirectoryEntry&)>& visitor);
 
+/// Returns true for "." and "..".
 inline bool IsDots(const char* name)
 {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));

@@ -1,6 +1,8 @@
-// What a status says: which file it describes, and the times and device numbers whose names and headers
-// differ between systems.
 #pragma once
+
+/// @file
+/// The identity of a file in its status, and its times and device numbers, whose names and headers differ
+/// between systems.
 
 #include <compare>
 
@@ -13,8 +15,8 @@
 
 namespace Krt::File {
 
-/// Equal for two statuses of one file, whatever the name by which it was reached. The inode number of a
-/// deleted file may be given to a new one.
+/// The identity of a file: equal for two statuses of one file, whatever its name. A new file may get the
+/// inode number of a deleted one.
 struct FileId
 {
     FileId() = default;
@@ -26,7 +28,7 @@ struct FileId
     ino_t inode = 0;
 };
 
-/// The times to the nanosecond.
+/// The access time in nanoseconds.
 inline const timespec& AccessTime(const struct stat& status)
 {
 #ifdef __APPLE__
@@ -36,6 +38,7 @@ inline const timespec& AccessTime(const struct stat& status)
 #endif
 }
 
+/// The modification time in nanoseconds.
 inline const timespec& WriteTime(const struct stat& status)
 {
 #ifdef __APPLE__
@@ -45,7 +48,7 @@ inline const timespec& WriteTime(const struct stat& status)
 #endif
 }
 
-/// Of the status itself: mode, owner, number of names, and the content's.
+/// The change time of the inode (mode, owner, number of links, content) in nanoseconds.
 inline const timespec& ChangeTime(const struct stat& status)
 {
 #ifdef __APPLE__
