@@ -1,27 +1,34 @@
-// Memory for shared values. Documents come and go a record at a time, and each record has dozens of values,
-// all of one size: the blocks that a thread gives back are kept for its next document, up to a limit. A block
-// may be given back on another thread than took it.
 #pragma once
+
+/// @file
+/// Memory for shared values. Documents are created and destroyed record by record, and each record has
+/// dozens of values of one size. So the blocks that a thread returns are kept for its next document, up to
+/// a limit. A block may be returned on another thread than the one that allocated it.
 
 #include <cstddef>
 #include <memory>
 
 namespace Krt::JSON {
 
-/// In front the counts of the shared pointer, behind them the value.
+/// The bytes at the beginning of a block for the counts of the shared pointer; the value follows them.
 constexpr std::size_t ValueCountsSize = 40;
+/// The size of a block in bytes.
 constexpr std::size_t ValueBlockSize = 136;
 
+/// Returns a block of ValueBlockSize bytes. Raises std::bad_alloc.
 void* TakeValueBlock();
+/// Returns a block of TakeValueBlock.
 void ReturnValueBlock(void* block) noexcept;
 
+/// A deleter that calls ReturnValueBlock.
 struct ReturnsValueBlock
 {
     void operator()(void* block) const noexcept { ReturnValueBlock(block); }
 };
+/// An owned block.
 using ValueBlock = std::unique_ptr<void, ReturnsValueBlock>;
 
-/// Puts the counts to the front of a block that was taken for them; it is theirs from then on.
+/// Allocates the counts at the beginning of an existing block, which they own from then on.
 template <class T>
 class CountsAllocator
 {
