@@ -1,4 +1,3 @@
-// A thread's own stream on the log: what ends with Modifiers::EndLine becomes one message.
 #pragma once
 
 #include "Krt/Log/YStream.h"
@@ -10,20 +9,21 @@ namespace Krt::Log {
 
 class YLog;
 
+/// A thread's own stream on the log: text up to Modifiers::EndLine becomes one message.
 class YLogContext final : public YStream
 {
 public:
     YLogContext();
-    /// The calling thread's, whose messages go to `log` from now on. It lives as long as the thread, and is
-    /// made again for whoever still logs while the thread's objects are destroyed.
+    /// Returns the calling thread's stream, whose messages are written to `log` from now on. It exists as
+    /// long as the thread. It is recreated for objects of the thread that log while they are destroyed.
     static YLogContext& OfThread(YLog& log);
 
-    /// Sets the channel of the message, which is General unless told; returns the one before.
+    /// Sets the channel of the message, which is General by default; returns the former one.
     unsigned int SetType(unsigned int type) { return std::exchange(m_type, type); }
-    /// Puts this text in the place of the unfinished message, which is returned.
+    /// Replaces the unfinished message by `text`, and returns it.
     std::string ExchangeText(std::string text);
 
-    /// Hands the text to the log and to the signal's slots, and begins the next message empty.
+    /// Passes the text to the log and to the signal's slots; the next message starts empty.
     void FlushInternal() override;
 
 private:
