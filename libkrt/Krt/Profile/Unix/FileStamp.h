@@ -1,4 +1,3 @@
-// What tells one state of a file from another: which file it is, its size and its times.
 #pragma once
 
 #include "Krt/Util/SystemCall.h"
@@ -9,16 +8,18 @@ struct stat;
 
 namespace Krt::Profile {
 
+/// A stamp that distinguishes the states of a file: its identity, size and times.
 class FileStamp
 {
 public:
     FileStamp() = default;
+    /// The stamp of a status.
     explicit FileStamp(const struct stat& status);
-    /// A symbolic link is followed.
+    /// Returns the stamp of the file at `path`. Symlinks are followed.
     static Util::OsResult<FileStamp> Of(const char* path);
 
-    /// Whether the times lie at least two seconds back. A younger file could change again within the grain of
-    /// its file system's clock, and keep its stamp.
+    /// Returns true if the times are at least two seconds ago. A younger file could change again within the
+    /// resolution of its file system's clock, and keep its stamp.
     bool IsSettled() const;
     friend bool operator==(const FileStamp&, const FileStamp&) = default;
 

@@ -1,9 +1,11 @@
-// In what the systems differ as seen by the configuration store.
 #pragma once
+
+/// @file
+/// The location of the configuration on each platform.
 
 namespace Krt::Profile {
 
-/// Where the system's configuration stands.
+/// The path of the system's configuration.
 const char* SystemPath();
 
 } // namespace Krt::Profile
