@@ -1,22 +1,26 @@
-// Letter case as this layer knows it: the letters of ASCII, and no others. Free of locales.
 #pragma once
+
+/// @file
+/// Letter case of ASCII letters only, independent of the locale.
 
 #include <algorithm>
 #include <string_view>
 
 namespace Krt::String {
 
+/// Returns the lower-case letter; other bytes unchanged.
 constexpr char ToLower(char byte)
 {
     return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
 }
 
+/// Returns the upper-case letter; other bytes unchanged.
 constexpr char ToUpper(char byte)
 {
     return byte >= 'a' && byte <= 'z' ? static_cast<char>(byte - 'a' + 'A') : byte;
 }
 
-/// Whether the bytes are the same, up to letter case unless `caseSensitive`.
+/// Returns true if the bytes are equal, ignoring letter case unless `caseSensitive`.
 inline bool Equals(std::string_view a, std::string_view b, bool caseSensitive)
 {
     if (caseSensitive)
