@@ -1,6 +1,8 @@
-// What a thread holds of the read/write locks that it uses. Installed for YReadWriteMutex.h alone; how slots
-// and locks work together is described in YReadWriteMutex.cpp.
 #pragma once
+
+/// @file
+/// The state of a thread in the read/write locks that it uses. Installed only for YReadWriteMutex.h.
+/// YReadWriteMutex.cpp describes how slots and locks work together.
 
 #include "Krt/Export.h"
 
@@ -14,28 +16,30 @@ namespace Krt::Thread {
 
 class YReadWriteMutexInternal;
 
-/// What one thread holds of one lock. It has a cache line of its own, so that readers cause no false sharing.
+/// The state of one thread in one lock. It is cache-line aligned to avoid false sharing between readers.
 struct alignas(64) ReaderSlot
 {
     enum State : unsigned int
     {
         Held = 1,       // the thread holds at least one level
-        BiasRevoked = 2 // Held is changed with the lock's mutex held only
+        BiasRevoked = 2 // Held is changed only with the lock's mutex held
     };
 
+    /// A slot for the lock at `lockAddress`.
     ReaderSlot(const YReadWriteMutexInternal* lockAddress,
                boost::weak_ptr<YReadWriteMutexInternal> lockOwner);
-    /// Takes the slot out of its lock, if that still exists.
+    /// Removes the slot from its lock, if that still exists.
     ~ReaderSlot();
     ReaderSlot(const ReaderSlot&) = delete;
     ReaderSlot& operator=(const ReaderSlot&) = delete;
 
+    /// Returns true if the thread holds the lock.
     bool HasLevels() const { return (readLevels | writeLevels) != 0; }
 
     const YReadWriteMutexInternal* const address; // belongs to no other lock while `lock` refers to it
     const boost::weak_ptr<YReadWriteMutexInternal> lock;
     std::atomic<unsigned int> state{0};
-    // Used by the slot's thread alone. The lock is held for writing exactly while writeLevels isn't 0.
+    // Used only by the slot's thread. The lock is held for writing exactly while writeLevels is not 0.
     unsigned int readLevels = 0;
     unsigned int writeLevels = 0;
 };
@@ -44,17 +48,18 @@ struct alignas(64) ReaderSlot
 class ReaderSlots
 {
 public:
+    /// The slots of the calling thread.
     static ReaderSlots& Mine() noexcept;
 
-    /// The slot for a lock; null if the thread has none.
+    /// Returns the slot for a lock, or nullptr if the thread has no such slot.
     ReaderSlot* Find(const YReadWriteMutexInternal* lock) noexcept
     {
         if (m_last == nullptr || m_last->address != lock)
             m_last = m_table == nullptr ? nullptr : m_table[Locate(lock)];
         return m_last;
     }
-    /// Takes a read level if the slot suffices for it: the thread holds a level already, or the lock is
-    /// biased towards readers. Otherwise returns false, with nothing done.
+    /// Acquires a read level if the slot suffices: the thread holds a level already, or the lock is biased
+    /// towards readers. Otherwise returns false without a change.
     bool TryReadLock(const YReadWriteMutexInternal* lock) noexcept
     {
         ReaderSlot* const slot = Find(lock);
@@ -70,7 +75,7 @@ public:
         ++slot->readLevels;
         return true;
     }
-    /// Releases a read level if there is one and the slot suffices for it. The lock may be destroyed.
+    /// Releases a read level if there is one and the slot suffices. The lock may have been destroyed.
     bool TryReadUnlock(const YReadWriteMutexInternal* lock) noexcept
     {
         ReaderSlot* const slot = Find(lock);
@@ -86,16 +91,16 @@ public:
         --slot->readLevels;
         return true;
     }
-    /// Makes room for one more slot. Raises if memory can't be had.
+    /// Allocates memory for one more slot. Raises if memory is exhausted.
     void Reserve();
-    /// Adds a slot for a lock that has none, and owns it; only after Reserve.
+    /// Adds and owns a slot for a lock that has no slot; only after Reserve.
     void Insert(ReaderSlot* slot) noexcept;
 
     /// The number of locks of which this thread holds at least one level.
     unsigned int locksHeldByThread = 0;
 
 private:
-    // The place of the lock's slot, or the free place for it.
+    // The index of the lock's slot, or the free index for it.
     std::size_t Locate(const YReadWriteMutexInternal* lock) const noexcept
     {
         std::size_t place =

@@ -1,11 +1,13 @@
-// What a platform supplies about its threads.
 #pragma once
+
+/// @file
+/// The operations on threads that each platform defines.
 
 namespace Krt::Thread {
 
-/// The kernel's id of the calling thread.
+/// Returns the kernel's ID of the calling thread.
 unsigned long long ReadThreadId();
-/// Tells the operating system the calling thread's name; one that is too long for it is cut.
+/// Sets the calling thread's name in the operating system, truncated to the length that it allows.
 void PublishThreadName(const char* name);
 
 } // namespace Krt::Thread
