@@ -66,7 +66,7 @@ public:
     const Krt::File::YPath& GetPath() const { return m_path; }
     const Krt::Match::Descriptor& GetDescriptor() const { return m_descriptor; } ///< pattern of the names
     bool IsRecursive() const { return m_isRecursive; }            ///< true if it reaches all levels below
-    bool GetReport() const { return m_report; }                   ///< true if exclusions are reported
+    bool GetReport() const { return m_report; }                   ///< true if the selection is reported
     const YString& GetVolumeGuid() const { return m_volumeGuid; } ///< may be empty
     /// The mount path of the volume; may be empty.
     const Krt::File::YPath& GetMountPath() const { return m_mountPath; }

@@ -49,7 +49,7 @@ public:
     using NodeVisitor = boost::function<void(const YSelectionManagerNode*)>;
 
     YSelectionManager();
-    /// Copies the whole tree, with `other` locked for reading.
+    /// Copies the whole tree, with `other` locked for writing.
     YSelectionManager(const YSelectionManager& other);
     /// Moves the tree. `other` may only be destroyed or assigned to afterwards.
     YSelectionManager(YSelectionManager&& other);

@@ -72,10 +72,11 @@ BACKUP_API unsigned int Read(int fd, unsigned long long offset, unsigned char* d
 BACKUP_API void Close(int fd);
 
 /// Returns true if a walk may descend into the path. `attributes` is the value of Krt::File::GetAttributes;
-/// without its directory bit the result is false. An ordinary directory costs two stat calls. Any thread.
-/// Raises the errors of IsMountPoint. If a mount point cannot be classified, returns true if
-/// "walkIntoUnknownMountPoints" is configured, otherwise raises InvalidArgument with the cause in its text.
-/// "IncludedMountpoints", the exact mount paths to follow whatever their class, is read once in a process.
+/// the result is false if it is AttributesUnknown or lacks the directory bit. An ordinary directory costs
+/// two stat calls. Any thread. Raises the errors of IsMountPoint. If a mount point cannot be classified,
+/// returns true if "walkIntoUnknownMountPoints" is configured, otherwise raises InvalidArgument with the
+/// cause in its text. "IncludedMountpoints", the exact mount paths to follow whatever their class, is read
+/// once in a process.
 BACKUP_API bool IsFollowableDirectoryFromKrtAttributes(const YPath& path, unsigned int attributes);
 
 } // namespace Backup::File
