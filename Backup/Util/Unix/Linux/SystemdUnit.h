@@ -17,8 +17,9 @@ YString GetServiceUnitName(const YString& name);
 /// Returns the whole file, for a service that starts with the machine and is restarted whenever it ends.
 /// Program and arguments reach the process byte for byte. `title` is one line of UTF-8, in which control
 /// characters become blanks.
-/// - Raises InvalidArgument for a program that is not an absolute path, or that contains control
-///   characters, quotation marks or backslashes, which systemd does not accept in any form.
+/// - Raises InvalidArgument for a program that is not an absolute path.
+/// - Raises InvalidArgument for a program with control characters, quotation marks or backslashes, which
+///   systemd does not accept in any form.
 /// - Raises InvalidArgument for an argument with a NUL byte.
 /// - Raises InvalidUtf8 for a title that is not valid UTF-8.
 YString MakeServiceUnit(const YString& title, const Krt::File::YPath& program,

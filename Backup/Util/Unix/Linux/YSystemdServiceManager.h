@@ -6,8 +6,8 @@ namespace Backup::Util {
 
 /// Services of systemd. A service is a unit file in /etc/systemd/system. systemctl, run without a shell,
 /// controls it, with root's rights where they are required. Each operation but Exists raises NotSupported
-/// if systemd does not run the machine, and InvalidArgument for a name that is not valid for a unit, before
-/// any change. Stateless.
+/// if systemd does not run the machine. It raises InvalidArgument for a name that is not valid for a unit.
+/// It checks both before any change. Stateless.
 class BACKUP_API YSystemdServiceManager : public IServiceManager
 {
 public:
