@@ -28,7 +28,7 @@ KRT_API int ExecuteProcessElevated(const File::YPath& program, const std::vector
                                    bool unattended);
 
 /// Returns the ID of a process with that name, which is the file name of its program or script. A name of
-/// at most 15 bytes that the process gave its main thread also counts. Zombies do not count; the calling
+/// fewer than 15 bytes that the process gave its main thread also counts. Zombies do not count; the calling
 /// process counts only with `countsSelf`. Raises NotFound if there is no such process.
 KRT_API int FindProcessByName(const YString& name, bool countsSelf);
 
