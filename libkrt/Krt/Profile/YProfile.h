@@ -21,7 +21,7 @@ public:
     /// Returns the value as text, or `defaultValue` if the key is missing.
     YString GetKeyValue(const YString& section, const YString& key, const YString& defaultValue) const;
     /// Returns the value as a T, or `defaultValue` if the key is missing. T is YString, or bool, which is
-    /// read by its first letter. Raises NumberConversion for a text that is not a bool.
+    /// read by its first character. Raises NumberConversion for a text that is not a bool.
     template <class T>
     T Get(const YString& section, const YString& key, const T& defaultValue) const;
 
