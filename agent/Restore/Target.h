@@ -1,4 +1,4 @@
-// The directory that a restore writes into, reached so that nobody else decides where it lies.
+// The directory that a restore writes into, reached so that no other user decides where it is.
 #pragma once
 
 #include "agent/Run/Report.h"
@@ -9,16 +9,16 @@
 
 namespace Agent {
 
-/// Opens the directory, and makes it with its parents where they are missing, mode 0777 less the umask. The
-/// way there is gone name by name through descriptors, so what was checked is what is opened. Raises
-/// InvalidState
-///   - for a link on it that belongs neither to root nor to the user;
-///   - for root, where others can write to a directory on it, for a link there, save root's own with one name
-///     under a sticky bit, and for a directory there that belongs neither to root nor to the owner of the one
-///     that it lies in.
-/// Raises InvalidArgument, before anything is made there, for the store and what lies in it, and otherwise
-/// the operating system's error. Where others can put something else in the target's place later, root is
-/// told.
+/// Opens the directory, after creating it and its missing parent directories with mode 0777 less the umask.
+/// Raises InvalidState
+///   - for a symlink on the path that belongs neither to root nor to the user, and for more than 40 symlinks;
+///   - for root, for a symlink in a directory that belongs to another user or that others can write to. Only
+///     root's own symlink without a further hard link is followed in root's directory with the sticky bit;
+///   - for root, for a directory that belongs neither to root nor to the owner of its parent directory, if
+///     others can write to the latter.
+/// Raises InvalidArgument, before anything is created there, for the store and what is in it, and otherwise
+/// the operating system's error. Notes in the report, for root, the directories in which others can replace
+/// what is restored.
 Krt::File::YDirectory OpenTarget(const std::string& path, const Krt::File::YDirectory& store, Report& report);
 
 } // namespace Agent

@@ -1,28 +1,22 @@
-// Who can change a file that steers the program: its configuration, its job, its log. A run as root refuses
-// such a file if somebody else can change it or put another one in its place, since that would lend them
-// root's rights.
+// Root takes its configuration, job file and log only from where no other user can change or replace them:
+// such a file would lend root's rights to that user.
 #pragma once
 
 #include <string>
-#include <sys/stat.h>
 
 namespace Agent {
 
-/// Whether somebody else than its owner and root may write to the entry, by its mode or by an access list. A
-/// group's right counts, save that of root's group.
-bool CanOthersWrite(const std::string& path, const struct stat& status);
-
-/// Raises InvalidState, with `what` in front of the path and the reason behind it, unless
-///   - each link on the way belongs to root or to the user;
-///   - for root, the file and each directory on the way belong to root, and nobody else can write to them. A
-///     directory with the sticky bit may be shared, such as /tmp, if what is used in it is root's own and,
-///     being no directory, has no further name.
-/// A missing file is fine where nobody else can make it. What root can't look at raises the operating
-/// system's error; for others it is left to whoever opens the file.
+/// Raises InvalidState, with `what` in front of the path and the reason after it, unless
+///   - each symlink on the path belongs to root or to the user, and there are at most 40;
+///   - for root, the file and each directory on the path belong to root, and other users cannot write to
+///     them. A directory with the sticky bit, such as /tmp, may be shared if what is used in it belongs to
+///     root and, unless it is a directory, has no further hard link.
+/// A missing file is accepted where no other user can create it. An entry that root cannot examine raises the
+/// operating system's error. An ordinary user's check ends there, and opening the file fails.
 void RequireOwnFile(const std::string& what, const std::string& path);
 
-/// The same for a log. One that is missing in a shared directory is made for root, exclusively and with mode
-/// 0640, before somebody else can.
+/// RequireOwnFile for a log. If it is missing in a shared directory, it is created for root, exclusively and
+/// with mode 0640, before another user can.
 void RequireOwnLog(const std::string& path);
 
 } // namespace Agent

@@ -1,5 +1,7 @@
-// Root's program takes its configuration, job and log only from where nobody else can change them.
+// The rules for paths on which no other user may decide: those to root's configuration, job file and log, and
+// those to the target of a restore.
 #include "agent/Run/FileGuard.h"
+#include "agent/Restore/Target.h"
 
 #include "testing/AccessList.h"
 #include "testing/OrdinaryUser.h"
@@ -10,8 +12,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <sys/stat.h>
 #include <tuple>
 #include <unistd.h>
@@ -22,6 +26,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr unsigned int Other = 1234;
+constexpr int MostLinks = 40;
 
 class FileGuard : public ::testing::Test
 {
@@ -33,34 +38,48 @@ protected:
         chmod(directory.Path().c_str(), 0755);
         const std::string& root = directory.Path();
         MakeTree(root, {Dir("own"), File("own/file", ""), File("own/of roots group", "", 0664),
-                        File("own/foreign", ""), File("own/of a group", "", 0664),
+                        File("own/foreign", ""), File("own/of a group", "", 0664), Dir("own/0"),
                         File("own/of others", "", 0666), File("own/listed", "", 0600)});
-        MakeTree(root, {Dir("foreign"), File("foreign/file", ""), Dir("foreign/deep"),
-                        File("foreign/deep/file", "")});
+        MakeTree(root, {Dir("foreign"), Dir("foreign/deep"), Link("foreign/link", "../own"), Dir("listed"),
+                        Link("listed/link", "../own")});
         MakeTree(root, {Dir("shared", 01777), File("shared/file", ""), File("shared/foreign", ""),
-                        File("shared/two names", ""), Link("shared/of another", "../own/file"),
-                        Dir("open", 0777), File("open/file", "")});
-        MakeTree(root, {Link("own/link", "file"), Link("own/through", "../open"),
-                        Link("own/absolute", root + "/shared/of another"), Link("own/loop", "loop"),
-                        Link("own/link of two names", "file"), Hard("shared/link", "own/link of two names"),
-                        Hard("own/other name", "shared/two names")});
-        for (const char* name : {"own/foreign", "foreign", "shared/foreign", "shared/of another"})
+                        File("shared/two names", ""), Link("shared/of another", "../own"),
+                        Link("shared/own link", "../own"), Dir("shared/theirs"), Dir("open", 0777),
+                        File("open/file", ""), Link("open/link", "../own")});
+        MakeTree(root,
+                 {Link("own/link", "file"), Link("own/through", "../open"), Link("own/loop", "loop"),
+                  Link("own/absolute", root + "/shared/of another"), Link("own/link of two names", "../own"),
+                  Hard("shared/link", "own/link of two names"), Hard("own/other name", "shared/two names")});
+        for (int link = 1; link <= MostLinks + 1; ++link)
+            fs::create_symlink(std::to_string(link - 1), directory / ("own/" + std::to_string(link)));
+        for (const char* name :
+             {"own/foreign", "foreign", "shared/foreign", "shared/of another", "shared/theirs"})
             ASSERT_EQ(lchown((directory / name).c_str(), Other, 0), 0);
         ASSERT_EQ(chown((directory / "own/of a group").c_str(), 0, Other), 0);
-        hasLists = GiveAccessList(directory / "own/listed", "access");
+        hasLists = GiveAccessList(directory / "own/listed", "access") &&
+                   GiveAccessList(directory / "listed", "access");
     }
 
-    // Why the file is refused, with paths below the directory; nothing if it isn't.
-    std::string Reason(const std::string& name) const
+    // Why what is used at the path is refused, with paths below the directory; nothing if it isn't.
+    template <class Use>
+    std::string Reason(const std::string& what, const std::string& name, Use use) const
     {
-        const auto error = CatchError([&] { Agent::RequireOwnFile("The job file", directory / name); });
-        if (!error)
-            return "";
-        const std::string text = error->GetMessage().Bytes();
-        const std::string front =
-            "The job file " + (directory / name) + " is refused: " + directory.Path() + "/";
-        EXPECT_TRUE(text.starts_with(front)) << text;
-        return text.substr(std::min(front.size(), text.size()));
+        const auto error = CatchError([&] { use(directory / name); });
+        const std::string text = error ? error->GetMessage().Bytes() : "";
+        const std::string front = what + " " + (directory / name) + " is refused: " + directory.Path() + "/";
+        return text.starts_with(front) ? text.substr(front.size()) : text;
+    }
+    std::string ReasonForFile(const std::string& name) const
+    {
+        return Reason("The job file", name,
+                      [](const auto& path) { Agent::RequireOwnFile("The job file", path); });
+    }
+    std::string ReasonForTarget(const std::string& name) const
+    {
+        return Reason("The target", name, [](const auto& path) {
+            Agent::Report report;
+            Agent::OpenTarget(path, Krt::File::YDirectory::OpenToSearch("/proc"), report);
+        });
     }
 
     TemporaryDirectory directory;
@@ -69,63 +88,86 @@ protected:
 
 TEST_F(FileGuard, RefusesWhatOthersCanChange)
 {
-    const std::string byOthers = " can be written to by others (mode ";
+    const std::string byOthers = " can be written to by others (mode ", isOpen = "open" + byOthers + "0777)";
     const std::string byAnother = " belongs to the user 1234", ofAnother = " is a link that" + byAnother;
-    const std::string missing = " doesn't exist, and others can write to its directory";
-    const std::pair<const char*, std::string> rows[] = {
-        {"own/file", ""},
-        {"own/of roots group", ""},
-        {"own/of others", "own/of others" + byOthers + "0666)"},
-        {"own/of a group", "own/of a group" + byOthers + "0664)"},
-        {"own/foreign", "own/foreign" + byAnother},
-        {"own/missing", ""},
-        {"own/missing/file", ""},
-        {"own/file/below", ""},
-        {"own/other name", ""},
-        {"open/file", "open" + byOthers + "0777)"},
-        {"open/../own/file", "open" + byOthers + "0777)"},
-        {"foreign/file", "foreign" + byAnother},
-        {"foreign/deep/file", "foreign" + byAnother},
-        {"shared/file", ""},
-        {"shared//./file", ""},
-        {"shared/foreign", "shared/foreign" + byAnother},
-        {"shared/two names", "shared/two names has further names, and others can write to its directory"},
-        {"shared/missing", "shared/missing" + missing},
-        {"shared/missing/file", "shared/missing" + missing},
-        {"shared/link", "shared/link has further names, and others can write to its directory"},
-        {"own/listed", hasLists ? "own/listed" + byOthers + "0764)" : ""},
-        {"own/link", ""},
-        {"own/through/file", "open" + byOthers + "0777)"},
-        {"own/through/../own/file", "open" + byOthers + "0777)"},
-        {"own/absolute", "shared/of another" + ofAnother},
-        {"shared/of another", "shared/of another" + ofAnother},
-        {"own/loop", ""},
+    const std::string others = ", and others can write to its directory", isLink = " is a link" + others;
+    const std::string missing = " doesn't exist" + others, names = " has further names" + others;
+    const std::string listed = "listed" + byOthers + "0764)", tooMany = " leads through too many links";
+    constexpr std::nullopt_t FilesOnly = std::nullopt;
+    const std::tuple<const char*, std::string, std::optional<std::string>> rows[] = {
+        {"own/file", "", FilesOnly},
+        {"own/file/below", "", FilesOnly},
+        {"own/of roots group", "", FilesOnly},
+        {"own/of others", "own/of others" + byOthers + "0666)", FilesOnly},
+        {"own/of a group", "own/of a group" + byOthers + "0664)", FilesOnly},
+        {"own/listed", hasLists ? "own/" + listed : "", FilesOnly},
+        {"own/foreign", "own/foreign" + byAnother, FilesOnly},
+        {"own/other name", "", FilesOnly},
+        {"own/missing", "", ""},
+        {"own/missing/file", "", ""},
+        {"own/link", "", FilesOnly},
+        {"own/through/file", isOpen, FilesOnly},
+        {"own/through/../own", isOpen, ""},
+        {"own/absolute", "shared/of another" + ofAnother, "shared/of another" + ofAnother},
+        {"own/loop", "own/loop" + tooMany, "own/loop" + tooMany},
+        {"own/40/new", "", ""},
+        {"own/41", "own/1" + tooMany, "own/1" + tooMany},
+        {"open/new", isOpen, ""},
+        {"open/../own", isOpen, ""},
+        {"open/link", isOpen, "open/link" + isLink},
+        {"listed/new", hasLists ? listed : "", ""},
+        {"listed/link", hasLists ? listed : "", hasLists ? "listed/link" + isLink : ""},
+        {"foreign/new", "foreign" + byAnother, ""},
+        {"foreign/deep/new", "foreign" + byAnother, ""},
+        {"foreign/link", "foreign" + byAnother, "foreign/link" + isLink},
+        {"shared//./file/.", "", FilesOnly},
+        {"shared/foreign", "shared/foreign" + byAnother, FilesOnly},
+        {"shared/theirs/new", "shared/theirs" + byAnother, "shared/theirs" + byAnother + others},
+        {"shared/two names", "shared/two names" + names, FilesOnly},
+        {"shared/missing", "shared/missing" + missing, ""},
+        {"shared/none/file", "shared/none" + missing, ""},
+        {"shared/own link/new", "", ""},
+        {"shared/link", "shared/link" + names, "shared/link" + names},
+        {"shared/of another", "shared/of another" + ofAnother, "shared/of another" + ofAnother},
     };
-    for (const auto& [name, reason] : rows)
-        EXPECT_EQ(Reason(name), reason) << name;
+    for (const auto& [name, forFile, forTarget] : rows)
+        EXPECT_EQ(ReasonForFile(name), forFile) << name;
+    for (const auto& [name, forFile, forTarget] : rows) {
+        if (!forTarget)
+            continue;
+        EXPECT_EQ(ReasonForTarget(name), *forTarget) << name;
+        EXPECT_TRUE(!forTarget->empty() || fs::is_directory(directory / name)) << name;
+    }
+    EXPECT_TRUE(ReasonForTarget("own/file").ends_with("Failed to open directory: file"));
     EXPECT_FALSE(CatchError([] { Agent::RequireOwnFile("", "/dev/null"); }));
+    const auto isRefusedHere = [] {
+        return CatchError([] { Agent::RequireOwnFile("", "file"); }).has_value();
+    };
     const fs::path before = fs::current_path();
     fs::current_path(directory / "foreign");
-    EXPECT_TRUE(CatchError([] { Agent::RequireOwnFile("", "file"); }));
-    // Where no path reaches, a file opens all the same.
+    EXPECT_TRUE(isRefusedHere());
+    // A path that is too long for one system call.
     fs::current_path(directory / "own");
     const std::string longName(250, 'n');
     for (int level = 0; level < 20; ++level) {
         fs::create_directory(longName);
         fs::current_path(longName);
     }
-    EXPECT_TRUE(CatchError([] { Agent::RequireOwnFile("", "file"); }));
+    EXPECT_FALSE(isRefusedHere());
+    chmod(".", 0777);
+    EXPECT_TRUE(isRefusedHere());
     fs::current_path(before);
 }
 
 TEST_F(FileGuard, OrdinaryUserIsSparedAnothersLinksAlone)
 {
     EXPECT_TRUE(HoldsAsOrdinaryUser([&] {
-        for (const char* name : {"own/file", "own/link", "open/file", "foreign/file", "shared/missing"}) {
-            if (!Reason(name).empty())
+        for (const char* name : {"own/file", "own/link", "open/file", "foreign/deep", "shared/missing"}) {
+            if (!ReasonForFile(name).empty())
                 return false;
         }
-        return !Reason("shared/of another").empty() && !Reason("own/absolute").empty();
+        return !ReasonForFile("shared/of another").empty() && !ReasonForFile("own/absolute").empty() &&
+               !ReasonForTarget("own/absolute").empty() && ReasonForTarget("open/link").empty();
     }));
 }
 

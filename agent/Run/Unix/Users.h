@@ -1,17 +1,19 @@
-// In what the systems differ as seen by the guards of files.
+// Differences between systems in the users that can act, and in access lists.
 #pragma once
 
-#include <string>
+#include "Krt/File/YDirectory.h"
+
 #include <sys/stat.h>
 
 namespace Agent {
 
-/// Whether other users than this one can act where this process runs. Not in a user namespace that knows one
-/// alone: what root may do there, its maker may do anyway.
+/// True if users other than this one can act where this process runs. False in a user namespace with one user
+/// only: the namespace's creator has the same rights without its root.
 bool AreThereOtherUsers();
 
-/// Whether an access list may let somebody write to the entry, whatever its mode says of the group. What
-/// can't be looked at counts as such.
-bool MayListLetWrite(const std::string& path, const struct stat& status);
+/// True if an access list may let other users write to the entry, whatever the group's bits of its mode
+/// allow. `name` is "." for the directory itself; no symlink is followed. True if the list cannot be read.
+bool MayListLetWrite(const Krt::File::YDirectory& directory, const Krt::YString& name,
+                     const struct stat& status);
 
 } // namespace Agent

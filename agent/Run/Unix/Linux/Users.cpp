@@ -16,12 +16,17 @@ bool AreThereOtherUsers()
     return users != 1;
 }
 
-// The group's bits of an entry with a list are the most that the list gives.
-bool MayListLetWrite(const std::string& path, const struct stat& status)
+// The group's bits of an entry with a list are the most that the list gives. The kernel's link to what a
+// descriptor holds leads to that and nowhere else, also for a directory that is open to search.
+bool MayListLetWrite(const Krt::File::YDirectory& directory, const Krt::YString& name,
+                     const struct stat& status)
 {
-    return (status.st_mode & S_IWGRP) != 0 &&
-           (lgetxattr(path.c_str(), "system.posix_acl_access", nullptr, 0) >= 0 ||
-            (errno != ENODATA && errno != ENOTSUP));
+    if ((status.st_mode & S_IWGRP) == 0)
+        return false;
+    const std::string path =
+        "/proc/self/fd/" + std::to_string(directory.GetHandle().Get()) + "/" + name.Bytes();
+    return lgetxattr(path.c_str(), "system.posix_acl_access", nullptr, 0) >= 0 ||
+           (errno != ENODATA && errno != ENOTSUP);
 }
 
 } // namespace Agent

@@ -1,6 +1,9 @@
 #include "agent/Run/Unix/Users.h"
 
+#include "Krt/Util/YUnxHandle.h"
+
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/acl.h>
 
 namespace Agent {
@@ -30,9 +33,15 @@ bool LetsWrite(acl_entry_t entry)
 
 } // namespace
 
-bool MayListLetWrite(const std::string& path, const struct stat&)
+bool MayListLetWrite(const Krt::File::YDirectory& directory, const Krt::YString& name, const struct stat&)
 {
-    const acl_t list = acl_get_link_np(path.c_str(), ACL_TYPE_EXTENDED);
+    const auto opened = Krt::Util::OwnAboveStandardStreams(Krt::Util::CallSystem([&] {
+        return openat(directory.GetHandle().Get(), name.CStr(),
+                      O_RDONLY | O_SYMLINK | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    }));
+    if (!opened)
+        return true;
+    const acl_t list = acl_get_fd_np(opened.value.Get(), ACL_TYPE_EXTENDED);
     if (list == nullptr)
         return errno != ENOENT && errno != ENOTSUP;
     bool lets = false;
