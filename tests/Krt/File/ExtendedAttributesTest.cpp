@@ -1,8 +1,8 @@
 #include "Krt/File/YDirectory.h"
 #include "Krt/File/YEntry.h"
 
+#include "testing/CallHook.h"
 #include "testing/Raises.h"
-#include "testing/ScriptedAttributes.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +14,8 @@ namespace {
 
 using namespace Krt::File;
 using Krt::YString;
-using Script = Testing::ScriptedAttributes;
+using Testing::CallHook;
+using Testing::HookedCall;
 
 std::string Text(Krt::Memory::YHeap<unsigned char> heap)
 {
@@ -60,13 +61,15 @@ TEST(ExtendedAttributes, GoByPathByFileAndByEntry)
 TEST(ExtendedAttributes, AskAgainForAListThatGrows)
 {
     std::size_t asked = 0;
-    const Script script([&] {
+    const CallHook hook([&](const HookedCall& call) {
+        if (call.function == "lgetxattr")
+            return CallHook::Give(call, call.attribute);
         // Outgrows the first buffer and then, between size and fetch, whatever was made ready for it.
         std::string names;
         for (std::size_t i = 0; i < std::min<std::size_t>(4000, 500 + 700 * asked); ++i)
             names += "user.attribute" + std::to_string(i) + '\0';
         ++asked;
-        return names;
+        CallHook::Give(call, names);
     });
     EXPECT_EQ(ListExtendedAttributes(YPath("/x")).size(), 4000u);
     asked = 0;
@@ -75,9 +78,13 @@ TEST(ExtendedAttributes, AskAgainForAListThatGrows)
 
 TEST(ExtendedAttributes, CostOneCallWhereThereAreNone)
 {
-    const Script script([] { return ""; });
+    int calls = 0;
+    const CallHook hook([&](const HookedCall& call) {
+        ++calls;
+        CallHook::Give(call, "");
+    });
     EXPECT_TRUE(GetExtendedAttributeMap(YPath("/x")).empty());
-    EXPECT_EQ(script.calls, 1);
+    EXPECT_EQ(calls, 1);
 }
 
 TEST(ExtendedAttributes, FailAsTheSystemDoes)
@@ -93,15 +100,13 @@ TEST(ExtendedAttributes, FailAsTheSystemDoes)
                 {"attribute listed but not given", 0, ENOTSUP, 0},
                 {"value forbidden", 0, EACCES, EACCES}};
     for (const auto& row : rows) {
-        Script script([] { return std::string("user.bad\0user.good\0", 19); });
-        if (row.listError != 0)
-            script.list = [&](char*, std::size_t) {
-                return Script::Fail(row.listError);
-            };
-        script.get = [&](const std::string& name, char* buffer, std::size_t size) {
-            return name == "user.bad" ? Script::Fail(row.valueError) : Script::Answer("good", buffer, size);
-        };
         ExtendedAttributeMap map;
+        const CallHook hook([&](const HookedCall& call) {
+            const bool isList = call.function == "llistxattr";
+            if (const int error = isList ? row.listError : call.attribute == "user.bad" ? row.valueError : 0)
+                return CallHook::Fail(error);
+            CallHook::Give(call, isList ? std::string("user.bad\0user.good\0", 19) : "good");
+        });
         EXPECT_EQ(Testing::OsErrorOf([&] { map = GetExtendedAttributeMap(YPath("/x")); }), row.raised)
             << row.name;
         EXPECT_EQ(map.size(), row.raised == 0 ? 1u : 0u) << row.name;

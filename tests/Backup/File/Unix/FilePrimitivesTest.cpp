@@ -1,9 +1,9 @@
 #include "Backup/File/Unix/File.h"
 
+#include "testing/CallHook.h"
 #include "testing/LogCapture.h"
 #include "testing/OrdinaryUser.h"
 #include "testing/Raises.h"
-#include "testing/ScriptedTransfers.h"
 
 #include <gtest/gtest.h>
 
@@ -13,24 +13,11 @@
 
 namespace {
 
-// While set, lstat() fails without saying why.
-bool g_statFailsSilently = false;
-
-} // namespace
-
-extern "C" [[gnu::visibility("default")]] int lstat(const char* path, struct stat* status) noexcept
-{
-    if (!g_statFailsSilently)
-        return fstatat(AT_FDCWD, path, status, AT_SYMLINK_NOFOLLOW);
-    errno = 0;
-    return -1;
-}
-
-namespace {
-
 using namespace Backup::File;
 using Krt::ErrorCode;
 using Krt::MessageType;
+using Testing::CallHook;
+using Testing::HookedCall;
 
 YPath At(const std::string& path)
 {
@@ -41,10 +28,10 @@ struct TransferRow
 {
     const char* name;
     int errnoBefore;
-    std::vector<Testing::ScriptedTransfers::Transfer> script;
-    std::vector<std::size_t> counts; // asked for, call by call
-    int raised;                      // 0: none
-    unsigned int read;               // what Read returns if it doesn't raise
+    std::vector<std::pair<long, int>> script; // results, and errors that are not 0
+    std::vector<std::size_t> counts;          // asked for, call by call
+    int raised;                               // 0: none
+    unsigned int read;                        // what Read returns if it doesn't raise
 };
 
 // Runs Write or Read over each row's script.
@@ -54,14 +41,21 @@ void RunTransfers(const std::vector<TransferRow>& rows, const std::string& told,
     const int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const TransferRow& row : rows) {
         SCOPED_TRACE(row.name);
-        const Testing::ScriptedTransfers script(fd, row.script);
+        std::vector<std::size_t> counts;
+        const CallHook hook([&](const HookedCall& transfer) {
+            if (transfer.descriptor != fd || (transfer.function != "read" && transfer.function != "write"))
+                return;
+            const auto& [transferred, failure] = row.script.at(counts.size());
+            counts.push_back(transfer.size);
+            CallHook::Return(transferred, failure == 0 ? std::nullopt : std::optional(failure));
+        });
         unsigned int result = 0;
         errno = row.errnoBefore;
         const auto error =
             Testing::CatchError([&] { result = call(fd, static_cast<unsigned int>(row.counts[0])); });
         EXPECT_EQ(error ? error->GetOsError() : 0, row.raised);
         EXPECT_EQ(error ? (error->GetFunction() + ": " + error->GetMessage()).Bytes() : told, told);
-        EXPECT_EQ(script.counts, row.counts);
+        EXPECT_EQ(counts, row.counts);
         EXPECT_EQ(result, row.read);
     }
     close(fd);
@@ -144,9 +138,13 @@ TEST(FilePrimitives, DescribeTheEntryItself)
     EXPECT_FALSE(DoesDirExist(At(directory / "missing")));
     EXPECT_RAISES_OS(StatFile(At(directory / "missing"), &status), MessageType::FileStat, ENOENT, "StatFile",
                      "Failed to stat file: " + directory / "missing");
-    g_statFailsSilently = true;
-    const auto silent = Testing::CatchError([&] { StatFile(file, &status); });
-    g_statFailsSilently = false;
+    const auto silent = Testing::CatchError([&] {
+        const CallHook hook([](const HookedCall& call) {
+            if (call.function == "lstat")
+                CallHook::Fail(0);
+        });
+        StatFile(file, &status);
+    });
     ASSERT_TRUE(silent.has_value()) << "a failure without a number is one";
     EXPECT_EQ(silent->GetOsError(), 0);
     const Testing::LogCapture log({"FileInfo"});
