@@ -10,13 +10,11 @@ command -v include-what-you-use >/dev/null || { echo "include-what-you-use is mi
 # callers on purpose.
 kept=$(sed 's/ *\(#.*\)*$//' <<'END'
 Backup/File/Unix/File.h <sys/stat.h>                        # struct stat for StatFile's callers
-Backup/Volume/Unix/YVolumeManager.h "Krt/File/PathHash.h"   # the map's hash
 Krt/Exception/Raise.h "Krt/Exception/YError.h"              # the statements' macros
 Krt/Exception/Raise.h <utility>                             # the statements' macros
 Krt/Exception/YError.h "Krt/Log/MessageType.h"              # what GetMessageType is compared with
-Krt/File/OpenFile.h "Krt/File/File.h"                       # handles and results of callers
-Krt/File/YDirectory.h "Krt/File/OpenFile.h"                 # operations on GetHandle
-Krt/File/YEntry.h "Krt/File/OpenFile.h"                     # KeepOwner
+Krt/File/YDirectory.h "Krt/File/File.h"                     # operations on GetHandle
+Krt/File/YEntry.h "Krt/File/File.h"                         # KeepOwner
 Krt/JSON/Members.h <type_traits>
 Krt/KrtFoundation/boostapi.h "Krt/Exception/YError.h"       # what callers catch
 Krt/Log/LogSite.h "Krt/Log/LogPrefix.h"                     # the statement's macros
@@ -25,8 +23,6 @@ Krt/Memory/YHeap.h <type_traits>
 Krt/Memory/YHeap.h <utility>
 Krt/Signal/YSignal.h <memory>
 Krt/Signal/YSignal.h "Krt/KrtFoundation/boostapi.h"
-Krt/Signal/YSignal.h "Krt/Signal/Context.h"
-Krt/Signal/YSignal.h "Krt/Signal/YSignal.inl"
 Krt/Time/YDuration.h <chrono>
 Krt/Time/YDuration.h <compare>
 Krt/Type/YAny.h <utility>

@@ -5,7 +5,7 @@
 #include "testing/StoreFiles.h"
 #include "testing/TemporaryDirectory.h"
 
-#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <fcntl.h>
 

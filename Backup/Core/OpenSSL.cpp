@@ -4,9 +4,9 @@
 #include "Backup/Core/OpenSSL/Verify.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/File/OpenFile.h"
+#include "Krt/File/File.h"
 #include "Krt/KrtFoundation/boostapi.h"
-#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <openssl/rand.h>
 #include <openssl/ssl.h>

@@ -5,7 +5,7 @@
 #include "Backup/File/Unix/YFile.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/File/FileType.h"
+#include "Krt/File/File.h"
 #include "Krt/JSON/Members.h"
 #include "Krt/KrtFoundation/boostapi.h"
 #include "Krt/Log/LogSite.h"

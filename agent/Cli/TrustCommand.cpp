@@ -6,6 +6,8 @@
 
 #include "Backup/Core/OpenSSL.h"
 
+#include "Krt/String/Ascii.h"
+
 #include <CLI/CLI.hpp>
 
 namespace Agent {
@@ -93,8 +95,7 @@ void TrustCommand::CheckUsage() const
         throw UsageError("Name a server or, with --cert, a certificate");
     if (servers == 0 && m_name->count() == 0)
         throw UsageError("--cert needs --name: the name by which the server is reached");
-    constexpr std::string_view Digits = "0123456789abcdefABCDEF";
-    if (!m_pin.empty() && (m_pin.size() != 64 || m_pin.find_first_not_of(Digits) != std::string::npos))
+    if (!m_pin.empty() && (m_pin.size() != 64 || m_pin.find_first_not_of(Krt::String::AnyHexDigits) != std::string::npos))
         throw UsageError("--pin takes 64 hexadecimal digits");
 }
 

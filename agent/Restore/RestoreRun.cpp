@@ -7,8 +7,8 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/Status.h"
-#include "Krt/Util/OpenHandle.h"
 #include "Krt/Util/YScope.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <cerrno>
 

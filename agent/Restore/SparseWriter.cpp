@@ -1,6 +1,6 @@
 #include "agent/Restore/SparseWriter.h"
 
-#include "Krt/File/OpenFile.h"
+#include "Krt/File/File.h"
 
 #include <algorithm>
 #include <cstring>

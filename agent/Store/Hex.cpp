@@ -2,11 +2,13 @@
 
 #include "Backup/Core/OpenSSL.h"
 
+#include "Krt/String/Ascii.h"
+
 namespace Agent {
 
 char* WriteHex(const unsigned char* bytes, std::size_t size, char* out)
 {
-    static constexpr char Digits[] = "0123456789abcdef";
+    constexpr std::string_view Digits = Krt::String::HexDigits;
     for (std::size_t i = 0; i < size; ++i) {
         *out++ = Digits[bytes[i] >> 4];
         *out++ = Digits[bytes[i] & 15];

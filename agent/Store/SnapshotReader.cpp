@@ -1,7 +1,7 @@
 #include "agent/Store/SnapshotReader.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/File/OpenFile.h"
+#include "Krt/File/File.h"
 
 #include <algorithm>
 

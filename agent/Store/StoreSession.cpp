@@ -5,7 +5,7 @@
 #include "agent/Store/RunLock.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <string>
 

@@ -6,9 +6,9 @@
 #include "agent/Walk/JobCheck.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/File/OpenFile.h"
+#include "Krt/File/File.h"
 #include "Krt/JSON/YValue.h"
-#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <cstdlib>
 #include <fcntl.h>

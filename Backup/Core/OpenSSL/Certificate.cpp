@@ -1,5 +1,7 @@
 #include "Backup/Core/OpenSSL/Certificate.h"
 
+#include "Krt/String/Ascii.h"
+
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 
@@ -39,12 +41,8 @@ std::optional<long long> Seconds(const ASN1_TIME* time)
 
 YString HexText(const KeyHash& hash)
 {
-    static constexpr char Digits[] = "0123456789abcdef";
     std::string text;
-    for (const unsigned char byte : hash) {
-        text += Digits[byte >> 4];
-        text += Digits[byte & 15];
-    }
+    Krt::String::AppendHex(text, hash);
     return YString(std::move(text));
 }
 

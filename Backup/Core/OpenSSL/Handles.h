@@ -4,6 +4,7 @@
 /// Owning pointers for OpenSSL objects, and error handling.
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/Memory/Freer.h"
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -15,16 +16,7 @@
 
 namespace Backup::OpenSSL {
 
-/// Deletes an object with an OpenSSL function.
-template <auto Free>
-struct Freer
-{
-    template <class T>
-    void operator()(T* object) const
-    {
-        Free(object);
-    }
-};
+using Krt::Memory::Freer;
 
 struct BytesFreer // OPENSSL_free is a macro
 {

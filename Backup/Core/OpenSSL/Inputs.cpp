@@ -1,5 +1,7 @@
 #include "Backup/Core/OpenSSL/Inputs.h"
 
+#include "Krt/String/Ascii.h"
+
 #include <openssl/pem.h>
 
 #include <algorithm>
@@ -11,11 +13,11 @@ namespace Backup::OpenSSL {
 using Krt::MessageType;
 using Krt::YString;
 using Krt::File::YPath;
+using Krt::String::AnyHexDigits;
 
 namespace {
 
 constexpr std::string_view Digits = "0123456789";
-constexpr std::string_view HexDigits = "0123456789abcdefABCDEF";
 
 std::string AddressBytes(const std::string& text)
 {
@@ -43,7 +45,7 @@ std::optional<ServerName> ParseIpv6(std::string_view text)
 {
     // The zone is this machine's name of an interface, which no certificate contains.
     const std::string address(text.substr(0, text.find('%')));
-    if (address.find_first_not_of(std::string(HexDigits) + ":.") != std::string::npos)
+    if (address.find_first_not_of(std::string(AnyHexDigits) + ":.") != std::string::npos)
         return std::nullopt;
     const std::string bytes = AddressBytes(address);
     return bytes.size() == 16 ? std::optional(ServerName{"", bytes}) : std::nullopt;
@@ -59,7 +61,7 @@ bool IsLabel(std::string_view label)
 bool IsNumber(std::string_view label)
 {
     const bool isHex = label.starts_with("0x") || label.starts_with("0X");
-    return (isHex ? label.find_first_not_of(HexDigits, 2) : label.find_first_not_of(Digits)) ==
+    return (isHex ? label.find_first_not_of(AnyHexDigits, 2) : label.find_first_not_of(Digits)) ==
            std::string_view::npos;
 }
 

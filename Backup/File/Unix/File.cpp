@@ -4,7 +4,6 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/File.h"
-#include "Krt/File/FileType.h"
 #include "Krt/Log/LogSite.h"
 #include "Krt/Profile/YProfile.h"
 #include "Krt/Thread/YMutex.h"

@@ -2,7 +2,7 @@
 
 #include "Backup/File/Unix/IFileIo.h"
 
-#include "Krt/File/FileType.h"
+#include "Krt/File/File.h"
 #include "Krt/File/YEntry.h"
 #include "Krt/Log/YStream.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Backup/Volume/Unix/Util.h"
-#include "Krt/File/PathHash.h"
+#include "Krt/File/YPath.h"
 #include "Krt/Volume/MountTable.h"
 
 #include <boost/unordered_map.hpp>

@@ -2,7 +2,7 @@
 
 #include "Backup/Export.h"
 #include "Backup/Volume/Unix/YVolume.h"
-#include "Krt/File/PathHash.h"
+#include "Krt/File/YPath.h"
 #include "Krt/Thread/YMutex.h"
 
 #include <boost/shared_ptr.hpp>

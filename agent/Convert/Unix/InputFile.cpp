@@ -3,7 +3,7 @@
 #include "agent/Run/Interrupt.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,6 +1,6 @@
 #include "agent/Restore/Staging.h"
 
-#include "Krt/File/OpenFile.h"
+#include "Krt/File/File.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

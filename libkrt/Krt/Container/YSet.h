@@ -3,7 +3,6 @@
 #include "Krt/Signal/YSignal.h"
 #include "Krt/Thread/ThreadSafety.h"
 
-#include <condition_variable>
 #include <set>
 
 namespace Krt::Container {
@@ -25,10 +24,6 @@ public:
     unsigned long Size() const;
     /// Returns a copy of the content.
     std::set<T> Values() const;
-    /// Waits until the number of the last change is above `seen`, and returns that number.
-    unsigned long long WaitForChange(unsigned long long seen) const;
-    /// The number of the last change; 0 before the first one.
-    unsigned long long ChangeCount() const;
     /// Fired after each change, without a lock held.
     Signal::YSignal<void()>& OnChanged() { return m_changed; }
 
@@ -37,9 +32,7 @@ private:
     auto Apply(Change change);
 
     mutable Thread::AnnotatedMutex m_mutex;
-    mutable std::condition_variable m_condition;
     std::set<T> m_values KRT_GUARDED_BY(m_mutex);
-    unsigned long long m_changes KRT_GUARDED_BY(m_mutex) = 0;
     Signal::YSignal<void()> m_changed;
 };
 
@@ -49,9 +42,7 @@ auto YSet<T>::Apply(Change change)
 {
     Thread::AnnotatedLock lock(m_mutex);
     auto result = change(m_values);
-    ++m_changes;
     lock.Unlock();
-    m_condition.notify_all();
     m_changed();
     return result;
 }
@@ -90,24 +81,6 @@ std::set<T> YSet<T>::Values() const
 {
     const Thread::AnnotatedLock lock(m_mutex);
     return m_values;
-}
-
-template <class T>
-unsigned long long YSet<T>::ChangeCount() const
-{
-    const Thread::AnnotatedLock lock(m_mutex);
-    return m_changes;
-}
-
-template <class T>
-unsigned long long YSet<T>::WaitForChange(unsigned long long seen) const
-{
-    Thread::AnnotatedLock lock(m_mutex);
-    lock.Wait(m_condition, [&] {
-        m_mutex.AssertHeld();
-        return m_changes > seen;
-    });
-    return m_changes;
 }
 
 } // namespace Krt::Container

@@ -1,13 +1,16 @@
 #pragma once
 
 /// @file
-/// File operations by path. A symlink as the last component is not followed, except where noted. All raise
-/// the operating system's error (channel General) and retry on EINTR. See OpenFile.h for open descriptors,
-/// and YDirectory.h for the entries of an open directory.
+/// File operations by path and on an open descriptor. By path, a symlink as the last component is not
+/// followed, except where noted. On a descriptor, they do not depend on the path. All raise the operating
+/// system's error (channel General) and retry on EINTR. See YDirectory.h for the entries of an open directory,
+/// and YEntry.h for owner, mode, times and attributes.
 
 #include "Krt/File/YPath.h"
 #include "Krt/Memory/YHeap.h"
 #include "Krt/Util/YUnxHandle.h"
+
+#include <sys/stat.h>
 
 #include <list>
 #include <map>
@@ -69,5 +72,37 @@ KRT_API ExtendedAttributeMap GetExtendedAttributeMap(const YPath& path);
 /// replaces.
 KRT_API void AddExtendedAttribute(const YPath& path, const YString& name, const void* data, unsigned int size,
                                   unsigned int flags);
+
+/// An owner or group that is not changed.
+constexpr unsigned int KeepOwner = 0xFFFFFFFF;
+
+/// Returns the status as fstat does.
+KRT_API struct stat Stat(const Util::YUnxHandle& handle);
+/// Truncates the file to `size` bytes, or extends it by a hole.
+KRT_API void SetSize(const Util::YUnxHandle& handle, unsigned long long size);
+/// Returns when the content is durable.
+KRT_API void Sync(const Util::YUnxHandle& handle);
+
+/// Returns the bytes of a file of any type that was just opened. The error is EFBIG if there are more than
+/// `limit` bytes. Raises only InvalidState, for an empty handle.
+KRT_API Util::OsResult<std::string> ReadWholeFile(const Util::YUnxHandle& handle, std::size_t limit);
+
+/// Removes the access control list, whose rights for single users and groups extend the mode, and a
+/// directory's default list, which new entries inherit.
+KRT_API void RemoveAccessLists(const Util::YUnxHandle& handle);
+
+/// The directory of temporary files.
+constexpr unsigned int TemporaryFiles = 5;
+
+/// Returns the directory, which need not exist. For TemporaryFiles it is $TMPDIR if that is absolute and
+/// the process is not privilege-raised, otherwise /tmp. Raises InvalidArgument for another number.
+KRT_API YPath GetPathMap(unsigned int index);
+
+/// The type of a file in the mode word of its status (st_mode of POSIX's sys/stat.h). The values are fixed,
+/// since records carry the word between systems.
+constexpr unsigned int FileTypeMask = 0xF000;         ///< bits of the type
+constexpr unsigned int FileTypeDirectory = 0x4000;    ///< S_IFDIR
+constexpr unsigned int FileTypeRegular = 0x8000;      ///< S_IFREG
+constexpr unsigned int FileTypeSymbolicLink = 0xA000; ///< S_IFLNK
 
 } // namespace Krt::File

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Krt/File/OpenFile.h"
+#include "Krt/File/File.h"
 
 #include <functional>
 #include <span>
@@ -33,7 +33,7 @@ public:
     /// followed.
     static YDirectory OpenToSearch(const YPath& path);
 
-    /// The handle, owned by this object, for the operations of OpenFile.h on the directory itself.
+    /// The handle, owned by this object, for the operations of File.h on the directory itself.
     const Util::YUnxHandle& GetHandle() const { return m_handle; }
 
     /// Opens the child directory of this name for listing and searching.

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Krt/File/OpenFile.h"
+#include "Krt/File/File.h"
 
 namespace Krt::File {
 

@@ -125,4 +125,10 @@ KRT_API std::list<YString> YPath::SplitRelativePath<std::list<YString>>(const YS
 template <>
 KRT_API std::vector<YString> YPath::SplitRelativePath<std::vector<YString>>(const YString& path);
 
+/// Hashes the bytes of the text, so that equal paths have equal hashes. boost::hash calls it.
+inline std::size_t hash_value(const YPath& path)
+{
+    return std::hash<std::string>()(path.Bytes());
+}
+
 } // namespace Krt::File

@@ -1,6 +1,7 @@
 #include "Krt/JSON/TextBuffer.h"
 #include "Krt/JSON/YTextWriter.h"
 #include "Krt/JSON/YValue.h"
+#include "Krt/String/Ascii.h"
 
 #include <boost/container/small_vector.hpp>
 
@@ -108,7 +109,6 @@ constexpr std::size_t EscapeSize = 6;
 char* WriteEscaped(char* out, unsigned char byte)
 {
     static constexpr char Letters[] = {'b', 't', 'n', 0, 'f', 'r'}; // for 0x08 to 0x0D
-    static constexpr char Digits[] = "0123456789abcdef";
     if (byte >= 0x80) {
         *out++ = '\xEE';
         *out++ = static_cast<char>(0xBC | byte >> 6);
@@ -121,7 +121,8 @@ char* WriteEscaped(char* out, unsigned char byte)
     } else if (IsBetween(byte, 0x08, 0x0D) && byte != 0x0B) {
         *out++ = Letters[byte - 0x08];
     } else {
-        for (const char character : {'u', '0', '0', Digits[byte >> 4], Digits[byte & 0x0F]})
+        for (const char character :
+             {'u', '0', '0', String::HexDigits[byte >> 4], String::HexDigits[byte & 0x0F]})
             *out++ = character;
     }
     return out;

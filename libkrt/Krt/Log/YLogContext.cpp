@@ -1,5 +1,6 @@
 #include "Krt/Log/YLogContext.h"
 
+#include "Krt/Log/LogSite.h"
 #include "Krt/Log/YLog.h"
 
 #include <memory>
@@ -60,6 +61,22 @@ void YLogContext::FlushInternal()
     const YString message{std::string_view(text)};
     m_log->Write(SetType(MessageType::General), message);
     m_signal(message);
+}
+
+YLogLine::YLogLine(unsigned int type)
+    : m_context(YLogContext::OfThread(*GetGlobalLogger())), m_outer(m_context.ExchangeText(std::string())),
+      m_outerType(m_context.SetType(type))
+{}
+
+YLogLine::~YLogLine()
+{
+    m_context.ExchangeText(std::move(m_outer));
+    m_context.SetType(m_outerType);
+}
+
+YStream& YLogLine::Stream()
+{
+    return m_context;
 }
 
 } // namespace Krt::Log

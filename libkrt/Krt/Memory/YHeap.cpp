@@ -31,4 +31,7 @@ template class YHeap<unsigned char>;
 template class YHeap<char>;
 template class YHeap<wchar_t>;
 
+// Weak, so that no compiler may assume at the calls that nothing happens here: a program may define the hook.
+[[gnu::weak]] void ReportHeapResize(unsigned long long, unsigned long long) {}
+
 } // namespace Krt::Memory

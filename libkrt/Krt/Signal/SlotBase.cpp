@@ -1,7 +1,8 @@
 #include "Krt/Signal/SlotBase.h"
 
-#include "Krt/Signal/Context.h"
 #include "Krt/Thread/Thread.h"
+
+#include <boost/make_shared.hpp>
 
 namespace Krt::Signal {
 
@@ -38,6 +39,38 @@ SlotExecution::~SlotExecution()
     m_lock = Context::GetMutex();
     m_slot.DecExecuter();
     pthread_cond_broadcast(Context::GetCondition());
+}
+
+namespace {
+
+struct Shared
+{
+    const boost::shared_ptr<Thread::YMutexInternal> mutex = boost::make_shared<Thread::YMutexInternal>(0);
+    pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+};
+
+// Never destroyed: signals of static storage fire and disconnect until the very end of the process.
+Shared& GetShared()
+{
+    static Shared* const shared = new Shared;
+    return *shared;
+}
+
+} // namespace
+
+Thread::YMutex::YLock Context::GetMutex()
+{
+    return Thread::YMutex::YLock(GetShared().mutex);
+}
+
+pthread_cond_t* Context::GetCondition()
+{
+    return &GetShared().condition;
+}
+
+void Context::Wait()
+{
+    GetShared().mutex->Wait(GetCondition());
 }
 
 } // namespace Krt::Signal

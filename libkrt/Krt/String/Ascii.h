@@ -4,9 +4,25 @@
 /// Letter case of ASCII letters only, independent of the locale.
 
 #include <algorithm>
+#include <string>
 #include <string_view>
 
 namespace Krt::String {
+
+/// The digits of a hexadecimal number, by value.
+inline constexpr std::string_view HexDigits = "0123456789abcdef";
+/// Every character of a hexadecimal number, in either case.
+inline constexpr std::string_view AnyHexDigits = "0123456789abcdefABCDEF";
+
+/// Appends the bytes as two digits each.
+template <class Bytes>
+void AppendHex(std::string& text, const Bytes& bytes)
+{
+    for (const unsigned char byte : bytes) {
+        text += HexDigits[byte >> 4];
+        text += HexDigits[byte & 15];
+    }
+}
 
 /// Returns the lower-case letter; other bytes unchanged.
 constexpr char ToLower(char byte)

@@ -1,9 +1,12 @@
 #include "Krt/Thread/YThreadBase.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/KrtFoundation/boostapi.h"
+#include "Krt/Log/MessageType.h"
 #include "Krt/Thread/Thread.h"
 #include "Krt/Thread/ThreadSafety.h"
 #include "Krt/Thread/Unix/NativeThread.h"
+#include "Krt/Thread/YCancellationScope.h"
 
 #include <pthread.h>
 
@@ -158,6 +161,45 @@ void YThreadBase::PushRunnable(IRunnable* runnable)
 void YThreadBase::PopRunnable(IRunnable* runnable)
 {
     m_impl->Pop(runnable);
+}
+
+IRunnable::IRunnable(boost::function<void()> function, YString name)
+    : m_function(std::move(function)), m_name(std::move(name))
+{}
+
+// The error is written on a failure alone, so that a cancellation costs no more than the call.
+void IRunnable::Run()
+{
+    if (m_function.empty())
+        return;
+    try {
+        CallFunction(m_function);
+    } catch (const Exception::YError& error) {
+        m_error = error;
+    } catch (const std::exception& failure) {
+        m_error = Exception::TranslateYError(failure, MessageType::General, __LINE__,
+                                             "Krt/Thread/YThreadBase", __func__, YString());
+    }
+}
+
+YCancellationScope::YCancellationScope()
+    : m_thread(GetThread()),
+      m_runnable(m_thread ? boost::function<void()>([this] { Cancel(); }) : boost::function<void()>(),
+                 YString())
+{
+    if (m_thread)
+        m_thread->PushRunnable(&m_runnable);
+}
+
+YCancellationScope::~YCancellationScope()
+{
+    if (m_thread)
+        m_thread->PopRunnable(&m_runnable);
+}
+
+void YCancellationScope::Cancel()
+{
+    m_cancelled.store(true);
 }
 
 } // namespace Krt::Thread

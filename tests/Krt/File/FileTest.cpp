@@ -1,6 +1,5 @@
 #include "Krt/File/File.h"
 
-#include "Krt/File/OpenFile.h"
 #include "testing/OrdinaryUser.h"
 #include "testing/Raises.h"
 #include "testing/TemporaryDirectory.h"

@@ -1,7 +1,7 @@
 // The text file object, and the directory in which temporary ones are made.
 #include "Krt/File/YFile.h"
 
-#include "Krt/File/PathMap.h"
+#include "Krt/File/File.h"
 
 #include "testing/FileSizeLimit.h"
 #include "testing/Raises.h"

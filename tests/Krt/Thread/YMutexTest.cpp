@@ -2,7 +2,7 @@
 
 #include "testing/OnThreads.h"
 
-#include "Krt/Signal/Context.h"
+#include "Krt/Signal/SlotBase.h"
 #include "Krt/Thread/SpinLock.h"
 
 #include <boost/make_shared.hpp>

@@ -1,8 +1,8 @@
 #include "Krt/Thread/YThreadBase.h"
+#include "Krt/Thread/YCancellationScope.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/Thread/Thread.h"
-#include "Krt/Thread/YCancellationScope.h"
 
 #include <gtest/gtest.h>
 

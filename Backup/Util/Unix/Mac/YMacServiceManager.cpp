@@ -3,7 +3,6 @@
 #include "Krt/Environment/Process.h"
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/File.h"
-#include "Krt/File/PathMap.h"
 #include "Krt/File/YFile.h"
 #include "Krt/Type/YUuid.h"
 #include "Krt/Util/Quotify.h"

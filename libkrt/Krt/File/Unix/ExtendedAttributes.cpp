@@ -1,6 +1,6 @@
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/Arguments.h"
-#include "Krt/File/Unix/AttributeTarget.h"
+#include "Krt/File/Unix/Platform.h"
 #include "Krt/File/YDirectory.h"
 #include "Krt/File/YEntry.h"
 

@@ -2,8 +2,8 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/Arguments.h"
-#include "Krt/File/Unix/Directories.h"
-#include "Krt/Util/OpenHandle.h"
+#include "Krt/File/Unix/Platform.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -2,7 +2,7 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/File.h"
-#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/YUnxHandle.h"
 
 namespace Krt::File {
 

@@ -2,10 +2,8 @@
 
 #include "Krt/Environment/Process.h"
 #include "Krt/Exception/Raise.h"
-#include "Krt/File/OpenFile.h"
-#include "Krt/Profile/Unix/FileStamp.h"
-#include "Krt/Profile/Unix/Platform.h"
-#include "Krt/Util/OpenHandle.h"
+#include "Krt/File/File.h"
+#include "Krt/File/Unix/Status.h"
 
 #include <boost/make_shared.hpp>
 #include <boost/property_tree/ini_parser.hpp>
@@ -13,6 +11,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <mutex>
 #include <sstream>
@@ -20,6 +20,38 @@
 namespace Krt::Profile {
 
 namespace {
+
+long long Nanoseconds(const timespec& time)
+{
+    return time.tv_sec * 1'000'000'000LL + time.tv_nsec;
+}
+
+// What distinguishes the states of a file: which file it is, its size and its times.
+class FileStamp
+{
+public:
+    FileStamp() = default;
+    explicit FileStamp(const struct stat& status)
+        : m_file(status), m_size(status.st_size), m_modified(Nanoseconds(File::WriteTime(status))),
+          m_changed(Nanoseconds(File::ChangeTime(status)))
+    {}
+
+    // Returns true if the times are at least two seconds past. A younger file could change again within the
+    // resolution of its file system's clock, and keep its stamp.
+    bool IsSettled() const
+    {
+        using namespace std::chrono;
+        const long long now = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
+        return std::max(m_modified, m_changed) <= now - nanoseconds(2s).count();
+    }
+    friend bool operator==(const FileStamp&, const FileStamp&) = default;
+
+private:
+    File::FileId m_file;
+    off_t m_size = 0;
+    long long m_modified = 0; // nanoseconds since 1970
+    long long m_changed = 0;
+};
 
 // What the last parse gave, and of which file in which state. A state that the times can't tell from a later
 // one is not kept.
@@ -40,7 +72,7 @@ Cache& TheCache()
 const char* Path()
 {
     const char* const named = Environment::IsPrivilegeRaised() ? nullptr : std::getenv("KBAGENT_CONFIG");
-    return named != nullptr && *named != '\0' ? named : SystemPath();
+    return named != nullptr && *named != '\0' ? named : KRT_SYSTEM_CONFIGURATION;
 }
 
 [[noreturn]] void RaiseUnreadable(int error, const std::string& path)
@@ -127,12 +159,13 @@ boost::shared_ptr<YProfile> OpenSystem()
 {
     const std::string path = Path();
     // Asked for each file that a walk captures, and most systems have no such file: one look, and no lock.
-    const auto stamp = FileStamp::Of(path.c_str());
-    if (stamp.error == ENOENT)
+    struct stat status;
+    const int error = Util::CallSystem([&] { return stat(path.c_str(), &status); }).error;
+    if (error == ENOENT)
         return EmptyProfile();
     Cache& cache = TheCache();
     const std::lock_guard lock(cache.mutex);
-    if (stamp && cache.profile != nullptr && cache.path == path && stamp.value == cache.stamp)
+    if (error == 0 && cache.profile != nullptr && cache.path == path && FileStamp(status) == cache.stamp)
         return cache.profile;
     return Load(cache, path);
 }

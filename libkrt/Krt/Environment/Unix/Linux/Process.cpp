@@ -2,7 +2,7 @@
 
 #include "Krt/Environment/Unix/Platform.h"
 #include "Krt/File/YDirectory.h"
-#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <fcntl.h>
 #include <sys/auxv.h>

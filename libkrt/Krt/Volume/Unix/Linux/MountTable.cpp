@@ -1,6 +1,6 @@
 #include "Krt/Volume/MountTable.h"
 
-#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <algorithm>
 #include <array>
