@@ -4,7 +4,6 @@
 #pragma once
 
 #include "agent/Backup/HardLinks.h"
-#include "agent/Run/EntryCounts.h"
 #include "agent/Run/Report.h"
 #include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotWriter.h"

@@ -1,7 +1,6 @@
 #include "agent/Cli/Command.h"
 
 #include "agent/Backup/BackupRun.h"
-#include "agent/Run/Configuration.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 #include "agent/Walk/Roots.h"

@@ -4,6 +4,7 @@
 
 #include "agent/Run/Report.h"
 
+#include <initializer_list>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -54,5 +55,10 @@ std::vector<std::string> PathsOf(const CLI::Option* option);
 /// The program's arguments as the parser is to see them: the last comes first, and none is taken for a list.
 /// Raises a UsageError for an empty one: what a script's unset variable leaves must not stand for "all".
 std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv);
+
+/// Raises InvalidArgument, with file, key and value in the text, for a key of the section "configuration"
+/// that is neither true nor false, and as Krt::Profile::OpenSystem does. A command calls it before
+/// it begins, so that what the reading of each file would raise is raised once.
+void RequireSwitches(std::initializer_list<const char*> keys);
 
 } // namespace Agent

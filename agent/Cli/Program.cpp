@@ -1,16 +1,17 @@
 #include "agent/Cli/Program.h"
 
 #include "agent/Cli/Command.h"
-#include "agent/Cli/LogOptions.h"
 #include "agent/Run/FileGuard.h"
 #include "agent/Run/Interrupt.h"
-#include "agent/Run/StandardStreams.h"
+#include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
 #include "agent/Store/StoreSession.h"
 
 #include "Backup/Core/YGlobal.h"
+#include "Backup/Util/Util.h"
 
 #include "Krt/Log/LogSite.h"
+#include "Krt/Log/YLog.h"
 #include "Krt/Profile/YProfile.h"
 #include "Krt/Util/Quotify.h"
 #include "Krt/Util/YScope.h"
@@ -20,8 +21,11 @@
 #include <csignal>
 #include <cstdio>
 #include <new>
+#include <string>
 
 namespace Agent {
+
+using Krt::YString;
 
 namespace {
 
@@ -40,6 +44,48 @@ constexpr std::unique_ptr<ICommand> (*Makers[])() = {
     MakeBackupCommand, MakeRestoreCommand, MakeListCommand,   MakeVolumesCommand, MakeServiceCommand,
     MakeTrustCommand,  MakeConvertCommand, MakeRenameCommand, MakeImportCommand,
 };
+
+// --log FILE and --debug CHANNELS, which precede the command.
+class LogOptions
+{
+public:
+    // Adds the options, which are stored in this object.
+    void Register(CLI::App& program);
+    // Opens the process's log if one is wanted, for as long as the process runs. The global object is
+    // initialised already. Raises what RequireOwnLog and opening a log raise.
+    void Open() const;
+
+private:
+    std::string m_path;
+    std::string m_channels = "General";
+};
+
+void LogOptions::Register(CLI::App& program)
+{
+    CLI::Option* const log =
+        program
+            .add_option("--log", m_path,
+                        "Append a log to FILE, which may contain macros such as ${serviceName}")
+            ->type_name("FILE");
+    program
+        .add_option(
+            "--debug", m_channels,
+            "The log's channels, separated by commas; debugOutput in the configuration takes precedence")
+        ->type_name("CHANNELS")
+        ->capture_default_str()
+        ->needs(log);
+}
+
+void LogOptions::Open() const
+{
+    if (m_path.empty())
+        return;
+    const Krt::File::YPath path = Backup::Util::ExpandMacros(YString(std::string_view(m_path)));
+    RequireOwnLog(path.Bytes());
+    RequireSwitches({"consoleOutput"});
+    Krt::Log::InstallGlobalLogger();
+    Backup::Util::OpenOrReopenLog(path, YString(std::string_view(m_channels)));
+}
 
 struct Registered
 {
@@ -122,7 +168,7 @@ std::string CommandLine(int argc, char** argv)
             line += " " + argument;
             continue;
         }
-        line += " " + Krt::Util::QuotifyEx(Krt::YString(argument), '\'').Bytes();
+        line += " " + Krt::Util::QuotifyEx(YString(argument), '\'').Bytes();
     }
     return line;
 }
@@ -143,8 +189,8 @@ int RunCommand(int argc, char** argv, Report& report)
             command.Run(report);
         }
     } catch (const UsageError& error) {
-        report.Error(Krt::YString(error.what()));
-        report.Note(Krt::YString("Run '" + NameOf(program) + " --help' for more information."));
+        report.Error(YString(error.what()));
+        report.Note(YString("Run '" + NameOf(program) + " --help' for more information."));
         return WrongUsage;
     }
     report.Out().Flush();
@@ -163,13 +209,13 @@ int RunAndTell(int argc, char** argv, Report& report)
     } catch (const OutputError& error) {
         if (error.IsPipeClosed())
             return EndedBySignal + SIGPIPE;
-        report.Error(Krt::YString(error.what()));
+        report.Error(YString(error.what()));
     } catch (const StoreError& error) {
         report.Error((IsInterrupted() ? "" : "The store can't be written: ") + ReasonOf(error.GetCause()));
     } catch (const Krt::Exception::YError& error) {
         report.Error(ReasonOf(error));
     } catch (const std::exception& error) {
-        report.Error(Krt::YString(error.what()));
+        report.Error(YString(error.what()));
     }
     return IsInterrupted() ? EndedBySignal + InterruptingSignal() : CouldNotRun;
 }

@@ -2,7 +2,7 @@
 
 #include "agent/Cli/TextTable.h"
 #include "agent/Cli/VolumeList.h"
-#include "agent/Run/StandardStreams.h"
+#include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
 
 #include "Backup/Volume/Unix/Util.h"

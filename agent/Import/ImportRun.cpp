@@ -4,20 +4,64 @@
 #include "agent/Run/Text.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/Exception/YError.h"
 
 #include <sys/stat.h>
+
+#include <cerrno>
 
 namespace Agent {
 
 using Backup::File::YMetadataBase;
 using Krt::ErrorCode;
 using Krt::YString;
+using Krt::File::YDirectory;
 
 namespace {
 
 constexpr std::size_t BufferSize = 1 << 20;
 
 } // namespace
+
+Krt::Util::YUnxHandle ContentFolder::Open(Backup::File::YMetadataBase& metadata)
+{
+    const std::vector<Name> names = NamesOf(metadata);
+    std::size_t common = 0;
+    while (common < m_open.size() && common + 1 < names.size() && m_open[common].name == names[common])
+        ++common;
+    m_open.erase(m_open.begin() + static_cast<std::ptrdiff_t>(common), m_open.end());
+    try {
+        while (m_open.size() + 1 < names.size()) {
+            const Name& name = names[m_open.size()];
+            m_open.push_back({name, Top().OpenDirectory(Choose(Top(), name))});
+        }
+        return Top().OpenFile(Choose(Top(), names.back()));
+    } catch (const Krt::Exception::YError& error) {
+        // With ELOOP and ENOTDIR a link may stand in the way, and ENXIO is what a socket gives.
+        const int code = error.GetType() == Krt::ExceptionType::OsError ? error.GetOsError() : 0;
+        if (code != ENOENT && code != ENOTDIR && code != ELOOP && code != ENXIO)
+            throw;
+        return {};
+    }
+}
+
+std::vector<ContentFolder::Name> ContentFolder::NamesOf(Backup::File::YMetadataBase& metadata)
+{
+    const Backup::YJobPath path = metadata.GetFilePath(0);
+    std::vector<Name> names;
+    for (YString& restored : PlaceOf(metadata, 0))
+        names.push_back({path.GetComponent(names.size()).m_name, std::move(restored)});
+    return names;
+}
+
+// A volume's own name may hold a slash, which no file's name does.
+const YString& ContentFolder::Choose(const YDirectory& parent, const Name& name)
+{
+    struct stat ignored;
+    const bool isUsable = name.own == name.restored || (name.own.Bytes().find('/') == std::string::npos &&
+                                                        parent.StatIfPresent(name.own, ignored));
+    return isUsable ? name.own : name.restored;
+}
 
 ImportRun::ImportRun(StoreSession& session, SnapshotWriter& snapshot, ContentFolder contents, Report& report)
     : m_snapshot(snapshot), m_contents(std::move(contents)), m_report(report), m_objects(session),

@@ -6,7 +6,6 @@
 #include "agent/Restore/RecordedEntry.h"
 #include "agent/Restore/TargetTree.h"
 #include "agent/Restore/VolumeNames.h"
-#include "agent/Run/EntryCounts.h"
 #include "agent/Run/Report.h"
 #include "agent/Store/ObjectReader.h"
 #include "agent/Store/SnapshotReader.h"

@@ -1,6 +1,8 @@
 // SIGINT, SIGTERM and SIGHUP end a run cleanly: they set a flag, which long work asks for.
 #pragma once
 
+#include <functional>
+
 namespace Agent {
 
 /// Called once, by the program.
@@ -19,5 +21,11 @@ public:
 bool IsInterrupted();
 /// The signal that asked for it, 0 for none.
 int InterruptingSignal();
+
+/// For work that the system does not interrupt, such as a sync of a slow disk: calls `work` in a child
+/// process and returns its result: 0, or an error number below 256. Raises InvalidState if the user
+/// interrupts; the child then ends on its own. `work` is called in this process if there can be no child. It
+/// may only make system calls, since other threads may hold any lock.
+int CallInChild(const std::function<int()>& work);
 
 } // namespace Agent

@@ -1,5 +1,6 @@
-// Output: standard output, buffered. A write that fails raises, so that a full disk or a closed pipe is never
-// taken for success. A write that waits for the reader of a pipe ends when the user interrupts the program.
+// The process's standard streams. Output is standard output, buffered: a write that fails raises, so that a
+// full disk or a closed pipe is never taken for success. A write that waits for the reader of a pipe ends
+// when the user interrupts the program.
 #pragma once
 
 #include <stdexcept>
@@ -37,5 +38,15 @@ public:
 private:
     std::string m_buffer;
 };
+
+/// Opens what is closed of descriptors 0 to 2, so that no file of a store or a target gets one of them and is
+/// written to as if it were the terminal. Their use still fails, as it would on a closed one. Called first.
+void OpenMissingStreams();
+
+/// Whether standard error is a terminal.
+bool IsErrorTerminal();
+
+/// The columns of the terminal that standard output is, 80 for one that doesn't tell; 0 if it is no terminal.
+unsigned int OutputWidth();
 
 } // namespace Agent

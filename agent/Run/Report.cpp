@@ -1,9 +1,11 @@
 #include "agent/Run/Report.h"
 
-#include "agent/Run/StandardStreams.h"
+#include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
 
 #include "Krt/Log/LogSite.h"
+
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <sstream>
@@ -81,6 +83,24 @@ void Report::Line(const std::string& text)
 {
     EraseProgress();
     std::fputs(("kbagent: " + text + "\n").c_str(), stderr);
+}
+
+void EntryCounts::Add(unsigned int mode)
+{
+    if (S_ISREG(mode))
+        ++files;
+    else if (S_ISDIR(mode))
+        ++directories;
+    else if (S_ISLNK(mode))
+        ++links;
+    else
+        ++others;
+}
+
+std::string EntryCounts::ByKind() const
+{
+    return std::to_string(files) + " files, " + std::to_string(directories) + " directories, " +
+           std::to_string(links) + " links, " + std::to_string(others) + " others";
 }
 
 } // namespace Agent

@@ -1,6 +1,5 @@
 // Reading records of each form, and converting and renaming them.
-#include "agent/Convert/InputFile.h"
-#include "agent/Convert/PathMapping.h"
+#include "agent/Convert/Convert.h"
 #include "agent/Convert/RecordReader.h"
 #include "agent/Run/Interrupt.h"
 

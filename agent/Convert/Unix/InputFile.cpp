@@ -1,4 +1,4 @@
-#include "agent/Convert/InputFile.h"
+#include "agent/Convert/RecordReader.h"
 
 #include "agent/Run/Interrupt.h"
 

@@ -1,4 +1,3 @@
-#include "agent/Run/CallInChild.h"
 
 #include "agent/Run/Interrupt.h"
 

@@ -1,4 +1,4 @@
-#include "agent/Run/StandardStreams.h"
+#include "agent/Run/Output.h"
 
 #include <cstdlib>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "agent/Trust/Connection.h"
+#include "agent/Trust/Handshake.h"
 
 #include "agent/Run/AnswerWithin.h"
 #include "agent/Run/Interrupt.h"

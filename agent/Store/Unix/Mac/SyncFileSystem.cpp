@@ -1,6 +1,6 @@
 #include "agent/Store/Durable.h"
 
-#include "agent/Run/CallInChild.h"
+#include "agent/Run/Interrupt.h"
 
 #include "Krt/Exception/Raise.h"
 
