@@ -2,14 +2,12 @@
 #include "agent/Cli/Program.h"
 
 #include "Backup/Core/OpenSSL.h"
-#include "Backup/Util/Unix/Mac/YMacServiceManager.h"
 
 #include "testing/Faults.h"
 #include "testing/NoConfiguration.h"
-#include "testing/ProcessRecorder.h"
 #include "testing/SelectionText.h"
+#include "testing/Services.h"
 #include "testing/StoreFiles.h"
-#include "testing/SystemdRoot.h"
 #include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
 #include "testing/TrustScene.h"
@@ -197,44 +195,39 @@ TEST_F(AgentFaults, CertificateTrust)
 
 TEST_F(AgentFaults, SystemdService)
 {
-    const SystemdRoot root;
-    std::string right;
+    const std::string right = ReadFile(GOLDEN_DIRECTORY "/kbagent.service");
+    SystemdServices services;
     CheckWithFaults([&](Faults& faults) {
-        fs::remove_all(root.units);
-        root.directory.Write("etc/systemd/system/kbagent.service", "former");
-        const ProcessRecorder programs;
+        fs::remove_all(services.folder);
+        services.directory.Write("etc/systemd/system/kbagent.service", "former");
         const bool isDone = faults.TryAll([&] {
-            Backup::Util::YSystemdServiceManager().Install("kbagent", "A title", "", "/bin/a program",
-                                                           {"a", "b"}, Krt::Time::YDuration::Zero());
+            services.manager->Install("kbagent", "Agent", "100% backup\nof it", "/opt/kb agent$%", {"a", "$b"},
+                                     Krt::Time::YDuration::Zero());
         });
-        const std::string text = ReadFile(root.unit);
-        if (right.empty())
-            right = text;
-        EXPECT_TRUE(text == right || (text == "former" && !isDone));
+        const std::string text = ReadFile(services.file);
+        EXPECT_TRUE(text == right || (text == "former" && !isDone)) << text;
         if (faults.CouldCleanUp()) {
-            EXPECT_EQ(std::distance(fs::directory_iterator(root.units), {}), 1);
+            EXPECT_EQ(std::distance(fs::directory_iterator(services.folder), {}), 1);
         }
     });
 }
 
 TEST_F(AgentFaults, LaunchdService)
 {
-    setenv("TMPDIR", (directory / "lists").c_str(), 1);
+    LaunchdServices services;
     CheckWithFaults([&](Faults& faults) {
-        fs::remove_all(directory / "lists");
-        directory.MakeDirectory("lists");
-        const ProcessRecorder programs;
+        fs::remove_all(services.temporary);
+        fs::create_directory(services.temporary);
+        services.programs.lines.clear();
         if (faults.TryAll([&] {
-                Backup::Util::YMacServiceManager().Install("kbagent", "", "", "/bin/a program", {},
-                                                           Krt::Time::YDuration::Zero());
+                services.manager->Install("kbagent", "", "", "/usr/local/bin/kbagent", {},
+                                         Krt::Time::YDuration::Zero());
             })) {
-            const std::string list = ReadFile(fs::directory_iterator(directory / "lists")->path());
-            EXPECT_TRUE(list.ends_with("</plist>\n") && list.find("/bin/a program") != std::string::npos)
-                << list;
-            EXPECT_EQ(programs.commands.size(), 1u);
+            EXPECT_EQ(ReadFile(fs::directory_iterator(services.temporary)->path()),
+                      ReadFile(GOLDEN_DIRECTORY "/kbagent.plist"));
+            EXPECT_EQ(std::ranges::count(services.programs.lines, '\n'), 1);
         }
     });
-    unsetenv("TMPDIR");
 }
 
 } // namespace

@@ -27,15 +27,15 @@ KRT_API int ExecuteProcess(const File::YPath& program, const std::vector<YString
 KRT_API int ExecuteProcessElevated(const File::YPath& program, const std::vector<YString>& arguments,
                                    bool unattended);
 
+/// Runs a program and returns its exit status, as ExecuteProcess does.
+using ProcessRunner = std::function<int(const File::YPath& program, const std::vector<YString>& arguments)>;
+/// ExecuteProcessElevated, with the command line, sudo included, passed to `runner`.
+KRT_API int ExecuteProcessElevated(const File::YPath& program, const std::vector<YString>& arguments,
+                                   bool unattended, const ProcessRunner& runner);
+
 /// Returns the ID of a process with that name, which is the file name of its program or script. A name of
 /// fewer than 15 bytes that the process gave its main thread also counts. Zombies do not count; the calling
 /// process counts only with `countsSelf`. Raises NotFound if there is no such process.
 KRT_API int FindProcessByName(const YString& name, bool countsSelf);
-
-/// A replacement for ExecuteProcess.
-using ProcessRunner = std::function<int(const File::YPath& program, const std::vector<YString>& arguments)>;
-/// Makes ExecuteProcess call `runner`; an empty one restores the default. For tests: no other thread may
-/// run a program during the call.
-KRT_API void SetProcessRunnerForTesting(ProcessRunner runner);
 
 } // namespace Krt::Environment

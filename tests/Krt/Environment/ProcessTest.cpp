@@ -1,7 +1,8 @@
 #include "Krt/Environment/Process.h"
 
+#include "Krt/Environment/Host.h"
+
 #include "testing/OrdinaryUser.h"
-#include "testing/ProcessRecorder.h"
 #include "testing/Raises.h"
 #include "testing/RunningProgram.h"
 #include "testing/TemporaryDirectory.h"
@@ -57,14 +58,14 @@ TEST(ProcessTest, ChildInheritsStandardStreamsAndDefaultSignals)
 TEST(ProcessTest, OnlyAnOrdinaryUserNeedsHelpForRootsRights)
 {
     std::vector<YString> words;
-    SetProcessRunnerForTesting([&](const File::YPath& program, const std::vector<YString>& arguments) {
+    const ProcessRunner runner = [&](const File::YPath& program, const std::vector<YString>& arguments) {
         words = arguments;
         words.insert(words.begin(), program);
         return 7;
-    });
+    };
     using Words = std::vector<YString>;
     const auto runs = [&](bool unattended, const Words& wanted) {
-        return ExecuteProcessElevated("/a=b/c", {"-x", "y z"}, unattended) == 7 && words == wanted;
+        return ExecuteProcessElevated("/a=b/c", {"-x", "y z"}, unattended, runner) == 7 && words == wanted;
     };
     EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([&] {
         return runs(true, {"/usr/bin/sudo", "-n", "--", "/a=b/c", "-x", "y z"}) &&
@@ -73,7 +74,6 @@ TEST(ProcessTest, OnlyAnOrdinaryUserNeedsHelpForRootsRights)
     if (IsRoot()) {
         EXPECT_TRUE(runs(true, {"/a=b/c", "-x", "y z"}));
     }
-    SetProcessRunnerForTesting({});
     EXPECT_EQ(Shell("exit 203"), 203);
 }
 

@@ -2,7 +2,6 @@
 
 #include "Backup/Util/Unix/Linux/SystemdUnit.h"
 
-#include "Krt/Environment/Process.h"
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/YDirectory.h"
 #include "Krt/File/YEntry.h"
@@ -30,45 +29,10 @@ constexpr int Active = 0;
 constexpr int NotActive = 3;
 constexpr int NoSuchUnit = 4;
 
-const char* s_root = "";
-
-YPath UnitDirectory()
-{
-    return YString(s_root) + "/etc/systemd/system";
-}
-
-// As sd_booted(3) tells.
-void RequireSystemd(const char* function)
-{
-    if (!Krt::File::DoesFileExist(YString(s_root) + "/run/systemd/system"))
-        KRT_RAISE_AS(function, MessageType::General, ErrorCode::NotSupported,
-                     "Services are systemd's, and this machine doesn't run systemd");
-}
-
-// Runs "systemctl VERB [OPTION] [-- UNIT]". The unit's name may begin with a hyphen.
-void RunSystemctl(const char* function, const YString& verb, const std::vector<YString>& rest)
-{
-    RequireSystemd(function);
-    std::vector<YString> arguments{verb};
-    arguments.insert(arguments.end(), rest.begin(), rest.end());
-    const int status = Krt::Environment::ExecuteProcessElevated(Systemctl, arguments, true);
-    if (status != 0)
-        KRT_RAISE_AS(function, MessageType::General, ErrorCode::ProcessFailed,
-                     "systemctl " << verb << " exited with status: " << status);
-}
-
-// Something that doesn't run has nothing to be killed, so whether the service has ended is for the command
-// that follows to tell.
-void Kill(const char* function, const YString& unit)
-{
-    RequireSystemd(function);
-    Krt::Environment::ExecuteProcessElevated(Systemctl, {"kill", "--signal=SIGKILL", "--", unit}, true);
-}
-
 // The temporary file's name isn't that of a unit, so systemd never looks at it.
-void WriteUnit(const YString& unit, const YString& text)
+void ReplaceUnit(const YPath& directoryPath, const YString& unit, const YString& text)
 {
-    const YDirectory directory = YDirectory::OpenFollowing(UnitDirectory());
+    const YDirectory directory = YDirectory::OpenFollowing(directoryPath);
     const YString temporary = "." + Krt::Type::YUuid::Random().GetString();
     const Krt::Util::YUnxHandle file = directory.CreateFile(temporary);
     const Krt::Util::YScope cleanUp([&] { directory.RemoveFile(temporary); });
@@ -79,18 +43,7 @@ void WriteUnit(const YString& unit, const YString& text)
     Krt::File::Sync(directory.GetHandle());
 }
 
-// The caller knows neither the temporary name nor the steps.
-void WriteUnitOrTell(const char* function, const YString& unit, const YString& text)
-{
-    try {
-        WriteUnit(unit, text);
-    } catch (const Krt::Exception::YError& error) {
-        KRT_RAISE_OS_AS(function, MessageType::General, error.GetOsError(),
-                        "Failed to write " << UnitDirectory().Append(unit));
-    }
-}
-
-// What people see beside the service's name.
+// What people see next to the service's name.
 YString TitleOf(const YString& name, const YString& displayName, const YString& description)
 {
     if (displayName.IsEmpty())
@@ -119,6 +72,60 @@ void WaitUntil(const char* function, const YString& name, const char* otherState
 
 } // namespace
 
+YSystemdServiceManager::YSystemdServiceManager()
+    : YSystemdServiceManager(Krt::Environment::ExecuteProcess, YString())
+{}
+
+YSystemdServiceManager::YSystemdServiceManager(Krt::Environment::ProcessRunner runner, YString root)
+    : m_runner(std::move(runner)), m_root(std::move(root))
+{}
+
+YPath YSystemdServiceManager::GetUnitDirectory() const
+{
+    return m_root + "/etc/systemd/system";
+}
+
+// As sd_booted(3) does.
+void YSystemdServiceManager::RequireSystemd(const char* function) const
+{
+    if (!Krt::File::DoesFileExist(m_root + "/run/systemd/system"))
+        KRT_RAISE_AS(function, MessageType::General, ErrorCode::NotSupported,
+                     "Services are systemd's, and this machine doesn't run systemd");
+}
+
+// Runs "systemctl VERB [OPTION] [-- UNIT]". The unit's name may begin with a hyphen.
+void YSystemdServiceManager::RunSystemctl(const char* function, const YString& verb,
+                                          const std::vector<YString>& rest) const
+{
+    RequireSystemd(function);
+    std::vector<YString> arguments{verb};
+    arguments.insert(arguments.end(), rest.begin(), rest.end());
+    const int status = Krt::Environment::ExecuteProcessElevated(Systemctl, arguments, true, m_runner);
+    if (status != 0)
+        KRT_RAISE_AS(function, MessageType::General, ErrorCode::ProcessFailed,
+                     "systemctl " << verb << " exited with status: " << status);
+}
+
+// The exit status is ignored, since a service that doesn't run can't be killed: the command that follows
+// reports whether the service has ended.
+void YSystemdServiceManager::Kill(const char* function, const YString& unit) const
+{
+    RequireSystemd(function);
+    Krt::Environment::ExecuteProcessElevated(Systemctl, {"kill", "--signal=SIGKILL", "--", unit}, true,
+                                             m_runner);
+}
+
+// The caller knows neither the temporary name nor the steps, so the error names the unit.
+void YSystemdServiceManager::WriteUnit(const char* function, const YString& unit, const YString& text) const
+{
+    try {
+        ReplaceUnit(GetUnitDirectory(), unit, text);
+    } catch (const Krt::Exception::YError& error) {
+        KRT_RAISE_OS_AS(function, MessageType::General, error.GetOsError(),
+                        "Failed to write " << GetUnitDirectory().Append(unit));
+    }
+}
+
 void YSystemdServiceManager::WaitForServiceCreate(const YString& name, const YDuration& timeout)
 {
     WaitUntil(__func__, name, "doesn't exist", timeout, [&] { return Exists(name); });
@@ -141,7 +148,7 @@ void YSystemdServiceManager::WaitForServiceDelete(const YString& name, const YDu
 
 bool YSystemdServiceManager::Exists(const YString& name)
 {
-    return Krt::File::DoesFileExist(UnitDirectory().Append(GetServiceUnitName(name)));
+    return Krt::File::DoesFileExist(GetUnitDirectory().Append(GetServiceUnitName(name)));
 }
 
 void YSystemdServiceManager::Install(const YString& name, const YString& displayName,
@@ -151,7 +158,7 @@ void YSystemdServiceManager::Install(const YString& name, const YString& display
     const YString unit = GetServiceUnitName(name);
     const YString text = MakeServiceUnit(TitleOf(name, displayName, description), program, arguments);
     RequireSystemd(__func__);
-    WriteUnitOrTell(__func__, unit, text);
+    WriteUnit(__func__, unit, text);
     RunSystemctl(__func__, "daemon-reload", {});
     RunSystemctl(__func__, "enable", {"--quiet", "--", unit});
     WaitForServiceCreate(name, timeout);
@@ -160,12 +167,12 @@ void YSystemdServiceManager::Install(const YString& name, const YString& display
 void YSystemdServiceManager::Delete(const YString& name, const YDuration& timeout)
 {
     const YString unit = GetServiceUnitName(name);
-    const YPath file = UnitDirectory().Append(unit);
+    const YPath file = GetUnitDirectory().Append(unit);
     RequireSystemd(__func__);
     const bool hasUnitFile = Exists(name);
     // sudo would stop and disable the service for a user who then can't remove the file.
     if (hasUnitFile)
-        KRT_SYSCALL(faccessat(AT_FDCWD, UnitDirectory().CStr(), W_OK | X_OK, AT_EACCESS),
+        KRT_SYSCALL(faccessat(AT_FDCWD, GetUnitDirectory().CStr(), W_OK | X_OK, AT_EACCESS),
                     "Failed to delete " << file);
     Stop(name, false, timeout);
     if (!hasUnitFile)
@@ -204,15 +211,10 @@ bool YSystemdServiceManager::IsRunning(const YString& name)
 {
     const YString unit = GetServiceUnitName(name);
     RequireSystemd(__func__);
-    const int status = Krt::Environment::ExecuteProcess(Systemctl, {"is-active", "--quiet", "--", unit});
+    const int status = m_runner(Systemctl, {"is-active", "--quiet", "--", unit});
     KRT_RAISE_UNLESS(status == Active || status == NotActive || status == NoSuchUnit,
                      ErrorCode::ProcessFailed, "systemctl is-active exited with status: " << status);
     return status == Active;
-}
-
-void YSystemdServiceManager::SetRootForTesting(const char* root)
-{
-    s_root = root != nullptr ? root : "";
 }
 
 } // namespace Backup::Util

@@ -2,6 +2,8 @@
 
 #include "Backup/Util/IServiceManager.h"
 
+#include "Krt/Environment/Process.h"
+
 namespace Backup::Util {
 
 /// Services of systemd. A service is a unit file in /etc/systemd/system. systemctl, run without a shell,
@@ -11,6 +13,12 @@ namespace Backup::Util {
 class BACKUP_API YSystemdServiceManager : public IServiceManager
 {
 public:
+    /// The services of this machine.
+    YSystemdServiceManager();
+    /// Those below the directory `root`, which contains /etc and /run, with systemctl run by `runner`. An
+    /// empty root is the machine's own.
+    YSystemdServiceManager(Krt::Environment::ProcessRunner runner, YString root);
+
     /// Polls at least once, and raises LockTimeout when `timeout` is over. A negative time-out counts as 0.
     void WaitForServiceCreate(const YString& name, const Krt::Time::YDuration& timeout) override;
     /// Polls as WaitForServiceCreate does.
@@ -42,9 +50,15 @@ public:
     /// stopping. Raises if systemctl fails.
     bool IsRunning(const YString& name) override;
 
-    /// Sets the directory that contains /etc and /run. `root` must outlive its use; nullptr restores the
-    /// system's.
-    static void SetRootForTesting(const char* root);
+private:
+    Krt::File::YPath GetUnitDirectory() const;
+    void RequireSystemd(const char* function) const;
+    void RunSystemctl(const char* function, const YString& verb, const std::vector<YString>& rest) const;
+    void Kill(const char* function, const YString& unit) const;
+    void WriteUnit(const char* function, const YString& unit, const YString& text) const;
+
+    Krt::Environment::ProcessRunner m_runner;
+    YString m_root;
 };
 
 } // namespace Backup::Util

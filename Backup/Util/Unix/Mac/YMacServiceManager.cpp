@@ -16,8 +16,6 @@ using Krt::Time::YDuration;
 
 namespace {
 
-const char* s_root = "";
-
 YString PropertyList(const YString& name, const YPath& program)
 {
     Krt::YStream list{YString()};
@@ -42,16 +40,6 @@ YString PropertyList(const YString& name, const YPath& program)
 YString Quoted(const YPath& path)
 {
     return Krt::Util::QuotifyEx(path, '"');
-}
-
-// `what` names the commands in the error.
-void RunElevated(const YPath& program, const std::vector<YString>& arguments, const char* what,
-                 const char* function)
-{
-    const int status = Krt::Environment::ExecuteProcessElevated(program, arguments, true);
-    if (status != 0)
-        KRT_RAISE_AS(function, MessageType::General, ErrorCode::ProcessFailed,
-                     what << " exited with status: " << status);
 }
 
 // launchctl speaks to the launchd of the real user.
@@ -137,12 +125,29 @@ bool YMacServiceManager::IsRunning(const YString& name)
 
 YPath YMacServiceManager::GetConfigFilePath(const YString& name) const
 {
-    return YPath(YString(s_root) + "/Library/LaunchDaemons").Append(name + ".plist");
+    return GetListDirectory().Append(name + ".plist");
 }
 
-void YMacServiceManager::SetRootForTesting(const char* root)
+int YMacServiceManager::Execute(const YPath& program, const std::vector<YString>& arguments) const
 {
-    s_root = root != nullptr ? root : "";
+    return Krt::Environment::ExecuteProcess(program, arguments);
+}
+
+YPath YMacServiceManager::GetListDirectory() const
+{
+    return "/Library/LaunchDaemons";
+}
+
+// `what` names the commands in the error.
+void YMacServiceManager::RunElevated(const YPath& program, const std::vector<YString>& arguments,
+                                     const char* what, const char* function) const
+{
+    const int status = Krt::Environment::ExecuteProcessElevated(
+        program, arguments, true,
+        [this](const YPath& command, const std::vector<YString>& rest) { return Execute(command, rest); });
+    if (status != 0)
+        KRT_RAISE_AS(function, MessageType::General, ErrorCode::ProcessFailed,
+                     what << " exited with status: " << status);
 }
 
 } // namespace Backup::Util

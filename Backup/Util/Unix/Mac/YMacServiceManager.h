@@ -42,9 +42,15 @@ public:
     /// Returns the path of the service's property list.
     Krt::File::YPath GetConfigFilePath(const YString& name) const;
 
-    /// Sets the directory that contains /Library. `root` must outlive its use; nullptr restores the
-    /// system's.
-    static void SetRootForTesting(const char* root);
+protected:
+    /// Runs a command, sudo included where it is needed, and returns its exit status: by ExecuteProcess.
+    virtual int Execute(const Krt::File::YPath& program, const std::vector<YString>& arguments) const;
+    /// The directory of the property lists: /Library/LaunchDaemons.
+    virtual Krt::File::YPath GetListDirectory() const;
+
+private:
+    void RunElevated(const Krt::File::YPath& program, const std::vector<YString>& arguments, const char* what,
+                     const char* function) const;
 };
 
 } // namespace Backup::Util

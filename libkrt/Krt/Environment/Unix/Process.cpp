@@ -14,8 +14,6 @@ namespace Krt::Environment {
 
 namespace {
 
-ProcessRunner s_runner;
-
 // How a program is started. Each setting returns an error's number, and the first that fails is kept.
 class SpawnSettings
 {
@@ -82,9 +80,6 @@ std::vector<char*> ArgumentVector(const YString& program, const std::vector<YStr
 
 int ExecuteProcess(const File::YPath& program, const std::vector<YString>& arguments)
 {
-    if (s_runner)
-        return s_runner(program, arguments);
-
     const YString& path = program.AsUnixPath(false);
     std::vector<char*> vector = ArgumentVector(path, arguments);
     pid_t child = 0;
@@ -97,16 +92,22 @@ int ExecuteProcess(const File::YPath& program, const std::vector<YString>& argum
 
 int ExecuteProcessElevated(const File::YPath& program, const std::vector<YString>& arguments, bool unattended)
 {
+    return ExecuteProcessElevated(program, arguments, unattended, ExecuteProcess);
+}
+
+int ExecuteProcessElevated(const File::YPath& program, const std::vector<YString>& arguments, bool unattended,
+                           const ProcessRunner& runner)
+{
     if (IsRoot())
-        return ExecuteProcess(program, arguments);
+        return runner(program, arguments);
     std::vector<YString> elevated;
     if (unattended)
         elevated.emplace_back("-n");
-    // Behind it, no path is taken for an option or for a setting of a variable.
+    // After it, no path is taken for an option or for a setting of a variable.
     elevated.emplace_back("--");
     elevated.push_back(program.AsUnixPath(false));
     elevated.insert(elevated.end(), arguments.begin(), arguments.end());
-    return ExecuteProcess("/usr/bin/sudo", elevated);
+    return runner("/usr/bin/sudo", elevated);
 }
 
 int FindProcessByName(const YString& name, bool countsSelf)
@@ -114,11 +115,6 @@ int FindProcessByName(const YString& name, bool countsSelf)
     const int process = FindProcess(name, countsSelf ? 0 : getpid());
     KRT_RAISE_UNLESS(process != 0, ErrorCode::NotFound, "No process is named " << name);
     return process;
-}
-
-void SetProcessRunnerForTesting(ProcessRunner runner)
-{
-    s_runner = std::move(runner);
 }
 
 } // namespace Krt::Environment
