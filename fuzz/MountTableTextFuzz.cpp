@@ -1,7 +1,7 @@
 // The bytes are a table of mounts.
 #include "fuzz/Input.h"
 
-#include "testing/TemporaryDirectory.h"
+#include "testing/MountTable.h"
 
 #include "Krt/Volume/MountTable.h"
 
@@ -69,10 +69,9 @@ std::vector<std::array<std::string, 4>> Lines(const std::string& text)
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static const Testing::TemporaryDirectory directory;
+    static const Testing::MountTable table("");
     const std::string text(data, data + size);
-    const std::string file = directory.Write("mounts", text);
-    Krt::Volume::SetMountTableForTesting(file.c_str());
+    table.Write(text);
     const std::vector<Krt::Volume::MountEntry> entries = Krt::Volume::ListMountEntries();
     // No name holds a NUL, so what is made of it doesn't matter.
     if (text.find('\0') != std::string::npos || text.find("\\000") != std::string::npos)

@@ -1,5 +1,7 @@
 #include "testing/Calls.h"
 
+#include "testing/MountTable.h"
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -134,7 +136,7 @@ CALL(int, fflush, (FILE * file), (file), .isRestarted = true)
     va_start(rest, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
-    return Ask({.function = "open", OF_PATH}) ? -1 : real(path, flags, mode);
+    return Ask({.function = "open", OF_PATH}) ? -1 : real(Testing::MountTable::Replaced(path), flags, mode);
 }
 [[gnu::visibility("default")]] int openat(int fd, const char* path, int flags, ...)
 {

@@ -1,24 +1,40 @@
-// A table of mounts as text, in force for as long as the object lives: lines "source directory type options".
+// A table of mounts as text, in place of the kernel's while the object exists. Programs that use it link
+// TestingMounts, whose open() opens the text.
 #pragma once
 
 #include "testing/TemporaryDirectory.h"
 
-#include "Krt/Volume/MountTable.h"
+#include <cstring>
+#include <filesystem>
 
 namespace Testing {
 
 class MountTable
 {
 public:
+    /// Lines "source directory type options".
     explicit MountTable(const std::string& text) : m_file(m_directory.Write("mounts", text))
     {
-        Krt::Volume::SetMountTableForTesting(m_file.c_str());
+        s_file = m_file.c_str();
     }
-    ~MountTable() { Krt::Volume::SetMountTableForTesting(nullptr); }
+    ~MountTable() { s_file = nullptr; }
+    MountTable(const MountTable&) = delete;
+    MountTable& operator=(const MountTable&) = delete;
+
+    void Write(const std::string& text) const { m_directory.Write("mounts", text); }
+    /// From now on the table can't be opened.
+    void Remove() const { std::filesystem::remove(m_file); }
+
+    /// What a call that opens this path is to open.
+    static const char* Replaced(const char* path)
+    {
+        return s_file != nullptr && std::strcmp(path, "/proc/self/mounts") == 0 ? s_file : path;
+    }
 
 private:
     TemporaryDirectory m_directory;
     std::string m_file;
+    static inline const char* s_file = nullptr;
 };
 
 } // namespace Testing

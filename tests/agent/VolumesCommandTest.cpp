@@ -50,7 +50,7 @@ TEST(VolumesCommand, TellsOfEachMountWhatCanBeTold)
                   "3 " + ordinary + ", read-only, has space, entered", // on the device above it
                   "3 /no/such\npath: Failed to get attributes of: /no/such\npath: No such file or directory",
               }));
-    Krt::Volume::SetMountTableForTesting("/nonexistent/mounts");
+    table.Remove();
     EXPECT_RAISES(ListVolumes(std::chrono::seconds(1)), ErrorCode::NotFound, "ListVolumes",
                   "The table of mounts can't be read");
 }

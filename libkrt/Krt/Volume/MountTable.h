@@ -23,9 +23,4 @@ struct MountEntry
 /// be read. Any thread.
 KRT_API std::vector<MountEntry> ListMountEntries();
 
-/// Makes ListMountEntries read a text file with lines "source directory type options"; nullptr restores the
-/// system's table. `file` must outlive its use. For tests: no other thread may read the table during the
-/// call.
-KRT_API void SetMountTableForTesting(const char* file);
-
 } // namespace Krt::Volume

@@ -17,7 +17,6 @@ namespace {
 
 // The process's own view; /etc/mtab may be of another mount namespace.
 constexpr const char* SystemTable = "/proc/self/mounts";
-const char* s_table = SystemTable;
 
 std::string_view WithoutLeadingBlanks(std::string_view text)
 {
@@ -105,7 +104,7 @@ void AddEntries(std::vector<MountEntry>& entries, std::string_view lines)
 
 std::vector<MountEntry> ListMountEntries()
 {
-    const auto file = Util::OpenHandle(s_table, O_RDONLY);
+    const auto file = Util::OpenHandle(SystemTable, O_RDONLY);
     if (!file)
         return {};
     std::vector<MountEntry> entries;
@@ -129,11 +128,6 @@ std::vector<MountEntry> ListMountEntries()
         kept = text.size() - end;
         std::memmove(buffer.data(), buffer.data() + end, kept);
     }
-}
-
-void SetMountTableForTesting(const char* file)
-{
-    s_table = file != nullptr ? file : SystemTable;
 }
 
 } // namespace Krt::Volume
