@@ -17,7 +17,7 @@ if(APPLE)
   list(APPEND BACKUP_PRIVATE_HEADERS Util/Unix/Linux/) # what is not built there
 endif()
 set(KRT_PRIVATE_HEADERS
-  Environment/Unix/ Exception/Unix/ File/Unix/ JSON/ValueBlock.h Log/YLogContext.h Thread/Unix/NativeThread.h
+  Environment/Unix/ Exception/Unix/ File/Unix/ JSON/FreeListAllocator.h Log/YLogContext.h Thread/Unix/NativeThread.h
   Volume/Unix/)
 function(backup_install_headers root folder)
   file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${root}" "${root}/${folder}/*.h" "${root}/${folder}/*.inl")

@@ -2,10 +2,9 @@
 // of a class which brings conversions of its own.
 #pragma once
 
-#include "Krt/JSON/ValueBlock.h"
+#include "Krt/JSON/FreeListAllocator.h"
 #include "Krt/JSON/YValue.h"
 
-#include <new>
 #include <type_traits>
 
 namespace Krt::JSON {
@@ -13,16 +12,8 @@ namespace Krt::JSON {
 template <class T, class Source>
 boost::shared_ptr<YValue> YValue::Share(Source&& content)
 {
-    static_assert(ValueCountsSize + sizeof(YValue) <= ValueBlockSize);
-    struct DestroysInPlace
-    {
-        void operator()(YValue* value) const { value->~YValue(); }
-    };
-    // The two parts of the block are made apart: boost::allocate_shared counts up and down more often.
-    ValueBlock block(TakeValueBlock());
-    YValue* const value = new (static_cast<char*>(block.get()) + ValueCountsSize)
-        YValue(Passkey(), std::in_place_type<T>, std::forward<Source>(content));
-    return boost::shared_ptr<YValue>(value, DestroysInPlace(), CountsAllocator<YValue>(std::move(block)));
+    return boost::allocate_shared<YValue>(FreeListAllocator<YValue>(), Passkey(), std::in_place_type<T>,
+                                          std::forward<Source>(content));
 }
 
 template <class T>
