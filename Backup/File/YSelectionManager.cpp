@@ -218,22 +218,18 @@ void YSelectionManager::GetVolumes(Krt::Container::YSet<YPath>& volumes) const
         volumes.Insert(top.GetVolume());
 }
 
-// Keeps the lengths of the ancestors, each of which is a prefix of the path. All ancestors as paths would
-// take memory that grows with the square of the depth.
+// Walks down the nodes, so that an ancestor without rules costs no path.
 void YSelectionManager::VisitRulesAbove(const YPath& path, const RuleVisitor& visitor) const
 {
-    const auto isTop = [](const YPath& candidate) {
-        return candidate.IsEmpty() || candidate == "/" || candidate.RemoveVolume().IsEmpty();
-    };
-    std::vector<std::size_t> lengths;
-    for (YPath current = path; !isTop(current);) {
-        current = current.RemoveFile();
-        lengths.push_back(current.Bytes().size());
-    }
-    lengths.push_back(0); // the empty path too, whatever the top is
-    for (auto length = lengths.rbegin(); length != lengths.rend(); ++length) {
-        const YPath ancestor(YString(std::string_view(path.Bytes()).substr(0, *length)));
-        VisitPathsAndDescriptors(ancestor, visitor, false);
+    const bool hasParent = !path.IsEmpty() && path != "/" && !path.RemoveVolume().IsEmpty();
+    const YPath parent = hasParent ? path.RemoveFile() : YPath();
+    const Node* node = m_root.get();
+    node->VisitPathsAndDescriptors(visitor, false);
+    for (const YString& component : parent.PopulateComponents()) {
+        node = node->FindChild(component);
+        if (node == nullptr)
+            return;
+        node->VisitPathsAndDescriptors(visitor, false);
     }
 }
 

@@ -161,8 +161,7 @@ public:
 private:
     friend BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManager& manager);
 
-    // Visits the rules at each directory above the path, top first. An ancestor without a node counts as the
-    // nearest one above it with a node, which is visited again.
+    // Visits the rules of each node above the path, top first.
     void VisitRulesAbove(const Krt::File::YPath& path, const RuleVisitor& visitor) const;
     // The deepest node that exists, and how many components lead to it.
     std::pair<YSelectionManagerNode*, std::size_t> FindDeepest(std::span<const YString> components) const;
