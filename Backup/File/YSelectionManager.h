@@ -178,7 +178,9 @@ private:
     bool NodeExcludes(const NodesOnPath& nodes, std::size_t depth, bool& reportable) const;
     bool AllChildrenAreExcludedNotReportably(const NodesOnPath& nodes) const;
     bool AnyIncludesApplyBelow(const NodesOnPath& nodes) const;
-    bool IsAnyExplicitSelectionBelow(const NodesOnPath& nodes, std::size_t index) const;
+    // Whether the component of this index, or a later one of the path, is selected explicitly. What is below
+    // the path has no part in it.
+    bool IsSelectedExplicitlyFrom(const NodesOnPath& nodes, std::size_t index) const;
     void AddCopyFromAbove(const YSelectionDescriptor& rule, bool atParent, const Krt::File::YPath& sourcePath,
                           const Krt::File::YPath& destinationPath);
 

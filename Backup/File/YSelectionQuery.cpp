@@ -145,7 +145,7 @@ bool YSelectionManager::IsAnyExplicitSelectionBelowComponent(const Components& c
         KRT_RAISE(ErrorCode::InvalidArgument, "atOrBelowIndex out of range atOrBelowIndex: "
                                                   << atOrBelowIndex << " path: " << components);
     }
-    return IsAnyExplicitSelectionBelow(NodesOnPath(*m_root, components), atOrBelowIndex);
+    return IsSelectedExplicitlyFrom(NodesOnPath(*m_root, components), atOrBelowIndex);
 }
 
 bool YSelectionManager::MatchesInclude(const NodesOnPath& nodes) const
@@ -190,7 +190,7 @@ bool YSelectionManager::NodeExcludes(const NodesOnPath& nodes, std::size_t depth
     for (std::size_t i = depth; i < nodes.components.size(); ++i) {
         if (!node.MatchesExclude(nodes.components[i], i == depth, reportable))
             continue;
-        const bool ignored = IsAnyExplicitSelectionBelow(nodes, i);
+        const bool ignored = IsSelectedExplicitlyFrom(nodes, i);
         KRT_LOG(MessageType::SelectionQuery,
                 "Component " << nodes.components[i] << " at index " << i << " matches exclude at "
                              << node.GetPath()
@@ -255,7 +255,7 @@ bool YSelectionManager::AnyIncludesApplyBelow(const NodesOnPath& nodes) const
     return false;
 }
 
-bool YSelectionManager::IsAnyExplicitSelectionBelow(const NodesOnPath& nodes, std::size_t index) const
+bool YSelectionManager::IsSelectedExplicitlyFrom(const NodesOnPath& nodes, std::size_t index) const
 {
     for (std::size_t i = index; i < nodes.components.size() && nodes.At(i) != nullptr; ++i) {
         if (nodes.At(i)->MatchesExplicitExactNonRecursiveInclude(nodes.components[i]))
