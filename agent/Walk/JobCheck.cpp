@@ -1,10 +1,13 @@
 #include "agent/Walk/JobCheck.h"
 
+#include "agent/Run/Text.h"
+
 #include "Backup/File/YSelectionPathDescriptor.h"
 
 #include "Krt/JSON/YValue.h"
 
 #include <algorithm>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -20,9 +23,6 @@ namespace {
 
 constexpr std::string_view JobKeys[] = {"includes", "excludes"};
 constexpr std::string_view RuleKeys[] = {"path", "descriptor"};
-constexpr std::string_view DescriptorKeys[] = {"descriptor", "selection_type", "recursion_type",
-                                               "report_exclude", "explicit_selection"};
-constexpr std::string_view PatternKeys[] = {"pattern", "match_type", "case_sensitive"};
 
 struct Rule
 {
@@ -88,6 +88,40 @@ constexpr struct
      "explicit_selection has no effect with this match_type and recursion_type"},
 };
 
+// What the call raises.
+template <class Call>
+std::optional<Krt::Exception::YError> ErrorOf(Call call)
+{
+    try {
+        call();
+    } catch (const Krt::Exception::YError& error) {
+        return error;
+    }
+    return std::nullopt;
+}
+
+// The key whose value a T can't be read with, and the keys that it is nested in, each after a dot. Empty if
+// no single value is the cause, as for a missing key, which the error names.
+template <class T>
+std::string FindRefusedKey(const YObject& object)
+{
+    const YObject valid = T().ToJSON();
+    for (const auto& [key, unused] : valid.Entries()) {
+        const boost::shared_ptr<YValue>& value = object.FindOpt(key);
+        YObject otherwiseValid = valid;
+        otherwiseValid.Put(key, value);
+        if (value == nullptr || !ErrorOf([&] { T().FromJSON(otherwiseValid); }))
+            continue;
+        std::string inner;
+        if constexpr (std::is_same_v<T, YSelectionDescriptor>) {
+            if (key == "descriptor" && value->IsObject())
+                inner = FindRefusedKey<Krt::Match::Descriptor>(value->AsObject());
+        }
+        return "." + key.Bytes() + inner;
+    }
+    return "";
+}
+
 class Check
 {
 public:
@@ -98,37 +132,49 @@ public:
         OfKeys(job, JobKeys);
         for (const std::string_view array : JobKeys) {
             const boost::shared_ptr<YValue>& rules = job.FindOpt(YString(array));
-            if (rules == nullptr || !rules->IsArray())
+            if (rules == nullptr)
                 continue;
+            if (const auto error = ErrorOf([&] { rules->AsArray(); })) {
+                m_visit({true, std::string(array) + ": " + ReasonOf(*error).Bytes()});
+                continue;
+            }
             m_array = array;
             m_index = 0;
             for (const boost::shared_ptr<YValue>& rule : rules->AsArray()) {
-                if (rule->IsObject())
-                    OfRule(rule->AsObject());
+                OfRule(*rule);
                 ++m_index;
             }
         }
     }
 
 private:
-    void OfRule(const YObject& object)
+    void OfRule(const YValue& value)
     {
-        OfKeys(object, RuleKeys);
-        const boost::shared_ptr<YValue>& path = object.FindOpt("path");
-        const boost::shared_ptr<YValue>& descriptor = object.FindOpt("descriptor");
-        if (path == nullptr || !path->IsString() || descriptor == nullptr || !descriptor->IsObject())
-            return;
-        OfKeys(descriptor->AsObject(), DescriptorKeys, ".descriptor");
-        const boost::shared_ptr<YValue>& pattern = descriptor->AsObject().FindOpt("descriptor");
-        if (pattern != nullptr && pattern->IsObject())
-            OfKeys(pattern->AsObject(), PatternKeys, ".descriptor.descriptor");
+        YString path;
         YSelectionDescriptor read;
-        try {
-            read.FromJSON(descriptor->AsObject());
-        } catch (const Krt::Exception::YError&) {
-            return; // the library raises it again when the rules are made
+        std::string place;
+        const YObject* fields = nullptr; // of the descriptor
+        if (value.IsObject())
+            OfKeysOfRule(value.AsObject());
+        const auto error = ErrorOf([&] {
+            const YObject& object = value.AsObject();
+            const boost::shared_ptr<YValue>& text = object.Find("path", Krt::MessageType::Runtime);
+            place = ".path";
+            path = text->AsString();
+            place.clear();
+            const boost::shared_ptr<YValue>& descriptor =
+                object.Find("descriptor", Krt::MessageType::Runtime);
+            place = ".descriptor";
+            fields = &descriptor->AsObject();
+            read.FromJSON(*fields);
+        });
+        if (error) {
+            if (fields != nullptr)
+                place += FindRefusedKey<YSelectionDescriptor>(*fields);
+            Found(true, place, ReasonOf(*error).Bytes());
+            return;
         }
-        const Rule rule{m_array == "includes", path->AsString().Bytes(), read};
+        const Rule rule{m_array == "includes", path.Bytes(), read};
         for (const auto& check : RuleChecks) {
             if (check.applies(rule))
                 Found(check.isError, "",
@@ -137,15 +183,34 @@ private:
         }
     }
 
-    void OfKeys(const YObject& object, std::span<const std::string_view> known, const char* place = "")
+    void OfKeysOfRule(const YObject& object)
+    {
+        OfKeys(object, RuleKeys);
+        const boost::shared_ptr<YValue>& descriptor = object.FindOpt("descriptor");
+        if (descriptor == nullptr || !descriptor->IsObject())
+            return;
+        OfKeys(descriptor->AsObject(), m_descriptor, ".descriptor");
+        const boost::shared_ptr<YValue>& pattern = descriptor->AsObject().FindOpt("descriptor");
+        if (pattern != nullptr && pattern->IsObject())
+            OfKeys(pattern->AsObject(), m_pattern, ".descriptor.descriptor");
+    }
+
+    static bool Has(std::span<const std::string_view> keys, const YString& key)
+    {
+        return std::find(keys.begin(), keys.end(), key.Bytes()) != keys.end();
+    }
+    static bool Has(const YObject& object, const YString& key) { return object.FindOpt(key) != nullptr; }
+
+    template <class Known>
+    void OfKeys(const YObject& object, const Known& known, const char* place = "")
     {
         for (const auto& [key, value] : object.Entries()) {
-            if (std::find(known.begin(), known.end(), key.Bytes()) == known.end())
+            if (!Has(known, key))
                 Found(true, place, "there is no key '" + key.Bytes() + "'");
         }
     }
 
-    void Found(bool isError, const char* place, const std::string& text) const
+    void Found(bool isError, const std::string& place, const std::string& text) const
     {
         std::string where;
         if (!m_array.empty())
@@ -154,6 +219,9 @@ private:
     }
 
     const std::function<void(const JobFinding&)>& m_visit;
+    // With all keys that these can have.
+    const YObject m_descriptor = YSelectionDescriptor().ToJSON();
+    const YObject m_pattern = Krt::Match::Descriptor().ToJSON();
     std::string_view m_array; // that the check is in; empty outside both
     std::size_t m_index = 0;  // of the rule in the array
 };

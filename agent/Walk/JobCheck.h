@@ -17,8 +17,9 @@ struct JobFinding
         text; ///< the place in the document, such as "includes[2].descriptor", and what is wrong there
 };
 
-/// Calls `visit` with each finding, in the order of the document. A missing key or a value of the wrong type
-/// is not a finding: YSelectionManager::FromJSON raises an error for it.
+/// Calls `visit` with each finding, in the order of the document. A rule that the library can't read is an
+/// error, whose text is the library's. A missing array is not a finding: YSelectionManager::FromJSON raises
+/// an error for it.
 void CheckJob(const Krt::JSON::YObject& job, const std::function<void(const JobFinding&)>& visit);
 
 } // namespace Agent

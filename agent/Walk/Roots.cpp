@@ -91,19 +91,26 @@ void CheckRules(const Krt::JSON::YObject& document, JobWarnings& warnings)
     });
 }
 
-// A walk meets only what is there, so it can't report a misspelt path below its start.
-void WarnOfMissingPaths(const Job& job, JobWarnings& warnings)
+// A walk meets only what is there, so it can't report a misspelt path below its start. Nor does it meet
+// anything inside a path that is not a directory.
+void WarnOfPathsWithoutEntries(const Job& job, JobWarnings& warnings)
 {
     YPath last;
+    struct stat status = {};
+    int error = 0;
     job.rules.VisitPathsAndDescriptors(
         YSelectionDescriptor::Include, YPath(),
-        [&](const YPath& path, const YSelectionDescriptor&) {
-            struct stat status;
-            if (path != last && !job.roots.contains(path) &&
-                Krt::Util::CallSystem([&] { return lstat(path.CStr(), &status); }).error == ENOENT)
-                warnings.Add("there is no " + path.Bytes() +
-                             ", so what is to be included there is not stored");
-            last = path;
+        [&](const YPath& path, const YSelectionDescriptor& rule) {
+            if (path != last) {
+                error = Krt::Util::CallSystem([&] { return lstat(path.CStr(), &status); }).error;
+                if (error == ENOENT && !job.roots.contains(path))
+                    warnings.Add("there is no " + path.Bytes() +
+                                 ", so what is to be included there is not stored");
+                last = path;
+            }
+            if (error == 0 && !S_ISDIR(status.st_mode) && !rule.CoversAllNames())
+                warnings.Add(path.Bytes() + " is not a directory, so it contains nothing that matches '" +
+                             rule.GetDescriptor().GetPattern().Bytes() + "'");
             return false;
         },
         true);
@@ -128,7 +135,8 @@ void LoadRules(Backup::File::YSelectionManager& rules, JobWarnings& warnings, co
     const EndingOnInterrupts ending; // the rules of a large job take their time
     try {
         // The text of a large job is given up before its rules are made.
-        const auto job = Krt::JSON::YValue::Parse(std::exchange(text, {}));
+        const auto job =
+            Krt::JSON::YValue::Parse(std::exchange(text, {}), Krt::JSON::YValue::DuplicateKeys::Refuse);
         CheckRules(job->AsObject(), warnings);
         rules.FromJSON(job->AsObject());
     } catch (const Krt::Exception::YError& error) {
@@ -146,7 +154,7 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths)
         JobWarnings warnings(jobFile);
         LoadRules(job.rules, warnings, jobFile);
         job.roots = job.rules.GetIncludeTops(YPath());
-        WarnOfMissingPaths(job, warnings);
+        WarnOfPathsWithoutEntries(job, warnings);
         job.warnings = warnings.Finish();
         KRT_RAISE_UNLESS(!job.roots.empty() || !paths.empty(), Krt::ErrorCode::InvalidArgument,
                          "The job file " << jobFile.c_str() << " includes nothing, and no PATH is named");

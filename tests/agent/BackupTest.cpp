@@ -93,6 +93,11 @@ TEST_F(BackupProgram, ToldOfRulesThatCannotBeMeantBeforeItRuns)
         {include, "\"path\"", "\"note\":1,\"path\"", 1, refused + "includes[0]: there is no key 'note'"},
         {include, "\"report_", "\"a\":1,\"report_", 1, place + ": there is no key 'a'"},
         {include, "\"pattern", "\"b\":1,\"pattern", 1, place + ".descriptor: there is no key 'b'"},
+        {include, "\"excl", "\"includes\":[],\"excl", 1, "Invalid JSON text: duplicate key 'includes'"},
+        {include, "\"any\"", "\"some\"", 1, place + ".descriptor.match_type: Unknown match type \"some\""},
+        {include, "\"recursive\"", "\"deep\"", 1, place + ".recursion_type: bad recursive type value: deep"},
+        {include, "\"report_exclude\":true", "\"report_exclude\":\"x\"", 1, place + ".report_exclude: "},
+        {include, "[{", "[1,{", 1, refused + "includes[0]: JSON value is no object"},
         {include, "\"/", "\"", 1, refused + "includes[0]: the path is not absolute"},
         {include, "\"/", "\"/../", 1, refused + "includes[0]: the path contains"},
         {include + rule + " glob=docs/*.tmp", "", "", 1,
@@ -105,6 +110,8 @@ TEST_F(BackupProgram, ToldOfRulesThatCannotBeMeantBeforeItRuns)
          found + "explicit_selection has no effect"},
         {"include " + source + " exact=file; include " + source + "/flie any", "", "", 0,
          "there is no " + source + "/flie"},
+        {"include " + source + " exact=file; include " + source + "/file glob=*.x", "", "", 0,
+         source + "/file is not a directory, so it contains nothing that matches '*.x'"},
         {"exclude - exact=a; " + include + " explicit", "", "", 0, ""},
     };
     for (const auto& [rules, from, to, exitCode, told] : cases) {

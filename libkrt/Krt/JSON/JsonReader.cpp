@@ -61,8 +61,8 @@ public:
     static constexpr std::size_t max_key_size = -1;
     static constexpr std::size_t max_string_size = -1;
 
-    explicit JsonBuilder(std::string_view document)
-        : m_document(document),
+    JsonBuilder(std::string_view document, YValue::DuplicateKeys duplicates)
+        : m_document(document), m_duplicates(duplicates),
           m_mayHoldBytes(document.find('\xEE') != document.npos || document.find('\\') != document.npos)
     {}
     const boost::shared_ptr<YValue>& Root() const { return m_root; }
@@ -104,20 +104,21 @@ private:
     bool Add(Content&& content);
     bool AddPart(Text part);
     std::string_view Whole(Text last);
-    bool Refuse(const char* reason, Text number, Code& error);
+    bool Refuse(const std::string& reason, Text number, Code& error);
 
     std::string_view m_document;
+    const YValue::DuplicateKeys m_duplicates;
     const bool m_mayHoldBytes; // told once, for all strings
     boost::shared_ptr<YValue> m_root;
     boost::container::small_vector<Level, 8> m_open;
     std::string m_parts; // of a string with escapes
-    const char* m_refusal = nullptr;
+    std::string m_refusal;
     const char* m_refusedNumber = nullptr;
 };
 
 void JsonBuilder::RaiseFailure(const Code& error, std::size_t offset) const
 {
-    const std::string reason = m_refusal ? m_refusal : error.message();
+    const std::string reason = m_refusal.empty() ? error.message() : m_refusal;
     if (m_refusedNumber)
         offset = m_refusedNumber - m_document.data();
     KRT_RAISE_AS("Parse", MessageType::Runtime, ErrorCode::InvalidArgument,
@@ -125,7 +126,7 @@ void JsonBuilder::RaiseFailure(const Code& error, std::size_t offset) const
 }
 
 // An empty number leaves the place to the parser.
-bool JsonBuilder::Refuse(const char* reason, Text number, Code& error)
+bool JsonBuilder::Refuse(const std::string& reason, Text number, Code& error)
 {
     m_refusal = reason;
     m_refusedNumber = number.data();
@@ -186,12 +187,15 @@ bool JsonBuilder::on_object_end(std::size_t, Code&)
     return Add<YObject>(std::move(object));
 }
 
-bool JsonBuilder::on_key(Text last, std::size_t, Code&)
+bool JsonBuilder::on_key(Text last, std::size_t, Code& error)
 {
     std::string_view key = Whole(last);
     key = key.substr(0, key.find_last_not_of('\0') + 1); // as a YString does
     Level& level = m_open.back();
+    const std::size_t before = level.object.Entries().size();
     level.slot = &level.object.Slot(key);
+    if (m_duplicates == YValue::DuplicateKeys::Refuse && level.object.Entries().size() == before)
+        return Refuse("duplicate key '" + std::string(key) + "'", Text(), error);
     m_parts.clear();
     return true;
 }
@@ -231,9 +235,14 @@ bool JsonBuilder::on_null(Code& error)
 
 boost::shared_ptr<YValue> YValue::Parse(std::string_view text)
 {
+    return Parse(text, DuplicateKeys::TakeLast);
+}
+
+boost::shared_ptr<YValue> YValue::Parse(std::string_view text, DuplicateKeys duplicates)
+{
     boost::json::parse_options options;
     options.max_depth = DepthLimit;
-    boost::json::basic_parser<JsonBuilder> parser(options, text);
+    boost::json::basic_parser<JsonBuilder> parser(options, text, duplicates);
     JsonBuilder::Code error;
     const std::size_t offset = parser.write_some(false, text.data(), text.size(), error);
     if (!error && offset < text.size())

@@ -100,6 +100,14 @@ public:
     /// - a number that is negative, fractional or above 64 bits
     /// - a null that is not a member (as a member it leaves the key absent)
     static boost::shared_ptr<YValue> Parse(std::string_view text);
+    /// What Parse does about a key that an object has twice.
+    enum class DuplicateKeys
+    {
+        TakeLast, ///< the last value, in the place of the first
+        Refuse    ///< raises InvalidArgument, naming the key
+    };
+    /// Parse, which takes the last of duplicate keys, with a choice.
+    static boost::shared_ptr<YValue> Parse(std::string_view text, DuplicateKeys duplicates);
 
 private:
     friend class JsonBuilder; // the reader

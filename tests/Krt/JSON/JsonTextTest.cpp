@@ -57,6 +57,17 @@ TEST(JsonText, IndentsByTwoBlanks)
     EXPECT_EQ(YValue::Parse(text)->Stringify(false).Bytes(), text);
 }
 
+TEST(JsonText, RefusesDuplicateKeysOnRequest)
+{
+    constexpr auto refuse = YValue::DuplicateKeys::Refuse;
+    for (const char* text : {R"({"a":1,"b":2,"a":1})", R"([{"b":{"a":null,"\u0061":1}}])"})
+        EXPECT_TRUE(Testing::ErrorOf([&] {
+                        YValue::Parse(text, refuse);
+                    }).starts_with("Parse: Invalid JSON text: duplicate key 'a' at offset "));
+    const char* const right = R"({"a":{"a":1},"b":[{"a":1},{"a":1}]})";
+    EXPECT_EQ(YValue::Parse(right, refuse)->Stringify(true).Bytes(), right);
+}
+
 TEST(JsonText, RefusesEverythingElseAndNamesThePlace)
 {
     const struct
