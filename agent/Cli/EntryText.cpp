@@ -1,7 +1,7 @@
 #include "agent/Cli/EntryText.h"
 
-#include "agent/Restore/Place.h"
 #include "agent/Restore/RecordedEntry.h"
+#include "agent/Restore/TargetLocation.h"
 #include "agent/Restore/WindowsTime.h"
 #include "agent/Run/Text.h"
 

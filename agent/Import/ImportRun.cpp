@@ -49,7 +49,7 @@ std::vector<ContentFolder::Name> ContentFolder::NamesOf(Backup::File::YMetadataB
 {
     const Backup::YJobPath path = metadata.GetFilePath(0);
     std::vector<Name> names;
-    for (YString& restored : PlaceOf(metadata, 0))
+    for (YString& restored : TargetLocationOf(metadata, 0))
         names.push_back({path.GetComponent(names.size()).m_name, std::move(restored)});
     return names;
 }
@@ -101,7 +101,7 @@ RecordedEntry ImportRun::Complete(YMetadataBase& metadata, EntryFacts& facts)
 {
     const RecordedEntry recorded = RecordedEntryOf(metadata);
     // What no restore will make is refused here, where its source is still at hand.
-    static_cast<void>(PlaceOf(metadata, 0));
+    static_cast<void>(TargetLocationOf(metadata, 0));
     switch (recorded.type) {
     case S_IFREG: {
         const Krt::Util::YUnxHandle file = m_contents.Open(metadata);

@@ -16,7 +16,7 @@ using Refused = std::vector<YString>;
 
 namespace {
 
-// Whether the step was done; a refusal is told.
+// Returns true if the step succeeded; otherwise adds the reason to `refused`.
 template <class Step>
 bool Try(Refused& refused, const char* what, const YString& which, Step step)
 {
@@ -29,13 +29,13 @@ bool Try(Refused& refused, const char* what, const YString& which, Step step)
     }
 }
 
-// Without the bits that would lend the rights of an owner other than the record's.
+// Removes the bits that would lend the rights of an owner other than that of the record.
 unsigned int ModeFor(unsigned int mode, bool isUserRight, bool isGroupRight)
 {
     return mode & ~static_cast<unsigned int>((isUserRight ? 0 : S_ISUID) | (isGroupRight ? 0 : S_ISGID));
 }
 
-// Gives the owner and returns the mode that may be set then.
+// Sets the owner and returns the mode that may be set then.
 unsigned int ApplyOwner(const Attributes& attributes, const YEntry& target, Refused& refused)
 {
     const bool hasUser = attributes.user != Krt::File::KeepOwner;
@@ -46,12 +46,12 @@ unsigned int ApplyOwner(const Attributes& attributes, const YEntry& target, Refu
     which << attributes.user << ":" << attributes.group;
     if (Try(refused, "owner ", which, [&] { target.SetOwner(attributes.user, attributes.group); }))
         return ModeFor(attributes.mode, hasUser, hasGroup);
-    // The group alone is often the user's to give.
+    // An ordinary user can often set the group alone.
     try {
         target.SetOwner(Krt::File::KeepOwner, attributes.group);
         return ModeFor(attributes.mode, false, hasGroup);
     } catch (const Krt::Exception::YError&) {
-        return ModeFor(attributes.mode, false, false); // told with the owner
+        return ModeFor(attributes.mode, false, false); // reported with the owner
     }
 }
 
@@ -60,8 +60,8 @@ bool IsAccessList(const YString& attribute)
     return attribute.Bytes().starts_with("system.posix_acl_");
 }
 
-// Access lists come last: one may take the owner's right to write, which the kernel requires for attributes
-// of the namespace "user".
+// Access lists are set last: they may remove the owner's right to write, which the kernel requires for
+// attributes of the namespace "user".
 void ApplyExtended(const Attributes& attributes, const YEntry& target, Refused& refused)
 {
     for (const bool isForAccessLists : {false, true}) {
@@ -92,7 +92,7 @@ void ApplyTo(const Attributes& attributes, const YEntry& target, bool hasMode, R
 
 void Apply(const Attributes& attributes, const Krt::Util::YUnxHandle& handle, Refused& refused)
 {
-    // The list that a directory hands down would turn the group's bits into rights of whoever stands in it.
+    // With an access list inherited from the directory, the group's bits would become rights of its users.
     Try(refused, "mode without inherited rights", YString(), [&] { Krt::File::RemoveAccessLists(handle); });
     ApplyTo(attributes, YEntry(handle), true, refused);
 }

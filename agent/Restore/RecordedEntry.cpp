@@ -17,7 +17,7 @@ using Backup::File::YWinFileMetadata;
 namespace {
 
 constexpr unsigned int PermissionBits = 07777;
-constexpr unsigned int WindowsReadOnly = 0x1; // of a directory it means something else
+constexpr unsigned int WindowsReadOnly = 0x1; // has another meaning for a directory
 constexpr unsigned int WindowsReparsePoint = 0x400;
 
 timespec Now()
@@ -70,7 +70,7 @@ RecordedEntry OfWindows(const YWinFileMetadata& metadata)
 
 unsigned int TypeOf(const YUnixFileMetadata& metadata)
 {
-    // First, since a link to a directory may be marked as one.
+    // First, since a symlink to a directory may be marked as a directory.
     if (metadata.IsSymbolicLink())
         return S_IFLNK;
     if (metadata.IsDirectoryForRestore())

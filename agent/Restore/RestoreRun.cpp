@@ -22,13 +22,13 @@ using Krt::File::YPath;
 
 namespace {
 
-// One such name serves the whole run: an entry is made under it and then moved to its own.
+// One name serves the whole run: each entry is created under it and then renamed.
 YString TemporaryName()
 {
     return YString(".kbagent-restore-" + RandomHex(8));
 }
 
-// For an entry without a path of its own, as list counts them.
+// For an entry without a path. The command list counts in the same way.
 YString NumberedEntry(unsigned long long number)
 {
     return YString("Entry " + std::to_string(number));
@@ -38,7 +38,7 @@ YString NumberedEntry(unsigned long long number)
 
 RestoreRun::RestoreRun(const Store& store, YDirectory target, std::vector<YPath> paths, Report& report)
     : m_tree(std::move(target), TemporaryName(),
-             [&report](const Place& directory, const std::vector<YString>& refused) {
+             [&report](const TargetLocation& directory, const std::vector<YString>& refused) {
                  for (const YString& reason : refused)
                      report.EntryFailed(PathOf(directory), reason);
              }),
@@ -71,13 +71,13 @@ void RestoreRun::RestorePath(const SnapshotEntry& entry, Backup::File::YMetadata
     const Backup::YJobPath original = metadata.GetFilePath(index);
     YString shown = original.GetComponentCount() != 0 ? original.GetDisplayPath() : NumberedEntry(m_number);
     try {
-        const Place place = PlaceOf(metadata, index);
-        const YPath path = PathOf(place);
+        const TargetLocation location = TargetLocationOf(metadata, index);
+        const YPath path = PathOf(location);
         shown = path;
         if (!IsWanted(path))
             return;
         m_refused.clear();
-        Make(entry, RecordedEntryOf(metadata), place, m_volumes.FindOther(original, place));
+        Make(entry, RecordedEntryOf(metadata), location, m_volumes.FindOther(original, location));
         for (const YString& reason : m_refused)
             m_report.EntryFailed(path, reason);
         if (entry.readSize)
@@ -91,7 +91,7 @@ void RestoreRun::Failed(const YString& path, const Krt::Exception::YError& error
 {
     KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState,
                      "Interrupted; what was restored so far stays");
-    // All further entries would fail in the same way. Attributes that find no room don't come here.
+    // All further entries would fail in the same way. Attributes without space do not come here.
     const int number = error.GetOsError();
     if (number == ENOSPC || number == EDQUOT)
         throw TargetFull("The target is full: " + path.Bytes() + ": " + ReasonOf(error).Bytes() + "; " +
@@ -119,46 +119,46 @@ bool RestoreRun::IsWanted(const YPath& path)
     return wanted;
 }
 
-void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded, const Place& place,
-                      const YString& otherVolume)
+void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
+                      const TargetLocation& location, const YString& otherVolume)
 {
     KRT_RAISE_UNLESS(!recorded.isReparsePoint || entry.content.has_value(), ErrorCode::NotSupported,
                      "A reparse point without content is not restored: its record does not tell its target");
     if (recorded.type == S_IFDIR) {
-        m_tree.MakeDirectory(place, recorded.attributes);
+        m_tree.MakeDirectory(location, recorded.attributes);
         m_counts.Add(recorded.type);
         return;
     }
-    const YDirectory& parent = m_tree.ParentOf(place);
-    CheckStanding(parent, place.back(), otherVolume);
+    const YDirectory& parent = m_tree.ParentOf(location);
+    CheckStanding(parent, location.back(), otherVolume);
     const YDirectory* workplace = &parent;
     bool isMoved = false;
     const Krt::Util::YScope cleanUp([&] {
         if (!isMoved)
             workplace->RemoveFile(m_temporary);
     });
-    const bool isLinked = MakeHardLink(FirstNameOf(entry), place, m_temporary);
+    const bool isLinked = MakeHardLink(FirstNameOf(entry), location, m_temporary);
     const bool isFirst = !isLinked && (entry.hardLinkGroup != 0 || m_hasSeveralPaths);
     FileId made;
     if (!isLinked && recorded.type == S_IFREG) {
         MakeFile(entry, recorded, parent, isFirst ? &made : nullptr);
     } else if (!isLinked) {
-        const Staging& staging = m_tree.StagingFor(place);
+        const Staging& staging = m_tree.StagingFor(location);
         workplace = &staging.GetDirectory();
         MakeOther(entry, recorded, staging);
         if (isFirst)
             made = FileId(workplace->Stat(m_temporary));
     }
-    workplace->Rename(m_temporary, parent, place.back());
+    workplace->Rename(m_temporary, parent, location.back());
     isMoved = true;
     if (isLinked)
         RemoveTemporary(parent);
     if (isFirst)
-        Remember(entry, place, made);
+        Remember(entry, location, made);
     m_counts.Add(recorded.type);
 }
 
-// Renaming one name of a file to another one does nothing, so a further name's temporary may still be there.
+// rename does nothing if both names are hard links to one file, so the temporary one may still exist.
 void RestoreRun::RemoveTemporary(const YDirectory& parent)
 {
     try {
@@ -168,7 +168,7 @@ void RestoreRun::RemoveTemporary(const YDirectory& parent)
     }
 }
 
-// Raises where something stands that the current entry must not replace.
+// Raises if the current entry must not replace the existing one of this name.
 void RestoreRun::CheckStanding(const YDirectory& parent, const YString& name,
                                const YString& otherVolume) const
 {
@@ -183,7 +183,7 @@ void RestoreRun::CheckStanding(const YDirectory& parent, const YString& name,
                          << otherVolume << ", which is restored into the same directory");
 }
 
-// The name that the current entry's file has already, by the paths of its record or by its group.
+// The hard link that the current file has already, by the paths of its record or by its group.
 const RestoreRun::LinkedFile* RestoreRun::FirstNameOf(const SnapshotEntry& entry) const
 {
     if (m_first)
@@ -192,15 +192,16 @@ const RestoreRun::LinkedFile* RestoreRun::FirstNameOf(const SnapshotEntry& entry
     return found != m_linked.end() ? &found->second : nullptr;
 }
 
-// Links the entry to the first name of its file, if that was restored and is still the same file. Otherwise
-// the caller makes a file of its own.
-bool RestoreRun::MakeHardLink(const LinkedFile* first, const Place& place, const YString& temporary)
+// Creates a hard link to the first name of the file, if that was restored and is still the same file.
+// Returns false if the caller has to create a separate file.
+bool RestoreRun::MakeHardLink(const LinkedFile* first, const TargetLocation& location,
+                              const YString& temporary)
 {
     if (first == nullptr)
         return false;
-    const YDirectory& parent = m_tree.ParentOf(place);
+    const YDirectory& parent = m_tree.ParentOf(location);
     try {
-        m_tree.MakeHardLink(first->place, place, temporary);
+        m_tree.MakeHardLink(first->location, location, temporary);
         if (FileId(parent.Stat(temporary)) == first->file)
             return true;
         m_refused.emplace_back(
@@ -209,7 +210,7 @@ bool RestoreRun::MakeHardLink(const LinkedFile* first, const Place& place, const
         m_refused.push_back(YString("restored as a file of its own, since it could not be linked: ") +
                             ReasonOf(error));
     }
-    parent.RemoveFile(temporary); // the file of its own takes this name
+    parent.RemoveFile(temporary); // the separate file needs this name
     return false;
 }
 
@@ -266,9 +267,9 @@ void RestoreRun::MakeOther(const SnapshotEntry& entry, const RecordedEntry& reco
         m_refused.emplace_back("attributes not restored, since others may enter the temporary directory");
 }
 
-void RestoreRun::Remember(const SnapshotEntry& entry, const Place& place, const FileId& made)
+void RestoreRun::Remember(const SnapshotEntry& entry, const TargetLocation& location, const FileId& made)
 {
-    m_first.emplace(LinkedFile{place, made});
+    m_first.emplace(LinkedFile{location, made});
     if (entry.hardLinkGroup != 0)
         m_linked.insert_or_assign(entry.hardLinkGroup, *m_first);
 }

@@ -9,12 +9,12 @@ namespace Agent {
 
 namespace {
 
-// The piece that is either written or left out; no smaller hole would save a block of a file system.
+// The unit that is either written or left out. A smaller hole would hardly save blocks of a file system.
 constexpr std::size_t Piece = 64 * 1024;
 
 bool IsZero(std::span<const unsigned char> data)
 {
-    // All bytes equal their successor, and the first is zero; memcmp is the fastest loop there is.
+    // The first byte is zero, and each byte equals the next one. memcmp is the fastest loop.
     return data.empty() || (data[0] == 0 && std::memcmp(data.data(), data.data() + 1, data.size() - 1) == 0);
 }
 
@@ -22,7 +22,7 @@ bool IsZero(std::span<const unsigned char> data)
 
 void SparseWriter::Append(std::span<const unsigned char> data)
 {
-    std::size_t begin = 0; // of what is to be written
+    std::size_t begin = 0; // of the data to be written
     std::size_t at = 0;
     while (at < data.size()) {
         const std::size_t size = std::min(Piece, data.size() - at);

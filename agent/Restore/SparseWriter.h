@@ -1,4 +1,4 @@
-// SparseWriter: writes a content from the start of a new file and leaves holes where it is all zeros.
+// SparseWriter: writes a new file from its start and leaves holes for long runs of zeros.
 #pragma once
 
 #include "Krt/Util/YUnxHandle.h"
@@ -13,7 +13,7 @@ public:
     /// The file is new and empty, and outlives the writer.
     explicit SparseWriter(const Krt::Util::YUnxHandle& file) : m_file(file) {}
 
-    /// Raises the operating system's error, as Finish does.
+    /// Writes at the end. Raises the operating system's error, as Finish does.
     void Append(std::span<const unsigned char> data);
     /// Gives the file its full size, which a hole at the end needs.
     void Finish();

@@ -1,7 +1,7 @@
-// Staging: a directory of the restore's own beside the entries that it makes, which nobody else may enter.
-// What has no descriptor, such as a link or a FIFO, gets its attributes there, by name, before it takes its
-// place, and inherits nothing: anywhere else somebody could swap it for a name of a file outside the target
-// in the meantime.
+// Staging: a temporary directory in the parent directory of the entries that a restore creates. No other user
+// can enter it. An entry without a descriptor, such as a symlink or a FIFO, gets its attributes by name in
+// there and is then moved to its location. In another directory, a user could meanwhile swap it for a hard
+// link to a file outside the target. It inherits no rights there either.
 #pragma once
 
 #include "Krt/File/YDirectory.h"
@@ -15,8 +15,8 @@ public:
     Staging(const Krt::File::YDirectory& parent, const Krt::YString& name);
 
     const Krt::File::YDirectory& GetDirectory() const { return m_directory; }
-    /// False where others may enter all the same: the file system keeps no owners or modes, or somebody put
-    /// another directory in this one's place. Names in it are not to be relied on then.
+    /// False if others can enter nevertheless: the file system keeps no owners or modes, or another user
+    /// replaced the directory. An entry of a given name may then be another one.
     bool IsPrivate() const { return m_isPrivate; }
 
 private:

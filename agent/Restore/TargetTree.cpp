@@ -22,7 +22,7 @@ namespace {
 constexpr unsigned int PrivateMode = 0700;
 constexpr unsigned int ModeWithoutRecord = 0755;
 
-// Somebody may have put another directory in the place of the one that was looked at.
+// Another user may have replaced the directory since its status was read.
 void CheckIs(const YDirectory& opened, const struct stat& seen, const YString& name)
 {
     KRT_RAISE_UNLESS(FileId(opened.Stat()) == FileId(seen), ErrorCode::InvalidState,
@@ -36,7 +36,7 @@ TargetTree::TargetTree(YDirectory root, YString staging, RefusalReport report)
       m_report(std::move(report))
 {}
 
-// A level that can't be finished, for want of memory, doesn't keep those above from it.
+// If a level cannot be finished because memory is exhausted, those above it are finished all the same.
 TargetTree::~TargetTree()
 {
     for (;;) {
@@ -51,29 +51,29 @@ TargetTree::~TargetTree()
     }
 }
 
-const YDirectory& TargetTree::ParentOf(const Place& place)
+const YDirectory& TargetTree::ParentOf(const TargetLocation& location)
 {
-    return Descend(place, place.size() - 1);
+    return Descend(location, location.size() - 1);
 }
 
-const Staging& TargetTree::StagingFor(const Place& place)
+const Staging& TargetTree::StagingFor(const TargetLocation& location)
 {
-    const YDirectory& parent = ParentOf(place);
+    const YDirectory& parent = ParentOf(location);
     std::optional<Staging>& staging = m_levels.empty() ? m_staging : m_levels.back().staging;
     if (!staging)
         staging.emplace(parent, m_stagingName);
     return *staging;
 }
 
-void TargetTree::MakeDirectory(const Place& place, Attributes attributes)
+void TargetTree::MakeDirectory(const TargetLocation& location, Attributes attributes)
 {
-    Descend(place, place.size());
+    Descend(location, location.size());
     m_levels.back().attributes = std::move(attributes);
 }
 
-void TargetTree::MakeHardLink(const Place& from, const Place& place, const YString& name)
+void TargetTree::MakeHardLink(const TargetLocation& from, const TargetLocation& location, const YString& name)
 {
-    const YDirectory& parent = ParentOf(place);
+    const YDirectory& parent = ParentOf(location);
     if (from.size() == 1) {
         parent.MakeHardLink(m_root, from.back(), name);
         return;
@@ -99,15 +99,15 @@ void TargetTree::Sync() const
         SyncFileSystem(directory.GetHandle());
 }
 
-const YDirectory& TargetTree::Descend(const Place& place, std::size_t depth)
+const YDirectory& TargetTree::Descend(const TargetLocation& location, std::size_t depth)
 {
     std::size_t common = 0;
-    while (common < depth && common < m_levels.size() && m_levels[common].name == place[common])
+    while (common < depth && common < m_levels.size() && m_levels[common].name == location[common])
         ++common;
     while (m_levels.size() > common)
         Leave();
     while (m_levels.size() < depth)
-        m_levels.push_back(OpenLevel(Top(), place[m_levels.size()]));
+        m_levels.push_back(OpenLevel(Top(), location[m_levels.size()]));
     return Top();
 }
 
@@ -152,7 +152,7 @@ void TargetTree::GiveBack(const Level& level)
     }
     if (level.isWidened)
         Krt::File::YEntry(handle).SetMode(level.before.st_mode);
-    // One that nothing was made in may well be somebody else's, who alone can set its times.
+    // If no entry was created in it, it may belong to another user, and only its owner can set its times.
     const struct stat now = level.directory.Stat();
     const timespec& write = Krt::File::WriteTime(level.before);
     if (Krt::File::WriteTime(now).tv_sec != write.tv_sec ||
@@ -160,7 +160,7 @@ void TargetTree::GiveBack(const Level& level)
         Krt::File::YEntry(handle).SetTimes(Krt::File::AccessTime(level.before), write);
 }
 
-// Somebody who may change the directory may have moved it away.
+// A user who can write to the directory may have moved it away.
 void TargetTree::RemoveStaging(std::optional<Staging>& staging, std::vector<YString>& refused) const
 {
     if (!staging)
@@ -188,10 +188,10 @@ void TargetTree::Leave()
         }
     }
     if (!refused.empty()) {
-        Place place;
-        std::transform(m_levels.begin(), m_levels.end(), std::back_inserter(place),
+        TargetLocation location;
+        std::transform(m_levels.begin(), m_levels.end(), std::back_inserter(location),
                        [](const Level& each) { return each.name; });
-        m_report(place, refused);
+        m_report(location, refused);
     }
     m_levels.pop_back();
 }

@@ -1,12 +1,12 @@
-// TargetTree: the directory that a restore writes into, reached by descriptors that follow no link, so
-// nothing is ever made outside it. The directories on the way to the current entry stay open. A directory
-// gets its attributes when the restore leaves it, the deepest first, so that what is made in it doesn't
-// change them.
+// TargetTree: the directory that a restore writes into. Its directories are opened by descriptors, without
+// following symlinks, so nothing is created outside it. The parent directories of the current entry stay
+// open. A directory gets its attributes when the restore leaves it, the deepest first, because creating
+// entries in it changes its times.
 #pragma once
 
 #include "agent/Restore/Attributes.h"
-#include "agent/Restore/Place.h"
 #include "agent/Restore/Staging.h"
+#include "agent/Restore/TargetLocation.h"
 
 #include <functional>
 #include <map>
@@ -18,31 +18,31 @@ namespace Agent {
 class TargetTree
 {
 public:
-    /// Called with what a directory did not get of its attributes.
+    /// Called with the attributes that a directory did not get, and the reasons.
     using RefusalReport =
-        std::function<void(const Place& directory, const std::vector<Krt::YString>& refused)>;
+        std::function<void(const TargetLocation& directory, const std::vector<Krt::YString>& refused)>;
 
-    /// `staging` is a name that no entry has.
+    /// `staging` is the name of temporary directories, which no entry has.
     TargetTree(Krt::File::YDirectory root, Krt::YString staging, RefusalReport report);
-    /// Finishes, so that a restore that is cut short leaves no directory as it stood meanwhile.
+    /// Calls Finish, so that an interrupted restore leaves no directory with the mode it needed meanwhile.
     ~TargetTree();
 
-    /// The directory that holds the entry of this place, made with its parents where it is missing, with mode
-    /// 0755 unless attributes follow. Raises InvalidState where something else than a directory, or a link,
-    /// stands in the way. Valid until the next call.
-    const Krt::File::YDirectory& ParentOf(const Place& place);
-    /// Beside the entry of this place; made when it is first asked for, and removed when the restore leaves
-    /// the directory. Valid until the next call.
-    const Staging& StagingFor(const Place& place);
-    /// Makes the place a directory, if it is none yet, that gets the attributes in the end.
-    void MakeDirectory(const Place& place, Attributes attributes);
-    /// Gives what stands at `from`, which is no directory, the further name `name` beside `place`. Raises the
+    /// Returns the parent directory of the location. It and its own parents are created if they are missing,
+    /// with mode 0755 unless MakeDirectory gives attributes later. Raises InvalidState if one of them exists
+    /// and is not a directory. Valid until the next call.
+    const Krt::File::YDirectory& ParentOf(const TargetLocation& location);
+    /// Returns the staging directory in the parent directory of the location. It is created by the first call
+    /// and removed when the restore leaves the parent directory. Valid until the next call.
+    const Staging& StagingFor(const TargetLocation& location);
+    /// Creates the directory if it is missing. It gets the attributes when the restore leaves it.
+    void MakeDirectory(const TargetLocation& location, Attributes attributes);
+    /// Creates a hard link `name` to the entry at `from`, in the parent directory of `location`. Raises the
     /// operating system's error.
-    void MakeHardLink(const Place& from, const Place& place, const Krt::YString& name);
-    /// Gives all directories that are still open their attributes.
+    void MakeHardLink(const TargetLocation& from, const TargetLocation& location, const Krt::YString& name);
+    /// Leaves all directories, which gives them their attributes.
     void Finish();
-    /// Returns once what was made is on the medium, also on file systems that are mounted below the target.
-    /// Raises the operating system's error.
+    /// Returns once everything that was created is durable, also on file systems that are mounted below the
+    /// target. Raises the operating system's error.
     void Sync() const;
 
 private:
@@ -51,14 +51,14 @@ private:
         Krt::YString name;
         Krt::File::YDirectory directory;
         bool isNew = false;
-        bool isWidened = false; // its owner was let in for the time being
+        bool isWidened = false; // its owner got all rights for the duration of the restore
         struct stat before
-        {};                                   // what an existing directory without a record gets back
+        {};                                   // restored at an existing directory without a record
         std::optional<Attributes> attributes; // of its record
         std::optional<Staging> staging;
     };
 
-    const Krt::File::YDirectory& Descend(const Place& place, std::size_t depth);
+    const Krt::File::YDirectory& Descend(const TargetLocation& location, std::size_t depth);
     const Krt::File::YDirectory& Top() const;
     Level OpenLevel(const Krt::File::YDirectory& parent, const Krt::YString& name);
     void Leave();

@@ -16,14 +16,14 @@ std::string_view WithoutDevicePrefix(std::string_view name)
 
 } // namespace
 
-YString VolumeNames::FindOther(const YJobPath& path, const Place& place)
+YString VolumeNames::FindOther(const YJobPath& path, const TargetLocation& location)
 {
-    // The component that a restore gives another name.
+    // The index of the component that a restore renames.
     unsigned long volume = path.Find(0, YJobPath::ClassFileSystemContainer);
     if (volume == path.GetComponentCount())
         volume = 0;
     const YString& name = path.GetComponent(volume).m_name;
-    Place directory(place.begin(), place.begin() + static_cast<std::ptrdiff_t>(volume) + 1);
+    TargetLocation directory(location.begin(), location.begin() + static_cast<std::ptrdiff_t>(volume) + 1);
     const YString& first = m_names.try_emplace(std::move(directory), name).first->second;
     return WithoutDevicePrefix(first.Bytes()) == WithoutDevicePrefix(name.Bytes()) ? YString() : first;
 }

@@ -1,9 +1,9 @@
-// VolumeNames: which volume each directory of the target stands for. Two volumes whose names differ only in
-// characters that no directory's name has, such as C: and C, would share one, and their files would take each
-// other's places.
+// VolumeNames: the volume for which each directory of the target was created. Two volumes whose names differ
+// only in characters that a directory's name cannot have, such as C: and C, share a directory, and their
+// files would replace each other.
 #pragma once
 
-#include "agent/Restore/Place.h"
+#include "agent/Restore/TargetLocation.h"
 
 #include <map>
 
@@ -12,12 +12,12 @@ namespace Agent {
 class VolumeNames
 {
 public:
-    /// The name of another volume that an earlier path put into the directory of this path's volume; empty if
-    /// there is none. `place` is where the path goes.
-    Krt::YString FindOther(const Backup::YJobPath& path, const Place& place);
+    /// Returns the name of another volume that an earlier path put into the directory of this path's volume,
+    /// or an empty string. `location` is that of the path.
+    Krt::YString FindOther(const Backup::YJobPath& path, const TargetLocation& location);
 
 private:
-    std::map<Place, Krt::YString> m_names; // by the volume's directory
+    std::map<TargetLocation, Krt::YString> m_names; // by the volume's directory
 };
 
 } // namespace Agent

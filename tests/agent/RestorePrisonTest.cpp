@@ -107,7 +107,7 @@ TEST_F(RestorePrison, HardLinksStayInsideTheTarget)
     EXPECT_EQ(ReadFile(target + "/name of a file outside"), "in its place");
 }
 
-TEST_F(RestorePrison, AWayOfSeveralNamesFollowsNoLinkOnAnyKernel)
+TEST_F(RestorePrison, ARelativePathFollowsNoLinkOnAnyKernel)
 {
     const Krt::File::YDirectory root = OpenTarget();
     Krt::File::YDirectory deepest = OpenTarget();
@@ -121,14 +121,14 @@ TEST_F(RestorePrison, AWayOfSeveralNamesFollowsNoLinkOnAnyKernel)
     const ino_t expected = StatusOf("a/b/c").st_ino;
     for (const bool isOld : {false, true}) {
         EXPECT_TRUE(HoldsAsOrdinaryUser([&] {
-            const auto way = [&](const std::vector<Krt::YString>& names) {
+            const auto inodeOf = [&](const std::vector<Krt::YString>& names) {
                 return root.OpenBelow(names).Stat().st_ino;
             };
             const auto fails = [&](const std::vector<Krt::YString>& names) {
-                return CatchError([&] { way(names); }).has_value();
+                return CatchError([&] { inodeOf(names); }).has_value();
             };
-            return (!isOld || TakeAwaySystemCall(SYS_openat2)) && way({"a", "b", "c"}) == expected &&
-                   way(tooLong) == deepest.Stat().st_ino && fails({"a", "link", "c"}) &&
+            return (!isOld || TakeAwaySystemCall(SYS_openat2)) && inodeOf({"a", "b", "c"}) == expected &&
+                   inodeOf(tooLong) == deepest.Stat().st_ino && fails({"a", "link", "c"}) &&
                    fails({"outside", "dir"}) && fails({"a", "..", "a"}) && fails({"a", "link"});
         })) << isOld;
     }

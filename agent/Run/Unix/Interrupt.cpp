@@ -15,7 +15,7 @@ void OnSignal(int signal)
     s_interrupted = signal;
 }
 
-// Whoever started the program with a signal ignored, as nohup does, wants it ignored.
+// A signal stays ignored if the program was started so, as nohup does.
 void ReplaceHandler(void (*from)(int), void (*to)(int))
 {
     struct sigaction action = {};
@@ -33,7 +33,7 @@ void ReplaceHandler(void (*from)(int), void (*to)(int))
 void CatchInterrupts()
 {
     ReplaceHandler(SIG_DFL, OnSignal);
-    // A closed pipe and a limit on the size of files are told by the write that fails.
+    // A closed pipe and a limit on the size of files make a write fail, which is reported.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     // A starter that ignores it hands that on, and then no child's status is to be had.

@@ -1,4 +1,4 @@
-#include "agent/Restore/Place.h"
+#include "agent/Restore/TargetLocation.h"
 
 #include "Krt/Exception/Raise.h"
 
@@ -25,25 +25,25 @@ YJobPath RestoredPath(YMetadataBase& metadata, unsigned long index)
     return metadata.GetSanitizedNewPath(path, YJobPath(), YJobPath());
 }
 
-Place PlaceOf(YMetadataBase& metadata, unsigned long index)
+TargetLocation TargetLocationOf(YMetadataBase& metadata, unsigned long index)
 {
     const YJobPath path = RestoredPath(metadata, index);
-    Place place;
+    TargetLocation location;
     for (unsigned long i = 0; i < path.GetComponentCount(); ++i) {
         const YString& name = path.GetComponent(i).m_name;
         const bool isSafe = !name.IsEmpty() && name != "." && name != ".." &&
                             name.Bytes().find_first_of(std::string_view("/\0", 2)) == std::string::npos;
         KRT_RAISE_UNLESS(isSafe, ErrorCode::InvalidArgument,
                          "Refused: the path has a component that no file may have: \"" << name << "\"");
-        place.push_back(name);
+        location.push_back(name);
     }
-    return place;
+    return location;
 }
 
-YPath PathOf(const Place& place)
+YPath PathOf(const TargetLocation& location)
 {
     std::string text;
-    for (const YString& name : place)
+    for (const YString& name : location)
         text += "/" + name.Bytes();
     return YPath(YString(text.empty() ? "/" : text));
 }
