@@ -54,16 +54,17 @@ constexpr FaultKind Kinds[] = {
     {"no memory for OpenSSL for good", FaultDomain::Crypto, 0, ForGood},
 };
 
-// What a sample takes of each kind, where it isn't known how many there are, and the seconds of a run.
-constexpr unsigned long SampleOfKind = 3;
+// The number of faults in a sample of each kind, the number of calls where it is unknown, and the seconds
+// that a run may take.
+constexpr unsigned long SampleOfKind = 4;
 constexpr unsigned long UnknownCalls = 30;
 constexpr unsigned int LongestRun = 60;
 
 // A failure makes OpenSSL keep some pieces that it didn't need before; an object that leaks has more.
 constexpr long KeptByOpenSsl = 8;
-// They fill what is kept for later ones.
+// They fill caches that later runs use.
 constexpr int WarmRuns = 3;
-// A thread keeps what is left of destroyed locks until it has this many, in about as many runs.
+// A thread keeps records of destroyed locks until it has this many, after about as many runs.
 constexpr int RunsUntilLocksAreFreed = 16;
 
 bool g_followsMemory = true;
@@ -76,15 +77,15 @@ std::bitset<256> OpenDescriptors()
     return open;
 }
 
-// Whether the code under test goes on behind the fault as if nothing had happened.
+// Returns true if the code under test continues after the fault without an error.
 bool IsHarmless(const FaultKind& kind, Names notRepeated)
 {
     return (kind.domain == FaultDomain::Transfers || kind.error == EINTR) &&
            std::find(notRepeated.begin(), notRepeated.end(), StruckCall()) == notRepeated.end();
 }
 
-// By contract these report an error of their own. A mount table that can't be read has no entries, what can't
-// be looked at doesn't exist for a service manager, and the policy of descents quotes what it met.
+// By contract these report an error of their own: an unreadable mount table counts as empty, a service
+// manager takes an entry without a status as missing, and the descent policy quotes its error.
 bool ReportsItsOwn(const Krt::Exception::YError& error)
 {
     constexpr const char* Functions[] = {"GetVolumeUniquePath", "IsFollowableDirectoryFromKrtAttributes",
@@ -108,7 +109,7 @@ int CountFailures()
     return ::testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
 }
 
-// What the calls of a run are, and which of them is struck in which way.
+// A scenario, and the call that a fault strikes in it.
 struct Plan
 {
     const Scenario& scenario;
@@ -124,7 +125,7 @@ struct Plan
     return faults.EndedWell();
 }
 
-// With the fault, and behind it without one.
+// Runs the scenario with the fault, and then without one.
 [[noreturn, gnu::always_inline]] inline void RunAsChild(const Plan& plan)
 {
     alarm(LongestRun);
@@ -141,7 +142,7 @@ struct Plan
         EXPECT_TRUE(endedWell || !IsHarmless(kind, plan.notRepeated)) << "it doesn't go on";
         EXPECT_EQ(OpenDescriptors(), descriptors) << "descriptors stay open";
         g_faultRun.kind = nullptr;
-        EXPECT_TRUE(RunOnce(plan.scenario)) << "it fails without a fault, behind one";
+        EXPECT_TRUE(RunOnce(plan.scenario)) << "it fails without a fault, after one";
         for (int run = 0; g_followsMemory && g_faultRun.objects > objects && run < RunsUntilLocksAreFreed;
              ++run)
             RunOnce(plan.scenario);

@@ -1,8 +1,8 @@
 // Fails the n-th system call or allocation of a piece of work, for n = 1, 2, 3 ... until a run meets no
-// fault, once and for good, and looks at what each failure leaves behind. Each run is a child process, with a
-// second one of the same scenario behind it that meets no fault: so leaks show in the balance of allocations,
-// and so does whatever the fault has spoilt. What links this has its calls of the C library, its operator new
-// and OpenSSL's memory pass through here, those of the shared libraries included. One thread.
+// fault, once and for good, and checks the state after each failure. Each run is a child process, which then
+// runs the scenario again without a fault. That shows leaks in the balance of allocations, and damage by the
+// fault. Calls of the C library, operator new and OpenSSL's allocations of the executable and its shared
+// libraries are counted. For work on one thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,11 +16,10 @@ namespace Testing {
 class Faults
 {
 public:
-    /// Does the work, and meets the fault in it, if one is due. Whether it ended well: neither by a YError
-    /// nor by a std::exception, nor with the answer false. What it leaves behind is for the scenario to
-    /// check.
+    /// Does the work, during which the fault strikes. Returns true if it ended neither by a YError or another
+    /// std::exception, nor by returning false. The scenario checks the state that remains.
     bool Try(const std::function<bool()>& work);
-    /// The same for work that has no answer.
+    /// Does work that returns nothing.
     template <class Work>
     bool TryAll(Work work)
     {
@@ -29,11 +28,11 @@ public:
             return true;
         });
     }
-    /// The number of the error that the fault gave a system call; 0 if it struck none, or took the memory for
-    /// a report of it. A YError that ends the work must carry it.
+    /// Returns the error number that the fault gave a system call; 0 if it struck no system call, or left no
+    /// memory to report it. A YError that ends the work must carry it.
     int StruckError() const;
-    /// Whether the work could clean up behind itself: no system call failed that removes something, or for
-    /// good.
+    /// Returns true if the work could clean up: no system call that removes something failed, and calls did
+    /// not fail for good.
     bool CouldCleanUp() const;
     bool EndedWell() const { return m_endedWell; }
 
@@ -41,7 +40,7 @@ private:
     bool m_endedWell = false;
 };
 
-/// When a process fills what it keeps from the first use on. In each run, leaks aren't told from that.
+/// When a process fills its caches. If in each run, leaks cannot be distinguished from them.
 enum class FirstUse
 {
     Before,

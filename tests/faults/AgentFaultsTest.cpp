@@ -3,8 +3,8 @@
 
 #include "Backup/Core/OpenSSL.h"
 
+#include "testing/Configuration.h"
 #include "testing/Faults.h"
-#include "testing/NoConfiguration.h"
 #include "testing/SelectionText.h"
 #include "testing/Services.h"
 #include "testing/StoreFiles.h"
@@ -102,12 +102,12 @@ protected:
 
     const std::string Abandoned = "0123456789abcdef.7";
     const TemporaryDirectory directory;
-    const NoConfiguration configuration{directory};
+    const NoConfiguration configuration;
     std::string source;
     std::string store;
 };
 
-TEST_F(AgentFaults, BackupIntoANewStore)
+TEST_F(AgentFaults, BackupIntoNewStore)
 {
     const std::string rules = "include " + directory.Path() + " exact=source explicit; include " + source;
     const std::string job = directory.Write("job", JobText(rules + " recursive any"));
@@ -117,7 +117,7 @@ TEST_F(AgentFaults, BackupIntoANewStore)
     });
 }
 
-TEST_F(AgentFaults, BackupIntoAStore)
+TEST_F(AgentFaults, BackupIntoExistingStore)
 {
     Faults none;
     CheckBackup(none, {source + "/d"}, 3, 0);
@@ -188,7 +188,7 @@ TEST_F(AgentFaults, CertificateTrust)
         EXPECT_FALSE(isOther);
         EXPECT_FALSE(isRevoked);
         if (isDone && !isTrusted) {
-            EXPECT_FALSE(report.reason.IsEmpty()); // without memory OpenSSL may find fault with what is right
+            EXPECT_FALSE(report.reason.IsEmpty()); // without memory OpenSSL may reject a valid certificate
         }
     });
 }

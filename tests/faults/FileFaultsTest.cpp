@@ -5,9 +5,9 @@
 #include "Backup/Volume/Unix/Util.h"
 #include "Backup/Volume/Unix/YVolumeManager.h"
 
+#include "testing/Configuration.h"
 #include "testing/Faults.h"
 #include "testing/MountTable.h"
-#include "testing/NoConfiguration.h"
 #include "testing/TemporaryDirectory.h"
 
 #include "Krt/File/YDirectory.h"
@@ -42,7 +42,7 @@ namespace {
 class FileFaults : public ::testing::Test
 {
 protected:
-    // Anew for each run: a file that has stood for a while is kept in memory.
+    // Called before each run: a file that is older than two seconds is cached.
     void Configure(const std::string& keys) const
     {
         setenv("KBAGENT_CONFIG", directory.Write("conf", "[configuration]\n" + keys).c_str(), 1);
@@ -56,64 +56,52 @@ protected:
     }
 
     const TemporaryDirectory directory;
-    const NoConfiguration configuration{directory};
+    const NoConfiguration configuration;
     const std::string content = std::string(70000, 'a') + std::string(70000, 'b');
 };
 
-TEST_F(FileFaults, StatusPrimitives)
-{
-    const YPath file(directory.Write("file", "12345").c_str());
-    CheckResultWithFaults([&] {
-        unsigned long long allocated = 0;
-        const unsigned long long inode = Backup::File::GetFileInode(file, &allocated);
-        const unsigned long long size = Backup::File::GetFileSize(file);
-        EXPECT_TRUE(size == 5 || size == 0) << "the latter where it can't be found out";
-        Backup::File::IsSpecialFile(file); // so is what can't be looked at
-        return std::tuple(inode, allocated, Backup::File::GetModeFlags(file),
-                          Backup::File::DoesDirExist(file));
-    });
-}
-
-TEST_F(FileFaults, MakingPrimitives)
+TEST_F(FileFaults, PathPrimitives)
 {
     CheckWithFaults(
         [&](Faults& faults) {
             const YPath root = EmptyDirectory("made");
-            const YPath old(directory.Write("made/old", "1").c_str());
+            const YPath old(directory.Write("made/old", "12345").c_str());
             const YPath made = Path("made/directory"), hard = Path("made/hard"),
                         link = Path("made/below/link");
+            const struct stat before = StatusOf(old.Bytes());
+            unsigned long long inode = 0, allocated = 0, size = 0;
+            unsigned int mode = 0;
+            bool isDirectory = true;
             YPath target;
             if (!faults.TryAll([&] {
+                    inode = Backup::File::GetFileInode(old, &allocated);
+                    mode = Backup::File::GetModeFlags(old);
+                    size = Backup::File::GetFileSize(old);
+                    Backup::File::IsSpecialFile(old);
+                    Backup::File::SetUID(old, geteuid());
+                    Backup::File::SetGID(old, getegid());
+                    Backup::File::SetModeFlags(old, S_IFREG | 0640);
+                    Backup::File::SetFileTime(old, 1, 2);
                     Backup::File::CreateDirectory(made, 0750);
+                    isDirectory = Backup::File::DoesDirExist(old);
                     Backup::File::CreateHardlink(hard, old);
                     Backup::File::CreateSymbolicLink(link, old);
                     Backup::File::CreateSymbolicLink(link, made);
                     target = Backup::File::GetSymbolicLinkTarget(link);
                 }))
                 return;
+            EXPECT_EQ(std::tuple(inode, allocated, mode),
+                      std::tuple(before.st_ino, before.st_blocks * 512ull, before.st_mode));
+            EXPECT_TRUE(size == 5 || size == 0) << "the latter if it could not be read";
+            EXPECT_FALSE(isDirectory);
             EXPECT_EQ(target, made);
             EXPECT_TRUE(fs::is_directory(made.CStr()));
-            EXPECT_EQ(StatusOf(hard.Bytes()).st_ino, StatusOf(old.Bytes()).st_ino);
+            EXPECT_EQ(StatusOf(hard.Bytes()).st_ino, inode);
+            EXPECT_EQ(StatusOf(hard.Bytes()).st_mode, static_cast<mode_t>(S_IFREG | 0640));
+            EXPECT_EQ(StatusOf(hard.Bytes()).st_mtime, 2);
             EXPECT_EQ(fs::read_symlink(link.CStr()), made.CStr());
         },
         {"readlink"});
-}
-
-TEST_F(FileFaults, AttributePrimitives)
-{
-    const YPath file(directory.Write("file", "").c_str());
-    CheckWithFaults([&](Faults& faults) {
-        chmod(file.CStr(), 0600);
-        if (!faults.TryAll([&] {
-                Backup::File::SetUID(file, geteuid());
-                Backup::File::SetGID(file, getegid());
-                Backup::File::SetModeFlags(file, S_IFREG | 0640);
-                Backup::File::SetFileTime(file, 1, 2);
-            }))
-            return;
-        EXPECT_EQ(StatusOf(file.Bytes()).st_mode, static_cast<mode_t>(S_IFREG | 0640));
-        EXPECT_EQ(StatusOf(file.Bytes()).st_mtime, 2);
-    });
 }
 
 TEST_F(FileFaults, TransferPrimitives)
@@ -140,7 +128,7 @@ TEST_F(FileFaults, TransferPrimitives)
             if (!isDone)
                 return;
             EXPECT_EQ(ReadFile(file.CStr()), content);
-            // A short read is told as such.
+            // Read returns the size of a short read.
             EXPECT_EQ(read.substr(0, size), content.substr(0, size));
         },
         {"read", "write"});
@@ -149,66 +137,52 @@ TEST_F(FileFaults, TransferPrimitives)
 TEST_F(FileFaults, YFileReads)
 {
     const YPath file(directory.Write("file", content).c_str());
-    const bool hasAttribute = setxattr(file.CStr(), "user.test", "1", 1, 0) == 0;
-    CheckWithFaults([&](Faults& faults) {
-        YFile opened;
-        std::string read(content.size() + 10, ' ');
-        std::size_t size = 0, attributes = 0;
-        if (faults.TryAll([&] {
-                opened.Open(YFile::OPEN_MODE_READ, file, YFile::OPT_NONE);
-                size = opened.Read(read.data(), static_cast<unsigned int>(read.size()));
-                attributes = opened.GetExtendedAttributeMap().count("user.test") +
-                             opened.ListExtendedAttributes().size();
-                opened.GetDataPtr()[0] = 1;
-                EXPECT_EQ(opened.LookUpAttributes() & Krt::File::AttributeDirectory, 0u);
-                opened.Close();
-            })) {
-            EXPECT_EQ(read.substr(0, size), content);
-            EXPECT_GE(attributes, hasAttribute ? 2u : 0u);
-        }
-        opened.Open(YFile::OPEN_MODE_READ, file, YFile::OPT_NONE);
-        EXPECT_EQ(opened.GetInode(), StatusOf(file.Bytes()).st_ino);
-    });
-}
-
-TEST_F(FileFaults, YFileReadsAnEntry)
-{
-    directory.Write("file", content);
-    const YString name("file");
-    CheckWithFaults([&](Faults& faults) {
-        YFile opened;
-        std::string read(content.size(), ' ');
-        unsigned int size = 0;
-        const auto readEntry = [&] {
-            const YDirectory root = YDirectory::Open(YPath(directory.Path().c_str()));
-            opened.OpenEntry(root, name, Path("file"));
-            size = opened.Read(read.data(), static_cast<unsigned int>(read.size()));
-            opened.GetExtendedAttributeMap();
-        };
-        if (faults.TryAll(readEntry)) {
-            EXPECT_EQ(read.substr(0, size), content);
-        }
-        readEntry();
-        EXPECT_EQ(read, content);
-    });
-}
-
-TEST_F(FileFaults, YFileReadsALink)
-{
     fs::create_symlink("target", directory / "link");
-    const YString name("link");
-    const YDirectory root = YDirectory::Open(YPath(directory.Path().c_str()));
-    CheckResultWithFaults(
-        [&] {
-            YFile link(YFile::OPEN_MODE_READ, Path("link"), YFile::OPT_NONE), entry;
-            entry.OpenEntry(root, name, Path("link"));
-            entry.GetExtendedAttributeMap();
-            return std::pair(link.GetSymbolicLinkTarget(), entry.GetSymbolicLinkTarget());
+    const bool hasAttribute = setxattr(file.CStr(), "user.test", "1", 1, 0) == 0;
+    const YString name("file"), nameOfLink("link");
+    CheckWithFaults(
+        [&](Faults& faults) {
+            YFile byPath, byEntry;
+            std::string read(content.size() + 10, ' '), readEntry = read;
+            std::size_t size = 0, sizeOfEntry = 0, attributes = 0;
+            YPath target, targetOfEntry;
+            const auto readAll = [&] {
+                byPath.Open(YFile::OPEN_MODE_READ, file, YFile::OPT_NONE);
+                size = byPath.Read(read.data(), static_cast<unsigned int>(read.size()));
+                attributes = byPath.GetExtendedAttributeMap().count("user.test") +
+                             byPath.ListExtendedAttributes().size();
+                byPath.GetDataPtr()[0] = 1;
+                EXPECT_EQ(byPath.LookUpAttributes() & Krt::File::AttributeDirectory, 0u);
+                byPath.Close();
+
+                const YDirectory root = YDirectory::Open(YPath(directory.Path().c_str()));
+                byEntry.OpenEntry(root, name, Path("file"));
+                sizeOfEntry = byEntry.Read(readEntry.data(), static_cast<unsigned int>(readEntry.size()));
+                byEntry.GetExtendedAttributeMap();
+
+                YFile link(YFile::OPEN_MODE_READ, Path("link"), YFile::OPT_NONE);
+                target = link.GetSymbolicLinkTarget();
+                link.OpenEntry(root, nameOfLink, Path("link"));
+                link.GetExtendedAttributeMap();
+                targetOfEntry = link.GetSymbolicLinkTarget();
+            };
+            const auto check = [&] {
+                EXPECT_EQ(read.substr(0, size), content);
+                EXPECT_EQ(readEntry.substr(0, sizeOfEntry), content);
+                EXPECT_GE(attributes, hasAttribute ? 2u : 0u);
+                EXPECT_EQ(target, "target");
+                EXPECT_EQ(targetOfEntry, "target");
+            };
+            if (faults.TryAll(readAll))
+                check();
+            readAll();
+            check();
+            EXPECT_EQ(byEntry.GetInode(), StatusOf(file.Bytes()).st_ino);
         },
         {"readlink"});
 }
 
-TEST_F(FileFaults, OpeningStaysAboveTheStandardStreams)
+TEST_F(FileFaults, OpenStaysAboveStandardStreams)
 {
     const YPath file(directory.Write("file", content).c_str());
     CheckWithFaults([&](Faults& faults) {
@@ -267,8 +241,9 @@ TEST_F(FileFaults, YFileWrites)
 
 TEST_F(FileFaults, Directories)
 {
+    const YString contentOfText(content);
     CheckWithFaults([&](Faults& faults) {
-        const YPath root = EmptyDirectory("root");
+        const YPath root = EmptyDirectory("root"), text = Path("root/a/b/text");
         std::set<std::string> names;
         YString target;
         if (!faults.TryAll([&] {
@@ -295,8 +270,14 @@ TEST_F(FileFaults, Directories)
                 });
                 opened.RemoveFile("fifo");
                 Krt::File::YEntry(opened, "hard").SetTimes({3, 0}, {4, 0});
+                Krt::File::CreatePath(text, false);
+                Krt::File::DeleteFile(text);
+                Krt::File::YFile written(text, Krt::File::YFile::CreateAndWrite);
+                written.Write(contentOfText);
+                written.Close();
             }))
             return;
+        EXPECT_EQ(ReadFile(text.CStr()), content);
         EXPECT_EQ(names, (std::set<std::string>{"fifo", "file", "hard", "link"}));
         EXPECT_EQ(target, "file");
         EXPECT_EQ(ReadFile(root.CStr() + std::string("/file")), content);
@@ -305,25 +286,7 @@ TEST_F(FileFaults, Directories)
     });
 }
 
-TEST_F(FileFaults, TextFiles)
-{
-    const YPath file = Path("text/a/b/file");
-    const YString text(content);
-    CheckWithFaults([&](Faults& faults) {
-        EmptyDirectory("text");
-        if (faults.TryAll([&] {
-                Krt::File::CreatePath(file, false);
-                Krt::File::DeleteFile(file);
-                Krt::File::YFile written(file, Krt::File::YFile::CreateAndWrite);
-                written.Write(text);
-                written.Close();
-            })) {
-            EXPECT_EQ(ReadFile(file.CStr()), content);
-        }
-    });
-}
-
-// The lines of a log behind their times.
+// The lines of a log without their times.
 std::multiset<std::string> LinesOf(const YPath& log)
 {
     std::multiset<std::string> lines;
@@ -361,7 +324,7 @@ TEST_F(FileFaults, LogLinesAreWrittenOrCounted)
     });
 }
 
-TEST_F(FileFaults, LogReopens)
+TEST_F(FileFaults, LogIsReopened)
 {
     Krt::Log::InstallGlobalLogger();
     Krt::Log::YLog& log = *Krt::Log::GetGlobalLogger();
@@ -387,7 +350,7 @@ TEST_F(FileFaults, LogReopens)
     });
 }
 
-TEST_F(FileFaults, ProfileIsReadWhole)
+TEST_F(FileFaults, ProfileIsReadCompletely)
 {
     CheckWithFaults([&](Faults& faults) {
         Configure("text=" + content + "\nflag=yes\n[other]\na=b\n");
@@ -418,7 +381,7 @@ TEST_F(FileFaults, VolumesAreListed)
             };
             std::set<std::string> listed;
             const bool isDone = faults.TryAll([&] { listed = list(); });
-            // A table that can't be had has no entries.
+            // A table that cannot be read has no entries.
             if (isDone) {
                 EXPECT_TRUE(listed == all || listed.empty());
             }

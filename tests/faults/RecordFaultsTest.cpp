@@ -3,11 +3,11 @@
 #include "Backup/File/YUnixFileMetadata.h"
 #include "Backup/File/YWinFileMetadata.h"
 
+#include "testing/Configuration.h"
 #include "testing/Faults.h"
 #include "testing/JobPaths.h"
 #include "testing/LegacyHeaderBuilder.h"
 #include "testing/LogCapture.h"
-#include "testing/NoConfiguration.h"
 #include "testing/SelectionText.h"
 #include "testing/TemporaryDirectory.h"
 
@@ -51,27 +51,45 @@ Answers AnswersOf(const YSelectionManager& rules)
     return answers;
 }
 
-TEST(RecordFaults, SelectionIsLoaded)
+TEST(RecordFaults, SelectionIsLoadedCopiedAndAsked)
 {
-    const YSelectionManager all = Testing::Tree(ManyRules());
+    const YSelectionManager all = Testing::Tree(ManyRules()), old = Testing::Tree("include /old any");
     const std::string text = YValue::FromObject(all.ToJSON("/")).Stringify(true).Bytes();
+    const LogCapture log({"SelectionQuery"});
+    const auto ask = [](const YSelectionManager& rules) {
+        return std::tuple(AnswersOf(rules), rules.GetIncludeTops("/"), rules.GetSelections("/data").size());
+    };
+    const auto right = ask(all);
     CheckWithFaults([&](Faults& faults) {
-        YSelectionManager rules = Testing::Tree("include /old any");
+        YSelectionManager rules = old, assigned = old, copied;
+        bool isAssigned = false;
+        decltype(ask(rules)) answers;
         const auto load = [&] {
             rules.FromJSON(YValue::Parse(text)->AsObject());
         };
-        if (faults.TryAll(load)) {
-            EXPECT_EQ(rules, all);
-        }
+        const bool isDone = faults.TryAll([&] {
+            load();
+            copied.CopyDescriptorsFromPath(all, "/data", "/elsewhere");
+            assigned = all;
+            isAssigned = true;
+            answers = ask(all);
+        });
+        EXPECT_EQ(assigned, isAssigned ? all : old);
         AnswersOf(rules);
+        if (isDone) {
+            EXPECT_EQ(rules, all);
+            EXPECT_EQ(answers, right);
+            EXPECT_TRUE(copied.IsPathSelected("/elsewhere/directory/a-name-of-some-length-7"));
+        }
         load();
         EXPECT_EQ(rules, all);
-        EXPECT_EQ(AnswersOf(rules), AnswersOf(all));
+        EXPECT_EQ(ask(rules), right);
+        EXPECT_EQ(ask(all), right) << "the source cannot be locked any more";
     });
 }
 
-// A rule that takes the place of others is there, or they are.
-TEST(RecordFaults, NoRuleIsLost)
+// Either the rule that replaces others is present, or they are.
+TEST(RecordFaults, SelectionLosesNoRule)
 {
     const YSelectionManager before = Testing::Tree(ManyRules());
     const LogCapture log({"SelectionBuild"});
@@ -98,38 +116,11 @@ TEST(RecordFaults, NoRuleIsLost)
     });
 }
 
-TEST(RecordFaults, SelectionIsCopied)
-{
-    const YSelectionManager all = Testing::Tree(ManyRules());
-    const YSelectionManager other = Testing::Tree("include /old any");
-    CheckWithFaults([&](Faults& faults) {
-        YSelectionManager assigned = other, copied;
-        const bool isDone = faults.TryAll([&] {
-            copied.CopyDescriptorsFromPath(all, "/data", "/elsewhere");
-            assigned = all;
-        });
-        EXPECT_EQ(assigned, isDone ? all : other);
-        EXPECT_EQ(AnswersOf(all).size(), std::size(Asked)) << "the source can be locked again";
-        if (isDone) {
-            EXPECT_TRUE(copied.IsPathSelected("/elsewhere/directory/a-name-of-some-length-7"));
-        }
-    });
-}
-
-TEST(RecordFaults, SelectionIsAsked)
-{
-    const YSelectionManager rules = Testing::Tree(ManyRules());
-    const LogCapture log({"SelectionQuery"});
-    CheckResultWithFaults([&] {
-        return std::tuple(AnswersOf(rules), rules.GetIncludeTops("/"), rules.GetSelections("/data").size());
-    });
-}
-
-TEST(RecordFaults, RecordOfAFile)
+TEST(RecordFaults, RecordOfFile)
 {
     const TemporaryDirectory directory;
     const YPath path(directory.Write("a file with a name of some length", "content").c_str());
-    const NoConfiguration configuration(directory);
+    const NoConfiguration configuration;
     CheckResultWithFaults([&] {
         using Backup::File::YFile;
         YFile file(YFile::OPEN_MODE_READ, path, YFile::OPT_NONE);
