@@ -14,7 +14,7 @@
 namespace Krt::Thread {
 namespace {
 
-TEST(YMutex, LevelsAreCountedAndTheLastOneFrees)
+TEST(YMutex, LastLevelUnlocks)
 {
     const auto internal = boost::make_shared<YMutexInternal>(0);
     const YMutex mutex(internal);
@@ -26,7 +26,7 @@ TEST(YMutex, LevelsAreCountedAndTheLastOneFrees)
         inner = YMutex::YLock();
         EXPECT_EQ(internal->GetLockCount(), 2u) << "the source of a move gives nothing back";
         taker = mutex.Lock();
-        EXPECT_EQ(internal->GetLockCount(), 2u) << "an assignment gives back what it replaces";
+        EXPECT_EQ(internal->GetLockCount(), 2u) << "an assignment releases the lock that it replaces";
         std::thread([&] { EXPECT_FALSE(internal->IsLockedByMe()); }).join();
     }
     EXPECT_TRUE(internal->IsLockedByMe());
@@ -35,7 +35,7 @@ TEST(YMutex, LevelsAreCountedAndTheLastOneFrees)
     EXPECT_FALSE(internal->IsLockedByMe());
 }
 
-TEST(YMutex, GivenUpLevelsAreBroughtBackButTheLocksOwn)
+TEST(YMutex, GivenUpLevelsAreRestored)
 {
     for (const unsigned int outerLevels : {0u, 1u, 3u}) {
         const auto internal = boost::make_shared<YMutexInternal>(0);
@@ -54,7 +54,7 @@ TEST(YMutex, GivenUpLevelsAreBroughtBackButTheLocksOwn)
     }
 }
 
-TEST(YMutex, LockNeedsNoMutex)
+TEST(YMutex, LockWithoutMutexIsEmpty)
 {
     YMutex::YLock lock = YMutex(boost::shared_ptr<YMutexInternal>()).Lock(); // locks nothing
     lock.GiveUpAllLevels();
@@ -62,7 +62,7 @@ TEST(YMutex, LockNeedsNoMutex)
     other = YMutex().Lock();
 }
 
-TEST(YMutexDeathTest, FailureOfAnyMutexAborts)
+TEST(YMutexDeathTest, MutexFailureAborts)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     struct Destroyed : YMutexInternalBase
@@ -82,7 +82,7 @@ TEST(YMutexDeathTest, FailureOfAnyMutexAborts)
                  "Mutex unlock error 1");
 }
 
-TEST(SpinLock, RecursesOnItsThreadAndExcludesOthers)
+TEST(SpinLock, RecursiveAndExclusive)
 {
     SpinLock spin;
     long sum = 0;

@@ -48,7 +48,7 @@ Lock Take(const YReadWriteMutex& mutex, char kind)
     return kind == 'W' ? mutex.WriteLock(Forever) : mutex.ReadLock(Forever);
 }
 
-TEST(YReadWriteMutex, ExclusionLastsFromTheFirstWriteLevelToTheLastLevel)
+TEST(YReadWriteMutex, ExclusionLastsFromFirstWriteToLastLevel)
 {
     const struct
     {
@@ -98,13 +98,13 @@ TEST(YReadWriteMutex, TimeOutRaisesAndLeavesNoLock)
     const Lock reader = mutex.ReadLock(Forever);
     OnOtherThread([&] {
         const Lock other = mutex.ReadLock(Forever);
-        EXPECT_TRUE(Testing::CatchError([&] { mutex.WriteLock(Short); })) << "beside another reader";
+        EXPECT_TRUE(Testing::CatchError([&] { mutex.WriteLock(Short); })) << "while another thread reads";
     });
     const Lock upgraded = mutex.WriteLock(Forever);
 }
 
 // Without limits of time a lost wake-up shows as a hang, and lost exclusion as a wrong sum.
-TEST(YReadWriteMutex, MixedUseByManyThreadsExcludesAndNeverSleepsOn)
+TEST(YReadWriteMutex, MixedUseByThreadsExcludesAndWakes)
 {
     constexpr int Rounds = 10000;
     const YReadWriteMutex mutex;
@@ -141,29 +141,8 @@ TEST(YReadWriteMutex, MixedUseByManyThreadsExcludesAndNeverSleepsOn)
     EXPECT_GE(written, 1);
 }
 
-TEST(YReadWriteMutex, LockOutlivesItsMutex)
-{
-    for (const std::string taken : {"R", "W", "RRW", "WR"}) {
-        std::optional<YReadWriteMutex> mutex(std::in_place);
-        std::latch held(2), gone(1);
-        std::thread holder([&] {
-            std::vector<Lock> locks;
-            for (const char kind : taken)
-                locks.push_back(Take(*mutex, kind));
-            held.arrive_and_wait();
-            gone.wait();
-            while (!locks.empty())
-                locks.pop_back();
-        });
-        held.arrive_and_wait();
-        mutex.reset();
-        gone.count_down();
-        holder.join();
-    }
-}
-
-// For the checkers: the last share goes while readers leave without a look at the lock.
-TEST(YReadWriteMutex, GoesWhileItsLastReadersLeave)
+// For the sanitizers: the last reference is released while readers unlock by their slots only.
+TEST(YReadWriteMutex, DestroyedWhileReadersUnlock)
 {
     for (int round = 0; round < 300; ++round) {
         std::optional<YReadWriteMutex> mutex(std::in_place);
@@ -179,8 +158,8 @@ TEST(YReadWriteMutex, GoesWhileItsLastReadersLeave)
     }
 }
 
-// For the address and leak checks: records are given up by the side that goes last.
-TEST(YReadWriteMutex, LocksAndThreadsGoInAnyOrder)
+// For the address and leak checks: the last of lock and thread frees the records.
+TEST(YReadWriteMutex, LocksAndThreadsEndInAnyOrder)
 {
     const YReadWriteMutex lasting;
     for (int thread = 0; thread < 50; ++thread)
@@ -205,7 +184,7 @@ TEST(YReadWriteMutex, LocksAndThreadsGoInAnyOrder)
     EXPECT_EQ(OthersTake(lasting), 'W');
 }
 
-TEST(YReadWriteMutex, GivenUpLevelsComeBack)
+TEST(YReadWriteMutex, GivenUpLevelsAreRestored)
 {
     for (const std::string taken : {"RR", "WW", "RW"}) {
         std::optional<YReadWriteMutex> mutex(std::in_place);
@@ -220,7 +199,7 @@ TEST(YReadWriteMutex, GivenUpLevelsComeBack)
         EXPECT_EQ(OthersTake(*mutex), 'W') << taken;
         outer = Take(*mutex, taken[1]);
         outer.GiveUpAllLevels();
-        mutex.reset(); // the lock keeps what it will come back to
+        mutex.reset(); // the lock keeps the state that it restores
     }
 }
 

@@ -21,7 +21,7 @@
 namespace Krt::Thread {
 namespace {
 
-TEST(GetThreadId, IsRenewedInTheChildOfAFork)
+TEST(GetThreadId, RenewedAfterFork)
 {
     const unsigned long long parent = GetThreadId();
     const pid_t child = fork();
@@ -33,7 +33,7 @@ TEST(GetThreadId, IsRenewedInTheChildOfAFork)
     std::thread([&] { EXPECT_NE(GetThreadId(), parent); }).join();
 }
 
-TEST(YThreadBase, ThreadKnowsItsObjectAndItsName)
+TEST(YThreadBase, ThreadKnowsObjectAndName)
 {
     const std::string umlauts = "a name of \xC3\xA4\xC3\xB6\xC3\xBC\xC3\x9F"; // too long for some systems
     for (const std::string& given : {std::string(), std::string("walker"), umlauts}) {
@@ -62,7 +62,7 @@ TEST(YThreadBase, ThreadKnowsItsObjectAndItsName)
     }).join();
 }
 
-TEST(YThreadBase, KeepsTheErrorThatEndsItsFunction)
+TEST(YThreadBase, ErrorOfFunctionIsKept)
 {
     YThreadBase raising([] { KRT_RAISE_AS("Work", MessageType::Volume, ErrorCode::NotFound, "lost"); }, "");
     YThreadBase throwing([] { throw std::runtime_error("no luck"); }, "");
@@ -75,7 +75,7 @@ TEST(YThreadBase, KeepsTheErrorThatEndsItsFunction)
     EXPECT_EQ(quiet.GetError().GetCode(), 0u);
 }
 
-TEST(YThreadBase, CancellationReachesTheTopmostScopeAlone)
+TEST(YThreadBase, CancelReachesTopmostScopeOnly)
 {
     YThreadBase thread(
         [&] {
@@ -96,7 +96,7 @@ TEST(YThreadBase, CancellationReachesTheTopmostScopeAlone)
     EXPECT_FALSE(foreign.IsCancelled());
 }
 
-TEST(YThreadBase, RunnableIsNotPoppedWhileARequestCallsIt)
+TEST(YThreadBase, PopWaitsForRunningCancelRequest)
 {
     std::latch pushed(2), called(2);
     std::atomic<bool> finished = false;
@@ -121,7 +121,7 @@ TEST(YThreadBase, RunnableIsNotPoppedWhileARequestCallsIt)
     thread.RequestCancel();
 }
 
-TEST(YThreadBase, RunnableIsPushedTwice)
+TEST(YThreadBase, RunnablePushedTwice)
 {
     YThreadBase thread(
         [] {
@@ -143,7 +143,7 @@ TEST(YThreadBase, RunnableIsPushedTwice)
 }
 
 // For the thread checker: scopes come and go while requests arrive.
-TEST(YThreadBase, RequestsRaceWithScopes)
+TEST(YThreadBase, CancelRequestsRaceWithScopes)
 {
     std::atomic<bool> done = false;
     YThreadBase thread(
