@@ -11,8 +11,8 @@ namespace Agent {
 class Staging
 {
 public:
-    /// Makes the directory. Raises the operating system's error.
-    Staging(const Krt::File::YDirectory& parent, const Krt::YString& name);
+    /// Creates the directory. Raises the operating system's error, after removing what it created.
+    static Staging Create(const Krt::File::YDirectory& parent, const Krt::YString& name);
 
     const Krt::File::YDirectory& GetDirectory() const { return m_directory; }
     /// False if others can enter nevertheless: the file system keeps no owners or modes, or another user
@@ -20,6 +20,10 @@ public:
     bool IsPrivate() const { return m_isPrivate; }
 
 private:
+    Staging(Krt::File::YDirectory directory, bool isPrivate)
+        : m_directory(std::move(directory)), m_isPrivate(isPrivate)
+    {}
+
     Krt::File::YDirectory m_directory;
     bool m_isPrivate;
 };

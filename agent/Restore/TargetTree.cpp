@@ -61,7 +61,7 @@ const Staging& TargetTree::StagingFor(const TargetLocation& location)
     const YDirectory& parent = ParentOf(location);
     std::optional<Staging>& staging = m_levels.empty() ? m_staging : m_levels.back().staging;
     if (!staging)
-        staging.emplace(parent, m_stagingName);
+        staging = Staging::Create(parent, m_stagingName);
     return *staging;
 }
 
