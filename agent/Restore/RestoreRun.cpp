@@ -34,15 +34,25 @@ YString NumberedEntry(unsigned long long number)
     return YString("Entry " + std::to_string(number));
 }
 
+YString Joined(const std::vector<YString>& reasons)
+{
+    std::string text;
+    for (const YString& reason : reasons)
+        text += (text.empty() ? "" : "; ") + reason.Bytes();
+    return YString(std::move(text));
+}
+
 } // namespace
 
 RestoreRun::RestoreRun(const Store& store, YDirectory target, std::vector<YPath> paths, Report& report)
-    : m_tree(std::move(target), TemporaryName(),
-             [&report](const TargetLocation& directory, const std::vector<YString>& refused) {
-                 for (const YString& reason : refused)
-                     report.EntryFailed(PathOf(directory), reason);
+    : m_report(report),
+      m_tree(std::move(target), TemporaryName(),
+             [this](const TargetLocation& directory, bool hasRecord, const std::vector<YString>& refused) {
+                 m_report.EntryFailed(PathOf(directory), Joined(refused));
+                 if (hasRecord)
+                     --m_counts.directories;
              }),
-      m_report(report), m_objects(store), m_temporary(TemporaryName())
+      m_objects(store), m_temporary(TemporaryName())
 {
     for (YPath& path : paths)
         m_paths.emplace_back(std::move(path), false);
@@ -77,11 +87,14 @@ void RestoreRun::RestorePath(const SnapshotEntry& entry, Backup::File::YMetadata
         if (!IsWanted(path))
             return;
         m_refused.clear();
-        Make(entry, RecordedEntryOf(metadata), location, m_volumes.FindOther(original, location));
-        for (const YString& reason : m_refused)
-            m_report.EntryFailed(path, reason);
+        const RecordedEntry recorded = RecordedEntryOf(metadata);
+        Make(entry, recorded, location, m_volumes.FindOther(original, location));
         if (entry.readSize)
-            m_report.EntryFailed(path, "restored as it was read, with another size than its record tells");
+            m_refused.emplace_back("restored as it was read, with another size than its record tells");
+        if (m_refused.empty())
+            m_counts.Add(recorded.type);
+        else
+            m_report.EntryFailed(path, Joined(m_refused));
     } catch (const Krt::Exception::YError& error) {
         Failed(shown, error);
     }
@@ -126,7 +139,6 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
                      "A reparse point without content is not restored: its record does not tell its target");
     if (recorded.type == S_IFDIR) {
         m_tree.MakeDirectory(location, recorded.attributes);
-        m_counts.Add(recorded.type);
         return;
     }
     const YDirectory& parent = m_tree.ParentOf(location);
@@ -155,7 +167,6 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
         RemoveTemporary(parent);
     if (isFirst)
         Remember(entry, location, made);
-    m_counts.Add(recorded.type);
 }
 
 // rename does nothing if both names are hard links to one file, so the temporary one may still exist.

@@ -32,6 +32,8 @@ public:
     /// restored, or all of them if there is none.
     RestoreRun(const Store& store, Krt::File::YDirectory target, std::vector<Krt::File::YPath> paths,
                Report& report);
+    RestoreRun(const RestoreRun&) = delete;
+    RestoreRun& operator=(const RestoreRun&) = delete;
 
     /// Restores one entry, if it is selected. If its record has several paths, the first selected one gets
     /// the content and the others become hard links to it. Raises TargetFull; entries that were restored
@@ -40,6 +42,7 @@ public:
     /// Gives the directories their attributes, and reports paths that matched no entry as failed. Returns
     /// once all restored data is durable. Raises the operating system's error if it cannot be made durable.
     void Finish();
+    /// The entries that were restored with all their attributes, and the bytes that were written.
     const EntryCounts& GetCounts() const { return m_counts; }
 
 private:
@@ -67,9 +70,10 @@ private:
     void Remember(const SnapshotEntry& entry, const TargetLocation& location, const Krt::File::FileId& made);
     void Failed(const Krt::YString& path, const Krt::Exception::YError& error);
 
-    TargetTree m_tree;
-    VolumeNames m_volumes;
     Report& m_report;
+    EntryCounts m_counts; // of completely restored entries; a directory counts until it is refused attributes
+    TargetTree m_tree;    // reports refused attributes also from its destructor
+    VolumeNames m_volumes;
     ObjectReader m_objects;
     std::vector<std::pair<Krt::File::YPath, bool>> m_paths; // true if an entry matched
     std::map<unsigned long long, LinkedFile> m_linked;      // by hard link group
@@ -78,7 +82,6 @@ private:
     std::vector<Krt::YString> m_refused;                    // reasons for what the current entry did not get
     Krt::YString m_temporary;                               // the name of an entry until it is complete
     unsigned long long m_number = 0;                        // of the current entry
-    EntryCounts m_counts;
 };
 
 } // namespace Agent

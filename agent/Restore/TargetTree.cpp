@@ -89,7 +89,7 @@ void TargetTree::Finish()
     std::vector<YString> refused;
     RemoveStaging(m_staging, refused);
     if (!refused.empty())
-        m_report({}, refused);
+        m_report({}, false, refused);
 }
 
 void TargetTree::Sync() const
@@ -191,7 +191,7 @@ void TargetTree::Leave()
         TargetLocation location;
         std::transform(m_levels.begin(), m_levels.end(), std::back_inserter(location),
                        [](const Level& each) { return each.name; });
-        m_report(location, refused);
+        m_report(location, level.attributes.has_value(), refused);
     }
     m_levels.pop_back();
 }

@@ -18,9 +18,10 @@ namespace Agent {
 class TargetTree
 {
 public:
-    /// Called with the attributes that a directory did not get, and the reasons.
-    using RefusalReport =
-        std::function<void(const TargetLocation& directory, const std::vector<Krt::YString>& refused)>;
+    /// Called with the reasons if a directory did not get all its attributes. `hasRecord` is false if
+    /// MakeDirectory was not called for it.
+    using RefusalReport = std::function<void(const TargetLocation& directory, bool hasRecord,
+                                             const std::vector<Krt::YString>& refused)>;
 
     /// `staging` is the name of temporary directories, which no entry has.
     TargetTree(Krt::File::YDirectory root, Krt::YString staging, RefusalReport report);

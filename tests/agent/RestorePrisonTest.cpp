@@ -240,7 +240,7 @@ TEST_F(RestorePrison, WhatReplacesADirectoryGetsNothingOfIts)
                 if (!isSwapped && call.name == "dir" && call.function != "fstatat")
                     isSwapped = SwapEntries(AT_FDCWD, place, AT_FDCWD, replacement);
             });
-            Agent::TargetTree tree(OpenTarget(), "staging", [](const auto&, const auto&) {});
+            Agent::TargetTree tree(OpenTarget(), "staging", [](const auto&...) {});
             return CatchError([&] { tree.ParentOf({"dir", "new"}).MakeDirectory("new", 0700); }) && isSwapped;
         })) << name;
         EXPECT_EQ(DescribeOutside(), before) << name;

@@ -46,7 +46,7 @@ TEST_F(RestoreProgram, ARestoreCutShortLeavesDirectoriesAsTheyWere)
         bool refused = false;
         {
             Agent::TargetTree tree(OpenTarget(), "staging",
-                                   [&](const auto&, const auto&) { refused = true; });
+                                   [&](const auto&...) { refused = true; });
             tree.ParentOf({"foreign", "own", "new"}).MakeDirectory("new", 0700);
         }
         return !refused;
@@ -105,6 +105,22 @@ TEST_F(RestoreProgram, WhatCannotBeKeptIsToldThoughItWasWritten)
         EXPECT_TRUE(Holds(result.errors, row.told));
         EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), row.entries) << row.told;
     }
+}
+
+TEST_F(RestoreProgram, AnEntryWithoutItsAttributesCountsOnceAsFailed)
+{
+    Recorded file = FileWith({"dir", "file"}, "content");
+    file.entry.readSize = 7; // a second reason
+    MakeSnapshot({Directory({"dir"}), file, LinkTo({"link"}, "file")});
+    const auto fail = [](const HookedCall& call) {
+        if (call.function == "fchown")
+            CallHook::Fail(EPERM);
+    };
+    const ProgramResult result = Restore(3, Hooked(fail));
+    EXPECT_TRUE(Holds(result.output, "1 entries restored: 0 files, 0 directories, 1 links, 0 others\n"));
+    EXPECT_TRUE(Holds(result.output, ", 2 failed\n"));
+    EXPECT_TRUE(Holds(result.errors, "; restored as it was read"));
+    EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 2) << result.errors;
 }
 
 TEST_F(RestoreProgram, AnInterruptEndsTheWaitForTheDisk)
