@@ -25,7 +25,7 @@ const struct
              {9, Testing::Dir("directory")},
              {4, Testing::Link("link", "target")}};
 
-TEST(CaptureCallsTest, EachEntryCostsTheCallsItNeeds)
+TEST(CaptureCalls, CallsPerEntryStayFew)
 {
     for (const auto& kind : Kinds) {
         const Testing::TemporaryDirectory directory;
@@ -53,11 +53,10 @@ TEST(CaptureCallsTest, EachEntryCostsTheCallsItNeeds)
         ASSERT_TRUE(add("more"));
         const auto many = count();
         ASSERT_TRUE(many);
-        // The rest is what memory and reading the names of the directory above take.
+        // The rest are calls for memory and for the names of the parent directory.
         const double calls = static_cast<double>(*many - *few) / More;
         EXPECT_LT(calls, kind.calls + 0.3) << kind.entry.name;
-        EXPECT_GE(calls, kind.calls) << kind.entry.name
-                                     << ": fewer calls are fine, and the table should tell so";
+        EXPECT_GE(calls, kind.calls) << kind.entry.name << ": if there are fewer calls, update the table";
     }
 }
 

@@ -1,4 +1,4 @@
-// Names of any bytes come back from records, stores, logs and terminals, and none forges a line on the way.
+// Names of any bytes are recovered from records, stores, logs and terminals, and do not forge lines.
 #include "agent/Run/Text.h"
 
 #include "testing/AwkwardNames.h"
@@ -29,7 +29,7 @@ NameSet NamesInDirectory(const std::string& path)
     return names;
 }
 
-// Where one is missing or one too many, that tells more than two sets.
+// Shorter in a failure than two sets.
 NameSet Difference(const NameSet& a, const NameSet& b)
 {
     NameSet difference;
@@ -38,7 +38,7 @@ NameSet Difference(const NameSet& a, const NameSet& b)
     return difference;
 }
 
-TEST(Names, RecordsKeepThem)
+TEST(Names, AwkwardNamesSurviveRecords)
 {
     NameSet all = AwkwardNames();
     EXPECT_GE(all.size(), 500u);
@@ -67,7 +67,7 @@ TEST(Names, RecordsKeepThem)
     }
 }
 
-TEST(Names, TerminalAndLogTellThemApart)
+TEST(Names, TerminalAndLogDistinguishThem)
 {
     NameSet names = AwkwardNames();
     names.merge(ShortNames(1));
@@ -93,19 +93,19 @@ protected:
             directoryOfAll.CreateFile(Krt::YString(name));
     }
     // What the program says on either stream.
-    std::string Told(int exitCode, const std::vector<std::string>& arguments) const
+    std::string OutputOf(int exitCode, const std::vector<std::string>& arguments) const
     {
         const auto result = Run(exitCode, arguments);
         return result.output + result.errors;
     }
-    void ExpectAllTold(const std::string& text, const std::string& behind = "") const
+    void ExpectAllPrinted(const std::string& text, const std::string& behind = "") const
     {
         EXPECT_EQ(Difference(NamesIn(text, source, behind), names), NameSet());
     }
     void BackUpListAndRestore() const
     {
         Run(0, {"backup", source});
-        ExpectAllTold(Told(0, {"list", "--snapshot", "latest"}));
+        ExpectAllPrinted(OutputOf(0, {"list", "--snapshot", "latest"}));
         Run(0, {"restore", "--to", target});
         EXPECT_EQ(Difference(NamesInDirectory(target + source), names), NameSet());
     }
@@ -113,7 +113,7 @@ protected:
     NameSet names;
 };
 
-TEST_F(NamesOnDisk, AwkwardOnesComeBackAndForgeNoLine)
+TEST_F(NamesOnDisk, AwkwardNamesAreRestoredAndForgeNoLine)
 {
     Make(AwkwardNames());
     BackUpListAndRestore();
@@ -124,15 +124,16 @@ TEST_F(NamesOnDisk, AwkwardOnesComeBackAndForgeNoLine)
 
     for (const std::string& name : names)
         fs::create_directories(directory / "full" + source + "/" + name);
-    ExpectAllTold(Told(3, {"restore", "--to", directory / "full"}), ": A directory stands in its place");
+    ExpectAllPrinted(OutputOf(3, {"restore", "--to", directory / "full"}),
+                     ": A directory stands in its place");
 
     const std::string rules = "include " + source + " recursive any; exclude " + source + " recursive glob=*";
     const std::string job = directory.Write("job", JobText(rules));
     const std::string said = "FileStat,FileIo,FileInfo,FileClose",
                       more = ",General,Runtime,Volume,SelectionBuild,SelectionQuery";
-    ExpectAllTold(RunProgram({"--log", directory / "log", "--debug", said + more, "backup", "--store", store,
-                              "--verbose", "--job", job})
-                      .errors);
+    ExpectAllPrinted(RunProgram({"--log", directory / "log", "--debug", said + more, "backup", "--store",
+                                 store, "--verbose", "--job", job})
+                         .errors);
     RunProgram({"--log", directory / "log", "--debug", said, "backup", "--store", store, source});
     std::istringstream log(ReadFile(directory / "log"));
     for (std::string line; std::getline(log, line);) {
@@ -142,7 +143,7 @@ TEST_F(NamesOnDisk, AwkwardOnesComeBackAndForgeNoLine)
     }
 }
 
-TEST_F(NamesOnDisk, ASnapshotOfSomebodyElseSteersNoTerminal)
+TEST_F(NamesOnDisk, ForeignSnapshotSendsNoControlsToTerminal)
 {
     Make({"name"});
     Run(0, {"backup", source});
@@ -151,13 +152,13 @@ TEST_F(NamesOnDisk, ASnapshotOfSomebodyElseSteersNoTerminal)
     for (std::size_t at = 0; (at = lines.find("{\"record\"", at)) != std::string::npos; at += 3)
         lines.insert(at + 1, "\r\t");
     WriteCompressed(snapshot, lines);
-    const std::string listed = Told(1, {"list", "--snapshot", "latest", "--json"});
+    const std::string listed = OutputOf(1, {"list", "--snapshot", "latest", "--json"});
     EXPECT_TRUE(Holds(listed, "{  \"record\":"));
     EXPECT_EQ(listed.find_first_of("\r\t"), std::string::npos) << listed;
 }
 
 // Every name of one byte or two; without optimisation every sixteenth.
-TEST_F(NamesOnDisk, ShortOnesComeBack)
+TEST_F(NamesOnDisk, ShortNamesAreRestored)
 {
 #ifdef NDEBUG
     Make(ShortNames(1));
@@ -167,7 +168,7 @@ TEST_F(NamesOnDisk, ShortOnesComeBack)
     BackUpListAndRestore();
 }
 
-TEST_F(NamesOnDisk, ComposedAndDecomposedStayTwo)
+TEST_F(NamesOnDisk, ComposedAndDecomposedNamesStayDistinct)
 {
     Make({"\u00e9", "e\u0301"});
     for (const std::string& name : names) {

@@ -1,5 +1,5 @@
 // Backups of trees that change, deterministically and by a race, while they are read: each entry is taken as
-// it is or told, nothing is followed, and nothing hangs.
+// it is or reported, nothing is followed, and nothing hangs.
 #include "testing/CallHook.h"
 #include "testing/Flipper.h"
 #include "testing/OrdinaryUser.h"
@@ -26,7 +26,7 @@ namespace {
 class Reading : public ProgramFixture
 {
 protected:
-    // Each time anew.
+    // Before each row.
     void SetUp() override
     {
         for (const char* name : {"source", "outside", "store"})
@@ -68,10 +68,10 @@ struct Change
     const char* name;
     const char* commands;
     const char* stored; // of the file or the directory that is struck
-    const char* told;
+    const char* reported;
 };
 
-// Before "fstatat" the listing alone is known.
+// Before "fstatat", only the listing is known.
 const Change Changes[] = {
     {"fstatat", "file", "rm file && mkdir -p file/inside", "d, entered", ""},
     {"openat", "file", "rm file && mkfifo file", "p", ""},
@@ -98,7 +98,7 @@ const Change Changes[] = {
     {"readlink", "link", "mv dir old && ln -s ../outside dir", "d", ""},
 };
 
-TEST_F(Reading, TakesAnEntryAsItIsWhenItIsOpened)
+TEST_F(Reading, EntryReplacedBeforeOpenIsReadAsFound)
 {
     for (const Change& change : Changes) {
         SetUp();
@@ -125,15 +125,15 @@ TEST_F(Reading, TakesAnEntryAsItIsWhenItIsOpened)
                       (stored.count("/" + name + "/inside") != 0 ? ", entered" : ""),
                   change.stored)
             << label << result.errors;
-        EXPECT_EQ(result.exitCode, *change.told == '\0' ? 0 : 3) << label << result.errors;
-        EXPECT_TRUE(Holds(result.errors, change.told)) << label;
+        EXPECT_EQ(result.exitCode, *change.reported == '\0' ? 0 : 3) << label << result.errors;
+        EXPECT_TRUE(Holds(result.errors, change.reported)) << label;
         EXPECT_FALSE(Holds(result.output, "not entered")) << label;
         EXPECT_EQ(stored.count("/dir/file"), 0u) << label;
     }
 }
 
-// Only so many directories are held open on the way down.
-TEST_F(Reading, ComesBackToDirectoriesThatItClosed)
+// A limited number of directories is held open during the descent.
+TEST_F(Reading, ClosedDirectoriesAreReopened)
 {
     constexpr int Depth = 150;
     for (const bool isSwapped : {false, true}) {
@@ -161,7 +161,7 @@ TEST_F(Reading, ComesBackToDirectoriesThatItClosed)
     }
 }
 
-TEST_F(Reading, AFileThatGrowsForEverHasAnEnd)
+TEST_F(Reading, GrowingFileEndsAtItsSize)
 {
     const auto grow = [&](const HookedCall& call) {
         if (call.function == "pread" && call.name.ends_with("file"))
@@ -171,7 +171,7 @@ TEST_F(Reading, AFileThatGrowsForEverHasAnEnd)
     EXPECT_TRUE(Holds(result.errors, "bytes instead of 5"));
 }
 
-TEST_F(Reading, StoresNothingFromOutsideWhileSomebodySwaps)
+TEST_F(Reading, SwappedEntriesLeadNowhereOutside)
 {
     constexpr std::pair<const char*, const char*> Rows[] = {
         {"file", "to file"}, {"file", "fifo"}, {"dir", "to dir"}, {"dir/below", "to dir"}, {"dir", "file"}};
@@ -193,7 +193,7 @@ TEST_F(Reading, StoresNothingFromOutsideWhileSomebodySwaps)
     RecordProperty("swaps", std::to_string(swaps));
 }
 
-TEST_F(Reading, NothingExcludedIsLookedAt)
+TEST_F(Reading, ExcludedEntriesAreNotExamined)
 {
     MakeTree(source, {Dir("dir/hidden"), File("dir/hidden/inside", "x"), File("dir/hidden.txt", "y")});
     for (const std::string pattern : {"nothing", "hidden*"}) {
@@ -207,8 +207,8 @@ TEST_F(Reading, NothingExcludedIsLookedAt)
     }
 }
 
-// A hundred thousand; without optimisation a tenth.
-TEST_F(Reading, BacksUpADirectoryOfManyEntries)
+// A hundred thousand entries; a tenth in a debug build.
+TEST_F(Reading, DirectoryOfManyEntriesIsBackedUp)
 {
 #ifdef NDEBUG
     constexpr int Count = 100000;
@@ -225,7 +225,7 @@ TEST_F(Reading, BacksUpADirectoryOfManyEntries)
     EXPECT_TRUE(Holds(result.output, "\n" + std::to_string(Count + 4) + " entries: "));
 }
 
-TEST_F(Reading, TellsAPlaceTooDeepToName)
+TEST_F(Reading, TooLongPathIsReported)
 {
     using Krt::File::YDirectory;
     const Krt::YString longName(std::string(250, 'n'));
@@ -243,12 +243,12 @@ TEST_F(Reading, TellsAPlaceTooDeepToName)
     const ProgramResult result = Run(3, {"backup", source});
     EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1) << result.errors;
     EXPECT_TRUE(result.errors.ends_with(": File name too long\n")) << result.errors;
-    // Below the last directory that has a path there are still two files, however long theirs are.
+    // The last directory that has a path still contains two files, whatever the length of their paths.
     EXPECT_EQ(Stored().size(), 4u + 3u * static_cast<unsigned int>(nameable) + 2u);
     Run(0, {"restore", "--to", target});
 }
 
-TEST_F(Reading, AProgramWithoutStandardStreamsWritesNoneIntoAFile)
+TEST_F(Reading, WithoutStandardStreamsFilesStayIntact)
 {
     MakeTree(source, {File("locked", "x", 0000), Socket("socket")});
     for (unsigned int closed = 1; closed < 8; ++closed) {
@@ -268,7 +268,7 @@ TEST_F(Reading, AProgramWithoutStandardStreamsWritesNoneIntoAFile)
     }
 }
 
-TEST(Library, WithoutStandardStreamsLetsNoOutputLandInAFile)
+TEST(OpenedFile, WithoutStandardStreamsGetsNoOutput)
 {
     const TemporaryDirectory directory;
     chmod(directory.Path().c_str(), 0777);

@@ -1,4 +1,5 @@
-// Trees of every kind go through backup and restore, and what comes back is compared with what was there.
+// Trees with every kind of entry are backed up and restored, and the restored tree is compared with its
+// source.
 #include "testing/AccessList.h"
 #include "testing/ProgramFixture.h"
 #include "testing/StoreFiles.h"
@@ -46,18 +47,18 @@ protected:
     struct stat StatusOf(const std::string& name) const { return Testing::StatusOf(Restored() + name); }
 };
 
-TEST_F(RoundTrip, EveryKindComesBackIdentical)
+TEST_F(RoundTrip, EveryTypeIsRestoredIdentically)
 {
     MakeTree(source, EveryKindOfEntry());
     setxattr((source + "/dir/text").c_str(), "user.comment", "a\0b", 3, 0);
     setxattr((source + "/dir").c_str(), "user.empty", "", 0, 0);
     ExpectAllComesBack();
     EXPECT_LT(StatusOf("/dir/zeros").st_blocks * 512, 300000) << "zeros come back as a hole";
-    // Once more over what stands there: nothing is left behind, nothing changes.
+    // Restoring over the restored tree changes nothing and leaves nothing else.
     ExpectAllComesBack();
 }
 
-TEST_F(RoundTrip, OrdinaryUserGetsAllOfHisOwn)
+TEST_F(RoundTrip, OrdinaryUserRestoresOwnEntries)
 {
     MakeTree(source, EveryKindOfEntry());
     MakeTree(source, {File("read only", "x"), Dir("read only dir")});
@@ -75,7 +76,7 @@ TEST_F(RoundTrip, OrdinaryUserGetsAllOfHisOwn)
     ExpectAllComesBack(OrdinaryUser);
 }
 
-TEST_F(RoundTrip, RootBringsBackOwnersDevicesAndSecurityAttributes)
+TEST_F(RoundTrip, RootRestoresOwnersDevicesAndSecurityAttributes)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root";
@@ -97,10 +98,10 @@ TEST_F(RoundTrip, RootBringsBackOwnersDevicesAndSecurityAttributes)
     ExpectAllComesBack();
 }
 
-TEST_F(RoundTrip, OrdinaryUserIsToldWhatHeMayNotDo)
+TEST_F(RoundTrip, MissingRightsAreReported)
 {
     if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to make files of others";
+        GTEST_SKIP() << "needs root";
     MakeTree(source, {File("suid", "x", 06755), File("locked", "secret", 0000), File("plain", "y")});
     Backup(0);
     ASSERT_EQ(system(("chown -R " + std::to_string(OrdinaryUser) + " " + store).c_str()), 0);
@@ -112,7 +113,7 @@ TEST_F(RoundTrip, OrdinaryUserIsToldWhatHeMayNotDo)
     EXPECT_EQ(ReadFile(Restored() + "/plain"), "y");
 }
 
-TEST_F(RoundTrip, WhatCannotBeReadFailsAlone)
+TEST_F(RoundTrip, UnreadableEntryFailsAlone)
 {
     MakeTree(source,
              {File("locked", "secret", 0000), Dir("closed", 0000), Socket("socket"), File("plain", "y")});

@@ -1,5 +1,5 @@
-// How often what stands on the path of every file asks for memory, and how much is held at once, which does
-// not depend on how busy the machine is.
+// The number of allocations in the operations that every file needs, and the memory held at once; neither
+// depends on the load of the machine.
 #include "agent/Walk/Roots.h"
 
 #include "Backup/File/YSelectionManager.h"
@@ -55,7 +55,7 @@ namespace {
 using Backup::File::YUnixFileMetadata;
 using Krt::JSON::YValue;
 
-// Of the second of two runs: the first fills what is kept for the next record.
+// Counts the second of two runs, since the first fills the caches.
 std::size_t AllocationsOf(const std::function<void()>& work)
 {
     work();
@@ -64,7 +64,7 @@ std::size_t AllocationsOf(const std::function<void()>& work)
     return g_allocations - before;
 }
 
-TEST(Allocations, OfARecordStayFew)
+TEST(Allocations, RecordNeedsFew)
 {
     YUnixFileMetadata record;
     record.SetFilePath(
@@ -87,7 +87,7 @@ TEST(Allocations, OfARecordStayFew)
               0u);
 }
 
-TEST(Allocations, OfAQueryAreThoseOfItsPath)
+TEST(Allocations, QueryNeedsThoseOfItsPath)
 {
     using Rule = Backup::File::YSelectionDescriptor;
     Backup::File::YSelectionManager tree;
@@ -109,7 +109,7 @@ TEST(Allocations, OfAQueryAreThoseOfItsPath)
     EXPECT_EQ(AllocationsOf([&] { tree.Delete("/"); }), 0u);
 }
 
-TEST(Allocations, AreNotMadeByADisabledLogSite)
+TEST(Allocations, DisabledLogSiteNeedsNone)
 {
     Krt::Log::InstallGlobalLogger();
     EXPECT_EQ(
@@ -127,7 +127,7 @@ struct Failing
     }
 };
 
-TEST(Allocations, OfAnAssertionThatIsNotLoggedAreThoseOfItsError)
+TEST(Allocations, UnloggedAssertionNeedsThoseOfItsError)
 {
     const auto ofError = [](bool asserts) {
         return AllocationsOf([=] { Testing::CatchError([=] { Failing{asserts}; }); });
@@ -135,7 +135,7 @@ TEST(Allocations, OfAnAssertionThatIsNotLoggedAreThoseOfItsError)
     EXPECT_EQ(ofError(true), ofError(false));
 }
 
-// What a run of the work holds at once; the second one again.
+// The most that the second of two runs of the work holds at once, in bytes.
 std::size_t MostHeldBy(const std::function<void()>& work)
 {
     work();
@@ -144,7 +144,7 @@ std::size_t MostHeldBy(const std::function<void()>& work)
     return g_mostHeld - before;
 }
 
-TEST(Allocations, OfAJobHoldNoTextBesideItsRules)
+TEST(Allocations, LoadedJobKeepsNoText)
 {
     const Testing::TemporaryDirectory directory;
     std::string rules = "include /directory exact=name-0";
@@ -157,7 +157,7 @@ TEST(Allocations, OfAJobHoldNoTextBesideItsRules)
     EXPECT_LT(MostHeldBy([&] { Agent::LoadJob(file, {}); }), fromText + text.size());
 }
 
-TEST(Allocations, OfTheRulesAboveAPathGrowWithItsDepth)
+TEST(Allocations, RulesAbovePathGrowWithDepth)
 {
     const auto tree = Testing::Tree("exclude / recursive exact=a");
     const auto gather = [&](int depth) {

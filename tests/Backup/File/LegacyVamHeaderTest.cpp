@@ -62,7 +62,7 @@ void ExpectFailures(Convert convert, const std::vector<Failure>& rows)
 
 } // namespace
 
-TEST(LegacyGolden, EveryHeaderBecomesAModernRecord)
+TEST(LegacyGolden, EveryHeaderBecomesModernRecord)
 {
     const std::pair<std::string, std::vector<std::string>> cases[] = {
         {"unix-file", {"/home/ä file:0"}},
@@ -81,9 +81,9 @@ TEST(LegacyGolden, EveryHeaderBecomesAModernRecord)
     }
 }
 
-TEST(LegacyGolden, HeadersNeedTheMapper)
+TEST(LegacyGolden, HeaderWithoutMapperRaises)
 {
-    // The header wins, though all other keys stand beside it.
+    // The header overrides all other keys.
     YObject json = YUnixFileMetadata().ToJSON();
     json.Set<YString>("legacy_metadata", "");
     EXPECT_RAISES(YUnixFileMetadata(json, RecordingMapper()), ErrorCode::InvalidArgument,
@@ -98,7 +98,7 @@ TEST(LegacyGolden, HeadersNeedTheMapper)
     }
 }
 
-TEST(LegacyUnixHeader, ItsOwnFieldsWinOverTheMode)
+TEST(LegacyUnixHeader, OwnFieldsOverrideMode)
 {
     // Both lines show the link byte.
     const auto link = [](const std::string& byte, const std::string& mode) {
@@ -128,7 +128,7 @@ TEST(LegacyUnixHeader, ItsOwnFieldsWinOverTheMode)
     expect(0040755, 0, 1, {link("1", "0"), directory("1", "1")});
 }
 
-TEST(LegacyUnixHeader, DamageIsTold)
+TEST(LegacyUnixHeader, DamageRaises)
 {
     constexpr const char* Convert = "PopulateFromLegacyUnixMetadata";
     const std::string name =
@@ -173,7 +173,7 @@ TEST(LegacyUnixHeader, DamageIsTold)
     ExpectFailures([](const auto& header) { ConvertUnix(header); }, rows);
 }
 
-TEST(LegacyUnixHeader, AnEndInFrontOfTheNamesBoundsNothing)
+TEST(LegacyUnixHeader, EndBeforeNamesIsIgnored)
 {
     const auto early = [](auto& header) {
         header.endOfNames = 0;
@@ -182,7 +182,7 @@ TEST(LegacyUnixHeader, AnEndInFrontOfTheNamesBoundsNothing)
     EXPECT_EQ(ConvertWindows(Changed(SampleWindowsFile(OnePath + L"\n", 1), early)).GetFilePathCount(), 1u);
 }
 
-TEST(LegacyUnixHeader, DamagedAttributesFailBehindTheOtherFields)
+TEST(LegacyUnixHeader, DamagedAttributesFailAfterOtherFields)
 {
     YUnixFileMetadata metadata;
     const auto header = Changed(SampleUnixFile(), [](auto& file) { file.behind = "\0\0\0\0"s; });
@@ -191,7 +191,7 @@ TEST(LegacyUnixHeader, DamagedAttributesFailBehindTheOtherFields)
     EXPECT_EQ(metadata.GetFilePath(0).GetDisplayPath(), "job/home/a file");
 }
 
-TEST(LegacyWindowsHeader, TheListEndsAtALineFeedOrWithTheUnits)
+TEST(LegacyWindowsHeader, ListEndsAtLineFeedOrEnd)
 {
     const std::tuple<const char*, std::wstring, unsigned int> cases[] = {
         {"a line feed where an entry would begin", OnePath + L"\nrest", 1},
@@ -204,7 +204,7 @@ TEST(LegacyWindowsHeader, TheListEndsAtALineFeedOrWithTheUnits)
     }
 }
 
-TEST(LegacyWindowsHeader, DamageIsTold)
+TEST(LegacyWindowsHeader, DamageRaises)
 {
     constexpr const char* Convert = "PopulateFromLegacyWindowsMetadata";
     const std::string name =

@@ -1,5 +1,5 @@
-// Trees of rules that are swapped and copied beside walks and queries, each in one order of events: whoever
-// asks finds one tree or the other, never a part of each, and nobody waits for ever.
+// Trees of rules that are swapped and copied during walks and queries, in one order of events per row: each
+// query finds one tree or the other, never a part of each, and every thread wakes.
 #include "testing/Actor.h"
 #include "testing/SelectionText.h"
 
@@ -66,20 +66,20 @@ char Act(Actor& self, char order, YSelectionManager& first, YSelectionManager& s
     return Actor::Done;
 }
 
-TEST(SelectionInterleaving, EachOneFindsOneTree)
+TEST(SelectionInterleaving, EachQueryFindsOneTree)
 {
     const Testing::Scenario rows[] = {
         {"swap waits for a walk, which sees one tree", "Av. Bsz A-1 B*. A12 A21"},
         {"walk asks both trees while a swap waits", "Av. Bsz A11 A22 A-1 B*. A12 A21"},
-        {"query amid a swap answers from behind it", "Aw. Bsz C1z A-2 B*. C*2"},
-        {"copy amid a swap is of the tree behind it", "Aw. Bsz Ccz A-2 B*. C*2"},
-        {"second tree can be asked until the swap has it", "Aw. Bsz C22 A-2 B*. C21"},
-        {"comparison both ways beside a waiting swap", "Av. Bsz Ce. A-1 B*. Ce."},
+        {"query during a swap waits and finds the new tree", "Aw. Bsz C1z A-2 B*. C*2"},
+        {"copy during a swap waits and is of the new tree", "Aw. Bsz Ccz A-2 B*. C*2"},
+        {"second tree answers until the swap locks it", "Aw. Bsz C22 A-2 B*. C21"},
+        {"comparison both ways while a swap waits", "Av. Bsz Ce. A-1 B*. Ce."},
         {"copy waits for a walk", "Av. Bcz A-1 B*1"},
-        {"assignment waits for a walk of the tree that goes", "Av. B=z A11 A-1 B*. A12 A22"},
-        {"assignment waits for a walk of the tree that comes", "Aw. B=z C11 A-2 B*. C12 C22"},
-        {"copied rules wait for a walk of where they go", "Av. B+z A11 C22 A-1 B*. A13 A22"},
-        {"copied rules come beside a walk of where they are", "Aw. B+. C13 A22 A-2"},
+        {"assignment waits for a walk of its target", "Av. B=z A11 A-1 B*. A12 A22"},
+        {"assignment waits for a walk of its source", "Aw. B=z C11 A-2 B*. C12 C22"},
+        {"copying rules waits for a walk of the target", "Av. B+z A11 C22 A-1 B*. A13 A22"},
+        {"copying rules continues during a walk of the source", "Aw. B+. C13 A22 A-2"},
     };
     for (const auto& row : rows) {
         YSelectionManager first = Testing::Tree(RulesOf[0]), second = Testing::Tree(RulesOf[1]);

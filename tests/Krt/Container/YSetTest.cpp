@@ -5,7 +5,7 @@
 namespace Krt::Container {
 namespace {
 
-TEST(YSet, EachChangeFiresTheSignal)
+TEST(YSet, ChangeFiresSignal)
 {
     YSet<int> set;
     int fired = 0;

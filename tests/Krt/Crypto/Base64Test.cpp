@@ -17,7 +17,7 @@ std::string Decode(const char* text)
 } // namespace
 
 // What is taken and given is compared with a plain model in fuzz/.
-TEST(Base64Test, RefusesWhatNoEncoderWrites)
+TEST(Base64, InvalidTextIsRefused)
 {
     EXPECT_EQ(Decode(" Zm\r\n9v\tZg =\n= "), "foof");
     const std::pair<const char*, const char*> cases[] = {

@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(Debugger, TracerSeesTheStopAndMayPassItsSignalOn)
+TEST(Debugger, TracerSeesStopAndMayPassSignalOn)
 {
     constexpr int NotTraced = 77;
     const pid_t child = fork();

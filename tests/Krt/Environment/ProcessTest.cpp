@@ -22,7 +22,7 @@ int Shell(const YString& script, const YString& argument = "")
     return ExecuteProcess("/bin/sh", {"-c", script, "sh", argument});
 }
 
-TEST(ProcessTest, ArgumentsArriveAsTheyAre)
+TEST(Process, ArgumentsArriveUnchanged)
 {
     const Testing::TemporaryDirectory directory;
     const std::string odd = " a\"b' $HOME `x` \\ \n\xFF* ";
@@ -36,7 +36,7 @@ TEST(ProcessTest, ArgumentsArriveAsTheyAre)
                      "Failed to run /missing/program");
 }
 
-TEST(ProcessTest, ChildInheritsStandardStreamsAndDefaultSignals)
+TEST(Process, ChildHasStandardStreamsAndDefaultSignals)
 {
     constexpr int open = 77;
     ASSERT_EQ(dup2(STDERR_FILENO, open), open);
@@ -55,7 +55,7 @@ TEST(ProcessTest, ChildInheritsStandardStreamsAndDefaultSignals)
     sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
-TEST(ProcessTest, OnlyAnOrdinaryUserNeedsHelpForRootsRights)
+TEST(Process, OrdinaryUserElevates)
 {
     std::vector<YString> words;
     const ProcessRunner runner = [&](const File::YPath& program, const std::vector<YString>& arguments) {
@@ -80,7 +80,7 @@ TEST(ProcessTest, OnlyAnOrdinaryUserNeedsHelpForRootsRights)
 // No other test that runs meanwhile has processes of these names.
 const std::string s_own = std::to_string(getpid());
 
-TEST(ProcessTest, FindsRunningProgramsByTheirWholeName)
+TEST(Process, FoundByWholeName)
 {
     const std::string asLongAsTheKernelKeeps = (s_own + "-fifteen-bytes").substr(0, 15);
     for (const std::string& name : {s_own + "-short", asLongAsTheKernelKeeps, s_own + "-longer-than-that",
@@ -100,7 +100,7 @@ TEST(ProcessTest, FindsRunningProgramsByTheirWholeName)
     }
 }
 
-TEST(ProcessTest, FindsProgramsWhoseMainThreadHasAnotherName)
+TEST(Process, FoundThoughMainThreadIsRenamed)
 {
     const std::string name = s_own + "-program", link = s_own + "-link";
     const Testing::RunningProgram sleeper(name, link);
@@ -108,7 +108,7 @@ TEST(ProcessTest, FindsProgramsWhoseMainThreadHasAnotherName)
     EXPECT_EQ(FindProcessByName(link.c_str(), false), sleeper.Id());
 }
 
-TEST(ProcessTest, CallingProcessCountsWhenAsked)
+TEST(Process, CallingProcessIsFoundOnRequest)
 {
     const YString name = (s_own + "-self").c_str();
     ASSERT_EQ(pthread_setname_np(pthread_self(), name.CStr()), 0);

@@ -41,7 +41,7 @@ YError Make(ExceptionType type, unsigned int code, const char* message)
 
 } // namespace
 
-TEST(YErrorTest, SiteReportsBareNamesAndPathWithoutEnding)
+TEST(YError, SiteHasBareNamesAndPathWithoutExtension)
 {
     struct
     {
@@ -66,7 +66,7 @@ TEST(YErrorTest, SiteReportsBareNamesAndPathWithoutEnding)
     }
 }
 
-TEST(YErrorTest, OsErrorKeepsItsNumberAndMapsToAPortableCode)
+TEST(YError, OsErrorKeepsNumberAndMapsToCode)
 {
     const std::pair<int, unsigned int> rows[] = {
         {ENOTSUP, ErrorCode::AttributesUnavailable},
@@ -102,7 +102,7 @@ long CallInterruptedTwice(int error)
     return KRT_SYSCALL(call(), "Failed " << (errno = 0) << calls);
 }
 
-TEST(YErrorTest, SystemCallIsRepeatedAndItsErrorIsTakenAtOnce)
+TEST(YError, SystemCallIsRetriedOnEintrAndItsErrorKept)
 {
     EXPECT_EQ(CallInterruptedTwice(0), 7);
     EXPECT_EQ(errno, 0) << "an interruption is left";
@@ -115,7 +115,7 @@ TEST(YErrorTest, SystemCallIsRepeatedAndItsErrorIsTakenAtOnce)
     EXPECT_EQ(Util::CallSystem(withoutErrno).error, EIO) << "no failure passes for a success";
 }
 
-TEST(YErrorTest, PrintedFormNamesTypeCodeAndFunction)
+TEST(YError, TextNamesTypeCodeAndFunction)
 {
     const auto general = ExceptionType::General;
     EXPECT_EQ(Printed(Make(general, ErrorCode::NoPathComponent, "Too far")),
@@ -125,7 +125,7 @@ TEST(YErrorTest, PrintedFormNamesTypeCodeAndFunction)
               "Failed (OsError, ENOENT 2: No such file or directory, GetComponent)");
 }
 
-TEST(YErrorTest, IsAStandardExceptionAndPrints)
+TEST(YError, IsStandardExceptionAndPrints)
 {
     const struct
     {
@@ -150,7 +150,7 @@ TEST(YErrorTest, IsAStandardExceptionAndPrints)
     }
 }
 
-TEST(YErrorTest, CopyThroughTheBaseKeepsEverything)
+TEST(YError, CloneKeepsEveryField)
 {
     const auto error = CatchError([] { Site(1); });
     ASSERT_TRUE(error);
@@ -161,7 +161,7 @@ TEST(YErrorTest, CopyThroughTheBaseKeepsEverything)
     EXPECT_EQ(copy.GetLine(), error->GetLine());
 }
 
-TEST(YErrorTest, OfTheLibraryNamesSourceModulesAndExportedFunctions)
+TEST(YError, LibraryErrorNamesSourceModulesAndExports)
 {
     const auto error = CatchError([] { YString("a").At(5); });
     ASSERT_TRUE(error);
@@ -173,14 +173,14 @@ TEST(YErrorTest, OfTheLibraryNamesSourceModulesAndExportedFunctions)
     EXPECT_NE(stack.find("Krt::Exception::Raise("), std::string::npos) << stack;
 }
 
-TEST(YErrorTest, AssertionLogsAndRaisesItsDetail)
+TEST(YError, AssertionLogsAndRaisesDetail)
 {
     const Testing::LogCapture log({"General"});
     EXPECT_RAISES(Site().Assert(3), ErrorCode::InvalidUse, "Assert", "left over: 3");
     EXPECT_EQ(log.Text(), "Site: Assertion failed for (left == 0); left over: 3\n");
 }
 
-TEST(YErrorTest, RequiredCheckRaisesTheBannerThatItPrinted)
+TEST(YError, RequiredCheckPrintsAndRaisesBanner)
 {
     testing::internal::CaptureStderr();
     const auto error = CatchError([] { Site().Require(1); });
@@ -194,7 +194,7 @@ TEST(YErrorTest, RequiredCheckRaisesTheBannerThatItPrinted)
     EXPECT_EQ(banner.back(), '\n');
 }
 
-TEST(YErrorDeathTest, AbortingCheckWritesItsBannerAndEndsTheProcess)
+TEST(YErrorDeathTest, AbortingCheckPrintsBannerAndAborts)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto fail = [] {
@@ -208,7 +208,7 @@ TEST(YErrorDeathTest, AbortingCheckWritesItsBannerAndEndsTheProcess)
                 "\\*{8} Method: Lock Krt/Thread/X:12\n\\*{8} Stack: \n0x.*[^\n]$");
 }
 
-TEST(boostapiTest, FailuresOfBoostAreErrorsOfOneFixedPlace)
+TEST(boostapi, BoostFailuresRaiseFromOnePlace)
 {
     const std::pair<std::function<void()>, const char*> rows[] = {
         {[] { CallFunction(boost::function<void()>()); }, "call to empty boost::function"},

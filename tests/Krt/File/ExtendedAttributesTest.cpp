@@ -22,7 +22,7 @@ std::string Text(Krt::Memory::YHeap<unsigned char> heap)
     return heap.Size() == 0 ? "" : std::string(heap.Cast<char>(), heap.Size());
 }
 
-TEST(ExtendedAttributes, GoByPathByFileAndByEntry)
+TEST(ExtendedAttributes, PathFileAndEntryAgree)
 {
     const Testing::TemporaryDirectory temporary;
     const YPath path(temporary.Write("file", "x").c_str());
@@ -58,7 +58,7 @@ TEST(ExtendedAttributes, GoByPathByFileAndByEntry)
     EXPECT_FALSE(GetExtendedAttributeMap(path).contains("user.d"));
 }
 
-TEST(ExtendedAttributes, AskAgainForAListThatGrows)
+TEST(ExtendedAttributes, GrowingListIsReadAgain)
 {
     std::size_t asked = 0;
     const CallHook hook([&](const HookedCall& call) {
@@ -76,7 +76,7 @@ TEST(ExtendedAttributes, AskAgainForAListThatGrows)
     EXPECT_EQ(Text(GetExtendedAttributeMap(YPath("/x")).at("user.attribute3999")), "user.attribute3999");
 }
 
-TEST(ExtendedAttributes, CostOneCallWhereThereAreNone)
+TEST(ExtendedAttributes, EmptyListTakesOneCall)
 {
     int calls = 0;
     const CallHook hook([&](const HookedCall& call) {
@@ -87,7 +87,7 @@ TEST(ExtendedAttributes, CostOneCallWhereThereAreNone)
     EXPECT_EQ(calls, 1);
 }
 
-TEST(ExtendedAttributes, FailAsTheSystemDoes)
+TEST(ExtendedAttributes, SystemErrorsAreRaised)
 {
     const struct
     {

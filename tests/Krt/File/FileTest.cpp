@@ -27,7 +27,7 @@ protected:
     const Testing::TemporaryDirectory directory;
 };
 
-TEST(YUnxHandle, OwnsOneDescriptorAtATime)
+TEST(YUnxHandle, AssignmentClosesOwnedDescriptor)
 {
     const auto isOpen = [](int descriptor) {
         return fcntl(descriptor, F_GETFD) >= 0;
@@ -45,7 +45,7 @@ TEST(YUnxHandle, OwnsOneDescriptorAtATime)
     close(second);
 }
 
-TEST_F(KrtFile, OpenStaysAboveTheStandardStreams)
+TEST_F(KrtFile, OpenedDescriptorIsAboveStandardStreams)
 {
     EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([] {
         close(STDIN_FILENO);
@@ -57,7 +57,7 @@ TEST_F(KrtFile, OpenStaysAboveTheStandardStreams)
     }));
 }
 
-TEST_F(KrtFile, OpenTakesNothingButTheEntryItself)
+TEST_F(KrtFile, OpenRefusesLinksAndSpecialFiles)
 {
     directory.Write("file", "x");
     fs::create_symlink("file", directory / "link");
@@ -80,7 +80,7 @@ TEST_F(KrtFile, OpenTakesNothingButTheEntryItself)
     EXPECT_RAISES(Open(At("file"), 0), ErrorCode::InvalidArgument, "Open", "Invalid open flags 0");
 }
 
-TEST_F(KrtFile, MovesDataAtOffsets)
+TEST_F(KrtFile, ReadsAndWritesAtOffsets)
 {
     const YPath path = At("file");
     const YUnxHandle written = Open(path, OpenNewForWriting);
@@ -98,7 +98,7 @@ TEST_F(KrtFile, MovesDataAtOffsets)
     EXPECT_EQ(GetSize(path), 2u);
 }
 
-TEST_F(KrtFile, ReadsAWholeFileUpToALimit)
+TEST_F(KrtFile, ReadsWholeFileUpToLimit)
 {
     const std::string path = directory.Write("file", std::string(20000, 'x'));
     const struct
@@ -119,7 +119,7 @@ TEST_F(KrtFile, ReadsAWholeFileUpToALimit)
     }
 }
 
-TEST_F(KrtFile, CreatePathMakesWhatIsMissing)
+TEST_F(KrtFile, CreatePathMakesMissingParents)
 {
     directory.Write("file", "x");
     directory.MakeDirectory("real");
@@ -146,7 +146,7 @@ TEST_F(KrtFile, CreatePathMakesWhatIsMissing)
     EXPECT_FALSE(fs::exists(directory / "top"));
 }
 
-TEST_F(KrtFile, DescribesAndDeletesTheEntryItself)
+TEST_F(KrtFile, LinkIsDescribedAndDeletedItself)
 {
     directory.MakeDirectory("real");
     fs::create_directory_symlink("real", directory / "link");

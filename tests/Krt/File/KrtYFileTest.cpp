@@ -23,7 +23,7 @@ protected:
     const std::string path = directory / "new";
 };
 
-TEST_F(KrtYFileTest, MakesAPrivateFileOfAllThatIsWritten)
+TEST_F(KrtYFileTest, CreatedFileIsPrivateAndComplete)
 {
     const mode_t mask = umask(0);
     YFile file(path.c_str(), 0x42);
@@ -37,7 +37,7 @@ TEST_F(KrtYFileTest, MakesAPrivateFileOfAllThatIsWritten)
     EXPECT_RAISES(file.Write("more"), ErrorCode::InvalidState, "Write", "File is not open: " + path);
 }
 
-TEST_F(KrtYFileTest, TakesNothingThatIsThere)
+TEST_F(KrtYFileTest, ExistingEntryIsRefused)
 {
     const std::string kept = directory.Write("kept", "kept");
     ASSERT_EQ(symlink((directory / "elsewhere").c_str(), (directory / "link").c_str()), 0);
@@ -52,14 +52,14 @@ TEST_F(KrtYFileTest, TakesNothingThatIsThere)
 }
 
 // A limit on the size of files cuts the text short, as a full disk does.
-TEST_F(KrtYFileTest, TextCutShortRaisesWithThePath)
+TEST_F(KrtYFileTest, ShortWriteRaisesPath)
 {
     const Testing::FileSizeLimit limit(8);
     EXPECT_RAISES_OS(YFile(path.c_str(), 0x42).Write("more than eight"), MessageType::General, EFBIG, "Write",
                      "Failed to write file: " + path);
 }
 
-TEST(PathMapTest, TemporaryFiles)
+TEST(PathMap, TemporaryFilesFollowEnvironment)
 {
     const char* const set = std::getenv("TMPDIR");
     const std::string before = set != nullptr ? set : "";

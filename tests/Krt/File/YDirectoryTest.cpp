@@ -41,7 +41,7 @@ protected:
     YDirectory m_directory = YDirectory::Open(YPath(m_temporary.Path().c_str()));
 };
 
-TEST_F(YDirectoryTest, RefusesWhatIsNotOneComponent)
+TEST_F(YDirectoryTest, NameOfSeveralComponentsIsRefused)
 {
     m_temporary.MakeDirectory("a/b");
     for (const YString& name : {YString(""), YString("."), YString(".."), YString("a/b"), YString("/a"),
@@ -63,7 +63,7 @@ TEST_F(YDirectoryTest, RefusesWhatIsNotOneComponent)
                   "Not the name of an entry: 'x/y'");
 }
 
-TEST_F(YDirectoryTest, NeverFollowsALink)
+TEST_F(YDirectoryTest, LinkIsNeverFollowed)
 {
     const Testing::TemporaryDirectory outside;
     outside.Write("file", "outside");
@@ -93,7 +93,7 @@ TEST_F(YDirectoryTest, NeverFollowsALink)
     EXPECT_EQ(Testing::ReadFile(outside / "file"), "outside");
 }
 
-TEST_F(YDirectoryTest, MakesEveryType)
+TEST_F(YDirectoryTest, EachTypeIsMade)
 {
     const YString longTarget(std::string(4095, 't').c_str());
     EXPECT_FALSE(m_directory.CreateFile("file").IsEmpty());
@@ -120,7 +120,7 @@ TEST_F(YDirectoryTest, MakesEveryType)
     EXPECT_EQ(Stat(m_directory.OpenDirectory("directory").GetHandle()).st_mode, mode_t{S_IFDIR | 01750});
 }
 
-TEST_F(YDirectoryTest, ListsEachEntryOnce)
+TEST_F(YDirectoryTest, EachEntryIsListedOnce)
 {
     std::multiset<std::string> expected{"...", "\xff\xfe"};
     for (int i = 0; i < 1500; ++i)
@@ -139,7 +139,7 @@ TEST_F(YDirectoryTest, ListsEachEntryOnce)
     EXPECT_EQ(Names(), expected) << "each listing starts at the beginning";
 }
 
-TEST_F(YDirectoryTest, ListsWithoutTheRightToSearch)
+TEST_F(YDirectoryTest, DirectoryWithoutSearchRightIsListed)
 {
     m_directory.CreateFile("file");
     ASSERT_EQ(chmod(m_temporary.Path().c_str(), 0444), 0);
@@ -151,7 +151,7 @@ TEST_F(YDirectoryTest, ListsWithoutTheRightToSearch)
     }));
 }
 
-TEST_F(YDirectoryTest, MovesAndRemoves)
+TEST_F(YDirectoryTest, EntriesAreMovedAndRemoved)
 {
     m_temporary.MakeDirectory("below");
     m_temporary.Write("old", "old");
@@ -171,7 +171,7 @@ TEST_F(YDirectoryTest, MovesAndRemoves)
     EXPECT_FALSE(m_directory.StatIfPresent("below", status));
 }
 
-TEST_F(YDirectoryTest, ReachesTheOpenedDirectoryAfterItWasMoved)
+TEST_F(YDirectoryTest, MovedDirectoryIsStillReached)
 {
     m_temporary.MakeDirectory("first");
     m_temporary.MakeDirectory("decoy");

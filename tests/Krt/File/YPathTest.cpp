@@ -11,8 +11,8 @@ using Krt::ErrorCode;
 using Krt::YString;
 using Krt::File::YPath;
 
-// What takes paths apart is compared with a plain model in fuzz/; here stands the rest.
-TEST(YPathTest, WorksOnPlainText)
+// fuzz/ compares the operations that split paths with a plain model; these are the others.
+TEST(YPath, OperationsAreTextual)
 {
     const YString sep = "/";
     const auto* const s = sep.CStr();
@@ -29,7 +29,7 @@ TEST(YPathTest, WorksOnPlainText)
                   "No path component at index 0 /");
 }
 
-TEST(YPathTest, ComesFromStandardTextAndPrints)
+TEST(YPath, ConvertsFromStandardStringAndPrints)
 {
     const std::string text = "/a/b//\xFF/";
     const YPath path(text);
@@ -42,7 +42,7 @@ TEST(YPathTest, ComesFromStandardTextAndPrints)
                                          13));
 }
 
-TEST(YPathTest, ThreadsShareOnePath)
+TEST(YPath, ThreadsShareOnePath)
 {
     for (int round = 0; round < 50; ++round) {
         const YPath path("/a/b/c");

@@ -22,7 +22,7 @@ std::string ThereAndBack(std::string_view bytes)
 
 const std::string Deepest(64, '[');
 
-TEST(JsonText, WritesWhatItReads)
+TEST(JsonText, RoundTripKeepsText)
 {
     const struct
     {
@@ -51,13 +51,13 @@ TEST(JsonText, WritesWhatItReads)
     EXPECT_EQ(YValue::FromArray(Krt::JSON::YArray(2)).Stringify(true).Bytes(), "[null,null]");
 }
 
-TEST(JsonText, IndentsByTwoBlanks)
+TEST(JsonText, IndentationIsTwoSpaces)
 {
     const char* const text = "{\n  \"a\": [\n    1,\n    {\n      \"b\": \"x\"\n    }\n  ],\n  \"c\": {}\n}";
     EXPECT_EQ(YValue::Parse(text)->Stringify(false).Bytes(), text);
 }
 
-TEST(JsonText, RefusesDuplicateKeysOnRequest)
+TEST(JsonText, DuplicateKeyIsRefusedOnRequest)
 {
     constexpr auto refuse = YValue::DuplicateKeys::Refuse;
     for (const char* text : {R"({"a":1,"b":2,"a":1})", R"([{"b":{"a":null,"\u0061":1}}])"})
@@ -68,7 +68,7 @@ TEST(JsonText, RefusesDuplicateKeysOnRequest)
     EXPECT_EQ(YValue::Parse(right, refuse)->Stringify(true).Bytes(), right);
 }
 
-TEST(JsonText, RefusesEverythingElseAndNamesThePlace)
+TEST(JsonText, InvalidTextRaisesOffset)
 {
     const struct
     {
@@ -104,7 +104,7 @@ TEST(JsonText, RefusesEverythingElseAndNamesThePlace)
     }
 }
 
-TEST(JsonText, CarriesBytesThatAreNoText)
+TEST(JsonText, InvalidUtf8IsKept)
 {
     const struct
     {
@@ -132,9 +132,9 @@ TEST(JsonText, CarriesBytesThatAreNoText)
     EXPECT_EQ(YValue::Parse(R"("\uef80\uEFFF")")->AsString(), "\x80\xFF"); // escaped by another writer
 }
 
-TEST(JsonText, GivesBackEveryByteString)
+TEST(JsonText, EveryByteStringComesBack)
 {
-    // Each pair of bytes alone, then what is nearly a character behind an escape, up to where the parser's
+    // Each pair of bytes on its own, then an incomplete character after an escape, up to where the parser's
     // buffer ends.
     for (int first = 0; first < 256; ++first) {
         for (int second = 0; second < 256; ++second) {
@@ -142,7 +142,7 @@ TEST(JsonText, GivesBackEveryByteString)
             ASSERT_EQ(ThereAndBack(bytes.Bytes()), bytes.Bytes()) << first << " " << second;
         }
     }
-    // What can't stand for itself, at each place of the words in which text is copied.
+    // A character that must be escaped, at each position of the words in which text is copied.
     for (std::size_t length = 1; length < 20; ++length) {
         for (std::size_t at = 0; at < length; ++at) {
             for (const char byte : {'"', '\\', '\x1f', '\x80'}) {

@@ -37,7 +37,7 @@ std::string ConvertedText(const char* json)
     return error + converted;
 }
 
-TEST(YValue, ConvertsByGenerousRules)
+TEST(YValue, ConvertsBetweenKinds)
 {
     const std::string no32 = "Convert: Unable to convert uint32_t";
     const std::string no64 = "Convert: Unable to convert uint64_t";
@@ -74,7 +74,7 @@ TEST(YValue, ConvertsByGenerousRules)
     }
 }
 
-TEST(YValue, GivesItsContentAsItsOwnKindAlone)
+TEST(YValue, OtherKindThanHeldRaises)
 {
     const char* const values[] = {"1", "true", R"("x")", "[]", "{}"};
     const struct
@@ -102,7 +102,7 @@ TEST(YValue, GivesItsContentAsItsOwnKindAlone)
     }
 }
 
-TEST(YValue, ConvertsOnceAndKeepsTheTypeOfTheFirstRead)
+TEST(YValue, FirstReadFixesType)
 {
     const YObject object = With(R"("12")");
     const unsigned int& first = object.Get<unsigned int>("key", MessageType::Runtime);
@@ -121,7 +121,7 @@ TEST(YValue, ConvertsOnceAndKeepsTheTypeOfTheFirstRead)
     EXPECT_TRUE(word.Get<bool>("key", MessageType::Runtime));
 }
 
-TEST(YValue, ReadsAnEmptyArrayAsAnEmptyObject)
+TEST(YValue, EmptyArrayReadsAsEmptyObject)
 {
     const YObject empty = With("[]");
     EXPECT_TRUE(empty.Get<YObject>("key", MessageType::Runtime).Entries().empty());
@@ -129,7 +129,7 @@ TEST(YValue, ReadsAnEmptyArrayAsAnEmptyObject)
     EXPECT_EQ(With(R"({"key":1})").Get<YObject>("key", MessageType::Runtime).Entries().size(), 1u);
 }
 
-TEST(YObject, LogsAFailedReadAndPassesItOn)
+TEST(YObject, FailedReadIsLoggedAndRaised)
 {
     const Testing::LogCapture log({"Runtime"});
     const YObject object = With("[1]");
@@ -154,7 +154,7 @@ TEST(YObject, LogsAFailedReadAndPassesItOn)
                      "Find", "JSON object has no key \"other\"");
 }
 
-TEST(YObject, KeepsTheOrderAndFindsEachKeySmallOrLarge)
+TEST(YObject, KeepsOrderAndFindsKeysAtAnySize)
 {
     for (const unsigned int count : {1u, 31u, 32u, 33u, 34u, 5000u}) {
         SCOPED_TRACE(count);
@@ -180,7 +180,7 @@ TEST(YObject, KeepsTheOrderAndFindsEachKeySmallOrLarge)
 }
 
 // A chain of arrays and objects in turn, with a share held halfway down.
-TEST(YValue, DeepChainsAreWrittenAndDestroyedWithoutRecursion)
+TEST(YValue, DeepChainsNeedNoRecursion)
 {
     constexpr int Depth = 1000000;
     boost::shared_ptr<YValue> chain = YValue::Parse("1");
@@ -202,8 +202,8 @@ TEST(YValue, DeepChainsAreWrittenAndDestroyedWithoutRecursion)
     EXPECT_EQ(middle->AsObject().FindOpt("key")->AsArray().size(), 2u);
 }
 
-// More of them than a thread keeps memory for; those of the last hand die while the thread ends.
-TEST(YValue, MayDieOnAnotherThreadAndWhileOneEnds)
+// More values than a thread keeps memory for; the last ones are destroyed while the thread exits.
+TEST(YValue, DestroyedOnOtherThreadOrAtThreadExit)
 {
     YArray made;
     std::thread([&] {

@@ -49,8 +49,9 @@ protected:
 
 } // namespace
 
-// Runs first in its process: nothing has installed the logger yet.
-TEST(LogSiteTest, WithoutLoggerOrChannelNothingIsEvaluated)
+// ctest runs it in a process of its own, in which the logger has not been installed; after other tests, its
+// first part is left out.
+TEST(LogSite, DisabledMessageIsNotEvaluated)
 {
     int evaluated = 0;
     const auto count = [&] {
@@ -68,7 +69,7 @@ TEST(LogSiteTest, WithoutLoggerOrChannelNothingIsEvaluated)
     EXPECT_EQ(log.Texts(), std::vector<std::string>{"General: enabled 1"});
 }
 
-TEST(LogSiteTest, LineBearsThreadAndDynamicClass)
+TEST(LogSite, LineContainsThreadAndDynamicClass)
 {
     const Testing::LogCapture log({"FileIo", "Volume"});
     LoudSpeaker().Say("hello");
@@ -78,7 +79,7 @@ TEST(LogSiteTest, LineBearsThreadAndDynamicClass)
     EXPECT_EQ(log.Lines(), (std::vector<std::string>{id + " LoudSpeaker: hello", id + " Volume: there"}));
 }
 
-TEST(LogSiteTest, BrokenOrNestedMessagesDoNotMix)
+TEST(LogSite, FailedAndNestedMessagesDoNotMix)
 {
     const Testing::LogCapture log({"FileIo", "General"});
     const auto raises = []() -> YString {
@@ -94,7 +95,7 @@ TEST(LogSiteTest, BrokenOrNestedMessagesDoNotMix)
     EXPECT_EQ(log.Texts(), (std::vector<std::string>{"General: inner", "FileIo: says outer end"}));
 }
 
-TEST(LogPrefixTest, NamesWithoutNamespaces)
+TEST(LogPrefix, ClassNamesLoseNamespaces)
 {
     EXPECT_EQ(Util::GetClassNameFromTypeInfo(typeid(Box<Krt::YString>)).Bytes(), "Box<Krt::YString>");
     EXPECT_EQ(Util::GetClassNameFromTypeInfo(typeid(File::YPath)).Bytes(), "YPath");
@@ -105,7 +106,7 @@ TEST(LogPrefixTest, NamesWithoutNamespaces)
     EXPECT_EQ(Util::Camelify(" file i/o, \xC3\xA4rger").Bytes(), "FileIO\xC3\xA4rger");
 }
 
-TEST(YRegistrarTest, SetReplacesAndKeepsUnknownNames)
+TEST(YRegistrar, SetReplacesAndKeepsUnknownNames)
 {
     Log::YRegistrar registrar;
     EXPECT_FALSE(registrar.IsMessageEnabled(MessageType::General));
@@ -120,7 +121,7 @@ TEST(YRegistrarTest, SetReplacesAndKeepsUnknownNames)
     EXPECT_EQ(registrar.TypeToString(4711).Bytes(), "4711");
 }
 
-TEST_F(YLogTest, LineIsDecoratedAndControlCharactersAreEscaped)
+TEST_F(YLogTest, LineIsPrefixedAndControlCharactersAreEscaped)
 {
     log.Open(At(path));
     Say(YString("a\nb\r\t\x1b[2J\x7f\0|\\n \xC3\xA4 \xC2\x85 \xFF \u2028."sv));
@@ -134,7 +135,7 @@ TEST_F(YLogTest, LineIsDecoratedAndControlCharactersAreEscaped)
     EXPECT_EQ(match[1].str(), "a\\nb\\r\\t\\x1b[2J\\x7f\\x00|\\\\n \xC3\xA4 \\u0085 \\xff \\u2028.");
 }
 
-TEST_F(YLogTest, OpenRefusesWhatIsNotItsOwnFile)
+TEST_F(YLogTest, OpenOfLinkFifoOrDirectoryIsRefused)
 {
     const std::string target = directory.Write("target", "kept\n");
     ASSERT_EQ(symlink(target.c_str(), (directory / "link").c_str()), 0);
@@ -146,12 +147,12 @@ TEST_F(YLogTest, OpenRefusesWhatIsNotItsOwnFile)
         EXPECT_EQ(Testing::OsErrorOf([&, file = name] { log.Open(At(directory / file)); }), error) << name;
         EXPECT_FALSE(log.IsOpen()) << name;
     }
-    Say("nobody hears");
+    Say("dropped");
     EXPECT_EQ(log.GetDroppedCount(), 1U);
     EXPECT_EQ(Testing::ReadFile(target), "kept\n");
 }
 
-TEST_F(YLogTest, OpenAppendsPrivatelyAboveTheStandardStreams)
+TEST_F(YLogTest, OpenedFileIsPrivateAndAboveStandardStreams)
 {
     const mode_t mask = umask(0);
     const int standardInput = dup(STDIN_FILENO);
@@ -166,8 +167,9 @@ TEST_F(YLogTest, OpenAppendsPrivatelyAboveTheStandardStreams)
     EXPECT_EQ(Testing::StatusOf(path).st_mode & 0777U, 0640U);
 }
 
-// Reopened at once, the log loses nothing; what meets it closed in between is counted.
-TEST_F(YLogTest, RotationUnderLoadOfThreadsKeepsOrCountsEveryLine)
+// A log that is reopened without being closed first loses nothing; lines written while it is closed are
+// counted.
+TEST_F(YLogTest, ConcurrentRotationKeepsOrCountsEveryLine)
 {
     constexpr int Threads = 4, Lines = 500;
     Log::InstallGlobalLogger();
@@ -223,7 +225,7 @@ TEST_F(YLogTest, RotationUnderLoadOfThreadsKeepsOrCountsEveryLine)
 }
 
 // A limit on the size of files cuts a write short, as a full disk does.
-TEST_F(YLogTest, LineCutShortIsTakenBackAndCounted)
+TEST_F(YLogTest, ShortWriteIsUndoneAndCounted)
 {
     YLog::Param param = At(path);
     param.wholeLines = true;

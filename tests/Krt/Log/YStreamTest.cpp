@@ -11,7 +11,7 @@
 
 using namespace Krt;
 
-TEST(YStreamTest, WritesEachKindOfArgument)
+TEST(YStream, EachArgumentTypeIsWritten)
 {
     YStream other{"other"};
     const std::vector<YString> strings{"a", "", "b"};
@@ -45,7 +45,7 @@ TEST(YStreamTest, WritesEachKindOfArgument)
     }
 }
 
-TEST(YStreamTest, EachFlushPublishesTheWholeTextAndKeepsIt)
+TEST(YStream, FlushPublishesAndKeepsWholeText)
 {
     YStream stream{"begin "};
     std::vector<std::string> published;

@@ -8,13 +8,13 @@ using Krt::ErrorCode;
 using Krt::YString;
 
 // Exact names and patterns are compared with a plain model in fuzz/.
-TEST(DescriptorTest, ChecksNames)
+TEST(Descriptor, MatchesNamesOfItsKind)
 {
     EXPECT_FALSE(Check("a", Descriptor(MatchType::None, "a", true)));
     EXPECT_TRUE(Check("a", Descriptor(MatchType::Any, "b", true)));
 }
 
-TEST(DescriptorTest, ManyStarsStayCheap)
+TEST(Descriptor, ManyStarsTakeLinearTime)
 {
     std::string pattern;
     for (int i = 0; i < 60; ++i)
@@ -22,7 +22,7 @@ TEST(DescriptorTest, ManyStarsStayCheap)
     EXPECT_FALSE(Check(YString(std::string(2000, 'a')), GlobDescriptor(YString(pattern + "b"), true)));
 }
 
-TEST(DescriptorTest, TravelsAsJson)
+TEST(Descriptor, JsonKeepsEveryField)
 {
     for (const Descriptor& original :
          {Descriptor(), Descriptor(GlobDescriptor("*.o", false)), Descriptor(ExactDescriptor("core", true)),

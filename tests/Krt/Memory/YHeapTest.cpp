@@ -22,7 +22,7 @@ void Krt::Memory::ReportHeapResize(unsigned long long oldSize, unsigned long lon
         g_reports->emplace_back(oldSize, newSize);
 }
 
-TEST(YHeapTest, ReportsEachChangeOfSizeBeforeItTakesPlace)
+TEST(YHeap, SizeChangeIsReportedBeforehand)
 {
     Reports reports;
     g_reports = &reports;
@@ -38,7 +38,7 @@ TEST(YHeapTest, ReportsEachChangeOfSizeBeforeItTakesPlace)
     EXPECT_EQ(reports, (Reports{{0, 3}, {3, 5}, {0, 1}, {5, 0}, {0, 0}, {1, Huge}, {0, 0}, {1, 0}}));
 }
 
-TEST(YHeapTest, KeepsWhatStaysAndZeroesWhatComes)
+TEST(YHeap, ResizeKeepsContentAndZeroesRest)
 {
     YHeap<char> heap("abc", 3);
     const auto bytes = [](YHeap<char>& of) {
@@ -60,7 +60,7 @@ TEST(YHeapTest, KeepsWhatStaysAndZeroesWhatComes)
     EXPECT_EQ(bytes(copy), "ab");
 }
 
-TEST(YHeapTest, RangesMustLieInside)
+TEST(YHeap, RangeOutsideRaises)
 {
     Bytes heap("0123456789", 10);
     Bytes empty;
@@ -92,7 +92,7 @@ TEST(YHeapTest, RangesMustLieInside)
     }
 }
 
-TEST(YHeapTest, AnEmptyHeapIsNoPointer)
+TEST(YHeap, EmptyHeapIsNull)
 {
     const Testing::LogCapture log({"General"});
     EXPECT_RAISES((void)static_cast<unsigned char*>(Bytes()), ErrorCode::InvalidUse,

@@ -33,7 +33,7 @@ protected:
 } // namespace
 
 // What a file says is compared with a plain model in fuzz/.
-TEST_F(YProfileTest, FallsBackToDefaults)
+TEST_F(YProfileTest, MissingKeyGivesDefault)
 {
     EXPECT_EQ(Value("a"), "default") << "a missing file";
     m_directory.Write("kbagent.conf",
@@ -47,13 +47,13 @@ TEST_F(YProfileTest, FallsBackToDefaults)
                      ErrorCode::NumberConversion, "StringToNumber", "");
 }
 
-TEST_F(YProfileTest, DamagedOrUnreadableNamesTheFile)
+TEST_F(YProfileTest, UnusableFileRaisesItsPath)
 {
     m_directory.Write("kbagent.conf", "[configuration]\na=1\nno equals sign\n");
     const auto error = Testing::CatchError([] { Profile::OpenSystem(); });
     EXPECT_EQ(error.value().GetCode(), static_cast<unsigned int>(ErrorCode::InvalidArgument));
-    const std::string told = Testing::ErrorOf([] { Profile::OpenSystem(); });
-    EXPECT_TRUE(told.starts_with("OpenSystem: Damaged configuration " + m_path + ", line 3: ")) << told;
+    const std::string message = Testing::ErrorOf([] { Profile::OpenSystem(); });
+    EXPECT_TRUE(message.starts_with("OpenSystem: Damaged configuration " + m_path + ", line 3: ")) << message;
     unlink(m_path.c_str());
     m_directory.MakeDirectory("kbagent.conf");
     EXPECT_RAISES_OS(Profile::OpenSystem(), MessageType::General, EISDIR, "OpenSystem",
@@ -69,9 +69,10 @@ TEST_F(YProfileTest, DamagedOrUnreadableNamesTheFile)
                      "The configuration " + m_path + " is a pipe");
 }
 
-TEST_F(YProfileTest, UnchangedFileIsSharedAndAChangeIsSeen)
+TEST_F(YProfileTest, ChangedFileIsParsedAgain)
 {
-    // The change of status can't be dated back, so the first of these parses lies too close to it to be kept.
+    // The time of the last status change cannot be set, so the first of these parses is too close to it to be
+    // kept.
     m_directory.Write("kbagent.conf", "[configuration]\na=1\n");
     const auto young = Profile::OpenSystem();
     EXPECT_NE(Profile::OpenSystem(), young);
@@ -84,8 +85,8 @@ TEST_F(YProfileTest, UnchangedFileIsSharedAndAChangeIsSeen)
     EXPECT_EQ(young->Get<YString>("configuration", "a", ""), "1");
 }
 
-// The file came with the sources, so it lies still.
-TEST_F(YProfileTest, SettledFileIsParsedOnceForEachPath)
+// The file belongs to the sources, so it does not change.
+TEST_F(YProfileTest, OldFileIsParsedOncePerPath)
 {
     setenv("KBAGENT_CONFIG", GOLDEN_DIRECTORY "/kbagent.conf", 1);
     const auto profile = Profile::OpenSystem();

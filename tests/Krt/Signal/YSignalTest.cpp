@@ -40,7 +40,7 @@ protected:
     std::string m_called;
 };
 
-TEST_F(YSignalTest, CallsConnectedSlotsInOrder)
+TEST_F(YSignalTest, SlotsAreCalledInOrder)
 {
     EXPECT_EQ(Fire(), "");
     YSlot a = Letter('a');
@@ -55,7 +55,7 @@ TEST_F(YSignalTest, CallsConnectedSlotsInOrder)
     EXPECT_EQ(Fire(), "c");
 }
 
-TEST_F(YSignalTest, SlotMayDisconnectItselfAndOneThatIsStillToBeCalled)
+TEST_F(YSignalTest, SlotDisconnectsItselfAndLaterSlot)
 {
     YSlot gone;
     YSlot first = Letter('a');
@@ -70,7 +70,7 @@ TEST_F(YSignalTest, SlotMayDisconnectItselfAndOneThatIsStillToBeCalled)
     EXPECT_EQ(Fire(), "ab");
 }
 
-TEST_F(YSignalTest, SlotConnectedDuringAFiringWaitsForTheNext)
+TEST_F(YSignalTest, SlotConnectedDuringCallIsCalledNextTime)
 {
     std::vector<YSlot> added;
     YSlot connecting = m_event.Connect([&] { added.push_back(Letter('n')); });
@@ -78,7 +78,7 @@ TEST_F(YSignalTest, SlotConnectedDuringAFiringWaitsForTheNext)
     EXPECT_EQ(Fire(), "n");
 }
 
-TEST_F(YSignalTest, SlotMayFireAgain)
+TEST_F(YSignalTest, SlotFiresSignalAgain)
 {
     YSlot nested = m_event.Connect([&] {
         m_called += '.';
@@ -88,7 +88,7 @@ TEST_F(YSignalTest, SlotMayFireAgain)
     EXPECT_EQ(Fire(), "...");
 }
 
-TEST_F(YSignalTest, FailurePassesThroughAndLeavesTheSignalUsable)
+TEST_F(YSignalTest, SlotRaisesAndSignalStaysUsable)
 {
     std::function<void()> failure = [] {
         throw YSlotExpired();
@@ -102,12 +102,12 @@ TEST_F(YSignalTest, FailurePassesThroughAndLeavesTheSignalUsable)
     };
     EXPECT_THROW(Fire(), std::runtime_error);
     EXPECT_EQ(m_called, "a");
-    // The lock is free and the slot counted out, else this would wait for ever.
+    // The lock is free and the call no longer counted, otherwise this would hang.
     std::thread([&] { failing.Disconnect(); }).join();
     EXPECT_EQ(Fire(), "ab");
 }
 
-TEST(YSignal, EachSlotHasItsOwnCopyOfTheArguments)
+TEST_F(YSignalTest, EachSlotGetsItsOwnArguments)
 {
     std::string seen;
     YSlot outliving; // the signal
@@ -122,7 +122,7 @@ TEST(YSignal, EachSlotHasItsOwnCopyOfTheArguments)
     EXPECT_EQ(seen, "xx");
 }
 
-TEST(YSignal, DisconnectionWaitsForAnotherThreadsCall)
+TEST_F(YSignalTest, DisconnectWaitsForCallOnOtherThread)
 {
     Event event;
     std::latch inside(2), fired(1);
@@ -144,7 +144,7 @@ TEST(YSignal, DisconnectionWaitsForAnotherThreadsCall)
 }
 
 // A slot that runs on one thread, and the firing on another that disconnects it.
-TEST(YSignal, SlotDisconnectsItselfOrAnotherThatRunsElsewhere)
+TEST_F(YSignalTest, SlotDisconnectsSlotRunningOnOtherThread)
 {
     for (const bool itself : {true, false}) {
         Event event;
@@ -156,7 +156,7 @@ TEST(YSignal, SlotDisconnectsItselfOrAnotherThatRunsElsewhere)
         const auto disconnect = [&](YSlot& slot) {
             disconnecting = true;
             disconnecting.notify_one();
-            slot.Disconnect(); // waits for the other thread alone
+            slot.Disconnect(); // waits only for the other thread
             EXPECT_TRUE(finished);
         };
         const auto run = [&] {
@@ -185,7 +185,7 @@ TEST(YSignal, SlotDisconnectsItselfOrAnotherThatRunsElsewhere)
     }
 }
 
-TEST(YSignal, OwnerGoesOnAnotherThreadBetweenSnapshotAndCallAndDuringIt)
+TEST_F(YSignalTest, OwnerDestroyedOnOtherThreadDuringCall)
 {
     Event event;
     // The last reference may go with the call; another thread must be able to fire then.
@@ -214,7 +214,7 @@ TEST(YSignal, OwnerGoesOnAnotherThreadBetweenSnapshotAndCallAndDuringIt)
     EXPECT_EQ(called, "+-");
 }
 
-TEST(YSignal, RequestToCancelReachesTheFiringsScope)
+TEST_F(YSignalTest, CancelRequestReachesScopeOfCall)
 {
     Thread::YThreadBase thread(
         [] {
@@ -229,7 +229,7 @@ TEST(YSignal, RequestToCancelReachesTheFiringsScope)
 }
 
 // For the thread checker: firings, connections and disconnections at once.
-TEST(YSignal, ManyThreadsFireConnectAndDisconnect)
+TEST_F(YSignalTest, ThreadsFireConnectAndDisconnect)
 {
     Event event;
     std::atomic<long> calls = 0;
@@ -240,7 +240,7 @@ TEST(YSignal, ManyThreadsFireConnectAndDisconnect)
             YSlot slot = event.Connect([data = target.get()] { *data = 1; });
             event();
             slot.Disconnect();
-            target.reset(); // nobody calls the function any more
+            target.reset(); // the function is not called any more
         }
     });
     EXPECT_EQ(calls, 900);

@@ -7,7 +7,7 @@ using Krt::ErrorCode;
 using Krt::YString;
 using Krt::String::Convert;
 
-TEST(EncodingTest, NamesWhatItCannotConvert)
+TEST(Encoding, InvalidInputRaisesItsPlace)
 {
     const wchar_t loneTrail[] = {L'a', 0xDC00, 0};
     const wchar_t loneLead[] = {0xD800, 0};

@@ -11,8 +11,8 @@ constexpr unsigned int End = YString::NotFound;
 
 } // namespace
 
-// What takes strings apart and changes them is compared with a plain model in fuzz/; here stands the rest.
-TEST(YStringTest, SplitsAtDelimiters)
+// fuzz/ compares the operations that split and change strings with a plain model; these are the others.
+TEST(YString, SplitsAtDelimiters)
 {
     const YString list("a,b,");
     unsigned int next = 0;
@@ -25,7 +25,7 @@ TEST(YStringTest, SplitsAtDelimiters)
     EXPECT_EQ(YString("a=b\\=c").Split('=', true, true), (std::pair<YString, YString>("a=b", "c")));
 }
 
-TEST(YStringTest, ReachesNoByteBeyondItsEnd)
+TEST(YString, PositionsBeyondEndAreChecked)
 {
     YString text("abc");
     EXPECT_RAISES(text.Replace("a", "b", 3, 0, true), ErrorCode::InvalidArgument, "Replace", "");
@@ -35,7 +35,7 @@ TEST(YStringTest, ReachesNoByteBeyondItsEnd)
     EXPECT_RAISES(YString("\xF0zz").At(1), ErrorCode::InvalidArgument, "At", ""); // steps over the end
 }
 
-TEST(YStringTest, IsEmptyBehindAMove)
+TEST(YString, MovedFromIsEmpty)
 {
     YString text("\tx");
     EXPECT_EQ(text.AsWide(), std::wstring_view(L"\tx"));

@@ -12,7 +12,7 @@ using Krt::Type::YAny;
 
 namespace {
 
-TEST(YAny, GivesTheHeldTypeAlone)
+TEST(YAny, OtherTypeThanHeldRaises)
 {
     YAny held(YString("text"));
     EXPECT_EQ(held.Cast<YString>(), "text");

@@ -12,14 +12,14 @@
 
 using Krt::Type::YUuid;
 
-TEST(YUuidTest, TextIsOfAllBytesInOrder)
+TEST(YUuid, TextHasAllBytesInOrder)
 {
     const YUuid uuid(
         {0x00, 0x01, 0x0A, 0xB0, 0xCD, 0xEF, 0x12, 0x34, 0x56, 0x78, 0x9a, 0xbc, 0xde, 0xf0, 0xFF, 0x7F});
     EXPECT_EQ(uuid.GetString().Bytes(), "00010ab0-cdef-1234-5678-9abcdef0ff7f");
 }
 
-TEST(YUuidTest, RandomIsTwoDrawsFromTheirLowEndsAndVersionFour)
+TEST(YUuid, RandomIsTwoDrawsOfVersionFour)
 {
     std::mt19937_64 twin;
     {
@@ -39,7 +39,7 @@ TEST(YUuidTest, RandomIsTwoDrawsFromTheirLowEndsAndVersionFour)
     }
 }
 
-TEST(YUuidTest, ConcurrentDrawsAreAllDifferent)
+TEST(YUuid, ConcurrentDrawsDiffer)
 {
     std::vector<YUuid::Bytes> drawn(2000, YUuid::Bytes());
     Testing::OnThreads(4, [&](int thread) {

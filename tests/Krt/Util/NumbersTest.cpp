@@ -10,7 +10,7 @@ using namespace Krt::Util;
 using Krt::ErrorCode;
 using Krt::MessageType;
 
-TEST(NumbersTest, WritesNumbers)
+TEST(Numbers, WritesNumbers)
 {
     EXPECT_EQ(NumberToString<unsigned int>(0x1234, true), "0x00001234");
     EXPECT_EQ(NumberToString<int>(-1, true), "0xffffffff");
@@ -21,7 +21,7 @@ TEST(NumbersTest, WritesNumbers)
     EXPECT_EQ(StringToNumber<unsigned int>("1234567", false, true), 1234567U);
 }
 
-TEST(NumbersTest, ReadsNumbers)
+TEST(Numbers, ReadsNumbers)
 {
     const struct
     {
@@ -54,7 +54,7 @@ TEST(NumbersTest, ReadsNumbers)
                      MessageType::Runtime, ErrorCode::NumberConversion, "StringToNumber", "");
 }
 
-TEST(NumbersTest, ReadsBools)
+TEST(Numbers, ReadsBools)
 {
     const struct
     {

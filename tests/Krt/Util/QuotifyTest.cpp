@@ -8,8 +8,8 @@
 
 using Krt::Util::QuotifyEx;
 
-// The judge of what is quoted rightly is the shell itself.
-TEST(QuotifyTest, AShellGivesEachTextBack)
+// The shell itself decides whether a text is quoted correctly.
+TEST(Quotify, ShellReturnsEachText)
 {
     const Testing::TemporaryDirectory directory;
     const std::pair<const char*, const char*> rows[] = {

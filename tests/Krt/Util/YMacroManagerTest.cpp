@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-TEST(YMacroManagerTest, ExpandsKnownNamesOnly)
+TEST(YMacroManager, OnlyKnownNamesAreExpanded)
 {
     Krt::Util::YMacroManager macros;
     macros.Add("HOME", "/old");

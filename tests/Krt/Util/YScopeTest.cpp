@@ -7,7 +7,7 @@
 namespace Krt::Util {
 namespace {
 
-TEST(YScope, RunsItsFunctionOnce)
+TEST(YScope, FunctionRunsOnce)
 {
     int runs = 0;
     {
@@ -27,7 +27,7 @@ TEST(YScope, RunsItsFunctionOnce)
     none.Release();
 }
 
-TEST(YScope, ReleaseRaisesAndDestructionSwallows)
+TEST(YScope, ReleaseRaisesAndDestructorDoesNot)
 {
     {
         YScope swallowing([] { throw std::runtime_error("late"); });

@@ -31,7 +31,7 @@ std::string Record(unsigned int length, std::size_t size)
 
 } // namespace
 
-TEST(YVariableStructureParserTest, FindsEachRecord)
+TEST(YVariableStructureParser, FindsEachRecord)
 {
     YVariableStructureParser parser;
     EXPECT_EQ(parser.GetNextRecord(), nullptr);
@@ -44,12 +44,12 @@ TEST(YVariableStructureParserTest, FindsEachRecord)
     EXPECT_EQ(Walk(parser, "", 0, false, false), Offsets{});
     EXPECT_EQ(Walk(parser, swapped, 0, false, true), Offsets{0});
     EXPECT_EQ(Walk(parser, std::string(12, 'x'), 4, true, false), (Offsets{0, 4, 8}));
-    // The length stands at offset 4; as many bytes behind the last record start no further one.
+    // The length is at offset 4; four more bytes after the last record do not begin another one.
     EXPECT_EQ(Walk(parser, "head" + Record(8, 4) + "rest", 4, false, false), Offsets{0});
     EXPECT_EQ(parser.GetNextRecord(), nullptr);
 }
 
-TEST(YVariableStructureParserTest, RefusesDamagedRuns)
+TEST(YVariableStructureParser, DamagedRecordsAreRefused)
 {
     YVariableStructureParser parser;
     EXPECT_RAISES_ON(Walk(parser, Record(8, 8) + Record(0, 8), 0, false, false), MessageType::Runtime,
