@@ -1,4 +1,4 @@
-// Access lists for tests: what a file system may let single users do beside the mode.
+// Access lists for tests: rights of single users in addition to the mode.
 #pragma once
 
 #include <string>
@@ -7,10 +7,11 @@
 namespace Testing {
 
 /// Gives the entry a list by which the user 1234 may do all that the group may; `which` is "access", or
-/// "default" for what a directory hands down. False where the file system keeps none.
+/// "default" for the list that new entries of a directory inherit. Returns false if the file system has no
+/// access lists.
 inline bool GiveAccessList(const std::string& path, const std::string& which)
 {
-    // A version, then tag, rights and id of: the owner, that user, the group, the most of both, others.
+    // A version, then tag, rights and id of: the owner, that user, the group, the mask, others.
     constexpr unsigned char List[] = {2,  0, 0, 0,                                  //
                                       1,  0, 7, 0, 255,        255,       255, 255, //
                                       2,  0, 7, 0, 1234 & 255, 1234 >> 8, 0,   0,   //

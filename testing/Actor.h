@@ -1,5 +1,7 @@
-// Threads that do what they are told, step by step, and that can be seen asleep in a step. So a test puts the
-// steps of several threads into one order.
+// Threads that a test leads step by step, so that the steps of several threads happen in one order. A thread
+// counts as asleep in a step after five looks a millisecond apart found it in an interruptible sleep; the
+// step has no other sleeps than the wait under test, so an actor that is merely slow is found running or
+// runnable.
 #pragma once
 
 #include "testing/Raises.h"
@@ -19,8 +21,8 @@ namespace Testing {
 class Actor
 {
 public:
-    /// Does the step of this letter, on the actor's thread, and tells what came of it by another. Comes with
-    /// Quit at the end, too.
+    /// Does the step of this letter on the actor's thread, and returns the letter of its result. Is called
+    /// with Quit at the end.
     using Action = std::function<char(Actor& self, char order)>;
     static constexpr char Done = '.', Refused = 'x', Asleep = 'z', Quit = 'q';
 
@@ -39,8 +41,8 @@ public:
         m_order = order;
         m_order.notify_one();
     }
-    /// What came of the step, Refused if it raised an error. With `mayWait`, Asleep once the thread sleeps in
-    /// it.
+    /// Returns the result of the step, Refused if it raised an error. With `mayWait`, returns Asleep once the
+    /// thread sleeps in it.
     char Await(bool mayWait) const
     {
         for (int asleep = 0; asleep < 5;) {
@@ -51,8 +53,8 @@ public:
         }
         return Asleep;
     }
-    /// For an action: tells that its step is done so far, and does others within it until this one comes,
-    /// with which the step goes on.
+    /// For an action: reports Done, and does other steps within the present one until the step `last`
+    /// arrives, which continues the present one.
     void StayUntil(char last)
     {
         m_result = Done;
@@ -93,15 +95,15 @@ private:
     }};
 };
 
-/// A row's name, and its steps of three letters, parted by blanks: the actor, 'A' to 'C'; the order; and what
-/// must come of it. With '*' for the order, what comes of the step in which the actor slept.
+/// A row's name, and its steps of three letters, separated by blanks: the actor, 'A' to 'C'; the order; and
+/// the expected result. The order '*' awaits the result of the step in which the actor slept.
 struct Scenario
 {
     const char* row;
     std::string steps;
 };
 
-/// With three actors, whose actions are made one by one.
+/// Plays the steps with three actors; makeAction is called for each.
 inline void Play(const Scenario& scenario, const std::function<Actor::Action()>& makeAction)
 {
     const auto& [row, steps] = scenario;

@@ -15,16 +15,16 @@ namespace {
 
 // clang-format off
 const std::string Pieces[] = {
-    // controls, and what steers terminals
+    // controls, and terminal sequences
     "\x01", "\a", "\b", "\t", "\n", "\v", "\f", "\r", "\x1b", "\x1f", "\x7f", "\n\n", "\r\n", "\x1b[2J",
     "\x1b]0;t\a", "\r\x1b[K", "\x1b[1A\x1b[2K", "\u0080", "\u0085", "\u009b2J", "\u009f",
     "\n2026-11-21T07:23:58.041+00:00 INFO forged",
-    // what some parser takes for its own
+    // syntax of parsers
     "\"", "'", "`", "$HOME", "$(id)", "${serviceName}", "%", "%s%n", "%2F", "\\", "\\\\", "\\n", "\\x41",
     "\\u0041", "\\\"", "&amp;", "<!--", "]]>", "*", "?", "[a]", "{}", "[]", "!", "|", ";", "&", "~", "#",
     "-", "--", "--=", "=", ":", "C:", "\\\\?\\C:", "\\\\?\\Volume{0}", " ", "  ", "...", ". ", " .", ",",
     "null", "0", "(", ")", "-> ", "^", "@",
-    // the same to the eye, in two forms
+    // one look, two encodings
     "\u00e9", "e\u0301", "\u00c5", "\u212b", "A\u030a", "\ud55c", "\u1112\u1161\u11ab", "\ufb01", "\u0130",
     "\u017f", "\u1e9b\u0323", "\u00df", "\u212a", "\u03c2", "\u0430",
     // direction, joining, lines, byte order, no characters
@@ -32,9 +32,9 @@ const std::string Pieces[] = {
     "\u061c", "\u2028", "\u2029", "\u00a0", "\u00ad", "\u200b", "\u200d", "\u2060", "\u3000", "\ufeff",
     "\ufff9", "\ufffd", "\uffff", "\ufdd0", "\u05d0", "\u0627", "\U0001f600", "\U0001f468\u200d\U0001f469",
     "\U0010ffff", "\U0001fffe", "\U000e0041", "\u180e", "\u3164", "\ufe0f", "\u115f", "\U0001d173", "\u2800",
-    // what stands for bytes in documents
+    // escapes of bytes in documents
     "\uef80", "\uefff", "\uef7f", "\uf000",
-    // no UTF-8: alone, too long, surrogates, beyond the last, cut short
+    // invalid UTF-8: lone bytes, overlong, surrogates, beyond the last, truncated
     "\x80", "\xbf", "\x9b", "\xc0\xaf", "\xc1\xbf", "\xe0\x80\xaf", "\xe0\x9f\xbf", "\xf0\x80\x80\xaf",
     "\xf0\x8f\xbf\xbf", "\xf8\x88\x80\x80\x80", "\xfc\x84\x80\x80\x80\x80", "\xed\xa0\x80", "\xed\xbf\xbf",
     "\xed\xa0\xbd\xed\xb8\x80", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xfe", "\xff", "\xff\xfe", "\xc3",

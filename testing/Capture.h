@@ -1,5 +1,5 @@
 // The capture of a tree as an agent does it, without a store: each entry that the walk selects is opened, its
-// record made and written as text, and the text let go. For counting and timing what the library costs.
+// record made and written as text, and the text dropped. For counting and timing the work of the library.
 #pragma once
 
 #include "agent/Walk/Walker.h"

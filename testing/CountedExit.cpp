@@ -1,4 +1,4 @@
-// In the coverage build alone: a child process of a test ends with _exit, which would lose its counters.
+// Only in the coverage build: a child process of a test ends with _exit, which would lose its counters.
 extern "C" {
 void __gcov_dump(void);
 [[noreturn]] void __real__exit(int status);

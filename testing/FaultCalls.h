@@ -19,9 +19,9 @@ struct FaultKind
 {
     const char* name;
     FaultDomain domain;
-    int error;            ///< what errno becomes
-    unsigned long inARow; ///< of so many calls
-    bool starves = false; ///< from then on there is no memory either
+    int error;            ///< the value of errno
+    unsigned long inARow; ///< the number of calls that it strikes
+    bool starves = false; ///< from then on, allocations fail as well
 };
 
 /// The state of the run that a process is in.
@@ -32,17 +32,18 @@ struct FaultRun
     bool isArmed = false;
     unsigned long* calls = nullptr; ///< so far, while armed, by domain; shared with processes that it forks
     long objects = 0;               ///< allocations by operator new that live
-    long crypto = 0;                ///< those of OpenSSL
+    long crypto = 0;                ///< allocations of OpenSSL that live
 };
 extern FaultRun g_faultRun;
 
-/// Counts this call, and tells whether the fault strikes it. Its name is kept where the parent process sees
-/// it.
+/// Counts this call, and returns true if the fault strikes it. The call's name is kept in memory that the
+/// parent process shares.
 bool FaultStrikes(FaultDomain domain, const char* call);
-/// The call that was struck first; empty if none was. Outlives the process that was struck.
+/// Returns the name of the call that was struck first, or an empty string. It outlives the process that was
+/// struck.
 const char* StruckCall();
 void ForgetStruckCall();
-/// Whether a call was struck that OpenSSL makes, which drops the error's number.
+/// Returns true if the fault struck a call of OpenSSL, which drops the error's number.
 bool IsOpenSslStruck();
 
 } // namespace Testing

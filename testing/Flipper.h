@@ -1,4 +1,4 @@
-// A process that swaps two entries, over and over, until it is destroyed: somebody who races.
+// A process that swaps two entries repeatedly until it is destroyed: the attacker of a race.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ inline bool SwapEntries(int directoryA, const std::string& a, int directoryB, co
 class Flipper
 {
 public:
-    /// Paths. While one is missing nothing is swapped.
+    /// Takes two paths. Nothing is swapped while one of them is missing.
     Flipper(const std::string& a, const std::string& b)
         : m_swaps(new (mmap(nullptr, sizeof(Counter), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1,
                             0)) Counter(0))

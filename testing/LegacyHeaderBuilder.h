@@ -25,11 +25,11 @@ struct LegacyUnixHeader
     std::uint32_t userId = 0;
     std::uint32_t groupId = 0;
     std::uint8_t isSymlink = 0;
-    std::string names; ///< the name list as it lies in the buffer, NUL bytes and all
+    std::string names; ///< the bytes of the name list, NUL bytes included
     std::vector<std::pair<std::string, std::string>> extendedAttributes;
     std::string behind;                            ///< bytes that follow the attributes
-    std::optional<std::uint32_t> endOfNames;       ///< where the names end, unless told otherwise
-    std::optional<std::uint32_t> attributesOffset; ///< where they begin, unless told otherwise
+    std::optional<std::uint32_t> endOfNames;       ///< where the names end if not the right value
+    std::optional<std::uint32_t> attributesOffset; ///< where they begin if not the right value
 
     std::string Bytes() const;
 };
@@ -46,7 +46,7 @@ struct LegacyWindowsHeader
     std::uint64_t permissionChangeTime = 0;
     std::uint32_t pathCount = 1;
     std::wstring names;                      ///< the name list, a code unit of UTF-16 in each wchar_t
-    std::optional<std::uint32_t> endOfNames; ///< where the names end, unless told otherwise
+    std::optional<std::uint32_t> endOfNames; ///< where the names end if not the right value
 
     std::string Bytes() const;
 };
@@ -57,7 +57,7 @@ LegacyUnixHeader SampleUnixLink();
 /// A file with these names, `count` of them.
 LegacyWindowsHeader SampleWindowsFile(const std::wstring& names, std::uint32_t count);
 
-/// One extended attribute's record; lengths may be told that aren't the right ones.
+/// One extended attribute's record; the lengths given may be wrong.
 std::string LegacyAttributeRecord(const std::string& name, const std::string& value,
                                   std::optional<std::uint32_t> length = std::nullopt,
                                   std::optional<std::uint32_t> nameLength = std::nullopt);

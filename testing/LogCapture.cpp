@@ -8,7 +8,7 @@ namespace Testing {
 
 namespace {
 
-// What stands behind the first `count` blanks.
+// Returns the text after the first `count` blanks.
 std::string Behind(const std::string& line, int count)
 {
     std::size_t position = 0;

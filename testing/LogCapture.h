@@ -1,5 +1,5 @@
 // Catches what the library logs: opens the process's log on a temporary file with the given channels enabled,
-// and closes it with none enabled at the end.
+// and closes it at the end, with all channels disabled.
 #pragma once
 
 #include "testing/TemporaryDirectory.h"
@@ -17,9 +17,9 @@ public:
 
     /// The messages so far without the logger's time and level: thread id, name, ": ", text.
     std::vector<std::string> Lines() const;
-    /// The same without the thread id, so "YFile: Read 3 bytes ...".
+    /// The messages without the thread id, as in "YFile: Read 3 bytes ...".
     std::vector<std::string> Texts() const;
-    /// Those in one, with a line feed behind each.
+    /// The texts concatenated, each with a trailing line feed.
     std::string Text() const;
 
 private:

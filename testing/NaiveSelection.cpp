@@ -21,7 +21,7 @@ using Krt::Match::MatchType;
 
 namespace {
 
-// Whether the first path is the second or lies above it.
+// Returns true if the first path is the second or one of its parents.
 bool IsAtOrAbove(const std::vector<std::string>& upper, const std::vector<std::string>& path)
 {
     return upper.size() <= path.size() && std::equal(upper.begin(), upper.end(), path.begin());

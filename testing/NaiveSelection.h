@@ -1,5 +1,5 @@
 // A selection that keeps its rules in one list and answers every question by looking through all of it: slow,
-// and plain enough to be trusted beside the tree.
+// and plain enough to check the tree against.
 #pragma once
 
 #include "Backup/File/YSelectionManager.h"
@@ -21,7 +21,7 @@ public:
     const std::vector<std::string>& PruningLog() const { return m_pruningLog; }
     /// The rules in words, in the order in which a walk through a tree meets them.
     std::string Words() const;
-    /// The directories at which a rule stands or below which one does, the root among them.
+    /// The directories with a rule at or below them, including the root.
     std::size_t CountPlaces() const;
     /// Compares the tree's answer about the path, and the parts that it is made of.
     void ExpectAnswersOf(const Backup::File::YSelectionManager& tree, const std::string& path) const;
@@ -36,7 +36,7 @@ private:
     // The rules in the order in which a walk through a tree visits them.
     std::vector<Placed> InOrder() const;
     static Names Split(const std::string& path);
-    // The rule is about the name that stands in `path` at the index, and reaches it from its place.
+    // The rule applies to the name at the index in `path`, and reaches it from its place.
     static bool SpeaksOf(const Placed& placed, const Names& path, std::size_t index);
     bool IsIncluded(const Names& path) const;
     bool IsExcluded(const Names& path, bool& reportable) const;
@@ -54,7 +54,7 @@ struct World
     int forests;
     unsigned int mostRules;
     std::vector<std::string> places, patterns, paths;
-    unsigned int lastAtRoot = 0; ///< so many rules stand at "/", behind all others
+    unsigned int lastAtRoot = 0; ///< the number of rules at "/", after all others
 };
 
 /// Adds each forest's rules to a tree and to a list, and expects them to keep the same rules, the tree no

@@ -6,7 +6,7 @@
 
 namespace Testing {
 
-/// Calls the work on so many threads, with 0 for the first of them, and returns when all are done.
+/// Calls the work on `count` threads with their numbers from 0 on, and returns when all have ended.
 template <class Work>
 void OnThreads(int count, const Work& work)
 {

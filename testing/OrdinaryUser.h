@@ -1,4 +1,4 @@
-// Checks what only somebody without the superuser's rights sees.
+// Checks that need a user without the superuser's rights.
 #pragma once
 
 #include <sys/wait.h>

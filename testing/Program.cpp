@@ -27,7 +27,7 @@ namespace {
         _exit(126);
     if (settings.prepare)
         settings.prepare();
-    // The program's file may stand where that user can't reach it.
+    // That user may not be able to reach the program's file.
     if (changesUser || settings.isLinked)
         _exit(CallProgram(arguments));
     std::string program = KBAGENT_PROGRAM;

@@ -23,8 +23,8 @@ struct ProgramSettings
     unsigned int user = 0;
     /// Called in the program's process before it begins.
     std::function<void()> prepare = {};
-    /// Runs what is linked into the test instead of the program's file, with what stands in there for
-    /// functions of the C library.
+    /// Runs the code that is linked into the test instead of the program's file, with the functions of the C
+    /// library that the test defines.
     bool isLinked = false;
 };
 

@@ -1,5 +1,4 @@
-// A place for runs of the program: a source and a target, both empty directories, and where the store is to
-// be.
+// Directories for runs of the program: an empty source, an empty target, and the path of a store.
 #pragma once
 
 #include "testing/Program.h"
@@ -12,7 +11,7 @@
 
 namespace Testing {
 
-/// Whether the text has the part somewhere in it.
+/// Succeeds if the text contains the part.
 inline ::testing::AssertionResult Holds(const std::string& text, const std::string& part)
 {
     if (text.find(part) == std::string::npos)

@@ -1,4 +1,5 @@
-// Checks of what a statement raises: EXPECT_RAISES(GetRoot(), ErrorCode::EmptyJobPath, "GetRoot", "Cannot
+// Checks of the error that a statement raises: EXPECT_RAISES(GetRoot(), ErrorCode::EmptyJobPath, "GetRoot",
+// "Cannot
 // ...").
 #pragma once
 

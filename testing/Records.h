@@ -1,4 +1,4 @@
-// Records of the modern form for tests: those of the given names, and otherwise of what is ordinary.
+// Records of the modern form for tests, with the given names and ordinary other fields.
 #pragma once
 
 #include "Backup/File/YUnixFileMetadata.h"

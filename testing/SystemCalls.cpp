@@ -15,7 +15,7 @@ namespace Testing {
 
 namespace {
 
-constexpr int SystemCallStop = SIGTRAP | 0x80; // as PTRACE_O_TRACESYSGOOD tells it
+constexpr int SystemCallStop = SIGTRAP | 0x80; // with PTRACE_O_TRACESYSGOOD
 
 [[noreturn]] void RunTraced(const std::function<void()>& work)
 {

@@ -11,8 +11,8 @@ namespace Testing {
 /// another. Throws a std::runtime_error where the work ends by an exception.
 std::optional<unsigned long> CountSystemCalls(const std::function<void()>& work);
 
-/// From now on the call fails with ENOSYS in this process and what it runs, as on a kernel that has none.
-/// False where the machine allows no such thing.
+/// From now on the call fails with ENOSYS in this process and its children, as on a kernel without it.
+/// Returns false if the machine does not allow that.
 bool TakeAwaySystemCall(int number);
 
 } // namespace Testing

@@ -55,7 +55,7 @@ inline TreeEntry Socket(const std::string& name)
 /// Makes the entries below `root`, in order; modes and times of directories last.
 void MakeTree(const std::string& root, const std::vector<TreeEntry>& entries);
 
-/// Entries of every kind that an ordinary user may both read and make anew, with names, contents, modes,
+/// Entries of every kind that an ordinary user may both read and recreate, with names, contents, modes,
 /// times and depths at their limits.
 std::vector<TreeEntry> EveryKindOfEntry();
 
