@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# tests/include-cycles.sh FOLDER...: no header below the folders includes itself on any way. First shows on a planted
-# circle that it would find one.
+# tests/include-cycles.sh FOLDER...: no header below the folders includes itself, directly or through others. A planted
+# cycle shows first that the script finds one.
 set -euo pipefail
 
-# Prints a circle, if there is one. An include path begins with the folder's own name.
+# Prints a cycle, if there is one. An include path begins with the folder's own name.
 circle() {
     local folder
     for folder in "$@"; do
@@ -29,7 +29,7 @@ echo '#include "Planted/B.h"' >"$work/Planted/A.h"
 printf '#pragma once\n#include "Planted/C.h"\n' >"$work/Planted/B.h"
 echo '#include "Planted/A.h"' >"$work/Planted/C.h"
 if circle "$work/Planted" >"$work/found" || [ ! -s "$work/found" ]; then
-    echo "The planted circle was not found" >&2
+    echo "The planted cycle was not found" >&2
     exit 1
 fi
 circle "$@" >&2

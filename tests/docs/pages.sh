@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # tests/docs/pages.sh SOURCE: the pages agree with the tree: codes, channels, configuration keys, the programs of the
-# examples, a port's seams. What stands for one platform alone has a counterpart.
+# examples, the sources that a port supplies.
 set -euo pipefail
 shopt -s globstar
 cd "$1"
@@ -8,7 +8,7 @@ cd "$1"
 failed=0 told=0
 fail() { echo "$*" >&2; failed=1; }
 tells() { told=$((told + 1)); grep -qF -- "$2" "docs/$1" || fail "docs/$1 doesn't tell: $2"; }
-# Fewer than there surely are would mean that they weren't found.
+# A smaller number would mean that this script did not find them.
 at_least() { [ $told -ge "$1" ] || fail "only $told $2"; told=0; }
 
 while read -r name number; do
@@ -23,7 +23,7 @@ while read -r key; do
 done < <(cat {libkrt,Backup,agent}/**/*.cpp | tr '\n' ' ' | grep -oP '\(\s*"configuration",\s*"\K\w+' | sort -u)
 at_least 5 "keys"
 
-# Each program of a page stands in the example that is linked last before it, indented in its own way.
+# Each program of a page is in the example that the page links last before it, with other indentation.
 flat() { sed -E 's/^\s+|\s+$//g; /^$/d' "$@"; }
 link='\]\((\.\./)?(examples/[a-z-]+\.cpp)\)' shown=
 for page in docs/api.md README.md; do

@@ -26,10 +26,10 @@ cmp "$made" "$work/file"
 [ "$(stat -c '%a %Y' "$made")" = "$(stat -c '%a %Y' "$work/file")" ] || fail "restore made $made"
 [ "$(run convert <"$work/record")" = "$(cat "$work/record")" ] || fail "convert"
 run convert <"$source/tests/golden/legacy-unix-file.json" | grep -q '"file_size":' || fail "convert"
-# Below a changed root that is no mount itself no file has a volume.
+# Below a changed root that is not a mount, no file has a volume.
 ! grep -q " / " /proc/self/mounts || run volumes / | grep -q "bytes free" || fail "volumes"
 [ "$(printf 'x TRACE y\nz\n' | run watch-log)" = $'begins with: x TRACE y\n1 lines of trace' ] || fail "watch-log"
-# The job of the documentation, of a place that is here.
+# The job of the documentation, for a path that exists here.
 mkdir -p "$work/home/ann" "$work/other"
 touch "$work/home/ann/"{kept,left.tmp}
 # shellcheck disable=SC2016 # the quotes are those of the page
@@ -41,13 +41,13 @@ run service no-such-service-here | grep -q "is not installed" || fail "service"
 echo damaged >"$work/certificate"
 run trust "$work/certificate" example.com | grep -q "^not trusted: " || fail "trust"
 
-# The reference of the headers says what it lacks.
+# The reference of the headers reports undocumented names.
 if said=$(PATH=/nowhere "$(command -v cmake)" -P "$source/cmake/Documentation.cmake" 2>&1) ||
     [[ $said != *"needs doxygen"* ]]; then
     fail "documentation: $said"
 fi
 
-# NAME STATEMENTS: configures a project that has no other.
+# NAME STATEMENTS: configures a project that consists of these statements.
 configures() {
     mkdir "$work/$1"
     printf 'cmake_minimum_required(VERSION 3.25)\nproject(%s LANGUAGES CXX)\n%s' "$1" "$2" >"$work/$1/CMakeLists.txt"
@@ -55,9 +55,9 @@ configures() {
 }
 configures twice "find_package(Backup ${version%.*} REQUIRED)
 find_package(Backup REQUIRED)" || fail "found twice: $(cat "$work/log")"
-# A version that this one doesn't stand in for is refused.
+# An incompatible version is refused.
 if configures newer "find_package(Backup 99 REQUIRED)"; then fail "version 99"; fi
-# What is missing there is an answer to who doesn't insist.
+# A missing package is not an error unless it is required.
 configures asks "set(CMAKE_DISABLE_FIND_PACKAGE_Boost ON)
 find_package(Backup QUIET)
 if(Backup_FOUND)
@@ -68,13 +68,13 @@ export PKG_CONFIG_PATH=$library/pkgconfig
 [ "$(pkg-config --modversion backup)" = "$version" ] || fail "backup.pc tells another version"
 static=()
 [ -e "$library/libBackup.so" ] || static=(--static)
-# shellcheck disable=SC2046 # each flag is a word of its own
+# shellcheck disable=SC2046 # each flag is a separate word
 "${CXX:-c++}" -std=c++20 "$source/examples/select.cpp" -o "$work/select" \
     $(pkg-config --cflags --libs "${static[@]}" backup) -Wl,-rpath,"$library"
 [ "$("$work/select" /home/ann/cache)" = "/home/ann/cache: nothing to do here" ] || fail "select by pkg-config"
 
-# No header that is left at home is wanted by one that is installed.
+# Installed headers include only installed headers.
 for header in $(cd "$prefix/include" && find Krt Backup -name '*.h'); do echo "#include \"$header\""; done >"$work/all.cpp"
 # shellcheck disable=SC2046
 "${CXX:-c++}" -std=c++20 -fsyntax-only "$work/all.cpp" $(pkg-config --cflags backup)
-echo "installed, found and used"
+echo "installed and used"

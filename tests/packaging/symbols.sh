@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # tests/packaging/symbols.sh [--update] LISTS LIBRARY...: each shared library exports the names of its list, LISTS/libX.symbols,
-# and no others. What the compiler makes of templates and inline functions is left out: it is weak, and each user has it.
-# The lists are those of the release build by GCC; a name that is new on purpose gets there with --update.
+# and no others. Instances of templates and inline functions are left out: they are weak, and each user has its own.
+# The lists are those of the release build by GCC; --update adds names that are new on purpose.
 set -euo pipefail
 
 update=
@@ -18,7 +18,7 @@ for library in "$@"; do
         echo "Skipped: $name is static"
         exit 77
     fi
-    # A class's tables and its inline virtual functions are weak, too, where no member pins them to one source.
+    # A class's tables and its inline virtual functions are weak, too, if it has no virtual function in a source.
     found=$(nm -DC --defined-only "$library" | awk '$2 !~ /[WVu]/ { sub(/^[^ ]+ . /, ""); print }' | LC_ALL=C sort -u)
     if [ -n "$update" ]; then
         echo "$found" >"$lists/$name.symbols"
@@ -26,5 +26,5 @@ for library in "$@"; do
         failed=1
     fi
 done
-[ $failed -eq 0 ] || echo "If that is meant: $0 --update $lists $*, and tell of it in CHANGELOG.md" >&2
+[ $failed -eq 0 ] || echo "If this is intended, run $0 --update $lists $*, and describe it in CHANGELOG.md" >&2
 exit $failed

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# instructions.sh PROGRAM LIMITS: runs each work that LIMITS names under callgrind and fails where one takes more
-# instructions a time than LIMITS allows. Exit code 77 without valgrind.
+# instructions.sh PROGRAM LIMITS: runs each work that LIMITS names under callgrind and fails if one takes more
+# instructions per run than LIMITS allows. Exit code 77 without valgrind.
 set -euo pipefail
 program=$1 limits=$2
 
-command -v valgrind >/dev/null || { echo "valgrind is missing"; exit 77; }
+command -v valgrind >/dev/null || { echo "Skipped: valgrind is missing"; exit 77; }
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failed=0
@@ -14,7 +14,7 @@ while read -r name limit; do
         "$program" "$name")
     each=$(($(awk '/Collected/ { print $NF }' "$work/log") / times))
     echo "$name: $each instructions, at most $limit"
-    # None counted would be no proof.
+    # A count of 0 would prove nothing.
     [ "$each" -gt 0 ] && [ "$each" -le "$limit" ] || failed=1
 done <"$limits"
 exit $failed
