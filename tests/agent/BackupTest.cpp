@@ -1,4 +1,4 @@
-// Which entries a backup takes, and what it tells of the others.
+// The entries that a backup takes, and its reports on the others.
 #include "agent/Backup/HardLinks.h"
 
 #include "testing/ProgramFixture.h"
@@ -22,7 +22,7 @@ protected:
 
 using Paths = std::vector<std::string>;
 
-TEST_F(BackupProgram, TakesANamedPathWithAllBelowHoweverItIsWritten)
+TEST_F(BackupProgram, NamedPathIsTakenInAnySpelling)
 {
     MakeTree(source,
              {Dir("a"), File("a/b", "1"), Dir("c"), File("c/d", "2"), Link("to a", "a"), File("top", "3")});
@@ -41,7 +41,7 @@ TEST_F(BackupProgram, TakesANamedPathWithAllBelowHoweverItIsWritten)
     }
 }
 
-TEST_F(BackupProgram, FollowsAJobsRules)
+TEST_F(BackupProgram, JobRulesAreFollowed)
 {
     MakeTree(source,
              {Dir("docs"), File("docs/a.txt", "1"), File("docs/b.tmp", "2"), Dir("docs/deep"),
@@ -58,7 +58,7 @@ TEST_F(BackupProgram, FollowsAJobsRules)
     EXPECT_EQ(Stored(), (Paths{"/docs/a.txt", "/docs/deep", "/docs/deep/d", "/other", "/other/e"}));
 }
 
-TEST_F(BackupProgram, StoresAFileWhoseOwnPathIsARulesPlace)
+TEST_F(BackupProgram, FileAtPlaceOfRuleIsStored)
 {
     MakeTree(source, {Dir("dir"), File("dir/file", "1"), File("dir/more", "2"), Link("link", "dir")});
     const std::string file = " " + source + "/dir/file", dir = " " + source + "/dir",
@@ -81,13 +81,13 @@ TEST_F(BackupProgram, StoresAFileWhoseOwnPathIsARulesPlace)
     }
 }
 
-TEST_F(BackupProgram, ToldOfRulesThatCannotBeMeantBeforeItRuns)
+TEST_F(BackupProgram, ImplausibleRulesAreReportedFirst)
 {
     MakeTree(source, {File("file", "x")});
     const std::string include = "include " + source + " recursive any", rule = "; exclude " + source;
     const std::string refused = " holds no usable rules: ", found = ": excludes[0]: ",
                       place = ": includes[0].descriptor";
-    // The rules, what in the document is replaced by what, the exit code, and what is told.
+    // The rules, the text in the document and its replacement, the exit code, and the message.
     const std::tuple<std::string, std::string, std::string, int, std::string> cases[] = {
         {include, "}],", "}],\"exlcudes\":[],", 1, refused + "there is no key 'exlcudes'"},
         {include, "\"path\"", "\"note\":1,\"path\"", 1, refused + "includes[0]: there is no key 'note'"},
@@ -126,7 +126,7 @@ TEST_F(BackupProgram, ToldOfRulesThatCannotBeMeantBeforeItRuns)
     }
 }
 
-TEST_F(BackupProgram, LeavesTheStoreOut)
+TEST_F(BackupProgram, StoreIsLeftOut)
 {
     MakeTree(source, {File("file", "x")});
     store = source + "/store";
@@ -139,7 +139,7 @@ TEST_F(BackupProgram, LeavesTheStoreOut)
     EXPECT_EQ(Stored(), Paths());
 }
 
-TEST_F(BackupProgram, ReachesAPathThroughADirectoryThatMayNotBeListed)
+TEST_F(BackupProgram, PathBelowUnlistableDirectoryIsReached)
 {
     MakeTree(source, {Dir("passage"), Dir("passage/open"), File("passage/open/file", "x")});
     chmod(directory.Path().c_str(), 0777);
@@ -149,7 +149,7 @@ TEST_F(BackupProgram, ReachesAPathThroughADirectoryThatMayNotBeListed)
     EXPECT_EQ(Stored(), (Paths{"/passage/open", "/passage/open/file"}));
 }
 
-TEST(HardLinks, AFileThatWasWrittenToIsReadAgain)
+TEST(HardLinks, ChangedFileIsReadAgain)
 {
     struct stat status = {};
     status.st_nlink = 3;
