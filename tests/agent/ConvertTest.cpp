@@ -36,7 +36,7 @@ struct Case
 {
     const char* name;
     std::string text;
-    std::string records; // "LINE RECORD" for what is one, "LINE: REASON" for what is none, " | " between them
+    std::string records; // "LINE RECORD", or "LINE: REASON" for damage, separated by " | "
 };
 
 void Check(const std::vector<Case>& cases)
@@ -53,7 +53,7 @@ void Check(const std::vector<Case>& cases)
     }
 }
 
-// Components between "|", those of files in brackets.
+// Components separated by "|", files in brackets.
 std::string Text(const YJobPath& path)
 {
     std::string text;
@@ -79,7 +79,7 @@ std::string Component(int classId, const std::string& name)
     return "{\"class_id\":" + std::to_string(classId) + ",\"subclass_id\":0,\"name\":\"" + name + "\"}";
 }
 
-TEST(RecordReader, FormsOfText)
+TEST(RecordReader, ReadsEachForm)
 {
     Check({
         {"nothing", "\n \r\n", ""},
@@ -197,7 +197,7 @@ TEST_F(Convert, LegacyFormsBecomeModern)
     }
 }
 
-TEST_F(Convert, FailuresAreToldAndTheRestGoesOn)
+TEST_F(Convert, FailedRecordsAreReportedAndOthersConverted)
 {
     const std::string good = Golden("metadata-unix-file");
     const auto result = Run("{\"metadata_type\":\"vms\"}\n" + good + "\n{}\n" +
@@ -217,7 +217,7 @@ TEST_F(Convert, FailuresAreToldAndTheRestGoesOn)
     EXPECT_EQ(RunProgram({"convert", directory.Path()}).exitCode, 1);
 }
 
-TEST_F(Convert, UnknownKeysAreNamedOnce)
+TEST_F(Convert, UnknownKeysAreReportedOnce)
 {
     const std::string record = UnixRecord(R"({"class_id":0,"subclass_id":0,"name":"a","colour":1})")
                                    .insert(1, R"("colour":{"name":1},)");
@@ -236,7 +236,7 @@ TEST_F(Convert, UnknownKeysAreNamedOnce)
     EXPECT_LT(limited.errors.size(), 1000000u);
 }
 
-TEST_F(Convert, RenameMovesWhatLiesBelow)
+TEST_F(Convert, RenameMovesPathsBelow)
 {
     const std::string home = Component(0x602, "home");
     const std::string file = Component(0x603, "f");
@@ -277,7 +277,7 @@ TEST_F(Convert, RenameMovesWhatLiesBelow)
     EXPECT_EQ(Run("", {"rename", "--from", "/a", "--to", "{\"components\":1}"}).exitCode, 2);
 }
 
-TEST(InputFile, AnInterruptEndsTheWaitForAWriter)
+TEST(InputFile, InterruptEndsWaitForWriter)
 {
     const Testing::TemporaryDirectory directory;
     const std::string pipe = directory / "pipe";
