@@ -1,5 +1,5 @@
-// Records that were kept elsewhere become a snapshot, and that a tree with legal names; what is damaged or
-// lies outside the contents' folder is told and left out.
+// Records from another system become a snapshot, which is restored under legal names; damaged records and
+// contents outside their folder are reported and left out.
 #include "testing/LegacyHeaderBuilder.h"
 #include "testing/ProgramFixture.h"
 #include "testing/Records.h"
@@ -55,7 +55,7 @@ protected:
     }
 };
 
-TEST_F(Import, AWindowsJobComesBackUnderLegalNames)
+TEST_F(Import, WindowsJobIsRestoredUnderLegalNames)
 {
     MakeTree(directory.MakeDirectory("contents"),
              {Dir("C:"), Dir("C:/dir"), Link("C:/dir/link", "/nowhere"), File("C:/dir/two names", "content"),
@@ -100,7 +100,7 @@ TEST_F(Import, AWindowsJobComesBackUnderLegalNames)
     EXPECT_EQ(DescribeTree(target, view), DescribeTree(directory / "expected", view));
 }
 
-TEST_F(Import, UnixRecordsAndABase)
+TEST_F(Import, UnixRecordsGetBase)
 {
     MakeTree(directory.MakeDirectory("contents"),
              {Dir("job"), Dir("job/home"), File("job/home/a file", "x"), Dir("dir"), File("dir/f", "abc")});
@@ -128,7 +128,7 @@ TEST_F(Import, UnixRecordsAndABase)
     EXPECT_TRUE(fs::is_fifo(target + "/fifo"));
 }
 
-TEST_F(Import, WhatIsDamagedIsToldAndTheRestStored)
+TEST_F(Import, DamagedRecordsAreReportedAndOthersStored)
 {
     MakeTree(directory.MakeDirectory("contents"),
              {Dir("C"), File("C/good", "good"), File("C/short", "12"), File("C/long", "12345"),
