@@ -1,4 +1,4 @@
-// What the program tells: times, exit codes, and output that is never lost unnoticed.
+// Texts of times, exit codes, and reports of lost output.
 #include "agent/Cli/Command.h"
 #include "agent/Run/Text.h"
 
@@ -31,7 +31,7 @@ TEST(Text, TimesOfAllAges)
         EXPECT_EQ(TimeText(static_cast<unsigned long long>(seconds)), shown);
 }
 
-TEST(Text, WhatIsInvisibleIsShownAsAnEscape)
+TEST(Text, InvisibleCharactersAreEscaped)
 {
     const std::tuple<const char*, const char*, const char*> cases[] = {
         // text, for people, in JSON
@@ -62,7 +62,7 @@ protected:
     }
 };
 
-TEST_F(Cli, ExitCodesTellTheKindOfEnd)
+TEST_F(Cli, ExitCodeDependsOnKindOfFailure)
 {
     directory.Write("store/snapshots/9-damaged", "no snapshot");
     const std::string to = directory / "to", inStore = store + "/objects/../new/x", none = directory / "none";
@@ -72,7 +72,7 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
     const std::string huge = directory.Write("huge.json", "");
     std::filesystem::resize_file(huge, (512u << 20) + 1);
     std::filesystem::create_directory(store + "/snapshots/8-directory");
-    // What is told stands in standard output for 0, else in standard error.
+    // The text is in standard output for exit code 0, otherwise in standard error.
     const std::tuple<const char*, std::vector<std::string>, int, std::string> cases[] = {
         {"help", {"--help"}, 0, "Exit codes"},
         {"help of a command", {"list", "--help"}, 0, "--snapshot ID"},
@@ -113,7 +113,7 @@ TEST_F(Cli, ExitCodesTellTheKindOfEnd)
     EXPECT_FALSE(std::filesystem::exists(to + "/x")) << "a target for a damaged snapshot";
 }
 
-TEST_F(Cli, PathsThatLookLikeListsArePaths)
+TEST_F(Cli, PathInBracketsIsOnePath)
 {
     const std::string tree = directory / "tree";
     const auto enter = [&] {
@@ -125,7 +125,7 @@ TEST_F(Cli, PathsThatLookLikeListsArePaths)
     }
 }
 
-TEST_F(Cli, LogTellsTheRunFromBeginToEnd)
+TEST_F(Cli, LogDescribesRun)
 {
     setenv("KBAGENT_CONFIG", (directory / "none.conf").c_str(), 1);
     const auto logged = [&](std::vector<std::string> arguments) {
@@ -160,7 +160,7 @@ TEST_F(Cli, LogTellsTheRunFromBeginToEnd)
     EXPECT_TRUE(Testing::Holds(broken, " General: End: exit code 1\n"));
 }
 
-TEST_F(Cli, ConfigurationThatCannotBeUsedIsToldBeforeABackupBegins)
+TEST_F(Cli, UnusableConfigurationIsReportedBeforeBackup)
 {
     const std::string begin = "[configuration]\n", file = directory / "bad.conf";
     for (const std::string text : {"disableXattr", "disableXattr=maybe", "walkIntoUnknownMountPoints="}) {
@@ -173,7 +173,7 @@ TEST_F(Cli, ConfigurationThatCannotBeUsedIsToldBeforeABackupBegins)
     EXPECT_FALSE(std::filesystem::exists(store + "2"));
 }
 
-TEST_F(Cli, OutputThatIsLostIsAFailureButUndoesNoWork)
+TEST_F(Cli, LostOutputFailsWithoutUndoingWork)
 {
     const auto toFull = [] {
         dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
@@ -195,7 +195,7 @@ TEST_F(Cli, OutputThatIsLostIsAFailureButUndoesNoWork)
     Run(3, {"restore", "--to", target}, {.prepare = toFull});
 }
 
-TEST_F(Cli, AnInterruptEndsAListWhoseReaderWaits)
+TEST_F(Cli, InterruptEndsListWhoseReaderWaits)
 {
     for (int i = 0; i < 1500; ++i)
         directory.Write("tree/" + std::string(100, 'n') + std::to_string(i), "");
@@ -218,7 +218,7 @@ TEST_F(Cli, AnInterruptEndsAListWhoseReaderWaits)
     EXPECT_TRUE(Testing::Holds(result.errors, "kbagent: error: "));
 }
 
-TEST_F(Cli, AWrongArgumentLeadsToTheHelpOfItsCommand)
+TEST_F(Cli, WrongArgumentNamesHelpOfCommand)
 {
     const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{}, "kbagent"},
