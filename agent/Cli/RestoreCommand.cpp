@@ -73,12 +73,15 @@ void RestoreCommand::Run(Report& report)
     }
 
     RestoreRun run(store, std::move(target), std::move(paths), report);
-    for (SnapshotEntry entry; snapshot.Next(entry);) {
+    bool isEmpty = true;
+    for (SnapshotEntry entry; snapshot.Next(entry); isEmpty = false) {
         run.Restore(entry);
         KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState,
                          "Interrupted; what was restored so far stays");
     }
     run.Finish();
+    if (isEmpty)
+        report.Note("The snapshot has no entries, so nothing was restored");
 
     const EntryCounts& counts = run.GetCounts();
     std::ostringstream summary;

@@ -45,8 +45,7 @@ TEST_F(RestoreProgram, ARestoreCutShortLeavesDirectoriesAsTheyWere)
     EXPECT_TRUE(HoldsAsOrdinaryUser([&] {
         bool refused = false;
         {
-            Agent::TargetTree tree(OpenTarget(), "staging",
-                                   [&](const auto&...) { refused = true; });
+            Agent::TargetTree tree(OpenTarget(), "staging", [&](const auto&...) { refused = true; });
             tree.ParentOf({"foreign", "own", "new"}).MakeDirectory("new", 0700);
         }
         return !refused;
@@ -151,6 +150,13 @@ TEST_F(RestoreProgram, AFullTargetEndsItWithOneError)
                 Holds(errors, "; 1 entries were restored"));
     EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
     EXPECT_EQ(ReadFile(target + "/a"), "1");
+}
+
+TEST_F(RestoreProgram, AnEmptySnapshotIsReported)
+{
+    const ProgramResult result = RestoreOf(0, {});
+    EXPECT_TRUE(Holds(result.output, "0 entries restored: ") && Holds(result.output, ", 0 failed\n"));
+    EXPECT_EQ(result.errors, "kbagent: The snapshot has no entries, so nothing was restored\n");
 }
 
 TEST_F(RestoreProgram, ADamagedSnapshotIsRefusedBeforeAnything)
