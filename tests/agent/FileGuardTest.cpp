@@ -74,11 +74,11 @@ protected:
         return Reason("The job file", name,
                       [](const auto& path) { Agent::RequireOwnFile("The job file", path); });
     }
-    std::string ReasonForTarget(const std::string& name) const
+    std::string ReasonForTarget(const std::string& name, const std::string& store = "/proc") const
     {
-        return Reason("The target", name, [](const auto& path) {
+        return Reason("The target", name, [&](const auto& path) {
             Agent::Report report;
-            Agent::OpenTarget(path, Krt::File::YDirectory::OpenToSearch("/proc"), report);
+            Agent::OpenTarget(path, Krt::File::YDirectory::OpenToSearch(store.c_str()), report);
         });
     }
 
@@ -139,6 +139,8 @@ TEST_F(FileGuard, RefusesWhatOthersCanChange)
         EXPECT_TRUE(!forTarget->empty() || fs::is_directory(directory / name)) << name;
     }
     EXPECT_TRUE(ReasonForTarget("own/file").ends_with("Failed to open directory: file"));
+    EXPECT_TRUE(ReasonForTarget("own/a/b", directory / "own").ends_with("; nothing is restored there"));
+    EXPECT_FALSE(fs::exists(directory / "own/a"));
     EXPECT_FALSE(CatchError([] { Agent::RequireOwnFile("", "/dev/null"); }));
     const auto isRefusedHere = [] {
         return CatchError([] { Agent::RequireOwnFile("", "file"); }).has_value();
