@@ -141,7 +141,7 @@ void BackupRun::OnExcluded(const YPath& path)
 
 void BackupRun::OnMountNotEntered(const YPath& path)
 {
-    m_counts.mountsNotEntered.push_back(path);
+    m_report.Note(YString("mount point not entered: ") + path);
 }
 
 void BackupRun::OnMountEntered(const YPath& path)

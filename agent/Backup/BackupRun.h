@@ -20,7 +20,6 @@ namespace Agent {
 struct BackupCounts : EntryCounts
 {
     unsigned long long excluded = 0;
-    std::vector<Krt::File::YPath> mountsNotEntered;
 };
 
 class BackupRun : public IWalkVisitor

@@ -25,8 +25,6 @@ std::string SummaryOf(const std::string& id, const BackupCounts& counts, unsigne
          << counts.Entries() << " entries: " << counts.ByKind() << "\n"
          << ShortSize(counts.bytes) << " read, " << ShortSize(storedBytes) << " added to the store\n"
          << counts.excluded << " excluded, " << failed << " failed\n";
-    for (const Krt::File::YPath& mount : counts.mountsNotEntered)
-        text << "mount point not entered: " << Printable(mount) << "\n";
     return text.str();
 }
 

@@ -130,16 +130,6 @@ std::string RemarkText(const SnapshotEntry& entry, YMetadataBase& record)
 
 } // namespace
 
-YString ShownPath(const Backup::YJobPath& path)
-{
-    // Components of a job may stand anywhere among those of a file system.
-    unsigned long files = 0;
-    while (files < path.GetComponentCount() && path.GetComponent(files).IsFileSystem())
-        ++files;
-    const bool isFile = files != 0 && files == path.GetComponentCount();
-    return isFile ? YString(path.GetFilesystemPortion()) : path.GetDisplayPath();
-}
-
 std::string EntryText(const SnapshotEntry& entry)
 {
     const boost::shared_ptr<YMetadataBase> record = YMetadataBase::ConstructFromJson(entry.record);

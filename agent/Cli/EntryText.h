@@ -5,10 +5,6 @@
 
 #include <string>
 
-namespace Backup {
-class YJobPath;
-}
-
 namespace Agent {
 
 /// "-rw-r--r--  0:0  1234  2001-02-03T04:05:06Z  /path" and a line end, printable. A link's target follows
@@ -16,9 +12,5 @@ namespace Agent {
 /// for each of its paths, which are those that a restore gives; what a record doesn't tell stands as "-".
 /// Raises a YError for a record that can't be read.
 std::string EntryText(const SnapshotEntry& entry);
-
-/// The path under which an entry is known to the user: that of the file system, or the job path of what has
-/// none.
-Krt::YString ShownPath(const Backup::YJobPath& path);
 
 } // namespace Agent

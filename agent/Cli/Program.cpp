@@ -18,6 +18,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <new>
@@ -45,6 +46,46 @@ constexpr std::unique_ptr<ICommand> (*Makers[])() = {
     MakeTrustCommand,  MakeConvertCommand, MakeRenameCommand, MakeImportCommand,
 };
 
+void WarnOfUnknownChannels(Report& report)
+{
+    using Krt::MessageType;
+    static constexpr unsigned int Channels[] = {
+        MessageType::Runtime,   MessageType::Volume,         MessageType::General,
+        MessageType::FileStat,  MessageType::FileIo,         MessageType::FileInfo,
+        MessageType::FileClose, MessageType::SelectionBuild, MessageType::SelectionQuery,
+    };
+    std::string known;
+    for (const unsigned int channel : Channels)
+        known += (known.empty() ? "" : ",") + Krt::Log::TypeToString(channel).Bytes();
+    for (YString name : Krt::Log::GetGlobalRegistrar()->GetEnabledMessages()) {
+        name.TrimWhiteSpacesLeft();
+        name.TrimWhiteSpacesRight();
+        if (("," + known + ",").find("," + name.Bytes() + ",") == std::string::npos)
+            report.Note(
+                YString("Warning: the log has no channel '" + name.Bytes() + "'; its channels are " + known));
+    }
+}
+
+void WarnOfLostMessages(Report& report)
+{
+    const Krt::Log::YLog* const log = Krt::Log::GetGlobalLogger();
+    if (const unsigned long long lost = log == nullptr ? 0 : log->GetDroppedCount(); lost != 0)
+        report.Note(
+            YString("Warning: messages that could not be written to the log: " + std::to_string(lost)));
+}
+
+// The keys of the configuration that the library and the program read.
+void WarnOfKeysWithoutSection(Report& report)
+{
+    const boost::shared_ptr<Krt::Profile::YProfile> profile = Krt::Profile::OpenSystem();
+    for (const char* key : {"consoleOutput", "debugOutput", "disableXattr", "IncludedMountpoints",
+                            "walkIntoUnknownMountPoints"}) {
+        if (!profile->GetKeyValue("", key, "").IsEmpty())
+            report.Note("Warning: the configuration " + Krt::Profile::GetSystemPath() + " has " + key +
+                        " before any section, without effect; it belongs below [configuration]");
+    }
+}
+
 // --log FILE and --debug CHANNELS, which precede the command.
 class LogOptions
 {
@@ -52,8 +93,8 @@ public:
     // Adds the options, which are stored in this object.
     void Register(CLI::App& program);
     // Opens the process's log if one is wanted, for as long as the process runs. The global object is
-    // initialised already. Raises what RequireOwnLog and opening a log raise.
-    void Open() const;
+    // initialised already. Warns of unknown channels. Raises what RequireOwnLog and opening a log raise.
+    void Open(Report& report) const;
 
 private:
     std::string m_path;
@@ -76,7 +117,7 @@ void LogOptions::Register(CLI::App& program)
         ->needs(log);
 }
 
-void LogOptions::Open() const
+void LogOptions::Open(Report& report) const
 {
     if (m_path.empty())
         return;
@@ -85,6 +126,7 @@ void LogOptions::Open() const
     RequireSwitches({"consoleOutput"});
     Krt::Log::InstallGlobalLogger();
     Backup::Util::OpenOrReopenLog(path, YString(std::string_view(m_channels)));
+    WarnOfUnknownChannels(report);
 }
 
 struct Registered
@@ -140,6 +182,40 @@ std::string NameOf(const CLI::App& program)
     return name;
 }
 
+// Returns true if a letter was added, left out or replaced, or if `typed` is the beginning of `name`.
+bool IsSimilar(std::string_view typed, std::string_view name)
+{
+    const auto differs = std::mismatch(typed.begin(), typed.end(), name.begin(), name.end());
+    const std::string_view typedRest(differs.first, typed.end()), nameRest(differs.second, name.end());
+    return typedRest.empty() || (!nameRest.empty() && typedRest.substr(1) == nameRest.substr(1)) ||
+           (!nameRest.empty() && typedRest == nameRest.substr(1)) || typedRest.substr(1) == nameRest;
+}
+
+// What the user probably meant by the first option that the command doesn't have; "" if that is unknown.
+std::string HintFor(const CLI::App& program, int argc, char** argv)
+{
+    const CLI::App* command = &program;
+    for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i) {
+        const std::string_view argument = argv[i];
+        if (!command->get_subcommands().empty() &&
+            argument == command->get_subcommands().front()->get_name()) {
+            command = command->get_subcommands().front();
+            continue;
+        }
+        const std::string typed(argument.substr(0, argument.find('=')));
+        if (!typed.starts_with("--") || command->get_option_no_throw(typed) != nullptr)
+            continue;
+        if (program.get_option_no_throw(typed) != nullptr)
+            return " (" + typed + " must precede the command)";
+        for (const CLI::Option* option : command->get_options()) {
+            const std::string name = option->get_name();
+            if (name.starts_with("--") && IsSimilar(typed, name))
+                return " (did you mean " + name + " by " + typed + "?)";
+        }
+    }
+    return "";
+}
+
 // Returns true if the arguments ask for nothing but the help or the version, which is printed.
 bool Parse(CLI::App& program, int argc, char** argv, Report& report)
 {
@@ -151,7 +227,7 @@ bool Parse(CLI::App& program, int argc, char** argv, Report& report)
     } catch (const CLI::CallForVersion& version) {
         report.Out() << version.what() << "\n";
     } catch (const CLI::ParseError& error) {
-        throw UsageError(error.what());
+        throw UsageError(error.what() + HintFor(program, argc, argv));
     }
     return true;
 }
@@ -184,7 +260,8 @@ int RunCommand(int argc, char** argv, Report& report)
         if (!Parse(program, argc, argv, report)) {
             ICommand& command = CommandOf(all);
             RequireOwnFile("The configuration", Krt::Profile::GetSystemPath().Bytes());
-            log.Open();
+            log.Open(report);
+            WarnOfKeysWithoutSection(report);
             KRT_LOG_FREE(Krt::MessageType::General, "Begin: " << CommandLine(argc, argv).c_str());
             command.Run(report);
         }
@@ -230,6 +307,7 @@ int Run(int argc, char** argv)
     try {
         const int exitCode = RunAndTell(argc, argv, report);
         KRT_LOG_FREE(Krt::MessageType::General, "End: exit code " << exitCode);
+        WarnOfLostMessages(report);
         return exitCode;
     } catch (const std::bad_alloc&) {
         // Not even for the text of a message.

@@ -84,6 +84,7 @@ CLI::App* ConvertCommand::Register(CLI::App& program)
     m_records.AddTo(*command);
     command->footer(
         "FILE contains one record per line, one array of records, or records over several lines each.\n"
+        "The lines that list --snapshot ID --json prints are read as well.\n"
         "Writes one record per line. A damaged line, or a record that cannot be converted, is reported with\n"
         "its line number and skipped. Damage in the other forms ends the reading; its byte offset\n"
         "is reported.\n\n" +
@@ -124,6 +125,8 @@ CLI::App* RenameCommand::Register(CLI::App& program)
         "A file or directory keeps its name: --from /home/a --to /srv moves /home/a to /srv/a. Any\n"
         "other item is replaced by the new path as a whole. If a record has several paths, the first one\n"
         "at or below --from is moved and the others are dropped. All other records are not changed.\n"
+        "If no record is at or below --from, a note says so, and the exit code is 0: the output is "
+        "complete.\n"
         "Records are read and written as by convert.\n\n" +
         std::string(JobPathHelp) +
         "Example: kbagent rename --from 'C:\\Users' --to /srv/restored records.jsonl");
@@ -136,6 +139,10 @@ void RenameCommand::Run(Report& report)
     const YJobPath destination = JobPathArgument("--to", m_to).front();
     if (sources.front().GetComponentCount() == 0)
         throw UsageError("--from names no component");
+    for (unsigned long i = 0; i < destination.GetComponentCount(); ++i) {
+        if (const YString& name = destination.GetComponent(i).m_name; name == "." || name == "..")
+            throw UsageError("--to has a component that no path can contain: " + name.Bytes());
+    }
 
     ConvertedRecords records(m_records.GetFile(), m_records.GetBase(), report);
     RecordWriter writer(report.Out());

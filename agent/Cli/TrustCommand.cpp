@@ -4,6 +4,7 @@
 
 #include "Backup/Core/OpenSSL.h"
 
+#include "Krt/Exception/Raise.h"
 #include "Krt/String/Ascii.h"
 
 #include <CLI/CLI.hpp>
@@ -97,6 +98,38 @@ long long ParseTime(const std::string& text)
     return *time;
 }
 
+// For a verification of which only the errors count: it does without the system's CAs.
+TrustOptions OptionsOfProbe()
+{
+    TrustOptions options;
+    options.pinnedKey = YString(std::string(64, '0'));
+    return options;
+}
+
+// Raises an error that names the file if no certificate can be read from it.
+std::string ReadCertificates(const std::string& file)
+{
+    std::string bytes = ReadCertificateFile(file.c_str());
+    TrustReport probe;
+    IsCertificateTrusted(bytes, {}, "host", OptionsOfProbe(), &probe);
+    KRT_RAISE_UNLESS(!probe.server.keyHash.IsEmpty(), Krt::ErrorCode::InvalidArgument,
+                     "No certificate can be read from " << file.c_str());
+    return bytes;
+}
+
+// Raises an error that names the file if the library can't use its revocation lists.
+std::string ReadRevocationLists(const std::string& file)
+{
+    TrustOptions probe = OptionsOfProbe();
+    probe.revocationLists.push_back(ReadCertificateFile(file.c_str()));
+    try {
+        IsCertificateTrusted("", {}, "host", probe);
+    } catch (const Krt::Exception::YError& error) {
+        KRT_RAISE(Krt::ErrorCode::InvalidArgument, "--crl " << file.c_str() << ": " << ReasonOf(error));
+    }
+    return probe.revocationLists.front();
+}
+
 class TrustCommand : public ICommand
 {
 public:
@@ -158,7 +191,8 @@ CLI::App* TrustCommand::Register(CLI::App& program)
     command->footer(
         "Files are PEM or DER. The first line of the output is \"trusted\", or \"not trusted\" with the\n"
         "reason. A summary of the certificate follows. Exit codes: 0 trusted, 4 not trusted, 1 the server\n"
-        "or a file could not be read. Only a TLS handshake is sent to the server.\n\n"
+        "could not be reached, or a file contains nothing usable. Only a TLS handshake is sent to the "
+        "server.\n\n"
         "Examples: kbagent trust backup.example.com:443\n"
         "          kbagent trust --cert server.pem --chain chain.pem --name backup.example.com");
     return command;
@@ -191,7 +225,7 @@ TrustOptions TrustCommand::Options() const
     if (!m_time.empty())
         options.time = ParseTime(m_time);
     for (const std::string& file : PathsOf(m_lists))
-        options.revocationLists.push_back(ReadCertificateFile(file.c_str()));
+        options.revocationLists.push_back(ReadRevocationLists(file));
     return options;
 }
 
@@ -210,9 +244,9 @@ bool TrustCommand::VerifyFile(const TrustOptions& options, TrustReport& found) c
 {
     std::vector<std::string> chain;
     if (!m_chain.empty())
-        chain.push_back(ReadCertificateFile(m_chain.c_str()));
-    return IsCertificateTrusted(ReadCertificateFile(m_certificate.c_str()), chain, YString(Name().c_str()),
-                                options, &found);
+        chain.push_back(ReadCertificates(m_chain));
+    return IsCertificateTrusted(ReadCertificates(m_certificate), chain, YString(Name().c_str()), options,
+                                &found);
 }
 
 std::string EndText(const std::optional<long long>& time)

@@ -63,6 +63,13 @@ bool IsWindowsPath(const std::string& text)
     return text.starts_with('\\') || !NormalWindowsPath(YPath(YString(text))).GetVolume().IsEmpty();
 }
 
+// The record of an entry as "list --json" prints it; otherwise the object itself.
+const YObject& RecordIn(const YObject& object)
+{
+    const boost::shared_ptr<Krt::JSON::YValue>& record = object.FindOpt("record");
+    return record && record->IsObject() && !object.FindOpt("metadata_type") ? record->AsObject() : object;
+}
+
 } // namespace
 
 // Mappers are copied for each record, so they share the base.
@@ -114,11 +121,12 @@ boost::shared_ptr<YMetadataBase> ConvertedRecords::Next()
             Fail(m_record.reason);
             continue;
         }
-        m_keys.Check(m_record.Object(), m_record.line, m_report);
+        const YObject& record = RecordIn(m_record.Object());
+        m_keys.Check(record, m_record.line, m_report);
         try {
-            return m_converter.Convert(m_record.Object());
+            return m_converter.Convert(record);
         } catch (const Krt::Exception::YError& error) {
-            Fail(YString(std::string_view(KeyOf(error, m_record.Object()))) + ReasonOf(error));
+            Fail(YString(std::string_view(KeyOf(error, record))) + ReasonOf(error));
         }
     }
     return nullptr;

@@ -74,7 +74,7 @@ void ImportRun::Import(YMetadataBase& metadata, unsigned long long line)
     try {
         CheckHasPath(metadata);
         static_cast<void>(RestoredPath(metadata, 0));
-        shown = metadata.GetFilePath(0).GetDisplayPath();
+        shown = ShownPath(metadata.GetFilePath(0));
         m_record.clear();
         metadata.StringifyTo(m_record);
         EntryFacts facts;

@@ -1,5 +1,7 @@
 #include "agent/Run/Text.h"
 
+#include "Backup/Core/YJobPath.h"
+
 #include "Krt/String/Printable.h"
 
 #include <array>
@@ -23,6 +25,16 @@ std::string PrintableJson(std::string_view json)
     out.reserve(json.size());
     Krt::String::AppendPrintableJson(out, json);
     return out;
+}
+
+Krt::YString ShownPath(const Backup::YJobPath& path)
+{
+    // Components of a job may stand anywhere among those of a file system.
+    unsigned long files = 0;
+    while (files < path.GetComponentCount() && path.GetComponent(files).IsFileSystem())
+        ++files;
+    const bool isFile = files != 0 && files == path.GetComponentCount();
+    return isFile ? Krt::YString(path.GetFilesystemPortion()) : path.GetDisplayPath();
 }
 
 Krt::YString ReasonOf(const Krt::Exception::YError& error)

@@ -6,6 +6,10 @@
 #include <string>
 #include <string_view>
 
+namespace Backup {
+class YJobPath;
+}
+
 namespace Agent {
 
 /// See Krt/String/Printable.h: one line that steers nothing, and different for different texts.
@@ -17,6 +21,10 @@ inline std::string Printable(const Krt::YString& text)
 
 /// The same for JSON text, which stays JSON of the same value.
 std::string PrintableJson(std::string_view json);
+
+/// The path under which an entry is known to the user: that of the file system, or the job path of what has
+/// none.
+Krt::YString ShownPath(const Backup::YJobPath& path);
 
 /// What went wrong: the error's message, and the operating system's text behind it. Not made printable.
 Krt::YString ReasonOf(const Krt::Exception::YError& error);

@@ -132,6 +132,8 @@ void LoadRules(Backup::File::YSelectionManager& rules, JobWarnings& warnings, co
 {
     RequireOwnFile("The job file", jobFile);
     std::string text = ReadJobFile(jobFile);
+    if (constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF"; text.starts_with(ByteOrderMark))
+        text.erase(0, ByteOrderMark.size());
     const EndingOnInterrupts ending; // the rules of a large job take their time
     try {
         // The text of a large job is given up before its rules are made.

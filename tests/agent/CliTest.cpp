@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/resource.h>
 #include <tuple>
 #include <unistd.h>
 
@@ -68,7 +69,8 @@ TEST_F(Cli, ExitCodeDependsOnKindOfFailure)
     const std::string to = directory / "to", inStore = store + "/objects/../new/x", none = directory / "none";
     const std::string damaged = directory.Write("damaged.json", "{\"includes\": [");
     const std::string halfRules = directory.Write("half.json", "{\"includes\": []}");
-    const std::string noIncludes = directory.Write("none.json", R"({"includes": [], "excludes": []})");
+    const std::string noIncludes = directory.Write("none.json", "\xEF\xBB\xBF"
+                                                                R"({"includes": [], "excludes": []})");
     const std::string huge = directory.Write("huge.json", "");
     std::filesystem::resize_file(huge, (512u << 20) + 1);
     std::filesystem::create_directory(store + "/snapshots/8-directory");
@@ -82,6 +84,9 @@ TEST_F(Cli, ExitCodeDependsOnKindOfFailure)
         {"log nowhere", {"--log", store + "/x/log", "list", "--store", store}, 1, "Failed to open log: "},
         {"unknown command", {"steal"}, 2, "steal"},
         {"unknown option", {"list", "--store", store, "--bogus\x1b"}, 2, "--bogus\\x1b"},
+        {"misspelt option", {"list", "--stor", store}, 2, " (did you mean --store by --stor?)"},
+        {"extra letter", {"list", "--store", store, "--jsson"}, 2, " (did you mean --json by --jsson?)"},
+        {"log after the command", {"list", "--store", store, "--log=x"}, 2, "--log must precede the command"},
         {"missing option", {"list"}, 2, "--store is required"},
         {"no store", {"list", "--store", store + "x"}, 1, "There is no store at"},
         {"no snapshot", {"list", "--store", store, "--snapshot", "1"}, 1, "has no snapshot 1"},
@@ -158,6 +163,26 @@ TEST_F(Cli, LogDescribesRun)
     }
     EXPECT_TRUE(Testing::Holds(broken, " General: Error: There is no store at "));
     EXPECT_TRUE(Testing::Holds(broken, " General: End: exit code 1\n"));
+}
+
+TEST_F(Cli, LogOrConfigurationWithoutEffectCausesWarning)
+{
+    setenv("KBAGENT_CONFIG", directory.Write("stray.conf", "debugOutput=FileIo\n[configuration]\n").c_str(),
+           1);
+    const std::string full = directory.Write("full", "");
+    std::filesystem::resize_file(full, 100'000);
+    const auto limitFiles = [] {
+        const rlimit limit{100'000, 100'000};
+        signal(SIGXFSZ, SIG_IGN);
+        setrlimit(RLIMIT_FSIZE, &limit);
+    };
+    const auto result = RunProgram({"--log", full, "--debug", "General, Fileio", "list", "--store", store},
+                                   {.prepare = limitFiles});
+    unsetenv("KBAGENT_CONFIG");
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(Testing::Holds(result.errors, "Warning: the log has no channel 'Fileio'"));
+    EXPECT_TRUE(Testing::Holds(result.errors, "Warning: messages that could not be written to the log: "));
+    EXPECT_TRUE(Testing::Holds(result.errors, "stray.conf has debugOutput before any section"));
 }
 
 TEST_F(Cli, UnusableConfigurationIsReportedBeforeBackup)

@@ -99,7 +99,7 @@ void CheckBackup(const MountNamespace& space, const MountKind& kind, const std::
     EXPECT_TRUE(walk.Stored(target) && walk.Stored(tree + "/z"))
         << "entered or not, its own record is stored";
     EXPECT_EQ(walk.Stored(inside), fixed);
-    EXPECT_EQ(Holds(below.output, "mount point not entered: " + Shown(target) + "\n"), !fixed);
+    EXPECT_EQ(Holds(below.errors, "kbagent: mount point not entered: " + Shown(target) + "\n"), !fixed);
 
     const ProgramResult named = walk.Run(0, "", {target});
     EXPECT_TRUE(walk.Stored(inside));
@@ -109,7 +109,7 @@ void CheckBackup(const MountNamespace& space, const MountKind& kind, const std::
         return; // can't be listed
     const ProgramResult listed = walk.Run(0, "IncludedMountpoints=/elsewhere," + target, {tree});
     EXPECT_TRUE(walk.Stored(inside));
-    EXPECT_FALSE(Holds(listed.output, "not entered"));
+    EXPECT_FALSE(Holds(listed.errors, "not entered"));
 }
 
 class Mounts : public testing::TestWithParam<MountKind>
@@ -159,7 +159,7 @@ TEST(OddMounts, RulesBelowAMountThatIsNotEnteredNeedAStartOfTheirOwn)
         walk.Run(0, "", {"--job", space / "job"});
         EXPECT_TRUE(walk.Stored(file)) << "nobody asks about mounts above a start";
         writeJob("include " + tree + " any; include " + deep + " recursive any explicit");
-        EXPECT_TRUE(Holds(walk.Run(0, "", {"--job", space / "job"}).output, "mount point not entered: "));
+        EXPECT_TRUE(Holds(walk.Run(0, "", {"--job", space / "job"}).errors, "mount point not entered: "));
         EXPECT_FALSE(walk.Stored(file)) << "the rule above is the only start";
         walk.Run(0, "", {"--job", space / "job", deep});
         EXPECT_TRUE(walk.Stored(file));
@@ -167,7 +167,7 @@ TEST(OddMounts, RulesBelowAMountThatIsNotEnteredNeedAStartOfTheirOwn)
         MountNamespace::Write(tree + "/real/file", "x");
         space.Bind(tree + "/real", tree + "/bound");
         writeJob("include " + tree + " recursive any; exclude " + tree + " exact=mount");
-        EXPECT_FALSE(Holds(walk.Run(0, "", {"--job", space / "job"}).output, "not entered"));
+        EXPECT_FALSE(Holds(walk.Run(0, "", {"--job", space / "job"}).errors, "not entered"));
         EXPECT_FALSE(walk.Stored(tree + "/mount"));
         EXPECT_TRUE(walk.Stored(tree + "/real/file") && walk.Stored(tree + "/bound/file"));
         const YPath bound = Path(tree + "/bound");

@@ -127,7 +127,7 @@ TEST_F(Reading, EntryReplacedBeforeOpenIsReadAsFound)
             << label << result.errors;
         EXPECT_EQ(result.exitCode, *change.reported == '\0' ? 0 : 3) << label << result.errors;
         EXPECT_TRUE(Holds(result.errors, change.reported)) << label;
-        EXPECT_FALSE(Holds(result.output, "not entered")) << label;
+        EXPECT_FALSE(Holds(result.errors, "not entered")) << label;
         EXPECT_EQ(stored.count("/dir/file"), 0u) << label;
     }
 }

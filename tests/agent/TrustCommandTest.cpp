@@ -97,6 +97,9 @@ TEST_F(TrustCommand, UnusableArgumentsFail)
     const std::string host = " --name backup.example", cert = "--cert server", named = cert + host;
     Check({
         {"no file", "--cert none" + host, 1, "kbagent: error: Failed to open "},
+        {"no certificate", "--cert key" + host, 1, "kbagent: error: No certificate can be read from key"},
+        {"no chain", named + " --chain key", 1, "kbagent: error: No certificate can be read from key"},
+        {"no revocation list", named + " --crl key", 1, "kbagent: error: --crl key: No revocation list can"},
         {"no anchors", named + " --anchors key", 1, "kbagent: error: No trust anchor"},
         {"name that can't be one", "1.2.3:1", 1, "kbagent: error: Not a host name"},
         {"neither server nor certificate", host, 2, "kbagent: error: Name a server or"},
