@@ -53,7 +53,7 @@ bool BackupRun::OnSelected(const WalkedEntry& entry)
     return followable;
 }
 
-// Opens the entry and returns its whole status, of which the library tells a part. In a live tree another
+// Opens the entry and returns its whole status, of which the library has a part. In a live tree another
 // entry may take its place between the looks at it.
 struct stat BackupRun::Open(const WalkedEntry& entry)
 {
@@ -61,7 +61,7 @@ struct stat BackupRun::Open(const WalkedEntry& entry)
         try {
             m_file.OpenEntry(entry.parent, entry.name, entry.path);
         } catch (const Krt::Exception::YError& error) {
-            // What opening as a file tells of a link, and of a socket or a device that is not there.
+            // The errors of opening a link, and a socket or a device that is not there, as a file.
             if ((error.GetOsError() != ELOOP && error.GetOsError() != ENXIO) || looks == MaxLooks)
                 throw;
             continue;
@@ -111,17 +111,12 @@ void BackupRun::Capture(const WalkedEntry& entry, const struct stat& status,
 void BackupRun::ReadContent(const WalkedEntry& entry, EntryFacts& facts)
 {
     const unsigned long long size = m_file.GetSize();
-    unsigned long long total = 0;
-    unsigned int count = 0;
     m_objects.Begin();
-    // A file that grows is followed no further than the buffer that shows it: it may grow for ever.
-    do {
-        count = m_file.Read(m_buffer.data(), BufferSize);
+    const auto total = CopyContent(size, BufferSize, m_counts, m_report, [this](unsigned long long) {
+        const unsigned int count = m_file.Read(m_buffer.data(), BufferSize);
         m_objects.Append(m_buffer.data(), count);
-        total += count;
-        m_report.Progress(m_counts.Entries(), m_counts.bytes + total);
-        KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted");
-    } while (count == BufferSize && total <= size);
+        return count;
+    });
     facts.content = m_objects.Finish();
     m_counts.bytes += total;
     if (total != size) {

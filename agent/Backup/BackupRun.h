@@ -25,7 +25,7 @@ struct BackupCounts : EntryCounts
 class BackupRun : public IWalkVisitor
 {
 public:
-    /// All outlive the run. `verbose` tells each excluded path.
+    /// All outlive the run. `verbose` reports each excluded path.
     BackupRun(StoreSession& session, SnapshotWriter& snapshot, Report& report, bool verbose);
 
     bool OnSelected(const WalkedEntry& entry) override;

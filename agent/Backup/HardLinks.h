@@ -1,6 +1,6 @@
 // HardLinks: recognises the further names of a file during a walk. A file is remembered only while names of
 // it are still to come. One that was written to since its first name is taken for another file, whose content
-// is read anew: its inode may also have been given away and taken again.
+// is read again: its inode may also belong to a new file.
 #pragma once
 
 #include "agent/Store/Snapshot.h"
@@ -27,8 +27,8 @@ public:
 
     /// Whether further names may exist.
     static bool MayHave(const struct stat& status) { return status.st_nlink > 1 && !S_ISDIR(status.st_mode); }
-    /// The file of this status if a name of it was seen; null otherwise. `size` is the one that its record
-    /// tells.
+    /// The file of this status if a name of it was seen; null otherwise. `size` is the one in its
+    /// record.
     const File* Find(const struct stat& status, unsigned long long size) const;
     /// Remembers a file by its first name and gives its group.
     unsigned long long Add(const struct stat& status, unsigned long long size, const EntryFacts& facts);

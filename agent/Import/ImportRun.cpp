@@ -37,7 +37,7 @@ Krt::Util::YUnxHandle ContentFolder::Open(Backup::File::YMetadataBase& metadata)
         }
         return Top().OpenFile(Choose(Top(), names.back()));
     } catch (const Krt::Exception::YError& error) {
-        // With ELOOP and ENOTDIR a link may stand in the way, and ENXIO is what a socket gives.
+        // With ELOOP and ENOTDIR a link may stand in the path, and ENXIO is what a socket gives.
         const int code = error.GetType() == Krt::ExceptionType::OsError ? error.GetOsError() : 0;
         if (code != ENOENT && code != ENOTDIR && code != ELOOP && code != ENXIO)
             throw;
@@ -79,7 +79,7 @@ void ImportRun::Import(YMetadataBase& metadata, unsigned long long line)
         metadata.StringifyTo(m_record);
         EntryFacts facts;
         RecordedEntry recorded;
-        // What is no file is all in its record.
+        // The record of what is not a file is complete.
         if (metadata.GetMetadataType() != Backup::File::VAM_ODS_METADATA_TYPE)
             recorded = Complete(metadata, facts);
         m_snapshot.Add(m_record, facts);
@@ -96,7 +96,7 @@ void ImportRun::Import(YMetadataBase& metadata, unsigned long long line)
     m_report.Progress(m_counts.Entries(), m_counts.bytes);
 }
 
-// Finds what the restore will need beside the record.
+// Finds what the restore will need in addition to the record.
 RecordedEntry ImportRun::Complete(YMetadataBase& metadata, EntryFacts& facts)
 {
     const RecordedEntry recorded = RecordedEntryOf(metadata);
@@ -125,7 +125,7 @@ RecordedEntry ImportRun::Complete(YMetadataBase& metadata, EntryFacts& facts)
     return recorded;
 }
 
-// False for what is no regular file.
+// Returns false if it is not a regular file.
 bool ImportRun::ReadContent(const Krt::Util::YUnxHandle& file, unsigned long long recordedSize,
                             EntryFacts& facts)
 {
@@ -135,17 +135,13 @@ bool ImportRun::ReadContent(const Krt::Util::YUnxHandle& file, unsigned long lon
     if (!S_ISREG(status.st_mode))
         return false;
     const auto size = static_cast<unsigned long long>(status.st_size);
-    unsigned long long total = 0;
-    unsigned long count = 0;
     m_objects.Begin();
-    // A file that grows is followed no further than the buffer that shows it: it may grow for ever.
-    do {
-        count = Krt::File::Read(file, total, BufferSize, m_buffer.data());
-        m_objects.Append(m_buffer.data(), count);
-        total += count;
-        m_report.Progress(m_counts.Entries(), m_counts.bytes + total);
-        KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted");
-    } while (count == BufferSize && total <= size);
+    const auto total =
+        CopyContent(size, BufferSize, m_counts, m_report, [this, &file](unsigned long long offset) {
+            const unsigned long count = Krt::File::Read(file, offset, BufferSize, m_buffer.data());
+            m_objects.Append(m_buffer.data(), count);
+            return count;
+        });
     facts.content = m_objects.Finish();
     if (total != recordedSize)
         facts.readSize = total;

@@ -14,7 +14,7 @@
 
 namespace Agent {
 
-/// The folder in which an import finds contents, each in the place that the components of the
+/// The folder in which an import finds contents, each at the path that the components of the
 /// record's job path name. No link is followed, so nothing outside the folder is ever read. The directories
 /// on the way to the last content stay open, since records mostly come directory by directory.
 class ContentFolder
@@ -22,7 +22,7 @@ class ContentFolder
 public:
     explicit ContentFolder(Krt::File::YDirectory root) : m_root(std::move(root)) {}
 
-    /// What lies under the first path of the record, for reading; empty if nothing does, or only behind a
+    /// Opens the file at the first path of the record for reading; empty if there is none, or only behind a
     /// link. A Windows volume is looked for by its own name and then, where there is none such, by the one
     /// that a restore gives it. Raises InvalidArgument for a path that could lead out of the folder, or the
     /// operating system's error.

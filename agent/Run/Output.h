@@ -46,7 +46,7 @@ void OpenMissingStreams();
 /// Whether standard error is a terminal.
 bool IsErrorTerminal();
 
-/// The columns of the terminal that standard output is, 80 for one that doesn't tell; 0 if it is no terminal.
+/// The columns of the terminal that standard output is, 80 if its size is unknown; 0 if it is no terminal.
 unsigned int OutputWidth();
 
 } // namespace Agent

@@ -1,8 +1,10 @@
 #include "agent/Run/Report.h"
 
+#include "agent/Run/Interrupt.h"
 #include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
 
+#include "Krt/Exception/Raise.h"
 #include "Krt/Log/LogSite.h"
 
 #include <sys/stat.h>
@@ -83,6 +85,21 @@ void Report::Line(const std::string& text)
 {
     EraseProgress();
     std::fputs(("kbagent: " + text + "\n").c_str(), stderr);
+}
+
+unsigned long long CopyContent(unsigned long long size, std::size_t blockSize, const EntryCounts& counts,
+                               Report& report,
+                               const std::function<std::size_t(unsigned long long offset)>& copyBlock)
+{
+    unsigned long long total = 0;
+    std::size_t count = 0;
+    do {
+        count = copyBlock(total);
+        total += count;
+        report.Progress(counts.Entries(), counts.bytes + total);
+        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
+    } while (count == blockSize && total <= size);
+    return total;
 }
 
 void EntryCounts::Add(unsigned int mode)

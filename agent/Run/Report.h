@@ -11,6 +11,7 @@
 #include "Krt/String/YString.h"
 
 #include <chrono>
+#include <functional>
 #include <string>
 
 namespace Agent {
@@ -31,6 +32,16 @@ struct EntryCounts
     std::string ByKind() const;
 };
 
+class Report;
+
+/// Copies content block by block: `copyBlock` copies at most `blockSize` bytes from the given offset on and
+/// returns their number. Returns the number of bytes copied. Content that grows is followed only up to the
+/// block that shows it, since it may grow for ever. Reports the progress, with what `counts` has already;
+/// raises InvalidState if the user interrupts.
+unsigned long long CopyContent(unsigned long long size, std::size_t blockSize, const EntryCounts& counts,
+                               Report& report,
+                               const std::function<std::size_t(unsigned long long offset)>& copyBlock);
+
 class Report
 {
 public:
@@ -45,7 +56,7 @@ public:
     /// The answer to the question that the command was asked is no.
     void AnswerNo() { m_answersNo = true; }
     bool AnswersNo() const { return m_answersNo; }
-    /// Worth telling, and no failure.
+    /// Reports what the user should know and what is not a failure.
     void Note(const Krt::YString& text);
     /// What ended the run.
     void Error(const Krt::YString& text);
