@@ -1,5 +1,4 @@
-// What a subcommand is to the program. Each stands in a source of its own with its options; Program.cpp knows
-// them all.
+// The interface of a subcommand, and what subcommands share. Program.cpp has the list of all.
 #pragma once
 
 #include "agent/Run/Report.h"
@@ -23,12 +22,12 @@ public:
     virtual ~ICommand() = default;
     /// Adds the subcommand with its options and help, and returns it. Options are stored in this object.
     virtual CLI::App* Register(CLI::App& program) = 0;
-    /// Does the work. Entries that failed are told to the report, which makes the exit code 3, and an
+    /// Does the work. Entries that failed are reported, which makes the exit code 3, and an
     /// answer that is no, which makes it 4; what is raised is printed and makes it 1, or 2 for a UsageError.
     virtual void Run(Report& report) = 0;
 };
 
-/// Options that are each right and can't stand together.
+/// Arguments that the program does not accept.
 class UsageError : public std::runtime_error
 {
 public:
@@ -47,13 +46,13 @@ std::unique_ptr<ICommand> MakeVolumesCommand();
 
 /// The option --store DIR, which is required.
 void AddStoreOption(CLI::App& command, std::string& path);
-/// The positional PATH..., whose arguments PathsOf gives as they were typed, whatever they look like. Under
-/// another name, for what is no path and is to be taken as it is, too.
+/// Adds the positional PATH..., whose arguments PathsOf returns as they were typed. Under another name, for
+/// other arguments that must be kept as they were typed.
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description,
                               const std::string& name = "PATH");
 std::vector<std::string> PathsOf(const CLI::Option* option);
 /// The program's arguments as the parser is to see them: the last comes first, and none is taken for a list.
-/// Raises a UsageError for an empty one: what a script's unset variable leaves must not stand for "all".
+/// Raises a UsageError for an empty one: what a script's unset variable leaves must not mean "all".
 std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv);
 
 /// Raises InvalidArgument, with file, key and value in the text, for a key of the section "configuration"

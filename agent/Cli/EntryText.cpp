@@ -113,7 +113,7 @@ std::string PropertiesText(const SnapshotEntry& entry, YMetadataBase& record)
     }
 }
 
-// What stands behind the path.
+// What follows the path.
 std::string RemarkText(const SnapshotEntry& entry, YMetadataBase& record)
 {
     std::string text;

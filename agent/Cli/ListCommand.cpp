@@ -117,7 +117,7 @@ void ListCommand::ListEntries(SnapshotReader& snapshot, Report& report) const
     for (unsigned long long number = 1; snapshot.NextLine(line); ++number) {
         KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
         try {
-            // A line that is no entry isn't printed either way.
+            // A line that is not an entry is never printed.
             const SnapshotEntry entry = ReadEntry(line);
             const std::string text = m_json ? PrintableJson(line) + "\n" : EntryText(entry);
             report.Out() << text;

@@ -207,7 +207,7 @@ void ImportCommand::Run(Report& report)
     const Backup::YJobPath base = m_records.GetBase();
     ContentFolder contents(Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(m_contents.c_str())));
     ConvertedRecords records(m_records.GetFile(), base, report);
-    // The directories on the way to a content are all held open.
+    // All directories of the path to a content are kept open.
     Krt::Environment::RaiseDescriptorLimit();
 
     const Store store = Store::OpenOrCreate(m_store);

@@ -62,7 +62,7 @@ void RestoreCommand::Run(Report& report)
         snapshot.Verify();
     }
 
-    // The directories on the way to an entry are all held open.
+    // All directories of the path to an entry are kept open.
     Krt::Environment::RaiseDescriptorLimit();
     Krt::File::YDirectory target = OpenTarget(m_target, store.GetDirectory(), report);
     Krt::Environment::SetFileCreationMask(077);

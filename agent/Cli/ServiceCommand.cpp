@@ -46,7 +46,7 @@ private:
 
     YString Name() const { return m_name.c_str(); }
     YDuration Timeout() const { return YDuration::Seconds(m_timeout); }
-    void Tell(Report& report, const char* state) const
+    void ReportState(Report& report, const char* state) const
     {
         report.Out() << Printable(m_name) << ": " << state << "\n";
     }
@@ -64,7 +64,7 @@ CLI::App* ServiceCommand::Register(CLI::App& program)
 {
     CLI::App* const service =
         program.add_subcommand("service", "Install a program as a service of the system, and control it");
-    service->require_subcommand(0, 1); // a wrong word is told by itself
+    service->require_subcommand(0, 1); // an unknown word is reported separately
     AddTimeout(*AddInstall(*service));
     AddTimeout(*AddAction(*service, "start", "Start the service", &ServiceCommand::Start));
     CLI::App* const stop = AddAction(*service, "stop", "Stop the service", &ServiceCommand::Stop);
@@ -149,7 +149,7 @@ void ServiceCommand::Install(IServiceManager& manager, Report& report) const
     namespace fs = std::filesystem;
     // As it was given, since "a/.." is not the same as nothing where "a" is a link.
     const fs::path program = fs::absolute(m_program);
-    std::error_code ignored; // what can't be reached is no program
+    std::error_code ignored; // what can't be reached is not a program
     const fs::file_status status = fs::status(program, ignored);
     constexpr fs::perms executable = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
     KRT_RAISE_UNLESS(fs::is_regular_file(status) && (status.permissions() & executable) != fs::perms::none,
@@ -160,25 +160,25 @@ void ServiceCommand::Install(IServiceManager& manager, Report& report) const
     KRT_RAISE_UNLESS(arguments.empty() || Backup::Util::DoServicesKeepArguments(),
                      Krt::ErrorCode::NotSupported, "Services of this system run a program without arguments");
     manager.Install(Name(), YString(), m_description.c_str(), program.c_str(), arguments, Timeout());
-    Tell(report, "installed");
+    ReportState(report, "installed");
 }
 
 void ServiceCommand::Start(IServiceManager& manager, Report& report) const
 {
     manager.Start(Name(), Timeout());
-    Tell(report, "started");
+    ReportState(report, "started");
 }
 
 void ServiceCommand::Stop(IServiceManager& manager, Report& report) const
 {
     manager.Stop(Name(), m_force, Timeout());
-    Tell(report, "stopped");
+    ReportState(report, "stopped");
 }
 
 void ServiceCommand::Restart(IServiceManager& manager, Report& report) const
 {
     manager.Restart(Name(), m_force, Timeout());
-    Tell(report, "restarted");
+    ReportState(report, "restarted");
 }
 
 // Somebody else's service, which has no file here, would only be stopped.
@@ -187,17 +187,17 @@ void ServiceCommand::Delete(IServiceManager& manager, Report& report) const
     KRT_RAISE_UNLESS(manager.Exists(Name()), Krt::ErrorCode::NotFound,
                      "Service " << Name() << " is not installed");
     manager.Delete(Name(), Timeout());
-    Tell(report, "deleted");
+    ReportState(report, "deleted");
 }
 
-// One that isn't installed may run, if somebody else made it.
+// A service that isn't installed may run, if another program made it.
 void ServiceCommand::Status(IServiceManager& manager, Report& report) const
 {
     if (manager.IsRunning(Name())) {
-        Tell(report, "running");
+        ReportState(report, "running");
         return;
     }
-    Tell(report, manager.Exists(Name()) ? "stopped" : "not installed");
+    ReportState(report, manager.Exists(Name()) ? "stopped" : "not installed");
     report.AnswerNo();
 }
 

@@ -1,4 +1,4 @@
-// The machine's mounts, as the volumes command tells them.
+// The machine's mounts, for the volumes command.
 #pragma once
 
 #include "Krt/Volume/MountTable.h"

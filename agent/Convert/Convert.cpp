@@ -36,7 +36,7 @@ std::string Replaced(std::string text, char from, char to)
     return text;
 }
 
-// The text with backslashes alone; its volume is told by them.
+// The text with backslashes alone; they mark its volume.
 YPath NormalWindowsPath(const YPath& path)
 {
     return YPath(YString(Replaced(path.Bytes(), '/', '\\')));

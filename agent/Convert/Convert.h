@@ -29,7 +29,7 @@ private:
     Backup::File::JobPathMapper m_windows;
 };
 
-/// All records of an input, converted. What can't be is told to the report, with its line, and left out.
+/// All records of an input, converted. What can't be converted is reported, with its line, and left out.
 class ConvertedRecords
 {
 public:
@@ -41,7 +41,7 @@ public:
     boost::shared_ptr<Backup::File::YMetadataBase> Next();
     /// Where the record that Next gave begins, from 1 on.
     unsigned long long GetLine() const { return m_record.line; }
-    /// Tells that this record failed.
+    /// Reports that this record failed.
     void Fail(const Krt::YString& reason);
 
 private:
@@ -69,8 +69,8 @@ private:
 /// Gives a Unix path the job path of its components below `base`.
 Backup::File::JobPathMapper MakeUnixMapper(const Backup::YJobPath& base);
 /// Gives a Windows path the job path of its components below `base`. Its volume, as C:, \\?\Volume{...} or
-/// that of a shadow copy, is one component as it stands; backslashes and slashes separate the others. The
-/// \\?\ in front of any other path is no component.
+/// that of a shadow copy, is one component, unchanged; backslashes and slashes separate the others. The
+/// \\?\ in front of any other path is not a component.
 Backup::File::JobPathMapper MakeWindowsMapper(const Backup::YJobPath& base);
 
 /// The job paths that a user may mean by a text: its JSON form ({"components":[...]}), a path of a file

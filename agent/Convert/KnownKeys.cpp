@@ -19,7 +19,7 @@ using Krt::JSON::YValue;
 
 namespace {
 
-constexpr std::size_t ToldLimit = 64 * 1024;
+constexpr std::size_t ReportedLimit = 64 * 1024;
 
 const std::vector<MemberKey>& RecordKeys()
 {
@@ -94,17 +94,17 @@ void KnownKeys::Check(const YObject& record, unsigned long long line, Report& re
         if (key || m_isFull)
             return;
         std::string text = keyPath.Text();
-        if (m_told.contains(text))
+        if (m_reported.contains(text))
             return;
         m_bytes += text.size();
-        m_isFull = m_bytes > ToldLimit;
+        m_isFull = m_bytes > ReportedLimit;
         if (m_isFull) {
-            report.Note("Warning: more keys are unknown than can be told");
+            report.Note("Warning: more keys are unknown than can be reported");
             return;
         }
         report.Note(YString("Warning: no record has a key \"" + text + "\"; it is left out (first in line " +
                             std::to_string(line) + ")"));
-        m_told.insert(std::move(text));
+        m_reported.insert(std::move(text));
     });
 }
 

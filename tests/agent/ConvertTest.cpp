@@ -232,7 +232,7 @@ TEST_F(Convert, UnknownKeysAreReportedOnce)
     for (int i = 0; i < 20000; ++i)
         many += "\"key" + std::to_string(i) + "\":1,";
     const auto limited = Run(many + "\"metadata_type\":\"ods\"}");
-    EXPECT_NE(limited.errors.find("more keys are unknown than can be told"), std::string::npos);
+    EXPECT_NE(limited.errors.find("more keys are unknown than can be reported"), std::string::npos);
     EXPECT_LT(limited.errors.size(), 1000000u);
 }
 

@@ -3,7 +3,8 @@
 
 namespace Krt::Memory {
 
-/// Deleter that calls a function, as in std::unique_ptr<DIR, Freer<&closedir>>. The function's result is ignored.
+/// Deleter that calls a function, as in std::unique_ptr<DIR, Freer<&closedir>>. The function's result is
+/// ignored.
 template <auto Free>
 struct Freer
 {

@@ -154,7 +154,7 @@ YSlot YSignal<void(Args...), Combiner, Function>::Connect(Function function,
 }
 
 // The entries are asked and not promoted: giving back what turned out to be the last reference would run
-// somebody's destructor under the lock.
+// a foreign destructor under the lock.
 template <class... Args, class Combiner, class Function>
 void YSignal<void(Args...), Combiner, Function>::RemoveExpired() const
 {
