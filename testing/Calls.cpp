@@ -21,6 +21,7 @@
 namespace Testing {
 
 constinit CallFilter g_callFilter = nullptr;
+const char* MountTable::s_file = nullptr;
 
 namespace {
 

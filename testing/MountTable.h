@@ -34,7 +34,7 @@ public:
 private:
     TemporaryDirectory m_directory;
     std::string m_file;
-    static inline const char* s_file = nullptr;
+    static const char* s_file; // defined with open()
 };
 
 } // namespace Testing

@@ -6,6 +6,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+const char* Testing::MountTable::s_file = nullptr;
+
 extern "C" [[gnu::visibility("default")]] int open(const char* path, int flags, ...)
 {
     va_list rest;

@@ -201,8 +201,8 @@ TEST_F(AgentFaults, SystemdService)
         fs::remove_all(services.folder);
         services.directory.Write("etc/systemd/system/kbagent.service", "former");
         const bool isDone = faults.TryAll([&] {
-            services.manager->Install("kbagent", "Agent", "100% backup\nof it", "/opt/kb agent$%", {"a", "$b"},
-                                     Krt::Time::YDuration::Zero());
+            services.manager->Install("kbagent", "Agent", "100% backup\nof it", "/opt/kb agent$%",
+                                      {"a", "$b"}, Krt::Time::YDuration::Zero());
         });
         const std::string text = ReadFile(services.file);
         EXPECT_TRUE(text == right || (text == "former" && !isDone)) << text;
@@ -221,7 +221,7 @@ TEST_F(AgentFaults, LaunchdService)
         services.programs.lines.clear();
         if (faults.TryAll([&] {
                 services.manager->Install("kbagent", "", "", "/usr/local/bin/kbagent", {},
-                                         Krt::Time::YDuration::Zero());
+                                          Krt::Time::YDuration::Zero());
             })) {
             EXPECT_EQ(ReadFile(fs::directory_iterator(services.temporary)->path()),
                       ReadFile(GOLDEN_DIRECTORY "/kbagent.plist"));

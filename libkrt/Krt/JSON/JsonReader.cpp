@@ -95,6 +95,7 @@ private:
         YArray array;
         YObject object;
         boost::shared_ptr<YValue>* slot = nullptr; // of the member whose key came last
+        std::size_t keys = 0;                      // counted if duplicates are refused
         bool isArray = false;
         bool hasNull = false;
     };
@@ -102,9 +103,10 @@ private:
     bool Open(bool isArray);
     template <class T, class Content>
     bool Add(Content&& content);
+    [[gnu::noinline]] bool RequireNewKey(Level& level, Code& error);
     bool AddPart(Text part);
     std::string_view Whole(Text last);
-    bool Refuse(const std::string& reason, Text number, Code& error);
+    bool Refuse(const char* reason, Text number, Code& error);
 
     std::string_view m_document;
     const YValue::DuplicateKeys m_duplicates;
@@ -112,13 +114,16 @@ private:
     boost::shared_ptr<YValue> m_root;
     boost::container::small_vector<Level, 8> m_open;
     std::string m_parts; // of a string with escapes
-    std::string m_refusal;
+    const char* m_refusal = nullptr;
+    const YString* m_refusedKey = nullptr;
     const char* m_refusedNumber = nullptr;
 };
 
 void JsonBuilder::RaiseFailure(const Code& error, std::size_t offset) const
 {
-    const std::string reason = m_refusal.empty() ? error.message() : m_refusal;
+    std::string reason = m_refusal ? m_refusal : error.message();
+    if (m_refusedKey)
+        reason += " '" + m_refusedKey->Bytes() + "'";
     if (m_refusedNumber)
         offset = m_refusedNumber - m_document.data();
     KRT_RAISE_AS("Parse", MessageType::Runtime, ErrorCode::InvalidArgument,
@@ -126,7 +131,7 @@ void JsonBuilder::RaiseFailure(const Code& error, std::size_t offset) const
 }
 
 // An empty number leaves the place to the parser.
-bool JsonBuilder::Refuse(const std::string& reason, Text number, Code& error)
+bool JsonBuilder::Refuse(const char* reason, Text number, Code& error)
 {
     m_refusal = reason;
     m_refusedNumber = number.data();
@@ -192,12 +197,21 @@ bool JsonBuilder::on_key(Text last, std::size_t, Code& error)
     std::string_view key = Whole(last);
     key = key.substr(0, key.find_last_not_of('\0') + 1); // as a YString does
     Level& level = m_open.back();
-    const std::size_t before = level.object.Entries().size();
     level.slot = &level.object.Slot(key);
-    if (m_duplicates == YValue::DuplicateKeys::Refuse && level.object.Entries().size() == before)
-        return Refuse("duplicate key '" + std::string(key) + "'", Text(), error);
     m_parts.clear();
-    return true;
+    return m_duplicates == YValue::DuplicateKeys::TakeLast || RequireNewKey(level, error);
+}
+
+// After each key of the level, so that there are as many keys as members until one comes twice.
+bool JsonBuilder::RequireNewKey(Level& level, Code& error)
+{
+    const std::vector<YObject::Entry>& entries = level.object.Entries();
+    if (++level.keys == entries.size())
+        return true;
+    const auto twice = std::find_if(entries.begin(), entries.end(),
+                                    [&](const YObject::Entry& entry) { return &entry.second == level.slot; });
+    m_refusedKey = &twice->first;
+    return Refuse("duplicate key", Text(), error);
 }
 
 bool JsonBuilder::on_string(Text last, std::size_t, Code&)

@@ -63,9 +63,9 @@ private:
     boost::shared_ptr<SlotBase> m_slot;
 };
 
+/// A signal of any signature. Only signatures with the result void are defined.
 template <class Signature, class Combiner = OptionalLastCombiner<void>,
           class Function = boost::function<Signature>>
-/// A signal of any signature. Only signatures with the result void are defined.
 class YSignal;
 
 /// Calls every connected function, each without a lock held. While they run, slots may connect, disconnect

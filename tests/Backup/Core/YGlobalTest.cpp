@@ -1,7 +1,6 @@
 #include "Backup/Core/YGlobal.h"
 
 #include "Backup/Core/OpenSSL.h"
-#include "testing/MountTable.h"
 #include "testing/Raises.h"
 
 TEST(YGlobalTest, OneObjectUntilDestroyed)
@@ -16,17 +15,6 @@ TEST(YGlobalTest, OneObjectUntilDestroyed)
     Backup::DestroyGlobal();
     Backup::DestroyGlobal();
     EXPECT_EQ(Backup::GetGlobal()->GetMacros().Expand("${product}"), "${product}") << "a fresh object";
-    Backup::DestroyGlobal();
-}
-
-TEST(YGlobalTest, VolumesOutliveTheObjectThatListedThem)
-{
-    const Testing::MountTable table("/dev/root / ext4 ro 0 0\n");
-    const auto volumes = Backup::GetGlobal()->GetVolumeManager().GetVolumeList(0xFFFFFFFF, false);
-    EXPECT_EQ(Backup::GetGlobal()->GetVolumeManager().GetVolumeByUniquePath("/"), volumes.at("/"));
-    Backup::DestroyGlobal();
-    EXPECT_TRUE(volumes.at("/")->IsReadOnly());
-    EXPECT_NE(Backup::GetGlobal()->GetVolumeManager().GetVolumeByUniquePath("/"), volumes.at("/"));
     Backup::DestroyGlobal();
 }
 

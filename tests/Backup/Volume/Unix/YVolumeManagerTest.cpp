@@ -1,5 +1,7 @@
 #include "Backup/Volume/Unix/YVolumeManager.h"
 
+#include "Backup/Core/YGlobal.h"
+
 #include "testing/LogCapture.h"
 #include "testing/MountTable.h"
 #include "testing/ProcMounted.h"
@@ -91,6 +93,16 @@ TEST_F(VolumeManager, BuildsTheListOnceUntilItIsInvalidated)
     EXPECT_EQ(List(), Directories{});
     EXPECT_EQ(List(), Directories{});
     EXPECT_EQ(refreshed(), 5) << "nothing to list is never fresh";
+}
+
+TEST_F(VolumeManager, VolumesOutliveTheGlobalObjectThatListedThem)
+{
+    const auto volumes = Backup::GetGlobal()->GetVolumeManager().GetVolumeList(All, false);
+    EXPECT_EQ(Backup::GetGlobal()->GetVolumeManager().GetVolumeByUniquePath("/"), volumes.at("/"));
+    Backup::DestroyGlobal();
+    EXPECT_TRUE(volumes.at("/mnt/again")->GetPath() == "/mnt/again" && !volumes.at("/")->IsReadOnly());
+    EXPECT_NE(Backup::GetGlobal()->GetVolumeManager().GetVolumeByUniquePath("/"), volumes.at("/"));
+    Backup::DestroyGlobal();
 }
 
 TEST_F(VolumeManager, LooksUpByMountDirectory)
