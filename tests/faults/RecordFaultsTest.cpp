@@ -91,7 +91,7 @@ TEST(RecordFaults, SelectionIsLoadedCopiedAndAsked)
 // Either the rule that replaces others is present, or they are.
 TEST(RecordFaults, SelectionLosesNoRule)
 {
-    const YSelectionManager before = Testing::Tree(ManyRules());
+    const YSelectionManager before = Testing::Tree(ManyRules() + "; include /data exact=directory");
     const LogCapture log({"SelectionBuild"});
     const auto added = Testing::Rule("include /data recursive any");
     const auto atOnce = Testing::Rule("include /data/directory glob=a-name*");
