@@ -263,6 +263,9 @@ TEST_F(RestorePrison, SetUserIdComesBehindTheOwner)
     record.SetUserId(Krt::File::KeepOwner);
     RestoreOf(3, {EntryOf(record, "x")});
     EXPECT_EQ(StatusOf("file").st_mode & 07777, 02755u);
+    record.SetGroupId(Krt::File::KeepOwner);
+    RestoreOf(3, {EntryOf(record, "x")});
+    EXPECT_EQ(StatusOf("file").st_mode & 07777, 0755u);
 }
 
 TEST_F(RestorePrison, NobodyGetsRightsByTheListsOfTheTarget)
