@@ -53,7 +53,7 @@ protected:
     }
 };
 
-TEST_F(RestorePrison, RefusesComponentsThatCouldLeaveTheTarget)
+TEST_F(RestorePrison, ComponentsThatLeaveTargetAreRefused)
 {
     const Names hostile[] = {{"..", "outside", "file"},
                              {"a", "..", "..", "outside", "file"},
@@ -72,7 +72,7 @@ TEST_F(RestorePrison, RefusesComponentsThatCouldLeaveTheTarget)
     }
 }
 
-TEST_F(RestorePrison, FollowsNoLinkOnTheWay)
+TEST_F(RestorePrison, LinkOnPathIsNotFollowed)
 {
     MakeTree(target, {Link("planted", directory / "outside"), Link("leaf", directory / "outside/file")});
     RestoreOf(3, {FileWith({"planted", "file"}, "evil"), Directory({"planted", "dir"}, 0700),
@@ -87,7 +87,7 @@ TEST_F(RestorePrison, FollowsNoLinkOnTheWay)
     }
 }
 
-TEST_F(RestorePrison, HardLinksStayInsideTheTarget)
+TEST_F(RestorePrison, HardLinksStayInsideTarget)
 {
     Plant("name of a file outside");
     MakeSnapshot({
@@ -107,7 +107,7 @@ TEST_F(RestorePrison, HardLinksStayInsideTheTarget)
     EXPECT_EQ(ReadFile(target + "/name of a file outside"), "in its place");
 }
 
-TEST_F(RestorePrison, ARelativePathFollowsNoLinkOnAnyKernel)
+TEST_F(RestorePrison, RelativePathFollowsNoLinkOnAnyKernel)
 {
     const Krt::File::YDirectory root = OpenTarget();
     Krt::File::YDirectory deepest = OpenTarget();
@@ -135,7 +135,7 @@ TEST_F(RestorePrison, ARelativePathFollowsNoLinkOnAnyKernel)
 }
 
 // Outside there is an entry of each name that the restore makes below "d".
-TEST_F(RestorePrison, HoldsWhileSomebodySwapsWhatStandsThere)
+TEST_F(RestorePrison, SwappedEntriesLeadNowhereOutside)
 {
     constexpr std::pair<const char*, const char*> Races[] = {
         {"d", "to outside"},   {"d/sub", "to outside sub"}, {"d/file", "to outside file"},
@@ -169,7 +169,7 @@ TEST_F(RestorePrison, HoldsWhileSomebodySwapsWhatStandsThere)
     RecordProperty("swaps", std::to_string(swaps));
 }
 
-TEST_F(RestorePrison, WhatIsBeingMadeCannotBeSwappedForAFileOutside)
+TEST_F(RestorePrison, NewEntryIsNotSwappedForFileOutside)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs two users";
@@ -216,7 +216,7 @@ TEST_F(RestorePrison, WhatIsBeingMadeCannotBeSwappedForAFileOutside)
     }
 }
 
-TEST_F(RestorePrison, WhatReplacesADirectoryGetsNothingOfIts)
+TEST_F(RestorePrison, ReplacementOfDirectoryStaysUnchanged)
 {
     constexpr std::pair<const char*, mode_t> Rows[] = {
         {"another directory", 0755}, {"another directory", 0500}, {"planted", 0500}};
@@ -249,7 +249,7 @@ TEST_F(RestorePrison, WhatReplacesADirectoryGetsNothingOfIts)
     }
 }
 
-TEST_F(RestorePrison, SetUserIdComesBehindTheOwner)
+TEST_F(RestorePrison, SetUserIdIsSetAfterOwner)
 {
     auto record = UnixRecord({"file"}, S_IFREG | 06755, 1);
     MakeSnapshot({EntryOf(record, "x")});
@@ -268,7 +268,7 @@ TEST_F(RestorePrison, SetUserIdComesBehindTheOwner)
     EXPECT_EQ(StatusOf("file").st_mode & 07777, 0755u);
 }
 
-TEST_F(RestorePrison, NobodyGetsRightsByTheListsOfTheTarget)
+TEST_F(RestorePrison, AccessListsOfTargetGiveNoRights)
 {
     fs::create_directory(target + "/standing");
     if (!GiveAccessList(target, "default") || !GiveAccessList(target + "/standing", "default") ||
@@ -288,7 +288,7 @@ TEST_F(RestorePrison, NobodyGetsRightsByTheListsOfTheTarget)
     EXPECT_EQ(StatusOf("without record").st_mode & 07777, 0755u);
 }
 
-TEST_F(RestorePrison, NobodyElseDecidesWhereTheTargetLies)
+TEST_F(RestorePrison, LinkOfOtherUserToTargetIsNotFollowed)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs two users";
