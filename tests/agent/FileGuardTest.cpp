@@ -86,7 +86,7 @@ protected:
     bool hasLists = false;
 };
 
-TEST_F(FileGuard, RefusesWhatOthersCanChange)
+TEST_F(FileGuard, FileThatOthersCanChangeIsRefused)
 {
     const std::string byOthers = " can be written to by others (mode ", isOpen = "open" + byOthers + "0777)";
     const std::string byAnother = " belongs to the user 1234", ofAnother = " is a link that" + byAnother;
@@ -161,7 +161,7 @@ TEST_F(FileGuard, RefusesWhatOthersCanChange)
     fs::current_path(before);
 }
 
-TEST_F(FileGuard, OrdinaryUserIsSparedAnothersLinksAlone)
+TEST_F(FileGuard, OrdinaryUserIsRefusedOnlyOthersLinks)
 {
     EXPECT_TRUE(HoldsAsOrdinaryUser([&] {
         for (const char* name : {"own/file", "own/link", "open/file", "foreign/deep", "shared/missing"}) {
@@ -173,7 +173,7 @@ TEST_F(FileGuard, OrdinaryUserIsSparedAnothersLinksAlone)
     }));
 }
 
-TEST_F(FileGuard, LogInASharedDirectoryIsMadeBeforeOthersCan)
+TEST_F(FileGuard, LogInSharedDirectoryIsCreatedFirst)
 {
     Agent::RequireOwnLog(directory / "shared/log");
     EXPECT_EQ(StatusOf(directory / "shared/log").st_mode & 0137, 0u);
@@ -184,7 +184,7 @@ TEST_F(FileGuard, LogInASharedDirectoryIsMadeBeforeOthersCan)
     EXPECT_FALSE(fs::exists(directory / "open/log"));
 }
 
-TEST_F(FileGuard, TheProgramUsesNoneOfThem)
+TEST_F(FileGuard, ProgramRefusesEach)
 {
     const std::string file = directory / "open/file", store = directory / "own/store";
     const std::tuple<const char*, std::string, std::vector<std::string>> rows[] = {
