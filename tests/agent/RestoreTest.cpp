@@ -23,7 +23,7 @@ namespace {
 
 using RestoreProgram = RestoreFixture;
 
-TEST_F(RestoreProgram, DirectoriesOutOfOrderKeepTheirTimesAndModes)
+TEST_F(RestoreProgram, DirectoriesOutOfOrderKeepTimesAndModes)
 {
     RestoreOf(0, {Directory({"a"}, 0555), FileWith({"a", "1"}, "1"), Directory({"b"}, 0500),
                   FileWith({"b", "2"}, "2"), FileWith({"a", "3"}, "3"), FileWith({"a", "deep", "4"}, "4")});
@@ -33,7 +33,7 @@ TEST_F(RestoreProgram, DirectoriesOutOfOrderKeepTheirTimesAndModes)
     EXPECT_EQ(StatusOf("a/deep").st_mode & 07777, 0755u);
 }
 
-TEST_F(RestoreProgram, ARestoreCutShortLeavesDirectoriesAsTheyWere)
+TEST_F(RestoreProgram, AbortLeavesDirectoriesUnchanged)
 {
     // Of the first one nothing changes, so it matters not that only its owner could set its times.
     const std::string foreign = target + "/foreign", own = foreign + "/own";
@@ -54,7 +54,7 @@ TEST_F(RestoreProgram, ARestoreCutShortLeavesDirectoriesAsTheyWere)
     EXPECT_TRUE(fs::is_directory(own + "/new"));
 }
 
-TEST_F(RestoreProgram, GoesDeeperThanTheUsualLimitOfDescriptors)
+TEST_F(RestoreProgram, DepthIsNotLimitedByDescriptors)
 {
     MakeSnapshot({FileWith(Names(60, "d"), "deep")});
     const auto lower = [] {
@@ -66,7 +66,7 @@ TEST_F(RestoreProgram, GoesDeeperThanTheUsualLimitOfDescriptors)
     Restore(0, {.prepare = lower});
 }
 
-TEST_F(RestoreProgram, WhatStandsThereStaysWhenAnEntryFails)
+TEST_F(RestoreProgram, FailedEntryKeepsExistingOne)
 {
     MakeTree(target, {Dir("dir"), File("kept", "old content")});
     Recorded missing = FileWith({"kept"}, "gone");
@@ -80,7 +80,7 @@ TEST_F(RestoreProgram, WhatStandsThereStaysWhenAnEntryFails)
     EXPECT_EQ(std::distance(fs::directory_iterator(target), {}), 3) << "no temporary stays";
 }
 
-TEST_F(RestoreProgram, WhatCannotBeKeptIsToldThoughItWasWritten)
+TEST_F(RestoreProgram, FailureAfterWritingIsReported)
 {
     // A further name at the place of the first one is no name to move there.
     MakeSnapshot({WindowsFile({{"C:", "file"}, {"C", "file"}}, "content")});
@@ -106,7 +106,7 @@ TEST_F(RestoreProgram, WhatCannotBeKeptIsToldThoughItWasWritten)
     }
 }
 
-TEST_F(RestoreProgram, AnEntryWithoutItsAttributesCountsOnceAsFailed)
+TEST_F(RestoreProgram, EntryWithoutAttributesCountsOnceAsFailed)
 {
     Recorded file = FileWith({"dir", "file"}, "content");
     file.entry.readSize = 7; // a second reason
@@ -122,7 +122,7 @@ TEST_F(RestoreProgram, AnEntryWithoutItsAttributesCountsOnceAsFailed)
     EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 2) << result.errors;
 }
 
-TEST_F(RestoreProgram, AnInterruptEndsTheWaitForTheDisk)
+TEST_F(RestoreProgram, InterruptEndsWaitForDisk)
 {
     MakeSnapshot({FileWith({"file"}, "content")});
     pid_t program = 0;
@@ -137,7 +137,7 @@ TEST_F(RestoreProgram, AnInterruptEndsTheWaitForTheDisk)
     EXPECT_TRUE(Holds(Restore(130, Hooked(interrupt)).errors, "error: Interrupted"));
 }
 
-TEST_F(RestoreProgram, AFullTargetEndsItWithOneError)
+TEST_F(RestoreProgram, FullTargetEndsWithOneError)
 {
     MakeSnapshot({FileWith({"a"}, "1"), FileWith({"b"}, "2"), FileWith({"c"}, "3")});
     int calls = 0;
@@ -152,14 +152,14 @@ TEST_F(RestoreProgram, AFullTargetEndsItWithOneError)
     EXPECT_EQ(ReadFile(target + "/a"), "1");
 }
 
-TEST_F(RestoreProgram, AnEmptySnapshotIsReported)
+TEST_F(RestoreProgram, EmptySnapshotIsReported)
 {
     const ProgramResult result = RestoreOf(0, {});
     EXPECT_TRUE(Holds(result.output, "0 entries restored: ") && Holds(result.output, ", 0 failed\n"));
     EXPECT_EQ(result.errors, "kbagent: The snapshot has no entries, so nothing was restored\n");
 }
 
-TEST_F(RestoreProgram, ADamagedSnapshotIsRefusedBeforeAnything)
+TEST_F(RestoreProgram, DamagedSnapshotIsRefusedFirst)
 {
     MakeSnapshot({FileWith({"file"}, "content")});
     for (const fs::directory_entry& entry : fs::directory_iterator(store + "/snapshots"))
@@ -168,7 +168,7 @@ TEST_F(RestoreProgram, ADamagedSnapshotIsRefusedBeforeAnything)
     EXPECT_TRUE(fs::is_empty(target));
 }
 
-TEST_F(RestoreProgram, RestoresOnlyWhatIsNamed)
+TEST_F(RestoreProgram, OnlyNamedPathsAreRestored)
 {
     MakeSnapshot({Directory({"a"}), FileWith({"a", "1"}, "1"), FileWith({"ab"}, "2"), FileWith({"b"}, "3")});
     Restore(0, {}, {".//a/."});
@@ -178,7 +178,7 @@ TEST_F(RestoreProgram, RestoresOnlyWhatIsNamed)
     EXPECT_TRUE(fs::exists(target + "/b"));
 }
 
-TEST_F(RestoreProgram, VolumesOfOneDirectoryReplaceNoFileOfEachOther)
+TEST_F(RestoreProgram, VolumesOfOneNameKeepEachOthersFiles)
 {
     MakeSnapshot({
         EntryOf(WindowsRecord({{"C:", "dir"}}, 0x10)),
@@ -197,7 +197,7 @@ TEST_F(RestoreProgram, VolumesOfOneDirectoryReplaceNoFileOfEachOther)
     EXPECT_EQ(ReadFile(target + "/C/two names"), "the same volume");
 }
 
-TEST_F(RestoreProgram, SeveralPathsOfARecordAreNamesOfOneFile)
+TEST_F(RestoreProgram, PathsOfOneRecordAreHardLinks)
 {
     MakeSnapshot({WindowsFile({{"C:", "1"}, {"C:", "..", "2"}, {"C:", "3", "3"}, {"C", "1"}, {"C:", "4"}},
                               "content")});
@@ -216,7 +216,7 @@ TEST_F(RestoreProgram, SeveralPathsOfARecordAreNamesOfOneFile)
     EXPECT_TRUE(fs::is_directory(target + "/C/1"));
 }
 
-TEST_F(RestoreProgram, RecordsWithoutAFileAreToldAndListed)
+TEST_F(RestoreProgram, RecordsWithoutFileAreReportedAndListed)
 {
     auto mixed = UnixRecord({}, S_IFDIR | 0755);
     mixed.SetFilePath(JobPath({{0x602, "a"}, {0x700, "b"}, {0x602, "c"}}));
