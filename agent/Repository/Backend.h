@@ -1,0 +1,73 @@
+// IBackend: where the files of a repository are. It stores whole files under a kind and an id and knows
+// nothing of their content. Files are written once, never changed, and removed as a whole.
+#pragma once
+
+#include "agent/Repository/Id.h"
+
+#include "Krt/String/YString.h"
+
+#include <cstdint>
+#include <functional>
+
+namespace Agent::Repo {
+
+/// What a file is, which decides the directory that it is in.
+enum class FileKind
+{
+    Config,   ///< the one file without an id
+    Key,      ///< the master key, sealed with a password
+    Lock,     ///< a process that uses the repository
+    Snapshot, ///< the root of one backup
+    Index,    ///< where blobs are
+    Pack      ///< blobs
+};
+
+/// Names a file.
+struct FileName
+{
+    FileKind kind = FileKind::Config;
+    Id id; ///< not used for FileKind::Config
+
+    /// The path in the layout that all backends share, relative to the repository: "config", "keys/ID",
+    /// "locks/ID", "snapshots/ID", "index/ID" or "data/HH/ID". HH is the first two digits of ID.
+    std::string Path() const;
+    /// Path() and ": ", which begins the message of a failure.
+    Krt::YString Prefix() const;
+
+    friend bool operator==(const FileName&, const FileName&) = default;
+};
+
+/// Any number of threads may use a backend at once. Every operation raises Failure::Backend if the place
+/// can't be read or written.
+class IBackend
+{
+public:
+    virtual ~IBackend() = default;
+
+    /// Where the repository is, for messages: a path or an address without credentials.
+    virtual Krt::YString Describe() const = 0;
+    /// Creates what the place of a new repository needs: directories, or a bucket. What exists is kept.
+    virtual void Prepare() = 0;
+
+    /// Replaces the content of `out` with `length` bytes of the file from `offset` on. Raises Missing if the
+    /// file does not exist, and Damaged if it ends before. `out` is unspecified after a failure. Memory is
+    /// taken only for bytes that the file has.
+    virtual void Load(const FileName& file, std::uint64_t offset, std::uint64_t length, Bytes& out) = 0;
+    /// Replaces the content of `out` with the whole file. Raises Missing if it does not exist, and Damaged if
+    /// it has more than `limit` bytes.
+    virtual void LoadWhole(const FileName& file, std::uint64_t limit, Bytes& out) = 0;
+    /// The size in bytes. Raises Missing if the file does not exist.
+    virtual std::uint64_t Size(const FileName& file) = 0;
+    /// Calls `visit` for each file of the kind with its id and its size in bytes, in no particular order.
+    /// Entries that are not named by 64 hexadecimal digits are ignored, as is a directory that does not
+    /// exist. What `visit` raises passes through. The kind is not Config.
+    virtual void List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit) = 0;
+
+    /// Stores a file, which is complete and durable when this returns. Nobody ever sees a part of it. A file
+    /// of the same name is replaced. After a failure the file is there as a whole or not at all.
+    virtual void Save(const FileName& file, ByteView content) = 0;
+    /// Removes a file. A file that does not exist counts as removed.
+    virtual void Remove(const FileName& file) = 0;
+};
+
+} // namespace Agent::Repo

@@ -1,0 +1,48 @@
+// Blobs: the parts of which snapshots are made, many in a pack file.
+#pragma once
+
+#include "agent/Repository/Id.h"
+#include "agent/Repository/Sealing.h"
+
+#include <cstdint>
+
+namespace Agent::Repo {
+
+/// What a blob is.
+enum class BlobType : unsigned char
+{
+    Data, ///< a part of a file's content
+    Tree  ///< the entries of a directory
+};
+
+/// Names a blob. Blobs of different types are different even if their ids are equal.
+struct BlobHandle
+{
+    BlobType type = BlobType::Data;
+    Id id;
+
+    friend auto operator<=>(const BlobHandle&, const BlobHandle&) = default;
+};
+
+/// For hash tables.
+struct BlobHandleHash
+{
+    std::size_t operator()(const BlobHandle& handle) const
+    {
+        return IdHash()(handle.id) ^ static_cast<std::size_t>(handle.type);
+    }
+};
+
+/// A blob in a pack.
+struct PackedBlob
+{
+    BlobHandle handle;
+    std::uint32_t offset = 0;      ///< of the sealed blob in the pack, bytes
+    std::uint32_t length = 0;      ///< of the sealed blob, bytes, SealOverhead at least
+    std::uint32_t plainLength = 0; ///< of the plaintext, bytes
+    bool isCompressed = false;     ///< otherwise plainLength is length - SealOverhead
+
+    friend bool operator==(const PackedBlob&, const PackedBlob&) = default;
+};
+
+} // namespace Agent::Repo

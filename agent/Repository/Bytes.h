@@ -1,0 +1,27 @@
+// Runs of bytes, as files and blobs have them.
+#pragma once
+
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace Agent::Repo {
+
+/// Bytes that are owned.
+using Bytes = std::vector<unsigned char>;
+/// Bytes of another owner, which outlives the view.
+using ByteView = std::span<const unsigned char>;
+
+/// The same memory as text.
+inline std::string_view AsText(ByteView bytes)
+{
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+/// The same memory as bytes.
+inline ByteView AsBytes(std::string_view text)
+{
+    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
+}
+
+} // namespace Agent::Repo

@@ -1,0 +1,70 @@
+// How operations on a repository fail. They raise a RepositoryError: a YError that also has the kind of the
+// failure, by which the program chooses its exit code. A message begins with the file's path in the layout of
+// repositories ("index/30d9...: ") and names the place in it. It never contains a key, a password or
+// plaintext. Broken preconditions raise a plain YError with InvalidArgument.
+#pragma once
+
+#include "Krt/Exception/Raise.h"
+
+#include <utility>
+
+namespace Agent::Repo {
+
+/// Kind of a failure.
+enum class Failure
+{
+    NoRepository,  ///< the place has no repository, or one of an unknown version
+    WrongPassword, ///< no key file can be opened with the password
+    Damaged,       ///< a file or blob is not what a writer stored, or breaks the format
+    Missing,       ///< a file or blob that should exist does not
+    Backend        ///< the place of the files can't be read or written
+};
+
+class RepositoryError : public Krt::Exception::YError
+{
+public:
+    /// Copies `cause` and puts `prefix` before its message.
+    RepositoryError(Failure failure, const Krt::Exception::YError& cause, const Krt::YString& prefix = {});
+
+    Failure GetFailure() const { return m_failure; }
+
+private:
+    Failure m_failure;
+};
+
+/// Throws a RepositoryError for the site. Its code is NotFound for NoRepository and Missing, CryptoFailure
+/// for WrongPassword, otherwise InvalidState. Use the macro below.
+[[noreturn, gnu::cold]] void RaiseFailure(Failure failure, unsigned int line, const char* file,
+                                          const char* function, const Krt::YStream& message);
+
+/// Throws `error` again with `prefix` before its message: with its own kind if it is a RepositoryError,
+/// otherwise as the kind Backend, or Missing if its code is NotFound.
+[[noreturn, gnu::cold]] void RaiseNamed(const Krt::Exception::YError& error, const Krt::YString& prefix);
+
+/// Calls `call` and returns its result. A YError is raised again by RaiseNamed with the prefix that
+/// `describe` returns.
+template <class Describe, class Call>
+auto Named(const Describe& describe, const Call& call)
+{
+    try {
+        return call();
+    } catch (const Krt::Exception::YError& error) {
+        RaiseNamed(error, describe());
+    }
+}
+
+} // namespace Agent::Repo
+
+/// Raises a failure of the kind with a streamed text.
+#define REPOSITORY_RAISE(failure, ...)                                                                       \
+    do {                                                                                                     \
+        ::Krt::YStream krtMessage{::Krt::YString()};                                                         \
+        static_cast<void>(krtMessage << __VA_ARGS__);                                                        \
+        ::Agent::Repo::RaiseFailure(failure, __LINE__, KRT_SOURCE_FILE, __func__, krtMessage);               \
+    } while (false)
+/// REPOSITORY_RAISE if the condition is false. The text is built only then.
+#define REPOSITORY_RAISE_UNLESS(condition, failure, ...)                                                     \
+    do {                                                                                                     \
+        if (!(condition)) [[unlikely]]                                                                       \
+            REPOSITORY_RAISE(failure, __VA_ARGS__);                                                          \
+    } while (false)

@@ -1,0 +1,45 @@
+// LocalBackend: a repository in a directory of this machine.
+//
+// Directories have mode 0700 and files 0400. If `config` can be read by its group, directories that are
+// created get 0770 and files 0440. A file is written under the temporary name "ID-tmp-DIGITS" in its own
+// directory, then renamed. A reader follows a symlink that stands for a directory, since the content of files
+// is verified. A listing and a writer follow none below the repository's own directory.
+#pragma once
+
+#include "agent/Repository/Backend.h"
+
+#include <memory>
+
+namespace Krt::File {
+class YDirectory;
+}
+
+namespace Agent::Repo {
+
+class LocalBackend : public IBackend
+{
+public:
+    /// The directory may not exist yet: then it has no files, and Prepare creates it with its parents.
+    /// Relative paths are those of the working directory now.
+    explicit LocalBackend(const Krt::YString& path);
+    ~LocalBackend() override;
+
+    Krt::YString Describe() const override;
+    void Prepare() override;
+    void Load(const FileName& file, std::uint64_t offset, std::uint64_t length, Bytes& out) override;
+    void LoadWhole(const FileName& file, std::uint64_t limit, Bytes& out) override;
+    std::uint64_t Size(const FileName& file) override;
+    void List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit) override;
+    void Save(const FileName& file, ByteView content) override;
+    void Remove(const FileName& file) override;
+
+private:
+    struct Modes;
+    class Reader;
+
+    Modes ChooseModes() const;
+
+    Krt::YString m_path; // absolute
+};
+
+} // namespace Agent::Repo

@@ -1,0 +1,60 @@
+// Pack files: sealed blobs without gaps, then their sealed header, then the length of that (4 bytes, little
+// endian). The header has an entry for each blob, in the order of their positions.
+#pragma once
+
+#include "agent/Repository/Blob.h"
+
+#include <vector>
+
+namespace Agent::Repo {
+
+/// Bytes of the sealed header that are read at most.
+constexpr std::uint32_t PackHeaderLimit = 16 << 20;
+/// Bytes of the header's entry for a blob.
+constexpr std::uint32_t PackEntrySize(bool isCompressed)
+{
+    return isCompressed ? 41 : 37;
+}
+/// Bytes of a pack that are neither blobs nor entries.
+constexpr std::uint32_t PackOverhead = SealOverhead + 4;
+
+/// Reads a header that was opened. `blobBytes` is the length of all sealed blobs: the place where the sealed
+/// header begins. Raises Damaged with the offset in the header if an entry is cut off, has an unknown type
+/// or an impossible length, or if the lengths do not add up to `blobBytes`.
+std::vector<PackedBlob> ParsePackHeader(ByteView header, std::uint64_t blobBytes);
+
+/// Where the sealed header of a pack is. `tail` is the last 4 bytes of the file or more, `size` the size of
+/// the file in bytes. Returns the length of the sealed header in bytes. Raises Damaged if that is impossible.
+std::uint32_t ReadPackHeaderLength(ByteView tail, std::uint64_t size);
+
+/// Builds a pack in memory. One thread at a time.
+class PackWriter
+{
+public:
+    /// The key outlives the writer.
+    explicit PackWriter(const Key& key) : m_key(key) {}
+
+    /// Adds a blob, which it compresses and seals, and returns the number of bytes that the pack grew by.
+    /// The caller has computed the id of the plaintext. Raises InvalidArgument if the pack would exceed the
+    /// format's limits; the pack is unchanged then.
+    std::uint32_t Add(const BlobHandle& handle, ByteView plaintext, bool compress = true);
+    /// Bytes of the blobs so far.
+    std::uint64_t Size() const { return m_bytes.size(); }
+    bool IsEmpty() const { return m_blobs.empty(); }
+    const std::vector<PackedBlob>& GetBlobs() const { return m_blobs; }
+
+    /// Appends the header, and returns the bytes of the file, whose id is their SHA-256. The writer has
+    /// nothing more to give until Clear.
+    ByteView Finish();
+    /// Begins the next pack.
+    void Clear();
+
+private:
+    const Key& m_key;
+    Bytes m_bytes;
+    Bytes m_compressed; // of one blob
+    std::vector<PackedBlob> m_blobs;
+    std::uint64_t m_headerSize = 0;
+};
+
+} // namespace Agent::Repo

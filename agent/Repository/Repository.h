@@ -1,0 +1,121 @@
+// Repository: an open repository. It finds files and blobs, verifies and decrypts them. All operations but
+// LoadIndex may be called by any number of threads at once. All may raise what the backend raises, with
+// Missing for a file that does not exist and Damaged for one that is not what was stored.
+#pragma once
+
+#include "agent/Repository/Backend.h"
+#include "agent/Repository/Config.h"
+#include "agent/Repository/Failure.h"
+#include "agent/Repository/Index.h"
+#include "agent/Repository/KeyFile.h"
+#include "agent/Repository/Snapshot.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Agent::Repo {
+
+/// How a repository is opened.
+struct OpenOptions
+{
+    /// Key files that are tried after the hinted one.
+    static constexpr int KeyLimit = 20;
+
+    std::string keyHint; ///< first digits of the id of the key file to be tried first; none if empty
+};
+
+/// How a repository is created.
+struct CreateOptions
+{
+    std::uint32_t version = Config::NewestVersion; ///< of the format
+    ScryptCost cost;                               ///< of the password
+    std::string username;                          ///< noted in the key file
+    std::string hostname;                          ///< noted in the key file
+};
+
+/// Called for a file that can't be read. What it raises ends the operation.
+using FailureVisitor = std::function<void(const FileName& file, const RepositoryError& error)>;
+
+class Repository
+{
+public:
+    /// Bytes of the JSON text of an index, snapshot or lock file, and of the stored file, at most.
+    static constexpr std::uint64_t UnpackedLimit = 1 << 30;
+
+    /// Opens a repository. Tries the hinted key file, and then others in the order of their ids. A key file
+    /// that can't be read is skipped. Raises NoRepository if there is no configuration, or one of an unknown
+    /// version. If no key file fits, raises the failure of the first that could not be read, or WrongPassword
+    /// if there was none.
+    static Repository Open(std::shared_ptr<IBackend> backend, const Secret& password,
+                           const OpenOptions& options = {});
+    /// Creates a repository with one key file, and opens it. Raises InvalidArgument if the place already has
+    /// a configuration, key files or snapshots.
+    static Repository Create(std::shared_ptr<IBackend> backend, const Secret& password,
+                             const CreateOptions& options = {});
+
+    const Config& GetConfig() const { return m_config; }
+    /// The master key.
+    const Key& GetKey() const { return m_key; }
+    /// The key file by which the repository was opened.
+    const Id& GetKeyId() const { return m_keyId; }
+    IBackend& GetBackend() const { return *m_backend; }
+
+    // Files.
+    /// Replaces the content of `out` with the stored bytes of a file, and verifies that they have its id. A
+    /// configuration is not verified. For a pack the memory is that of the whole file.
+    void LoadStored(const FileName& file, Bytes& out) const;
+    /// The JSON text of a snapshot, index or lock file, or of the configuration.
+    std::string LoadText(const FileName& file) const;
+    /// Seals JSON text, compressed in version 2, and saves it as a file of this kind: Snapshot, Index or
+    /// Lock. Returns its id.
+    Id SaveText(FileKind kind, std::string_view json) const;
+    /// Saves a pack and returns its id. The caller adds its blobs to the index.
+    Id SavePack(ByteView pack) const;
+    /// The ids of the files of a kind, sorted.
+    std::vector<Id> ListIds(FileKind kind) const;
+    /// The blobs of a pack, read from its own header. `size` is the size of the file in bytes.
+    std::vector<PackedBlob> LoadPackHeader(const Id& pack, std::uint64_t size) const;
+
+    // Blobs.
+    /// Reads all index files. Snapshots that are to be complete are listed before. With `onFailure`, index
+    /// files that can't be read are given to it and skipped; otherwise the first one raises, and the index is
+    /// unchanged. One thread; nobody else uses the repository meanwhile.
+    void LoadIndex(const FailureVisitor& onFailure = {});
+    /// Empty before LoadIndex.
+    const Index& GetIndex() const { return m_index; }
+    /// Replaces the content of `plaintext` with a blob, and verifies it. Copies in several packs are tried
+    /// one after the other. Raises Missing if the index does not have it, otherwise what the first copy
+    /// raised. Memory of `plaintext` is reused, so a caller keeps one for each thread.
+    void LoadBlob(const BlobHandle& handle, Bytes& plaintext) const;
+    /// Replaces the content of `plaintext` with a blob whose sealed bytes the caller has read, as described
+    /// by `blob`, from `pack`. Raises Damaged if they are not this blob. `sealed` is changed.
+    void DecodeBlob(const Id& pack, const PackedBlob& blob, std::span<unsigned char> sealed,
+                    Bytes& plaintext) const;
+
+    // Snapshots.
+    Snapshot LoadSnapshot(const Id& id) const;
+    /// The snapshots that the filter chooses, from the oldest to the newest. With `onFailure`, those that
+    /// can't be read are given to it and skipped; otherwise the first one raises.
+    std::vector<StoredSnapshot> LoadSnapshots(const SnapshotFilter& filter = {},
+                                              const FailureVisitor& onFailure = {}) const;
+    /// The snapshot that the text names: "latest" for the newest that the filter chooses, or the first digits
+    /// of an id, to which the filter does not apply. Raises InvalidArgument if there is none, or if the
+    /// digits fit several.
+    StoredSnapshot FindSnapshot(std::string_view text, const SnapshotFilter& filter = {}) const;
+
+private:
+    Repository(std::shared_ptr<IBackend> backend, Config config, Key key, const Id& keyId);
+
+    void LoadCopy(const IndexedBlob& place, Bytes& plaintext) const;
+
+    std::shared_ptr<IBackend> m_backend;
+    Config m_config;
+    Key m_key;
+    Id m_keyId;
+    Index m_index;
+};
+
+} // namespace Agent::Repo

@@ -1,0 +1,20 @@
+// Compression by zstd, of whole blobs and files. Any thread may call any function. Contexts are kept for each
+// thread.
+#pragma once
+
+#include "agent/Repository/Bytes.h"
+
+namespace Agent::Repo {
+
+/// Appends one frame with the content to `out`, without a checksum and with a window of 512 KiB at most. The
+/// levels are those of zstd.
+void Compress(ByteView content, Bytes& out, int level = 3);
+
+/// Replaces the content of `out` with the `size` bytes that the frames hold. Raises Damaged if they are no
+/// frames, are cut off, or hold more or fewer bytes. At most as much memory is taken as the frames can fill.
+void Decompress(ByteView frames, std::size_t size, Bytes& out);
+/// Replaces the content of `out` with what the frames hold. Raises Damaged if they are no frames, are cut
+/// off, or hold more than `limit` bytes.
+void DecompressUpTo(ByteView frames, std::size_t limit, Bytes& out);
+
+} // namespace Agent::Repo
