@@ -4,6 +4,8 @@
 #include "agent/Repository/Id.h"
 #include "agent/Repository/Sealing.h"
 
+#include "Krt/String/YString.h"
+
 #include <cstdint>
 
 namespace Agent::Repo {
@@ -20,6 +22,12 @@ struct BlobHandle
 {
     BlobType type = BlobType::Data;
     Id id;
+
+    /// "data ID" or "tree ID", for messages.
+    Krt::YString ToText() const
+    {
+        return Krt::YString(std::string_view((type == BlobType::Tree ? "tree " : "data ") + id.ToHex()));
+    }
 
     friend auto operator<=>(const BlobHandle&, const BlobHandle&) = default;
 };

@@ -37,8 +37,9 @@ private:
 [[noreturn, gnu::cold]] void RaiseFailure(Failure failure, unsigned int line, const char* file,
                                           const char* function, const Krt::YStream& message);
 
-/// Throws `error` again with `prefix` before its message: with its own kind if it is a RepositoryError,
-/// otherwise as the kind Backend, or Missing if its code is NotFound.
+/// Throws the error that is being handled again. A RepositoryError gets `prefix` before its message. An error
+/// of the operating system becomes a RepositoryError, too: Missing if its code is NotFound, otherwise
+/// Backend. Other errors are thrown unchanged.
 [[noreturn, gnu::cold]] void RaiseNamed(const Krt::Exception::YError& error, const Krt::YString& prefix);
 
 /// Calls `call` and returns its result. A YError is raised again by RaiseNamed with the prefix that

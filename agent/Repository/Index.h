@@ -80,25 +80,19 @@ public:
     IndexedBlob At(std::uint32_t number) const;
 
     /// The packs by number, in the order in which they were added.
-    const std::vector<IndexedPack>& GetPacks() const { return m_packs; }
+    const std::vector<IndexedPack>& GetPacks() const;
     /// The number of a pack; nothing if the index does not have it.
     std::optional<std::uint32_t> FindPack(const Id& pack) const;
 
     /// How many blobs there are. Each copy in another pack counts.
     std::size_t CountBlobs() const;
     /// How many identical entries were left out.
-    std::size_t CountDuplicates() const { return m_duplicates; }
+    std::size_t CountDuplicates() const;
 
 private:
-    struct Entry;
-    class Table;
+    struct Tables;
 
-    std::uint32_t PackNumber(const Id& pack);
-
-    std::vector<IndexedPack> m_packs;
-    std::unique_ptr<Table> m_blobs;
-    std::unique_ptr<Table> m_packNumbers;
-    std::size_t m_duplicates = 0;
+    std::unique_ptr<Tables> m_tables;
 };
 
 } // namespace Agent::Repo

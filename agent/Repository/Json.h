@@ -34,8 +34,8 @@ public:
 
     /// Consumes the beginning of an object. NextKey gives its members.
     void BeginObject();
-    /// Consumes the next key, which is valid until the next call of any operation. Returns false after the
-    /// last member, with the object's end consumed.
+    /// Consumes the next key, which is valid until the next call of NextKey, Skip or Keep. Returns false
+    /// after the last member, with the object's end consumed.
     bool NextKey(std::string_view& key);
     /// Consumes the beginning of an array. NextItem gives its items.
     void BeginArray();
@@ -71,24 +71,28 @@ public:
 
     /// Bytes of the document before the current place.
     std::size_t GetOffset() const { return m_offset; }
-    /// Raises Damaged with the current place: "offset 12: reason".
+    /// Raises Damaged with the current place: "damaged at offset 12: reason".
     [[noreturn]] void RaiseDamaged(const char* reason) const;
 
 private:
     char Peek();
-    char TakeRaw();
-    void Expect(char byte, const char* reason);
+    bool IsAt(char byte) const { return m_offset < m_text.size() && m_text[m_offset] == byte; }
+    void Take(char byte, const char* reason);
+    bool TakeWord(std::string_view word);
+    bool Follows(char end);
+    void SkipDigits();
+    void SkipNumber();
     void SkipScalar();
-    void SkipWhiteSpace();
-    bool Next(char end, const char* reason);
-    std::string_view ScanString(bool& isPlain);
-    void Decode(std::string_view raw);
-    char32_t DecodeEscape(std::string_view raw, std::size_t& at);
+    std::string_view TakeString(std::string& decoded);
+    void Decode(std::size_t begin, std::size_t end, std::string& out) const;
+    char32_t DecodeUnit(std::size_t at, std::size_t end) const;
+    [[noreturn]] void RaiseDamagedAt(std::size_t offset, const char* reason) const;
 
     std::string_view m_text;
     std::size_t m_offset = 0;
     bool m_isFirst = false; // no member or item came yet in the innermost container
-    std::string m_decoded;  // the last string that needed decoding
+    std::string m_key;      // the last key, if it needed decoding
+    std::string m_string;   // the last string, if it needed decoding
 };
 
 /// Appends a document to a string, without spaces. The caller keeps the order: a key before each value of an

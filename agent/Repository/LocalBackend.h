@@ -8,11 +8,7 @@
 
 #include "agent/Repository/Backend.h"
 
-#include <memory>
-
-namespace Krt::File {
-class YDirectory;
-}
+#include "Krt/Util/YUnxHandle.h"
 
 namespace Agent::Repo {
 
@@ -22,7 +18,6 @@ public:
     /// The directory may not exist yet: then it has no files, and Prepare creates it with its parents.
     /// Relative paths are those of the working directory now.
     explicit LocalBackend(const Krt::YString& path);
-    ~LocalBackend() override;
 
     Krt::YString Describe() const override;
     void Prepare() override;
@@ -34,10 +29,9 @@ public:
     void Remove(const FileName& file) override;
 
 private:
-    struct Modes;
-    class Reader;
-
-    Modes ChooseModes() const;
+    Krt::YString PathOf(const FileName& file) const;
+    Krt::YString Prefix() const;
+    Krt::Util::YUnxHandle OpenFile(const FileName& file) const;
 
     Krt::YString m_path; // absolute
 };

@@ -62,14 +62,14 @@ struct Node
     std::string error;                        ///< not used by any version
     std::vector<RawMember> unknown;           ///< other members, stored last; see TreeReader
 
-    /// All fields with their initial values. Memory is kept for the next entry.
+    /// Gives all fields their initial values. Memory of texts and lists is kept for the next entry.
     void Clear();
 };
 
 /// The mode of a node for a mode of stat(2): the permissions, and the kind and the special bits in the places
 /// that the format gives them.
 std::uint32_t MakeNodeMode(std::uint32_t statMode);
-/// The mode of stat(2) for the mode of a node. Kinds that stat(2) does not have are dropped.
+/// The mode of stat(2) for the mode of a node. Bits that stat(2) does not have are dropped.
 std::uint32_t MakeStatMode(std::uint32_t nodeMode);
 
 } // namespace Agent::Repo

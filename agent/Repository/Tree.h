@@ -37,9 +37,8 @@ private:
     bool FindNodes();
     void ReadNode(Node& node);
     bool ReadMember(std::string_view key, Node& node);
+    bool ReadStructure(std::string_view key, Node& node);
     void ReadName(Node& node);
-    void ReadContent(Node& node);
-    void ReadAttributes(Node& node);
 
     enum class Place
     {
@@ -65,8 +64,6 @@ void AppendNode(const Node& node, std::string& out);
 class TreeWriter
 {
 public:
-    TreeWriter();
-
     /// Adds a node, whose name comes after those of all nodes before, by the bytes. Raises InvalidArgument
     /// otherwise, and for a name that no directory can have.
     void Add(const Node& node);
@@ -76,11 +73,8 @@ public:
     std::string Finish(const std::vector<RawMember>& unknown = {});
 
 private:
-    void Begin();
-
     std::string m_text;
     std::string m_last; // name of the last node
-    bool m_isEmpty = true;
 };
 
 } // namespace Agent::Repo

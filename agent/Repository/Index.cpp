@@ -1,0 +1,357 @@
+#include "agent/Repository/Index.h"
+
+#include "agent/Repository/Failure.h"
+#include "agent/Repository/Json.h"
+#include "agent/Repository/Pack.h"
+
+namespace Agent::Repo {
+
+namespace {
+
+constexpr std::uint32_t CompressedFlag = 1u << 31;
+constexpr std::uint32_t TreeFlag = 1u << 30;
+constexpr std::uint32_t PackMask = TreeFlag - 1;
+constexpr std::uint32_t NumberLimit = UINT32_MAX - 1;
+constexpr std::size_t EntriesPerPart = 1 << 16;
+constexpr std::size_t FirstSlots = 1 << 10;
+
+BlobType ReadBlobType(JsonReader& reader)
+{
+    const std::string_view word = reader.String();
+    if (word == "data")
+        return BlobType::Data;
+    if (word != "tree")
+        reader.RaiseDamaged("the type of a blob is not known");
+    return BlobType::Tree;
+}
+
+PackedBlob ReadBlob(JsonReader& reader)
+{
+    PackedBlob blob;
+    bool hasId = false;
+    bool hasType = false;
+    std::string_view key;
+    reader.BeginObject();
+    while (reader.NextKey(key)) {
+        if (IsKey(key, "id")) {
+            blob.handle.id = reader.ReadId();
+            hasId = true;
+        } else if (IsKey(key, "type")) {
+            blob.handle.type = ReadBlobType(reader);
+            hasType = true;
+        } else if (IsKey(key, "offset")) {
+            blob.offset = static_cast<std::uint32_t>(reader.Unsigned(UINT32_MAX));
+        } else if (IsKey(key, "length")) {
+            blob.length = static_cast<std::uint32_t>(reader.Unsigned(UINT32_MAX));
+        } else if (IsKey(key, "uncompressed_length")) {
+            blob.plainLength = static_cast<std::uint32_t>(reader.Unsigned(UINT32_MAX));
+        } else {
+            reader.Skip();
+        }
+    }
+    if (!hasId || !hasType)
+        reader.RaiseDamaged("a blob has no id or no type");
+    if (blob.length < SealOverhead)
+        reader.RaiseDamaged("a blob is too short to be sealed");
+    blob.isCompressed = blob.plainLength != 0;
+    if (!blob.isCompressed)
+        blob.plainLength = blob.length - std::uint32_t(SealOverhead);
+    return blob;
+}
+
+// Replaces the content of `blobs`.
+Id ReadPack(JsonReader& reader, std::vector<PackedBlob>& blobs)
+{
+    std::optional<Id> pack;
+    std::string_view key;
+    blobs.clear();
+    reader.BeginObject();
+    while (reader.NextKey(key)) {
+        if (IsKey(key, "id")) {
+            pack = reader.ReadId();
+        } else if (IsKey(key, "blobs")) {
+            blobs.clear();
+            if (reader.IsNull())
+                continue;
+            reader.BeginArray();
+            while (reader.NextItem())
+                blobs.push_back(ReadBlob(reader));
+        } else {
+            reader.Skip();
+        }
+    }
+    if (!pack)
+        reader.RaiseDamaged("a pack has no id");
+    return *pack;
+}
+
+// A hash table of numbers with open addressing. What a number stands for is elsewhere.
+class Slots
+{
+public:
+    // Calls `visit` for each number that may stand for what has the hash, in the order of insertion, until it
+    // returns true. Returns whether it did.
+    template <class Visit>
+    bool Find(std::size_t hash, const Visit& visit) const
+    {
+        for (std::size_t at = hash & Mask(); m_slots[at] != 0; at = (at + 1) & Mask()) {
+            if (visit(m_slots[at] - 1))
+                return true;
+        }
+        return false;
+    }
+
+    // `hashOf` gives the hash of each number that was inserted before.
+    template <class HashOf>
+    void Insert(std::size_t hash, std::uint32_t number, const HashOf& hashOf)
+    {
+        if ((m_used + 1) * 4 > m_slots.size() * 3) {
+            m_slots.assign(2 * m_slots.size(), 0);
+            for (std::uint32_t old = 0; old < m_used; ++old)
+                Put(hashOf(old), old);
+        }
+        Put(hash, number);
+        ++m_used;
+    }
+
+private:
+    std::size_t Mask() const { return m_slots.size() - 1; }
+    void Put(std::size_t hash, std::uint32_t number)
+    {
+        std::size_t at = hash & Mask();
+        while (m_slots[at] != 0)
+            at = (at + 1) & Mask();
+        m_slots[at] = number + 1;
+    }
+
+    std::vector<std::uint32_t> m_slots = std::vector<std::uint32_t>(FirstSlots); // number + 1, or 0
+    std::uint32_t m_used = 0;
+};
+
+} // namespace
+
+void ReadIndexFile(std::string_view json, const PackVisitor& visit)
+{
+    JsonReader reader(json);
+    std::vector<PackedBlob> blobs;
+    std::string_view key;
+    reader.BeginObject();
+    while (reader.NextKey(key)) {
+        if (!IsKey(key, "packs")) {
+            reader.Skip();
+            continue;
+        }
+        if (reader.IsNull())
+            continue;
+        reader.BeginArray();
+        while (reader.NextItem()) {
+            const Id pack = ReadPack(reader, blobs);
+            visit(pack, blobs);
+        }
+    }
+    reader.End();
+}
+
+void IndexFileWriter::Add(const Id& pack, std::span<const PackedBlob> blobs)
+{
+    m_text += m_text.empty() ? "{\"packs\":[" : ",";
+    JsonWriter writer(m_text);
+    writer.BeginObject();
+    writer.Key("id");
+    writer.WriteId(pack);
+    writer.Key("blobs");
+    writer.BeginArray();
+    for (const PackedBlob& blob : blobs) {
+        writer.BeginObject();
+        writer.Key("id");
+        writer.WriteId(blob.handle.id);
+        writer.Key("type");
+        writer.String(blob.handle.type == BlobType::Tree ? "tree" : "data");
+        writer.Key("offset");
+        writer.Number(blob.offset);
+        writer.Key("length");
+        writer.Number(blob.length);
+        if (blob.isCompressed) {
+            writer.Key("uncompressed_length");
+            writer.Number(blob.plainLength);
+        }
+        writer.EndObject();
+    }
+    writer.EndArray();
+    writer.EndObject();
+    m_blobs += blobs.size();
+}
+
+std::string IndexFileWriter::Finish()
+{
+    if (m_text.empty())
+        m_text = "{\"packs\":[";
+    m_text += "]}\n";
+    m_blobs = 0;
+    return std::exchange(m_text, {});
+}
+
+struct Index::Tables
+{
+    // A blob, with its pack's number and what it is in one number.
+    struct Entry
+    {
+        Id id;
+        std::uint32_t offset;
+        std::uint32_t length;
+        std::uint32_t plainLength;
+        std::uint32_t packAndFlags;
+    };
+
+    const Entry& At(std::uint32_t number) const
+    {
+        return parts[number / EntriesPerPart][number % EntriesPerPart];
+    }
+    static std::size_t HashOf(const Entry& entry) { return IdHash()(entry.id); }
+    static bool Is(const Entry& entry, const BlobHandle& handle)
+    {
+        return entry.id == handle.id &&
+               ((entry.packAndFlags & TreeFlag) != 0) == (handle.type == BlobType::Tree);
+    }
+    // As Slots::Find, with the number and the entry of each copy of a blob.
+    template <class Visit>
+    bool FindCopies(const BlobHandle& handle, const Visit& visit) const
+    {
+        return slots.Find(IdHash()(handle.id), [&](std::uint32_t number) {
+            const Entry& entry = At(number);
+            return Is(entry, handle) && visit(number, entry);
+        });
+    }
+    void Append(const Entry& entry)
+    {
+        KRT_RAISE_UNLESS(count < NumberLimit, Krt::ErrorCode::OutOfMemory, "Too many blobs for an index");
+        if (count % EntriesPerPart == 0)
+            parts.push_back(std::make_unique<Entry[]>(EntriesPerPart));
+        parts.back()[count % EntriesPerPart] = entry;
+        slots.Insert(HashOf(entry), count, [this](std::uint32_t number) { return HashOf(At(number)); });
+        ++count;
+    }
+    std::uint32_t PackNumber(const Id& id)
+    {
+        std::uint32_t found = 0;
+        const std::size_t hash = IdHash()(id);
+        if (packSlots.Find(hash, [&](std::uint32_t number) { return packs[found = number].id == id; }))
+            return found;
+        KRT_RAISE_UNLESS(packs.size() < PackMask, Krt::ErrorCode::OutOfMemory, "Too many packs for an index");
+        found = static_cast<std::uint32_t>(packs.size());
+        packs.push_back({id, PackOverhead});
+        packSlots.Insert(hash, found, [this](std::uint32_t number) { return IdHash()(packs[number].id); });
+        return found;
+    }
+
+    std::vector<std::unique_ptr<Entry[]>> parts;
+    std::uint32_t count = 0; // of entries
+    Slots slots;             // of entries, by id
+    std::vector<IndexedPack> packs;
+    Slots packSlots; // of packs, by id
+    std::size_t duplicates = 0;
+};
+
+Index::Index() : m_tables(std::make_unique<Tables>()) {}
+Index::~Index() = default;
+Index::Index(Index&& other) noexcept = default;
+Index& Index::operator=(Index&& other) noexcept = default;
+
+void Index::AddFile(std::string_view json)
+{
+    ReadIndexFile(json, [this](const Id& pack, std::span<const PackedBlob> blobs) { AddPack(pack, blobs); });
+}
+
+void Index::AddPack(const Id& pack, std::span<const PackedBlob> blobs)
+{
+    Tables& tables = *m_tables;
+    const std::uint32_t number = tables.PackNumber(pack);
+    for (const PackedBlob& blob : blobs) {
+        const bool isTree = blob.handle.type == BlobType::Tree;
+        const Tables::Entry added{blob.handle.id, blob.offset, blob.length, blob.plainLength,
+                                  number | (isTree ? TreeFlag : 0) |
+                                      (blob.isCompressed ? CompressedFlag : 0)};
+        const bool isKnown = tables.FindCopies(blob.handle, [&](std::uint32_t, const Tables::Entry& entry) {
+            return entry.packAndFlags == added.packAndFlags && entry.offset == added.offset &&
+                   entry.length == added.length && entry.plainLength == added.plainLength;
+        });
+        if (isKnown) {
+            ++tables.duplicates;
+            continue;
+        }
+        tables.Append(added);
+        IndexedPack& indexed = tables.packs[number];
+        indexed.size += blob.length + PackEntrySize(blob.isCompressed);
+        ++indexed.blobs;
+        (isTree ? indexed.hasTrees : indexed.hasData) = true;
+    }
+}
+
+bool Index::Has(const BlobHandle& handle) const
+{
+    return m_tables->FindCopies(handle, [](std::uint32_t, const Tables::Entry&) { return true; });
+}
+
+std::optional<IndexedBlob> Index::Find(const BlobHandle& handle) const
+{
+    std::uint32_t found = 0;
+    const bool isFound = m_tables->FindCopies(handle, [&found](std::uint32_t number, const Tables::Entry&) {
+        found = number;
+        return true;
+    });
+    return isFound ? std::optional(At(found)) : std::nullopt;
+}
+
+std::vector<IndexedBlob> Index::FindAll(const BlobHandle& handle) const
+{
+    std::vector<IndexedBlob> copies;
+    m_tables->FindCopies(handle, [&](std::uint32_t number, const Tables::Entry&) {
+        copies.push_back(At(number));
+        return false;
+    });
+    return copies;
+}
+
+IndexedBlob Index::At(std::uint32_t number) const
+{
+    KRT_RAISE_UNLESS(number < m_tables->count, Krt::ErrorCode::InvalidArgument,
+                     "Blob number " << number << " out of range");
+    const Tables::Entry& entry = m_tables->At(number);
+    IndexedBlob indexed;
+    indexed.blob.handle.type = (entry.packAndFlags & TreeFlag) != 0 ? BlobType::Tree : BlobType::Data;
+    indexed.blob.handle.id = entry.id;
+    indexed.blob.offset = entry.offset;
+    indexed.blob.length = entry.length;
+    indexed.blob.plainLength = entry.plainLength;
+    indexed.blob.isCompressed = (entry.packAndFlags & CompressedFlag) != 0;
+    indexed.pack = entry.packAndFlags & PackMask;
+    indexed.number = number;
+    return indexed;
+}
+
+const std::vector<IndexedPack>& Index::GetPacks() const
+{
+    return m_tables->packs;
+}
+
+std::optional<std::uint32_t> Index::FindPack(const Id& pack) const
+{
+    std::uint32_t found = 0;
+    const bool isFound = m_tables->packSlots.Find(IdHash()(pack), [&](std::uint32_t number) {
+        found = number;
+        return m_tables->packs[number].id == pack;
+    });
+    return isFound ? std::optional(found) : std::nullopt;
+}
+
+std::size_t Index::CountBlobs() const
+{
+    return m_tables->count;
+}
+
+std::size_t Index::CountDuplicates() const
+{
+    return m_tables->duplicates;
+}
+
+} // namespace Agent::Repo

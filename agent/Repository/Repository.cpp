@@ -1,0 +1,343 @@
+#include "agent/Repository/Repository.h"
+
+#include "agent/Repository/Pack.h"
+#include "agent/Repository/Zstd.h"
+
+#include <algorithm>
+#include <exception>
+#include <optional>
+#include <utility>
+
+namespace Agent::Repo {
+
+using Krt::YString;
+
+namespace {
+
+constexpr FileName ConfigFile{FileKind::Config, {}};
+constexpr std::uint64_t PackLimit = UINT64_C(1) << 33; // bytes
+constexpr std::uint64_t TailSize = 64 << 10;           // bytes of a pack in which its header is expected
+constexpr std::size_t ScratchLimit = 32 << 20;         // bytes that a thread keeps
+constexpr unsigned char CompressedMark = 2;            // the first byte of a file whose JSON is compressed
+
+// What Named needs.
+auto At(const FileName& file)
+{
+    return [&file] {
+        return file.Prefix();
+    };
+}
+
+void VerifyId(const FileName& file, ByteView content)
+{
+    REPOSITORY_RAISE_UNLESS(Id::Of(content) == file.id, Failure::Damaged,
+                            "damaged: the content has another id");
+}
+
+// The JSON text of a file whose seal was opened.
+std::string Unpack(ByteView content)
+{
+    const unsigned char first = content.empty() ? 0 : content.front();
+    if (first == '{' || first == '[')
+        return std::string(AsText(content));
+    REPOSITORY_RAISE_UNLESS(first == CompressedMark, Failure::Damaged,
+                            "damaged: neither JSON nor compressed");
+    Bytes text;
+    DecompressUpTo(content.subspan(1), Repository::UnpackedLimit, text);
+    return std::string(AsText(text));
+}
+
+std::vector<Id> ListSorted(IBackend& backend, FileKind kind)
+{
+    std::vector<Id> ids;
+    backend.List(kind, [&ids](const Id& id, std::uint64_t) { ids.push_back(id); });
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+// The key files in the order in which they are tried.
+std::vector<Id> OrderKeys(IBackend& backend, const std::string& hint)
+{
+    std::vector<Id> ids = ListSorted(backend, FileKind::Key);
+    std::size_t limit = OpenOptions::KeyLimit;
+    const auto hinted =
+        std::find_if(ids.begin(), ids.end(), [&hint](const Id& id) { return id.ToHex().starts_with(hint); });
+    if (!hint.empty() && hinted != ids.end()) {
+        std::rotate(ids.begin(), hinted, hinted + 1);
+        ++limit;
+    }
+    ids.resize(std::min(ids.size(), limit));
+    return ids;
+}
+
+// The master key; nothing if the password is wrong. A file with another id than its name, which the password
+// opens all the same, has the right key.
+std::optional<Key> TryKeyFile(IBackend& backend, const FileName& file, const Secret& password)
+{
+    Bytes stored;
+    backend.LoadWhole(file, KeyFile::SizeLimit, stored);
+    return Named(At(file), [&] {
+        std::optional<Key> master = KeyFile::Parse(AsText(stored)).Unlock(password);
+        if (!master)
+            VerifyId(file, stored);
+        return master;
+    });
+}
+
+std::pair<Id, Key> FindKey(IBackend& backend, const Secret& password, const OpenOptions& options)
+{
+    std::optional<RepositoryError> firstError;
+    for (const Id& id : OrderKeys(backend, options.keyHint)) {
+        try {
+            if (std::optional<Key> master = TryKeyFile(backend, {FileKind::Key, id}, password))
+                return {id, std::move(*master)};
+        } catch (const RepositoryError& error) {
+            if (!firstError)
+                firstError = error;
+        }
+    }
+    if (firstError)
+        throw RepositoryError(*firstError);
+    REPOSITORY_RAISE(Failure::WrongPassword,
+                     "The password opens no key of the repository at " << backend.Describe());
+}
+
+Bytes LoadConfig(IBackend& backend)
+{
+    Bytes stored;
+    try {
+        backend.LoadWhole(ConfigFile, KeyFile::SizeLimit, stored);
+    } catch (const RepositoryError& error) {
+        if (error.GetFailure() != Failure::Missing)
+            throw;
+        REPOSITORY_RAISE(Failure::NoRepository, "There is no repository at " << backend.Describe());
+    }
+    return stored;
+}
+
+void RequireNoRepository(IBackend& backend)
+{
+    bool isTaken = true;
+    try {
+        backend.Size(ConfigFile);
+    } catch (const RepositoryError& error) {
+        if (error.GetFailure() != Failure::Missing)
+            throw;
+        isTaken =
+            !ListSorted(backend, FileKind::Key).empty() || !ListSorted(backend, FileKind::Snapshot).empty();
+    }
+    KRT_RAISE_UNLESS(!isTaken, Krt::ErrorCode::InvalidArgument,
+                     "There is already a repository at " << backend.Describe());
+}
+
+} // namespace
+
+Repository::Repository(std::shared_ptr<IBackend> backend, Config config, Key key, const Id& keyId)
+    : m_backend(std::move(backend)), m_config(std::move(config)), m_key(std::move(key)), m_keyId(keyId)
+{}
+
+Repository Repository::Open(std::shared_ptr<IBackend> backend, const Secret& password,
+                            const OpenOptions& options)
+{
+    Bytes stored = LoadConfig(*backend);
+    auto [keyId, key] = FindKey(*backend, password, options);
+    Config config = Named(At(ConfigFile),
+                          [&, &master = key] { return Config::Parse(AsText(OpenInPlace(master, stored))); });
+    return Repository(std::move(backend), std::move(config), std::move(key), keyId);
+}
+
+Repository Repository::Create(std::shared_ptr<IBackend> backend, const Secret& password,
+                              const CreateOptions& options)
+{
+    KRT_RAISE_UNLESS(options.version >= Config::OldestVersion && options.version <= Config::NewestVersion,
+                     Krt::ErrorCode::InvalidArgument,
+                     "Version " << options.version << " of the format is not supported");
+    RequireNoRepository(*backend);
+    Config config = Config::Random(options.version);
+    Key key = Key::Random();
+    KeyFile keyFile;
+    keyFile.created = Timestamp::Now();
+    keyFile.username = options.username;
+    keyFile.hostname = options.hostname;
+    keyFile.cost = options.cost;
+    keyFile.SetMaster(key, password);
+    const std::string keyText = keyFile.ToJson();
+    const Id keyId = Id::Of(AsBytes(keyText));
+    Bytes sealed;
+    Seal(key, AsBytes(config.ToJson()), sealed);
+    backend->Prepare();
+    backend->Save({FileKind::Key, keyId}, AsBytes(keyText));
+    backend->Save(ConfigFile, sealed);
+    return Repository(std::move(backend), std::move(config), std::move(key), keyId);
+}
+
+void Repository::LoadStored(const FileName& file, Bytes& out) const
+{
+    m_backend->LoadWhole(file, file.kind == FileKind::Pack ? PackLimit : UnpackedLimit, out);
+    if (file.kind != FileKind::Config)
+        Named(At(file), [&] { VerifyId(file, out); });
+}
+
+std::string Repository::LoadText(const FileName& file) const
+{
+    Bytes stored;
+    LoadStored(file, stored);
+    return Named(At(file), [&] {
+        const ByteView content = OpenInPlace(m_key, stored);
+        return file.kind == FileKind::Config ? std::string(AsText(content)) : Unpack(content);
+    });
+}
+
+Id Repository::SaveText(FileKind kind, std::string_view json) const
+{
+    Bytes sealed;
+    if (m_config.version >= 2) {
+        Bytes content{CompressedMark};
+        Compress(AsBytes(json), content);
+        Seal(m_key, content, sealed);
+    } else {
+        Seal(m_key, AsBytes(json), sealed);
+    }
+    const Id id = Id::Of(sealed);
+    m_backend->Save({kind, id}, sealed);
+    return id;
+}
+
+Id Repository::SavePack(ByteView pack) const
+{
+    const Id id = Id::Of(pack);
+    m_backend->Save({FileKind::Pack, id}, pack);
+    return id;
+}
+
+std::vector<Id> Repository::ListIds(FileKind kind) const
+{
+    return ListSorted(*m_backend, kind);
+}
+
+std::vector<PackedBlob> Repository::LoadPackHeader(const Id& pack, std::uint64_t size) const
+{
+    const FileName file{FileKind::Pack, pack};
+    Bytes tail;
+    const std::uint64_t tailSize = std::min(size, TailSize);
+    m_backend->Load(file, size - tailSize, tailSize, tail);
+    const std::uint64_t headerSize = Named(At(file), [&] { return ReadPackHeaderLength(tail, size); });
+    const std::uint64_t blobBytes = size - (headerSize + PackOverhead - SealOverhead);
+    if (size - blobBytes > tail.size())
+        m_backend->Load(file, blobBytes, size - blobBytes, tail);
+    return Named(At(file), [&] {
+        const std::size_t begin = tail.size() - (size - blobBytes);
+        const ByteView header = OpenInPlace(m_key, std::span(tail).subspan(begin, headerSize));
+        return ParsePackHeader(header, blobBytes);
+    });
+}
+
+void Repository::LoadIndex(const FailureVisitor& onFailure)
+{
+    Index index;
+    for (const Id& id : ListIds(FileKind::Index)) {
+        const FileName file{FileKind::Index, id};
+        try {
+            const std::string text = LoadText(file);
+            Named(At(file), [&] { index.AddFile(text); });
+        } catch (const RepositoryError& error) {
+            if (!onFailure)
+                throw;
+            onFailure(file, error);
+        }
+    }
+    m_index = std::move(index);
+}
+
+void Repository::LoadBlob(const BlobHandle& handle, Bytes& plaintext) const
+{
+    std::exception_ptr firstError;
+    for (const IndexedBlob& place : m_index.FindAll(handle)) {
+        try {
+            LoadCopy(place, plaintext);
+            return;
+        } catch (const RepositoryError&) {
+            if (!firstError)
+                firstError = std::current_exception();
+        }
+    }
+    if (firstError)
+        std::rethrow_exception(firstError);
+    REPOSITORY_RAISE(Failure::Missing, "The index does not have the blob " << handle.ToText());
+}
+
+void Repository::LoadCopy(const IndexedBlob& place, Bytes& plaintext) const
+{
+    thread_local Bytes sealed;
+    const FileName file{FileKind::Pack, m_index.GetPacks()[place.pack].id};
+    m_backend->Load(file, place.blob.offset, place.blob.length, sealed);
+    DecodeBlob(file.id, place.blob, sealed, plaintext);
+    if (sealed.capacity() > ScratchLimit)
+        Bytes().swap(sealed);
+}
+
+void Repository::DecodeBlob(const Id& pack, const PackedBlob& blob, std::span<unsigned char> sealed,
+                            Bytes& plaintext) const
+{
+    const auto describe = [&] {
+        return YString(std::string_view(FileName{FileKind::Pack, pack}.Path() + ": blob " +
+                                        blob.handle.ToText().Bytes() + " at offset " +
+                                        std::to_string(blob.offset) + ": "));
+    };
+    Named(describe, [&] {
+        const ByteView content = OpenInPlace(m_key, sealed);
+        if (blob.isCompressed)
+            Decompress(content, blob.plainLength, plaintext);
+        else
+            plaintext.assign(content.begin(), content.end());
+        REPOSITORY_RAISE_UNLESS(Id::Of(plaintext) == blob.handle.id, Failure::Damaged,
+                                "damaged: the content has another id");
+    });
+}
+
+Snapshot Repository::LoadSnapshot(const Id& id) const
+{
+    const FileName file{FileKind::Snapshot, id};
+    const std::string text = LoadText(file);
+    return Named(At(file), [&] { return Snapshot::Parse(text); });
+}
+
+std::vector<StoredSnapshot> Repository::LoadSnapshots(const SnapshotFilter& filter,
+                                                      const FailureVisitor& onFailure) const
+{
+    std::vector<StoredSnapshot> snapshots;
+    for (const Id& id : ListIds(FileKind::Snapshot)) {
+        try {
+            Snapshot snapshot = LoadSnapshot(id);
+            if (filter.Matches(snapshot))
+                snapshots.push_back({id, std::move(snapshot)});
+        } catch (const RepositoryError& error) {
+            if (!onFailure)
+                throw;
+            onFailure({FileKind::Snapshot, id}, error);
+        }
+    }
+    std::stable_sort(
+        snapshots.begin(), snapshots.end(),
+        [](const StoredSnapshot& a, const StoredSnapshot& b) { return a.snapshot.time < b.snapshot.time; });
+    return snapshots;
+}
+
+StoredSnapshot Repository::FindSnapshot(std::string_view text, const SnapshotFilter& filter) const
+{
+    const YString name(text);
+    if (text == "latest") {
+        std::vector<StoredSnapshot> snapshots = LoadSnapshots(filter);
+        KRT_RAISE_UNLESS(!snapshots.empty(), Krt::ErrorCode::InvalidArgument, "There is no such snapshot");
+        return std::move(snapshots.back());
+    }
+    std::vector<Id> ids = ListIds(FileKind::Snapshot);
+    std::erase_if(ids, [text](const Id& id) { return !id.ToHex().starts_with(text); });
+    KRT_RAISE_UNLESS(!text.empty() && !ids.empty(), Krt::ErrorCode::InvalidArgument,
+                     "There is no snapshot '" << name << "'");
+    KRT_RAISE_UNLESS(ids.size() == 1, Krt::ErrorCode::InvalidArgument,
+                     "Several snapshots begin with '" << name << "'");
+    return {ids.front(), LoadSnapshot(ids.front())};
+}
+
+} // namespace Agent::Repo

@@ -1,0 +1,268 @@
+#include "agent/Repository/LocalBackend.h"
+
+#include "agent/Repository/Failure.h"
+
+#include "Krt/File/OpenFile.h"
+#include "Krt/File/YDirectory.h"
+#include "Krt/Util/OpenHandle.h"
+
+#include <openssl/rand.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <optional>
+#include <sys/stat.h>
+#include <vector>
+
+namespace Agent::Repo {
+
+using Krt::YString;
+using Krt::File::YDirectory;
+
+namespace {
+
+constexpr const char* TopDirectories[] = {"data", "index", "keys", "locks", "snapshots"};
+constexpr int PackDirectories = 256;
+
+struct Modes
+{
+    unsigned int directory = 0700;
+    unsigned int file = 0400;
+};
+
+// Bytes of whole files are read in one call, so a size is checked before.
+std::uint64_t RegularSize(const Krt::Util::YUnxHandle& handle)
+{
+    const struct stat status = Krt::File::Stat(handle);
+    if (!S_ISREG(status.st_mode))
+        REPOSITORY_RAISE(Failure::Damaged, "not a regular file");
+    return static_cast<std::uint64_t>(status.st_size);
+}
+
+void ReadAll(const Krt::Util::YUnxHandle& handle, std::uint64_t offset, std::uint64_t length, Bytes& out)
+{
+    out.resize(length);
+    if (length != 0 && Krt::File::Read(handle, offset, length, out.data()) != length)
+        REPOSITORY_RAISE(Failure::Damaged, "damaged: the file became shorter");
+}
+
+// The directory of this name; nothing if it does not exist.
+std::optional<YDirectory> OpenIfPresent(const YDirectory& parent, const YString& name)
+{
+    struct stat status;
+    if (!parent.StatIfPresent(name, status))
+        return std::nullopt;
+    return parent.OpenDirectory(name);
+}
+
+YDirectory OpenOrMake(const YDirectory& parent, const YString& name, const Modes& modes)
+{
+    if (std::optional<YDirectory> present = OpenIfPresent(parent, name))
+        return std::move(*present);
+    try {
+        parent.MakeDirectory(name, modes.directory);
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetOsError() != EEXIST)
+            throw;
+        return parent.OpenDirectory(name); // another process was faster
+    }
+    YDirectory made = parent.OpenDirectory(name);
+    made.SetMode(modes.directory); // whatever the umask is
+    Krt::File::Sync(parent.GetHandle());
+    return made;
+}
+
+// The names of the directories that lead to a file, and its own.
+struct Place
+{
+    explicit Place(const FileName& file)
+    {
+        const std::string path = file.Path();
+        std::size_t begin = 0;
+        for (std::size_t slash = path.find('/'); slash != path.npos; slash = path.find('/', begin)) {
+            way.emplace_back(std::string_view(path).substr(begin, slash - begin));
+            begin = slash + 1;
+        }
+        name = YString(std::string_view(path).substr(begin));
+    }
+
+    std::vector<YString> way;
+    YString name;
+};
+
+YString TemporaryName(const YString& name)
+{
+    unsigned int number = 0;
+    KRT_RAISE_UNLESS(RAND_bytes(reinterpret_cast<unsigned char*>(&number), sizeof(number)) == 1,
+                     Krt::ErrorCode::CryptoFailure, "No random bytes for a name");
+    return YString(std::string_view(name.Bytes() + "-tmp-" + std::to_string(number)));
+}
+
+void VisitFiles(const YDirectory& directory,
+                const std::function<void(const Id& id, std::uint64_t size)>& visit,
+                std::optional<unsigned char> firstByte = std::nullopt)
+{
+    directory.VisitEntries([&](const Krt::File::DirectoryEntry& entry) {
+        const std::optional<Id> id = Id::FromHex(entry.name.Bytes());
+        struct stat status;
+        if (id && id->ToHex() == entry.name.Bytes() && (!firstByte || id->bytes[0] == *firstByte) &&
+            directory.StatIfPresent(entry.name, status) && S_ISREG(status.st_mode))
+            visit(*id, static_cast<std::uint64_t>(status.st_size));
+        return true;
+    });
+}
+
+YString HexByte(int byte)
+{
+    char text[3];
+    std::snprintf(text, sizeof(text), "%02x", static_cast<unsigned int>(byte) & 0xFFu);
+    return text;
+}
+
+} // namespace
+
+LocalBackend::LocalBackend(const YString& path)
+    : m_path(YString(std::string_view(std::filesystem::absolute(path.Bytes()).native())))
+{}
+
+YString LocalBackend::Describe() const
+{
+    return m_path;
+}
+
+YString LocalBackend::PathOf(const FileName& file) const
+{
+    return YString(std::string_view(m_path.Bytes() + "/" + file.Path()));
+}
+
+YString LocalBackend::Prefix() const
+{
+    return YString(std::string_view(m_path.Bytes() + ": "));
+}
+
+void LocalBackend::Prepare()
+{
+    Named([this] { return Prefix(); },
+          [this] {
+              const Krt::File::YPath path = m_path.CStr();
+              const Modes modes;
+              if (!Krt::File::DoesFileExist(path)) {
+                  Krt::File::CreatePath(path, false);
+                  KRT_SYSCALL(mkdir(m_path.CStr(), modes.directory), "Failed to create directory");
+              }
+              const YDirectory root = YDirectory::OpenFollowing(path);
+              for (const char* const name : TopDirectories)
+                  OpenOrMake(root, name, modes);
+              const YDirectory packs = root.OpenDirectory("data");
+              for (int byte = 0; byte < PackDirectories; ++byte)
+                  OpenOrMake(packs, HexByte(byte), modes);
+          });
+}
+
+Krt::Util::YUnxHandle LocalBackend::OpenFile(const FileName& file) const
+{
+    return KRT_OS_VALUE(
+        Krt::Util::OpenHandle(PathOf(file).CStr(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY),
+        "Failed to open the file");
+}
+
+void LocalBackend::Load(const FileName& file, std::uint64_t offset, std::uint64_t length, Bytes& out)
+{
+    Named([&file] { return file.Prefix(); },
+          [&] {
+              const Krt::Util::YUnxHandle handle = OpenFile(file);
+              const std::uint64_t size = RegularSize(handle);
+              REPOSITORY_RAISE_UNLESS(length <= size && offset <= size - length, Failure::Damaged,
+                                      "damaged: " << length << " bytes at offset " << offset
+                                                  << " of a file with " << size);
+              ReadAll(handle, offset, length, out);
+          });
+}
+
+void LocalBackend::LoadWhole(const FileName& file, std::uint64_t limit, Bytes& out)
+{
+    Named([&file] { return file.Prefix(); },
+          [&] {
+              const Krt::Util::YUnxHandle handle = OpenFile(file);
+              const std::uint64_t size = RegularSize(handle);
+              REPOSITORY_RAISE_UNLESS(size <= limit, Failure::Damaged,
+                                      "damaged: " << size << " bytes are more than the limit of " << limit);
+              ReadAll(handle, 0, size, out);
+          });
+}
+
+std::uint64_t LocalBackend::Size(const FileName& file)
+{
+    return Named([&file] { return file.Prefix(); }, [&] { return RegularSize(OpenFile(file)); });
+}
+
+void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit)
+{
+    Named([this] { return Prefix(); },
+          [&] {
+              if (!Krt::File::DoesFileExist(m_path.CStr()))
+                  return;
+              const YDirectory root = YDirectory::OpenFollowing(m_path.CStr());
+              const std::optional<YDirectory> top = OpenIfPresent(root, Place({kind, {}}).way.front());
+              if (!top)
+                  return;
+              if (kind != FileKind::Pack) {
+                  VisitFiles(*top, visit);
+                  return;
+              }
+              for (int byte = 0; byte < PackDirectories; ++byte) {
+                  if (const std::optional<YDirectory> directory = OpenIfPresent(*top, HexByte(byte)))
+                      VisitFiles(*directory, visit, static_cast<unsigned char>(byte));
+              }
+          });
+}
+
+void LocalBackend::Save(const FileName& file, ByteView content)
+{
+    Named([&file] { return file.Prefix(); },
+          [&] {
+              const Place place(file);
+              Modes modes;
+              YDirectory directory = YDirectory::OpenFollowing(m_path.CStr());
+              struct stat config;
+              if (directory.StatIfPresent("config", config) && (config.st_mode & S_IRGRP) != 0)
+                  modes = {0770, 0440};
+              for (const YString& name : place.way)
+                  directory = OpenOrMake(directory, name, modes);
+              const YString temporary = TemporaryName(place.name);
+              Krt::Util::YUnxHandle handle = directory.CreateFile(temporary);
+              try {
+                  if (!content.empty())
+                      Krt::File::Write(handle, 0, content.size(), content.data());
+                  KRT_SYSCALL(fchmod(handle.Get(), modes.file), "Failed to set the mode of the file");
+                  Krt::File::Sync(handle);
+                  Krt::Util::CloseWritten(handle);
+                  directory.Rename(temporary, directory, place.name);
+              } catch (...) {
+                  handle.Close();
+                  directory.RemoveFile(temporary);
+                  throw;
+              }
+              Krt::File::Sync(directory.GetHandle());
+          });
+}
+
+void LocalBackend::Remove(const FileName& file)
+{
+    Named([&file] { return file.Prefix(); },
+          [&] {
+              const Place place(file);
+              YDirectory directory = YDirectory::OpenFollowing(m_path.CStr());
+              for (const YString& name : place.way) {
+                  std::optional<YDirectory> next = OpenIfPresent(directory, name);
+                  if (!next)
+                      return;
+                  directory = std::move(*next);
+              }
+              directory.RemoveFile(place.name);
+          });
+}
+
+} // namespace Agent::Repo

@@ -1,0 +1,118 @@
+#include "agent/Repository/Zstd.h"
+
+#include "agent/Repository/Failure.h"
+
+#include <zstd.h>
+
+#include <algorithm>
+#include <memory>
+
+namespace Agent::Repo {
+
+namespace {
+
+constexpr int WriteWindowLog = 19;            // 512 KiB
+constexpr int ReadWindowLog = 25;             // 32 MiB, for a frame that is not decompressed at once
+constexpr std::size_t AtOnceLimit = 64 << 20; // bytes for which memory is taken on the word of the index
+constexpr std::size_t BlockLimit = 128 << 10; // bytes that a block holds at most
+constexpr std::size_t SmallestBlock = 4;      // bytes of the shortest block that holds any
+constexpr std::size_t FirstRoom = 256 << 10;  // bytes
+
+struct Free
+{
+    void operator()(ZSTD_CCtx* context) const { ZSTD_freeCCtx(context); }
+    void operator()(ZSTD_DCtx* context) const { ZSTD_freeDCtx(context); }
+};
+
+ZSTD_CCtx* CompressorOfThread()
+{
+    thread_local const std::unique_ptr<ZSTD_CCtx, Free> context(ZSTD_createCCtx());
+    KRT_RAISE_UNLESS(context != nullptr, Krt::ErrorCode::OutOfMemory, "No memory to compress");
+    return context.get();
+}
+
+ZSTD_DCtx* DecompressorOfThread()
+{
+    thread_local const std::unique_ptr<ZSTD_DCtx, Free> context(ZSTD_createDCtx());
+    KRT_RAISE_UNLESS(context != nullptr, Krt::ErrorCode::OutOfMemory, "No memory to decompress");
+    ZSTD_DCtx_reset(context.get(), ZSTD_reset_session_only);
+    ZSTD_DCtx_setParameter(context.get(), ZSTD_d_windowLogMax, ReadWindowLog);
+    return context.get();
+}
+
+[[noreturn]] void RaiseDamaged(const char* reason)
+{
+    REPOSITORY_RAISE(Failure::Damaged, "damaged: the compressed content " << reason);
+}
+
+// Decompresses into memory that grows with what comes.
+void DecompressInSteps(ByteView frames, std::size_t limit, Bytes& out)
+{
+    ZSTD_DCtx* const context = DecompressorOfThread();
+    ZSTD_inBuffer input{frames.data(), frames.size(), 0};
+    std::size_t used = 0;
+    bool isInFrame = true;
+    out.resize(std::min(limit, FirstRoom));
+    while (isInFrame || input.pos != input.size) {
+        unsigned char beyond = 0; // a byte above the limit
+        const bool isFull = used == limit;
+        if (!isFull && used == out.size())
+            out.resize(std::min(limit, 2 * out.size()));
+        ZSTD_outBuffer output{isFull ? &beyond : out.data(), isFull ? 1 : out.size(), isFull ? 0 : used};
+        const std::size_t before = output.pos;
+        const std::size_t result = ZSTD_decompressStream(context, &output, &input);
+        if (ZSTD_isError(result))
+            RaiseDamaged(ZSTD_getErrorName(result));
+        if (isFull && output.pos != 0)
+            RaiseDamaged("is longer than it may be");
+        isInFrame = result != 0;
+        if (isInFrame && input.pos == input.size && output.pos == before)
+            RaiseDamaged("is cut off");
+        used += output.pos - before;
+    }
+    out.resize(used);
+}
+
+} // namespace
+
+void Compress(ByteView content, Bytes& out, int level)
+{
+    ZSTD_CCtx* const context = CompressorOfThread();
+    ZSTD_CCtx_reset(context, ZSTD_reset_session_and_parameters);
+    ZSTD_CCtx_setParameter(context, ZSTD_c_compressionLevel, level);
+    ZSTD_CCtx_setParameter(context, ZSTD_c_windowLog, WriteWindowLog);
+    const std::size_t begin = out.size();
+    out.resize(begin + ZSTD_compressBound(content.size()));
+    const std::size_t size =
+        ZSTD_compress2(context, out.data() + begin, out.size() - begin, content.data(), content.size());
+    KRT_RAISE_UNLESS(!ZSTD_isError(size), Krt::ErrorCode::InvalidState,
+                     "Failed to compress: " << ZSTD_getErrorName(size));
+    out.resize(begin + size);
+}
+
+void Decompress(ByteView frames, std::size_t size, Bytes& out)
+{
+    if (frames.empty() || size / BlockLimit > frames.size() / SmallestBlock)
+        RaiseDamaged("is shorter than it should be");
+    if (size > AtOnceLimit) {
+        DecompressInSteps(frames, size, out);
+    } else {
+        out.resize(size);
+        const std::size_t result =
+            ZSTD_decompressDCtx(DecompressorOfThread(), out.data(), size, frames.data(), frames.size());
+        if (ZSTD_isError(result))
+            RaiseDamaged(ZSTD_getErrorName(result));
+        out.resize(result);
+    }
+    if (out.size() != size)
+        RaiseDamaged("is shorter than it should be");
+}
+
+void DecompressUpTo(ByteView frames, std::size_t limit, Bytes& out)
+{
+    if (frames.empty())
+        RaiseDamaged("is cut off");
+    DecompressInSteps(frames, limit, out);
+}
+
+} // namespace Agent::Repo
