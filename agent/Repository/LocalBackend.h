@@ -30,7 +30,6 @@ public:
 
 private:
     Krt::YString PathOf(const FileName& file) const;
-    Krt::YString Prefix() const;
     Krt::Util::YUnxHandle OpenFile(const FileName& file) const;
 
     Krt::YString m_path; // absolute

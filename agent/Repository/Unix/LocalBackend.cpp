@@ -32,6 +32,20 @@ struct Modes
     unsigned int file = 0400;
 };
 
+// What Named needs.
+auto At(const FileName& file)
+{
+    return [&file] {
+        return file.Prefix();
+    };
+}
+auto At(const YString& path)
+{
+    return [&path] {
+        return YString(std::string_view(path.Bytes() + ": "));
+    };
+}
+
 // Bytes of whole files are read in one call, so a size is checked before.
 std::uint64_t RegularSize(const Krt::Util::YUnxHandle& handle)
 {
@@ -57,21 +71,21 @@ std::optional<YDirectory> OpenIfPresent(const YDirectory& parent, const YString&
     return parent.OpenDirectory(name);
 }
 
-YDirectory OpenOrMake(const YDirectory& parent, const YString& name, const Modes& modes)
+// Returns true if the directory did not exist. It is durable when the parent is synced.
+bool MakeIfMissing(const YDirectory& parent, const YString& name, const Modes& modes)
 {
-    if (std::optional<YDirectory> present = OpenIfPresent(parent, name))
-        return std::move(*present);
+    struct stat status;
+    if (parent.StatIfPresent(name, status))
+        return false;
     try {
         parent.MakeDirectory(name, modes.directory);
     } catch (const Krt::Exception::YError& error) {
         if (error.GetOsError() != EEXIST)
             throw;
-        return parent.OpenDirectory(name); // another process was faster
+        return false; // another process was faster
     }
-    YDirectory made = parent.OpenDirectory(name);
-    made.SetMode(modes.directory); // whatever the umask is
-    Krt::File::Sync(parent.GetHandle());
-    return made;
+    parent.OpenDirectory(name).SetMode(modes.directory); // whatever the umask is
+    return true;
 }
 
 // The names of the directories that lead to a file, and its own.
@@ -137,28 +151,24 @@ YString LocalBackend::PathOf(const FileName& file) const
     return YString(std::string_view(m_path.Bytes() + "/" + file.Path()));
 }
 
-YString LocalBackend::Prefix() const
-{
-    return YString(std::string_view(m_path.Bytes() + ": "));
-}
-
 void LocalBackend::Prepare()
 {
-    Named([this] { return Prefix(); },
-          [this] {
-              const Krt::File::YPath path = m_path.CStr();
-              const Modes modes;
-              if (!Krt::File::DoesFileExist(path)) {
-                  Krt::File::CreatePath(path, false);
-                  KRT_SYSCALL(mkdir(m_path.CStr(), modes.directory), "Failed to create directory");
-              }
-              const YDirectory root = YDirectory::OpenFollowing(path);
-              for (const char* const name : TopDirectories)
-                  OpenOrMake(root, name, modes);
-              const YDirectory packs = root.OpenDirectory("data");
-              for (int byte = 0; byte < PackDirectories; ++byte)
-                  OpenOrMake(packs, HexByte(byte), modes);
-          });
+    Named(At(m_path), [this] {
+        const Krt::File::YPath path = m_path.CStr();
+        const Modes modes;
+        if (!Krt::File::DoesFileExist(path)) {
+            Krt::File::CreatePath(path, false);
+            KRT_SYSCALL(mkdir(m_path.CStr(), modes.directory), "Failed to create directory");
+        }
+        const YDirectory root = YDirectory::OpenFollowing(path);
+        for (const char* const name : TopDirectories)
+            MakeIfMissing(root, name, modes);
+        const YDirectory packs = root.OpenDirectory("data");
+        for (int byte = 0; byte < PackDirectories; ++byte)
+            MakeIfMissing(packs, HexByte(byte), modes);
+        Krt::File::Sync(packs.GetHandle());
+        Krt::File::Sync(root.GetHandle());
+    });
 }
 
 Krt::Util::YUnxHandle LocalBackend::OpenFile(const FileName& file) const
@@ -170,99 +180,97 @@ Krt::Util::YUnxHandle LocalBackend::OpenFile(const FileName& file) const
 
 void LocalBackend::Load(const FileName& file, std::uint64_t offset, std::uint64_t length, Bytes& out)
 {
-    Named([&file] { return file.Prefix(); },
-          [&] {
-              const Krt::Util::YUnxHandle handle = OpenFile(file);
-              const std::uint64_t size = RegularSize(handle);
-              REPOSITORY_RAISE_UNLESS(length <= size && offset <= size - length, Failure::Damaged,
-                                      "damaged: " << length << " bytes at offset " << offset
-                                                  << " of a file with " << size);
-              ReadAll(handle, offset, length, out);
-          });
+    Named(At(file), [&] {
+        const Krt::Util::YUnxHandle handle = OpenFile(file);
+        const std::uint64_t size = RegularSize(handle);
+        REPOSITORY_RAISE_UNLESS(length <= size && offset <= size - length, Failure::Damaged,
+                                "damaged: " << length << " bytes at offset " << offset << " of a file with "
+                                            << size);
+        ReadAll(handle, offset, length, out);
+    });
 }
 
 void LocalBackend::LoadWhole(const FileName& file, std::uint64_t limit, Bytes& out)
 {
-    Named([&file] { return file.Prefix(); },
-          [&] {
-              const Krt::Util::YUnxHandle handle = OpenFile(file);
-              const std::uint64_t size = RegularSize(handle);
-              REPOSITORY_RAISE_UNLESS(size <= limit, Failure::Damaged,
-                                      "damaged: " << size << " bytes are more than the limit of " << limit);
-              ReadAll(handle, 0, size, out);
-          });
+    Named(At(file), [&] {
+        const Krt::Util::YUnxHandle handle = OpenFile(file);
+        const std::uint64_t size = RegularSize(handle);
+        REPOSITORY_RAISE_UNLESS(size <= limit, Failure::Damaged,
+                                "damaged: " << size << " bytes are more than the limit of " << limit);
+        ReadAll(handle, 0, size, out);
+    });
 }
 
 std::uint64_t LocalBackend::Size(const FileName& file)
 {
-    return Named([&file] { return file.Prefix(); }, [&] { return RegularSize(OpenFile(file)); });
+    return Named(At(file), [&] { return RegularSize(OpenFile(file)); });
 }
 
 void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit)
 {
-    Named([this] { return Prefix(); },
-          [&] {
-              if (!Krt::File::DoesFileExist(m_path.CStr()))
-                  return;
-              const YDirectory root = YDirectory::OpenFollowing(m_path.CStr());
-              const std::optional<YDirectory> top = OpenIfPresent(root, Place({kind, {}}).way.front());
-              if (!top)
-                  return;
-              if (kind != FileKind::Pack) {
-                  VisitFiles(*top, visit);
-                  return;
-              }
-              for (int byte = 0; byte < PackDirectories; ++byte) {
-                  if (const std::optional<YDirectory> directory = OpenIfPresent(*top, HexByte(byte)))
-                      VisitFiles(*directory, visit, static_cast<unsigned char>(byte));
-              }
-          });
+    Named(At(m_path), [&] {
+        if (!Krt::File::DoesFileExist(m_path.CStr()))
+            return;
+        const YDirectory root = YDirectory::OpenFollowing(m_path.CStr());
+        const std::optional<YDirectory> top = OpenIfPresent(root, Place({kind, {}}).way.front());
+        if (!top)
+            return;
+        if (kind != FileKind::Pack) {
+            VisitFiles(*top, visit);
+            return;
+        }
+        for (int byte = 0; byte < PackDirectories; ++byte) {
+            if (const std::optional<YDirectory> directory = OpenIfPresent(*top, HexByte(byte)))
+                VisitFiles(*directory, visit, static_cast<unsigned char>(byte));
+        }
+    });
 }
 
 void LocalBackend::Save(const FileName& file, ByteView content)
 {
-    Named([&file] { return file.Prefix(); },
-          [&] {
-              const Place place(file);
-              Modes modes;
-              YDirectory directory = YDirectory::OpenFollowing(m_path.CStr());
-              struct stat config;
-              if (directory.StatIfPresent("config", config) && (config.st_mode & S_IRGRP) != 0)
-                  modes = {0770, 0440};
-              for (const YString& name : place.way)
-                  directory = OpenOrMake(directory, name, modes);
-              const YString temporary = TemporaryName(place.name);
-              Krt::Util::YUnxHandle handle = directory.CreateFile(temporary);
-              try {
-                  if (!content.empty())
-                      Krt::File::Write(handle, 0, content.size(), content.data());
-                  KRT_SYSCALL(fchmod(handle.Get(), modes.file), "Failed to set the mode of the file");
-                  Krt::File::Sync(handle);
-                  Krt::Util::CloseWritten(handle);
-                  directory.Rename(temporary, directory, place.name);
-              } catch (...) {
-                  handle.Close();
-                  directory.RemoveFile(temporary);
-                  throw;
-              }
-              Krt::File::Sync(directory.GetHandle());
-          });
+    Named(At(file), [&] {
+        const Place place(file);
+        Modes modes;
+        YDirectory directory = YDirectory::OpenFollowing(m_path.CStr());
+        struct stat config;
+        if (directory.StatIfPresent("config", config) && (config.st_mode & S_IRGRP) != 0)
+            modes = {0770, 0440};
+        for (const YString& name : place.way) {
+            if (MakeIfMissing(directory, name, modes))
+                Krt::File::Sync(directory.GetHandle());
+            directory = directory.OpenDirectory(name);
+        }
+        const YString temporary = TemporaryName(place.name);
+        Krt::Util::YUnxHandle handle = directory.CreateFile(temporary);
+        try {
+            if (!content.empty())
+                Krt::File::Write(handle, 0, content.size(), content.data());
+            KRT_SYSCALL(fchmod(handle.Get(), modes.file), "Failed to set the mode of the file");
+            Krt::File::Sync(handle);
+            Krt::Util::CloseWritten(handle);
+            directory.Rename(temporary, directory, place.name);
+        } catch (...) {
+            handle.Close();
+            directory.RemoveFile(temporary);
+            throw;
+        }
+        Krt::File::Sync(directory.GetHandle());
+    });
 }
 
 void LocalBackend::Remove(const FileName& file)
 {
-    Named([&file] { return file.Prefix(); },
-          [&] {
-              const Place place(file);
-              YDirectory directory = YDirectory::OpenFollowing(m_path.CStr());
-              for (const YString& name : place.way) {
-                  std::optional<YDirectory> next = OpenIfPresent(directory, name);
-                  if (!next)
-                      return;
-                  directory = std::move(*next);
-              }
-              directory.RemoveFile(place.name);
-          });
+    Named(At(file), [&] {
+        const Place place(file);
+        YDirectory directory = YDirectory::OpenFollowing(m_path.CStr());
+        for (const YString& name : place.way) {
+            std::optional<YDirectory> next = OpenIfPresent(directory, name);
+            if (!next)
+                return;
+            directory = std::move(*next);
+        }
+        directory.RemoveFile(place.name);
+    });
 }
 
 } // namespace Agent::Repo

@@ -1,0 +1,153 @@
+// What every backend promises. A further backend adds its factory at the end.
+#include "agent/Repository/Failure.h"
+#include "agent/Repository/LocalBackend.h"
+
+#include "testing/Raises.h"
+#include "testing/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Agent::Repo;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::optional<Failure> FailureOf(const std::function<void()>& call)
+{
+    try {
+        call();
+    } catch (const RepositoryError& error) {
+        return error.GetFailure();
+    }
+    return std::nullopt;
+}
+
+std::map<Id, std::uint64_t> Listed(IBackend& backend, FileKind kind)
+{
+    std::map<Id, std::uint64_t> files;
+    backend.List(kind,
+                 [&files](const Id& id, std::uint64_t size) { EXPECT_TRUE(files.emplace(id, size).second); });
+    return files;
+}
+
+// Makes a backend for an empty place, which it may create below the directory.
+using Factory = std::unique_ptr<IBackend> (*)(const Testing::TemporaryDirectory& directory);
+
+class Backend : public ::testing::TestWithParam<Factory>
+{
+protected:
+    const Testing::TemporaryDirectory directory;
+    const std::unique_ptr<IBackend> backend = GetParam()(directory);
+};
+
+TEST_P(Backend, KeepsFilesAsTheyWereSaved)
+{
+    Bytes content(100'000);
+    for (std::size_t i = 0; i < content.size(); ++i)
+        content[i] = static_cast<unsigned char>(i * i >> 4);
+    const Id id = Id::Of(content);
+    EXPECT_TRUE(Listed(*backend, FileKind::Pack).empty()) << "a place that does not exist has no files";
+    backend->Prepare();
+    backend->Prepare();
+    Bytes read;
+    for (const FileKind kind : {FileKind::Config, FileKind::Key, FileKind::Lock, FileKind::Snapshot,
+                                FileKind::Index, FileKind::Pack}) {
+        const FileName file{kind, id};
+        SCOPED_TRACE(file.Path());
+        EXPECT_EQ(FailureOf([&] { backend->Size(file); }), Failure::Missing);
+        EXPECT_EQ(FailureOf([&] { backend->LoadWhole(file, 10, read); }), Failure::Missing);
+        EXPECT_EQ(FailureOf([&] { backend->Load(file, 0, 1, read); }), Failure::Missing);
+        backend->Remove(file);
+        backend->Save(file, AsBytes("before"));
+        backend->Save(file, content);
+        EXPECT_EQ(backend->Size(file), content.size());
+        backend->LoadWhole(file, content.size(), read);
+        EXPECT_EQ(read, content);
+        backend->Load(file, 99'990, 10, read);
+        EXPECT_EQ(read, Bytes(content.end() - 10, content.end()));
+        backend->Load(file, content.size(), 0, read);
+        EXPECT_TRUE(read.empty());
+        for (const auto& [offset, length] : {std::pair(99'991ull, 10ull), {1ull << 40, 1ull}, {0ull, ~0ull}})
+            EXPECT_EQ(FailureOf([&, at = offset, size = length] { backend->Load(file, at, size, read); }),
+                      Failure::Damaged);
+        EXPECT_EQ(FailureOf([&] { backend->LoadWhole(file, content.size() - 1, read); }), Failure::Damaged);
+        if (kind != FileKind::Config) {
+            EXPECT_EQ(Listed(*backend, kind), (std::map<Id, std::uint64_t>{{id, content.size()}}));
+        }
+        backend->Remove(file);
+        EXPECT_EQ(FailureOf([&] { backend->Size(file); }), Failure::Missing);
+        backend->Save(file, {});
+        EXPECT_EQ(backend->Size(file), 0u);
+    }
+    EXPECT_THROW(backend->List(FileKind::Pack, [](const Id&, std::uint64_t) { throw 1; }), int);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Local, Backend,
+    ::testing::Values([](const Testing::TemporaryDirectory& directory) -> std::unique_ptr<IBackend> {
+        return std::make_unique<LocalBackend>((directory / "a/repo").c_str());
+    }));
+
+unsigned int ModeOf(const std::string& path)
+{
+    return Testing::StatusOf(path).st_mode & 07777u;
+}
+
+TEST(LocalRepository, HasTheLayoutAndTheModesOfTheFormat)
+{
+    const Testing::TemporaryDirectory directory;
+    const std::string root = directory / "repo";
+    LocalBackend backend(root.c_str());
+    const Id id = Id::Of({});
+    const std::string name = id.ToHex(), pack = root + "/data/" + name.substr(0, 2) + "/" + name;
+    const mode_t mask = umask(0077);
+    backend.Prepare();
+    backend.Save({FileKind::Pack, id}, AsBytes("x"));
+    EXPECT_EQ(ModeOf(root), 0700u);
+    EXPECT_EQ(ModeOf(root + "/data/ff"), 0700u);
+    EXPECT_EQ(ModeOf(pack), 0400u);
+
+    backend.Save({FileKind::Config, {}}, AsBytes("x"));
+    fs::permissions(root + "/config", fs::perms(0440));
+    fs::remove_all(root + "/data/" + name.substr(0, 2));
+    backend.Save({FileKind::Pack, id}, AsBytes("x"));
+    umask(mask);
+    EXPECT_EQ(ModeOf(root + "/data/" + name.substr(0, 2)), 0770u);
+    EXPECT_EQ(ModeOf(pack), 0440u);
+
+    for (const std::string& other : {"index/" + name + "-tmp-123", std::string("index/notes"),
+                                     "index/" + std::string(64, 'A'), "data/00/" + name})
+        directory.Write("repo/" + other, "x");
+    fs::create_directory(root + "/index/" + std::string(64, 'b'));
+    EXPECT_TRUE(Listed(backend, FileKind::Index).empty());
+    EXPECT_EQ(Listed(backend, FileKind::Pack).size(), 1u);
+    fs::remove_all(root + "/index");
+    EXPECT_TRUE(Listed(backend, FileKind::Index).empty());
+}
+
+TEST(LocalRepository, IsNotWrittenThroughASymlink)
+{
+    const Testing::TemporaryDirectory directory;
+    LocalBackend backend((directory / "repo").c_str());
+    const std::string outside = directory.MakeDirectory("outside");
+    backend.Prepare();
+    fs::remove(directory / "repo/index");
+    fs::create_directory_symlink(outside, directory / "repo/index");
+    const FileName file{FileKind::Index, Id::Of({})};
+    EXPECT_EQ(FailureOf([&] { backend.Save(file, AsBytes("x")); }), Failure::Missing);
+    EXPECT_TRUE(fs::is_empty(outside));
+    fs::create_symlink("/etc/passwd", directory / "repo/config");
+    Bytes read;
+    EXPECT_EQ(FailureOf([&] { backend.LoadWhole({}, 1 << 20, read); }), Failure::Backend);
+    ASSERT_TRUE(fs::remove(directory / "repo/config"));
+    ASSERT_EQ(mkfifo((directory / "repo/config").c_str(), 0600), 0);
+    EXPECT_EQ(FailureOf([&] { backend.LoadWhole({}, 1 << 20, read); }), Failure::Damaged);
+}
+
+} // namespace
