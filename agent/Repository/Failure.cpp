@@ -44,8 +44,7 @@ void RaiseNamed(const Krt::Exception::YError& error, const Krt::YString& prefix)
         throw RepositoryError(known->GetFailure(), error, prefix);
     if (error.GetType() != Krt::ExceptionType::OsError)
         throw;
-    throw RepositoryError(error.GetCode() == Krt::ErrorCode::NotFound ? Failure::Missing : Failure::Backend,
-                          error, prefix);
+    throw RepositoryError(Failure::Backend, error, prefix);
 }
 
 } // namespace Agent::Repo

@@ -38,8 +38,8 @@ private:
                                           const char* function, const Krt::YStream& message);
 
 /// Throws the error that is being handled again. A RepositoryError gets `prefix` before its message. An error
-/// of the operating system becomes a RepositoryError, too: Missing if its code is NotFound, otherwise
-/// Backend. Other errors are thrown unchanged.
+/// of the operating system becomes a RepositoryError of the kind Backend, too. Other errors are thrown
+/// unchanged.
 [[noreturn, gnu::cold]] void RaiseNamed(const Krt::Exception::YError& error, const Krt::YString& prefix);
 
 /// Calls `call` and returns its result. A YError is raised again by RaiseNamed with the prefix that

@@ -2,7 +2,9 @@
 
 #include "Krt/Exception/Raise.h"
 
-#include <openssl/sha.h>
+#include <openssl/evp.h>
+
+#include <memory>
 
 namespace Agent::Repo {
 
@@ -18,12 +20,28 @@ int DigitValue(char digit)
     return digit >= 'A' && digit <= 'F' ? digit - 'A' + 10 : -1;
 }
 
+struct Free
+{
+    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+
+// Ready for the next digest. Fetching the algorithm takes longer than hashing a small blob.
+EVP_MD_CTX* DigestOfThread()
+{
+    thread_local const std::unique_ptr<EVP_MD_CTX, Free> context(EVP_MD_CTX_new());
+    static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    return algorithm && context && EVP_DigestInit_ex2(context.get(), algorithm, nullptr) == 1 ? context.get()
+                                                                                              : nullptr;
+}
+
 } // namespace
 
 Id Id::Of(ByteView content)
 {
     Id id;
-    KRT_RAISE_UNLESS(SHA256(content.data(), content.size(), id.bytes.data()) != nullptr,
+    EVP_MD_CTX* const context = DigestOfThread();
+    KRT_RAISE_UNLESS(context != nullptr && EVP_DigestUpdate(context, content.data(), content.size()) == 1 &&
+                         EVP_DigestFinal_ex(context, id.bytes.data(), nullptr) == 1,
                      Krt::ErrorCode::CryptoFailure, "Failed to compute a SHA-256 digest");
     return id;
 }

@@ -33,6 +33,8 @@ PackedBlob ReadBlob(JsonReader& reader)
     std::string_view key;
     reader.BeginObject();
     while (reader.NextKey(key)) {
+        if (reader.IsNull())
+            continue;
         if (IsKey(key, "id")) {
             blob.handle.id = reader.ReadId();
             hasId = true;

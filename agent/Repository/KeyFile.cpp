@@ -107,6 +107,8 @@ KeyFile KeyFile::Parse(std::string_view json)
     std::string_view key;
     reader.BeginObject();
     while (reader.NextKey(key)) {
+        if (reader.IsNull())
+            continue;
         if (IsKey(key, "created"))
             file.created = reader.Time();
         else if (IsKey(key, "username"))

@@ -11,6 +11,8 @@ Lock Lock::Parse(std::string_view json)
     std::string_view key;
     reader.BeginObject();
     while (reader.NextKey(key)) {
+        if (reader.IsNull())
+            continue;
         if (IsKey(key, "time"))
             lock.time = reader.Time();
         else if (IsKey(key, "exclusive"))

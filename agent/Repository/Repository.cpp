@@ -266,6 +266,23 @@ void Repository::LoadBlob(const BlobHandle& handle, Bytes& plaintext) const
     REPOSITORY_RAISE(Failure::Missing, "The index does not have the blob " << handle.ToText());
 }
 
+void Repository::VisitTree(const Id& tree, const std::function<bool(Node& node)>& visit,
+                           UnknownMembers unknown) const
+{
+    const BlobHandle handle{BlobType::Tree, tree};
+    Bytes text;
+    LoadBlob(handle, text);
+    const auto describe = [&handle] {
+        return YString(std::string_view(handle.ToText().Bytes() + ": "));
+    };
+    TreeReader reader(AsText(text), unknown);
+    Node node;
+    while (Named(describe, [&] { return reader.Next(node); })) {
+        if (!visit(node))
+            return;
+    }
+}
+
 void Repository::LoadCopy(const IndexedBlob& place, Bytes& plaintext) const
 {
     thread_local Bytes sealed;

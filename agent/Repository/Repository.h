@@ -9,6 +9,7 @@
 #include "agent/Repository/Index.h"
 #include "agent/Repository/KeyFile.h"
 #include "agent/Repository/Snapshot.h"
+#include "agent/Repository/Tree.h"
 
 #include <functional>
 #include <memory>
@@ -90,6 +91,11 @@ public:
     /// one after the other. Raises Missing if the index does not have it, otherwise what the first copy
     /// raised. Memory of `plaintext` is reused, so a caller keeps one for each thread.
     void LoadBlob(const BlobHandle& handle, Bytes& plaintext) const;
+    /// Loads a tree and calls `visit` for each node, which it may change, until it returns false. Failures to
+    /// read the tree name it; what `visit` raises passes through. Nodes are checked as TreeReader does. The
+    /// tree's text is in memory until this returns.
+    void VisitTree(const Id& tree, const std::function<bool(Node& node)>& visit,
+                   UnknownMembers unknown = UnknownMembers::Ignore) const;
     /// Replaces the content of `plaintext` with a blob whose sealed bytes the caller has read, as described
     /// by `blob`, from `pack`. Raises Damaged if they are not this blob. `sealed` is changed.
     void DecodeBlob(const Id& pack, const PackedBlob& blob, std::span<unsigned char> sealed,

@@ -1,13 +1,14 @@
 #include "agent/Repository/LocalBackend.h"
 
 #include "agent/Repository/Failure.h"
+#include "agent/Repository/Sealing.h"
 
 #include "Krt/File/OpenFile.h"
 #include "Krt/File/YDirectory.h"
 #include "Krt/Util/OpenHandle.h"
 
-#include <openssl/rand.h>
-
+#include <array>
+#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -108,24 +109,31 @@ struct Place
 
 YString TemporaryName(const YString& name)
 {
-    unsigned int number = 0;
-    KRT_RAISE_UNLESS(RAND_bytes(reinterpret_cast<unsigned char*>(&number), sizeof(number)) == 1,
-                     Krt::ErrorCode::CryptoFailure, "No random bytes for a name");
-    return YString(std::string_view(name.Bytes() + "-tmp-" + std::to_string(number)));
+    std::array<unsigned char, sizeof(std::uint32_t)> random;
+    FillRandom(random);
+    return YString(
+        std::string_view(name.Bytes() + "-tmp-" + std::to_string(std::bit_cast<std::uint32_t>(random))));
 }
 
-void VisitFiles(const YDirectory& directory,
-                const std::function<void(const Id& id, std::uint64_t size)>& visit,
-                std::optional<unsigned char> firstByte = std::nullopt)
+struct ListedFile
 {
+    Id id;
+    std::uint64_t size;
+};
+
+// The files of a directory whose ids begin with the byte, or with any.
+std::vector<ListedFile> ListFiles(const YDirectory& directory, std::optional<unsigned char> firstByte)
+{
+    std::vector<ListedFile> files;
     directory.VisitEntries([&](const Krt::File::DirectoryEntry& entry) {
         const std::optional<Id> id = Id::FromHex(entry.name.Bytes());
         struct stat status;
         if (id && id->ToHex() == entry.name.Bytes() && (!firstByte || id->bytes[0] == *firstByte) &&
             directory.StatIfPresent(entry.name, status) && S_ISREG(status.st_mode))
-            visit(*id, static_cast<std::uint64_t>(status.st_size));
+            files.push_back({*id, static_cast<std::uint64_t>(status.st_size)});
         return true;
     });
+    return files;
 }
 
 YString HexByte(int byte)
@@ -173,9 +181,10 @@ void LocalBackend::Prepare()
 
 Krt::Util::YUnxHandle LocalBackend::OpenFile(const FileName& file) const
 {
-    return KRT_OS_VALUE(
-        Krt::Util::OpenHandle(PathOf(file).CStr(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY),
-        "Failed to open the file");
+    auto opened = Krt::Util::OpenHandle(PathOf(file).CStr(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    REPOSITORY_RAISE_UNLESS(opened.error != ENOENT && opened.error != ENOTDIR, Failure::Missing,
+                            "the file does not exist");
+    return KRT_OS_VALUE(std::move(opened), "Failed to open the file");
 }
 
 void LocalBackend::Load(const FileName& file, std::uint64_t offset, std::uint64_t length, Bytes& out)
@@ -208,22 +217,23 @@ std::uint64_t LocalBackend::Size(const FileName& file)
 
 void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit)
 {
-    Named(At(m_path), [&] {
+    const bool isPack = kind == FileKind::Pack;
+    const std::optional<YDirectory> top = Named(At(m_path), [&]() -> std::optional<YDirectory> {
         if (!Krt::File::DoesFileExist(m_path.CStr()))
-            return;
-        const YDirectory root = YDirectory::OpenFollowing(m_path.CStr());
-        const std::optional<YDirectory> top = OpenIfPresent(root, Place({kind, {}}).way.front());
-        if (!top)
-            return;
-        if (kind != FileKind::Pack) {
-            VisitFiles(*top, visit);
-            return;
-        }
-        for (int byte = 0; byte < PackDirectories; ++byte) {
-            if (const std::optional<YDirectory> directory = OpenIfPresent(*top, HexByte(byte)))
-                VisitFiles(*directory, visit, static_cast<unsigned char>(byte));
-        }
+            return std::nullopt;
+        return OpenIfPresent(YDirectory::OpenFollowing(m_path.CStr()), Place({kind, {}}).way.front());
     });
+    for (int byte = 0; top && byte < (isPack ? PackDirectories : 1); ++byte) {
+        const std::vector<ListedFile> files = Named(At(m_path), [&] {
+            if (!isPack)
+                return ListFiles(*top, std::nullopt);
+            const std::optional<YDirectory> directory = OpenIfPresent(*top, HexByte(byte));
+            return directory ? ListFiles(*directory, static_cast<unsigned char>(byte))
+                             : std::vector<ListedFile>();
+        });
+        for (const ListedFile& file : files)
+            visit(file.id, file.size);
+    }
 }
 
 void LocalBackend::Save(const FileName& file, ByteView content)

@@ -140,7 +140,7 @@ TEST(LocalRepository, IsNotWrittenThroughASymlink)
     fs::remove(directory / "repo/index");
     fs::create_directory_symlink(outside, directory / "repo/index");
     const FileName file{FileKind::Index, Id::Of({})};
-    EXPECT_EQ(FailureOf([&] { backend.Save(file, AsBytes("x")); }), Failure::Missing);
+    EXPECT_EQ(FailureOf([&] { backend.Save(file, AsBytes("x")); }), Failure::Backend);
     EXPECT_TRUE(fs::is_empty(outside));
     fs::create_symlink("/etc/passwd", directory / "repo/config");
     Bytes read;

@@ -364,6 +364,18 @@ TEST(Repository, TriesEachCopyOfABlobOnAllThreads)
     EXPECT_EQ(FailureOf([&] { repository.LoadBlob(handle, plaintext); }), Failure::Damaged)
         << "the first one's";
 
+    // A tree that is no tree is named.
+    writer.Clear();
+    const BlobHandle tree{BlobType::Tree, Id::Of(AsBytes("{\"nodes\":1}"))};
+    writer.Add(tree, AsBytes("{\"nodes\":1}"));
+    index.Add(repository.SavePack(writer.Finish()), writer.GetBlobs());
+    repository.SaveText(FileKind::Index, index.Finish());
+    repository.LoadIndex();
+    const auto error = ErrorOf([&] { repository.VisitTree(tree.id, [](Node&) { return true; }); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->GetMessage().Bytes(),
+              "tree " + tree.id.ToHex() + ": damaged at offset 9: an array is expected");
+
     // An index that states another length or another id than the blob has.
     std::vector<PackedBlob> blobs = writer.GetBlobs();
     Bytes sealed;
