@@ -75,6 +75,37 @@ char ToLower(char byte)
     return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
 }
 
+bool IsPlain(char byte)
+{
+    return byte >= 0x20 && byte != '"' && byte != '\\' && byte != '<' && byte != '>' && byte != '&';
+}
+
+// Appends the first character of the text, which is not plain. Returns the number of its bytes.
+std::size_t AppendEscaped(std::string_view text, std::string& out)
+{
+    static constexpr char HexDigits[] = "0123456789abcdef";
+    static constexpr std::string_view Named = "\"\\\b\f\n\r\t";
+    static constexpr std::string_view Letters = "\"\\bfnrt";
+    const auto byte = static_cast<unsigned char>(text.front());
+    const std::size_t named = Named.find(text.front());
+    const Utf8Character character = DecodeUtf8(text);
+    if (named != std::string_view::npos) {
+        out += '\\';
+        out += Letters[named];
+    } else if (byte < 0x80) {
+        out += "\\u00";
+        out += HexDigits[byte >> 4];
+        out += HexDigits[byte & 15];
+    } else if (character.size == 0) {
+        out += "\\ufffd";
+    } else if (character.code == 0x2028 || character.code == 0x2029) {
+        out += character.code == 0x2028 ? "\\u2028" : "\\u2029";
+    } else {
+        out += text.substr(0, character.size);
+    }
+    return std::max<std::size_t>(character.size, 1);
+}
+
 } // namespace
 
 bool IsKey(std::string_view key, std::string_view member)
@@ -439,36 +470,15 @@ void JsonWriter::Key(std::string_view key)
 
 void JsonWriter::String(std::string_view text)
 {
-    static constexpr char HexDigits[] = "0123456789abcdef";
-    static constexpr std::string_view Named = "\"\\\b\f\n\r\t";
-    static constexpr std::string_view Letters = "\"\\bfnrt";
     Separate();
     m_out += '"';
-    for (std::size_t at = 0; at < text.size();) {
-        const auto byte = static_cast<unsigned char>(text[at]);
-        if (byte >= 0x80) {
-            const Utf8Character character = DecodeUtf8(text.substr(at));
-            if (character.size == 0)
-                m_out += "\\ufffd";
-            else if (character.code == 0x2028 || character.code == 0x2029)
-                m_out += character.code == 0x2028 ? "\\u2028" : "\\u2029";
-            else
-                m_out.append(text, at, character.size);
-            at += std::max<std::size_t>(character.size, 1);
-            continue;
-        }
-        ++at;
-        const std::size_t named = Named.find(static_cast<char>(byte));
-        if (named != std::string_view::npos) {
-            m_out += '\\';
-            m_out += Letters[named];
-        } else if (byte < 0x20 || byte == '<' || byte == '>' || byte == '&') {
-            m_out += "\\u00";
-            m_out += HexDigits[byte >> 4];
-            m_out += HexDigits[byte & 15];
-        } else {
-            m_out += static_cast<char>(byte);
-        }
+    while (!text.empty()) {
+        const auto special = std::find_if_not(text.begin(), text.end(), IsPlain);
+        const auto plain = static_cast<std::size_t>(special - text.begin());
+        m_out += text.substr(0, plain);
+        text.remove_prefix(plain);
+        if (!text.empty())
+            text.remove_prefix(AppendEscaped(text, m_out));
     }
     m_out += '"';
 }

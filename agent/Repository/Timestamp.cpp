@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <ctime>
 
 namespace Agent::Repo {
@@ -62,6 +61,20 @@ private:
 
     std::string_view m_text;
 };
+
+// Appends the last digits of a number, this many.
+void AppendNumber(unsigned int number, int digits, std::string& out)
+{
+    out.append(static_cast<std::size_t>(digits), '0');
+    for (auto digit = out.rbegin(); digits > 0; --digits, number /= 10)
+        *digit++ = static_cast<char>('0' + number % 10);
+}
+
+void AppendField(char separator, unsigned int number, std::string& out)
+{
+    out += separator;
+    AppendNumber(number, 2, out);
+}
 
 bool TakeZone(TextReader& reader, std::int32_t& offset)
 {
@@ -132,25 +145,26 @@ void Timestamp::AppendTo(std::string& out) const
 {
     const std::int64_t shifted = std::clamp(seconds + offset, FirstSecond, LastSecond);
     const std::int64_t days = shifted / DaySeconds - (shifted % DaySeconds < 0 ? 1 : 0);
-    const int inDay = static_cast<int>(shifted - days * DaySeconds);
+    const auto inDay = static_cast<unsigned int>(shifted - days * DaySeconds);
     const std::chrono::year_month_day date{std::chrono::sys_days(std::chrono::days(days))};
-    char text[64];
-    std::snprintf(text, sizeof(text), "%04d-%02u-%02uT%02d:%02d:%02d", static_cast<int>(date.year()),
-                  static_cast<unsigned int>(date.month()), static_cast<unsigned int>(date.day()),
-                  inDay / 3600, inDay / 60 % 60, inDay % 60);
-    out += text;
+    AppendNumber(static_cast<unsigned int>(static_cast<int>(date.year())), 4, out);
+    AppendField('-', static_cast<unsigned int>(date.month()), out);
+    AppendField('-', static_cast<unsigned int>(date.day()), out);
+    AppendField('T', inDay / 3600, out);
+    AppendField(':', inDay / 60 % 60, out);
+    AppendField(':', inDay % 60, out);
     if (nanoseconds != 0) {
-        std::snprintf(text, sizeof(text), ".%09u", nanoseconds);
-        const std::string_view fraction = text;
-        out += fraction.substr(0, fraction.find_last_not_of('0') + 1);
+        out += '.';
+        AppendNumber(nanoseconds, FractionDigits, out);
+        out.erase(out.find_last_not_of('0') + 1);
     }
     if (offset == 0) {
         out += 'Z';
         return;
     }
-    const int ahead = offset < 0 ? -offset : offset;
-    std::snprintf(text, sizeof(text), "%c%02d:%02d", offset < 0 ? '-' : '+', ahead / 3600, ahead / 60 % 60);
-    out += text;
+    const auto ahead = static_cast<unsigned int>(offset < 0 ? -offset : offset);
+    AppendField(offset < 0 ? '-' : '+', ahead / 3600, out);
+    AppendField(':', ahead / 60 % 60, out);
 }
 
 std::string Timestamp::ToText() const

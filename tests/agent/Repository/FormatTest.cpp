@@ -385,7 +385,8 @@ TEST(Tree, ToleratesWhatTheFormatAllowsAndKeepsUnknownMembers)
           good + R"(,"size":3.0)", good + R"(,"content":["12"])", good + R"(,"mtime":"2024-01-01")",
           good + R"(,"uid":-1)"})
         EXPECT_NE(DamageOf([&] {
-                      TreeReader broken("{\"nodes\":[{" + bad + "}]}");
+                      const std::string tree = "{\"nodes\":[{" + bad + "}]}";
+                      TreeReader broken(tree);
                       broken.Next(node);
                   }),
                   "")
