@@ -63,8 +63,8 @@ public:
     /// exist. What `visit` raises passes through. The kind is not Config.
     virtual void List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit) = 0;
 
-    /// Stores a file, which is complete and durable when this returns. Nobody ever sees a part of it. A file
-    /// of the same name is replaced. After a failure the file is there as a whole or not at all.
+    /// Stores a file, which is complete and durable when this returns. Other processes see the whole file
+    /// or no file, also after a failure. A file that has this name is replaced.
     virtual void Save(const FileName& file, ByteView content) = 0;
     /// Removes a file. A file that does not exist counts as removed.
     virtual void Remove(const FileName& file) = 0;

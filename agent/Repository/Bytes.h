@@ -12,13 +12,13 @@ using Bytes = std::vector<unsigned char>;
 /// Bytes of another owner, which outlives the view.
 using ByteView = std::span<const unsigned char>;
 
-/// The same memory as text.
+/// The memory of the bytes, as text.
 inline std::string_view AsText(ByteView bytes)
 {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-/// The same memory as bytes.
+/// The memory of the text, as bytes.
 inline ByteView AsBytes(std::string_view text)
 {
     return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};

@@ -87,11 +87,11 @@ Id ReadPack(JsonReader& reader, std::vector<PackedBlob>& blobs)
     return *pack;
 }
 
-// A hash table of numbers with open addressing. What a number stands for is elsewhere.
+// A hash table of numbers with open addressing. What the numbers mean is stored elsewhere.
 class Slots
 {
 public:
-    // Calls `visit` for each number that may stand for what has the hash, in the order of insertion, until it
+    // Calls `visit` for each number that may have the hash, in the order of insertion, until it
     // returns true. Returns whether it did.
     template <class Visit>
     bool Find(std::size_t hash, const Visit& visit) const

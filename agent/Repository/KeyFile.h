@@ -40,8 +40,8 @@ struct KeyFile
     Bytes salt;
     Bytes data; ///< the sealed master key
 
-    /// Reads a file. Raises Damaged with the offset for what is no key file, for another function than
-    /// scrypt, and for a cost that is not acceptable.
+    /// Reads a file. Raises Damaged with the offset for text that is not a key file, for another function
+    /// than scrypt, and for a cost that is not acceptable.
     static KeyFile Parse(std::string_view json);
     /// The file's text.
     std::string ToJson() const;
@@ -49,7 +49,7 @@ struct KeyFile
     /// Seals `master` with the password and a random salt, into `salt` and `data`.
     void SetMaster(const Key& master, const Secret& password);
     /// The master key; nothing if the password is wrong. Raises Damaged if the password fits but the content
-    /// is no key. Needs the memory of the cost while it runs.
+    /// is not a key. Needs the memory of the cost while it runs.
     std::optional<Key> Unlock(const Secret& password) const;
 };
 

@@ -2,7 +2,7 @@
 //
 // Directories have mode 0700 and files 0400. If `config` can be read by its group, directories that are
 // created get 0770 and files 0440. A file is written under the temporary name "ID-tmp-DIGITS" in its own
-// directory, then renamed. A reader follows a symlink that stands for a directory, since the content of files
+// directory, then renamed. A reader follows a symlink in place of a directory, since the content of files
 // is verified. A listing and a writer follow none below the repository's own directory.
 #pragma once
 

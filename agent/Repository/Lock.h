@@ -12,7 +12,7 @@ namespace Agent::Repo {
 struct Lock
 {
     Timestamp time;           ///< of the last refresh
-    bool isExclusive = false; ///< nobody else may use the repository
+    bool isExclusive = false; ///< no other process may use the repository
     std::string hostname;
     std::string username;
     std::uint32_t pid = 0; ///< of the process on that host

@@ -46,7 +46,7 @@ void AppendEscaped(char32_t code, std::string& out)
     }
 }
 
-// Reads a number of exactly so many digits, and takes them from the text.
+// Reads a number of exactly `count` digits, and takes them from the text.
 bool TakeDigits(std::string_view& text, std::size_t count, int base, unsigned int& number)
 {
     if (text.size() < count)

@@ -83,7 +83,7 @@ public:
     // Blobs.
     /// Reads all index files. Snapshots that are to be complete are listed before. With `onFailure`, index
     /// files that can't be read are given to it and skipped; otherwise the first one raises, and the index is
-    /// unchanged. One thread; nobody else uses the repository meanwhile.
+    /// unchanged. No other thread uses the repository meanwhile.
     void LoadIndex(const FailureVisitor& onFailure = {});
     /// Empty before LoadIndex.
     const Index& GetIndex() const { return m_index; }

@@ -45,7 +45,7 @@ public:
         return contexts;
     }
 
-    // Encrypts or decrypts, which are the same in this mode.
+    // Encrypts or decrypts: in this mode both are one operation.
     void Transform(const Key& key, const unsigned char* iv, ByteView input, unsigned char* output)
     {
         Check(EVP_EncryptInit_ex2(m_counter.get(), nullptr, key.Encryption().data(), iv, nullptr) == 1);

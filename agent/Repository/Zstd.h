@@ -10,10 +10,10 @@ namespace Agent::Repo {
 /// levels are those of zstd.
 void Compress(ByteView content, Bytes& out, int level = 3);
 
-/// Replaces the content of `out` with the `size` bytes that the frames hold. Raises Damaged if they are no
+/// Replaces the content of `out` with the `size` bytes that the frames hold. Raises Damaged if they are not
 /// frames, are cut off, or hold more or fewer bytes. At most as much memory is taken as the frames can fill.
 void Decompress(ByteView frames, std::size_t size, Bytes& out);
-/// Replaces the content of `out` with what the frames hold. Raises Damaged if they are no frames, are cut
+/// Replaces the content of `out` with what the frames hold. Raises Damaged if they are not frames, are cut
 /// off, or hold more than `limit` bytes.
 void DecompressUpTo(ByteView frames, std::size_t limit, Bytes& out);
 

@@ -2,7 +2,7 @@
 #include "agent/Repository/Failure.h"
 #include "agent/Repository/LocalBackend.h"
 
-#include "testing/Raises.h"
+#include "testing/FileSizeLimit.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -93,6 +93,20 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values([](const Testing::TemporaryDirectory& directory) -> std::unique_ptr<IBackend> {
         return std::make_unique<LocalBackend>((directory / "a/repo").c_str());
     }));
+
+TEST(LocalRepository, HasNoPartOfAFileAfterAFailedWrite)
+{
+    const Testing::TemporaryDirectory directory;
+    LocalBackend backend((directory / "repo").c_str());
+    backend.Prepare();
+    const FileName file{FileKind::Snapshot, Id::Of({})};
+    const Bytes content(100'000, 'x');
+    {
+        const Testing::FileSizeLimit limit(50'000);
+        EXPECT_EQ(FailureOf([&] { backend.Save(file, content); }), Failure::Backend);
+    }
+    EXPECT_TRUE(fs::is_empty(directory / "repo/snapshots"));
+}
 
 unsigned int ModeOf(const std::string& path)
 {

@@ -364,7 +364,7 @@ TEST(Repository, TriesEachCopyOfABlobOnAllThreads)
     EXPECT_EQ(FailureOf([&] { repository.LoadBlob(handle, plaintext); }), Failure::Damaged)
         << "the first one's";
 
-    // A tree that is no tree is named.
+    // The message names a tree that can't be read.
     writer.Clear();
     const BlobHandle tree{BlobType::Tree, Id::Of(AsBytes("{\"nodes\":1}"))};
     writer.Add(tree, AsBytes("{\"nodes\":1}"));
