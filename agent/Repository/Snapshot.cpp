@@ -1,6 +1,7 @@
 #include "agent/Repository/Snapshot.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace Agent::Repo {
 
@@ -62,6 +63,15 @@ void WriteSummary(const SnapshotSummary& summary, JsonWriter& writer)
         writer.Number(summary.*count.field);
     }
     writer.EndObject();
+}
+
+bool IsKnown(std::string_view key)
+{
+    static constexpr std::string_view Keys[] = {
+        "time", "parent",   "tree", "paths",    "hostname",        "username", "uid",
+        "gid",  "excludes", "tags", "original", "program_version", "summary"};
+    return std::any_of(std::begin(Keys), std::end(Keys),
+                       [key](std::string_view known) { return IsKey(key, known); });
 }
 
 // Reads the value of a known member that is not null; returns false for another one.
@@ -161,9 +171,11 @@ Snapshot Snapshot::Parse(std::string_view json)
     while (reader.NextKey(key)) {
         const bool isTime = IsKey(key, "time");
         const bool isTree = IsKey(key, "tree");
-        const bool isNull = reader.IsNull();
-        if (isNull)
+        if (reader.IsNull()) {
+            if (!IsKnown(key))
+                snapshot.unknown.push_back({std::string(key), "null"});
             continue;
+        }
         hasTime |= isTime;
         hasTree |= isTree;
         if (!ReadMember(reader, key, snapshot))

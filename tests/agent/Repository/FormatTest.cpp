@@ -439,7 +439,7 @@ TEST(Snapshot, IsWrittenInTheFormOfTheFormat)
         zeros +
         R"(","program_version":"x 1","summary":{"backup_start":"2024-02-29T12:34:56Z","backup_end":"2024-02-29T12:34:57Z","files_new":1,)"
         R"("files_changed":2,"files_unmodified":3,"dirs_new":4,"dirs_changed":5,"dirs_unmodified":6,"data_blobs":7,"tree_blobs":8,)"
-        R"("data_added":9,"data_added_packed":10,"total_files_processed":11,"total_bytes_processed":12},"own":[1.0]})";
+        R"("data_added":9,"data_added_packed":10,"total_files_processed":11,"total_bytes_processed":12},"own":[1.0],"other":null})";
     const Snapshot snapshot = Snapshot::Parse(json);
     EXPECT_EQ(snapshot.ToJson(), json);
     const std::string small = R"({"time":"2024-02-29T12:34:56Z","tree":")" + zeros + R"(","paths":[]})";
