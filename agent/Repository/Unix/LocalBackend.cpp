@@ -3,9 +3,9 @@
 #include "agent/Repository/Failure.h"
 #include "agent/Repository/Sealing.h"
 
-#include "Krt/File/OpenFile.h"
+#include "Krt/File/File.h"
 #include "Krt/File/YDirectory.h"
-#include "Krt/Util/OpenHandle.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <array>
 #include <bit>
