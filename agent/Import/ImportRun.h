@@ -2,8 +2,8 @@
 // record that fails is reported and the run goes on; a store that fails ends it by a StoreError.
 #pragma once
 
-#include "agent/Restore/TargetLocation.h"
 #include "agent/Restore/RecordedEntry.h"
+#include "agent/Restore/TargetLocation.h"
 #include "agent/Run/Report.h"
 #include "agent/Store/ObjectWriter.h"
 #include "agent/Store/SnapshotWriter.h"

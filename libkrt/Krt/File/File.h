@@ -3,8 +3,8 @@
 /// @file
 /// File operations by path and on an open descriptor. By path, a symlink as the last component is not
 /// followed, except where noted. On a descriptor, they do not depend on the path. All raise the operating
-/// system's error (channel General) and retry on EINTR. See YDirectory.h for the entries of an open directory,
-/// and YEntry.h for owner, mode, times and attributes.
+/// system's error (channel General) and retry on EINTR. See YDirectory.h for the entries of an open
+/// directory, and YEntry.h for owner, mode, times and attributes.
 
 #include "Krt/File/YPath.h"
 #include "Krt/Memory/YHeap.h"
