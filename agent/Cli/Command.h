@@ -2,10 +2,10 @@
 #pragma once
 
 #include "agent/Run/Report.h"
+#include "agent/Run/UsageError.h"
 
 #include <initializer_list>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -25,13 +25,6 @@ public:
     /// Does the work. Entries that failed are reported, which makes the exit code 3, and an
     /// answer that is no, which makes it 4; what is raised is printed and makes it 1, or 2 for a UsageError.
     virtual void Run(Report& report) = 0;
-};
-
-/// Arguments that the program does not accept.
-class UsageError : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
 };
 
 std::unique_ptr<ICommand> MakeBackupCommand();

@@ -17,6 +17,18 @@ public:
     EndingOnInterrupts(const EndingOnInterrupts&) = delete;
     EndingOnInterrupts& operator=(const EndingOnInterrupts&) = delete;
 };
+/// While one lives, SIGHUP is ignored. A process that has locked a repository needs it: restic sends SIGHUP
+/// to the process that a lock names, to find out whether it exists.
+class IgnoringHangUps
+{
+public:
+    IgnoringHangUps();
+    ~IgnoringHangUps();
+    IgnoringHangUps(const IgnoringHangUps&) = delete;
+    IgnoringHangUps& operator=(const IgnoringHangUps&) = delete;
+};
+/// Raises InvalidState if the user asked the program to end.
+void RaiseIfInterrupted();
 /// Whether the user asked the program to end. A command then cleans up and raises.
 bool IsInterrupted();
 /// The signal that asked for it, 0 for none.

@@ -1,5 +1,7 @@
 #include "agent/Run/Interrupt.h"
 
+#include "Krt/Exception/Raise.h"
+
 #include <csignal>
 
 namespace Agent {
@@ -15,17 +17,24 @@ void OnSignal(int signal)
     s_interrupted = signal;
 }
 
-// A signal stays ignored if the program was started so, as nohup does.
-void ReplaceHandler(void (*from)(int), void (*to)(int))
+// Not SIG_IGN, which child processes would inherit.
+void OnHangUp(int) {}
+
+// Whoever started the program with a signal ignored, as nohup does, wants it ignored.
+void ReplaceHandlerOf(int signal, void (*from)(int), void (*to)(int))
 {
     struct sigaction action = {};
     action.sa_handler = to;
     action.sa_flags = SA_RESTART;
-    for (const int signal : Signals) {
-        struct sigaction current;
-        if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == from)
-            sigaction(signal, &action, nullptr);
-    }
+    struct sigaction current;
+    if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == from)
+        sigaction(signal, &action, nullptr);
+}
+
+void ReplaceHandler(void (*from)(int), void (*to)(int))
+{
+    for (const int signal : Signals)
+        ReplaceHandlerOf(signal, from, to);
 }
 
 } // namespace
@@ -50,6 +59,21 @@ EndingOnInterrupts::EndingOnInterrupts()
 EndingOnInterrupts::~EndingOnInterrupts()
 {
     ReplaceHandler(SIG_DFL, OnSignal);
+}
+
+IgnoringHangUps::IgnoringHangUps()
+{
+    ReplaceHandlerOf(SIGHUP, OnSignal, OnHangUp);
+}
+
+IgnoringHangUps::~IgnoringHangUps()
+{
+    ReplaceHandlerOf(SIGHUP, OnHangUp, OnSignal);
+}
+
+void RaiseIfInterrupted()
+{
+    KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
 }
 
 int InterruptingSignal()
