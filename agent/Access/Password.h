@@ -1,0 +1,43 @@
+// The password of a repository. It is never part of an argument, a log or a message.
+#pragma once
+
+#include "agent/Access/RepositoryOptions.h"
+#include "agent/Repository/Secret.h"
+#include "agent/Run/Report.h"
+
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+/// A password, and where it came from.
+struct Password
+{
+    Repo::Secret text;
+    bool isTyped = false; ///< on the terminal, where the user may try again
+};
+
+/// The password, from the first of these that there is:
+///   - the option for a file or for a command
+///   - the variable PASSWORD_FILE or PASSWORD_COMMAND of the environment, then PASSWORD
+///   - the terminal, without echo, if standard input is one; otherwise the first line of standard input
+/// Raises UsageError if a file and a command are given, InvalidState if the user interrupts, and
+/// InvalidArgument for an empty password and for a command that fails.
+Password ReadPassword(const RepositoryOptions& options, Report& report);
+
+/// The words of a command, separated by blanks. Text in single or double quotes is part of one word, and a
+/// backslash takes the character after it as it is, other than in single quotes. Raises UsageError for an
+/// open quote and for no word at all.
+std::vector<std::string> SplitWords(const std::string& command);
+
+/// Runs a program, found by PATH, without a shell. Returns what it printed, as TextOf. Raises the operating
+/// system's error if it can't be run, and InvalidArgument if it does not succeed.
+Repo::Secret RunPasswordCommand(const std::vector<std::string>& words);
+
+/// Asks on the terminal without echo. Raises InvalidState if the user interrupts or ends the input.
+Repo::Secret AskOnTerminal(const std::string& prompt);
+
+/// The first line of standard input, without its end.
+Repo::Secret ReadFirstLine();
+
+} // namespace Agent

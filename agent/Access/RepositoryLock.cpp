@@ -1,0 +1,192 @@
+#include "agent/Access/RepositoryLock.h"
+
+#include "agent/Access/Unix/Process.h"
+
+#include "Krt/Environment/Host.h"
+#include "Krt/Log/LogSite.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+using Krt::YString;
+using Repo::FileKind;
+using Repo::FileName;
+using Repo::Lock;
+using Repo::RepositoryError;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+namespace {
+
+constexpr milliseconds FirstWait{5000};
+constexpr milliseconds LongestWait{60000};
+
+std::string Describe(const Lock& lock)
+{
+    const std::int64_t age = std::max<std::int64_t>(0, Repo::Timestamp::Now().seconds - lock.time.seconds);
+    std::string text = lock.isExclusive ? "exclusively" : "";
+    text += (text.empty() ? "" : " ") + std::string("by PID ") + std::to_string(lock.pid) + " on " +
+            lock.hostname + " by " + lock.username;
+    text += " (UID " + std::to_string(lock.uid) + ", GID " + std::to_string(lock.gid) + ")";
+    text += " since " + lock.time.ToText() + ", " + std::to_string(age / 60) + " minutes ago";
+    return text;
+}
+
+[[noreturn]] void RaiseLocked(const FileName& file, const std::string& reason)
+{
+    try {
+        KRT_RAISE(Krt::ErrorCode::InvalidState, file.Prefix() << YString(reason));
+    } catch (const Krt::Exception::YError& error) {
+        throw LockedError(error);
+    }
+}
+
+} // namespace
+
+void SleepUnlessInterrupted(milliseconds time)
+{
+    constexpr milliseconds BetweenLooks{100};
+    const auto end = steady_clock::now() + time;
+    for (auto now = steady_clock::now(); now < end; now = steady_clock::now()) {
+        RaiseIfInterrupted();
+        std::this_thread::sleep_for(std::min<steady_clock::duration>(BetweenLooks, end - now));
+    }
+    RaiseIfInterrupted();
+}
+
+RepositoryLock::RepositoryLock(const Repo::Repository& repository, LockSettings settings)
+    : m_repository(repository), m_settings(std::move(settings))
+{
+    const ProcessIdentity identity = CurrentProcess();
+    m_lock.isExclusive = m_settings.isExclusive;
+    m_lock.hostname = Krt::Environment::GetHostName().Bytes();
+    m_lock.username = identity.userName;
+    m_lock.pid = identity.pid;
+    m_lock.uid = identity.uid;
+    m_lock.gid = identity.gid;
+    AcquireWithPatience();
+    m_refresher = std::thread([this] { KeepRefreshed(); });
+}
+
+RepositoryLock::~RepositoryLock()
+{
+    {
+        const std::lock_guard guard(m_mutex);
+        m_isEnding = true;
+    }
+    m_end.notify_all();
+    m_refresher.join();
+    try {
+        m_repository.GetBackend().Remove({FileKind::Lock, m_id});
+    } catch (const Krt::Exception::YError& error) {
+        KRT_LOG_FREE(Krt::MessageType::General, "Failed to remove the lock of the repository: " << error);
+    }
+}
+
+void RepositoryLock::AcquireWithPatience()
+{
+    const auto end = steady_clock::now() + m_settings.patience;
+    for (milliseconds wait = FirstWait;; wait = std::min(2 * wait, LongestWait)) {
+        try {
+            Acquire();
+            return;
+        } catch (const LockedError&) {
+            const auto left = std::chrono::duration_cast<milliseconds>(end - steady_clock::now());
+            if (left <= milliseconds(0))
+                throw;
+            SleepUnlessInterrupted(std::min(wait, left));
+        }
+    }
+}
+
+void RepositoryLock::Acquire()
+{
+    CheckOthers(nullptr);
+    m_lock.time = Repo::Timestamp::Now();
+    m_id = m_repository.SaveText(FileKind::Lock, m_lock.ToJson());
+    try {
+        SleepUnlessInterrupted(m_settings.settling);
+        CheckOthers(&m_id);
+    } catch (...) {
+        m_repository.GetBackend().Remove({FileKind::Lock, m_id});
+        throw;
+    }
+}
+
+void RepositoryLock::CheckOthers(const Repo::Id* own) const
+{
+    for (const Repo::Id& id : m_repository.ListIds(FileKind::Lock)) {
+        if (own != nullptr && id == *own)
+            continue;
+        const FileName file{FileKind::Lock, id};
+        try {
+            if (m_repository.GetBackend().Size(file) == 0)
+                continue; // its writer died
+            const Lock lock = Lock::Parse(m_repository.LoadText(file));
+            if (lock.isExclusive || m_lock.isExclusive)
+                RaiseLocked(file, "The repository is locked " + Describe(lock) +
+                                      ". If that process has died, remove its lock with 'restic unlock'");
+        } catch (const RepositoryError& error) {
+            if (error.GetFailure() == Repo::Failure::Missing)
+                continue; // removed meanwhile
+            RaiseLocked(file, "A lock of the repository can't be read: " + error.GetMessage().Bytes() +
+                                  ". If no process uses the repository, remove it with 'restic unlock "
+                                  "--remove-all'");
+        }
+    }
+}
+
+void RepositoryLock::KeepRefreshed()
+{
+    auto refreshed = Clock::now();
+    std::unique_lock guard(m_mutex);
+    while (!m_end.wait_for(guard, m_settings.refreshInterval, [this] { return m_isEnding; })) {
+        const auto age = Clock::now() - refreshed;
+        bool isLost = age > m_settings.expiry;
+        try {
+            if (Refresh(isLost)) {
+                refreshed = Clock::now();
+                isLost = false;
+            } else
+                isLost = true;
+        } catch (const Krt::Exception::YError& error) {
+            KRT_LOG_FREE(Krt::MessageType::General, "Failed to refresh the repository's lock: " << error);
+        }
+        if (isLost) {
+            m_settings.onLost();
+            return;
+        }
+    }
+}
+
+// Returns false if the old lock was removed by another process.
+bool RepositoryLock::Refresh(bool isExpired)
+{
+    const auto isThere = [this] {
+        try {
+            m_repository.GetBackend().Size({FileKind::Lock, m_id});
+            return true;
+        } catch (const RepositoryError& error) {
+            if (error.GetFailure() != Repo::Failure::Missing)
+                throw;
+            return false;
+        }
+    };
+    if (isExpired && !isThere())
+        return false;
+    m_lock.time = Repo::Timestamp::Now();
+    const Repo::Id renewed = m_repository.SaveText(FileKind::Lock, m_lock.ToJson());
+    if (isExpired) {
+        std::this_thread::sleep_for(m_settings.settling);
+        if (!isThere()) {
+            m_repository.GetBackend().Remove({FileKind::Lock, renewed});
+            return false;
+        }
+    }
+    const Repo::Id old = std::exchange(m_id, renewed);
+    m_repository.GetBackend().Remove({FileKind::Lock, old});
+    return true;
+}
+
+} // namespace Agent

@@ -1,0 +1,78 @@
+// RepositoryLock: keeps a lock file in a repository while a command uses it. Locks that are not exclusive may
+// exist at the same time. An exclusive lock excludes all others. Age is not considered: the lock of a process
+// that has died excludes others until `restic unlock` removes it.
+#pragma once
+
+#include "agent/Repository/Lock.h"
+#include "agent/Repository/Repository.h"
+#include "agent/Run/Interrupt.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace Agent {
+
+/// The repository is locked by another process.
+class LockedError : public Krt::Exception::YError
+{
+public:
+    explicit LockedError(const Krt::Exception::YError& cause) : YError(cause) {}
+};
+
+/// How a repository is locked.
+struct LockSettings
+{
+    bool isExclusive = false;
+    /// How long an attempt is repeated while another process has a lock.
+    std::chrono::milliseconds patience{0};
+    /// Called once if the lock was lost. Called by another thread.
+    std::function<void()> onLost = [] {
+    };
+    /// Between writing the lock and looking for locks that were written meanwhile.
+    std::chrono::milliseconds settling{200};
+    /// Between refreshments.
+    std::chrono::milliseconds refreshInterval{std::chrono::minutes(5)};
+    /// Without a refreshment for this long, as after a standby, the lock may have been removed by others.
+    std::chrono::milliseconds expiry{std::chrono::milliseconds(22 * 60 * 1000 + 30 * 1000)};
+};
+
+class RepositoryLock
+{
+public:
+    /// Locks the repository, which outlives this object. Raises LockedError if another process has a lock
+    /// that excludes this one, and InvalidState if the user interrupts. Raises what the repository raises.
+    RepositoryLock(const Repo::Repository& repository, LockSettings settings);
+    /// Removes the lock. A failure is ignored: other processes then need `restic unlock`.
+    ~RepositoryLock();
+    RepositoryLock(const RepositoryLock&) = delete;
+    RepositoryLock& operator=(const RepositoryLock&) = delete;
+
+    const Repo::Id& GetId() const { return m_id; }
+
+private:
+    using Clock = std::chrono::system_clock; // which goes on during a standby
+
+    void AcquireWithPatience();
+    void Acquire();
+    void CheckOthers(const Repo::Id* own) const;
+    void KeepRefreshed();
+    bool Refresh(bool isExpired);
+
+    const Repo::Repository& m_repository;
+    LockSettings m_settings;
+    IgnoringHangUps m_ignoring;
+    Repo::Lock m_lock;
+    Repo::Id m_id;
+    std::mutex m_mutex;
+    std::condition_variable m_end;
+    bool m_isEnding = false;
+    std::thread m_refresher;
+};
+
+/// Sleeps, and raises InvalidState as soon as the user interrupts.
+void SleepUnlessInterrupted(std::chrono::milliseconds time);
+
+} // namespace Agent

@@ -1,0 +1,74 @@
+#include "agent/Access/RepositoryOptions.h"
+
+#include "agent/Access/TextFile.h"
+#include "agent/Repository/Secret.h"
+#include "agent/Run/UsageError.h"
+
+#include "Krt/Environment/Process.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace Agent {
+
+namespace {
+
+std::optional<std::string> Variable(const std::string& name)
+{
+    const char* const value = Krt::Environment::IsPrivilegeRaised() ? nullptr : std::getenv(name.c_str());
+    return value != nullptr && *value != '\0' ? std::optional<std::string>(value) : std::nullopt;
+}
+
+} // namespace
+
+std::optional<std::string> FromEnvironment(std::initializer_list<const char*> names, std::string_view name)
+{
+    const bool isOurs = std::any_of(names.begin(), names.end(), [](const char* each) {
+        return Variable(std::string("KBAGENT_") + each).has_value();
+    });
+    return Variable((isOurs ? "KBAGENT_" : "RESTIC_") + std::string(name));
+}
+
+std::string FindLocation(const RepositoryOptions& options)
+{
+    std::string location = options.location;
+    std::string file = options.locationFile;
+    if (location.empty() && file.empty()) {
+        const auto names = {"REPOSITORY", "REPOSITORY_FILE"};
+        location = FromEnvironment(names, "REPOSITORY").value_or("");
+        file = FromEnvironment(names, "REPOSITORY_FILE").value_or("");
+    }
+    if (!location.empty() && !file.empty())
+        throw UsageError("The repository is given twice: directly and by a file");
+    if (!file.empty()) {
+        const Repo::Secret text = ReadTextFile(file);
+        location = Repo::AsText(text.View());
+    }
+    if (location.empty())
+        throw UsageError("Name a repository: --repo, --repository-file or KBAGENT_REPOSITORY");
+    return location;
+}
+
+std::chrono::seconds ParseDuration(const std::string& text)
+{
+    constexpr std::int64_t Longest = 366LL * 24 * 3600;
+    std::int64_t total = 0;
+    std::size_t at = 0;
+    while (at < text.size()) {
+        const std::size_t unit = text.find_first_not_of("0123456789", at);
+        const auto factor = unit == std::string::npos || unit == at || unit - at > 8 ? 0
+                            : text[unit] == 'h'                                      ? 3600
+                            : text[unit] == 'm'                                      ? 60
+                            : text[unit] == 's'                                      ? 1
+                                                                                     : 0;
+        if (factor == 0)
+            break;
+        total += factor * std::stoll(text.substr(at, unit - at));
+        at = unit + 1;
+    }
+    if (text.empty() || at != text.size() || total > Longest)
+        throw UsageError("Not a duration such as 90s, 5m or 1h30m: '" + text + "'");
+    return std::chrono::seconds(total);
+}
+
+} // namespace Agent

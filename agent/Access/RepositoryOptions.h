@@ -1,0 +1,39 @@
+// RepositoryOptions: which repository a command uses, and how it is opened and locked. What the command line
+// leaves open comes from the environment: from variables KBAGENT_..., or RESTIC_... if there is no variable
+// KBAGENT_... for the same purpose.
+#pragma once
+
+#include <chrono>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Agent {
+
+struct RepositoryOptions
+{
+    std::string location;              ///< of the repository; empty if not given
+    std::string locationFile;          ///< a file with the location; empty if not given
+    std::string passwordFile;          ///< a file with the password; empty if not given
+    std::string passwordCommand;       ///< a command that prints the password; empty if not given
+    std::string keyHint;               ///< first digits of the key file to try first; empty if not given
+    bool isUnlocked = false;           ///< the repository is used without a lock
+    std::chrono::seconds retryLock{0}; ///< how long to wait for a repository that is locked
+    bool isQuiet = false;              ///< only what was asked for is printed
+    bool isJson = false;               ///< errors are printed as JSON
+    bool isVerbose = false;            ///< more is reported
+};
+
+/// The value of the first of the variables PREFIX_name that is set and not empty. PREFIX is KBAGENT if one of
+/// the names is set with it, otherwise RESTIC. `name` is one of the names.
+std::optional<std::string> FromEnvironment(std::initializer_list<const char*> names, std::string_view name);
+
+/// The location of the repository, from the options or the environment. Raises UsageError if there is none,
+/// or more than one. Raises the operating system's error if a file can't be read.
+std::string FindLocation(const RepositoryOptions& options);
+
+/// A time such as "90s", "5m" or "1h30m", as restic writes it. Raises UsageError for other text.
+std::chrono::seconds ParseDuration(const std::string& text);
+
+} // namespace Agent

@@ -1,0 +1,92 @@
+#include "agent/Access/Session.h"
+
+#include "agent/Access/Password.h"
+#include "agent/Repository/LocalBackend.h"
+#include "agent/Run/Text.h"
+
+#include <cerrno>
+
+namespace Agent {
+
+using Krt::YString;
+using Repo::RepositoryError;
+
+namespace {
+
+constexpr int AttemptsOnTerminal = 3;
+constexpr std::string_view LocalScheme = "local:";
+constexpr std::string_view OtherSchemes[] = {
+    "sftp:", "rest:", "s3:", "rclone:", "b2:", "azure:", "gs:", "swift:"};
+
+bool IsReadOnly(const Krt::Exception::YError& error)
+{
+    const int number = error.GetOsError();
+    return number == EROFS || number == EACCES || number == EPERM;
+}
+
+} // namespace
+
+std::shared_ptr<Repo::IBackend> BackendOf(const std::string& location)
+{
+    for (const std::string_view scheme : OtherSchemes)
+        KRT_RAISE_UNLESS(!location.starts_with(scheme), Krt::ErrorCode::NotSupported,
+                         "Repositories at an address that begins with " << YString(scheme)
+                                                                        << " are not supported");
+    const std::string path =
+        location.starts_with(LocalScheme) ? location.substr(LocalScheme.size()) : location;
+    return std::make_shared<Repo::LocalBackend>(YString(std::string_view(path)));
+}
+
+Session::Session(const RepositoryOptions& options, Report& report) : m_options(options), m_report(report)
+{
+    if (m_options.isJson)
+        m_report.UseJson();
+    m_backend = std::make_shared<WatchedBackend>(BackendOf(FindLocation(m_options)));
+    Open();
+    if (!m_options.isUnlocked)
+        LockForReading();
+}
+
+void Session::LoadIndex()
+{
+    m_repository->LoadIndex([this](const Repo::FileName& file, const RepositoryError& error) {
+        m_report.EntryFailed(YString(file.Path()), ReasonOf(error));
+    });
+}
+
+void Session::Open()
+{
+    Repo::OpenOptions options;
+    options.keyHint = !m_options.keyHint.empty() ? m_options.keyHint
+                                                 : FromEnvironment({"KEY_HINT"}, "KEY_HINT").value_or("");
+    for (int attempt = 1; !m_repository; ++attempt) {
+        const Password password = ReadPassword(m_options, m_report);
+        try {
+            m_repository.emplace(Repo::Repository::Open(m_backend, password.text, options));
+        } catch (const RepositoryError& error) {
+            const bool mayTryAgain = error.GetFailure() == Repo::Failure::WrongPassword && password.isTyped &&
+                                     attempt < AttemptsOnTerminal;
+            if (!mayTryAgain)
+                throw;
+            m_report.Note(ReasonOf(error));
+        }
+    }
+}
+
+void Session::LockForReading()
+{
+    LockSettings settings;
+    settings.patience = m_options.retryLock;
+    settings.onLost = [backend = m_backend] {
+        backend->ReportLostLock();
+    };
+    try {
+        m_lock.emplace(*m_repository, std::move(settings));
+    } catch (const RepositoryError& error) {
+        if (!IsReadOnly(error))
+            throw;
+        m_report.Note("The repository can't be written, so it is read without a lock: " + ReasonOf(error));
+    }
+}
+
+} // namespace Agent

@@ -1,0 +1,150 @@
+#include "agent/Access/SnapshotChoice.h"
+
+#include "agent/Run/Text.h"
+
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+
+namespace Agent {
+
+using Krt::YString;
+using Repo::Id;
+using Repo::StoredSnapshot;
+
+namespace {
+
+constexpr std::size_t ShortDigits = 8;
+
+std::vector<std::string> SplitList(const std::string& list)
+{
+    std::vector<std::string> parts;
+    for (std::size_t begin = 0; begin <= list.size();) {
+        const std::size_t end = std::min(list.find(',', begin), list.size());
+        if (end != begin)
+            parts.push_back(list.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return parts;
+}
+
+std::string CalendarText(std::int64_t seconds)
+{
+    const auto time = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+    char text[64];
+    if (gmtime_r(&time, &parts) == nullptr ||
+        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts) == 0)
+        return std::to_string(seconds);
+    return text;
+}
+
+std::string Joined(const std::vector<std::string>& texts)
+{
+    std::string all;
+    for (const std::string& text : texts)
+        all += (all.empty() ? "" : " ") + text;
+    return all;
+}
+
+} // namespace
+
+Repo::SnapshotFilter FilterOf(const SnapshotOptions& options)
+{
+    Repo::SnapshotFilter filter;
+    filter.hosts = options.hosts;
+    for (const std::string& list : options.tags)
+        filter.tags.push_back(SplitList(list));
+    for (const std::string& path : options.paths) {
+        std::string absolute = std::filesystem::absolute(path).lexically_normal().string();
+        if (absolute.size() > 1 && absolute.back() == '/')
+            absolute.pop_back();
+        filter.paths.push_back(std::move(absolute));
+    }
+    return filter;
+}
+
+StoredSnapshot ChooseSnapshot(Session& session, const std::string& text, const SnapshotOptions& options)
+{
+    if (text != "latest")
+        return session.GetRepository().FindSnapshot(text, FilterOf(options));
+    std::vector<StoredSnapshot> all = ChooseSnapshots(session, {}, options);
+    KRT_RAISE_UNLESS(!all.empty(), Krt::ErrorCode::InvalidArgument, "There is no snapshot to choose from");
+    if (!session.GetOptions().isQuiet)
+        session.GetReport().Note("latest is " + YString(DescribeSnapshot(all.back())));
+    return std::move(all.back());
+}
+
+std::vector<StoredSnapshot> ChooseSnapshots(Session& session, const std::vector<std::string>& texts,
+                                            const SnapshotOptions& options)
+{
+    Report& report = session.GetReport();
+    if (texts.empty())
+        return session.GetRepository().LoadSnapshots(
+            FilterOf(options), [&](const Repo::FileName& file, const Repo::RepositoryError& error) {
+                report.EntryFailed(YString(file.Path()), ReasonOf(error));
+            });
+    std::vector<StoredSnapshot> chosen;
+    for (const std::string& text : texts) {
+        try {
+            StoredSnapshot found = ChooseSnapshot(session, text, options);
+            const bool isKnown = std::any_of(chosen.begin(), chosen.end(),
+                                             [&](const auto& each) { return each.id == found.id; });
+            if (!isKnown)
+                chosen.push_back(std::move(found));
+        } catch (const Krt::Exception::YError& error) {
+            RaiseIfInterrupted();
+            report.EntryFailed(YString(std::string_view(text)), ReasonOf(error));
+        }
+    }
+    return chosen;
+}
+
+std::string ShortId(const Id& id)
+{
+    return id.ToHex().substr(0, ShortDigits);
+}
+
+std::string DescribeSnapshot(const StoredSnapshot& stored)
+{
+    const Repo::Snapshot& snapshot = stored.snapshot;
+    std::string text = "snapshot " + ShortId(stored.id) + " of [" + Joined(snapshot.paths) + "] at " +
+                       CalendarText(snapshot.time.seconds + snapshot.time.offset);
+    if (snapshot.time.nanoseconds != 0) {
+        std::string fraction = std::to_string(1000000000 + snapshot.time.nanoseconds).substr(1);
+        fraction.erase(fraction.find_last_not_of('0') + 1);
+        text += "." + fraction;
+    }
+    const int minutes = std::abs(snapshot.time.offset) / 60;
+    char zone[32];
+    std::snprintf(zone, sizeof zone, " %c%02d%02d", snapshot.time.offset < 0 ? '-' : '+', minutes / 60,
+                  minutes % 60);
+    text += zone;
+    if (!snapshot.username.empty() || !snapshot.hostname.empty())
+        text += " by " + snapshot.username + "@" + snapshot.hostname;
+    return text;
+}
+
+std::string LocalTime(const Repo::Timestamp& time)
+{
+    return CalendarText(time.seconds + Repo::Timestamp::Local(time.seconds, 0).offset);
+}
+
+Id FindFile(const Repo::Repository& repository, Repo::FileKind kind, const std::string& digits)
+{
+    std::string lower = digits;
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char byte) { return static_cast<char>(std::tolower(byte)); });
+    std::optional<Id> found;
+    for (const Id& id : repository.ListIds(kind)) {
+        if (!id.ToHex().starts_with(lower))
+            continue;
+        KRT_RAISE_UNLESS(!found, Krt::ErrorCode::InvalidArgument,
+                         "More than one id begins with " << digits.c_str());
+        found = id;
+    }
+    KRT_RAISE_UNLESS(found, Krt::ErrorCode::InvalidArgument, "No id begins with " << digits.c_str());
+    return *found;
+}
+
+} // namespace Agent

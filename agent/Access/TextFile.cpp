@@ -1,0 +1,91 @@
+#include "agent/Access/TextFile.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/Util/YUnxHandle.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <utf8.h>
+
+#include <iterator>
+
+namespace Agent {
+
+using Krt::YString;
+using Repo::Bytes;
+using Repo::ByteView;
+using Repo::Secret;
+
+namespace {
+
+bool BeginsWith(ByteView bytes, std::string_view mark)
+{
+    return Repo::AsText(bytes).starts_with(mark);
+}
+
+Bytes FromUtf16(ByteView text, bool isBigEndian, const std::string& name)
+{
+    const auto invalid = [&name] {
+        KRT_RAISE(Krt::ErrorCode::InvalidArgument, YString(name) << " is not valid UTF-16");
+    };
+    if (text.size() % 2 != 0)
+        invalid();
+    std::u16string units;
+    units.reserve(text.size() / 2);
+    for (std::size_t i = 0; i < text.size(); i += 2)
+        units += static_cast<char16_t>(isBigEndian ? text[i] << 8 | text[i + 1] : text[i + 1] << 8 | text[i]);
+    Bytes bytes;
+    bytes.reserve(2 * text.size());
+    try {
+        utf8::utf16to8(units.begin(), units.end(), std::back_inserter(bytes));
+    } catch (const utf8::exception&) {
+        Repo::Wipe(bytes);
+        invalid();
+    }
+    Repo::Wipe({reinterpret_cast<unsigned char*>(units.data()), 2 * units.size()});
+    return bytes;
+}
+
+} // namespace
+
+Secret TextOf(Bytes& bytes, const std::string& name)
+{
+    constexpr std::string_view White = " \t\r\n\v\f";
+    std::size_t mark = BeginsWith(bytes, "\xEF\xBB\xBF") ? 3 : 0;
+    if (const bool isBig = BeginsWith(bytes, "\xFE\xFF"); isBig || BeginsWith(bytes, "\xFF\xFE")) {
+        Bytes converted = FromUtf16(ByteView(bytes).subspan(2), isBig, name);
+        bytes.swap(converted);
+        Repo::Wipe(converted);
+        mark = 0;
+    }
+    const std::string_view text = Repo::AsText(ByteView(bytes).subspan(mark));
+    const std::size_t begin = std::min(text.find_first_not_of(White), text.size());
+    const std::size_t end = text.find_last_not_of(White) + 1;
+    Secret secret(Repo::AsBytes(text.substr(begin, end > begin ? end - begin : 0)));
+    Repo::Wipe(bytes);
+    bytes.clear();
+    return secret;
+}
+
+Secret ReadTextFile(const std::string& path)
+{
+    const Krt::Util::YUnxHandle file =
+        KRT_OS_VALUE(Krt::Util::OwnAboveStandardStreams(
+                         Krt::Util::CallSystem([&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC); })),
+                     "Failed to open file: " << path.c_str());
+    Bytes bytes(TextLimit + 1);
+    std::size_t size = 0;
+    while (size < bytes.size()) {
+        const auto count = KRT_SYSCALL(read(file.Get(), bytes.data() + size, bytes.size() - size),
+                                       "Failed to read file: " << path.c_str());
+        if (count == 0)
+            break;
+        size += static_cast<std::size_t>(count);
+    }
+    KRT_RAISE_UNLESS(size <= TextLimit, Krt::ErrorCode::InvalidArgument,
+                     "The file is too long for a password or a location: " << path.c_str());
+    bytes.resize(size);
+    return TextOf(bytes, path);
+}
+
+} // namespace Agent

@@ -1,0 +1,177 @@
+#include "agent/Access/TreeWalk.h"
+
+#include "agent/Repository/Tree.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
+
+#include <memory>
+
+namespace Agent {
+
+using Krt::YString;
+using Repo::BlobType;
+using Repo::Id;
+using Repo::Node;
+using Repo::NodeType;
+using Repo::RepositoryError;
+
+namespace {
+
+// A tree whose entries are being visited.
+struct Level
+{
+    Repo::Bytes text;
+    Repo::TreeReader reader{{}};
+    std::size_t pathLength = 0;
+};
+
+std::unique_ptr<Level> OpenLevel(const Repo::Repository& repository, const Id& tree, std::size_t pathLength)
+{
+    auto level = std::make_unique<Level>();
+    repository.LoadBlob({BlobType::Tree, tree}, level->text);
+    level->reader = Repo::TreeReader(Repo::AsText(level->text), Repo::UnknownMembers::Keep);
+    level->pathLength = pathLength;
+    return level;
+}
+
+std::vector<std::string_view> NamesOf(std::string_view path)
+{
+    std::vector<std::string_view> names;
+    for (std::size_t begin = 0; begin < path.size();) {
+        const std::size_t end = std::min(path.find('/', begin), path.size());
+        if (end != begin)
+            names.push_back(path.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return names;
+}
+
+// The entry of a tree; false if there is none.
+bool FindInTree(const Repo::Repository& repository, const Id& tree, std::string_view name, Node& found)
+{
+    Repo::Bytes text;
+    repository.LoadBlob({BlobType::Tree, tree}, text);
+    Repo::TreeReader reader(Repo::AsText(text), Repo::UnknownMembers::Keep);
+    bool isFound = false;
+    for (Node node; reader.Next(node);) {
+        const bool isPrinted = Printable(node.name) == name;
+        if (!isPrinted && node.name != name)
+            continue;
+        found = std::move(node);
+        isFound = true;
+        if (isPrinted)
+            break;
+        node = Node();
+    }
+    return isFound;
+}
+
+class Walk
+{
+public:
+    Walk(const Repo::Repository& repository, const EntryVisitor& visit, const TreeFailure& onFailure)
+        : m_repository(repository), m_visit(visit), m_onFailure(onFailure)
+    {}
+
+    void Run(const Id& tree, const std::string& path)
+    {
+        m_path = path;
+        Descend(tree);
+        while (!m_levels.empty()) {
+            RaiseIfInterrupted();
+            if (!VisitNext())
+                return;
+        }
+    }
+
+private:
+    // Returns false at the end of the walk.
+    bool VisitNext()
+    {
+        Level& level = *m_levels.back();
+        m_path.resize(level.pathLength);
+        if (!Next(level)) {
+            m_levels.pop_back();
+            return true;
+        }
+        m_path += '/';
+        m_path += m_node.name;
+        const Step step = m_visit(m_path, m_node);
+        if (step == Step::Into && m_node.type == NodeType::Directory)
+            DescendInto();
+        return step != Step::End;
+    }
+
+    bool Next(Level& level)
+    {
+        try {
+            return level.reader.Next(m_node);
+        } catch (const RepositoryError& error) {
+            m_onFailure(PathOrRoot(), error);
+            return false;
+        }
+    }
+
+    void DescendInto()
+    {
+        try {
+            REPOSITORY_RAISE_UNLESS(m_node.subtree, Repo::Failure::Damaged, "The directory has no tree");
+            REPOSITORY_RAISE_UNLESS(m_levels.size() < DepthLimit, Repo::Failure::Damaged,
+                                    "The directory is more than " << static_cast<unsigned long>(DepthLimit)
+                                                                  << " levels deep");
+        } catch (const RepositoryError& error) {
+            m_onFailure(m_path, error);
+            return;
+        }
+        Descend(*m_node.subtree);
+    }
+
+    void Descend(const Id& tree)
+    {
+        try {
+            m_levels.push_back(OpenLevel(m_repository, tree, m_path.size()));
+        } catch (const RepositoryError& error) {
+            m_onFailure(PathOrRoot(), error);
+        }
+    }
+
+    std::string PathOrRoot() const { return m_path.empty() ? "/" : m_path; }
+
+    const Repo::Repository& m_repository;
+    const EntryVisitor& m_visit;
+    const TreeFailure& m_onFailure;
+    std::vector<std::unique_ptr<Level>> m_levels;
+    std::string m_path;
+    Node m_node;
+};
+
+} // namespace
+
+void WalkTree(const Repo::Repository& repository, const Id& tree, const std::string& path,
+              const EntryVisitor& visit, const TreeFailure& onFailure)
+{
+    Walk(repository, visit, onFailure).Run(tree, path);
+}
+
+FoundEntry FindEntry(const Repo::Repository& repository, const Id& tree, const std::string& path)
+{
+    FoundEntry found{"/", {}};
+    found.node.type = NodeType::Directory;
+    found.node.mode = Repo::MakeNodeMode(040755);
+    found.node.subtree = tree;
+    std::string way;
+    for (const std::string_view name : NamesOf(path)) {
+        const bool isDirectory = found.node.type == NodeType::Directory && found.node.subtree;
+        Node node;
+        KRT_RAISE_UNLESS(isDirectory && FindInTree(repository, *found.node.subtree, name, node),
+                         Krt::ErrorCode::InvalidArgument,
+                         "The snapshot has no entry " << YString(std::string_view(path)));
+        way += "/" + node.name;
+        found.node = std::move(node);
+    }
+    if (!way.empty())
+        found.path = way;
+    return found;
+}
+
+} // namespace Agent

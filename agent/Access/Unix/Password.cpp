@@ -1,0 +1,123 @@
+#include "agent/Access/Password.h"
+
+#include "agent/Access/TextFile.h"
+#include "agent/Run/Interrupt.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/Util/YScope.h"
+#include "Krt/Util/YUnxHandle.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace Agent {
+
+using Krt::Util::CallSystem;
+using Krt::Util::YUnxHandle;
+using Repo::Bytes;
+using Repo::Secret;
+
+namespace {
+
+// Waits until there is something to read, in short steps, so that an interrupt is noticed.
+void WaitForInput(int descriptor)
+{
+    constexpr int MillisecondsBetweenLooks = 100;
+    pollfd waited{descriptor, POLLIN, 0};
+    do {
+        RaiseIfInterrupted();
+    } while (poll(&waited, 1, MillisecondsBetweenLooks) <= 0);
+}
+
+// Reads to the end, or to the first line end.
+Bytes ReadText(int descriptor, bool isOneLine, const char* name)
+{
+    Bytes bytes;
+    bytes.reserve(TextLimit);
+    unsigned char byte = 0;
+    for (;;) {
+        WaitForInput(descriptor);
+        if (KRT_SYSCALL(read(descriptor, &byte, 1), "Failed to read " << name) == 0)
+            break;
+        if (isOneLine && byte == '\n')
+            break;
+        KRT_RAISE_UNLESS(bytes.size() < TextLimit, Krt::ErrorCode::InvalidArgument,
+                         "The password is too long");
+        bytes.push_back(byte);
+    }
+    return bytes;
+}
+
+Secret TakeLine(Bytes bytes)
+{
+    if (!bytes.empty() && bytes.back() == '\r')
+        bytes.pop_back();
+    Secret secret{Repo::ByteView(bytes)};
+    Repo::Wipe(bytes);
+    return secret;
+}
+
+pid_t Spawn(const std::vector<std::string>& words, int output)
+{
+    std::vector<char*> arguments;
+    for (const std::string& word : words)
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    const Krt::Util::YScope atEnd([&] { posix_spawn_file_actions_destroy(&actions); });
+    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    pid_t child = 0;
+    if (const int error = posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ))
+        KRT_RAISE_OS(error, "Failed to run the command for the password: " << words.front().c_str());
+    return child;
+}
+
+} // namespace
+
+Secret RunPasswordCommand(const std::vector<std::string>& words)
+{
+    int ends[2];
+    if (pipe(ends) != 0)
+        KRT_RAISE_OS(errno, "Failed to create a pipe");
+    const YUnxHandle reader(ends[0], true);
+    YUnxHandle writer(ends[1], true);
+    fcntl(reader.Get(), F_SETFD, FD_CLOEXEC);
+    fcntl(writer.Get(), F_SETFD, FD_CLOEXEC);
+    const pid_t child = Spawn(words, writer.Get());
+    writer.Close();
+    Bytes printed = ReadText(reader.Get(), false, "what the command for the password prints");
+    int status = 0;
+    CallSystem([&] { return waitpid(child, &status, 0); });
+    Secret secret = TextOf(printed, "What the command for the password printed");
+    KRT_RAISE_UNLESS(WIFEXITED(status) && WEXITSTATUS(status) == 0, Krt::ErrorCode::InvalidArgument,
+                     "The command for the password did not succeed: " << words.front().c_str());
+    return secret;
+}
+
+Secret AskOnTerminal(const std::string& prompt)
+{
+    termios before;
+    KRT_SYSCALL(tcgetattr(STDIN_FILENO, &before), "Failed to read the settings of the terminal");
+    termios silent = before;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    KRT_SYSCALL(tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent), "Failed to turn the terminal's echo off");
+    const Krt::Util::YScope atEnd([&] {
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+        CallSystem([] { return write(STDERR_FILENO, "\n", 1); });
+    });
+    CallSystem([&] { return write(STDERR_FILENO, prompt.data(), prompt.size()); });
+    return TakeLine(ReadText(STDIN_FILENO, true, "the terminal"));
+}
+
+Secret ReadFirstLine()
+{
+    return TakeLine(ReadText(STDIN_FILENO, true, "standard input"));
+}
+
+} // namespace Agent

@@ -1,0 +1,38 @@
+// WatchedBackend: a backend whose reading operations end the run in time: when the user interrupts the
+// program, and when the repository's lock is lost.
+#pragma once
+
+#include "agent/Repository/Backend.h"
+
+#include <atomic>
+#include <memory>
+
+namespace Agent {
+
+class WatchedBackend : public Repo::IBackend
+{
+public:
+    explicit WatchedBackend(std::shared_ptr<Repo::IBackend> backend) : m_backend(std::move(backend)) {}
+
+    /// From now on reading raises InvalidState. Any thread.
+    void ReportLostLock() { m_isLockLost = true; }
+
+    Krt::YString Describe() const override { return m_backend->Describe(); }
+    void Prepare() override { m_backend->Prepare(); }
+    void Load(const Repo::FileName& file, std::uint64_t offset, std::uint64_t length,
+              Repo::Bytes& out) override;
+    void LoadWhole(const Repo::FileName& file, std::uint64_t limit, Repo::Bytes& out) override;
+    std::uint64_t Size(const Repo::FileName& file) override { return m_backend->Size(file); }
+    void List(Repo::FileKind kind,
+              const std::function<void(const Repo::Id& id, std::uint64_t size)>& visit) override;
+    void Save(const Repo::FileName& file, Repo::ByteView content) override { m_backend->Save(file, content); }
+    void Remove(const Repo::FileName& file) override { m_backend->Remove(file); }
+
+private:
+    void Look() const;
+
+    std::shared_ptr<Repo::IBackend> m_backend;
+    std::atomic<bool> m_isLockLost{false};
+};
+
+} // namespace Agent
