@@ -1,0 +1,117 @@
+#include "agent/Inspect/CheckState.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Agent {
+
+using Repo::BlobType;
+using Repo::NodeType;
+
+CheckState::CheckState(const Repo::Repository& repository)
+    : m_repository(repository), m_numbers(GetIndex().CountBlobs()),
+      m_begins(GetIndex().GetPacks().size() + 1), m_isBad(GetIndex().CountBlobs())
+{
+    const auto count = static_cast<std::uint32_t>(m_numbers.size());
+    for (std::uint32_t i = 0; i < count; ++i)
+        ++m_begins[GetIndex().At(i).pack];
+    // Ends of the packs now; each blob moves its pack's end towards the begin.
+    for (std::size_t i = 1; i < m_begins.size(); ++i)
+        m_begins[i] += m_begins[i - 1];
+    for (std::uint32_t i = 0; i < count; ++i)
+        m_numbers[--m_begins[GetIndex().At(i).pack]] = i;
+}
+
+std::span<const std::uint32_t> CheckState::BlobsOf(std::uint32_t pack) const
+{
+    return std::span(m_numbers).subspan(m_begins[pack], m_begins[pack + 1] - m_begins[pack]);
+}
+
+void CheckState::MarkBad(std::uint32_t number)
+{
+    const std::lock_guard guard(m_mutex);
+    m_isBad[number] = true;
+    m_hasDamage = true;
+}
+
+void CheckState::MarkBroken(std::uint32_t pack)
+{
+    const std::lock_guard guard(m_mutex);
+    m_broken.insert(pack);
+}
+
+void CheckState::MarkFaulty(const Repo::Id& tree)
+{
+    const std::lock_guard guard(m_mutex);
+    m_faulty.insert(tree);
+    m_hasDamage = true;
+}
+
+bool CheckState::IsReadable(const Repo::BlobHandle& handle) const
+{
+    const std::vector<Repo::IndexedBlob> places = GetIndex().FindAll(handle);
+    const std::lock_guard guard(m_mutex);
+    return std::any_of(places.begin(), places.end(),
+                       [this](const Repo::IndexedBlob& place) { return !m_isBad[place.number]; });
+}
+
+bool CheckState::IsFaulty(const Repo::Id& tree) const
+{
+    const std::lock_guard guard(m_mutex);
+    return m_faulty.contains(tree);
+}
+
+bool CheckState::HasDamage() const
+{
+    const std::lock_guard guard(m_mutex);
+    return m_hasDamage;
+}
+
+std::vector<Repo::Id> CheckState::GetBrokenPacks() const
+{
+    const std::lock_guard guard(m_mutex);
+    std::vector<Repo::Id> ids;
+    for (const std::uint32_t pack : m_broken)
+        ids.push_back(GetIndex().GetPacks()[pack].id);
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+std::string CheckState::FaultOf(const Repo::Node& node) const
+{
+    if (node.type == NodeType::Unknown)
+        return "its type is not known: " + node.typeText;
+    if (node.type == NodeType::Directory && !node.subtree)
+        return "the directory has no tree";
+    if (node.type != NodeType::File)
+        return {};
+    if (!node.content)
+        return "the file has no list of blobs";
+    std::uint64_t size = 0;
+    for (const Repo::Id& id : *node.content) {
+        const auto place = GetIndex().Find({BlobType::Data, id});
+        if (!place)
+            return "blob " + id.ToHex() + " is not in the index";
+        if (!IsReadable({BlobType::Data, id}))
+            return "blob " + id.ToHex() + " can't be read";
+        size += place->blob.plainLength;
+    }
+    if (size != node.size)
+        return "its size is " + std::to_string(node.size) + " bytes, but its blobs have " +
+               std::to_string(size);
+    return {};
+}
+
+void CheckState::AddError(std::string text)
+{
+    const std::lock_guard guard(m_mutex);
+    m_errors.push_back(std::move(text));
+}
+
+std::vector<std::string> CheckState::TakeErrors()
+{
+    const std::lock_guard guard(m_mutex);
+    return std::exchange(m_errors, {});
+}
+
+} // namespace Agent

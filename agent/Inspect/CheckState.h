@@ -1,0 +1,64 @@
+// CheckState: what the parts of a check share: the places of blobs, those that are bad, and errors on their
+// way to the observer. Any thread may report and ask.
+#pragma once
+
+#include "agent/Repository/Node.h"
+#include "agent/Repository/Repository.h"
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+namespace Agent {
+
+class CheckState
+{
+public:
+    /// The index is loaded.
+    explicit CheckState(const Repo::Repository& repository);
+
+    const Repo::Repository& GetRepository() const { return m_repository; }
+    const Repo::Index& GetIndex() const { return m_repository.GetIndex(); }
+
+    /// The numbers of a pack's blobs in the index, in no particular order.
+    std::span<const std::uint32_t> BlobsOf(std::uint32_t pack) const;
+
+    /// A copy of a blob can't be read.
+    void MarkBad(std::uint32_t number);
+    /// A pack is damaged or missing.
+    void MarkBroken(std::uint32_t pack);
+    /// A tree can't be read, or has faulty entries.
+    void MarkFaulty(const Repo::Id& tree);
+    /// Returns true if there is a copy of the blob that is not known to be bad.
+    bool IsReadable(const Repo::BlobHandle& handle) const;
+    bool IsFaulty(const Repo::Id& tree) const;
+    /// Returns true if an entry of a snapshot may be touched by what was found.
+    bool HasDamage() const;
+    std::vector<Repo::Id> GetBrokenPacks() const;
+
+    /// Why the entry can't be restored as it was; empty if it can.
+    std::string FaultOf(const Repo::Node& node) const;
+
+    /// Adds an error for the observer.
+    void AddError(std::string text);
+    /// Takes the errors that were added since the last call.
+    std::vector<std::string> TakeErrors();
+
+    std::atomic<std::uint64_t> items{0}; ///< done in the current part
+    std::atomic<std::uint64_t> bytes{0}; ///< read in the current part
+
+private:
+    const Repo::Repository& m_repository;
+    std::vector<std::uint32_t> m_numbers; // of all blobs, by pack
+    std::vector<std::size_t> m_begins;    // in m_numbers, of each pack and of the end
+    mutable std::mutex m_mutex;
+    std::vector<bool> m_isBad; // by the number of the blob
+    std::unordered_set<Repo::Id, Repo::IdHash> m_faulty;
+    std::unordered_set<std::uint32_t> m_broken;
+    bool m_hasDamage = false;
+    std::vector<std::string> m_errors;
+};
+
+} // namespace Agent

@@ -1,0 +1,180 @@
+#include "agent/Inspect/PackCheck.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <memory>
+
+namespace Agent {
+
+using Repo::ByteView;
+using Repo::FileKind;
+using Repo::FileName;
+using Repo::Id;
+using Repo::IndexedBlob;
+using Repo::PackedBlob;
+using Repo::RepositoryError;
+
+namespace {
+
+constexpr std::uint64_t StepSize = 16 << 20; // of reading; a larger blob is read as a whole
+
+class Hash
+{
+public:
+    Hash()
+    {
+        Require(m_context != nullptr && EVP_DigestInit_ex(m_context.get(), EVP_sha256(), nullptr) == 1);
+    }
+    void Add(ByteView bytes) { Require(EVP_DigestUpdate(m_context.get(), bytes.data(), bytes.size()) == 1); }
+    Id Finish()
+    {
+        Id id;
+        Require(EVP_DigestFinal_ex(m_context.get(), id.bytes.data(), nullptr) == 1);
+        return id;
+    }
+
+private:
+    static void Require(bool hasSucceeded)
+    {
+        KRT_RAISE_UNLESS(hasSucceeded, Krt::ErrorCode::CryptoFailure, "Failed to compute a SHA-256");
+    }
+
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> m_context{EVP_MD_CTX_new(), &EVP_MD_CTX_free};
+};
+
+class PackCheck
+{
+public:
+    PackCheck(CheckState& state, std::uint32_t pack, std::uint64_t size)
+        : m_state(state), m_pack(pack),
+          m_id(state.GetIndex().GetPacks()[pack].id), m_file{FileKind::Pack, m_id}, m_size(size)
+    {
+        for (const std::uint32_t number : state.BlobsOf(pack))
+            m_blobs.push_back(state.GetIndex().At(number));
+        std::sort(m_blobs.begin(), m_blobs.end(),
+                  [](const IndexedBlob& a, const IndexedBlob& b) { return a.blob.offset < b.blob.offset; });
+    }
+
+    void Run()
+    {
+        Named([this] { CheckHeader(); });
+        if (!Named([this] { ReadBlobs(); })) {
+            // What comes after the place was not read.
+            for (; m_next < m_blobs.size(); ++m_next)
+                m_state.MarkBad(m_blobs[m_next].number);
+        }
+        if (m_isBroken)
+            m_state.MarkBroken(m_pack);
+    }
+
+private:
+    // Returns false if the call failed, which it reports.
+    template <class Call>
+    bool Named(const Call& call)
+    {
+        try {
+            call();
+            return true;
+        } catch (const RepositoryError& error) {
+            Fail(error.GetMessage().Bytes());
+            return false;
+        }
+    }
+
+    void Fail(const std::string& text)
+    {
+        m_isBroken = true;
+        m_state.AddError(text.find(m_id.ToHex()) == std::string::npos ? m_file.Path() + ": " + text : text);
+    }
+
+    void CheckHeader()
+    {
+        std::vector<PackedBlob> listed = m_state.GetRepository().LoadPackHeader(m_id, m_size);
+        const bool isSame = std::equal(listed.begin(), listed.end(), m_blobs.begin(), m_blobs.end(),
+                                       [](const PackedBlob& a, const IndexedBlob& b) { return a == b.blob; });
+        if (!isSame)
+            Fail("The header of the pack is not what the index says");
+    }
+
+    void ReadBlobs()
+    {
+        std::uint64_t at = 0;
+        while (m_next < m_blobs.size()) {
+            at = SkipTo(at, m_blobs[m_next].blob.offset);
+            at = ReadStep(at);
+        }
+        SkipTo(at, m_size);
+        if (!m_overlaps && m_hash.Finish() != m_id)
+            Fail("The content of the pack does not have its id");
+    }
+
+    // Reads what no blob of the index covers.
+    std::uint64_t SkipTo(std::uint64_t at, std::uint64_t end)
+    {
+        while (at < end) {
+            const std::uint64_t length = std::min(end - at, StepSize);
+            Load(at, length);
+            m_hash.Add(m_read);
+            at += length;
+        }
+        return at;
+    }
+
+    // Reads and checks blobs without a gap between them. `at` is at the next one, or after its begin.
+    std::uint64_t ReadStep(std::uint64_t at)
+    {
+        const std::uint64_t begin = m_blobs[m_next].blob.offset;
+        m_overlaps |= begin != at;
+        std::uint64_t end = begin + m_blobs[m_next].blob.length;
+        std::size_t last = m_next + 1;
+        for (; last < m_blobs.size() && m_blobs[last].blob.offset == end; ++last) {
+            if (end + m_blobs[last].blob.length - begin > StepSize)
+                break;
+            end += m_blobs[last].blob.length;
+        }
+        Load(begin, end - begin);
+        m_hash.Add(m_read);
+        for (; m_next < last; ++m_next) {
+            const IndexedBlob& place = m_blobs[m_next];
+            const bool isGood = Named([&] {
+                m_state.GetRepository().DecodeBlob(
+                    m_id, place.blob, std::span(m_read).subspan(place.blob.offset - begin, place.blob.length),
+                    m_plaintext);
+            });
+            if (!isGood)
+                m_state.MarkBad(place.number);
+        }
+        return std::max(at, end);
+    }
+
+    void Load(std::uint64_t offset, std::uint64_t length)
+    {
+        m_state.GetRepository().GetBackend().Load(m_file, offset, length, m_read);
+        m_state.bytes += length;
+    }
+
+    CheckState& m_state;
+    const std::uint32_t m_pack;
+    const Id m_id;
+    const FileName m_file;
+    const std::uint64_t m_size;
+    std::vector<IndexedBlob> m_blobs; // by offset
+    std::size_t m_next = 0;           // in m_blobs
+    Hash m_hash;
+    bool m_overlaps = false; // blobs do, so the bytes were not hashed in order
+    bool m_isBroken = false;
+    Repo::Bytes m_read;
+    Repo::Bytes m_plaintext;
+};
+
+} // namespace
+
+void CheckPackContent(CheckState& state, std::uint32_t pack, std::uint64_t size)
+{
+    PackCheck(state, pack, size).Run();
+}
+
+} // namespace Agent

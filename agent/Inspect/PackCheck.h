@@ -1,0 +1,12 @@
+// The check of the content of a pack: its id, its header, and each of its blobs.
+#pragma once
+
+#include "agent/Inspect/CheckState.h"
+
+namespace Agent {
+
+/// Reads a pack of the index in steps of a few MiB, and reports what is wrong to the state. `size` is the
+/// size of the file in bytes. Any thread.
+void CheckPackContent(CheckState& state, std::uint32_t pack, std::uint64_t size);
+
+} // namespace Agent

@@ -1,0 +1,59 @@
+// RepositoryCheck: whether all snapshots of a repository can be restored. It goes on after damage, and names
+// the entries of snapshots that the damage touches.
+#pragma once
+
+#include "agent/Inspect/CheckState.h"
+
+#include "agent/Access/Session.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+/// The part of the packs whose content is read.
+struct PackSubset
+{
+    unsigned int part = 1;            ///< of the packs in `parts` parts, by the first byte of the id; from 1
+    unsigned int parts = 1;           ///< at most 256
+    double percent = 100;             ///< of the packs, chosen at random
+    std::uint64_t bytes = UINT64_MAX; ///< of packs, chosen at random, and up to one pack more
+
+    /// Reads "n/t", "n%" or a size such as "500M". Raises UsageError for other text.
+    static PackSubset Parse(const std::string& text);
+};
+
+/// Receives what a check finds, on the thread that runs it.
+class ICheckObserver
+{
+public:
+    virtual ~ICheckObserver() = default;
+    /// A part of the check begins.
+    virtual void OnStage(const std::string& text) = 0;
+    /// Something is damaged or missing. Not made printable.
+    virtual void OnError(const std::string& text) = 0;
+    /// Something is unusual and no damage. Not made printable.
+    virtual void OnHint(const std::string& text) = 0;
+    /// An entry of a snapshot can't be restored as it was. Not made printable.
+    virtual void OnTouched(const Repo::StoredSnapshot& snapshot, const std::string& path,
+                           const std::string& reason) = 0;
+    /// How much of the current part is done.
+    virtual void OnProgress(std::uint64_t items, std::uint64_t bytes) = 0;
+};
+
+/// What a check found.
+struct CheckSummary
+{
+    std::uint64_t errors = 0;
+    std::vector<Repo::Id> brokenPacks; ///< damaged or missing
+    bool isIndexWrong = false;         ///< an index file can't be read, or does not fit the packs
+    bool hasUnusedPacks = false;       ///< packs that no index has, or entries that are there twice
+};
+
+/// Checks the repository: key files, snapshots, index files, packs, trees, and then the content of a subset
+/// of the packs. Raises what ends the check, such as InvalidState when the user interrupts.
+CheckSummary CheckRepository(Repo::Repository& repository, const std::optional<PackSubset>& readData,
+                             ICheckObserver& observer);
+
+} // namespace Agent

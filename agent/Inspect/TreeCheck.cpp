@@ -1,0 +1,230 @@
+#include "agent/Inspect/TreeCheck.h"
+
+#include "agent/Access/TreeWalk.h"
+#include "agent/Access/Workers.h"
+#include "agent/Repository/Tree.h"
+#include "agent/Run/Interrupt.h"
+
+#include "Krt/Util/YScope.h"
+
+#include <condition_variable>
+#include <unordered_map>
+
+namespace Agent {
+
+using Repo::BlobHandle;
+using Repo::BlobType;
+using Repo::Id;
+using Repo::Node;
+using Repo::NodeType;
+using Repo::RepositoryError;
+
+namespace {
+
+// The trees that are to be checked. Each is given out once.
+class TreeQueue
+{
+public:
+    void Add(const Id& tree)
+    {
+        const std::lock_guard guard(m_mutex);
+        if (!m_seen.insert(tree).second)
+            return;
+        m_waiting.push_back(tree);
+        m_changed.notify_one();
+    }
+
+    // Returns false when all trees are done, or a thread has failed.
+    bool Take(Id& tree, const std::function<bool()>& hasFailed)
+    {
+        std::unique_lock guard(m_mutex);
+        while (m_waiting.empty() && m_active != 0 && !hasFailed())
+            m_changed.wait_for(guard, std::chrono::milliseconds(100));
+        if (m_waiting.empty() || hasFailed())
+            return false;
+        tree = m_waiting.back();
+        m_waiting.pop_back();
+        ++m_active;
+        return true;
+    }
+
+    void Finish()
+    {
+        const std::lock_guard guard(m_mutex);
+        if (--m_active == 0)
+            m_changed.notify_all();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::unordered_set<Id, Repo::IdHash> m_seen;
+    std::vector<Id> m_waiting; // the last is next, so that it stays short
+    unsigned int m_active = 0;
+};
+
+// Checks one tree after the other. One thread.
+class TreeWorker
+{
+public:
+    TreeWorker(CheckState& state, TreeQueue& queue) : m_state(state), m_queue(queue) {}
+
+    void Check(const Id& tree)
+    {
+        try {
+            m_state.GetRepository().LoadBlob({BlobType::Tree, tree}, m_text);
+            m_state.bytes += m_text.size();
+            Repo::TreeReader reader(Repo::AsText(m_text));
+            std::string last;
+            for (bool isFirst = true; reader.Next(m_node); isFirst = false) {
+                CheckNode(tree, isFirst ? nullptr : &last);
+                last = m_node.name;
+            }
+        } catch (const RepositoryError& error) {
+            Fail(tree, error.GetMessage().Bytes());
+        }
+        ++m_state.items;
+    }
+
+private:
+    void CheckNode(const Id& tree, const std::string* last)
+    {
+        if (last != nullptr && m_node.name <= *last)
+            Fail(tree, "entry " + m_node.name + ": it is not in the order of names, or is there twice");
+        if (const std::string fault = m_state.FaultOf(m_node); !fault.empty())
+            Fail(tree, "entry " + m_node.name + ": " + fault);
+        if (m_node.type == NodeType::Directory && m_node.subtree)
+            m_queue.Add(*m_node.subtree);
+    }
+
+    void Fail(const Id& tree, const std::string& reason)
+    {
+        m_state.MarkFaulty(tree);
+        m_state.AddError("tree " + tree.ToHex() + ": " + reason);
+    }
+
+    CheckState& m_state;
+    TreeQueue& m_queue;
+    Repo::Bytes m_text;
+    Node m_node;
+};
+
+// Which trees have something below them that damage touches.
+class TouchedTrees
+{
+public:
+    explicit TouchedTrees(const CheckState& state) : m_state(state) {}
+
+    bool IsTouched(const Id& root)
+    {
+        Enter(root);
+        while (!m_way.empty()) {
+            RaiseIfInterrupted();
+            Level& level = m_way.back();
+            if (!level.subtrees.empty()) {
+                const Id next = level.subtrees.back();
+                level.subtrees.pop_back();
+                Enter(next);
+                continue;
+            }
+            const Level done = std::move(level);
+            m_way.pop_back();
+            m_isTouched[done.tree] = done.isTouched;
+            if (done.isTouched && !m_way.empty())
+                m_way.back().isTouched = true;
+        }
+        return m_isTouched[root];
+    }
+
+private:
+    struct Level
+    {
+        Id tree;
+        std::vector<Id> subtrees; // not looked at yet
+        bool isTouched = false;
+    };
+
+    void Enter(const Id& tree)
+    {
+        if (const auto known = m_isTouched.find(tree); known != m_isTouched.end()) {
+            if (!m_way.empty())
+                m_way.back().isTouched |= known->second;
+            return;
+        }
+        Level level{tree, {}, m_state.IsFaulty(tree) || !m_state.IsReadable({BlobType::Tree, tree})};
+        try {
+            Repo::Bytes text;
+            m_state.GetRepository().LoadBlob({BlobType::Tree, tree}, text);
+            Repo::TreeReader reader(Repo::AsText(text));
+            for (Node node; reader.Next(node);) {
+                level.isTouched |= !m_state.FaultOf(node).empty();
+                if (node.type == NodeType::Directory && node.subtree)
+                    level.subtrees.push_back(*node.subtree);
+            }
+        } catch (const RepositoryError&) {
+            level.isTouched = true; // and reported by the check of the tree
+        }
+        m_way.push_back(std::move(level));
+    }
+
+    const CheckState& m_state;
+    std::vector<Level> m_way;
+    std::unordered_map<Id, bool, Repo::IdHash> m_isTouched;
+};
+
+void FindTouchedEntriesOf(const CheckState& state, TouchedTrees& touched, const Repo::StoredSnapshot& stored,
+                          ICheckObserver& observer)
+{
+    constexpr unsigned int Most = 10000;
+    unsigned int count = 0;
+    const auto add = [&](const std::string& path, const std::string& reason) {
+        if (++count < Most)
+            observer.OnTouched(stored, path, reason);
+        else if (count == Most)
+            observer.OnTouched(stored, path, reason + " (further entries are not listed)");
+    };
+    const auto visit = [&](const std::string& path, Node& node) {
+        if (const std::string fault = state.FaultOf(node); !fault.empty()) {
+            add(path, fault);
+            return count < Most ? Step::Past : Step::End;
+        }
+        const bool goesOn = node.type == NodeType::Directory && touched.IsTouched(*node.subtree);
+        return count >= Most ? Step::End : goesOn ? Step::Into : Step::Past;
+    };
+    const auto fail = [&](const std::string& path, const Krt::Exception::YError& error) {
+        add(path, "its entries can't be read: " + error.GetMessage().Bytes());
+    };
+    if (touched.IsTouched(stored.snapshot.tree))
+        WalkTree(state.GetRepository(), stored.snapshot.tree, "", visit, fail);
+}
+
+} // namespace
+
+void CheckTrees(CheckState& state, const std::vector<Repo::StoredSnapshot>& snapshots,
+                const std::function<void()>& report)
+{
+    TreeQueue queue;
+    for (const Repo::StoredSnapshot& stored : snapshots)
+        queue.Add(stored.snapshot.tree);
+    RunOnThreads(
+        WorkerCount(),
+        [&](const std::function<bool()>& hasFailed) {
+            TreeWorker worker(state, queue);
+            for (Id tree; queue.Take(tree, hasFailed);) {
+                const Krt::Util::YScope atEnd([&] { queue.Finish(); });
+                RaiseIfInterrupted();
+                worker.Check(tree);
+            }
+        },
+        report);
+}
+
+void FindTouchedEntries(const CheckState& state, const std::vector<Repo::StoredSnapshot>& snapshots,
+                        ICheckObserver& observer)
+{
+    TouchedTrees touched(state);
+    for (const Repo::StoredSnapshot& stored : snapshots)
+        FindTouchedEntriesOf(state, touched, stored, observer);
+}
+
+} // namespace Agent

@@ -1,0 +1,19 @@
+// The checks of trees: that all that snapshots refer to exists and can be read, and which entries of which
+// snapshots damage touches.
+#pragma once
+
+#include "agent/Inspect/RepositoryCheck.h"
+
+namespace Agent {
+
+/// Reads all trees of the snapshots, each once, with several threads. Reports trees and entries that are
+/// damaged, and blobs that no index has. `report` is called on this thread now and then.
+void CheckTrees(CheckState& state, const std::vector<Repo::StoredSnapshot>& snapshots,
+                const std::function<void()>& report);
+
+/// Reports to the observer the entries of each snapshot that can't be restored as they were, at most 10,000
+/// for each snapshot.
+void FindTouchedEntries(const CheckState& state, const std::vector<Repo::StoredSnapshot>& snapshots,
+                        ICheckObserver& observer);
+
+} // namespace Agent
