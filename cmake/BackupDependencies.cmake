@@ -1,6 +1,7 @@
 # Everything the tree links that it does not build itself. All of it comes from Debian 12. What users of the
 # installed libraries need, BackupConfig.cmake.in finds again.
 find_package(Threads REQUIRED)
+find_package(LibArchive 3.6 REQUIRED)
 find_package(Boost 1.81 REQUIRED COMPONENTS json)
 find_package(OpenSSL 3 REQUIRED)
 find_package(TinyXML REQUIRED)

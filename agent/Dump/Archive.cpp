@@ -1,0 +1,168 @@
+#include "agent/Dump/Archive.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+
+#include <locale.h>
+#include <sys/stat.h>
+
+namespace Agent {
+
+using Repo::Node;
+using Repo::NodeType;
+
+// libarchive converts names from the locale of the thread. In this one they are UTF-8, and other bytes stay.
+class Archive::Locale
+{
+public:
+    Locale() : m_locale(newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr))
+    {
+        if (m_locale != nullptr)
+            m_before = uselocale(m_locale);
+    }
+    ~Locale()
+    {
+        if (m_locale == nullptr)
+            return;
+        uselocale(m_before);
+        freelocale(m_locale);
+    }
+    Locale(const Locale&) = delete;
+    Locale& operator=(const Locale&) = delete;
+
+private:
+    locale_t m_locale;
+    locale_t m_before = nullptr;
+};
+
+namespace {
+
+unsigned int FileTypeOf(NodeType type)
+{
+    switch (type) {
+    case NodeType::Directory:
+        return AE_IFDIR;
+    case NodeType::Symlink:
+        return AE_IFLNK;
+    case NodeType::BlockDevice:
+        return AE_IFBLK;
+    case NodeType::CharacterDevice:
+        return AE_IFCHR;
+    case NodeType::Fifo:
+        return AE_IFIFO;
+    case NodeType::Socket:
+        return AE_IFSOCK;
+    default:
+        return AE_IFREG;
+    }
+}
+
+} // namespace
+
+Archive::Archive(ArchiveFormat format, Sink sink)
+    : m_sink(std::move(sink)), m_locale(std::make_unique<Locale>()),
+      m_writer(archive_write_new(), &archive_write_free), m_entry(archive_entry_new(), &archive_entry_free)
+{
+    KRT_RAISE_UNLESS(m_writer && m_entry, Krt::ErrorCode::OutOfMemory, "There is no memory for an archive");
+    if (format == ArchiveFormat::Zip) {
+        Require(archive_write_set_format_zip(m_writer.get()));
+    } else {
+        Require(archive_write_set_format_pax_restricted(m_writer.get()));
+        Require(archive_write_set_options(m_writer.get(), "pax:xattrheader=SCHILY"));
+    }
+    Require(archive_write_open2(m_writer.get(), this, nullptr, &OnWrite, nullptr, nullptr));
+}
+
+Archive::~Archive()
+{
+    // Freeing writes the end of the archive, which is wrong after a failure.
+    archive_write_fail(m_writer.get());
+}
+
+void Archive::Begin(const std::string& path, const Node& node, std::uint64_t size,
+                    const std::string& linkTarget)
+{
+    archive_entry* const entry = archive_entry_clear(m_entry.get());
+    archive_entry_set_pathname(entry, path.c_str());
+    archive_entry_set_filetype(entry, FileTypeOf(node.type));
+    archive_entry_set_perm(entry, Repo::MakeStatMode(node.mode) & 07777);
+    archive_entry_set_uid(entry, node.uid);
+    archive_entry_set_gid(entry, node.gid);
+    if (!node.user.empty())
+        archive_entry_set_uname(entry, node.user.c_str());
+    if (!node.group.empty())
+        archive_entry_set_gname(entry, node.group.c_str());
+    const auto nanoseconds = [](const Repo::Timestamp& time) {
+        return static_cast<long>(time.nanoseconds);
+    };
+    archive_entry_set_mtime(entry, node.mtime.seconds, nanoseconds(node.mtime));
+    archive_entry_set_atime(entry, node.atime.seconds, nanoseconds(node.atime));
+    archive_entry_set_ctime(entry, node.ctime.seconds, nanoseconds(node.ctime));
+    if (node.type == NodeType::Symlink)
+        archive_entry_set_symlink(entry, node.linkTarget.c_str());
+    if (node.type == NodeType::BlockDevice || node.type == NodeType::CharacterDevice)
+        archive_entry_set_rdev(entry, static_cast<dev_t>(node.device));
+    for (const Repo::NodeAttribute& attribute : node.attributes)
+        archive_entry_xattr_add_entry(entry, attribute.name.c_str(), attribute.value.data(),
+                                      attribute.value.size());
+    archive_entry_set_size(entry, 0);
+    if (!linkTarget.empty())
+        archive_entry_set_hardlink(entry, linkTarget.c_str());
+    else if (node.type == NodeType::File)
+        archive_entry_set_size(entry, static_cast<la_int64_t>(size));
+    Require(archive_write_header(m_writer.get(), entry));
+}
+
+void Archive::Write(Repo::ByteView content)
+{
+    while (!content.empty()) {
+        const la_ssize_t count = archive_write_data(m_writer.get(), content.data(), content.size());
+        if (count < 0)
+            Require(static_cast<int>(count));
+        if (count <= 0)
+            return; // after the end of the file
+        content = content.subspan(static_cast<std::size_t>(count));
+    }
+}
+
+void Archive::End()
+{
+    Require(archive_write_finish_entry(m_writer.get()));
+}
+
+void Archive::Close()
+{
+    Require(archive_write_close(m_writer.get()));
+}
+
+long Archive::OnWrite(archive* writer, void* self, const void* bytes, std::size_t size)
+{
+    auto& sink = *static_cast<Archive*>(self);
+    try {
+        sink.m_sink({static_cast<const unsigned char*>(bytes), size});
+        return static_cast<long>(size);
+    } catch (...) {
+        sink.m_failure = std::current_exception();
+        archive_set_error(writer, EIO, "The archive can't be written");
+        return -1;
+    }
+}
+
+void Archive::Require(int result)
+{
+    if (m_failure)
+        std::rethrow_exception(m_failure);
+    // A warning is that a name is not valid UTF-8, or that a pax header was needed.
+    if (result != ARCHIVE_OK && result != ARCHIVE_WARN)
+        RaiseFailed();
+}
+
+void Archive::RaiseFailed() const
+{
+    const char* const reason = archive_error_string(m_writer.get());
+    KRT_RAISE(Krt::ErrorCode::NotSupported, (reason != nullptr ? reason : "The archive can't be written"));
+}
+
+} // namespace Agent

@@ -1,0 +1,54 @@
+// BlobReader: the content of files, read ahead and decrypted by several threads.
+#pragma once
+
+#include "agent/Repository/Repository.h"
+
+#include <condition_variable>
+#include <exception>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace Agent {
+
+class BlobReader
+{
+public:
+    /// The repository outlives the reader. Its index is loaded. Memory is bounded by two blobs for each
+    /// thread.
+    BlobReader(const Repo::Repository& repository, unsigned int threads);
+    ~BlobReader();
+    BlobReader(const BlobReader&) = delete;
+    BlobReader& operator=(const BlobReader&) = delete;
+
+    /// Calls `take` on this thread for each data blob, in order. Raises what the first blob that can't be
+    /// loaded raises, after those before it were taken. What `take` raises passes through.
+    void Read(const std::vector<Repo::Id>& ids, const std::function<void(Repo::ByteView)>& take);
+
+private:
+    struct Slot
+    {
+        Repo::Bytes content;
+        std::exception_ptr failure;
+        bool isLoaded = false;
+    };
+
+    void Work();
+    bool HasWork() const;
+    void Stop();
+
+    const Repo::Repository& m_repository;
+    std::vector<Slot> m_slots; // blob i is in slot i modulo their number
+    std::mutex m_mutex;
+    std::condition_variable m_wanted;
+    std::condition_variable m_loaded;
+    const std::vector<Repo::Id>* m_ids = nullptr; // those of the call of Read
+    std::size_t m_next = 0;                       // to be loaded
+    std::size_t m_taken = 0;
+    unsigned int m_active = 0;
+    bool m_isEnding = false;
+    std::vector<std::thread> m_threads;
+};
+
+} // namespace Agent

@@ -1,0 +1,141 @@
+#include "agent/Dump/DumpRun.h"
+
+#include "agent/Access/Workers.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace Agent {
+
+using Krt::YString;
+using Krt::Util::CallSystem;
+using Repo::BlobType;
+using Repo::Node;
+using Repo::NodeType;
+
+DumpTarget::DumpTarget(const std::string& path, Report& report) : m_report(report), m_path(path)
+{
+    if (m_path.empty())
+        return;
+    m_file = KRT_OS_VALUE(Krt::Util::OwnAboveStandardStreams(CallSystem([&] {
+                              return open(m_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+                          })),
+                          "Failed to create file: " << m_path.c_str());
+}
+
+void DumpTarget::Write(Repo::ByteView bytes)
+{
+    RaiseIfInterrupted();
+    if (m_path.empty()) {
+        m_report.Out() << Repo::AsText(bytes);
+        return;
+    }
+    while (!bytes.empty()) {
+        const auto count = KRT_SYSCALL(write(m_file.Get(), bytes.data(), bytes.size()),
+                                       "Failed to write file: " << m_path.c_str());
+        bytes = bytes.subspan(static_cast<std::size_t>(count));
+    }
+}
+
+void DumpTarget::Close()
+{
+    if (m_path.empty()) {
+        m_report.Out().Flush();
+        return;
+    }
+    const int file = m_file.Release();
+    KRT_SYSCALL(close(file), "Failed to write file: " << m_path.c_str());
+}
+
+DumpRun::DumpRun(const Repo::Repository& repository, DumpTarget& target, Report& report)
+    : m_repository(repository), m_target(target), m_report(report), m_reader(repository, WorkerCount())
+{}
+
+void DumpRun::WriteFile(const FoundEntry& file)
+{
+    KRT_RAISE_UNLESS(file.node.content, Krt::ErrorCode::InvalidState,
+                     YString(std::string_view(file.path)) << ": The file has no list of blobs");
+    m_reader.Read(*file.node.content, [this](Repo::ByteView content) {
+        m_bytes += content.size();
+        m_report.Progress(m_entries, m_bytes);
+        m_target.Write(content);
+    });
+    m_target.Close();
+}
+
+void DumpRun::WriteDirectory(const FoundEntry& directory, ArchiveFormat format)
+{
+    const std::string path = directory.path == "/" ? "" : directory.path;
+    REPOSITORY_RAISE_UNLESS(directory.node.subtree, Repo::Failure::Damaged,
+                            YString(std::string_view(directory.path)) << ": The directory has no tree");
+    Archive archive(format, [this](Repo::ByteView bytes) { m_target.Write(bytes); });
+    WalkTree(
+        m_repository, *directory.node.subtree, path,
+        [&](const std::string& entry, Node& node) {
+            Add(archive, entry, node, format);
+            return Step::Into;
+        },
+        [&](const std::string& entry, const Krt::Exception::YError& error) {
+            m_report.EntryFailed(YString(std::string_view(entry)), ReasonOf(error));
+        });
+    archive.Close();
+    m_target.Close();
+}
+
+void DumpRun::Add(Archive& archive, const std::string& path, const Node& node, ArchiveFormat format)
+{
+    std::string name = path.substr(1);
+    std::string* first = nullptr;
+    std::string linkTarget;
+    if (format == ArchiveFormat::Tar && node.type == NodeType::File && node.links > 1 && node.inode != 0) {
+        first = &m_linked[{node.deviceId, node.inode}];
+        linkTarget = *first;
+    }
+    try {
+        REPOSITORY_RAISE_UNLESS(node.type != NodeType::Unknown, Repo::Failure::Damaged,
+                                "The type of the entry is not known: " << node.typeText.c_str());
+        archive.Begin(node.type == NodeType::Directory ? name + "/" : name, node, SizeOf(node), linkTarget);
+        if (first != nullptr && first->empty())
+            *first = name;
+        if (linkTarget.empty() && node.content)
+            AddContent(archive, node);
+    } catch (const Krt::Exception::YError& error) {
+        RaiseIfInterrupted();
+        if (error.GetType() == Krt::ExceptionType::OsError && error.GetOsError() != 0 &&
+            dynamic_cast<const Repo::RepositoryError*>(&error) == nullptr)
+            throw; // the target can't be written
+        m_report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));
+    }
+    archive.End();
+    m_report.Progress(++m_entries, m_bytes);
+}
+
+void DumpRun::AddContent(Archive& archive, const Node& node)
+{
+    m_reader.Read(*node.content, [&](Repo::ByteView content) {
+        m_bytes += content.size();
+        m_report.Progress(m_entries, m_bytes);
+        archive.Write(content);
+    });
+}
+
+// That of the blobs, since an archive needs it before the content.
+std::uint64_t DumpRun::SizeOf(const Node& node) const
+{
+    std::uint64_t size = 0;
+    if (node.type != NodeType::File || !node.content)
+        return size;
+    for (const Repo::Id& id : *node.content) {
+        const auto place = m_repository.GetIndex().Find({BlobType::Data, id});
+        REPOSITORY_RAISE_UNLESS(place, Repo::Failure::Missing,
+                                "The index does not have blob " << id.ToHex().c_str());
+        size += place->blob.plainLength;
+    }
+    return size;
+}
+
+} // namespace Agent
