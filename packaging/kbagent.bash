@@ -9,8 +9,8 @@ _kbagent() {
             -*) ;;
             *)
                 command+=("${COMP_WORDS[i]}")
-                # A service alone has commands of its own.
-                [ "${command[*]}" = service ] || break
+                # These alone have commands of their own.
+                [[ ${command[*]} == service || ${command[*]} == key ]] || break
                 ;;
         esac
     done

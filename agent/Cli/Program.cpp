@@ -42,8 +42,10 @@ enum ExitCode
 
 // In the order in which the help shows them.
 constexpr std::unique_ptr<ICommand> (*Makers[])() = {
-    MakeBackupCommand, MakeRestoreCommand, MakeListCommand,   MakeVolumesCommand, MakeServiceCommand,
-    MakeTrustCommand,  MakeConvertCommand, MakeRenameCommand, MakeImportCommand,
+    MakeBackupCommand, MakeRestoreCommand, MakeListCommand,    MakeSnapshotsCommand, MakeLsCommand,
+    MakeDumpCommand,   MakeShowCommand,    MakeStatsCommand,   MakeCheckCommand,     MakeCatCommand,
+    MakeKeyCommand,    MakeVolumesCommand, MakeServiceCommand, MakeTrustCommand,     MakeConvertCommand,
+    MakeRenameCommand, MakeImportCommand,
 };
 
 void WarnOfUnknownChannels(Report& report)

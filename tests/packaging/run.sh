@@ -24,7 +24,11 @@ same "commands" "$(sort <<<"$commands")" "$(sed -n 's/^\.SS \([a-z]*\).*/\1/p' "
 same "kbagent" "$(options_of)" "$(told '.SH OPTIONS' | grep -vx -- --help)"
 for command in $commands; do
     found=$(options_of "$command"; for part in $(commands_of "$command"); do options_of "$command" "$part"; done)
-    same "$command" "$(sort -u <<<"$found")" "$(told ".SS $command")"
+    expected=$(told ".SS $command")
+    # What several commands take is described once.
+    ! grep -qx -- --repo <<<"$found" || expected+=$'\n'$(told '.SH REPOSITORY OPTIONS')
+    ! grep -qx -- --host <<<"$found" || expected+=$'\n'$(told '.SH SNAPSHOT OPTIONS')
+    same "$command" "$(sort -u <<<"$found")" "$(sort -u <<<"$expected" | grep .)"
 done
 for part in $(commands_of service); do
     grep -q "^\.SS service .*\b$part\b" "$page" || fail "service $part is not in the page"
@@ -48,6 +52,8 @@ completes "trust" tr
 completes "--store" backup --st
 completes "--snapshot" --log /tmp/x list --store /tmp/y --sn
 completes "start stop status" service st
+completes "list" key li
+completes "--read-data --read-data-subset" check --read
 completes "--timeout" service start nightly --t
 completes "" service install nightly -- --t
 exit $failed

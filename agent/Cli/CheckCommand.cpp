@@ -1,0 +1,159 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Cli/RepositoryArguments.h"
+#include "agent/Inspect/RepositoryCheck.h"
+#include "agent/Run/Text.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Agent {
+
+using Krt::YString;
+
+namespace {
+
+// Prints what a check finds. Errors of JSON go to standard error, as restic prints them.
+class Observer : public ICheckObserver
+{
+public:
+    Observer(Report& report, bool isJson, const RepositoryOptions& options)
+        : m_report(report), m_isJson(isJson), m_isQuiet(options.isQuiet)
+    {}
+
+    void OnStage(const std::string& text) override
+    {
+        if (m_isJson || m_isQuiet)
+            return;
+        m_report.Out() << text << "\n";
+        m_report.Out().Flush();
+    }
+    void OnError(const std::string& text) override { Print("error", text); }
+    void OnHint(const std::string& text) override
+    {
+        if (!m_isQuiet)
+            Print("hint", text);
+    }
+    void OnTouched(const Repo::StoredSnapshot& snapshot, const std::string& path,
+                   const std::string& reason) override
+    {
+        Print("touched", DescribeSnapshot(snapshot) + ": " + path + ": " + reason);
+    }
+    void OnProgress(std::uint64_t items, std::uint64_t bytes) override
+    {
+        if (!m_isQuiet)
+            m_report.Progress(items, bytes);
+    }
+
+private:
+    void Print(const char* kind, const std::string& text)
+    {
+        if (!m_isJson) {
+            m_report.Note(YString(std::string_view(kind + (": " + text))));
+            return;
+        }
+        std::string json;
+        Repo::JsonWriter writer(json);
+        writer.BeginObject();
+        writer.Key("message_type");
+        writer.String(kind);
+        writer.Key("message");
+        writer.String(text);
+        writer.EndObject();
+        m_report.JsonNote(json);
+    }
+
+    Report& m_report;
+    const bool m_isJson;
+    const bool m_isQuiet;
+};
+
+std::string SummaryJson(const CheckSummary& summary)
+{
+    std::string json;
+    Repo::JsonWriter writer(json);
+    writer.BeginObject();
+    writer.Key("message_type");
+    writer.String("summary");
+    writer.Key("num_errors");
+    writer.Number(summary.errors);
+    writer.Key("broken_packs");
+    if (summary.brokenPacks.empty())
+        writer.Null();
+    else {
+        writer.BeginArray();
+        for (const Repo::Id& id : summary.brokenPacks)
+            writer.WriteId(id);
+        writer.EndArray();
+    }
+    writer.Key("suggest_repair_index");
+    writer.Bool(summary.isIndexWrong);
+    writer.Key("suggest_prune");
+    writer.Bool(summary.hasUnusedPacks);
+    writer.EndObject();
+    return json;
+}
+
+class CheckCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    RepositoryArguments m_repository;
+    bool m_readData = false;
+    std::string m_subset;
+};
+
+CLI::App* CheckCommand::Register(CLI::App& program)
+{
+    CLI::App* const command =
+        program.add_subcommand("check", "Verify that all snapshots of a repository can be restored");
+    m_repository.AddTo(*command);
+    command->add_flag("--read-data", m_readData, "Read and verify the content of all packs, too");
+    command
+        ->add_option("--read-data-subset", m_subset,
+                     "Read a part of the packs: part n of t as n/t; or some of them, chosen at random, by a\n"
+                     "percentage as in 2.5%, or by a size as in 500M")
+        ->type_name("SUBSET");
+    command->footer(
+        "The check verifies all key files, snapshots, index files and trees, that each blob is in the\n"
+        "index, and that each pack has the size that the index expects. It goes on after damage. At the end\n"
+        "it names the entries of snapshots that the damage touches. Packs that no index refers to, and\n"
+        "entries that the index has twice, are hints. The exit code is 1 if there are errors.\n\n" +
+        std::string(RepositoryHelp) + "Example: kbagent check --repo /backup/repository --read-data");
+    return command;
+}
+
+void CheckCommand::Run(Report& report)
+{
+    if (m_readData && !m_subset.empty())
+        throw UsageError("--read-data and --read-data-subset exclude each other");
+    std::optional<PackSubset> subset;
+    if (m_readData)
+        subset = PackSubset();
+    else if (!m_subset.empty())
+        subset = PackSubset::Parse(m_subset);
+    const RepositoryOptions options = m_repository.Get();
+    Session session(options, report);
+    Observer observer(report, m_repository.IsJson(), options);
+    const CheckSummary summary = CheckRepository(session.GetRepository(), subset, observer);
+    if (m_repository.IsJson())
+        report.Out() << SummaryJson(summary) << "\n";
+    else if (summary.errors == 0)
+        report.Out() << "no errors were found\n";
+    report.Out().Flush();
+    KRT_RAISE_UNLESS(summary.errors == 0, Krt::ErrorCode::InvalidState,
+                     "The repository has errors: " << static_cast<unsigned long long>(summary.errors));
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeCheckCommand()
+{
+    return std::make_unique<CheckCommand>();
+}
+
+} // namespace Agent

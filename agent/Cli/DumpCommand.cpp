@@ -1,0 +1,86 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Cli/RepositoryArguments.h"
+#include "agent/Dump/DumpRun.h"
+#include "agent/Run/StandardStreams.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Agent {
+
+using Krt::YString;
+using Repo::NodeType;
+
+namespace {
+
+class DumpCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    RepositoryArguments m_repository;
+    CLI::Option* m_arguments = nullptr;
+    std::string m_format = "tar";
+    std::string m_target;
+};
+
+CLI::App* DumpCommand::Register(CLI::App& program)
+{
+    CLI::App* const command =
+        program.add_subcommand("dump", "Write a file of a snapshot, or a directory as an archive");
+    m_repository.AddTo(*command);
+    m_repository.AddSnapshotOptionsTo(*command);
+    command->add_option("-a,--archive", m_format, "The format of the archive: tar or zip")
+        ->type_name("FORMAT")
+        ->check(CLI::IsMember({"tar", "zip"}));
+    command->add_option("-t,--target", m_target, "Write to this file instead of standard output")
+        ->type_name("FILE");
+    m_arguments = AddPathArguments(
+        *command,
+        "The snapshot, by first digits of its ID or as latest, then the path of an entry of it; / is\n"
+        "the whole snapshot",
+        "SNAPSHOT_PATH");
+    m_arguments->required();
+    command->footer(
+        "A tar archive has the entries below the directory with their owners, times and extended\n"
+        "attributes, and hard links. A zip archive has neither of them, and no devices and FIFOs. A file\n"
+        "whose content is damaged is filled with zeros, and the exit code is 3.\n\n" +
+        std::string(RepositoryHelp) + "Example: kbagent dump --repo /backup/repository latest /etc | tar -t");
+    return command;
+}
+
+void DumpCommand::Run(Report& report)
+{
+    const std::vector<std::string> arguments = PathsOf(m_arguments);
+    if (arguments.size() != 2 || !arguments[1].starts_with('/'))
+        throw UsageError("dump takes a snapshot, and the path of an entry that begins with '/'");
+    Session session(m_repository.Get(), report);
+    const Repo::StoredSnapshot stored =
+        ChooseSnapshot(session, arguments[0], m_repository.GetSnapshotOptions());
+    session.LoadIndex();
+    const FoundEntry found = FindEntry(session.GetRepository(), stored.snapshot.tree, arguments[1]);
+    const bool isDirectory = found.node.type == NodeType::Directory;
+    KRT_RAISE_UNLESS(isDirectory || found.node.type == NodeType::File, Krt::ErrorCode::InvalidArgument,
+                     "Neither a file nor a directory: " << YString(std::string_view(found.path)));
+    if (isDirectory && m_target.empty() && OutputWidth() != 0)
+        throw UsageError("An archive is not written to a terminal. Redirect the output, or use --target");
+    DumpTarget target(m_target, report);
+    DumpRun run(session.GetRepository(), target, report);
+    if (isDirectory)
+        run.WriteDirectory(found, m_format == "zip" ? ArchiveFormat::Zip : ArchiveFormat::Tar);
+    else
+        run.WriteFile(found);
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeDumpCommand()
+{
+    return std::make_unique<DumpCommand>();
+}
+
+} // namespace Agent

@@ -1,0 +1,43 @@
+// The options that all commands on a repository share.
+#pragma once
+
+#include "agent/Access/RepositoryOptions.h"
+#include "agent/Access/SnapshotChoice.h"
+
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace Agent {
+
+/// Options of a command on a repository. They are stored in this object, which outlives the parser.
+class RepositoryArguments
+{
+public:
+    /// Adds --repo and the other options by which a repository is found, opened and locked, and --json,
+    /// --quiet and --verbose.
+    void AddTo(CLI::App& command);
+    /// Adds --host, --tag and --path.
+    void AddSnapshotOptionsTo(CLI::App& command);
+
+    /// What was given. Raises UsageError for a duration that can't be read.
+    RepositoryOptions Get() const;
+    const SnapshotOptions& GetSnapshotOptions() const { return m_snapshots; }
+    bool IsJson() const { return m_options.isJson; }
+
+private:
+    RepositoryOptions m_options;
+    std::string m_retryLock;
+    SnapshotOptions m_snapshots;
+};
+
+/// The help on where a repository and its password come from.
+extern const char* const RepositoryHelp;
+
+/// JSON text with a line for each value, indented by two blanks a level.
+std::string IndentJson(std::string_view json);
+
+} // namespace Agent

@@ -1,0 +1,118 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Access/TreeWalk.h"
+#include "agent/Cli/RepositoryArguments.h"
+#include "agent/Cli/TextTable.h"
+#include "agent/Record/NodeRecord.h"
+#include "agent/Repository/Tree.h"
+#include "agent/Run/Text.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Agent {
+
+using Krt::YString;
+using Repo::BlobHandle;
+using Repo::BlobType;
+using Repo::Node;
+
+namespace {
+
+class ShowCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    RepositoryArguments m_repository;
+    std::string m_place;
+};
+
+CLI::App* ShowCommand::Register(CLI::App& program)
+{
+    CLI::App* const command =
+        program.add_subcommand("show", "Print all that a repository has on an entry of a snapshot");
+    m_repository.AddTo(*command);
+    m_repository.AddSnapshotOptionsTo(*command);
+    command
+        ->add_option("SNAPSHOT:PATH", m_place,
+                     "The snapshot, by first digits of its ID or as latest, and the path of the entry")
+        ->required();
+    command->footer(
+        "The record of the entry is printed, which is what convert and rename read; then the node, which is\n"
+        "what the repository has; then the blobs of its content, with their sizes in bytes before and after\n"
+        "packing, and their packs. With --json, the record alone is printed.\n\n" +
+        std::string(RepositoryHelp) + "Example: kbagent show --repo /backup/repository latest:/etc/hosts");
+    return command;
+}
+
+std::string BlobTable(const Repo::Repository& repository, const Node& node)
+{
+    std::vector<BlobHandle> handles;
+    if (node.subtree)
+        handles.push_back({BlobType::Tree, *node.subtree});
+    if (node.content) {
+        for (const Repo::Id& id : *node.content)
+            handles.push_back({BlobType::Data, id});
+    }
+    std::vector<TextRow> rows;
+    for (const BlobHandle& handle : handles) {
+        const char* const type = handle.type == BlobType::Tree ? "tree" : "data";
+        const Repo::Index& index = repository.GetIndex();
+        const auto places = index.FindAll(handle);
+        if (places.empty())
+            rows.push_back({handle.id.ToHex(), type, "-", "-", "missing", "-"});
+        for (const Repo::IndexedBlob& place : places)
+            rows.push_back({handle.id.ToHex(), type, std::to_string(place.blob.plainLength),
+                            std::to_string(place.blob.length), index.GetPacks()[place.pack].id.ToHex(),
+                            std::to_string(place.blob.offset)});
+    }
+    return TableText({{"BLOB"},
+                      {"TYPE"},
+                      {.title = "SIZE", .alignsRight = true},
+                      {.title = "STORED", .alignsRight = true},
+                      {"PACK"},
+                      {.title = "OFFSET", .alignsRight = true}},
+                     std::move(rows), 0);
+}
+
+void ShowCommand::Run(Report& report)
+{
+    const std::size_t colon = m_place.find(':');
+    if (colon == std::string::npos || m_place.compare(colon + 1, 1, "/") != 0)
+        throw UsageError("show takes a snapshot and a path, as in latest:/etc/hosts");
+    Session session(m_repository.Get(), report);
+    const Repo::StoredSnapshot stored =
+        ChooseSnapshot(session, m_place.substr(0, colon), m_repository.GetSnapshotOptions());
+    session.LoadIndex();
+    const FoundEntry found =
+        FindEntry(session.GetRepository(), stored.snapshot.tree, m_place.substr(colon + 1));
+    std::string note;
+    std::string record;
+    RecordOf(found.node, found.path, note)->StringifyTo(record);
+    if (!note.empty())
+        report.EntryFailed(YString(std::string_view(found.path)), YString(std::string_view(note)));
+    if (m_repository.IsJson()) {
+        report.Out() << PrintableJson(record) << "\n";
+        return;
+    }
+    std::string node;
+    if (found.path != "/")
+        Repo::AppendNode(found.node, node);
+    report.Out() << "record of " << Printable(found.path) << " in " << Printable(DescribeSnapshot(stored))
+                 << ":\n"
+                 << PrintableJson(IndentJson(record)) << "\n";
+    if (!node.empty())
+        report.Out() << "\nnode:\n" << PrintableJson(IndentJson(node)) << "\n";
+    report.Out() << "\nblobs:\n" << BlobTable(session.GetRepository(), found.node);
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeShowCommand()
+{
+    return std::make_unique<ShowCommand>();
+}
+
+} // namespace Agent
