@@ -1,0 +1,590 @@
+// The commands that read repositories: compared with restic 0.14, and on damaged, hostile, locked and
+// read-only repositories.
+#include "agent/Access/RepositoryLock.h"
+#include "agent/Record/NodeRecord.h"
+#include "agent/Repository/LocalBackend.h"
+#include "agent/Repository/Pack.h"
+#include "agent/Repository/Tree.h"
+
+#include "testing/AwkwardNames.h"
+#include "testing/ProgramFixture.h"
+#include "testing/Tree.h"
+
+#include "Backup/File/YUnixFileMetadata.h"
+
+#include <boost/json.hpp>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+using namespace Agent;
+using namespace Testing;
+using Repo::BlobType;
+using Repo::FileKind;
+using Repo::Id;
+namespace fs = std::filesystem;
+namespace json = boost::json;
+
+namespace {
+
+std::vector<std::string> Lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+std::vector<std::string> Words(const std::string& text)
+{
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), {}};
+}
+
+// Leaves out what 0.14 does not have.
+json::value AsOld(json::value value)
+{
+    if (json::object* const object = value.if_object()) {
+        for (const char* key : {"message_type", "inode", "path_base64", "total_uncompressed_size",
+                                "compression_ratio", "compression_progress", "compression_space_saving"})
+            object->erase(key);
+        for (auto& member : *object)
+            member.value() = AsOld(member.value());
+    } else if (json::array* const array = value.if_array()) {
+        for (json::value& item : *array)
+            item = AsOld(item);
+        // Groups are in random order there.
+        if (!array->empty() && array->front().is_object() && array->front().as_object().contains("group_key"))
+            std::sort(array->begin(), array->end(), [](const json::value& a, const json::value& b) {
+                return json::serialize(a) < json::serialize(b);
+            });
+    }
+    return value;
+}
+
+class Commands : public ::testing::Test
+{
+protected:
+    // Its output, without the program's own messages.
+    std::string Restic(const std::string& arguments, int exitCode = 0) const
+    {
+        const std::string command = "cd " + directory.Path() + " && HOME=. RESTIC_PASSWORD='" + password +
+                                    "' restic --no-cache -r " + repository + " " + arguments +
+                                    " >output 2>errors";
+        const int status = std::system(command.c_str());
+        EXPECT_EQ(WEXITSTATUS(status), exitCode) << arguments << ReadFile(directory / "errors");
+        return ReadFile(directory / "output");
+    }
+
+    ProgramResult Run(int exitCode, const std::vector<std::string>& arguments, unsigned int user = 0,
+                      const std::vector<std::string>& variables = {}) const
+    {
+        const auto prepare = [&] {
+            fs::current_path(directory.Path());
+            setenv("KBAGENT_REPOSITORY", repository.c_str(), 1);
+            setenv("KBAGENT_PASSWORD", password.c_str(), 1);
+            for (const std::string& variable : variables)
+                variable.ends_with('=') ? unsetenv(variable.substr(0, variable.size() - 1).c_str())
+                                        : putenv(const_cast<char*>(variable.c_str()));
+        };
+        ProgramResult result = RunProgram(arguments, {.user = user, .prepare = prepare});
+        EXPECT_EQ(result.exitCode, exitCode) << ::testing::PrintToString(arguments) << "\n"
+                                             << result.output.substr(0, 2000) << result.errors;
+        return result;
+    }
+    ProgramResult Run(int exitCode, const std::string& words) const { return Run(exitCode, Words(words)); }
+
+    // The documents of both programs are equal.
+    void ExpectSameJson(const std::string& arguments) const
+    {
+        const auto ours = Lines(Run(0, arguments).output), theirs = Lines(Restic(arguments));
+        ASSERT_EQ(ours.size(), theirs.size()) << arguments;
+        for (std::size_t i = 0; i < ours.size(); ++i)
+            ASSERT_EQ(AsOld(json::parse(ours[i])), AsOld(json::parse(theirs[i]))) << arguments;
+    }
+
+    // A repository with one key, without restic.
+    Repo::Repository Create(std::uint32_t version = 2) const
+    {
+        Repo::CreateOptions options;
+        options.version = version;
+        options.cost = {16, 1, 1};
+        return Repo::Repository::Create(std::make_shared<Repo::LocalBackend>(repository.c_str()),
+                                        Repo::Secret(Repo::AsBytes(password)), options);
+    }
+    // Saves trees and a snapshot of the last one; returns its id. Each text is made from the id before.
+    static Id SaveTrees(const Repo::Repository& opened,
+                        const std::vector<std::function<std::string(const Id&)>>& trees)
+    {
+        Repo::PackWriter pack(opened.GetKey());
+        Id last;
+        for (const auto& make : trees) {
+            const std::string text = make(last);
+            last = Id::Of(Repo::AsBytes(text));
+            pack.Add({BlobType::Tree, last}, Repo::AsBytes(text));
+        }
+        Repo::IndexFileWriter index;
+        const Id id = opened.SavePack(pack.Finish());
+        index.Add(id, pack.GetBlobs());
+        opened.SaveText(FileKind::Index, index.Finish());
+        Repo::Snapshot snapshot;
+        snapshot.time = Repo::Timestamp::Now();
+        snapshot.tree = last;
+        snapshot.paths = {"/x"};
+        opened.SaveText(FileKind::Snapshot, snapshot.ToJson());
+        return last;
+    }
+    std::vector<fs::path> Files(const std::string& part) const
+    {
+        std::vector<fs::path> files;
+        for (const auto& entry : fs::recursive_directory_iterator(repository + "/" + part))
+            if (entry.is_regular_file())
+                files.push_back(entry.path());
+        std::sort(files.begin(), files.end());
+        return files;
+    }
+
+    const TemporaryDirectory directory;
+    const std::string repository = directory / "repo";
+    std::string password = "secret";
+};
+
+// A repository that restic 0.14 wrote, in both versions of the format.
+class OfRestic : public Commands, public ::testing::WithParamInterface<const char*>
+{
+protected:
+    void SetUp() override
+    {
+        if (std::system("command -v restic >/dev/null") != 0)
+            GTEST_SKIP() << "restic is not installed";
+        MakeTree(source, EveryKindOfEntry());
+        MakeTree(source, {File("odd \\ \"name\n\xFF", "x"), File("empty", ""), Dir("emptydir"),
+                          File("zeros", std::string(1500000, '\0')), File("same1", "same"),
+                          File("same2", "same"), Hard("same3", "same1")});
+        std::mt19937 random(7);
+        std::generate_n(std::back_inserter(big), 3000000, [&] { return static_cast<char>(random()); });
+        directory.Write("s/big", big);
+        Restic("init --repository-version " + std::string(GetParam()));
+        Restic("backup s --host h1 --tag a,b");
+        directory.Write("s/later", "later");
+        Restic("backup s --host h2 --tag c --exclude gone");
+        Restic("backup s/later --host h1");
+    }
+
+    const std::string source = directory.MakeDirectory("s");
+    std::string big;
+};
+
+TEST_P(OfRestic, IsListedAsResticListsIt)
+{
+    std::ofstream(directory / "new") << "other";
+    Restic("key add --new-password-file new");
+    for (const std::string& arguments : std::vector<std::string>{"snapshots",
+                                                                 "snapshots --path " + source,
+                                                                 "snapshots --host h1",
+                                                                 "snapshots --tag a,b",
+                                                                 "snapshots --tag b --tag c",
+
+                                                                 "snapshots --latest 1",
+                                                                 "snapshots --group-by host",
+                                                                 "snapshots --group-by host,tags,paths",
+                                                                 "snapshots --host none",
+                                                                 "snapshots latest",
+                                                                 "ls latest",
+                                                                 "ls latest --host h2",
+                                                                 "ls latest --tag a --recursive /s",
+                                                                 "ls latest --host h2 /s /s/emptydir",
+                                                                 "stats",
+                                                                 "stats latest",
+                                                                 "stats --mode files-by-contents",
+                                                                 "stats --mode blobs-per-file",
+                                                                 "stats --mode raw-data",
+                                                                 "stats --mode raw-data latest --host h2"})
+        ExpectSameJson(arguments + " --json");
+    const auto keys = [](const std::string& text) {
+        std::set<std::string> items;
+        const json::value list = json::parse(text);
+        for (const json::value& key : list.as_array())
+            items.insert(json::serialize(key));
+        return items;
+    };
+    EXPECT_EQ(keys(Run(0, "key list --json").output), keys(Restic("key list --json")));
+    EXPECT_EQ(Run(0, "cat config").output, Restic("cat config"));
+    for (const auto& [kind, part] :
+         {std::pair("snapshot", "snapshots"), {"key", "keys"}, {"index", "index"}}) {
+        const std::string id = Files(part).front().filename();
+        EXPECT_EQ(json::parse(Run(0, "cat " + std::string(kind) + " " + id.substr(0, 10)).output),
+                  json::parse(Restic("cat " + std::string(kind) + " " + id)));
+    }
+    const std::string pack = Files("data").front().filename();
+    EXPECT_TRUE(Run(0, "cat pack " + pack.substr(0, 12)).output == Restic("cat pack " + pack));
+    EXPECT_EQ(Lines(Run(0, "ls latest --host h2 -l").output)[1], Lines(Restic("ls latest --host h2 -l"))[1]);
+    EXPECT_EQ(Restic("list locks"), "");
+}
+
+TEST_P(OfRestic, IsFoundUnderEachPathThatIsPrinted)
+{
+    const std::string text = Run(0, "ls -q --host h2").output;
+    EXPECT_TRUE(Holds(text, R"(/s/odd \\ "name\n\xff)"
+                            "\n"));
+    std::vector<std::string> arguments{"ls", "-q", "latest", "--host", "h2"};
+    for (const std::string& path : Lines(text)) {
+        EXPECT_TRUE(IsSteady(path));
+        arguments.push_back(path);
+    }
+    const auto found = Lines(Run(0, arguments).output), all = Lines(text);
+    EXPECT_EQ(std::set(found.begin(), found.end()), std::set(all.begin(), all.end()));
+    EXPECT_TRUE(
+        Holds(Run(0, {"ls", "latest", "--host", "h2", "/s/odd \\ \"name\n\xFF"}).output, R"(name\n)"));
+    EXPECT_EQ(Run(0, {"dump", "latest", "--host", "h2", R"(/s/odd \\ "name\n\xff)"}).output, "x");
+    EXPECT_TRUE(Holds(Run(3, "ls latest /none").errors, "/none"));
+
+    const ProgramResult shown = Run(0, "show --host h2 latest:/s/big");
+    EXPECT_TRUE(Holds(shown.output, "record of /s/big"));
+    EXPECT_TRUE(Holds(shown.errors, "latest is snapshot "));
+    const auto record = Krt::JSON::YValue::Parse(Run(0, "show --json --host h2 latest:/s/big").output);
+    Backup::File::YUnixFileMetadata metadata(record->AsObject());
+    const struct stat status = StatusOf(source + "/big");
+    EXPECT_EQ(metadata.GetFileSize(), big.size());
+    EXPECT_EQ(metadata.GetModeFlags(), status.st_mode);
+    EXPECT_EQ(metadata.GetLastWriteTime(), static_cast<unsigned long long>(status.st_mtim.tv_sec));
+    EXPECT_EQ(metadata.GetFilePath(0).GetFilesystemPortion().Bytes(), "/s/big");
+}
+
+TEST_P(OfRestic, IsDumped)
+{
+    EXPECT_TRUE(Run(0, "dump --host h2 latest /s/big").output == big);
+    Run(0, "dump --host h2 latest /s/zeros --target zeros");
+    EXPECT_TRUE(ReadFile(directory / "zeros") == std::string(1500000, '\0'));
+    Run(0, "dump --host h2 latest /s -t s.tar");
+    directory.MakeDirectory("out");
+    ASSERT_EQ(std::system(("tar -x -p --xattrs --xattrs-include='*' -C " + directory / "out" + " -f " +
+                           (directory / "s.tar") + " 2>" + (directory / "errors"))
+                              .c_str()),
+              0)
+        << ReadFile(directory / "errors");
+    const TreeView view{.identity = false};
+    EXPECT_EQ(DescribeTree(directory / "out/s", view), DescribeTree(source, view));
+    Run(3, "dump --host h2 -a zip latest /s --target s.zip"); // it has a FIFO
+    EXPECT_EQ(ReadFile(directory / "s.zip").substr(0, 2), "PK");
+    EXPECT_TRUE(Holds(Run(1, "dump latest /none").errors, "/none"));
+    Run(2, "dump latest s");
+}
+
+TEST_P(OfRestic, IsCheckedAfterOtherCommands)
+{
+    Restic("forget --keep-last 1 --group-by '' --prune");
+    const std::string from =
+        " --from-repo repo --from-password-file " + directory.Write("password", password);
+    Restic("-r copied init --copy-chunker-params" + from);
+    Restic("-r copied copy" + from);
+    Run(0, "check --read-data -r copied");
+    for (const char* options :
+         {"", " --read-data", " --read-data-subset 1/2", " --read-data-subset 50%", " --read-data-subset 1M"})
+        EXPECT_TRUE(Holds(Run(0, "check" + std::string(options)).output, "no errors were found")) << options;
+    EXPECT_EQ(json::parse(Run(0, "check --json").output),
+              json::parse(R"({"message_type":"summary","num_errors":0,"broken_packs":null,)"
+                          R"("suggest_repair_index":false,"suggest_prune":false})"));
+    for (const char* options : {"0/2", "3/2", "1/257", "0%", "101%", "x", "5Q"})
+        Run(2, "check --read-data-subset " + std::string(options));
+}
+
+TEST_P(OfRestic, ShowsEachDamageToACheck)
+{
+    std::mt19937 random(static_cast<unsigned int>(time(nullptr)));
+    const std::string kept = directory / "kept";
+    fs::copy(repository, kept, fs::copy_options::recursive);
+    for (int round = 0; round < 6; ++round) {
+        for (const auto& part : {"data", "index", "snapshots", "keys", "config"}) {
+            const auto files =
+                std::string(part) == "config" ? std::vector<fs::path>{repository + "/config"} : Files(part);
+            const fs::path& file = files[random() % files.size()];
+            const auto size = fs::file_size(file);
+            fs::permissions(file, fs::perms::owner_write, fs::perm_options::add);
+            const auto kind = random() % 3;
+            const auto place = random() % size;
+            if (kind == 2 && part == std::string("snapshots"))
+                continue; // one that is missing can't be noticed
+            if (kind == 0) {
+                std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+                stream.seekg(static_cast<std::streamoff>(place));
+                const int byte = stream.get();
+                stream.seekp(static_cast<std::streamoff>(place));
+                stream.put(static_cast<char>(byte ^ (1 << random() % 8)));
+            } else if (kind == 1)
+                fs::resize_file(file, place);
+            else
+                fs::remove(file);
+            const bool hasNoRepository = !fs::exists(repository + "/config");
+            const ProgramResult result =
+                RunProgram({"check", "--read-data", "--repo", repository, "--password-file",
+                            directory.Write("password", password)});
+            const bool hasNoKey = kind == 2 && part == std::string("keys");
+            EXPECT_EQ(result.exitCode, hasNoRepository ? 10
+                                       : hasNoKey      ? 12
+                                                       : 1)
+                << part << " " << kind << " " << place << result.output << result.errors;
+            EXPECT_EQ(result.output.find("no errors"), std::string::npos);
+            fs::remove_all(repository);
+            fs::copy(kept, repository, fs::copy_options::recursive);
+        }
+    }
+}
+
+TEST_P(OfRestic, NamesWhatDamageTouches)
+{
+    const std::string shown = Run(0, "show --host h2 latest:/s/later").output;
+    const std::string row = shown.substr(shown.rfind("\n", shown.size() - 2) + 1);
+    const std::string pack = Words(row).at(4);
+    ASSERT_TRUE(fs::remove(repository + "/data/" + pack.substr(0, 2) + "/" + pack)) << shown;
+    const ProgramResult result = Run(1, "check");
+    EXPECT_TRUE(Holds(result.errors, pack + ": the pack is missing"));
+    const auto touched = [&](const std::string& path) {
+        int count = 0;
+        for (const std::string& line : Lines(result.errors))
+            count +=
+                line.starts_with("kbagent: touched: ") && line.find(": " + path + ": blob ") != line.npos;
+        return count;
+    };
+    EXPECT_EQ(touched("/s/later"), 2);
+    EXPECT_EQ(touched("/s/same1") + touched("/s/big"), 0) << result.errors;
+}
+
+INSTANTIATE_TEST_SUITE_P(Version, OfRestic, ::testing::Values("1", "2"));
+
+TEST_F(Commands, DamageDoesNotEndACheckAndIsNamed)
+{
+    const Repo::Repository opened = Create();
+    Repo::PackWriter packs[] = {Repo::PackWriter(opened.GetKey()), Repo::PackWriter(opened.GetKey())};
+    Repo::IndexFileWriter index;
+    std::string tree = R"({"nodes":[)";
+    std::vector<Id> ids;
+    for (const auto& [pack, name] : {std::pair(0, "a"), {0, "b"}, {1, "c"}}) {
+        const Id id = Id::Of(Repo::AsBytes(name));
+        packs[pack].Add({BlobType::Data, id}, Repo::AsBytes(name), false);
+        Repo::Node node;
+        node.name = name;
+        node.size = name == std::string("b") ? 2 : 1;
+        node.content = {id};
+        tree += tree.back() == '[' ? "" : ",";
+        Repo::AppendNode(node, tree);
+    }
+    for (Repo::PackWriter& pack : packs) {
+        ids.push_back(opened.SavePack(pack.Finish()));
+        index.Add(ids.back(), pack.GetBlobs());
+    }
+    opened.SaveText(FileKind::Index, index.Finish());
+    SaveTrees(opened, {[&](const Id&) {
+                  return tree + "]}";
+              }});
+    fs::remove(repository + "/" + Repo::FileName{FileKind::Pack, ids[1]}.Path());
+    opened.SaveText(FileKind::Snapshot, R"({"time":"x"})");
+    const ProgramResult result = Run(1, "check --read-data");
+    for (const std::string part : {"snapshots/", "/a", "/b: its size is 2 bytes, but its blobs have 1",
+                                   "/c: blob ", "the pack is missing"})
+        EXPECT_EQ(result.errors.find(part) != std::string::npos, part != "/a") << part << result.errors;
+    const ProgramResult listed = Run(3, "snapshots");
+    EXPECT_TRUE(Holds(listed.output, "1 snapshots"));
+    const ProgramResult dumped = Run(3, "dump latest /a");
+    EXPECT_EQ(dumped.output, "a");
+    EXPECT_TRUE(Holds(dumped.errors, "snapshots/"));
+    Run(1, "dump latest /c");
+    EXPECT_TRUE(Holds(Run(3, "dump latest /").errors, "/c: "));
+    EXPECT_TRUE(Holds(Run(1, "check --json").output, R"("broken_packs":[")" + ids[1].ToHex()));
+}
+
+TEST_F(Commands, HostileTreesAreBounded)
+{
+    const Repo::Repository opened = Create();
+    const auto directoryOf = [](const Id& below, const std::vector<std::string>& names) {
+        std::string text = R"({"nodes":[)";
+        for (const std::string& name : names)
+            text += (name == names.front() ? R"({"name":")" : R"(,{"name":")") + name +
+                    R"(","type":"dir","subtree":")" + below.ToHex() + R"("})";
+        return text + "]}";
+    };
+    std::vector<std::function<std::string(const Id&)>> trees{[](const Id&) {
+        return R"({"nodes":[]})";
+    }};
+    for (int i = 0; i < 60; ++i) // more paths than can be walked
+        trees.push_back([&](const Id& below) { return directoryOf(below, {"a", "b"}); });
+    SaveTrees(opened, trees);
+    EXPECT_TRUE(Holds(Run(0, "check").output, "no errors"));
+    trees.resize(1);
+    for (int i = 0; i < 10002; ++i)
+        trees.push_back([&](const Id& below) { return directoryOf(below, {"d"}); });
+    SaveTrees(opened, trees);
+    EXPECT_TRUE(Holds(Run(3, "stats latest").errors, "more than 10000 levels deep"));
+    for (const char* name : {"..", ".", "", "a/b", "a\\u0000b"}) {
+        SaveTrees(opened, {[&](const Id&) {
+                      return directoryOf(Id(), {name});
+                  }});
+        EXPECT_TRUE(Holds(Run(3, "ls latest").errors, "kbagent: /: ")) << name;
+        Run(1, "check");
+    }
+}
+
+TEST_F(Commands, ExitCodesSayWhatIsMissing)
+{
+    Run(10, "snapshots");
+    const Repo::Repository opened = Create();
+    Run(0, "snapshots");
+    EXPECT_EQ(Run(0, "snapshots --json").output, "[]\n");
+    Run(1, "ls");
+    Run(2, "snapshots --no-such-option");
+    password = "wrong";
+    const ProgramResult wrong = Run(12, "snapshots --json");
+    EXPECT_TRUE(Holds(wrong.errors, R"({"message_type":"exit_error","code":12,)"));
+    EXPECT_EQ((wrong.output + wrong.errors).find("wrong-secret"), std::string::npos);
+    password = "secret";
+    Repo::Lock lock;
+    lock.time = Repo::Timestamp::Now();
+    lock.isExclusive = true;
+    lock.hostname = "elsewhere";
+    lock.username = "anna";
+    lock.pid = 4711;
+    const Id id = opened.SaveText(FileKind::Lock, lock.ToJson());
+    for (const char* part : {"by PID 4711 on elsewhere by anna", "minutes ago", "restic unlock", "locks/"})
+        EXPECT_TRUE(Holds(Run(11, "snapshots --retry-lock 1s").errors, part));
+    Run(0, "snapshots --no-lock");
+    EXPECT_EQ(Files("locks").size(), 1u);
+    EXPECT_EQ(WEXITSTATUS(std::system(("cd " + directory.Path() +
+                                       " && KBAGENT_PASSWORD=secret timeout -s INT "
+                                       "--preserve-status 2 " KBAGENT_PROGRAM
+                                       " snapshots -r repo --retry-lock 1h 2>errors")
+                                          .c_str())),
+              130);
+    opened.GetBackend().Remove({FileKind::Lock, id});
+    lock.isExclusive = false;
+    opened.SaveText(FileKind::Lock, lock.ToJson());
+    Run(0, "snapshots");
+    EXPECT_EQ(Files("locks").size(), 1u);
+}
+
+TEST_F(Commands, PasswordsComeFromTheirSources)
+{
+    Create();
+    const std::string utf16 = "\xFF\xFE" + [] {
+        std::string units;
+        for (const char byte : std::string("secret\r\n"))
+            units += std::string{byte, '\0'};
+        return units;
+    }();
+    const std::string plain = directory.Write("plain", "\xEF\xBB\xBF secret\n");
+    const std::string wide = directory.Write("wide", utf16);
+    const std::string none = "KBAGENT_PASSWORD=";
+    Run(0, {"snapshots", "-p", plain}, 0, {none});
+    Run(0, {"snapshots", "-p", wide}, 0, {"KBAGENT_PASSWORD=ignored"});
+    Run(0, {"snapshots", "--password-command", "printf '%s\\n' \"secret\""}, 0, {none});
+    Run(1, {"snapshots", "--password-command", "false"}, 0, {none});
+    Run(2, {"snapshots", "--password-command", "false", "-p", plain});
+    Run(0, {"snapshots"}, 0, {none, "RESTIC_PASSWORD_FILE=" + plain});
+    Run(0, {"snapshots"}, 0,
+        {none, "KBAGENT_REPOSITORY=", "RESTIC_REPOSITORY=repo", "RESTIC_PASSWORD=secret"});
+    Run(0, {"snapshots"}, 0, {"RESTIC_PASSWORD_FILE=" + wide, "RESTIC_PASSWORD_COMMAND=false"});
+    Run(2, {"snapshots"}, 0, {"KBAGENT_REPOSITORY="});
+    Run(0, {"snapshots", "--repository-file", directory.Write("place", repository + "\n")}, 0,
+        {"KBAGENT_REPOSITORY=/none"});
+    EXPECT_TRUE(Holds(Run(1, {"snapshots", "-r", "s3:user:pw@host"}).errors, "s3:"));
+    EXPECT_EQ(Run(1, {"snapshots", "-r", "s3:user:pw@host"}).errors.find("user:pw"), std::string::npos);
+}
+
+TEST_F(Commands, AReadOnlyRepositoryIsReadWithoutALock)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root, to read as another user";
+    SaveTrees(Create(), {[](const Id&) {
+                  return R"({"nodes":[{"name":"a","type":"fifo"}]})";
+              }});
+    ASSERT_EQ(std::system(("chmod -R a+rX " + directory.Path()).c_str()), 0);
+    const ProgramResult result = Run(0, {"ls", "-q"}, OrdinaryUser);
+    EXPECT_EQ(result.output, "/a\n");
+    EXPECT_TRUE(Holds(result.errors, "without a lock"));
+    EXPECT_EQ(Run(0, {"ls", "-q", "--no-lock"}, OrdinaryUser).errors, "");
+}
+
+TEST_F(Commands, ALockIsRefreshedAndItsLossIsNoticed)
+{
+    using std::chrono::milliseconds;
+    const Repo::Repository opened = Create();
+    std::atomic<bool> isLost{false};
+    LockSettings settings;
+    settings.settling = milliseconds(1);
+    settings.refreshInterval = milliseconds(20);
+    settings.onLost = [&] {
+        isLost = true;
+    };
+    {
+        const RepositoryLock lock(opened, settings);
+        const auto first = Files("locks");
+        EXPECT_EQ(first.size(), 1u);
+        const RepositoryLock other(opened, settings);
+        LockSettings exclusive = settings;
+        exclusive.isExclusive = true;
+        EXPECT_THROW(RepositoryLock(opened, exclusive), LockedError);
+        std::this_thread::sleep_for(milliseconds(300));
+        EXPECT_FALSE(fs::exists(first.front()));
+        EXPECT_FALSE(isLost);
+    }
+    EXPECT_TRUE(Files("locks").empty());
+    settings.expiry = milliseconds(1);
+    settings.refreshInterval = milliseconds(100);
+    const RepositoryLock lock(opened, settings);
+    fs::remove(Files("locks").front());
+    for (int i = 0; i < 100 && !isLost; ++i)
+        std::this_thread::sleep_for(milliseconds(50));
+    EXPECT_TRUE(isLost);
+    EXPECT_TRUE(Files("locks").empty());
+}
+
+TEST(NodeRecord, KeepsWhatANodeCannotExpress)
+{
+    Repo::Node node;
+    node.name = "f";
+    node.mtime.seconds = -5;
+    node.mode = 0100644 & 0777;
+    node.attributes = {{"user.a", {1}}};
+    std::string note;
+    KbagentMember member;
+    member.user = "\xFF";
+    member.attributes = {{"user.\xFF", {2, 3}}};
+    AppendKbagentMember(member, node.unknown);
+    ASSERT_EQ(node.unknown.size(), 1u);
+    EXPECT_EQ(node.unknown[0].json, R"({"version":1,"user":"/w==","extended_attributes":)"
+                                    R"([{"name":"dXNlci7/","value":"AgM="}]})");
+    auto record = RecordOf(node, "/d/f", note);
+    auto& metadata = record->AsUnixFileMetadata();
+    EXPECT_EQ(metadata.GetExtendedAttributeMap().size(), 2u);
+    EXPECT_EQ(static_cast<long long>(metadata.GetLastWriteTime()), -5);
+    EXPECT_EQ(metadata.GetModeFlags(), static_cast<unsigned int>(S_IFREG) | 0644u);
+    EXPECT_EQ(note, "");
+
+    // A record of another kind takes the place of the fields.
+    std::string ods;
+    record->StringifyTo(ods);
+    member.record = R"({"metadata_type":"ods","future":1})";
+    const auto parsed = [&](const std::string& json) {
+        node.unknown = {{"kbagent", json}};
+        note.clear();
+        return ReadKbagentMember(node, note);
+    };
+    node.unknown.clear();
+    AppendKbagentMember(member, node.unknown);
+    EXPECT_EQ(ReadKbagentMember(node, note)->record, member.record);
+    EXPECT_TRUE(parsed(R"({"version":1,"later":[{}],"group":"YQ=="})")->group == "a");
+    for (const char* text :
+         {R"({"version":2,"user":7})", R"({"user":"YQ=="})", R"({"version":1,"user":7})", "[]"}) {
+        EXPECT_FALSE(parsed(text)) << text;
+        EXPECT_NE(note, "") << text;
+        EXPECT_EQ(RecordOf(node, "/f", note)->AsUnixFileMetadata().GetUserId(), 0u);
+    }
+    EXPECT_TRUE(Holds((parsed(R"({"version":2})"), note), "version 2 is not supported"));
+}
+
+} // namespace
