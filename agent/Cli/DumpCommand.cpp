@@ -2,7 +2,6 @@
 
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Dump/DumpRun.h"
-#include "agent/Run/StandardStreams.h"
 
 #include "Krt/Exception/Raise.h"
 

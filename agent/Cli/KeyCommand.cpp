@@ -2,7 +2,6 @@
 
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Cli/TextTable.h"
-#include "agent/Run/StandardStreams.h"
 #include "agent/Run/Text.h"
 
 #include <CLI/CLI.hpp>

@@ -1,5 +1,6 @@
 #include "agent/Cli/Program.h"
 
+#include "agent/Access/RepositoryLock.h"
 #include "agent/Cli/Command.h"
 #include "agent/Run/FileGuard.h"
 #include "agent/Run/Interrupt.h"
@@ -37,6 +38,9 @@ enum ExitCode
     WrongUsage = 2,
     SomeFailed = 3,
     AnswerIsNo = 4,
+    NoRepository = 10,
+    RepositoryIsLocked = 11,
+    PasswordIsWrong = 12,
     EndedBySignal = 128 // and the number of the signal
 };
 
@@ -154,7 +158,8 @@ void Describe(CLI::App& program)
     program.require_subcommand(0, 1);
     program.footer(
         "Exit codes: 0 success, 1 could not run, 2 wrong usage, 3 finished, but some entries failed,\n"
-        "            4 the answer is no, 130 interrupted, 141 the reader of the output has exited.\n\n"
+        "            4 the answer is no, 10 there is no repository, 11 the repository is locked, 12 the\n"
+        "            password is wrong, 130 interrupted, 141 the reader of the output has exited.\n\n"
         "Examples: kbagent backup --store /backup/store /home /etc\n"
         "          kbagent list --store /backup/store\n"
         "          kbagent restore --store /backup/store --to /tmp/restored /etc\n\n"
@@ -268,7 +273,7 @@ int RunCommand(int argc, char** argv, Report& report)
             command.Run(report);
         }
     } catch (const UsageError& error) {
-        report.Error(YString(error.what()));
+        report.Error(YString(error.what()), WrongUsage);
         report.Note(YString("Run '" + NameOf(program) + " --help' for more information."));
         return WrongUsage;
     }
@@ -276,6 +281,25 @@ int RunCommand(int argc, char** argv, Report& report)
     if (report.IsIncomplete())
         return SomeFailed;
     return report.AnswersNo() ? AnswerIsNo : AllDone;
+}
+
+int CodeOf(const Krt::Exception::YError& error)
+{
+    if (dynamic_cast<const LockedError*>(&error) != nullptr)
+        return RepositoryIsLocked;
+    const auto* const failure = dynamic_cast<const Repo::RepositoryError*>(&error);
+    if (failure != nullptr && failure->GetFailure() == Repo::Failure::NoRepository)
+        return NoRepository;
+    if (failure != nullptr && failure->GetFailure() == Repo::Failure::WrongPassword)
+        return PasswordIsWrong;
+    return CouldNotRun;
+}
+
+int Fail(Report& report, int exitCode, const Krt::YString& text)
+{
+    exitCode = IsInterrupted() ? EndedBySignal + InterruptingSignal() : exitCode;
+    report.Error(text, exitCode);
+    return exitCode;
 }
 
 // Runs the program and reports what ended it.
@@ -288,15 +312,15 @@ int RunAndTell(int argc, char** argv, Report& report)
     } catch (const OutputError& error) {
         if (error.IsPipeClosed())
             return EndedBySignal + SIGPIPE;
-        report.Error(YString(error.what()));
+        return Fail(report, CouldNotRun, YString(error.what()));
     } catch (const StoreError& error) {
-        report.Error((IsInterrupted() ? "" : "The store can't be written: ") + ReasonOf(error.GetCause()));
+        return Fail(report, CouldNotRun,
+                    (IsInterrupted() ? "" : "The store can't be written: ") + ReasonOf(error.GetCause()));
     } catch (const Krt::Exception::YError& error) {
-        report.Error(ReasonOf(error));
+        return Fail(report, CodeOf(error), ReasonOf(error));
     } catch (const std::exception& error) {
-        report.Error(YString(error.what()));
+        return Fail(report, CouldNotRun, YString(error.what()));
     }
-    return IsInterrupted() ? EndedBySignal + InterruptingSignal() : CouldNotRun;
 }
 
 } // namespace

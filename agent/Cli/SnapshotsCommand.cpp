@@ -3,7 +3,6 @@
 #include "agent/Cli/NodeText.h"
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Cli/TextTable.h"
-#include "agent/Run/StandardStreams.h"
 #include "agent/Run/Text.h"
 
 #include <CLI/CLI.hpp>

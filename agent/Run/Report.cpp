@@ -1,5 +1,6 @@
 #include "agent/Run/Report.h"
 
+#include "agent/Repository/Json.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
@@ -37,9 +38,22 @@ void Report::Note(const YString& text)
     Line(Printable(text));
 }
 
-void Report::Error(const YString& text)
+void Report::JsonNote(const std::string& json)
+{
+    EraseProgress();
+    std::fputs((PrintableJson(json) + "\n").c_str(), stderr);
+}
+
+void Report::Error(const YString& text, int exitCode)
 {
     KRT_LOG_FREE(Krt::MessageType::General, "Error: " << text);
+    if (m_usesJson) {
+        std::string json =
+            R"({"message_type":"exit_error","code":)" + std::to_string(exitCode) + R"(,"message":)";
+        Repo::JsonWriter(json).String(text.Bytes());
+        JsonNote(json + "}");
+        return;
+    }
     Line("error: " + Printable(text));
 }
 

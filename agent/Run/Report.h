@@ -58,8 +58,12 @@ public:
     bool AnswersNo() const { return m_answersNo; }
     /// Reports what the user should know and what is not a failure.
     void Note(const Krt::YString& text);
-    /// What ended the run.
-    void Error(const Krt::YString& text);
+    /// A JSON document on standard error, as a line.
+    void JsonNote(const std::string& json);
+    /// What ended the run. With UseJson, a JSON document that also has the exit code.
+    void Error(const Krt::YString& text, int exitCode);
+    /// The command prints JSON.
+    void UseJson() { m_usesJson = true; }
 
     /// Cheap enough to be called for each entry and each block: prints now and then how far the work has got.
     void Progress(unsigned long long entries, unsigned long long bytes)
@@ -92,6 +96,7 @@ private:
     Output m_output;
     unsigned long long m_failed = 0;
     bool m_answersNo = false;
+    bool m_usesJson = false;
     bool m_isSummaryLost = false;
     bool m_showsProgress;
     bool m_lineStands = false; // of progress
