@@ -19,8 +19,8 @@ constexpr std::array<unsigned char, 256> Values = [] {
     return values;
 }();
 
-// Decodes the groups of four digits in front, up to one with anything else in it, and returns their
-// characters.
+// Decodes the groups of four digits at the beginning, up to the first group with any other character. Returns
+// the number of characters in the decoded groups.
 std::size_t DecodeGroups(std::string_view characters, unsigned char*& out)
 {
     std::size_t at = 0;
@@ -92,7 +92,7 @@ Memory::YHeap<unsigned char> Base64DecodeData(const YString& text)
         padding += pad ? 1 : 0;
         bits = bits << 6 | (pad ? 0U : value);
         if (++digits % 4 == 0) {
-            // Bits that no byte takes up are zero in what an encoder writes.
+            // An encoder sets the unused bits of the last digit to zero.
             KRT_RAISE_UNLESS((bits & ((1U << 8 * padding) - 1)) == 0, ErrorCode::InvalidArgument,
                              "Unexpected Base64 bits before offset " << at);
             for (unsigned int byte = 0; byte < 3 - padding; ++byte)

@@ -23,7 +23,7 @@ std::string WithoutEnding(const char* file)
     return dot ? std::string(file, dot) : std::string(file);
 }
 
-// The lines of a failed check, the last of which, the stack's text, is not ended.
+// Writes the lines of a failed check. The last one, the stack's text, has no line end.
 void WriteBanner(std::ostream& stream, const char* condition, const YString& detail, unsigned int line,
                  const char* file, const char* function)
 {
@@ -59,7 +59,8 @@ void FailRequiredCheck(const char* condition, const YString& detail, unsigned in
 void AbortRequiredCheck(const char* condition, const YStream& detail, unsigned int line, const char* file,
                         const char* function)
 {
-    // No stream of this layer: its flush takes the lock of the signals, and a lock is what has just failed.
+    // Not a stream of this layer: its flush acquires the lock of the signals, and a lock is what has just
+    // failed.
     WriteBanner(std::cerr, condition, detail, line, file, function);
     Debug::EnterDebugger();
     std::abort();

@@ -16,8 +16,8 @@ namespace Krt::Exception {
 
 namespace {
 
-// A frame holds a return address, which may already belong to the next function when the call never returns;
-// one byte less lies inside the call.
+// A frame contains a return address, which may belong to the next function if the call never returns. The
+// byte before it is inside the call.
 std::uintptr_t CallAddress(const boost::stacktrace::frame& frame)
 {
     const auto address = reinterpret_cast<std::uintptr_t>(frame.address());
@@ -41,7 +41,7 @@ void AppendFrame(std::string& text, std::uintptr_t address)
     AppendHexadecimal(text, address - module.base);
 }
 
-// The name of the function that a line of AppendFrame lies in, empty if it isn't known.
+// Returns the function's name from a line of AppendFrame; empty if the line has no name.
 std::string FunctionOfFrame(const std::string& line)
 {
     const std::uintptr_t address = std::strtoull(line.c_str(), nullptr, 16);

@@ -9,7 +9,7 @@ namespace Krt::Exception {
 
 namespace {
 
-// Empty for a code without a name.
+// Returns "" for a code without a name.
 const char* ErrorCodeName(unsigned int code)
 {
     switch (code) {
@@ -60,7 +60,7 @@ struct NamedError
     const char* name;
 };
 
-// A table of our own, since the C library's look-up by number isn't there on every system.
+// The C library cannot look up names by number on every system.
 #define KRT_NAMED(name)                                                                                      \
     {                                                                                                        \
         name, #name                                                                                          \
@@ -108,8 +108,8 @@ constexpr NamedError namedErrors[] = {
 };
 #undef KRT_NAMED
 
-// Returns a name such as "ENOENT", or "" for a number without one. If a number has several names, the first
-// of POSIX's list.
+// Returns a name such as "ENOENT", or "" for a number without a name. If a number has several names, returns
+// the first in POSIX's list.
 const char* OsErrorName(int osError)
 {
     for (const NamedError& error : namedErrors) {
@@ -143,7 +143,7 @@ unsigned int CodeFromOsError(int osError)
 
 int YErrorBase::GetOsError() const
 {
-    // A failing call may have given a negative value instead of errno, so the sign is brought back.
+    // A failed call may have returned a negative value without setting errno, so the sign is restored.
     return GetType() == ExceptionType::OsError ? static_cast<int>(m_code) : 0;
 }
 

@@ -43,7 +43,7 @@ public:
     YDirectory OpenDirectoryToSearch(const YString& name) const;
     /// Opens a descendant directory by one or more names. Symlinks are not followed, so the result is
     /// always below this directory, even if entries are renamed concurrently.
-    YDirectory OpenBelow(std::span<const YString> way) const;
+    YDirectory OpenBelow(std::span<const YString> names) const;
     /// Opens an entry for reading; never blocks on a FIFO. The caller checks with Stat whether it is a
     /// regular file.
     Util::YUnxHandle OpenFile(const YString& name) const;

@@ -43,7 +43,7 @@ std::string_view FileOf(std::string_view path, char separator)
     return path.substr(path.rfind(separator) + 1);
 }
 
-// A "." at the end is no file name, so it goes together with the name in front of it.
+// A trailing "." is not a file name, so it is removed together with the name before it.
 std::string_view WithoutFile(std::string_view path, char separator)
 {
     std::string_view file;
@@ -219,7 +219,7 @@ YString YPath::GetVolumeFromPath(const YString& path)
     const std::string& text = path.Bytes();
     if (text.size() > 1 && text[1] == ':' && IsLetter(text[0]))
         return path.Left(2);
-    // Each prefix begins with a backslash; most paths end here, without a copy.
+    // Each prefix begins with a backslash, so most paths return here, without a copy.
     if (!text.starts_with('\\'))
         return YString();
     return PrefixedVolume(AppendPathSep(path, Separator));
@@ -248,7 +248,7 @@ Container SplitAtSeparators(const YString& path)
     const std::string_view first = WithoutSep(volume.Bytes(), *Separator);
     if (!first.empty())
         pieces.push_back(first);
-    // A volume that takes the whole text may have gained a separator behind it.
+    // A volume that is the whole text may have gained a trailing separator.
     std::size_t begin = std::min(volume.Bytes().size(), text.size());
     while (begin < text.size()) {
         const std::size_t end = std::min(text.find(*Separator, begin), text.size());

@@ -13,10 +13,10 @@ namespace Krt::JSON {
 namespace {
 
 constexpr std::size_t DepthLimit = 64;
-// A record's members, for which room is made at once.
+// Room for the members of a metadata record is reserved at once.
 constexpr std::size_t RootMembers = 16;
 
-// Turns each of the characters U+EF80 to U+EFFF, which stand for bytes that are no text, back into its byte.
+// Turns each of the characters U+EF80 to U+EFFF, which represent bytes that are not text, back into its byte.
 // The text is valid UTF-8, in which they are EE BE 80 to EE BF BF.
 void DecodeBytes(std::string& text)
 {
@@ -49,7 +49,7 @@ YObject WithoutNull(const YObject& object)
 
 } // namespace
 
-// Makes values of the events of the parser, which prescribes the names of the operations.
+// Builds values from the parser's events. The parser prescribes the names of the operations.
 class JsonBuilder
 {
 public:
@@ -89,7 +89,7 @@ public:
     bool on_null(Code& error);
 
 private:
-    // A container whose end hasn't come yet.
+    // A container whose end has not been parsed yet.
     struct Level
     {
         YArray array;
@@ -110,7 +110,7 @@ private:
 
     std::string_view m_document;
     const YValue::DuplicateKeys m_duplicates;
-    const bool m_mayHoldBytes; // told once, for all strings
+    const bool m_mayHoldBytes; // the same for all strings of a document
     boost::shared_ptr<YValue> m_root;
     boost::container::small_vector<Level, 8> m_open;
     std::string m_parts; // of a string with escapes
@@ -130,7 +130,7 @@ void JsonBuilder::RaiseFailure(const Code& error, std::size_t offset) const
                  "Invalid JSON text: " << reason.c_str() << " at offset " << offset);
 }
 
-// An empty number leaves the place to the parser.
+// If `number` is empty, the offset is that of the parser.
 bool JsonBuilder::Refuse(const char* reason, Text number, Code& error)
 {
     m_refusal = reason;
@@ -167,7 +167,7 @@ bool JsonBuilder::AddPart(Text part)
     return true;
 }
 
-// The string that ends with this part; it may stand in m_parts, which is to be cleared after its use.
+// Returns the string that ends with this part. It may be in m_parts, which the caller clears after use.
 std::string_view JsonBuilder::Whole(Text last)
 {
     if (m_parts.empty() && (!m_mayHoldBytes || last.find('\xEE') == Text::npos))
@@ -202,7 +202,7 @@ bool JsonBuilder::on_key(Text last, std::size_t, Code& error)
     return m_duplicates == YValue::DuplicateKeys::TakeLast || RequireNewKey(level, error);
 }
 
-// After each key of the level, so that there are as many keys as members until one comes twice.
+// Called after each key of the level: there are as many keys as members until a key is repeated.
 bool JsonBuilder::RequireNewKey(Level& level, Code& error)
 {
     const std::vector<YObject::Entry>& entries = level.object.Entries();
@@ -241,7 +241,7 @@ bool JsonBuilder::on_null(Code& error)
 {
     if (m_open.empty() || m_open.back().isArray)
         return Refuse("null that is no member of an object", Text(), error);
-    // It may take back an earlier member of the same key. WithoutNull drops the key at the end.
+    // The null may replace an earlier member with the same key. WithoutNull removes the key at the end.
     m_open.back().hasNull = true;
     m_open.back().slot->reset();
     return true;

@@ -21,9 +21,9 @@ bool IsBetween(unsigned char byte, unsigned char low, unsigned char high)
     return byte >= low && byte <= high;
 }
 
-// Length of the UTF-8 sequence of two or more bytes that begins the text and may be written as it stands: 0
-// if there is no valid one, which counts overlong forms, surrogates and numbers above U+10FFFF out, and 0 for
-// the characters that stand for bytes, U+EF80 to U+EFFF.
+// Returns the length of the UTF-8 sequence of two or more bytes at the beginning of the text, if it may be
+// written unchanged. Otherwise returns 0: for an invalid sequence (overlong forms, surrogates and numbers
+// above U+10FFFF are invalid) and for the characters that represent bytes, U+EF80 to U+EFFF.
 std::size_t PlainSequence(const char* text, std::size_t size)
 {
     const auto at = [text](std::size_t i) {
@@ -53,7 +53,7 @@ std::size_t PlainSequence(const char* text, std::size_t size)
     return 0;
 }
 
-// Whether a byte is ASCII that stands for itself in a JSON string.
+// True for ASCII bytes that a JSON string contains unchanged.
 constexpr std::array<bool, 256> IsClean = [] {
     std::array<bool, 256> clean{};
     for (int byte = 0x20; byte < 0x80; ++byte)
@@ -61,7 +61,8 @@ constexpr std::array<bool, 256> IsClean = [] {
     return clean;
 }();
 
-// The same of eight bytes at once, looking at the top bit of each: zero if all of them are clean.
+// Checks eight bytes at once; the result is zero if all of them are clean. Only the top bit of each byte
+// counts.
 std::uint64_t UncleanBits(std::uint64_t word)
 {
     constexpr std::uint64_t Ones = 0x0101010101010101;
@@ -79,8 +80,8 @@ Word Copy(char* out, const char* text)
     return word;
 }
 
-// Copies the text if all of it is clean, and otherwise may have copied some of it. The last word overlaps the
-// one in front of it where the size is no multiple of a word's.
+// Copies the text and returns true if all of it is clean; otherwise may have copied some of it. The last word
+// overlaps the one before it if the size is not a multiple of the word size.
 bool CopyClean(char* out, const char* text, std::size_t size)
 {
     using Word = std::uint64_t;
@@ -104,7 +105,8 @@ bool CopyClean(char* out, const char* text, std::size_t size)
     return true;
 }
 
-// Writes the byte, which can't stand for itself, and returns the end of what it took, at most EscapeSize.
+// Writes a byte that needs an escape sequence, and returns the end of the sequence, which has at most
+// EscapeSize characters.
 constexpr std::size_t EscapeSize = 6;
 char* WriteEscaped(char* out, unsigned char byte)
 {
@@ -128,7 +130,8 @@ char* WriteEscaped(char* out, unsigned char byte)
     return out;
 }
 
-// In front of `out` stands the quote, and behind the text there is room for an escape and the other one.
+// The opening quote is before `out`. After the text there is room for an escape sequence and the closing
+// quote.
 char* WriteUnclean(TextBuffer& buffer, char* out, std::string_view text)
 {
     const char* at = text.data();
@@ -140,7 +143,7 @@ char* WriteUnclean(TextBuffer& buffer, char* out, std::string_view text)
             out = std::copy_n(at, plain, out);
             at += plain;
         } else {
-            // It takes more than its byte, for which alone there is room.
+            // The escape sequence is longer than the byte, and room was reserved for the byte only.
             buffer.MoveTo(WriteEscaped(out, static_cast<unsigned char>(*at++)));
             out = buffer.Room(end - at + EscapeSize + 1);
         }
@@ -164,7 +167,7 @@ void WriteNumber(TextBuffer& buffer, unsigned long long number)
     buffer.MoveTo(std::to_chars(out, out + MostDigits, number).ptr);
 }
 
-// Containers that are open stand on a stack of the writer's own, so that depth costs no recursion.
+// Open containers are on the writer's own stack, so that depth costs no recursion.
 class Writer
 {
 public:
@@ -181,9 +184,9 @@ private:
         const YObject::Entry* member;             // of an object
     };
 
-    // Writes a value that holds no others, and opens one that does.
+    // Writes a scalar, or the beginning of a container.
     void Begin(const YValue* value);
-    // Writes what stands in front of the next value, and gives that.
+    // Writes what precedes the next value, and returns that value.
     const YValue* NextMember(Level& level);
     void End();
     void BreakLine();

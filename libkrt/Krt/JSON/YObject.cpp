@@ -62,7 +62,7 @@ boost::shared_ptr<YValue>& YObject::Slot(std::string_view key)
     if (position < m_entries.size())
         return m_entries[position].second;
     if (m_entries.capacity() == 0)
-        m_entries.reserve(4); // an object of one to three members is the common one
+        m_entries.reserve(4); // most objects have one to three members
     m_entries.emplace_back(key, nullptr);
     if (m_entries.size() > LinearLimit)
         AddToIndex();

@@ -50,8 +50,8 @@ YValue::~YValue()
 {
     if (!HasChildren())
         return;
-    // Values that hold others are taken apart here and not by the destructors of the containers, which would
-    // recurse as deep as the document is nested.
+    // Containers are dismantled here and not by their destructors, which would recurse as deep as the
+    // document is nested.
     Pending pending;
     ReleaseChildren(pending);
     while (!pending.empty()) {
@@ -91,7 +91,7 @@ void YValue::RaiseKind(const char* function, const char* wanted) const
 
 namespace {
 
-// Under the plain name, which __func__ is not in a specialisation.
+// Reports the plain name, which differs from __func__ in a specialisation.
 [[noreturn, gnu::cold]] void RaiseConversion(const char* name)
 {
     KRT_RAISE_AS("Convert", MessageType::Runtime, ErrorCode::ValueConversion, "Unable to convert " << name);

@@ -1,5 +1,5 @@
-// Bodies of the templates of YValue and YObject, for the sources that instantiate them: YValue.cpp, and that
-// of a class which brings conversions of its own.
+// Definitions of the templates of YValue and YObject, for the sources that instantiate them: YValue.cpp, and
+// that of a class with conversions of its own.
 #pragma once
 
 #include "Krt/JSON/FreeListAllocator.h"

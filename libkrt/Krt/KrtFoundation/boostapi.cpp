@@ -4,7 +4,7 @@ namespace Krt {
 
 void ThrowBoostFailure(const std::exception& failure)
 {
-    // A fixed place: the failing call stands in a template of any program's source.
+    // The source location is fixed, since the failing call may be in a template of any program's source.
     throw Exception::TranslateYError(failure, MessageType::General, 12, "Krt/KrtFoundation/boostapi",
                                      "throw_exception", YString());
 }

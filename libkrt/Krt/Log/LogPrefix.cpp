@@ -11,7 +11,7 @@ namespace Krt::Util {
 
 namespace {
 
-// A byte of a letter, a digit or a character beyond ASCII.
+// Returns true for a byte of a letter, a digit or a character beyond ASCII.
 bool IsWordByte(unsigned char byte)
 {
     return byte >= 0x80 || (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') ||

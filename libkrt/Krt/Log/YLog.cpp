@@ -19,8 +19,8 @@ namespace Krt::Log {
 
 namespace {
 
-// The local time to the second, and its distance from UTC. Kept while the second lasts: working it out costs
-// more than the rest of a line.
+// The local time to the second, and its offset from UTC. Cached for the second, since computing it costs more
+// than the rest of a line.
 class Clock
 {
 public:
@@ -115,14 +115,14 @@ std::vector<YString> YRegistrar::GetEnabledMessages() const
 class YLog::Impl
 {
 public:
-    // The lock is held for a whole line, so that lines stand in the order of their times.
+    // The lock is held for a whole line, so that the lines are in the order of their times.
     mutable Thread::AnnotatedMutex mutex;
     Util::YUnxHandle file KRT_GUARDED_BY(mutex);
     bool copyToConsole KRT_GUARDED_BY(mutex) = false;
     bool wholeLines KRT_GUARDED_BY(mutex) = false;
     std::atomic<unsigned long long> dropped{0};
 
-    // Whether the line was written.
+    // Returns true if the line was written.
     bool WriteLine(unsigned int type, std::string_view text) KRT_REQUIRES(mutex)
     {
         if (file.IsEmpty() || !MakeLine(type, text))
@@ -138,7 +138,7 @@ public:
     }
 
 private:
-    // False if there is no memory for it.
+    // Returns false if there is no memory for the line.
     bool MakeLine(unsigned int type, std::string_view text) KRT_REQUIRES(mutex)
     {
         try {
@@ -160,8 +160,8 @@ private:
         return Util::CallSystem([&] { return write(descriptor, line.data(), line.size()); }).value;
     }
 
-    // An appending write leaves the offset behind what it wrote. If the file has grown since, it stays as it
-    // is.
+    // An appending write leaves the offset after what it wrote. If the file has grown since, it is left
+    // unchanged.
     void TakeBack(ssize_t count) const KRT_REQUIRES(mutex)
     {
         const int descriptor = file.Get();
@@ -169,7 +169,7 @@ private:
         if (end < count || lseek(descriptor, 0, SEEK_END) != end)
             return;
         if (!Util::CallSystem([&] { return ftruncate(descriptor, end - count); }))
-            return; // the piece of a line stays, and the line counts as dropped all the same
+            return; // the partial line stays, and still counts as dropped
     }
 
     Clock m_clock KRT_GUARDED_BY(mutex);
@@ -184,7 +184,7 @@ void YLog::Open(Param param)
 {
     const Thread::AnnotatedLock lock(m_impl->mutex);
     m_impl->file.Close();
-    // A FIFO that nobody reads, put in the log's place, would hold every thread that logs.
+    // A FIFO without a reader in place of the log would block every thread that logs.
     constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
     m_impl->file =
         KRT_OS_VALUE(Util::OpenHandle(param.path.CStr(), flags, 0640), "Failed to open log: " << param.path);

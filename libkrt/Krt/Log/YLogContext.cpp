@@ -10,7 +10,7 @@ namespace Krt::Log {
 
 namespace {
 
-// These two need no destructor, so they may be used when the thread's other objects are gone.
+// Variables without destructors, so they may be used after the thread's other objects are destroyed.
 thread_local YLogContext* t_context = nullptr;
 thread_local bool t_ended = false;
 
@@ -45,8 +45,8 @@ YLogContext& YLogContext::OfThread(YLog& log)
 
 std::string YLogContext::ExchangeText(std::string text)
 {
-    // Takes and gives the stream's own string: destructors of lines call this, for which there may be no
-    // memory. That may also be what has spoilt the stream.
+    // Moves the stream's own string: destructors of lines call this, possibly without memory for a copy. Lack
+    // of memory may also have set the stream's error flags.
     m_text.clear();
     std::string unfinished = std::move(m_text).str();
     m_text.str(std::move(text));

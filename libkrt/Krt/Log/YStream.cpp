@@ -14,7 +14,7 @@ YStream::YStream(const YString& text)
 {
     // Messages don't depend on the locale that the program chose for its users.
     m_text.imbue(std::locale::classic());
-    // A stream would keep silent about having no memory, and lose this and all that follows.
+    // Without this, a stream would not report lack of memory, and would lose this text and all that follows.
     m_text.exceptions(std::ios::badbit);
     *this << text;
 }

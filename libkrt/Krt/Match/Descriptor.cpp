@@ -32,8 +32,8 @@ MatchType ReadMatchType(const JSON::YValue& value)
     return entry->type;
 }
 
-// Moves the first character of the text out of it. One that is cut short ends where its bytes do: a name
-// needn't be UTF-8, and a lone lead byte must not take the dot of ".txt" along.
+// Removes the first character from the text and returns it. A truncated character ends where its bytes end: a
+// name needn't be UTF-8, and a lone lead byte must not include the dot of ".txt".
 std::string_view TakeCharacter(std::string_view& text)
 {
     const std::size_t announced = std::min<std::size_t>(String::GetChrSize(text.data()), text.size());
@@ -45,7 +45,7 @@ std::string_view TakeCharacter(std::string_view& text)
     return character;
 }
 
-// Moves the first characters out of both if the pattern's one matches the name's.
+// Removes the first character from both if the pattern's character matches the name's.
 bool TakeMatch(std::string_view& name, std::string_view& pattern, bool caseSensitive)
 {
     const auto isOneByte = [](std::string_view text) {
@@ -64,7 +64,8 @@ bool TakeMatch(std::string_view& name, std::string_view& pattern, bool caseSensi
     return wanted == "?" || String::Equals(wanted, found, caseSensitive);
 }
 
-// Whether the pattern begins with a byte that is itself alone and at which, in any name, a character begins.
+// Returns true if the pattern begins with a byte that matches only itself, and at which a character begins in
+// any name.
 bool BeginsWithLiteral(std::string_view pattern, bool caseSensitive)
 {
     const char first = pattern.front();
@@ -77,8 +78,8 @@ bool HasWildcard(std::string_view pattern)
     return std::any_of(pattern.begin(), pattern.end(), [](char c) { return c == '*' || c == '?'; });
 }
 
-// Only the last star passed can have taken too little, so going back there alone is enough, and the time is
-// at worst the product of the two lengths.
+// Only the last star can have matched too little, so backtracking to that one is enough. The time is at most
+// proportional to the product of the two lengths.
 bool MatchesGlob(std::string_view name, std::string_view pattern, bool caseSensitive)
 {
     bool starred = false;

@@ -11,7 +11,7 @@ namespace {
 struct Character
 {
     char32_t code;
-    std::size_t size; // 0: the byte is no part of valid UTF-8
+    std::size_t size; // 0: the byte is not part of valid UTF-8
 };
 
 Character Decode(std::string_view text)
@@ -92,7 +92,7 @@ void AppendEscaped(char32_t code, std::string& out)
     }
 }
 
-// JSON has escapes of UTF-16 units alone.
+// JSON has escapes only for UTF-16 code units.
 void AppendJsonEscape(char32_t code, std::string& out)
 {
     if (code >= 0x10000) {
@@ -102,7 +102,7 @@ void AppendJsonEscape(char32_t code, std::string& out)
     AppendEscape("\\u%04x", code, out);
 }
 
-// Bytes that stand for themselves whatever is around them.
+// Returns true for bytes that are written unchanged, whatever surrounds them.
 bool IsPlain(char byte)
 {
     return byte >= 0x20 && byte < 0x7F && byte != '\\';
@@ -136,8 +136,8 @@ void AppendPrintable(std::string& out, std::string_view text)
     }
 }
 
-// A quotation mark or a backslash of the text is JSON's own, so everything plain stays. A control is not part
-// of any string: it stands between two tokens, where a blank says the same.
+// Quotation marks and backslashes of the text are JSON syntax, so everything plain is kept. A control is not
+// part of any string: it is between two tokens, where a blank is equivalent.
 void AppendPrintableJson(std::string& out, std::string_view json)
 {
     while (!json.empty()) {

@@ -34,7 +34,7 @@ void RequireWalkable(const std::string& bytes)
     (void)NumericCast<unsigned int>(bytes.size() + 1);
 }
 
-// Of eight bytes at once: whether each of them is a character by itself, and none is NUL.
+// Returns true if each of the eight bytes is a character by itself and not NUL.
 bool AreAscii(const char* text)
 {
     constexpr std::uint64_t Ones = 0x0101010101010101;
@@ -127,7 +127,7 @@ std::size_t YString::Walk(std::size_t offset, unsigned int characters) const
 {
     if (characters != 0)
         RequireWalkable(m_bytes);
-    // Counting is one pass, after which no far index into a text of single bytes needs a walk again.
+    // Counting takes one pass, after which an index into text of single-byte characters needs no walk.
     if (characters > 32)
         Length();
     if (IsSingleByte()) {
@@ -189,7 +189,7 @@ YString YString::Section(YString delimiter, unsigned int start, unsigned int* ne
 
 std::vector<YString> YString::SectionVector(YString delimiter, bool caseSensitive, bool skipEmpty) const
 {
-    // As Section from field to field, but each goes on where the last one ended: no text is walked twice.
+    // Like Section for each field, but continues where the last field ended: no text is walked twice.
     std::vector<YString> fields;
     const auto step = static_cast<unsigned int>(delimiter.m_bytes.size());
     unsigned int position = 0;

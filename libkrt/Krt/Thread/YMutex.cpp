@@ -10,8 +10,8 @@ namespace Krt::Thread {
 
 YMutexInternal::YMutexInternal(int) {}
 
-// The pthread mutex orders all accesses; count and owner are atomic for those who read them without it, and
-// the only answer that these may rely on is whether they are the owner themselves.
+// The pthread mutex orders all accesses. Count and owner are atomic for threads that read them without it;
+// such a thread may only rely on whether it is the owner itself.
 void YMutexInternal::LockLevel()
 {
     Lock();
@@ -27,7 +27,7 @@ void YMutexInternal::UnlockLevel()
     Unlock();
 }
 
-// pthread_cond_wait gives up one level alone, and another thread would find a count that isn't its own.
+// pthread_cond_wait releases one level only, and another thread would find a count that isn't its own.
 void YMutexInternal::Wait(pthread_cond_t* condition)
 {
     const unsigned int levels = GetLockCount();

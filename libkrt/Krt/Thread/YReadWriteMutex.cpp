@@ -54,7 +54,8 @@ namespace Krt::Thread {
 
 namespace {
 
-// There must be a limit: a thread that holds the lock may wait for exactly the reader that is held back.
+// The limit prevents a deadlock: a thread that holds the lock may wait for exactly the reader that is held
+// back.
 constexpr std::chrono::milliseconds WriterPreferenceLimit(50);
 
 } // namespace
@@ -62,16 +63,16 @@ constexpr std::chrono::milliseconds WriterPreferenceLimit(50);
 class YReadWriteMutexInternal : public boost::enable_shared_from_this<YReadWriteMutexInternal>
 {
 public:
-    // Take a level; false if it can't be had in time. Zero waits without limit.
+    // Acquire a level; return false on a timeout. A timeout of zero waits without limit.
     bool ReadLock(const Time::YDuration& timeout);
     bool WriteLock(const Time::YDuration& timeout);
     // Release a level of the kind, which the caller holds. Its write levels are the last to go.
     void ReadUnlock();
     void WriteUnlock();
-    // Take this many levels without a limit of time; the caller holds none.
+    // Acquire this many levels and wait without limit; the caller holds no level.
     void ReadFastForward(unsigned int levels);
     void WriteFastForward(unsigned int levels);
-    // Whether the caller holds a read level, also while it writes.
+    // Returns true if the caller holds a read level, also while it writes.
     bool IsReadLockedByMe() const;
 
     void Unregister(const ReaderSlot& slot);
@@ -204,7 +205,7 @@ bool YReadWriteMutexInternal::WriteLock(const Time::YDuration& timeout)
     return true;
 }
 
-// Of two readers that both want to write, neither could ever leave: the second one is refused at once.
+// If two readers both want to write, neither can ever leave, so the second one is refused at once.
 bool YReadWriteMutexInternal::WriteLockSlow(ReaderSlot& slot, const Time::YDuration& timeout)
 {
     const bool upgrade = slot.readLevels != 0;
@@ -313,7 +314,7 @@ void YReadWriteMutexInternal::RestoreReaderBiasIfIdle()
 
 namespace {
 
-// The caller's slot for a lock of which it holds a level. A failure is a broken invariant.
+// Returns the caller's slot for a lock of which it holds a level. A failure is a broken invariant.
 ReaderSlot& HeldSlot(const YReadWriteMutexInternal* lock)
 {
     ReaderSlot* const slot = ReaderSlots::Mine().Find(lock);

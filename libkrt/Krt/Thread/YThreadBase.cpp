@@ -31,7 +31,7 @@ public:
         : m_thread(thread), m_work(std::move(function), name)
     {}
 
-    // The error number of the operating system, 0 if the thread runs.
+    // Returns 0, or the error number of the operating system.
     int Start() { return pthread_create(&m_handle, nullptr, &Impl::Main, this); }
     void Join();
     void RequestCancel();
@@ -56,7 +56,7 @@ private:
     AnnotatedMutex m_stackMutex;
     std::condition_variable m_callEnded;
     std::vector<IRunnable*> m_stack KRT_GUARDED_BY(m_stackMutex);
-    // By requests, without the mutex; each at most once.
+    // Called by requests, without the mutex; each at most once.
     std::vector<IRunnable*> m_called KRT_GUARDED_BY(m_stackMutex);
 };
 
@@ -93,8 +93,8 @@ void YThreadBase::Impl::Pop(IRunnable* runnable)
         m_stack.erase(std::next(entry).base());
 }
 
-// The function is called without the lock, since it may be anything; Pop waits for the end of the call
-// instead. A request that arrives during another request's call of the same runnable has nothing to add.
+// The function is called without the lock, since it may do anything; Pop waits for the end of the call
+// instead. A request that arrives during another request's call of the same runnable does nothing.
 void YThreadBase::Impl::RequestCancel()
 {
     m_cancelRequested.store(true);
@@ -167,7 +167,7 @@ IRunnable::IRunnable(boost::function<void()> function, YString name)
     : m_function(std::move(function)), m_name(std::move(name))
 {}
 
-// The error is written on a failure alone, so that a cancellation costs no more than the call.
+// The error is stored only after a failure, so that a cancellation costs no more than the call.
 void IRunnable::Run()
 {
     if (m_function.empty())

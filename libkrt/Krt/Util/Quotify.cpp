@@ -16,7 +16,8 @@ YString QuotifyEx(const YString& text, char quote)
     std::string quoted(1, quote);
     for (const char byte : text.Bytes()) {
         if (quote == '\'') {
-            // Nothing can be escaped between these marks: they end, and begin again behind the one meant.
+            // Nothing can be escaped between single quotes: the quotation ends before the mark and begins
+            // again after it.
             quoted += byte == quote ? std::string_view("'\\''") : std::string_view(&byte, 1);
             continue;
         }

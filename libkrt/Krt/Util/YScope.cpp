@@ -13,7 +13,7 @@ YScope::~YScope()
     try {
         Release();
     } catch (...) {
-        // It may run while another exception is on its way.
+        // It may run while another exception is propagated.
     }
 }
 

@@ -11,7 +11,7 @@ namespace Krt::Util {
 
 namespace {
 
-// A field that the end of the data cuts short counts with the bytes that are there, the others being 0.
+// If the end of the data cuts a field short, its missing bytes count as 0.
 unsigned int ReadLength(const unsigned char* field, std::size_t available, bool bigEndian)
 {
     unsigned int length = 0;
@@ -30,7 +30,7 @@ void YVariableStructureParser::Initialize(unsigned int recordMeasure, const void
     const auto* const bytes = static_cast<const unsigned char*>(data);
     const unsigned int reserve = fixedSize ? 0 : recordMeasure;
     std::vector<const void*> records;
-    // In 64 bits, so that a length near 4 GiB can't lead back into the data.
+    // In 64 bits, so that a length near 4 GiB can't wrap around into the data.
     unsigned long long offset = 0;
     while (reserve + offset < size) {
         records.push_back(bytes + offset);

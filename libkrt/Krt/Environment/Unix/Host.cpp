@@ -26,7 +26,7 @@ void RaiseDescriptorLimit()
     rlimit limit{};
     KRT_SYSCALL(getrlimit(RLIMIT_NOFILE, &limit), "Can't read the limit of open files");
     limit.rlim_cur = limit.rlim_max;
-    // macOS refuses its own unlimited maximum; the process then keeps what it has.
+    // macOS rejects its own unlimited maximum; the limit then stays unchanged.
     (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 

@@ -14,7 +14,7 @@ namespace Krt::Environment {
 
 namespace {
 
-// How a program is started. Each setting returns an error's number, and the first that fails is kept.
+// How a program is started. Each setting returns 0 or an error number, and the first failure is kept.
 class SpawnSettings
 {
 public:
@@ -39,7 +39,7 @@ public:
     SpawnSettings(const SpawnSettings&) = delete;
     SpawnSettings& operator=(const SpawnSettings&) = delete;
 
-    // Returns an error's number.
+    // Returns 0 or an error number.
     int Spawn(const char* program, char** arguments, pid_t& child) const
     {
         return m_error != 0 ? m_error
@@ -58,12 +58,12 @@ private:
     int m_error = 0;
 };
 
-// The strings are the caller's.
+// The pointers are to the caller's strings.
 std::vector<char*> ArgumentVector(const YString& program, const std::vector<YString>& arguments)
 {
     std::vector<char*> vector;
     const auto add = [&](const YString& text) {
-        // A shorter argument than the one that was given may mean something else.
+        // An argument that is cut at a NUL byte may mean something else.
         if (text.Bytes().find('\0') != std::string::npos)
             KRT_RAISE_AS("ExecuteProcess", MessageType::General, ErrorCode::InvalidArgument,
                          "Argument with a NUL byte in it for " << program);
@@ -103,7 +103,7 @@ int ExecuteProcessElevated(const File::YPath& program, const std::vector<YString
     std::vector<YString> elevated;
     if (unattended)
         elevated.emplace_back("-n");
-    // After it, no path is taken for an option or for a setting of a variable.
+    // "--" keeps sudo from reading a path as an option or as an assignment to a variable.
     elevated.emplace_back("--");
     elevated.push_back(program.AsUnixPath(false));
     elevated.insert(elevated.end(), arguments.begin(), arguments.end());

@@ -18,12 +18,12 @@ namespace {
                     "Failed to " << action << attribute << " of: " << name);
 }
 
-// An answer of unknown length. Most fit into the buffer of the first call, so that they cost one call.
+// The answer of a call, whose length is unknown. Most answers fit into the buffer of the first call.
 class Answer
 {
 public:
-    /// Returns 0, or the number of the call's error. A longer answer is asked for by its size, with room for
-    /// what may be added meanwhile, again and again while it outgrows that.
+    /// Returns 0, or the call's error number. If the answer is longer, queries its size and repeats the call
+    /// with some room to spare, until the answer fits.
     template <class Call>
     int Fetch(Call call)
     {
@@ -86,7 +86,8 @@ ExtendedAttributeMap GetMap(const AttributeTarget& target, const char* name, con
             value.Fetch([&](char* buffer, std::size_t size) { return target.Get(attribute, buffer, size); });
         if (error == 0)
             map.try_emplace(YString(attribute), value.begin(), value.Size());
-        // Passing ENOTSUP on would tell that the entry has no attributes at all, and lose the others.
+        // Passing on ENOTSUP would mean that the entry has no attributes at all, and the others would be
+        // lost.
         else if (!AttributeTarget::IsMissing(error) && error != ENOTSUP)
             RaiseAttributeError(error, function, "get extended attribute ", attribute, name);
     });

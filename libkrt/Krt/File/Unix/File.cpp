@@ -40,7 +40,7 @@ bool IsDirectory(const std::string& path)
     return Util::CallSystem([&] { return stat(path.c_str(), &status); }) && S_ISDIR(status.st_mode);
 }
 
-// Somebody else making the same directory at the same moment is no failure.
+// It is not a failure if another process creates the directory at the same moment.
 void MakeDirectoryUnlessThere(const std::string& path)
 {
     const auto made = Util::CallSystem([&] { return mkdir(path.c_str(), 0777); });
@@ -111,7 +111,8 @@ void CreatePath(const YPath& path, bool includeLast)
     };
     const std::size_t end = includeLast ? text.size() : parentOf(text.size());
 
-    // From the end upwards to what exists, since most often the nearest parent does; then down again.
+    // Search upwards for an existing directory, since usually the nearest parent exists; then create
+    // downwards.
     std::size_t made = end;
     while (made > 0 && !IsDirectory(text.substr(0, made)))
         made = parentOf(made);
@@ -162,7 +163,7 @@ unsigned long Write(const Util::YUnxHandle& handle, unsigned long long offset, u
             return pwrite(descriptor, static_cast<const char*>(buffer) + total, count - total,
                           static_cast<off_t>(offset + total));
         });
-        // One that takes nothing and reports nothing would keep the loop going for ever.
+        // A call that writes nothing and reports no error would keep the loop running for ever.
         if (size.value <= 0)
             KRT_RAISE_OS(size ? EIO : size.error,
                          "Failed to write " << count - total << " bytes at offset " << offset + total);
@@ -192,7 +193,7 @@ Util::OsResult<std::string> ReadWholeFile(const Util::YUnxHandle& handle, std::s
     struct stat status;
     if (const int error = Util::CallSystem([&] { return fstat(descriptor, &status); }).error)
         return {std::string(), error};
-    // The size of other files than regular ones says nothing, and even theirs may change from now on.
+    // Only the size of a regular file is meaningful, and even that may change from now on.
     const auto expected = S_ISREG(status.st_mode) ? static_cast<std::size_t>(status.st_size) : 0;
     if (expected > limit)
         return {std::string(), EFBIG};

@@ -22,7 +22,7 @@ constexpr int SearchFlags = O_PATH | O_DIRECTORY;
 constexpr int SearchFlags = O_SEARCH | O_DIRECTORY;
 #endif
 
-// Opens an entry close-on-exec and above the standard streams. The mode counts where a file is created.
+// Opens an entry close-on-exec and above the standard streams. The mode applies if a file is created.
 Util::OsResult<Util::YUnxHandle> OpenAt(int directory, const char* name, int flags)
 {
     return Util::OwnAboveStandardStreams(
@@ -69,21 +69,21 @@ YDirectory YDirectory::OpenDirectoryToSearch(const YString& name) const
                      "Failed to open directory: " << name));
 }
 
-YDirectory YDirectory::OpenBelow(std::span<const YString> way) const
+YDirectory YDirectory::OpenBelow(std::span<const YString> names) const
 {
     std::string path;
-    for (const YString& name : way) {
+    for (const YString& name : names) {
         path += path.empty() ? "" : "/";
         path += CheckEntryName(name, __func__);
     }
-    // What is too long for one call is gone step by step, as where there is no such call.
+    // A path that is too long for one call is resolved by name, as on systems without the call.
     if (path.size() < PATH_MAX) {
         auto opened = OpenBeneath(m_handle.Get(), path.c_str());
         if (opened.error != ENOSYS)
             return YDirectory(KRT_OS_VALUE(std::move(opened), "Failed to open directory: " << path.c_str()));
     }
-    YDirectory directory = OpenDirectory(way.front());
-    for (const YString& name : way.subspan(1))
+    YDirectory directory = OpenDirectory(names.front());
+    for (const YString& name : names.subspan(1))
         directory = directory.OpenDirectory(name);
     return directory;
 }
@@ -135,7 +135,7 @@ YString YDirectory::ReadSymbolicLink(const YString& name) const
     for (;;) {
         const ssize_t size = KRT_SYSCALL(readlinkat(m_handle.Get(), entry, buffer, room),
                                          "Failed to read symbolic link: " << name);
-        // A full buffer may hold a cut target.
+        // If the buffer is full, the target may be truncated.
         if (static_cast<std::size_t>(size) < room)
             return YString(std::string_view(buffer, static_cast<std::size_t>(size)));
         room *= 2;
@@ -146,7 +146,7 @@ YString YDirectory::ReadSymbolicLink(const YString& name) const
 
 void YDirectory::VisitEntries(const std::function<bool(const DirectoryEntry&)>& visitor) const
 {
-    // A directory that was just opened stands at its beginning.
+    // A directory that was just opened is at its beginning.
     if (m_isListed)
         KRT_SYSCALL(lseek(m_handle.Get(), 0, SEEK_SET), "Failed to list directory");
     m_isListed = true;

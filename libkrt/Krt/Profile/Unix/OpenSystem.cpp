@@ -53,8 +53,8 @@ private:
     long long m_changed = 0;
 };
 
-// What the last parse gave, and of which file in which state. A state that the times can't tell from a later
-// one is not kept.
+// The result of the last parse, and the state of its file. A state whose times cannot distinguish it from a
+// later one is not kept.
 struct Cache
 {
     std::mutex mutex;
@@ -106,7 +106,7 @@ YProfile::Sections Parse(const std::string& text, const std::string& path)
     }
     YProfile::Sections sections;
     for (const auto& [name, entry] : tree) {
-        if (entry.empty()) // a key in front of the first section, or a section without keys
+        if (entry.empty()) // a key before the first section, or a section without keys
             sections[YString()][YString(std::string_view(name))] = YString(std::string_view(entry.data()));
         for (const auto& [key, value] : entry)
             sections[YString(std::string_view(name))][YString(std::string_view(key))] =
@@ -121,7 +121,7 @@ const boost::shared_ptr<YProfile>& EmptyProfile()
     return empty;
 }
 
-// The file's state is taken before its text, so that a change in between shows at the next opening.
+// The file's state is read before its text, so that the next opening notices a change in between.
 boost::shared_ptr<YProfile> Load(Cache& cache, const std::string& path)
 {
     const auto file = Util::OpenHandle(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK);
@@ -132,7 +132,7 @@ boost::shared_ptr<YProfile> Load(Cache& cache, const std::string& path)
     struct stat status;
     if (const int error = Util::CallSystem([&] { return fstat(file.value.Get(), &status); }).error)
         RaiseUnreadable(error, path);
-    // It is read again and again, and would have to wait for a writer each time.
+    // The file is read again and again, and a FIFO would wait for a writer each time.
     if (S_ISFIFO(status.st_mode))
         KRT_RAISE_AS("OpenSystem", MessageType::General, ErrorCode::InvalidArgument,
                      "The configuration " << path.c_str() << " is a pipe");
@@ -158,7 +158,8 @@ YString GetSystemPath()
 boost::shared_ptr<YProfile> OpenSystem()
 {
     const std::string path = Path();
-    // Asked for each file that a walk captures, and most systems have no such file: one look, and no lock.
+    // Called for each file that a walk captures, and most systems have no such file: one call of stat, and no
+    // lock.
     struct stat status;
     const int error = Util::CallSystem([&] { return stat(path.c_str(), &status); }).error;
     if (error == ENOENT)

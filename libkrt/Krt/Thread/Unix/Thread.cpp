@@ -11,8 +11,8 @@ namespace Krt::Thread {
 
 namespace {
 
-// The id stands in front of every cached read of a path. The model "initial-exec" makes it one load instead
-// of a call, and a word fits into what the loader keeps free for libraries that are loaded late.
+// Every cached read of a path needs the id. The model "initial-exec" makes it one load instead of a call, and
+// a word fits into the space that the loader reserves for libraries that are loaded late.
 [[gnu::tls_model("initial-exec")]] constinit thread_local unsigned long long t_id = 0;
 
 // The only thread of a fork's child has an id of its own.

@@ -48,8 +48,8 @@ int TryCloseWritten(YUnxHandle& handle)
         return 0;
     if (const int error = errno; error != EINTR)
         return error;
-    // Whether an interrupted close has let go of the descriptor differs between systems. It says nothing of
-    // the data, and neither does a repetition that finds nothing to close.
+    // Systems differ in whether an interrupted close has released the descriptor. EINTR says nothing about
+    // the data, and neither does a repeated call that finds nothing to close.
     const int error = CallSystem([&] { return close(descriptor); }).error;
     return error == EBADF ? 0 : error;
 }

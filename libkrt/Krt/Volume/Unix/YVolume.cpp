@@ -15,7 +15,7 @@ unsigned long long YVolume::GetVolumeFreeSpace() const
 {
     FreeBlocks free;
     KRT_SYSCALL(ReadFreeBlocks(m_path.CStr(), free), "Failed to get the free space of: " << m_path);
-    // Some file systems without a limit report a count whose bytes no integer holds.
+    // Some file systems without a limit report a block count whose number of bytes overflows.
     constexpr unsigned long long most = std::numeric_limits<unsigned long long>::max();
     return free.size != 0 && free.count > most / free.size ? most : free.count * free.size;
 }

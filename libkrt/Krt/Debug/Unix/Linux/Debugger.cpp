@@ -13,7 +13,7 @@ namespace Krt::Debug {
 
 namespace {
 
-// Without memory of the heap, whose end may be what has broken the assumption.
+// Allocates no memory: the failed assumption may be that there is some left.
 bool IsTraced()
 {
     constexpr std::string_view Key = "TracerPid:\t";

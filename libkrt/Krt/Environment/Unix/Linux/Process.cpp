@@ -21,7 +21,8 @@ namespace {
 // The length to which the kernel cuts the name of a thread.
 constexpr std::size_t KernelNameBytes = 15;
 
-// Of /proc/PROCESS/FACT, what the beginning of a command line takes; nothing of a process that is gone.
+// Returns the first bytes of /proc/PROCESS/FACT, enough for the beginning of a command line; empty if the
+// process has ended.
 std::string ReadFact(const std::string& process, const char* fact)
 {
     const auto file = Util::OpenHandle(("/proc/" + process + "/" + fact).c_str(), O_RDONLY);
@@ -37,7 +38,7 @@ std::string_view FileName(std::string_view path)
     return path.substr(path.rfind('/') + 1);
 }
 
-// The file name of the program; empty if this user may not know it, and for a thread of the kernel.
+// Returns the file name of the program; empty for a kernel thread, and if this user may not know it.
 std::string ProgramName(const std::string& process)
 {
     constexpr std::string_view Deleted = " (deleted)";
@@ -49,8 +50,8 @@ std::string ProgramName(const std::string& process)
     return std::string(name);
 }
 
-// Whether one of the first `count` words of the command line ends with the name: the first names the program,
-// the second may be the script that an interpreter runs.
+// Returns true if one of the first `count` words of the command line ends with the name: the first names the
+// program, the second may be the script that an interpreter runs.
 bool CommandLineNames(const std::string& process, std::string_view name, int count)
 {
     const std::string line = ReadFact(process, "cmdline");
@@ -68,7 +69,7 @@ bool CommandLineNames(const std::string& process, std::string_view name, int cou
 // called. It may be cut, and the process can change it.
 bool BearsName(const std::string& process, std::string_view name)
 {
-    // "ID (NAME) STATE ...", where the name may hold blanks and parentheses.
+    // "ID (NAME) STATE ...", where the name may contain blanks and parentheses.
     const std::string status = ReadFact(process, "stat");
     const std::size_t open = status.find('(');
     const std::size_t close = status.rfind(')');

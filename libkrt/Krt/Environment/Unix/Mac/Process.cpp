@@ -54,7 +54,7 @@ int InheritStandardStreamsAlone(posix_spawnattr_t& attributes, posix_spawn_file_
 
 int FindProcess(const YString& name, int except)
 {
-    // Room for some that start meanwhile.
+    // Room for processes that start meanwhile.
     std::vector<int> processes(static_cast<std::size_t>(proc_listallpids(nullptr, 0)) + 64);
     const int count =
         KRT_SYSCALL(proc_listallpids(processes.data(), static_cast<int>(processes.size() * sizeof(int))),

@@ -6,7 +6,7 @@
 
 namespace Krt::Exception {
 
-// What the C library keeps for unwinding: no lock, and no search for a symbol as in dladdr.
+// Uses the C library's table for unwinding: unlike dladdr, this takes no lock and searches for no symbol.
 Module FindModule(std::uintptr_t address)
 {
     dl_find_object object;

@@ -23,29 +23,29 @@ Util::OsResult<Util::YUnxHandle> OpenBeneath(int directory, const char* path)
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
     auto opened = Util::OwnAboveStandardStreams(Util::CallSystem(
         [&] { return static_cast<int>(syscall(SYS_openat2, directory, path, &how, sizeof how)); }));
-    // A sandbox that is older than the call refuses it by EPERM, which opening for reading never gives.
+    // A sandbox that is older than the call rejects it with EPERM, which opening for reading never returns.
     if (opened.error == EPERM)
         opened.error = ENOSYS;
     return opened;
 }
 
-// fchmod refuses a directory that was opened to search. The kernel's link to what a descriptor holds leads to
-// that and nowhere else.
+// fchmod fails for a directory that was opened to search. The kernel's link to an open descriptor leads to
+// that directory and nowhere else.
 Util::OsResult<int> SetModeOfDirectory(int directory, mode_t mode)
 {
     const std::string link = "/proc/self/fd/" + std::to_string(directory);
     return Util::CallSystem([&] { return chmod(link.c_str(), mode); });
 }
 
-// The system's own call works on the descriptor as it is. A DIR would take a duplicate and four calls more,
-// for each directory of a walk.
+// getdents64 works on the descriptor itself. A DIR would need a duplicate of it and four more calls for each
+// directory of a walk.
 int ListEntries(int directory, const std::function<bool(const DirectoryEntry&)>& visitor)
 {
     alignas(dirent64) char buffer[32768];
     for (;;) {
         const auto size = Util::CallSystem([&] { return getdents64(directory, buffer, sizeof buffer); });
         if (size.value <= 0)
-            return size.error == ENOENT ? 0 : size.error; // a directory that was removed is at its end
+            return size.error == ENOENT ? 0 : size.error; // a removed directory has no entries
         for (ssize_t offset = 0; offset < size.value;) {
             const auto& entry = *reinterpret_cast<const dirent64*>(buffer + offset);
             offset += entry.d_reclen;
@@ -55,8 +55,8 @@ int ListEntries(int directory, const std::function<bool(const DirectoryEntry&)>&
     }
 }
 
-// The kernel has no call for an entry's attributes. A path through the descriptor follows that one magic link
-// and, with the calls for links, none at the name.
+// The kernel has no call for the attributes of an entry of a directory. A path in /proc leads through the
+// descriptor; the calls for links do not follow a symlink at its end.
 AttributeTarget::AttributeTarget(int directory, const char* name, const char*)
     : m_entryPath("/proc/self/fd/" + std::to_string(directory) + "/" + name), m_path(m_entryPath.c_str())
 {}
@@ -85,11 +85,11 @@ bool AttributeTarget::IsMissing(int error)
 void RemoveAccessLists(const Util::YUnxHandle& handle)
 {
     const int descriptor = DescriptorOf(handle, __func__);
-    // Most have no attributes at all, which one call tells.
+    // Most entries have no attributes at all, which one call shows.
     if (flistxattr(descriptor, nullptr, 0) == 0)
         return;
     for (const char* list : {"system.posix_acl_access", "system.posix_acl_default"}) {
-        // Removing takes the owner's rights even where there is nothing to remove.
+        // Removing requires the owner's rights even if there is nothing to remove.
         const int looked = Util::CallSystem([&] { return fgetxattr(descriptor, list, nullptr, 0); }).error;
         if (looked == ENODATA || looked == ENOTSUP)
             continue;

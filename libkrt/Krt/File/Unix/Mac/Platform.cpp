@@ -20,8 +20,8 @@ namespace {
 
 using Listing = std::unique_ptr<DIR, Memory::Freer<&closedir>>;
 
-// It owns a duplicate of the descriptor: opening "." again would take the right to search, which
-// reading the names alone does not need.
+// Owns a duplicate of the descriptor: opening "." again would require the right to search, which reading the
+// names does not.
 Util::OsResult<Listing> OpenListing(int directory)
 {
     const auto duplicate =
@@ -48,7 +48,7 @@ Util::OsResult<const dirent*> NextEntry(DIR* listing)
 
 } // namespace
 
-// The caller goes component by component.
+// Not available here: the caller resolves the path component by component.
 Util::OsResult<Util::YUnxHandle> OpenBeneath(int, const char*)
 {
     return {Util::YUnxHandle(), ENOSYS};
@@ -111,7 +111,7 @@ bool AttributeTarget::IsMissing(int error)
 void RemoveAccessLists(const Util::YUnxHandle& handle)
 {
     const int descriptor = DescriptorOf(handle, __func__);
-    // Removing takes the owner's rights even where there is nothing to remove.
+    // Removing requires the owner's rights even if there is nothing to remove.
     const acl_t list = acl_get_fd_np(descriptor, ACL_TYPE_EXTENDED);
     if (list == nullptr && (errno == ENOENT || errno == ENOTSUP))
         return;
@@ -126,8 +126,8 @@ void RemoveAccessLists(const Util::YUnxHandle& handle)
     KRT_OS_VALUE(changed, "Failed to remove access list of open file");
 }
 
-// fsync leaves the content in the drive's cache here; a file system that can't flush the drive has fsync
-// alone.
+// On macOS fsync leaves the content in the drive's cache. A file system that cannot flush the drive supports
+// only fsync.
 void Sync(const Util::YUnxHandle& handle)
 {
     const int descriptor = DescriptorOf(handle, __func__);

@@ -20,7 +20,7 @@ void PublishThreadName(const char* name)
     if (length > Longest) {
         length = Longest;
         while (length > 0 && (static_cast<unsigned char>(name[length]) & 0xC0) == 0x80)
-            --length; // not amid a character
+            --length; // not in the middle of a character
     }
     pthread_setname_np(pthread_self(), std::string(name, length).c_str());
 }

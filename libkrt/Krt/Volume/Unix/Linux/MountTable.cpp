@@ -9,13 +9,13 @@
 #include <string_view>
 #include <unistd.h>
 
-// getmntent_r is not used: it loses an empty source, leaves '#' escaped, ends at a read error as at the end
-// of the table, and takes longer than all the rest of listing.
+// getmntent_r is not used: it loses an empty source, leaves '#' escaped, treats a read error as the end of
+// the table, and takes longer than all the rest of listing.
 namespace Krt::Volume {
 
 namespace {
 
-// The process's own view; /etc/mtab may be of another mount namespace.
+// The process's own view; /etc/mtab may describe another mount namespace.
 constexpr const char* SystemTable = "/proc/self/mounts";
 
 std::string_view WithoutLeadingBlanks(std::string_view text)
@@ -85,7 +85,7 @@ void AddEntry(std::vector<MountEntry>& entries, std::string_view line)
     if (!fields[1].starts_with('/') && fields[0].starts_with('/'))
         fields = {"", fields[0], fields[1], fields[2]};
     const auto& [source, directory, type, options] = fields;
-    // So an automounter tells that an entry is not to be listed.
+    // This is how an automounter marks an entry that is not to be listed.
     if (type == "autofs" && HasOption(options, "ignore"))
         return;
     entries.push_back({Decode(type), Decode(directory), Decode(source), HasOption(options, "ro")});
@@ -108,7 +108,7 @@ std::vector<MountEntry> ListMountEntries()
     if (!file)
         return {};
     std::vector<MountEntry> entries;
-    // The kernel gives no more than a page of its own table at once.
+    // The kernel returns at most a page of its own table at once.
     std::string buffer(0x4000, '\0');
     std::size_t kept = 0;
     while (true) {
@@ -123,7 +123,7 @@ std::vector<MountEntry> ListMountEntries()
             AddEntries(entries, text);
             return entries;
         }
-        const std::size_t end = text.rfind('\n') + 1; // 0 if there is none
+        const std::size_t end = text.rfind('\n') + 1; // 0 if there is no line end
         AddEntries(entries, text.substr(0, end));
         kept = text.size() - end;
         std::memmove(buffer.data(), buffer.data() + end, kept);
