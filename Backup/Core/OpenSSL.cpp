@@ -39,7 +39,7 @@ Krt::Memory::YHeap<unsigned char> RandomBytes(int count)
     Krt::Memory::YHeap<unsigned char> bytes;
     bytes.Resize(Krt::NumericCast<unsigned long>(count));
     const int size = Krt::NumericCast<int>(bytes.Size());
-    // An empty heap has no address. OpenSSL is called for it, too, so that its failure is reported.
+    // An empty heap has no address. OpenSSL is called for it nevertheless, so that its failure is reported.
     if (RAND_bytes(size == 0 ? nullptr : static_cast<unsigned char*>(bytes), size) <= 0) {
         char text[256];
         ERR_error_string_n(ERR_get_error(), text, sizeof text);

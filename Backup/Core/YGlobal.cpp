@@ -40,7 +40,7 @@ YGlobal* GetGlobal()
 
 void DestroyGlobal()
 {
-    // Out of the variable first: what the destructor calls finds no global object.
+    // The variable is cleared first, so that what the destructor calls finds no global object.
     const std::unique_ptr<YGlobal> global = std::move(g_globalData);
 }
 

@@ -87,7 +87,7 @@ YJobPath YJobPath::FromFilePath(YJobPath base, YPath path, bool isDirectory)
 
 void YJobPath::ParseDisplayPath(const YString& text)
 {
-    // Split first: the text may be one of this path's own.
+    // Split first: the text may be part of this path.
     const std::vector<YString> fields = text.SectionVector("/", true, true);
     m_components.clear();
     for (const YString& field : fields)
@@ -195,7 +195,7 @@ YJobPath& YJobPath::operator+=(const Component& component)
 
 void YJobPath::Append(const YJobPath& other)
 {
-    // By index and with room made first, so that a path can be appended to itself.
+    // By index and after reserving memory, so that a path can be appended to itself.
     const unsigned long count = other.m_components.size();
     m_components.reserve(m_components.size() + count);
     for (unsigned long i = 0; i < count; ++i)

@@ -33,7 +33,7 @@ void SkipSeparators(std::string_view& text)
     text.remove_prefix(std::min(text.find_first_not_of(*Separator), text.size()));
 }
 
-// Whether the path lies strictly below the directory. A run of separators counts as one.
+// Returns true if the path is strictly below the directory. A run of separators counts as one.
 bool IsBelow(std::string_view path, std::string_view directory)
 {
     bool atSeparator = false;
@@ -84,7 +84,7 @@ void YFileDescriptor::Initialize(const YPath& path, const Descriptor& descriptor
     if (&path != &m_path)
         m_path = path;
     m_descriptor = descriptor;
-    // Nothing depends on the answer, but the look at the directory is part of what callers see happen.
+    // The result is not used, but callers can observe the access to the directory.
     static_cast<void>(Krt::File::DoesFileExist(m_path));
     if (m_descriptor.GetPattern() == "*.*")
         m_descriptor = Descriptor(m_descriptor.GetMatchType(), "*", m_descriptor.IsCaseSensitive());

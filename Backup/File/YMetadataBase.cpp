@@ -21,7 +21,7 @@ using Krt::JSON::YValue;
 namespace {
 
 constexpr const char* KindKey = "metadata_type";
-// Keys in the JSON form of any class, at the most.
+// The maximum number of keys in the JSON form of any class.
 constexpr std::size_t MostKeys = 12;
 
 VAM_METADATA_TYPES MetadataTypeAsEnum(const YString& text)
@@ -130,7 +130,7 @@ boost::shared_ptr<YMetadataBase> YMetadataBase::ConstructFromJson(const YObject&
     case VAM_UNIX_METADATA_TYPE:
         return boost::make_shared<YUnixFileMetadata>(json, mapper);
     case VAM_ODS_METADATA_TYPE:
-        // Without the mapper: ODS has no legacy form, and refuses to be asked for one.
+        // Without the mapper: ODS has no legacy form and refuses to be asked for it.
         return boost::make_shared<YOdsMetadata>(json);
     }
     KRT_RAISE(ErrorCode::InvalidArgument, "Invalid metadata type" << static_cast<unsigned int>(type));
@@ -141,8 +141,7 @@ boost::shared_ptr<YMetadataBase> YMetadataBase::ConstructFromFile(YFile& file, J
     return boost::make_shared<YUnixFileMetadata>(file, mapper);
 }
 
-// The kind can be read from a document that names another class than this object's, so the cast is checked
-// too.
+// A document may name another kind than that of this object's class, so the cast is checked, too.
 YWinFileMetadata& YMetadataBase::AsWinFileMetadata()
 {
     constexpr const char* Detail = "AsWinFileMetadata may only be called on instances of YWinFileMetadata";

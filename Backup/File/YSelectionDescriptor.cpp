@@ -134,7 +134,7 @@ bool YSelectionDescriptor::CanPrune(const YSelectionDescriptor& other) const
         return false;
     if (BothAny(m_descriptor, other.m_descriptor) || SamePattern(m_descriptor, other.m_descriptor))
         return true;
-    // An explicit include gives way to its own pattern alone.
+    // An explicit include is only replaced by a rule with its own pattern.
     if (other.IsInclude() && other.m_explicitSelection)
         return false;
     if (m_descriptor.IsAny())

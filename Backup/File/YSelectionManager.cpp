@@ -69,7 +69,7 @@ bool YSelectionManager::Add(const YSelectionPathDescriptor& rule)
         node.PruneNodeExcludes(rule);
         node.PruneRedundantChildren(rule);
     } catch (...) {
-        node.Insert(std::move(prepared)); // rules may be gone that it is to cover
+        node.Insert(std::move(prepared)); // rules that it would cover may have been erased
         throw;
     }
     node.Insert(std::move(prepared));
@@ -80,7 +80,7 @@ bool YSelectionManager::Add(const YSelectionPathDescriptor& rule)
     return true;
 }
 
-// Returns the node of these components below a node that has no child of the first one's name.
+// Returns the node of these components below a node that has no child with the first component's name.
 Node& YSelectionManager::MakeNode(Node& above, std::span<const YString> components)
 {
     Node* node = &above;
@@ -151,7 +151,7 @@ bool YSelectionManager::Delete(const YSelectionPathDescriptor& rule)
         const auto stored = rules->Find(rule);
         if (stored == rules->end())
             return false;
-        if (rule.IsInclude()) { // callers rely on it that a single exclude stays
+        if (rule.IsInclude()) { // callers rely on a single exclude staying in place
             node->m_includes.Erase(*stored);
             node->RulesChanged(-1);
         }
@@ -202,7 +202,7 @@ std::set<YPath> YSelectionManager::GetIncludeTops(const YPath& start) const
         if (path.IsEmpty())
             KRT_RAISE_AS("operator()", MessageType::General, ErrorCode::InvalidArgument,
                          "Path should never be empty on unix.  Even for the root node is should be /");
-        // There are no answers about the root. Any other top counts unless it is excluded or cut off.
+        // The root has no answer of its own. Any other top counts unless it is excluded or cut off.
         if (path == "/" || IsPathSelectedOrSelectionParent(path))
             tops.insert(path);
         return false;
@@ -218,7 +218,7 @@ void YSelectionManager::GetVolumes(Krt::Container::YSet<YPath>& volumes) const
         volumes.Insert(top.GetVolume());
 }
 
-// Walks down the nodes, so that an ancestor without rules costs no path.
+// Walks down the nodes, so that an ancestor without rules needs no path.
 void YSelectionManager::VisitRulesAbove(const YPath& path, const RuleVisitor& visitor) const
 {
     const bool hasParent = !path.IsEmpty() && path != "/" && !path.RemoveVolume().IsEmpty();
@@ -245,7 +245,7 @@ std::set<YSelectionPathDescriptor> YSelectionManager::GetSelections(const YPath&
     VisitPathsAndDescriptors(
         path,
         [&](const YPath& place, const YSelectionDescriptor& rule) {
-            // From a path without a node the walk starts above it.
+            // If the path has no node, the walk starts above it.
             if (path.IsEmpty() || place.IsChildOf(path, true))
                 selections.insert(YSelectionPathDescriptor(place, rule));
             return false;
@@ -258,7 +258,7 @@ YObject YSelectionManager::ToJSON(const YPath& start) const
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
     const auto rulesOfType = [&](SelectionType type) {
-        // Sorted by path bytes, which is not the order of the walk.
+        // Sorted by the bytes of the path, which is not the order of the walk.
         std::set<std::pair<YString, YSelectionDescriptor>> rules;
         VisitPathsAndDescriptors(
             type, start,
@@ -329,7 +329,7 @@ void YSelectionManager::CopyDescriptorsFromPathInternal(const YSelectionManager&
     source.VisitPathsAndDescriptors(
         sourcePath,
         [&](const YPath& place, const YSelectionDescriptor& rule) {
-            // From a path without a node the walk starts above it.
+            // If the path has no node, the walk starts above it.
             if ((copyExcludes || !rule.IsExclude()) && place.IsChildOf(sourcePath, true))
                 Add(destinationPath.Append(place.RemoveLeading(sourcePath)), rule);
             return false;
@@ -340,7 +340,7 @@ void YSelectionManager::CopyDescriptorsFromPathInternal(const YSelectionManager&
 void YSelectionManager::AddCopyFromAbove(const YSelectionDescriptor& rule, bool atParent,
                                          const YPath& sourcePath, const YPath& destinationPath)
 {
-    // A recursive rule is copied to the destination. Its explicit flag is about its old place.
+    // A recursive rule is copied to the destination. The explicit flag applies to the old path only.
     if (rule.IsRecursive()) {
         YSelectionDescriptor copy = rule;
         copy.SetExplicitSelection(false);
@@ -348,7 +348,7 @@ void YSelectionManager::AddCopyFromAbove(const YSelectionDescriptor& rule, bool 
     } else if (!atParent) {
         return;
     }
-    // A rule that matches the source path becomes one that names the destination path.
+    // A rule that matches the source path becomes a rule that names the destination path.
     if (!Krt::Match::Check(YPath::GetFileFromPath(sourcePath, "/"), rule.GetDescriptor()))
         return;
     const Krt::Match::ExactDescriptor name(YPath::GetFileFromPath(destinationPath, "/"),

@@ -33,7 +33,7 @@ public:
         }
     }
 
-    /// The node of the first `depth` components; null if there is none.
+    /// Returns the node of the first `depth` components, or null if it does not exist.
     const Node* At(std::size_t depth) const { return depth < m_nodes.size() ? m_nodes[depth] : nullptr; }
     const Node& Deepest() const { return *m_nodes.back(); }
 
@@ -63,7 +63,7 @@ SelectionType YSelectionManager::GetPathSelectionType(const YPath& path) const
         KRT_LOG(MessageType::SelectionBuild, "Path is not-reportable exclude: " << path);
         return SelectionType::NotSelectedDoNotRecurse;
     }
-    // A path that no include matches may be reportably excluded. A walk still goes on to what is explicitly
+    // A path that no include matches may be excluded reportably. A walk still continues to what is explicitly
     // included below it.
     if (excluded && !reportable) {
         KRT_LOG(MessageType::SelectionBuild,
@@ -269,21 +269,21 @@ bool YSelectionManager::IsSelectedExplicitlyFrom(const NodesOnPath& nodes, std::
 namespace {
 
 // The visitors of a walk. Each level gets a copy of the visitor of the level above, in its current state.
-// What a visitor keeps by value never returns to that level.
+// Values that the visitor changes at a level never return to the level above.
 template <class Visitor>
 class VisitorsByLevel
 {
 public:
     explicit VisitorsByLevel(const Visitor& visitor) : m_visitors{visitor} {}
 
-    /// For one node of the level: a new copy, except at the start.
+    /// Returns a new copy for one node of the level; at the start, the given visitor.
     Visitor& ForNode(std::size_t level)
     {
         if (level != 0)
             m_visitors.resize(level);
         return ForSiblings(level);
     }
-    /// For all nodes with the same parent.
+    /// Returns the copy for all nodes with the same parent.
     Visitor& ForSiblings(std::size_t level)
     {
         if (level == m_visitors.size())
@@ -313,7 +313,7 @@ bool Node::VisitPaths(SelectionType type, PathVisitor visitor) const
     for (Walk<const Node> walk(*this); walk.Enter();) {
         if (walk.Current().RulesOfType(type)->empty())
             continue;
-        if (PathVisitor(visitor)(walk.Current().GetPath())) // as it was given: no level above has used it
+        if (PathVisitor(visitor)(walk.Current().GetPath())) // unchanged, since no level above has used it
             return true;
         walk.SkipChildren();
     }

@@ -11,7 +11,7 @@ using Krt::Match::MatchType;
 
 namespace {
 
-// A smaller set is searched from end to end.
+// A smaller set is searched without an index.
 constexpr std::size_t LeastIndexed = 16;
 
 bool IsExact(const YSelectionDescriptor& rule)
@@ -23,12 +23,12 @@ bool IsExact(const YSelectionDescriptor& rule)
 
 struct YSelectionRules::Index
 {
-    // Where the lists have a rule.
+    // The indices of a rule in the lists.
     struct Place
     {
         const Rule* rule;
-        std::size_t inExact;  // if it is exact
-        std::size_t inOthers; // in allNames or others, if one of them has it
+        std::size_t inExact;  // if the rule is exact
+        std::size_t inOthers; // in allNames or others, if one of them contains the rule
     };
 
     void Add(const Rule& rule);
@@ -52,7 +52,7 @@ struct YSelectionRules::Index
 
     // All rules by their pattern, which is the name that an exact rule matches. The views are into the rules.
     ByPattern byPattern;
-    // In any order:
+    // In arbitrary order:
     Pointers allNames; // those that cover all names
     Pointers others;   // further ones that may match a name that is not their pattern
     Pointers exact;
@@ -75,7 +75,7 @@ YSelectionRules::Index::ByPattern::iterator YSelectionRules::Index::Find(const R
     return std::find_if(first, last, [&](const auto& entry) { return entry.second.rule == &rule; });
 }
 
-// The last of the rules moves to its place.
+// The last rule of the list moves to the position of the removed one.
 void YSelectionRules::Index::TakeOut(Pointers& rules, std::size_t Place::*position, const Rule& rule)
 {
     const std::size_t freed = Find(rule)->second.*position;
@@ -84,7 +84,7 @@ void YSelectionRules::Index::TakeOut(Pointers& rules, std::size_t Place::*positi
     rules.pop_back();
 }
 
-// Which list has a rule in addition to byPattern and exact; null for none.
+// Returns the list that contains a rule in addition to byPattern and exact, or null.
 YSelectionRules::Pointers* YSelectionRules::Index::ListOf(const Rule& rule)
 {
     if (rule.CoversAllNames())
@@ -190,13 +190,13 @@ bool YSelectionRules::AnyCovering(const Rule& candidate, Condition condition) co
     };
     if (m_index == nullptr)
         return std::any_of(m_rules.begin(), m_rules.end(), holds);
-    // A rule covers its own pattern or all names. What covers one name also matches it.
+    // A rule covers its own pattern or all names. A rule that covers a name also matches it.
     const YString& pattern = candidate.GetDescriptor().GetPattern();
     return m_index->AnyOfPattern(pattern, holds) || Index::AnyOf(m_index->allNames, holds) ||
            (IsExact(candidate) && Index::AnyOf(m_index->others, holds));
 }
 
-// All are found before the first is erased, so that a failure changes nothing.
+// All rules are found before the first is erased, so that a failure changes nothing.
 std::size_t YSelectionRules::EraseCovered(const Rule& rule, Condition mayErase)
 {
     Pointers covered = FindCovered(rule);
@@ -212,7 +212,7 @@ std::size_t YSelectionRules::EraseCovered(const Rule& rule, Condition mayErase)
     return covered.size();
 }
 
-// In order.
+// Returns the rules in their order.
 YSelectionRules::Pointers YSelectionRules::FindCovered(const Rule& rule) const
 {
     Pointers covered;
@@ -226,7 +226,7 @@ YSelectionRules::Pointers YSelectionRules::FindCovered(const Rule& rule) const
         std::for_each(m_rules.begin(), m_rules.end(), consider);
         return covered;
     }
-    // In addition to its own pattern a glob covers names. No other kind covers more than its pattern.
+    // A glob covers names in addition to its own pattern. The other kinds cover only their pattern.
     const bool isGlob = names.GetMatchType() == MatchType::Glob;
     m_index->AnyOfPattern(names.GetPattern(), [&](const Rule& stored) {
         return isGlob && IsExact(stored) ? false : consider(stored);

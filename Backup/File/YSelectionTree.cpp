@@ -120,7 +120,7 @@ void Node::Insert(Rules::Prepared&& rule) noexcept
 {
     const bool isInclude = rule.value().IsInclude();
     if (!isInclude && !rule.value().IsExclude())
-        RulesChanged(0); // the node may be new, and empty
+        RulesChanged(0); // the node may be new and empty
     else if ((isInclude ? m_includes : m_excludes).Insert(std::move(rule)))
         RulesChanged(isInclude);
 }
@@ -198,7 +198,7 @@ void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
     }
 }
 
-// Prunes on the way down, and erases on the way up what is empty.
+// Prunes each node when entering it, and erases empty nodes when leaving them.
 void Node::PruneByWalk(const YSelectionDescriptor& rule)
 {
     for (Walk<Node> walk(*this); walk.Step();) {
@@ -214,7 +214,7 @@ void Node::PruneByWalk(const YSelectionDescriptor& rule)
     }
 }
 
-// The same for a branch without empty nodes, except that the index is kept.
+// Does the work of PruneByWalk for a branch without empty nodes, and keeps the index.
 void Node::PruneByIndex(const YSelectionDescriptor& rule)
 {
     for (BranchIndex::Entry* const entry : m_branch.index->FindPruned(rule)) {
@@ -370,9 +370,9 @@ std::vector<Node::BranchIndex::Entry*> Node::BranchIndex::FindPruned(const YSele
     return entries;
 }
 
-// All entries that the names cover, and perhaps others. A pattern is covered by the same one, or else it is a
-// name that a Glob matches. Such a name begins with the Glob's text before the first wildcard and ends with
-// its text after the last. The longer of the two texts leaves fewer candidates.
+// Returns all entries that the names cover, and perhaps others. A pattern is covered by an equal one, or by a
+// Glob that matches it as a name. Such a name begins with the Glob's text before the first wildcard and ends
+// with its text after the last. The longer of the two texts leaves fewer candidates.
 std::vector<Node::BranchIndex::Entry*> Node::BranchIndex::FindCandidates(const Krt::Match::Descriptor& names)
 {
     const std::string_view pattern = names.GetPattern().Bytes();
@@ -388,7 +388,7 @@ std::vector<Node::BranchIndex::Entry*> Node::BranchIndex::FindCandidates(const K
                                      : Range(m_byEnd, end, CompareEnds);
 }
 
-// The entries whose pattern begins with the text, or ends with it, as `compare` looks at it.
+// Returns the entries whose pattern begins or ends with the text, depending on `compare`.
 template <class Compare>
 std::vector<Node::BranchIndex::Entry*> Node::BranchIndex::Range(const Order& order, std::string_view text,
                                                                 Compare compare)
@@ -434,7 +434,7 @@ Krt::YStream& operator<<(Krt::YStream& stream, const Node& node)
 {
     const Node* parent = nullptr; // of the next child
     for (Node::Walk<const Node> walk(node); walk.Step();) {
-        if (walk.IsMissing()) { // such a print is for the diagnosis of a damaged tree, too
+        if (walk.IsMissing()) { // the text is also used to diagnose a damaged tree
             if (walk.IsEntering())
                 stream << "child.second is empty for: " << YString(walk.Name())
                        << " under node at address: " << Krt::Hex::On

@@ -43,7 +43,7 @@ void WarnOfLegacyConflicts(const _tagUNIX_FILE_HDR& header)
                                                << ", using isSymlink");
     const int isDirectory = (header.modeFlags & Krt::File::FileTypeMask) == Krt::File::FileTypeDirectory;
     const int hasDirectoryBit = (header.attributes & Krt::File::AttributeDirectory) != 0;
-    // It is the link byte that this line has always shown.
+    // This message has always shown the link byte.
     if (isDirectory != hasDirectoryBit)
         KRT_LOG_FREE(MessageType::General, "Warning: legacy header directory attribute value "
                                                << header.isSymlink
@@ -51,7 +51,7 @@ void WarnOfLegacyConflicts(const _tagUNIX_FILE_HDR& header)
                                                << ", using directory attribute");
 }
 
-// The NUL-terminated text at the offset. One that doesn't end inside the buffer is not read.
+// Returns the NUL-terminated text at the offset. A text that does not end inside the buffer is not read.
 YString ReadLegacyName(const Bytes& bytes, unsigned long offset)
 {
     const unsigned long left = bytes.Size() - std::min(offset, bytes.Size());
@@ -65,7 +65,7 @@ void PopulateLegacyNames(YUnixFileMetadata& metadata, const Bytes& bytes, const 
                          const JobPathMapper& mapper)
 {
     constexpr unsigned long Names = offsetof(_tagUNIX_FILE_HDR, names);
-    // An end in front of the names is not refused: the length wraps around and bounds nothing.
+    // An end before the names is not refused: the length wraps around and limits nothing.
     const unsigned long long length = static_cast<unsigned long long>(header.base.endOfNames) - Names;
     if (length == 0)
         KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
@@ -83,7 +83,7 @@ void PopulateLegacyNames(YUnixFileMetadata& metadata, const Bytes& bytes, const 
     metadata.SetFilePath(Krt::CallFunction(mapper, YPath(path), false));
 }
 
-// Reads the attributes and lets them go: none of them ever reached the object, yet a damaged section fails
+// Checks the attributes without storing them: they were never part of the object, but a damaged section fails
 // the whole entry.
 void CheckLegacyExtendedAttributes(const Bytes& bytes, unsigned int offset)
 {
@@ -98,7 +98,7 @@ void CheckLegacyExtendedAttributes(const Bytes& bytes, unsigned int offset)
         ExtendedAttributeRecord record;
         std::memcpy(&record, bytes.RawOffset<char>(at, sizeof(record)), sizeof(record));
         const unsigned int nameLength = record.nameLength;
-        // A name longer than its record wraps the value's length around, out of any buffer.
+        // A name longer than its record makes the value's length wrap around and exceed any buffer.
         const unsigned int valueLength =
             record.length - static_cast<unsigned int>(sizeof(record)) - nameLength;
         const char* const name = bytes.RawOffset<char>(at + sizeof(record), nameLength);
@@ -176,7 +176,7 @@ void YUnixFileMetadata::Describe(Members& members, Self& self)
     if constexpr (Members::Reads)
         self.m_extendedAttributes.clear();
     members.Objects("extended_attributes", self.m_extendedAttributes, [](auto& element, auto& attribute) {
-        // A reader looks at the value first, so damage in it is reported before damage in the name.
+        // A reader reads the value first, so damage in it is reported before damage in the name.
         if constexpr (Members::Reads)
             element.Binary("value", attribute.second);
         element.Text("name", attribute.first);

@@ -32,12 +32,12 @@ void PopulateLegacyPaths(YWinFileMetadata& metadata, const Bytes& bytes, const _
 {
     constexpr unsigned long Names = offsetof(_tagWINDOWS_FILE_HDR, names);
     constexpr wchar_t EndOfList = 0x0A;
-    // An end in front of the names is not refused: the length wraps around and bounds nothing.
+    // An end before the names is not refused: the length wraps around and limits nothing.
     unsigned long long unitsLeft = (static_cast<unsigned long long>(header.base.endOfNames) - Names) >> 2;
     if (unitsLeft == 0)
         KRT_RAISE_AS(LegacyConversion, MessageType::General, ErrorCode::InvalidArgument,
                      "Legacy windows file header does not contain any file paths");
-    // The units that the header promises and the buffer holds; running out of the latter means damage.
+    // The units that the header announces and the buffer contains; a list that exceeds the buffer is damaged.
     std::wstring units((bytes.Size() - Names) / sizeof(wchar_t), L'\0');
     std::memcpy(units.data(), header.names, units.size() * sizeof(wchar_t));
     std::wstring_view list = std::wstring_view(units).substr(0, unitsLeft);
@@ -50,7 +50,7 @@ void PopulateLegacyPaths(YWinFileMetadata& metadata, const Bytes& bytes, const _
         const auto [longPath, shortName] = YString(list.data()).Split('*', true, false);
         metadata.AddPath(Krt::CallFunction(mapper, YPath(longPath), metadata.IsDirectoryAttributeSet()),
                          shortName);
-        // One unit of no meaning stands behind the NUL.
+        // The NUL is followed by one unit without meaning.
         unitsLeft -= std::min<unsigned long long>(length + 2, unitsLeft);
         list.remove_prefix(std::min(length + 2, list.size()));
     }

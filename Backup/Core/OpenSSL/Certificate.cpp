@@ -71,7 +71,7 @@ bool HasReadableAlternativeNames(const X509& certificate)
     const NamesPtr names(static_cast<GENERAL_NAMES*>(
         X509_get_ext_d2i(&certificate, NID_subject_alt_name, &isCritical, nullptr)));
     if (names == nullptr)
-        return isCritical == -1; // there is no such extension
+        return isCritical == -1; // the extension is missing
     for (int i = 0; i < sk_GENERAL_NAME_num(names.get()); ++i) {
         const GENERAL_NAME* const name = sk_GENERAL_NAME_value(names.get(), i);
         const bool isText = name->type == GEN_DNS || name->type == GEN_EMAIL || name->type == GEN_URI;

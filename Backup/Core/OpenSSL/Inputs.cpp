@@ -43,7 +43,7 @@ std::optional<ServerName> ParseIpv4(const std::string& text)
 
 std::optional<ServerName> ParseIpv6(std::string_view text)
 {
-    // The zone is this machine's name of an interface, which no certificate contains.
+    // The zone is this machine's name for an interface, and no certificate contains it.
     const std::string address(text.substr(0, text.find('%')));
     if (address.find_first_not_of(std::string(AnyHexDigits) + ":.") != std::string::npos)
         return std::nullopt;

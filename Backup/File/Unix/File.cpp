@@ -28,7 +28,7 @@ constexpr unsigned int LowWord = 0xFFFF;
 constexpr unsigned int DefaultDirectoryMode = 0x1A4;
 constexpr unsigned int CreatedFileMode = 0x1C0;
 constexpr unsigned int LinkTargetSize = 1024;
-// What the 32-bit total of a transfer becomes when the first call fails.
+// The 32-bit total of a transfer if its first call fails.
 constexpr unsigned int FailedTotal = 0xFFFFFFFF;
 
 const char* Native(const YPath& path)
@@ -36,14 +36,14 @@ const char* Native(const YPath& path)
     return path.AsUnixPath(false).CStr();
 }
 
-// The error number of a call that failed: errno for -1, any other negative result itself.
+// Returns the error number of a failed call: errno for -1, any other negative result itself.
 int ErrorOf(int result)
 {
     return result == -1 ? errno : result;
 }
 
-// Repeats the call on EINTR; returns the error number of a call that failed, which may be 0, and nothing
-// after a success.
+// Repeats the call on EINTR. Returns the error number of a failed call, which may be 0, or nothing after a
+// success.
 template <class Call>
 std::optional<int> Perform(Call call)
 {
@@ -58,9 +58,9 @@ void SeekTo(int fd, unsigned long long offset, const char* function)
         KRT_RAISE_OS_AS(function, MessageType::General, errno, "Could not seek in file");
 }
 
-// Adds up transfers until `count` bytes are through. The one place where errno outlives its call: a short
-// transfer goes on only while errno is EINTR, which is not cleared beforehand. A failure counts as -1: of the
-// first call it gives FailedTotal, of a later one it takes a byte back.
+// Adds up transfers until `count` bytes are transferred. This is the only code where errno is read later than
+// the call: a short transfer continues only while errno is EINTR, which is not cleared beforehand. A failed
+// call adds -1, which is FailedTotal for the first call and one byte less for a later one.
 template <class Call>
 Krt::Util::OsResult<unsigned int> TransferAll(unsigned int count, Call call)
 {
@@ -71,7 +71,8 @@ Krt::Util::OsResult<unsigned int> TransferAll(unsigned int count, Call call)
     return {total, errno};
 }
 
-// The descriptor, above those of the standard streams. A negative result other than -1 counts as one.
+// Returns the descriptor, above those of the standard streams. A negative result other than -1 counts as a
+// descriptor.
 Krt::Util::OsResult<int> OpenForBackup(const YPath& path, int flags)
 {
     const auto opened =
@@ -82,8 +83,8 @@ Krt::Util::OsResult<int> OpenForBackup(const YPath& path, int flags)
     return {owned.value.Release(), owned.error};
 }
 
-// The mount points that the configuration admits. The set is complete before the flag is set and never
-// changes afterwards, so it is read without the lock.
+// Returns the mount points that the configuration admits. The set is complete before the flag is set and
+// never changes afterwards, so it is read without the lock.
 const std::set<YPath>& GetIncludedMountpoints()
 {
     static Krt::Thread::YMutex s_mutex;

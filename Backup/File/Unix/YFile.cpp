@@ -25,10 +25,10 @@ using Krt::File::YEntry;
 namespace {
 
 constexpr unsigned long DataBufferSize = 0x100000;
-// As the primitive that reads a target by path.
+// The same size as in the function that reads a target by path.
 constexpr unsigned int LinkTargetSize = 1024;
 
-// The answer of the call, or an empty one where the file system keeps no attributes.
+// Returns the result of the call, or an empty one if the file system has no attributes.
 template <class Call>
 auto EmptyIfUnavailable(Call call) -> decltype(call())
 {
@@ -59,7 +59,7 @@ YFile::~YFile()
     try {
         Close();
     } catch (const YError&) {
-        // Nobody is left to tell.
+        // There is no caller to report the error to.
     }
 }
 
@@ -88,13 +88,13 @@ void YFile::InitializeMembers()
     m_entry = YEntry(m_path);
 }
 
-// Everything anew, with the mode and the path stored.
+// Closes the previous file, resets all members, and stores the mode and the path.
 void YFile::Start(OPEN_MODE mode, const YPath& path, OPTIONS options)
 {
     try {
         Close();
     } catch (const YError&) {
-        // The new file is what counts now.
+        // The failure concerns the previous file only.
     }
     InitializeMembers();
     m_openMode = mode;
@@ -140,7 +140,7 @@ void YFile::OpenForRead()
         m_handle = Krt::File::Open(m_path, Krt::File::OpenForReading);
 }
 
-// What is no regular file has the status alone.
+// Of an entry other than a regular file, only the status is used.
 void YFile::TakeStatus(const struct stat& status)
 {
     m_modeFlags = status.st_mode;
@@ -282,7 +282,7 @@ ExtendedAttributeMap YFile::GetExtendedAttributeMap() const
 {
     if (IsXattrDisabled())
         return {};
-    // An open entry is reached by its handle, a path always as it is now.
+    // An open entry is read through its handle; a path is resolved at each call.
     const bool isByHandle = m_entry.GetDirectory() != nullptr && !m_handle.IsEmpty();
     const YEntry entry = isByHandle ? YEntry(m_handle) : m_entry;
     return EmptyIfUnavailable([&] { return entry.GetExtendedAttributeMap(); });

@@ -154,7 +154,7 @@ MountPath Discovery::DetermineMountPath(const YPath& uniquePath, const YPath& pa
         return result;
     const YPath parent = mountPath.RemoveFile();
     result.holder = GetVolumeUniquePath(parent);
-    // Each further mount of the device has the same answer, and its look-up is logged.
+    // Each further mount of the device has the same result, and its look-up is logged.
     for (unsigned int i = 1; i < result.count && Krt::Log::IsLogged(MessageType::Volume); ++i)
         GetVolumeUniquePath(parent);
     return result;

@@ -14,7 +14,7 @@ using Krt::File::YPath;
 namespace {
 
 constexpr unsigned int VolumeType = 0xFFFFD8F1;
-// What is unknown of every volume; the text is what callers expect.
+// The value of properties that are unknown for every volume; callers expect this text.
 constexpr const char* Unfilled = "@@TODO";
 
 } // namespace
@@ -89,7 +89,7 @@ void YVolume::Initialize(const YPath& path, Discovery& discovery)
         KRT_LOG(MessageType::General, "Failed to load volume info " << m_path << " " << error);
         throw;
     }
-    // This look-up is made for the line alone. It comes first because it logs its own steps.
+    // This look-up is made only for the log line. It comes first because it logs its own steps.
     if (Krt::Log::IsLogged(MessageType::Volume)) {
         const YPath mountPath = discovery.GetVolumePathName(m_path);
         KRT_LOG(MessageType::Volume, "With volume mount path: " << mountPath);

@@ -46,7 +46,7 @@ void YVolumeManager::RebuildVolumeList()
 void YVolumeManager::InvalidateVolumeList()
 {
     const YMutex::YLock lock = m_mutex.Lock();
-    // Even of an empty list: whoever invalidates learns of a mount table that can't be described.
+    // Rebuild even if the list is empty, so that the caller learns now if the mount table cannot be read.
     EnsureFresh();
     m_volumes.clear();
 }

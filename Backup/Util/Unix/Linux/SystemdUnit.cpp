@@ -25,8 +25,8 @@ void AddDoubling(char byte, std::string& out)
     out.append(byte == '%' ? 2 : 1, byte);
 }
 
-// One word in quotes. Its "$" are doubled where variables are put in. Bytes beyond ASCII are escaped, since a
-// line that isn't UTF-8 as a whole would be ignored.
+// Returns one word in quotes. Its "$" are doubled if variables are expanded in it. Bytes beyond ASCII are
+// escaped, since systemd ignores a line that is not valid UTF-8.
 std::string Quote(const YString& word, bool doublesDollars)
 {
     std::string quoted = "\"";
@@ -49,11 +49,11 @@ std::string Quote(const YString& word, bool doublesDollars)
 
 std::string Title(const YString& title)
 {
-    static_cast<void>(YString(title).AsWide()); // raises for what is no UTF-8
+    static_cast<void>(YString(title).AsWide()); // raises if the text is not valid UTF-8
     std::string line;
     for (const char byte : title.Bytes())
         AddDoubling(IsControl(byte) ? ' ' : byte, line);
-    // A backslash at the end would draw the next line in; blanks there are dropped.
+    // A trailing backslash would join the next line; trailing blanks are dropped.
     if (line.ends_with('\\'))
         line += ' ';
     return line;
@@ -68,8 +68,8 @@ std::string CommandLine(const YPath& program, const std::vector<YString>& argume
     if (!path.starts_with('/') || !isSafe)
         KRT_RAISE_AS("MakeServiceUnit", MessageType::General, ErrorCode::InvalidArgument,
                      "A unit can't run the program " << program);
-    // The path is taken as it is and then given to the process as its first argument, in which variables are
-    // put in. With "@" that one is told apart.
+    // Variables are not expanded in the path, but they are in the first argument, which is the path again.
+    // "@" makes the two separate words.
     std::string line = "@" + Quote(program, false) + " " + Quote(program, true);
     for (const YString& argument : arguments) {
         if (argument.Bytes().find('\0') != std::string::npos)
@@ -87,8 +87,7 @@ YString GetServiceUnitName(const YString& name)
     static constexpr std::string_view legal =
         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789:-_.\\@";
     const std::string unit = name.Bytes() + ".service";
-    // What stands behind the first "@" names an instance; with nothing there, the unit is only a pattern for
-    // others.
+    // The text after the first "@" names an instance; without it, the unit is only a template for others.
     const std::size_t instance = name.Bytes().find('@');
     const bool isStartable =
         instance == std::string::npos || (instance != 0 && instance + 1 < name.Bytes().size());

@@ -29,7 +29,7 @@ constexpr int Active = 0;
 constexpr int NotActive = 3;
 constexpr int NoSuchUnit = 4;
 
-// The temporary file's name isn't that of a unit, so systemd never looks at it.
+// The temporary file does not have the name of a unit, so systemd ignores it.
 void ReplaceUnit(const YPath& directoryPath, const YString& unit, const YString& text)
 {
     const YDirectory directory = YDirectory::OpenFollowing(directoryPath);
@@ -43,7 +43,7 @@ void ReplaceUnit(const YPath& directoryPath, const YString& unit, const YString&
     Krt::File::Sync(directory.GetHandle());
 }
 
-// What people see next to the service's name.
+// Returns the title that systemd shows next to the service's name.
 YString TitleOf(const YString& name, const YString& displayName, const YString& description)
 {
     if (displayName.IsEmpty())
@@ -51,7 +51,7 @@ YString TitleOf(const YString& name, const YString& displayName, const YString& 
     return description.IsEmpty() ? displayName : displayName + ": " + description;
 }
 
-// Raises "Service NAME STATE after ..." when the time is over.
+// Raises "Service NAME STATE after ..." at the time-out.
 template <class Reached>
 void WaitUntil(const char* function, const YString& name, const char* otherState, const YDuration& timeout,
                Reached reached)
@@ -85,7 +85,7 @@ YPath YSystemdServiceManager::GetUnitDirectory() const
     return m_root + "/etc/systemd/system";
 }
 
-// As sd_booted(3) does.
+// Uses the test of sd_booted(3).
 void YSystemdServiceManager::RequireSystemd(const char* function) const
 {
     if (!Krt::File::DoesFileExist(m_root + "/run/systemd/system"))

@@ -42,7 +42,7 @@ YString Quoted(const YPath& path)
     return Krt::Util::QuotifyEx(path, '"');
 }
 
-// launchctl speaks to the launchd of the real user.
+// launchctl connects to the launchd of the real user.
 void BecomeRoot(const char* function)
 {
     if (const int error = Krt::Util::CallSystem([] { return setuid(0); }).error)
