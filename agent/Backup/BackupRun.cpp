@@ -19,10 +19,10 @@ namespace {
 constexpr std::size_t BufferSize = 1 << 20;
 constexpr int MaxLooks = 5;
 
-// Whether the status is that of what the library opened, or of what it saw where there is nothing to open.
+// Returns true if the status is that of the entry that the library opened, or saw if it opened nothing.
 bool IsSameEntry(const YFile& file, const struct stat& status)
 {
-    // An inode may have been given up and taken again.
+    // An inode number may have been freed and reused.
     return file.GetModeFlags() == status.st_mode && file.GetUID() == status.st_uid &&
            file.GetGID() == status.st_gid &&
            file.GetLastChangedTime() == static_cast<unsigned long long>(status.st_ctime) &&
@@ -53,15 +53,16 @@ bool BackupRun::OnSelected(const WalkedEntry& entry)
     return followable;
 }
 
-// Opens the entry and returns its whole status, of which the library has a part. In a live tree another
-// entry may take its place between the looks at it.
+// Opens the entry and returns its whole status, of which the library keeps only a part. Another process may
+// replace the entry between the two calls, so they are repeated until both see the same entry.
 struct stat BackupRun::Open(const WalkedEntry& entry)
 {
     for (int looks = 1;; ++looks) {
         try {
             m_file.OpenEntry(entry.parent, entry.name, entry.path);
         } catch (const Krt::Exception::YError& error) {
-            // The errors of opening a link, and a socket or a device that is not there, as a file.
+            // Opening a regular file fails with these errors if it has been replaced by a symlink, or by a
+            // socket or a missing device.
             if ((error.GetOsError() != ELOOP && error.GetOsError() != ENXIO) || looks == MaxLooks)
                 throw;
             continue;
@@ -158,7 +159,7 @@ void BackupRun::OnStoreSkipped(const YPath& path)
 
 void BackupRun::OnFailed(const YPath& path, const YString& reason)
 {
-    // The user's interrupt is not a failure of the entry that was being read.
+    // An interrupt by the user is not a failure of the entry that was being read.
     if (!IsInterrupted())
         m_report.EntryFailed(path, reason);
 }

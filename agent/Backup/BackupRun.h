@@ -1,6 +1,5 @@
-// BackupRun: turns what a walk selects into a snapshot: a record of each entry, and contents that the store
-// keeps once. An entry that fails is reported and the run goes on; a store that fails ends it
-// by a StoreError.
+// BackupRun: stores what a walk selects in a snapshot: a record of each entry, and deduplicated contents. An
+// entry that fails is reported and the run continues; a store that fails ends the run with a StoreError.
 #pragma once
 
 #include "agent/Backup/HardLinks.h"
@@ -25,7 +24,7 @@ struct BackupCounts : EntryCounts
 class BackupRun : public IWalkVisitor
 {
 public:
-    /// All outlive the run. `verbose` reports each excluded path.
+    /// All arguments must outlive the run. `verbose` reports each excluded path.
     BackupRun(StoreSession& session, SnapshotWriter& snapshot, Report& report, bool verbose);
 
     bool OnSelected(const WalkedEntry& entry) override;
@@ -52,7 +51,7 @@ private:
     HardLinks m_hardLinks;
     Backup::File::YFile m_file;
     std::vector<unsigned char> m_buffer;
-    std::string m_record; // kept for its memory
+    std::string m_record; // kept for its capacity
     BackupCounts m_counts;
 };
 

@@ -1,6 +1,6 @@
-// HardLinks: recognises the further names of a file during a walk. A file is remembered only while names of
-// it are still to come. One that was written to since its first name is taken for another file, whose content
-// is read again: its inode may also belong to a new file.
+// HardLinks: recognises the further names of a file during a walk. A file is remembered only until all its
+// names have been visited. A file that was written to after its first name was stored counts as another file,
+// whose content is read again: the inode may also have been reused for a new file.
 #pragma once
 
 #include "agent/Store/Snapshot.h"
@@ -25,14 +25,14 @@ public:
         timespec writeTime;
     };
 
-    /// Whether further names may exist.
+    /// Returns true if further names may exist.
     static bool MayHave(const struct stat& status) { return status.st_nlink > 1 && !S_ISDIR(status.st_mode); }
-    /// The file of this status if a name of it was seen; null otherwise. `size` is the one in its
-    /// record.
+    /// Returns the file of this status if another name of it was visited, otherwise null. `size` is the size
+    /// in the record of the entry.
     const File* Find(const struct stat& status, unsigned long long size) const;
-    /// Remembers a file by its first name and gives its group.
+    /// Remembers a file by its first name and returns the number of its group.
     unsigned long long Add(const struct stat& status, unsigned long long size, const EntryFacts& facts);
-    /// A further name of a found file was stored.
+    /// Records that a further name of a found file was stored.
     void Seen(const struct stat& status);
 
 private:

@@ -13,7 +13,7 @@ namespace Agent {
 
 namespace {
 
-// The parser takes "[a,b]" apart. As a path it means the same with this in front.
+// The parser splits "[a,b]" as a list. With this prefix it is a path to the same entry.
 constexpr std::string_view ListMask = "./";
 
 bool LooksLikeList(std::string_view argument)
@@ -32,7 +32,7 @@ void AddStoreOption(CLI::App& command, std::string& path)
 
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description, const std::string& name)
 {
-    // Without a variable of its own: the conversion to a list would read "{}" as an empty one.
+    // Not bound to a variable: the conversion to a list would read "{}" as an empty list.
     return command
         .add_option(
             name, [](const CLI::results_t&) { return true; }, description)
@@ -57,7 +57,7 @@ std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv)
     std::vector<std::string> arguments;
     for (int i = argc - 1; i > 0; --i) {
         const std::string_view argument = argv[i];
-        // The parser would take what follows "--to=" for its value.
+        // The parser would read the argument after "--to=" as its value.
         const bool isEmptyOption = argv + i < end && argument.starts_with("--") && argument.ends_with('=');
         if (argument.empty() || isEmptyOption)
             throw UsageError("Argument " + std::to_string(i) + " is empty: '" + std::string(argument) + "'");

@@ -1,4 +1,4 @@
-// The interface of a subcommand, and what subcommands share. Program.cpp has the list of all.
+// The interface of a subcommand, and what subcommands share. Program.cpp lists all of them.
 #pragma once
 
 #include "agent/Run/Report.h"
@@ -22,8 +22,8 @@ public:
     virtual ~ICommand() = default;
     /// Adds the subcommand with its options and help, and returns it. Options are stored in this object.
     virtual CLI::App* Register(CLI::App& program) = 0;
-    /// Does the work. Entries that failed are reported, which makes the exit code 3, and an
-    /// answer that is no, which makes it 4; what is raised is printed and makes it 1, or 2 for a UsageError.
+    /// Does the work. Failed entries are reported, which makes the exit code 3, and so is a negative answer,
+    /// which makes it 4. An exception is printed and makes it 1, or 2 for a UsageError.
     virtual void Run(Report& report) = 0;
 };
 
@@ -45,20 +45,20 @@ std::unique_ptr<ICommand> MakeStatsCommand();
 std::unique_ptr<ICommand> MakeTrustCommand();
 std::unique_ptr<ICommand> MakeVolumesCommand();
 
-/// The option --store DIR, which is required.
+/// Adds the required option --store DIR.
 void AddStoreOption(CLI::App& command, std::string& path);
-/// Adds the positional PATH..., whose arguments PathsOf returns as they were typed. Under another name, for
-/// other arguments that must be kept as they were typed.
+/// Adds the positional PATH..., whose arguments PathsOf returns as they were typed. `name` is another name
+/// for other arguments that must be kept as they were typed.
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description,
                               const std::string& name = "PATH");
 std::vector<std::string> PathsOf(const CLI::Option* option);
-/// The program's arguments as the parser is to see them: the last comes first, and none is taken for a list.
-/// Raises a UsageError for an empty one: what a script's unset variable leaves must not mean "all".
+/// Returns the program's arguments for the parser: in reverse order, and so that no argument is parsed as a
+/// list. Raises a UsageError for an empty argument: an unset variable of a script must not mean "all".
 std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv);
 
 /// Raises InvalidArgument, with file, key and value in the text, for a key of the section "configuration"
-/// that is neither true nor false, and as Krt::Profile::OpenSystem does. A command calls it before
-/// it begins, so that what the reading of each file would raise is raised once.
+/// that is neither true nor false. Also raises what Krt::Profile::OpenSystem raises. A command calls it
+/// first, so that an unusable configuration is reported once and not for each file.
 void RequireSwitches(std::initializer_list<const char*> keys);
 
 } // namespace Agent

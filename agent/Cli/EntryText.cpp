@@ -84,7 +84,7 @@ std::string UnixText(const SnapshotEntry& entry, const YUnixFileMetadata& metada
                    SizeText(entry, metadata), TimeText(metadata.GetLastWriteTime()));
 }
 
-// Those of the attributes of Windows that are shown.
+// The attributes of Windows that are shown.
 constexpr struct
 {
     unsigned int bit;
@@ -113,7 +113,7 @@ std::string PropertiesText(const SnapshotEntry& entry, YMetadataBase& record)
     }
 }
 
-// What follows the path.
+// Returns the text that follows the path.
 std::string RemarkText(const SnapshotEntry& entry, YMetadataBase& record)
 {
     std::string text;

@@ -1,4 +1,4 @@
-// One entry of a snapshot as lines for people.
+// Prints one entry of a snapshot for people.
 #pragma once
 
 #include "agent/Store/Snapshot.h"
@@ -7,10 +7,10 @@
 
 namespace Agent {
 
-/// "-rw-r--r--  0:0  1234  2001-02-03T04:05:06Z  /path" and a line end, printable. A link's target follows
-/// after "->", a device has its numbers for a size. A Windows entry has its attributes for a mode and a line
-/// for each of its paths, which are those that a restore gives; what a record lacks is shown as "-".
-/// Raises a YError for a record that can't be read.
+/// Returns "-rw-r--r--  0:0  1234  2001-02-03T04:05:06Z  /path" and a line end, printable. A symlink's target
+/// follows after "->", and a device has its numbers instead of a size. A Windows entry has its attributes
+/// instead of a mode, and a line for each of its paths, which are those of a restore. A field that the record
+/// lacks is shown as "-". Raises a YError for a record that cannot be read.
 std::string EntryText(const SnapshotEntry& entry);
 
 } // namespace Agent

@@ -117,7 +117,7 @@ void ListCommand::ListEntries(SnapshotReader& snapshot, Report& report) const
     for (unsigned long long number = 1; snapshot.NextLine(line); ++number) {
         KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
         try {
-            // A line that is not an entry is never printed.
+            // A line that is not an entry is not printed.
             const SnapshotEntry entry = ReadEntry(line);
             const std::string text = m_json ? PrintableJson(line) + "\n" : EntryText(entry);
             report.Out() << text;

@@ -41,7 +41,7 @@ enum ExitCode
     NoRepository = 10,
     RepositoryIsLocked = 11,
     PasswordIsWrong = 12,
-    EndedBySignal = 128 // and the number of the signal
+    EndedBySignal = 128 // plus the number of the signal
 };
 
 // In the order in which the help shows them.
@@ -80,7 +80,7 @@ void WarnOfLostMessages(Report& report)
             YString("Warning: messages that could not be written to the log: " + std::to_string(lost)));
 }
 
-// The keys of the configuration that the library and the program read.
+// Warns of the keys that the library and the program read if they are outside of a section.
 void WarnOfKeysWithoutSection(Report& report)
 {
     const boost::shared_ptr<Krt::Profile::YProfile> profile = Krt::Profile::OpenSystem();
@@ -98,8 +98,8 @@ class LogOptions
 public:
     // Adds the options, which are stored in this object.
     void Register(CLI::App& program);
-    // Opens the process's log if one is wanted, for as long as the process runs. The global object is
-    // initialised already. Warns of unknown channels. Raises what RequireOwnLog and opening a log raise.
+    // Opens the process's log if an option asks for it, for as long as the process runs. The global object
+    // must be initialised. Warns of unknown channels. Raises what RequireOwnLog and opening a log raise.
     void Open(Report& report) const;
 
 private:
@@ -178,7 +178,7 @@ ICommand& CommandOf(const std::vector<Registered>& all)
     throw UsageError("Name a command: " + names);
 }
 
-// The program and the subcommands that were parsed, as the user types them.
+// Returns the program and the parsed subcommands, as the user types them.
 std::string NameOf(const CLI::App& program)
 {
     std::string name = program.get_name();
@@ -198,7 +198,7 @@ bool IsSimilar(std::string_view typed, std::string_view name)
            (!nameRest.empty() && typedRest == nameRest.substr(1)) || typedRest.substr(1) == nameRest;
 }
 
-// What the user probably meant by the first option that the command doesn't have; "" if that is unknown.
+// Returns what the user probably meant by the first option that the command does not have; "" if unknown.
 std::string HintFor(const CLI::App& program, int argc, char** argv)
 {
     const CLI::App* command = &program;
@@ -239,7 +239,7 @@ bool Parse(CLI::App& program, int argc, char** argv, Report& report)
     return true;
 }
 
-// The arguments as a shell reads them. No option takes a secret.
+// Returns the arguments in the syntax of a shell. No option takes a secret.
 std::string CommandLine(int argc, char** argv)
 {
     constexpr std::string_view plain =
@@ -336,7 +336,7 @@ int Run(int argc, char** argv)
         WarnOfLostMessages(report);
         return exitCode;
     } catch (const std::bad_alloc&) {
-        // Not even for the text of a message.
+        // There is no memory even for the text of a message.
         std::fputs("kbagent: error: There is no memory\n", stderr);
         return CouldNotRun;
     }

@@ -22,13 +22,13 @@ using Krt::YString;
 
 namespace {
 
-// What the help of a command says about the forms of a JOBPATH.
+// The forms of a JOBPATH, for the help of a command.
 constexpr const char* JobPathHelp =
     "A JOBPATH is a path of a file system (/a/b or C:\\a\\b), its JSON form {\"components\":[...]}, or\n"
     "otherwise names without a known class (job/part).\n\n";
 
-// The job paths that the value of an option may mean, at least one, as JobPathsOf. Raises a UsageError that
-// names the option.
+// Returns the job paths that the value of an option may mean, at least one; see JobPathsOf. Raises a
+// UsageError that names the option.
 std::vector<YJobPath> JobPathArgument(const std::string& option, const std::string& text)
 {
     try {
@@ -45,9 +45,9 @@ public:
     // Adds FILE and --base JOBPATH, whose values are stored in this object.
     void AddTo(CLI::App& command);
 
-    // Empty for standard input.
+    // Returns the file name; empty for standard input.
     const std::string& GetFile() const { return m_file; }
-    // Raises a UsageError.
+    // Returns the job path. Raises a UsageError.
     YJobPath GetBase() const;
 
 private:
@@ -207,7 +207,7 @@ void ImportCommand::Run(Report& report)
     const Backup::YJobPath base = m_records.GetBase();
     ContentFolder contents(Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(m_contents.c_str())));
     ConvertedRecords records(m_records.GetFile(), base, report);
-    // All directories of the path to a content are kept open.
+    // All directories on the path to a content are kept open.
     Krt::Environment::RaiseDescriptorLimit();
 
     const Store store = Store::OpenOrCreate(m_store);

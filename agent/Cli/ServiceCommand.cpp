@@ -92,7 +92,7 @@ CLI::App* ServiceCommand::AddAction(CLI::App& service, const std::string& name,
 {
     CLI::App* const command = service.add_subcommand(name, description);
     command->add_option("NAME", m_name, "The service's name")->required();
-    command->footer(""); // not the program's
+    command->footer(""); // without the footer of the program
     m_actions.emplace_back(command, action);
     return command;
 }
@@ -134,7 +134,7 @@ void ServiceCommand::Run(Report& report)
     for (const auto& [command, action] : m_actions) {
         if (!command->parsed())
             continue;
-        // Whoever waits for a service may give up; the writing of its file is brought to an end.
+        // The user may interrupt a wait for a service. Writing the service's file is not interrupted.
         std::optional<EndingOnInterrupts> ending;
         if (action != &ServiceCommand::Install)
             ending.emplace();
@@ -147,9 +147,9 @@ void ServiceCommand::Run(Report& report)
 void ServiceCommand::Install(IServiceManager& manager, Report& report) const
 {
     namespace fs = std::filesystem;
-    // As it was given, since "a/.." is not the same as nothing where "a" is a link.
+    // Not normalised, since "a/.." differs from "" if "a" is a symlink.
     const fs::path program = fs::absolute(m_program);
-    std::error_code ignored; // what can't be reached is not a program
+    std::error_code ignored; // a file that cannot be reached is not a program
     const fs::file_status status = fs::status(program, ignored);
     constexpr fs::perms executable = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
     KRT_RAISE_UNLESS(fs::is_regular_file(status) && (status.permissions() & executable) != fs::perms::none,
@@ -181,7 +181,7 @@ void ServiceCommand::Restart(IServiceManager& manager, Report& report) const
     ReportState(report, "restarted");
 }
 
-// Somebody else's service, which has no file here, would only be stopped.
+// A service of another program has no file here, and would be stopped but not deleted.
 void ServiceCommand::Delete(IServiceManager& manager, Report& report) const
 {
     KRT_RAISE_UNLESS(manager.Exists(Name()), Krt::ErrorCode::NotFound,
@@ -190,7 +190,7 @@ void ServiceCommand::Delete(IServiceManager& manager, Report& report) const
     ReportState(report, "deleted");
 }
 
-// A service that isn't installed may run, if another program made it.
+// A service that is not installed may run if another program created it.
 void ServiceCommand::Status(IServiceManager& manager, Report& report) const
 {
     if (manager.IsRunning(Name())) {

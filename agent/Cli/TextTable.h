@@ -15,9 +15,9 @@ struct TextColumn
 
 using TextRow = std::vector<std::string>; // a text for each column
 
-/// The titles and the rows, a line each. With a `width` other than 0, columns that may be cut give way, the
-/// widest first, until the lines have at most so many characters, or nothing is left to give; what is cut
-/// ends in an ellipsis. All text must be printable.
+/// Returns the titles and the rows, a line each. `width` is the maximum number of characters of a line; 0
+/// means no limit. Columns that may be cut are shortened to fit, the widest first, as far as possible; a text
+/// that is cut ends with an ellipsis. All text must be printable.
 std::string TableText(const std::vector<TextColumn>& columns, std::vector<TextRow> rows, unsigned int width);
 
 } // namespace Agent

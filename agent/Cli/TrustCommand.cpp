@@ -98,7 +98,7 @@ long long ParseTime(const std::string& text)
     return *time;
 }
 
-// For a verification of which only the errors count: it does without the system's CAs.
+// Returns the options of a verification that only looks for errors and needs no CAs of the system.
 TrustOptions OptionsOfProbe()
 {
     TrustOptions options;
@@ -254,7 +254,7 @@ std::string EndText(const std::optional<long long>& time)
     return time ? TimeText(static_cast<unsigned long long>(*time)) : "(unreadable)";
 }
 
-// The reason and the names are printable text.
+// The reason and the names are printable.
 void Print(const TrustReport& found, Output& out)
 {
     out << (found.reason.IsEmpty() ? "trusted" : "not trusted: " + found.reason.Bytes()) << "\n";

@@ -40,7 +40,7 @@ Status StatusOf(const YPath& directory, bool asksSpace)
 void Ask(ListedVolume& volume, std::chrono::milliseconds patience)
 {
     const YPath directory(volume.mount.directory);
-    // An automounter's trigger has no space of its own, and would mount what it stands for if it were asked.
+    // An automounter's trigger has no space of its own, and a query would mount its file system.
     const bool asksSpace = !(volume.mount.type == "autofs");
     try {
         const auto status =

@@ -1,4 +1,4 @@
-// The machine's mounts, for the volumes command.
+// Lists the machine's mounts, for the volumes command.
 #pragma once
 
 #include "Krt/Volume/MountTable.h"
@@ -13,16 +13,16 @@ struct ListedVolume
 {
     Krt::Volume::MountEntry mount;
     unsigned int driveClass = 0; ///< a DriveClass
-    bool isHidden = false;       ///< a later mount lies over it
-    /// Bytes; none for a hidden mount, one that failed, and a trigger of an automounter.
+    bool isHidden = false;       ///< a later mount covers it
+    /// In bytes; not set for a hidden mount, a mount that failed, and a trigger of an automounter.
     std::optional<unsigned long long> freeSpace;
-    /// Whether a walk that comes to the directory enters it; none for a hidden mount and one that failed.
+    /// True if a walk enters the directory; not set for a hidden mount and a mount that failed.
     std::optional<bool> isEntered;
-    std::optional<Krt::YString> failure; ///< why the mount can't be asked
+    std::optional<Krt::YString> failure; ///< why the mount could not be queried
 };
 
-/// Every mount of the system's table, in its order. One that doesn't answer within `patience` has failed.
-/// Raises a YError if there is no table, or the user interrupts.
+/// Returns every mount of the system's table, in its order. A mount that does not answer within `patience`
+/// has failed. Raises a YError if the table cannot be read, or if the user interrupts.
 std::vector<ListedVolume> ListVolumes(std::chrono::milliseconds patience);
 
 } // namespace Agent

@@ -21,7 +21,7 @@ using Krt::JSON::YValue;
 
 namespace {
 
-// What a person waits for one mount.
+// The time to wait for one mount.
 constexpr std::chrono::seconds Patience{3};
 
 const char* ClassWord(unsigned int driveClass)

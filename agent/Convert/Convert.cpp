@@ -19,7 +19,8 @@ using Krt::JSON::YObject;
 
 namespace {
 
-// The key whose value a modern record fails with, as the front of the reason. That of a missing key names it.
+// Returns the key whose value makes a modern record fail, as the beginning of the reason. Errors about a
+// missing key name it themselves.
 std::string KeyOf(const Krt::Exception::YError& error, const YObject& record)
 {
     if (error.GetCode() == Krt::ErrorCode::NotFound || record.FindOpt("legacy_metadata"))
@@ -36,7 +37,7 @@ std::string Replaced(std::string text, char from, char to)
     return text;
 }
 
-// The text with backslashes alone; they mark its volume.
+// Replaces slashes by backslashes, which identify the volume.
 YPath NormalWindowsPath(const YPath& path)
 {
     return YPath(YString(Replaced(path.Bytes(), '/', '\\')));
@@ -53,7 +54,7 @@ YJobPath FromWindowsPath(YJobPath base, const YPath& path, bool isDirectory)
     } else if (rest.starts_with(DevicePrefix)) {
         rest.remove_prefix(DevicePrefix.size());
     }
-    // The slash in front keeps a name such as D: from being taken for a volume.
+    // The leading slash keeps a name such as D: from being read as a volume.
     const std::string names = "/" + Replaced(std::string(rest), '\\', '/');
     return YJobPath::FromFilePath(std::move(base), YPath(YString(names)), isDirectory);
 }
@@ -63,7 +64,7 @@ bool IsWindowsPath(const std::string& text)
     return text.starts_with('\\') || !NormalWindowsPath(YPath(YString(text))).GetVolume().IsEmpty();
 }
 
-// The record of an entry as "list --json" prints it; otherwise the object itself.
+// Returns the record of an entry that "list --json" printed; otherwise the object itself.
 const YObject& RecordIn(const YObject& object)
 {
     const boost::shared_ptr<Krt::JSON::YValue>& record = object.FindOpt("record");

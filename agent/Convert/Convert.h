@@ -1,4 +1,4 @@
-// Conversion: reads records of any kind and form, and gives them as metadata objects, whose ToJSON is the
+// Conversion: reads records of any kind and form, and returns them as metadata objects, whose ToJSON is the
 // modern form.
 #pragma once
 
@@ -15,13 +15,13 @@
 
 namespace Agent {
 
-/// Converts single records. The paths of legacy headers come to lie below `base`.
+/// Converts single records. The paths of legacy headers are appended to `base`.
 class RecordConverter
 {
 public:
     explicit RecordConverter(const Backup::YJobPath& base);
 
-    /// Raises a YError for a record that is damaged or of no known kind.
+    /// Raises a YError for a record that is damaged or of an unknown kind.
     boost::shared_ptr<Backup::File::YMetadataBase> Convert(const Krt::JSON::YObject& record) const;
 
 private:
@@ -29,17 +29,18 @@ private:
     Backup::File::JobPathMapper m_windows;
 };
 
-/// All records of an input, converted. What can't be converted is reported, with its line, and left out.
+/// All records of an input, converted. A record that cannot be converted is reported with its line number and
+/// skipped.
 class ConvertedRecords
 {
 public:
-    /// As RecordReader; the report outlives this object.
+    /// See RecordReader for `path`. The report must outlive this object.
     ConvertedRecords(const std::string& path, const Backup::YJobPath& base, Report& report);
 
-    /// The next record; null at the end. Raises if the input can't be read, or if the user interrupts the
-    /// program.
+    /// Returns the next record; null at the end. Raises if the input cannot be read, or if the user
+    /// interrupts the program.
     boost::shared_ptr<Backup::File::YMetadataBase> Next();
-    /// Where the record that Next gave begins, from 1 on.
+    /// Returns the line where the record that Next returned begins, from 1 on.
     unsigned long long GetLine() const { return m_record.line; }
     /// Reports that this record failed.
     void Fail(const Krt::YString& reason);
@@ -52,7 +53,7 @@ private:
     Report& m_report;
 };
 
-/// Writes records in the modern form, a line each.
+/// Writes records in the modern form, one per line.
 class RecordWriter
 {
 public:
@@ -66,17 +67,19 @@ private:
     std::string m_printed;
 };
 
-/// Gives a Unix path the job path of its components below `base`.
+/// Maps a Unix path to the job path of its components below `base`.
 Backup::File::JobPathMapper MakeUnixMapper(const Backup::YJobPath& base);
-/// Gives a Windows path the job path of its components below `base`. Its volume, as C:, \\?\Volume{...} or
-/// that of a shadow copy, is one component, unchanged; backslashes and slashes separate the others. The
-/// \\?\ in front of any other path is not a component.
+/// Maps a Windows path to the job path of its components below `base`. Its volume (C:, \\?\Volume{...} or
+/// that of a shadow copy) is one component, unchanged; backslashes and slashes separate the others. The
+/// prefix \\?\ of any other path is not a component.
 Backup::File::JobPathMapper MakeWindowsMapper(const Backup::YJobPath& base);
 
-/// The job paths that a user may mean by a text: its JSON form ({"components":[...]}), a path of a file
-/// system, Unix or Windows, or else components of no known class, as in job/part. A path of a file system may
-/// be that of a directory and that of a file, which differ; both are given, the directory first. Raises
-/// InvalidArgument for damaged JSON.
+/// Returns the job paths that a user may mean by a text:
+///   - its JSON form ({"components":[...]})
+///   - a path of a file system, Unix or Windows
+///   - otherwise, components of no known class, as in job/part
+/// A path of a file system may be that of a directory or that of a file, which differ: both are returned, the
+/// directory first. Raises InvalidArgument for damaged JSON.
 std::vector<Backup::YJobPath> JobPathsOf(const std::string& text);
 
 } // namespace Agent

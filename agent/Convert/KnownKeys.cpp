@@ -27,7 +27,7 @@ const std::vector<MemberKey>& RecordKeys()
     return keys;
 }
 
-// A key, and the keys that it is nested in.
+// A key, and the keys in which it is nested.
 struct KeyPath
 {
     const KeyPath* outer;
@@ -36,7 +36,7 @@ struct KeyPath
     std::string Text() const { return (outer ? outer->Text() + "." : "") + name.Bytes(); }
 };
 
-// Calls `visit` with each keyPath, its key, which is null for one that the keys don't have, and its value.
+// Calls `visit` for each key with its path, its value, and the known key, which is null for an unknown one.
 template <class Visit>
 void Search(const YObject& object, const std::vector<MemberKey>& keys, const KeyPath* outer,
             const Visit& visit)

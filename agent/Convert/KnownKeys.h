@@ -1,5 +1,5 @@
-// KnownKeys: finds the keys of a record that no kind of record has, at any depth, so that what a conversion
-// leaves out is reported; and the key whose value fails one, which the library's errors don't name.
+// KnownKeys: finds unknown keys of a record, at any depth, so that a conversion reports what it drops. It
+// also finds the key whose value makes a record fail, which the library's errors don't name.
 #pragma once
 
 #include "Krt/JSON/YObject.h"
@@ -14,10 +14,10 @@ class Report;
 class KnownKeys
 {
 public:
-    /// Warns of each unknown key once, however often it comes. `line` is that of the record. Names
-    /// are kept up to a limit, after which none is reported, so that no input fills the memory.
+    /// Warns of each unknown key once. `line` is the line of the record. Reported names are kept up to a
+    /// limit, after which no further key is reported, so that no input exhausts the memory.
     void Check(const Krt::JSON::YObject& record, unsigned long long line, Report& report);
-    /// The first known key whose value does not have its type; empty if there is none.
+    /// Returns the first known key whose value does not have its type; empty if there is no such key.
     static std::string FindMisfit(const Krt::JSON::YObject& record);
 
 private:

@@ -38,8 +38,8 @@ enum class DocumentEnd
     TooLong
 };
 
-// Measures the object at the front of the text up to its last bracket. What is between the brackets is not
-// checked: the parser does that.
+// Measures the object at the beginning of the text, up to its last bracket. The text between the brackets is
+// left to the parser.
 DocumentEnd MeasureDocument(InputText& text, std::size_t& size)
 {
     std::size_t depth = 0;
@@ -96,8 +96,9 @@ bool RecordReader::Next(InputRecord& record)
     }
 }
 
-// An object that ends in its line is a line's, unless another follows it there. One that doesn't is either
-// the beginning of a document or a damaged line; after a damaged line the next one begins a record.
+// An object that ends in its first line is a record per line, unless another object follows in that line.
+// Otherwise the first line is the beginning of a document or a damaged line; after a damaged line, the next
+// line begins a record.
 RecordReader::Form RecordReader::Decide()
 {
     if (!m_text.Has(0))

@@ -1,9 +1,9 @@
-// RecordReader: reads metadata records from a text, one after the other, in bounded memory. The text has one
-// of three forms, which its beginning decides:
+// RecordReader: reads a sequence of metadata records from a text, in bounded memory. The text has one of
+// three forms, which its beginning determines:
 //   lines      one record per line (JSON Lines). A damaged line is reported and skipped.
 //   array      one JSON array of records.
-//   documents  records one after the other, each over one line or several.
-// In an array and in documents, damage hides where the next record begins: it is reported with its byte
+//   documents  a sequence of records, each on one line or several.
+// In an array and in documents, damage hides where the next record begins. It is reported with its byte
 // offset, and reading ends there.
 #pragma once
 
@@ -16,24 +16,24 @@
 
 namespace Agent {
 
-/// What a command reads: a file or standard input, front to end.
+/// The input of a command: a file or standard input, read sequentially.
 class InputFile
 {
 public:
-    /// Standard input for "-" and for an empty path. Raises the operating system's error.
+    /// Opens the file, or standard input for "-" and for an empty path. Raises the operating system's error.
     explicit InputFile(const std::string& path);
 
-    /// Up to `size` bytes; 0 at the end alone. Waits for them as long as the user doesn't interrupt the
-    /// program, which raises InvalidState; raises the operating system's error.
+    /// Reads up to `size` bytes; returns 0 only at the end. Waits for input until the user interrupts the
+    /// program, which raises InvalidState. Raises the operating system's error.
     std::size_t Read(char* buffer, std::size_t size);
 
 private:
     std::string m_name;
-    Krt::Util::YUnxHandle m_file; // empty for standard input, whose descriptor a handle takes for none
+    Krt::Util::YUnxHandle m_file; // empty for standard input, since a handle means "no descriptor" by 0
 };
 
-/// A window on the text of an input. It grows at its end as more is read, and shrinks at its front
-/// as text is consumed. Positions count bytes from the front of the window and stay valid while it grows.
+/// A window on the text of an input. It grows at its end as more is read, and shrinks at its front as text is
+/// consumed. Positions count bytes from the front of the window and stay valid while it grows.
 class InputText
 {
 public:
@@ -89,7 +89,7 @@ struct InputRecord
 class RecordReader
 {
 public:
-    /// Length limit of a record, in bytes. A longer one counts as damaged.
+    /// Length limit of a record, in bytes. A longer record counts as damaged.
     static constexpr std::size_t RecordLimit = 16 << 20;
 
     /// Reads a file, or standard input for "-" and for an empty path. Raises if it can't be opened.

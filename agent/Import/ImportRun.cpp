@@ -37,7 +37,7 @@ Krt::Util::YUnxHandle ContentFolder::Open(Backup::File::YMetadataBase& metadata)
         }
         return Top().OpenFile(Choose(Top(), names.back()));
     } catch (const Krt::Exception::YError& error) {
-        // With ELOOP and ENOTDIR a link may stand in the path, and ENXIO is what a socket gives.
+        // ELOOP and ENOTDIR mean that the path leads through a symlink, and ENXIO that the entry is a socket.
         const int code = error.GetType() == Krt::ExceptionType::OsError ? error.GetOsError() : 0;
         if (code != ENOENT && code != ENOTDIR && code != ELOOP && code != ENXIO)
             throw;
@@ -54,7 +54,7 @@ std::vector<ContentFolder::Name> ContentFolder::NamesOf(Backup::File::YMetadataB
     return names;
 }
 
-// A volume's own name may hold a slash, which no file's name does.
+// A volume's own name may contain a slash, unlike the name of a file.
 const YString& ContentFolder::Choose(const YDirectory& parent, const Name& name)
 {
     struct stat ignored;
@@ -79,7 +79,7 @@ void ImportRun::Import(YMetadataBase& metadata, unsigned long long line)
         metadata.StringifyTo(m_record);
         EntryFacts facts;
         RecordedEntry recorded;
-        // The record of what is not a file is complete.
+        // The record of an object other than a file is complete.
         if (metadata.GetMetadataType() != Backup::File::VAM_ODS_METADATA_TYPE)
             recorded = Complete(metadata, facts);
         m_snapshot.Add(m_record, facts);
@@ -96,11 +96,11 @@ void ImportRun::Import(YMetadataBase& metadata, unsigned long long line)
     m_report.Progress(m_counts.Entries(), m_counts.bytes);
 }
 
-// Finds what the restore will need in addition to the record.
+// Finds what a restore needs in addition to the record.
 RecordedEntry ImportRun::Complete(YMetadataBase& metadata, EntryFacts& facts)
 {
     const RecordedEntry recorded = RecordedEntryOf(metadata);
-    // What no restore will make is refused here, where its source is still at hand.
+    // An entry that no restore can create is refused here, while its source is still available.
     static_cast<void>(TargetLocationOf(metadata, 0));
     switch (recorded.type) {
     case S_IFREG: {

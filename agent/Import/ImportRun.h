@@ -1,5 +1,5 @@
-// ImportRun: turns records that were kept elsewhere into a snapshot, with contents that lie in a folder. A
-// record that fails is reported and the run goes on; a store that fails ends it by a StoreError.
+// ImportRun: stores records that were kept elsewhere in a snapshot, with contents from a directory. A record
+// that fails is reported and the run continues; a store that fails ends the run with a StoreError.
 #pragma once
 
 #include "agent/Restore/RecordedEntry.h"
@@ -14,18 +14,18 @@
 
 namespace Agent {
 
-/// The folder in which an import finds contents, each at the path that the components of the
-/// record's job path name. No link is followed, so nothing outside the folder is ever read. The directories
-/// on the way to the last content stay open, since records mostly come directory by directory.
+/// The directory of the contents of an import, each at the path that the components of the record's job path
+/// name. Symlinks are not followed, so nothing outside the directory is ever read. The directories on the
+/// path to the last content stay open, since records are usually sorted by directory.
 class ContentFolder
 {
 public:
     explicit ContentFolder(Krt::File::YDirectory root) : m_root(std::move(root)) {}
 
-    /// Opens the file at the first path of the record for reading; empty if there is none, or only behind a
-    /// link. A Windows volume is looked for by its own name and then, where there is none such, by the one
-    /// that a restore gives it. Raises InvalidArgument for a path that could lead out of the folder, or the
-    /// operating system's error.
+    /// Opens the file at the first path of the record for reading; returns an empty handle if it is missing
+    /// or can only be reached through a symlink. A Windows volume is searched by its own name, and then by
+    /// the name that a restore uses for it. Raises InvalidArgument for a path that could lead out of the
+    /// directory, or the operating system's error.
     Krt::Util::YUnxHandle Open(Backup::File::YMetadataBase& metadata);
 
 private:
@@ -52,12 +52,12 @@ private:
 class ImportRun
 {
 public:
-    /// Session, snapshot and report outlive the run.
+    /// Session, snapshot and report must outlive the run.
     ImportRun(StoreSession& session, SnapshotWriter& snapshot, ContentFolder contents, Report& report);
 
-    /// Stores one record, with its content if it is one of a file. Without that, it is reported and not
-    /// stored; a content of another size than the record's is reported and stored. `line` is where the record
-    /// comes from, for one that has no path. Raises if the user interrupts the program.
+    /// Stores one record, with the content if the record is that of a file. A file without content is
+    /// reported and not stored; a content whose size differs from the record's is reported and stored. `line`
+    /// is the line of the record, for a record without a path. Raises if the user interrupts the program.
     void Import(Backup::File::YMetadataBase& metadata, unsigned long long line);
     const EntryCounts& GetCounts() const { return m_counts; }
 
@@ -70,7 +70,7 @@ private:
     Report& m_report;
     ObjectWriter m_objects;
     std::vector<unsigned char> m_buffer;
-    std::string m_record; // kept for its memory
+    std::string m_record; // kept for its capacity
     EntryCounts m_counts;
 };
 

@@ -1,4 +1,4 @@
-// Asks what may never answer, such as a file server that is gone, without waiting for ever.
+// Makes calls that may never return, such as those to an unreachable file server, with a time limit.
 #pragma once
 
 #include "agent/Run/Interrupt.h"
@@ -15,13 +15,13 @@
 
 namespace Agent {
 
-/// Whether a thread was left behind. It may come alive at any time, so the program must end without
-/// destroying its static objects.
+/// True if a thread was abandoned. It may continue at any time, so the program must end without destroying
+/// its static objects.
 inline std::atomic<bool> g_isThreadLeftBehind{false};
 
-/// The question's answer, or nothing if it takes longer than the limit. What the question raises passes
-/// through, and an interrupted program raises InvalidState. It is asked on a thread of its own, which is left
-/// behind when it doesn't answer: the question owns all that it needs.
+/// Returns the question's answer, or nothing if it takes longer than the limit. Exceptions of the question
+/// are passed on, and an interrupted program raises InvalidState. The question runs on its own thread, which
+/// is abandoned if it does not answer, so the question must own everything that it uses.
 template <class Answer>
 std::optional<Answer> AnswerWithin(std::chrono::milliseconds limit, std::function<Answer()> question)
 {

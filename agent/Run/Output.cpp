@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t BufferSize = 1 << 16;
 
-// A write to a pipe is restarted after a signal handler, so the wait for room comes before it, in short
+// A write to a pipe is restarted after a signal handler. The wait for room therefore comes first, in short
 // steps.
 void WaitForRoom()
 {
@@ -42,7 +42,7 @@ Output::~Output()
     try {
         Flush();
     } catch (const std::exception&) {
-        // The run has failed already, with a reason of its own.
+        // The run has already failed for another reason.
     }
 }
 
@@ -63,7 +63,7 @@ void Output::Flush()
 {
     const std::string text = std::move(m_buffer);
     m_buffer.clear();
-    // A pipe with room takes PIPE_BUF bytes at once.
+    // A pipe that is ready for writing accepts PIPE_BUF bytes at once.
     for (std::size_t at = 0; at < text.size();) {
         WaitForRoom();
         const ssize_t count =

@@ -1,6 +1,6 @@
-// The process's standard streams. Output is standard output, buffered: a write that fails raises, so that a
-// full disk or a closed pipe is never taken for success. A write that waits for the reader of a pipe ends
-// when the user interrupts the program.
+// The process's standard streams. Output is standard output, buffered. A failed write raises, so that a full
+// disk or a closed pipe is never mistaken for success. If a write waits for the reader of a pipe, an
+// interrupt by the user ends it.
 #pragma once
 
 #include <stdexcept>
@@ -9,12 +9,12 @@
 
 namespace Agent {
 
-/// Standard output can't be written. Not a YError, so that it is not taken for the failure of an entry.
+/// Standard output can't be written. Not a YError, so that it does not count as the failure of an entry.
 class OutputError : public std::runtime_error
 {
 public:
     explicit OutputError(int number);
-    /// Whether the reader of the pipe has ended, as "head" does when it has enough.
+    /// Returns true if the reader of the pipe has ended, as "head" does when it has read enough.
     bool IsPipeClosed() const { return m_isPipeClosed; }
 
 private:
@@ -25,28 +25,30 @@ class Output
 {
 public:
     Output() = default;
-    /// Writes what is buffered, if it can, so that a run that fails prints what it found before.
+    /// Writes the buffer, if possible, so that a run that fails prints what it found before.
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
-    /// Appends the text. Raises OutputError, as Flush does. What was buffered is dropped then.
+    /// Appends the text. Raises OutputError, as Flush does; the buffer is then dropped.
     Output& operator<<(std::string_view text);
     Output& operator<<(unsigned long long number);
-    /// Writes what is buffered.
+    /// Writes the buffer.
     void Flush();
 
 private:
     std::string m_buffer;
 };
 
-/// Opens what is closed of descriptors 0 to 2, so that no file of a store or a target gets one of them and is
-/// written to as if it were the terminal. Their use still fails, as it would on a closed one. Called first.
+/// Opens those of descriptors 0 to 2 that are closed, so that no file of a store or a target gets their
+/// numbers and is written to as if it were the terminal. Using them still fails, as it would for a closed
+/// descriptor. The program calls it first.
 void OpenMissingStreams();
 
-/// Whether standard error is a terminal.
+/// Returns true if standard error is a terminal.
 bool IsErrorTerminal();
 
-/// The columns of the terminal that standard output is, 80 if its size is unknown; 0 if it is no terminal.
+/// Returns the width of standard output in columns: 80 if the terminal's size is unknown, 0 if it is not a
+/// terminal.
 unsigned int OutputWidth();
 
 } // namespace Agent

@@ -1,9 +1,9 @@
-// Report: what a running command reports to the user.
-// - failures and notes go to standard error, a line each; progress too, on a terminal alone
-// - what the command was asked for goes to standard output
-// - failures, notes and the summary also go to the log, on the channel General
-// All text is made printable, so the name of a file can't forge a line or steer the terminal. One thread at a
-// time.
+// Report: prints and logs what a command reports to the user.
+// - Failures and notes go to standard error, one per line; so does the progress if it is a terminal.
+// - The result of the command goes to standard output.
+// - Failures, notes and the summary also go to the log, on the channel General.
+// All text is made printable, so that the name of a file cannot forge a line or control the terminal. To be
+// used by one thread at a time.
 #pragma once
 
 #include "agent/Run/Output.h"
@@ -16,7 +16,7 @@
 
 namespace Agent {
 
-/// What a run stored or made, for its summary.
+/// What a run stored or restored, for its summary.
 struct EntryCounts
 {
     unsigned long long files = 0;
@@ -34,10 +34,10 @@ struct EntryCounts
 
 class Report;
 
-/// Copies content block by block: `copyBlock` copies at most `blockSize` bytes from the given offset on and
-/// returns their number. Returns the number of bytes copied. Content that grows is followed only up to the
-/// block that shows it, since it may grow for ever. Reports the progress, with what `counts` has already;
-/// raises InvalidState if the user interrupts.
+/// Copies content block by block. `copyBlock` copies at most `blockSize` bytes from the given offset on and
+/// returns their number. Returns the number of bytes copied. If the content grows, copying ends with the
+/// block that shows it, since it may grow for ever. Reports the progress in addition to `counts`. Raises
+/// InvalidState if the user interrupts.
 unsigned long long CopyContent(unsigned long long size, std::size_t blockSize, const EntryCounts& counts,
                                Report& report,
                                const std::function<std::size_t(unsigned long long offset)>& copyBlock);
@@ -50,37 +50,39 @@ public:
     Report(const Report&) = delete;
     Report& operator=(const Report&) = delete;
 
-    /// An entry that could not be done, or not wholly. Counted.
+    /// Reports and counts an entry that failed, wholly or in part.
     void EntryFailed(const Krt::YString& path, const Krt::YString& reason);
     unsigned long long GetFailed() const { return m_failed; }
-    /// The answer to the question that the command was asked is no.
+    /// Sets the negative answer to the question of the command.
     void AnswerNo() { m_answersNo = true; }
     bool AnswersNo() const { return m_answersNo; }
-    /// Reports what the user should know and what is not a failure.
+    /// Reports something that the user should know and that is not a failure.
     void Note(const Krt::YString& text);
-    /// A JSON document on standard error, as a line.
+    /// Prints a JSON document on standard error, as a line.
     void JsonNote(const std::string& json);
-    /// What ended the run. With UseJson, a JSON document that also has the exit code.
+    /// Reports the error that ended the run. With UseJson, prints a JSON document that also has the exit
+    /// code.
     void Error(const Krt::YString& text, int exitCode);
     /// The command prints JSON.
     void UseJson() { m_usesJson = true; }
 
-    /// Cheap enough to be called for each entry and each block: prints now and then how far the work has got.
+    /// Prints from time to time how far the work has come. Cheap enough to be called for each entry and each
+    /// block.
     void Progress(unsigned long long entries, unsigned long long bytes)
     {
         if (m_showsProgress)
             ShowProgress(entries, bytes);
     }
-    /// Standard output. Erases the progress first, so that the output begins on a line of its own.
+    /// Returns standard output. Erases the progress first, so that the output begins on its own line.
     Output& Out()
     {
         EraseProgress();
         return m_output;
     }
-    /// Prints the outcome of work that is done, as lines of printable text. If it can't be written, the work
-    /// is still done: `done`, which names it, is reported with the reason, and the run counts as incomplete.
+    /// Prints the outcome of finished work, as lines of printable text. If it cannot be written, the work is
+    /// still done: `done`, which names it, is reported with the reason, and the run counts as incomplete.
     void Summary(const std::string& done, const std::string& text);
-    /// Whether an entry failed or the summary was lost.
+    /// Returns true if an entry failed or the summary was lost.
     bool IsIncomplete() const { return m_failed != 0 || m_isSummaryLost; }
 
 private:
@@ -99,7 +101,7 @@ private:
     bool m_usesJson = false;
     bool m_isSummaryLost = false;
     bool m_showsProgress;
-    bool m_lineStands = false; // of progress
+    bool m_lineStands = false; // a line of progress is on the terminal
     std::chrono::steady_clock::time_point m_start;
     std::chrono::steady_clock::time_point m_shown;
 };

@@ -29,7 +29,7 @@ std::string PrintableJson(std::string_view json)
 
 Krt::YString ShownPath(const Backup::YJobPath& path)
 {
-    // Components of a job may be anywhere among those of a file system.
+    // Components of a job may precede, follow or separate those of a file system.
     unsigned long files = 0;
     while (files < path.GetComponentCount() && path.GetComponent(files).IsFileSystem())
         ++files;

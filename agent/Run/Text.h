@@ -12,27 +12,26 @@ class YJobPath;
 
 namespace Agent {
 
-/// See Krt/String/Printable.h: one line that steers nothing, and different for different texts.
+/// Returns the text on one printable line, different for different texts; see Krt/String/Printable.h.
 std::string Printable(std::string_view text);
 inline std::string Printable(const Krt::YString& text)
 {
     return Printable(std::string_view(text.Bytes()));
 }
 
-/// Printable for JSON text, which stays JSON of the same value.
+/// Does the work of Printable for JSON text, which remains JSON of the same value.
 std::string PrintableJson(std::string_view json);
 
-/// The path under which an entry is known to the user: that of the file system, or the job path of what has
-/// none.
+/// Returns the path that the user knows: that of the file system, or the job path of an entry without one.
 Krt::YString ShownPath(const Backup::YJobPath& path);
 
-/// What went wrong: the error's message, followed by the operating system's text. Not made printable.
+/// Returns the error's message, followed by the operating system's text. Not made printable.
 Krt::YString ReasonOf(const Krt::Exception::YError& error);
 
-/// "999 B", "1.2 MiB".
+/// Returns a text such as "999 B" or "1.2 MiB".
 std::string ShortSize(unsigned long long bytes);
-/// UTC, as in "2001-02-03T04:05:06Z". `seconds` is a signed number in an unsigned type; one that no calendar
-/// has is printed as a number.
+/// Returns the time in UTC, as in "2001-02-03T04:05:06Z". `seconds` is a signed number in an unsigned type; a
+/// time that is outside of the calendar is printed as a number.
 std::string TimeText(unsigned long long seconds);
 
 } // namespace Agent

@@ -37,7 +37,7 @@ struct Rule
 
 bool IsPathRelative(const Rule& rule)
 {
-    // The library takes an empty path for the root in an exclude, and refuses it in an include.
+    // The library reads an empty path as the root in an exclude, and refuses it in an include.
     return !rule.path.empty() && !rule.path.starts_with('/');
 }
 
@@ -88,7 +88,7 @@ constexpr struct
      "explicit_selection has no effect with this match_type and recursion_type"},
 };
 
-// What the call raises.
+// Returns the error that the call raises.
 template <class Call>
 std::optional<Krt::Exception::YError> ErrorOf(Call call)
 {
@@ -100,8 +100,8 @@ std::optional<Krt::Exception::YError> ErrorOf(Call call)
     return std::nullopt;
 }
 
-// The key whose value a T can't be read with, and the keys that it is nested in, each after a dot. Empty if
-// no single value is the cause, as for a missing key, which the error names.
+// Returns the key whose value cannot be read as a T, after the keys in which it is nested, separated by dots.
+// Empty if no single value is the cause, as for a missing key, which the error names.
 template <class T>
 std::string FindRefusedKey(const YObject& object)
 {
@@ -219,10 +219,10 @@ private:
     }
 
     const std::function<void(const JobFinding&)>& m_visit;
-    // With all keys that these can have.
+    // with all keys that a rule can have
     const YObject m_descriptor = YSelectionDescriptor().ToJSON();
     const YObject m_pattern = Krt::Match::Descriptor().ToJSON();
-    std::string_view m_array; // that the check is in; empty outside both
+    std::string_view m_array; // the array that is being checked; empty outside of both
     std::size_t m_index = 0;  // of the rule in the array
 };
 

@@ -1,5 +1,5 @@
-// NameList: the names of one directory, sorted by their bytes. A large directory is why it is packed: a name
-// takes its bytes and 16 more.
+// NameList: the names of one directory, sorted by their bytes. It is packed for the sake of large
+// directories: a name occupies its bytes and 16 more.
 #pragma once
 
 #include "Krt/File/YDirectory.h"
@@ -17,9 +17,9 @@ public:
     explicit NameList(const Krt::File::YDirectory& directory);
 
     std::size_t Size() const { return m_entries.size(); }
-    /// Valid for as long as the list.
+    /// Returns the name, which is valid as long as the list.
     std::string_view NameAt(std::size_t index) const { return Text(m_entries[index]); }
-    /// A DT_ constant of <dirent.h>.
+    /// Returns a DT_ constant of <dirent.h>.
     unsigned char TypeAt(std::size_t index) const { return m_entries[index].type; }
 
 private:

@@ -32,7 +32,7 @@ std::string Resolve(const std::string& path)
     return resolved.get();
 }
 
-// The last component of a path is kept, be it a link; the way to it is resolved.
+// Resolves the path except its last component, which is kept even if it is a symlink.
 YPath ResolveRoot(const std::string& named)
 {
     std::string path = named;
@@ -56,7 +56,7 @@ void Select(Backup::File::YSelectionManager& rules, const YPath& root)
               YSelectionDescriptor::Include, true);
 }
 
-// A job of many rules may have one mistake in all of them.
+// All rules of a large job may contain the same mistake.
 constexpr std::size_t MostWarnings = 20;
 
 // The warnings about one job file, up to a limit.
@@ -91,8 +91,8 @@ void CheckRules(const Krt::JSON::YObject& document, JobWarnings& warnings)
     });
 }
 
-// A walk meets only what is there, so it can't report a misspelt path below its start. Nor does it meet
-// anything inside a path that is not a directory.
+// A walk only visits existing entries, so it cannot report a misspelt path below its start. Nor does it visit
+// anything below a path that is not a directory.
 void WarnOfPathsWithoutEntries(const Job& job, JobWarnings& warnings)
 {
     YPath last;
@@ -134,9 +134,9 @@ void LoadRules(Backup::File::YSelectionManager& rules, JobWarnings& warnings, co
     std::string text = ReadJobFile(jobFile);
     if (constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF"; text.starts_with(ByteOrderMark))
         text.erase(0, ByteOrderMark.size());
-    const EndingOnInterrupts ending; // the rules of a large job take their time
+    const EndingOnInterrupts ending; // the rules of a large job take some time
     try {
-        // The text of a large job is given up before its rules are made.
+        // The text of a large job is freed before its rules are built.
         const auto job =
             Krt::JSON::YValue::Parse(std::exchange(text, {}), Krt::JSON::YValue::DuplicateKeys::Refuse);
         CheckRules(job->AsObject(), warnings);

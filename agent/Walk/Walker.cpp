@@ -21,8 +21,8 @@ using Krt::File::YPath;
 
 namespace {
 
-// Descriptors that a walk holds at most; those of directories further up are closed and opened again when the
-// walk comes back to them.
+// The maximum number of descriptors that a walk keeps open. The directories above those are closed, and
+// opened again when the walk returns to them.
 constexpr std::size_t MaxOpenLevels = 64;
 
 } // namespace
@@ -134,7 +134,7 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
     Enter(path, std::move(directory));
 }
 
-// Whether an include for all names has this place.
+// Returns true if this path has an include for all names.
 bool Walker::IsPlaceOfAll(const YPath& path) const
 {
     const auto [node, isFound] = m_rules.FindNode(path, false);
@@ -144,7 +144,8 @@ bool Walker::IsPlaceOfAll(const YPath& path) const
                [](const YPath&, const YSelectionDescriptor& rule) { return rule.CoversAllNames(); }, false);
 }
 
-// Rules apply to what is inside their place. A place that is not a directory is meant itself.
+// Rules apply to the entries of the directory that is their path. If the path is not a directory, they apply
+// to the entry itself.
 bool Walker::IsSelectedByPlace(const WalkedEntry& entry)
 {
     if (!IsPlaceOfAll(entry.path))
@@ -160,7 +161,7 @@ bool Walker::IsSelectedByPlace(const WalkedEntry& entry)
     return true;
 }
 
-// Captures a selected entry; whether what it is may be entered.
+// Captures a selected entry, and returns true if it is a directory that may be entered.
 bool Walker::MayEnter(const WalkedEntry& entry, bool selected, bool isRoot)
 {
     const bool listedAsDirectory = entry.IsDirectory();
@@ -173,12 +174,12 @@ bool Walker::MayEnter(const WalkedEntry& entry, bool selected, bool isRoot)
                                                                               Krt::File::AttributeDirectory);
     } catch (const Krt::Exception::YError& error) {
         m_visitor.OnFailed(entry.path, ReasonOf(error));
-        // What is below a directory that the user named is walked all the same.
+        // The entries below a directory that the user named are walked nevertheless.
         return listedAsDirectory && isRoot;
     }
     if (followable)
         return !entry.KnownStatus() || entry.IsDirectory();
-    // What the listing told may be long ago.
+    // The listing may be outdated.
     if (!entry.IsDirectory() || !S_ISDIR(entry.Status().st_mode))
         return false;
     if (isRoot)

@@ -1,7 +1,7 @@
-// Walks the file system as a job's rules ask. It goes down by directory descriptors and follows no link, asks
-// the rules about each entry, and hands the selected ones to a visitor. Nothing that the rules leave out is
-// opened or looked at. Depth, not the number of files, bounds its memory: the names of the directories on the
-// way down are held, and a bounded number of descriptors.
+// Walks the file system according to a job's rules. It descends by directory descriptors without following
+// symlinks, evaluates the rules for each entry, and passes the selected ones to a visitor. Entries that the
+// rules exclude are neither opened nor examined. Memory depends on the depth, not on the number of files: the
+// walk keeps the names of the directories on the current path and a bounded number of descriptors.
 #pragma once
 
 #include "agent/Walk/NameList.h"
@@ -17,7 +17,7 @@
 
 namespace Agent {
 
-/// An entry that the walk has come to. Everything is valid during the call alone.
+/// An entry that the walk has reached. Everything is valid only during the call.
 class WalkedEntry
 {
 public:
@@ -27,16 +27,17 @@ public:
         : path(ofPath), parent(inParent), name(ofName), m_listedType(listedType)
     {}
 
-    /// Of the entry itself, through `parent`; looked up at the first asking. Raises the system's error.
+    /// Returns the status of the entry itself, found through `parent` at the first call. Raises the system's
+    /// error.
     const struct stat& Status() const
     {
         if (!m_status)
             m_status = parent.Stat(name);
         return *m_status;
     }
-    /// Nothing until somebody asked for it.
+    /// Returns the status if Status was called before.
     const std::optional<struct stat>& KnownStatus() const { return m_status; }
-    /// By the status where it is known, else by the listing where that tells, else by the status.
+    /// Uses the status if it is known, otherwise the listing if that contains a type, otherwise the status.
     bool IsDirectory() const;
 
     const Krt::File::YPath& path;
@@ -48,51 +49,51 @@ private:
     mutable std::optional<struct stat> m_status;
 };
 
-/// What a walk tells. A YError that OnSelected raises is a failure of that entry; the walk goes on.
+/// Receives the results of a walk. If OnSelected raises a YError, that entry has failed; the walk continues.
 class IWalkVisitor
 {
 public:
     virtual ~IWalkVisitor() = default;
-    /// Whether it is a directory that the descent policy lets the walk enter. A visitor that asks for the
-    /// status has the walk check that it enters the very directory of that status.
+    /// Returns true if the entry is a directory that the descent policy lets the walk enter. If the visitor
+    /// calls Status, the walk checks that it enters the directory with that status.
     virtual bool OnSelected(const WalkedEntry& entry) = 0;
-    /// Selected, but excluded by a rule that wants it told.
+    /// The entry was selected, but is excluded by a rule that asks for a report.
     virtual void OnExcluded(const Krt::File::YPath& path) = 0;
-    /// A mount point that the policy keeps the walk out of.
+    /// A mount point that the policy does not let the walk enter.
     virtual void OnMountNotEntered(const Krt::File::YPath& path) = 0;
-    /// A mount point that the policy would not follow, entered since the user named it.
+    /// A mount point that the policy would not let the walk enter; entered because the user named it.
     virtual void OnMountEntered(const Krt::File::YPath& path) = 0;
-    /// A symbolic link at the place of a rule that selects all that is there. The link itself is selected;
-    /// what it leads to is not walked.
+    /// A symlink at the path of a rule that selects everything there. The symlink itself is selected, but its
+    /// target is not walked.
     virtual void OnLinkTaken(const Krt::File::YPath& path) = 0;
     /// The directory that must not be walked, or a root below it.
     virtual void OnStoreSkipped(const Krt::File::YPath& path) = 0;
     virtual void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) = 0;
-    /// Asked between entries; true ends the walk.
+    /// Called between entries; true ends the walk.
     virtual bool IsCancelled() = 0;
 };
 
 class Walker
 {
 public:
-    /// Both outlive the walker. `roots` are where walks start: each is an entry, or "/". A walk that comes
-    /// upon another root leaves it to that root's own walk, so nothing is visited twice.
+    /// Both arguments must outlive the walker. `roots` are the entries where walks start, or "/". If a walk
+    /// reaches another root, it leaves that to the root's own walk, so no entry is visited twice.
     Walker(const Backup::File::YSelectionManager& rules, std::set<Krt::File::YPath> roots,
            IWalkVisitor& visitor);
     ~Walker();
 
     /// The directory with this status is neither visited nor entered, and no walk starts below it.
     void Skip(const struct stat& directory);
-    /// Walks every root in order. Entries of a directory come in the order of their names' bytes, a directory
-    /// before what it holds.
+    /// Walks every root in order. Entries of a directory are sorted by the bytes of their names, and a
+    /// directory precedes its entries.
     void Run();
 
 private:
     struct Level
     {
         Krt::File::YPath path;
-        std::optional<Krt::File::YDirectory> directory; // closed while too many are open below
-        Krt::File::FileId closed;                       // which directory was closed
+        std::optional<Krt::File::YDirectory> directory; // closed while too many directories are open below it
+        Krt::File::FileId closed;                       // identifies the closed directory
         NameList names;
         std::size_t next = 0;
     };
@@ -113,7 +114,7 @@ private:
     std::set<Krt::File::YPath> m_roots;
     IWalkVisitor& m_visitor;
     std::optional<Krt::File::FileId> m_skipped;
-    std::deque<Level> m_levels; // the directories on the way down
+    std::deque<Level> m_levels; // the directories on the current path
 };
 
 } // namespace Agent

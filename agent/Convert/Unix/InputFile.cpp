@@ -13,8 +13,8 @@ namespace Agent {
 
 namespace {
 
-// A read starts again behind a signal's handler. So the wait for a terminal or a pipe comes before it, and
-// looks now and then whether the user has enough.
+// A signal's handler restarts a read. The wait for a terminal or a pipe therefore comes first, and polls for
+// an interrupt by the user.
 void WaitForInput(int descriptor)
 {
     constexpr int MillisecondsBetweenLooks = 200;

@@ -17,7 +17,7 @@ namespace {
 
 [[noreturn]] void BeChild(const std::function<int()>& work)
 {
-    // The child may outlive the program, whose reader must not wait for it.
+    // The child may outlive the program, and the reader of the program's output must not wait for it.
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
         close(stream);
     _exit(work());

@@ -59,10 +59,10 @@ void FileGuard::CheckDirectory(const Directory& entered) const
 
 void FileGuard::CheckOther(const Entry& entry) const
 {
-    // The user who made the further link may have moved it here.
+    // The user who created the further link may have moved it here.
     Refuse(GetCurrent().isShared && entry.status.st_nlink > 1,
            entry.path + " has further names, and others can write to its directory");
-    // What other users write to a device such as /dev/null is not kept there.
+    // A device such as /dev/null does not store what other users write to it.
     CheckOwner(entry.path, entry.status,
                IsGuarding() && !S_ISCHR(entry.status.st_mode) && CanOthersWrite(entry));
 }

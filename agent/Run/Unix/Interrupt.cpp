@@ -20,7 +20,7 @@ void OnSignal(int signal)
 // Not SIG_IGN, which child processes would inherit.
 void OnHangUp(int) {}
 
-// Whoever started the program with a signal ignored, as nohup does, wants it ignored.
+// A signal that was ignored at the start, as by nohup, stays ignored.
 void ReplaceHandlerOf(int signal, void (*from)(int), void (*to)(int))
 {
     struct sigaction action = {};
@@ -42,10 +42,10 @@ void ReplaceHandler(void (*from)(int), void (*to)(int))
 void CatchInterrupts()
 {
     ReplaceHandler(SIG_DFL, OnSignal);
-    // A closed pipe and a limit on the size of files make a write fail, which is reported.
+    // A write to a closed pipe or beyond the limit on the size of files then fails, which is reported.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    // A starter that ignores it hands that on, and then no child's status is to be had.
+    // A parent that ignores it passes that on, and then the status of a child cannot be read.
     std::signal(SIGCHLD, SIG_DFL);
 }
 

@@ -7,12 +7,13 @@
 #include <filesystem>
 #include <unistd.h>
 
-// State: the open directories from "/" to the current one, and the components ahead. A directory is pushed,
-// ".." pops it, and a symlink replaces its own component by those of its target.
+// State: the open directories from "/" to the current one, and the remaining components. A directory is
+// pushed, ".." pops it, and a symlink replaces its own component by those of its target.
 //
 // Invariants:
-// - A directory is opened in its parent's descriptor without following a symlink, and its descriptor is what
-//   is checked. So the directory that was checked is the one that is searched, whatever is renamed meanwhile.
+// - A directory is opened relative to its parent's descriptor without following a symlink, and the check is
+//   made on its descriptor. So the directory that was checked is the one that is searched, even if entries
+//   are renamed meanwhile.
 // - All open directories passed CheckDirectory.
 // - A symlink is followed only if it belongs to root or to the user.
 // - A guarding walk follows a symlink only if no other user can replace it between its check and its reading,
@@ -22,7 +23,7 @@
 // An ordinary user's walk does not guard. The owner of a directory on the path can replace a symlink there
 // between its check and its reading.
 //
-// The walk ends: each step takes one component, and only a symlink adds some.
+// The walk ends: each step removes one component, and only a symlink adds some.
 
 namespace Agent {
 
@@ -112,7 +113,7 @@ void SecurePathWalk::Follow(const Entry& link)
     PushNames(target);
 }
 
-// In front of those ahead. Empty components and "." are left out.
+// Inserts the names before the remaining components, without empty ones and ".".
 void SecurePathWalk::PushNames(const std::string& path)
 {
     for (std::size_t end = path.size(); end != 0;) {

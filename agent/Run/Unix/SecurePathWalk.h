@@ -60,7 +60,7 @@ protected:
     const std::vector<Directory>& GetDirectories() const { return m_directories; }
     const Directory& GetCurrent() const { return m_directories.back(); }
     const std::string& GetPath() const { return m_path; }
-    /// The path of the component that was looked at last.
+    /// The path of the component that was examined last.
     const std::string& GetPosition() const { return m_position; }
     /// True if users other than root can write to the entry of the current directory, by its mode or by an
     /// access list. Root's group does not count.
@@ -80,9 +80,9 @@ private:
     const uid_t m_user;
     const bool m_isGuarding;
     std::vector<Directory> m_directories;
-    std::vector<Krt::YString> m_ahead; // the next component is the last element
+    std::vector<Krt::YString> m_ahead; // remaining components; the next one is the last element
     std::string m_position;
-    int m_links = 0; // that were followed
+    int m_links = 0; // symlinks that were followed
 };
 
 } // namespace Agent

@@ -9,7 +9,7 @@ namespace Agent {
 
 void OpenMissingStreams()
 {
-    // open takes the lowest free descriptor. Each is opened the wrong way round, so that using it fails.
+    // open returns the lowest free descriptor. Each is opened in the wrong direction, so that using it fails.
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
         if (fcntl(descriptor, F_GETFD) != -1)
             continue;

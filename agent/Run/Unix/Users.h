@@ -1,4 +1,4 @@
-// Differences between systems in the users that can act, and in access lists.
+// Platform-specific questions about the users that can act, and about access lists.
 #pragma once
 
 #include "Krt/File/YDirectory.h"

@@ -56,13 +56,13 @@ milliseconds TimeUntil(Deadline deadline)
     return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(deadline - steady_clock::now()));
 }
 
-// Returns 0, or the error number of a connection that was not made in time.
+// Returns 0, or the error number of a connection that could not be established in time.
 int Connect(const YUnxHandle& connection, const Address& address, Deadline deadline)
 {
     const auto* const bytes = reinterpret_cast<const sockaddr*>(&address.bytes);
     if (connect(connection.Get(), bytes, address.size) == 0)
         return 0;
-    // A call that a signal interrupts goes on by itself, too.
+    // A call that a signal interrupts also continues in the background.
     if (const int error = errno; error != EINPROGRESS && error != EINTR)
         return error;
     if (!WaitUntilReady(connection, Direction::Write, deadline))
@@ -74,7 +74,7 @@ int Connect(const YUnxHandle& connection, const Address& address, Deadline deadl
     return asked ? error : asked.error;
 }
 
-// A connected socket.
+// Returns a connected socket.
 OsResult<YUnxHandle> ConnectTo(const Address& address, Deadline deadline)
 {
     auto made = Krt::Util::OwnAboveStandardStreams(
@@ -107,14 +107,15 @@ YUnxHandle ConnectTo(const Endpoint& server, Deadline deadline)
 
 bool WaitUntilReady(const YUnxHandle& connection, Direction direction, Deadline deadline)
 {
-    // A signal may come between the question whether one has come and the wait.
+    // A signal may arrive between the check for an interrupt and the wait.
     constexpr milliseconds slice(100);
     pollfd entry = {connection.Get(), static_cast<short>(direction == Direction::Read ? POLLIN : POLLOUT), 0};
     for (;;) {
         KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
         const milliseconds left = TimeUntil(deadline);
         if (left <= milliseconds(0))
-            return false; // also when more is ready: a server that trickles bytes has no more time either
+            return false; // even if more data is ready: the deadline also applies to a server that trickles
+                          // bytes
         const int count = poll(&entry, 1, static_cast<int>(std::min(left, slice).count()));
         if (count < 0 && errno != EINTR)
             KRT_RAISE_OS(errno, "Failed to wait for the connection");

@@ -8,7 +8,7 @@ namespace Agent {
 
 bool AreThereOtherUsers()
 {
-    // A line for each range of ids: the first inside, the first outside, how many.
+    // One line for each range of ids: the first id inside, the first id outside, and their number.
     std::ifstream map("/proc/self/uid_map");
     unsigned long users = 0;
     for (unsigned long inside, outside, count; map >> inside >> outside >> count;)
@@ -16,8 +16,8 @@ bool AreThereOtherUsers()
     return users != 1;
 }
 
-// The group's bits of an entry with a list are the most that the list gives. The kernel's link to what a
-// descriptor holds leads to that and nowhere else, also for a directory that is open to search.
+// The group bits of an entry with an access list are the maximum that the list grants. The kernel's link to
+// an open descriptor leads to that entry and nowhere else, even if the directory was opened to search.
 bool MayListLetWrite(const Krt::File::YDirectory& directory, const Krt::YString& name,
                      const struct stat& status)
 {

@@ -21,7 +21,7 @@ bool LetsWrite(acl_entry_t entry)
     acl_permset_t permissions;
     if (acl_get_tag_type(entry, &tag) != 0 || acl_get_permset(entry, &permissions) != 0)
         return true;
-    // The first two are the rights to add a file and a directory, too.
+    // The first two are also the rights to add a file and a directory.
     constexpr acl_perm_t Writing[] = {ACL_WRITE_DATA,   ACL_APPEND_DATA,    ACL_DELETE,
                                       ACL_DELETE_CHILD, ACL_WRITE_SECURITY, ACL_CHANGE_OWNER};
     for (const acl_perm_t right : Writing) {
