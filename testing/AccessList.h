@@ -6,12 +6,12 @@
 
 namespace Testing {
 
-/// Gives the entry a list by which the user 1234 may do all that the group may; `which` is "access", or
-/// "default" for the list that new entries of a directory inherit. Returns false if the file system has no
-/// access lists.
+/// Sets an access list by which the user 1234 has the rights of the group. `which` is "access", or "default"
+/// for the list that new entries of a directory inherit. Returns false if the file system has no access
+/// lists.
 inline bool GiveAccessList(const std::string& path, const std::string& which)
 {
-    // A version, then tag, rights and id of: the owner, that user, the group, the mask, others.
+    // A version, then the tag, rights and id of the owner, that user, the group, the mask and others.
     constexpr unsigned char List[] = {2,  0, 0, 0,                                  //
                                       1,  0, 7, 0, 255,        255,       255, 255, //
                                       2,  0, 7, 0, 1234 & 255, 1234 >> 8, 0,   0,   //

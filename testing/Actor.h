@@ -1,6 +1,6 @@
-// Threads that a test leads step by step, so that the steps of several threads happen in one order. A thread
-// counts as asleep in a step after five looks a millisecond apart found it in an interruptible sleep; the
-// step has no other sleeps than the wait under test, so an actor that is merely slow is found running or
+// Threads that a test controls step by step, so that the steps of several threads happen in one order. A
+// thread counts as asleep in a step if five checks, a millisecond apart, found it in an interruptible sleep.
+// The step has no other sleeps than the wait under test, so an actor that is merely slow is found running or
 // runnable.
 #pragma once
 
@@ -21,7 +21,7 @@ namespace Testing {
 class Actor
 {
 public:
-    /// Does the step of this letter on the actor's thread, and returns the letter of its result. Is called
+    /// Runs the step of this letter on the actor's thread, and returns the letter of its result. Also called
     /// with Quit at the end.
     using Action = std::function<char(Actor& self, char order)>;
     static constexpr char Done = '.', Refused = 'x', Asleep = 'z', Quit = 'q';
@@ -53,7 +53,7 @@ public:
         }
         return Asleep;
     }
-    /// For an action: reports Done, and does other steps within the present one until the step `last`
+    /// For an action: reports Done, and runs other steps within the present one until the step `last`
     /// arrives, which continues the present one.
     void StayUntil(char last)
     {
@@ -86,7 +86,7 @@ private:
     }
 
     const Action m_action;
-    bool m_quits = false; // the thread's own
+    bool m_quits = false; // only used by the thread
     std::atomic<char> m_order = 0, m_result = Done;
     std::atomic<pid_t> m_id = 0;
     std::thread m_thread{[this] {
@@ -103,7 +103,7 @@ struct Scenario
     std::string steps;
 };
 
-/// Plays the steps with three actors; makeAction is called for each.
+/// Runs the steps with three actors; calls makeAction for each actor.
 inline void Play(const Scenario& scenario, const std::function<Actor::Action()>& makeAction)
 {
     const auto& [row, steps] = scenario;

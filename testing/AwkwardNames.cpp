@@ -24,17 +24,17 @@ const std::string Pieces[] = {
     "\\u0041", "\\\"", "&amp;", "<!--", "]]>", "*", "?", "[a]", "{}", "[]", "!", "|", ";", "&", "~", "#",
     "-", "--", "--=", "=", ":", "C:", "\\\\?\\C:", "\\\\?\\Volume{0}", " ", "  ", "...", ". ", " .", ",",
     "null", "0", "(", ")", "-> ", "^", "@",
-    // one look, two encodings
+    // same appearance, different encodings
     "\u00e9", "e\u0301", "\u00c5", "\u212b", "A\u030a", "\ud55c", "\u1112\u1161\u11ab", "\ufb01", "\u0130",
     "\u017f", "\u1e9b\u0323", "\u00df", "\u212a", "\u03c2", "\u0430",
-    // direction, joining, lines, byte order, no characters
+    // direction, joining, lines, byte order, noncharacters
     "\u202e", "\u202a", "\u202d", "\u202c", "\u2066", "\u2067", "\u2068", "\u2069", "\u200e", "\u200f",
     "\u061c", "\u2028", "\u2029", "\u00a0", "\u00ad", "\u200b", "\u200d", "\u2060", "\u3000", "\ufeff",
     "\ufff9", "\ufffd", "\uffff", "\ufdd0", "\u05d0", "\u0627", "\U0001f600", "\U0001f468\u200d\U0001f469",
     "\U0010ffff", "\U0001fffe", "\U000e0041", "\u180e", "\u3164", "\ufe0f", "\u115f", "\U0001d173", "\u2800",
     // escapes of bytes in documents
     "\uef80", "\uefff", "\uef7f", "\uf000",
-    // invalid UTF-8: lone bytes, overlong, surrogates, beyond the last, truncated
+    // invalid UTF-8: lone bytes, overlong, surrogates, above U+10FFFF, truncated
     "\x80", "\xbf", "\x9b", "\xc0\xaf", "\xc1\xbf", "\xe0\x80\xaf", "\xe0\x9f\xbf", "\xf0\x80\x80\xaf",
     "\xf0\x8f\xbf\xbf", "\xf8\x88\x80\x80\x80", "\xfc\x84\x80\x80\x80\x80", "\xed\xa0\x80", "\xed\xbf\xbf",
     "\xed\xa0\xbd\xed\xb8\x80", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xfe", "\xff", "\xff\xfe", "\xc3",
@@ -48,7 +48,7 @@ bool IsName(const std::string& text)
            text.find_first_of("/\0"s) == std::string::npos;
 }
 
-// The text that Printable showed.
+// Returns the text that Printable was given.
 std::string Unescaped(const std::string& shown)
 {
     std::string text;
@@ -120,16 +120,16 @@ bool IsSteady(const std::string& line)
     }
 }
 
-NameSet NamesIn(const std::string& text, const std::string& parent, const std::string& behind)
+NameSet NamesIn(const std::string& text, const std::string& parent, const std::string& ending)
 {
     NameSet names;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         EXPECT_TRUE(IsSteady(line)) << line;
         const std::size_t at = line.find(parent + "/");
-        if (at == std::string::npos || !line.ends_with(behind))
+        if (at == std::string::npos || !line.ends_with(ending))
             continue;
-        line.erase(line.size() - behind.size());
+        line.erase(line.size() - ending.size());
         names.insert(Unescaped(line.substr(at + parent.size() + 1)));
     }
     return names;

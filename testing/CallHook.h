@@ -1,5 +1,5 @@
-// Lets a test act between two system calls of the code under test, at points that are named by the call and
-// its entry, and answer calls itself. For executables that link TestingCalls.
+// Lets a test act between two system calls of the code under test, which are identified by the call and its
+// entry, and replace calls. For executables that link TestingCalls.
 #pragma once
 
 #include "testing/Calls.h"
@@ -19,7 +19,7 @@ struct HookedCall
 {
     std::string function;
     int descriptor;        ///< of the directory for a name, otherwise of the file itself
-    std::string name;      ///< or the path of what the descriptor refers to
+    std::string name;      ///< or the path of the file that the descriptor refers to
     std::string attribute; ///< the name of an extended attribute, or empty
     void* data;            ///< the buffer to fill, of `size` bytes
     std::size_t size;      ///< or the number of bytes to transfer
@@ -39,8 +39,8 @@ public:
     CallHook(const CallHook&) = delete;
     CallHook& operator=(const CallHook&) = delete;
 
-    /// In an action: the call returns this instead of being made. Without `error`, errno stays as it is. A
-    /// close is made nevertheless, and calls that open something fail whatever the result.
+    /// In an action: the call returns this result without being made. Without `error`, errno stays unchanged.
+    /// A close is made nevertheless, and calls that open something fail whatever the result is.
     static void Return(long result, std::optional<int> error = {})
     {
         s_result = result;
@@ -48,8 +48,8 @@ public:
     }
     /// In an action: the call fails with this error.
     static void Fail(int error) { Return(-1, error); }
-    /// In an action: the call fills its buffer with these bytes, or fails if they do not fit; a size of 0
-    /// asks for their number.
+    /// In an action: the call fills its buffer with these bytes, or fails if they do not fit; if `size` is 0,
+    /// it returns their number.
     static void Give(const HookedCall& call, const std::string& bytes)
     {
         if (call.size != 0 && call.size < bytes.size())
@@ -87,7 +87,7 @@ private:
     static inline std::optional<int> s_error;
 };
 
-/// For a run of the program with this action before its calls.
+/// Returns settings that run the program with this action before its calls.
 inline ProgramSettings Hooked(const std::function<void(const HookedCall&)>& action)
 {
     const auto prepare = [action] {

@@ -30,7 +30,7 @@ std::optional<long> Ask(const Call& call)
     return g_callFilter == nullptr ? std::nullopt : g_callFilter(call);
 }
 
-// The C library's own function.
+// Returns the C library's own function.
 template <class Function>
 Function* Real(const char* name)
 {
@@ -129,7 +129,7 @@ CALL(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* file), 
      .failed = 0, .isRestarted = true)
 CALL(int, fflush, (FILE * file), (file), .isRestarted = true)
 
-// With a mode or without one.
+// With or without a mode.
 [[gnu::visibility("default")]] int open(const char* path, int flags, ...)
 {
     static const auto real = Real<int(const char*, int, ...)>("open");
@@ -149,7 +149,7 @@ CALL(int, fflush, (FILE * file), (file), .isRestarted = true)
     return Ask({.function = "openat", OF_ENTRY}) ? -1 : real(fd, path, flags, mode);
 }
 
-// Only openat2 has no function of its own, and only F_DUPFD_CLOEXEC makes a descriptor.
+// openat2 has no function in the C library; of fcntl, only F_DUPFD_CLOEXEC creates a descriptor.
 [[gnu::visibility("default")]] long syscall(long number, ...)
 {
     static const auto real = Real<long(long, ...)>("syscall");
@@ -176,7 +176,7 @@ CALL(int, fflush, (FILE * file), (file), .isRestarted = true)
     return isAnswered ? -1 : real(fd, command, argument);
 }
 
-// A signal leaves the descriptor open; any other failure closes it nevertheless.
+// A signal leaves the descriptor open; after any other failure it is closed.
 [[gnu::visibility("default")]] int close(int fd)
 {
     static const auto real = Real<int(int)>("close");

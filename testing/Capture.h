@@ -1,5 +1,5 @@
-// The capture of a tree as an agent does it, without a store: each entry that the walk selects is opened, its
-// record made and written as text, and the text dropped. For counting and timing the work of the library.
+// Captures a tree as an agent does, without a store: each entry that the walk selects is opened, and its
+// record is built, written as text and dropped. For counting and timing the work of the library.
 #pragma once
 
 #include "agent/Walk/Walker.h"
@@ -13,7 +13,7 @@ namespace Testing {
 class Capture : private Agent::IWalkVisitor
 {
 public:
-    /// Walks the tree at `root`, all of which is selected. Throws a std::runtime_error for an entry that
+    /// Walks the tree at `root`, which is selected as a whole. Throws a std::runtime_error for an entry that
     /// fails.
     void Run(const std::string& root);
 

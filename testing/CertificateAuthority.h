@@ -1,4 +1,4 @@
-// Makes keys, certificates and revocation lists, including invalid ones that no CA would sign.
+// Creates keys, certificates and revocation lists, including invalid ones that no CA would sign.
 #pragma once
 
 #include <map>
@@ -11,7 +11,7 @@ struct x509_st;
 
 namespace Testing {
 
-/// The time of verifications, in seconds since 1970.
+/// The time of verification, in seconds since 1970.
 constexpr long long JudgementTime = 1700000000;
 
 /// Values in the syntax of OpenSSL's configuration, by OpenSSL's short names.

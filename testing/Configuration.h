@@ -1,5 +1,5 @@
-// The system's configuration while an object lives: a file with one section, "configuration", or a missing
-// file.
+// Replaces the system's configuration as long as an object exists: by a file with one section,
+// "configuration", or by a missing file.
 #pragma once
 
 #include "testing/TemporaryDirectory.h"
@@ -13,7 +13,7 @@ namespace Testing {
 class Configuration
 {
 public:
-    /// The lines of the section, "key=value".
+    /// `keys` are the lines of the section, "key=value".
     explicit Configuration(const std::string& keys = "") { Set(keys); }
     ~Configuration() { unsetenv("KBAGENT_CONFIG"); }
     Configuration(const Configuration&) = delete;
@@ -24,14 +24,15 @@ public:
     {
         Use(m_directory.Write("kbagent.conf", "[configuration]\n" + keys));
     }
-    /// Names another file, or a path without a file.
+    /// Uses another file, or a path without a file.
     static void Use(const std::string& path) { setenv("KBAGENT_CONFIG", path.c_str(), 1); }
 
 private:
     TemporaryDirectory m_directory;
 };
 
-/// A missing file. The objects that a process makes when it first opens any configuration exist afterwards.
+/// A missing file. The constructor opens the configuration once, so that the objects which the first use
+/// creates exist afterwards.
 class NoConfiguration : private Configuration
 {
 public:

@@ -24,7 +24,7 @@ struct Shared
     unsigned long calls[FaultDomains];
 };
 
-// In memory that child processes share with their parent.
+// Shared with child processes.
 Shared& s_shared = *static_cast<Shared*>(
     mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 [[maybe_unused]] const auto s_calls = g_faultRun.calls = s_shared.calls;
@@ -94,7 +94,7 @@ void* ReallocateCrypto(void* memory, std::size_t size, const char* file, int lin
     return std::realloc(memory, size);
 }
 
-// Before OpenSSL has any memory, after which it takes no others.
+// Must run before OpenSSL allocates memory: it rejects other functions afterwards.
 [[maybe_unused]] const int s_isCryptoFollowed =
     CRYPTO_set_mem_functions(AllocateCrypto, ReallocateCrypto, FreeCrypto);
 
@@ -182,7 +182,7 @@ void operator delete(void* memory, const std::nothrow_t&) noexcept
 {
     Free(memory);
 }
-// What has an alignment of its own doesn't count as living: a thread keeps its records of locks until it has
+// Objects with an extended alignment are not counted as leaks: a thread keeps its slots of locks until it has
 // many.
 void operator delete(void* memory, std::align_val_t) noexcept
 {

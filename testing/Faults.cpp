@@ -54,17 +54,17 @@ constexpr FaultKind Kinds[] = {
     {"no memory for OpenSSL for good", FaultDomain::Crypto, 0, ForGood},
 };
 
-// The number of faults in a sample of each kind, the number of calls where it is unknown, and the seconds
-// that a run may take.
+// The number of faults in a sample of each kind, of calls if their number is unknown, and of seconds that a
+// run may take.
 constexpr unsigned long SampleOfKind = 4;
 constexpr unsigned long UnknownCalls = 30;
 constexpr unsigned int LongestRun = 60;
 
-// A failure makes OpenSSL keep some pieces that it didn't need before; an object that leaks has more.
+// A failure makes OpenSSL keep some pieces that it did not need before; a leak is larger.
 constexpr long KeptByOpenSsl = 8;
 // They fill caches that later runs use.
 constexpr int WarmRuns = 3;
-// A thread keeps records of destroyed locks until it has this many, after about as many runs.
+// A thread keeps slots of destroyed locks until it has this many, after about as many runs.
 constexpr int RunsUntilLocksAreFreed = 16;
 
 bool g_followsMemory = true;
@@ -84,8 +84,8 @@ bool IsHarmless(const FaultKind& kind, Names notRepeated)
            std::find(notRepeated.begin(), notRepeated.end(), StruckCall()) == notRepeated.end();
 }
 
-// By contract these report an error of their own: an unreadable mount table counts as empty, a service
-// manager takes an entry without a status as missing, and the descent policy quotes its error.
+// By contract these functions report an error of their own: an unreadable mount table counts as empty, a
+// service manager treats an entry without a status as missing, and the descent policy quotes its error.
 bool ReportsItsOwn(const Krt::Exception::YError& error)
 {
     constexpr const char* Functions[] = {"GetVolumeUniquePath", "IsFollowableDirectoryFromKrtAttributes",
@@ -97,7 +97,7 @@ bool ReportsItsOwn(const Krt::Exception::YError& error)
 void CheckForLeaks([[maybe_unused]] const FaultKind& kind, [[maybe_unused]] unsigned long target)
 {
 #ifdef FAULTS_WITH_LEAK_SANITIZER
-    // Takes long: where memory was short, for a few.
+    // This takes long, so it only runs for a few faults of memory.
     if ((kind.domain == FaultDomain::Memory || kind.domain == FaultDomain::Crypto) && target <= 2) {
         EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
     }
@@ -114,7 +114,7 @@ struct Plan
 {
     const Scenario& scenario;
     Names notRepeated;
-    const FaultKind* kind; // null: none
+    const FaultKind* kind; // null: no fault
     unsigned long target;
 };
 
@@ -149,7 +149,7 @@ struct Plan
     } catch (const std::exception& error) {
         ADD_FAILURE() << "raised: " << error.what();
     }
-    if (g_followsMemory && CountFailures() == failures) { // failures are kept themselves
+    if (g_followsMemory && CountFailures() == failures) { // stored failures are allocations, too
         EXPECT_LE(g_faultRun.objects, objects) << "objects leak";
         EXPECT_LE(g_faultRun.crypto, crypto + KeptByOpenSsl) << "OpenSSL's objects leak";
         CheckForLeaks(kind, plan.target);
@@ -158,8 +158,8 @@ struct Plan
     _exit(CountFailures() != failures);
 }
 
-// Without a fault in this process, or with one in a child. The scenario always runs at one depth of the
-// stack, so that what the library keeps by addresses is the same in all runs.
+// Runs the scenario without a fault in this process, or with a fault in a child. The stack always has the
+// same depth, so that structures sorted by address are equal in all runs.
 [[gnu::noinline]] int Run(const Plan& plan)
 {
     std::fflush(stdout);
@@ -240,7 +240,7 @@ void CheckWithFaults(const Scenario& scenario, Names notRepeated, FirstUse first
         RunAsChild(plan);
     }
 
-    unsigned long offset = 0; // so that each kind samples other calls
+    unsigned long offset = 0; // makes each kind sample other calls
     for (const FaultKind& kind : Kinds) {
         if (only != nullptr && std::atoi(only + 1) != &kind - Kinds)
             continue;

@@ -1,5 +1,5 @@
-// Lets the process's files grow to a size and no further for as long as the object lives, so that a write is
-// cut short as it is by a full disk.
+// Limits the size of the process's files as long as the object exists, so that a write is cut short as on a
+// full disk.
 #pragma once
 
 #include <csignal>

@@ -54,8 +54,8 @@ private:
     pid_t m_child;
 };
 
-/// Calls `prepare`, then `run` while the two are swapped, again and again until there were enough swaps.
-/// Returns their number.
+/// Calls `prepare`, then `run` while the two are swapped, repeatedly until there were enough swaps. Returns
+/// the number of swaps.
 template <class Prepare, class Run>
 unsigned long SwapDuring(const std::string& a, const std::string& b, Prepare prepare, Run run)
 {

@@ -1,4 +1,4 @@
-// Makes the global locale one that groups digits for as long as the object lives: "1.234".
+// Sets a global locale that groups digits ("1.234") as long as the object exists.
 #pragma once
 
 #include <locale>

@@ -1,4 +1,4 @@
-// Job paths as words for tests, and a mapper that remembers its calls.
+// Job paths as words for tests, and a mapper that records its calls.
 #pragma once
 
 #include "Backup/File/YMetadataBase.h"
@@ -10,7 +10,7 @@
 
 namespace Testing {
 
-/// A job path of (class, name) components.
+/// Returns a job path of (class, name) components.
 inline Backup::YJobPath JobPath(const std::vector<std::pair<unsigned int, std::string>>& components)
 {
     Backup::YJobPath path;
@@ -19,7 +19,7 @@ inline Backup::YJobPath JobPath(const std::vector<std::pair<unsigned int, std::s
     return path;
 }
 
-/// Maps a path to the job path of its components below "job", and keeps the calls as "path:0" or "path:1".
+/// Maps a path to the job path of its components below "job", and records the calls as "path:0" or "path:1".
 class RecordingMapper
 {
 public:

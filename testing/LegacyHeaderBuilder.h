@@ -1,5 +1,5 @@
-// Writes the legacy metadata headers, which the library itself only reads: fields with their usual values,
-// any of which a test may damage.
+// Writes the legacy metadata headers, which the library only reads: fields with their usual values, any of
+// which a test may damage.
 #pragma once
 
 #include "Krt/JSON/YObject.h"
@@ -28,8 +28,8 @@ struct LegacyUnixHeader
     std::string names; ///< the bytes of the name list, NUL bytes included
     std::vector<std::pair<std::string, std::string>> extendedAttributes;
     std::string behind;                            ///< bytes that follow the attributes
-    std::optional<std::uint32_t> endOfNames;       ///< where the names end if not the right value
-    std::optional<std::uint32_t> attributesOffset; ///< where they begin if not the right value
+    std::optional<std::uint32_t> endOfNames;       ///< where the names end, if wrong
+    std::optional<std::uint32_t> attributesOffset; ///< where they begin, if wrong
 
     std::string Bytes() const;
 };
@@ -45,24 +45,24 @@ struct LegacyWindowsHeader
     std::uint32_t reparseType = 0;
     std::uint64_t permissionChangeTime = 0;
     std::uint32_t pathCount = 1;
-    std::wstring names;                      ///< the name list, a code unit of UTF-16 in each wchar_t
-    std::optional<std::uint32_t> endOfNames; ///< where the names end if not the right value
+    std::wstring names;                      ///< the name list, one UTF-16 code unit in each wchar_t
+    std::optional<std::uint32_t> endOfNames; ///< where the names end, if wrong
 
     std::string Bytes() const;
 };
 
-/// A file with three extended attributes, two of one name; and a link to "abc".
+/// A file with three extended attributes, two of which have the same name, and a symlink to "abc".
 LegacyUnixHeader SampleUnixFile();
 LegacyUnixHeader SampleUnixLink();
 /// A file with these names, `count` of them.
 LegacyWindowsHeader SampleWindowsFile(const std::wstring& names, std::uint32_t count);
 
-/// One extended attribute's record; the lengths given may be wrong.
+/// Returns the record of one extended attribute, with lengths that may be wrong.
 std::string LegacyAttributeRecord(const std::string& name, const std::string& value,
                                   std::optional<std::uint32_t> length = std::nullopt,
                                   std::optional<std::uint32_t> nameLength = std::nullopt);
 
-/// The document that carries a header: "metadata_type" and "legacy_metadata".
+/// Returns the document that contains a header: "metadata_type" and "legacy_metadata".
 Krt::JSON::YObject LegacyDocument(const std::string& type, const std::string& header);
 
 } // namespace Testing

@@ -1,5 +1,5 @@
-// Catches what the library logs: opens the process's log on a temporary file with the given channels enabled,
-// and closes it at the end, with all channels disabled.
+// Captures what the library logs: opens the process's log on a temporary file with the given channels
+// enabled, and finally closes it and disables all channels.
 #pragma once
 
 #include "testing/TemporaryDirectory.h"

@@ -42,7 +42,7 @@ Krt::Util::YUnxHandle Opened(const std::string& path, int flags = O_RDWR)
     return {descriptor, true};
 }
 
-// The mounts and loop devices of this process's namespace that have to do with the directory.
+// Returns the mounts and loop devices of this process's namespace that concern the directory.
 std::string LeftBehind(const std::string& directory)
 {
     std::string left;
@@ -79,7 +79,7 @@ void EnterNamespace()
         Refuse("mounts can't be made private");
 }
 
-// The device frees itself when nothing uses it any longer.
+// The device is released when it is no longer used.
 Krt::Util::YUnxHandle AttachLoopDevice(int image, std::string& path)
 {
     const auto control = Opened("/dev/loop-control");
@@ -94,7 +94,7 @@ Krt::Util::YUnxHandle AttachLoopDevice(int image, std::string& path)
         config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
         if (ioctl(device.Get(), LOOP_CONFIGURE, &config) == 0)
             return device;
-        if (errno != EBUSY) // somebody else was quicker
+        if (errno != EBUSY) // another process was faster
             Refuse(path);
     }
     Refuse("no free loop device");
@@ -109,7 +109,7 @@ MountNamespace::MountNamespace(const std::string& directory)
     Mount("base", m_base, "tmpfs");
 }
 
-// What the child does: the body's results go into files, so that they are told once, by the parent.
+// Runs in the child. The body's results go into files, so that only the parent reports them.
 void MountNamespace::RunCaught(const std::string& directory, const Body& body)
 {
     testing::TestPartResultArray results;

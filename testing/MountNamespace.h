@@ -1,6 +1,6 @@
-// Real mounts for tests: a child process with a mount namespace of its own, from which nothing leaks, and the
-// kinds of mounts that tests need. What the child mounts is gone when it ends, however it ends; so are the
-// loop devices. Linux, and root's business: where the machine refuses, the test is skipped with the reason.
+// Real mounts for tests: a child process with its own mount namespace, and the kinds of mounts that tests
+// need. The mounts and loop devices of the child are removed when it ends, however it ends. Linux only, and
+// requires root: if the machine refuses, the test is skipped with the reason.
 #pragma once
 
 #include "testing/TemporaryDirectory.h"
@@ -12,7 +12,7 @@
 
 namespace Testing {
 
-/// What the machine doesn't let a test do; leaving the body by it skips the test.
+/// Something that the machine does not allow; throwing it in the body skips the test.
 class Unavailable : public std::runtime_error
 {
 public:
@@ -25,30 +25,31 @@ public:
     using Body = std::function<void(const MountNamespace&)>;
 
     /// Runs the body in the child. Its failures and its skip become those of the calling test, which should
-    /// do nothing after this call. Fails, too, where the child dies or leaves a mount or a loop device
+    /// do nothing after this call. Also fails if the child crashes, or leaves a mount or a loop device
     /// behind.
     static void Run(const Body& body);
 
-    /// A path below the base, which is an empty tmpfs of this namespace, mounted from the source "base".
+    /// Returns a path below the base, which is an empty tmpfs of this namespace, mounted from the source
+    /// "base".
     std::string operator/(const std::string& name) const { return m_base + "/" + name; }
-    /// Makes a directory below the base with its parents; returns its path.
+    /// Creates a directory below the base with its parents; returns its path.
     std::string MakeDirectory(const std::string& name) const;
-    /// Writes a file, making parents.
+    /// Writes a file, and creates its parents.
     static void Write(const std::string& path, const std::string& content);
 
-    // Each mounts on the target, which is made if it is missing, and throws Unavailable if that fails.
+    // Each of these mounts on the target, which is created if missing, and throws Unavailable if that fails.
 
     void Mount(const std::string& source, const std::string& target, const std::string& type,
                unsigned long flags = 0, const std::string& options = "") const;
     void Bind(const std::string& directory, const std::string& target) const;
-    /// This mount alone, not what it shows at other places.
+    /// Makes this mount read-only, but not other mounts of the same file system.
     void MakeReadOnly(const std::string& target) const;
-    /// Lower and upper layer are in the base.
+    /// The lower and the upper layer are in the base.
     void MountOverlay(const std::string& source, const std::string& target) const;
-    /// A new file system, "ext4" or "btrfs", on a loop device, whose path is returned.
+    /// Mounts a new file system, "ext4" or "btrfs", on a loop device, and returns the device's path.
     std::string MountImage(const std::string& type, const std::string& target, unsigned long flags = 0,
                            const std::string& options = "") const;
-    /// On a mounted btrfs.
+    /// Creates a subvolume on a mounted btrfs.
     static void MakeSubvolume(const std::string& directory, const std::string& name);
 
 private:
@@ -62,15 +63,15 @@ private:
 struct MountKind
 {
     const char* label;
-    const char* directory; ///< where it is mounted, below the base; may hold blanks
+    const char* directory; ///< where it is mounted, below the base; may contain blanks
     unsigned int driveClass;
     bool readOnly;
-    std::size_t entries; ///< of its source in the table of mounts
-    /// Mounts it on the target, writable, and returns the source that the table should tell.
+    std::size_t entries; ///< number of entries of its source in the table of mounts
+    /// Mounts it on the target, writable, and returns the source that the table should contain.
     std::function<std::string(const MountNamespace&, const std::string& target)> mount;
 };
 
-/// The kinds that lie on a device of their own.
+/// Returns the kinds that have their own device.
 const std::vector<MountKind>& MountKinds();
 
 } // namespace Testing

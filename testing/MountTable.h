@@ -1,4 +1,4 @@
-// A table of mounts as text, in place of the kernel's while the object exists. Programs that use it link
+// A table of mounts as text, which replaces the kernel's while the object exists. Programs that use it link
 // TestingMounts, whose open() opens the text.
 #pragma once
 
@@ -12,7 +12,7 @@ namespace Testing {
 class MountTable
 {
 public:
-    /// Lines "source directory type options".
+    /// `text` has lines "source directory type options".
     explicit MountTable(const std::string& text) : m_file(m_directory.Write("mounts", text))
     {
         s_file = m_file.c_str();
@@ -22,10 +22,10 @@ public:
     MountTable& operator=(const MountTable&) = delete;
 
     void Write(const std::string& text) const { m_directory.Write("mounts", text); }
-    /// From now on the table can't be opened.
+    /// From now on, the table cannot be opened.
     void Remove() const { std::filesystem::remove(m_file); }
 
-    /// What a call that opens this path is to open.
+    /// Returns the path that a call should open instead of this one.
     static const char* Replaced(const char* path)
     {
         return s_file != nullptr && std::strcmp(path, "/proc/self/mounts") == 0 ? s_file : path;

@@ -1,4 +1,4 @@
-// The C library's open(), for programs that give the library a table of mounts.
+// The C library's open(), for programs that replace the table of mounts.
 #include "testing/MountTable.h"
 
 #include <cstdarg>

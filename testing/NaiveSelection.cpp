@@ -160,7 +160,7 @@ bool NaiveSelection::IsIncluded(const Names& path) const
 
 bool NaiveSelection::IsExcluded(const Names& path, bool& reportable) const
 {
-    // The first place from the top, and there the first name, decides what is reported.
+    // The first directory from the top, and there the first name, determines what is reported.
     for (std::size_t depth = 0; depth < path.size(); ++depth) {
         for (std::size_t index = depth; index < path.size(); ++index) {
             bool matched = false;
@@ -185,7 +185,7 @@ bool NaiveSelection::IsExplicitFrom(const Names& path, std::size_t index) const
         const auto& [place, rule] = placed;
         if (!rule.IsInclude() || !rule.GetExplicitSelection() || !IsAtOrAbove(place, path))
             return false;
-        if (rule.IsRecursive()) // about all that is below one of the names, or below the path itself
+        if (rule.IsRecursive()) // about everything below one of the names, or below the path itself
             return rule.CoversAllNames() && place.size() > index;
         return rule.GetDescriptor().GetMatchType() == MatchType::Exact && place.size() >= index &&
                place.size() < path.size() && SpeaksOf(placed, path, place.size());

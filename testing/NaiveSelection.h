@@ -1,5 +1,5 @@
-// A selection that keeps its rules in one list and answers every question by looking through all of it: slow,
-// and plain enough to check the tree against.
+// A selection that keeps its rules in one list and searches all of it for every question. Slow, but simple
+// enough to check the tree against.
 #pragma once
 
 #include "Backup/File/YSelectionManager.h"
@@ -14,16 +14,17 @@ class NaiveSelection
 public:
     using SelectionType = Backup::File::YSelectionDescriptor::SelectionType;
 
-    /// False if a rule in the list covers the new one; otherwise the rules that it covers go.
+    /// Returns false if a rule in the list covers the new one; otherwise removes the rules that the new one
+    /// covers.
     bool Add(const Backup::File::YSelectionPathDescriptor& rule);
     SelectionType Ask(const std::string& path) const;
-    /// What a log says of the rules that Add dropped, a line for each.
+    /// Returns the log lines of the rules that Add removed, one line per rule.
     const std::vector<std::string>& PruningLog() const { return m_pruningLog; }
-    /// The rules in words, in the order in which a walk through a tree meets them.
+    /// Returns the rules in words, in the order in which a walk through a tree visits them.
     std::string Words() const;
-    /// The directories with a rule at or below them, including the root.
+    /// Returns the number of directories with a rule at or below them, including the root.
     std::size_t CountPlaces() const;
-    /// Compares the tree's answer about the path, and the parts that it is made of.
+    /// Compares the tree's answer about the path, and its intermediate results.
     void ExpectAnswersOf(const Backup::File::YSelectionManager& tree, const std::string& path) const;
 
 private:
@@ -36,7 +37,7 @@ private:
     // The rules in the order in which a walk through a tree visits them.
     std::vector<Placed> InOrder() const;
     static Names Split(const std::string& path);
-    // The rule applies to the name at the index in `path`, and reaches it from its place.
+    // Returns true if the rule applies to the name at the index in `path`, and its recursion reaches it.
     static bool SpeaksOf(const Placed& placed, const Names& path, std::size_t index);
     bool IsIncluded(const Names& path) const;
     bool IsExcluded(const Names& path, bool& reportable) const;
@@ -48,7 +49,7 @@ private:
     std::vector<std::string> m_pruningLog;
 };
 
-/// What forests of random rules are made of, and the paths that they are asked about.
+/// The parts of forests of random rules, and the paths to query.
 struct World
 {
     int forests;
@@ -57,10 +58,9 @@ struct World
     unsigned int lastAtRoot = 0; ///< the number of rules at "/", after all others
 };
 
-/// Adds each forest's rules to a tree and to a list, and expects them to keep the same rules, the tree no
-/// node that it doesn't need, and to give the same answers. Every second tree logs what it prunes, which has
-/// to be in the list's order. The seed is that of the environment variable SELECTION_SEED, or another at each
-/// run.
+/// Adds each forest's rules to a tree and to a list, and compares their rules and their answers. The tree
+/// must not have superfluous nodes. Every second tree logs what it prunes, which must be in the list's order.
+/// The seed is the value of the environment variable SELECTION_SEED, or random.
 void CompareWithThePlainList(const World& world);
 
 } // namespace Testing

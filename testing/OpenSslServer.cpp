@@ -10,7 +10,8 @@ OpenSslServer::OpenSslServer(const std::vector<std::string>& arguments)
     for (const std::string& argument : arguments)
         command += " '" + argument + "'";
     m_output = popen((command + " </dev/null 2>/dev/null").c_str(), "re");
-    // The shell tells its number, which is the program's, and that "ACCEPT 127.0.0.1:PORT" once it listens.
+    // The shell prints its process id, which is also that of openssl. openssl prints "ACCEPT 127.0.0.1:PORT"
+    // once it listens.
     char buffer[256];
     while (m_output != nullptr && m_port.empty() && std::fgets(buffer, sizeof buffer, m_output) != nullptr) {
         const std::string line(buffer);

@@ -1,4 +1,4 @@
-// A TLS server of OpenSSL's own program, on a free port of the loopback interface.
+// A TLS server, run by the program openssl on a free port of the loopback interface.
 #pragma once
 
 #include <cstdio>
@@ -16,7 +16,7 @@ public:
     OpenSslServer(const OpenSslServer&) = delete;
     OpenSslServer& operator=(const OpenSslServer&) = delete;
 
-    /// Empty where the program is missing or couldn't start.
+    /// Returns the port; empty if the program is missing or could not start.
     const std::string& Port() const { return m_port; }
 
 private:

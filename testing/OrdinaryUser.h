@@ -1,4 +1,4 @@
-// Checks that need a user without the superuser's rights.
+// Checks that need a user without root's rights.
 #pragma once
 
 #include <sys/wait.h>
@@ -6,7 +6,7 @@
 
 namespace Testing {
 
-/// Whether the call gives true in a child process, which gives the superuser's rights up first.
+/// Returns true if the call returns true in a child process that has given up root's rights.
 template <class Call>
 bool HoldsAsOrdinaryUser(Call call)
 {

@@ -1,4 +1,4 @@
-// What a value prints into a stream of the library, as text.
+// Returns the text that a value prints into a stream of the library.
 #pragma once
 
 #include "Krt/Log/YStream.h"

@@ -1,4 +1,4 @@
-// For tests that take /proc for a mount: what every machine has mounted below the root.
+// For tests that use /proc as a mount that every machine has.
 #pragma once
 
 #include "Backup/Volume/Unix/Util.h"
@@ -7,7 +7,7 @@
 
 namespace Testing {
 
-/// Skips its tests where /proc is an ordinary directory.
+/// Skips its tests if /proc is not a mount point.
 class ProcMounted : public testing::Test
 {
 protected:

@@ -27,7 +27,7 @@ namespace {
         _exit(126);
     if (settings.prepare)
         settings.prepare();
-    // That user may not be able to reach the program's file.
+    // That user may not have access to the program's file.
     if (changesUser || settings.isLinked)
         _exit(CallProgram(arguments));
     std::string program = KBAGENT_PROGRAM;

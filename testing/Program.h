@@ -1,4 +1,4 @@
-// Runs kbagent in a process of its own.
+// Runs kbagent in its own process.
 #pragma once
 
 #include <functional>
@@ -9,7 +9,7 @@ namespace Testing {
 
 struct ProgramResult
 {
-    int exitCode = -1; ///< 128 and the signal's number for one that a signal ended
+    int exitCode = -1; ///< 128 plus the signal's number if a signal ended it
     std::string output;
     std::string errors;
 };
@@ -19,12 +19,12 @@ constexpr unsigned int OrdinaryUser = 65534;
 
 struct ProgramSettings
 {
-    /// Other than 0, and as root, the program runs as that user and group, without further groups.
+    /// If not 0, and the test runs as root, the program runs as that user and group, without further groups.
     unsigned int user = 0;
-    /// Called in the program's process before it begins.
+    /// Called in the program's process before the program begins.
     std::function<void()> prepare = {};
-    /// Runs the code that is linked into the test instead of the program's file, with the functions of the C
-    /// library that the test defines.
+    /// Runs the code that is linked into the test instead of the program's file, with the C library functions
+    /// that the test replaces.
     bool isLinked = false;
 };
 

@@ -22,7 +22,8 @@ inline ::testing::AssertionResult Holds(const std::string& text, const std::stri
 class ProgramFixture : public ::testing::Test
 {
 protected:
-    /// Runs a command, its name first, with the option for the store. The test fails if it ends otherwise.
+    /// Runs a command, its name first, with the option for the store. Fails the test if the exit code
+    /// differs.
     ProgramResult Run(int exitCode, std::vector<std::string> arguments,
                       const ProgramSettings& settings = {}) const
     {

@@ -1,6 +1,5 @@
-// Checks of the error that a statement raises: EXPECT_RAISES(GetRoot(), ErrorCode::EmptyJobPath, "GetRoot",
-// "Cannot
-// ...").
+// Checks of the error that a statement raises:
+//     EXPECT_RAISES(GetRoot(), ErrorCode::EmptyJobPath, "GetRoot", "Cannot ...");
 #pragma once
 
 #include "Krt/Exception/YError.h"
@@ -12,7 +11,7 @@
 
 namespace Testing {
 
-/// The YError that the call raises, or nothing.
+/// Returns the YError that the call raises, or nothing.
 template <class Call>
 std::optional<Krt::Exception::YError> CatchError(Call call)
 {
@@ -24,7 +23,7 @@ std::optional<Krt::Exception::YError> CatchError(Call call)
     return std::nullopt;
 }
 
-/// The errno of the operating-system error that the call raises, or 0.
+/// Returns the errno of the operating-system error that the call raises, or 0.
 template <class Call>
 int OsErrorOf(Call call)
 {
@@ -32,7 +31,7 @@ int OsErrorOf(Call call)
     return error ? error->GetOsError() : 0;
 }
 
-/// "Function: message" of what the call raises, or nothing.
+/// Returns "Function: message" of the error that the call raises, or "".
 template <class Call>
 std::string ErrorOf(Call call)
 {
@@ -42,14 +41,14 @@ std::string ErrorOf(Call call)
 
 } // namespace Testing
 
-/// General error on the channel General with this code, function and text.
+/// Expects a general error on the channel General with this code, function and text.
 #define EXPECT_RAISES(statement, code, function, text)                                                       \
     EXPECT_RAISES_ON(statement, Krt::MessageType::General, code, function, text)
 
 #define EXPECT_RAISES_ON(statement, channel, code, function, text)                                           \
     EXPECT_RAISES_FULL(statement, Krt::Exception::ExceptionType::General, channel, code, function, text)
 
-/// OsError with this errno.
+/// Expects an OsError with this errno.
 #define EXPECT_RAISES_OS(statement, channel, error, function, text)                                          \
     do {                                                                                                     \
         const auto raised = ::Testing::CatchError([&] { statement; });                                       \

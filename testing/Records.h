@@ -15,7 +15,7 @@ namespace Testing {
 
 using Names = std::vector<std::string>;
 
-/// A job path of file system containers.
+/// Returns a job path of file system containers.
 inline Backup::YJobPath ContainerPath(const Names& names)
 {
     Backup::YJobPath path;
@@ -24,7 +24,7 @@ inline Backup::YJobPath ContainerPath(const Names& names)
     return path;
 }
 
-/// Of this process's user, last written 1000000000 seconds after 1970.
+/// Returns a record owned by this process's user, last written 1000000000 seconds after 1970.
 inline Backup::File::YUnixFileMetadata UnixRecord(const Names& names, unsigned int mode,
                                                   unsigned long long size = 0,
                                                   const std::string& linkTarget = "")
@@ -41,7 +41,7 @@ inline Backup::File::YUnixFileMetadata UnixRecord(const Names& names, unsigned i
     return metadata;
 }
 
-/// Written at the same time.
+/// Returns a record with the same time as UnixRecord.
 inline Backup::File::YWinFileMetadata WindowsRecord(const std::vector<Names>& paths, unsigned int attributes,
                                                     unsigned long long size = 0)
 {
@@ -54,7 +54,7 @@ inline Backup::File::YWinFileMetadata WindowsRecord(const std::vector<Names>& pa
     return metadata;
 }
 
-/// The record as a line of text.
+/// Returns the record as a line of text.
 inline std::string Line(const Krt::JSON::YObject& record)
 {
     return Krt::JSON::YValue::FromObject(record).Stringify(true).Bytes() + "\n";

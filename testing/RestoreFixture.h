@@ -1,5 +1,4 @@
-// Snapshots made to measure, and their restore into a directory beside which a tree stands that no restore
-// may touch.
+// Custom snapshots, and their restore into a directory next to a tree that no restore may touch.
 #pragma once
 
 #include "testing/ProgramFixture.h"
@@ -11,7 +10,7 @@
 
 namespace Testing {
 
-/// An entry of a snapshot, and what its file holds.
+/// An entry of a snapshot, and the content of its file.
 struct Recorded
 {
     Agent::SnapshotEntry entry;
@@ -30,7 +29,8 @@ protected:
     }
     void TearDown() override { EXPECT_EQ(DescribeOutside(), before); }
 
-    /// All but the number of names, since a further name of a file may stand in the target.
+    /// Describes the tree outside of the target. Without the numbers of links, since the target may have a
+    /// further hard link to one of its files.
     std::string DescribeOutside() const
     {
         const std::string outside = directory / "outside";
@@ -83,7 +83,7 @@ protected:
         }
         run.snapshot.Finish(0, 0);
     }
-    /// Of the latest snapshot; the paths are those to restore.
+    /// Restores the given paths of the latest snapshot.
     ProgramResult Restore(int exitCode, const ProgramSettings& settings = {},
                           const std::vector<std::string>& paths = {}) const
     {

@@ -16,7 +16,8 @@ namespace Testing {
 class RunningProgram
 {
 public:
-    /// The program runs when this returns, started through a symlink of the name `link` if there is one.
+    /// The program runs when the constructor returns. If `link` is not empty, it is started through a symlink
+    /// of that name.
     explicit RunningProgram(const std::string& name, const std::string& link = {})
     {
         const std::string program = m_directory / (link.empty() ? name : link);
@@ -39,7 +40,7 @@ public:
     RunningProgram(const RunningProgram&) = delete;
     RunningProgram& operator=(const RunningProgram&) = delete;
 
-    /// With WNOWAIT it remains as a process that was not waited for.
+    /// With WNOWAIT it remains a zombie.
     void Kill(int options) const
     {
         siginfo_t info;

@@ -44,7 +44,7 @@ YSelectionPathDescriptor Rule(const std::string& words)
     YSelectionPathDescriptor rule(
         Krt::File::YPath(path == "-" ? "" : path.c_str()), Descriptor(kind, pattern.c_str(), caseSensitive),
         recursion, type == "include" ? SelectionType::Include : SelectionType::Exclude, type != "silent");
-    if (isExplicit) { // a document may set the flag where the setter doesn't
+    if (isExplicit) { // a document may set the flag on rules for which the setter does not
         Krt::JSON::YObject json = rule.ToJSON();
         json.Put("explicit_selection",
                  boost::make_shared<Krt::JSON::YValue>(Krt::JSON::YValue::FromBool(true)));

@@ -1,4 +1,4 @@
-// The service managers with their files in a temporary directory and their commands recorded, not run.
+// The service managers with their files in a temporary directory and their commands recorded instead of run.
 #pragma once
 
 #include "testing/Raises.h"
@@ -16,11 +16,11 @@
 
 namespace Testing {
 
-/// A runner of programs that keeps their command lines.
+/// A runner of programs that records their command lines.
 class ProcessRecorder
 {
 public:
-    /// The program and its arguments, without sudo's.
+    /// The program and its arguments, without sudo and its options.
     using Command = std::vector<std::string>;
 
     int Run(const Krt::File::YPath& program, const std::vector<Krt::YString>& arguments)
@@ -36,7 +36,7 @@ public:
         lines += "\n";
         return answer ? answer(command) : 0;
     }
-    /// The command lines of a call, followed by its error.
+    /// Returns the command lines of a call, followed by its error.
     template <class Call>
     std::string LinesOf(Call call)
     {
@@ -45,9 +45,9 @@ public:
         return lines + error;
     }
 
-    std::function<int(const Command&)> answer; ///< gives the exit status, which is 0 without it
+    std::function<int(const Command&)> answer; ///< returns the exit status; without it, the status is 0
     std::string lines;                         ///< one for each command, its words separated by blanks
-    bool elevated = false;                     ///< whether the last was to run as root
+    bool elevated = false;                     ///< whether the last command was to run as root
 };
 
 /// A service manager of a test. Its service "kbagent" is not installed.
@@ -57,13 +57,13 @@ struct Services
 
     TemporaryDirectory directory;
     ProcessRecorder programs;
-    std::string folder;    ///< of the services' files
-    std::string file;      ///< of the service "kbagent"
-    std::string temporary; ///< where files are made that are moved into the folder
+    std::string folder;    ///< directory of the services' files
+    std::string file;      ///< file of the service "kbagent"
+    std::string temporary; ///< directory of temporary files before they are moved into the folder
     std::unique_ptr<Backup::Util::IServiceManager> manager;
 };
 
-/// On a machine that systemd runs.
+/// On a machine with systemd.
 struct SystemdServices : Services
 {
     SystemdServices()
@@ -82,7 +82,7 @@ struct SystemdServices : Services
     }
 };
 
-/// In directories whose names a shell would take apart. TMPDIR is one of them while the object exists.
+/// In directories whose names a shell would split. TMPDIR is one of them while the object exists.
 struct LaunchdServices : Services
 {
     struct Manager : Backup::Util::YMacServiceManager

@@ -1,4 +1,4 @@
-// What stands in a store, read and written past the program.
+// The files of a store, read and written without the program.
 #pragma once
 
 #include "agent/Store/ObjectReader.h"
@@ -29,7 +29,7 @@ std::string ReadBlocks(Reader& reader)
     return bytes;
 }
 
-/// Hands a content over in pieces of at most so many bytes.
+/// Writes a content in pieces of at most `piece` bytes.
 inline Agent::Address WriteObject(Agent::ObjectWriter& writer, const std::string& content,
                                   std::size_t piece = 1 << 16)
 {
@@ -39,7 +39,7 @@ inline Agent::Address WriteObject(Agent::ObjectWriter& writer, const std::string
     return writer.Finish();
 }
 
-/// As a snapshot takes records.
+/// Returns the text of a record as a snapshot stores it.
 inline std::string TextOf(const Krt::JSON::YObject& record)
 {
     std::string text;
@@ -51,7 +51,7 @@ inline std::string TextOf(const Krt::JSON::YObject& record)
 struct StoreRun
 {
     explicit StoreRun(const Agent::Store& store) : session(store) {}
-    /// Stores the content with the entry, which is otherwise as given.
+    /// Stores the content with this entry; sets only the fields that depend on the content.
     Agent::Address Add(const std::string& content, Agent::SnapshotEntry entry = {})
     {
         entry.content = WriteObject(objects, content);
@@ -74,7 +74,7 @@ inline std::string ReadObject(const Agent::Store& store, const Agent::Address& a
     return ReadBlocks(reader);
 }
 
-/// The paths of the latest snapshot in its order, without the `root` that they begin with.
+/// Returns the paths of the latest snapshot in its order, without the prefix `root`.
 inline std::vector<std::string> StoredPaths(const std::string& store, const std::string& root)
 {
     const Agent::Store opened = Agent::Store::Open(store);
@@ -88,7 +88,7 @@ inline std::vector<std::string> StoredPaths(const std::string& store, const std:
     return paths;
 }
 
-/// Replaces a file by what compressing these bytes gives.
+/// Replaces a file by these bytes, compressed.
 inline void WriteCompressed(const std::string& path, const std::string& bytes)
 {
     std::filesystem::remove(path);

@@ -1,4 +1,4 @@
-// The system calls of a process: counted as a tracer sees them, or taken away.
+// The system calls of a process: counted as a tracer sees them, or disabled.
 #pragma once
 
 #include <functional>
@@ -6,9 +6,9 @@
 
 namespace Testing {
 
-/// Runs the work in a child process and returns the number of its system calls, those of starting and ending
-/// the child included: take the difference of two counts. Nothing where the machine lets no process trace
-/// another. Throws a std::runtime_error where the work ends by an exception.
+/// Runs the work in a child process and returns the number of its system calls, including those of starting
+/// and ending the child: use the difference of two counts. Returns nothing if the machine lets no process
+/// trace another. Throws a std::runtime_error if the work throws an exception.
 std::optional<unsigned long> CountSystemCalls(const std::function<void()>& work);
 
 /// From now on the call fails with ENOSYS in this process and its children, as on a kernel without it.

@@ -21,7 +21,7 @@ TemporaryDirectory::TemporaryDirectory()
 
 TemporaryDirectory::~TemporaryDirectory()
 {
-    // Directories that the test locked have to be opened again before their contents can go.
+    // Directories that the test made inaccessible must be opened before their contents can be removed.
     std::error_code ignored;
     fs::permissions(m_path, fs::perms::owner_all, ignored);
     for (auto it = fs::recursive_directory_iterator(m_path, ignored);

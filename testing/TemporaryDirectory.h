@@ -1,4 +1,4 @@
-// A directory that a test may fill; removed with all it holds, whatever its modes.
+// A directory that a test may fill. It is removed with its contents, whatever their modes.
 #pragma once
 
 #include <string>
@@ -14,22 +14,22 @@ public:
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
-    /// Absolute, without links on the way.
+    /// Absolute, without symlinks.
     const std::string& Path() const { return m_path; }
-    /// The path of an entry below.
+    /// Returns the path of an entry below.
     std::string operator/(const std::string& name) const { return m_path + "/" + name; }
-    /// Writes a file below, making parents; returns its path.
+    /// Writes a file below, and creates its parents; returns its path.
     std::string Write(const std::string& name, const std::string& content) const;
-    /// Makes a directory below with its parents; returns its path.
+    /// Creates a directory below with its parents; returns its path.
     std::string MakeDirectory(const std::string& name) const;
 
 private:
     std::string m_path;
 };
 
-/// The bytes of a file; fails the test if it can't be read.
+/// Returns the bytes of a file; fails the test if it cannot be read.
 std::string ReadFile(const std::string& path);
-/// The status of the entry itself; fails the test if there is none.
+/// Returns the status of the entry itself; fails the test if it is missing.
 struct stat StatusOf(const std::string& path);
 
 } // namespace Testing

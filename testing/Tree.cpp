@@ -165,7 +165,7 @@ std::vector<TreeEntry> EveryKindOfEntry()
         Dir("read-only", 0555),
         File("read-only/inside", "x", 0444),
     };
-    // Each level long enough that its path in the source and in the target both just fit.
+    // Each component is so long that the path in the source and in the target just fits.
     std::string deep = "deep";
     entries.push_back(Dir(deep));
     for (int level = 0; level < 10; ++level) {

@@ -38,7 +38,7 @@ inline TreeEntry Link(const std::string& name, const std::string& target)
 {
     return {TreeEntry::SymbolicLink, name, target};
 }
-/// A further name for the entry `target`, relative to the root.
+/// A further hard link to the entry `target`, relative to the root.
 inline TreeEntry Hard(const std::string& name, const std::string& target)
 {
     return {TreeEntry::HardLink, name, target};
@@ -52,25 +52,25 @@ inline TreeEntry Socket(const std::string& name)
     return {TreeEntry::Socket, name, ""};
 }
 
-/// Makes the entries below `root`, in order; modes and times of directories last.
+/// Creates the entries below `root`, in order; the modes and times of directories are set last.
 void MakeTree(const std::string& root, const std::vector<TreeEntry>& entries);
 
-/// Entries of every kind that an ordinary user may both read and recreate, with names, contents, modes,
-/// times and depths at their limits.
+/// Returns entries of every kind that an ordinary user may both read and recreate, with names, contents,
+/// modes, times and depths at their limits.
 std::vector<TreeEntry> EveryKindOfEntry();
 
-/// What DescribeTree leaves out.
+/// What DescribeTree includes.
 struct TreeView
 {
     bool owners = true;
     bool attributes = true; ///< extended ones
-    bool links = true;      ///< the number of an entry's names
-    bool identity = false;  ///< adds the inode, and the nanoseconds of the time
+    bool links = true;      ///< the number of hard links
+    bool identity = false;  ///< the inode, and the nanoseconds of the time
 };
 
-/// A line an entry below `root`, sorted: name, kind, permission bits, owner, number of names, time, size,
-/// extended attributes, and a link's target or a digest of the content. Names and values are quoted. The
-/// size and the number of names of a directory belong to the file system and are left out.
+/// Returns one line per entry below `root`, sorted: name, kind, permission bits, owner, number of hard links,
+/// time, size, extended attributes, and a symlink's target or a digest of the content. Names and values are
+/// quoted. The size and the number of links of a directory depend on the file system and are omitted.
 std::string DescribeTree(const std::string& root, const TreeView& view = {});
 
 } // namespace Testing

@@ -28,7 +28,7 @@ struct Scene
     bool isSelfSigned = false;
     bool isAnchor = false;
     bool isPinned = false;
-    Change present; ///< applied to the certificates after they are made
+    Change present; ///< applied to the certificates after they are created
 
     std::optional<Certificate> root, middle, server;
     std::string sent;
@@ -82,7 +82,7 @@ inline Change Extend(CertificateForm Scene::*form, const char* extension, const 
     };
 }
 
-/// Applies the change after the certificates are made.
+/// Applies the change after the certificates are created.
 inline Change Present(const Change& change)
 {
     return [=](Scene& scene) {
