@@ -313,9 +313,9 @@ TEST_F(RestorePrison, LinkOfOtherUserToTargetIsNotFollowed)
         if (!giveAway("home/swapped"))
             _exit(99);
     });
-    for (const auto& [name, exitCode, told] : rows) {
+    for (const auto& [name, exitCode, expected] : rows) {
         target = directory / name;
-        EXPECT_TRUE(Holds(Restore(exitCode, attacked).errors, told)) << name;
+        EXPECT_TRUE(Holds(Restore(exitCode, attacked).errors, expected)) << name;
         EXPECT_TRUE(exitCode != 0 || fs::exists(target + "/dir/file")) << name;
         EXPECT_EQ(DescribeOutside(), before) << name;
     }

@@ -90,7 +90,7 @@ TEST_F(RestoreProgram, FailureAfterWritingIsReported)
             function; // that fails: a file system may tell only at the end that it kept not what it took
         const char* entry;
         int exitCode;
-        const char* told;
+        const char* expected;
         std::ptrdiff_t entries;
     } rows[] = {{"close", ".kbagent-restore-", 3, "/C/file: Failed to write file", 1},
                 {"syncfs", "", 1, "error: Failed to write to disk", 2},
@@ -101,8 +101,8 @@ TEST_F(RestoreProgram, FailureAfterWritingIsReported)
                 CallHook::Fail(EIO);
         };
         const ProgramResult result = Restore(row.exitCode, Hooked(fail));
-        EXPECT_TRUE(Holds(result.errors, row.told));
-        EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), row.entries) << row.told;
+        EXPECT_TRUE(Holds(result.errors, row.expected));
+        EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), row.entries) << row.expected;
     }
 }
 
@@ -231,10 +231,10 @@ TEST_F(RestoreProgram, RecordsWithoutFileAreReportedAndListed)
         WindowsFile({{"C:", "good"}, {"\\\\?\\D:", "two"}}, "good", 0x27),
     });
     const std::string errors = Restore(3).errors;
-    for (const char* told : {"/server/object: An ODS object is no file", "/C/link: A reparse point",
-                             "/C/nothing: The snapshot has no content", "Entry 5: The record has no path",
-                             "Entry 6: The record has no path", ":?/no name: Refused"})
-        EXPECT_TRUE(Holds(errors, told));
+    for (const char* expected : {"/server/object: An ODS object is no file", "/C/link: A reparse point",
+                                 "/C/nothing: The snapshot has no content", "Entry 5: The record has no path",
+                                 "Entry 6: The record has no path", ":?/no name: Refused"})
+        EXPECT_TRUE(Holds(errors, expected));
     EXPECT_EQ(StatusOf("D/two").st_ino, StatusOf("C/good").st_ino);
     EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), 7);
 

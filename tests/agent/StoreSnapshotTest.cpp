@@ -163,12 +163,12 @@ TEST_F(StoreSnapshot, ForgedLinesAreRefusedWithTheirPlace)
         {"no JSON", "{\"format\"\n", "line 1: "},
         {"a line without end", header + std::string(20'000'000, 'x'), "line 2: the line is too long"},
     };
-    for (const auto& [name, lines, told] : cases) {
+    for (const auto& [name, lines, expected] : cases) {
         SCOPED_TRACE(name);
         Testing::WriteCompressed(PathOf("forged"), lines);
         const std::string error = ErrorOf("forged");
         EXPECT_EQ(error.find("Snapshot forged is damaged at "), 0u) << error;
-        EXPECT_NE(error.find(told), std::string::npos) << error;
+        EXPECT_NE(error.find(expected), std::string::npos) << error;
     }
 }
 

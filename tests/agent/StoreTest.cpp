@@ -119,12 +119,12 @@ TEST_F(StoreObject, DamageIsToldAndNeverPassesForContent)
         {"no zstd data", "plain text, and long enough", "is damaged at offset 0: Unknown frame descriptor"},
         {"a window that takes too much memory", hugeWindow, "Frame requires too much memory"},
     };
-    for (const auto& [name, bytes, told] : cases) {
+    for (const auto& [name, bytes, expected] : cases) {
         SCOPED_TRACE(name);
         std::ofstream(PathOf(address), std::ios::binary) << bytes;
         const std::string error = Testing::ErrorOf([&] { Get(address, content.size()); });
         EXPECT_NE(error.find(": Object " + address.ToHex()), std::string::npos) << error;
-        EXPECT_NE(error.find(told), std::string::npos) << error;
+        EXPECT_NE(error.find(expected), std::string::npos) << error;
     }
 }
 
@@ -312,9 +312,9 @@ TEST_F(StoreFolder, TakesOnlyAStoreForOne)
     for (const auto& [name, openError, createError] : cases) {
         SCOPED_TRACE(name);
         const std::string opened = directory / name;
-        const auto expect = [](const std::string& raised, const std::string& told) {
-            EXPECT_EQ(raised.empty(), told.empty()) << raised;
-            EXPECT_NE(raised.find(told), std::string::npos) << raised;
+        const auto expect = [](const std::string& raised, const std::string& expected) {
+            EXPECT_EQ(raised.empty(), expected.empty()) << raised;
+            EXPECT_NE(raised.find(expected), std::string::npos) << raised;
         };
         expect(Testing::ErrorOf([&] { Store::Open(opened); }), openError);
         expect(Testing::ErrorOf([&] { Store::OpenOrCreate(opened); }), createError);
