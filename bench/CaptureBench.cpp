@@ -1,8 +1,8 @@
 // CaptureBench: what capturing a tree costs, from the walk to the record's text.
-//   CaptureBench [--quick]        prints what needs no peer, a figure a line
+//   CaptureBench [--quick]        prints the figures that need no peer, one per line
 //   CaptureBench calls            prints the system calls of an entry
-//   CaptureBench make DIR [N]     makes a tree of N entries, 100,000 unless told
-//   CaptureBench capture DIR      captures a tree once, to be timed as a process beside others
+//   CaptureBench make DIR [N]     creates a tree of N entries, by default 100,000
+//   CaptureBench capture DIR      captures a tree once, to be timed as a process next to others
 #include "bench/Measure.h"
 #include "testing/Capture.h"
 #include "testing/SystemCalls.h"

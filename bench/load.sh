@@ -32,8 +32,8 @@ measured() {
     awk -v name="$name" -v seconds="$seconds" -v memory="$memory" \
         'BEGIN { printf "%-44s %8.1f s %8.1f MiB\n", name, seconds, memory / 1024 }'
 }
-# told TEXT: the last run must have printed it.
-told() {
+# printed TEXT: fails unless the last run printed it.
+printed() {
     grep -qF -- "$1" "$work/output" || { echo "load.sh: \"$1\" is not in:" >&2; head -n 20 "$work/output" >&2; exit 1; }
 }
 # Line I, from 0 on, of COUNT: the awk statements print it.
@@ -45,16 +45,16 @@ seq -f "$source/d%.0f" 0 $((directories - 1)) | xargs mkdir -p
 lines 'file = source "/d" int(i / folder) "/f" i; print i > file; close(file)'
 
 measured "backup of $count files" "$kbagent" backup --store "$store" "$source"
-told "$entries entries: $count files, "
-told ", 0 failed"
+printed "$entries entries: $count files, "
+printed ", 0 failed"
 measured "backup of the same again" "$kbagent" backup --store "$store" "$source"
-told "$entries entries: $count files, "
-told " 0 B added"
+printed "$entries entries: $count files, "
+printed " 0 B added"
 measured "list of them" "$kbagent" list --store "$store" --snapshot latest
 [ "$(wc -l <"$work/output")" -eq "$entries" ]
 measured "restore of them" "$kbagent" restore --store "$store" --to "$work/target"
-told "$entries entries restored: $count files, "
-told ", 0 failed"
+printed "$entries entries restored: $count files, "
+printed ", 0 failed"
 diff -r --no-dereference "$source" "$work/target$source"
 rm -rf "$work/target"
 
@@ -75,8 +75,8 @@ rm -rf "$work/target"
     echo ']}'
 } >"$job"
 measured "backup under $count rules" "$kbagent" backup --store "$store" --job "$job"
-told "$((count / 2)) files, "
-told "$(((count + 1) / 2)) excluded, 0 failed"
+printed "$((count / 2)) files, "
+printed "$(((count + 1) / 2)) excluded, 0 failed"
 
 # Records of this age and of an earlier one in turns, through a pipe.
 records() {

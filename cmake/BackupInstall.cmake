@@ -43,8 +43,8 @@ install(FILES
   "${CMAKE_SOURCE_DIR}/cmake/FindTinyXML.cmake"
   DESTINATION "${BACKUP_CMAKE_DIR}")
 
-# The prefix is told from where the file lies, so that an installed tree may be moved. A static library's users
-# link what it links.
+# The prefix is derived from the location of the file, so that an installed tree may be moved. Users of a static library
+# link the libraries that it uses.
 file(RELATIVE_PATH BACKUP_PC_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 set(BACKUP_PC_LIBS_PRIVATE "-lboost_json -lssl -lcrypto -ltinyxml -pthread")
 configure_file(packaging/backup.pc.in "${CMAKE_BINARY_DIR}/backup.pc" @ONLY)

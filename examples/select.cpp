@@ -21,7 +21,7 @@ int main(int argc, char** argv)
             std::cout << argv[i] << ": back up\n";
             break;
         case Rule::Exclude:
-            std::cout << argv[i] << ": excluded, and to be told\n";
+            std::cout << argv[i] << ": excluded and reported\n";
             break;
         case Rule::NotSelectedDoRecurse:
             std::cout << argv[i] << ": not itself, but look inside\n";

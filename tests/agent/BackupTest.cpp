@@ -73,10 +73,10 @@ TEST_F(BackupProgram, FileAtPlaceOfRuleIsStored)
          {"/link"},
          "Warning: " + source + "/link is a link, which is stored"},
     };
-    for (const auto& [rules, stored, told] : cases) {
+    for (const auto& [rules, stored, expected] : cases) {
         SCOPED_TRACE(rules);
         const std::string job = directory.Write("job", JobText(rules));
-        EXPECT_TRUE(Holds(Run(0, {"backup", "--verbose", "--job", job}).errors, told));
+        EXPECT_TRUE(Holds(Run(0, {"backup", "--verbose", "--job", job}).errors, expected));
         EXPECT_EQ(Stored(), stored);
     }
 }
@@ -114,14 +114,14 @@ TEST_F(BackupProgram, ImplausibleRulesAreReportedFirst)
          source + "/file is not a directory, so it contains nothing that matches '*.x'"},
         {"exclude - exact=a; " + include + " explicit", "", "", 0, ""},
     };
-    for (const auto& [rules, from, to, exitCode, told] : cases) {
+    for (const auto& [rules, from, to, exitCode, expected] : cases) {
         SCOPED_TRACE(rules + " " + to);
         std::string text = JobText(rules);
         if (!from.empty())
             text.replace(text.find(from), from.size(), to);
         std::filesystem::remove_all(store);
         const std::string errors = Run(exitCode, {"backup", "--job", directory.Write("job", text)}).errors;
-        EXPECT_TRUE(told.empty() ? errors.empty() : bool(Holds(errors, told))) << errors;
+        EXPECT_TRUE(expected.empty() ? errors.empty() : bool(Holds(errors, expected))) << errors;
         EXPECT_EQ(std::filesystem::exists(store), exitCode == 0);
     }
 }

@@ -109,11 +109,11 @@ TEST_F(Cli, ExitCodeDependsOnKindOfFailure)
         {"way that is missing", {"backup", "--store", store, none + "/file"}, 1, none},
         {"a damaged one", {"list", "--store", store}, 3, "Snapshot 9-damaged is damaged at offset 0"},
     };
-    for (const auto& [name, arguments, exitCode, told] : cases) {
+    for (const auto& [name, arguments, exitCode, expected] : cases) {
         SCOPED_TRACE(name);
         const auto result = RunProgram(arguments);
         EXPECT_EQ(result.exitCode, exitCode) << result.errors;
-        EXPECT_TRUE(Testing::Holds(exitCode == 0 ? result.output : result.errors, told));
+        EXPECT_TRUE(Testing::Holds(exitCode == 0 ? result.output : result.errors, expected));
     }
     EXPECT_FALSE(std::filesystem::exists(to + "/x")) << "a target for a damaged snapshot";
 }

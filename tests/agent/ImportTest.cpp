@@ -159,13 +159,13 @@ TEST_F(Import, DamagedRecordsAreReportedAndOthersStored)
         {Modern({"C:", "good"}, 4), ""},
     };
     std::string records;
-    for (const auto& [record, told] : rows)
+    for (const auto& [record, expected] : rows)
         records += record;
     const std::string imported = RunImport(3, records);
-    for (const auto& [record, told] : rows)
-        EXPECT_TRUE(Holds(imported, told));
-    for (const char* told : {"3 entries: 3 files", "\n20 failed\n"})
-        EXPECT_TRUE(Holds(imported, told));
+    for (const auto& [record, expected] : rows)
+        EXPECT_TRUE(Holds(imported, expected));
+    for (const char* expected : {"3 entries: 3 files", "\n20 failed\n"})
+        EXPECT_TRUE(Holds(imported, expected));
     const std::string list = Run(0, {"list"}).output;
     EXPECT_TRUE(Holds(list, " 3 entries ") && Holds(list, "11 bytes     20 failed")) << list;
     Run(3, {"restore", "--to", target});

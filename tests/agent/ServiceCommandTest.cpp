@@ -84,9 +84,9 @@ TEST_F(ServiceCommandTest, FailuresSayWhatIsWrong)
         {"path for a name", {"stop", "../kb"}, "2 kbagent: error: Not the name of a service: ../kb"},
         {"failing command", {"start", "kb"}, "1 kbagent: error: systemctl start exited with status: 5"},
     };
-    for (const auto& [name, arguments, told] : rows) {
+    for (const auto& [name, arguments, expected] : rows) {
         const std::string printed = Run(arguments);
-        EXPECT_TRUE(printed.starts_with(told)) << name << ": " << printed;
+        EXPECT_TRUE(printed.starts_with(expected)) << name << ": " << printed;
     }
     std::filesystem::remove_all(services.directory / "run");
     EXPECT_EQ(Run({"status", "kb"}),

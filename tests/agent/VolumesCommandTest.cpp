@@ -1,4 +1,4 @@
-// What the volumes command tells of each mount, and how it fits a terminal.
+// Checks what the volumes command reports of each mount, and that its table fits a terminal.
 #include "agent/Cli/TextTable.h"
 #include "agent/Cli/VolumeList.h"
 #include "agent/Run/AnswerWithin.h"
@@ -34,14 +34,14 @@ TEST(VolumesCommand, TellsOfEachMountWhatCanBeTold)
                                     ("trigger " + base + " autofs rw 0 0\n") + "/dev/root " + base +
                                     "/a\\040b ext4 ro 0 0\n"
                                     "/dev/gone /no/such\\012path hfs rw 0 0\n");
-    std::vector<std::string> told;
+    std::vector<std::string> listed;
     for (const ListedVolume& volume : ListVolumes(std::chrono::minutes(5)))
-        told.push_back(std::to_string(volume.driveClass) + " " + volume.mount.directory.Bytes() +
-                       (volume.mount.readOnly ? ", read-only" : "") + (volume.isHidden ? ", hidden" : "") +
-                       (volume.freeSpace ? ", has space" : "") +
-                       (volume.isEntered ? (*volume.isEntered ? ", entered" : ", not entered") : "") +
-                       (volume.failure ? ": " + volume.failure->Bytes() : ""));
-    EXPECT_EQ(told,
+        listed.push_back(std::to_string(volume.driveClass) + " " + volume.mount.directory.Bytes() +
+                         (volume.mount.readOnly ? ", read-only" : "") + (volume.isHidden ? ", hidden" : "") +
+                         (volume.freeSpace ? ", has space" : "") +
+                         (volume.isEntered ? (*volume.isEntered ? ", entered" : ", not entered") : "") +
+                         (volume.failure ? ": " + volume.failure->Bytes() : ""));
+    EXPECT_EQ(listed,
               (std::vector<std::string>{
                   "3 /, has space, entered",
                   "4 /proc, hidden",

@@ -5,21 +5,21 @@ set -euo pipefail
 shopt -s globstar
 cd "$1"
 
-failed=0 told=0
+failed=0 checked=0
 fail() { echo "$*" >&2; failed=1; }
-tells() { told=$((told + 1)); grep -qF -- "$2" "docs/$1" || fail "docs/$1 doesn't tell: $2"; }
+mentions() { checked=$((checked + 1)); grep -qF -- "$2" "docs/$1" || fail "docs/$1 doesn't mention: $2"; }
 # A smaller number would mean that this script did not find them.
-at_least() { [ $told -ge "$1" ] || fail "only $told $2"; told=0; }
+at_least() { [ $checked -ge "$1" ] || fail "only $checked $2"; checked=0; }
 
 while read -r name number; do
-    tells errors-and-logging.md "| $((number)) | \`$name\` |"
+    mentions errors-and-logging.md "| $((number)) | \`$name\` |"
 done < <(for header in Exception/ErrorCode.h Log/MessageType.h; do
     sed -nE '/ Value : /,/\};/s/^ +(\w+) = (\w+).*/\1 \2/p' "libkrt/Krt/$header"
 done)
 at_least 27 "codes and channels"
 
 while read -r key; do
-    tells configuration.md "| \`$key\` |"
+    mentions configuration.md "| \`$key\` |"
 done < <(cat {libkrt,Backup,agent}/**/*.cpp | tr '\n' ' ' | grep -oP '\(\s*"configuration",\s*"\K\w+' | sort -u)
 at_least 5 "keys"
 
@@ -48,10 +48,10 @@ done
 for source in {libkrt/Krt,Backup,agent}/**/Linux/*.cpp; do
     folder=${source%/Linux/*} name=${source##*/}
     [[ $name == *ystemd* || -e $folder/Mac/$name ]] || fail "$source has no counterpart"
-    tells porting.md "\`${folder#libkrt/Krt/}/{Linux,Mac}\`"
+    mentions porting.md "\`${folder#libkrt/Krt/}/{Linux,Mac}\`"
 done
 at_least 8 "sources of Linux"
 while read -r header; do
-    [ -e "$header" ] || [ -e "libkrt/$header" ] || fail "docs/porting.md tells of $header"
+    [ -e "$header" ] || [ -e "libkrt/$header" ] || fail "docs/porting.md mentions $header"
 done < <(sed -nE 's/^\| .([A-Za-z0-9/]+\.h). \|.*/\1/p' docs/porting.md)
 exit $failed

@@ -17,7 +17,7 @@ cmake -S "$source/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" >/
 cmake --build "$work/examples" -- -j "$(nproc)" >"$work/log" || { cat "$work/log"; exit 1; }
 run() { "$work/examples/example-$1" "${@:2}"; }
 [ "$(run select /home/ann/a.txt)" = "/home/ann/a.txt: back up" ] || fail "select"
-[ "$(run select /home/ann/a.tmp)" = "/home/ann/a.tmp: excluded, and to be told" ] || fail "select"
+[ "$(run select /home/ann/a.tmp)" = "/home/ann/a.tmp: excluded and reported" ] || fail "select"
 echo content >"$work/file"
 run capture "$work/file" "$work/content" >"$work/record"
 mkdir "$work/restored"
@@ -65,7 +65,7 @@ if(Backup_FOUND)
 endif()" || fail "asked for: $(cat "$work/log")"
 
 export PKG_CONFIG_PATH=$library/pkgconfig
-[ "$(pkg-config --modversion backup)" = "$version" ] || fail "backup.pc tells another version"
+[ "$(pkg-config --modversion backup)" = "$version" ] || fail "backup.pc has another version"
 static=()
 [ -e "$library/libBackup.so" ] || static=(--static)
 # shellcheck disable=SC2046 # each flag is a separate word

@@ -12,7 +12,7 @@ options_of() {
 }
 commands_of() { "$kbagent" "$@" --help | awk '/^Subcommands:/ { f = 1; next } /^[^ ]/ { f = 0 } f && NF { print $1 }'; }
 # The options in the page's section that begins with these words.
-told() {
+page_options() {
     awk -v head="$1" '/^\.S/ { f = index($0, head) == 1; next } f { gsub(/\\/, ""); print }' "$page" |
         grep -oE -- '^\.B[IR]* --[a-z]+' | grep -oE -- '--[a-z]+' | sort -u || true
 }
@@ -21,13 +21,13 @@ same() { [ "$2" = "$3" ] || fail "$1: the program has ${2//$'\n'/ }; the page ha
 commands=$(commands_of)
 [ "$(wc -w <<<"$commands")" -ge 9 ] || fail "--help lists no commands: $commands"
 same "commands" "$(sort <<<"$commands")" "$(sed -n 's/^\.SS \([a-z]*\).*/\1/p' "$page" | sort)"
-same "kbagent" "$(options_of)" "$(told '.SH OPTIONS' | grep -vx -- --help)"
+same "kbagent" "$(options_of)" "$(page_options '.SH OPTIONS' | grep -vx -- --help)"
 for command in $commands; do
     found=$(options_of "$command"; for part in $(commands_of "$command"); do options_of "$command" "$part"; done)
-    expected=$(told ".SS $command")
-    # What several commands take is described once.
-    ! grep -qx -- --repo <<<"$found" || expected+=$'\n'$(told '.SH REPOSITORY OPTIONS')
-    ! grep -qx -- --host <<<"$found" || expected+=$'\n'$(told '.SH SNAPSHOT OPTIONS')
+    expected=$(page_options ".SS $command")
+    # Options that several commands share are described once.
+    ! grep -qx -- --repo <<<"$found" || expected+=$'\n'$(page_options '.SH REPOSITORY OPTIONS')
+    ! grep -qx -- --host <<<"$found" || expected+=$'\n'$(page_options '.SH SNAPSHOT OPTIONS')
     same "$command" "$(sort -u <<<"$found")" "$(sort -u <<<"$expected" | grep .)"
 done
 for part in $(commands_of service); do

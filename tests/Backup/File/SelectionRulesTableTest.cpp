@@ -1,4 +1,4 @@
-// Runs the tables of cases in docs/rules.md, whose kinds are told by their first two headings.
+// Runs the tables of cases in docs/rules.md, whose first two headings determine their kind.
 #include "testing/SelectionText.h"
 #include "testing/TemporaryDirectory.h"
 

@@ -17,7 +17,7 @@ namespace {
 
 const GlobDescriptor Documents("*.doc", true);
 
-// An element whose flags are 0 unless told otherwise.
+// An element whose flags are 0 unless the attributes set them.
 TiXmlElement Element(const std::vector<std::pair<const char*, const char*>>& attributes)
 {
     TiXmlElement element("Anything");

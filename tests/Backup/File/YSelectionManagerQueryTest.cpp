@@ -43,13 +43,13 @@ TEST(YSelectionManagerQuery, AGlobInAnyCasePrunesNamesHoweverManyCameBefore)
 
 TEST(YSelectionManagerQuery, TellsHowItDecides)
 {
-    const auto expect = [](const char* rules, const std::string& path, const std::string& told) {
+    const auto expect = [](const char* rules, const std::string& path, const std::string& expected) {
         const YSelectionManager tree = Tree(rules);
         const Testing::LogCapture log({"SelectionBuild", "SelectionQuery"});
         tree.GetPathSelectionType(path.c_str());
         const std::string lines =
             std::regex_replace(log.Text(), std::regex("YSelectionManager: ([^\n]*)\n"), "$1; ");
-        EXPECT_EQ(lines, "GetPathSelectionType called for: " + path + "; " + told + path + "; ");
+        EXPECT_EQ(lines, "GetPathSelectionType called for: " + path + "; " + expected + path + "; ");
     };
     const std::string leaf =
         "Leaf component b matches include at /a checkNonRecursiveDescriptors was set to 1; ";

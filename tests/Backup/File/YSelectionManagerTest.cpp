@@ -33,7 +33,7 @@ unsigned int CountNodes(const YSelectionManager& tree)
     return count;
 }
 
-// How the tree keeps itself minimal docs/rules.md tells, and a plain list judges.
+// docs/rules.md describes how the tree stays minimal; a plain list is the oracle.
 TEST(YSelectionManager, OnlyAnExcludeMayHaveNoPath)
 {
     YSelectionManager tree;
@@ -141,7 +141,7 @@ TEST(YSelectionManager, TellsItsChanges)
     tree.Delete("/b");
     tree.Delete("/a");
     tree.Delete("/");
-    const std::regex rule("descriptor: (?!path).*?, m_explicitSelection: 0"); // prints as its class tells
+    const std::regex rule("descriptor: (?!path).*?, m_explicitSelection: 0"); // as its class prints it
     EXPECT_EQ(std::regex_replace(log.Text(), rule, "RULE"),
               R"(YSelectionManager: YSelectionManager::Add called for: path: /a/b RULE
 YSelectionManager: Added include path: /a/b RULE

@@ -36,7 +36,7 @@ struct TransferRow
 
 // Runs Write or Read over each row's script.
 template <class Call>
-void RunTransfers(const std::vector<TransferRow>& rows, const std::string& told, Call call)
+void RunTransfers(const std::vector<TransferRow>& rows, const std::string& expected, Call call)
 {
     const int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const TransferRow& row : rows) {
@@ -54,7 +54,7 @@ void RunTransfers(const std::vector<TransferRow>& rows, const std::string& told,
         const auto error =
             Testing::CatchError([&] { result = call(fd, static_cast<unsigned int>(row.counts[0])); });
         EXPECT_EQ(error ? error->GetOsError() : 0, row.raised);
-        EXPECT_EQ(error ? (error->GetFunction() + ": " + error->GetMessage()).Bytes() : told, told);
+        EXPECT_EQ(error ? (error->GetFunction() + ": " + error->GetMessage()).Bytes() : expected, expected);
         EXPECT_EQ(counts, row.counts);
         EXPECT_EQ(result, row.read);
     }
@@ -226,9 +226,9 @@ TEST(FilePrimitives, ChangesFollowLinksSaveForTheModeOfALink)
         {[&] { SetUID(At(missing), 0); }, "SetUID: Failed to set UID on file: "},
         {[&] { SetGID(At(missing), 0); }, "SetGID: Failed to set GID on file: "},
     };
-    for (const auto& [call, told] : failures) {
-        EXPECT_EQ(Testing::ErrorOf(call), told + missing);
-        EXPECT_EQ(Testing::OsErrorOf(call), ENOENT) << told;
+    for (const auto& [call, expected] : failures) {
+        EXPECT_EQ(Testing::ErrorOf(call), expected + missing);
+        EXPECT_EQ(Testing::OsErrorOf(call), ENOENT) << expected;
     }
     if (geteuid() != 0)
         GTEST_SKIP() << "only the superuser gives files away";
