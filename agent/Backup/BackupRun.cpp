@@ -73,7 +73,7 @@ struct stat BackupRun::Open(const WalkedEntry& entry)
         if (IsSameEntry(m_file, status))
             return status;
         KRT_RAISE_UNLESS(looks < MaxLooks, ErrorCode::InvalidState,
-                         "Another entry took its place while it was read");
+                         "The entry was replaced while it was read");
     }
 }
 

@@ -78,11 +78,11 @@ void BackupCommand::Run(Report& report)
     Walker walker(job.rules, job.roots, run);
     walker.Skip(store.GetDirectory().Stat());
     walker.Run();
-    KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted; no snapshot was made");
+    KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted; no snapshot was created");
     if (run.GetCounts().Entries() == 0)
         report.Note("Warning: nothing was stored, so the snapshot has no entries");
     const std::string id = snapshot.Finish(run.GetCounts().bytes, report.GetFailed());
-    report.Summary("The snapshot " + id + " was made",
+    report.Summary("The snapshot " + id + " was created",
                    SummaryOf(id, run.GetCounts(), report.GetFailed(), session.GetStoredBytes()));
 }
 

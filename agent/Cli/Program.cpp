@@ -337,7 +337,7 @@ int Run(int argc, char** argv)
         return exitCode;
     } catch (const std::bad_alloc&) {
         // There is no memory even for the text of a message.
-        std::fputs("kbagent: error: There is no memory\n", stderr);
+        std::fputs("kbagent: error: Out of memory\n", stderr);
         return CouldNotRun;
     }
 }

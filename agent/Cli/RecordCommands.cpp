@@ -167,7 +167,7 @@ void RenameCommand::Run(Report& report)
         report.Note(
             YString("Warning: other paths of renamed records, now dropped: " + std::to_string(dropped)));
     if (!isAnyBelow)
-        report.Note("No record was renamed: none is at or below --from");
+        report.Note("No record was renamed: no record is at or below --from");
 }
 
 class ImportCommand : public ICommand
@@ -195,7 +195,7 @@ CLI::App* ImportCommand::Register(CLI::App& program)
     m_records.AddTo(*command);
     command->footer(
         "The content of a record is read from its first path below DIR: DIR/C:/a/b for C:\\a\\b. The name\n"
-        "of a volume may also be the one that restore gives it: DIR/C/a/b. The other paths of the record\n"
+        "of a volume may also be the one that a restore uses: DIR/C/a/b. The other paths of the record\n"
         "become hard links. Symlinks below DIR are not followed.\n\n" +
         std::string(JobPathHelp) +
         "Example: kbagent import --store /backup/store --contents /mnt/old records.json");
@@ -216,7 +216,8 @@ void ImportCommand::Run(Report& report)
     ImportRun run(session, snapshot, std::move(contents), report);
     while (const boost::shared_ptr<Backup::File::YMetadataBase> metadata = records.Next()) {
         run.Import(*metadata, records.GetLine());
-        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted; no snapshot was made");
+        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState,
+                         "Interrupted; no snapshot was created");
     }
 
     const EntryCounts& counts = run.GetCounts();
@@ -227,7 +228,7 @@ void ImportCommand::Run(Report& report)
             << ShortSize(counts.bytes) << " read, " << ShortSize(session.GetStoredBytes())
             << " added to the store\n"
             << report.GetFailed() << " failed\n";
-    report.Summary("The snapshot " + id + " was made", summary.str());
+    report.Summary("The snapshot " + id + " was created", summary.str());
 }
 
 SnapshotHeader ImportCommand::MakeHeader() const

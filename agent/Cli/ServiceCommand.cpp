@@ -79,8 +79,8 @@ CLI::App* ServiceCommand::Register(CLI::App& program)
                  "1 could not be determined.");
     AddTimeout(*AddAction(*service, "delete", "Stop the service and remove it", &ServiceCommand::Delete));
     service->footer(
-        "Services are those of launchd on macOS and of systemd elsewhere. All actions but status\n"
-        "need root privileges.\n\n"
+        "Services are those of launchd on macOS and of systemd elsewhere. All actions except status\n"
+        "require root privileges.\n\n"
         "Examples: kbagent service install nightly --program /usr/local/bin/nightly -- --verbose\n"
         "          kbagent service start nightly\n"
         "          kbagent service status nightly");

@@ -204,10 +204,10 @@ void TrustCommand::CheckUsage() const
     if ((servers == 0) == m_certificate.empty())
         throw UsageError("Name a server or, with --cert, a certificate");
     if (servers == 0 && m_name->count() == 0)
-        throw UsageError("--cert needs --name: the name by which the server is reached");
+        throw UsageError("--cert requires --name: the name by which the server is reached");
     if (!m_pin.empty() &&
         (m_pin.size() != 64 || m_pin.find_first_not_of(Krt::String::AnyHexDigits) != std::string::npos))
-        throw UsageError("--pin takes 64 hexadecimal digits");
+        throw UsageError("--pin requires 64 hexadecimal digits");
 }
 
 // Returns the name as it was typed; an IPv6 address may be in brackets.

@@ -90,7 +90,7 @@ void ImportRun::Import(YMetadataBase& metadata, unsigned long long line)
             m_report.EntryFailed(shown, reason);
         }
     } catch (const Krt::Exception::YError& error) {
-        KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted; no snapshot was made");
+        KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted; no snapshot was created");
         m_report.EntryFailed(shown, ReasonOf(error));
     }
     m_report.Progress(m_counts.Entries(), m_counts.bytes);

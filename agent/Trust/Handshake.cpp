@@ -16,7 +16,7 @@ void RequireDone(bool done)
         return;
     const char* const reason = ERR_reason_error_string(ERR_get_error());
     KRT_RAISE_AS("Handshake", Krt::MessageType::General, Krt::ErrorCode::CryptoFailure,
-                 "TLS can't be set up: " << (reason == nullptr ? "OpenSSL gives no reason" : reason));
+                 "TLS can't be set up: " << (reason == nullptr ? "OpenSSL reports no reason" : reason));
 }
 
 std::shared_ptr<SSL> MakeClient()

@@ -143,7 +143,7 @@ void LoadRules(Backup::File::YSelectionManager& rules, JobWarnings& warnings, co
         rules.FromJSON(job->AsObject());
     } catch (const Krt::Exception::YError& error) {
         KRT_RAISE(Krt::ErrorCode::InvalidArgument,
-                  "The job file " << jobFile.c_str() << " holds no usable rules: " << ReasonOf(error));
+                  "The job file " << jobFile.c_str() << " contains no usable rules: " << ReasonOf(error));
     }
 }
 

@@ -85,7 +85,7 @@ TEST_F(BackupProgram, ImplausibleRulesAreReportedFirst)
 {
     MakeTree(source, {File("file", "x")});
     const std::string include = "include " + source + " recursive any", rule = "; exclude " + source;
-    const std::string refused = " holds no usable rules: ", found = ": excludes[0]: ",
+    const std::string refused = " contains no usable rules: ", found = ": excludes[0]: ",
                       place = ": includes[0].descriptor";
     // The rules, the text in the document and its replacement, the exit code, and the message.
     const std::tuple<std::string, std::string, std::string, int, std::string> cases[] = {

@@ -211,7 +211,7 @@ TEST_F(Cli, LostOutputFailsWithoutUndoingWork)
     };
     EXPECT_TRUE(Testing::Holds(Run(1, {"list"}, {.prepare = toFull}).errors, "No space left"));
     EXPECT_EQ(Run(141, {"list"}, {.prepare = toClosedPipe}).errors, "");
-    const std::string made = " was made, but its summary is lost: Failed to write to standard output: ";
+    const std::string made = " was created, but its summary is lost: Failed to write to standard output: ";
     EXPECT_TRUE(Testing::Holds(Run(3, {"backup", directory / "tree"}, {.prepare = toFull}).errors, made));
     EXPECT_TRUE(
         Testing::Holds(Run(3, {"backup", directory / "tree"}, {.prepare = toClosedPipe}).errors, made));
