@@ -6,7 +6,7 @@
 
 namespace Testing {
 
-/// One entry of a tree; made by the functions below.
+/// One entry of a tree; created by the functions below.
 struct TreeEntry
 {
     enum Kind

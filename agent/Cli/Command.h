@@ -22,8 +22,8 @@ public:
     virtual ~ICommand() = default;
     /// Adds the subcommand with its options and help, and returns it. Options are stored in this object.
     virtual CLI::App* Register(CLI::App& program) = 0;
-    /// Does the work. Failed entries are reported, which makes the exit code 3, and so is a negative answer,
-    /// which makes it 4. An exception is printed and makes it 1, or 2 for a UsageError.
+    /// Does the work. The exit code is 3 if a failed entry was reported, and 4 if the answer no was. An
+    /// exception is printed and makes it 1, or 2 for a UsageError.
     virtual void Run(Report& report) = 0;
 };
 

@@ -1,4 +1,4 @@
-// Prints one entry of a snapshot for people.
+// The text that describes one entry of a snapshot to people.
 #pragma once
 
 #include "agent/Store/Snapshot.h"

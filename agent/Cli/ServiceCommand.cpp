@@ -181,7 +181,7 @@ void ServiceCommand::Restart(IServiceManager& manager, Report& report) const
     ReportState(report, "restarted");
 }
 
-// A service of another program has no file here, and would be stopped but not deleted.
+// Refuses a service without a file here: it is another program's, and would only be stopped.
 void ServiceCommand::Delete(IServiceManager& manager, Report& report) const
 {
     KRT_RAISE_UNLESS(manager.Exists(Name()), Krt::ErrorCode::NotFound,

@@ -53,7 +53,7 @@ public:
     /// Reports and counts an entry that failed, wholly or in part.
     void EntryFailed(const Krt::YString& path, const Krt::YString& reason);
     unsigned long long GetFailed() const { return m_failed; }
-    /// Sets the negative answer to the question of the command.
+    /// Records that the answer of the command is no.
     void AnswerNo() { m_answersNo = true; }
     bool AnswersNo() const { return m_answersNo; }
     /// Reports something that the user should know and that is not a failure.

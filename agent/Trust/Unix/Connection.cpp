@@ -114,8 +114,7 @@ bool WaitUntilReady(const YUnxHandle& connection, Direction direction, Deadline 
         KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
         const milliseconds left = TimeUntil(deadline);
         if (left <= milliseconds(0))
-            return false; // even if more data is ready: the deadline also applies to a server that trickles
-                          // bytes
+            return false; // even if data is ready: a server may trickle bytes
         const int count = poll(&entry, 1, static_cast<int>(std::min(left, slice).count()));
         if (count < 0 && errno != EINTR)
             KRT_RAISE_OS(errno, "Failed to wait for the connection");

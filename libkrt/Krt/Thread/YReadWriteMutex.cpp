@@ -14,7 +14,7 @@
 #include <vector>
 
 // A reader-biased lock. Each thread has a ReaderSlot for each lock that it has used. While a lock is biased
-// towards readers, a thread reads by setting Held in its slot, and touches memory of its own alone. A writer
+// towards readers, a thread reads by setting Held in its slot, and touches only its own memory. A writer
 // revokes the bias first: from then on all threads go through m_mutex, until no writer is left.
 //
 // States, changed with m_mutex held:
@@ -22,7 +22,7 @@
 // maintained.
 // - Revoked: writers wait. Held changes with m_mutex held only, and m_holders is the number of slots with
 // Held.
-// - Writing: as Revoked, with Held set in the writer's slot alone.
+// - Writing: as Revoked, with Held set only in the writer's slot.
 //
 // Transitions:
 // - Biased to Revoked: RevokeReaderBias, called by a writer.
@@ -46,7 +46,7 @@
 //
 // Destruction. YReadWriteMutex objects own the lock; slots refer to it weakly. A slot is owned by its thread,
 // which deletes it at its end, or later than the lock when it needs room. ~ReaderSlot takes it out of m_slots
-// if the lock still exists. Levels may outlive the lock: they are released in the slot alone, for no thread
+// if the lock still exists. Levels may outlive the lock: they are released only in the slot, since no thread
 // can wait for them. The memory of a lock made by make_shared is kept while slots refer to it, so its address
 // is that of no other lock.
 
