@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # ./demo.sh [DIRECTORY]: backs a real directory tree up (/usr/include if none is named), lists the snapshot,
 # restores it into a fresh directory and compares the two trees, contents and metadata, with tools that are
-# not ours. Exits non-zero on any difference. The program then stands at build/release/kbagent.
+# not ours. Exits non-zero on any difference. The program is then at build/release/kbagent.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # .ci/macos.sh [aarch64] [x86_64]: builds the libraries, the program and the portable tests for macOS with a cross
-# compiler, for both processors if none is given. Runs nothing of what it builds. CMake decides what is built, and a
+# compiler, for both processors by default. Does not run what it builds. CMake decides what is built, and a
 # second run builds only what has changed. Not part of .ci/run, since the compiler is 350 MB and comes from npm.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."

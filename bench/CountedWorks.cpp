@@ -1,5 +1,5 @@
-// CountedWorks NAME: does one of the works that stand on the path of every file so many times, with
-// collecting switched on for these alone; prints how many. See tests/performance/instructions.sh.
+// CountedWorks NAME: repeats one of the operations that are executed for every file, with collecting enabled
+// only for these; prints the number of repetitions. See tests/performance/instructions.sh.
 #include "Backup/File/YSelectionManager.h"
 #include "bench/Records.h"
 #include "bench/SelectionInputs.h"

@@ -16,7 +16,7 @@ namespace {
 constexpr int Rounds = 9;
 const Krt::Time::YDuration Forever = Krt::Time::YDuration::Zero();
 
-// On so many threads of their own; on none, on this one.
+// Repeats the work on `threads` new threads, or on this thread if that is 0.
 template <class Work>
 std::function<void()> Repeat(long count, unsigned int threads, Work work)
 {
@@ -37,7 +37,7 @@ std::function<void()> Repeat(long count, unsigned int threads, Work work)
     };
 }
 
-// Ours beside the standard's one: nanoseconds of both, and how many times as much ours costs.
+// Compares our lock with the standard's: nanoseconds of both, and their ratio.
 template <class Ours, class Standard>
 void Compare(const std::string& name, long count, unsigned int threads, Ours ours, Standard standard)
 {

@@ -42,7 +42,7 @@ YSelectionManager TreeOf(const Rules& rules)
     return tree;
 }
 
-// A walk asks with a new path each time, so the path is made anew from its text.
+// A walk asks with a new path each time, so each query constructs its path from text.
 std::size_t AskAll(const YSelectionManager& tree, const std::vector<std::string>& paths)
 {
     std::size_t answers = 0;

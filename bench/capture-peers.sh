@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # bench/capture-peers.sh [--quick]: captures a tree of 100,000 entries with the library and lists it with rsync and
 # find, whole processes in turns, and prints the medians and their ratios, "name TAB value TAB unit". Ratios of
-# processor time stand beside those of the clock: a busy machine hardly changes them. Reads build/bench, or the build
-# folder that BUILD names. The tree lies in $TMPDIR or /tmp.
+# processor time are printed, too: a busy machine hardly changes them. Reads build/bench, or the build
+# folder that BUILD names. The tree is in $TMPDIR or /tmp.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 export LC_ALL=C

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # bench/load.sh [COUNT] [DIRECTORY]: the program under load. COUNT files (1000000) are backed up twice, listed,
-# restored and compared; backed up under a job of COUNT rules; and COUNT records go through a conversion. A line a
-# run tells its seconds and its peak memory; none may open more than 32 descriptors. Files are made below DIRECTORY
-# ($TMPDIR or /tmp), which needs 4 inodes and 16 KiB for each of COUNT. Ends non-zero if anything is lost.
+# restored and compared; backed up under a job of COUNT rules; and COUNT records go through a conversion. One
+# line per run reports its seconds and its peak memory; no run may open more than 32 descriptors. Files are created
+# below DIRECTORY ($TMPDIR or /tmp), which needs 4 inodes and 16 KiB for each of COUNT. Ends non-zero if anything is
+# lost.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

@@ -20,7 +20,7 @@ cmake --build build/bench -- -j "$(nproc)" >build/bench.log || { cat build/bench
 median() { sort -g | awk '{ value[NR] = $1 } END { print value[int((NR + 1) / 2)] }'; }
 row() { printf '%s\t%s\t%s\n' "$@" | tee -a "$rows"; }
 
-# Queries beside those of the crate "ignore" on the same rules and paths: KIND RULES
+# Queries compared with those of the crate "ignore" on the same rules and paths: KIND RULES
 against_ignore() {
     local kind=$1 count=$2 paths=200000 inputs=build/bench/inputs
     [ ${#quick[@]} -eq 0 ] || paths=5000

@@ -12,7 +12,7 @@ find_program(GIT git)
 if(GIT AND EXISTS "${SOURCE}/.git")
   execute_process(COMMAND "${GIT}" rev-parse --short=12 HEAD WORKING_DIRECTORY "${SOURCE}"
     RESULT_VARIABLE FAILED OUTPUT_VARIABLE HEAD OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
-  # Without taking the index's lock from somebody who is about to commit.
+  # Does not lock the index, which would disturb a commit in another process.
   execute_process(COMMAND "${GIT}" --no-optional-locks status --porcelain --untracked-files=no
     WORKING_DIRECTORY "${SOURCE}" OUTPUT_VARIABLE CHANGES ERROR_QUIET)
   if(NOT FAILED)

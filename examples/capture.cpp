@@ -1,6 +1,6 @@
-// capture FILE [CONTENT]: a file's metadata as a line of JSON, and its content as a file.
-// Learn: YFile looks at the file once; the mapper gives each path its place in the job; a record knows its
-// own JSON form; reading goes on to the end. Every failure is a YError.
+// capture FILE [CONTENT]: prints a file's metadata as a line of JSON, and copies its content to a file.
+// Learn: YFile reads the status once; the mapper converts each path to a job path; a record converts itself
+// to JSON; Read returns 0 at the end. Every failure is a YError.
 #include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YMetadataBase.h"
 #include "Krt/Exception/YError.h"

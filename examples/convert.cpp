@@ -1,6 +1,6 @@
-// convert <RECORD: a record of any form, such as one with a legacy header in it, in the modern form.
-// Learn: the factory with a mapper takes legacy headers too; the mapper is asked for the job path of each
-// path that the header holds. What is damaged raises, and says what.
+// convert <RECORD: prints a record of any form, such as one with a legacy header, in the modern form.
+// Learn: the factory with a mapper also accepts legacy headers; the mapper converts each path in the header
+// to a job path. Damage raises an error that describes it.
 #include "Backup/File/YMetadataBase.h"
 #include "Krt/Exception/YError.h"
 #include "Krt/JSON/YValue.h"

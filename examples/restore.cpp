@@ -1,6 +1,7 @@
 // restore TARGET [CONTENT] <RECORD: recreates the file or directory of a Unix record below a directory.
-// Learn: GetSanitizedNewPath gives an entry its place below a new top; a YFile opened for writing makes it,
-// and sets its times when it is closed. These operations go by path, for a tree that nobody else writes to.
+// Learn: GetSanitizedNewPath computes the path of an entry below a new root; a YFile opened for writing
+// creates it, and sets its times when it is closed. These operations use paths, for a tree that no other user
+// writes to.
 #include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YUnixFileMetadata.h"
 #include "Krt/Exception/YError.h"

@@ -1,6 +1,6 @@
-// select PATH...: what a job's rules say of paths.
-// Learn: a rule stands at a directory and speaks of what lies inside it; an include is tested against the
-// last name of a path, an exclude against every name on the way.
+// select PATH...: prints how a job's rules decide about paths.
+// Learn: a rule belongs to a directory and applies to the entries in it; an include is compared with the last
+// name of a path, an exclude with every name of it.
 #include "Backup/File/YSelectionManager.h"
 
 #include <iostream>

@@ -1,6 +1,6 @@
-// service NAME: whether a service of the system is installed, and whether it runs.
-// Learn: one interface stands for launchd and systemd; CreateServiceManager gives the one of the platform.
-// Installing, starting and stopping take root's rights and raise what the system's own program said.
+// service NAME: prints whether a service of the system is installed, and whether it runs.
+// Learn: one interface serves for launchd and systemd; CreateServiceManager returns the platform's manager.
+// Installing, starting and stopping require root's rights, and raise an error if the system's program fails.
 #include "Backup/Util/ServiceManager.h"
 #include "Krt/Exception/YError.h"
 

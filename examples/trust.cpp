@@ -1,6 +1,6 @@
-// trust CERTIFICATE HOST [ANCHORS]: whether a certificate would be trusted for a host, and if not, why.
-// Learn: a bad certificate is an answer with a report and never an exception; what raises is an argument that
-// can't be used. Without anchors of its own a program trusts the system's store.
+// trust CERTIFICATE HOST [ANCHORS]: prints whether a certificate would be trusted for a host, and why not.
+// Learn: a bad certificate never raises: the result is false, with a report. An unusable argument raises.
+// Without anchors, a program trusts the system's store.
 #include "Backup/Core/OpenSSL.h"
 #include "Krt/Exception/YError.h"
 

@@ -1,6 +1,6 @@
-// volumes [PATH]: the machine's fixed volumes, and the one on which a path lies.
-// Learn: the manager describes the fixed volumes once and shares them; a path's own volume, of any class, is
-// asked for afresh. A program has one manager, in GetGlobal().
+// volumes [PATH]: prints the machine's fixed volumes, and the volume of a path.
+// Learn: the manager describes the fixed volumes once and shares them; the volume of a path, of any class, is
+// described at each call. A program has one manager, in GetGlobal().
 #include "Backup/Core/YGlobal.h"
 #include "Backup/Volume/Unix/YVolumeManager.h"
 #include "Krt/Exception/YError.h"

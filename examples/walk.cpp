@@ -1,7 +1,7 @@
-// walk JOB: a record, as a line of JSON, of each entry that the rules of a job file select.
-// Learn: a walk starts at the topmost places of the rules and asks them about each path. It goes down by open
-// directories, and the descent policy keeps it out of foreign mounts. An entry that fails is reported and
-// left out.
+// walk JOB: prints a record, as a line of JSON, of each entry that the rules of a job file select.
+// Learn: a walk starts at the topmost directories of the rules and queries them for each path. It descends
+// through open directories, and the descent policy keeps it from entering foreign mounts. An entry that fails
+// is reported and skipped.
 #include "Backup/File/Unix/File.h"
 #include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YMetadataBase.h"

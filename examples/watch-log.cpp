@@ -1,6 +1,6 @@
-// watch-log <LOG: tells what is traced in a log, and the first message of all but once.
-// Learn: a signal calls its slots for as long as what Connect gave out lives; a slot may take itself off
-// while it runs. Usage: tail -f agent.log | watch-log
+// watch-log <LOG: prints the traces of a log, and only once the first message.
+// Learn: a signal calls a slot as long as the connection that Connect returned exists; a slot may disconnect
+// itself while it runs. Usage: tail -f agent.log | watch-log
 #include "Krt/Signal/YSignal.h"
 
 #include <iostream>

@@ -1,5 +1,5 @@
 // A byte of flags, a host's name, and then, each with its length in front, a revocation list, an anchor, the
-// server's certificate and what was sent beside it.
+// server's certificate and what was sent with it.
 #include "fuzz/Input.h"
 
 #include "Backup/Core/OpenSSL.h"

@@ -13,7 +13,7 @@ namespace {
 
 std::string directory;
 
-// The parts with their lengths, behind flags and host.
+// The parts with their lengths, after flags and host.
 void Write(const char* name, char flags, const std::string& host, const std::vector<std::string>& parts)
 {
     std::string bytes = flags + host + '\xFF';

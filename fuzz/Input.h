@@ -29,7 +29,7 @@ public:
         const unsigned int byte = Byte();
         return byte < 0xF0 ? byte : byte - 0x100;
     }
-    /// Up to the next byte 0xFF, which stands in no UTF-8, or to the end.
+    /// Returns the text up to the next byte 0xFF, which UTF-8 never contains, or to the end.
     std::string Text()
     {
         const std::string_view text = Take(m_rest.find('\xFF'));

@@ -1,4 +1,4 @@
-// The bytes are a JSON text, beside which stands what another parser makes of it.
+// The bytes are a JSON text; the result is compared with that of another parser.
 #include "fuzz/Input.h"
 #include "fuzz/TextModel.h"
 

@@ -157,7 +157,7 @@ void CheckMembers(const std::string& first, const std::string& second)
            "IsChildOf");
 }
 
-// A path that got another's text has kept nothing of what was made of its own.
+// A path that was assigned keeps no cached part of its old text.
 void CheckAssignment(const YPath& first, const YPath& second)
 {
     const auto parts = [](const YPath& path) {

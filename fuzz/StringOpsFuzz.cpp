@@ -52,7 +52,7 @@ std::string Trimmed(std::string text, bool left)
     return Model::Stripped(text);
 }
 
-// Empty for what has none.
+// Returns an empty text if the conversion raises.
 std::wstring Wide(const YString& string)
 {
     std::wstring wide;

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # fuzz/run.sh [SECONDS] [TARGET...]: builds the fuzz targets with clang and AddressSanitizer (build/fuzz) and runs
-# each, or the named ones, for so many seconds (60), starting from fuzz/corpus/TARGET and with the words of
-# fuzz/dictionaries/TARGET.dict. No input is worth an allocation of 64 MiB. Inputs that reach new code
+# each, or the named ones, for SECONDS (60), starting from fuzz/corpus/TARGET and with the words of
+# fuzz/dictionaries/TARGET.dict. No input may cause an allocation of 64 MiB. Inputs that reach new code
 # stay in build/fuzz/corpus/TARGET for the next run. Ends non-zero after a finding, whose input is then in
-# build/fuzz/findings/TARGET; once mended it belongs into fuzz/corpus/TARGET, where each test run replays it.
+# build/fuzz/findings/TARGET; once it is fixed, the input belongs in fuzz/corpus/TARGET, where each test run replays it.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

@@ -267,7 +267,7 @@ int main(int argc, char** argv)
     const Figures written = Measure(writing, WarmRecords, count);
     Compare(written, "record.write", "record.write.krt", "record.write.nlohmann");
     Compare(written, "record.text", "record.text.krt", "record.text.boost");
-    // Text without a tree, beside the peers' text from a tree that is there already.
+    // Text without a tree, compared with the peers' text from an existing tree.
     Compare(written, "record.direct.nlohmann", "record.direct.krt", "record.text.nlohmann");
     Compare(written, "record.direct.boost", "record.direct.krt", "record.text.boost");
     return g_sum == 1;
