@@ -26,7 +26,7 @@ struct Password
 Password ReadPassword(const RepositoryOptions& options, Report& report);
 
 /// The words of a command, separated by blanks. Text in single or double quotes is part of one word, and a
-/// backslash takes the character after it as it is, other than in single quotes. Raises UsageError for an
+/// backslash makes the next character literal, except in single quotes. Raises UsageError for an
 /// open quote and for no word at all.
 std::vector<std::string> SplitWords(const std::string& command);
 

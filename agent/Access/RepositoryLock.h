@@ -53,7 +53,7 @@ public:
     const Repo::Id& GetId() const { return m_id; }
 
 private:
-    using Clock = std::chrono::system_clock; // which goes on during a standby
+    using Clock = std::chrono::system_clock; // which also advances during a standby
 
     void AcquireWithPatience();
     void Acquire();

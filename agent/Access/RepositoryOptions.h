@@ -29,8 +29,8 @@ struct RepositoryOptions
 /// the names is set with it, otherwise RESTIC. `name` is one of the names.
 std::optional<std::string> FromEnvironment(std::initializer_list<const char*> names, std::string_view name);
 
-/// The location of the repository, from the options or the environment. Raises UsageError if there is none,
-/// or more than one. Raises the operating system's error if a file can't be read.
+/// Returns the location of the repository, from the options or the environment. Raises UsageError if there is
+/// no location, or more than one. Raises the operating system's error if a file can't be read.
 std::string FindLocation(const RepositoryOptions& options);
 
 /// A time such as "90s", "5m" or "1h30m", as restic writes it. Raises UsageError for other text.

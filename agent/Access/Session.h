@@ -12,14 +12,14 @@
 
 namespace Agent {
 
-/// The place that a location names: a path, or "local:" and a path. Raises NotSupported for an address of
-/// another kind of place. The address is not in the message, since it may contain a password.
+/// Returns the directory that a location names: a path, or "local:" and a path. Raises NotSupported for any
+/// other address. The address is not in the message, since it may contain a password.
 std::shared_ptr<Repo::IBackend> BackendOf(const std::string& location);
 
 class Session
 {
 public:
-    /// Opens the repository for reading. Takes a lock that is not exclusive, unless the options forbid it. A
+    /// Opens the repository for reading. Acquires a shared lock, unless the options forbid it. A
     /// repository that can't be written is used without a lock, which is reported. Raises
     ///   - UsageError for a repository or a password that is not given, or given twice
     ///   - LockedError if another process has an exclusive lock

@@ -20,7 +20,7 @@ Repo::SnapshotFilter FilterOf(const SnapshotOptions& options);
 
 /// The snapshot that the text names: "latest", or the first digits of an id. Reports which one "latest" is.
 /// Snapshots that can't be read are reported as failed entries, if they might be the latest. Raises
-/// InvalidArgument if there is none, or if the digits fit several.
+/// InvalidArgument if no snapshot matches, or if the digits match several.
 Repo::StoredSnapshot ChooseSnapshot(Session& session, const std::string& text,
                                     const SnapshotOptions& options);
 
@@ -36,8 +36,8 @@ std::string DescribeSnapshot(const Repo::StoredSnapshot& stored);
 /// "2024-02-29 12:34:56" in the local zone.
 std::string LocalTime(const Repo::Timestamp& time);
 
-/// The id of the file of a kind whose first digits these are. Raises InvalidArgument if there is none, or
-/// more than one.
+/// The id of the file of a kind whose first digits these are. Raises InvalidArgument if no file matches,
+/// or more than one.
 Repo::Id FindFile(const Repo::Repository& repository, Repo::FileKind kind, const std::string& digits);
 
 } // namespace Agent

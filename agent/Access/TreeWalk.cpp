@@ -46,7 +46,7 @@ std::vector<std::string_view> NamesOf(std::string_view path)
     return names;
 }
 
-// The entry of a tree; false if there is none.
+// Finds the entry of a tree; returns false if it is missing.
 bool FindInTree(const Repo::Repository& repository, const Id& tree, std::string_view name, Node& found)
 {
     Repo::Bytes text;

@@ -1,5 +1,5 @@
 // The entries of a snapshot, read from its trees. Trees of a hostile repository are bounded: no entry is more
-// than DepthLimit levels deep, and the memory is that of the trees on the way to an entry. A tree can't
+// than DepthLimit levels deep, and only the trees on the path to an entry are in memory. A tree can't
 // contain itself, since its id is the SHA-256 of its text.
 #pragma once
 
@@ -40,8 +40,8 @@ struct FoundEntry
     Repo::Node node;  ///< with unknown members
 };
 
-/// The entry that a path names. Each name of the path is that of the entry as Printable shows it, or else its
-/// own bytes. Raises InvalidArgument if there is none, and what loading a tree raises.
+/// Returns the entry that a path names. Each name of the path is the entry's name as Printable shows it, or
+/// otherwise its bytes. Raises InvalidArgument if there is no such entry, and what loading a tree raises.
 FoundEntry FindEntry(const Repo::Repository& repository, const Repo::Id& tree, const std::string& path);
 
 } // namespace Agent

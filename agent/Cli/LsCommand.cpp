@@ -74,7 +74,7 @@ void LsCommand::Run(Report& report)
 
     RepositoryOptions options = m_repository.Get();
     const bool isQuiet = options.isQuiet;
-    options.isQuiet = true; // the first line says which snapshot is taken
+    options.isQuiet = true; // the first line names the snapshot
     Session session(options, report);
     const Repo::StoredSnapshot stored = ChooseSnapshot(session, snapshot, m_repository.GetSnapshotOptions());
     session.LoadIndex();

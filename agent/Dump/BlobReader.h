@@ -23,7 +23,7 @@ public:
     BlobReader& operator=(const BlobReader&) = delete;
 
     /// Calls `take` on this thread for each data blob, in order. Raises what the first blob that can't be
-    /// loaded raises, after those before it were taken. What `take` raises passes through.
+    /// loaded raises, after `take` was called for those before it. What `take` raises passes through.
     void Read(const std::vector<Repo::Id>& ids, const std::function<void(Repo::ByteView)>& take);
 
 private:

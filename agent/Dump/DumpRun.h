@@ -14,7 +14,7 @@
 
 namespace Agent {
 
-/// Where a dump goes.
+/// The output of a dump.
 class DumpTarget
 {
 public:

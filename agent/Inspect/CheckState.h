@@ -1,5 +1,5 @@
-// CheckState: what the parts of a check share: the places of blobs, those that are bad, and errors on their
-// way to the observer. Any thread may report and ask.
+// CheckState: what the parts of a check share: the positions of blobs, those that are bad, and errors to be
+// passed to the observer. Any thread may report and ask.
 #pragma once
 
 #include "agent/Repository/Node.h"
@@ -43,7 +43,7 @@ public:
 
     /// Adds an error for the observer.
     void AddError(std::string text);
-    /// Takes the errors that were added since the last call.
+    /// Removes and returns the errors that were added since the last call.
     std::vector<std::string> TakeErrors();
 
     std::atomic<std::uint64_t> items{0}; ///< done in the current part

@@ -62,7 +62,7 @@ public:
     {
         Named([this] { CheckHeader(); });
         if (!Named([this] { ReadBlobs(); })) {
-            // What comes after the place was not read.
+            // The rest of the pack was not read.
             for (; m_next < m_blobs.size(); ++m_next)
                 m_state.MarkBad(m_blobs[m_next].number);
         }

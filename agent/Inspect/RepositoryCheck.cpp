@@ -208,7 +208,7 @@ private:
     std::vector<std::uint64_t> m_sizes; // of the packs' files, by number; NoSize for one that is missing
 };
 
-// A number at the beginning of the text, which goes on at `end`.
+// Reads a number at the beginning of the text; `end` is set to the position after it.
 double NumberIn(const std::string& text, std::size_t& end)
 {
     end = text.find_first_not_of("0123456789.");

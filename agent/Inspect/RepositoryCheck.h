@@ -1,5 +1,5 @@
-// RepositoryCheck: whether all snapshots of a repository can be restored. It goes on after damage, and names
-// the entries of snapshots that the damage touches.
+// RepositoryCheck: checks whether all snapshots of a repository can be restored. It continues after damage,
+// and names the entries of snapshots that the damage affects.
 #pragma once
 
 #include "agent/Inspect/CheckState.h"
@@ -33,7 +33,7 @@ public:
     virtual void OnStage(const std::string& text) = 0;
     /// Something is damaged or missing. Not made printable.
     virtual void OnError(const std::string& text) = 0;
-    /// Something is unusual and no damage. Not made printable.
+    /// Something is unusual, but not damaged. Not made printable.
     virtual void OnHint(const std::string& text) = 0;
     /// An entry of a snapshot can't be restored as it was. Not made printable.
     virtual void OnTouched(const Repo::StoredSnapshot& snapshot, const std::string& path,

@@ -140,7 +140,7 @@ private:
     struct Level
     {
         Id tree;
-        std::vector<Id> subtrees; // not looked at yet
+        std::vector<Id> subtrees; // not examined yet
         bool isTouched = false;
     };
 

@@ -20,7 +20,7 @@ struct KbagentMember
     static constexpr const char* Key = "kbagent";
     static constexpr std::uint64_t Version = 1; ///< the only version that is read
 
-    std::string record;               ///< JSON text of a record that no Unix node can express; empty for none
+    std::string record;               ///< JSON text of a record that no Unix node can express, or empty
     std::optional<std::string> user;  ///< owner's name, if it is not valid UTF-8
     std::optional<std::string> group; ///< group's name, if it is not valid UTF-8
     std::vector<Repo::NodeAttribute> attributes; ///< those whose names are not valid UTF-8
@@ -31,7 +31,7 @@ struct KbagentMember
 /// Appends the member to those of a node, unless it is empty.
 void AppendKbagentMember(const KbagentMember& member, std::vector<Repo::RawMember>& members);
 
-/// Reads the member of a node that was read with Repo::UnknownMembers::Keep; nothing if there is none.
+/// Reads the member of a node that was read with Repo::UnknownMembers::Keep; returns nothing without one.
 /// Members of it that are not known are ignored. For a version that is not known, and for damaged content,
 /// nothing is returned, and `note` becomes a sentence on that. Otherwise `note` is not changed.
 std::optional<KbagentMember> ReadKbagentMember(const Repo::Node& node, std::string& note);
