@@ -225,10 +225,16 @@ void YSelectionManager::VisitRulesAbove(const YPath& path, const RuleVisitor& vi
     const YPath parent = hasParent ? path.RemoveFile() : YPath();
     const Node* node = m_root.get();
     node->VisitPathsAndDescriptors(visitor, false);
+    if (!hasParent)
+        return;
+    if (parent.GetVolume().IsEmpty()) // the top is "/", whose node is that of the empty path
+        node->VisitPathsAndDescriptors(visitor, false);
+    bool isMissing = false;
     for (const YString& component : parent.PopulateComponents()) {
-        node = node->FindChild(component);
-        if (node == nullptr)
-            return;
+        const Node* const child = isMissing ? nullptr : node->FindChild(component);
+        isMissing = child == nullptr;
+        if (!isMissing)
+            node = child;
         node->VisitPathsAndDescriptors(visitor, false);
     }
 }

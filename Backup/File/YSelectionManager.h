@@ -161,7 +161,9 @@ public:
 private:
     friend BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManager& manager);
 
-    // Visits the rules of each node above the path, top first.
+    // Visits the rules at each ancestor of the path, top first. The empty path and "/" are both ancestors.
+    // One without a node counts as the nearest one above it, whose rules are visited again: a copy adds them
+    // once more, which can change what the first time left.
     void VisitRulesAbove(const Krt::File::YPath& path, const RuleVisitor& visitor) const;
     // The deepest node that exists, and how many components lead to it.
     std::pair<YSelectionManagerNode*, std::size_t> FindDeepest(std::span<const YString> components) const;

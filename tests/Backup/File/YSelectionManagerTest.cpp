@@ -353,6 +353,10 @@ TEST(YSelectionManagerVisit, CopiesWhatBearsOnAPath)
         {"at and below", "include /a/b any; exclude /a/b/c any; include /a/bc any", "/a/b", "/z",
          "include /z any; exclude /z/c any", "include /z any"},
         {"same path", "include /a any", "/a", "/a", "include /a any", "include /a any"},
+        {"rules of the root, added twice",
+         "include / any; include / exact=b explicit; include / recursive glob=*", "/b", "/",
+         "include / exact= explicit; include / recursive glob=*",
+         "include / exact= explicit; include / recursive glob=*"},
         {"whole tree", "include / exact=a; include /b any", "/", "/", "include / exact=a; include /b any",
          "include / exact=a; include /b any"},
     };
