@@ -75,7 +75,7 @@ make_tools() {
 link_headers() {
     local header
     mkdir -p "$root/include/openssl" "$root/include/sys"
-    for header in boost CLI gmock gtest tinyxml.h utf8cpp zstd.h zstd_errors.h; do
+    for header in archive.h archive_entry.h boost CLI gmock gtest tinyxml.h utf8cpp zstd.h zstd_errors.h; do
         ln -sfn "/usr/include/$header" "$root/include/$header"
     done
     ln -sf /usr/include/openssl/*.h "/usr/include/$(gcc -print-multiarch)"/openssl/*.h "$root/include/openssl/"
@@ -137,7 +137,7 @@ archive() {
 
 make_dependencies() {
     local gtest=/usr/src/googletest/googletest xml=$cache/tinyxml
-    for library in libcrypto libssl libzstd; do stub "$library"; done
+    for library in libarchive libcrypto libssl libzstd; do stub "$library"; done
     echo '#include <boost/json/src.hpp>' >"$root/lib/json.cpp"
     archive libboost_json -- "$root/lib/json.cpp"
     : >"$root/lib/container.cpp"
