@@ -17,8 +17,8 @@ if(APPLE)
   list(APPEND BACKUP_PRIVATE_HEADERS Util/Unix/Linux/) # what is not built there
 endif()
 set(KRT_PRIVATE_HEADERS
-  Environment/Unix/ Exception/Unix/ File/Unix/ JSON/FreeListAllocator.h Log/YLogContext.h Thread/Unix/NativeThread.h
-  Volume/Unix/)
+  Environment/Unix/ Exception/Unix/ File/Unix/ JSON/FreeListAllocator.h JSON/YValue.inl Log/YLogContext.h
+  Thread/Unix/NativeThread.h Volume/Unix/)
 function(backup_install_headers root folder)
   file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${root}" "${root}/${folder}/*.h" "${root}/${folder}/*.inl")
   foreach(private IN LISTS ARGN)
