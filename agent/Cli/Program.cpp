@@ -217,7 +217,7 @@ std::string HintFor(const CLI::App& program, int argc, char** argv)
         for (const CLI::Option* option : command->get_options()) {
             const std::string name = option->get_name();
             if (name.starts_with("--") && IsSimilar(typed, name))
-                return " (did you mean " + name + " by " + typed + "?)";
+                return std::string(" (did you mean ").append(name).append(" by ").append(typed).append("?)");
         }
     }
     return "";

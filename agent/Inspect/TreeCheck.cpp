@@ -12,7 +12,6 @@
 
 namespace Agent {
 
-using Repo::BlobHandle;
 using Repo::BlobType;
 using Repo::Id;
 using Repo::Node;

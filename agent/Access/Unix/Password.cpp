@@ -65,6 +65,7 @@ Secret TakeLine(Bytes bytes)
 pid_t Spawn(const std::vector<std::string>& words, int output)
 {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string& word : words)
         arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
