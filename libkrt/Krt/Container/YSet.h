@@ -7,8 +7,8 @@
 
 namespace Krt::Container {
 
-/// An ordered set with its own mutex. It notifies waiting threads and connected slots of each change. Any
-/// thread may call any operation.
+/// An ordered set with its own mutex. It fires OnChanged after each change. Any thread may call any
+/// operation.
 template <class T>
 class YSet
 {
