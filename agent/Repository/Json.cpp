@@ -24,7 +24,7 @@ constexpr std::array<unsigned char, 256> MakeBase64Values()
     return values;
 }
 
-// The number of bytes that the text stands for, if it is valid.
+// The number of bytes that the text represents, if it is valid.
 std::size_t Base64Size(std::string_view text)
 {
     const std::size_t pads = text.ends_with("==") ? 2 : text.ends_with("=") ? 1 : 0;
@@ -239,7 +239,7 @@ std::string_view JsonReader::TakeString(std::string& decoded)
     return decoded;
 }
 
-// Appends what the text of a string stands for. A backslash is not its last byte.
+// Appends what the text of a string represents. A backslash is not its last byte.
 void JsonReader::Decode(std::size_t begin, std::size_t end, std::string& out) const
 {
     for (std::size_t at = begin; at < end;) {

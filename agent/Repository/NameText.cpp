@@ -12,7 +12,7 @@ namespace Agent::Repo {
 
 namespace {
 
-// The letters of escapes, and what they stand for.
+// The letters of escapes, and what they represent.
 constexpr std::string_view Letters = "abtnvfr";
 constexpr std::string_view Controls = "\a\b\t\n\v\f\r";
 
@@ -58,7 +58,7 @@ bool TakeDigits(std::string_view& text, std::size_t count, int base, unsigned in
     return true;
 }
 
-// Appends what an escape stands for. `text` begins after its backslash, and is moved to its end.
+// Appends what an escape represents. `text` begins after its backslash, and is moved to its end.
 bool Unescape(std::string_view& text, std::string& name)
 {
     if (text.empty())

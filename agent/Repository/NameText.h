@@ -13,8 +13,8 @@ bool IsPrintable(char32_t character);
 /// Appends the quoted name to `out`:
 ///   - a backslash and a double quote get a backslash
 ///   - other printable characters stay
-///   - \a \b \t \n \v \f \r, \xhh, \uhhhh and \Uhhhhhhhh stand for everything else
-///   - \xhh stands for each byte that is not part of valid UTF-8
+///   - \a \b \t \n \v \f \r, \xhh, \uhhhh and \Uhhhhhhhh represent everything else
+///   - \xhh represents each byte that is not part of valid UTF-8
 void AppendQuotedName(std::string_view name, std::string& out);
 
 /// Replaces `name` with the name that was quoted. Also takes escapes where none are needed, and \ooo for a

@@ -12,7 +12,7 @@ namespace Agent::Repo {
 
 struct Timestamp
 {
-    /// Of 0001-01-01T00:00:00Z, which stands for a time that is not known.
+    /// Of 0001-01-01T00:00:00Z, which represents an unknown time.
     static constexpr std::int64_t UnknownSeconds = -62135596800;
 
     std::int64_t seconds = UnknownSeconds; ///< since 1970-01-01T00:00:00Z, in the years 0 to 9999 of the zone
