@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # fuzz/run.sh [SECONDS] [TARGET...]: builds the fuzz targets with clang and AddressSanitizer (build/fuzz) and runs
-# each, or the named ones, for SECONDS (60), starting from fuzz/corpus/TARGET and with the words of
+# each, or the named ones, for SECONDS (60), one on each processor, starting from fuzz/corpus/TARGET and with the words of
 # fuzz/dictionaries/TARGET.dict. No input may cause an allocation of 64 MiB. Inputs that reach new code
 # stay in build/fuzz/corpus/TARGET for the next run. Ends non-zero after a finding, whose input is then in
 # build/fuzz/findings/TARGET; once it is fixed, the input belongs in fuzz/corpus/TARGET, where each test run replays it.
@@ -24,11 +24,11 @@ cmake --build build/fuzz --target "${targets[@]/%/Fuzz}" -- -j "$(nproc)" >build
     { cat build/fuzz.log; exit 1; }
 
 export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1
-failed=()
-for target in "${targets[@]}"; do
-    kept=build/fuzz/corpus/$target findings=build/fuzz/findings/$target log=build/fuzz/$target.log
+# Prints a line about the target, or the end of its log.
+run() {
+    local seconds=$1 target=$2
+    local kept=build/fuzz/corpus/$target findings=build/fuzz/findings/$target log=build/fuzz/$target.log words=()
     mkdir -p "$kept" "$findings"
-    words=()
     [ ! -f "fuzz/dictionaries/$target.dict" ] || words=("-dict=fuzz/dictionaries/$target.dict")
     if "build/fuzz/fuzz/${target}Fuzz" -max_total_time="$seconds" -max_len=4096 -timeout=10 -rss_limit_mb=1024 \
         -malloc_limit_mb=64 -print_final_stats=1 "${words[@]}" -artifact_prefix="$findings/" \
@@ -37,7 +37,9 @@ for target in "${targets[@]}"; do
             END { print target ": " runs " runs, " rate " a second, no finding" }' "$log"
     else
         tail -n 60 "$log"
-        failed+=("$target")
+        echo "finding: $target" >&2
+        return 1
     fi
-done
-[ ${#failed[@]} -eq 0 ] || { echo "findings: ${failed[*]}" >&2; exit 1; }
+}
+export -f run
+printf '%s\n' "${targets[@]}" | xargs -P "$(nproc)" -I{} bash -euo pipefail -c 'run "$@"' run "$seconds" {}
