@@ -386,9 +386,9 @@ TEST_F(Commands, DamageDoesNotEndACheckAndIsNamed)
     fs::remove(repository + "/" + Repo::FileName{FileKind::Pack, ids[1]}.Path());
     opened.SaveText(FileKind::Snapshot, R"({"time":"x"})");
     const ProgramResult result = Run(1, "check --read-data");
-    for (const std::string part : {"snapshots/", "/a", "/b: its size is 2 bytes, but its blobs have 1",
+    for (const std::string part : {"snapshots/", ": /a: ", "/b: its size is 2 bytes, but its blobs have 1",
                                    "/c: blob ", "the pack is missing"})
-        EXPECT_EQ(result.errors.find(part) != std::string::npos, part != "/a") << part << result.errors;
+        EXPECT_EQ(result.errors.find(part) != std::string::npos, part != ": /a: ") << part << result.errors;
     const ProgramResult listed = Run(3, "snapshots");
     EXPECT_TRUE(Holds(listed.output, "1 snapshots"));
     const ProgramResult dumped = Run(3, "dump latest /a");
