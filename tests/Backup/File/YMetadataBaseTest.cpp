@@ -12,8 +12,10 @@
 #include "testing/Raises.h"
 #include "testing/TemporaryDirectory.h"
 
+#include "Krt/JSON/Members.h"
 #include "Krt/JSON/YValue.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <sys/stat.h>
 #include <tuple>
@@ -64,6 +66,25 @@ YUnixFileMetadata FromFile(const std::string& path, JobPathMapper mapper)
     return YUnixFileMetadata(file, mapper);
 }
 
+// Each key of the record, at any depth, must be among the keys, with the form of its value.
+void ExpectListed(const YObject& record, const std::vector<Krt::JSON::MemberKey>& keys)
+{
+    using Krt::JSON::MemberForm;
+    for (const auto& [name, value] : record.Entries()) {
+        const auto key = std::find_if(keys.begin(), keys.end(),
+                                      [&](const auto& known) { return known.name == name.Bytes(); });
+        ASSERT_NE(key, keys.end()) << name;
+        EXPECT_EQ(value->IsObject(), key->form == MemberForm::Object) << name;
+        EXPECT_EQ(value->IsArray(), key->form == MemberForm::Array) << name;
+        if (value->IsObject())
+            ExpectListed(value->AsObject(), key->inner);
+        if (value->IsArray()) {
+            for (const auto& item : value->AsArray())
+                ExpectListed(item->AsObject(), key->inner);
+        }
+    }
+}
+
 } // namespace
 
 TEST(MetadataGolden, EveryRecordIsWrittenAsItWasRead)
@@ -81,6 +102,7 @@ TEST(MetadataGolden, EveryRecordIsWrittenAsItWasRead)
         EXPECT_EQ(text, "line " + document->Stringify(true).Bytes());
         EXPECT_EQ(Text(YMetadataBase::ConstructFromJson(document->AsObject(), mapper)->ToJSON()), golden);
         EXPECT_TRUE(mapper.Calls().empty());
+        ExpectListed(document->AsObject(), YMetadataBase::ListKeys());
     }
 }
 

@@ -1,5 +1,8 @@
 #include "Backup/File/Unix/YFile.h"
 
+#include "Krt/File/YDirectory.h"
+
+#include "testing/CallHook.h"
 #include "testing/Configuration.h"
 #include "testing/LogCapture.h"
 #include "testing/Printed.h"
@@ -17,6 +20,7 @@ namespace {
 using Backup::File::YFile;
 using Krt::ErrorCode;
 using Krt::MessageType;
+using Krt::YString;
 using Krt::File::YPath;
 namespace fs = std::filesystem;
 
@@ -72,6 +76,39 @@ TEST_F(YFileTest, OpensNothingButRegularFiles)
     }
     YFile link(YFile::OPEN_MODE_READ, At("link"), YFile::OPT_NONE);
     EXPECT_EQ(link.GetSymbolicLinkTarget(), "file");
+}
+
+TEST_F(YFileTest, EntryIsReadThroughItsDirectory)
+{
+    m_directory.MakeDirectory("old");
+    m_directory.Write("old/file", "content");
+    fs::create_symlink("target", m_directory / "old/link");
+    ASSERT_EQ(mkfifo((m_directory / "old/fifo").c_str(), 0600), 0);
+    const Krt::File::YDirectory directory = Krt::File::YDirectory::Open(At("old"));
+    fs::rename(m_directory / "old", m_directory / "new");
+    YFile file;
+    file.OpenEntry(directory, "file", At("old/file"));
+    char bytes[8];
+    EXPECT_EQ(file.Read(bytes, 8), 7u);
+    EXPECT_EQ(file.GetInode(), StatusOf("new/file").st_ino);
+    EXPECT_RAISES(file.GetSymbolicLinkTarget(), ErrorCode::InvalidState, "GetSymbolicLinkTarget", "");
+    Testing::CallHook unavailable([](const Testing::HookedCall& call) {
+        if (call.function.ends_with("listxattr"))
+            Testing::CallHook::Fail(ENOTSUP);
+    });
+    EXPECT_TRUE(file.ListExtendedAttributes().empty());
+    EXPECT_TRUE(file.GetExtendedAttributeMap().empty());
+    for (const YString name : {"link", "fifo"}) {
+        file.OpenEntry(directory, name, At("old/x"));
+        EXPECT_EQ(file.GetModeFlags(), StatusOf("new/" + name.Bytes()).st_mode);
+        EXPECT_FALSE(file.IsOpen());
+        EXPECT_TRUE(file.GetHandle().IsEmpty());
+    }
+    file.OpenEntry(directory, "link", At("old/link"));
+    EXPECT_EQ(file.GetSymbolicLinkTarget(), "target");
+    fs::remove(m_directory / "new/link");
+    EXPECT_EQ(Testing::OsErrorOf([&] { static_cast<void>(file.GetSymbolicLinkTarget()); }), ENOENT);
+    EXPECT_EQ(Testing::OsErrorOf([&] { file.OpenEntry(directory, "link", At("old/link")); }), ENOENT);
 }
 
 TEST_F(YFileTest, RefusesOtherModesAndSurvivesFailedOpens)
