@@ -4,6 +4,7 @@
 
 namespace Agent {
 
+using Krt::Thread::AnnotatedLock;
 using Repo::BlobType;
 using Repo::Id;
 
@@ -23,7 +24,7 @@ BlobReader::BlobReader(const Repo::Repository& repository, unsigned int threads)
 BlobReader::~BlobReader()
 {
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         m_isEnding = true;
     }
     m_wanted.notify_all();
@@ -40,7 +41,7 @@ void BlobReader::Read(const std::vector<Id>& ids, const std::function<void(Repo:
         return;
     }
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         m_ids = &ids;
         m_next = 0;
         m_taken = 0;
@@ -50,14 +51,14 @@ void BlobReader::Read(const std::vector<Id>& ids, const std::function<void(Repo:
     for (std::size_t i = 0; i < ids.size(); ++i) {
         Slot& slot = m_slots[i % m_slots.size()];
         {
-            std::unique_lock guard(m_mutex);
-            m_loaded.wait(guard, [&] { return slot.isLoaded; });
+            AnnotatedLock lock(m_mutex);
+            lock.Wait(m_loaded, [&] { return slot.isLoaded; });
         }
         if (slot.failure)
             std::rethrow_exception(slot.failure);
         take(slot.content);
         {
-            const std::lock_guard guard(m_mutex);
+            const AnnotatedLock lock(m_mutex);
             slot.isLoaded = false;
             m_taken = i + 1;
         }
@@ -67,9 +68,12 @@ void BlobReader::Read(const std::vector<Id>& ids, const std::function<void(Repo:
 
 void BlobReader::Stop()
 {
-    std::unique_lock guard(m_mutex);
+    AnnotatedLock lock(m_mutex);
     m_ids = nullptr;
-    m_loaded.wait(guard, [this] { return m_active == 0; });
+    lock.Wait(m_loaded, [this] {
+        m_mutex.AssertHeld();
+        return m_active == 0;
+    });
     for (Slot& slot : m_slots) {
         slot.isLoaded = false;
         slot.failure = nullptr;
@@ -83,21 +87,24 @@ bool BlobReader::HasWork() const
 
 void BlobReader::Work()
 {
-    std::unique_lock guard(m_mutex);
+    AnnotatedLock lock(m_mutex);
     for (;;) {
-        m_wanted.wait(guard, [this] { return m_isEnding || HasWork(); });
+        lock.Wait(m_wanted, [this] {
+            m_mutex.AssertHeld();
+            return m_isEnding || HasWork();
+        });
         if (m_isEnding)
             return;
         Slot& slot = m_slots[m_next % m_slots.size()];
         const Id id = (*m_ids)[m_next++];
         ++m_active;
-        guard.unlock();
+        lock.Unlock();
         try {
             m_repository.LoadBlob({BlobType::Data, id}, slot.content);
         } catch (...) {
             slot.failure = std::current_exception();
         }
-        guard.lock();
+        lock.Lock();
         slot.isLoaded = true;
         --m_active;
         m_loaded.notify_all();

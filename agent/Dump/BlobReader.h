@@ -3,10 +3,11 @@
 
 #include "agent/Repository/Repository.h"
 
+#include "Krt/Thread/ThreadSafety.h"
+
 #include <condition_variable>
 #include <exception>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -35,19 +36,19 @@ private:
     };
 
     void Work();
-    bool HasWork() const;
+    bool HasWork() const KRT_REQUIRES(m_mutex);
     void Stop();
 
     const Repo::Repository& m_repository;
     std::vector<Slot> m_slots; // blob i is in slot i modulo their number
-    std::mutex m_mutex;
+    Krt::Thread::AnnotatedMutex m_mutex;
     std::condition_variable m_wanted;
     std::condition_variable m_loaded;
-    const std::vector<Repo::Id>* m_ids = nullptr; // those of the call of Read
-    std::size_t m_next = 0;                       // to be loaded
-    std::size_t m_taken = 0;
-    unsigned int m_active = 0;
-    bool m_isEnding = false;
+    const std::vector<Repo::Id>* m_ids KRT_GUARDED_BY(m_mutex) = nullptr; // those of the call of Read
+    std::size_t m_next KRT_GUARDED_BY(m_mutex) = 0;                       // to be loaded
+    std::size_t m_taken KRT_GUARDED_BY(m_mutex) = 0;
+    unsigned int m_active KRT_GUARDED_BY(m_mutex) = 0; // slots that are being loaded
+    bool m_isEnding KRT_GUARDED_BY(m_mutex) = false;
     std::vector<std::thread> m_threads;
 };
 

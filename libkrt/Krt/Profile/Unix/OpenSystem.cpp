@@ -4,6 +4,7 @@
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/File.h"
 #include "Krt/File/Unix/Status.h"
+#include "Krt/Thread/ThreadSafety.h"
 
 #include <boost/make_shared.hpp>
 #include <boost/property_tree/ini_parser.hpp>
@@ -14,7 +15,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <mutex>
 #include <sstream>
 
 namespace Krt::Profile {
@@ -57,10 +57,10 @@ private:
 // later one is not kept.
 struct Cache
 {
-    std::mutex mutex;
-    std::string path;
-    FileStamp stamp;
-    boost::shared_ptr<YProfile> profile;
+    Thread::AnnotatedMutex mutex;
+    std::string path KRT_GUARDED_BY(mutex);
+    FileStamp stamp KRT_GUARDED_BY(mutex);
+    boost::shared_ptr<YProfile> profile KRT_GUARDED_BY(mutex);
 };
 
 Cache& TheCache()
@@ -122,7 +122,7 @@ const boost::shared_ptr<YProfile>& EmptyProfile()
 }
 
 // The file's state is read before its text, so that the next opening notices a change in between.
-boost::shared_ptr<YProfile> Load(Cache& cache, const std::string& path)
+boost::shared_ptr<YProfile> Load(Cache& cache, const std::string& path) KRT_REQUIRES(cache.mutex)
 {
     const auto file = Util::OpenHandle(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK);
     if (file.error == ENOENT)
@@ -165,7 +165,7 @@ boost::shared_ptr<YProfile> OpenSystem()
     if (error == ENOENT)
         return EmptyProfile();
     Cache& cache = TheCache();
-    const std::lock_guard lock(cache.mutex);
+    const Thread::AnnotatedLock lock(cache.mutex);
     if (error == 0 && cache.profile != nullptr && cache.path == path && FileStamp(status) == cache.stamp)
         return cache.profile;
     return Load(cache, path);
