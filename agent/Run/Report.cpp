@@ -1,11 +1,11 @@
 #include "agent/Run/Report.h"
 
-#include "agent/Repository/Json.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/JSON/YTextWriter.h"
 #include "Krt/Log/LogSite.h"
 
 #include <sys/stat.h>
@@ -50,7 +50,7 @@ void Report::Error(const YString& text, int exitCode)
     if (m_usesJson) {
         std::string json =
             R"({"message_type":"exit_error","code":)" + std::to_string(exitCode) + R"(,"message":)";
-        Repo::JsonWriter(json).String(text.Bytes());
+        Krt::JSON::YTextWriter(json).String(text.Bytes());
         JsonNote(json + "}");
         return;
     }
