@@ -243,17 +243,17 @@ std::set<YSelectionPathDescriptor> YSelectionManager::GetSelections(const YPath&
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
     std::set<YSelectionPathDescriptor> selections;
-    VisitRulesAbove(path, [&](const YPath& place, const YSelectionDescriptor& rule) {
+    VisitRulesAbove(path, [&](const YPath& rulePath, const YSelectionDescriptor& rule) {
         if (rule.IsRecursive())
-            selections.insert(YSelectionPathDescriptor(place, rule));
+            selections.insert(YSelectionPathDescriptor(rulePath, rule));
         return false;
     });
     VisitPathsAndDescriptors(
         path,
-        [&](const YPath& place, const YSelectionDescriptor& rule) {
+        [&](const YPath& rulePath, const YSelectionDescriptor& rule) {
             // If the path has no node, the walk starts above it.
-            if (path.IsEmpty() || place.IsChildOf(path, true))
-                selections.insert(YSelectionPathDescriptor(place, rule));
+            if (path.IsEmpty() || rulePath.IsChildOf(path, true))
+                selections.insert(YSelectionPathDescriptor(rulePath, rule));
             return false;
         },
         true);
@@ -327,17 +327,17 @@ void YSelectionManager::CopyDescriptorsFromPathInternal(const YSelectionManager&
     if (destinationPath.IsChildOf(sourcePath, false))
         KRT_RAISE(ErrorCode::InvalidArgument, "Cannot recursively copy descriptors from parent to child");
     const YPath sourceParent = sourcePath.GetParent();
-    source.VisitRulesAbove(sourcePath, [&](const YPath& place, const YSelectionDescriptor& rule) {
+    source.VisitRulesAbove(sourcePath, [&](const YPath& rulePath, const YSelectionDescriptor& rule) {
         if (copyExcludes || !rule.IsExclude())
-            AddCopyFromAbove(rule, place == sourceParent, sourcePath, destinationPath);
+            AddCopyFromAbove(rule, rulePath == sourceParent, sourcePath, destinationPath);
         return false;
     });
     source.VisitPathsAndDescriptors(
         sourcePath,
-        [&](const YPath& place, const YSelectionDescriptor& rule) {
+        [&](const YPath& rulePath, const YSelectionDescriptor& rule) {
             // If the path has no node, the walk starts above it.
-            if ((copyExcludes || !rule.IsExclude()) && place.IsChildOf(sourcePath, true))
-                Add(destinationPath.Append(place.RemoveLeading(sourcePath)), rule);
+            if ((copyExcludes || !rule.IsExclude()) && rulePath.IsChildOf(sourcePath, true))
+                Add(destinationPath.Append(rulePath.RemoveLeading(sourcePath)), rule);
             return false;
         },
         true);

@@ -23,8 +23,8 @@ bool IsExact(const YSelectionDescriptor& rule)
 
 struct YSelectionRules::Index
 {
-    // The indices of a rule in the lists.
-    struct Place
+    // The position of a rule in each list that contains it.
+    struct Positions
     {
         const Rule* rule;
         std::size_t inExact;  // if the rule is exact
@@ -45,9 +45,9 @@ struct YSelectionRules::Index
         return std::any_of(rules.begin(), rules.end(), [&](const Rule* rule) { return visitor(*rule); });
     }
 
-    using ByPattern = std::unordered_multimap<std::string_view, Place>;
+    using ByPattern = std::unordered_multimap<std::string_view, Positions>;
     ByPattern::iterator Find(const Rule& rule);
-    void TakeOut(Pointers& rules, std::size_t Place::*position, const Rule& rule);
+    void TakeOut(Pointers& rules, std::size_t Positions::*position, const Rule& rule);
     Pointers* ListOf(const Rule& rule);
 
     // All rules by their pattern, which is the name that an exact rule matches. The views are into the rules.
@@ -62,7 +62,7 @@ void YSelectionRules::Index::Add(const Rule& rule)
 {
     Pointers* const list = ListOf(rule);
     byPattern.emplace(rule.GetDescriptor().GetPattern().Bytes(),
-                      Place{&rule, exact.size(), list != nullptr ? list->size() : 0});
+                      Positions{&rule, exact.size(), list != nullptr ? list->size() : 0});
     if (list != nullptr)
         list->push_back(&rule);
     if (IsExact(rule))
@@ -76,7 +76,7 @@ YSelectionRules::Index::ByPattern::iterator YSelectionRules::Index::Find(const R
 }
 
 // The last rule of the list moves to the position of the removed one.
-void YSelectionRules::Index::TakeOut(Pointers& rules, std::size_t Place::*position, const Rule& rule)
+void YSelectionRules::Index::TakeOut(Pointers& rules, std::size_t Positions::*position, const Rule& rule)
 {
     const std::size_t freed = Find(rule)->second.*position;
     Find(*rules.back())->second.*position = freed;
@@ -97,9 +97,9 @@ YSelectionRules::Pointers* YSelectionRules::Index::ListOf(const Rule& rule)
 void YSelectionRules::Index::Remove(const Rule& rule)
 {
     if (IsExact(rule))
-        TakeOut(exact, &Place::inExact, rule);
+        TakeOut(exact, &Positions::inExact, rule);
     if (Pointers* const list = ListOf(rule))
-        TakeOut(*list, &Place::inOthers, rule);
+        TakeOut(*list, &Positions::inOthers, rule);
     byPattern.erase(Find(rule));
 }
 

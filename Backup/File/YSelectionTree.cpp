@@ -398,13 +398,13 @@ std::vector<Node::BranchIndex::Entry*> Node::BranchIndex::Range(const Order& ord
         return atEnd ? entry.pattern.ends_with(text) : entry.pattern.starts_with(text);
     };
     std::vector<Entry*> found;
-    auto place =
+    auto next =
         std::lower_bound(order.begin(), order.end(), text, [&](std::uint32_t a, std::string_view wanted) {
             return compare(m_entries[a].pattern, wanted) < 0;
         });
-    for (; place != order.end() && holds(m_entries[*place]); ++place) {
-        if (m_entries[*place].rule != nullptr)
-            found.push_back(&m_entries[*place]);
+    for (; next != order.end() && holds(m_entries[*next]); ++next) {
+        if (m_entries[*next].rule != nullptr)
+            found.push_back(&m_entries[*next]);
     }
     return found;
 }

@@ -39,9 +39,9 @@ public:
     void Erase(const Node& child)
     {
         // The key is in the child, which must outlive the entry.
-        const auto place = m_byName.find(child.m_name.Bytes());
-        const std::unique_ptr<Node> erased = std::move(place->second);
-        m_byName.erase(place);
+        const auto entry = m_byName.find(child.m_name.Bytes());
+        const std::unique_ptr<Node> erased = std::move(entry->second);
+        m_byName.erase(entry);
     }
     /// The number of children.
     std::size_t Count() const { return m_byName.size(); }

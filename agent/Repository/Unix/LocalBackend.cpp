@@ -89,21 +89,21 @@ bool MakeIfMissing(const YDirectory& parent, const YString& name, const Modes& m
     return true;
 }
 
-// The names of the directories that lead to a file, and its own.
-struct Place
+// The path of a file of the repository, split into names.
+struct SplitPath
 {
-    explicit Place(const FileName& file)
+    explicit SplitPath(const FileName& file)
     {
         const std::string path = file.Path();
         std::size_t begin = 0;
         for (std::size_t slash = path.find('/'); slash != path.npos; slash = path.find('/', begin)) {
-            way.emplace_back(std::string_view(path).substr(begin, slash - begin));
+            directories.emplace_back(std::string_view(path).substr(begin, slash - begin));
             begin = slash + 1;
         }
         name = YString(std::string_view(path).substr(begin));
     }
 
-    std::vector<YString> way;
+    std::vector<YString> directories;
     YString name;
 };
 
@@ -221,7 +221,8 @@ void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, st
     const std::optional<YDirectory> top = Named(At(m_path), [&]() -> std::optional<YDirectory> {
         if (!Krt::File::DoesFileExist(m_path.CStr()))
             return std::nullopt;
-        return OpenIfPresent(YDirectory::OpenFollowing(m_path.CStr()), Place({kind, {}}).way.front());
+        return OpenIfPresent(YDirectory::OpenFollowing(m_path.CStr()),
+                             SplitPath({kind, {}}).directories.front());
     });
     for (int byte = 0; top && byte < (isPack ? PackDirectories : 1); ++byte) {
         const std::vector<ListedFile> files = Named(At(m_path), [&] {
@@ -239,18 +240,18 @@ void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, st
 void LocalBackend::Save(const FileName& file, ByteView content)
 {
     Named(At(file), [&] {
-        const Place place(file);
+        const SplitPath path(file);
         Modes modes;
         YDirectory directory = YDirectory::OpenFollowing(m_path.CStr());
         struct stat config;
         if (directory.StatIfPresent("config", config) && (config.st_mode & S_IRGRP) != 0)
             modes = {0770, 0440};
-        for (const YString& name : place.way) {
+        for (const YString& name : path.directories) {
             if (MakeIfMissing(directory, name, modes))
                 Krt::File::Sync(directory.GetHandle());
             directory = directory.OpenDirectory(name);
         }
-        const YString temporary = TemporaryName(place.name);
+        const YString temporary = TemporaryName(path.name);
         Krt::Util::YUnxHandle handle = directory.CreateFile(temporary);
         try {
             if (!content.empty())
@@ -258,7 +259,7 @@ void LocalBackend::Save(const FileName& file, ByteView content)
             KRT_SYSCALL(fchmod(handle.Get(), modes.file), "Failed to set the mode of the file");
             Krt::File::Sync(handle);
             Krt::Util::CloseWritten(handle);
-            directory.Rename(temporary, directory, place.name);
+            directory.Rename(temporary, directory, path.name);
         } catch (...) {
             handle.Close();
             directory.RemoveFile(temporary);
@@ -271,15 +272,15 @@ void LocalBackend::Save(const FileName& file, ByteView content)
 void LocalBackend::Remove(const FileName& file)
 {
     Named(At(file), [&] {
-        const Place place(file);
+        const SplitPath path(file);
         YDirectory directory = YDirectory::OpenFollowing(m_path.CStr());
-        for (const YString& name : place.way) {
+        for (const YString& name : path.directories) {
             std::optional<YDirectory> next = OpenIfPresent(directory, name);
             if (!next)
                 return;
             directory = std::move(*next);
         }
-        directory.RemoveFile(place.name);
+        directory.RemoveFile(path.name);
     });
 }
 

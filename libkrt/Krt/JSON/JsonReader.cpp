@@ -90,7 +90,7 @@ public:
 
 private:
     // A container whose end has not been parsed yet.
-    struct Level
+    struct Container
     {
         YArray array;
         YObject object;
@@ -103,7 +103,7 @@ private:
     bool Open(bool isArray);
     template <class T, class Content>
     bool Add(Content&& content);
-    [[gnu::noinline]] bool RequireNewKey(Level& level, Code& error);
+    [[gnu::noinline]] bool RequireNewKey(Container& container, Code& error);
     bool AddPart(Text part);
     std::string_view Whole(Text last);
     bool Refuse(const char* reason, Text number, Code& error);
@@ -112,7 +112,7 @@ private:
     const YValue::DuplicateKeys m_duplicates;
     const bool m_mayHoldBytes; // the same for all strings of a document
     boost::shared_ptr<YValue> m_root;
-    boost::container::small_vector<Level, 8> m_open;
+    boost::container::small_vector<Container, 8> m_open;
     std::string m_parts; // of a string with escapes
     const char* m_refusal = nullptr;
     const YString* m_refusedKey = nullptr;
@@ -141,10 +141,10 @@ bool JsonBuilder::Refuse(const char* reason, Text number, Code& error)
 
 bool JsonBuilder::Open(bool isArray)
 {
-    Level& level = m_open.emplace_back();
-    level.isArray = isArray;
+    Container& container = m_open.emplace_back();
+    container.isArray = isArray;
     if (m_open.size() == 1)
-        level.object.Reserve(isArray ? 0 : RootMembers);
+        container.object.Reserve(isArray ? 0 : RootMembers);
     return true;
 }
 
@@ -186,8 +186,8 @@ bool JsonBuilder::on_array_end(std::size_t, Code&)
 
 bool JsonBuilder::on_object_end(std::size_t, Code&)
 {
-    Level& level = m_open.back();
-    YObject object = level.hasNull ? WithoutNull(level.object) : std::move(level.object);
+    Container& container = m_open.back();
+    YObject object = container.hasNull ? WithoutNull(container.object) : std::move(container.object);
     m_open.pop_back();
     return Add<YObject>(std::move(object));
 }
@@ -196,20 +196,21 @@ bool JsonBuilder::on_key(Text last, std::size_t, Code& error)
 {
     std::string_view key = Whole(last);
     key = key.substr(0, key.find_last_not_of('\0') + 1); // as a YString does
-    Level& level = m_open.back();
-    level.slot = &level.object.Slot(key);
+    Container& container = m_open.back();
+    container.slot = &container.object.Slot(key);
     m_parts.clear();
-    return m_duplicates == YValue::DuplicateKeys::TakeLast || RequireNewKey(level, error);
+    return m_duplicates == YValue::DuplicateKeys::TakeLast || RequireNewKey(container, error);
 }
 
-// Called after each key of the level: there are as many keys as members until a key is repeated.
-bool JsonBuilder::RequireNewKey(Level& level, Code& error)
+// Called after each key of the object. There are as many keys as members until a key is repeated.
+bool JsonBuilder::RequireNewKey(Container& container, Code& error)
 {
-    const std::vector<YObject::Entry>& entries = level.object.Entries();
-    if (++level.keys == entries.size())
+    const std::vector<YObject::Entry>& entries = container.object.Entries();
+    if (++container.keys == entries.size())
         return true;
-    const auto twice = std::find_if(entries.begin(), entries.end(),
-                                    [&](const YObject::Entry& entry) { return &entry.second == level.slot; });
+    const auto twice = std::find_if(entries.begin(), entries.end(), [&](const YObject::Entry& entry) {
+        return &entry.second == container.slot;
+    });
     m_refusedKey = &twice->first;
     return Refuse("duplicate key", Text(), error);
 }

@@ -175,7 +175,7 @@ public:
     void Write(const YValue* root);
 
 private:
-    struct Level
+    struct Container
     {
         bool isArray;
         bool isEmpty; // so far
@@ -187,24 +187,24 @@ private:
     // Writes a scalar, or the beginning of a container.
     void Begin(const YValue* value);
     // Writes what precedes the next value, and returns that value.
-    const YValue* NextMember(Level& level);
+    const YValue* NextMember(Container& container);
     void End();
     void BreakLine();
 
     TextBuffer m_out;
     const bool m_compact;
-    boost::container::small_vector<Level, 16> m_open;
+    boost::container::small_vector<Container, 16> m_open;
 };
 
 void Writer::Write(const YValue* root)
 {
     Begin(root);
     while (!m_open.empty()) {
-        Level& level = m_open.back();
-        if (level.left == 0)
+        Container& container = m_open.back();
+        if (container.left == 0)
             End();
         else
-            Begin(NextMember(level));
+            Begin(NextMember(container));
     }
 }
 
@@ -229,16 +229,16 @@ void Writer::Begin(const YValue* value)
     }
 }
 
-const YValue* Writer::NextMember(Level& level)
+const YValue* Writer::NextMember(Container& container)
 {
-    if (!level.isEmpty)
+    if (!container.isEmpty)
         m_out.Append(',');
-    level.isEmpty = false;
+    container.isEmpty = false;
     BreakLine();
-    --level.left;
-    if (level.isArray)
-        return (level.element++)->get();
-    const YObject::Entry& entry = *level.member++;
+    --container.left;
+    if (container.isArray)
+        return (container.element++)->get();
+    const YObject::Entry& entry = *container.member++;
     WriteString(m_out, entry.first.Bytes());
     m_out.Append(':');
     if (!m_compact)
@@ -248,11 +248,11 @@ const YValue* Writer::NextMember(Level& level)
 
 void Writer::End()
 {
-    const Level level = m_open.back();
+    const Container container = m_open.back();
     m_open.pop_back();
-    if (!level.isEmpty)
+    if (!container.isEmpty)
         BreakLine();
-    m_out.Append(level.isArray ? ']' : '}');
+    m_out.Append(container.isArray ? ']' : '}');
 }
 
 void Writer::BreakLine()

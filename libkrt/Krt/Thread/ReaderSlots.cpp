@@ -38,19 +38,19 @@ void ReaderSlots::Reserve()
         return;
     DestroyAtThreadExit();
     std::size_t needed = SpareSlots;
-    for (std::size_t place = 0; place < oldSize; ++place)
-        needed += IsNeeded(m_table[place]);
+    for (std::size_t i = 0; i < oldSize; ++i)
+        needed += IsNeeded(m_table[i]);
     const std::size_t newSize = std::bit_ceil(4 * needed);
     ReaderSlot** const oldTable = std::exchange(
         m_table, new ReaderSlot* [newSize] {});
     m_last = nullptr;
     m_mask = newSize - 1;
     m_count = 0;
-    for (std::size_t place = 0; place < oldSize; ++place) {
-        if (IsNeeded(oldTable[place]))
-            Insert(oldTable[place]);
+    for (std::size_t i = 0; i < oldSize; ++i) {
+        if (IsNeeded(oldTable[i]))
+            Insert(oldTable[i]);
         else
-            delete oldTable[place];
+            delete oldTable[i];
     }
     delete[] oldTable;
 }
@@ -72,8 +72,8 @@ void ReaderSlots::DestroyAtThreadExit()
 void ReaderSlots::Destroy(void* slots)
 {
     const ReaderSlots old = std::exchange(*static_cast<ReaderSlots*>(slots), ReaderSlots());
-    for (std::size_t place = 0; old.m_table != nullptr && place <= old.m_mask; ++place) {
-        if (ReaderSlot* const slot = old.m_table[place]; slot != nullptr && !slot->HasLevels())
+    for (std::size_t i = 0; old.m_table != nullptr && i <= old.m_mask; ++i) {
+        if (ReaderSlot* const slot = old.m_table[i]; slot != nullptr && !slot->HasLevels())
             delete slot; // what the thread still holds stays locked for ever
     }
     delete[] old.m_table;

@@ -103,11 +103,11 @@ private:
     // The index of the lock's slot, or the free index for it.
     std::size_t Locate(const YReadWriteMutexInternal* lock) const noexcept
     {
-        std::size_t place =
+        std::size_t index =
             (reinterpret_cast<std::uintptr_t>(lock) >> 4) * 0x9E3779B97F4A7C15u >> 32 & m_mask;
-        while (m_table[place] != nullptr && m_table[place]->address != lock)
-            place = (place + 1) & m_mask;
-        return place;
+        while (m_table[index] != nullptr && m_table[index]->address != lock)
+            index = (index + 1) & m_mask;
+        return index;
     }
     void DestroyAtThreadExit();
     static void Destroy(void* slots);
