@@ -18,7 +18,7 @@ if(APPLE)
 endif()
 set(KRT_PRIVATE_HEADERS
   Environment/Unix/ Exception/Unix/ File/Unix/ JSON/FreeListAllocator.h JSON/YValue.inl Log/YLogContext.h
-  Thread/Unix/NativeThread.h Volume/Unix/)
+  String/Utf8.h Thread/Unix/NativeThread.h Volume/Unix/)
 function(backup_install_headers root folder)
   file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${root}" "${root}/${folder}/*.h" "${root}/${folder}/*.inl")
   foreach(private IN LISTS ARGN)

@@ -1,5 +1,7 @@
 #include "Krt/String/Printable.h"
 
+#include "Krt/String/Utf8.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -7,37 +9,6 @@
 namespace Krt::String {
 
 namespace {
-
-struct Character
-{
-    char32_t code;
-    std::size_t size; // 0: the byte is not part of valid UTF-8
-};
-
-Character Decode(std::string_view text)
-{
-    const auto byte = [&](std::size_t i) {
-        return static_cast<unsigned char>(text[i]);
-    };
-    if (byte(0) < 0x80)
-        return {byte(0), 1};
-    const std::size_t size = byte(0) < 0xC2   ? 0
-                             : byte(0) < 0xE0 ? 2
-                             : byte(0) < 0xF0 ? 3
-                             : byte(0) < 0xF5 ? 4
-                                              : 0;
-    if (size == 0 || text.size() < size)
-        return {0, 0};
-    char32_t code = byte(0) & (0x7Fu >> size);
-    for (std::size_t i = 1; i < size; ++i) {
-        if ((byte(i) & 0xC0) != 0x80)
-            return {0, 0};
-        code = code << 6 | (byte(i) & 0x3Fu);
-    }
-    static constexpr std::array<char32_t, 5> Smallest{0, 0, 0x80, 0x800, 0x10000};
-    const bool valid = code >= Smallest[size] && code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);
-    return {code, valid ? size : 0};
-}
 
 struct Range
 {
@@ -125,7 +96,7 @@ void AppendPrintable(std::string& out, std::string_view text)
         text.remove_prefix(plain);
         if (text.empty())
             return;
-        const Character character = Decode(text);
+        const Utf8Character character = DecodeUtf8(text);
         if (character.size == 0)
             AppendEscape("\\x%02x", static_cast<unsigned char>(text[0]), out);
         else if (character.code != '\\' && IsPrintable(character.code))
@@ -148,7 +119,7 @@ void AppendPrintableJson(std::string& out, std::string_view json)
         json.remove_prefix(plain);
         if (json.empty())
             return;
-        const Character character = Decode(json);
+        const Utf8Character character = DecodeUtf8(json);
         const std::size_t size = character.size == 0 ? 1 : character.size;
         if (character.size == 1 && character.code < 0x20)
             out += ' ';
