@@ -120,9 +120,9 @@ std::string ReadJobFile(const std::string& jobFile)
 {
     constexpr std::size_t MostMebibytes = 512;
     const EndingOnInterrupts ending; // a named pipe may never have a writer
-    const auto file = KRT_OS_VALUE(Krt::Util::OpenHandle(jobFile.c_str(), O_RDONLY | O_NOCTTY),
-                                   "Can't read the job file " << jobFile.c_str());
-    auto text = Krt::File::ReadWholeFile(file, MostMebibytes << 20);
+    const auto file = Krt::Util::OpenHandle(jobFile.c_str(), O_RDONLY | O_NOCTTY);
+    auto text = file ? Krt::File::ReadWholeFile(file.value, MostMebibytes << 20)
+                     : Krt::Util::OsResult<std::string>{{}, file.error};
     KRT_RAISE_UNLESS(text.error != EFBIG, Krt::ErrorCode::InvalidArgument,
                      "The job file " << jobFile.c_str() << " is larger than " << MostMebibytes << " MiB");
     return KRT_OS_VALUE(std::move(text), "Can't read the job file " << jobFile.c_str());
