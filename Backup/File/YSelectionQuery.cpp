@@ -1,5 +1,5 @@
 // What a selection tree answers about paths, and the walks through it.
-// Errors of all sources of YSelectionManager report one path.
+// An error names the source file of its class, and these are functions of YSelectionManager and its nodes.
 #define KRT_SOURCE_FILE "Backup/File/YSelectionManager.cpp"
 
 #include "Backup/File/YSelectionTree.h"
