@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# bench/run.sh [--quick]: measures the library and its peers and prints, a line each, what bench/bounds promises:
-# what, today's figure, the bound, and whether it is met. --quick takes small inputs, so that its figures tell
-# little. All figures stay in build/bench/rows.
+# bench/run.sh [--quick]: measures the library and its peers and prints a line for each row of bench/bounds:
+# its name, the figure, the bound, and whether it is met. --quick uses small inputs, so its figures are not
+# comparable with the bounds. build/bench/rows contains all figures.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

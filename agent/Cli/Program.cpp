@@ -303,7 +303,7 @@ int Fail(Report& report, int exitCode, const Krt::YString& text)
 }
 
 // Runs the program and reports what ended it.
-int RunAndTell(int argc, char** argv, Report& report)
+int RunAndReport(int argc, char** argv, Report& report)
 {
     try {
         const Krt::Util::YScope atEnd([] { Backup::DestroyGlobal(); });
@@ -331,7 +331,7 @@ int Run(int argc, char** argv)
     CatchInterrupts();
     Report report;
     try {
-        const int exitCode = RunAndTell(argc, argv, report);
+        const int exitCode = RunAndReport(argc, argv, report);
         KRT_LOG_FREE(Krt::MessageType::General, "End: exit code " << exitCode);
         WarnOfLostMessages(report);
         return exitCode;

@@ -69,7 +69,7 @@ void Report::ShowProgress(unsigned long long entries, unsigned long long bytes)
     const std::string text = "\r\033[K" + std::to_string(entries) + " entries, " + ShortSize(bytes) + ", " +
                              ShortSize(rate) + "/s";
     std::fputs(text.c_str(), stderr);
-    m_lineStands = true;
+    m_isProgressShown = true;
 }
 
 void Report::Summary(const std::string& done, const std::string& text)
@@ -92,7 +92,7 @@ void Report::Summary(const std::string& done, const std::string& text)
 void Report::EraseLine()
 {
     std::fputs("\r\033[K", stderr);
-    m_lineStands = false;
+    m_isProgressShown = false;
 }
 
 void Report::Line(const std::string& text)

@@ -89,7 +89,7 @@ private:
     void ShowProgress(unsigned long long entries, unsigned long long bytes);
     void EraseProgress()
     {
-        if (m_lineStands)
+        if (m_isProgressShown)
             EraseLine();
     }
     void EraseLine();
@@ -101,7 +101,7 @@ private:
     bool m_usesJson = false;
     bool m_isSummaryLost = false;
     bool m_showsProgress;
-    bool m_lineStands = false; // a line of progress is on the terminal
+    bool m_isProgressShown = false; // on the last line of the terminal
     std::chrono::steady_clock::time_point m_start;
     std::chrono::steady_clock::time_point m_shown;
 };

@@ -105,7 +105,7 @@ TEST(RecordReader, DamagedLineIsSkipped)
     Check({
         {"words", "{}\ngarbage\n{}", "1 {} | 2: " + syntax + "0 | 3 {}"},
         {"other values", "null\n[1]\n\"{\"\n{}",
-         "1: Invalid JSON text: null that is no member of an object at offset 0 | 2: " + notAnObject +
+         "1: Invalid JSON text: null that is not a member of an object at offset 0 | 2: " + notAnObject +
              " | 3: " + notAnObject + " | 4 {}"},
         {"cut off in the first line", "{\"a\":\"b\n{}", "1: " + cut + "7 | 2 {}"},
         {"brackets that don't match", "{\"a\":[1}\n{}", "1: " + syntax + "7 | 2 {}"},

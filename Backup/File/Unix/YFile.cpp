@@ -99,8 +99,7 @@ void YFile::Start(OPEN_MODE mode, const YPath& path, OPTIONS options)
     InitializeMembers();
     m_openMode = mode;
     m_options = options;
-    if (&path != &m_path)
-        m_path = path;
+    m_path = path;
 }
 
 void YFile::Open(OPEN_MODE mode, const YPath& path, OPTIONS options)

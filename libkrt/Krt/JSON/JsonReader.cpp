@@ -241,7 +241,7 @@ bool JsonBuilder::on_double(double, Text text, Code& error)
 bool JsonBuilder::on_null(Code& error)
 {
     if (m_open.empty() || m_open.back().isArray)
-        return Refuse("null that is no member of an object", Text(), error);
+        return Refuse("null that is not a member of an object", Text(), error);
     // The null may replace an earlier member with the same key. WithoutNull removes the key at the end.
     m_open.back().hasNull = true;
     m_open.back().slot->reset();

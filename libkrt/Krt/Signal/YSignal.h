@@ -153,8 +153,8 @@ YSlot YSignal<void(Args...), Combiner, Function>::Connect(Function function,
     return YSlot(slot);
 }
 
-// The entries are asked and not promoted: giving back what turned out to be the last reference would run
-// a foreign destructor under the lock.
+// Only checks the references and locks none: releasing the last reference to an object would run its
+// destructor, which may do anything, with the lock held.
 template <class... Args, class Combiner, class Function>
 void YSignal<void(Args...), Combiner, Function>::RemoveExpired() const
 {
@@ -165,7 +165,7 @@ void YSignal<void(Args...), Combiner, Function>::RemoveExpired() const
 template <class... Args, class Combiner, class Function>
 void YSignal<void(Args...), Combiner, Function>::operator()(Args... args) const
 {
-    std::list<Call> calls; // declared first: what it keeps alive goes without the lock
+    std::list<Call> calls; // declared first, so that what it owns is destroyed after the lock is released
     Thread::YMutex::YLock lock = Context::GetMutex();
     RemoveExpired();
     for (const Connection& entry : m_connections)
@@ -181,7 +181,7 @@ void YSignal<void(Args...), Combiner, Function>::operator()(Args... args) const
             combiner.Note();
         } catch (const YSlotExpired&) {
         }
-        call.heldOwner.reset(); // now, and without the lock: later entries may have the same owner
+        call.heldOwner.reset(); // while the lock is released
     }
 }
 

@@ -47,7 +47,7 @@ TEST(JsonText, RoundTripKeepsText)
     };
     for (const auto& row : rows)
         EXPECT_EQ(YValue::Parse(row.text)->Stringify(true).Bytes(), row.compact) << row.name;
-    // What no text gives: values that aren't there.
+    // Missing values, which no text results in.
     EXPECT_EQ(YValue::FromArray(Krt::JSON::YArray(2)).Stringify(true).Bytes(), "[null,null]");
 }
 
@@ -79,7 +79,7 @@ TEST(JsonText, InvalidTextRaisesOffset)
         {"nothing", "", "incomplete JSON", 0},
         {"open array", "[1", "incomplete JSON", 2},
         {"second value", "1 2", "extra data", 2},
-        {"NUL behind", std::string("1\0", 2), "extra data", 1},
+        {"NUL after the value", std::string("1\0", 2), "extra data", 1},
         {"byte order mark", "\xEF\xBB\xBF{}", "syntax error", 0},
         {"comma at the end", "[1,]", "syntax error", 3},
         {"comment", "[/**/]", "syntax error", 1},
@@ -92,8 +92,8 @@ TEST(JsonText, InvalidTextRaisesOffset)
         {"exponent", "[7, 1e+400]", "number with a fraction or an exponent", 4},
         {"65 bits", "[18446744073709551616]", "number above 64 bits", 1},
         {"many digits", "[" + std::string(400, '9') + "]", "number above 64 bits", 1},
-        {"null alone", "null", "null that is no member of an object", 0},
-        {"null element", "[1, null, 2]", "null that is no member of an object", 4},
+        {"null alone", "null", "null that is not a member of an object", 0},
+        {"null element", "[1, null, 2]", "null that is not a member of an object", 4},
         {"too deep", Deepest + "{", "too deep", 64},
         {"far too deep", "{\"a\":" + std::string(1000000, '['), "too deep", 5 + 63},
     };
@@ -119,7 +119,7 @@ TEST(JsonText, InvalidUtf8IsKept)
         {"above the range", "\uF000", "\"\uF000\""},
         {"edges of validity", "\u0080\u0800\uD7FF\uE000\U00010000\U0010FFFF",
          "\"\u0080\u0800\uD7FF\uE000\U00010000\U0010FFFF\""},
-        {"behind eight clean bytes",
+        {"after eight clean bytes",
          "01234567\xFE"
          "01234567\"",
          "\"01234567\uEFFE"

@@ -67,7 +67,7 @@ bool CommandLineNames(const std::string& process, std::string_view name, int cou
 
 // The kernel's name is that of the main thread, at first the file name of the program or script as it was
 // called. It may be cut, and the process can change it.
-bool BearsName(const std::string& process, std::string_view name)
+bool HasName(const std::string& process, std::string_view name)
 {
     // "ID (NAME) STATE ...", where the name may contain blanks and parentheses.
     const std::string status = ReadFact(process, "stat");
@@ -105,7 +105,7 @@ int FindProcess(const YString& name, int except)
         const std::string& process = entry.name.Bytes();
         int id = 0;
         const auto [end, error] = std::from_chars(process.data(), process.data() + process.size(), id);
-        if (error == std::errc() && *end == '\0' && id != except && BearsName(process, name.Bytes()))
+        if (error == std::errc() && *end == '\0' && id != except && HasName(process, name.Bytes()))
             found = id;
         return found == 0;
     });

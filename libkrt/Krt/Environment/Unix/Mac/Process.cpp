@@ -15,7 +15,7 @@ namespace Krt::Environment {
 
 namespace {
 
-bool BearsName(int process, std::string_view name)
+bool HasName(int process, std::string_view name)
 {
     char text[PROC_PIDPATHINFO_MAXSIZE];
     int size = proc_pidpath(process, text, sizeof text);
@@ -61,7 +61,7 @@ int FindProcess(const YString& name, int except)
                     "Failed to list the processes");
     processes.resize(static_cast<std::size_t>(count));
     for (const int process : processes) {
-        if (process != except && BearsName(process, name.Bytes()))
+        if (process != except && HasName(process, name.Bytes()))
             return process;
     }
     return 0;
