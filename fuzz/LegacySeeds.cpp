@@ -27,7 +27,7 @@ Testing::LegacyUnixHeader UnixDirectory()
     header.attributes = 0x10;
     header.modeFlags = 0040755;
     header.names = "/home/\xC3\xA4\0"s;
-    header.behind = Testing::LegacyAttributeRecord("n\xFF", "v") + "\x08\0"s;
+    header.trailing = Testing::LegacyAttributeRecord("n\xFF", "v") + "\x08\0"s;
     return header;
 }
 

@@ -104,7 +104,7 @@ void CheckReading(const YString& string, const Case& c)
     if (at < c.text.size())
         Expect(&string.At(c.start) == string.CStr() + at, "At");
     else
-        Expect(Fuzz::Raises([&] { string.At(c.start); }), "At behind the end");
+        Expect(Fuzz::Raises([&] { string.At(c.start); }), "At after the end");
     const unsigned int length = Model::Length(c.other);
     Expect(string.EndsWith(other, c.caseSensitive) ==
                (length <= Model::Length(c.text) &&
@@ -123,7 +123,7 @@ void CheckChanges(const YString& string, const Case& c)
         const auto replace = [&] {
             count = copy.Replace(from, to, c.start, c.count, c.caseSensitive);
         };
-        Expect(Fuzz::Raises(replace) == raises, "Replace raises behind the end");
+        Expect(Fuzz::Raises(replace) == raises, "Replace raises after the end");
     });
     Expect(replaced == (raises || *from == '\0' ? c.text
                                                 : Model::Replaced(c.text, from, to, c.start, c.count,

@@ -47,7 +47,7 @@ std::string LegacyUnixHeader::Bytes() const
     out += names;
     for (const auto& [name, value] : extendedAttributes)
         out += LegacyAttributeRecord(name, value);
-    return out + behind;
+    return out + trailing;
 }
 
 std::string LegacyWindowsHeader::Bytes() const

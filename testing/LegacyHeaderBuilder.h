@@ -27,7 +27,7 @@ struct LegacyUnixHeader
     std::uint8_t isSymlink = 0;
     std::string names; ///< the bytes of the name list, NUL bytes included
     std::vector<std::pair<std::string, std::string>> extendedAttributes;
-    std::string behind;                            ///< bytes that follow the attributes
+    std::string trailing;                          ///< bytes that follow the attributes
     std::optional<std::uint32_t> endOfNames;       ///< where the names end, if wrong
     std::optional<std::uint32_t> attributesOffset; ///< where they begin, if wrong
 

@@ -1,5 +1,5 @@
-// The system calls that each entry of a walk costs. A call more on the path of every file is a tenth of its
-// time, and is seen here whatever the machine does besides.
+// The number of system calls for each entry of a walk. One more call for each file costs a tenth of its time.
+// The number does not depend on the load of the machine.
 #include "testing/Capture.h"
 #include "testing/SystemCalls.h"
 #include "testing/TemporaryDirectory.h"

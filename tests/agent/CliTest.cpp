@@ -170,7 +170,7 @@ TEST_F(Cli, LogOrConfigurationWithoutEffectCausesWarning)
     setenv("KBAGENT_CONFIG", directory.Write("stray.conf", "debugOutput=FileIo\n[configuration]\n").c_str(),
            1);
     const std::string full = directory.Write("full", "");
-    // Far above the size of what a coverage build writes at its end.
+    // Far above the size of the files that a coverage build writes at its end.
     constexpr std::size_t most = 1 << 30;
     std::filesystem::resize_file(full, most);
     const auto limitFiles = [] {

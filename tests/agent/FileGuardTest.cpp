@@ -1,5 +1,5 @@
-// The rules for paths on which no other user may decide: those to root's configuration, job file and log, and
-// those to the target of a restore.
+// The rules for paths that other users must not be able to change: root's configuration, job file and log,
+// and the target of a restore.
 #include "agent/Run/FileGuard.h"
 #include "agent/Restore/Target.h"
 
@@ -60,7 +60,7 @@ protected:
                    GiveAccessList(directory / "listed", "access");
     }
 
-    // Why what is used at the path is refused, with paths below the directory; nothing if it isn't.
+    // The reason for which the path is refused, with paths below the directory; nothing if it is accepted.
     template <class Use>
     std::string Reason(const std::string& what, const std::string& name, Use use) const
     {

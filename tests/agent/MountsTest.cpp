@@ -157,13 +157,14 @@ TEST(OddMounts, RulesBelowAMountThatIsNotEnteredNeedAStartOfTheirOwn)
         Walk walk(space);
         writeJob("include " + deep + " recursive any explicit");
         walk.Run(0, "", {"--job", space / "job"});
-        EXPECT_TRUE(walk.Stored(file)) << "nobody asks about mounts above a start";
+        EXPECT_TRUE(walk.Stored(file)) << "mounts above a start are not checked";
         writeJob("include " + tree + " any; include " + deep + " recursive any explicit");
         EXPECT_TRUE(Holds(walk.Run(0, "", {"--job", space / "job"}).errors, "mount point not entered: "));
         EXPECT_FALSE(walk.Stored(file)) << "the rule above is the only start";
         walk.Run(0, "", {"--job", space / "job", deep});
         EXPECT_TRUE(walk.Stored(file));
-        // What the rules leave out is not asked about, so not reported; a bind on one device is no mount.
+        // Excluded mounts are not checked and so not reported. A bind mount on the same device is not a mount
+        // point.
         MountNamespace::Write(tree + "/real/file", "x");
         space.Bind(tree + "/real", tree + "/bound");
         writeJob("include " + tree + " recursive any; exclude " + tree + " exact=mount");
@@ -215,7 +216,7 @@ TEST(OddMounts, ASubvolumeIsABoundaryThatNoTableLists)
         EXPECT_EQ(manager.GetVolumeByUniquePath(Path(disk))->GetGuidPath().Bytes(), device);
         EXPECT_EQ(manager.GetVolumeList(0xFFFFFFFF, false).count(Path(subvolume)), 0u);
 
-        // With a mount of its own it is a volume like any other, at its place or elsewhere.
+        // With a mount of its own it is a volume like any other, wherever it is mounted.
         space.Bind(subvolume, subvolume);
         walk.Run(0, "", {tree});
         EXPECT_TRUE(walk.Stored(subvolume) && walk.Stored(inside));

@@ -67,7 +67,7 @@ struct Change
     const char* function;
     const char* name;
     const char* commands;
-    const char* stored; // of the file or the directory that is struck
+    const char* stored; // of the file or the directory that is changed
     const char* reported;
 };
 

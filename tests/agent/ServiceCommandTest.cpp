@@ -47,7 +47,7 @@ TEST_F(ServiceCommandTest, LifeOfAService)
         active = command[1] == "start" || command[1] == "restart" || (active && command[1] != "stop");
         return command[1] == "is-active" && !active ? 3 : 0;
     };
-    std::signal(SIGCHLD, SIG_IGN); // as a starter may have done, which would hide how children end
+    std::signal(SIGCHLD, SIG_IGN); // as inherited from a parent; it would hide the exit status of children
     EXPECT_EQ(Run({"status", "kb"}), "4 kb: not installed\n");
     EXPECT_EQ(std::signal(SIGCHLD, SIG_DFL), SIG_DFL);
     EXPECT_EQ(Run({"delete", "kb"}), "1 kbagent: error: Service kb is not installed\n");
@@ -106,8 +106,7 @@ TEST_F(ServiceCommandTest, AnInterruptEndsTheWait)
 
 } // namespace
 
-// The program is linked with these in place of the library's. Its manager is the test's, of which it owns
-// none.
+// The program is linked with these in place of the library's. It gets the test's manager, without owning it.
 std::unique_ptr<Backup::Util::IServiceManager> Backup::Util::CreateServiceManager()
 {
     return s_services->MakeManager();

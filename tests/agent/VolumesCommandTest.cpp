@@ -75,7 +75,7 @@ TEST(VolumesCommand, GivesUpOnADeadServerAndOnWhatIsMountedBelow)
         const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
         if (device < 0)
             throw Testing::Unavailable("/dev/fuse can't be opened");
-        // Over the way to the other one lies a file system whose server never answers.
+        // A file system whose server never answers is mounted over the parent directory of the other one.
         space.Mount("memory", space / "dead/below", "tmpfs");
         space.Mount("silent", space / "dead", "fuse", 0,
                     "fd=" + std::to_string(device) + ",rootmode=40000,user_id=0,group_id=0");
@@ -87,7 +87,7 @@ TEST(VolumesCommand, GivesUpOnADeadServerAndOnWhatIsMountedBelow)
             }
         }
         EXPECT_EQ(found, 2u);
-        close(device); // who still waits then gets an error
+        close(device); // calls that still wait then fail
     });
 }
 
@@ -117,7 +117,7 @@ TEST(VolumesCommand, PrintsATableAndADocument)
 {
     const Testing::ProgramResult text = Testing::RunProgram({"volumes"});
     const Testing::ProgramResult json = Testing::RunProgram({"volumes", "--json"});
-    // On some machines a mount of another user can't be asked.
+    // On some machines the mount of another user can't be examined.
     EXPECT_EQ(text.exitCode, text.errors.empty() ? 0 : 3) << text.errors;
     const auto document = Krt::JSON::YValue::Parse(json.output);
     const auto& volumes = document->AsObject().Get<Krt::JSON::YArray>("volumes", Krt::MessageType::General);

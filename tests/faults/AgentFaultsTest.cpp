@@ -133,7 +133,7 @@ TEST_F(AgentFaults, BackupIntoExistingStore)
 
 TEST_F(AgentFaults, Restore)
 {
-    // Not everybody may make a device or such an attribute, and not everywhere.
+    // Not every user may create a device or such an attribute, nor every file system store it.
     MakeTree(source, {File("hole", "h" + std::string(100000, '\0'))});
     const bool hasDevice = mknod((source + "/device").c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0;
     for (const char* const name : {"/large", "/d"})
@@ -174,7 +174,7 @@ TEST_F(AgentFaults, CertificateTrust)
     Trust::Lists({{Trust::Root}, {Trust::Middle, {Trust::Server}}})(revoking);
     revoking.present(revoking);
     CheckWithFaults([&](Faults& faults) {
-        // For one run: a text keeps the memory of a longer one that was assigned before.
+        // New for each run: a string keeps the memory of a longer text that was assigned before.
         Backup::OpenSSL::TrustReport report;
         const auto judge = [&](const Trust::Scene& judged, const char* host = Trust::Scene::Host) {
             return IsCertificateTrusted(judged.sent, judged.chain, host, judged.options, &report);

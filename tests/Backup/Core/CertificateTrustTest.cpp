@@ -264,7 +264,7 @@ TEST(CertificateTrust, UnreadableCertificateIsRefused)
         {"garbage in the chain", [](Scene& s) { s.chain = {"garbage"}; },
          "a certificate of the chain can't be read", -1, ""},
     });
-    EXPECT_EQ(ERR_peek_error(), 0ul) << "errors left behind";
+    EXPECT_EQ(ERR_peek_error(), 0ul) << "errors remain in the queue";
 }
 
 TEST(CertificateTrust, HostileChainIsAnswered)

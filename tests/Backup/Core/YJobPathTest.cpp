@@ -12,8 +12,8 @@ using Component = YJobPath::Component;
 
 namespace {
 
-// Components in short: "602:a 603:b", with the class in hexadecimal, and "|display" behind where there is
-// one.
+// Returns the components as in "602:a 603:b|display": the class in hexadecimal, the name, and the display
+// name if it has one.
 std::string Short(const YJobPath& path)
 {
     std::ostringstream text;

@@ -138,7 +138,7 @@ TEST(LegacyUnixHeader, DamageRaises)
     const std::string file = plain.Bytes();
     const std::string link = SampleUnixLink().Bytes();
     const auto section = [&](const std::string& bytes) {
-        return Changed(plain, [&](auto& header) { header.behind = bytes; });
+        return Changed(plain, [&](auto& header) { header.trailing = bytes; });
     };
     const std::vector<Failure> rows = {
         {"no base header", file.substr(0, 19), Convert,
@@ -157,7 +157,7 @@ TEST(LegacyUnixHeader, DamageRaises)
          Changed(SampleUnixLink(), [](auto& header) { header.endOfNames = 0x54; }), Convert, name},
         {"a link without a path", link.substr(0, 0x55), Convert, name},
         {"a link's path without an end", link.substr(0, link.size() - 1), Convert, name},
-        {"attributes behind the buffer",
+        {"attributes after the buffer",
          Changed(plain, [](auto& header) { header.attributesOffset = 0xFFFFFFFF; }), "RawOffset", ""},
         {"a record of no length", section(LegacyAttributeRecord("a", "b", 0)), "Initialize", "",
          MessageType::Runtime},
@@ -185,7 +185,7 @@ TEST(LegacyUnixHeader, EndBeforeNamesIsIgnored)
 TEST(LegacyUnixHeader, DamagedAttributesFailAfterOtherFields)
 {
     YUnixFileMetadata metadata;
-    const auto header = Changed(SampleUnixFile(), [](auto& file) { file.behind = "\0\0\0\0"s; });
+    const auto header = Changed(SampleUnixFile(), [](auto& file) { file.trailing = "\0\0\0\0"s; });
     EXPECT_RAISES_ON(metadata.FromJSON(LegacyDocument("unix", header), RecordingMapper()),
                      MessageType::Runtime, ErrorCode::InvalidArgument, "Initialize", "");
     EXPECT_EQ(metadata.GetFilePath(0).GetDisplayPath(), "job/home/a file");
@@ -197,7 +197,7 @@ TEST(LegacyWindowsHeader, ListEndsAtLineFeedOrEnd)
         {"a line feed where an entry would begin", OnePath + L"\nrest", 1},
         {"a line feed at once", L"\n", 0},
         {"one inside an entry is text", L"a\nb\0\r"s, 1},
-        {"the last NUL may lack the unit behind it", L"a*b\0"s, 1}};
+        {"the last NUL may lack the unit after it", L"a*b\0"s, 1}};
     for (const auto& [name, names, expected] : cases) {
         const std::string header = SampleWindowsFile(names, expected).Bytes();
         EXPECT_EQ(ConvertWindows(header).GetFilePathCount(), expected) << name;
@@ -226,7 +226,7 @@ TEST(LegacyWindowsHeader, DamageRaises)
         {"not one whole unit", ending(0x8B), Convert, none},
         {"an entry as long as the list", ending(0x88 + 4 * 3), Convert, name},
         {"an entry without an end", file.substr(0, 0x88 + 4 * 3), Convert, name},
-        {"a list behind the buffer", ending(0xFFFFFFFF), Convert, name},
+        {"a list after the buffer", ending(0xFFFFFFFF), Convert, name},
         {"too few paths", SampleWindowsFile(OnePath, 2).Bytes(), Convert,
          "Legacy windows file metadata parsing error. Expected 2 paths but found 1"},
         {"too many paths", SampleWindowsFile(TwoPaths, 1).Bytes(), Convert,

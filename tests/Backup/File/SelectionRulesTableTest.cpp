@@ -56,7 +56,7 @@ TEST(SelectionRulesTable, HoldsAsItIsWritten)
             rules = cells[0].empty() ? rules : cells[0];
             ASSERT_NE(rules, "");
             ++counts[kind];
-            const YSelectionManager tree = Testing::Tree(rules); // which throws on what is no rule
+            const YSelectionManager tree = Testing::Tree(rules); // throws if a rule is invalid
             if (kind == Answers)
                 EXPECT_EQ(AnswerOf(tree, cells[1]), cells[2]);
             else

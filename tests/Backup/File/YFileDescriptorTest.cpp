@@ -82,7 +82,7 @@ TEST(YFileDescriptorXml, MissingAndDamagedAttributes)
     EXPECT_EQ(descriptor.GetVolumeGuid(), "g");
     EXPECT_TRUE(descriptor.GetMountPath().IsEmpty());
 
-    // What stands in front of the damage is set.
+    // Attributes before the damaged one are set.
     for (const auto& [recursive, report, after] :
          {std::tuple("maybe", "0", true), std::tuple("0", "", false)}) {
         const auto damaged = Element({{"path", "/new"}, {"isRecursive", recursive}, {"report", report}});
@@ -141,7 +141,7 @@ TEST(YFileDescriptor, PathsAndText)
 
 TEST(YFileDescriptor, HelpersForPathTexts)
 {
-    // None from "/": that never ends.
+    // "/" is not listed: there the split would never end.
     EXPECT_EQ(SplitAbsolutePath(""), std::list<YString>());
     EXPECT_EQ(SplitAbsolutePath("a/b//c"), (std::list<YString>{"a", "b", "c"}));
     EXPECT_EQ(SplitAbsolutePath("C:/a"), (std::list<YString>{"C:", "a"}));

@@ -37,7 +37,7 @@ std::string Text(const YObject& json)
     return YValue::FromObject(json).Stringify(true).Bytes();
 }
 
-// Of a kind that no table holds.
+// A kind that is not in the tables.
 class YStranger : public YMetadataBase
 {
 public:
@@ -140,7 +140,7 @@ TEST(MetadataBase, AnObjectIsOnlyItsOwnKind)
                   "AsUnixFileMetadata may only be called on instances of YUnixFileMetadata",
                   "YOdsMetadata: Assertion failed for (GetMetadataType() == VAM_WINDOWS_METADATA_TYPE); "
                   "AsWinFileMetadata may only be called on instances of YWinFileMetadata"}));
-    // The word of a document can say otherwise than the class.
+    // The kind in a document can differ from the class.
     YObject json = unix.ToJSON();
     json.Set<YString>("metadata_type", "win");
     unix.FromJSON(json);
@@ -309,7 +309,7 @@ TEST(WinFileMetadata, TheAttributesChooseTheLastKey)
         ASSERT_EQ(json.Entries().size(), 9u);
         EXPECT_EQ(json.Entries().back().first.Bytes(), written);
 
-        // The other key may stand in the document, and is not looked at.
+        // The document may contain the other key, which is ignored.
         json.Set<YObject>(absent, YObject());
         EXPECT_EQ(YWinFileMetadata(json).ToJSON().Entries().size(), 9u);
 
@@ -331,7 +331,7 @@ TEST(WinFileMetadata, PathsKeepOrLoseTheirShortNames)
     metadata.SetFilePath(1, other);
     EXPECT_EQ(metadata.GetPaths(), (YWinFileMetadata::Paths{{first, "ONE~1"}, {other, "TWO~1"}}));
 
-    // Reading adds to what is there.
+    // Reading adds to the existing paths.
     metadata.FromJSON(metadata.ToJSON());
     EXPECT_EQ(
         metadata.GetPaths(),

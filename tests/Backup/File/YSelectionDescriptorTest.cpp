@@ -92,7 +92,7 @@ TEST(YSelectionDescriptor, CanPruneWhatChangesNothing)
     for (const auto& [name, rule, other, prunes] : rows)
         EXPECT_EQ(Rule(rule).CanPrune(Rule(other)), prunes) << name;
 
-    // Of a type that the constructor doesn't refuse.
+    // A type that the constructor does not refuse.
     const YSelectionDescriptor unnamed(Krt::Match::AnyDescriptor(), RecursionType::Recursive,
                                        static_cast<SelectionType>(4), true);
     EXPECT_FALSE(unnamed.CanPrune(unnamed));
@@ -118,7 +118,7 @@ TEST(YSelectionDescriptor, OrderAndEqualityDiffer)
     for (const char* other : {"exclude / exact=a", "include / recursive exact=a", "silent / exact=a",
                               "include / exact=a explicit", "include / exact=a nocase", "include / exact=b"})
         EXPECT_FALSE(Rule("include / exact=a") == Rule(other)) << other;
-    // Equal without being one element of a set, and one element without being equal.
+    // Equal but different elements of a set, and one element of a set but not equal.
     const YSelectionDescriptor any(Krt::Match::AnyDescriptor(), RecursionType::Recursive,
                                    SelectionType::Include, true);
     const YSelectionDescriptor named(Krt::Match::Descriptor(Krt::Match::MatchType::Any, "x", false),

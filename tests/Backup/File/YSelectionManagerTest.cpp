@@ -52,7 +52,7 @@ TEST(YSelectionManager, Deletes)
     tree.Delete("/a/b/c/d");
     tree.Delete("/none/of/these");
     EXPECT_EQ(Words(tree), before);
-    EXPECT_FALSE(tree.Delete(Rule("include /a/b any"))) << "an equal rule stands elsewhere";
+    EXPECT_FALSE(tree.Delete(Rule("include /a/b any"))) << "an equal rule is at another path";
     EXPECT_FALSE(tree.Delete(Rule("include /a exact=x explicit"))) << "the explicit flag counts";
     EXPECT_TRUE(tree.Delete(Rule("exclude /a/b/c any"))) << "found, and yet it stays";
     EXPECT_EQ(Words(tree), before);
@@ -84,7 +84,7 @@ TEST(YSelectionManager, TakesNoRuleOfAnUnknownType)
     EXPECT_TRUE(tree.Add(rule));
     EXPECT_EQ(Words(tree), "include /a any");
     EXPECT_EQ(CountNodes(tree), 3U);
-    EXPECT_TRUE(tree.Delete(rule)) << "there is no set to find it in";
+    EXPECT_TRUE(tree.Delete(rule)) << "no set contains rules of this type";
     EXPECT_EQ(CountNodes(tree), 2U) << "the empty branch goes";
 }
 
@@ -326,7 +326,7 @@ TEST(YSelectionManagerVisit, GoldenDocument)
 TEST(YSelectionManagerVisit, DocumentIsAddedRuleByRule)
 {
     YObject json = Tree("include /a recursive any").ToJSON("/");
-    // The rule's own type decides where it goes, and what covers it keeps it out.
+    // The rule's own type decides which set it is inserted in. A rule that covers it prevents that.
     json.Put("excludes", Tree("include /a/b any; include /c any explicit").ToJSON("/").Find("includes", 0));
     YSelectionManager tree;
     tree.FromJSON(json);

@@ -98,7 +98,7 @@ TEST_F(LogStart, FailureLeavesTheLogClosedAndWithoutBanner)
     } rows[] = {
         {"no bool", "consoleOutput=maybe\n", "log", "StringToNumber"},
         {"missing parent", "", "missing/log", "Open"},
-        // There is no such file until the log's own makes a directory of its path impossible.
+        // The log's own file is where the configuration's directory would be, once the log is created.
         {"readable once", nullptr, "log", "OpenSystem"},
     };
     for (const auto& row : rows) {

@@ -16,7 +16,7 @@ std::string Decode(const char* text)
 
 } // namespace
 
-// What is taken and given is compared with a plain model in fuzz/.
+// fuzz/ compares accepted texts and results with a plain model.
 TEST(Base64, InvalidTextIsRefused)
 {
     EXPECT_EQ(Decode(" Zm\r\n9v\tZg =\n= "), "foof");

@@ -77,7 +77,7 @@ TEST(Process, OrdinaryUserElevates)
     EXPECT_EQ(Shell("exit 203"), 203);
 }
 
-// No other test that runs meanwhile has processes of these names.
+// No other test has processes of these names.
 const std::string s_own = std::to_string(getpid());
 
 TEST(Process, FoundByWholeName)

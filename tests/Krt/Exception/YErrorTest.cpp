@@ -169,7 +169,7 @@ TEST(YError, LibraryErrorNamesSourceModulesAndExports)
     const std::string stack = error->GetStackTrace().Bytes();
     EXPECT_NE(stack.find("libKrt.so"), std::string::npos) << stack;
     EXPECT_NE(stack.find("+0x"), std::string::npos) << stack;
-    // Of a function that raises, an optimiser moves the failing part to where no name leads.
+    // An optimiser moves the raising part of a function to a section without a symbol.
     EXPECT_NE(stack.find("Krt::Exception::Raise("), std::string::npos) << stack;
 }
 

@@ -49,7 +49,7 @@ TEST(ExtendedAttributes, PathFileAndEntryAgree)
         EXPECT_EQ(list, (std::list<YString>{"user.a", "user.b", "user.c", "user.probe"}));
     }
 
-    // A link itself can't bear these, and its target must not get them in its place.
+    // A symlink itself cannot have these, and its target must not get them instead.
     std::filesystem::create_symlink("file", temporary / "link");
     EXPECT_RAISES_OS(YEntry(directory, "link").AddExtendedAttribute("user.d", "x", 1, 0),
                      Krt::MessageType::General, EPERM, "AddExtendedAttribute",
@@ -64,7 +64,7 @@ TEST(ExtendedAttributes, GrowingListIsReadAgain)
     const CallHook hook([&](const HookedCall& call) {
         if (call.function == "lgetxattr")
             return CallHook::Give(call, call.attribute);
-        // Outgrows the first buffer and then, between size and fetch, whatever was made ready for it.
+        // A list that exceeds the first buffer, and then grows each time between size and fetch.
         std::string names;
         for (std::size_t i = 0; i < std::min<std::size_t>(4000, 500 + 700 * asked); ++i)
             names += "user.attribute" + std::to_string(i) + '\0';

@@ -12,10 +12,10 @@ namespace {
 using Bytes = YHeap<unsigned char>;
 using Reports = std::vector<std::pair<unsigned long long, unsigned long long>>;
 constexpr unsigned long Huge = std::numeric_limits<unsigned long>::max();
-Reports* g_reports = nullptr; // where resizes are noted, while someone wants to know
+Reports* g_reports = nullptr; // not null while resizes are recorded
 } // namespace
 
-// Takes the place of the library's.
+// Replaces the library's.
 void Krt::Memory::ReportHeapResize(unsigned long long oldSize, unsigned long long newSize)
 {
     if (g_reports != nullptr)
@@ -71,13 +71,13 @@ TEST(YHeap, RangeOutsideRaises)
         const char* failing; // the function that the error names; null for success
     } cases[] = {
         {"offset at the end", [&] { heap.RawOffset<char>(10, 0); }, nullptr},
-        {"offset behind the end", [&] { heap.RawOffset<char>(11, 0); }, "RawOffset"},
-        {"a byte behind the end", [&] { heap.RawOffset<char>(10, 1); }, "RawOffset"},
+        {"offset after the end", [&] { heap.RawOffset<char>(11, 0); }, "RawOffset"},
+        {"a byte after the end", [&] { heap.RawOffset<char>(10, 1); }, "RawOffset"},
         {"offset and length that wrap", [&] { heap.RawOffset<char>(2, Huge); }, "RawOffset"},
         {"no byte of an empty heap", [&] { empty.RawOffset<char>(0, 0); }, "Cast"},
-        {"offset behind an empty heap", [&] { empty.RawOffset<char>(1, 0); }, "RawOffset"},
+        {"offset after an empty heap", [&] { empty.RawOffset<char>(1, 0); }, "RawOffset"},
         {"copy of nothing into nothing", [&] { empty.Copy(0, nullptr, 0); }, nullptr},
-        {"copy of nothing behind the end", [&] { heap.Copy(11, nullptr, 0); }, "Copy"},
+        {"copy of nothing after the end", [&] { heap.Copy(11, nullptr, 0); }, "Copy"},
         {"copy beyond the end", [&] { heap.Copy(8, "abc", 3); }, "Copy"},
         {"exact cast", [&] { Bytes("12345678", 8).Cast<unsigned long long>(); }, nullptr},
         {"cast to something larger", [&] { Bytes("1234567", 7).Cast<unsigned long long>(); }, "Cast"},

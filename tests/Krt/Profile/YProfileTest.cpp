@@ -32,7 +32,7 @@ protected:
 
 } // namespace
 
-// What a file says is compared with a plain model in fuzz/.
+// fuzz/ compares the values of a file with a plain model.
 TEST_F(YProfileTest, MissingKeyGivesDefault)
 {
     EXPECT_EQ(Value("a"), "default") << "a missing file";

@@ -59,7 +59,7 @@ TEST_F(DescentPolicy, MountPointsAreFollowedByClassOrByTheList)
         {"a removable medium", "/proc", "iso9660", false},
         {"an unknown type", "/proc", "apfs", false},
         {"listed with a trailing slash", "/dev", "nfs", true},
-        {"listed behind a blank, which counts", "/sys", "sysfs", false}};
+        {"listed after a blank, which counts", "/sys", "sysfs", false}};
     // Has no effect where the classification doesn't fail.
     m_configuration.Set(Listed + "walkIntoUnknownMountPoints=true\n");
     for (const auto& [name, path, type, followed] : cases) {

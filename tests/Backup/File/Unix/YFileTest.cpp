@@ -178,10 +178,10 @@ TEST_F(YFileTest, TimesThatCannotBeSet)
     file.Open(YFile::OPEN_MODE_READ, At("file"), NoOptions);
     EXPECT_TRUE(file.IsRegularFile()) << "opening again drops the failure";
     const YFile lost(YFile::OPEN_MODE_WRITE, At("lost"), NoOptions);
-    fs::remove(m_directory / "lost"); // and the destructor has nobody to tell
+    fs::remove(m_directory / "lost"); // the destructor ignores the failure
 }
 
-TEST_F(YFileTest, ChangesWhatStandsAtItsPath)
+TEST_F(YFileTest, ChangesEntryAtItsPath)
 {
     m_directory.Write("file", "x");
     YFile file(YFile::OPEN_MODE_READ, At("file"), NoOptions);

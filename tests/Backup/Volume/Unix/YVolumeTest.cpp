@@ -39,7 +39,7 @@ TEST_F(Volume, IsDescribedFromAnyPathOnIt)
         // The second mount of the device gives a second equal pair; its type and the entry laid over the
         // first are not seen.
         {"/proc/self/fd", "/dev/b", "/proc", 2, DRIVE_CLASS_FIXED, true},
-        // A mount that is gone by now is what its directory's ancestors are.
+        // The mount no longer exists, so the path is on the volume of its ancestors.
         {"/mnt/else where", "/dev/disk one\\", "/", 1, DRIVE_CLASS_FIXED, false},
     };
     for (const auto& row : cases) {
