@@ -23,7 +23,7 @@ namespace {
 
 // The maximum number of descriptors that a walk keeps open. The directories above those are closed, and
 // opened again when the walk returns to them.
-constexpr std::size_t MaxOpenLevels = 64;
+constexpr std::size_t MaxOpenDirectories = 64;
 
 } // namespace
 
@@ -50,7 +50,7 @@ bool Walker::IsSkipped(const struct stat& directory) const
     return m_skipped == FileId(directory);
 }
 
-bool Walker::LiesInSkipped(const YPath& root) const
+bool Walker::IsBelowSkipped(const YPath& root) const
 {
     for (YPath above = root; above != "/";) {
         above = above.GetParent();
@@ -77,25 +77,25 @@ void Walker::WalkRoot(const YPath& root)
 {
     if (root == "/") {
         Enter(root, YDirectory::Open(root));
-    } else if (LiesInSkipped(root)) {
+    } else if (IsBelowSkipped(root)) {
         m_visitor.OnStoreSkipped(root);
     } else {
         const YDirectory parent = YDirectory::OpenToSearch(root.GetParent());
         VisitEntry(root, parent, YPath::GetFileFromPath(root, "/"), DT_UNKNOWN, true);
     }
-    while (!m_levels.empty()) {
-        Level& level = m_levels.back();
-        if (level.next == level.names.Size() || m_visitor.IsCancelled()) {
-            m_levels.pop_back();
+    while (!m_visited.empty()) {
+        VisitedDirectory& visited = m_visited.back();
+        if (visited.next == visited.names.Size() || m_visitor.IsCancelled()) {
+            m_visited.pop_back();
             continue;
         }
-        const unsigned char type = level.names.TypeAt(level.next);
-        const YString name(level.names.NameAt(level.next++));
-        const YPath path = level.path.Append(name);
+        const unsigned char type = visited.names.TypeAt(visited.next);
+        const YString name(visited.names.NameAt(visited.next++));
+        const YPath path = visited.path.Append(name);
         if (m_roots.count(path) != 0)
             continue;
         try {
-            VisitEntry(path, DirectoryOf(level), name, type, false);
+            VisitEntry(path, DirectoryOf(visited), name, type, false);
         } catch (const Krt::Exception::YError& error) {
             m_visitor.OnFailed(path, ReasonOf(error));
         }
@@ -111,12 +111,12 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
     bool selected = answer == YSelectionDescriptor::Include;
     if (!selected && answer != YSelectionDescriptor::NotSelectedDoRecurse)
         return;
-    if (!selected && type != DT_DIR && type != DT_UNKNOWN && !IsPlaceOfAll(path))
+    if (!selected && type != DT_DIR && type != DT_UNKNOWN && !HasIncludeForAllNames(path))
         return;
 
     const WalkedEntry entry(path, parent, name, type);
     if (!selected && !S_ISDIR(entry.Status().st_mode)) {
-        selected = IsSelectedByPlace(entry);
+        selected = IsSelectedByRulesAtPath(entry);
         if (!selected)
             return;
     }
@@ -135,7 +135,7 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
 }
 
 // Returns true if this path has an include for all names.
-bool Walker::IsPlaceOfAll(const YPath& path) const
+bool Walker::HasIncludeForAllNames(const YPath& path) const
 {
     const auto [node, isFound] = m_rules.FindNode(path, false);
     return isFound && node->HasAnyIncludes() &&
@@ -146,9 +146,9 @@ bool Walker::IsPlaceOfAll(const YPath& path) const
 
 // Rules apply to the entries of the directory that is their path. If the path is not a directory, they apply
 // to the entry itself.
-bool Walker::IsSelectedByPlace(const WalkedEntry& entry)
+bool Walker::IsSelectedByRulesAtPath(const WalkedEntry& entry)
 {
-    if (!IsPlaceOfAll(entry.path))
+    if (!HasIncludeForAllNames(entry.path))
         return false;
     bool isReported = false;
     if (m_rules.PathMatchesExclude(entry.path.PopulateComponents(), isReported)) {
@@ -192,28 +192,28 @@ bool Walker::MayEnter(const WalkedEntry& entry, bool selected, bool isRoot)
 void Walker::Enter(const YPath& path, YDirectory directory)
 {
     NameList names(directory);
-    m_levels.push_back({path, std::move(directory), {}, std::move(names)});
-    if (m_levels.size() > MaxOpenLevels)
-        Close(m_levels[m_levels.size() - MaxOpenLevels - 1]);
+    m_visited.push_back({path, std::move(directory), {}, std::move(names)});
+    if (m_visited.size() > MaxOpenDirectories)
+        Close(m_visited[m_visited.size() - MaxOpenDirectories - 1]);
 }
 
-void Walker::Close(Level& level)
+void Walker::Close(VisitedDirectory& visited)
 {
-    if (!level.directory)
+    if (!visited.directory)
         return;
-    level.closed = FileId(level.directory->Stat());
-    level.directory.reset();
+    visited.closed = FileId(visited.directory->Stat());
+    visited.directory.reset();
 }
 
-const YDirectory& Walker::DirectoryOf(Level& level)
+const YDirectory& Walker::DirectoryOf(VisitedDirectory& visited)
 {
-    if (!level.directory) {
-        YDirectory directory = YDirectory::OpenToSearch(level.path);
-        KRT_RAISE_UNLESS(FileId(directory.Stat()) == level.closed, Krt::ErrorCode::InvalidState,
+    if (!visited.directory) {
+        YDirectory directory = YDirectory::OpenToSearch(visited.path);
+        KRT_RAISE_UNLESS(FileId(directory.Stat()) == visited.closed, Krt::ErrorCode::InvalidState,
                          "The directory above was replaced during the walk");
-        level.directory = std::move(directory);
+        visited.directory = std::move(directory);
     }
-    return *level.directory;
+    return *visited.directory;
 }
 
 } // namespace Agent

@@ -89,7 +89,8 @@ public:
     void Run();
 
 private:
-    struct Level
+    // A directory whose entries are being visited.
+    struct VisitedDirectory
     {
         Krt::File::YPath path;
         std::optional<Krt::File::YDirectory> directory; // closed while too many directories are open below it
@@ -99,22 +100,22 @@ private:
     };
 
     bool IsSkipped(const struct stat& directory) const;
-    bool LiesInSkipped(const Krt::File::YPath& root) const;
+    bool IsBelowSkipped(const Krt::File::YPath& root) const;
     void WalkRoot(const Krt::File::YPath& root);
     void VisitEntry(const Krt::File::YPath& path, const Krt::File::YDirectory& parent,
                     const Krt::YString& name, unsigned char type, bool isRoot);
-    bool IsPlaceOfAll(const Krt::File::YPath& path) const;
-    bool IsSelectedByPlace(const WalkedEntry& entry);
+    bool HasIncludeForAllNames(const Krt::File::YPath& path) const;
+    bool IsSelectedByRulesAtPath(const WalkedEntry& entry);
     bool MayEnter(const WalkedEntry& entry, bool selected, bool isRoot);
     void Enter(const Krt::File::YPath& path, Krt::File::YDirectory directory);
-    void Close(Level& level);
-    const Krt::File::YDirectory& DirectoryOf(Level& level);
+    void Close(VisitedDirectory& visited);
+    const Krt::File::YDirectory& DirectoryOf(VisitedDirectory& visited);
 
     const Backup::File::YSelectionManager& m_rules;
     std::set<Krt::File::YPath> m_roots;
     IWalkVisitor& m_visitor;
     std::optional<Krt::File::FileId> m_skipped;
-    std::deque<Level> m_levels; // the directories on the current path
+    std::deque<VisitedDirectory> m_visited; // those on the current path, the outermost first
 };
 
 } // namespace Agent
