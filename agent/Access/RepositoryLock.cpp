@@ -10,6 +10,7 @@
 namespace Agent {
 
 using Krt::YString;
+using Krt::Thread::AnnotatedLock;
 using Repo::FileKind;
 using Repo::FileName;
 using Repo::Lock;
@@ -72,7 +73,7 @@ RepositoryLock::RepositoryLock(const Repo::Repository& repository, LockSettings 
 RepositoryLock::~RepositoryLock()
 {
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         m_isEnding = true;
     }
     m_end.notify_all();
@@ -140,8 +141,12 @@ void RepositoryLock::CheckOthers(const Repo::Id* own) const
 void RepositoryLock::KeepRefreshed()
 {
     auto refreshed = Clock::now();
-    std::unique_lock guard(m_mutex);
-    while (!m_end.wait_for(guard, m_settings.refreshInterval, [this] { return m_isEnding; })) {
+    const auto isEnding = [this] {
+        m_mutex.AssertHeld();
+        return m_isEnding;
+    };
+    AnnotatedLock lock(m_mutex);
+    while (!lock.WaitUntil(m_end, steady_clock::now() + m_settings.refreshInterval, isEnding)) {
         const auto age = Clock::now() - refreshed;
         bool isLost = age > m_settings.expiry;
         try {

@@ -7,10 +7,11 @@
 #include "agent/Repository/Repository.h"
 #include "agent/Run/Interrupt.h"
 
+#include "Krt/Thread/ThreadSafety.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 namespace Agent {
@@ -50,8 +51,6 @@ public:
     RepositoryLock(const RepositoryLock&) = delete;
     RepositoryLock& operator=(const RepositoryLock&) = delete;
 
-    const Repo::Id& GetId() const { return m_id; }
-
 private:
     using Clock = std::chrono::system_clock; // which also advances during a standby
 
@@ -66,9 +65,9 @@ private:
     IgnoringHangUps m_ignoring;
     Repo::Lock m_lock;
     Repo::Id m_id;
-    std::mutex m_mutex;
+    Krt::Thread::AnnotatedMutex m_mutex;
     std::condition_variable m_end;
-    bool m_isEnding = false;
+    bool m_isEnding KRT_GUARDED_BY(m_mutex) = false;
     std::thread m_refresher;
 };
 
