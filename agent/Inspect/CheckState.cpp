@@ -5,6 +5,7 @@
 
 namespace Agent {
 
+using Krt::Thread::AnnotatedLock;
 using Repo::BlobType;
 using Repo::NodeType;
 
@@ -29,47 +30,49 @@ std::span<const std::uint32_t> CheckState::BlobsOf(std::uint32_t pack) const
 
 void CheckState::MarkBad(std::uint32_t number)
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     m_isBad[number] = true;
     m_hasDamage = true;
 }
 
 void CheckState::MarkBroken(std::uint32_t pack)
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     m_broken.insert(pack);
 }
 
 void CheckState::MarkFaulty(const Repo::Id& tree)
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     m_faulty.insert(tree);
     m_hasDamage = true;
 }
 
 bool CheckState::IsReadable(const Repo::BlobHandle& handle) const
 {
-    const std::vector<Repo::IndexedBlob> places = GetIndex().FindAll(handle);
-    const std::lock_guard guard(m_mutex);
-    return std::any_of(places.begin(), places.end(),
-                       [this](const Repo::IndexedBlob& place) { return !m_isBad[place.number]; });
+    const std::vector<Repo::IndexedBlob> copies = GetIndex().FindAll(handle);
+    const AnnotatedLock lock(m_mutex);
+    return std::any_of(copies.begin(), copies.end(), [this](const Repo::IndexedBlob& copy) {
+        m_mutex.AssertHeld();
+        return !m_isBad[copy.number];
+    });
 }
 
 bool CheckState::IsFaulty(const Repo::Id& tree) const
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     return m_faulty.contains(tree);
 }
 
 bool CheckState::HasDamage() const
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     return m_hasDamage;
 }
 
 std::vector<Repo::Id> CheckState::GetBrokenPacks() const
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     std::vector<Repo::Id> ids;
     for (const std::uint32_t pack : m_broken)
         ids.push_back(GetIndex().GetPacks()[pack].id);
@@ -89,12 +92,12 @@ std::string CheckState::FaultOf(const Repo::Node& node) const
         return "the file has no list of blobs";
     std::uint64_t size = 0;
     for (const Repo::Id& id : *node.content) {
-        const auto place = GetIndex().Find({BlobType::Data, id});
-        if (!place)
+        const auto found = GetIndex().Find({BlobType::Data, id});
+        if (!found)
             return "blob " + id.ToHex() + " is not in the index";
         if (!IsReadable({BlobType::Data, id}))
             return "blob " + id.ToHex() + " can't be read";
-        size += place->blob.plainLength;
+        size += found->blob.plainLength;
     }
     if (size != node.size)
         return "its size is " + std::to_string(node.size) + " bytes, but its blobs have " +
@@ -104,13 +107,13 @@ std::string CheckState::FaultOf(const Repo::Node& node) const
 
 void CheckState::AddError(std::string text)
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     m_errors.push_back(std::move(text));
 }
 
 std::vector<std::string> CheckState::TakeErrors()
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     return std::exchange(m_errors, {});
 }
 

@@ -5,8 +5,9 @@
 #include "agent/Repository/Node.h"
 #include "agent/Repository/Repository.h"
 
+#include "Krt/Thread/ThreadSafety.h"
+
 #include <atomic>
-#include <mutex>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -53,12 +54,12 @@ private:
     const Repo::Repository& m_repository;
     std::vector<std::uint32_t> m_numbers; // of all blobs, by pack
     std::vector<std::size_t> m_begins;    // in m_numbers, of each pack and of the end
-    mutable std::mutex m_mutex;
-    std::vector<bool> m_isBad; // by the number of the blob
-    std::unordered_set<Repo::Id, Repo::IdHash> m_faulty;
-    std::unordered_set<std::uint32_t> m_broken;
-    bool m_hasDamage = false;
-    std::vector<std::string> m_errors;
+    mutable Krt::Thread::AnnotatedMutex m_mutex;
+    std::vector<bool> m_isBad KRT_GUARDED_BY(m_mutex); // by the number of the blob
+    std::unordered_set<Repo::Id, Repo::IdHash> m_faulty KRT_GUARDED_BY(m_mutex);
+    std::unordered_set<std::uint32_t> m_broken KRT_GUARDED_BY(m_mutex);
+    bool m_hasDamage KRT_GUARDED_BY(m_mutex) = false;
+    std::vector<std::string> m_errors KRT_GUARDED_BY(m_mutex);
 };
 
 } // namespace Agent

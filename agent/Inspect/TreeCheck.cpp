@@ -5,6 +5,7 @@
 #include "agent/Repository/Tree.h"
 #include "agent/Run/Interrupt.h"
 
+#include "Krt/Thread/ThreadSafety.h"
 #include "Krt/Util/YScope.h"
 
 #include <condition_variable>
@@ -12,6 +13,7 @@
 
 namespace Agent {
 
+using Krt::Thread::AnnotatedLock;
 using Repo::BlobType;
 using Repo::Id;
 using Repo::Node;
@@ -26,7 +28,7 @@ class TreeQueue
 public:
     void Add(const Id& tree)
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         if (!m_seen.insert(tree).second)
             return;
         m_waiting.push_back(tree);
@@ -36,9 +38,14 @@ public:
     // Returns false when all trees are done, or a thread has failed.
     bool Take(Id& tree, const std::function<bool()>& hasFailed)
     {
-        std::unique_lock guard(m_mutex);
-        while (m_waiting.empty() && m_active != 0 && !hasFailed())
-            m_changed.wait_for(guard, std::chrono::milliseconds(100));
+        constexpr std::chrono::milliseconds BetweenLooks{100}; // a failed thread does not notify
+        const auto hasAnswer = [&] {
+            m_mutex.AssertHeld();
+            return !m_waiting.empty() || m_active == 0 || hasFailed();
+        };
+        AnnotatedLock lock(m_mutex);
+        while (!lock.WaitUntil(m_changed, std::chrono::steady_clock::now() + BetweenLooks, hasAnswer)) {
+        }
         if (m_waiting.empty() || hasFailed())
             return false;
         tree = m_waiting.back();
@@ -49,17 +56,17 @@ public:
 
     void Finish()
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         if (--m_active == 0)
             m_changed.notify_all();
     }
 
 private:
-    std::mutex m_mutex;
+    Krt::Thread::AnnotatedMutex m_mutex;
     std::condition_variable m_changed;
-    std::unordered_set<Id, Repo::IdHash> m_seen;
-    std::vector<Id> m_waiting; // the last is next, so that it stays short
-    unsigned int m_active = 0;
+    std::unordered_set<Id, Repo::IdHash> m_seen KRT_GUARDED_BY(m_mutex);
+    std::vector<Id> m_waiting KRT_GUARDED_BY(m_mutex); // the last is next, so that it stays short
+    unsigned int m_active KRT_GUARDED_BY(m_mutex) = 0; // trees that are being checked
 };
 
 // Checks one tree after the other. One thread.
