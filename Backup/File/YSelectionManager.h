@@ -274,9 +274,9 @@ private:
             Indexed     // later rules prune by the index, and update it
         };
 
-        Branch() noexcept;
-        ~Branch();
-        void ChangedBelow() noexcept;
+        KRT_HIDDEN Branch() noexcept;
+        KRT_HIDDEN ~Branch();
+        KRT_HIDDEN void ChangedBelow() noexcept;
 
         unsigned long long includes = 0; // of this node and all nodes below it
         State state = State::NotPruned;

@@ -21,7 +21,7 @@ bool IsExact(const YSelectionDescriptor& rule)
 
 } // namespace
 
-struct YSelectionRules::Index
+struct KRT_HIDDEN YSelectionRules::Index
 {
     // The position of a rule in each list that contains it.
     struct Positions

@@ -145,7 +145,7 @@ private:
 
 /// The rules below one node by their patterns. With it a recursive rule that is added at the node finds the
 /// rules that it covers without a walk through the whole branch.
-class YSelectionManager::YSelectionManagerNode::BranchIndex
+class KRT_HIDDEN YSelectionManager::YSelectionManagerNode::BranchIndex
 {
 public:
     using Node = YSelectionManagerNode;

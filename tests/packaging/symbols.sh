@@ -19,7 +19,8 @@ for library in "$@"; do
         exit 77
     fi
     # A class's tables and its inline virtual functions are weak, too, if it has no virtual function in a source.
-    found=$(nm -DC --defined-only "$library" | awk '$2 !~ /[WVu]/ { sub(/^[^ ]+ . /, ""); print }' | LC_ALL=C sort -u)
+    # ReportHeapResize is weak so that a program may replace it.
+    found=$(nm -DC --defined-only "$library" | awk '$2 !~ /[WVu]/ || /::ReportHeapResize\(/ { sub(/^[^ ]+ . /, ""); print }' | LC_ALL=C sort -u)
     if [ -n "$update" ]; then
         echo "$found" >"$lists/$name.symbols"
     elif ! diff -u "$lists/$name.symbols" - <<<"$found"; then

@@ -101,11 +101,11 @@ public:
     bool operator<(const YVolume& other) const;
 
 private:
-    void InitializeVariables();
-    void CopyData(const YVolume& other);
+    KRT_HIDDEN void InitializeVariables();
+    KRT_HIDDEN void CopyData(const YVolume& other);
     // As Initialize(path), from a discovery that describes several volumes.
-    void Initialize(const Krt::File::YPath& path, Discovery& discovery);
-    void LoadInfo(Discovery& discovery);
+    KRT_HIDDEN void Initialize(const Krt::File::YPath& path, Discovery& discovery);
+    KRT_HIDDEN void LoadInfo(Discovery& discovery);
     friend class YVolumeManager;
 
     [[maybe_unused]] bool m_reserved = false;

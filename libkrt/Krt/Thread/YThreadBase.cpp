@@ -24,7 +24,7 @@ constinit thread_local YThreadBase* t_thread = nullptr;
 
 } // namespace
 
-class YThreadBase::Impl
+class KRT_HIDDEN YThreadBase::Impl
 {
 public:
     Impl(YThreadBase* thread, boost::function<void()> function, const YString& name)

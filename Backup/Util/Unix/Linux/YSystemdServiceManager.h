@@ -51,11 +51,12 @@ public:
     bool IsRunning(const YString& name) override;
 
 private:
-    Krt::File::YPath GetUnitDirectory() const;
-    void RequireSystemd(const char* function) const;
-    void RunSystemctl(const char* function, const YString& verb, const std::vector<YString>& rest) const;
-    void Kill(const char* function, const YString& unit) const;
-    void WriteUnit(const char* function, const YString& unit, const YString& text) const;
+    KRT_HIDDEN Krt::File::YPath GetUnitDirectory() const;
+    KRT_HIDDEN void RequireSystemd(const char* function) const;
+    KRT_HIDDEN void RunSystemctl(const char* function, const YString& verb,
+                                 const std::vector<YString>& rest) const;
+    KRT_HIDDEN void Kill(const char* function, const YString& unit) const;
+    KRT_HIDDEN void WriteUnit(const char* function, const YString& unit, const YString& text) const;
 
     Krt::Environment::ProcessRunner m_runner;
     YString m_root;

@@ -49,8 +49,8 @@ protected:
     virtual Krt::File::YPath GetListDirectory() const;
 
 private:
-    void RunElevated(const Krt::File::YPath& program, const std::vector<YString>& arguments, const char* what,
-                     const char* function) const;
+    KRT_HIDDEN void RunElevated(const Krt::File::YPath& program, const std::vector<YString>& arguments,
+                                const char* what, const char* function) const;
 };
 
 } // namespace Backup::Util
