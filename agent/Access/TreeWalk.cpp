@@ -18,20 +18,21 @@ using Repo::RepositoryError;
 namespace {
 
 // A tree whose entries are being visited.
-struct Level
+struct VisitedTree
 {
     Repo::Bytes text;
     Repo::TreeReader reader{{}};
     std::size_t pathLength = 0;
 };
 
-std::unique_ptr<Level> OpenLevel(const Repo::Repository& repository, const Id& tree, std::size_t pathLength)
+std::unique_ptr<VisitedTree> OpenTree(const Repo::Repository& repository, const Id& tree,
+                                      std::size_t pathLength)
 {
-    auto level = std::make_unique<Level>();
-    repository.LoadBlob({BlobType::Tree, tree}, level->text);
-    level->reader = Repo::TreeReader(Repo::AsText(level->text), Repo::UnknownMembers::Keep);
-    level->pathLength = pathLength;
-    return level;
+    auto visited = std::make_unique<VisitedTree>();
+    repository.LoadBlob({BlobType::Tree, tree}, visited->text);
+    visited->reader = Repo::TreeReader(Repo::AsText(visited->text), Repo::UnknownMembers::Keep);
+    visited->pathLength = pathLength;
+    return visited;
 }
 
 std::vector<std::string_view> NamesOf(std::string_view path)
@@ -77,7 +78,7 @@ public:
     {
         m_path = path;
         Descend(tree);
-        while (!m_levels.empty()) {
+        while (!m_visited.empty()) {
             RaiseIfInterrupted();
             if (!VisitNext())
                 return;
@@ -88,10 +89,10 @@ private:
     // Returns false at the end of the walk.
     bool VisitNext()
     {
-        Level& level = *m_levels.back();
-        m_path.resize(level.pathLength);
-        if (!Next(level)) {
-            m_levels.pop_back();
+        VisitedTree& visited = *m_visited.back();
+        m_path.resize(visited.pathLength);
+        if (!Next(visited)) {
+            m_visited.pop_back();
             return true;
         }
         m_path += '/';
@@ -102,10 +103,10 @@ private:
         return step != Step::End;
     }
 
-    bool Next(Level& level)
+    bool Next(VisitedTree& visited)
     {
         try {
-            return level.reader.Next(m_node);
+            return visited.reader.Next(m_node);
         } catch (const RepositoryError& error) {
             m_onFailure(PathOrRoot(), error);
             return false;
@@ -116,7 +117,7 @@ private:
     {
         try {
             REPOSITORY_RAISE_UNLESS(m_node.subtree, Repo::Failure::Damaged, "The directory has no tree");
-            REPOSITORY_RAISE_UNLESS(m_levels.size() < DepthLimit, Repo::Failure::Damaged,
+            REPOSITORY_RAISE_UNLESS(m_visited.size() < DepthLimit, Repo::Failure::Damaged,
                                     "The directory is more than " << static_cast<unsigned long>(DepthLimit)
                                                                   << " levels deep");
         } catch (const RepositoryError& error) {
@@ -129,7 +130,7 @@ private:
     void Descend(const Id& tree)
     {
         try {
-            m_levels.push_back(OpenLevel(m_repository, tree, m_path.size()));
+            m_visited.push_back(OpenTree(m_repository, tree, m_path.size()));
         } catch (const RepositoryError& error) {
             m_onFailure(PathOrRoot(), error);
         }
@@ -140,7 +141,7 @@ private:
     const Repo::Repository& m_repository;
     const EntryVisitor& m_visit;
     const TreeFailure& m_onFailure;
-    std::vector<std::unique_ptr<Level>> m_levels;
+    std::vector<std::unique_ptr<VisitedTree>> m_visited;
     std::string m_path;
     Node m_node;
 };
@@ -159,18 +160,18 @@ FoundEntry FindEntry(const Repo::Repository& repository, const Id& tree, const s
     found.node.type = NodeType::Directory;
     found.node.mode = Repo::MakeNodeMode(040755);
     found.node.subtree = tree;
-    std::string way;
+    std::string foundPath;
     for (const std::string_view name : NamesOf(path)) {
         const bool isDirectory = found.node.type == NodeType::Directory && found.node.subtree;
         Node node;
         KRT_RAISE_UNLESS(isDirectory && FindInTree(repository, *found.node.subtree, name, node),
                          Krt::ErrorCode::InvalidArgument,
                          "The snapshot has no entry " << YString(std::string_view(path)));
-        way += "/" + node.name;
+        foundPath += "/" + node.name;
         found.node = std::move(node);
     }
-    if (!way.empty())
-        found.path = way;
+    if (!foundPath.empty())
+        found.path = foundPath;
     return found;
 }
 
