@@ -60,13 +60,13 @@ std::string BlobTable(const Repo::Repository& repository, const Node& node)
     for (const BlobHandle& handle : handles) {
         const char* const type = handle.type == BlobType::Tree ? "tree" : "data";
         const Repo::Index& index = repository.GetIndex();
-        const auto places = index.FindAll(handle);
-        if (places.empty())
+        const auto copies = index.FindAll(handle);
+        if (copies.empty())
             rows.push_back({handle.id.ToHex(), type, "-", "-", "missing", "-"});
-        for (const Repo::IndexedBlob& place : places)
-            rows.push_back({handle.id.ToHex(), type, std::to_string(place.blob.plainLength),
-                            std::to_string(place.blob.length), index.GetPacks()[place.pack].id.ToHex(),
-                            std::to_string(place.blob.offset)});
+        for (const Repo::IndexedBlob& copy : copies)
+            rows.push_back({handle.id.ToHex(), type, std::to_string(copy.blob.plainLength),
+                            std::to_string(copy.blob.length), index.GetPacks()[copy.pack].id.ToHex(),
+                            std::to_string(copy.blob.offset)});
     }
     return TableText({{"BLOB"},
                       {"TYPE"},

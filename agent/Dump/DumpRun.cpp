@@ -130,10 +130,10 @@ std::uint64_t DumpRun::SizeOf(const Node& node) const
     if (node.type != NodeType::File || !node.content)
         return size;
     for (const Repo::Id& id : *node.content) {
-        const auto place = m_repository.GetIndex().Find({BlobType::Data, id});
-        REPOSITORY_RAISE_UNLESS(place, Repo::Failure::Missing,
+        const auto found = m_repository.GetIndex().Find({BlobType::Data, id});
+        REPOSITORY_RAISE_UNLESS(found, Repo::Failure::Missing,
                                 "The index does not have blob " << id.ToHex().c_str());
-        size += place->blob.plainLength;
+        size += found->blob.plainLength;
     }
     return size;
 }

@@ -151,8 +151,8 @@ private:
         m_summary.isIndexWrong = true;
         state.MarkBroken(number);
         for (const std::uint32_t blob : state.BlobsOf(number)) {
-            const Repo::PackedBlob& place = m_repository.GetIndex().At(blob).blob;
-            if (size == NoSize || std::uint64_t(place.offset) + place.length > size)
+            const Repo::PackedBlob& stored = m_repository.GetIndex().At(blob).blob;
+            if (size == NoSize || std::uint64_t(stored.offset) + stored.length > size)
                 state.MarkBad(blob);
         }
     }

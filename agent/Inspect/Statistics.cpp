@@ -79,9 +79,9 @@ private:
         for (const Id& id : content) {
             if (!counted.insert(id).second)
                 continue;
-            if (const auto place = Find({BlobType::Data, id}, path)) {
+            if (const auto found = Find({BlobType::Data, id}, path)) {
                 ++m_statistics.blobs;
-                m_statistics.size += place->blob.plainLength;
+                m_statistics.size += found->blob.plainLength;
             }
         }
     }
@@ -100,28 +100,28 @@ private:
     {
         if (!m_blobs.insert(handle).second)
             return;
-        const auto place = Find(handle, path);
-        if (!place)
+        const auto found = Find(handle, path);
+        if (!found)
             return;
         ++m_statistics.blobs;
-        m_statistics.size += place->blob.length;
-        m_statistics.plainSize += place->blob.plainLength;
-        if (place->blob.isCompressed) {
-            m_statistics.compressedSize += place->blob.length;
-            m_statistics.compressedPlainSize += place->blob.plainLength;
+        m_statistics.size += found->blob.length;
+        m_statistics.plainSize += found->blob.plainLength;
+        if (found->blob.isCompressed) {
+            m_statistics.compressedSize += found->blob.length;
+            m_statistics.compressedPlainSize += found->blob.plainLength;
         }
     }
 
     std::optional<Repo::IndexedBlob> Find(const BlobHandle& handle, const std::string& path) const
     {
-        const auto place = m_repository.GetIndex().Find(handle);
+        const auto found = m_repository.GetIndex().Find(handle);
         try {
-            REPOSITORY_RAISE_UNLESS(place || handle.type == BlobType::Tree, Repo::Failure::Missing,
+            REPOSITORY_RAISE_UNLESS(found || handle.type == BlobType::Tree, Repo::Failure::Missing,
                                     "The index does not have blob " << handle.id.ToHex().c_str());
         } catch (const Repo::RepositoryError& error) {
             m_onFailure(path, error);
         }
-        return place;
+        return found;
     }
 
     const Repo::Repository& m_repository;

@@ -115,7 +115,7 @@ private:
     Node m_node;
 };
 
-// Which trees have something below them that damage touches.
+// Finds out which trees are damaged or have damage below them.
 class TouchedTrees
 {
 public:
@@ -124,26 +124,26 @@ public:
     bool IsTouched(const Id& root)
     {
         Enter(root);
-        while (!m_way.empty()) {
+        while (!m_visited.empty()) {
             RaiseIfInterrupted();
-            Level& level = m_way.back();
-            if (!level.subtrees.empty()) {
-                const Id next = level.subtrees.back();
-                level.subtrees.pop_back();
+            VisitedTree& visited = m_visited.back();
+            if (!visited.subtrees.empty()) {
+                const Id next = visited.subtrees.back();
+                visited.subtrees.pop_back();
                 Enter(next);
                 continue;
             }
-            const Level done = std::move(level);
-            m_way.pop_back();
+            const VisitedTree done = std::move(visited);
+            m_visited.pop_back();
             m_isTouched[done.tree] = done.isTouched;
-            if (done.isTouched && !m_way.empty())
-                m_way.back().isTouched = true;
+            if (done.isTouched && !m_visited.empty())
+                m_visited.back().isTouched = true;
         }
         return m_isTouched[root];
     }
 
 private:
-    struct Level
+    struct VisitedTree
     {
         Id tree;
         std::vector<Id> subtrees; // not examined yet
@@ -153,28 +153,28 @@ private:
     void Enter(const Id& tree)
     {
         if (const auto known = m_isTouched.find(tree); known != m_isTouched.end()) {
-            if (!m_way.empty())
-                m_way.back().isTouched |= known->second;
+            if (!m_visited.empty())
+                m_visited.back().isTouched |= known->second;
             return;
         }
-        Level level{tree, {}, m_state.IsFaulty(tree) || !m_state.IsReadable({BlobType::Tree, tree})};
+        VisitedTree visited{tree, {}, m_state.IsFaulty(tree) || !m_state.IsReadable({BlobType::Tree, tree})};
         try {
             Repo::Bytes text;
             m_state.GetRepository().LoadBlob({BlobType::Tree, tree}, text);
             Repo::TreeReader reader(Repo::AsText(text));
             for (Node node; reader.Next(node);) {
-                level.isTouched |= !m_state.FaultOf(node).empty();
+                visited.isTouched |= !m_state.FaultOf(node).empty();
                 if (node.type == NodeType::Directory && node.subtree)
-                    level.subtrees.push_back(*node.subtree);
+                    visited.subtrees.push_back(*node.subtree);
             }
         } catch (const RepositoryError&) {
-            level.isTouched = true; // and reported by the check of the tree
+            visited.isTouched = true; // and reported by the check of the tree
         }
-        m_way.push_back(std::move(level));
+        m_visited.push_back(std::move(visited));
     }
 
     const CheckState& m_state;
-    std::vector<Level> m_way;
+    std::vector<VisitedTree> m_visited;
     std::unordered_map<Id, bool, Repo::IdHash> m_isTouched;
 };
 
