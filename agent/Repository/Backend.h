@@ -37,7 +37,7 @@ struct FileName
     friend bool operator==(const FileName&, const FileName&) = default;
 };
 
-/// Any number of threads may use a backend at once. Every operation raises Failure::Backend if the place
+/// Any number of threads may use a backend at once. Every operation raises Failure::Backend if the location
 /// can't be read or written.
 class IBackend
 {
@@ -46,7 +46,7 @@ public:
 
     /// Where the repository is, for messages: a path or an address without credentials.
     virtual Krt::YString Describe() const = 0;
-    /// Creates what the place of a new repository needs: directories, or a bucket. What exists is kept.
+    /// Creates what the location of a new repository needs: directories, or a bucket. What exists is kept.
     virtual void Prepare() = 0;
 
     /// Replaces the content of `out` with `length` bytes of the file from `offset` on. Raises Missing if the

@@ -1,6 +1,6 @@
 // How operations on a repository fail. They raise a RepositoryError: a YError that also has the kind of the
 // failure, by which the program chooses its exit code. A message begins with the file's path in the layout of
-// repositories ("index/30d9...: ") and names the place in it. It never contains a key, a password or
+// repositories ("index/30d9...: ") and names the position in it. It never contains a key, a password or
 // plaintext. Broken preconditions raise a plain YError with InvalidArgument.
 #pragma once
 
@@ -13,11 +13,11 @@ namespace Agent::Repo {
 /// Kind of a failure.
 enum class Failure
 {
-    NoRepository,  ///< the place has no repository, or one of an unknown version
+    NoRepository,  ///< the location has no repository, or one of an unknown version
     WrongPassword, ///< no key file can be opened with the password
     Damaged,       ///< a file or blob is not what a writer stored, or breaks the format
     Missing,       ///< a file or blob that should exist does not
-    Backend        ///< the place of the files can't be read or written
+    Backend        ///< the location of the files can't be read or written
 };
 
 class RepositoryError : public Krt::Exception::YError

@@ -18,8 +18,8 @@ namespace Agent::Repo {
 using PackVisitor = std::function<void(const Id& pack, std::span<const PackedBlob> blobs)>;
 
 /// Reads the JSON text of one index file, and calls `visit` for each pack in the file's order. Raises Damaged
-/// with the offset for other text, and for offsets or lengths that no pack can have; packs before the place
-/// were visited then. What `visit` raises passes through.
+/// with the offset for other text, and for offsets or lengths that no pack can have; packs before the
+/// position were visited then. What `visit` raises passes through.
 void ReadIndexFile(std::string_view json, const PackVisitor& visit);
 
 /// Appends packs to the JSON text of an index file. One thread at a time.
@@ -43,7 +43,7 @@ private:
 struct IndexedBlob
 {
     PackedBlob blob;
-    std::uint32_t pack = 0;   ///< number of its pack: a place in Index::GetPacks
+    std::uint32_t pack = 0;   ///< number of its pack: an index into Index::GetPacks
     std::uint32_t number = 0; ///< its own number, below Index::CountBlobs
 };
 
@@ -72,9 +72,9 @@ public:
 
     /// Returns true if some pack has the blob.
     bool Has(const BlobHandle& handle) const;
-    /// The place of the blob that was added first; nothing if the index does not have it.
+    /// The location of the copy of the blob that was added first; nothing if the index does not have it.
     std::optional<IndexedBlob> Find(const BlobHandle& handle) const;
-    /// All places of the blob.
+    /// The locations of all copies of the blob.
     std::vector<IndexedBlob> FindAll(const BlobHandle& handle) const;
     /// The blob with a number below CountBlobs. Numbers are in the order in which blobs were added.
     IndexedBlob At(std::uint32_t number) const;

@@ -69,9 +69,9 @@ public:
     /// Raises unless only white space follows.
     void End();
 
-    /// Bytes of the document before the current place.
+    /// Bytes of the document before the current position.
     std::size_t GetOffset() const { return m_offset; }
-    /// Raises Damaged with the current place: "damaged at offset 12: reason".
+    /// Raises Damaged with the current position: "damaged at offset 12: reason".
     [[noreturn]] void RaiseDamaged(const char* reason) const;
 
 private:

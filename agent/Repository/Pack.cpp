@@ -57,17 +57,17 @@ std::vector<PackedBlob> ParsePackHeader(ByteView header, std::uint64_t blobBytes
 {
     std::vector<PackedBlob> blobs;
     blobs.reserve(header.size() / PackEntrySize(false));
-    std::uint64_t place = 0;
+    std::uint64_t blobOffset = 0;
     for (ByteView rest = header; !rest.empty();) {
         const std::size_t offset = header.size() - rest.size();
         PackedBlob blob = TakeEntry(rest, offset);
-        if (place > UINT32_MAX || blob.length > blobBytes - place)
+        if (blobOffset > UINT32_MAX || blob.length > blobBytes - blobOffset)
             RaiseDamaged(offset, "a blob is beyond the end of the pack");
-        blob.offset = static_cast<std::uint32_t>(place);
-        place += blob.length;
+        blob.offset = static_cast<std::uint32_t>(blobOffset);
+        blobOffset += blob.length;
         blobs.push_back(blob);
     }
-    if (place != blobBytes)
+    if (blobOffset != blobBytes)
         RaiseDamaged(header.size(), "the blobs do not fill the pack");
     return blobs;
 }

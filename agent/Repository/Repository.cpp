@@ -252,9 +252,9 @@ void Repository::LoadIndex(const FailureVisitor& onFailure)
 void Repository::LoadBlob(const BlobHandle& handle, Bytes& plaintext) const
 {
     std::exception_ptr firstError;
-    for (const IndexedBlob& place : m_index.FindAll(handle)) {
+    for (const IndexedBlob& copy : m_index.FindAll(handle)) {
         try {
-            LoadCopy(place, plaintext);
+            LoadCopy(copy, plaintext);
             return;
         } catch (const RepositoryError&) {
             if (!firstError)
@@ -283,12 +283,12 @@ void Repository::VisitTree(const Id& tree, const std::function<bool(Node& node)>
     }
 }
 
-void Repository::LoadCopy(const IndexedBlob& place, Bytes& plaintext) const
+void Repository::LoadCopy(const IndexedBlob& copy, Bytes& plaintext) const
 {
     thread_local Bytes sealed;
-    const FileName file{FileKind::Pack, m_index.GetPacks()[place.pack].id};
-    m_backend->Load(file, place.blob.offset, place.blob.length, sealed);
-    DecodeBlob(file.id, place.blob, sealed, plaintext);
+    const FileName file{FileKind::Pack, m_index.GetPacks()[copy.pack].id};
+    m_backend->Load(file, copy.blob.offset, copy.blob.length, sealed);
+    DecodeBlob(file.id, copy.blob, sealed, plaintext);
     if (sealed.capacity() > ScratchLimit)
         Bytes().swap(sealed);
 }

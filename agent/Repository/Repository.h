@@ -52,8 +52,8 @@ public:
     /// if there was none.
     static Repository Open(std::shared_ptr<IBackend> backend, const Secret& password,
                            const OpenOptions& options = {});
-    /// Creates a repository with one key file, and opens it. Raises InvalidArgument if the place already has
-    /// a configuration, key files or snapshots.
+    /// Creates a repository with one key file, and opens it. Raises InvalidArgument if the location already
+    /// has a configuration, key files or snapshots.
     static Repository Create(std::shared_ptr<IBackend> backend, const Secret& password,
                              const CreateOptions& options = {});
 
@@ -115,7 +115,7 @@ public:
 private:
     Repository(std::shared_ptr<IBackend> backend, Config config, Key key, const Id& keyId);
 
-    void LoadCopy(const IndexedBlob& place, Bytes& plaintext) const;
+    void LoadCopy(const IndexedBlob& copy, Bytes& plaintext) const;
 
     std::shared_ptr<IBackend> m_backend;
     Config m_config;

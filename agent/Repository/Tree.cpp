@@ -224,17 +224,17 @@ bool TreeReader::FindNodes()
 
 bool TreeReader::Next(Node& node)
 {
-    if (m_place == Place::BeforeNodes) {
+    if (m_position == Position::BeforeNodes) {
         m_reader.BeginObject();
-        m_place = FindNodes() ? Place::InNodes : Place::AfterNodes;
+        m_position = FindNodes() ? Position::InNodes : Position::AfterNodes;
     }
-    if (m_place == Place::AfterNodes)
+    if (m_position == Position::AfterNodes)
         return false;
     if (m_reader.NextItem()) {
         ReadNode(node);
         return true;
     }
-    m_place = Place::AfterNodes;
+    m_position = Position::AfterNodes;
     FindNodes(); // there is not a second list
     return false;
 }

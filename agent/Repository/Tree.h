@@ -40,7 +40,7 @@ private:
     bool ReadStructure(std::string_view key, Node& node);
     void ReadName(Node& node);
 
-    enum class Place
+    enum class Position
     {
         BeforeNodes,
         InNodes,
@@ -49,7 +49,7 @@ private:
 
     JsonReader m_reader;
     bool m_keepsUnknown;
-    Place m_place = Place::BeforeNodes;
+    Position m_position = Position::BeforeNodes;
     bool m_hasNodes = false;
     bool m_hasName = false; // of the current node
     bool m_hasType = false;
