@@ -87,7 +87,7 @@ RecordedEntry RecordedEntryOf(Backup::File::YMetadataBase& metadata)
     case Backup::File::VAM_UNIX_METADATA_TYPE:
         return OfUnix(metadata.AsUnixFileMetadata());
     default:
-        KRT_RAISE(Krt::ErrorCode::NotSupported, "An ODS object is no file; its record alone is kept");
+        KRT_RAISE(Krt::ErrorCode::NotSupported, "An ODS object is not a file; its record alone is kept");
     }
 }
 

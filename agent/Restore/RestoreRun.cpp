@@ -90,7 +90,7 @@ void RestoreRun::RestorePath(const SnapshotEntry& entry, Backup::File::YMetadata
         const RecordedEntry recorded = RecordedEntryOf(metadata);
         Make(entry, recorded, location, m_volumes.FindOther(original, location));
         if (entry.readSize)
-            m_refused.emplace_back("restored as it was read, with another size than its record tells");
+            m_refused.emplace_back("restored as it was read, with another size than in its record");
         if (m_refused.empty())
             m_counts.Add(recorded.type);
         else
@@ -135,14 +135,15 @@ bool RestoreRun::IsWanted(const YPath& path)
 void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
                       const TargetLocation& location, const YString& otherVolume)
 {
-    KRT_RAISE_UNLESS(!recorded.isReparsePoint || entry.content.has_value(), ErrorCode::NotSupported,
-                     "A reparse point without content is not restored: its record does not tell its target");
+    KRT_RAISE_UNLESS(
+        !recorded.isReparsePoint || entry.content.has_value(), ErrorCode::NotSupported,
+        "A reparse point without content is not restored: its record does not contain its target");
     if (recorded.type == S_IFDIR) {
         m_tree.MakeDirectory(location, recorded.attributes);
         return;
     }
     const YDirectory& parent = m_tree.ParentOf(location);
-    CheckStanding(parent, location.back(), otherVolume);
+    CheckExisting(parent, location.back(), otherVolume);
     const YDirectory* workplace = &parent;
     bool isMoved = false;
     const Krt::Util::YScope cleanUp([&] {
@@ -180,17 +181,17 @@ void RestoreRun::RemoveTemporary(const YDirectory& parent)
 }
 
 // Raises if the current entry must not replace the existing one of this name.
-void RestoreRun::CheckStanding(const YDirectory& parent, const YString& name,
+void RestoreRun::CheckExisting(const YDirectory& parent, const YString& name,
                                const YString& otherVolume) const
 {
-    struct stat standing
+    struct stat existing
     {};
-    if (!parent.StatIfPresent(name, standing))
+    if (!parent.StatIfPresent(name, existing))
         return;
-    KRT_RAISE_UNLESS(!S_ISDIR(standing.st_mode), ErrorCode::InvalidState, "A directory stands in its place");
-    const bool isOwn = m_first && m_first->file == FileId(standing);
+    KRT_RAISE_UNLESS(!S_ISDIR(existing.st_mode), ErrorCode::InvalidState, "There is a directory at its path");
+    const bool isOwn = m_first && m_first->file == FileId(existing);
     KRT_RAISE_UNLESS(otherVolume.IsEmpty() || isOwn, ErrorCode::InvalidState,
-                     "Not restored: what stands in its place may be of the volume "
+                     "Not restored: the existing entry may be from the volume "
                          << otherVolume << ", which is restored into the same directory");
 }
 

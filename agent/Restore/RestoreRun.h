@@ -58,7 +58,7 @@ private:
     void Make(const SnapshotEntry& entry, const RecordedEntry& recorded, const TargetLocation& location,
               const Krt::YString& otherVolume);
     void RemoveTemporary(const Krt::File::YDirectory& parent);
-    void CheckStanding(const Krt::File::YDirectory& parent, const Krt::YString& name,
+    void CheckExisting(const Krt::File::YDirectory& parent, const Krt::YString& name,
                        const Krt::YString& otherVolume) const;
     const LinkedFile* FirstNameOf(const SnapshotEntry& entry) const;
     bool MakeHardLink(const LinkedFile* first, const TargetLocation& location, const Krt::YString& temporary);

@@ -36,7 +36,7 @@ TargetTree::TargetTree(YDirectory root, YString staging, RefusalReport report)
       m_report(std::move(report))
 {}
 
-// If a level cannot be finished because memory is exhausted, those above it are finished all the same.
+// If a directory cannot be finished because memory is exhausted, those above it are finished all the same.
 TargetTree::~TargetTree()
 {
     for (;;) {
@@ -44,9 +44,9 @@ TargetTree::~TargetTree()
             Finish();
             return;
         } catch (...) {
-            if (m_levels.empty())
+            if (m_entered.empty())
                 return;
-            m_levels.pop_back();
+            m_entered.pop_back();
         }
     }
 }
@@ -59,7 +59,7 @@ const YDirectory& TargetTree::ParentOf(const TargetLocation& location)
 const Staging& TargetTree::StagingFor(const TargetLocation& location)
 {
     const YDirectory& parent = ParentOf(location);
-    std::optional<Staging>& staging = m_levels.empty() ? m_staging : m_levels.back().staging;
+    std::optional<Staging>& staging = m_entered.empty() ? m_staging : m_entered.back().staging;
     if (!staging)
         staging = Staging::Create(parent, m_stagingName);
     return *staging;
@@ -68,7 +68,7 @@ const Staging& TargetTree::StagingFor(const TargetLocation& location)
 void TargetTree::MakeDirectory(const TargetLocation& location, Attributes attributes)
 {
     Descend(location, location.size());
-    m_levels.back().attributes = std::move(attributes);
+    m_entered.back().attributes = std::move(attributes);
 }
 
 void TargetTree::MakeHardLink(const TargetLocation& from, const TargetLocation& location, const YString& name)
@@ -84,7 +84,7 @@ void TargetTree::MakeHardLink(const TargetLocation& from, const TargetLocation& 
 
 void TargetTree::Finish()
 {
-    while (!m_levels.empty())
+    while (!m_entered.empty())
         Leave();
     std::vector<YString> refused;
     RemoveStaging(m_staging, refused);
@@ -102,21 +102,21 @@ void TargetTree::Sync() const
 const YDirectory& TargetTree::Descend(const TargetLocation& location, std::size_t depth)
 {
     std::size_t common = 0;
-    while (common < depth && common < m_levels.size() && m_levels[common].name == location[common])
+    while (common < depth && common < m_entered.size() && m_entered[common].name == location[common])
         ++common;
-    while (m_levels.size() > common)
+    while (m_entered.size() > common)
         Leave();
-    while (m_levels.size() < depth)
-        m_levels.push_back(OpenLevel(Top(), location[m_levels.size()]));
+    while (m_entered.size() < depth)
+        m_entered.push_back(OpenOrMake(Top(), location[m_entered.size()]));
     return Top();
 }
 
 const YDirectory& TargetTree::Top() const
 {
-    return m_levels.empty() ? m_root : m_levels.back().directory;
+    return m_entered.empty() ? m_root : m_entered.back().directory;
 }
 
-TargetTree::Level TargetTree::OpenLevel(const YDirectory& parent, const YString& name)
+TargetTree::EnteredDirectory TargetTree::OpenOrMake(const YDirectory& parent, const YString& name)
 {
     struct stat status
     {};
@@ -125,9 +125,9 @@ TargetTree::Level TargetTree::OpenLevel(const YDirectory& parent, const YString&
     if (isNew) {
         parent.MakeDirectory(name, PrivateMode);
     } else if (S_ISLNK(status.st_mode)) {
-        KRT_RAISE(ErrorCode::InvalidState, "A symbolic link stands in the way: " << name);
+        KRT_RAISE(ErrorCode::InvalidState, "There is a symlink instead of a directory: " << name);
     } else if (!S_ISDIR(status.st_mode)) {
-        KRT_RAISE(ErrorCode::InvalidState, "Something that is no directory stands in the way: " << name);
+        KRT_RAISE(ErrorCode::InvalidState, "There is an entry that is not a directory: " << name);
     } else if ((status.st_mode & PrivateMode) != PrivateMode && !Krt::Environment::IsRoot()) {
         const YDirectory closed = parent.OpenDirectoryToSearch(name);
         CheckIs(closed, status, name);
@@ -142,22 +142,22 @@ TargetTree::Level TargetTree::OpenLevel(const YDirectory& parent, const YString&
     return {name, std::move(directory), isNew, isWidened, status, std::nullopt, std::nullopt};
 }
 
-void TargetTree::GiveBack(const Level& level)
+void TargetTree::RestoreStatus(const EnteredDirectory& entered)
 {
-    const Krt::Util::YUnxHandle& handle = level.directory.GetHandle();
-    if (level.isNew) {
+    const Krt::Util::YUnxHandle& handle = entered.directory.GetHandle();
+    if (entered.isNew) {
         Krt::File::RemoveAccessLists(handle);
         Krt::File::YEntry(handle).SetMode(ModeWithoutRecord);
         return;
     }
-    if (level.isWidened)
-        Krt::File::YEntry(handle).SetMode(level.before.st_mode);
+    if (entered.isWidened)
+        Krt::File::YEntry(handle).SetMode(entered.before.st_mode);
     // If no entry was created in it, it may belong to another user, and only its owner can set its times.
-    const struct stat now = level.directory.Stat();
-    const timespec& write = Krt::File::WriteTime(level.before);
+    const struct stat now = entered.directory.Stat();
+    const timespec& write = Krt::File::WriteTime(entered.before);
     if (Krt::File::WriteTime(now).tv_sec != write.tv_sec ||
         Krt::File::WriteTime(now).tv_nsec != write.tv_nsec)
-        Krt::File::YEntry(handle).SetTimes(Krt::File::AccessTime(level.before), write);
+        Krt::File::YEntry(handle).SetTimes(Krt::File::AccessTime(entered.before), write);
 }
 
 // A user who can write to the directory may have moved it away.
@@ -175,25 +175,25 @@ void TargetTree::RemoveStaging(std::optional<Staging>& staging, std::vector<YStr
 
 void TargetTree::Leave()
 {
-    Level& level = m_levels.back();
+    EnteredDirectory& entered = m_entered.back();
     std::vector<YString> refused;
-    RemoveStaging(level.staging, refused);
-    if (level.attributes) {
-        Apply(*level.attributes, level.directory.GetHandle(), refused);
+    RemoveStaging(entered.staging, refused);
+    if (entered.attributes) {
+        Apply(*entered.attributes, entered.directory.GetHandle(), refused);
     } else {
         try {
-            GiveBack(level);
+            RestoreStatus(entered);
         } catch (const Krt::Exception::YError& error) {
-            refused.push_back(YString("mode and times not given back: ") + ReasonOf(error));
+            refused.push_back(YString("mode and times not restored: ") + ReasonOf(error));
         }
     }
     if (!refused.empty()) {
         TargetLocation location;
-        std::transform(m_levels.begin(), m_levels.end(), std::back_inserter(location),
-                       [](const Level& each) { return each.name; });
-        m_report(location, level.attributes.has_value(), refused);
+        std::transform(m_entered.begin(), m_entered.end(), std::back_inserter(location),
+                       [](const EnteredDirectory& each) { return each.name; });
+        m_report(location, entered.attributes.has_value(), refused);
     }
-    m_levels.pop_back();
+    m_entered.pop_back();
 }
 
 } // namespace Agent

@@ -47,7 +47,7 @@ public:
     void Sync() const;
 
 private:
-    struct Level
+    struct EnteredDirectory
     {
         Krt::YString name;
         Krt::File::YDirectory directory;
@@ -61,10 +61,10 @@ private:
 
     const Krt::File::YDirectory& Descend(const TargetLocation& location, std::size_t depth);
     const Krt::File::YDirectory& Top() const;
-    Level OpenLevel(const Krt::File::YDirectory& parent, const Krt::YString& name);
+    EnteredDirectory OpenOrMake(const Krt::File::YDirectory& parent, const Krt::YString& name);
     void Leave();
     void RemoveStaging(std::optional<Staging>& staging, std::vector<Krt::YString>& refused) const;
-    static void GiveBack(const Level& level);
+    static void RestoreStatus(const EnteredDirectory& entered);
 
     Krt::File::YDirectory m_root;
     dev_t m_device;
@@ -72,7 +72,7 @@ private:
     Krt::YString m_stagingName;
     RefusalReport m_report;
     std::optional<Staging> m_staging; // of the root
-    std::vector<Level> m_levels;
+    std::vector<EnteredDirectory> m_entered;
 };
 
 } // namespace Agent

@@ -125,7 +125,7 @@ TEST_F(NamesOnDisk, AwkwardNamesAreRestoredAndForgeNoLine)
     for (const std::string& name : names)
         fs::create_directories(directory / "full" + source + "/" + name);
     ExpectAllPrinted(OutputOf(3, {"restore", "--to", directory / "full"}),
-                     ": A directory stands in its place");
+                     ": There is a directory at its path");
 
     const std::string rules = "include " + source + " recursive any; exclude " + source + " recursive glob=*";
     const std::string job = directory.Write("job", JobText(rules));

@@ -190,7 +190,7 @@ TEST_F(RestoreProgram, VolumesOfOneNameKeepEachOthersFiles)
         WindowsFile({{"\\\\?\\C:", "two names"}}, "the same volume"),
     });
     EXPECT_EQ(Restore(3).errors,
-              "kbagent: /C/dir/file: Not restored: what stands in its place may be of the volume C:, "
+              "kbagent: /C/dir/file: Not restored: the existing entry may be from the volume C:, "
               "which is restored into the same directory\n");
     EXPECT_EQ(ReadFile(target + "/C/dir/file"), "first");
     EXPECT_EQ(ReadFile(target + "/C/dir/more"), "more");
@@ -210,7 +210,7 @@ TEST_F(RestoreProgram, PathsOfOneRecordAreHardLinks)
     // A directory in the first one's place leaves the content to the next one.
     fs::create_directory(target + "/C/1");
     const std::string errors = Restore(3).errors;
-    EXPECT_TRUE(Holds(errors, "C:/../2: Refused") && Holds(errors, "/C/1: A directory stands")) << errors;
+    EXPECT_TRUE(Holds(errors, "C:/../2: Refused") && Holds(errors, "/C/1: There is a directory")) << errors;
     EXPECT_EQ(StatusOf("C/4").st_ino, StatusOf("C/3/3").st_ino);
     EXPECT_EQ(StatusOf("C/4").st_nlink, 2u);
     EXPECT_TRUE(fs::is_directory(target + "/C/1"));
@@ -231,7 +231,7 @@ TEST_F(RestoreProgram, RecordsWithoutFileAreReportedAndListed)
         WindowsFile({{"C:", "good"}, {"\\\\?\\D:", "two"}}, "good", 0x27),
     });
     const std::string errors = Restore(3).errors;
-    for (const char* expected : {"/server/object: An ODS object is no file", "/C/link: A reparse point",
+    for (const char* expected : {"/server/object: An ODS object is not a file", "/C/link: A reparse point",
                                  "/C/nothing: The snapshot has no content", "Entry 5: The record has no path",
                                  "Entry 6: The record has no path", ":?/no name: Refused"})
         EXPECT_TRUE(Holds(errors, expected));
