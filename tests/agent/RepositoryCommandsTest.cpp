@@ -68,7 +68,7 @@ json::value AsOld(json::value value)
     return value;
 }
 
-class Commands : public ::testing::Test
+class RepositoryCommands : public ::testing::Test
 {
 protected:
     // Its output, without the program's own messages.
@@ -156,7 +156,7 @@ protected:
 };
 
 // A repository that restic 0.14 wrote, in both versions of the format.
-class OfRestic : public Commands, public ::testing::WithParamInterface<const char*>
+class RepositoryOfRestic : public RepositoryCommands, public ::testing::WithParamInterface<const char*>
 {
 protected:
     void SetUp() override
@@ -181,7 +181,7 @@ protected:
     std::string big;
 };
 
-TEST_P(OfRestic, IsListedAsResticListsIt)
+TEST_P(RepositoryOfRestic, ListingsEqualThoseOfRestic)
 {
     std::ofstream(directory / "new") << "other";
     Restic("key add --new-password-file new");
@@ -228,7 +228,7 @@ TEST_P(OfRestic, IsListedAsResticListsIt)
     EXPECT_EQ(Restic("list locks"), "");
 }
 
-TEST_P(OfRestic, IsFoundUnderEachPathThatIsPrinted)
+TEST_P(RepositoryOfRestic, PrintedPathNamesItsEntry)
 {
     const std::string text = Run(0, "ls -q --host h2").output;
     EXPECT_TRUE(Holds(text, R"(/s/odd \\ "name\n\xff)"
@@ -257,7 +257,7 @@ TEST_P(OfRestic, IsFoundUnderEachPathThatIsPrinted)
     EXPECT_EQ(metadata.GetFilePath(0).GetFilesystemPortion().Bytes(), "/s/big");
 }
 
-TEST_P(OfRestic, IsDumped)
+TEST_P(RepositoryOfRestic, DumpedEntryEqualsItsSource)
 {
     EXPECT_TRUE(Run(0, "dump --host h2 latest /s/big").output == big);
     Run(0, "dump --host h2 latest /s/zeros --target zeros");
@@ -277,7 +277,7 @@ TEST_P(OfRestic, IsDumped)
     Run(2, "dump latest s");
 }
 
-TEST_P(OfRestic, IsCheckedAfterOtherCommands)
+TEST_P(RepositoryOfRestic, CheckSucceedsAfterOtherCommands)
 {
     Restic("forget --keep-last 1 --group-by '' --prune");
     const std::string from =
@@ -295,7 +295,7 @@ TEST_P(OfRestic, IsCheckedAfterOtherCommands)
         Run(2, "check --read-data-subset " + std::string(options));
 }
 
-TEST_P(OfRestic, ShowsEachDamageToACheck)
+TEST_P(RepositoryOfRestic, CheckFindsEachDamage)
 {
     std::mt19937 random(static_cast<unsigned int>(time(nullptr)));
     const std::string kept = directory / "kept";
@@ -337,7 +337,7 @@ TEST_P(OfRestic, ShowsEachDamageToACheck)
     }
 }
 
-TEST_P(OfRestic, NamesWhatDamageTouches)
+TEST_P(RepositoryOfRestic, CheckNamesDamagedEntries)
 {
     const std::string shown = Run(0, "show --host h2 latest:/s/later").output;
     const std::string row = shown.substr(shown.rfind("\n", shown.size() - 2) + 1);
@@ -356,9 +356,9 @@ TEST_P(OfRestic, NamesWhatDamageTouches)
     EXPECT_EQ(touched("/s/same1") + touched("/s/big"), 0) << result.errors;
 }
 
-INSTANTIATE_TEST_SUITE_P(Version, OfRestic, ::testing::Values("1", "2"));
+INSTANTIATE_TEST_SUITE_P(Version, RepositoryOfRestic, ::testing::Values("1", "2"));
 
-TEST_F(Commands, DamageDoesNotEndACheckAndIsNamed)
+TEST_F(RepositoryCommands, DamageIsNamedAndDoesNotEndCheck)
 {
     const Repo::Repository opened = Create();
     Repo::PackWriter packs[] = {Repo::PackWriter(opened.GetKey()), Repo::PackWriter(opened.GetKey())};
@@ -399,7 +399,7 @@ TEST_F(Commands, DamageDoesNotEndACheckAndIsNamed)
     EXPECT_TRUE(Holds(Run(1, "check --json").output, R"("broken_packs":[")" + ids[1].ToHex()));
 }
 
-TEST_F(Commands, HostileTreesAreBounded)
+TEST_F(RepositoryCommands, HostileTreeIsBounded)
 {
     const Repo::Repository opened = Create();
     const auto directoryOf = [](const Id& below, const std::vector<std::string>& names) {
@@ -430,7 +430,7 @@ TEST_F(Commands, HostileTreesAreBounded)
     }
 }
 
-TEST_F(Commands, ExitCodesSayWhatIsMissing)
+TEST_F(RepositoryCommands, MissingPartDeterminesExitCode)
 {
     Run(10, "snapshots");
     const Repo::Repository opened = Create();
@@ -467,7 +467,7 @@ TEST_F(Commands, ExitCodesSayWhatIsMissing)
     EXPECT_EQ(Files("locks").size(), 1u);
 }
 
-TEST_F(Commands, PasswordsComeFromTheirSources)
+TEST_F(RepositoryCommands, PasswordIsReadFromItsSource)
 {
     Create();
     const std::string utf16 = "\xFF\xFE" + [] {
@@ -495,7 +495,7 @@ TEST_F(Commands, PasswordsComeFromTheirSources)
     EXPECT_EQ(Run(1, {"snapshots", "-r", "s3:user:pw@host"}).errors.find("user:pw"), std::string::npos);
 }
 
-TEST_F(Commands, AReadOnlyRepositoryIsReadWithoutALock)
+TEST_F(RepositoryCommands, ReadOnlyRepositoryIsReadWithoutLock)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root, to read as another user";
@@ -509,7 +509,7 @@ TEST_F(Commands, AReadOnlyRepositoryIsReadWithoutALock)
     EXPECT_EQ(Run(0, {"ls", "-q", "--no-lock"}, OrdinaryUser).errors, "");
 }
 
-TEST_F(Commands, ALockIsRefreshedAndItsLossIsNoticed)
+TEST_F(RepositoryCommands, LockIsRefreshedAndItsLossNoticed)
 {
     using std::chrono::milliseconds;
     const Repo::Repository opened = Create();
@@ -543,7 +543,7 @@ TEST_F(Commands, ALockIsRefreshedAndItsLossIsNoticed)
     EXPECT_TRUE(Files("locks").empty());
 }
 
-TEST(NodeRecord, KeepsWhatANodeCannotExpress)
+TEST(NodeRecord, FieldsThatNodeLacksAreKept)
 {
     Repo::Node node;
     node.name = "f";

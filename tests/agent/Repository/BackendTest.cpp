@@ -46,7 +46,7 @@ protected:
     const std::unique_ptr<IBackend> backend = GetParam()(directory);
 };
 
-TEST_P(Backend, KeepsFilesAsTheyWereSaved)
+TEST_P(Backend, SavedFilesAreKept)
 {
     Bytes content(100'000);
     for (std::size_t i = 0; i < content.size(); ++i)
@@ -94,7 +94,7 @@ INSTANTIATE_TEST_SUITE_P(
         return std::make_unique<LocalBackend>((directory / "a/repo").c_str());
     }));
 
-TEST(LocalRepository, HasNoPartOfAFileAfterAFailedWrite)
+TEST(LocalBackend, FailedWriteLeavesNoPartOfFile)
 {
     const Testing::TemporaryDirectory directory;
     LocalBackend backend((directory / "repo").c_str());
@@ -113,7 +113,7 @@ unsigned int ModeOf(const std::string& path)
     return Testing::StatusOf(path).st_mode & 07777u;
 }
 
-TEST(LocalRepository, HasTheLayoutAndTheModesOfTheFormat)
+TEST(LocalBackend, NewRepositoryHasLayoutAndModesOfFormat)
 {
     const Testing::TemporaryDirectory directory;
     const std::string root = directory / "repo";
@@ -145,7 +145,7 @@ TEST(LocalRepository, HasTheLayoutAndTheModesOfTheFormat)
     EXPECT_TRUE(Listed(backend, FileKind::Index).empty());
 }
 
-TEST(LocalRepository, IsNotWrittenThroughASymlink)
+TEST(LocalBackend, SymlinkIsNotWrittenThrough)
 {
     const Testing::TemporaryDirectory directory;
     LocalBackend backend((directory / "repo").c_str());

@@ -55,7 +55,7 @@ std::string DamageOf(const std::function<void()>& call)
     return {};
 }
 
-TEST(Sealing, GivesKnownResultsAndRefusesEachFlippedBit)
+TEST(Sealing, FlippedBitIsRefused)
 {
     for (const auto golden = Golden("crypto.json"); const auto& known : golden.at("sealed").as_array()) {
         SCOPED_TRACE(Text(known, "what"));
@@ -79,7 +79,7 @@ TEST(Sealing, GivesKnownResultsAndRefusesEachFlippedBit)
     EXPECT_TRUE(Testing::CatchError([] { Key(Secret(Key::Size)); })) << "zeros are not a key";
 }
 
-TEST(KeyFile, DerivesKnownKeysAndRefusesWhatCostsTooMuch)
+TEST(KeyFile, KnownKeysAreDerivedAndExcessiveCostsRefused)
 {
     for (const auto golden = Golden("crypto.json"); const auto& known : golden.at("kdf").as_array()) {
         const auto number = [&known](const char* key) {
@@ -109,7 +109,7 @@ TEST(KeyFile, DerivesKnownKeysAndRefusesWhatCostsTooMuch)
         EXPECT_EQ((ScryptCost{n, r, p}.IsAcceptable()), isAcceptable) << n << " " << r << " " << p;
 }
 
-TEST(KeyFile, KeepsAMasterKeyAndTellsWrongPasswordsFromDamage)
+TEST(KeyFile, WrongPasswordDiffersFromDamage)
 {
     KeyFile file;
     file.cost = {16, 1, 1};
@@ -141,7 +141,7 @@ TEST(KeyFile, KeepsAMasterKeyAndTellsWrongPasswordsFromDamage)
         EXPECT_NE(DamageOf([&] { KeyFile::Parse(text); }), "") << text;
 }
 
-TEST(NameText, QuotesAsTheFormatDoes)
+TEST(NameText, NamesAreQuotedAsInFormat)
 {
     const auto golden = Golden("names.json");
     std::string quoted, json, name;
@@ -171,7 +171,7 @@ TEST(NameText, QuotesAsTheFormatDoes)
                  IsEntryName(""));
 }
 
-TEST(Json, TakesEveryValidTextAndNoOther)
+TEST(Json, OnlyValidTextIsAccepted)
 {
     const std::string text = " { \"a\\u00E9\" : [ 1 , -2.5e+3 , true , null , { } , [ ] , "
                              "\"\\ud83d\\ude00\\ud800\\u0041\\/\" ] , \"b\" : 0 } ";
@@ -212,7 +212,7 @@ TEST(Json, TakesEveryValidTextAndNoOther)
         EXPECT_NE(DamageOf([&] { JsonReader(number).Unsigned(); }), "") << number;
 }
 
-TEST(Timestamp, KeepsInstantAndZone)
+TEST(Timestamp, InstantAndZoneAreKept)
 {
     const std::tuple<const char*, std::int64_t, std::uint32_t> times[] = {
         {"2024-02-29T12:34:56.789+05:30", 1709190296, 789'000'000}, {"1970-01-01T00:00:00Z", 0, 0},
@@ -241,7 +241,7 @@ TEST(Timestamp, KeepsInstantAndZone)
     tzset();
 }
 
-TEST(Zstd, GivesNoMoreThanItIsAskedFor)
+TEST(Zstd, OutputIsLimited)
 {
     const Bytes zeros(100 << 20);
     Bytes frames, out;
@@ -277,7 +277,7 @@ PackedBlob BlobOf(char letter, std::uint32_t offset, std::uint32_t length, bool 
     return blob;
 }
 
-TEST(Pack, GivesItsBlobsBackAndRefusesImpossibleHeaders)
+TEST(Pack, ImpossibleHeaderIsRefused)
 {
     const Key key = Key::Random();
     PackWriter writer(key);
@@ -314,7 +314,7 @@ TEST(Pack, GivesItsBlobsBackAndRefusesImpossibleHeaders)
     EXPECT_NE(DamageOf([&] { ReadPackHeaderLength(pack, 35); }), "");
 }
 
-TEST(Index, UnitesFilesAndCountsWhatIsThereTwice)
+TEST(Index, FilesAreUnitedAndDuplicatesCounted)
 {
     const Id first = Id::Of(AsBytes("1")), second = Id::Of(AsBytes("2"));
     const PackedBlob blobs[] = {BlobOf('a', 0, 100), BlobOf('b', 100, 50, false)};
@@ -360,7 +360,7 @@ TEST(Index, UnitesFilesAndCountsWhatIsThereTwice)
     EXPECT_NE(DamageOf([&] { index.AddFile("{\"packs\":[{\"blobs\":[]}]}"); }), "");
 }
 
-TEST(Tree, ToleratesWhatTheFormatAllowsAndKeepsUnknownMembers)
+TEST(Tree, UnusualTreeIsReadAndUnknownMembersKept)
 {
     const std::string text =
         R"({"x":[1, 2],"Nodes":[{"NAME":"a","name":"b\\x41","type":"symlink","mode":134218239,"uid":7,"linktarget_raw":"/w==",)"
@@ -398,7 +398,7 @@ TEST(Tree, ToleratesWhatTheFormatAllowsAndKeepsUnknownMembers)
               "");
 }
 
-TEST(Tree, IsWrittenInTheFormOfTheFormat)
+TEST(Tree, WrittenTextHasPrescribedForm)
 {
     Node node;
     node.name = "a\"";
@@ -430,7 +430,7 @@ TEST(Tree, IsWrittenInTheFormOfTheFormat)
     EXPECT_EQ(MakeNodeMode(S_IFDIR | 0755), 2147484141u);
 }
 
-TEST(Snapshot, IsWrittenInTheFormOfTheFormat)
+TEST(Snapshot, WrittenTextHasPrescribedForm)
 {
     const std::string zeros(64, '0');
     const std::string json =
@@ -470,7 +470,7 @@ TEST(Snapshot, IsWrittenInTheFormOfTheFormat)
     EXPECT_EQ(Lock::Parse(lock).ToJson(), lock);
 }
 
-TEST(Config, RefusesOtherVersionsAndReduciblePolynomials)
+TEST(Config, OtherVersionOrReduciblePolynomialIsRefused)
 {
     const Config config = Config::Random(1);
     EXPECT_EQ(Config::Parse(config.ToJson()).polynomial, config.polynomial);

@@ -114,7 +114,7 @@ std::string LineOf(const std::string& path, const Node& node)
     return line.str();
 }
 
-TEST(Repository, ReadsWhatResticWrote)
+TEST(Repository, RepositoryOfResticIsRead)
 {
     Repository repository = OpenAt(Golden, "vector");
     EXPECT_EQ(repository.GetConfig().id.ToHex(),
@@ -161,7 +161,7 @@ TEST(Repository, ReadsWhatResticWrote)
     EXPECT_EQ(FailureOf([&] { repository.LoadBlob({BlobType::Data, Id()}, plaintext); }), Failure::Missing);
 }
 
-TEST(Repository, IsOpenedByItsPasswordsAlone)
+TEST(Repository, OnlyItsPasswordsOpenIt)
 {
     OpenOptions second;
     second.keyHint = "f410";
@@ -287,7 +287,7 @@ std::map<std::string, std::string> ReadAll(const std::string& path, const char* 
     return files;
 }
 
-TEST(Repository, IsNeverReadDifferentlyAfterDamage)
+TEST(Repository, DamageNeverChangesContent)
 {
     const Testing::TemporaryDirectory directory;
     const std::string path = directory / "repo";
@@ -330,7 +330,7 @@ TEST(Repository, IsNeverReadDifferentlyAfterDamage)
     EXPECT_EQ(ReadAll(path, "secret"), whole);
 }
 
-TEST(Repository, TriesEachCopyOfABlobOnAllThreads)
+TEST(Repository, DamagedCopyIsReplacedByOtherOnAllThreads)
 {
     const Testing::TemporaryDirectory directory;
     Written written(directory / "repo");
@@ -394,7 +394,7 @@ TEST(Repository, TriesEachCopyOfABlobOnAllThreads)
 }
 
 // Debian's restic, an independent program.
-class Restic : public ::testing::TestWithParam<int>
+class ResticTest : public ::testing::TestWithParam<int>
 {
 protected:
     void SetUp() override
@@ -417,7 +417,7 @@ protected:
     const Testing::TemporaryDirectory directory;
 };
 
-TEST_P(Restic, ReadsWhatIsWrittenHere)
+TEST_P(ResticTest, WrittenRepositoryIsReadByRestic)
 {
     const Written written(directory / "repo", static_cast<std::uint32_t>(GetParam()));
     EXPECT_NE(Run("check --read-data").find("no errors were found"), std::string::npos);
@@ -428,7 +428,7 @@ TEST_P(Restic, ReadsWhatIsWrittenHere)
     EXPECT_EQ(Run("snapshots --json --host host").find("[{"), 0u);
 }
 
-TEST_P(Restic, IsReadHere)
+TEST_P(ResticTest, RepositoryOfResticIsRead)
 {
     std::map<std::string, std::string> content;
     std::mt19937 random(2);
@@ -446,6 +446,6 @@ TEST_P(Restic, IsReadHere)
     EXPECT_TRUE(ReadAll(directory / "repo", "secret") == content);
 }
 
-INSTANTIATE_TEST_SUITE_P(Version, Restic, ::testing::Values(1, 2));
+INSTANTIATE_TEST_SUITE_P(Version, ResticTest, ::testing::Values(1, 2));
 
 } // namespace
