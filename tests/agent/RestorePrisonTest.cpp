@@ -1,5 +1,5 @@
-// Restores of hostile snapshots, into hostile targets, and while somebody swaps what stands there: nothing
-// outside the target changes. The fixture compares the tree outside after each.
+// Restores of hostile snapshots, into hostile targets, and while another process swaps entries of the target:
+// nothing outside the target changes. The fixture compares the tree outside after each restore.
 #include "agent/Restore/TargetTree.h"
 
 #include "testing/AccessList.h"
@@ -29,12 +29,12 @@ protected:
     {
         return EntryOf(UnixRecord(names, S_IFIFO | mode));
     }
-    // A further name of a file outside, as somebody may have made who owned it.
+    // Another hard link to a file outside, as its owner could create.
     void Plant(const std::string& name) const
     {
         fs::create_hard_link(directory / "outside/dir/file", target + "/" + name);
     }
-    // What the races below swap.
+    // Creates the entries that the races below swap.
     void PlantForRaces() const
     {
         for (const fs::directory_entry& entry : fs::directory_iterator(target))
@@ -45,7 +45,7 @@ protected:
                   Link("to outside sub", outside + "/sub"), Link("to outside file", outside + "/file")});
         Plant("planted");
     }
-    // Makes everything reachable for somebody who owns the target and nothing else.
+    // Makes everything accessible to a user who owns only the target.
     void OpenToOrdinaryUser() const
     {
         chmod(directory.Path().c_str(), 0755);
@@ -198,7 +198,7 @@ TEST_F(RestorePrison, NewEntryIsNotSwappedForFileOutside)
                     if (call.function != row.function || !call.name.starts_with(TemporaryPrefix))
                         return;
                     if (call.name.size() != std::strlen(TemporaryPrefix) + 16)
-                        _exit(98); // 64 random bits, which nobody guesses
+                        _exit(98); // the name must have 64 random bits
                     directory.Write(row.function, "tried");
                     const bool isLowered = seteuid(OrdinaryUser) == 0;
                     SwapEntries(call.descriptor, call.name, AT_FDCWD, target + "/" + row.other);

@@ -35,7 +35,7 @@ TEST_F(RestoreProgram, DirectoriesOutOfOrderKeepTimesAndModes)
 
 TEST_F(RestoreProgram, AbortLeavesDirectoriesUnchanged)
 {
-    // Of the first one nothing changes, so it matters not that only its owner could set its times.
+    // The first one does not change, so its times need not be restored, which only its owner could do.
     const std::string foreign = target + "/foreign", own = foreign + "/own";
     fs::create_directories(own);
     for (const std::string& path : {directory.Path(), target, foreign})
@@ -82,12 +82,11 @@ TEST_F(RestoreProgram, FailedEntryKeepsExistingOne)
 
 TEST_F(RestoreProgram, FailureAfterWritingIsReported)
 {
-    // A further name at the place of the first one is no name to move there.
+    // The second name has the same path as the first one, so no hard link is created.
     MakeSnapshot({WindowsFile({{"C:", "file"}, {"C", "file"}}, "content")});
     const struct
     {
-        const char*
-            function; // that fails: a file system may tell only at the end that it kept not what it took
+        const char* function; // that fails: a file system may report lost data only when the file is closed
         const char* entry;
         int exitCode;
         const char* expected;
