@@ -1,6 +1,8 @@
 #include "agent/Cli/Command.h"
 
+#include "agent/Cli/RepositoryArguments.h"
 #include "agent/Restore/RestoreRun.h"
+#include "agent/Restore/SnapshotRestore.h"
 #include "agent/Restore/Target.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
@@ -24,37 +26,196 @@ public:
     void Run(Report& report) override;
 
 private:
+    void AddRepositoryOptions(CLI::App& command);
+    void RunOnStore(Report& report);
+    void RunOnRepository(Report& report);
+    RestoreSettings SettingsOf() const;
+    std::optional<Krt::File::YDirectory> Target(Session& session) const;
+
     std::string m_store;
     std::string m_snapshot = "latest";
-    std::string m_target;
+    std::string m_to;
     CLI::Option* m_paths = nullptr;
+
+    RepositoryArguments m_repository;
+    std::string m_target;
+    std::string m_overwrite = "always";
+    bool m_deletes = false;
+    bool m_isDryRun = false;
+    bool m_verifies = false;
+    std::vector<std::string> m_includes, m_includesOfAnyCase;
+    std::vector<std::string> m_excludes, m_excludesOfAnyCase;
 };
 
 CLI::App* RestoreCommand::Register(CLI::App& program)
 {
     CLI::App* const command =
         program.add_subcommand("restore", "Restore entries of a snapshot into a directory");
-    AddStoreOption(*command, m_store);
-    command->add_option("--snapshot", m_snapshot, "Snapshot ID, a unique prefix of one, or latest")
+    AddRepositoryOptions(*command);
+    command->add_option("--store", m_store, "Restore from this store instead of a repository")
+        ->type_name("DIR");
+    command
+        ->add_option("--snapshot", m_snapshot,
+                     "With --store: the ID of a snapshot, a unique prefix of one, or latest")
         ->type_name("ID")
         ->capture_default_str();
-    command
-        ->add_option("--to", m_target, "Restore into this directory, which is created if it does not exist")
-        ->type_name("TARGET")
-        ->required();
+    command->add_option("--to", m_to, "With --store: the directory to restore into")->type_name("TARGET");
     m_paths = AddPathArguments(
         *command,
-        "Restore only these entries and all below them; give the names themselves, without escapes");
+        "The snapshot, by first digits of its ID or as latest; SNAPSHOT:PATH for what is below a\n"
+        "directory of it. Then paths of entries, which begin with /: only these and all below them\n"
+        "are restored. With --store: only paths, as the names themselves, without escapes",
+        "SNAPSHOT_PATH");
     command->footer(
-        "An entry /a/b is restored as TARGET/a/b. Existing files are replaced. Nothing is ever written\n"
+        "An entry /a/b is restored as TARGET/a/b, and with SNAPSHOT:/a as TARGET/b. Nothing is ever written\n"
         "outside TARGET: symlinks below it are not followed, nor are other users' symlinks on the path to\n"
-        "it. The volume of a Windows path becomes a plain directory: C:\\a is restored as TARGET/C/a.\n\n"
-        "Example: kbagent restore --store /backup/store --to /tmp/restored /etc/hosts");
+        "it. A file gets its name only when it is complete. Owners are restored by their numbers. From a\n"
+        "store, the volume of a Windows path becomes a plain directory: C:\\a is restored as TARGET/C/a.\n\n"
+        "Patterns are those of restic: /a/b from the root, b at any place, *, ?, [a-z], ** for any number\n"
+        "of directories. A ! takes back what patterns before it matched.\n\n" +
+        std::string(RepositoryHelp) +
+        "Examples: kbagent restore --repo /backup/repository latest --target /tmp/restored\n"
+        "          kbagent restore --store /backup/store --to /tmp/restored /etc/hosts");
     return command;
+}
+
+void RestoreCommand::AddRepositoryOptions(CLI::App& command)
+{
+    m_repository.AddTo(command);
+    m_repository.AddSnapshotOptionsTo(command);
+    command
+        .add_option("-t,--target", m_target,
+                    "Restore into this directory, which is created if it does not exist")
+        ->type_name("TARGET");
+    const auto addPatterns = [&command](const char* name, std::vector<std::string>& patterns,
+                                        const char* description) {
+        command.add_option(name, patterns, description)->type_name("PATTERN")->allow_extra_args(false);
+    };
+    addPatterns("-i,--include", m_includes, "Restore only entries that match a pattern");
+    addPatterns("--iinclude", m_includesOfAnyCase, "The same, in any case of letters");
+    addPatterns("-e,--exclude", m_excludes, "Do not restore entries that match a pattern");
+    addPatterns("--iexclude", m_excludesOfAnyCase, "The same, in any case of letters");
+    command
+        .add_option(
+            "--overwrite", m_overwrite,
+            "What happens to files that exist: always (parts that are equal stay), if-changed (files of\n"
+            "equal size and time count as equal), if-newer (unless older than in the snapshot, they\n"
+            "are kept) or never")
+        ->type_name("WHEN")
+        ->check(CLI::IsMember({"always", "if-changed", "if-newer", "never"}));
+    command.add_flag("--delete", m_deletes,
+                     "Remove entries of restored directories that the snapshot does not have");
+    command.add_flag("--dry-run", m_isDryRun, "Change nothing, and print what would be done");
+    command.add_flag("--verify", m_verifies, "Read restored files again, and compare them");
 }
 
 void RestoreCommand::Run(Report& report)
 {
+    if (m_store.empty())
+        RunOnRepository(report);
+    else
+        RunOnStore(report);
+}
+
+RestoreSettings RestoreCommand::SettingsOf() const
+{
+    RestoreSettings settings;
+    settings.overwrite = m_overwrite == "never"        ? Overwrite::Never
+                         : m_overwrite == "if-newer"   ? Overwrite::IfNewer
+                         : m_overwrite == "if-changed" ? Overwrite::IfChanged
+                                                       : Overwrite::Always;
+    settings.deletes = m_deletes;
+    settings.isDryRun = m_isDryRun;
+    settings.verifies = m_verifies;
+    const RepositoryOptions options = m_repository.Get();
+    settings.isVerbose = options.isVerbose;
+    settings.isJson = options.isJson;
+    settings.isQuiet = options.isQuiet;
+    const auto add = [](const std::vector<std::string>& texts, bool ignoresCase, Patterns& patterns) {
+        for (const std::string& text : texts)
+            patterns.Add(text, ignoresCase);
+    };
+    add(m_includes, false, settings.includes);
+    add(m_includesOfAnyCase, true, settings.includes);
+    add(m_excludes, false, settings.excludes);
+    add(m_excludesOfAnyCase, true, settings.excludes);
+    if (!settings.includes.IsEmpty() && !settings.excludes.IsEmpty())
+        throw UsageError("Patterns either include or exclude; both can't be given");
+    if (m_deletes && settings.includes.IsEmpty() && settings.excludes.IsEmpty() &&
+        std::filesystem::weakly_canonical(m_target) == "/")
+        throw UsageError("--delete with the target / needs --include or --exclude");
+    return settings;
+}
+
+// Nothing for a dry run into a directory that does not exist.
+std::optional<Krt::File::YDirectory> RestoreCommand::Target(Session& session) const
+{
+    const auto openIfPresent = [](const Krt::YString& path) -> std::optional<Krt::File::YDirectory> {
+        try {
+            return Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(path));
+        } catch (const Krt::Exception::YError&) {
+            return std::nullopt;
+        }
+    };
+    if (m_isDryRun)
+        return openIfPresent(Krt::YString(std::string_view(m_target)));
+    const auto source = openIfPresent(session.GetRepository().GetBackend().Describe());
+    return OpenTarget(m_target, source ? &*source : nullptr, "the repository", session.GetReport());
+}
+
+void RestoreCommand::RunOnRepository(Report& report)
+{
+    std::vector<std::string> arguments = PathsOf(m_paths);
+    if (arguments.empty() || arguments.front().starts_with('/'))
+        throw UsageError("restore takes a snapshot of a repository, as latest; --store is for a store");
+    if (m_target.empty())
+        throw UsageError("--target is required");
+    RestoreSettings settings = SettingsOf();
+    report.NameWork("restore");
+
+    const std::string choice = arguments.front();
+    const std::size_t colon = std::min(choice.find(':'), choice.size());
+    Session session(m_repository.Get(), report);
+    const Repo::StoredSnapshot stored =
+        ChooseSnapshot(session, choice.substr(0, colon), m_repository.GetSnapshotOptions());
+    session.LoadIndex();
+    const Repo::Repository& repository = session.GetRepository();
+    Repo::Id tree = stored.snapshot.tree;
+    if (colon < choice.size()) {
+        const FoundEntry found = FindEntry(repository, tree, choice.substr(colon + 1));
+        KRT_RAISE_UNLESS(found.node.type == Repo::NodeType::Directory && found.node.subtree,
+                         Krt::ErrorCode::InvalidArgument,
+                         "Not a directory: " << Krt::YString(std::string_view(found.path)));
+        tree = *found.node.subtree;
+    }
+    for (std::size_t i = 1; i < arguments.size(); ++i) {
+        try {
+            settings.paths.push_back(FindEntry(repository, tree, arguments[i]).path);
+        } catch (const Repo::RepositoryError&) {
+            throw;
+        } catch (const Krt::Exception::YError& error) {
+            RaiseIfInterrupted();
+            report.EntryFailed(Krt::YString(std::string_view(arguments[i])), ReasonOf(error));
+        }
+    }
+    if (arguments.size() > 1 && settings.paths.empty())
+        return;
+    if (!settings.isJson && !settings.isQuiet)
+        report.Out() << Printable("restoring " + DescribeSnapshot(stored) + " to " + m_target) << "\n";
+
+    // All directories of the path to an entry are kept open.
+    Krt::Environment::RaiseDescriptorLimit();
+    std::optional<Krt::File::YDirectory> target = Target(session);
+    Krt::Environment::SetFileCreationMask(077);
+    SnapshotRestore run(repository, std::move(target), std::move(settings), report);
+    run.Run(tree);
+    run.PrintSummary();
+}
+
+void RestoreCommand::RunOnStore(Report& report)
+{
+    if (m_to.empty())
+        throw UsageError("--to is required with --store");
     const Store store = Store::Open(m_store);
     SnapshotReader snapshot(store, store.FindSnapshot(m_snapshot));
     {
@@ -64,7 +225,7 @@ void RestoreCommand::Run(Report& report)
 
     // All directories of the path to an entry are kept open.
     Krt::Environment::RaiseDescriptorLimit();
-    Krt::File::YDirectory target = OpenTarget(m_target, store.GetDirectory(), report);
+    Krt::File::YDirectory target = OpenTarget(m_to, &store.GetDirectory(), "the store", report);
     Krt::Environment::SetFileCreationMask(077);
     std::vector<Krt::File::YPath> paths;
     for (const std::string& path : PathsOf(m_paths)) {

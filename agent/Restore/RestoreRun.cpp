@@ -3,14 +3,9 @@
 #include "agent/Restore/SparseWriter.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
-#include "agent/Store/Hex.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/File/Unix/Status.h"
-#include "Krt/Util/YScope.h"
 #include "Krt/Util/YUnxHandle.h"
-
-#include <cerrno>
 
 namespace Agent {
 
@@ -22,37 +17,16 @@ using Krt::File::YPath;
 
 namespace {
 
-// One name serves the whole run: each entry is created under it and then renamed.
-YString TemporaryName()
-{
-    return YString(".kbagent-restore-" + RandomHex(8));
-}
-
 // For an entry without a path. The command list counts in the same way.
 YString NumberedEntry(unsigned long long number)
 {
     return YString("Entry " + std::to_string(number));
 }
 
-YString Joined(const std::vector<YString>& reasons)
-{
-    std::string text;
-    for (const YString& reason : reasons)
-        text += (text.empty() ? "" : "; ") + reason.Bytes();
-    return YString(std::move(text));
-}
-
 } // namespace
 
 RestoreRun::RestoreRun(const Store& store, YDirectory target, std::vector<YPath> paths, Report& report)
-    : m_report(report),
-      m_tree(std::move(target), TemporaryName(),
-             [this](const TargetLocation& directory, bool hasRecord, const std::vector<YString>& refused) {
-                 m_report.EntryFailed(PathOf(directory), Joined(refused));
-                 if (hasRecord)
-                     --m_counts.directories;
-             }),
-      m_objects(store), m_temporary(TemporaryName())
+    : m_report(report), m_maker(std::move(target), report), m_objects(store)
 {
     for (YPath& path : paths)
         m_paths.emplace_back(std::move(path), false);
@@ -70,9 +44,9 @@ void RestoreRun::Restore(const SnapshotEntry& entry)
         for (unsigned long i = 0; i < count; ++i)
             RestorePath(entry, *metadata, i);
     } catch (const Krt::Exception::YError& error) {
-        Failed(NumberedEntry(m_number), error);
+        m_maker.Failed(NumberedEntry(m_number), error);
     }
-    m_report.Progress(m_counts.Entries(), m_counts.bytes);
+    m_report.Progress(m_maker.GetCounts().Entries(), m_maker.GetCounts().bytes);
 }
 
 void RestoreRun::RestorePath(const SnapshotEntry& entry, Backup::File::YMetadataBase& metadata,
@@ -86,40 +60,26 @@ void RestoreRun::RestorePath(const SnapshotEntry& entry, Backup::File::YMetadata
         shown = path;
         if (!IsWanted(path))
             return;
-        m_refused.clear();
+        m_maker.GetRefused().clear();
         const RecordedEntry recorded = RecordedEntryOf(metadata);
         Make(entry, recorded, location, m_volumes.FindOther(original, location));
         if (entry.readSize)
-            m_refused.emplace_back("restored as it was read, with another size than in its record");
-        if (m_refused.empty())
-            m_counts.Add(recorded.type);
-        else
-            m_report.EntryFailed(path, Joined(m_refused));
+            m_maker.GetRefused().emplace_back(
+                "restored as it was read, with another size than in its record");
+        m_maker.Count(path, recorded.type);
     } catch (const Krt::Exception::YError& error) {
-        Failed(shown, error);
+        m_maker.Failed(shown, error);
     }
-}
-
-void RestoreRun::Failed(const YString& path, const Krt::Exception::YError& error)
-{
-    KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState,
-                     "Interrupted; what was restored so far stays");
-    // All further entries would fail in the same way. Attributes without space do not come here.
-    const int number = error.GetOsError();
-    if (number == ENOSPC || number == EDQUOT)
-        throw TargetFull("The target is full: " + path.Bytes() + ": " + ReasonOf(error).Bytes() + "; " +
-                         std::to_string(m_counts.Entries()) + " entries were restored before and stay");
-    m_report.EntryFailed(path, ReasonOf(error));
 }
 
 void RestoreRun::Finish()
 {
-    m_tree.Finish();
+    m_maker.GetTree().Finish();
     for (const auto& [path, matched] : m_paths) {
         if (!matched)
             m_report.EntryFailed(path, "The snapshot has no such entry");
     }
-    m_tree.Sync();
+    m_maker.GetTree().Sync();
 }
 
 bool RestoreRun::IsWanted(const YPath& path)
@@ -139,102 +99,41 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
         !recorded.isReparsePoint || entry.content.has_value(), ErrorCode::NotSupported,
         "A reparse point without content is not restored: its record does not contain its target");
     if (recorded.type == S_IFDIR) {
-        m_tree.MakeDirectory(location, recorded.attributes);
+        m_maker.GetTree().MakeDirectory(location, recorded.attributes);
         return;
     }
-    const YDirectory& parent = m_tree.ParentOf(location);
-    CheckExisting(parent, location.back(), otherVolume);
-    const YDirectory* workplace = &parent;
-    bool isMoved = false;
-    const Krt::Util::YScope cleanUp([&] {
-        if (!isMoved)
-            workplace->RemoveFile(m_temporary);
-    });
-    const bool isLinked = MakeHardLink(FirstNameOf(entry), location, m_temporary);
-    const bool isFirst = !isLinked && (entry.hardLinkGroup != 0 || m_hasSeveralPaths);
-    FileId made;
-    if (!isLinked && recorded.type == S_IFREG) {
-        MakeFile(entry, recorded, parent, isFirst ? &made : nullptr);
-    } else if (!isLinked) {
-        const Staging& staging = m_tree.StagingFor(location);
-        workplace = &staging.GetDirectory();
-        MakeOther(entry, recorded, staging);
-        if (isFirst)
-            made = FileId(workplace->Stat(m_temporary));
-    }
-    workplace->Rename(m_temporary, parent, location.back());
-    isMoved = true;
-    if (isLinked)
-        RemoveTemporary(parent);
-    if (isFirst)
-        Remember(entry, location, made);
+    NewEntry made{.recorded = recorded, .location = location};
+    made.first = FirstNameOf(entry);
+    made.linkTarget = entry.linkTarget.value_or(recorded.linkTarget);
+    if (entry.device)
+        made.device = makedev(entry.device->major, entry.device->minor);
+    made.writeContent = [&](const Krt::Util::YUnxHandle& file) {
+        WriteContent(entry, recorded, file);
+    };
+    made.checkStanding = [&](const struct stat& standing) {
+        CheckStanding(standing, otherVolume);
+    };
+    const std::optional<FileId> file = m_maker.Make(made);
+    if (file && (entry.hardLinkGroup != 0 || m_hasSeveralPaths))
+        Remember(entry, location, *file);
 }
 
-// rename does nothing if both names are hard links to one file, so the temporary one may still exist.
-void RestoreRun::RemoveTemporary(const YDirectory& parent)
+// Raises if the current entry must not replace the existing one.
+void RestoreRun::CheckStanding(const struct stat& standing, const YString& otherVolume) const
 {
-    try {
-        parent.RemoveFile(m_temporary);
-    } catch (const Krt::Exception::YError& error) {
-        m_refused.push_back(YString("temporary name not removed: ") + ReasonOf(error));
-    }
-}
-
-// Raises if the current entry must not replace the existing one of this name.
-void RestoreRun::CheckExisting(const YDirectory& parent, const YString& name,
-                               const YString& otherVolume) const
-{
-    struct stat existing
-    {};
-    if (!parent.StatIfPresent(name, existing))
-        return;
-    KRT_RAISE_UNLESS(!S_ISDIR(existing.st_mode), ErrorCode::InvalidState, "There is a directory at its path");
-    const bool isOwn = m_first && m_first->file == FileId(existing);
+    const bool isOwn = m_first && m_first->file == FileId(standing);
     KRT_RAISE_UNLESS(otherVolume.IsEmpty() || isOwn, ErrorCode::InvalidState,
                      "Not restored: the existing entry may be from the volume "
                          << otherVolume << ", which is restored into the same directory");
 }
 
 // The hard link that the current file has already, by the paths of its record or by its group.
-const RestoreRun::LinkedFile* RestoreRun::FirstNameOf(const SnapshotEntry& entry) const
+const LinkedFile* RestoreRun::FirstNameOf(const SnapshotEntry& entry) const
 {
     if (m_first)
         return &*m_first;
     const auto found = entry.hardLinkGroup != 0 ? m_linked.find(entry.hardLinkGroup) : m_linked.end();
     return found != m_linked.end() ? &found->second : nullptr;
-}
-
-// Creates a hard link to the first name of the file, if that was restored and is still the same file.
-// Returns false if the caller has to create a separate file.
-bool RestoreRun::MakeHardLink(const LinkedFile* first, const TargetLocation& location,
-                              const YString& temporary)
-{
-    if (first == nullptr)
-        return false;
-    const YDirectory& parent = m_tree.ParentOf(location);
-    try {
-        m_tree.MakeHardLink(first->location, location, temporary);
-        if (FileId(parent.Stat(temporary)) == first->file)
-            return true;
-        m_refused.emplace_back(
-            "restored as a file of its own, since another entry took its first name's place");
-    } catch (const Krt::Exception::YError& error) {
-        m_refused.push_back(YString("restored as a file of its own, since it could not be linked: ") +
-                            ReasonOf(error));
-    }
-    parent.RemoveFile(temporary); // the separate file needs this name
-    return false;
-}
-
-void RestoreRun::MakeFile(const SnapshotEntry& entry, const RecordedEntry& recorded, const YDirectory& parent,
-                          FileId* made)
-{
-    Krt::Util::YUnxHandle file = parent.CreateFile(m_temporary);
-    WriteContent(entry, recorded, file);
-    Apply(recorded.attributes, file, m_refused);
-    if (made != nullptr)
-        *made = FileId(Krt::File::Stat(file));
-    Krt::Util::CloseWritten(file);
 }
 
 void RestoreRun::WriteContent(const SnapshotEntry& entry, const RecordedEntry& recorded,
@@ -246,37 +145,11 @@ void RestoreRun::WriteContent(const SnapshotEntry& entry, const RecordedEntry& r
     SparseWriter writer(file);
     for (auto block = m_objects.Next(); !block.empty(); block = m_objects.Next()) {
         writer.Append(block);
-        m_report.Progress(m_counts.Entries(), m_counts.bytes + writer.GetSize());
+        m_report.Progress(m_maker.GetCounts().Entries(), m_maker.GetCounts().bytes + writer.GetSize());
         KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted");
     }
     writer.Finish();
-    m_counts.bytes += writer.GetSize();
-}
-
-void RestoreRun::MakeOther(const SnapshotEntry& entry, const RecordedEntry& recorded, const Staging& staging)
-{
-    const YDirectory& directory = staging.GetDirectory();
-    switch (recorded.type) {
-    case S_IFLNK:
-        directory.MakeSymbolicLink(m_temporary, entry.linkTarget.value_or(recorded.linkTarget));
-        break;
-    case S_IFIFO:
-        directory.MakeFifo(m_temporary, 0600);
-        break;
-    case S_IFCHR:
-    case S_IFBLK:
-        KRT_RAISE_UNLESS(entry.device.has_value(), ErrorCode::InvalidState,
-                         "The snapshot has no device numbers");
-        directory.MakeDevice(m_temporary, recorded.type | 0600,
-                             makedev(entry.device->major, entry.device->minor));
-        break;
-    default:
-        KRT_RAISE(ErrorCode::NotSupported, "An entry of this kind is not restored");
-    }
-    if (staging.IsPrivate())
-        Apply(recorded.attributes, directory, m_temporary, recorded.type == S_IFLNK, m_refused);
-    else
-        m_refused.emplace_back("attributes not restored, since others may enter the temporary directory");
+    m_maker.GetCounts().bytes += writer.GetSize();
 }
 
 void RestoreRun::Remember(const SnapshotEntry& entry, const TargetLocation& location, const FileId& made)

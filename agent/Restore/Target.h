@@ -16,9 +16,11 @@ namespace Agent {
 ///     root's own symlink without a further hard link is followed in root's directory with the sticky bit;
 ///   - for root, for a directory that belongs neither to root nor to the owner of its parent directory, if
 ///     others can write to the latter.
-/// Raises InvalidArgument, before anything is created there, for the store and what is in it, and otherwise
-/// the operating system's error. Notes in the report, for root, the directories in which others can replace
+/// Raises InvalidArgument, before anything is created there, for the directory that is restored from and what
+/// is in it, and otherwise the operating system's error. That directory is null if it is not on this machine;
+/// `what` names it in messages. Notes in the report, for root, the directories in which others can replace
 /// what is restored.
-Krt::File::YDirectory OpenTarget(const std::string& path, const Krt::File::YDirectory& store, Report& report);
+Krt::File::YDirectory OpenTarget(const std::string& path, const Krt::File::YDirectory* source,
+                                 const char* what, Report& report);
 
 } // namespace Agent

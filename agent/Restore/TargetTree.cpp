@@ -20,7 +20,6 @@ using Krt::File::YDirectory;
 namespace {
 
 constexpr unsigned int PrivateMode = 0700;
-constexpr unsigned int ModeWithoutRecord = 0755;
 
 // Another user may have replaced the directory since its status was read.
 void CheckIs(const YDirectory& opened, const struct stat& seen, const YString& name)
@@ -147,7 +146,7 @@ void TargetTree::RestoreStatus(const EnteredDirectory& entered)
     const Krt::Util::YUnxHandle& handle = entered.directory.GetHandle();
     if (entered.isNew) {
         Krt::File::RemoveAccessLists(handle);
-        Krt::File::YEntry(handle).SetMode(ModeWithoutRecord);
+        Krt::File::YEntry(handle).SetMode(PrivateMode);
         return;
     }
     if (entered.isWidened)

@@ -29,7 +29,7 @@ public:
     ~TargetTree();
 
     /// Returns the parent directory of the location. It and its own parents are created if they are missing,
-    /// with mode 0755 unless MakeDirectory gives attributes later. Raises InvalidState if one of them exists
+    /// with mode 0700 unless MakeDirectory gives attributes later. Raises InvalidState if one of them exists
     /// and is not a directory. Valid until the next call.
     const Krt::File::YDirectory& ParentOf(const TargetLocation& location);
     /// Returns the staging directory in the parent directory of the location. It is created by the first call
@@ -40,6 +40,8 @@ public:
     /// Creates a hard link `name` to the entry at `from`, in the parent directory of `location`. Raises the
     /// operating system's error.
     void MakeHardLink(const TargetLocation& from, const TargetLocation& location, const Krt::YString& name);
+    /// The target itself.
+    const Krt::File::YDirectory& GetRoot() const { return m_root; }
     /// Leaves all directories, which gives them their attributes.
     void Finish();
     /// Returns once everything that was created is durable, also on file systems that are mounted below the

@@ -29,7 +29,17 @@ void Report::EntryFailed(const YString& path, const YString& reason)
 {
     ++m_failed;
     KRT_LOG_FREE(Krt::MessageType::General, "Failed: " << path << ": " << reason);
-    Line(Printable(path) + ": " + Printable(reason));
+    if (!m_usesJson || m_work.empty()) {
+        Line(Printable(path) + ": " + Printable(reason));
+        return;
+    }
+    std::string json = R"({"message_type":"error","error":{"message":)";
+    Repo::JsonWriter(json).String(reason.Bytes());
+    json += R"(},"during":)";
+    Repo::JsonWriter(json).String(m_work);
+    json += R"(,"item":)";
+    Repo::JsonWriter(json).String(path.Bytes());
+    JsonNote(json + "}");
 }
 
 void Report::Note(const YString& text)

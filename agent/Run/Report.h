@@ -63,6 +63,8 @@ public:
     /// Reports the error that ended the run. With UseJson, prints a JSON document that also has the exit
     /// code.
     void Error(const Krt::YString& text, int exitCode);
+    /// With UseJson, failures of entries are JSON documents in which the work is named so, as "restore".
+    void NameWork(const std::string& work) { m_work = work; }
     /// The command prints JSON.
     void UseJson() { m_usesJson = true; }
 
@@ -99,6 +101,7 @@ private:
     unsigned long long m_failed = 0;
     bool m_answersNo = false;
     bool m_usesJson = false;
+    std::string m_work;
     bool m_isSummaryLost = false;
     bool m_showsProgress;
     bool m_isProgressShown = false; // on the last line of the terminal

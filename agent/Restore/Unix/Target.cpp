@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 
 namespace Agent {
 
@@ -22,9 +23,12 @@ constexpr uid_t Root = 0;
 class TargetWalk : public SecurePathWalk
 {
 public:
-    TargetWalk(const std::string& path, const YDirectory& store)
-        : SecurePathWalk("OpenTarget", "The target", path), m_store(store.Stat())
-    {}
+    TargetWalk(const std::string& path, const YDirectory* source, const char* what)
+        : SecurePathWalk("OpenTarget", "The target", path), m_what(what)
+    {
+        if (source != nullptr)
+            m_source = FileId(source->Stat());
+    }
     YDirectory Open();
     void ReportSharedDirectories(Report& report) const;
 
@@ -33,15 +37,16 @@ private:
     void CheckOther(const Entry& entry) const override;
     bool CreateMissing(const Entry& entry) override;
     YDirectory OpenLast() const;
-    void CheckStore() const;
+    void CheckSource() const;
 
-    const FileId m_store;
+    std::optional<FileId> m_source;
+    const char* m_what;
 };
 
 YDirectory TargetWalk::Open()
 {
     Walk();
-    CheckStore();
+    CheckSource();
     return OpenLast();
 }
 
@@ -62,7 +67,7 @@ void TargetWalk::CheckOther(const Entry& entry) const
 
 bool TargetWalk::CreateMissing(const Entry& entry)
 {
-    CheckStore();
+    CheckSource();
     MakeDirectoryUnlessThere(GetCurrent().directory, entry.name, 0777);
     return true;
 }
@@ -87,22 +92,23 @@ void TargetWalk::ReportSharedDirectories(Report& report) const
     }
 }
 
-void TargetWalk::CheckStore() const
+void TargetWalk::CheckSource() const
 {
-    const auto isStore = [this](const Directory& each) {
-        return FileId(each.status) == m_store;
+    const auto isSource = [this](const Directory& each) {
+        return m_source && FileId(each.status) == *m_source;
     };
-    if (std::any_of(GetDirectories().begin(), GetDirectories().end(), isStore))
+    if (std::any_of(GetDirectories().begin(), GetDirectories().end(), isSource))
         KRT_RAISE_AS("OpenTarget", Krt::MessageType::General, Krt::ErrorCode::InvalidArgument,
-                     GetPath().c_str() << " is the store itself or lies in it; nothing is restored there");
+                     GetPath().c_str()
+                         << " is " << m_what << " itself or lies in it; nothing is restored there");
 }
 
 } // namespace
 
-YDirectory OpenTarget(const std::string& path, const YDirectory& store, Report& report)
+YDirectory OpenTarget(const std::string& path, const YDirectory* source, const char* what, Report& report)
 {
     try {
-        TargetWalk walk(path, store);
+        TargetWalk walk(path, source, what);
         YDirectory target = walk.Open();
         walk.ReportSharedDirectories(report);
         return target;

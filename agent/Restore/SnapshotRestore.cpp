@@ -1,0 +1,819 @@
+#include "agent/Restore/SnapshotRestore.h"
+
+#include "agent/Access/Workers.h"
+#include "agent/Record/NodeRecord.h"
+#include "agent/Restore/SparseWriter.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace Agent {
+
+using Krt::ErrorCode;
+using Krt::YString;
+using Krt::File::FileId;
+using Krt::File::YDirectory;
+using Repo::BlobType;
+using Repo::Failure;
+using Repo::Id;
+using Repo::Node;
+using Repo::NodeType;
+
+namespace {
+
+constexpr std::uint64_t BatchBytes = 32 << 20; // of blobs
+constexpr std::size_t BatchMemory = 8 << 20;   // of what describes the entries
+constexpr std::size_t ItemMemory = 1024;       // about
+constexpr std::chrono::milliseconds StatusInterval{1000};
+
+YString Text(std::string_view text)
+{
+    return YString(text);
+}
+
+timespec TimeOf(const Repo::Timestamp& time)
+{
+    timespec result{};
+    if (time.seconds == Repo::Timestamp::UnknownSeconds) {
+        result.tv_nsec = UTIME_NOW;
+        return result;
+    }
+    result.tv_sec = static_cast<time_t>(time.seconds);
+    result.tv_nsec = static_cast<long>(time.nanoseconds);
+    return result;
+}
+
+bool IsEarlier(const timespec& a, const timespec& b)
+{
+    return std::pair(a.tv_sec, a.tv_nsec) < std::pair(b.tv_sec, b.tv_nsec);
+}
+
+bool IsSame(const timespec& a, const timespec& b)
+{
+    return !IsEarlier(a, b) && !IsEarlier(b, a);
+}
+
+TargetLocation LocationOf(std::string_view path)
+{
+    TargetLocation location;
+    for (std::size_t begin = 1; begin < path.size();) {
+        const std::size_t end = std::min(path.find('/', begin), path.size());
+        location.emplace_back(path.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return location;
+}
+
+bool IsBelow(std::string_view path, std::string_view root)
+{
+    return root == "/" ||
+           (path.starts_with(root) && (path.size() == root.size() || path[root.size()] == '/'));
+}
+
+// As restic prints sizes: "999 B", "1.500 KiB".
+std::string SizeText(unsigned long long bytes)
+{
+    constexpr const char* Units[] = {"KiB", "MiB", "GiB", "TiB"};
+    if (bytes < 1024)
+        return std::to_string(bytes) + " B";
+    double value = static_cast<double>(bytes) / 1024;
+    std::size_t unit = 0;
+    for (; value >= 1024 && unit + 1 < std::size(Units); ++unit)
+        value /= 1024;
+    char text[64];
+    std::snprintf(text, sizeof(text), "%.3f %s", value, Units[unit]);
+    return text;
+}
+
+std::string DurationText(unsigned long long seconds)
+{
+    char text[64];
+    if (seconds >= 3600)
+        std::snprintf(text, sizeof(text), "%llu:%02llu:%02llu", seconds / 3600, seconds / 60 % 60,
+                      seconds % 60);
+    else
+        std::snprintf(text, sizeof(text), "%llu:%02llu", seconds / 60, seconds % 60);
+    return text;
+}
+
+} // namespace
+
+// An entry with what is known about it before it is created.
+struct SnapshotRestore::Item
+{
+    enum class Action
+    {
+        Restore,
+        Update,        // a file that exists has other content
+        KeepUnchanged, // the content of the file that exists is equal
+        Skip           // what exists is kept
+    };
+
+    std::string path;
+    TargetLocation location;
+    RecordedEntry recorded;
+    std::string linkTarget;
+    unsigned long long device = 0;
+    std::vector<Id> content;
+    std::vector<bool> isStanding; // parts of the content that the file that exists has, too; or empty
+    std::optional<LinkKey> link;
+    Action action = Action::Restore;
+    struct stat standing
+    {};                         // of the file that exists
+    std::exception_ptr failure; // why the entry can't be restored
+    bool isWay = false;         // a directory that is restored only for what is below it
+    std::optional<std::unordered_set<std::string>> names; // of a directory that is cleaned
+};
+
+struct SnapshotRestore::Batch
+{
+    std::vector<std::unique_ptr<Item>> items;
+    std::vector<Id> ids; // to be loaded
+    std::uint64_t bytes = 0;
+    std::size_t memory = 0;
+    std::future<LoadedBlobs> blobs;
+};
+
+// The blobs of the file that is being written.
+class SnapshotRestore::Content
+{
+public:
+    Content(const Repo::Repository& repository, const BlobLoader& loader, LoadedBlobs blobs)
+        : m_repository(repository), m_loader(loader), m_blobs(std::move(blobs))
+    {}
+
+    // From now on the blobs come in windows.
+    void Begin(const std::vector<Id>& ids, const std::vector<bool>& isStanding)
+    {
+        m_ids = &ids;
+        m_isStanding = &isStanding;
+        m_windowEnd = 0;
+        m_nextEnd = 0;
+        StartNext();
+    }
+
+    // The content of blob number `i` of the file, valid until the next call. Raises why it can't be loaded.
+    const Repo::Bytes& Get(std::size_t i, const Id& id)
+    {
+        while (m_ids != nullptr && i >= m_windowEnd) {
+            m_windowEnd = m_nextEnd;
+            m_blobs = m_next.get();
+            if (m_windowEnd < m_ids->size())
+                StartNext();
+        }
+        const auto found = m_blobs.find(id);
+        if (found == m_blobs.end()) {
+            m_repository.LoadBlob({BlobType::Data, id}, m_single);
+            return m_single;
+        }
+        if (found->second.failure)
+            std::rethrow_exception(found->second.failure);
+        return found->second.content;
+    }
+
+private:
+    void StartNext()
+    {
+        std::vector<Id> window;
+        for (std::uint64_t bytes = 0; m_nextEnd < m_ids->size() && bytes < BatchBytes; ++m_nextEnd) {
+            if (!m_isStanding->empty() && (*m_isStanding)[m_nextEnd])
+                continue;
+            const Id& id = (*m_ids)[m_nextEnd];
+            window.push_back(id);
+            if (const auto place = m_repository.GetIndex().Find({BlobType::Data, id}))
+                bytes += place->blob.plainLength;
+        }
+        m_next = m_loader.Start(std::move(window));
+    }
+
+    const Repo::Repository& m_repository;
+    const BlobLoader& m_loader;
+    LoadedBlobs m_blobs;
+    Repo::Bytes m_single;
+    const std::vector<Id>* m_ids = nullptr;
+    const std::vector<bool>* m_isStanding = nullptr;
+    std::size_t m_windowEnd = 0; // of m_blobs
+    std::size_t m_nextEnd = 0;   // of m_next
+    std::future<LoadedBlobs> m_next;
+};
+
+SnapshotRestore::SnapshotRestore(const Repo::Repository& repository, std::optional<YDirectory> target,
+                                 RestoreSettings settings, Report& report)
+    : m_repository(repository), m_settings(std::move(settings)), m_report(report),
+      m_cleaner([this](const std::string& path, bool isDirectory) { return Select(path, isDirectory); },
+                [this](const std::string& path) {
+                    ++m_totals.deleted;
+                    Print("deleted", path, std::nullopt);
+                },
+                m_settings.isDryRun, report),
+      m_loader(repository, WorkerCount()), m_collected(std::make_unique<Batch>()),
+      m_start(std::chrono::steady_clock::now()), m_shown(m_start)
+{
+    if (m_settings.isDryRun)
+        m_dryTarget = std::move(target);
+    else
+        m_maker = std::make_unique<EntryMaker>(std::move(target.value()), report);
+}
+
+SnapshotRestore::~SnapshotRestore() = default;
+
+void SnapshotRestore::Run(const Id& tree)
+{
+    if (m_settings.deletes) {
+        if (const auto names = NamesOfTree(tree))
+            CleanDirectory({}, "", *names);
+    }
+    WalkTree(
+        m_repository, tree, "", [this](const std::string& path, Node& node) { return Visit(path, node); },
+        [this](const std::string& path, const Krt::Exception::YError& error) {
+            m_report.EntryFailed(Text(path), ReasonOf(error));
+        });
+    Drain();
+    m_way.clear();
+    if (m_maker) {
+        m_maker->GetTree().Finish();
+        m_maker->GetTree().Sync();
+    }
+    if (m_settings.verifies && m_maker)
+        Verify(tree);
+}
+
+Selection SnapshotRestore::Select(const std::string& path, bool isDirectory) const
+{
+    Selection selection{true, isDirectory};
+    if (!m_settings.paths.empty()) {
+        const auto& paths = m_settings.paths;
+        selection.isSelected = std::any_of(paths.begin(), paths.end(),
+                                           [&](const std::string& root) { return IsBelow(path, root); });
+        selection.mayHaveSelected =
+            isDirectory && (selection.isSelected ||
+                            std::any_of(paths.begin(), paths.end(),
+                                        [&](const std::string& root) { return IsBelow(root, path); }));
+    }
+    if (!m_settings.includes.IsEmpty()) {
+        const Patterns::Result result = m_settings.includes.Match(path);
+        selection.isSelected = selection.isSelected && result.matches;
+        selection.mayHaveSelected = selection.mayHaveSelected && result.mayMatchBelow;
+    }
+    if (!m_settings.excludes.IsEmpty() && m_settings.excludes.Match(path).matches)
+        selection = {};
+    return selection;
+}
+
+// Returns false for the second entry of a name in its directory.
+bool SnapshotRestore::IsFirstOfName(const std::string& path, const Node& node)
+{
+    const auto depth = static_cast<std::size_t>(std::count(path.begin(), path.end(), '/'));
+    m_names.resize(depth);
+    return m_names.back().insert(node.name).second;
+}
+
+Step SnapshotRestore::Visit(const std::string& path, Node& node)
+{
+    while (!m_way.empty() && !path.starts_with(m_way.back()->path + "/"))
+        m_way.pop_back();
+    if (!IsFirstOfName(path, node)) {
+        m_report.EntryFailed(Text(path), "Not restored, since the directory has another entry of this name");
+        return Step::Past;
+    }
+    const bool isDirectory = node.type == NodeType::Directory;
+    const Selection selection = Select(path, isDirectory);
+    if (!selection.isSelected && !selection.mayHaveSelected)
+        return Step::Past;
+    if (node.type == NodeType::Socket) {
+        m_report.Note(Text(path + ": A socket is not restored"));
+        return Step::Past;
+    }
+    std::unique_ptr<Item> item;
+    try {
+        REPOSITORY_RAISE_UNLESS(node.type != NodeType::Unknown, Failure::Damaged,
+                                "The type of the entry is not known: " << node.typeText.c_str());
+        item = ItemOf(path, node);
+    } catch (const Krt::Exception::YError& error) {
+        RaiseIfInterrupted();
+        m_report.EntryFailed(Text(path), ReasonOf(error));
+        return isDirectory ? Step::Into : Step::Past;
+    }
+    if (!selection.isSelected) {
+        item->isWay = true;
+        if (item->names && Root() != nullptr)
+            CleanDirectory(item->location, path, *item->names);
+        m_way.push_back(std::move(item));
+        return Step::Into;
+    }
+    for (auto& way : m_way) {
+        if (way->isWay) {
+            auto copy = std::make_unique<Item>();
+            copy->path = way->path;
+            copy->location = way->location;
+            copy->recorded = way->recorded;
+            way->isWay = false;
+            Add(std::move(copy));
+        }
+    }
+    Add(std::move(item));
+    return selection.mayHaveSelected ? Step::Into : Step::Past;
+}
+
+std::unique_ptr<SnapshotRestore::Item> SnapshotRestore::ItemOf(const std::string& path, Node& node)
+{
+    auto item = std::make_unique<Item>();
+    item->path = path;
+    item->location = LocationOf(path);
+    NoteWindows(node);
+    std::string note;
+    const auto metadata = RecordOf(node, path, note);
+    if (!note.empty())
+        m_report.Note(Text(path + ": " + note));
+    item->recorded = RecordedEntryOf(*metadata);
+    if (metadata->GetMetadataType() == Backup::File::VAM_UNIX_METADATA_TYPE) {
+        item->recorded.attributes.write = TimeOf(node.mtime);
+        item->recorded.attributes.access = TimeOf(node.atime);
+    }
+    item->device = node.device;
+    item->linkTarget = std::move(node.linkTarget);
+    if (node.links > 1 && node.inode != 0 && node.type != NodeType::Directory)
+        item->link = LinkKey(node.deviceId, node.inode);
+    if (node.type == NodeType::File)
+        PlanFile(*item, node);
+    else if (node.type != NodeType::Directory)
+        PlanStanding(*item);
+    else if (m_settings.deletes && node.subtree)
+        item->names = NamesOfTree(*node.subtree);
+    return item;
+}
+
+void SnapshotRestore::NoteWindows(const Node& node)
+{
+    for (const Repo::RawMember& attribute : node.genericAttributes) {
+        if (m_noted.size() < 64 && m_noted.insert(attribute.key).second)
+            m_report.Note(Text("Attributes of this kind are not restored: " + attribute.key));
+    }
+}
+
+void SnapshotRestore::PlanFile(Item& item, Node& node)
+{
+    try {
+        REPOSITORY_RAISE_UNLESS(item.recorded.type == S_IFREG, Failure::Damaged,
+                                "Its record is not that of a file");
+        REPOSITORY_RAISE_UNLESS(node.content, Failure::Damaged, "The file has no list of blobs");
+        item.content = std::move(*node.content);
+        item.recorded.size = node.size;
+        bool isComplete = true;
+        std::uint64_t size = 0;
+        for (const Id& id : item.content) {
+            const auto place = m_repository.GetIndex().Find({BlobType::Data, id});
+            isComplete = isComplete && place.has_value();
+            size += place ? place->blob.plainLength : 0;
+        }
+        REPOSITORY_RAISE_UNLESS(!isComplete || size == node.size, Failure::Damaged,
+                                "The size of the file is "
+                                    << static_cast<unsigned long long>(node.size) << ", but its blobs have "
+                                    << static_cast<unsigned long long>(size) << " bytes");
+        PlanStanding(item);
+        if (isComplete && item.action == Item::Action::Update && S_ISREG(item.standing.st_mode))
+            CompareContent(item, *StandingParent(item.location));
+    } catch (const Repo::RepositoryError&) {
+        item.failure = std::current_exception();
+    }
+}
+
+void SnapshotRestore::PlanStanding(Item& item)
+{
+    const YDirectory* const parent = StandingParent(item.location);
+    try {
+        if (parent == nullptr || !parent->StatIfPresent(item.location.back(), item.standing))
+            return;
+    } catch (const Krt::Exception::YError&) {
+        return; // the same call fails when the entry is created
+    }
+    const timespec& written = item.recorded.attributes.write;
+    const timespec& standing = Krt::File::WriteTime(item.standing);
+    if (S_ISDIR(item.standing.st_mode))
+        return;
+    const bool isKept = m_settings.overwrite == Overwrite::Never ||
+                        (m_settings.overwrite == Overwrite::IfNewer && !IsEarlier(standing, written));
+    item.action = isKept ? Item::Action::Skip : Item::Action::Update;
+    if (item.action == Item::Action::Update && m_settings.overwrite == Overwrite::IfChanged &&
+        S_ISREG(item.standing.st_mode) && item.recorded.type == S_IFREG &&
+        static_cast<std::uint64_t>(item.standing.st_size) == item.recorded.size && IsSame(standing, written))
+        item.action = Item::Action::KeepUnchanged;
+}
+
+// Finds the parts of the content that the file that exists has at the same offset.
+void SnapshotRestore::CompareContent(Item& item, const YDirectory& parent)
+{
+    try {
+        const Krt::Util::YUnxHandle file = parent.OpenFile(item.location.back());
+        const struct stat status = Krt::File::Stat(file);
+        if (FileId(status) != FileId(item.standing) || !S_ISREG(status.st_mode))
+            return;
+        Repo::Bytes buffer;
+        std::uint64_t offset = 0;
+        for (const Id& id : item.content) {
+            RaiseIfInterrupted();
+            const std::uint64_t length = m_repository.GetIndex().Find({BlobType::Data, id})->blob.plainLength;
+            const bool fits = offset + length <= static_cast<std::uint64_t>(status.st_size);
+            if (fits)
+                buffer.resize(length);
+            item.isStanding.push_back(fits &&
+                                      Krt::File::Read(file, offset, length, buffer.data()) == length &&
+                                      Id::Of(buffer) == id);
+            offset += length;
+        }
+        if (offset == static_cast<std::uint64_t>(status.st_size) &&
+            std::find(item.isStanding.begin(), item.isStanding.end(), false) == item.isStanding.end())
+            item.action = Item::Action::KeepUnchanged;
+    } catch (const Krt::Exception::YError&) {
+        RaiseIfInterrupted();
+        item.isStanding.clear(); // it can't be read, so all is loaded
+    }
+}
+
+const YDirectory* SnapshotRestore::Root() const
+{
+    if (m_maker)
+        return &m_maker->GetTree().GetRoot();
+    return m_dryTarget ? &*m_dryTarget : nullptr;
+}
+
+// The directory of the location, if it exists.
+const YDirectory* SnapshotRestore::StandingParent(const TargetLocation& location)
+{
+    const YDirectory* const root = Root();
+    if (root == nullptr || location.size() == 1)
+        return root;
+    const auto way = std::span(location).first(location.size() - 1);
+    if (!m_knowsStanding ||
+        !std::equal(way.begin(), way.end(), m_standingLocation.begin(), m_standingLocation.end())) {
+        m_standing.reset();
+        m_standingLocation.assign(way.begin(), way.end());
+        m_knowsStanding = true;
+        try {
+            m_standing = root->OpenBelow(way);
+        } catch (const Krt::Exception::YError&) {
+            // missing, or not a directory: that is found when it is created
+        }
+    }
+    return m_standing ? &*m_standing : nullptr;
+}
+
+std::optional<std::unordered_set<std::string>> SnapshotRestore::NamesOfTree(const Id& tree) const
+{
+    std::unordered_set<std::string> names;
+    try {
+        m_repository.VisitTree(tree, [&names](Node& node) {
+            names.insert(node.name);
+            return true;
+        });
+    } catch (const Repo::RepositoryError&) {
+        return std::nullopt; // the walk reports it
+    }
+    return names;
+}
+
+void SnapshotRestore::Add(std::unique_ptr<Item> item)
+{
+    ++m_totals.files;
+    if (item->recorded.type == S_IFREG)
+        m_totals.bytes += item->recorded.size;
+    if (!m_maker) {
+        Content none(m_repository, m_loader, {});
+        Write(*item, none);
+        return;
+    }
+    std::uint64_t bytes = 0;
+    std::vector<Id> ids;
+    const bool isLoaded = item->action == Item::Action::Restore || item->action == Item::Action::Update;
+    const bool isFirst = !item->link || m_planned.insert(*item->link).second;
+    for (std::size_t i = 0; isLoaded && isFirst && !item->failure && i < item->content.size(); ++i) {
+        if (!item->isStanding.empty() && item->isStanding[i])
+            continue;
+        const auto place = m_repository.GetIndex().Find({BlobType::Data, item->content[i]});
+        bytes += place ? place->blob.plainLength : 0;
+        ids.push_back(item->content[i]);
+    }
+    if (bytes > BatchBytes) {
+        Drain();
+        Content content(m_repository, m_loader, {});
+        content.Begin(item->content, item->isStanding);
+        Write(*item, content);
+        return;
+    }
+    Batch& batch = *m_collected;
+    batch.bytes += bytes;
+    batch.memory += ItemMemory + item->path.size() * 3 + item->content.size() * sizeof(Id);
+    batch.ids.insert(batch.ids.end(), ids.begin(), ids.end());
+    batch.items.push_back(std::move(item));
+    if (batch.bytes >= BatchBytes || batch.memory >= BatchMemory)
+        Turn();
+}
+
+// The collected batch begins to load, and the one before is written.
+void SnapshotRestore::Turn()
+{
+    LoadedBlobs loaded;
+    if (m_loading)
+        loaded = m_loading->blobs.get();
+    const std::unique_ptr<Batch> written = std::move(m_loading);
+    m_loading = std::move(m_collected);
+    m_loading->blobs = m_loader.Start(m_loading->ids);
+    m_collected = std::make_unique<Batch>();
+    if (!written)
+        return;
+    Content content(m_repository, m_loader, std::move(loaded));
+    for (const auto& item : written->items) {
+        RaiseIfInterrupted();
+        Write(*item, content);
+    }
+}
+
+void SnapshotRestore::Drain()
+{
+    Turn();
+    Turn();
+}
+
+void SnapshotRestore::Write(Item& item, Content& content)
+{
+    const YString path = Text(item.path);
+    const auto refused = [&] {
+        return m_maker && !m_maker->GetRefused().empty();
+    };
+    try {
+        if (m_maker)
+            m_maker->GetRefused().clear();
+        if (item.failure)
+            std::rethrow_exception(item.failure);
+        if (item.action == Item::Action::Skip) {
+            m_unverified.insert(item.path);
+        } else if (item.recorded.type == S_IFDIR) {
+            WriteDirectory(item);
+        } else if (m_maker && !(item.action == Item::Action::KeepUnchanged && KeepUnchanged(item))) {
+            item.action = item.action == Item::Action::Restore ? item.action : Item::Action::Update;
+            WriteOther(item, content);
+        }
+        if (m_maker && item.action != Item::Action::Skip)
+            m_maker->Count(path, item.recorded.type);
+        if (!refused())
+            Done(item);
+    } catch (const Krt::Exception::YError& error) {
+        if (item.recorded.type == S_IFREG)
+            m_unverified.insert(item.path);
+        if (m_maker)
+            m_maker->Failed(path, error);
+        else
+            m_report.EntryFailed(path, ReasonOf(error));
+    }
+    m_report.Progress(m_totals.files, m_totals.bytesRestored);
+    PrintStatus();
+}
+
+void SnapshotRestore::WriteDirectory(Item& item)
+{
+    if (m_maker && m_settings.deletes) {
+        const YDirectory& parent = m_maker->GetTree().ParentOf(item.location);
+        struct stat standing
+        {};
+        if (parent.StatIfPresent(item.location.back(), standing) && !S_ISDIR(standing.st_mode))
+            m_cleaner.Remove(parent, item.location.back(), item.path);
+    }
+    if (m_maker)
+        m_maker->GetTree().MakeDirectory(item.location, item.recorded.attributes);
+    if (item.names)
+        CleanDirectory(item.location, item.path, *item.names);
+}
+
+void SnapshotRestore::CleanDirectory(const TargetLocation& location, const std::string& path,
+                                     const std::unordered_set<std::string>& kept)
+{
+    const YDirectory* const root = Root();
+    if (root == nullptr)
+        return;
+    if (location.empty()) {
+        m_cleaner.Clean(*root, path, kept);
+        return;
+    }
+    std::optional<YDirectory> directory;
+    try {
+        directory = root->OpenBelow(location);
+    } catch (const Krt::Exception::YError&) {
+        return; // it does not exist, or is not a directory
+    }
+    m_cleaner.Clean(*directory, path, kept);
+}
+
+// Gives the file that exists its attributes. Returns false if it is no longer the one that was compared, or
+// if it has another name, which may be outside of the target.
+bool SnapshotRestore::KeepUnchanged(const Item& item)
+{
+    const YDirectory& parent = m_maker->GetTree().ParentOf(item.location);
+    const Krt::Util::YUnxHandle file = parent.OpenFile(item.location.back());
+    const struct stat now = Krt::File::Stat(file);
+    if (FileId(now) != FileId(item.standing) || now.st_nlink != 1 || !S_ISREG(now.st_mode) ||
+        now.st_size != item.standing.st_size ||
+        !IsSame(Krt::File::ChangeTime(now), Krt::File::ChangeTime(item.standing)))
+        return false;
+    Apply(item.recorded.attributes, file, m_maker->GetRefused());
+    if (item.link)
+        m_linked.insert_or_assign(*item.link, LinkedFile{item.location, FileId(now)});
+    return true;
+}
+
+void SnapshotRestore::WriteOther(Item& item, Content& content)
+{
+    const YDirectory& parent = m_maker->GetTree().ParentOf(item.location);
+    struct stat standing
+    {};
+    if (m_settings.deletes && parent.StatIfPresent(item.location.back(), standing) &&
+        S_ISDIR(standing.st_mode))
+        m_cleaner.Remove(parent, item.location.back(), item.path);
+    KRT_RAISE_UNLESS(!item.recorded.isReparsePoint || item.recorded.type == S_IFREG, ErrorCode::NotSupported,
+                     "A reparse point is not restored: its record does not tell its target");
+    NewEntry entry{.recorded = item.recorded, .location = item.location};
+    entry.linkTarget = Text(item.linkTarget);
+    entry.device = item.device;
+    const auto first = item.link ? m_linked.find(*item.link) : m_linked.end();
+    entry.first = first != m_linked.end() ? &first->second : nullptr;
+    entry.writeContent = [&](const Krt::Util::YUnxHandle& file) {
+        SparseWriter writer(file);
+        std::optional<Krt::Util::YUnxHandle> old;
+        Repo::Bytes part;
+        for (std::size_t i = 0; i < item.content.size(); ++i) {
+            RaiseIfInterrupted();
+            const Id& id = item.content[i];
+            bool isOld = false;
+            if (!item.isStanding.empty() && item.isStanding[i]) {
+                if (!old)
+                    old.emplace(parent.OpenFile(item.location.back()));
+                part.resize(m_repository.GetIndex().Find({BlobType::Data, id})->blob.plainLength);
+                isOld = S_ISREG(Krt::File::Stat(*old).st_mode) &&
+                        Krt::File::Read(*old, writer.GetSize(), part.size(), part.data()) == part.size() &&
+                        Id::Of(part) == id;
+            }
+            writer.Append(isOld ? part : content.Get(i, id));
+            m_report.Progress(m_totals.files, m_totals.bytesRestored + writer.GetSize());
+        }
+        REPOSITORY_RAISE_UNLESS(writer.GetSize() == item.recorded.size, Failure::Damaged,
+                                "The blobs of the file have another size than the file");
+        writer.Finish();
+    };
+    if (const std::optional<FileId> made = m_maker->Make(entry); made && item.link)
+        m_linked.insert_or_assign(*item.link, LinkedFile{item.location, *made});
+}
+
+void SnapshotRestore::Done(const Item& item)
+{
+    const bool isFile = item.recorded.type == S_IFREG;
+    const unsigned long long size = isFile ? item.recorded.size : 0;
+    const bool isSkipped = item.action == Item::Action::Skip || item.action == Item::Action::KeepUnchanged;
+    ++(isSkipped ? m_totals.skipped : m_totals.restored);
+    (isSkipped ? m_totals.bytesSkipped : m_totals.bytesRestored) += size;
+    const char* const action = isSkipped                                       ? "unchanged"
+                               : item.action == Item::Action::Update && isFile ? "updated"
+                                                                               : "restored";
+    Print(action, item.path, isFile ? std::optional(size) : std::nullopt);
+}
+
+void SnapshotRestore::Print(const char* action, const std::string& path,
+                            std::optional<unsigned long long> size)
+{
+    if (!m_settings.isVerbose && !m_settings.isDryRun)
+        return;
+    if (m_settings.isJson) {
+        std::string json =
+            R"({"message_type":"verbose_status","action":")" + std::string(action) + R"(","item":)";
+        Repo::JsonWriter(json).String(path);
+        m_report.Out() << PrintableJson(json + ",\"size\":" + std::to_string(size.value_or(0)) + "}") << "\n";
+        return;
+    }
+    std::string line = action;
+    line.resize(10, ' ');
+    line += Printable(path) + (size ? " with size " + SizeText(*size) : "");
+    m_report.Out() << line << "\n";
+}
+
+std::string SnapshotRestore::TotalsJson(const char* type) const
+{
+    std::string json;
+    Repo::JsonWriter writer(json);
+    const auto number = [&writer](const char* key, unsigned long long value) {
+        writer.Key(key);
+        writer.Number(value);
+    };
+    writer.BeginObject();
+    writer.Key("message_type");
+    writer.String(type);
+    const auto elapsed = std::chrono::steady_clock::now() - m_start;
+    number("seconds_elapsed", static_cast<unsigned long long>(
+                                  std::chrono::duration_cast<std::chrono::seconds>(elapsed).count()));
+    if (type == std::string_view("status")) {
+        const double done = static_cast<double>(m_totals.bytesRestored + m_totals.bytesSkipped);
+        char text[64];
+        std::snprintf(text, sizeof(text), "%.6f",
+                      m_totals.bytes == 0 ? 0 : done / static_cast<double>(m_totals.bytes));
+        writer.Key("percent_done");
+        writer.Raw(text);
+    }
+    number("total_files", m_totals.files);
+    number("files_restored", m_totals.restored);
+    number("files_skipped", m_totals.skipped);
+    number("files_deleted", m_totals.deleted);
+    number("total_bytes", m_totals.bytes);
+    number("bytes_restored", m_totals.bytesRestored);
+    number("bytes_skipped", m_totals.bytesSkipped);
+    writer.EndObject();
+    return json;
+}
+
+void SnapshotRestore::PrintStatus()
+{
+    if (!m_settings.isJson || m_settings.isQuiet)
+        return;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - m_shown < StatusInterval)
+        return;
+    m_shown = now;
+    m_report.Out() << TotalsJson("status") << "\n";
+}
+
+void SnapshotRestore::PrintSummary()
+{
+    constexpr const char* Done = "The restore is done";
+    if (m_settings.isJson) {
+        m_report.Summary(Done, TotalsJson("summary") + "\n");
+        return;
+    }
+    if (m_settings.isQuiet)
+        return;
+    const auto elapsed = std::chrono::steady_clock::now() - m_start;
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(elapsed).count();
+    const bool isAll = m_totals.restored == m_totals.files && m_totals.bytesRestored == m_totals.bytes;
+    std::string text = m_settings.isDryRun ? "Summary: Would restore " : "Summary: Restored ";
+    text += std::to_string(m_totals.restored) + (isAll ? "" : " / " + std::to_string(m_totals.files)) +
+            " files/dirs (" + SizeText(m_totals.bytesRestored) +
+            (isAll ? "" : " / " + SizeText(m_totals.bytes)) + ") in " +
+            DurationText(static_cast<unsigned long long>(seconds));
+    if (m_totals.skipped != 0)
+        text += ", skipped " + std::to_string(m_totals.skipped) + " files/dirs " +
+                SizeText(m_totals.bytesSkipped);
+    if (m_totals.deleted != 0)
+        text += ", deleted " + std::to_string(m_totals.deleted) + " files/dirs";
+    if (m_report.GetFailed() != 0)
+        text += ", " + std::to_string(m_report.GetFailed()) + " failed";
+    m_report.Summary(Done, text + "\n");
+}
+
+// What the walk before has reported is not reported again.
+void SnapshotRestore::Verify(const Id& tree)
+{
+    m_names.clear();
+    m_knowsStanding = false;
+    WalkTree(
+        m_repository, tree, "",
+        [this](const std::string& path, Node& node) {
+            const bool isDirectory = node.type == NodeType::Directory;
+            const Selection selection = Select(path, isDirectory);
+            if (!IsFirstOfName(path, node))
+                return Step::Past;
+            if (selection.isSelected && node.type == NodeType::File && !m_unverified.contains(path))
+                VerifyFile(path, node);
+            return selection.mayHaveSelected ? Step::Into : Step::Past;
+        },
+        [](const std::string&, const Krt::Exception::YError&) {});
+}
+
+void SnapshotRestore::VerifyFile(const std::string& path, const Node& node)
+{
+    try {
+        const TargetLocation location = LocationOf(path);
+        const YDirectory* const parent = StandingParent(location);
+        KRT_RAISE_UNLESS(parent != nullptr, ErrorCode::NotFound,
+                         "Not verified: its directory can't be opened");
+        const Krt::Util::YUnxHandle file = parent->OpenFile(location.back());
+        const struct stat status = Krt::File::Stat(file);
+        bool isEqual = S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) == node.size &&
+                       node.content;
+        Repo::Bytes part;
+        std::uint64_t offset = 0;
+        for (std::size_t i = 0; isEqual && i < node.content->size(); ++i) {
+            RaiseIfInterrupted();
+            const auto place = m_repository.GetIndex().Find({BlobType::Data, (*node.content)[i]});
+            part.resize(place ? place->blob.plainLength : 0);
+            isEqual = place && Krt::File::Read(file, offset, part.size(), part.data()) == part.size() &&
+                      Id::Of(part) == (*node.content)[i];
+            offset += part.size();
+        }
+        KRT_RAISE_UNLESS(isEqual, ErrorCode::InvalidState,
+                         "Verified, and its content is not that of the snapshot");
+    } catch (const Krt::Exception::YError& error) {
+        RaiseIfInterrupted();
+        m_report.EntryFailed(Text(path), ReasonOf(error));
+    }
+}
+
+} // namespace Agent
