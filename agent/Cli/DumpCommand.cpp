@@ -2,6 +2,7 @@
 
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Dump/DumpRun.h"
+#include "agent/Run/Output.h"
 
 #include "Krt/Exception/Raise.h"
 

@@ -2,6 +2,7 @@
 
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Cli/TextTable.h"
+#include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
 
 #include <CLI/CLI.hpp>

@@ -3,6 +3,7 @@
 #include "agent/Cli/NodeText.h"
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Cli/TextTable.h"
+#include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
 
 #include <CLI/CLI.hpp>

@@ -416,7 +416,12 @@ void SnapshotRestore::CompareContent(Item& item, const YDirectory& parent)
         std::uint64_t offset = 0;
         for (const Id& id : item.content) {
             RaiseIfInterrupted();
-            const std::uint64_t length = m_repository.GetIndex().Find({BlobType::Data, id})->blob.plainLength;
+            const auto place = m_repository.GetIndex().Find({BlobType::Data, id});
+            if (!place) {
+                item.isStanding.clear();
+                return;
+            }
+            const std::uint64_t length = place->blob.plainLength;
             const bool fits = offset + length <= static_cast<std::uint64_t>(status.st_size);
             if (fits)
                 buffer.resize(length);
@@ -554,6 +559,8 @@ void SnapshotRestore::Write(Item& item, Content& content)
         } else if (item.recorded.type == S_IFDIR) {
             WriteDirectory(item);
         } else if (m_maker && !(item.action == Item::Action::KeepUnchanged && KeepUnchanged(item))) {
+            if (item.action == Item::Action::KeepUnchanged && item.isStanding.empty())
+                CompareContent(item, m_maker->GetTree().ParentOf(item.location));
             item.action = item.action == Item::Action::Restore ? item.action : Item::Action::Update;
             WriteOther(item, content);
         }

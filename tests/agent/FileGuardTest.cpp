@@ -78,7 +78,8 @@ protected:
     {
         return Reason("The target", name, [&](const auto& path) {
             Agent::Report report;
-            Agent::OpenTarget(path, Krt::File::YDirectory::OpenToSearch(store.c_str()), report);
+            const auto source = Krt::File::YDirectory::OpenToSearch(store.c_str());
+            Agent::OpenTarget(path, &source, "the store", report);
         });
     }
 

@@ -285,7 +285,7 @@ TEST_F(RestorePrison, AccessListsOfTargetGiveNoRights)
     }
     EXPECT_EQ(places, 6u);
     EXPECT_EQ(StatusOf("dir").st_mode & 07777, 0770u);
-    EXPECT_EQ(StatusOf("without record").st_mode & 07777, 0755u);
+    EXPECT_EQ(StatusOf("without record").st_mode & 07777, 0700u);
 }
 
 TEST_F(RestorePrison, LinkOfOtherUserToTargetIsNotFollowed)

@@ -30,7 +30,7 @@ TEST_F(RestoreProgram, DirectoriesOutOfOrderKeepTimesAndModes)
     EXPECT_EQ(StatusOf("a").st_mode & 07777, 0555u);
     EXPECT_EQ(StatusOf("a").st_mtime, 1000000000);
     EXPECT_EQ(ReadFile(target + "/a/3"), "3");
-    EXPECT_EQ(StatusOf("a/deep").st_mode & 07777, 0755u);
+    EXPECT_EQ(StatusOf("a/deep").st_mode & 07777, 0700u);
 }
 
 TEST_F(RestoreProgram, AbortLeavesDirectoriesUnchanged)

@@ -1,0 +1,458 @@
+// Restores from repositories: of what restic 0.14 has backed up, compared with the original and with restic's
+// own restore; onto existing files; and from damaged and hostile repositories.
+#include "agent/Repository/LocalBackend.h"
+#include "agent/Repository/Pack.h"
+#include "agent/Repository/Repository.h"
+#include "agent/Repository/Sealing.h"
+
+#include "testing/AccessList.h"
+#include "testing/AwkwardNames.h"
+#include "testing/RestoreFixture.h"
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+using namespace Testing;
+using Agent::Repo::BlobType;
+using Agent::Repo::FileKind;
+using Agent::Repo::Id;
+namespace Repo = Agent::Repo;
+namespace fs = std::filesystem;
+
+namespace {
+
+class RepositoryRestore : public RestoreFixture
+{
+protected:
+    void Restic(const std::string& arguments) const
+    {
+        const std::string command = "cd " + source + " && HOME=" + directory.Path() +
+                                    " RESTIC_PASSWORD=secret restic -q --no-cache -r " + repository + " " +
+                                    arguments + " >" + (directory / "restic.log") + " 2>&1";
+        const int status = std::system(command.c_str());
+        ASSERT_EQ(WEXITSTATUS(status), 0) << arguments << ReadFile(directory / "restic.log");
+    }
+    void BackUp(const std::string& version = "2") const
+    {
+        if (!fs::exists(repository))
+            Restic("init --repository-version " + version);
+        Restic("backup --with-atime .");
+    }
+    // `exitCode` -1 is any.
+    ProgramResult Restored(int exitCode, const std::vector<std::string>& more = {},
+                           const std::string& snapshot = "latest") const
+    {
+        std::vector<std::string> arguments = {"restore", "-r", repository, snapshot, "--target", target};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        const auto prepare = [] {
+            setenv("KBAGENT_PASSWORD", "secret", 1);
+        };
+        ProgramResult result = RunProgram(arguments, {.prepare = prepare});
+        EXPECT_TRUE(exitCode == -1 || result.exitCode == exitCode)
+            << ::testing::PrintToString(more) << result.exitCode << "\n"
+            << result.output << result.errors;
+        return result;
+    }
+    // Times have nanoseconds here.
+    static std::string Described(const std::string& root)
+    {
+        std::string text = DescribeTree(root);
+        std::set<std::string> times;
+        for (const auto& entry : fs::recursive_directory_iterator(root)) {
+            const struct stat status = Testing::StatusOf(entry.path());
+            times.insert(entry.path().string().substr(root.size()) + " " +
+                         std::to_string(status.st_mtim.tv_nsec) + "\n");
+        }
+        for (const std::string& time : times)
+            text += time;
+        return text;
+    }
+    static std::set<std::string> PathsIn(const std::string& root)
+    {
+        std::set<std::string> paths;
+        for (const auto& entry : fs::recursive_directory_iterator(root))
+            paths.insert(entry.path().string().substr(root.size()));
+        return paths;
+    }
+    void ClearTarget()
+    {
+        fs::remove_all(target);
+        fs::create_directory(target);
+    }
+    std::vector<fs::path> Files(const std::string& part) const
+    {
+        std::vector<fs::path> files;
+        for (const auto& entry : fs::recursive_directory_iterator(repository + "/" + part))
+            if (entry.is_regular_file())
+                files.push_back(entry.path());
+        std::sort(files.begin(), files.end());
+        return files;
+    }
+    // A repository with a snapshot whose root is the last of the trees. Each text is made from the id before.
+    void SaveTrees(const std::vector<std::function<std::string(const std::string& id)>>& trees) const
+    {
+        fs::remove_all(repository);
+        Repo::CreateOptions options;
+        options.cost = {16, 1, 1};
+        const auto opened = Repo::Repository::Create(std::make_shared<Repo::LocalBackend>(repository.c_str()),
+                                                     Repo::Secret(Repo::AsBytes("secret")), options);
+        Repo::PackWriter data(opened.GetKey()), pack(opened.GetKey());
+        data.Add({BlobType::Data, Id::Of(Repo::AsBytes("content"))}, Repo::AsBytes("content"));
+        Id last;
+        for (const auto& make : trees) {
+            const std::string text = make(last.ToHex());
+            last = Id::Of(Repo::AsBytes(text));
+            pack.Add({BlobType::Tree, last}, Repo::AsBytes(text));
+        }
+        Repo::IndexFileWriter index;
+        for (Repo::PackWriter* writer : {&data, &pack}) {
+            const Id id = opened.SavePack(writer->Finish());
+            index.Add(id, writer->GetBlobs());
+        }
+        opened.SaveText(FileKind::Index, index.Finish());
+        Repo::Snapshot snapshot;
+        snapshot.time = Repo::Timestamp::Now();
+        snapshot.tree = last;
+        snapshot.paths = {"/x"};
+        opened.SaveText(FileKind::Snapshot, snapshot.ToJson());
+    }
+
+    std::string repository = directory / "repository";
+};
+
+std::string NodeText(const std::string& name, const std::string& rest)
+{
+    return R"({"name":")" + name + R"(","mode":420,"mtime":"2001-09-09T01:46:40Z",)" +
+           R"("atime":"2001-09-09T01:46:40Z","ctime":"2001-09-09T01:46:40Z","uid":0,"gid":0,)" + rest + "}";
+}
+
+std::string FileText(const std::string& name, unsigned int size = 7)
+{
+    return NodeText(name, R"("type":"file","size":)" + std::to_string(size) + R"(,"content":[")" +
+                              Id::Of(Repo::AsBytes("content")).ToHex() + R"("])");
+}
+
+std::string DirectoryText(const std::string& name, const std::string& subtree)
+{
+    return NodeText(name, R"("type":"dir","content":null,"subtree":")" + subtree + "\"");
+}
+
+std::string TreeText(const std::string& nodes)
+{
+    return R"({"nodes":[)" + nodes + "]}\n";
+}
+
+std::string RandomText(std::mt19937& random, std::size_t size)
+{
+    std::string text(size, '\0');
+    for (char& byte : text)
+        byte = static_cast<char>(random());
+    return text;
+}
+
+TEST_F(RepositoryRestore, EqualsWhatResticBackedUp)
+{
+    MakeTree(source, EveryKindOfEntry());
+    fs::create_directory(source + "/names");
+    for (const std::string& name : AwkwardNames())
+        std::ofstream(source + "/names/" + name) << name;
+    std::mt19937 random(1);
+    std::ofstream(source + "/big") << RandomText(random, 40 << 20) << std::string(5 << 20, '\0') << "end";
+    std::ofstream(source + "/owned") << "x";
+    if (geteuid() == 0) {
+        ASSERT_EQ(mknod((source + "/device").c_str(), S_IFCHR | 0640, makedev(1, 3)), 0);
+        ASSERT_EQ(chown((source + "/owned").c_str(), 1234, 4321), 0);
+        ASSERT_EQ(chmod((source + "/owned").c_str(), 06755), 0);
+    }
+    setxattr((source + "/owned").c_str(), "user.note", "\0\xFFvalue", 7, 0);
+    GiveAccessList(source + "/owned", "access");
+    GiveAccessList(source + "/dir", "default");
+    const timespec times[2] = {{1, 123456789}, {-86400, 987654321}};
+    ASSERT_EQ(utimensat(AT_FDCWD, (source + "/owned").c_str(), times, 0), 0);
+    const std::string original = Described(source);
+    for (const char* version : {"1", "2"}) {
+        fs::remove_all(repository);
+        ClearTarget();
+        BackUp(version);
+        EXPECT_TRUE(Holds(Restored(0, {"--verify"}).output, "Summary: Restored "));
+        EXPECT_EQ(StatusOf("owned").st_atim.tv_nsec, Testing::StatusOf(source + "/owned").st_atim.tv_nsec);
+        EXPECT_EQ(Described(target), original) << version;
+        EXPECT_LT(StatusOf("big").st_blocks * 512, 43 << 20);
+    }
+    // What is equal is not loaded again.
+    for (const fs::path& pack : Files("data"))
+        if (fs::file_size(pack) > 1 << 20)
+            fs::remove(pack);
+    EXPECT_TRUE(Holds(Restored(0, {"-v", "--overwrite", "if-changed"}).output, "unchanged /big with size"));
+    EXPECT_EQ(Described(target), original);
+}
+
+TEST_F(RepositoryRestore, ExistingFilesAreTreatedAsAsked)
+{
+    std::mt19937 random(2);
+    const std::string content = RandomText(random, 9 << 20);
+    MakeTree(source, {File("file", content, 0644, 2000)});
+    BackUp();
+    std::string other = content;
+    other[5 << 20] ^= 1;
+    const struct
+    {
+        const char* overwrite;
+        long long time;
+        const char* action; // with other content of equal size
+    } rows[] = {{"always", 2000, "updated"},     {"if-changed", 2000, "unchanged"},
+                {"if-changed", 3, "updated"},    {"if-newer", 1999, "updated"},
+                {"if-newer", 2000, "unchanged"}, {"never", 1, "unchanged"}};
+    for (const auto& row : rows) {
+        ClearTarget();
+        MakeTree(target, {File("file", other, 0600, row.time)});
+        const bool isKept = row.action == std::string("unchanged");
+        const auto inode = StatusOf("file").st_ino;
+        // if-changed takes the file for equal, which only the verification finds out.
+        const bool isWrong = isKept && row.overwrite == std::string("if-changed");
+        const ProgramResult result =
+            Restored(isWrong ? 3 : 0, {"-v", "--verify", "--overwrite", row.overwrite});
+        EXPECT_TRUE(Holds(result.output, row.action)) << row.overwrite;
+        EXPECT_EQ(ReadFile(target + "/file") == content, !isKept) << row.overwrite;
+        EXPECT_EQ(StatusOf("file").st_ino == inode, isKept) << "what changes is renamed into place";
+    }
+    // A second name may be outside of the target: its attributes stay.
+    ClearTarget();
+    MakeTree(target, {File("file", content, 0600, 2000)});
+    fs::create_hard_link(target + "/file", directory / "second");
+    Restored(0);
+    EXPECT_EQ(Testing::StatusOf(directory / "second").st_mode & 07777, 0600u);
+    EXPECT_EQ(StatusOf("file").st_mode & 07777, 0644u);
+}
+
+TEST_F(RepositoryRestore, PatternsChooseWhatResticChooses)
+{
+    MakeTree(source,
+             {Dir("a"), Dir("a/b"), Dir("a/b/c"), File("a/b/c/x.txt", "1"), File("a/b/x.c", "2"),
+              File("a/X.TXT", "3"), Dir("foo"), File("foo/bar", "4"), Dir("a/foo"), File("a/foo/bar", "5"),
+              File("a/[z]", "6"), File("a/\xC3\xA4", "7"), File("a/\xFF", "8")});
+    BackUp();
+    for (const std::vector<std::string>& options :
+         std::vector<std::vector<std::string>>{{"--include", "*.txt"},
+                                               {"--include", "/a/b"},
+                                               {"--include", "/a/**/x*"},
+                                               {"--include", "foo/bar"},
+                                               {"--include", "/foo/bar", "--include", "c/"},
+                                               {"--iinclude", "*.TxT"},
+                                               {"--include", "/a/?"},
+                                               {"--include", "/a/\\[z]"},
+                                               {"--include", "a/*", "--include", "!/a/b"},
+                                               {"--exclude", "*.txt"},
+                                               {"--exclude", "/a/foo"},
+                                               {"--exclude", "foo"},
+                                               {"--exclude", "b/**/x*"},
+                                               {"--iexclude", "x.*"},
+                                               {"--exclude", "[^a]*", "--exclude", "!foo"},
+                                               {"--exclude", "/**/bar"}}) {
+        ClearTarget();
+        const std::string theirs = directory / "theirs";
+        fs::remove_all(theirs);
+        fs::create_directory(theirs);
+        std::string quoted;
+        for (const std::string& option : options)
+            quoted += " '" + option + "'";
+        Restic("restore latest --target " + theirs + quoted);
+        Restored(0, options);
+        EXPECT_EQ(PathsIn(target), PathsIn(theirs)) << quoted;
+    }
+    ClearTarget();
+    Restored(0, {"/a/foo", "/a/\\xff", "/a/b/x.c"});
+    EXPECT_EQ(PathsIn(target),
+              (std::set<std::string>{"/a", "/a/b", "/a/b/x.c", "/a/foo", "/a/foo/bar", "/a/\xFF"}));
+    EXPECT_EQ(StatusOf("a/b").st_mtime, 1000000000);
+    ClearTarget();
+    Restored(0, {}, "latest:/a/foo");
+    EXPECT_EQ(PathsIn(target), (std::set<std::string>{"/bar"}));
+    EXPECT_TRUE(Holds(Restored(3, {"/a", "/no such"}).errors, "/no such: The snapshot has no entry"));
+    Restored(1, {"--include", "[a"});
+    Restored(2, {"--include", "a", "--exclude", "b"});
+}
+
+TEST_F(RepositoryRestore, DeletesOnlyWhatTheSnapshotLacks)
+{
+    MakeTree(source,
+             {Dir("dir"), File("dir/kept", "1"), File("file", "2"), Dir("other"), File("other/x", "3")});
+    BackUp();
+    const auto clutter = [this] {
+        ClearTarget();
+        MakeTree(target, {Dir("dir"), Dir("dir/more"), File("dir/more/x", "x"), File("dir/extra.c", "x"),
+                          Link("dir/outside", directory / "outside"), Dir("file"), File("file/below", "x"),
+                          Link("other", directory / "outside"), File("new", "x")});
+    };
+    clutter();
+    const std::string cluttered = DescribeTree(target);
+    EXPECT_TRUE(Holds(Restored(0, {"--delete", "--dry-run"}).output, "deleted   /dir/more/x\n"));
+    EXPECT_EQ(DescribeTree(target), cluttered);
+    Restored(0, {"--delete"});
+    EXPECT_EQ(Described(target), Described(source));
+    clutter();
+    Restored(-1, {"--delete", "--include", "/dir/*.c"});
+    EXPECT_FALSE(fs::exists(target + "/dir/extra.c"));
+    EXPECT_TRUE(fs::exists(target + "/dir/more/x") && fs::exists(target + "/new"));
+    clutter();
+    Restored(0, {"--delete", "--exclude", "*.c", "--exclude", "x"});
+    EXPECT_TRUE(fs::exists(target + "/dir/extra.c") && fs::exists(target + "/dir/more/x"));
+    EXPECT_FALSE(fs::exists(target + "/new") || fs::is_symlink(target + "/dir/outside"));
+    // Of a directory whose tree can't be read, nothing is known to be missing.
+    clutter();
+    SaveTrees({[](auto&) {
+        return TreeText(DirectoryText("dir", std::string(64, '7')));
+    }});
+    Restored(3, {"--delete"});
+    EXPECT_TRUE(fs::exists(target + "/dir/more/x") && !fs::exists(target + "/new"));
+}
+
+TEST_F(RepositoryRestore, DamageFailsOnlyWhatNeedsIt)
+{
+    std::mt19937 random(3);
+    std::vector<TreeEntry> entries;
+    for (int i = 0; i < 12; ++i) {
+        entries.push_back(Dir("d" + std::to_string(i)));
+        for (int j = 0; j < 5; ++j)
+            entries.push_back(File("d" + std::to_string(i) + "/f" + std::to_string(j),
+                                   RandomText(random, random() % 3000)));
+    }
+    MakeTree(source, entries);
+    BackUp();
+    const std::string sound = directory / "sound";
+    fs::copy(repository, sound, fs::copy_options::recursive);
+    for (int round = 0; round < 12; ++round) {
+        fs::remove_all(repository);
+        fs::copy(sound, repository, fs::copy_options::recursive);
+        ClearTarget();
+        const std::vector<fs::path> packs = Files("data");
+        const fs::path pack = packs[random() % packs.size()];
+        fs::permissions(pack, fs::perms::owner_all);
+        std::string bytes = ReadFile(pack);
+        const std::size_t place = random() % bytes.size();
+        if (round % 4 == 0)
+            bytes.resize(place);
+        else
+            bytes[place] = static_cast<char>(bytes[place] ^ (1 << random() % 8));
+        std::ofstream(pack, std::ios::binary | std::ios::trunc) << bytes;
+        const ProgramResult result = Restored(-1);
+        std::size_t missing = 0;
+        for (const auto& entry : fs::recursive_directory_iterator(source)) {
+            const std::string name = entry.path().string().substr(source.size());
+            if (!entry.is_regular_file())
+                continue;
+            if (fs::exists(target + name)) {
+                EXPECT_EQ(ReadFile(target + name), ReadFile(source + name));
+                continue;
+            }
+            ++missing;
+            EXPECT_TRUE(Holds(result.errors, name + ": ") ||
+                        Holds(result.errors, name.substr(0, name.rfind('/')) + ": ") ||
+                        Holds(result.errors, "/: "))
+                << name;
+        }
+        EXPECT_EQ(result.exitCode, missing != 0 ? 3 : 0) << result.errors; // the pack's header is not needed
+        EXPECT_TRUE(round % 4 == 0 || missing < 60) << "the others are restored, or the root is damaged";
+    }
+}
+
+TEST_F(RepositoryRestore, HostileTreesReachNothingOutside)
+{
+    const std::string good = FileText("zgood");
+    for (const char* name : {"..", "../outside/dir/file", "a/b", "/etc/x", ".", "", "x\\u0000y", "\\\\x2e.",
+                             "\\\\x2e\\\\x2e", "a\\\\x2fb", "x\\\\x00"}) {
+        ClearTarget();
+        SaveTrees({[&](auto&) { return TreeText(FileText("a") + "," + FileText(name)); },
+                   [&](auto& id) {
+                       return TreeText(DirectoryText("dir", id) + "," + good);
+                   }});
+        EXPECT_TRUE(Holds(Restored(3).errors, "/dir: ")) << name;
+        EXPECT_EQ(PathsIn(target), (std::set<std::string>{"/dir", "/dir/a", "/zgood"})) << name;
+    }
+    const std::string link = NodeText("a", R"("type":"symlink","linktarget":"../outside","content":null)");
+    const struct
+    {
+        std::string nodes; // of the root
+        const char* told;
+    } rows[] = {
+        {link + "," + DirectoryText("a", "ID"), "/a: Not restored, since the directory has another entry"},
+        {FileText("a") + "," + FileText("a"), "/a: Not restored, since the directory has another entry"},
+        {FileText("a", 8), "/a: The size of the file is 8, but its blobs have 7 bytes"},
+        {NodeText("a", R"("type":"file","content":null)"), "/a: The file has no list of blobs"},
+        {NodeText("a", R"("type":"file","size":1,"content":[")" + std::string(64, '5') + R"("])"), "/a: "},
+        {NodeText("a", R"("type":"dir","content":null)"), "/a: The directory has no tree"},
+        {NodeText("a", R"("type":"other","content":null)"), "/a: The type of the entry is not known"},
+    };
+    for (const auto& row : rows) {
+        ClearTarget();
+        SaveTrees({[&](auto&) { return TreeText(FileText("file")); },
+                   [&](auto& id) {
+                       std::string nodes = row.nodes;
+                       if (const std::size_t place = nodes.find("ID"); place != std::string::npos)
+                           nodes.replace(place, 2, id);
+                       return TreeText(nodes + "," + good);
+                   }});
+        EXPECT_TRUE(Holds(Restored(3).errors, row.told));
+        EXPECT_EQ(ReadFile(target + "/zgood"), "content");
+    }
+    // A symlink that stands in the target is not followed either.
+    ClearTarget();
+    MakeTree(target, {Link("dir", directory / "outside/dir"), Link("zgood", directory / "outside/file")});
+    SaveTrees({[&](auto&) { return TreeText(FileText("file")); },
+               [&](auto& id) {
+                   return TreeText(DirectoryText("dir", id) + "," + good);
+               }});
+    Restored(3);
+    EXPECT_EQ(PathsIn(target), (std::set<std::string>{"/dir", "/zgood"}));
+    EXPECT_EQ(ReadFile(target + "/zgood"), "content");
+}
+
+TEST_F(RepositoryRestore, RandomTreesComeBack)
+{
+    std::mt19937 random(4);
+    for (int round = 0; round < 20; ++round) {
+        fs::remove_all(source);
+        fs::create_directory(source);
+        ClearTarget();
+        std::vector<TreeEntry> entries;
+        std::vector<std::string> directories = {""}, files;
+        for (int i = 0; i < 60; ++i) {
+            const std::string name = directories[random() % directories.size()] + std::to_string(i);
+            const auto mode = static_cast<unsigned int>(0400 + random() % 0400);
+            switch (random() % 5) {
+            case 0:
+                entries.push_back(Dir(name, mode | 0700));
+                directories.push_back(name + "/");
+                break;
+            case 1:
+                entries.push_back(Link(name, RandomText(random, 1).find('\0') == 0 ? "x" : "../" + name));
+                break;
+            case 2:
+                if (!files.empty()) {
+                    entries.push_back(Hard(name, files[random() % files.size()]));
+                    break;
+                }
+                [[fallthrough]];
+            default:
+                entries.push_back(
+                    File(name, RandomText(random, random() % (random() % 8 == 0 ? 2000000 : 500)), mode));
+                files.push_back(name);
+            }
+        }
+        MakeTree(source, entries);
+        BackUp();
+        Restored(0);
+        ASSERT_EQ(Described(target), Described(source)) << round;
+    }
+}
+
+} // namespace
