@@ -81,13 +81,13 @@ TEST_F(Import, WindowsJobIsRestoredUnderLegalNames)
     const std::string errors = Run(3, {"restore", "--to", target}).errors;
     EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 3) << errors;
     MakeTree(directory.MakeDirectory("expected"),
-             {Dir("C", 0755), Dir("C/dir", 0700), File("C/dir/two names", "content", 0600),
-              Dir("C/other", 0755), Hard("C/other/name", "C/dir/two names"),
+             {Dir("C", 0700), Dir("C/dir", 0700), File("C/dir/two names", "content", 0600),
+              Dir("C/other", 0700), Hard("C/other/name", "C/dir/two names"),
               File("C/dir/read-only", "kept", 0400), File("C/dir/back\\slash?:", "of the cloud", 0600),
-              Dir("D", 0755), File("D/big", std::string(3000000, 'x'), 0600), Dir("E", 0755),
-              File("E/f", "right", 0600), Dir("Volume{0a1b}", 0755),
+              Dir("D", 0700), File("D/big", std::string(3000000, 'x'), 0600), Dir("E", 0700),
+              File("E/f", "right", 0600), Dir("Volume{0a1b}", 0700),
               File("Volume{0a1b}/guid", "of a volume", 0600),
-              Dir("GLOBALROOTDeviceHarddiskVolumeShadowCopy12", 0755),
+              Dir("GLOBALROOTDeviceHarddiskVolumeShadowCopy12", 0700),
               File("GLOBALROOTDeviceHarddiskVolumeShadowCopy12/shadow", "of a copy", 0600)});
     // Directories without a record have the time of the restore.
     for (const std::string& root : {target, directory / "expected"}) {

@@ -41,10 +41,20 @@ protected:
         const int status = std::system(command.c_str());
         ASSERT_EQ(WEXITSTATUS(status), 0) << arguments << ReadFile(directory / "restic.log");
     }
-    void BackUp(const std::string& version = "2") const
+    // An empty repository whose password costs little.
+    Repo::Repository Create(std::uint32_t version = 2) const
+    {
+        fs::remove_all(repository);
+        Repo::CreateOptions options;
+        options.version = version;
+        options.cost = {16, 1, 1};
+        return Repo::Repository::Create(std::make_shared<Repo::LocalBackend>(repository.c_str()),
+                                        Repo::Secret(Repo::AsBytes("secret")), options);
+    }
+    void BackUp(std::uint32_t version = 2) const
     {
         if (!fs::exists(repository))
-            Restic("init --repository-version " + version);
+            Create(version);
         Restic("backup --with-atime .");
     }
     // `exitCode` -1 is any.
@@ -100,11 +110,7 @@ protected:
     // A repository with a snapshot whose root is the last of the trees. Each text is made from the id before.
     void SaveTrees(const std::vector<std::function<std::string(const std::string& id)>>& trees) const
     {
-        fs::remove_all(repository);
-        Repo::CreateOptions options;
-        options.cost = {16, 1, 1};
-        const auto opened = Repo::Repository::Create(std::make_shared<Repo::LocalBackend>(repository.c_str()),
-                                                     Repo::Secret(Repo::AsBytes("secret")), options);
+        const auto opened = Create();
         Repo::PackWriter data(opened.GetKey()), pack(opened.GetKey());
         data.Add({BlobType::Data, Id::Of(Repo::AsBytes("content"))}, Repo::AsBytes("content"));
         Id last;
@@ -181,7 +187,7 @@ TEST_F(RepositoryRestore, EqualsWhatResticBackedUp)
     const timespec ofFifo[2] = {{5, 6}, {1000000000, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, (source + "/fifo").c_str(), ofFifo, 0), 0);
     const std::string original = Described(source);
-    for (const char* version : {"1", "2"}) {
+    for (const std::uint32_t version : {1, 2}) {
         fs::remove_all(repository);
         ClearTarget();
         BackUp(version);
@@ -363,7 +369,7 @@ TEST_F(RepositoryRestore, DamageFailsOnlyWhatNeedsIt)
                 << name;
         }
         EXPECT_EQ(result.exitCode, missing != 0 ? 3 : 0) << result.errors; // the pack's header is not needed
-        EXPECT_TRUE(round % 4 == 0 || missing < 60) << "the others are restored, or the root is damaged";
+        EXPECT_TRUE(round % 4 == 0 || missing < 60 || Holds(result.errors, "/: ")) << "only what needs it";
     }
 }
 
