@@ -24,7 +24,8 @@ public:
     ///   - UsageError for a repository or a password that is not given, or given twice
     ///   - LockedError if another process has an exclusive lock
     ///   - what Repository::Open raises
-    /// Reading operations of the repository raise InvalidState when the user interrupts the program.
+    /// Reading operations of the repository raise InvalidState when the user interrupts the program, and
+    /// LockLost when the lock is lost.
     Session(const RepositoryOptions& options, Report& report);
 
     /// Loads the index. An index file that can't be read is reported as a failed entry; blobs that only it

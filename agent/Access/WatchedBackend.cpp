@@ -2,15 +2,13 @@
 
 #include "agent/Run/Interrupt.h"
 
-#include "Krt/Exception/Raise.h"
-
 namespace Agent {
 
 void WatchedBackend::Look() const
 {
     RaiseIfInterrupted();
-    KRT_RAISE_UNLESS(!m_isLockLost, Krt::ErrorCode::InvalidState,
-                     "The lock of the repository was lost, so its files may be removed by others");
+    if (m_isLockLost)
+        throw LockLost("The lock of the repository was lost, so other processes may remove its files");
 }
 
 void WatchedBackend::Load(const Repo::FileName& file, std::uint64_t offset, std::uint64_t length,

@@ -6,15 +6,24 @@
 
 #include <atomic>
 #include <memory>
+#include <stdexcept>
 
 namespace Agent {
+
+/// The repository's lock was lost, so other processes may remove its files. It is not a YError, so that it is
+/// not handled as the failure of one file.
+class LockLost : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
 
 class WatchedBackend : public Repo::IBackend
 {
 public:
     explicit WatchedBackend(std::shared_ptr<Repo::IBackend> backend) : m_backend(std::move(backend)) {}
 
-    /// From now on reading raises InvalidState. Any thread.
+    /// From now on reading raises LockLost. Any thread.
     void ReportLostLock() { m_isLockLost = true; }
 
     Krt::YString Describe() const override { return m_backend->Describe(); }
