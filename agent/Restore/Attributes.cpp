@@ -3,9 +3,11 @@
 #include "agent/Run/Text.h"
 
 #include "Krt/Exception/YError.h"
+#include "Krt/File/Unix/Status.h"
 #include "Krt/File/YEntry.h"
 #include "Krt/Log/YStream.h"
 
+#include <algorithm>
 #include <sys/stat.h>
 
 namespace Agent {
@@ -80,15 +82,50 @@ void ApplyTo(const Attributes& attributes, const YEntry& target, bool hasMode, R
 {
     const unsigned int mode = ApplyOwner(attributes, target, refused);
     ApplyExtended(attributes, target, refused);
-    if (hasMode) {
-        Try(refused, "mode", YString(), [&] { target.SetMode(mode); });
-        if (mode != attributes.mode)
-            refused.emplace_back("set-user-id or set-group-id bit not restored, since the owner is another");
-    }
     Try(refused, "times", YString(), [&] { target.SetTimes(attributes.access, attributes.write); });
+    if (!hasMode)
+        return;
+    Try(refused, "mode", YString(), [&] { target.SetMode(mode); });
+    if (mode != attributes.mode)
+        refused.emplace_back("set-user-id or set-group-id bit not restored, since the owner is another");
+}
+
+bool IsSame(const timespec& wanted, const timespec& present)
+{
+    return wanted.tv_sec == present.tv_sec && wanted.tv_nsec == present.tv_nsec;
+}
+
+bool IsSame(const Krt::File::ExtendedAttributeMap& wanted, const Krt::File::ExtendedAttributeMap& present)
+{
+    const auto bytesOf = [](const auto& value) {
+        return value.Size() == 0 ? std::string_view()
+                                 : std::string_view(value.template Cast<char>(), value.Size());
+    };
+    return std::equal(wanted.begin(), wanted.end(), present.begin(), present.end(),
+                      [&](const auto& a, const auto& b) {
+                          return a.first == b.first && bytesOf(a.second) == bytesOf(b.second);
+                      });
 }
 
 } // namespace
+
+bool HasAttributes(const YEntry& entry, const struct stat& status, const Attributes& attributes,
+                   bool comparesAccess)
+{
+    const auto isOwner = [](unsigned int wanted, unsigned int present) {
+        return wanted == Krt::File::KeepOwner || wanted == present;
+    };
+    const bool hasMode = S_ISLNK(status.st_mode) || (status.st_mode & 07777) == attributes.mode;
+    try {
+        return hasMode && isOwner(attributes.user, status.st_uid) &&
+               isOwner(attributes.group, status.st_gid) &&
+               IsSame(attributes.write, Krt::File::WriteTime(status)) &&
+               (!comparesAccess || IsSame(attributes.access, Krt::File::AccessTime(status))) &&
+               IsSame(attributes.extended, entry.GetExtendedAttributeMap());
+    } catch (const Krt::Exception::YError&) {
+        return false; // they can't be read
+    }
+}
 
 void Apply(const Attributes& attributes, const Krt::Util::YUnxHandle& handle, Refused& refused)
 {

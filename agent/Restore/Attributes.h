@@ -1,9 +1,10 @@
 // The attributes of a restored entry, set in the order that loses none: owner, extended attributes with the
-// access lists last, mode, times. A change of owner clears set-user-id bits and capabilities, so they are set
+// access lists last, times, mode. A change of owner clears set-user-id bits and capabilities, so they are set
 // after it. The bits are left out if the owner could not be set.
 #pragma once
 
 #include "Krt/File/YDirectory.h"
+#include "Krt/File/YEntry.h"
 
 #include <ctime>
 #include <vector>
@@ -27,5 +28,9 @@ void Apply(const Attributes& attributes, const Krt::Util::YUnxHandle& handle,
 /// Sets the attributes of the entry of that name, as above. The mode is not set if it is a symlink.
 void Apply(const Attributes& attributes, const Krt::File::YDirectory& parent, const Krt::YString& name,
            bool isLink, std::vector<Krt::YString>& refused);
+/// Returns true if the entry, which has this status, already has all of the attributes and no other extended
+/// ones. The access time counts only with `comparesAccess`.
+bool HasAttributes(const Krt::File::YEntry& entry, const struct stat& status, const Attributes& attributes,
+                   bool comparesAccess);
 
 } // namespace Agent

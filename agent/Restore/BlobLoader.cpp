@@ -1,9 +1,9 @@
 #include "agent/Restore/BlobLoader.h"
 
+#include "agent/Access/Workers.h"
+
 #include <algorithm>
 #include <atomic>
-#include <mutex>
-#include <thread>
 
 namespace Agent {
 
@@ -23,7 +23,7 @@ std::uint64_t EndOf(const PackedBlob& blob)
 
 } // namespace
 
-LoadedBlobs BlobLoader::Load(const std::vector<Id>& ids) const
+LoadedBlobs BlobLoader::Load(const std::vector<Id>& ids)
 {
     LoadedBlobs blobs;
     std::vector<Wanted> wanted;
@@ -31,7 +31,9 @@ LoadedBlobs BlobLoader::Load(const std::vector<Id>& ids) const
         const auto [blob, isNew] = blobs.try_emplace(id);
         if (!isNew)
             continue;
-        if (const auto place = m_repository.GetIndex().Find({BlobType::Data, id}))
+        if (const auto kept = m_kept.find(id); kept != m_kept.end())
+            blob->second.content = kept->second.content;
+        else if (const auto place = m_repository.GetIndex().Find({BlobType::Data, id}))
             wanted.push_back({*place, &blob->second});
         else
             LoadAlone({.place = {.blob = {.handle = {BlobType::Data, id}}}, .blob = &blob->second});
@@ -39,35 +41,49 @@ LoadedBlobs BlobLoader::Load(const std::vector<Id>& ids) const
     std::sort(wanted.begin(), wanted.end(), [](const Wanted& a, const Wanted& b) {
         return std::pair(a.place.pack, a.place.blob.offset) < std::pair(b.place.pack, b.place.blob.offset);
     });
-    const std::vector<Range> ranges = Join(wanted);
-
-    std::atomic<std::size_t> next{0};
-    std::mutex mutex;
-    std::exception_ptr failure;
-    const auto work = [&] {
-        try {
-            Repo::Bytes sealed;
-            for (std::size_t i = next++; i < ranges.size(); i = next++)
-                LoadRange(ranges[i], sealed);
-        } catch (...) {
-            next = ranges.size();
-            const std::lock_guard guard(mutex);
-            failure = std::current_exception();
-        }
-    };
-    {
-        std::vector<std::jthread> threads;
-        const std::size_t count = std::min<std::size_t>(m_threads, ranges.size());
-        for (std::size_t i = 1; i < count; ++i)
-            threads.emplace_back(work);
-        work();
-    }
-    if (failure)
-        std::rethrow_exception(failure);
+    LoadRanges(Join(wanted));
+    Keep(blobs);
     return blobs;
 }
 
-std::future<LoadedBlobs> BlobLoader::Start(std::vector<Id> ids) const
+void BlobLoader::LoadRanges(const std::vector<Range>& ranges) const
+{
+    std::atomic<std::size_t> next{0};
+    const unsigned int count = std::min<unsigned int>(m_threads, static_cast<unsigned int>(ranges.size()));
+    const auto work = [&](const std::function<bool()>& hasFailed) {
+        Repo::Bytes sealed;
+        for (std::size_t i = next++; i < ranges.size() && !hasFailed(); i = next++)
+            LoadRange(ranges[i], sealed);
+    };
+    if (count > 1)
+        RunOnThreads(count, work, [] {});
+    else
+        work([] { return false; });
+}
+
+void BlobLoader::Keep(const LoadedBlobs& blobs)
+{
+    for (const auto& [id, blob] : blobs) {
+        if (!blob.content)
+            continue;
+        const auto [kept, isNew] = m_kept.try_emplace(id);
+        if (isNew) {
+            m_order.push_front(id);
+            kept->second = {blob.content, m_order.begin()};
+            m_keptBytes += blob.content->size();
+        } else {
+            m_order.splice(m_order.begin(), m_order, kept->second.place);
+        }
+    }
+    while (m_keptBytes > m_keptLimit) {
+        const auto oldest = m_kept.find(m_order.back());
+        m_keptBytes -= oldest->second.content->size();
+        m_kept.erase(oldest);
+        m_order.pop_back();
+    }
+}
+
+std::future<LoadedBlobs> BlobLoader::Start(std::vector<Id> ids)
 {
     return std::async(std::launch::async, [this, wanted = std::move(ids)] { return Load(wanted); });
 }
@@ -105,9 +121,10 @@ void BlobLoader::LoadRange(Range range, Repo::Bytes& sealed) const
         const PackedBlob& blob = wanted.place.blob;
         try {
             if (isRead) {
-                m_repository.DecodeBlob(pack, blob,
-                                        std::span(sealed).subspan(blob.offset - begin, blob.length),
-                                        wanted.blob->content);
+                const auto content = std::make_shared<Repo::Bytes>();
+                m_repository.DecodeBlob(
+                    pack, blob, std::span(sealed).subspan(blob.offset - begin, blob.length), *content);
+                wanted.blob->content = content;
                 continue;
             }
         } catch (const Repo::RepositoryError&) {
@@ -120,7 +137,9 @@ void BlobLoader::LoadRange(Range range, Repo::Bytes& sealed) const
 void BlobLoader::LoadAlone(const Wanted& wanted) const
 {
     try {
-        m_repository.LoadBlob(wanted.place.blob.handle, wanted.blob->content);
+        const auto content = std::make_shared<Repo::Bytes>();
+        m_repository.LoadBlob(wanted.place.blob.handle, *content);
+        wanted.blob->content = content;
     } catch (const Repo::RepositoryError&) {
         wanted.blob->failure = std::current_exception();
     }

@@ -1,11 +1,14 @@
 // BlobLoader: loads the data blobs that a part of a restore needs. They are sorted by pack and offset, and
-// neighbouring ones are read at once; threads verify and decompress them.
+// neighbouring ones are read at once; threads verify and decompress them. Blobs that were used last are kept,
+// since parts of a restore that follow each other often have some in common.
 #pragma once
 
 #include "agent/Repository/Repository.h"
 
 #include <exception>
 #include <future>
+#include <list>
+#include <memory>
 #include <unordered_map>
 #include <vector>
 
@@ -14,8 +17,8 @@ namespace Agent {
 /// A blob, or why it can't be loaded.
 struct LoadedBlob
 {
-    Repo::Bytes content;
-    std::exception_ptr failure; ///< a RepositoryError
+    std::shared_ptr<const Repo::Bytes> content; ///< null after a failure
+    std::exception_ptr failure;                 ///< a RepositoryError
 };
 
 using LoadedBlobs = std::unordered_map<Repo::Id, LoadedBlob, Repo::IdHash>;
@@ -23,15 +26,16 @@ using LoadedBlobs = std::unordered_map<Repo::Id, LoadedBlob, Repo::IdHash>;
 class BlobLoader
 {
 public:
-    /// The repository outlives the loader. Its index is loaded.
-    BlobLoader(const Repo::Repository& repository, unsigned int threads)
-        : m_repository(repository), m_threads(threads)
+    /// The repository outlives the loader. Its index is loaded. Of the blobs that were loaded last,
+    /// `keptBytes` are kept.
+    BlobLoader(const Repo::Repository& repository, unsigned int threads, std::uint64_t keptBytes)
+        : m_repository(repository), m_threads(threads), m_keptLimit(keptBytes)
     {}
 
-    /// Loads each of the blobs once. Raises what is not a RepositoryError, such as an interrupt.
-    LoadedBlobs Load(const std::vector<Repo::Id>& ids) const;
-    /// Load on another thread. The loader outlives the result, whose destructor waits.
-    std::future<LoadedBlobs> Start(std::vector<Repo::Id> ids) const;
+    /// Loads each of the blobs once, on another thread. Getting the result raises what is not a
+    /// RepositoryError, such as an interrupt. The loader outlives the result, whose destructor waits. The
+    /// next call comes after the result was fetched.
+    std::future<LoadedBlobs> Start(std::vector<Repo::Id> ids);
 
 private:
     struct Wanted
@@ -41,12 +45,25 @@ private:
     };
     using Range = std::span<const Wanted>;
 
+    struct Kept
+    {
+        std::shared_ptr<const Repo::Bytes> content;
+        std::list<Repo::Id>::iterator place; // in m_order
+    };
+
+    LoadedBlobs Load(const std::vector<Repo::Id>& ids);
+    void LoadRanges(const std::vector<Range>& ranges) const;
+    void Keep(const LoadedBlobs& blobs);
     std::vector<Range> Join(std::span<const Wanted> wanted) const;
     void LoadRange(Range range, Repo::Bytes& sealed) const;
     void LoadAlone(const Wanted& wanted) const;
 
     const Repo::Repository& m_repository;
     unsigned int m_threads;
+    std::uint64_t m_keptLimit;
+    std::uint64_t m_keptBytes = 0;
+    std::list<Repo::Id> m_order; // the blob that was used last comes first
+    std::unordered_map<Repo::Id, Kept, Repo::IdHash> m_kept;
 };
 
 } // namespace Agent

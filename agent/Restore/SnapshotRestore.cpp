@@ -25,7 +25,7 @@ using Repo::NodeType;
 
 namespace {
 
-constexpr std::uint64_t BatchBytes = 32 << 20; // of blobs
+constexpr std::uint64_t BatchBytes = 16 << 20; // of blobs
 constexpr std::size_t BatchMemory = 8 << 20;   // of what describes the entries
 constexpr std::size_t ItemMemory = 1024;       // about
 constexpr std::chrono::milliseconds StatusInterval{1000};
@@ -121,6 +121,7 @@ struct SnapshotRestore::Item
     std::vector<Id> content;
     std::vector<bool> isStanding; // parts of the content that the file that exists has, too; or empty
     std::optional<LinkKey> link;
+    std::uint64_t links = 0; // names of the file
     Action action = Action::Restore;
     struct stat standing
     {};                         // of the file that exists
@@ -142,7 +143,7 @@ struct SnapshotRestore::Batch
 class SnapshotRestore::Content
 {
 public:
-    Content(const Repo::Repository& repository, const BlobLoader& loader, LoadedBlobs blobs)
+    Content(const Repo::Repository& repository, BlobLoader& loader, LoadedBlobs blobs)
         : m_repository(repository), m_loader(loader), m_blobs(std::move(blobs))
     {}
 
@@ -172,17 +173,18 @@ public:
         }
         if (found->second.failure)
             std::rethrow_exception(found->second.failure);
-        return found->second.content;
+        return *found->second.content;
     }
 
 private:
     void StartNext()
     {
         std::vector<Id> window;
+        std::unordered_set<Id, Repo::IdHash> known;
         for (std::uint64_t bytes = 0; m_nextEnd < m_ids->size() && bytes < BatchBytes; ++m_nextEnd) {
-            if (!m_isStanding->empty() && (*m_isStanding)[m_nextEnd])
-                continue;
             const Id& id = (*m_ids)[m_nextEnd];
+            if ((!m_isStanding->empty() && (*m_isStanding)[m_nextEnd]) || !known.insert(id).second)
+                continue;
             window.push_back(id);
             if (const auto place = m_repository.GetIndex().Find({BlobType::Data, id}))
                 bytes += place->blob.plainLength;
@@ -191,7 +193,7 @@ private:
     }
 
     const Repo::Repository& m_repository;
-    const BlobLoader& m_loader;
+    BlobLoader& m_loader;
     LoadedBlobs m_blobs;
     Repo::Bytes m_single;
     const std::vector<Id>* m_ids = nullptr;
@@ -210,7 +212,7 @@ SnapshotRestore::SnapshotRestore(const Repo::Repository& repository, std::option
                     Print("deleted", path, std::nullopt);
                 },
                 m_settings.isDryRun, report),
-      m_loader(repository, WorkerCount()), m_collected(std::make_unique<Batch>()),
+      m_loader(repository, WorkerCount(), BatchBytes), m_collected(std::make_unique<Batch>()),
       m_start(std::chrono::steady_clock::now()), m_shown(m_start)
 {
     if (m_settings.isDryRun)
@@ -334,10 +336,13 @@ std::unique_ptr<SnapshotRestore::Item> SnapshotRestore::ItemOf(const std::string
         item->recorded.attributes.write = TimeOf(node.mtime);
         item->recorded.attributes.access = TimeOf(node.atime);
     }
+    ChooseAttributes(item->recorded.attributes.extended);
     item->device = node.device;
     item->linkTarget = std::move(node.linkTarget);
-    if (node.links > 1 && node.inode != 0 && node.type != NodeType::Directory)
+    if (node.links > 1 && node.inode != 0 && node.type != NodeType::Directory) {
         item->link = LinkKey(node.deviceId, node.inode);
+        item->links = node.links;
+    }
     if (node.type == NodeType::File)
         PlanFile(*item, node);
     else if (node.type != NodeType::Directory)
@@ -353,6 +358,15 @@ void SnapshotRestore::NoteWindows(const Node& node)
         if (m_noted.size() < 64 && m_noted.insert(attribute.key).second)
             m_report.Note(Text("Attributes of this kind are not restored: " + attribute.key));
     }
+}
+
+void SnapshotRestore::ChooseAttributes(Krt::File::ExtendedAttributeMap& attributes) const
+{
+    std::erase_if(attributes, [this](const auto& attribute) {
+        const std::string path = "/" + attribute.first.Bytes();
+        return (!m_settings.attributes.IsEmpty() && !m_settings.attributes.Match(path).matches) ||
+               m_settings.excludedAttributes.Match(path).matches;
+    });
 }
 
 void SnapshotRestore::PlanFile(Item& item, Node& node)
@@ -375,7 +389,8 @@ void SnapshotRestore::PlanFile(Item& item, Node& node)
                                     << static_cast<unsigned long long>(node.size) << ", but its blobs have "
                                     << static_cast<unsigned long long>(size) << " bytes");
         PlanStanding(item);
-        if (isComplete && item.action == Item::Action::Update && S_ISREG(item.standing.st_mode))
+        const bool isLater = item.link && m_planned.contains(*item.link); // becomes a hard link
+        if (isComplete && !isLater && item.action == Item::Action::Update && S_ISREG(item.standing.st_mode))
             CompareContent(item, *StandingParent(item.location));
     } catch (const Repo::RepositoryError&) {
         item.failure = std::current_exception();
@@ -494,7 +509,7 @@ void SnapshotRestore::Add(std::unique_ptr<Item> item)
     std::uint64_t bytes = 0;
     std::vector<Id> ids;
     const bool isLoaded = item->action == Item::Action::Restore || item->action == Item::Action::Update;
-    const bool isFirst = !item->link || m_planned.insert(*item->link).second;
+    const bool isFirst = !item->link || m_planned.try_emplace(*item->link, 0).second;
     for (std::size_t i = 0; isLoaded && isFirst && !item->failure && i < item->content.size(); ++i) {
         if (!item->isStanding.empty() && item->isStanding[i])
             continue;
@@ -555,10 +570,10 @@ void SnapshotRestore::Write(Item& item, Content& content)
         if (item.failure)
             std::rethrow_exception(item.failure);
         if (item.action == Item::Action::Skip) {
-            m_unverified.insert(item.path);
+            NoteUnverified(item.path);
         } else if (item.recorded.type == S_IFDIR) {
             WriteDirectory(item);
-        } else if (m_maker && !(item.action == Item::Action::KeepUnchanged && KeepUnchanged(item))) {
+        } else if (m_maker && !KeepUnchanged(item)) {
             if (item.action == Item::Action::KeepUnchanged && item.isStanding.empty())
                 CompareContent(item, m_maker->GetTree().ParentOf(item.location));
             item.action = item.action == Item::Action::Restore ? item.action : Item::Action::Update;
@@ -570,7 +585,7 @@ void SnapshotRestore::Write(Item& item, Content& content)
             Done(item);
     } catch (const Krt::Exception::YError& error) {
         if (item.recorded.type == S_IFREG)
-            m_unverified.insert(item.path);
+            NoteUnverified(item.path);
         if (m_maker)
             m_maker->Failed(path, error);
         else
@@ -614,21 +629,86 @@ void SnapshotRestore::CleanDirectory(const TargetLocation& location, const std::
     m_cleaner.Clean(*directory, path, kept);
 }
 
-// Gives the file that exists its attributes. Returns false if it is no longer the one that was compared, or
-// if it has another name, which may be outside of the target.
-bool SnapshotRestore::KeepUnchanged(const Item& item)
+// Returns false if the entry has to be created. What exists is kept if it is equal, or a file whose
+// attributes alone differ. That does not apply to a file with another name, which may be outside of the
+// target, nor to one with further extended attributes.
+bool SnapshotRestore::KeepUnchanged(Item& item)
 {
+    if (item.action != Item::Action::KeepUnchanged && item.action != Item::Action::Update)
+        return false;
     const YDirectory& parent = m_maker->GetTree().ParentOf(item.location);
-    const Krt::Util::YUnxHandle file = parent.OpenFile(item.location.back());
+    const YString& name = item.location.back();
+    struct stat now
+    {};
+    if (!parent.StatIfPresent(name, now) || FileId(now) != FileId(item.standing) ||
+        (now.st_mode & S_IFMT) != item.recorded.type)
+        return false;
+    if (const auto first = item.link ? m_linked.find(*item.link) : m_linked.end(); first != m_linked.end()) {
+        if (FileId(now) != first->second.file)
+            return false;
+        if (S_ISREG(now.st_mode))
+            item.action = Item::Action::KeepUnchanged;
+        CountLink(item);
+        return true;
+    }
+    const Attributes& attributes = item.recorded.attributes;
+    if (!S_ISREG(now.st_mode)) {
+        const bool isSameThing = S_ISLNK(now.st_mode) ? parent.ReadSymbolicLink(name) == Text(item.linkTarget)
+                                                      : S_ISFIFO(now.st_mode) || now.st_rdev == item.device;
+        if (!isSameThing || !HasAttributes(Krt::File::YEntry(parent, name), now, attributes, false))
+            return false;
+    } else if (item.action != Item::Action::KeepUnchanged || !KeepFile(item, parent.OpenFile(name))) {
+        return false;
+    }
+    if (item.link)
+        NoteLink(item, FileId(now));
+    return true;
+}
+
+// Gives the file its attributes, unless it is no longer the one that was compared.
+bool SnapshotRestore::KeepFile(const Item& item, const Krt::Util::YUnxHandle& file)
+{
     const struct stat now = Krt::File::Stat(file);
-    if (FileId(now) != FileId(item.standing) || now.st_nlink != 1 || !S_ISREG(now.st_mode) ||
+    if (FileId(now) != FileId(item.standing) || !S_ISREG(now.st_mode) ||
         now.st_size != item.standing.st_size ||
         !IsSame(Krt::File::ChangeTime(now), Krt::File::ChangeTime(item.standing)))
         return false;
-    Apply(item.recorded.attributes, file, m_maker->GetRefused());
-    if (item.link)
-        m_linked.insert_or_assign(*item.link, LinkedFile{item.location, FileId(now)});
+    const Krt::File::YEntry entry(file);
+    const Attributes& attributes = item.recorded.attributes;
+    if (HasAttributes(entry, now, attributes, now.st_nlink == 1))
+        return true;
+    const std::list<YString> names = entry.ListExtendedAttributes();
+    const bool hasMore = std::any_of(names.begin(), names.end(), [&](const YString& each) {
+        return !attributes.extended.contains(each) && !each.Bytes().starts_with("system.") &&
+               each != YString("security.selinux");
+    });
+    if (now.st_nlink != 1 || hasMore)
+        return false;
+    Apply(attributes, file, m_maker->GetRefused());
     return true;
+}
+
+// The first name of a file with several links exists. It is forgotten after the last one.
+void SnapshotRestore::NoteLink(const Item& item, const FileId& file)
+{
+    if (item.links > 1)
+        m_linked.insert_or_assign(*item.link, LinkedFile{item.location, file});
+    CountLink(item);
+}
+
+void SnapshotRestore::CountLink(const Item& item)
+{
+    const auto planned = m_planned.find(*item.link);
+    if (planned == m_planned.end() || ++planned->second < item.links)
+        return;
+    m_planned.erase(planned);
+    m_linked.erase(*item.link);
+}
+
+void SnapshotRestore::NoteUnverified(const std::string& path)
+{
+    if (m_settings.verifies)
+        m_unverified.insert(path);
 }
 
 void SnapshotRestore::WriteOther(Item& item, Content& content)
@@ -669,8 +749,11 @@ void SnapshotRestore::WriteOther(Item& item, Content& content)
                                 "The blobs of the file have another size than the file");
         writer.Finish();
     };
-    if (const std::optional<FileId> made = m_maker->Make(entry); made && item.link)
-        m_linked.insert_or_assign(*item.link, LinkedFile{item.location, *made});
+    const std::optional<FileId> made = m_maker->Make(entry);
+    if (item.link && made)
+        NoteLink(item, *made);
+    else if (item.link)
+        CountLink(item);
 }
 
 void SnapshotRestore::Done(const Item& item)

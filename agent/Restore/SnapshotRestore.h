@@ -46,6 +46,8 @@ struct RestoreSettings
     bool isQuiet = false;
     Patterns includes;
     Patterns excludes;
+    Patterns attributes;            ///< names of the extended attributes that are restored; all if empty
+    Patterns excludedAttributes;    ///< names of those that are not
     std::vector<std::string> paths; ///< of entries to be restored, with all below them; all if empty
 };
 
@@ -60,8 +62,8 @@ public:
     SnapshotRestore(const SnapshotRestore&) = delete;
     SnapshotRestore& operator=(const SnapshotRestore&) = delete;
 
-    /// Restores what is below the tree into the target. Returns once it is durable. Raises TargetFull, and
-    /// InvalidState if the user interrupts; entries that were restored before stay.
+    /// Restores what is below the tree into the target. Returns once it is durable. Raises TargetFull and
+    /// LockLost, and InvalidState if the user interrupts; entries that were restored before stay.
     void Run(const Repo::Id& tree);
     /// Prints what was done.
     void PrintSummary();
@@ -82,6 +84,7 @@ private:
     bool IsFirstOfName(const std::string& path, const Repo::Node& node);
     std::unique_ptr<Item> ItemOf(const std::string& path, Repo::Node& node);
     void NoteWindows(const Repo::Node& node);
+    void ChooseAttributes(Krt::File::ExtendedAttributeMap& attributes) const;
     void PlanFile(Item& item, Repo::Node& node);
     void PlanStanding(Item& item);
     void CompareContent(Item& item, const Krt::File::YDirectory& parent);
@@ -95,7 +98,11 @@ private:
     void Write(Item& item, Content& content);
     void WriteDirectory(Item& item);
     void WriteOther(Item& item, Content& content);
-    bool KeepUnchanged(const Item& item);
+    bool KeepUnchanged(Item& item);
+    bool KeepFile(const Item& item, const Krt::Util::YUnxHandle& file);
+    void NoteLink(const Item& item, const Krt::File::FileId& file);
+    void CountLink(const Item& item);
+    void NoteUnverified(const std::string& path);
     void CleanDirectory(const TargetLocation& location, const std::string& path,
                         const std::unordered_set<std::string>& kept);
     void Done(const Item& item);
@@ -121,8 +128,8 @@ private:
     std::optional<Krt::File::YDirectory> m_standing;
     bool m_knowsStanding = false;
 
-    std::set<LinkKey> m_planned; // files with several links whose content was planned
-    std::map<LinkKey, LinkedFile> m_linked;
+    std::map<LinkKey, std::uint64_t> m_planned;   // names that exist of files whose content was planned
+    std::map<LinkKey, LinkedFile> m_linked;       // files of which names are still to come
     std::unordered_set<std::string> m_unverified; // paths of files that were kept or failed
     std::set<std::string> m_noted;
     Totals m_totals;
