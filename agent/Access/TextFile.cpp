@@ -67,13 +67,13 @@ Secret TextOf(Bytes& bytes, const std::string& name)
     return secret;
 }
 
-Secret ReadTextFile(const std::string& path)
+Secret ReadTextFile(const std::string& path, std::size_t limit)
 {
     const Krt::Util::YUnxHandle file =
         KRT_OS_VALUE(Krt::Util::OwnAboveStandardStreams(
                          Krt::Util::CallSystem([&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC); })),
                      "Failed to open file: " << path.c_str());
-    Bytes bytes(TextLimit + 1);
+    Bytes bytes(limit + 1);
     std::size_t size = 0;
     while (size < bytes.size()) {
         const auto count = KRT_SYSCALL(read(file.Get(), bytes.data() + size, bytes.size() - size),
@@ -82,8 +82,9 @@ Secret ReadTextFile(const std::string& path)
             break;
         size += static_cast<std::size_t>(count);
     }
-    KRT_RAISE_UNLESS(size <= TextLimit, Krt::ErrorCode::InvalidArgument,
-                     "The file is too long for a password or a location: " << path.c_str());
+    KRT_RAISE_UNLESS(size <= limit, Krt::ErrorCode::InvalidArgument,
+                     "The file has more than " << static_cast<unsigned long>(limit)
+                                               << " bytes: " << path.c_str());
     bytes.resize(size);
     return TextOf(bytes, path);
 }

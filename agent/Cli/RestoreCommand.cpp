@@ -19,6 +19,27 @@ namespace Agent {
 
 namespace {
 
+// Patterns of the command line, and files that have patterns.
+struct PatternArguments
+{
+    Patterns Get() const
+    {
+        Patterns all;
+        for (const std::string& text : patterns)
+            all.Add(text, false);
+        for (const std::string& text : patternsOfAnyCase)
+            all.Add(text, true);
+        for (const std::string& file : files)
+            all.AddFile(file, false);
+        for (const std::string& file : filesOfAnyCase)
+            all.AddFile(file, true);
+        return all;
+    }
+
+    std::vector<std::string> patterns, patternsOfAnyCase;
+    std::vector<std::string> files, filesOfAnyCase;
+};
+
 class RestoreCommand : public ICommand
 {
 public:
@@ -43,8 +64,9 @@ private:
     bool m_deletes = false;
     bool m_isDryRun = false;
     bool m_verifies = false;
-    std::vector<std::string> m_includes, m_includesOfAnyCase;
-    std::vector<std::string> m_excludes, m_excludesOfAnyCase;
+    bool m_isSparse = false; // has no effect
+    PatternArguments m_includes, m_excludes;
+    std::vector<std::string> m_attributes, m_excludedAttributes;
 };
 
 CLI::App* RestoreCommand::Register(CLI::App& program)
@@ -87,14 +109,22 @@ void RestoreCommand::AddRepositoryOptions(CLI::App& command)
         .add_option("-t,--target", m_target,
                     "Restore into this directory, which is created if it does not exist")
         ->type_name("TARGET");
-    const auto addPatterns = [&command](const char* name, std::vector<std::string>& patterns,
-                                        const char* description) {
-        command.add_option(name, patterns, description)->type_name("PATTERN")->allow_extra_args(false);
+    const auto addList = [&command](const char* name, std::vector<std::string>& list, const char* type,
+                                    const char* description) {
+        command.add_option(name, list, description)->type_name(type)->allow_extra_args(false);
     };
-    addPatterns("-i,--include", m_includes, "Restore only entries that match a pattern");
-    addPatterns("--iinclude", m_includesOfAnyCase, "The same, in any case of letters");
-    addPatterns("-e,--exclude", m_excludes, "Do not restore entries that match a pattern");
-    addPatterns("--iexclude", m_excludesOfAnyCase, "The same, in any case of letters");
+    addList("-i,--include", m_includes.patterns, "PATTERN", "Restore only entries that match a pattern");
+    addList("--iinclude", m_includes.patternsOfAnyCase, "PATTERN", "The same, in any case of letters");
+    addList("--include-file", m_includes.files, "FILE", "As --include, for each line of a file");
+    addList("--iinclude-file", m_includes.filesOfAnyCase, "FILE", "As --iinclude, for each line of a file");
+    addList("-e,--exclude", m_excludes.patterns, "PATTERN", "Do not restore entries that match a pattern");
+    addList("--iexclude", m_excludes.patternsOfAnyCase, "PATTERN", "The same, in any case of letters");
+    addList("--exclude-file", m_excludes.files, "FILE", "As --exclude, for each line of a file");
+    addList("--iexclude-file", m_excludes.filesOfAnyCase, "FILE", "As --iexclude, for each line of a file");
+    addList("--include-xattr", m_attributes, "PATTERN", "Restore only extended attributes of these names");
+    addList("--exclude-xattr", m_excludedAttributes, "PATTERN",
+            "Do not restore extended attributes of these names");
+    command.add_flag("--sparse", m_isSparse, "Has no effect: runs of zeros always become holes");
     command
         .add_option(
             "--overwrite", m_overwrite,
@@ -131,16 +161,18 @@ RestoreSettings RestoreCommand::SettingsOf() const
     settings.isVerbose = options.isVerbose;
     settings.isJson = options.isJson;
     settings.isQuiet = options.isQuiet;
-    const auto add = [](const std::vector<std::string>& texts, bool ignoresCase, Patterns& patterns) {
-        for (const std::string& text : texts)
-            patterns.Add(text, ignoresCase);
-    };
-    add(m_includes, false, settings.includes);
-    add(m_includesOfAnyCase, true, settings.includes);
-    add(m_excludes, false, settings.excludes);
-    add(m_excludesOfAnyCase, true, settings.excludes);
+    settings.includes = m_includes.Get();
+    settings.excludes = m_excludes.Get();
+    if (!m_includes.files.empty() || !m_includes.filesOfAnyCase.empty()) {
+        if (settings.includes.IsEmpty())
+            throw UsageError("The files of --include-file and --iinclude-file have no patterns");
+    }
     if (!settings.includes.IsEmpty() && !settings.excludes.IsEmpty())
         throw UsageError("Patterns either include or exclude; both can't be given");
+    settings.attributes = PatternArguments{m_attributes, {}, {}, {}}.Get();
+    settings.excludedAttributes = PatternArguments{m_excludedAttributes, {}, {}, {}}.Get();
+    if (!m_attributes.empty() && !m_excludedAttributes.empty())
+        throw UsageError("--include-xattr and --exclude-xattr can't be given together");
     if (m_deletes && settings.includes.IsEmpty() && settings.excludes.IsEmpty() &&
         std::filesystem::weakly_canonical(m_target) == "/")
         throw UsageError("--delete with the target / needs --include or --exclude");

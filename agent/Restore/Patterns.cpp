@@ -1,10 +1,12 @@
 #include "agent/Restore/Patterns.h"
 
+#include "agent/Access/TextFile.h"
 #include "agent/Repository/Utf8.h"
 
 #include "Krt/Exception/Raise.h"
 
 #include <clocale>
+#include <cstdlib>
 #include <cwctype>
 #include <span>
 
@@ -201,7 +203,52 @@ bool MayMatchBelow(std::span<const std::string> pattern, bool isFromRoot, std::s
     return true;
 }
 
+// Replaces variables of the environment. A dollar sign that no name follows stays.
+std::string WithVariables(std::string_view text)
+{
+    constexpr std::string_view NameBytes = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
+    std::string out;
+    while (!text.empty()) {
+        const std::size_t dollar = std::min(text.find('$'), text.size());
+        out += text.substr(0, dollar);
+        text.remove_prefix(dollar);
+        if (text.empty())
+            break;
+        text.remove_prefix(1);
+        const bool hasBraces = text.starts_with('{') && text.find('}') != std::string_view::npos;
+        const std::size_t begin = hasBraces ? 1 : 0;
+        const std::size_t end =
+            hasBraces ? text.find('}') : std::min(text.find_first_not_of(NameBytes), text.size());
+        const std::string name(text.substr(begin, end - begin));
+        if (text.starts_with('$'))
+            text.remove_prefix(1);
+        if (name.empty())
+            out += '$';
+        else if (const char* const value = std::getenv(name.c_str()))
+            out += value;
+        text.remove_prefix(name.empty() ? 0 : end + begin);
+    }
+    return out;
+}
+
 } // namespace
+
+void Patterns::AddFile(const std::string& path, bool ignoresCase)
+{
+    constexpr std::string_view White = " \t\r\v\f";
+    constexpr std::size_t Limit = 16 << 20;
+    const Repo::Secret file = ReadTextFile(path, Limit);
+    std::string_view rest = Repo::AsText(file.View());
+    while (!rest.empty()) {
+        const std::size_t end = std::min(rest.find('\n'), rest.size());
+        std::string_view line = rest.substr(0, end);
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+        line.remove_prefix(std::min(line.find_first_not_of(White), line.size()));
+        line = line.substr(0, line.find_last_not_of(White) + 1);
+        if (!line.empty() && !line.starts_with('#'))
+            Add(WithVariables(line), ignoresCase);
+    }
+}
 
 void Patterns::Add(const std::string& pattern, bool ignoresCase)
 {

@@ -24,6 +24,10 @@ public:
 
     /// Adds a pattern. Raises InvalidArgument for an empty one and for a set that is not closed.
     void Add(const std::string& pattern, bool ignoresCase);
+    /// Adds the patterns of a file, one on each line. White space around a line, empty lines and lines that
+    /// begin with "#" are ignored. $NAME and ${NAME} stand for a variable of the environment, $$ for a
+    /// dollar sign. Raises what Add and ReadTextFile raise.
+    void AddFile(const std::string& path, bool ignoresCase);
     bool IsEmpty() const { return m_exact.empty() && m_anyCase.empty(); }
     /// For a path that begins with "/".
     Result Match(const std::string& path) const;

@@ -1,9 +1,11 @@
 // Restores from repositories: of what restic 0.14 has backed up, compared with the original and with restic's
 // own restore; onto existing files; and from damaged and hostile repositories.
+#include "agent/Access/WatchedBackend.h"
 #include "agent/Repository/LocalBackend.h"
 #include "agent/Repository/Pack.h"
 #include "agent/Repository/Repository.h"
 #include "agent/Repository/Sealing.h"
+#include "agent/Restore/SnapshotRestore.h"
 
 #include "testing/AccessList.h"
 #include "testing/AwkwardNames.h"
@@ -242,6 +244,64 @@ TEST_F(RepositoryRestore, ExistingFilesAreTreatedAsAsked)
     EXPECT_EQ(StatusOf("file").st_mode & 07777, 0644u);
 }
 
+TEST_F(RepositoryRestore, EqualEntriesStayUntouched)
+{
+    MakeTree(source, {Dir("d"), File("d/a", "content"), Hard("d/b", "d/a"), Hard("c", "d/a"),
+                      File("x", "more"), Link("link", "x"), Fifo("fifo")});
+    setxattr((source + "/x").c_str(), "user.note", "1", 1, 0);
+    GiveAccessList(source + "/x", "access");
+    BackUp();
+    Restored(0);
+    const auto changes = [this] {
+        std::map<std::string, long long> times;
+        for (const std::string& path : PathsIn(target)) {
+            const timespec& time = StatusOf(path.substr(1)).st_ctim;
+            if (!fs::is_directory(target + path) || fs::is_symlink(target + path))
+                times[path] = time.tv_sec * 1000000000LL + time.tv_nsec;
+        }
+        return times;
+    };
+    const auto before = changes();
+    Restored(0, {"--overwrite", "if-changed"});
+    EXPECT_EQ(changes(), before);
+    // What has too much, or has become a file of its own, does not stay.
+    setxattr((target + "/x").c_str(), "user.more", "2", 1, 0);
+    fs::remove(target + "/d/b");
+    fs::copy_file(source + "/d/b", target + "/d/b");
+    Restored(0);
+    EXPECT_EQ(Described(target), Described(source));
+}
+
+TEST_F(RepositoryRestore, LostLockEndsRunWithoutFailures)
+{
+    struct Losing : Agent::WatchedBackend
+    {
+        using WatchedBackend::WatchedBackend;
+        void Load(const Repo::FileName& file, std::uint64_t offset, std::uint64_t length,
+                  Repo::Bytes& out) override
+        {
+            WatchedBackend::Load(file, offset, length, out);
+            if (++loaded == 2) // the root's tree, for what --delete keeps and for the walk
+                ReportLostLock();
+        }
+        int loaded = 0;
+    };
+    SaveTrees({[](auto&) { return TreeText(FileText("file")); },
+               [](auto& id) {
+                   return TreeText(DirectoryText("dir", id));
+               }});
+    auto opened = Repo::Repository::Open(
+        std::make_shared<Losing>(std::make_shared<Repo::LocalBackend>(repository.c_str())),
+        Repo::Secret(Repo::AsBytes("secret")));
+    opened.LoadIndex();
+    Agent::RestoreSettings settings;
+    settings.deletes = true;
+    Agent::Report report;
+    Agent::SnapshotRestore run(opened, Krt::File::YDirectory::Open(target.c_str()), settings, report);
+    EXPECT_THROW(run.Run(opened.FindSnapshot("latest").snapshot.tree), Agent::LockLost);
+    EXPECT_EQ(report.GetFailed(), 0u);
+}
+
 TEST_F(RepositoryRestore, PatternsChooseWhatResticChooses)
 {
     MakeTree(source,
@@ -277,6 +337,12 @@ TEST_F(RepositoryRestore, PatternsChooseWhatResticChooses)
         Restored(0, options);
         EXPECT_EQ(PathsIn(target), PathsIn(theirs)) << quoted;
     }
+    std::ofstream(directory / "patterns") << "# x.txt\n\n  $NOTHING[^${NOTHING}a]*\t\r\n!foo\n";
+    ClearTarget();
+    Restored(0, {"--exclude-file", directory / "patterns"});
+    EXPECT_EQ(PathsIn(target), (std::set<std::string>{"/a", "/a/foo", "/a/foo/bar", "/foo", "/foo/bar"}));
+    std::ofstream(directory / "patterns") << "# nothing";
+    Restored(2, {"--include-file", directory / "patterns"});
     ClearTarget();
     Restored(0, {"/a/foo", "/a/\\xff", "/a/b/x.c"});
     EXPECT_EQ(PathsIn(target),
