@@ -49,13 +49,13 @@ EntryMaker::EntryMaker(YDirectory target, Report& report)
 std::optional<FileId> EntryMaker::Make(const NewEntry& entry)
 {
     const YDirectory& parent = m_tree.ParentOf(entry.location);
-    struct stat standing
+    struct stat existing
     {};
-    if (parent.StatIfPresent(entry.location.back(), standing)) {
-        KRT_RAISE_UNLESS(!S_ISDIR(standing.st_mode), ErrorCode::InvalidState,
-                         "A directory stands in its place");
-        if (entry.checkStanding)
-            entry.checkStanding(standing);
+    if (parent.StatIfPresent(entry.location.back(), existing)) {
+        KRT_RAISE_UNLESS(!S_ISDIR(existing.st_mode), ErrorCode::InvalidState,
+                         "There is a directory at its path");
+        if (entry.checkExisting)
+            entry.checkExisting(existing);
     }
     const YDirectory* workplace = &parent;
     bool isMoved = false;

@@ -39,7 +39,7 @@ struct NewEntry
     /// Writes the content of a file, whose handle is open for writing, at offset 0.
     std::function<void(const Krt::Util::YUnxHandle& file)> writeContent{};
     /// Raises if the entry must not take the place of what exists there. Not called if nothing does.
-    std::function<void(const struct stat& standing)> checkStanding{};
+    std::function<void(const struct stat& existing)> checkExisting{};
 };
 
 class EntryMaker

@@ -110,8 +110,8 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
     made.writeContent = [&](const Krt::Util::YUnxHandle& file) {
         WriteContent(entry, recorded, file);
     };
-    made.checkStanding = [&](const struct stat& standing) {
-        CheckStanding(standing, otherVolume);
+    made.checkExisting = [&](const struct stat& existing) {
+        CheckExisting(existing, otherVolume);
     };
     const std::optional<FileId> file = m_maker.Make(made);
     if (file && (entry.hardLinkGroup != 0 || m_hasSeveralPaths))
@@ -119,9 +119,9 @@ void RestoreRun::Make(const SnapshotEntry& entry, const RecordedEntry& recorded,
 }
 
 // Raises if the current entry must not replace the existing one.
-void RestoreRun::CheckStanding(const struct stat& standing, const YString& otherVolume) const
+void RestoreRun::CheckExisting(const struct stat& existing, const YString& otherVolume) const
 {
-    const bool isOwn = m_first && m_first->file == FileId(standing);
+    const bool isOwn = m_first && m_first->file == FileId(existing);
     KRT_RAISE_UNLESS(otherVolume.IsEmpty() || isOwn, ErrorCode::InvalidState,
                      "Not restored: the existing entry may be from the volume "
                          << otherVolume << ", which is restored into the same directory");

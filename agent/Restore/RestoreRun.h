@@ -36,7 +36,7 @@ private:
     bool IsWanted(const Krt::File::YPath& path);
     void Make(const SnapshotEntry& entry, const RecordedEntry& recorded, const TargetLocation& location,
               const Krt::YString& otherVolume);
-    void CheckStanding(const struct stat& standing, const Krt::YString& otherVolume) const;
+    void CheckExisting(const struct stat& existing, const Krt::YString& otherVolume) const;
     const LinkedFile* FirstNameOf(const SnapshotEntry& entry) const;
     void WriteContent(const SnapshotEntry& entry, const RecordedEntry& recorded,
                       const Krt::Util::YUnxHandle& file);

@@ -119,11 +119,11 @@ struct SnapshotRestore::Item
     std::string linkTarget;
     unsigned long long device = 0;
     std::vector<Id> content;
-    std::vector<bool> isStanding; // parts of the content that the file that exists has, too; or empty
+    std::vector<bool> isUpToDate; // parts of the content that the file that exists has, too; or empty
     std::optional<LinkKey> link;
     std::uint64_t links = 0; // names of the file
     Action action = Action::Restore;
-    struct stat standing
+    struct stat existing
     {};                         // of the file that exists
     std::exception_ptr failure; // why the entry can't be restored
     bool isWay = false;         // a directory that is restored only for what is below it
@@ -148,10 +148,10 @@ public:
     {}
 
     // From now on the blobs come in windows.
-    void Begin(const std::vector<Id>& ids, const std::vector<bool>& isStanding)
+    void Begin(const std::vector<Id>& ids, const std::vector<bool>& isUpToDate)
     {
         m_ids = &ids;
-        m_isStanding = &isStanding;
+        m_isUpToDate = &isUpToDate;
         m_windowEnd = 0;
         m_nextEnd = 0;
         StartNext();
@@ -183,7 +183,7 @@ private:
         std::unordered_set<Id, Repo::IdHash> known;
         for (std::uint64_t bytes = 0; m_nextEnd < m_ids->size() && bytes < BatchBytes; ++m_nextEnd) {
             const Id& id = (*m_ids)[m_nextEnd];
-            if ((!m_isStanding->empty() && (*m_isStanding)[m_nextEnd]) || !known.insert(id).second)
+            if ((!m_isUpToDate->empty() && (*m_isUpToDate)[m_nextEnd]) || !known.insert(id).second)
                 continue;
             window.push_back(id);
             if (const auto place = m_repository.GetIndex().Find({BlobType::Data, id}))
@@ -197,7 +197,7 @@ private:
     LoadedBlobs m_blobs;
     Repo::Bytes m_single;
     const std::vector<Id>* m_ids = nullptr;
-    const std::vector<bool>* m_isStanding = nullptr;
+    const std::vector<bool>* m_isUpToDate = nullptr;
     std::size_t m_windowEnd = 0; // of m_blobs
     std::size_t m_nextEnd = 0;   // of m_next
     std::future<LoadedBlobs> m_next;
@@ -346,7 +346,7 @@ std::unique_ptr<SnapshotRestore::Item> SnapshotRestore::ItemOf(const std::string
     if (node.type == NodeType::File)
         PlanFile(*item, node);
     else if (node.type != NodeType::Directory)
-        PlanStanding(*item);
+        PlanExisting(*item);
     else if (m_settings.deletes && node.subtree)
         item->names = NamesOfTree(*node.subtree);
     return item;
@@ -388,34 +388,34 @@ void SnapshotRestore::PlanFile(Item& item, Node& node)
                                 "The size of the file is "
                                     << static_cast<unsigned long long>(node.size) << ", but its blobs have "
                                     << static_cast<unsigned long long>(size) << " bytes");
-        PlanStanding(item);
+        PlanExisting(item);
         const bool isLater = item.link && m_planned.contains(*item.link); // becomes a hard link
-        if (isComplete && !isLater && item.action == Item::Action::Update && S_ISREG(item.standing.st_mode))
-            CompareContent(item, *StandingParent(item.location));
+        if (isComplete && !isLater && item.action == Item::Action::Update && S_ISREG(item.existing.st_mode))
+            CompareContent(item, *ExistingParent(item.location));
     } catch (const Repo::RepositoryError&) {
         item.failure = std::current_exception();
     }
 }
 
-void SnapshotRestore::PlanStanding(Item& item)
+void SnapshotRestore::PlanExisting(Item& item)
 {
-    const YDirectory* const parent = StandingParent(item.location);
+    const YDirectory* const parent = ExistingParent(item.location);
     try {
-        if (parent == nullptr || !parent->StatIfPresent(item.location.back(), item.standing))
+        if (parent == nullptr || !parent->StatIfPresent(item.location.back(), item.existing))
             return;
     } catch (const Krt::Exception::YError&) {
         return; // the same call fails when the entry is created
     }
     const timespec& written = item.recorded.attributes.write;
-    const timespec& standing = Krt::File::WriteTime(item.standing);
-    if (S_ISDIR(item.standing.st_mode))
+    const timespec& existing = Krt::File::WriteTime(item.existing);
+    if (S_ISDIR(item.existing.st_mode))
         return;
     const bool isKept = m_settings.overwrite == Overwrite::Never ||
-                        (m_settings.overwrite == Overwrite::IfNewer && !IsEarlier(standing, written));
+                        (m_settings.overwrite == Overwrite::IfNewer && !IsEarlier(existing, written));
     item.action = isKept ? Item::Action::Skip : Item::Action::Update;
     if (item.action == Item::Action::Update && m_settings.overwrite == Overwrite::IfChanged &&
-        S_ISREG(item.standing.st_mode) && item.recorded.type == S_IFREG &&
-        static_cast<std::uint64_t>(item.standing.st_size) == item.recorded.size && IsSame(standing, written))
+        S_ISREG(item.existing.st_mode) && item.recorded.type == S_IFREG &&
+        static_cast<std::uint64_t>(item.existing.st_size) == item.recorded.size && IsSame(existing, written))
         item.action = Item::Action::KeepUnchanged;
 }
 
@@ -425,7 +425,7 @@ void SnapshotRestore::CompareContent(Item& item, const YDirectory& parent)
     try {
         const Krt::Util::YUnxHandle file = parent.OpenFile(item.location.back());
         const struct stat status = Krt::File::Stat(file);
-        if (FileId(status) != FileId(item.standing) || !S_ISREG(status.st_mode))
+        if (FileId(status) != FileId(item.existing) || !S_ISREG(status.st_mode))
             return;
         Repo::Bytes buffer;
         std::uint64_t offset = 0;
@@ -433,24 +433,24 @@ void SnapshotRestore::CompareContent(Item& item, const YDirectory& parent)
             RaiseIfInterrupted();
             const auto place = m_repository.GetIndex().Find({BlobType::Data, id});
             if (!place) {
-                item.isStanding.clear();
+                item.isUpToDate.clear();
                 return;
             }
             const std::uint64_t length = place->blob.plainLength;
             const bool fits = offset + length <= static_cast<std::uint64_t>(status.st_size);
             if (fits)
                 buffer.resize(length);
-            item.isStanding.push_back(fits &&
+            item.isUpToDate.push_back(fits &&
                                       Krt::File::Read(file, offset, length, buffer.data()) == length &&
                                       Id::Of(buffer) == id);
             offset += length;
         }
         if (offset == static_cast<std::uint64_t>(status.st_size) &&
-            std::find(item.isStanding.begin(), item.isStanding.end(), false) == item.isStanding.end())
+            std::find(item.isUpToDate.begin(), item.isUpToDate.end(), false) == item.isUpToDate.end())
             item.action = Item::Action::KeepUnchanged;
     } catch (const Krt::Exception::YError&) {
         RaiseIfInterrupted();
-        item.isStanding.clear(); // it can't be read, so all is loaded
+        item.isUpToDate.clear(); // it can't be read, so all is loaded
     }
 }
 
@@ -462,24 +462,24 @@ const YDirectory* SnapshotRestore::Root() const
 }
 
 // The directory of the location, if it exists.
-const YDirectory* SnapshotRestore::StandingParent(const TargetLocation& location)
+const YDirectory* SnapshotRestore::ExistingParent(const TargetLocation& location)
 {
     const YDirectory* const root = Root();
     if (root == nullptr || location.size() == 1)
         return root;
     const auto way = std::span(location).first(location.size() - 1);
-    if (!m_knowsStanding ||
-        !std::equal(way.begin(), way.end(), m_standingLocation.begin(), m_standingLocation.end())) {
-        m_standing.reset();
-        m_standingLocation.assign(way.begin(), way.end());
-        m_knowsStanding = true;
+    if (!m_isExistingParentKnown ||
+        !std::equal(way.begin(), way.end(), m_existingLocation.begin(), m_existingLocation.end())) {
+        m_existingParent.reset();
+        m_existingLocation.assign(way.begin(), way.end());
+        m_isExistingParentKnown = true;
         try {
-            m_standing = root->OpenBelow(way);
+            m_existingParent = root->OpenBelow(way);
         } catch (const Krt::Exception::YError&) {
             // missing, or not a directory: that is found when it is created
         }
     }
-    return m_standing ? &*m_standing : nullptr;
+    return m_existingParent ? &*m_existingParent : nullptr;
 }
 
 std::optional<std::unordered_set<std::string>> SnapshotRestore::NamesOfTree(const Id& tree) const
@@ -511,7 +511,7 @@ void SnapshotRestore::Add(std::unique_ptr<Item> item)
     const bool isLoaded = item->action == Item::Action::Restore || item->action == Item::Action::Update;
     const bool isFirst = !item->link || m_planned.try_emplace(*item->link, 0).second;
     for (std::size_t i = 0; isLoaded && isFirst && !item->failure && i < item->content.size(); ++i) {
-        if (!item->isStanding.empty() && item->isStanding[i])
+        if (!item->isUpToDate.empty() && item->isUpToDate[i])
             continue;
         const auto place = m_repository.GetIndex().Find({BlobType::Data, item->content[i]});
         bytes += place ? place->blob.plainLength : 0;
@@ -520,7 +520,7 @@ void SnapshotRestore::Add(std::unique_ptr<Item> item)
     if (bytes > BatchBytes) {
         Drain();
         Content content(m_repository, m_loader, {});
-        content.Begin(item->content, item->isStanding);
+        content.Begin(item->content, item->isUpToDate);
         Write(*item, content);
         return;
     }
@@ -574,7 +574,7 @@ void SnapshotRestore::Write(Item& item, Content& content)
         } else if (item.recorded.type == S_IFDIR) {
             WriteDirectory(item);
         } else if (m_maker && !KeepUnchanged(item)) {
-            if (item.action == Item::Action::KeepUnchanged && item.isStanding.empty())
+            if (item.action == Item::Action::KeepUnchanged && item.isUpToDate.empty())
                 CompareContent(item, m_maker->GetTree().ParentOf(item.location));
             item.action = item.action == Item::Action::Restore ? item.action : Item::Action::Update;
             WriteOther(item, content);
@@ -599,9 +599,9 @@ void SnapshotRestore::WriteDirectory(Item& item)
 {
     if (m_maker && m_settings.deletes) {
         const YDirectory& parent = m_maker->GetTree().ParentOf(item.location);
-        struct stat standing
+        struct stat existing
         {};
-        if (parent.StatIfPresent(item.location.back(), standing) && !S_ISDIR(standing.st_mode))
+        if (parent.StatIfPresent(item.location.back(), existing) && !S_ISDIR(existing.st_mode))
             m_cleaner.Remove(parent, item.location.back(), item.path);
     }
     if (m_maker)
@@ -640,7 +640,7 @@ bool SnapshotRestore::KeepUnchanged(Item& item)
     const YString& name = item.location.back();
     struct stat now
     {};
-    if (!parent.StatIfPresent(name, now) || FileId(now) != FileId(item.standing) ||
+    if (!parent.StatIfPresent(name, now) || FileId(now) != FileId(item.existing) ||
         (now.st_mode & S_IFMT) != item.recorded.type)
         return false;
     if (const auto first = item.link ? m_linked.find(*item.link) : m_linked.end(); first != m_linked.end()) {
@@ -669,9 +669,9 @@ bool SnapshotRestore::KeepUnchanged(Item& item)
 bool SnapshotRestore::KeepFile(const Item& item, const Krt::Util::YUnxHandle& file)
 {
     const struct stat now = Krt::File::Stat(file);
-    if (FileId(now) != FileId(item.standing) || !S_ISREG(now.st_mode) ||
-        now.st_size != item.standing.st_size ||
-        !IsSame(Krt::File::ChangeTime(now), Krt::File::ChangeTime(item.standing)))
+    if (FileId(now) != FileId(item.existing) || !S_ISREG(now.st_mode) ||
+        now.st_size != item.existing.st_size ||
+        !IsSame(Krt::File::ChangeTime(now), Krt::File::ChangeTime(item.existing)))
         return false;
     const Krt::File::YEntry entry(file);
     const Attributes& attributes = item.recorded.attributes;
@@ -714,13 +714,13 @@ void SnapshotRestore::NoteUnverified(const std::string& path)
 void SnapshotRestore::WriteOther(Item& item, Content& content)
 {
     const YDirectory& parent = m_maker->GetTree().ParentOf(item.location);
-    struct stat standing
+    struct stat existing
     {};
-    if (m_settings.deletes && parent.StatIfPresent(item.location.back(), standing) &&
-        S_ISDIR(standing.st_mode))
+    if (m_settings.deletes && parent.StatIfPresent(item.location.back(), existing) &&
+        S_ISDIR(existing.st_mode))
         m_cleaner.Remove(parent, item.location.back(), item.path);
     KRT_RAISE_UNLESS(!item.recorded.isReparsePoint || item.recorded.type == S_IFREG, ErrorCode::NotSupported,
-                     "A reparse point is not restored: its record does not tell its target");
+                     "A reparse point is not restored: its record does not contain its target");
     NewEntry entry{.recorded = item.recorded, .location = item.location};
     entry.linkTarget = Text(item.linkTarget);
     entry.device = item.device;
@@ -734,7 +734,7 @@ void SnapshotRestore::WriteOther(Item& item, Content& content)
             RaiseIfInterrupted();
             const Id& id = item.content[i];
             bool isOld = false;
-            if (!item.isStanding.empty() && item.isStanding[i]) {
+            if (!item.isUpToDate.empty() && item.isUpToDate[i]) {
                 if (!old)
                     old.emplace(parent.OpenFile(item.location.back()));
                 part.resize(m_repository.GetIndex().Find({BlobType::Data, id})->blob.plainLength);
@@ -862,7 +862,7 @@ void SnapshotRestore::PrintSummary()
 void SnapshotRestore::Verify(const Id& tree)
 {
     m_names.clear();
-    m_knowsStanding = false;
+    m_isExistingParentKnown = false;
     WalkTree(
         m_repository, tree, "",
         [this](const std::string& path, Node& node) {
@@ -881,7 +881,7 @@ void SnapshotRestore::VerifyFile(const std::string& path, const Node& node)
 {
     try {
         const TargetLocation location = LocationOf(path);
-        const YDirectory* const parent = StandingParent(location);
+        const YDirectory* const parent = ExistingParent(location);
         KRT_RAISE_UNLESS(parent != nullptr, ErrorCode::NotFound,
                          "Not verified: its directory can't be opened");
         const Krt::Util::YUnxHandle file = parent->OpenFile(location.back());

@@ -86,10 +86,10 @@ private:
     void NoteWindows(const Repo::Node& node);
     void ChooseAttributes(Krt::File::ExtendedAttributeMap& attributes) const;
     void PlanFile(Item& item, Repo::Node& node);
-    void PlanStanding(Item& item);
+    void PlanExisting(Item& item);
     void CompareContent(Item& item, const Krt::File::YDirectory& parent);
     const Krt::File::YDirectory* Root() const;
-    const Krt::File::YDirectory* StandingParent(const TargetLocation& location);
+    const Krt::File::YDirectory* ExistingParent(const TargetLocation& location);
     std::optional<std::unordered_set<std::string>> NamesOfTree(const Repo::Id& tree) const;
 
     void Add(std::unique_ptr<Item> item);
@@ -124,9 +124,9 @@ private:
     std::vector<std::unique_ptr<Item>> m_way; // directories that are restored if an entry below is
     std::unique_ptr<Batch> m_collected;
     std::unique_ptr<Batch> m_loading;
-    TargetLocation m_standingLocation; // of m_standing, which is empty if that does not exist
-    std::optional<Krt::File::YDirectory> m_standing;
-    bool m_knowsStanding = false;
+    TargetLocation m_existingLocation; // of m_existingParent, which is empty if that does not exist
+    std::optional<Krt::File::YDirectory> m_existingParent;
+    bool m_isExistingParentKnown = false;
 
     std::map<LinkKey, std::uint64_t> m_planned;   // names that exist of files whose content was planned
     std::map<LinkKey, LinkedFile> m_linked;       // files of which names are still to come

@@ -478,7 +478,7 @@ TEST_F(RepositoryRestore, HostileTreesReachNothingOutside)
         EXPECT_TRUE(Holds(Restored(3).errors, row.told));
         EXPECT_EQ(ReadFile(target + "/zgood"), "content");
     }
-    // A symlink that stands in the target is not followed either.
+    // A symlink in the target is not followed either.
     ClearTarget();
     MakeTree(target, {Link("dir", directory / "outside/dir"), Link("zgood", directory / "outside/file")});
     SaveTrees({[&](auto&) { return TreeText(FileText("file")); },
