@@ -26,11 +26,12 @@ struct VisitedTree
 };
 
 std::unique_ptr<VisitedTree> OpenTree(const Repo::Repository& repository, const Id& tree,
-                                      std::size_t pathLength)
+                                      std::size_t pathLength, Repo::BadEntryVisitor onBadEntry)
 {
     auto visited = std::make_unique<VisitedTree>();
     repository.LoadBlob({BlobType::Tree, tree}, visited->text);
-    visited->reader = Repo::TreeReader(Repo::AsText(visited->text), Repo::UnknownMembers::Keep);
+    visited->reader = Repo::TreeReader(Repo::AsText(visited->text), Repo::UnknownMembers::Keep,
+                                       std::move(onBadEntry));
     visited->pathLength = pathLength;
     return visited;
 }
@@ -52,7 +53,7 @@ bool FindInTree(const Repo::Repository& repository, const Id& tree, std::string_
 {
     Repo::Bytes text;
     repository.LoadBlob({BlobType::Tree, tree}, text);
-    Repo::TreeReader reader(Repo::AsText(text), Repo::UnknownMembers::Keep);
+    Repo::TreeReader reader(Repo::AsText(text), Repo::UnknownMembers::Keep, [](const RepositoryError&) {});
     bool isFound = false;
     for (Node node; reader.Next(node);) {
         const bool isPrinted = Printable(node.name) == name;
@@ -130,7 +131,9 @@ private:
     void Descend(const Id& tree)
     {
         try {
-            m_visited.push_back(OpenTree(m_repository, tree, m_path.size()));
+            m_visited.push_back(
+                OpenTree(m_repository, tree, m_path.size(),
+                         [this](const RepositoryError& error) { m_onFailure(PathOrRoot(), error); }));
         } catch (const RepositoryError& error) {
             m_onFailure(PathOrRoot(), error);
         }

@@ -24,7 +24,8 @@ enum class Step
 
 /// Called for an entry with its path, which begins with "/". Both live as long as the call.
 using EntryVisitor = std::function<Step(const std::string& path, Repo::Node& node)>;
-/// Called for a directory whose entries can't be read, or not all of them.
+/// Called for a directory whose entries can't be read, or not all of them: once, or for each entry that is
+/// wrong in itself, such as by its name. The walk goes on with the others.
 using TreeFailure = std::function<void(const std::string& path, const Krt::Exception::YError& error)>;
 
 /// Calls `visit` for each entry below the tree, a directory before its entries. `path` is that of the tree's
@@ -41,7 +42,8 @@ struct FoundEntry
 };
 
 /// Returns the entry that a path names. Each name of the path is the entry's name as Printable shows it, or
-/// otherwise its bytes. Raises InvalidArgument if there is no such entry, and what loading a tree raises.
+/// otherwise its bytes. Other entries that are wrong in themselves are ignored. Raises InvalidArgument if
+/// there is no such entry, and what loading a tree raises.
 FoundEntry FindEntry(const Repo::Repository& repository, const Repo::Id& tree, const std::string& path);
 
 } // namespace Agent

@@ -80,7 +80,9 @@ public:
         try {
             m_state.GetRepository().LoadBlob({BlobType::Tree, tree}, m_text);
             m_state.bytes += m_text.size();
-            Repo::TreeReader reader(Repo::AsText(m_text));
+            Repo::TreeReader reader(
+                Repo::AsText(m_text), Repo::UnknownMembers::Ignore,
+                [&](const RepositoryError& error) { Fail(tree, error.GetMessage().Bytes()); });
             std::string last;
             for (bool isFirst = true; reader.Next(m_node); isFirst = false) {
                 CheckNode(tree, isFirst ? nullptr : &last);
@@ -96,9 +98,9 @@ private:
     void CheckNode(const Id& tree, const std::string* last)
     {
         if (last != nullptr && m_node.name <= *last)
-            Fail(tree, "entry " + m_node.name + ": it is not in the order of names, or is there twice");
+            Fail(tree, "entry \"" + m_node.name + "\": it is not in the order of names");
         if (const std::string fault = m_state.FaultOf(m_node); !fault.empty())
-            Fail(tree, "entry " + m_node.name + ": " + fault);
+            Fail(tree, "entry \"" + m_node.name + "\": " + fault);
         if (m_node.type == NodeType::Directory && m_node.subtree)
             m_queue.Add(*m_node.subtree);
     }
@@ -161,7 +163,8 @@ private:
         try {
             Repo::Bytes text;
             m_state.GetRepository().LoadBlob({BlobType::Tree, tree}, text);
-            Repo::TreeReader reader(Repo::AsText(text));
+            Repo::TreeReader reader(Repo::AsText(text), Repo::UnknownMembers::Ignore,
+                                    [&level](const RepositoryError&) { level.isTouched = true; });
             for (Node node; reader.Next(node);) {
                 visited.isTouched |= !m_state.FaultOf(node).empty();
                 if (node.type == NodeType::Directory && node.subtree)
@@ -198,7 +201,7 @@ void FindTouchedEntriesOf(const CheckState& state, TouchedTrees& touched, const 
         return count >= Most ? Step::End : goesOn ? Step::Into : Step::Past;
     };
     const auto fail = [&](const std::string& path, const Krt::Exception::YError& error) {
-        add(path, "its entries can't be read: " + error.GetMessage().Bytes());
+        add(path, "not all of its entries can be read: " + error.GetMessage().Bytes());
     };
     if (touched.IsTouched(stored.snapshot.tree))
         WalkTree(state.GetRepository(), stored.snapshot.tree, "", visit, fail);

@@ -68,6 +68,12 @@ public:
     void Keep(std::string key, std::vector<RawMember>& members);
     /// Raises unless only white space follows.
     void End();
+    /// Goes back to the begin of an item that NextItem announced, and that failed to be read as expected.
+    void ReturnTo(std::size_t offset)
+    {
+        m_offset = offset;
+        m_isFirst = false;
+    }
 
     /// Bytes of the document before the current position.
     std::size_t GetOffset() const { return m_offset; }

@@ -194,8 +194,9 @@ private:
 
 } // namespace
 
-TreeReader::TreeReader(std::string_view text, UnknownMembers unknown)
-    : m_reader(text), m_keepsUnknown(unknown == UnknownMembers::Keep)
+TreeReader::TreeReader(std::string_view text, UnknownMembers unknown, BadEntryVisitor onBadEntry)
+    : m_text(text), m_reader(text), m_keepsUnknown(unknown == UnknownMembers::Keep),
+      m_onBadEntry(std::move(onBadEntry))
 {}
 
 // Moves to the next list of nodes, or to the end of the tree.
@@ -230,13 +231,50 @@ bool TreeReader::Next(Node& node)
     }
     if (m_position == Position::AfterNodes)
         return false;
-    if (m_reader.NextItem()) {
-        ReadNode(node);
-        return true;
+    while (m_reader.NextItem()) {
+        if (ReadOrSkip(node))
+            return true;
     }
     m_position = Position::AfterNodes;
     FindNodes(); // there is not a second list
     return false;
+}
+
+bool TreeReader::ReadOrSkip(Node& node)
+{
+    const std::size_t begin = m_reader.GetOffset();
+    try {
+        ReadNode(node);
+        RequireNewName(node.name);
+        return true;
+    } catch (const RepositoryError& error) {
+        if (!m_onBadEntry)
+            throw;
+        m_reader.ReturnTo(begin);
+        m_reader.Skip(); // raises if the text itself is damaged
+        const std::string prefix = m_hasName ? "entry \"" + node.name + "\": " : "";
+        m_onBadEntry(RepositoryError(error.GetFailure(), error, Krt::YString(std::string_view(prefix))));
+        return false;
+    }
+}
+
+// Names in order are new. For the others the names before are collected.
+void TreeReader::RequireNewName(const std::string& name)
+{
+    if (m_names.empty() && m_last < name) {
+        m_last = name;
+        return;
+    }
+    if (m_names.empty()) {
+        TreeReader again(m_text, UnknownMembers::Ignore, [](const RepositoryError&) {});
+        for (Node node; again.Next(node);) {
+            m_names.insert(node.name);
+            if (node.name == m_last)
+                break;
+        }
+    }
+    if (!m_names.insert(name).second)
+        m_reader.RaiseDamaged("the directory has another entry of this name");
 }
 
 void TreeReader::ReadNode(Node& node)
