@@ -1,6 +1,7 @@
 #include "agent/Access/Session.h"
 
 #include "agent/Access/Password.h"
+#include "agent/Access/Workers.h"
 #include "agent/Repository/LocalBackend.h"
 #include "agent/Run/Text.h"
 
@@ -14,6 +15,7 @@ using Repo::RepositoryError;
 namespace {
 
 constexpr int AttemptsOnTerminal = 3;
+constexpr std::size_t ShortDigits = 8; // of an id
 constexpr std::string_view LocalScheme = "local:";
 constexpr std::string_view OtherSchemes[] = {
     "sftp:", "rest:", "s3:", "rclone:", "b2:", "azure:", "gs:", "swift:"};
@@ -45,13 +47,19 @@ Session::Session(const RepositoryOptions& options, Report& report) : m_options(o
     Open();
     if (!m_options.isUnlocked)
         LockForReading();
+    if (m_options.isVerbose)
+        m_report.Note(YString(std::string_view(
+            "repository " + m_repository->GetConfig().id.ToHex().substr(0, ShortDigits) + " (version " +
+            std::to_string(m_repository->GetConfig().version) + ") was opened with the key " +
+            m_repository->GetKeyId().ToHex().substr(0, ShortDigits))));
 }
 
 void Session::LoadIndex()
 {
-    m_repository->LoadIndex([this](const Repo::FileName& file, const RepositoryError& error) {
+    const auto report = [this](const Repo::FileName& file, const RepositoryError& error) {
         m_report.EntryFailed(YString(file.Path()), ReasonOf(error));
-    });
+    };
+    m_repository->LoadIndex(report, WorkerCount());
 }
 
 void Session::Open()

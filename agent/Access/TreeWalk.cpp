@@ -30,8 +30,8 @@ std::unique_ptr<VisitedTree> OpenTree(const Repo::Repository& repository, const 
 {
     auto visited = std::make_unique<VisitedTree>();
     repository.LoadBlob({BlobType::Tree, tree}, visited->text);
-    visited->reader = Repo::TreeReader(Repo::AsText(visited->text), Repo::UnknownMembers::Keep,
-                                       std::move(onBadEntry));
+    visited->reader =
+        Repo::TreeReader(Repo::AsText(visited->text), Repo::UnknownMembers::Keep, std::move(onBadEntry));
     visited->pathLength = pathLength;
     return visited;
 }

@@ -104,10 +104,11 @@ private:
 
     void LoadIndex()
     {
-        m_repository.LoadIndex([this](const FileName& file, const RepositoryError& error) {
+        const auto fail = [this](const FileName& file, const RepositoryError& error) {
             m_summary.isIndexWrong = true;
             Fail(file, error);
-        });
+        };
+        m_repository.LoadIndex(fail, WorkerCount());
         if (const std::size_t count = m_repository.GetIndex().CountDuplicates(); count != 0) {
             m_summary.hasUnusedPacks = true;
             m_observer.OnHint("index: entries that are in several index files: " + std::to_string(count));

@@ -1,10 +1,12 @@
 #include "agent/Repository/Repository.h"
 
+#include "agent/Repository/InOrder.h"
 #include "agent/Repository/Pack.h"
 #include "agent/Repository/Zstd.h"
 
 #include <algorithm>
 #include <exception>
+#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -18,7 +20,32 @@ constexpr FileName ConfigFile{FileKind::Config, {}};
 constexpr std::uint64_t PackLimit = UINT64_C(1) << 33; // bytes
 constexpr std::uint64_t TailSize = 64 << 10;           // bytes of a pack in which its header is expected
 constexpr std::size_t ScratchLimit = 32 << 20;         // bytes that a thread keeps
+constexpr std::uint64_t IndexTextSize = 64 << 20;      // bytes; writers make index files of a few MiB
 constexpr unsigned char CompressedMark = 2;            // the first byte of a file whose JSON is compressed
+
+// What an index file has.
+struct ParsedIndex
+{
+    // Packs before the place of a failure stay.
+    void Read(std::string_view json)
+    {
+        ReadIndexFile(json, [this](const Id& pack, std::span<const PackedBlob> ofPack) {
+            blobs.insert(blobs.end(), ofPack.begin(), ofPack.end());
+            packs.push_back({pack, blobs.size()});
+        });
+    }
+    void AddTo(Index& index) const
+    {
+        std::size_t begin = 0;
+        for (const auto& [pack, end] : packs) {
+            index.AddPack(pack, std::span(blobs).subspan(begin, end - begin));
+            begin = end;
+        }
+    }
+
+    std::vector<PackedBlob> blobs;
+    std::vector<std::pair<Id, std::size_t>> packs; // with the end of their blobs
+};
 
 // What Named needs.
 auto At(const FileName& file)
@@ -35,7 +62,7 @@ void VerifyId(const FileName& file, ByteView content)
 }
 
 // The JSON text of a file whose seal was opened.
-std::string Unpack(ByteView content)
+std::string Unpack(ByteView content, std::uint64_t limit)
 {
     const unsigned char first = content.empty() ? 0 : content.front();
     if (first == '{' || first == '[')
@@ -43,7 +70,7 @@ std::string Unpack(ByteView content)
     REPOSITORY_RAISE_UNLESS(first == CompressedMark, Failure::Damaged,
                             "damaged: neither JSON nor compressed");
     Bytes text;
-    DecompressUpTo(content.subspan(1), Repository::UnpackedLimit, text);
+    DecompressUpTo(content.subspan(1), limit, text);
     return std::string(AsText(text));
 }
 
@@ -180,11 +207,17 @@ void Repository::LoadStored(const FileName& file, Bytes& out) const
 
 std::string Repository::LoadText(const FileName& file) const
 {
+    return LoadTextUpTo(file, UnpackedLimit);
+}
+
+// `limit` is of compressed text, in bytes.
+std::string Repository::LoadTextUpTo(const FileName& file, std::uint64_t limit) const
+{
     Bytes stored;
     LoadStored(file, stored);
     return Named(At(file), [&] {
         const ByteView content = OpenInPlace(m_key, stored);
-        return file.kind == FileKind::Config ? std::string(AsText(content)) : Unpack(content);
+        return file.kind == FileKind::Config ? std::string(AsText(content)) : Unpack(content, limit);
     });
 }
 
@@ -232,20 +265,39 @@ std::vector<PackedBlob> Repository::LoadPackHeader(const Id& pack, std::uint64_t
     });
 }
 
-void Repository::LoadIndex(const FailureVisitor& onFailure)
+void Repository::LoadIndex(const FailureVisitor& onFailure, unsigned int threads)
 {
     Index index;
-    for (const Id& id : ListIds(FileKind::Index)) {
-        const FileName file{FileKind::Index, id};
+    const std::vector<Id> ids = ListIds(FileKind::Index);
+    std::mutex largeFiles;
+    const auto read = [&](std::size_t number, ParsedIndex& parsed) {
+        const FileName file{FileKind::Index, ids[number]};
+        const auto parse = [&](const std::string& text) {
+            Named(At(file), [&] { parsed.Read(text); });
+        };
+        std::string text;
         try {
-            const std::string text = LoadText(file);
-            Named(At(file), [&] { index.AddFile(text); });
+            text = LoadTextUpTo(file, IndexTextSize);
+        } catch (const RepositoryError&) {
+            // Longer than writers make them, or damaged.
+            const std::lock_guard guard(largeFiles);
+            parse(LoadText(file));
+            return;
+        }
+        parse(text);
+    };
+    const auto add = [&](std::size_t number, const ParsedIndex& parsed, const std::exception_ptr& failure) {
+        parsed.AddTo(index);
+        try {
+            if (failure)
+                std::rethrow_exception(failure);
         } catch (const RepositoryError& error) {
             if (!onFailure)
                 throw;
-            onFailure(file, error);
+            onFailure({FileKind::Index, ids[number]}, error);
         }
-    }
+    };
+    RunInOrder<ParsedIndex>(ids.size(), threads, read, add);
     m_index = std::move(index);
 }
 
@@ -267,7 +319,7 @@ void Repository::LoadBlob(const BlobHandle& handle, Bytes& plaintext) const
 }
 
 void Repository::VisitTree(const Id& tree, const std::function<bool(Node& node)>& visit,
-                           UnknownMembers unknown) const
+                           UnknownMembers unknown, BadEntryVisitor onBadEntry) const
 {
     const BlobHandle handle{BlobType::Tree, tree};
     Bytes text;
@@ -275,7 +327,7 @@ void Repository::VisitTree(const Id& tree, const std::function<bool(Node& node)>
     const auto describe = [&handle] {
         return YString(std::string_view(handle.ToText().Bytes() + ": "));
     };
-    TreeReader reader(AsText(text), unknown);
+    TreeReader reader(AsText(text), unknown, std::move(onBadEntry));
     Node node;
     while (Named(describe, [&] { return reader.Next(node); })) {
         if (!visit(node))
@@ -340,11 +392,12 @@ std::vector<StoredSnapshot> Repository::LoadSnapshots(const SnapshotFilter& filt
     return snapshots;
 }
 
-StoredSnapshot Repository::FindSnapshot(std::string_view text, const SnapshotFilter& filter) const
+StoredSnapshot Repository::FindSnapshot(std::string_view text, const SnapshotFilter& filter,
+                                        const FailureVisitor& onFailure) const
 {
     const YString name(text);
     if (text == "latest") {
-        std::vector<StoredSnapshot> snapshots = LoadSnapshots(filter);
+        std::vector<StoredSnapshot> snapshots = LoadSnapshots(filter, onFailure);
         KRT_RAISE_UNLESS(!snapshots.empty(), Krt::ErrorCode::InvalidArgument, "There is no such snapshot");
         return std::move(snapshots.back());
     }

@@ -81,10 +81,12 @@ public:
     std::vector<PackedBlob> LoadPackHeader(const Id& pack, std::uint64_t size) const;
 
     // Blobs.
-    /// Reads all index files. Snapshots that are to be complete are listed before. With `onFailure`, index
-    /// files that can't be read are given to it and skipped; otherwise the first one raises, and the index is
-    /// unchanged. No other thread uses the repository meanwhile.
-    void LoadIndex(const FailureVisitor& onFailure = {});
+    /// Reads all index files, on this many threads. The index has the order of the files' ids. Snapshots that
+    /// are to be complete are listed before. With `onFailure`, index files that can't be read are given to it
+    /// on the calling thread, and skipped; otherwise the first one raises, and the index is unchanged. No
+    /// other thread uses the repository meanwhile. Memory beyond that of the index is that of two index files
+    /// for each thread.
+    void LoadIndex(const FailureVisitor& onFailure = {}, unsigned int threads = 1);
     /// Empty before LoadIndex.
     const Index& GetIndex() const { return m_index; }
     /// Replaces the content of `plaintext` with a blob, and verifies it. Copies in several packs are tried
@@ -92,10 +94,10 @@ public:
     /// raised. Memory of `plaintext` is reused, so a caller keeps one for each thread.
     void LoadBlob(const BlobHandle& handle, Bytes& plaintext) const;
     /// Loads a tree and calls `visit` for each node, which it may change, until it returns false. Failures to
-    /// read the tree name it; what `visit` raises passes through. Nodes are checked as TreeReader does. The
-    /// tree's text is in memory until this returns.
+    /// read the tree name it; what `visit` raises passes through. Nodes are checked as TreeReader does, which
+    /// also states the meaning of `onBadEntry`. The tree's text is in memory until this returns.
     void VisitTree(const Id& tree, const std::function<bool(Node& node)>& visit,
-                   UnknownMembers unknown = UnknownMembers::Ignore) const;
+                   UnknownMembers unknown = UnknownMembers::Ignore, BadEntryVisitor onBadEntry = {}) const;
     /// Replaces the content of `plaintext` with a blob whose sealed bytes the caller has read, as described
     /// by `blob`, from `pack`. Raises Damaged if they are not this blob. `sealed` is changed.
     void DecodeBlob(const Id& pack, const PackedBlob& blob, std::span<unsigned char> sealed,
@@ -109,12 +111,14 @@ public:
                                               const FailureVisitor& onFailure = {}) const;
     /// The snapshot that the text names: "latest" for the newest that the filter chooses, or the first digits
     /// of an id, to which the filter does not apply. Raises InvalidArgument if there is none, or if the
-    /// digits fit several.
-    StoredSnapshot FindSnapshot(std::string_view text, const SnapshotFilter& filter = {}) const;
+    /// digits fit several. For "latest", `onFailure` is as in LoadSnapshots.
+    StoredSnapshot FindSnapshot(std::string_view text, const SnapshotFilter& filter = {},
+                                const FailureVisitor& onFailure = {}) const;
 
 private:
     Repository(std::shared_ptr<IBackend> backend, Config config, Key key, const Id& keyId);
 
+    std::string LoadTextUpTo(const FileName& file, std::uint64_t limit) const;
     void LoadCopy(const IndexedBlob& copy, Bytes& plaintext) const;
 
     std::shared_ptr<IBackend> m_backend;

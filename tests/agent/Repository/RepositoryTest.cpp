@@ -393,6 +393,44 @@ TEST(Repository, DamagedCopyIsReplacedByOtherOnAllThreads)
     }
 }
 
+TEST(Repository, HasTheSameIndexWithAnyNumberOfThreads)
+{
+    const Testing::TemporaryDirectory directory;
+    Repository repository = CreateAt(directory / "repo");
+    PackedBlob blob;
+    for (unsigned char number = 0; number < 40; ++number) {
+        IndexFileWriter index;
+        blob.length = SealOverhead + number;
+        blob.plainLength = number;
+        blob.handle.id = Id::Of({&number, 1});
+        index.Add(Id::Of(Bytes(2, number)), std::span(&blob, 1));
+        repository.SaveText(FileKind::Index, index.Finish());
+    }
+    const auto read = [&repository] {
+        std::vector<std::pair<PackedBlob, Id>> all;
+        const Index& index = repository.GetIndex();
+        for (std::uint32_t i = 0; i < index.CountBlobs(); ++i)
+            all.emplace_back(index.At(i).blob, index.GetPacks()[index.At(i).pack].id);
+        return all;
+    };
+    repository.LoadIndex();
+    const auto one = read();
+    repository.LoadIndex({}, 4);
+    EXPECT_EQ(one.size(), 40u);
+    EXPECT_TRUE(read() == one);
+
+    const std::vector<Id> files = repository.ListIds(FileKind::Index);
+    for (const Id& damaged : {files[3], files[30]})
+        repository.GetBackend().Save({FileKind::Index, damaged}, AsBytes("x"));
+    EXPECT_EQ(FailureOf([&] { repository.LoadIndex({}, 4); }), Failure::Damaged);
+    EXPECT_TRUE(read() == one) << "it is unchanged";
+    std::vector<Id> reported;
+    repository.LoadIndex([&](const FileName& file, const RepositoryError&) { reported.push_back(file.id); },
+                         4);
+    EXPECT_EQ(reported, (std::vector<Id>{files[3], files[30]}));
+    EXPECT_EQ(read().size(), 38u);
+}
+
 // Debian's restic, an independent program.
 class ResticTest : public ::testing::TestWithParam<int>
 {
