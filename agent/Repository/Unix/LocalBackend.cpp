@@ -72,6 +72,18 @@ std::optional<YDirectory> OpenIfPresent(const YDirectory& parent, const YString&
     return parent.OpenDirectory(name);
 }
 
+// For reading, a directory may be a symlink, as if it was moved to another file system.
+std::optional<YDirectory> OpenForReading(const std::string& path)
+{
+    try {
+        return YDirectory::OpenFollowing(path.c_str());
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetOsError() != ENOENT || Krt::File::DoesFileExist(path.c_str()))
+            throw;
+        return std::nullopt;
+    }
+}
+
 // Returns true if the directory did not exist. It is durable when the parent is synced.
 bool MakeIfMissing(const YDirectory& parent, const YString& name, const Modes& modes)
 {
@@ -218,19 +230,13 @@ std::uint64_t LocalBackend::Size(const FileName& file)
 void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit)
 {
     const bool isPack = kind == FileKind::Pack;
-    const std::optional<YDirectory> top = Named(At(m_path), [&]() -> std::optional<YDirectory> {
-        if (!Krt::File::DoesFileExist(m_path.CStr()))
-            return std::nullopt;
-        return OpenIfPresent(YDirectory::OpenFollowing(m_path.CStr()),
-                             SplitPath({kind, {}}).directories.front());
-    });
-    for (int byte = 0; top && byte < (isPack ? PackDirectories : 1); ++byte) {
+    const std::string top = m_path.Bytes() + "/" + SplitPath({kind, {}}).directories.front().Bytes();
+    for (int byte = 0; byte < (isPack ? PackDirectories : 1); ++byte) {
         const std::vector<ListedFile> files = Named(At(m_path), [&] {
-            if (!isPack)
-                return ListFiles(*top, std::nullopt);
-            const std::optional<YDirectory> directory = OpenIfPresent(*top, HexByte(byte));
-            return directory ? ListFiles(*directory, static_cast<unsigned char>(byte))
-                             : std::vector<ListedFile>();
+            const auto first = isPack ? std::optional(static_cast<unsigned char>(byte)) : std::nullopt;
+            const std::optional<YDirectory> directory =
+                OpenForReading(isPack ? top + "/" + HexByte(byte).Bytes() : top);
+            return directory ? ListFiles(*directory, first) : std::vector<ListedFile>();
         });
         for (const ListedFile& file : files)
             visit(file.id, file.size);

@@ -156,6 +156,14 @@ TEST(LocalBackend, SymlinkIsNotWrittenThrough)
     const FileName file{FileKind::Index, Id::Of({})};
     EXPECT_EQ(FailureOf([&] { backend.Save(file, AsBytes("x")); }), Failure::Backend);
     EXPECT_TRUE(fs::is_empty(outside));
+    directory.Write("outside/" + file.id.ToHex(), "x");
+    int listed = 0;
+    backend.List(FileKind::Index, [&](const Id&, std::uint64_t) { ++listed; });
+    EXPECT_EQ(listed, 1) << "it is read";
+    fs::remove_all(outside);
+    EXPECT_EQ(FailureOf([&] { backend.List(FileKind::Index, [](const Id&, std::uint64_t) {}); }),
+              Failure::Backend)
+        << "a dangling symlink";
     fs::create_symlink("/etc/passwd", directory / "repo/config");
     Bytes read;
     EXPECT_EQ(FailureOf([&] { backend.LoadWhole({}, 1 << 20, read); }), Failure::Backend);
