@@ -6,6 +6,8 @@ _kbagent() {
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
             --log | --debug) ((++i)) ;;
+            -r | --repo | --repository-file | -p | --password-file | --password-command | --key-hint | --retry-lock | \
+                --cache-dir) ((++i)) ;;
             -*) ;;
             *)
                 command+=("${COMP_WORDS[i]}")

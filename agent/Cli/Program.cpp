@@ -2,6 +2,7 @@
 
 #include "agent/Access/RepositoryLock.h"
 #include "agent/Cli/Command.h"
+#include "agent/Cli/LeadingOptions.h"
 #include "agent/Run/FileGuard.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Output.h"
@@ -212,8 +213,10 @@ std::string HintFor(const CLI::App& program, int argc, char** argv)
         const std::string typed(argument.substr(0, argument.find('=')));
         if (!typed.starts_with("--") || command->get_option_no_throw(typed) != nullptr)
             continue;
-        if (program.get_option_no_throw(typed) != nullptr)
+        if (typed == "--log" || typed == "--debug" || typed == "--version")
             return " (" + typed + " must precede the command)";
+        if (const std::string hint = HintForResticOption(typed); !hint.empty())
+            return hint;
         for (const CLI::Option* option : command->get_options()) {
             const std::string name = option->get_name();
             if (name.starts_with("--") && IsSimilar(typed, name))
@@ -227,7 +230,9 @@ std::string HintFor(const CLI::App& program, int argc, char** argv)
 bool Parse(CLI::App& program, int argc, char** argv, Report& report)
 {
     try {
-        program.parse(ArgumentsForParser(argc, argv));
+        std::vector<std::string> arguments = ArgumentsForParser(argc, argv);
+        MoveLeadingOptions(program, arguments);
+        program.parse(std::move(arguments));
         return false;
     } catch (const CLI::CallForHelp&) {
         report.Out() << program.help();
@@ -262,6 +267,7 @@ int RunCommand(int argc, char** argv, Report& report)
     Describe(program);
     LogOptions log;
     log.Register(program);
+    AddLeadingOptions(program);
     const std::vector<Registered> all = Register(program);
     try {
         if (!Parse(program, argc, argv, report)) {

@@ -10,8 +10,20 @@ const char* const RepositoryHelp =
     "KBAGENT_PASSWORD_FILE, KBAGENT_PASSWORD_COMMAND or KBAGENT_PASSWORD; otherwise it is asked for.\n"
     "Without such a variable, that of restic is used: RESTIC_REPOSITORY and so on.\n\n";
 
+// Scripts for restic have them. There is no cache. They are not in the help.
+static void AddOptionsWithoutEffect(CLI::App& command)
+{
+    for (const char* const name : {"--no-cache", "--cleanup-cache"})
+        command.add_flag(name)->group("");
+    command
+        .add_option(
+            "--cache-dir", [](const CLI::results_t&) { return true; }, "")
+        ->group("");
+}
+
 void RepositoryArguments::AddTo(CLI::App& command)
 {
+    const std::size_t first = command.get_options().size();
     command.add_option("-r,--repo", m_options.location, "The repository: a directory")->type_name("LOCATION");
     command
         .add_option("--repository-file", m_options.locationFile, "A file that has the repository's location")
@@ -31,6 +43,10 @@ void RepositoryArguments::AddTo(CLI::App& command)
     command.add_flag("--json", m_options.isJson, "Print JSON");
     command.add_flag("-q,--quiet", m_options.isQuiet, "Print only what was asked for");
     command.add_flag("-v,--verbose", m_options.isVerbose, "Report the repository and the key, too");
+    const std::vector<CLI::Option*> options = command.get_options();
+    for (std::size_t i = first; i < options.size(); ++i)
+        options[i]->group("Repository options")->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    AddOptionsWithoutEffect(command);
 }
 
 void RepositoryArguments::AddSnapshotOptionsTo(CLI::App& command)

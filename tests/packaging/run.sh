@@ -21,7 +21,8 @@ same() { [ "$2" = "$3" ] || fail "$1: the program has ${2//$'\n'/ }; the page ha
 commands=$(commands_of)
 [ "$(wc -w <<<"$commands")" -ge 9 ] || fail "--help lists no commands: $commands"
 same "commands" "$(sort <<<"$commands")" "$(sed -n 's/^\.SS \([a-z]*\).*/\1/p' "$page" | sort)"
-same "kbagent" "$(options_of)" "$(page_options '.SH OPTIONS' | grep -vx -- --help)"
+same "kbagent" "$(options_of)" "$({ page_options '.SH OPTIONS'; page_options '.SH REPOSITORY OPTIONS'; } |
+    grep -vx -- --help | sort -u)"
 for command in $commands; do
     found=$(options_of "$command"; for part in $(commands_of "$command"); do options_of "$command" "$part"; done)
     expected=$(page_options ".SS $command")
@@ -52,6 +53,7 @@ completes "trust" tr
 completes "--store" backup --st
 completes "--snapshot" --log /tmp/x list --store /tmp/y --sn
 completes "start stop status" service st
+completes "snapshots" -r /tmp/x --retry-lock 1m snap
 completes "list" key li
 completes "--read-data --read-data-subset" check --read
 completes "--timeout" service start nightly --t

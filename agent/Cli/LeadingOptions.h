@@ -1,0 +1,25 @@
+// Options of repositories that precede the command, as users of restic type them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace Agent {
+
+/// Adds the options of repositories to the program, for its help. Those that are given there have no effect.
+void AddLeadingOptions(CLI::App& program);
+
+/// Moves the options of repositories that precede the command behind it, where its parser expects them.
+/// `arguments` are in reverse order, as the parser expects them. Raises UsageError if the command does not
+/// have such an option.
+void MoveLeadingOptions(const CLI::App& program, std::vector<std::string>& arguments);
+
+/// What to add to the message for an option that the command does not have; empty if restic does not have it
+/// either.
+std::string HintForResticOption(const std::string& option);
+
+} // namespace Agent
