@@ -41,23 +41,27 @@ CLI::App* CatCommand::Register(CLI::App& program)
     CLI::App* const command = program.add_subcommand("cat", "Print an object of a repository");
     m_repository.AddTo(*command);
     m_repository.AddSnapshotOptionsTo(*command);
-    command->add_option("KIND", m_kind, "config, key, index, snapshot, lock, tree, blob or pack")
+    command->add_option("KIND", m_kind, "config, masterkey, key, index, snapshot, lock, tree, blob or pack")
         ->required()
-        ->check(CLI::IsMember({"config", "key", "index", "snapshot", "lock", "tree", "blob", "pack"}));
+        ->check(CLI::IsMember(
+            {"config", "masterkey", "key", "index", "snapshot", "lock", "tree", "blob", "pack"}));
     command->add_option("ID", m_id,
                         "First digits of the object's ID; for a snapshot also latest; for a tree also\n"
                         "SNAPSHOT or SNAPSHOT:PATH, for that of a directory");
     command->footer(
-        "A blob and a pack are printed as they are, and everything else is JSON text. Keys are printed as\n"
-        "they are stored, sealed with a password.\n\n" +
+        "A blob and a pack are printed as they are, and everything else is JSON text. A key is printed as "
+        "it\n"
+        "is stored, sealed with a password. The master key decrypts the whole repository without a\n"
+        "password.\n\n" +
         std::string(RepositoryHelp) + "Example: kbagent cat --repo /backup/repository snapshot latest");
     return command;
 }
 
 void CatCommand::Run(Report& report)
 {
-    if ((m_kind == "config") != m_id.empty())
-        throw UsageError(m_kind == "config" ? "cat config takes no ID" : "cat " + m_kind + " needs an ID");
+    const bool takesId = m_kind != "config" && m_kind != "masterkey";
+    if (takesId == m_id.empty())
+        throw UsageError("cat " + m_kind + (takesId ? " needs an ID" : " takes no ID"));
     Session session(m_repository.Get(), report);
     if (!PrintFile(session))
         PrintBlob(session, m_kind == "tree");
@@ -69,6 +73,11 @@ bool CatCommand::PrintFile(Session& session)
     Report& report = session.GetReport();
     if (m_kind == "config") {
         PrintJson(report, repository.LoadText({FileKind::Config, {}}));
+    } else if (m_kind == "masterkey") {
+        const Repo::Secret text = Repo::MasterKeyText(repository.GetKey());
+        std::string indented = IndentJson(Repo::AsText(text.View()));
+        report.Out() << indented << "\n";
+        Repo::Wipe({reinterpret_cast<unsigned char*>(indented.data()), indented.size()});
     } else if (m_kind == "key") {
         Repo::Bytes content;
         repository.LoadStored({FileKind::Key, FindFile(repository, FileKind::Key, m_id)}, content);

@@ -42,7 +42,7 @@ CLI::App* DumpCommand::Register(CLI::App& program)
     m_arguments = AddPathArguments(
         *command,
         "The snapshot, by first digits of its ID or as latest, then the path of an entry of it; / is\n"
-        "the whole snapshot",
+        "the whole snapshot. With SNAPSHOT:DIRECTORY, the path is that below the directory",
         "SNAPSHOT_PATH");
     m_arguments->required();
     command->footer(
@@ -56,13 +56,18 @@ CLI::App* DumpCommand::Register(CLI::App& program)
 void DumpCommand::Run(Report& report)
 {
     const std::vector<std::string> arguments = PathsOf(m_arguments);
-    if (arguments.size() != 2 || !arguments[1].starts_with('/'))
-        throw UsageError("dump takes a snapshot, and the path of an entry that begins with '/'");
+    if (arguments.size() != 2)
+        throw UsageError("dump takes a snapshot, and the path of an entry");
+    const std::size_t colon = arguments[0].find(':');
+    const std::string folder = colon == std::string::npos ? "" : arguments[0].substr(colon + 1);
     Session session(m_repository.Get(), report);
     const Repo::StoredSnapshot stored =
-        ChooseSnapshot(session, arguments[0], m_repository.GetSnapshotOptions());
+        ChooseSnapshot(session, arguments[0].substr(0, colon), m_repository.GetSnapshotOptions());
     session.LoadIndex();
-    const FoundEntry found = FindEntry(session.GetRepository(), stored.snapshot.tree, arguments[1]);
+    const FoundEntry top = FindEntry(session.GetRepository(), stored.snapshot.tree, folder);
+    KRT_RAISE_UNLESS(top.node.subtree, Krt::ErrorCode::InvalidArgument,
+                     "Not a directory: " << YString(std::string_view(top.path)));
+    const FoundEntry found = FindEntry(session.GetRepository(), *top.node.subtree, arguments[1]);
     const bool isDirectory = found.node.type == NodeType::Directory;
     KRT_RAISE_UNLESS(isDirectory || found.node.type == NodeType::File, Krt::ErrorCode::InvalidArgument,
                      "Neither a file nor a directory: " << YString(std::string_view(found.path)));

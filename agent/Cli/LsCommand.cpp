@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <unordered_set>
 
 namespace Agent {
@@ -15,6 +16,19 @@ using Krt::YString;
 using Repo::Node;
 
 namespace {
+
+// An entry that is printed after all others were read.
+struct SortedEntry
+{
+    std::string path;
+    Node node;
+};
+
+std::string ExtensionOf(const std::string& name)
+{
+    const std::size_t dot = name.rfind('.');
+    return dot == std::string::npos ? "" : name.substr(dot);
+}
 
 class LsCommand : public ICommand
 {
@@ -25,14 +39,21 @@ public:
 private:
     void ListAll(Session& session, const Repo::StoredSnapshot& stored);
     void ListPath(Session& session, const Repo::StoredSnapshot& stored, const std::string& path);
+    void Visit(Report& report, const std::string& path, Node& node);
     void Print(Report& report, const std::string& path, const Node& node);
+    void PrintSorted(Report& report);
+    void PrintForNcdu(Session& session, const Repo::StoredSnapshot& stored);
 
     RepositoryArguments m_repository;
     CLI::Option* m_arguments = nullptr;
     bool m_long = false;
     bool m_recursive = false;
     bool m_hasSeveralPaths = false;
+    bool m_isReversed = false;
+    bool m_isForNcdu = false;
+    std::string m_order;
     std::unordered_set<std::string> m_printed; // paths, if the arguments may overlap
+    std::vector<SortedEntry> m_entries;        // with an order only
 };
 
 CLI::App* LsCommand::Register(CLI::App& program)
@@ -42,6 +63,13 @@ CLI::App* LsCommand::Register(CLI::App& program)
     m_repository.AddSnapshotOptionsTo(*command);
     command->add_flag("-l,--long", m_long, "Print mode, owner, group, size and time, too");
     command->add_flag("--recursive", m_recursive, "List all that is below a PATH");
+    command
+        ->add_option("--sort", m_order,
+                     "List by name, size, time (or mtime), atime, ctime or extension; the least comes first")
+        ->type_name("ORDER")
+        ->check(CLI::IsMember({"name", "size", "time", "mtime", "atime", "ctime", "extension"}));
+    command->add_flag("--reverse", m_isReversed, "Reverse the order");
+    command->add_flag("--ncdu", m_isForNcdu, "Print the whole snapshot in the format that ncdu -f reads");
     m_arguments = AddPathArguments(
         *command,
         "The snapshot, by first digits of its ID or as latest, which is also what is taken\n"
@@ -71,6 +99,10 @@ void LsCommand::Run(Report& report)
         filter += (filter.empty() ? "" : " ") + path;
     }
     m_hasSeveralPaths = paths.size() > 1;
+    if (m_isForNcdu && (!m_order.empty() || m_isReversed || !paths.empty() || m_repository.IsJson()))
+        throw UsageError("--ncdu excludes --sort, --reverse, --json and paths");
+    if (m_isReversed && m_order.empty())
+        m_order = "name";
 
     RepositoryOptions options = m_repository.Get();
     const bool isQuiet = options.isQuiet;
@@ -78,6 +110,10 @@ void LsCommand::Run(Report& report)
     Session session(options, report);
     const Repo::StoredSnapshot stored = ChooseSnapshot(session, snapshot, m_repository.GetSnapshotOptions());
     session.LoadIndex();
+    if (m_isForNcdu) {
+        PrintForNcdu(session, stored);
+        return;
+    }
     if (m_repository.IsJson())
         report.Out() << PrintableJson(SnapshotJson(stored, true)) << "\n";
     else if (!isQuiet)
@@ -86,6 +122,7 @@ void LsCommand::Run(Report& report)
         ListAll(session, stored);
     for (const std::string& path : paths)
         ListPath(session, stored, path);
+    PrintSorted(report);
 }
 
 void LsCommand::ListAll(Session& session, const Repo::StoredSnapshot& stored)
@@ -94,7 +131,7 @@ void LsCommand::ListAll(Session& session, const Repo::StoredSnapshot& stored)
     WalkTree(
         session.GetRepository(), stored.snapshot.tree, "",
         [&](const std::string& path, Node& node) {
-            Print(report, path, node);
+            Visit(report, path, node);
             return Step::Into;
         },
         [&](const std::string& path, const Krt::Exception::YError& error) {
@@ -112,28 +149,93 @@ void LsCommand::ListPath(Session& session, const Repo::StoredSnapshot& stored, c
     try {
         found = FindEntry(session.GetRepository(), stored.snapshot.tree, path);
     } catch (const Krt::Exception::YError& error) {
-        RaiseIfInterrupted();
+        RaiseIfEnding(error);
         fail(path, error);
         return;
     }
     const bool isRoot = found.path == "/";
     if (!isRoot)
-        Print(report, found.path, found.node);
+        Visit(report, found.path, found.node);
     if (!found.node.subtree)
         return;
     WalkTree(
         session.GetRepository(), *found.node.subtree, isRoot ? "" : found.path,
         [&](const std::string& below, Node& node) {
-            Print(report, below, node);
+            Visit(report, below, node);
             return m_recursive ? Step::Into : Step::Past;
         },
         fail);
 }
 
-void LsCommand::Print(Report& report, const std::string& path, const Node& node)
+void LsCommand::Visit(Report& report, const std::string& path, Node& node)
 {
     if (m_hasSeveralPaths && !m_printed.insert(path).second)
         return;
+    if (m_order.empty()) {
+        Print(report, path, node);
+        return;
+    }
+    node.content.reset(); // not printed, and long
+    node.attributes.clear();
+    node.genericAttributes.clear();
+    node.unknown.clear();
+    m_entries.push_back({path, std::move(node)});
+}
+
+// Entries that are equal in the order keep that of the snapshot.
+void LsCommand::PrintSorted(Report& report)
+{
+    const auto sortBy = [this](const auto& keyOf) {
+        std::stable_sort(m_entries.begin(), m_entries.end(),
+                         [&](const SortedEntry& a, const SortedEntry& b) { return keyOf(a) < keyOf(b); });
+    };
+    if (m_order == "size")
+        sortBy([](const SortedEntry& entry) { return entry.node.size; });
+    else if (m_order == "time" || m_order == "mtime")
+        sortBy([](const SortedEntry& entry) { return entry.node.mtime; });
+    else if (m_order == "atime")
+        sortBy([](const SortedEntry& entry) { return entry.node.atime; });
+    else if (m_order == "ctime")
+        sortBy([](const SortedEntry& entry) { return entry.node.ctime; });
+    else if (m_order == "extension")
+        sortBy([](const SortedEntry& entry) { return ExtensionOf(entry.node.name); });
+    if (m_isReversed)
+        std::reverse(m_entries.begin(), m_entries.end());
+    for (const SortedEntry& entry : m_entries)
+        Print(report, entry.path, entry.node);
+}
+
+// A directory is an array with itself and its entries.
+void LsCommand::PrintForNcdu(Session& session, const Repo::StoredSnapshot& stored)
+{
+    Report& report = session.GetReport();
+    Output& out = report.Out();
+    out << "[1,2,{\"progname\":\"kbagent\",\"progver\":\"" KBAGENT_VERSION "\",\"timestamp\":";
+    out << static_cast<unsigned long long>(std::max<std::int64_t>(0, stored.snapshot.time.seconds));
+    out << "},\n[{\"name\":\"/\"}";
+    std::size_t depth = 1;
+    const auto close = [&](std::size_t to) {
+        for (; depth > to; --depth)
+            out << "]";
+    };
+    WalkTree(
+        session.GetRepository(), stored.snapshot.tree, "",
+        [&](const std::string& path, Node& node) {
+            close(static_cast<std::size_t>(std::count(path.begin(), path.end(), '/')));
+            const bool isDirectory = node.type == Repo::NodeType::Directory;
+            out << ",\n" << (isDirectory ? "[" : "") << PrintableJson(NcduJson(node));
+            depth += isDirectory ? 1 : 0;
+            return Step::Into;
+        },
+        [&](const std::string& path, const Krt::Exception::YError& error) {
+            report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));
+        });
+    close(0);
+    out << "]\n";
+}
+
+void LsCommand::Print(Report& report, const std::string& path, const Node& node)
+{
     if (m_repository.IsJson())
         report.Out() << PrintableJson(NodeJson(path, node)) << "\n";
     else

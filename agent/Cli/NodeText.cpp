@@ -5,6 +5,7 @@
 
 #include <utf8.h>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace Agent {
@@ -14,6 +15,8 @@ using Repo::Node;
 using Repo::NodeType;
 
 namespace {
+
+constexpr std::uint64_t NcduBlock = 512; // bytes; a snapshot does not record what a file occupies
 
 const char* TypeWord(const Node& node)
 {
@@ -103,6 +106,38 @@ std::string NodeJson(const std::string& path, const Node& node)
         number("inode", node.inode);
     text("message_type", "node");
     text("struct_type", "node");
+    writer.EndObject();
+    return json;
+}
+
+std::string NcduJson(const Node& node)
+{
+    std::string json;
+    JsonWriter writer(json);
+    const auto number = [&](const char* key, std::uint64_t value) {
+        writer.Key(key);
+        writer.Number(value);
+    };
+    writer.BeginObject();
+    writer.Key("name");
+    writer.String(node.name);
+    number("asize", node.size);
+    number("dsize", (node.size + NcduBlock - 1) / NcduBlock * NcduBlock);
+    number("dev", node.deviceId);
+    number("ino", node.inode);
+    if (node.type == NodeType::File && node.links > 1) {
+        writer.Key("hlnkc");
+        writer.Bool(true);
+        number("nlink", node.links);
+    }
+    if (node.type != NodeType::File && node.type != NodeType::Directory) {
+        writer.Key("notreg");
+        writer.Bool(true);
+    }
+    number("uid", node.uid);
+    number("gid", node.gid);
+    number("mode", Repo::MakeStatMode(node.mode) & 07777);
+    number("mtime", static_cast<std::uint64_t>(std::max<std::int64_t>(0, node.mtime.seconds)));
     writer.EndObject();
     return json;
 }

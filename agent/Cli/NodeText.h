@@ -20,6 +20,9 @@ std::string NodeLine(const std::string& path, const Repo::Node& node);
 /// characters in it, and is also there as the Base64 of its bytes, under "path_base64".
 std::string NodeJson(const std::string& path, const Repo::Node& node);
 
+/// The JSON object of an entry in the format that ncdu imports.
+std::string NcduJson(const Repo::Node& node);
+
 /// The JSON object of a snapshot: that of its file, with its id. For "ls --json" the kind of the message,
 /// too.
 std::string SnapshotJson(const Repo::StoredSnapshot& stored, bool isMessage);

@@ -184,7 +184,7 @@ std::string SnapshotsCommand::TextOf(const GroupKey& key, const Group& group) co
     for (TextRow& row : rows)
         row.resize(columns.size());
     return text + TableText(columns, std::move(rows), OutputWidth()) + std::to_string(group.size()) +
-           " snapshots\n";
+           (group.size() == 1 ? " snapshot\n" : " snapshots\n");
 }
 
 std::string SnapshotsCommand::JsonOf(const std::map<GroupKey, Group>& groups) const

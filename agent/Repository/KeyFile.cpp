@@ -97,6 +97,16 @@ Key DeriveKey(const Secret& password, ByteView salt, const ScryptCost& cost)
     return Key(std::move(bytes));
 }
 
+Secret MasterKeyText(const Key& master)
+{
+    std::string text;
+    text.reserve(MasterTextSize);
+    AppendMaster(master, text);
+    Secret secret(AsBytes(text));
+    Wipe(MemoryOf(text));
+    return secret;
+}
+
 KeyFile KeyFile::Parse(std::string_view json)
 {
     constexpr std::uint64_t Largest = UINT32_MAX;
@@ -174,17 +184,8 @@ void KeyFile::SetMaster(const Key& master, const Secret& password)
     salt.resize(SaltSize);
     FillRandom(salt);
     const Key derived = DeriveKey(password, salt, cost);
-    std::string text;
-    text.reserve(MasterTextSize);
-    AppendMaster(master, text);
     data.clear();
-    try {
-        Seal(derived, AsBytes(text), data);
-    } catch (...) {
-        Wipe(MemoryOf(text));
-        throw;
-    }
-    Wipe(MemoryOf(text));
+    Seal(derived, MasterKeyText(master).View(), data);
 }
 
 std::optional<Key> KeyFile::Unlock(const Secret& password) const

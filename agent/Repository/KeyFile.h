@@ -28,6 +28,9 @@ struct ScryptCost
 /// OutOfMemory.
 Key DeriveKey(const Secret& password, ByteView salt, const ScryptCost& cost);
 
+/// The JSON text of a master key, as it is sealed in a key file.
+Secret MasterKeyText(const Key& master);
+
 struct KeyFile
 {
     static constexpr std::size_t SaltSize = 64;       ///< bytes

@@ -1,6 +1,8 @@
 // The commands that read repositories: compared with restic 0.14, and on damaged, hostile, locked and
 // read-only repositories.
 #include "agent/Access/RepositoryLock.h"
+#include "agent/Access/WatchedBackend.h"
+#include "agent/Dump/DumpRun.h"
 #include "agent/Record/NodeRecord.h"
 #include "agent/Repository/LocalBackend.h"
 #include "agent/Repository/Pack.h"
@@ -47,13 +49,15 @@ std::vector<std::string> Words(const std::string& text)
     return {std::istream_iterator<std::string>(in), {}};
 }
 
-// Leaves out what 0.14 does not have.
+// Leaves out what 0.14 does not have. Members keep their order.
 json::value AsOld(json::value value)
 {
     if (json::object* const object = value.if_object()) {
         for (const char* key : {"message_type", "inode", "path_base64", "total_uncompressed_size",
-                                "compression_ratio", "compression_progress", "compression_space_saving"})
-            object->erase(key);
+                                "compression_ratio", "compression_progress", "compression_space_saving"}) {
+            if (const auto member = object->find(key); member != object->end())
+                object->stable_erase(member);
+        }
         for (auto& member : *object)
             member.value() = AsOld(member.value());
     } else if (json::array* const array = value.if_array()) {
@@ -106,7 +110,9 @@ protected:
         const auto ours = Lines(Run(0, arguments).output), theirs = Lines(Restic(arguments));
         ASSERT_EQ(ours.size(), theirs.size()) << arguments;
         for (std::size_t i = 0; i < ours.size(); ++i)
-            ASSERT_EQ(AsOld(json::parse(ours[i])), AsOld(json::parse(theirs[i]))) << arguments;
+            ASSERT_EQ(json::serialize(AsOld(json::parse(ours[i]))),
+                      json::serialize(AsOld(json::parse(theirs[i]))))
+                << arguments;
     }
 
     // A repository with one key, without restic.
@@ -155,8 +161,9 @@ protected:
     std::string password = "secret";
 };
 
-// A repository that restic 0.14 wrote, in both versions of the format.
-class RepositoryOfRestic : public RepositoryCommands, public ::testing::WithParamInterface<const char*>
+// A repository that restic 0.14 wrote, in both versions of the format. It has a password that costs little,
+// since each command derives its key.
+class RepositoryOfRestic : public RepositoryCommands, public ::testing::WithParamInterface<std::uint32_t>
 {
 protected:
     void SetUp() override
@@ -170,7 +177,7 @@ protected:
         std::mt19937 random(7);
         std::generate_n(std::back_inserter(big), 3000000, [&] { return static_cast<char>(random()); });
         directory.Write("s/big", big);
-        Restic("init --repository-version " + std::string(GetParam()));
+        Create(GetParam());
         Restic("backup s --host h1 --tag a,b");
         directory.Write("s/later", "later");
         Restic("backup s --host h2 --tag c --exclude gone");
@@ -183,14 +190,11 @@ protected:
 
 TEST_P(RepositoryOfRestic, ListingsEqualThoseOfRestic)
 {
-    std::ofstream(directory / "new") << "other";
-    Restic("key add --new-password-file new");
     for (const std::string& arguments : std::vector<std::string>{"snapshots",
                                                                  "snapshots --path " + source,
                                                                  "snapshots --host h1",
                                                                  "snapshots --tag a,b",
                                                                  "snapshots --tag b --tag c",
-
                                                                  "snapshots --latest 1",
                                                                  "snapshots --group-by host",
                                                                  "snapshots --group-by host,tags,paths",
@@ -207,6 +211,8 @@ TEST_P(RepositoryOfRestic, ListingsEqualThoseOfRestic)
                                                                  "stats --mode raw-data",
                                                                  "stats --mode raw-data latest --host h2"})
         ExpectSameJson(arguments + " --json");
+    std::ofstream(directory / "new") << "other";
+    Restic("key add --new-password-file new");
     const auto keys = [](const std::string& text) {
         std::set<std::string> items;
         const json::value list = json::parse(text);
@@ -216,6 +222,11 @@ TEST_P(RepositoryOfRestic, ListingsEqualThoseOfRestic)
     };
     EXPECT_EQ(keys(Run(0, "key list --json").output), keys(Restic("key list --json")));
     EXPECT_EQ(Run(0, "cat config").output, Restic("cat config"));
+    // restic masks r when it uses the key.
+    const json::value ours = json::parse(Run(0, "cat masterkey").output);
+    const json::value theirs = json::parse(Restic("cat masterkey"));
+    EXPECT_EQ(ours.at("encrypt"), theirs.at("encrypt"));
+    EXPECT_EQ(ours.at("mac").at("k"), theirs.at("mac").at("k"));
     for (const auto& [kind, part] :
          {std::pair("snapshot", "snapshots"), {"key", "keys"}, {"index", "index"}}) {
         const std::string id = Files(part).front().filename();
@@ -274,7 +285,10 @@ TEST_P(RepositoryOfRestic, DumpedEntryEqualsItsSource)
     Run(3, "dump --host h2 -a zip latest /s --target s.zip"); // it has a FIFO
     EXPECT_EQ(ReadFile(directory / "s.zip").substr(0, 2), "PK");
     EXPECT_TRUE(Holds(Run(1, "dump latest /none").errors, "/none"));
-    Run(2, "dump latest s");
+    Run(2, "dump latest");
+    EXPECT_EQ(Run(0, "dump latest:/s --host h2 empty").output, "");
+    Run(0, "dump latest:s --host h2 / -t below.tar");
+    EXPECT_EQ(std::system(("tar -tf " + directory / "below.tar" + " | grep -qx emptydir/").c_str()), 0);
 }
 
 TEST_P(RepositoryOfRestic, CheckSucceedsAfterOtherCommands)
@@ -356,7 +370,7 @@ TEST_P(RepositoryOfRestic, CheckNamesDamagedEntries)
     EXPECT_EQ(touched("/s/same1") + touched("/s/big"), 0) << result.errors;
 }
 
-INSTANTIATE_TEST_SUITE_P(Version, RepositoryOfRestic, ::testing::Values("1", "2"));
+INSTANTIATE_TEST_SUITE_P(Version, RepositoryOfRestic, ::testing::Values(1, 2));
 
 TEST_F(RepositoryCommands, DamageIsNamedAndDoesNotEndCheck)
 {
@@ -390,7 +404,7 @@ TEST_F(RepositoryCommands, DamageIsNamedAndDoesNotEndCheck)
                                    "/c: blob ", "the pack is missing"})
         EXPECT_EQ(result.errors.find(part) != std::string::npos, part != ": /a: ") << part << result.errors;
     const ProgramResult listed = Run(3, "snapshots");
-    EXPECT_TRUE(Holds(listed.output, "1 snapshots"));
+    EXPECT_TRUE(Holds(listed.output, "1 snapshot\n"));
     const ProgramResult dumped = Run(3, "dump latest /a");
     EXPECT_EQ(dumped.output, "a");
     EXPECT_TRUE(Holds(dumped.errors, "snapshots/"));
@@ -421,13 +435,134 @@ TEST_F(RepositoryCommands, HostileTreeIsBounded)
         trees.push_back([&](const Id& below) { return directoryOf(below, {"d"}); });
     SaveTrees(opened, trees);
     EXPECT_TRUE(Holds(Run(3, "stats latest").errors, "more than 10000 levels deep"));
-    for (const char* name : {"..", ".", "", "a/b", "a\\u0000b"}) {
-        SaveTrees(opened, {[&](const Id&) {
-                      return directoryOf(Id(), {name});
-                  }});
-        EXPECT_TRUE(Holds(Run(3, "ls latest").errors, "kbagent: /: ")) << name;
-        Run(1, "check");
+}
+
+TEST_F(RepositoryCommands, WrongEntryHidesNoOther)
+{
+    const Repo::Repository opened = Create();
+    const auto entry = [](const std::string& members) {
+        return "{" + members + R"(,"type":"fifo"})";
+    };
+    const std::pair<std::string, std::string> rows[] = {
+        {R"("name":"..")", R"(entry "..")"},
+        {R"("name":".")", R"(entry ".")"},
+        {R"("name":"")", R"(entry "")"},
+        {R"("name":"a/b")", R"(entry "a/b")"},
+        {R"("name":"a\u0000b")", R"(entry "a\x00b")"},
+        {R"("name":"a")", "the directory has another entry of this name"},
+        {R"("name":"z","type":"fifo"},{"name":"a")", R"(entry "a": damaged at offset)"},
+        {R"("name":"\\q")", "not quoted correctly"},
+        {R"("mode":1)", "no name"},
+        {R"("name":"b","mode":"x")", R"(entry "b")"},
+    };
+    for (const auto& [members, message] : rows) {
+        const bool isOutOfOrder = members.find("},{") != members.npos;
+        SaveTrees(opened,
+                  {[&, &text = members](const Id&) {
+                       const std::string rest = isOutOfOrder ? "" : "," + entry(R"("name":"z")");
+                       return R"({"nodes":[)" + entry(R"("name":"a")") + "," + entry(text) + rest + "]}";
+                   },
+                   [](const Id& below) {
+                       return R"({"nodes":[{"name":"d","type":"dir","subtree":")" + below.ToHex() + R"("}]})";
+                   }});
+        const ProgramResult listed = Run(3, "ls -q --no-lock latest");
+        EXPECT_EQ(listed.output, "/d\n/d/a\n/d/z\n") << members;
+        EXPECT_TRUE(Holds(listed.errors, "kbagent: /d: ")) << listed.errors;
+        EXPECT_TRUE(Holds(listed.errors, message)) << listed.errors;
+        EXPECT_EQ(Run(0, "ls -q --no-lock latest /d/z").output, "/d/z\n");
+        Run(3, "dump --no-lock latest / -t out.tar");
+        EXPECT_EQ(std::system(("tar -tf " + directory / "out.tar" + " | grep -qx d/z").c_str()), 0);
+        const std::string found = Run(1, "check --no-lock").errors;
+        EXPECT_TRUE(Holds(found, message)) << found;
+        EXPECT_TRUE(Holds(found, ": /d: not all of its entries can be read: ")) << found;
     }
+    SaveTrees(opened, {[&](const Id&) {
+                  return R"({"nodes":[)" + entry(R"("name":"a")") + R"(,{"name":"b/)";
+              }});
+    EXPECT_TRUE(Holds(Run(3, "ls -q latest").errors, "kbagent: /: damaged at offset"));
+}
+
+TEST_F(RepositoryCommands, RepositoryOptionsMayPrecedeCommand)
+{
+    Create();
+    const std::string none = "KBAGENT_PASSWORD=", nowhere = "KBAGENT_REPOSITORY=/none";
+    const std::string plain = directory.Write("plain", "secret");
+    for (const std::string words :
+         {"-r repo -p plain --json snapshots", "-qr repo --password-file=plain snapshots --json",
+          "--repo=repo -p plain --json key list",
+          "--no-cache --cache-dir x -r x -p plain snapshots -r repo --json"}) {
+        const ProgramResult result = Run(0, Words(words), 0, {none, nowhere});
+        EXPECT_TRUE(json::parse(result.output).is_array()) << words;
+    }
+    EXPECT_TRUE(Holds(Run(2, "-r repo backup --store x y").errors, "backup does not have the option -r"));
+    EXPECT_TRUE(
+        Holds(Run(2, "snapshots --limit-upload 1").errors, "does not have restic's option --limit-upload"));
+    Run(2, "-r repo");
+    EXPECT_TRUE(Holds(Run(0, "-v -v snapshots").errors, "(version 2) was opened"));
+}
+
+TEST_F(RepositoryCommands, LsSorts)
+{
+    const auto node = [](const char* name, int size, const char* time) {
+        return R"({"name":")" + std::string(name) + R"(","type":"file","content":[],"size":)" +
+               std::to_string(size) + R"(,"mtime":"2024-01-01T00:00:)" + time + R"(Z"})";
+    };
+    SaveTrees(Create(), {[&](const Id&) {
+                  return R"({"nodes":[)" + node("a.z", 2, "01") + "," + node("b", 3, "00") + "," +
+                         node("c.y", 1, "02") + "]}";
+              }});
+    for (const auto& [options, expected] : {std::pair("--sort size", "/c.y\n/a.z\n/b\n"),
+                                            {"--sort time --reverse", "/c.y\n/a.z\n/b\n"},
+                                            {"--sort extension", "/b\n/c.y\n/a.z\n"},
+                                            {"--reverse", "/c.y\n/b\n/a.z\n"}})
+        EXPECT_EQ(Run(0, "ls -q latest " + std::string(options)).output, expected) << options;
+    const json::value tree = json::parse(Run(0, "ls --ncdu").output);
+    EXPECT_EQ(tree.at(3).at(2).at("name"), "b");
+    EXPECT_EQ(tree.at(3).at(2).at("asize"), 3);
+    Run(2, "ls --ncdu --sort size");
+    Run(2, "ls --sort colour");
+}
+
+// A backend that loses its lock when the second blob is read.
+class LosingBackend : public WatchedBackend
+{
+public:
+    using WatchedBackend::WatchedBackend;
+    void Load(const Repo::FileName& file, std::uint64_t offset, std::uint64_t length,
+              Repo::Bytes& out) override
+    {
+        if (++m_count == 2)
+            ReportLostLock();
+        WatchedBackend::Load(file, offset, length, out);
+    }
+
+private:
+    std::atomic<int> m_count{0};
+};
+
+TEST_F(RepositoryCommands, LostLockEndsRun)
+{
+    const Repo::Repository written = Create();
+    Repo::PackWriter pack(written.GetKey());
+    const Id data = Id::Of(Repo::AsBytes("x"));
+    pack.Add({BlobType::Data, data}, Repo::AsBytes("x"), false);
+    Repo::IndexFileWriter index;
+    index.Add(written.SavePack(pack.Finish()), pack.GetBlobs());
+    written.SaveText(FileKind::Index, index.Finish());
+    FoundEntry root{"/", {}};
+    root.node.subtree = SaveTrees(written, {[&](const Id&) {
+                                      return R"({"nodes":[{"name":"f","type":"file","size":1,"content":[")" +
+                                             data.ToHex() + R"("]}]})";
+                                  }});
+    const auto backend =
+        std::make_shared<LosingBackend>(std::make_shared<Repo::LocalBackend>(repository.c_str()));
+    Repo::Repository opened = Repo::Repository::Open(backend, Repo::Secret(Repo::AsBytes(password)));
+    opened.LoadIndex();
+    Report report;
+    DumpTarget target(directory / "out.tar", report);
+    DumpRun run(opened, target, report);
+    EXPECT_THROW(run.WriteDirectory(root, ArchiveFormat::Tar), LockLost);
+    EXPECT_EQ(report.GetFailed(), 0u);
 }
 
 TEST_F(RepositoryCommands, MissingPartDeterminesExitCode)
