@@ -39,6 +39,14 @@ std::shared_ptr<Repo::IBackend> BackendOf(const std::string& location)
     return std::make_shared<Repo::LocalBackend>(YString(std::string_view(path)));
 }
 
+void ReportFailure(Report& report, const Repo::FileName& file, const RepositoryError& error)
+{
+    std::string reason = ReasonOf(error).Bytes();
+    if (const std::string prefix = file.Prefix().Bytes(); reason.starts_with(prefix))
+        reason.erase(0, prefix.size());
+    report.EntryFailed(YString(file.Path()), YString(reason));
+}
+
 Session::Session(const RepositoryOptions& options, Report& report) : m_options(options), m_report(report)
 {
     if (m_options.isJson)
@@ -57,7 +65,7 @@ Session::Session(const RepositoryOptions& options, Report& report) : m_options(o
 void Session::LoadIndex()
 {
     const auto report = [this](const Repo::FileName& file, const RepositoryError& error) {
-        m_report.EntryFailed(YString(file.Path()), ReasonOf(error));
+        ReportFailure(m_report, file, error);
     };
     m_repository->LoadIndex(report, WorkerCount());
 }

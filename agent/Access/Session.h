@@ -16,6 +16,9 @@ namespace Agent {
 /// other address. The address is not in the message, since it may contain a password.
 std::shared_ptr<Repo::IBackend> BackendOf(const std::string& location);
 
+/// Reports a file that can't be read as a failed entry, with its path once.
+void ReportFailure(Report& report, const Repo::FileName& file, const Repo::RepositoryError& error);
+
 class Session
 {
 public:

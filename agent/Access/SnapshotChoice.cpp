@@ -82,7 +82,7 @@ std::vector<StoredSnapshot> ChooseSnapshots(Session& session, const std::vector<
     if (texts.empty())
         return session.GetRepository().LoadSnapshots(
             FilterOf(options), [&](const Repo::FileName& file, const Repo::RepositoryError& error) {
-                report.EntryFailed(YString(file.Path()), ReasonOf(error));
+                ReportFailure(report, file, error);
             });
     std::vector<StoredSnapshot> chosen;
     for (const std::string& text : texts) {

@@ -9,9 +9,7 @@
 
 namespace Agent {
 
-using Krt::YString;
 using Repo::FileKind;
-using Repo::FileName;
 using Repo::Id;
 
 namespace {
@@ -56,7 +54,7 @@ void KeyCommand::Run(Report& report)
             repository.LoadStored({FileKind::Key, id}, content);
             key = Repo::KeyFile::Parse(Repo::AsText(content));
         } catch (const Repo::RepositoryError& error) {
-            report.EntryFailed(YString(FileName{FileKind::Key, id}.Path()), ReasonOf(error));
+            ReportFailure(report, {FileKind::Key, id}, error);
             continue;
         }
         const bool isCurrent = id == repository.GetKeyId();

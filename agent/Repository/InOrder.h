@@ -15,8 +15,8 @@ namespace Agent::Repo {
 
 /// Calls `prepare(number, result)` for each number below `count` on up to `threads` threads, and then
 /// `take(number, result, failure)` on the calling thread in the order of the numbers. `result` is empty at
-/// first. `failure` is what `prepare` raised, or null. There are at most two results for each thread at a
-/// time. What `take` raises passes through, after the threads have ended.
+/// first. `failure` is what `prepare` raised, or null. There is at most one result more than there are
+/// threads. What `take` raises passes through, after the threads have ended.
 template <class Result, class Prepare, class Take>
 void RunInOrder(std::size_t count, unsigned int threads, const Prepare& prepare, const Take& take)
 {
@@ -27,7 +27,7 @@ void RunInOrder(std::size_t count, unsigned int threads, const Prepare& prepare,
         bool isReady = false;
     };
     const std::size_t workers = std::min<std::size_t>(count, std::max(threads, 1u));
-    std::vector<Slot> slots(2 * workers); // item i is in slot i modulo their number
+    std::vector<Slot> slots(workers + 1); // item i is in slot i modulo their number
     std::mutex mutex;
     std::condition_variable changed;
     std::size_t next = 0;

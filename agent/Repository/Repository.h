@@ -84,8 +84,8 @@ public:
     /// Reads all index files, on this many threads. The index has the order of the files' ids. Snapshots that
     /// are to be complete are listed before. With `onFailure`, index files that can't be read are given to it
     /// on the calling thread, and skipped; otherwise the first one raises, and the index is unchanged. No
-    /// other thread uses the repository meanwhile. Memory beyond that of the index is that of two index files
-    /// for each thread.
+    /// other thread uses the repository meanwhile. Memory beyond that of the index is that of one index file
+    /// for each thread, and one more.
     void LoadIndex(const FailureVisitor& onFailure = {}, unsigned int threads = 1);
     /// Empty before LoadIndex.
     const Index& GetIndex() const { return m_index; }
