@@ -3,6 +3,7 @@
 #include "agent/Access/TreeWalk.h"
 #include "agent/Cli/NodeText.h"
 #include "agent/Cli/RepositoryArguments.h"
+#include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
 #include <CLI/CLI.hpp>
@@ -149,7 +150,7 @@ void LsCommand::ListPath(Session& session, const Repo::StoredSnapshot& stored, c
     try {
         found = FindEntry(session.GetRepository(), stored.snapshot.tree, path);
     } catch (const Krt::Exception::YError& error) {
-        RaiseIfEnding(error);
+        RaiseIfInterrupted();
         fail(path, error);
         return;
     }
