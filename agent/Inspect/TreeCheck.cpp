@@ -164,7 +164,7 @@ private:
             Repo::Bytes text;
             m_state.GetRepository().LoadBlob({BlobType::Tree, tree}, text);
             Repo::TreeReader reader(Repo::AsText(text), Repo::UnknownMembers::Ignore,
-                                    [&level](const RepositoryError&) { level.isTouched = true; });
+                                    [&visited](const RepositoryError&) { visited.isTouched = true; });
             for (Node node; reader.Next(node);) {
                 visited.isTouched |= !m_state.FaultOf(node).empty();
                 if (node.type == NodeType::Directory && node.subtree)
