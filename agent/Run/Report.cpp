@@ -34,11 +34,11 @@ void Report::EntryFailed(const YString& path, const YString& reason)
         return;
     }
     std::string json = R"({"message_type":"error","error":{"message":)";
-    Repo::JsonWriter(json).String(reason.Bytes());
+    Krt::JSON::YTextWriter(json).String(reason.Bytes());
     json += R"(},"during":)";
-    Repo::JsonWriter(json).String(m_work);
+    Krt::JSON::YTextWriter(json).String(m_work);
     json += R"(,"item":)";
-    Repo::JsonWriter(json).String(path.Bytes());
+    Krt::JSON::YTextWriter(json).String(path.Bytes());
     JsonNote(json + "}");
 }
 
