@@ -266,22 +266,10 @@ Selection SnapshotRestore::Select(const std::string& path, bool isDirectory) con
     return selection;
 }
 
-// Returns false for the second entry of a name in its directory.
-bool SnapshotRestore::IsFirstOfName(const std::string& path, const Node& node)
-{
-    const auto depth = static_cast<std::size_t>(std::count(path.begin(), path.end(), '/'));
-    m_names.resize(depth);
-    return m_names.back().insert(node.name).second;
-}
-
 Step SnapshotRestore::Visit(const std::string& path, Node& node)
 {
     while (!m_way.empty() && !path.starts_with(m_way.back()->path + "/"))
         m_way.pop_back();
-    if (!IsFirstOfName(path, node)) {
-        m_report.EntryFailed(Text(path), "Not restored, since the directory has another entry of this name");
-        return Step::Past;
-    }
     const bool isDirectory = node.type == NodeType::Directory;
     const Selection selection = Select(path, isDirectory);
     if (!selection.isSelected && !selection.mayHaveSelected)
@@ -861,15 +849,12 @@ void SnapshotRestore::PrintSummary()
 // What the walk before has reported is not reported again.
 void SnapshotRestore::Verify(const Id& tree)
 {
-    m_names.clear();
     m_isExistingParentKnown = false;
     WalkTree(
         m_repository, tree, "",
         [this](const std::string& path, Node& node) {
             const bool isDirectory = node.type == NodeType::Directory;
             const Selection selection = Select(path, isDirectory);
-            if (!IsFirstOfName(path, node))
-                return Step::Past;
             if (selection.isSelected && node.type == NodeType::File && !m_unverified.contains(path))
                 VerifyFile(path, node);
             return selection.mayHaveSelected ? Step::Into : Step::Past;

@@ -81,7 +81,6 @@ private:
 
     Selection Select(const std::string& path, bool isDirectory) const;
     Step Visit(const std::string& path, Repo::Node& node);
-    bool IsFirstOfName(const std::string& path, const Repo::Node& node);
     std::unique_ptr<Item> ItemOf(const std::string& path, Repo::Node& node);
     void NoteWindows(const Repo::Node& node);
     void ChooseAttributes(Krt::File::ExtendedAttributeMap& attributes) const;
@@ -120,7 +119,6 @@ private:
     TargetCleaner m_cleaner;
     BlobLoader m_loader;
 
-    std::vector<std::unordered_set<std::string>> m_names; // of the directories on the way to the entry
     std::vector<std::unique_ptr<Item>> m_way; // directories that are restored if an entry below is
     std::unique_ptr<Batch> m_collected;
     std::unique_ptr<Batch> m_loading;
