@@ -6,6 +6,7 @@
 #include "testing/TemporaryDirectory.h"
 
 #include <functional>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -69,6 +70,9 @@ struct MountKind
     std::size_t entries; ///< number of entries of its source in the table of mounts
     /// Mounts it on the target, writable, and returns the source that the table should contain.
     std::function<std::string(const MountNamespace&, const std::string& target)> mount;
+
+    /// For the names of tests.
+    friend void PrintTo(const MountKind& kind, std::ostream* out) { *out << kind.label; }
 };
 
 /// Returns the kinds that have their own device.

@@ -42,6 +42,8 @@ struct Kind
     const char* program;
     std::vector<std::pair<std::string, std::string>> shortened; // in the steps' texts
     std::vector<Step> steps;
+
+    friend void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.label; }
 };
 
 void Install(IServiceManager& manager, const char* program)

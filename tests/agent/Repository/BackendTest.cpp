@@ -36,14 +36,20 @@ std::map<Id, std::uint64_t> Listed(IBackend& backend, FileKind kind)
     return files;
 }
 
-// Makes a backend for an empty place, which it may create below the directory.
-using Factory = std::unique_ptr<IBackend> (*)(const Testing::TemporaryDirectory& directory);
+struct BackendKind
+{
+    const char* label;
+    // Makes a backend for an empty place, which it may create below the directory.
+    std::unique_ptr<IBackend> (*make)(const Testing::TemporaryDirectory& directory);
 
-class Backend : public ::testing::TestWithParam<Factory>
+    friend void PrintTo(const BackendKind& kind, std::ostream* out) { *out << kind.label; }
+};
+
+class Backend : public ::testing::TestWithParam<BackendKind>
 {
 protected:
     const Testing::TemporaryDirectory directory;
-    const std::unique_ptr<IBackend> backend = GetParam()(directory);
+    const std::unique_ptr<IBackend> backend = GetParam().make(directory);
 };
 
 TEST_P(Backend, SavedFilesAreKept)
@@ -88,11 +94,14 @@ TEST_P(Backend, SavedFilesAreKept)
     EXPECT_THROW(backend->List(FileKind::Pack, [](const Id&, std::uint64_t) { throw 1; }), int);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Local, Backend,
-    ::testing::Values([](const Testing::TemporaryDirectory& directory) -> std::unique_ptr<IBackend> {
-        return std::make_unique<LocalBackend>((directory / "a/repo").c_str());
-    }));
+const BackendKind s_kinds[] = {
+    {"Local",
+     [](const Testing::TemporaryDirectory& directory) -> std::unique_ptr<IBackend> {
+         return std::make_unique<LocalBackend>((directory / "a/repo").c_str());
+     }},
+};
+INSTANTIATE_TEST_SUITE_P(Kinds, Backend, ::testing::ValuesIn(s_kinds),
+                         [](const auto& kind) { return kind.param.label; });
 
 TEST(LocalBackend, FailedWriteLeavesNoPartOfFile)
 {
