@@ -261,9 +261,9 @@ TEST_F(RepositoryRestore, EqualEntriesStayUntouched)
         }
         return times;
     };
-    const auto before = changes();
+    const auto unchanged = changes();
     Restored(0, {"--overwrite", "if-changed"});
-    EXPECT_EQ(changes(), before);
+    EXPECT_EQ(changes(), unchanged);
     // What has too much, or has become a file of its own, does not stay.
     setxattr((target + "/x").c_str(), "user.more", "2", 1, 0);
     fs::remove(target + "/d/b");

@@ -71,8 +71,9 @@ void ExpectListed(const YObject& record, const std::vector<Krt::JSON::MemberKey>
 {
     using Krt::JSON::MemberForm;
     for (const auto& [name, value] : record.Entries()) {
-        const auto key = std::find_if(keys.begin(), keys.end(),
-                                      [&](const auto& known) { return known.name == name.Bytes(); });
+        const auto key = std::find_if(keys.begin(), keys.end(), [&bytes = name.Bytes()](const auto& known) {
+            return known.name == bytes;
+        });
         ASSERT_NE(key, keys.end()) << name;
         EXPECT_EQ(value->IsObject(), key->form == MemberForm::Object) << name;
         EXPECT_EQ(value->IsArray(), key->form == MemberForm::Array) << name;
