@@ -87,7 +87,8 @@ TEST_F(YFileTest, EntryIsReadThroughItsDirectory)
     const Krt::File::YDirectory directory = Krt::File::YDirectory::Open(At("old"));
     fs::rename(m_directory / "old", m_directory / "new");
     YFile file;
-    file.OpenEntry(directory, "file", At("old/file"));
+    const YString name = "file", linkName = "link";
+    file.OpenEntry(directory, name, At("old/file"));
     char bytes[8];
     EXPECT_EQ(file.Read(bytes, 8), 7u);
     EXPECT_EQ(file.GetInode(), StatusOf("new/file").st_ino);
@@ -98,17 +99,17 @@ TEST_F(YFileTest, EntryIsReadThroughItsDirectory)
     });
     EXPECT_TRUE(file.ListExtendedAttributes().empty());
     EXPECT_TRUE(file.GetExtendedAttributeMap().empty());
-    for (const YString name : {"link", "fifo"}) {
-        file.OpenEntry(directory, name, At("old/x"));
-        EXPECT_EQ(file.GetModeFlags(), StatusOf("new/" + name.Bytes()).st_mode);
+    for (const YString other : {"link", "fifo"}) {
+        file.OpenEntry(directory, other, At("old/x"));
+        EXPECT_EQ(file.GetModeFlags(), StatusOf("new/" + other.Bytes()).st_mode);
         EXPECT_FALSE(file.IsOpen());
         EXPECT_TRUE(file.GetHandle().IsEmpty());
     }
-    file.OpenEntry(directory, "link", At("old/link"));
+    file.OpenEntry(directory, linkName, At("old/link"));
     EXPECT_EQ(file.GetSymbolicLinkTarget(), "target");
     fs::remove(m_directory / "new/link");
     EXPECT_EQ(Testing::OsErrorOf([&] { static_cast<void>(file.GetSymbolicLinkTarget()); }), ENOENT);
-    EXPECT_EQ(Testing::OsErrorOf([&] { file.OpenEntry(directory, "link", At("old/link")); }), ENOENT);
+    EXPECT_EQ(Testing::OsErrorOf([&] { file.OpenEntry(directory, linkName, At("old/link")); }), ENOENT);
 }
 
 TEST_F(YFileTest, RefusesOtherModesAndSurvivesFailedOpens)
