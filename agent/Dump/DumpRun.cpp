@@ -91,9 +91,12 @@ void DumpRun::Add(Archive& archive, const std::string& path, const Node& node, A
     std::string name = path.substr(1);
     std::string* first = nullptr;
     std::string linkTarget;
-    if (format == ArchiveFormat::Tar && node.type == NodeType::File && node.links > 1 && node.inode != 0) {
-        first = &m_linked[{node.deviceId, node.inode}];
+    const bool mayBeLink = format == ArchiveFormat::Tar && node.type == NodeType::File;
+    if (const auto key = mayBeLink ? LinkKeyOf(node) : std::nullopt) {
+        first = &m_linked[*key];
         linkTarget = *first;
+        if (linkTarget.empty() && HasOtherContent(m_linked, *key))
+            m_report.Note(YString(path + OtherContentNote));
     }
     try {
         REPOSITORY_RAISE_UNLESS(node.type != NodeType::Unknown, Repo::Failure::Damaged,

@@ -1,6 +1,7 @@
 // DumpRun: writes a file of a snapshot, or a directory as an archive, to standard output or to a file.
 #pragma once
 
+#include "agent/Access/LinkKey.h"
 #include "agent/Access/TreeWalk.h"
 #include "agent/Dump/Archive.h"
 #include "agent/Dump/BlobReader.h"
@@ -10,7 +11,6 @@
 
 #include <map>
 #include <string>
-#include <utility>
 
 namespace Agent {
 
@@ -52,7 +52,7 @@ private:
     DumpTarget& m_target;
     Report& m_report;
     BlobReader m_reader;
-    std::map<std::pair<std::uint64_t, std::uint64_t>, std::string> m_linked; // first path of each file
+    std::map<LinkKey, std::string> m_linked; // first path of each file
     unsigned long long m_entries = 0;
     unsigned long long m_bytes = 0;
 };

@@ -326,11 +326,9 @@ std::unique_ptr<SnapshotRestore::Item> SnapshotRestore::ItemOf(const std::string
     }
     ChooseAttributes(item->recorded.attributes.extended);
     item->device = node.device;
+    item->link = LinkKeyOf(node);
+    item->links = node.links;
     item->linkTarget = std::move(node.linkTarget);
-    if (node.links > 1 && node.inode != 0 && node.type != NodeType::Directory) {
-        item->link = LinkKey(node.deviceId, node.inode);
-        item->links = node.links;
-    }
     if (node.type == NodeType::File)
         PlanFile(*item, node);
     else if (node.type != NodeType::Directory)
@@ -489,6 +487,9 @@ void SnapshotRestore::Add(std::unique_ptr<Item> item)
     ++m_totals.files;
     if (item->recorded.type == S_IFREG)
         m_totals.bytes += item->recorded.size;
+    const bool isFirst = !item->link || m_planned.try_emplace(*item->link, 0).second;
+    if (isFirst && item->link && HasOtherContent(m_planned, *item->link))
+        m_report.Note(Text(item->path + OtherContentNote));
     if (!m_maker) {
         Content none(m_repository, m_loader, {});
         Write(*item, none);
@@ -497,7 +498,6 @@ void SnapshotRestore::Add(std::unique_ptr<Item> item)
     std::uint64_t bytes = 0;
     std::vector<Id> ids;
     const bool isLoaded = item->action == Item::Action::Restore || item->action == Item::Action::Update;
-    const bool isFirst = !item->link || m_planned.try_emplace(*item->link, 0).second;
     for (std::size_t i = 0; isLoaded && isFirst && !item->failure && i < item->content.size(); ++i) {
         if (!item->isUpToDate.empty() && item->isUpToDate[i])
             continue;

@@ -13,6 +13,7 @@
 // A blob that can't be loaded fails the files that need it, and a tree the entries below its directory.
 #pragma once
 
+#include "agent/Access/LinkKey.h"
 #include "agent/Access/TreeWalk.h"
 #include "agent/Restore/BlobLoader.h"
 #include "agent/Restore/EntryMaker.h"
@@ -77,7 +78,6 @@ private:
         unsigned long long files = 0, restored = 0, skipped = 0, deleted = 0;
         unsigned long long bytes = 0, bytesRestored = 0, bytesSkipped = 0;
     };
-    using LinkKey = std::pair<std::uint64_t, std::uint64_t>;
 
     Selection Select(const std::string& path, bool isDirectory) const;
     Step Visit(const std::string& path, Repo::Node& node);

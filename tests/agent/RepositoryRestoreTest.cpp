@@ -490,6 +490,39 @@ TEST_F(RepositoryRestore, HostileTreesReachNothingOutside)
     EXPECT_EQ(ReadFile(target + "/zgood"), "content");
 }
 
+// A file that changes during its backup.
+TEST_F(RepositoryRestore, NamesOfOneInodeWithOtherContentAreSeparate)
+{
+    const std::string inode = R"("inode":7,"device_id":8,"links":3,)";
+    SaveTrees({[&](auto&) {
+        const auto linked = [&](std::string text) {
+            return text.insert(text.find(R"("type")"), inode);
+        };
+        return TreeText(linked(FileText("a")) + "," +
+                        linked(NodeText("b", R"("type":"file","size":0,"content":[])")) + "," +
+                        linked(NodeText("c", R"("type":"symlink","linktarget":"x","content":null)")) + "," +
+                        linked(FileText("d")));
+    }});
+    const auto check = [this](const std::string& notes) {
+        EXPECT_TRUE(Holds(notes, "/b: It has the inode of another entry, but not its content"));
+        EXPECT_FALSE(Holds(notes, "/d: "));
+        EXPECT_EQ(ReadFile(target + "/a"), "content");
+        EXPECT_EQ(ReadFile(target + "/b"), "");
+        EXPECT_TRUE(fs::is_symlink(target + "/c"));
+        EXPECT_TRUE(fs::equivalent(target + "/a", target + "/d"));
+    };
+    check(Restored(0, {"--verify"}).errors);
+    const auto prepare = [] {
+        setenv("KBAGENT_PASSWORD", "secret", 1);
+    };
+    const std::string archive = directory / "archive";
+    const auto dumped =
+        RunProgram({"dump", "-r", repository, "--target", archive, "latest", "/"}, {.prepare = prepare});
+    ClearTarget();
+    ASSERT_EQ(std::system(("tar -C " + target + " -xf " + archive).c_str()), 0) << dumped.errors;
+    check(dumped.errors);
+}
+
 TEST_F(RepositoryRestore, RandomTreesComeBack)
 {
     std::mt19937 random(4);
