@@ -12,6 +12,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <filesystem>
 #include <sstream>
 
@@ -182,16 +183,19 @@ RestoreSettings RestoreCommand::SettingsOf() const
 // Nothing for a dry run into a directory that does not exist.
 std::optional<Krt::File::YDirectory> RestoreCommand::Target(Session& session) const
 {
-    const auto openIfPresent = [](const Krt::YString& path) -> std::optional<Krt::File::YDirectory> {
+    const auto openIfPresent = [](const Krt::YString& path,
+                                  bool isOther) -> std::optional<Krt::File::YDirectory> {
         try {
             return Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(path));
-        } catch (const Krt::Exception::YError&) {
+        } catch (const Krt::Exception::YError& error) {
+            if (!isOther && error.GetOsError() != ENOENT)
+                throw;
             return std::nullopt;
         }
     };
     if (m_isDryRun)
-        return openIfPresent(Krt::YString(std::string_view(m_target)));
-    const auto source = openIfPresent(session.GetRepository().GetBackend().Describe());
+        return openIfPresent(Krt::YString(std::string_view(m_target)), false);
+    const auto source = openIfPresent(session.GetRepository().GetBackend().Describe(), true);
     return OpenTarget(m_target, source ? &*source : nullptr, "the repository", session.GetReport());
 }
 

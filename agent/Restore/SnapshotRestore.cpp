@@ -552,6 +552,10 @@ void SnapshotRestore::Write(Item& item, Content& content)
     const auto refused = [&] {
         return m_maker && !m_maker->GetRefused().empty();
     };
+    if (!m_failedDirectory.empty() && item.path.starts_with(m_failedDirectory)) {
+        NoteUnverified(item.path);
+        return;
+    }
     try {
         if (m_maker)
             m_maker->GetRefused().clear();
@@ -559,21 +563,24 @@ void SnapshotRestore::Write(Item& item, Content& content)
             std::rethrow_exception(item.failure);
         if (item.action == Item::Action::Skip) {
             NoteUnverified(item.path);
-        } else if (item.recorded.type == S_IFDIR) {
-            WriteDirectory(item);
-        } else if (m_maker && !KeepUnchanged(item)) {
-            if (item.action == Item::Action::KeepUnchanged && item.isUpToDate.empty())
-                CompareContent(item, m_maker->GetTree().ParentOf(item.location));
-            item.action = item.action == Item::Action::Restore ? item.action : Item::Action::Update;
-            WriteOther(item, content);
+        } else {
+            KRT_RAISE_UNLESS(!item.recorded.isReparsePoint || item.recorded.type == S_IFREG,
+                             ErrorCode::NotSupported,
+                             "A reparse point is not restored: its record does not contain its target");
+            MakeRoom(item);
+            if (item.recorded.type == S_IFDIR)
+                WriteDirectory(item);
+            else if (!KeepUnchanged(item))
+                WriteOther(item, content);
         }
         if (m_maker && item.action != Item::Action::Skip)
             m_maker->Count(path, item.recorded.type);
         if (!refused())
             Done(item);
     } catch (const Krt::Exception::YError& error) {
-        if (item.recorded.type == S_IFREG)
-            NoteUnverified(item.path);
+        NoteUnverified(item.path);
+        if (item.recorded.type == S_IFDIR)
+            m_failedDirectory = item.path + "/";
         if (m_maker)
             m_maker->Failed(path, error);
         else
@@ -583,15 +590,32 @@ void SnapshotRestore::Write(Item& item, Content& content)
     PrintStatus();
 }
 
+// Returns the parent directory of an entry that is written. In a dry run it is null if it does not exist.
+const YDirectory* SnapshotRestore::ParentOf(const Item& item)
+{
+    return m_maker ? &m_maker->GetTree().ParentOf(item.location) : ExistingParent(item.location);
+}
+
+// A directory and an entry of another type don't replace each other, unless --delete removes what exists.
+void SnapshotRestore::MakeRoom(const Item& item)
+{
+    const YDirectory* const parent = ParentOf(item);
+    const YString& name = item.location.back();
+    struct stat existing
+    {};
+    if (parent == nullptr || !parent->StatIfPresent(name, existing) ||
+        S_ISDIR(existing.st_mode) == (item.recorded.type == S_IFDIR) ||
+        (m_settings.deletes && m_cleaner.Remove(*parent, name, item.path)))
+        return;
+    KRT_RAISE_UNLESS(!S_ISDIR(existing.st_mode), ErrorCode::InvalidState, "There is a directory at its path");
+    KRT_RAISE(ErrorCode::InvalidState,
+              (S_ISLNK(existing.st_mode) ? "There is a symlink instead of a directory: "
+                                         : "There is an entry that is not a directory: ")
+                  << name << "; nothing below it is restored");
+}
+
 void SnapshotRestore::WriteDirectory(Item& item)
 {
-    if (m_maker && m_settings.deletes) {
-        const YDirectory& parent = m_maker->GetTree().ParentOf(item.location);
-        struct stat existing
-        {};
-        if (parent.StatIfPresent(item.location.back(), existing) && !S_ISDIR(existing.st_mode))
-            m_cleaner.Remove(parent, item.location.back(), item.path);
-    }
     if (m_maker)
         m_maker->GetTree().MakeDirectory(item.location, item.recorded.attributes);
     if (item.names)
@@ -624,13 +648,14 @@ bool SnapshotRestore::KeepUnchanged(Item& item)
 {
     if (item.action != Item::Action::KeepUnchanged && item.action != Item::Action::Update)
         return false;
-    const YDirectory& parent = m_maker->GetTree().ParentOf(item.location);
+    const YDirectory* const found = ParentOf(item);
     const YString& name = item.location.back();
     struct stat now
     {};
-    if (!parent.StatIfPresent(name, now) || FileId(now) != FileId(item.existing) ||
+    if (found == nullptr || !found->StatIfPresent(name, now) || FileId(now) != FileId(item.existing) ||
         (now.st_mode & S_IFMT) != item.recorded.type)
         return false;
+    const YDirectory& parent = *found;
     if (const auto first = item.link ? m_linked.find(*item.link) : m_linked.end(); first != m_linked.end()) {
         if (FileId(now) != first->second.file)
             return false;
@@ -672,7 +697,8 @@ bool SnapshotRestore::KeepFile(const Item& item, const Krt::Util::YUnxHandle& fi
     });
     if (now.st_nlink != 1 || hasMore)
         return false;
-    Apply(attributes, file, m_maker->GetRefused());
+    if (m_maker)
+        Apply(attributes, file, m_maker->GetRefused());
     return true;
 }
 
@@ -701,14 +727,19 @@ void SnapshotRestore::NoteUnverified(const std::string& path)
 
 void SnapshotRestore::WriteOther(Item& item, Content& content)
 {
+    const bool isEqual = item.action == Item::Action::KeepUnchanged;
+    item.action = item.action == Item::Action::Restore ? item.action : Item::Action::Update;
+    if (!m_maker) {
+        if (item.link && m_linked.contains(*item.link))
+            CountLink(item);
+        else if (item.link)
+            NoteLink(item, {}); // no name that exists is one of the new file
+        return;
+    }
     const YDirectory& parent = m_maker->GetTree().ParentOf(item.location);
-    struct stat existing
-    {};
-    if (m_settings.deletes && parent.StatIfPresent(item.location.back(), existing) &&
-        S_ISDIR(existing.st_mode))
-        m_cleaner.Remove(parent, item.location.back(), item.path);
-    KRT_RAISE_UNLESS(!item.recorded.isReparsePoint || item.recorded.type == S_IFREG, ErrorCode::NotSupported,
-                     "A reparse point is not restored: its record does not contain its target");
+    if (isEqual && item.isUpToDate.empty())
+        CompareContent(item, parent);
+    item.action = item.action == Item::Action::Restore ? item.action : Item::Action::Update;
     NewEntry entry{.recorded = item.recorded, .location = item.location};
     entry.linkTarget = Text(item.linkTarget);
     entry.device = item.device;

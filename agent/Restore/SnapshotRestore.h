@@ -95,6 +95,8 @@ private:
     void Turn();
     void Drain();
     void Write(Item& item, Content& content);
+    const Krt::File::YDirectory* ParentOf(const Item& item);
+    void MakeRoom(const Item& item);
     void WriteDirectory(Item& item);
     void WriteOther(Item& item, Content& content);
     bool KeepUnchanged(Item& item);
@@ -129,6 +131,7 @@ private:
     std::map<LinkKey, std::uint64_t> m_planned;   // names that exist of files whose content was planned
     std::map<LinkKey, LinkedFile> m_linked;       // files of which names are still to come
     std::unordered_set<std::string> m_unverified; // paths of files that were kept or failed
+    std::string m_failedDirectory;                // with a slash; nothing below the directory is restored
     std::set<std::string> m_noted;
     Totals m_totals;
     std::chrono::steady_clock::time_point m_start;

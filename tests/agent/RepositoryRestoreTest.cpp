@@ -74,6 +74,26 @@ protected:
             << result.output << result.errors;
         return result;
     }
+    // A dry run changes nothing, and prints what the run after it does.
+    void RestoredAsForeseen(int exitCode, std::vector<std::string> more = {}) const
+    {
+        const auto linesOf = [](const ProgramResult& result) {
+            std::multiset<std::string> lines;
+            std::istringstream all(result.output + result.errors);
+            for (std::string line; std::getline(all, line);) {
+                if (const std::size_t place = line.find("Would restore"); place != std::string::npos)
+                    line.replace(place, 13, "Restored");
+                lines.insert(line);
+            }
+            return lines;
+        };
+        more.insert(more.end(), {"-v", "--dry-run"});
+        const std::string existing = Described(target);
+        const auto foreseen = linesOf(Restored(exitCode, more));
+        EXPECT_EQ(Described(target), existing);
+        more.pop_back();
+        EXPECT_EQ(linesOf(Restored(exitCode, more)), foreseen);
+    }
     // Times have nanoseconds here.
     static std::string Described(const std::string& root)
     {
@@ -268,7 +288,7 @@ TEST_F(RepositoryRestore, EqualEntriesStayUntouched)
     setxattr((target + "/x").c_str(), "user.more", "2", 1, 0);
     fs::remove(target + "/d/b");
     fs::copy_file(source + "/d/b", target + "/d/b");
-    Restored(0);
+    RestoredAsForeseen(0);
     EXPECT_EQ(Described(target), Described(source));
 }
 
@@ -368,11 +388,13 @@ TEST_F(RepositoryRestore, DeletesOnlyWhatTheSnapshotLacks)
                           Link("other", directory / "outside"), File("new", "x")});
     };
     clutter();
-    const std::string cluttered = DescribeTree(target);
     EXPECT_TRUE(Holds(Restored(0, {"--delete", "--dry-run"}).output, "deleted   /dir/more/x\n"));
-    EXPECT_EQ(DescribeTree(target), cluttered);
-    Restored(0, {"--delete"});
+    RestoredAsForeseen(0, {"--delete"});
     EXPECT_EQ(Described(target), Described(source));
+    clutter();
+    RestoredAsForeseen(3);
+    EXPECT_TRUE(Holds(Restored(3).errors, "/other: There is a symlink instead of a directory: other"));
+    EXPECT_FALSE(Holds(Restored(3, {"--verify"}).errors, "/other/x: ")) << "one error for all";
     clutter();
     Restored(-1, {"--delete", "--include", "/dir/*.c"});
     EXPECT_FALSE(fs::exists(target + "/dir/extra.c"));
