@@ -58,6 +58,8 @@ private:
     std::string m_snapshot = "latest";
     std::string m_to;
     CLI::Option* m_paths = nullptr;
+    std::vector<CLI::Option*> m_storeOptions;
+    std::vector<CLI::Option*> m_repositoryOptions;
 
     RepositoryArguments m_repository;
     std::string m_target;
@@ -75,14 +77,18 @@ CLI::App* RestoreCommand::Register(CLI::App& program)
     CLI::App* const command =
         program.add_subcommand("restore", "Restore entries of a snapshot into a directory");
     AddRepositoryOptions(*command);
+    m_repositoryOptions = command->get_options();
     command->add_option("--store", m_store, "Restore from this store instead of a repository")
         ->type_name("DIR");
-    command
-        ->add_option("--snapshot", m_snapshot,
-                     "With --store: the ID of a snapshot, a unique prefix of one, or latest")
-        ->type_name("ID")
-        ->capture_default_str();
-    command->add_option("--to", m_to, "With --store: the directory to restore into")->type_name("TARGET");
+    CLI::Option* const snapshot =
+        command
+            ->add_option("--snapshot", m_snapshot,
+                         "With --store: the ID of a snapshot, a unique prefix of one, or latest")
+            ->type_name("ID")
+            ->capture_default_str();
+    CLI::Option* const to =
+        command->add_option("--to", m_to, "With --store: the directory to restore into")->type_name("TARGET");
+    m_storeOptions = {snapshot, to};
     m_paths = AddPathArguments(
         *command,
         "The snapshot, by first digits of its ID or as latest; SNAPSHOT:PATH for what is below a\n"
@@ -142,6 +148,11 @@ void RestoreCommand::AddRepositoryOptions(CLI::App& command)
 
 void RestoreCommand::Run(Report& report)
 {
+    for (const CLI::Option* const option : m_store.empty() ? m_storeOptions : m_repositoryOptions) {
+        if (option->count() != 0)
+            throw UsageError(option->get_name() +
+                             (m_store.empty() ? " needs --store" : " can't be given together with --store"));
+    }
     if (m_store.empty())
         RunOnRepository(report);
     else

@@ -93,6 +93,8 @@ TEST_F(Cli, ExitCodeDependsOnKindOfFailure)
         {"damaged snapshot", {"list", "--store", store, "--snapshot", "9"}, 1, "is damaged at offset 0"},
         {"unreadable one", {"list", "--store", store, "--snapshot", "8"}, 1, "t 8-directory: Failed to read"},
         {"empty path", {"restore", "--store", store, "--to", to, ""}, 2, "is empty"},
+        {"no store", {"restore", "latest", "-t", to, "--snapshot", "2"}, 2, "--snapshot needs --store"},
+        {"a store", {"restore", "--store", store, "--to", to, "--delete"}, 2, "--delete can't be given"},
         {"option without its value", {"restore", "--store", store, "--to=", to}, 2, "is empty: '--to='"},
         {"name like an option", {"backup", "--store", to, "--", "--odd="}, 3, "--odd=: Failed to stat"},
         {"into the store", {"restore", "--store", store, "--snapshot=2", "--to", inStore}, 1, "lies in it"},
