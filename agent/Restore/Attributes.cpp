@@ -2,6 +2,7 @@
 
 #include "agent/Run/Text.h"
 
+#include "Krt/Environment/Host.h"
 #include "Krt/Exception/YError.h"
 #include "Krt/File/Unix/Status.h"
 #include "Krt/File/YEntry.h"
@@ -9,6 +10,7 @@
 
 #include <algorithm>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Agent {
 
@@ -107,7 +109,29 @@ bool IsSame(const Krt::File::ExtendedAttributeMap& wanted, const Krt::File::Exte
                       });
 }
 
+bool IsOwnGroup(gid_t group)
+{
+    std::vector<gid_t> groups(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
+    const int count = getgroups(static_cast<int>(groups.size()), groups.data());
+    groups.resize(static_cast<std::size_t>(std::max(count, 0)));
+    return group == getegid() || std::find(groups.begin(), groups.end(), group) != groups.end();
+}
+
 } // namespace
+
+bool LeaveOutForeignOwner(Attributes& attributes)
+{
+    if (Krt::Environment::IsRoot())
+        return false;
+    const bool isOtherUser = attributes.user != Krt::File::KeepOwner && attributes.user != geteuid();
+    const bool isOtherGroup = attributes.group != Krt::File::KeepOwner && !IsOwnGroup(attributes.group);
+    if (isOtherUser)
+        attributes.user = Krt::File::KeepOwner;
+    if (isOtherGroup)
+        attributes.group = Krt::File::KeepOwner;
+    attributes.mode = ModeFor(attributes.mode, !isOtherUser, !isOtherGroup);
+    return isOtherUser || isOtherGroup;
+}
 
 bool HasAttributes(const YEntry& entry, const struct stat& status, const Attributes& attributes,
                    bool comparesAccess)

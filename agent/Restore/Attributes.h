@@ -21,6 +21,9 @@ struct Attributes
     Krt::File::ExtendedAttributeMap extended;
 };
 
+/// Leaves out the owner that the user who restores can't set because the user is not root, and the bits that
+/// would lend rights of another owner. Returns true if it changed something.
+bool LeaveOutForeignOwner(Attributes& attributes);
 /// Sets the attributes of the open file or directory. For each one that the system refuses, a reason is added
 /// to `refused`.
 void Apply(const Attributes& attributes, const Krt::Util::YUnxHandle& handle,

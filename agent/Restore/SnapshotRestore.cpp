@@ -324,6 +324,10 @@ std::unique_ptr<SnapshotRestore::Item> SnapshotRestore::ItemOf(const std::string
         item->recorded.attributes.write = TimeOf(node.mtime);
         item->recorded.attributes.access = TimeOf(node.atime);
     }
+    if (LeaveOutForeignOwner(item->recorded.attributes) && !m_isOwnerNoted) {
+        m_isOwnerNoted = true;
+        m_report.Note("Owners are not restored by an ordinary user");
+    }
     ChooseAttributes(item->recorded.attributes.extended);
     item->device = node.device;
     item->link = LinkKeyOf(node);

@@ -133,6 +133,7 @@ private:
     std::unordered_set<std::string> m_unverified; // paths of files that were kept or failed
     std::string m_failedDirectory;                // with a slash; nothing below the directory is restored
     std::set<std::string> m_noted;
+    bool m_isOwnerNoted = false;
     Totals m_totals;
     std::chrono::steady_clock::time_point m_start;
     std::chrono::steady_clock::time_point m_shown;

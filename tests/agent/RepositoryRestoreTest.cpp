@@ -512,6 +512,31 @@ TEST_F(RepositoryRestore, HostileTreesReachNothingOutside)
     EXPECT_EQ(ReadFile(target + "/zgood"), "content");
 }
 
+TEST_F(RepositoryRestore, OrdinaryUserGetsFilesWithoutTheirOwners)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can make files of another user";
+    SaveTrees({[](auto&) { return TreeText(FileText("a") + "," + FileText("b")); },
+               [](auto& id) {
+                   return TreeText(DirectoryText("dir", id).replace(21, 3, "493"));
+               }});
+    const std::string command =
+        "chown 65534 " + directory.Path() + " && chown -R 65534 " + repository + " " + target;
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    const auto prepare = [] {
+        setenv("KBAGENT_PASSWORD", "secret", 1);
+    };
+    for (const char* output : {"Summary: Restored 3 files/dirs", "skipped 2 files/dirs"}) {
+        const auto result = RunProgram({"restore", "-r", repository, "-t", target, "latest"},
+                                       {.user = OrdinaryUser, .prepare = prepare});
+        EXPECT_EQ(result.exitCode, 0) << result.errors;
+        EXPECT_TRUE(Holds(result.output, output)) << result.output;
+        const std::size_t note = result.errors.find("Owners are not restored by an ordinary user");
+        EXPECT_NE(note, std::string::npos);
+        EXPECT_EQ(result.errors.find("wner", note + 3), std::string::npos);
+    }
+}
+
 // A file that changes during its backup.
 TEST_F(RepositoryRestore, NamesOfOneInodeWithOtherContentAreSeparate)
 {
