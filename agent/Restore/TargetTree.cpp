@@ -20,6 +20,7 @@ using Krt::File::YDirectory;
 namespace {
 
 constexpr unsigned int PrivateMode = 0700;
+constexpr std::size_t MaximumOpen = 64; // directories, each perhaps with a staging directory
 
 // Another user may have replaced the directory since its status was read.
 void CheckIs(const YDirectory& opened, const struct stat& seen, const YString& name)
@@ -46,6 +47,9 @@ TargetTree::~TargetTree()
             if (m_entered.empty())
                 return;
             m_entered.pop_back();
+            while (!m_entered.empty() && !m_entered.back().directory)
+                m_entered.pop_back();
+            m_closed = std::min(m_closed, m_entered.size());
         }
     }
 }
@@ -86,7 +90,7 @@ void TargetTree::Finish()
     while (!m_entered.empty())
         Leave();
     std::vector<YString> refused;
-    RemoveStaging(m_staging, refused);
+    RemoveStaging(m_root, m_staging, refused);
     if (!refused.empty())
         m_report({}, false, refused);
 }
@@ -105,14 +109,66 @@ const YDirectory& TargetTree::Descend(const TargetLocation& location, std::size_
         ++common;
     while (m_entered.size() > common)
         Leave();
-    while (m_entered.size() < depth)
+    while (m_entered.size() < depth) {
         m_entered.push_back(OpenOrMake(Top(), location[m_entered.size()]));
+        if (m_entered.size() - m_closed > MaximumOpen)
+            CloseOutermost();
+    }
     return Top();
+}
+
+void TargetTree::CloseOutermost()
+{
+    EnteredDirectory& entered = m_entered[m_closed];
+    entered.closed = FileId(entered.directory->Stat());
+    RemoveStaging(*entered.directory, entered.staging, entered.refused);
+    entered.directory.reset();
+    ++m_closed;
+}
+
+// Opens the innermost directories that are closed, half as many as may be open.
+void TargetTree::OpenClosed()
+{
+    const std::size_t end = m_closed;
+    std::size_t depth = end - std::min(end, MaximumOpen / 2);
+    YDirectory opened = m_root.OpenBelow(LocationAt(depth + 1));
+    std::vector<YDirectory> all;
+    for (;; opened = all.back().OpenDirectory(m_entered[depth].name)) {
+        KRT_RAISE_UNLESS(FileId(opened.Stat()) == m_entered[depth].closed, ErrorCode::InvalidState,
+                         "The directory was replaced during the restore: " << m_entered[depth].name);
+        all.push_back(std::move(opened));
+        if (++depth == end)
+            break;
+    }
+    m_closed = end - all.size();
+    for (std::size_t i = 0; i < all.size(); ++i)
+        m_entered[m_closed + i].directory = std::move(all[i]);
+}
+
+// Directories that can't be opened again keep the attributes that they have.
+void TargetTree::ForgetClosed(const YString& reason)
+{
+    for (std::size_t depth = m_closed; depth > 0; --depth) {
+        std::vector<YString> refused = std::move(m_entered[depth - 1].refused);
+        refused.push_back(YString("mode and times not restored: ") + reason);
+        m_report(LocationAt(depth), m_entered[depth - 1].attributes.has_value(), refused);
+    }
+    m_entered.clear();
+    m_closed = 0;
+}
+
+// The location of the directory at this depth, which is 1 in the root.
+TargetLocation TargetTree::LocationAt(std::size_t depth) const
+{
+    TargetLocation location;
+    std::transform(m_entered.begin(), m_entered.begin() + static_cast<std::ptrdiff_t>(depth),
+                   std::back_inserter(location), [](const EnteredDirectory& each) { return each.name; });
+    return location;
 }
 
 const YDirectory& TargetTree::Top() const
 {
-    return m_entered.empty() ? m_root : m_entered.back().directory;
+    return m_entered.empty() ? m_root : *m_entered.back().directory;
 }
 
 TargetTree::EnteredDirectory TargetTree::OpenOrMake(const YDirectory& parent, const YString& name)
@@ -138,12 +194,12 @@ TargetTree::EnteredDirectory TargetTree::OpenOrMake(const YDirectory& parent, co
         CheckIs(directory, status, name);
     if (!isNew && status.st_dev != m_device && !m_mounted.contains(status.st_dev))
         m_mounted.emplace(status.st_dev, parent.OpenDirectory(name));
-    return {name, std::move(directory), isNew, isWidened, status, std::nullopt, std::nullopt};
+    return {name, std::move(directory), isNew, isWidened, status, std::nullopt, std::nullopt, {}, {}};
 }
 
 void TargetTree::RestoreStatus(const EnteredDirectory& entered)
 {
-    const Krt::Util::YUnxHandle& handle = entered.directory.GetHandle();
+    const Krt::Util::YUnxHandle& handle = entered.directory->GetHandle();
     if (entered.isNew) {
         Krt::File::RemoveAccessLists(handle);
         Krt::File::YEntry(handle).SetMode(PrivateMode);
@@ -152,7 +208,7 @@ void TargetTree::RestoreStatus(const EnteredDirectory& entered)
     if (entered.isWidened)
         Krt::File::YEntry(handle).SetMode(entered.before.st_mode);
     // If no entry was created in it, it may belong to another user, and only its owner can set its times.
-    const struct stat now = entered.directory.Stat();
+    const struct stat now = entered.directory->Stat();
     const timespec& write = Krt::File::WriteTime(entered.before);
     if (Krt::File::WriteTime(now).tv_sec != write.tv_sec ||
         Krt::File::WriteTime(now).tv_nsec != write.tv_nsec)
@@ -160,12 +216,13 @@ void TargetTree::RestoreStatus(const EnteredDirectory& entered)
 }
 
 // A user who can write to the directory may have moved it away.
-void TargetTree::RemoveStaging(std::optional<Staging>& staging, std::vector<YString>& refused) const
+void TargetTree::RemoveStaging(const YDirectory& directory, std::optional<Staging>& staging,
+                               std::vector<YString>& refused) const
 {
     if (!staging)
         return;
     try {
-        Top().RemoveDirectory(m_stagingName);
+        directory.RemoveDirectory(m_stagingName);
     } catch (const Krt::Exception::YError& error) {
         refused.push_back(YString("temporary directory not removed: ") + ReasonOf(error));
     }
@@ -175,10 +232,19 @@ void TargetTree::RemoveStaging(std::optional<Staging>& staging, std::vector<YStr
 void TargetTree::Leave()
 {
     EnteredDirectory& entered = m_entered.back();
-    std::vector<YString> refused;
-    RemoveStaging(entered.staging, refused);
+    // The way to the parent directory leads through no directory that has its attributes already.
+    std::optional<YString> lost;
+    if (m_closed != 0 && m_closed + 1 == m_entered.size()) {
+        try {
+            OpenClosed();
+        } catch (const Krt::Exception::YError& error) {
+            lost = ReasonOf(error);
+        }
+    }
+    std::vector<YString> refused = std::move(entered.refused);
+    RemoveStaging(*entered.directory, entered.staging, refused);
     if (entered.attributes) {
-        Apply(*entered.attributes, entered.directory.GetHandle(), refused);
+        Apply(*entered.attributes, entered.directory->GetHandle(), refused);
     } else {
         try {
             RestoreStatus(entered);
@@ -186,13 +252,12 @@ void TargetTree::Leave()
             refused.push_back(YString("mode and times not restored: ") + ReasonOf(error));
         }
     }
-    if (!refused.empty()) {
-        TargetLocation location;
-        std::transform(m_entered.begin(), m_entered.end(), std::back_inserter(location),
-                       [](const EnteredDirectory& each) { return each.name; });
-        m_report(location, entered.attributes.has_value(), refused);
-    }
-    m_entered.pop_back();
+    if (!refused.empty())
+        m_report(LocationAt(m_entered.size()), entered.attributes.has_value(), refused);
+    if (lost)
+        ForgetClosed(*lost);
+    else
+        m_entered.pop_back();
 }
 
 } // namespace Agent

@@ -1,12 +1,14 @@
 // TargetTree: the directory that a restore writes into. Its directories are opened by descriptors, without
 // following symlinks, so nothing is created outside it. The parent directories of the current entry stay
-// open. A directory gets its attributes when the restore leaves it, the deepest first, because creating
-// entries in it changes its times.
+// open, up to a limit from which the outermost ones are closed and opened again later. A directory gets its
+// attributes when the restore leaves it, the deepest first, because creating entries in it changes its times.
 #pragma once
 
 #include "agent/Restore/Attributes.h"
 #include "agent/Restore/Staging.h"
 #include "agent/Restore/TargetLocation.h"
+
+#include "Krt/File/Unix/Status.h"
 
 #include <functional>
 #include <map>
@@ -52,20 +54,27 @@ private:
     struct EnteredDirectory
     {
         Krt::YString name;
-        Krt::File::YDirectory directory;
+        std::optional<Krt::File::YDirectory> directory; // nothing while it is closed
         bool isNew = false;
         bool isWidened = false; // its owner got all rights for the duration of the restore
         struct stat before
         {};                                   // restored at an existing directory without a record
         std::optional<Attributes> attributes; // of its record
         std::optional<Staging> staging;
+        Krt::File::FileId closed;          // the identity of a directory that is closed
+        std::vector<Krt::YString> refused; // before the restore leaves it
     };
 
     const Krt::File::YDirectory& Descend(const TargetLocation& location, std::size_t depth);
     const Krt::File::YDirectory& Top() const;
     EnteredDirectory OpenOrMake(const Krt::File::YDirectory& parent, const Krt::YString& name);
+    void CloseOutermost();
+    void OpenClosed();
+    void ForgetClosed(const Krt::YString& reason);
+    TargetLocation LocationAt(std::size_t depth) const;
     void Leave();
-    void RemoveStaging(std::optional<Staging>& staging, std::vector<Krt::YString>& refused) const;
+    void RemoveStaging(const Krt::File::YDirectory& directory, std::optional<Staging>& staging,
+                       std::vector<Krt::YString>& refused) const;
     static void RestoreStatus(const EnteredDirectory& entered);
 
     Krt::File::YDirectory m_root;
@@ -75,6 +84,7 @@ private:
     RefusalReport m_report;
     std::optional<Staging> m_staging; // of the root
     std::vector<EnteredDirectory> m_entered;
+    std::size_t m_closed = 0; // of m_entered, the outermost ones; never the last
 };
 
 } // namespace Agent

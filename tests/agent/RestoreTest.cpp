@@ -56,11 +56,11 @@ TEST_F(RestoreProgram, AbortLeavesDirectoriesUnchanged)
 
 TEST_F(RestoreProgram, DepthIsNotLimitedByDescriptors)
 {
-    MakeSnapshot({FileWith(Names(60, "d"), "deep")});
+    MakeSnapshot({FileWith(Names(300, "d"), "deep")});
     const auto lower = [] {
         rlimit limit{};
         getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = 50;
+        limit.rlim_cur = limit.rlim_max = 110;
         setrlimit(RLIMIT_NOFILE, &limit);
     };
     Restore(0, {.prepare = lower});
