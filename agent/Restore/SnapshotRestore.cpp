@@ -620,6 +620,13 @@ void SnapshotRestore::MakeRoom(const Item& item)
 
 void SnapshotRestore::WriteDirectory(Item& item)
 {
+    const YDirectory* const parent = ParentOf(item);
+    const YString& name = item.location.back();
+    struct stat existing
+    {};
+    if (parent != nullptr && parent->StatIfPresent(name, existing) && S_ISDIR(existing.st_mode) &&
+        HasAttributes(Krt::File::YEntry(*parent, name), existing, item.recorded.attributes, false))
+        item.action = Item::Action::KeepUnchanged;
     if (m_maker)
         m_maker->GetTree().MakeDirectory(item.location, item.recorded.attributes);
     if (item.names)
@@ -663,8 +670,7 @@ bool SnapshotRestore::KeepUnchanged(Item& item)
     if (const auto first = item.link ? m_linked.find(*item.link) : m_linked.end(); first != m_linked.end()) {
         if (FileId(now) != first->second.file)
             return false;
-        if (S_ISREG(now.st_mode))
-            item.action = Item::Action::KeepUnchanged;
+        item.action = Item::Action::KeepUnchanged;
         CountLink(item);
         return true;
     }
@@ -674,6 +680,7 @@ bool SnapshotRestore::KeepUnchanged(Item& item)
                                                       : S_ISFIFO(now.st_mode) || now.st_rdev == item.device;
         if (!isSameThing || !HasAttributes(Krt::File::YEntry(parent, name), now, attributes, false))
             return false;
+        item.action = Item::Action::KeepUnchanged;
     } else if (item.action != Item::Action::KeepUnchanged || !KeepFile(item, parent.OpenFile(name))) {
         return false;
     }
@@ -786,7 +793,11 @@ void SnapshotRestore::Done(const Item& item)
     const bool isSkipped = item.action == Item::Action::Skip || item.action == Item::Action::KeepUnchanged;
     ++(isSkipped ? m_totals.skipped : m_totals.restored);
     (isSkipped ? m_totals.bytesSkipped : m_totals.bytesRestored) += size;
-    const char* const action = isSkipped                                       ? "unchanged"
+    if (isSkipped && !m_settings.isVerbose)
+        return;
+    const bool isKept = item.action == Item::Action::Skip && !m_settings.isJson; // restic has no such word
+    const char* const action = isKept                                          ? "skipped"
+                               : isSkipped                                     ? "unchanged"
                                : item.action == Item::Action::Update && isFile ? "updated"
                                                                                : "restored";
     Print(action, item.path, isFile ? std::optional(size) : std::nullopt);

@@ -239,13 +239,13 @@ TEST_F(RepositoryRestore, ExistingFilesAreTreatedAsAsked)
         const char* overwrite;
         long long time;
         const char* action; // with other content of equal size
-    } rows[] = {{"always", 2000, "updated"},     {"if-changed", 2000, "unchanged"},
-                {"if-changed", 3, "updated"},    {"if-newer", 1999, "updated"},
-                {"if-newer", 2000, "unchanged"}, {"never", 1, "unchanged"}};
+    } rows[] = {{"always", 2000, "updated"},   {"if-changed", 2000, "unchanged"},
+                {"if-changed", 3, "updated"},  {"if-newer", 1999, "updated"},
+                {"if-newer", 2000, "skipped"}, {"never", 1, "skipped"}};
     for (const auto& row : rows) {
         ClearTarget();
         MakeTree(target, {File("file", other, 0600, row.time)});
-        const bool isKept = row.action == std::string("unchanged");
+        const bool isKept = row.action != std::string("updated");
         const auto inode = StatusOf("file").st_ino;
         // if-changed takes the file for equal, which only the verification finds out.
         const bool isWrong = isKept && row.overwrite == std::string("if-changed");
@@ -282,7 +282,9 @@ TEST_F(RepositoryRestore, EqualEntriesStayUntouched)
         return times;
     };
     const auto unchanged = changes();
-    Restored(0, {"--overwrite", "if-changed"});
+    const std::string all = Restored(0, {"--overwrite", "if-changed"}).output;
+    EXPECT_TRUE(Holds(all, "Summary: Restored 0 / 7 files/dirs (0 B / ") && Holds(all, ", skipped 7 "));
+    EXPECT_EQ(Restored(0, {"--dry-run"}).output.find("unchanged"), std::string::npos);
     EXPECT_EQ(changes(), unchanged);
     // What has too much, or has become a file of its own, does not stay.
     setxattr((target + "/x").c_str(), "user.more", "2", 1, 0);
@@ -526,7 +528,7 @@ TEST_F(RepositoryRestore, OrdinaryUserGetsFilesWithoutTheirOwners)
     const auto prepare = [] {
         setenv("KBAGENT_PASSWORD", "secret", 1);
     };
-    for (const char* output : {"Summary: Restored 3 files/dirs", "skipped 2 files/dirs"}) {
+    for (const char* output : {"Summary: Restored 3 files/dirs", "skipped 3 files/dirs"}) {
         const auto result = RunProgram({"restore", "-r", repository, "-t", target, "latest"},
                                        {.user = OrdinaryUser, .prepare = prepare});
         EXPECT_EQ(result.exitCode, 0) << result.errors;
