@@ -247,8 +247,10 @@ void RestoreCommand::RunOnRepository(Report& report)
     }
     if (arguments.size() > 1 && settings.paths.empty())
         return;
-    if (!settings.isJson && !settings.isQuiet)
+    if (!settings.isJson && !settings.isQuiet) {
         report.Out() << Printable("restoring " + DescribeSnapshot(stored) + " to " + m_target) << "\n";
+        report.Out().Flush(); // before failures, which go to standard error
+    }
 
     // All directories of the path to an entry are kept open.
     Krt::Environment::RaiseDescriptorLimit();

@@ -813,12 +813,14 @@ void SnapshotRestore::Print(const char* action, const std::string& path,
             R"({"message_type":"verbose_status","action":")" + std::string(action) + R"(","item":)";
         Repo::JsonWriter(json).String(path);
         m_report.Out() << PrintableJson(json + ",\"size\":" + std::to_string(size.value_or(0)) + "}") << "\n";
+        m_report.Out().Flush();
         return;
     }
     std::string line = action;
     line.resize(10, ' ');
     line += Printable(path) + (size ? " with size " + SizeText(*size) : "");
     m_report.Out() << line << "\n";
+    m_report.Out().Flush();
 }
 
 std::string SnapshotRestore::TotalsJson(const char* type) const
@@ -863,6 +865,7 @@ void SnapshotRestore::PrintStatus()
         return;
     m_shown = now;
     m_report.Out() << TotalsJson("status") << "\n";
+    m_report.Out().Flush();
 }
 
 void SnapshotRestore::PrintSummary()
