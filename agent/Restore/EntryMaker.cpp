@@ -9,6 +9,7 @@
 #include "Krt/Util/YUnxHandle.h"
 
 #include <cerrno>
+#include <sys/statvfs.h>
 
 namespace Agent {
 
@@ -23,6 +24,14 @@ namespace {
 YString TemporaryName()
 {
     return YString(".kbagent-restore-" + RandomHex(8));
+}
+
+// A file system that is mounted below the target may be read-only on its own.
+bool IsReadOnly(const YDirectory& directory)
+{
+    struct statvfs status
+    {};
+    return fstatvfs(directory.GetHandle().Get(), &status) == 0 && (status.f_flag & ST_RDONLY) != 0;
 }
 
 YString Joined(const std::vector<YString>& reasons)
@@ -97,6 +106,8 @@ void EntryMaker::Failed(const YString& path, const Krt::Exception::YError& error
     if (number == ENOSPC || number == EDQUOT)
         throw TargetFull("The target is full: " + path.Bytes() + ": " + ReasonOf(error).Bytes() + "; " +
                          std::to_string(m_counts.Entries()) + " entries were restored before and stay");
+    if (number == EROFS && IsReadOnly(m_tree.GetRoot()))
+        throw TargetFull("The target is read-only: " + path.Bytes() + ": " + ReasonOf(error).Bytes());
     m_report.EntryFailed(path, ReasonOf(error));
 }
 

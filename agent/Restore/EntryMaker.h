@@ -13,8 +13,8 @@
 
 namespace Agent {
 
-/// The target has no space left, which ends a restore. It is not a YError, so that it is not handled as the
-/// failure of one entry.
+/// The target has no space left or is read-only, which ends a restore. It is not a YError, so that it is not
+/// handled as the failure of one entry.
 class TargetFull : public std::runtime_error
 {
 public:
