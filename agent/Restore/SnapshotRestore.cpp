@@ -611,11 +611,13 @@ void SnapshotRestore::MakeRoom(const Item& item)
         S_ISDIR(existing.st_mode) == (item.recorded.type == S_IFDIR) ||
         (m_settings.deletes && m_cleaner.Remove(*parent, name, item.path)))
         return;
-    KRT_RAISE_UNLESS(!S_ISDIR(existing.st_mode), ErrorCode::InvalidState, "There is a directory at its path");
+    const char* const hint = m_settings.deletes ? "" : "; --delete replaces it";
+    KRT_RAISE_UNLESS(!S_ISDIR(existing.st_mode), ErrorCode::InvalidState,
+                     "There is a directory at its path" << hint);
     KRT_RAISE(ErrorCode::InvalidState,
               (S_ISLNK(existing.st_mode) ? "There is a symlink instead of a directory: "
                                          : "There is an entry that is not a directory: ")
-                  << name << "; nothing below it is restored");
+                  << name << "; nothing below it is restored" << hint);
 }
 
 void SnapshotRestore::WriteDirectory(Item& item)

@@ -395,6 +395,7 @@ TEST_F(RepositoryRestore, DeletesOnlyWhatTheSnapshotLacks)
     EXPECT_EQ(Described(target), Described(source));
     clutter();
     RestoredAsForeseen(3);
+    EXPECT_TRUE(Holds(Restored(3).errors, "/file: There is a directory at its path; --delete replaces it"));
     EXPECT_TRUE(Holds(Restored(3).errors, "/other: There is a symlink instead of a directory: other"));
     EXPECT_FALSE(Holds(Restored(3, {"--verify"}).errors, "/other/x: ")) << "one error for all";
     clutter();
