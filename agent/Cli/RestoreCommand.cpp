@@ -25,6 +25,17 @@ struct PatternArguments
 {
     Patterns Get() const
     {
+        try {
+            return Read();
+        } catch (const Krt::Exception::YError& error) {
+            if (error.GetCode() != Krt::ErrorCode::InvalidArgument)
+                throw;
+            throw UsageError(ReasonOf(error).Bytes());
+        }
+    }
+
+    Patterns Read() const
+    {
         Patterns all;
         for (const std::string& text : patterns)
             all.Add(text, false);
@@ -248,14 +259,18 @@ void RestoreCommand::RunOnRepository(Report& report)
     if (arguments.size() > 1 && settings.paths.empty())
         return;
     if (!settings.isJson && !settings.isQuiet) {
-        report.Out() << Printable("restoring " + DescribeSnapshot(stored) + " to " + m_target) << "\n";
+        const bool isLatest = choice.substr(0, colon) == "latest"; // which was reported
+        report.Out() << Printable("restoring " +
+                                  (isLatest ? "snapshot " + ShortId(stored.id) : DescribeSnapshot(stored)) +
+                                  " to " + m_target)
+                     << "\n";
         report.Out().Flush(); // before failures, which go to standard error
     }
 
     // All directories of the path to an entry are kept open.
     Krt::Environment::RaiseDescriptorLimit();
-    std::optional<Krt::File::YDirectory> target = Target(session);
     Krt::Environment::SetFileCreationMask(077);
+    std::optional<Krt::File::YDirectory> target = Target(session);
     SnapshotRestore run(repository, std::move(target), std::move(settings), report);
     run.Run(tree);
     run.PrintSummary();

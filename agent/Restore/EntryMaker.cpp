@@ -94,7 +94,7 @@ void EntryMaker::Count(const YString& path, unsigned int type)
     if (m_refused.empty())
         m_counts.Add(type);
     else
-        m_report.EntryFailed(path, Joined(m_refused));
+        m_report.EntryFailed(path, WithoutTemporary(path, Joined(m_refused)));
 }
 
 void EntryMaker::Failed(const YString& path, const Krt::Exception::YError& error)
@@ -108,7 +108,16 @@ void EntryMaker::Failed(const YString& path, const Krt::Exception::YError& error
                          std::to_string(m_counts.Entries()) + " entries were restored before and stay");
     if (number == EROFS && IsReadOnly(m_tree.GetRoot()))
         throw TargetFull("The target is read-only: " + path.Bytes() + ": " + ReasonOf(error).Bytes());
-    m_report.EntryFailed(path, ReasonOf(error));
+    m_report.EntryFailed(path, WithoutTemporary(path, ReasonOf(error)));
+}
+
+// Replaces the temporary name by that of the entry.
+YString EntryMaker::WithoutTemporary(const YString& path, const YString& reason) const
+{
+    std::string text = reason.Bytes();
+    if (const std::size_t place = text.find(m_temporary.Bytes()); place != std::string::npos)
+        text.replace(place, m_temporary.Bytes().size(), path.Bytes().substr(path.Bytes().rfind('/') + 1));
+    return YString(std::move(text));
 }
 
 // rename does nothing if both names are hard links to one file, so the temporary one may still exist.

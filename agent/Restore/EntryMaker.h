@@ -73,6 +73,7 @@ private:
                   std::optional<Krt::File::FileId>& made);
     void MakeOther(const NewEntry& entry, const Staging& staging);
     bool MakeHardLink(const LinkedFile* first, const TargetLocation& location);
+    Krt::YString WithoutTemporary(const Krt::YString& path, const Krt::YString& reason) const;
     void RemoveTemporary(const Krt::File::YDirectory& parent);
 
     Report& m_report;

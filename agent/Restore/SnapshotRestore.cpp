@@ -236,6 +236,8 @@ void SnapshotRestore::Run(const Id& tree)
         });
     Drain();
     m_way.clear();
+    if (m_totals.files == 0 && !m_settings.includes.IsEmpty())
+        m_report.Note("No entry matches the patterns, so nothing is restored");
     if (m_maker) {
         m_maker->GetTree().Finish();
         m_maker->GetTree().Sync();
