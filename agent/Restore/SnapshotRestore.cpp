@@ -534,9 +534,12 @@ void SnapshotRestore::Turn()
     if (m_loading)
         loaded = m_loading->blobs.get();
     const std::unique_ptr<Batch> written = std::move(m_loading);
-    m_loading = std::move(m_collected);
-    m_loading->blobs = m_loader.Start(m_loading->ids);
-    m_collected = std::make_unique<Batch>();
+    // The loader takes one batch at a time, and a large file is loaded when no batch is.
+    if (!m_collected->items.empty()) {
+        m_loading = std::move(m_collected);
+        m_loading->blobs = m_loader.Start(m_loading->ids);
+        m_collected = std::make_unique<Batch>();
+    }
     if (!written)
         return;
     Content content(m_repository, m_loader, std::move(loaded));
