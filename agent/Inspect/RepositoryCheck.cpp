@@ -144,18 +144,33 @@ private:
         const std::uint64_t size = m_sizes[number];
         if (pack.hasData && pack.hasTrees)
             m_observer.OnHint(path + ": the pack has data and trees");
-        if (size == pack.size)
+        const std::uint64_t outside = MarkOutside(state, number);
+        if (size == NoSize)
+            state.AddError(path + ": the pack is missing");
+        else if (size != pack.size)
+            state.AddError(path + ": the pack has " + std::to_string(size) + " bytes, the index expects " +
+                           std::to_string(pack.size));
+        else if (outside != 0)
+            state.AddError(path + ": the index places blobs outside of the pack: " + std::to_string(outside));
+        else
             return;
-        state.AddError(size == NoSize ? path + ": the pack is missing"
-                                      : path + ": the pack has " + std::to_string(size) +
-                                            " bytes, the index expects " + std::to_string(pack.size));
         m_summary.isIndexWrong = true;
         state.MarkBroken(number);
+    }
+
+    // Marks the blobs that are not within their pack, and returns their number.
+    std::uint64_t MarkOutside(CheckState& state, std::uint32_t number)
+    {
+        const std::uint64_t size = m_sizes[number] == NoSize ? 0 : m_sizes[number];
+        std::uint64_t outside = 0;
         for (const std::uint32_t blob : state.BlobsOf(number)) {
-            const Repo::PackedBlob& stored = m_repository.GetIndex().At(blob).blob;
-            if (size == NoSize || std::uint64_t(stored.offset) + stored.length > size)
-                state.MarkBad(blob);
+            const Repo::PackedBlob stored = m_repository.GetIndex().At(blob).blob;
+            if (std::uint64_t(stored.offset) + stored.length <= size)
+                continue;
+            state.MarkBad(blob);
+            ++outside;
         }
+        return outside;
     }
 
     std::vector<std::uint32_t> Choose(const PackSubset& subset) const

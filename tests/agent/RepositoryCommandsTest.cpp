@@ -523,6 +523,21 @@ TEST_F(RepositoryCommands, LsSorts)
     Run(2, "ls --sort colour");
 }
 
+TEST_F(RepositoryCommands, CheckFindsBlobOutsideOfItsPack)
+{
+    const Repo::Repository opened = Create();
+    Repo::PackWriter pack(opened.GetKey());
+    for (const char* text : {"a", "b"})
+        pack.Add({BlobType::Data, Id::Of(Repo::AsBytes(text))}, Repo::AsBytes(text), false);
+    std::vector<Repo::PackedBlob> blobs = pack.GetBlobs();
+    blobs.back().offset = 1000; // so the sum of the lengths still is the size of the pack
+    Repo::IndexFileWriter index;
+    index.Add(opened.SavePack(pack.Finish()), blobs);
+    opened.SaveText(FileKind::Index, index.Finish());
+    const ProgramResult result = Run(1, "check");
+    EXPECT_TRUE(Holds(result.errors, "places blobs outside of the pack: 1")) << result.errors;
+}
+
 // A backend that loses its lock when the second blob is read.
 class LosingBackend : public WatchedBackend
 {
