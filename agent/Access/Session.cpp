@@ -75,6 +75,9 @@ void Session::Open()
     Repo::OpenOptions options;
     options.keyHint = !m_options.keyHint.empty() ? m_options.keyHint
                                                  : FromEnvironment({"KEY_HINT"}, "KEY_HINT").value_or("");
+    options.onUnreadKey = [this](const Repo::FileName&, const RepositoryError& error) {
+        m_report.Note("A key file can't be used: " + ReasonOf(error));
+    };
     for (int attempt = 1; !m_repository; ++attempt) {
         const Password password = ReadPassword(m_options, m_report);
         try {

@@ -113,18 +113,24 @@ std::optional<Key> TryKeyFile(IBackend& backend, const FileName& file, const Sec
 
 std::pair<Id, Key> FindKey(IBackend& backend, const Secret& password, const OpenOptions& options)
 {
-    std::optional<RepositoryError> firstError;
+    std::vector<std::pair<FileName, RepositoryError>> unread;
+    bool wasTried = false;
     for (const Id& id : OrderKeys(backend, options.keyHint)) {
+        const FileName file{FileKind::Key, id};
         try {
-            if (std::optional<Key> master = TryKeyFile(backend, {FileKind::Key, id}, password))
+            if (std::optional<Key> master = TryKeyFile(backend, file, password))
                 return {id, std::move(*master)};
+            wasTried = true;
         } catch (const RepositoryError& error) {
-            if (!firstError)
-                firstError = error;
+            unread.emplace_back(file, error);
         }
     }
-    if (firstError)
-        throw RepositoryError(*firstError);
+    if (!wasTried && !unread.empty())
+        throw RepositoryError(unread.front().second);
+    for (const auto& [file, error] : unread) {
+        if (options.onUnreadKey)
+            options.onUnreadKey(file, error);
+    }
     REPOSITORY_RAISE(Failure::WrongPassword,
                      "The password opens no key of the repository at " << backend.Describe());
 }

@@ -19,13 +19,17 @@
 
 namespace Agent::Repo {
 
+/// Called for a file that can't be read. What it raises ends the operation.
+using FailureVisitor = std::function<void(const FileName& file, const RepositoryError& error)>;
+
 /// How a repository is opened.
 struct OpenOptions
 {
     /// Key files that are tried after the hinted one.
     static constexpr int KeyLimit = 20;
 
-    std::string keyHint; ///< first digits of the id of the key file to be tried first; none if empty
+    std::string keyHint;        ///< first digits of the id of the key file to be tried first; none if empty
+    FailureVisitor onUnreadKey; ///< called before WrongPassword for key files that could not be tried
 };
 
 /// How a repository is created.
@@ -37,9 +41,6 @@ struct CreateOptions
     std::string hostname;                          ///< noted in the key file
 };
 
-/// Called for a file that can't be read. What it raises ends the operation.
-using FailureVisitor = std::function<void(const FileName& file, const RepositoryError& error)>;
-
 class Repository
 {
 public:
@@ -48,8 +49,8 @@ public:
 
     /// Opens a repository. Tries the hinted key file, and then others in the order of their ids. A key file
     /// that can't be read is skipped. Raises NoRepository if there is no configuration, or one of an unknown
-    /// version. If no key file fits, raises the failure of the first that could not be read, or WrongPassword
-    /// if there was none.
+    /// version. If no key file fits, raises WrongPassword if the password was tried with one of them or there
+    /// are none, otherwise the failure of the first.
     static Repository Open(std::shared_ptr<IBackend> backend, const Secret& password,
                            const OpenOptions& options = {});
     /// Creates a repository with one key file, and opens it. Raises InvalidArgument if the location already

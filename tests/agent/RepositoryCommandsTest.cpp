@@ -588,8 +588,12 @@ TEST_F(RepositoryCommands, MissingPartDeterminesExitCode)
     EXPECT_EQ(Run(0, "snapshots --json").output, "[]\n");
     Run(1, "ls");
     Run(2, "snapshots --no-such-option");
+    const Id damaged = Id::Of(Repo::AsBytes("x"));
+    opened.GetBackend().Save({FileKind::Key, damaged}, Repo::AsBytes("{}"));
+    Run(0, "snapshots");
     password = "wrong";
     const ProgramResult wrong = Run(12, "snapshots --json");
+    EXPECT_TRUE(Holds(wrong.errors, "A key file can't be used: keys/" + damaged.ToHex()));
     EXPECT_TRUE(Holds(wrong.errors, R"({"message_type":"exit_error","code":12,)"));
     EXPECT_EQ((wrong.output + wrong.errors).find("wrong-secret"), std::string::npos);
     password = "secret";
