@@ -46,9 +46,10 @@ CLI::App* DumpCommand::Register(CLI::App& program)
         "SNAPSHOT_PATH");
     m_arguments->required();
     command->footer(
-        "A tar archive has the entries below the directory with their owners, times and extended\n"
-        "attributes, and hard links. A zip archive has neither of them, and no devices and FIFOs. A file\n"
-        "whose content is damaged is filled with zeros, and the exit code is 3.\n\n" +
+        "A tar archive has the entries below the directory with their owners, times, access lists and\n"
+        "extended attributes, and hard links; tar --acls --xattrs restores all of them. A zip archive has\n"
+        "none of them, and no devices and FIFOs. A file of an archive whose content is damaged is filled\n"
+        "with zeros, and the exit code is 3.\n\n" +
         std::string(RepositoryHelp) + "Example: kbagent dump --repo /backup/repository latest /etc | tar -t");
     return command;
 }

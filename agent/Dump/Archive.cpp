@@ -59,6 +59,64 @@ unsigned int FileTypeOf(NodeType type)
     }
 }
 
+// A number of an access list, little endian.
+std::uint32_t NumberAt(Repo::ByteView bytes, std::size_t at, std::size_t size)
+{
+    std::uint32_t number = 0;
+    for (std::size_t i = size; i-- != 0;)
+        number = number << 8 | bytes[at + i];
+    return number;
+}
+
+// The tag of libarchive for that of an access list; 0 if it is not known.
+int TagOf(std::uint32_t tag)
+{
+    switch (tag) {
+    case 0x01:
+        return ARCHIVE_ENTRY_ACL_USER_OBJ;
+    case 0x02:
+        return ARCHIVE_ENTRY_ACL_USER;
+    case 0x04:
+        return ARCHIVE_ENTRY_ACL_GROUP_OBJ;
+    case 0x08:
+        return ARCHIVE_ENTRY_ACL_GROUP;
+    case 0x10:
+        return ARCHIVE_ENTRY_ACL_MASK;
+    case 0x20:
+        return ARCHIVE_ENTRY_ACL_OTHER;
+    default:
+        return 0;
+    }
+}
+
+// Adds the access list of an attribute: a version, then a tag, permissions and an id for each row. Returns
+// false, with the entry unchanged, if the attribute is not one. An access list of a file sets its mode, too,
+// so that its group's bits are those of the group and not of the mask.
+bool AddAccessList(archive_entry* entry, const Repo::NodeAttribute& attribute)
+{
+    constexpr std::size_t HeaderSize = 4, RowSize = 8;
+    constexpr std::uint32_t Version = 2;
+    const bool isDefault = attribute.name == "system.posix_acl_default";
+    const Repo::ByteView list(attribute.value);
+    if (!isDefault && attribute.name != "system.posix_acl_access")
+        return false;
+    if (list.size() < HeaderSize || list.size() % RowSize != HeaderSize || NumberAt(list, 0, 4) != Version)
+        return false;
+    for (std::size_t at = HeaderSize; at < list.size(); at += RowSize) {
+        if (TagOf(NumberAt(list, at, 2)) == 0 || NumberAt(list, at + 2, 2) > 7)
+            return false;
+    }
+    for (std::size_t at = HeaderSize; at < list.size(); at += RowSize) {
+        const int tag = TagOf(NumberAt(list, at, 2));
+        const bool isNamed = tag == ARCHIVE_ENTRY_ACL_USER || tag == ARCHIVE_ENTRY_ACL_GROUP;
+        archive_entry_acl_add_entry(
+            entry, isDefault ? ARCHIVE_ENTRY_ACL_TYPE_DEFAULT : ARCHIVE_ENTRY_ACL_TYPE_ACCESS,
+            static_cast<int>(NumberAt(list, at + 2, 2)), tag,
+            isNamed ? static_cast<int>(NumberAt(list, at + 4, 4)) : -1, nullptr);
+    }
+    return true;
+}
+
 } // namespace
 
 Archive::Archive(ArchiveFormat format, Sink sink)
@@ -104,9 +162,11 @@ void Archive::Begin(const std::string& path, const Node& node, std::uint64_t siz
         archive_entry_set_symlink(entry, node.linkTarget.c_str());
     if (node.type == NodeType::BlockDevice || node.type == NodeType::CharacterDevice)
         archive_entry_set_rdev(entry, static_cast<dev_t>(node.device));
-    for (const Repo::NodeAttribute& attribute : node.attributes)
-        archive_entry_xattr_add_entry(entry, attribute.name.c_str(), attribute.value.data(),
-                                      attribute.value.size());
+    for (const Repo::NodeAttribute& attribute : node.attributes) {
+        if (!AddAccessList(entry, attribute))
+            archive_entry_xattr_add_entry(entry, attribute.name.c_str(), attribute.value.data(),
+                                          attribute.value.size());
+    }
     archive_entry_set_size(entry, 0);
     if (!linkTarget.empty())
         archive_entry_set_hardlink(entry, linkTarget.c_str());

@@ -15,8 +15,8 @@ namespace Agent {
 
 enum class ArchiveFormat
 {
-    Tar, ///< pax, with long names, times in nanoseconds and extended attributes
-    Zip  ///< without owners, extended attributes, hard links and special files
+    Tar, ///< pax, with long names, times in nanoseconds, access lists and extended attributes
+    Zip  ///< without owners, access lists, extended attributes, hard links and special files
 };
 
 class Archive

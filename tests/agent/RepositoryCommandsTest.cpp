@@ -23,6 +23,7 @@
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 
 using namespace Agent;
 using namespace Testing;
@@ -536,6 +537,58 @@ TEST_F(RepositoryCommands, CheckFindsBlobOutsideOfItsPack)
     opened.SaveText(FileKind::Index, index.Finish());
     const ProgramResult result = Run(1, "check");
     EXPECT_TRUE(Holds(result.errors, "places blobs outside of the pack: 1")) << result.errors;
+}
+
+TEST_F(RepositoryCommands, ArchiveHasAccessLists)
+{
+    const auto listOf = [](std::initializer_list<std::array<unsigned int, 3>> rows) {
+        Repo::Bytes list{2, 0, 0, 0};
+        for (const auto& [tag, permissions, id] : rows) {
+            const auto number = static_cast<unsigned char>(id & 0xFF);
+            const auto fill = static_cast<unsigned char>(id >> 24);
+            list.insert(list.end(), {static_cast<unsigned char>(tag), 0,
+                                     static_cast<unsigned char>(permissions), 0, number, fill, fill, fill});
+        }
+        return list;
+    };
+    constexpr unsigned int None = 0xFFFFFFFF;
+    Repo::Node node;
+    node.name = "d";
+    node.type = Repo::NodeType::Directory;
+    node.mode = 0x80000000 | 0770;
+    node.attributes = {
+        {"system.posix_acl_access",
+         listOf({{1, 7, None}, {2, 5, 77}, {4, 1, None}, {8, 4, 78}, {16, 7, None}, {32, 0, None}})},
+        {"system.posix_acl_default",
+         listOf({{1, 7, None}, {2, 6, 77}, {4, 5, None}, {16, 7, None}, {32, 1, None}})},
+        {"user.a", {1}}};
+    SaveTrees(Create(), {[](const Id&) { return R"({"nodes":[]})"; },
+                         [&](const Id& below) {
+                             std::string tree = R"({"nodes":[)";
+                             node.subtree = below;
+                             Repo::AppendNode(node, tree);
+                             return tree + "]}";
+                         }});
+    Run(0, "dump latest / --target out.tar");
+    const std::string out = directory.MakeDirectory("out");
+    const auto extract = [&](const std::string& options) {
+        return std::system(("tar -x -p --no-same-owner " + options + " -C " + out + " -f " +
+                            (directory / "out.tar") + " 2>" + (directory / "errors"))
+                               .c_str());
+    };
+    EXPECT_EQ(extract(""), 0);
+    EXPECT_EQ(StatusOf(out + "/d").st_mode & 0777, 0710u);
+    fs::remove_all(out + "/d");
+    EXPECT_EQ(extract("--acls --xattrs"), 0) << ReadFile(directory / "errors");
+    for (const Repo::NodeAttribute& attribute : node.attributes) {
+        Repo::Bytes value(1000);
+        const ssize_t size =
+            lgetxattr((out + "/d").c_str(), attribute.name.c_str(), value.data(), value.size());
+        if (size < 0 && errno == ENOTSUP)
+            GTEST_SKIP() << "the file system has no " << attribute.name;
+        value.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+        EXPECT_EQ(value, attribute.value) << attribute.name;
+    }
 }
 
 // A backend that loses its lock when the second blob is read.
