@@ -88,8 +88,8 @@ void MoveLeadingOptions(const CLI::App& program, std::vector<std::string>& argum
     }
     // The command, and its own command, as in "key list".
     const CLI::App* command = &program;
-    for (const CLI::App* next = command; at != end; ++at) {
-        next = FindCommand(*command, *at);
+    for (; at != end; ++at) {
+        const CLI::App* const next = FindCommand(*command, *at);
         if (next == nullptr)
             break;
         before.push_back(*at);
