@@ -5,6 +5,8 @@
 
 #include "Krt/Exception/Raise.h"
 
+#include <cstdlib>
+#include <cstring>
 #include <unistd.h>
 
 namespace Agent {
@@ -12,6 +14,28 @@ namespace Agent {
 using Repo::Secret;
 
 namespace {
+
+// Removes a variable, and overwrites its value.
+void Forget(const char* name)
+{
+    if (char* const value = std::getenv(name)) {
+        Repo::Wipe({reinterpret_cast<unsigned char*>(value), std::strlen(value)});
+        unsetenv(name);
+    }
+}
+
+std::optional<Secret> TakeFromEnvironment()
+{
+    std::optional<std::string> text =
+        FromEnvironment({"PASSWORD", "PASSWORD_FILE", "PASSWORD_COMMAND"}, "PASSWORD");
+    if (!text)
+        return std::nullopt;
+    Secret secret(Repo::AsBytes(*text));
+    Repo::Wipe({reinterpret_cast<unsigned char*>(text->data()), text->size()});
+    Forget("KBAGENT_PASSWORD");
+    Forget("RESTIC_PASSWORD");
+    return secret;
+}
 
 Password Read(const std::string& file, const std::string& command, Report& report)
 {
@@ -21,8 +45,8 @@ Password Read(const std::string& file, const std::string& command, Report& repor
         return {ReadTextFile(file), false};
     if (!command.empty())
         return {RunPasswordCommand(SplitWords(command)), false};
-    if (const auto password = FromEnvironment({"PASSWORD", "PASSWORD_FILE", "PASSWORD_COMMAND"}, "PASSWORD"))
-        return {Secret(Repo::AsBytes(*password)), false};
+    if (std::optional<Secret> password = TakeFromEnvironment())
+        return {std::move(*password), false};
     if (isatty(STDIN_FILENO) == 1)
         return {AskOnTerminal("enter password for repository: "), true};
     report.Note("Reading the password of the repository from standard input");

@@ -21,6 +21,7 @@ struct Password
 ///   - the option for a file or for a command
 ///   - the variable PASSWORD_FILE or PASSWORD_COMMAND of the environment, then PASSWORD
 ///   - the terminal, without echo, if standard input is one; otherwise the first line of standard input
+/// A password from the environment is overwritten there, so it can be read only once.
 /// Raises UsageError if a file and a command are given, InvalidState if the user interrupts, and
 /// InvalidArgument for an empty password and for a command that fails.
 Password ReadPassword(const RepositoryOptions& options, Report& report);

@@ -19,6 +19,8 @@ constexpr std::size_t IvSize = 16;
 constexpr std::size_t TagSize = 16;
 // OpenSSL takes lengths as int.
 constexpr std::size_t PieceSize = 1 << 30;
+// Takes the place of a key in a context that is not in use.
+constexpr std::array<unsigned char, Key::EncryptionSize> NoKey{};
 
 void Check(bool isDone)
 {
@@ -55,6 +57,7 @@ public:
             Check(EVP_EncryptUpdate(m_counter.get(), output + at, &written, input.data() + at, size) == 1 &&
                   written == size);
         }
+        Check(EVP_EncryptInit_ex2(m_counter.get(), nullptr, NoKey.data(), NoKey.data(), nullptr) == 1);
     }
 
     void ComputeTag(const Key& key, const unsigned char* iv, ByteView ciphertext, unsigned char* tag)
@@ -73,6 +76,8 @@ public:
         std::size_t size = 0;
         Check(isKeyed && EVP_MAC_update(m_mac.get(), ciphertext.data(), ciphertext.size()) == 1 &&
               EVP_MAC_final(m_mac.get(), tag, &size, TagSize) == 1 && size == TagSize);
+        Check(EVP_EncryptInit_ex2(m_block.get(), nullptr, NoKey.data(), nullptr, nullptr) == 1 &&
+              EVP_MAC_init(m_mac.get(), NoKey.data(), NoKey.size(), nullptr) == 1);
     }
 
 private:
