@@ -21,6 +21,7 @@ constexpr std::uint64_t PackLimit = UINT64_C(1) << 33; // bytes
 constexpr std::uint64_t TailSize = 64 << 10;           // bytes of a pack in which its header is expected
 constexpr std::size_t ScratchLimit = 32 << 20;         // bytes that a thread keeps
 constexpr std::uint64_t IndexTextSize = 64 << 20;      // bytes; writers make index files of a few MiB
+constexpr std::uint64_t SmallTextSize = 16 << 20;      // bytes, of all files but indexes and packs
 constexpr unsigned char CompressedMark = 2;            // the first byte of a file whose JSON is compressed
 
 // What an index file has.
@@ -61,6 +62,19 @@ void VerifyId(const FileName& file, ByteView content)
                             "damaged: the content has another id");
 }
 
+// Bytes of a file, and of its JSON text, at most.
+std::uint64_t LimitOf(FileKind kind)
+{
+    switch (kind) {
+    case FileKind::Pack:
+        return PackLimit;
+    case FileKind::Index:
+        return Repository::UnpackedLimit;
+    default:
+        return SmallTextSize;
+    }
+}
+
 // The JSON text of a file whose seal was opened.
 std::string Unpack(ByteView content, std::uint64_t limit)
 {
@@ -69,9 +83,9 @@ std::string Unpack(ByteView content, std::uint64_t limit)
         return std::string(AsText(content));
     REPOSITORY_RAISE_UNLESS(first == CompressedMark, Failure::Damaged,
                             "damaged: neither JSON nor compressed");
-    Bytes text;
+    std::string text;
     DecompressUpTo(content.subspan(1), limit, text);
-    return std::string(AsText(text));
+    return text;
 }
 
 std::vector<Id> ListSorted(IBackend& backend, FileKind kind)
@@ -206,14 +220,14 @@ Repository Repository::Create(std::shared_ptr<IBackend> backend, const Secret& p
 
 void Repository::LoadStored(const FileName& file, Bytes& out) const
 {
-    m_backend->LoadWhole(file, file.kind == FileKind::Pack ? PackLimit : UnpackedLimit, out);
+    m_backend->LoadWhole(file, LimitOf(file.kind), out);
     if (file.kind != FileKind::Config)
         Named(At(file), [&] { VerifyId(file, out); });
 }
 
 std::string Repository::LoadText(const FileName& file) const
 {
-    return LoadTextUpTo(file, UnpackedLimit);
+    return LoadTextUpTo(file, LimitOf(file.kind));
 }
 
 // `limit` is of compressed text, in bytes.

@@ -44,7 +44,7 @@ struct CreateOptions
 class Repository
 {
 public:
-    /// Bytes of the JSON text of an index, snapshot or lock file, and of the stored file, at most.
+    /// Bytes of the JSON text of an index file, and of the stored file, at most. Other text has 16 MiB.
     static constexpr std::uint64_t UnpackedLimit = 1 << 30;
 
     /// Opens a repository. Tries the hinted key file, and then others in the order of their ids. A key file

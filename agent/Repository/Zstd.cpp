@@ -46,19 +46,21 @@ ZSTD_DCtx* DecompressorOfThread()
 }
 
 // Decompresses into memory that grows with what comes.
-void DecompressInSteps(ByteView frames, std::size_t limit, Bytes& out)
+template <class Memory>
+void DecompressInSteps(ByteView frames, std::size_t limit, std::size_t firstRoom, Memory& out)
 {
     ZSTD_DCtx* const context = DecompressorOfThread();
     ZSTD_inBuffer input{frames.data(), frames.size(), 0};
     std::size_t used = 0;
     bool isInFrame = true;
-    out.resize(std::min(limit, FirstRoom));
+    out.resize(std::min(limit, firstRoom));
     while (isInFrame || input.pos != input.size) {
         unsigned char beyond = 0; // a byte above the limit
         const bool isFull = used == limit;
         if (!isFull && used == out.size())
             out.resize(std::min(limit, 2 * out.size()));
-        ZSTD_outBuffer output{isFull ? &beyond : out.data(), isFull ? 1 : out.size(), isFull ? 0 : used};
+        ZSTD_outBuffer output{isFull ? &beyond : reinterpret_cast<unsigned char*>(out.data()),
+                              isFull ? 1 : out.size(), isFull ? 0 : used};
         const std::size_t before = output.pos;
         const std::size_t result = ZSTD_decompressStream(context, &output, &input);
         if (ZSTD_isError(result))
@@ -71,6 +73,26 @@ void DecompressInSteps(ByteView frames, std::size_t limit, Bytes& out)
         used += output.pos - before;
     }
     out.resize(used);
+}
+
+// The length of what the frames hold, or more than the limit.
+std::size_t CountBytes(ByteView frames, std::size_t limit)
+{
+    ZSTD_DCtx* const context = DecompressorOfThread();
+    Bytes step(BlockLimit);
+    ZSTD_inBuffer input{frames.data(), frames.size(), 0};
+    std::size_t count = 0;
+    for (bool isAtEnd = false; !isAtEnd && count <= limit;) {
+        ZSTD_outBuffer output{step.data(), step.size(), 0};
+        const std::size_t result = ZSTD_decompressStream(context, &output, &input);
+        if (ZSTD_isError(result))
+            RaiseDamaged(ZSTD_getErrorName(result));
+        count += output.pos;
+        isAtEnd = input.pos == input.size && output.pos < output.size;
+    }
+    if (count > limit)
+        RaiseDamaged("is longer than it may be");
+    return count;
 }
 
 } // namespace
@@ -95,7 +117,7 @@ void Decompress(ByteView frames, std::size_t size, Bytes& out)
     if (frames.empty() || size / BlockLimit > frames.size() / SmallestBlock)
         RaiseDamaged("is shorter than it should be");
     if (size > AtOnceLimit) {
-        DecompressInSteps(frames, size, out);
+        DecompressInSteps(frames, size, FirstRoom, out);
     } else {
         out.resize(size);
         const std::size_t result =
@@ -112,7 +134,16 @@ void DecompressUpTo(ByteView frames, std::size_t limit, Bytes& out)
 {
     if (frames.empty())
         RaiseDamaged("is cut off");
-    DecompressInSteps(frames, limit, out);
+    DecompressInSteps(frames, limit, FirstRoom, out);
+}
+
+void DecompressUpTo(ByteView frames, std::size_t limit, std::string& out)
+{
+    if (frames.empty())
+        RaiseDamaged("is cut off");
+    // Growing would take half as much again.
+    const std::size_t room = limit > AtOnceLimit ? CountBytes(frames, limit) : FirstRoom;
+    DecompressInSteps(frames, limit, std::max<std::size_t>(room, 1), out);
 }
 
 } // namespace Agent::Repo
