@@ -1,8 +1,10 @@
 #include "agent/Access/Session.h"
 
 #include "agent/Access/Password.h"
+#include "agent/Access/SnapshotChoice.h"
 #include "agent/Access/Workers.h"
 #include "agent/Repository/LocalBackend.h"
+#include "agent/Repository/Unix/SecretPages.h"
 #include "agent/Run/Text.h"
 
 #include <cerrno>
@@ -51,6 +53,7 @@ Session::Session(const RepositoryOptions& options, Report& report) : m_options(o
 {
     if (m_options.isJson)
         m_report.UseJson();
+    Repo::HideProcess();
     m_backend = std::make_shared<WatchedBackend>(BackendOf(FindLocation(m_options)));
     Open();
     if (!m_options.isUnlocked)
@@ -73,8 +76,9 @@ void Session::LoadIndex()
 void Session::Open()
 {
     Repo::OpenOptions options;
-    options.keyHint = !m_options.keyHint.empty() ? m_options.keyHint
-                                                 : FromEnvironment({"KEY_HINT"}, "KEY_HINT").value_or("");
+    options.keyHint =
+        LowerDigits(!m_options.keyHint.empty() ? m_options.keyHint
+                                               : FromEnvironment({"KEY_HINT"}, "KEY_HINT").value_or(""));
     options.onUnreadKey = [this](const Repo::FileName&, const RepositoryError& error) {
         m_report.Note("A key file can't be used: " + ReasonOf(error));
     };

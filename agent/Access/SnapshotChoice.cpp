@@ -67,7 +67,7 @@ Repo::SnapshotFilter FilterOf(const SnapshotOptions& options)
 StoredSnapshot ChooseSnapshot(Session& session, const std::string& text, const SnapshotOptions& options)
 {
     if (text != "latest")
-        return session.GetRepository().FindSnapshot(text, FilterOf(options));
+        return session.GetRepository().FindSnapshot(LowerDigits(text), FilterOf(options));
     std::vector<StoredSnapshot> all = ChooseSnapshots(session, {}, options);
     KRT_RAISE_UNLESS(!all.empty(), Krt::ErrorCode::InvalidArgument, "There is no snapshot to choose from");
     if (!session.GetOptions().isQuiet)
@@ -98,6 +98,13 @@ std::vector<StoredSnapshot> ChooseSnapshots(Session& session, const std::vector<
         }
     }
     return chosen;
+}
+
+std::string LowerDigits(std::string digits)
+{
+    for (char& digit : digits)
+        digit = digit >= 'A' && digit <= 'F' ? static_cast<char>(digit - 'A' + 'a') : digit;
+    return digits;
 }
 
 std::string ShortId(const Id& id)
@@ -132,9 +139,7 @@ std::string LocalTime(const Repo::Timestamp& time)
 
 Id FindFile(const Repo::Repository& repository, Repo::FileKind kind, const std::string& digits)
 {
-    std::string lower = digits;
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char byte) { return static_cast<char>(std::tolower(byte)); });
+    const std::string lower = LowerDigits(digits);
     std::optional<Id> found;
     for (const Id& id : repository.ListIds(kind)) {
         if (!id.ToHex().starts_with(lower))

@@ -29,6 +29,8 @@ Repo::StoredSnapshot ChooseSnapshot(Session& session, const std::string& text,
 std::vector<Repo::StoredSnapshot> ChooseSnapshots(Session& session, const std::vector<std::string>& texts,
                                                   const SnapshotOptions& options);
 
+/// The digits in lower case, as the first digits of an id may be typed in either.
+std::string LowerDigits(std::string digits);
 /// The first 8 digits.
 std::string ShortId(const Repo::Id& id);
 /// "snapshot 1234abcd of [/home /etc] at 2024-02-29 12:34:56.5 +0100 by user@host". Not made printable.

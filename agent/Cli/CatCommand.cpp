@@ -8,6 +8,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <optional>
+
 namespace Agent {
 
 using Krt::YString;
@@ -27,6 +30,7 @@ public:
 private:
     bool PrintFile(Session& session);
     void PrintBlob(Session& session, bool isTree);
+    std::optional<BlobHandle> FindBlob(const Repo::Index& index, std::optional<BlobType> type) const;
     BlobHandle FindTree(Session& session);
     void PrintPack(Session& session, const Id& pack);
     static void PrintJson(Report& report, const std::string& json);
@@ -104,16 +108,7 @@ void CatCommand::PrintBlob(Session& session, bool isTree)
         handle = FindTree(session);
     } else {
         session.LoadIndex();
-        std::optional<BlobHandle> found;
-        const Repo::Index& index = repository.GetIndex();
-        for (std::uint32_t i = 0; i < index.CountBlobs(); ++i) {
-            const BlobHandle each = index.At(i).blob.handle;
-            if (!each.id.ToHex().starts_with(m_id) || (found && *found == each))
-                continue;
-            KRT_RAISE_UNLESS(!found, Krt::ErrorCode::InvalidArgument,
-                             "More than one blob begins with " << m_id.c_str());
-            found = each;
-        }
+        const std::optional<BlobHandle> found = FindBlob(repository.GetIndex(), {});
         KRT_RAISE_UNLESS(found, Krt::ErrorCode::InvalidArgument, "No blob begins with " << m_id.c_str());
         handle = *found;
     }
@@ -125,14 +120,37 @@ void CatCommand::PrintBlob(Session& session, bool isTree)
         session.GetReport().Out() << Repo::AsText(content);
 }
 
+// The blob whose first digits these are, of this type if there is one; nothing if there is none.
+std::optional<BlobHandle> CatCommand::FindBlob(const Repo::Index& index, std::optional<BlobType> type) const
+{
+    const std::string digits = LowerDigits(m_id);
+    std::optional<BlobHandle> found;
+    for (std::uint32_t i = 0; i < index.CountBlobs(); ++i) {
+        const BlobHandle each = index.At(i).blob.handle;
+        if ((type && each.type != *type) || !each.id.ToHex().starts_with(digits) || (found && *found == each))
+            continue;
+        KRT_RAISE_UNLESS(!found, Krt::ErrorCode::InvalidArgument,
+                         "More than one blob begins with " << m_id.c_str());
+        found = each;
+    }
+    return found;
+}
+
 BlobHandle CatCommand::FindTree(Session& session)
 {
     const std::size_t colon = m_id.find(':');
     const std::string path = colon == std::string::npos ? "/" : m_id.substr(colon + 1);
-    if (const auto id = Id::FromHex(m_id)) {
+    const std::vector<Id> snapshots = session.GetRepository().ListIds(FileKind::Snapshot);
+    const bool isSnapshot =
+        colon != std::string::npos || m_id == "latest" ||
+        std::any_of(snapshots.begin(), snapshots.end(),
+                    [digits = LowerDigits(m_id)](const Id& id) { return id.ToHex().starts_with(digits); });
+    if (!isSnapshot) {
         session.LoadIndex();
-        if (session.GetRepository().GetIndex().Has({BlobType::Tree, *id}))
-            return {BlobType::Tree, *id};
+        const std::optional<BlobHandle> tree = FindBlob(session.GetRepository().GetIndex(), BlobType::Tree);
+        KRT_RAISE_UNLESS(tree, Krt::ErrorCode::InvalidArgument,
+                         "No tree and no snapshot begins with " << m_id.c_str());
+        return *tree;
     }
     const Repo::StoredSnapshot stored =
         ChooseSnapshot(session, m_id.substr(0, colon), m_repository.GetSnapshotOptions());

@@ -74,8 +74,9 @@ CLI::App* LsCommand::Register(CLI::App& program)
     m_arguments = AddPathArguments(
         *command,
         "The snapshot, by first digits of its ID or as latest, which is also what is taken\n"
-        "if there is none; then the paths of entries, which begin with /. All are listed if there\n"
-        "is no path. Of a directory that is named, the entries are listed that are directly in it",
+        "if there is none and the first path begins with /; then the paths of entries. All are listed if\n"
+        "there is no path. With SNAPSHOT:DIRECTORY, the paths are those below the directory. Of a directory "
+        "that is named, the entries are listed that are directly in it",
         "SNAPSHOT_PATH");
     command->footer(
         "Control characters, invisible characters and unusual blanks in a path are escaped as \\n, \\xHH,\n"
@@ -93,10 +94,20 @@ void LsCommand::Run(Report& report)
         snapshot = paths.front();
         paths.erase(paths.begin());
     }
+    if (const std::size_t colon = snapshot.find(':'); colon != std::string::npos) {
+        const std::string folder = snapshot.substr(colon + 1);
+        snapshot.resize(colon);
+        if (paths.empty())
+            paths.emplace_back();
+        for (std::string& path : paths)
+            path.insert(0, folder + "/");
+    }
     std::string filter;
-    for (const std::string& path : paths) {
+    for (std::string& path : paths) {
         if (!path.starts_with('/'))
-            throw UsageError("A path in a snapshot begins with '/': '" + path + "'");
+            path.insert(path.begin(), '/');
+        while (path.size() > 1 && path.ends_with('/'))
+            path.pop_back();
         filter += (filter.empty() ? "" : " ") + path;
     }
     m_hasSeveralPaths = paths.size() > 1;
