@@ -140,6 +140,9 @@ void CheckCommand::Run(Report& report)
     Session session(options, report);
     Observer observer(report, m_repository.IsJson(), options);
     const CheckSummary summary = CheckRepository(session.GetRepository(), subset, observer);
+    if (summary.isIndexWrong && !m_repository.IsJson())
+        observer.OnHint("the index should be rebuilt from the packs: restic repair index, or before restic "
+                        "0.15: restic rebuild-index");
     if (m_repository.IsJson())
         report.Out() << SummaryJson(summary) << "\n";
     else if (summary.errors == 0)

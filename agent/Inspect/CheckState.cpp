@@ -5,6 +5,12 @@
 
 namespace Agent {
 
+namespace {
+
+constexpr std::uint64_t ConsequenceLimit = 100; // errors that are reported one by one
+
+} // namespace
+
 using Krt::Thread::AnnotatedLock;
 using Repo::BlobType;
 using Repo::NodeType;
@@ -109,6 +115,19 @@ void CheckState::AddError(std::string text)
 {
     const AnnotatedLock lock(m_mutex);
     m_errors.push_back(std::move(text));
+}
+
+void CheckState::AddConsequence(std::string text)
+{
+    const AnnotatedLock lock(m_mutex);
+    if (++m_consequences <= ConsequenceLimit)
+        m_errors.push_back(std::move(text));
+}
+
+std::uint64_t CheckState::GetFurther() const
+{
+    const AnnotatedLock lock(m_mutex);
+    return m_consequences - std::min(m_consequences, ConsequenceLimit);
 }
 
 std::vector<std::string> CheckState::TakeErrors()

@@ -44,6 +44,14 @@ public:
 
     /// Adds an error for the observer.
     void AddError(std::string text);
+    /// Adds an error for a tree whose blob is missing or damaged. After a hundred of them the others are only
+    /// counted.
+    void AddConsequence(std::string text);
+    /// Returns how many errors AddConsequence only counted.
+    std::uint64_t GetFurther() const;
+    /// The index lacks a blob that a snapshot needs.
+    void MarkLacking() { m_lacksBlobs = true; }
+    bool LacksBlobs() const { return m_lacksBlobs; }
     /// Removes and returns the errors that were added since the last call.
     std::vector<std::string> TakeErrors();
 
@@ -60,6 +68,8 @@ private:
     std::unordered_set<std::uint32_t> m_broken KRT_GUARDED_BY(m_mutex);
     bool m_hasDamage KRT_GUARDED_BY(m_mutex) = false;
     std::vector<std::string> m_errors KRT_GUARDED_BY(m_mutex);
+    std::uint64_t m_consequences KRT_GUARDED_BY(m_mutex) = 0;
+    std::atomic<bool> m_lacksBlobs{false};
 };
 
 } // namespace Agent

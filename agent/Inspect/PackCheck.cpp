@@ -61,6 +61,7 @@ public:
     void Run()
     {
         Named([this] { CheckHeader(); });
+        DropOutside();
         if (!Named([this] { ReadBlobs(); })) {
             // The rest of the pack was not read.
             for (; m_next < m_blobs.size(); ++m_next)
@@ -97,6 +98,17 @@ private:
                                        [](const PackedBlob& a, const IndexedBlob& b) { return a == b.blob; });
         if (!isSame)
             Fail("The header of the pack is not what the index says");
+    }
+
+    // The blobs beyond the end of a pack that is cut off. The others can still be read.
+    void DropOutside()
+    {
+        std::erase_if(m_blobs, [this](const IndexedBlob& place) {
+            const bool isOutside = std::uint64_t(place.blob.offset) + place.blob.length > m_size;
+            if (isOutside)
+                m_state.MarkBad(place.number);
+            return isOutside;
+        });
     }
 
     void ReadBlobs()

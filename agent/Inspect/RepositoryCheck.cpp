@@ -43,6 +43,8 @@ public:
         m_observer.OnStage("check snapshots, trees and blobs");
         Begin(state);
         CheckTrees(state, m_snapshots, [&] { Report(state); });
+        ReportFurther(state);
+        ReportUnindexed(state);
         if (readData) {
             m_observer.OnStage("read all data");
             Begin(state);
@@ -50,7 +52,8 @@ public:
         }
         if (state.HasDamage()) {
             m_observer.OnStage("find the entries of snapshots that the damage touches");
-            FindTouchedEntries(state, m_snapshots, m_observer);
+            constexpr unsigned int Most = 10000, MostOfWrongIndex = 100;
+            FindTouchedEntries(state, m_snapshots, m_isIncomplete ? MostOfWrongIndex : Most, m_observer);
         }
         m_summary.brokenPacks = state.GetBrokenPacks();
         return m_summary;
@@ -131,10 +134,39 @@ private:
             }
             CheckPack(state, number);
         }
-        for (const auto& [id, size] : files) {
-            m_summary.hasUnusedPacks = true;
-            m_observer.OnHint(FileName{FileKind::Pack, id}.Path() + ": no index refers to the pack");
+        for (const auto& [id, size] : files)
+            m_unindexed.push_back(id);
+        std::sort(m_unindexed.begin(), m_unindexed.end());
+    }
+
+    void ReportFurther(const CheckState& state)
+    {
+        if (const std::uint64_t further = state.GetFurther(); further != 0) {
+            m_summary.errors += further - 1;
+            Fail("further trees with such errors: " + std::to_string(further));
         }
+    }
+
+    // Packs without an index are of no use, unless they have what the index lacks.
+    void ReportUnindexed(const CheckState& state)
+    {
+        constexpr std::size_t HintLimit = 100;
+        if (m_unindexed.empty())
+            return;
+        m_isIncomplete = m_summary.isIndexWrong || state.LacksBlobs();
+        if (m_isIncomplete) {
+            m_summary.isIndexWrong = true;
+            m_observer.OnHint("packs that no index refers to, and may have what it lacks: " +
+                              std::to_string(m_unindexed.size()));
+            return;
+        }
+        m_summary.hasUnusedPacks = true;
+        for (std::size_t i = 0; i < std::min(m_unindexed.size(), HintLimit); ++i)
+            m_observer.OnHint(FileName{FileKind::Pack, m_unindexed[i]}.Path() +
+                              ": no index refers to the pack");
+        if (m_unindexed.size() > HintLimit)
+            m_observer.OnHint("further packs that no index refers to: " +
+                              std::to_string(m_unindexed.size() - HintLimit));
     }
 
     void CheckPack(CheckState& state, std::uint32_t number)
@@ -221,6 +253,8 @@ private:
     ICheckObserver& m_observer;
     CheckSummary m_summary;
     std::vector<Repo::StoredSnapshot> m_snapshots;
+    std::vector<Id> m_unindexed;        // packs, sorted
+    bool m_isIncomplete = false;        // the index; packs without an index may have the rest
     std::vector<std::uint64_t> m_sizes; // of the packs' files, by number; NoSize for one that is missing
 };
 

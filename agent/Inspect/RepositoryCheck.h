@@ -47,8 +47,8 @@ struct CheckSummary
 {
     std::uint64_t errors = 0;
     std::vector<Repo::Id> brokenPacks; ///< damaged or missing
-    bool isIndexWrong = false;         ///< an index file can't be read, or does not fit the packs
-    bool hasUnusedPacks = false;       ///< packs that no index has, or entries that are there twice
+    bool isIndexWrong = false;         ///< an index file is damaged or missing, or does not fit the packs
+    bool hasUnusedPacks = false;       ///< packs that nothing needs, or entries that are there twice
 };
 
 /// Checks the repository: key files, snapshots, index files, packs, trees, and then the content of a subset

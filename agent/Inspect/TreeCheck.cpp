@@ -8,6 +8,7 @@
 #include "Krt/Thread/ThreadSafety.h"
 #include "Krt/Util/YScope.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <unordered_map>
 
@@ -26,10 +27,13 @@ namespace {
 class TreeQueue
 {
 public:
-    void Add(const Id& tree)
+    void Add(const Id& tree, const Id* parent = nullptr)
     {
         const AnnotatedLock lock(m_mutex);
-        if (!m_seen.insert(tree).second)
+        const auto [known, isNew] = m_numbers.emplace(tree, static_cast<std::uint32_t>(m_numbers.size()));
+        if (parent != nullptr)
+            m_edges.emplace_back(m_numbers.at(*parent), known->second);
+        if (!isNew)
             return;
         m_waiting.push_back(tree);
         m_changed.notify_one();
@@ -54,6 +58,43 @@ public:
         return true;
     }
 
+    // The trees, all done, that are so deep that their directories are too deep to be read.
+    std::vector<Id> FindDeepest()
+    {
+        const AnnotatedLock lock(m_mutex);
+        std::vector<Id> deepest;
+        if (m_numbers.size() < DepthLimit)
+            return deepest;
+        // A tree follows when all that have it are done, so that its level is that of its longest path.
+        std::sort(m_edges.begin(), m_edges.end());
+        std::vector<std::uint32_t> levels(m_numbers.size(), 1), waitsFor(m_numbers.size());
+        for (const auto& edge : m_edges)
+            ++waitsFor[edge.second];
+        std::vector<std::uint32_t> ready;
+        for (std::uint32_t i = 0; i < waitsFor.size(); ++i)
+            if (waitsFor[i] == 0)
+                ready.push_back(i);
+        std::vector<bool> isDeepest(m_numbers.size());
+        while (!ready.empty()) {
+            const std::uint32_t tree = ready.back();
+            ready.pop_back();
+            auto edge = std::lower_bound(m_edges.begin(), m_edges.end(), std::pair(tree, std::uint32_t(0)));
+            for (; edge != m_edges.end() && edge->first == tree; ++edge) {
+                const std::uint32_t below = edge->second;
+                levels[below] = std::max(levels[below], levels[tree] + 1);
+                if (levels[below] == DepthLimit + 1)
+                    isDeepest[tree] = true;
+                if (--waitsFor[below] == 0)
+                    ready.push_back(below);
+            }
+        }
+        for (const auto& [id, number] : m_numbers) {
+            if (isDeepest[number])
+                deepest.push_back(id);
+        }
+        return deepest;
+    }
+
     void Finish()
     {
         const AnnotatedLock lock(m_mutex);
@@ -64,7 +105,8 @@ public:
 private:
     Krt::Thread::AnnotatedMutex m_mutex;
     std::condition_variable m_changed;
-    std::unordered_set<Id, Repo::IdHash> m_seen KRT_GUARDED_BY(m_mutex);
+    std::unordered_map<Id, std::uint32_t, Repo::IdHash> m_numbers KRT_GUARDED_BY(m_mutex);
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> m_edges KRT_GUARDED_BY(m_mutex); // to subtrees
     std::vector<Id> m_waiting KRT_GUARDED_BY(m_mutex); // the last is next, so that it stays short
     unsigned int m_active KRT_GUARDED_BY(m_mutex) = 0; // trees that are being checked
 };
@@ -77,6 +119,7 @@ public:
 
     void Check(const Id& tree)
     {
+        m_faulty = 0;
         try {
             m_state.GetRepository().LoadBlob({BlobType::Tree, tree}, m_text);
             m_state.bytes += m_text.size();
@@ -89,8 +132,15 @@ public:
                 last = m_node.name;
             }
         } catch (const RepositoryError& error) {
-            Fail(tree, error.GetMessage().Bytes());
+            if (error.GetFailure() != Repo::Failure::Missing) {
+                Fail(tree, error.GetMessage().Bytes());
+            } else {
+                LookUp({BlobType::Tree, tree});
+                m_state.MarkFaulty(tree);
+                m_state.AddConsequence("tree " + tree.ToHex() + ": " + error.GetMessage().Bytes());
+            }
         }
+        ReportFaults(tree);
         ++m_state.items;
     }
 
@@ -99,10 +149,33 @@ private:
     {
         if (last != nullptr && m_node.name <= *last)
             Fail(tree, "entry \"" + m_node.name + "\": it is not in the order of names");
-        if (const std::string fault = m_state.FaultOf(m_node); !fault.empty())
-            Fail(tree, "entry \"" + m_node.name + "\": " + fault);
+        if (std::string fault = m_state.FaultOf(m_node); !fault.empty()) {
+            if (m_node.content) {
+                for (const Id& id : *m_node.content)
+                    LookUp({BlobType::Data, id});
+            }
+            if (++m_faulty == 1)
+                m_fault = "entry \"" + m_node.name + "\": " + fault;
+        }
         if (m_node.type == NodeType::Directory && m_node.subtree)
-            m_queue.Add(*m_node.subtree);
+            m_queue.Add(*m_node.subtree, &tree);
+    }
+
+    void LookUp(const Repo::BlobHandle& handle)
+    {
+        if (!m_state.GetIndex().Has(handle))
+            m_state.MarkLacking();
+    }
+
+    // One error for all entries that can't be restored, since they often have the same cause.
+    void ReportFaults(const Id& tree)
+    {
+        if (m_faulty == 0)
+            return;
+        m_state.MarkFaulty(tree);
+        const std::string others =
+            m_faulty == 1 ? "" : "; further entries with faults: " + std::to_string(m_faulty - 1);
+        m_state.AddConsequence("tree " + tree.ToHex() + ": " + m_fault + others);
     }
 
     void Fail(const Id& tree, const std::string& reason)
@@ -115,6 +188,8 @@ private:
     TreeQueue& m_queue;
     Repo::Bytes m_text;
     Node m_node;
+    std::uint64_t m_faulty = 0; // entries of the tree
+    std::string m_fault;        // of the first of them
 };
 
 // Finds out which trees are damaged or have damage below them.
@@ -182,23 +257,22 @@ private:
 };
 
 void FindTouchedEntriesOf(const CheckState& state, TouchedTrees& touched, const Repo::StoredSnapshot& stored,
-                          ICheckObserver& observer)
+                          unsigned int most, ICheckObserver& observer)
 {
-    constexpr unsigned int Most = 10000;
     unsigned int count = 0;
     const auto add = [&](const std::string& path, const std::string& reason) {
-        if (++count < Most)
+        if (++count < most)
             observer.OnTouched(stored, path, reason);
-        else if (count == Most)
+        else if (count == most)
             observer.OnTouched(stored, path, reason + " (further entries are not listed)");
     };
     const auto visit = [&](const std::string& path, Node& node) {
         if (const std::string fault = state.FaultOf(node); !fault.empty()) {
             add(path, fault);
-            return count < Most ? Step::Past : Step::End;
+            return count < most ? Step::Past : Step::End;
         }
         const bool goesOn = node.type == NodeType::Directory && touched.IsTouched(*node.subtree);
-        return count >= Most ? Step::End : goesOn ? Step::Into : Step::Past;
+        return count >= most ? Step::End : goesOn ? Step::Into : Step::Past;
     };
     const auto fail = [&](const std::string& path, const Krt::Exception::YError& error) {
         add(path, "not all of its entries can be read: " + error.GetMessage().Bytes());
@@ -226,14 +300,20 @@ void CheckTrees(CheckState& state, const std::vector<Repo::StoredSnapshot>& snap
             }
         },
         report);
+    for (const Id& tree : queue.FindDeepest()) {
+        state.MarkFaulty(tree);
+        state.AddConsequence("tree " + tree.ToHex() + ": its directories are more than " +
+                             std::to_string(DepthLimit) + " levels deep");
+    }
+    report();
 }
 
 void FindTouchedEntries(const CheckState& state, const std::vector<Repo::StoredSnapshot>& snapshots,
-                        ICheckObserver& observer)
+                        unsigned int most, ICheckObserver& observer)
 {
     TouchedTrees touched(state);
     for (const Repo::StoredSnapshot& stored : snapshots)
-        FindTouchedEntriesOf(state, touched, stored, observer);
+        FindTouchedEntriesOf(state, touched, stored, most, observer);
 }
 
 } // namespace Agent

@@ -11,9 +11,9 @@ namespace Agent {
 void CheckTrees(CheckState& state, const std::vector<Repo::StoredSnapshot>& snapshots,
                 const std::function<void()>& report);
 
-/// Reports to the observer the entries of each snapshot that can't be restored as they were, at most 10,000
+/// Reports to the observer the entries of each snapshot that can't be restored as they were, at most `most`
 /// for each snapshot.
 void FindTouchedEntries(const CheckState& state, const std::vector<Repo::StoredSnapshot>& snapshots,
-                        ICheckObserver& observer);
+                        unsigned int most, ICheckObserver& observer);
 
 } // namespace Agent
