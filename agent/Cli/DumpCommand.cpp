@@ -49,7 +49,8 @@ CLI::App* DumpCommand::Register(CLI::App& program)
         "A tar archive has the entries below the directory with their owners, times, access lists and\n"
         "extended attributes, and hard links; tar --acls --xattrs restores all of them. A zip archive has\n"
         "none of them, and no devices and FIFOs. A file of an archive whose content is damaged is filled\n"
-        "with zeros, and the exit code is 3.\n\n" +
+        "with zeros, and the exit code is 3. A file that is dumped alone ends before the damage, and the\n"
+        "exit code is 1.\n\n" +
         std::string(RepositoryHelp) + "Example: kbagent dump --repo /backup/repository latest /etc | tar -t");
     return command;
 }

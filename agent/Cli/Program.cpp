@@ -163,7 +163,9 @@ void Describe(CLI::App& program)
         "            password is wrong, 130 interrupted, 141 the reader of the output has exited.\n\n"
         "Examples: kbagent backup --store /backup/store /home /etc\n"
         "          kbagent list --store /backup/store\n"
-        "          kbagent restore --store /backup/store --to /tmp/restored /etc\n\n"
+        "          kbagent restore --store /backup/store --to /tmp/restored /etc\n"
+        "          kbagent -r /backup/repository snapshots\n"
+        "          kbagent -r /backup/repository restore latest --target /tmp/restored\n\n"
         "Run 'kbagent COMMAND --help' for more information.");
 }
 
@@ -238,20 +240,31 @@ bool Parse(CLI::App& program, int argc, char** argv, Report& report)
         report.Out() << program.help();
     } catch (const CLI::CallForVersion& version) {
         report.Out() << version.what() << "\n";
+    } catch (const CLI::ExtrasError& error) {
+        const std::vector<std::string> rest = program.remaining();
+        if (program.get_subcommands().empty() && !rest.empty() && !rest.front().starts_with('-'))
+            throw UsageError("unknown command " + rest.front());
+        throw UsageError(error.what() + HintFor(program, argc, argv));
     } catch (const CLI::ParseError& error) {
         throw UsageError(error.what() + HintFor(program, argc, argv));
     }
     return true;
 }
 
-// Returns the arguments in the syntax of a shell. No option takes a secret.
+// Returns the arguments in the syntax of a shell. The command for a password may contain the password, so it
+// is left out. No other option takes a secret.
 std::string CommandLine(int argc, char** argv)
 {
     constexpr std::string_view plain =
         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=./:,@%";
+    const std::string secretOption = "--password-command";
     std::string line = "kbagent";
+    bool isSecret = false;
     for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
+        std::string argument = std::exchange(isSecret, false) ? "***" : argv[i];
+        isSecret = argument == secretOption;
+        if (argument.starts_with(secretOption + "="))
+            argument = secretOption + "=***";
         if (argument.find_first_not_of(plain) == std::string::npos) {
             line += " " + argument;
             continue;

@@ -399,6 +399,10 @@ TEST_F(RepositoryCommands, DamageIsNamedAndDoesNotEndCheck)
                   return tree + "]}";
               }});
     fs::remove(repository + "/" + Repo::FileName{FileKind::Pack, ids[1]}.Path());
+    // A pack that is cut off before its header still has its blobs.
+    const std::string cut = repository + "/" + Repo::FileName{FileKind::Pack, ids[0]}.Path();
+    fs::permissions(cut, fs::perms::owner_write, fs::perm_options::add);
+    fs::resize_file(cut, fs::file_size(cut) - 10);
     opened.SaveText(FileKind::Snapshot, R"({"time":"x"})");
     const ProgramResult result = Run(1, "check --read-data");
     for (const std::string part : {"snapshots/", ": /a: ", "/b: its size is 2 bytes, but its blobs have 1",
@@ -411,7 +415,11 @@ TEST_F(RepositoryCommands, DamageIsNamedAndDoesNotEndCheck)
     EXPECT_TRUE(Holds(dumped.errors, "snapshots/"));
     Run(1, "dump latest /c");
     EXPECT_TRUE(Holds(Run(3, "dump latest /").errors, "/c: "));
-    EXPECT_TRUE(Holds(Run(1, "check --json").output, R"("broken_packs":[")" + ids[1].ToHex()));
+    const json::value summary = json::parse(Lines(Run(1, "check --json").output).back());
+    std::set<std::string> broken;
+    for (const json::value& id : summary.at("broken_packs").as_array())
+        broken.insert(id.as_string().c_str());
+    EXPECT_EQ(broken, (std::set<std::string>{ids[0].ToHex(), ids[1].ToHex()}));
 }
 
 TEST_F(RepositoryCommands, HostileTreeIsBounded)
@@ -436,6 +444,7 @@ TEST_F(RepositoryCommands, HostileTreeIsBounded)
         trees.push_back([&](const Id& below) { return directoryOf(below, {"d"}); });
     SaveTrees(opened, trees);
     EXPECT_TRUE(Holds(Run(3, "stats latest").errors, "more than 10000 levels deep"));
+    EXPECT_TRUE(Holds(Run(1, "check").errors, "more than 10000 levels deep"));
 }
 
 TEST_F(RepositoryCommands, WrongEntryHidesNoOther)
@@ -470,7 +479,8 @@ TEST_F(RepositoryCommands, WrongEntryHidesNoOther)
         EXPECT_EQ(listed.output, "/d\n/d/a\n/d/z\n") << members;
         EXPECT_TRUE(Holds(listed.errors, "kbagent: /d: ")) << listed.errors;
         EXPECT_TRUE(Holds(listed.errors, message)) << listed.errors;
-        EXPECT_EQ(Run(0, "ls -q --no-lock latest /d/z").output, "/d/z\n");
+        for (const std::string path : {"latest /d/z", "latest d/z", "latest:/d/z", "latest:d z"})
+            EXPECT_EQ(Run(0, "ls -q --no-lock " + path).output, "/d/z\n") << path;
         Run(3, "dump --no-lock latest / -t out.tar");
         EXPECT_EQ(std::system(("tar -tf " + directory / "out.tar" + " | grep -qx d/z").c_str()), 0);
         const std::string found = Run(1, "check --no-lock").errors;
@@ -499,6 +509,7 @@ TEST_F(RepositoryCommands, RepositoryOptionsMayPrecedeCommand)
     EXPECT_TRUE(
         Holds(Run(2, "snapshots --limit-upload 1").errors, "does not have restic's option --limit-upload"));
     Run(2, "-r repo");
+    EXPECT_TRUE(Holds(Run(2, "find latest x").errors, "unknown command find"));
     EXPECT_TRUE(Holds(Run(0, "-v -v snapshots").errors, "(version 2) was opened"));
 }
 
@@ -537,6 +548,42 @@ TEST_F(RepositoryCommands, CheckFindsBlobOutsideOfItsPack)
     opened.SaveText(FileKind::Index, index.Finish());
     const ProgramResult result = Run(1, "check");
     EXPECT_TRUE(Holds(result.errors, "places blobs outside of the pack: 1")) << result.errors;
+}
+
+TEST_F(RepositoryCommands, CheckAdvisesToRebuildMissingIndex)
+{
+    SaveTrees(Create(), {[](const Id&) {
+                  return R"({"nodes":[]})";
+              }});
+    EXPECT_TRUE(Holds(Run(0, "check --json").output, R"("suggest_repair_index":false)"));
+    fs::remove(Files("index").front());
+    const ProgramResult result = Run(1, "check");
+    EXPECT_TRUE(Holds(result.errors, "packs that no index refers to, and may have what it lacks: 1"));
+    EXPECT_TRUE(Holds(result.errors, "restic repair index")) << result.errors;
+    EXPECT_TRUE(Holds(Run(1, "check --json").output, R"("suggest_repair_index":true,"suggest_prune":false)"));
+}
+
+TEST_F(RepositoryCommands, ShortIdsOfEitherCaseNameBlobs)
+{
+    const Id tree = SaveTrees(Create(), {[](const Id&) {
+                                  return R"({"nodes":[]})";
+                              }});
+    std::string digits = tree.ToHex().substr(0, 12);
+    EXPECT_EQ(Run(0, "cat tree " + digits).output, R"({"nodes":[]})");
+    std::transform(digits.begin(), digits.end(), digits.begin(), [](int c) { return std::toupper(c); });
+    EXPECT_EQ(Run(0, "cat tree " + digits).output, R"({"nodes":[]})");
+    EXPECT_EQ(Run(0, "cat blob " + digits).output, R"({"nodes":[]})");
+    std::string snapshot = Files("snapshots").front().filename();
+    std::transform(snapshot.begin(), snapshot.end(), snapshot.begin(), [](int c) { return std::toupper(c); });
+    Run(0, "ls " + snapshot.substr(0, 8));
+}
+
+TEST_F(RepositoryCommands, CompressedTextIsBounded)
+{
+    const Repo::Repository opened = Create();
+    const std::string zeros = R"({"x":")" + std::string(17 << 20, '0') + R"("})";
+    opened.SaveText(FileKind::Snapshot, zeros);
+    EXPECT_TRUE(Holds(Run(3, "snapshots").errors, "is longer than it may be"));
 }
 
 TEST_F(RepositoryCommands, ArchiveHasAccessLists)
@@ -689,6 +736,11 @@ TEST_F(RepositoryCommands, PasswordIsReadFromItsSource)
     Run(0, {"snapshots", "-p", plain}, 0, {none});
     Run(0, {"snapshots", "-p", wide}, 0, {"KBAGENT_PASSWORD=ignored"});
     Run(0, {"snapshots", "--password-command", "printf '%s\\n' \"secret\""}, 0, {none});
+    const std::string log = directory / "log";
+    Run(0, {"--log", log, "snapshots", "--password-command", "printf secret"}, 0, {none});
+    Run(0, {"--log", log, "snapshots", "--password-command=printf secret"}, 0, {none});
+    EXPECT_TRUE(Holds(ReadFile(log), "--password-command"));
+    EXPECT_EQ(ReadFile(log).find("secret"), std::string::npos) << ReadFile(log);
     Run(1, {"snapshots", "--password-command", "false"}, 0, {none});
     Run(2, {"snapshots", "--password-command", "false", "-p", plain});
     Run(0, {"snapshots"}, 0, {none, "RESTIC_PASSWORD_FILE=" + plain});
