@@ -135,8 +135,9 @@ Archive::Archive(ArchiveFormat format, Sink sink)
 
 Archive::~Archive()
 {
-    // Freeing writes the end of the archive, which is wrong after a failure.
-    archive_write_fail(m_writer.get());
+    // Freeing writes the end of the archive, which is wrong after a failure. archive_write_fail would prevent
+    // that, but then the buffer is not freed (libarchive 3.6).
+    m_sink = nullptr;
 }
 
 void Archive::Begin(const std::string& path, const Node& node, std::uint64_t size,
@@ -200,6 +201,8 @@ void Archive::Close()
 long Archive::OnWrite(archive* writer, void* self, const void* bytes, std::size_t size)
 {
     auto& sink = *static_cast<Archive*>(self);
+    if (!sink.m_sink)
+        return -1;
     try {
         sink.m_sink({static_cast<const unsigned char*>(bytes), size});
         return static_cast<long>(size);
