@@ -26,12 +26,13 @@ void Forget(const char* name)
 
 std::optional<Secret> TakeFromEnvironment()
 {
-    std::optional<std::string> text =
+    std::optional<std::string> found =
         FromEnvironment({"PASSWORD", "PASSWORD_FILE", "PASSWORD_COMMAND"}, "PASSWORD");
-    if (!text)
+    if (!found)
         return std::nullopt;
-    Secret secret(Repo::AsBytes(*text));
-    Repo::Wipe({reinterpret_cast<unsigned char*>(text->data()), text->size()});
+    std::string& text = *found;
+    Secret secret(Repo::AsBytes(text));
+    Repo::Wipe({reinterpret_cast<unsigned char*>(text.data()), text.size()});
     Forget("KBAGENT_PASSWORD");
     Forget("RESTIC_PASSWORD");
     return secret;
