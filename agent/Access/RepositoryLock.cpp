@@ -121,20 +121,33 @@ void RepositoryLock::CheckOthers(const Repo::Id* own) const
         if (own != nullptr && id == *own)
             continue;
         const FileName file{FileKind::Lock, id};
+        const std::optional<Lock> lock = ReadLock(file);
+        if (lock && (lock->isExclusive || m_lock.isExclusive))
+            RaiseLocked(file, "The repository is locked " + Describe(*lock) +
+                                  ". If that process has died, remove its lock with 'restic unlock'");
+    }
+}
+
+// Reads the lock of another process, which may be writing it. Returns nothing for the lock of a process that
+// has ended.
+std::optional<Lock> RepositoryLock::ReadLock(const FileName& file) const
+{
+    constexpr int MostWaits = 3;
+    milliseconds wait = m_settings.unreadableWait;
+    for (int waits = 0;; ++waits, wait *= 2) {
         try {
             if (m_repository.GetBackend().Size(file) == 0)
-                continue; // its writer died
-            const Lock lock = Lock::Parse(m_repository.LoadText(file));
-            if (lock.isExclusive || m_lock.isExclusive)
-                RaiseLocked(file, "The repository is locked " + Describe(lock) +
-                                      ". If that process has died, remove its lock with 'restic unlock'");
+                return std::nullopt; // its writer died
+            return Lock::Parse(m_repository.LoadText(file));
         } catch (const RepositoryError& error) {
             if (error.GetFailure() == Repo::Failure::Missing)
-                continue; // removed meanwhile
-            RaiseLocked(file, "A lock of the repository can't be read: " + error.GetMessage().Bytes() +
-                                  ". If no process uses the repository, remove it with 'restic unlock "
-                                  "--remove-all'");
+                return std::nullopt; // removed meanwhile
+            if (waits == MostWaits)
+                RaiseLocked(file, "A lock of the repository can't be read: " + error.GetMessage().Bytes() +
+                                      ". If no process uses the repository, remove it with 'restic unlock "
+                                      "--remove-all'. --no-lock reads the repository without a lock");
         }
+        SleepUnlessInterrupted(wait);
     }
 }
 

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <optional>
 #include <thread>
 
 namespace Agent {
@@ -34,6 +35,9 @@ struct LockSettings
     };
     /// Between writing the lock and looking for locks that were written meanwhile.
     std::chrono::milliseconds settling{200};
+    /// Before a lock that can't be read is read again; the second and the third wait are twice the one
+    /// before.
+    std::chrono::milliseconds unreadableWait{std::chrono::seconds(5)};
     /// Between refreshments.
     std::chrono::milliseconds refreshInterval{std::chrono::minutes(5)};
     /// Without a refreshment for this long, as after a standby, the lock may have been removed by others.
@@ -57,6 +61,7 @@ private:
     void AcquireWithPatience();
     void Acquire();
     void CheckOthers(const Repo::Id* own) const;
+    std::optional<Repo::Lock> ReadLock(const Repo::FileName& file) const;
     void KeepRefreshed();
     bool Refresh(bool isExpired);
 

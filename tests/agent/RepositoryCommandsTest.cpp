@@ -792,6 +792,19 @@ TEST_F(RepositoryCommands, LockIsRefreshedAndItsLossNoticed)
         EXPECT_FALSE(isLost);
     }
     EXPECT_TRUE(Files("locks").empty());
+    // A lock that another process is still writing is read again.
+    settings.unreadableWait = milliseconds(200);
+    const std::string unread = repository + "/locks/" + std::string(64, '0');
+    std::ofstream(unread) << "part";
+    EXPECT_THROW(RepositoryLock(opened, settings), LockedError);
+    {
+        std::thread writer([&] {
+            std::this_thread::sleep_for(milliseconds(300));
+            fs::remove(unread);
+        });
+        EXPECT_NO_THROW(RepositoryLock(opened, settings));
+        writer.join();
+    }
     settings.expiry = milliseconds(1);
     settings.refreshInterval = milliseconds(100);
     const RepositoryLock lock(opened, settings);
