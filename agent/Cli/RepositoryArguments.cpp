@@ -8,6 +8,7 @@ const char* const RepositoryHelp =
     "The repository is that of --repo, --repository-file or the variable KBAGENT_REPOSITORY or\n"
     "KBAGENT_REPOSITORY_FILE. The password is that of --password-file or --password-command, or of\n"
     "KBAGENT_PASSWORD_FILE, KBAGENT_PASSWORD_COMMAND or KBAGENT_PASSWORD; otherwise it is asked for.\n"
+    "KBAGENT_KEY_HINT is that of --key-hint.\n"
     "Without such a variable, that of restic is used: RESTIC_REPOSITORY and so on.\n\n";
 
 // Scripts for restic have them. There is no cache. They are not in the help.

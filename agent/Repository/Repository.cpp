@@ -58,8 +58,9 @@ auto At(const FileName& file)
 
 void VerifyId(const FileName& file, ByteView content)
 {
+    REPOSITORY_RAISE_UNLESS(!content.empty(), Failure::Damaged, "damaged: the file is empty");
     REPOSITORY_RAISE_UNLESS(Id::Of(content) == file.id, Failure::Damaged,
-                            "damaged: the content has another id");
+                            "damaged: the content does not have the ID that is its name");
 }
 
 // Bytes of a file, and of its JSON text, at most.

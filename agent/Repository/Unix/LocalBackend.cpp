@@ -205,8 +205,8 @@ void LocalBackend::Load(const FileName& file, std::uint64_t offset, std::uint64_
         const Krt::Util::YUnxHandle handle = OpenFile(file);
         const std::uint64_t size = RegularSize(handle);
         REPOSITORY_RAISE_UNLESS(length <= size && offset <= size - length, Failure::Damaged,
-                                "damaged: " << length << " bytes at offset " << offset << " of a file with "
-                                            << size);
+                                "damaged: the file has " << size << " bytes, but " << length
+                                                         << " bytes at offset " << offset << " are needed");
         ReadAll(handle, offset, length, out);
     });
 }
