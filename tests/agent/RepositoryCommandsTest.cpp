@@ -787,7 +787,8 @@ TEST_F(RepositoryCommands, LockIsRefreshedAndItsLossNoticed)
         LockSettings exclusive = settings;
         exclusive.isExclusive = true;
         EXPECT_THROW(RepositoryLock(opened, exclusive), LockedError);
-        std::this_thread::sleep_for(milliseconds(300));
+        for (int i = 0; i < 100 && fs::exists(first.front()); ++i)
+            std::this_thread::sleep_for(milliseconds(50));
         EXPECT_FALSE(fs::exists(first.front()));
         EXPECT_FALSE(isLost);
     }
