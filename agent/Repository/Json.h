@@ -68,7 +68,7 @@ public:
     void Keep(std::string key, std::vector<RawMember>& members);
     /// Raises unless only white space follows.
     void End();
-    /// Goes back to the begin of an item that NextItem announced, and that failed to be read as expected.
+    /// Returns to the start of an item that NextItem announced, and that failed to be read as expected.
     void ReturnTo(std::size_t offset)
     {
         m_offset = offset;

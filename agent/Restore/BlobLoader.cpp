@@ -13,7 +13,7 @@ using Repo::PackedBlob;
 
 namespace {
 
-constexpr std::uint64_t GapLimit = 128 << 10; // what is read in vain costs less than another read
+constexpr std::uint64_t GapLimit = 128 << 10; // bytes; reading a gap this long costs less than another read
 constexpr std::uint64_t RangeLimit = 4 << 20; // small enough to occupy all threads
 
 std::uint64_t EndOf(const PackedBlob& blob)

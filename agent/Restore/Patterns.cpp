@@ -115,7 +115,7 @@ bool IsWellFormed(std::string_view pattern)
     return true;
 }
 
-// Takes what stands for one character off both, if it fits.
+// Removes what matches one character from both, if it matches.
 bool TakeOne(std::string_view& pattern, std::string_view& name)
 {
     const std::string_view character = name.substr(0, CharacterSize(name));

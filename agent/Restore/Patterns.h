@@ -1,8 +1,8 @@
 // Patterns: restic's patterns for the paths of entries. A pattern consists of names that are separated by
 // "/":
-//   - "*" stands for any characters of a name, "?" for one, "[a-z]" and "[^a-z]" for one of a set; a
+//   - "*" matches any characters of a name, "?" for one, "[a-z]" and "[^a-z]" for one of a set; a
 //     backslash takes the character after it as it is
-//   - a name "**" stands for any number of names, also none
+//   - a name "**" matches any number of names, also none
 //   - a pattern that begins with "/" matches from the root, another one from any name of the path
 //   - what is below an entry that matches, matches, too
 //   - "!" at the beginning takes back what earlier patterns of the list matched
@@ -25,7 +25,7 @@ public:
     /// Adds a pattern. Raises InvalidArgument for an empty one and for a set that is not closed.
     void Add(const std::string& pattern, bool ignoresCase);
     /// Adds the patterns of a file, one on each line. White space around a line, empty lines and lines that
-    /// begin with "#" are ignored. $NAME and ${NAME} stand for a variable of the environment, $$ for a
+    /// begin with "#" are ignored. $NAME and ${NAME} are replaced by a variable of the environment, $$ by a
     /// dollar sign. Raises what Add and ReadTextFile raise.
     void AddFile(const std::string& path, bool ignoresCase);
     bool IsEmpty() const { return m_exact.empty() && m_anyCase.empty(); }

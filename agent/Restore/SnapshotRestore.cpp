@@ -126,7 +126,7 @@ struct SnapshotRestore::Item
     struct stat existing
     {};                         // of the file that exists
     std::exception_ptr failure; // why the entry can't be restored
-    bool isWay = false;         // a directory that is restored only for what is below it
+    bool isPending = false;     // a directory that is restored only for what is below it
     std::optional<std::unordered_set<std::string>> names; // of a directory that is cleaned
 };
 
@@ -235,7 +235,7 @@ void SnapshotRestore::Run(const Id& tree)
             m_report.EntryFailed(Text(path), ReasonOf(error));
         });
     Drain();
-    m_way.clear();
+    m_pending.clear();
     if (m_totals.files == 0 && !m_settings.includes.IsEmpty())
         m_report.Note("No entry matches the patterns, so nothing is restored");
     if (m_maker) {
@@ -270,8 +270,8 @@ Selection SnapshotRestore::Select(const std::string& path, bool isDirectory) con
 
 Step SnapshotRestore::Visit(const std::string& path, Node& node)
 {
-    while (!m_way.empty() && !path.starts_with(m_way.back()->path + "/"))
-        m_way.pop_back();
+    while (!m_pending.empty() && !path.starts_with(m_pending.back()->path + "/"))
+        m_pending.pop_back();
     const bool isDirectory = node.type == NodeType::Directory;
     const Selection selection = Select(path, isDirectory);
     if (!selection.isSelected && !selection.mayHaveSelected)
@@ -291,19 +291,19 @@ Step SnapshotRestore::Visit(const std::string& path, Node& node)
         return isDirectory ? Step::Into : Step::Past;
     }
     if (!selection.isSelected) {
-        item->isWay = true;
+        item->isPending = true;
         if (item->names && Root() != nullptr)
             CleanDirectory(item->location, path, *item->names);
-        m_way.push_back(std::move(item));
+        m_pending.push_back(std::move(item));
         return Step::Into;
     }
-    for (auto& way : m_way) {
-        if (way->isWay) {
+    for (auto& pending : m_pending) {
+        if (pending->isPending) {
             auto copy = std::make_unique<Item>();
-            copy->path = way->path;
-            copy->location = way->location;
-            copy->recorded = way->recorded;
-            way->isWay = false;
+            copy->path = pending->path;
+            copy->location = pending->location;
+            copy->recorded = pending->recorded;
+            pending->isPending = false;
             Add(std::move(copy));
         }
     }
@@ -459,14 +459,14 @@ const YDirectory* SnapshotRestore::ExistingParent(const TargetLocation& location
     const YDirectory* const root = Root();
     if (root == nullptr || location.size() == 1)
         return root;
-    const auto way = std::span(location).first(location.size() - 1);
-    if (!m_isExistingParentKnown ||
-        !std::equal(way.begin(), way.end(), m_existingLocation.begin(), m_existingLocation.end())) {
+    const auto directories = std::span(location).first(location.size() - 1);
+    if (!m_isExistingParentKnown || !std::equal(directories.begin(), directories.end(),
+                                                m_existingLocation.begin(), m_existingLocation.end())) {
         m_existingParent.reset();
-        m_existingLocation.assign(way.begin(), way.end());
+        m_existingLocation.assign(directories.begin(), directories.end());
         m_isExistingParentKnown = true;
         try {
-            m_existingParent = root->OpenBelow(way);
+            m_existingParent = root->OpenBelow(directories);
         } catch (const Krt::Exception::YError&) {
             // missing, or not a directory: that is found when it is created
         }

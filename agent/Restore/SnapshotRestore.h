@@ -121,7 +121,7 @@ private:
     TargetCleaner m_cleaner;
     BlobLoader m_loader;
 
-    std::vector<std::unique_ptr<Item>> m_way; // directories that are restored if an entry below is
+    std::vector<std::unique_ptr<Item>> m_pending; // directories that are restored if an entry below is
     std::unique_ptr<Batch> m_collected;
     std::unique_ptr<Batch> m_loading;
     TargetLocation m_existingLocation; // of m_existingParent, which is empty if that does not exist
