@@ -88,28 +88,36 @@ std::uint32_t PackWriter::Add(const BlobHandle& handle, ByteView plaintext, bool
     PackedBlob blob;
     blob.handle = handle;
     blob.isCompressed = compress && !plaintext.empty();
+    KRT_RAISE_UNLESS(plaintext.size() <= UINT32_MAX, Krt::ErrorCode::InvalidArgument,
+                     "A blob exceeds the limits of a pack");
+    blob.plainLength = static_cast<std::uint32_t>(plaintext.size());
     m_compressed.clear();
+    m_sealed.clear();
     if (blob.isCompressed)
         Compress(plaintext, m_compressed);
-    const ByteView content = blob.isCompressed ? ByteView(m_compressed) : plaintext;
-    const std::size_t entrySize = PackEntrySize(blob.isCompressed);
-    KRT_RAISE_UNLESS(plaintext.size() <= UINT32_MAX && content.size() <= UINT32_MAX - SealOverhead &&
-                         m_bytes.size() <= UINT32_MAX &&
+    Seal(m_key, blob.isCompressed ? ByteView(m_compressed) : plaintext, m_sealed);
+    return AddSealed(blob, m_sealed);
+}
+
+std::uint32_t PackWriter::AddSealed(PackedBlob blob, ByteView sealed)
+{
+    const std::uint32_t entrySize = PackEntrySize(blob.isCompressed);
+    KRT_RAISE_UNLESS(sealed.size() <= UINT32_MAX - entrySize && m_bytes.size() <= UINT32_MAX &&
                          m_headerSize + entrySize <= PackHeaderLimit - SealOverhead,
                      Krt::ErrorCode::InvalidArgument, "A blob exceeds the limits of a pack");
     blob.offset = static_cast<std::uint32_t>(m_bytes.size());
-    blob.length = static_cast<std::uint32_t>(content.size() + SealOverhead);
-    blob.plainLength = static_cast<std::uint32_t>(plaintext.size());
+    blob.length = static_cast<std::uint32_t>(sealed.size());
     m_blobs.push_back(blob);
-    Seal(m_key, content, m_bytes);
+    m_bytes.insert(m_bytes.end(), sealed.begin(), sealed.end());
     m_headerSize += entrySize;
-    return blob.length + static_cast<std::uint32_t>(entrySize);
+    return blob.length + entrySize;
 }
 
 ByteView PackWriter::Finish()
 {
     Bytes header;
     header.reserve(m_headerSize);
+    m_bytes.reserve(FinishedSize());
     for (const PackedBlob& blob : m_blobs) {
         const unsigned char type = blob.handle.type == BlobType::Tree ? 1 : 0;
         header.push_back(blob.isCompressed ? type | CompressedFlag : type);
@@ -125,7 +133,10 @@ ByteView PackWriter::Finish()
 
 void PackWriter::Clear()
 {
+    constexpr std::size_t KeptCapacity = 160 << 20;
     m_bytes.clear();
+    if (m_bytes.capacity() > KeptCapacity)
+        Bytes().swap(m_bytes);
     m_blobs.clear();
     m_headerSize = 0;
 }

@@ -38,8 +38,12 @@ public:
     /// The caller has computed the id of the plaintext. Raises InvalidArgument if the pack would exceed the
     /// format's limits; the pack is unchanged then.
     std::uint32_t Add(const BlobHandle& handle, ByteView plaintext, bool compress = true);
+    /// Adds a blob that was sealed before. Its offset and length are set here. See Add.
+    std::uint32_t AddSealed(PackedBlob blob, ByteView sealed);
     /// Bytes of the blobs so far.
     std::uint64_t Size() const { return m_bytes.size(); }
+    /// Bytes of the pack if it was finished now.
+    std::uint64_t FinishedSize() const { return m_bytes.size() + m_headerSize + PackOverhead; }
     bool IsEmpty() const { return m_blobs.empty(); }
     const std::vector<PackedBlob>& GetBlobs() const { return m_blobs; }
 
@@ -53,6 +57,7 @@ private:
     const Key& m_key;
     Bytes m_bytes;
     Bytes m_compressed; // of one blob
+    Bytes m_sealed;     // one blob
     std::vector<PackedBlob> m_blobs;
     std::uint64_t m_headerSize = 0;
 };

@@ -1,0 +1,277 @@
+#include "agent/Repository/BlobSaver.h"
+
+#include "agent/Repository/Zstd.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Agent::Repo {
+
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr std::size_t PackBlobLimit = 50000;             // blobs of a pack
+constexpr std::size_t IndexBlobLimit = 50000;            // blobs after which an index file is full
+constexpr auto IndexAgeLimit = std::chrono::minutes(10); // after which an index file is written all the same
+constexpr auto BetweenCalls = std::chrono::milliseconds(100); // of onWait
+constexpr unsigned int SparePacks = 1;                        // that are full while all writers have one
+constexpr std::size_t ScratchLimit = 32 << 20;                // bytes that a thread keeps
+
+constexpr int FastLevel = 1; // of zstd
+constexpr int AutoLevel = 3;
+constexpr int MaxLevel = 12;
+
+// Returns true if the bytes of the blob are about equally frequent, as in what is compressed or encrypted.
+bool IsFlat(ByteView content)
+{
+    constexpr std::size_t Pieces = 32;
+    constexpr std::size_t PieceSize = 256;
+    constexpr std::uint64_t Sampled = Pieces * PieceSize;
+    constexpr std::uint64_t ExpectedSquares = Sampled + Sampled * (Sampled - 1) / 256;
+    std::array<std::uint32_t, 256> counts{};
+    const std::size_t step = (content.size() - PieceSize) / (Pieces - 1);
+    for (std::size_t piece = 0; piece < Pieces; ++piece) {
+        for (const unsigned char byte : content.subspan(piece * step, PieceSize))
+            ++counts[byte];
+    }
+    std::uint64_t squares = 0;
+    for (const std::uint64_t count : counts)
+        squares += count * count;
+    return squares < ExpectedSquares + ExpectedSquares / 16;
+}
+
+// Returns true if it is not worth the time to compress the content. `scratch` is overwritten.
+bool LooksIncompressible(ByteView content, Bytes& scratch)
+{
+    constexpr std::size_t SampleSize = 64 << 10;
+    if (content.size() < 2 * SampleSize || !IsFlat(content))
+        return false;
+    scratch.clear();
+    Compress(content.subspan((content.size() - SampleSize) / 2, SampleSize), scratch, FastLevel);
+    return scratch.size() >= SampleSize - SampleSize / 64;
+}
+
+// Returns true and the compressed content in `out` if the blob is to be stored compressed.
+bool CompressBlob(BlobType type, ByteView plaintext, Compression compression, Bytes& out)
+{
+    out.clear();
+    if (plaintext.empty())
+        return false;
+    const bool isTree = type == BlobType::Tree;
+    if (!isTree && (compression == Compression::Off || LooksIncompressible(plaintext, out)))
+        return false;
+    out.clear();
+    Compress(plaintext, out, compression == Compression::Max ? MaxLevel : AutoLevel);
+    return isTree || out.size() + PackEntrySize(true) < plaintext.size() + PackEntrySize(false);
+}
+
+void GiveBack(Bytes& scratch)
+{
+    if (scratch.capacity() > ScratchLimit)
+        Bytes().swap(scratch);
+}
+
+} // namespace
+
+BlobSaver::BlobSaver(const Repository& repository, const SaveOptions& options)
+    : m_repository(repository), m_options(options)
+{
+    KRT_RAISE_UNLESS(repository.GetConfig().version >= 2, Krt::ErrorCode::InvalidArgument,
+                     "Blobs are saved in version 2 of the format alone");
+    const unsigned int writers = std::max(1u, options.writers);
+    const std::size_t packs = m_open.size() + writers + SparePacks;
+    for (std::size_t i = 0; i < packs; ++i)
+        m_free.push_back(std::make_unique<PackWriter>(repository.GetKey()));
+    try {
+        for (unsigned int i = 0; i < writers; ++i)
+            m_writers.emplace_back([this] { WritePacks(); });
+    } catch (...) {
+        EndWriters();
+        throw;
+    }
+}
+
+BlobSaver::~BlobSaver()
+{
+    EndWriters();
+}
+
+void BlobSaver::EndWriters()
+{
+    {
+        const std::lock_guard guard(m_mutex);
+        m_isEnding = true;
+    }
+    m_change.notify_all();
+    for (std::thread& writer : m_writers)
+        writer.join();
+}
+
+bool BlobSaver::Has(const BlobHandle& handle) const
+{
+    if (m_repository.GetIndex().Has(handle))
+        return true;
+    const std::lock_guard guard(m_knownMutex);
+    return m_known.contains(handle);
+}
+
+bool BlobSaver::Save(const BlobHandle& handle, ByteView plaintext)
+{
+    if (m_hasFailed) [[unlikely]]
+        RaiseFailure();
+    if (m_repository.GetIndex().Has(handle))
+        return false;
+    {
+        const std::lock_guard guard(m_knownMutex);
+        if (!m_known.insert(handle).second)
+            return false;
+    }
+    thread_local Bytes compressed;
+    thread_local Bytes sealed;
+    try {
+        PackedBlob blob;
+        blob.handle = handle;
+        KRT_RAISE_UNLESS(plaintext.size() <= UINT32_MAX - (1 << 26), Krt::ErrorCode::InvalidArgument,
+                         "A blob exceeds the limits of a pack");
+        blob.plainLength = static_cast<std::uint32_t>(plaintext.size());
+        blob.isCompressed = CompressBlob(handle.type, plaintext, m_options.compression, compressed);
+        sealed.clear();
+        Seal(m_repository.GetKey(), blob.isCompressed ? ByteView(compressed) : plaintext, sealed);
+        Append(blob, sealed);
+        GiveBack(compressed);
+        GiveBack(sealed);
+    } catch (...) {
+        Guard lock(m_mutex);
+        Fail();
+        throw;
+    }
+    return true;
+}
+
+void BlobSaver::Append(const PackedBlob& blob, ByteView sealed)
+{
+    const std::size_t type = static_cast<std::size_t>(blob.handle.type);
+    Guard lock(m_mutex);
+    WaitFor(lock, [&] { return m_open[type] != nullptr || !m_free.empty(); });
+    std::unique_ptr<PackWriter>& open = m_open[type];
+    if (open == nullptr) {
+        open = std::move(m_free.back());
+        m_free.pop_back();
+    }
+    SavedBlobs& saved = m_saved[type];
+    saved.stored += open->AddSealed(blob, sealed);
+    saved.bytes += blob.plainLength;
+    ++saved.blobs;
+    if (open->FinishedSize() < m_options.packSize && open->GetBlobs().size() < PackBlobLimit)
+        return;
+    m_full.push_back(std::move(open));
+    lock.unlock();
+    m_change.notify_all();
+}
+
+void BlobSaver::Finish()
+{
+    Guard lock(m_mutex);
+    for (std::unique_ptr<PackWriter>& open : m_open) {
+        if (open != nullptr)
+            m_full.push_back(std::move(open));
+    }
+    m_change.notify_all();
+    WaitFor(lock, [this] { return m_full.empty() && m_writing == 0; });
+    if (m_noted.CountBlobs() == 0)
+        return;
+    const std::string text = m_noted.Finish();
+    lock.unlock();
+    try {
+        m_repository.SaveText(FileKind::Index, text);
+    } catch (...) {
+        lock.lock();
+        Fail();
+        throw;
+    }
+}
+
+// Waits until the condition holds. Raises the failure, also if the condition holds already.
+void BlobSaver::WaitFor(Guard& lock, const std::function<bool()>& isReached)
+{
+    const auto isOver = [&] {
+        return m_hasFailed || isReached();
+    };
+    while (!m_change.wait_for(lock, BetweenCalls, isOver)) {
+        try {
+            m_options.onWait();
+        } catch (...) {
+            Fail();
+        }
+    }
+    if (m_failure)
+        std::rethrow_exception(m_failure);
+}
+
+// What a writing thread does.
+void BlobSaver::WritePacks()
+{
+    Guard lock(m_mutex);
+    for (;;) {
+        m_change.wait(lock, [this] { return m_isEnding || (!m_full.empty() && !m_hasFailed); });
+        if (m_isEnding)
+            return;
+        std::unique_ptr<PackWriter> pack = std::move(m_full.front());
+        m_full.pop_front();
+        ++m_writing;
+        try {
+            WritePack(lock, *pack);
+        } catch (...) {
+            if (!lock.owns_lock())
+                lock.lock();
+            Fail();
+        }
+        --m_writing;
+        m_free.push_back(std::move(pack));
+        m_change.notify_all();
+    }
+}
+
+// Releases the lock while it writes.
+void BlobSaver::WritePack(Guard& lock, PackWriter& pack)
+{
+    lock.unlock();
+    const Id id = m_repository.SavePack(pack.Finish());
+    lock.lock();
+    if (m_noted.CountBlobs() == 0)
+        m_notedSince = steady_clock::now();
+    m_noted.Add(id, pack.GetBlobs());
+    pack.Clear();
+    const bool isDue =
+        m_noted.CountBlobs() >= IndexBlobLimit || steady_clock::now() - m_notedSince >= IndexAgeLimit;
+    if (!isDue || m_hasFailed)
+        return;
+    const std::string text = m_noted.Finish();
+    lock.unlock();
+    m_repository.SaveText(FileKind::Index, text);
+    lock.lock();
+}
+
+// Keeps the exception that is being handled, if it is the first. The lock is held.
+void BlobSaver::Fail()
+{
+    if (!m_failure)
+        m_failure = std::current_exception();
+    m_hasFailed = true;
+    m_change.notify_all();
+}
+
+void BlobSaver::RaiseFailure() const
+{
+    const std::lock_guard guard(m_mutex);
+    std::rethrow_exception(m_failure);
+}
+
+SavedBlobs BlobSaver::GetSaved(BlobType type) const
+{
+    const std::lock_guard guard(m_mutex);
+    return m_saved[static_cast<std::size_t>(type)];
+}
+
+} // namespace Agent::Repo

@@ -1,0 +1,123 @@
+// BlobSaver: saves blobs in packs, and the packs in index files, of a repository whose index is loaded.
+//
+// Any number of threads call Save. Each compresses and seals its blob, and copies it to the open pack of the
+// blob's type. A full pack is queued for the threads of the saver, which write it, note it for the next index
+// file, and write that when it is full. So a slow disk stops the callers only when all packs are full.
+//
+//   a blob:  known (in the repository's index, or in m_known) | being sealed | in a pack
+//   a pack:  free (m_free) -> open (m_open) -> full (m_full) -> being written -> noted (m_noted) -> free
+//   a saver: working -> failed
+//
+// Invariants:
+//   - A blob is added to m_known before it is sealed, so it is stored once. If sealing it fails, the saver
+//   has
+//     failed.
+//   - A pack is noted after it is durable, with all of its blobs. An index file names no other packs.
+//   - There are as many packs as m_free had at first, which bounds the memory.
+//   - A failed saver writes nothing more, and each operation raises the first failure.
+#pragma once
+
+#include "agent/Repository/Pack.h"
+#include "agent/Repository/Repository.h"
+
+#include <boost/unordered/unordered_flat_set.hpp>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace Agent::Repo {
+
+/// How much time compression takes.
+enum class Compression
+{
+    Auto, ///< little; data that does not shrink is stored as it is
+    Off,  ///< none: data is stored as it is. Trees are compressed, as the format recommends
+    Max   ///< much
+};
+
+/// How blobs are saved.
+struct SaveOptions
+{
+    Compression compression = Compression::Auto;
+    std::uint32_t packSize = 16 << 20; ///< bytes after which a pack is full
+    unsigned int writers = 2;          ///< threads that write packs, at least 1
+    /// Called about 10 times a second while Save or Finish waits. What it raises ends the saver.
+    std::function<void()> onWait = [] {
+    };
+};
+
+/// Blobs of one type that were saved and that the repository did not have before.
+struct SavedBlobs
+{
+    std::uint64_t blobs = 0;
+    std::uint64_t bytes = 0;  ///< of their plaintext
+    std::uint64_t stored = 0; ///< bytes that packs grew by
+};
+
+class BlobSaver
+{
+public:
+    /// The repository outlives the saver, and its index does not change meanwhile. Raises InvalidArgument if
+    /// its format is version 1.
+    BlobSaver(const Repository& repository, const SaveOptions& options);
+    /// Without Finish, what is not yet written is dropped. Packs that no index file names do no harm.
+    ~BlobSaver();
+    BlobSaver(const BlobSaver&) = delete;
+    BlobSaver& operator=(const BlobSaver&) = delete;
+
+    /// Saves a blob unless the repository has it or another call saves it. Returns true if it was new. Its id
+    /// is that of the plaintext. Compresses and seals on this thread, and waits while all packs are full. The
+    /// blob is durable after Finish. Raises what writing raised first, on any thread.
+    bool Save(const BlobHandle& handle, ByteView plaintext);
+    /// Returns true if the repository has the blob, or it was given to Save. Any thread.
+    bool Has(const BlobHandle& handle) const;
+    /// Writes what is not written: packs, then index files. After that, all blobs that were saved are
+    /// durable, and other processes find them. Raises what writing raised first. No thread calls Save
+    /// meanwhile; it may be called after that.
+    void Finish();
+
+    /// What was saved so far. Any thread.
+    SavedBlobs GetSaved(BlobType type) const;
+
+private:
+    using Guard = std::unique_lock<std::mutex>;
+
+    void Append(const PackedBlob& blob, ByteView sealed);
+    void WaitFor(Guard& lock, const std::function<bool()>& isReached);
+    void WritePacks();
+    void EndWriters();
+    void WritePack(Guard& lock, PackWriter& pack);
+    void Fail();
+    void RaiseFailure() const;
+
+    const Repository& m_repository;
+    const SaveOptions m_options;
+
+    mutable std::mutex m_knownMutex;
+    boost::unordered_flat_set<BlobHandle, BlobHandleHash> m_known; // what was given to Save and was new
+
+    mutable std::mutex m_mutex; // for all of the following
+    std::condition_variable m_change;
+    std::vector<std::unique_ptr<PackWriter>> m_free;
+    std::array<std::unique_ptr<PackWriter>, 2> m_open; // by type; null until a blob comes
+    std::deque<std::unique_ptr<PackWriter>> m_full;
+    unsigned int m_writing = 0; // packs and index files that threads are writing
+    IndexFileWriter m_noted;
+    std::chrono::steady_clock::time_point m_notedSince;
+    std::array<SavedBlobs, 2> m_saved;
+    std::exception_ptr m_failure;
+    std::atomic<bool> m_hasFailed{false}; // m_failure is set; read without the mutex, too
+    bool m_isEnding = false;
+
+    std::vector<std::thread> m_writers;
+};
+
+} // namespace Agent::Repo

@@ -1,0 +1,58 @@
+// Content-defined chunking: content is cut where the digest of the last 64 bytes has a certain form. Equal
+// runs of bytes are so cut alike wherever they are, and stored once. Repositories differ in the polynomial of
+// the digest, so that the lengths of chunks do not betray known content.
+#pragma once
+
+#include "agent/Repository/Bytes.h"
+#include "agent/Repository/Polynomial.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace Agent::Repo {
+
+/// What chunking by a polynomial needs, computed once. Any number of threads may use it at once.
+class ChunkerTables
+{
+public:
+    /// The polynomial is that of a repository: irreducible, of the degree ChunkerDegree.
+    explicit ChunkerTables(Polynomial polynomial);
+
+private:
+    friend class Chunker;
+
+    std::array<std::uint64_t, 256> m_out; // what a byte adds to the digest when it leaves the window
+    std::array<std::uint64_t, 256> m_mod; // what takes the bits away that a step shifts beyond the degree
+};
+
+/// Finds the ends of chunks. One thread at a time.
+class Chunker
+{
+public:
+    static constexpr std::size_t MinSize = 512 << 10; ///< bytes of a chunk, but for the last one of a file
+    static constexpr std::size_t MaxSize = 8 << 20;   ///< bytes of a chunk
+
+    /// The tables outlive the chunker.
+    explicit Chunker(const ChunkerTables& tables) : m_tables(tables) {}
+
+    /// Begins with the first chunk of another file.
+    void Reset();
+    /// Looks for the end of the current chunk in bytes that continue it. Returns the number of bytes of
+    /// `data` that belong to the chunk. `isCut` becomes true if the chunk ends with them, and the next call
+    /// begins the next chunk; otherwise all of `data` belongs to the chunk. What a file has after the last
+    /// cut is its last chunk.
+    std::size_t Feed(ByteView data, bool& isCut);
+
+private:
+    static constexpr std::size_t WindowSize = 64; // bytes
+
+    std::size_t Slide(ByteView data, bool& isCut);
+
+    const ChunkerTables& m_tables;
+    std::size_t m_length = 0;                         // bytes of the chunk so far
+    std::uint64_t m_digest = 0;                       // of the window
+    std::array<unsigned char, WindowSize> m_window{}; // the bytes of the chunk at these lengths modulo 64
+};
+
+} // namespace Agent::Repo
