@@ -5,6 +5,7 @@
 
 #include "Krt/Exception/Raise.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
@@ -15,59 +16,120 @@ using Repo::Secret;
 
 namespace {
 
+constexpr auto PasswordNames = {"PASSWORD", "PASSWORD_FILE", "PASSWORD_COMMAND"};
+
 // Removes a variable, and overwrites its value.
-void Forget(const char* name)
+void Forget(const std::string& name)
 {
-    if (char* const value = std::getenv(name)) {
+    if (char* const value = std::getenv(name.c_str())) {
         Repo::Wipe({reinterpret_cast<unsigned char*>(value), std::strlen(value)});
-        unsetenv(name);
+        unsetenv(name.c_str());
     }
 }
 
-std::optional<Secret> TakeFromEnvironment()
+std::optional<Secret> TakeFromEnvironment(const RepositoryOptions& options)
 {
-    std::optional<std::string> found =
-        FromEnvironment({"PASSWORD", "PASSWORD_FILE", "PASSWORD_COMMAND"}, "PASSWORD");
+    std::optional<std::string> found = FromEnvironment(options, PasswordNames, "PASSWORD");
     if (!found)
         return std::nullopt;
     std::string& text = *found;
     Secret secret(Repo::AsBytes(text));
     Repo::Wipe({reinterpret_cast<unsigned char*>(text.data()), text.size()});
-    Forget("KBAGENT_PASSWORD");
-    Forget("RESTIC_PASSWORD");
+    const std::string name = options.isSource ? "_FROM_PASSWORD" : "_PASSWORD";
+    Forget("KBAGENT" + name);
+    Forget("RESTIC" + name);
     return secret;
 }
 
-Password Read(const std::string& file, const std::string& command, Report& report)
+// Where a password is typed.
+struct Prompt
 {
+    const char* question;
+    bool isNew;       // it is typed twice
+    const char* name; // in messages
+};
+
+constexpr Prompt ForRepository{"enter password for repository: ", false, "the password of the repository"};
+constexpr Prompt ForSource{"enter password for source repository: ", false,
+                           "the password of the source repository"};
+constexpr Prompt ForCreation{"enter password for new repository: ", true,
+                             "the password of the new repository"};
+constexpr Prompt ForNewKey{"enter new password: ", true, "the new password"};
+
+Secret AskTwice(const Prompt& prompt)
+{
+    Secret first = AskOnTerminal(prompt.question);
+    const Secret second = AskOnTerminal("enter password again: ");
+    KRT_RAISE_UNLESS(std::ranges::equal(first.View(), second.View()), Krt::ErrorCode::InvalidArgument,
+                     "The passwords do not match");
+    return first;
+}
+
+Password Ask(const Prompt& prompt, Report& report)
+{
+    if (isatty(STDIN_FILENO) == 1)
+        return {prompt.isNew ? AskTwice(prompt) : AskOnTerminal(prompt.question), true};
+    report.Note(Krt::YString(std::string("Reading ") + prompt.name + " from standard input"));
+    return {ReadFirstLine(), false};
+}
+
+Password RequireNotEmpty(Password password)
+{
+    KRT_RAISE_UNLESS(password.text.Size() != 0, Krt::ErrorCode::InvalidArgument,
+                     "The password is empty, which --insecure-no-password allows");
+    return password;
+}
+
+Password Read(const RepositoryOptions& options, const Prompt& prompt, Report& report)
+{
+    std::string file = options.passwordFile;
+    std::string command = options.passwordCommand;
+    if (file.empty() && command.empty()) {
+        file = FromEnvironment(options, PasswordNames, "PASSWORD_FILE").value_or("");
+        command = FromEnvironment(options, PasswordNames, "PASSWORD_COMMAND").value_or("");
+    }
+    const bool isDirect = file.empty() && command.empty();
+    std::optional<Secret> direct = isDirect ? TakeFromEnvironment(options) : std::optional<Secret>();
+    if (options.hasNoPassword) {
+        if (!isDirect || direct)
+            throw UsageError("An empty password and another one exclude each other");
+        return {};
+    }
     if (!file.empty() && !command.empty())
         throw UsageError("The password is given twice: by a file and by a command");
     if (!file.empty())
-        return {ReadTextFile(file), false};
+        return RequireNotEmpty({ReadTextFile(file), false});
     if (!command.empty())
-        return {RunPasswordCommand(SplitWords(command)), false};
-    if (std::optional<Secret> password = TakeFromEnvironment())
-        return {std::move(*password), false};
-    if (isatty(STDIN_FILENO) == 1)
-        return {AskOnTerminal("enter password for repository: "), true};
-    report.Note("Reading the password of the repository from standard input");
-    return {ReadFirstLine(), false};
+        return RequireNotEmpty({RunPasswordCommand(SplitWords(command)), false});
+    if (direct)
+        return {std::move(*direct), false};
+    return RequireNotEmpty(Ask(prompt, report));
 }
 
 } // namespace
 
 Password ReadPassword(const RepositoryOptions& options, Report& report)
 {
-    std::string file = options.passwordFile;
-    std::string command = options.passwordCommand;
-    if (file.empty() && command.empty()) {
-        const auto names = {"PASSWORD", "PASSWORD_FILE", "PASSWORD_COMMAND"};
-        file = FromEnvironment(names, "PASSWORD_FILE").value_or("");
-        command = FromEnvironment(names, "PASSWORD_COMMAND").value_or("");
+    return Read(options, options.isSource ? ForSource : ForRepository, report);
+}
+
+Password ReadPasswordForCreation(const RepositoryOptions& options, Report& report)
+{
+    return Read(options, ForCreation, report);
+}
+
+Secret ReadNewPassword(const NewPasswordOptions& options, Report& report)
+{
+    if (options.hasNoPassword) {
+        if (!options.file.empty())
+            throw UsageError("An empty password and another one exclude each other");
+        return {};
     }
-    Password password = Read(file, command, report);
-    KRT_RAISE_UNLESS(password.text.Size() != 0, Krt::ErrorCode::InvalidArgument, "The password is empty");
-    return password;
+    Password password =
+        options.file.empty() ? Ask(ForNewKey, report) : Password{ReadTextFile(options.file), false};
+    KRT_RAISE_UNLESS(password.text.Size() != 0, Krt::ErrorCode::InvalidArgument,
+                     "The new password is empty, which --new-insecure-no-password allows");
+    return std::move(password.text);
 }
 
 std::vector<std::string> SplitWords(const std::string& command)

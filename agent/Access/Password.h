@@ -21,10 +21,25 @@ struct Password
 ///   - the option for a file or for a command
 ///   - the variable PASSWORD_FILE or PASSWORD_COMMAND of the environment, then PASSWORD
 ///   - the terminal, without echo, if standard input is one; otherwise the first line of standard input
-/// A password from the environment is overwritten there, so it can be read only once.
-/// Raises UsageError if a file and a command are given, InvalidState if the user interrupts, and
-/// InvalidArgument for an empty password and for a command that fails.
+/// It is empty if the options say so. A password from the environment is overwritten there, so it can be read
+/// only once. Raises UsageError if a file and a command are given, or an empty password and another;
+/// InvalidState if the user interrupts; and InvalidArgument for an empty password that the options do not
+/// allow, and for a command that fails.
 Password ReadPassword(const RepositoryOptions& options, Report& report);
+/// ReadPassword for a repository that is to be created: on a terminal the user types the password twice.
+/// Raises InvalidArgument if the two differ.
+Password ReadPasswordForCreation(const RepositoryOptions& options, Report& report);
+
+/// A further password of a repository, as a command line gives it.
+struct NewPasswordOptions
+{
+    std::string file;           ///< that has the password; empty if not given
+    bool hasNoPassword = false; ///< the new password is empty
+};
+
+/// The new password: from the file, or from the terminal, where the user types it twice, or a line of
+/// standard input. See ReadPassword.
+Repo::Secret ReadNewPassword(const NewPasswordOptions& options, Report& report);
 
 /// The words of a command, separated by blanks. Text in single or double quotes is part of one word, and a
 /// backslash makes the next character literal, except in single quotes. Raises UsageError for an

@@ -1,6 +1,7 @@
 #include "agent/Access/RepositoryLock.h"
 
 #include "agent/Access/Unix/Process.h"
+#include "agent/Access/WatchedBackend.h"
 
 #include "Krt/Environment/Host.h"
 #include "Krt/Log/LogSite.h"
@@ -67,6 +68,7 @@ RepositoryLock::RepositoryLock(const Repo::Repository& repository, LockSettings 
     m_lock.uid = identity.uid;
     m_lock.gid = identity.gid;
     AcquireWithPatience();
+    m_refreshed = Instant();
     m_refresher = std::thread([this] { KeepRefreshed(); });
 }
 
@@ -124,7 +126,7 @@ void RepositoryLock::CheckOthers(const Repo::Id* own) const
         const std::optional<Lock> lock = ReadLock(file);
         if (lock && (lock->isExclusive || m_lock.isExclusive))
             RaiseLocked(file, "The repository is locked " + Describe(*lock) +
-                                  ". If that process has died, remove its lock with 'restic unlock'");
+                                  ". If that process has died, remove its lock with 'kbagent unlock'");
     }
 }
 
@@ -144,38 +146,59 @@ std::optional<Lock> RepositoryLock::ReadLock(const FileName& file) const
                 return std::nullopt; // removed meanwhile
             if (waits == MostWaits)
                 RaiseLocked(file, "A lock of the repository can't be read: " + error.GetMessage().Bytes() +
-                                      ". If no process uses the repository, remove it with 'restic unlock "
+                                      ". If no process uses the repository, remove it with 'kbagent unlock "
                                       "--remove-all'. --no-lock reads the repository without a lock");
         }
         SleepUnlessInterrupted(wait);
     }
 }
 
+milliseconds RepositoryLock::Instant::Age() const
+{
+    const auto age = std::max<std::chrono::nanoseconds>(std::chrono::system_clock::now() - calendar,
+                                                        steady_clock::now() - steady);
+    return std::chrono::duration_cast<milliseconds>(age);
+}
+
 void RepositoryLock::KeepRefreshed()
 {
-    auto refreshed = Clock::now();
+    // Shorter than the time between refreshments, so that a failed one and a standby are noticed.
+    const milliseconds betweenLooks = std::min(m_settings.refreshInterval, LongestWait);
     const auto isEnding = [this] {
         m_mutex.AssertHeld();
         return m_isEnding;
     };
     AnnotatedLock lock(m_mutex);
-    while (!lock.WaitUntil(m_end, steady_clock::now() + m_settings.refreshInterval, isEnding)) {
-        const auto age = Clock::now() - refreshed;
-        bool isLost = age > m_settings.expiry;
-        try {
-            if (Refresh(isLost)) {
-                refreshed = Clock::now();
-                isLost = false;
-            } else
-                isLost = true;
-        } catch (const Krt::Exception::YError& error) {
-            KRT_LOG_FREE(Krt::MessageType::General, "Failed to refresh the repository's lock: " << error);
-        }
-        if (isLost) {
-            m_settings.onLost();
+    while (!lock.WaitUntil(m_end, steady_clock::now() + betweenLooks, isEnding)) {
+        if (m_refreshed.Age() >= m_settings.refreshInterval)
+            RefreshOrLose();
+        if (m_isLost)
             return;
-        }
     }
+}
+
+void RepositoryLock::RequireFresh()
+{
+    const AnnotatedLock lock(m_mutex);
+    if (!m_isLost && m_refreshed.Age() > m_settings.expiry)
+        RefreshOrLose();
+    if (m_isLost)
+        throw LockLost("The lock of the repository was lost, so nothing more is written");
+}
+
+// A failure to refresh does no harm until the lock has expired.
+void RepositoryLock::RefreshOrLose()
+{
+    const bool isExpired = m_refreshed.Age() > m_settings.expiry;
+    m_isLost = isExpired;
+    try {
+        m_isLost = !Refresh(isExpired);
+        m_refreshed = Instant();
+    } catch (const Krt::Exception::YError& error) {
+        KRT_LOG_FREE(Krt::MessageType::General, "Failed to refresh the repository's lock: " << error);
+    }
+    if (m_isLost)
+        m_settings.onLost();
 }
 
 // Returns false if the old lock was removed by another process.

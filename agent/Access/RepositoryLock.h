@@ -1,6 +1,6 @@
 // RepositoryLock: keeps a lock file in a repository while a command uses it. Locks that are not exclusive may
 // exist at the same time. An exclusive lock excludes all others. Age is not considered: the lock of a process
-// that has died excludes others until `restic unlock` removes it.
+// that has died excludes others until `unlock` removes it.
 #pragma once
 
 #include "agent/Repository/Lock.h"
@@ -50,28 +50,43 @@ public:
     /// Locks the repository, which outlives this object. Raises LockedError if another process has a lock
     /// that excludes this one, and InvalidState if the user interrupts. Raises what the repository raises.
     RepositoryLock(const Repo::Repository& repository, LockSettings settings);
-    /// Removes the lock. A failure is ignored: other processes then need `restic unlock`.
+    /// Removes the lock. A failure is ignored: other processes then need `unlock`.
     ~RepositoryLock();
     RepositoryLock(const RepositoryLock&) = delete;
     RepositoryLock& operator=(const RepositoryLock&) = delete;
 
+    /// Verifies that the lock was not lost, so that the caller may write to the repository. Any thread. If
+    /// the lock was not refreshed for too long, as after a standby, it is refreshed now. Raises LockLost
+    /// if it was lost.
+    void RequireFresh();
+
 private:
-    using Clock = std::chrono::system_clock; // which also advances during a standby
+    // When the lock was refreshed. Of two clocks, since one stops during a standby, and the other can be set.
+    struct Instant
+    {
+        std::chrono::system_clock::time_point calendar = std::chrono::system_clock::now();
+        std::chrono::steady_clock::time_point steady = std::chrono::steady_clock::now();
+
+        std::chrono::milliseconds Age() const;
+    };
 
     void AcquireWithPatience();
     void Acquire();
     void CheckOthers(const Repo::Id* own) const;
     std::optional<Repo::Lock> ReadLock(const Repo::FileName& file) const;
     void KeepRefreshed();
-    bool Refresh(bool isExpired);
+    void RefreshOrLose() KRT_REQUIRES(m_mutex);
+    bool Refresh(bool isExpired) KRT_REQUIRES(m_mutex);
 
     const Repo::Repository& m_repository;
     LockSettings m_settings;
     IgnoringHangUps m_ignoring;
     Repo::Lock m_lock;
     Repo::Id m_id;
-    Krt::Thread::AnnotatedMutex m_mutex;
+    Krt::Thread::AnnotatedMutex m_mutex; // also for m_id and m_lock, once the constructor has ended
     std::condition_variable m_end;
+    Instant m_refreshed KRT_GUARDED_BY(m_mutex);
+    bool m_isLost KRT_GUARDED_BY(m_mutex) = false;
     bool m_isEnding KRT_GUARDED_BY(m_mutex) = false;
     std::thread m_refresher;
 };

@@ -23,10 +23,17 @@ std::optional<std::string> Variable(const std::string& name)
 
 std::optional<std::string> FromEnvironment(std::initializer_list<const char*> names, std::string_view name)
 {
-    const bool isOurs = std::any_of(names.begin(), names.end(), [](const char* each) {
-        return Variable(std::string("KBAGENT_") + each).has_value();
+    return FromEnvironment(RepositoryOptions(), names, name);
+}
+
+std::optional<std::string> FromEnvironment(const RepositoryOptions& options,
+                                           std::initializer_list<const char*> names, std::string_view name)
+{
+    const std::string purpose = options.isSource ? "_FROM_" : "_";
+    const bool isOurs = std::any_of(names.begin(), names.end(), [&purpose](const char* each) {
+        return Variable("KBAGENT" + purpose + each).has_value();
     });
-    return Variable((isOurs ? "KBAGENT_" : "RESTIC_") + std::string(name));
+    return Variable((isOurs ? "KBAGENT" : "RESTIC") + purpose + std::string(name));
 }
 
 std::string FindLocation(const RepositoryOptions& options)
@@ -35,8 +42,8 @@ std::string FindLocation(const RepositoryOptions& options)
     std::string file = options.locationFile;
     if (location.empty() && file.empty()) {
         const auto names = {"REPOSITORY", "REPOSITORY_FILE"};
-        location = FromEnvironment(names, "REPOSITORY").value_or("");
-        file = FromEnvironment(names, "REPOSITORY_FILE").value_or("");
+        location = FromEnvironment(options, names, "REPOSITORY").value_or("");
+        file = FromEnvironment(options, names, "REPOSITORY_FILE").value_or("");
     }
     if (!location.empty() && !file.empty())
         throw UsageError("The repository is given twice: directly and by a file");
@@ -45,7 +52,10 @@ std::string FindLocation(const RepositoryOptions& options)
         location = Repo::AsText(text.View());
     }
     if (location.empty())
-        throw UsageError("Name a repository: --repo, --repository-file or KBAGENT_REPOSITORY");
+        throw UsageError(options.isSource ? "Name the source: --from-repo, --from-repository-file or "
+                                            "KBAGENT_FROM_REPOSITORY"
+                                          : "Name a repository: --repo, --repository-file or "
+                                            "KBAGENT_REPOSITORY");
     return location;
 }
 

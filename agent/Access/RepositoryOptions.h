@@ -17,13 +17,19 @@ struct RepositoryOptions
     std::string locationFile;          ///< a file with the location; empty if not given
     std::string passwordFile;          ///< a file with the password; empty if not given
     std::string passwordCommand;       ///< a command that prints the password; empty if not given
+    bool hasNoPassword = false;        ///< the password is empty
     std::string keyHint;               ///< first digits of the key file to try first; empty if not given
     bool isUnlocked = false;           ///< the repository is used without a lock
     std::chrono::seconds retryLock{0}; ///< how long to wait for a repository that is locked
     bool isQuiet = false;              ///< only what was asked for is printed
     bool isJson = false;               ///< errors are printed as JSON
     bool isVerbose = false;            ///< more is reported
+    bool isSource = false;             ///< the second repository of a command: variables are PREFIX_FROM_...
 };
+
+/// The value of a variable of the environment; see FromEnvironment. `names` are those for the same purpose.
+std::optional<std::string> FromEnvironment(const RepositoryOptions& options,
+                                           std::initializer_list<const char*> names, std::string_view name);
 
 /// The value of the first of the variables PREFIX_name that is set and not empty. PREFIX is KBAGENT if one of
 /// the names is set with it, otherwise RESTIC. `name` is one of the names.

@@ -6,6 +6,7 @@
 #include "agent/Repository/LocalBackend.h"
 #include "agent/Repository/Unix/SecretPages.h"
 #include "agent/Run/Text.h"
+#include "agent/Run/UsageError.h"
 
 #include <cerrno>
 
@@ -49,15 +50,23 @@ void ReportFailure(Report& report, const Repo::FileName& file, const RepositoryE
     report.EntryFailed(YString(file.Path()), YString(reason));
 }
 
-Session::Session(const RepositoryOptions& options, Report& report) : m_options(options), m_report(report)
+Session::Session(const RepositoryOptions& options, Report& report, Access access, OldFormat oldFormat)
+    : m_options(options), m_report(report)
 {
+    const bool isWriting = access != Access::Read;
+    if (isWriting && m_options.isUnlocked)
+        throw UsageError("A command that writes to the repository needs a lock");
     if (m_options.isJson)
         m_report.UseJson();
     Repo::HideProcess();
     m_backend = std::make_shared<WatchedBackend>(BackendOf(FindLocation(m_options)));
     Open();
+    KRT_RAISE_UNLESS(!isWriting || oldFormat == OldFormat::Accepted || m_repository->GetConfig().version >= 2,
+                     Krt::ErrorCode::NotSupported,
+                     "The repository has version 1 of the format, which is read but not written; 'kbagent "
+                     "migrate upgrade_repo_v2' changes it to version 2");
     if (!m_options.isUnlocked)
-        LockForReading();
+        LockFor(access);
     if (m_options.isVerbose)
         m_report.Note(YString(std::string_view(
             "repository " + m_repository->GetConfig().id.ToHex().substr(0, ShortDigits) + " (version " +
@@ -76,9 +85,9 @@ void Session::LoadIndex()
 void Session::Open()
 {
     Repo::OpenOptions options;
-    options.keyHint =
-        LowerDigits(!m_options.keyHint.empty() ? m_options.keyHint
-                                               : FromEnvironment({"KEY_HINT"}, "KEY_HINT").value_or(""));
+    options.keyHint = LowerDigits(!m_options.keyHint.empty()
+                                      ? m_options.keyHint
+                                      : FromEnvironment(m_options, {"KEY_HINT"}, "KEY_HINT").value_or(""));
     options.onUnreadKey = [this](const Repo::FileName&, const RepositoryError& error) {
         m_report.Note("A key file can't be used: " + ReasonOf(error));
     };
@@ -96,17 +105,19 @@ void Session::Open()
     }
 }
 
-void Session::LockForReading()
+void Session::LockFor(Access access)
 {
     LockSettings settings;
+    settings.isExclusive = access == Access::Exclusive;
     settings.patience = m_options.retryLock;
     settings.onLost = [backend = m_backend] {
         backend->ReportLostLock();
     };
     try {
         m_lock.emplace(*m_repository, std::move(settings));
+        m_backend->SetWriteGuard([this] { m_lock->RequireFresh(); });
     } catch (const RepositoryError& error) {
-        if (!IsReadOnly(error))
+        if (access != Access::Read || !IsReadOnly(error))
             throw;
         m_report.Note("The repository can't be written, so it is read without a lock: " + ReasonOf(error));
     }

@@ -19,17 +19,35 @@ std::shared_ptr<Repo::IBackend> BackendOf(const std::string& location);
 /// Reports a file that can't be read as a failed entry, with its path once.
 void ReportFailure(Report& report, const Repo::FileName& file, const Repo::RepositoryError& error);
 
+/// What a command does with a repository, which decides its lock.
+enum class Access
+{
+    Read,     ///< nothing is written. Shared lock; none if the options forbid it or nothing can be written
+    Append,   ///< files are added. Shared lock
+    Exclusive ///< files are added and removed. Exclusive lock
+};
+
+/// Whether a command that writes takes a repository of version 1 of the format.
+enum class OldFormat
+{
+    Refused,
+    Accepted
+};
+
 class Session
 {
 public:
-    /// Opens the repository for reading. Acquires a shared lock, unless the options forbid it. A
-    /// repository that can't be written is used without a lock, which is reported. Raises
-    ///   - UsageError for a repository or a password that is not given, or given twice
-    ///   - LockedError if another process has an exclusive lock
+    /// Opens the repository and acquires its lock. A repository that can't be written is read without a lock,
+    /// which is reported. Raises
+    ///   - UsageError for a repository or a password that is not given, or given twice; and for a command
+    ///     that writes without a lock
+    ///   - LockedError if another process has a lock that excludes this one
+    ///   - NotSupported for a command that writes to version 1 of the format, unless that is accepted
     ///   - what Repository::Open raises
-    /// Reading operations of the repository raise InvalidState when the user interrupts the program, and
-    /// LockLost when the lock is lost.
-    Session(const RepositoryOptions& options, Report& report);
+    /// Operations of the repository raise InvalidState when the user interrupts the program, and LockLost
+    /// when the lock is lost.
+    Session(const RepositoryOptions& options, Report& report, Access access = Access::Read,
+            OldFormat oldFormat = OldFormat::Refused);
 
     /// Loads the index. An index file that can't be read is reported as a failed entry; blobs that only it
     /// has are missing then. Snapshots are chosen before.
@@ -41,7 +59,7 @@ public:
 
 private:
     void Open();
-    void LockForReading();
+    void LockFor(Access access);
 
     RepositoryOptions m_options;
     Report& m_report;

@@ -31,4 +31,25 @@ void WatchedBackend::List(Repo::FileKind kind,
     m_backend->List(kind, visit);
 }
 
+void WatchedBackend::Save(const Repo::FileName& file, Repo::ByteView content)
+{
+    LookBeforeChange(file);
+    m_backend->Save(file, content);
+}
+
+void WatchedBackend::Remove(const Repo::FileName& file)
+{
+    LookBeforeChange(file);
+    m_backend->Remove(file);
+}
+
+void WatchedBackend::LookBeforeChange(const Repo::FileName& file) const
+{
+    if (file.kind == Repo::FileKind::Lock)
+        return;
+    Look();
+    if (m_writeGuard)
+        m_writeGuard();
+}
+
 } // namespace Agent

@@ -1,5 +1,6 @@
-// WatchedBackend: a backend whose reading operations end the run in time: when the user interrupts the
-// program, and when the repository's lock is lost.
+// WatchedBackend: a backend whose operations end the run in time: when the user interrupts the program, and
+// when the repository's lock is lost. Those on lock files do not, since the lock itself is removed at the
+// end.
 #pragma once
 
 #include "agent/Repository/Backend.h"
@@ -23,8 +24,11 @@ class WatchedBackend : public Repo::IBackend
 public:
     explicit WatchedBackend(std::shared_ptr<Repo::IBackend> backend) : m_backend(std::move(backend)) {}
 
-    /// From now on reading raises LockLost. Any thread.
+    /// From now on operations raise LockLost. Any thread.
     void ReportLostLock() { m_isLockLost = true; }
+    /// Sets what is called before a file is written or removed, and raises if that must not be. No other
+    /// thread uses the backend meanwhile.
+    void SetWriteGuard(std::function<void()> guard) { m_writeGuard = std::move(guard); }
 
     Krt::YString Describe() const override { return m_backend->Describe(); }
     void Prepare() override { m_backend->Prepare(); }
@@ -34,13 +38,15 @@ public:
     std::uint64_t Size(const Repo::FileName& file) override { return m_backend->Size(file); }
     void List(Repo::FileKind kind,
               const std::function<void(const Repo::Id& id, std::uint64_t size)>& visit) override;
-    void Save(const Repo::FileName& file, Repo::ByteView content) override { m_backend->Save(file, content); }
-    void Remove(const Repo::FileName& file) override { m_backend->Remove(file); }
+    void Save(const Repo::FileName& file, Repo::ByteView content) override;
+    void Remove(const Repo::FileName& file) override;
 
 private:
     void Look() const;
+    void LookBeforeChange(const Repo::FileName& file) const;
 
     std::shared_ptr<Repo::IBackend> m_backend;
+    std::function<void()> m_writeGuard;
     std::atomic<bool> m_isLockLost{false};
 };
 

@@ -11,8 +11,10 @@ const char* const RepositoryHelp =
     "KBAGENT_KEY_HINT is that of --key-hint.\n"
     "Without such a variable, that of restic is used: RESTIC_REPOSITORY and so on.\n\n";
 
+namespace {
+
 // Scripts for restic have them. There is no cache. They are not in the help.
-static void AddOptionsWithoutEffect(CLI::App& command)
+void AddOptionsWithoutEffect(CLI::App& command)
 {
     for (const char* const name : {"--no-cache", "--cleanup-cache"})
         command.add_flag(name)->group("");
@@ -22,21 +24,22 @@ static void AddOptionsWithoutEffect(CLI::App& command)
         ->group("");
 }
 
-void RepositoryArguments::AddTo(CLI::App& command)
+// Of an option that is given twice, as before and after the command, the last one counts.
+void GroupFrom(CLI::App& command, std::size_t first)
+{
+    const std::vector<CLI::Option*> options = command.get_options();
+    for (std::size_t i = first; i < options.size(); ++i)
+        options[i]->group("Repository options")->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+}
+
+} // namespace
+
+void RepositoryArguments::AddTo(CLI::App& command, bool mayBeUnlocked)
 {
     const std::size_t first = command.get_options().size();
-    command.add_option("-r,--repo", m_options.location, "The repository: a directory")->type_name("LOCATION");
-    command
-        .add_option("--repository-file", m_options.locationFile, "A file that has the repository's location")
-        ->type_name("FILE");
-    command.add_option("-p,--password-file", m_options.passwordFile, "A file that has the password")
-        ->type_name("FILE");
-    command
-        .add_option("--password-command", m_options.passwordCommand,
-                    "A command that prints the password; it is run without a shell")
-        ->type_name("COMMAND");
-    command.add_option("--key-hint", m_options.keyHint, "The ID of the key to try first")->type_name("ID");
-    command.add_flag("--no-lock", m_options.isUnlocked, "Do not lock the repository");
+    AddAccessTo(command, "", "repository", m_options);
+    if (mayBeUnlocked)
+        command.add_flag("--no-lock", m_options.isUnlocked, "Do not lock the repository");
     command
         .add_option("--retry-lock", m_retryLock,
                     "Wait this long for a repository that is locked, as in 90s, 5m or 1h30m")
@@ -44,10 +47,44 @@ void RepositoryArguments::AddTo(CLI::App& command)
     command.add_flag("--json", m_options.isJson, "Print JSON");
     command.add_flag("-q,--quiet", m_options.isQuiet, "Print only what was asked for");
     command.add_flag("-v,--verbose", m_options.isVerbose, "Report the repository and the key, too");
-    const std::vector<CLI::Option*> options = command.get_options();
-    for (std::size_t i = first; i < options.size(); ++i)
-        options[i]->group("Repository options")->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    GroupFrom(command, first);
     AddOptionsWithoutEffect(command);
+}
+
+void RepositoryArguments::AddSourceTo(CLI::App& command)
+{
+    const std::size_t first = command.get_options().size();
+    m_source.isSource = true;
+    AddAccessTo(command, "from-", "source repository", m_source);
+    GroupFrom(command, first);
+}
+
+void RepositoryArguments::AddAccessTo(CLI::App& command, const std::string& prefix, const std::string& name,
+                                      RepositoryOptions& options)
+{
+    const auto names = [&prefix](const char* shortName, const char* longName) {
+        return (prefix.empty() ? shortName : "") + ("--" + prefix) + longName;
+    };
+    command.add_option(names("-r,", "repo"), options.location, "The " + name + ": a directory")
+        ->type_name("LOCATION");
+    command
+        .add_option(names("", "repository-file"), options.locationFile,
+                    "A file that has the location of the " + name)
+        ->type_name("FILE");
+    command
+        .add_option(names("-p,", "password-file"), options.passwordFile,
+                    "A file that has the password of the " + name)
+        ->type_name("FILE");
+    command
+        .add_option(names("", "password-command"), options.passwordCommand,
+                    "A command that prints the password of the " + name + "; it is run without a shell")
+        ->type_name("COMMAND");
+    command
+        .add_option(names("", "key-hint"), options.keyHint,
+                    "The ID of the key of the " + name + " to try first")
+        ->type_name("ID");
+    command.add_flag(names("", "insecure-no-password"), options.hasNoPassword,
+                     "The password of the " + name + " is empty");
 }
 
 void RepositoryArguments::AddSnapshotOptionsTo(CLI::App& command)
@@ -71,6 +108,19 @@ RepositoryOptions RepositoryArguments::Get() const
     RepositoryOptions options = m_options;
     if (!m_retryLock.empty())
         options.retryLock = ParseDuration(m_retryLock);
+    return options;
+}
+
+RepositoryOptions RepositoryArguments::GetSource() const
+{
+    RepositoryOptions options = Get();
+    options.location = m_source.location;
+    options.locationFile = m_source.locationFile;
+    options.passwordFile = m_source.passwordFile;
+    options.passwordCommand = m_source.passwordCommand;
+    options.keyHint = m_source.keyHint;
+    options.hasNoPassword = m_source.hasNoPassword;
+    options.isSource = true;
     return options;
 }
 

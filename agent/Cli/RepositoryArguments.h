@@ -18,18 +18,26 @@ class RepositoryArguments
 {
 public:
     /// Adds --repo and the other options by which a repository is found, opened and locked, and --json,
-    /// --quiet and --verbose.
-    void AddTo(CLI::App& command);
+    /// --quiet and --verbose. `mayBeUnlocked`: the command only reads, so it may do without a lock.
+    void AddTo(CLI::App& command, bool mayBeUnlocked = true);
+    /// Adds --from-repo and the other options by which the source of a command is found and opened.
+    void AddSourceTo(CLI::App& command);
     /// Adds --host, --tag and --path.
     void AddSnapshotOptionsTo(CLI::App& command);
 
     /// What was given. Raises UsageError for a duration that can't be read.
     RepositoryOptions Get() const;
+    /// The source. With the options of this command that are not of one repository.
+    RepositoryOptions GetSource() const;
     const SnapshotOptions& GetSnapshotOptions() const { return m_snapshots; }
     bool IsJson() const { return m_options.isJson; }
 
 private:
+    void AddAccessTo(CLI::App& command, const std::string& prefix, const std::string& name,
+                     RepositoryOptions& options);
+
     RepositoryOptions m_options;
+    RepositoryOptions m_source;
     std::string m_retryLock;
     SnapshotOptions m_snapshots;
 };

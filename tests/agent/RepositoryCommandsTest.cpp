@@ -704,7 +704,7 @@ TEST_F(RepositoryCommands, MissingPartDeterminesExitCode)
     lock.username = "anna";
     lock.pid = 4711;
     const Id id = opened.SaveText(FileKind::Lock, lock.ToJson());
-    for (const char* part : {"by PID 4711 on elsewhere by anna", "minutes ago", "restic unlock", "locks/"})
+    for (const char* part : {"by PID 4711 on elsewhere by anna", "minutes ago", "kbagent unlock", "locks/"})
         EXPECT_TRUE(Holds(Run(11, "snapshots --retry-lock 1s").errors, part));
     Run(0, "snapshots --no-lock");
     EXPECT_EQ(Files("locks").size(), 1u);

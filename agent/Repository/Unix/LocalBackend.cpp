@@ -271,7 +271,14 @@ void LocalBackend::Save(const FileName& file, ByteView content)
             directory.RemoveFile(temporary);
             throw;
         }
-        Krt::File::Sync(directory.GetHandle());
+        try {
+            Krt::File::Sync(directory.GetHandle());
+        } catch (...) {
+            // The caller never knows this id. A configuration may have replaced another.
+            if (file.kind != FileKind::Config)
+                directory.RemoveFile(place.name);
+            throw;
+        }
     });
 }
 
@@ -287,6 +294,9 @@ void LocalBackend::Remove(const FileName& file)
             directory = std::move(*next);
         }
         directory.RemoveFile(path.name);
+        // An index file is gone before the packs that it names, a key before its password counts as removed.
+        if (file.kind != FileKind::Pack && file.kind != FileKind::Lock)
+            Krt::File::Sync(directory.GetHandle());
     });
 }
 
