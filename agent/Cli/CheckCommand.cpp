@@ -1,5 +1,6 @@
 #include "agent/Cli/Command.h"
 
+#include "agent/Cli/CheckObserver.h"
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Inspect/RepositoryCheck.h"
 #include "agent/Run/Text.h"
@@ -10,64 +11,7 @@
 
 namespace Agent {
 
-using Krt::YString;
-
 namespace {
-
-// Prints what a check finds. Errors of JSON go to standard error, as restic prints them.
-class Observer : public ICheckObserver
-{
-public:
-    Observer(Report& report, bool isJson, const RepositoryOptions& options)
-        : m_report(report), m_isJson(isJson), m_isQuiet(options.isQuiet)
-    {}
-
-    void OnStage(const std::string& text) override
-    {
-        if (m_isJson || m_isQuiet)
-            return;
-        m_report.Out() << text << "\n";
-        m_report.Out().Flush();
-    }
-    void OnError(const std::string& text) override { Print("error", text); }
-    void OnHint(const std::string& text) override
-    {
-        if (!m_isQuiet)
-            Print("hint", text);
-    }
-    void OnTouched(const Repo::StoredSnapshot& snapshot, const std::string& path,
-                   const std::string& reason) override
-    {
-        Print("touched", DescribeSnapshot(snapshot) + ": " + path + ": " + reason);
-    }
-    void OnProgress(std::uint64_t items, std::uint64_t bytes) override
-    {
-        if (!m_isQuiet)
-            m_report.Progress(items, bytes);
-    }
-
-private:
-    void Print(const char* kind, const std::string& text)
-    {
-        if (!m_isJson) {
-            m_report.Note(YString(std::string_view(kind + (": " + text))));
-            return;
-        }
-        std::string json;
-        Repo::JsonWriter writer(json);
-        writer.BeginObject();
-        writer.Key("message_type");
-        writer.String(kind);
-        writer.Key("message");
-        writer.String(text);
-        writer.EndObject();
-        m_report.JsonNote(json);
-    }
-
-    Report& m_report;
-    const bool m_isJson;
-    const bool m_isQuiet;
-};
 
 std::string SummaryJson(const CheckSummary& summary)
 {
@@ -138,7 +82,7 @@ void CheckCommand::Run(Report& report)
         subset = PackSubset::Parse(m_subset);
     const RepositoryOptions options = m_repository.Get();
     Session session(options, report);
-    Observer observer(report, m_repository.IsJson(), options);
+    CheckObserver observer(report, options);
     const CheckSummary summary = CheckRepository(session.GetRepository(), subset, observer);
     if (summary.isIndexWrong && !m_repository.IsJson())
         observer.OnHint("the index should be rebuilt from the packs: restic repair index, or before restic "

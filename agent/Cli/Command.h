@@ -33,16 +33,20 @@ std::unique_ptr<ICommand> MakeCheckCommand();
 std::unique_ptr<ICommand> MakeConvertCommand();
 std::unique_ptr<ICommand> MakeDumpCommand();
 std::unique_ptr<ICommand> MakeImportCommand();
+std::unique_ptr<ICommand> MakeInitCommand();
 std::unique_ptr<ICommand> MakeKeyCommand();
 std::unique_ptr<ICommand> MakeListCommand();
 std::unique_ptr<ICommand> MakeLsCommand();
+std::unique_ptr<ICommand> MakeMigrateCommand();
 std::unique_ptr<ICommand> MakeRenameCommand();
 std::unique_ptr<ICommand> MakeRestoreCommand();
 std::unique_ptr<ICommand> MakeServiceCommand();
 std::unique_ptr<ICommand> MakeShowCommand();
 std::unique_ptr<ICommand> MakeSnapshotsCommand();
 std::unique_ptr<ICommand> MakeStatsCommand();
+std::unique_ptr<ICommand> MakeTagCommand();
 std::unique_ptr<ICommand> MakeTrustCommand();
+std::unique_ptr<ICommand> MakeUnlockCommand();
 std::unique_ptr<ICommand> MakeVolumesCommand();
 
 /// Adds the required option --store DIR.

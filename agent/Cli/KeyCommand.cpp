@@ -1,9 +1,13 @@
 #include "agent/Cli/Command.h"
 
+#include "agent/Access/Password.h"
+#include "agent/Access/Unix/Process.h"
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Cli/TextTable.h"
 #include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
+
+#include "Krt/Environment/Host.h"
 
 #include <CLI/CLI.hpp>
 
@@ -21,21 +25,108 @@ public:
     void Run(Report& report) override;
 
 private:
+    using Action = void (KeyCommand::*)(Report& report) const;
+
+    CLI::App* AddAction(CLI::App& key, const char* name, const char* description, Action action,
+                        LockOptions lock);
+    void AddNewPassword(CLI::App& action);
+    Repo::KeyOptions NewKey() const;
+
+    void List(Report& report) const;
+    void Add(Report& report) const;
+    void Remove(Report& report) const;
+    void Change(Report& report) const;
+
+    std::vector<std::pair<CLI::App*, Action>> m_actions;
     RepositoryArguments m_repository;
-    CLI::App* m_list = nullptr;
+    NewPasswordOptions m_newPassword;
+    std::string m_user;
+    std::string m_host;
+    std::string m_id;
 };
+
+CLI::App* KeyCommand::AddAction(CLI::App& key, const char* name, const char* description, Action action,
+                                LockOptions lock)
+{
+    CLI::App* const command = key.add_subcommand(name, description);
+    m_repository.AddTo(*command, lock);
+    command->footer(std::string(RepositoryHelp) + "Example: kbagent key " + name +
+                    " --repo /backup/repository" + (action == &KeyCommand::Remove ? " 1a2b3c4d" : ""));
+    m_actions.emplace_back(command, action);
+    return command;
+}
+
+void KeyCommand::AddNewPassword(CLI::App& action)
+{
+    action.add_option("--new-password-file", m_newPassword.file, "A file that has the new password")
+        ->type_name("FILE");
+    action.add_flag("--new-insecure-no-password", m_newPassword.hasNoPassword, "The new password is empty");
+    action.add_option("--user", m_user, "The user that the key notes; yours by default")->type_name("NAME");
+    action.add_option("--host", m_host, "The host that the key notes; this one by default")
+        ->type_name("NAME");
+}
 
 CLI::App* KeyCommand::Register(CLI::App& program)
 {
-    CLI::App* const command = program.add_subcommand("key", "List the passwords of a repository");
+    CLI::App* const command =
+        program.add_subcommand("key", "List, add, remove and change the passwords of a repository");
     command->require_subcommand(1);
-    m_list = command->add_subcommand("list", "List the key files; * marks that of the password in use");
-    m_repository.AddTo(*m_list);
-    m_list->footer(std::string(RepositoryHelp) + "Example: kbagent key list --repo /backup/repository");
+    AddAction(*command, "list", "List the key files; * marks that of the password in use", &KeyCommand::List,
+              LockOptions::Optional);
+    AddNewPassword(*AddAction(*command, "add", "Add a password", &KeyCommand::Add, LockOptions::Required));
+    AddAction(*command, "remove", "Remove the password of a key file", &KeyCommand::Remove,
+              LockOptions::Required)
+        ->add_option("ID", m_id, "The first digits of the key file's ID")
+        ->required();
+    AddNewPassword(*AddAction(*command, "passwd", "Replace the password in use by another",
+                              &KeyCommand::Change, LockOptions::Required));
     return command;
 }
 
 void KeyCommand::Run(Report& report)
+{
+    for (const auto& [command, action] : m_actions) {
+        if (command->parsed())
+            return (this->*action)(report);
+    }
+}
+
+Repo::KeyOptions KeyCommand::NewKey() const
+{
+    Repo::KeyOptions key;
+    key.username = m_user.empty() ? CurrentProcess().userName : m_user;
+    key.hostname = m_host.empty() ? Krt::Environment::GetHostName().Bytes() : m_host;
+    return key;
+}
+
+void KeyCommand::Add(Report& report) const
+{
+    Session session(m_repository.Get(), report, Access::Append, OldFormat::Accepted);
+    const Repo::Secret password = ReadNewPassword(m_newPassword, report);
+    const Id id = session.GetRepository().AddKey(password, NewKey());
+    if (!session.GetOptions().isQuiet)
+        report.Out() << "saved new key with ID " << ShortId(id) << "\n";
+}
+
+void KeyCommand::Remove(Report& report) const
+{
+    Session session(m_repository.Get(), report, Access::Exclusive, OldFormat::Accepted);
+    const Id id = FindFile(session.GetRepository(), FileKind::Key, m_id);
+    session.GetRepository().RemoveKey(id);
+    if (!session.GetOptions().isQuiet)
+        report.Out() << "removed key " << ShortId(id) << "\n";
+}
+
+void KeyCommand::Change(Report& report) const
+{
+    Session session(m_repository.Get(), report, Access::Exclusive, OldFormat::Accepted);
+    const Repo::Secret password = ReadNewPassword(m_newPassword, report);
+    const Id id = session.GetRepository().ReplaceKey(password, NewKey());
+    if (!session.GetOptions().isQuiet)
+        report.Out() << "saved new key as " << ShortId(id) << "\n";
+}
+
+void KeyCommand::List(Report& report) const
 {
     Session session(m_repository.Get(), report);
     const Repo::Repository& repository = session.GetRepository();

@@ -47,10 +47,11 @@ enum ExitCode
 
 // In the order in which the help shows them.
 constexpr std::unique_ptr<ICommand> (*Makers[])() = {
-    MakeBackupCommand, MakeRestoreCommand, MakeListCommand,    MakeSnapshotsCommand, MakeLsCommand,
-    MakeDumpCommand,   MakeShowCommand,    MakeStatsCommand,   MakeCheckCommand,     MakeCatCommand,
-    MakeKeyCommand,    MakeVolumesCommand, MakeServiceCommand, MakeTrustCommand,     MakeConvertCommand,
-    MakeRenameCommand, MakeImportCommand,
+    MakeInitCommand,    MakeBackupCommand,  MakeRestoreCommand, MakeListCommand,    MakeSnapshotsCommand,
+    MakeLsCommand,      MakeDumpCommand,    MakeShowCommand,    MakeStatsCommand,   MakeCheckCommand,
+    MakeCatCommand,     MakeTagCommand,     MakeKeyCommand,     MakeUnlockCommand,  MakeMigrateCommand,
+    MakeVolumesCommand, MakeServiceCommand, MakeTrustCommand,   MakeConvertCommand, MakeRenameCommand,
+    MakeImportCommand,
 };
 
 void WarnOfUnknownChannels(Report& report)

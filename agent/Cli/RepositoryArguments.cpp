@@ -34,16 +34,17 @@ void GroupFrom(CLI::App& command, std::size_t first)
 
 } // namespace
 
-void RepositoryArguments::AddTo(CLI::App& command, bool mayBeUnlocked)
+void RepositoryArguments::AddTo(CLI::App& command, LockOptions lock)
 {
     const std::size_t first = command.get_options().size();
     AddAccessTo(command, "", "repository", m_options);
-    if (mayBeUnlocked)
+    if (lock == LockOptions::Optional)
         command.add_flag("--no-lock", m_options.isUnlocked, "Do not lock the repository");
-    command
-        .add_option("--retry-lock", m_retryLock,
-                    "Wait this long for a repository that is locked, as in 90s, 5m or 1h30m")
-        ->type_name("DURATION");
+    if (lock != LockOptions::None)
+        command
+            .add_option("--retry-lock", m_retryLock,
+                        "Wait this long for a repository that is locked, as in 90s, 5m or 1h30m")
+            ->type_name("DURATION");
     command.add_flag("--json", m_options.isJson, "Print JSON");
     command.add_flag("-q,--quiet", m_options.isQuiet, "Print only what was asked for");
     command.add_flag("-v,--verbose", m_options.isVerbose, "Report the repository and the key, too");

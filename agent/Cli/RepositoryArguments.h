@@ -13,13 +13,21 @@ class App;
 
 namespace Agent {
 
+/// Which options a command has that lock the repository.
+enum class LockOptions
+{
+    None,     ///< it takes no lock
+    Required, ///< it writes, so it can't do without a lock
+    Optional  ///< it only reads
+};
+
 /// Options of a command on a repository. They are stored in this object, which outlives the parser.
 class RepositoryArguments
 {
 public:
     /// Adds --repo and the other options by which a repository is found, opened and locked, and --json,
-    /// --quiet and --verbose. `mayBeUnlocked`: the command only reads, so it may do without a lock.
-    void AddTo(CLI::App& command, bool mayBeUnlocked = true);
+    /// --quiet and --verbose.
+    void AddTo(CLI::App& command, LockOptions lock = LockOptions::Optional);
     /// Adds --from-repo and the other options by which the source of a command is found and opened.
     void AddSourceTo(CLI::App& command);
     /// Adds --host, --tag and --path.

@@ -4,6 +4,8 @@
 #include "agent/Repository/Pack.h"
 #include "agent/Repository/Zstd.h"
 
+#include "Krt/Log/LogSite.h"
+
 #include <algorithm>
 #include <exception>
 #include <mutex>
@@ -171,11 +173,35 @@ void RequireNoRepository(IBackend& backend)
     } catch (const RepositoryError& error) {
         if (error.GetFailure() != Failure::Missing)
             throw;
-        isTaken =
-            !ListSorted(backend, FileKind::Key).empty() || !ListSorted(backend, FileKind::Snapshot).empty();
+        isTaken = false;
     }
     KRT_RAISE_UNLESS(!isTaken, Krt::ErrorCode::InvalidArgument,
                      "There is already a repository at " << backend.Describe());
+    KRT_RAISE_UNLESS(
+        ListSorted(backend, FileKind::Key).empty() && ListSorted(backend, FileKind::Snapshot).empty(),
+        Krt::ErrorCode::InvalidArgument,
+        "There are keys or snapshots of a repository without a configuration at " << backend.Describe());
+}
+
+std::string MakeKeyFile(const Key& master, const Secret& password, const KeyOptions& options)
+{
+    KeyFile file;
+    file.created = Timestamp::Now();
+    file.username = options.username;
+    file.hostname = options.hostname;
+    file.cost = options.cost;
+    file.SetMaster(master, password);
+    return file.ToJson();
+}
+
+// Removes what an operation that failed has saved. What raises is the reason for that, not this.
+void RemoveQuietly(IBackend& backend, const FileName& file)
+{
+    try {
+        backend.Remove(file);
+    } catch (const Krt::Exception::YError& error) {
+        KRT_LOG_FREE(Krt::MessageType::General, "Failed to remove a file of the repository: " << error);
+    }
 }
 
 } // namespace
@@ -202,20 +228,20 @@ Repository Repository::Create(std::shared_ptr<IBackend> backend, const Secret& p
                      "Version " << options.version << " of the format is not supported");
     RequireNoRepository(*backend);
     Config config = Config::Random(options.version);
+    config.polynomial = options.polynomial.value_or(config.polynomial);
     Key key = Key::Random();
-    KeyFile keyFile;
-    keyFile.created = Timestamp::Now();
-    keyFile.username = options.username;
-    keyFile.hostname = options.hostname;
-    keyFile.cost = options.cost;
-    keyFile.SetMaster(key, password);
-    const std::string keyText = keyFile.ToJson();
+    const std::string keyText = MakeKeyFile(key, password, options);
     const Id keyId = Id::Of(AsBytes(keyText));
     Bytes sealed;
     Seal(key, AsBytes(config.ToJson()), sealed);
     backend->Prepare();
     backend->Save({FileKind::Key, keyId}, AsBytes(keyText));
-    backend->Save(ConfigFile, sealed);
+    try {
+        backend->Save(ConfigFile, sealed);
+    } catch (...) {
+        RemoveQuietly(*backend, {FileKind::Key, keyId});
+        throw;
+    }
     return Repository(std::move(backend), std::move(config), std::move(key), keyId);
 }
 
@@ -262,6 +288,50 @@ Id Repository::SavePack(ByteView pack) const
     const Id id = Id::Of(pack);
     m_backend->Save({FileKind::Pack, id}, pack);
     return id;
+}
+
+Id Repository::AddKey(const Secret& password, const KeyOptions& options) const
+{
+    const std::string text = MakeKeyFile(m_key, password, options);
+    // Another key may be removed in favour of this one, so that it works is not taken for granted.
+    const std::optional<Key> opened = KeyFile::Parse(text).Unlock(password);
+    KRT_RAISE_UNLESS(opened && std::ranges::equal(opened->Encryption(), m_key.Encryption()),
+                     Krt::ErrorCode::CryptoFailure, "A new key file can't be opened");
+    const FileName file{FileKind::Key, Id::Of(AsBytes(text))};
+    m_backend->Save(file, AsBytes(text));
+    Bytes stored;
+    LoadStored(file, stored);
+    return file.id;
+}
+
+void Repository::RemoveKey(const Id& id) const
+{
+    KRT_RAISE_UNLESS(id != m_keyId, Krt::ErrorCode::InvalidArgument,
+                     "The key of the password in use can't be removed");
+    const std::vector<Id> ids = ListIds(FileKind::Key);
+    const bool isThere = std::find(ids.begin(), ids.end(), id) != ids.end();
+    KRT_RAISE_UNLESS(!isThere || ids.size() > 1, Krt::ErrorCode::InvalidArgument,
+                     "The last key can't be removed");
+    m_backend->Remove({FileKind::Key, id});
+}
+
+Id Repository::ReplaceKey(const Secret& password, const KeyOptions& options)
+{
+    const Id old = std::exchange(m_keyId, AddKey(password, options));
+    RemoveKey(old);
+    return m_keyId;
+}
+
+void Repository::UpgradeFormat()
+{
+    KRT_RAISE_UNLESS(m_config.version == 1, Krt::ErrorCode::InvalidArgument,
+                     "The repository already has version " << m_config.version << " of the format");
+    Config config = m_config;
+    config.version = 2;
+    Bytes sealed;
+    Seal(m_key, AsBytes(config.ToJson()), sealed);
+    m_backend->Save(ConfigFile, sealed);
+    m_config = std::move(config);
 }
 
 std::vector<Id> Repository::ListIds(FileKind kind) const

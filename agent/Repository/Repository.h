@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,13 +33,19 @@ struct OpenOptions
     FailureVisitor onUnreadKey; ///< called before WrongPassword for key files that could not be tried
 };
 
+/// How a key file is made.
+struct KeyOptions
+{
+    ScryptCost cost;      ///< of the password
+    std::string username; ///< noted in the key file
+    std::string hostname; ///< noted in the key file
+};
+
 /// How a repository is created.
-struct CreateOptions
+struct CreateOptions : KeyOptions
 {
     std::uint32_t version = Config::NewestVersion; ///< of the format
-    ScryptCost cost;                               ///< of the password
-    std::string username;                          ///< noted in the key file
-    std::string hostname;                          ///< noted in the key file
+    std::optional<Polynomial> polynomial;          ///< that of another repository; a random one if not given
 };
 
 class Repository
@@ -54,7 +61,7 @@ public:
     static Repository Open(std::shared_ptr<IBackend> backend, const Secret& password,
                            const OpenOptions& options = {});
     /// Creates a repository with one key file, and opens it. Raises InvalidArgument if the location already
-    /// has a configuration, key files or snapshots.
+    /// has a configuration, key files or snapshots. After another failure the location has none of these.
     static Repository Create(std::shared_ptr<IBackend> backend, const Secret& password,
                              const CreateOptions& options = {});
 
@@ -80,6 +87,19 @@ public:
     std::vector<Id> ListIds(FileKind kind) const;
     /// The blobs of a pack, read from its own header. `size` is the size of the file in bytes.
     std::vector<PackedBlob> LoadPackHeader(const Id& pack, std::uint64_t size) const;
+
+    // Keys and configuration.
+    /// Adds a key file for a further password, and returns its id.
+    Id AddKey(const Secret& password, const KeyOptions& options) const;
+    /// Removes a key file. Raises InvalidArgument if it is the one by which the repository was opened, or the
+    /// last one.
+    void RemoveKey(const Id& id) const;
+    /// Replaces the key file by which the repository was opened: adds one, then removes that. Returns the
+    /// new id. No other thread uses the repository meanwhile.
+    Id ReplaceKey(const Secret& password, const KeyOptions& options);
+    /// Changes the format from version 1 to 2: replaces the configuration. Raises InvalidArgument for version
+    /// 2. No other thread uses the repository meanwhile.
+    void UpgradeFormat();
 
     // Blobs.
     /// Reads all index files, on this many threads. The index has the order of the files' ids. Snapshots that

@@ -28,7 +28,11 @@ for command in $commands; do
     expected=$(page_options ".SS $command")
     # Options that several commands share are described once.
     ! grep -qx -- --repo <<<"$found" || expected+=$'\n'$(page_options '.SH REPOSITORY OPTIONS')
-    ! grep -qx -- --host <<<"$found" || expected+=$'\n'$(page_options '.SH SNAPSHOT OPTIONS')
+    ! grep -qx -- --path <<<"$found" || expected+=$'\n'$(page_options '.SH SNAPSHOT OPTIONS')
+    # Commands that write do not have --no-lock, and those that do not lock have no --retry-lock.
+    for option in --no --retry; do
+        grep -qx -- "$option" <<<"$found" || expected=$(grep -vx -- "$option" <<<"$expected")
+    done
     same "$command" "$(sort -u <<<"$found")" "$(sort -u <<<"$expected" | grep .)"
 done
 for part in $(commands_of service); do
@@ -55,6 +59,7 @@ completes "--snapshot" --log /tmp/x list --store /tmp/y --sn
 completes "start stop status" service st
 completes "snapshots" -r /tmp/x --retry-lock 1m snap
 completes "list" key li
+completes "--remove-all" unlock --rem
 completes "--read-data --read-data-subset" check --read
 completes "--timeout" service start nightly --t
 completes "" service install nightly -- --t

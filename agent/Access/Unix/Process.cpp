@@ -1,5 +1,7 @@
 #include "agent/Access/Unix/Process.h"
 
+#include <cerrno>
+#include <csignal>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -20,6 +22,13 @@ ProcessIdentity CurrentProcess()
     if (getpwuid_r(identity.uid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr)
         identity.userName = found->pw_name;
     return identity;
+}
+
+bool DoesProcessExist(std::uint32_t pid)
+{
+    if (pid == 0 || pid > INT32_MAX)
+        return false;
+    return kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH;
 }
 
 } // namespace Agent

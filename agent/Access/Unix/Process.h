@@ -16,4 +16,7 @@ struct ProcessIdentity
 
 ProcessIdentity CurrentProcess();
 
+/// Returns true if this host has a process with the number, of any user. It receives no signal.
+bool DoesProcessExist(std::uint32_t pid);
+
 } // namespace Agent

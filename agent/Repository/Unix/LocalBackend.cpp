@@ -276,7 +276,7 @@ void LocalBackend::Save(const FileName& file, ByteView content)
         } catch (...) {
             // The caller never knows this id. A configuration may have replaced another.
             if (file.kind != FileKind::Config)
-                directory.RemoveFile(place.name);
+                directory.RemoveFile(path.name);
             throw;
         }
     });

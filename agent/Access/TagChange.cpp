@@ -1,0 +1,72 @@
+#include "agent/Access/TagChange.h"
+
+#include "agent/Run/UsageError.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace Agent {
+
+namespace {
+
+bool Contains(const std::vector<std::string>& tags, const std::string& tag)
+{
+    return std::find(tags.begin(), tags.end(), tag) != tags.end();
+}
+
+void AddMissing(const std::vector<std::string>& added, std::vector<std::string>& tags)
+{
+    for (const std::string& tag : added) {
+        if (!Contains(tags, tag))
+            tags.push_back(tag);
+    }
+}
+
+std::vector<std::string> Split(const std::vector<std::string>& lists)
+{
+    std::vector<std::string> tags;
+    for (const std::string& list : lists) {
+        std::istringstream in(list);
+        for (std::string tag; std::getline(in, tag, ',');) {
+            const std::size_t begin = tag.find_first_not_of(' ');
+            if (begin != std::string::npos)
+                AddMissing({tag.substr(begin, tag.find_last_not_of(' ') + 1 - begin)}, tags);
+        }
+    }
+    return tags;
+}
+
+} // namespace
+
+TagChange::TagChange(const std::vector<std::string>& set, const std::vector<std::string>& add,
+                     const std::vector<std::string>& remove)
+    : m_replaces(!set.empty()), m_add(Split(m_replaces ? set : add)), m_remove(Split(remove))
+{
+    if (m_replaces && (!add.empty() || !remove.empty()))
+        throw UsageError("--set excludes --add and --remove");
+    if (!m_replaces && m_add.empty() && m_remove.empty())
+        throw UsageError("Name tags to --set, --add or --remove");
+}
+
+std::vector<std::string> TagChange::TagsOf(const Repo::Snapshot& snapshot) const
+{
+    std::vector<std::string> tags = m_replaces ? std::vector<std::string>() : snapshot.tags;
+    AddMissing(m_add, tags);
+    std::erase_if(tags, [this](const std::string& tag) { return Contains(m_remove, tag); });
+    return tags;
+}
+
+std::optional<Repo::Id> TagChange::Apply(const Repo::Repository& repository,
+                                         const Repo::StoredSnapshot& stored) const
+{
+    Repo::Snapshot changed = stored.snapshot;
+    changed.tags = TagsOf(stored.snapshot);
+    if (changed.tags == stored.snapshot.tags)
+        return std::nullopt;
+    changed.original = stored.snapshot.original.value_or(stored.id);
+    const Repo::Id id = repository.SaveText(Repo::FileKind::Snapshot, changed.ToJson());
+    repository.GetBackend().Remove({Repo::FileKind::Snapshot, stored.id});
+    return id;
+}
+
+} // namespace Agent

@@ -1,0 +1,34 @@
+// TagChange: other tags for snapshots. A file is never changed, so a snapshot gets a new id.
+#pragma once
+
+#include "agent/Repository/Repository.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+class TagChange
+{
+public:
+    /// The arguments are lists as typed, each of tags separated by commas. `set` replaces all tags; a list
+    /// without a tag, such as ",", leaves none. Raises UsageError if there is nothing to be changed, and if
+    /// tags are both replaced and added or removed.
+    TagChange(const std::vector<std::string>& set, const std::vector<std::string>& add,
+              const std::vector<std::string>& remove);
+
+    /// Saves the snapshot with its new tags, then removes the old file. The new one names the first version.
+    /// Returns the new id; nothing if the snapshot has the tags already.
+    std::optional<Repo::Id> Apply(const Repo::Repository& repository,
+                                  const Repo::StoredSnapshot& stored) const;
+
+private:
+    std::vector<std::string> TagsOf(const Repo::Snapshot& snapshot) const;
+
+    bool m_replaces;
+    std::vector<std::string> m_add; // or the tags that replace all
+    std::vector<std::string> m_remove;
+};
+
+} // namespace Agent

@@ -1,0 +1,55 @@
+#include "agent/Cli/CheckObserver.h"
+
+#include "agent/Access/SnapshotChoice.h"
+
+namespace Agent {
+
+void CheckObserver::OnStage(const std::string& text)
+{
+    if (m_isJson || m_isQuiet)
+        return;
+    m_report.Out() << text << "\n";
+    m_report.Out().Flush();
+}
+
+void CheckObserver::OnError(const std::string& text)
+{
+    Print("error", text);
+}
+
+void CheckObserver::OnHint(const std::string& text)
+{
+    if (!m_isQuiet)
+        Print("hint", text);
+}
+
+void CheckObserver::OnTouched(const Repo::StoredSnapshot& snapshot, const std::string& path,
+                              const std::string& reason)
+{
+    Print("touched", DescribeSnapshot(snapshot) + ": " + path + ": " + reason);
+}
+
+void CheckObserver::OnProgress(std::uint64_t items, std::uint64_t bytes)
+{
+    if (!m_isQuiet)
+        m_report.Progress(items, bytes);
+}
+
+void CheckObserver::Print(const char* kind, const std::string& text)
+{
+    if (!m_isJson) {
+        m_report.Note(Krt::YString(std::string_view(kind + (": " + text))));
+        return;
+    }
+    std::string json;
+    Repo::JsonWriter writer(json);
+    writer.BeginObject();
+    writer.Key("message_type");
+    writer.String(kind);
+    writer.Key("message");
+    writer.String(text);
+    writer.EndObject();
+    m_report.JsonNote(json);
+}
+
+} // namespace Agent

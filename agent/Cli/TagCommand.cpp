@@ -1,0 +1,106 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Access/TagChange.h"
+#include "agent/Cli/RepositoryArguments.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Agent {
+
+using Repo::Id;
+using Repo::StoredSnapshot;
+
+namespace {
+
+class TagCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    RepositoryArguments m_repository;
+    std::vector<std::string> m_set;
+    std::vector<std::string> m_add;
+    std::vector<std::string> m_remove;
+    CLI::Option* m_ids = nullptr;
+};
+
+CLI::App* TagCommand::Register(CLI::App& program)
+{
+    CLI::App* const command = program.add_subcommand("tag", "Change the tags of snapshots");
+    m_repository.AddTo(*command, LockOptions::Required);
+    m_repository.AddSnapshotOptionsTo(*command);
+    const auto lists = [command](const char* name, std::vector<std::string>& values, const char* text) {
+        command->add_option(name, values, text)->type_name("LIST")->allow_extra_args(false);
+    };
+    lists("--set", m_set, "Replace all tags by these, as in a,b; \",\" leaves none");
+    lists("--add", m_add, "Add tags, as in a,b");
+    lists("--remove", m_remove, "Remove tags, as in a,b");
+    m_ids = AddPathArguments(*command, "Change only these snapshots: first digits of IDs, or latest", "ID");
+    command->footer(
+        "Without an ID, all snapshots that --host, --tag and --path choose are changed. A snapshot\n"
+        "whose tags change gets another ID, and notes its first one.\n\n" +
+        std::string(RepositoryHelp) + "Example: kbagent tag --repo /backup/repository --add keep latest");
+    return command;
+}
+
+std::string ChangedJson(const Id& from, const Id& to)
+{
+    std::string json;
+    Repo::JsonWriter writer(json);
+    writer.BeginObject();
+    writer.Key("message_type");
+    writer.String("changed");
+    writer.Key("old_snapshot_id");
+    writer.WriteId(from);
+    writer.Key("new_snapshot_id");
+    writer.WriteId(to);
+    writer.EndObject();
+    return json;
+}
+
+std::string SummaryJson(std::uint64_t count)
+{
+    std::string json;
+    Repo::JsonWriter writer(json);
+    writer.BeginObject();
+    writer.Key("message_type");
+    writer.String("summary");
+    writer.Key("changed_snapshots");
+    writer.Number(count);
+    writer.EndObject();
+    return json;
+}
+
+void TagCommand::Run(Report& report)
+{
+    const TagChange change(m_set, m_add, m_remove);
+    const RepositoryOptions options = m_repository.Get();
+    Session session(options, report, Access::Exclusive);
+    std::uint64_t count = 0;
+    for (const StoredSnapshot& stored :
+         ChooseSnapshots(session, PathsOf(m_ids), m_repository.GetSnapshotOptions())) {
+        const std::optional<Id> id = change.Apply(session.GetRepository(), stored);
+        if (!id)
+            continue;
+        ++count;
+        if (options.isJson)
+            report.Out() << ChangedJson(stored.id, *id) << "\n";
+        else if (options.isVerbose)
+            report.Out() << "snapshot " << ShortId(stored.id) << " is now " << ShortId(*id) << "\n";
+    }
+    if (options.isJson)
+        report.Out() << SummaryJson(count) << "\n";
+    else if (!options.isQuiet)
+        report.Out() << "modified tags on " << std::to_string(count) << " snapshots\n";
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeTagCommand()
+{
+    return std::make_unique<TagCommand>();
+}
+
+} // namespace Agent
