@@ -22,8 +22,14 @@ public:
 private:
     friend class Chunker;
 
-    std::array<std::uint64_t, 256> m_out; // what a byte adds to the digest when it leaves the window
-    std::array<std::uint64_t, 256> m_mod; // what takes the bits away that a step shifts beyond the degree
+    using Table = std::array<std::uint64_t, 256>; // by a byte
+
+    // What a byte adds to the digest one and two steps after the one with which it leaves the window.
+    Table m_outOne;
+    Table m_outTwo;
+    // What the uppermost byte of the digest adds to it in one and in two steps.
+    Table m_topOne;
+    Table m_topTwo;
 };
 
 /// Finds the ends of chunks. One thread at a time.
