@@ -9,7 +9,7 @@
 #include "agent/Repository/Tree.h"
 
 #include "testing/AwkwardNames.h"
-#include "testing/ProgramFixture.h"
+#include "testing/RepositoryFixture.h"
 #include "testing/Tree.h"
 
 #include "Backup/File/YUnixFileMetadata.h"
@@ -44,12 +44,6 @@ std::vector<std::string> Lines(const std::string& text)
     return lines;
 }
 
-std::vector<std::string> Words(const std::string& text)
-{
-    std::istringstream in(text);
-    return {std::istream_iterator<std::string>(in), {}};
-}
-
 // Leaves out what 0.14 does not have. Members keep their order.
 json::value AsOld(json::value value)
 {
@@ -73,38 +67,9 @@ json::value AsOld(json::value value)
     return value;
 }
 
-class RepositoryCommands : public ::testing::Test
+class RepositoryCommands : public RepositoryFixture
 {
 protected:
-    // Its output, without the program's own messages.
-    std::string Restic(const std::string& arguments, int exitCode = 0) const
-    {
-        const std::string command = "cd " + directory.Path() + " && HOME=. RESTIC_PASSWORD='" + password +
-                                    "' restic --no-cache -r " + repository + " " + arguments +
-                                    " >output 2>errors";
-        const int status = std::system(command.c_str());
-        EXPECT_EQ(WEXITSTATUS(status), exitCode) << arguments << ReadFile(directory / "errors");
-        return ReadFile(directory / "output");
-    }
-
-    ProgramResult Run(int exitCode, const std::vector<std::string>& arguments, unsigned int user = 0,
-                      const std::vector<std::string>& variables = {}) const
-    {
-        const auto prepare = [&] {
-            fs::current_path(directory.Path());
-            setenv("KBAGENT_REPOSITORY", repository.c_str(), 1);
-            setenv("KBAGENT_PASSWORD", password.c_str(), 1);
-            for (const std::string& variable : variables)
-                variable.ends_with('=') ? unsetenv(variable.substr(0, variable.size() - 1).c_str())
-                                        : putenv(const_cast<char*>(variable.c_str()));
-        };
-        ProgramResult result = RunProgram(arguments, {.user = user, .prepare = prepare});
-        EXPECT_EQ(result.exitCode, exitCode) << ::testing::PrintToString(arguments) << "\n"
-                                             << result.output.substr(0, 2000) << result.errors;
-        return result;
-    }
-    ProgramResult Run(int exitCode, const std::string& words) const { return Run(exitCode, Words(words)); }
-
     // The documents of both programs are equal.
     void ExpectSameJson(const std::string& arguments) const
     {
@@ -116,15 +81,6 @@ protected:
                 << arguments;
     }
 
-    // A repository with one key, without restic.
-    Repo::Repository Create(std::uint32_t version = 2) const
-    {
-        Repo::CreateOptions options;
-        options.version = version;
-        options.cost = {16, 1, 1};
-        return Repo::Repository::Create(std::make_shared<Repo::LocalBackend>(repository.c_str()),
-                                        Repo::Secret(Repo::AsBytes(password)), options);
-    }
     // Saves trees and a snapshot of the last one; returns its id. Each text is made from the id before.
     static Id SaveTrees(const Repo::Repository& opened,
                         const std::vector<std::function<std::string(const Id&)>>& trees)
@@ -147,19 +103,6 @@ protected:
         opened.SaveText(FileKind::Snapshot, snapshot.ToJson());
         return last;
     }
-    std::vector<fs::path> Files(const std::string& part) const
-    {
-        std::vector<fs::path> files;
-        for (const auto& entry : fs::recursive_directory_iterator(repository + "/" + part))
-            if (entry.is_regular_file())
-                files.push_back(entry.path());
-        std::sort(files.begin(), files.end());
-        return files;
-    }
-
-    const TemporaryDirectory directory;
-    const std::string repository = directory / "repo";
-    std::string password = "secret";
 };
 
 // A repository that restic 0.14 wrote, in both versions of the format. It has a password that costs little,
@@ -169,7 +112,7 @@ class RepositoryOfRestic : public RepositoryCommands, public ::testing::WithPara
 protected:
     void SetUp() override
     {
-        if (std::system("command -v restic >/dev/null") != 0)
+        if (!HasRestic())
             GTEST_SKIP() << "restic is not installed";
         MakeTree(source, EveryKindOfEntry());
         MakeTree(source, {File("odd \\ \"name\n\xFF", "x"), File("empty", ""), Dir("emptydir"),

@@ -1,0 +1,270 @@
+// The commands that create repositories and change their keys, locks, tags and version, judged by restic
+// 0.14.
+#include "agent/Access/RepositoryLock.h"
+#include "agent/Access/WatchedBackend.h"
+#include "agent/Run/Interrupt.h"
+
+#include "testing/FileSizeLimit.h"
+#include "testing/Raises.h"
+#include "testing/RepositoryFixture.h"
+
+#include <boost/json.hpp>
+
+#include <csignal>
+#include <set>
+#include <unistd.h>
+
+using namespace Agent;
+using namespace Testing;
+using Repo::FileKind;
+using Repo::Id;
+namespace fs = std::filesystem;
+namespace json = boost::json;
+
+namespace {
+
+class Writing : public RepositoryFixture
+{
+protected:
+    // An empty snapshot of a host; returns its id.
+    static Id SaveSnapshot(const Repo::Repository& opened, const std::string& host,
+                           const std::vector<std::string>& tags)
+    {
+        Repo::Snapshot snapshot;
+        snapshot.time = Repo::Timestamp::Now();
+        snapshot.tree = Id::Of(Repo::AsBytes("tree of " + host));
+        snapshot.paths = {"/x"};
+        snapshot.hostname = host;
+        snapshot.tags = tags;
+        snapshot.unknown = {{"own", "[1]"}};
+        return opened.SaveText(FileKind::Snapshot, snapshot.ToJson());
+    }
+    static Id SaveLock(const Repo::Repository& opened, const std::string& host, std::uint32_t pid,
+                       std::int64_t age)
+    {
+        Repo::Lock lock;
+        lock.time = Repo::Timestamp::Now();
+        lock.time.seconds -= age;
+        lock.hostname = host;
+        lock.username = "anna";
+        lock.pid = pid;
+        return opened.SaveText(FileKind::Lock, lock.ToJson());
+    }
+    Repo::Repository Open(const std::string& withPassword) const
+    {
+        return Repo::Repository::Open(std::make_shared<Repo::LocalBackend>(repository.c_str()),
+                                      Repo::Secret(Repo::AsBytes(withPassword)));
+    }
+};
+
+TEST_F(Writing, ANewRepositoryIsOneOfRestic)
+{
+    if (!HasRestic())
+        GTEST_SKIP() << "restic is not installed";
+    const json::value created = json::parse(Run(0, "init --json").output);
+    EXPECT_EQ(created.at("message_type").as_string(), "initialized");
+    EXPECT_EQ(created.at("repository").as_string(), std::string_view(repository));
+    directory.Write("s/f", std::string(3000000, 'x') + "end");
+    Restic("check");
+    Restic("backup s --tag a,b");
+    EXPECT_EQ(json::parse(Restic("cat config")).at("id"), created.at("id"));
+    // Keys of each program open the repository for the other.
+    directory.Write("second", "second\n");
+    directory.Write("third", "third");
+    const std::string id =
+        Words(Run(0, "key add --new-password-file second --user u --host h").output).back();
+    Restic("key add --new-password-file third");
+    const std::string first = password;
+    password = "third";
+    Run(0, "check --read-data");
+    password = "second";
+    EXPECT_TRUE(Holds(Restic("key list"), "*" + id + "  u     h "));
+    Run(0, "key remove " + Open(first).GetKeyId().ToHex());
+    Run(1, "key remove " + id);
+    Run(0, "key passwd --new-password-file third");
+    Run(12, "key list");
+    password = "third";
+    EXPECT_EQ(Files("keys").size(), 2u);
+    // Tags: the file changes, the snapshot remains.
+    const json::value before = json::parse(Restic("snapshots --json")).at(0);
+    const json::value changed = json::parse(Words(Run(0, "tag --add c --remove a --json").output).front());
+    json::value after = json::parse(Restic("snapshots --json")).at(0);
+    EXPECT_EQ(changed.at("old_snapshot_id"), before.at("id"));
+    EXPECT_EQ(changed.at("new_snapshot_id"), after.at("id"));
+    EXPECT_EQ(after.at("original"), before.at("id"));
+    EXPECT_EQ(json::serialize(after.at("tags")), R"(["b","c"])");
+    for (const char* key : {"time", "tree", "paths", "hostname"})
+        EXPECT_EQ(after.at(key), before.at(key)) << key;
+    Restic("check --read-data");
+}
+
+TEST_F(Writing, ChunksAreCutAsInTheSource)
+{
+    Run(0, "init");
+    EXPECT_TRUE(Holds(Run(1, "init").errors, "already a repository"));
+    fs::rename(repository, directory / "source");
+    for (const char* wrong : {"init --repository-version 1", "init --repository-version x",
+                              "init --from-repo source", "init --copy-chunker-params", "init --no-lock"})
+        Run(2, wrong);
+    EXPECT_FALSE(fs::exists(repository));
+    directory.Write("password", "secret");
+    Run(0, "init --copy-chunker-params --from-repo source --from-password-file password");
+    const auto polynomial = Open("secret").GetConfig().polynomial;
+    fs::remove_all(repository);
+    Run(0, {"init", "--copy-chunker-params"}, 0,
+        {"RESTIC_FROM_REPOSITORY=source", "RESTIC_FROM_PASSWORD=secret"});
+    EXPECT_EQ(Open("secret").GetConfig().polynomial, polynomial);
+    // Without a configuration there is no repository, and keys of another are not mixed with new ones.
+    fs::remove(repository + "/config");
+    Run(10, "check");
+    EXPECT_TRUE(Holds(Run(1, "init").errors, "without a configuration"));
+}
+
+TEST_F(Writing, AnEmptyPasswordIsAskedForByName)
+{
+    const auto run = [&](int exitCode, const std::string& words) {
+        return Run(exitCode, Words(words), 0, {"KBAGENT_PASSWORD="});
+    };
+    directory.Write("empty", " \n");
+    run(1, "init --password-file empty");
+    run(2, "init --password-file empty --insecure-no-password");
+    Run(2, "init --insecure-no-password"); // there is a variable with a password
+    run(0, "init --insecure-no-password");
+    run(0, "check --insecure-no-password");
+    directory.Write("password", "secret");
+    run(2, "key add --insecure-no-password --new-insecure-no-password --new-password-file password");
+    run(1, "key add --insecure-no-password --new-password-file empty");
+    run(0, "key passwd --insecure-no-password --new-password-file password");
+    run(12, "check --insecure-no-password");
+    Run(0, "key passwd --new-insecure-no-password");
+    run(0, "key list --insecure-no-password");
+    EXPECT_EQ(Files("keys").size(), 1u);
+}
+
+TEST_F(Writing, TheLastKeyStays)
+{
+    Repo::Repository opened = Create();
+    const Id first = opened.GetKeyId();
+    EXPECT_TRUE(CatchError([&] { opened.RemoveKey(first); }));
+    Repo::KeyOptions options;
+    options.cost = {16, 1, 1};
+    const Id second = opened.AddKey(Repo::Secret(Repo::AsBytes("other")), options);
+    opened.RemoveKey(second);
+    // The one in use was removed by hand.
+    const Id third = opened.AddKey(Repo::Secret(Repo::AsBytes("other")), options);
+    opened.GetBackend().Remove({FileKind::Key, first});
+    EXPECT_TRUE(CatchError([&] { opened.RemoveKey(third); }));
+    EXPECT_EQ(Open("other").GetKeyId(), third);
+    // What can't be added leaves the old one.
+    {
+        const FileSizeLimit limit(100);
+        EXPECT_TRUE(CatchError([&] { opened.ReplaceKey(Repo::Secret(Repo::AsBytes("new")), options); }));
+    }
+    EXPECT_EQ(Files("keys").size(), 1u);
+}
+
+TEST_F(Writing, OnlyLocksOfDeadProcessesAreRemoved)
+{
+    const Repo::Repository opened = Create();
+    char host[256];
+    gethostname(host, sizeof host);
+    const pid_t dead = fork();
+    if (dead == 0)
+        _exit(0);
+    waitpid(dead, nullptr, 0);
+    const auto own = static_cast<std::uint32_t>(getpid());
+    SaveLock(opened, host, static_cast<std::uint32_t>(dead), 0);
+    SaveLock(opened, "elsewhere", own, 31 * 60);
+    SaveLock(opened, host, UINT32_MAX, 0);
+    const std::set<Id> living{SaveLock(opened, host, own, 60), SaveLock(opened, "elsewhere", 1, 60)};
+    EXPECT_EQ(Run(0, "unlock").output, "removed 3 locks\n");
+    const std::vector<Id> left = opened.ListIds(FileKind::Lock);
+    EXPECT_EQ(std::set<Id>(left.begin(), left.end()), living);
+    directory.Write("repo/locks/" + std::string(64, 'a'), "damaged");
+    EXPECT_TRUE(Holds(Run(3, "unlock").errors, "locks/" + std::string(64, 'a')));
+    EXPECT_EQ(Run(0, "unlock --remove-all").output, "removed 3 locks\n");
+    EXPECT_TRUE(Files("locks").empty());
+}
+
+TEST_F(Writing, ALockIsRequiredAndKept)
+{
+    const Repo::Repository opened = Create();
+    const Id snapshot = SaveSnapshot(opened, "a", {});
+    const Id lock = SaveLock(opened, "elsewhere", 1, 0);
+    Run(11, "tag --add x");
+    Run(11, "key remove " + opened.GetKeyId().ToHex());
+    Run(2, "tag --add x --no-lock");
+    EXPECT_EQ(opened.ListIds(FileKind::Snapshot), std::vector<Id>{snapshot});
+    Run(0, "snapshots");
+    opened.GetBackend().Remove({FileKind::Lock, lock});
+    // A writer whose lock was removed during a standby writes nothing more.
+    LockSettings settings;
+    settings.settling = settings.expiry = std::chrono::milliseconds(1);
+    RepositoryLock held(opened, settings);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    held.RequireFresh();
+    EXPECT_EQ(Files("locks").size(), 1u);
+    fs::remove(Files("locks").front());
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_THROW(held.RequireFresh(), LockLost);
+    EXPECT_THROW(held.RequireFresh(), LockLost) << "it stays lost";
+    // SIGHUP is how restic asks whether the process exists.
+    const int before = IsInterrupted();
+    CatchInterrupts();
+    const RepositoryLock another(opened, settings);
+    raise(SIGHUP);
+    EXPECT_EQ(IsInterrupted(), before);
+}
+
+TEST_F(Writing, TagsChangeOnlyWhatIsChosen)
+{
+    const Repo::Repository opened = Create();
+    const Id a = SaveSnapshot(opened, "a", {"x", "y"});
+    const Id b = SaveSnapshot(opened, "b", {"x"});
+    for (const char* wrong : {"tag", "tag --set a --add b", "tag --add ,"})
+        Run(2, wrong);
+    EXPECT_TRUE(Holds(Run(0, "tag --add x").output, "on 0 snapshots"));
+    EXPECT_TRUE(Holds(Run(0, "tag --remove x --host a").output, "on 1 snapshots"));
+    EXPECT_TRUE(Holds(Run(0, "tag --set z,z,w --tag y").output, "on 1 snapshots"));
+    const Repo::StoredSnapshot found =
+        opened.FindSnapshot("latest", {.hosts = {"a"}, .tags = {}, .paths = {}});
+    EXPECT_EQ(found.snapshot.tags, (std::vector<std::string>{"z", "w"}));
+    EXPECT_EQ(found.snapshot.original, a);
+    ASSERT_EQ(found.snapshot.unknown.size(), 1u);
+    EXPECT_EQ(opened.LoadSnapshot(b).tags, std::vector<std::string>{"x"});
+    Run(0, "tag --set , " + b.ToHex());
+    EXPECT_EQ(opened.ListIds(FileKind::Snapshot).size(), 2u);
+    EXPECT_EQ(opened.LoadSnapshots({.hosts = {}, .tags = {{}}, .paths = {}}).size(), 1u);
+    Run(3, "tag --add q 0123456789");
+}
+
+TEST_F(Writing, VersionOneIsUpgradedBeforeItIsWritten)
+{
+    const bool hasRestic = HasRestic();
+    const Repo::Repository opened = Create(1);
+    if (hasRestic) {
+        directory.Write("s/f", "content");
+        Restic("backup s");
+    }
+    EXPECT_TRUE(Holds(Run(1, "tag --add x").errors, "migrate upgrade_repo_v2"));
+    EXPECT_TRUE(Holds(Run(0, "migrate").output, "upgrade_repo_v2"));
+    Run(2, "migrate other");
+    // Damage keeps it as it is.
+    const std::string path = "repo/" + Repo::FileName{FileKind::Index, Id::Of({})}.Path();
+    directory.Write(path, "damaged");
+    EXPECT_TRUE(Holds(Run(1, "migrate upgrade_repo_v2").errors, "has errors"));
+    EXPECT_EQ(Open("secret").GetConfig().version, 1u);
+    fs::remove(directory / path);
+    Run(0, "migrate upgrade_repo_v2");
+    Run(1, "migrate upgrade_repo_v2");
+    EXPECT_EQ(Run(0, "migrate").output, "no migrations found\n");
+    EXPECT_EQ(Open("secret").GetConfig().id, opened.GetConfig().id);
+    EXPECT_EQ(Open("secret").GetConfig().version, 2u);
+    Run(0, "tag --add x");
+    if (hasRestic) {
+        Restic("backup s");
+        Restic("check --read-data");
+    }
+}
+
+} // namespace
