@@ -1,10 +1,13 @@
 // Backups, restores, certificates and services while each call and each allocation fails in its turn.
 #include "agent/Cli/Program.h"
+#include "agent/Repository/LocalBackend.h"
+#include "agent/Repository/Repository.h"
 
 #include "Backup/Core/OpenSSL.h"
 
 #include "testing/Configuration.h"
 #include "testing/Faults.h"
+#include "testing/Raises.h"
 #include "testing/SelectionText.h"
 #include "testing/Services.h"
 #include "testing/StoreFiles.h"
@@ -128,6 +131,69 @@ TEST_F(AgentFaults, BackupIntoExistingStore)
         fs::copy(before, store, fs::copy_options::recursive);
         directory.Write("store/tmp/" + Abandoned, "left by a run that crashed");
         CheckBackup(faults, {source}, 8, 1);
+    });
+}
+
+class RepositoryFaults : public AgentFaults
+{
+protected:
+    static Agent::Repo::Secret Password(std::string_view text)
+    {
+        return Agent::Repo::Secret(Agent::Repo::AsBytes(text));
+    }
+    std::shared_ptr<Agent::Repo::IBackend> Backend() const
+    {
+        return std::make_shared<Agent::Repo::LocalBackend>(store.c_str());
+    }
+    Agent::Repo::Repository Create(std::string_view password) const
+    {
+        Agent::Repo::CreateOptions options;
+        options.cost = {16, 1, 1};
+        return Agent::Repo::Repository::Create(Backend(), Password(password), options);
+    }
+    bool IsOpenedBy(std::string_view password) const
+    {
+        return !CatchError([&] { Agent::Repo::Repository::Open(Backend(), Password(password)); });
+    }
+    std::size_t CountKeys() const
+    {
+        return static_cast<std::size_t>(
+            std::distance(fs::directory_iterator(store + "/keys"), fs::directory_iterator()));
+    }
+};
+
+TEST_F(RepositoryFaults, AFailedCreationCanBeRepeated)
+{
+    Backend()->Prepare(); // here, since its 256 directories take much time in each run
+    CheckWithFaults([&](Faults& faults) {
+        fs::remove(store + "/config");
+        for (const fs::directory_entry& key : fs::directory_iterator(store + "/keys"))
+            fs::remove(key);
+        if (!faults.TryAll([&] { Create("first"); }) && faults.CouldCleanUp())
+            Create("first");
+        if (faults.CouldCleanUp()) {
+            EXPECT_TRUE(IsOpenedBy("first"));
+            EXPECT_EQ(CountKeys(), 1u);
+        }
+    });
+}
+
+TEST_F(RepositoryFaults, AKeyIsReplacedOrRemains)
+{
+    Create("first");
+    const std::string before = directory / "before";
+    fs::rename(store, before);
+    CheckWithFaults([&](Faults& faults) {
+        fs::remove_all(store);
+        fs::copy(before, store, fs::copy_options::recursive);
+        auto repository = Agent::Repo::Repository::Open(Backend(), Password("first"));
+        Agent::Repo::KeyOptions options;
+        options.cost = {16, 1, 1};
+        const bool isDone = faults.TryAll([&] { repository.ReplaceKey(Password("second"), options); });
+        EXPECT_TRUE(IsOpenedBy("second") || (!isDone && IsOpenedBy("first")));
+        if (isDone) {
+            EXPECT_EQ(CountKeys(), 1u);
+        }
     });
 }
 
