@@ -1,6 +1,7 @@
 // How content becomes chunks, blobs and packs.
 #include "agent/Repository/BlobSaver.h"
 #include "agent/Repository/Chunker.h"
+#include "agent/Repository/LocalBackend.h"
 
 #include "testing/OnThreads.h"
 #include "testing/Raises.h"
@@ -9,8 +10,11 @@
 #include <boost/json.hpp>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <climits>
 #include <map>
 #include <random>
+#include <thread>
 
 using namespace Agent::Repo;
 namespace json = boost::json;
@@ -79,85 +83,42 @@ TEST(Chunker, CutsWhereResticDoes)
     }
 }
 
-// Keeps files in memory, and fails to save from one pack on.
-class MemoryBackend : public IBackend
+// A disk that is full after some packs, and takes its time for each.
+class Disk : public LocalBackend
 {
 public:
-    Krt::YString Describe() const override { return "memory"; }
-    void Prepare() override {}
-    void Load(const FileName& file, std::uint64_t offset, std::uint64_t length, Bytes& out) override
-    {
-        LoadWhole(file, UINT64_MAX, out);
-        out = Bytes(out.begin() + static_cast<std::ptrdiff_t>(offset),
-                    out.begin() + static_cast<std::ptrdiff_t>(offset + length));
-    }
-    void LoadWhole(const FileName& file, std::uint64_t, Bytes& out) override
-    {
-        const std::lock_guard guard(m_mutex);
-        const auto found = m_files.find(file.Path());
-        REPOSITORY_RAISE_UNLESS(found != m_files.end(), Failure::Missing, "no such file");
-        out = found->second;
-    }
-    std::uint64_t Size(const FileName& file) override
-    {
-        Bytes content;
-        LoadWhole(file, UINT64_MAX, content);
-        return content.size();
-    }
-    void List(FileKind kind, const std::function<void(const Id&, std::uint64_t)>& visit) override
-    {
-        const std::string path = FileName{kind, {}}.Path();
-        std::vector<std::pair<Id, std::uint64_t>> found;
-        {
-            const std::lock_guard guard(m_mutex);
-            for (const auto& [name, content] : m_files) {
-                const auto id = Id::FromHex(name.substr(name.rfind('/') + 1));
-                if (id && name[0] == path[0])
-                    found.emplace_back(*id, content.size());
-            }
-        }
-        for (const auto& [id, size] : found)
-            visit(id, size);
-    }
+    explicit Disk(const Testing::TemporaryDirectory& directory) : LocalBackend((directory / "repo").c_str())
+    {}
     void Save(const FileName& file, ByteView content) override
     {
-        const std::lock_guard guard(m_mutex);
-        if (file.kind == FileKind::Pack && packsLeft-- <= 0) {
-            isFailing = true;
-            REPOSITORY_RAISE(Failure::Backend, "the disk is full");
+        if (file.kind == FileKind::Pack) {
+            std::this_thread::sleep_for(timeOfPack);
+            isFull = packsLeft-- <= 0;
         }
-        savedAfterFailure += isFailing ? 1 : 0;
-        m_files[file.Path()] = Bytes(content.begin(), content.end());
+        REPOSITORY_RAISE_UNLESS(!isFull, Failure::Backend, "the disk is full");
+        LocalBackend::Save(file, content);
     }
-    void Remove(const FileName& file) override { m_files.erase(file.Path()); }
 
-    int packsLeft = INT_MAX;
-    bool isFailing = false;
-    int savedAfterFailure = 0;
-
-private:
-    std::mutex m_mutex;
-    std::map<std::string, Bytes> m_files;
+    std::atomic<int> packsLeft{INT_MAX};
+    std::atomic<bool> isFull{false};
+    std::chrono::milliseconds timeOfPack{0};
 };
 
-// A disk on which packs take their time.
-class SlowBackend : public MemoryBackend
+class BlobSaverTest : public ::testing::Test
 {
-public:
-    void Save(const FileName& file, ByteView content) override
+protected:
+    static Repository Create(const std::shared_ptr<Disk>& disk)
     {
-        if (file.kind == FileKind::Pack)
-            std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        MemoryBackend::Save(file, content);
+        CreateOptions options;
+        options.cost = {16, 1, 1};
+        return Repository::Create(disk, Secret(AsBytes("secret")), options);
     }
-};
 
-Repository CreateIn(const std::shared_ptr<MemoryBackend>& backend)
-{
-    CreateOptions options;
-    options.cost = {16, 1, 1};
-    return Repository::Create(backend, Secret(AsBytes("secret")), options);
-}
+    const Testing::TemporaryDirectory directory;
+    const std::shared_ptr<Disk> disk = std::make_shared<Disk>(directory);
+    Repository repository = Create(disk);
+    SaveOptions options{.packSize = 256 << 10};
+};
 
 constexpr int Blobs = 150;
 
@@ -203,103 +164,82 @@ int SaveOnThreads(BlobSaver& saver, std::atomic<int>& failures)
     return added;
 }
 
-TEST(BlobSaver, StoresEachBlobOnceFromAllThreads)
+class EachCompression : public BlobSaverTest, public ::testing::WithParamInterface<Compression>
+{};
+
+TEST_P(EachCompression, StoresEachBlobOnceFromAllThreads)
 {
-    for (const Compression compression : {Compression::Auto, Compression::Off, Compression::Max}) {
-        const auto backend = std::make_shared<MemoryBackend>();
-        Repository repository = CreateIn(backend);
-        SaveOptions options;
-        options.compression = compression;
-        options.packSize = 256 << 10;
-        SavedBlobs data, trees;
-        {
-            BlobSaver saver(repository, options);
-            std::atomic<int> failures{0};
-            EXPECT_EQ(SaveOnThreads(saver, failures), Blobs);
-            EXPECT_EQ(failures, 0);
-            saver.Finish();
-            data = saver.GetSaved(BlobType::Data);
-            trees = saver.GetSaved(BlobType::Tree);
-        }
-        repository.LoadIndex();
-        const Index& index = repository.GetIndex();
-        EXPECT_EQ(index.CountBlobs(), static_cast<std::size_t>(Blobs));
-        EXPECT_EQ(data.blobs + trees.blobs, static_cast<std::uint64_t>(Blobs));
-        EXPECT_GT(index.GetPacks().size(), 4u);
-        std::uint64_t stored = 0;
-        for (const IndexedPack& pack : index.GetPacks()) {
-            EXPECT_NE(pack.hasData, pack.hasTrees);
-            EXPECT_EQ(backend->Size({FileKind::Pack, pack.id}), pack.size);
-            EXPECT_EQ(repository.LoadPackHeader(pack.id, pack.size).size(), pack.blobs);
-            stored += pack.size - PackOverhead;
-        }
-        EXPECT_EQ(data.stored + trees.stored, stored);
-        Bytes read;
-        for (int number = 0; number < Blobs; ++number) {
-            const std::string& content = BlobContent(number);
-            const BlobHandle handle = HandleOf(number, content);
-            repository.LoadBlob(handle, read);
-            EXPECT_EQ(AsText(read), content);
-            const bool isNoise = number % 3 == 0;
-            const bool isCompressed = handle.type == BlobType::Tree
-                                          ? !content.empty()
-                                          : compression != Compression::Off && !isNoise;
-            EXPECT_EQ(index.Find(handle)->blob.isCompressed, isCompressed) << number;
-        }
-        // What the index has is not saved again.
-        BlobSaver again(repository, options);
-        std::atomic<int> failures{0};
-        EXPECT_EQ(SaveOnThreads(again, failures), 0);
-        again.Finish();
-        EXPECT_EQ(again.GetSaved(BlobType::Data).stored, 0u);
+    options.compression = GetParam();
+    std::atomic<int> failures{0};
+    SavedBlobs data, trees;
+    {
+        BlobSaver saver(repository, options);
+        EXPECT_EQ(SaveOnThreads(saver, failures), Blobs);
+        saver.Finish();
+        data = saver.GetSaved(BlobType::Data);
+        trees = saver.GetSaved(BlobType::Tree);
     }
+    repository.LoadIndex();
+    const Index& index = repository.GetIndex();
+    EXPECT_EQ(index.CountBlobs(), static_cast<std::size_t>(Blobs));
+    EXPECT_EQ(data.blobs + trees.blobs, static_cast<std::uint64_t>(Blobs));
+    EXPECT_GT(index.GetPacks().size(), 4u);
+    std::uint64_t stored = 0;
+    for (const IndexedPack& pack : index.GetPacks()) {
+        EXPECT_NE(pack.hasData, pack.hasTrees);
+        EXPECT_EQ(disk->Size({FileKind::Pack, pack.id}), pack.size);
+        EXPECT_EQ(repository.LoadPackHeader(pack.id, pack.size).size(), pack.blobs);
+        stored += pack.size - PackOverhead;
+    }
+    EXPECT_EQ(data.stored + trees.stored, stored);
+    Bytes read;
+    for (int number = 0; number < Blobs; ++number) {
+        const std::string& content = BlobContent(number);
+        const BlobHandle handle = HandleOf(number, content);
+        repository.LoadBlob(handle, read);
+        EXPECT_EQ(AsText(read), content);
+        const bool isNoise = number % 3 == 0;
+        const bool isCompressed =
+            handle.type == BlobType::Tree ? !content.empty() : GetParam() != Compression::Off && !isNoise;
+        EXPECT_EQ(index.Find(handle)->blob.isCompressed, isCompressed) << number;
+    }
+    // What the index has is not saved again.
+    BlobSaver again(repository, options);
+    EXPECT_EQ(SaveOnThreads(again, failures), 0);
+    EXPECT_EQ(failures, 0);
 }
 
-TEST(BlobSaver, WritesNothingAfterAFailure)
+INSTANTIATE_TEST_SUITE_P(BlobSaver, EachCompression,
+                         ::testing::Values(Compression::Auto, Compression::Off, Compression::Max));
+
+TEST_F(BlobSaverTest, WritesNothingAfterAFailure)
 {
-    for (const int packs : {0, 1, 3}) {
-        const auto backend = std::make_shared<MemoryBackend>();
-        Repository repository = CreateIn(backend);
-        backend->packsLeft = packs;
-        SaveOptions options;
-        options.packSize = 256 << 10;
-        options.writers = 1;
-        {
-            BlobSaver saver(repository, options);
-            std::atomic<int> failures{0};
-            SaveOnThreads(saver, failures);
-            EXPECT_TRUE(packs != 0 || failures != 0);
-            const auto error = Testing::CatchError([&] { saver.Finish(); });
-            ASSERT_TRUE(error) << packs;
-            EXPECT_EQ(error->GetMessage().Bytes(), "the disk is full");
-            EXPECT_TRUE(Testing::CatchError([&] { saver.Save({BlobType::Data, Id::Of({})}, {}); }));
-        }
-        EXPECT_EQ(backend->savedAfterFailure, 0);
-        EXPECT_TRUE(repository.ListIds(FileKind::Index).empty());
-        EXPECT_EQ(repository.ListIds(FileKind::Pack).size(), static_cast<std::size_t>(packs));
+    disk->packsLeft = 3;
+    BlobSaver saver(repository, options);
+    std::atomic<int> failures{0};
+    SaveOnThreads(saver, failures);
+    EXPECT_EQ(failures, 4);
+    for (int i = 0; i < 2; ++i) {
+        const auto error = Testing::CatchError([&] { saver.Finish(); });
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->GetMessage().Bytes(), "the disk is full");
     }
+    disk->isFull = false;
+    EXPECT_TRUE(Testing::CatchError([&] { saver.Save({BlobType::Data, Id::Of({})}, {}); }));
+    EXPECT_TRUE(repository.ListIds(FileKind::Index).empty());
+    EXPECT_LE(repository.ListIds(FileKind::Pack).size(), 3u);
 }
 
-TEST(BlobSaver, EndsWhenAWaitingCallerIsToEnd)
+TEST_F(BlobSaverTest, EndsWhenACallerThatWaitsIsToEnd)
 {
-    SaveOptions options;
-    options.packSize = 1;
-    options.writers = 1;
-    std::atomic<int> waits{0};
-    options.onWait = [&] {
-        ++waits;
-        KRT_RAISE(Krt::ErrorCode::InvalidState, "enough");
+    disk->timeOfPack = std::chrono::milliseconds(500);
+    options.onWait = [] {
+        KRT_RAISE(Krt::ErrorCode::InvalidState, "interrupted");
     };
-    Repository slow = CreateIn(std::make_shared<SlowBackend>());
-    BlobSaver saver(slow, options);
-    const auto error = Testing::CatchError([&] {
-        for (int number = 1; number < 10; ++number)
-            saver.Save({BlobType::Data, Id::Of(AsBytes(std::to_string(number)))},
-                       AsBytes(std::to_string(number)));
-    });
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->GetMessage().Bytes(), "enough");
-    EXPECT_GT(waits, 0);
+    BlobSaver saver(repository, options);
+    std::atomic<int> failures{0};
+    SaveOnThreads(saver, failures);
+    EXPECT_EQ(failures, 4);
 }
 
 } // namespace
