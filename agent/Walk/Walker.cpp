@@ -7,6 +7,7 @@
 
 #include "Krt/Exception/Raise.h"
 
+#include <algorithm>
 #include <dirent.h>
 #include <optional>
 #include <sys/stat.h>
@@ -25,6 +26,19 @@ namespace {
 // opened again when the walk returns to them.
 constexpr std::size_t MaxOpenDirectories = 64;
 
+// Compares paths name by name, so that everything below a directory comes right after it.
+bool ComesBefore(const YPath& a, const YPath& b)
+{
+    const auto byteOrder = [](char x, char y) {
+        const auto weight = [](char byte) {
+            return byte == '/' ? 0u : 1u + static_cast<unsigned char>(byte);
+        };
+        return weight(x) < weight(y);
+    };
+    return std::lexicographical_compare(a.Bytes().begin(), a.Bytes().end(), b.Bytes().begin(),
+                                        b.Bytes().end(), byteOrder);
+}
+
 } // namespace
 
 bool WalkedEntry::IsDirectory() const
@@ -35,8 +49,10 @@ bool WalkedEntry::IsDirectory() const
 }
 
 Walker::Walker(const Backup::File::YSelectionManager& rules, std::set<YPath> roots, IWalkVisitor& visitor)
-    : m_rules(rules), m_roots(std::move(roots)), m_visitor(visitor)
-{}
+    : m_rules(rules), m_roots(roots.begin(), roots.end()), m_rootsToDo(std::move(roots)), m_visitor(visitor)
+{
+    std::sort(m_roots.begin(), m_roots.end(), ComesBefore);
+}
 
 Walker::~Walker() = default;
 
@@ -62,19 +78,35 @@ bool Walker::IsBelowSkipped(const YPath& root) const
 
 void Walker::Run()
 {
-    for (const YPath& root : m_roots) {
-        if (m_visitor.IsCancelled())
-            return;
-        try {
-            WalkRoot(root);
-        } catch (const Krt::Exception::YError& error) {
-            m_visitor.OnFailed(root, ReasonOf(error));
-        }
+    for (const YPath& root : m_roots)
+        TryRoot(root);
+}
+
+// Walks the root unless its walk has begun.
+void Walker::TryRoot(const YPath& root)
+{
+    if (m_visitor.IsCancelled() || m_rootsToDo.erase(root) == 0)
+        return;
+    try {
+        WalkRoot(root);
+    } catch (const Krt::Exception::YError& error) {
+        m_visitor.OnFailed(root, ReasonOf(error));
     }
+}
+
+// Walks the roots below an entry that is not entered.
+void Walker::TryRootsBelow(const YPath& path)
+{
+    if (m_rootsToDo.empty())
+        return;
+    for (auto root = std::upper_bound(m_roots.begin(), m_roots.end(), path, ComesBefore);
+         root != m_roots.end() && root->IsChildOf(path, false); ++root)
+        TryRoot(*root);
 }
 
 void Walker::WalkRoot(const YPath& root)
 {
+    const std::size_t depth = m_visited.size();
     if (root == "/") {
         Enter(root, YDirectory::Open(root));
     } else if (IsBelowSkipped(root)) {
@@ -83,7 +115,13 @@ void Walker::WalkRoot(const YPath& root)
         const YDirectory parent = YDirectory::OpenToSearch(root.GetParent());
         VisitEntry(root, parent, YPath::GetFileFromPath(root, "/"), DT_UNKNOWN, true);
     }
-    while (!m_visited.empty()) {
+    WalkEntered(depth);
+}
+
+// Walks the directories that were entered until `depth` of them are left.
+void Walker::WalkEntered(std::size_t depth)
+{
+    while (m_visited.size() > depth) {
         VisitedDirectory& visited = m_visited.back();
         if (visited.next == visited.names.Size() || m_visitor.IsCancelled()) {
             m_visited.pop_back();
@@ -92,13 +130,14 @@ void Walker::WalkRoot(const YPath& root)
         const unsigned char type = visited.names.TypeAt(visited.next);
         const YString name(visited.names.NameAt(visited.next++));
         const YPath path = visited.path.Append(name);
-        if (m_roots.count(path) != 0)
-            continue;
+        const std::size_t current = m_visited.size();
         try {
-            VisitEntry(path, DirectoryOf(visited), name, type, false);
+            VisitEntry(path, DirectoryOf(visited), name, type, m_rootsToDo.erase(path) != 0);
         } catch (const Krt::Exception::YError& error) {
             m_visitor.OnFailed(path, ReasonOf(error));
         }
+        if (m_visited.size() == current)
+            TryRootsBelow(path);
     }
 }
 

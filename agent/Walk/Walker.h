@@ -77,19 +77,18 @@ class Walker
 {
 public:
     /// Both arguments must outlive the walker. `roots` are the entries where walks start, or "/". If a walk
-    /// reaches another root, it leaves that to the root's own walk, so no entry is visited twice.
+    /// reaches another root, that root's walk follows at once, so no entry is visited twice.
     Walker(const Backup::File::YSelectionManager& rules, std::set<Krt::File::YPath> roots,
            IWalkVisitor& visitor);
     ~Walker();
 
     /// The directory with this status is neither visited nor entered, and no walk starts below it.
     void Skip(const struct stat& directory);
-    /// Walks every root in order. Entries of a directory are sorted by the bytes of their names, and a
-    /// directory precedes its entries.
+    /// Walks every root. Entries of a directory are visited in the order of the bytes of their names, and a
+    /// directory precedes its entries, also if they are visited by several walks.
     void Run();
 
 private:
-    // A directory whose entries are being visited.
     struct VisitedDirectory
     {
         Krt::File::YPath path;
@@ -101,7 +100,10 @@ private:
 
     bool IsSkipped(const struct stat& directory) const;
     bool IsBelowSkipped(const Krt::File::YPath& root) const;
+    void TryRoot(const Krt::File::YPath& root);
+    void TryRootsBelow(const Krt::File::YPath& path);
     void WalkRoot(const Krt::File::YPath& root);
+    void WalkEntered(std::size_t depth);
     void VisitEntry(const Krt::File::YPath& path, const Krt::File::YDirectory& parent,
                     const Krt::YString& name, unsigned char type, bool isRoot);
     bool HasIncludeForAllNames(const Krt::File::YPath& path) const;
@@ -112,7 +114,8 @@ private:
     const Krt::File::YDirectory& DirectoryOf(VisitedDirectory& visited);
 
     const Backup::File::YSelectionManager& m_rules;
-    std::set<Krt::File::YPath> m_roots;
+    std::vector<Krt::File::YPath> m_roots;  // sorted, a directory before its entries
+    std::set<Krt::File::YPath> m_rootsToDo; // those whose walks have not begun
     IWalkVisitor& m_visitor;
     std::optional<Krt::File::FileId> m_skipped;
     std::deque<VisitedDirectory> m_visited; // those on the current path, the outermost first
