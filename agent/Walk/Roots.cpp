@@ -7,9 +7,11 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/File.h"
+#include "Krt/File/YDirectory.h"
 #include "Krt/JSON/YValue.h"
 #include "Krt/Util/YUnxHandle.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fcntl.h>
 #include <memory>
@@ -21,6 +23,8 @@ namespace Agent {
 using Backup::File::YSelectionDescriptor;
 using Krt::YString;
 using Krt::File::YPath;
+using Krt::JSON::YObject;
+using Krt::JSON::YValue;
 
 namespace {
 
@@ -83,7 +87,7 @@ private:
 };
 
 // Raises the first error of the document.
-void CheckRules(const Krt::JSON::YObject& document, JobWarnings& warnings)
+void CheckRules(const YObject& document, JobWarnings& warnings)
 {
     CheckJob(document, [&](const JobFinding& finding) {
         KRT_RAISE_UNLESS(!finding.isError, Krt::ErrorCode::InvalidArgument, finding.text.c_str());
@@ -137,8 +141,7 @@ void LoadRules(Backup::File::YSelectionManager& rules, JobWarnings& warnings, co
     const EndingOnInterrupts ending; // the rules of a large job take some time
     try {
         // The text of a large job is freed before its rules are built.
-        const auto job =
-            Krt::JSON::YValue::Parse(std::exchange(text, {}), Krt::JSON::YValue::DuplicateKeys::Refuse);
+        const auto job = YValue::Parse(std::exchange(text, {}), YValue::DuplicateKeys::Refuse);
         CheckRules(job->AsObject(), warnings);
         rules.FromJSON(job->AsObject());
     } catch (const Krt::Exception::YError& error) {
@@ -147,9 +150,29 @@ void LoadRules(Backup::File::YSelectionManager& rules, JobWarnings& warnings, co
     }
 }
 
+std::vector<std::string> RuleTextsOf(const Backup::File::YSelectionManager& rules)
+{
+    constexpr std::size_t MostRules = 10000;
+    std::vector<std::string> texts;
+    const bool isTooMany = rules.VisitPathsAndDescriptors(
+        YPath(),
+        [&texts](const YPath& path, const YSelectionDescriptor& rule) {
+            YObject element;
+            element.Set<YString>("path", path);
+            element.Set<YObject>("descriptor", rule.ToJSON());
+            const std::string json = YValue::FromObject(std::move(element)).Stringify(true).Bytes();
+            texts.push_back((rule.IsInclude() ? "include " : "exclude ") + json);
+            return texts.size() > MostRules;
+        },
+        true);
+    if (isTooMany)
+        texts.clear();
+    return texts;
+}
+
 } // namespace
 
-Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths)
+Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths, const PathFailure& onFailure)
 {
     Job job;
     if (!jobFile.empty()) {
@@ -158,13 +181,29 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths)
         job.roots = job.rules.GetIncludeTops(YPath());
         WarnOfPathsWithoutEntries(job, warnings);
         job.warnings = warnings.Finish();
+        job.ruleTexts = RuleTextsOf(job.rules);
         KRT_RAISE_UNLESS(!job.roots.empty() || !paths.empty(), Krt::ErrorCode::InvalidArgument,
                          "The job file " << jobFile.c_str() << " includes nothing, and no PATH is named");
     }
+    const std::set<YPath> tops = job.roots;
     for (const std::string& path : paths) {
-        const YPath root = ResolveRoot(path);
-        Select(job.rules, root);
-        job.roots.insert(root);
+        try {
+            const YPath root = ResolveRoot(path);
+            if (onFailure && root != "/")
+                Krt::File::YDirectory::OpenToSearch(root.GetParent()).Stat(YPath::GetFileFromPath(root, "/"));
+            Select(job.rules, root);
+            if (std::find(job.paths.begin(), job.paths.end(), root.Bytes()) == job.paths.end())
+                job.paths.push_back(root.Bytes());
+            job.roots.insert(root);
+        } catch (const Krt::Exception::YError& error) {
+            if (!onFailure)
+                throw;
+            onFailure(path, error);
+        }
+    }
+    for (const YPath& top : tops) {
+        if (std::find(job.paths.begin(), job.paths.end(), top.Bytes()) == job.paths.end())
+            job.paths.push_back(top.Bytes());
     }
     return job;
 }

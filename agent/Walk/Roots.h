@@ -4,6 +4,9 @@
 
 #include "Backup/File/YSelectionManager.h"
 
+#include "Krt/Exception/YError.h"
+
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,12 +18,21 @@ struct Job
     Backup::File::YSelectionManager rules;
     std::set<Krt::File::YPath> roots;
     std::vector<Krt::YString> warnings; ///< suspicious contents of the job file; see JobCheck.h
+    std::vector<std::string> paths;     ///< the named paths as resolved, in their order, then the job's tops
+    /// The rules of the job file, each as "include JSON" or "exclude JSON" with the JSON object that a job
+    /// file has for it. Empty if there are more than 10,000.
+    std::vector<std::string> ruleTexts;
 };
+
+/// Called for a named path that can't be used, with the reason.
+using PathFailure = std::function<void(const std::string& path, const Krt::Exception::YError& error)>;
 
 /// Loads a job file (the JSON form of the rules; "" for no file) and named paths, each of which selects that
 /// entry and everything below it. A named path is made absolute; symlinks and ".." on it are resolved, but a
 /// symlink at its end is kept. Raises the reason why the file or a path cannot be used, such as a finding of
-/// CheckJob that is an error. The reason names the file or path.
-Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths);
+/// CheckJob that is an error. The reason names the file or path. With `onFailure`, a named path that can't be
+/// used is given to it and left out.
+Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths,
+            const PathFailure& onFailure = {});
 
 } // namespace Agent
