@@ -29,14 +29,17 @@ void Report::EntryFailed(const YString& path, const YString& reason)
 {
     ++m_failed;
     KRT_LOG_FREE(Krt::MessageType::General, "Failed: " << path << ": " << reason);
-    if (!m_usesJson || m_work.empty()) {
+    if (!m_usesJson) {
         Line(Printable(path) + ": " + Printable(reason));
         return;
     }
     std::string json = R"({"message_type":"error","error":{"message":)";
     Krt::JSON::YTextWriter(json).String(reason.Bytes());
-    json += R"(},"during":)";
-    Krt::JSON::YTextWriter(json).String(m_work);
+    json += "}";
+    if (!m_work.empty()) {
+        json += R"(,"during":)";
+        Krt::JSON::YTextWriter(json).String(m_work);
+    }
     json += R"(,"item":)";
     Krt::JSON::YTextWriter(json).String(path.Bytes());
     JsonNote(json + "}");

@@ -50,7 +50,7 @@ public:
     Report(const Report&) = delete;
     Report& operator=(const Report&) = delete;
 
-    /// Reports and counts an entry that failed, wholly or in part.
+    /// Reports and counts an entry that failed, wholly or in part. With UseJson, prints a JSON document.
     void EntryFailed(const Krt::YString& path, const Krt::YString& reason);
     unsigned long long GetFailed() const { return m_failed; }
     /// Records that the answer of the command is no.
@@ -63,7 +63,7 @@ public:
     /// Reports the error that ended the run. With UseJson, prints a JSON document that also has the exit
     /// code.
     void Error(const Krt::YString& text, int exitCode);
-    /// With UseJson, failures of entries are JSON documents in which the work is named so, as "restore".
+    /// The work in which entries fail, as in "restore", for JSON documents.
     void NameWork(const std::string& work) { m_work = work; }
     /// The command prints JSON.
     void UseJson() { m_usesJson = true; }

@@ -89,6 +89,7 @@ public:
     void Run();
 
 private:
+    // A directory whose entries are being visited.
     struct VisitedDirectory
     {
         Krt::File::YPath path;
