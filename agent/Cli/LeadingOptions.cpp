@@ -16,9 +16,9 @@ constexpr const char* LeadingGroup = "Options of commands on repositories, befor
 
 // Options of restic that have no meaning here.
 constexpr std::string_view ResticOptions[] = {
-    "--cacert",     "--compression",    "--insecure-tls",     "--limit-download",        "--limit-upload",
-    "--option",     "--pack-size",      "--read-concurrency", "--stuck-request-timeout", "--tls-client-cert",
-    "--with-cache", "--http-user-agent"};
+    "--cacert",          "--insecure-tls", "--limit-download",
+    "--limit-upload",    "--option",       "--stuck-request-timeout",
+    "--tls-client-cert", "--with-cache",   "--http-user-agent"};
 
 // An argument that is an option, or several in one, as in -qv.
 struct Typed

@@ -9,6 +9,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+
 namespace Agent {
 
 using Krt::YString;
@@ -36,8 +38,10 @@ CLI::App* ShowCommand::Register(CLI::App& program)
     m_repository.AddTo(*command);
     m_repository.AddSnapshotOptionsTo(*command);
     command
-        ->add_option("SNAPSHOT:PATH", m_place,
-                     "The snapshot, by first digits of its ID or as latest, and the path of the entry")
+        ->add_option(
+            "SNAPSHOT:PATH", m_place,
+            "The snapshot, by first digits of its ID or as latest, and the path of the entry; without\n"
+            "a path, the rules of the job that the snapshot was made by, as a job file")
         ->required();
     command->footer(
         "The record of the entry is printed, which is what convert and rename read; then the node, which is\n"
@@ -77,14 +81,35 @@ std::string BlobTable(const Repo::Repository& repository, const Node& node)
                      std::move(rows), 0);
 }
 
+// A job file with the rules that a backup noted in the snapshot.
+std::string JobOf(const Repo::Snapshot& snapshot)
+{
+    std::string includes;
+    std::string excludes;
+    for (const std::string& text : snapshot.excludes) {
+        const std::size_t blank = text.find(' ');
+        const std::string word = text.substr(0, blank);
+        if (word == "include" || word == "exclude") {
+            std::string& rules = word == "include" ? includes : excludes;
+            rules += (rules.empty() ? "" : ",") + text.substr(std::min(blank + 1, text.size()));
+        }
+    }
+    return "{\"includes\":[" + includes + "],\"excludes\":[" + excludes + "]}";
+}
+
 void ShowCommand::Run(Report& report)
 {
-    const std::size_t colon = m_place.find(':');
-    if (colon == std::string::npos || m_place.compare(colon + 1, 1, "/") != 0)
+    const std::size_t colon = std::min(m_place.find(':'), m_place.size());
+    if (colon < m_place.size() && m_place.compare(colon + 1, 1, "/") != 0)
         throw UsageError("show takes a snapshot and a path, as in latest:/etc/hosts");
     Session session(m_repository.Get(), report);
     const Repo::StoredSnapshot stored =
         ChooseSnapshot(session, m_place.substr(0, colon), m_repository.GetSnapshotOptions());
+    if (colon == m_place.size()) {
+        const std::string job = JobOf(stored.snapshot);
+        report.Out() << PrintableJson(m_repository.IsJson() ? job : IndentJson(job)) << "\n";
+        return;
+    }
     session.LoadIndex();
     const FoundEntry found =
         FindEntry(session.GetRepository(), stored.snapshot.tree, m_place.substr(colon + 1));

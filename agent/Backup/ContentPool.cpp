@@ -1,0 +1,371 @@
+#include "agent/Backup/ContentPool.h"
+
+#include "agent/Backup/Unix/Holes.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/File/File.h"
+#include "Krt/File/Unix/Status.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+namespace Agent {
+
+using Repo::BlobType;
+using Repo::ByteView;
+using Repo::Chunker;
+using Repo::Id;
+
+namespace {
+
+// A chunk is longer, so what is left of a block after a cut contains no other cut.
+constexpr std::size_t BlockSize = Chunker::MinSize;
+
+bool IsSameTime(const timespec& a, const timespec& b)
+{
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+bool HasChanged(const struct stat& before, const struct stat& after)
+{
+    return before.st_size != after.st_size ||
+           !IsSameTime(Krt::File::WriteTime(before), Krt::File::WriteTime(after)) ||
+           !IsSameTime(Krt::File::ChangeTime(before), Krt::File::ChangeTime(after));
+}
+
+// Memory for a chunk. Only the part that is used costs anything.
+struct Buffer
+{
+    std::unique_ptr<unsigned char[]> bytes{new unsigned char[Chunker::MaxSize + BlockSize]};
+    std::size_t size = 0; // that is used
+};
+
+} // namespace
+
+// What becomes of a file. The thread that reads adds chunks, all threads store them.
+class ContentPool::FileState
+{
+public:
+    explicit FileState(std::function<void(const StoredContent&)> onDone) : m_onDone(std::move(onDone)) {}
+
+    std::size_t Begin(std::size_t size)
+    {
+        const std::lock_guard guard(m_mutex);
+        ++m_open;
+        content.size += size;
+        content.blobs.emplace_back();
+        return content.blobs.size() - 1;
+    }
+    // Returns true if the file is done.
+    bool End(std::size_t index, const Id& id)
+    {
+        const std::lock_guard guard(m_mutex);
+        content.blobs[index] = id;
+        return --m_open == 0;
+    }
+    void AddKnown(std::size_t size, const Id& id)
+    {
+        const std::lock_guard guard(m_mutex);
+        content.size += size;
+        content.blobs.push_back(id);
+    }
+    bool EndReading()
+    {
+        const std::lock_guard guard(m_mutex);
+        return --m_open == 0;
+    }
+    void Report() const { m_onDone(content); }
+
+    StoredContent content;
+
+private:
+    std::mutex m_mutex;
+    std::size_t m_open = 1; // chunks that are not stored, and the reading
+    std::function<void(const StoredContent&)> m_onDone;
+};
+
+struct ContentPool::Chunk
+{
+    Buffer buffer;
+    std::shared_ptr<FileState> file;
+    std::size_t index = 0; // in the file
+};
+
+// Reads files, one at a time. Each thread has one.
+class ContentPool::Reader
+{
+public:
+    explicit Reader(ContentPool& pool) : m_pool(pool), m_chunker(pool.m_tables) {}
+
+    void Read(FileToRead& file)
+    {
+        for (int attempt = 0;; ++attempt) {
+            const auto state = std::make_shared<FileState>(file.onDone);
+            m_state = state;
+            const bool isLast = attempt == RereadTimes;
+            if (!TryRead(file, isLast))
+                continue;
+            m_state.reset();
+            file.file.reset();
+            if (state->EndReading())
+                m_pool.Done(*state);
+            return;
+        }
+    }
+
+private:
+    // Returns false if the file is to be read again.
+    bool TryRead(FileToRead& file, bool isLast)
+    {
+        StoredContent& content = m_state->content;
+        m_handle = &file.file->GetHandle();
+        try {
+            content.status = Krt::File::Stat(*m_handle);
+        } catch (const Krt::Exception::YError& error) {
+            content.failure = ReasonOf(error).Bytes();
+            return true;
+        }
+        const auto size = static_cast<std::uint64_t>(content.status.st_size);
+        m_chunker.Reset();
+        m_offset = 0;
+        m_buffer.size = 0;
+        while (ReadBlock(size)) {
+        }
+        if (!content.failure.empty())
+            return true;
+        if (m_buffer.size != 0)
+            EndChunk(0);
+        struct stat after = {};
+        try {
+            after = Krt::File::Stat(*m_handle);
+        } catch (const Krt::Exception::YError& error) {
+            content.failure = ReasonOf(error).Bytes();
+            return true;
+        }
+        // The files of the kernel have the size 0, whatever they contain.
+        content.isChanged = HasChanged(content.status, after) || (size != 0 && m_offset != size);
+        return !content.isChanged || isLast || m_offset > RereadLimit;
+    }
+
+    // Reads and cuts a block. Returns false at the end.
+    bool ReadBlock(std::uint64_t size)
+    {
+        RaiseIfInterrupted();
+        if (m_pool.IsEnding())
+            KRT_RAISE(Krt::ErrorCode::InvalidState, "The run has ended");
+        if (m_buffer.size == 0)
+            SkipHole(size);
+        // A file may grow for ever, so the end is where it was.
+        if (size != 0 && m_offset >= size)
+            return false;
+        const std::size_t wanted =
+            size == 0 ? BlockSize
+                      : static_cast<std::size_t>(std::min<std::uint64_t>(BlockSize, size - m_offset));
+        unsigned char* const block = m_buffer.bytes.get() + m_buffer.size;
+        std::size_t count = 0;
+        try {
+            count = Krt::File::Read(*m_handle, m_offset, wanted, block);
+        } catch (const Krt::Exception::YError& error) {
+            m_state->content.failure = ReasonOf(error).Bytes();
+            return false;
+        }
+        m_offset += count;
+        m_pool.m_readBytes += count;
+        bool isCut = false;
+        const std::size_t used = m_chunker.Feed({block, count}, isCut);
+        m_buffer.size += used;
+        if (isCut)
+            EndChunk(count - used);
+        return count == wanted && m_offset <= std::max(size, RereadLimit);
+    }
+
+    // A hole is cut into the shortest chunks, because the digest of zeros is 0.
+    void SkipHole(std::uint64_t size)
+    {
+        if (size - std::min(size, m_offset) < Chunker::MinSize)
+            return;
+        const std::uint64_t hole = std::min(size, EndOfHole(*m_handle, m_offset)) - m_offset;
+        const std::uint64_t chunks = hole / Chunker::MinSize;
+        if (chunks == 0)
+            return;
+        const Id id = m_pool.m_store(BlobType::Data, m_pool.m_zeros);
+        for (std::uint64_t i = 0; i < chunks; ++i)
+            m_state->AddKnown(Chunker::MinSize, id);
+        m_offset += chunks * Chunker::MinSize;
+        m_pool.m_readBytes += chunks * Chunker::MinSize;
+    }
+
+    // Stores the chunk in the buffer, or lets another thread do so. The bytes after it begin the next one.
+    void EndChunk(std::size_t bytesAfter)
+    {
+        const auto size = static_cast<std::uint64_t>(m_state->content.status.st_size);
+        const bool isOnly = bytesAfter == 0 && m_offset >= size && m_offset == m_buffer.size;
+        if (isOnly) {
+            const Id id = m_pool.m_store(BlobType::Data, {m_buffer.bytes.get(), m_buffer.size});
+            m_state->AddKnown(m_buffer.size, id);
+            m_buffer.size = 0;
+            return;
+        }
+        auto chunk = std::make_unique<Chunk>();
+        std::swap(chunk->buffer, m_buffer);
+        chunk->file = m_state;
+        chunk->index = m_state->Begin(chunk->buffer.size);
+        if (bytesAfter != 0) {
+            const unsigned char* const after = chunk->buffer.bytes.get() + chunk->buffer.size;
+            std::memcpy(m_buffer.bytes.get(), after, bytesAfter);
+            bool isCut = false;
+            m_buffer.size = m_chunker.Feed({m_buffer.bytes.get(), bytesAfter}, isCut);
+        }
+        if (!m_pool.TryOffer(chunk))
+            m_pool.StoreChunk(*chunk);
+    }
+
+    ContentPool& m_pool;
+    Chunker m_chunker;
+    std::shared_ptr<FileState> m_state;
+    const Krt::Util::YUnxHandle* m_handle = nullptr;
+    std::uint64_t m_offset = 0;
+    Buffer m_buffer; // the chunk that is being read
+};
+
+ContentPool::ContentPool(Repo::Polynomial polynomial, BlobStore store, PoolOptions options)
+    : m_tables(polynomial), m_store(std::move(store)), m_options(std::move(options)),
+      m_zeros(Chunker::MinSize)
+{
+    for (unsigned int i = 0; i < m_options.threads; ++i)
+        m_threads.emplace_back([this] { Work(); });
+}
+
+ContentPool::~ContentPool()
+{
+    {
+        const std::lock_guard guard(m_mutex);
+        m_isEnding = true;
+    }
+    m_change.notify_all();
+    for (std::thread& thread : m_threads)
+        thread.join();
+}
+
+void ContentPool::Add(FileToRead file)
+{
+    Wait([this] { return m_pending < MostFiles; });
+    {
+        const std::lock_guard guard(m_mutex);
+        ++m_pending;
+        m_files.push_back(std::move(file));
+    }
+    m_change.notify_all();
+}
+
+void ContentPool::Finish()
+{
+    Wait([this] { return m_pending == 0; });
+}
+
+void ContentPool::RaiseFailure()
+{
+    if (!m_isEnding)
+        return;
+    const std::lock_guard guard(m_mutex);
+    if (m_failure)
+        std::rethrow_exception(m_failure);
+}
+
+void ContentPool::Wait(const std::function<bool()>& isReached)
+{
+    constexpr std::chrono::milliseconds BetweenReports{100};
+    Lock lock(m_mutex);
+    while (!m_change.wait_for(lock, BetweenReports, [&] { return m_failure || isReached(); })) {
+        lock.unlock();
+        m_options.onWait();
+        lock.lock();
+    }
+    if (m_failure)
+        std::rethrow_exception(m_failure);
+}
+
+void ContentPool::Work()
+{
+    try {
+        std::unique_ptr<Reader> reader;
+        Lock lock(m_mutex);
+        for (;;) {
+            const auto mayRead = [this] {
+                return !m_files.empty() && m_reading < m_options.readers;
+            };
+            ++m_idle;
+            m_change.wait(lock, [&] { return m_isEnding || !m_chunks.empty() || mayRead(); });
+            --m_idle;
+            if (m_isEnding)
+                return;
+            if (!m_chunks.empty()) {
+                const std::unique_ptr<Chunk> chunk = std::move(m_chunks.front());
+                m_chunks.pop_front();
+                lock.unlock();
+                StoreChunk(*chunk);
+            } else {
+                FileToRead file = std::move(m_files.front());
+                m_files.pop_front();
+                ++m_reading;
+                lock.unlock();
+                if (!reader)
+                    reader = std::make_unique<Reader>(*this);
+                reader->Read(file);
+                lock.lock();
+                --m_reading;
+                m_change.notify_all();
+                continue;
+            }
+            lock.lock();
+        }
+    } catch (...) {
+        Fail();
+    }
+}
+
+void ContentPool::Fail()
+{
+    {
+        const std::lock_guard guard(m_mutex);
+        if (!m_failure)
+            m_failure = std::current_exception();
+        m_isEnding = true;
+    }
+    m_change.notify_all();
+}
+
+// Returns false if the other threads have enough to do.
+bool ContentPool::TryOffer(std::unique_ptr<Chunk>& chunk)
+{
+    {
+        const std::lock_guard guard(m_mutex);
+        if (m_chunks.size() >= m_threads.size() || (m_idle == 0 && !m_chunks.empty()))
+            return false;
+        m_chunks.push_back(std::move(chunk));
+    }
+    m_change.notify_all();
+    return true;
+}
+
+void ContentPool::StoreChunk(const Chunk& chunk)
+{
+    const Id id = m_store(BlobType::Data, {chunk.buffer.bytes.get(), chunk.buffer.size});
+    if (chunk.file->End(chunk.index, id))
+        Done(*chunk.file);
+}
+
+void ContentPool::Done(FileState& state)
+{
+    state.Report();
+    {
+        const std::lock_guard guard(m_mutex);
+        --m_pending;
+    }
+    m_change.notify_all();
+}
+
+} // namespace Agent

@@ -1,0 +1,124 @@
+// ContentPool: the threads that read files and store their contents as data blobs. A file that is one chunk
+// is read, hashed, compressed and sealed by one thread. The chunks of a larger file are offered to the other
+// threads. If these are busy, the thread that reads stores the chunk itself, so it never waits for them.
+//
+//   a file:  waiting (m_files) -> read by a thread -> its chunks are stored, in any order -> done
+//   a chunk: being read -> waiting (m_chunks) -> stored
+//   a pool:  working -> ending (Finish, the destructor, or a failure)
+//
+// Invariants:
+//   - A thread takes a chunk first, so chunks do not pile up: there are at most as many as threads in
+//   m_chunks.
+//   - At most m_options.readers threads read.
+//   - A file is done when it was read and all of its chunks are stored, unless the pool failed.
+#pragma once
+
+#include "agent/Repository/BlobSaver.h"
+#include "agent/Repository/Chunker.h"
+
+#include "Backup/File/Unix/YFile.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <sys/stat.h>
+
+namespace Agent {
+
+/// Stores a blob and returns its id. Any thread. Raises what storing raises, which ends the run.
+using BlobStore = std::function<Repo::Id(Repo::BlobType type, Repo::ByteView plaintext)>;
+
+/// The content of a file as it was stored.
+struct StoredContent
+{
+    std::vector<Repo::Id> blobs;
+    std::uint64_t size = 0;  ///< bytes of all blobs
+    struct stat status = {}; ///< of the file, before the content was read
+    bool isChanged = false;  ///< the file changed while it was read
+    std::string failure;     ///< why the file could not be read; then nothing else is set
+};
+
+/// A file to be read.
+struct FileToRead
+{
+    std::unique_ptr<Backup::File::YFile> file; ///< open
+    /// Called once with the outcome by any thread, but not if the pool fails.
+    std::function<void(const StoredContent& content)> onDone;
+};
+
+struct PoolOptions
+{
+    unsigned int threads = 2; ///< at least 1
+    unsigned int readers = 2; ///< threads that read at the same time, at least 1
+    /// Called about 10 times a second while Add or Finish waits. What it raises ends the pool.
+    std::function<void()> onWait = [] {
+    };
+};
+
+class ContentPool
+{
+public:
+    /// Files that are open at the same time, at most.
+    static constexpr std::size_t MostFiles = 128;
+    /// A smaller file that changes while it is read is read again, at most RereadTimes.
+    static constexpr std::uint64_t RereadLimit = 64 << 20;
+    static constexpr int RereadTimes = 3;
+
+    /// What `store` uses outlives the pool.
+    ContentPool(Repo::Polynomial polynomial, BlobStore store, PoolOptions options);
+    /// Without Finish, ends the threads as soon as possible.
+    ~ContentPool();
+    ContentPool(const ContentPool&) = delete;
+    ContentPool& operator=(const ContentPool&) = delete;
+
+    /// Adds a file. Waits while MostFiles are not done. Raises what storing a blob raised on any thread.
+    void Add(FileToRead file);
+    /// Waits until all files are done. Raises what storing a blob raised.
+    void Finish();
+    /// Raises what storing a blob raised.
+    void RaiseFailure();
+
+    /// Bytes that were read so far. Any thread.
+    std::uint64_t GetReadBytes() const { return m_readBytes; }
+
+private:
+    class FileState;
+    struct Chunk;
+    class Reader;
+    using Lock = std::unique_lock<std::mutex>;
+
+    void Work();
+    void Wait(const std::function<bool()>& isReached);
+    void Fail();
+    bool IsEnding() const { return m_isEnding; }
+    bool TryOffer(std::unique_ptr<Chunk>& chunk);
+    void StoreChunk(const Chunk& chunk);
+    void Done(FileState& state);
+
+    const Repo::ChunkerTables m_tables;
+    const BlobStore m_store;
+    const PoolOptions m_options;
+    std::vector<unsigned char> m_zeros; // a chunk of a hole
+    std::atomic<std::uint64_t> m_readBytes{0};
+    std::atomic<bool> m_isEnding{false};
+
+    std::mutex m_mutex; // for all of the following
+    std::condition_variable m_change;
+    std::deque<FileToRead> m_files;
+    std::deque<std::unique_ptr<Chunk>> m_chunks;
+    std::size_t m_pending = 0; // files that are not done
+    unsigned int m_reading = 0;
+    unsigned int m_idle = 0;
+    std::exception_ptr m_failure;
+
+    std::vector<std::thread> m_threads;
+};
+
+} // namespace Agent

@@ -1,0 +1,94 @@
+// DirectoryBuild: a directory whose tree is being made. Its entries are added in any order by any thread, as
+// they are completed. The tree is stored when the directory is closed and all of its entries are complete,
+// and the directory is then added to the one above.
+//
+//   open -> closed by the walk -> complete, when no entry is pending -> added to the directory above
+#pragma once
+
+#include "agent/Backup/ContentPool.h"
+#include "agent/Repository/Node.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+/// Counts files or directories by what became of them since the parent snapshot. Any thread.
+struct ChangeCounts
+{
+    std::atomic<std::uint64_t> isNew{0};
+    std::atomic<std::uint64_t> isChanged{0};
+    std::atomic<std::uint64_t> isUnmodified{0};
+
+    std::uint64_t Total() const { return isNew + isChanged + isUnmodified; }
+};
+
+/// What all directories of a run share. It outlives them.
+struct BuildContext
+{
+    BlobStore store;
+    std::function<void(const std::string& path, const std::string& reason)> onFailed; ///< any thread
+    ChangeCounts directories;
+};
+
+class DirectoryBuild
+{
+public:
+    /// `above` is null for the root of the snapshot, which has no node.
+    DirectoryBuild(BuildContext& context, std::shared_ptr<DirectoryBuild> above, std::string path);
+
+    const std::string& GetPath() const { return m_path; }
+    const std::shared_ptr<DirectoryBuild>& GetAbove() const { return m_above; }
+    /// The directory's own node without its tree, and that of the parent snapshot as JSON text, or "".
+    void SetNode(Repo::Node node, std::string before);
+    /// The directory is stored only if it has an entry. Otherwise it is stored in any case.
+    void SetNeedsEntries() { m_needsEntries = true; }
+    /// Called by the walk. Number of entries that were added, or will be.
+    bool HasEntries() const { return m_hasEntries; }
+
+    /// Announces an entry. A call of Add or Drop follows for each.
+    void Announce();
+    /// Adds an announced entry. Any thread. `directory` is kept alive by the caller.
+    static void Add(std::shared_ptr<DirectoryBuild> directory, const Repo::Node& node);
+    /// Gives an announced entry up. Any thread.
+    static void Drop(std::shared_ptr<DirectoryBuild> directory);
+    /// No further entries will be announced.
+    static void Close(std::shared_ptr<DirectoryBuild> directory) { Drop(std::move(directory)); }
+
+    /// The tree of the root, once it is complete; nothing without entries.
+    std::optional<Repo::Id> GetTree() const;
+
+private:
+    struct Entry
+    {
+        std::string name;
+        std::size_t begin; // of the node in m_text
+        std::size_t size;
+    };
+
+    void Put(const Repo::Node& node);
+    bool Release();
+    bool Complete();
+    std::string MakeTree();
+
+    BuildContext& m_context;
+    const std::shared_ptr<DirectoryBuild> m_above;
+    const std::string m_path;
+    Repo::Node m_node;
+    std::string m_before;
+    std::atomic<bool> m_needsEntries{false};
+    std::atomic<bool> m_hasEntries{false};
+
+    mutable std::mutex m_mutex; // for all of the following
+    std::size_t m_pending = 1;  // entries that were announced, and the walk
+    std::string m_text;         // the nodes that were added
+    std::vector<Entry> m_entries;
+    std::optional<Repo::Id> m_tree;
+};
+
+} // namespace Agent

@@ -1,0 +1,232 @@
+#include "agent/Backup/NodeCapture.h"
+
+#include "agent/Record/NodeRecord.h"
+#include "agent/Repository/Utf8.h"
+
+#include "Backup/File/YUnixFileMetadata.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/File/Unix/Status.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <sys/stat.h>
+#include <utility>
+
+namespace Agent {
+
+using Backup::File::YFile;
+using Backup::File::YUnixFileMetadata;
+using Krt::ErrorCode;
+using Krt::YString;
+using Krt::File::YDirectory;
+using Krt::File::YPath;
+using Repo::Node;
+using Repo::NodeAttribute;
+using Repo::NodeType;
+using Repo::Timestamp;
+
+namespace {
+
+constexpr int MaxLooks = 5;
+
+// Returns true if the status is that of the entry that the library opened, or saw if it opened nothing.
+bool IsSameEntry(const YFile& file, const struct stat& status)
+{
+    // An inode number may have been freed and reused.
+    return file.GetModeFlags() == status.st_mode && file.GetUID() == status.st_uid &&
+           file.GetGID() == status.st_gid &&
+           file.GetLastChangedTime() == static_cast<unsigned long long>(status.st_ctime) &&
+           (!file.IsRegularFile() || file.GetInode() == status.st_ino);
+}
+
+// Opens the entry and returns its whole status, of which the library keeps only a part. Another process may
+// replace the entry between the two calls, so they are repeated until both see the same entry.
+struct stat OpenWhole(YFile& file, const YDirectory& parent, const YString& name, const YPath& path,
+                      const struct stat& known)
+{
+    for (int looks = 1;; ++looks) {
+        try {
+            file.OpenEntry(parent, name, path);
+        } catch (const Krt::Exception::YError& error) {
+            // Opening a regular file fails with these errors if it has been replaced by a symlink, or by a
+            // socket or a missing device.
+            if ((error.GetOsError() != ELOOP && error.GetOsError() != ENXIO) || looks == MaxLooks)
+                throw;
+            continue;
+        }
+        const struct stat status = file.IsRegularFile() ? Krt::File::Stat(file.GetHandle())
+                                   : looks == 1         ? known
+                                                        : parent.Stat(name);
+        if (IsSameEntry(file, status))
+            return status;
+        KRT_RAISE_UNLESS(looks < MaxLooks, ErrorCode::InvalidState,
+                         "The entry was replaced while it was read");
+    }
+}
+
+Timestamp TimeOf(const timespec& time)
+{
+    return Timestamp::Local(time.tv_sec, static_cast<std::uint32_t>(time.tv_nsec));
+}
+
+// The attributes of a record, in the order of the file system, which the record does not keep.
+std::vector<NodeAttribute> AttributesOf(const YUnixFileMetadata& record, const YFile& file)
+{
+    std::vector<NodeAttribute> attributes;
+    const Krt::File::ExtendedAttributeMap map = record.GetExtendedAttributeMap();
+    attributes.reserve(map.size());
+    for (const auto& [name, value] : map) {
+        Repo::Bytes bytes(value.Size());
+        if (!bytes.empty())
+            std::memcpy(bytes.data(), value.RawOffset<unsigned char>(0, value.Size()), bytes.size());
+        attributes.push_back({name.Bytes(), std::move(bytes)});
+    }
+    if (attributes.size() < 2)
+        return attributes;
+    std::map<std::string, std::size_t> places;
+    for (const YString& name : file.ListExtendedAttributes())
+        places.emplace(name.Bytes(), places.size());
+    std::stable_sort(attributes.begin(), attributes.end(),
+                     [&places](const NodeAttribute& a, const NodeAttribute& b) {
+                         return places[a.name] < places[b.name];
+                     });
+    return attributes;
+}
+
+// Moves the attributes whose names are not UTF-8 to the result.
+std::vector<NodeAttribute> TakeOddAttributes(std::vector<NodeAttribute>& attributes)
+{
+    std::vector<NodeAttribute> odd;
+    const auto first =
+        std::stable_partition(attributes.begin(), attributes.end(),
+                              [](const NodeAttribute& attribute) { return Repo::IsUtf8(attribute.name); });
+    odd.assign(std::make_move_iterator(first), std::make_move_iterator(attributes.end()));
+    attributes.erase(first, attributes.end());
+    return odd;
+}
+
+bool HasLinks(NodeType type)
+{
+    return type == NodeType::File || type == NodeType::Symlink || type == NodeType::BlockDevice ||
+           type == NodeType::CharacterDevice;
+}
+
+bool IsDevice(NodeType type)
+{
+    return type == NodeType::BlockDevice || type == NodeType::CharacterDevice;
+}
+
+} // namespace
+
+NodeType NodeTypeOf(unsigned int statMode)
+{
+    switch (statMode & S_IFMT) {
+    case S_IFREG:
+        return NodeType::File;
+    case S_IFDIR:
+        return NodeType::Directory;
+    case S_IFLNK:
+        return NodeType::Symlink;
+    case S_IFBLK:
+        return NodeType::BlockDevice;
+    case S_IFCHR:
+        return NodeType::CharacterDevice;
+    case S_IFIFO:
+        return NodeType::Fifo;
+    case S_IFSOCK:
+        return NodeType::Socket;
+    default:
+        return NodeType::Unknown;
+    }
+}
+
+Timestamp WriteTimeOf(const struct stat& status)
+{
+    return TimeOf(Krt::File::WriteTime(status));
+}
+
+Timestamp ChangeTimeOf(const struct stat& status)
+{
+    return TimeOf(Krt::File::ChangeTime(status));
+}
+
+void SetFileStatus(const struct stat& status, Node& node)
+{
+    node.mtime = WriteTimeOf(status);
+    node.atime = node.mtime; // an access time changes with each backup
+    node.ctime = ChangeTimeOf(status);
+    node.links = HasLinks(node.type) ? status.st_nlink : 0;
+    node.size = node.type == NodeType::File ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
+CapturedEntry NodeCapture::Capture(const YDirectory& parent, const YString& name, const YPath& path,
+                                   const struct stat& status)
+{
+    CapturedEntry entry;
+    entry.file = std::make_unique<YFile>();
+    entry.status = OpenWhole(*entry.file, parent, name, path, status);
+    const auto metadata =
+        Backup::File::YMetadataBase::ConstructFromFile(*entry.file, [&](YPath own, bool mayDescend) {
+            entry.mayEnter = mayDescend;
+            return Backup::YJobPath::FromFilePath(Backup::YJobPath(), std::move(own), mayDescend);
+        });
+    const YUnixFileMetadata& record = metadata->AsUnixFileMetadata();
+    Node& node = entry.node;
+    node.name = name.Bytes();
+    node.type = NodeTypeOf(record.GetModeFlags());
+    FillFromStatus(entry.status, node);
+    node.mode = Repo::MakeNodeMode(record.GetModeFlags());
+    node.uid = record.GetUserId();
+    node.gid = record.GetGroupId();
+    if (node.type == NodeType::Symlink) // a record has only the beginning of a long target
+        node.linkTarget = parent.ReadSymbolicLink(name).Bytes();
+    node.attributes = AttributesOf(record, *entry.file);
+    FillOwnerNames(node, TakeOddAttributes(node.attributes));
+    if (node.type != NodeType::File)
+        entry.file.reset();
+    return entry;
+}
+
+void NodeCapture::Renew(const struct stat& status, Node& node)
+{
+    std::string note;
+    std::vector<NodeAttribute> odd;
+    if (!node.unknown.empty()) {
+        if (auto member = ReadKbagentMember(node, note))
+            odd = std::move(member->attributes);
+    }
+    FillFromStatus(status, node);
+    FillOwnerNames(node, std::move(odd));
+}
+
+void NodeCapture::FillFromStatus(const struct stat& status, Node& node)
+{
+    node.mode = Repo::MakeNodeMode(status.st_mode);
+    node.uid = status.st_uid;
+    node.gid = status.st_gid;
+    node.inode = status.st_ino;
+    node.deviceId = status.st_dev;
+    node.device = IsDevice(node.type) ? status.st_rdev : 0;
+    SetFileStatus(status, node);
+}
+
+void NodeCapture::FillOwnerNames(Node& node, std::vector<NodeAttribute> oddAttributes)
+{
+    KbagentMember member;
+    member.attributes = std::move(oddAttributes);
+    node.user = m_owners.UserOf(node.uid);
+    node.group = m_owners.GroupOf(node.gid);
+    if (!Repo::IsUtf8(node.user))
+        member.user = std::exchange(node.user, {});
+    if (!Repo::IsUtf8(node.group))
+        member.group = std::exchange(node.group, {});
+    node.unknown.clear();
+    node.genericAttributes.clear();
+    node.error.clear();
+    AppendKbagentMember(member, node.unknown);
+}
+
+} // namespace Agent

@@ -1,0 +1,419 @@
+// Backups into repositories: compared with restic 0.14 on the same files, in turns with it, and on entries
+// that change, fail or are missing.
+#include "agent/Access/TreeWalk.h"
+#include "agent/Backup/ContentPool.h"
+#include "agent/Record/NodeRecord.h"
+#include "agent/Repository/LocalBackend.h"
+
+#include "testing/AwkwardNames.h"
+#include "testing/FileSizeLimit.h"
+#include "testing/ProgramFixture.h"
+#include "testing/Tree.h"
+
+#include <boost/json.hpp>
+
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+using namespace Agent;
+using namespace Testing;
+using Repo::BlobType;
+using Repo::FileKind;
+using Repo::Id;
+using Repo::Node;
+namespace fs = std::filesystem;
+namespace json = boost::json;
+
+namespace {
+
+std::string RandomBytes(std::size_t size, unsigned int seed)
+{
+    std::mt19937 random(seed);
+    std::string bytes;
+    std::generate_n(std::back_inserter(bytes), size, [&] { return static_cast<char>(random()); });
+    return bytes;
+}
+
+class RepositoryBackupTest : public ::testing::Test
+{
+protected:
+    RepositoryBackupTest()
+    {
+        Repo::CreateOptions options;
+        options.cost = {16, 1, 1};
+        Repo::Repository::Create(std::make_shared<Repo::LocalBackend>(repository.c_str()),
+                                 Repo::Secret(Repo::AsBytes("secret")), options);
+    }
+
+    ProgramResult Run(int exitCode, std::vector<std::string> arguments, unsigned int user = 0) const
+    {
+        const auto prepare = [this] {
+            fs::current_path(directory.Path());
+            setenv("KBAGENT_REPOSITORY", repository.c_str(), 1);
+            setenv("KBAGENT_PASSWORD", "secret", 1);
+        };
+        ProgramResult result = RunProgram(arguments, {.user = user, .prepare = prepare});
+        EXPECT_EQ(result.exitCode, exitCode) << ::testing::PrintToString(arguments) << "\n"
+                                             << result.output << result.errors;
+        return result;
+    }
+    // The summary of a backup.
+    json::object BackUp(int exitCode, std::vector<std::string> arguments, unsigned int user = 0) const
+    {
+        arguments.insert(arguments.begin(), {"backup", "--json", "-q"});
+        const ProgramResult result = Run(exitCode, arguments, user);
+        return result.output.empty() ? json::object() : json::parse(result.output).as_object();
+    }
+    std::string Restic(const std::string& arguments, int exitCode = 0) const
+    {
+        const std::string command = "cd " + directory.Path() +
+                                    " && HOME=. RESTIC_PASSWORD=secret restic --no-cache -r " + repository +
+                                    " " + arguments + " >output 2>errors";
+        const int status = std::system(command.c_str());
+        EXPECT_EQ(WEXITSTATUS(status), exitCode) << arguments << ReadFile(directory / "errors");
+        return ReadFile(directory / "output");
+    }
+    json::object ResticBackUp(const std::string& arguments) const
+    {
+        const std::string output = Restic("backup --json " + arguments);
+        const std::size_t end = output.find_last_not_of('\n') + 1;
+        const std::size_t begin = output.rfind('\n', end - 1) + 1; // also if there is one line
+        return json::parse(output.substr(begin, end - begin)).as_object();
+    }
+    static bool HasRestic() { return std::system("command -v restic >/dev/null") == 0; }
+
+    Repo::Repository Open() const
+    {
+        Repo::Repository opened = Repo::Repository::Open(
+            std::make_shared<Repo::LocalBackend>(repository.c_str()), Repo::Secret(Repo::AsBytes("secret")));
+        opened.LoadIndex();
+        return opened;
+    }
+    Node Find(const std::string& path, const std::string& snapshot = "latest") const
+    {
+        const Repo::Repository opened = Open();
+        return FindEntry(opened, opened.FindSnapshot(snapshot).snapshot.tree, path).node;
+    }
+    std::string TreeOf(const std::string& path) const { return Find(path).subtree->ToHex(); }
+    std::vector<std::string> PathsOfLatest() const
+    {
+        const Repo::Repository opened = Open();
+        std::vector<std::string> paths;
+        WalkTree(
+            opened, opened.FindSnapshot("latest").snapshot.tree, "",
+            [&](const std::string& path, Node&) {
+                paths.push_back(path);
+                return Step::Into;
+            },
+            [](const std::string& path, const Krt::Exception::YError&) { ADD_FAILURE() << path; });
+        return paths;
+    }
+    std::size_t CountSnapshots() const { return Open().ListIds(FileKind::Snapshot).size(); }
+    // A copy of the latest snapshot that claims to be from the future, so that its entries are trusted,
+    // however new they are.
+    std::string MakeTrustedParent() const
+    {
+        const Repo::Repository opened = Open();
+        Repo::Snapshot snapshot = opened.FindSnapshot("latest").snapshot;
+        snapshot.time.seconds += 1000;
+        snapshot.summary->backupStart.seconds += 1000;
+        return opened.SaveText(FileKind::Snapshot, snapshot.ToJson()).ToHex();
+    }
+
+    const TemporaryDirectory directory;
+    const std::string source = directory.MakeDirectory("s");
+    const std::string repository = directory / "repo";
+};
+
+// Entries that both programs store alike. Version 0.14 of restic loses attributes of symlinks, and bytes of
+// link targets that are not UTF-8.
+void MakeSource(const std::string& source, const TemporaryDirectory& directory)
+{
+    MakeTree(source, {Dir("d"), Dir("d/empty"), File("d/f", "x", 04755), File("f", "f", 0600, -5),
+                      File("zero", ""), Hard("d/hard", "f"), Link("link", "f"), Link("gone", "none"),
+                      Fifo("pipe"), Socket("socket"), File("zeros", std::string(1500000, '\0'))});
+    for (const std::string& name : ShortNames(97))
+        directory.Write("s/names/" + name, name);
+    directory.Write("s/big", RandomBytes(9000000, 1));
+    std::ofstream(source + "/sparse", std::ios::binary).seekp(5000000).put('x');
+    for (const char* name : {"user.z", "user.a", "user.empty"})
+        setxattr((source + "/f").c_str(), name, "value", std::string(name) == "user.empty" ? 0 : 5, 0);
+}
+
+TEST_F(RepositoryBackupTest, BothProgramsContinueEachOther)
+{
+    if (!HasRestic())
+        GTEST_SKIP() << "restic is not installed";
+    MakeSource(source, directory);
+    const json::object first = BackUp(0, {"s"});
+    EXPECT_GT(first.at("data_blobs").as_int64(), 3);
+    const std::string tree = TreeOf(source);
+    // What restic reads is stored already, and both find the snapshot of the other as their parent.
+    EXPECT_EQ(ResticBackUp("--force " + source).at("data_blobs"), 0);
+    EXPECT_EQ(TreeOf(source), tree);
+    EXPECT_EQ(ResticBackUp(source).at("files_unmodified"), first.at("files_new"));
+    const std::string parent = Open().FindSnapshot("latest").id.ToHex();
+    const json::object again = BackUp(0, {source});
+    EXPECT_EQ(again.at("data_blobs"), 0);
+    EXPECT_EQ(again.at("files_unmodified"), first.at("files_new"));
+    EXPECT_EQ(TreeOf(source), tree);
+    EXPECT_EQ(Open().FindSnapshot("latest").snapshot.parent->ToHex(), parent);
+    EXPECT_TRUE(Holds(Restic("check --read-data"), "no errors were found"));
+
+    MakeTree(source, {Link("odd\xFF", "target\xFF")});
+    setxattr((source + "/f").c_str(), "user.\xFF", "v", 1, 0);
+    BackUp(0, {source});
+    EXPECT_EQ(Find(source + "/odd\xFF").linkTarget, "target\xFF");
+    std::string note;
+    const Node node = Find(source + "/f");
+    EXPECT_EQ(ReadKbagentMember(node, note)->attributes.at(0).name, "user.\xFF");
+    EXPECT_EQ(node.attributes.size(), 3u);
+    Restic("check");
+    Restic("restore latest --target out");
+    const std::string restored = directory / "out" + source;
+    for (const char* part : {"/d", "/names"})
+        EXPECT_EQ(DescribeTree(restored + part, {.attributes = false}),
+                  DescribeTree(source + part, {.attributes = false}));
+    EXPECT_TRUE(ReadFile(restored + "/sparse") == ReadFile(source + "/sparse"));
+}
+
+TEST_F(RepositoryBackupTest, RandomTreesAreThoseOfRestic)
+{
+    if (!HasRestic())
+        GTEST_SKIP() << "restic is not installed";
+    const auto seed = static_cast<unsigned int>(time(nullptr));
+    std::mt19937 random(seed);
+    const NameSet awkward = AwkwardNames();
+    const std::vector<std::string> names(awkward.begin(), awkward.end());
+    for (int round = 0; round < 5; ++round) {
+        std::vector<std::string> directories{"s"};
+        for (int i = 0; i < 150; ++i) {
+            const std::string path =
+                directories[random() % directories.size()] + "/" + names[random() % names.size()];
+            if (path.size() > 1500 || fs::exists(fs::symlink_status(directory / path)))
+                continue;
+            if (random() % 4 == 0)
+                directories.push_back((directory.MakeDirectory(path), path));
+            else if (random() % 8 == 0)
+                fs::create_symlink("x" + std::to_string(i), directory / path);
+            else
+                directory.Write(path, RandomBytes(random() % 3000 * (random() % 50 == 0 ? 1000 : 1), i));
+        }
+        BackUp(0, {"s"});
+        const std::string ours = TreeOf(source);
+        EXPECT_EQ(ResticBackUp("--force " + source).at("data_blobs"), 0) << "seed " << seed;
+        EXPECT_EQ(TreeOf(source), ours) << "seed " << seed;
+        fs::remove_all(directory / (directories.back() == "s" ? "s/none" : directories.back()));
+    }
+    EXPECT_TRUE(Holds(Restic("check --read-data"), "no errors were found"));
+}
+
+TEST_F(RepositoryBackupTest, WhatDidNotChangeIsNotRead)
+{
+    MakeTree(source, {Dir("d"), File("d/f", "12"), File("g", "g")});
+    BackUp(0, {"s"});
+    const auto rewrite = [&](const std::string& content) {
+        const struct stat before = StatusOf(source + "/d/f");
+        directory.Write("s/d/f", content);
+        const timespec times[] = {before.st_atim, before.st_mtim};
+        utimensat(AT_FDCWD, (source + "/d/f").c_str(), times, 0);
+    };
+    // Content that changes behind the back of the status shows whether a file was read.
+    rewrite("34");
+    struct
+    {
+        std::vector<std::string> options;
+        bool isRead;
+    } const cases[] = {{{}, true}, // a new change time
+                       {{"--ignore-ctime"}, false},
+                       {{"--ignore-inode"}, false},
+                       {{"--force"}, true}};
+    const std::string oldContent = Find(source + "/d/f").content->at(0).ToHex();
+    const std::string parent = MakeTrustedParent();
+    for (const auto& [options, isRead] : cases) {
+        std::vector<std::string> arguments{"s"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        if (options != std::vector<std::string>{"--force"})
+            arguments.insert(arguments.end(), {"--parent", parent});
+        const json::object summary = BackUp(0, arguments);
+        const Node node = Find(source + "/d/f", std::string(summary.at("snapshot_id").as_string()));
+        EXPECT_EQ(node.content->at(0).ToHex() != oldContent, isRead) << ::testing::PrintToString(options);
+        const timespec changed = StatusOf(source + "/d/f").st_ctim;
+        EXPECT_EQ(node.ctime, Repo::Timestamp::Local(changed.tv_sec, changed.tv_nsec));
+    }
+    // Other metadata is renewed.
+    chmod((source + "/g").c_str(), 0640);
+    const json::object changed = BackUp(0, {"s", "--parent", parent});
+    EXPECT_EQ(changed.at("files_changed"), 2);
+    EXPECT_EQ(Find(source + "/g", std::string(changed.at("snapshot_id").as_string())).mode, 0640u);
+}
+
+TEST_F(RepositoryBackupTest, SeveralPathsAreOneTree)
+{
+    MakeTree(source, {Dir("a", 0700), Dir("a/b"), File("a/b/x", "x"), File("a/b/y", "y"), File("a/c", "c"),
+                      Dir("a-b"), File("a-b/z", "z"), Dir("link-to")});
+    fs::create_directory_symlink("a", source + "/link");
+    const json::object summary =
+        BackUp(3, {"s/a/b/y", "s/a-b/z", "s/none", "s/link/b/x", "s/a/c", "--host", "h", "--tag", "t,u",
+                   "--tag", "v", "--time", "2020-02-29 01:02:03"});
+    const std::vector<std::string> expected{"/a", "/a/b", "/a/b/x", "/a/b/y", "/a/c", "/a-b", "/a-b/z"};
+    std::vector<std::string> stored;
+    for (const std::string& path : PathsOfLatest())
+        if (path.size() > source.size() && path.starts_with(source))
+            stored.push_back(path.substr(source.size()));
+    EXPECT_EQ(stored, expected);
+    EXPECT_EQ(Find(source + "/a").mode, Repo::MakeNodeMode(040700));
+    const Repo::Snapshot snapshot = Open().FindSnapshot("latest").snapshot;
+    EXPECT_EQ(snapshot.paths, (std::vector<std::string>{source + "/a/b/y", source + "/a-b/z",
+                                                        source + "/a/b/x", source + "/a/c"}));
+    EXPECT_EQ(snapshot.hostname, "h");
+    EXPECT_EQ(snapshot.tags, (std::vector<std::string>{"t", "u", "v"}));
+    EXPECT_TRUE(snapshot.time.ToText().starts_with("2020-02-29T01:02:03")) << snapshot.time.ToText();
+    EXPECT_EQ(snapshot.summary->filesNew, 4u);
+    EXPECT_EQ(summary.at("files_new"), 4);
+
+    // Paths in a directory that is stored already, and in one that the rules of a job only go through.
+    BackUp(0, {"s"});
+    const std::vector<std::string> whole = PathsOfLatest();
+    BackUp(0, {"s/a/b/x", "s", "s/a/b"});
+    EXPECT_EQ(PathsOfLatest(), whole);
+    const std::string rule = R"({"path":")" + source + R"(","descriptor":{"descriptor":{"pattern":")";
+    const std::string tail = R"(","match_type":"exact","case_sensitive":true},"selection_type":)";
+    const std::string ends =
+        R"("recursion_type":"recursive","report_exclude":true,"explicit_selection":false}})";
+    const std::string job =
+        directory.Write("job", R"({"includes":[)" + rule + "c" + tail + R"("include",)" + ends +
+                                   R"(],"excludes":[)" + rule + "y" + tail + R"("exclude",)" + ends + "]}");
+    BackUp(0, {"--job", job});
+    EXPECT_EQ(PathsOfLatest().back(), source + "/a/c");
+    EXPECT_EQ(json::parse(Run(0, {"show", "latest", "--json"}).output), json::parse(ReadFile(job)));
+    BackUp(0, {"--job", job, "s/a/b"});
+    const std::vector<std::string> paths = PathsOfLatest();
+    EXPECT_EQ(std::vector<std::string>(paths.end() - 3, paths.end()),
+              (std::vector<std::string>{source + "/a/b", source + "/a/b/x", source + "/a/c"}));
+}
+
+TEST_F(RepositoryBackupTest, WhatFailsIsReported)
+{
+    MakeTree(source, {Dir("d"), File("d/f", "x"), File("f", "f"), File("secret", "s"), Socket("socket")});
+    BackUp(1, {"none"});
+    BackUp(1, {"s/socket"});
+    EXPECT_EQ(CountSnapshots(), 0u);
+    for (const std::vector<std::string>& usage : {std::vector<std::string>{"s", "--force", "--parent", "x"},
+                                                  {"s", "--compression", "fast"},
+                                                  {"s", "--pack-size", "3"},
+                                                  {"s", "--time", "2020-02-30 00:00:00"},
+                                                  {"s", "--read-concurrency", "0"}})
+        BackUp(2, usage);
+    if (geteuid() == 0) {
+        chmod((source + "/secret").c_str(), 0);
+        chmod((source + "/d").c_str(), 0);
+        chmod(directory.Path().c_str(), 0755);
+        ASSERT_EQ(std::system(("chmod -R a+rwX " + repository + " && chown -R " +
+                               std::to_string(OrdinaryUser) + " " + repository)
+                                  .c_str()),
+                  0);
+        const ProgramResult result =
+            Run(3, {"backup", "--json", "--read-concurrency", "1", source}, OrdinaryUser);
+        EXPECT_TRUE(Holds(result.errors, R"("item":")" + source + R"(/secret")"));
+        EXPECT_EQ(PathsOfLatest().back(), source + "/f");
+    }
+    const std::size_t before = CountSnapshots();
+    directory.Write("s/big", RandomBytes(20 << 20, 3));
+    {
+        const FileSizeLimit limit(1 << 20);
+        const ProgramResult result = Run(1, {"backup", "-q", "s"});
+        EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1) << result.errors;
+    }
+    EXPECT_EQ(CountSnapshots(), before);
+    Run(0, {"check", "--read-data"});
+    EXPECT_EQ(BackUp(0, {"s", "--dry-run"}).at("data_added").as_int64() > (20 << 20), true);
+    EXPECT_EQ(CountSnapshots(), before);
+}
+
+// Files that a pool stores in memory.
+class ContentPoolTest : public ::testing::Test
+{
+protected:
+    StoredContent Store(const std::string& path)
+    {
+        StoredContent result;
+        ContentPool pool(
+            polynomial,
+            [this](BlobType, Repo::ByteView bytes) {
+                const Id id = Id::Of(bytes);
+                const std::lock_guard guard(mutex);
+                blobs[id] = Repo::AsText(bytes);
+                if (onStore)
+                    onStore();
+                return id;
+            },
+            PoolOptions{.threads = 4, .readers = 2});
+        auto file = std::make_unique<Backup::File::YFile>(Backup::File::YFile::OPEN_MODE_READ, path.c_str(),
+                                                          Backup::File::YFile::OPT_NONE);
+        pool.Add({std::move(file), [&result](const StoredContent& content) {
+                      result = content;
+                  }});
+        pool.Finish();
+        return result;
+    }
+    std::string ContentOf(const StoredContent& stored)
+    {
+        std::string content;
+        for (const Id& id : stored.blobs)
+            content += blobs[id];
+        return content;
+    }
+
+    const TemporaryDirectory directory;
+    const Repo::Polynomial polynomial = Repo::Config::Random().polynomial;
+    std::mutex mutex;
+    std::map<Id, std::string> blobs;
+    std::function<void()> onStore;
+};
+
+TEST_F(ContentPoolTest, ChunksAreInOrderAndHolesAreCutAsZeros)
+{
+    const std::string path = directory.Write("f", RandomBytes(20000000, 5));
+    // Data, a hole that begins within a chunk, data, and a hole at the end.
+    ASSERT_EQ(truncate(path.c_str(), 30000000), 0);
+    std::fstream(path, std::ios::in | std::ios::out | std::ios::binary).seekp(26000000).put('x');
+    const StoredContent holes = Store(path);
+    const std::string content = ReadFile(path);
+    EXPECT_TRUE(ContentOf(holes) == content);
+    EXPECT_EQ(holes.size, content.size());
+    EXPECT_FALSE(holes.isChanged);
+    EXPECT_EQ(Store(directory.Write("g", content)).blobs, holes.blobs); // without holes
+    EXPECT_TRUE(Store(directory.Write("empty", "")).blobs.empty());
+}
+
+TEST_F(ContentPoolTest, FilesThatChangeAreReadAgain)
+{
+    const std::string path = directory.Write("f", "first");
+    int changes = 0;
+    int most = 1;
+    onStore = [&] {
+        if (changes < most)
+            directory.Write("f", "change " + std::to_string(++changes));
+    };
+    StoredContent stored = Store(path);
+    EXPECT_EQ(ContentOf(stored), "change 1");
+    EXPECT_FALSE(stored.isChanged);
+    changes = 0;
+    most = 100;
+    stored = Store(path);
+    EXPECT_EQ(changes, 1 + ContentPool::RereadTimes);
+    EXPECT_TRUE(stored.isChanged);
+    EXPECT_EQ(stored.size, ContentOf(stored).size());
+    onStore = [] {
+        throw std::runtime_error("full");
+    };
+    EXPECT_THROW(Store(path), std::runtime_error);
+}
+
+} // namespace
