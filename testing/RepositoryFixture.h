@@ -22,7 +22,29 @@ inline std::vector<std::string> Words(const std::string& text)
     return {std::istream_iterator<std::string>(in), {}};
 }
 
-/// A directory with the place of a repository, which is empty at first.
+/// Creates a repository with one key, by a derivation that takes no time.
+inline Agent::Repo::Repository CreateRepository(const std::string& location, const std::string& password,
+                                                std::uint32_t version = 2)
+{
+    Agent::Repo::CreateOptions options;
+    options.version = version;
+    options.cost = {16, 1, 1};
+    return Agent::Repo::Repository::Create(std::make_shared<Agent::Repo::LocalBackend>(location.c_str()),
+                                           Agent::Repo::Secret(Agent::Repo::AsBytes(password)), options);
+}
+
+/// The files below a directory, sorted.
+inline std::vector<std::filesystem::path> FilesBelow(const std::string& directory)
+{
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(directory))
+        if (entry.is_regular_file())
+            files.push_back(entry.path());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+/// A directory with the location of a repository, which is empty at first.
 class RepositoryFixture : public ::testing::Test
 {
 protected:
@@ -57,32 +79,21 @@ protected:
     /// Run with the words of a text.
     ProgramResult Run(int exitCode, const std::string& words) const { return Run(exitCode, Words(words)); }
 
-    /// Creates the repository with one key, by a derivation that takes no time.
     Agent::Repo::Repository Create(std::uint32_t version = 2) const
     {
-        Agent::Repo::CreateOptions options;
-        options.version = version;
-        options.cost = {16, 1, 1};
-        return Agent::Repo::Repository::Create(
-            std::make_shared<Agent::Repo::LocalBackend>(repository.c_str()),
-            Agent::Repo::Secret(Agent::Repo::AsBytes(password)), options);
+        return CreateRepository(repository, password, version);
     }
     /// The files below a directory of the repository, sorted.
     std::vector<std::filesystem::path> Files(const std::string& part) const
     {
-        std::vector<std::filesystem::path> files;
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(repository + "/" + part))
-            if (entry.is_regular_file())
-                files.push_back(entry.path());
-        std::sort(files.begin(), files.end());
-        return files;
+        return FilesBelow(repository + "/" + part);
     }
 
     /// Returns true if restic is installed.
     static bool HasRestic() { return std::system("command -v restic >/dev/null") == 0; }
 
     const TemporaryDirectory directory;                ///< for anything
-    const std::string repository = directory / "repo"; ///< the place
+    const std::string repository = directory / "repo"; ///< the location
     std::string password = "secret";                   ///< of the repository
 };
 

@@ -3,11 +3,10 @@
 #include "agent/Access/TreeWalk.h"
 #include "agent/Backup/ContentPool.h"
 #include "agent/Record/NodeRecord.h"
-#include "agent/Repository/LocalBackend.h"
 
 #include "testing/AwkwardNames.h"
 #include "testing/FileSizeLimit.h"
-#include "testing/ProgramFixture.h"
+#include "testing/RepositoryFixture.h"
 #include "testing/Tree.h"
 
 #include <boost/json.hpp>
@@ -16,7 +15,6 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -39,44 +37,17 @@ std::string RandomBytes(std::size_t size, unsigned int seed)
     return bytes;
 }
 
-class RepositoryBackupTest : public ::testing::Test
+class RepositoryBackupTest : public RepositoryFixture
 {
 protected:
-    RepositoryBackupTest()
-    {
-        Repo::CreateOptions options;
-        options.cost = {16, 1, 1};
-        Repo::Repository::Create(std::make_shared<Repo::LocalBackend>(repository.c_str()),
-                                 Repo::Secret(Repo::AsBytes("secret")), options);
-    }
+    RepositoryBackupTest() { Create(); }
 
-    ProgramResult Run(int exitCode, std::vector<std::string> arguments, unsigned int user = 0) const
-    {
-        const auto prepare = [this] {
-            fs::current_path(directory.Path());
-            setenv("KBAGENT_REPOSITORY", repository.c_str(), 1);
-            setenv("KBAGENT_PASSWORD", "secret", 1);
-        };
-        ProgramResult result = RunProgram(arguments, {.user = user, .prepare = prepare});
-        EXPECT_EQ(result.exitCode, exitCode) << ::testing::PrintToString(arguments) << "\n"
-                                             << result.output << result.errors;
-        return result;
-    }
     // The summary of a backup.
     json::object BackUp(int exitCode, std::vector<std::string> arguments, unsigned int user = 0) const
     {
         arguments.insert(arguments.begin(), {"backup", "--json", "-q"});
         const ProgramResult result = Run(exitCode, arguments, user);
         return result.output.empty() ? json::object() : json::parse(result.output).as_object();
-    }
-    std::string Restic(const std::string& arguments, int exitCode = 0) const
-    {
-        const std::string command = "cd " + directory.Path() +
-                                    " && HOME=. RESTIC_PASSWORD=secret restic --no-cache -r " + repository +
-                                    " " + arguments + " >output 2>errors";
-        const int status = std::system(command.c_str());
-        EXPECT_EQ(WEXITSTATUS(status), exitCode) << arguments << ReadFile(directory / "errors");
-        return ReadFile(directory / "output");
     }
     json::object ResticBackUp(const std::string& arguments) const
     {
@@ -85,8 +56,6 @@ protected:
         const std::size_t begin = output.rfind('\n', end - 1) + 1; // also if there is one line
         return json::parse(output.substr(begin, end - begin)).as_object();
     }
-    static bool HasRestic() { return std::system("command -v restic >/dev/null") == 0; }
-
     Repo::Repository Open() const
     {
         Repo::Repository opened = Repo::Repository::Open(
@@ -125,9 +94,7 @@ protected:
         return opened.SaveText(FileKind::Snapshot, snapshot.ToJson()).ToHex();
     }
 
-    const TemporaryDirectory directory;
     const std::string source = directory.MakeDirectory("s");
-    const std::string repository = directory / "repo";
 };
 
 // Entries that both programs store alike. Version 0.14 of restic loses attributes of symlinks, and bytes of

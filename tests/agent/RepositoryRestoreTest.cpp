@@ -9,6 +9,7 @@
 
 #include "testing/AccessList.h"
 #include "testing/AwkwardNames.h"
+#include "testing/RepositoryFixture.h"
 #include "testing/RestoreFixture.h"
 
 #include <cstdlib>
@@ -47,11 +48,7 @@ protected:
     Repo::Repository Create(std::uint32_t version = 2) const
     {
         fs::remove_all(repository);
-        Repo::CreateOptions options;
-        options.version = version;
-        options.cost = {16, 1, 1};
-        return Repo::Repository::Create(std::make_shared<Repo::LocalBackend>(repository.c_str()),
-                                        Repo::Secret(Repo::AsBytes("secret")), options);
+        return CreateRepository(repository, "secret", version);
     }
     void BackUp(std::uint32_t version = 2) const
     {
@@ -120,15 +117,7 @@ protected:
         fs::remove_all(target);
         fs::create_directory(target);
     }
-    std::vector<fs::path> Files(const std::string& part) const
-    {
-        std::vector<fs::path> files;
-        for (const auto& entry : fs::recursive_directory_iterator(repository + "/" + part))
-            if (entry.is_regular_file())
-                files.push_back(entry.path());
-        std::sort(files.begin(), files.end());
-        return files;
-    }
+    std::vector<fs::path> Files(const std::string& part) const { return FilesBelow(repository + "/" + part); }
     // A repository with a snapshot whose root is the last of the trees. Each text is made from the id before.
     void SaveTrees(const std::vector<std::function<std::string(const std::string& id)>>& trees) const
     {

@@ -23,7 +23,7 @@ namespace json = boost::json;
 
 namespace {
 
-class Writing : public RepositoryFixture
+class RepositoryWriting : public RepositoryFixture
 {
 protected:
     // An empty snapshot of a host; returns its id.
@@ -57,7 +57,7 @@ protected:
     }
 };
 
-TEST_F(Writing, ANewRepositoryIsOneOfRestic)
+TEST_F(RepositoryWriting, NewRepositoryIsReadByRestic)
 {
     if (!HasRestic())
         GTEST_SKIP() << "restic is not installed";
@@ -98,7 +98,7 @@ TEST_F(Writing, ANewRepositoryIsOneOfRestic)
     Restic("check --read-data");
 }
 
-TEST_F(Writing, ChunksAreCutAsInTheSource)
+TEST_F(RepositoryWriting, ChunksAreCutAsInSource)
 {
     Run(0, "init");
     EXPECT_TRUE(Holds(Run(1, "init").errors, "already a repository"));
@@ -120,7 +120,7 @@ TEST_F(Writing, ChunksAreCutAsInTheSource)
     EXPECT_TRUE(Holds(Run(1, "init").errors, "without a configuration"));
 }
 
-TEST_F(Writing, AnEmptyPasswordIsAskedForByName)
+TEST_F(RepositoryWriting, EmptyPasswordNeedsItsOption)
 {
     const auto run = [&](int exitCode, const std::string& words) {
         return Run(exitCode, Words(words), 0, {"KBAGENT_PASSWORD="});
@@ -141,7 +141,7 @@ TEST_F(Writing, AnEmptyPasswordIsAskedForByName)
     EXPECT_EQ(Files("keys").size(), 1u);
 }
 
-TEST_F(Writing, TheLastKeyStays)
+TEST_F(RepositoryWriting, LastKeyStays)
 {
     Repo::Repository opened = Create();
     const Id first = opened.GetKeyId();
@@ -163,7 +163,7 @@ TEST_F(Writing, TheLastKeyStays)
     EXPECT_EQ(Files("keys").size(), 1u);
 }
 
-TEST_F(Writing, OnlyLocksOfDeadProcessesAreRemoved)
+TEST_F(RepositoryWriting, OnlyLocksOfDeadProcessesAreRemoved)
 {
     const Repo::Repository opened = Create();
     char host[256];
@@ -186,7 +186,7 @@ TEST_F(Writing, OnlyLocksOfDeadProcessesAreRemoved)
     EXPECT_TRUE(Files("locks").empty());
 }
 
-TEST_F(Writing, ALockIsRequiredAndKept)
+TEST_F(RepositoryWriting, LockIsRequiredAndKept)
 {
     const Repo::Repository opened = Create();
     const Id snapshot = SaveSnapshot(opened, "a", {});
@@ -216,7 +216,7 @@ TEST_F(Writing, ALockIsRequiredAndKept)
     EXPECT_EQ(IsInterrupted(), before);
 }
 
-TEST_F(Writing, TagsChangeOnlyWhatIsChosen)
+TEST_F(RepositoryWriting, TagsChangeOnlyWhatIsChosen)
 {
     const Repo::Repository opened = Create();
     const Id a = SaveSnapshot(opened, "a", {"x", "y"});
@@ -238,7 +238,7 @@ TEST_F(Writing, TagsChangeOnlyWhatIsChosen)
     Run(3, "tag --add q 0123456789");
 }
 
-TEST_F(Writing, VersionOneIsUpgradedBeforeItIsWritten)
+TEST_F(RepositoryWriting, VersionOneIsUpgradedBeforeItIsWritten)
 {
     const bool hasRestic = HasRestic();
     const Repo::Repository opened = Create(1);

@@ -57,7 +57,7 @@ std::vector<std::size_t> Lengths(const ChunkerTables& tables, std::string_view c
     return lengths;
 }
 
-TEST(Chunker, CutsWhereResticDoes)
+TEST(Chunker, CutsEqualThoseOfRestic)
 {
     std::string text;
     while (text.size() < 8 << 20)
@@ -167,7 +167,7 @@ int SaveOnThreads(BlobSaver& saver, std::atomic<int>& failures)
 class EachCompression : public BlobSaverTest, public ::testing::WithParamInterface<Compression>
 {};
 
-TEST_P(EachCompression, StoresEachBlobOnceFromAllThreads)
+TEST_P(EachCompression, BlobsOfAllThreadsAreStoredOnce)
 {
     options.compression = GetParam();
     std::atomic<int> failures{0};
@@ -212,7 +212,7 @@ TEST_P(EachCompression, StoresEachBlobOnceFromAllThreads)
 INSTANTIATE_TEST_SUITE_P(BlobSaver, EachCompression,
                          ::testing::Values(Compression::Auto, Compression::Off, Compression::Max));
 
-TEST_F(BlobSaverTest, WritesNothingAfterAFailure)
+TEST_F(BlobSaverTest, FailureEndsWriting)
 {
     disk->packsLeft = 3;
     BlobSaver saver(repository, options);
@@ -230,7 +230,7 @@ TEST_F(BlobSaverTest, WritesNothingAfterAFailure)
     EXPECT_LE(repository.ListIds(FileKind::Pack).size(), 3u);
 }
 
-TEST_F(BlobSaverTest, EndsWhenACallerThatWaitsIsToEnd)
+TEST_F(BlobSaverTest, InterruptedWaitEndsSaving)
 {
     disk->timeOfPack = std::chrono::milliseconds(500);
     options.onWait = [] {
