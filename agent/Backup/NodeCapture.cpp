@@ -86,12 +86,12 @@ std::vector<NodeAttribute> AttributesOf(const YUnixFileMetadata& record, const Y
     }
     if (attributes.size() < 2)
         return attributes;
-    std::map<std::string, std::size_t> places;
+    std::map<std::string, std::size_t> positions;
     for (const YString& name : file.ListExtendedAttributes())
-        places.emplace(name.Bytes(), places.size());
+        positions.emplace(name.Bytes(), positions.size());
     std::stable_sort(attributes.begin(), attributes.end(),
-                     [&places](const NodeAttribute& a, const NodeAttribute& b) {
-                         return places[a.name] < places[b.name];
+                     [&positions](const NodeAttribute& a, const NodeAttribute& b) {
+                         return positions[a.name] < positions[b.name];
                      });
     return attributes;
 }

@@ -26,7 +26,7 @@ namespace {
 
 constexpr std::chrono::milliseconds BetweenTicks{100};
 constexpr std::int64_t CoarsestClock = 2; // seconds between two times that a file system tells apart
-constexpr std::string_view Replacement = "\xEF\xBF\xBD"; // stands for bytes that are not UTF-8
+constexpr std::string_view Replacement = "\xEF\xBF\xBD"; // in place of bytes that are not UTF-8
 
 // Times from this one on may hide a change that came after the parent was made. Its own time may have been
 // chosen by the user.
@@ -60,7 +60,7 @@ YPath PathOf(const std::string& path)
 
 } // namespace
 
-struct SnapshotRun::Level
+struct SnapshotRun::VisitedDirectory
 {
     std::shared_ptr<DirectoryBuild> build;
     std::unique_ptr<ParentTree> before;
@@ -100,10 +100,10 @@ SnapshotRun::SnapshotRun(const Repo::Repository& repository, Repo::BlobSaver& sa
         Post(path, reason, true);
     };
     m_root = std::make_shared<DirectoryBuild>(m_context, nullptr, "");
-    m_levels.push_back({m_root, nullptr});
+    m_visited.push_back({m_root, nullptr});
     if (m_options.parent) {
         try {
-            m_levels.back().before = std::make_unique<ParentTree>(m_repository, m_options.parent->tree);
+            m_visited.back().before = std::make_unique<ParentTree>(m_repository, m_options.parent->tree);
         } catch (const Repo::RepositoryError& error) {
             m_report.Note("Warning: the parent can't be used: " + ReasonOf(error));
         }
@@ -123,12 +123,12 @@ bool SnapshotRun::OnSelected(const WalkedEntry& entry)
         ++m_sockets;
         return false;
     }
-    Level& level = LevelOf(DirectoryOf(entry.path.Bytes()));
-    Node* const before = FindBefore(level, entry.name.Bytes());
+    VisitedDirectory& visited = VisitDirectory(DirectoryOf(entry.path.Bytes()));
+    Node* const before = FindBefore(visited, entry.name.Bytes());
     if (before != nullptr && IsNodeUnchanged(*before, status)) {
         if (before->type == NodeType::File) {
             m_capture.Renew(status, *before);
-            AddUnmodified(level, status, *before);
+            AddUnmodified(visited, status, *before);
             return false;
         }
         Node node = *before;
@@ -146,13 +146,13 @@ bool SnapshotRun::OnSelected(const WalkedEntry& entry)
         Push(std::move(captured.node), before, false);
     } else if (captured.node.type != NodeType::File) {
         ++m_others;
-        level.build->Announce();
-        DirectoryBuild::Add(level.build, captured.node);
+        visited.build->Announce();
+        DirectoryBuild::Add(visited.build, captured.node);
     } else if (before != nullptr && IsContentUnchanged(*before, captured.status)) {
         captured.node.content = before->content;
-        AddUnmodified(level, captured.status, captured.node);
+        AddUnmodified(visited, captured.status, captured.node);
     } else {
-        AddFile(level, std::move(captured), before);
+        AddFile(visited, std::move(captured), before);
     }
     return mayEnter;
 }
@@ -195,22 +195,22 @@ bool SnapshotRun::IsNodeUnchanged(const Node& before, const struct stat& status)
     return S_ISDIR(status.st_mode) || IsContentUnchanged(before, status);
 }
 
-void SnapshotRun::AddUnmodified(Level& level, const struct stat& status, const Node& node)
+void SnapshotRun::AddUnmodified(VisitedDirectory& visited, const struct stat& status, const Node& node)
 {
     if (LinkedContents::MayHave(status))
         m_links.Forget(status);
     m_bytes += node.size;
     m_unreadBytes += node.size;
     ++m_files.isUnmodified;
-    level.build->Announce();
-    DirectoryBuild::Add(level.build, node);
+    visited.build->Announce();
+    DirectoryBuild::Add(visited.build, node);
 }
 
-void SnapshotRun::AddFile(Level& level, CapturedEntry captured, const Node* before)
+void SnapshotRun::AddFile(VisitedDirectory& visited, CapturedEntry captured, const Node* before)
 {
-    level.build->Announce();
+    visited.build->Announce();
     LinkedContents::Completion onDone =
-        [this, directory = level.build, node = std::move(captured.node),
+        [this, directory = visited.build, node = std::move(captured.node),
          beforeText = before == nullptr ? "" : TextOf(*before)](const StoredContent& content) mutable {
             FileDone(directory, node, beforeText, content);
         };
@@ -242,31 +242,31 @@ void SnapshotRun::FileDone(const std::shared_ptr<DirectoryBuild>& directory, Nod
     DirectoryBuild::Add(directory, node);
 }
 
-SnapshotRun::Level& SnapshotRun::LevelOf(const std::string& directory)
+SnapshotRun::VisitedDirectory& SnapshotRun::VisitDirectory(const std::string& directory)
 {
-    const auto isOnWay = [&directory](const std::string& path) {
+    const auto isAbove = [&directory](const std::string& path) {
         return directory.starts_with(path) &&
                (directory.size() == path.size() || directory[path.size()] == '/');
     };
-    while (!isOnWay(m_levels.back().build->GetPath()))
+    while (!isAbove(m_visited.back().build->GetPath()))
         Pop();
     for (;;) {
-        const std::size_t done = m_levels.back().build->GetPath().size();
+        const std::size_t done = m_visited.back().build->GetPath().size();
         if (done == directory.size())
-            return m_levels.back();
+            return m_visited.back();
         const std::size_t end = std::min(directory.find('/', done + 1), directory.size());
-        EnterWay(directory.substr(done + 1, end - done - 1));
+        EnterUnselected(directory.substr(done + 1, end - done - 1));
     }
 }
 
 // Enters a directory that leads to a selected entry, and is not selected itself.
-void SnapshotRun::EnterWay(const std::string& name)
+void SnapshotRun::EnterUnselected(const std::string& name)
 {
-    Level& level = m_levels.back();
-    std::string path = level.build->GetPath() + "/" + name;
-    struct stat status = YDirectory::OpenToSearch(PathOf(level.build->GetPath())).Stat(YString(name));
+    VisitedDirectory& visited = m_visited.back();
+    std::string path = visited.build->GetPath() + "/" + name;
+    struct stat status = YDirectory::OpenToSearch(PathOf(visited.build->GetPath())).Stat(YString(name));
     if (S_ISLNK(status.st_mode)) {
-        // What a symlink on the way leads to has the metadata of the directory.
+        // What a symlink on the path leads to has the metadata of the directory.
         std::error_code error;
         path = std::filesystem::canonical(path, error).string();
         if (error)
@@ -279,49 +279,49 @@ void SnapshotRun::EnterWay(const std::string& name)
                      YString(path) << " is not a directory");
     CapturedEntry captured = m_capture.Capture(parent, realName, PathOf(path), status);
     captured.node.name = name;
-    Push(std::move(captured.node), FindBefore(level, name), true);
+    Push(std::move(captured.node), FindBefore(visited, name), true);
 }
 
 void SnapshotRun::Push(Node node, const Node* before, bool needsEntries)
 {
-    Level& above = m_levels.back();
-    Level level;
-    level.build =
+    VisitedDirectory& above = m_visited.back();
+    VisitedDirectory visited;
+    visited.build =
         std::make_shared<DirectoryBuild>(m_context, above.build, above.build->GetPath() + "/" + node.name);
     if (needsEntries)
-        level.build->SetNeedsEntries();
+        visited.build->SetNeedsEntries();
     const bool isBefore = before != nullptr && before->type == NodeType::Directory && before->subtree;
     if (isBefore) {
         try {
-            level.before = std::make_unique<ParentTree>(m_repository, *before->subtree);
+            visited.before = std::make_unique<ParentTree>(m_repository, *before->subtree);
         } catch (const Repo::RepositoryError& error) {
             RaiseIfInterrupted();
-            Post(level.build->GetPath(),
+            Post(visited.build->GetPath(),
                  "Warning: the parent's tree can't be used: " + ReasonOf(error).Bytes(), false);
         }
     }
-    level.build->SetNode(std::move(node), before == nullptr ? "" : TextOf(*before));
+    visited.build->SetNode(std::move(node), before == nullptr ? "" : TextOf(*before));
     above.build->Announce();
-    m_levels.push_back(std::move(level));
+    m_visited.push_back(std::move(visited));
 }
 
 void SnapshotRun::Pop()
 {
-    const std::shared_ptr<DirectoryBuild> build = std::move(m_levels.back().build);
-    m_levels.pop_back();
+    const std::shared_ptr<DirectoryBuild> build = std::move(m_visited.back().build);
+    m_visited.pop_back();
     DirectoryBuild::Close(build);
 }
 
-Node* SnapshotRun::FindBefore(Level& level, const std::string& name)
+Node* SnapshotRun::FindBefore(VisitedDirectory& visited, const std::string& name)
 {
-    if (!level.before)
+    if (!visited.before)
         return nullptr;
     try {
-        return level.before->Find(name);
+        return visited.before->Find(name);
     } catch (const Repo::RepositoryError& error) {
-        Post(level.build->GetPath(), "Warning: the parent's tree can't be used: " + ReasonOf(error).Bytes(),
+        Post(visited.build->GetPath(), "Warning: the parent's tree can't be used: " + ReasonOf(error).Bytes(),
              false);
-        level.before.reset();
+        visited.before.reset();
         return nullptr;
     }
 }
@@ -334,7 +334,7 @@ std::optional<Id> SnapshotRun::Finish()
             std::rethrow_exception(m_failure);
     }
     RaiseIfInterrupted();
-    while (!m_levels.empty())
+    while (!m_visited.empty())
         Pop();
     m_pool.Finish();
     ReportMessages();
@@ -460,7 +460,7 @@ void SnapshotRun::OnFailed(const YPath& path, const YString& reason)
         return;
     ReportMessages();
     m_report.EntryFailed(path, reason);
-    DirectoryBuild& directory = *m_levels.back().build;
+    DirectoryBuild& directory = *m_visited.back().build;
     if (directory.GetPath() == path.Bytes() && !directory.HasEntries())
         directory.SetNeedsEntries(); // it could not be listed
 }

@@ -81,7 +81,7 @@ public:
     SnapshotCounts GetProgress() const;
 
 private:
-    struct Level; // a directory on the way to the current entry
+    struct VisitedDirectory; // a directory on the path to the current entry
     struct Message
     {
         std::string path;
@@ -98,18 +98,17 @@ private:
     Repo::Id StoreBlob(Repo::BlobType type, Repo::ByteView plaintext);
     Repo::Id CountBlob(const Repo::BlobHandle& handle, std::size_t size);
 
-    Level& LevelOf(const std::string& directory);
-    void EnterWay(const std::string& name);
+    VisitedDirectory& VisitDirectory(const std::string& directory);
+    void EnterUnselected(const std::string& name);
     void Push(Repo::Node node, const Repo::Node* before, bool needsEntries);
     void Pop();
-    Repo::Node* FindBefore(Level& level, const std::string& name);
+    Repo::Node* FindBefore(VisitedDirectory& visited, const std::string& name);
 
     bool IsTrusted(const Repo::Node& before, const struct stat& status) const;
     bool IsContentUnchanged(const Repo::Node& before, const struct stat& status) const;
     bool IsNodeUnchanged(const Repo::Node& before, const struct stat& status) const;
-    bool Take(Level& level, const WalkedEntry& entry);
-    void AddUnmodified(Level& level, const struct stat& status, const Repo::Node& node);
-    void AddFile(Level& level, CapturedEntry captured, const Repo::Node* before);
+    void AddUnmodified(VisitedDirectory& visited, const struct stat& status, const Repo::Node& node);
+    void AddFile(VisitedDirectory& visited, CapturedEntry captured, const Repo::Node* before);
     void FileDone(const std::shared_ptr<DirectoryBuild>& directory, Repo::Node& node,
                   const std::string& before, const StoredContent& content);
 
@@ -137,8 +136,8 @@ private:
 
     BuildContext m_context;
     std::shared_ptr<DirectoryBuild> m_root;
-    std::list<Level> m_levels; // from the root to the directory of the current entry
-    ContentPool m_pool;        // last, so that its threads end before what they use
+    std::list<VisitedDirectory> m_visited; // from the root to the directory of the current entry
+    ContentPool m_pool;                    // last, so that its threads end before what they use
 };
 
 } // namespace Agent

@@ -28,20 +28,20 @@ std::string LookUp(Call call, char* Entry::*name)
 
 const std::string& Owners::UserOf(std::uint32_t id)
 {
-    const auto [place, isNew] = m_users.try_emplace(id);
+    const auto [found, isNew] = m_users.try_emplace(id);
     if (isNew)
-        place->second = LookUp<passwd>([id](auto... arguments) { return getpwuid_r(id, arguments...); },
+        found->second = LookUp<passwd>([id](auto... arguments) { return getpwuid_r(id, arguments...); },
                                        &passwd::pw_name);
-    return place->second;
+    return found->second;
 }
 
 const std::string& Owners::GroupOf(std::uint32_t id)
 {
-    const auto [place, isNew] = m_groups.try_emplace(id);
+    const auto [found, isNew] = m_groups.try_emplace(id);
     if (isNew)
-        place->second =
+        found->second =
             LookUp<group>([id](auto... arguments) { return getgrgid_r(id, arguments...); }, &group::gr_name);
-    return place->second;
+    return found->second;
 }
 
 } // namespace Agent
