@@ -252,20 +252,22 @@ bool Parse(CLI::App& program, int argc, char** argv, Report& report)
     return true;
 }
 
-// Returns the arguments in the syntax of a shell. The command for a password may contain the password, so it
-// is left out. No other option takes a secret.
+// Returns the arguments in the syntax of a shell. A command for a password may contain the password, so it is
+// left out. No other option takes a secret.
 std::string CommandLine(int argc, char** argv)
 {
     constexpr std::string_view plain =
         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=./:,@%";
-    const std::string secretOption = "--password-command";
+    const auto isSecretOption = [](std::string_view name) {
+        return name == "--password-command" || name == "--from-password-command";
+    };
     std::string line = "kbagent";
     bool isSecret = false;
     for (int i = 1; i < argc; ++i) {
         std::string argument = std::exchange(isSecret, false) ? "***" : argv[i];
-        isSecret = argument == secretOption;
-        if (argument.starts_with(secretOption + "="))
-            argument = secretOption + "=***";
+        isSecret = isSecretOption(argument);
+        if (const std::size_t equals = argument.find('='); isSecretOption(argument.substr(0, equals)))
+            argument = argument.substr(0, equals) + (equals == argument.npos ? "" : "=***");
         if (argument.find_first_not_of(plain) == std::string::npos) {
             line += " " + argument;
             continue;
