@@ -107,6 +107,7 @@ private:
     std::string m_compression;
     std::string m_packSize;
     CLI::Option* m_paths = nullptr;
+    std::vector<CLI::Option*> m_repositoryOptions; // that exclude --store
 };
 
 CLI::App* BackupCommand::Register(CLI::App& program)
@@ -120,6 +121,13 @@ CLI::App* BackupCommand::Register(CLI::App& program)
         ->type_name("FILE");
     AddSnapshotOptions(*command);
     AddReadingOptions(*command);
+    for (CLI::Option* const option : command->get_options()) {
+        const auto isNamed = [option](const char* name) {
+            return option->check_name(name);
+        };
+        if (!isNamed("--store") && !isNamed("--job") && !isNamed("--verbose"))
+            m_repositoryOptions.push_back(option);
+    }
     m_paths = AddPathArguments(*command, "Entries to store, with everything below them");
     command->footer("A mount point below a PATH is entered only if it contains a disk's file system or the "
                     "configuration\n"
@@ -168,9 +176,12 @@ void BackupCommand::Run(Report& report)
         throw UsageError("backup: name at least one PATH, or rules with --job");
     RequireSwitches({"disableXattr", "walkIntoUnknownMountPoints"});
     if (m_store.empty())
-        RunOnRepository(report);
-    else
-        RunOnStore(report);
+        return RunOnRepository(report);
+    for (const CLI::Option* const option : m_repositoryOptions) {
+        if (option->count() != 0)
+            throw UsageError(option->get_name() + " can't be given together with --store");
+    }
+    RunOnStore(report);
 }
 
 BackupSettings BackupCommand::GetSettings() const

@@ -298,7 +298,7 @@ TEST_F(RepositoryBackupTest, WhatFailsIsReported)
         EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1) << result.errors;
     }
     EXPECT_EQ(CountSnapshots(), before);
-    Run(0, {"check", "--read-data"});
+    Run(0, "check --read-data");
     EXPECT_EQ(BackUp(0, {"s", "--dry-run"}).at("data_added").as_int64() > (20 << 20), true);
     EXPECT_EQ(CountSnapshots(), before);
 }

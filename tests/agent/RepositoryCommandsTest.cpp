@@ -448,7 +448,8 @@ TEST_F(RepositoryCommands, RepositoryOptionsMayPrecedeCommand)
         const ProgramResult result = Run(0, Words(words), 0, {none, nowhere});
         EXPECT_TRUE(json::parse(result.output).is_array()) << words;
     }
-    EXPECT_TRUE(Holds(Run(2, "-r repo backup --store x y").errors, "backup does not have the option -r"));
+    EXPECT_TRUE(Holds(Run(2, "-r repo list --store x").errors, "list does not have the option -r"));
+    EXPECT_TRUE(Holds(Run(2, "-r repo backup --store x y").errors, "can't be given together with --store"));
     EXPECT_TRUE(
         Holds(Run(2, "snapshots --limit-upload 1").errors, "does not have restic's option --limit-upload"));
     Run(2, "-r repo");
