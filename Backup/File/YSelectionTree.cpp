@@ -175,7 +175,7 @@ void Node::PruneNodeExcludes(const YSelectionDescriptor& rule)
 
 void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
 {
-    if (!rule.IsRecursive() || m_children == nullptr)
+    if (rule.GetRecursionType() == YSelectionDescriptor::NonRecursive || m_children == nullptr)
         return;
     if (rule.CoversAllNames()) { // an index by patterns doesn't help to find them
         PruneByWalk(rule);

@@ -86,6 +86,11 @@ TEST(YSelectionManager, TakesNoRuleOfAnUnknownType)
     EXPECT_EQ(CountNodes(tree), 3U);
     EXPECT_TRUE(tree.Delete(rule)) << "no set contains rules of this type";
     EXPECT_EQ(CountNodes(tree), 2U) << "the empty branch goes";
+
+    YSelectionManager below = Tree("include /a/b exact=x");
+    below.Add("/a", Krt::Match::AnyDescriptor(), static_cast<YSelectionDescriptor::RecursionType>(2),
+              YSelectionManager::SelectionType::Include, true);
+    EXPECT_EQ(CountNodes(below), 2U) << "only a rule that is known not to be recursive prunes nothing below";
 }
 
 TEST(YSelectionManager, FindsTheNearestNode)
