@@ -83,7 +83,11 @@ bool HasName(const std::string& process, std::string_view name)
     if (name.size() < KernelNameBytes && (agrees || name.empty()))
         return agrees;
     const std::string program = ProgramName(process);
-    return program == name || CommandLineNames(process, name, agrees ? 2 : program.empty() ? 1 : 0);
+    if (program == name)
+        return true;
+    // An interpreter's kernel name is that of its script, the second word of the command line.
+    const bool isScript = agrees && !program.starts_with(kernelName);
+    return CommandLineNames(process, name, isScript ? 2 : agrees || program.empty() ? 1 : 0);
 }
 
 } // namespace
