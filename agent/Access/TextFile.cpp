@@ -1,5 +1,7 @@
 #include "agent/Access/TextFile.h"
 
+#include "agent/Run/Interrupt.h"
+
 #include "Krt/Exception/Raise.h"
 #include "Krt/Util/YUnxHandle.h"
 
@@ -69,6 +71,7 @@ Secret TextOf(Bytes& bytes, const std::string& name)
 
 Secret ReadTextFile(const std::string& path, std::size_t limit)
 {
+    const EndingOnInterrupts ending; // a named pipe may never have a writer
     const Krt::Util::YUnxHandle file =
         KRT_OS_VALUE(Krt::Util::OwnAboveStandardStreams(
                          Krt::Util::CallSystem([&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC); })),
