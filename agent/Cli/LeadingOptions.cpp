@@ -50,13 +50,13 @@ Typed Understand(const CLI::App& program, const std::string& argument)
     return typed;
 }
 
+} // namespace
+
 const CLI::App* FindCommand(const CLI::App& parent, const std::string& name)
 {
     const auto all = parent.get_subcommands([&name](const CLI::App* each) { return each->check_name(name); });
     return all.empty() ? nullptr : all.front();
 }
-
-} // namespace
 
 void AddLeadingOptions(CLI::App& program)
 {

@@ -10,6 +10,9 @@ class App;
 
 namespace Agent {
 
+/// Returns the command of this name below `parent`, or nullptr.
+const CLI::App* FindCommand(const CLI::App& parent, const std::string& name);
+
 /// Adds the options of repositories to the program, for its help. Those that are given there have no effect.
 void AddLeadingOptions(CLI::App& program);
 

@@ -182,13 +182,19 @@ ICommand& CommandOf(const std::vector<Registered>& all)
     throw UsageError("Name a command: " + names);
 }
 
-// Returns the program and the parsed subcommands, as the user types them.
-std::string NameOf(const CLI::App& program)
+// Returns the program and the commands among the arguments, as the user types them. The parser may not have
+// come to them.
+std::string NameOf(const CLI::App& program, int argc, char** argv)
 {
     std::string name = program.get_name();
-    for (const CLI::App* command = &program; !command->get_subcommands().empty();) {
-        command = command->get_subcommands().front();
-        name += " " + command->get_name();
+    const CLI::App* command = &program;
+    for (int i = 1; i < argc; ++i) {
+        if (const CLI::App* const next = FindCommand(*command, argv[i])) {
+            command = next;
+            name += " " + command->get_name();
+        } else if (command != &program) {
+            break;
+        }
     }
     return name;
 }
@@ -296,7 +302,7 @@ int RunCommand(int argc, char** argv, Report& report)
         }
     } catch (const UsageError& error) {
         report.Error(YString(error.what()), WrongUsage);
-        report.Note(YString("Run '" + NameOf(program) + " --help' for more information."));
+        report.Note(YString("Run '" + NameOf(program, argc, argv) + " --help' for more information."));
         return WrongUsage;
     }
     report.Out().Flush();

@@ -253,6 +253,8 @@ TEST_F(Cli, WrongArgumentNamesHelpOfCommand)
         {{}, "kbagent"},
         {{"steal"}, "kbagent"},
         {{"backup"}, "kbagent backup"},
+        {{"-r", "x", "service", "install"}, "kbagent service install"},
+        {{"trust", "--pin", "", "a:1"}, "kbagent trust"},
         {{"backup", "--store", store}, "kbagent backup"},
         {{"service", "install", "--bogus"}, "kbagent service install"},
     };
