@@ -103,12 +103,13 @@ void EntryMaker::Failed(const YString& path, const Krt::Exception::YError& error
                      "Interrupted; what was restored so far stays");
     // All further entries would fail in the same way. Attributes without space do not come here.
     const int number = error.GetOsError();
+    const YString reason = WithoutTemporary(path, ReasonOf(error));
     if (number == ENOSPC || number == EDQUOT)
-        throw TargetFull("The target is full: " + path.Bytes() + ": " + ReasonOf(error).Bytes() + "; " +
+        throw TargetFull("The target is full: " + path.Bytes() + ": " + reason.Bytes() + "; " +
                          std::to_string(m_counts.Entries()) + " entries were restored before and stay");
     if (number == EROFS && IsReadOnly(m_tree.GetRoot()))
-        throw TargetFull("The target is read-only: " + path.Bytes() + ": " + ReasonOf(error).Bytes());
-    m_report.EntryFailed(path, WithoutTemporary(path, ReasonOf(error)));
+        throw TargetFull("The target is read-only: " + path.Bytes() + ": " + reason.Bytes());
+    m_report.EntryFailed(path, reason);
 }
 
 // Replaces the temporary name by that of the entry.
