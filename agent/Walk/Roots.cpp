@@ -95,8 +95,22 @@ void CheckRules(const YObject& document, JobWarnings& warnings)
     });
 }
 
+// Returns true if a directory between the start of the walk and `path` is a symlink, which a walk does not
+// follow. The start itself may be reached through symlinks.
+bool LeadsThroughLink(const std::set<YPath>& starts, const YPath& path)
+{
+    for (YPath directory = path; !starts.contains(directory) && directory != "/";) {
+        directory = directory.GetParent();
+        struct stat status = {};
+        if (!starts.contains(directory) && lstat(directory.CStr(), &status) == 0 && S_ISLNK(status.st_mode))
+            return true;
+    }
+    return false;
+}
+
 // A walk only visits existing entries, so it cannot report a misspelt path below its start. Nor does it visit
-// anything below a path that is not a directory.
+// anything below a path that is not a directory. An exclude without entries is no mistake: a job may leave
+// out what exists at times.
 void WarnOfPathsWithoutEntries(const Job& job, JobWarnings& warnings)
 {
     YPath last;
@@ -107,9 +121,14 @@ void WarnOfPathsWithoutEntries(const Job& job, JobWarnings& warnings)
         [&](const YPath& path, const YSelectionDescriptor& rule) {
             if (path != last) {
                 error = Krt::Util::CallSystem([&] { return lstat(path.CStr(), &status); }).error;
-                if (error == ENOENT && !job.roots.contains(path))
+                const bool isStart = job.roots.contains(path);
+                if ((error == ENOENT || error == ENOTDIR) && !isStart)
                     warnings.Add("there is no " + path.Bytes() +
                                  ", so what is to be included there is not stored");
+                else if (error == 0 && !isStart && LeadsThroughLink(job.roots, path))
+                    warnings.Add(path.Bytes() +
+                                 " is reached through a symlink, which is not followed, so what "
+                                 "is to be included there is not stored");
                 last = path;
             }
             if (error == 0 && !S_ISDIR(status.st_mode) && !rule.CoversAllNames())

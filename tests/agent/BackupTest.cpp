@@ -83,7 +83,7 @@ TEST_F(BackupProgram, FileAtPlaceOfRuleIsStored)
 
 TEST_F(BackupProgram, ImplausibleRulesAreReportedFirst)
 {
-    MakeTree(source, {File("file", "x")});
+    MakeTree(source, {File("file", "x"), Dir("d"), File("d/x", "x"), Link("link", "d")});
     const std::string include = "include " + source + " recursive any", rule = "; exclude " + source;
     const std::string refused = " contains no usable rules: ", found = ": excludes[0]: ",
                       place = ": includes[0].descriptor";
@@ -110,6 +110,10 @@ TEST_F(BackupProgram, ImplausibleRulesAreReportedFirst)
          found + "explicit_selection has no effect"},
         {"include " + source + " exact=file; include " + source + "/flie any", "", "", 0,
          "there is no " + source + "/flie"},
+        {"include " + source + " exact=file; include " + source + "/file/x any", "", "", 0,
+         "there is no " + source + "/file/x"},
+        {"include " + source + " exact=file; include " + source + "/link/x any", "", "", 0,
+         source + "/link/x is reached through a symlink"},
         {"include " + source + " exact=file; include " + source + "/file glob=*.x", "", "", 0,
          source + "/file is not a directory, so it contains nothing that matches '*.x'"},
         {"exclude - exact=a; " + include + " explicit", "", "", 0, ""},
