@@ -92,11 +92,6 @@ void ApplyTo(const Attributes& attributes, const YEntry& target, bool hasMode, R
         refused.emplace_back("set-user-id or set-group-id bit not restored, since the owner is another");
 }
 
-bool IsSame(const timespec& wanted, const timespec& present)
-{
-    return wanted.tv_sec == present.tv_sec && wanted.tv_nsec == present.tv_nsec;
-}
-
 bool IsSame(const Krt::File::ExtendedAttributeMap& wanted, const Krt::File::ExtendedAttributeMap& present)
 {
     const auto bytesOf = [](const auto& value) {

@@ -21,6 +21,12 @@ struct Attributes
     Krt::File::ExtendedAttributeMap extended;
 };
 
+/// Returns true if the times are equal to the nanosecond.
+inline bool IsSame(const timespec& a, const timespec& b)
+{
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
 /// Leaves out the owner that the user who restores can't set because the user is not root, and the bits that
 /// would lend rights of another owner. Returns true if it changed something.
 bool LeaveOutForeignOwner(Attributes& attributes);

@@ -14,6 +14,9 @@
 
 namespace Agent {
 
+/// Bytes of content that a restore loads at once, about.
+constexpr std::uint64_t LoadedBytes = 16 << 20;
+
 /// A blob, or why it can't be loaded.
 struct LoadedBlob
 {

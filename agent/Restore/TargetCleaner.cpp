@@ -5,6 +5,7 @@
 
 #include "Krt/Exception/Raise.h"
 
+#include <optional>
 #include <vector>
 
 namespace Agent {
@@ -26,8 +27,26 @@ std::vector<YString> NamesIn(const YDirectory& directory)
 
 } // namespace
 
-void TargetCleaner::Clean(const YDirectory& directory, const std::string& path,
+void TargetCleaner::Clean(const YDirectory* root, const TargetLocation& location, const std::string& path,
                           const std::unordered_set<std::string>& kept) const
+{
+    if (root == nullptr)
+        return;
+    if (location.empty()) {
+        CleanOpened(*root, path, kept);
+        return;
+    }
+    std::optional<YDirectory> directory;
+    try {
+        directory = root->OpenBelow(location);
+    } catch (const Krt::Exception::YError&) {
+        return; // it does not exist, or is not a directory
+    }
+    CleanOpened(*directory, path, kept);
+}
+
+void TargetCleaner::CleanOpened(const YDirectory& directory, const std::string& path,
+                                const std::unordered_set<std::string>& kept) const
 {
     for (const YString& name : NamesIn(directory)) {
         if (!kept.contains(name.Bytes()))
@@ -41,7 +60,7 @@ bool TargetCleaner::Remove(const YDirectory& parent, const YString& name, const 
     try {
         const struct stat status = parent.Stat(name);
         const bool isDirectory = S_ISDIR(status.st_mode);
-        const Selection selection = m_select(path, isDirectory);
+        const Selection selection = m_settings.Select(path, isDirectory);
         if (isDirectory && (selection.isSelected || selection.mayHaveSelected)) {
             KRT_RAISE_UNLESS(status.st_dev == parent.Stat().st_dev, Krt::ErrorCode::InvalidState,
                              "Not removed, since another file system is mounted there");
@@ -50,9 +69,9 @@ bool TargetCleaner::Remove(const YDirectory& parent, const YString& name, const 
         }
         if (!selection.isSelected)
             return false;
-        if (!m_isDryRun && isDirectory)
+        if (!m_settings.isDryRun && isDirectory)
             parent.RemoveDirectory(name);
-        else if (!m_isDryRun)
+        else if (!m_settings.isDryRun)
             parent.RemoveFile(name);
         m_onRemoved(path);
         return true;

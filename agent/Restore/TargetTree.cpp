@@ -210,8 +210,7 @@ void TargetTree::RestoreStatus(const EnteredDirectory& entered)
     // If no entry was created in it, it may belong to another user, and only its owner can set its times.
     const struct stat now = entered.directory->Stat();
     const timespec& write = Krt::File::WriteTime(entered.before);
-    if (Krt::File::WriteTime(now).tv_sec != write.tv_sec ||
-        Krt::File::WriteTime(now).tv_nsec != write.tv_nsec)
+    if (!IsSame(Krt::File::WriteTime(now), write))
         Krt::File::YEntry(handle).SetTimes(Krt::File::AccessTime(entered.before), write);
 }
 

@@ -1,0 +1,72 @@
+#include "agent/Restore/ExistingEntries.h"
+
+#include "agent/Run/Interrupt.h"
+
+#include "Krt/File/File.h"
+#include "Krt/File/Unix/Status.h"
+#include "Krt/Util/YUnxHandle.h"
+
+#include <algorithm>
+#include <span>
+
+namespace Agent {
+
+using Krt::File::FileId;
+using Krt::File::YDirectory;
+using Repo::BlobType;
+using Repo::Id;
+
+const YDirectory* ExistingEntries::ParentOf(const TargetLocation& location)
+{
+    if (m_root == nullptr || location.size() == 1)
+        return m_root;
+    const auto directories = std::span(location).first(location.size() - 1);
+    if (!m_isParentKnown ||
+        !std::equal(directories.begin(), directories.end(), m_location.begin(), m_location.end())) {
+        m_parent.reset();
+        m_location.assign(directories.begin(), directories.end());
+        m_isParentKnown = true;
+        try {
+            m_parent = m_root->OpenBelow(directories);
+        } catch (const Krt::Exception::YError&) {
+            // missing, or not a directory: that is found when it is created
+        }
+    }
+    return m_parent ? &*m_parent : nullptr;
+}
+
+void CompareContent(const Repo::Index& index, const YDirectory& parent, RestoreItem& item)
+{
+    try {
+        const Krt::Util::YUnxHandle file = parent.OpenFile(item.location.back());
+        const struct stat status = Krt::File::Stat(file);
+        if (FileId(status) != FileId(item.existing) || !S_ISREG(status.st_mode))
+            return;
+        Repo::Bytes buffer;
+        std::uint64_t offset = 0;
+        for (const Id& id : item.content) {
+            RaiseIfInterrupted();
+            const auto place = index.Find({BlobType::Data, id});
+            if (!place) {
+                item.isUpToDate.clear();
+                return;
+            }
+            const std::uint64_t length = place->blob.plainLength;
+            const bool fits = offset + length <= static_cast<std::uint64_t>(status.st_size);
+            if (fits)
+                buffer.resize(length);
+            item.isUpToDate.push_back(fits &&
+                                      Krt::File::Read(file, offset, length, buffer.data()) == length &&
+                                      Id::Of(buffer) == id);
+            offset += length;
+        }
+        if (offset == static_cast<std::uint64_t>(status.st_size) &&
+            std::find(item.isUpToDate.begin(), item.isUpToDate.end(), false) == item.isUpToDate.end())
+            item.action = RestoreItem::Action::KeepUnchanged;
+    } catch (const Krt::Exception::YError&) {
+        RaiseIfInterrupted();
+        item.isUpToDate.clear(); // it can't be read, so all is loaded
+    }
+}
+
+} // namespace Agent

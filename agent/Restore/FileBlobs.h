@@ -1,0 +1,37 @@
+// FileBlobs: the blobs of the files that a restore writes. Those of small files are loaded together before.
+// Those of a large file come in windows, of which one is loaded while the one before is written.
+#pragma once
+
+#include "agent/Restore/BlobLoader.h"
+
+namespace Agent {
+
+class FileBlobs
+{
+public:
+    /// Repository and loader outlive this object. `loaded` are blobs of small files.
+    FileBlobs(const Repo::Repository& repository, BlobLoader& loader, LoadedBlobs loaded = {})
+        : m_repository(repository), m_loader(loader), m_blobs(std::move(loaded))
+    {}
+
+    /// From now on, the blobs of this large file come in windows, without those that are up to date. The
+    /// vectors outlive this object.
+    void Begin(const std::vector<Repo::Id>& ids, const std::vector<bool>& isUpToDate);
+    /// The content of blob number `i` of the file, valid until the next call. Raises why it can't be loaded.
+    const Repo::Bytes& Get(std::size_t i, const Repo::Id& id);
+
+private:
+    void StartNext();
+
+    const Repo::Repository& m_repository;
+    BlobLoader& m_loader;
+    LoadedBlobs m_blobs;
+    Repo::Bytes m_single;
+    const std::vector<Repo::Id>* m_ids = nullptr;
+    const std::vector<bool>* m_isUpToDate = nullptr;
+    std::size_t m_windowEnd = 0; // of m_blobs
+    std::size_t m_nextEnd = 0;   // of m_next
+    std::future<LoadedBlobs> m_next;
+};
+
+} // namespace Agent

@@ -1,0 +1,172 @@
+#include "agent/Restore/RestoreProgress.h"
+
+#include "agent/Repository/Json.h"
+#include "agent/Run/Text.h"
+
+#include <cstdio>
+
+namespace Agent {
+
+namespace {
+
+constexpr std::chrono::milliseconds StatusInterval{1000};
+
+// As restic prints sizes: "999 B", "1.500 KiB".
+std::string SizeText(unsigned long long bytes)
+{
+    constexpr const char* Units[] = {"KiB", "MiB", "GiB", "TiB"};
+    if (bytes < 1024)
+        return std::to_string(bytes) + " B";
+    double value = static_cast<double>(bytes) / 1024;
+    std::size_t unit = 0;
+    for (; value >= 1024 && unit + 1 < std::size(Units); ++unit)
+        value /= 1024;
+    char text[64];
+    std::snprintf(text, sizeof(text), "%.3f %s", value, Units[unit]);
+    return text;
+}
+
+std::string DurationText(unsigned long long seconds)
+{
+    char text[64];
+    if (seconds >= 3600)
+        std::snprintf(text, sizeof(text), "%llu:%02llu:%02llu", seconds / 3600, seconds / 60 % 60,
+                      seconds % 60);
+    else
+        std::snprintf(text, sizeof(text), "%llu:%02llu", seconds / 60, seconds % 60);
+    return text;
+}
+
+unsigned long long SecondsSince(std::chrono::steady_clock::time_point start)
+{
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    return static_cast<unsigned long long>(std::chrono::duration_cast<std::chrono::seconds>(elapsed).count());
+}
+
+} // namespace
+
+RestoreProgress::RestoreProgress(const RestoreSettings& settings, Report& report)
+    : m_settings(settings), m_report(report), m_start(std::chrono::steady_clock::now()), m_shown(m_start)
+{}
+
+void RestoreProgress::CountFound(const RestoreItem& item)
+{
+    ++m_totals.files;
+    if (item.recorded.type == S_IFREG)
+        m_totals.bytes += item.recorded.size;
+}
+
+void RestoreProgress::CountDone(const RestoreItem& item)
+{
+    using Action = RestoreItem::Action;
+    const bool isFile = item.recorded.type == S_IFREG;
+    const unsigned long long size = isFile ? item.recorded.size : 0;
+    const bool isSkipped = item.action == Action::Skip || item.action == Action::KeepUnchanged;
+    ++(isSkipped ? m_totals.skipped : m_totals.restored);
+    (isSkipped ? m_totals.bytesSkipped : m_totals.bytesRestored) += size;
+    if (isSkipped && !m_settings.isVerbose)
+        return;
+    const bool isKept = item.action == Action::Skip && !m_settings.isJson; // restic has no such word
+    const char* const action = isKept                                    ? "skipped"
+                               : isSkipped                               ? "unchanged"
+                               : item.action == Action::Update && isFile ? "updated"
+                                                                         : "restored";
+    Print(action, item.path, isFile ? std::optional(size) : std::nullopt);
+}
+
+void RestoreProgress::CountDeleted(const std::string& path)
+{
+    ++m_totals.deleted;
+    Print("deleted", path, std::nullopt);
+}
+
+void RestoreProgress::Print(const char* action, const std::string& path,
+                            std::optional<unsigned long long> size)
+{
+    if (!m_settings.isVerbose && !m_settings.isDryRun)
+        return;
+    if (m_settings.isJson) {
+        std::string json =
+            R"({"message_type":"verbose_status","action":")" + std::string(action) + R"(","item":)";
+        Repo::JsonWriter(json).String(path);
+        m_report.Out() << PrintableJson(json + ",\"size\":" + std::to_string(size.value_or(0)) + "}") << "\n";
+        m_report.Out().Flush();
+        return;
+    }
+    std::string line = action;
+    line.resize(10, ' ');
+    line += Printable(path) + (size ? " with size " + SizeText(*size) : "");
+    m_report.Out() << line << "\n";
+    m_report.Out().Flush();
+}
+
+std::string RestoreProgress::TotalsJson(const char* type) const
+{
+    std::string json;
+    Repo::JsonWriter writer(json);
+    const auto number = [&writer](const char* key, unsigned long long value) {
+        writer.Key(key);
+        writer.Number(value);
+    };
+    writer.BeginObject();
+    writer.Key("message_type");
+    writer.String(type);
+    number("seconds_elapsed", SecondsSince(m_start));
+    if (type == std::string_view("status")) {
+        const double done = static_cast<double>(m_totals.bytesRestored + m_totals.bytesSkipped);
+        char text[64];
+        std::snprintf(text, sizeof(text), "%.6f",
+                      m_totals.bytes == 0 ? 0 : done / static_cast<double>(m_totals.bytes));
+        writer.Key("percent_done");
+        writer.Raw(text);
+    }
+    number("total_files", m_totals.files);
+    number("files_restored", m_totals.restored);
+    number("files_skipped", m_totals.skipped);
+    number("files_deleted", m_totals.deleted);
+    number("total_bytes", m_totals.bytes);
+    number("bytes_restored", m_totals.bytesRestored);
+    number("bytes_skipped", m_totals.bytesSkipped);
+    writer.EndObject();
+    return json;
+}
+
+void RestoreProgress::PrintStatus()
+{
+    if (!m_settings.isJson || m_settings.isQuiet)
+        return;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - m_shown < StatusInterval)
+        return;
+    m_shown = now;
+    m_report.Out() << TotalsJson("status") << "\n";
+    m_report.Out().Flush();
+}
+
+void RestoreProgress::PrintSummary()
+{
+    constexpr const char* Done = "The restore is done";
+    if (m_settings.isJson)
+        m_report.Summary(Done, TotalsJson("summary") + "\n");
+    else if (!m_settings.isQuiet)
+        m_report.Summary(Done, SummaryText() + "\n");
+}
+
+std::string RestoreProgress::SummaryText() const
+{
+    const bool isAll = m_totals.restored == m_totals.files && m_totals.bytesRestored == m_totals.bytes;
+    std::string text = m_settings.isDryRun ? "Summary: Would restore " : "Summary: Restored ";
+    text += std::to_string(m_totals.restored) + (isAll ? "" : " / " + std::to_string(m_totals.files)) +
+            " files/dirs (" + SizeText(m_totals.bytesRestored) +
+            (isAll ? "" : " / " + SizeText(m_totals.bytes)) + ") in " + DurationText(SecondsSince(m_start));
+    if (m_totals.skipped != 0)
+        text += ", skipped " + std::to_string(m_totals.skipped) + " files/dirs " +
+                SizeText(m_totals.bytesSkipped);
+    if (m_totals.deleted != 0)
+        text += ", deleted " + std::to_string(m_totals.deleted) + " files/dirs";
+    if (m_report.GetFailed() != 0)
+        text += ", " + std::to_string(m_report.GetFailed()) + " failed";
+    return text;
+}
+
+} // namespace Agent

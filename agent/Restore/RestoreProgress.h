@@ -1,0 +1,55 @@
+// RestoreProgress: counts what a restore from a repository does, and prints it: entries, status and summary,
+// as text or as the JSON documents of restic.
+#pragma once
+
+#include "agent/Restore/RestoreItem.h"
+#include "agent/Restore/RestoreSettings.h"
+#include "agent/Run/Report.h"
+
+#include <chrono>
+
+namespace Agent {
+
+class RestoreProgress
+{
+public:
+    /// Both outlive this object. The time of the restore begins.
+    RestoreProgress(const RestoreSettings& settings, Report& report);
+
+    /// An entry of the snapshot will be restored or kept.
+    void CountFound(const RestoreItem& item);
+    /// The entry was restored or kept, which is printed if it was asked for.
+    void CountDone(const RestoreItem& item);
+    /// An entry of the target was removed, which is printed if it was asked for.
+    void CountDeleted(const std::string& path);
+    bool HasFoundNothing() const { return m_totals.files == 0; }
+
+    /// Shows on the terminal how far the restore has come, `more` bytes of the current file included.
+    void ShowProgress(unsigned long long more = 0) const
+    {
+        m_report.Progress(m_totals.files, m_totals.bytesRestored + more);
+    }
+    /// Prints a document with the status from time to time. Cheap enough to be called for each entry.
+    void PrintStatus();
+    /// Prints what was done.
+    void PrintSummary();
+
+private:
+    struct Totals
+    {
+        unsigned long long files = 0, restored = 0, skipped = 0, deleted = 0;
+        unsigned long long bytes = 0, bytesRestored = 0, bytesSkipped = 0;
+    };
+
+    void Print(const char* action, const std::string& path, std::optional<unsigned long long> size);
+    std::string SummaryText() const;
+    std::string TotalsJson(const char* type) const;
+
+    const RestoreSettings& m_settings;
+    Report& m_report;
+    Totals m_totals;
+    std::chrono::steady_clock::time_point m_start;
+    std::chrono::steady_clock::time_point m_shown;
+};
+
+} // namespace Agent

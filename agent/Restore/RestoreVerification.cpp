@@ -1,0 +1,72 @@
+#include "agent/Restore/RestoreVerification.h"
+
+#include "agent/Access/TreeWalk.h"
+#include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
+
+#include "Krt/Exception/Raise.h"
+#include "Krt/File/File.h"
+
+namespace Agent {
+
+using Krt::ErrorCode;
+using Krt::YString;
+using Krt::File::YDirectory;
+using Repo::BlobType;
+using Repo::Node;
+using Repo::NodeType;
+
+namespace {
+
+// Returns true if the file has the content of the node.
+bool HasContent(const Repo::Index& index, const Krt::Util::YUnxHandle& file, const Node& node)
+{
+    const struct stat status = Krt::File::Stat(file);
+    if (!S_ISREG(status.st_mode) || static_cast<std::uint64_t>(status.st_size) != node.size || !node.content)
+        return false;
+    Repo::Bytes part;
+    std::uint64_t offset = 0;
+    for (const Repo::Id& id : *node.content) {
+        RaiseIfInterrupted();
+        const auto place = index.Find({BlobType::Data, id});
+        part.resize(place ? place->blob.plainLength : 0);
+        if (!place || Krt::File::Read(file, offset, part.size(), part.data()) != part.size() ||
+            Repo::Id::Of(part) != id)
+            return false;
+        offset += part.size();
+    }
+    return true;
+}
+
+void VerifyFile(RestoreState& state, ExistingEntries& existing, const std::string& path, const Node& node)
+{
+    try {
+        const TargetLocation location = LocationOf(path);
+        const YDirectory* const parent = existing.ParentOf(location);
+        KRT_RAISE_UNLESS(parent != nullptr, ErrorCode::NotFound,
+                         "Not verified: its directory can't be opened");
+        KRT_RAISE_UNLESS(HasContent(state.repository.GetIndex(), parent->OpenFile(location.back()), node),
+                         ErrorCode::InvalidState, "Verified, and its content is not that of the snapshot");
+    } catch (const Krt::Exception::YError& error) {
+        RaiseIfInterrupted();
+        state.report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));
+    }
+}
+
+} // namespace
+
+void VerifyRestored(RestoreState& state, const Repo::Id& tree)
+{
+    ExistingEntries existing(state.existing.GetRoot()); // as it is now
+    WalkTree(
+        state.repository, tree, "",
+        [&](const std::string& path, Node& node) {
+            const Selection selection = state.settings.Select(path, node.type == NodeType::Directory);
+            if (selection.isSelected && node.type == NodeType::File && !state.unverified.contains(path))
+                VerifyFile(state, existing, path, node);
+            return selection.mayHaveSelected ? Step::Into : Step::Past;
+        },
+        [](const std::string&, const Krt::Exception::YError&) {});
+}
+
+} // namespace Agent

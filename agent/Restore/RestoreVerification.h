@@ -1,0 +1,12 @@
+// RestoreVerification: reads the files of a restore again, and compares them with the snapshot.
+#pragma once
+
+#include "agent/Restore/RestoreState.h"
+
+namespace Agent {
+
+/// Verifies the files below the tree that were restored, and reports others than those of the snapshot as
+/// failed. What the restore has reported is not reported again. Raises InvalidState if the user interrupts.
+void VerifyRestored(RestoreState& state, const Repo::Id& tree);
+
+} // namespace Agent
