@@ -38,8 +38,10 @@ public:
     void Run(Report& report) override;
 
 private:
+    void List(Session& session, const Repo::StoredSnapshot& stored, const std::vector<std::string>& paths,
+              bool isQuiet);
     void ListAll(Session& session, const Repo::StoredSnapshot& stored);
-    void ListPath(Session& session, const Repo::StoredSnapshot& stored, const std::string& path);
+    void ListFound(Session& session, FoundEntry& found);
     void Visit(Report& report, const std::string& path, Node& node);
     void Print(Report& report, const std::string& path, const Node& node);
     void PrintSorted(Report& report);
@@ -102,13 +104,11 @@ void LsCommand::Run(Report& report)
         for (std::string& path : paths)
             path.insert(0, folder + "/");
     }
-    std::string filter;
     for (std::string& path : paths) {
         if (!path.starts_with('/'))
             path.insert(path.begin(), '/');
         while (path.size() > 1 && path.ends_with('/'))
             path.pop_back();
-        filter += (filter.empty() ? "" : " ") + path;
     }
     m_hasSeveralPaths = paths.size() > 1;
     if (m_isForNcdu && (!m_order.empty() || m_isReversed || !paths.empty() || m_repository.IsJson()))
@@ -122,9 +122,29 @@ void LsCommand::Run(Report& report)
     Session session(options, report);
     const Repo::StoredSnapshot stored = ChooseSnapshot(session, snapshot, m_repository.GetSnapshotOptions());
     session.LoadIndex();
-    if (m_isForNcdu) {
+    if (m_isForNcdu)
         PrintForNcdu(session, stored);
-        return;
+    else
+        List(session, stored, paths, isQuiet);
+}
+
+// The heading names the paths that were found, since those of the arguments may be escaped.
+void LsCommand::List(Session& session, const Repo::StoredSnapshot& stored,
+                     const std::vector<std::string>& paths, bool isQuiet)
+{
+    Report& report = session.GetReport();
+    std::vector<FoundEntry> entries;
+    std::string filter;
+    for (const std::string& path : paths) {
+        std::string shown = path;
+        try {
+            entries.push_back(FindEntry(session.GetRepository(), stored.snapshot.tree, path));
+            shown = entries.back().path;
+        } catch (const Krt::Exception::YError& error) {
+            RaiseIfInterrupted();
+            report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));
+        }
+        filter += (filter.empty() ? "" : " ") + shown;
     }
     if (m_repository.IsJson())
         report.Out() << PrintableJson(SnapshotJson(stored, true)) << "\n";
@@ -132,8 +152,8 @@ void LsCommand::Run(Report& report)
         report.Out() << Printable(DescribeSnapshot(stored) + " filtered by [" + filter + "]:") << "\n";
     if (paths.empty())
         ListAll(session, stored);
-    for (const std::string& path : paths)
-        ListPath(session, stored, path);
+    for (FoundEntry& entry : entries)
+        ListFound(session, entry);
     PrintSorted(report);
 }
 
@@ -151,20 +171,9 @@ void LsCommand::ListAll(Session& session, const Repo::StoredSnapshot& stored)
         });
 }
 
-void LsCommand::ListPath(Session& session, const Repo::StoredSnapshot& stored, const std::string& path)
+void LsCommand::ListFound(Session& session, FoundEntry& found)
 {
     Report& report = session.GetReport();
-    const auto fail = [&](const std::string& failed, const Krt::Exception::YError& error) {
-        report.EntryFailed(YString(std::string_view(failed)), ReasonOf(error));
-    };
-    FoundEntry found;
-    try {
-        found = FindEntry(session.GetRepository(), stored.snapshot.tree, path);
-    } catch (const Krt::Exception::YError& error) {
-        RaiseIfInterrupted();
-        fail(path, error);
-        return;
-    }
     const bool isRoot = found.path == "/";
     if (!isRoot)
         Visit(report, found.path, found.node);
@@ -176,7 +185,9 @@ void LsCommand::ListPath(Session& session, const Repo::StoredSnapshot& stored, c
             Visit(report, below, node);
             return m_recursive ? Step::Into : Step::Past;
         },
-        fail);
+        [&](const std::string& failed, const Krt::Exception::YError& error) {
+            report.EntryFailed(YString(std::string_view(failed)), ReasonOf(error));
+        });
 }
 
 void LsCommand::Visit(Report& report, const std::string& path, Node& node)
