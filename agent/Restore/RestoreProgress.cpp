@@ -127,6 +127,8 @@ std::string RestoreProgress::TotalsJson(const char* type) const
     number("total_bytes", m_totals.bytes);
     number("bytes_restored", m_totals.bytesRestored);
     number("bytes_skipped", m_totals.bytesSkipped);
+    if (type == std::string_view("summary"))
+        number("entries_failed", m_report.GetFailed()); // restic has no such number
     writer.EndObject();
     return json;
 }
