@@ -127,6 +127,18 @@ YString TemporaryName(const YString& name)
         std::string_view(name.Bytes() + "-tmp-" + std::to_string(std::bit_cast<std::uint32_t>(random))));
 }
 
+// A failure names the directory, since the temporary name means nothing to users.
+Krt::Util::YUnxHandle CreateTemporary(const YDirectory& directory, const YString& name, const YString& path)
+{
+    try {
+        return directory.CreateFile(name);
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetType() != Krt::ExceptionType::OsError)
+            throw;
+        KRT_RAISE_OS(error.GetOsError(), "Failed to create a file in " << path);
+    }
+}
+
 struct ListedFile
 {
     Id id;
@@ -258,7 +270,9 @@ void LocalBackend::Save(const FileName& file, ByteView content)
             directory = directory.OpenDirectory(name);
         }
         const YString temporary = TemporaryName(path.name);
-        Krt::Util::YUnxHandle handle = directory.CreateFile(temporary);
+        const std::string place = PathOf(file).Bytes();
+        Krt::Util::YUnxHandle handle =
+            CreateTemporary(directory, temporary, YString(place.substr(0, place.rfind('/'))));
         try {
             if (!content.empty())
                 Krt::File::Write(handle, 0, content.size(), content.data());
