@@ -50,6 +50,11 @@ Typed Understand(const CLI::App& program, const std::string& argument)
     return typed;
 }
 
+bool HasCommands(const CLI::App& command)
+{
+    return !command.get_subcommands([](const CLI::App*) { return true; }).empty();
+}
+
 } // namespace
 
 const CLI::App* FindCommand(const CLI::App& parent, const std::string& name)
@@ -77,23 +82,25 @@ void MoveLeadingOptions(const CLI::App& program, std::vector<std::string>& argum
     std::vector<std::string> names;
     auto at = arguments.rbegin();
     const auto end = arguments.rend();
-    while (at != end && at->size() > 1 && at->front() == '-' && *at != "--") {
-        const Typed typed = Understand(program, *at);
-        std::vector<std::string>& list = typed.isLeading ? moved : before;
-        if (typed.isLeading)
-            names.push_back(typed.name);
-        list.push_back(*at++);
-        if (typed.takesNext && at != end)
-            list.push_back(*at++);
-    }
-    // The command, and its own command, as in "key list".
+    // The command, and its own command, as in "key list". Options may precede each of them.
     const CLI::App* command = &program;
-    for (; at != end; ++at) {
-        const CLI::App* const next = FindCommand(*command, *at);
-        if (next == nullptr)
+    while (at != end && *at != "--" && HasCommands(*command)) {
+        if (at->size() > 1 && at->front() == '-') {
+            const Typed typed = Understand(program, *at);
+            if (!typed.isLeading && command != &program)
+                break;
+            std::vector<std::string>& list = typed.isLeading ? moved : before;
+            if (typed.isLeading)
+                names.push_back(typed.name);
+            list.push_back(*at++);
+            if (typed.takesNext && at != end)
+                list.push_back(*at++);
+        } else if (const CLI::App* const next = FindCommand(*command, *at); next != nullptr) {
+            before.push_back(*at++);
+            command = next;
+        } else {
             break;
-        before.push_back(*at);
-        command = next;
+        }
     }
     if (moved.empty() || command == &program)
         return;

@@ -192,8 +192,6 @@ std::string NameOf(const CLI::App& program, int argc, char** argv)
         if (const CLI::App* const next = FindCommand(*command, argv[i])) {
             command = next;
             name += " " + command->get_name();
-        } else if (command != &program) {
-            break;
         }
     }
     return name;

@@ -444,7 +444,7 @@ TEST_F(RepositoryCommands, RepositoryOptionsMayPrecedeCommand)
     const std::string plain = directory.Write("plain", "secret");
     for (const std::string words :
          {"-r repo -p plain --json snapshots", "-qr repo --password-file=plain snapshots --json",
-          "--repo=repo -p plain --json key list",
+          "--repo=repo -p plain --json key list", "--json key -r repo -p plain list",
           "--no-cache --cache-dir x -r x -p plain snapshots -r repo --json"}) {
         const ProgramResult result = Run(0, Words(words), 0, {none, nowhere});
         EXPECT_TRUE(json::parse(result.output).is_array()) << words;
