@@ -1,6 +1,7 @@
 #include "agent/Inspect/Statistics.h"
 
 #include <set>
+#include <unordered_map>
 #include <unordered_set>
 
 namespace Agent {
@@ -68,16 +69,25 @@ private:
                                .insert(Id::Of({reinterpret_cast<const unsigned char*>(content.data()),
                                                content.size() * sizeof(Id)}))
                                .second;
-        if (!isNew || (countsBlobs && content.empty()))
+        if (!isNew)
             return;
-        ++m_statistics.files;
-        if (!countsBlobs) {
-            m_statistics.size += node.size;
+        if (countsBlobs) {
+            CountBlobsOfPath(path, content);
             return;
         }
-        std::unordered_set<Id, Repo::IdHash> counted;
+        ++m_statistics.files;
+        m_statistics.size += node.size;
+    }
+
+    // Versions of a file in several snapshots are one file, and a blob counts once for it.
+    void CountBlobsOfPath(const std::string& path, const std::vector<Id>& content)
+    {
+        if (content.empty())
+            return;
+        const auto [file, isNew] = m_blobsOfPaths.try_emplace(path);
+        m_statistics.files += isNew ? 1 : 0;
         for (const Id& id : content) {
-            if (!counted.insert(id).second)
+            if (!file->second.insert(id).second)
                 continue;
             if (const auto found = Find({BlobType::Data, id}, path)) {
                 ++m_statistics.blobs;
@@ -130,6 +140,7 @@ private:
     Statistics m_statistics;
     std::set<std::pair<std::uint64_t, std::uint64_t>> m_linked; // device and inode, in this snapshot
     std::unordered_set<Id, Repo::IdHash> m_contents;            // hashes of lists of blobs
+    std::unordered_map<std::string, std::unordered_set<Id, Repo::IdHash>> m_blobsOfPaths;
     std::unordered_set<Id, Repo::IdHash> m_trees;
     std::unordered_set<BlobHandle, Repo::BlobHandleHash> m_blobs;
 };

@@ -14,7 +14,7 @@ enum class StatisticsMode
 {
     RestoreSize,     ///< all entries, with the bytes of all files; hard links count once in a snapshot
     FilesByContents, ///< entries with different content; all those without content are one
-    BlobsPerFile,    ///< files with different content, and the different blobs of each
+    BlobsPerFile,    ///< files with different content, by path, and the different blobs of each
     RawData          ///< the blobs that are used, trees included, as they are stored
 };
 

@@ -121,9 +121,11 @@ protected:
         std::mt19937 random(7);
         std::generate_n(std::back_inserter(big), 3000000, [&] { return static_cast<char>(random()); });
         directory.Write("s/big", big);
+        directory.Write("s/grown", big + "a");
         Create(GetParam());
         Restic("backup s --host h1 --tag a,b");
         directory.Write("s/later", "later");
+        directory.Write("s/grown", big + "ab"); // has blobs of its first version
         Restic("backup s --host h2 --tag c --exclude gone");
         Restic("backup s/later --host h1");
     }
