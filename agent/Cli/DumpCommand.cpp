@@ -50,7 +50,8 @@ CLI::App* DumpCommand::Register(CLI::App& program)
         "extended attributes, and hard links; tar --acls --xattrs restores all of them. A zip archive has\n"
         "none of them, and no devices and FIFOs. A file of an archive whose content is damaged is filled\n"
         "with zeros, and the exit code is 3. A file that is dumped alone ends before the damage, and the\n"
-        "exit code is 1.\n\n" +
+        "exit code is 1. The file of --target gets its name, and replaces one that exists, only when the\n"
+        "dump is complete.\n\n" +
         std::string(RepositoryHelp) + "Example: kbagent dump --repo /backup/repository latest /etc | tar -t");
     return command;
 }

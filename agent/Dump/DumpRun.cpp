@@ -6,50 +6,12 @@
 
 #include "Krt/Exception/Raise.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace Agent {
 
 using Krt::YString;
-using Krt::Util::CallSystem;
 using Repo::BlobType;
 using Repo::Node;
 using Repo::NodeType;
-
-DumpTarget::DumpTarget(const std::string& path, Report& report) : m_report(report), m_path(path)
-{
-    if (m_path.empty())
-        return;
-    m_file = KRT_OS_VALUE(Krt::Util::OwnAboveStandardStreams(CallSystem([&] {
-                              return open(m_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-                          })),
-                          "Failed to create file: " << m_path.c_str());
-}
-
-void DumpTarget::Write(Repo::ByteView bytes)
-{
-    RaiseIfInterrupted();
-    if (m_path.empty()) {
-        m_report.Out() << Repo::AsText(bytes);
-        return;
-    }
-    while (!bytes.empty()) {
-        const auto count = KRT_SYSCALL(write(m_file.Get(), bytes.data(), bytes.size()),
-                                       "Failed to write file: " << m_path.c_str());
-        bytes = bytes.subspan(static_cast<std::size_t>(count));
-    }
-}
-
-void DumpTarget::Close()
-{
-    if (m_path.empty()) {
-        m_report.Out().Flush();
-        return;
-    }
-    const int file = m_file.Release();
-    KRT_SYSCALL(close(file), "Failed to write file: " << m_path.c_str());
-}
 
 DumpRun::DumpRun(const Repo::Repository& repository, DumpTarget& target, Report& report)
     : m_repository(repository), m_target(target), m_report(report), m_reader(repository, WorkerCount())

@@ -5,31 +5,13 @@
 #include "agent/Access/TreeWalk.h"
 #include "agent/Dump/Archive.h"
 #include "agent/Dump/BlobReader.h"
+#include "agent/Dump/DumpTarget.h"
 #include "agent/Run/Report.h"
-
-#include "Krt/Util/YUnxHandle.h"
 
 #include <map>
 #include <string>
 
 namespace Agent {
-
-/// The output of a dump.
-class DumpTarget
-{
-public:
-    /// Standard output if `path` is empty; otherwise the file, which is created, or emptied if it exists.
-    /// Raises the operating system's error.
-    DumpTarget(const std::string& path, Report& report);
-    /// Raises the operating system's error, or OutputError for standard output.
-    void Write(Repo::ByteView bytes);
-    void Close();
-
-private:
-    Report& m_report;
-    std::string m_path;
-    Krt::Util::YUnxHandle m_file;
-};
 
 class DumpRun
 {

@@ -359,7 +359,15 @@ TEST_F(RepositoryCommands, DamageIsNamedAndDoesNotEndCheck)
     const ProgramResult dumped = Run(3, "dump latest /a");
     EXPECT_EQ(dumped.output, "a");
     EXPECT_TRUE(Holds(dumped.errors, "snapshots/"));
-    Run(1, "dump latest /c");
+    const std::string kept = directory.Write("kept", "old");
+    fs::create_symlink("kept", directory / "link");
+    Run(1, "dump latest /c --target link");
+    EXPECT_EQ(ReadFile(kept), "old");
+    Run(3, "dump latest /a --target link");
+    EXPECT_EQ(ReadFile(kept), "a");
+    EXPECT_TRUE(fs::is_symlink(directory / "link"));
+    for (const auto& entry : fs::directory_iterator(directory.Path()))
+        EXPECT_FALSE(entry.path().filename().string().starts_with(".")) << entry.path();
     EXPECT_TRUE(Holds(Run(3, "dump latest /").errors, "/c: "));
     const json::value summary = json::parse(Lines(Run(1, "check --json").output).back());
     std::set<std::string> broken;

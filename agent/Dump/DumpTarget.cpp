@@ -1,0 +1,99 @@
+#include "agent/Dump/DumpTarget.h"
+
+#include "agent/Run/Interrupt.h"
+#include "agent/Store/Hex.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Agent {
+
+using Krt::YString;
+using Krt::File::YDirectory;
+using Krt::Util::CallSystem;
+
+DumpTarget::DumpTarget(const std::string& path, Report& report) : m_report(report), m_path(path)
+{
+    if (m_path.empty())
+        return;
+    struct stat existing
+    {};
+    const bool exists = stat(m_path.c_str(), &existing) == 0;
+    std::error_code failure;
+    std::filesystem::path place = std::filesystem::absolute(m_path);
+    if (exists)
+        place = std::filesystem::canonical(place, failure); // a symlink to the file stays
+    if (!failure && (!exists || S_ISREG(existing.st_mode)) && place.has_filename()) {
+        m_name = YString(place.filename().string());
+        CreateIn(place.parent_path().string(), exists ? &existing : nullptr);
+        return;
+    }
+    m_file = KRT_OS_VALUE(Krt::Util::OwnAboveStandardStreams(CallSystem([&] {
+                              return open(m_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+                          })),
+                          "Failed to create file: " << m_path.c_str());
+}
+
+DumpTarget::~DumpTarget()
+{
+    try {
+        if (m_directory)
+            m_directory->RemoveFile(m_temporary);
+    } catch (const Krt::Exception::YError&) {
+        // the error that ended the dump is reported
+    }
+}
+
+void DumpTarget::CreateIn(const std::string& directory, const struct stat* existing)
+{
+    try {
+        YDirectory opened = YDirectory::OpenToSearch(directory.c_str());
+        m_temporary = YString(".kbagent-dump-" + RandomHex(8));
+        m_file = opened.CreateFile(m_temporary);
+        m_directory.emplace(std::move(opened));
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetType() != Krt::ExceptionType::OsError)
+            throw;
+        KRT_RAISE_OS(error.GetOsError(), "Failed to create a file in the directory of " << m_path.c_str());
+    }
+    // The mode could give others rights if the owner is another.
+    if (existing != nullptr && fchown(m_file.Get(), existing->st_uid, existing->st_gid) == 0)
+        KRT_SYSCALL(fchmod(m_file.Get(), existing->st_mode & 0777),
+                    "Failed to set the mode of " << m_path.c_str());
+}
+
+void DumpTarget::Write(Repo::ByteView bytes)
+{
+    RaiseIfInterrupted();
+    if (m_path.empty()) {
+        m_report.Out() << Repo::AsText(bytes);
+        return;
+    }
+    while (!bytes.empty()) {
+        const auto count = KRT_SYSCALL(write(m_file.Get(), bytes.data(), bytes.size()),
+                                       "Failed to write file: " << m_path.c_str());
+        bytes = bytes.subspan(static_cast<std::size_t>(count));
+    }
+}
+
+void DumpTarget::Close()
+{
+    if (m_path.empty()) {
+        m_report.Out().Flush();
+        return;
+    }
+    if (m_directory)
+        Krt::File::Sync(m_file);
+    const int file = m_file.Release();
+    KRT_SYSCALL(close(file), "Failed to write file: " << m_path.c_str());
+    if (!m_directory)
+        return;
+    m_directory->Rename(m_temporary, *m_directory, m_name);
+    m_directory.reset();
+}
+
+} // namespace Agent
