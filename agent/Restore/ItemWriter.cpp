@@ -9,6 +9,7 @@
 #include "Krt/File/YEntry.h"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace Agent {
 
@@ -25,6 +26,12 @@ namespace {
 YString Text(std::string_view text)
 {
     return YString(text);
+}
+
+// Some file systems have only 32 bits for a time, and others little more.
+bool IsFar(const timespec& time)
+{
+    return time.tv_sec < INT32_MIN || time.tv_sec > INT32_MAX;
 }
 
 // The old content of a file that is replaced, opened when the first part of it is needed.
@@ -94,6 +101,7 @@ void ItemWriter::Make(RestoreItem& item, FileBlobs& blobs)
         MakeDirectory(item);
     else if (!KeepUnchanged(item))
         MakeOther(item, blobs);
+    NoteOtherTimes(item);
 }
 
 // Returns the parent directory of an entry that is written. In a dry run it is null if it does not exist.
@@ -255,6 +263,31 @@ bool ItemWriter::KeepFile(const RestoreItem& item, const Krt::Util::YUnxHandle& 
     if (m_state.maker)
         Apply(attributes, file, m_state.maker->GetRefused());
     return true;
+}
+
+// The system sets a time that the file system can't store to the nearest one that it can, and reports
+// nothing.
+void ItemWriter::NoteOtherTimes(const RestoreItem& item)
+{
+    const timespec& access = item.recorded.attributes.access;
+    const timespec& write = item.recorded.attributes.write;
+    if (!m_state.maker || (!IsFar(access) && !IsFar(write)))
+        return;
+    const YDirectory& parent = *ParentOf(item);
+    const YString& name = item.location.back();
+    if (item.recorded.type == S_IFDIR) {
+        try {
+            Krt::File::YEntry(parent, name).SetTimes(access, write);
+        } catch (const Krt::Exception::YError&) {
+            return; // it is reported when the restore leaves the directory, and sets the times again
+        }
+    }
+    const struct stat status = parent.Stat(name);
+    const bool isOther = (IsFar(access) && Krt::File::AccessTime(status).tv_sec != access.tv_sec) ||
+                         (IsFar(write) && Krt::File::WriteTime(status).tv_sec != write.tv_sec);
+    if (isOther && m_noted.insert(status.st_dev).second)
+        m_state.report.Note(Text(item.path + ": The file system can't store this time, and sets the nearest "
+                                             "one that it can. Other such entries are not reported"));
 }
 
 void ItemWriter::NoteUnverified(const std::string& path)

@@ -6,6 +6,8 @@
 #include "agent/Restore/FileBlobs.h"
 #include "agent/Restore/RestoreState.h"
 
+#include <set>
+
 namespace Agent {
 
 class ItemWriter
@@ -29,10 +31,12 @@ private:
     bool KeepUnchanged(RestoreItem& item);
     bool KeepOther(const RestoreItem& item, const Krt::File::YDirectory& parent, const struct stat& now);
     bool KeepFile(const RestoreItem& item, const Krt::Util::YUnxHandle& file);
+    void NoteOtherTimes(const RestoreItem& item);
     void NoteUnverified(const std::string& path);
 
     RestoreState& m_state;
     std::string m_failedDirectory; // with a slash; nothing below the directory is restored
+    std::set<dev_t> m_noted;       // file systems that can't store some times
 };
 
 } // namespace Agent

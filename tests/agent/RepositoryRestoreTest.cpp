@@ -563,6 +563,22 @@ TEST_F(RepositoryRestore, NamesOfOneInodeWithOtherContentAreSeparate)
     check(dumped.errors);
 }
 
+TEST_F(RepositoryRestore, TimesThatCanNotBeStoredAreReportedOnce)
+{
+    const auto late = [](std::string text) {
+        return text.replace(text.find("2001"), 4, "2600");
+    };
+    SaveTrees({[&](auto&) { return TreeText(late(FileText("b")) + "," + late(FileText("c"))); },
+               [&](auto& id) {
+                   return TreeText(late(DirectoryText("a", id)));
+               }});
+    const std::string notes = Restored(0).errors;
+    const bool isStored = StatusOf("a/b").st_mtime == 19902592000; // 2600-09-09
+    const std::size_t first = notes.find("can't store this time");
+    EXPECT_EQ(first == std::string::npos, isStored) << notes;
+    EXPECT_EQ(notes.find("can't store", first + 1), std::string::npos) << notes;
+}
+
 TEST_F(RepositoryRestore, RandomTreesComeBack)
 {
     const char* const wanted = std::getenv("RESTORE_ROUNDS");
