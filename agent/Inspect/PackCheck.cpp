@@ -58,18 +58,7 @@ public:
                   [](const IndexedBlob& a, const IndexedBlob& b) { return a.blob.offset < b.blob.offset; });
     }
 
-    void Run()
-    {
-        Named([this] { CheckHeader(); });
-        DropOutside();
-        if (!Named([this] { ReadBlobs(); })) {
-            // The rest of the pack was not read.
-            for (; m_next < m_blobs.size(); ++m_next)
-                m_state.MarkBad(m_blobs[m_next].number);
-        }
-        if (m_isBroken)
-            m_state.MarkBroken(m_pack);
-    }
+    void Run();
 
 private:
     // Returns false if the call failed, which it reports.
@@ -85,88 +74,13 @@ private:
         }
     }
 
-    void Fail(const std::string& text)
-    {
-        m_isBroken = true;
-        m_state.AddError(text.find(m_id.ToHex()) == std::string::npos ? m_file.Path() + ": " + text : text);
-    }
-
-    void CheckHeader()
-    {
-        std::vector<PackedBlob> listed = m_state.GetRepository().LoadPackHeader(m_id, m_size);
-        const bool isSame = std::equal(listed.begin(), listed.end(), m_blobs.begin(), m_blobs.end(),
-                                       [](const PackedBlob& a, const IndexedBlob& b) { return a == b.blob; });
-        if (!isSame)
-            Fail("The header of the pack is not what the index says");
-    }
-
-    // The blobs beyond the end of a pack that is cut off. The others can still be read.
-    void DropOutside()
-    {
-        std::erase_if(m_blobs, [this](const IndexedBlob& place) {
-            const bool isOutside = std::uint64_t(place.blob.offset) + place.blob.length > m_size;
-            if (isOutside)
-                m_state.MarkBad(place.number);
-            return isOutside;
-        });
-    }
-
-    void ReadBlobs()
-    {
-        std::uint64_t at = 0;
-        while (m_next < m_blobs.size()) {
-            at = SkipTo(at, m_blobs[m_next].blob.offset);
-            at = ReadStep(at);
-        }
-        SkipTo(at, m_size);
-        if (!m_overlaps && m_hash.Finish() != m_id)
-            Fail("The content of the pack does not have its id");
-    }
-
-    // Reads what no blob of the index covers.
-    std::uint64_t SkipTo(std::uint64_t at, std::uint64_t end)
-    {
-        while (at < end) {
-            const std::uint64_t length = std::min(end - at, StepSize);
-            Load(at, length);
-            m_hash.Add(m_read);
-            at += length;
-        }
-        return at;
-    }
-
-    // Reads and checks blobs without a gap between them. `at` is at the next one, or after its begin.
-    std::uint64_t ReadStep(std::uint64_t at)
-    {
-        const std::uint64_t begin = m_blobs[m_next].blob.offset;
-        m_overlaps |= begin != at;
-        std::uint64_t end = begin + m_blobs[m_next].blob.length;
-        std::size_t last = m_next + 1;
-        for (; last < m_blobs.size() && m_blobs[last].blob.offset == end; ++last) {
-            if (end + m_blobs[last].blob.length - begin > StepSize)
-                break;
-            end += m_blobs[last].blob.length;
-        }
-        Load(begin, end - begin);
-        m_hash.Add(m_read);
-        for (; m_next < last; ++m_next) {
-            const IndexedBlob& place = m_blobs[m_next];
-            const bool isGood = Named([&] {
-                m_state.GetRepository().DecodeBlob(
-                    m_id, place.blob, std::span(m_read).subspan(place.blob.offset - begin, place.blob.length),
-                    m_plaintext);
-            });
-            if (!isGood)
-                m_state.MarkBad(place.number);
-        }
-        return std::max(at, end);
-    }
-
-    void Load(std::uint64_t offset, std::uint64_t length)
-    {
-        m_state.GetRepository().GetBackend().Load(m_file, offset, length, m_read);
-        m_state.bytes += length;
-    }
+    void Fail(const std::string& text);
+    void CheckHeader();
+    void DropOutside();
+    void ReadBlobs();
+    std::uint64_t SkipTo(std::uint64_t at, std::uint64_t end);
+    std::uint64_t ReadStep(std::uint64_t at);
+    void Load(std::uint64_t offset, std::uint64_t length);
 
     CheckState& m_state;
     const std::uint32_t m_pack;
@@ -181,6 +95,102 @@ private:
     Repo::Bytes m_read;
     Repo::Bytes m_plaintext;
 };
+
+void PackCheck::Run()
+{
+    Named([this] { CheckHeader(); });
+    DropOutside();
+    if (!Named([this] { ReadBlobs(); })) {
+        // The rest of the pack was not read.
+        for (; m_next < m_blobs.size(); ++m_next)
+            m_state.MarkBad(m_blobs[m_next].number);
+    }
+    if (m_isBroken)
+        m_state.MarkBroken(m_pack);
+}
+
+void PackCheck::Fail(const std::string& text)
+{
+    m_isBroken = true;
+    m_state.AddError(text.find(m_id.ToHex()) == std::string::npos ? m_file.Path() + ": " + text : text);
+}
+
+void PackCheck::CheckHeader()
+{
+    std::vector<PackedBlob> listed = m_state.GetRepository().LoadPackHeader(m_id, m_size);
+    const bool isSame = std::equal(listed.begin(), listed.end(), m_blobs.begin(), m_blobs.end(),
+                                   [](const PackedBlob& a, const IndexedBlob& b) { return a == b.blob; });
+    if (!isSame)
+        Fail("The header of the pack is not what the index says");
+}
+
+// The blobs beyond the end of a pack that is cut off. The others can still be read.
+void PackCheck::DropOutside()
+{
+    std::erase_if(m_blobs, [this](const IndexedBlob& place) {
+        const bool isOutside = std::uint64_t(place.blob.offset) + place.blob.length > m_size;
+        if (isOutside)
+            m_state.MarkBad(place.number);
+        return isOutside;
+    });
+}
+
+void PackCheck::ReadBlobs()
+{
+    std::uint64_t at = 0;
+    while (m_next < m_blobs.size()) {
+        at = SkipTo(at, m_blobs[m_next].blob.offset);
+        at = ReadStep(at);
+    }
+    SkipTo(at, m_size);
+    if (!m_overlaps && m_hash.Finish() != m_id)
+        Fail("The content of the pack does not have its id");
+}
+
+// Reads what no blob of the index covers.
+std::uint64_t PackCheck::SkipTo(std::uint64_t at, std::uint64_t end)
+{
+    while (at < end) {
+        const std::uint64_t length = std::min(end - at, StepSize);
+        Load(at, length);
+        m_hash.Add(m_read);
+        at += length;
+    }
+    return at;
+}
+
+// Reads and checks blobs without a gap between them. `at` is at the next one, or after its begin.
+std::uint64_t PackCheck::ReadStep(std::uint64_t at)
+{
+    const std::uint64_t begin = m_blobs[m_next].blob.offset;
+    m_overlaps |= begin != at;
+    std::uint64_t end = begin + m_blobs[m_next].blob.length;
+    std::size_t last = m_next + 1;
+    for (; last < m_blobs.size() && m_blobs[last].blob.offset == end; ++last) {
+        if (end + m_blobs[last].blob.length - begin > StepSize)
+            break;
+        end += m_blobs[last].blob.length;
+    }
+    Load(begin, end - begin);
+    m_hash.Add(m_read);
+    for (; m_next < last; ++m_next) {
+        const IndexedBlob& place = m_blobs[m_next];
+        const bool isGood = Named([&] {
+            m_state.GetRepository().DecodeBlob(
+                m_id, place.blob, std::span(m_read).subspan(place.blob.offset - begin, place.blob.length),
+                m_plaintext);
+        });
+        if (!isGood)
+            m_state.MarkBad(place.number);
+    }
+    return std::max(at, end);
+}
+
+void PackCheck::Load(std::uint64_t offset, std::uint64_t length)
+{
+    m_state.GetRepository().GetBackend().Load(m_file, offset, length, m_read);
+    m_state.bytes += length;
+}
 
 } // namespace
 

@@ -5,11 +5,8 @@
 #include "agent/Inspect/TreeCheck.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
-#include "agent/Run/UsageError.h"
 
 #include <algorithm>
-#include <cmath>
-#include <random>
 #include <unordered_map>
 
 namespace Agent {
@@ -21,8 +18,6 @@ using Repo::RepositoryError;
 
 namespace {
 
-constexpr std::uint64_t NoSize = UINT64_MAX; // of a pack that does not exist
-
 class Check
 {
 public:
@@ -30,224 +25,27 @@ public:
         : m_repository(repository), m_observer(observer)
     {}
 
-    CheckSummary Run(const std::optional<PackSubset>& readData)
-    {
-        m_observer.OnStage("load snapshots and indexes");
-        CheckKeys();
-        LoadSnapshots();
-        LoadIndex();
-        CheckState state(m_repository);
-        m_observer.OnStage("check all packs");
-        CheckPacks(state);
-        Report(state);
-        m_observer.OnStage("check snapshots, trees and blobs");
-        Begin(state);
-        CheckTrees(state, m_snapshots, [&] { Report(state); });
-        ReportFurther(state);
-        ReportUnindexed(state);
-        if (readData) {
-            m_observer.OnStage("read all data");
-            Begin(state);
-            ReadPacks(state, *readData);
-        }
-        if (state.HasDamage()) {
-            m_observer.OnStage("find the entries of snapshots that the damage touches");
-            constexpr unsigned int Most = 10000, MostOfWrongIndex = 100;
-            FindTouchedEntries(state, m_snapshots, m_isIncomplete ? MostOfWrongIndex : Most, m_observer);
-        }
-        m_summary.brokenPacks = state.GetBrokenPacks();
-        return m_summary;
-    }
+    CheckSummary Run(const std::optional<PackSubset>& readData);
 
 private:
-    void Fail(const std::string& text)
-    {
-        ++m_summary.errors;
-        m_observer.OnError(text);
-    }
-
-    void Fail(const FileName& file, const RepositoryError& error)
-    {
-        const std::string text = ReasonOf(error).Bytes();
-        Fail(text.find(file.Path()) == std::string::npos ? file.Path() + ": " + text : text);
-    }
-
+    void Fail(const std::string& text);
+    void Fail(const FileName& file, const RepositoryError& error);
     static void Begin(CheckState& state)
     {
         state.items = 0;
         state.bytes = 0;
     }
 
-    void Report(CheckState& state)
-    {
-        for (const std::string& text : state.TakeErrors())
-            Fail(text);
-        m_observer.OnProgress(state.items, state.bytes);
-    }
-
-    void CheckKeys()
-    {
-        for (const Id& id : m_repository.ListIds(FileKind::Key)) {
-            const FileName file{FileKind::Key, id};
-            try {
-                Repo::Bytes content;
-                m_repository.LoadStored(file, content);
-                Repo::KeyFile::Parse(Repo::AsText(content));
-            } catch (const RepositoryError& error) {
-                Fail(file, error);
-            }
-        }
-    }
-
-    void LoadSnapshots()
-    {
-        m_snapshots = m_repository.LoadSnapshots(
-            {}, [this](const FileName& file, const RepositoryError& error) { Fail(file, error); });
-    }
-
-    void LoadIndex()
-    {
-        const auto fail = [this](const FileName& file, const RepositoryError& error) {
-            m_summary.isIndexWrong = true;
-            Fail(file, error);
-        };
-        m_repository.LoadIndex(fail, WorkerCount());
-        if (const std::size_t count = m_repository.GetIndex().CountDuplicates(); count != 0) {
-            m_summary.hasUnusedPacks = true;
-            m_observer.OnHint("index: entries that are in several index files: " + std::to_string(count));
-        }
-    }
-
-    void CheckPacks(CheckState& state)
-    {
-        std::unordered_map<Id, std::uint64_t, Repo::IdHash> files;
-        m_repository.GetBackend().List(
-            FileKind::Pack, [&](const Id& id, std::uint64_t size) { files.insert_or_assign(id, size); });
-        const auto& packs = m_repository.GetIndex().GetPacks();
-        m_sizes.assign(packs.size(), NoSize);
-        for (std::uint32_t number = 0; number < packs.size(); ++number) {
-            RaiseIfInterrupted();
-            const auto file = files.find(packs[number].id);
-            if (file != files.end()) {
-                m_sizes[number] = file->second;
-                files.erase(file);
-            }
-            CheckPack(state, number);
-        }
-        for (const auto& [id, size] : files)
-            m_unindexed.push_back(id);
-        std::sort(m_unindexed.begin(), m_unindexed.end());
-    }
-
-    void ReportFurther(const CheckState& state)
-    {
-        if (const std::uint64_t further = state.GetFurther(); further != 0) {
-            m_summary.errors += further - 1;
-            Fail("further trees with such errors: " + std::to_string(further));
-        }
-    }
-
-    // Packs without an index are of no use, unless they have what the index lacks.
-    void ReportUnindexed(const CheckState& state)
-    {
-        constexpr std::size_t HintLimit = 100;
-        if (m_unindexed.empty())
-            return;
-        m_isIncomplete = m_summary.isIndexWrong || state.LacksBlobs();
-        if (m_isIncomplete) {
-            m_summary.isIndexWrong = true;
-            m_observer.OnHint("packs that no index refers to, and may have what it lacks: " +
-                              std::to_string(m_unindexed.size()));
-            return;
-        }
-        m_summary.hasUnusedPacks = true;
-        for (std::size_t i = 0; i < std::min(m_unindexed.size(), HintLimit); ++i)
-            m_observer.OnHint(FileName{FileKind::Pack, m_unindexed[i]}.Path() +
-                              ": no index refers to the pack");
-        if (m_unindexed.size() > HintLimit)
-            m_observer.OnHint("further packs that no index refers to: " +
-                              std::to_string(m_unindexed.size() - HintLimit));
-    }
-
-    void CheckPack(CheckState& state, std::uint32_t number)
-    {
-        const Repo::IndexedPack& pack = m_repository.GetIndex().GetPacks()[number];
-        const std::string path = FileName{FileKind::Pack, pack.id}.Path();
-        const std::uint64_t size = m_sizes[number];
-        if (pack.hasData && pack.hasTrees)
-            m_observer.OnHint(path + ": the pack has data and trees");
-        const std::uint64_t outside = MarkOutside(state, number);
-        if (size == NoSize)
-            state.AddError(path + ": the pack is missing");
-        else if (size != pack.size)
-            state.AddError(path + ": the pack has " + std::to_string(size) + " bytes, the index expects " +
-                           std::to_string(pack.size));
-        else if (outside != 0)
-            state.AddError(path + ": the index places blobs outside of the pack: " + std::to_string(outside));
-        else
-            return;
-        m_summary.isIndexWrong = true;
-        state.MarkBroken(number);
-    }
-
-    // Marks the blobs that are not within their pack, and returns their number.
-    std::uint64_t MarkOutside(CheckState& state, std::uint32_t number)
-    {
-        const std::uint64_t size = m_sizes[number] == NoSize ? 0 : m_sizes[number];
-        std::uint64_t outside = 0;
-        for (const std::uint32_t blob : state.BlobsOf(number)) {
-            const Repo::PackedBlob stored = m_repository.GetIndex().At(blob).blob;
-            if (std::uint64_t(stored.offset) + stored.length <= size)
-                continue;
-            state.MarkBad(blob);
-            ++outside;
-        }
-        return outside;
-    }
-
-    std::vector<std::uint32_t> Choose(const PackSubset& subset) const
-    {
-        const auto& packs = m_repository.GetIndex().GetPacks();
-        std::vector<std::uint32_t> chosen;
-        for (std::uint32_t number = 0; number < packs.size(); ++number) {
-            if (m_sizes[number] != NoSize && packs[number].id.bytes[0] % subset.parts == subset.part - 1)
-                chosen.push_back(number);
-        }
-        const bool isRandom = subset.percent < 100 || subset.bytes != UINT64_MAX;
-        if (!isRandom)
-            return chosen;
-        std::shuffle(chosen.begin(), chosen.end(), std::mt19937_64(std::random_device()()));
-        auto count =
-            static_cast<std::size_t>(std::ceil(static_cast<double>(chosen.size()) * subset.percent / 100));
-        std::uint64_t bytes = 0;
-        for (std::size_t i = 0; i < count; ++i) {
-            if (bytes >= subset.bytes)
-                count = i;
-            else
-                bytes += m_sizes[chosen[i]];
-        }
-        chosen.resize(count);
-        return chosen;
-    }
-
-    void ReadPacks(CheckState& state, const PackSubset& subset)
-    {
-        const std::vector<std::uint32_t> chosen = Choose(subset);
-        std::atomic<std::size_t> next{0};
-        RunOnThreads(
-            WorkerCount(),
-            [&](const std::function<bool()>& hasFailed) {
-                for (std::size_t i = next++; i < chosen.size() && !hasFailed(); i = next++) {
-                    RaiseIfInterrupted();
-                    CheckPackContent(state, chosen[i], m_sizes[chosen[i]]);
-                    ++state.items;
-                }
-            },
-            [&] { Report(state); });
-        m_observer.OnStage(std::to_string(state.items) + " of " +
-                           std::to_string(m_repository.GetIndex().GetPacks().size()) + " packs were read, " +
-                           ShortSize(state.bytes));
-    }
+    void Report(CheckState& state);
+    void CheckKeys();
+    void LoadSnapshots();
+    void LoadIndex();
+    void CheckPacks(CheckState& state);
+    void ReportFurther(const CheckState& state);
+    void ReportUnindexed(const CheckState& state);
+    void CheckPack(CheckState& state, std::uint32_t number);
+    std::uint64_t MarkOutside(CheckState& state, std::uint32_t number);
+    void ReadPacks(CheckState& state, const PackSubset& subset);
 
     Repo::Repository& m_repository;
     ICheckObserver& m_observer;
@@ -258,53 +56,193 @@ private:
     std::vector<std::uint64_t> m_sizes; // of the packs' files, by number; NoSize for one that is missing
 };
 
-// Reads a number at the beginning of the text; `end` is set to the position after it.
-double NumberIn(const std::string& text, std::size_t& end)
+CheckSummary Check::Run(const std::optional<PackSubset>& readData)
 {
-    end = text.find_first_not_of("0123456789.");
-    end = end == std::string::npos ? text.size() : end;
-    try {
-        return std::stod(text.substr(0, end));
-    } catch (const std::exception&) {
-        return -1;
+    m_observer.OnStage("load snapshots and indexes");
+    CheckKeys();
+    LoadSnapshots();
+    LoadIndex();
+    CheckState state(m_repository);
+    m_observer.OnStage("check all packs");
+    CheckPacks(state);
+    Report(state);
+    m_observer.OnStage("check snapshots, trees and blobs");
+    Begin(state);
+    CheckTrees(state, m_snapshots, [&] { Report(state); });
+    ReportFurther(state);
+    ReportUnindexed(state);
+    if (readData) {
+        m_observer.OnStage("read all data");
+        Begin(state);
+        ReadPacks(state, *readData);
     }
+    if (state.HasDamage()) {
+        m_observer.OnStage("find the entries of snapshots that the damage touches");
+        constexpr unsigned int Most = 10000, MostOfWrongIndex = 100;
+        FindTouchedEntries(state, m_snapshots, m_isIncomplete ? MostOfWrongIndex : Most, m_observer);
+    }
+    m_summary.brokenPacks = state.GetBrokenPacks();
+    return m_summary;
+}
+
+void Check::Fail(const std::string& text)
+{
+    ++m_summary.errors;
+    m_observer.OnError(text);
+}
+
+void Check::Fail(const FileName& file, const RepositoryError& error)
+{
+    const std::string text = ReasonOf(error).Bytes();
+    Fail(text.find(file.Path()) == std::string::npos ? file.Path() + ": " + text : text);
+}
+
+void Check::Report(CheckState& state)
+{
+    for (const std::string& text : state.TakeErrors())
+        Fail(text);
+    m_observer.OnProgress(state.items, state.bytes);
+}
+
+void Check::CheckKeys()
+{
+    for (const Id& id : m_repository.ListIds(FileKind::Key)) {
+        const FileName file{FileKind::Key, id};
+        try {
+            Repo::Bytes content;
+            m_repository.LoadStored(file, content);
+            Repo::KeyFile::Parse(Repo::AsText(content));
+        } catch (const RepositoryError& error) {
+            Fail(file, error);
+        }
+    }
+}
+
+void Check::LoadSnapshots()
+{
+    m_snapshots = m_repository.LoadSnapshots(
+        {}, [this](const FileName& file, const RepositoryError& error) { Fail(file, error); });
+}
+
+void Check::LoadIndex()
+{
+    const auto fail = [this](const FileName& file, const RepositoryError& error) {
+        m_summary.isIndexWrong = true;
+        Fail(file, error);
+    };
+    m_repository.LoadIndex(fail, WorkerCount());
+    if (const std::size_t count = m_repository.GetIndex().CountDuplicates(); count != 0) {
+        m_summary.hasUnusedPacks = true;
+        m_observer.OnHint("index: entries that are in several index files: " + std::to_string(count));
+    }
+}
+
+void Check::CheckPacks(CheckState& state)
+{
+    std::unordered_map<Id, std::uint64_t, Repo::IdHash> files;
+    m_repository.GetBackend().List(
+        FileKind::Pack, [&](const Id& id, std::uint64_t size) { files.insert_or_assign(id, size); });
+    const auto& packs = m_repository.GetIndex().GetPacks();
+    m_sizes.assign(packs.size(), PackSubset::NoSize);
+    for (std::uint32_t number = 0; number < packs.size(); ++number) {
+        RaiseIfInterrupted();
+        const auto file = files.find(packs[number].id);
+        if (file != files.end()) {
+            m_sizes[number] = file->second;
+            files.erase(file);
+        }
+        CheckPack(state, number);
+    }
+    for (const auto& [id, size] : files)
+        m_unindexed.push_back(id);
+    std::sort(m_unindexed.begin(), m_unindexed.end());
+}
+
+void Check::ReportFurther(const CheckState& state)
+{
+    if (const std::uint64_t further = state.GetFurther(); further != 0) {
+        m_summary.errors += further - 1;
+        Fail("further trees with such errors: " + std::to_string(further));
+    }
+}
+
+// Packs without an index are of no use, unless they have what the index lacks.
+void Check::ReportUnindexed(const CheckState& state)
+{
+    constexpr std::size_t HintLimit = 100;
+    if (m_unindexed.empty())
+        return;
+    m_isIncomplete = m_summary.isIndexWrong || state.LacksBlobs();
+    if (m_isIncomplete) {
+        m_summary.isIndexWrong = true;
+        m_observer.OnHint("packs that no index refers to, and may have what it lacks: " +
+                          std::to_string(m_unindexed.size()));
+        return;
+    }
+    m_summary.hasUnusedPacks = true;
+    for (std::size_t i = 0; i < std::min(m_unindexed.size(), HintLimit); ++i)
+        m_observer.OnHint(FileName{FileKind::Pack, m_unindexed[i]}.Path() + ": no index refers to the pack");
+    if (m_unindexed.size() > HintLimit)
+        m_observer.OnHint("further packs that no index refers to: " +
+                          std::to_string(m_unindexed.size() - HintLimit));
+}
+
+void Check::CheckPack(CheckState& state, std::uint32_t number)
+{
+    const Repo::IndexedPack& pack = m_repository.GetIndex().GetPacks()[number];
+    const std::string path = FileName{FileKind::Pack, pack.id}.Path();
+    const std::uint64_t size = m_sizes[number];
+    if (pack.hasData && pack.hasTrees)
+        m_observer.OnHint(path + ": the pack has data and trees");
+    const std::uint64_t outside = MarkOutside(state, number);
+    if (size == PackSubset::NoSize)
+        state.AddError(path + ": the pack is missing");
+    else if (size != pack.size)
+        state.AddError(path + ": the pack has " + std::to_string(size) + " bytes, the index expects " +
+                       std::to_string(pack.size));
+    else if (outside != 0)
+        state.AddError(path + ": the index places blobs outside of the pack: " + std::to_string(outside));
+    else
+        return;
+    m_summary.isIndexWrong = true;
+    state.MarkBroken(number);
+}
+
+// Marks the blobs that are not within their pack, and returns their number.
+std::uint64_t Check::MarkOutside(CheckState& state, std::uint32_t number)
+{
+    const std::uint64_t size = m_sizes[number] == PackSubset::NoSize ? 0 : m_sizes[number];
+    std::uint64_t outside = 0;
+    for (const std::uint32_t blob : state.BlobsOf(number)) {
+        const Repo::PackedBlob stored = m_repository.GetIndex().At(blob).blob;
+        if (std::uint64_t(stored.offset) + stored.length <= size)
+            continue;
+        state.MarkBad(blob);
+        ++outside;
+    }
+    return outside;
+}
+
+void Check::ReadPacks(CheckState& state, const PackSubset& subset)
+{
+    const std::vector<std::uint32_t> chosen = subset.Choose(m_repository.GetIndex().GetPacks(), m_sizes);
+    std::atomic<std::size_t> next{0};
+    RunOnThreads(
+        WorkerCount(),
+        [&](const std::function<bool()>& hasFailed) {
+            for (std::size_t i = next++; i < chosen.size() && !hasFailed(); i = next++) {
+                RaiseIfInterrupted();
+                CheckPackContent(state, chosen[i], m_sizes[chosen[i]]);
+                ++state.items;
+            }
+        },
+        [&] { Report(state); });
+    m_observer.OnStage(std::to_string(state.items) + " of " +
+                       std::to_string(m_repository.GetIndex().GetPacks().size()) + " packs were read, " +
+                       ShortSize(state.bytes));
 }
 
 } // namespace
-
-PackSubset PackSubset::Parse(const std::string& text)
-{
-    PackSubset subset;
-    std::size_t end = 0;
-    const double number = NumberIn(text, end);
-    const std::string unit = text.substr(end);
-    constexpr std::string_view Units = "KMGT";
-    if (unit.starts_with('/') && unit.size() > 1) {
-        std::size_t rest = 0;
-        const std::string total = unit.substr(1);
-        const double parts = NumberIn(total, rest);
-        const bool isWhole = std::floor(number) == number && std::floor(parts) == parts;
-        if (isWhole && rest == total.size() && number >= 1 && number <= parts && parts <= 256) {
-            subset.part = static_cast<unsigned int>(number);
-            subset.parts = static_cast<unsigned int>(parts);
-            return subset;
-        }
-    } else if (unit == "%" && number > 0 && number <= 100) {
-        subset.percent = number;
-        return subset;
-    } else if (unit.size() <= 1 && number > 0) {
-        const char letter = unit.empty() ? '\0' : static_cast<char>(std::toupper(unit.front()));
-        const std::size_t power = unit.empty() ? 0 : Units.find(letter) + 1;
-        const double bytes = number * std::pow(1024, static_cast<double>(power));
-        if ((unit.empty() || Units.find(letter) != std::string_view::npos) && bytes >= 1 && bytes < 1e18) {
-            subset.bytes = static_cast<std::uint64_t>(bytes);
-            return subset;
-        }
-    }
-    throw UsageError("--read-data-subset takes n/t with t up to 256, a percentage such as 2.5%, or a size "
-                     "such as 500M: '" +
-                     text + "'");
-}
 
 CheckSummary CheckRepository(Repo::Repository& repository, const std::optional<PackSubset>& readData,
                              ICheckObserver& observer)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "agent/Inspect/CheckState.h"
+#include "agent/Inspect/PackSubset.h"
 
 #include "agent/Access/Session.h"
 
@@ -11,18 +12,6 @@
 #include <vector>
 
 namespace Agent {
-
-/// The part of the packs whose content is read.
-struct PackSubset
-{
-    unsigned int part = 1;            ///< of the packs in `parts` parts, by the first byte of the id; from 1
-    unsigned int parts = 1;           ///< at most 256
-    double percent = 100;             ///< of the packs, chosen at random
-    std::uint64_t bytes = UINT64_MAX; ///< of packs, chosen at random, and up to one pack more
-
-    /// Reads "n/t", "n%" or a size such as "500M". Raises UsageError for other text.
-    static PackSubset Parse(const std::string& text);
-};
 
 /// Receives what a check finds, on the thread that runs it.
 class ICheckObserver
