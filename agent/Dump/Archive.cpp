@@ -1,11 +1,14 @@
 #include "agent/Dump/Archive.h"
 
+#include "agent/Repository/Utf8.h"
+
 #include "Krt/Exception/Raise.h"
 
 #include <archive.h>
 #include <archive_entry.h>
 
 #include <locale.h>
+#include <optional>
 #include <sys/stat.h>
 
 namespace Agent {
@@ -13,11 +16,11 @@ namespace Agent {
 using Repo::Node;
 using Repo::NodeType;
 
-// libarchive converts names from the locale of the thread. In this one they are UTF-8, and other bytes stay.
+// libarchive converts names from the locale of the thread: until this object is destroyed, from this one.
 class Archive::Locale
 {
 public:
-    Locale() : m_locale(newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr))
+    explicit Locale(const char* name) : m_locale(newlocale(LC_CTYPE_MASK, name, nullptr))
     {
         if (m_locale != nullptr)
             m_before = uselocale(m_locale);
@@ -120,7 +123,8 @@ bool AddAccessList(archive_entry* entry, const Repo::NodeAttribute& attribute)
 } // namespace
 
 Archive::Archive(ArchiveFormat format, Sink sink)
-    : m_sink(std::move(sink)), m_locale(std::make_unique<Locale>()),
+    : m_format(format), m_sink(std::move(sink)),
+      m_locale(std::make_unique<Locale>("C.UTF-8")), // names are UTF-8 in it, and other bytes stay
       m_writer(archive_write_new(), &archive_write_free), m_entry(archive_entry_new(), &archive_entry_free)
 {
     KRT_RAISE_UNLESS(m_writer && m_entry, Krt::ErrorCode::OutOfMemory, "There is no memory for an archive");
@@ -173,6 +177,10 @@ void Archive::Begin(const std::string& path, const Node& node, std::uint64_t siz
         archive_entry_set_hardlink(entry, linkTarget.c_str());
     else if (node.type == NodeType::File)
         archive_entry_set_size(entry, static_cast<la_int64_t>(size));
+    // With the locale above, the name of an entry of a zip archive is marked as UTF-8, whether it is or not.
+    std::optional<Locale> plain;
+    if (m_format == ArchiveFormat::Zip && !Repo::IsUtf8(path))
+        plain.emplace("C");
     Require(archive_write_header(m_writer.get(), entry));
 }
 

@@ -49,6 +49,7 @@ private:
     void Require(int result);
     [[noreturn]] void RaiseFailed() const;
 
+    const ArchiveFormat m_format;
     Sink m_sink;
     std::exception_ptr m_failure; // of the sink
     std::unique_ptr<Locale> m_locale;

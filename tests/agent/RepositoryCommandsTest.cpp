@@ -230,7 +230,12 @@ TEST_P(RepositoryOfRestic, DumpedEntryEqualsItsSource)
     const TreeView view{.identity = false};
     EXPECT_EQ(DescribeTree(directory / "out/s", view), DescribeTree(source, view));
     Run(3, "dump --host h2 -a zip latest /s --target s.zip"); // it has a FIFO
-    EXPECT_EQ(ReadFile(directory / "s.zip").substr(0, 2), "PK");
+    const std::string zip = ReadFile(directory / "s.zip");
+    const std::string odd = "s/odd \\ \"name\n\xFF";
+    constexpr std::size_t ToFlags = 23, ToFlagsOfDirectory = 37; // back from the name, in the two headers
+    ASSERT_GT(zip.rfind(odd), zip.find(odd));
+    EXPECT_EQ((zip[zip.find(odd) - ToFlags] | zip[zip.rfind(odd) - ToFlagsOfDirectory]) & 8, 0)
+        << "the name is not UTF-8";
     EXPECT_TRUE(Holds(Run(1, "dump latest /none").errors, "/none"));
     Run(2, "dump latest");
     EXPECT_EQ(Run(0, "dump latest:/s --host h2 empty").output, "");
