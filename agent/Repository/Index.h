@@ -1,6 +1,6 @@
-// Index: in which packs blobs are, united from all index files. It is made for 10,000,000 blobs: it takes
-// about 56 bytes for each. Reading operations may be called by any number of threads at once, while no thread
-// adds.
+// Index: in which packs blobs are, united from all index files. It is made for 10,000,000 blobs, for each of
+// which it takes 57 bytes (measured with 40 blobs in a pack; 60 for each of 2,000,000). Reading operations
+// may be called by any number of threads at once, while no thread adds.
 #pragma once
 
 #include "agent/Repository/Blob.h"
