@@ -150,6 +150,14 @@ void Apply(const Attributes& attributes, const Krt::Util::YUnxHandle& handle, Re
 {
     // With an access list inherited from the directory, the group's bits would become rights of its users.
     Try(refused, "mode without inherited rights", YString(), [&] { Krt::File::RemoveAccessLists(handle); });
+    // Without the owner's right to write, which a kept file may lack, the kernel refuses to set attributes of
+    // the namespace "user".
+    if (!attributes.extended.empty())
+        Try(refused, "mode", YString(), [&] {
+            const mode_t mode = Krt::File::Stat(handle).st_mode & 07777;
+            if ((mode & S_IWUSR) == 0)
+                YEntry(handle).SetMode(mode | S_IWUSR);
+        });
     ApplyTo(attributes, YEntry(handle), true, refused);
 }
 

@@ -530,6 +530,31 @@ TEST_F(RepositoryRestore, OrdinaryUserGetsFilesWithoutTheirOwners)
     }
 }
 
+TEST_F(RepositoryRestore, OrdinaryUserRestoresAttributesOfReadOnlyFileAgain)
+{
+    SaveTrees({[](auto&) {
+        std::string text = FileText("a");
+        text.replace(text.find("420"), 3, "292");
+        return TreeText(text.insert(text.find(R"("type")"),
+                                    R"("extended_attributes":[{"name":"user.a","value":"Yg=="}],)"));
+    }});
+    const std::string command =
+        "chown 65534 " + directory.Path() + " && chown -R 65534 " + repository + " " + target;
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    const auto prepare = [] {
+        setenv("KBAGENT_PASSWORD", "secret", 1);
+    };
+    for (int round = 0; round < 2; ++round) {
+        const auto result = RunProgram({"restore", "-r", repository, "-t", target, "latest"},
+                                       {.user = OrdinaryUser, .prepare = prepare});
+        EXPECT_EQ(result.exitCode, 0) << result.errors;
+        char value = 0;
+        EXPECT_EQ(getxattr((target + "/a").c_str(), "user.a", &value, 1), 1);
+        EXPECT_EQ(value, 'b');
+        setxattr((target + "/a").c_str(), "user.a", "c", 1, 0);
+    }
+}
+
 // A file that changes during its backup.
 TEST_F(RepositoryRestore, NamesOfOneInodeWithOtherContentAreSeparate)
 {
