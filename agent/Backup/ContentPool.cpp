@@ -121,7 +121,7 @@ private:
     bool TryRead(FileToRead& file, bool isLast)
     {
         StoredContent& content = m_state->content;
-        m_handle = &file.file->GetHandle();
+        m_handle = file.file.get();
         try {
             content.status = Krt::File::Stat(*m_handle);
         } catch (const Krt::Exception::YError& error) {

@@ -16,7 +16,7 @@
 #include "agent/Repository/BlobSaver.h"
 #include "agent/Repository/Chunker.h"
 
-#include "Backup/File/Unix/YFile.h"
+#include "Krt/Util/YUnxHandle.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -48,7 +48,7 @@ struct StoredContent
 /// A file to be read.
 struct FileToRead
 {
-    std::unique_ptr<Backup::File::YFile> file; ///< open
+    std::shared_ptr<const Krt::Util::YUnxHandle> file; ///< open for reading; released once it was read
     /// Called once with the outcome by any thread, but not if the pool fails.
     std::function<void(const StoredContent& content)> onDone;
 };

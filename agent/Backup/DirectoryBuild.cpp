@@ -18,9 +18,20 @@ constexpr std::size_t LargestTree = UINT32_MAX - (64 << 20);
 
 } // namespace
 
-DirectoryBuild::DirectoryBuild(BuildContext& context, std::shared_ptr<DirectoryBuild> above, std::string path)
-    : m_context(context), m_above(std::move(above)), m_path(std::move(path))
+DirectoryBuild::DirectoryBuild(BuildContext& context, std::shared_ptr<DirectoryBuild> above, std::string name)
+    : m_context(context), m_above(std::move(above)), m_name(std::move(name))
 {}
+
+std::string DirectoryBuild::GetPath() const
+{
+    std::vector<const DirectoryBuild*> directories;
+    for (const DirectoryBuild* each = this; each->m_above != nullptr; each = each->m_above.get())
+        directories.push_back(each);
+    std::string path;
+    for (; !directories.empty(); directories.pop_back())
+        path += "/" + directories.back()->m_name;
+    return path;
+}
 
 void DirectoryBuild::SetNode(Node node, std::string before)
 {
@@ -78,8 +89,9 @@ bool DirectoryBuild::Complete()
     if (m_entries.empty() && (m_needsEntries || m_above == nullptr))
         return false;
     if (m_text.size() + m_entries.size() > LargestTree) {
-        m_context.onFailed(m_path, "The directory has too many entries for the format: its tree would have " +
-                                       ShortSize(m_text.size()));
+        m_context.onFailed(GetPath(),
+                           "The directory has too many entries for the format: its tree would have " +
+                               ShortSize(m_text.size()));
         return false;
     }
     const std::string tree = MakeTree();
@@ -111,7 +123,7 @@ std::string DirectoryBuild::MakeTree()
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
         const Entry& entry = m_entries[i];
         if (i != 0 && entry.name == m_entries[i - 1].name) {
-            m_context.onFailed(m_path + "/" + entry.name, "The directory changed while it was walked");
+            m_context.onFailed(GetPath() + "/" + entry.name, "The directory changed while it was walked");
             continue;
         }
         tree += i == 0 ? "" : ",";

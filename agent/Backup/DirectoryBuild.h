@@ -39,10 +39,11 @@ struct BuildContext
 class DirectoryBuild
 {
 public:
-    /// `above` is null for the root of the snapshot, which has no node.
-    DirectoryBuild(BuildContext& context, std::shared_ptr<DirectoryBuild> above, std::string path);
+    /// `above` is null for the root of the snapshot, which has no node and no name.
+    DirectoryBuild(BuildContext& context, std::shared_ptr<DirectoryBuild> above, std::string name);
 
-    const std::string& GetPath() const { return m_path; }
+    /// The path in the snapshot, as in "/a/b"; empty for the root.
+    std::string GetPath() const;
     const std::shared_ptr<DirectoryBuild>& GetAbove() const { return m_above; }
     /// The directory's own node without its tree, and that of the parent snapshot as JSON text, or "".
     void SetNode(Repo::Node node, std::string before);
@@ -78,7 +79,7 @@ private:
 
     BuildContext& m_context;
     const std::shared_ptr<DirectoryBuild> m_above;
-    const std::string m_path;
+    const std::string m_name;
     Repo::Node m_node;
     std::string m_before;
     std::atomic<bool> m_needsEntries{false};

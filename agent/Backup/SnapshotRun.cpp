@@ -1,6 +1,5 @@
 #include "agent/Backup/SnapshotRun.h"
 
-#include "agent/Access/Workers.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
@@ -16,7 +15,6 @@ namespace Agent {
 using Krt::YString;
 using Krt::File::YDirectory;
 using Krt::File::YPath;
-using Repo::BlobType;
 using Repo::Id;
 using Repo::Node;
 using Repo::NodeType;
@@ -24,7 +22,6 @@ using Repo::Timestamp;
 
 namespace {
 
-constexpr std::chrono::milliseconds BetweenTicks{100};
 constexpr std::int64_t CoarsestClock = 2; // seconds between two times that a file system tells apart
 constexpr std::string_view Replacement = "\xEF\xBF\xBD"; // in place of bytes that are not UTF-8
 
@@ -63,44 +60,16 @@ YPath PathOf(const std::string& path)
 struct SnapshotRun::VisitedDirectory
 {
     std::shared_ptr<DirectoryBuild> build;
+    std::string path;
     std::unique_ptr<ParentTree> before;
 };
 
-// An error that the call raises ends the run. The walk would take it for the failure of an entry.
-template <class Call>
-void SnapshotRun::EndRunOnError(const Call& call)
-{
-    try {
-        call();
-    } catch (...) {
-        const std::lock_guard guard(m_mutex);
-        if (!m_failure)
-            m_failure = std::current_exception();
-        m_isFailed = true;
-        throw;
-    }
-}
-
 SnapshotRun::SnapshotRun(const Repo::Repository& repository, Repo::BlobSaver& saver, Report& report,
                          SnapshotRunOptions options)
-    : m_repository(repository), m_saver(saver), m_report(report), m_options(std::move(options)),
-      m_trustedBefore(TrustedBefore(m_options.parent)), m_lastTick(std::chrono::steady_clock::now()),
-      m_pool(
-          repository.GetConfig().polynomial,
-          [this](BlobType type, Repo::ByteView plaintext) { return StoreBlob(type, plaintext); },
-          PoolOptions{.threads = WorkerCount(), .readers = std::max(1u, m_options.readers), .onWait = [this] {
-                          RaiseIfInterrupted();
-                          Tick();
-                      }})
+    : m_repository(repository), m_report(report), m_options(std::move(options)),
+      m_trustedBefore(TrustedBefore(m_options.parent)), m_build(repository, saver, report, m_options)
 {
-    m_context.store = [this](BlobType type, Repo::ByteView plaintext) {
-        return StoreBlob(type, plaintext);
-    };
-    m_context.onFailed = [this](const std::string& path, const std::string& reason) {
-        Post(path, reason, true);
-    };
-    m_root = std::make_shared<DirectoryBuild>(m_context, nullptr, "");
-    m_visited.push_back({m_root, nullptr});
+    m_visited.push_back({m_build.GetRoot(), "", nullptr});
     if (m_options.parent) {
         try {
             m_visited.back().before = std::make_unique<ParentTree>(m_repository, m_options.parent->tree);
@@ -114,10 +83,7 @@ SnapshotRun::~SnapshotRun() = default;
 
 bool SnapshotRun::OnSelected(const WalkedEntry& entry)
 {
-    EndRunOnError([this] {
-        Tick();
-        m_pool.RaiseFailure();
-    });
+    m_build.Tick();
     const struct stat& status = entry.Status();
     if (S_ISSOCK(status.st_mode)) {
         ++m_sockets;
@@ -175,7 +141,7 @@ bool SnapshotRun::IsContentUnchanged(const Node& before, const struct stat& stat
     return before.type == NodeType::File && before.content && IsTrusted(before, status) &&
            before.size == static_cast<std::uint64_t>(status.st_size) &&
            std::all_of(before.content->begin(), before.content->end(), [this](const Id& id) {
-               return m_repository.GetIndex().Has({BlobType::Data, id});
+               return m_repository.GetIndex().Has({Repo::BlobType::Data, id});
            });
 }
 
@@ -199,9 +165,8 @@ void SnapshotRun::AddUnmodified(VisitedDirectory& visited, const struct stat& st
 {
     if (LinkedContents::MayHave(status))
         m_links.Forget(status);
-    m_bytes += node.size;
-    m_unreadBytes += node.size;
-    ++m_files.isUnmodified;
+    m_build.CountFile(&ChangeCounts::isUnmodified, node.size);
+    m_build.CountUnread(node.size);
     visited.build->Announce();
     DirectoryBuild::Add(visited.build, node);
 }
@@ -219,16 +184,19 @@ void SnapshotRun::AddFile(VisitedDirectory& visited, CapturedEntry captured, con
         if (!onDone)
             return;
     }
-    EndRunOnError([&] { m_pool.Add({std::move(captured.file), std::move(onDone)}); });
+    const std::shared_ptr<const Backup::File::YFile> file = std::move(captured.file);
+    m_build.AddContent({{file, &file->GetHandle()}, std::move(onDone)});
 }
 
 // Completes the node of a file. Any thread.
 void SnapshotRun::FileDone(const std::shared_ptr<DirectoryBuild>& directory, Node& node,
                            const std::string& before, const StoredContent& content)
 {
-    const std::string path = directory->GetPath() + "/" + node.name;
+    const auto post = [&](const std::string& text, bool isFailure) {
+        m_build.Post(directory->GetPath() + "/" + node.name, text, isFailure);
+    };
     if (!content.failure.empty()) {
-        Post(path, content.failure, true);
+        post(content.failure, true);
         DirectoryBuild::Drop(directory);
         return;
     }
@@ -236,9 +204,11 @@ void SnapshotRun::FileDone(const std::shared_ptr<DirectoryBuild>& directory, Nod
     node.size = content.size;
     node.content = content.blobs;
     if (content.isChanged)
-        Post(path, "The file changed while it was read", false);
-    m_bytes += node.size;
-    ++(before.empty() ? m_files.isNew : before == TextOf(node) ? m_files.isUnmodified : m_files.isChanged);
+        post("The file changed while it was read", false);
+    m_build.CountFile(before.empty()           ? &ChangeCounts::isNew
+                      : before == TextOf(node) ? &ChangeCounts::isUnmodified
+                                               : &ChangeCounts::isChanged,
+                      node.size);
     DirectoryBuild::Add(directory, node);
 }
 
@@ -248,10 +218,10 @@ SnapshotRun::VisitedDirectory& SnapshotRun::VisitDirectory(const std::string& di
         return directory.starts_with(path) &&
                (directory.size() == path.size() || directory[path.size()] == '/');
     };
-    while (!isAbove(m_visited.back().build->GetPath()))
+    while (!isAbove(m_visited.back().path))
         Pop();
     for (;;) {
-        const std::size_t done = m_visited.back().build->GetPath().size();
+        const std::size_t done = m_visited.back().path.size();
         if (done == directory.size())
             return m_visited.back();
         const std::size_t end = std::min(directory.find('/', done + 1), directory.size());
@@ -263,8 +233,8 @@ SnapshotRun::VisitedDirectory& SnapshotRun::VisitDirectory(const std::string& di
 void SnapshotRun::EnterUnselected(const std::string& name)
 {
     VisitedDirectory& visited = m_visited.back();
-    std::string path = visited.build->GetPath() + "/" + name;
-    struct stat status = YDirectory::OpenToSearch(PathOf(visited.build->GetPath())).Stat(YString(name));
+    std::string path = visited.path + "/" + name;
+    struct stat status = YDirectory::OpenToSearch(PathOf(visited.path)).Stat(YString(name));
     if (S_ISLNK(status.st_mode)) {
         // What a symlink on the path leads to has the metadata of the directory.
         std::error_code error;
@@ -286,8 +256,8 @@ void SnapshotRun::Push(Node node, const Node* before, bool needsEntries)
 {
     VisitedDirectory& above = m_visited.back();
     VisitedDirectory visited;
-    visited.build =
-        std::make_shared<DirectoryBuild>(m_context, above.build, above.build->GetPath() + "/" + node.name);
+    visited.build = m_build.AddDirectory(above.build, node.name);
+    visited.path = above.path + "/" + node.name;
     if (needsEntries)
         visited.build->SetNeedsEntries();
     const bool isBefore = before != nullptr && before->type == NodeType::Directory && before->subtree;
@@ -296,12 +266,11 @@ void SnapshotRun::Push(Node node, const Node* before, bool needsEntries)
             visited.before = std::make_unique<ParentTree>(m_repository, *before->subtree);
         } catch (const Repo::RepositoryError& error) {
             RaiseIfInterrupted();
-            Post(visited.build->GetPath(),
-                 "Warning: the parent's tree can't be used: " + ReasonOf(error).Bytes(), false);
+            m_build.Post(visited.path, "Warning: the parent's tree can't be used: " + ReasonOf(error).Bytes(),
+                         false);
         }
     }
     visited.build->SetNode(std::move(node), before == nullptr ? "" : TextOf(*before));
-    above.build->Announce();
     m_visited.push_back(std::move(visited));
 }
 
@@ -319,8 +288,8 @@ Node* SnapshotRun::FindBefore(VisitedDirectory& visited, const std::string& name
     try {
         return visited.before->Find(name);
     } catch (const Repo::RepositoryError& error) {
-        Post(visited.build->GetPath(), "Warning: the parent's tree can't be used: " + ReasonOf(error).Bytes(),
-             false);
+        m_build.Post(visited.path, "Warning: the parent's tree can't be used: " + ReasonOf(error).Bytes(),
+                     false);
         visited.before.reset();
         return nullptr;
     }
@@ -328,100 +297,19 @@ Node* SnapshotRun::FindBefore(VisitedDirectory& visited, const std::string& name
 
 std::optional<Id> SnapshotRun::Finish()
 {
-    {
-        const std::lock_guard guard(m_mutex);
-        if (m_failure)
-            std::rethrow_exception(m_failure);
-    }
+    m_build.RaiseFailure();
     RaiseIfInterrupted();
     while (!m_visited.empty())
         Pop();
-    m_pool.Finish();
-    ReportMessages();
-    RaiseIfInterrupted();
-    return m_root->GetTree();
+    return m_build.Finish();
 }
 
-SnapshotCounts SnapshotRun::GetCounts() const
+SnapshotCounts SnapshotRun::Complete(SnapshotCounts counts) const
 {
-    SnapshotCounts counts;
-    counts.filesNew = m_files.isNew;
-    counts.filesChanged = m_files.isChanged;
-    counts.filesUnmodified = m_files.isUnmodified;
-    counts.dirsNew = m_context.directories.isNew;
-    counts.dirsChanged = m_context.directories.isChanged;
-    counts.dirsUnmodified = m_context.directories.isUnmodified;
     counts.others = m_others;
-    counts.bytes = m_bytes;
     counts.sockets = m_sockets;
     counts.excluded = m_excluded;
-    const std::lock_guard guard(m_mutex);
-    counts.data = m_options.isDryRun ? m_drySaved[0] : m_saver.GetSaved(BlobType::Data);
-    counts.trees = m_options.isDryRun ? m_drySaved[1] : m_saver.GetSaved(BlobType::Tree);
     return counts;
-}
-
-SnapshotCounts SnapshotRun::GetProgress() const
-{
-    SnapshotCounts counts = GetCounts();
-    counts.bytes = std::max(counts.bytes, m_unreadBytes + m_pool.GetReadBytes());
-    return counts;
-}
-
-Id SnapshotRun::StoreBlob(BlobType type, Repo::ByteView plaintext)
-{
-    const Repo::BlobHandle handle{type, Id::Of(plaintext)};
-    if (m_options.isDryRun)
-        return CountBlob(handle, plaintext.size());
-    EndRunOnError([&] { m_saver.Save(handle, plaintext); });
-    return handle.id;
-}
-
-// Counts a blob that a dry run would store.
-Id SnapshotRun::CountBlob(const Repo::BlobHandle& handle, std::size_t size)
-{
-    if (m_repository.GetIndex().Has(handle))
-        return handle.id;
-    const std::lock_guard guard(m_mutex);
-    if (m_dry.insert(handle).second) {
-        Repo::SavedBlobs& saved = m_drySaved[handle.type == BlobType::Tree ? 1 : 0];
-        ++saved.blobs;
-        saved.bytes += size;
-        saved.stored += size;
-    }
-    return handle.id;
-}
-
-void SnapshotRun::Tick()
-{
-    const auto now = std::chrono::steady_clock::now();
-    if (now - m_lastTick < BetweenTicks)
-        return;
-    m_lastTick = now;
-    ReportMessages();
-    m_options.onTick();
-}
-
-void SnapshotRun::Post(std::string path, std::string text, bool isFailure)
-{
-    const std::lock_guard guard(m_mutex);
-    m_messages.push_back({std::move(path), std::move(text), isFailure});
-}
-
-void SnapshotRun::ReportMessages()
-{
-    std::vector<Message> messages;
-    {
-        const std::lock_guard guard(m_mutex);
-        messages.swap(m_messages);
-    }
-    for (const Message& message : messages) {
-        const YString path(message.path.empty() ? "/" : message.path);
-        if (message.isFailure)
-            m_report.EntryFailed(path, YString(message.text));
-        else
-            m_report.Note(YString(path) + ": " + YString(message.text));
-    }
 }
 
 void SnapshotRun::OnExcluded(const YPath& path)
@@ -456,18 +344,18 @@ void SnapshotRun::OnStoreSkipped(const YPath& path)
 void SnapshotRun::OnFailed(const YPath& path, const YString& reason)
 {
     // Neither an interrupt by the user nor the end of the run is a failure of the entry.
-    if (IsInterrupted() || HasFailed())
+    if (IsInterrupted() || m_build.HasFailed())
         return;
-    ReportMessages();
+    m_build.ReportMessages();
     m_report.EntryFailed(path, reason);
-    DirectoryBuild& directory = *m_visited.back().build;
-    if (directory.GetPath() == path.Bytes() && !directory.HasEntries())
-        directory.SetNeedsEntries(); // it could not be listed
+    const VisitedDirectory& visited = m_visited.back();
+    if (visited.path == path.Bytes() && !visited.build->HasEntries())
+        visited.build->SetNeedsEntries(); // it could not be listed
 }
 
 bool SnapshotRun::IsCancelled()
 {
-    return IsInterrupted() || HasFailed();
+    return IsInterrupted() || m_build.HasFailed();
 }
 
 } // namespace Agent

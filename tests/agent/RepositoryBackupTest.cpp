@@ -321,8 +321,7 @@ protected:
                 return id;
             },
             PoolOptions{.threads = 4, .readers = 2});
-        auto file = std::make_unique<Backup::File::YFile>(Backup::File::YFile::OPEN_MODE_READ, path.c_str(),
-                                                          Backup::File::YFile::OPT_NONE);
+        auto file = std::make_shared<Krt::Util::YUnxHandle>(open(path.c_str(), O_RDONLY | O_CLOEXEC), true);
         pool.Add({std::move(file), [&result](const StoredContent& content) {
                       result = content;
                   }});

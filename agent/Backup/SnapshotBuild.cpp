@@ -1,0 +1,176 @@
+#include "agent/Backup/SnapshotBuild.h"
+
+#include "agent/Access/Workers.h"
+#include "agent/Run/Interrupt.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+using Krt::YString;
+using Repo::BlobType;
+using Repo::Id;
+
+namespace {
+
+constexpr std::chrono::milliseconds BetweenTicks{100};
+
+} // namespace
+
+// An error that the call raises ends the run. The caller would take it for the failure of an entry.
+template <class Call>
+void SnapshotBuild::EndRunOnError(const Call& call)
+{
+    try {
+        call();
+    } catch (...) {
+        const std::lock_guard guard(m_mutex);
+        if (!m_failure)
+            m_failure = std::current_exception();
+        m_isFailed = true;
+        throw;
+    }
+}
+
+SnapshotBuild::SnapshotBuild(const Repo::Repository& repository, Repo::BlobSaver& saver, Report& report,
+                             SnapshotBuildOptions options)
+    : m_repository(repository), m_saver(saver), m_report(report), m_options(std::move(options)),
+      m_lastTick(std::chrono::steady_clock::now()),
+      m_context{
+          .store = [this](BlobType type, Repo::ByteView plaintext) { return StoreBlob(type, plaintext); },
+          .onFailed = [this](const std::string& path,
+                             const std::string& reason) { Post(path, reason, true); },
+          .directories = {}},
+      m_root(std::make_shared<DirectoryBuild>(m_context, nullptr, "")),
+      m_pool(
+          repository.GetConfig().polynomial, m_context.store,
+          PoolOptions{.threads = WorkerCount(), .readers = std::max(1u, m_options.readers), .onWait = [this] {
+                          RaiseIfInterrupted();
+                          ReportProgress();
+                      }})
+{}
+
+SnapshotBuild::~SnapshotBuild() = default;
+
+std::shared_ptr<DirectoryBuild> SnapshotBuild::AddDirectory(const std::shared_ptr<DirectoryBuild>& above,
+                                                            const std::string& name)
+{
+    auto directory = std::make_shared<DirectoryBuild>(m_context, above, name);
+    above->Announce();
+    return directory;
+}
+
+void SnapshotBuild::AddContent(FileToRead file)
+{
+    EndRunOnError([&] { m_pool.Add(std::move(file)); });
+}
+
+void SnapshotBuild::CountFile(std::atomic<std::uint64_t> ChangeCounts::*kind, std::uint64_t size)
+{
+    ++(m_files.*kind);
+    m_bytes += size;
+}
+
+void SnapshotBuild::Tick()
+{
+    EndRunOnError([this] {
+        ReportProgress();
+        m_pool.RaiseFailure();
+    });
+}
+
+void SnapshotBuild::RaiseFailure() const
+{
+    const std::lock_guard guard(m_mutex);
+    if (m_failure)
+        std::rethrow_exception(m_failure);
+}
+
+std::optional<Id> SnapshotBuild::Finish()
+{
+    m_pool.Finish();
+    ReportMessages();
+    RaiseIfInterrupted();
+    return std::exchange(m_root, nullptr)->GetTree();
+}
+
+SnapshotCounts SnapshotBuild::GetCounts() const
+{
+    SnapshotCounts counts;
+    counts.filesNew = m_files.isNew;
+    counts.filesChanged = m_files.isChanged;
+    counts.filesUnmodified = m_files.isUnmodified;
+    counts.dirsNew = m_context.directories.isNew;
+    counts.dirsChanged = m_context.directories.isChanged;
+    counts.dirsUnmodified = m_context.directories.isUnmodified;
+    counts.bytes = m_bytes;
+    const std::lock_guard guard(m_mutex);
+    counts.data = m_options.isDryRun ? m_drySaved[0] : m_saver.GetSaved(BlobType::Data);
+    counts.trees = m_options.isDryRun ? m_drySaved[1] : m_saver.GetSaved(BlobType::Tree);
+    return counts;
+}
+
+SnapshotCounts SnapshotBuild::GetProgress() const
+{
+    SnapshotCounts counts = GetCounts();
+    counts.bytes = std::max(counts.bytes, m_unreadBytes + m_pool.GetReadBytes());
+    return counts;
+}
+
+Id SnapshotBuild::StoreBlob(BlobType type, Repo::ByteView plaintext)
+{
+    const Repo::BlobHandle handle{type, Id::Of(plaintext)};
+    if (m_options.isDryRun)
+        return CountBlob(handle, plaintext.size());
+    EndRunOnError([&] { m_saver.Save(handle, plaintext); });
+    return handle.id;
+}
+
+// Counts a blob that a dry run would store.
+Id SnapshotBuild::CountBlob(const Repo::BlobHandle& handle, std::size_t size)
+{
+    if (m_repository.GetIndex().Has(handle))
+        return handle.id;
+    const std::lock_guard guard(m_mutex);
+    if (m_dry.insert(handle).second) {
+        Repo::SavedBlobs& saved = m_drySaved[handle.type == BlobType::Tree ? 1 : 0];
+        ++saved.blobs;
+        saved.bytes += size;
+        saved.stored += size;
+    }
+    return handle.id;
+}
+
+void SnapshotBuild::ReportProgress()
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (now - m_lastTick < BetweenTicks)
+        return;
+    m_lastTick = now;
+    ReportMessages();
+    m_options.onTick();
+}
+
+void SnapshotBuild::Post(std::string path, std::string text, bool isFailure)
+{
+    const std::lock_guard guard(m_mutex);
+    m_messages.push_back({std::move(path), std::move(text), isFailure});
+}
+
+void SnapshotBuild::ReportMessages()
+{
+    std::vector<Message> messages;
+    {
+        const std::lock_guard guard(m_mutex);
+        messages.swap(m_messages);
+    }
+    for (const Message& message : messages) {
+        const YString path(message.path.empty() ? "/" : message.path);
+        if (message.isFailure)
+            m_report.EntryFailed(path, YString(message.text));
+        else
+            m_report.Note(YString(path) + ": " + YString(message.text));
+    }
+}
+
+} // namespace Agent

@@ -1,0 +1,130 @@
+// SnapshotBuild: a snapshot whose contents and trees are being stored. One thread enters directories and
+// contents; the threads of a ContentPool store. An entry that fails is reported, and the run continues; a
+// repository that fails ends the run.
+#pragma once
+
+#include "agent/Backup/ContentPool.h"
+#include "agent/Backup/DirectoryBuild.h"
+#include "agent/Repository/BlobSaver.h"
+#include "agent/Repository/Repository.h"
+#include "agent/Run/Report.h"
+
+#include <boost/unordered/unordered_flat_set.hpp>
+
+#include <array>
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+/// What a run did. Counts are of entries of the snapshot.
+struct SnapshotCounts
+{
+    std::uint64_t filesNew = 0;
+    std::uint64_t filesChanged = 0;
+    std::uint64_t filesUnmodified = 0;
+    std::uint64_t dirsNew = 0;
+    std::uint64_t dirsChanged = 0;
+    std::uint64_t dirsUnmodified = 0;
+    std::uint64_t others = 0; ///< symlinks, devices and fifos
+    std::uint64_t bytes = 0;  ///< of the contents of all files; while the run goes on, also of parts of files
+    std::uint64_t sockets = 0; ///< which are not stored
+    std::uint64_t excluded = 0;
+    Repo::SavedBlobs data;  ///< new data blobs
+    Repo::SavedBlobs trees; ///< new tree blobs
+
+    std::uint64_t Files() const { return filesNew + filesChanged + filesUnmodified; }
+    std::uint64_t Directories() const { return dirsNew + dirsChanged + dirsUnmodified; }
+};
+
+/// How a snapshot is built.
+struct SnapshotBuildOptions
+{
+    bool isDryRun = false;    ///< blobs are not stored
+    unsigned int readers = 2; ///< files that are read at the same time
+    /// Called about 10 times a second, to report progress. What it raises ends the run.
+    std::function<void()> onTick = [] {
+    };
+};
+
+/// Operations belong to one thread if not stated otherwise.
+class SnapshotBuild
+{
+public:
+    /// All arguments outlive this object. The index of the repository is loaded.
+    SnapshotBuild(const Repo::Repository& repository, Repo::BlobSaver& saver, Report& report,
+                  SnapshotBuildOptions options);
+    ~SnapshotBuild();
+
+    /// The root, which the caller closes. Null after Finish.
+    const std::shared_ptr<DirectoryBuild>& GetRoot() const { return m_root; }
+    /// Makes a directory, which its caller closes, and announces it to the one above.
+    std::shared_ptr<DirectoryBuild> AddDirectory(const std::shared_ptr<DirectoryBuild>& above,
+                                                 const std::string& name);
+    /// Reads and stores the content of a file. Raises what ended the run.
+    void AddContent(FileToRead file);
+    /// Counts a file and the bytes of its content. Any thread.
+    void CountFile(std::atomic<std::uint64_t> ChangeCounts::*kind, std::uint64_t size);
+    /// Counts bytes of contents that are not read.
+    void CountUnread(std::uint64_t size) { m_unreadBytes += size; }
+
+    /// Called for each entry: reports progress and messages from time to time. Raises what ended the run.
+    void Tick();
+    /// Leaves a message on an entry, which Tick reports. Any thread.
+    void Post(std::string path, std::string text, bool isFailure);
+    void ReportMessages();
+    /// Returns true if the repository failed, which ends the run. Any thread.
+    bool HasFailed() const { return m_isFailed; }
+    /// Raises what ended the run.
+    void RaiseFailure() const;
+
+    /// Called once all directories are closed. Waits until everything is stored, and returns the root's tree;
+    /// nothing if no entry was stored. The blobs are durable after Finish of the saver. Raises the failure
+    /// that ended the run.
+    std::optional<Repo::Id> Finish();
+    SnapshotCounts GetCounts() const;
+    /// Returns what was done so far.
+    SnapshotCounts GetProgress() const;
+
+private:
+    struct Message
+    {
+        std::string path;
+        std::string text;
+        bool isFailure;
+    };
+
+    template <class Call>
+    void EndRunOnError(const Call& call);
+    void ReportProgress();
+    Repo::Id StoreBlob(Repo::BlobType type, Repo::ByteView plaintext);
+    Repo::Id CountBlob(const Repo::BlobHandle& handle, std::size_t size);
+
+    const Repo::Repository& m_repository;
+    Repo::BlobSaver& m_saver;
+    Report& m_report;
+    const SnapshotBuildOptions m_options;
+    ChangeCounts m_files;
+    std::atomic<std::uint64_t> m_bytes{0}; // of files that are done
+    std::uint64_t m_unreadBytes = 0;       // of files that were not read
+    std::atomic<bool> m_isFailed{false};
+    std::chrono::steady_clock::time_point m_lastTick;
+
+    mutable std::mutex m_mutex; // for the following four
+    std::vector<Message> m_messages;
+    std::exception_ptr m_failure;                                            // of the repository
+    boost::unordered_flat_set<Repo::BlobHandle, Repo::BlobHandleHash> m_dry; // what a dry run would store
+    std::array<Repo::SavedBlobs, 2> m_drySaved;
+
+    BuildContext m_context;
+    std::shared_ptr<DirectoryBuild> m_root;
+    ContentPool m_pool; // last, so that its threads end before what they use
+};
+
+} // namespace Agent
