@@ -2,7 +2,7 @@
 
 #include "agent/Access/Session.h"
 #include "agent/Access/SnapshotChoice.h"
-#include "agent/Access/Unix/Process.h"
+#include "agent/Backup/SnapshotRun.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 #include "agent/Walk/Roots.h"
@@ -11,7 +11,6 @@
 #include "Krt/Exception/Raise.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <set>
 
@@ -21,15 +20,8 @@ using Krt::YString;
 using Repo::Id;
 using Repo::Snapshot;
 using Repo::StoredSnapshot;
-using Repo::Timestamp;
-using std::chrono::steady_clock;
 
 namespace {
-
-double SecondsSince(steady_clock::time_point begin)
-{
-    return std::chrono::duration<double>(steady_clock::now() - begin).count();
-}
 
 std::set<std::string> AsSet(const std::vector<std::string>& texts)
 {
@@ -39,34 +31,30 @@ std::set<std::string> AsSet(const std::vector<std::string>& texts)
 class RepositoryBackup
 {
 public:
-    RepositoryBackup(const BackupSettings& settings, Report& report, const BackupProgress& onProgress)
+    RepositoryBackup(const BackupSettings& settings, Report& report, const SnapshotProgress& onProgress)
         : m_settings(settings), m_report(report), m_onProgress(onProgress)
     {}
 
-    BackupOutcome Run();
+    SnapshotOutcome Run();
 
 private:
     void LoadRules();
     void BeginSnapshot();
     void ChooseParent(Session& session);
     void Store(Session& session);
-    void SaveSnapshot(Session& session);
-    Repo::SnapshotSummary Summarize() const;
     void SkipRepository(Walker& walker) const;
 
     const BackupSettings& m_settings;
     Report& m_report;
-    const BackupProgress& m_onProgress;
-    const steady_clock::time_point m_begin = steady_clock::now();
+    const SnapshotProgress& m_onProgress;
     Job m_job;
     Snapshot m_snapshot;
     std::optional<StoredSnapshot> m_parent;
-    BackupOutcome m_outcome;
+    SnapshotOutcome m_outcome;
 };
 
-BackupOutcome RepositoryBackup::Run()
+SnapshotOutcome RepositoryBackup::Run()
 {
-    m_outcome.begin = Timestamp::Now();
     Krt::Environment::RaiseDescriptorLimit(); // files wait open to be read
     LoadRules();
     Session session(m_settings.repository, m_report, m_settings.isDryRun ? Access::Read : Access::Append);
@@ -75,11 +63,9 @@ BackupOutcome RepositoryBackup::Run()
         ChooseParent(session);
     session.LoadIndex();
     Store(session);
-    m_outcome.end = Timestamp::Now();
     const bool isUnchanged = m_parent && m_parent->snapshot.tree == m_snapshot.tree;
-    if (!m_settings.isDryRun && !(m_settings.skipsIfUnchanged && isUnchanged))
-        SaveSnapshot(session);
-    m_outcome.seconds = SecondsSince(m_begin);
+    const bool isSaved = !m_settings.isDryRun && !(m_settings.skipsIfUnchanged && isUnchanged);
+    FinishSnapshot(session.GetRepository(), std::move(m_snapshot), isSaved, m_outcome);
     m_outcome.failed = m_report.GetFailed();
     return m_outcome;
 }
@@ -98,16 +84,9 @@ void RepositoryBackup::LoadRules()
 
 void RepositoryBackup::BeginSnapshot()
 {
-    const ProcessIdentity identity = CurrentProcess();
-    m_snapshot.time = m_settings.time.value_or(m_outcome.begin);
+    m_snapshot = MakeSnapshot(m_settings, m_outcome);
     m_snapshot.paths = m_job.paths;
-    m_snapshot.hostname = m_settings.host.empty() ? Krt::Environment::GetHostName().Bytes() : m_settings.host;
-    m_snapshot.username = identity.userName;
-    m_snapshot.uid = identity.uid;
-    m_snapshot.gid = identity.gid;
     m_snapshot.excludes = m_job.ruleTexts;
-    m_snapshot.tags = m_settings.tags;
-    m_snapshot.programVersion = "kbagent " KBAGENT_VERSION;
 }
 
 // The newest snapshot of the same host and the same paths, or the one that the user named.
@@ -179,46 +158,6 @@ void RepositoryBackup::Store(Session& session)
     m_outcome.counts = run.GetCounts();
 }
 
-void RepositoryBackup::SaveSnapshot(Session& session)
-{
-    RaiseIfInterrupted();
-    m_snapshot.summary = Summarize();
-    m_outcome.id = session.GetRepository().SaveText(Repo::FileKind::Snapshot, m_snapshot.ToJson());
-}
-
-Repo::SnapshotSummary RepositoryBackup::Summarize() const
-{
-    const SnapshotCounts& counts = m_outcome.counts;
-    Repo::SnapshotSummary summary;
-    summary.backupStart = m_outcome.begin;
-    summary.backupEnd = m_outcome.end;
-    summary.filesNew = counts.filesNew;
-    summary.filesChanged = counts.filesChanged;
-    summary.filesUnmodified = counts.filesUnmodified;
-    summary.dirsNew = counts.dirsNew;
-    summary.dirsChanged = counts.dirsChanged;
-    summary.dirsUnmodified = counts.dirsUnmodified;
-    summary.dataBlobs = counts.data.blobs;
-    summary.treeBlobs = counts.trees.blobs;
-    summary.dataAdded = counts.data.bytes + counts.trees.bytes;
-    summary.dataAddedPacked = counts.data.stored + counts.trees.stored;
-    summary.totalFilesProcessed = counts.Files();
-    summary.totalBytesProcessed = counts.bytes;
-    return summary;
-}
-
-// "1:02:03" or "0:12".
-std::string DurationText(double seconds)
-{
-    const auto whole = static_cast<unsigned long long>(seconds);
-    char text[64];
-    if (whole >= 3600)
-        std::snprintf(text, sizeof text, "%llu:%02llu:%02llu", whole / 3600, whole / 60 % 60, whole % 60);
-    else
-        std::snprintf(text, sizeof text, "%llu:%02llu", whole / 60, whole % 60);
-    return text;
-}
-
 std::string ChangeLine(const char* title, std::uint64_t isNew, std::uint64_t isChanged,
                        std::uint64_t isUnmodified)
 {
@@ -229,30 +168,16 @@ std::string ChangeLine(const char* title, std::uint64_t isNew, std::uint64_t isC
     return text;
 }
 
-void AddNumber(std::string& json, const char* key, std::uint64_t number)
-{
-    json += (json.ends_with('{') ? "\"" : ",\"") + std::string(key) + "\":" + std::to_string(number);
-}
-
-std::string Fraction(double number)
-{
-    char text[64];
-    std::snprintf(text, sizeof text, "%.3f", number);
-    return text;
-}
-
 } // namespace
 
-BackupOutcome BackUp(const BackupSettings& settings, Report& report, const BackupProgress& onProgress)
+SnapshotOutcome BackUp(const BackupSettings& settings, Report& report, const SnapshotProgress& onProgress)
 {
     return RepositoryBackup(settings, report, onProgress).Run();
 }
 
-std::string SummaryText(const BackupSettings& settings, const BackupOutcome& outcome)
+std::string SummaryText(const BackupSettings& settings, const SnapshotOutcome& outcome)
 {
     const SnapshotCounts& counts = outcome.counts;
-    const auto rate =
-        static_cast<unsigned long long>(static_cast<double>(counts.bytes) / std::max(outcome.seconds, 0.001));
     std::string text =
         outcome.parent ? "parent snapshot " + ShortId(*outcome.parent) + "\n" : "no parent snapshot\n";
     text += ChangeLine("Files:", counts.filesNew, counts.filesChanged, counts.filesUnmodified);
@@ -260,54 +185,7 @@ std::string SummaryText(const BackupSettings& settings, const BackupOutcome& out
     text += "Others: " + std::to_string(counts.others) + " links, devices and pipes, " +
             std::to_string(counts.sockets) + " sockets not stored, " + std::to_string(counts.excluded) +
             " excluded, " + std::to_string(outcome.failed) + " failed\n";
-    text += settings.isDryRun ? "Would be added to the repository: " : "Added to the repository: ";
-    text += ShortSize(counts.data.bytes + counts.trees.bytes);
-    if (!settings.isDryRun)
-        text += " (" + ShortSize(counts.data.stored + counts.trees.stored) + " stored)";
-    text += "\nprocessed " + std::to_string(counts.Files()) + " files, " + ShortSize(counts.bytes) + " in " +
-            DurationText(outcome.seconds) + ", " + ShortSize(rate) + "/s\n";
-    if (outcome.id)
-        text += "snapshot " + ShortId(*outcome.id) + " saved\n";
-    else if (!settings.isDryRun)
-        text += "skipped creating snapshot\n";
-    return text;
-}
-
-std::string SummaryJson(const BackupSettings& settings, const BackupOutcome& outcome)
-{
-    const SnapshotCounts& counts = outcome.counts;
-    std::string json = R"({"message_type":"summary")";
-    if (settings.isDryRun)
-        json += R"(,"dry_run":true)";
-    AddNumber(json, "files_new", counts.filesNew);
-    AddNumber(json, "files_changed", counts.filesChanged);
-    AddNumber(json, "files_unmodified", counts.filesUnmodified);
-    AddNumber(json, "dirs_new", counts.dirsNew);
-    AddNumber(json, "dirs_changed", counts.dirsChanged);
-    AddNumber(json, "dirs_unmodified", counts.dirsUnmodified);
-    AddNumber(json, "data_blobs", counts.data.blobs);
-    AddNumber(json, "tree_blobs", counts.trees.blobs);
-    AddNumber(json, "data_added", counts.data.bytes + counts.trees.bytes);
-    AddNumber(json, "data_added_packed", counts.data.stored + counts.trees.stored);
-    AddNumber(json, "total_files_processed", counts.Files());
-    AddNumber(json, "total_bytes_processed", counts.bytes);
-    json += ",\"total_duration\":" + Fraction(outcome.seconds);
-    json += ",\"backup_start\":\"" + outcome.begin.ToText() + "\"";
-    json += ",\"backup_end\":\"" + outcome.end.ToText() + "\"";
-    if (outcome.id)
-        json += ",\"snapshot_id\":\"" + outcome.id->ToHex() + "\"";
-    return json + "}";
-}
-
-std::string StatusJson(const SnapshotCounts& counts, std::uint64_t failed, double seconds)
-{
-    std::string json = R"({"message_type":"status")";
-    AddNumber(json, "seconds_elapsed", static_cast<std::uint64_t>(seconds));
-    json += R"(,"percent_done":0)"; // the total is not known
-    AddNumber(json, "files_done", counts.Files());
-    AddNumber(json, "bytes_done", counts.bytes);
-    AddNumber(json, "error_count", failed);
-    return json + "}";
+    return text + AddedText(settings, outcome);
 }
 
 } // namespace Agent

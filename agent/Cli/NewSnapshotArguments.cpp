@@ -1,0 +1,148 @@
+#include "agent/Cli/NewSnapshotArguments.h"
+
+#include "agent/Access/Workers.h"
+#include "agent/Run/UsageError.h"
+
+#include "Krt/Log/LogSite.h"
+
+#include <CLI/CLI.hpp>
+
+#include <charconv>
+#include <chrono>
+#include <ctime>
+#include <sstream>
+
+namespace Agent {
+
+namespace {
+
+constexpr unsigned int SmallestPack = 4;  // MiB
+constexpr unsigned int LargestPack = 128; // MiB
+constexpr unsigned int MostReaders = 64;
+
+// Returns what was typed, or otherwise the variable.
+std::string OptionOr(const std::string& typed, const char* variable)
+{
+    return typed.empty() ? FromEnvironment({variable}, variable).value_or("") : typed;
+}
+
+unsigned int NumberOf(const std::string& text, const std::string& option, unsigned int least,
+                      unsigned int most)
+{
+    unsigned int number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number < least || number > most)
+        throw UsageError(option + " is not a number from " + std::to_string(least) + " to " +
+                         std::to_string(most) + ": '" + text + "'");
+    return number;
+}
+
+Repo::Compression CompressionOf(const std::string& text)
+{
+    if (text.empty() || text == "auto")
+        return Repo::Compression::Auto;
+    if (text == "off")
+        return Repo::Compression::Off;
+    if (text == "max")
+        return Repo::Compression::Max;
+    throw UsageError("--compression is neither auto, off nor max: '" + text + "'");
+}
+
+// A time in the local zone.
+std::optional<Repo::Timestamp> TimeOf(const std::string& text)
+{
+    if (text.empty() || text == "now")
+        return std::nullopt;
+    std::tm parts{};
+    int end = 0;
+    const int count = std::sscanf(text.c_str(), "%4d-%2d-%2d %2d:%2d:%2d%n", &parts.tm_year, &parts.tm_mon,
+                                  &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &end);
+    parts.tm_year -= 1900;
+    parts.tm_mon -= 1;
+    parts.tm_isdst = -1;
+    const std::tm typed = parts;
+    const std::time_t seconds = count == 6 ? std::mktime(&parts) : -1;
+    if (count != 6 || static_cast<std::size_t>(end) != text.size() || typed.tm_mon != parts.tm_mon ||
+        typed.tm_mday != parts.tm_mday || typed.tm_min != parts.tm_min || typed.tm_sec != parts.tm_sec)
+        throw UsageError("--time is not a time as in \"2024-02-29 12:34:56\": '" + text + "'");
+    return Repo::Timestamp::Local(seconds, 0);
+}
+
+} // namespace
+
+void NewSnapshotArguments::AddTo(CLI::App& command)
+{
+    m_repository.AddTo(command, LockOptions::Required);
+    command.add_option("-H,--host", m_settings.host, "Note this host in the snapshot")->type_name("HOST");
+    command.add_option("--tag", m_tags, "Give the snapshot these tags, as in a,b")
+        ->type_name("LIST")
+        ->allow_extra_args(false);
+    command
+        .add_option("--time", m_time, "Note this local time in the snapshot, as in \"2024-02-29 12:34:56\"")
+        ->type_name("TIME");
+    command.add_flag("-n,--dry-run", m_settings.isDryRun, "Write nothing");
+    command.add_option("--read-concurrency", m_readConcurrency, "Read this many files at the same time")
+        ->type_name("N");
+    command.add_option("--compression", m_compression, "How data is compressed: auto, off or max")
+        ->type_name("MODE");
+    command.add_option("--pack-size", m_packSize, "The size of pack files in MiB, 4 to 128")
+        ->type_name("SIZE");
+}
+
+SnapshotSettings NewSnapshotArguments::Get() const
+{
+    SnapshotSettings settings = m_settings;
+    settings.repository = m_repository.Get();
+    settings.host = OptionOr(m_settings.host, "HOST");
+    for (const std::string& list : m_tags) {
+        std::istringstream words(list);
+        for (std::string tag; std::getline(words, tag, ',');) {
+            if (!tag.empty())
+                settings.tags.push_back(tag);
+        }
+    }
+    settings.time = TimeOf(m_time);
+    const std::string readers = OptionOr(m_readConcurrency, "READ_CONCURRENCY");
+    settings.readers =
+        readers.empty() ? WorkerCount() : NumberOf(readers, "--read-concurrency", 1, MostReaders);
+    settings.save.compression = CompressionOf(OptionOr(m_compression, "COMPRESSION"));
+    const std::string packSize = OptionOr(m_packSize, "PACK_SIZE");
+    if (!packSize.empty())
+        settings.save.packSize = NumberOf(packSize, "--pack-size", SmallestPack, LargestPack) << 20;
+    return settings;
+}
+
+void CreateSnapshot(const SnapshotSettings& settings, Report& report,
+                    const std::function<SnapshotOutcome(const SnapshotProgress& onProgress)>& create,
+                    const std::function<std::string(const SnapshotOutcome& outcome)>& summaryOf)
+{
+    const bool isJson = settings.repository.isJson;
+    const bool isQuiet = settings.repository.isQuiet;
+    if (isJson)
+        report.UseJson();
+    const auto begin = std::chrono::steady_clock::now();
+    const SnapshotOutcome outcome = create([&](const SnapshotCounts& counts, std::uint64_t failed) {
+        if (isQuiet)
+            return;
+        const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
+        if (isJson) {
+            report.Out() << StatusJson(counts, failed, seconds.count()) << "\n";
+            report.Out().Flush();
+        } else
+            report.Progress(counts.Files() + counts.others, counts.bytes);
+    });
+    const std::string text = summaryOf(outcome);
+    const std::string done =
+        outcome.id ? "The snapshot " + outcome.id->ToHex() + " was created" : "The run ended";
+    if (isJson || isQuiet) {
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);)
+            KRT_LOG_FREE(Krt::MessageType::General, line.c_str());
+    }
+    if (isJson)
+        report.Summary(done, SummaryJson(settings, outcome) + "\n");
+    else if (!isQuiet)
+        report.Summary(done, text);
+}
+
+} // namespace Agent
