@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <map>
 #include <sys/stat.h>
 #include <utility>
@@ -73,17 +72,9 @@ Timestamp TimeOf(const timespec& time)
 }
 
 // The attributes of a record, in the order of the file system, which the record does not keep.
-std::vector<NodeAttribute> AttributesOf(const YUnixFileMetadata& record, const YFile& file)
+std::vector<NodeAttribute> AttributesInOrder(const YUnixFileMetadata& record, const YFile& file)
 {
-    std::vector<NodeAttribute> attributes;
-    const Krt::File::ExtendedAttributeMap map = record.GetExtendedAttributeMap();
-    attributes.reserve(map.size());
-    for (const auto& [name, value] : map) {
-        Repo::Bytes bytes(value.Size());
-        if (!bytes.empty())
-            std::memcpy(bytes.data(), value.RawOffset<unsigned char>(0, value.Size()), bytes.size());
-        attributes.push_back({name.Bytes(), std::move(bytes)});
-    }
+    std::vector<NodeAttribute> attributes = AttributesOf(record.GetExtendedAttributeMap());
     if (attributes.size() < 2)
         return attributes;
     std::map<std::string, std::size_t> positions;
@@ -94,18 +85,6 @@ std::vector<NodeAttribute> AttributesOf(const YUnixFileMetadata& record, const Y
                          return positions[a.name] < positions[b.name];
                      });
     return attributes;
-}
-
-// Moves the attributes whose names are not UTF-8 to the result.
-std::vector<NodeAttribute> TakeOddAttributes(std::vector<NodeAttribute>& attributes)
-{
-    std::vector<NodeAttribute> odd;
-    const auto first =
-        std::stable_partition(attributes.begin(), attributes.end(),
-                              [](const NodeAttribute& attribute) { return Repo::IsUtf8(attribute.name); });
-    odd.assign(std::make_move_iterator(first), std::make_move_iterator(attributes.end()));
-    attributes.erase(first, attributes.end());
-    return odd;
 }
 
 bool HasLinks(NodeType type)
@@ -183,7 +162,7 @@ CapturedEntry NodeCapture::Capture(const YDirectory& parent, const YString& name
     node.gid = record.GetGroupId();
     if (node.type == NodeType::Symlink) // a record has only the beginning of a long target
         node.linkTarget = parent.ReadSymbolicLink(name).Bytes();
-    node.attributes = AttributesOf(record, *entry.file);
+    node.attributes = AttributesInOrder(record, *entry.file);
     FillOwnerNames(node, TakeOddAttributes(node.attributes));
     if (node.type != NodeType::File)
         entry.file.reset();

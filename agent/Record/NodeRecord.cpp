@@ -1,6 +1,7 @@
 #include "agent/Record/NodeRecord.h"
 
 #include "agent/Repository/Failure.h"
+#include "agent/Repository/Utf8.h"
 
 #include "Backup/File/YUnixFileMetadata.h"
 
@@ -8,6 +9,9 @@
 
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
+#include <cstring>
+#include <iterator>
 #include <sys/stat.h>
 
 namespace Agent {
@@ -152,6 +156,31 @@ boost::shared_ptr<YMetadataBase> UnixRecordOf(const Node& node, const std::strin
 }
 
 } // namespace
+
+std::vector<Repo::NodeAttribute> AttributesOf(const Krt::File::ExtendedAttributeMap& map)
+{
+    std::vector<Repo::NodeAttribute> attributes;
+    attributes.reserve(map.size());
+    for (const auto& [name, value] : map) {
+        Repo::Bytes bytes(value.Size());
+        if (!bytes.empty())
+            std::memcpy(bytes.data(), value.RawOffset<unsigned char>(0, value.Size()), bytes.size());
+        attributes.push_back({name.Bytes(), std::move(bytes)});
+    }
+    return attributes;
+}
+
+std::vector<Repo::NodeAttribute> TakeOddAttributes(std::vector<Repo::NodeAttribute>& attributes)
+{
+    std::vector<Repo::NodeAttribute> odd;
+    const auto first =
+        std::stable_partition(attributes.begin(), attributes.end(), [](const Repo::NodeAttribute& attribute) {
+            return Repo::IsUtf8(attribute.name);
+        });
+    odd.assign(std::make_move_iterator(first), std::make_move_iterator(attributes.end()));
+    attributes.erase(first, attributes.end());
+    return odd;
+}
 
 void AppendKbagentMember(const KbagentMember& member, std::vector<Repo::RawMember>& members)
 {

@@ -6,6 +6,8 @@
 
 #include "Backup/File/YMetadataBase.h"
 
+#include "Krt/File/File.h"
+
 #include <boost/shared_ptr.hpp>
 
 #include <optional>
@@ -27,6 +29,11 @@ struct KbagentMember
 
     bool IsEmpty() const { return record.empty() && !user && !group && attributes.empty(); }
 };
+
+/// The attributes of a record, sorted by name.
+std::vector<Repo::NodeAttribute> AttributesOf(const Krt::File::ExtendedAttributeMap& map);
+/// Moves the attributes whose names are not valid UTF-8 to the result.
+std::vector<Repo::NodeAttribute> TakeOddAttributes(std::vector<Repo::NodeAttribute>& attributes);
 
 /// Appends the member to those of a node, unless it is empty.
 void AppendKbagentMember(const KbagentMember& member, std::vector<Repo::RawMember>& members);
