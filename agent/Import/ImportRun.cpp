@@ -1,152 +1,240 @@
 #include "agent/Import/ImportRun.h"
 
+#include "agent/Access/TreeWalk.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Exception/YError.h"
+#include "Krt/File/Unix/Status.h"
 
 #include <sys/stat.h>
-
-#include <cerrno>
 
 namespace Agent {
 
 using Backup::File::YMetadataBase;
 using Krt::ErrorCode;
 using Krt::YString;
-using Krt::File::YDirectory;
+using Repo::Node;
+using Repo::NodeType;
 
 namespace {
 
-constexpr std::size_t BufferSize = 1 << 20;
+// The first name of a file has its record. The others have a copy unless all copies need more memory.
+constexpr std::size_t CopiesLimit = 1 << 20;
+// Tops that a snapshot names. Of more, only the root is named.
+constexpr std::size_t MostTops = 1000;
+// Bytes of a path that is shown. Of a record with a longer one, only the line is shown.
+constexpr std::size_t LongestShown = 4096;
+
+std::string Shown(const Backup::YJobPath& path, unsigned long long line)
+{
+    const std::string text = ShownPath(path).Bytes();
+    const std::string position = "line " + std::to_string(line);
+    return text.size() > LongestShown ? position : text + " (" + position + ")";
+}
 
 } // namespace
 
-Krt::Util::YUnxHandle ContentFolder::Open(Backup::File::YMetadataBase& metadata)
+ImportRun::ImportRun(const Repo::Repository& repository, Repo::BlobSaver& saver, Report& report,
+                     ContentFolder contents, SnapshotBuildOptions options)
+    : m_report(report), m_contents(std::move(contents)),
+      m_build(repository, saver, report, std::move(options))
 {
-    const std::vector<Name> names = NamesOf(metadata);
-    std::size_t common = 0;
-    while (common < m_open.size() && common + 1 < names.size() && m_open[common].name == names[common])
-        ++common;
-    m_open.erase(m_open.begin() + static_cast<std::ptrdiff_t>(common), m_open.end());
-    try {
-        while (m_open.size() + 1 < names.size()) {
-            const Name& name = names[m_open.size()];
-            m_open.push_back({name, Top().OpenDirectory(Choose(Top(), name))});
-        }
-        return Top().OpenFile(Choose(Top(), names.back()));
-    } catch (const Krt::Exception::YError& error) {
-        // ELOOP and ENOTDIR mean that the path leads through a symlink, and ENXIO that the entry is a socket.
-        const int code = error.GetType() == Krt::ExceptionType::OsError ? error.GetOsError() : 0;
-        if (code != ENOENT && code != ENOTDIR && code != ELOOP && code != ENXIO)
-            throw;
-        return {};
-    }
+    m_directories.push_back({m_build.GetRoot()});
 }
-
-std::vector<ContentFolder::Name> ContentFolder::NamesOf(Backup::File::YMetadataBase& metadata)
-{
-    const Backup::YJobPath path = metadata.GetFilePath(0);
-    std::vector<Name> names;
-    for (YString& restored : TargetLocationOf(metadata, 0))
-        names.push_back({path.GetComponent(names.size()).m_name, std::move(restored)});
-    return names;
-}
-
-// A volume's own name may contain a slash, unlike the name of a file.
-const YString& ContentFolder::Choose(const YDirectory& parent, const Name& name)
-{
-    struct stat ignored;
-    const bool isUsable = name.own == name.restored || (name.own.Bytes().find('/') == std::string::npos &&
-                                                        parent.StatIfPresent(name.own, ignored));
-    return isUsable ? name.own : name.restored;
-}
-
-ImportRun::ImportRun(StoreSession& session, SnapshotWriter& snapshot, ContentFolder contents, Report& report)
-    : m_snapshot(snapshot), m_contents(std::move(contents)), m_report(report), m_objects(session),
-      m_buffer(BufferSize)
-{}
 
 void ImportRun::Import(YMetadataBase& metadata, unsigned long long line)
 {
-    YString shown("line " + std::to_string(line));
+    m_build.Tick();
+    std::string shown = "line " + std::to_string(line);
     try {
         CheckHasPath(metadata);
         static_cast<void>(RestoredPath(metadata, 0));
-        shown = ShownPath(metadata.GetFilePath(0));
-        m_record.clear();
-        metadata.StringifyTo(m_record);
-        EntryFacts facts;
-        RecordedEntry recorded;
-        // The record of an object other than a file is complete.
-        if (metadata.GetMetadataType() != Backup::File::VAM_ODS_METADATA_TYPE)
-            recorded = Complete(metadata, facts);
-        m_snapshot.Add(m_record, facts);
-        m_counts.Add(recorded.type);
-        if (facts.readSize) {
-            Krt::YStream reason{YString()};
-            reason << "The content has " << *facts.readSize << " bytes instead of " << recorded.size;
-            m_report.EntryFailed(shown, reason);
-        }
+        shown = Shown(metadata.GetFilePath(0), line);
+        Take(metadata, shown, line);
     } catch (const Krt::Exception::YError& error) {
-        KRT_RAISE_UNLESS(!IsInterrupted(), ErrorCode::InvalidState, "Interrupted; no snapshot was created");
-        m_report.EntryFailed(shown, ReasonOf(error));
+        RaiseIfInterrupted();
+        if (m_build.HasFailed())
+            throw;
+        m_report.EntryFailed(YString(shown), ReasonOf(error));
     }
-    m_report.Progress(m_counts.Entries(), m_counts.bytes);
 }
 
-// Finds what a restore needs in addition to the record.
-RecordedEntry ImportRun::Complete(YMetadataBase& metadata, EntryFacts& facts)
+// Raises for a record that is left out, before anything of it is entered.
+void ImportRun::Take(YMetadataBase& metadata, const std::string& shown, unsigned long long line)
 {
-    const RecordedEntry recorded = RecordedEntryOf(metadata);
-    // An entry that no restore can create is refused here, while its source is still available.
-    static_cast<void>(TargetLocationOf(metadata, 0));
-    switch (recorded.type) {
-    case S_IFREG: {
-        const Krt::Util::YUnxHandle file = m_contents.Open(metadata);
-        // A reparse point without a size has no content: its record is worth keeping.
-        const bool hasNone = recorded.isReparsePoint && recorded.size == 0;
-        KRT_RAISE_UNLESS(ReadContent(file, recorded.size, facts) || hasNone, ErrorCode::NotFound,
+    const TargetLocation location = TargetLocationOf(metadata, 0);
+    Taken taken{ImportedEntryOf(metadata), {}, shown};
+    const NodeType type = taken.entry.node.type;
+    CheckFree(location, type == NodeType::Directory);
+    if (type == NodeType::Directory) {
+        TakeDirectory(location, std::move(taken.entry));
+        return;
+    }
+    Krt::Util::YUnxHandle file;
+    if (type == NodeType::File) {
+        file = m_contents.Open(metadata);
+        if (!file.IsEmpty() && !S_ISREG(Krt::File::Stat(file).st_mode))
+            file.Close();
+        KRT_RAISE_UNLESS(!file.IsEmpty() || taken.entry.mayLackContent, ErrorCode::NotFound,
                          "Not stored: the contents have no file for it (links are not followed)");
-        break;
     }
-    case S_IFDIR:
-    case S_IFIFO:
-        break;
-    case S_IFLNK:
-        KRT_RAISE_UNLESS(!recorded.linkTarget.IsEmpty(), ErrorCode::InvalidArgument,
-                         "Not stored: the record has no target for the link");
-        break;
-    default:
-        KRT_RAISE(ErrorCode::NotSupported,
-                  "Not stored: a record of a device, a socket or an unknown type is not enough");
+    Claim(location, taken.names);
+    for (unsigned long i = 1; i < metadata.GetFilePathCount(); ++i) {
+        try {
+            Claim(TargetLocationOf(metadata, i), taken.names);
+        } catch (const Krt::Exception::YError& error) {
+            m_report.EntryFailed(YString(Shown(metadata.GetFilePath(i), line)), ReasonOf(error));
+        }
     }
-    return recorded;
+    if (taken.names.size() > 1) { // restic takes entries of the same inode and device for hard links
+        taken.entry.node.links = taken.names.size();
+        taken.entry.node.inode = ++m_linked;
+        taken.entry.node.deviceId = 1;
+    }
+    if (type == NodeType::File) {
+        AddFile(std::move(taken), std::move(file));
+    } else {
+        m_others += taken.names.size();
+        AddNodes(taken);
+    }
 }
 
-// Returns false if it is not a regular file.
-bool ImportRun::ReadContent(const Krt::Util::YUnxHandle& file, unsigned long long recordedSize,
-                            EntryFacts& facts)
+void ImportRun::TakeDirectory(const TargetLocation& location, ImportedEntry entry)
 {
-    if (file.IsEmpty())
-        return false;
+    Directory& directory = m_directories[Enter(location, location.size())];
+    directory.hasRecord = true;
+    entry.node.name = location.back().Bytes();
+    AddMember(entry, PathOf(location).Bytes(), entry.node);
+    directory.build->SetNode(std::move(entry.node), "");
+}
+
+// Raises InvalidArgument if an entry can't be at the location, because of an earlier one.
+void ImportRun::CheckFree(const TargetLocation& location, bool isDirectory) const
+{
+    // Readers count the root and the entry's own tree, too.
+    KRT_RAISE_UNLESS(location.size() < DepthLimit, ErrorCode::InvalidArgument,
+                     "Refused: the path has " << static_cast<unsigned int>(DepthLimit)
+                                              << " components or more");
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < location.size(); ++i) {
+        const auto& entries = m_directories[at].entries;
+        const auto found = entries.find(location[i].Bytes());
+        if (found == entries.end())
+            return;
+        at = found->second;
+        KRT_RAISE_UNLESS(at != NotDirectory, ErrorCode::InvalidArgument,
+                         "Refused: an earlier record has the path "
+                             << PathOf({location.begin(), location.begin() + static_cast<long>(i) + 1}));
+    }
+    KRT_RAISE_UNLESS(isDirectory, ErrorCode::InvalidArgument, "Refused: earlier records are below its path");
+    KRT_RAISE_UNLESS(!m_directories[at].hasRecord, ErrorCode::InvalidArgument,
+                     "Refused: an earlier record has the path " << PathOf(location));
+}
+
+// Returns the index of the directory that the first `count` components name, which is made if it is missing.
+std::size_t ImportRun::Enter(const TargetLocation& location, std::size_t count)
+{
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::string& name = location[i].Bytes();
+        Directory& directory = m_directories[at];
+        const auto [found, isNew] = directory.entries.try_emplace(name, m_directories.size());
+        at = found->second;
+        if (isNew) {
+            m_directories.push_back({m_build.AddDirectory(directory.build, name)});
+            m_directories.back().build->SetNode(PlainDirectory(name), "");
+        }
+    }
+    return at;
+}
+
+// Enters an entry that is not a directory.
+void ImportRun::Claim(const TargetLocation& location, std::vector<Name>& names)
+{
+    CheckFree(location, false);
+    Directory& directory = m_directories[Enter(location, location.size() - 1)];
+    directory.entries.emplace(location.back().Bytes(), NotDirectory);
+    directory.build->Announce();
+    names.push_back({directory.build, PathOf(location).Bytes()});
+}
+
+void ImportRun::AddFile(Taken taken, Krt::Util::YUnxHandle file)
+{
+    LinkedContents::Completion onDone = [this,
+                                         taken = std::move(taken)](const StoredContent& content) mutable {
+        FileDone(taken, content);
+    };
+    if (file.IsEmpty()) {
+        onDone({});
+        return;
+    }
     const struct stat status = Krt::File::Stat(file);
-    if (!S_ISREG(status.st_mode))
-        return false;
-    const auto size = static_cast<unsigned long long>(status.st_size);
-    m_objects.Begin();
-    const auto total =
-        CopyContent(size, BufferSize, m_counts, m_report, [this, &file](unsigned long long offset) {
-            const unsigned long count = Krt::File::Read(file, offset, BufferSize, m_buffer.data());
-            m_objects.Append(m_buffer.data(), count);
-            return count;
-        });
-    facts.content = m_objects.Finish();
-    if (total != recordedSize)
-        facts.readSize = total;
-    m_counts.bytes += total;
-    return true;
+    if (LinkedContents::MayHave(status))
+        onDone = m_links.Join(status, std::move(onDone));
+    if (onDone)
+        m_build.AddContent(
+            {std::make_shared<const Krt::Util::YUnxHandle>(std::move(file)), std::move(onDone)});
+}
+
+// Completes the nodes of a file. Any thread.
+void ImportRun::FileDone(Taken& taken, const StoredContent& content)
+{
+    if (!content.failure.empty()) {
+        m_build.Post(taken.shown, content.failure, true);
+        for (const Name& name : taken.names)
+            DirectoryBuild::Drop(name.directory);
+        return;
+    }
+    if (content.isChanged)
+        m_build.Post(taken.shown, "The file changed while it was read", false);
+    Node& node = taken.entry.node;
+    node.size = content.size;
+    node.content = content.blobs;
+    if (content.size != taken.entry.size)
+        m_build.Post(taken.shown,
+                     "The content has " + std::to_string(content.size) + " bytes instead of " +
+                         std::to_string(taken.entry.size),
+                     true);
+    for (std::size_t i = 0; i < taken.names.size(); ++i)
+        m_build.CountFile(&ChangeCounts::isNew, content.size);
+    AddNodes(taken);
+}
+
+// Any thread.
+void ImportRun::AddNodes(Taken& taken)
+{
+    Node& node = taken.entry.node;
+    const bool areCopied = taken.entry.record.size() * taken.names.size() <= CopiesLimit;
+    for (const Name& name : taken.names) {
+        node.name = name.path.substr(name.path.rfind('/') + 1);
+        node.unknown.clear();
+        if (areCopied || &name == &taken.names.front())
+            AddMember(taken.entry, name.path, node);
+        DirectoryBuild::Add(name.directory, node);
+    }
+}
+
+std::optional<Repo::Id> ImportRun::Finish()
+{
+    for (const auto& [name, index] : m_directories.front().entries)
+        m_tops.push_back("/" + name);
+    if (m_tops.size() > MostTops)
+        m_tops = {"/"};
+    for (; !m_directories.empty(); m_directories.pop_back()) {
+        m_build.Tick();
+        Directory& directory = m_directories.back();
+        if (!directory.hasRecord)
+            directory.build->SetNeedsEntries();
+        DirectoryBuild::Close(std::move(directory.build));
+    }
+    return m_build.Finish();
+}
+
+SnapshotCounts ImportRun::Complete(SnapshotCounts counts) const
+{
+    counts.others = m_others;
+    return counts;
 }
 
 } // namespace Agent

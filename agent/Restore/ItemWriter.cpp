@@ -94,7 +94,8 @@ void ItemWriter::Write(RestoreItem& item, FileBlobs& blobs)
 
 void ItemWriter::Make(RestoreItem& item, FileBlobs& blobs)
 {
-    KRT_RAISE_UNLESS(!item.recorded.isReparsePoint || item.recorded.type == S_IFREG, ErrorCode::NotSupported,
+    const bool hasContent = item.recorded.type == S_IFREG && item.recorded.size != 0;
+    KRT_RAISE_UNLESS(!item.recorded.isReparsePoint || hasContent, ErrorCode::NotSupported,
                      "A reparse point is not restored: its record does not contain its target");
     MakeRoom(item);
     if (item.recorded.type == S_IFDIR)
