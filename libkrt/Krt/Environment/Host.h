@@ -11,7 +11,8 @@ namespace Krt::Environment {
 KRT_API YString GetHostName();
 /// Sets the permission bits that are cleared in new files and directories. Returns the former mask.
 KRT_API unsigned int SetFileCreationMask(unsigned int mask);
-/// Raises the limit of open files to the maximum that the administrator allows.
+/// Increases the limit of open files to the hard limit. A limit that cannot be set stays unchanged. Raises
+/// the operating system's error if it cannot be read.
 KRT_API void RaiseDescriptorLimit();
 /// Returns true if the effective user is root.
 KRT_API bool IsRoot();

@@ -29,7 +29,8 @@ KRT_API int ExecuteProcessElevated(const File::YPath& program, const std::vector
 
 /// Runs a program and returns its exit status, as ExecuteProcess does.
 using ProcessRunner = std::function<int(const File::YPath& program, const std::vector<YString>& arguments)>;
-/// ExecuteProcessElevated, with the command line, sudo included, passed to `runner`.
+/// Builds the command line of ExecuteProcessElevated, with sudo if it is needed, and returns what `runner`
+/// returns for it.
 KRT_API int ExecuteProcessElevated(const File::YPath& program, const std::vector<YString>& arguments,
                                    bool unattended, const ProcessRunner& runner);
 

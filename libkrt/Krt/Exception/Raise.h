@@ -18,7 +18,7 @@
 #include <utility>
 
 /// The source path that errors report, with its extension. A source that is a part of another one defines
-/// it as the path of the latter, before its includes.
+/// it as that other source's path, before its includes.
 #ifndef KRT_SOURCE_FILE
 #define KRT_SOURCE_FILE __FILE__
 #endif

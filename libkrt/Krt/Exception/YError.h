@@ -32,7 +32,7 @@ public:
     /// The text of the raising site, which may be empty. It lacks the system's reason, which what(),
     /// Describe() and the printed form contain.
     const YString& GetMessage() const { return m_message; }
-    /// The type: whether the error was raised with an ErrorCode or with an errno.
+    /// The type: whether the error was raised with an ErrorCode or with an error number.
     ExceptionType GetType() const { return static_cast<ExceptionType>(m_type); }
     /// The log channel, a MessageType.
     unsigned int GetMessageType() const { return static_cast<unsigned int>(m_messageType); }
@@ -44,7 +44,8 @@ public:
     unsigned int GetLine() const { return static_cast<unsigned int>(m_line); }
     /// Returns type, code (by name and number, with the system's text) and function.
     YString Describe() const;
-    /// Prints the message and then Describe() in parentheses; only the latter if there is no message.
+    /// Prints the message and then Describe() in parentheses; only the part in parentheses if there is no
+    /// message.
     friend KRT_API std::ostream& operator<<(std::ostream& out, const YErrorBase& error);
     /// Returns the raising thread's stack, one line per frame, with names if they are known. The names are
     /// looked up by this call.
@@ -63,7 +64,7 @@ protected:
     YString m_what;                       ///< for an OsError what(); it ends with the system's text
     unsigned long long m_line = 0;        ///< returned by GetLine
     YString m_stack;                      ///< in the form of GetCurrentStackTrace
-    unsigned long long m_code = 0;        ///< an ErrorCode, or an errno for an OsError
+    unsigned long long m_code = 0;        ///< an ErrorCode, or an error number for an OsError
 };
 
 /// The only exception type. It records what the raising site knows. It is a value and owns its content. It
@@ -77,8 +78,9 @@ public:
     explicit YError(const YErrorBase& other) : YErrorBase(other) {}
 };
 
-/// Returns the error for a raising site. `code` is an ErrorCode, or an errno for OsError. `file` is the
-/// source path and `function` the bare function name. Captures the caller's stack. Does not fail.
+/// Returns the error for a raising site. `code` is an ErrorCode, or an error number for OsError. `file` is
+/// the source path, which is kept as it is, and `function` the bare function name. Captures the caller's
+/// stack. Does not fail.
 KRT_API YError MakeYError(ExceptionType type, unsigned int messageType, unsigned int code, unsigned int line,
                           const char* file, const char* function, const YString& message);
 

@@ -2,9 +2,10 @@
 
 /// @file
 /// File operations by path and on an open descriptor. By path, a symlink as the last component is not
-/// followed, except where noted. On a descriptor, they do not depend on the path. All raise the operating
-/// system's error (channel General) and retry on EINTR. See YDirectory.h for the entries of an open
-/// directory, and YEntry.h for owner, mode, times and attributes.
+/// followed, except where noted. On a descriptor, they do not depend on the path. Unless noted, failures
+/// raise the operating system's error (channel General), and calls are retried on EINTR. An empty handle
+/// raises InvalidState. See YDirectory.h for the entries of an open directory, and YEntry.h for owner,
+/// mode, times and attributes.
 
 #include "Krt/File/YPath.h"
 #include "Krt/Memory/YHeap.h"
@@ -54,10 +55,9 @@ KRT_API void DeleteFile(const YPath& path);
 /// InvalidArgument.
 KRT_API Util::YUnxHandle Open(const YPath& path, unsigned int flags);
 /// Reads from `offset` until `count` bytes are read or the file ends. Returns the number of bytes read.
-/// Raises InvalidState for an empty handle.
 KRT_API unsigned long Read(const Util::YUnxHandle& handle, unsigned long long offset, unsigned long count,
                            void* buffer);
-/// Writes all `count` bytes at `offset`, or raises. Raises InvalidState for an empty handle.
+/// Writes all `count` bytes at `offset`, or raises. Returns `count`.
 KRT_API unsigned long Write(const Util::YUnxHandle& handle, unsigned long long offset, unsigned long count,
                             const void* buffer);
 

@@ -38,7 +38,7 @@ public:
     /// Upper-case prefixes of Windows paths that begin with a volume, sorted by bytes.
     static const std::vector<YString> s_volumePrefixes;
 
-    /// Replaces each "/" by the first byte of `separator`, as which all functions on text use it.
+    /// Replaces each "/" by the first byte of `separator`. The functions below also use only that byte.
     static YString ConvertToOsPathSep(const YString& path, const char* separator);
     /// Removes trailing separators, but not from a text that is a single separator.
     static YString RemovePathSep(const YString& path, const char* separator);

@@ -1,7 +1,9 @@
-// Memory for shared values. Documents come and go one record at a time, and each record has dozens of values,
-// all of one size: the blocks that a thread frees are kept for its next document, up to a limit. A block may
-// be freed by another thread than the one that allocated it.
 #pragma once
+
+/// @file
+/// Memory for shared values. Documents come and go one record at a time, and each record has dozens of
+/// values, all of one size: the blocks that a thread frees are kept for its next document, up to a limit. A
+/// block may be freed by another thread than the one that allocated it.
 
 #include <cstddef>
 #include <new>
@@ -22,11 +24,13 @@ template <std::size_t Size>
 class FreeList
 {
 public:
+    /// Returns a block that the thread kept, or a new one.
     static void* Take()
     {
         Kept& kept = t_kept;
         return kept.first ? TakeFirst(kept) : ::operator new(Size);
     }
+    /// Keeps a block of Take, which may be another thread's, or frees it if the limit is reached.
     static void Return(void* memory) noexcept
     {
         Kept& kept = t_kept;

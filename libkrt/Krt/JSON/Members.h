@@ -2,8 +2,7 @@
 
 /// @file
 /// The members of a JSON object, described once. A class has a template that passes each of its fields to
-/// `members` with its key, in the order of its JSON form. Self is const for classes that only read the
-/// fields.
+/// `members` with its key, in the order of its JSON form. Self is const unless Members::Reads is true.
 ///
 ///     template <class Members, class Self> static void Describe(Members& members, Self& self)
 ///
@@ -25,7 +24,7 @@ namespace Krt::JSON {
 class ValueMembers
 {
 public:
-    static constexpr bool Reads = false;     ///< the fields are not changed
+    static constexpr bool Reads = false;     ///< true if the fields are filled from JSON
     static constexpr bool ListsKeys = false; ///< a member that depends on a field may be left out
 
     /// Appends to `object`.
@@ -84,7 +83,7 @@ private:
 class TextMembers
 {
 public:
-    static constexpr bool Reads = false;     ///< the fields are not changed
+    static constexpr bool Reads = false;     ///< true if the fields are filled from JSON
     static constexpr bool ListsKeys = false; ///< a member that depends on a field may be left out
 
     /// Writes to `writer`.
@@ -145,7 +144,7 @@ private:
 class ReadMembers
 {
 public:
-    static constexpr bool Reads = true;      ///< the fields are changed
+    static constexpr bool Reads = true;      ///< true if the fields are filled from JSON
     static constexpr bool ListsKeys = false; ///< a member that depends on a field may be left out
 
     /// Reads from `object`, which must outlive this object.
@@ -233,7 +232,7 @@ struct MemberKey
 class KeyMembers
 {
 public:
-    static constexpr bool Reads = false;    ///< the fields are not changed
+    static constexpr bool Reads = false;    ///< true if the fields are filled from JSON
     static constexpr bool ListsKeys = true; ///< members that depend on a field are all given
 
     /// Appends to `keys`.

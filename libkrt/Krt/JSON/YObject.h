@@ -55,8 +55,8 @@ public:
 
     /// Allocates memory for `count` members in total.
     void Reserve(std::size_t count) { m_entries.reserve(count); }
-    /// Stores the value. An existing key keeps its position and gets the new value. A key with a null value
-    /// counts as absent.
+    /// Stores the value. An existing key keeps its position and gets the new value. A key whose value is
+    /// nullptr counts as absent.
     void Put(Key key, boost::shared_ptr<YValue> value);
     /// Returns the value of the key. Raises NotFound, with the key in the text, on the channel
     /// `messageType`.
@@ -83,7 +83,7 @@ public:
 private:
     friend class YValue;      // destroys objects without recursion
     friend class JsonBuilder; // puts a key before it has the value
-    // Sorted, not hashed: the keys of a document can't be chosen so that look-ups degrade.
+    // Sorted, not hashed: the keys of a document cannot be chosen so that look-ups degrade.
     using Index = std::map<std::string, std::size_t, std::less<>>;
     static constexpr std::size_t LinearLimit = 32;
 

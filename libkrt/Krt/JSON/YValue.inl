@@ -1,6 +1,8 @@
-// Definitions of the templates of YValue and YObject, for the sources that instantiate them: YValue.cpp, and
-// that of a class with conversions of its own.
 #pragma once
+
+/// @file
+/// Definitions of the templates of YValue and YObject, for the sources that instantiate them: YValue.cpp, and
+/// that of a class with conversions of its own.
 
 #include "Krt/JSON/FreeListAllocator.h"
 #include "Krt/JSON/YValue.h"

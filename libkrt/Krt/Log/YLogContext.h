@@ -23,7 +23,8 @@ public:
     /// Replaces the unfinished message by `text`, and returns it.
     std::string ExchangeText(std::string text);
 
-    /// Passes the text to the log and to the signal's slots; the next message starts empty.
+    /// Passes the text to the log and to the signal's slots. The next message starts empty and returns to
+    /// the channel General.
     void FlushInternal() override;
 
 private:

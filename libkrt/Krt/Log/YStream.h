@@ -28,8 +28,9 @@ enum class Hex : unsigned int
 /// Values that change the stream instead of adding text.
 enum class Modifiers : unsigned int
 {
-    EndLine = 1,  ///< appends a line end and flushes
-    ByteCount = 4 ///< precedes a number that counts bytes
+    EndLine = 1, ///< appends a line end and flushes
+    /// Marks the next number as a count of bytes, which is written as any other number.
+    ByteCount = 4
 };
 
 /// Builds a message and can publish it: a flush fires the stream's signal with the text. A plain stream
@@ -61,7 +62,7 @@ public:
     YStream& operator<<(unsigned long long value);
     /// Appends the path's text.
     YStream& operator<<(const File::YPath& path);
-    /// Appends kind and pattern.
+    /// Appends the kind, the pattern if the kind has one, and whether case is ignored.
     YStream& operator<<(const Match::Descriptor& descriptor);
     /// Appends the message with the description in parentheses.
     YStream& operator<<(const Exception::YError& error);

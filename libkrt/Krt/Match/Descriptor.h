@@ -18,8 +18,8 @@ enum class MatchType : unsigned int
     Any = 8    ///< matches every name
 };
 
-/// A pattern for one name: the last component of a path, or one of its components. Its behavior depends
-/// only on the match type, so a derived descriptor may be copied to a Descriptor. A plain value without a
+/// A pattern for one name: the last component of a path, or one of its components. Derived classes only
+/// choose the match type, so a derived descriptor may be copied to a Descriptor. A plain value without a
 /// lock.
 class KRT_API Descriptor
 {

@@ -1,5 +1,7 @@
-// Lets a std::unique_ptr own a handle of a C library.
 #pragma once
+
+/// @file
+/// Lets a std::unique_ptr own a handle of a C library.
 
 namespace Krt::Memory {
 

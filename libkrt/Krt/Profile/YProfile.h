@@ -41,7 +41,7 @@ KRT_API YString GetSystemPath();
 
 /// Returns the system's configuration, which is parsed again only if the file has changed. A missing file
 /// is an empty profile. Raises the system's error for an unreadable file, and InvalidArgument with the line
-/// for a damaged one. Any thread.
+/// for a damaged one. Raises InvalidArgument also for a FIFO and for a file above 16 MiB. Any thread.
 KRT_API boost::shared_ptr<YProfile> OpenSystem();
 
 } // namespace Krt::Profile

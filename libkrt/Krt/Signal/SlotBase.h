@@ -61,11 +61,11 @@ private:
 class KRT_API Context
 {
 public:
-    /// Locks the shared mutex and returns the lock.
+    /// Acquires the lock of the Context and returns it.
     static Thread::YMutex::YLock GetMutex();
     /// The condition that is signalled when a slot's call ends. Valid as long as the process.
     static pthread_cond_t* GetCondition();
-    /// Waits on the condition. The caller holds the shared mutex; its recursion count is restored on
+    /// Waits on the condition. The caller holds the lock of the Context; its recursion count is restored on
     /// return.
     static void Wait();
 };

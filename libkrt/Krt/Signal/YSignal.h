@@ -16,7 +16,7 @@
 
 namespace Krt::Signal {
 
-/// Stores the result of the last slot. There is no result for void.
+/// The combiner of the slots' results. Only the specialisation for void is defined.
 template <class T>
 class OptionalLastCombiner;
 /// The combiner of slots without a result.

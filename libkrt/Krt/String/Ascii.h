@@ -1,7 +1,7 @@
 #pragma once
 
 /// @file
-/// Letter case of ASCII letters only, independent of the locale.
+/// ASCII text: letter case, independent of the locale, and hexadecimal digits.
 
 #include <algorithm>
 #include <string>
@@ -11,7 +11,7 @@ namespace Krt::String {
 
 /// The digits of a hexadecimal number, by value.
 inline constexpr std::string_view HexDigits = "0123456789abcdef";
-/// Every character of a hexadecimal number, in either case.
+/// The hexadecimal digits in both cases.
 inline constexpr std::string_view AnyHexDigits = "0123456789abcdefABCDEF";
 
 /// Appends the bytes as two digits each.

@@ -25,9 +25,10 @@ KRT_API unsigned int GetChrSize<char>(const char* text);
 
 /// The text type. It contains UTF-8 and counts characters, whose sizes the lead bytes announce (see
 /// GetChrSize); nothing is validated. Positions and counts are in characters; NotFound as a count means "to
-/// the end". A case-sensitive comparison compares bytes; another one also ignores the case of ASCII
-/// letters. A string has no lock. Reads fill the cached character count, which is atomic, so many threads
-/// may read a string that no thread changes.
+/// the end". Operations that count characters raise InvalidArgument for a string of 4 GiB or more. A
+/// case-sensitive comparison compares bytes; another one also ignores the case of ASCII letters. A string
+/// has no lock. Reads fill the cached character count, which is atomic, so many threads may read a string
+/// that no thread changes.
 class KRT_API YString
 {
 public:
@@ -138,7 +139,7 @@ public:
 
     /// Compares bytes.
     friend bool operator==(const YString& a, const YString& b) noexcept { return a.m_bytes == b.m_bytes; }
-    /// Compares bytes; nullptr is the empty text.
+    /// Compares bytes; nullptr is the empty string.
     friend bool operator==(const YString& a, const char* b) noexcept { return a.m_bytes == (b ? b : ""); }
     /// Orders by bytes as unsigned numbers; a prefix is less than the longer text.
     friend auto operator<=>(const YString& a, const YString& b) noexcept { return a.m_bytes <=> b.m_bytes; }

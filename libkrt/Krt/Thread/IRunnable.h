@@ -15,8 +15,8 @@ public:
     IRunnable(boost::function<void()> function, YString name);
     virtual ~IRunnable() = default;
 
-    /// Calls the function; does nothing if it is empty. A YError of the function is stored and not passed
-    /// on.
+    /// Calls the function; does nothing if it is empty. An exception of the function is stored and not
+    /// passed on: a YError as it is, another std::exception converted to one.
     void Run();
     /// The name. Valid as long as the runnable.
     const YString& GetName() const { return m_name; }

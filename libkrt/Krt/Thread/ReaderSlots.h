@@ -19,10 +19,11 @@ class YReadWriteMutexInternal;
 /// The state of one thread in one lock. It is cache-line aligned to avoid false sharing between readers.
 struct alignas(64) ReaderSlot
 {
+    /// Bits of `state`.
     enum State : unsigned int
     {
-        Held = 1,       // the thread holds at least one level
-        BiasRevoked = 2 // Held is changed only with the lock's mutex held
+        Held = 1,       ///< the thread holds at least one level
+        BiasRevoked = 2 ///< Held is changed only with the lock's mutex held
     };
 
     /// A slot for the lock at `lockAddress`.

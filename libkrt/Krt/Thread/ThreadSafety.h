@@ -35,7 +35,7 @@ namespace Krt::Thread {
 class KRT_CAPABILITY("mutex") AnnotatedMutex
 {
 public:
-    /// Declares, in a lambda that runs with the mutex held, that it is; does nothing.
+    /// Declares to clang that the mutex is held, in lambdas that run with it held. Does nothing.
     void AssertHeld() const KRT_ASSERTS_HELD {}
 
 private:

@@ -45,10 +45,11 @@
 // Threads that hold some lock are not held back, since the holder of this lock may wait for theirs.
 //
 // Destruction. YReadWriteMutex objects own the lock; slots refer to it weakly. A slot is owned by its thread,
-// which deletes it at its end, or later than the lock when it needs room. ~ReaderSlot takes it out of m_slots
-// if the lock still exists. Levels may outlive the lock: they are released only in the slot, since no thread
-// can wait for them. The memory of a lock made by make_shared is kept while slots refer to it, so its address
-// is that of no other lock.
+// which deletes it at its end or, after the lock was destroyed, when its table is full. A slot with levels at
+// the thread's end is leaked, and its lock stays locked. ~ReaderSlot takes the slot out of m_slots if the
+// lock still exists. Levels may outlive the lock: they are released only in the slot, since no thread can
+// wait for them. The memory of a lock made by make_shared is kept while slots refer to it, so its address is
+// that of no other lock.
 
 namespace Krt::Thread {
 

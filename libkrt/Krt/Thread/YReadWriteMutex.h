@@ -28,7 +28,7 @@ public:
         YLock& operator=(YLock&& other) noexcept;
         ~YLock() { Release(); }
         /// Releases the lock; a second call does nothing. Called on the thread that acquired it, in any
-        /// order of locks.
+        /// order of locks. On a thread that does not hold the lock, it ends the process.
         void Release() noexcept
         {
             if (!m_internal)
@@ -62,7 +62,7 @@ public:
     YReadWriteMutex();
 
     /// Acquires a read lock. A `timeout` of zero waits without limit; a positive one is measured on the
-    /// steady clock. Raises LockTimeout.
+    /// steady clock; with a negative one the call does not wait. Raises LockTimeout.
     YLock ReadLock(const Time::YDuration& timeout) const
     {
         if (!ReaderSlots::Mine().TryReadLock(m_internal.get())) [[unlikely]]

@@ -24,7 +24,8 @@ public:
     /// The error that ended the thread's function; an empty error if it succeeded. For use after Join.
     const Exception::YError& GetError() const;
 
-    /// Sets the flag, then calls the function of the topmost runnable, if there is one. Any thread.
+    /// Sets the flag, then calls the function of the topmost runnable, if there is one, unless another
+    /// request is calling it. Any thread.
     void RequestCancel();
     /// Returns true after RequestCancel. Any thread.
     bool IsCancelRequested() const;

@@ -13,11 +13,13 @@ template <class T>
 YString NumberToString(T value, bool hex);
 
 /// Returns the number of the text. T is bool, unsigned int or unsigned long long.
-/// - White space at both ends is ignored.
-/// - A leading "0x" or `hex` selects hexadecimal digits.
+/// - Blanks, line feeds and carriage returns at both ends are ignored.
+/// - A leading "0x" or "0X", or `hex`, selects hexadecimal digits.
+/// - A minus sign wraps the number around: "-1" is the largest number.
 /// - With `strict` text after the number is an error.
 /// - A bool is t, f, y, n, 1 or 0 in either case: the whole text with `strict`, otherwise its beginning.
-/// - Raises NumberConversion.
+///
+/// Raises NumberConversion.
 template <class T>
 T StringToNumber(const YString& text, bool hex, bool strict);
 

@@ -8,7 +8,7 @@
 namespace Krt::Util {
 
 /// Returns the text between two quotation marks, so that a reader treats it as one word without any special
-/// meaning. An empty text results in the two marks. Line ends are not changed. A text with a NUL is not
+/// meaning. An empty string results in the two marks. Line ends are not changed. A text with a NUL is not
 /// suitable for a shell.
 /// - A double quote as the mark, for a shell: backslash, double quote, dollar sign and backtick are escaped
 ///   by a backslash.

@@ -17,7 +17,7 @@ public:
     YScope(const YScope&) = delete;
     YScope& operator=(const YScope&) = delete;
 
-    /// Runs the function now; a nested or second call does nothing.
+    /// Runs the function now; a nested or second call does nothing. Exceptions are passed on.
     void Release();
 
 private:

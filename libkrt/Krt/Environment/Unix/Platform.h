@@ -14,6 +14,7 @@ namespace Krt::Environment {
 int InheritStandardStreamsAlone(posix_spawnattr_t& attributes, posix_spawn_file_actions_t& actions);
 
 /// Returns the ID of a running process of that name other than `except`, or 0 if there is no such process.
+/// An `except` of 0 excepts no process.
 int FindProcess(const YString& name, int except);
 
 } // namespace Krt::Environment

@@ -24,6 +24,7 @@ Util::OsResult<int> SetModeOfDirectory(int directory, mode_t mode);
 /// false. Returns 0 or the error number.
 int ListEntries(int directory, const std::function<bool(const DirectoryEntry&)>& visitor);
 
+/// Returns true for "." and "..".
 inline bool IsDots(const char* name)
 {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
@@ -36,6 +37,7 @@ class AttributeTarget
 public:
     /// The entry at `path`, which must outlive the target.
     explicit AttributeTarget(const char* path) : m_path(path) {}
+    /// The open file.
     explicit AttributeTarget(int descriptor) : m_handle(descriptor, false) {}
     /// The entry `name` of an open directory. Raises the system's error, reporting `function`, if the
     /// platform has to open the entry.
@@ -43,8 +45,11 @@ public:
     AttributeTarget(const AttributeTarget&) = delete;
     AttributeTarget& operator=(const AttributeTarget&) = delete;
 
+    /// Stores the names, each with its NUL, as listxattr does.
     ssize_t List(char* buffer, std::size_t size) const;
+    /// Stores the value of an attribute as getxattr does.
     ssize_t Get(const char* name, void* buffer, std::size_t size) const;
+    /// Sets an attribute as setxattr does.
     int Set(const char* name, const void* data, std::size_t size, unsigned int flags) const;
 
     /// Returns true if the error number means that there is no such attribute.
@@ -52,7 +57,7 @@ public:
 
 private:
     std::string m_entryPath;
-    const char* m_path = nullptr; // null: the handle counts
+    const char* m_path = nullptr; // nullptr if the handle is the target
     Util::YUnxHandle m_handle;
 };
 

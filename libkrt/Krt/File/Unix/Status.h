@@ -28,7 +28,7 @@ struct FileId
     ino_t inode = 0;
 };
 
-/// The access time in nanoseconds.
+/// The access time, to the nanosecond.
 inline const timespec& AccessTime(const struct stat& status)
 {
 #ifdef __APPLE__
@@ -38,7 +38,7 @@ inline const timespec& AccessTime(const struct stat& status)
 #endif
 }
 
-/// The modification time in nanoseconds.
+/// The modification time, to the nanosecond.
 inline const timespec& WriteTime(const struct stat& status)
 {
 #ifdef __APPLE__
@@ -48,7 +48,7 @@ inline const timespec& WriteTime(const struct stat& status)
 #endif
 }
 
-/// The change time of the inode (mode, owner, number of links, content) in nanoseconds.
+/// The change time of the inode (mode, owner, number of links, content), to the nanosecond.
 inline const timespec& ChangeTime(const struct stat& status)
 {
 #ifdef __APPLE__
