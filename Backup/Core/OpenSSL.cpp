@@ -22,7 +22,7 @@ using Krt::File::YPath;
 
 namespace {
 
-// Fills the report, if there is one. `server` is null if there is no readable certificate.
+// Fills the report, if there is one. `server` is nullptr if there is no readable certificate.
 bool Conclude(const VerifyResult& result, const X509* server, TrustReport* report)
 {
     if (report != nullptr)

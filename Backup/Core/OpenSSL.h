@@ -40,7 +40,7 @@ struct TrustOptions
 };
 
 /// A summary of a certificate. Names have the form of RFC 2253, in printable ASCII with escapes. Times are
-/// seconds since 1970, not set if they can't be read.
+/// seconds since 1970, not set if they cannot be read.
 struct CertificateSummary
 {
     Krt::YString subject;               ///< the name whose key it certifies
@@ -56,28 +56,29 @@ struct TrustReport
     Krt::YString reason;       ///< why the server is not trusted, in printable ASCII; empty if it is
     Krt::YString subject;      ///< subject of the certificate at fault; empty if there is none
     int depth = -1;            ///< depth of that certificate: 0 the server's, 1 its issuer's; or -1
-    CertificateSummary server; ///< the server's certificate; empty if it can't be read
+    CertificateSummary server; ///< the server's certificate; empty if it cannot be read
 };
 
-/// Returns true if the holder of the certificate's key is the server to be reached, for TLS. `chain` contains
-/// the certificates that the server sent with its own, in any order; certificates after the first one of
-/// `certificate` are added to it. If the order sent does not lead to a trusted path, other orders are tried
-/// within a bound: at most 64 paths of 10 issuers each. `host` is the name or IP address by which the server
-/// was reached, in ASCII, with international names as A-labels. The brackets and zone of an IPv6 address and
-/// the trailing dot of a name are ignored. Never raises for what the server sent. Raises InvalidArgument for
-/// an unusable host, pin, anchor, list or time, the errors of ReadCertificateFile, and CryptoFailure if
-/// OpenSSL fails.
+/// Returns true if the certificate is valid for the TLS server `host` and is trusted by an anchor or a pin.
+/// Fills `*report` unless it is nullptr. `chain` contains the certificates that the server sent with its
+/// own, in any order; certificates after the first one of `certificate` are added to it. If the order sent
+/// does not lead to a trusted path, other orders are tried within a bound: at most 64 paths of 10 issuers
+/// each. `host` is the name or IP address by which the server was reached, in ASCII, with international
+/// names as A-labels. The brackets and zone of an IPv6 address and the trailing dot of a name are ignored.
+/// Never raises for what the server sent. Raises InvalidArgument for an unusable host, pin, anchor, list or
+/// time, the errors of ReadCertificateFile, and CryptoFailure if OpenSSL fails.
 BACKUP_API bool IsCertificateTrusted(const std::string& certificate, const std::vector<std::string>& chain,
                                      const Krt::YString& host, const TrustOptions& options = {},
                                      TrustReport* report = nullptr);
 
 /// Verifies the certificate of the server at the other end of `connection`, which the caller keeps. See the
-/// overload above for the rules. Raises InvalidArgument if the handshake isn't done.
+/// overload above for the rules. Raises InvalidArgument if `connection` is nullptr or its handshake is not
+/// finished.
 BACKUP_API bool IsCertificateTrusted(ssl_st* connection, const Krt::YString& host,
                                      const TrustOptions& options = {}, TrustReport* report = nullptr);
 
 /// Returns the bytes of a file of certificates or revocation lists. Symlinks are followed. Raises the
-/// operating system's error, and InvalidArgument for a file that isn't regular or exceeds 16 MiB.
+/// operating system's error, and InvalidArgument for a file that is not regular or exceeds 16 MiB.
 BACKUP_API std::string ReadCertificateFile(const Krt::File::YPath& path);
 
 } // namespace Backup::OpenSSL

@@ -120,8 +120,6 @@ private:
 
 namespace Krt::JSON {
 
-// The JSON form: an object with the array "components", whose elements have "class_id", "subclass_id", "name"
-// and, where it isn't empty, "display_name".
 /// Reads a job path from the form that YJobPath::ToJSON returns.
 template <>
 BACKUP_API Backup::YJobPath YValue::Convert<Backup::YJobPath>() const;

@@ -76,10 +76,12 @@ static_assert(sizeof(_tagWINDOWS_FILE_HDR) == 140 && offsetof(_tagWINDOWS_FILE_H
 /// The differences between the two file headers before their fields are read.
 struct Kind
 {
-    unsigned int type;   ///< number in the base header
-    std::size_t minimum; ///< bytes of the header without the first unit of its names
-    const char* system;  ///< word in error texts
-    const char* header;  ///< name in error texts
+    unsigned int type; ///< number in the base header
+    /// Smaller headers are reported as too small; YHeap::Cast refuses sizes from here to that of the
+    /// structure.
+    std::size_t minimum;
+    const char* system; ///< word in error texts
+    const char* header; ///< name in error texts
 };
 constexpr Kind UnixFile{0x46554E58, 78, "unix", "UNIX_FILE_HDR"};
 constexpr Kind WindowsFile{0x41333333, 136, "windows", "WINDOWS_FILE_HDR"};

@@ -78,7 +78,8 @@ public:
     void Delete(const Krt::File::YPath& path);
     /// Removes the include that equals `rule`, and the branch that this leaves empty. An exclude is
     /// searched for but not removed. Returns true if the rule was found at its path or, if that has no
-    /// node, at the nearest ancestor with a node.
+    /// node, at the nearest ancestor with a node. Returns true also for a rule that is neither an include
+    /// nor an exclude.
     bool Delete(const YSelectionPathDescriptor& rule);
     /// Returns the deepest node on the path, and true if it is the path's own. Raises NotFound with
     /// `throwIfMissing` if it is not. The node belongs to the tree and is valid until the next change. The
@@ -162,8 +163,8 @@ private:
     friend BACKUP_API Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManager& manager);
 
     // Visits the rules at each ancestor of the path, top first. The empty path and "/" are both ancestors.
-    // One without a node counts as the nearest one above it, whose rules are visited again: a copy adds them
-    // once more, which can change what the first time left.
+    // An ancestor without a node is replaced by the nearest one above it, whose rules are visited again. A
+    // copy then adds them again, which can change the result.
     void VisitRulesAbove(const Krt::File::YPath& path, const RuleVisitor& visitor) const;
     // The deepest node that exists, and how many components lead to it.
     std::pair<YSelectionManagerNode*, std::size_t> FindDeepest(std::span<const YString> components) const;
@@ -176,7 +177,7 @@ private:
     class NodesOnPath; // in YSelectionQuery.cpp
     bool MatchesInclude(const NodesOnPath& nodes) const;
     bool MatchesExclude(const NodesOnPath& nodes, bool& reportable) const;
-    // Whether an exclude of the node at this depth matches a component and isn't overridden.
+    // Whether an exclude of the node at this depth matches a component and is not overridden.
     bool NodeExcludes(const NodesOnPath& nodes, std::size_t depth, bool& reportable) const;
     bool AllChildrenAreExcludedNotReportably(const NodesOnPath& nodes) const;
     bool AnyIncludesApplyBelow(const NodesOnPath& nodes) const;
@@ -186,7 +187,7 @@ private:
     void AddCopyFromAbove(const YSelectionDescriptor& rule, bool atParent, const Krt::File::YPath& sourcePath,
                           const Krt::File::YPath& destinationPath);
 
-    std::unique_ptr<YSelectionManagerNode> m_root; // null only when moved from
+    std::unique_ptr<YSelectionManagerNode> m_root; // nullptr only when moved from
     mutable Krt::Thread::YReadWriteMutex m_lock;   // guards the whole tree
 };
 
@@ -228,8 +229,8 @@ public:
     /// `checkNonRecursiveDescriptors` is false.
     bool MatchesInclude(const YString& name, bool checkNonRecursiveDescriptors) const;
     /// Returns true if an exclude of this node matches the name; only recursive ones are tested if
-    /// `checkNonRecursiveDescriptors` is false. Sets `reportable` to true if any of the matching excludes
-    /// is to be reported.
+    /// `checkNonRecursiveDescriptors` is false. Sets `reportable` to true if any of them is reported,
+    /// otherwise to false.
     bool MatchesExclude(const YString& name, bool checkNonRecursiveDescriptors, bool& reportable) const;
     /// Returns true if an explicit NonRecursive Exact include of this node matches the name.
     bool MatchesExplicitExactNonRecursiveInclude(const YString& name) const;
@@ -280,7 +281,7 @@ private:
 
         unsigned long long includes = 0; // of this node and all nodes below it
         State state = State::NotPruned;
-        std::unique_ptr<BranchIndex> index; // of the nodes below; null in the other states
+        std::unique_ptr<BranchIndex> index; // of the nodes below; nullptr in the other states
     };
 
     YSelectionManagerNode* FindChild(const YString& name) const;
@@ -303,14 +304,14 @@ private:
     void PruneByIndex(const YSelectionDescriptor& rule);
     // Erases this node and then its ancestors while they are empty, but neither the root nor `last`.
     void EraseUpwardsWhileEmpty(const YSelectionManagerNode* last = nullptr);
-    // Null for a type that no rule has.
+    // Returns nullptr for a type that no rule has.
     const Rules* RulesOfType(SelectionType type) const;
     // Visits the rules of these types, in their order within each node.
     bool VisitRules(std::initializer_list<SelectionType> types, const RuleVisitor& visitor,
                     bool recurse) const;
     void Write(Krt::YStream& stream) const;
 
-    std::unique_ptr<Children> m_children; // null for a leaf
+    std::unique_ptr<Children> m_children; // nullptr for a leaf
     YString m_name;                       // empty in the root
     YSelectionManagerNode* m_parent = nullptr;
     Rules m_includes;

@@ -33,7 +33,7 @@ public:
         }
     }
 
-    /// Returns the node of the first `depth` components, or null if it does not exist.
+    /// Returns the node of the first `depth` components, or nullptr if it does not exist.
     const Node* At(std::size_t depth) const { return depth < m_nodes.size() ? m_nodes[depth] : nullptr; }
     const Node& Deepest() const { return *m_nodes.back(); }
 

@@ -84,7 +84,7 @@ void YSelectionRules::Index::TakeOut(Pointers& rules, std::size_t Positions::*po
     rules.pop_back();
 }
 
-// Returns the list that contains a rule in addition to byPattern and exact, or null.
+// Returns the list that contains a rule in addition to byPattern and exact, or nullptr.
 YSelectionRules::Pointers* YSelectionRules::Index::ListOf(const Rule& rule)
 {
     if (rule.CoversAllNames())

@@ -92,7 +92,7 @@ private:
     void TryToIndex(const Rule& rule);
 
     std::set<Rule> m_rules;
-    std::unique_ptr<Index> m_index; // null for a small set, or if there was no memory for it
+    std::unique_ptr<Index> m_index; // nullptr for a small set, or if there was no memory for it
 };
 
 } // namespace Backup::File

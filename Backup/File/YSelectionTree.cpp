@@ -450,6 +450,7 @@ Krt::YStream& operator<<(Krt::YStream& stream, const Node& node)
 
 Krt::YStream& operator<<(Krt::YStream& stream, const YSelectionManager& manager)
 {
+    // Waits for a change in progress. The text is then written without the lock; see the header.
     manager.m_lock.ReadLock(Krt::Time::YDuration::Zero()).Release();
     return stream << *manager.m_root;
 }

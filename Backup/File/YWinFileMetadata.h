@@ -40,7 +40,7 @@ public:
     unsigned long GetFilePathCount() const override;
     /// Makes the volume's component a valid directory name: its characters ':', '/', '\\' and '?' are
     /// removed if the result contains the component. It is the first component of the container class, or
-    /// the first of all if there is none.
+    /// the first component if there is no container.
     YJobPath GetSanitizedNewPath(const YJobPath& originalPath, const YJobPath& replaceSource,
                                  const YJobPath& replaceDestination) override;
 

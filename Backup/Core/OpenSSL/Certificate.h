@@ -39,7 +39,7 @@ bool HasAllowedSignature(const X509& certificate);
 bool HasAllowedSignature(const X509_CRL& list);
 
 /// Returns true if OpenSSL uses the list. It ignores deltas, indirect lists, lists for some reasons only, and
-/// lists with critical extensions that it doesn't know.
+/// lists with critical extensions that it does not know.
 bool IsComplete(X509_CRL& list);
 
 /// Returns true if the list covers only a part of the issuer's certificates.

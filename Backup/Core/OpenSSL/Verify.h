@@ -15,8 +15,10 @@ struct VerifyResult
     int depth = -1;       ///< depth of the certificate at fault: 0 is the server's; -1 if there is none
     Krt::YString subject; ///< subject of that certificate; empty if there is none
 
+    /// Returns true if the certificate is trusted.
     bool IsOk() const { return reason.IsEmpty(); }
 
+    /// The result for a trusted certificate.
     static VerifyResult Ok() { return {}; }
     /// A refusal with OpenSSL's text for `code`. `certificate` may be nullptr.
     static VerifyResult OpenSslError(int code, int depth, const X509* certificate);

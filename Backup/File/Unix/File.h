@@ -1,11 +1,11 @@
 #pragma once
 
 /// @file
-/// File operations, each with one POSIX call, and the rule that keeps a walk on the volumes that a backup
-/// covers. Calls are retried on EINTR, except where noted. A failure is a YError of the type OsError with
-/// the error number, on the channel General unless noted. There is no state: any thread may call. A mount
-/// point below a selected directory is entered only if its file system is on a fixed disk or the
-/// configuration lists it.
+/// Thin wrappers of POSIX calls, and the rule that keeps a walk on the volumes that a backup covers. Calls
+/// are retried on EINTR, except where noted. A failure is a YError of the type OsError with the error
+/// number, on the channel General unless noted. There is no state: any thread may call. A mount point below
+/// a selected directory is entered only if its file system is on a fixed disk or the configuration lists
+/// it.
 
 #include "Backup/Export.h"
 

@@ -13,7 +13,8 @@ namespace Backup::File {
 /// A file that is read for backup or written on restore. Opening for reading reads the status once; data
 /// are then read or written sequentially from offset 0. Only regular files are opened. For other types only
 /// the status is available, and the open mode returns to OPEN_MODE_NONE. Operations on ownership, mode
-/// flags, link target and extended attributes use the path and take effect at once. One thread at a time.
+/// flags, link target and extended attributes use the path (for reading after OpenEntry, the open
+/// directory) and take effect at once. One thread at a time.
 class BACKUP_API YFile : public IFileIo
 {
 public:

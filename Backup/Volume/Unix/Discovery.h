@@ -54,7 +54,7 @@ private:
     };
 
     const Table& GetTable();
-    // The first entry with this directory, or null; logs the number of all entries.
+    // The first entry with this directory, or nullptr; logs the number of all entries.
     const Krt::Volume::MountEntry* FindMountedAt(const Krt::File::YPath& mountPath);
     // With a count of 0 if there is none.
     Source FindSource(const Krt::File::YPath& uniquePath);

@@ -48,10 +48,10 @@ BACKUP_API Krt::File::YPath GetVolumePathName(const Krt::File::YPath& path);
 BACKUP_API Krt::File::YPath GetVolumeUniquePath(const Krt::File::YPath& path);
 
 /// Returns the class of the first mount with this unique path, or DRIVE_CLASS_UNKNOWN if there is no such
-/// mount.
+/// mount. The unique path "/special" is DRIVE_CLASS_SPECIAL.
 BACKUP_API unsigned int DetermineDriveType(const Krt::File::YPath& uniquePath);
 
-/// Returns one pair for each mount of the unique path, in the table's order: the mount path that contains
+/// Returns one pair for each mount of the unique path. All pairs are equal: the mount path that contains
 /// `path`, and the unique path of the volume that contains this mount point. For "/" that is its own
 /// volume. Raises the errors of GetVolumeUniquePath.
 BACKUP_API std::vector<std::pair<Krt::File::YPath, Krt::File::YPath>>

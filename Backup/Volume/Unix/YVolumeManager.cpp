@@ -46,7 +46,7 @@ void YVolumeManager::RebuildVolumeList()
 void YVolumeManager::InvalidateVolumeList()
 {
     const YMutex::YLock lock = m_mutex.Lock();
-    // Rebuild even if the list is empty, so that the caller learns now if the mount table cannot be read.
+    // Build the list even if it is empty, so that the caller learns now if a volume cannot be described.
     EnsureFresh();
     m_volumes.clear();
 }

@@ -51,7 +51,7 @@ YString TitleOf(const YString& name, const YString& displayName, const YString& 
     return description.IsEmpty() ? displayName : displayName + ": " + description;
 }
 
-// Raises "Service NAME STATE after ..." at the time-out.
+// Raises "Service NAME STATE after ..." at the timeout.
 template <class Reached>
 void WaitUntil(const char* function, const YString& name, const char* otherState, const YDuration& timeout,
                Reached reached)

@@ -7,9 +7,10 @@
 namespace Backup::Util {
 
 /// Services of systemd. A service is a unit file in /etc/systemd/system. systemctl, run without a shell,
-/// controls it, with root's rights where they are required. Each operation but Exists raises NotSupported
-/// if systemd does not run the machine. It raises InvalidArgument for a name that is not valid for a unit.
-/// It checks both before any change. Stateless.
+/// controls it, with root's rights where they are required. Each operation except Exists,
+/// WaitForServiceCreate and WaitForServiceDelete raises NotSupported if systemd does not run the machine.
+/// Each operation raises InvalidArgument for a name that is not valid for a unit. Both are checked before
+/// any change. Stateless.
 class BACKUP_API YSystemdServiceManager : public IServiceManager
 {
 public:
@@ -19,7 +20,7 @@ public:
     /// empty root is the machine's own.
     YSystemdServiceManager(Krt::Environment::ProcessRunner runner, YString root);
 
-    /// Polls at least once, and raises LockTimeout when `timeout` is over. A negative time-out counts as 0.
+    /// Polls at least once, and raises LockTimeout after `timeout`. A negative timeout counts as 0.
     void WaitForServiceCreate(const YString& name, const Krt::Time::YDuration& timeout) override;
     /// Polls as WaitForServiceCreate does.
     void WaitForServiceStart(const YString& name, const Krt::Time::YDuration& timeout) override;
@@ -41,8 +42,7 @@ public:
     /// Returns when systemctl reports that the program runs, or raises if it cannot be run. `timeout` is
     /// how long to wait until IsRunning is true.
     void Start(const YString& name, const Krt::Time::YDuration& timeout) override;
-    /// systemd kills a service that does not end within its own time-out; with `force` it is killed at
-    /// once.
+    /// systemd kills a service that does not end within its own timeout; with `force` it is killed at once.
     void Stop(const YString& name, bool force, const Krt::Time::YDuration& timeout) override;
     /// Restarts in one step, so that a service can restart itself.
     void Restart(const YString& name, bool force, const Krt::Time::YDuration& timeout) override;

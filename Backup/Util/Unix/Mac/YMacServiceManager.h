@@ -6,8 +6,8 @@ namespace Backup::Util {
 
 /// Services of launchd. A service is a property list in /Library/LaunchDaemons. launchctl and a shell, run
 /// with root's rights, control it. The code is portable apart from these commands, so it is built and
-/// tested on all platforms. Stateless, but Start and Stop change the user of the whole process to root and
-/// leave it so.
+/// tested on all platforms. Stateless, but Start, Stop, Restart and Delete change the user of the whole
+/// process to root and leave it so.
 class BACKUP_API YMacServiceManager : public IServiceManager
 {
 public:
