@@ -8,7 +8,7 @@ install(TARGETS Krt Backup EXPORT BackupTargets
 install(EXPORT BackupTargets NAMESPACE Backup:: DESTINATION "${BACKUP_CMAKE_DIR}")
 install(TARGETS kbagent RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 
-# Headers that only the libraries' own sources include stay at home.
+# Headers that only the libraries' own sources include are not installed.
 set(BACKUP_PRIVATE_HEADERS
   Core/OpenSSL/ File/LegacyVamHeader.h File/YSelectionTree.h
   Util/BuildInfo.h Util/Unix/Linux/SystemdUnit.h
@@ -55,7 +55,7 @@ install(FILES "${CMAKE_SOURCE_DIR}/packaging/kbagent.bash"
   DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME kbagent)
 
 # The reference of the headers: cmake --build BUILD --target documentation, then documentation/html/index.html in
-# that folder. The target looks for doxygen when it runs. ReaderSlots.h is installed for YReadWriteMutex.h's sake alone.
+# that folder. The target looks for doxygen when it runs. ReaderSlots.h is installed only for YReadWriteMutex.h.
 set(BACKUP_DOCUMENTED ${BACKUP_PUBLIC_HEADERS} "${CMAKE_SOURCE_DIR}/docs/namespaces.dox")
 list(FILTER BACKUP_DOCUMENTED EXCLUDE REGEX "ReaderSlots\\.h$")
 list(JOIN BACKUP_DOCUMENTED "\" \"" BACKUP_DOCUMENTED)

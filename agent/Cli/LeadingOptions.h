@@ -16,8 +16,8 @@ const CLI::App* FindCommand(const CLI::App& parent, const std::string& name);
 /// Adds the options of repositories to the program, for its help. Those that are given there have no effect.
 void AddLeadingOptions(CLI::App& program);
 
-/// Moves the options of repositories that precede the command, or its own command as in "key list", behind
-/// it, where its parser expects them. `arguments` are in reverse order, as the parser expects them. Raises
+/// Moves the options of repositories that precede the command, or its own command as in "key list", after it,
+/// where its parser expects them. `arguments` are in reverse order, as the parser expects them. Raises
 /// UsageError if the command does not have such an option.
 void MoveLeadingOptions(const CLI::App& program, std::vector<std::string>& arguments);
 

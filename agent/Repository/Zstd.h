@@ -18,7 +18,8 @@ void Decompress(ByteView frames, std::size_t size, Bytes& out);
 /// Replaces the content of `out` with what the frames hold. Raises Damaged if they are not frames, are cut
 /// off, or hold more than `limit` bytes.
 void DecompressUpTo(ByteView frames, std::size_t limit, Bytes& out);
-/// The same for text. For a limit above 64 MiB the text is measured first, so that it is in memory once.
+/// Replaces the text of `out`; see DecompressUpTo(ByteView, std::size_t, Bytes&). For a limit above 64 MiB
+/// the text is measured first, so that it is in memory once.
 void DecompressUpTo(ByteView frames, std::size_t limit, std::string& out);
 
 } // namespace Agent::Repo

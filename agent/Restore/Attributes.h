@@ -34,7 +34,8 @@ bool LeaveOutForeignOwner(Attributes& attributes);
 /// to `refused`.
 void Apply(const Attributes& attributes, const Krt::Util::YUnxHandle& handle,
            std::vector<Krt::YString>& refused);
-/// Sets the attributes of the entry of that name, as above. The mode is not set if it is a symlink.
+/// Sets the attributes of the entry of that name, and adds a reason to `refused` for each one that the system
+/// refuses. The mode is not set if it is a symlink.
 void Apply(const Attributes& attributes, const Krt::File::YDirectory& parent, const Krt::YString& name,
            bool isLink, std::vector<Krt::YString>& refused);
 /// Returns true if the entry, which has this status, already has all of the attributes and no other extended

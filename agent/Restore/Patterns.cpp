@@ -73,7 +73,7 @@ bool TakeOfSet(std::string_view& pattern, std::string_view& character)
     return true;
 }
 
-// Takes a set, behind its "[", from the pattern. Returns false if it is not well-formed. The order of UTF-8
+// Takes a set, after its "[", from the pattern. Returns false if it is not well-formed. The order of UTF-8
 // is that of the characters' numbers.
 bool TakeSet(std::string_view& pattern, std::string_view character, bool& contains)
 {

@@ -15,7 +15,7 @@ namespace Agent {
 ///   - for root, for a symlink in a directory that belongs to another user or that others can write to. Only
 ///     root's own symlink without a further hard link is followed in root's directory with the sticky bit;
 ///   - for root, for a directory that belongs neither to root nor to the owner of its parent directory, if
-///     others can write to the latter.
+///     others can write to that parent directory.
 /// Raises InvalidArgument, before anything is created there, for the directory that is restored from and what
 /// is in it, and otherwise the operating system's error. That directory is null if it is not on this machine;
 /// `what` names it in messages. Notes in the report, for root, the directories in which others can replace

@@ -76,8 +76,8 @@ public:
 class Walker
 {
 public:
-    /// Both arguments must outlive the walker. `roots` are the entries where walks start, or "/". If a walk
-    /// reaches another root, that root's walk follows at once, so no entry is visited twice.
+    /// `rules` and `visitor` must outlive the walker. `roots` are the entries where walks start, or "/". If a
+    /// walk reaches another root, that root's walk follows at once, so no entry is visited twice.
     Walker(const Backup::File::YSelectionManager& rules, std::set<Krt::File::YPath> roots,
            IWalkVisitor& visitor);
     ~Walker();
