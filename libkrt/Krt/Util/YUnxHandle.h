@@ -46,8 +46,9 @@ KRT_API OsResult<YUnxHandle> OwnAboveStandardStreams(OsResult<int> opened) noexc
 /// empty handle and from the standard streams. The handle is empty after a failure.
 KRT_API OsResult<YUnxHandle> OpenHandle(const char* path, int flags, unsigned int mode = 0);
 
-/// Closes the descriptor as YUnxHandle::Close does. Returns 0, or the error number of a loss of written
-/// data that the file system reports only now. The handle is empty afterwards in any case.
+/// Closes the descriptor, owned or not, retrying on EINTR. Does nothing for an empty handle. Returns 0, or
+/// the error number of a loss of written data that the file system reports only now. The handle is empty
+/// afterwards.
 KRT_API int TryCloseWritten(YUnxHandle& handle);
 /// Calls TryCloseWritten and raises its error (channel General) with the text "Failed to write file".
 KRT_API void CloseWritten(YUnxHandle& handle);

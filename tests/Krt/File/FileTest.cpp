@@ -45,7 +45,7 @@ TEST(YUnxHandle, AssignmentClosesOwnedDescriptor)
     close(second);
 }
 
-TEST_F(KrtFile, OpenedDescriptorIsAboveStandardStreams)
+TEST(YUnxHandle, EmptyHandleClosesNothing)
 {
     EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([] {
         close(STDIN_FILENO);

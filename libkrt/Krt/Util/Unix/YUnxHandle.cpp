@@ -43,6 +43,8 @@ OsResult<YUnxHandle> OpenHandle(const char* path, int flags, unsigned int mode)
 
 int TryCloseWritten(YUnxHandle& handle)
 {
+    if (handle.IsEmpty())
+        return 0;
     const int descriptor = handle.Release();
     if (close(descriptor) == 0)
         return 0;
