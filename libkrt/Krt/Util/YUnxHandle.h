@@ -26,7 +26,6 @@ public:
 
     int Get() const noexcept { return m_descriptor; }           ///< 0 if empty
     bool IsEmpty() const noexcept { return m_descriptor == 0; } ///< true if there is no descriptor
-    bool IsOwned() const noexcept { return m_owned; }           ///< true if this object closes the descriptor
     /// Closes an owned descriptor, retrying on EINTR; ignores other failures. The handle is empty and
     /// owning afterwards.
     void Close() noexcept;
