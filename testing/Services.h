@@ -7,7 +7,7 @@
 #include "Backup/Util/Unix/Linux/YSystemdServiceManager.h"
 #include "Backup/Util/Unix/Mac/YMacServiceManager.h"
 
-#include "Krt/Environment/Host.h"
+#include "Krt/Environment/Process.h"
 
 #include <functional>
 #include <memory>

@@ -2,7 +2,7 @@
 
 #include "agent/Run/Text.h"
 
-#include "Krt/Environment/Host.h"
+#include "Krt/Environment/Process.h"
 #include "Krt/Exception/YError.h"
 #include "Krt/File/Unix/Status.h"
 #include "Krt/File/YEntry.h"

@@ -3,7 +3,7 @@
 #include "agent/Run/Text.h"
 #include "agent/Store/Durable.h"
 
-#include "Krt/Environment/Host.h"
+#include "Krt/Environment/Process.h"
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/Status.h"
 #include "Krt/File/YEntry.h"

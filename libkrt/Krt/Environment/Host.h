@@ -14,7 +14,5 @@ KRT_API unsigned int SetFileCreationMask(unsigned int mask);
 /// Increases the limit of open files to the hard limit. A limit that cannot be set stays unchanged. Raises
 /// the operating system's error if it cannot be read.
 KRT_API void RaiseDescriptorLimit();
-/// Returns true if the effective user is root.
-KRT_API bool IsRoot();
 
 } // namespace Krt::Environment

@@ -13,6 +13,8 @@ namespace Krt::Environment {
 /// Returns true if the process has privileges that the process which started it does not have (set-user-ID
 /// and similar). Environment variables are not trusted then.
 KRT_API bool IsPrivilegeRaised();
+/// Returns true if the effective user is root.
+KRT_API bool IsRoot();
 
 /// Runs a program and waits for its end. Returns its exit status, or 128 plus the number of the signal that
 /// ended it. `program` is a path, which is not searched for. The arguments are passed unchanged, without a

@@ -1,7 +1,5 @@
 #include "Krt/Environment/Process.h"
 
-#include "Krt/Environment/Host.h"
-
 #include "testing/OrdinaryUser.h"
 #include "testing/Raises.h"
 #include "testing/RunningProgram.h"

@@ -30,9 +30,4 @@ void RaiseDescriptorLimit()
     (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-bool IsRoot()
-{
-    return geteuid() == 0;
-}
-
 } // namespace Krt::Environment

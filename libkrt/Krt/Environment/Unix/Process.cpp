@@ -1,6 +1,5 @@
 #include "Krt/Environment/Process.h"
 
-#include "Krt/Environment/Host.h"
 #include "Krt/Environment/Unix/Platform.h"
 #include "Krt/Exception/Raise.h"
 
@@ -77,6 +76,11 @@ std::vector<char*> ArgumentVector(const YString& program, const std::vector<YStr
 }
 
 } // namespace
+
+bool IsRoot()
+{
+    return geteuid() == 0;
+}
 
 int ExecuteProcess(const File::YPath& program, const std::vector<YString>& arguments)
 {
