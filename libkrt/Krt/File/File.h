@@ -73,9 +73,6 @@ KRT_API ExtendedAttributeMap GetExtendedAttributeMap(const YPath& path);
 KRT_API void AddExtendedAttribute(const YPath& path, const YString& name, const void* data, unsigned int size,
                                   unsigned int flags);
 
-/// An owner or group that is not changed.
-constexpr unsigned int KeepOwner = 0xFFFFFFFF;
-
 /// Returns the status as fstat does.
 KRT_API struct stat Stat(const Util::YUnxHandle& handle);
 /// Truncates the file to `size` bytes, or extends it by a hole.

@@ -7,6 +7,9 @@ namespace Krt::File {
 class AttributeTarget;
 class YDirectory;
 
+/// An owner or group that is not changed.
+constexpr unsigned int KeepOwner = 0xFFFFFFFF;
+
 /// The location of a file system entry: a path, a name in an open directory, or an open handle. It is a
 /// value of pointers: the arguments of the constructor must outlive it. A symlink at the entry is never
 /// followed. A name is one component; see YDirectory. Failures raise the operating system's error (channel
