@@ -20,14 +20,6 @@ namespace {
 
 constexpr char Separator[] = "/";
 
-bool IsSame(const Descriptor& a, const Descriptor& b)
-{
-    if (a.IsAny() && b.IsAny())
-        return true;
-    return a.GetMatchType() == b.GetMatchType() && a.GetPattern() == b.GetPattern() &&
-           a.IsCaseSensitive() == b.IsCaseSensitive();
-}
-
 void SkipSeparators(std::string_view& text)
 {
     text.remove_prefix(std::min(text.find_first_not_of(*Separator), text.size()));
@@ -127,7 +119,7 @@ bool YFileDescriptor::CheckMatch(const YPath& path) const
 
 bool YFileDescriptor::operator==(const YFileDescriptor& other) const
 {
-    return m_path == other.m_path && IsSame(m_descriptor, other.m_descriptor) &&
+    return m_path == other.m_path && m_descriptor == other.m_descriptor &&
            m_isRecursive == other.m_isRecursive;
 }
 

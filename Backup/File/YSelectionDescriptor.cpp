@@ -12,26 +12,6 @@ using Krt::JSON::YValue;
 using Krt::Match::Descriptor;
 using Krt::Match::MatchType;
 
-namespace {
-
-bool SamePattern(const Descriptor& a, const Descriptor& b)
-{
-    return a.GetMatchType() == b.GetMatchType() && a.IsCaseSensitive() == b.IsCaseSensitive() &&
-           a.GetPattern() == b.GetPattern();
-}
-
-bool BothAny(const Descriptor& a, const Descriptor& b)
-{
-    return a.GetMatchType() == MatchType::Any && b.GetMatchType() == MatchType::Any;
-}
-
-void PutBool(YObject& json, const char* key, bool value)
-{
-    json.Put(key, boost::make_shared<YValue>(YValue::FromBool(value)));
-}
-
-} // namespace
-
 YSelectionDescriptor::YSelectionDescriptor(const Descriptor& descriptor, RecursionType recursionType,
                                            SelectionType selectionType, bool reportExclude)
     : m_descriptor(descriptor), m_recursionType(recursionType), m_selectionType(selectionType),
@@ -132,7 +112,7 @@ bool YSelectionDescriptor::CanPrune(const YSelectionDescriptor& other) const
     // A rule can't replace one that reaches further.
     if (m_recursionType == RecursionType::NonRecursive && other.IsRecursive())
         return false;
-    if (BothAny(m_descriptor, other.m_descriptor) || SamePattern(m_descriptor, other.m_descriptor))
+    if (m_descriptor == other.m_descriptor)
         return true;
     // An explicit include is only replaced by a rule with its own pattern.
     if (other.IsInclude() && other.m_explicitSelection)
@@ -148,7 +128,7 @@ bool YSelectionDescriptor::operator==(const YSelectionDescriptor& other) const
 {
     return m_recursionType == other.m_recursionType && m_selectionType == other.m_selectionType &&
            m_reportExclude == other.m_reportExclude && m_explicitSelection == other.m_explicitSelection &&
-           (BothAny(m_descriptor, other.m_descriptor) || SamePattern(m_descriptor, other.m_descriptor));
+           m_descriptor == other.m_descriptor;
 }
 
 bool YSelectionDescriptor::operator<(const YSelectionDescriptor& other) const

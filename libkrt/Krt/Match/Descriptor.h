@@ -41,6 +41,13 @@ public:
     /// Returns true if the kind is Any; false for a Glob "*".
     bool IsAny() const { return m_matchType == MatchType::Any; }
 
+    /// Compares kind, pattern and case rule. Two patterns of kind Any are equal, whatever their texts.
+    friend bool operator==(const Descriptor& a, const Descriptor& b) noexcept
+    {
+        return a.m_matchType == b.m_matchType &&
+               (a.IsAny() || (a.m_caseSensitive == b.m_caseSensitive && a.m_pattern == b.m_pattern));
+    }
+
     /// Returns an object with the keys "pattern", "match_type" ("none", "glob", "exact" or "any") and
     /// "case_sensitive".
     JSON::YObject ToJSON() const;
