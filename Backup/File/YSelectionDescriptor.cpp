@@ -88,8 +88,8 @@ YObject YSelectionDescriptor::ToJSON() const
     json.Set<YObject>("descriptor", m_descriptor.ToJSON());
     json.Set<YString>("selection_type", SelectionTypeAsString(m_selectionType));
     json.Set<YString>("recursion_type", RecursionTypeAsString(m_recursionType));
-    PutBool(json, "report_exclude", m_reportExclude);
-    PutBool(json, "explicit_selection", m_explicitSelection);
+    json.Put("report_exclude", YValue::Create<bool>(m_reportExclude));
+    json.Put("explicit_selection", YValue::Create<bool>(m_explicitSelection));
     return json;
 }
 

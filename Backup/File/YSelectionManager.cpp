@@ -279,7 +279,7 @@ YObject YSelectionManager::ToJSON(const YPath& start) const
             YObject element;
             element.Set<YString>("path", path);
             element.Set<YObject>("descriptor", rule.ToJSON());
-            array.push_back(boost::make_shared<YValue>(YValue::FromObject(std::move(element))));
+            array.push_back(YValue::Create<YObject>(std::move(element)));
         }
         return array;
     };

@@ -10,8 +10,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <boost/make_shared.hpp>
-
 #include <cstdio>
 
 namespace Agent {
@@ -99,7 +97,7 @@ void ListCommand::PrintSnapshot(const std::string& id, const SnapshotHeader& hea
         return;
     }
     const auto number = [](unsigned long long value) {
-        return boost::make_shared<YValue>(YValue::FromNumber(value));
+        return YValue::Create<unsigned long long>(value);
     };
     YObject line;
     line.Set<YString>("id", YString(id.c_str()));

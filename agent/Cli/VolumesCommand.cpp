@@ -11,10 +11,9 @@
 
 #include <CLI/CLI.hpp>
 
-#include <boost/make_shared.hpp>
-
 namespace Agent {
 
+using Krt::YString;
 using Krt::JSON::YArray;
 using Krt::JSON::YObject;
 using Krt::JSON::YValue;
@@ -56,21 +55,18 @@ TextRow RowOf(const ListedVolume& volume)
 YObject ObjectOf(const ListedVolume& volume)
 {
     YObject object;
-    const auto put = [&](const char* key, YValue value) {
-        object.Put(key, boost::make_shared<YValue>(std::move(value)));
-    };
-    put("class", YValue::FromString(ClassWord(volume.driveClass)));
-    put("source", YValue::FromString(volume.mount.source));
-    put("mount_path", YValue::FromString(volume.mount.directory));
-    put("file_system", YValue::FromString(volume.mount.type));
-    put("read_only", YValue::FromBool(volume.mount.readOnly));
-    put("hidden", YValue::FromBool(volume.isHidden));
+    object.Set<YString>("class", ClassWord(volume.driveClass));
+    object.Set<YString>("source", volume.mount.source);
+    object.Set<YString>("mount_path", volume.mount.directory);
+    object.Set<YString>("file_system", volume.mount.type);
+    object.Put("read_only", YValue::Create<bool>(volume.mount.readOnly));
+    object.Put("hidden", YValue::Create<bool>(volume.isHidden));
     if (volume.freeSpace)
-        put("free_bytes", YValue::FromNumber(*volume.freeSpace));
+        object.Put("free_bytes", YValue::Create<unsigned long long>(*volume.freeSpace));
     if (volume.isEntered)
-        put("entered", YValue::FromBool(*volume.isEntered));
+        object.Put("entered", YValue::Create<bool>(*volume.isEntered));
     if (volume.failure)
-        put("error", YValue::FromString(*volume.failure));
+        object.Set<YString>("error", *volume.failure);
     return object;
 }
 
@@ -94,7 +90,7 @@ std::string JsonOf(const std::vector<ListedVolume>& volumes)
     YArray array;
     array.reserve(volumes.size());
     for (const ListedVolume& volume : volumes)
-        array.push_back(boost::make_shared<YValue>(YValue::FromObject(ObjectOf(volume))));
+        array.push_back(YValue::Create<YObject>(ObjectOf(volume)));
     YObject document;
     document.Set<YArray>("volumes", std::move(array));
     return PrintableJson(YValue::FromObject(std::move(document)).Stringify(false).Bytes()) + "\n";

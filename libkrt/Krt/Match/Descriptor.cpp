@@ -130,7 +130,7 @@ JSON::YObject Descriptor::ToJSON() const
     JSON::YObject json;
     json.Set<YString>("pattern", m_pattern);
     json.Set<YString>("match_type", entry->word);
-    json.Put("case_sensitive", boost::make_shared<JSON::YValue>(JSON::YValue::FromBool(m_caseSensitive)));
+    json.Put("case_sensitive", JSON::YValue::Create<bool>(m_caseSensitive));
     return json;
 }
 
