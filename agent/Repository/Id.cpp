@@ -1,6 +1,7 @@
 #include "agent/Repository/Id.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/String/Ascii.h"
 
 #include <openssl/evp.h>
 
@@ -71,11 +72,7 @@ std::string Id::ToHex() const
 
 void Id::AppendHex(std::string& out) const
 {
-    static constexpr char HexDigits[] = "0123456789abcdef";
-    for (const unsigned char byte : bytes) {
-        out += HexDigits[byte >> 4];
-        out += HexDigits[byte & 15];
-    }
+    Krt::String::AppendHex(out, bytes);
 }
 
 } // namespace Agent::Repo

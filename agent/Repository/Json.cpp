@@ -3,6 +3,8 @@
 #include "agent/Repository/Failure.h"
 #include "agent/Repository/Utf8.h"
 
+#include "Krt/String/Ascii.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -83,7 +85,6 @@ bool IsPlain(char byte)
 // Appends the first character of the text, which is not plain. Returns the number of its bytes.
 std::size_t AppendEscaped(std::string_view text, std::string& out)
 {
-    static constexpr char HexDigits[] = "0123456789abcdef";
     static constexpr std::string_view Named = "\"\\\b\f\n\r\t";
     static constexpr std::string_view Letters = "\"\\bfnrt";
     const auto byte = static_cast<unsigned char>(text.front());
@@ -94,8 +95,7 @@ std::size_t AppendEscaped(std::string_view text, std::string& out)
         out += Letters[named];
     } else if (byte < 0x80) {
         out += "\\u00";
-        out += HexDigits[byte >> 4];
-        out += HexDigits[byte & 15];
+        Krt::String::AppendHex(out, text.substr(0, 1));
     } else if (character.size == 0) {
         out += "\\ufffd";
     } else if (character.code == 0x2028 || character.code == 0x2029) {
