@@ -43,6 +43,15 @@ void Raise(ExceptionType type, unsigned int messageType, unsigned int code, unsi
     throw YError(MakeYError(type, messageType, code, line, WithoutEnding(file).c_str(), function, message));
 }
 
+YError TranslateYError(const std::exception& source, unsigned int messageType, unsigned int line,
+                       const char* file, const char* function, const YString& message)
+{
+    YString text = message.IsEmpty() ? YString() : message + YString(": ");
+    text += YString(source.what());
+    return MakeYError(ExceptionType::General, messageType, ErrorCode::InvalidArgument, line,
+                      WithoutEnding(file).c_str(), function, text);
+}
+
 void FailRequiredCheck(const char* condition, const YString& detail, unsigned int line, const char* file,
                        const char* function)
 {

@@ -205,13 +205,4 @@ YError MakeYError(ExceptionType type, unsigned int messageType, unsigned int cod
     return error;
 }
 
-YError TranslateYError(const std::exception& source, unsigned int messageType, unsigned int line,
-                       const char* file, const char* function, const YString& message)
-{
-    YString text = message.IsEmpty() ? YString() : message + YString(": ");
-    text += YString(source.what());
-    return MakeYError(ExceptionType::General, messageType, ErrorCode::InvalidArgument, line, file, function,
-                      text);
-}
-
 } // namespace Krt::Exception

@@ -85,7 +85,8 @@ KRT_API YError MakeYError(ExceptionType type, unsigned int messageType, unsigned
                           const char* file, const char* function, const YString& message);
 
 /// Returns the error InvalidArgument for an exception of the standard library or of Boost. Its text is the
-/// message, ": " and `what()`; only the latter if the message is empty.
+/// message, ": " and `what()`; only `what()` if the message is empty. `file` is KRT_SOURCE_FILE; its
+/// extension is removed.
 KRT_API YError TranslateYError(const std::exception& source, unsigned int messageType, unsigned int line,
                                const char* file, const char* function, const YString& message);
 

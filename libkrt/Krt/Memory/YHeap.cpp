@@ -22,7 +22,7 @@ void RaiseRange(const char* function)
 void RaiseEmpty(const IHeap& heap, const char* function)
 {
     const YStream detail{YString()};
-    Exception::FailAssertion(typeid(heap), "(Size() != 0)", detail, __LINE__, __FILE__, function);
+    Exception::FailAssertion(typeid(heap), "(Size() != 0)", detail, __LINE__, KRT_SOURCE_FILE, function);
 }
 
 } // namespace Detail

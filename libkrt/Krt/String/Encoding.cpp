@@ -23,8 +23,8 @@ namespace {
         KRT_RAISE_AS("Convert", MessageType::General, ErrorCode::InvalidUtf8,
                      "Invalid UTF-8 Sequence " << static_cast<unsigned char>(failure.utf8_octet()));
     } catch (const std::exception& failure) {
-        throw Exception::TranslateYError(failure, MessageType::General, __LINE__, "Krt/String/Encoding",
-                                         "Convert", YString());
+        throw Exception::TranslateYError(failure, MessageType::General, __LINE__, KRT_SOURCE_FILE, "Convert",
+                                         YString());
     }
 }
 

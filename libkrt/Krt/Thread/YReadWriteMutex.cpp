@@ -322,7 +322,7 @@ ReaderSlot& HeldSlot(const YReadWriteMutexInternal* lock)
     if (slot == nullptr || !slot->HasLevels()) [[unlikely]] {
         // Like the mutex, without a flush.
         const YStream detail(YString("Read/write lock released without being held by this thread\n"));
-        Exception::AbortRequiredCheck("slot->HasLevels()", detail, __LINE__, __FILE__, __func__);
+        Exception::AbortRequiredCheck("slot->HasLevels()", detail, __LINE__, KRT_SOURCE_FILE, __func__);
     }
     return *slot;
 }

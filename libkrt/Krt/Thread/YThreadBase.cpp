@@ -177,8 +177,8 @@ void IRunnable::Run()
     } catch (const Exception::YError& error) {
         m_error = error;
     } catch (const std::exception& failure) {
-        m_error = Exception::TranslateYError(failure, MessageType::General, __LINE__,
-                                             "Krt/Thread/YThreadBase", __func__, YString());
+        m_error = Exception::TranslateYError(failure, MessageType::General, __LINE__, KRT_SOURCE_FILE,
+                                             __func__, YString());
     }
 }
 

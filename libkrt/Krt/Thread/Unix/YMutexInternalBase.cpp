@@ -36,7 +36,7 @@ int ErrorOf(Call call)
 {
     YStream detail{YString()};
     detail << text << error << '\n';
-    Exception::AbortRequiredCheck(condition, detail, line, __FILE__, function);
+    Exception::AbortRequiredCheck(condition, detail, line, KRT_SOURCE_FILE, function);
 }
 
 } // namespace
