@@ -27,7 +27,6 @@ namespace {
 constexpr unsigned int LowWord = 0xFFFF;
 constexpr unsigned int DefaultDirectoryMode = 0x1A4;
 constexpr unsigned int CreatedFileMode = 0x1C0;
-constexpr unsigned int LinkTargetSize = 1024;
 // The 32-bit total of a transfer if its first call fails.
 constexpr unsigned int FailedTotal = 0xFFFFFFFF;
 

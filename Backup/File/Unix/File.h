@@ -17,6 +17,9 @@ namespace Backup::File {
 
 using Krt::File::YPath;
 
+/// The number of bytes of a symlink's target that are read at most.
+constexpr unsigned int LinkTargetSize = 1024;
+
 /// Reads the status of the entry itself, also of a dangling symlink. Errors are on the channel FileStat.
 BACKUP_API void StatFile(const YPath& path, struct stat* status);
 /// Returns the inode number. Stores the allocated bytes (not the logical size) in `*allocated` unless it is
@@ -35,8 +38,8 @@ BACKUP_API YPath NormalizePathCase(const YPath& path);
 
 /// Creates the hard link `link` to `existing`. Fails if an entry of that name exists.
 BACKUP_API void CreateHardlink(const YPath& link, const YPath& existing);
-/// Returns at most the first 1024 bytes of the target. Raises InvalidState without text if the path is not
-/// a symlink. Not retried on EINTR.
+/// Returns at most the first LinkTargetSize bytes of the target. Raises InvalidState without text if the
+/// path is not a symlink. Not retried on EINTR.
 BACKUP_API YPath GetSymbolicLinkTarget(const YPath& path);
 /// Creates a symlink and its missing parent directories. An existing entry is replaced.
 BACKUP_API void CreateSymbolicLink(const YPath& link, const YPath& target);

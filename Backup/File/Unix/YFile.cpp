@@ -25,8 +25,6 @@ using Krt::File::YEntry;
 namespace {
 
 constexpr unsigned long DataBufferSize = 0x100000;
-// The same size as in the function that reads a target by path.
-constexpr unsigned int LinkTargetSize = 1024;
 
 // Returns the result of the call, or an empty one if the file system has no attributes.
 template <class Call>
