@@ -28,8 +28,8 @@ inline unsigned int ChrSize(char lead)
     return utf8GetChrSize[static_cast<unsigned char>(lead)];
 }
 
-// Walks count in 32 bits, so text of 4 GiB or more is refused.
-void RequireWalkable(const std::string& bytes)
+// Characters are counted in 32 bits, so text of 4 GiB or more is refused.
+void RequireCountable(const std::string& bytes)
 {
     (void)NumericCast<unsigned int>(bytes.size() + 1);
 }
@@ -105,7 +105,7 @@ unsigned int YString::Length() const
     unsigned int count = CachedCount();
     if (count != Unknown)
         return count;
-    RequireWalkable(m_bytes);
+    RequireCountable(m_bytes);
     count = CountCharacters(m_bytes);
     m_count.store(count, std::memory_order_relaxed);
     return count;
@@ -120,14 +120,14 @@ const wchar_t* YString::AsWide() const
 
 std::size_t YString::Locate(unsigned int index) const
 {
-    return index < m_bytes.size() ? Walk(0, index) : std::string::npos;
+    return index < m_bytes.size() ? Advance(0, index) : std::string::npos;
 }
 
-std::size_t YString::Walk(std::size_t offset, unsigned int characters) const
+std::size_t YString::Advance(std::size_t offset, unsigned int characters) const
 {
     if (characters != 0)
-        RequireWalkable(m_bytes);
-    // Counting takes one pass, after which an index into text of single-byte characters needs no walk.
+        RequireCountable(m_bytes);
+    // Counting takes one pass, after which an index into text of single-byte characters is its offset.
     if (characters > 32)
         Length();
     if (IsSingleByte()) {
@@ -143,7 +143,7 @@ std::size_t YString::Walk(std::size_t offset, unsigned int characters) const
 std::size_t YString::Search(std::string_view needle, std::size_t offset, unsigned int& index,
                             bool caseSensitive) const
 {
-    RequireWalkable(m_bytes);
+    RequireCountable(m_bytes);
     if (caseSensitive && IsSingleByte()) {
         const std::size_t found = offset < m_bytes.size() ? m_bytes.find(needle, offset) : std::string::npos;
         index += static_cast<unsigned int>(found - offset);
@@ -189,7 +189,7 @@ YString YString::Section(YString delimiter, unsigned int start, unsigned int* ne
 
 std::vector<YString> YString::SectionVector(YString delimiter, bool caseSensitive, bool skipEmpty) const
 {
-    // Like Section for each field, but continues where the last field ended: no text is walked twice.
+    // Like Section for each field, but continues where the last field ended: no text is scanned twice.
     std::vector<YString> fields;
     const auto step = static_cast<unsigned int>(delimiter.m_bytes.size());
     unsigned int position = 0;
@@ -202,7 +202,7 @@ std::vector<YString> YString::SectionVector(YString delimiter, bool caseSensitiv
         if (!skipEmpty || !field.IsEmpty())
             fields.push_back(std::move(field));
         position += step;
-        begin = end != std::string::npos && position < Length() ? Walk(end, step) : std::string::npos;
+        begin = end != std::string::npos && position < Length() ? Advance(end, step) : std::string::npos;
     }
     return fields;
 }
@@ -245,7 +245,7 @@ YString YString::Mid(unsigned int start, unsigned int count) const
         return YString();
     std::size_t end = std::string::npos;
     if (count != NotFound && std::size_t(start) + count < m_bytes.size())
-        end = Walk(begin, count);
+        end = Advance(begin, count);
     return YString(Text(begin, end));
 }
 
@@ -273,7 +273,7 @@ bool YString::EndsWith(const YString& suffix, bool caseSensitive) const
     const unsigned int wanted = suffix.Length();
     if (wanted > Length())
         return false;
-    const std::size_t tail = Walk(0, Length() - wanted);
+    const std::size_t tail = Advance(0, Length() - wanted);
     return tail == std::string::npos ? wanted == 0
                                      : String::Equals(Text(tail, std::string::npos),
                                                       suffix.Text(0, std::string::npos), caseSensitive);

@@ -155,7 +155,7 @@ private:
     // Byte offset of a character, or npos past the end.
     std::size_t Locate(unsigned int index) const;
     // Byte offset of the character `characters` after the one at `offset`, or npos past the end.
-    std::size_t Walk(std::size_t offset, unsigned int characters) const;
+    std::size_t Advance(std::size_t offset, unsigned int characters) const;
     // Byte offset of the first match at or after `offset`, or npos. `index` is the character index of
     // `offset`, and becomes that of the match.
     std::size_t Search(std::string_view needle, std::size_t offset, unsigned int& index,
