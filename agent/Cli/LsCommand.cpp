@@ -75,10 +75,10 @@ CLI::App* LsCommand::Register(CLI::App& program)
     command->add_flag("--ncdu", m_isForNcdu, "Print the whole snapshot in the format that ncdu -f reads");
     m_arguments = AddPathArguments(
         *command,
-        "The snapshot, by first digits of its ID or as latest, which is also what is taken\n"
-        "if there is none and the first path begins with /; then the paths of entries. All are listed if\n"
-        "there is no path. With SNAPSHOT:DIRECTORY, the paths are those below the directory. Of a directory "
-        "that is named, the entries are listed that are directly in it",
+        "The snapshot, by first digits of its ID or as latest (default: latest, if the first path\n"
+        "begins with /); then the paths of entries. All are listed if there is no path. With\n"
+        "SNAPSHOT:DIRECTORY, the paths are those below the directory. Of a directory that is named, the\n"
+        "entries are listed that are directly in it",
         "SNAPSHOT_PATH");
     command->footer(
         "Control characters, invisible characters and unusual blanks in a path are escaped as \\n, \\xHH,\n"

@@ -132,11 +132,11 @@ void RestoreCommand::AddRepositoryOptions(CLI::App& command)
         command.add_option(name, list, description)->type_name(type)->allow_extra_args(false);
     };
     addList("-i,--include", m_includes.patterns, "PATTERN", "Restore only entries that match a pattern");
-    addList("--iinclude", m_includes.patternsOfAnyCase, "PATTERN", "The same, in any case of letters");
+    addList("--iinclude", m_includes.patternsOfAnyCase, "PATTERN", "As --include, ignoring letter case");
     addList("--include-file", m_includes.files, "FILE", "As --include, for each line of a file");
     addList("--iinclude-file", m_includes.filesOfAnyCase, "FILE", "As --iinclude, for each line of a file");
     addList("-e,--exclude", m_excludes.patterns, "PATTERN", "Do not restore entries that match a pattern");
-    addList("--iexclude", m_excludes.patternsOfAnyCase, "PATTERN", "The same, in any case of letters");
+    addList("--iexclude", m_excludes.patternsOfAnyCase, "PATTERN", "As --exclude, ignoring letter case");
     addList("--exclude-file", m_excludes.files, "FILE", "As --exclude, for each line of a file");
     addList("--iexclude-file", m_excludes.filesOfAnyCase, "FILE", "As --iexclude, for each line of a file");
     addList("--include-xattr", m_attributes, "PATTERN", "Restore only extended attributes of these names");

@@ -118,7 +118,7 @@ CLI::App* VolumesCommand::Register(CLI::App& program)
         "no), its source and its mount path. A backup enters mounts of the class fixed, those on the volume\n"
         "of the directory above them, and those that the configuration key IncludedMountpoints lists.\n\n"
         "A - means that a value is unknown, because another mount hides this one or because the file system\n"
-        "does not answer. The latter is reported on standard error.\n\n"
+        "does not answer. A file system that does not answer is reported on standard error.\n\n"
         "On a terminal long names are cut. Control characters, invisible characters and unusual blanks in\n"
         "a name are escaped as \\n, \\xHH, \\uHHHH or \\UHHHHHHHH, and a backslash is doubled. In JSON,\n"
         "names are not cut, sizes are in bytes, and the keys free_bytes, entered and error are absent if\n"

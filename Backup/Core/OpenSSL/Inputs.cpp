@@ -197,7 +197,7 @@ VerifyParameters ReadParameters(const YString& host, const TrustOptions& options
     // The first second of the year 0 to the last of 9999.
     if (options.time && (*options.time < -62167219200 || *options.time > 253402300799))
         KRT_RAISE_AS(TrustFunction, MessageType::General, ErrorCode::InvalidArgument,
-                     "Out of the years 0 to 9999: the time of judgement, "
+                     "The time of verification is outside the years 0 to 9999: "
                          << std::to_string(*options.time).c_str());
     VerifyParameters parameters{ReadHost(host), {}, {}, options.time, {}};
     if (!options.pinnedKey.IsEmpty())
@@ -213,7 +213,7 @@ VerifyParameters ReadParameters(const YString& host, const TrustOptions& options
         RequireUsable(*list);
     if (parameters.pin && !parameters.anchors.empty())
         KRT_RAISE_AS(TrustFunction, MessageType::General, ErrorCode::InvalidArgument,
-                     "A pinned key stands for the trust anchor; give one of the two");
+                     "A pinned key replaces the trust anchor; give one or the other");
     return parameters;
 }
 

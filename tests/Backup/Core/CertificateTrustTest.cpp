@@ -374,7 +374,7 @@ TEST_F(CertificateTrustArguments, UnusablePinRaises)
     }
     options = scene.options;
     options.pinnedKey = scene.server->KeyHash().c_str();
-    ExpectUnusable("A pinned key stands for the trust anchor; give one of the two");
+    ExpectUnusable("A pinned key replaces the trust anchor; give one or the other");
 }
 
 TEST_F(CertificateTrustArguments, UnusableRevocationListRaises)
@@ -411,7 +411,7 @@ TEST_F(CertificateTrustArguments, UnusableTimeOrAnchorsRaise)
 {
     for (const long long time : {-62167219201, 253402300800}) {
         options.time = time;
-        ExpectUnusable("Out of the years 0 to 9999: the time of judgement, " + std::to_string(time));
+        ExpectUnusable("The time of verification is outside the years 0 to 9999: " + std::to_string(time));
     }
     options.time.reset();
     const TemporaryDirectory directory;
