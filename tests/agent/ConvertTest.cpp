@@ -200,13 +200,13 @@ TEST_F(Convert, LegacyFormsBecomeModern)
 TEST_F(Convert, FailedRecordsAreReportedAndOthersConverted)
 {
     const std::string good = Golden("metadata-unix-file");
-    const auto result = Run("{\"metadata_type\":\"vms\"}\n" + good + "\n{}\n" +
+    const auto result = Run("{\"metadata_type\":\"UNIX\"}\n" + good + "\n{}\n" +
                             R"({"metadata_type":"unix","legacy_metadata":"AAAA"})" + "\n{\n" + good + "\n" +
                             UnixRecord(R"({"class_id":4294967296,"subclass_id":0,"name":"a"})"));
     EXPECT_EQ(result.output, good + "\n" + good + "\n");
     EXPECT_EQ(result.exitCode, 3);
     EXPECT_EQ(result.errors,
-              "kbagent: line 1: Invalid metadataType: vms\n"
+              "kbagent: line 1: Invalid metadataType: UNIX\n"
               "kbagent: line 3: JSON object has no key \"metadata_type\"\n"
               "kbagent: line 4: Invalid legacy metadata: Buffer too small to contain a BASE_HDR\n"
               "kbagent: line 5: Invalid JSON text: incomplete JSON at offset 1\n"

@@ -12,7 +12,10 @@
 #include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YUnixFileMetadata.h"
 
+#include "Krt/Log/YLog.h"
+
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -282,12 +285,16 @@ TEST(OpenedFile, WithoutStandardStreamsGetsNoOutput)
         using Backup::File::YFile;
         const YFile file(YFile::OPEN_MODE_WRITE, at("file"), YFile::OPT_NONE);
         const auto entry = Krt::File::YDirectory::Open(at("")).CreateFile("entry");
-        bool isLost = primitive > 2 && !entry.IsEmpty();
+        const auto opened = Krt::File::Open(at("file"), Krt::File::OpenForReading);
+        Krt::Log::YLog log;
+        log.Open(Krt::Log::YLog::Param(at("log")));
+        bool isLost = primitive > 2 && !entry.IsEmpty() && log.IsOpen() && opened.Get() > 2 &&
+                      fcntl(opened.Get(), F_GETFD) == FD_CLOEXEC;
         for (int stream = 0; stream < 3; ++stream)
             isLost = isLost && write(stream, "output", 6) == -1;
         return isLost;
     }));
-    for (const char* name : {"primitive", "file", "entry"})
+    for (const char* name : {"primitive", "file", "entry", "log"})
         EXPECT_EQ(fs::file_size(directory / name), 0u) << name;
 }
 

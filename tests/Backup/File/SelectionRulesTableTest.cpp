@@ -2,6 +2,8 @@
 #include "testing/SelectionText.h"
 #include "testing/TemporaryDirectory.h"
 
+#include "Backup/Volume/Unix/Util.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -12,7 +14,8 @@ namespace {
 
 using Backup::File::YSelectionManager;
 
-const std::string Answers = "Rules/Path", Kept = "Rules, in this order/Kept", Starts = "Rules/Starts";
+const std::string Answers = "Rules/Path", Kept = "Rules, in this order/Kept", Starts = "Rules/Starts",
+                  Classes = "Class/Types";
 
 // The cells of a line "| a | b |", without blanks around them and without the marks of code.
 std::vector<std::string> Cells(const std::string& line)
@@ -40,9 +43,16 @@ std::string StartsOf(const YSelectionManager& tree)
     return starts;
 }
 
-TEST(SelectionRulesTable, HoldsAsItIsWritten)
+void ExpectClass(unsigned long driveClass, const std::string& types)
 {
-    std::map<std::string, int> counts = {{Answers, 0}, {Kept, 0}, {Starts, 0}};
+    std::istringstream input(types); // separated by ", "
+    for (std::string type; input >> type;)
+        EXPECT_EQ(Backup::Volume::ClassifyFilesystemType(type.substr(0, type.find(',')).c_str()), driveClass);
+}
+
+TEST(SelectionRulesTable, CasesOfPageHold)
+{
+    std::map<std::string, int> counts = {{Answers, 0}, {Kept, 0}, {Starts, 0}, {Classes, 0}};
     std::istringstream page(Testing::ReadFile(RULES_PAGE));
     std::string kind, rules; // of the table, and of the rows so far
     for (std::string line; std::getline(page, line);) {
@@ -53,9 +63,13 @@ TEST(SelectionRulesTable, HoldsAsItIsWritten)
         } else if (counts.contains(kind) && !line.starts_with("|---")) {
             SCOPED_TRACE(line);
             ASSERT_EQ(cells.size(), kind == Answers ? 4u : 3u);
+            ++counts[kind];
+            if (kind == Classes) {
+                ExpectClass(std::stoul(cells[0]), cells[1]);
+                continue;
+            }
             rules = cells[0].empty() ? rules : cells[0];
             ASSERT_NE(rules, "");
-            ++counts[kind];
             const YSelectionManager tree = Testing::Tree(rules); // throws if a rule is invalid
             if (kind == Answers)
                 EXPECT_EQ(AnswerOf(tree, cells[1]), cells[2]);
@@ -66,6 +80,7 @@ TEST(SelectionRulesTable, HoldsAsItIsWritten)
     EXPECT_GE(counts[Answers], 53);
     EXPECT_GE(counts[Kept], 13);
     EXPECT_GE(counts[Starts], 5);
+    EXPECT_EQ(counts[Classes], 6);
 }
 
 } // namespace

@@ -33,8 +33,8 @@ unsigned int CountNodes(const YSelectionManager& tree)
     return count;
 }
 
-// docs/rules.md describes how the tree stays minimal; a plain list is the oracle.
-TEST(YSelectionManager, OnlyAnExcludeMayHaveNoPath)
+// docs/rules.md describes how the tree stays minimal; a plain list is the model.
+TEST(YSelectionManager, IncludeWithoutPathRaises)
 {
     YSelectionManager tree;
     EXPECT_RAISES(tree.Add(Rule("include - any")), ErrorCode::InvalidArgument, "Add",
@@ -46,22 +46,11 @@ TEST(YSelectionManager, OnlyAnExcludeMayHaveNoPath)
 
 TEST(YSelectionManager, Deletes)
 {
-    const std::string before = "include /a exact=x; include /a/b/c any; exclude /a/b/c any; include /d/e any";
+    const std::string before = "include /a/b/c any";
     YSelectionManager tree = Tree(before);
-    tree.Delete("/a/x");
-    tree.Delete("/a/b/c/d");
-    tree.Delete("/none/of/these");
-    EXPECT_EQ(Words(tree), before);
-    EXPECT_FALSE(tree.Delete(Rule("include /a/b any"))) << "an equal rule is at another path";
-    EXPECT_FALSE(tree.Delete(Rule("include /a exact=x explicit"))) << "the explicit flag counts";
-    EXPECT_TRUE(tree.Delete(Rule("exclude /a/b/c any"))) << "found, and yet it stays";
-    EXPECT_EQ(Words(tree), before);
-    EXPECT_TRUE(tree.Delete(Rule("include /a/b/c any")));
-    EXPECT_EQ(CountNodes(tree), 6U) << "an exclude keeps the branch";
-    EXPECT_TRUE(tree.Delete(Rule("include /d/e any")));
-    EXPECT_EQ(CountNodes(tree), 4U) << "the branch goes with its last rule";
-    EXPECT_TRUE(tree.Delete(Rule("include /a/no/node exact=x"))) << "found at the nearest ancestor";
-    EXPECT_EQ(Words(tree), "exclude /a/b/c any");
+    for (const char* path : {"/a/x", "/a/b/c/d", "/none/of/these"})
+        tree.Delete(path);
+    EXPECT_EQ(Words(tree), before) << "without a node";
     tree.Delete("/a/b");
     EXPECT_EQ(CountNodes(tree), 2U) << "waypoints stay";
     EXPECT_FALSE(tree == YSelectionManager());
@@ -75,7 +64,28 @@ TEST(YSelectionManager, Deletes)
     EXPECT_FALSE(root->HasAnyIncludesBelow());
 }
 
-TEST(YSelectionManager, TakesNoRuleOfAnUnknownType)
+TEST(YSelectionManager, DeletedIncludeLosesEmptyBranch)
+{
+    YSelectionManager tree =
+        Tree("include /a exact=x; include /a/b/c any; exclude /a/b/c any; include /d/e any");
+    EXPECT_FALSE(tree.Delete(Rule("include /a/b any"))) << "an equal rule is at another path";
+    EXPECT_FALSE(tree.Delete(Rule("include /a exact=x explicit"))) << "the explicit flag counts";
+    EXPECT_TRUE(tree.Delete(Rule("include /a/b/c any")));
+    EXPECT_EQ(CountNodes(tree), 6U) << "an exclude keeps the branch";
+    EXPECT_TRUE(tree.Delete(Rule("include /d/e any")));
+    EXPECT_EQ(CountNodes(tree), 4U) << "the branch goes with its last rule";
+    EXPECT_TRUE(tree.Delete(Rule("include /a/no/node exact=x"))) << "found at the nearest ancestor";
+    EXPECT_EQ(Words(tree), "exclude /a/b/c any");
+}
+
+TEST(YSelectionManager, ExcludeIsNotDeleted)
+{
+    YSelectionManager tree = Tree("exclude /a/b/c any");
+    EXPECT_TRUE(tree.Delete(Rule("exclude /a/b/c any"))) << "found";
+    EXPECT_EQ(Words(tree), "exclude /a/b/c any");
+}
+
+TEST(YSelectionManager, RuleOfUnknownTypeIsNotStored)
 {
     YSelectionManager tree = Tree("include /a any");
     const Backup::File::YSelectionPathDescriptor rule("/a/b", Krt::Match::AnyDescriptor(),

@@ -224,6 +224,8 @@ TEST_F(YFileTest, TracesOnItsChannel)
                   "YFile: Successfully opened file " + m_directory / "in\n" +
                   "YFile: Read 8 bytes from file " + m_directory / "in\n" + "YFile: Creating folder " +
                   m_directory / "dir\n" + "YFile: Successfully opened file " + m_directory / "dir\n");
+    EXPECT_EQ(Testing::Printed(static_cast<YFile::OPTIONS>(9)), "OPT_NONE");
+    EXPECT_EQ(Testing::Printed(YFile::OPT_DIRECTORY), "");
 }
 
 TEST_F(YFileTest, TheSwitchForAttributesGovernsReadingAlone)
@@ -249,14 +251,6 @@ TEST_F(YFileTest, TheSwitchForAttributesGovernsReadingAlone)
     EXPECT_EQ(std::count(names.begin(), names.end(), "user.b"), 1);
     configuration.Set("disableXattr=true\n");
     EXPECT_TRUE(file.GetExtendedAttributeMap().empty()) << "read afresh";
-}
-
-TEST(YFileOptions, PrintOneBitAlone)
-{
-    const std::pair<unsigned int, const char*> rows[] = {{0, ""}, {1, "OPT_NONE"}, {8, ""}, {9, "OPT_NONE"}};
-    for (const auto& [bits, text] : rows) {
-        EXPECT_EQ(Testing::Printed(static_cast<YFile::OPTIONS>(bits)), text) << bits;
-    }
 }
 
 } // namespace

@@ -112,13 +112,36 @@ TEST_F(Volume, TracesItsSteps)
     const Testing::MountTable table(Table);
     const Testing::LogCapture log({"Volume"});
     const YVolume volume{YPath("/proc/self")};
-    std::vector<std::string> own = log.Texts();
-    std::erase_if(own, [](const std::string& line) { return line.starts_with("Volume: "); });
-    EXPECT_EQ(own, (std::vector<std::string>{"YVolume: Initializing volume with path /proc/self",
-                                             "YVolume: Got volume uniquePath /dev/b",
-                                             "YVolume:  Determined mount path /proc->/dev/disk one\\\\",
-                                             "YVolume:  Determined mount path /proc->/dev/disk one\\\\",
-                                             "YVolume: With volume mount path: /proc"}));
+    EXPECT_EQ(log.Text(), R"(YVolume: Initializing volume with path /proc/self
+Volume: Getting volume guid for path /proc/self
+Volume: Determining volume path name for path /proc/self
+Volume: Determined volume path name for path /proc/self is /proc
+Volume: 4 total entries found
+Volume: Found guid match for path /proc at /dev/b
+Volume: Returning found guid /dev/b
+YVolume: Got volume uniquePath /dev/b
+Volume: Determining volume path name for path /proc/self
+Volume: Determined volume path name for path /proc/self is /proc
+Volume: Getting volume guid for path /
+Volume: Determining volume path name for path /
+Volume: 4 total entries found
+Volume: Found guid match for path / at /dev/disk one\\
+Volume: Returning found guid /dev/disk one\\
+Volume: Getting volume guid for path /
+Volume: Determining volume path name for path /
+Volume: 4 total entries found
+Volume: Found guid match for path / at /dev/disk one\\
+Volume: Returning found guid /dev/disk one\\
+YVolume:  Determined mount path /proc->/dev/disk one\\
+YVolume:  Determined mount path /proc->/dev/disk one\\
+Volume: Checking if path /proc/self is readonly
+Volume: Determining volume path name for path /proc/self
+Volume: Determined volume path name for path /proc/self is /proc
+Volume: 4 total entries found
+Volume: Determining volume path name for path /proc/self
+Volume: Determined volume path name for path /proc/self is /proc
+YVolume: With volume mount path: /proc
+)");
 }
 
 TEST_F(Volume, FailsWithTheCauseAndStaysUninitialized)
