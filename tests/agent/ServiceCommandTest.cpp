@@ -40,7 +40,7 @@ protected:
     const std::string m_unit = services.folder + "/kb.service";
 };
 
-TEST_F(ServiceCommandTest, LifeOfAService)
+TEST_F(ServiceCommandTest, ActionsChangeStatus)
 {
     bool active = false;
     services.programs.answer = [&](const ProcessRecorder::Command& command) {
@@ -69,7 +69,7 @@ TEST_F(ServiceCommandTest, LifeOfAService)
     EXPECT_FALSE(std::filesystem::exists(m_unit));
 }
 
-TEST_F(ServiceCommandTest, FailuresSayWhatIsWrong)
+TEST_F(ServiceCommandTest, FailuresNameCause)
 {
     services.programs.answer = [](const ProcessRecorder::Command& command) {
         return command[1] == "start" ? 5 : command[1] == "is-active" ? 1 : 0;
@@ -94,7 +94,7 @@ TEST_F(ServiceCommandTest, FailuresSayWhatIsWrong)
 }
 
 // The wait would last a second more.
-TEST_F(ServiceCommandTest, AnInterruptEndsTheWait)
+TEST_F(ServiceCommandTest, InterruptEndsWait)
 {
     services.programs.answer = [](const ProcessRecorder::Command& command) {
         if (command[1] == "is-active")

@@ -21,7 +21,7 @@
 using namespace Agent;
 using Krt::ErrorCode;
 
-TEST(VolumesCommand, TellsOfEachMountWhatCanBeTold)
+TEST(VolumesCommand, EachMountIsListedWithKnownValues)
 {
     if (!Backup::Volume::IsMountPoint("/proc"))
         GTEST_SKIP() << "/proc is not mounted here";
@@ -55,7 +55,7 @@ TEST(VolumesCommand, TellsOfEachMountWhatCanBeTold)
                   "The table of mounts can't be read");
 }
 
-TEST(AnswerWithin, GivesUpOnWhatNeverAnswers)
+TEST(AnswerWithin, BlockedCallTimesOut)
 {
     using std::chrono::milliseconds;
     const auto latch = std::make_shared<std::promise<void>>();
@@ -69,7 +69,7 @@ TEST(AnswerWithin, GivesUpOnWhatNeverAnswers)
         Krt::Exception::YError);
 }
 
-TEST(VolumesCommand, GivesUpOnADeadServerAndOnWhatIsMountedBelow)
+TEST(VolumesCommand, DeadServerAndMountBelowAreReported)
 {
     Testing::MountNamespace::Run([](const Testing::MountNamespace& space) {
         const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
@@ -91,7 +91,7 @@ TEST(VolumesCommand, GivesUpOnADeadServerAndOnWhatIsMountedBelow)
     });
 }
 
-TEST(TextTable, GivesWayToTheTerminal)
+TEST(TextTable, WideCellsAreCutToWidth)
 {
     const std::vector<TextColumn> columns{{.title = "SIZE", .alignsRight = true},
                                           {.title = "NAME", .mayBeCut = true},
@@ -113,7 +113,7 @@ TEST(TextTable, GivesWayToTheTerminal)
         EXPECT_EQ(TableText(columns, rows, width), expected) << width;
 }
 
-TEST(VolumesCommand, PrintsATableAndADocument)
+TEST(VolumesCommand, TableAndDocumentListSameMounts)
 {
     const Testing::ProgramResult text = Testing::RunProgram({"volumes"});
     const Testing::ProgramResult json = Testing::RunProgram({"volumes", "--json"});
@@ -132,7 +132,7 @@ TEST(VolumesCommand, PrintsATableAndADocument)
         << json.output;
 }
 
-TEST(VolumesCommand, FitsTheTerminal)
+TEST(VolumesCommand, LinesFitTerminal)
 {
     const winsize size{.ws_row = 24, .ws_col = 62, .ws_xpixel = 0, .ws_ypixel = 0};
     int terminal = -1;

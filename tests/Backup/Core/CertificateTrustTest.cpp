@@ -156,7 +156,7 @@ TEST(CertificateTrust, WeakKeyOrSignatureIsRefused)
     });
 }
 
-TEST(CertificateTrust, PinReplacesTheAnchorOnly)
+TEST(CertificateTrust, PinReplacesOnlyAnchor)
 {
     const auto pinned = [](const Change& change, bool isSelfSigned = true) -> Change {
         return [=](Scene& s) {
@@ -205,7 +205,7 @@ TEST(CertificateTrust, PinReplacesTheAnchorOnly)
     });
 }
 
-TEST(CertificateTrust, RevocationListsDecide)
+TEST(CertificateTrust, RevocationListsAreApplied)
 {
     const auto inOneText = [](std::function<std::string(Scene&)> make) {
         return Present([=](Scene& s) { s.options.revocationLists = {make(s)}; });
@@ -465,7 +465,7 @@ TEST(CertificateTrust, ServerWithoutCertificateIsRefused)
     EXPECT_EQ(report.reason.Bytes(), "the server showed no certificate");
 }
 
-TEST(CertificateTrust, NoAnchorsUsesTheSystemsStore)
+TEST(CertificateTrust, WithoutAnchorsSystemStoreIsUsed)
 {
     Scene scene;
     ASSERT_TRUE(scene.Judge());

@@ -18,7 +18,7 @@ TEST(YGlobalTest, OneObjectUntilDestroyed)
     Backup::DestroyGlobal();
 }
 
-TEST(RandomBytesTest, GivesAsManyAsAskedFor)
+TEST(RandomBytesTest, ResultHasRequestedSize)
 {
     auto first = Backup::OpenSSL::RandomBytes(32);
     auto second = Backup::OpenSSL::RandomBytes(32);

@@ -38,7 +38,7 @@ const Component App("app", "Application", 0, 0);
 const Component DirA("a", "", YJobPath::ClassFileSystemContainer, 0);
 const Component FileB("b", "", YJobPath::ClassFileSystemFile, 0);
 
-TEST(YJobPath, ComesFromAFilePath)
+TEST(YJobPath, FilePathBecomesComponents)
 {
     const struct
     {
@@ -59,7 +59,7 @@ TEST(YJobPath, ComesFromAFilePath)
             << row.name;
 }
 
-TEST(YJobPath, ShowsTheNames)
+TEST(YJobPath, DisplayPathJoinsNames)
 {
     YJobPath parsed("a//b/");
     EXPECT_EQ(Short(parsed), "0:a|a 0:b|b");
@@ -71,7 +71,7 @@ TEST(YJobPath, ShowsTheNames)
     EXPECT_EQ(Of({Component("", "", 0, 0), DirA}).GetDisplayPath(), "a");
 }
 
-TEST(YJobPath, GivesTheFileSystemPortion)
+TEST(YJobPath, FileSystemPortionIsJoined)
 {
     EXPECT_EQ(Of({DirA, FileB}).GetFilesystemPortion(), "/a/b");
     EXPECT_EQ(Of({App, DirA, FileB}).GetFilesystemPortion(), "/a/b");
@@ -87,7 +87,7 @@ TEST(YJobPath, GivesTheFileSystemPortion)
                   "Job path does not contain any filesystem components: {\"components\":[]}");
 }
 
-TEST(YJobPath, ChecksItsEnds)
+TEST(YJobPath, AccessBeyondEndRaises)
 {
     YJobPath empty;
     empty.RemoveLeaf();
@@ -101,7 +101,7 @@ TEST(YJobPath, ChecksItsEnds)
     EXPECT_EQ(path.Find(7, 0), 3u);
 }
 
-TEST(YJobPath, TakesRangesAndItself)
+TEST(YJobPath, RangesAndSelfAreCopied)
 {
     const YJobPath path("a/b/c");
     EXPECT_EQ(YJobPath(path, 1, 1000).GetDisplayPath(), "b/c");
@@ -145,7 +145,7 @@ TEST(YJobPath, ComparesByClassSubclassAndName)
     }
 }
 
-TEST(YJobPath, ReadsAndWritesJson)
+TEST(YJobPath, JsonIsWrittenAsRead)
 {
     const std::string text = R"({"components":[{"class_id":7,"subclass_id":65535,"name":"x"},)"
                              R"({"class_id":4294967295,"subclass_id":0,"name":"","display_name":"D"}]})";

@@ -30,7 +30,7 @@ TiXmlElement Element(const std::vector<std::pair<const char*, const char*>>& att
 
 } // namespace
 
-TEST(YFileDescriptorXml, GoldenElementsAreWrittenAsTheyWereRead)
+TEST(YFileDescriptorXml, GoldenElementsAreWrittenAsRead)
 {
     const std::string golden = Testing::ReadFile(GOLDEN_DIRECTORY "/file-descriptor.xml");
     TiXmlDocument document;
@@ -46,7 +46,7 @@ TEST(YFileDescriptorXml, GoldenElementsAreWrittenAsTheyWereRead)
     EXPECT_EQ(printer.Str(), golden);
 }
 
-TEST(YFileDescriptorXml, WhatIsReadIsAGlobWithoutRegardToCase)
+TEST(YFileDescriptorXml, ReadPatternIsGlobIgnoringCase)
 {
     for (const auto& [descriptor, equal] : {std::pair(Descriptor(Documents), false),
                                             {GlobDescriptor("*.doc", false), true},
@@ -61,7 +61,7 @@ TEST(YFileDescriptorXml, WhatIsReadIsAGlobWithoutRegardToCase)
     }
 }
 
-TEST(YFileDescriptorXml, EveryNameStaysAsWrittenOnlyOnAKnownVolume)
+TEST(YFileDescriptorXml, StarDotStarIsKeptOnKnownVolume)
 {
     EXPECT_EQ(YFileDescriptor("/a", ExactDescriptor("*.*", true), false, false).GetDescriptor().GetPattern(),
               "*");
@@ -72,7 +72,7 @@ TEST(YFileDescriptorXml, EveryNameStaysAsWrittenOnlyOnAKnownVolume)
     }
 }
 
-TEST(YFileDescriptorXml, MissingAndDamagedAttributes)
+TEST(YFileDescriptorXml, DamagedAttributeRaises)
 {
     const auto full = Element({{"path", "/a"}, {"fileSpec", "b"}, {"volumeGuid", "g"}, {"mountPath", "/"}});
     const auto flags = Element({{"isRecursive", "Yes"}});
@@ -94,7 +94,7 @@ TEST(YFileDescriptorXml, MissingAndDamagedAttributes)
     }
 }
 
-TEST(YFileDescriptor, TheAnswerIsTrueBelowTheDirectoryWhereTheNameDoesNotMatch)
+TEST(YFileDescriptor, CheckMatchIsTrueBelowForOtherNames)
 {
     using Rows = std::vector<std::pair<const char*, const char*>>;
     const Rows below = {{"/a", "/a/b"},       {"/a", "/a/c/b"}, {"/a/b", "/a//b///c"},
@@ -114,7 +114,7 @@ TEST(YFileDescriptor, TheAnswerIsTrueBelowTheDirectoryWhereTheNameDoesNotMatch)
     EXPECT_TRUE(descriptor.CheckMatch("/a/bb"));
 }
 
-TEST(YFileDescriptor, Equality)
+TEST(YFileDescriptor, EqualityIgnoresReport)
 {
     const YFileDescriptor one("/a", Documents, false, false);
     EXPECT_EQ(one, YFileDescriptor("/a", Documents, false, true));
@@ -126,7 +126,7 @@ TEST(YFileDescriptor, Equality)
               YFileDescriptor("/a", Descriptor(MatchType::Any, "x", false), false, false));
 }
 
-TEST(YFileDescriptor, PathsAndText)
+TEST(YFileDescriptor, EmptyDescriptorHasNoPath)
 {
     const YFileDescriptor descriptor("/a/b", Documents, true, false);
     EXPECT_EQ(static_cast<YPath>(descriptor), "/a/b/*.doc");
@@ -139,7 +139,7 @@ TEST(YFileDescriptor, PathsAndText)
     EXPECT_RAISES(none.FileName(), ErrorCode::InvalidState, "FileName", "");
 }
 
-TEST(YFileDescriptor, HelpersForPathTexts)
+TEST(YFileDescriptor, PathHelpersSplitAndConvert)
 {
     // "/" is not listed: there the split would never end.
     EXPECT_EQ(SplitAbsolutePath(""), std::list<YString>());

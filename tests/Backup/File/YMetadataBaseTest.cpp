@@ -88,7 +88,7 @@ void ExpectListed(const YObject& record, const std::vector<Krt::JSON::MemberKey>
 
 } // namespace
 
-TEST(MetadataGolden, EveryRecordIsWrittenAsItWasRead)
+TEST(MetadataGolden, RecordsAreWrittenAsRead)
 {
     for (const std::string kind :
          {"unix-file", "unix-directory", "unix-link", "win-file", "win-directory", "ods"}) {
@@ -142,7 +142,7 @@ TEST(MetadataBase, ObjectConvertsOnlyToItsKind)
                   "Invalid metadataType: 9");
 }
 
-TEST(MetadataRename, NeedsASource)
+TEST(MetadataRename, EmptySourceRaises)
 {
     YUnixFileMetadata metadata;
     testing::internal::CaptureStderr();
@@ -153,7 +153,7 @@ TEST(MetadataRename, NeedsASource)
         << banner;
 }
 
-TEST(OdsMetadata, RefusesWhatOnlyAFileHas)
+TEST(OdsMetadata, FileOperationsRaise)
 {
     const YJobPath path = JobPath({{0x1000, "store"}, {0x1001, "item"}});
     YOdsMetadata metadata(path);
@@ -170,7 +170,7 @@ TEST(OdsMetadata, RefusesWhatOnlyAFileHas)
     EXPECT_EQ(metadata.GetFilePath(0), path);
 }
 
-TEST(UnixFileMetadata, TakesTheStatusOfALiveFile)
+TEST(UnixFileMetadata, FileStatusIsCaptured)
 {
     const Testing::TemporaryDirectory directory;
     const std::string path = directory.Write("file", "12345");
@@ -205,14 +205,14 @@ TEST(UnixFileMetadata, TakesTheStatusOfALiveFile)
 
 using UnixFileMetadataOfAMount = Testing::ProcMounted;
 
-TEST_F(UnixFileMetadataOfAMount, TellsTheMapperWhatMayBeEntered)
+TEST_F(UnixFileMetadataOfAMount, MapperGetsFalseForMountNotEntered)
 {
     RecordingMapper mapper;
     EXPECT_TRUE(FromFile("/proc", mapper).IsDirectoryForRestore()) << "all the same";
     EXPECT_EQ(mapper.Calls(), std::vector<std::string>{"/proc:0"});
 }
 
-TEST(UnixFileMetadata, EachKeyIsRequired)
+TEST(UnixFileMetadata, MissingKeyRaises)
 {
     const YObject json = YUnixFileMetadata().ToJSON();
     ASSERT_EQ(json.Entries().size(), 12u);
@@ -225,7 +225,7 @@ TEST(UnixFileMetadata, EachKeyIsRequired)
     }
 }
 
-TEST(UnixFileMetadata, ItsTextIsThatOfItsJson)
+TEST(UnixFileMetadata, StringifyToMatchesJson)
 {
     YUnixFileMetadata metadata;
     YJobPath path = JobPath({{0x602, "a\"b\\\n"}, {0x603, "\xff\xee\xbe\x80"}});
@@ -242,7 +242,7 @@ TEST(UnixFileMetadata, ItsTextIsThatOfItsJson)
     }
 }
 
-TEST(UnixFileMetadata, AFailureKeepsWhatWasReadBefore)
+TEST(UnixFileMetadata, FailedReadKeepsEarlierFields)
 {
     YUnixFileMetadata source;
     source.SetFileSize(7);
@@ -277,7 +277,7 @@ TEST(UnixFileMetadata, NewPathKeepsEveryCharacter)
                   "GetSanitizedNewPath", "replaceSource: a:?\\/b:/c? originalPath: t");
 }
 
-TEST(WinFileMetadata, TheAttributesChooseTheLastKey)
+TEST(WinFileMetadata, DirectoryAttributeChoosesLastKey)
 {
     const std::tuple<unsigned int, const char*, const char*> cases[] = {
         {0x20, "permission_change_time", "directory_hash"},
@@ -302,7 +302,7 @@ TEST(WinFileMetadata, TheAttributesChooseTheLastKey)
     }
 }
 
-TEST(WinFileMetadata, PathsKeepOrLoseTheirShortNames)
+TEST(WinFileMetadata, ShortNameIsKeptOnlyByIndex)
 {
     const YJobPath first = JobPath({{0x602, "C:"}, {0x603, "one"}});
     const YJobPath second = JobPath({{0x602, "C:"}, {0x603, "two"}});
@@ -324,7 +324,7 @@ TEST(WinFileMetadata, PathsKeepOrLoseTheirShortNames)
     EXPECT_EQ(metadata.GetPaths(), (YWinFileMetadata::Paths{{second, ""}}));
 }
 
-TEST(WinFileMetadata, NewPathsMakeADirectoryOfTheVolume)
+TEST(WinFileMetadata, NewPathHasVolumeAsDirectory)
 {
     const YJobPath drive = JobPath({{0, "host:?"}, {0x602, "\\\\?\\C:/"}, {0x602, "a:?"}, {0x603, "b?"}});
     const YJobPath plain = JobPath({{0, "job:"}, {0, "x:"}});

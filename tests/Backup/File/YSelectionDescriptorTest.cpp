@@ -18,7 +18,7 @@ using Testing::Rule;
 using RecursionType = YSelectionDescriptor::RecursionType;
 using SelectionType = YSelectionDescriptor::SelectionType;
 
-TEST(YSelectionDescriptor, RefusesWhatNoRuleCarries)
+TEST(YSelectionDescriptor, InvalidTypesRaise)
 {
     const Krt::Match::AnyDescriptor any;
     for (SelectionType type : {SelectionType::NotSelectedDoNotRecurse, SelectionType::NotSelectedDoRecurse}) {
@@ -37,7 +37,7 @@ TEST(YSelectionDescriptor, RefusesWhatNoRuleCarries)
                   ErrorCode::InvalidState, "RecursionTypeAsString", "bad recursive type value: 2");
 }
 
-TEST(YSelectionDescriptor, ExplicitSelectionIsForThreeShapes)
+TEST(YSelectionDescriptor, ExplicitSelectionRaisesForOtherShapes)
 {
     const std::pair<const char*, bool> rows[] = {
         {"include / exact=a", true},
@@ -67,7 +67,7 @@ TEST(YSelectionDescriptor, ExplicitSelectionIsForThreeShapes)
               ErrorCode::NotImplemented);
 }
 
-TEST(YSelectionDescriptor, CanPruneWhatChangesNothing)
+TEST(YSelectionDescriptor, OnlyCoveredRuleCanBePruned)
 {
     const std::tuple<const char*, const char*, const char*, bool> rows[] = {
         {"include and exclude", "include / recursive any", "exclude / any", false},

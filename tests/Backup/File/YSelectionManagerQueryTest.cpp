@@ -12,7 +12,7 @@ using Krt::ErrorCode;
 using Testing::Tree;
 using List = std::vector<std::string>;
 
-TEST(YSelectionManagerQuery, HasNoAnswerAboutTheRoot)
+TEST(YSelectionManagerQuery, RootRaises)
 {
     const YSelectionManager tree = Tree("include / recursive any");
     for (const char* root : {"", "/"})
@@ -32,7 +32,7 @@ TEST(YSelectionManagerQuery, HasNoAnswerAboutTheRoot)
 }
 
 // From the second recursive rule above an unchanged branch on, an index replaces the walk.
-TEST(YSelectionManagerQuery, AGlobInAnyCasePrunesNamesHoweverManyCameBefore)
+TEST(YSelectionManagerQuery, GlobIgnoringCasePrunesByIndex)
 {
     EXPECT_EQ(
         Testing::Words(Tree("exclude /a exact=foo; exclude / recursive glob=x*; exclude / recursive glob=y*; "
@@ -41,7 +41,7 @@ TEST(YSelectionManagerQuery, AGlobInAnyCasePrunesNamesHoweverManyCameBefore)
                             "exclude / recursive glob=FOO nocase")));
 }
 
-TEST(YSelectionManagerQuery, TellsHowItDecides)
+TEST(YSelectionManagerQuery, DecisionsAreLogged)
 {
     const auto expect = [](const char* rules, const std::string& path, const std::string& expected) {
         const YSelectionManager tree = Tree(rules);
@@ -94,7 +94,7 @@ TEST(YSelectionManagerQuery, TellsHowItDecides)
                "Path NotSelectedDoNotRecurse (fall through): ");
 }
 
-TEST(YSelectionManagerQuery, AgreesWithThePlainList)
+TEST(YSelectionManagerQuery, RandomRulesAgreeWithModel)
 {
     List paths, level = {""};
     for (int depth = 0; depth < 4; ++depth) {
@@ -114,7 +114,7 @@ TEST(YSelectionManagerQuery, AgreesWithThePlainList)
          paths});
 }
 
-TEST(YSelectionManagerQuery, AgreesWithThePlainListWhereManyRulesStand)
+TEST(YSelectionManagerQuery, ManyRulesAtOnePathAgreeWithModel)
 {
     Testing::World world{60, 250, {"/", "/a", "/a", "/a/n1"}, {"glob=n1*", "glob=*5", "exact=N7 nocase"}, {}};
     for (int i = 0; i < 40; ++i) {
@@ -128,7 +128,7 @@ TEST(YSelectionManagerQuery, AgreesWithThePlainListWhereManyRulesStand)
     Testing::CompareWithThePlainList(world);
 }
 
-TEST(YSelectionManagerQuery, AgreesWithThePlainListWhereManyRulesComeLastAtTheRoot)
+TEST(YSelectionManagerQuery, ManyRulesAddedLastAtRootAgreeWithModel)
 {
     Testing::World world{60, 120, {"/a", "/a/b", "/a/b/c", "/d", "/d/b"}, {}, {}, 60};
     for (const char* name : {"", "a", "ab", "abc", "cab", "bca", "aa", "ba", "aba", "caba"}) {

@@ -44,7 +44,7 @@ TEST(YSelectionManager, IncludeWithoutPathRaises)
     EXPECT_EQ(Words(tree), "exclude / any");
 }
 
-TEST(YSelectionManager, Deletes)
+TEST(YSelectionManager, DeletedPathLosesItsBranch)
 {
     const std::string before = "include /a/b/c any";
     YSelectionManager tree = Tree(before);
@@ -103,7 +103,7 @@ TEST(YSelectionManager, RuleOfUnknownTypeIsNotStored)
     EXPECT_EQ(CountNodes(below), 2U) << "only a rule that is known not to be recursive prunes nothing below";
 }
 
-TEST(YSelectionManager, FindsTheNearestNode)
+TEST(YSelectionManager, NearestNodeIsFound)
 {
     const YSelectionManager tree = Tree("include /a/b any; include C:/x any");
     const std::tuple<const char*, const char*, bool> rows[] = {
@@ -120,7 +120,7 @@ TEST(YSelectionManager, FindsTheNearestNode)
     EXPECT_EQ(below.GetPath().Bytes(), "/x/y") << "a path is joined from its names";
 }
 
-TEST(YSelectionManager, CopiesMovesAndCompares)
+TEST(YSelectionManager, CopiesAreEqualAndIndependent)
 {
     const std::string rules = "include / any; include /a/b any; exclude /a/b exact=c";
     const YSelectionManager tree = Tree(rules);
@@ -146,7 +146,7 @@ TEST(YSelectionManager, CopiesMovesAndCompares)
     EXPECT_EQ(Words(copy), "include / any; include /a/b recursive any; exclude /a/b exact=c");
 }
 
-TEST(YSelectionManager, TellsItsChanges)
+TEST(YSelectionManager, ChangesAreLogged)
 {
     const Testing::LogCapture log({"SelectionBuild"});
     YSelectionManager tree = Tree("include /a/b exact=x; exclude /a/b exact=y");
@@ -178,7 +178,7 @@ YSelectionManager: YSelectionManager::Delete called for: /
 }
 
 // Deep enough for a recursion to overflow the stack.
-TEST(YSelectionManager, HoldsAnyDepth)
+TEST(YSelectionManager, DeepTreeNeedsNoRecursion)
 {
     std::string deep;
     for (int level = 0; level < 200000; ++level)
@@ -202,7 +202,7 @@ TEST(YSelectionManager, HoldsAnyDepth)
 }
 
 // Two writers and six readers. Whatever tree a query meets, the rules about /a/b hold.
-TEST(YSelectionManager, AnswersOnManyThreadsWhileItChanges)
+TEST(YSelectionManager, ThreadsQueryDuringChanges)
 {
     const std::string rules = "include /a recursive any; exclude /a/b recursive exact=c";
     YSelectionManager tree = Tree(rules), other = Tree(rules + "; exclude /a/x any");
@@ -235,7 +235,7 @@ TEST(YSelectionManager, AnswersOnManyThreadsWhileItChanges)
     holds(tree);
 }
 
-TEST(YSelectionManagerVisit, PathsStopAtTheTopmost)
+TEST(YSelectionManagerVisit, OnlyTopmostPathsAreVisited)
 {
     const YSelectionManager tree = Tree("include /a any; include /a/b any; include /c any; exclude /d any");
     const auto visit = [&](YSelectionManager::SelectionType type, const char* start, const char* last) {
@@ -254,7 +254,7 @@ TEST(YSelectionManagerVisit, PathsStopAtTheTopmost)
     EXPECT_THROW(tree.VisitPaths(YSelectionDescriptor::Include, "/", nullptr), std::bad_function_call);
 }
 
-TEST(YSelectionManagerVisit, RulesAndNodes)
+TEST(YSelectionManagerVisit, IncludesAreVisitedBeforeExcludes)
 {
     const YSelectionManager tree = Tree("exclude / any; include / any; include /a any; exclude /a exact=x");
     const auto visit = [&](const char* start, bool recurse, const char* last) {
@@ -274,7 +274,7 @@ TEST(YSelectionManagerVisit, RulesAndNodes)
                   "throw_exception", "call to empty boost::function");
 }
 
-TEST(YSelectionManagerVisit, EachLevelHasItsOwnCopyOfTheVisitor)
+TEST(YSelectionManagerVisit, EachLevelGetsCopyOfVisitor)
 {
     const YSelectionManager tree =
         Tree("include / any; include /a exact=x explicit; include /a/b any explicit; "
@@ -292,7 +292,7 @@ TEST(YSelectionManagerVisit, EachLevelHasItsOwnCopyOfTheVisitor)
 }
 
 // From the root docs/rules.md shows them.
-TEST(YSelectionManagerVisit, TopsAndVolumes)
+TEST(YSelectionManagerVisit, TopsBelowStartAreReturned)
 {
     EXPECT_EQ(Tree("include /a any; include /a/b/c any; include /d any").GetIncludeTops("/a/b"),
               std::set<YPath>{"/a/b/c"});
@@ -304,7 +304,7 @@ TEST(YSelectionManagerVisit, TopsAndVolumes)
     EXPECT_EQ(volumes.Size(), 0U);
 }
 
-TEST(YSelectionManagerVisit, SelectionsWithABearingOnAPath)
+TEST(YSelectionManagerVisit, RulesThatAffectPathAreReturned)
 {
     const YSelectionManager tree =
         Tree("exclude / recursive exact=t; include /a any; exclude /a recursive exact=o; include /a/b any; "
@@ -324,7 +324,7 @@ TEST(YSelectionManagerVisit, SelectionsWithABearingOnAPath)
     EXPECT_EQ(tree.GetSelections("/").size(), 7U);
 }
 
-TEST(YSelectionManagerVisit, GoldenDocument)
+TEST(YSelectionManagerVisit, GoldenDocumentIsWrittenAsRead)
 {
     const std::string golden = Testing::ReadFile(GOLDEN_DIRECTORY "/selection.json");
     const auto document = YValue::Parse(golden);
@@ -354,7 +354,7 @@ TEST(YSelectionManagerVisit, DocumentIsAddedRuleByRule)
     EXPECT_EQ(Words(tree), "include /a recursive any") << "the old content is gone";
 }
 
-TEST(YSelectionManagerVisit, CopiesWhatBearsOnAPath)
+TEST(YSelectionManagerVisit, RulesOfPathAreCopied)
 {
     const std::tuple<const char*, const char*, const char*, const char*, const char*, const char*> rows[] = {
         {"from above", "include / recursive any explicit; exclude /a recursive glob=*.o", "/a/b", "/z",
@@ -391,7 +391,7 @@ TEST(YSelectionManagerVisit, CopiesWhatBearsOnAPath)
                   "Cannot recursively copy descriptors from parent to child");
 }
 
-TEST(YSelectionManagerVisit, PrintsEveryNode)
+TEST(YSelectionManagerVisit, EveryNodeIsPrinted)
 {
     std::string text = Printed(Tree("include /a exact=b; include /a exact=c"));
     text = std::regex_replace(text, std::regex("address: [0-9a-f]+"), "address: N");

@@ -50,13 +50,13 @@ std::string WithoutVariables(std::string text)
 
 } // namespace
 
-TEST_F(LogStart, BannerIsAsItAlwaysWas)
+TEST_F(LogStart, BannerMatchesGolden)
 {
     OpenOrReopenLog(log.c_str(), "General,,FileIo,NoSuchChannel");
     EXPECT_EQ(WithoutVariables(Text()), ReadFile(GOLDEN_DIRECTORY "/log-banner.txt"));
 }
 
-TEST_F(LogStart, ConfigurationSteersEachOpening)
+TEST_F(LogStart, EachOpeningReadsConfiguration)
 {
     const struct
     {
@@ -87,7 +87,7 @@ TEST_F(LogStart, ConfigurationSteersEachOpening)
     }
 }
 
-TEST_F(LogStart, FailureLeavesTheLogClosedAndWithoutBanner)
+TEST_F(LogStart, FailureLeavesLogClosedWithoutBanner)
 {
     const struct
     {
@@ -115,7 +115,7 @@ TEST_F(LogStart, FailureLeavesTheLogClosedAndWithoutBanner)
 }
 
 // An unpacked archive has no revision.
-TEST(BuildInfoTest, HonoursTheGivenDate)
+TEST(BuildInfoTest, SourceDateEpochIsUsed)
 {
     const Testing::TemporaryDirectory directory;
     std::filesystem::create_directories(directory / "Backup/Util");

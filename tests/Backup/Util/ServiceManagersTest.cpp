@@ -144,7 +144,7 @@ protected:
     const std::unique_ptr<Services> services = GetParam().make();
 };
 
-TEST_P(ServiceManagers, EachOperationRunsItsCommandsUntilOneFails)
+TEST_P(ServiceManagers, OperationRunsCommandsUntilOneFails)
 {
     if (GetParam().label[0] == 'L' && !Krt::Environment::IsRoot())
         GTEST_SKIP() << "only root may start and stop services of launchd";
@@ -170,7 +170,7 @@ TEST_P(ServiceManagers, EachOperationRunsItsCommandsUntilOneFails)
     }
 }
 
-TEST_P(ServiceManagers, InstallReplacesTheServicesFile)
+TEST_P(ServiceManagers, InstallReplacesFile)
 {
     services->programs.answer = Shell;
     std::filesystem::copy_file(GOLDEN_DIRECTORY "/kbagent.conf", services->file);
@@ -187,7 +187,7 @@ TEST_P(ServiceManagers, InstallReplacesTheServicesFile)
 INSTANTIATE_TEST_SUITE_P(Kinds, ServiceManagers, testing::ValuesIn(s_kinds),
                          [](const auto& kind) { return kind.param.label; });
 
-TEST(Launchd, AnotherReaderUnderstandsTheList)
+TEST(Launchd, PlistutilReadsGoldenList)
 {
     if (std::system("command -v plistutil >/dev/null") != 0)
         GTEST_SKIP() << "plistutil isn't installed";
@@ -196,7 +196,7 @@ TEST(Launchd, AnotherReaderUnderstandsTheList)
               0);
 }
 
-TEST(Launchd, FailedInstallsLeaveAFileEachWithNothingEscaped)
+TEST(Launchd, FailedInstallLeavesUnescapedFile)
 {
     LaunchdServices services;
     services.programs.answer = [](const auto&) {
@@ -211,7 +211,7 @@ TEST(Launchd, FailedInstallsLeaveAFileEachWithNothingEscaped)
     EXPECT_EQ(found, 2U);
 }
 
-TEST(Launchd, OnlyRootMayStartAndStop)
+TEST(Launchd, OrdinaryUserCannotStartOrStop)
 {
     EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([] {
         LaunchdServices services;
@@ -225,7 +225,7 @@ TEST(Launchd, OnlyRootMayStartAndStop)
     }));
 }
 
-TEST(Launchd, StatesThatCanAndCannotBeDetermined)
+TEST(Launchd, WaitForStartAndStopRaises)
 {
     LaunchdServices services;
     IServiceManager& manager = *services.manager;
@@ -253,7 +253,7 @@ protected:
     IServiceManager& manager = *services.manager;
 };
 
-TEST_F(Systemd, SystemdReadsWhatWasMeant)
+TEST_F(Systemd, SystemdReadsInstalledUnit)
 {
     if (std::system("command -v systemd-analyze >/dev/null") != 0)
         GTEST_SKIP() << "systemd-analyze isn't installed";
@@ -275,7 +275,7 @@ TEST_F(Systemd, SystemdReadsWhatWasMeant)
         EXPECT_NE(read.find(wanted), std::string::npos) << wanted << read.substr(0, read.find("\n\t\tAsync"));
 }
 
-TEST_F(Systemd, RefusesWhatNoUnitCanHold)
+TEST_F(Systemd, InvalidUnitRaises)
 {
     const std::string longest(247, 'n');
     using Names = std::vector<std::string>;
@@ -296,7 +296,7 @@ TEST_F(Systemd, RefusesWhatNoUnitCanHold)
     EXPECT_FALSE(manager.Exists("kbagent"));
 }
 
-TEST_F(Systemd, WaitsUntilTheStateIsReached)
+TEST_F(Systemd, WaitEndsWhenStateIsReached)
 {
     int status = 3;
     int looks = 0;
@@ -318,7 +318,7 @@ TEST_F(Systemd, WaitsUntilTheStateIsReached)
     manager.WaitForServiceCreate("kbagent", s_noTime);
 }
 
-TEST_F(Systemd, MachinesAndUsersThatCannot)
+TEST_F(Systemd, MissingRightsAndSystemdRaise)
 {
     services.programs.answer = [](const auto& command) {
         return command[1] == "is-active" ? 3 : 0;

@@ -151,7 +151,7 @@ TEST_F(YLogTest, OpenOfLinkFifoOrDirectoryIsRefused)
     EXPECT_EQ(Testing::ReadFile(target), "kept\n");
 }
 
-TEST_F(YLogTest, OpenedFileIsPrivateAndAboveStandardStreams)
+TEST_F(YLogTest, OpenedFileIsPrivate)
 {
     const mode_t mask = umask(0);
     log.Open(At(path));

@@ -66,7 +66,7 @@ TEST_F(YSignalTest, SlotsAreCalledInOrder)
     EXPECT_EQ(m_called, "cxx");
 }
 
-TEST_F(YSignalTest, SlotDisconnectsItselfAndLaterSlot)
+TEST_F(YSignalTest, SlotsChangeSignalDuringCall)
 {
     YSlot gone;
     YSlot first = Letter('a');

@@ -51,7 +51,7 @@ TEST_F(DescentPolicy, OnlyDirectoriesAreFollowed)
                      MessageType::General, ENOENT, "IsMountPoint", "");
 }
 
-TEST_F(DescentPolicy, MountPointsAreFollowedByClassOrByTheList)
+TEST_F(DescentPolicy, MountPointIsFollowedByClassOrList)
 {
     const std::tuple<const char*, const char*, const char*, bool> cases[] = {
         {"a fixed disk", "/proc", "hfs", true},
@@ -68,7 +68,7 @@ TEST_F(DescentPolicy, MountPointsAreFollowedByClassOrByTheList)
     }
 }
 
-TEST_F(DescentPolicy, AMountPointThatCannotBeClassified)
+TEST_F(DescentPolicy, UnclassifiedMountPointRaises)
 {
     const Testing::MountTable table("");
     const auto error =

@@ -63,7 +63,7 @@ void RunTransfers(const std::vector<TransferRow>& rows, const std::string& expec
 
 unsigned char g_data[16] = {};
 
-TEST(FilePrimitives, WriteTakesShortResultsByErrnoAlone)
+TEST(FilePrimitives, ShortWriteContinuesOnlyOnEintr)
 {
     const std::vector<TransferRow> rows = {
         {"nothing to do", 0, {{0, 0}}, {0}, 0, 0},
@@ -80,7 +80,7 @@ TEST(FilePrimitives, WriteTakesShortResultsByErrnoAlone)
     });
 }
 
-TEST(FilePrimitives, ReadEndsAtAShortResult)
+TEST(FilePrimitives, ShortReadEndsCall)
 {
     const std::vector<TransferRow> rows = {
         {"end of the file", ENOENT, {{3, 0}}, {8}, 0, 3},
@@ -92,7 +92,7 @@ TEST(FilePrimitives, ReadEndsAtAShortResult)
                  [](int fd, unsigned int count) { return Read(fd, 0, g_data, count); });
 }
 
-TEST(FilePrimitives, TransfersSeekFirst)
+TEST(FilePrimitives, TransfersBeginAtOffset)
 {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
@@ -119,7 +119,7 @@ TEST(FilePrimitives, TransfersSeekFirst)
     EXPECT_EQ(GetFileSize(path), 0u) << "opening for write empties";
 }
 
-TEST(FilePrimitives, DescribeTheEntryItself)
+TEST(FilePrimitives, StatusIsThatOfEntryItself)
 {
     const Testing::TemporaryDirectory directory;
     const YPath file = At(directory.Write("file", "x"));
@@ -154,7 +154,7 @@ TEST(FilePrimitives, DescribeTheEntryItself)
         << log.Text();
 }
 
-TEST(FilePrimitives, SpecialFiles)
+TEST(FilePrimitives, SpecialFilesAreRecognized)
 {
     const Testing::TemporaryDirectory directory;
     ASSERT_EQ(mkfifo((directory / "fifo").c_str(), 0600), 0);
@@ -169,7 +169,7 @@ TEST(FilePrimitives, SpecialFiles)
     EXPECT_TRUE(Testing::HoldsAsOrdinaryUser([&] { return IsSpecialFile(At(directory / "locked/x")); }));
 }
 
-TEST(FilePrimitives, Links)
+TEST(FilePrimitives, LinksAreCreatedAndNotFollowed)
 {
     const Testing::TemporaryDirectory directory;
     const YPath file = At(directory.Write("file", "x"));
@@ -191,7 +191,7 @@ TEST(FilePrimitives, Links)
                      "CreateSymbolicLink", "Failed to create symlink from: " + directory / "empty" + " To: ");
 }
 
-TEST(FilePrimitives, Directories)
+TEST(FilePrimitives, ExistingDirectoryIsKept)
 {
     const Testing::TemporaryDirectory directory;
     const mode_t mask = umask(0);
@@ -206,7 +206,7 @@ TEST(FilePrimitives, Directories)
                      "CreateDirectory", "Failed to create directory: " + directory / "missing/below");
 }
 
-TEST(FilePrimitives, ChangesFollowLinksSaveForTheModeOfALink)
+TEST(FilePrimitives, ChangesFollowLinksExceptModeOfLink)
 {
     const Testing::TemporaryDirectory directory;
     const YPath file = At(directory.Write("file", "x"));

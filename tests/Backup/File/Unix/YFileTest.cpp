@@ -35,7 +35,7 @@ protected:
     Testing::TemporaryDirectory m_directory;
 };
 
-TEST_F(YFileTest, ReadsARegularFileForward)
+TEST_F(YFileTest, RegularFileIsReadForward)
 {
     m_directory.Write("file", "abcdefgh");
     for (const auto mode : {YFile::OPEN_MODE_READ, YFile::OPEN_MODE_READ_ALTERNATE}) {
@@ -56,7 +56,7 @@ TEST_F(YFileTest, ReadsARegularFileForward)
     }
 }
 
-TEST_F(YFileTest, OpensNothingButRegularFiles)
+TEST_F(YFileTest, OnlyRegularFilesAreOpened)
 {
     m_directory.Write("file", "content");
     m_directory.MakeDirectory("directory");
@@ -78,7 +78,7 @@ TEST_F(YFileTest, OpensNothingButRegularFiles)
     EXPECT_EQ(link.GetSymbolicLinkTarget(), "file");
 }
 
-TEST_F(YFileTest, EntryIsReadThroughItsDirectory)
+TEST_F(YFileTest, EntryIsReadThroughDirectory)
 {
     m_directory.MakeDirectory("old");
     m_directory.Write("old/file", "content");
@@ -112,7 +112,7 @@ TEST_F(YFileTest, EntryIsReadThroughItsDirectory)
     EXPECT_EQ(Testing::OsErrorOf([&] { file.OpenEntry(directory, linkName, At("old/link")); }), ENOENT);
 }
 
-TEST_F(YFileTest, RefusesOtherModesAndSurvivesFailedOpens)
+TEST_F(YFileTest, InvalidModeAndFailedOpenRaise)
 {
     YFile file;
     for (const unsigned int mode : {0u, 4u})
@@ -130,7 +130,7 @@ TEST_F(YFileTest, RefusesOtherModesAndSurvivesFailedOpens)
                   "Seeking within files is currently not implemented in the unix build of the agent");
 }
 
-TEST_F(YFileTest, WritingReplacesTheFile)
+TEST_F(YFileTest, WritingReplacesFile)
 {
     m_directory.Write("file", "old content");
     fs::create_hard_link(m_directory / "file", m_directory / "hard");
@@ -149,7 +149,7 @@ TEST_F(YFileTest, WritingReplacesTheFile)
     EXPECT_NE(StatusOf("file").st_ino, StatusOf("hard").st_ino);
 }
 
-TEST_F(YFileTest, WritingMakesParentsAndWithoutTimesGivesZero)
+TEST_F(YFileTest, WritingCreatesParentsAndSetsTimesToZero)
 {
     YFile(YFile::OPEN_MODE_WRITE, At("a/b/file"), NoOptions).Write("x", 1);
     EXPECT_EQ(StatusOf("a/b/file").st_mtime, 0) << "the destructor closes";
@@ -163,7 +163,7 @@ TEST_F(YFileTest, WritingMakesParentsAndWithoutTimesGivesZero)
     EXPECT_NE(StatusOf("c/folder").st_mtime, 5);
 }
 
-TEST_F(YFileTest, TimesThatCannotBeSet)
+TEST_F(YFileTest, FailedTimesAreSetBySecondClose)
 {
     YFile file(YFile::OPEN_MODE_WRITE, At("file"), NoOptions);
     fs::remove(m_directory / "file");
@@ -202,7 +202,7 @@ TEST_F(YFileTest, ChangesEntryAtItsPath)
     EXPECT_EQ(Testing::OsErrorOf([&] { file.SetUID(user); }), ENOENT) << "without a path";
 }
 
-TEST_F(YFileTest, TracesOnItsChannel)
+TEST_F(YFileTest, StepsAreLogged)
 {
     m_directory.Write("in", "abc");
     const std::string out = m_directory / "out";
@@ -228,7 +228,7 @@ TEST_F(YFileTest, TracesOnItsChannel)
     EXPECT_EQ(Testing::Printed(YFile::OPT_DIRECTORY), "");
 }
 
-TEST_F(YFileTest, TheSwitchForAttributesGovernsReadingAlone)
+TEST_F(YFileTest, DisabledAttributesAreNotRead)
 {
     class Switched : public YFile
     {

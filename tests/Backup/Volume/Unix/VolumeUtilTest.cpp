@@ -35,7 +35,7 @@ TEST_F(VolumeUtil, PathNameIsNearestDeviceBoundary)
         EXPECT_EQ(GetVolumePathName(path.c_str()).Bytes(), expected) << path;
 }
 
-TEST_F(VolumeUtil, PathNameFailsWithTheGivenPath)
+TEST_F(VolumeUtil, PathNameFailureNamesGivenPath)
 {
     const Testing::TemporaryDirectory directory;
     const std::string below = directory.Write("file", "") + "/below/it";
@@ -50,7 +50,7 @@ TEST_F(VolumeUtil, PathNameFailsWithTheGivenPath)
     std::filesystem::current_path("/");
 }
 
-TEST_F(VolumeUtil, WhatNoTableListsIsUnknownAndWritable)
+TEST_F(VolumeUtil, UnlistedVolumeIsUnknownAndWritable)
 {
     const Testing::MountTable table("/dev/root / ext4 ro 0 0\n");
     EXPECT_EQ(DetermineDriveType("unlisted"), DRIVE_CLASS_UNKNOWN);
@@ -61,7 +61,7 @@ TEST_F(VolumeUtil, WhatNoTableListsIsUnknownAndWritable)
     EXPECT_TRUE(IsReadOnly("/"));
 }
 
-TEST_F(VolumeUtil, MountPointsAreToldByTheirDevice)
+TEST_F(VolumeUtil, MountPointIsRecognizedByDevice)
 {
     const Testing::TemporaryDirectory directory;
     EXPECT_TRUE(IsMountPoint("/proc"));

@@ -58,7 +58,7 @@ protected:
 
 } // namespace
 
-TEST_F(VolumeManager, ListsWhatTheMaskChooses)
+TEST_F(VolumeManager, MaskChoosesVolumes)
 {
     EXPECT_EQ(List(), Fixed);
     EXPECT_EQ(List(All, true), Fixed);
@@ -67,7 +67,7 @@ TEST_F(VolumeManager, ListsWhatTheMaskChooses)
     EXPECT_EQ(List(0x0000270E, false), Directories{}) << "every bit that the type lacks";
 }
 
-TEST_F(VolumeManager, BuildsTheListOnceUntilItIsInvalidated)
+TEST_F(VolumeManager, ListIsBuiltOnceUntilInvalidated)
 {
     const Testing::LogCapture log({"Volume"});
     const auto refreshed = [&] {
@@ -95,7 +95,7 @@ TEST_F(VolumeManager, BuildsTheListOnceUntilItIsInvalidated)
     EXPECT_EQ(refreshed(), 5) << "nothing to list is never fresh";
 }
 
-TEST_F(VolumeManager, VolumesOutliveTheGlobalObjectThatListedThem)
+TEST_F(VolumeManager, VolumesOutliveGlobalObject)
 {
     const auto volumes = Backup::GetGlobal()->GetVolumeManager().GetVolumeList(All, false);
     EXPECT_EQ(Backup::GetGlobal()->GetVolumeManager().GetVolumeByUniquePath("/"), volumes.at("/"));
@@ -105,7 +105,7 @@ TEST_F(VolumeManager, VolumesOutliveTheGlobalObjectThatListedThem)
     Backup::DestroyGlobal();
 }
 
-TEST_F(VolumeManager, LooksUpByMountDirectory)
+TEST_F(VolumeManager, LookupIsByMountDirectory)
 {
     EXPECT_EQ(manager.GetVolumeByUniquePath("/mnt/again/"), manager.GetVolumeList(All, false)["/mnt/again"]);
     for (const char* key : {"/dev/root", "/mnt/n", "/mnt"})
@@ -113,7 +113,7 @@ TEST_F(VolumeManager, LooksUpByMountDirectory)
                       std::string("Volume not found by unique path: ") + key);
 }
 
-TEST_F(VolumeManager, DescribesAnyPathPastTheList)
+TEST_F(VolumeManager, LookupByPathBypassesList)
 {
     const Testing::LogCapture log({"Volume"});
     const boost::shared_ptr<YVolume> volume = manager.VolumeOfFilename("/proc/self");
@@ -125,7 +125,7 @@ TEST_F(VolumeManager, DescribesAnyPathPastTheList)
     EXPECT_EQ(std::count(lines.begin(), lines.end(), Refreshing), 0);
 }
 
-TEST_F(VolumeManager, AMountThatCannotBeDescribedEndsTheRebuild)
+TEST_F(VolumeManager, UndescribableMountEndsRebuild)
 {
     const char* const text = "Failed to locate volume guid for path /proc/gone";
     // The entry's mount is gone, and what is found in its place is not listed.
@@ -141,7 +141,7 @@ TEST_F(VolumeManager, AMountThatCannotBeDescribedEndsTheRebuild)
     EXPECT_EQ(List(), Fixed);
 }
 
-TEST_F(VolumeManager, ARebuildCostsAFewCallsForEachMountOfADevice)
+TEST_F(VolumeManager, RebuildMakesFewCallsPerMount)
 {
     constexpr unsigned int Binds = 50;
     const auto callsWith = [&](unsigned int binds) {
@@ -160,7 +160,7 @@ TEST_F(VolumeManager, ARebuildCostsAFewCallsForEachMountOfADevice)
               1 + Binds);
 }
 
-TEST_F(VolumeManager, ConcurrentInvalidationsNeverShowAPartOfTheList)
+TEST_F(VolumeManager, ConcurrentInvalidationsShowWholeList)
 {
     std::thread invalidator([&] {
         for (int i = 0; i < 100; ++i)

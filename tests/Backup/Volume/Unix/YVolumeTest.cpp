@@ -23,7 +23,7 @@ const char* const Table = "/dev/disk\\040one\\134 / ext4 rw 0 0\n"
 
 } // namespace
 
-TEST_F(Volume, IsDescribedFromAnyPathOnIt)
+TEST_F(Volume, AnyPathDescribesItsVolume)
 {
     const Testing::MountTable table(Table);
     const struct
@@ -59,7 +59,7 @@ TEST_F(Volume, IsDescribedFromAnyPathOnIt)
     }
 }
 
-TEST_F(Volume, SaysThatItIsNotInitialized)
+TEST_F(Volume, UninitializedVolumeRaises)
 {
     const Testing::MountTable table(Table);
     YVolume initialized{YPath("/proc")};
@@ -78,7 +78,7 @@ TEST_F(Volume, SaysThatItIsNotInitialized)
     }
 }
 
-TEST_F(Volume, IsEqualByItsUniquePathAlone)
+TEST_F(Volume, EqualityIsByUniquePath)
 {
     const Testing::MountTable table(Table);
     const YVolume b{YPath("/proc")}, deep{YPath("/proc/self/fd")}, one{YPath("/")};
@@ -95,7 +95,7 @@ TEST_F(Volume, IsEqualByItsUniquePathAlone)
     EXPECT_RAISES(copy.GetGuidPath(), ErrorCode::InvalidState, "GetGuidPath", "Volume not initialized");
 }
 
-TEST(VolumePrimaryMountPath, IsTheFirstOfTheShallowest)
+TEST(VolumePrimaryMountPath, FirstOfShallowestIsChosen)
 {
     const std::pair<std::vector<const char*>, const char*> cases[] = {
         {{}, ""}, {{"/a/b", "/c"}, "/c"}, {{"/b", "/c"}, "/b"}, {{"/a/b", "/x/y", "/"}, "/"}};
@@ -107,7 +107,7 @@ TEST(VolumePrimaryMountPath, IsTheFirstOfTheShallowest)
     }
 }
 
-TEST_F(Volume, TracesItsSteps)
+TEST_F(Volume, StepsAreLogged)
 {
     const Testing::MountTable table(Table);
     const Testing::LogCapture log({"Volume"});
@@ -144,7 +144,7 @@ YVolume: With volume mount path: /proc
 )");
 }
 
-TEST_F(Volume, FailsWithTheCauseAndStaysUninitialized)
+TEST_F(Volume, FailedInitializeLeavesUninitialized)
 {
     const Testing::MountTable table("/dev/root / ext4 rw 0 0\n");
     const Testing::LogCapture log({"General"});
@@ -159,7 +159,7 @@ TEST_F(Volume, FailsWithTheCauseAndStaysUninitialized)
     EXPECT_EQ(volume.GetPath().Bytes(), "/proc/self");
 }
 
-TEST(VolumeFreeSpace, IsInBytesAndFresh)
+TEST(VolumeFreeSpace, ResultIsInBytes)
 {
     const Testing::MountTable table("/dev/root / ext4 rw 0 0\n");
     const YVolume volume{YPath("/")};
