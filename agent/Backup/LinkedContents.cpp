@@ -36,7 +36,8 @@ LinkedContents::Completion LinkedContents::Join(const struct stat& status, Compl
     }
     const auto content = std::make_shared<Content>();
     content->waiting.push_back(std::move(onDone));
-    m_files.insert_or_assign(FileId(status), File{content, status.st_nlink - 1, status});
+    m_files.insert_or_assign(FileId(status),
+                             File{content, static_cast<nlink_t>(status.st_nlink - 1), status});
     return [content](const StoredContent& stored) {
         std::unique_lock lock(content->mutex);
         content->stored = stored;

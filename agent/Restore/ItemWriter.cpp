@@ -236,8 +236,10 @@ bool ItemWriter::KeepUnchanged(RestoreItem& item)
 bool ItemWriter::KeepOther(const RestoreItem& item, const YDirectory& parent, const struct stat& now)
 {
     const YString& name = item.location.back();
-    const bool isSameThing = S_ISLNK(now.st_mode) ? parent.ReadSymbolicLink(name) == Text(item.linkTarget)
-                                                  : S_ISFIFO(now.st_mode) || now.st_rdev == item.device;
+    const bool isSameThing =
+        S_ISLNK(now.st_mode)
+            ? parent.ReadSymbolicLink(name) == Text(item.linkTarget)
+            : S_ISFIFO(now.st_mode) || static_cast<std::uint64_t>(now.st_rdev) == item.device;
     return isSameThing &&
            HasAttributes(Krt::File::YEntry(parent, name), now, item.recorded.attributes, false);
 }

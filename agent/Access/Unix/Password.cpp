@@ -15,6 +15,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+extern char** environ;
+
 namespace Agent {
 
 using Krt::Util::CallSystem;

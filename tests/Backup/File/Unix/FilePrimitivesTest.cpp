@@ -1,4 +1,7 @@
 #include "Backup/File/Unix/File.h"
+#include "Backup/File/Unix/YFile.h"
+
+#include "Krt/File/YDirectory.h"
 
 #include "testing/CallHook.h"
 #include "testing/LogCapture.h"
@@ -189,6 +192,20 @@ TEST(FilePrimitives, LinksAreCreatedAndNotFollowed)
                      "Could not open file for write: " + directory / "new/parent/link");
     EXPECT_RAISES_OS(CreateSymbolicLink(At(directory / "empty"), ""), MessageType::General, ENOENT,
                      "CreateSymbolicLink", "Failed to create symlink from: " + directory / "empty" + " To: ");
+}
+
+TEST(FilePrimitives, FileSystemWithoutAttributesHasNone)
+{
+    const Testing::TemporaryDirectory directory;
+    directory.Write("file", "");
+    YFile file;
+    file.OpenEntry(Krt::File::YDirectory::Open(directory.Path().c_str()), "file", "/file");
+    const CallHook hook([](const HookedCall& call) {
+        if (call.function.ends_with("listxattr"))
+            CallHook::Fail(ENOTSUP);
+    });
+    EXPECT_TRUE(file.ListExtendedAttributes().empty());
+    EXPECT_TRUE(file.GetExtendedAttributeMap().empty());
 }
 
 TEST(FilePrimitives, ExistingDirectoryIsKept)
