@@ -60,17 +60,19 @@ public:
         return content.blobs.size() - 1;
     }
     // Returns true if the file is done.
-    bool End(std::size_t index, const Id& id)
+    bool End(std::size_t index, const StoredBlob& blob)
     {
         const std::lock_guard guard(m_mutex);
-        content.blobs[index] = id;
+        content.blobs[index] = blob.id;
+        Count(blob);
         return --m_open == 0;
     }
-    void AddKnown(std::size_t size, const Id& id)
+    void Add(std::size_t size, const StoredBlob& blob, std::size_t count = 1)
     {
         const std::lock_guard guard(m_mutex);
-        content.size += size;
-        content.blobs.push_back(id);
+        content.size += count * size;
+        content.blobs.insert(content.blobs.end(), count, blob.id);
+        Count(blob);
     }
     bool EndReading()
     {
@@ -82,6 +84,12 @@ public:
     StoredContent content;
 
 private:
+    void Count(const StoredBlob& blob)
+    {
+        content.added += blob.added;
+        content.packed += blob.packed;
+    }
+
     std::mutex m_mutex;
     std::size_t m_open = 1; // chunks that are not stored, and the reading
     std::function<void(const StoredContent&)> m_onDone;
@@ -191,9 +199,7 @@ private:
         const std::uint64_t chunks = hole / Chunker::MinSize;
         if (chunks == 0)
             return;
-        const Id id = m_pool.m_store(BlobType::Data, m_pool.m_zeros);
-        for (std::uint64_t i = 0; i < chunks; ++i)
-            m_state->AddKnown(Chunker::MinSize, id);
+        m_state->Add(Chunker::MinSize, m_pool.m_store(BlobType::Data, m_pool.m_zeros), chunks);
         m_offset += chunks * Chunker::MinSize;
         m_pool.m_readBytes += chunks * Chunker::MinSize;
     }
@@ -204,8 +210,8 @@ private:
         const auto size = static_cast<std::uint64_t>(m_state->content.status.st_size);
         const bool isOnly = bytesAfter == 0 && m_offset >= size && m_offset == m_buffer.size;
         if (isOnly) {
-            const Id id = m_pool.m_store(BlobType::Data, {m_buffer.bytes.get(), m_buffer.size});
-            m_state->AddKnown(m_buffer.size, id);
+            m_state->Add(m_buffer.size,
+                         m_pool.m_store(BlobType::Data, {m_buffer.bytes.get(), m_buffer.size}));
             m_buffer.size = 0;
             return;
         }
@@ -275,6 +281,12 @@ void ContentPool::RaiseFailure()
         std::rethrow_exception(m_failure);
 }
 
+std::vector<std::string> ContentPool::GetReading() const
+{
+    const std::lock_guard guard(m_mutex);
+    return {m_reading.begin(), m_reading.end()};
+}
+
 void ContentPool::Wait(const std::function<bool()>& isReached)
 {
     constexpr std::chrono::milliseconds BetweenReports{100};
@@ -295,7 +307,7 @@ void ContentPool::Work()
         Lock lock(m_mutex);
         for (;;) {
             const auto mayRead = [this] {
-                return !m_files.empty() && m_reading < m_options.readers;
+                return !m_files.empty() && m_reading.size() < m_options.readers;
             };
             ++m_idle;
             m_change.wait(lock, [&] { return m_isEnding || !m_chunks.empty() || mayRead(); });
@@ -310,13 +322,13 @@ void ContentPool::Work()
             } else {
                 FileToRead file = std::move(m_files.front());
                 m_files.pop_front();
-                ++m_reading;
+                const auto reading = m_reading.insert(m_reading.end(), std::move(file.path));
                 lock.unlock();
                 if (!reader)
                     reader = std::make_unique<Reader>(*this);
                 reader->Read(file);
                 lock.lock();
-                --m_reading;
+                m_reading.erase(reading);
                 m_change.notify_all();
                 continue;
             }
@@ -353,8 +365,8 @@ bool ContentPool::TryOffer(std::unique_ptr<Chunk>& chunk)
 
 void ContentPool::StoreChunk(const Chunk& chunk)
 {
-    const Id id = m_store(BlobType::Data, {chunk.buffer.bytes.get(), chunk.buffer.size});
-    if (chunk.file->End(chunk.index, id))
+    const StoredBlob blob = m_store(BlobType::Data, {chunk.buffer.bytes.get(), chunk.buffer.size});
+    if (chunk.file->End(chunk.index, blob))
         Done(*chunk.file);
 }
 

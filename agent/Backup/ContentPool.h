@@ -19,12 +19,15 @@
 #include "Krt/Util/YUnxHandle.h"
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <exception>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -32,14 +35,25 @@
 
 namespace Agent {
 
-/// Stores a blob and returns its id. Any thread. Raises what storing raises, which ends the run.
-using BlobStore = std::function<Repo::Id(Repo::BlobType type, Repo::ByteView plaintext)>;
+/// A blob that the repository has.
+struct StoredBlob
+{
+    Repo::Id id;
+    std::uint64_t added = 0;  ///< bytes of its plaintext; 0 if it was not new
+    std::uint64_t packed = 0; ///< bytes that its pack grew by
+};
+
+/// Stores a blob. Any thread. Raises what storing raises, which ends the run.
+using BlobStore = std::function<StoredBlob(Repo::BlobType type, Repo::ByteView plaintext)>;
 
 /// The content of a file as it was stored.
 struct StoredContent
 {
     std::vector<Repo::Id> blobs;
-    std::uint64_t size = 0;  ///< bytes of all blobs
+    std::uint64_t size = 0;   ///< bytes of all blobs
+    std::uint64_t added = 0;  ///< bytes of the new ones
+    std::uint64_t packed = 0; ///< bytes that packs grew by
+    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now(); ///< of the reading
     struct stat status = {}; ///< of the file, before the content was read
     bool isChanged = false;  ///< the file changed while it was read
     std::string failure;     ///< why the file could not be read; then nothing else is set
@@ -49,6 +63,7 @@ struct StoredContent
 struct FileToRead
 {
     std::shared_ptr<const Krt::Util::YUnxHandle> file; ///< open for reading; released once it was read
+    std::string path;                                  ///< for GetReading
     /// Called once with the outcome by any thread, but not if the pool fails.
     std::function<void(const StoredContent& content)> onDone;
 };
@@ -87,6 +102,8 @@ public:
 
     /// Bytes that were read so far. Any thread.
     std::uint64_t GetReadBytes() const { return m_readBytes; }
+    /// The paths of the files that are being read. Any thread.
+    std::vector<std::string> GetReading() const;
 
 private:
     class FileState;
@@ -109,12 +126,12 @@ private:
     std::atomic<std::uint64_t> m_readBytes{0};
     std::atomic<bool> m_isEnding{false};
 
-    std::mutex m_mutex; // for all of the following
+    mutable std::mutex m_mutex; // for all of the following
     std::condition_variable m_change;
     std::deque<FileToRead> m_files;
     std::deque<std::unique_ptr<Chunk>> m_chunks;
-    std::size_t m_pending = 0; // files that are not done
-    unsigned int m_reading = 0;
+    std::size_t m_pending = 0;        // files that are not done
+    std::list<std::string> m_reading; // paths
     unsigned int m_idle = 0;
     std::exception_ptr m_failure;
 

@@ -18,6 +18,16 @@ constexpr std::size_t LargestTree = UINT32_MAX - (64 << 20);
 
 } // namespace
 
+Change ChangeSince(const std::string& before, const std::string& after)
+{
+    return before.empty() ? Change::New : before == after ? Change::Unchanged : Change::Modified;
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point begin)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
 DirectoryBuild::DirectoryBuild(BuildContext& context, std::shared_ptr<DirectoryBuild> above, std::string name)
     : m_context(context), m_above(std::move(above)), m_name(std::move(name))
 {}
@@ -95,17 +105,18 @@ bool DirectoryBuild::Complete()
         return false;
     }
     const std::string tree = MakeTree();
-    const Repo::Id id = m_context.store(Repo::BlobType::Tree, Repo::AsBytes(tree));
+    const StoredBlob stored = m_context.store(Repo::BlobType::Tree, Repo::AsBytes(tree));
     if (m_above == nullptr) {
         const std::lock_guard guard(m_mutex);
-        m_tree = id;
+        m_tree = stored.id;
         return true;
     }
-    m_node.subtree = id;
+    m_node.subtree = stored.id;
     std::string after;
     Repo::AppendNode(m_node, after);
-    ChangeCounts& counts = m_context.directories;
-    ++(m_before.empty() ? counts.isNew : m_before == after ? counts.isUnmodified : counts.isChanged);
+    const Change change = ChangeSince(m_before, after);
+    m_context.directories.Add(change);
+    m_context.onStored({GetPath() + "/", change, SecondsSince(m_begin), 0, 0, stored.added, stored.packed});
     return true;
 }
 

@@ -9,6 +9,7 @@
 #include "agent/Repository/Node.h"
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -18,9 +19,34 @@
 
 namespace Agent {
 
-/// Counts files or directories by what became of them since the parent snapshot. Any thread.
+/// What became of a file or directory since the parent snapshot.
+enum class Change
+{
+    New,
+    Modified,
+    Unchanged
+};
+
+/// A file or directory that was stored.
+struct StoredItem
+{
+    std::string path; ///< that of a directory ends with a slash
+    Change change = Change::New;
+    double seconds = 0;           ///< how long it took
+    std::uint64_t dataAdded = 0;  ///< bytes of new data blobs
+    std::uint64_t dataPacked = 0; ///< bytes that packs grew by for them
+    std::uint64_t treeAdded = 0;  ///< bytes of the tree blob, if it is new
+    std::uint64_t treePacked = 0; ///< bytes that a pack grew by for it
+};
+
+/// Counts files or directories by what became of them. Any thread.
 struct ChangeCounts
 {
+    void Add(Change change)
+    {
+        ++(change == Change::New ? isNew : change == Change::Modified ? isChanged : isUnmodified);
+    }
+
     std::atomic<std::uint64_t> isNew{0};
     std::atomic<std::uint64_t> isChanged{0};
     std::atomic<std::uint64_t> isUnmodified{0};
@@ -28,11 +54,17 @@ struct ChangeCounts
     std::uint64_t Total() const { return isNew + isChanged + isUnmodified; }
 };
 
+/// Compares the JSON texts of two nodes. That of the parent snapshot is "" if it has none.
+Change ChangeSince(const std::string& before, const std::string& after);
+/// The time since `begin`.
+double SecondsSince(std::chrono::steady_clock::time_point begin);
+
 /// What all directories of a run share. It outlives them.
 struct BuildContext
 {
     BlobStore store;
     std::function<void(const std::string& path, const std::string& reason)> onFailed; ///< any thread
+    std::function<void(StoredItem item)> onStored;                                    ///< any thread
     ChangeCounts directories;
 };
 
@@ -80,6 +112,7 @@ private:
     BuildContext& m_context;
     const std::shared_ptr<DirectoryBuild> m_above;
     const std::string m_name;
+    const std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
     Repo::Node m_node;
     std::string m_before;
     std::atomic<bool> m_needsEntries{false};

@@ -41,10 +41,11 @@ LinkedContents::Completion LinkedContents::Join(const struct stat& status, Compl
     return [content](const StoredContent& stored) {
         std::unique_lock lock(content->mutex);
         content->stored = stored;
+        content->stored->added = content->stored->packed = 0; // they count for the first name
         const std::vector<Completion> waiting = std::exchange(content->waiting, {});
         lock.unlock();
         for (const Completion& each : waiting)
-            each(stored);
+            each(&each == &waiting.front() ? stored : *content->stored);
     };
 }
 

@@ -3,11 +3,11 @@
 #pragma once
 
 #include "agent/Access/RepositoryOptions.h"
+#include "agent/Backup/Scan.h"
 #include "agent/Backup/SnapshotBuild.h"
 #include "agent/Repository/Snapshot.h"
 
 #include <chrono>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,6 +22,7 @@ struct SnapshotSettings
     std::vector<std::string> tags;
     std::optional<Repo::Timestamp> time; ///< of the snapshot; otherwise that of the beginning
     bool isDryRun = false;               ///< nothing is written
+    bool reportsStored = false;          ///< calls ISnapshotObserver::OnStored
     unsigned int readers = 2;            ///< files that are read at the same time
     Repo::SaveOptions save;
 };
@@ -39,8 +40,26 @@ struct SnapshotOutcome
     std::uint64_t failed = 0;       ///< entries
 };
 
-/// Called about 10 times a second.
-using SnapshotProgress = std::function<void(const SnapshotCounts& counts, std::uint64_t failed)>;
+/// What was done so far.
+struct SnapshotProgress
+{
+    SnapshotCounts counts;
+    ScanTotals totals;                     ///< none without a scan
+    std::uint64_t failed = 0;              ///< entries
+    double seconds = 0;                    ///< since the beginning
+    std::vector<std::string> currentFiles; ///< those that are being read
+};
+
+/// Receives what is done, on the thread that does it.
+class ISnapshotObserver
+{
+public:
+    virtual ~ISnapshotObserver() = default;
+    /// Called about 10 times a second.
+    virtual void OnProgress(const SnapshotProgress& progress) = 0;
+    /// A file or directory was stored.
+    virtual void OnStored(const StoredItem& item) = 0;
+};
 
 /// The content of the snapshot file, without parent, tree, paths, excludes and summary.
 Repo::Snapshot MakeSnapshot(const SnapshotSettings& settings, const SnapshotOutcome& outcome);
@@ -48,12 +67,5 @@ Repo::Snapshot MakeSnapshot(const SnapshotSettings& settings, const SnapshotOutc
 /// blobs are durable. Raises InvalidState if the user interrupts, and what saving a file raises.
 void FinishSnapshot(Repo::Repository& repository, Repo::Snapshot snapshot, bool isSaved,
                     SnapshotOutcome& outcome);
-
-/// The last lines of a summary: what was added, how fast, and the snapshot.
-std::string AddedText(const SnapshotSettings& settings, const SnapshotOutcome& outcome);
-/// The summary as restic prints it as JSON.
-std::string SummaryJson(const SnapshotSettings& settings, const SnapshotOutcome& outcome);
-/// A line on the progress as restic prints it as JSON. `seconds` since the beginning.
-std::string StatusJson(const SnapshotCounts& counts, std::uint64_t failed, double seconds);
 
 } // namespace Agent

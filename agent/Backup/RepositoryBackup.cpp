@@ -2,6 +2,7 @@
 
 #include "agent/Access/Session.h"
 #include "agent/Access/SnapshotChoice.h"
+#include "agent/Backup/NewSnapshotText.h"
 #include "agent/Backup/SnapshotRun.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
@@ -31,8 +32,8 @@ std::set<std::string> AsSet(const std::vector<std::string>& texts)
 class RepositoryBackup
 {
 public:
-    RepositoryBackup(const BackupSettings& settings, Report& report, const SnapshotProgress& onProgress)
-        : m_settings(settings), m_report(report), m_onProgress(onProgress)
+    RepositoryBackup(const BackupSettings& settings, Report& report, ISnapshotObserver& observer)
+        : m_settings(settings), m_report(report), m_observer(observer)
     {}
 
     SnapshotOutcome Run();
@@ -42,11 +43,11 @@ private:
     void BeginSnapshot();
     void ChooseParent(Session& session);
     void Store(Session& session);
-    void SkipRepository(Walker& walker) const;
+    struct stat SkippedDirectory() const;
 
     const BackupSettings& m_settings;
     Report& m_report;
-    const SnapshotProgress& m_onProgress;
+    ISnapshotObserver& m_observer;
     Job m_job;
     Snapshot m_snapshot;
     std::optional<StoredSnapshot> m_parent;
@@ -115,13 +116,13 @@ void RepositoryBackup::ChooseParent(Session& session)
     }
 }
 
-// The repository itself must not be part of the backup, since it grows with it.
-void RepositoryBackup::SkipRepository(Walker& walker) const
+// That of the repository, which must not be part of the backup, since it grows with it.
+struct stat RepositoryBackup::SkippedDirectory() const
 {
     std::string path = FindLocation(m_settings.repository);
     if (path.starts_with("local:"))
         path.erase(0, path.find(':') + 1);
-    walker.Skip(Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(YString(path))).Stat());
+    return Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(YString(path))).Stat();
 }
 
 void RepositoryBackup::Store(Session& session)
@@ -140,15 +141,28 @@ void RepositoryBackup::Store(Session& session)
     options.isDryRun = m_settings.isDryRun;
     options.reportsExcluded = m_settings.repository.isVerbose;
     options.readers = m_settings.readers;
-    options.onTick = [&] {
+    const struct stat skipped = SkippedDirectory();
+    std::optional<Scan> scan;
+    if (m_settings.scans)
+        scan.emplace(m_job, skipped);
+    const auto reportProgress = [&] {
         if (running != nullptr)
-            m_onProgress(running->GetProgress(), m_report.GetFailed());
+            m_observer.OnProgress({running->GetProgress(), scan ? scan->Get() : ScanTotals(),
+                                   m_report.GetFailed(), SecondsSince(m_outcome.start),
+                                   running->GetReading()});
     };
+    options.onTick = reportProgress;
+    if (m_settings.reportsStored) {
+        options.onStored = [this](const StoredItem& item) {
+            m_observer.OnStored(item);
+        };
+    }
     SnapshotRun run(session.GetRepository(), saver, m_report, options);
     running = &run;
     Walker walker(m_job.rules, m_job.roots, run);
-    SkipRepository(walker);
+    walker.Skip(skipped);
     walker.Run();
+    reportProgress();
     const std::optional<Id> tree = run.Finish();
     KRT_RAISE_UNLESS(tree, Krt::ErrorCode::InvalidArgument,
                      "Nothing was selected that could be stored, so no snapshot was created");
@@ -170,9 +184,9 @@ std::string ChangeLine(const char* title, std::uint64_t isNew, std::uint64_t isC
 
 } // namespace
 
-SnapshotOutcome BackUp(const BackupSettings& settings, Report& report, const SnapshotProgress& onProgress)
+SnapshotOutcome BackUp(const BackupSettings& settings, Report& report, ISnapshotObserver& observer)
 {
-    return RepositoryBackup(settings, report, onProgress).Run();
+    return RepositoryBackup(settings, report, observer).Run();
 }
 
 std::string SummaryText(const BackupSettings& settings, const SnapshotOutcome& outcome)

@@ -18,6 +18,7 @@ struct BackupSettings : SnapshotSettings
     bool skipsIfUnchanged = false;  ///< no snapshot is created if its tree is that of the parent
     bool ignoresChangeTime = false;
     bool ignoresInode = false;
+    bool scans = false; ///< counts the files first, so that the progress has totals
 };
 
 /// Stores a snapshot. Entries that fail are reported. Raises, without a snapshot,
@@ -25,7 +26,7 @@ struct BackupSettings : SnapshotSettings
 ///   - InvalidState if the user interrupts
 ///   - what Session, LoadJob and BlobSaver raise
 /// What was stored before is durable or unused, and the repository is sound.
-SnapshotOutcome BackUp(const BackupSettings& settings, Report& report, const SnapshotProgress& onProgress);
+SnapshotOutcome BackUp(const BackupSettings& settings, Report& report, ISnapshotObserver& observer);
 
 /// The summary in lines.
 std::string SummaryText(const BackupSettings& settings, const SnapshotOutcome& outcome);

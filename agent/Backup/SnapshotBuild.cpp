@@ -40,6 +40,7 @@ SnapshotBuild::SnapshotBuild(const Repo::Repository& repository, Repo::BlobSaver
           .store = [this](BlobType type, Repo::ByteView plaintext) { return StoreBlob(type, plaintext); },
           .onFailed = [this](const std::string& path,
                              const std::string& reason) { Post(path, reason, true); },
+          .onStored = [this](StoredItem item) { PostStored(std::move(item)); },
           .directories = {}},
       m_root(std::make_shared<DirectoryBuild>(m_context, nullptr, "")),
       m_pool(
@@ -65,10 +66,11 @@ void SnapshotBuild::AddContent(FileToRead file)
     EndRunOnError([&] { m_pool.Add(std::move(file)); });
 }
 
-void SnapshotBuild::CountFile(std::atomic<std::uint64_t> ChangeCounts::*kind, std::uint64_t size)
+void SnapshotBuild::CountFile(StoredItem item, std::uint64_t size)
 {
-    ++(m_files.*kind);
+    m_files.Add(item.change);
     m_bytes += size;
+    PostStored(std::move(item));
 }
 
 void SnapshotBuild::Tick()
@@ -117,28 +119,29 @@ SnapshotCounts SnapshotBuild::GetProgress() const
     return counts;
 }
 
-Id SnapshotBuild::StoreBlob(BlobType type, Repo::ByteView plaintext)
+StoredBlob SnapshotBuild::StoreBlob(BlobType type, Repo::ByteView plaintext)
 {
     const Repo::BlobHandle handle{type, Id::Of(plaintext)};
     if (m_options.isDryRun)
         return CountBlob(handle, plaintext.size());
-    EndRunOnError([&] { m_saver.Save(handle, plaintext); });
-    return handle.id;
+    std::uint64_t packed = 0;
+    EndRunOnError([&] { packed = m_saver.Save(handle, plaintext); });
+    return {handle.id, packed == 0 ? 0 : plaintext.size(), packed};
 }
 
 // Counts a blob that a dry run would store.
-Id SnapshotBuild::CountBlob(const Repo::BlobHandle& handle, std::size_t size)
+StoredBlob SnapshotBuild::CountBlob(const Repo::BlobHandle& handle, std::size_t size)
 {
     if (m_repository.GetIndex().Has(handle))
-        return handle.id;
+        return {handle.id};
     const std::lock_guard guard(m_mutex);
-    if (m_dry.insert(handle).second) {
-        Repo::SavedBlobs& saved = m_drySaved[handle.type == BlobType::Tree ? 1 : 0];
-        ++saved.blobs;
-        saved.bytes += size;
-        saved.stored += size;
-    }
-    return handle.id;
+    if (!m_dry.insert(handle).second)
+        return {handle.id};
+    Repo::SavedBlobs& saved = m_drySaved[handle.type == BlobType::Tree ? 1 : 0];
+    ++saved.blobs;
+    saved.bytes += size;
+    saved.stored += size;
+    return {handle.id, size, size};
 }
 
 void SnapshotBuild::ReportProgress()
@@ -157,13 +160,25 @@ void SnapshotBuild::Post(std::string path, std::string text, bool isFailure)
     m_messages.push_back({std::move(path), std::move(text), isFailure});
 }
 
+void SnapshotBuild::PostStored(StoredItem item)
+{
+    if (!m_options.onStored)
+        return;
+    const std::lock_guard guard(m_mutex);
+    m_stored.push_back(std::move(item));
+}
+
 void SnapshotBuild::ReportMessages()
 {
     std::vector<Message> messages;
+    std::vector<StoredItem> stored;
     {
         const std::lock_guard guard(m_mutex);
         messages.swap(m_messages);
+        stored.swap(m_stored);
     }
+    for (const StoredItem& item : stored)
+        m_options.onStored(item);
     for (const Message& message : messages) {
         const YString path(message.path.empty() ? "/" : message.path);
         if (message.isFailure)

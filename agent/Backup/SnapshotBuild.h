@@ -48,6 +48,8 @@ struct SnapshotBuildOptions
 {
     bool isDryRun = false;    ///< blobs are not stored
     unsigned int readers = 2; ///< files that are read at the same time
+    /// Called for each file and directory that was stored, on the thread of the run. May be null.
+    std::function<void(const StoredItem& item)> onStored;
     /// Called about 10 times a second, to report progress. What it raises ends the run.
     std::function<void()> onTick = [] {
     };
@@ -69,8 +71,8 @@ public:
                                                  const std::string& name);
     /// Reads and stores the content of a file. Raises what ended the run.
     void AddContent(FileToRead file);
-    /// Counts a file and the bytes of its content. Any thread.
-    void CountFile(std::atomic<std::uint64_t> ChangeCounts::*kind, std::uint64_t size);
+    /// Counts a file that was stored and the bytes of its content, and leaves it to be reported. Any thread.
+    void CountFile(StoredItem item, std::uint64_t size);
     /// Counts bytes of contents that are not read.
     void CountUnread(std::uint64_t size) { m_unreadBytes += size; }
 
@@ -91,6 +93,8 @@ public:
     SnapshotCounts GetCounts() const;
     /// Returns what was done so far.
     SnapshotCounts GetProgress() const;
+    /// The paths of the files that are being read.
+    std::vector<std::string> GetReading() const { return m_pool.GetReading(); }
 
 private:
     struct Message
@@ -103,8 +107,9 @@ private:
     template <class Call>
     void EndRunOnError(const Call& call);
     void ReportProgress();
-    Repo::Id StoreBlob(Repo::BlobType type, Repo::ByteView plaintext);
-    Repo::Id CountBlob(const Repo::BlobHandle& handle, std::size_t size);
+    void PostStored(StoredItem item);
+    StoredBlob StoreBlob(Repo::BlobType type, Repo::ByteView plaintext);
+    StoredBlob CountBlob(const Repo::BlobHandle& handle, std::size_t size);
 
     const Repo::Repository& m_repository;
     Repo::BlobSaver& m_saver;
@@ -116,8 +121,9 @@ private:
     std::atomic<bool> m_isFailed{false};
     std::chrono::steady_clock::time_point m_lastTick;
 
-    mutable std::mutex m_mutex; // for the following four
+    mutable std::mutex m_mutex; // for the following five
     std::vector<Message> m_messages;
+    std::vector<StoredItem> m_stored;                                        // to be reported
     std::exception_ptr m_failure;                                            // of the repository
     boost::unordered_flat_set<Repo::BlobHandle, Repo::BlobHandleHash> m_dry; // what a dry run would store
     std::array<Repo::SavedBlobs, 2> m_drySaved;

@@ -165,7 +165,7 @@ void SnapshotRun::AddUnmodified(VisitedDirectory& visited, const struct stat& st
 {
     if (LinkedContents::MayHave(status))
         m_links.Forget(status);
-    m_build.CountFile(&ChangeCounts::isUnmodified, node.size);
+    m_build.CountFile({visited.path + "/" + node.name, Change::Unchanged}, node.size);
     m_build.CountUnread(node.size);
     visited.build->Announce();
     DirectoryBuild::Add(visited.build, node);
@@ -174,6 +174,7 @@ void SnapshotRun::AddUnmodified(VisitedDirectory& visited, const struct stat& st
 void SnapshotRun::AddFile(VisitedDirectory& visited, CapturedEntry captured, const Node* before)
 {
     visited.build->Announce();
+    std::string path = visited.path + "/" + captured.node.name;
     LinkedContents::Completion onDone =
         [this, directory = visited.build, node = std::move(captured.node),
          beforeText = before == nullptr ? "" : TextOf(*before)](const StoredContent& content) mutable {
@@ -185,18 +186,16 @@ void SnapshotRun::AddFile(VisitedDirectory& visited, CapturedEntry captured, con
             return;
     }
     const std::shared_ptr<const Backup::File::YFile> file = std::move(captured.file);
-    m_build.AddContent({{file, &file->GetHandle()}, std::move(onDone)});
+    m_build.AddContent({{file, &file->GetHandle()}, std::move(path), std::move(onDone)});
 }
 
 // Completes the node of a file. Any thread.
 void SnapshotRun::FileDone(const std::shared_ptr<DirectoryBuild>& directory, Node& node,
                            const std::string& before, const StoredContent& content)
 {
-    const auto post = [&](const std::string& text, bool isFailure) {
-        m_build.Post(directory->GetPath() + "/" + node.name, text, isFailure);
-    };
+    const std::string path = directory->GetPath() + "/" + node.name;
     if (!content.failure.empty()) {
-        post(content.failure, true);
+        m_build.Post(path, content.failure, true);
         DirectoryBuild::Drop(directory);
         return;
     }
@@ -204,11 +203,10 @@ void SnapshotRun::FileDone(const std::shared_ptr<DirectoryBuild>& directory, Nod
     node.size = content.size;
     node.content = content.blobs;
     if (content.isChanged)
-        post("The file changed while it was read", false);
-    m_build.CountFile(before.empty()           ? &ChangeCounts::isNew
-                      : before == TextOf(node) ? &ChangeCounts::isUnmodified
-                                               : &ChangeCounts::isChanged,
-                      node.size);
+        m_build.Post(path, "The file changed while it was read", false);
+    m_build.CountFile(
+        {path, ChangeSince(before, TextOf(node)), SecondsSince(content.begin), content.added, content.packed},
+        node.size);
     DirectoryBuild::Add(directory, node);
 }
 

@@ -53,6 +53,8 @@ public:
     SnapshotCounts GetCounts() const { return Complete(m_build.GetCounts()); }
     /// Returns what was done so far.
     SnapshotCounts GetProgress() const { return Complete(m_build.GetProgress()); }
+    /// The paths of the files that are being read.
+    std::vector<std::string> GetReading() const { return m_build.GetReading(); }
 
 private:
     struct VisitedDirectory; // a directory on the path to the current entry

@@ -45,6 +45,7 @@ private:
     std::string m_store;
     NewSnapshotArguments m_snapshot;
     BackupSettings m_settings;
+    bool m_hasNoScan = false;
     CLI::Option* m_paths = nullptr;
     std::vector<CLI::Option*> m_repositoryOptions; // that exclude --store
 };
@@ -88,6 +89,8 @@ void BackupCommand::AddComparingOptions(CLI::App& command)
                      "Regard files as unchanged whatever their change time");
     command.add_flag("--ignore-inode", m_settings.ignoresInode,
                      "Regard files as unchanged whatever their inode and change time");
+    command.add_flag("--no-scan", m_hasNoScan,
+                     "Do not count the files first; with --json the progress has no totals then");
 }
 
 void BackupCommand::Run(Report& report)
@@ -109,6 +112,7 @@ BackupSettings BackupCommand::GetSettings() const
     BackupSettings settings = m_settings;
     static_cast<SnapshotSettings&>(settings) = m_snapshot.Get();
     settings.paths = PathsOf(m_paths);
+    settings.scans = settings.repository.isJson && !settings.repository.isQuiet && !m_hasNoScan;
     if (settings.isForced && !settings.parent.empty())
         throw UsageError("--force and --parent exclude each other");
     return settings;
@@ -119,8 +123,7 @@ void BackupCommand::RunOnRepository(Report& report)
     const BackupSettings settings = GetSettings();
     report.NameWork("archival");
     CreateSnapshot(
-        settings, report,
-        [&](const SnapshotProgress& onProgress) { return BackUp(settings, report, onProgress); },
+        settings, report, [&](ISnapshotObserver& observer) { return BackUp(settings, report, observer); },
         [&](const SnapshotOutcome& outcome) { return SummaryText(settings, outcome); });
 }
 

@@ -1,6 +1,7 @@
 #include "agent/Cli/NewSnapshotArguments.h"
 
 #include "agent/Access/Workers.h"
+#include "agent/Backup/NewSnapshotText.h"
 #include "agent/Run/UsageError.h"
 
 #include "Krt/Log/LogSite.h"
@@ -8,9 +9,9 @@
 #include <CLI/CLI.hpp>
 
 #include <charconv>
-#include <chrono>
 #include <ctime>
 #include <sstream>
+#include <utility>
 
 namespace Agent {
 
@@ -68,6 +69,38 @@ std::optional<Repo::Timestamp> TimeOf(const std::string& text)
     return Repo::Timestamp::Local(seconds, 0);
 }
 
+// Prints the progress.
+class Observer : public ISnapshotObserver
+{
+public:
+    Observer(Report& report, const RepositoryOptions& options)
+        : m_report(report), m_isJson(options.isJson), m_isQuiet(options.isQuiet),
+          m_isVerbose(options.isVerbose)
+    {}
+
+    void OnProgress(const SnapshotProgress& progress) override
+    {
+        if (m_isQuiet)
+            return;
+        if (!m_isJson) {
+            m_report.Progress(progress.counts.Files() + progress.counts.others, progress.counts.bytes);
+            return;
+        }
+        if (m_isVerbose && progress.totals.isComplete && !std::exchange(m_isScanReported, true))
+            m_report.Out() << ScanJson(progress.totals) << "\n";
+        m_report.Out() << StatusJson(progress) << "\n";
+        m_report.Out().Flush();
+    }
+    void OnStored(const StoredItem& item) override { m_report.Out() << StoredJson(item) << "\n"; }
+
+private:
+    Report& m_report;
+    const bool m_isJson;
+    const bool m_isQuiet;
+    const bool m_isVerbose;
+    bool m_isScanReported = false;
+};
+
 } // namespace
 
 void NewSnapshotArguments::AddTo(CLI::App& command)
@@ -93,6 +126,8 @@ SnapshotSettings NewSnapshotArguments::Get() const
 {
     SnapshotSettings settings = m_settings;
     settings.repository = m_repository.Get();
+    const RepositoryOptions& options = settings.repository;
+    settings.reportsStored = options.isJson && !options.isQuiet && options.isVerbose;
     settings.host = OptionOr(m_settings.host, "HOST");
     for (const std::string& list : m_tags) {
         std::istringstream words(list);
@@ -113,24 +148,15 @@ SnapshotSettings NewSnapshotArguments::Get() const
 }
 
 void CreateSnapshot(const SnapshotSettings& settings, Report& report,
-                    const std::function<SnapshotOutcome(const SnapshotProgress& onProgress)>& create,
+                    const std::function<SnapshotOutcome(ISnapshotObserver& observer)>& create,
                     const std::function<std::string(const SnapshotOutcome& outcome)>& summaryOf)
 {
     const bool isJson = settings.repository.isJson;
     const bool isQuiet = settings.repository.isQuiet;
     if (isJson)
         report.UseJson();
-    const auto begin = std::chrono::steady_clock::now();
-    const SnapshotOutcome outcome = create([&](const SnapshotCounts& counts, std::uint64_t failed) {
-        if (isQuiet)
-            return;
-        const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
-        if (isJson) {
-            report.Out() << StatusJson(counts, failed, seconds.count()) << "\n";
-            report.Out().Flush();
-        } else
-            report.Progress(counts.Files() + counts.others, counts.bytes);
-    });
+    Observer observer(report, settings.repository);
+    const SnapshotOutcome outcome = create(observer);
     const std::string text = summaryOf(outcome);
     const std::string done =
         outcome.id ? "The snapshot " + outcome.id->ToHex() + " was created" : "The run ended";

@@ -33,7 +33,7 @@ private:
 /// Calls `create`, and prints its progress and then the summary, which is `summaryOf` unless JSON was asked
 /// for. Raises what `create` raises.
 void CreateSnapshot(const SnapshotSettings& settings, Report& report,
-                    const std::function<SnapshotOutcome(const SnapshotProgress& onProgress)>& create,
+                    const std::function<SnapshotOutcome(ISnapshotObserver& observer)>& create,
                     const std::function<std::string(const SnapshotOutcome& outcome)>& summaryOf);
 
 } // namespace Agent

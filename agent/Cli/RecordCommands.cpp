@@ -205,7 +205,7 @@ void ImportCommand::Run(Report& report)
     report.NameWork("archival");
     CreateSnapshot(
         settings, report,
-        [&](const SnapshotProgress& onProgress) { return ImportRecords(settings, report, onProgress); },
+        [&](ISnapshotObserver& observer) { return ImportRecords(settings, report, observer); },
         [&](const SnapshotOutcome& outcome) { return SummaryText(settings, outcome); });
 }
 

@@ -161,6 +161,7 @@ void ImportRun::Claim(const TargetLocation& location, std::vector<Name>& names)
 
 void ImportRun::AddFile(Taken taken, Krt::Util::YUnxHandle file)
 {
+    std::string path = taken.names.front().path;
     LinkedContents::Completion onDone = [this,
                                          taken = std::move(taken)](const StoredContent& content) mutable {
         FileDone(taken, content);
@@ -173,8 +174,8 @@ void ImportRun::AddFile(Taken taken, Krt::Util::YUnxHandle file)
     if (LinkedContents::MayHave(status))
         onDone = m_links.Join(status, std::move(onDone));
     if (onDone)
-        m_build.AddContent(
-            {std::make_shared<const Krt::Util::YUnxHandle>(std::move(file)), std::move(onDone)});
+        m_build.AddContent({std::make_shared<const Krt::Util::YUnxHandle>(std::move(file)), std::move(path),
+                            std::move(onDone)});
 }
 
 // Completes the nodes of a file. Any thread.
@@ -196,8 +197,12 @@ void ImportRun::FileDone(Taken& taken, const StoredContent& content)
                      "The content has " + std::to_string(content.size) + " bytes instead of " +
                          std::to_string(taken.entry.size),
                      true);
-    for (std::size_t i = 0; i < taken.names.size(); ++i)
-        m_build.CountFile(&ChangeCounts::isNew, content.size);
+    StoredItem item{"", Change::New, SecondsSince(content.begin), content.added, content.packed};
+    for (const Name& name : taken.names) {
+        item.path = name.path;
+        m_build.CountFile(item, content.size);
+        item.dataAdded = item.dataPacked = 0; // they count for the first name
+    }
     AddNodes(taken);
 }
 

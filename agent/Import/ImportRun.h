@@ -41,6 +41,8 @@ public:
     SnapshotCounts GetCounts() const { return Complete(m_build.GetCounts()); }
     /// Returns what was done so far.
     SnapshotCounts GetProgress() const { return Complete(m_build.GetProgress()); }
+    /// The paths of the files that are being read.
+    std::vector<std::string> GetReading() const { return m_build.GetReading(); }
 
 private:
     static constexpr std::size_t NotDirectory = SIZE_MAX;

@@ -1,6 +1,7 @@
 #include "agent/Import/RepositoryImport.h"
 
 #include "agent/Access/Session.h"
+#include "agent/Backup/NewSnapshotText.h"
 #include "agent/Convert/Convert.h"
 #include "agent/Import/ImportRun.h"
 #include "agent/Run/Interrupt.h"
@@ -10,8 +11,7 @@
 
 namespace Agent {
 
-SnapshotOutcome ImportRecords(const ImportSettings& settings, Report& report,
-                              const SnapshotProgress& onProgress)
+SnapshotOutcome ImportRecords(const ImportSettings& settings, Report& report, ISnapshotObserver& observer)
 {
     SnapshotOutcome outcome;
     Krt::Environment::RaiseDescriptorLimit(); // all directories on the path to a content are kept open
@@ -32,8 +32,14 @@ SnapshotOutcome ImportRecords(const ImportSettings& settings, Report& report,
     options.readers = settings.readers;
     options.onTick = [&] {
         if (running != nullptr)
-            onProgress(running->GetProgress(), report.GetFailed());
+            observer.OnProgress({running->GetProgress(), ScanTotals(), report.GetFailed(),
+                                 SecondsSince(outcome.start), running->GetReading()});
     };
+    if (settings.reportsStored) {
+        options.onStored = [&observer](const StoredItem& item) {
+            observer.OnStored(item);
+        };
+    }
     ImportRun run(session.GetRepository(), saver, report, std::move(contents), options);
     running = &run;
     while (const auto metadata = records.Next())

@@ -23,8 +23,7 @@ struct ImportSettings : SnapshotSettings
 ///   - the operating system's error if the records or the directory of the contents can't be read
 ///   - what Session and BlobSaver raise
 /// What was stored before is durable or unused, and the repository is sound.
-SnapshotOutcome ImportRecords(const ImportSettings& settings, Report& report,
-                              const SnapshotProgress& onProgress);
+SnapshotOutcome ImportRecords(const ImportSettings& settings, Report& report, ISnapshotObserver& observer);
 
 /// The summary in lines.
 std::string SummaryText(const ImportSettings& settings, const SnapshotOutcome& outcome);

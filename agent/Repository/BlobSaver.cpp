@@ -116,16 +116,16 @@ bool BlobSaver::Has(const BlobHandle& handle) const
     return m_known.contains(handle);
 }
 
-bool BlobSaver::Save(const BlobHandle& handle, ByteView plaintext)
+std::uint64_t BlobSaver::Save(const BlobHandle& handle, ByteView plaintext)
 {
     if (m_hasFailed) [[unlikely]]
         RaiseFailure();
     if (m_repository.GetIndex().Has(handle))
-        return false;
+        return 0;
     {
         const std::lock_guard guard(m_knownMutex);
         if (!m_known.insert(handle).second)
-            return false;
+            return 0;
     }
     thread_local Bytes compressed;
     thread_local Bytes sealed;
@@ -138,18 +138,19 @@ bool BlobSaver::Save(const BlobHandle& handle, ByteView plaintext)
         blob.isCompressed = CompressBlob(handle.type, plaintext, m_options.compression, compressed);
         sealed.clear();
         Seal(m_repository.GetKey(), blob.isCompressed ? ByteView(compressed) : plaintext, sealed);
-        Append(blob, sealed);
+        const std::uint64_t grown = Append(blob, sealed);
         GiveBack(compressed);
         GiveBack(sealed);
+        return grown;
     } catch (...) {
         Guard lock(m_mutex);
         Fail();
         throw;
     }
-    return true;
 }
 
-void BlobSaver::Append(const PackedBlob& blob, ByteView sealed)
+// Returns the bytes that the pack grew by.
+std::uint64_t BlobSaver::Append(const PackedBlob& blob, ByteView sealed)
 {
     const std::size_t type = static_cast<std::size_t>(blob.handle.type);
     Guard lock(m_mutex);
@@ -160,14 +161,16 @@ void BlobSaver::Append(const PackedBlob& blob, ByteView sealed)
         m_free.pop_back();
     }
     SavedBlobs& saved = m_saved[type];
-    saved.stored += open->AddSealed(blob, sealed);
+    const std::uint64_t grown = open->AddSealed(blob, sealed);
+    saved.stored += grown;
     saved.bytes += blob.plainLength;
     ++saved.blobs;
     if (open->FinishedSize() < m_options.packSize && open->GetBlobs().size() < PackBlobLimit)
-        return;
+        return grown;
     m_full.push_back(std::move(open));
     lock.unlock();
     m_change.notify_all();
+    return grown;
 }
 
 void BlobSaver::Finish()

@@ -73,10 +73,11 @@ public:
     BlobSaver(const BlobSaver&) = delete;
     BlobSaver& operator=(const BlobSaver&) = delete;
 
-    /// Saves a blob unless the repository has it or another call saves it. Returns true if it was new. Its id
-    /// is that of the plaintext. Compresses and seals on this thread, and waits while all packs are full. The
-    /// blob is durable after Finish. Raises what writing raised first, on any thread.
-    bool Save(const BlobHandle& handle, ByteView plaintext);
+    /// Saves a blob unless the repository has it or another call saves it. Returns the bytes that its pack
+    /// grows by; 0 if it was not new. Its id is that of the plaintext. Compresses and seals on this thread,
+    /// and waits while all packs are full. The blob is durable after Finish. Raises what writing raised
+    /// first, on any thread.
+    std::uint64_t Save(const BlobHandle& handle, ByteView plaintext);
     /// Returns true if the repository has the blob, or it was given to Save. Any thread.
     bool Has(const BlobHandle& handle) const;
     /// Writes what is not written: packs, then index files. After that, all blobs that were saved are
@@ -90,7 +91,7 @@ public:
 private:
     using Guard = std::unique_lock<std::mutex>;
 
-    void Append(const PackedBlob& blob, ByteView sealed);
+    std::uint64_t Append(const PackedBlob& blob, ByteView sealed);
     void WaitFor(Guard& lock, const std::function<bool()>& isReached);
     void WritePacks();
     void EndWriters();

@@ -26,17 +26,6 @@ std::string SizeText(unsigned long long bytes)
     return text;
 }
 
-std::string DurationText(unsigned long long seconds)
-{
-    char text[64];
-    if (seconds >= 3600)
-        std::snprintf(text, sizeof(text), "%llu:%02llu:%02llu", seconds / 3600, seconds / 60 % 60,
-                      seconds % 60);
-    else
-        std::snprintf(text, sizeof(text), "%llu:%02llu", seconds / 60, seconds % 60);
-    return text;
-}
-
 unsigned long long SecondsSince(std::chrono::steady_clock::time_point start)
 {
     const auto elapsed = std::chrono::steady_clock::now() - start;

@@ -59,6 +59,17 @@ std::string ShortSize(unsigned long long bytes)
     return text;
 }
 
+std::string DurationText(unsigned long long seconds)
+{
+    char text[64];
+    if (seconds >= 3600)
+        std::snprintf(text, sizeof(text), "%llu:%02llu:%02llu", seconds / 3600, seconds / 60 % 60,
+                      seconds % 60);
+    else
+        std::snprintf(text, sizeof(text), "%llu:%02llu", seconds / 60, seconds % 60);
+    return text;
+}
+
 std::string TimeText(unsigned long long seconds)
 {
     const auto time = static_cast<std::time_t>(seconds);

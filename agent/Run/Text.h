@@ -30,6 +30,8 @@ Krt::YString ReasonOf(const Krt::Exception::YError& error);
 
 /// Returns a text such as "999 B" or "1.2 MiB".
 std::string ShortSize(unsigned long long bytes);
+/// Returns a text such as "0:12" or "1:02:03".
+std::string DurationText(unsigned long long seconds);
 /// Returns the time in UTC, as in "2001-02-03T04:05:06Z". `seconds` is a signed number in an unsigned type; a
 /// time that is outside of the calendar is printed as a number.
 std::string TimeText(unsigned long long seconds);

@@ -109,7 +109,11 @@ TEST_F(Import, WindowsJobIsRestoredUnderLegalNames)
     }
     EXPECT_TRUE(Holds(RunImport(0, reversed), "9 files, 10 directories, 0 links and pipes imported"));
     const std::string tree = TreeOfLatest();
-    RunImport(0, records, {"--host", "old", "--tag", "a,b", "--time", "2001-02-03 04:05:06"});
+    const std::string documents = RunImport(
+        0, records, {"--host", "old", "--tag", "a,b", "--time", "2001-02-03 04:05:06", "--json", "-v"});
+    for (const char* part : {R"("action":"new","item":"/C/other/name",)", R"("action":"new","item":"/D/",)",
+                             R"({"message_type":"summary","files_new":9,)"})
+        EXPECT_TRUE(Holds(documents, part));
     EXPECT_TRUE(Holds(Run(0, "snapshots --json -q --host old --tag a,b").output,
                       R"("paths":["/C","/D","/E","/GLOBALROOTDeviceHarddiskVolumeShadowCopy12",)"
                       R"("/Volume{0a1b}","/server"],"hostname":"old")"));

@@ -303,6 +303,63 @@ TEST_F(RepositoryBackupTest, WhatFailsIsReported)
     EXPECT_EQ(CountSnapshots(), before);
 }
 
+// The documents that a backup prints: those of items and the summary, and the last status.
+struct Documents
+{
+    explicit Documents(const std::string& output)
+    {
+        std::istringstream lines(output);
+        for (std::string line; std::getline(lines, line);) {
+            const json::object document = json::parse(line).as_object();
+            const json::string& type = document.at("message_type").as_string();
+            if (const json::value* const item = document.if_contains("item"); item && *item == "")
+                continue; // the end of the scan
+            if (type == "summary")
+                summary = document;
+            else if (type == "status")
+                status = document;
+            else
+                items[std::string(document.at("item").as_string())] = document;
+        }
+    }
+
+    std::map<std::string, json::object> items;
+    json::object summary;
+    json::object status;
+};
+
+TEST_F(RepositoryBackupTest, JsonIsThatOfRestic)
+{
+    if (!HasRestic())
+        GTEST_SKIP() << "restic is not installed";
+    MakeSource(source, directory);
+    const std::string second = directory / "second";
+    fs::copy(repository, second, fs::copy_options::recursive);
+    for (int turn = 0; turn < 2; ++turn) {
+        const Documents ours(Run(0, {"backup", "--json", "-v", source}).output);
+        const Documents theirs(Restic("backup --json -v -r " + second + " " + source));
+        ASSERT_EQ(ours.items.size(), theirs.items.size());
+        for (const auto& [path, item] : theirs.items) {
+            ASSERT_TRUE(ours.items.contains(path)) << path;
+            for (const char* key : {"action", "data_size", "metadata_size"})
+                EXPECT_EQ(ours.items.at(path).at(key), item.at(key)) << path;
+        }
+        for (const auto& [key, value] : theirs.summary) {
+            if (key != "total_duration" && key != "snapshot_id" && key != "data_added") {
+                EXPECT_EQ(ours.summary.at(key), value) << key;
+            }
+        }
+        for (const auto& [key, value] : theirs.status)
+            EXPECT_TRUE(key != "percent_done" || ours.status.contains(key)) << key;
+        directory.Write("s/d/f", "changed");
+        directory.Write("s/new", RandomBytes(100000, 7));
+    }
+    const Documents last(Run(0, {"backup", "--json", "--no-scan", source}).output);
+    EXPECT_EQ(last.status.at("percent_done"), 0);
+    EXPECT_FALSE(last.status.contains("total_files"));
+    EXPECT_TRUE(last.items.empty());
+}
+
 // Files that a pool stores in memory.
 class ContentPoolTest : public ::testing::Test
 {
@@ -318,11 +375,11 @@ protected:
                 blobs[id] = Repo::AsText(bytes);
                 if (onStore)
                     onStore();
-                return id;
+                return StoredBlob{id, 0, 0};
             },
             PoolOptions{.threads = 4, .readers = 2});
         auto file = std::make_shared<Krt::Util::YUnxHandle>(open(path.c_str(), O_RDONLY | O_CLOEXEC), true);
-        pool.Add({std::move(file), [&result](const StoredContent& content) {
+        pool.Add({std::move(file), path, [&result](const StoredContent& content) {
                       result = content;
                   }});
         pool.Finish();
