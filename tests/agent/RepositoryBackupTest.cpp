@@ -6,6 +6,7 @@
 
 #include "testing/AwkwardNames.h"
 #include "testing/FileSizeLimit.h"
+#include "testing/MountNamespace.h"
 #include "testing/RepositoryFixture.h"
 #include "testing/Tree.h"
 
@@ -14,7 +15,9 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <random>
+#include <sys/time.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -35,6 +38,13 @@ std::string RandomBytes(std::size_t size, unsigned int seed)
     std::string bytes;
     std::generate_n(std::back_inserter(bytes), size, [&] { return static_cast<char>(random()); });
     return bytes;
+}
+
+// How many rounds a test has: the variable of the environment says so for a longer run.
+int Rounds(const char* variable, int otherwise)
+{
+    const char* const text = std::getenv(variable);
+    return text != nullptr ? std::atoi(text) : otherwise;
 }
 
 class RepositoryBackupTest : public RepositoryFixture
@@ -81,6 +91,16 @@ protected:
             },
             [](const std::string& path, const Krt::Exception::YError&) { ADD_FAILURE() << path; });
         return paths;
+    }
+    // restic finds no error and no blob that is stored twice.
+    void ExpectSound(const std::string& options = "") const
+    {
+        EXPECT_TRUE(Holds(Restic("check " + options), "no errors were found"));
+        const Repo::Repository opened = Open();
+        const Repo::Index& index = opened.GetIndex();
+        EXPECT_EQ(index.CountDuplicates(), 0u);
+        for (std::uint32_t i = 0; i < index.CountBlobs(); ++i)
+            EXPECT_EQ(index.FindAll(index.At(i).blob.handle).size(), 1u) << i;
     }
     std::size_t CountSnapshots() const { return Open().ListIds(FileKind::Snapshot).size(); }
     // A copy of the latest snapshot that claims to be from the future, so that its entries are trusted,
@@ -157,7 +177,12 @@ TEST_F(RepositoryBackupTest, RandomTreesAreThoseOfRestic)
     std::mt19937 random(seed);
     const NameSet awkward = AwkwardNames();
     const std::vector<std::string> names(awkward.begin(), awkward.end());
-    for (int round = 0; round < 5; ++round) {
+    const int rounds = Rounds("BACKUP_ROUNDS", 5);
+    for (int round = 0; round < rounds; ++round) {
+        if (round % 5 == 0) {
+            fs::remove_all(source);
+            fs::create_directory(source);
+        }
         std::vector<std::string> directories{"s"};
         for (int i = 0; i < 150; ++i) {
             const std::string path =
@@ -358,6 +383,102 @@ TEST_F(RepositoryBackupTest, JsonIsThatOfRestic)
     EXPECT_EQ(last.status.at("percent_done"), 0);
     EXPECT_FALSE(last.status.contains("total_files"));
     EXPECT_TRUE(last.items.empty());
+}
+
+TEST_F(RepositoryBackupTest, KilledBackupLeavesSoundRepository)
+{
+    if (!HasRestic())
+        GTEST_SKIP() << "restic is not installed";
+    const auto seed = static_cast<unsigned int>(time(nullptr));
+    std::mt19937 random(seed);
+    const int rounds = Rounds("BACKUP_KILLS", 3);
+    for (int i = 0; i < 300; ++i)
+        directory.Write("s/" + std::to_string(i), RandomBytes(i, i));
+    const auto kill = [this](long microseconds) {
+        return [this, microseconds] {
+            setenv("KBAGENT_PASSWORD", password.c_str(), 1);
+            const itimerval timer{{0, 0}, {0, microseconds}};
+            setitimer(ITIMER_REAL, &timer, nullptr);
+        };
+    };
+    int killed = 0;
+    for (int round = 0; round < rounds; ++round) {
+        directory.Write("s/big", RandomBytes(25000000, random()));
+        const ProgramResult result =
+            RunProgram({"backup", "-r", repository, "--pack-size", "4", source},
+                       {.user = 0, .prepare = kill(1 + static_cast<long>(random() % 999999))});
+        killed += result.exitCode == 128 + SIGALRM;
+        EXPECT_TRUE(result.exitCode == 128 + SIGALRM || result.exitCode == 0) << result.errors;
+        Restic("unlock");
+        ExpectSound();
+        BackUp(0, {"s"});
+        EXPECT_EQ(Find(source + "/big").size, 25000000u) << "seed " << seed;
+        EXPECT_TRUE(Files("locks").empty());
+    }
+    std::printf("killed %d of %d backups\n", killed, rounds);
+    ExpectSound("--read-data");
+}
+
+TEST_F(RepositoryBackupTest, BlobIsStoredOnceByBothPrograms)
+{
+    if (!HasRestic())
+        GTEST_SKIP() << "restic is not installed";
+    directory.Write("s/big", RandomBytes(64 << 20, 8));
+    for (int turn = 0; turn < 6; ++turn) {
+        std::fstream(source + "/big", std::ios::in | std::ios::out | std::ios::binary)
+            .seekp(turn * 10000000)
+            .write(RandomBytes(1500000, turn).data(), 1500000);
+        directory.Write("s/d" + std::to_string(turn) + "/f", std::to_string(turn));
+        const json::object summary = turn % 2 == 0 ? BackUp(0, {"s"}) : ResticBackUp(source);
+        if (turn != 0) {
+            EXPECT_EQ(summary.at("files_changed"), 1);
+            EXPECT_LT(summary.at("data_added").as_int64(), 20 << 20);
+        }
+    }
+    EXPECT_EQ(ResticBackUp("--force " + source).at("data_blobs"), 0);
+    ExpectSound("--read-data");
+}
+
+TEST_F(RepositoryBackupTest, RunsAtOnceDoNotDisturbEachOther)
+{
+    directory.Write("s/big", RandomBytes(20000000, 1));
+    BackUp(0, {"s"});
+    const std::string before = DescribeTree(source);
+    const std::string other = directory.MakeDirectory("other");
+    directory.Write("other/big", RandomBytes(30000000, 2));
+    std::vector<std::future<ProgramResult>> runs;
+    for (const char* words : {"backup -q other --host a", "backup -q other --host b",
+                              "restore latest --target out --verify --path s"})
+        runs.push_back(std::async(std::launch::async, [this, words] { return Run(0, Words(words)); }));
+    for (std::future<ProgramResult>& run : runs)
+        run.get();
+    EXPECT_EQ(DescribeTree(directory / "out" + source), before);
+    EXPECT_EQ(CountSnapshots(), 3u);
+    Run(0, "check --read-data");
+}
+
+TEST(RepositoryBackupMounts, FullDiskIsOneErrorAndRepositoryStaysSound)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        const std::string repository = space / "repository", source = space / "s";
+        space.Mount("small", repository, "tmpfs", 0, "size=24m");
+        CreateRepository(repository, "");
+        const auto run = [&](std::vector<std::string> arguments) {
+            arguments.insert(arguments.end(), {"-r", repository, "--insecure-no-password"});
+            return RunProgram(arguments);
+        };
+        MountNamespace::Write(source + "/small", "x");
+        EXPECT_EQ(run({"backup", source}).exitCode, 0);
+        MountNamespace::Write(source + "/big", RandomBytes(60000000, 1));
+        const ProgramResult full = run({"backup", "-q", source});
+        EXPECT_EQ(full.exitCode, 1);
+        EXPECT_TRUE(Holds(full.errors, "No space left on device"));
+        EXPECT_EQ(std::count(full.errors.begin(), full.errors.end(), '\n'), 1) << full.errors;
+        const ProgramResult check = run({"check", "--read-data"});
+        EXPECT_EQ(check.exitCode, 0) << check.errors;
+        fs::remove(source + "/big");
+        EXPECT_EQ(run({"backup", source}).exitCode, 0);
+    });
 }
 
 // Files that a pool stores in memory.

@@ -1,0 +1,152 @@
+// Backups into a repository while a call of the C library fails: the repository stays sound, and a run that
+// claims success has stored everything.
+#include "agent/Access/TreeWalk.h"
+#include "agent/Inspect/RepositoryCheck.h"
+
+#include "testing/Calls.h"
+#include "testing/Raises.h"
+#include "testing/RepositoryFixture.h"
+#include "testing/Tree.h"
+
+#include <atomic>
+#include <cerrno>
+#include <map>
+#include <new>
+#include <set>
+#include <sys/mman.h>
+#include <unistd.h>
+
+using namespace Testing;
+namespace fs = std::filesystem;
+namespace Repo = Agent::Repo;
+using Repo::Id;
+
+namespace {
+
+// Shared with the program's process.
+std::atomic<long>& s_calls =
+    *new (mmap(nullptr, sizeof(std::atomic<long>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
+        std::atomic<long>(0);
+long s_target = 0;
+int s_error = 0;
+bool s_isForGood = false;
+
+// No run waits for the disk.
+std::optional<long> FailInTurn(const Call& call)
+{
+    const long number = ++s_calls;
+    if (number == s_target || (s_isForGood && s_target != 0 && number > s_target)) {
+        errno = s_error;
+        return call.failed;
+    }
+    const std::string_view function = call.function;
+    return function == "fsync" || function == "syncfs" ? std::optional(0L) : std::nullopt;
+}
+
+class Findings : public Agent::ICheckObserver
+{
+public:
+    void OnStage(const std::string&) override {}
+    void OnError(const std::string& text) override { errors += text + "\n"; }
+    void OnHint(const std::string&) override {}
+    void OnTouched(const Repo::StoredSnapshot&, const std::string&, const std::string&) override {}
+    void OnProgress(std::uint64_t, std::uint64_t) override {}
+
+    std::string errors;
+};
+
+struct Fault
+{
+    const char* label;
+    int error;
+    bool isForGood;
+};
+
+class BackupCalls : public RepositoryFixture, public ::testing::WithParamInterface<Fault>
+{
+protected:
+    // The trees of the source in all snapshots, after a check that finds no error.
+    std::multiset<std::string> Trees() const
+    {
+        Repo::Repository opened = Repo::Repository::Open(
+            std::make_shared<Repo::LocalBackend>(repository.c_str()), Repo::Secret(Repo::AsBytes(password)));
+        Findings findings;
+        Agent::CheckRepository(opened, Agent::PackSubset(), findings);
+        EXPECT_EQ(findings.errors, "");
+        std::multiset<std::string> trees;
+        opened.LoadIndex();
+        for (const Repo::StoredSnapshot& stored : opened.LoadSnapshots({})) {
+            std::optional<Id> tree;
+            CatchError([&] { tree = Agent::FindEntry(opened, stored.snapshot.tree, source).node.subtree; });
+            trees.insert(tree ? tree->ToHex() : "none");
+        }
+        return trees;
+    }
+    // Runs a backup whose call of this number fails, none if it is 0.
+    ProgramResult BackUp(long number) const
+    {
+        const auto prepare = [this, number] {
+            setenv("KBAGENT_PASSWORD", password.c_str(), 1);
+            alarm(60);
+            s_calls = 0;
+            s_target = number;
+            s_error = GetParam().error;
+            s_isForGood = GetParam().isForGood;
+            g_callFilter = FailInTurn;
+        };
+        return RunProgram({"backup", "-r", repository, "--force", source},
+                          {.user = 0, .prepare = prepare, .isLinked = true});
+    }
+    // The repository as it was before.
+    void Reset() const
+    {
+        fs::remove_all(repository);
+        fs::copy(before, repository, fs::copy_options::recursive);
+    }
+
+    const std::string source = directory.MakeDirectory("s");
+    const std::string before = directory / "before";
+};
+
+TEST_P(BackupCalls, FailedCallLeavesSoundRepository)
+{
+    MakeTree(source, {Dir("d"), File("d/small", "small"), File("d/same", "small"), Dir("d/e"),
+                      File("large", std::string(1200000, 'l')), Hard("hard", "large"),
+                      Link("link", "d/small"), Fifo("fifo")});
+    Create();
+    fs::rename(repository, before);
+    Reset();
+    ASSERT_EQ(BackUp(0).exitCode, 0);
+    const long calls = s_calls;
+    const std::multiset<std::string> complete = Trees();
+    const char* const form = std::getenv("BACKUP_FAULTS");
+    const long step = form != nullptr && std::string_view(form) == "full" ? 1 : std::max(calls / 12, 1L);
+    std::map<int, int> exits;
+    for (long number = 1; number <= calls; number += step) {
+        Reset();
+        const ProgramResult result = BackUp(number);
+        SCOPED_TRACE("call " + std::to_string(number) + ": " + std::to_string(result.exitCode) + " " +
+                     result.errors);
+        ++exits[result.exitCode];
+        const std::multiset<std::string> trees = Trees();
+        EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 1 || result.exitCode == 3);
+        EXPECT_TRUE(result.exitCode == 0 || !result.errors.empty());
+        if (result.exitCode == 0) {
+            EXPECT_EQ(trees, complete);
+        } else if (result.exitCode == 3) {
+            EXPECT_EQ(trees.size(), 1u);
+        }
+        fs::remove_all(repository + "/locks");
+        ASSERT_EQ(BackUp(0).exitCode, 0) << "the next backup";
+        EXPECT_TRUE(Trees().contains(*complete.begin()));
+    }
+    for (const auto& [exitCode, count] : exits)
+        std::printf("exit code %d: %d times\n", exitCode, count);
+}
+
+INSTANTIATE_TEST_SUITE_P(Errors, BackupCalls,
+                         testing::Values(Fault{"InputOutputErrorOnce", EIO, false},
+                                         Fault{"FullDiskForGood", ENOSPC, true}),
+                         [](const auto& fault) { return std::string(fault.param.label); });
+
+} // namespace
