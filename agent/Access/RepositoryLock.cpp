@@ -69,7 +69,12 @@ RepositoryLock::RepositoryLock(const Repo::Repository& repository, LockSettings 
     m_lock.gid = identity.gid;
     AcquireWithPatience();
     m_refreshed = Instant();
-    m_refresher = std::thread([this] { KeepRefreshed(); });
+    try {
+        m_refresher = std::thread([this] { KeepRefreshed(); });
+    } catch (...) {
+        m_repository.GetBackend().Remove({FileKind::Lock, m_id});
+        throw;
+    }
 }
 
 RepositoryLock::~RepositoryLock()

@@ -76,15 +76,22 @@ void RunOnThreads(unsigned int count, const std::function<void(const std::functi
     constexpr std::chrono::milliseconds BetweenReports{100};
     SharedState state(count);
     std::vector<std::thread> threads;
-    for (unsigned int i = 0; i < count; ++i)
-        threads.emplace_back([&state, &work] {
-            try {
-                work([&state] { return state.HasFailed(); });
-            } catch (...) {
-                state.Fail();
-            }
+    const auto run = [&state, &work] {
+        try {
+            work([&state] { return state.HasFailed(); });
+        } catch (...) {
+            state.Fail();
+        }
+        state.End();
+    };
+    try {
+        while (threads.size() < count)
+            threads.emplace_back(run);
+    } catch (...) {
+        state.Fail();
+        for (std::size_t i = threads.size(); i < count; ++i)
             state.End();
-        });
+    }
     for (bool isRunning = true; isRunning;) {
         isRunning = !state.WaitForEnd(BetweenReports);
         try {

@@ -241,11 +241,21 @@ ContentPool::ContentPool(Repo::Polynomial polynomial, BlobStore store, PoolOptio
     : m_tables(polynomial), m_store(std::move(store)), m_options(std::move(options)),
       m_zeros(Chunker::MinSize)
 {
-    for (unsigned int i = 0; i < m_options.threads; ++i)
-        m_threads.emplace_back([this] { Work(); });
+    try {
+        for (unsigned int i = 0; i < m_options.threads; ++i)
+            m_threads.emplace_back([this] { Work(); });
+    } catch (...) {
+        EndThreads();
+        throw;
+    }
 }
 
 ContentPool::~ContentPool()
+{
+    EndThreads();
+}
+
+void ContentPool::EndThreads()
 {
     {
         const std::lock_guard guard(m_mutex);

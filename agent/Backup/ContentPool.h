@@ -112,6 +112,7 @@ private:
     using Lock = std::unique_lock<std::mutex>;
 
     void Work();
+    void EndThreads();
     void Wait(const std::function<bool()>& isReached);
     void Fail();
     bool IsEnding() const { return m_isEnding; }

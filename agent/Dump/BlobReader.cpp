@@ -17,11 +17,21 @@ constexpr std::size_t SlotsPerThread = 2;
 BlobReader::BlobReader(const Repo::Repository& repository, unsigned int threads)
     : m_repository(repository), m_slots(SlotsPerThread * threads)
 {
-    for (unsigned int i = 0; i < threads; ++i)
-        m_threads.emplace_back([this] { Work(); });
+    try {
+        for (unsigned int i = 0; i < threads; ++i)
+            m_threads.emplace_back([this] { Work(); });
+    } catch (...) {
+        EndThreads();
+        throw;
+    }
 }
 
 BlobReader::~BlobReader()
+{
+    EndThreads();
+}
+
+void BlobReader::EndThreads()
 {
     {
         const AnnotatedLock lock(m_mutex);

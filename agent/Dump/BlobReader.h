@@ -36,6 +36,7 @@ private:
     };
 
     void Work();
+    void EndThreads();
     bool HasWork() const KRT_REQUIRES(m_mutex);
     void Stop();
 

@@ -21,6 +21,7 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -819,6 +820,34 @@ TEST(NodeRecord, FieldsThatNodeLacksAreKept)
         EXPECT_EQ(RecordOf(node, "/f", note)->AsUnixFileMetadata().GetUserId(), 0u);
     }
     EXPECT_TRUE(Holds((parsed(R"({"version":2})"), note), "version 2 is not supported"));
+}
+
+TEST_F(RepositoryCommands, ThreadsThatCanNotStartEndTheRun)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can run the program as another user";
+    Create();
+    directory.Write("file", std::string(3 << 20, 'x'));
+    const std::string path = directory / "file";
+    ASSERT_EQ(std::system(("chown -R 65534 " + directory.Path()).c_str()), 0);
+    for (const std::string& command : {"backup " + path, std::string("check --read-data"),
+                                       "dump latest " + path, std::string("restore latest -t out")}) {
+        for (rlim_t threads = 1; threads <= 8; ++threads) {
+            const auto prepare = [&] {
+                std::filesystem::current_path(directory.Path());
+                setenv("KBAGENT_REPOSITORY", repository.c_str(), 1);
+                setenv("KBAGENT_PASSWORD", password.c_str(), 1);
+                const rlimit limit{threads, threads};
+                setrlimit(RLIMIT_NPROC, &limit);
+            };
+            const auto result =
+                RunProgram(Words(command), {.user = Testing::OrdinaryUser, .prepare = prepare});
+            EXPECT_TRUE(result.exitCode == 0 ||
+                        (result.exitCode == 1 && Holds(result.errors, "Resource temporarily unavailable")))
+                << command << " " << threads << ": " << result.exitCode << result.errors;
+            EXPECT_TRUE(Files("locks").empty()) << command << " " << threads;
+        }
+    }
 }
 
 } // namespace
