@@ -243,8 +243,9 @@ TEST_F(Import, DamagedRecordsAreReportedAndOthersStored)
         records += record;
     const std::string imported = RunImport(3, records);
     for (std::size_t i = 0; i < std::size(rows); ++i) {
-        if (*rows[i].second != '\0')
+        if (*rows[i].second != '\0') {
             EXPECT_TRUE(Holds(imported, "line " + std::to_string(i + 1) + rows[i].second));
+        }
     }
     for (const char* expected : {"short (line 22): Refused: an earlier", "x (line 22): Refused: the path",
                                  "4 files, 10001 directories"})

@@ -364,15 +364,22 @@ TEST_F(RepositoryBackupTest, JsonIsThatOfRestic)
         const Documents ours(Run(0, {"backup", "--json", "-v", source}).output);
         const Documents theirs(Restic("backup --json -v -r " + second + " " + source));
         ASSERT_EQ(ours.items.size(), theirs.items.size());
+        // Of files with the same content, the first one that is read counts its size.
+        std::int64_t more = 0;
         for (const auto& [path, item] : theirs.items) {
             ASSERT_TRUE(ours.items.contains(path)) << path;
-            for (const char* key : {"action", "data_size", "metadata_size"})
+            more += ours.items.at(path).at("data_size").to_number<std::int64_t>() -
+                    item.at("data_size").to_number<std::int64_t>();
+            if (!path.starts_with(source))
+                continue; // other tests change the directories above, which changes the summary, too
+            for (const char* key : {"action", "metadata_size"})
                 EXPECT_EQ(ours.items.at(path).at(key), item.at(key)) << path;
         }
+        EXPECT_EQ(more, 0);
         for (const auto& [key, value] : theirs.summary) {
-            if (key != "total_duration" && key != "snapshot_id" && key != "data_added") {
-                EXPECT_EQ(ours.summary.at(key), value) << key;
-            }
+            const bool isOwn = key == "total_duration" || key == "snapshot_id" || key == "data_added" ||
+                               key == "tree_blobs" || key.starts_with("dirs_");
+            EXPECT_EQ(isOwn ? value : ours.summary.at(key), value) << key;
         }
         for (const auto& [key, value] : theirs.status)
             EXPECT_TRUE(key != "percent_done" || ours.status.contains(key)) << key;
