@@ -116,7 +116,9 @@ bool DirectoryBuild::Complete()
     Repo::AppendNode(m_node, after);
     const Change change = ChangeSince(m_before, after);
     m_context.directories.Add(change);
-    m_context.onStored({GetPath() + "/", change, SecondsSince(m_begin), 0, 0, stored.added, stored.packed});
+    if (m_context.onStored)
+        m_context.onStored(
+            {GetPath() + "/", change, SecondsSince(m_begin), 0, 0, stored.added, stored.packed});
     return true;
 }
 

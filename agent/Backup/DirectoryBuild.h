@@ -64,7 +64,7 @@ struct BuildContext
 {
     BlobStore store;
     std::function<void(const std::string& path, const std::string& reason)> onFailed; ///< any thread
-    std::function<void(StoredItem item)> onStored;                                    ///< any thread
+    std::function<void(StoredItem item)> onStored; ///< any thread; null if no entry is reported
     ChangeCounts directories;
 };
 

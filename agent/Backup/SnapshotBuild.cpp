@@ -40,7 +40,7 @@ SnapshotBuild::SnapshotBuild(const Repo::Repository& repository, Repo::BlobSaver
           .store = [this](BlobType type, Repo::ByteView plaintext) { return StoreBlob(type, plaintext); },
           .onFailed = [this](const std::string& path,
                              const std::string& reason) { Post(path, reason, true); },
-          .onStored = [this](StoredItem item) { PostStored(std::move(item)); },
+          .onStored = {},
           .directories = {}},
       m_root(std::make_shared<DirectoryBuild>(m_context, nullptr, "")),
       m_pool(
@@ -49,7 +49,12 @@ SnapshotBuild::SnapshotBuild(const Repo::Repository& repository, Repo::BlobSaver
                           RaiseIfInterrupted();
                           ReportProgress();
                       }})
-{}
+{
+    if (ReportsStored())
+        m_context.onStored = [this](StoredItem item) {
+            PostStored(std::move(item));
+        };
+}
 
 SnapshotBuild::~SnapshotBuild() = default;
 
@@ -66,11 +71,10 @@ void SnapshotBuild::AddContent(FileToRead file)
     EndRunOnError([&] { m_pool.Add(std::move(file)); });
 }
 
-void SnapshotBuild::CountFile(StoredItem item, std::uint64_t size)
+void SnapshotBuild::CountFile(Change change, std::uint64_t size)
 {
-    m_files.Add(item.change);
+    m_files.Add(change);
     m_bytes += size;
-    PostStored(std::move(item));
 }
 
 void SnapshotBuild::Tick()
@@ -162,8 +166,6 @@ void SnapshotBuild::Post(std::string path, std::string text, bool isFailure)
 
 void SnapshotBuild::PostStored(StoredItem item)
 {
-    if (!m_options.onStored)
-        return;
     const std::lock_guard guard(m_mutex);
     m_stored.push_back(std::move(item));
 }

@@ -71,8 +71,12 @@ public:
                                                  const std::string& name);
     /// Reads and stores the content of a file. Raises what ended the run.
     void AddContent(FileToRead file);
-    /// Counts a file that was stored and the bytes of its content, and leaves it to be reported. Any thread.
-    void CountFile(StoredItem item, std::uint64_t size);
+    /// Counts a file that was stored, and the bytes of its content. Any thread.
+    void CountFile(Change change, std::uint64_t size);
+    /// Returns true if each entry that was stored is to be reported.
+    bool ReportsStored() const { return m_options.onStored != nullptr; }
+    /// Leaves an entry to be reported, if ReportsStored. Any thread.
+    void PostStored(StoredItem item);
     /// Counts bytes of contents that are not read.
     void CountUnread(std::uint64_t size) { m_unreadBytes += size; }
 
@@ -107,7 +111,6 @@ private:
     template <class Call>
     void EndRunOnError(const Call& call);
     void ReportProgress();
-    void PostStored(StoredItem item);
     StoredBlob StoreBlob(Repo::BlobType type, Repo::ByteView plaintext);
     StoredBlob CountBlob(const Repo::BlobHandle& handle, std::size_t size);
 

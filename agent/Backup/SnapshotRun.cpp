@@ -165,7 +165,9 @@ void SnapshotRun::AddUnmodified(VisitedDirectory& visited, const struct stat& st
 {
     if (LinkedContents::MayHave(status))
         m_links.Forget(status);
-    m_build.CountFile({visited.path + "/" + node.name, Change::Unchanged}, node.size);
+    m_build.CountFile(Change::Unchanged, node.size);
+    if (m_build.ReportsStored())
+        m_build.PostStored({visited.path + "/" + node.name, Change::Unchanged});
     m_build.CountUnread(node.size);
     visited.build->Announce();
     DirectoryBuild::Add(visited.build, node);
@@ -193,9 +195,11 @@ void SnapshotRun::AddFile(VisitedDirectory& visited, CapturedEntry captured, con
 void SnapshotRun::FileDone(const std::shared_ptr<DirectoryBuild>& directory, Node& node,
                            const std::string& before, const StoredContent& content)
 {
-    const std::string path = directory->GetPath() + "/" + node.name;
+    const auto path = [&] {
+        return directory->GetPath() + "/" + node.name;
+    };
     if (!content.failure.empty()) {
-        m_build.Post(path, content.failure, true);
+        m_build.Post(path(), content.failure, true);
         DirectoryBuild::Drop(directory);
         return;
     }
@@ -203,10 +207,11 @@ void SnapshotRun::FileDone(const std::shared_ptr<DirectoryBuild>& directory, Nod
     node.size = content.size;
     node.content = content.blobs;
     if (content.isChanged)
-        m_build.Post(path, "The file changed while it was read", false);
-    m_build.CountFile(
-        {path, ChangeSince(before, TextOf(node)), SecondsSince(content.begin), content.added, content.packed},
-        node.size);
+        m_build.Post(path(), "The file changed while it was read", false);
+    const Change change = before.empty() ? Change::New : ChangeSince(before, TextOf(node));
+    m_build.CountFile(change, node.size);
+    if (m_build.ReportsStored())
+        m_build.PostStored({path(), change, SecondsSince(content.begin), content.added, content.packed});
     DirectoryBuild::Add(directory, node);
 }
 

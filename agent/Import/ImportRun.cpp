@@ -199,8 +199,11 @@ void ImportRun::FileDone(Taken& taken, const StoredContent& content)
                      true);
     StoredItem item{"", Change::New, SecondsSince(content.begin), content.added, content.packed};
     for (const Name& name : taken.names) {
+        m_build.CountFile(Change::New, content.size);
+        if (!m_build.ReportsStored())
+            continue;
         item.path = name.path;
-        m_build.CountFile(item, content.size);
+        m_build.PostStored(item);
         item.dataAdded = item.dataPacked = 0; // they count for the first name
     }
     AddNodes(taken);
