@@ -16,6 +16,15 @@ using Krt::File::YDirectory;
 using Repo::BlobType;
 using Repo::Id;
 
+namespace {
+
+bool IsEarlier(const timespec& a, const timespec& b)
+{
+    return std::pair(a.tv_sec, a.tv_nsec) < std::pair(b.tv_sec, b.tv_nsec);
+}
+
+} // namespace
+
 const YDirectory* ExistingEntries::ParentOf(const TargetLocation& location)
 {
     if (m_root == nullptr || location.size() == 1)
@@ -29,10 +38,17 @@ const YDirectory* ExistingEntries::ParentOf(const TargetLocation& location)
         try {
             m_parent = m_root->OpenBelow(directories);
         } catch (const Krt::Exception::YError&) {
-            // missing, or not a directory: that is found when it is created
+            // missing, not a directory, or not readable: the writer looks again
         }
     }
     return m_parent ? &*m_parent : nullptr;
+}
+
+bool IsKept(Overwrite overwrite, const struct stat& existing, const RestoreItem& item)
+{
+    return overwrite == Overwrite::Never ||
+           (overwrite == Overwrite::IfNewer &&
+            !IsEarlier(Krt::File::WriteTime(existing), item.recorded.attributes.write));
 }
 
 void CompareContent(const Repo::Index& index, const YDirectory& parent, RestoreItem& item)

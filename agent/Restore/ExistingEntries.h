@@ -3,6 +3,7 @@
 
 #include "agent/Repository/Index.h"
 #include "agent/Restore/RestoreItem.h"
+#include "agent/Restore/RestoreSettings.h"
 
 #include "Krt/File/YDirectory.h"
 
@@ -26,6 +27,8 @@ private:
     bool m_isParentKnown = false;
 };
 
+/// Returns true if the user wants to keep what exists, which has this status and is not a directory.
+bool IsKept(Overwrite overwrite, const struct stat& existing, const RestoreItem& item);
 /// Finds the parts of the content that the file that exists has at the same offset, and whether it has all of
 /// them. `parent` is the directory of the file.
 void CompareContent(const Repo::Index& index, const Krt::File::YDirectory& parent, RestoreItem& item);

@@ -71,11 +71,11 @@ void ItemWriter::Write(RestoreItem& item, FileBlobs& blobs)
             maker->GetRefused().clear();
         if (item.failure)
             std::rethrow_exception(item.failure);
+        if (item.action != Action::Skip)
+            Make(item, blobs);
         if (item.action == Action::Skip)
             NoteUnverified(item.path);
-        else
-            Make(item, blobs);
-        if (maker != nullptr && item.action != Action::Skip)
+        else if (maker != nullptr)
             maker->Count(path, item.recorded.type);
         if (maker == nullptr || maker->GetRefused().empty())
             m_state.progress.CountDone(item);
@@ -98,6 +98,8 @@ void ItemWriter::Make(RestoreItem& item, FileBlobs& blobs)
     KRT_RAISE_UNLESS(!item.recorded.isReparsePoint || hasContent, ErrorCode::NotSupported,
                      "A reparse point is not restored: its record does not contain its target");
     MakeRoom(item);
+    if (item.action == Action::Skip)
+        return;
     if (item.recorded.type == S_IFDIR)
         MakeDirectory(item);
     else if (!KeepUnchanged(item))
@@ -113,14 +115,22 @@ const YDirectory* ItemWriter::ParentOf(const RestoreItem& item)
 }
 
 // A directory and an entry of another type don't replace each other, unless --delete removes what exists.
-void ItemWriter::MakeRoom(const RestoreItem& item)
+// What the user wants to keep is skipped: the planner did not see it if its directory was not readable, or if
+// it is new.
+void ItemWriter::MakeRoom(RestoreItem& item)
 {
     const YDirectory* const parent = ParentOf(item);
     const YString& name = item.location.back();
     struct stat existing
     {};
-    if (parent == nullptr || !parent->StatIfPresent(name, existing) ||
-        S_ISDIR(existing.st_mode) == (item.recorded.type == S_IFDIR) ||
+    if (parent == nullptr || !parent->StatIfPresent(name, existing))
+        return;
+    if (!S_ISDIR(existing.st_mode) && item.recorded.type != S_IFDIR &&
+        IsKept(m_state.settings.overwrite, existing, item)) {
+        item.action = Action::Skip;
+        return;
+    }
+    if (S_ISDIR(existing.st_mode) == (item.recorded.type == S_IFDIR) ||
         (m_state.settings.deletes && m_state.cleaner.Remove(*parent, name, item.path)))
         return;
     const char* const hint = m_state.settings.deletes ? "" : "; --delete replaces it";

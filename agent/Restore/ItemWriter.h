@@ -23,7 +23,7 @@ public:
 private:
     void Make(RestoreItem& item, FileBlobs& blobs);
     const Krt::File::YDirectory* ParentOf(const RestoreItem& item);
-    void MakeRoom(const RestoreItem& item);
+    void MakeRoom(RestoreItem& item);
     void MakeDirectory(RestoreItem& item);
     void MakeOther(RestoreItem& item, FileBlobs& blobs);
     void WriteContent(const RestoreItem& item, const Krt::File::YDirectory& parent, FileBlobs& blobs,

@@ -30,11 +30,6 @@ timespec TimeOf(const Repo::Timestamp& time)
     return result;
 }
 
-bool IsEarlier(const timespec& a, const timespec& b)
-{
-    return std::pair(a.tv_sec, a.tv_nsec) < std::pair(b.tv_sec, b.tv_nsec);
-}
-
 } // namespace
 
 std::unique_ptr<RestoreItem> RestorePlanner::Plan(const std::string& path, Node& node)
@@ -144,16 +139,14 @@ void RestorePlanner::PlanExisting(RestoreItem& item)
         if (parent == nullptr || !parent->StatIfPresent(item.location.back(), item.existing))
             return;
     } catch (const Krt::Exception::YError&) {
-        return; // the same call fails when the entry is created
+        return; // the writer looks again
     }
     const Overwrite overwrite = m_state.settings.overwrite;
     const timespec& written = item.recorded.attributes.write;
     const timespec& existing = Krt::File::WriteTime(item.existing);
     if (S_ISDIR(item.existing.st_mode))
         return;
-    const bool isKept =
-        overwrite == Overwrite::Never || (overwrite == Overwrite::IfNewer && !IsEarlier(existing, written));
-    item.action = isKept ? Action::Skip : Action::Update;
+    item.action = IsKept(overwrite, item.existing, item) ? Action::Skip : Action::Update;
     if (item.action == Action::Update && overwrite == Overwrite::IfChanged &&
         S_ISREG(item.existing.st_mode) && item.recorded.type == S_IFREG &&
         static_cast<std::uint64_t>(item.existing.st_size) == item.recorded.size && IsSame(existing, written))
