@@ -56,6 +56,12 @@ void TargetCleaner::CleanOpened(const YDirectory& directory, const std::string& 
 
 bool TargetCleaner::Remove(const YDirectory& parent, const YString& name, const std::string& path) const
 {
+    return RemoveEntry(parent, name, path, 0);
+}
+
+bool TargetCleaner::RemoveEntry(const YDirectory& parent, const YString& name, const std::string& path,
+                                unsigned int depth) const
+{
     RaiseIfInterrupted();
     try {
         const struct stat status = parent.Stat(name);
@@ -64,7 +70,9 @@ bool TargetCleaner::Remove(const YDirectory& parent, const YString& name, const 
         if (isDirectory && (selection.isSelected || selection.mayHaveSelected)) {
             KRT_RAISE_UNLESS(status.st_dev == parent.Stat().st_dev, Krt::ErrorCode::InvalidState,
                              "Not removed, since another file system is mounted there");
-            if (!RemoveBelow(parent, name, path))
+            KRT_RAISE_UNLESS(depth < DepthLimit, Krt::ErrorCode::InvalidState,
+                             "Not removed, since it is more than " << DepthLimit << " levels deep");
+            if (!RemoveBelow(parent, name, path, depth))
                 return false;
         }
         if (!selection.isSelected)
@@ -82,12 +90,13 @@ bool TargetCleaner::Remove(const YDirectory& parent, const YString& name, const 
     }
 }
 
-bool TargetCleaner::RemoveBelow(const YDirectory& parent, const YString& name, const std::string& path) const
+bool TargetCleaner::RemoveBelow(const YDirectory& parent, const YString& name, const std::string& path,
+                                unsigned int depth) const
 {
     const YDirectory directory = parent.OpenDirectory(name);
     bool isEmpty = true;
     for (const YString& below : NamesIn(directory))
-        isEmpty = Remove(directory, below, path + "/" + below.Bytes()) && isEmpty;
+        isEmpty = RemoveEntry(directory, below, path + "/" + below.Bytes(), depth + 1) && isEmpty;
     return isEmpty;
 }
 

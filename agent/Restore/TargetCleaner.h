@@ -30,15 +30,21 @@ public:
     /// exist; a null `root` is a target that does not. Entries that can't be removed are reported as failed.
     void Clean(const Krt::File::YDirectory* root, const TargetLocation& location, const std::string& path,
                const std::unordered_set<std::string>& kept) const;
-    /// Removes an entry with all that is below it, as far as that is selected. Returns true if nothing of it
-    /// is left.
+    /// Removes an entry with all that is below it, as far as that is selected, but nothing more than 1,000
+    /// levels below. Returns true if nothing of it is left.
     bool Remove(const Krt::File::YDirectory& parent, const Krt::YString& name, const std::string& path) const;
 
 private:
+    /// Directories that are open, and levels of the recursion, at most. The tree below may be made by anybody
+    /// who can write into the target.
+    static constexpr unsigned int DepthLimit = 1000;
+
     void CleanOpened(const Krt::File::YDirectory& directory, const std::string& path,
                      const std::unordered_set<std::string>& kept) const;
-    bool RemoveBelow(const Krt::File::YDirectory& parent, const Krt::YString& name,
-                     const std::string& path) const;
+    bool RemoveEntry(const Krt::File::YDirectory& parent, const Krt::YString& name, const std::string& path,
+                     unsigned int depth) const;
+    bool RemoveBelow(const Krt::File::YDirectory& parent, const Krt::YString& name, const std::string& path,
+                     unsigned int depth) const;
 
     const RestoreSettings& m_settings;
     Visit m_onRemoved;
