@@ -17,7 +17,21 @@ using Repo::NodeType;
 namespace {
 
 constexpr std::size_t BatchMemory = 8 << 20; // of what describes the entries
-constexpr std::size_t ItemMemory = 1024;     // about
+constexpr std::size_t ItemMemory = 1024;     // of an entry without the parts that MemoryOf counts, about
+
+std::size_t MemoryOf(const RestoreItem& item)
+{
+    constexpr std::size_t NameMemory = 64; // about
+    std::size_t memory = ItemMemory + item.path.size() * 3 + item.content.size() * sizeof(Id) +
+                         item.linkTarget.size() + item.location.size() * sizeof(YString);
+    for (const auto& [name, value] : item.recorded.attributes.extended)
+        memory += ItemMemory + name.Bytes().size() + value.Size();
+    if (item.names) {
+        for (const std::string& name : *item.names)
+            memory += NameMemory + name.size();
+    }
+    return memory;
+}
 
 } // namespace
 
@@ -83,6 +97,8 @@ Step SnapshotRestore::Visit(const std::string& path, Node& node)
     } catch (const Krt::Exception::YError& error) {
         RaiseIfInterrupted();
         m_state.report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));
+        if (m_state.settings.verifies)
+            m_state.unverified.insert(path);
         return isDirectory ? Step::Into : Step::Past;
     }
     if (!selection.isSelected) {
@@ -133,7 +149,7 @@ void SnapshotRestore::Add(std::unique_ptr<RestoreItem> item)
     }
     Batch& batch = *m_collected;
     batch.bytes += bytes;
-    batch.memory += ItemMemory + item->path.size() * 3 + item->content.size() * sizeof(Id);
+    batch.memory += MemoryOf(*item);
     batch.ids.insert(batch.ids.end(), ids.begin(), ids.end());
     batch.items.push_back(std::move(item));
     if (batch.bytes >= LoadedBytes || batch.memory >= BatchMemory)
