@@ -249,8 +249,6 @@ void RestoreCommand::RunOnRepository(Report& report)
     for (std::size_t i = 1; i < arguments.size(); ++i) {
         try {
             settings.paths.push_back(FindEntry(repository, tree, arguments[i]).path);
-        } catch (const Repo::RepositoryError&) {
-            throw;
         } catch (const Krt::Exception::YError& error) {
             RaiseIfInterrupted();
             report.EntryFailed(Krt::YString(std::string_view(arguments[i])), ReasonOf(error));

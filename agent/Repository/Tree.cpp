@@ -5,6 +5,7 @@
 
 #include "Krt/Exception/Raise.h"
 
+#include <algorithm>
 #include <limits>
 #include <type_traits>
 #include <utility>
@@ -295,6 +296,14 @@ void TreeReader::ReadNode(Node& node)
         m_reader.RaiseDamaged("a node has no name or no type");
     if (!IsEntryName(node.name))
         m_reader.RaiseDamaged("no directory can have an entry of this name");
+    const auto isCut = [](const std::string& text) { // by the system, which takes it to the NUL
+        return text.find('\0') != std::string::npos;
+    };
+    if (isCut(node.linkTarget))
+        m_reader.RaiseDamaged("no symlink can have this target");
+    if (std::any_of(node.attributes.begin(), node.attributes.end(),
+                    [&](const NodeAttribute& attribute) { return isCut(attribute.name); }))
+        m_reader.RaiseDamaged("no extended attribute can have this name");
 }
 
 // Reads a member's value; returns false if its key is not known. The order is that in which writers write, so

@@ -555,6 +555,63 @@ TEST_F(RepositoryRestore, OrdinaryUserRestoresAttributesOfReadOnlyFileAgain)
     }
 }
 
+TEST_F(RepositoryRestore, KeptFileStaysInDirectoryThatCanNotBeRead)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "root can read each directory";
+    SaveTrees({[](auto&) { return TreeText(FileText("a")); },
+               [](auto& id) {
+                   return TreeText(DirectoryText("dir", id));
+               }});
+    fs::create_directory(target + "/dir");
+    directory.Write("target/dir/a", "kept");
+    ASSERT_EQ(
+        std::system(
+            ("chown 65534 " + directory.Path() + " && chown -R 65534 " + repository + " " + target).c_str()),
+        0);
+    for (const char* overwrite : {"never", "if-newer"}) {
+        ASSERT_EQ(chmod((target + "/dir").c_str(), 0300), 0);
+        const auto result =
+            RunProgram({"restore", "-r", repository, "-t", target, "latest", "--overwrite", overwrite},
+                       {.user = OrdinaryUser, .prepare = [] {
+                            setenv("KBAGENT_PASSWORD", "secret", 1);
+                        }});
+        EXPECT_EQ(result.exitCode, 0) << result.errors;
+        EXPECT_EQ(ReadFile(target + "/dir/a"), "kept") << overwrite;
+    }
+}
+
+TEST_F(RepositoryRestore, OneEntryThatFailsDoesNotEndTheRun)
+{
+    SaveTrees({[](auto&) {
+                   return TreeText(
+                       FileText("file") + "," + FileText("short", 100) + "," +
+                       NodeText("z", R"("type":"symlink","linktarget":"a\u0000b","content":null)"));
+               },
+               [](auto& id) {
+                   return TreeText(DirectoryText("a", std::string(64, '7')) + "," + DirectoryText("b", id));
+               }});
+    Restored(3, {"/a/x", "/b/file"});
+    EXPECT_TRUE(fs::exists(target + "/b/file"));
+
+    std::string deep = target;
+    for (int i = 0; i < 1100; ++i)
+        deep += "/d";
+    ASSERT_EQ(std::system(("mkdir -p " + deep).c_str()), 0);
+    const std::string errors = Restored(3, {"--delete"}).errors;
+    EXPECT_TRUE(Holds(errors, "more than 1000 levels deep"));
+    EXPECT_TRUE(Holds(errors, "no symlink can have this target") &&
+                !fs::exists(fs::symlink_status(target + "/b/z")));
+    EXPECT_TRUE(Holds(errors, "The size of the file is 100, but its blobs have 7 bytes"));
+    for (const char* path : {"/b/short", "/a"}) {
+        const auto prepare = [] {
+            setenv("KBAGENT_PASSWORD", "secret", 1);
+        };
+        EXPECT_EQ(RunProgram({"dump", "-r", repository, "latest", path}, {.prepare = prepare}).exitCode, 1)
+            << path;
+    }
+}
+
 // A file that changes during its backup.
 TEST_F(RepositoryRestore, NamesOfOneInodeWithOtherContentAreSeparate)
 {
