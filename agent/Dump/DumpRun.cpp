@@ -21,6 +21,7 @@ void DumpRun::WriteFile(const FoundEntry& file)
 {
     KRT_RAISE_UNLESS(file.node.content, Krt::ErrorCode::InvalidState,
                      YString(std::string_view(file.path)) << ": The file has no list of blobs");
+    static_cast<void>(SizeOf(file.node));
     m_reader.Read(*file.node.content, [this](Repo::ByteView content) {
         m_bytes += content.size();
         m_report.Progress(m_entries, m_bytes);
@@ -34,6 +35,7 @@ void DumpRun::WriteDirectory(const FoundEntry& directory, ArchiveFormat format)
     const std::string path = directory.path == "/" ? "" : directory.path;
     REPOSITORY_RAISE_UNLESS(directory.node.subtree, Repo::Failure::Damaged,
                             YString(std::string_view(directory.path)) << ": The directory has no tree");
+    bool hasFailed = false;
     Archive archive(format, [this](Repo::ByteView bytes) { m_target.Write(bytes); });
     WalkTree(
         m_repository, *directory.node.subtree, path,
@@ -43,7 +45,10 @@ void DumpRun::WriteDirectory(const FoundEntry& directory, ArchiveFormat format)
         },
         [&](const std::string& entry, const Krt::Exception::YError& error) {
             m_report.EntryFailed(YString(std::string_view(entry)), ReasonOf(error));
+            hasFailed = true;
         });
+    REPOSITORY_RAISE_UNLESS(m_entries != 0 || !hasFailed, Repo::Failure::Damaged,
+                            YString(std::string_view(directory.path)) << ": None of its entries can be read");
     archive.Close();
     m_target.Close();
 }
@@ -73,6 +78,8 @@ void DumpRun::Add(Archive& archive, const std::string& path, const Node& node, A
         if (error.GetType() == Krt::ExceptionType::OsError && error.GetOsError() != 0 &&
             dynamic_cast<const Repo::RepositoryError*>(&error) == nullptr)
             throw; // the target can't be written
+        if (first != nullptr && *first == name)
+            first->clear(); // the next name gets the content, if that can be read
         m_report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));
     }
     archive.End();
@@ -88,7 +95,7 @@ void DumpRun::AddContent(Archive& archive, const Node& node)
     });
 }
 
-// That of the blobs, since an archive needs it before the content.
+// An archive needs the size before the content. Raises Damaged if the blobs have another one than the file.
 std::uint64_t DumpRun::SizeOf(const Node& node) const
 {
     std::uint64_t size = 0;
@@ -100,6 +107,9 @@ std::uint64_t DumpRun::SizeOf(const Node& node) const
                                 "The index does not have blob " << id.ToHex().c_str());
         size += found->blob.plainLength;
     }
+    REPOSITORY_RAISE_UNLESS(size == node.size, Repo::Failure::Damaged,
+                            "The size of the file is " << node.size << ", but its blobs have "
+                                                       << static_cast<unsigned long long>(size) << " bytes");
     return size;
 }
 

@@ -23,14 +23,27 @@ DumpTarget::DumpTarget(const std::string& path, Report& report) : m_report(repor
     struct stat existing
     {};
     const bool exists = stat(m_path.c_str(), &existing) == 0;
+    struct stat output
+    {};
+    if (exists && fstat(STDOUT_FILENO, &output) == 0 && existing.st_dev == output.st_dev &&
+        existing.st_ino == output.st_ino) { // as with /dev/stdout: others may have written to it before
+        m_path.clear();
+        return;
+    }
     std::error_code failure;
     std::filesystem::path place = std::filesystem::absolute(m_path);
     if (exists)
         place = std::filesystem::canonical(place, failure); // a symlink to the file stays
     if (!failure && (!exists || S_ISREG(existing.st_mode)) && place.has_filename()) {
         m_name = YString(place.filename().string());
-        CreateIn(place.parent_path().string(), exists ? &existing : nullptr);
-        return;
+        try {
+            CreateIn(place.parent_path().string(), exists ? &existing : nullptr);
+            return;
+        } catch (const Krt::Exception::YError& error) {
+            const int number = error.GetOsError();
+            if (!exists || (number != EACCES && number != EPERM && number != EROFS))
+                throw;
+        }
     }
     m_file = KRT_OS_VALUE(Krt::Util::OwnAboveStandardStreams(CallSystem([&] {
                               return open(m_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);

@@ -16,8 +16,9 @@ class DumpTarget
 {
 public:
     /// Standard output if `path` is empty; otherwise the file, which gets its name when the target is closed.
-    /// It replaces a file that exists, whose owner and mode it gets. What exists and is not a regular file,
-    /// such as a FIFO, is written to. Raises the operating system's error.
+    /// It replaces a file that exists, whose owner and mode it gets. Written to are what exists and is not a
+    /// regular file, such as a FIFO, the file of standard output, and a file in a directory in which the user
+    /// can't create one. Raises the operating system's error.
     DumpTarget(const std::string& path, Report& report);
     /// Removes the file unless the target was closed.
     ~DumpTarget();
