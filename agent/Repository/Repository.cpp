@@ -148,8 +148,9 @@ std::pair<Id, Key> FindKey(IBackend& backend, const Secret& password, const Open
         if (options.onUnreadKey)
             options.onUnreadKey(file, error);
     }
-    REPOSITORY_RAISE(Failure::WrongPassword,
-                     "The password opens no key of the repository at " << backend.Describe());
+    REPOSITORY_RAISE(Failure::WrongPassword, (wasTried ? "The password opens no key of the repository at "
+                                                       : "There are no keys in the repository at ")
+                                                 << backend.Describe());
 }
 
 Bytes LoadConfig(IBackend& backend)
