@@ -13,10 +13,11 @@ namespace Agent {
 
 namespace {
 
-std::optional<std::string> Variable(const std::string& name)
+// Returns null for an empty variable. It is not copied, since it may be a password.
+const char* Variable(const std::string& name)
 {
     const char* const value = Krt::Environment::IsPrivilegeRaised() ? nullptr : std::getenv(name.c_str());
-    return value != nullptr && *value != '\0' ? std::optional<std::string>(value) : std::nullopt;
+    return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
 } // namespace
@@ -31,9 +32,10 @@ std::optional<std::string> FromEnvironment(const RepositoryOptions& options,
 {
     const std::string purpose = options.isSource ? "_FROM_" : "_";
     const bool isOurs = std::any_of(names.begin(), names.end(), [&purpose](const char* each) {
-        return Variable("KBAGENT" + purpose + each).has_value();
+        return Variable("KBAGENT" + purpose + each) != nullptr;
     });
-    return Variable((isOurs ? "KBAGENT" : "RESTIC") + purpose + std::string(name));
+    const char* const value = Variable((isOurs ? "KBAGENT" : "RESTIC") + purpose + std::string(name));
+    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
 }
 
 std::string FindLocation(const RepositoryOptions& options)

@@ -45,7 +45,8 @@ PackSubset PackSubset::Parse(const std::string& text)
         subset.percent = number;
         return subset;
     } else if (unit.size() <= 1 && number > 0) {
-        const char letter = unit.empty() ? '\0' : static_cast<char>(std::toupper(unit.front()));
+        const char letter =
+            unit.empty() ? '\0' : static_cast<char>(std::toupper(static_cast<unsigned char>(unit.front())));
         const std::size_t power = unit.empty() ? 0 : Units.find(letter) + 1;
         const double bytes = number * std::pow(1024, static_cast<double>(power));
         if ((unit.empty() || Units.find(letter) != std::string_view::npos) && bytes >= 1 && bytes < 1e18) {
