@@ -198,8 +198,10 @@ TEST(FilePrimitives, FileSystemWithoutAttributesHasNone)
 {
     const Testing::TemporaryDirectory directory;
     directory.Write("file", "");
+    const Krt::File::YDirectory parent = Krt::File::YDirectory::Open(directory.Path().c_str());
+    const Krt::YString name = "file";
     YFile file;
-    file.OpenEntry(Krt::File::YDirectory::Open(directory.Path().c_str()), "file", "/file");
+    file.OpenEntry(parent, name, "/file");
     const CallHook hook([](const HookedCall& call) {
         if (call.function.ends_with("listxattr"))
             CallHook::Fail(ENOTSUP);
