@@ -17,7 +17,6 @@ namespace Agent {
 using Repo::BlobType;
 using Repo::ByteView;
 using Repo::Chunker;
-using Repo::Id;
 
 namespace {
 
