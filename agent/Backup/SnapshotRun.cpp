@@ -22,7 +22,7 @@ using Repo::Timestamp;
 
 namespace {
 
-constexpr std::int64_t CoarsestClock = 2; // seconds between two times that a file system tells apart
+constexpr std::int64_t CoarsestClock = 2; // seconds between two times that a file system distinguishes
 constexpr std::string_view Replacement = "\xEF\xBF\xBD"; // in place of bytes that are not UTF-8
 
 // Times from this one on may hide a change that came after the parent was made. Its own time may have been

@@ -13,7 +13,7 @@ using std::chrono::steady_clock;
 
 constexpr std::size_t PackBlobLimit = 50000;             // blobs of a pack
 constexpr std::size_t IndexBlobLimit = 50000;            // blobs after which an index file is full
-constexpr auto IndexAgeLimit = std::chrono::minutes(10); // after which an index file is written all the same
+constexpr auto IndexAgeLimit = std::chrono::minutes(10); // after which an index file is written in any case
 constexpr auto BetweenCalls = std::chrono::milliseconds(100); // of onWait
 constexpr unsigned int SparePacks = 1;                        // that are full while all writers have one
 constexpr std::size_t ScratchLimit = 32 << 20;                // bytes that a thread keeps

@@ -12,7 +12,7 @@ namespace Agent {
 enum class Overwrite
 {
     Always,    ///< it gets the content of the snapshot; parts that are equal are not loaded
-    IfChanged, ///< as above, but with equal size and modification time the content counts as equal
+    IfChanged, ///< as Always, but a file of equal size and modification time counts as equal
     IfNewer,   ///< it is kept, unless the snapshot's modification time is later
     Never      ///< it is kept
 };

@@ -35,8 +35,8 @@ public:
     bool Remove(const Krt::File::YDirectory& parent, const Krt::YString& name, const std::string& path) const;
 
 private:
-    /// Directories that are open, and levels of the recursion, at most. The tree below may be made by anybody
-    /// who can write into the target.
+    /// Directories that are open, and levels of the recursion, at most. Any user who can write into the
+    /// target may have made the tree below it.
     static constexpr unsigned int DepthLimit = 1000;
 
     void CleanOpened(const Krt::File::YDirectory& directory, const std::string& path,

@@ -109,7 +109,7 @@ bool LeadsThroughLink(const std::set<YPath>& starts, const YPath& path)
 }
 
 // A walk only visits existing entries, so it cannot report a misspelt path below its start. Nor does it visit
-// anything below a path that is not a directory. An exclude without entries is no mistake: a job may leave
+// anything below a path that is not a directory. An exclude without entries is not a mistake: a job may leave
 // out what exists at times.
 void WarnOfPathsWithoutEntries(const Job& job, JobWarnings& warnings)
 {
