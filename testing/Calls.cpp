@@ -149,8 +149,10 @@ CALL(int, fflush, (FILE * file), (file), .isRestarted = true)
     return Ask({.function = "openat", OF_ENTRY}) ? -1 : real(fd, path, flags, mode);
 }
 
-// openat2 has no function in the C library; of fcntl, only F_DUPFD_CLOEXEC creates a descriptor.
-[[gnu::visibility("default")]] long syscall(long number, ...)
+// openat2 has no function in the C library; of fcntl, only F_DUPFD_CLOEXEC creates a descriptor. Like the C
+// library's own, syscall reads six arguments, however few the caller passed: the sixth is then a foreign word
+// of the stack.
+[[gnu::visibility("default"), gnu::no_sanitize_address]] long syscall(long number, ...)
 {
     static const auto real = Real<long(long, ...)>("syscall");
     va_list rest;
