@@ -5,6 +5,7 @@
 
 #include "Krt/File/File.h"
 #include "Krt/File/YDirectory.h"
+#include "Krt/Log/LogSite.h"
 #include "Krt/Util/YUnxHandle.h"
 
 #include <array>
