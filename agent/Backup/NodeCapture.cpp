@@ -3,7 +3,7 @@
 #include "agent/Record/NodeRecord.h"
 #include "agent/Repository/Utf8.h"
 
-#include "Backup/File/YUnixFileMetadata.h"
+#include "Backup/File/Unix/YFile.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/Status.h"
@@ -17,7 +17,6 @@
 namespace Agent {
 
 using Backup::File::YFile;
-using Backup::File::YUnixFileMetadata;
 using Krt::ErrorCode;
 using Krt::YString;
 using Krt::File::YDirectory;
@@ -71,10 +70,10 @@ Timestamp TimeOf(const timespec& time)
     return Timestamp::Local(time.tv_sec, static_cast<std::uint32_t>(time.tv_nsec));
 }
 
-// The attributes of a record, in the order of the file system, which the record does not keep.
-std::vector<NodeAttribute> AttributesInOrder(const YUnixFileMetadata& record, const YFile& file)
+// The attributes of a file, in the order of the file system, which the map does not keep.
+std::vector<NodeAttribute> AttributesInOrder(const YFile& file)
 {
-    std::vector<NodeAttribute> attributes = AttributesOf(record.GetExtendedAttributeMap());
+    std::vector<NodeAttribute> attributes = AttributesOf(file.GetExtendedAttributeMap());
     if (attributes.size() < 2)
         return attributes;
     std::map<std::string, std::size_t> positions;
@@ -147,22 +146,17 @@ CapturedEntry NodeCapture::Capture(const YDirectory& parent, const YString& name
     CapturedEntry entry;
     entry.file = std::make_unique<YFile>();
     entry.status = OpenWhole(*entry.file, parent, name, path, status);
-    const auto metadata =
-        Backup::File::YMetadataBase::ConstructFromFile(*entry.file, [&](YPath own, bool mayDescend) {
-            entry.mayEnter = mayDescend;
-            return Backup::YJobPath::FromFilePath(Backup::YJobPath(), std::move(own), mayDescend);
-        });
-    const YUnixFileMetadata& record = metadata->AsUnixFileMetadata();
+    const YFile& file = *entry.file;
     Node& node = entry.node;
     node.name = name.Bytes();
-    node.type = NodeTypeOf(record.GetModeFlags());
+    node.type = NodeTypeOf(file.GetModeFlags());
     FillFromStatus(entry.status, node);
-    node.mode = Repo::MakeNodeMode(record.GetModeFlags());
-    node.uid = record.GetUserId();
-    node.gid = record.GetGroupId();
-    if (node.type == NodeType::Symlink) // a record has only the beginning of a long target
+    node.mode = Repo::MakeNodeMode(file.GetModeFlags());
+    node.uid = file.GetUID();
+    node.gid = file.GetGID();
+    if (node.type == NodeType::Symlink)
         node.linkTarget = parent.ReadSymbolicLink(name).Bytes();
-    node.attributes = AttributesInOrder(record, *entry.file);
+    node.attributes = AttributesInOrder(file);
     FillOwnerNames(node, TakeOddAttributes(node.attributes));
     if (node.type != NodeType::File)
         entry.file.reset();

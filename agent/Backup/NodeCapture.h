@@ -1,5 +1,4 @@
-// NodeCapture: the nodes of entries of the file system. They are filled from the library's record. What a
-// record has no key for comes from the status: nanoseconds, names of owners, inode, device and links.
+// NodeCapture: the nodes of entries of the file system, filled from the library's YFile and from the status.
 #pragma once
 
 #include "agent/Backup/Unix/Owners.h"
@@ -21,7 +20,6 @@ struct CapturedEntry
     Repo::Node node;                           ///< without content and subtree
     struct stat status = {};                   ///< at the opening
     std::unique_ptr<Backup::File::YFile> file; ///< open for reading if the entry is a regular file
-    bool mayEnter = false;                     ///< a directory that the descent policy lets a walk enter
 };
 
 /// One thread at a time.

@@ -55,6 +55,11 @@ YPath PathOf(const std::string& path)
     return YPath(YString(path.empty() ? "/" : path));
 }
 
+bool MayEnter(const YPath& directory)
+{
+    return Backup::File::IsFollowableDirectoryFromKrtAttributes(directory, Krt::File::AttributeDirectory);
+}
+
 } // namespace
 
 struct SnapshotRun::VisitedDirectory
@@ -100,14 +105,13 @@ bool SnapshotRun::OnSelected(const WalkedEntry& entry)
         Node node = *before;
         m_capture.Renew(status, node);
         node.subtree.reset();
-        const bool mayEnter =
-            Backup::File::IsFollowableDirectoryFromKrtAttributes(entry.path, Krt::File::AttributeDirectory);
+        const bool mayEnter = MayEnter(entry.path);
         Push(std::move(node), before, false);
         return mayEnter;
     }
 
     CapturedEntry captured = m_capture.Capture(entry.parent, entry.name, entry.path, status);
-    const bool mayEnter = captured.mayEnter;
+    const bool mayEnter = captured.node.type == NodeType::Directory && MayEnter(entry.path);
     if (captured.node.type == NodeType::Directory) {
         Push(std::move(captured.node), before, false);
     } else if (captured.node.type != NodeType::File) {
