@@ -111,6 +111,10 @@ bool SnapshotRun::OnSelected(const WalkedEntry& entry)
     }
 
     CapturedEntry captured = m_capture.Capture(entry.parent, entry.name, entry.path, status);
+    if (captured.node.type == NodeType::Socket) { // it was another entry before
+        ++m_sockets;
+        return false;
+    }
     const bool mayEnter = captured.node.type == NodeType::Directory && MayEnter(entry.path);
     if (captured.node.type == NodeType::Directory) {
         Push(std::move(captured.node), before, false);
