@@ -7,6 +7,7 @@
 #include "Krt/Log/LogSite.h"
 
 #include <algorithm>
+#include <new>
 
 namespace Agent {
 
@@ -86,9 +87,13 @@ RepositoryLock::~RepositoryLock()
     m_end.notify_all();
     m_refresher.join();
     try {
-        m_repository.GetBackend().Remove({FileKind::Lock, m_id});
-    } catch (const Krt::Exception::YError& error) {
-        KRT_LOG_FREE(Krt::MessageType::General, "Failed to remove the lock of the repository: " << error);
+        try {
+            m_repository.GetBackend().Remove({FileKind::Lock, m_id});
+        } catch (const Krt::Exception::YError& error) {
+            KRT_LOG_FREE(Krt::MessageType::General, "Failed to remove the lock of the repository: " << error);
+        }
+    } catch (const std::bad_alloc&) {
+        // The lock stays, and expires.
     }
 }
 
