@@ -6,8 +6,10 @@
 #include "testing/Program.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -29,7 +31,7 @@ class CallHook
 {
 public:
     /// Calls the action before each call of the process, except those of the action itself, until the hook is
-    /// destroyed.
+    /// destroyed. Calls of other threads wait for it.
     explicit CallHook(std::function<void(const HookedCall&)> action) : m_action(std::move(action))
     {
         s_current = this;
@@ -61,15 +63,17 @@ public:
 private:
     static std::optional<long> Ask(const Call& call)
     {
-        CallHook* const hook = std::exchange(s_current, nullptr);
+        CallHook* const hook = s_isInAction ? nullptr : s_current.load();
         if (hook == nullptr)
             return std::nullopt;
         const int before = errno;
+        const std::lock_guard guard(s_mutex);
+        s_isInAction = true;
         hook->m_action({call.function, call.descriptor,
                         call.name != nullptr ? call.name : PathOf(call.descriptor),
                         call.attribute != nullptr ? call.attribute : "", call.data,
                         call.count != nullptr ? *call.count : call.size});
-        s_current = hook;
+        s_isInAction = false;
         errno = std::exchange(s_error, std::nullopt).value_or(before);
         return std::exchange(s_result, std::nullopt);
     }
@@ -82,7 +86,9 @@ private:
     }
 
     std::function<void(const HookedCall&)> m_action;
-    static inline CallHook* s_current = nullptr;
+    static inline std::atomic<CallHook*> s_current = nullptr;
+    static inline std::mutex s_mutex;
+    static inline thread_local bool s_isInAction = false;
     static inline std::optional<long> s_result;
     static inline std::optional<int> s_error;
 };

@@ -1,11 +1,21 @@
 // Runs kbagent in its own process.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 #include <vector>
 
 namespace Testing {
+
+/// Succeeds if the text contains the part.
+inline ::testing::AssertionResult Holds(const std::string& text, const std::string& part)
+{
+    if (text.find(part) == std::string::npos)
+        return ::testing::AssertionFailure() << "no \"" << part << "\" in: " << text;
+    return ::testing::AssertionSuccess() << "\"" << part << "\" in: " << text;
+}
 
 struct ProgramResult
 {

@@ -11,14 +11,6 @@
 
 namespace Testing {
 
-/// Succeeds if the text contains the part.
-inline ::testing::AssertionResult Holds(const std::string& text, const std::string& part)
-{
-    if (text.find(part) == std::string::npos)
-        return ::testing::AssertionFailure() << "no \"" << part << "\" in: " << text;
-    return ::testing::AssertionSuccess() << "\"" << part << "\" in: " << text;
-}
-
 class ProgramFixture : public ::testing::Test
 {
 protected:

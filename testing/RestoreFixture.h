@@ -1,23 +1,25 @@
 // Custom snapshots, and their restore into a directory next to a tree that no restore may touch.
 #pragma once
 
-#include "testing/ProgramFixture.h"
-#include "testing/Records.h"
-#include "testing/StoreFiles.h"
+#include "testing/RepositoryFixture.h"
 #include "testing/Tree.h"
 
-#include <optional>
+#include "Krt/File/YDirectory.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace Testing {
 
-/// An entry of a snapshot, and the content of its file.
+/// An entry of a custom snapshot.
 struct Recorded
 {
-    Agent::SnapshotEntry entry;
-    std::optional<std::string> content = std::nullopt;
+    Agent::Repo::Node node;
+    std::string content = {};           ///< of a file
+    std::vector<Recorded> entries = {}; ///< of a directory
 };
 
-class RestoreFixture : public ProgramFixture
+class RestoreFixture : public RepositoryFixture
 {
 protected:
     void SetUp() override
@@ -39,56 +41,60 @@ protected:
                DescribeTree(outside, {.links = false, .identity = true});
     }
 
-    static Recorded EntryOf(const Backup::File::YMetadataBase& metadata,
-                            std::optional<std::string> content = std::nullopt)
+    /// Returns an entry owned by this process's user, last written 1000000000 seconds after 1970.
+    static Recorded EntryOf(const std::string& name, Agent::Repo::NodeType type, unsigned int mode)
     {
-        Recorded recorded{.entry = {}, .content = std::move(content)};
-        recorded.entry.record = metadata.ToJSON();
-        return recorded;
+        Recorded entry;
+        Agent::Repo::Node& node = entry.node;
+        node.name = name;
+        node.type = type;
+        node.mode = Agent::Repo::MakeNodeMode(mode);
+        node.uid = geteuid();
+        node.gid = getegid();
+        node.mtime = node.atime = node.ctime = Agent::Repo::Timestamp::Local(1000000000, 0);
+        return entry;
     }
-    static Recorded Directory(const Names& names, unsigned int mode = 0755)
+    static Recorded Directory(const std::string& name, std::vector<Recorded> entries,
+                              unsigned int mode = 0755)
     {
-        return EntryOf(UnixRecord(names, S_IFDIR | mode));
+        Recorded entry = EntryOf(name, Agent::Repo::NodeType::Directory, S_IFDIR | mode);
+        entry.entries = std::move(entries);
+        return entry;
     }
-    static Recorded LinkTo(const Names& names, const std::string& linkTarget)
+    static Recorded LinkTo(const std::string& name, const std::string& linkTarget)
     {
-        return EntryOf(UnixRecord(names, S_IFLNK | 0777, 0, linkTarget));
+        Recorded entry = EntryOf(name, Agent::Repo::NodeType::Symlink, S_IFLNK | 0777);
+        entry.node.linkTarget = linkTarget;
+        return entry;
     }
-    static Recorded FileWith(const Names& names, const std::string& content, unsigned long long group = 0)
+    static Recorded FifoAt(const std::string& name, unsigned int mode = 0640)
     {
-        Recorded recorded = EntryOf(UnixRecord(names, S_IFREG | 0644, content.size()), content);
-        recorded.entry.hardLinkGroup = group;
-        return recorded;
+        return EntryOf(name, Agent::Repo::NodeType::Fifo, S_IFIFO | mode);
     }
-    static Recorded WindowsFile(const std::vector<Names>& paths, const std::string& content,
-                                unsigned int attributes = 0x20)
+    /// With an inode, it is one of two names of the file.
+    static Recorded FileWith(const std::string& name, const std::string& content, unsigned int mode = 0644,
+                             unsigned long long inode = 0)
     {
-        return EntryOf(WindowsRecord(paths, attributes, content.size()), content);
+        Recorded entry = EntryOf(name, Agent::Repo::NodeType::File, S_IFREG | mode);
+        entry.content = content;
+        entry.node.inode = inode;
+        entry.node.links = inode == 0 ? 1 : 2;
+        return entry;
     }
-    Krt::File::YDirectory OpenTarget() const
-    {
-        return Krt::File::YDirectory::Open(Krt::File::YPath(target.c_str()));
-    }
-    struct stat StatusOf(const std::string& name) const { return Testing::StatusOf(target + "/" + name); }
 
+    /// Adds a snapshot to the repository, which is created if it does not exist.
     void MakeSnapshot(const std::vector<Recorded>& entries) const
     {
-        const Agent::Store opened = Agent::Store::OpenOrCreate(store);
-        StoreRun run(opened);
-        for (const auto& [entry, content] : entries) {
-            if (content)
-                run.Add(*content, entry);
-            else
-                run.Add(entry);
-        }
-        run.snapshot.Finish(0, 0);
+        const Agent::Repo::Repository opened = std::filesystem::exists(repository) ? Open() : Create();
+        SnapshotMaker maker(opened);
+        maker.Save(AddTree(maker, entries));
     }
-    /// Restores the given paths of the latest snapshot.
+    /// Restores the latest snapshot. Without a lock, which would wait for others.
     ProgramResult Restore(int exitCode, const ProgramSettings& settings = {},
-                          const std::vector<std::string>& paths = {}) const
+                          const std::vector<std::string>& more = {}) const
     {
-        std::vector<std::string> arguments = {"restore", "--to", target};
-        arguments.insert(arguments.end(), paths.begin(), paths.end());
+        std::vector<std::string> arguments = {"restore", "--no-lock", "latest", "--target", target};
+        arguments.insert(arguments.end(), more.begin(), more.end());
         return Run(exitCode, arguments, settings);
     }
     ProgramResult RestoreOf(int exitCode, const std::vector<Recorded>& entries) const
@@ -96,8 +102,31 @@ protected:
         MakeSnapshot(entries);
         return Restore(exitCode);
     }
+    Krt::File::YDirectory OpenTarget() const
+    {
+        return Krt::File::YDirectory::Open(Krt::File::YPath(target.c_str()));
+    }
+    struct stat StatusOf(const std::string& name) const { return Testing::StatusOf(target + "/" + name); }
 
     std::string before;
+
+private:
+    static Agent::Repo::Id AddTree(SnapshotMaker& maker, const std::vector<Recorded>& entries)
+    {
+        std::string text = R"({"nodes":[)";
+        for (const Recorded& entry : entries) {
+            Agent::Repo::Node node = entry.node;
+            if (node.type == Agent::Repo::NodeType::Directory)
+                node.subtree = AddTree(maker, entry.entries);
+            if (node.type == Agent::Repo::NodeType::File && !node.content) {
+                node.content = {maker.Add(Agent::Repo::BlobType::Data, entry.content)};
+                node.size = entry.content.size();
+            }
+            text += text.ends_with('[') ? "" : ",";
+            Agent::Repo::AppendNode(node, text);
+        }
+        return maker.Add(Agent::Repo::BlobType::Tree, text + "]}\n");
+    }
 };
 
 } // namespace Testing

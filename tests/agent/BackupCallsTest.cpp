@@ -104,7 +104,6 @@ protected:
         fs::copy(before, repository, fs::copy_options::recursive);
     }
 
-    const std::string source = directory.MakeDirectory("s");
     const std::string before = directory / "before";
 };
 

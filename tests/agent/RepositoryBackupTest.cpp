@@ -50,13 +50,17 @@ int Rounds(const char* variable, int otherwise)
 class RepositoryBackupTest : public RepositoryFixture
 {
 protected:
-    RepositoryBackupTest() { Create(); }
+    RepositoryBackupTest()
+    {
+        Create();
+        source = directory.MakeDirectory("s");
+    }
 
     // The summary of a backup.
-    json::object BackUp(int exitCode, std::vector<std::string> arguments, unsigned int user = 0) const
+    json::object BackUp(int exitCode, std::vector<std::string> arguments) const
     {
         arguments.insert(arguments.begin(), {"backup", "--json", "-q"});
-        const ProgramResult result = Run(exitCode, arguments, user);
+        const ProgramResult result = Run(exitCode, arguments);
         return result.output.empty() ? json::object() : json::parse(result.output).as_object();
     }
     json::object ResticBackUp(const std::string& arguments) const
@@ -66,32 +70,12 @@ protected:
         const std::size_t begin = output.rfind('\n', end - 1) + 1; // also if there is one line
         return json::parse(output.substr(begin, end - begin)).as_object();
     }
-    Repo::Repository Open() const
-    {
-        Repo::Repository opened = Repo::Repository::Open(
-            std::make_shared<Repo::LocalBackend>(repository.c_str()), Repo::Secret(Repo::AsBytes("secret")));
-        opened.LoadIndex();
-        return opened;
-    }
     Node Find(const std::string& path, const std::string& snapshot = "latest") const
     {
         const Repo::Repository opened = Open();
         return FindEntry(opened, opened.FindSnapshot(snapshot).snapshot.tree, path).node;
     }
     std::string TreeOf(const std::string& path) const { return Find(path).subtree->ToHex(); }
-    std::vector<std::string> PathsOfLatest() const
-    {
-        const Repo::Repository opened = Open();
-        std::vector<std::string> paths;
-        WalkTree(
-            opened, opened.FindSnapshot("latest").snapshot.tree, "",
-            [&](const std::string& path, Node&) {
-                paths.push_back(path);
-                return Step::Into;
-            },
-            [](const std::string& path, const Krt::Exception::YError&) { ADD_FAILURE() << path; });
-        return paths;
-    }
     // restic finds no error and no blob that is stored twice.
     void ExpectSound(const std::string& options = "") const
     {
@@ -102,7 +86,7 @@ protected:
         for (std::uint32_t i = 0; i < index.CountBlobs(); ++i)
             EXPECT_EQ(index.FindAll(index.At(i).blob.handle).size(), 1u) << i;
     }
-    std::size_t CountSnapshots() const { return Open().ListIds(FileKind::Snapshot).size(); }
+    std::vector<std::string> PathsOfLatest() const { return StoredPaths(Open()); }
     // A copy of the latest snapshot that claims to be from the future, so that its entries are trusted,
     // however new they are.
     std::string MakeTrustedParent() const
@@ -113,8 +97,6 @@ protected:
         snapshot.summary->backupStart.seconds += 1000;
         return opened.SaveText(FileKind::Snapshot, snapshot.ToJson()).ToHex();
     }
-
-    const std::string source = directory.MakeDirectory("s");
 };
 
 // Entries that both programs store alike. Version 0.14 of restic loses attributes of symlinks, and bytes of
@@ -254,11 +236,7 @@ TEST_F(RepositoryBackupTest, SeveralPathsAreOneTree)
         BackUp(3, {"s/a/b/y", "s/a-b/z", "s/none", "s/link/b/x", "s/a/c", "--host", "h", "--tag", "t,u",
                    "--tag", "v", "--time", "2020-02-29 01:02:03"});
     const std::vector<std::string> expected{"/a", "/a/b", "/a/b/x", "/a/b/y", "/a/c", "/a-b", "/a-b/z"};
-    std::vector<std::string> stored;
-    for (const std::string& path : PathsOfLatest())
-        if (path.size() > source.size() && path.starts_with(source))
-            stored.push_back(path.substr(source.size()));
-    EXPECT_EQ(stored, expected);
+    EXPECT_EQ(Stored(), expected);
     EXPECT_EQ(Find(source + "/a").mode, Repo::MakeNodeMode(040700));
     const Repo::Snapshot snapshot = Open().FindSnapshot("latest").snapshot;
     EXPECT_EQ(snapshot.paths, (std::vector<std::string>{source + "/a/b/y", source + "/a-b/z",
@@ -311,7 +289,7 @@ TEST_F(RepositoryBackupTest, WhatFailsIsReported)
                                   .c_str()),
                   0);
         const ProgramResult result =
-            Run(3, {"backup", "--json", "--read-concurrency", "1", source}, OrdinaryUser);
+            Run(3, {"backup", "--json", "--read-concurrency", "1", source}, {.user = OrdinaryUser});
         EXPECT_TRUE(Holds(result.errors, R"("item":")" + source + R"(/secret")"));
         EXPECT_EQ(PathsOfLatest().back(), source + "/f");
     }

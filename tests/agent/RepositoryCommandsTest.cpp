@@ -86,22 +86,11 @@ protected:
     static Id SaveTrees(const Repo::Repository& opened,
                         const std::vector<std::function<std::string(const Id&)>>& trees)
     {
-        Repo::PackWriter pack(opened.GetKey());
+        SnapshotMaker maker(opened);
         Id last;
-        for (const auto& make : trees) {
-            const std::string text = make(last);
-            last = Id::Of(Repo::AsBytes(text));
-            pack.Add({BlobType::Tree, last}, Repo::AsBytes(text));
-        }
-        Repo::IndexFileWriter index;
-        const Id id = opened.SavePack(pack.Finish());
-        index.Add(id, pack.GetBlobs());
-        opened.SaveText(FileKind::Index, index.Finish());
-        Repo::Snapshot snapshot;
-        snapshot.time = Repo::Timestamp::Now();
-        snapshot.tree = last;
-        snapshot.paths = {"/x"};
-        opened.SaveText(FileKind::Snapshot, snapshot.ToJson());
+        for (const auto& make : trees)
+            last = maker.Add(BlobType::Tree, make(last));
+        maker.Save(last);
         return last;
     }
 };
@@ -115,6 +104,7 @@ protected:
     {
         if (!HasRestic())
             GTEST_SKIP() << "restic is not installed";
+        source = directory.MakeDirectory("s");
         MakeTree(source, EveryKindOfEntry());
         MakeTree(source, {File("odd \\ \"name\n\xFF", "x"), File("empty", ""), Dir("emptydir"),
                           File("zeros", std::string(1500000, '\0')), File("same1", "same"),
@@ -131,7 +121,6 @@ protected:
         Restic("backup s/later --host h1");
     }
 
-    const std::string source = directory.MakeDirectory("s");
     std::string big;
 };
 
@@ -462,11 +451,10 @@ TEST_F(RepositoryCommands, RepositoryOptionsMayPrecedeCommand)
          {"-r repo -p plain --json snapshots", "-qr repo --password-file=plain snapshots --json",
           "--repo=repo -p plain --json key list", "--json key -r repo -p plain list",
           "--no-cache --cache-dir x -r x -p plain snapshots -r repo --json"}) {
-        const ProgramResult result = Run(0, Words(words), 0, {none, nowhere});
+        const ProgramResult result = Run(0, Words(words), {}, {none, nowhere});
         EXPECT_TRUE(json::parse(result.output).is_array()) << words;
     }
-    EXPECT_TRUE(Holds(Run(2, "-r repo list --store x").errors, "list does not have the option -r"));
-    EXPECT_TRUE(Holds(Run(2, "-r repo backup --store x y").errors, "can't be given together with --store"));
+    EXPECT_TRUE(Holds(Run(2, "-r repo volumes").errors, "volumes does not have the option -r"));
     EXPECT_TRUE(
         Holds(Run(2, "snapshots --limit-upload 1").errors, "does not have restic's option --limit-upload"));
     Run(2, "-r repo");
@@ -694,22 +682,22 @@ TEST_F(RepositoryCommands, PasswordIsReadFromItsSource)
     const std::string plain = directory.Write("plain", "\xEF\xBB\xBF secret\n");
     const std::string wide = directory.Write("wide", utf16);
     const std::string none = "KBAGENT_PASSWORD=";
-    Run(0, {"snapshots", "-p", plain}, 0, {none});
-    Run(0, {"snapshots", "-p", wide}, 0, {"KBAGENT_PASSWORD=ignored"});
-    Run(0, {"snapshots", "--password-command", "printf '%s\\n' \"secret\""}, 0, {none});
+    Run(0, {"snapshots", "-p", plain}, {}, {none});
+    Run(0, {"snapshots", "-p", wide}, {}, {"KBAGENT_PASSWORD=ignored"});
+    Run(0, {"snapshots", "--password-command", "printf '%s\\n' \"secret\""}, {}, {none});
     const std::string log = directory / "log";
-    Run(0, {"--log", log, "snapshots", "--password-command", "printf secret"}, 0, {none});
-    Run(0, {"--log", log, "snapshots", "--password-command=printf secret"}, 0, {none});
+    Run(0, {"--log", log, "snapshots", "--password-command", "printf secret"}, {}, {none});
+    Run(0, {"--log", log, "snapshots", "--password-command=printf secret"}, {}, {none});
     EXPECT_TRUE(Holds(ReadFile(log), "--password-command"));
     EXPECT_EQ(ReadFile(log).find("secret"), std::string::npos) << ReadFile(log);
-    Run(1, {"snapshots", "--password-command", "false"}, 0, {none});
+    Run(1, {"snapshots", "--password-command", "false"}, {}, {none});
     Run(2, {"snapshots", "--password-command", "false", "-p", plain});
-    Run(0, {"snapshots"}, 0, {none, "RESTIC_PASSWORD_FILE=" + plain});
-    Run(0, {"snapshots"}, 0,
+    Run(0, {"snapshots"}, {}, {none, "RESTIC_PASSWORD_FILE=" + plain});
+    Run(0, {"snapshots"}, {},
         {none, "KBAGENT_REPOSITORY=", "RESTIC_REPOSITORY=repo", "RESTIC_PASSWORD=secret"});
-    Run(0, {"snapshots"}, 0, {"RESTIC_PASSWORD_FILE=" + wide, "RESTIC_PASSWORD_COMMAND=false"});
-    Run(2, {"snapshots"}, 0, {"KBAGENT_REPOSITORY="});
-    Run(0, {"snapshots", "--repository-file", directory.Write("place", repository + "\n")}, 0,
+    Run(0, {"snapshots"}, {}, {"RESTIC_PASSWORD_FILE=" + wide, "RESTIC_PASSWORD_COMMAND=false"});
+    Run(2, {"snapshots"}, {}, {"KBAGENT_REPOSITORY="});
+    Run(0, {"snapshots", "--repository-file", directory.Write("place", repository + "\n")}, {},
         {"KBAGENT_REPOSITORY=/none"});
     EXPECT_TRUE(Holds(Run(1, {"snapshots", "-r", "s3:user:pw@host"}).errors, "s3:"));
     EXPECT_EQ(Run(1, {"snapshots", "-r", "s3:user:pw@host"}).errors.find("user:pw"), std::string::npos);
@@ -723,11 +711,11 @@ TEST_F(RepositoryCommands, ReadOnlyRepositoryIsReadWithoutLock)
                   return R"({"nodes":[{"name":"a","type":"fifo"}]})";
               }});
     ASSERT_EQ(std::system(("chmod -R a+rX " + directory.Path()).c_str()), 0);
-    const ProgramResult result = Run(0, {"ls", "-q"}, OrdinaryUser);
+    const ProgramResult result = Run(0, {"ls", "-q"}, {.user = OrdinaryUser});
     EXPECT_EQ(result.output, "/a\n");
     EXPECT_TRUE(
         Holds(result.errors, "Failed to create a file in " + repository + "/locks: Permission denied"));
-    EXPECT_EQ(Run(0, {"ls", "-q", "--no-lock"}, OrdinaryUser).errors, "");
+    EXPECT_EQ(Run(0, {"ls", "-q", "--no-lock"}, {.user = OrdinaryUser}).errors, "");
 }
 
 TEST_F(RepositoryCommands, LockIsRefreshedAndItsLossNoticed)

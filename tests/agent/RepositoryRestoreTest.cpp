@@ -36,40 +36,25 @@ namespace {
 class RepositoryRestore : public RestoreFixture
 {
 protected:
-    void Restic(const std::string& arguments) const
-    {
-        const std::string command = "cd " + source + " && HOME=" + directory.Path() +
-                                    " RESTIC_PASSWORD=secret restic -q --no-cache -r " + repository + " " +
-                                    arguments + " >" + (directory / "restic.log") + " 2>&1";
-        const int status = std::system(command.c_str());
-        ASSERT_EQ(WEXITSTATUS(status), 0) << arguments << ReadFile(directory / "restic.log");
-    }
-    // An empty repository whose password costs little.
+    // An empty repository, also in place of another.
     Repo::Repository Create(std::uint32_t version = 2) const
     {
         fs::remove_all(repository);
-        return CreateRepository(repository, "secret", version);
+        return RestoreFixture::Create(version);
     }
     void BackUp(std::uint32_t version = 2) const
     {
         if (!fs::exists(repository))
             Create(version);
-        Restic("backup --with-atime .");
+        Restic("backup --with-atime .", 0, "source");
     }
     // `exitCode` -1 is any.
     ProgramResult Restored(int exitCode, const std::vector<std::string>& more = {},
                            const std::string& snapshot = "latest") const
     {
-        std::vector<std::string> arguments = {"restore", "-r", repository, snapshot, "--target", target};
+        std::vector<std::string> arguments = {"restore", snapshot, "--target", target};
         arguments.insert(arguments.end(), more.begin(), more.end());
-        const auto prepare = [] {
-            setenv("KBAGENT_PASSWORD", "secret", 1);
-        };
-        ProgramResult result = RunProgram(arguments, {.prepare = prepare});
-        EXPECT_TRUE(exitCode == -1 || result.exitCode == exitCode)
-            << ::testing::PrintToString(more) << result.exitCode << "\n"
-            << result.output << result.errors;
-        return result;
+        return Run(exitCode, arguments);
     }
     // A dry run changes nothing, and prints what the run after it does.
     void RestoredAsForeseen(int exitCode, std::vector<std::string> more = {}) const
@@ -117,33 +102,17 @@ protected:
         fs::remove_all(target);
         fs::create_directory(target);
     }
-    std::vector<fs::path> Files(const std::string& part) const { return FilesBelow(repository + "/" + part); }
     // A repository with a snapshot whose root is the last of the trees. Each text is made from the id before.
     void SaveTrees(const std::vector<std::function<std::string(const std::string& id)>>& trees) const
     {
         const auto opened = Create();
-        Repo::PackWriter data(opened.GetKey()), pack(opened.GetKey());
-        data.Add({BlobType::Data, Id::Of(Repo::AsBytes("content"))}, Repo::AsBytes("content"));
+        SnapshotMaker maker(opened);
+        maker.Add(BlobType::Data, "content");
         Id last;
-        for (const auto& make : trees) {
-            const std::string text = make(last.ToHex());
-            last = Id::Of(Repo::AsBytes(text));
-            pack.Add({BlobType::Tree, last}, Repo::AsBytes(text));
-        }
-        Repo::IndexFileWriter index;
-        for (Repo::PackWriter* writer : {&data, &pack}) {
-            const Id id = opened.SavePack(writer->Finish());
-            index.Add(id, writer->GetBlobs());
-        }
-        opened.SaveText(FileKind::Index, index.Finish());
-        Repo::Snapshot snapshot;
-        snapshot.time = Repo::Timestamp::Now();
-        snapshot.tree = last;
-        snapshot.paths = {"/x"};
-        opened.SaveText(FileKind::Snapshot, snapshot.ToJson());
+        for (const auto& make : trees)
+            last = maker.Add(BlobType::Tree, make(last.ToHex()));
+        maker.Save(last);
     }
-
-    std::string repository = directory / "repository";
 };
 
 std::string NodeText(const std::string& name, const std::string& rest)
@@ -509,21 +478,12 @@ TEST_F(RepositoryRestore, OrdinaryUserGetsFilesWithoutTheirOwners)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can make files of another user";
-    SaveTrees({[](auto&) { return TreeText(FileText("a") + "," + FileText("b")); },
-               [](auto& id) {
-                   return TreeText(DirectoryText("dir", id).replace(21, 3, "493"));
-               }});
-    const std::string command =
-        "chown 65534 " + directory.Path() + " && chown -R 65534 " + repository + " " + target;
-    ASSERT_EQ(std::system(command.c_str()), 0);
-    const auto prepare = [] {
-        setenv("KBAGENT_PASSWORD", "secret", 1);
-    };
+    MakeSnapshot({Directory("dir", {FileWith("a", "1"), FileWith("b", "2", 06755)})});
+    GiveToOrdinaryUser();
     for (const char* output : {"Summary: Restored 3 files/dirs", "skipped 3 files/dirs"}) {
-        const auto result = RunProgram({"restore", "-r", repository, "-t", target, "latest"},
-                                       {.user = OrdinaryUser, .prepare = prepare});
-        EXPECT_EQ(result.exitCode, 0) << result.errors;
+        const auto result = Restore(0, {.user = OrdinaryUser});
         EXPECT_TRUE(Holds(result.output, output)) << result.output;
+        EXPECT_EQ(StatusOf("dir/b").st_mode & 07777, 0755u);
         const std::size_t note = result.errors.find("Owners are not restored by an ordinary user");
         EXPECT_NE(note, std::string::npos);
         EXPECT_EQ(result.errors.find("wner", note + 3), std::string::npos);
@@ -634,12 +594,8 @@ TEST_F(RepositoryRestore, NamesOfOneInodeWithOtherContentAreSeparate)
         EXPECT_TRUE(fs::equivalent(target + "/a", target + "/d"));
     };
     check(Restored(0, {"--verify"}).errors);
-    const auto prepare = [] {
-        setenv("KBAGENT_PASSWORD", "secret", 1);
-    };
     const std::string archive = directory / "archive";
-    const auto dumped =
-        RunProgram({"dump", "-r", repository, "--target", archive, "latest", "/"}, {.prepare = prepare});
+    const auto dumped = Run(0, {"dump", "--target", archive, "latest", "/"});
     ClearTarget();
     ASSERT_EQ(std::system(("tar -C " + target + " -xf " + archive).c_str()), 0) << dumped.errors;
     check(dumped.errors);

@@ -111,7 +111,7 @@ TEST_F(RepositoryWriting, ChunksAreCutAsInSource)
     Run(0, "init --copy-chunker-params --from-repo source --from-password-file password");
     const auto polynomial = Open("secret").GetConfig().polynomial;
     fs::remove_all(repository);
-    Run(0, {"init", "--copy-chunker-params"}, 0,
+    Run(0, {"init", "--copy-chunker-params"}, {},
         {"RESTIC_FROM_REPOSITORY=source", "RESTIC_FROM_PASSWORD=secret"});
     EXPECT_EQ(Open("secret").GetConfig().polynomial, polynomial);
     // Without a configuration there is no repository, and keys of another are not mixed with new ones.
@@ -123,7 +123,7 @@ TEST_F(RepositoryWriting, ChunksAreCutAsInSource)
 TEST_F(RepositoryWriting, EmptyPasswordNeedsItsOption)
 {
     const auto run = [&](int exitCode, const std::string& words) {
-        return Run(exitCode, Words(words), 0, {"KBAGENT_PASSWORD="});
+        return Run(exitCode, Words(words), {}, {"KBAGENT_PASSWORD="});
     };
     directory.Write("empty", " \n");
     run(1, "init --password-file empty");
