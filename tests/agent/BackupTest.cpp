@@ -1,9 +1,8 @@
 // The entries that a backup takes, and its reports on the others.
 #include "agent/Backup/HardLinks.h"
 
-#include "testing/ProgramFixture.h"
+#include "testing/RepositoryFixture.h"
 #include "testing/SelectionText.h"
-#include "testing/StoreFiles.h"
 #include "testing/Tree.h"
 
 #include <filesystem>
@@ -14,10 +13,10 @@ using namespace Testing;
 
 namespace {
 
-class BackupProgram : public ProgramFixture
+class BackupProgram : public RepositoryFixture
 {
 protected:
-    std::vector<std::string> Stored() const { return StoredPaths(store, source); }
+    BackupProgram() { Create(); }
 };
 
 using Paths = std::vector<std::string>;
@@ -33,7 +32,7 @@ TEST_F(BackupProgram, NamedPathIsTakenInAnySpelling)
         {"file", {"backup", source + "/top"}, {"/top"}},
         {"link itself", {"backup", source + "/to a"}, {"/to a"}},
         {"through a link", {"backup", source + "/to a/"}, {"/a", "/a/b"}},
-        {"below a link", {"backup", source + "/to a/b"}, {"/a/b"}},
+        {"below a link", {"backup", source + "/to a/b"}, {"/a", "/a/b"}},
     };
     for (const auto& [name, arguments, stored] : cases) {
         Run(0, arguments);
@@ -50,12 +49,12 @@ TEST_F(BackupProgram, JobRulesAreFollowed)
     const std::string job = directory.Write(
         "job", JobText("include " + docs + " recursive any; exclude " + docs + " recursive glob=*.tmp"));
     const ProgramResult result = Run(0, {"backup", "--job", job, "--verbose"});
-    EXPECT_EQ(Stored(), (Paths{"/docs/a.txt", "/docs/deep", "/docs/deep/d"}));
-    EXPECT_TRUE(Holds(result.output, "2 excluded"));
+    EXPECT_EQ(Stored(), (Paths{"/docs", "/docs/a.txt", "/docs/deep", "/docs/deep/d"}));
+    EXPECT_TRUE(Holds(result.output, " 2 excluded"));
     EXPECT_TRUE(Holds(result.errors, source + "/docs/deep/c.tmp"));
 
     Run(0, {"backup", "--job", job, source + "/other"});
-    EXPECT_EQ(Stored(), (Paths{"/docs/a.txt", "/docs/deep", "/docs/deep/d", "/other", "/other/e"}));
+    EXPECT_EQ(Stored(), (Paths{"/docs", "/docs/a.txt", "/docs/deep", "/docs/deep/d", "/other", "/other/e"}));
 }
 
 TEST_F(BackupProgram, FileAtPlaceOfRuleIsStored)
@@ -63,12 +62,13 @@ TEST_F(BackupProgram, FileAtPlaceOfRuleIsStored)
     MakeTree(source, {Dir("dir"), File("dir/file", "1"), File("dir/more", "2"), Link("link", "dir")});
     const std::string file = " " + source + "/dir/file", dir = " " + source + "/dir",
                       link = " " + source + "/link";
+    // Nothing is stored if there are no paths.
     const std::tuple<std::string, Paths, std::string> cases[] = {
-        {"include" + file + " recursive any", {"/dir/file"}, ""},
-        {"include" + file + " glob=*", {"/dir/file"}, ""},
-        {"include" + dir + " exact=more; include" + file + " any", {"/dir/file", "/dir/more"}, ""},
+        {"include" + file + " recursive any", {"/dir", "/dir/file"}, ""},
+        {"include" + file + " glob=*", {"/dir", "/dir/file"}, ""},
+        {"include" + dir + " exact=more; include" + file + " any", {"/dir", "/dir/file", "/dir/more"}, ""},
         {"include" + file + " any; exclude" + dir + " exact=file", {}, "excluded: " + source + "/dir/file"},
-        {"include" + file + " exact=file", {}, "Warning: nothing was stored, so the snapshot has no entries"},
+        {"include" + file + " exact=file", {}, "error: Nothing was selected that could be stored"},
         {"include" + link + " recursive any",
          {"/link"},
          "Warning: " + source + "/link is a link, which is stored"},
@@ -76,8 +76,11 @@ TEST_F(BackupProgram, FileAtPlaceOfRuleIsStored)
     for (const auto& [rules, stored, expected] : cases) {
         SCOPED_TRACE(rules);
         const std::string job = directory.Write("job", JobText(rules));
-        EXPECT_TRUE(Holds(Run(0, {"backup", "--verbose", "--job", job}).errors, expected));
-        EXPECT_EQ(Stored(), stored);
+        const std::size_t before = CountSnapshots();
+        EXPECT_TRUE(
+            Holds(Run(stored.empty() ? 1 : 0, {"backup", "--verbose", "--job", job}).errors, expected));
+        EXPECT_EQ(CountSnapshots() == before, stored.empty());
+        EXPECT_TRUE(stored.empty() || Stored() == stored) << ::testing::PrintToString(Stored());
     }
 }
 
@@ -123,34 +126,35 @@ TEST_F(BackupProgram, ImplausibleRulesAreReportedFirst)
         std::string text = JobText(rules);
         if (!from.empty())
             text.replace(text.find(from), from.size(), to);
-        std::filesystem::remove_all(store);
-        const std::string errors = Run(exitCode, {"backup", "--job", directory.Write("job", text)}).errors;
+        const std::string errors =
+            Run(exitCode, {"backup", "--dry-run", "--job", directory.Write("job", text)}).errors;
         EXPECT_TRUE(expected.empty() ? errors.empty() : bool(Holds(errors, expected))) << errors;
-        EXPECT_EQ(std::filesystem::exists(store), exitCode == 0);
     }
 }
 
-TEST_F(BackupProgram, StoreIsLeftOut)
+TEST_F(BackupProgram, RepositoryIsLeftOut)
 {
     MakeTree(source, {File("file", "x")});
-    store = source + "/store";
-    for (int run = 0; run < 2; ++run) {
-        Run(0, {"backup", source});
-        EXPECT_EQ(Stored(), (Paths{"", "/file"}));
+    std::filesystem::rename(repository, source + "/repo");
+    repository = source + "/repo";
+    for (const char* place : {"", "local:"}) {
+        const ProgramResult result =
+            Run(0, {"backup", source}, {}, {"KBAGENT_REPOSITORY=" + (place + repository)});
+        EXPECT_TRUE(Holds(result.errors, repository + " is the repository itself")) << place;
+        EXPECT_EQ(Stored(), Paths{"/file"});
     }
-    const ProgramResult inside = RunProgram({"backup", "--store", store, store + "/objects"});
-    EXPECT_TRUE(Holds(inside.errors, store + "/objects is the store itself"));
-    EXPECT_EQ(Stored(), Paths());
+    Run(1, {"backup", repository + "/data"});
+    EXPECT_EQ(CountSnapshots(), 2u);
 }
 
 TEST_F(BackupProgram, PathBelowUnlistableDirectoryIsReached)
 {
     MakeTree(source, {Dir("passage"), Dir("passage/open"), File("passage/open/file", "x")});
-    chmod(directory.Path().c_str(), 0777);
+    GiveToOrdinaryUser();
     chmod((source + "/passage").c_str(), 0311);
     Run(0, {"backup", source + "/passage/open"}, {.user = OrdinaryUser});
     chmod((source + "/passage").c_str(), 0755);
-    EXPECT_EQ(Stored(), (Paths{"/passage/open", "/passage/open/file"}));
+    EXPECT_EQ(Stored(), (Paths{"/passage", "/passage/open", "/passage/open/file"}));
 }
 
 TEST(HardLinks, ChangedFileIsReadAgain)

@@ -2,8 +2,7 @@
 #include "agent/Cli/Command.h"
 #include "agent/Run/Text.h"
 
-#include "testing/ProgramFixture.h"
-#include "testing/StoreFiles.h"
+#include "testing/RepositoryFixture.h"
 
 #include <algorithm>
 #include <csignal>
@@ -52,11 +51,12 @@ TEST(Text, InvisibleCharactersAreEscaped)
     }
 }
 
-class Cli : public Testing::ProgramFixture
+class Cli : public Testing::RepositoryFixture
 {
 protected:
     void SetUp() override
     {
+        Create();
         directory.Write("tree/[a,b]/file", "content");
         directory.MakeDirectory("tree/{}");
         Run(0, {"backup", directory / "tree"});
@@ -65,56 +65,49 @@ protected:
 
 TEST_F(Cli, ExitCodeDependsOnKindOfFailure)
 {
-    directory.Write("store/snapshots/9-damaged", "no snapshot");
-    const std::string to = directory / "to", inStore = store + "/objects/../new/x", none = directory / "none";
+    const std::string badId(64, 'a'), to = directory / "to", none = directory / "none";
+    const std::string inside = repository + "/data/../new/x";
     const std::string damaged = directory.Write("damaged.json", "{\"includes\": [");
     const std::string halfRules = directory.Write("half.json", "{\"includes\": []}");
     const std::string noIncludes = directory.Write("none.json", "\xEF\xBB\xBF"
                                                                 R"({"includes": [], "excludes": []})");
     const std::string huge = directory.Write("huge.json", "");
     std::filesystem::resize_file(huge, (512u << 20) + 1);
-    std::filesystem::create_directory(store + "/snapshots/8-directory");
     // The text is in standard output for exit code 0, otherwise in standard error.
+    directory.Write("repo/snapshots/" + badId, "no snapshot");
     const std::tuple<const char*, std::vector<std::string>, int, std::string> cases[] = {
         {"help", {"--help"}, 0, "Exit codes"},
-        {"help of a command", {"list", "--help"}, 0, "--snapshot ID"},
+        {"help of a command", {"ls", "--help"}, 0, "--recursive"},
         {"version", {"--version"}, 0, "kbagent 0."},
         {"no command", {}, 2, "kbagent: error: Name a command"},
-        {"channels without a log", {"--debug", "FileIo", "list", "--store", store}, 2, "--log"},
-        {"log nowhere", {"--log", store + "/x/log", "list", "--store", store}, 1, "Failed to open log: "},
+        {"channels without a log", {"--debug", "FileIo", "snapshots"}, 2, "--log"},
+        {"log nowhere", {"--log", none + "/log", "snapshots"}, 1, "Failed to open log: "},
         {"unknown command", {"steal"}, 2, "steal"},
-        {"unknown option", {"list", "--store", store, "--bogus\x1b"}, 2, "--bogus\\x1b"},
-        {"misspelt option", {"list", "--stor", store}, 2, " (did you mean --store by --stor?)"},
-        {"extra letter", {"list", "--store", store, "--jsson"}, 2, " (did you mean --json by --jsson?)"},
-        {"log after the command", {"list", "--store", store, "--log=x"}, 2, "--log must precede the command"},
-        {"missing option", {"list"}, 2, "--store is required"},
-        {"no store", {"list", "--store", store + "x"}, 1, "There is no store at"},
-        {"no snapshot", {"list", "--store", store, "--snapshot", "1"}, 1, "has no snapshot 1"},
-        {"damaged snapshot", {"list", "--store", store, "--snapshot", "9"}, 1, "is damaged at offset 0"},
-        {"unreadable one", {"list", "--store", store, "--snapshot", "8"}, 1, "t 8-directory: Failed to read"},
-        {"empty path", {"restore", "--store", store, "--to", to, ""}, 2, "is empty"},
-        {"no store", {"restore", "latest", "-t", to, "--snapshot", "2"}, 2, "--snapshot needs --store"},
-        {"a store", {"restore", "--store", store, "--to", to, "--delete"}, 2, "--delete can't be given"},
-        {"option without its value", {"restore", "--store", store, "--to=", to}, 2, "is empty: '--to='"},
-        {"name like an option", {"backup", "--store", to, "--", "--odd="}, 3, "--odd=: Failed to stat"},
-        {"into the store", {"restore", "--store", store, "--snapshot=2", "--to", inStore}, 1, "lies in it"},
-        {"restore of a damaged one", {"restore", "--store", store, "--to", to + "/x"}, 1, "is damaged"},
-        {"to a file", {"restore", "--store", store, "--snapshot=2", "--to", damaged}, 1, "to " + damaged},
-        {"neither path nor job", {"backup", "--store", store}, 2, "PATH"},
-        {"missing job", {"backup", "--store", store, "--job", none}, 1, none},
-        {"directory for a job", {"backup", "--store", store, "--job", store}, 1, "Is a directory"},
-        {"job without end", {"backup", "--store", store, "--job", huge}, 1, "is larger than 512 MiB"},
-        {"damaged job", {"backup", "--store", store, "--job", damaged}, 1, damaged},
-        {"job without excludes", {"backup", "--store", store, "--job", halfRules}, 1, "excludes"},
-        {"job without includes", {"backup", "--store", store, "--job", noIncludes}, 1, "includes nothing"},
-        {"empty job's name", {"backup", "--store", store, "--job", "", to}, 2, "is empty"},
-        {"way that is missing", {"backup", "--store", store, none + "/file"}, 1, none},
-        {"a damaged one", {"list", "--store", store}, 3, "Snapshot 9-damaged is damaged at offset 0"},
+        {"unknown option", {"snapshots", "--bogus\x1b"}, 2, "--bogus\\x1b"},
+        {"misspelt option", {"snapshots", "--jso"}, 2, " (did you mean --json by --jso?)"},
+        {"extra letter", {"snapshots", "--jsson"}, 2, " (did you mean --json by --jsson?)"},
+        {"log after the command", {"snapshots", "--log=x"}, 2, "--log must precede the command"},
+        {"missing option", {"restore", "latest"}, 2, "--target is required"},
+        {"missing snapshot", {"restore", "-t", to, "/x"}, 2, "as latest"},
+        {"empty path", {"restore", "latest", "-t", to, ""}, 2, "is empty"},
+        {"option without its value", {"restore", "latest", "--target=", to}, 2, "is empty: '--target='"},
+        {"name like an option", {"backup", "--", "--odd="}, 1, "--odd=: Failed to stat"},
+        {"into the repository", {"restore", "latest", "-t", inside}, 1, "lies in it"},
+        {"restore of a damaged one", {"restore", "aaaa", "-t", to + "/x"}, 1, "aaaa: "},
+        {"to a file", {"restore", "latest", "-t", damaged}, 1, damaged},
+        {"neither path nor job", {"backup"}, 2, "PATH"},
+        {"missing job", {"backup", "--job", none}, 1, none},
+        {"directory for a job", {"backup", "--job", repository}, 1, "Is a directory"},
+        {"job without end", {"backup", "--job", huge}, 1, "is larger than 512 MiB"},
+        {"damaged job", {"backup", "--job", damaged}, 1, damaged},
+        {"job without excludes", {"backup", "--job", halfRules}, 1, "excludes"},
+        {"job without includes", {"backup", "--job", noIncludes}, 1, "includes nothing"},
+        {"empty job's name", {"backup", "--job", "", to}, 2, "is empty"},
+        {"way that is missing", {"backup", none + "/file"}, 1, none},
     };
     for (const auto& [name, arguments, exitCode, expected] : cases) {
         SCOPED_TRACE(name);
-        const auto result = RunProgram(arguments);
-        EXPECT_EQ(result.exitCode, exitCode) << result.errors;
+        const auto result = Run(exitCode, arguments);
         EXPECT_TRUE(Testing::Holds(exitCode == 0 ? result.output : result.errors, expected));
     }
     EXPECT_FALSE(std::filesystem::exists(to + "/x")) << "a target for a damaged snapshot";
@@ -128,7 +121,7 @@ TEST_F(Cli, PathInBracketsIsOnePath)
     };
     for (const std::string name : {"[a,b]", "{}"}) {
         Run(0, {"backup", name}, {.prepare = enter});
-        EXPECT_EQ(Testing::StoredPaths(store, tree).front(), "/" + name);
+        EXPECT_EQ(Testing::StoredPaths(Open(), tree).front(), "/" + name);
     }
 }
 
@@ -139,13 +132,12 @@ TEST_F(Cli, LogDescribesRun)
         const std::string file = directory / "kbagent.log";
         std::filesystem::remove(file);
         arguments.insert(arguments.begin(), {"--log", directory / "${serviceName}.log"});
-        RunProgram(arguments);
+        Run(-1, arguments);
         return Testing::ReadFile(file);
     };
     const std::string missing = directory / "it's\nnot there", tree = directory / "tree";
-    const std::string whole =
-        logged({"--debug", "General,FileIo", "backup", "--store", store, tree, missing});
-    const std::string broken = logged({"list", "--store", missing});
+    const std::string whole = logged({"--debug", "General,FileIo", "backup", tree, missing});
+    const std::string broken = logged({"snapshots", "-r", missing});
     unsetenv("KBAGENT_CONFIG");
 
     // In this order.
@@ -156,15 +148,15 @@ TEST_F(Cli, LogDescribesRun)
                                  " General: Failed: " + missing.substr(0, missing.find('\n')) +
                                      "\\nnot there",
                                  " YFile: ",
-                                 " General: snapshot 2",
-                                 " General: 0 excluded, 1 failed\n",
+                                 " 0 excluded, 1 failed\n",
+                                 " General: snapshot ",
                                  " General: End: exit code 3\n"};
     for (const std::string& part : parts) {
         at = whole.find(part, at);
         ASSERT_NE(at, std::string::npos) << part << "\n" << whole;
     }
-    EXPECT_TRUE(Testing::Holds(broken, " General: Error: There is no store at "));
-    EXPECT_TRUE(Testing::Holds(broken, " General: End: exit code 1\n"));
+    EXPECT_TRUE(Testing::Holds(broken, " General: Error: "));
+    EXPECT_TRUE(Testing::Holds(broken, " General: End: exit code 10\n"));
 }
 
 TEST_F(Cli, LogOrConfigurationWithoutEffectCausesWarning)
@@ -180,10 +172,9 @@ TEST_F(Cli, LogOrConfigurationWithoutEffectCausesWarning)
         signal(SIGXFSZ, SIG_IGN);
         setrlimit(RLIMIT_FSIZE, &limit);
     };
-    const auto result = RunProgram({"--log", full, "--debug", "General, Fileio", "list", "--store", store},
-                                   {.prepare = limitFiles});
+    const auto result =
+        Run(0, {"--log", full, "--debug", "General, Fileio", "snapshots"}, {.prepare = limitFiles});
     unsetenv("KBAGENT_CONFIG");
-    EXPECT_EQ(result.exitCode, 0);
     EXPECT_TRUE(Testing::Holds(result.errors, "Warning: the log has no channel 'Fileio'"));
     EXPECT_TRUE(Testing::Holds(result.errors, "Warning: messages that could not be written to the log: "));
     EXPECT_TRUE(Testing::Holds(result.errors, "stray.conf has debugOutput before any section"));
@@ -194,12 +185,11 @@ TEST_F(Cli, UnusableConfigurationIsReportedBeforeBackup)
     const std::string begin = "[configuration]\n", file = directory / "bad.conf";
     for (const std::string text : {"disableXattr", "disableXattr=maybe", "walkIntoUnknownMountPoints="}) {
         setenv("KBAGENT_CONFIG", directory.Write("bad.conf", begin + text + "\n").c_str(), 1);
-        const auto result = RunProgram({"backup", "--store", store + "2", directory / "tree"});
-        EXPECT_EQ(result.exitCode, 1) << text;
+        const auto result = Run(1, {"backup", directory / "tree"});
         EXPECT_TRUE(Testing::Holds(result.errors, "onfiguration " + file)) << text;
     }
     unsetenv("KBAGENT_CONFIG");
-    EXPECT_FALSE(std::filesystem::exists(store + "2"));
+    EXPECT_EQ(CountSnapshots(), 1u);
 }
 
 TEST_F(Cli, LostOutputFailsWithoutUndoingWork)
@@ -213,15 +203,13 @@ TEST_F(Cli, LostOutputFailsWithoutUndoingWork)
         dup2(ends[1], STDOUT_FILENO);
         close(ends[0]);
     };
-    EXPECT_TRUE(Testing::Holds(Run(1, {"list"}, {.prepare = toFull}).errors, "No space left"));
-    EXPECT_EQ(Run(141, {"list"}, {.prepare = toClosedPipe}).errors, "");
+    EXPECT_TRUE(Testing::Holds(Run(1, {"snapshots"}, {.prepare = toFull}).errors, "No space left"));
+    EXPECT_EQ(Run(141, {"snapshots"}, {.prepare = toClosedPipe}).errors, "");
     const std::string made = " was created, but its summary is lost: Failed to write to standard output: ";
     EXPECT_TRUE(Testing::Holds(Run(3, {"backup", directory / "tree"}, {.prepare = toFull}).errors, made));
     EXPECT_TRUE(
         Testing::Holds(Run(3, {"backup", directory / "tree"}, {.prepare = toClosedPipe}).errors, made));
-    const std::string listed = Run(0, {"list"}).output;
-    EXPECT_EQ(std::count(listed.begin(), listed.end(), '\n'), 3);
-    Run(3, {"restore", "--to", target}, {.prepare = toFull});
+    EXPECT_EQ(CountSnapshots(), 3u);
 }
 
 TEST_F(Cli, InterruptEndsListWhoseReaderWaits)
@@ -243,7 +231,7 @@ TEST_F(Cli, InterruptEndsListWhoseReaderWaits)
             kill(program, SIGINT);
         _exit(0);
     };
-    const auto result = Run(130, {"list", "--snapshot", "latest"}, {.prepare = toFullPipe});
+    const auto result = Run(130, std::vector<std::string>{"ls", "latest"}, {.prepare = toFullPipe});
     EXPECT_TRUE(Testing::Holds(result.errors, "kbagent: error: "));
 }
 
@@ -255,7 +243,7 @@ TEST_F(Cli, WrongArgumentNamesHelpOfCommand)
         {{"backup"}, "kbagent backup"},
         {{"-r", "x", "service", "install"}, "kbagent service install"},
         {{"trust", "--pin", "", "a:1"}, "kbagent trust"},
-        {{"backup", "--store", store}, "kbagent backup"},
+        {{"restore", "latest"}, "kbagent restore"},
         {{"service", "install", "--bogus"}, "kbagent service install"},
     };
     for (const auto& [arguments, command] : cases) {

@@ -74,12 +74,12 @@ protected:
         return Reason("The job file", name,
                       [](const auto& path) { Agent::RequireOwnFile("The job file", path); });
     }
-    std::string ReasonForTarget(const std::string& name, const std::string& store = "/proc") const
+    std::string ReasonForTarget(const std::string& name, const std::string& repository = "/proc") const
     {
         return Reason("The target", name, [&](const auto& path) {
             Agent::Report report;
-            const auto source = Krt::File::YDirectory::OpenToSearch(store.c_str());
-            Agent::OpenTarget(path, &source, "the store", report);
+            const auto source = Krt::File::YDirectory::OpenToSearch(repository.c_str());
+            Agent::OpenTarget(path, &source, "the repository", report);
         });
     }
 
@@ -187,11 +187,11 @@ TEST_F(FileGuard, LogInSharedDirectoryIsCreatedFirst)
 
 TEST_F(FileGuard, ProgramRefusesEach)
 {
-    const std::string file = directory / "open/file", store = directory / "own/store";
+    const std::string file = directory / "open/file", none = directory / "none";
     const std::tuple<const char*, std::string, std::vector<std::string>> rows[] = {
-        {"The configuration", file, {"backup", "--store", store, directory / "own"}},
-        {"The log", "/dev/null", {"--log", file, "backup", "--store", store, directory / "own"}},
-        {"The job file", "/dev/null", {"backup", "--store", store, "--job", file}},
+        {"The configuration", file, {"backup", "-r", none, directory / "own"}},
+        {"The log", "/dev/null", {"--log", file, "backup", "-r", none, directory / "own"}},
+        {"The job file", "/dev/null", {"backup", "-r", none, "--job", file}},
     };
     for (const auto& [what, configuration, arguments] : rows) {
         setenv("KBAGENT_CONFIG", configuration.c_str(), 1);
@@ -201,7 +201,6 @@ TEST_F(FileGuard, ProgramRefusesEach)
                                      (directory / "open") + " can be written to by others (mode 0777)\n");
     }
     unsetenv("KBAGENT_CONFIG");
-    EXPECT_FALSE(fs::exists(store));
     EXPECT_EQ(ReadFile(file), "");
 }
 

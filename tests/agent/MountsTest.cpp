@@ -6,8 +6,8 @@
 
 #include "testing/Configuration.h"
 #include "testing/MountNamespace.h"
-#include "testing/ProgramFixture.h"
 #include "testing/Raises.h"
+#include "testing/RepositoryFixture.h"
 #include "testing/SelectionText.h"
 
 #include "agent/Run/Text.h"
@@ -39,30 +39,32 @@ std::string Shown(const std::string& path)
     return Agent::Printable(std::string_view(path));
 }
 
-// Each run has a store of its own and the configuration that is given.
+// Each run has the configuration that is given.
 class Walk
 {
 public:
-    explicit Walk(const MountNamespace& space) : m_space(space) {}
+    explicit Walk(const MountNamespace& space)
+    {
+        Testing::CreateRepository(space / "repo", "secret");
+        setenv("KBAGENT_REPOSITORY", (space / "repo").c_str(), 1);
+        setenv("KBAGENT_PASSWORD", "secret", 1);
+    }
 
     ProgramResult Run(int exitCode, const std::string& configuration, List arguments)
     {
         m_configuration.Set(configuration);
-        const std::string store = m_space / "store" + std::to_string(++m_runs);
-        arguments.insert(arguments.begin(), {"backup", "--store", store});
+        arguments.insert(arguments.begin(), "backup");
         const ProgramResult result = Testing::RunProgram(arguments);
         EXPECT_EQ(result.exitCode, exitCode) << result.errors;
-        const ProgramResult list = Testing::RunProgram({"list", "--store", store, "--snapshot", "latest"});
+        const ProgramResult list = Testing::RunProgram({"ls", "--no-lock", "latest"});
         EXPECT_EQ(list.exitCode, 0) << list.errors;
         m_list = list.output;
         return result;
     }
-    bool Stored(const std::string& path) const { return Holds(m_list, " " + Shown(path) + "\n"); }
+    bool Stored(const std::string& path) const { return Holds(m_list, "\n" + Shown(path) + "\n"); }
 
 private:
-    const MountNamespace& m_space;
     const Testing::Configuration m_configuration;
-    int m_runs = 0;
     std::string m_list;
 };
 
@@ -195,7 +197,7 @@ TEST(OddMounts, ASubvolumeIsABoundaryThatNoTableLists)
             {"as it is", "", {tree}, 3, false, false},
             {"listed", "IncludedMountpoints=" + subvolume, {tree}, 3, false, false},
             {"with the key", "walkIntoUnknownMountPoints=1", {tree}, 0, true, true},
-            {"named", "", {subvolume}, 3, false, true},
+            {"named", "", {subvolume}, 3, true, true},
             {"excluded", "", {"--job", space / "job"}, 0, false, false},
         };
         Walk walk(space);

@@ -1,13 +1,13 @@
-// Names of any bytes are recovered from records, stores, logs and terminals, and do not forge lines.
+// Names of any bytes are recovered from records, repositories, logs and terminals, and do not forge lines.
 #include "agent/Run/Text.h"
 
 #include "testing/AwkwardNames.h"
 #include "testing/LogCapture.h"
-#include "testing/ProgramFixture.h"
 #include "testing/Records.h"
+#include "testing/RepositoryFixture.h"
 #include "testing/SelectionText.h"
-#include "testing/StoreFiles.h"
 
+#include "Krt/File/YDirectory.h"
 #include "Krt/Log/LogSite.h"
 
 #include <algorithm>
@@ -82,9 +82,11 @@ TEST(Names, TerminalAndLogDistinguishThem)
     EXPECT_EQ(Difference(NamesIn(log.Text(), "/x", "."), AwkwardNames()), NameSet());
 }
 
-class NamesOnDisk : public ProgramFixture
+class NamesOnDisk : public RepositoryFixture
 {
 protected:
+    NamesOnDisk() { Create(); }
+
     void Make(const NameSet& made)
     {
         names = made;
@@ -105,8 +107,8 @@ protected:
     void BackUpListAndRestore() const
     {
         Run(0, {"backup", source});
-        ExpectAllPrinted(OutputOf(0, {"list", "--snapshot", "latest"}));
-        Run(0, {"restore", "--to", target});
+        ExpectAllPrinted(OutputOf(0, {"ls", "latest"}));
+        Run(0, {"restore", "latest", "--target", target});
         EXPECT_EQ(Difference(NamesInDirectory(target + source), names), NameSet());
     }
 
@@ -118,43 +120,29 @@ TEST_F(NamesOnDisk, AwkwardNamesAreRestoredAndForgeNoLine)
     Make(AwkwardNames());
     BackUpListAndRestore();
 
-    std::istringstream documents(Run(0, {"list", "--snapshot", "latest", "--json"}).output);
+    std::istringstream documents(Run(0, "ls latest --json").output);
     for (std::string line; std::getline(documents, line);)
         EXPECT_TRUE(YValue::Parse(line) && IsSteady(line)) << line;
 
     for (const std::string& name : names)
         fs::create_directories(directory / "full" + source + "/" + name);
-    ExpectAllPrinted(OutputOf(3, {"restore", "--to", directory / "full"}),
-                     ": There is a directory at its path");
+    ExpectAllPrinted(OutputOf(3, {"restore", "latest", "--target", directory / "full"}),
+                     ": There is a directory at its path; --delete replaces it");
 
     const std::string rules = "include " + source + " recursive any; exclude " + source + " recursive glob=*";
     const std::string job = directory.Write("job", JobText(rules));
     const std::string said = "FileStat,FileIo,FileInfo,FileClose",
                       more = ",General,Runtime,Volume,SelectionBuild,SelectionQuery";
-    ExpectAllPrinted(RunProgram({"--log", directory / "log", "--debug", said + more, "backup", "--store",
-                                 store, "--verbose", "--job", job})
-                         .errors);
-    RunProgram({"--log", directory / "log", "--debug", said, "backup", "--store", store, source});
+    ExpectAllPrinted(
+        Run(-1, {"--log", directory / "log", "--debug", said + more, "backup", "--verbose", "--job", job})
+            .errors);
+    Run(0, {"--log", directory / "log", "--debug", said, "backup", source});
     std::istringstream log(ReadFile(directory / "log"));
     for (std::string line; std::getline(log, line);) {
         const bool begins = line.size() > 40 && line[4] == '-' && line[10] == 'T' &&
                             (line.substr(29, 6) == " INFO " || line.substr(29, 7) == " TRACE ");
         ASSERT_TRUE(begins && IsSteady(line)) << line;
     }
-}
-
-TEST_F(NamesOnDisk, ForeignSnapshotSendsNoControlsToTerminal)
-{
-    Make({"name"});
-    Run(0, {"backup", source});
-    const std::string snapshot = fs::directory_iterator(store + "/snapshots")->path();
-    std::string lines = ReadCompressed(snapshot);
-    for (std::size_t at = 0; (at = lines.find("{\"record\"", at)) != std::string::npos; at += 3)
-        lines.insert(at + 1, "\r\t");
-    WriteCompressed(snapshot, lines);
-    const std::string listed = OutputOf(1, {"list", "--snapshot", "latest", "--json"});
-    EXPECT_TRUE(Holds(listed, "{  \"record\":"));
-    EXPECT_EQ(listed.find_first_of("\r\t"), std::string::npos) << listed;
 }
 
 // Every name of one byte or two; without optimisation every sixteenth.
@@ -174,7 +162,7 @@ TEST_F(NamesOnDisk, ComposedAndDecomposedNamesStayDistinct)
     for (const std::string& name : names) {
         const std::string job = directory.Write("job", JobText("include " + source + " exact=" + name));
         Run(0, {"backup", "--job", job});
-        EXPECT_EQ(StoredPaths(store, source), std::vector<std::string>{"/" + name});
+        EXPECT_EQ(Stored(), std::vector<std::string>{"/" + name});
     }
 }
 

@@ -53,11 +53,11 @@ TEST_F(ServiceCommandTest, ActionsChangeStatus)
     EXPECT_EQ(Run({"delete", "kb"}), "1 kbagent: error: Service kb is not installed\n");
     EXPECT_EQ(services.programs.lines.find(" stop "), std::string::npos);
     EXPECT_EQ(Run({"install", "kb", "--program", "/bin/../bin/sh", "--description", "Nightly", "--", "backup",
-                   "--store=x", "[a]", "--"}),
+                   "--repo=x", "[a]", "--"}),
               "0 kb: installed\n");
     const std::string unit = Testing::ReadFile(m_unit);
     EXPECT_NE(unit.find("Description=Nightly\n"), std::string::npos) << unit;
-    EXPECT_NE(unit.find("\"/bin/../bin/sh\" \"backup\" \"--store=x\" \"[a]\" \"--\"\n"), std::string::npos)
+    EXPECT_NE(unit.find("\"/bin/../bin/sh\" \"backup\" \"--repo=x\" \"[a]\" \"--\"\n"), std::string::npos)
         << unit;
     EXPECT_EQ(Run({"status", "kb"}), "4 kb: stopped\n");
     EXPECT_EQ(Run({"start", "kb"}), "0 kb: started\n");

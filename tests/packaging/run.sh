@@ -54,8 +54,8 @@ completes() {
     [ "${COMPREPLY[*]}" = "$expected" ] || fail "completing '$*': ${COMPREPLY[*]}"
 }
 completes "trust" tr
-completes "--store" backup --st
-completes "--snapshot" --log /tmp/x list --store /tmp/y --sn
+completes "--skip-if-unchanged" backup --sk
+completes "--sort" --log /tmp/x ls --repo /tmp/y --so
 completes "start stop status" service st
 completes "snapshots" -r /tmp/x --retry-lock 1m snap
 completes "list" key li
