@@ -105,7 +105,8 @@ bool FaultStrikes(FaultDomain domain, const char* call)
     FaultRun& run = g_faultRun;
     if (!run.isArmed)
         return false;
-    const unsigned long number = ++run.calls[static_cast<int>(domain)];
+    const unsigned long number =
+        __atomic_add_fetch(&run.calls[static_cast<int>(domain)], 1, __ATOMIC_RELAXED);
     if (run.kind == nullptr)
         return false;
     const bool isStruck = *StruckCall() != '\0';
@@ -113,7 +114,7 @@ bool FaultStrikes(FaultDomain domain, const char* call)
         return isStruck && run.kind->starves && !IsSystemCall(domain);
     if (number < run.target || number - run.target >= run.kind->inARow)
         return false;
-    if (!isStruck)
+    if (number == run.target)
         std::strncpy(s_shared.struck, call, sizeof s_shared.struck - 1);
     s_shared.isOpenSslStruck |= std::strcmp(call, "getentropy") == 0;
     if (IsSystemCall(domain))

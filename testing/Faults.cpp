@@ -222,6 +222,13 @@ bool Faults::CouldCleanUp() const
     return kind->inARow == 1 && !std::string_view(StruckCall()).starts_with("unlink");
 }
 
+bool Faults::HadMemory() const
+{
+    const FaultKind* const kind = g_faultRun.kind;
+    return kind == nullptr ||
+           !(kind->starves || (kind->domain == FaultDomain::Memory && kind->inARow == ForGood));
+}
+
 void CheckWithFaults(const Scenario& scenario, Names notRepeated, FirstUse firstUse)
 {
     const char* const form = std::getenv("BACKUP_FAULTS");

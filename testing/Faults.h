@@ -2,7 +2,8 @@
 // fault, and checks the state after each failure. A fault strikes once or for good. Each run is a child
 // process, which then repeats the scenario without a fault. That shows leaks in the balance of allocations,
 // and damage by the fault. Calls of the C library, operator new and OpenSSL's allocations of the executable
-// and its shared libraries are counted. For work on one thread.
+// and its shared libraries are counted. Work on several threads makes its calls in another order in each run,
+// so the scenario can't rely on which of them a fault strikes.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -35,6 +36,8 @@ public:
     /// Returns true if the work could clean up: no system call that removes something failed, and not all
     /// calls failed from then on.
     bool CouldCleanUp() const;
+    /// Returns true unless all allocations failed from the fault on.
+    bool HadMemory() const;
     bool EndedWell() const { return m_endedWell; }
 
 private:

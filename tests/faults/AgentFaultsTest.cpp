@@ -1,16 +1,14 @@
 // Backups, restores, certificates and services while each call and each allocation fails in its turn.
 #include "agent/Cli/Program.h"
-#include "agent/Repository/LocalBackend.h"
-#include "agent/Repository/Repository.h"
 
 #include "Backup/Core/OpenSSL.h"
 
 #include "testing/Configuration.h"
 #include "testing/Faults.h"
 #include "testing/Raises.h"
+#include "testing/RepositoryFixture.h"
 #include "testing/SelectionText.h"
 #include "testing/Services.h"
-#include "testing/StoreFiles.h"
 #include "testing/TemporaryDirectory.h"
 #include "testing/Tree.h"
 #include "testing/TrustScene.h"
@@ -40,13 +38,15 @@ protected:
                   File("large", std::string(200000, 'l')), Hard("hard", "large"), Link("link", "d/small"),
                   Fifo("fifo")});
         source = directory / "source";
-        store = directory / "store";
+        repository = directory / "repository";
     }
 
     // Under faults; the exit code.
     int Run(Faults& faults, std::vector<std::string> arguments) const
     {
+        setenv("KBAGENT_PASSWORD", "secret", 1); // which the program removes
         arguments.insert(arguments.begin(), "kbagent");
+        arguments.insert(arguments.end(), {"-r", repository});
         std::vector<char*> vector;
         for (std::string& argument : arguments)
             vector.push_back(argument.data());
@@ -66,71 +66,58 @@ protected:
         EXPECT_NE(exitCode, -1) << "the program ended by an exception";
         return exitCode;
     }
-    // Everything that the store names can be read and is right; returns the number of snapshots.
-    std::size_t CheckStore() const
+    // Everything that the repository names can be read and is right; returns the number of snapshots.
+    std::size_t CheckRepository() const
     {
-        if (!fs::exists(store + "/kbagent-store"))
-            return 0;
-        const Agent::Store opened = Agent::Store::Open(store);
-        const std::vector<std::string> ids = opened.ListSnapshots();
-        for (const std::string& id : ids) {
-            Agent::SnapshotReader reader(opened, id);
-            reader.Verify();
-            for (Agent::SnapshotEntry entry; reader.Next(entry);) {
-                if (!entry.content)
-                    continue;
-                const auto record = Backup::File::YMetadataBase::ConstructFromJson(entry.record);
-                const std::string path = record->GetFilePath(0).GetFilesystemPortion().Bytes();
-                EXPECT_EQ(ReadObject(opened, *entry.content, fs::file_size(path)), ReadFile(path)) << path;
-            }
+        const Agent::Repo::Repository opened = OpenRepository(repository, "secret");
+        const std::vector<Agent::Repo::StoredSnapshot> snapshots = opened.LoadSnapshots();
+        for (const Agent::Repo::StoredSnapshot& stored : snapshots) {
+            const auto check = [&](const std::string& path, Agent::Repo::Node& node) {
+                std::string content;
+                Agent::Repo::Bytes blob;
+                for (const Agent::Repo::Id& id : node.content.value_or(std::vector<Agent::Repo::Id>())) {
+                    opened.LoadBlob({Agent::Repo::BlobType::Data, id}, blob);
+                    content += Agent::Repo::AsText(blob);
+                }
+                EXPECT_TRUE(node.type != Agent::Repo::NodeType::File || content == ReadFile(path)) << path;
+                return Agent::Step::Into;
+            };
+            Agent::WalkTree(
+                opened, stored.snapshot.tree, "", check,
+                [](const std::string& path, const Krt::Exception::YError&) { ADD_FAILURE() << path; });
         }
-        return ids.size();
-    }
-    // A backup of `entries` entries into a store of `before` snapshots.
-    void CheckBackup(Faults& faults, std::vector<std::string> what, std::size_t entries,
-                     std::size_t before) const
-    {
-        what.insert(what.begin(), {"backup", "--store", store});
-        const int exitCode = Run(faults, what);
-        const std::size_t snapshots = CheckStore();
-        EXPECT_GE(snapshots, before + (exitCode == 0 || exitCode == 3));
-        if (exitCode == 0) {
-            EXPECT_EQ(StoredPaths(store, source).size(), entries);
-        }
-        if (!faults.CouldCleanUp() || !fs::exists(store + "/tmp"))
-            return;
-        for (const fs::directory_entry& entry : fs::directory_iterator(store + "/tmp"))
-            EXPECT_EQ(entry.path().filename(), Abandoned); // which a later run removes
+        return snapshots.size();
     }
 
-    const std::string Abandoned = "0123456789abcdef.7";
     const TemporaryDirectory directory;
     const NoConfiguration configuration;
     std::string source;
-    std::string store;
+    std::string repository;
 };
 
-TEST_F(AgentFaults, BackupIntoNewStore)
+TEST_F(AgentFaults, Backup)
 {
     const std::string rules = "include " + directory.Path() + " exact=source explicit; include " + source;
     const std::string job = directory.Write("job", JobText(rules + " recursive any"));
-    CheckWithFaults([&](Faults& faults) {
-        fs::remove_all(store);
-        CheckBackup(faults, {"--job", job}, 8, 0);
-    });
-}
-
-TEST_F(AgentFaults, BackupIntoExistingStore)
-{
+    CreateRepository(repository, "secret");
     Faults none;
-    CheckBackup(none, {source + "/d"}, 3, 0);
-    const std::string before = directory / "before";
-    fs::rename(store, before);
+    EXPECT_EQ(Run(none, {"backup", source + "/d"}), 0);
+    const auto before = FilesBelow(repository);
     CheckWithFaults([&](Faults& faults) {
-        fs::remove_all(store);
-        fs::copy(before, store, fs::copy_options::recursive);
-        directory.Write("store/tmp/" + Abandoned, "left by a run that crashed");
-        CheckBackup(faults, {source}, 8, 1);
+        for (const fs::path& file : FilesBelow(repository)) {
+            if (!std::binary_search(before.begin(), before.end(), file))
+                fs::remove(file);
+        }
+        const int exitCode = Run(faults, {"backup", "--job", job});
+        EXPECT_GE(CheckRepository(), exitCode == 0 || exitCode == 3 ? 2u : 1u);
+        if (exitCode == 0) {
+            EXPECT_EQ(StoredPaths(OpenRepository(repository, "secret"), source).size(), 7u);
+        }
+        for (const fs::path& file : FilesBelow(repository)) {
+            const bool isLeft =
+                file.string().find("-tmp-") != std::string::npos || file.parent_path().filename() == "locks";
+            EXPECT_FALSE(isLeft && faults.CouldCleanUp() && faults.HadMemory()) << file;
+        }
     });
 }
 
@@ -143,13 +130,7 @@ protected:
     }
     std::shared_ptr<Agent::Repo::IBackend> Backend() const
     {
-        return std::make_shared<Agent::Repo::LocalBackend>(store.c_str());
-    }
-    Agent::Repo::Repository Create(std::string_view password) const
-    {
-        Agent::Repo::CreateOptions options;
-        options.cost = {16, 1, 1};
-        return Agent::Repo::Repository::Create(Backend(), Password(password), options);
+        return std::make_shared<Agent::Repo::LocalBackend>(repository.c_str());
     }
     bool IsOpenedBy(std::string_view password) const
     {
@@ -158,7 +139,7 @@ protected:
     std::size_t CountKeys() const
     {
         return static_cast<std::size_t>(
-            std::distance(fs::directory_iterator(store + "/keys"), fs::directory_iterator()));
+            std::distance(fs::directory_iterator(repository + "/keys"), fs::directory_iterator()));
     }
 };
 
@@ -166,11 +147,11 @@ TEST_F(RepositoryFaults, AFailedCreationCanBeRepeated)
 {
     Backend()->Prepare(); // here, since its 256 directories take much time in each run
     CheckWithFaults([&](Faults& faults) {
-        fs::remove(store + "/config");
-        for (const fs::directory_entry& key : fs::directory_iterator(store + "/keys"))
+        fs::remove(repository + "/config");
+        for (const fs::directory_entry& key : fs::directory_iterator(repository + "/keys"))
             fs::remove(key);
-        if (!faults.TryAll([&] { Create("first"); }) && faults.CouldCleanUp())
-            Create("first");
+        if (!faults.TryAll([&] { CreateRepository(repository, "first"); }) && faults.CouldCleanUp())
+            CreateRepository(repository, "first");
         if (faults.CouldCleanUp()) {
             EXPECT_TRUE(IsOpenedBy("first"));
             EXPECT_EQ(CountKeys(), 1u);
@@ -180,16 +161,16 @@ TEST_F(RepositoryFaults, AFailedCreationCanBeRepeated)
 
 TEST_F(RepositoryFaults, AKeyIsReplacedOrRemains)
 {
-    Create("first");
+    CreateRepository(repository, "first");
     const std::string before = directory / "before";
-    fs::rename(store, before);
+    fs::rename(repository, before);
     CheckWithFaults([&](Faults& faults) {
-        fs::remove_all(store);
-        fs::copy(before, store, fs::copy_options::recursive);
-        auto repository = Agent::Repo::Repository::Open(Backend(), Password("first"));
+        fs::remove_all(repository);
+        fs::copy(before, repository, fs::copy_options::recursive);
+        auto opened = Agent::Repo::Repository::Open(Backend(), Password("first"));
         Agent::Repo::KeyOptions options;
         options.cost = {16, 1, 1};
-        const bool isDone = faults.TryAll([&] { repository.ReplaceKey(Password("second"), options); });
+        const bool isDone = faults.TryAll([&] { opened.ReplaceKey(Password("second"), options); });
         EXPECT_TRUE(IsOpenedBy("second") || (!isDone && IsOpenedBy("first")));
         if (isDone) {
             EXPECT_EQ(CountKeys(), 1u);
@@ -201,12 +182,13 @@ TEST_F(AgentFaults, Restore)
 {
     // Not every user may create a device or such an attribute, nor every file system store it.
     MakeTree(source, {File("hole", "h" + std::string(100000, '\0'))});
-    const bool hasDevice = mknod((source + "/device").c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0;
+    mknod((source + "/device").c_str(), S_IFCHR | 0600, makedev(1, 3));
     for (const char* const name : {"/large", "/d"})
         setxattr((source + name).c_str(), "user.test", "value", 5, 0);
     lsetxattr((source + "/link").c_str(), "trusted.test", "value", 5, 0);
     Faults none;
-    CheckBackup(none, {source}, hasDevice ? 10 : 9, 0);
+    CreateRepository(repository, "secret");
+    EXPECT_EQ(Run(none, {"backup", source}), 0);
     const std::string target = directory / "target", restored = target + source;
     const std::string right = DescribeTree(source);
     CheckWithFaults([&](Faults& faults) {
@@ -214,7 +196,7 @@ TEST_F(AgentFaults, Restore)
         fs::remove_all(target);
         directory.Write("target" + source + "/large", "old");
         mkdir((restored + "/d").c_str(), 0500); // closed to its owner
-        const int exitCode = Run(faults, {"restore", "--store", store, "--to", target});
+        const int exitCode = Run(faults, {"restore", "--no-lock", "latest", "--target", target});
         if (exitCode == 0) {
             EXPECT_EQ(DescribeTree(restored), right);
         }
