@@ -1,22 +1,23 @@
 #!/usr/bin/env bash
-# bench/load.sh [COUNT] [DIRECTORY]: the program under load. COUNT files (1000000) are backed up twice, listed,
-# restored and compared; backed up under a job of COUNT rules; and COUNT records go through a conversion. One
-# line per run reports its seconds and its peak memory; no run may open more than 32 descriptors. Files are created
-# below DIRECTORY ($TMPDIR or /tmp), which needs 4 inodes and 16 KiB for each of COUNT. Ends non-zero if anything is
-# lost.
+# bench/load.sh [COUNT] [DIRECTORY]: the program under load. COUNT files (1000000) are backed up twice into a
+# repository, listed, restored and compared; backed up under a job of COUNT rules; and COUNT records go through a
+# conversion. One line per run reports its seconds and its peak memory; no run may open more than 192 descriptors. Files
+# are created below DIRECTORY ($TMPDIR or /tmp), which needs 3 inodes and 12 KiB for each of COUNT. Ends non-zero if
+# anything is lost.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 count=${1:-1000000}
 work=$(mktemp -d "${2:-${TMPDIR:-/tmp}}/kbagent-load-XXXXXX")
 trap 'rm -rf "$work"' EXIT
-descriptors=32
+descriptors=192 # of which 128 wait to be read
 folder=1000 # files in a directory
 source=$work/source
-store=$work/store
 job=$work/job
 kbagent=$PWD/build/release/kbagent
 golden=$PWD/tests/golden
+export KBAGENT_REPOSITORY=$work/repository KBAGENT_PASSWORD_FILE=$work/password
+(umask 077 && echo load >"$work/password")
 
 packaging/install-packages.sh build bench
 mkdir -p build
@@ -40,22 +41,23 @@ printed() {
 # Line I, from 0 on, of COUNT: the awk statements print it.
 lines() { awk -v count="$count" -v folder=$folder -v source="$source" "BEGIN { for (i = 0; i < count; ++i) { $1 } }"; }
 
+# The snapshot contains the directories above the source, too.
 directories=$(((count + folder - 1) / folder))
-entries=$((count + directories + 1))
+above=$(tr -cd / <<<"$source" | wc -c) # and the source itself
+entries=$((count + directories + above))
 seq -f "$source/d%.0f" 0 $((directories - 1)) | xargs mkdir -p
 lines 'file = source "/d" int(i / folder) "/f" i; print i > file; close(file)'
 
-measured "backup of $count files" "$kbagent" backup --store "$store" "$source"
-printed "$entries entries: $count files, "
+"$kbagent" init -q
+measured "backup of $count files" "$kbagent" backup "$source"
+printed " $count new, "
 printed ", 0 failed"
-measured "backup of the same again" "$kbagent" backup --store "$store" "$source"
-printed "$entries entries: $count files, "
-printed " 0 B added"
-measured "list of them" "$kbagent" list --store "$store" --snapshot latest
+measured "backup of the same again" "$kbagent" backup "$source"
+printed " $count unmodified"
+measured "list of them" "$kbagent" ls -q latest
 [ "$(wc -l <"$work/output")" -eq "$entries" ]
-measured "restore of them" "$kbagent" restore --store "$store" --to "$work/target"
-printed "$entries entries restored: $count files, "
-printed ", 0 failed"
+measured "restore of them" "$kbagent" restore latest --target "$work/target"
+printed "Restored $entries files/dirs "
 diff -r --no-dereference "$source" "$work/target$source"
 rm -rf "$work/target"
 
@@ -75,8 +77,8 @@ rm -rf "$work/target"
     done
     echo ']}'
 } >"$job"
-measured "backup under $count rules" "$kbagent" backup --store "$store" --job "$job"
-printed "$((count / 2)) files, "
+measured "backup under $count rules" "$kbagent" backup --force --job "$job"
+printed " $((count / 2)) new, "
 printed "$(((count + 1) / 2)) excluded, 0 failed"
 
 # Records of this age and of an earlier one in turns, through a pipe.

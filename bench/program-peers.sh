@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # bench/program-peers.sh [--quick]: backs a tree of 100,000 entries up and restores it with kbagent, tar and
 # restic, whole processes in turns into empty folders, and prints the medians in seconds and kbagent's multiples of
-# the others, "name TAB value TAB unit". Reads build/bench, or the build folder that BUILD names. Tree and stores lie in
-# $TMPDIR or /tmp.
+# the others, "name TAB value TAB unit". A backup of kbagent or restic includes the creation of the repository. Reads
+# build/bench, or the build folder that BUILD names. The tree and the backups are in $TMPDIR or /tmp.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 export LC_ALL=C RESTIC_PASSWORD=bench
@@ -13,8 +13,9 @@ turns=5
 [ "${1:-}" != --quick ] || entries=3000
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-tree=$work/tree store=$work/store target=$work/target
-export RESTIC_CACHE_DIR=$work/cache
+tree=$work/tree backup=$work/backup target=$work/target
+export RESTIC_CACHE_DIR=$work/cache KBAGENT_REPOSITORY=$work/backup/new KBAGENT_PASSWORD_FILE=$work/password
+(umask 077 && echo bench >"$work/password")
 
 row() { printf '%s\t%s\t%s\n' "$@"; }
 time_into() {
@@ -24,22 +25,22 @@ time_into() {
 }
 median() { sort -g "$work/$1" | awk '{ value[NR] = $1 } END { print value[int((NR + 1) / 2)] }'; }
 both() {
-    local name=$1 backup=$2 restore=$3
-    rm -rf "$store" "$target"
-    mkdir "$store" "$target"
+    local name=$1 store=$2 restore=$3
+    rm -rf "$backup" "$target"
+    mkdir "$backup" "$target"
     sync
-    time_into "$name.backup" bash -c "$backup"
+    time_into "$name.backup" bash -c "$store"
     time_into "$name.restore" bash -c "$restore"
 }
 
 "$build/bench/CaptureBench" make "$tree" "$entries"
-export build tree store target
+export build tree backup target
 for _ in $(seq "$turns"); do
-    both kbagent '"$build/kbagent" backup --store "$store/new" "$tree"' \
-        '"$build/kbagent" restore --store "$store/new" --to "$target"'
-    both tar 'tar --xattrs --acls -cf "$store/tar" -C "$tree" .' 'tar --xattrs --acls -xpf "$store/tar" -C "$target"'
-    both restic 'restic -q init -r "$store/new" && restic -q backup -r "$store/new" "$tree"' \
-        'restic -q restore latest -r "$store/new" --target "$target"'
+    both kbagent '"$build/kbagent" init -q && "$build/kbagent" backup -q "$tree"' \
+        '"$build/kbagent" restore -q latest --target "$target"'
+    both tar 'tar --xattrs --acls -cf "$backup/tar" -C "$tree" .' 'tar --xattrs --acls -xpf "$backup/tar" -C "$target"'
+    both restic 'restic -q init -r "$backup/new" && restic -q backup -r "$backup/new" "$tree"' \
+        'restic -q restore latest -r "$backup/new" --target "$target"'
 done
 for what in backup restore; do
     for name in kbagent tar restic; do
