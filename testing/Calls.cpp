@@ -8,7 +8,6 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -97,7 +96,6 @@ CALL(int, utimensat, (int fd, const char* path, const timespec* times, int flags
      OF_ENTRY)
 CALL(int, futimens, (int fd, const timespec* times), (fd, times), OF_FILE)
 CALL(int, ftruncate, (int fd, off_t size), (fd, size), OF_FILE)
-CALL(int, flock, (int fd, int operation), (fd, operation), OF_FILE)
 CALL(int, fsync, (int fd), (fd), OF_FILE)
 CALL(int, syncfs, (int fd), (fd), OF_FILE)
 CALL(int, lsetxattr, (const char* path, const char* name, const void* value, size_t size, int flags),

@@ -26,7 +26,7 @@ private:
     void OnMountNotEntered(const Krt::File::YPath&) override {}
     void OnMountEntered(const Krt::File::YPath&) override {}
     void OnLinkTaken(const Krt::File::YPath&) override {}
-    void OnStoreSkipped(const Krt::File::YPath&) override {}
+    void OnSkipped(const Krt::File::YPath&) override {}
     void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) override;
     bool IsCancelled() override { return false; }
 

@@ -9,7 +9,7 @@ agent_folders='
 Cli
 Import
 Backup Convert Dump Inspect Restore Trust
-Access Record Store Walk
+Access Record Walk
 Repository Run'
 
 # Prints a cycle, if there is one. An include path begins with the folder's own name.

@@ -347,7 +347,7 @@ void SnapshotRun::OnLinkTaken(const YPath& path)
                   " is a link, which is stored itself; for what it leads to, the job must name that path");
 }
 
-void SnapshotRun::OnStoreSkipped(const YPath& path)
+void SnapshotRun::OnSkipped(const YPath& path)
 {
     m_report.Note(YString(path) + " is the repository itself or is in it, and is left out");
 }

@@ -42,7 +42,7 @@ public:
     void OnMountNotEntered(const Krt::File::YPath& path) override;
     void OnMountEntered(const Krt::File::YPath& path) override;
     void OnLinkTaken(const Krt::File::YPath& path) override;
-    void OnStoreSkipped(const Krt::File::YPath& path) override;
+    void OnSkipped(const Krt::File::YPath& path) override;
     void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) override;
     bool IsCancelled() override;
 

@@ -23,13 +23,6 @@ bool LooksLikeList(std::string_view argument)
 
 } // namespace
 
-void AddStoreOption(CLI::App& command, std::string& path)
-{
-    command.add_option("--store", path, "The directory that contains the backups")
-        ->type_name("DIR")
-        ->required();
-}
-
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description, const std::string& name)
 {
     // Not bound to a variable: the conversion to a list would read "{}" as an empty list.

@@ -35,7 +35,6 @@ std::unique_ptr<ICommand> MakeDumpCommand();
 std::unique_ptr<ICommand> MakeImportCommand();
 std::unique_ptr<ICommand> MakeInitCommand();
 std::unique_ptr<ICommand> MakeKeyCommand();
-std::unique_ptr<ICommand> MakeListCommand();
 std::unique_ptr<ICommand> MakeLsCommand();
 std::unique_ptr<ICommand> MakeMigrateCommand();
 std::unique_ptr<ICommand> MakeRenameCommand();
@@ -49,8 +48,6 @@ std::unique_ptr<ICommand> MakeTrustCommand();
 std::unique_ptr<ICommand> MakeUnlockCommand();
 std::unique_ptr<ICommand> MakeVolumesCommand();
 
-/// Adds the required option --store DIR.
-void AddStoreOption(CLI::App& command, std::string& path);
 /// Adds the positional PATH..., whose arguments PathsOf returns as they were typed. `name` is another name
 /// for other arguments that must be kept as they were typed.
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description,

@@ -7,7 +7,6 @@
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
-#include "agent/Store/StoreSession.h"
 
 #include "Backup/Core/YGlobal.h"
 #include "Backup/Util/Util.h"
@@ -47,11 +46,10 @@ enum ExitCode
 
 // In the order in which the help shows them.
 constexpr std::unique_ptr<ICommand> (*Makers[])() = {
-    MakeInitCommand,    MakeBackupCommand,  MakeRestoreCommand, MakeListCommand,    MakeSnapshotsCommand,
-    MakeLsCommand,      MakeDumpCommand,    MakeShowCommand,    MakeStatsCommand,   MakeCheckCommand,
-    MakeCatCommand,     MakeTagCommand,     MakeKeyCommand,     MakeUnlockCommand,  MakeMigrateCommand,
-    MakeVolumesCommand, MakeServiceCommand, MakeTrustCommand,   MakeConvertCommand, MakeRenameCommand,
-    MakeImportCommand,
+    MakeInitCommand,    MakeBackupCommand, MakeRestoreCommand, MakeSnapshotsCommand, MakeLsCommand,
+    MakeDumpCommand,    MakeShowCommand,   MakeStatsCommand,   MakeCheckCommand,     MakeCatCommand,
+    MakeTagCommand,     MakeKeyCommand,    MakeUnlockCommand,  MakeMigrateCommand,   MakeVolumesCommand,
+    MakeServiceCommand, MakeTrustCommand,  MakeConvertCommand, MakeRenameCommand,    MakeImportCommand,
 };
 
 void WarnOfUnknownChannels(Report& report)
@@ -162,9 +160,8 @@ void Describe(CLI::App& program)
         "Exit codes: 0 success, 1 could not run, 2 wrong usage, 3 finished, but some entries failed,\n"
         "            4 the answer is no, 10 there is no repository, 11 the repository is locked, 12 the\n"
         "            password is wrong, 130 interrupted, 141 the reader of the output has exited.\n\n"
-        "Examples: kbagent backup --store /backup/store /home /etc\n"
-        "          kbagent list --store /backup/store\n"
-        "          kbagent restore --store /backup/store --to /tmp/restored /etc\n"
+        "Examples: kbagent -r /backup/repository init\n"
+        "          kbagent -r /backup/repository backup /home /etc\n"
         "          kbagent -r /backup/repository snapshots\n"
         "          kbagent -r /backup/repository restore latest --target /tmp/restored\n\n"
         "Run 'kbagent COMMAND --help' for more information.");
@@ -283,7 +280,7 @@ std::string CommandLine(int argc, char** argv)
 
 int RunCommand(int argc, char** argv, Report& report)
 {
-    CLI::App program("Backs files up into a store, and restores them.", "kbagent");
+    CLI::App program("Backs files up into a repository, and restores them.", "kbagent");
     Describe(program);
     LogOptions log;
     log.Register(program);
@@ -339,9 +336,6 @@ int RunAndReport(int argc, char** argv, Report& report)
         if (error.IsPipeClosed())
             return EndedBySignal + SIGPIPE;
         return Fail(report, CouldNotRun, YString(error.what()));
-    } catch (const StoreError& error) {
-        return Fail(report, CouldNotRun,
-                    (IsInterrupted() ? "" : "The store can't be written: ") + ReasonOf(error.GetCause()));
     } catch (const Krt::Exception::YError& error) {
         return Fail(report, CodeOf(error), ReasonOf(error));
     } catch (const std::exception& error) {

@@ -1,7 +1,6 @@
 #include "agent/Cli/Command.h"
 
 #include "agent/Cli/RepositoryArguments.h"
-#include "agent/Restore/RestoreRun.h"
 #include "agent/Restore/SnapshotRestore.h"
 #include "agent/Restore/Target.h"
 #include "agent/Run/Interrupt.h"
@@ -14,7 +13,6 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <sstream>
 
 namespace Agent {
 
@@ -59,19 +57,11 @@ public:
     void Run(Report& report) override;
 
 private:
-    void AddRepositoryOptions(CLI::App& command);
-    void RunOnStore(Report& report);
-    void RunOnRepository(Report& report);
+    void AddOptions(CLI::App& command);
     RestoreSettings SettingsOf() const;
     std::optional<Krt::File::YDirectory> Target(Session& session) const;
 
-    std::string m_store;
-    std::string m_snapshot = "latest";
-    std::string m_to;
     CLI::Option* m_paths = nullptr;
-    std::vector<CLI::Option*> m_storeOptions;
-    std::vector<CLI::Option*> m_repositoryOptions;
-
     RepositoryArguments m_repository;
     std::string m_target;
     std::string m_overwrite = "always";
@@ -87,39 +77,26 @@ CLI::App* RestoreCommand::Register(CLI::App& program)
 {
     CLI::App* const command =
         program.add_subcommand("restore", "Restore entries of a snapshot into a directory");
-    AddRepositoryOptions(*command);
-    m_repositoryOptions = command->get_options();
-    command->add_option("--store", m_store, "Restore from this store instead of a repository")
-        ->type_name("DIR");
-    CLI::Option* const snapshot =
-        command
-            ->add_option("--snapshot", m_snapshot,
-                         "With --store: the ID of a snapshot, a unique prefix of one, or latest")
-            ->type_name("ID")
-            ->capture_default_str();
-    CLI::Option* const to =
-        command->add_option("--to", m_to, "With --store: the directory to restore into")->type_name("TARGET");
-    m_storeOptions = {snapshot, to};
+    AddOptions(*command);
     m_paths = AddPathArguments(
         *command,
         "The snapshot, by first digits of its ID or as latest; SNAPSHOT:PATH for what is below a\n"
         "directory of it. Then paths of entries, which begin with /: only these and all below them\n"
-        "are restored. With --store: only paths, as the names themselves, without escapes",
+        "are restored",
         "SNAPSHOT_PATH");
     command->footer(
         "An entry /a/b is restored as TARGET/a/b, and with SNAPSHOT:/a as TARGET/b. Nothing is ever written\n"
         "outside TARGET: symlinks below it are not followed, nor are other users' symlinks on the path to\n"
-        "it. A file gets its name only when it is complete. Owners are restored by their numbers. From a\n"
-        "store, the volume of a Windows path becomes a plain directory: C:\\a is restored as TARGET/C/a.\n\n"
+        "it. A file gets its name only when it is complete. Owners are restored by their numbers.\n\n"
         "Patterns are those of restic: /a/b from the root, b at any place, *, ?, [a-z], ** for any number\n"
         "of directories. A ! takes back what patterns before it matched.\n\n" +
         std::string(RepositoryHelp) +
         "Examples: kbagent restore --repo /backup/repository latest --target /tmp/restored\n"
-        "          kbagent restore --store /backup/store --to /tmp/restored /etc/hosts");
+        "          kbagent restore --repo /backup/repository latest --target /tmp/restored /etc/hosts");
     return command;
 }
 
-void RestoreCommand::AddRepositoryOptions(CLI::App& command)
+void RestoreCommand::AddOptions(CLI::App& command)
 {
     m_repository.AddTo(command);
     m_repository.AddSnapshotOptionsTo(command);
@@ -155,19 +132,6 @@ void RestoreCommand::AddRepositoryOptions(CLI::App& command)
                      "Remove entries of restored directories that the snapshot does not have");
     command.add_flag("--dry-run", m_isDryRun, "Change nothing, and print what would be done");
     command.add_flag("--verify", m_verifies, "Read restored files again, and compare them");
-}
-
-void RestoreCommand::Run(Report& report)
-{
-    for (const CLI::Option* const option : m_store.empty() ? m_storeOptions : m_repositoryOptions) {
-        if (option->count() != 0)
-            throw UsageError(option->get_name() +
-                             (m_store.empty() ? " needs --store" : " can't be given together with --store"));
-    }
-    if (m_store.empty())
-        RunOnRepository(report);
-    else
-        RunOnStore(report);
 }
 
 RestoreSettings RestoreCommand::SettingsOf() const
@@ -218,14 +182,14 @@ std::optional<Krt::File::YDirectory> RestoreCommand::Target(Session& session) co
     if (m_isDryRun)
         return openIfPresent(Krt::YString(std::string_view(m_target)), false);
     const auto source = openIfPresent(session.GetRepository().GetBackend().Describe(), true);
-    return OpenTarget(m_target, source ? &*source : nullptr, "the repository", session.GetReport());
+    return OpenTarget(m_target, source ? &*source : nullptr, session.GetReport());
 }
 
-void RestoreCommand::RunOnRepository(Report& report)
+void RestoreCommand::Run(Report& report)
 {
     std::vector<std::string> arguments = PathsOf(m_paths);
     if (arguments.empty() || arguments.front().starts_with('/'))
-        throw UsageError("restore takes a snapshot of a repository, as latest; --store is for a store");
+        throw UsageError("restore: name a snapshot, as latest");
     if (m_target.empty())
         throw UsageError("--target is required");
     RestoreSettings settings = SettingsOf();
@@ -272,45 +236,6 @@ void RestoreCommand::RunOnRepository(Report& report)
     SnapshotRestore run(repository, std::move(target), std::move(settings), report);
     run.Run(tree);
     run.PrintSummary();
-}
-
-void RestoreCommand::RunOnStore(Report& report)
-{
-    if (m_to.empty())
-        throw UsageError("--to is required with --store");
-    const Store store = Store::Open(m_store);
-    SnapshotReader snapshot(store, store.FindSnapshot(m_snapshot));
-    {
-        const EndingOnInterrupts ending; // nothing is made yet
-        snapshot.Verify();
-    }
-
-    // All directories of the path to an entry are kept open.
-    Krt::Environment::RaiseDescriptorLimit();
-    Krt::File::YDirectory target = OpenTarget(m_to, &store.GetDirectory(), "the store", report);
-    Krt::Environment::SetFileCreationMask(077);
-    std::vector<Krt::File::YPath> paths;
-    for (const std::string& path : PathsOf(m_paths)) {
-        const std::string normal = std::filesystem::path(path).lexically_normal().string();
-        paths.push_back(Krt::File::YPath(normal.c_str()).AddLeadingSep());
-    }
-
-    RestoreRun run(store, std::move(target), std::move(paths), report);
-    bool isEmpty = true;
-    for (SnapshotEntry entry; snapshot.Next(entry); isEmpty = false) {
-        run.Restore(entry);
-        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState,
-                         "Interrupted; what was restored so far stays");
-    }
-    run.Finish();
-    if (isEmpty)
-        report.Note("The snapshot has no entries, so nothing was restored");
-
-    const EntryCounts& counts = run.GetCounts();
-    std::ostringstream summary;
-    summary << counts.Entries() << " entries restored: " << counts.ByKind() << "\n"
-            << ShortSize(counts.bytes) << " written, " << report.GetFailed() << " failed\n";
-    report.Summary("The restore is done", summary.str());
 }
 
 } // namespace

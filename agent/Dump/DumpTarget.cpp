@@ -1,7 +1,7 @@
 #include "agent/Dump/DumpTarget.h"
 
 #include "agent/Run/Interrupt.h"
-#include "agent/Store/Hex.h"
+#include "agent/Run/TemporaryName.h"
 
 #include "Krt/Exception/Raise.h"
 
@@ -65,7 +65,7 @@ void DumpTarget::CreateIn(const std::string& directory, const struct stat* exist
 {
     try {
         YDirectory opened = YDirectory::OpenToSearch(directory.c_str());
-        m_temporary = YString(".kbagent-dump-" + RandomHex(8));
+        m_temporary = TemporaryName(".kbagent-dump-");
         m_file = opened.CreateFile(m_temporary);
         m_directory.emplace(std::move(opened));
     } catch (const Krt::Exception::YError& error) {

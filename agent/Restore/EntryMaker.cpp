@@ -1,8 +1,8 @@
 #include "agent/Restore/EntryMaker.h"
 
 #include "agent/Run/Interrupt.h"
+#include "agent/Run/TemporaryName.h"
 #include "agent/Run/Text.h"
-#include "agent/Store/Hex.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/Util/YScope.h"
@@ -20,11 +20,8 @@ using Krt::File::YDirectory;
 
 namespace {
 
-// One name serves the whole run: each entry is created under it and then renamed.
-YString TemporaryName()
-{
-    return YString(".kbagent-restore-" + RandomHex(8));
-}
+// Of a name that serves the whole run: each entry is created under it and then renamed.
+constexpr const char* Prefix = ".kbagent-restore-";
 
 // A file system that is mounted below the target may be read-only on its own.
 bool IsReadOnly(const YDirectory& directory)
@@ -46,13 +43,13 @@ YString Joined(const std::vector<YString>& reasons)
 
 EntryMaker::EntryMaker(YDirectory target, Report& report)
     : m_report(report),
-      m_tree(std::move(target), TemporaryName(),
+      m_tree(std::move(target), TemporaryName(Prefix),
              [this](const TargetLocation& directory, bool hasRecord, const std::vector<YString>& refused) {
                  m_report.EntryFailed(PathOf(directory), Joined(refused));
                  if (hasRecord)
-                     --m_counts.directories;
+                     --m_restored;
              }),
-      m_temporary(TemporaryName())
+      m_temporary(TemporaryName(Prefix))
 {}
 
 std::optional<FileId> EntryMaker::Make(const NewEntry& entry)
@@ -60,12 +57,9 @@ std::optional<FileId> EntryMaker::Make(const NewEntry& entry)
     const YDirectory& parent = m_tree.ParentOf(entry.location);
     struct stat existing
     {};
-    if (parent.StatIfPresent(entry.location.back(), existing)) {
+    if (parent.StatIfPresent(entry.location.back(), existing))
         KRT_RAISE_UNLESS(!S_ISDIR(existing.st_mode), ErrorCode::InvalidState,
                          "There is a directory at its path");
-        if (entry.checkExisting)
-            entry.checkExisting(existing);
-    }
     const YDirectory* workplace = &parent;
     bool isMoved = false;
     const Krt::Util::YScope cleanUp([&] {
@@ -89,10 +83,10 @@ std::optional<FileId> EntryMaker::Make(const NewEntry& entry)
     return made;
 }
 
-void EntryMaker::Count(const YString& path, unsigned int type)
+void EntryMaker::Count(const YString& path)
 {
     if (m_refused.empty())
-        m_counts.Add(type);
+        ++m_restored;
     else
         m_report.EntryFailed(path, WithoutTemporary(path, Joined(m_refused)));
 }
@@ -106,7 +100,7 @@ void EntryMaker::Failed(const YString& path, const Krt::Exception::YError& error
     const YString reason = WithoutTemporary(path, ReasonOf(error));
     if (number == ENOSPC || number == EDQUOT)
         throw TargetFull("The target is full: " + path.Bytes() + ": " + reason.Bytes() + "; " +
-                         std::to_string(m_counts.Entries()) + " entries were restored before and stay");
+                         std::to_string(m_restored) + " entries were restored before and stay");
     if (number == EROFS && IsReadOnly(m_tree.GetRoot()))
         throw TargetFull("The target is read-only: " + path.Bytes() + ": " + reason.Bytes());
     m_report.EntryFailed(path, reason);

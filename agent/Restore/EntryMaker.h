@@ -38,8 +38,6 @@ struct NewEntry
     const LinkedFile* first = nullptr;          ///< the entry becomes a hard link to it, if that is possible
     /// Writes the content of a file, whose handle is open for writing, at offset 0.
     std::function<void(const Krt::Util::YUnxHandle& file)> writeContent{};
-    /// Raises if the entry must not take the place of what exists there. Not called if nothing does.
-    std::function<void(const struct stat& existing)> checkExisting{};
 };
 
 class EntryMaker
@@ -51,10 +49,6 @@ public:
     EntryMaker& operator=(const EntryMaker&) = delete;
 
     TargetTree& GetTree() { return m_tree; }
-    /// Entries that were restored with all their attributes, and the bytes that were written. A directory
-    /// counts until it is refused attributes.
-    EntryCounts& GetCounts() { return m_counts; }
-    const EntryCounts& GetCounts() const { return m_counts; }
     /// Reasons for what the current entry did not get. Cleared by the caller.
     std::vector<Krt::YString>& GetRefused() { return m_refused; }
 
@@ -63,7 +57,7 @@ public:
     /// and InvalidState or NotSupported for an entry that can't be created.
     std::optional<Krt::File::FileId> Make(const NewEntry& entry);
     /// Counts the current entry, or reports it as failed if it was refused something.
-    void Count(const Krt::YString& path, unsigned int type);
+    void Count(const Krt::YString& path);
     /// Reports an entry that failed. Raises TargetFull if all others would fail in the same way, and
     /// InvalidState if the user interrupts.
     void Failed(const Krt::YString& path, const Krt::Exception::YError& error);
@@ -77,8 +71,8 @@ private:
     void RemoveTemporary(const Krt::File::YDirectory& parent);
 
     Report& m_report;
-    EntryCounts m_counts;
-    TargetTree m_tree; // reports refused attributes also from its destructor
+    unsigned long long m_restored = 0; // entries in full; a directory counts until it is refused attributes
+    TargetTree m_tree;                 // reports refused attributes also from its destructor
     std::vector<Krt::YString> m_refused;
     Krt::YString m_temporary; // the name of an entry until it is complete
 };

@@ -76,7 +76,7 @@ void ItemWriter::Write(RestoreItem& item, FileBlobs& blobs)
         if (item.action == Action::Skip)
             NoteUnverified(item.path);
         else if (maker != nullptr)
-            maker->Count(path, item.recorded.type);
+            maker->Count(path);
         if (maker == nullptr || maker->GetRefused().empty())
             m_state.progress.CountDone(item);
     } catch (const Krt::Exception::YError& error) {

@@ -35,6 +35,19 @@ timespec TimeOfUnix(unsigned long long seconds)
     return time;
 }
 
+// The record's fields for symlinks and directories override its mode, which may differ in an older
+// backup set.
+unsigned int TypeOf(const YUnixFileMetadata& metadata)
+{
+    // First, since a symlink to a directory may be marked as a directory.
+    if (metadata.IsSymbolicLink())
+        return S_IFLNK;
+    if (metadata.IsDirectoryForRestore())
+        return S_IFDIR;
+    const unsigned int type = metadata.GetModeFlags() & S_IFMT;
+    return type == S_IFDIR ? S_IFREG : type;
+}
+
 RecordedEntry OfUnix(const YUnixFileMetadata& metadata)
 {
     RecordedEntry entry;
@@ -67,17 +80,6 @@ RecordedEntry OfWindows(const YWinFileMetadata& metadata)
 }
 
 } // namespace
-
-unsigned int TypeOf(const YUnixFileMetadata& metadata)
-{
-    // First, since a symlink to a directory may be marked as a directory.
-    if (metadata.IsSymbolicLink())
-        return S_IFLNK;
-    if (metadata.IsDirectoryForRestore())
-        return S_IFDIR;
-    const unsigned int type = metadata.GetModeFlags() & S_IFMT;
-    return type == S_IFDIR ? S_IFREG : type;
-}
 
 RecordedEntry RecordedEntryOf(Backup::File::YMetadataBase& metadata)
 {

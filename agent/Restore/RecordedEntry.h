@@ -5,10 +5,6 @@
 
 #include "Backup/File/YMetadataBase.h"
 
-namespace Backup::File {
-class YUnixFileMetadata;
-}
-
 namespace Agent {
 
 struct RecordedEntry
@@ -21,10 +17,6 @@ struct RecordedEntry
     Attributes attributes;
     Krt::YString linkTarget; ///< of a symbolic link
 };
-
-/// Returns the type of the entry that a restore creates from a Unix record, such as S_IFREG. The record's
-/// fields for symlinks and directories override its mode, which may differ in an older backup set.
-unsigned int TypeOf(const Backup::File::YUnixFileMetadata& metadata);
 
 /// Returns the entry of the record. A Windows directory gets mode 0700 and a file 0600, or 0400 with the
 /// read-only attribute, since the record does not contain who may read it. Its owner is the user who

@@ -16,11 +16,10 @@ namespace Agent {
 ///     root's own symlink without a further hard link is followed in root's directory with the sticky bit;
 ///   - for root, for a directory that belongs neither to root nor to the owner of its parent directory, if
 ///     others can write to that parent directory.
-/// Raises InvalidArgument, before anything is created there, for the directory that is restored from and what
-/// is in it, and otherwise the operating system's error. That directory is null if it is not on this machine;
-/// `what` names it in messages. Notes in the report, for root, the directories in which others can replace
-/// what is restored.
-Krt::File::YDirectory OpenTarget(const std::string& path, const Krt::File::YDirectory* source,
-                                 const char* what, Report& report);
+/// Raises InvalidArgument, before anything is created there, for the repository's directory and what is in
+/// it, and otherwise the operating system's error. `repository` is null if it is not on this machine. Notes
+/// in the report, for root, the directories in which others can replace what is restored.
+Krt::File::YDirectory OpenTarget(const std::string& path, const Krt::File::YDirectory* repository,
+                                 Report& report);
 
 } // namespace Agent

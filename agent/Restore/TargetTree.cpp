@@ -1,7 +1,7 @@
 #include "agent/Restore/TargetTree.h"
 
+#include "agent/Restore/Durable.h"
 #include "agent/Run/Text.h"
-#include "agent/Store/Durable.h"
 
 #include "Krt/Environment/Process.h"
 #include "Krt/Exception/Raise.h"

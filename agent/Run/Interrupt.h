@@ -37,8 +37,7 @@ int InterruptingSignal();
 /// For work that a signal does not interrupt, such as a sync of a slow disk. Calls `work` in a child process
 /// and returns its result, which is 0 or an error number below 256. Raises InvalidState if the user
 /// interrupts; the child then ends on its own. If no child can be created, `work` is called in this process.
-/// `work` may only make system calls, since other threads may hold any lock. The child inherits the open
-/// files, so a file that this process has locked with flock stays locked until the child has ended.
+/// `work` may only make system calls, since other threads may hold any lock.
 int CallInChild(const std::function<int()>& work);
 
 } // namespace Agent

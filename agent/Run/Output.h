@@ -39,7 +39,7 @@ private:
     std::string m_buffer;
 };
 
-/// Opens those of descriptors 0 to 2 that are closed, so that no file of a store or a target gets their
+/// Opens those of descriptors 0 to 2 that are closed, so that no file of a repository or a target gets their
 /// numbers and is written to as if it were the terminal. Using them still fails, as it would for a closed
 /// descriptor. The program calls it first.
 void OpenMissingStreams();

@@ -1,14 +1,10 @@
 #include "agent/Run/Report.h"
 
-#include "agent/Run/Interrupt.h"
 #include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
 
-#include "Krt/Exception/Raise.h"
 #include "Krt/JSON/YTextWriter.h"
 #include "Krt/Log/LogSite.h"
-
-#include <sys/stat.h>
 
 #include <cstdio>
 #include <sstream>
@@ -112,39 +108,6 @@ void Report::Line(const std::string& text)
 {
     EraseProgress();
     std::fputs(("kbagent: " + text + "\n").c_str(), stderr);
-}
-
-unsigned long long CopyContent(unsigned long long size, std::size_t blockSize, const EntryCounts& counts,
-                               Report& report,
-                               const std::function<std::size_t(unsigned long long offset)>& copyBlock)
-{
-    unsigned long long total = 0;
-    std::size_t count = 0;
-    do {
-        count = copyBlock(total);
-        total += count;
-        report.Progress(counts.Entries(), counts.bytes + total);
-        KRT_RAISE_UNLESS(!IsInterrupted(), Krt::ErrorCode::InvalidState, "Interrupted");
-    } while (count == blockSize && total <= size);
-    return total;
-}
-
-void EntryCounts::Add(unsigned int mode)
-{
-    if (S_ISREG(mode))
-        ++files;
-    else if (S_ISDIR(mode))
-        ++directories;
-    else if (S_ISLNK(mode))
-        ++links;
-    else
-        ++others;
-}
-
-std::string EntryCounts::ByKind() const
-{
-    return std::to_string(files) + " files, " + std::to_string(directories) + " directories, " +
-           std::to_string(links) + " links, " + std::to_string(others) + " others";
 }
 
 } // namespace Agent

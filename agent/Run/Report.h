@@ -11,36 +11,9 @@
 #include "Krt/String/YString.h"
 
 #include <chrono>
-#include <functional>
 #include <string>
 
 namespace Agent {
-
-/// What a run stored or restored, for its summary.
-struct EntryCounts
-{
-    unsigned long long files = 0;
-    unsigned long long directories = 0;
-    unsigned long long links = 0;
-    unsigned long long others = 0;
-    unsigned long long bytes = 0; ///< of contents
-
-    unsigned long long Entries() const { return files + directories + links + others; }
-    /// Counts an entry by the type in its st_mode word.
-    void Add(unsigned int mode);
-    /// "1 files, 2 directories, 0 links, 0 others".
-    std::string ByKind() const;
-};
-
-class Report;
-
-/// Copies content block by block. `copyBlock` copies at most `blockSize` bytes from the given offset on and
-/// returns their number. Returns the number of bytes copied. If the content grows, copying ends with the
-/// block that shows it, since it may grow for ever. Reports the progress in addition to `counts`. Raises
-/// InvalidState if the user interrupts.
-unsigned long long CopyContent(unsigned long long size, std::size_t blockSize, const EntryCounts& counts,
-                               Report& report,
-                               const std::function<std::size_t(unsigned long long offset)>& copyBlock);
 
 class Report
 {

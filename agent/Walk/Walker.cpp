@@ -110,7 +110,7 @@ void Walker::WalkRoot(const YPath& root)
     if (root == "/") {
         Enter(root, YDirectory::Open(root));
     } else if (IsBelowSkipped(root)) {
-        m_visitor.OnStoreSkipped(root);
+        m_visitor.OnSkipped(root);
     } else {
         const YDirectory parent = YDirectory::OpenToSearch(root.GetParent());
         VisitEntry(root, parent, YPath::GetFileFromPath(root, "/"), DT_UNKNOWN, true);
@@ -160,7 +160,7 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
             return;
     }
     if (m_skipped && entry.IsDirectory() && IsSkipped(entry.Status())) {
-        m_visitor.OnStoreSkipped(path);
+        m_visitor.OnSkipped(path);
         return;
     }
     if (!MayEnter(entry, selected, isRoot))

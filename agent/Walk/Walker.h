@@ -67,7 +67,7 @@ public:
     /// target is not walked.
     virtual void OnLinkTaken(const Krt::File::YPath& path) = 0;
     /// The directory that must not be walked, or a root below it.
-    virtual void OnStoreSkipped(const Krt::File::YPath& path) = 0;
+    virtual void OnSkipped(const Krt::File::YPath& path) = 0;
     virtual void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) = 0;
     /// Called between entries; true ends the walk.
     virtual bool IsCancelled() = 0;

@@ -1,6 +1,4 @@
 // The entries that a backup takes, and its reports on the others.
-#include "agent/Backup/HardLinks.h"
-
 #include "testing/RepositoryFixture.h"
 #include "testing/SelectionText.h"
 #include "testing/Tree.h"
@@ -155,23 +153,6 @@ TEST_F(BackupProgram, PathBelowUnlistableDirectoryIsReached)
     Run(0, {"backup", source + "/passage/open"}, {.user = OrdinaryUser});
     chmod((source + "/passage").c_str(), 0755);
     EXPECT_EQ(Stored(), (Paths{"/passage", "/passage/open", "/passage/open/file"}));
-}
-
-TEST(HardLinks, ChangedFileIsReadAgain)
-{
-    struct stat status = {};
-    status.st_nlink = 3;
-    Agent::HardLinks links;
-    const unsigned long long group = links.Add(status, 5, Agent::SnapshotEntry());
-    ASSERT_NE(links.Find(status, 5), nullptr);
-    EXPECT_EQ(links.Find(status, 6), nullptr);
-    status.st_mtim.tv_nsec = 1;
-    EXPECT_EQ(links.Find(status, 5), nullptr);
-    EXPECT_NE(links.Add(status, 5, Agent::SnapshotEntry()), group);
-    links.Seen(status);
-    ASSERT_NE(links.Find(status, 5), nullptr);
-    links.Seen(status);
-    EXPECT_EQ(links.Find(status, 5), nullptr) << "no name is to come";
 }
 
 } // namespace

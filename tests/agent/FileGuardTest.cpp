@@ -79,7 +79,7 @@ protected:
         return Reason("The target", name, [&](const auto& path) {
             Agent::Report report;
             const auto source = Krt::File::YDirectory::OpenToSearch(repository.c_str());
-            Agent::OpenTarget(path, &source, "the repository", report);
+            Agent::OpenTarget(path, &source, report);
         });
     }
 

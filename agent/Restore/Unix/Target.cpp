@@ -1,7 +1,6 @@
 #include "agent/Restore/Target.h"
 
 #include "agent/Run/Unix/SecurePathWalk.h"
-#include "agent/Store/Directories.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/Status.h"
@@ -23,11 +22,11 @@ constexpr uid_t Root = 0;
 class TargetWalk : public SecurePathWalk
 {
 public:
-    TargetWalk(const std::string& path, const YDirectory* source, const char* what)
-        : SecurePathWalk("OpenTarget", "The target", path), m_what(what)
+    TargetWalk(const std::string& path, const YDirectory* repository)
+        : SecurePathWalk("OpenTarget", "The target", path)
     {
-        if (source != nullptr)
-            m_source = FileId(source->Stat());
+        if (repository != nullptr)
+            m_repository = FileId(repository->Stat());
     }
     YDirectory Open();
     void ReportSharedDirectories(Report& report) const;
@@ -37,16 +36,15 @@ private:
     void CheckOther(const Entry& entry) const override;
     bool CreateMissing(const Entry& entry) override;
     YDirectory OpenLast() const;
-    void CheckSource() const;
+    void CheckRepository() const;
 
-    std::optional<FileId> m_source;
-    const char* m_what;
+    std::optional<FileId> m_repository;
 };
 
 YDirectory TargetWalk::Open()
 {
     Walk();
-    CheckSource();
+    CheckRepository();
     return OpenLast();
 }
 
@@ -67,8 +65,13 @@ void TargetWalk::CheckOther(const Entry& entry) const
 
 bool TargetWalk::CreateMissing(const Entry& entry)
 {
-    CheckSource();
-    MakeDirectoryUnlessThere(GetCurrent().directory, entry.name, 0777);
+    CheckRepository();
+    try {
+        GetCurrent().directory.MakeDirectory(entry.name, 0777);
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetOsError() != EEXIST) // another process may have made it
+            throw;
+    }
     return true;
 }
 
@@ -92,23 +95,23 @@ void TargetWalk::ReportSharedDirectories(Report& report) const
     }
 }
 
-void TargetWalk::CheckSource() const
+void TargetWalk::CheckRepository() const
 {
-    const auto isSource = [this](const Directory& each) {
-        return m_source && FileId(each.status) == *m_source;
+    const auto isRepository = [this](const Directory& each) {
+        return m_repository && FileId(each.status) == *m_repository;
     };
-    if (std::any_of(GetDirectories().begin(), GetDirectories().end(), isSource))
+    if (std::any_of(GetDirectories().begin(), GetDirectories().end(), isRepository))
         KRT_RAISE_AS("OpenTarget", Krt::MessageType::General, Krt::ErrorCode::InvalidArgument,
                      GetPath().c_str()
-                         << " is " << m_what << " itself or lies in it; nothing is restored there");
+                         << " is the repository itself or lies in it; nothing is restored there");
 }
 
 } // namespace
 
-YDirectory OpenTarget(const std::string& path, const YDirectory* source, const char* what, Report& report)
+YDirectory OpenTarget(const std::string& path, const YDirectory* repository, Report& report)
 {
     try {
-        TargetWalk walk(path, source, what);
+        TargetWalk walk(path, repository);
         YDirectory target = walk.Open();
         walk.ReportSharedDirectories(report);
         return target;

@@ -1,4 +1,4 @@
-#include "agent/Store/Durable.h"
+#include "agent/Restore/Durable.h"
 
 #include "agent/Run/Interrupt.h"
 
