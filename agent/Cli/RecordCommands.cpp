@@ -78,7 +78,6 @@ CLI::App* ConvertCommand::Register(CLI::App& program)
     m_records.AddTo(*command);
     command->footer(
         "FILE contains one record per line, one array of records, or records over several lines each.\n"
-        "The lines that list --snapshot ID --json prints are read as well.\n"
         "Writes one record per line. A damaged line, or a record that cannot be converted, is reported with\n"
         "its line number and skipped. Damage in the other forms ends the reading; its byte offset\n"
         "is reported.\n\n" +

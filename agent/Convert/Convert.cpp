@@ -64,13 +64,6 @@ bool IsWindowsPath(const std::string& text)
     return text.starts_with('\\') || !NormalWindowsPath(YPath(YString(text))).GetVolume().IsEmpty();
 }
 
-// Returns the record of an entry that "list --json" printed; otherwise the object itself.
-const YObject& RecordIn(const YObject& object)
-{
-    const boost::shared_ptr<Krt::JSON::YValue>& record = object.FindOpt("record");
-    return record && record->IsObject() && !object.FindOpt("metadata_type") ? record->AsObject() : object;
-}
-
 } // namespace
 
 // Mappers are copied for each record, so they share the base.
@@ -122,7 +115,7 @@ boost::shared_ptr<YMetadataBase> ConvertedRecords::Next()
             Fail(m_record.reason);
             continue;
         }
-        const YObject& record = RecordIn(m_record.Object());
+        const YObject& record = m_record.Object();
         m_keys.Check(record, m_record.line, m_report);
         try {
             return m_converter.Convert(record);
