@@ -35,6 +35,7 @@ std::unique_ptr<ICommand> MakeDumpCommand();
 std::unique_ptr<ICommand> MakeImportCommand();
 std::unique_ptr<ICommand> MakeInitCommand();
 std::unique_ptr<ICommand> MakeKeyCommand();
+std::unique_ptr<ICommand> MakeListCommand();
 std::unique_ptr<ICommand> MakeLsCommand();
 std::unique_ptr<ICommand> MakeMigrateCommand();
 std::unique_ptr<ICommand> MakeRenameCommand();

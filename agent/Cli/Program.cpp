@@ -46,10 +46,11 @@ enum ExitCode
 
 // In the order in which the help shows them.
 constexpr std::unique_ptr<ICommand> (*Makers[])() = {
-    MakeInitCommand,    MakeBackupCommand, MakeRestoreCommand, MakeSnapshotsCommand, MakeLsCommand,
-    MakeDumpCommand,    MakeShowCommand,   MakeStatsCommand,   MakeCheckCommand,     MakeCatCommand,
-    MakeTagCommand,     MakeKeyCommand,    MakeUnlockCommand,  MakeMigrateCommand,   MakeVolumesCommand,
-    MakeServiceCommand, MakeTrustCommand,  MakeConvertCommand, MakeRenameCommand,    MakeImportCommand,
+    MakeInitCommand,    MakeBackupCommand,  MakeRestoreCommand, MakeSnapshotsCommand, MakeLsCommand,
+    MakeDumpCommand,    MakeShowCommand,    MakeStatsCommand,   MakeCheckCommand,     MakeCatCommand,
+    MakeListCommand,    MakeTagCommand,     MakeKeyCommand,     MakeUnlockCommand,    MakeMigrateCommand,
+    MakeVolumesCommand, MakeServiceCommand, MakeTrustCommand,   MakeConvertCommand,   MakeRenameCommand,
+    MakeImportCommand,
 };
 
 void WarnOfUnknownChannels(Report& report)
