@@ -1,6 +1,6 @@
 #include "agent/Cli/Command.h"
 
-#include "agent/Backup/RepositoryBackup.h"
+#include "agent/Backup/BackupRun.h"
 #include "agent/Cli/NewSnapshotArguments.h"
 
 #include <CLI/CLI.hpp>

@@ -1,4 +1,4 @@
-#include "agent/Backup/RepositoryBackup.h"
+#include "agent/Backup/BackupRun.h"
 
 #include "agent/Access/Session.h"
 #include "agent/Access/SnapshotChoice.h"
@@ -29,10 +29,10 @@ std::set<std::string> AsSet(const std::vector<std::string>& texts)
     return {texts.begin(), texts.end()};
 }
 
-class RepositoryBackup
+class BackupRun
 {
 public:
-    RepositoryBackup(const BackupSettings& settings, Report& report, ISnapshotObserver& observer)
+    BackupRun(const BackupSettings& settings, Report& report, ISnapshotObserver& observer)
         : m_settings(settings), m_report(report), m_observer(observer)
     {}
 
@@ -54,7 +54,7 @@ private:
     SnapshotOutcome m_outcome;
 };
 
-SnapshotOutcome RepositoryBackup::Run()
+SnapshotOutcome BackupRun::Run()
 {
     Krt::Environment::RaiseDescriptorLimit(); // files wait open to be read
     LoadRules();
@@ -71,7 +71,7 @@ SnapshotOutcome RepositoryBackup::Run()
     return m_outcome;
 }
 
-void RepositoryBackup::LoadRules()
+void BackupRun::LoadRules()
 {
     m_job = LoadJob(m_settings.jobFile, m_settings.paths,
                     [this](const std::string& path, const Krt::Exception::YError& error) {
@@ -83,7 +83,7 @@ void RepositoryBackup::LoadRules()
                      "None of the paths can be stored, so no snapshot was created");
 }
 
-void RepositoryBackup::BeginSnapshot()
+void BackupRun::BeginSnapshot()
 {
     m_snapshot = MakeSnapshot(m_settings, m_outcome);
     m_snapshot.paths = m_job.paths;
@@ -91,7 +91,7 @@ void RepositoryBackup::BeginSnapshot()
 }
 
 // The newest snapshot of the same host and the same paths, or the one that the user named.
-void RepositoryBackup::ChooseParent(Session& session)
+void BackupRun::ChooseParent(Session& session)
 {
     const Repo::Repository& repository = session.GetRepository();
     Repo::SnapshotFilter filter;
@@ -117,7 +117,7 @@ void RepositoryBackup::ChooseParent(Session& session)
 }
 
 // That of the repository, which must not be part of the backup, since it grows with it.
-struct stat RepositoryBackup::SkippedDirectory() const
+struct stat BackupRun::SkippedDirectory() const
 {
     std::string path = FindLocation(m_settings.repository);
     if (path.starts_with("local:"))
@@ -125,7 +125,7 @@ struct stat RepositoryBackup::SkippedDirectory() const
     return Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(YString(path))).Stat();
 }
 
-void RepositoryBackup::Store(Session& session)
+void BackupRun::Store(Session& session)
 {
     Repo::SaveOptions save = m_settings.save;
     save.onWait = [] {
@@ -186,7 +186,7 @@ std::string ChangeLine(const char* title, std::uint64_t isNew, std::uint64_t isC
 
 SnapshotOutcome BackUp(const BackupSettings& settings, Report& report, ISnapshotObserver& observer)
 {
-    return RepositoryBackup(settings, report, observer).Run();
+    return BackupRun(settings, report, observer).Run();
 }
 
 std::string SummaryText(const BackupSettings& settings, const SnapshotOutcome& outcome)

@@ -1,4 +1,4 @@
-// RepositoryBackup: a backup into a repository, from the job to the snapshot file.
+// BackupRun: a backup, from the job to the snapshot file.
 #pragma once
 
 #include "agent/Backup/NewSnapshot.h"
