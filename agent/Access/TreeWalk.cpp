@@ -5,6 +5,7 @@
 #include "agent/Run/Text.h"
 
 #include <memory>
+#include <optional>
 
 namespace Agent {
 
@@ -48,12 +49,19 @@ std::vector<std::string_view> NamesOf(std::string_view path)
     return names;
 }
 
-// Finds the entry of a tree; returns false if it is missing.
+// Finds the entry of a tree; returns false if it is missing. If entries of the tree are damaged, of which it
+// may be one, raises that of its name, or otherwise the first of them.
 bool FindInTree(const Repo::Repository& repository, const Id& tree, std::string_view name, Node& found)
 {
     Repo::Bytes text;
     repository.LoadBlob({BlobType::Tree, tree}, text);
-    Repo::TreeReader reader(Repo::AsText(text), Repo::UnknownMembers::Keep, [](const RepositoryError&) {});
+    std::optional<RepositoryError> damage;
+    const std::string ofName = "entry \"" + std::string(name) + "\": ";
+    const auto onBadEntry = [&](const RepositoryError& error) {
+        if (!damage || error.GetMessage().Bytes().starts_with(ofName))
+            damage.emplace(error);
+    };
+    Repo::TreeReader reader(Repo::AsText(text), Repo::UnknownMembers::Keep, onBadEntry);
     bool isFound = false;
     for (Node node; reader.Next(node);) {
         const bool isPrinted = Printable(node.name) == name;
@@ -65,6 +73,8 @@ bool FindInTree(const Repo::Repository& repository, const Id& tree, std::string_
             break;
         node = Node();
     }
+    if (!isFound && damage)
+        throw RepositoryError(*damage);
     return isFound;
 }
 
@@ -164,12 +174,20 @@ FoundEntry FindEntry(const Repo::Repository& repository, const Id& tree, const s
     found.node.mode = Repo::MakeNodeMode(040755);
     found.node.subtree = tree;
     std::string foundPath;
+    const YString shown = YString(std::string_view(path));
     for (const std::string_view name : NamesOf(path)) {
-        const bool isDirectory = found.node.type == NodeType::Directory && found.node.subtree;
         Node node;
-        KRT_RAISE_UNLESS(isDirectory && FindInTree(repository, *found.node.subtree, name, node),
-                         Krt::ErrorCode::InvalidArgument,
-                         "The snapshot has no entry " << YString(std::string_view(path)));
+        const bool isFound =
+            Repo::Named([&] { return YString("No entry " + shown.Bytes() + " can be found: "); },
+                        [&] {
+                            if (found.node.type != NodeType::Directory)
+                                return false;
+                            REPOSITORY_RAISE_UNLESS(found.node.subtree, Repo::Failure::Damaged,
+                                                    "the directory " << YString(std::string_view(foundPath))
+                                                                     << " has no tree");
+                            return FindInTree(repository, *found.node.subtree, name, node);
+                        });
+        KRT_RAISE_UNLESS(isFound, Krt::ErrorCode::InvalidArgument, "The snapshot has no entry " << shown);
         foundPath += "/" + node.name;
         found.node = std::move(node);
     }

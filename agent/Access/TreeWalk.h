@@ -43,7 +43,8 @@ struct FoundEntry
 
 /// Returns the entry that a path names. Each name of the path is the entry's name as Printable shows it, or
 /// otherwise its bytes. Other entries that are wrong in themselves are ignored. Raises InvalidArgument if
-/// there is no such entry, and what loading a tree raises.
+/// there is no such entry, or Damaged if it may be one that is wrong in itself, and what loading a tree
+/// raises.
 FoundEntry FindEntry(const Repo::Repository& repository, const Repo::Id& tree, const std::string& path);
 
 } // namespace Agent

@@ -436,6 +436,7 @@ TEST_F(RepositoryCommands, WrongEntryHidesNoOther)
         EXPECT_TRUE(Holds(listed.errors, message)) << listed.errors;
         for (const std::string path : {"latest /d/z", "latest d/z", "latest:/d/z", "latest:d z"})
             EXPECT_EQ(Run(0, "ls -q --no-lock " + path).output, "/d/z\n") << path;
+        EXPECT_TRUE(Holds(Run(3, "ls -q --no-lock latest /d/b").errors, message)) << members;
         Run(3, "dump --no-lock latest / -t out.tar");
         EXPECT_EQ(std::system(("tar -tf " + directory / "out.tar" + " | grep -qx d/z").c_str()), 0);
         const std::string found = Run(1, "check --no-lock").errors;
