@@ -1,11 +1,14 @@
 #include "agent/Inspect/PackCheck.h"
 
+#include "agent/Run/Text.h"
+
 #include "Krt/Exception/Raise.h"
 
 #include <openssl/evp.h>
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 
 namespace Agent {
 
@@ -69,7 +72,7 @@ private:
             call();
             return true;
         } catch (const RepositoryError& error) {
-            Fail(error.GetMessage().Bytes());
+            Fail(ReasonOf(error).Bytes());
             return false;
         }
     }
@@ -80,7 +83,9 @@ private:
     void ReadBlobs();
     std::uint64_t SkipTo(std::uint64_t at, std::uint64_t end);
     std::uint64_t ReadStep(std::uint64_t at);
-    void Load(std::uint64_t offset, std::uint64_t length);
+    std::optional<RepositoryError> Load(std::uint64_t offset, std::uint64_t length);
+    bool CheckBlob(const PackedBlob& blob, std::span<unsigned char> sealed);
+    void FailToRead(const RepositoryError& error, const std::string& what);
 
     CheckState& m_state;
     const std::uint32_t m_pack;
@@ -90,7 +95,7 @@ private:
     std::vector<IndexedBlob> m_blobs; // by offset
     std::size_t m_next = 0;           // in m_blobs
     Hash m_hash;
-    bool m_overlaps = false; // blobs do, so the bytes were not hashed in order
+    bool m_isHashed = true; // all bytes were, in order
     bool m_isBroken = false;
     Repo::Bytes m_read;
     Repo::Bytes m_plaintext;
@@ -143,7 +148,7 @@ void PackCheck::ReadBlobs()
         at = ReadStep(at);
     }
     SkipTo(at, m_size);
-    if (!m_overlaps && m_hash.Finish() != m_id)
+    if (m_isHashed && m_hash.Finish() != m_id)
         Fail("The content of the pack does not have its id");
 }
 
@@ -152,18 +157,21 @@ std::uint64_t PackCheck::SkipTo(std::uint64_t at, std::uint64_t end)
 {
     while (at < end) {
         const std::uint64_t length = std::min(end - at, StepSize);
-        Load(at, length);
-        m_hash.Add(m_read);
+        if (const auto error = Load(at, length))
+            FailToRead(*error, std::to_string(length) + " bytes at offset " + std::to_string(at));
+        else
+            m_hash.Add(m_read);
         at += length;
     }
     return at;
 }
 
-// Reads and checks blobs without a gap between them. `at` is at the next one, or after its begin.
+// Reads and checks blobs without a gap between them. `at` is at the next one, or after its begin. If they
+// can't be read together, as with a disk's bad sector in one of them, each is read alone.
 std::uint64_t PackCheck::ReadStep(std::uint64_t at)
 {
     const std::uint64_t begin = m_blobs[m_next].blob.offset;
-    m_overlaps |= begin != at;
+    m_isHashed &= begin == at;
     std::uint64_t end = begin + m_blobs[m_next].blob.length;
     std::size_t last = m_next + 1;
     for (; last < m_blobs.size() && m_blobs[last].blob.offset == end; ++last) {
@@ -171,25 +179,43 @@ std::uint64_t PackCheck::ReadStep(std::uint64_t at)
             break;
         end += m_blobs[last].blob.length;
     }
-    Load(begin, end - begin);
-    m_hash.Add(m_read);
+    const bool isReadTogether = !Load(begin, end - begin);
     for (; m_next < last; ++m_next) {
-        const IndexedBlob& place = m_blobs[m_next];
-        const bool isGood = Named([&] {
-            m_state.GetRepository().DecodeBlob(
-                m_id, place.blob, std::span(m_read).subspan(place.blob.offset - begin, place.blob.length),
-                m_plaintext);
-        });
-        if (!isGood)
-            m_state.MarkBad(place.number);
+        const PackedBlob& blob = m_blobs[m_next].blob;
+        const auto error = isReadTogether ? std::nullopt : Load(blob.offset, blob.length);
+        if (error)
+            FailToRead(*error, "blob " + blob.handle.ToText().Bytes());
+        const std::uint64_t skipped = isReadTogether ? blob.offset - begin : 0;
+        if (error || !CheckBlob(blob, std::span(m_read).subspan(skipped, blob.length)))
+            m_state.MarkBad(m_blobs[m_next].number);
     }
     return std::max(at, end);
 }
 
-void PackCheck::Load(std::uint64_t offset, std::uint64_t length)
+bool PackCheck::CheckBlob(const PackedBlob& blob, std::span<unsigned char> sealed)
 {
-    m_state.GetRepository().GetBackend().Load(m_file, offset, length, m_read);
-    m_state.bytes += length;
+    m_hash.Add(sealed);
+    return Named([&] { m_state.GetRepository().DecodeBlob(m_id, blob, sealed, m_plaintext); });
+}
+
+// Returns why the range can't be read. Raises if there is no pack any more.
+std::optional<RepositoryError> PackCheck::Load(std::uint64_t offset, std::uint64_t length)
+{
+    try {
+        m_state.GetRepository().GetBackend().Load(m_file, offset, length, m_read);
+        m_state.bytes += length;
+        return std::nullopt;
+    } catch (const RepositoryError& error) {
+        if (error.GetFailure() == Repo::Failure::Missing)
+            throw;
+        return error;
+    }
+}
+
+void PackCheck::FailToRead(const RepositoryError& error, const std::string& what)
+{
+    m_isHashed = false;
+    Fail(ReasonOf(error).Bytes() + " (" + what + ")");
 }
 
 } // namespace

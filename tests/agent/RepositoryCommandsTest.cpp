@@ -3,6 +3,7 @@
 #include "agent/Access/RepositoryLock.h"
 #include "agent/Access/WatchedBackend.h"
 #include "agent/Dump/DumpRun.h"
+#include "agent/Inspect/PackCheck.h"
 #include "agent/Record/NodeRecord.h"
 #include "agent/Repository/LocalBackend.h"
 #include "agent/Repository/Pack.h"
@@ -610,6 +611,38 @@ public:
 private:
     std::atomic<int> m_count{0};
 };
+
+// A backend that can't read the bytes that the file has at an offset.
+struct BadSector : WatchedBackend
+{
+    using WatchedBackend::WatchedBackend;
+    void Load(const Repo::FileName& file, std::uint64_t offset, std::uint64_t length,
+              Repo::Bytes& out) override
+    {
+        REPOSITORY_RAISE_UNLESS(sector < offset || sector >= offset + length, Repo::Failure::Backend,
+                                "can't be read");
+        WatchedBackend::Load(file, offset, length, out);
+    }
+    std::uint64_t sector = UINT64_MAX;
+};
+
+TEST_F(RepositoryCommands, BadSectorDamagesOnlyItsBlob)
+{
+    const auto tree = [](const Id& before) {
+        return R"({"nodes":[],"before":")" + before.ToHex() + "\"}";
+    };
+    SaveTrees(Create(), {tree, tree, tree});
+    const auto backend =
+        std::make_shared<BadSector>(std::make_shared<Repo::LocalBackend>(repository.c_str()));
+    Repo::Repository opened = Repo::Repository::Open(backend, Repo::Secret(Repo::AsBytes(password)));
+    opened.LoadIndex([](const auto&...) {}, 1);
+    CheckState state(opened);
+    backend->sector = opened.GetIndex().At(1).blob.offset;
+    CheckPackContent(state, 0, backend->Size({FileKind::Pack, opened.GetIndex().GetPacks()[0].id}));
+    for (std::uint32_t i = 0; i < 3; ++i)
+        EXPECT_EQ(state.IsReadable(opened.GetIndex().At(i).blob.handle), i != 1) << i;
+    EXPECT_TRUE(Holds(state.TakeErrors().back(), opened.GetIndex().At(1).blob.handle.id.ToHex()));
+}
 
 TEST_F(RepositoryCommands, LostLockEndsRun)
 {
