@@ -4,6 +4,7 @@
 #include "agent/Repository/Utf8.h"
 
 #include "Backup/File/YUnixFileMetadata.h"
+#include "Backup/File/YWinFileMetadata.h"
 
 #include "Krt/JSON/YValue.h"
 
@@ -113,6 +114,26 @@ unsigned int KindOf(NodeType type)
     default:
         return 0;
     }
+}
+
+// An ODS object is stored as a directory.
+bool HasTypeOf(YMetadataBase& record, const Node& node)
+{
+    const bool isDirectory = node.type == NodeType::Directory;
+    switch (record.GetMetadataType()) {
+    case Backup::File::VAM_ODS_METADATA_TYPE:
+        return isDirectory;
+    case Backup::File::VAM_WINDOWS_METADATA_TYPE:
+        return record.AsWinFileMetadata().IsDirectoryAttributeSet() ? isDirectory
+                                                                    : node.type == NodeType::File;
+    default:
+        break;
+    }
+    const YUnixFileMetadata& metadata = record.AsUnixFileMetadata();
+    if (metadata.IsSymbolicLink() || metadata.IsDirectoryForRestore())
+        return node.type == (metadata.IsSymbolicLink() ? NodeType::Symlink : NodeType::Directory);
+    const unsigned int kind = metadata.GetModeFlags() & S_IFMT;
+    return (kind == S_IFDIR ? S_IFREG : kind) == KindOf(node.type);
 }
 
 unsigned long long SizeOf(const Node& node)
@@ -245,10 +266,13 @@ boost::shared_ptr<YMetadataBase> RecordOf(const Node& node, const std::string& p
     if (!member.record.empty()) {
         try {
             const auto json = Krt::JSON::YValue::Parse(member.record);
-            return YMetadataBase::ConstructFromJson(
+            auto record = YMetadataBase::ConstructFromJson(
                 json->AsObject(), [](Krt::File::YPath name, bool isContainer) {
                     return YJobPath::FromFilePath(YJobPath(), std::move(name), isContainer);
                 });
+            REPOSITORY_RAISE_UNLESS(HasTypeOf(*record, node), Repo::Failure::Damaged,
+                                    "it is of another type than the node");
+            return record;
         } catch (const Krt::Exception::YError& error) {
             note = "The record of the member \"kbagent\" can't be used, so the fields of the node are: " +
                    error.GetMessage().Bytes();

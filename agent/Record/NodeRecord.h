@@ -43,7 +43,8 @@ void AppendKbagentMember(const KbagentMember& member, std::vector<Repo::RawMembe
 /// nothing is returned, and `note` becomes a sentence on that. Otherwise `note` is not changed.
 std::optional<KbagentMember> ReadKbagentMember(const Repo::Node& node, std::string& note);
 
-/// The record of a node. It is that of the member "kbagent" if it has one; otherwise a Unix record:
+/// The record of a node. It is that of the member "kbagent" if it has one, of the node's type; otherwise a
+/// Unix record:
 ///   - the times in seconds, 0 for a time that is not known
 ///   - the size of a directory is 0, that of a symlink the length of its target
 ///   - the extended attributes of the node and of the member

@@ -848,6 +848,10 @@ TEST(NodeRecord, FieldsThatNodeLacksAreKept)
         EXPECT_EQ(RecordOf(node, "/f", note)->AsUnixFileMetadata().GetUserId(), 0u);
     }
     EXPECT_TRUE(Holds((parsed(R"({"version":2})"), note), "version 2 is not supported"));
+    parsed(R"({"version":1,"record":)" + ods + "}");
+    node.type = Repo::NodeType::Directory;
+    EXPECT_TRUE(RecordOf(node, "/f", note)->AsUnixFileMetadata().IsDirectoryForRestore());
+    EXPECT_TRUE(Holds(note, "of another type than the node"));
 }
 
 TEST_F(RepositoryCommands, ThreadsThatCanNotStartEndTheRun)
