@@ -41,6 +41,7 @@ Config Config::Parse(std::string_view json)
         }
     }
     reader.End();
+    JoinRepeated(config.unknown);
     REPOSITORY_RAISE_UNLESS(config.version >= OldestVersion && config.version <= NewestVersion,
                             Failure::NoRepository,
                             "version " << config.version << " of the format is not supported");

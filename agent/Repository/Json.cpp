@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <map>
 
 namespace Agent::Repo {
 
@@ -107,6 +108,25 @@ std::size_t AppendEscaped(std::string_view text, std::string& out)
 }
 
 } // namespace
+
+void JoinRepeated(std::vector<RawMember>& members)
+{
+    if (members.size() < 2)
+        return;
+    std::map<std::string_view, std::size_t> places;
+    std::size_t count = 0;
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        if (const auto found = places.find(members[i].key); found != places.end()) {
+            members[found->second].json = std::move(members[i].json);
+            continue;
+        }
+        if (count != i)
+            members[count] = std::move(members[i]);
+        places.emplace(members[count].key, count);
+        ++count;
+    }
+    members.resize(count);
+}
 
 bool IsKey(std::string_view key, std::string_view member)
 {
@@ -425,12 +445,7 @@ std::string_view JsonReader::Skip()
 void JsonReader::Keep(std::string key, std::vector<RawMember>& members)
 {
     const std::string_view json = Skip();
-    const auto found = std::find_if(members.begin(), members.end(),
-                                    [&key](const RawMember& member) { return member.key == key; });
-    if (found != members.end())
-        found->json = json;
-    else
-        members.push_back({std::move(key), std::string(json)});
+    members.push_back({std::move(key), std::string(json)});
 }
 
 void JsonReader::End()

@@ -21,6 +21,9 @@ struct RawMember
     friend bool operator==(const RawMember&, const RawMember&) = default;
 };
 
+/// Leaves one of the members of each key: in the place of the first, with the value of the last.
+void JoinRepeated(std::vector<RawMember>& members);
+
 /// Returns true if the key names the member, whatever the case of its ASCII letters.
 bool IsKey(std::string_view key, std::string_view member);
 
@@ -64,7 +67,7 @@ public:
     /// Consumes any value, and returns its text, which is part of the document. Levels of arrays and objects
     /// are limited to 10,000.
     std::string_view Skip();
-    /// Consumes any value, and stores it under the key. A value with the same key is replaced.
+    /// Consumes any value, and adds it under the key. JoinRepeated is called after the last one.
     void Keep(std::string key, std::vector<RawMember>& members);
     /// Raises unless only white space follows.
     void End();

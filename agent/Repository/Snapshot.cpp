@@ -182,6 +182,7 @@ Snapshot Snapshot::Parse(std::string_view json)
             reader.Keep(std::string(key), snapshot.unknown);
     }
     reader.End();
+    JoinRepeated(snapshot.unknown);
     if (!hasTime || !hasTree)
         reader.RaiseDamaged("the snapshot has no time or no tree");
     return snapshot;

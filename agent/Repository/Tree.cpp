@@ -76,6 +76,7 @@ void ReadGenericAttributes(JsonReader& reader, std::vector<RawMember>& attribute
     reader.BeginObject();
     while (reader.NextKey(key))
         reader.Keep(std::string(key), attributes);
+    JoinRepeated(attributes);
 }
 
 void ReadContent(JsonReader& reader, std::vector<Id>& content)
@@ -221,6 +222,7 @@ bool TreeReader::FindNodes()
         return true;
     }
     m_reader.End();
+    JoinRepeated(m_unknown);
     return false;
 }
 
@@ -292,6 +294,7 @@ void TreeReader::ReadNode(Node& node)
         else
             m_reader.Skip();
     }
+    JoinRepeated(node.unknown);
     if (!m_hasName || !m_hasType)
         m_reader.RaiseDamaged("a node has no name or no type");
     if (!IsEntryName(node.name))

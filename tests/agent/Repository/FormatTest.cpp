@@ -364,14 +364,14 @@ TEST(Tree, UnusualTreeIsReadAndUnknownMembersKept)
 {
     const std::string text =
         R"({"x":[1, 2],"Nodes":[{"NAME":"a","name":"b\\x41","type":"symlink","mode":134218239,"uid":7,"linktarget_raw":"/w==",)"
-        R"("linktarget":"?","content":null,"extended_attributes":[{"name":"user.n","value":null}],"k\u00e9y":{"deep": [1.50]},"other":null}]})";
+        R"("linktarget":"?","content":null,"extended_attributes":[{"name":"user.n","value":null}],"k\u00e9y":1,"other":null,"key":[],"k\u00e9y":{"deep": [1.50]}}]})";
     TreeReader reader(text, UnknownMembers::Keep);
     Node node;
     ASSERT_TRUE(reader.Next(node));
     EXPECT_EQ(node.name, "bA");
     EXPECT_EQ(node.linkTarget, "\xFF");
-    EXPECT_EQ(node.unknown,
-              (std::vector<RawMember>{{"k\xC3\xA9y", "{\"deep\": [1.50]}"}, {"other", "null"}}));
+    EXPECT_EQ(node.unknown, (std::vector<RawMember>{
+                                {"k\xC3\xA9y", "{\"deep\": [1.50]}"}, {"other", "null"}, {"key", "[]"}}));
     EXPECT_FALSE(reader.Next(node) || reader.Next(node));
     EXPECT_EQ(reader.GetUnknown(), (std::vector<RawMember>{{"x", "[1, 2]"}}));
     for (const char* const empty : {"{\"nodes\":null}", "{}", "{\"nodes\":[]}\n"})
