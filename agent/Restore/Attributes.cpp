@@ -92,8 +92,18 @@ void ApplyTo(const Attributes& attributes, const YEntry& target, bool hasMode, R
         refused.emplace_back("set-user-id or set-group-id bit not restored, since the owner is another");
 }
 
-bool IsSame(const Krt::File::ExtendedAttributeMap& wanted, const Krt::File::ExtendedAttributeMap& present)
+// The system gives these to every entry.
+bool IsOfSystem(const YString& attribute)
 {
+    return attribute == YString("security.selinux") ||
+           (attribute.Bytes().starts_with("system.") && !IsAccessList(attribute));
+}
+
+bool IsSame(const Krt::File::ExtendedAttributeMap& wanted, Krt::File::ExtendedAttributeMap present)
+{
+    std::erase_if(present, [&](const auto& attribute) {
+        return IsOfSystem(attribute.first) && !wanted.contains(attribute.first);
+    });
     const auto bytesOf = [](const auto& value) {
         return value.Size() == 0 ? std::string_view()
                                  : std::string_view(value.template Cast<char>(), value.Size());
@@ -102,6 +112,11 @@ bool IsSame(const Krt::File::ExtendedAttributeMap& wanted, const Krt::File::Exte
                       [&](const auto& a, const auto& b) {
                           return a.first == b.first && bytesOf(a.second) == bytesOf(b.second);
                       });
+}
+
+bool HasTime(const timespec& wanted, const timespec& present)
+{
+    return wanted.tv_nsec == UTIME_NOW || Agent::IsSame(wanted, present);
 }
 
 bool IsOwnGroup(gid_t group)
@@ -138,11 +153,30 @@ bool HasAttributes(const YEntry& entry, const struct stat& status, const Attribu
     try {
         return hasMode && isOwner(attributes.user, status.st_uid) &&
                isOwner(attributes.group, status.st_gid) &&
-               IsSame(attributes.write, Krt::File::WriteTime(status)) &&
-               (!comparesAccess || IsSame(attributes.access, Krt::File::AccessTime(status))) &&
+               HasTime(attributes.write, Krt::File::WriteTime(status)) &&
+               (!comparesAccess || HasTime(attributes.access, Krt::File::AccessTime(status))) &&
                IsSame(attributes.extended, entry.GetExtendedAttributeMap());
     } catch (const Krt::Exception::YError&) {
         return false; // they can't be read
+    }
+}
+
+bool HasStorableAttributes(const Krt::File::YDirectory& parent, const YString& name,
+                           const struct stat& status, const Attributes& attributes, bool maySetTimes)
+{
+    const YEntry entry(parent, name);
+    if (HasAttributes(entry, status, attributes, false))
+        return true;
+    Attributes present = attributes;
+    present.write = Krt::File::WriteTime(status);
+    if (!maySetTimes || IsSame(attributes.write, present.write) ||
+        !HasAttributes(entry, status, present, false))
+        return false;
+    try {
+        entry.SetTimes(attributes.access, attributes.write);
+        return IsSame(Krt::File::WriteTime(parent.Stat(name)), present.write);
+    } catch (const Krt::Exception::YError&) {
+        return false; // reported when all attributes are set
     }
 }
 

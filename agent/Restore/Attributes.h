@@ -39,8 +39,13 @@ void Apply(const Attributes& attributes, const Krt::Util::YUnxHandle& handle,
 void Apply(const Attributes& attributes, const Krt::File::YDirectory& parent, const Krt::YString& name,
            bool isLink, std::vector<Krt::YString>& refused);
 /// Returns true if the entry, which has this status, already has all of the attributes and no other extended
-/// ones. The access time counts only with `comparesAccess`.
+/// ones, except those that the system itself sets. The access time counts only with `comparesAccess`, and a
+/// time that is to be that of the restore never counts.
 bool HasAttributes(const Krt::File::YEntry& entry, const struct stat& status, const Attributes& attributes,
                    bool comparesAccess);
+/// HasAttributes without the access time, but a modification time that the file system can't store is equal
+/// to the nearest one that it can. That is found out by setting the times, if `maySetTimes`.
+bool HasStorableAttributes(const Krt::File::YDirectory& parent, const Krt::YString& name,
+                           const struct stat& status, const Attributes& attributes, bool maySetTimes);
 
 } // namespace Agent

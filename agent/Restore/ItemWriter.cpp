@@ -149,7 +149,7 @@ void ItemWriter::MakeDirectory(RestoreItem& item)
     struct stat existing
     {};
     if (parent != nullptr && parent->StatIfPresent(name, existing) && S_ISDIR(existing.st_mode) &&
-        HasAttributes(Krt::File::YEntry(*parent, name), existing, item.recorded.attributes, false))
+        HasStorableAttributes(*parent, name, existing, item.recorded.attributes, m_state.maker != nullptr))
         item.action = Action::KeepUnchanged;
     if (m_state.maker)
         m_state.maker->GetTree().MakeDirectory(item.location, item.recorded.attributes);
@@ -251,7 +251,7 @@ bool ItemWriter::KeepOther(const RestoreItem& item, const YDirectory& parent, co
             ? parent.ReadSymbolicLink(name) == Text(item.linkTarget)
             : S_ISFIFO(now.st_mode) || static_cast<std::uint64_t>(now.st_rdev) == item.device;
     return isSameThing &&
-           HasAttributes(Krt::File::YEntry(parent, name), now, item.recorded.attributes, false);
+           HasStorableAttributes(parent, name, now, item.recorded.attributes, m_state.maker != nullptr);
 }
 
 // Gives the file its attributes, unless it is no longer the one that was compared.

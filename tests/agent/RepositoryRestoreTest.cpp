@@ -230,6 +230,7 @@ TEST_F(RepositoryRestore, EqualEntriesStayUntouched)
     GiveAccessList(source + "/x", "access");
     BackUp();
     Restored(0);
+    lsetxattr((target + "/link").c_str(), "security.selinux", "label", 5, 0); // as a system with labels does
     const auto changes = [this] {
         std::map<std::string, long long> times;
         for (const std::string& path : PathsIn(target)) {
@@ -244,6 +245,7 @@ TEST_F(RepositoryRestore, EqualEntriesStayUntouched)
     EXPECT_TRUE(Holds(all, "Summary: Restored 0 / 7 files/dirs (0 B / ") && Holds(all, ", skipped 7 "));
     EXPECT_EQ(Restored(0, {"--dry-run"}).output.find("unchanged"), std::string::npos);
     EXPECT_EQ(changes(), unchanged);
+    lremovexattr((target + "/link").c_str(), "security.selinux");
     // What has too much, or has become a file of its own, does not stay.
     setxattr((target + "/x").c_str(), "user.more", "2", 1, 0);
     fs::remove(target + "/d/b");
@@ -606,15 +608,18 @@ TEST_F(RepositoryRestore, TimesThatCanNotBeStoredAreReportedOnce)
     const auto late = [](std::string text) {
         return text.replace(text.find("2001"), 4, "2600");
     };
-    SaveTrees({[&](auto&) { return TreeText(late(FileText("b")) + "," + late(FileText("c"))); },
-               [&](auto& id) {
-                   return TreeText(late(DirectoryText("a", id)));
-               }});
+    const std::string link = NodeText("d", R"("type":"symlink","linktarget":"b")");
+    SaveTrees(
+        {[&](auto&) { return TreeText(late(FileText("b")) + "," + late(FileText("c")) + "," + late(link)); },
+         [&](auto& id) {
+             return TreeText(late(DirectoryText("a", id)));
+         }});
     const std::string notes = Restored(0).errors;
     const bool isStored = StatusOf("a/b").st_mtime == 19902592000; // 2600-09-09
     const std::size_t first = notes.find("can't store this time");
     EXPECT_EQ(first == std::string::npos, isStored) << notes;
     EXPECT_EQ(notes.find("can't store", first + 1), std::string::npos) << notes;
+    EXPECT_TRUE(Holds(Restored(0, {"--overwrite", "if-changed"}).output, ", skipped 4 files/dirs"));
 }
 
 TEST_F(RepositoryRestore, RandomTreesComeBack)
