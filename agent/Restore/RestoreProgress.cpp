@@ -69,6 +69,12 @@ void RestoreProgress::CountDeleted(const std::string& path)
     Print("deleted", path, std::nullopt);
 }
 
+void RestoreProgress::CountVerified(unsigned long long size)
+{
+    ++m_totals.verified;
+    m_totals.bytesVerified += size;
+}
+
 void RestoreProgress::Print(const char* action, const std::string& path,
                             std::optional<unsigned long long> size)
 {
@@ -116,8 +122,14 @@ std::string RestoreProgress::TotalsJson(const char* type) const
     number("total_bytes", m_totals.bytes);
     number("bytes_restored", m_totals.bytesRestored);
     number("bytes_skipped", m_totals.bytesSkipped);
-    if (type == std::string_view("summary"))
-        number("entries_failed", m_report.GetFailed()); // restic has no such number
+    if (type == std::string_view("summary")) { // restic has no such numbers
+        if (m_settings.verifies && !m_settings.isDryRun) {
+            number("files_verified", m_totals.verified);
+            number("files_unverified", m_totals.unverified);
+            number("bytes_verified", m_totals.bytesVerified);
+        }
+        number("entries_failed", m_report.GetFailed());
+    }
     writer.EndObject();
     return json;
 }
@@ -155,6 +167,11 @@ std::string RestoreProgress::SummaryText() const
                 SizeText(m_totals.bytesSkipped);
     if (m_totals.deleted != 0)
         text += ", deleted " + std::to_string(m_totals.deleted) + " files/dirs";
+    if (m_settings.verifies && !m_settings.isDryRun)
+        text +=
+            ", verified " + std::to_string(m_totals.verified) + " files " + SizeText(m_totals.bytesVerified);
+    if (m_totals.unverified != 0)
+        text += ", " + std::to_string(m_totals.unverified) + " not verified";
     if (m_report.GetFailed() != 0)
         text += ", " + std::to_string(m_report.GetFailed()) + " failed";
     return text;

@@ -22,6 +22,10 @@ public:
     void CountDone(const RestoreItem& item);
     /// An entry of the target was removed, which is printed if it was asked for.
     void CountDeleted(const std::string& path);
+    /// A file of this size was read again, and is that of the snapshot.
+    void CountVerified(unsigned long long size);
+    /// A file could not be read again.
+    void CountUnverified() { ++m_totals.unverified; }
     bool HasFoundNothing() const { return m_totals.files == 0; }
 
     /// Shows on the terminal how far the restore has come, `more` bytes of the current file included.
@@ -39,6 +43,7 @@ private:
     {
         unsigned long long files = 0, restored = 0, skipped = 0, deleted = 0;
         unsigned long long bytes = 0, bytesRestored = 0, bytesSkipped = 0;
+        unsigned long long verified = 0, unverified = 0, bytesVerified = 0;
     };
 
     void Print(const char* action, const std::string& path, std::optional<unsigned long long> size);

@@ -6,6 +6,11 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/File.h"
+#include "Krt/Util/YUnxHandle.h"
+
+#include <cerrno>
+#include <optional>
+#include <sys/stat.h>
 
 namespace Agent {
 
@@ -38,6 +43,19 @@ bool HasContent(const Repo::Index& index, const Krt::Util::YUnxHandle& file, con
     return true;
 }
 
+// Returns nothing if the mode of the node does not allow the owner, an ordinary user, to read the file.
+std::optional<Krt::Util::YUnxHandle> OpenUnlessDenied(const YDirectory& parent, const YString& name,
+                                                      const Node& node)
+{
+    try {
+        return parent.OpenFile(name);
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetOsError() != EACCES || (node.mode & S_IRUSR) != 0)
+            throw;
+        return std::nullopt;
+    }
+}
+
 void VerifyFile(RestoreState& state, ExistingEntries& existing, const std::string& path, const Node& node)
 {
     try {
@@ -45,8 +63,15 @@ void VerifyFile(RestoreState& state, ExistingEntries& existing, const std::strin
         const YDirectory* const parent = existing.ParentOf(location);
         KRT_RAISE_UNLESS(parent != nullptr, ErrorCode::NotFound,
                          "Not verified: its directory can't be opened");
-        KRT_RAISE_UNLESS(HasContent(state.repository.GetIndex(), parent->OpenFile(location.back()), node),
-                         ErrorCode::InvalidState, "Verified, and its content is not that of the snapshot");
+        const auto file = OpenUnlessDenied(*parent, location.back(), node);
+        if (!file) {
+            state.progress.CountUnverified();
+            state.report.Note(YString(path + ": Not verified: its mode does not allow the user to read it"));
+            return;
+        }
+        KRT_RAISE_UNLESS(HasContent(state.repository.GetIndex(), *file, node), ErrorCode::InvalidState,
+                         "Verified, and its content is not that of the snapshot");
+        state.progress.CountVerified(node.size);
     } catch (const Krt::Exception::YError& error) {
         RaiseIfInterrupted();
         state.report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));

@@ -6,7 +6,9 @@
 namespace Agent {
 
 /// Verifies the files below the tree that were restored, and reports others than those of the snapshot as
-/// failed. What the restore has reported is not reported again. Raises InvalidState if the user interrupts.
+/// failed. What the restore has reported is not reported again. A file that the user may not read, by the
+/// mode that was restored, is noted. The progress counts what was verified. Raises InvalidState if the user
+/// interrupts.
 void VerifyRestored(RestoreState& state, const Repo::Id& tree);
 
 } // namespace Agent

@@ -497,8 +497,9 @@ TEST_F(RepositoryRestore, OrdinaryUserRestoresAttributesOfReadOnlyFileAgain)
     SaveTrees({[](auto&) {
         std::string text = FileText("a");
         text.replace(text.find("420"), 3, "292");
-        return TreeText(text.insert(text.find(R"("type")"),
-                                    R"("extended_attributes":[{"name":"user.a","value":"Yg=="}],)"));
+        text.insert(text.find(R"("type")"), R"("extended_attributes":[{"name":"user.a","value":"Yg=="}],)");
+        std::string unreadable = FileText("b");
+        return TreeText(text + "," + unreadable.replace(unreadable.find("420"), 3, "128"));
     }});
     const std::string command =
         "chown 65534 " + directory.Path() + " && chown -R 65534 " + repository + " " + target;
@@ -507,9 +508,10 @@ TEST_F(RepositoryRestore, OrdinaryUserRestoresAttributesOfReadOnlyFileAgain)
         setenv("KBAGENT_PASSWORD", "secret", 1);
     };
     for (int round = 0; round < 2; ++round) {
-        const auto result = RunProgram({"restore", "-r", repository, "-t", target, "latest"},
+        const auto result = RunProgram({"restore", "-r", repository, "-t", target, "latest", "--verify"},
                                        {.user = OrdinaryUser, .prepare = prepare});
         EXPECT_EQ(result.exitCode, 0) << result.errors;
+        EXPECT_TRUE(Holds(result.output, "verified 1 files 7 B, 1 not verified")) << result.output;
         char value = 0;
         EXPECT_EQ(getxattr((target + "/a").c_str(), "user.a", &value, 1), 1);
         EXPECT_EQ(value, 'b');
