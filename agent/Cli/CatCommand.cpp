@@ -136,26 +136,32 @@ std::optional<BlobHandle> CatCommand::FindBlob(const Repo::Index& index, std::op
     return found;
 }
 
+// Digits may be those of a tree, of a snapshot or of both. The index is loaded after a snapshot is chosen.
 BlobHandle CatCommand::FindTree(Session& session)
 {
+    const Repo::Repository& repository = session.GetRepository();
     const std::size_t colon = m_id.find(':');
-    const std::string path = colon == std::string::npos ? "/" : m_id.substr(colon + 1);
-    const std::vector<Id> snapshots = session.GetRepository().ListIds(FileKind::Snapshot);
-    const bool isSnapshot =
-        colon != std::string::npos || m_id == "latest" ||
-        std::any_of(snapshots.begin(), snapshots.end(),
-                    [digits = LowerDigits(m_id)](const Id& id) { return id.ToHex().starts_with(digits); });
-    if (!isSnapshot) {
-        session.LoadIndex();
-        const std::optional<BlobHandle> tree = FindBlob(session.GetRepository().GetIndex(), BlobType::Tree);
-        KRT_RAISE_UNLESS(tree, Krt::ErrorCode::InvalidArgument,
-                         "No tree and no snapshot begins with " << m_id.c_str());
-        return *tree;
-    }
-    const Repo::StoredSnapshot stored =
-        ChooseSnapshot(session, m_id.substr(0, colon), m_repository.GetSnapshotOptions());
+    const bool isDigits = colon == std::string::npos && m_id != "latest";
+    const std::vector<Id> snapshots = isDigits ? repository.ListIds(FileKind::Snapshot) : std::vector<Id>();
+    const auto hasDigits = [digits = LowerDigits(m_id)](const Id& id) {
+        return id.ToHex().starts_with(digits);
+    };
+    const bool isSnapshot = !isDigits || std::any_of(snapshots.begin(), snapshots.end(), hasDigits);
+    std::optional<Repo::StoredSnapshot> stored;
+    if (isSnapshot)
+        stored = ChooseSnapshot(session, m_id.substr(0, colon), m_repository.GetSnapshotOptions());
     session.LoadIndex();
-    const FoundEntry found = FindEntry(session.GetRepository(), stored.snapshot.tree, path);
+    if (isDigits) {
+        const std::optional<BlobHandle> tree = FindBlob(repository.GetIndex(), BlobType::Tree);
+        KRT_RAISE_UNLESS(tree || stored, Krt::ErrorCode::InvalidArgument,
+                         "No tree and no snapshot begins with " << m_id.c_str());
+        KRT_RAISE_UNLESS(!tree || !stored, Krt::ErrorCode::InvalidArgument,
+                         "Both a tree and a snapshot begin with " << m_id.c_str());
+        if (tree)
+            return *tree;
+    }
+    const std::string path = colon == std::string::npos ? "/" : m_id.substr(colon + 1);
+    const FoundEntry found = FindEntry(repository, stored->snapshot.tree, path);
     KRT_RAISE_UNLESS(found.node.subtree, Krt::ErrorCode::InvalidArgument,
                      YString(std::string_view(path)) << " is not a directory");
     return {BlobType::Tree, *found.node.subtree};

@@ -1,6 +1,7 @@
 // The commands that read repositories: compared with restic 0.14, and on damaged, hostile, locked and
 // read-only repositories.
 #include "agent/Access/RepositoryLock.h"
+#include "agent/Access/SnapshotChoice.h"
 #include "agent/Access/WatchedBackend.h"
 #include "agent/Dump/DumpRun.h"
 #include "agent/Inspect/PackCheck.h"
@@ -522,7 +523,8 @@ TEST_F(RepositoryCommands, CheckAdvisesToRebuildMissingIndex)
 
 TEST_F(RepositoryCommands, ShortIdsOfEitherCaseNameBlobs)
 {
-    const Id tree = SaveTrees(Create(), {[](const Id&) {
+    const Repo::Repository opened = Create();
+    const Id tree = SaveTrees(opened, {[](const Id&) {
                                   return R"({"nodes":[]})";
                               }});
     std::string digits = tree.ToHex().substr(0, 12);
@@ -533,6 +535,15 @@ TEST_F(RepositoryCommands, ShortIdsOfEitherCaseNameBlobs)
     std::string snapshot = Files("snapshots").front().filename();
     std::transform(snapshot.begin(), snapshot.end(), snapshot.begin(), [](int c) { return std::toupper(c); });
     Run(0, "ls " + snapshot.substr(0, 8));
+    // A tree whose id begins as that of the snapshot.
+    digits = LowerDigits(snapshot.substr(0, 2));
+    std::string text;
+    for (int i = 0; !Id::Of(Repo::AsBytes(text)).ToHex().starts_with(digits) || text.empty(); ++i)
+        text = R"({"nodes":[],"x":)" + std::to_string(i) + "}";
+    SaveTrees(opened, {[&](const Id&) {
+                  return text;
+              }});
+    Run(1, "cat tree " + digits);
 }
 
 TEST_F(RepositoryCommands, CompressedTextIsBounded)
