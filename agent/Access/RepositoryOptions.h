@@ -20,6 +20,7 @@ struct RepositoryOptions
     bool hasNoPassword = false;        ///< the password is empty
     std::string keyHint;               ///< first digits of the key file to try first; empty if not given
     bool isUnlocked = false;           ///< the repository is used without a lock
+    bool mayBeUnlocked = false;        ///< the command has the option --no-lock
     std::chrono::seconds retryLock{0}; ///< how long to wait for a repository that is locked
     bool isQuiet = false;              ///< only what was asked for is printed
     bool isJson = false;               ///< errors are printed as JSON

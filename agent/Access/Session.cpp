@@ -23,6 +23,11 @@ constexpr std::string_view LocalScheme = "local:";
 constexpr std::string_view OtherSchemes[] = {
     "sftp:", "rest:", "s3:", "rclone:", "b2:", "azure:", "gs:", "swift:"};
 
+bool IsFull(const Krt::Exception::YError& error)
+{
+    return error.GetOsError() == ENOSPC || error.GetOsError() == EDQUOT;
+}
+
 bool IsReadOnly(const Krt::Exception::YError& error)
 {
     const int number = error.GetOsError();
@@ -117,6 +122,9 @@ void Session::LockFor(Access access)
         m_lock.emplace(*m_repository, std::move(settings));
         m_backend->SetWriteGuard([this] { m_lock->RequireFresh(); });
     } catch (const RepositoryError& error) {
+        if (access == Access::Read && m_options.mayBeUnlocked && IsFull(error))
+            throw RepositoryError(error.GetFailure(), error,
+                                  "The repository can't be locked, but --no-lock reads it without a lock: ");
         if (access != Access::Read || !IsReadOnly(error))
             throw;
         m_report.Note("The repository can't be written, so it is read without a lock: " + ReasonOf(error));

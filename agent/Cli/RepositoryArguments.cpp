@@ -38,7 +38,8 @@ void RepositoryArguments::AddTo(CLI::App& command, LockOptions lock)
 {
     const std::size_t first = command.get_options().size();
     AddAccessTo(command, "", "repository", m_options);
-    if (lock == LockOptions::Optional)
+    m_options.mayBeUnlocked = lock == LockOptions::Optional;
+    if (m_options.mayBeUnlocked)
         command.add_flag("--no-lock", m_options.isUnlocked, "Do not lock the repository");
     if (lock != LockOptions::None)
         command
