@@ -16,6 +16,24 @@ using Krt::YString;
 using Krt::File::YDirectory;
 using Krt::Util::CallSystem;
 
+namespace {
+
+// A directory that the user can't read can't be made durable alone.
+void SyncDirectory(const std::string& path)
+{
+    std::optional<YDirectory> directory;
+    try {
+        directory = YDirectory::OpenFollowing(path.c_str());
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetOsError() != EACCES)
+            throw;
+    }
+    if (directory)
+        Krt::File::Sync(directory->GetHandle());
+}
+
+} // namespace
+
 DumpTarget::DumpTarget(const std::string& path, Report& report) : m_report(report), m_path(path)
 {
     if (m_path.empty())
@@ -34,10 +52,14 @@ DumpTarget::DumpTarget(const std::string& path, Report& report) : m_report(repor
     std::filesystem::path place = std::filesystem::absolute(m_path);
     if (exists)
         place = std::filesystem::canonical(place, failure); // a symlink to the file stays
-    if (!failure && (!exists || S_ISREG(existing.st_mode)) && place.has_filename()) {
+    // The system decides whether a symlink to a missing file may be followed.
+    std::error_code ignored;
+    const bool isDangling = !exists && std::filesystem::is_symlink(place, ignored);
+    if (!failure && !isDangling && (!exists || S_ISREG(existing.st_mode)) && place.has_filename()) {
         m_name = YString(place.filename().string());
         try {
-            CreateIn(place.parent_path().string(), exists ? &existing : nullptr);
+            m_place = place.parent_path().string();
+            CreateIn(m_place, exists ? &existing : nullptr);
             return;
         } catch (const Krt::Exception::YError& error) {
             const int number = error.GetOsError();
@@ -53,12 +75,18 @@ DumpTarget::DumpTarget(const std::string& path, Report& report) : m_report(repor
 
 DumpTarget::~DumpTarget()
 {
+    Discard();
+}
+
+void DumpTarget::Discard()
+{
     try {
         if (m_directory)
             m_directory->RemoveFile(m_temporary);
     } catch (const Krt::Exception::YError&) {
         // the error that ended the dump is reported
     }
+    m_directory.reset();
 }
 
 void DumpTarget::CreateIn(const std::string& directory, const struct stat* existing)
@@ -74,9 +102,15 @@ void DumpTarget::CreateIn(const std::string& directory, const struct stat* exist
         KRT_RAISE_OS(error.GetOsError(), "Failed to create a file in the directory of " << m_path.c_str());
     }
     // The mode could give others rights if the owner is another.
-    if (existing != nullptr && fchown(m_file.Get(), existing->st_uid, existing->st_gid) == 0)
+    if (existing == nullptr || fchown(m_file.Get(), existing->st_uid, existing->st_gid) != 0)
+        return;
+    try {
         KRT_SYSCALL(fchmod(m_file.Get(), existing->st_mode & 0777),
                     "Failed to set the mode of " << m_path.c_str());
+    } catch (...) {
+        Discard();
+        throw;
+    }
 }
 
 void DumpTarget::Write(Repo::ByteView bytes)
@@ -107,6 +141,7 @@ void DumpTarget::Close()
         return;
     m_directory->Rename(m_temporary, *m_directory, m_name);
     m_directory.reset();
+    SyncDirectory(m_place);
 }
 
 } // namespace Agent

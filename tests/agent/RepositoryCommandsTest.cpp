@@ -369,6 +369,9 @@ TEST_F(RepositoryCommands, DamageIsNamedAndDoesNotEndCheck)
     Run(3, "dump latest /a --target link");
     EXPECT_EQ(ReadFile(kept), "a");
     EXPECT_TRUE(fs::is_symlink(directory / "link"));
+    fs::create_symlink("created", directory / "dangling");
+    Run(3, "dump latest /a --target dangling");
+    EXPECT_EQ(ReadFile(directory / "created"), "a");
     for (const auto& entry : fs::directory_iterator(directory.Path()))
         EXPECT_FALSE(entry.path().filename().string().starts_with(".")) << entry.path();
     EXPECT_TRUE(Holds(Run(3, "dump latest /").errors, "/c: "));
