@@ -7,6 +7,8 @@
 #include "agent/Repository/Tree.h"
 #include "agent/Run/Text.h"
 
+#include "Krt/Exception/Raise.h"
+
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -81,7 +83,7 @@ std::string BlobTable(const Repo::Repository& repository, const Node& node)
                      std::move(rows), 0);
 }
 
-// A job file with the rules that a backup noted in the snapshot.
+// A job file with the rules that a backup noted in the snapshot; empty without rules.
 std::string JobOf(const Repo::Snapshot& snapshot)
 {
     std::string includes;
@@ -94,6 +96,8 @@ std::string JobOf(const Repo::Snapshot& snapshot)
             rules += (rules.empty() ? "" : ",") + text.substr(std::min(blank + 1, text.size()));
         }
     }
+    if (includes.empty() && excludes.empty())
+        return "";
     return "{\"includes\":[" + includes + "],\"excludes\":[" + excludes + "]}";
 }
 
@@ -107,6 +111,10 @@ void ShowCommand::Run(Report& report)
         ChooseSnapshot(session, m_place.substr(0, colon), m_repository.GetSnapshotOptions());
     if (colon == m_place.size()) {
         const std::string job = JobOf(stored.snapshot);
+        KRT_RAISE_UNLESS(!job.empty(), Krt::ErrorCode::InvalidArgument,
+                         "The snapshot " << ShortId(stored.id).c_str()
+                                         << " has no rules of a job; 'kbagent cat snapshot "
+                                         << ShortId(stored.id).c_str() << "' prints what it has");
         report.Out() << PrintableJson(m_repository.IsJson() ? job : IndentJson(job)) << "\n";
         return;
     }

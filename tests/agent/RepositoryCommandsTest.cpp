@@ -375,6 +375,7 @@ TEST_F(RepositoryCommands, DamageIsNamedAndDoesNotEndCheck)
     for (const auto& entry : fs::directory_iterator(directory.Path()))
         EXPECT_FALSE(entry.path().filename().string().starts_with(".")) << entry.path();
     EXPECT_TRUE(Holds(Run(3, "dump latest /").errors, "/c: "));
+    EXPECT_TRUE(Holds(Run(1, "show latest").errors, "has no rules of a job"));
     const json::value summary = json::parse(Lines(Run(1, "check --json").output).back());
     std::set<std::string> broken;
     for (const json::value& id : summary.at("broken_packs").as_array())
