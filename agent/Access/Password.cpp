@@ -67,10 +67,12 @@ Secret AskTwice(const Prompt& prompt)
 
 Password Ask(const Prompt& prompt, Report& report)
 {
-    if (isatty(STDIN_FILENO) == 1)
-        return {prompt.isNew ? AskTwice(prompt) : AskOnTerminal(prompt.question), true};
+    if (isatty(STDIN_FILENO) == 1) {
+        auto terminal = std::make_shared<const SilentTerminal>();
+        return {prompt.isNew ? AskTwice(prompt) : AskOnTerminal(prompt.question), std::move(terminal)};
+    }
     report.Note(Krt::YString(std::string("Reading ") + prompt.name + " from standard input"));
-    return {ReadFirstLine(), false};
+    return {ReadFirstLine()};
 }
 
 Password RequireNotEmpty(Password password)
@@ -98,11 +100,11 @@ Password Read(const RepositoryOptions& options, const Prompt& prompt, Report& re
     if (!file.empty() && !command.empty())
         throw UsageError("The password is given twice: by a file and by a command");
     if (!file.empty())
-        return RequireNotEmpty({ReadTextFile(file), false});
+        return RequireNotEmpty({ReadTextFile(file)});
     if (!command.empty())
-        return RequireNotEmpty({RunPasswordCommand(SplitWords(command)), false});
+        return RequireNotEmpty({RunPasswordCommand(SplitWords(command))});
     if (direct)
-        return {std::move(*direct), false};
+        return {std::move(*direct)};
     return RequireNotEmpty(Ask(prompt, report));
 }
 
@@ -125,8 +127,7 @@ Secret ReadNewPassword(const NewPasswordOptions& options, Report& report)
             throw UsageError("An empty password and another one exclude each other");
         return {};
     }
-    Password password =
-        options.file.empty() ? Ask(ForNewKey, report) : Password{ReadTextFile(options.file), false};
+    Password password = options.file.empty() ? Ask(ForNewKey, report) : Password{ReadTextFile(options.file)};
     KRT_RAISE_UNLESS(password.text.Size() != 0, Krt::ErrorCode::InvalidArgument,
                      "The new password is empty, which --new-insecure-no-password allows");
     return std::move(password.text);

@@ -5,16 +5,35 @@
 #include "agent/Repository/Secret.h"
 #include "agent/Run/Report.h"
 
+#include <memory>
 #include <string>
+#include <termios.h>
 #include <vector>
 
 namespace Agent {
+
+/// Turns the echo of the terminal that is standard input off, for as long as an object of this class exists.
+/// Input that was typed before is lost. Does nothing if the echo is off already. Raises the operating
+/// system's error if standard input is not a terminal.
+class SilentTerminal
+{
+public:
+    SilentTerminal();
+    ~SilentTerminal();
+    SilentTerminal(const SilentTerminal&) = delete;
+    SilentTerminal& operator=(const SilentTerminal&) = delete;
+
+private:
+    termios m_before{};
+};
 
 /// A password, and where it came from.
 struct Password
 {
     Repo::Secret text;
-    bool isTyped = false; ///< on the terminal, where the user may try again
+    /// The terminal on which it was typed, and may be typed again; otherwise null. What the user types
+    /// meanwhile is not echoed.
+    std::shared_ptr<const SilentTerminal> terminal = nullptr;
 };
 
 /// The password, from the first of these that there is:

@@ -96,12 +96,15 @@ void Session::Open()
     options.onUnreadKey = [this](const Repo::FileName&, const RepositoryError& error) {
         m_report.Note("A key file can't be used: " + ReasonOf(error));
     };
+    std::shared_ptr<const SilentTerminal> terminal; // what is typed before it is asked for is a password, too
     for (int attempt = 1; !m_repository; ++attempt) {
         const Password password = ReadPassword(m_options, m_report);
+        if (!terminal)
+            terminal = password.terminal;
         try {
             m_repository.emplace(Repo::Repository::Open(m_backend, password.text, options));
         } catch (const RepositoryError& error) {
-            const bool mayTryAgain = error.GetFailure() == Repo::Failure::WrongPassword && password.isTyped &&
+            const bool mayTryAgain = error.GetFailure() == Repo::Failure::WrongPassword && terminal &&
                                      attempt < AttemptsOnTerminal;
             if (!mayTryAgain)
                 throw;

@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <pty.h>
 #include <random>
 #include <sstream>
 #include <sys/resource.h>
@@ -756,6 +757,33 @@ TEST_F(RepositoryCommands, PasswordIsReadFromItsSource)
         {"KBAGENT_REPOSITORY=/none"});
     EXPECT_TRUE(Holds(Run(1, {"snapshots", "-r", "s3:user:pw@host"}).errors, "s3:"));
     EXPECT_EQ(Run(1, {"snapshots", "-r", "s3:user:pw@host"}).errors.find("user:pw"), std::string::npos);
+}
+
+TEST_F(RepositoryCommands, PasswordsAreNotEchoed)
+{
+    Create();
+    int terminal = -1;
+    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (child < 0)
+        GTEST_SKIP() << "no terminals are mounted here";
+    if (child == 0) {
+        alarm(20);
+        unsetenv("KBAGENT_PASSWORD");
+        execl(KBAGENT_PROGRAM, "kbagent", "snapshots", "-r", repository.c_str(), nullptr);
+        _exit(127);
+    }
+    std::string shown;
+    for (char byte = 0; read(terminal, &byte, 1) == 1;) {
+        shown += byte;
+        if (shown == "enter password for repository: ") {
+            EXPECT_EQ(write(terminal, "wrong\nsecret\n", 13), 13);
+        }
+    }
+    close(terminal);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << shown;
+    EXPECT_FALSE(Holds(shown, "secret")) << shown;
 }
 
 TEST_F(RepositoryCommands, ReadOnlyRepositoryIsReadWithoutLock)

@@ -103,17 +103,26 @@ Secret RunPasswordCommand(const std::vector<std::string>& words)
     return secret;
 }
 
-Secret AskOnTerminal(const std::string& prompt)
+SilentTerminal::SilentTerminal()
 {
-    termios before;
-    KRT_SYSCALL(tcgetattr(STDIN_FILENO, &before), "Failed to read the settings of the terminal");
-    termios silent = before;
+    KRT_SYSCALL(tcgetattr(STDIN_FILENO, &m_before), "Failed to read the settings of the terminal");
+    if ((m_before.c_lflag & ECHO) == 0)
+        return;
+    termios silent = m_before;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     KRT_SYSCALL(tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent), "Failed to turn the terminal's echo off");
-    const Krt::Util::YScope atEnd([&] {
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
-        CallSystem([] { return write(STDERR_FILENO, "\n", 1); });
-    });
+}
+
+SilentTerminal::~SilentTerminal()
+{
+    if ((m_before.c_lflag & ECHO) != 0)
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &m_before);
+}
+
+Secret AskOnTerminal(const std::string& prompt)
+{
+    const SilentTerminal silent;
+    const Krt::Util::YScope atEnd([] { CallSystem([] { return write(STDERR_FILENO, "\n", 1); }); });
     CallSystem([&] { return write(STDERR_FILENO, prompt.data(), prompt.size()); });
     return TakeLine(ReadText(STDIN_FILENO, true, "the terminal"));
 }
