@@ -70,7 +70,7 @@ StoredSnapshot ChooseSnapshot(Session& session, const std::string& text, const S
         return session.GetRepository().FindSnapshot(LowerDigits(text), FilterOf(options));
     std::vector<StoredSnapshot> all = ChooseSnapshots(session, {}, options);
     KRT_RAISE_UNLESS(!all.empty(), Krt::ErrorCode::InvalidArgument, "There is no snapshot to choose from");
-    if (!session.GetOptions().isQuiet)
+    if (!session.GetOptions().isQuiet && !session.GetOptions().isJson)
         session.GetReport().Note("latest is " + YString(DescribeSnapshot(all.back())));
     return std::move(all.back());
 }

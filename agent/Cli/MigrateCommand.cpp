@@ -54,7 +54,11 @@ void MigrateCommand::Run(Report& report)
 void MigrateCommand::List(Report& report) const
 {
     Session session(m_repository.Get(), report);
-    if (session.GetRepository().GetConfig().version == 1)
+    const bool isOld = session.GetRepository().GetConfig().version == 1;
+    if (m_repository.IsJson())
+        report.Out() << R"({"message_type":"migrations","available":[)"
+                     << (isOld ? "\"" + std::string(Upgrade) + "\"" : "") << "]}\n";
+    else if (isOld)
         report.Out() << "available migrations:\n  " << Upgrade << "  upgrade a repository to version 2\n";
     else
         report.Out() << "no migrations found\n";
@@ -73,7 +77,9 @@ void MigrateCommand::Apply(Report& report) const
                      "The repository has errors, so it is not changed: "
                          << static_cast<unsigned long long>(summary.errors));
     repository.UpgradeFormat();
-    if (!options.isJson && !options.isQuiet)
+    if (options.isJson)
+        report.Out() << R"({"message_type":"summary","migration":")" << Upgrade << "\"}\n";
+    else if (!options.isQuiet)
         report.Out() << "migration " << Upgrade << ": success\n";
 }
 

@@ -279,6 +279,16 @@ std::string CommandLine(int argc, char** argv)
     return line;
 }
 
+// Known before the arguments are parsed, so that an error in them is JSON, too.
+bool AsksForJson(int argc, char** argv)
+{
+    for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i) {
+        if (std::string_view(argv[i]) == "--json")
+            return true;
+    }
+    return false;
+}
+
 int RunCommand(int argc, char** argv, Report& report)
 {
     CLI::App program("Backs files up into a repository, and restores them.", "kbagent");
@@ -287,6 +297,9 @@ int RunCommand(int argc, char** argv, Report& report)
     log.Register(program);
     AddLeadingOptions(program);
     const std::vector<Registered> all = Register(program);
+    const bool isJson = AsksForJson(argc, argv);
+    if (isJson)
+        report.UseJson();
     try {
         if (!Parse(program, argc, argv, report)) {
             ICommand& command = CommandOf(all);
@@ -298,7 +311,8 @@ int RunCommand(int argc, char** argv, Report& report)
         }
     } catch (const UsageError& error) {
         report.Error(YString(error.what()), WrongUsage);
-        report.Note(YString("Run '" + NameOf(program, argc, argv) + " --help' for more information."));
+        if (!isJson)
+            report.Note(YString("Run '" + NameOf(program, argc, argv) + " --help' for more information."));
         return WrongUsage;
     }
     report.Out().Flush();

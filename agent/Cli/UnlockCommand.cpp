@@ -45,7 +45,9 @@ void UnlockCommand::Run(Report& report)
                                                               const Repo::RepositoryError& error) {
                            ReportFailure(report, file, error);
                        });
-    if (!options.isJson && !options.isQuiet)
+    if (options.isJson)
+        report.Out() << R"({"message_type":"summary","removed_locks":)" << std::to_string(count) << "}\n";
+    else if (!options.isQuiet)
         report.Out() << "removed " << std::to_string(count) << " locks\n";
 }
 

@@ -458,7 +458,7 @@ TEST_F(RepositoryCommands, WrongEntryHidesNoOther)
 
 TEST_F(RepositoryCommands, RepositoryOptionsMayPrecedeCommand)
 {
-    Create();
+    const Repo::Repository opened = Create();
     const std::string none = "KBAGENT_PASSWORD=", nowhere = "KBAGENT_REPOSITORY=/none";
     const std::string plain = directory.Write("plain", "secret");
     for (const std::string words :
@@ -474,6 +474,13 @@ TEST_F(RepositoryCommands, RepositoryOptionsMayPrecedeCommand)
     Run(2, "-r repo");
     EXPECT_TRUE(Holds(Run(2, "find latest x").errors, "unknown command find"));
     EXPECT_TRUE(Holds(Run(0, "-v -v snapshots").errors, "(version 2) was opened"));
+    EXPECT_EQ(json::parse(Run(2, "snapshots --json --none").errors).at("code"), 2);
+    SaveTrees(opened, {[](const Id&) {
+                  return R"({"nodes":[]})";
+              }});
+    EXPECT_EQ(Run(0, "stats latest --json").errors, "");
+    EXPECT_EQ(json::parse(Run(0, "migrate --json").output).at("available").as_array().size(), 0u);
+    EXPECT_EQ(json::parse(Run(0, "unlock --json").output).at("removed_locks"), 0);
 }
 
 TEST_F(RepositoryCommands, LsSorts)
