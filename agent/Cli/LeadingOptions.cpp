@@ -16,9 +16,35 @@ constexpr const char* LeadingGroup = "Options of commands on repositories, befor
 
 // Options of restic that have no meaning here.
 constexpr std::string_view ResticOptions[] = {
-    "--cacert",          "--insecure-tls", "--limit-download",
-    "--limit-upload",    "--option",       "--stuck-request-timeout",
-    "--tls-client-cert", "--with-cache",   "--http-user-agent"};
+    "--cacert",          "--insecure-tls",          "--limit-download",  "--limit-upload",
+    "--option",          "--stuck-request-timeout", "--tls-client-cert", "--with-cache",
+    "--http-user-agent", "--no-extra-verify"};
+
+// Commands of restic that kbagent does not have, and what to use instead.
+struct ResticCommand
+{
+    std::string_view name;
+    std::string_view instead;
+};
+
+constexpr std::string_view SameRepository = "restic itself can use the same repository";
+
+constexpr ResticCommand ResticCommands[] = {
+    {"cache", "there is no cache"},
+    {"copy", SameRepository},
+    {"diff", "the outputs of 'kbagent ls --long' for two snapshots can be compared"},
+    {"find", "'kbagent ls' prints all paths of a snapshot, which grep can search"},
+    {"forget", SameRepository},
+    {"generate", "the package has the manual page and the completion"},
+    {"mount", "'kbagent restore' and 'kbagent dump' read single entries"},
+    {"prune", SameRepository},
+    {"rebuild-index", SameRepository},
+    {"recover", SameRepository},
+    {"repair", SameRepository},
+    {"rewrite", SameRepository},
+    {"self-update", "the system's package manager updates it"},
+    {"version", "use --version"},
+};
 
 // An argument that is an option, or several in one, as in -qv.
 struct Typed
@@ -118,6 +144,15 @@ std::string HintForResticOption(const std::string& option)
     const bool isKnown =
         std::find(std::begin(ResticOptions), std::end(ResticOptions), option) != std::end(ResticOptions);
     return isKnown ? " (kbagent does not have restic's option " + option + ")" : "";
+}
+
+std::string HintForResticCommand(const std::string& command)
+{
+    for (const ResticCommand& each : ResticCommands) {
+        if (each.name == command)
+            return " (kbagent does not have this command of restic; " + std::string(each.instead) + ")";
+    }
+    return "";
 }
 
 } // namespace Agent

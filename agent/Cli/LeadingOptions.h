@@ -24,5 +24,7 @@ void MoveLeadingOptions(const CLI::App& program, std::vector<std::string>& argum
 /// What to add to the message for an option that the command does not have; empty if restic does not have it
 /// either.
 std::string HintForResticOption(const std::string& option);
+/// What to add to the message for an unknown command; empty if restic does not have it either.
+std::string HintForResticCommand(const std::string& command);
 
 } // namespace Agent

@@ -215,8 +215,12 @@ std::string HintFor(const CLI::App& program, int argc, char** argv)
             command = command->get_subcommands().front();
             continue;
         }
-        const std::string typed(argument.substr(0, argument.find('=')));
-        if (!typed.starts_with("--") || command->get_option_no_throw(typed) != nullptr)
+        const std::string typed(argument.starts_with("-o") ? "-o" : argument.substr(0, argument.find('=')));
+        if (command->get_option_no_throw(typed) != nullptr)
+            continue;
+        if (typed == "-o")
+            return HintForResticOption("--option");
+        if (!typed.starts_with("--"))
             continue;
         if (typed == "--log" || typed == "--debug" || typed == "--version")
             return " (" + typed + " must precede the command)";
@@ -246,7 +250,7 @@ bool Parse(CLI::App& program, int argc, char** argv, Report& report)
     } catch (const CLI::ExtrasError& error) {
         const std::vector<std::string> rest = program.remaining();
         if (program.get_subcommands().empty() && !rest.empty() && !rest.front().starts_with('-'))
-            throw UsageError("unknown command " + rest.front());
+            throw UsageError("unknown command " + rest.front() + HintForResticCommand(rest.front()));
         throw UsageError(error.what() + HintFor(program, argc, argv));
     } catch (const CLI::ParseError& error) {
         throw UsageError(error.what() + HintFor(program, argc, argv));

@@ -472,7 +472,8 @@ TEST_F(RepositoryCommands, RepositoryOptionsMayPrecedeCommand)
     EXPECT_TRUE(
         Holds(Run(2, "snapshots --limit-upload 1").errors, "does not have restic's option --limit-upload"));
     Run(2, "-r repo");
-    EXPECT_TRUE(Holds(Run(2, "find latest x").errors, "unknown command find"));
+    EXPECT_TRUE(Holds(Run(2, "find latest x").errors, "unknown command find (kbagent does not have"));
+    EXPECT_TRUE(Holds(Run(2, "-o a=b snapshots").errors, "does not have restic's option --option"));
     EXPECT_TRUE(Holds(Run(0, "-v -v snapshots").errors, "(version 2) was opened"));
     EXPECT_EQ(json::parse(Run(2, "snapshots --json --none").errors).at("code"), 2);
     SaveTrees(opened, {[](const Id&) {
