@@ -110,23 +110,40 @@ void BlobSaver::EndWriters()
 
 bool BlobSaver::Has(const BlobHandle& handle) const
 {
-    if (m_repository.GetIndex().Has(handle))
+    if (!m_options.isRepacking && m_repository.GetIndex().Has(handle))
         return true;
     const std::lock_guard guard(m_knownMutex);
     return m_known.contains(handle);
 }
 
-std::uint64_t BlobSaver::Save(const BlobHandle& handle, ByteView plaintext)
+// Returns true if the caller has to save the blob.
+bool BlobSaver::Claim(const BlobHandle& handle)
 {
     if (m_hasFailed) [[unlikely]]
         RaiseFailure();
-    if (m_repository.GetIndex().Has(handle))
+    if (!m_options.isRepacking && m_repository.GetIndex().Has(handle))
+        return false;
+    const std::lock_guard guard(m_knownMutex);
+    return m_known.insert(handle).second;
+}
+
+std::uint64_t BlobSaver::SaveSealed(const PackedBlob& blob, ByteView sealed)
+{
+    if (!Claim(blob.handle))
         return 0;
-    {
-        const std::lock_guard guard(m_knownMutex);
-        if (!m_known.insert(handle).second)
-            return 0;
+    try {
+        return Append(blob, sealed);
+    } catch (...) {
+        Guard lock(m_mutex);
+        Fail();
+        throw;
     }
+}
+
+std::uint64_t BlobSaver::Save(const BlobHandle& handle, ByteView plaintext)
+{
+    if (!Claim(handle))
+        return 0;
     thread_local Bytes compressed;
     thread_local Bytes sealed;
     try {

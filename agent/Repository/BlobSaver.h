@@ -49,6 +49,8 @@ struct SaveOptions
     Compression compression = Compression::Auto;
     std::uint32_t packSize = 16 << 20; ///< bytes after which a pack is full
     unsigned int writers = 2;          ///< threads that write packs, at least 1
+    /// Also saves blobs that the index has, since their packs are to be removed.
+    bool isRepacking = false;
     /// Called about 10 times a second while Save or Finish waits. What it raises ends the saver.
     std::function<void()> onWait = [] {
     };
@@ -78,7 +80,11 @@ public:
     /// and waits while all packs are full. The blob is durable after Finish. Raises what writing raised
     /// first, on any thread.
     std::uint64_t Save(const BlobHandle& handle, ByteView plaintext);
-    /// Returns true if the repository has the blob, or it was given to Save. Any thread.
+    /// Saves a blob that the caller has read from this repository and verified, as it is sealed. Otherwise as
+    /// Save; the position in `blob` has no effect.
+    std::uint64_t SaveSealed(const PackedBlob& blob, ByteView sealed);
+    /// Returns true if the repository has the blob, or it was given to Save. With SaveOptions::isRepacking
+    /// the former does not count. Any thread.
     bool Has(const BlobHandle& handle) const;
     /// Writes what is not written: packs, then index files. After that, all blobs that were saved are
     /// durable, and other processes find them. Raises what writing raised first. No thread calls Save
@@ -91,6 +97,7 @@ public:
 private:
     using Guard = std::unique_lock<std::mutex>;
 
+    bool Claim(const BlobHandle& handle);
     std::uint64_t Append(const PackedBlob& blob, ByteView sealed);
     void WaitFor(Guard& lock, const std::function<bool()>& isReached);
     void WritePacks();
