@@ -53,6 +53,9 @@ public:
     /// has are missing then. Snapshots are chosen before.
     void LoadIndex();
 
+    /// Finds packs that are lost, of which one is reported. What a backup needs of them is saved again.
+    void FindLostPacks();
+
     Repo::Repository& GetRepository() { return *m_repository; }
     const RepositoryOptions& GetOptions() const { return m_options; }
     Report& GetReport() { return m_report; }

@@ -63,6 +63,7 @@ SnapshotOutcome BackupRun::Run()
     if (!m_settings.isForced)
         ChooseParent(session);
     session.LoadIndex();
+    session.FindLostPacks();
     Store(session);
     const bool isUnchanged = m_parent && m_parent->snapshot.tree == m_snapshot.tree;
     const bool isSaved = !m_settings.isDryRun && !(m_settings.skipsIfUnchanged && isUnchanged);

@@ -43,10 +43,11 @@ std::string DirectoryBuild::GetPath() const
     return path;
 }
 
-void DirectoryBuild::SetNode(Node node, std::string before)
+void DirectoryBuild::SetNode(Node node, std::string before, std::optional<Repo::Id> soundTree)
 {
     m_node = std::move(node);
     m_before = std::move(before);
+    m_soundTree = soundTree;
 }
 
 void DirectoryBuild::Announce()
@@ -105,7 +106,7 @@ bool DirectoryBuild::Complete()
         return false;
     }
     const std::string tree = MakeTree();
-    const StoredBlob stored = m_context.store(Repo::BlobType::Tree, Repo::AsBytes(tree));
+    const StoredBlob stored = m_context.store(Repo::AsBytes(tree), m_soundTree);
     if (m_above == nullptr) {
         const std::lock_guard guard(m_mutex);
         m_tree = stored.id;

@@ -62,7 +62,9 @@ double SecondsSince(std::chrono::steady_clock::time_point begin);
 /// What all directories of a run share. It outlives them.
 struct BuildContext
 {
-    BlobStore store;
+    /// Stores a tree. `sound` is one that this run has read from the repository, if any. Otherwise as
+    /// BlobStore.
+    std::function<StoredBlob(Repo::ByteView text, const std::optional<Repo::Id>& sound)> store;
     std::function<void(const std::string& path, const std::string& reason)> onFailed; ///< any thread
     std::function<void(StoredItem item)> onStored; ///< any thread; null if no entry is reported
     ChangeCounts directories;
@@ -78,7 +80,8 @@ public:
     std::string GetPath() const;
     const std::shared_ptr<DirectoryBuild>& GetAbove() const { return m_above; }
     /// The directory's own node without its tree, and that of the parent snapshot as JSON text, or "".
-    void SetNode(Repo::Node node, std::string before);
+    /// `soundTree` is the tree of the latter if it was read.
+    void SetNode(Repo::Node node, std::string before, std::optional<Repo::Id> soundTree = {});
     /// The directory is stored only if it has an entry. Otherwise it is stored in any case.
     void SetNeedsEntries() { m_needsEntries = true; }
     /// Called by the walk. Number of entries that were added, or will be.
@@ -115,6 +118,7 @@ private:
     const std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
     Repo::Node m_node;
     std::string m_before;
+    std::optional<Repo::Id> m_soundTree;
     std::atomic<bool> m_needsEntries{false};
     std::atomic<bool> m_hasEntries{false};
 

@@ -36,15 +36,18 @@ SnapshotBuild::SnapshotBuild(const Repo::Repository& repository, Repo::BlobSaver
                              SnapshotBuildOptions options)
     : m_repository(repository), m_saver(saver), m_report(report), m_options(std::move(options)),
       m_lastTick(std::chrono::steady_clock::now()),
-      m_context{
-          .store = [this](BlobType type, Repo::ByteView plaintext) { return StoreBlob(type, plaintext); },
-          .onFailed = [this](const std::string& path,
-                             const std::string& reason) { Post(path, reason, true); },
-          .onStored = {},
-          .directories = {}},
+      m_context{.store = [this](Repo::ByteView text,
+                                const std::optional<Id>& sound) { return StoreTree(text, sound); },
+                .onFailed = [this](const std::string& path,
+                                   const std::string& reason) { Post(path, reason, true); },
+                .onStored = {},
+                .directories = {}},
       m_root(std::make_shared<DirectoryBuild>(m_context, nullptr, "")),
       m_pool(
-          repository.GetConfig().polynomial, m_context.store,
+          repository.GetConfig().polynomial,
+          [this](BlobType type, Repo::ByteView plaintext) {
+              return StoreBlob({type, Id::Of(plaintext)}, plaintext);
+          },
           PoolOptions{.threads = WorkerCount(), .readers = std::max(1u, m_options.readers), .onWait = [this] {
                           RaiseIfInterrupted();
                           ReportProgress();
@@ -97,6 +100,7 @@ std::optional<Id> SnapshotBuild::Finish()
     m_pool.Finish();
     ReportMessages();
     RaiseIfInterrupted();
+    ReportLosses();
     return std::exchange(m_root, nullptr)->GetTree();
 }
 
@@ -123,20 +127,42 @@ SnapshotCounts SnapshotBuild::GetProgress() const
     return counts;
 }
 
-StoredBlob SnapshotBuild::StoreBlob(BlobType type, Repo::ByteView plaintext)
+StoredBlob SnapshotBuild::StoreBlob(const Repo::BlobHandle& handle, Repo::ByteView plaintext)
 {
-    const Repo::BlobHandle handle{type, Id::Of(plaintext)};
-    if (m_options.isDryRun)
-        return CountBlob(handle, plaintext.size());
-    std::uint64_t packed = 0;
-    EndRunOnError([&] { packed = m_saver.Save(handle, plaintext); });
-    return {handle.id, packed == 0 ? 0 : plaintext.size(), packed};
+    StoredBlob stored{handle.id};
+    if (m_options.isDryRun) {
+        stored = CountBlob(handle, plaintext.size());
+    } else {
+        EndRunOnError([&] { stored.packed = m_saver.Save(handle, plaintext); });
+        stored.added = stored.packed == 0 ? 0 : plaintext.size();
+    }
+    if (stored.packed != 0 && m_repository.GetIndex().Has(handle))
+        ++m_storedAgain;
+    return stored;
+}
+
+// The snapshot depends on a tree that the repository has as on those that are stored, so each is read once.
+// Contents are not, since that would take as long as `check --read-data`.
+StoredBlob SnapshotBuild::StoreTree(Repo::ByteView text, const std::optional<Id>& sound)
+{
+    const Repo::BlobHandle handle{BlobType::Tree, Id::Of(text)};
+    if (handle.id != sound && m_repository.HasBlob(handle)) {
+        EndRunOnError([&] {
+            try {
+                Repo::Bytes read;
+                m_repository.LoadBlob(handle, read);
+            } catch (const Repo::RepositoryError&) {
+                RaiseIfInterrupted(); // otherwise it is lost, and stored again
+            }
+        });
+    }
+    return StoreBlob(handle, text);
 }
 
 // Counts a blob that a dry run would store.
 StoredBlob SnapshotBuild::CountBlob(const Repo::BlobHandle& handle, std::size_t size)
 {
-    if (m_repository.GetIndex().Has(handle))
+    if (m_repository.HasBlob(handle))
         return {handle.id};
     const std::lock_guard guard(m_mutex);
     if (!m_dry.insert(handle).second)
@@ -162,6 +188,23 @@ void SnapshotBuild::Post(std::string path, std::string text, bool isFailure)
 {
     const std::lock_guard guard(m_mutex);
     m_messages.push_back({std::move(path), std::move(text), isFailure});
+}
+
+void SnapshotBuild::PostLoss(std::string path, std::string text)
+{
+    m_hasLosses = true;
+    Post(std::move(path), "Warning: " + std::move(text), false);
+}
+
+void SnapshotBuild::ReportLosses()
+{
+    if (!m_hasLosses && m_storedAgain == 0)
+        return;
+    m_report.EntryFailed(m_repository.GetBackend().Describe(),
+                         YString("The repository has blobs that are damaged or missing; " +
+                                 std::to_string(m_storedAgain) + " of them are needed by the snapshot and " +
+                                 (m_options.isDryRun ? "would be " : "are ") +
+                                 "stored again. 'kbagent check' finds out what other snapshots have lost"));
 }
 
 void SnapshotBuild::PostStored(StoredItem item)

@@ -84,6 +84,9 @@ public:
     void Tick();
     /// Leaves a message on an entry, which Tick reports. Any thread.
     void Post(std::string path, std::string text, bool isFailure);
+    /// Leaves a warning that a part of the repository can't be read, because of which Finish reports a
+    /// failure. Any thread.
+    void PostLoss(std::string path, std::string text);
     void ReportMessages();
     /// Returns true if the repository failed, which ends the run. Any thread.
     bool HasFailed() const { return m_isFailed; }
@@ -91,8 +94,9 @@ public:
     void RaiseFailure() const;
 
     /// Called once all directories are closed. Waits until everything is stored, and returns the root's tree;
-    /// nothing if no entry was stored. The blobs are durable after Finish of the saver. Raises the failure
-    /// that ended the run.
+    /// nothing if no entry was stored. Reports a failure if the repository has lost blobs of the snapshot, or
+    /// other blobs that the run has read. What the snapshot needs of them is stored again. The blobs are
+    /// durable after Finish of the saver. Raises the failure that ended the run.
     std::optional<Repo::Id> Finish();
     SnapshotCounts GetCounts() const;
     /// Returns what was done so far.
@@ -111,16 +115,20 @@ private:
     template <class Call>
     void EndRunOnError(const Call& call);
     void ReportProgress();
-    StoredBlob StoreBlob(Repo::BlobType type, Repo::ByteView plaintext);
+    StoredBlob StoreBlob(const Repo::BlobHandle& handle, Repo::ByteView plaintext);
+    StoredBlob StoreTree(Repo::ByteView text, const std::optional<Repo::Id>& sound);
     StoredBlob CountBlob(const Repo::BlobHandle& handle, std::size_t size);
+    void ReportLosses();
 
     const Repo::Repository& m_repository;
     Repo::BlobSaver& m_saver;
     Report& m_report;
     const SnapshotBuildOptions m_options;
     ChangeCounts m_files;
-    std::atomic<std::uint64_t> m_bytes{0}; // of files that are done
-    std::uint64_t m_unreadBytes = 0;       // of files that were not read
+    std::atomic<std::uint64_t> m_bytes{0};       // of files that are done
+    std::uint64_t m_unreadBytes = 0;             // of files that were not read
+    std::atomic<std::uint64_t> m_storedAgain{0}; // blobs that the repository had lost
+    std::atomic<bool> m_hasLosses{false};        // a part of the repository can't be read
     std::atomic<bool> m_isFailed{false};
     std::chrono::steady_clock::time_point m_lastTick;
 

@@ -75,13 +75,8 @@ SnapshotRun::SnapshotRun(const Repo::Repository& repository, Repo::BlobSaver& sa
       m_trustedBefore(TrustedBefore(m_options.parent)), m_build(repository, saver, report, m_options)
 {
     m_visited.push_back({m_build.GetRoot(), "", nullptr});
-    if (m_options.parent) {
-        try {
-            m_visited.back().before = std::make_unique<ParentTree>(m_repository, m_options.parent->tree);
-        } catch (const Repo::RepositoryError& error) {
-            m_report.Note("Warning: the parent can't be used: " + ReasonOf(error));
-        }
-    }
+    if (m_options.parent)
+        m_visited.back().before = LoadBefore("", m_options.parent->tree);
 }
 
 SnapshotRun::~SnapshotRun() = default;
@@ -149,7 +144,7 @@ bool SnapshotRun::IsContentUnchanged(const Node& before, const struct stat& stat
     return before.type == NodeType::File && before.content && IsTrusted(before, status) &&
            before.size == static_cast<std::uint64_t>(status.st_size) &&
            std::all_of(before.content->begin(), before.content->end(), [this](const Id& id) {
-               return m_repository.GetIndex().Has({Repo::BlobType::Data, id});
+               return m_repository.HasBlob({Repo::BlobType::Data, id});
            });
 }
 
@@ -263,6 +258,18 @@ void SnapshotRun::EnterUnselected(const std::string& name)
     Push(std::move(captured.node), FindBefore(visited, name), true);
 }
 
+// Loads a tree of the parent; null if it can't be used.
+std::unique_ptr<ParentTree> SnapshotRun::LoadBefore(const std::string& path, const Id& tree)
+{
+    try {
+        return std::make_unique<ParentTree>(m_repository, tree);
+    } catch (const Repo::RepositoryError& error) {
+        RaiseIfInterrupted();
+        m_build.PostLoss(path, "the parent's tree can't be used: " + ReasonOf(error).Bytes());
+        return nullptr;
+    }
+}
+
 void SnapshotRun::Push(Node node, const Node* before, bool needsEntries)
 {
     VisitedDirectory& above = m_visited.back();
@@ -271,17 +278,10 @@ void SnapshotRun::Push(Node node, const Node* before, bool needsEntries)
     visited.path = above.path + "/" + node.name;
     if (needsEntries)
         visited.build->SetNeedsEntries();
-    const bool isBefore = before != nullptr && before->type == NodeType::Directory && before->subtree;
-    if (isBefore) {
-        try {
-            visited.before = std::make_unique<ParentTree>(m_repository, *before->subtree);
-        } catch (const Repo::RepositoryError& error) {
-            RaiseIfInterrupted();
-            m_build.Post(visited.path, "Warning: the parent's tree can't be used: " + ReasonOf(error).Bytes(),
-                         false);
-        }
-    }
-    visited.build->SetNode(std::move(node), before == nullptr ? "" : TextOf(*before));
+    if (before != nullptr && before->type == NodeType::Directory && before->subtree)
+        visited.before = LoadBefore(visited.path, *before->subtree);
+    visited.build->SetNode(std::move(node), before == nullptr ? "" : TextOf(*before),
+                           visited.before ? before->subtree : std::nullopt);
     m_visited.push_back(std::move(visited));
 }
 
@@ -299,8 +299,7 @@ Node* SnapshotRun::FindBefore(VisitedDirectory& visited, const std::string& name
     try {
         return visited.before->Find(name);
     } catch (const Repo::RepositoryError& error) {
-        m_build.Post(visited.path, "Warning: the parent's tree can't be used: " + ReasonOf(error).Bytes(),
-                     false);
+        m_build.PostLoss(visited.path, "the parent's tree can't be used: " + ReasonOf(error).Bytes());
         visited.before.reset();
         return nullptr;
     }

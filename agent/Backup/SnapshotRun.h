@@ -62,6 +62,7 @@ private:
     SnapshotCounts Complete(SnapshotCounts counts) const;
     VisitedDirectory& VisitDirectory(const std::string& directory);
     void EnterUnselected(const std::string& name);
+    std::unique_ptr<ParentTree> LoadBefore(const std::string& path, const Repo::Id& tree);
     void Push(Repo::Node node, const Repo::Node* before, bool needsEntries);
     void Pop();
     Repo::Node* FindBefore(VisitedDirectory& visited, const std::string& name);

@@ -20,6 +20,7 @@ SnapshotOutcome ImportRecords(const ImportSettings& settings, Report& report, IS
     // Now, since the password may be the first line of standard input.
     ConvertedRecords records(settings.file, settings.base, report);
     session.LoadIndex();
+    session.FindLostPacks();
 
     Repo::SaveOptions save = settings.save;
     save.onWait = [] {

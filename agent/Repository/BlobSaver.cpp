@@ -110,7 +110,7 @@ void BlobSaver::EndWriters()
 
 bool BlobSaver::Has(const BlobHandle& handle) const
 {
-    if (!m_options.isRepacking && m_repository.GetIndex().Has(handle))
+    if (!m_options.isRepacking && m_repository.HasBlob(handle))
         return true;
     const std::lock_guard guard(m_knownMutex);
     return m_known.contains(handle);
@@ -121,7 +121,7 @@ bool BlobSaver::Claim(const BlobHandle& handle)
 {
     if (m_hasFailed) [[unlikely]]
         RaiseFailure();
-    if (!m_options.isRepacking && m_repository.GetIndex().Has(handle))
+    if (!m_options.isRepacking && m_repository.HasBlob(handle))
         return false;
     const std::lock_guard guard(m_knownMutex);
     return m_known.insert(handle).second;

@@ -7,9 +7,11 @@
 #include "Krt/Log/LogSite.h"
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <mutex>
 #include <optional>
+#include <unordered_set>
 #include <utility>
 
 namespace Agent::Repo {
@@ -207,8 +209,30 @@ void RemoveQuietly(IBackend& backend, const FileName& file)
 
 } // namespace
 
+// What was found to be lost of what the index has. Any thread may add blobs; packs are found before.
+struct Repository::Lost
+{
+    std::atomic<bool> isAny{false};
+    std::vector<bool> packs; // by number; empty if all exist
+    std::mutex mutex;        // for the blobs
+    std::unordered_set<BlobHandle, BlobHandleHash> blobs;
+
+    void Add(const BlobHandle& handle)
+    {
+        const std::lock_guard guard(mutex);
+        blobs.insert(handle);
+        isAny = true;
+    }
+    bool Has(const BlobHandle& handle)
+    {
+        const std::lock_guard guard(mutex);
+        return blobs.contains(handle);
+    }
+};
+
 Repository::Repository(std::shared_ptr<IBackend> backend, Config config, Key key, const Id& keyId)
-    : m_backend(std::move(backend)), m_config(std::move(config)), m_key(std::move(key)), m_keyId(keyId)
+    : m_backend(std::move(backend)), m_config(std::move(config)), m_key(std::move(key)), m_keyId(keyId),
+      m_lost(std::make_shared<Lost>())
 {}
 
 Repository Repository::Open(std::shared_ptr<IBackend> backend, const Secret& password,
@@ -391,6 +415,38 @@ void Repository::LoadIndex(const FailureVisitor& onFailure, unsigned int threads
     };
     RunInOrder<ParsedIndex>(ids.size(), threads, read, add);
     m_index = std::move(index);
+    m_lost = std::make_shared<Lost>();
+}
+
+bool Repository::HasBlob(const BlobHandle& handle) const
+{
+    if (!m_lost->isAny)
+        return m_index.Has(handle);
+    if (m_lost->Has(handle))
+        return false;
+    const std::vector<IndexedBlob> copies = m_index.FindAll(handle);
+    return std::any_of(copies.begin(), copies.end(), [this](const IndexedBlob& copy) {
+        return m_lost->packs.empty() || !m_lost->packs[copy.pack];
+    });
+}
+
+std::vector<FileName> Repository::FindLostPacks()
+{
+    const std::vector<IndexedPack>& packs = m_index.GetPacks();
+    std::vector<bool> isLost(packs.size(), true);
+    m_backend->List(FileKind::Pack, [&](const Id& id, std::uint64_t size) {
+        const auto number = m_index.FindPack(id);
+        if (number && size >= packs[*number].size)
+            isLost[*number] = false;
+    });
+    std::vector<FileName> names;
+    for (std::size_t number = 0; number < packs.size(); ++number) {
+        if (isLost[number])
+            names.push_back({FileKind::Pack, packs[number].id});
+    }
+    m_lost->packs = std::move(isLost);
+    m_lost->isAny = m_lost->isAny || !names.empty();
+    return names;
 }
 
 void Repository::LoadBlob(const BlobHandle& handle, Bytes& plaintext) const
@@ -405,8 +461,10 @@ void Repository::LoadBlob(const BlobHandle& handle, Bytes& plaintext) const
                 firstError = std::current_exception();
         }
     }
-    if (firstError)
+    if (firstError) {
+        m_lost->Add(handle);
         std::rethrow_exception(firstError);
+    }
     REPOSITORY_RAISE(Failure::Missing, "The index does not have the blob " << handle.ToText());
 }
 

@@ -110,6 +110,12 @@ public:
     void LoadIndex(const FailureVisitor& onFailure = {}, unsigned int threads = 1);
     /// Empty before LoadIndex.
     const Index& GetIndex() const { return m_index; }
+    /// Returns true if the index has the blob, and it was not found to be lost: LoadBlob could not read it,
+    /// or its packs are lost. A backup saves again what is lost.
+    bool HasBlob(const BlobHandle& handle) const;
+    /// Finds the packs of the index that are missing or shorter than the index expects, so that their blobs
+    /// count as lost. Returns their names. No other thread uses the repository meanwhile.
+    std::vector<FileName> FindLostPacks();
     /// Replaces the content of `plaintext` with a blob, and verifies it. Copies in several packs are tried
     /// one after the other. Raises Missing if the index does not have it, otherwise what the first copy
     /// raised. Memory of `plaintext` is reused, so a caller keeps one for each thread.
@@ -142,11 +148,14 @@ private:
     std::string LoadTextUpTo(const FileName& file, std::uint64_t limit) const;
     void LoadCopy(const IndexedBlob& copy, Bytes& plaintext) const;
 
+    struct Lost;
+
     std::shared_ptr<IBackend> m_backend;
     Config m_config;
     Key m_key;
     Id m_keyId;
     Index m_index;
+    std::shared_ptr<Lost> m_lost;
 };
 
 } // namespace Agent::Repo

@@ -268,6 +268,54 @@ TEST_F(RepositoryBackupTest, SeveralPathsAreOneTree)
               (std::vector<std::string>{source + "/a/b", source + "/a/b/x", source + "/a/c"}));
 }
 
+TEST_F(RepositoryBackupTest, LostBlobsAreStoredAgain)
+{
+    const auto flip = [](const fs::path& file) {
+        std::fstream(file, std::ios::in | std::ios::out | std::ios::binary).seekp(20).put('?').put('?');
+    };
+    const auto cut = [](const fs::path& file) {
+        fs::resize_file(file, fs::file_size(file) - 1);
+    };
+    const struct
+    {
+        const char* label;
+        bool isOfTrees; // otherwise of all packs
+        std::function<void(const fs::path& file)> damage;
+        std::vector<std::string> options; // the parent's id is appended to the last one
+    } rows[] = {{"parent's trees", true, flip, {"--parent="}},
+                {"trees of no parent", true, flip, {"--force"}},
+                {"missing", false, [](const fs::path& file) { fs::remove(file); }, {"--parent="}},
+                {"short", false, cut, {"--parent="}}};
+    MakeTree(source, {Dir("d"), Dir("d/e"), File("d/e/f", "f"), File("d/g", "g"), Link("link", "f")});
+    BackUp(0, {"s"});
+    const std::string parent = MakeTrustedParent();
+    const std::string before = directory / "before";
+    fs::rename(repository, before);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.label);
+        fs::remove_all(repository);
+        fs::copy(before, repository, fs::copy_options::recursive);
+        const Repo::Repository opened = Open();
+        for (const Repo::IndexedPack& pack : opened.GetIndex().GetPacks()) {
+            if (pack.hasTrees || !row.isOfTrees)
+                row.damage(repository + "/" + Repo::FileName{FileKind::Pack, pack.id}.Path());
+        }
+        std::vector<std::string> arguments{"backup", "-q", "s"};
+        for (const std::string& option : row.options)
+            arguments.push_back(option.ends_with('=') ? option + parent : option);
+        arguments.push_back("--dry-run");
+        EXPECT_TRUE(Holds(Run(3, arguments).errors, "would be stored again"));
+        arguments.pop_back();
+        EXPECT_TRUE(Holds(Run(3, arguments).errors, "'kbagent check' finds out what"));
+        const json::object next = BackUp(0, {"s"});
+        EXPECT_EQ(next.at("data_blobs"), 0);
+        const std::string id(next.at("snapshot_id").as_string());
+        Run(0, {"restore", "-q", id + ":" + source, "--target", target});
+        EXPECT_EQ(DescribeTree(target), DescribeTree(source));
+        fs::remove_all(target);
+    }
+}
+
 TEST_F(RepositoryBackupTest, WhatFailsIsReported)
 {
     MakeTree(source, {Dir("d"), File("d/f", "x"), File("f", "f"), File("secret", "s"), Socket("socket")});
