@@ -2,6 +2,7 @@
 
 #include "agent/Record/NodeRecord.h"
 #include "agent/Repository/Utf8.h"
+#include "agent/Run/Text.h"
 
 #include "Backup/File/Unix/YFile.h"
 
@@ -156,8 +157,14 @@ CapturedEntry NodeCapture::Capture(const YDirectory& parent, const YString& name
     node.gid = file.GetGID();
     if (node.type == NodeType::Symlink)
         node.linkTarget = parent.ReadSymbolicLink(name).Bytes();
-    node.attributes = AttributesInOrder(file);
+    std::string failure;
+    try {
+        node.attributes = AttributesInOrder(file);
+    } catch (const Krt::Exception::YError& error) {
+        failure = ReasonOf(error).Bytes();
+    }
     FillOwnerNames(node, TakeOddAttributes(node.attributes));
+    node.error = std::move(failure);
     if (node.type != NodeType::File)
         entry.file.reset();
     return entry;

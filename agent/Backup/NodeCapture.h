@@ -17,7 +17,9 @@ namespace Agent {
 /// An entry that was captured.
 struct CapturedEntry
 {
-    Repo::Node node;                           ///< without content and subtree
+    /// Without content and subtree. If the extended attributes can't be read, without these, and the reason
+    /// is its error.
+    Repo::Node node;
     struct stat status = {};                   ///< at the opening
     std::unique_ptr<Backup::File::YFile> file; ///< open for reading if the entry is a regular file
 };

@@ -105,7 +105,7 @@ bool SnapshotRun::OnSelected(const WalkedEntry& entry)
         return mayEnter;
     }
 
-    CapturedEntry captured = m_capture.Capture(entry.parent, entry.name, entry.path, status);
+    CapturedEntry captured = Capture(entry.parent, entry.name, entry.path, status);
     if (captured.node.type == NodeType::Socket) { // it was another entry before
         ++m_sockets;
         return false;
@@ -149,11 +149,12 @@ bool SnapshotRun::IsContentUnchanged(const Node& before, const struct stat& stat
 }
 
 // Returns true if the attributes and the content of a file or directory are those of the parent's node. The
-// change time proves it. Older programs lose names of attributes that are not UTF-8.
+// change time proves it. But older programs lose names of attributes that are not UTF-8, and a node with an
+// error lacks some.
 bool SnapshotRun::IsNodeUnchanged(const Node& before, const struct stat& status) const
 {
     const bool isKind = S_ISDIR(status.st_mode) || S_ISREG(status.st_mode);
-    if (!isKind || !IsTrusted(before, status) || status.st_ino != before.inode ||
+    if (!isKind || !before.error.empty() || !IsTrusted(before, status) || status.st_ino != before.inode ||
         ChangeTimeOf(status) != before.ctime || ChangeTimeOf(status) >= *m_trustedBefore)
         return false;
     if (std::any_of(before.attributes.begin(), before.attributes.end(),
@@ -253,9 +254,19 @@ void SnapshotRun::EnterUnselected(const std::string& name)
     status = parent.Stat(realName);
     KRT_RAISE_UNLESS(S_ISDIR(status.st_mode), Krt::ErrorCode::InvalidState,
                      YString(path) << " is not a directory");
-    CapturedEntry captured = m_capture.Capture(parent, realName, PathOf(path), status);
+    CapturedEntry captured = Capture(parent, realName, PathOf(path), status);
     captured.node.name = name;
     Push(std::move(captured.node), FindBefore(visited, name), true);
+}
+
+CapturedEntry SnapshotRun::Capture(const YDirectory& parent, const YString& name, const YPath& path,
+                                   const struct stat& status)
+{
+    CapturedEntry captured = m_capture.Capture(parent, name, path, status);
+    if (!captured.node.error.empty())
+        m_build.Post(path.Bytes(), captured.node.error + "; the entry is stored without extended attributes",
+                     true);
+    return captured;
 }
 
 // Loads a tree of the parent; null if it can't be used.

@@ -62,6 +62,8 @@ private:
     SnapshotCounts Complete(SnapshotCounts counts) const;
     VisitedDirectory& VisitDirectory(const std::string& directory);
     void EnterUnselected(const std::string& name);
+    CapturedEntry Capture(const Krt::File::YDirectory& parent, const Krt::YString& name,
+                          const Krt::File::YPath& path, const struct stat& status);
     std::unique_ptr<ParentTree> LoadBefore(const std::string& path, const Repo::Id& tree);
     void Push(Repo::Node node, const Repo::Node* before, bool needsEntries);
     void Pop();

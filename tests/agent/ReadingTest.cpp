@@ -181,6 +181,51 @@ TEST_F(Reading, GrowingFileEndsAtItsSize)
     EXPECT_TRUE(Holds(result.errors, "/file: The file changed while it was read"));
 }
 
+TEST_F(Reading, AttributesThatCanNotBeReadAreReportedAndReadLater)
+{
+    constexpr const char* Name = "user.some";
+    for (const std::string& path : {directory.Path(), source + "/dir", source + "/file"}) {
+        if (setxattr(path.c_str(), Name, "x", 1, 0) != 0)
+            GTEST_SKIP() << "this file system has no extended attributes";
+    }
+    const auto node = [&](const std::string& path) {
+        const Agent::Repo::Repository opened = Open();
+        return Agent::FindEntry(opened, opened.FindSnapshot("latest").snapshot.tree, path).node;
+    };
+    const auto failWith = [](int error) {
+        return Hooked([error](const HookedCall& call) {
+            if (call.attribute == Name)
+                CallHook::Fail(error);
+        });
+    };
+    // A copy of the latest snapshot, by a user, whose entries are trusted, however new they are.
+    const auto makeParent = [&](std::uint32_t uid) {
+        const Agent::Repo::Repository opened = Open();
+        Agent::Repo::Snapshot snapshot = opened.FindSnapshot("latest").snapshot;
+        snapshot.time.seconds += 1000;
+        snapshot.summary->backupStart.seconds += 1000;
+        snapshot.uid = uid;
+        return opened.SaveText(Agent::Repo::FileKind::Snapshot, snapshot.ToJson()).ToHex();
+    };
+    const ProgramResult failed = BackUp(3, failWith(EIO));
+    for (const std::string& path : {directory.Path(), source + "/dir", source + "/file"}) {
+        EXPECT_TRUE(Holds(failed.errors, path + ": Failed to get extended attribute user.some")) << path;
+        EXPECT_TRUE(node(path).attributes.empty()) << path;
+    }
+    EXPECT_EQ(Entries()["/file"], "-12345");
+    int later = 0; // so that each one is the latest
+    const std::string withErrors = makeParent(geteuid());
+    // As for a user who may not see it.
+    Run(0, {"backup", "--force", "--time", "2090-01-01 00:00:00", source}, failWith(ENODATA));
+    const std::string ofUser = makeParent(geteuid());
+    for (const auto& [parent, count] : {std::pair(withErrors, 1u), {ofUser, 0u}}) {
+        const std::string time = "210" + std::to_string(later++) + "-01-01 00:00:00";
+        Run(0, {"backup", "--parent", parent, "--time", time, source});
+        for (const char* path : {"/dir", "/file"})
+            EXPECT_EQ(node(source + path).attributes.size(), count) << parent << path;
+    }
+}
+
 TEST_F(Reading, SwappedEntriesLeadNowhereOutside)
 {
     constexpr std::pair<const char*, const char*> Rows[] = {
