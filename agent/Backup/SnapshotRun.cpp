@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <unistd.h>
 
 namespace Agent {
 
@@ -36,6 +37,12 @@ std::optional<Timestamp> TrustedBefore(const std::optional<Repo::Snapshot>& pare
         time = std::min(time, parent->summary->backupStart);
     time.seconds -= CoarsestClock;
     return time;
+}
+
+// Returns true if the user of the parent saw all attributes that this process sees.
+bool SawAllAttributes(const std::optional<Repo::Snapshot>& parent)
+{
+    return parent && (parent->uid == 0 || parent->uid == geteuid());
 }
 
 std::string DirectoryOf(const std::string& path)
@@ -72,7 +79,8 @@ struct SnapshotRun::VisitedDirectory
 SnapshotRun::SnapshotRun(const Repo::Repository& repository, Repo::BlobSaver& saver, Report& report,
                          SnapshotRunOptions options)
     : m_repository(repository), m_report(report), m_options(std::move(options)),
-      m_trustedBefore(TrustedBefore(m_options.parent)), m_build(repository, saver, report, m_options)
+      m_trustedBefore(TrustedBefore(m_options.parent)),
+      m_trustsAttributes(SawAllAttributes(m_options.parent)), m_build(repository, saver, report, m_options)
 {
     m_visited.push_back({m_build.GetRoot(), "", nullptr});
     if (m_options.parent)
@@ -149,13 +157,14 @@ bool SnapshotRun::IsContentUnchanged(const Node& before, const struct stat& stat
 }
 
 // Returns true if the attributes and the content of a file or directory are those of the parent's node. The
-// change time proves it. But older programs lose names of attributes that are not UTF-8, and a node with an
-// error lacks some.
+// change time proves it. But older programs lose names of attributes that are not UTF-8, another user may not
+// have seen all attributes, and a node with an error lacks some.
 bool SnapshotRun::IsNodeUnchanged(const Node& before, const struct stat& status) const
 {
     const bool isKind = S_ISDIR(status.st_mode) || S_ISREG(status.st_mode);
-    if (!isKind || !before.error.empty() || !IsTrusted(before, status) || status.st_ino != before.inode ||
-        ChangeTimeOf(status) != before.ctime || ChangeTimeOf(status) >= *m_trustedBefore)
+    if (!isKind || !m_trustsAttributes || !before.error.empty() || !IsTrusted(before, status) ||
+        status.st_ino != before.inode || ChangeTimeOf(status) != before.ctime ||
+        ChangeTimeOf(status) >= *m_trustedBefore)
         return false;
     if (std::any_of(before.attributes.begin(), before.attributes.end(),
                     [](const Repo::NodeAttribute& attribute) {

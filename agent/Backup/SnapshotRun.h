@@ -81,6 +81,7 @@ private:
     Report& m_report;
     const SnapshotRunOptions m_options;
     std::optional<Repo::Timestamp> m_trustedBefore; // entries of the parent with earlier times are trusted
+    const bool m_trustsAttributes;                  // of the parent
     NodeCapture m_capture;
     LinkedContents m_links;
     std::uint64_t m_others = 0;

@@ -218,7 +218,8 @@ TEST_F(Reading, AttributesThatCanNotBeReadAreReportedAndReadLater)
     // As for a user who may not see it.
     Run(0, {"backup", "--force", "--time", "2090-01-01 00:00:00", source}, failWith(ENODATA));
     const std::string ofUser = makeParent(geteuid());
-    for (const auto& [parent, count] : {std::pair(withErrors, 1u), {ofUser, 0u}}) {
+    const std::string ofOther = makeParent(geteuid() + 1);
+    for (const auto& [parent, count] : {std::pair(withErrors, 1u), {ofUser, 0u}, {ofOther, 1u}}) {
         const std::string time = "210" + std::to_string(later++) + "-01-01 00:00:00";
         Run(0, {"backup", "--parent", parent, "--time", time, source});
         for (const char* path : {"/dir", "/file"})
