@@ -60,7 +60,7 @@ extern "C" {
 CALL(ssize_t, read, (int fd, void* data, size_t count), (fd, data, count), OF_FILE, .count = &count)
 CALL(ssize_t, write, (int fd, const void* data, size_t count), (fd, data, count), OF_FILE, .count = &count)
 CALL(ssize_t, pread, (int fd, void* data, size_t count, off_t at), (fd, data, count, at), OF_FILE,
-     .count = &count)
+     .data = data, .count = &count)
 CALL(ssize_t, pwrite, (int fd, const void* data, size_t count, off_t at), (fd, data, count, at), OF_FILE,
      .count = &count)
 

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <optional>
 
 namespace Agent {
 
@@ -109,6 +110,7 @@ public:
 
     void Read(FileToRead& file)
     {
+        m_endBefore.reset();
         for (int attempt = 0;; ++attempt) {
             const auto state = std::make_shared<FileState>(file.onDone);
             m_state = state;
@@ -152,8 +154,10 @@ private:
             content.failure = ReasonOf(error).Bytes();
             return true;
         }
-        // The files of the kernel have the size 0, whatever they contain.
-        content.isChanged = HasChanged(content.status, after) || (size != 0 && m_offset != size);
+        // Files of the kernel have the size 0 or that of a page, whatever they contain.
+        const bool isOtherSize = size != 0 && m_offset != size && m_endBefore != m_offset;
+        m_endBefore = m_offset;
+        content.isChanged = HasChanged(content.status, after) || isOtherSize;
         return !content.isChanged || isLast || m_offset > RereadLimit;
     }
 
@@ -186,7 +190,18 @@ private:
         m_buffer.size += used;
         if (isCut)
             EndChunk(count - used);
-        return count == wanted && m_offset <= std::max(size, RereadLimit);
+        return count == wanted && (size != 0 || m_offset <= RereadLimit || IsWithoutSize());
+    }
+
+    // A file that had the size 0 and has another one now grows, perhaps for ever.
+    bool IsWithoutSize()
+    {
+        try {
+            return Krt::File::Stat(*m_handle).st_size == 0;
+        } catch (const Krt::Exception::YError& error) {
+            m_state->content.failure = ReasonOf(error).Bytes();
+            return false;
+        }
     }
 
     // A hole is cut into the shortest chunks, because the digest of zeros is 0.
@@ -233,7 +248,8 @@ private:
     std::shared_ptr<FileState> m_state;
     const Krt::Util::YUnxHandle* m_handle = nullptr;
     std::uint64_t m_offset = 0;
-    Buffer m_buffer; // the chunk that is being read
+    std::optional<std::uint64_t> m_endBefore; // where the attempt before ended
+    Buffer m_buffer;                          // the chunk that is being read
 };
 
 ContentPool::ContentPool(Repo::Polynomial polynomial, BlobStore store, PoolOptions options)

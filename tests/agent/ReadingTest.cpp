@@ -7,6 +7,8 @@
 #include "testing/SelectionText.h"
 #include "testing/Tree.h"
 
+#include "agent/Repository/Chunker.h"
+
 #include "Backup/File/Unix/File.h"
 #include "Backup/File/Unix/YFile.h"
 #include "Backup/File/YUnixFileMetadata.h"
@@ -179,6 +181,27 @@ TEST_F(Reading, GrowingFileEndsAtItsSize)
     };
     const ProgramResult result = BackUp(0, Hooked(grow));
     EXPECT_TRUE(Holds(result.errors, "/file: The file changed while it was read"));
+}
+
+// As those of the kernel.
+TEST_F(Reading, FileWhoseSizeIsWrongIsReadToItsEnd)
+{
+    constexpr std::size_t Blocks = 140;
+    directory.Write("source/zero", "");
+    std::size_t blocks = 0;
+    const auto give = [&](const HookedCall& call) {
+        if (call.function != "pread")
+            return;
+        if (call.name.ends_with("source/zero")) {
+            CallHook::Give(call, std::string(blocks++ < Blocks ? call.size : 0, 'x'));
+        } else if (call.name.ends_with("source/file")) {
+            CallHook::Give(call, call.size == 5 ? "123" : "");
+        }
+    };
+    const ProgramResult result = BackUp(0, Hooked(give));
+    EXPECT_FALSE(Holds(result.errors, "changed")) << result.errors;
+    EXPECT_EQ(Entries()["/zero"].size(), 1 + Blocks * Agent::Repo::Chunker::MinSize);
+    EXPECT_EQ(Entries()["/file"], "-123");
 }
 
 TEST_F(Reading, AttributesThatCanNotBeReadAreReportedAndReadLater)
