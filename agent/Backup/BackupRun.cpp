@@ -2,6 +2,7 @@
 
 #include "agent/Access/Session.h"
 #include "agent/Access/SnapshotChoice.h"
+#include "agent/Access/TreeWalk.h"
 #include "agent/Backup/NewSnapshotText.h"
 #include "agent/Backup/SnapshotRun.h"
 #include "agent/Run/Interrupt.h"
@@ -29,6 +30,24 @@ std::set<std::string> AsSet(const std::vector<std::string>& texts)
     return {texts.begin(), texts.end()};
 }
 
+// Returns false if the tree has none of the paths, as that of a snapshot of relative paths, which restic
+// makes. A tree that can't be read may have them.
+bool HasAnyOf(const Repo::Repository& repository, const Id& tree, const std::vector<std::string>& paths)
+{
+    return std::any_of(paths.begin(), paths.end(), [&](const std::string& path) {
+        try {
+            FindEntry(repository, tree, path);
+            return true;
+        } catch (const Repo::RepositoryError&) {
+            return true;
+        } catch (const Krt::Exception::YError& error) {
+            if (error.GetCode() != Krt::ErrorCode::InvalidArgument)
+                throw;
+            return false;
+        }
+    });
+}
+
 class BackupRun
 {
 public:
@@ -41,7 +60,8 @@ public:
 private:
     void LoadRules();
     void BeginSnapshot();
-    void ChooseParent(Session& session);
+    std::vector<StoredSnapshot> FindParents(const Repo::Repository& repository) const;
+    void ChooseParent(const Repo::Repository& repository, std::vector<StoredSnapshot> candidates);
     void Store(Session& session);
     struct stat SkippedDirectory() const;
 
@@ -60,10 +80,12 @@ SnapshotOutcome BackupRun::Run()
     LoadRules();
     Session session(m_settings.repository, m_report, m_settings.isDryRun ? Access::Read : Access::Append);
     BeginSnapshot();
+    std::vector<StoredSnapshot> candidates;
     if (!m_settings.isForced)
-        ChooseParent(session);
+        candidates = FindParents(session.GetRepository());
     session.LoadIndex();
     session.FindLostPacks();
+    ChooseParent(session.GetRepository(), std::move(candidates));
     Store(session);
     const bool isUnchanged = m_parent && m_parent->snapshot.tree == m_snapshot.tree;
     const bool isSaved = !m_settings.isDryRun && !(m_settings.skipsIfUnchanged && isUnchanged);
@@ -91,30 +113,38 @@ void BackupRun::BeginSnapshot()
     m_snapshot.excludes = m_job.ruleTexts;
 }
 
-// The newest snapshot of the same host and the same paths, or the one that the user named.
-void BackupRun::ChooseParent(Session& session)
+// The snapshots of the same host and the same paths, from the oldest to the newest; or the one that the user
+// named.
+std::vector<StoredSnapshot> BackupRun::FindParents(const Repo::Repository& repository) const
 {
-    const Repo::Repository& repository = session.GetRepository();
+    // Names that are not UTF-8 are not stored as they are.
+    const std::vector<std::string> stored = Snapshot::Parse(m_snapshot.ToJson()).paths;
     Repo::SnapshotFilter filter;
     filter.hosts = {m_snapshot.hostname};
-    filter.paths = m_snapshot.paths;
-    if (!m_settings.parent.empty()) {
-        m_parent = repository.FindSnapshot(m_settings.parent, filter);
-    } else {
-        const auto ignore = [this](const Repo::FileName& file, const Repo::RepositoryError& error) {
-            m_report.Note("Warning: " + YString(file.Path()) + ": " + ReasonOf(error));
-        };
-        const std::set<std::string> paths = AsSet(m_snapshot.paths);
-        for (StoredSnapshot& stored : repository.LoadSnapshots(filter, ignore)) {
-            if (stored.snapshot.time <= m_snapshot.time && AsSet(stored.snapshot.paths) == paths)
-                m_parent = std::move(stored);
-        }
-    }
-    if (m_parent) {
-        m_snapshot.parent = m_outcome.parent = m_parent->id;
-        if (m_settings.repository.isVerbose)
-            m_report.Note(YString("using parent snapshot " + ShortId(m_parent->id)));
-    }
+    filter.paths = stored;
+    if (!m_settings.parent.empty())
+        return {repository.FindSnapshot(m_settings.parent, filter)};
+    const auto ignore = [this](const Repo::FileName& file, const Repo::RepositoryError& error) {
+        m_report.Note("Warning: " + YString(file.Path()) + ": " + ReasonOf(error));
+    };
+    std::vector<StoredSnapshot> candidates = repository.LoadSnapshots(filter, ignore);
+    std::erase_if(candidates, [&](const StoredSnapshot& each) {
+        return each.snapshot.time > m_snapshot.time || AsSet(each.snapshot.paths) != AsSet(stored);
+    });
+    return candidates;
+}
+
+void BackupRun::ChooseParent(const Repo::Repository& repository, std::vector<StoredSnapshot> candidates)
+{
+    while (m_settings.parent.empty() && !candidates.empty() &&
+           !HasAnyOf(repository, candidates.back().snapshot.tree, m_snapshot.paths))
+        candidates.pop_back();
+    if (candidates.empty())
+        return;
+    m_parent = std::move(candidates.back());
+    m_snapshot.parent = m_outcome.parent = m_parent->id;
+    if (m_settings.repository.isVerbose)
+        m_report.Note(YString("using parent snapshot " + ShortId(m_parent->id)));
 }
 
 // That of the repository, which must not be part of the backup, since it grows with it.

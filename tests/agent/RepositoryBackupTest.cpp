@@ -132,6 +132,8 @@ TEST_F(RepositoryBackupTest, BothProgramsContinueEachOther)
     EXPECT_EQ(again.at("files_unmodified"), first.at("files_new"));
     EXPECT_EQ(TreeOf(source), tree);
     EXPECT_EQ(Open().FindSnapshot("latest").snapshot.parent->ToHex(), parent);
+    Restic("backup s"); // whose tree begins with s
+    EXPECT_EQ(BackUp(0, {source}).at("files_unmodified"), first.at("files_new"));
     EXPECT_TRUE(Holds(Restic("check --read-data"), "no errors were found"));
 
     MakeTree(source, {Link("odd\xFF", "target\xFF")});
@@ -266,6 +268,11 @@ TEST_F(RepositoryBackupTest, SeveralPathsAreOneTree)
     const std::vector<std::string> paths = PathsOfLatest();
     EXPECT_EQ(std::vector<std::string>(paths.end() - 3, paths.end()),
               (std::vector<std::string>{source + "/a/b", source + "/a/b/x", source + "/a/c"}));
+
+    directory.Write("s/\xFF/f", "f");
+    const json::object odd = BackUp(0, {"s/\xFF"});
+    BackUp(0, {"s/\xFF"});
+    EXPECT_EQ(Open().FindSnapshot("latest").snapshot.parent->ToHex(), odd.at("snapshot_id").as_string());
 }
 
 TEST_F(RepositoryBackupTest, LostBlobsAreStoredAgain)
