@@ -208,8 +208,14 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths, c
     for (const std::string& path : paths) {
         try {
             const YPath root = ResolveRoot(path);
-            if (onFailure && root != "/")
-                Krt::File::YDirectory::OpenToSearch(root.GetParent()).Stat(YPath::GetFileFromPath(root, "/"));
+            if (onFailure && root != "/") {
+                const struct stat status = Krt::File::YDirectory::OpenToSearch(root.GetParent())
+                                               .Stat(YPath::GetFileFromPath(root, "/"));
+                if (S_ISLNK(status.st_mode))
+                    job.warnings.push_back(YString("Warning: ") + root +
+                                           " is a link, which is stored itself; with a slash at its end, it "
+                                           "would name what it leads to");
+            }
             Select(job.rules, root);
             if (std::find(job.paths.begin(), job.paths.end(), root.Bytes()) == job.paths.end())
                 job.paths.push_back(root.Bytes());

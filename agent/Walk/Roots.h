@@ -17,8 +17,9 @@ struct Job
 {
     Backup::File::YSelectionManager rules;
     std::set<Krt::File::YPath> roots;
-    std::vector<Krt::YString> warnings; ///< suspicious contents of the job file; see JobCheck.h
-    std::vector<std::string> paths;     ///< the named paths as resolved, in their order, then the job's tops
+    /// Suspicious contents of the job file, see JobCheck.h; and named paths that are symlinks.
+    std::vector<Krt::YString> warnings;
+    std::vector<std::string> paths; ///< the named paths as resolved, in their order, then the job's tops
     /// The rules of the job file, each as "include JSON" or "exclude JSON" with the JSON object that a job
     /// file has for it. Empty if there are more than 10,000.
     std::vector<std::string> ruleTexts;

@@ -269,6 +269,7 @@ TEST_F(RepositoryBackupTest, SeveralPathsAreOneTree)
     EXPECT_EQ(std::vector<std::string>(paths.end() - 3, paths.end()),
               (std::vector<std::string>{source + "/a/b", source + "/a/b/x", source + "/a/c"}));
 
+    EXPECT_TRUE(Holds(Run(0, "backup s/link").errors, "/link is a link, which is stored itself"));
     directory.Write("s/\xFF/f", "f");
     const json::object odd = BackUp(0, {"s/\xFF"});
     BackUp(0, {"s/\xFF"});
