@@ -19,7 +19,8 @@ struct ScanTotals
     double seconds = 0;      ///< how long it took; 0 until it has ended
 };
 
-class Scan : private IWalkVisitor
+/// Final: its thread calls virtual functions until the destructor has joined it.
+class Scan final : private IWalkVisitor
 {
 public:
     /// Begins. The job outlives the scan. The directory with the status `skipped` is left out. What can't be
