@@ -91,8 +91,9 @@ RepositoryLock::~RepositoryLock()
             m_repository.GetBackend().Remove({FileKind::Lock, m_id});
         } catch (const Krt::Exception::YError& error) {
             KRT_LOG_FREE(Krt::MessageType::General, "Failed to remove the lock of the repository: " << error);
+            m_settings.onLeft(error);
         }
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {
         // The lock stays, and expires.
     }
 }
@@ -196,16 +197,20 @@ void RepositoryLock::RequireFresh()
         throw LockLost("The lock of the repository was lost, so nothing more is written");
 }
 
-// A failure to refresh does no harm until the lock has expired.
+// A failure to refresh, also for lack of memory, does no harm until the lock has expired.
 void RepositoryLock::RefreshOrLose()
 {
     const bool isExpired = m_refreshed.Age() > m_settings.expiry;
     m_isLost = isExpired;
     try {
-        m_isLost = !Refresh(isExpired);
-        m_refreshed = Instant();
-    } catch (const Krt::Exception::YError& error) {
-        KRT_LOG_FREE(Krt::MessageType::General, "Failed to refresh the repository's lock: " << error);
+        try {
+            m_isLost = !Refresh(isExpired);
+            m_refreshed = Instant();
+        } catch (const Krt::Exception::YError& error) {
+            KRT_LOG_FREE(Krt::MessageType::General, "Failed to refresh the repository's lock: " << error);
+        }
+    } catch (const std::bad_alloc&) {
+        // The thread that refreshes must not end the process, which would leave the lock.
     }
     if (m_isLost)
         m_settings.onLost();

@@ -33,6 +33,9 @@ struct LockSettings
     /// Called once if the lock was lost. Called by another thread.
     std::function<void()> onLost = [] {
     };
+    /// Called if the lock can't be removed at the end, with the reason.
+    std::function<void(const Krt::Exception::YError& error)> onLeft = [](const Krt::Exception::YError&) {
+    };
     /// Between writing the lock and looking for locks that were written meanwhile.
     std::chrono::milliseconds settling{200};
     /// Before a lock that can't be read is read again; the second and the third wait are twice the one
@@ -50,7 +53,7 @@ public:
     /// Locks the repository, which outlives this object. Raises LockedError if another process has a lock
     /// that excludes this one, and InvalidState if the user interrupts. Raises what the repository raises.
     RepositoryLock(const Repo::Repository& repository, LockSettings settings);
-    /// Removes the lock. A failure is ignored: other processes then need `unlock`.
+    /// Removes the lock. A failure is logged and given to `onLeft`: other processes then need `unlock`.
     ~RepositoryLock();
     RepositoryLock(const RepositoryLock&) = delete;
     RepositoryLock& operator=(const RepositoryLock&) = delete;

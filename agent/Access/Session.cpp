@@ -131,6 +131,10 @@ void Session::LockFor(Access access)
     settings.onLost = [backend = m_backend] {
         backend->ReportLostLock();
     };
+    settings.onLeft = [this](const Krt::Exception::YError& error) {
+        m_report.Note("The lock of the repository can't be removed, so 'kbagent unlock' has to: " +
+                      ReasonOf(error));
+    };
     try {
         m_lock.emplace(*m_repository, std::move(settings));
         m_backend->SetWriteGuard([this] { m_lock->RequireFresh(); });
