@@ -1,11 +1,9 @@
 #include "agent/Access/TextFile.h"
 
-#include "agent/Run/Interrupt.h"
+#include "agent/Run/Input.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Util/YUnxHandle.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 #include <utf8.h>
 
@@ -71,14 +69,11 @@ Secret TextOf(Bytes& bytes, const std::string& name)
 
 Secret ReadTextFile(const std::string& path, std::size_t limit)
 {
-    const EndingOnInterrupts ending; // a named pipe may never have a writer
-    const Krt::Util::YUnxHandle file =
-        KRT_OS_VALUE(Krt::Util::OwnAboveStandardStreams(
-                         Krt::Util::CallSystem([&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC); })),
-                     "Failed to open file: " << path.c_str());
+    const Krt::Util::YUnxHandle file = KRT_OS_VALUE(OpenInput(path), "Failed to open file: " << path.c_str());
     Bytes bytes(limit + 1);
     std::size_t size = 0;
     while (size < bytes.size()) {
+        WaitForInput(file.Get()); // a signal's handler restarts a read
         const auto count = KRT_SYSCALL(read(file.Get(), bytes.data() + size, bytes.size() - size),
                                        "Failed to read file: " << path.c_str());
         if (count == 0)

@@ -11,8 +11,8 @@ namespace Agent {
 constexpr std::size_t TextLimit = 1 << 16;
 
 /// The text of the file as UTF-8, without white space at its ends. UTF-16 with a byte order mark is
-/// converted; a mark of UTF-8 is dropped. Raises the operating system's error, and InvalidArgument for more
-/// than `limit` bytes or for damaged UTF-16.
+/// converted; a mark of UTF-8 is dropped. Raises the operating system's error, InvalidArgument for more than
+/// `limit` bytes or for damaged UTF-16, and InvalidState when the user interrupts.
 Repo::Secret ReadTextFile(const std::string& path, std::size_t limit = TextLimit);
 
 /// The text in these bytes, which are overwritten. See ReadTextFile; `name` begins messages.

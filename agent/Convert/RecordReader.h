@@ -20,7 +20,8 @@ namespace Agent {
 class InputFile
 {
 public:
-    /// Opens the file, or standard input for "-" and for an empty path. Raises the operating system's error.
+    /// Opens the file, or standard input for "-" and for an empty path. Raises the operating system's error,
+    /// and InvalidState when the user interrupts the wait for the writer of a FIFO.
     explicit InputFile(const std::string& path);
 
     /// Reads up to `size` bytes; returns 0 only at the end. Waits for input until the user interrupts the

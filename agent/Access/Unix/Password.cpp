@@ -1,15 +1,15 @@
 #include "agent/Access/Password.h"
 
 #include "agent/Access/TextFile.h"
-#include "agent/Run/Interrupt.h"
+#include "agent/Run/Input.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/Util/YScope.h"
 #include "Krt/Util/YUnxHandle.h"
 
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
-#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -25,16 +25,6 @@ using Repo::Bytes;
 using Repo::Secret;
 
 namespace {
-
-// Waits until there is something to read, in short steps, so that an interrupt is noticed.
-void WaitForInput(int descriptor)
-{
-    constexpr int MillisecondsBetweenLooks = 100;
-    pollfd waited{descriptor, POLLIN, 0};
-    do {
-        RaiseIfInterrupted();
-    } while (poll(&waited, 1, MillisecondsBetweenLooks) <= 0);
-}
 
 // Reads to the end, or to the first line end.
 Bytes ReadText(int descriptor, bool isOneLine, const char* name)
@@ -94,7 +84,13 @@ Secret RunPasswordCommand(const std::vector<std::string>& words)
     fcntl(writer.Get(), F_SETFD, FD_CLOEXEC);
     const pid_t child = Spawn(words, writer.Get());
     writer.Close();
-    Bytes printed = ReadText(reader.Get(), false, "what the command for the password prints");
+    Bytes printed;
+    try {
+        printed = ReadText(reader.Get(), false, "what the command for the password prints");
+    } catch (...) {
+        kill(child, SIGTERM);
+        throw;
+    }
     int status = 0;
     CallSystem([&] { return waitpid(child, &status, 0); });
     Secret secret = TextOf(printed, "What the command for the password printed");
