@@ -58,7 +58,7 @@ void ReportFailure(Report& report, const Repo::FileName& file, const RepositoryE
 Session::Session(const RepositoryOptions& options, Report& report, Access access, OldFormat oldFormat)
     : m_options(options), m_report(report)
 {
-    const bool isWriting = access != Access::Read;
+    const bool isWriting = access == Access::Append || access == Access::Exclusive;
     if (isWriting && m_options.isUnlocked)
         throw UsageError("A command that writes to the repository needs a lock");
     if (m_options.isJson)
@@ -66,7 +66,8 @@ Session::Session(const RepositoryOptions& options, Report& report, Access access
     Repo::HideProcess();
     m_backend = std::make_shared<WatchedBackend>(BackendOf(FindLocation(m_options)));
     Open();
-    KRT_RAISE_UNLESS(!isWriting || oldFormat == OldFormat::Accepted || m_repository->GetConfig().version >= 2,
+    KRT_RAISE_UNLESS(access == Access::Read || oldFormat == OldFormat::Accepted ||
+                         m_repository->GetConfig().version >= 2,
                      Krt::ErrorCode::NotSupported,
                      "The repository has version 1 of the format, which is read but not written; 'kbagent "
                      "migrate upgrade_repo_v2' changes it to version 2");
@@ -142,7 +143,7 @@ void Session::LockFor(Access access)
         if (access == Access::Read && m_options.mayBeUnlocked && IsFull(error))
             throw RepositoryError(error.GetFailure(), error,
                                   "The repository can't be locked, but --no-lock reads it without a lock: ");
-        if (access != Access::Read || !IsReadOnly(error))
+        if (access == Access::Append || access == Access::Exclusive || !IsReadOnly(error))
             throw;
         m_report.Note("The repository can't be written, so it is read without a lock: " + ReasonOf(error));
     }

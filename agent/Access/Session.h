@@ -23,6 +23,7 @@ void ReportFailure(Report& report, const Repo::FileName& file, const Repo::Repos
 enum class Access
 {
     Read,     ///< nothing is written. Shared lock; none if the options forbid it or nothing can be written
+    DryRun,   ///< as Read, for a command that would add files
     Append,   ///< files are added. Shared lock
     Exclusive ///< files are added and removed. Exclusive lock
 };

@@ -78,7 +78,7 @@ SnapshotOutcome BackupRun::Run()
 {
     Krt::Environment::RaiseDescriptorLimit(); // files wait open to be read
     LoadRules();
-    Session session(m_settings.repository, m_report, m_settings.isDryRun ? Access::Read : Access::Append);
+    Session session(m_settings.repository, m_report, m_settings.isDryRun ? Access::DryRun : Access::Append);
     BeginSnapshot();
     std::vector<StoredSnapshot> candidates;
     if (!m_settings.isForced)

@@ -16,7 +16,7 @@ SnapshotOutcome ImportRecords(const ImportSettings& settings, Report& report, IS
     SnapshotOutcome outcome;
     Krt::Environment::RaiseDescriptorLimit(); // all directories on the path to a content are kept open
     ContentFolder contents(Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(settings.contents.c_str())));
-    Session session(settings.repository, report, settings.isDryRun ? Access::Read : Access::Append);
+    Session session(settings.repository, report, settings.isDryRun ? Access::DryRun : Access::Append);
     // Now, since the password may be the first line of standard input.
     ConvertedRecords records(settings.file, settings.base, report);
     session.LoadIndex();

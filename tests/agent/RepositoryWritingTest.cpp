@@ -242,11 +242,11 @@ TEST_F(RepositoryWriting, VersionOneIsUpgradedBeforeItIsWritten)
 {
     const bool hasRestic = HasRestic();
     const Repo::Repository opened = Create(1);
-    if (hasRestic) {
-        directory.Write("s/f", "content");
+    directory.Write("s/f", "content");
+    if (hasRestic)
         Restic("backup s");
-    }
-    EXPECT_TRUE(Holds(Run(1, "tag --add x").errors, "migrate upgrade_repo_v2"));
+    for (const char* command : {"tag --add x", "backup s", "backup -n s"})
+        EXPECT_TRUE(Holds(Run(1, command).errors, "migrate upgrade_repo_v2")) << command;
     EXPECT_TRUE(Holds(Run(0, "migrate").output, "upgrade_repo_v2"));
     Run(2, "migrate other");
     // Damage keeps it as it is.
