@@ -8,6 +8,7 @@
 #include "Krt/Log/LogSite.h"
 #include "Krt/Util/YUnxHandle.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cerrno>
@@ -85,6 +86,25 @@ std::optional<YDirectory> OpenForReading(const std::string& path)
     }
 }
 
+// Calls; a failure with one of these error numbers counts as a success.
+template <class Call>
+void Tolerating(std::initializer_list<int> errors, const Call& call)
+{
+    try {
+        call();
+    } catch (const Krt::Exception::YError& error) {
+        if (std::find(errors.begin(), errors.end(), error.GetOsError()) == errors.end())
+            throw;
+    }
+}
+
+// Some file systems have no modes, such as FAT and some of networks.
+template <class Call>
+void SettingMode(const Call& call)
+{
+    Tolerating({EPERM, ENOTSUP, ENOSYS}, call);
+}
+
 // Returns true if the directory did not exist. It is durable when the parent is synced.
 bool MakeIfMissing(const YDirectory& parent, const YString& name, const Modes& modes)
 {
@@ -98,7 +118,7 @@ bool MakeIfMissing(const YDirectory& parent, const YString& name, const Modes& m
             throw;
         return false; // another process was faster
     }
-    parent.OpenDirectory(name).SetMode(modes.directory); // whatever the umask is
+    SettingMode([&] { parent.OpenDirectory(name).SetMode(modes.directory); }); // whatever the umask is
     return true;
 }
 
@@ -170,8 +190,9 @@ YString HexByte(int byte)
 
 } // namespace
 
-LocalBackend::LocalBackend(const YString& path)
-    : m_path(YString(std::string_view(std::filesystem::absolute(path.Bytes()).native())))
+LocalBackend::LocalBackend(const YString& path, SyncCall sync)
+    : m_path(YString(std::string_view(std::filesystem::absolute(path.Bytes()).native()))),
+      m_sync(std::move(sync))
 {}
 
 YString LocalBackend::Describe() const
@@ -199,8 +220,8 @@ void LocalBackend::Prepare()
         const YDirectory packs = root.OpenDirectory("data");
         for (int byte = 0; byte < PackDirectories; ++byte)
             MakeIfMissing(packs, HexByte(byte), modes);
-        Krt::File::Sync(packs.GetHandle());
-        Krt::File::Sync(root.GetHandle());
+        SyncDirectory(packs);
+        SyncDirectory(root);
     });
 }
 
@@ -239,6 +260,12 @@ std::uint64_t LocalBackend::Size(const FileName& file)
 {
     return Named(At(file), [&] { return RegularSize(OpenFile(file)); });
 }
+// Some file systems, such as those of networks, can't make a directory durable.
+void LocalBackend::SyncDirectory(const YDirectory& directory) const
+{
+    Tolerating({EINVAL, ENOTSUP}, [&] { m_sync(directory.GetHandle()); });
+}
+
 
 void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit)
 {
@@ -267,7 +294,7 @@ void LocalBackend::Save(const FileName& file, ByteView content)
             modes = {0770, 0440};
         for (const YString& name : path.directories) {
             if (MakeIfMissing(directory, name, modes))
-                Krt::File::Sync(directory.GetHandle());
+                SyncDirectory(directory);
             directory = directory.OpenDirectory(name);
         }
         const YString temporary = TemporaryName(path.name);
@@ -277,8 +304,9 @@ void LocalBackend::Save(const FileName& file, ByteView content)
         try {
             if (!content.empty())
                 Krt::File::Write(handle, 0, content.size(), content.data());
-            KRT_SYSCALL(fchmod(handle.Get(), modes.file), "Failed to set the mode of the file");
-            Krt::File::Sync(handle);
+            SettingMode(
+                [&] { KRT_SYSCALL(fchmod(handle.Get(), modes.file), "Failed to set the mode of the file"); });
+            m_sync(handle);
             Krt::Util::CloseWritten(handle);
             directory.Rename(temporary, directory, path.name);
         } catch (...) {
@@ -287,7 +315,7 @@ void LocalBackend::Save(const FileName& file, ByteView content)
             throw;
         }
         try {
-            Krt::File::Sync(directory.GetHandle());
+            SyncDirectory(directory);
         } catch (...) {
             // The caller never knows this id. A configuration may have replaced another.
             if (file.kind != FileKind::Config)
@@ -311,7 +339,7 @@ void LocalBackend::Remove(const FileName& file)
         directory.RemoveFile(path.name);
         // An index file is gone before the packs that it names, a key before its password counts as removed.
         if (file.kind != FileKind::Pack && file.kind != FileKind::Lock)
-            Krt::File::Sync(directory.GetHandle());
+            SyncDirectory(directory);
     });
 }
 
