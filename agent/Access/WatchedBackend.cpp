@@ -37,6 +37,12 @@ void WatchedBackend::Save(const Repo::FileName& file, Repo::ByteView content)
     m_backend->Save(file, content);
 }
 
+bool WatchedBackend::SaveNew(const Repo::FileName& file, Repo::ByteView content)
+{
+    LookBeforeChange(file);
+    return m_backend->SaveNew(file, content);
+}
+
 void WatchedBackend::Remove(const Repo::FileName& file)
 {
     LookBeforeChange(file);

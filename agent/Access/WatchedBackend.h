@@ -39,6 +39,7 @@ public:
     void List(Repo::FileKind kind,
               const std::function<void(const Repo::Id& id, std::uint64_t size)>& visit) override;
     void Save(const Repo::FileName& file, Repo::ByteView content) override;
+    bool SaveNew(const Repo::FileName& file, Repo::ByteView content) override;
     void Remove(const Repo::FileName& file) override;
 
 private:

@@ -66,6 +66,9 @@ public:
     /// Stores a file, which is complete and durable when this returns. Other processes see the whole file
     /// or no file, also after a failure. A file that has this name is replaced.
     virtual void Save(const FileName& file, ByteView content) = 0;
+    /// Stores a file as Save does, unless one has this name. Returns false, without a change, if one has,
+    /// also if another process was faster.
+    virtual bool SaveNew(const FileName& file, ByteView content) = 0;
     /// Removes a file. A file that does not exist counts as removed.
     virtual void Remove(const FileName& file) = 0;
 };

@@ -36,16 +36,17 @@ public:
     std::uint64_t Size(const FileName& file) override;
     void List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit) override;
     void Save(const FileName& file, ByteView content) override;
+    bool SaveNew(const FileName& file, ByteView content) override;
     void Remove(const FileName& file) override;
 
 private:
     Krt::YString PathOf(const FileName& file) const;
     Krt::Util::YUnxHandle OpenFile(const FileName& file) const;
-
     bool Write(const FileName& file, ByteView content, bool replaces);
     void SyncDirectory(const Krt::File::YDirectory& directory) const;
+
     Krt::YString m_path; // absolute
-};
     SyncCall m_sync;
+};
 
 } // namespace Agent::Repo

@@ -168,6 +168,11 @@ Bytes LoadConfig(IBackend& backend)
     return stored;
 }
 
+[[noreturn]] void RaiseTaken(const IBackend& backend)
+{
+    KRT_RAISE(Krt::ErrorCode::InvalidArgument, "There is already a repository at " << backend.Describe());
+}
+
 void RequireNoRepository(IBackend& backend)
 {
     bool isTaken = true;
@@ -178,8 +183,8 @@ void RequireNoRepository(IBackend& backend)
             throw;
         isTaken = false;
     }
-    KRT_RAISE_UNLESS(!isTaken, Krt::ErrorCode::InvalidArgument,
-                     "There is already a repository at " << backend.Describe());
+    if (isTaken)
+        RaiseTaken(backend);
     KRT_RAISE_UNLESS(
         ListSorted(backend, FileKind::Key).empty() && ListSorted(backend, FileKind::Snapshot).empty(),
         Krt::ErrorCode::InvalidArgument,
@@ -262,7 +267,8 @@ Repository Repository::Create(std::shared_ptr<IBackend> backend, const Secret& p
     backend->Prepare();
     backend->Save({FileKind::Key, keyId}, AsBytes(keyText));
     try {
-        backend->Save(ConfigFile, sealed);
+        if (!backend->SaveNew(ConfigFile, sealed))
+            RaiseTaken(*backend); // another process was faster
     } catch (...) {
         RemoveQuietly(*backend, {FileKind::Key, keyId});
         throw;

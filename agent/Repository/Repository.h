@@ -61,7 +61,8 @@ public:
     static Repository Open(std::shared_ptr<IBackend> backend, const Secret& password,
                            const OpenOptions& options = {});
     /// Creates a repository with one key file, and opens it. Raises InvalidArgument if the location already
-    /// has a configuration, key files or snapshots. After another failure the location has none of these.
+    /// has a configuration, key files or snapshots, also if another process is faster to create them. After
+    /// another failure the location has none of these.
     static Repository Create(std::shared_ptr<IBackend> backend, const Secret& password,
                              const CreateOptions& options = {});
 

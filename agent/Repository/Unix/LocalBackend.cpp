@@ -160,6 +160,39 @@ Krt::Util::YUnxHandle CreateTemporary(const YDirectory& directory, const YString
     }
 }
 
+// The caller is handling a failure, which must not be replaced by another one.
+void RemoveAfterFailure(const YDirectory& directory, const YString& name)
+{
+    try {
+        directory.RemoveFile(name);
+    } catch (const Krt::Exception::YError& error) {
+        KRT_LOG_FREE(Krt::MessageType::General, "Failed to remove a file of the repository: " << error);
+    }
+}
+
+// Renames, unless there is an entry of the new name: then it returns false.
+bool RenameToNew(const YDirectory& directory, const YString& from, const YString& to)
+{
+    bool hasLinks = true;
+    try {
+        directory.MakeHardLink(directory, from, to);
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetOsError() == EEXIST)
+            return false;
+        hasLinks = false;
+        Tolerating({EPERM, ENOTSUP, ENOSYS, EMLINK}, [] { throw; });
+    }
+    // Without hard links, of two processes at the same time the second one would win.
+    struct stat status;
+    if (!hasLinks && directory.StatIfPresent(to, status))
+        return false;
+    if (hasLinks)
+        RemoveAfterFailure(directory, from);
+    else
+        directory.Rename(from, directory, to);
+    return true;
+}
+
 struct ListedFile
 {
     Id id;
@@ -212,7 +245,9 @@ void LocalBackend::Prepare()
         const Modes modes;
         if (!Krt::File::DoesFileExist(path)) {
             Krt::File::CreatePath(path, false);
-            KRT_SYSCALL(mkdir(m_path.CStr(), modes.directory), "Failed to create directory");
+            Tolerating({EEXIST}, [&] {
+                KRT_SYSCALL(mkdir(m_path.CStr(), modes.directory), "Failed to create directory");
+            });
         }
         const YDirectory root = YDirectory::OpenFollowing(path);
         for (const char* const name : TopDirectories)
@@ -223,6 +258,12 @@ void LocalBackend::Prepare()
         SyncDirectory(packs);
         SyncDirectory(root);
     });
+}
+
+// Some file systems, such as those of networks, can't make a directory durable.
+void LocalBackend::SyncDirectory(const YDirectory& directory) const
+{
+    Tolerating({EINVAL, ENOTSUP}, [&] { m_sync(directory.GetHandle()); });
 }
 
 Krt::Util::YUnxHandle LocalBackend::OpenFile(const FileName& file) const
@@ -260,12 +301,6 @@ std::uint64_t LocalBackend::Size(const FileName& file)
 {
     return Named(At(file), [&] { return RegularSize(OpenFile(file)); });
 }
-// Some file systems, such as those of networks, can't make a directory durable.
-void LocalBackend::SyncDirectory(const YDirectory& directory) const
-{
-    Tolerating({EINVAL, ENOTSUP}, [&] { m_sync(directory.GetHandle()); });
-}
-
 
 void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit)
 {
@@ -285,7 +320,18 @@ void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, st
 
 void LocalBackend::Save(const FileName& file, ByteView content)
 {
-    Named(At(file), [&] {
+    Write(file, content, true);
+}
+
+bool LocalBackend::SaveNew(const FileName& file, ByteView content)
+{
+    return Write(file, content, false);
+}
+
+// Returns false if the file exists, and is not to be replaced.
+bool LocalBackend::Write(const FileName& file, ByteView content, bool replaces)
+{
+    return Named(At(file), [&] {
         const SplitPath path(file);
         Modes modes;
         YDirectory directory = YDirectory::OpenFollowing(m_path.CStr());
@@ -308,20 +354,26 @@ void LocalBackend::Save(const FileName& file, ByteView content)
                 [&] { KRT_SYSCALL(fchmod(handle.Get(), modes.file), "Failed to set the mode of the file"); });
             m_sync(handle);
             Krt::Util::CloseWritten(handle);
-            directory.Rename(temporary, directory, path.name);
+            if (replaces) {
+                directory.Rename(temporary, directory, path.name);
+            } else if (!RenameToNew(directory, temporary, path.name)) {
+                RemoveAfterFailure(directory, temporary);
+                return false;
+            }
         } catch (...) {
             handle.Close();
-            directory.RemoveFile(temporary);
+            RemoveAfterFailure(directory, temporary);
             throw;
         }
         try {
             SyncDirectory(directory);
         } catch (...) {
             // The caller never knows this id. A configuration may have replaced another.
-            if (file.kind != FileKind::Config)
-                directory.RemoveFile(path.name);
+            if (file.kind != FileKind::Config || !replaces)
+                RemoveAfterFailure(directory, path.name);
             throw;
         }
+        return true;
     });
 }
 

@@ -89,7 +89,11 @@ TEST_P(Backend, SavedFilesAreKept)
         backend->Remove(file);
         EXPECT_EQ(FailureOf([&] { backend->Size(file); }), Failure::Missing);
         backend->Save(file, {});
+        EXPECT_FALSE(backend->SaveNew(file, content));
         EXPECT_EQ(backend->Size(file), 0u);
+        backend->Remove(file);
+        EXPECT_TRUE(backend->SaveNew(file, content));
+        EXPECT_EQ(backend->Size(file), content.size());
     }
     EXPECT_THROW(backend->List(FileKind::Pack, [](const Id&, std::uint64_t) { throw 1; }), int);
 }
