@@ -5,6 +5,7 @@
 #include "agent/Access/Workers.h"
 #include "agent/Repository/LocalBackend.h"
 #include "agent/Repository/Unix/SecretPages.h"
+#include "agent/Run/Syncer.h"
 #include "agent/Run/Text.h"
 #include "agent/Run/UsageError.h"
 
@@ -44,7 +45,10 @@ std::shared_ptr<Repo::IBackend> BackendOf(const std::string& location)
                                                                         << " are not supported");
     const std::string path =
         location.starts_with(LocalScheme) ? location.substr(LocalScheme.size()) : location;
-    return std::make_shared<Repo::LocalBackend>(YString(std::string_view(path)));
+    const auto syncer = std::make_shared<Syncer>();
+    return std::make_shared<Repo::LocalBackend>(
+        YString(std::string_view(path)),
+        [syncer](const Krt::Util::YUnxHandle& handle) { syncer->Sync(handle); });
 }
 
 void ReportFailure(Report& report, const Repo::FileName& file, const RepositoryError& error)

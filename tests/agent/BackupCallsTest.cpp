@@ -10,10 +10,12 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <map>
 #include <new>
 #include <set>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Testing;
@@ -147,5 +149,76 @@ INSTANTIATE_TEST_SUITE_P(Errors, BackupCalls,
                          testing::Values(Fault{"InputOutputErrorOnce", EIO, false},
                                          Fault{"FullDiskForGood", ENOSPC, true}),
                          [](const auto& fault) { return std::string(fault.param.label); });
+
+// A file system without modes that can't make directories durable.
+std::optional<long> RefuseModes(const Call& call)
+{
+    const std::string_view function = call.function;
+    struct stat status;
+    const bool isMode = function == "chmod" || function == "fchmod";
+    const bool isSync =
+        function == "fsync" && fstat(call.descriptor, &status) == 0 && S_ISDIR(status.st_mode);
+    if (!isMode && !isSync)
+        return std::nullopt;
+    errno = isMode ? EPERM : EINVAL;
+    return -1;
+}
+
+pid_t s_program = 0;
+const char* s_slow = nullptr;
+
+// The program is interrupted while it makes a file durable, which takes as long as the program runs.
+std::optional<long> InterruptSync(const Call& call)
+{
+    if (call.function != std::string_view("fsync"))
+        return std::nullopt;
+    const std::string file = fs::read_symlink("/proc/self/fd/" + std::to_string(call.descriptor));
+    if (file.find(s_slow) == file.npos)
+        return 0L;
+    kill(s_program, SIGTERM);
+    while (kill(s_program, 0) == 0)
+        usleep(10000);
+    return 0L;
+}
+
+class DiskOfBackup : public RepositoryFixture
+{
+protected:
+    DiskOfBackup() { directory.Write("source/f", "content"); }
+
+    void BackUp(int exitCode, CallFilter filter, const char* slow = nullptr) const
+    {
+        const auto prepare = [filter, slow] {
+            alarm(60);
+            s_program = getpid();
+            s_slow = slow;
+            g_callFilter = filter;
+        };
+        Run(exitCode, {"backup", source}, {.prepare = prepare, .isLinked = true});
+    }
+};
+
+TEST_F(DiskOfBackup, RefusesModesAndDurableDirectories)
+{
+    g_callFilter = RefuseModes;
+    Create();
+    g_callFilter = nullptr;
+    BackUp(0, RefuseModes);
+    Run(0, "check --read-data");
+}
+
+TEST_F(DiskOfBackup, SlowSyncIsNotAwaitedAfterInterrupt)
+{
+    Create();
+    for (const char* slow : {"/locks/", "/data/", "/index", "/snapshots"}) {
+        BackUp(128 + SIGTERM, InterruptSync, slow);
+        EXPECT_TRUE(Files("locks").empty()) << slow;
+        EXPECT_EQ(CountSnapshots(), 0u) << slow;
+    }
+    BackUp(0, nullptr);
+    Run(0, "check --read-data");
+    for (const fs::path& file : Files(""))
+        EXPECT_EQ(file.string().find("-tmp-"), std::string::npos) << file;
+}
 
 } // namespace

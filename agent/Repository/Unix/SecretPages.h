@@ -5,8 +5,8 @@
 
 namespace Agent::Repo {
 
-/// Keeps the pages, which were mapped for the caller alone, out of core dumps as far as the system can. What
-/// it can't do is not an error.
+/// Keeps the pages, which were mapped for the caller alone, out of core dumps and of processes that are
+/// forked, as far as the system can. What it can't do is not an error.
 void HidePages(void* pages, std::size_t size);
 
 /// From now on the process leaves no core dump, and, if the system allows, debuggers of other processes than

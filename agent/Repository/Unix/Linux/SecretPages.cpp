@@ -8,6 +8,7 @@ namespace Agent::Repo {
 void HidePages(void* pages, std::size_t size)
 {
     madvise(pages, size, MADV_DONTDUMP);
+    madvise(pages, size, MADV_WIPEONFORK);
 }
 
 void HideProcess()

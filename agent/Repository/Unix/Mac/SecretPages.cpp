@@ -1,11 +1,16 @@
 #include "agent/Repository/Unix/SecretPages.h"
 
+#include <mach/vm_inherit.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 
 namespace Agent::Repo {
 
 // The system cannot leave pages out of a core dump. It writes none unless the user asks for them.
-void HidePages(void*, std::size_t) {}
+void HidePages(void* pages, std::size_t size)
+{
+    minherit(pages, size, VM_INHERIT_NONE);
+}
 
 void HideProcess()
 {
