@@ -12,6 +12,7 @@
 
 #include <boost/json.hpp>
 
+#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -122,6 +123,10 @@ TEST_F(RepositoryBackupTest, BothProgramsContinueEachOther)
     const json::object first = BackUp(0, {"s"});
     EXPECT_GT(first.at("data_blobs").as_int64(), 3);
     const std::string tree = TreeOf(source);
+    const std::string listing = Restic("ls --json latest"); // of the snapshot, too
+    EXPECT_EQ(static_cast<std::size_t>(std::count(listing.begin(), listing.end(), '\n')),
+              PathsOfLatest().size() + 1);
+    EXPECT_TRUE(Holds(listing, R"("path":")" + source + R"(/d/empty")"));
     // What restic reads is stored already, and both find the snapshot of the other as their parent.
     EXPECT_EQ(ResticBackUp("--force " + source).at("data_blobs"), 0);
     EXPECT_EQ(TreeOf(source), tree);
@@ -145,6 +150,12 @@ TEST_F(RepositoryBackupTest, BothProgramsContinueEachOther)
     EXPECT_EQ(ReadKbagentMember(node, note)->attributes.at(0).name, "user.\xFF");
     EXPECT_EQ(node.attributes.size(), 3u);
     Restic("check");
+    directory.Write("s/f", "other");
+    BackUp(0, {source});
+    const std::string changes = Restic("diff " + parent + " " + Open().FindSnapshot("latest").id.ToHex());
+    EXPECT_TRUE(Holds(changes, "\nM    " + source + "/f\n"));
+    EXPECT_TRUE(Holds(changes, "\n+    " + source + "/odd"));
+    EXPECT_EQ(changes.find("/names"), std::string::npos) << changes;
     Restic("restore latest --target out");
     const std::string restored = directory / "out" + source;
     for (const char* part : {"/d", "/names"})
@@ -424,6 +435,39 @@ TEST_F(RepositoryBackupTest, JsonIsThatOfRestic)
     EXPECT_EQ(last.status.at("percent_done"), 0);
     EXPECT_FALSE(last.status.contains("total_files"));
     EXPECT_TRUE(last.items.empty());
+}
+
+TEST_F(RepositoryBackupTest, ResticLooksAtLockOfRunningBackup)
+{
+    if (!HasRestic())
+        GTEST_SKIP() << "restic is not installed";
+    directory.Write("s/f", "f");
+    directory.Write("other/g", "g");
+    const auto writePid = [this] {
+        directory.Write("pid", std::to_string(getpid()));
+    };
+    auto running = std::async(std::launch::async, [&] {
+        return Run(0, {"backup", "-q", source}, {.prepare = writePid});
+    });
+    constexpr std::size_t DigitsOfId = 64;
+    const auto isLocked = [this] {
+        const auto locks = Files("locks");
+        return !locks.empty() && locks.front().filename().string().size() == DigitsOfId;
+    };
+    while (!isLocked())
+        usleep(5000);
+    // It is stopped while it looks for other locks, so it does not end before restic has begun.
+    const int program = std::atoi(ReadFile(directory / "pid").c_str());
+    EXPECT_EQ(kill(program, SIGSTOP), 0);
+    Restic("unlock"); // sends SIGHUP
+    EXPECT_TRUE(isLocked());
+    Restic("backup other");
+    EXPECT_TRUE(isLocked());
+    kill(program, SIGCONT);
+    running.get();
+    EXPECT_TRUE(Files("locks").empty());
+    EXPECT_EQ(CountSnapshots(), 2u);
+    ExpectSound("--read-data");
 }
 
 TEST_F(RepositoryBackupTest, KilledBackupLeavesSoundRepository)

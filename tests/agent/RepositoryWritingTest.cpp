@@ -10,8 +10,10 @@
 
 #include <boost/json.hpp>
 
+#include <atomic>
 #include <csignal>
 #include <set>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Agent;
@@ -120,6 +122,31 @@ TEST_F(RepositoryWriting, ChunksAreCutAsInSource)
     EXPECT_TRUE(Holds(Run(1, "init").errors, "without a configuration"));
 }
 
+TEST_F(RepositoryWriting, SecondOfTwoCreationsFails)
+{
+    struct SlowBackend : Repo::LocalBackend
+    {
+        using LocalBackend::LocalBackend;
+        void Prepare() override
+        {
+            LocalBackend::Prepare();
+            meanwhile();
+        }
+        std::function<void()> meanwhile;
+    };
+    const auto slow = std::make_shared<SlowBackend>(repository.c_str());
+    slow->meanwhile = [this] {
+        Create();
+    };
+    Repo::CreateOptions options;
+    options.cost = {16, 1, 1};
+    EXPECT_TRUE(
+        CatchError([&] { Repo::Repository::Create(slow, Repo::Secret(Repo::AsBytes("other")), options); }));
+    EXPECT_EQ(Files("keys"),
+              std::vector<fs::path>{repository + "/keys/" + Open("secret").GetKeyId().ToHex()});
+    EXPECT_TRUE(Files("").size() == 2);
+}
+
 TEST_F(RepositoryWriting, EmptyPasswordNeedsItsOption)
 {
     const auto run = [&](int exitCode, const std::string& words) {
@@ -214,6 +241,84 @@ TEST_F(RepositoryWriting, LockIsRequiredAndKept)
     const RepositoryLock another(opened, settings);
     raise(SIGHUP);
     EXPECT_EQ(IsInterrupted(), before);
+}
+
+TEST_F(RepositoryWriting, LockThatCanNotBeWrittenEndsNoProcess)
+{
+    struct FailingBackend : Repo::LocalBackend
+    {
+        using LocalBackend::LocalBackend;
+        void Save(const Repo::FileName& file, Repo::ByteView content) override
+        {
+            if (fails && ++failed != 0)
+                throw std::bad_alloc();
+            LocalBackend::Save(file, content);
+        }
+        void Remove(const Repo::FileName& file) override
+        {
+            if (fails)
+                KRT_RAISE_OS(EIO, "Failed to remove");
+            LocalBackend::Remove(file);
+        }
+        std::atomic<bool> fails{false};
+        std::atomic<int> failed{0};
+    };
+    Create();
+    const auto backend = std::make_shared<FailingBackend>(repository.c_str());
+    const auto opened = Repo::Repository::Open(backend, Repo::Secret(Repo::AsBytes(password)));
+    int left = 0;
+    LockSettings settings;
+    settings.settling = settings.refreshInterval = std::chrono::milliseconds(1);
+    settings.onLeft = [&](const Krt::Exception::YError& error) {
+        left += error.GetOsError() == EIO;
+    };
+    {
+        RepositoryLock held(opened, settings);
+        backend->fails = true;
+        while (backend->failed < 3)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        held.RequireFresh();
+    }
+    EXPECT_EQ(left, 1);
+}
+
+// A FIFO without a writer; and a program that prints no password.
+TEST_F(RepositoryWriting, InterruptWhileInputIsAwaitedLeavesNothing)
+{
+    Create();
+    ASSERT_EQ(mkfifo((directory / "fifo").c_str(), 0600), 0);
+    const std::string ask = directory.Write("ask", "#!/bin/sh\necho $$ >pid\nexec sleep 600\n");
+    chmod(ask.c_str(), 0700);
+    // Interrupts the program some time after the file or directory has got content.
+    const auto interruptAfter = [](const std::string& place) {
+        return ProgramSettings{.prepare = [place] {
+            alarm(60);
+            const pid_t program = getpid();
+            if (fork() != 0)
+                return;
+            for (int i = 0; i < 3000 && (!fs::exists(place) || fs::is_empty(place)); ++i)
+                usleep(10000);
+            sleep(1);
+            kill(program, SIGTERM);
+            _exit(0);
+        }};
+    };
+    for (const char* command : {"import --contents source fifo", "key passwd --new-password-file fifo"}) {
+        Run(128 + SIGTERM, Words(command), interruptAfter(repository + "/locks"));
+        EXPECT_TRUE(Files("locks").empty()) << command;
+        Run(0, "unlock --remove-all");
+    }
+    Run(128 + SIGTERM, {"snapshots", "--password-command", ask}, interruptAfter(directory / "pid"),
+        {"KBAGENT_PASSWORD="});
+    const int asking = std::atoi(ReadFile(directory / "pid").c_str());
+    const std::string words = "/proc/" + std::to_string(asking) + "/cmdline"; // empty after the end
+    const auto isRunning = [&] {
+        return fs::exists(words) && !ReadFile(words).empty();
+    };
+    for (int i = 0; i < 100 && isRunning(); ++i)
+        usleep(50000);
+    EXPECT_FALSE(isRunning());
+    kill(asking, SIGKILL);
 }
 
 TEST_F(RepositoryWriting, TagsChangeOnlyWhatIsChosen)
