@@ -687,8 +687,8 @@ TEST_F(RepositoryCommands, LostLockEndsRun)
     Repo::Repository opened = Repo::Repository::Open(backend, Repo::Secret(Repo::AsBytes(password)));
     opened.LoadIndex();
     Report report;
-    DumpTarget target(directory / "out.tar", report);
-    DumpRun run(opened, target, report);
+    DumpTarget archive(directory / "out.tar", report);
+    DumpRun run(opened, archive, report);
     EXPECT_THROW(run.WriteDirectory(root, ArchiveFormat::Tar), LockLost);
     EXPECT_EQ(report.GetFailed(), 0u);
 }
