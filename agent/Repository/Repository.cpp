@@ -264,16 +264,19 @@ Repository Repository::Create(std::shared_ptr<IBackend> backend, const Secret& p
     const Id keyId = Id::Of(AsBytes(keyText));
     Bytes sealed;
     Seal(key, AsBytes(config.ToJson()), sealed);
-    backend->Prepare();
-    backend->Save({FileKind::Key, keyId}, AsBytes(keyText));
+    // Made first, since nothing may fail once the configuration exists.
+    Repository created(std::move(backend), std::move(config), std::move(key), keyId);
+    IBackend& files = created.GetBackend();
+    files.Prepare();
+    files.Save({FileKind::Key, keyId}, AsBytes(keyText));
     try {
-        if (!backend->SaveNew(ConfigFile, sealed))
-            RaiseTaken(*backend); // another process was faster
+        if (!files.SaveNew(ConfigFile, sealed))
+            RaiseTaken(files); // another process was faster
     } catch (...) {
-        RemoveQuietly(*backend, {FileKind::Key, keyId});
+        RemoveQuietly(files, {FileKind::Key, keyId});
         throw;
     }
-    return Repository(std::move(backend), std::move(config), std::move(key), keyId);
+    return created;
 }
 
 void Repository::LoadStored(const FileName& file, Bytes& out) const

@@ -150,9 +150,11 @@ TEST_F(RepositoryFaults, AFailedCreationCanBeRepeated)
         fs::remove(repository + "/config");
         for (const fs::directory_entry& key : fs::directory_iterator(repository + "/keys"))
             fs::remove(key);
-        if (!faults.TryAll([&] { CreateRepository(repository, "first"); }) && faults.CouldCleanUp())
+        const bool isDone = faults.TryAll([&] { CreateRepository(repository, "first"); });
+        const bool canBeRepeated = faults.CouldCleanUp() && faults.HadMemory();
+        if (!isDone && canBeRepeated)
             CreateRepository(repository, "first");
-        if (faults.CouldCleanUp()) {
+        if (isDone || canBeRepeated) {
             EXPECT_TRUE(IsOpenedBy("first"));
             EXPECT_EQ(CountKeys(), 1u);
         }
