@@ -6,6 +6,7 @@
 #include <openssl/evp.h>
 
 #include <memory>
+#include <random>
 
 namespace Agent::Repo {
 
@@ -74,5 +75,13 @@ void Id::AppendHex(std::string& out) const
 {
     Krt::String::AppendHex(out, bytes);
 }
+
+const std::array<std::uint64_t, 4> IdHash::Secret = [] {
+    std::array<std::uint64_t, 4> secret;
+    std::random_device device;
+    for (std::uint64_t& word : secret)
+        word = std::uint64_t{device()} << 32 | device();
+    return secret;
+}();
 
 } // namespace Agent::Repo

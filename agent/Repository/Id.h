@@ -7,6 +7,7 @@
 #include <array>
 #include <compare>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -34,15 +35,27 @@ struct Id
     friend auto operator<=>(const Id&, const Id&) = default;
 };
 
-/// For hash tables. An id is a hash itself, so its first bytes serve.
+/// For hash tables. The ids in a hostile repository are not hashes but chosen, so that many could meet in one
+/// place of a table. They are therefore mixed with a secret of the process.
 struct IdHash
 {
     std::size_t operator()(const Id& id) const
     {
-        std::size_t hash;
-        std::memcpy(&hash, id.bytes.data(), sizeof(hash));
-        return hash;
+        std::uint64_t words[4];
+        std::memcpy(words, id.bytes.data(), sizeof(words));
+        return Mixed(words[0] ^ Secret[0], words[1] ^ Secret[1]) ^
+               Mixed(words[2] ^ Secret[2], words[3] ^ Secret[3]);
     }
+
+private:
+    static std::uint64_t Mixed(std::uint64_t a, std::uint64_t b)
+    {
+        __extension__ using Product = unsigned __int128;
+        const Product product = static_cast<Product>(a) * b;
+        return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
+    }
+
+    static const std::array<std::uint64_t, 4> Secret;
 };
 
 } // namespace Agent::Repo

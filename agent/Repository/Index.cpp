@@ -14,6 +14,7 @@ constexpr std::uint32_t PackMask = TreeFlag - 1;
 constexpr std::uint32_t NumberLimit = UINT32_MAX - 1;
 constexpr std::size_t EntriesPerPart = 1 << 16;
 constexpr std::size_t FirstSlots = 1 << 10;
+constexpr int CopyLimit = 1000; // of a blob, so that a hostile index does not cost quadratic time
 
 BlobType ReadBlobType(JsonReader& reader)
 {
@@ -273,9 +274,11 @@ void Index::AddPack(const Id& pack, std::span<const PackedBlob> blobs)
         const Tables::Entry added{blob.handle.id, blob.offset, blob.length, blob.plainLength,
                                   number | (isTree ? TreeFlag : 0) |
                                       (blob.isCompressed ? CompressedFlag : 0)};
+        int copies = 0;
         const bool isKnown = tables.FindCopies(blob.handle, [&](std::uint32_t, const Tables::Entry& entry) {
-            return entry.packAndFlags == added.packAndFlags && entry.offset == added.offset &&
-                   entry.length == added.length && entry.plainLength == added.plainLength;
+            return (entry.packAndFlags == added.packAndFlags && entry.offset == added.offset &&
+                    entry.length == added.length && entry.plainLength == added.plainLength) ||
+                   ++copies == CopyLimit;
         });
         if (isKnown) {
             ++tables.duplicates;

@@ -67,7 +67,8 @@ public:
 
     /// Adds an index file. See ReadIndexFile; packs that were read before a failure stay.
     void AddFile(std::string_view json);
-    /// Adds blobs of a pack. An entry that the index already has for this pack is not added but counted.
+    /// Adds blobs of a pack. An entry that the index already has for this pack is not added but counted, as
+    /// are those after the thousandth copy of a blob.
     void AddPack(const Id& pack, std::span<const PackedBlob> blobs);
 
     /// Returns true if some pack has the blob.
@@ -86,7 +87,7 @@ public:
 
     /// How many blobs there are. Each copy in another pack counts.
     std::size_t CountBlobs() const;
-    /// How many identical entries were left out.
+    /// How many entries were left out.
     std::size_t CountDuplicates() const;
 
 private:

@@ -334,6 +334,10 @@ TEST(Index, FilesAreUnitedAndDuplicatesCounted)
     EXPECT_EQ(index.FindAll(blobs[0].handle).size(), 2u);
     EXPECT_EQ(index.Find(blobs[1].handle)->blob, blobs[1]);
     EXPECT_FALSE(index.Has({BlobType::Tree, blobs[0].handle.id}));
+    Index hostile;
+    for (std::uint32_t i = 0; i < 3000; ++i)
+        hostile.AddPack(first, std::vector{BlobOf('a', i, 100)});
+    EXPECT_EQ(hostile.FindAll(blobs[0].handle).size(), 1000u);
 
     for (std::uint32_t i = 0; i < 200'000; ++i) {
         PackedBlob blob = BlobOf('x', i, 40);
