@@ -199,7 +199,8 @@ struct ListedFile
     std::uint64_t size;
 };
 
-// The files of a directory whose ids begin with the byte, or with any.
+// The files of a directory whose ids begin with the byte, or with any. What is not a regular file has no size
+// here, and fails when it is read.
 std::vector<ListedFile> ListFiles(const YDirectory& directory, std::optional<unsigned char> firstByte)
 {
     std::vector<ListedFile> files;
@@ -207,8 +208,8 @@ std::vector<ListedFile> ListFiles(const YDirectory& directory, std::optional<uns
         const std::optional<Id> id = Id::FromHex(entry.name.Bytes());
         struct stat status;
         if (id && id->ToHex() == entry.name.Bytes() && (!firstByte || id->bytes[0] == *firstByte) &&
-            directory.StatIfPresent(entry.name, status) && S_ISREG(status.st_mode))
-            files.push_back({*id, static_cast<std::uint64_t>(status.st_size)});
+            directory.StatIfPresent(entry.name, status))
+            files.push_back({*id, S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0});
         return true;
     });
     return files;

@@ -151,8 +151,10 @@ TEST(LocalBackend, NewRepositoryHasLayoutAndModesOfFormat)
     for (const std::string& other : {"index/" + name + "-tmp-123", std::string("index/notes"),
                                      "index/" + std::string(64, 'A'), "data/00/" + name})
         directory.Write("repo/" + other, "x");
-    fs::create_directory(root + "/index/" + std::string(64, 'b'));
     EXPECT_TRUE(Listed(backend, FileKind::Index).empty());
+    fs::create_directory(root + "/index/" + std::string(64, 'b'));
+    EXPECT_EQ(Listed(backend, FileKind::Index).size(), 1u)
+        << "it can't be read, which must not stay unnoticed";
     EXPECT_EQ(Listed(backend, FileKind::Pack).size(), 1u);
     fs::remove_all(root + "/index");
     EXPECT_TRUE(Listed(backend, FileKind::Index).empty());
