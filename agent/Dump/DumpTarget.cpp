@@ -18,18 +18,17 @@ using Krt::Util::CallSystem;
 
 namespace {
 
-// A directory that the user can't read can't be made durable alone.
+// A directory that the user can't read can't be made durable alone; some file systems, such as those of
+// networks, can't do it for any.
 void SyncDirectory(const std::string& path)
 {
-    std::optional<YDirectory> directory;
     try {
-        directory = YDirectory::OpenFollowing(path.c_str());
+        Krt::File::Sync(YDirectory::OpenFollowing(path.c_str()).GetHandle());
     } catch (const Krt::Exception::YError& error) {
-        if (error.GetOsError() != EACCES)
+        const int reason = error.GetOsError();
+        if (reason != EACCES && reason != EINVAL && reason != ENOTSUP)
             throw;
     }
-    if (directory)
-        Krt::File::Sync(directory->GetHandle());
 }
 
 } // namespace
