@@ -50,6 +50,8 @@ void ReadAttributes(JsonReader& reader, std::vector<Repo::NodeAttribute>& attrib
             else
                 reader.Skip();
         }
+        if (attribute.name.empty() || attribute.name.find('\0') != std::string::npos)
+            reader.RaiseDamaged("the name of an attribute is empty or contains NUL");
     }
 }
 

@@ -892,8 +892,8 @@ TEST(NodeRecord, FieldsThatNodeLacksAreKept)
     AppendKbagentMember(member, node.unknown);
     EXPECT_EQ(ReadKbagentMember(node, note)->record, member.record);
     EXPECT_TRUE(parsed(R"({"version":1,"later":[{}],"group":"YQ=="})")->group == "a");
-    for (const char* text :
-         {R"({"version":2,"user":7})", R"({"user":"YQ=="})", R"({"version":1,"user":7})", "[]"}) {
+    for (const char* text : {R"({"version":2,"user":7})", R"({"user":"YQ=="})", R"({"version":1,"user":7})",
+                             "[]", R"({"version":1,"extended_attributes":[{"name":"dQBi","value":""}]})"}) {
         EXPECT_FALSE(parsed(text)) << text;
         EXPECT_NE(note, "") << text;
         EXPECT_EQ(RecordOf(node, "/f", note)->AsUnixFileMetadata().GetUserId(), 0u);
