@@ -1,5 +1,6 @@
 #include "agent/Access/SnapshotChoice.h"
 
+#include "agent/Access/TagChange.h"
 #include "agent/Run/Text.h"
 
 #include <algorithm>
@@ -15,18 +16,6 @@ using Repo::StoredSnapshot;
 namespace {
 
 constexpr std::size_t ShortDigits = 8;
-
-std::vector<std::string> SplitList(const std::string& list)
-{
-    std::vector<std::string> parts;
-    for (std::size_t begin = 0; begin <= list.size();) {
-        const std::size_t end = std::min(list.find(',', begin), list.size());
-        if (end != begin)
-            parts.push_back(list.substr(begin, end - begin));
-        begin = end + 1;
-    }
-    return parts;
-}
 
 std::string CalendarText(std::int64_t seconds)
 {
@@ -54,7 +43,7 @@ Repo::SnapshotFilter FilterOf(const SnapshotOptions& options)
     Repo::SnapshotFilter filter;
     filter.hosts = options.hosts;
     for (const std::string& list : options.tags)
-        filter.tags.push_back(SplitList(list));
+        filter.tags.push_back(TagsOfList(list));
     for (const std::string& path : options.paths) {
         std::string absolute = std::filesystem::absolute(path).lexically_normal().string();
         if (absolute.size() > 1 && absolute.back() == '/')

@@ -22,25 +22,37 @@ void AddMissing(const std::vector<std::string>& added, std::vector<std::string>&
     }
 }
 
-std::vector<std::string> Split(const std::vector<std::string>& lists)
+std::string WithoutBlanksAround(const std::string& tag)
+{
+    const std::size_t begin = tag.find_first_not_of(' ');
+    return begin == std::string::npos ? "" : tag.substr(begin, tag.find_last_not_of(' ') + 1 - begin);
+}
+
+std::vector<std::string> TagsOfLists(const std::vector<std::string>& lists)
 {
     std::vector<std::string> tags;
-    for (const std::string& list : lists) {
-        std::istringstream in(list);
-        for (std::string tag; std::getline(in, tag, ',');) {
-            const std::size_t begin = tag.find_first_not_of(' ');
-            if (begin != std::string::npos)
-                AddMissing({tag.substr(begin, tag.find_last_not_of(' ') + 1 - begin)}, tags);
-        }
-    }
+    for (const std::string& list : lists)
+        AddMissing(TagsOfList(list), tags);
     return tags;
 }
 
 } // namespace
 
+std::vector<std::string> TagsOfList(const std::string& list)
+{
+    std::vector<std::string> tags;
+    std::istringstream in(list);
+    for (std::string tag; std::getline(in, tag, ',');) {
+        tag = WithoutBlanksAround(tag);
+        if (!tag.empty())
+            AddMissing({tag}, tags);
+    }
+    return tags;
+}
+
 TagChange::TagChange(const std::vector<std::string>& set, const std::vector<std::string>& add,
                      const std::vector<std::string>& remove)
-    : m_replaces(!set.empty()), m_add(Split(m_replaces ? set : add)), m_remove(Split(remove))
+    : m_replaces(!set.empty()), m_add(TagsOfLists(m_replaces ? set : add)), m_remove(TagsOfLists(remove))
 {
     if (m_replaces && (!add.empty() || !remove.empty()))
         throw UsageError("--set excludes --add and --remove");
@@ -52,7 +64,9 @@ std::vector<std::string> TagChange::TagsOf(const Repo::Snapshot& snapshot) const
 {
     std::vector<std::string> tags = m_replaces ? std::vector<std::string>() : snapshot.tags;
     AddMissing(m_add, tags);
-    std::erase_if(tags, [this](const std::string& tag) { return Contains(m_remove, tag); });
+    // A stored tag may have blanks around it, which can't be typed.
+    std::erase_if(tags,
+                  [this](const std::string& tag) { return Contains(m_remove, WithoutBlanksAround(tag)); });
     return tags;
 }
 

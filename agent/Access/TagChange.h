@@ -9,6 +9,9 @@
 
 namespace Agent {
 
+/// Returns the tags of a list as typed: separated by commas, without the blanks around them, each once.
+std::vector<std::string> TagsOfList(const std::string& list);
+
 class TagChange
 {
 public:

@@ -1,5 +1,6 @@
 #include "agent/Cli/NewSnapshotArguments.h"
 
+#include "agent/Access/TagChange.h"
 #include "agent/Access/Workers.h"
 #include "agent/Backup/NewSnapshotText.h"
 #include "agent/Run/UsageError.h"
@@ -130,11 +131,8 @@ SnapshotSettings NewSnapshotArguments::Get() const
     settings.reportsStored = options.isJson && !options.isQuiet && options.isVerbose;
     settings.host = OptionOr(m_settings.host, "HOST");
     for (const std::string& list : m_tags) {
-        std::istringstream words(list);
-        for (std::string tag; std::getline(words, tag, ',');) {
-            if (!tag.empty())
-                settings.tags.push_back(tag);
-        }
+        for (std::string& tag : TagsOfList(list))
+            settings.tags.push_back(std::move(tag));
     }
     settings.time = TimeOf(m_time);
     const std::string readers = OptionOr(m_readConcurrency, "READ_CONCURRENCY");

@@ -206,7 +206,7 @@ private:
     {
         for (const auto& [key, value] : object.Entries()) {
             if (!Has(known, key))
-                Found(true, place, "there is no key '" + key.Bytes() + "'");
+                Found(true, place, "unknown key '" + key.Bytes() + "'");
         }
     }
 

@@ -90,10 +90,10 @@ TEST_F(BackupProgram, ImplausibleRulesAreReportedFirst)
                       place = ": includes[0].descriptor";
     // The rules, the text in the document and its replacement, the exit code, and the message.
     const std::tuple<std::string, std::string, std::string, int, std::string> cases[] = {
-        {include, "}],", "}],\"exlcudes\":[],", 1, refused + "there is no key 'exlcudes'"},
-        {include, "\"path\"", "\"note\":1,\"path\"", 1, refused + "includes[0]: there is no key 'note'"},
-        {include, "\"report_", "\"a\":1,\"report_", 1, place + ": there is no key 'a'"},
-        {include, "\"pattern", "\"b\":1,\"pattern", 1, place + ".descriptor: there is no key 'b'"},
+        {include, "}],", "}],\"exlcudes\":[],", 1, refused + "unknown key 'exlcudes'"},
+        {include, "\"path\"", "\"note\":1,\"path\"", 1, refused + "includes[0]: unknown key 'note'"},
+        {include, "\"report_", "\"a\":1,\"report_", 1, place + ": unknown key 'a'"},
+        {include, "\"pattern", "\"b\":1,\"pattern", 1, place + ".descriptor: unknown key 'b'"},
         {include, "\"excl", "\"includes\":[],\"excl", 1, "Invalid JSON text: duplicate key 'includes'"},
         {include, "\"any\"", "\"some\"", 1, place + ".descriptor.match_type: Unknown match type \"some\""},
         {include, "\"recursive\"", "\"deep\"", 1, place + ".recursion_type: bad recursive type value: deep"},

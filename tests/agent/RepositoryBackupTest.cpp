@@ -246,7 +246,7 @@ TEST_F(RepositoryBackupTest, SeveralPathsAreOneTree)
                       Dir("a-b"), File("a-b/z", "z"), Dir("link-to")});
     fs::create_directory_symlink("a", source + "/link");
     const json::object summary =
-        BackUp(3, {"s/a/b/y", "s/a-b/z", "s/none", "s/link/b/x", "s/a/c", "--host", "h", "--tag", "t,u",
+        BackUp(3, {"s/a/b/y", "s/a-b/z", "s/none", "s/link/b/x", "s/a/c", "--host", "h", "--tag", "t, u ",
                    "--tag", "v", "--time", "2020-02-29 01:02:03"});
     const std::vector<std::string> expected{"/a", "/a/b", "/a/b/x", "/a/b/y", "/a/c", "/a-b", "/a-b/z"};
     EXPECT_EQ(Stored(), expected);
