@@ -56,7 +56,7 @@ void ReportFailure(Report& report, const Repo::FileName& file, const RepositoryE
     std::string reason = ReasonOf(error).Bytes();
     if (const std::string prefix = file.Prefix().Bytes(); reason.starts_with(prefix))
         reason.erase(0, prefix.size());
-    report.EntryFailed(YString(file.Path()), YString(reason));
+    report.RepositoryFailed(YString(file.Path()), YString(reason));
 }
 
 Session::Session(const RepositoryOptions& options, Report& report, Access access, OldFormat oldFormat)

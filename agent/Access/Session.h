@@ -16,7 +16,7 @@ namespace Agent {
 /// other address. The address is not in the message, since it may contain a password.
 std::shared_ptr<Repo::IBackend> BackendOf(const std::string& location);
 
-/// Reports a file that can't be read as a failed entry, with its path once.
+/// Reports a file that can't be read as a failure of the repository, with its path once.
 void ReportFailure(Report& report, const Repo::FileName& file, const Repo::RepositoryError& error);
 
 /// What a command does with a repository, which decides its lock.
@@ -50,8 +50,8 @@ public:
     Session(const RepositoryOptions& options, Report& report, Access access = Access::Read,
             OldFormat oldFormat = OldFormat::Refused);
 
-    /// Loads the index. An index file that can't be read is reported as a failed entry; blobs that only it
-    /// has are missing then. Snapshots are chosen before.
+    /// Loads the index. An index file that can't be read is reported as a failure of the repository; blobs
+    /// that only it has are missing then. Snapshots are chosen before.
     void LoadIndex();
 
     /// Finds packs that are lost, of which one is reported. What a backup needs of them is saved again.

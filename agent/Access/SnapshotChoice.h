@@ -20,8 +20,8 @@ Repo::SnapshotFilter FilterOf(const SnapshotOptions& options);
 
 /// The snapshot that the text names: "latest", or the first digits of an id. Reports which one "latest" is,
 /// unless the command prints JSON.
-/// Snapshots that can't be read are reported as failed entries, if they might be the latest. Raises
-/// InvalidArgument if no snapshot matches, or if the digits match several.
+/// Snapshots that can't be read are reported as failures of the repository, if they might be the latest.
+/// Raises InvalidArgument if no snapshot matches, or if the digits match several.
 Repo::StoredSnapshot ChooseSnapshot(Session& session, const std::string& text,
                                     const SnapshotOptions& options);
 

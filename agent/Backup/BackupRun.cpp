@@ -91,6 +91,7 @@ SnapshotOutcome BackupRun::Run()
     const bool isSaved = !m_settings.isDryRun && !(m_settings.skipsIfUnchanged && isUnchanged);
     FinishSnapshot(session.GetRepository(), std::move(m_snapshot), isSaved, m_outcome);
     m_outcome.failed = m_report.GetFailed();
+    m_outcome.repositoryFailures = m_report.GetRepositoryFailures();
     return m_outcome;
 }
 

@@ -38,6 +38,7 @@ struct SnapshotOutcome
     std::optional<Repo::Id> parent; ///< with which entries were compared
     std::optional<Repo::Id> id;     ///< of the snapshot; nothing if none was created
     std::uint64_t failed = 0;       ///< entries
+    std::uint64_t repositoryFailures = 0;
 };
 
 /// What was done so far.

@@ -83,7 +83,10 @@ std::string AddedText(const SnapshotSettings& settings, const SnapshotOutcome& o
     const SnapshotCounts& counts = outcome.counts;
     const auto rate =
         static_cast<unsigned long long>(static_cast<double>(counts.bytes) / std::max(outcome.seconds, 0.001));
-    std::string text = settings.isDryRun ? "Would be added to the repository: " : "Added to the repository: ";
+    std::string text;
+    if (outcome.repositoryFailures != 0)
+        text = "Failures of the repository: " + std::to_string(outcome.repositoryFailures) + "\n";
+    text += settings.isDryRun ? "Would be added to the repository: " : "Added to the repository: ";
     text += ShortSize(counts.data.bytes + counts.trees.bytes);
     if (!settings.isDryRun)
         text += " (" + ShortSize(counts.data.stored + counts.trees.stored) + " stored)";

@@ -198,13 +198,21 @@ void SnapshotBuild::PostLoss(std::string path, std::string text)
 
 void SnapshotBuild::ReportLosses()
 {
-    if (!m_hasLosses && m_storedAgain == 0)
+    if (!m_hasLosses && !m_isIndexLacking && m_storedAgain == 0)
         return;
-    m_report.EntryFailed(m_repository.GetBackend().Describe(),
-                         YString("The repository has blobs that are damaged or missing; " +
-                                 std::to_string(m_storedAgain) + " of them are needed by the snapshot and " +
-                                 (m_options.isDryRun ? "would be " : "are ") +
-                                 "stored again. 'kbagent check' finds out what other snapshots have lost"));
+    const std::string areStored = m_options.isDryRun ? " would be stored again" : " are stored again";
+    std::string text;
+    if (m_storedAgain != 0)
+        text = "The repository has blobs that are damaged or missing; " + std::to_string(m_storedAgain) +
+               " of them are needed by the snapshot and" + areStored;
+    else if (!m_isIndexLacking)
+        text = "The repository has blobs that are damaged or missing; the snapshot needs none of them";
+    if (m_isIndexLacking)
+        text += (text.empty() ? "" : ". ") +
+                ("The index lacks blobs of the parent; those that the snapshot needs" + areStored);
+    m_report.RepositoryFailed(
+        m_repository.GetBackend().Describe(),
+        YString(std::string_view(text + ". 'kbagent check' finds out what other snapshots have lost")));
 }
 
 void SnapshotBuild::PostStored(StoredItem item)

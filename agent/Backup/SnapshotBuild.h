@@ -87,6 +87,8 @@ public:
     /// Leaves a warning that a part of the repository can't be read, because of which Finish reports a
     /// failure. Any thread.
     void PostLoss(std::string path, std::string text);
+    /// The index lacks a blob of the parent, because of which Finish reports a failure.
+    void NoteLackingIndex() { m_isIndexLacking = true; }
     void ReportMessages();
     /// Returns true if the repository failed, which ends the run. Any thread.
     bool HasFailed() const { return m_isFailed; }
@@ -94,9 +96,9 @@ public:
     void RaiseFailure() const;
 
     /// Called once all directories are closed. Waits until everything is stored, and returns the root's tree;
-    /// nothing if no entry was stored. Reports a failure if the repository has lost blobs of the snapshot, or
-    /// other blobs that the run has read. What the snapshot needs of them is stored again. The blobs are
-    /// durable after Finish of the saver. Raises the failure that ended the run.
+    /// nothing if no entry was stored. Reports a failure of the repository if it has lost blobs of the
+    /// snapshot or of the parent, as far as the run has noticed that. What the snapshot needs of them is
+    /// stored again. The blobs are durable after Finish of the saver. Raises the failure that ended the run.
     std::optional<Repo::Id> Finish();
     SnapshotCounts GetCounts() const;
     /// Returns what was done so far.
@@ -127,6 +129,7 @@ private:
     ChangeCounts m_files;
     std::atomic<std::uint64_t> m_bytes{0};       // of files that are done
     std::uint64_t m_unreadBytes = 0;             // of files that were not read
+    bool m_isIndexLacking = false;               // blobs of the parent
     std::atomic<std::uint64_t> m_storedAgain{0}; // blobs that the repository had lost
     std::atomic<bool> m_hasLosses{false};        // a part of the repository can't be read
     std::atomic<bool> m_isFailed{false};

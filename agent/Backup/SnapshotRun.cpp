@@ -147,19 +147,29 @@ bool SnapshotRun::IsTrusted(const Node& before, const struct stat& status) const
            (m_options.ignoresInode || status.st_ino == before.inode);
 }
 
-bool SnapshotRun::IsContentUnchanged(const Node& before, const struct stat& status) const
+// Returns true if the repository has a blob of a file of the parent.
+bool SnapshotRun::HasContentOfParent(const Id& id)
+{
+    const Repo::BlobHandle handle{Repo::BlobType::Data, id};
+    if (m_repository.HasBlob(handle))
+        return true;
+    if (!m_repository.GetIndex().Has(handle))
+        m_build.NoteLackingIndex();
+    return false;
+}
+
+bool SnapshotRun::IsContentUnchanged(const Node& before, const struct stat& status)
 {
     return before.type == NodeType::File && before.content && IsTrusted(before, status) &&
            before.size == static_cast<std::uint64_t>(status.st_size) &&
-           std::all_of(before.content->begin(), before.content->end(), [this](const Id& id) {
-               return m_repository.HasBlob({Repo::BlobType::Data, id});
-           });
+           std::all_of(before.content->begin(), before.content->end(),
+                       [this](const Id& id) { return HasContentOfParent(id); });
 }
 
 // Returns true if the attributes and the content of a file or directory are those of the parent's node. The
 // change time proves it. But older programs lose names of attributes that are not UTF-8, another user may not
 // have seen all attributes, and a node with an error lacks some.
-bool SnapshotRun::IsNodeUnchanged(const Node& before, const struct stat& status) const
+bool SnapshotRun::IsNodeUnchanged(const Node& before, const struct stat& status)
 {
     const bool isKind = S_ISDIR(status.st_mode) || S_ISREG(status.st_mode);
     if (!isKind || !m_trustsAttributes || !before.error.empty() || !IsTrusted(before, status) ||
@@ -285,6 +295,8 @@ std::unique_ptr<ParentTree> SnapshotRun::LoadBefore(const std::string& path, con
         return std::make_unique<ParentTree>(m_repository, tree);
     } catch (const Repo::RepositoryError& error) {
         RaiseIfInterrupted();
+        if (!m_repository.GetIndex().Has({Repo::BlobType::Tree, tree}))
+            m_build.NoteLackingIndex();
         m_build.PostLoss(path, "the parent's tree can't be used: " + ReasonOf(error).Bytes());
         return nullptr;
     }

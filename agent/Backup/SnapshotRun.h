@@ -70,8 +70,9 @@ private:
     Repo::Node* FindBefore(VisitedDirectory& visited, const std::string& name);
 
     bool IsTrusted(const Repo::Node& before, const struct stat& status) const;
-    bool IsContentUnchanged(const Repo::Node& before, const struct stat& status) const;
-    bool IsNodeUnchanged(const Repo::Node& before, const struct stat& status) const;
+    bool HasContentOfParent(const Repo::Id& id);
+    bool IsContentUnchanged(const Repo::Node& before, const struct stat& status);
+    bool IsNodeUnchanged(const Repo::Node& before, const struct stat& status);
     void AddUnmodified(VisitedDirectory& visited, const struct stat& status, const Repo::Node& node);
     void AddFile(VisitedDirectory& visited, CapturedEntry captured, const Repo::Node* before);
     void FileDone(const std::shared_ptr<DirectoryBuild>& directory, Repo::Node& node,

@@ -57,6 +57,7 @@ SnapshotOutcome ImportRecords(const ImportSettings& settings, Report& report, IS
     snapshot.paths = run.GetTops();
     FinishSnapshot(session.GetRepository(), std::move(snapshot), !settings.isDryRun, outcome);
     outcome.failed = report.GetFailed();
+    outcome.repositoryFailures = report.GetRepositoryFailures();
     return outcome;
 }
 

@@ -24,6 +24,17 @@ Report::~Report()
 void Report::EntryFailed(const YString& path, const YString& reason)
 {
     ++m_failed;
+    ReportFailure(path, reason);
+}
+
+void Report::RepositoryFailed(const YString& part, const YString& reason)
+{
+    ++m_repositoryFailures;
+    ReportFailure(part, reason);
+}
+
+void Report::ReportFailure(const YString& path, const YString& reason)
+{
     KRT_LOG_FREE(Krt::MessageType::General, "Failed: " << path << ": " << reason);
     if (!m_usesJson) {
         Line(Printable(path) + ": " + Printable(reason));

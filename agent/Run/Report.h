@@ -26,6 +26,10 @@ public:
     /// Reports and counts an entry that failed, wholly or in part. With UseJson, prints a JSON document.
     void EntryFailed(const Krt::YString& path, const Krt::YString& reason);
     unsigned long long GetFailed() const { return m_failed; }
+    /// Reports and counts a part of the repository that is damaged or can't be read. It is not an entry that
+    /// failed, but its document is that of one.
+    void RepositoryFailed(const Krt::YString& part, const Krt::YString& reason);
+    unsigned long long GetRepositoryFailures() const { return m_repositoryFailures; }
     /// Records that the answer of the command is no.
     void AnswerNo() { m_answersNo = true; }
     bool AnswersNo() const { return m_answersNo; }
@@ -57,10 +61,11 @@ public:
     /// Prints the outcome of finished work, as lines of printable text. If it cannot be written, the work is
     /// still done: `done`, which names it, is reported with the reason, and the run counts as incomplete.
     void Summary(const std::string& done, const std::string& text);
-    /// Returns true if an entry failed or the summary was lost.
-    bool IsIncomplete() const { return m_failed != 0 || m_isSummaryLost; }
+    /// Returns true if an entry or a part of the repository failed, or the summary was lost.
+    bool IsIncomplete() const { return m_failed != 0 || m_repositoryFailures != 0 || m_isSummaryLost; }
 
 private:
+    void ReportFailure(const Krt::YString& path, const Krt::YString& reason);
     void ShowProgress(unsigned long long entries, unsigned long long bytes);
     void EraseProgress()
     {
@@ -72,6 +77,7 @@ private:
 
     Output m_output;
     unsigned long long m_failed = 0;
+    unsigned long long m_repositoryFailures = 0;
     bool m_answersNo = false;
     bool m_usesJson = false;
     std::string m_work;

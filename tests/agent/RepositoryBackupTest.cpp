@@ -295,16 +295,21 @@ TEST_F(RepositoryBackupTest, LostBlobsAreStoredAgain)
     const auto cut = [](const fs::path& file) {
         fs::resize_file(file, fs::file_size(file) - 1);
     };
+    const auto remove = [](const fs::path& file) {
+        fs::remove(file);
+    };
     const struct
     {
         const char* label;
-        bool isOfTrees; // otherwise of all packs
+        std::string_view files; // "trees" and "packs" are those of the index
         std::function<void(const fs::path& file)> damage;
         std::vector<std::string> options; // the parent's id is appended to the last one
-    } rows[] = {{"parent's trees", true, flip, {"--parent="}},
-                {"trees of no parent", true, flip, {"--force"}},
-                {"missing", false, [](const fs::path& file) { fs::remove(file); }, {"--parent="}},
-                {"short", false, cut, {"--parent="}}};
+        std::string reported = " of them are needed by the snapshot and ";
+    } rows[] = {{"parent's trees", "trees", flip, {"--parent="}},
+                {"trees of no parent", "trees", flip, {"--force"}},
+                {"missing", "packs", remove, {"--parent="}},
+                {"short", "packs", cut, {"--parent="}},
+                {"index", "index", remove, {"--parent="}, "repo: The index lacks blobs of the parent; "}};
     MakeTree(source, {Dir("d"), Dir("d/e"), File("d/e/f", "f"), File("d/g", "g"), Link("link", "f")});
     BackUp(0, {"s"});
     const std::string parent = MakeTrustedParent();
@@ -316,16 +321,21 @@ TEST_F(RepositoryBackupTest, LostBlobsAreStoredAgain)
         fs::copy(before, repository, fs::copy_options::recursive);
         const Repo::Repository opened = Open();
         for (const Repo::IndexedPack& pack : opened.GetIndex().GetPacks()) {
-            if (pack.hasTrees || !row.isOfTrees)
+            if (row.files == "packs" || (row.files == "trees" && pack.hasTrees))
                 row.damage(repository + "/" + Repo::FileName{FileKind::Pack, pack.id}.Path());
         }
-        std::vector<std::string> arguments{"backup", "-q", "s"};
+        if (row.files == "index")
+            for (const auto& file : fs::directory_iterator(repository + "/index"))
+                row.damage(file.path());
+        std::vector<std::string> arguments{"backup", "s"};
         for (const std::string& option : row.options)
             arguments.push_back(option.ends_with('=') ? option + parent : option);
         arguments.push_back("--dry-run");
-        EXPECT_TRUE(Holds(Run(3, arguments).errors, "would be stored again"));
+        EXPECT_TRUE(Holds(Run(3, arguments).errors, "would be stored again. 'kbagent check'"));
         arguments.pop_back();
-        EXPECT_TRUE(Holds(Run(3, arguments).errors, "'kbagent check' finds out what"));
+        const ProgramResult result = Run(3, arguments);
+        EXPECT_TRUE(Holds(result.errors, row.reported));
+        EXPECT_TRUE(Holds(result.output, " 0 failed\nFailures of the repository: 1\n"));
         const json::object next = BackUp(0, {"s"});
         EXPECT_EQ(next.at("data_blobs"), 0);
         const std::string id(next.at("snapshot_id").as_string());
