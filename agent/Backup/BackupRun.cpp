@@ -125,10 +125,10 @@ std::vector<StoredSnapshot> BackupRun::FindParents(const Repo::Repository& repos
     filter.paths = stored;
     if (!m_settings.parent.empty())
         return {repository.FindSnapshot(m_settings.parent, filter)};
-    const auto ignore = [this](const Repo::FileName& file, const Repo::RepositoryError& error) {
-        m_report.Note("Warning: " + YString(file.Path()) + ": " + ReasonOf(error));
-    };
-    std::vector<StoredSnapshot> candidates = repository.LoadSnapshots(filter, ignore);
+    std::vector<StoredSnapshot> candidates = repository.LoadSnapshots(
+        filter, [this](const Repo::FileName& file, const Repo::RepositoryError& error) {
+            ReportFailure(m_report, file, error);
+        });
     std::erase_if(candidates, [&](const StoredSnapshot& each) {
         return each.snapshot.time > m_snapshot.time || AsSet(each.snapshot.paths) != AsSet(stored);
     });

@@ -381,6 +381,10 @@ TEST_F(RepositoryBackupTest, WhatFailsIsReported)
     Run(0, "check --read-data");
     EXPECT_EQ(BackUp(0, {"s", "--dry-run"}).at("data_added").as_int64() > (20 << 20), true);
     EXPECT_EQ(CountSnapshots(), before);
+    const std::string unread = "snapshots/" + std::string(64, 'a');
+    directory.Write("repo/" + unread, "no snapshot");
+    const std::string errors = Run(3, {"backup", "-q", "-n", "s/f"}).errors;
+    EXPECT_TRUE(errors.starts_with("kbagent: " + unread + ": damaged: ")) << errors;
 }
 
 // The documents that a backup prints: those of items and the summary, and the last status.
