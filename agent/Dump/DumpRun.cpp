@@ -65,10 +65,12 @@ void DumpRun::Add(Archive& archive, const std::string& path, const Node& node, A
         if (linkTarget.empty() && HasOtherContent(m_linked, *key))
             m_report.Note(YString(path + OtherContentNote));
     }
+    bool hasBegun = false;
     try {
         REPOSITORY_RAISE_UNLESS(node.type != NodeType::Unknown, Repo::Failure::Damaged,
                                 "The type of the entry is not known: " << node.typeText.c_str());
         archive.Begin(node.type == NodeType::Directory ? name + "/" : name, node, SizeOf(node), linkTarget);
+        hasBegun = true;
         if (first != nullptr && first->empty())
             *first = name;
         if (linkTarget.empty() && node.content)
@@ -80,7 +82,9 @@ void DumpRun::Add(Archive& archive, const std::string& path, const Node& node, A
             throw; // the target can't be written
         if (first != nullptr && *first == name)
             first->clear(); // the next name gets the content, if that can be read
-        m_report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));
+        m_report.EntryFailed(YString(std::string_view(path)),
+                             ReasonOf(error) + (hasBegun ? "; the archive contains zeros in place of the rest"
+                                                         : "; the archive does not contain it"));
     }
     archive.End();
     m_report.Progress(++m_entries, m_bytes);
