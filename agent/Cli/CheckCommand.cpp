@@ -39,6 +39,19 @@ std::string SummaryJson(const CheckSummary& summary)
     return json;
 }
 
+void Advise(const CheckSummary& summary, CheckObserver& observer)
+{
+    if (summary.isDenied)
+        observer.OnHint("this user may not read some files of the repository; repeat the check as their "
+                        "owner or as root");
+    if (!summary.brokenPacks.empty())
+        observer.OnHint("damaged packs should be moved out of the repository before its index is rebuilt; a "
+                        "backup of the same files then stores again what the snapshots lack");
+    if (summary.isIndexWrong || !summary.brokenPacks.empty())
+        observer.OnHint("the index should be rebuilt from the packs: restic repair index, or before restic "
+                        "0.15: restic rebuild-index");
+}
+
 class CheckCommand : public ICommand
 {
 public:
@@ -84,9 +97,8 @@ void CheckCommand::Run(Report& report)
     Session session(options, report);
     CheckObserver observer(report, options);
     const CheckSummary summary = CheckRepository(session.GetRepository(), subset, observer);
-    if (summary.isIndexWrong && !m_repository.IsJson())
-        observer.OnHint("the index should be rebuilt from the packs: restic repair index, or before restic "
-                        "0.15: restic rebuild-index");
+    if (!m_repository.IsJson())
+        Advise(summary, observer);
     if (m_repository.IsJson())
         report.Out() << SummaryJson(summary) << "\n";
     else if (summary.errors == 0)

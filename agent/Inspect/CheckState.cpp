@@ -1,6 +1,7 @@
 #include "agent/Inspect/CheckState.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 namespace Agent {
@@ -14,6 +15,11 @@ constexpr std::uint64_t ConsequenceLimit = 100; // errors that are reported one 
 using Krt::Thread::AnnotatedLock;
 using Repo::BlobType;
 using Repo::NodeType;
+
+bool IsDenied(const Repo::RepositoryError& error)
+{
+    return error.GetOsError() == EACCES || error.GetOsError() == EPERM;
+}
 
 CheckState::CheckState(const Repo::Repository& repository)
     : m_repository(repository), m_numbers(GetIndex().CountBlobs()),
@@ -128,6 +134,14 @@ std::uint64_t CheckState::GetFurther() const
 {
     const AnnotatedLock lock(m_mutex);
     return m_consequences - std::min(m_consequences, ConsequenceLimit);
+}
+
+bool CheckState::NoteIfDenied(const Repo::RepositoryError& error)
+{
+    const bool isDenied = Agent::IsDenied(error);
+    if (isDenied)
+        m_isDenied = true;
+    return isDenied;
 }
 
 std::vector<std::string> CheckState::TakeErrors()

@@ -14,6 +14,9 @@
 
 namespace Agent {
 
+/// Returns true if the user may not read a file, which does not mean that it is damaged.
+bool IsDenied(const Repo::RepositoryError& error);
+
 class CheckState
 {
 public:
@@ -52,6 +55,10 @@ public:
     /// The index lacks a blob that a snapshot needs.
     void MarkLacking() { m_lacksBlobs = true; }
     bool LacksBlobs() const { return m_lacksBlobs; }
+    /// Records an error that says that the user may not read a file. Returns true if it is one.
+    bool NoteIfDenied(const Repo::RepositoryError& error);
+    /// Returns true if the user may not read a file.
+    bool IsDenied() const { return m_isDenied; }
     /// Removes and returns the errors that were added since the last call.
     std::vector<std::string> TakeErrors();
 
@@ -70,6 +77,7 @@ private:
     std::vector<std::string> m_errors KRT_GUARDED_BY(m_mutex);
     std::uint64_t m_consequences KRT_GUARDED_BY(m_mutex) = 0;
     std::atomic<bool> m_lacksBlobs{false};
+    std::atomic<bool> m_isDenied{false};
 };
 
 } // namespace Agent

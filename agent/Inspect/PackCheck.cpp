@@ -72,12 +72,12 @@ private:
             call();
             return true;
         } catch (const RepositoryError& error) {
-            Fail(ReasonOf(error).Bytes());
+            Fail(ReasonOf(error).Bytes(), m_state.NoteIfDenied(error));
             return false;
         }
     }
 
-    void Fail(const std::string& text);
+    void Fail(const std::string& text, bool isDenied = false);
     void CheckHeader();
     void DropOutside();
     void ReadBlobs();
@@ -114,9 +114,10 @@ void PackCheck::Run()
         m_state.MarkBroken(m_pack);
 }
 
-void PackCheck::Fail(const std::string& text)
+// A pack that the user may not read is not known to be broken.
+void PackCheck::Fail(const std::string& text, bool isDenied)
 {
-    m_isBroken = true;
+    m_isBroken = m_isBroken || !isDenied;
     m_state.AddError(text.find(m_id.ToHex()) == std::string::npos ? m_file.Path() + ": " + text : text);
 }
 
@@ -215,7 +216,7 @@ std::optional<RepositoryError> PackCheck::Load(std::uint64_t offset, std::uint64
 void PackCheck::FailToRead(const RepositoryError& error, const std::string& what)
 {
     m_isHashed = false;
-    Fail(ReasonOf(error).Bytes() + " (" + what + ")");
+    Fail(ReasonOf(error).Bytes() + " (" + what + ")", m_state.NoteIfDenied(error));
 }
 
 } // namespace

@@ -82,6 +82,8 @@ CheckSummary Check::Run(const std::optional<PackSubset>& readData)
         FindTouchedEntries(state, m_snapshots, m_isIncomplete ? MostOfWrongIndex : Most, m_observer);
     }
     m_summary.brokenPacks = state.GetBrokenPacks();
+    m_summary.isDenied = m_summary.isDenied || state.IsDenied();
+    m_summary.isIndexWrong = m_summary.isIndexWrong && !m_summary.isDenied;
     return m_summary;
 }
 
@@ -94,6 +96,7 @@ void Check::Fail(const std::string& text)
 void Check::Fail(const FileName& file, const RepositoryError& error)
 {
     const std::string text = ReasonOf(error).Bytes();
+    m_summary.isDenied = m_summary.isDenied || IsDenied(error);
     Fail(text.find(file.Path()) == std::string::npos ? file.Path() + ": " + text : text);
 }
 

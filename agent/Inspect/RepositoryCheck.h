@@ -37,6 +37,7 @@ struct CheckSummary
     std::uint64_t errors = 0;
     std::vector<Repo::Id> brokenPacks; ///< damaged or missing
     bool isIndexWrong = false;         ///< an index file is damaged or missing, or does not fit the packs
+    bool isDenied = false;             ///< the user may not read a file; then isIndexWrong is false
     bool hasUnusedPacks = false;       ///< packs that nothing needs, or entries that are there twice
 };
 

@@ -132,6 +132,7 @@ public:
                 last = m_node.name;
             }
         } catch (const RepositoryError& error) {
+            m_state.NoteIfDenied(error);
             if (error.GetFailure() != Repo::Failure::Missing) {
                 Fail(tree, error.GetMessage().Bytes());
             } else {

@@ -369,6 +369,15 @@ TEST_F(RepositoryBackupTest, WhatFailsIsReported)
             Run(3, {"backup", "--json", "--read-concurrency", "1", source}, {.user = OrdinaryUser});
         EXPECT_TRUE(Holds(result.errors, R"("item":")" + source + R"(/secret")"));
         EXPECT_EQ(PathsOfLatest().back(), source + "/f");
+        for (const std::string part : {"/data", "/index"}) {
+            for (const auto& file : fs::recursive_directory_iterator(repository + part)) {
+                if (file.is_regular_file())
+                    fs::permissions(file.path(), fs::perms::none);
+            }
+            const std::string denied = Run(1, {"check", "--read-data"}, {.user = OrdinaryUser}).errors;
+            EXPECT_TRUE(Holds(denied, "hint: this user may not read"));
+            EXPECT_EQ(denied.find("rebuil"), std::string::npos) << denied;
+        }
     }
     const std::size_t before = CountSnapshots();
     directory.Write("s/big", RandomBytes(20 << 20, 3));
