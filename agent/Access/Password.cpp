@@ -94,13 +94,14 @@ Password Read(const RepositoryOptions& options, const Prompt& prompt, Report& re
     std::optional<Secret> direct = isDirect ? TakeFromEnvironment(options) : std::optional<Secret>();
     if (options.hasNoPassword) {
         if (!isDirect || direct)
-            throw UsageError("An empty password and another one exclude each other");
+            throw UsageError("--insecure-no-password is given, and also a password by --password-file, "
+                             "--password-command or a variable of the environment");
         return {};
     }
     if (!file.empty() && !command.empty())
         throw UsageError("The password is given twice: by a file and by a command");
     if (!file.empty())
-        return RequireNotEmpty({ReadTextFile(file)});
+        return RequireNotEmpty({ReadTextFile(file, TextLimit, "the password file")});
     if (!command.empty())
         return RequireNotEmpty({RunPasswordCommand(SplitWords(command))});
     if (direct)
@@ -124,10 +125,12 @@ Secret ReadNewPassword(const NewPasswordOptions& options, Report& report)
 {
     if (options.hasNoPassword) {
         if (!options.file.empty())
-            throw UsageError("An empty password and another one exclude each other");
+            throw UsageError("--new-insecure-no-password and --new-password-file exclude each other");
         return {};
     }
-    Password password = options.file.empty() ? Ask(ForNewKey, report) : Password{ReadTextFile(options.file)};
+    Password password = options.file.empty()
+                            ? Ask(ForNewKey, report)
+                            : Password{ReadTextFile(options.file, TextLimit, "the file of the new password")};
     KRT_RAISE_UNLESS(password.text.Size() != 0, Krt::ErrorCode::InvalidArgument,
                      "The new password is empty, which --new-insecure-no-password allows");
     return std::move(password.text);

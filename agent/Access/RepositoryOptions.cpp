@@ -50,7 +50,7 @@ std::string FindLocation(const RepositoryOptions& options)
     if (!location.empty() && !file.empty())
         throw UsageError("The repository is given twice: directly and by a file");
     if (!file.empty()) {
-        const Repo::Secret text = ReadTextFile(file);
+        const Repo::Secret text = ReadTextFile(file, TextLimit, "the file of the location");
         location = Repo::AsText(text.View());
     }
     if (location.empty())
@@ -61,7 +61,7 @@ std::string FindLocation(const RepositoryOptions& options)
     return location;
 }
 
-std::chrono::seconds ParseDuration(const std::string& text)
+std::chrono::seconds ParseDuration(const std::string& text, const std::string& option)
 {
     constexpr std::int64_t Longest = 366LL * 24 * 3600;
     std::int64_t total = 0;
@@ -79,7 +79,7 @@ std::chrono::seconds ParseDuration(const std::string& text)
         at = unit + 1;
     }
     if (text.empty() || at != text.size() || total > Longest)
-        throw UsageError("Not a duration such as 90s, 5m or 1h30m: '" + text + "'");
+        throw UsageError(option + " is not a duration such as 90s, 5m or 1h30m: '" + text + "'");
     return std::chrono::seconds(total);
 }
 

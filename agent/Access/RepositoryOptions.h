@@ -40,7 +40,8 @@ std::optional<std::string> FromEnvironment(std::initializer_list<const char*> na
 /// no location, or more than one. Raises the operating system's error if a file can't be read.
 std::string FindLocation(const RepositoryOptions& options);
 
-/// A time such as "90s", "5m" or "1h30m", as restic writes it. Raises UsageError for other text.
-std::chrono::seconds ParseDuration(const std::string& text);
+/// A time such as "90s", "5m" or "1h30m", as restic writes it. Raises UsageError, which names the option, for
+/// other text.
+std::chrono::seconds ParseDuration(const std::string& text, const std::string& option);
 
 } // namespace Agent

@@ -69,6 +69,7 @@ Session::Session(const RepositoryOptions& options, Report& report, Access access
         m_report.UseJson();
     Repo::HideProcess();
     m_backend = std::make_shared<WatchedBackend>(BackendOf(FindLocation(m_options)));
+    m_report.NoteLocation(m_backend->Describe());
     Open();
     KRT_RAISE_UNLESS(access == Access::Read || oldFormat == OldFormat::Accepted ||
                          m_repository->GetConfig().version >= 2,
@@ -126,6 +127,18 @@ void Session::Open()
             m_report.Note(ReasonOf(error));
         }
     }
+    if (!m_repository->GetKeyId().ToHex().starts_with(options.keyHint))
+        ReportUnknownHint(options.keyHint);
+}
+
+void Session::ReportUnknownHint(const std::string& hint)
+{
+    const auto begins = [&hint](const Repo::Id& id) {
+        return id.ToHex().starts_with(hint);
+    };
+    const std::vector<Repo::Id> keys = m_repository->ListIds(Repo::FileKind::Key);
+    if (std::none_of(keys.begin(), keys.end(), begins))
+        m_report.Note(YString("Warning: there is no key '" + hint + "' to try first"));
 }
 
 void Session::LockFor(Access access)

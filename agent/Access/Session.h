@@ -63,6 +63,7 @@ public:
 
 private:
     void Open();
+    void ReportUnknownHint(const std::string& hint);
     void LockFor(Access access);
 
     RepositoryOptions m_options;

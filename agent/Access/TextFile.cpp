@@ -67,15 +67,16 @@ Secret TextOf(Bytes& bytes, const std::string& name)
     return secret;
 }
 
-Secret ReadTextFile(const std::string& path, std::size_t limit)
+Secret ReadTextFile(const std::string& path, std::size_t limit, const char* role)
 {
-    const Krt::Util::YUnxHandle file = KRT_OS_VALUE(OpenInput(path), "Failed to open file: " << path.c_str());
+    const Krt::Util::YUnxHandle file =
+        KRT_OS_VALUE(OpenInput(path), "Failed to open " << role << ": " << path.c_str());
     Bytes bytes(limit + 1);
     std::size_t size = 0;
     while (size < bytes.size()) {
         WaitForInput(file.Get()); // a signal's handler restarts a read
         const auto count = KRT_SYSCALL(read(file.Get(), bytes.data() + size, bytes.size() - size),
-                                       "Failed to read file: " << path.c_str());
+                                       "Failed to read " << role << ": " << path.c_str());
         if (count == 0)
             break;
         size += static_cast<std::size_t>(count);

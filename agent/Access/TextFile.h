@@ -12,8 +12,9 @@ constexpr std::size_t TextLimit = 1 << 16;
 
 /// The text of the file as UTF-8, without white space at its ends. UTF-16 with a byte order mark is
 /// converted; a mark of UTF-8 is dropped. Raises the operating system's error, InvalidArgument for more than
-/// `limit` bytes or for damaged UTF-16, and InvalidState when the user interrupts.
-Repo::Secret ReadTextFile(const std::string& path, std::size_t limit = TextLimit);
+/// `limit` bytes or for damaged UTF-16, and InvalidState when the user interrupts. `role` is what messages
+/// call the file.
+Repo::Secret ReadTextFile(const std::string& path, std::size_t limit = TextLimit, const char* role = "file");
 
 /// The text in these bytes, which are overwritten. See ReadTextFile; `name` begins messages.
 Repo::Secret TextOf(Repo::Bytes& bytes, const std::string& name);

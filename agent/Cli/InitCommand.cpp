@@ -75,6 +75,7 @@ void InitCommand::Run(Report& report)
         report.UseJson();
     Repo::HideProcess();
     const std::shared_ptr<Repo::IBackend> backend = BackendOf(FindLocation(options));
+    report.NoteLocation(backend->Describe());
     Repo::CreateOptions creation;
     creation.polynomial = CopiedPolynomial(report);
     creation.username = CurrentProcess().userName;

@@ -70,7 +70,7 @@ CLI::App* KeyCommand::Register(CLI::App& program)
 {
     CLI::App* const command =
         program.add_subcommand("key", "List, add, remove and change the passwords of a repository");
-    command->require_subcommand(1);
+    command->require_subcommand(0, 1); // an unknown word is reported separately
     AddAction(*command, "list", "List the key files; * marks that of the password in use", &KeyCommand::List,
               LockOptions::Optional);
     AddNewPassword(*AddAction(*command, "add", "Add a password", &KeyCommand::Add, LockOptions::Required));
@@ -89,6 +89,7 @@ void KeyCommand::Run(Report& report)
         if (command->parsed())
             return (this->*action)(report);
     }
+    throw UsageError("key: name an action, as in 'kbagent key list'; list, add, remove or passwd");
 }
 
 Repo::KeyOptions KeyCommand::NewKey() const

@@ -235,6 +235,16 @@ std::string HintFor(const CLI::App& program, int argc, char** argv)
     return "";
 }
 
+// The parser's own text has the arguments in the reverse order.
+std::string UnexpectedText(const std::vector<std::string>& arguments)
+{
+    std::string text = arguments.size() == 1 ? "The following argument was not expected:"
+                                             : "The following arguments were not expected:";
+    for (const std::string& argument : arguments)
+        text += " " + argument;
+    return text;
+}
+
 // Returns true if the arguments ask for nothing but the help or the version, which is printed.
 bool Parse(CLI::App& program, int argc, char** argv, Report& report)
 {
@@ -247,11 +257,13 @@ bool Parse(CLI::App& program, int argc, char** argv, Report& report)
         report.Out() << program.help();
     } catch (const CLI::CallForVersion& version) {
         report.Out() << version.what() << "\n";
-    } catch (const CLI::ExtrasError& error) {
+    } catch (const CLI::ExtrasError&) {
         const std::vector<std::string> rest = program.remaining();
+        if (!rest.empty() && rest.front() == "help")
+            throw UsageError("unknown command help (use 'kbagent COMMAND --help')");
         if (program.get_subcommands().empty() && !rest.empty() && !rest.front().starts_with('-'))
             throw UsageError("unknown command " + rest.front() + HintForResticCommand(rest.front()));
-        throw UsageError(error.what() + HintFor(program, argc, argv));
+        throw UsageError(UnexpectedText(program.remaining(true)) + HintFor(program, argc, argv));
     } catch (const CLI::ParseError& error) {
         throw UsageError(error.what() + HintFor(program, argc, argv));
     }
@@ -337,6 +349,20 @@ int CodeOf(const Krt::Exception::YError& error)
     return CouldNotRun;
 }
 
+// Returns the reason. The path of a file of the repository, which begins it, becomes absolute.
+YString TextOf(const Krt::Exception::YError& error, const Report& report)
+{
+    const YString reason = ReasonOf(error);
+    constexpr std::string_view Files[] = {"config: ", "data/", "index/", "keys/", "locks/", "snapshots/"};
+    const bool namesFile = (dynamic_cast<const Repo::RepositoryError*>(&error) != nullptr ||
+                            dynamic_cast<const LockedError*>(&error) != nullptr) &&
+                           std::any_of(std::begin(Files), std::end(Files), [&](std::string_view file) {
+                               return reason.Bytes().starts_with(file);
+                           });
+    const YString& location = report.GetLocation();
+    return namesFile && !location.IsEmpty() ? location + "/" + reason : reason;
+}
+
 int Fail(Report& report, int exitCode, const Krt::YString& text)
 {
     exitCode = IsInterrupted() ? EndedBySignal + InterruptingSignal() : exitCode;
@@ -356,7 +382,7 @@ int RunAndReport(int argc, char** argv, Report& report)
             return EndedBySignal + SIGPIPE;
         return Fail(report, CouldNotRun, YString(error.what()));
     } catch (const Krt::Exception::YError& error) {
-        return Fail(report, CodeOf(error), ReasonOf(error));
+        return Fail(report, CodeOf(error), TextOf(error, report));
     } catch (const std::exception& error) {
         return Fail(report, CouldNotRun, YString(error.what()));
     }

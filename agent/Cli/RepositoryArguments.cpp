@@ -109,7 +109,7 @@ RepositoryOptions RepositoryArguments::Get() const
 {
     RepositoryOptions options = m_options;
     if (!m_retryLock.empty())
-        options.retryLock = ParseDuration(m_retryLock);
+        options.retryLock = ParseDuration(m_retryLock, "--retry-lock");
     return options;
 }
 

@@ -77,6 +77,12 @@ void Report::Error(const YString& text, int exitCode)
     Line("error: " + Printable(text));
 }
 
+void Report::NoteLocation(const YString& location)
+{
+    m_hasLocations = m_hasLocations || (!m_location.IsEmpty() && m_location != location);
+    m_location = m_hasLocations ? YString() : location;
+}
+
 void Report::ShowProgress(unsigned long long entries, unsigned long long bytes)
 {
     static constexpr std::chrono::milliseconds Interval{200};

@@ -42,6 +42,10 @@ public:
     void Error(const Krt::YString& text, int exitCode);
     /// The work in which entries fail, as in "restore", for JSON documents.
     void NameWork(const std::string& work) { m_work = work; }
+    /// Notes the directory of the repository that the command uses. With several, there is none.
+    void NoteLocation(const Krt::YString& location);
+    /// The directory of the repository; empty if it is not known.
+    const Krt::YString& GetLocation() const { return m_location; }
     /// The command prints JSON.
     void UseJson() { m_usesJson = true; }
 
@@ -81,6 +85,8 @@ private:
     bool m_answersNo = false;
     bool m_usesJson = false;
     std::string m_work;
+    Krt::YString m_location;
+    bool m_hasLocations = false; // several
     bool m_isSummaryLost = false;
     bool m_showsProgress;
     bool m_isProgressShown = false; // on the last line of the terminal
