@@ -196,4 +196,10 @@ FoundEntry FindEntry(const Repo::Repository& repository, const Id& tree, const s
     return found;
 }
 
+YString ReasonOfSearch(const Krt::Exception::YError& error)
+{
+    return error.GetCode() == Krt::ErrorCode::InvalidArgument ? "The snapshot has no entry of this path"
+                                                              : ReasonOf(error);
+}
+
 } // namespace Agent

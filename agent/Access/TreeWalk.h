@@ -46,5 +46,7 @@ struct FoundEntry
 /// there is no such entry, or Damaged if it may be one that is wrong in itself, and what loading a tree
 /// raises.
 FoundEntry FindEntry(const Repo::Repository& repository, const Repo::Id& tree, const std::string& path);
+/// Returns why FindEntry failed, for a message that begins with the path.
+Krt::YString ReasonOfSearch(const Krt::Exception::YError& error);
 
 } // namespace Agent

@@ -142,7 +142,7 @@ void LsCommand::List(Session& session, const Repo::StoredSnapshot& stored,
             shown = entries.back().path;
         } catch (const Krt::Exception::YError& error) {
             RaiseIfInterrupted();
-            report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));
+            report.EntryFailed(YString(std::string_view(path)), ReasonOfSearch(error));
         }
         filter += (filter.empty() ? "" : " ") + shown;
     }

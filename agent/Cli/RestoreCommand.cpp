@@ -81,8 +81,7 @@ CLI::App* RestoreCommand::Register(CLI::App& program)
     m_paths = AddPathArguments(
         *command,
         "The snapshot, by first digits of its ID or as latest; SNAPSHOT:PATH for what is below a\n"
-        "directory of it. Then paths of entries, which begin with /: only these and all below them\n"
-        "are restored",
+        "directory of it. Then paths of entries: only these and all below them are restored",
         "SNAPSHOT_PATH");
     command->footer(
         "An entry /a/b is restored as TARGET/a/b, and with SNAPSHOT:/a as TARGET/b. Nothing is ever written\n"
@@ -215,11 +214,14 @@ void RestoreCommand::Run(Report& report)
             settings.paths.push_back(FindEntry(repository, tree, arguments[i]).path);
         } catch (const Krt::Exception::YError& error) {
             RaiseIfInterrupted();
-            report.EntryFailed(Krt::YString(std::string_view(arguments[i])), ReasonOf(error));
+            const bool mayBeSnapshot = arguments[i].find('/') == std::string::npos;
+            report.EntryFailed(Krt::YString(std::string_view(arguments[i])),
+                               ReasonOfSearch(error) +
+                                   (mayBeSnapshot ? "; all arguments after the snapshot are paths" : ""));
         }
     }
-    if (arguments.size() > 1 && settings.paths.empty())
-        return;
+    KRT_RAISE_UNLESS(arguments.size() == 1 || !settings.paths.empty(), Krt::ErrorCode::InvalidArgument,
+                     "None of the paths can be restored, so nothing was changed");
     if (!settings.isJson && !settings.isQuiet) {
         const bool isLatest = choice.substr(0, colon) == "latest"; // which was reported
         report.Out() << Printable("restoring " +

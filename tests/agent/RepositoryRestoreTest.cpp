@@ -334,6 +334,7 @@ TEST_F(RepositoryRestore, PatternsChooseWhatResticChooses)
     Restored(0, {}, "latest:/a/foo");
     EXPECT_EQ(PathsIn(target), (std::set<std::string>{"/bar"}));
     EXPECT_TRUE(Holds(Restored(3, {"/a", "/no such"}).errors, "/no such: The snapshot has no entry"));
+    EXPECT_TRUE(Holds(Restored(1, {"1a2b3c4d"}).errors, "after the snapshot are paths"));
     EXPECT_TRUE(Holds(Restored(0, {"--include", "/nothing"}).errors, "No entry matches the patterns"));
     Restored(2, {"--include", "[a"});
     Restored(2, {"--include", "a", "--exclude", "b"});
