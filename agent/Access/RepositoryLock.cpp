@@ -1,5 +1,6 @@
 #include "agent/Access/RepositoryLock.h"
 
+#include "agent/Access/SnapshotChoice.h"
 #include "agent/Access/Unix/Process.h"
 #include "agent/Access/WatchedBackend.h"
 
@@ -32,7 +33,7 @@ std::string Describe(const Lock& lock)
     text += (text.empty() ? "" : " ") + std::string("by PID ") + std::to_string(lock.pid) + " on " +
             lock.hostname + " by " + lock.username;
     text += " (UID " + std::to_string(lock.uid) + ", GID " + std::to_string(lock.gid) + ")";
-    text += " since " + lock.time.ToText() + ", " + std::to_string(age / 60) + " minutes ago";
+    text += " since " + LocalTime(lock.time) + ", " + std::to_string(age / 60) + " minutes ago";
     return text;
 }
 
@@ -136,8 +137,10 @@ void RepositoryLock::CheckOthers(const Repo::Id* own) const
         const FileName file{FileKind::Lock, id};
         const std::optional<Lock> lock = ReadLock(file);
         if (lock && (lock->isExclusive || m_lock.isExclusive))
-            RaiseLocked(file, "The repository is locked " + Describe(*lock) +
-                                  ". If that process has died, remove its lock with 'kbagent unlock'");
+            RaiseLocked(
+                file, "The repository is locked " + Describe(*lock) +
+                          (m_settings.patience.count() != 0 ? ", also after the time of --retry-lock" : "") +
+                          ". If that process has died, remove its lock with 'kbagent unlock'");
     }
 }
 

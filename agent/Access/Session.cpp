@@ -98,7 +98,7 @@ void Session::FindLostPacks()
     const std::vector<Repo::FileName> lost = m_repository->FindLostPacks();
     if (!lost.empty())
         m_report.Note(YString(std::string_view(
-            "Warning: " + std::to_string(lost.size()) + " packs are missing or too short, such as " +
+            "Warning: packs that are missing or too short: " + std::to_string(lost.size()) + ", such as " +
             lost.front().Path() +
             "; what the snapshot needs of them is stored again. 'kbagent check' finds out more")));
 }

@@ -21,10 +21,11 @@ std::string CalendarText(std::int64_t seconds)
 {
     const auto time = static_cast<std::time_t>(seconds);
     std::tm parts{};
-    char text[64];
-    if (gmtime_r(&time, &parts) == nullptr ||
-        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts) == 0)
+    if (gmtime_r(&time, &parts) == nullptr)
         return std::to_string(seconds);
+    char text[96]; // unlike that of strftime, the year has four digits
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", parts.tm_year + 1900, parts.tm_mon + 1,
+                  parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
     return text;
 }
 

@@ -99,7 +99,10 @@ void BackupRun::LoadRules()
 {
     m_job = LoadJob(m_settings.jobFile, m_settings.paths,
                     [this](const std::string& path, const Krt::Exception::YError& error) {
-                        m_report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));
+                        std::string reason = ReasonOf(error).Bytes();
+                        if (const std::size_t at = reason.find(": " + path + ": "); at != std::string::npos)
+                            reason.erase(at, path.size() + 2); // it precedes the reason
+                        m_report.EntryFailed(YString(std::string_view(path)), YString(reason));
                     });
     for (const YString& warning : m_job.warnings)
         m_report.Note(warning);
@@ -144,7 +147,8 @@ void BackupRun::ChooseParent(const Repo::Repository& repository, std::vector<Sto
         return;
     m_parent = std::move(candidates.back());
     m_snapshot.parent = m_outcome.parent = m_parent->id;
-    if (m_settings.repository.isVerbose)
+    const bool hasText = !m_settings.repository.isJson && !m_settings.repository.isQuiet;
+    if (m_settings.repository.isVerbose && !hasText) // otherwise the summary names it
         m_report.Note(YString("using parent snapshot " + ShortId(m_parent->id)));
 }
 

@@ -230,7 +230,8 @@ void SnapshotRun::FileDone(const std::shared_ptr<DirectoryBuild>& directory, Nod
     node.size = content.size;
     node.content = content.blobs;
     if (content.isChanged)
-        m_build.Post(path(), "The file changed while it was read", false);
+        m_build.Post(path(), "Warning: the file changed while it was read, and was stored as it was read",
+                     false);
     const Change change = before.empty() ? Change::New : ChangeSince(before, TextOf(node));
     m_build.CountFile(change, node.size);
     if (m_build.ReportsStored())
