@@ -383,6 +383,8 @@ int RunAndReport(int argc, char** argv, Report& report)
         return Fail(report, CouldNotRun, YString(error.what()));
     } catch (const Krt::Exception::YError& error) {
         return Fail(report, CodeOf(error), TextOf(error, report));
+    } catch (const std::bad_alloc&) {
+        return Fail(report, CouldNotRun, "Out of memory");
     } catch (const std::exception& error) {
         return Fail(report, CouldNotRun, YString(error.what()));
     }

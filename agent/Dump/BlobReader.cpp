@@ -44,12 +44,8 @@ void BlobReader::EndThreads()
 
 void BlobReader::Read(const std::vector<Id>& ids, const std::function<void(Repo::ByteView)>& take)
 {
-    if (ids.size() == 1) {
-        Repo::Bytes& content = m_slots.front().content;
-        m_repository.LoadBlob({BlobType::Data, ids.front()}, content);
-        take(content);
-        return;
-    }
+    if (ids.size() == 1)
+        return ReadAlone(ids.front(), take);
     {
         const AnnotatedLock lock(m_mutex);
         m_ids = &ids;
@@ -66,7 +62,10 @@ void BlobReader::Read(const std::vector<Id>& ids, const std::function<void(Repo:
         }
         if (slot.failure)
             std::rethrow_exception(slot.failure);
-        take(slot.content);
+        if (slot.isLarge)
+            ReadAlone(ids[i], take);
+        else
+            take(slot.content);
         {
             const AnnotatedLock lock(m_mutex);
             slot.isLoaded = false;
@@ -74,6 +73,15 @@ void BlobReader::Read(const std::vector<Id>& ids, const std::function<void(Repo:
         }
         m_wanted.notify_one();
     }
+}
+
+// Reads a blob on this thread.
+void BlobReader::ReadAlone(const Id& id, const std::function<void(Repo::ByteView)>& take)
+{
+    m_repository.LoadBlob({BlobType::Data, id}, m_content);
+    take(m_content);
+    if (m_content.capacity() > Repo::LargeBlobSize)
+        Repo::Bytes().swap(m_content);
 }
 
 void BlobReader::Stop()
@@ -110,7 +118,10 @@ void BlobReader::Work()
         ++m_active;
         lock.Unlock();
         try {
-            m_repository.LoadBlob({BlobType::Data, id}, slot.content);
+            const Repo::BlobHandle handle{BlobType::Data, id};
+            slot.isLarge = m_repository.GetIndex().LengthOf(handle) > Repo::LargeBlobSize;
+            if (!slot.isLarge)
+                m_repository.LoadBlob(handle, slot.content);
         } catch (...) {
             slot.failure = std::current_exception();
         }

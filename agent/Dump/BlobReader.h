@@ -17,7 +17,7 @@ class BlobReader
 {
 public:
     /// The repository outlives the reader. Its index is loaded. Memory is bounded by two blobs for each
-    /// thread.
+    /// thread. Of blobs above LargeBlobSize, which the calling thread reads, there is one.
     BlobReader(const Repo::Repository& repository, unsigned int threads);
     ~BlobReader();
     BlobReader(const BlobReader&) = delete;
@@ -33,15 +33,18 @@ private:
         Repo::Bytes content;
         std::exception_ptr failure;
         bool isLoaded = false;
+        bool isLarge = false; // it was not loaded
     };
 
     void Work();
     void EndThreads();
     bool HasWork() const KRT_REQUIRES(m_mutex);
     void Stop();
+    void ReadAlone(const Repo::Id& id, const std::function<void(Repo::ByteView)>& take);
 
     const Repo::Repository& m_repository;
     std::vector<Slot> m_slots; // blob i is in slot i modulo their number
+    Repo::Bytes m_content;     // of a blob that the calling thread reads
     Krt::Thread::AnnotatedMutex m_mutex;
     std::condition_variable m_wanted;
     std::condition_variable m_loaded;

@@ -8,6 +8,7 @@
 #include "Krt/Thread/ThreadSafety.h"
 
 #include <atomic>
+#include <mutex>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -62,6 +63,8 @@ public:
     /// Removes and returns the errors that were added since the last call.
     std::vector<std::string> TakeErrors();
 
+    /// Locked by a thread while it has a blob above LargeBlobSize in memory.
+    std::mutex largeBlobs;
     std::atomic<std::uint64_t> items{0}; ///< done in the current part
     std::atomic<std::uint64_t> bytes{0}; ///< read in the current part
 

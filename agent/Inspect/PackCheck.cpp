@@ -3,11 +3,14 @@
 #include "agent/Run/Text.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/Util/YScope.h"
 
 #include <openssl/evp.h>
 
 #include <algorithm>
 #include <memory>
+#include <mutex>
+#include <new>
 #include <optional>
 
 namespace Agent {
@@ -48,6 +51,15 @@ private:
     std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> m_context{EVP_MD_CTX_new(), &EVP_MD_CTX_free};
 };
 
+RepositoryError NoMemoryFor(std::uint64_t length)
+{
+    try {
+        REPOSITORY_RAISE(Repo::Failure::NoMemory, "not enough memory for its " << length << " bytes");
+    } catch (const RepositoryError& error) {
+        return error;
+    }
+}
+
 class PackCheck
 {
 public:
@@ -83,6 +95,8 @@ private:
     void ReadBlobs();
     std::uint64_t SkipTo(std::uint64_t at, std::uint64_t end);
     std::uint64_t ReadStep(std::uint64_t at);
+    void ReadTogether(std::size_t last, std::uint64_t begin, std::uint64_t end);
+    void ReleaseMemory();
     std::optional<RepositoryError> Load(std::uint64_t offset, std::uint64_t length);
     bool CheckBlob(const PackedBlob& blob, std::span<unsigned char> sealed);
     void FailToRead(const RepositoryError& error, const std::string& what);
@@ -171,15 +185,36 @@ std::uint64_t PackCheck::SkipTo(std::uint64_t at, std::uint64_t end)
 // can't be read together, as with a disk's bad sector in one of them, each is read alone.
 std::uint64_t PackCheck::ReadStep(std::uint64_t at)
 {
-    const std::uint64_t begin = m_blobs[m_next].blob.offset;
+    const PackedBlob& first = m_blobs[m_next].blob;
+    const std::uint64_t begin = first.offset;
     m_isHashed &= begin == at;
-    std::uint64_t end = begin + m_blobs[m_next].blob.length;
+    std::uint64_t end = begin + first.length;
+    if (first.IsTooLong()) {
+        Named([&] { m_state.GetRepository().DecodeBlob(m_id, first, {}, m_plaintext); });
+        m_state.MarkBad(m_blobs[m_next++].number);
+        return SkipTo(at, end);
+    }
+    std::uint32_t largest = std::max(first.length, first.plainLength);
     std::size_t last = m_next + 1;
     for (; last < m_blobs.size() && m_blobs[last].blob.offset == end; ++last) {
         if (end + m_blobs[last].blob.length - begin > StepSize)
             break;
         end += m_blobs[last].blob.length;
+        largest = std::max(largest, m_blobs[last].blob.plainLength);
     }
+    if (largest <= Repo::LargeBlobSize) {
+        ReadTogether(last, begin, end);
+    } else {
+        const std::lock_guard guard(m_state.largeBlobs);
+        const Krt::Util::YScope atEnd([this] { ReleaseMemory(); });
+        ReadTogether(last, begin, end);
+    }
+    return std::max(at, end);
+}
+
+// Reads and checks the blobs before number `last`, which are between these offsets.
+void PackCheck::ReadTogether(std::size_t last, std::uint64_t begin, std::uint64_t end)
+{
     const bool isReadTogether = !Load(begin, end - begin);
     for (; m_next < last; ++m_next) {
         const PackedBlob& blob = m_blobs[m_next].blob;
@@ -190,7 +225,12 @@ std::uint64_t PackCheck::ReadStep(std::uint64_t at)
         if (error || !CheckBlob(blob, std::span(m_read).subspan(skipped, blob.length)))
             m_state.MarkBad(m_blobs[m_next].number);
     }
-    return std::max(at, end);
+}
+
+void PackCheck::ReleaseMemory()
+{
+    Repo::Bytes().swap(m_read);
+    Repo::Bytes().swap(m_plaintext);
 }
 
 bool PackCheck::CheckBlob(const PackedBlob& blob, std::span<unsigned char> sealed)
@@ -210,6 +250,8 @@ std::optional<RepositoryError> PackCheck::Load(std::uint64_t offset, std::uint64
         if (error.GetFailure() == Repo::Failure::Missing)
             throw;
         return error;
+    } catch (const std::bad_alloc&) {
+        return NoMemoryFor(length);
     }
 }
 

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <mutex>
 #include <unordered_map>
 
 namespace Agent {
@@ -120,6 +121,12 @@ public:
     void Check(const Id& tree)
     {
         m_faulty = 0;
+        const bool isLarge = m_state.GetIndex().LengthOf({BlobType::Tree, tree}) > Repo::LargeBlobSize;
+        const auto turn = isLarge ? std::unique_lock(m_state.largeBlobs) : std::unique_lock<std::mutex>();
+        const Krt::Util::YScope atEnd([&] {
+            if (isLarge)
+                Repo::Bytes().swap(m_text);
+        });
         try {
             m_state.GetRepository().LoadBlob({BlobType::Tree, tree}, m_text);
             m_state.bytes += m_text.size();

@@ -6,6 +6,7 @@
 
 #include "Krt/String/YString.h"
 
+#include <algorithm>
 #include <cstdint>
 
 namespace Agent::Repo {
@@ -16,6 +17,14 @@ enum class BlobType : unsigned char
     Data, ///< a part of a file's content
     Tree  ///< the entries of a directory
 };
+
+/// Bytes of a longer blob are in the memory of one thread at a time.
+constexpr std::uint32_t LargeBlobSize = 64u << 20;
+/// Bytes that a blob has at most, sealed or not. Chunks of files have 8 MiB at most.
+constexpr std::uint32_t BlobSizeLimit(BlobType type)
+{
+    return type == BlobType::Tree ? 2u << 30 : 256u << 20;
+}
 
 /// Names a blob. Blobs of different types are different even if their ids are equal.
 struct BlobHandle
@@ -49,6 +58,9 @@ struct PackedBlob
     std::uint32_t length = 0;      ///< of the sealed blob, bytes, SealOverhead at least
     std::uint32_t plainLength = 0; ///< of the plaintext, bytes
     bool isCompressed = false;     ///< otherwise plainLength is length - SealOverhead
+
+    /// Returns true if no writer makes such a blob, so that no memory is taken for it.
+    bool IsTooLong() const { return std::max(length, plainLength) > BlobSizeLimit(handle.type); }
 
     friend bool operator==(const PackedBlob&, const PackedBlob&) = default;
 };

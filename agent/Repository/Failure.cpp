@@ -12,6 +12,8 @@ Krt::ErrorCode::Value CodeOf(Failure failure)
         return Krt::ErrorCode::NotFound;
     case Failure::WrongPassword:
         return Krt::ErrorCode::CryptoFailure;
+    case Failure::NoMemory:
+        return Krt::ErrorCode::OutOfMemory;
     default:
         return Krt::ErrorCode::InvalidState;
     }

@@ -17,7 +17,8 @@ enum class Failure
     WrongPassword, ///< no key file can be opened with the password
     Damaged,       ///< a file or blob is not what a writer stored, or breaks the format
     Missing,       ///< a file or blob that should exist does not
-    Backend        ///< the location of the files can't be read or written
+    Backend,       ///< the location of the files can't be read or written
+    NoMemory       ///< there is not enough memory for a blob
 };
 
 class RepositoryError : public Krt::Exception::YError
@@ -33,7 +34,7 @@ private:
 };
 
 /// Throws a RepositoryError for the site. Its code is NotFound for NoRepository and Missing, CryptoFailure
-/// for WrongPassword, otherwise InvalidState. Use the macro below.
+/// for WrongPassword, OutOfMemory for NoMemory, otherwise InvalidState. Use the macro below.
 [[noreturn, gnu::cold]] void RaiseFailure(Failure failure, unsigned int line, const char* file,
                                           const char* function, const Krt::YStream& message);
 

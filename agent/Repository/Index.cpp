@@ -4,6 +4,8 @@
 #include "agent/Repository/Json.h"
 #include "agent/Repository/Pack.h"
 
+#include <algorithm>
+
 namespace Agent::Repo {
 
 namespace {
@@ -315,6 +317,16 @@ std::vector<IndexedBlob> Index::FindAll(const BlobHandle& handle) const
         return false;
     });
     return copies;
+}
+
+std::uint32_t Index::LengthOf(const BlobHandle& handle) const
+{
+    std::uint32_t length = 0;
+    m_tables->FindCopies(handle, [&length](std::uint32_t, const Tables::Entry& entry) {
+        length = std::max({length, entry.length, entry.plainLength});
+        return false;
+    });
+    return length;
 }
 
 IndexedBlob Index::At(std::uint32_t number) const

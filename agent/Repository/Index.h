@@ -77,6 +77,8 @@ public:
     std::optional<IndexedBlob> Find(const BlobHandle& handle) const;
     /// The locations of all copies of the blob.
     std::vector<IndexedBlob> FindAll(const BlobHandle& handle) const;
+    /// The most bytes that a copy of the blob has, sealed or not; 0 if the index does not have it.
+    std::uint32_t LengthOf(const BlobHandle& handle) const;
     /// The blob with a number below CountBlobs. Numbers are in the order in which blobs were added.
     IndexedBlob At(std::uint32_t number) const;
 

@@ -5,11 +5,13 @@
 #include "agent/Repository/Zstd.h"
 
 #include "Krt/Log/LogSite.h"
+#include "Krt/Util/YScope.h"
 
 #include <algorithm>
 #include <atomic>
 #include <exception>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <unordered_set>
 #include <utility>
@@ -209,6 +211,31 @@ void RemoveQuietly(IBackend& backend, const FileName& file)
         backend.Remove(file);
     } catch (const Krt::Exception::YError& error) {
         KRT_LOG_FREE(Krt::MessageType::General, "Failed to remove a file of the repository: " << error);
+    }
+}
+
+// Begins the message of a failure.
+YString PrefixOf(const Id& pack, const PackedBlob& blob)
+{
+    return YString(std::string_view(FileName{FileKind::Pack, pack}.Path() + ": blob " +
+                                    blob.handle.ToText().Bytes() + " at offset " +
+                                    std::to_string(blob.offset) + ": "));
+}
+
+// Calls `call`, which takes memory for the blob, unless the blob is too long.
+template <class Call>
+void RunInMemoryFor(const Id& pack, const PackedBlob& blob, const Call& call)
+{
+    const std::uint32_t size = std::max(blob.length, blob.plainLength);
+    REPOSITORY_RAISE_UNLESS(!blob.IsTooLong(), Failure::Damaged,
+                            PrefixOf(pack, blob)
+                                << "damaged: its " << size << " bytes are more than the limit of "
+                                << BlobSizeLimit(blob.handle.type));
+    try {
+        call();
+    } catch (const std::bad_alloc&) {
+        REPOSITORY_RAISE(Failure::NoMemory, PrefixOf(pack, blob)
+                                                << "not enough memory for its " << size << " bytes");
     }
 }
 
@@ -461,17 +488,20 @@ std::vector<FileName> Repository::FindLostPacks()
 void Repository::LoadBlob(const BlobHandle& handle, Bytes& plaintext) const
 {
     std::exception_ptr firstError;
+    bool isLost = true;
     for (const IndexedBlob& copy : m_index.FindAll(handle)) {
         try {
             LoadCopy(copy, plaintext);
             return;
-        } catch (const RepositoryError&) {
+        } catch (const RepositoryError& error) {
+            isLost = isLost && error.GetFailure() != Failure::NoMemory;
             if (!firstError)
                 firstError = std::current_exception();
         }
     }
     if (firstError) {
-        m_lost->Add(handle);
+        if (isLost)
+            m_lost->Add(handle);
         std::rethrow_exception(firstError);
     }
     REPOSITORY_RAISE(Failure::Missing, "The index does not have the blob " << handle.ToText());
@@ -497,22 +527,23 @@ void Repository::VisitTree(const Id& tree, const std::function<bool(Node& node)>
 void Repository::LoadCopy(const IndexedBlob& copy, Bytes& plaintext) const
 {
     thread_local Bytes sealed;
+    const Krt::Util::YScope atEnd([] {
+        if (sealed.capacity() > ScratchLimit)
+            Bytes().swap(sealed);
+    });
     const FileName file{FileKind::Pack, m_index.GetPacks()[copy.pack].id};
-    m_backend->Load(file, copy.blob.offset, copy.blob.length, sealed);
+    RunInMemoryFor(file.id, copy.blob,
+                   [&] { m_backend->Load(file, copy.blob.offset, copy.blob.length, sealed); });
     DecodeBlob(file.id, copy.blob, sealed, plaintext);
-    if (sealed.capacity() > ScratchLimit)
-        Bytes().swap(sealed);
 }
 
 void Repository::DecodeBlob(const Id& pack, const PackedBlob& blob, std::span<unsigned char> sealed,
                             Bytes& plaintext) const
 {
     const auto describe = [&] {
-        return YString(std::string_view(FileName{FileKind::Pack, pack}.Path() + ": blob " +
-                                        blob.handle.ToText().Bytes() + " at offset " +
-                                        std::to_string(blob.offset) + ": "));
+        return PrefixOf(pack, blob);
     };
-    Named(describe, [&] {
+    const auto decode = [&] {
         const ByteView content = OpenInPlace(m_key, sealed);
         if (blob.isCompressed)
             Decompress(content, blob.plainLength, plaintext);
@@ -520,6 +551,14 @@ void Repository::DecodeBlob(const Id& pack, const PackedBlob& blob, std::span<un
             plaintext.assign(content.begin(), content.end());
         REPOSITORY_RAISE_UNLESS(Id::Of(plaintext) == blob.handle.id, Failure::Damaged,
                                 "damaged: the content has another id");
+    };
+    RunInMemoryFor(pack, blob, [&] {
+        try {
+            Named(describe, decode);
+        } catch (const std::bad_alloc&) {
+            Bytes().swap(plaintext);
+            throw;
+        }
     });
 }
 

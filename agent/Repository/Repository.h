@@ -119,7 +119,8 @@ public:
     std::vector<FileName> FindLostPacks();
     /// Replaces the content of `plaintext` with a blob, and verifies it. Copies in several packs are tried
     /// one after the other. Raises Missing if the index does not have it, otherwise what the first copy
-    /// raised. Memory of `plaintext` is reused, so a caller keeps one for each thread.
+    /// raised. Memory of `plaintext` is reused, so a caller keeps one for each thread. Raises Damaged for a
+    /// copy that is longer than BlobSizeLimit, and NoMemory if there is not enough memory for it.
     void LoadBlob(const BlobHandle& handle, Bytes& plaintext) const;
     /// Loads a tree and calls `visit` for each node, which it may change, until it returns false. Failures to
     /// read the tree name it; what `visit` raises passes through. Nodes are checked as TreeReader does, which
@@ -127,7 +128,8 @@ public:
     void VisitTree(const Id& tree, const std::function<bool(Node& node)>& visit,
                    UnknownMembers unknown = UnknownMembers::Ignore, BadEntryVisitor onBadEntry = {}) const;
     /// Replaces the content of `plaintext` with a blob whose sealed bytes the caller has read, as described
-    /// by `blob`, from `pack`. Raises Damaged if they are not this blob. `sealed` is changed.
+    /// by `blob`, from `pack`. Raises Damaged if they are not this blob or it is longer than BlobSizeLimit,
+    /// and NoMemory. `sealed` is changed.
     void DecodeBlob(const Id& pack, const PackedBlob& blob, std::span<unsigned char> sealed,
                     Bytes& plaintext) const;
 

@@ -3,9 +3,11 @@
 #include "agent/Repository/Failure.h"
 
 #include <zstd.h>
+#include <zstd_errors.h>
 
 #include <algorithm>
 #include <memory>
+#include <new>
 
 namespace Agent::Repo {
 
@@ -34,7 +36,8 @@ ZSTD_CCtx* CompressorOfThread()
 ZSTD_DCtx* DecompressorOfThread()
 {
     thread_local const std::unique_ptr<ZSTD_DCtx, Free> context(ZSTD_createDCtx());
-    KRT_RAISE_UNLESS(context != nullptr, Krt::ErrorCode::OutOfMemory, "No memory to decompress");
+    if (context == nullptr)
+        throw std::bad_alloc();
     ZSTD_DCtx_reset(context.get(), ZSTD_reset_session_only);
     ZSTD_DCtx_setParameter(context.get(), ZSTD_d_windowLogMax, ReadWindowLog);
     return context.get();
@@ -43,6 +46,15 @@ ZSTD_DCtx* DecompressorOfThread()
 [[noreturn]] void RaiseDamaged(const char* reason)
 {
     REPOSITORY_RAISE(Failure::Damaged, "damaged: the compressed content " << reason);
+}
+
+// Raises if the result of a call is an error.
+void CheckResult(std::size_t result)
+{
+    if (ZSTD_getErrorCode(result) == ZSTD_error_memory_allocation)
+        throw std::bad_alloc();
+    if (ZSTD_isError(result))
+        RaiseDamaged(ZSTD_getErrorName(result));
 }
 
 // Decompresses into memory that grows with what comes.
@@ -63,8 +75,7 @@ void DecompressInSteps(ByteView frames, std::size_t limit, std::size_t firstRoom
                               isFull ? 1 : out.size(), isFull ? 0 : used};
         const std::size_t before = output.pos;
         const std::size_t result = ZSTD_decompressStream(context, &output, &input);
-        if (ZSTD_isError(result))
-            RaiseDamaged(ZSTD_getErrorName(result));
+        CheckResult(result);
         if (isFull && output.pos != 0)
             RaiseDamaged("is longer than it may be");
         isInFrame = result != 0;
@@ -85,8 +96,7 @@ std::size_t CountBytes(ByteView frames, std::size_t limit)
     for (bool isAtEnd = false; !isAtEnd && count <= limit;) {
         ZSTD_outBuffer output{step.data(), step.size(), 0};
         const std::size_t result = ZSTD_decompressStream(context, &output, &input);
-        if (ZSTD_isError(result))
-            RaiseDamaged(ZSTD_getErrorName(result));
+        CheckResult(result);
         count += output.pos;
         isAtEnd = input.pos == input.size && output.pos < output.size;
     }
@@ -122,8 +132,7 @@ void Decompress(ByteView frames, std::size_t size, Bytes& out)
         out.resize(size);
         const std::size_t result =
             ZSTD_decompressDCtx(DecompressorOfThread(), out.data(), size, frames.data(), frames.size());
-        if (ZSTD_isError(result))
-            RaiseDamaged(ZSTD_getErrorName(result));
+        CheckResult(result);
         out.resize(result);
     }
     if (out.size() != size)

@@ -28,6 +28,8 @@ LoadedBlobs BlobLoader::Load(const std::vector<Id>& ids)
     LoadedBlobs blobs;
     std::vector<Wanted> wanted;
     for (const Id& id : ids) {
+        if (m_repository.GetIndex().LengthOf({BlobType::Data, id}) > Repo::LargeBlobSize)
+            continue;
         const auto [blob, isNew] = blobs.try_emplace(id);
         if (!isNew)
             continue;

@@ -35,9 +35,9 @@ public:
         : m_repository(repository), m_threads(threads), m_keptLimit(keptBytes)
     {}
 
-    /// Loads each of the blobs once, on another thread. Getting the result raises what is not a
-    /// RepositoryError, such as an interrupt. The loader outlives the result, whose destructor waits. The
-    /// next call comes after the result was fetched.
+    /// Loads each of the blobs once, on another thread, without those above LargeBlobSize. Getting the result
+    /// raises what is not a RepositoryError, such as an interrupt. The loader outlives the result, whose
+    /// destructor waits. The next call comes after the result was fetched.
     std::future<LoadedBlobs> Start(std::vector<Repo::Id> ids);
 
 private:

@@ -18,6 +18,8 @@ void FileBlobs::Begin(const std::vector<Id>& ids, const std::vector<bool>& isUpT
 
 const Repo::Bytes& FileBlobs::Get(std::size_t i, const Id& id)
 {
+    if (m_single.capacity() > Repo::LargeBlobSize)
+        Repo::Bytes().swap(m_single);
     while (m_ids != nullptr && i >= m_windowEnd) {
         m_windowEnd = m_nextEnd;
         m_blobs = m_next.get();

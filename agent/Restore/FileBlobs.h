@@ -1,5 +1,6 @@
 // FileBlobs: the blobs of the files that a restore writes. Those of small files are loaded together before.
-// Those of a large file come in windows, of which one is loaded while the one before is written.
+// Those of a large file come in windows, of which one is loaded while the one before is written. A blob above
+// LargeBlobSize is loaded when it is needed.
 #pragma once
 
 #include "agent/Restore/BlobLoader.h"

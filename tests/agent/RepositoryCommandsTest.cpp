@@ -9,6 +9,7 @@
 #include "agent/Repository/LocalBackend.h"
 #include "agent/Repository/Pack.h"
 #include "agent/Repository/Tree.h"
+#include "agent/Repository/Zstd.h"
 
 #include "testing/AwkwardNames.h"
 #include "testing/RepositoryFixture.h"
@@ -568,6 +569,51 @@ TEST_F(RepositoryCommands, CompressedTextIsBounded)
     const std::string zeros = R"({"x":")" + std::string(17 << 20, '0') + R"("})";
     opened.SaveText(FileKind::Snapshot, zeros);
     EXPECT_TRUE(Holds(Run(3, "snapshots").errors, "is longer than it may be"));
+}
+
+// A blob of a few kilobytes that would fill the memory.
+TEST_F(RepositoryCommands, HugeBlobFailsAlone)
+{
+    const Repo::Repository opened = Create();
+    constexpr std::uint32_t PartSize = 16 << 20, Parts = 64;
+    Repo::Bytes frame, frames, sealed;
+    Repo::Compress(Repo::Bytes(PartSize), frame);
+    for (std::uint32_t i = 0; i < Parts; ++i)
+        frames.insert(frames.end(), frame.begin(), frame.end());
+    Repo::Seal(opened.GetKey(), frames, sealed);
+    const Id id = Id::Of(frames);
+    Repo::PackWriter pack(opened.GetKey());
+    for (const BlobType type : {BlobType::Data, BlobType::Tree})
+        pack.AddSealed({.handle = {type, id}, .plainLength = PartSize * Parts, .isCompressed = true}, sealed);
+    Repo::IndexFileWriter index;
+    const Id packId = opened.SavePack(pack.Finish());
+    index.Add(packId, pack.GetBlobs());
+    opened.SaveText(FileKind::Index, index.Finish());
+    SnapshotMaker maker(opened);
+    const Id good = maker.Add(BlobType::Data, "good");
+    maker.Save(
+        maker.Add(BlobType::Tree, R"({"nodes":[{"name":"d","type":"dir","subtree":")" + id.ToHex() +
+                                      R"("},{"name":"f","type":"file","size":1073741824,"content":[")" +
+                                      id.ToHex() + R"("]},{"name":"g","type":"file","size":4,"content":[")" +
+                                      good.ToHex() + R"("]}]})"));
+    const auto limitMemory = [] {
+        const rlimit limit{900000 << 10, 900000 << 10};
+        if (!KBAGENT_IS_SANITIZED) // a sanitizer takes more
+            setrlimit(RLIMIT_AS, &limit);
+    };
+    const std::string data =
+        Repo::FileName{FileKind::Pack, packId}.Path() + ": blob data " + id.ToHex() +
+        " at offset 0: damaged: its 1073741824 bytes are more than the limit of 268435456";
+    for (const auto& [exitCode, command] : {std::pair(3, "restore latest --target target"),
+                                            {3, "dump latest / -t /dev/null"},
+                                            {1, "check --read-data"}}) {
+        const std::string errors =
+            Run(exitCode, Words(command), {.prepare = limitMemory}, {"MALLOC_ARENA_MAX=1"}).errors;
+        EXPECT_TRUE(Holds(errors, data)) << errors;
+        EXPECT_TRUE(KBAGENT_IS_SANITIZED || Holds(errors, "not enough memory for its 1073741824 bytes"))
+            << errors;
+    }
+    EXPECT_EQ(ReadFile(target + "/g"), "good");
 }
 
 TEST_F(RepositoryCommands, ArchiveHasAccessLists)
