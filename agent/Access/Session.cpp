@@ -5,6 +5,7 @@
 #include "agent/Access/Workers.h"
 #include "agent/Repository/LocalBackend.h"
 #include "agent/Repository/Unix/SecretPages.h"
+#include "agent/Run/Interrupt.h"
 #include "agent/Run/Syncer.h"
 #include "agent/Run/Text.h"
 #include "agent/Run/UsageError.h"
@@ -90,7 +91,7 @@ void Session::LoadIndex()
     const auto report = [this](const Repo::FileName& file, const RepositoryError& error) {
         ReportFailure(m_report, file, error);
     };
-    m_repository->LoadIndex(report, WorkerCount());
+    m_repository->LoadIndex(report, WorkerCount(), RaiseIfInterrupted);
 }
 
 void Session::FindLostPacks()

@@ -133,7 +133,7 @@ void Check::LoadIndex()
         m_summary.isIndexWrong = true;
         Fail(file, error);
     };
-    m_repository.LoadIndex(fail, WorkerCount());
+    m_repository.LoadIndex(fail, WorkerCount(), RaiseIfInterrupted);
     if (const std::size_t count = m_repository.GetIndex().CountDuplicates(); count != 0) {
         m_summary.hasUnusedPacks = true;
         m_observer.OnHint("index: entries that are in several index files: " + std::to_string(count));

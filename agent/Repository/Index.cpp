@@ -65,7 +65,7 @@ PackedBlob ReadBlob(JsonReader& reader)
 }
 
 // Replaces the content of `blobs`.
-Id ReadPack(JsonReader& reader, std::vector<PackedBlob>& blobs)
+Id ReadPack(JsonReader& reader, std::vector<PackedBlob>& blobs, const std::function<void()>& onItem)
 {
     std::optional<Id> pack;
     std::string_view key;
@@ -79,8 +79,11 @@ Id ReadPack(JsonReader& reader, std::vector<PackedBlob>& blobs)
             if (reader.IsNull())
                 continue;
             reader.BeginArray();
-            while (reader.NextItem())
+            while (reader.NextItem()) {
+                if (onItem)
+                    onItem();
                 blobs.push_back(ReadBlob(reader));
+            }
         } else {
             reader.Skip();
         }
@@ -135,7 +138,7 @@ private:
 
 } // namespace
 
-void ReadIndexFile(std::string_view json, const PackVisitor& visit)
+void ReadIndexFile(std::string_view json, const PackVisitor& visit, const std::function<void()>& onItem)
 {
     JsonReader reader(json);
     std::vector<PackedBlob> blobs;
@@ -150,7 +153,9 @@ void ReadIndexFile(std::string_view json, const PackVisitor& visit)
             continue;
         reader.BeginArray();
         while (reader.NextItem()) {
-            const Id pack = ReadPack(reader, blobs);
+            if (onItem)
+                onItem();
+            const Id pack = ReadPack(reader, blobs, onItem);
             visit(pack, blobs);
         }
     }

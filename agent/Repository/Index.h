@@ -19,8 +19,9 @@ using PackVisitor = std::function<void(const Id& pack, std::span<const PackedBlo
 
 /// Reads the JSON text of one index file, and calls `visit` for each pack in the file's order. Raises Damaged
 /// with the offset for other text, and for offsets or lengths that no pack can have; packs before the
-/// position were visited then. What `visit` raises passes through.
-void ReadIndexFile(std::string_view json, const PackVisitor& visit);
+/// position were visited then. `onItem` is called for each pack and blob, however long the text is. What
+/// these raise passes through.
+void ReadIndexFile(std::string_view json, const PackVisitor& visit, const std::function<void()>& onItem = {});
 
 /// Appends packs to the JSON text of an index file. One thread at a time.
 class IndexFileWriter

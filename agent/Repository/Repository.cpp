@@ -34,19 +34,27 @@ constexpr unsigned char CompressedMark = 2;            // the first byte of a fi
 struct ParsedIndex
 {
     // Packs before the place of a failure stay.
-    void Read(std::string_view json)
+    void Read(std::string_view json, const std::function<void()>& onItem)
     {
-        ReadIndexFile(json, [this](const Id& pack, std::span<const PackedBlob> ofPack) {
+        const auto add = [this](const Id& pack, std::span<const PackedBlob> ofPack) {
             blobs.insert(blobs.end(), ofPack.begin(), ofPack.end());
             packs.push_back({pack, blobs.size()});
-        });
+        };
+        ReadIndexFile(json, add, onItem);
     }
-    void AddTo(Index& index) const
+    // Many copies of a blob take long, so that a pack is added in steps.
+    void AddTo(Index& index, const std::function<void()>& onItem) const
     {
+        constexpr std::size_t StepSize = 4096; // blobs
         std::size_t begin = 0;
         for (const auto& [pack, end] : packs) {
-            index.AddPack(pack, std::span(blobs).subspan(begin, end - begin));
-            begin = end;
+            do {
+                if (onItem)
+                    onItem();
+                const std::size_t count = std::min(end - begin, StepSize);
+                index.AddPack(pack, std::span(blobs).subspan(begin, count));
+                begin += count;
+            } while (begin < end);
         }
     }
 
@@ -417,7 +425,8 @@ std::vector<PackedBlob> Repository::LoadPackHeader(const Id& pack, std::uint64_t
     });
 }
 
-void Repository::LoadIndex(const FailureVisitor& onFailure, unsigned int threads)
+void Repository::LoadIndex(const FailureVisitor& onFailure, unsigned int threads,
+                           const std::function<void()>& onItem)
 {
     Index index;
     const std::vector<Id> ids = ListIds(FileKind::Index);
@@ -425,7 +434,7 @@ void Repository::LoadIndex(const FailureVisitor& onFailure, unsigned int threads
     const auto read = [&](std::size_t number, ParsedIndex& parsed) {
         const FileName file{FileKind::Index, ids[number]};
         const auto parse = [&](const std::string& text) {
-            Named(At(file), [&] { parsed.Read(text); });
+            Named(At(file), [&] { parsed.Read(text, onItem); });
         };
         std::string text;
         try {
@@ -439,7 +448,7 @@ void Repository::LoadIndex(const FailureVisitor& onFailure, unsigned int threads
         parse(text);
     };
     const auto add = [&](std::size_t number, const ParsedIndex& parsed, const std::exception_ptr& failure) {
-        parsed.AddTo(index);
+        parsed.AddTo(index, onItem);
         try {
             if (failure)
                 std::rethrow_exception(failure);

@@ -107,8 +107,10 @@ public:
     /// are to be complete are listed before. With `onFailure`, index files that can't be read are given to it
     /// on the calling thread, and skipped; otherwise the first one raises, and the index is unchanged. No
     /// other thread uses the repository meanwhile. Memory beyond that of the index is that of one index file
-    /// for each thread, and one more.
-    void LoadIndex(const FailureVisitor& onFailure = {}, unsigned int threads = 1);
+    /// for each thread, and one more. `onItem` is called often by any of the threads. What it raises, which
+    /// is not a RepositoryError, ends the call, and the index is unchanged.
+    void LoadIndex(const FailureVisitor& onFailure = {}, unsigned int threads = 1,
+                   const std::function<void()>& onItem = {});
     /// Empty before LoadIndex.
     const Index& GetIndex() const { return m_index; }
     /// Returns true if the index has the blob, and it was not found to be lost: LoadBlob could not read it,

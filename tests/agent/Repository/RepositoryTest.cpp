@@ -422,6 +422,14 @@ TEST(Repository, HasTheSameIndexWithAnyNumberOfThreads)
     EXPECT_EQ(one.size(), 40u);
     EXPECT_TRUE(read() == one);
 
+    std::atomic<int> looks{0};
+    const auto interrupt = [&looks] { // while the second half is read or added
+        KRT_RAISE_UNLESS(++looks <= 60, Krt::ErrorCode::InvalidState, "Interrupted");
+    };
+    EXPECT_THROW(repository.LoadIndex([](const auto&...) { FAIL() << "not a damaged file"; }, 4, interrupt),
+                 Krt::Exception::YError);
+    EXPECT_TRUE(read() == one) << "it is unchanged";
+
     const std::vector<Id> files = repository.ListIds(FileKind::Index);
     for (const Id& damaged : {files[3], files[30]})
         repository.GetBackend().Save({FileKind::Index, damaged}, AsBytes("x"));
