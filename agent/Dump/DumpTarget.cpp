@@ -5,6 +5,7 @@
 
 #include "Krt/Exception/Raise.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -20,15 +21,20 @@ namespace {
 
 // A directory that the user can't read can't be made durable alone; some file systems, such as those of
 // networks, can't do it for any.
-void SyncDirectory(const std::string& path)
+void SyncDirectory(const YDirectory& directory, const std::string& file)
 {
+    // The handle of the directory only finds entries.
+    const auto opened = Krt::Util::OwnAboveStandardStreams(CallSystem(
+        [&] { return openat(directory.GetHandle().Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    int reason = opened.error;
     try {
-        Krt::File::Sync(YDirectory::OpenFollowing(path.c_str()).GetHandle());
+        if (reason == 0)
+            Krt::File::Sync(opened.value);
     } catch (const Krt::Exception::YError& error) {
-        const int reason = error.GetOsError();
-        if (reason != EACCES && reason != EINVAL && reason != ENOTSUP)
-            throw;
+        reason = error.GetOsError();
     }
+    if (reason != 0 && reason != EACCES && reason != EINVAL && reason != ENOTSUP)
+        KRT_RAISE_OS(reason, "Failed to make the name of the file durable: " << file.c_str());
 }
 
 } // namespace
@@ -39,7 +45,7 @@ DumpTarget::DumpTarget(const std::string& path, Report& report) : m_report(repor
         return;
     struct stat existing
     {};
-    const bool exists = stat(m_path.c_str(), &existing) == 0;
+    bool exists = stat(m_path.c_str(), &existing) == 0;
     struct stat output
     {};
     if (exists && fstat(STDOUT_FILENO, &output) == 0 && existing.st_dev == output.st_dev &&
@@ -49,16 +55,17 @@ DumpTarget::DumpTarget(const std::string& path, Report& report) : m_report(repor
     }
     std::error_code failure;
     std::filesystem::path place = std::filesystem::absolute(m_path);
+    std::error_code ignored;
+    if (!exists && std::filesystem::is_symlink(place, ignored)) {
+        existing = CreateLinked();
+        exists = true;
+    }
     if (exists)
         place = std::filesystem::canonical(place, failure); // a symlink to the file stays
-    // The system decides whether a symlink to a missing file may be followed.
-    std::error_code ignored;
-    const bool isDangling = !exists && std::filesystem::is_symlink(place, ignored);
-    if (!failure && !isDangling && (!exists || S_ISREG(existing.st_mode)) && place.has_filename()) {
+    if (!failure && (!exists || S_ISREG(existing.st_mode)) && place.has_filename()) {
         m_name = YString(place.filename().string());
         try {
-            m_place = place.parent_path().string();
-            CreateIn(m_place, exists ? &existing : nullptr);
+            CreateIn(place.parent_path().string(), exists ? &existing : nullptr);
             return;
         } catch (const Krt::Exception::YError& error) {
             const int number = error.GetOsError();
@@ -80,22 +87,41 @@ DumpTarget::~DumpTarget()
 void DumpTarget::Discard()
 {
     try {
-        if (m_directory)
+        struct stat now
+        {};
+        if (m_directory && !m_temporary.IsEmpty())
             m_directory->RemoveFile(m_temporary);
+        if (m_directory && m_created && m_directory->StatIfPresent(m_name, now) &&
+            Krt::File::FileId(now) == *m_created && now.st_size == 0)
+            m_directory->RemoveFile(m_name);
     } catch (const Krt::Exception::YError&) {
         // the error that ended the dump is reported
     }
     m_directory.reset();
 }
 
+// Creates the missing file that a symlink names, and returns its status. The system decides whether the
+// symlink may be followed. The file is empty until the dump is complete.
+struct stat DumpTarget::CreateLinked()
+{
+    const auto file = KRT_OS_VALUE(Krt::Util::OwnAboveStandardStreams(CallSystem([&] {
+                                       return open(m_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+                                   })),
+                                   "Failed to create file: " << m_path.c_str());
+    const struct stat status = Krt::File::Stat(file);
+    m_created = Krt::File::FileId(status);
+    return status;
+}
+
 void DumpTarget::CreateIn(const std::string& directory, const struct stat* existing)
 {
     try {
-        YDirectory opened = YDirectory::OpenToSearch(directory.c_str());
-        m_temporary = TemporaryName(".kbagent-dump-");
-        m_file = opened.CreateFile(m_temporary);
-        m_directory.emplace(std::move(opened));
+        m_directory.emplace(YDirectory::OpenToSearch(directory.c_str()));
+        const YString name = TemporaryName(".kbagent-dump-");
+        m_file = m_directory->CreateFile(name);
+        m_temporary = name;
     } catch (const Krt::Exception::YError& error) {
+        Discard();
         if (error.GetType() != Krt::ExceptionType::OsError)
             throw;
         KRT_RAISE_OS(error.GetOsError(), "Failed to create a file in the directory of " << m_path.c_str());
@@ -139,8 +165,9 @@ void DumpTarget::Close()
     if (!m_directory)
         return;
     m_directory->Rename(m_temporary, *m_directory, m_name);
+    const YDirectory directory = std::move(*m_directory);
     m_directory.reset();
-    SyncDirectory(m_place);
+    SyncDirectory(directory, m_path);
 }
 
 } // namespace Agent

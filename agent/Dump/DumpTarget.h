@@ -4,6 +4,7 @@
 #include "agent/Repository/Bytes.h"
 #include "agent/Run/Report.h"
 
+#include "Krt/File/Unix/Status.h"
 #include "Krt/File/YDirectory.h"
 #include "Krt/Util/YUnxHandle.h"
 
@@ -16,10 +17,10 @@ class DumpTarget
 {
 public:
     /// Standard output if `path` is empty; otherwise the file, which gets its name when the target is closed.
-    /// It replaces a file that exists, whose owner and mode it gets. A symlink stays. Written to are what
-    /// exists and is not a regular file, such as a FIFO, the file of standard output, a file in a directory
-    /// in which the user can't create one, and the missing file that a symlink names. Raises the operating
-    /// system's error.
+    /// It replaces a file that exists, whose owner and mode it gets. A symlink stays. The missing file that a
+    /// symlink names is empty until then. Written to are what exists and is not a regular file, such as a
+    /// FIFO, the file of standard output, and a file in a directory in which the user can't create one.
+    /// Raises the operating system's error.
     DumpTarget(const std::string& path, Report& report);
     /// Removes the file unless the target was closed.
     ~DumpTarget();
@@ -32,6 +33,7 @@ public:
     void Close();
 
 private:
+    struct stat CreateLinked();
     void CreateIn(const std::string& directory, const struct stat* existing);
     void Discard();
 
@@ -41,7 +43,7 @@ private:
     std::optional<Krt::File::YDirectory> m_directory; // of a file that has not got its name yet
     Krt::YString m_temporary;
     Krt::YString m_name;
-    std::string m_place; // the path of m_directory
+    std::optional<Krt::File::FileId> m_created; // the empty file that a symlink names
 };
 
 } // namespace Agent

@@ -372,6 +372,8 @@ TEST_F(RepositoryCommands, DamageIsNamedAndDoesNotEndCheck)
     EXPECT_EQ(ReadFile(kept), "a");
     EXPECT_TRUE(fs::is_symlink(directory / "link"));
     fs::create_symlink("created", directory / "dangling");
+    Run(1, "dump latest /c --target dangling");
+    EXPECT_FALSE(fs::exists(directory / "created"));
     Run(3, "dump latest /a --target dangling");
     EXPECT_EQ(ReadFile(directory / "created"), "a");
     for (const auto& entry : fs::directory_iterator(directory.Path()))
