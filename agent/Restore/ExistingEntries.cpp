@@ -51,6 +51,18 @@ bool IsKept(Overwrite overwrite, const struct stat& existing, const RestoreItem&
             !IsEarlier(Krt::File::WriteTime(existing), item.recorded.attributes.write));
 }
 
+void ChooseAction(Overwrite overwrite, RestoreItem& item)
+{
+    using Action = RestoreItem::Action;
+    const timespec& written = item.recorded.attributes.write;
+    const timespec& existing = Krt::File::WriteTime(item.existing);
+    item.action = IsKept(overwrite, item.existing, item) ? Action::Skip : Action::Update;
+    if (item.action == Action::Update && overwrite == Overwrite::IfChanged &&
+        S_ISREG(item.existing.st_mode) && item.recorded.type == S_IFREG &&
+        static_cast<std::uint64_t>(item.existing.st_size) == item.recorded.size && IsSame(existing, written))
+        item.action = Action::KeepUnchanged;
+}
+
 void CompareContent(const Repo::Index& index, const YDirectory& parent, RestoreItem& item)
 {
     try {

@@ -29,6 +29,8 @@ private:
 
 /// Returns true if the user wants to keep what exists, which has this status and is not a directory.
 bool IsKept(Overwrite overwrite, const struct stat& existing, const RestoreItem& item);
+/// Chooses the action for what exists, whose status the item has. It is not a directory.
+void ChooseAction(Overwrite overwrite, RestoreItem& item);
 /// Finds the parts of the content that the file that exists has at the same offset, and whether it has all of
 /// them. `parent` is the directory of the file.
 void CompareContent(const Repo::Index& index, const Krt::File::YDirectory& parent, RestoreItem& item);

@@ -102,8 +102,11 @@ void ItemWriter::Make(RestoreItem& item, FileBlobs& blobs)
         return;
     if (item.recorded.type == S_IFDIR)
         MakeDirectory(item);
-    else if (!KeepUnchanged(item))
-        MakeOther(item, blobs);
+    else {
+        PlanUnseen(item);
+        if (!KeepUnchanged(item))
+            MakeOther(item, blobs);
+    }
     NoteOtherTimes(item);
 }
 
@@ -140,6 +143,20 @@ void ItemWriter::MakeRoom(RestoreItem& item)
               (S_ISLNK(existing.st_mode) ? "There is a symlink instead of a directory: "
                                          : "There is an entry that is not a directory: ")
                   << name << "; nothing below it is restored" << hint);
+}
+
+// Plans an entry in a directory that had no rights for its owner. The blobs of it were loaded already.
+void ItemWriter::PlanUnseen(RestoreItem& item)
+{
+    if (!m_state.maker || !item.isUnseen)
+        return;
+    const YDirectory& parent = *ParentOf(item);
+    if (!parent.StatIfPresent(item.location.back(), item.existing))
+        return;
+    ChooseAction(m_state.settings.overwrite, item);
+    if (item.action == Action::Update && S_ISREG(item.existing.st_mode) && item.recorded.type == S_IFREG &&
+        m_state.links.FirstOf(item) == nullptr)
+        CompareContent(m_state.repository.GetIndex(), parent, item);
 }
 
 void ItemWriter::MakeDirectory(RestoreItem& item)

@@ -25,6 +25,7 @@ private:
     const Krt::File::YDirectory* ParentOf(const RestoreItem& item);
     void MakeRoom(RestoreItem& item);
     void MakeDirectory(RestoreItem& item);
+    void PlanUnseen(RestoreItem& item);
     void MakeOther(RestoreItem& item, FileBlobs& blobs);
     void WriteContent(const RestoreItem& item, const Krt::File::YDirectory& parent, FileBlobs& blobs,
                       const Krt::Util::YUnxHandle& file);

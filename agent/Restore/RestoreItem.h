@@ -36,6 +36,7 @@ struct RestoreItem
     Action action = Action::Restore;
     struct stat existing
     {};                         ///< of the file that exists
+    bool isUnseen = false;      ///< its directory could not be opened, so what exists is not known yet
     std::exception_ptr failure; ///< why the entry can't be restored
     bool isPending = false;     ///< a directory that is restored only for what is below it
     std::optional<std::unordered_set<std::string>> names; ///< of a directory that is cleaned

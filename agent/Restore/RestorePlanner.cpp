@@ -133,24 +133,17 @@ bool RestorePlanner::IsComplete(const RestoreItem& item) const
 
 void RestorePlanner::PlanExisting(RestoreItem& item)
 {
-    using Action = RestoreItem::Action;
     const YDirectory* const parent = m_state.existing.ParentOf(item.location);
     try {
+        item.isUnseen = parent == nullptr;
         if (parent == nullptr || !parent->StatIfPresent(item.location.back(), item.existing))
             return;
     } catch (const Krt::Exception::YError&) {
-        return; // the writer looks again
-    }
-    const Overwrite overwrite = m_state.settings.overwrite;
-    const timespec& written = item.recorded.attributes.write;
-    const timespec& existing = Krt::File::WriteTime(item.existing);
-    if (S_ISDIR(item.existing.st_mode))
+        item.isUnseen = true;
         return;
-    item.action = IsKept(overwrite, item.existing, item) ? Action::Skip : Action::Update;
-    if (item.action == Action::Update && overwrite == Overwrite::IfChanged &&
-        S_ISREG(item.existing.st_mode) && item.recorded.type == S_IFREG &&
-        static_cast<std::uint64_t>(item.existing.st_size) == item.recorded.size && IsSame(existing, written))
-        item.action = Action::KeepUnchanged;
+    }
+    if (!S_ISDIR(item.existing.st_mode))
+        ChooseAction(m_state.settings.overwrite, item);
 }
 
 } // namespace Agent

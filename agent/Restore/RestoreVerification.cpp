@@ -56,14 +56,12 @@ std::optional<Krt::Util::YUnxHandle> OpenUnlessDenied(const YDirectory& parent, 
     }
 }
 
-void VerifyFile(RestoreState& state, ExistingEntries& existing, const std::string& path, const Node& node)
+void VerifyFile(RestoreState& state, const std::string& path, const Node& node)
 {
     try {
         const TargetLocation location = LocationOf(path);
-        const YDirectory* const parent = existing.ParentOf(location);
-        KRT_RAISE_UNLESS(parent != nullptr, ErrorCode::NotFound,
-                         "Not verified: its directory can't be opened");
-        const auto file = OpenUnlessDenied(*parent, location.back(), node);
+        const YDirectory& parent = state.maker->GetTree().ExistingParentOf(location);
+        const auto file = OpenUnlessDenied(parent, location.back(), node);
         if (!file) {
             state.progress.CountUnverified();
             state.report.Note(YString(path + ": Not verified: its mode does not allow the user to read it"));
@@ -82,16 +80,16 @@ void VerifyFile(RestoreState& state, ExistingEntries& existing, const std::strin
 
 void VerifyRestored(RestoreState& state, const Repo::Id& tree)
 {
-    ExistingEntries existing(state.existing.GetRoot()); // as it is now
     WalkTree(
         state.repository, tree, "",
         [&](const std::string& path, Node& node) {
             const Selection selection = state.settings.Select(path, node.type == NodeType::Directory);
             if (selection.isSelected && node.type == NodeType::File && !state.unverified.contains(path))
-                VerifyFile(state, existing, path, node);
+                VerifyFile(state, path, node);
             return selection.mayHaveSelected ? Step::Into : Step::Past;
         },
         [](const std::string&, const Krt::Exception::YError&) {});
+    state.maker->GetTree().Finish();
 }
 
 } // namespace Agent

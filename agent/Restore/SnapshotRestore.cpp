@@ -69,12 +69,12 @@ void SnapshotRestore::Run(const Id& tree)
     m_pending.clear();
     if (m_state.progress.HasFoundNothing() && !m_state.settings.includes.IsEmpty())
         m_state.report.Note("No entry matches the patterns, so nothing is restored");
-    if (m_state.maker) {
-        m_state.maker->GetTree().Finish();
-        m_state.maker->GetTree().Sync();
-    }
-    if (m_state.settings.verifies && m_state.maker)
+    if (!m_state.maker)
+        return;
+    m_state.maker->GetTree().Finish();
+    if (m_state.settings.verifies)
         VerifyRestored(m_state, tree);
+    m_state.maker->GetTree().Sync();
 }
 
 Step SnapshotRestore::Visit(const std::string& path, Node& node)

@@ -59,6 +59,11 @@ const YDirectory& TargetTree::ParentOf(const TargetLocation& location)
     return Descend(location, location.size() - 1);
 }
 
+const YDirectory& TargetTree::ExistingParentOf(const TargetLocation& location)
+{
+    return Descend(location, location.size() - 1, false);
+}
+
 const Staging& TargetTree::StagingFor(const TargetLocation& location)
 {
     const YDirectory& parent = ParentOf(location);
@@ -102,7 +107,7 @@ void TargetTree::Sync() const
         SyncFileSystem(directory.GetHandle());
 }
 
-const YDirectory& TargetTree::Descend(const TargetLocation& location, std::size_t depth)
+const YDirectory& TargetTree::Descend(const TargetLocation& location, std::size_t depth, bool mayCreate)
 {
     std::size_t common = 0;
     while (common < depth && common < m_entered.size() && m_entered[common].name == location[common])
@@ -110,7 +115,7 @@ const YDirectory& TargetTree::Descend(const TargetLocation& location, std::size_
     while (m_entered.size() > common)
         Leave();
     while (m_entered.size() < depth) {
-        m_entered.push_back(OpenOrMake(Top(), location[m_entered.size()]));
+        m_entered.push_back(OpenOrMake(Top(), location[m_entered.size()], mayCreate));
         if (m_entered.size() - m_closed > MaximumOpen)
             CloseOutermost();
     }
@@ -171,13 +176,15 @@ const YDirectory& TargetTree::Top() const
     return m_entered.empty() ? m_root : *m_entered.back().directory;
 }
 
-TargetTree::EnteredDirectory TargetTree::OpenOrMake(const YDirectory& parent, const YString& name)
+TargetTree::EnteredDirectory TargetTree::OpenOrMake(const YDirectory& parent, const YString& name,
+                                                    bool mayCreate)
 {
     struct stat status
     {};
     const bool isNew = !parent.StatIfPresent(name, status);
     bool isWidened = false;
     if (isNew) {
+        KRT_RAISE_UNLESS(mayCreate, ErrorCode::NotFound, "The directory does not exist: " << name);
         parent.MakeDirectory(name, PrivateMode);
     } else if (S_ISLNK(status.st_mode)) {
         KRT_RAISE(ErrorCode::InvalidState, "There is a symlink instead of a directory: " << name);

@@ -34,6 +34,8 @@ public:
     /// with mode 0700 unless MakeDirectory gives attributes later. Raises InvalidState if one of them exists
     /// and is not a directory. Valid until the next call.
     const Krt::File::YDirectory& ParentOf(const TargetLocation& location);
+    /// ParentOf without creating anything: raises NotFound if a directory is missing.
+    const Krt::File::YDirectory& ExistingParentOf(const TargetLocation& location);
     /// Returns the staging directory in the parent directory of the location. It is created by the first call
     /// and removed when the restore leaves the parent directory. Valid until the next call.
     const Staging& StagingFor(const TargetLocation& location);
@@ -65,9 +67,11 @@ private:
         std::vector<Krt::YString> refused; // before the restore leaves it
     };
 
-    const Krt::File::YDirectory& Descend(const TargetLocation& location, std::size_t depth);
+    const Krt::File::YDirectory& Descend(const TargetLocation& location, std::size_t depth,
+                                         bool mayCreate = true);
     const Krt::File::YDirectory& Top() const;
-    EnteredDirectory OpenOrMake(const Krt::File::YDirectory& parent, const Krt::YString& name);
+    EnteredDirectory OpenOrMake(const Krt::File::YDirectory& parent, const Krt::YString& name,
+                                bool mayCreate);
     void CloseOutermost();
     void OpenClosed();
     void ForgetClosed(const Krt::YString& reason);

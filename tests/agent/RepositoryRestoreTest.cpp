@@ -520,6 +520,28 @@ TEST_F(RepositoryRestore, OrdinaryUserRestoresAttributesOfReadOnlyFileAgain)
     }
 }
 
+TEST_F(RepositoryRestore, FilesInDirectoriesWithoutRightsAreVerifiedAndStay)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "root can read each directory";
+    MakeSnapshot({Directory("d",
+                            {FileWith("a", "1"), LinkTo("l", "a"),
+                             Directory("e", {FileWith("b", std::string(1 << 20, 'b'))}, 0300)},
+                            0)});
+    GiveToOrdinaryUser();
+    ino_t inode = 0;
+    for (const char* output : {"Restored 5 files/dirs (1.000 MiB)", "skipped 5 files/dirs 1.000 MiB"}) {
+        const auto result = Restore(0, {.user = OrdinaryUser}, {"--verify"});
+        EXPECT_TRUE(Holds(result.output, output)) << result.output;
+        EXPECT_TRUE(Holds(result.output, "verified 2 files")) << result.output << result.errors;
+        EXPECT_EQ(StatusOf("d").st_mode & 07777, 0u);
+        EXPECT_EQ(StatusOf("d/e").st_mode & 07777, 0300u);
+        EXPECT_EQ(StatusOf("d/e").st_mtim.tv_sec, 1000000000);
+        EXPECT_TRUE(inode == 0 || inode == StatusOf("d/e/b").st_ino);
+        inode = StatusOf("d/e/b").st_ino;
+    }
+}
+
 TEST_F(RepositoryRestore, KeptFileStaysInDirectoryThatCanNotBeRead)
 {
     if (geteuid() != 0)
