@@ -8,7 +8,7 @@ namespace Agent {
 
 namespace {
 
-constexpr std::uint64_t ConsequenceLimit = 100; // errors that are reported one by one
+constexpr std::uint64_t ConsequenceLimit = 100; // errors, or hints, that are reported one by one
 
 } // namespace
 
@@ -128,6 +128,25 @@ void CheckState::AddConsequence(std::string text)
     const AnnotatedLock lock(m_mutex);
     if (++m_consequences <= ConsequenceLimit)
         m_errors.push_back(std::move(text));
+}
+
+void CheckState::AddHint(std::string text)
+{
+    const AnnotatedLock lock(m_mutex);
+    if (++m_hintCount <= ConsequenceLimit)
+        m_hints.push_back(std::move(text));
+}
+
+std::vector<std::string> CheckState::TakeHints()
+{
+    const AnnotatedLock lock(m_mutex);
+    return std::exchange(m_hints, {});
+}
+
+std::uint64_t CheckState::GetFurtherHints() const
+{
+    const AnnotatedLock lock(m_mutex);
+    return m_hintCount - std::min(m_hintCount, ConsequenceLimit);
 }
 
 std::uint64_t CheckState::GetFurther() const

@@ -51,6 +51,12 @@ public:
     /// Adds an error for a tree whose blob is missing or damaged. After a hundred of them the others are only
     /// counted.
     void AddConsequence(std::string text);
+    /// Adds a hint on a tree. After a hundred of them the others are only counted.
+    void AddHint(std::string text);
+    /// Removes and returns the hints that were added since the last call.
+    std::vector<std::string> TakeHints();
+    /// Returns how many hints AddHint only counted.
+    std::uint64_t GetFurtherHints() const;
     /// Returns how many errors AddConsequence only counted.
     std::uint64_t GetFurther() const;
     /// The index lacks a blob that a snapshot needs.
@@ -79,6 +85,8 @@ private:
     bool m_hasDamage KRT_GUARDED_BY(m_mutex) = false;
     std::vector<std::string> m_errors KRT_GUARDED_BY(m_mutex);
     std::uint64_t m_consequences KRT_GUARDED_BY(m_mutex) = 0;
+    std::vector<std::string> m_hints KRT_GUARDED_BY(m_mutex);
+    std::uint64_t m_hintCount KRT_GUARDED_BY(m_mutex) = 0;
     std::atomic<bool> m_lacksBlobs{false};
     std::atomic<bool> m_isDenied{false};
 };

@@ -104,6 +104,8 @@ void Check::Report(CheckState& state)
 {
     for (const std::string& text : state.TakeErrors())
         Fail(text);
+    for (const std::string& text : state.TakeHints())
+        m_observer.OnHint(text);
     m_observer.OnProgress(state.items, state.bytes);
 }
 
@@ -167,6 +169,8 @@ void Check::ReportFurther(const CheckState& state)
         m_summary.errors += further - 1;
         Fail("further trees with such errors: " + std::to_string(further));
     }
+    if (const std::uint64_t further = state.GetFurtherHints(); further != 0)
+        m_observer.OnHint("further trees with such members: " + std::to_string(further));
 }
 
 // Packs without an index are of no use, unless they have what the index lacks.

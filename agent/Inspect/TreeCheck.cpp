@@ -2,6 +2,7 @@
 
 #include "agent/Access/TreeWalk.h"
 #include "agent/Access/Workers.h"
+#include "agent/Record/NodeRecord.h"
 #include "agent/Repository/Tree.h"
 #include "agent/Run/Interrupt.h"
 
@@ -121,6 +122,7 @@ public:
     void Check(const Id& tree)
     {
         m_faulty = 0;
+        m_odd = 0;
         const bool isLarge = m_state.GetIndex().LengthOf({BlobType::Tree, tree}) > Repo::LargeBlobSize;
         const auto turn = isLarge ? std::unique_lock(m_state.largeBlobs) : std::unique_lock<std::mutex>();
         const Krt::Util::YScope atEnd([&] {
@@ -131,7 +133,7 @@ public:
             m_state.GetRepository().LoadBlob({BlobType::Tree, tree}, m_text);
             m_state.bytes += m_text.size();
             Repo::TreeReader reader(
-                Repo::AsText(m_text), Repo::UnknownMembers::Ignore,
+                Repo::AsText(m_text), Repo::UnknownMembers::Keep,
                 [&](const RepositoryError& error) { Fail(tree, error.GetMessage().Bytes()); });
             std::string last;
             for (bool isFirst = true; reader.Next(m_node); isFirst = false) {
@@ -165,6 +167,8 @@ private:
             if (++m_faulty == 1)
                 m_fault = "entry \"" + m_node.name + "\": " + fault;
         }
+        if (std::string fault = FaultOfKbagentMember(m_node); !fault.empty() && ++m_odd == 1)
+            m_oddMember = "entry \"" + m_node.name + "\": " + fault;
         if (m_node.type == NodeType::Directory && m_node.subtree)
             m_queue.Add(*m_node.subtree, &tree);
     }
@@ -178,12 +182,16 @@ private:
     // One error for all entries that can't be restored, since they often have the same cause.
     void ReportFaults(const Id& tree)
     {
+        const auto describe = [&tree](const std::string& fault, std::uint64_t count) {
+            return "tree " + tree.ToHex() + ": " + fault +
+                   (count == 1 ? "" : "; further entries with faults: " + std::to_string(count - 1));
+        };
+        if (m_odd != 0)
+            m_state.AddHint(describe(m_oddMember, m_odd));
         if (m_faulty == 0)
             return;
         m_state.MarkFaulty(tree);
-        const std::string others =
-            m_faulty == 1 ? "" : "; further entries with faults: " + std::to_string(m_faulty - 1);
-        m_state.AddConsequence("tree " + tree.ToHex() + ": " + m_fault + others);
+        m_state.AddConsequence(describe(m_fault, m_faulty));
     }
 
     void Fail(const Id& tree, const std::string& reason)
@@ -198,6 +206,8 @@ private:
     Node m_node;
     std::uint64_t m_faulty = 0; // entries of the tree
     std::string m_fault;        // of the first of them
+    std::uint64_t m_odd = 0;    // entries of the tree whose member "kbagent" can't be used
+    std::string m_oddMember;    // of the first of them
 };
 
 // Finds out which trees are damaged or have damage below them.

@@ -35,6 +35,12 @@ std::string BinaryText(JsonReader& reader)
     return std::string(Repo::AsText(bytes));
 }
 
+// The kernel would take a name up to NUL.
+bool IsAttributeName(const std::string& name)
+{
+    return !name.empty() && name.find('\0') == std::string::npos;
+}
+
 void ReadAttributes(JsonReader& reader, std::vector<Repo::NodeAttribute>& attributes)
 {
     reader.BeginArray();
@@ -50,7 +56,7 @@ void ReadAttributes(JsonReader& reader, std::vector<Repo::NodeAttribute>& attrib
             else
                 reader.Skip();
         }
-        if (attribute.name.empty() || attribute.name.find('\0') != std::string::npos)
+        if (!IsAttributeName(attribute.name))
             reader.RaiseDamaged("the name of an attribute is empty or contains NUL");
     }
 }
@@ -178,6 +184,38 @@ boost::shared_ptr<YMetadataBase> UnixRecordOf(const Node& node, const std::strin
     return record;
 }
 
+void CheckAttributeNames(YMetadataBase& record)
+{
+    if (record.GetMetadataType() != Backup::File::VAM_UNIX_METADATA_TYPE)
+        return;
+    const Krt::File::ExtendedAttributeMap map = record.AsUnixFileMetadata().GetExtendedAttributeMap();
+    REPOSITORY_RAISE_UNLESS(std::all_of(map.begin(), map.end(),
+                                        [](const auto& each) { return IsAttributeName(each.first.Bytes()); }),
+                            Repo::Failure::Damaged, "the name of an attribute is empty or contains NUL");
+}
+
+// The record of a member that has one; null if there is none, or if it can't be used, which is noted.
+boost::shared_ptr<YMetadataBase> ReadRecord(const Node& node, const KbagentMember& member, std::string& note)
+{
+    if (member.record.empty())
+        return nullptr;
+    try {
+        const auto json = Krt::JSON::YValue::Parse(member.record);
+        auto record =
+            YMetadataBase::ConstructFromJson(json->AsObject(), [](Krt::File::YPath name, bool isContainer) {
+                return YJobPath::FromFilePath(YJobPath(), std::move(name), isContainer);
+            });
+        REPOSITORY_RAISE_UNLESS(HasTypeOf(*record, node), Repo::Failure::Damaged,
+                                "it is of another type than the node");
+        CheckAttributeNames(*record);
+        return record;
+    } catch (const Krt::Exception::YError& error) {
+        note = "The record of the member \"kbagent\" can't be used, so the fields of the node are: " +
+               error.GetMessage().Bytes();
+        return nullptr;
+    }
+}
+
 } // namespace
 
 std::vector<Repo::NodeAttribute> AttributesOf(const Krt::File::ExtendedAttributeMap& map)
@@ -265,22 +303,17 @@ std::optional<KbagentMember> ReadKbagentMember(const Node& node, std::string& no
 boost::shared_ptr<YMetadataBase> RecordOf(const Node& node, const std::string& path, std::string& note)
 {
     const KbagentMember member = ReadKbagentMember(node, note).value_or(KbagentMember());
-    if (!member.record.empty()) {
-        try {
-            const auto json = Krt::JSON::YValue::Parse(member.record);
-            auto record = YMetadataBase::ConstructFromJson(
-                json->AsObject(), [](Krt::File::YPath name, bool isContainer) {
-                    return YJobPath::FromFilePath(YJobPath(), std::move(name), isContainer);
-                });
-            REPOSITORY_RAISE_UNLESS(HasTypeOf(*record, node), Repo::Failure::Damaged,
-                                    "it is of another type than the node");
-            return record;
-        } catch (const Krt::Exception::YError& error) {
-            note = "The record of the member \"kbagent\" can't be used, so the fields of the node are: " +
-                   error.GetMessage().Bytes();
-        }
-    }
+    if (auto record = ReadRecord(node, member, note))
+        return record;
     return UnixRecordOf(node, path, member);
+}
+
+std::string FaultOfKbagentMember(const Node& node)
+{
+    std::string note;
+    if (const auto member = ReadKbagentMember(node, note))
+        ReadRecord(node, *member, note);
+    return note;
 }
 
 } // namespace Agent

@@ -53,4 +53,8 @@ std::optional<KbagentMember> ReadKbagentMember(const Repo::Node& node, std::stri
 boost::shared_ptr<Backup::File::YMetadataBase> RecordOf(const Repo::Node& node, const std::string& path,
                                                         std::string& note);
 
+/// Why the member of a node can't be used, as a sentence; empty if it can, or if there is none. See
+/// ReadKbagentMember.
+std::string FaultOfKbagentMember(const Repo::Node& node);
+
 } // namespace Agent

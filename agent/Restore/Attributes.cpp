@@ -73,9 +73,10 @@ void ApplyExtended(const Attributes& attributes, const YEntry& target, Refused& 
             if (IsAccessList(name) != isForAccessLists)
                 continue;
             const void* const data = value.Size() != 0 ? value.Cast<unsigned char>() : nullptr;
-            Try(refused, "attribute ", name, [&, &attribute = name, &bytes = value] {
-                target.AddExtendedAttribute(attribute, data, static_cast<unsigned int>(bytes.Size()), 0);
-            });
+            Try(refused, "attribute ", name.IsEmpty() ? YString("without a name") : name,
+                [&, &attribute = name, &bytes = value] {
+                    target.AddExtendedAttribute(attribute, data, static_cast<unsigned int>(bytes.Size()), 0);
+                });
         }
     }
 }

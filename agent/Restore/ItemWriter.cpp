@@ -97,6 +97,8 @@ void ItemWriter::Make(RestoreItem& item, FileBlobs& blobs)
     const bool hasContent = item.recorded.type == S_IFREG && item.recorded.size != 0;
     KRT_RAISE_UNLESS(!item.recorded.isReparsePoint || hasContent, ErrorCode::NotSupported,
                      "A reparse point is not restored: its record does not contain its target");
+    KRT_RAISE_UNLESS(item.recorded.type != S_IFLNK || !item.linkTarget.empty(), ErrorCode::InvalidState,
+                     "The snapshot has no target for the symlink");
     MakeRoom(item);
     if (item.action == Action::Skip)
         return;

@@ -954,6 +954,29 @@ TEST(NodeRecord, FieldsThatNodeLacksAreKept)
     node.type = Repo::NodeType::Directory;
     EXPECT_TRUE(RecordOf(node, "/f", note)->AsUnixFileMetadata().IsDirectoryForRestore());
     EXPECT_TRUE(Holds(note, "of another type than the node"));
+    for (const std::string& name : {std::string(), std::string("user.a\0b", 8)}) {
+        node.type = Repo::NodeType::File;
+        node.attributes = {{name, {1}}};
+        node.unknown.clear();
+        std::string json;
+        RecordOf(node, "/f", note)->StringifyTo(json);
+        node.attributes.clear();
+        parsed(R"({"version":1,"record":)" + json + "}");
+        EXPECT_TRUE(RecordOf(node, "/f", note)->AsUnixFileMetadata().GetExtendedAttributeMap().empty());
+        EXPECT_TRUE(Holds(note, "the name of an attribute is empty or contains NUL")) << note;
+    }
+}
+
+TEST_F(RepositoryCommands, CheckHintsAtMembersThatCanNotBeUsed)
+{
+    SaveTrees(Create(), {[](const Id&) {
+                  const std::string rest = R"(,"type":"fifo","kbagent":{"version":)";
+                  return R"({"nodes":[{"name":"a")" + rest + R"(1}},{"name":"b")" + rest +
+                         R"(2}},{"name":"c")" + rest + R"(1,"record":{}}}]})";
+              }});
+    const std::string errors = Run(0, "check").errors;
+    EXPECT_TRUE(Holds(errors, R"(entry "b": The member "kbagent" can't be used)")) << errors;
+    EXPECT_TRUE(Holds(errors, "further entries with faults: 1")) << errors;
 }
 
 TEST_F(RepositoryCommands, ThreadsThatCanNotStartEndTheRun)

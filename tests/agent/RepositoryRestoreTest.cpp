@@ -451,6 +451,10 @@ TEST_F(RepositoryRestore, HostileTreesReachNothingOutside)
         {NodeText("a", R"("type":"file","content":null)"), "/a: The file has no list of blobs"},
         {NodeText("a", R"("type":"file","size":1,"content":[")" + std::string(64, '5') + R"("])"), "/a: "},
         {NodeText("a", R"("type":"dir","content":null)"), "/a: The directory has no tree"},
+        {NodeText("a", R"("type":"symlink","content":null)"),
+         "/a: The snapshot has no target for the symlink"},
+        {NodeText("a", R"("type":"fifo","extended_attributes":[{"name":"","value":""}])"),
+         "/a: attribute without a name not restored"},
         {NodeText("a", R"("type":"other","content":null)"), "/a: The type of the entry is not known"},
     };
     for (const auto& row : rows) {
