@@ -117,10 +117,17 @@ std::string CheckState::FaultOf(const Repo::Node& node) const
     return {};
 }
 
-void CheckState::AddError(std::string text)
+void CheckState::AddError(std::string text, std::uint64_t count)
 {
     const AnnotatedLock lock(m_mutex);
     m_errors.push_back(std::move(text));
+    m_unlisted += count - 1;
+}
+
+std::uint64_t CheckState::TakeUnlisted()
+{
+    const AnnotatedLock lock(m_mutex);
+    return std::exchange(m_unlisted, 0);
 }
 
 void CheckState::AddConsequence(std::string text)

@@ -46,8 +46,8 @@ public:
     /// Why the entry can't be restored as it was; empty if it can.
     std::string FaultOf(const Repo::Node& node) const;
 
-    /// Adds an error for the observer.
-    void AddError(std::string text);
+    /// Adds an error for the observer, or one text for several.
+    void AddError(std::string text, std::uint64_t count = 1);
     /// Adds an error for a tree whose blob is missing or damaged. After a hundred of them the others are only
     /// counted.
     void AddConsequence(std::string text);
@@ -68,6 +68,8 @@ public:
     bool IsDenied() const { return m_isDenied; }
     /// Removes and returns the errors that were added since the last call.
     std::vector<std::string> TakeErrors();
+    /// Returns how many errors were added without a text of their own since the last call.
+    std::uint64_t TakeUnlisted();
 
     /// Locked by a thread while it has a blob above LargeBlobSize in memory.
     std::mutex largeBlobs;
@@ -84,6 +86,7 @@ private:
     std::unordered_set<std::uint32_t> m_broken KRT_GUARDED_BY(m_mutex);
     bool m_hasDamage KRT_GUARDED_BY(m_mutex) = false;
     std::vector<std::string> m_errors KRT_GUARDED_BY(m_mutex);
+    std::uint64_t m_unlisted KRT_GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_consequences KRT_GUARDED_BY(m_mutex) = 0;
     std::vector<std::string> m_hints KRT_GUARDED_BY(m_mutex);
     std::uint64_t m_hintCount KRT_GUARDED_BY(m_mutex) = 0;

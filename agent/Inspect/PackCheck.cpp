@@ -26,6 +26,7 @@ using Repo::RepositoryError;
 namespace {
 
 constexpr std::uint64_t StepSize = 16 << 20; // of reading; a larger blob is read as a whole
+constexpr std::uint64_t ErrorLimit = 100;    // of a pack, which are reported one by one
 
 class Hash
 {
@@ -111,6 +112,7 @@ private:
     Hash m_hash;
     bool m_isHashed = true; // all bytes were, in order
     bool m_isBroken = false;
+    std::uint64_t m_errors = 0;
     Repo::Bytes m_read;
     Repo::Bytes m_plaintext;
 };
@@ -126,12 +128,18 @@ void PackCheck::Run()
     }
     if (m_isBroken)
         m_state.MarkBroken(m_pack);
+    if (m_errors > ErrorLimit) {
+        const std::uint64_t further = m_errors - ErrorLimit;
+        m_state.AddError(m_file.Path() + ": further errors of the pack: " + std::to_string(further), further);
+    }
 }
 
 // A pack that the user may not read is not known to be broken.
 void PackCheck::Fail(const std::string& text, bool isDenied)
 {
     m_isBroken = m_isBroken || !isDenied;
+    if (++m_errors > ErrorLimit)
+        return;
     m_state.AddError(text.find(m_id.ToHex()) == std::string::npos ? m_file.Path() + ": " + text : text);
 }
 

@@ -104,6 +104,7 @@ void Check::Report(CheckState& state)
 {
     for (const std::string& text : state.TakeErrors())
         Fail(text);
+    m_summary.errors += state.TakeUnlisted();
     for (const std::string& text : state.TakeHints())
         m_observer.OnHint(text);
     m_observer.OnProgress(state.items, state.bytes);

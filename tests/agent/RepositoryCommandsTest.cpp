@@ -694,11 +694,12 @@ struct BadSector : WatchedBackend
     void Load(const Repo::FileName& file, std::uint64_t offset, std::uint64_t length,
               Repo::Bytes& out) override
     {
-        REPOSITORY_RAISE_UNLESS(sector < offset || sector >= offset + length, Repo::Failure::Backend,
-                                "can't be read");
+        const bool isHit = isWhole || (sector >= offset && sector < offset + length);
+        REPOSITORY_RAISE_UNLESS(!isHit, Repo::Failure::Backend, "can't be read");
         WatchedBackend::Load(file, offset, length, out);
     }
     std::uint64_t sector = UINT64_MAX;
+    bool isWhole = false; // no byte can be read
 };
 
 TEST_F(RepositoryCommands, BadSectorDamagesOnlyItsBlob)
@@ -717,6 +718,24 @@ TEST_F(RepositoryCommands, BadSectorDamagesOnlyItsBlob)
     for (std::uint32_t i = 0; i < 3; ++i)
         EXPECT_EQ(state.IsReadable(opened.GetIndex().At(i).blob.handle), i != 1) << i;
     EXPECT_TRUE(Holds(state.TakeErrors().back(), opened.GetIndex().At(1).blob.handle.id.ToHex()));
+}
+
+TEST_F(RepositoryCommands, ErrorsOfAPackAreCounted)
+{
+    SaveTrees(Create(), {150, [](const Id& before) {
+                             return R"({"nodes":[],"before":")" + before.ToHex() + "\"}";
+                         }});
+    const auto backend =
+        std::make_shared<BadSector>(std::make_shared<Repo::LocalBackend>(repository.c_str()));
+    Repo::Repository opened = Repo::Repository::Open(backend, Repo::Secret(Repo::AsBytes(password)));
+    opened.LoadIndex();
+    CheckState state(opened);
+    backend->isWhole = true;
+    CheckPackContent(state, 0, backend->Size({FileKind::Pack, opened.GetIndex().GetPacks()[0].id}));
+    const std::vector<std::string> errors = state.TakeErrors();
+    EXPECT_EQ(errors.size(), 101u);
+    EXPECT_TRUE(Holds(errors.back(), "further errors of the pack: 52")) << errors.back(); // with its header's
+    EXPECT_EQ(errors.size() + state.TakeUnlisted(), 152u);
 }
 
 TEST_F(RepositoryCommands, LostLockEndsRun)
