@@ -5,7 +5,6 @@
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/File.h"
 
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -70,16 +69,10 @@ private:
     msghdr m_header = {};
 };
 
+// Makes system calls only: a thread of the program may have held any lock when it forked.
 void Answer(const Request& request)
 {
-    unsigned char error = 0;
-    try {
-        Krt::File::Sync(YUnxHandle(request.file, false));
-    } catch (const Krt::Exception::YError& failure) {
-        error = static_cast<unsigned char>(failure.GetOsError() != 0 ? failure.GetOsError() : EIO);
-    } catch (...) {
-        error = EIO;
-    }
+    const auto error = static_cast<unsigned char>(Krt::File::TrySync(YUnxHandle(request.file, false)));
     CallSystem([&] { return write(request.reply, &error, sizeof error); });
 }
 

@@ -79,6 +79,9 @@ KRT_API struct stat Stat(const Util::YUnxHandle& handle);
 KRT_API void SetSize(const Util::YUnxHandle& handle, unsigned long long size);
 /// Returns when the content is durable.
 KRT_API void Sync(const Util::YUnxHandle& handle);
+/// Makes the content durable. Returns 0, or the error number, which is EBADF for an empty handle. Makes
+/// system calls only, so it may be called in the child of a fork while the parent has other threads.
+KRT_API int TrySync(const Util::YUnxHandle& handle) noexcept;
 
 /// Returns the bytes of a file of any type that was just opened. The error is EFBIG if there are more than
 /// `limit` bytes. Raises only InvalidState, for an empty handle.

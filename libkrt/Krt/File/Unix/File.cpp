@@ -187,6 +187,13 @@ void SetSize(const Util::YUnxHandle& handle, unsigned long long size)
                 "Failed to set size of open file to " << size);
 }
 
+void Sync(const Util::YUnxHandle& handle)
+{
+    DescriptorOf(handle, __func__);
+    if (const int error = TrySync(handle))
+        KRT_RAISE_OS(error, "Failed to sync file");
+}
+
 Util::OsResult<std::string> ReadWholeFile(const Util::YUnxHandle& handle, std::size_t limit)
 {
     const int descriptor = DescriptorOf(handle, __func__);

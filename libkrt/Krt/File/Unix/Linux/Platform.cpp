@@ -99,10 +99,9 @@ void RemoveAccessLists(const Util::YUnxHandle& handle)
     }
 }
 
-void Sync(const Util::YUnxHandle& handle)
+int TrySync(const Util::YUnxHandle& handle) noexcept
 {
-    const int descriptor = DescriptorOf(handle, __func__);
-    KRT_SYSCALL(fsync(descriptor), "Failed to sync file");
+    return handle.IsEmpty() ? EBADF : Util::CallSystem([&] { return fsync(handle.Get()); }).error;
 }
 
 } // namespace Krt::File

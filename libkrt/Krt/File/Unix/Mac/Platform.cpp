@@ -128,11 +128,13 @@ void RemoveAccessLists(const Util::YUnxHandle& handle)
 
 // On macOS fsync leaves the content in the drive's cache. A file system that cannot flush the drive supports
 // only fsync.
-void Sync(const Util::YUnxHandle& handle)
+int TrySync(const Util::YUnxHandle& handle) noexcept
 {
-    const int descriptor = DescriptorOf(handle, __func__);
-    if (!Util::CallSystem([&] { return fcntl(descriptor, F_FULLFSYNC); }))
-        KRT_SYSCALL(fsync(descriptor), "Failed to sync file");
+    if (handle.IsEmpty())
+        return EBADF;
+    if (Util::CallSystem([&] { return fcntl(handle.Get(), F_FULLFSYNC); }))
+        return 0;
+    return Util::CallSystem([&] { return fsync(handle.Get()); }).error;
 }
 
 } // namespace Krt::File
