@@ -84,8 +84,9 @@ void InitCommand::Run(Report& report)
     const auto repository = Repo::Repository::Create(backend, password.text, creation);
     const std::string id = repository.GetConfig().id.ToHex();
     const std::string location = backend->Describe().Bytes();
-    std::string json;
+    const std::string done = "The repository " + location + " was created";
     if (options.isJson) {
+        std::string json;
         Repo::JsonWriter writer(json);
         writer.BeginObject();
         writer.Key("message_type");
@@ -95,10 +96,11 @@ void InitCommand::Run(Report& report)
         writer.Key("repository");
         writer.String(location);
         writer.EndObject();
-        report.Out() << PrintableJson(json) << "\n";
+        report.Summary(done, PrintableJson(json) + "\n");
     } else if (!options.isQuiet) {
-        report.Out() << "created repository " << id.substr(0, 10) << " at " << Printable(location)
-                     << "\n\nKeep its password: without it, nothing in the repository can be restored.\n";
+        report.Summary(done,
+                       "created repository " + id.substr(0, 10) + " at " + Printable(location) +
+                           "\n\nKeep its password: without it, nothing in the repository can be restored.\n");
     }
 }
 

@@ -106,7 +106,8 @@ void KeyCommand::Add(Report& report) const
     const Repo::Secret password = ReadNewPassword(m_newPassword, report);
     const Id id = session.GetRepository().AddKey(password, NewKey());
     if (!session.GetOptions().isQuiet)
-        report.Out() << "saved new key with ID " << ShortId(id) << "\n";
+        report.Summary("The key " + ShortId(id) + " was added",
+                       "saved new key with ID " + ShortId(id) + "\n");
 }
 
 void KeyCommand::Remove(Report& report) const
@@ -115,7 +116,7 @@ void KeyCommand::Remove(Report& report) const
     const Id id = FindFile(session.GetRepository(), FileKind::Key, m_id);
     session.GetRepository().RemoveKey(id);
     if (!session.GetOptions().isQuiet)
-        report.Out() << "removed key " << ShortId(id) << "\n";
+        report.Summary("The key " + ShortId(id) + " was removed", "removed key " + ShortId(id) + "\n");
 }
 
 void KeyCommand::Change(Report& report) const
@@ -124,7 +125,7 @@ void KeyCommand::Change(Report& report) const
     const Repo::Secret password = ReadNewPassword(m_newPassword, report);
     const Id id = session.GetRepository().ReplaceKey(password, NewKey());
     if (!session.GetOptions().isQuiet)
-        report.Out() << "saved new key as " << ShortId(id) << "\n";
+        report.Summary("The key " + ShortId(id) + " was saved", "saved new key as " + ShortId(id) + "\n");
 }
 
 void KeyCommand::List(Report& report) const

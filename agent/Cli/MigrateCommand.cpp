@@ -77,10 +77,12 @@ void MigrateCommand::Apply(Report& report) const
                      "The repository has errors, so it is not changed: "
                          << static_cast<unsigned long long>(summary.errors));
     repository.UpgradeFormat();
+    constexpr const char* Done = "The repository was upgraded";
+    const std::string name = Upgrade;
     if (options.isJson)
-        report.Out() << R"({"message_type":"summary","migration":")" << Upgrade << "\"}\n";
+        report.Summary(Done, R"({"message_type":"summary","migration":")" + name + "\"}\n");
     else if (!options.isQuiet)
-        report.Out() << "migration " << Upgrade << ": success\n";
+        report.Summary(Done, "migration " + name + ": success\n");
 }
 
 } // namespace

@@ -90,10 +90,11 @@ void TagCommand::Run(Report& report)
         else if (options.isVerbose)
             report.Out() << "snapshot " << ShortId(stored.id) << " is now " << ShortId(*id) << "\n";
     }
+    constexpr const char* Done = "The change of tags was made";
     if (options.isJson)
-        report.Out() << SummaryJson(count) << "\n";
+        report.Summary(Done, SummaryJson(count) + "\n");
     else if (!options.isQuiet)
-        report.Out() << "modified tags on " << std::to_string(count) << " snapshots\n";
+        report.Summary(Done, "modified tags on " + std::to_string(count) + " snapshots\n");
 }
 
 } // namespace

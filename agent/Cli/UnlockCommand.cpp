@@ -45,10 +45,11 @@ void UnlockCommand::Run(Report& report)
                                                               const Repo::RepositoryError& error) {
                            ReportFailure(report, file, error);
                        });
+    constexpr const char* Done = "The repository was unlocked";
     if (options.isJson)
-        report.Out() << R"({"message_type":"summary","removed_locks":)" << std::to_string(count) << "}\n";
+        report.Summary(Done, R"({"message_type":"summary","removed_locks":)" + std::to_string(count) + "}\n");
     else if (!options.isQuiet)
-        report.Out() << "removed " << std::to_string(count) << " locks\n";
+        report.Summary(Done, "removed " + std::to_string(count) + " locks\n");
 }
 
 } // namespace

@@ -217,6 +217,20 @@ TEST_F(Cli, LostOutputFailsWithoutUndoingWork)
     EXPECT_TRUE(
         Testing::Holds(Run(3, {"backup", directory / "tree"}, {.prepare = toClosedPipe}).errors, made));
     EXPECT_EQ(CountSnapshots(), 3u);
+    Testing::CreateRepository(directory / "old", password, 1);
+    const std::pair<const char*, const char*> changes[] = {
+        {"tag --add keep", "The change of tags was made"},
+        {"tag --add both --json", "The change of tags was made"},
+        {"key add --new-insecure-no-password", " was added"},
+        {"unlock", "The repository was unlocked"},
+        {"migrate upgrade_repo_v2 -r old --json", "The repository was upgraded"},
+        {"init -r new", "new was created"},
+    };
+    for (const auto& [words, done] : changes)
+        EXPECT_TRUE(Testing::Holds(Run(3, Testing::Words(words), {.prepare = toFull}).errors,
+                                   done + std::string(", but its summary is lost: ")));
+    EXPECT_EQ(Open().FindSnapshot("latest").snapshot.tags, (std::vector<std::string>{"keep", "both"}));
+    Run(1, "migrate upgrade_repo_v2 -r old");
 }
 
 TEST_F(Cli, InterruptEndsListWhoseReaderWaits)
