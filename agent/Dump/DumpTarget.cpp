@@ -160,8 +160,8 @@ void DumpTarget::Close()
     }
     if (m_directory)
         Krt::File::Sync(m_file);
-    const int file = m_file.Release();
-    KRT_SYSCALL(close(file), "Failed to write file: " << m_path.c_str());
+    if (const int error = Krt::Util::TryCloseWritten(m_file))
+        KRT_RAISE_OS(error, "Failed to write file: " << m_path.c_str());
     if (!m_directory)
         return;
     m_directory->Rename(m_temporary, *m_directory, m_name);
