@@ -15,6 +15,7 @@
 
 namespace Agent {
 
+using Krt::Thread::AnnotatedLock;
 using Repo::BlobType;
 using Repo::ByteView;
 using Repo::Chunker;
@@ -53,7 +54,7 @@ public:
 
     std::size_t Begin(std::size_t size)
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         ++m_open;
         content.size += size;
         content.blobs.emplace_back();
@@ -62,21 +63,21 @@ public:
     // Returns true if the file is done.
     bool End(std::size_t index, const StoredBlob& blob)
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         content.blobs[index] = blob.id;
         Count(blob);
         return --m_open == 0;
     }
     void Add(std::size_t size, const StoredBlob& blob, std::size_t count = 1)
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         content.size += count * size;
         content.blobs.insert(content.blobs.end(), count, blob.id);
         Count(blob);
     }
     bool EndReading()
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         return --m_open == 0;
     }
     void Report() const { m_onDone(content); }
@@ -84,14 +85,14 @@ public:
     StoredContent content;
 
 private:
-    void Count(const StoredBlob& blob)
+    void Count(const StoredBlob& blob) KRT_REQUIRES(m_mutex)
     {
         content.added += blob.added;
         content.packed += blob.packed;
     }
 
-    std::mutex m_mutex;
-    std::size_t m_open = 1; // chunks that are not stored, and the reading
+    Krt::Thread::AnnotatedMutex m_mutex; // also for the blobs and the numbers of bytes in `content`
+    std::size_t m_open KRT_GUARDED_BY(m_mutex) = 1; // chunks that are not stored, and the reading
     std::function<void(const StoredContent&)> m_onDone;
 };
 
@@ -273,7 +274,7 @@ ContentPool::~ContentPool()
 void ContentPool::EndThreads()
 {
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         m_isEnding = true;
     }
     m_change.notify_all();
@@ -283,9 +284,12 @@ void ContentPool::EndThreads()
 
 void ContentPool::Add(FileToRead file)
 {
-    Wait([this] { return m_pending < MostFiles; });
+    Wait([this] {
+        m_mutex.AssertHeld();
+        return m_pending < MostFiles;
+    });
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         ++m_pending;
         m_files.push_back(std::move(file));
     }
@@ -294,32 +298,39 @@ void ContentPool::Add(FileToRead file)
 
 void ContentPool::Finish()
 {
-    Wait([this] { return m_pending == 0; });
+    Wait([this] {
+        m_mutex.AssertHeld();
+        return m_pending == 0;
+    });
 }
 
 void ContentPool::RaiseFailure()
 {
     if (!m_isEnding)
         return;
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     if (m_failure)
         std::rethrow_exception(m_failure);
 }
 
 std::vector<std::string> ContentPool::GetReading() const
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     return {m_reading.begin(), m_reading.end()};
 }
 
 void ContentPool::Wait(const std::function<bool()>& isReached)
 {
     constexpr std::chrono::milliseconds BetweenReports{100};
-    Lock lock(m_mutex);
-    while (!m_change.wait_for(lock, BetweenReports, [&] { return m_failure || isReached(); })) {
-        lock.unlock();
+    const auto isOver = [&] {
+        m_mutex.AssertHeld();
+        return m_failure || isReached();
+    };
+    AnnotatedLock lock(m_mutex);
+    while (!lock.WaitUntil(m_change, std::chrono::steady_clock::now() + BetweenReports, isOver)) {
+        lock.Unlock();
         m_options.onWait();
-        lock.lock();
+        lock.Lock();
     }
     if (m_failure)
         std::rethrow_exception(m_failure);
@@ -329,35 +340,36 @@ void ContentPool::Work()
 {
     try {
         std::unique_ptr<Reader> reader;
-        Lock lock(m_mutex);
+        AnnotatedLock lock(m_mutex);
         for (;;) {
-            const auto mayRead = [this] {
-                return !m_files.empty() && m_reading.size() < m_options.readers;
-            };
             ++m_idle;
-            m_change.wait(lock, [&] { return m_isEnding || !m_chunks.empty() || mayRead(); });
+            lock.Wait(m_change, [this] {
+                m_mutex.AssertHeld();
+                const bool mayRead = !m_files.empty() && m_reading.size() < m_options.readers;
+                return m_isEnding || !m_chunks.empty() || mayRead;
+            });
             --m_idle;
             if (m_isEnding)
                 return;
             if (!m_chunks.empty()) {
                 const std::unique_ptr<Chunk> chunk = std::move(m_chunks.front());
                 m_chunks.pop_front();
-                lock.unlock();
+                lock.Unlock();
                 StoreChunk(*chunk);
             } else {
                 FileToRead file = std::move(m_files.front());
                 m_files.pop_front();
                 const auto reading = m_reading.insert(m_reading.end(), std::move(file.path));
-                lock.unlock();
+                lock.Unlock();
                 if (!reader)
                     reader = std::make_unique<Reader>(*this);
                 reader->Read(file);
-                lock.lock();
+                lock.Lock();
                 m_reading.erase(reading);
                 m_change.notify_all();
                 continue;
             }
-            lock.lock();
+            lock.Lock();
         }
     } catch (...) {
         Fail();
@@ -367,7 +379,7 @@ void ContentPool::Work()
 void ContentPool::Fail()
 {
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         if (!m_failure)
             m_failure = std::current_exception();
         m_isEnding = true;
@@ -379,7 +391,7 @@ void ContentPool::Fail()
 bool ContentPool::TryOffer(std::unique_ptr<Chunk>& chunk)
 {
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         if (m_chunks.size() >= m_threads.size() || (m_idle == 0 && !m_chunks.empty()))
             return false;
         m_chunks.push_back(std::move(chunk));
@@ -399,7 +411,7 @@ void ContentPool::Done(FileState& state)
 {
     state.Report();
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         --m_pending;
     }
     m_change.notify_all();

@@ -7,8 +7,8 @@
 //   a pool:  working -> ending (Finish, the destructor, or a failure)
 //
 // Invariants:
-//   - A thread takes a chunk first, so chunks do not pile up: there are at most as many as threads in
-//   m_chunks.
+//   - A thread takes a chunk first, so chunks do not pile up: m_chunks has at most as many as there are
+//     threads.
 //   - At most m_options.readers threads read.
 //   - A file is done when it was read and all of its chunks are stored, unless the pool failed.
 #pragma once
@@ -16,6 +16,7 @@
 #include "agent/Repository/BlobSaver.h"
 #include "agent/Repository/Chunker.h"
 
+#include "Krt/Thread/ThreadSafety.h"
 #include "Krt/Util/YUnxHandle.h"
 
 #include <atomic>
@@ -26,7 +27,6 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -109,7 +109,6 @@ private:
     class FileState;
     struct Chunk;
     class Reader;
-    using Lock = std::unique_lock<std::mutex>;
 
     void Work();
     void EndThreads();
@@ -127,14 +126,14 @@ private:
     std::atomic<std::uint64_t> m_readBytes{0};
     std::atomic<bool> m_isEnding{false};
 
-    mutable std::mutex m_mutex; // for all of the following
+    mutable Krt::Thread::AnnotatedMutex m_mutex;
     std::condition_variable m_change;
-    std::deque<FileToRead> m_files;
-    std::deque<std::unique_ptr<Chunk>> m_chunks;
-    std::size_t m_pending = 0;        // files that are not done
-    std::list<std::string> m_reading; // paths
-    unsigned int m_idle = 0;
-    std::exception_ptr m_failure;
+    std::deque<FileToRead> m_files KRT_GUARDED_BY(m_mutex);
+    std::deque<std::unique_ptr<Chunk>> m_chunks KRT_GUARDED_BY(m_mutex);
+    std::size_t m_pending KRT_GUARDED_BY(m_mutex) = 0;        // files that are not done
+    std::list<std::string> m_reading KRT_GUARDED_BY(m_mutex); // paths
+    unsigned int m_idle KRT_GUARDED_BY(m_mutex) = 0;          // threads that wait for work
+    std::exception_ptr m_failure KRT_GUARDED_BY(m_mutex);
 
     std::vector<std::thread> m_threads;
 };

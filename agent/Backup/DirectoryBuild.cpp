@@ -9,6 +9,7 @@
 
 namespace Agent {
 
+using Krt::Thread::AnnotatedLock;
 using Repo::Node;
 
 namespace {
@@ -52,7 +53,7 @@ void DirectoryBuild::SetNode(Node node, std::string before, std::optional<Repo::
 
 void DirectoryBuild::Announce()
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     ++m_pending;
     m_hasEntries = true;
 }
@@ -75,13 +76,13 @@ void DirectoryBuild::Drop(std::shared_ptr<DirectoryBuild> directory)
 
 std::optional<Repo::Id> DirectoryBuild::GetTree() const
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     return m_tree;
 }
 
 void DirectoryBuild::Put(const Node& node)
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     const std::size_t begin = m_text.size();
     Repo::AppendNode(node, m_text);
     m_entries.push_back({node.name, begin, m_text.size() - begin});
@@ -90,7 +91,7 @@ void DirectoryBuild::Put(const Node& node)
 // Returns true if nothing is pending any more.
 bool DirectoryBuild::Release()
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     return --m_pending == 0;
 }
 
@@ -108,7 +109,7 @@ bool DirectoryBuild::Complete()
     const std::string tree = MakeTree();
     const StoredBlob stored = m_context.store(Repo::AsBytes(tree), m_soundTree);
     if (m_above == nullptr) {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         m_tree = stored.id;
         return true;
     }

@@ -8,11 +8,12 @@
 #include "agent/Backup/ContentPool.h"
 #include "agent/Repository/Node.h"
 
+#include "Krt/Thread/ThreadSafety.h"
+
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -122,11 +123,13 @@ private:
     std::atomic<bool> m_needsEntries{false};
     std::atomic<bool> m_hasEntries{false};
 
-    mutable std::mutex m_mutex; // for all of the following
-    std::size_t m_pending = 1;  // entries that were announced, and the walk
-    std::string m_text;         // the nodes that were added
+    mutable Krt::Thread::AnnotatedMutex m_mutex;
+    std::size_t m_pending KRT_GUARDED_BY(m_mutex) = 1; // entries that were announced, and the walk
+    std::optional<Repo::Id> m_tree KRT_GUARDED_BY(m_mutex);
+    // Guarded by the mutex until nothing is pending; then only the thread that completes the directory uses
+    // them.
+    std::string m_text; // the nodes that were added
     std::vector<Entry> m_entries;
-    std::optional<Repo::Id> m_tree;
 };
 
 } // namespace Agent

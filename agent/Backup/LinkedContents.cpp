@@ -3,6 +3,7 @@
 namespace Agent {
 
 using Krt::File::FileId;
+using Krt::Thread::AnnotatedLock;
 
 namespace {
 
@@ -25,27 +26,32 @@ LinkedContents::Completion LinkedContents::Join(const struct stat& status, Compl
     if (found != m_files.end() && IsSameFile(found->second.status, status)) {
         const std::shared_ptr<Content> content = found->second.content;
         Forget(status);
-        std::unique_lock lock(content->mutex);
-        if (!content->stored) {
+        AnnotatedLock lock(content->mutex);
+        const std::shared_ptr<const StoredContent> stored = content->stored;
+        if (stored == nullptr) {
             content->waiting.push_back(std::move(onDone));
             return nullptr;
         }
-        lock.unlock();
-        onDone(*content->stored);
+        lock.Unlock();
+        onDone(*stored);
         return nullptr;
     }
     const auto content = std::make_shared<Content>();
-    content->waiting.push_back(std::move(onDone));
+    {
+        const AnnotatedLock lock(content->mutex);
+        content->waiting.push_back(std::move(onDone));
+    }
     m_files.insert_or_assign(FileId(status),
                              File{content, static_cast<nlink_t>(status.st_nlink - 1), status});
     return [content](const StoredContent& stored) {
-        std::unique_lock lock(content->mutex);
-        content->stored = stored;
-        content->stored->added = content->stored->packed = 0; // they count for the first name
+        const auto others = std::make_shared<StoredContent>(stored);
+        others->added = others->packed = 0; // they count for the first name
+        AnnotatedLock lock(content->mutex);
+        content->stored = others;
         const std::vector<Completion> waiting = std::exchange(content->waiting, {});
-        lock.unlock();
+        lock.Unlock();
         for (const Completion& each : waiting)
-            each(&each == &waiting.front() ? stored : *content->stored);
+            each(&each == &waiting.front() ? stored : *others);
     };
 }
 

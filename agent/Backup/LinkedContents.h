@@ -6,12 +6,11 @@
 #include "agent/Backup/ContentPool.h"
 
 #include "Krt/File/Unix/Status.h"
+#include "Krt/Thread/ThreadSafety.h"
 
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <vector>
 
 namespace Agent {
@@ -34,9 +33,9 @@ private:
     // What the names share.
     struct Content
     {
-        std::mutex mutex;
-        std::optional<StoredContent> stored;
-        std::vector<Completion> waiting;
+        Krt::Thread::AnnotatedMutex mutex;
+        std::shared_ptr<const StoredContent> stored KRT_GUARDED_BY(mutex); // for all names but the first
+        std::vector<Completion> waiting KRT_GUARDED_BY(mutex);
     };
     struct File
     {

@@ -8,6 +8,7 @@
 namespace Agent {
 
 using Krt::YString;
+using Krt::Thread::AnnotatedLock;
 using Repo::BlobType;
 using Repo::Id;
 
@@ -24,7 +25,7 @@ void SnapshotBuild::EndRunOnError(const Call& call)
     try {
         call();
     } catch (...) {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         if (!m_failure)
             m_failure = std::current_exception();
         m_isFailed = true;
@@ -90,7 +91,7 @@ void SnapshotBuild::Tick()
 
 void SnapshotBuild::RaiseFailure() const
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     if (m_failure)
         std::rethrow_exception(m_failure);
 }
@@ -114,7 +115,7 @@ SnapshotCounts SnapshotBuild::GetCounts() const
     counts.dirsChanged = m_context.directories.isChanged;
     counts.dirsUnmodified = m_context.directories.isUnmodified;
     counts.bytes = m_bytes;
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     counts.data = m_options.isDryRun ? m_drySaved[0] : m_saver.GetSaved(BlobType::Data);
     counts.trees = m_options.isDryRun ? m_drySaved[1] : m_saver.GetSaved(BlobType::Tree);
     return counts;
@@ -164,7 +165,7 @@ StoredBlob SnapshotBuild::CountBlob(const Repo::BlobHandle& handle, std::size_t 
 {
     if (m_repository.HasBlob(handle))
         return {handle.id};
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     if (!m_dry.insert(handle).second)
         return {handle.id};
     Repo::SavedBlobs& saved = m_drySaved[handle.type == BlobType::Tree ? 1 : 0];
@@ -186,7 +187,7 @@ void SnapshotBuild::ReportProgress()
 
 void SnapshotBuild::Post(std::string path, std::string text, bool isFailure)
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     m_messages.push_back({std::move(path), std::move(text), isFailure});
 }
 
@@ -217,7 +218,7 @@ void SnapshotBuild::ReportLosses()
 
 void SnapshotBuild::PostStored(StoredItem item)
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     m_stored.push_back(std::move(item));
 }
 
@@ -226,7 +227,7 @@ void SnapshotBuild::ReportMessages()
     std::vector<Message> messages;
     std::vector<StoredItem> stored;
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         messages.swap(m_messages);
         stored.swap(m_stored);
     }

@@ -9,6 +9,8 @@
 #include "agent/Repository/Repository.h"
 #include "agent/Run/Report.h"
 
+#include "Krt/Thread/ThreadSafety.h"
+
 #include <boost/unordered/unordered_flat_set.hpp>
 
 #include <array>
@@ -16,7 +18,6 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -135,12 +136,13 @@ private:
     std::atomic<bool> m_isFailed{false};
     std::chrono::steady_clock::time_point m_lastTick;
 
-    mutable std::mutex m_mutex; // for the following five
-    std::vector<Message> m_messages;
-    std::vector<StoredItem> m_stored;                                        // to be reported
-    std::exception_ptr m_failure;                                            // of the repository
-    boost::unordered_flat_set<Repo::BlobHandle, Repo::BlobHandleHash> m_dry; // what a dry run would store
-    std::array<Repo::SavedBlobs, 2> m_drySaved;
+    mutable Krt::Thread::AnnotatedMutex m_mutex;
+    std::vector<Message> m_messages KRT_GUARDED_BY(m_mutex);
+    std::vector<StoredItem> m_stored KRT_GUARDED_BY(m_mutex); // to be reported
+    std::exception_ptr m_failure KRT_GUARDED_BY(m_mutex);     // of the repository
+    // What a dry run would store.
+    boost::unordered_flat_set<Repo::BlobHandle, Repo::BlobHandleHash> m_dry KRT_GUARDED_BY(m_mutex);
+    std::array<Repo::SavedBlobs, 2> m_drySaved KRT_GUARDED_BY(m_mutex);
 
     BuildContext m_context;
     std::shared_ptr<DirectoryBuild> m_root;
