@@ -7,6 +7,8 @@
 
 namespace Agent::Repo {
 
+using Krt::Thread::AnnotatedLock;
+
 namespace {
 
 using std::chrono::steady_clock;
@@ -100,7 +102,7 @@ BlobSaver::~BlobSaver()
 void BlobSaver::EndWriters()
 {
     {
-        const std::lock_guard guard(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         m_isEnding = true;
     }
     m_change.notify_all();
@@ -112,7 +114,7 @@ bool BlobSaver::Has(const BlobHandle& handle) const
 {
     if (!m_options.isRepacking && m_repository.HasBlob(handle))
         return true;
-    const std::lock_guard guard(m_knownMutex);
+    const AnnotatedLock lock(m_knownMutex);
     return m_known.contains(handle);
 }
 
@@ -123,7 +125,7 @@ bool BlobSaver::Claim(const BlobHandle& handle)
         RaiseFailure();
     if (!m_options.isRepacking && m_repository.HasBlob(handle))
         return false;
-    const std::lock_guard guard(m_knownMutex);
+    const AnnotatedLock lock(m_knownMutex);
     return m_known.insert(handle).second;
 }
 
@@ -134,7 +136,7 @@ std::uint64_t BlobSaver::SaveSealed(const PackedBlob& blob, ByteView sealed)
     try {
         return Append(blob, sealed);
     } catch (...) {
-        Guard lock(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         Fail();
         throw;
     }
@@ -160,7 +162,7 @@ std::uint64_t BlobSaver::Save(const BlobHandle& handle, ByteView plaintext)
         GiveBack(sealed);
         return grown;
     } catch (...) {
-        Guard lock(m_mutex);
+        const AnnotatedLock lock(m_mutex);
         Fail();
         throw;
     }
@@ -170,8 +172,11 @@ std::uint64_t BlobSaver::Save(const BlobHandle& handle, ByteView plaintext)
 std::uint64_t BlobSaver::Append(const PackedBlob& blob, ByteView sealed)
 {
     const std::size_t type = static_cast<std::size_t>(blob.handle.type);
-    Guard lock(m_mutex);
-    WaitFor(lock, [&] { return m_open[type] != nullptr || !m_free.empty(); });
+    AnnotatedLock lock(m_mutex);
+    WaitFor(lock, [&] {
+        m_mutex.AssertHeld();
+        return m_open[type] != nullptr || !m_free.empty();
+    });
     std::unique_ptr<PackWriter>& open = m_open[type];
     if (open == nullptr) {
         open = std::move(m_free.back());
@@ -185,40 +190,43 @@ std::uint64_t BlobSaver::Append(const PackedBlob& blob, ByteView sealed)
     if (open->FinishedSize() < m_options.packSize && open->GetBlobs().size() < PackBlobLimit)
         return grown;
     m_full.push_back(std::move(open));
-    lock.unlock();
+    lock.Unlock();
     m_change.notify_all();
     return grown;
 }
 
 void BlobSaver::Finish()
 {
-    Guard lock(m_mutex);
+    AnnotatedLock lock(m_mutex);
     for (std::unique_ptr<PackWriter>& open : m_open) {
         if (open != nullptr)
             m_full.push_back(std::move(open));
     }
     m_change.notify_all();
-    WaitFor(lock, [this] { return m_full.empty() && m_writing == 0; });
+    WaitFor(lock, [this] {
+        m_mutex.AssertHeld();
+        return m_full.empty() && m_writing == 0;
+    });
     if (m_noted.CountBlobs() == 0)
         return;
     const std::string text = m_noted.Finish();
-    lock.unlock();
+    lock.Unlock();
     try {
         m_repository.SaveText(FileKind::Index, text);
     } catch (...) {
-        lock.lock();
+        lock.Lock();
         Fail();
         throw;
     }
 }
 
 // Waits until the condition holds. Raises the failure, also if the condition holds already.
-void BlobSaver::WaitFor(Guard& lock, const std::function<bool()>& isReached)
+void BlobSaver::WaitFor(AnnotatedLock& lock, const std::function<bool()>& isReached)
 {
     const auto isOver = [&] {
         return m_hasFailed || isReached();
     };
-    while (!m_change.wait_for(lock, BetweenCalls, isOver)) {
+    while (!lock.WaitUntil(m_change, steady_clock::now() + BetweenCalls, isOver)) {
         try {
             m_options.onWait();
         } catch (...) {
@@ -232,33 +240,36 @@ void BlobSaver::WaitFor(Guard& lock, const std::function<bool()>& isReached)
 // What a writing thread does.
 void BlobSaver::WritePacks()
 {
-    Guard lock(m_mutex);
+    AnnotatedLock lock(m_mutex);
     for (;;) {
-        m_change.wait(lock, [this] { return m_isEnding || (!m_full.empty() && !m_hasFailed); });
+        lock.Wait(m_change, [this] {
+            m_mutex.AssertHeld();
+            return m_isEnding || (!m_full.empty() && !m_hasFailed);
+        });
         if (m_isEnding)
             return;
         std::unique_ptr<PackWriter> pack = std::move(m_full.front());
         m_full.pop_front();
         ++m_writing;
+        lock.Unlock();
         try {
-            WritePack(lock, *pack);
+            WritePack(*pack);
         } catch (...) {
-            if (!lock.owns_lock())
-                lock.lock();
+            const AnnotatedLock failing(m_mutex);
             Fail();
         }
+        lock.Lock();
         --m_writing;
         m_free.push_back(std::move(pack));
         m_change.notify_all();
     }
 }
 
-// Releases the lock while it writes.
-void BlobSaver::WritePack(Guard& lock, PackWriter& pack)
+// Writes the pack, and the index file if it is due.
+void BlobSaver::WritePack(PackWriter& pack)
 {
-    lock.unlock();
     const Id id = m_repository.SavePack(pack.Finish());
-    lock.lock();
+    AnnotatedLock lock(m_mutex);
     if (m_noted.CountBlobs() == 0)
         m_notedSince = steady_clock::now();
     m_noted.Add(id, pack.GetBlobs());
@@ -268,12 +279,11 @@ void BlobSaver::WritePack(Guard& lock, PackWriter& pack)
     if (!isDue || m_hasFailed)
         return;
     const std::string text = m_noted.Finish();
-    lock.unlock();
+    lock.Unlock();
     m_repository.SaveText(FileKind::Index, text);
-    lock.lock();
 }
 
-// Keeps the exception that is being handled, if it is the first. The lock is held.
+// Keeps the exception that is being handled, if it is the first.
 void BlobSaver::Fail()
 {
     if (!m_failure)
@@ -284,13 +294,13 @@ void BlobSaver::Fail()
 
 void BlobSaver::RaiseFailure() const
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     std::rethrow_exception(m_failure);
 }
 
 SavedBlobs BlobSaver::GetSaved(BlobType type) const
 {
-    const std::lock_guard guard(m_mutex);
+    const AnnotatedLock lock(m_mutex);
     return m_saved[static_cast<std::size_t>(type)];
 }
 

@@ -9,9 +9,8 @@
 //   a saver: working -> failed
 //
 // Invariants:
-//   - A blob is added to m_known before it is sealed, so it is stored once. If sealing it fails, the saver
-//   has
-//     failed.
+//   - A blob is added to m_known before it is sealed, so it is stored once. If sealing it fails, so has the
+//     saver.
 //   - A pack is noted after it is durable, with all of its blobs. An index file names no other packs.
 //   - There are as many packs as m_free had at first, which bounds the memory.
 //   - A failed saver writes nothing more, and each operation raises the first failure.
@@ -19,6 +18,8 @@
 
 #include "agent/Repository/Pack.h"
 #include "agent/Repository/Repository.h"
+
+#include "Krt/Thread/ThreadSafety.h"
 
 #include <boost/unordered/unordered_flat_set.hpp>
 
@@ -95,35 +96,36 @@ public:
     SavedBlobs GetSaved(BlobType type) const;
 
 private:
-    using Guard = std::unique_lock<std::mutex>;
-
     bool Claim(const BlobHandle& handle);
     std::uint64_t Append(const PackedBlob& blob, ByteView sealed);
-    void WaitFor(Guard& lock, const std::function<bool()>& isReached);
+    void WaitFor(Krt::Thread::AnnotatedLock& lock, const std::function<bool()>& isReached)
+        KRT_REQUIRES(m_mutex);
     void WritePacks();
     void EndWriters();
-    void WritePack(Guard& lock, PackWriter& pack);
-    void Fail();
+    void WritePack(PackWriter& pack);
+    void Fail() KRT_REQUIRES(m_mutex);
     void RaiseFailure() const;
 
     const Repository& m_repository;
     const SaveOptions m_options;
 
-    mutable std::mutex m_knownMutex;
-    boost::unordered_flat_set<BlobHandle, BlobHandleHash> m_known; // what was given to Save and was new
+    mutable Krt::Thread::AnnotatedMutex m_knownMutex;
+    // What was given to Save and was new.
+    boost::unordered_flat_set<BlobHandle, BlobHandleHash> m_known KRT_GUARDED_BY(m_knownMutex);
 
-    mutable std::mutex m_mutex; // for all of the following
+    mutable Krt::Thread::AnnotatedMutex m_mutex;
     std::condition_variable m_change;
-    std::vector<std::unique_ptr<PackWriter>> m_free;
-    std::array<std::unique_ptr<PackWriter>, 2> m_open; // by type; null until a blob comes
-    std::deque<std::unique_ptr<PackWriter>> m_full;
-    unsigned int m_writing = 0; // packs and index files that threads are writing
-    IndexFileWriter m_noted;
-    std::chrono::steady_clock::time_point m_notedSince;
-    std::array<SavedBlobs, 2> m_saved;
-    std::exception_ptr m_failure;
-    std::atomic<bool> m_hasFailed{false}; // m_failure is set; read without the mutex, too
-    bool m_isEnding = false;
+    std::vector<std::unique_ptr<PackWriter>> m_free KRT_GUARDED_BY(m_mutex);
+    // By type; null until a blob comes.
+    std::array<std::unique_ptr<PackWriter>, 2> m_open KRT_GUARDED_BY(m_mutex);
+    std::deque<std::unique_ptr<PackWriter>> m_full KRT_GUARDED_BY(m_mutex);
+    unsigned int m_writing KRT_GUARDED_BY(m_mutex) = 0; // packs and index files that threads are writing
+    IndexFileWriter m_noted KRT_GUARDED_BY(m_mutex);
+    std::chrono::steady_clock::time_point m_notedSince KRT_GUARDED_BY(m_mutex);
+    std::array<SavedBlobs, 2> m_saved KRT_GUARDED_BY(m_mutex);
+    std::exception_ptr m_failure KRT_GUARDED_BY(m_mutex);
+    std::atomic<bool> m_hasFailed{false}; // m_failure is set, for readers without the mutex
+    bool m_isEnding KRT_GUARDED_BY(m_mutex) = false;
 
     std::vector<std::thread> m_writers;
 };
