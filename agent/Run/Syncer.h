@@ -1,9 +1,9 @@
 // Syncer: makes files durable in a way that can be interrupted.
 #pragma once
 
+#include "Krt/Thread/ThreadSafety.h"
 #include "Krt/Util/YUnxHandle.h"
 
-#include <mutex>
 #include <sys/types.h>
 
 namespace Agent {
@@ -27,10 +27,10 @@ public:
 private:
     int Start();
 
-    std::mutex m_mutex; // for the creation of the process
-    bool m_isStarted = false;
-    pid_t m_process = -1;
-    Krt::Util::YUnxHandle m_requests; // a socket; empty if there is no process
+    Krt::Thread::AnnotatedMutex m_mutex;
+    bool m_isStarted KRT_GUARDED_BY(m_mutex) = false;
+    pid_t m_process KRT_GUARDED_BY(m_mutex) = -1;
+    Krt::Util::YUnxHandle m_requests KRT_GUARDED_BY(m_mutex); // a socket; empty if there is no process
 };
 
 } // namespace Agent

@@ -111,14 +111,14 @@ Syncer::~Syncer()
         return;
     // Closing would not end the process while a child of this one has the socket, too.
     shutdown(m_requests.Get(), SHUT_RDWR);
-    if (!IsInterrupted())
-        CallSystem([this] { return waitpid(m_process, nullptr, 0); });
+    if (const pid_t process = m_process; !IsInterrupted())
+        CallSystem([process] { return waitpid(process, nullptr, 0); });
 }
 
 // Returns the socket for requests, 0 if there is no process.
 int Syncer::Start()
 {
-    const std::lock_guard guard(m_mutex);
+    const Krt::Thread::AnnotatedLock lock(m_mutex);
     int ends[2];
     if (std::exchange(m_isStarted, true) || socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0)
         return m_requests.Get();
