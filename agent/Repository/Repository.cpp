@@ -254,18 +254,18 @@ struct Repository::Lost
 {
     std::atomic<bool> isAny{false};
     std::vector<bool> packs; // by number; empty if all exist
-    std::mutex mutex;        // for the blobs
-    std::unordered_set<BlobHandle, BlobHandleHash> blobs;
+    Krt::Thread::AnnotatedMutex mutex;
+    std::unordered_set<BlobHandle, BlobHandleHash> blobs KRT_GUARDED_BY(mutex);
 
     void Add(const BlobHandle& handle)
     {
-        const std::lock_guard guard(mutex);
+        const Krt::Thread::AnnotatedLock lock(mutex);
         blobs.insert(handle);
         isAny = true;
     }
     bool Has(const BlobHandle& handle)
     {
-        const std::lock_guard guard(mutex);
+        const Krt::Thread::AnnotatedLock lock(mutex);
         return blobs.contains(handle);
     }
 };
