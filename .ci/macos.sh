@@ -5,6 +5,17 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
+[ $# -gt 0 ] || set -- aarch64 x86_64
+for cpu in "$@"; do
+    case $cpu in
+    aarch64 | x86_64) ;;
+    *)
+        echo "usage: $0 [aarch64] [x86_64]" >&2
+        exit 2
+        ;;
+    esac
+done
+
 oldest=$(sed -n 's/^set(CMAKE_OSX_DEPLOYMENT_TARGET \([0-9.]*\).*/\1/p' CMakeLists.txt)
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/kbagent-macos
 package=zig-linux-x64 version=0.14.0-dev.2456
@@ -173,7 +184,6 @@ mkdir -p "$cache" build
 fetch_compiler
 fetch_tinyxml
 failed=0
-[ $# -gt 0 ] || set -- aarch64 x86_64
 for cpu in "$@"; do
     # set -e holds in no command whose failure is tested.
     set +e
