@@ -57,9 +57,9 @@ void SeekTo(int fd, unsigned long long offset, const char* function)
         KRT_RAISE_OS_AS(function, MessageType::General, errno, "Could not seek in file");
 }
 
-// Adds up transfers until `count` bytes are transferred. This is the only code where errno is read later than
-// the call: a short transfer continues only while errno is EINTR, which is not cleared beforehand. A failed
-// call adds -1, which is FailedTotal for the first call and one byte less for a later one.
+// Adds up transfers until `count` bytes are transferred. errno is read after transfers that succeeded, too: a
+// short one continues only while errno is EINTR, which is not cleared beforehand. A failed call adds -1,
+// which is FailedTotal for the first call and one byte less for a later one.
 template <class Call>
 Krt::Util::OsResult<unsigned int> TransferAll(unsigned int count, Call call)
 {
