@@ -8,7 +8,7 @@ set -euo pipefail
 agent_folders='
 Cli
 Import
-Backup Convert Dump Inspect Restore Trust
+Backup Convert Dump Forget Inspect Restore Trust
 Access Record Walk
 Repository Run'
 

@@ -48,6 +48,13 @@ std::string Describe(const Lock& lock)
 
 } // namespace
 
+void RequireNoLock(const Repo::Repository& repository)
+{
+    for (const Repo::Id& id : repository.ListIds(FileKind::Lock))
+        RaiseLocked({FileKind::Lock, id}, "The repository is locked. If no process uses it, remove its locks "
+                                          "with 'kbagent unlock'");
+}
+
 void SleepUnlessInterrupted(milliseconds time)
 {
     constexpr milliseconds BetweenLooks{100};

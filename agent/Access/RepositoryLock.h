@@ -94,6 +94,9 @@ private:
     std::thread m_refresher;
 };
 
+/// For a process without a lock: raises LockedError if there is one, also that of a process that has died.
+void RequireNoLock(const Repo::Repository& repository);
+
 /// Sleeps, and raises InvalidState as soon as the user interrupts.
 void SleepUnlessInterrupted(std::chrono::milliseconds time);
 

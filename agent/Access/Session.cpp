@@ -63,7 +63,7 @@ void ReportFailure(Report& report, const Repo::FileName& file, const RepositoryE
 Session::Session(const RepositoryOptions& options, Report& report, Access access, OldFormat oldFormat)
     : m_options(options), m_report(report)
 {
-    const bool isWriting = access == Access::Append || access == Access::Exclusive;
+    const bool isWriting = access != Access::Read && access != Access::DryRun;
     if (isWriting && m_options.isUnlocked)
         throw UsageError("A command that writes to the repository needs a lock");
     if (m_options.isJson)
@@ -144,6 +144,10 @@ void Session::ReportUnknownHint(const std::string& hint)
 
 void Session::LockFor(Access access)
 {
+    if (access == Access::Recovery) {
+        RequireNoLock(*m_repository);
+        return;
+    }
     LockSettings settings;
     settings.isExclusive = access == Access::Exclusive;
     settings.patience = m_options.retryLock;
@@ -161,7 +165,7 @@ void Session::LockFor(Access access)
         if (access == Access::Read && m_options.mayBeUnlocked && IsFull(error))
             throw RepositoryError(error.GetFailure(), error,
                                   "The repository can't be locked, but --no-lock reads it without a lock: ");
-        if (access == Access::Append || access == Access::Exclusive || !IsReadOnly(error))
+        if ((access != Access::Read && access != Access::DryRun) || !IsReadOnly(error))
             throw;
         m_report.Note("The repository can't be written, so it is read without a lock: " + ReasonOf(error));
     }

@@ -22,10 +22,11 @@ void ReportFailure(Report& report, const Repo::FileName& file, const Repo::Repos
 /// What a command does with a repository, which decides its lock.
 enum class Access
 {
-    Read,     ///< nothing is written. Shared lock; none if the options forbid it or nothing can be written
-    DryRun,   ///< as Read, for a command that would add files
-    Append,   ///< files are added. Shared lock
-    Exclusive ///< files are added and removed. Exclusive lock
+    Read,      ///< nothing is written. Shared lock; none if the options forbid it or nothing can be written
+    DryRun,    ///< as Read, for a command that would add files
+    Append,    ///< files are added. Shared lock
+    Exclusive, ///< files are added and removed. Exclusive lock
+    Recovery   ///< files are removed to make space. No lock is written, but there must not be any
 };
 
 /// Whether a command that writes takes a repository of version 1 of the format.

@@ -32,6 +32,7 @@ std::unique_ptr<ICommand> MakeCatCommand();
 std::unique_ptr<ICommand> MakeCheckCommand();
 std::unique_ptr<ICommand> MakeConvertCommand();
 std::unique_ptr<ICommand> MakeDumpCommand();
+std::unique_ptr<ICommand> MakeForgetCommand();
 std::unique_ptr<ICommand> MakeImportCommand();
 std::unique_ptr<ICommand> MakeInitCommand();
 std::unique_ptr<ICommand> MakeKeyCommand();

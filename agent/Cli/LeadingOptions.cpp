@@ -34,7 +34,6 @@ constexpr ResticCommand ResticCommands[] = {
     {"copy", SameRepository},
     {"diff", "the outputs of 'kbagent ls --long' for two snapshots can be compared"},
     {"find", "'kbagent ls' prints all paths of a snapshot, which grep can search"},
-    {"forget", SameRepository},
     {"generate", "the package has the manual page and the completion"},
     {"mount", "'kbagent restore' and 'kbagent dump' read single entries"},
     {"prune", SameRepository},

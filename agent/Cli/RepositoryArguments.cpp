@@ -89,9 +89,9 @@ void RepositoryArguments::AddAccessTo(CLI::App& command, const std::string& pref
                      "The password of the " + name + " is empty");
 }
 
-void RepositoryArguments::AddSnapshotOptionsTo(CLI::App& command)
+void RepositoryArguments::AddSnapshotOptionsTo(CLI::App& command, const char* hostNames)
 {
-    command.add_option("-H,--host", m_snapshots.hosts, "Consider only snapshots of this host")
+    command.add_option(hostNames, m_snapshots.hosts, "Consider only snapshots of this host")
         ->type_name("HOST")
         ->allow_extra_args(false);
     command

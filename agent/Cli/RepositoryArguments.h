@@ -30,8 +30,8 @@ public:
     void AddTo(CLI::App& command, LockOptions lock = LockOptions::Optional);
     /// Adds --from-repo and the other options by which the source of a command is found and opened.
     void AddSourceTo(CLI::App& command);
-    /// Adds --host, --tag and --path.
-    void AddSnapshotOptionsTo(CLI::App& command);
+    /// Adds --host, --tag and --path. `hostNames` are those of the first one.
+    void AddSnapshotOptionsTo(CLI::App& command, const char* hostNames = "-H,--host");
 
     /// What was given. Raises UsageError for a duration that can't be read.
     RepositoryOptions Get() const;
