@@ -7,7 +7,7 @@ set -euo pipefail
 # From top to bottom.
 agent_folders='
 Cli
-Import
+Import Rewrite
 Backup Convert Dump Forget Inspect Restore Trust
 Access Record Walk
 Repository Run'

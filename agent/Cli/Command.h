@@ -41,6 +41,7 @@ std::unique_ptr<ICommand> MakeLsCommand();
 std::unique_ptr<ICommand> MakeMigrateCommand();
 std::unique_ptr<ICommand> MakeRenameCommand();
 std::unique_ptr<ICommand> MakeRestoreCommand();
+std::unique_ptr<ICommand> MakeRewriteCommand();
 std::unique_ptr<ICommand> MakeServiceCommand();
 std::unique_ptr<ICommand> MakeShowCommand();
 std::unique_ptr<ICommand> MakeSnapshotsCommand();

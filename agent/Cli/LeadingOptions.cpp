@@ -40,7 +40,6 @@ constexpr ResticCommand ResticCommands[] = {
     {"rebuild-index", SameRepository},
     {"recover", SameRepository},
     {"repair", SameRepository},
-    {"rewrite", SameRepository},
     {"self-update", "the system's package manager updates it"},
     {"version", "use --version"},
 };

@@ -152,4 +152,15 @@ std::string SnapshotJson(const Repo::StoredSnapshot& stored, bool isMessage)
     return json + "}";
 }
 
+std::string ChangeJson(const Repo::Id& from, const Repo::Id& to)
+{
+    return R"({"message_type":"changed","old_snapshot_id":")" + from.ToHex() + R"(","new_snapshot_id":")" +
+           to.ToHex() + "\"}";
+}
+
+std::string ChangeCountJson(std::uint64_t count)
+{
+    return R"({"message_type":"summary","changed_snapshots":)" + std::to_string(count) + "}";
+}
+
 } // namespace Agent

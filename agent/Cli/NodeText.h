@@ -27,4 +27,10 @@ std::string NcduJson(const Repo::Node& node);
 /// too.
 std::string SnapshotJson(const Repo::StoredSnapshot& stored, bool isMessage);
 
+/// The JSON message that a snapshot was saved under another id.
+std::string ChangeJson(const Repo::Id& from, const Repo::Id& to);
+
+/// The JSON message of how many snapshots a command changed.
+std::string ChangeCountJson(std::uint64_t count);
+
 } // namespace Agent

@@ -48,9 +48,9 @@ enum ExitCode
 constexpr std::unique_ptr<ICommand> (*Makers[])() = {
     MakeInitCommand,    MakeBackupCommand,  MakeRestoreCommand, MakeSnapshotsCommand, MakeLsCommand,
     MakeDumpCommand,    MakeShowCommand,    MakeStatsCommand,   MakeCheckCommand,     MakeCatCommand,
-    MakeListCommand,    MakeForgetCommand,  MakeTagCommand,     MakeKeyCommand,       MakeUnlockCommand,
-    MakeMigrateCommand, MakeVolumesCommand, MakeServiceCommand, MakeTrustCommand,     MakeConvertCommand,
-    MakeRenameCommand,  MakeImportCommand,
+    MakeListCommand,    MakeForgetCommand,  MakeRewriteCommand, MakeTagCommand,       MakeKeyCommand,
+    MakeUnlockCommand,  MakeMigrateCommand, MakeVolumesCommand, MakeServiceCommand,   MakeTrustCommand,
+    MakeConvertCommand, MakeRenameCommand,  MakeImportCommand,
 };
 
 void WarnOfUnknownChannels(Report& report)

@@ -1,5 +1,6 @@
 #include "agent/Cli/Command.h"
 
+#include "agent/Cli/PatternArguments.h"
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Restore/SnapshotRestore.h"
 #include "agent/Restore/Target.h"
@@ -17,38 +18,6 @@
 namespace Agent {
 
 namespace {
-
-// Patterns of the command line, and files that have patterns.
-struct PatternArguments
-{
-    Patterns Get() const
-    {
-        try {
-            return Read();
-        } catch (const Krt::Exception::YError& error) {
-            if (error.GetCode() != Krt::ErrorCode::InvalidArgument)
-                throw;
-            throw UsageError(ReasonOf(error).Bytes());
-        }
-    }
-
-    Patterns Read() const
-    {
-        Patterns all;
-        for (const std::string& text : patterns)
-            all.Add(text, false);
-        for (const std::string& text : patternsOfAnyCase)
-            all.Add(text, true);
-        for (const std::string& file : files)
-            all.AddFile(file, false);
-        for (const std::string& file : filesOfAnyCase)
-            all.AddFile(file, true);
-        return all;
-    }
-
-    std::vector<std::string> patterns, patternsOfAnyCase;
-    std::vector<std::string> files, filesOfAnyCase;
-};
 
 class RestoreCommand : public ICommand
 {
@@ -103,21 +72,14 @@ void RestoreCommand::AddOptions(CLI::App& command)
         .add_option("-t,--target", m_target,
                     "Restore into this directory, which is created if it does not exist")
         ->type_name("TARGET");
-    const auto addList = [&command](const char* name, std::vector<std::string>& list, const char* type,
+    const auto addList = [&command](const char* name, std::vector<std::string>& list,
                                     const char* description) {
-        command.add_option(name, list, description)->type_name(type)->allow_extra_args(false);
+        command.add_option(name, list, description)->type_name("PATTERN")->allow_extra_args(false);
     };
-    addList("-i,--include", m_includes.patterns, "PATTERN", "Restore only entries that match a pattern");
-    addList("--iinclude", m_includes.patternsOfAnyCase, "PATTERN", "As --include, ignoring letter case");
-    addList("--include-file", m_includes.files, "FILE", "As --include, for each line of a file");
-    addList("--iinclude-file", m_includes.filesOfAnyCase, "FILE", "As --iinclude, for each line of a file");
-    addList("-e,--exclude", m_excludes.patterns, "PATTERN", "Do not restore entries that match a pattern");
-    addList("--iexclude", m_excludes.patternsOfAnyCase, "PATTERN", "As --exclude, ignoring letter case");
-    addList("--exclude-file", m_excludes.files, "FILE", "As --exclude, for each line of a file");
-    addList("--iexclude-file", m_excludes.filesOfAnyCase, "FILE", "As --iexclude, for each line of a file");
-    addList("--include-xattr", m_attributes, "PATTERN", "Restore only extended attributes of these names");
-    addList("--exclude-xattr", m_excludedAttributes, "PATTERN",
-            "Do not restore extended attributes of these names");
+    m_includes.AddTo(command, 'i', "include", "Restore only entries that match a pattern");
+    m_excludes.AddTo(command, 'e', "exclude", "Do not restore entries that match a pattern");
+    addList("--include-xattr", m_attributes, "Restore only extended attributes of these names");
+    addList("--exclude-xattr", m_excludedAttributes, "Do not restore extended attributes of these names");
     command.add_flag("--sparse", m_isSparse, "Has no effect: runs of zeros always become holes");
     command
         .add_option(
@@ -149,14 +111,12 @@ RestoreSettings RestoreCommand::SettingsOf() const
     settings.isQuiet = options.isQuiet;
     settings.includes = m_includes.Get();
     settings.excludes = m_excludes.Get();
-    if (!m_includes.files.empty() || !m_includes.filesOfAnyCase.empty()) {
-        if (settings.includes.IsEmpty())
-            throw UsageError("The files of --include-file and --iinclude-file have no patterns");
-    }
+    if (m_includes.HasFiles() && settings.includes.IsEmpty())
+        throw UsageError("The files of --include-file and --iinclude-file have no patterns");
     if (!settings.includes.IsEmpty() && !settings.excludes.IsEmpty())
         throw UsageError("Patterns either include or exclude; both can't be given");
-    settings.attributes = PatternArguments{m_attributes, {}, {}, {}}.Get();
-    settings.excludedAttributes = PatternArguments{m_excludedAttributes, {}, {}, {}}.Get();
+    settings.attributes = PatternsOf(m_attributes);
+    settings.excludedAttributes = PatternsOf(m_excludedAttributes);
     if (!m_attributes.empty() && !m_excludedAttributes.empty())
         throw UsageError("--include-xattr and --exclude-xattr can't be given together");
     if (m_deletes && settings.includes.IsEmpty() && settings.excludes.IsEmpty() &&

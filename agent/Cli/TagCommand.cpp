@@ -1,6 +1,7 @@
 #include "agent/Cli/Command.h"
 
 #include "agent/Access/TagChange.h"
+#include "agent/Cli/NodeText.h"
 #include "agent/Cli/RepositoryArguments.h"
 
 #include <CLI/CLI.hpp>
@@ -45,34 +46,6 @@ CLI::App* TagCommand::Register(CLI::App& program)
     return command;
 }
 
-std::string ChangedJson(const Id& from, const Id& to)
-{
-    std::string json;
-    Repo::JsonWriter writer(json);
-    writer.BeginObject();
-    writer.Key("message_type");
-    writer.String("changed");
-    writer.Key("old_snapshot_id");
-    writer.WriteId(from);
-    writer.Key("new_snapshot_id");
-    writer.WriteId(to);
-    writer.EndObject();
-    return json;
-}
-
-std::string SummaryJson(std::uint64_t count)
-{
-    std::string json;
-    Repo::JsonWriter writer(json);
-    writer.BeginObject();
-    writer.Key("message_type");
-    writer.String("summary");
-    writer.Key("changed_snapshots");
-    writer.Number(count);
-    writer.EndObject();
-    return json;
-}
-
 void TagCommand::Run(Report& report)
 {
     const TagChange change(m_set, m_add, m_remove);
@@ -86,13 +59,13 @@ void TagCommand::Run(Report& report)
             continue;
         ++count;
         if (options.isJson)
-            report.Out() << ChangedJson(stored.id, *id) << "\n";
+            report.Out() << ChangeJson(stored.id, *id) << "\n";
         else if (options.isVerbose)
             report.Out() << "snapshot " << ShortId(stored.id) << " is now " << ShortId(*id) << "\n";
     }
     constexpr const char* Done = "The change of tags was made";
     if (options.isJson)
-        report.Summary(Done, SummaryJson(count) + "\n");
+        report.Summary(Done, ChangeCountJson(count) + "\n");
     else if (!options.isQuiet)
         report.Summary(Done, "modified tags on " + std::to_string(count) + " snapshots\n");
 }

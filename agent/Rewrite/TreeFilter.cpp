@@ -1,0 +1,102 @@
+#include "agent/Rewrite/TreeFilter.h"
+
+#include "agent/Access/TreeWalk.h"
+#include "agent/Repository/Tree.h"
+#include "agent/Run/Interrupt.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace Agent {
+
+using Repo::Id;
+using Repo::Node;
+using Repo::NodeType;
+
+namespace {
+
+// A tree while it is read. The stack of these replaces recursion, since a snapshot may be deep.
+struct OpenTree
+{
+    OpenTree(const Repo::Repository& repository, const Id& tree, std::string directory)
+        : id(tree), path(std::move(directory)), text(Load(repository, tree)), reader(Repo::AsText(text))
+    {}
+
+    static Repo::Bytes Load(const Repo::Repository& repository, const Id& tree)
+    {
+        Repo::Bytes text;
+        repository.LoadBlob({Repo::BlobType::Tree, tree}, text);
+        return text;
+    }
+    Id Close(const TreeFilter::TreeSaver& save) const;
+
+    const Id id;
+    const std::string path;
+    const Repo::Bytes text;
+    Repo::TreeReader reader;
+    Node node;                                        // the current one
+    std::map<std::string, std::optional<Id>> changed; // by name: the other tree, or none if it is left out
+};
+
+// Returns the id of what is retained.
+Id OpenTree::Close(const TreeFilter::TreeSaver& save) const
+{
+    if (changed.empty())
+        return id;
+    Repo::TreeReader again(Repo::AsText(text), Repo::UnknownMembers::Keep);
+    Repo::TreeWriter whole, filtered;
+    for (Node each; again.Next(each);) {
+        whole.Add(each);
+        const auto change = changed.find(each.name);
+        if (change != changed.end())
+            each.subtree = change->second;
+        if (change == changed.end() || change->second)
+            filtered.Add(each);
+    }
+    KRT_RAISE_UNLESS(whole.Finish(again.GetUnknown()) == Repo::AsText(text), Krt::ErrorCode::NotSupported,
+                     "The directory '" << path.c_str() << "' can't be written without losing something");
+    const std::string result = filtered.Finish(again.GetUnknown());
+    const Id resultId = Id::Of(Repo::AsBytes(result));
+    save(resultId, result);
+    return resultId;
+}
+
+} // namespace
+
+Id TreeFilter::Apply(const Id& root, const TreeSaver& save, const ExcludedVisitor& onExcluded)
+{
+    m_files = m_bytes = 0;
+    std::vector<std::unique_ptr<OpenTree>> open;
+    open.push_back(std::make_unique<OpenTree>(m_repository, root, ""));
+    for (;;) {
+        RaiseIfInterrupted();
+        OpenTree& tree = *open.back();
+        if (!tree.reader.Next(tree.node)) {
+            const Id id = tree.Close(save);
+            open.pop_back();
+            if (open.empty())
+                return id;
+            OpenTree& above = *open.back();
+            if (*above.node.subtree != id)
+                above.changed[above.node.name] = id;
+            continue;
+        }
+        const std::string path = tree.path + "/" + tree.node.name;
+        if (m_excludes.Match(path).matches) {
+            tree.changed[tree.node.name] = std::nullopt;
+            onExcluded(path);
+        } else if (tree.node.type == NodeType::Directory) {
+            REPOSITORY_RAISE_UNLESS(tree.node.subtree && open.size() < DepthLimit, Repo::Failure::Damaged,
+                                    "The directory '" << path.c_str()
+                                                      << "' has no tree, or is too many levels deep");
+            open.push_back(std::make_unique<OpenTree>(m_repository, *tree.node.subtree, path));
+        } else if (tree.node.type == NodeType::File) {
+            ++m_files;
+            m_bytes += tree.node.size;
+        }
+    }
+}
+
+} // namespace Agent
