@@ -22,23 +22,8 @@ bool IsDenied(const Repo::RepositoryError& error)
 }
 
 CheckState::CheckState(const Repo::Repository& repository)
-    : m_repository(repository), m_numbers(GetIndex().CountBlobs()),
-      m_begins(GetIndex().GetPacks().size() + 1), m_isBad(GetIndex().CountBlobs())
-{
-    const auto count = static_cast<std::uint32_t>(m_numbers.size());
-    for (std::uint32_t i = 0; i < count; ++i)
-        ++m_begins[GetIndex().At(i).pack];
-    // Ends of the packs now; each blob moves its pack's end towards the begin.
-    for (std::size_t i = 1; i < m_begins.size(); ++i)
-        m_begins[i] += m_begins[i - 1];
-    for (std::uint32_t i = 0; i < count; ++i)
-        m_numbers[--m_begins[GetIndex().At(i).pack]] = i;
-}
-
-std::span<const std::uint32_t> CheckState::BlobsOf(std::uint32_t pack) const
-{
-    return std::span(m_numbers).subspan(m_begins[pack], m_begins[pack + 1] - m_begins[pack]);
-}
+    : m_repository(repository), m_blobs(GetIndex()), m_isBad(GetIndex().CountBlobs())
+{}
 
 void CheckState::MarkBad(std::uint32_t number)
 {

@@ -2,6 +2,7 @@
 // passed to the observer. Any thread may report and ask.
 #pragma once
 
+#include "agent/Repository/BlobsByPack.h"
 #include "agent/Repository/Node.h"
 #include "agent/Repository/Repository.h"
 
@@ -28,7 +29,7 @@ public:
     const Repo::Index& GetIndex() const { return m_repository.GetIndex(); }
 
     /// The numbers of a pack's blobs in the index, in no particular order.
-    std::span<const std::uint32_t> BlobsOf(std::uint32_t pack) const;
+    std::span<const std::uint32_t> BlobsOf(std::uint32_t pack) const { return m_blobs.Of(pack); }
 
     /// A copy of a blob can't be read.
     void MarkBad(std::uint32_t number);
@@ -78,8 +79,7 @@ public:
 
 private:
     const Repo::Repository& m_repository;
-    std::vector<std::uint32_t> m_numbers; // of all blobs, by pack
-    std::vector<std::size_t> m_begins;    // in m_numbers, of each pack and of the end
+    const Repo::BlobsByPack m_blobs;
     mutable Krt::Thread::AnnotatedMutex m_mutex;
     std::vector<bool> m_isBad KRT_GUARDED_BY(m_mutex); // by the number of the blob
     std::unordered_set<Repo::Id, Repo::IdHash> m_faulty KRT_GUARDED_BY(m_mutex);
