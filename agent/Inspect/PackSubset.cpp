@@ -1,5 +1,6 @@
 #include "agent/Inspect/PackSubset.h"
 
+#include "agent/Run/Text.h"
 #include "agent/Run/UsageError.h"
 
 #include <algorithm>
@@ -30,7 +31,6 @@ PackSubset PackSubset::Parse(const std::string& text)
     std::size_t end = 0;
     const double number = NumberIn(text, end);
     const std::string unit = text.substr(end);
-    constexpr std::string_view Units = "KMGT";
     if (unit.starts_with('/') && unit.size() > 1) {
         std::size_t rest = 0;
         const std::string total = unit.substr(1);
@@ -44,15 +44,9 @@ PackSubset PackSubset::Parse(const std::string& text)
     } else if (unit == "%" && number > 0 && number <= 100) {
         subset.percent = number;
         return subset;
-    } else if (unit.size() <= 1 && number > 0) {
-        const char letter =
-            unit.empty() ? '\0' : static_cast<char>(std::toupper(static_cast<unsigned char>(unit.front())));
-        const std::size_t power = unit.empty() ? 0 : Units.find(letter) + 1;
-        const double bytes = number * std::pow(1024, static_cast<double>(power));
-        if ((unit.empty() || Units.find(letter) != std::string_view::npos) && bytes >= 1 && bytes < 1e18) {
-            subset.bytes = static_cast<std::uint64_t>(bytes);
-            return subset;
-        }
+    } else if (const auto bytes = ParseSize(text); bytes && *bytes != 0) {
+        subset.bytes = *bytes;
+        return subset;
     }
     throw UsageError("--read-data-subset takes n/t with t up to 256, a percentage such as 2.5%, or a size "
                      "such as 500M: '" +

@@ -4,9 +4,13 @@
 
 #include "Krt/String/Printable.h"
 
+#include <algorithm>
 #include <array>
+#include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <exception>
 #include <system_error>
 
 namespace Agent {
@@ -68,6 +72,29 @@ std::string DurationText(unsigned long long seconds)
     else
         std::snprintf(text, sizeof(text), "%llu:%02llu", seconds / 60, seconds % 60);
     return text;
+}
+
+std::optional<std::uint64_t> ParseSize(const std::string& text)
+{
+    constexpr std::string_view Units = "KMGT";
+    const std::size_t end = std::min(text.find_first_not_of("0123456789."), text.size());
+    std::size_t used = 0;
+    double size = 0;
+    try {
+        size = std::stod(text.substr(0, end), &used);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+    if (used != end || text.size() - end > 1)
+        return std::nullopt;
+    if (end != text.size()) {
+        const std::size_t unit =
+            Units.find(static_cast<char>(std::toupper(static_cast<unsigned char>(text[end]))));
+        if (unit == std::string_view::npos)
+            return std::nullopt;
+        size *= std::pow(1024, static_cast<double>(unit + 1));
+    }
+    return size < 1e18 ? std::optional(static_cast<std::uint64_t>(size)) : std::nullopt;
 }
 
 std::string TimeText(unsigned long long seconds)

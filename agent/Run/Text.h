@@ -3,6 +3,8 @@
 
 #include "Krt/Exception/YError.h"
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -32,6 +34,9 @@ Krt::YString ReasonOf(const Krt::Exception::YError& error);
 std::string ShortSize(unsigned long long bytes);
 /// Returns a text such as "0:12" or "1:02:03".
 std::string DurationText(unsigned long long seconds);
+/// Returns the bytes of a size such as "500", "20K" or "1.5G"; the units are powers of 1024. Returns nothing
+/// for other text, and for a size of an exabyte or more.
+std::optional<std::uint64_t> ParseSize(const std::string& text);
 /// Returns the time in UTC, as in "2001-02-03T04:05:06Z". `seconds` is a signed number in an unsigned type; a
 /// time that is outside of the calendar is printed as a number.
 std::string TimeText(unsigned long long seconds);
