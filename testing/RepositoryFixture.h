@@ -28,6 +28,13 @@ inline std::vector<std::string> Words(const std::string& text)
     return {std::istream_iterator<std::string>(in), {}};
 }
 
+/// How many rounds a test has: the variable of the environment asks for a longer run.
+inline int Rounds(const char* variable, int otherwise)
+{
+    const char* const text = std::getenv(variable);
+    return text != nullptr ? std::atoi(text) : otherwise;
+}
+
 /// Creates a repository with one key, by a derivation that takes no time.
 inline Agent::Repo::Repository CreateRepository(const std::string& location, const std::string& password,
                                                 std::uint32_t version = 2)

@@ -8,7 +8,7 @@ set -euo pipefail
 agent_folders='
 Cli
 Import Rewrite
-Backup Convert Dump Forget Inspect Restore Trust
+Backup Convert Dump Forget Inspect Prune Restore Trust
 Access Record Walk
 Repository Run'
 

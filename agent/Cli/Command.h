@@ -39,6 +39,7 @@ std::unique_ptr<ICommand> MakeKeyCommand();
 std::unique_ptr<ICommand> MakeListCommand();
 std::unique_ptr<ICommand> MakeLsCommand();
 std::unique_ptr<ICommand> MakeMigrateCommand();
+std::unique_ptr<ICommand> MakePruneCommand();
 std::unique_ptr<ICommand> MakeRenameCommand();
 std::unique_ptr<ICommand> MakeRestoreCommand();
 std::unique_ptr<ICommand> MakeRewriteCommand();

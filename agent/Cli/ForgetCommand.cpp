@@ -1,6 +1,7 @@
 #include "agent/Cli/Command.h"
 
 #include "agent/Cli/NodeText.h"
+#include "agent/Cli/PruneArguments.h"
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Cli/SnapshotGroups.h"
 #include "agent/Forget/Retention.h"
@@ -68,6 +69,7 @@ private:
     void Remove(const std::vector<StoredSnapshot>& snapshots, Session& session) const;
 
     RepositoryArguments m_repository;
+    PruneArguments m_pruning;
     CLI::Option* m_ids = nullptr;
     std::array<std::string, RetentionPolicy::PeriodCount> m_counts;
     std::array<std::string, RetentionPolicy::PeriodCount> m_within;
@@ -77,6 +79,7 @@ private:
     bool m_isDryRun = false;
     bool m_mayRemoveAll = false;
     bool m_hasNoFreeSpace = false;
+    bool m_prunes = false;
 };
 
 CLI::App* ForgetCommand::Register(CLI::App& program)
@@ -99,6 +102,8 @@ CLI::App* ForgetCommand::Register(CLI::App& program)
         ->type_name("LIST")
         ->capture_default_str();
     command->add_flag("-n,--dry-run", m_isDryRun, "Remove nothing, but print what would be removed");
+    command->add_flag("--prune", m_prunes, "If snapshots are removed, then do what the command prune does");
+    m_pruning.AddTo(*command);
     command->add_flag("-c,--compact", m_isCompact, "Leave the reasons and the paths out");
     command->add_flag("--unsafe-allow-remove-all", m_mayRemoveAll,
                       "Allow to remove all snapshots that --host, --tag and --path choose");
@@ -108,7 +113,7 @@ CLI::App* ForgetCommand::Register(CLI::App& program)
     command->footer(
         "A snapshot stays if one of the --keep options keeps it. Hours, days and so on are those of the\n"
         "calendar, and only those with a snapshot count; the newest snapshot stands for each of them.\n"
-        "The contents remain in the repository.\n\n" +
+        "The contents remain in the repository until they are pruned.\n\n" +
         std::string(RepositoryHelp) +
         "Example: kbagent forget --repo /backup/repository --keep-daily 7 --keep-weekly 5 --dry-run");
     return command;
@@ -119,12 +124,13 @@ void ForgetCommand::Run(Report& report)
     const RetentionPolicy policy = PolicyOf();
     RequireSense(policy);
     const Grouping grouping(m_groupBy);
+    PruneOptions pruning = m_pruning.Get();
     const RepositoryOptions options = m_repository.Get();
     Session session(options, report,
                     m_hasNoFreeSpace ? Access::Recovery
                     : m_isDryRun     ? Access::Read
                                      : Access::Exclusive,
-                    OldFormat::Accepted);
+                    m_prunes ? OldFormat::Refused : OldFormat::Accepted);
     const std::vector<StoredSnapshot> chosen =
         m_ids->count() != 0 ? ChooseNamed(session) : ChooseBy(policy, grouping, session);
     if (!m_isDryRun) {
@@ -135,6 +141,15 @@ void ForgetCommand::Run(Report& report)
             ids += (ids.empty() ? "" : " ") + ShortId(stored.id);
         report.Out() << "Would have removed the following snapshots:\n{" << ids << "}\n";
     }
+    if (!m_prunes || chosen.empty())
+        return;
+    pruning.hasNoFreeSpace = m_hasNoFreeSpace;
+    pruning.isDryRun = m_isDryRun;
+    if (m_isDryRun) {
+        for (const StoredSnapshot& stored : chosen)
+            pruning.forgotten.insert(stored.id);
+    }
+    PruneAndPrint(session, pruning);
 }
 
 RetentionPolicy ForgetCommand::PolicyOf() const

@@ -36,7 +36,6 @@ constexpr ResticCommand ResticCommands[] = {
     {"find", "'kbagent ls' prints all paths of a snapshot, which grep can search"},
     {"generate", "the package has the manual page and the completion"},
     {"mount", "'kbagent restore' and 'kbagent dump' read single entries"},
-    {"prune", SameRepository},
     {"rebuild-index", SameRepository},
     {"recover", SameRepository},
     {"repair", SameRepository},

@@ -1,5 +1,7 @@
 #include "agent/Repository/Failure.h"
 
+#include <cerrno>
+
 namespace Agent::Repo {
 
 namespace {
@@ -27,6 +29,11 @@ RepositoryError::RepositoryError(Failure failure, const YError& cause, const Krt
     m_message = prefix + m_message;
     if (!m_what.IsEmpty())
         m_what = prefix + m_what;
+}
+
+bool RepositoryError::IsOfFile() const
+{
+    return m_failure == Failure::Damaged || m_failure == Failure::Missing || GetOsError() == EIO;
 }
 
 void RaiseFailure(Failure failure, unsigned int line, const char* file, const char* function,

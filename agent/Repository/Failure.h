@@ -28,6 +28,9 @@ public:
     RepositoryError(Failure failure, const Krt::Exception::YError& cause, const Krt::YString& prefix = {});
 
     Failure GetFailure() const { return m_failure; }
+    /// Returns true if it is the file that is damaged or missing, or is in a bad place of a disk, so that
+    /// another attempt would fail as well.
+    bool IsOfFile() const;
 
 private:
     Failure m_failure;

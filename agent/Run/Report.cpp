@@ -85,16 +85,21 @@ void Report::NoteLocation(const YString& location)
 
 void Report::ShowProgress(unsigned long long entries, unsigned long long bytes)
 {
+    ShowProgress([&] {
+        const double seconds = std::chrono::duration<double>(steady_clock::now() - m_start).count();
+        const auto rate = static_cast<unsigned long long>(static_cast<double>(bytes) / seconds);
+        return std::to_string(entries) + " entries, " + ShortSize(bytes) + ", " + ShortSize(rate) + "/s";
+    });
+}
+
+void Report::ShowProgress(const std::function<std::string()>& text)
+{
     static constexpr std::chrono::milliseconds Interval{200};
     const steady_clock::time_point now = steady_clock::now();
     if (now - m_shown < Interval)
         return;
     m_shown = now;
-    const double seconds = std::chrono::duration<double>(now - m_start).count();
-    const auto rate = static_cast<unsigned long long>(static_cast<double>(bytes) / seconds);
-    const std::string text = "\r\033[K" + std::to_string(entries) + " entries, " + ShortSize(bytes) + ", " +
-                             ShortSize(rate) + "/s";
-    std::fputs(text.c_str(), stderr);
+    std::fputs(("\r\033[K" + text()).c_str(), stderr);
     m_isProgressShown = true;
 }
 

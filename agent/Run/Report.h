@@ -11,6 +11,7 @@
 #include "Krt/String/YString.h"
 
 #include <chrono>
+#include <functional>
 #include <string>
 
 namespace Agent {
@@ -56,6 +57,13 @@ public:
         if (m_showsProgress)
             ShowProgress(entries, bytes);
     }
+    /// Prints a line of printable text in place of the progress, from time to time as Progress does. `text`
+    /// is called only if it is printed.
+    void ProgressText(const std::function<std::string()>& text)
+    {
+        if (m_showsProgress)
+            ShowProgress(text);
+    }
     /// Returns standard output. Erases the progress first, so that the output begins on its own line.
     Output& Out()
     {
@@ -71,6 +79,7 @@ public:
 private:
     void ReportFailure(const Krt::YString& path, const Krt::YString& reason);
     void ShowProgress(unsigned long long entries, unsigned long long bytes);
+    void ShowProgress(const std::function<std::string()>& text);
     void EraseProgress()
     {
         if (m_isProgressShown)

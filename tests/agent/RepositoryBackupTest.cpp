@@ -41,13 +41,6 @@ std::string RandomBytes(std::size_t size, unsigned int seed)
     return bytes;
 }
 
-// How many rounds a test has: the variable of the environment says so for a longer run.
-int Rounds(const char* variable, int otherwise)
-{
-    const char* const text = std::getenv(variable);
-    return text != nullptr ? std::atoi(text) : otherwise;
-}
-
 class RepositoryBackupTest : public RepositoryFixture
 {
 protected:

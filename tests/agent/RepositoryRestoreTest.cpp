@@ -653,8 +653,7 @@ TEST_F(RepositoryRestore, TimesThatCanNotBeStoredAreReportedOnce)
 
 TEST_F(RepositoryRestore, RandomTreesComeBack)
 {
-    const char* const wanted = std::getenv("RESTORE_ROUNDS");
-    const int rounds = wanted != nullptr ? std::atoi(wanted) : 20;
+    const int rounds = Rounds("RESTORE_ROUNDS", 20);
     std::mt19937 random(4);
     for (int round = 0; round < rounds; ++round) {
         fs::remove_all(source);

@@ -121,6 +121,23 @@ TEST_F(AgentFaults, Backup)
     });
 }
 
+TEST_F(AgentFaults, Prune)
+{
+    CreateRepository(repository, "secret");
+    Faults none;
+    EXPECT_EQ(Run(none, {"backup", source}), 0);
+    EXPECT_EQ(Run(none, {"backup", source + "/d"}), 0); // of whose data the pack has more
+    const std::string before = directory / "before";
+    fs::rename(repository, before);
+    CheckWithFaults([&](Faults& faults) {
+        fs::remove_all(repository);
+        fs::copy(before, repository, fs::copy_options::recursive);
+        const int exitCode =
+            Run(faults, {"forget", "-g", ",", "--keep-last", "1", "--prune", "--max-unused", "0"});
+        EXPECT_TRUE(CheckRepository() == 1 || exitCode != 0);
+    });
+}
+
 class RepositoryFaults : public AgentFaults
 {
 protected:

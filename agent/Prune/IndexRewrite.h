@@ -1,0 +1,67 @@
+// IndexRewrite: replaces index files, so that the index names other packs. An index file that is replaced is
+// removed only after all others are durable. So at any time the index files together name each pack that
+// stays, once or several times with the same blobs.
+#pragma once
+
+#include "agent/Repository/BlobsByPack.h"
+#include "agent/Repository/Repository.h"
+
+#include <functional>
+#include <vector>
+
+namespace Agent {
+
+class IndexRewrite
+{
+public:
+    /// Reads the index files of the repository, whose index is loaded, and finds out which packs each has.
+    /// One that can't be read is replaced. Raises InvalidState if there are packs that the loaded index does
+    /// not have: then another process wrote them.
+    IndexRewrite(const Repo::Repository& repository, unsigned int threads);
+
+    /// The blobs of the loaded index.
+    const Repo::BlobsByPack& GetBlobs() const { return m_blobs; }
+
+    /// Decides which index files are replaced: those with
+    ///   - a pack that is not kept; `isKept` is by the number of the pack
+    ///   - a pack that another index file has, too
+    ///   - only some of the blobs that the index has of a pack
+    /// With `joinsSmall`, small index files are also replaced, if any is.
+    void Choose(const std::vector<bool>& isKept, bool joinsSmall);
+    /// How many index files are replaced.
+    std::size_t CountReplaced() const { return m_replaced.size(); }
+    /// Which packs are named by index files that were not removed, by the number of the pack.
+    std::vector<bool> FindNamed() const;
+
+    /// Removes the index files that have no pack to be kept.
+    void RemoveUseless();
+    /// Adds a pack that the index does not have as it is.
+    void Add(const Repo::Id& pack, std::span<const Repo::PackedBlob> blobs);
+    /// Saves index files with the packs that are to be kept and with those that were added. `save` saves the
+    /// text of an index file.
+    void Write(const std::function<void(const std::string& text)>& save);
+    /// Removes the index files that are replaced. `onRemoved` is called after each.
+    void RemoveReplaced(const std::function<void()>& onRemoved = [] {});
+
+private:
+    struct File
+    {
+        Repo::Id id;
+        std::vector<std::uint32_t> packs;
+        std::size_t blobs = 0;
+        bool isExact = true; // it can be read, and has each pack with all blobs that the index has of it
+    };
+
+    File ReadFile(const Repo::Id& id) const;
+    void Remove(const File& file) const;
+    void SaveIfFull(std::size_t limit, const std::function<void(const std::string& text)>& save);
+
+    const Repo::Repository& m_repository;
+    const Repo::BlobsByPack m_blobs;
+    std::vector<File> m_kept;
+    std::vector<File> m_replaced;
+    std::vector<bool> m_isWritten; // packs that are kept, and that no kept file has
+    Repo::IndexFileWriter m_writer;
+};
+
+} // namespace Agent
