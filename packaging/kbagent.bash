@@ -12,7 +12,7 @@ _kbagent() {
             *)
                 command+=("${COMP_WORDS[i]}")
                 # These alone have commands of their own.
-                [[ ${command[*]} == service || ${command[*]} == key ]] || break
+                [[ ${command[*]} == service || ${command[*]} == key || ${command[*]} == repair ]] || break
                 ;;
         esac
     done

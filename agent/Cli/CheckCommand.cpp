@@ -44,12 +44,17 @@ void Advise(const CheckSummary& summary, CheckObserver& observer)
     if (summary.isDenied)
         observer.OnHint("this user may not read some files of the repository; repeat the check as their "
                         "owner or as root");
-    if (!summary.brokenPacks.empty())
-        observer.OnHint("damaged packs should be moved out of the repository before its index is rebuilt; a "
-                        "backup of the same files then stores again what the snapshots lack");
-    if (summary.isIndexWrong || !summary.brokenPacks.empty())
-        observer.OnHint("the index should be rebuilt from the packs: restic repair index, or before restic "
-                        "0.15: restic rebuild-index");
+    if (summary.isIndexWrong)
+        observer.OnHint("the index should be rebuilt from the packs: kbagent repair index");
+    if (!summary.brokenPacks.empty()) {
+        std::string ids;
+        for (const Repo::Id& id : summary.brokenPacks)
+            ids += " " + id.ToHex();
+        observer.OnHint("what can be read of broken packs should be saved: kbagent repair packs" + ids);
+    }
+    if (summary.errors != 0)
+        observer.OnHint(
+            "if snapshots have still lost something after that: kbagent repair snapshots --forget");
 }
 
 class CheckCommand : public ICommand

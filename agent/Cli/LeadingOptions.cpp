@@ -36,9 +36,7 @@ constexpr ResticCommand ResticCommands[] = {
     {"find", "'kbagent ls' prints all paths of a snapshot, which grep can search"},
     {"generate", "the package has the manual page and the completion"},
     {"mount", "'kbagent restore' and 'kbagent dump' read single entries"},
-    {"rebuild-index", SameRepository},
     {"recover", SameRepository},
-    {"repair", SameRepository},
     {"self-update", "the system's package manager updates it"},
     {"version", "use --version"},
 };

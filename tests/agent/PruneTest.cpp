@@ -2,6 +2,8 @@
 // damaged repositories; and the plan of one.
 #include "agent/Inspect/RepositoryCheck.h"
 #include "agent/Prune/PruneRun.h"
+#include "agent/Repair/RepairIndex.h"
+#include "agent/Repair/RepairPacks.h"
 #include "agent/Repository/Lock.h"
 #include "agent/Repository/Pack.h"
 
@@ -134,9 +136,16 @@ TEST_F(PruneTest, EachFailureLeavesSoundRepository)
     const auto prune = [&](Repo::Repository& opened) {
         Prune(opened, options, observer, [](const PruneStatistics&) {});
     };
-    const std::function<void(Repo::Repository&)> works[] = {prune};
+    const auto repairIndex = [&](Repo::Repository& opened) {
+        RepairIndex(opened, true, observer);
+    };
+    const auto repairPacks = [&](Repo::Repository& opened) {
+        opened.LoadIndex();
+        RepairPacks(opened, {opened.GetIndex().GetPacks().front().id}, observer);
+    };
+    const std::function<void(Repo::Repository&)> works[] = {prune, repairIndex, repairPacks};
     const int stride = Rounds("LIFE_FAULTS", 4);
-    for (int kind = 0; kind < 3; ++kind) {
+    for (int kind = 0; kind < 9; ++kind) {
         bool isDone = false;
         for (int changes = 0; !isDone && changes < 200; changes += stride) {
             SCOPED_TRACE(std::to_string(kind) + ": " + std::to_string(changes));
@@ -161,9 +170,9 @@ TEST_F(PruneTest, EachFailureLeavesSoundRepository)
 TEST_F(PruneTest, KilledCommandsLeaveSoundRepository)
 {
     const char* const commands[] = {
-        "backup -q source",
-        "forget --keep-last 3 --prune --max-unused 0",
-        "prune --max-unused 0",
+        "backup -q source",     "forget --keep-last 3 --prune --max-unused 0",
+        "prune --max-unused 0", "repair index --read-all-packs",
+        "repair snapshots",
     };
     BackUp(4);
     int killed = 0;
@@ -203,7 +212,7 @@ TEST_F(PruneTest, ExclusiveLockOfEitherProgramExcludesTheOther)
     for (const bool isExclusive : {true, false}) {
         lock.isExclusive = isExclusive;
         const Id held = opened.SaveText(FileKind::Lock, lock.ToJson());
-        for (const char* command : {"forget latest", "prune"})
+        for (const char* command : {"forget latest", "prune", "repair index", "repair snapshots"})
             Run(11, command);
         Run(isExclusive ? 11 : 0, "snapshots");
         if (HasRestic()) {

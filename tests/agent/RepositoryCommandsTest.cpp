@@ -536,7 +536,7 @@ TEST_F(RepositoryCommands, CheckAdvisesToRebuildMissingIndex)
     fs::remove(Files("index").front());
     const ProgramResult result = Run(1, "check");
     EXPECT_TRUE(Holds(result.errors, "packs that no index refers to, and may have what it lacks: 1"));
-    EXPECT_TRUE(Holds(result.errors, "restic repair index")) << result.errors;
+    EXPECT_TRUE(Holds(result.errors, "kbagent repair index")) << result.errors;
     EXPECT_TRUE(Holds(Run(1, "check --json").output, R"("suggest_repair_index":true,"suggest_prune":false)"));
 }
 

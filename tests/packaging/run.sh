@@ -59,6 +59,7 @@ completes "--sort" --log /tmp/x ls --repo /tmp/y --so
 completes "start stop status" service st
 completes "snapshots" -r /tmp/x --retry-lock 1m snap
 completes "list" key li
+completes "--read-all-packs" repair index --read
 completes "--remove-all" unlock --rem
 completes "--read-data --read-data-subset" check --read
 completes "--timeout" service start nightly --t
