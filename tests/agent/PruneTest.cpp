@@ -223,6 +223,29 @@ TEST_F(PruneTest, ExclusiveLockOfEitherProgramExcludesTheOther)
     }
 }
 
+// What is lost is stored again, so that there are two copies if the packs come back.
+TEST_F(PruneTest, DamagedCopyIsNotTheOneThatStays)
+{
+    BackUp();
+    const auto packs = Files("data");
+    for (const auto& pack : packs)
+        fs::rename(pack, directory / pack.filename());
+    directory.Write("source/more", RandomBytes(500000));
+    Run(3, {"backup", "-q", "--force", source});
+    for (const auto& pack : packs) {
+        std::string content = ReadFile(directory / pack.filename());
+        for (std::size_t i = 40; i + 2000 < content.size(); i += 1000)
+            content[i] = static_cast<char>(content[i] ^ 1);
+        directory.Write(fs::relative(pack, directory.Path()), content);
+    }
+    for (const auto& file : Files("snapshots")) {
+        if (!trees.contains(file.filename()))
+            fs::remove(file); // now the old packs have nothing unused
+    }
+    EXPECT_TRUE(Holds(Run(0, "prune --max-unused 0").output, "another copy of a damaged blob is kept"));
+    ExpectSound();
+}
+
 TEST_F(PruneTest, FullDiskIsFreed)
 {
     BackUp(4);

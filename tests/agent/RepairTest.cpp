@@ -59,7 +59,7 @@ protected:
         return repository + "/" + FileName{FileKind::Pack, pack}.Path();
     }
     // All is repaired, as the check advises.
-    void FollowAdvice()
+    void FollowAdvice(int exitCodeOfIndex)
     {
         std::istringstream errors(Run(1, "check --read-data").errors);
         std::set<std::string> advices;
@@ -70,7 +70,7 @@ protected:
         for (const std::string& advice : advices) { // index, packs, snapshots
             const std::vector<std::string> arguments =
                 Words(advice + " -q -r " + repository + " -p password");
-            Run(advice == "repair index" ? 3 : 0, arguments);
+            Run(advice == "repair index" ? exitCodeOfIndex : 0, arguments);
         }
         Run(0, "check --read-data");
         if (HasRestic()) {
@@ -146,7 +146,7 @@ TEST_F(RepairTest, HealthyFilesOutliveDamagedPacks)
     }
     ASSERT_GE(damaged.size(), 4u);
     const auto snapshots = Files("snapshots");
-    FollowAdvice();
+    FollowAdvice(3);
     EXPECT_NE(Files("snapshots"), snapshots);
     EXPECT_EQ(Files("snapshots").size(), snapshots.size());
     const TemporaryDirectory out;
@@ -224,6 +224,29 @@ TEST_F(RepairTest, SnapshotsLoseOnlyWhatIsLost)
     EXPECT_TRUE(fs::exists(file1));
     Run(0, "repair snapshots --forget " + file1.filename().string());
     EXPECT_FALSE(fs::exists(file1));
+}
+
+TEST_F(RepairTest, BackupStoresAgainWhatIsLost)
+{
+    BackUp(3);
+    const auto damage = [this](BlobType type, bool isRemoved) {
+        const Repo::Repository opened = Open();
+        for (const Id& id : PacksWith(opened, type)) {
+            MakeWritable(PathOf(id));
+            isRemoved ? static_cast<void>(fs::remove(PathOf(id))) : Flip(PathOf(id), 100);
+        }
+    };
+    // Trees of the parent can't be read; then packs are missing.
+    damage(BlobType::Tree, false);
+    Run(3, {"backup", "-q", source});
+    damage(BlobType::Data, true);
+    EXPECT_TRUE(Holds(Run(3, {"backup", "-q", source}).errors, "packs that are missing"));
+    const TemporaryDirectory out;
+    Run(0, {"restore", "-q", "latest:" + source, "--target", out.Path()});
+    EXPECT_EQ(DescribeTree(out.Path()), DescribeTree(source));
+    FollowAdvice(0);
+    Run(0, {"restore", "-q", "latest:" + source, "--target", out.Path(), "--overwrite", "always"});
+    EXPECT_EQ(DescribeTree(out.Path()), DescribeTree(source));
 }
 
 } // namespace
