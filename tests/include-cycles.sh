@@ -7,7 +7,7 @@ set -euo pipefail
 # From top to bottom.
 agent_folders='
 Cli
-Import Repair Rewrite
+Copy Import Repair Rewrite
 Backup Convert Dump Forget Inspect Prune Restore Trust
 Access Record Walk
 Repository Run'

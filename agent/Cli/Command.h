@@ -31,6 +31,7 @@ std::unique_ptr<ICommand> MakeBackupCommand();
 std::unique_ptr<ICommand> MakeCatCommand();
 std::unique_ptr<ICommand> MakeCheckCommand();
 std::unique_ptr<ICommand> MakeConvertCommand();
+std::unique_ptr<ICommand> MakeCopyCommand();
 std::unique_ptr<ICommand> MakeDumpCommand();
 std::unique_ptr<ICommand> MakeForgetCommand();
 std::unique_ptr<ICommand> MakeImportCommand();

@@ -31,7 +31,6 @@ constexpr std::string_view SameRepository = "restic itself can use the same repo
 
 constexpr ResticCommand ResticCommands[] = {
     {"cache", "there is no cache"},
-    {"copy", SameRepository},
     {"diff", "the outputs of 'kbagent ls --long' for two snapshots can be compared"},
     {"find", "'kbagent ls' prints all paths of a snapshot, which grep can search"},
     {"generate", "the package has the manual page and the completion"},

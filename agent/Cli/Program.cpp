@@ -46,12 +46,12 @@ enum ExitCode
 
 // In the order in which the help shows them.
 constexpr std::unique_ptr<ICommand> (*Makers[])() = {
-    MakeInitCommand,    MakeBackupCommand,       MakeRestoreCommand, MakeSnapshotsCommand, MakeLsCommand,
-    MakeDumpCommand,    MakeShowCommand,         MakeStatsCommand,   MakeCheckCommand,     MakeCatCommand,
-    MakeListCommand,    MakeForgetCommand,       MakeRewriteCommand, MakeTagCommand,       MakePruneCommand,
-    MakeRepairCommand,  MakeRebuildIndexCommand, MakeKeyCommand,     MakeUnlockCommand,    MakeMigrateCommand,
-    MakeVolumesCommand, MakeServiceCommand,      MakeTrustCommand,   MakeConvertCommand,   MakeRenameCommand,
-    MakeImportCommand,
+    MakeInitCommand,    MakeBackupCommand,  MakeRestoreCommand,      MakeSnapshotsCommand, MakeLsCommand,
+    MakeDumpCommand,    MakeShowCommand,    MakeStatsCommand,        MakeCheckCommand,     MakeCatCommand,
+    MakeListCommand,    MakeForgetCommand,  MakeRewriteCommand,      MakeCopyCommand,      MakeTagCommand,
+    MakePruneCommand,   MakeRepairCommand,  MakeRebuildIndexCommand, MakeKeyCommand,       MakeUnlockCommand,
+    MakeMigrateCommand, MakeVolumesCommand, MakeServiceCommand,      MakeTrustCommand,     MakeConvertCommand,
+    MakeRenameCommand,  MakeImportCommand,
 };
 
 void WarnOfUnknownChannels(Report& report)
