@@ -42,6 +42,7 @@ std::unique_ptr<ICommand> MakeLsCommand();
 std::unique_ptr<ICommand> MakeMigrateCommand();
 std::unique_ptr<ICommand> MakePruneCommand();
 std::unique_ptr<ICommand> MakeRebuildIndexCommand();
+std::unique_ptr<ICommand> MakeRecoverCommand();
 std::unique_ptr<ICommand> MakeRenameCommand();
 std::unique_ptr<ICommand> MakeRepairCommand();
 std::unique_ptr<ICommand> MakeRestoreCommand();

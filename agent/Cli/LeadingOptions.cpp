@@ -27,15 +27,12 @@ struct ResticCommand
     std::string_view instead;
 };
 
-constexpr std::string_view SameRepository = "restic itself can use the same repository";
-
 constexpr ResticCommand ResticCommands[] = {
     {"cache", "there is no cache"},
     {"diff", "the outputs of 'kbagent ls --long' for two snapshots can be compared"},
     {"find", "'kbagent ls' prints all paths of a snapshot, which grep can search"},
     {"generate", "the package has the manual page and the completion"},
     {"mount", "'kbagent restore' and 'kbagent dump' read single entries"},
-    {"recover", SameRepository},
     {"self-update", "the system's package manager updates it"},
     {"version", "use --version"},
 };

@@ -49,9 +49,9 @@ constexpr std::unique_ptr<ICommand> (*Makers[])() = {
     MakeInitCommand,    MakeBackupCommand,  MakeRestoreCommand,      MakeSnapshotsCommand, MakeLsCommand,
     MakeDumpCommand,    MakeShowCommand,    MakeStatsCommand,        MakeCheckCommand,     MakeCatCommand,
     MakeListCommand,    MakeForgetCommand,  MakeRewriteCommand,      MakeCopyCommand,      MakeTagCommand,
-    MakePruneCommand,   MakeRepairCommand,  MakeRebuildIndexCommand, MakeKeyCommand,       MakeUnlockCommand,
-    MakeMigrateCommand, MakeVolumesCommand, MakeServiceCommand,      MakeTrustCommand,     MakeConvertCommand,
-    MakeRenameCommand,  MakeImportCommand,
+    MakePruneCommand,   MakeRepairCommand,  MakeRebuildIndexCommand, MakeRecoverCommand,   MakeKeyCommand,
+    MakeUnlockCommand,  MakeMigrateCommand, MakeVolumesCommand,      MakeServiceCommand,   MakeTrustCommand,
+    MakeConvertCommand, MakeRenameCommand,  MakeImportCommand,
 };
 
 void WarnOfUnknownChannels(Report& report)

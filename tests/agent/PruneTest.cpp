@@ -212,7 +212,7 @@ TEST_F(PruneTest, ExclusiveLockOfEitherProgramExcludesTheOther)
     for (const bool isExclusive : {true, false}) {
         lock.isExclusive = isExclusive;
         const Id held = opened.SaveText(FileKind::Lock, lock.ToJson());
-        for (const char* command : {"forget latest", "prune", "repair index", "repair snapshots"})
+        for (const char* command : {"forget latest", "prune", "repair index", "repair snapshots", "recover"})
             Run(11, command);
         Run(isExclusive ? 11 : 0, "snapshots");
         if (HasRestic()) {

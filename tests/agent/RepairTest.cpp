@@ -249,4 +249,34 @@ TEST_F(RepairTest, BackupStoresAgainWhatIsLost)
     EXPECT_EQ(DescribeTree(out.Path()), DescribeTree(source));
 }
 
+TEST_F(RepairTest, ForgottenDirectoriesAreRecovered)
+{
+    BackUp(2);
+    EXPECT_TRUE(Holds(Run(0, "recover").output, "found 0 directories"));
+    const auto files = Files("snapshots");
+    Run(0, "forget " + files[0].filename().string());
+    MakeWritable(files[1]);
+    fs::resize_file(files[1], 50);
+    EXPECT_TRUE(Holds(Run(0, "recover").output, "found 2 directories"));
+    fs::remove(files[1]);
+    const Repo::Repository opened = Open();
+    const Repo::StoredSnapshot recovered = opened.FindSnapshot("latest");
+    EXPECT_EQ(recovered.snapshot.tags, std::vector<std::string>{"recovered"});
+    std::set<std::string> found, lost;
+    opened.VisitTree(recovered.snapshot.tree, [&](const Repo::Node& node) {
+        const TemporaryDirectory out;
+        Run(0, {"restore", "-q", "latest:/" + node.name + source, "--target", out.Path()});
+        found.insert(DescribeTree(out.Path()));
+        return true;
+    });
+    for (const auto& [id, tree] : trees)
+        lost.insert(tree);
+    EXPECT_EQ(found, lost);
+    Run(0, "check --read-data");
+    if (HasRestic()) {
+        EXPECT_TRUE(Holds(Restic("check --read-data"), "no errors were found"));
+    }
+    EXPECT_TRUE(Holds(Run(0, "recover").output, "found 0 directories"));
+}
+
 } // namespace

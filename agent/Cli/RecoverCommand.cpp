@@ -1,0 +1,88 @@
+#include "agent/Cli/Command.h"
+
+#include "agent/Backup/NewSnapshot.h"
+#include "agent/Cli/RepositoryArguments.h"
+#include "agent/Cli/WorkPrinter.h"
+#include "agent/Repair/Recovery.h"
+#include "agent/Run/Text.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Agent {
+
+using Repo::Id;
+using Repo::StoredSnapshot;
+
+namespace {
+
+class RecoverCommand : public ICommand
+{
+public:
+    CLI::App* Register(CLI::App& program) override;
+    void Run(Report& report) override;
+
+private:
+    Id Save(Session& session, const std::vector<Id>& roots) const;
+
+    RepositoryArguments m_repository;
+};
+
+CLI::App* RecoverCommand::Register(CLI::App& program)
+{
+    CLI::App* const command =
+        program.add_subcommand("recover", "Make a snapshot of all directories that no snapshot refers to");
+    m_repository.AddTo(*command, LockOptions::Required);
+    command->footer(
+        "It is for snapshots that were removed by mistake, or whose files are lost, as long as no prune has\n"
+        "removed their contents. The new snapshot has the tag recovered and the path /recover. In it, each\n"
+        "directory is named by the digits of its tree's ID. What interrupted backups left is found, "
+        "too.\n\n" +
+        std::string(RepositoryHelp) + "Example: kbagent recover --repo /backup/repository");
+    return command;
+}
+
+void RecoverCommand::Run(Report& report)
+{
+    Session session(m_repository.Get(), report, Access::Exclusive);
+    const bool isJson = session.GetOptions().isJson;
+    WorkPrinter printer(report, session.GetOptions());
+    const std::vector<StoredSnapshot> snapshots = session.GetRepository().LoadSnapshots(
+        {}, [&printer](const Repo::FileName& file, const Repo::RepositoryError& error) {
+            if (!error.IsOfFile())
+                throw Repo::RepositoryError(error);
+            printer.OnNote("the directories of a damaged snapshot are recovered: " + file.Path());
+        });
+    session.LoadIndex();
+    printer.OnStage("reading all trees");
+    const std::vector<Id> roots = FindLostRoots(session.GetRepository(), snapshots, printer);
+    printer.OnStage("found " + std::to_string(roots.size()) + " directories that no snapshot refers to");
+    if (roots.empty())
+        return;
+    const Id id = Save(session, roots);
+    if (isJson)
+        report.Out() << R"({"message_type":"summary","recovered":)" << std::to_string(roots.size())
+                     << R"(,"snapshot_id":")" << id.ToHex() << "\"}\n";
+    else
+        report.Out() << "saved new snapshot " << ShortId(id) << "\n";
+}
+
+Id RecoverCommand::Save(Session& session, const std::vector<Id>& roots) const
+{
+    SnapshotSettings settings;
+    settings.tags = {"recovered"};
+    SnapshotOutcome outcome;
+    outcome.begin = Repo::Timestamp::Now();
+    Repo::Snapshot snapshot = MakeSnapshot(settings, outcome);
+    snapshot.paths = {"/recover"};
+    snapshot.tree = SaveRoots(session.GetRepository(), roots, outcome.begin);
+    return session.GetRepository().SaveText(Repo::FileKind::Snapshot, snapshot.ToJson());
+}
+
+} // namespace
+
+std::unique_ptr<ICommand> MakeRecoverCommand()
+{
+    return std::make_unique<RecoverCommand>();
+}
+
+} // namespace Agent

@@ -1,0 +1,25 @@
+// The recovery of directories that no snapshot refers to, such as those of snapshots that were removed or
+// lost.
+#pragma once
+
+#include "agent/Prune/WorkObserver.h"
+#include "agent/Repository/Repository.h"
+
+#include <optional>
+#include <vector>
+
+namespace Agent {
+
+/// Reads all trees that the index has, and returns those that neither another tree nor one of the snapshots
+/// refers to, sorted. The observer gets a note for each tree that can't be read; it is left out, and the
+/// directories in it are found instead. The index is loaded. Raises InvalidState if the user interrupts.
+std::vector<Repo::Id> FindLostRoots(const Repo::Repository& repository,
+                                    const std::vector<Repo::StoredSnapshot>& snapshots,
+                                    IWorkObserver& observer);
+
+/// Saves a tree that has the given ones as directories, which are named by the digits of their ids. Returns
+/// its id.
+Repo::Id SaveRoots(const Repo::Repository& repository, const std::vector<Repo::Id>& roots,
+                   const Repo::Timestamp& time);
+
+} // namespace Agent
