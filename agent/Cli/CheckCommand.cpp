@@ -42,16 +42,20 @@ std::string SummaryJson(const CheckSummary& summary)
 void Advise(const CheckSummary& summary, CheckObserver& observer)
 {
     if (summary.isDenied)
-        observer.OnHint("this user may not read some files of the repository; repeat the check as their "
-                        "owner or as root");
+        return observer.OnHint("this user may not read some files of the repository; repeat the check as "
+                               "their owner or as root");
+    const auto advise = [&observer](const char* command, const std::vector<Repo::Id>& ids) {
+        std::string text = command;
+        for (const Repo::Id& id : ids)
+            text += " " + id.ToHex();
+        if (!ids.empty())
+            observer.OnHint(text);
+    };
     if (summary.isIndexWrong)
         observer.OnHint("the index should be rebuilt from the packs: kbagent repair index");
-    if (!summary.brokenPacks.empty()) {
-        std::string ids;
-        for (const Repo::Id& id : summary.brokenPacks)
-            ids += " " + id.ToHex();
-        observer.OnHint("what can be read of broken packs should be saved: kbagent repair packs" + ids);
-    }
+    advise("what can be read of broken packs should be saved: kbagent repair packs", summary.brokenPacks);
+    advise("damaged files of snapshots should be removed: kbagent repair snapshots --forget",
+           summary.badSnapshots);
     if (summary.errors != 0)
         observer.OnHint(
             "if snapshots have still lost something after that: kbagent repair snapshots --forget");

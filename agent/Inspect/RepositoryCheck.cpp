@@ -126,8 +126,11 @@ void Check::CheckKeys()
 
 void Check::LoadSnapshots()
 {
-    m_snapshots = m_repository.LoadSnapshots(
-        {}, [this](const FileName& file, const RepositoryError& error) { Fail(file, error); });
+    m_snapshots = m_repository.LoadSnapshots({}, [this](const FileName& file, const RepositoryError& error) {
+        if (error.GetFailure() == Repo::Failure::Damaged)
+            m_summary.badSnapshots.push_back(file.id);
+        Fail(file, error);
+    });
 }
 
 void Check::LoadIndex()

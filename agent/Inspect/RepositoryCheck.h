@@ -35,10 +35,11 @@ public:
 struct CheckSummary
 {
     std::uint64_t errors = 0;
-    std::vector<Repo::Id> brokenPacks; ///< damaged or missing
-    bool isIndexWrong = false;         ///< an index file is damaged or missing, or does not fit the packs
-    bool isDenied = false;             ///< the user may not read a file; then isIndexWrong is false
-    bool hasUnusedPacks = false;       ///< packs that nothing needs, or entries that are there twice
+    std::vector<Repo::Id> brokenPacks;  ///< damaged or missing
+    std::vector<Repo::Id> badSnapshots; ///< whose files are damaged
+    bool isIndexWrong = false;          ///< an index file is damaged or missing, or does not fit the packs
+    bool isDenied = false;              ///< the user may not read a file; then isIndexWrong is false
+    bool hasUnusedPacks = false;        ///< packs that nothing needs, or entries that are there twice
 };
 
 /// Checks the repository: key files, snapshots, index files, packs, trees, and then the content of a subset

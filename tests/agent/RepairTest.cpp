@@ -222,7 +222,9 @@ TEST_F(RepairTest, SnapshotsLoseOnlyWhatIsLost)
     fs::resize_file(file1, 50);
     Run(3, "repair snapshots --forget");
     EXPECT_TRUE(fs::exists(file1));
-    Run(0, "repair snapshots --forget " + file1.filename().string());
+    const std::string advised = "repair snapshots --forget " + file1.filename().string();
+    EXPECT_TRUE(Holds(Run(1, "check").errors, "kbagent " + advised));
+    Run(0, advised);
     EXPECT_FALSE(fs::exists(file1));
 }
 
