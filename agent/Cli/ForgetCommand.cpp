@@ -126,9 +126,10 @@ void ForgetCommand::Run(Report& report)
     const Grouping grouping(m_groupBy);
     PruneOptions pruning = m_pruning.Get();
     const RepositoryOptions options = m_repository.Get();
+    const Access dryRun = m_prunes ? Access::DryRun : Access::Read;
     Session session(options, report,
                     m_hasNoFreeSpace ? Access::Recovery
-                    : m_isDryRun     ? Access::Read
+                    : m_isDryRun     ? dryRun
                                      : Access::Exclusive,
                     m_prunes ? OldFormat::Refused : OldFormat::Accepted);
     const std::vector<StoredSnapshot> chosen =

@@ -66,7 +66,7 @@ void RewriteCommand::Run(Report& report)
         throw UsageError("Name what is to be left out, with --exclude and a pattern");
     const RepositoryOptions options = m_repository.Get();
     Session session(options, report,
-                    m_isDryRun  ? Access::Read
+                    m_isDryRun  ? Access::DryRun
                     : m_forgets ? Access::Exclusive
                                 : Access::Append);
     const std::vector<StoredSnapshot> snapshots =

@@ -350,7 +350,8 @@ TEST_F(RepositoryWriting, VersionOneIsUpgradedBeforeItIsWritten)
     directory.Write("s/f", "content");
     if (hasRestic)
         Restic("backup s");
-    for (const char* command : {"tag --add x", "backup s", "backup -n s"})
+    for (const char* command :
+         {"tag --add x", "backup s", "backup -n s", "rewrite -n -e x", "forget -n --prune -l 1", "prune -n"})
         EXPECT_TRUE(Holds(Run(1, command).errors, "migrate upgrade_repo_v2")) << command;
     EXPECT_TRUE(Holds(Run(0, "migrate").output, "upgrade_repo_v2"));
     Run(2, "migrate other");
