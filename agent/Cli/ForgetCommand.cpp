@@ -112,7 +112,7 @@ CLI::App* ForgetCommand::Register(CLI::App& program)
     m_ids = AddPathArguments(*command, "Remove these snapshots: first digits of IDs, or latest", "ID");
     command->footer(
         "A snapshot stays if one of the --keep options keeps it. Hours, days and so on are those of the\n"
-        "calendar, and only those with a snapshot count; the newest snapshot stands for each of them.\n"
+        "calendar, and only those with a snapshot count; the newest snapshot of each is kept.\n"
         "The contents remain in the repository until they are pruned.\n\n" +
         std::string(RepositoryHelp) +
         "Example: kbagent forget --repo /backup/repository --keep-daily 7 --keep-weekly 5 --dry-run");
