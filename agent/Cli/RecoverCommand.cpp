@@ -56,14 +56,14 @@ void RecoverCommand::Run(Report& report)
     printer.OnStage("reading all trees");
     const std::vector<Id> roots = FindLostRoots(session.GetRepository(), snapshots, printer);
     printer.OnStage("found " + std::to_string(roots.size()) + " directories that no snapshot refers to");
-    if (roots.empty())
-        return;
-    const Id id = Save(session, roots);
+    std::optional<Id> id;
+    if (!roots.empty())
+        id = Save(session, roots);
     if (isJson)
         report.Out() << R"({"message_type":"summary","recovered":)" << std::to_string(roots.size())
-                     << R"(,"snapshot_id":")" << id.ToHex() << "\"}\n";
-    else
-        report.Out() << "saved new snapshot " << ShortId(id) << "\n";
+                     << (id ? R"(,"snapshot_id":")" + id->ToHex() + "\"}\n" : "}\n");
+    else if (id)
+        report.Out() << "saved new snapshot " << ShortId(*id) << "\n";
 }
 
 Id RecoverCommand::Save(Session& session, const std::vector<Id>& roots) const
