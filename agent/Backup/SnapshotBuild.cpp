@@ -147,14 +147,10 @@ StoredBlob SnapshotBuild::StoreBlob(const Repo::BlobHandle& handle, Repo::ByteVi
 StoredBlob SnapshotBuild::StoreTree(Repo::ByteView text, const std::optional<Id>& sound)
 {
     const Repo::BlobHandle handle{BlobType::Tree, Id::Of(text)};
-    if (handle.id != sound && m_repository.HasBlob(handle)) {
+    if (handle.id != sound) {
         EndRunOnError([&] {
-            try {
-                Repo::Bytes read;
-                m_repository.LoadBlob(handle, read);
-            } catch (const Repo::RepositoryError&) {
-                RaiseIfInterrupted(); // otherwise it is lost, and stored again
-            }
+            if (!m_repository.IsReadable(handle)) // then it is stored again
+                RaiseIfInterrupted();
         });
     }
     return StoreBlob(handle, text);

@@ -109,10 +109,10 @@ std::optional<Repo::Snapshot> RewriteCommand::Filter(const StoredSnapshot& store
         Repo::Snapshot changed = stored.snapshot;
         changed.tree = filter.Apply(
             stored.snapshot.tree,
-            [&](const Id& id, std::string_view text) {
+            [&](std::string_view text) {
                 isSaving = true;
                 if (!m_isDryRun)
-                    saver.Save({Repo::BlobType::Tree, id}, Repo::AsBytes(text));
+                    saver.SaveTree(text);
                 isSaving = false;
             },
             [&](const std::string& path) {

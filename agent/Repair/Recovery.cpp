@@ -99,12 +99,10 @@ Id SaveRoots(const Repo::Repository& repository, const std::vector<Id>& roots, c
         node.subtree = root;
         writer.Add(node);
     }
-    const std::string text = writer.Finish();
-    const Id id = Id::Of(Repo::AsBytes(text));
     Repo::SaveOptions saving;
     saving.onWait = RaiseIfInterrupted;
     Repo::BlobSaver saver(repository, saving);
-    saver.Save({BlobType::Tree, id}, Repo::AsBytes(text));
+    const Id id = saver.SaveTree(writer.Finish());
     saver.Finish();
     return id;
 }

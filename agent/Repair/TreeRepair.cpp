@@ -133,10 +133,7 @@ Id TreeRepair::Save(OpenTree& open) const
 
 Id TreeRepair::SaveText(const std::string& text) const
 {
-    const Id id = Id::Of(Repo::AsBytes(text));
-    if (m_saver != nullptr)
-        m_saver->Save({BlobType::Tree, id}, Repo::AsBytes(text));
-    return id;
+    return m_saver != nullptr ? m_saver->SaveTree(text) : Id::Of(Repo::AsBytes(text));
 }
 
 void TreeRepair::Change(OpenTree& open, const std::string& path, const std::string& change) const

@@ -142,6 +142,14 @@ std::uint64_t BlobSaver::SaveSealed(const PackedBlob& blob, ByteView sealed)
     }
 }
 
+Id BlobSaver::SaveTree(std::string_view text)
+{
+    const BlobHandle handle{BlobType::Tree, Id::Of(AsBytes(text))};
+    m_repository.IsReadable(handle); // otherwise it counts as lost
+    Save(handle, AsBytes(text));
+    return handle.id;
+}
+
 std::uint64_t BlobSaver::Save(const BlobHandle& handle, ByteView plaintext)
 {
     if (!Claim(handle))

@@ -84,6 +84,8 @@ public:
     /// Saves a blob that the caller has read from this repository and verified, as it is sealed. Otherwise as
     /// Save; the position in `blob` has no effect.
     std::uint64_t SaveSealed(const PackedBlob& blob, ByteView sealed);
+    /// Saves a tree, also if the repository has it but can't read it. Returns its id. Otherwise as Save.
+    Id SaveTree(std::string_view text);
     /// Returns true if the repository has the blob, or it was given to Save. With SaveOptions::isRepacking
     /// the former does not count. Any thread.
     bool Has(const BlobHandle& handle) const;

@@ -475,6 +475,19 @@ bool Repository::HasBlob(const BlobHandle& handle) const
     });
 }
 
+bool Repository::IsReadable(const BlobHandle& handle) const
+{
+    if (!HasBlob(handle))
+        return false;
+    try {
+        Bytes plaintext;
+        LoadBlob(handle, plaintext);
+        return true;
+    } catch (const RepositoryError&) {
+        return false;
+    }
+}
+
 std::vector<FileName> Repository::FindLostPacks()
 {
     const std::vector<IndexedPack>& packs = m_index.GetPacks();

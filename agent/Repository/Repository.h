@@ -116,6 +116,8 @@ public:
     /// Returns true if the index has the blob, and it was not found to be lost: LoadBlob could not read it,
     /// or its packs are lost. A backup saves again what is lost.
     bool HasBlob(const BlobHandle& handle) const;
+    /// Returns true if HasBlob does, and the blob can be read now. Otherwise it counts as lost from now on.
+    bool IsReadable(const BlobHandle& handle) const;
     /// Finds the packs of the index that are missing or shorter than the index expects, so that their blobs
     /// count as lost. Returns their names. No other thread uses the repository meanwhile.
     std::vector<FileName> FindLostPacks();

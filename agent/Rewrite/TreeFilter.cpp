@@ -58,9 +58,8 @@ Id OpenTree::Close(const TreeFilter::TreeSaver& save) const
     KRT_RAISE_UNLESS(whole.Finish(again.GetUnknown()) == Repo::AsText(text), Krt::ErrorCode::NotSupported,
                      "The directory '" << path.c_str() << "' can't be written without losing something");
     const std::string result = filtered.Finish(again.GetUnknown());
-    const Id resultId = Id::Of(Repo::AsBytes(result));
-    save(resultId, result);
-    return resultId;
+    save(result);
+    return Id::Of(Repo::AsBytes(result));
 }
 
 } // namespace

@@ -14,7 +14,7 @@ class TreeFilter
 {
 public:
     /// Called for a tree that the snapshot did not have, after those that it refers to.
-    using TreeSaver = std::function<void(const Repo::Id& id, std::string_view text)>;
+    using TreeSaver = std::function<void(std::string_view text)>;
     /// Called for an entry that is left out, for a directory without what is below it.
     using ExcludedVisitor = std::function<void(const std::string& path)>;
 

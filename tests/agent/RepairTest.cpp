@@ -190,6 +190,11 @@ TEST_F(RepairTest, SnapshotsLoseOnlyWhatIsLost)
     snapshot.tree = save(BlobType::Tree, root);
     snapshot.time.seconds += 10;
     snapshot.hostname = "damaged";
+    // The index has the empty tree, but its pack does not exist.
+    Repo::PackWriter missing(opened.GetKey());
+    const std::string empty = Repo::TreeWriter().Finish();
+    missing.Add({BlobType::Tree, Id::Of(Repo::AsBytes(empty))}, Repo::AsBytes(empty));
+    index.Add(Id(), missing.GetBlobs());
     const Id damaged = opened.SaveText(FileKind::Snapshot, snapshot.ToJson());
     opened.SaveText(FileKind::Index, index.Finish());
 
@@ -203,6 +208,7 @@ TEST_F(RepairTest, SnapshotsLoseOnlyWhatIsLost)
     Run(0, "repair snapshots --forget");
     EXPECT_FALSE(fs::exists(repository + "/" + FileName{FileKind::Snapshot, damaged}.Path()));
     EXPECT_TRUE(fs::exists(repository + "/" + FileName{FileKind::Snapshot, stored.id}.Path()));
+    Run(0, "repair index");
     Run(0, "check --read-data");
     const Repo::Repository after = Open();
     const Repo::StoredSnapshot repaired = after.FindSnapshot("latest");
