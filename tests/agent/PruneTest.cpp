@@ -1,9 +1,12 @@
 // Prunes: judged by restic 0.14 and by restores, interrupted before each write, on a full disk, and of
 // damaged repositories; and the plan of one.
+#include "agent/Copy/SnapshotCopy.h"
 #include "agent/Inspect/RepositoryCheck.h"
 #include "agent/Prune/PruneRun.h"
+#include "agent/Repair/Recovery.h"
 #include "agent/Repair/RepairIndex.h"
 #include "agent/Repair/RepairPacks.h"
+#include "agent/Repair/RepairSnapshots.h"
 #include "agent/Repository/Lock.h"
 #include "agent/Repository/Pack.h"
 
@@ -81,6 +84,34 @@ protected:
     {
         return Repo::Repository::Open(std::move(backend), Repo::Secret(Repo::AsBytes(password)));
     }
+    using Work = std::function<void(Repo::Repository& opened)>;
+    // Repeats the work on the repository as it is now, with one change more before the failure in each run,
+    // until there is none. `check` is called after each with a repository on a disk that works.
+    // In the short form, only each `stride`th of these runs takes place.
+    void FailEachChange(int stride, const Work& work, const Work& check) const
+    {
+        const std::string kept = directory / "kept";
+        fs::remove_all(kept);
+        fs::copy(repository, kept, fs::copy_options::recursive);
+        stride = Rounds("LIFE_FAULTS", stride);
+        for (const char* kind : {"EIO once", "ENOSPC", "EIO"}) {
+            bool isDone = false;
+            for (int changes = 0; !isDone && changes < 200; changes += stride) {
+                SCOPED_TRACE(kind + (": " + std::to_string(changes)));
+                fs::remove_all(repository);
+                fs::copy(kept, repository, fs::copy_options::recursive);
+                const auto backend = std::make_shared<LimitedBackend>(repository.c_str());
+                Repo::Repository opened = Open(backend);
+                backend->failsOnce = std::string_view(kind).ends_with("once");
+                backend->error = std::string_view(kind) == "ENOSPC" ? ENOSPC : EIO;
+                backend->changesLeft = changes;
+                isDone = !CatchError([&] { work(opened); });
+                Repo::Repository after = Open(std::make_shared<Repo::LocalBackend>(repository.c_str()));
+                check(after);
+            }
+            EXPECT_TRUE(isDone) << kind;
+        }
+    }
     json::value PruneJson(const std::string& options = "") const
     {
         return json::parse(Run(0, "prune --json " + options).output);
@@ -123,63 +154,128 @@ TEST_F(PruneTest, WhatSnapshotsNeedRemains)
     EXPECT_TRUE(Files("data").empty() && Files("index").empty());
 }
 
-// The work is repeated with one failure more in each run, until there is none.
 TEST_F(PruneTest, EachFailureLeavesSoundRepository)
 {
     BackUp(5);
     Forget();
     directory.Write("repo/" + FileName{FileKind::Pack, Id::Of({})}.Path(), "of an interrupted backup");
-    const std::string kept = directory / "kept";
-    fs::copy(repository, kept, fs::copy_options::recursive);
     PruneOptions options;
     options.maxUnused = UnusedLimit::Parse("0");
-    const auto prune = [&](Repo::Repository& opened) {
+    const Work prune = [&](Repo::Repository& opened) {
         Prune(opened, options, observer, [](const PruneStatistics&) {});
     };
-    const auto repairIndex = [&](Repo::Repository& opened) {
+    const Work repairIndex = [&](Repo::Repository& opened) {
         RepairIndex(opened, true, observer);
     };
-    const auto repairPacks = [&](Repo::Repository& opened) {
+    const Work repairPacks = [&](Repo::Repository& opened) {
         opened.LoadIndex();
         RepairPacks(opened, {opened.GetIndex().GetPacks().front().id}, observer);
     };
-    const std::function<void(Repo::Repository&)> works[] = {prune, repairIndex, repairPacks};
-    const int stride = Rounds("LIFE_FAULTS", 4);
-    for (int kind = 0; kind < 9; ++kind) {
-        bool isDone = false;
-        for (int changes = 0; !isDone && changes < 200; changes += stride) {
-            SCOPED_TRACE(std::to_string(kind) + ": " + std::to_string(changes));
-            fs::remove_all(repository);
-            fs::copy(kept, repository, fs::copy_options::recursive);
-            const auto backend = std::make_shared<LimitedBackend>(repository.c_str());
-            Repo::Repository opened = Open(backend);
-            backend->failsOnce = kind % 3 == 0;
-            backend->error = kind % 3 == 1 ? ENOSPC : EIO;
-            backend->changesLeft = changes;
-            isDone = !CatchError([&] { works[kind / 3](opened); });
-            Repo::Repository checked = Open(std::make_shared<Repo::LocalBackend>(repository.c_str()));
-            EXPECT_EQ(CheckRepository(checked, PackSubset(), observer).errors, 0u);
-            prune(checked);
-            EXPECT_EQ(CheckRepository(checked, PackSubset(), observer).hasUnusedPacks, false);
-        }
-        EXPECT_TRUE(isDone);
+    for (const Work& work : {prune, repairIndex, repairPacks}) {
+        FailEachChange(4, work, [&](Repo::Repository& opened) {
+            EXPECT_EQ(CheckRepository(opened, PackSubset(), observer).errors, 0u);
+            prune(opened);
+            EXPECT_EQ(CheckRepository(opened, PackSubset(), observer).hasUnusedPacks, false);
+        });
     }
     ExpectSound();
 }
 
+TEST_F(PruneTest, EachFailureOfNewSnapshotsIsRepeated)
+{
+    BackUp(3);
+    const auto expectWhole = [&](Repo::Repository& opened, std::size_t least, std::size_t most) {
+        EXPECT_EQ(CheckRepository(opened, PackSubset(), observer).errors, 0u);
+        const std::size_t snapshots = opened.ListIds(FileKind::Snapshot).size();
+        EXPECT_TRUE(snapshots >= least && snapshots <= most) << snapshots;
+    };
+    // All but one of the snapshots are lost, and what they had is recovered.
+    const std::string whole = directory / "whole";
+    fs::copy(repository, whole, fs::copy_options::recursive);
+    const auto files = Files("snapshots");
+    fs::remove(files[0]);
+    fs::remove(files[1]);
+    const Work recover = [&](Repo::Repository& opened) {
+        opened.LoadIndex();
+        const std::vector<Id> roots = FindLostRoots(opened, opened.LoadSnapshots(), observer);
+        Repo::Snapshot snapshot;
+        snapshot.time = Repo::Timestamp::Now();
+        snapshot.tree = SaveRoots(opened, roots, snapshot.time);
+        opened.SaveText(FileKind::Snapshot, snapshot.ToJson());
+    };
+    FailEachChange(1, recover, [&](Repo::Repository& opened) {
+        opened.LoadIndex();
+        if (!FindLostRoots(opened, opened.LoadSnapshots(), observer).empty())
+            recover(opened);
+        expectWhole(opened, 2, 2);
+        EXPECT_TRUE(FindLostRoots(opened, opened.LoadSnapshots(), observer).empty());
+    });
+    // Packs of each type are lost. A snapshot that was replaced, but not removed, is replaced again.
+    const Work repairSnapshots = [&](Repo::Repository& opened) {
+        opened.LoadIndex();
+        RepairSnapshots(opened, opened.LoadSnapshots(), {.removesOld = true}, observer);
+    };
+    fs::remove_all(repository);
+    fs::copy(whole, repository, fs::copy_options::recursive);
+    Repo::Repository damaged = Open(std::make_shared<Repo::LocalBackend>(repository.c_str()));
+    damaged.LoadIndex();
+    const auto& packs = damaged.GetIndex().GetPacks();
+    const Id root = damaged.FindSnapshot("latest").snapshot.tree; // which remains
+    for (std::size_t i = 0; i < packs.size(); i += 2) {
+        if (i != damaged.GetIndex().Find({BlobType::Tree, root})->pack)
+            damaged.GetBackend().Remove({FileKind::Pack, packs[i].id});
+    }
+    RepairIndex(damaged, false, observer);
+    FailEachChange(2, repairSnapshots, [&](Repo::Repository& opened) {
+        repairSnapshots(opened);
+        expectWhole(opened, 1, 4);
+    });
+    // Into an empty repository.
+    fs::remove_all(repository);
+    CreateRepository(repository, password);
+    Repo::Repository origin = Open(std::make_shared<Repo::LocalBackend>(whole.c_str()));
+    origin.LoadIndex();
+    const Work copy = [&](Repo::Repository& opened) {
+        opened.LoadIndex();
+        opened.FindLostPacks();
+        SnapshotCopy copying(origin, opened, {}, observer);
+        const std::vector<Repo::StoredSnapshot> copies = opened.LoadSnapshots();
+        for (const Repo::StoredSnapshot& stored : origin.LoadSnapshots()) {
+            if (!FindCopy(stored, copies))
+                copying.Copy(stored);
+        }
+    };
+    FailEachChange(3, copy, [&](Repo::Repository& opened) {
+        EXPECT_EQ(CheckRepository(opened, PackSubset(), observer).errors, 0u);
+        copy(opened);
+        expectWhole(opened, 3, 3);
+    });
+}
+
+// By a signal for which the program has no handler, so that it ends as by SIGKILL.
 TEST_F(PruneTest, KilledCommandsLeaveSoundRepository)
 {
-    const char* const commands[] = {
-        "backup -q source",     "forget --keep-last 3 --prune --max-unused 0",
-        "prune --max-unused 0", "repair index --read-all-packs",
+    const std::string commands[] = {
+        "backup -q source",
+        "forget --keep-last 3 --prune --max-unused 0",
+        "prune --max-unused 0",
+        "repair index --read-all-packs",
+        "repair packs",
         "repair snapshots",
+        "rewrite --forget --exclude new* latest",
+        "recover",
     };
     BackUp(4);
     int killed = 0;
-    const int rounds = Rounds("LIFE_KILLS", 5);
-    for (int round = 0; round < rounds; ++round) {
+    int tried = 0;
+    const int wanted = Rounds("LIFE_KILLS", 3);
+    for (; killed < wanted && tried < 3 * wanted; ++tried) {
         BackUp(2);
-        const std::string command = commands[static_cast<std::size_t>(round) % std::size(commands)];
+        std::string command = commands[static_cast<std::size_t>(tried) % std::size(commands)];
+        if (command == "repair packs") {
+            const auto packs = Files("data");
+            command += " " + packs[random() % packs.size()].filename().string();
+        }
         const long delay = 100000 + static_cast<long>(random() % 500000); // the lock alone takes 200 ms
         const auto prepare = [&] {
             fs::current_path(directory.Path());
@@ -187,6 +283,7 @@ TEST_F(PruneTest, KilledCommandsLeaveSoundRepository)
             const itimerval timer{{0, 0}, {0, delay}};
             setitimer(ITIMER_REAL, &timer, nullptr);
         };
+        SCOPED_TRACE(command + " for " + std::to_string(delay) + " us");
         killed += RunProgram(Words(command + " -r repo"), {.prepare = prepare}).exitCode == 128 + SIGALRM;
         if (HasRestic()) {
             Restic("unlock");
@@ -197,7 +294,7 @@ TEST_F(PruneTest, KilledCommandsLeaveSoundRepository)
         Run(0, {"backup", "-q", "--force", source});
         DropRemoved();
     }
-    std::printf("killed %d of %d commands\n", killed, rounds);
+    std::printf("killed %d of %d commands\n", killed, tried);
     Run(0, "check --read-data");
     ExpectRestorable();
 }
@@ -212,7 +309,10 @@ TEST_F(PruneTest, ExclusiveLockOfEitherProgramExcludesTheOther)
     for (const bool isExclusive : {true, false}) {
         lock.isExclusive = isExclusive;
         const Id held = opened.SaveText(FileKind::Lock, lock.ToJson());
-        for (const char* command : {"forget latest", "prune", "repair index", "repair snapshots", "recover"})
+        const std::string repairPacks = "repair packs " + Files("data").front().filename().string();
+        for (const std::string& command :
+             {std::string("forget latest"), std::string("prune"), std::string("repair index"), repairPacks,
+              std::string("repair snapshots"), std::string("recover")})
             Run(11, command);
         Run(isExclusive ? 11 : 0, "snapshots");
         if (HasRestic()) {
