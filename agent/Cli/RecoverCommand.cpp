@@ -8,6 +8,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <optional>
+
 namespace Agent {
 
 using Repo::Id;

@@ -1,5 +1,6 @@
 #include "agent/Cli/Command.h"
 
+#include "agent/Cli/NodeText.h"
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Cli/WorkPrinter.h"
 #include "agent/Repair/RepairIndex.h"
@@ -194,8 +195,7 @@ void RepairCommand::RepairTheSnapshots(Report& report) const
     session.GetRepository().LoadIndex();
     const std::size_t count = RepairSnapshots(session.GetRepository(), snapshots, m_options, printer);
     if (session.GetOptions().isJson)
-        report.Out() << R"({"message_type":"summary","modified_snapshots":)" << std::to_string(count)
-                     << "}\n";
+        report.Out() << ChangeCountJson(count) << "\n";
     else if (count == 0)
         report.Out() << "no snapshots were modified\n";
     else

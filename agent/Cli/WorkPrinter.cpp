@@ -28,7 +28,7 @@ void WorkPrinter::OnNote(const std::string& text)
     writer.Key("message");
     writer.String(text);
     writer.EndObject();
-    m_report.Out() << PrintableJson(json) << "\n";
+    m_report.JsonNote(json);
 }
 
 void WorkPrinter::OnProgress(std::uint64_t done, std::uint64_t total)

@@ -9,7 +9,7 @@
 
 namespace Agent {
 
-/// With JSON, notes are documents on standard output. With --quiet, only notes are printed.
+/// With JSON, only notes are printed, as documents on standard error. With --quiet, only notes are printed.
 class WorkPrinter : public IWorkObserver
 {
 public:

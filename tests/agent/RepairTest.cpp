@@ -202,6 +202,9 @@ TEST_F(RepairTest, SnapshotsLoseOnlyWhatIsLost)
     EXPECT_TRUE(Holds(planned, "\"/cut\": removed missing content"));
     EXPECT_TRUE(Holds(planned, "\"/dir\": replaced with an empty directory"));
     EXPECT_TRUE(Holds(planned, "would modify 1 snapshots"));
+    const ProgramResult documents = Run(0, "repair snapshots --dry-run --json");
+    EXPECT_EQ(documents.output, "{\"message_type\":\"summary\",\"changed_snapshots\":1}\n");
+    EXPECT_TRUE(Holds(documents.errors, "removed missing content"));
     EXPECT_EQ(Files("snapshots").size(), 2u);
     Run(0, "repair snapshots --host damaged");
     EXPECT_EQ(Files("snapshots").size(), 3u);
