@@ -29,14 +29,6 @@ std::string CalendarText(std::int64_t seconds)
     return text;
 }
 
-std::string Joined(const std::vector<std::string>& texts)
-{
-    std::string all;
-    for (const std::string& text : texts)
-        all += (all.empty() ? "" : " ") + text;
-    return all;
-}
-
 } // namespace
 
 Repo::SnapshotFilter FilterOf(const SnapshotOptions& options)
@@ -105,7 +97,7 @@ std::string ShortId(const Id& id)
 std::string DescribeSnapshot(const StoredSnapshot& stored)
 {
     const Repo::Snapshot& snapshot = stored.snapshot;
-    std::string text = "snapshot " + ShortId(stored.id) + " of [" + Joined(snapshot.paths) + "] at " +
+    std::string text = "snapshot " + ShortId(stored.id) + " of [" + Joined(snapshot.paths, " ") + "] at " +
                        CalendarText(snapshot.time.seconds + snapshot.time.offset);
     if (snapshot.time.nanoseconds != 0) {
         std::string fraction = std::to_string(1000000000 + snapshot.time.nanoseconds).substr(1);

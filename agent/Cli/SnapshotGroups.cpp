@@ -16,14 +16,6 @@ using Repo::StoredSnapshot;
 
 namespace {
 
-std::string Joined(const std::vector<std::string>& texts, const char* separator)
-{
-    std::string all;
-    for (const std::string& text : texts)
-        all += (all.empty() ? "" : separator) + text;
-    return all;
-}
-
 std::string LineOf(const std::vector<std::string>& texts, std::size_t line)
 {
     return line < texts.size() ? Printable(texts[line]) : "";

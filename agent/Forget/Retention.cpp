@@ -1,5 +1,6 @@
 #include "agent/Forget/Retention.h"
 
+#include "agent/Run/Text.h"
 #include "agent/Run/UsageError.h"
 
 #include <algorithm>
@@ -73,14 +74,6 @@ std::int64_t BucketOf(Period period, const Timestamp& time, std::size_t index)
         break;
     }
     return static_cast<int>(DateOf(time).year());
-}
-
-std::string Joined(const std::vector<std::string>& texts, const char* separator)
-{
-    std::string all;
-    for (const std::string& text : texts)
-        all += (all.empty() ? "" : separator) + text;
-    return all;
 }
 
 std::string TagsText(const std::vector<std::string>& tags)

@@ -49,6 +49,14 @@ Krt::YString ReasonOf(const Krt::Exception::YError& error)
     return text.empty() ? error.Describe() : Krt::YString(std::string_view(text));
 }
 
+std::string Joined(const std::vector<std::string>& texts, const char* separator)
+{
+    std::string all;
+    for (const std::string& text : texts)
+        all += (all.empty() ? "" : separator) + text;
+    return all;
+}
+
 std::string ShortSize(unsigned long long bytes)
 {
     static constexpr std::array Units{"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Backup {
 class YJobPath;
@@ -30,6 +31,8 @@ Krt::YString ShownPath(const Backup::YJobPath& path);
 /// Returns the error's message, followed by the operating system's text. Not made printable.
 Krt::YString ReasonOf(const Krt::Exception::YError& error);
 
+/// Returns the texts with the separator between them.
+std::string Joined(const std::vector<std::string>& texts, const char* separator);
 /// Returns a text such as "999 B" or "1.2 MiB".
 std::string ShortSize(unsigned long long bytes);
 /// Returns a text such as "0:12" or "1:02:03".
