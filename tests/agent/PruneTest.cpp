@@ -10,6 +10,7 @@
 #include "agent/Repository/Lock.h"
 #include "agent/Repository/Pack.h"
 
+#include "testing/MountNamespace.h"
 #include "testing/Raises.h"
 #include "testing/RepositoryHistory.h"
 
@@ -18,6 +19,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <sys/time.h>
 
@@ -371,6 +373,33 @@ TEST_F(PruneTest, FullDiskIsFreed)
     Run(11, "prune --recover-no-free-space");
     Run(0, "unlock --remove-all");
     Run(0, "prune --recover-no-free-space");
+}
+
+TEST(PruneMounts, FullFileSystemIsFreed)
+{
+    MountNamespace::Run([](const MountNamespace& space) {
+        const std::string repository = space / "repository", source = space / "s";
+        space.Mount("small", repository, "tmpfs", 0, "size=24m");
+        CreateRepository(repository, "");
+        fs::create_directory(source);
+        const auto run = [&](int exitCode, const std::string& words) {
+            const ProgramResult result =
+                RunProgram(Words(words + " --insecure-no-password -r " + repository));
+            EXPECT_EQ(result.exitCode, exitCode) << words << "\n" << result.errors;
+            return result;
+        };
+        for (int i = 0; i < 2; ++i) {
+            ASSERT_EQ(std::system(("head -c 6000000 /dev/urandom >" + source + "/large").c_str()), 0);
+            run(0, "backup -q " + source);
+        }
+        EXPECT_NE(std::system(("cat /dev/zero 2>/dev/null >" + repository + "/others").c_str()), 0);
+        EXPECT_TRUE(Holds(run(1, "forget --keep-last 1").errors, "No space left on device"));
+        run(0, "forget --keep-last 1 --recover-no-free-space");
+        run(0, "prune --recover-no-free-space");
+        EXPECT_GT(fs::space(repository).available, 5000000u);
+        run(0, "check --read-data");
+        run(0, "backup -q " + source);
+    });
 }
 
 TEST_F(PruneTest, DamageEndsPruneBeforeRemoval)
