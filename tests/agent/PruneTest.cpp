@@ -22,6 +22,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace Agent;
 using namespace Testing;
@@ -323,6 +325,30 @@ TEST_F(PruneTest, ExclusiveLockOfEitherProgramExcludesTheOther)
         }
         opened.GetBackend().Remove({FileKind::Lock, held});
     }
+    if (!HasRestic())
+        return;
+    // restic is stopped while it has an exclusive lock, in the time in which it waits for other locks.
+    const pid_t restic = fork();
+    if (restic == 0) {
+        setenv("HOME", directory.Path().c_str(), 1);
+        setenv("RESTIC_PASSWORD", password.c_str(), 1);
+        execlp("restic", "restic", "--no-cache", "-q", "-r", repository.c_str(), "check", nullptr);
+        _exit(127);
+    }
+    const auto isLocked = [this] {
+        const auto locks = Files("locks");
+        return std::any_of(locks.begin(), locks.end(),
+                           [](const fs::path& file) { return file.filename().string().size() == 64; });
+    };
+    for (int i = 0; i < 10000 && !isLocked(); ++i)
+        usleep(1000);
+    kill(restic, SIGSTOP);
+    for (const char* command : {"backup -q source", "forget latest", "prune", "snapshots"})
+        Run(11, command);
+    kill(restic, SIGCONT);
+    int status = 0;
+    waitpid(restic, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 // What is lost is stored again, so that there are two copies if the packs come back.
