@@ -32,9 +32,9 @@ int main(int argc, char** argv)
         const auto& metadata = record->AsUnixFileMetadata();
 
         const YJobPath top = YJobPath::FromFilePath(YJobPath(), argv[1], true);
-        const YJobPath place = record->GetSanitizedNewPath(record->GetFilePath(0), YJobPath(), top);
+        const YJobPath path = record->GetSanitizedNewPath(record->GetFilePath(0), YJobPath(), top);
         const bool isDirectory = metadata.IsDirectoryForRestore();
-        YFile file(YFile::OPEN_MODE_WRITE, place.GetFilesystemPortion(),
+        YFile file(YFile::OPEN_MODE_WRITE, path.GetFilesystemPortion(),
                    isDirectory ? YFile::OPT_DIRECTORY : YFile::OPT_NONE);
         if (argc == 3) {
             std::ifstream content(argv[2], std::ios::binary);
@@ -47,7 +47,7 @@ int main(int argc, char** argv)
         file.SetModeFlags(metadata.GetModeFlags());
         file.SetTime(metadata.GetLastAccessTime(), metadata.GetLastWriteTime());
         file.Close();
-        std::cout << place.GetFilesystemPortion() << "\n";
+        std::cout << path.GetFilesystemPortion() << "\n";
     } catch (const Krt::Exception::YError& error) {
         std::cerr << error.what() << "\n";
         return 1;

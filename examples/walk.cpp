@@ -16,20 +16,20 @@
 using Rule = Backup::File::YSelectionDescriptor;
 
 void Walk(const Backup::File::YSelectionManager& rules, const Krt::File::YDirectory& directory,
-          const Krt::File::YPath& path)
+          const Krt::File::YPath& parent)
 {
     directory.VisitEntries([&](const Krt::File::DirectoryEntry& entry) {
-        const Krt::File::YPath place = path.Append(entry.name);
+        const Krt::File::YPath path = parent.Append(entry.name);
         try {
-            const Rule::SelectionType answer = rules.GetPathSelectionType(place);
+            const Rule::SelectionType answer = rules.GetPathSelectionType(path);
             if (answer != Rule::Include && answer != Rule::NotSelectedDoRecurse)
                 return true;
             const bool enters =
                 S_ISDIR(directory.Stat(entry.name).st_mode) &&
-                Backup::File::IsFollowableDirectoryFromKrtAttributes(place, Krt::File::AttributeDirectory);
+                Backup::File::IsFollowableDirectoryFromKrtAttributes(path, Krt::File::AttributeDirectory);
             if (answer == Rule::Include) {
                 Backup::File::YFile file;
-                file.OpenEntry(directory, entry.name, place);
+                file.OpenEntry(directory, entry.name, path);
                 const auto mapper = [](Krt::File::YPath of, bool isDirectory) {
                     return Backup::YJobPath::FromFilePath(Backup::YJobPath(), of, isDirectory);
                 };
@@ -37,9 +37,9 @@ void Walk(const Backup::File::YSelectionManager& rules, const Krt::File::YDirect
                 std::cout << Krt::JSON::YValue::FromObject(record->ToJSON()).Stringify(true) << "\n";
             }
             if (enters)
-                Walk(rules, directory.OpenDirectory(entry.name), place);
+                Walk(rules, directory.OpenDirectory(entry.name), path);
         } catch (const Krt::Exception::YError& error) {
-            std::cerr << place << ": " << error << "\n";
+            std::cerr << path << ": " << error << "\n";
         }
         return true;
     });

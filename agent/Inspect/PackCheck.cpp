@@ -155,10 +155,10 @@ void PackCheck::CheckHeader()
 // The blobs beyond the end of a pack that is cut off. The others can still be read.
 void PackCheck::DropOutside()
 {
-    std::erase_if(m_blobs, [this](const IndexedBlob& place) {
-        const bool isOutside = std::uint64_t(place.blob.offset) + place.blob.length > m_size;
+    std::erase_if(m_blobs, [this](const IndexedBlob& copy) {
+        const bool isOutside = std::uint64_t(copy.blob.offset) + copy.blob.length > m_size;
         if (isOutside)
-            m_state.MarkBad(place.number);
+            m_state.MarkBad(copy.number);
         return isOutside;
     });
 }

@@ -35,13 +35,13 @@ LoadedBlobs BlobLoader::Load(const std::vector<Id>& ids)
             continue;
         if (const auto kept = m_kept.find(id); kept != m_kept.end())
             blob->second.content = kept->second.content;
-        else if (const auto place = m_repository.GetIndex().Find({BlobType::Data, id}))
-            wanted.push_back({*place, &blob->second});
+        else if (const auto copy = m_repository.GetIndex().Find({BlobType::Data, id}))
+            wanted.push_back({*copy, &blob->second});
         else
-            LoadAlone({.place = {.blob = {.handle = {BlobType::Data, id}}}, .blob = &blob->second});
+            LoadAlone({.copy = {.blob = {.handle = {BlobType::Data, id}}}, .blob = &blob->second});
     }
     std::sort(wanted.begin(), wanted.end(), [](const Wanted& a, const Wanted& b) {
-        return std::pair(a.place.pack, a.place.blob.offset) < std::pair(b.place.pack, b.place.blob.offset);
+        return std::pair(a.copy.pack, a.copy.blob.offset) < std::pair(b.copy.pack, b.copy.blob.offset);
     });
     LoadRanges(Join(wanted));
     Keep(blobs);
@@ -74,7 +74,7 @@ void BlobLoader::Keep(const LoadedBlobs& blobs)
             kept->second = {blob.content, m_order.begin()};
             m_keptBytes += blob.content->size();
         } else {
-            m_order.splice(m_order.begin(), m_order, kept->second.place);
+            m_order.splice(m_order.begin(), m_order, kept->second.position);
         }
     }
     while (m_keptBytes > m_keptLimit) {
@@ -94,11 +94,11 @@ std::vector<BlobLoader::Range> BlobLoader::Join(std::span<const Wanted> wanted) 
 {
     std::vector<Range> ranges;
     for (std::size_t begin = 0, end = 0; begin < wanted.size(); begin = end) {
-        const Repo::IndexedBlob& first = wanted[begin].place;
+        const Repo::IndexedBlob& first = wanted[begin].copy;
         for (end = begin + 1; end < wanted.size(); ++end) {
-            const Repo::IndexedBlob& next = wanted[end].place;
+            const Repo::IndexedBlob& next = wanted[end].copy;
             if (next.pack != first.pack || EndOf(next.blob) - first.blob.offset > RangeLimit ||
-                next.blob.offset > EndOf(wanted[end - 1].place.blob) + GapLimit)
+                next.blob.offset > EndOf(wanted[end - 1].copy.blob) + GapLimit)
                 break;
         }
         ranges.push_back(wanted.subspan(begin, end - begin));
@@ -108,11 +108,11 @@ std::vector<BlobLoader::Range> BlobLoader::Join(std::span<const Wanted> wanted) 
 
 void BlobLoader::LoadRange(Range range, Repo::Bytes& sealed) const
 {
-    const std::uint64_t begin = range.front().place.blob.offset;
+    const std::uint64_t begin = range.front().copy.blob.offset;
     std::uint64_t end = begin;
     for (const Wanted& wanted : range)
-        end = std::max(end, EndOf(wanted.place.blob));
-    const Id& pack = m_repository.GetIndex().GetPacks()[range.front().place.pack].id;
+        end = std::max(end, EndOf(wanted.copy.blob));
+    const Id& pack = m_repository.GetIndex().GetPacks()[range.front().copy.pack].id;
     bool isRead = true;
     try {
         m_repository.GetBackend().Load({Repo::FileKind::Pack, pack}, begin, end - begin, sealed);
@@ -120,7 +120,7 @@ void BlobLoader::LoadRange(Range range, Repo::Bytes& sealed) const
         isRead = false;
     }
     for (const Wanted& wanted : range) {
-        const PackedBlob& blob = wanted.place.blob;
+        const PackedBlob& blob = wanted.copy.blob;
         try {
             if (isRead) {
                 const auto content = std::make_shared<Repo::Bytes>();
@@ -140,7 +140,7 @@ void BlobLoader::LoadAlone(const Wanted& wanted) const
 {
     try {
         const auto content = std::make_shared<Repo::Bytes>();
-        m_repository.LoadBlob(wanted.place.blob.handle, *content);
+        m_repository.LoadBlob(wanted.copy.blob.handle, *content);
         wanted.blob->content = content;
     } catch (const Repo::RepositoryError&) {
         wanted.blob->failure = std::current_exception();

@@ -43,7 +43,7 @@ public:
 private:
     struct Wanted
     {
-        Repo::IndexedBlob place;
+        Repo::IndexedBlob copy;
         LoadedBlob* blob;
     };
     using Range = std::span<const Wanted>;
@@ -51,7 +51,7 @@ private:
     struct Kept
     {
         std::shared_ptr<const Repo::Bytes> content;
-        std::list<Repo::Id>::iterator place; // in m_order
+        std::list<Repo::Id>::iterator position; // in m_order
     };
 
     LoadedBlobs Load(const std::vector<Repo::Id>& ids);

@@ -110,8 +110,8 @@ void EntryMaker::Failed(const YString& path, const Krt::Exception::YError& error
 YString EntryMaker::WithoutTemporary(const YString& path, const YString& reason) const
 {
     std::string text = reason.Bytes();
-    if (const std::size_t place = text.find(m_temporary.Bytes()); place != std::string::npos)
-        text.replace(place, m_temporary.Bytes().size(), path.Bytes().substr(path.Bytes().rfind('/') + 1));
+    if (const std::size_t position = text.find(m_temporary.Bytes()); position != std::string::npos)
+        text.replace(position, m_temporary.Bytes().size(), path.Bytes().substr(path.Bytes().rfind('/') + 1));
     return YString(std::move(text));
 }
 

@@ -74,12 +74,12 @@ void CompareContent(const Repo::Index& index, const YDirectory& parent, RestoreI
         std::uint64_t offset = 0;
         for (const Id& id : item.content) {
             RaiseIfInterrupted();
-            const auto place = index.Find({BlobType::Data, id});
-            if (!place) {
+            const auto found = index.Find({BlobType::Data, id});
+            if (!found) {
                 item.isUpToDate.clear();
                 return;
             }
-            const std::uint64_t length = place->blob.plainLength;
+            const std::uint64_t length = found->blob.plainLength;
             const bool fits = offset + length <= static_cast<std::uint64_t>(status.st_size);
             if (fits)
                 buffer.resize(length);

@@ -45,8 +45,8 @@ void FileBlobs::StartNext()
         if ((!m_isUpToDate->empty() && (*m_isUpToDate)[m_nextEnd]) || !known.insert(id).second)
             continue;
         window.push_back(id);
-        if (const auto place = m_repository.GetIndex().Find({BlobType::Data, id}))
-            bytes += place->blob.plainLength;
+        if (const auto found = m_repository.GetIndex().Find({BlobType::Data, id}))
+            bytes += found->blob.plainLength;
     }
     m_next = m_loader.Start(std::move(window));
 }

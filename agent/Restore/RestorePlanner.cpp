@@ -120,10 +120,10 @@ bool RestorePlanner::IsComplete(const RestoreItem& item) const
 {
     std::uint64_t size = 0;
     for (const Id& id : item.content) {
-        const auto place = m_state.repository.GetIndex().Find({BlobType::Data, id});
-        if (!place)
+        const auto found = m_state.repository.GetIndex().Find({BlobType::Data, id});
+        if (!found)
             return false;
-        size += place->blob.plainLength;
+        size += found->blob.plainLength;
     }
     REPOSITORY_RAISE_UNLESS(size == item.recorded.size, Failure::Damaged,
                             "The size of the file is " << item.recorded.size << ", but its blobs have "

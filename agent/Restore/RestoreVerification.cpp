@@ -33,9 +33,9 @@ bool HasContent(const Repo::Index& index, const Krt::Util::YUnxHandle& file, con
     std::uint64_t offset = 0;
     for (const Repo::Id& id : *node.content) {
         RaiseIfInterrupted();
-        const auto place = index.Find({BlobType::Data, id});
-        part.resize(place ? place->blob.plainLength : 0);
-        if (!place || Krt::File::Read(file, offset, part.size(), part.data()) != part.size() ||
+        const auto found = index.Find({BlobType::Data, id});
+        part.resize(found ? found->blob.plainLength : 0);
+        if (!found || Krt::File::Read(file, offset, part.size(), part.data()) != part.size() ||
             Repo::Id::Of(part) != id)
             return false;
         offset += part.size();

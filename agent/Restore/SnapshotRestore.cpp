@@ -166,8 +166,8 @@ std::vector<Id> SnapshotRestore::WantedBlobs(const RestoreItem& item, std::uint6
     for (std::size_t i = 0; i < item.content.size(); ++i) {
         if (!item.isUpToDate.empty() && item.isUpToDate[i])
             continue;
-        const auto place = m_state.repository.GetIndex().Find({BlobType::Data, item.content[i]});
-        bytes += place ? place->blob.plainLength : 0;
+        const auto found = m_state.repository.GetIndex().Find({BlobType::Data, item.content[i]});
+        bytes += found ? found->blob.plainLength : 0;
         ids.push_back(item.content[i]);
     }
     return ids;
