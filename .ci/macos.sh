@@ -111,7 +111,8 @@ END
     replace "$root/include/sys/new" "$root/include/sys/xattr.h"
 }
 
-# stub LIBRARY: a text that stands for the dynamic library, with the C functions that Debian's build of it exports.
+# stub LIBRARY: a text that the linker reads instead of the dynamic library. It lists the C functions that Debian's
+# build of it exports.
 stub() {
     local name=$1 targets=arm64-macos symbols
     [ "$cpu" = aarch64 ] || targets=x86_64-macos
@@ -185,7 +186,7 @@ fetch_compiler
 fetch_tinyxml
 failed=0
 for cpu in "$@"; do
-    # set -e holds in no command whose failure is tested.
+    # set -e has no effect in a command whose failure is tested.
     set +e
     (set -e; build "$cpu")
     [ $? -eq 0 ] || failed=1

@@ -35,8 +35,8 @@ void MakeFile(const fs::path& path, off_t size)
     close(file);
 }
 
-// A tree as systems have them: of twelve entries one is a directory and one a link, most directories stand
-// five or six levels down.
+// A tree as systems have them: of twelve entries one is a directory and one a symlink. Most directories are
+// five or six levels deep.
 void MakeTree(const fs::path& root, std::size_t entries)
 {
     std::mt19937 random(1);

@@ -14,8 +14,8 @@ using Fuzz::Expect;
 using Krt::YString;
 using Krt::JSON::YValue;
 
-// Whether a text that is JSON holds what a YValue can: of numbers the unsigned ones of 64 bits, and null as a
-// member alone.
+// Returns true if a YValue can represent the JSON text: its numbers are unsigned and fit in 64 bits, and null
+// occurs only as a member.
 bool Fits(const std::string& text)
 {
     std::string open;
@@ -43,7 +43,7 @@ bool Fits(const std::string& text)
     return true;
 }
 
-// The characters U+EF80 to U+EFFF stand for bytes.
+// The characters U+EF80 to U+EFFF represent bytes.
 YString Text(std::string text)
 {
     for (std::size_t at = 0; (at = text.find('\xEE', at)) != std::string::npos; ++at) {
@@ -106,7 +106,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     try {
         value = YValue::Parse(text);
     } catch (const Krt::Exception::YError& error) {
-        Expect(error.GetCode() == Krt::ErrorCode::InvalidArgument, "the error of a text that is no JSON");
+        Expect(error.GetCode() == Krt::ErrorCode::InvalidArgument, "the error of a text that is not JSON");
         Expect(damage || !Fits(text), "what another parser takes is taken");
         return 0;
     }

@@ -18,7 +18,7 @@ std::string TakeField(std::string& line)
     return field;
 }
 
-// Bytes may stand as octal numbers.
+// Bytes may be written as octal numbers.
 std::string Decoded(const std::string& raw)
 {
     std::string field;
@@ -73,7 +73,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     const std::string text(data, data + size);
     table.Write(text);
     const std::vector<Krt::Volume::MountEntry> entries = Krt::Volume::ListMountEntries();
-    // No name holds a NUL, so what is made of it doesn't matter.
+    // A name cannot contain a NUL, so any result is accepted.
     if (text.find('\0') != std::string::npos || text.find("\\000") != std::string::npos)
         return 0;
     const auto lines = Lines(text);

@@ -1,4 +1,4 @@
-// A separator and two paths, which stand for all that a path may be made of.
+// A separator and two paths. The operations of paths are compared with models that work on plain text.
 #include "fuzz/Input.h"
 #include "fuzz/TextModel.h"
 

@@ -1,4 +1,4 @@
-// Bytes that begin with "{" are a document as they stand. Others are rules: a byte of flags, a path and a
+// Bytes that begin with "{" are a document. Others are rules: a byte of flags, a path and a
 // pattern each, of which a document is made whose tree has to agree with a plain list.
 #include "fuzz/Input.h"
 

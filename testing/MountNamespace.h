@@ -26,8 +26,8 @@ public:
     using Body = std::function<void(const MountNamespace&)>;
 
     /// Runs the body in the child. Its failures and its skip become those of the calling test, which should
-    /// do nothing after this call. Also fails if the child crashes, or leaves a mount or a loop device
-    /// behind.
+    /// do nothing after this call. Also fails if the child crashes, or if a mount or a loop device
+    /// remains.
     static void Run(const Body& body);
 
     /// Returns a path below the base, which is an empty tmpfs of this namespace, mounted from the source

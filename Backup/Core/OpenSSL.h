@@ -54,7 +54,7 @@ struct CertificateSummary
 struct TrustReport
 {
     Krt::YString reason;       ///< why the server is not trusted, in printable ASCII; empty if it is
-    Krt::YString subject;      ///< subject of the certificate at fault; empty if there is none
+    Krt::YString subject;      ///< subject of the certificate at fault; empty without one
     int depth = -1;            ///< depth of that certificate: 0 the server's, 1 its issuer's; or -1
     CertificateSummary server; ///< the server's certificate; empty if it cannot be read
 };

@@ -152,7 +152,7 @@ void BackupRun::ChooseParent(const Repo::Repository& repository, std::vector<Sto
         m_report.Note(YString("using parent snapshot " + ShortId(m_parent->id)));
 }
 
-// That of the repository, which must not be part of the backup, since it grows with it.
+// Returns the status of the repository's directory. It is not backed up, since it grows with the backup.
 struct stat BackupRun::SkippedDirectory() const
 {
     std::string path = FindLocation(m_settings.repository);

@@ -55,7 +55,7 @@ struct ChangeCounts
     std::uint64_t Total() const { return isNew + isChanged + isUnmodified; }
 };
 
-/// Compares the JSON texts of two nodes. That of the parent snapshot is "" if it has none.
+/// Compares the JSON texts of two nodes. That of the parent snapshot is "" if the entry is new.
 Change ChangeSince(const std::string& before, const std::string& after);
 /// The time since `begin`.
 double SecondsSince(std::chrono::steady_clock::time_point begin);

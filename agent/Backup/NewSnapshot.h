@@ -45,7 +45,7 @@ struct SnapshotOutcome
 struct SnapshotProgress
 {
     SnapshotCounts counts;
-    ScanTotals totals;                     ///< none without a scan
+    ScanTotals totals;                     ///< zeros without a scan
     std::uint64_t failed = 0;              ///< entries
     double seconds = 0;                    ///< since the beginning
     std::vector<std::string> currentFiles; ///< those that are being read

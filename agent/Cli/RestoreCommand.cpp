@@ -125,7 +125,7 @@ RestoreSettings RestoreCommand::SettingsOf() const
     return settings;
 }
 
-// Nothing for a dry run into a directory that does not exist.
+// Opens the target. Returns nothing for a dry run into a directory that does not exist.
 std::optional<Krt::File::YDirectory> RestoreCommand::Target(Session& session) const
 {
     const auto openIfPresent = [](const Krt::YString& path,

@@ -3,9 +3,9 @@
 // Directories have mode 0700 and files 0400. If `config` can be read by its group, directories that are
 // created get 0770 and files 0440. A file is written under the temporary name "ID-tmp-DIGITS" in its own
 // directory, then renamed. A reader and a listing follow a symlink in place of a directory, as if it
-// was moved to another file system; the content of files is verified. A writer follows none below the
-// repository's own directory. A symlink in place of a file is refused. File systems that refuse to change
-// modes, or to make a directory durable, are used without that.
+// was moved to another file system; the content of files is verified. A writer does not follow one
+// below the repository's own directory. A symlink in place of a file is refused. File systems that refuse to
+// change modes, or to make a directory durable, are used without that.
 #pragma once
 
 #include "agent/Repository/Backend.h"

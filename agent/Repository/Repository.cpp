@@ -62,7 +62,7 @@ struct ParsedIndex
     std::vector<std::pair<Id, std::size_t>> packs; // with the end of their blobs
 };
 
-// What Named needs.
+// The prefix of the failures of a file, for Named.
 auto At(const FileName& file)
 {
     return [&file] {

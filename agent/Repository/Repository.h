@@ -29,7 +29,7 @@ struct OpenOptions
     /// Key files that are tried after the hinted one.
     static constexpr int KeyLimit = 20;
 
-    std::string keyHint;        ///< first digits of the id of the key file to be tried first; none if empty
+    std::string keyHint;        ///< first digits of the id of the key file to be tried first; may be empty
     FailureVisitor onUnreadKey; ///< called before WrongPassword for key files that could not be tried
 };
 
@@ -56,13 +56,13 @@ public:
 
     /// Opens a repository. Tries the hinted key file, and then others in the order of their ids. A key file
     /// that can't be read is skipped. Raises NoRepository if there is no configuration, or one of an unknown
-    /// version. If no key file fits, raises WrongPassword if the password was tried with one of them or there
-    /// are none, otherwise the failure of the first.
+    /// version. If no key file fits, raises WrongPassword. If there are key files, and the password could not
+    /// be tried with any of them, raises the failure of the first.
     static Repository Open(std::shared_ptr<IBackend> backend, const Secret& password,
                            const OpenOptions& options = {});
     /// Creates a repository with one key file, and opens it. Raises InvalidArgument if the location already
     /// has a configuration, key files or snapshots, also if another process is faster to create them. After
-    /// another failure the location has none of these.
+    /// another failure the location does not have any of them.
     static Repository Create(std::shared_ptr<IBackend> backend, const Secret& password,
                              const CreateOptions& options = {});
 
@@ -144,8 +144,8 @@ public:
     std::vector<StoredSnapshot> LoadSnapshots(const SnapshotFilter& filter = {},
                                               const FailureVisitor& onFailure = {}) const;
     /// The snapshot that the text names: "latest" for the newest that the filter chooses, or the first digits
-    /// of an id, to which the filter does not apply. Raises InvalidArgument if there is none, or if the
-    /// digits fit several. For "latest", `onFailure` is as in LoadSnapshots.
+    /// of an id, to which the filter does not apply. Raises InvalidArgument if no snapshot fits, or if
+    /// the digits fit several. For "latest", `onFailure` is as in LoadSnapshots.
     StoredSnapshot FindSnapshot(std::string_view text, const SnapshotFilter& filter = {},
                                 const FailureVisitor& onFailure = {}) const;
 

@@ -1,7 +1,7 @@
 // Sealing: encryption with authentication, for everything that a repository stores. Sealed bytes are an IV
 // (16 bytes), the plaintext in AES-256-CTR, and a Poly1305 tag of that ciphertext (16 bytes). Any thread may
 // call any function. OpenSSL's contexts are kept for each thread, so nothing is allocated for each call; they
-// hold expanded keys only during a call.
+// contain expanded keys only during a call.
 #pragma once
 
 #include "agent/Repository/Secret.h"

@@ -12,11 +12,12 @@ namespace Agent::Repo {
 /// levels are those of zstd.
 void Compress(ByteView content, Bytes& out, int level = 3);
 
-/// Replaces the content of `out` with the `size` bytes that the frames hold. Raises Damaged if they are not
-/// frames, are cut off, or hold more or fewer bytes. At most as much memory is taken as the frames can fill.
+/// Replaces the content of `out` with the `size` bytes that the frames contain. Raises Damaged if they are
+/// not frames, are cut off, or contain more or fewer bytes. At most as much memory is taken as the frames can
+/// fill.
 void Decompress(ByteView frames, std::size_t size, Bytes& out);
-/// Replaces the content of `out` with what the frames hold. Raises Damaged if they are not frames, are cut
-/// off, or hold more than `limit` bytes.
+/// Replaces the content of `out` with the content of the frames. Raises Damaged if they are not frames, are
+/// cut off, or contain more than `limit` bytes.
 void DecompressUpTo(ByteView frames, std::size_t limit, Bytes& out);
 /// Replaces the text of `out`; see DecompressUpTo(ByteView, std::size_t, Bytes&). For a limit above 64 MiB
 /// the text is measured first, so that it is in memory once.

@@ -100,9 +100,9 @@ protected:
         const auto result = Run(exitCode, arguments);
         return result.output + result.errors;
     }
-    void ExpectAllPrinted(const std::string& text, const std::string& behind = "") const
+    void ExpectAllPrinted(const std::string& text, const std::string& ending = "") const
     {
-        EXPECT_EQ(Difference(NamesIn(text, source, behind), names), NameSet());
+        EXPECT_EQ(Difference(NamesIn(text, source, ending), names), NameSet());
     }
     void BackUpListAndRestore() const
     {

@@ -127,7 +127,7 @@ VerifyResult CheckServerCertificate(X509& server, const VerifyParameters& parame
     if (IsAuthority(server))
         return VerifyResult::Fault("the certificate is an authority's, not a server's", &server);
     if (!HasReadableNames(server))
-        return VerifyResult::Fault("a name in the certificate holds a NUL byte or can't be read", &server);
+        return VerifyResult::Fault("a name in the certificate contains a NUL byte or can't be read", &server);
     if (parameters.pin && HashKey(server) != *parameters.pin)
         return VerifyResult::Fault("the public key is not the pinned one", &server);
     // OpenSSL does not check the signature of an anchor, even if it is the server's own certificate.

@@ -12,8 +12,8 @@ namespace Backup::OpenSSL {
 struct VerifyResult
 {
     Krt::YString reason;  ///< empty if the certificate is trusted
-    int depth = -1;       ///< depth of the certificate at fault: 0 is the server's; -1 if there is none
-    Krt::YString subject; ///< subject of that certificate; empty if there is none
+    int depth = -1;       ///< depth of the certificate at fault: 0 is the server's; -1 without one
+    Krt::YString subject; ///< subject of that certificate, or empty
 
     /// Returns true if the certificate is trusted.
     bool IsOk() const { return reason.IsEmpty(); }

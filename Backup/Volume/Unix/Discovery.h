@@ -56,7 +56,7 @@ private:
     const Table& GetTable();
     // The first entry with this directory, or nullptr; logs the number of all entries.
     const Krt::Volume::MountEntry* FindMountedAt(const Krt::File::YPath& mountPath);
-    // With a count of 0 if there is none.
+    // With a count of 0 if the table has no such source.
     Source FindSource(const Krt::File::YPath& uniquePath);
 
     std::optional<Table> m_table;

@@ -35,7 +35,7 @@ struct Modes
     unsigned int file = 0400;
 };
 
-// What Named needs.
+// The prefix of the failures of a file, for Named.
 auto At(const FileName& file)
 {
     return [&file] {

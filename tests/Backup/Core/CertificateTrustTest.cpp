@@ -63,7 +63,7 @@ void Check(const std::vector<Case>& cases)
 TEST(CertificateTrust, NameMustMatch)
 {
     const std::string nul("\0", 1);
-    const char* const holdsNul = "a name in the certificate holds a NUL byte or can't be read";
+    const char* const containsNul = "a name in the certificate contains a NUL byte or can't be read";
     Check({
         {"the same", Names({Host})},
         {"other case and trailing dot", Names({"Backup.Example"}, "BACKUP.example.")},
@@ -77,10 +77,10 @@ TEST(CertificateTrust, NameMustMatch)
         {"wildcard", Names({"*.backup.example"}, "a.backup.example")},
         {"partial wildcard", Names({"ba*.host.example"}, "backup.host.example"), WrongName},
         {"international", Names({"xn--bcher-kva.example"}, "xn--bcher-kva.example")},
-        {"NUL after the name", Names({Host + nul + ".evil.example"}), holdsNul},
-        {"NUL in another name", Names({Host, "x" + nul}), holdsNul},
-        {"NUL in the subject", [&](Scene& s) { s.serverForm.subject = "a" + nul + "\n\u202e"; }, holdsNul, 0,
-         "CN=a\\00\\0A\\E2\\80\\AE"},
+        {"NUL after the name", Names({Host + nul + ".evil.example"}), containsNul},
+        {"NUL in another name", Names({Host, "x" + nul}), containsNul},
+        {"NUL in the subject", [&](Scene& s) { s.serverForm.subject = "a" + nul + "\n\u202e"; }, containsNul,
+         0, "CN=a\\00\\0A\\E2\\80\\AE"},
         {"IPv4", Names({"IP:192.0.2.1"}, "192.0.2.1")},
         {"another IPv4", Names({"IP:192.0.2.1"}, "192.0.2.2"), "IP address mismatch"},
         {"address as a host name", Names({"192.0.2.1"}, "192.0.2.1"), "IP address mismatch"},
