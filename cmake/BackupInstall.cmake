@@ -10,7 +10,7 @@ install(TARGETS kbagent RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 
 # Headers that only the libraries' own sources include are not installed.
 set(BACKUP_PRIVATE_HEADERS
-  Core/OpenSSL/ File/LegacyVamHeader.h File/YSelectionTree.h
+  Core/OpenSSL/ File/LegacyVamHeader.h File/YSelectionTrace.h File/YSelectionTree.h
   Util/BuildInfo.h Util/Unix/Linux/SystemdUnit.h
   Volume/Unix/Discovery.h)
 if(APPLE)

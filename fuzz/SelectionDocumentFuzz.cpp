@@ -5,6 +5,8 @@
 #include "testing/NaiveSelection.h"
 #include "testing/SelectionText.h"
 
+#include "Backup/File/YSelectionExplanation.h"
+
 #include "Krt/JSON/YValue.h"
 
 namespace {
@@ -99,8 +101,11 @@ void CheckAgainstList(std::vector<YSelectionPathDescriptor> rules)
             const std::string name = other.GetDescriptor().GetPattern().Bytes();
             for (const std::string& below : {std::string(), "/" + name, other.GetPath().Bytes() + "/x"}) {
                 const std::string path = PlainPath(rule.GetPath().Bytes() + below);
-                Expect(path == "/" || tree.GetPathSelectionType(path.c_str()) == list.Ask(path),
-                       "the answer about a path");
+                if (path == "/")
+                    continue;
+                const auto answer = list.Ask(path);
+                Expect(tree.GetPathSelectionType(path.c_str()) == answer, "the answer about a path");
+                Expect(tree.Explain(path.c_str()).answer == answer, "the explained answer about a path");
             }
         }
     }

@@ -4,6 +4,8 @@
 #include "testing/Printed.h"
 #include "testing/SelectionText.h"
 
+#include "Backup/File/YSelectionExplanation.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -130,6 +132,7 @@ void NaiveSelection::ExpectAnswersOf(const Backup::File::YSelectionManager& tree
     EXPECT_EQ(tree.IsPathSelectedOrSelectionParent(path.c_str()), enters);
     EXPECT_EQ(tree.ShouldEnumeratePath(path.c_str()), enters);
 
+    ExpectExplanationOf(tree, path, answer);
     const Names names = Split(path);
     const Backup::File::YSelectionManager::Components components(names.begin(), names.end());
     bool reportable = false, isReported = false;
@@ -141,6 +144,50 @@ void NaiveSelection::ExpectAnswersOf(const Backup::File::YSelectionManager& tree
     EXPECT_EQ(tree.AnyIncludesApplyBelowPath(components), MayIncludeBelow(names));
     for (std::size_t i = 0; i < names.size(); ++i)
         EXPECT_EQ(tree.IsAnyExplicitSelectionBelowComponent(components, i), IsExplicitFrom(names, i)) << i;
+}
+
+void NaiveSelection::ExpectExplanationOf(const Backup::File::YSelectionManager& tree, const std::string& path,
+                                         SelectionType answer) const
+{
+    using Explanation = Backup::File::YSelectionExplanation;
+    using Effect = Explanation::Effect;
+    const Names names = Split(path);
+    const Explanation explanation = tree.Explain(path.c_str());
+    EXPECT_EQ(explanation.answer, answer);
+    // Each rule that speaks of a name is listed once for it; what else is listed has no bearing on a name.
+    const auto textOf = [](const YSelectionPathDescriptor& rule, Effect effect, std::size_t component) {
+        return Testing::Words(rule.GetPath(), rule) + " " + std::to_string(static_cast<int>(effect)) + " " +
+               std::to_string(component);
+    };
+    std::multiset<std::string> expected, listed;
+    for (const Placed& placed : m_rules) {
+        for (std::size_t i = placed.rule.IsInclude() ? names.size() - 1 : 0; i < names.size(); ++i) {
+            const Effect effect = placed.rule.IsInclude()     ? Effect::Includes
+                                  : !IsExplicitFrom(names, i) ? Effect::Excludes
+                                                              : Effect::IsOverridden;
+            if (SpeaksOf(placed, names, i))
+                expected.insert(textOf(placed.rule, effect, i));
+        }
+    }
+    int deciding = 0;
+    for (const Explanation::Rule& rule : explanation.rules) {
+        if (rule.effect == Effect::Overrides)
+            EXPECT_TRUE(rule.rule.IsInclude() && rule.rule.GetExplicitSelection());
+        else if (rule.effect != Effect::ReachesBelow && rule.effect != Effect::ExcludesEntries)
+            listed.insert(textOf(rule.rule, rule.effect, rule.component));
+        if (!rule.decides)
+            continue;
+        ++deciding;
+        const bool isSilent = !rule.rule.GetReportExclude() &&
+                              (rule.effect == Effect::Excludes || rule.effect == Effect::ExcludesEntries);
+        EXPECT_FALSE(rule.isFurther);
+        EXPECT_EQ(answer, rule.effect == Effect::Includes       ? SelectionType::Include
+                          : rule.effect == Effect::ReachesBelow ? SelectionType::NotSelectedDoRecurse
+                          : isSilent                            ? SelectionType::NotSelectedDoNotRecurse
+                                                                : SelectionType::Exclude);
+    }
+    EXPECT_EQ(listed, expected);
+    EXPECT_EQ(deciding, explanation.reason == Explanation::Reason::NothingIncludes ? 0 : 1);
 }
 
 bool NaiveSelection::SpeaksOf(const Placed& placed, const Names& path, std::size_t index)
@@ -224,7 +271,9 @@ void CompareWithThePlainList(const World& world)
     const auto pick = [&](const Strings& choices) {
         return choices[random() % choices.size()];
     };
-    for (int forest = 0; forest < world.forests; ++forest) {
+    const char* const rounds = std::getenv("SELECTION_ROUNDS");
+    const int forests = world.forests * (rounds != nullptr ? std::atoi(rounds) : 1);
+    for (int forest = 0; forest < forests; ++forest) {
         Backup::File::YSelectionManager tree;
         NaiveSelection list;
         Strings added;

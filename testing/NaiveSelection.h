@@ -34,6 +34,9 @@ private:
         Names place;
         Backup::File::YSelectionPathDescriptor rule;
     };
+    // Compares the explanation of the answer with all rules that speak of the path.
+    void ExpectExplanationOf(const Backup::File::YSelectionManager& tree, const std::string& path,
+                             SelectionType answer) const;
     // The rules in the order in which a walk through a tree visits them.
     std::vector<Placed> InOrder() const;
     static Names Split(const std::string& path);
@@ -60,7 +63,8 @@ struct World
 
 /// Adds each forest's rules to a tree and to a list, and compares their rules and their answers. The tree
 /// must not have superfluous nodes. Every second tree logs what it prunes, which must be in the list's order.
-/// The seed is the value of the environment variable SELECTION_SEED, or random.
+/// The seed is the value of the environment variable SELECTION_SEED, or random. SELECTION_ROUNDS multiplies
+/// the number of forests.
 void CompareWithThePlainList(const World& world);
 
 } // namespace Testing

@@ -22,6 +22,8 @@ class YSet;
 
 namespace Backup::File {
 
+struct YSelectionExplanation; // in YSelectionExplanation.h
+
 /// All selection rules of a backup job, in a tree that mirrors the file system: each directory with rules
 /// in it or below it has a node. The tree is kept minimal while rules are added. Any thread may call any
 /// operation: changes lock the tree for writing, queries and walks for reading, and locks are recursive
@@ -91,6 +93,9 @@ public:
     /// Returns what to do with the entry at the path. Includes are matched against the last component only,
     /// excludes against every component. Raises InvalidArgument for the root, to which rules do not apply.
     SelectionType GetPathSelectionType(const Krt::File::YPath& path) const;
+    /// Returns the answer of GetPathSelectionType with the rules that led to it, and with those that would
+    /// have done so without them. Raises InvalidArgument for the root.
+    YSelectionExplanation Explain(const Krt::File::YPath& path) const;
     /// Returns true if GetPathSelectionType is Include. Raises InvalidArgument for the root.
     bool IsPathSelected(const Krt::File::YPath& path) const;
     /// Returns true if GetPathSelectionType is Include or NotSelectedDoRecurse. Raises InvalidArgument for
@@ -174,16 +179,28 @@ private:
     void Clear();
     // A path's components with its nodes, from the root to the deepest that exists: looked up once for all
     // questions of a query. The public questions make one each.
-    class NodesOnPath; // in YSelectionQuery.cpp
-    bool MatchesInclude(const NodesOnPath& nodes) const;
-    bool MatchesExclude(const NodesOnPath& nodes, bool& reportable) const;
+    class NodesOnPath; // in YSelectionTrace.h, as are the traces
+    // The steps of a decision report what they find to a trace: NoTrace, which costs nothing, or PathTrace.
+    struct NoTrace;
+    class PathTrace;
+    template <class Trace>
+    KRT_HIDDEN SelectionType Decide(const Krt::File::YPath& path, const NodesOnPath& nodes,
+                                    Trace trace) const;
+    template <class Trace>
+    KRT_HIDDEN bool MatchesInclude(const NodesOnPath& nodes, Trace trace) const;
+    template <class Trace>
+    KRT_HIDDEN bool MatchesExclude(const NodesOnPath& nodes, bool& reportable, Trace trace) const;
     // Whether an exclude of the node at this depth matches a component and is not overridden.
-    bool NodeExcludes(const NodesOnPath& nodes, std::size_t depth, bool& reportable) const;
-    bool AllChildrenAreExcludedNotReportably(const NodesOnPath& nodes) const;
-    bool AnyIncludesApplyBelow(const NodesOnPath& nodes) const;
+    template <class Trace>
+    KRT_HIDDEN bool NodeExcludes(const NodesOnPath& nodes, std::size_t depth, bool& reportable,
+                                 Trace trace) const;
+    KRT_HIDDEN bool AllChildrenAreExcludedNotReportably(const NodesOnPath& nodes) const;
+    template <class Trace>
+    KRT_HIDDEN bool AnyIncludesApplyBelow(const NodesOnPath& nodes, Trace trace) const;
     // Whether the component of this index, or a later one of the path, is selected explicitly. What is below
     // the path has no part in it.
-    bool IsSelectedExplicitlyFrom(const NodesOnPath& nodes, std::size_t index) const;
+    template <class Trace>
+    KRT_HIDDEN bool IsSelectedExplicitlyFrom(const NodesOnPath& nodes, std::size_t index, Trace trace) const;
     void AddCopyFromAbove(const YSelectionDescriptor& rule, bool atParent, const Krt::File::YPath& sourcePath,
                           const Krt::File::YPath& destinationPath);
 

@@ -2,13 +2,11 @@
 // An error names the source file of its class, and these are functions of YSelectionManager and its nodes.
 #define KRT_SOURCE_FILE "Backup/File/YSelectionManager.cpp"
 
-#include "Backup/File/YSelectionTree.h"
+#include "Backup/File/YSelectionTrace.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/KrtFoundation/boostapi.h"
 #include "Krt/Log/LogSite.h"
-
-#include <boost/container/small_vector.hpp>
 
 #include <optional>
 
@@ -19,48 +17,59 @@ using Krt::Time::YDuration;
 using Node = YSelectionManager::YSelectionManagerNode;
 using SelectionType = YSelectionManager::SelectionType;
 
-class YSelectionManager::NodesOnPath
-{
-public:
-    NodesOnPath(const YSelectionManagerNode& root, const Components& path) : components(path)
-    {
-        m_nodes.push_back(&root);
-        for (const YString& component : components) {
-            const Node* const child = m_nodes.back()->FindChild(component);
-            if (child == nullptr)
-                break;
-            m_nodes.push_back(child);
-        }
-    }
-
-    /// Returns the node of the first `depth` components, or nullptr if it does not exist.
-    const Node* At(std::size_t depth) const { return depth < m_nodes.size() ? m_nodes[depth] : nullptr; }
-    const Node& Deepest() const { return *m_nodes.back(); }
-
-    const Components& components;
-
-private:
-    boost::container::small_vector<const Node*, 24> m_nodes;
-};
-
 SelectionType YSelectionManager::GetPathSelectionType(const YPath& path) const
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
+    return Decide(path, NodesOnPath(*m_root, path.PopulateComponents()), NoTrace());
+}
+
+YSelectionExplanation YSelectionManager::Explain(const YPath& path) const
+{
+    const auto lock = m_lock.ReadLock(YDuration::Zero());
+    const NodesOnPath nodes(*m_root, path.PopulateComponents());
+    PathTrace::State state;
+    const PathTrace trace(state);
+    state.explanation.answer = Decide(path, nodes, trace);
+    // What the decision did not get to.
+    const std::size_t count = nodes.components.size();
+    for (std::size_t depth = state.including ? *state.including + 1 : count;
+         depth < count && nodes.At(depth) != nullptr; ++depth) {
+        if (nodes.At(depth)->MatchesInclude(nodes.components.back(), depth + 1 == count))
+            trace.Include(nodes, depth);
+    }
+    for (std::size_t depth = state.excluding ? state.excluding->depth : count;
+         depth < count && nodes.At(depth) != nullptr; ++depth) {
+        const bool isFirst = depth == state.excluding->depth;
+        for (std::size_t i = isFirst ? state.excluding->component + 1 : depth; i < count; ++i) {
+            bool reportable = false;
+            if (nodes.At(depth)->MatchesExclude(nodes.components[i], i == depth, reportable))
+                trace.Exclude(nodes, depth, i, IsSelectedExplicitlyFrom(nodes, i, trace));
+        }
+    }
+    return std::move(state.explanation);
+}
+
+template <class Trace>
+SelectionType YSelectionManager::Decide(const YPath& path, const NodesOnPath& nodes, Trace trace) const
+{
+    using Reason = YSelectionExplanation::Reason;
     bool reportable = false;
     KRT_LOG(MessageType::SelectionBuild, "GetPathSelectionType called for: " << path);
-    const NodesOnPath nodes(*m_root, path.PopulateComponents());
-    const bool included = MatchesInclude(nodes);
-    const bool excluded = MatchesExclude(nodes, reportable);
+    const bool included = MatchesInclude(nodes, trace);
+    const bool excluded = MatchesExclude(nodes, reportable, trace);
     if (included && !excluded) {
         KRT_LOG(MessageType::SelectionBuild, "Path Include: " << path);
+        trace.Decided(Reason::Included);
         return SelectionType::Include;
     }
     if (included && reportable) {
         KRT_LOG(MessageType::SelectionBuild, "Path is Exclude: " << path);
+        trace.Decided(Reason::Excluded);
         return SelectionType::Exclude;
     }
     if (included) {
         KRT_LOG(MessageType::SelectionBuild, "Path is not-reportable exclude: " << path);
+        trace.Decided(Reason::ExcludedSilently);
         return SelectionType::NotSelectedDoNotRecurse;
     }
     // A path that no include matches may be excluded reportably. A walk still continues to what is explicitly
@@ -68,18 +77,23 @@ SelectionType YSelectionManager::GetPathSelectionType(const YPath& path) const
     if (excluded && !reportable) {
         KRT_LOG(MessageType::SelectionBuild,
                 "Path NotSelectedDoNotRecurse (not included but matches exclude): " << path);
+        trace.Decided(Reason::ExcludedSilently);
         return SelectionType::NotSelectedDoNotRecurse;
     }
     if (AllChildrenAreExcludedNotReportably(nodes)) {
         KRT_LOG(MessageType::SelectionBuild,
                 "Path NotSelectedDoNotRecurse (all children excluded): " << path);
+        trace.EntriesExcluded(nodes);
+        trace.Decided(Reason::EntriesExcluded);
         return SelectionType::NotSelectedDoNotRecurse;
     }
-    if (AnyIncludesApplyBelow(nodes)) {
+    if (AnyIncludesApplyBelow(nodes, trace)) {
         KRT_LOG(MessageType::SelectionBuild, "Path NotSelectedDoRecurse (includes below path): " << path);
+        trace.Decided(Reason::EntriesMayBeIncluded);
         return SelectionType::NotSelectedDoRecurse;
     }
     KRT_LOG(MessageType::SelectionBuild, "Path NotSelectedDoNotRecurse (fall through): " << path);
+    trace.Decided(Reason::NothingIncludes);
     return SelectionType::NotSelectedDoNotRecurse;
 }
 
@@ -113,13 +127,13 @@ bool YSelectionManager::IsPathExcluded(const YPath& path) const
 bool YSelectionManager::PathMatchesInclude(const Components& components) const
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
-    return MatchesInclude(NodesOnPath(*m_root, components));
+    return MatchesInclude(NodesOnPath(*m_root, components), NoTrace());
 }
 
 bool YSelectionManager::PathMatchesExclude(const Components& components, bool& reportable) const
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
-    return MatchesExclude(NodesOnPath(*m_root, components), reportable);
+    return MatchesExclude(NodesOnPath(*m_root, components), reportable, NoTrace());
 }
 
 bool YSelectionManager::AllChildrenOfPathAreExcludedNotReportably(const Components& components) const
@@ -131,7 +145,7 @@ bool YSelectionManager::AllChildrenOfPathAreExcludedNotReportably(const Componen
 bool YSelectionManager::AnyIncludesApplyBelowPath(const Components& components) const
 {
     const auto lock = m_lock.ReadLock(YDuration::Zero());
-    return AnyIncludesApplyBelow(NodesOnPath(*m_root, components));
+    return AnyIncludesApplyBelow(NodesOnPath(*m_root, components), NoTrace());
 }
 
 bool YSelectionManager::IsAnyExplicitSelectionBelowComponent(const Components& components,
@@ -145,10 +159,11 @@ bool YSelectionManager::IsAnyExplicitSelectionBelowComponent(const Components& c
         KRT_RAISE(ErrorCode::InvalidArgument, "atOrBelowIndex out of range atOrBelowIndex: "
                                                   << atOrBelowIndex << " path: " << components);
     }
-    return IsSelectedExplicitlyFrom(NodesOnPath(*m_root, components), atOrBelowIndex);
+    return IsSelectedExplicitlyFrom(NodesOnPath(*m_root, components), atOrBelowIndex, NoTrace());
 }
 
-bool YSelectionManager::MatchesInclude(const NodesOnPath& nodes) const
+template <class Trace>
+bool YSelectionManager::MatchesInclude(const NodesOnPath& nodes, Trace trace) const
 {
     if (nodes.components.empty())
         KRT_RAISE_AS("PathMatchesInclude", MessageType::General, ErrorCode::InvalidArgument,
@@ -158,6 +173,7 @@ bool YSelectionManager::MatchesInclude(const NodesOnPath& nodes) const
     if (m_root->MatchesInclude(leaf, last == 0)) {
         KRT_LOG(MessageType::SelectionQuery,
                 "Leaf component " << leaf << " matches include at " << m_root->GetPath() << " (root)");
+        trace.Include(nodes, 0);
         return true;
     }
     for (std::size_t depth = 1; depth <= last && nodes.At(depth) != nullptr; ++depth) {
@@ -166,6 +182,7 @@ bool YSelectionManager::MatchesInclude(const NodesOnPath& nodes) const
             KRT_LOG(MessageType::SelectionQuery,
                     "Leaf component " << leaf << " matches include at " << nodes.At(depth)->GetPath()
                                       << " checkNonRecursiveDescriptors was set to " << isParent);
+            trace.Include(nodes, depth);
             return true;
         }
     }
@@ -173,24 +190,27 @@ bool YSelectionManager::MatchesInclude(const NodesOnPath& nodes) const
     return false;
 }
 
-bool YSelectionManager::MatchesExclude(const NodesOnPath& nodes, bool& reportable) const
+template <class Trace>
+bool YSelectionManager::MatchesExclude(const NodesOnPath& nodes, bool& reportable, Trace trace) const
 {
     for (std::size_t depth = 0; depth < nodes.components.size() && nodes.At(depth) != nullptr; ++depth) {
-        if (!nodes.At(depth)->m_excludes.empty() && NodeExcludes(nodes, depth, reportable))
+        if (!nodes.At(depth)->m_excludes.empty() && NodeExcludes(nodes, depth, reportable, trace))
             return true;
     }
     KRT_LOG(MessageType::SelectionQuery, "No components in path match any exclude");
     return false;
 }
 
-bool YSelectionManager::NodeExcludes(const NodesOnPath& nodes, std::size_t depth, bool& reportable) const
+template <class Trace>
+bool YSelectionManager::NodeExcludes(const NodesOnPath& nodes, std::size_t depth, bool& reportable,
+                                     Trace trace) const
 {
     const Node& node = *nodes.At(depth);
     const bool isRoot = depth == 0;
     for (std::size_t i = depth; i < nodes.components.size(); ++i) {
         if (!node.MatchesExclude(nodes.components[i], i == depth, reportable))
             continue;
-        const bool ignored = IsSelectedExplicitlyFrom(nodes, i);
+        const bool ignored = IsSelectedExplicitlyFrom(nodes, i, trace);
         KRT_LOG(MessageType::SelectionQuery,
                 "Component " << nodes.components[i] << " at index " << i << " matches exclude at "
                              << node.GetPath()
@@ -201,6 +221,7 @@ bool YSelectionManager::NodeExcludes(const NodesOnPath& nodes, std::size_t depth
                              << (ignored ? " But since that component is explicitly selected"
                                            " this exclude will be ignored."
                                          : ""));
+        trace.Exclude(nodes, depth, i, ignored);
         if (!ignored)
             return true;
     }
@@ -226,7 +247,8 @@ bool YSelectionManager::AllChildrenAreExcludedNotReportably(const NodesOnPath& n
     return false;
 }
 
-bool YSelectionManager::AnyIncludesApplyBelow(const NodesOnPath& nodes) const
+template <class Trace>
+bool YSelectionManager::AnyIncludesApplyBelow(const NodesOnPath& nodes, Trace trace) const
 {
     if (nodes.components.empty())
         KRT_RAISE_AS("AnyIncludesApplyBelowPath", MessageType::General, ErrorCode::InvalidArgument,
@@ -234,6 +256,7 @@ bool YSelectionManager::AnyIncludesApplyBelow(const NodesOnPath& nodes) const
     if (m_root->HasAnyRecursiveIncludes()) {
         KRT_LOG(MessageType::SelectionQuery, "Includes apply below path because "
                                                  << m_root->GetPath() << " (root) has recursive includes");
+        trace.IncludeBelow(nodes, 0);
         return true;
     }
     const std::size_t last = nodes.components.size();
@@ -242,6 +265,7 @@ bool YSelectionManager::AnyIncludesApplyBelow(const NodesOnPath& nodes) const
             KRT_LOG(MessageType::SelectionQuery, "Includes apply below path because "
                                                      << nodes.At(depth)->GetPath()
                                                      << " has recursive includes");
+            trace.IncludeBelow(nodes, depth);
             return true;
         }
     }
@@ -249,19 +273,26 @@ bool YSelectionManager::AnyIncludesApplyBelow(const NodesOnPath& nodes) const
         KRT_LOG(MessageType::SelectionQuery, "Includes apply below path because "
                                                  << nodes.At(last)->GetPath()
                                                  << " has includes at or below it");
+        trace.IncludeBelow(nodes, last);
         return true;
     }
     KRT_LOG(MessageType::SelectionQuery, "No includes apply below path.");
     return false;
 }
 
-bool YSelectionManager::IsSelectedExplicitlyFrom(const NodesOnPath& nodes, std::size_t index) const
+template <class Trace>
+bool YSelectionManager::IsSelectedExplicitlyFrom(const NodesOnPath& nodes, std::size_t index,
+                                                 Trace trace) const
 {
     for (std::size_t i = index; i < nodes.components.size() && nodes.At(i) != nullptr; ++i) {
-        if (nodes.At(i)->MatchesExplicitExactNonRecursiveInclude(nodes.components[i]))
+        if (nodes.At(i)->MatchesExplicitExactNonRecursiveInclude(nodes.components[i])) {
+            trace.ExplicitName(nodes, i);
             return true;
-        if (nodes.At(i + 1) != nullptr && nodes.At(i + 1)->SelectsAllExplicitly())
+        }
+        if (nodes.At(i + 1) != nullptr && nodes.At(i + 1)->SelectsAllExplicitly()) {
+            trace.ExplicitAll(nodes, i);
             return true;
+        }
     }
     return false;
 }

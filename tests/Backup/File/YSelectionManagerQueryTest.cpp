@@ -3,6 +3,9 @@
 #include "testing/Raises.h"
 #include "testing/SelectionText.h"
 
+#include "Backup/File/YSelectionExplanation.h"
+
+#include <array>
 #include <regex>
 
 namespace {
@@ -92,6 +95,36 @@ TEST(YSelectionManagerQuery, DecisionsAreLogged)
            neither + "Some children of /" + noNode +
                "No includes apply below path.; "
                "Path NotSelectedDoNotRecurse (fall through): ");
+}
+
+// The rules are listed as they are considered, the deciding one marked by "!", further ones by "+".
+TEST(YSelectionManagerQuery, ExplanationListsRulesInOrder)
+{
+    using Backup::File::YSelectionExplanation;
+    const auto expect = [](const char* rules, const char* path, const List& expected) {
+        constexpr std::array effects = {"includes", "excludes", "overridden", "overrides", "covers", "below"};
+        List listed;
+        for (const YSelectionExplanation::Rule& rule : Tree(rules).Explain(path).rules)
+            listed.push_back((rule.decides     ? "!"
+                              : rule.isFurther ? "+"
+                                               : "") +
+                             std::string(effects.at(static_cast<std::size_t>(rule.effect))) + " " +
+                             std::to_string(rule.component) + ": " +
+                             Testing::Words(rule.rule.GetPath(), rule.rule));
+        EXPECT_EQ(listed, expected);
+    };
+    expect("include /a recursive any; include /a/b exact=c explicit; exclude /a exact=b; silent / recursive "
+           "glob=c*",
+           "/a/b/c",
+           {"!includes 2: include /a recursive any", "overrides 2: include /a/b exact=c explicit",
+            "overridden 2: silent / recursive glob=c*", "overrides 2: include /a/b exact=c explicit",
+            "overridden 1: exclude /a exact=b", "+includes 2: include /a/b exact=c explicit"});
+    expect("include / recursive any; exclude /a glob=?; silent /a glob=b*; silent /a/b any", "/a/b/c",
+           {"includes 2: include / recursive any", "excludes 1: silent /a glob=b*",
+            "!excludes 1: exclude /a glob=?", "+excludes 2: silent /a/b any"});
+    expect("silent /a any; include /a/b any", "/a", {"!covers 0: silent /a any"});
+    expect("include /a/b any; include /a/c any", "/a", {"!below 0: include /a/b any"});
+    expect("include /b any", "/a", {});
 }
 
 TEST(YSelectionManagerQuery, RandomRulesAgreeWithModel)
