@@ -36,20 +36,6 @@ std::string Resolve(const std::string& path)
     return resolved.get();
 }
 
-// Resolves the path except its last component, which is kept even if it is a symlink.
-YPath ResolveRoot(const std::string& named)
-{
-    std::string path = named;
-    while (path.size() > 1 && path.back() == '/')
-        path.pop_back();
-    const std::size_t slash = path.rfind('/');
-    const std::string last = slash == std::string::npos ? path : path.substr(slash + 1);
-    if (path.empty() || last.empty() || last == "." || last == ".." || path.size() < named.size())
-        return YPath(Resolve(named).c_str());
-    const std::string parent = Resolve(slash == std::string::npos ? "." : path.substr(0, slash + 1));
-    return YPath(parent.c_str()).Append(YString(last.c_str()));
-}
-
 void Select(Backup::File::YSelectionManager& rules, const YPath& root)
 {
     if (root != "/") {
@@ -151,12 +137,15 @@ std::string ReadJobFile(const std::string& jobFile)
     return KRT_OS_VALUE(std::move(text), "Can't read the job file " << jobFile.c_str());
 }
 
-void LoadRules(Backup::File::YSelectionManager& rules, JobWarnings& warnings, const std::string& jobFile)
+void LoadRules(Backup::File::YSelectionManager& rules, JobWarnings& warnings, const std::string& jobFile,
+               std::string* jobText)
 {
     RequireOwnFile("The job file", jobFile);
     std::string text = ReadJobFile(jobFile);
     if (constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF"; text.starts_with(ByteOrderMark))
         text.erase(0, ByteOrderMark.size());
+    if (jobText != nullptr)
+        *jobText = text;
     const EndingOnInterrupts ending; // the rules of a large job take some time
     try {
         // The text of a large job is freed before its rules are built.
@@ -191,12 +180,27 @@ std::vector<std::string> RuleTextsOf(const Backup::File::YSelectionManager& rule
 
 } // namespace
 
-Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths, const PathFailure& onFailure)
+// The last component is kept even if it is a symlink.
+YPath ResolveNamedPath(const std::string& named)
+{
+    std::string path = named;
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    const std::size_t slash = path.rfind('/');
+    const std::string last = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (path.empty() || last.empty() || last == "." || last == ".." || path.size() < named.size())
+        return YPath(Resolve(named).c_str());
+    const std::string parent = Resolve(slash == std::string::npos ? "." : path.substr(0, slash + 1));
+    return YPath(parent.c_str()).Append(YString(last.c_str()));
+}
+
+Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths, const PathFailure& onFailure,
+            std::string* jobText)
 {
     Job job;
     if (!jobFile.empty()) {
         JobWarnings warnings(jobFile);
-        LoadRules(job.rules, warnings, jobFile);
+        LoadRules(job.rules, warnings, jobFile, jobText);
         job.roots = job.rules.GetIncludeTops(YPath());
         WarnOfPathsWithoutEntries(job, warnings);
         job.warnings = warnings.Finish();
@@ -207,7 +211,7 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths, c
     const std::set<YPath> tops = job.roots;
     for (const std::string& path : paths) {
         try {
-            const YPath root = ResolveRoot(path);
+            const YPath root = ResolveNamedPath(path);
             if (onFailure && root != "/") {
                 const struct stat status = Krt::File::YDirectory::OpenToSearch(root.GetParent())
                                                .Stat(YPath::GetFileFromPath(root, "/"));

@@ -32,8 +32,11 @@ using PathFailure = std::function<void(const std::string& path, const Krt::Excep
 /// entry and everything below it. A named path is made absolute; symlinks and ".." on it are resolved, but a
 /// symlink at its end is kept. Raises the reason why the file or a path cannot be used, such as a finding of
 /// CheckJob that is an error. The reason names the file or path. With `onFailure`, a named path that can't be
-/// used is given to it and left out.
+/// used is given to it and left out. With `jobText`, the text of the job file is stored there.
 Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths,
-            const PathFailure& onFailure = {});
+            const PathFailure& onFailure = {}, std::string* jobText = nullptr);
+
+/// Resolves a path as LoadJob does.
+Krt::File::YPath ResolveNamedPath(const std::string& named);
 
 } // namespace Agent

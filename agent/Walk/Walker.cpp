@@ -85,7 +85,7 @@ void Walker::Run()
 // Walks the root unless its walk has begun.
 void Walker::TryRoot(const YPath& root)
 {
-    if (m_visitor.IsCancelled() || m_rootsToDo.erase(root) == 0)
+    if (m_visitor.IsCancelled() || m_rootsToDo.erase(root) == 0 || (m_visits && !m_visits(root)))
         return;
     try {
         WalkRoot(root);
@@ -130,6 +130,8 @@ void Walker::WalkEntered(std::size_t depth)
         const unsigned char type = visited.names.TypeAt(visited.next);
         const YString name(visited.names.NameAt(visited.next++));
         const YPath path = visited.path.Append(name);
+        if (m_visits && !m_visits(path))
+            continue;
         const std::size_t current = m_visited.size();
         try {
             VisitEntry(path, DirectoryOf(visited), name, type, m_rootsToDo.erase(path) != 0);
@@ -147,6 +149,8 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
     const YSelectionDescriptor::SelectionType answer = m_rules.GetPathSelectionType(path);
     if (answer == YSelectionDescriptor::Exclude)
         m_visitor.OnExcluded(path);
+    else if (answer != YSelectionDescriptor::Include)
+        m_visitor.OnNotSelected(path);
     bool selected = answer == YSelectionDescriptor::Include;
     if (!selected && answer != YSelectionDescriptor::NotSelectedDoRecurse)
         return;
@@ -234,6 +238,7 @@ void Walker::Enter(const YPath& path, YDirectory directory)
     m_visited.push_back({path, std::move(directory), {}, std::move(names)});
     if (m_visited.size() > MaxOpenDirectories)
         Close(m_visited[m_visited.size() - MaxOpenDirectories - 1]);
+    m_visitor.OnEntered(path);
 }
 
 void Walker::Close(VisitedDirectory& visited)

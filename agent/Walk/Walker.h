@@ -12,6 +12,7 @@
 #include "Krt/File/YDirectory.h"
 
 #include <deque>
+#include <functional>
 #include <optional>
 #include <set>
 
@@ -69,6 +70,11 @@ public:
     /// The directory that must not be walked, or a root below it.
     virtual void OnSkipped(const Krt::File::YPath& path) = 0;
     virtual void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) = 0;
+    /// The rules neither select the entry nor exclude it reportably. The walk may still enter it, or select
+    /// it for a rule at its path.
+    virtual void OnNotSelected(const Krt::File::YPath&) {}
+    /// The directory was listed, and its entries follow.
+    virtual void OnEntered(const Krt::File::YPath&) {}
     /// Called between entries; true ends the walk.
     virtual bool IsCancelled() = 0;
 };
@@ -84,6 +90,8 @@ public:
 
     /// The directory with this status is neither visited nor entered, and no walk starts below it.
     void Skip(const struct stat& directory);
+    /// Entries for which `visits` returns false are left out, with all that is below them.
+    void Restrict(std::function<bool(const Krt::File::YPath&)> visits) { m_visits = std::move(visits); }
     /// Walks every root. Entries of a directory are visited in the order of the bytes of their names, and a
     /// directory precedes its entries, also if they are visited by several walks.
     void Run();
@@ -119,7 +127,8 @@ private:
     std::set<Krt::File::YPath> m_rootsToDo; // those whose walks have not begun
     IWalkVisitor& m_visitor;
     std::optional<Krt::File::FileId> m_skipped;
-    std::deque<VisitedDirectory> m_visited; // those on the current path, the outermost first
+    std::function<bool(const Krt::File::YPath&)> m_visits; // empty for all entries
+    std::deque<VisitedDirectory> m_visited;                // those on the current path, the outermost first
 };
 
 } // namespace Agent
