@@ -8,7 +8,7 @@ set -euo pipefail
 agent_folders='
 Cli
 Copy Import Repair Rewrite
-Backup Convert Dump Forget Inspect Prune Restore Trust
+Backup Convert Dump Explain Forget Inspect Prune Restore Trust
 Access Record Walk
 Repository Run'
 

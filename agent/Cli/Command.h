@@ -33,6 +33,7 @@ std::unique_ptr<ICommand> MakeCheckCommand();
 std::unique_ptr<ICommand> MakeConvertCommand();
 std::unique_ptr<ICommand> MakeCopyCommand();
 std::unique_ptr<ICommand> MakeDumpCommand();
+std::unique_ptr<ICommand> MakeExplainCommand();
 std::unique_ptr<ICommand> MakeForgetCommand();
 std::unique_ptr<ICommand> MakeImportCommand();
 std::unique_ptr<ICommand> MakeInitCommand();

@@ -51,7 +51,7 @@ constexpr std::unique_ptr<ICommand> (*Makers[])() = {
     MakeListCommand,    MakeForgetCommand,  MakeRewriteCommand,      MakeCopyCommand,      MakeTagCommand,
     MakePruneCommand,   MakeRepairCommand,  MakeRebuildIndexCommand, MakeRecoverCommand,   MakeKeyCommand,
     MakeUnlockCommand,  MakeMigrateCommand, MakeVolumesCommand,      MakeServiceCommand,   MakeTrustCommand,
-    MakeConvertCommand, MakeRenameCommand,  MakeImportCommand,
+    MakeConvertCommand, MakeRenameCommand,  MakeImportCommand,       MakeExplainCommand,
 };
 
 void WarnOfUnknownChannels(Report& report)

@@ -2,10 +2,9 @@
 
 #include "agent/Cli/TextTable.h"
 #include "agent/Cli/VolumeList.h"
+#include "agent/Explain/MountFacts.h"
 #include "agent/Run/Output.h"
 #include "agent/Run/Text.h"
-
-#include "Backup/Volume/Unix/Util.h"
 
 #include "Krt/JSON/YValue.h"
 
@@ -23,28 +22,10 @@ namespace {
 // The time to wait for one mount.
 constexpr std::chrono::seconds Patience{3};
 
-const char* ClassWord(unsigned int driveClass)
-{
-    switch (driveClass) {
-    case Backup::Volume::DRIVE_CLASS_REMOVABLE:
-        return "removable";
-    case Backup::Volume::DRIVE_CLASS_FIXED:
-        return "fixed";
-    case Backup::Volume::DRIVE_CLASS_NETWORK:
-        return "network";
-    case Backup::Volume::DRIVE_CLASS_SPECIAL:
-        return "special";
-    case Backup::Volume::DRIVE_CLASS_ROOTFS:
-        return "rootfs";
-    default:
-        return "unknown";
-    }
-}
-
 TextRow RowOf(const ListedVolume& volume)
 {
     const char* const entered = !volume.isEntered ? "-" : *volume.isEntered ? "yes" : "no";
-    return {ClassWord(volume.driveClass),
+    return {DriveClassWord(volume.driveClass),
             volume.mount.readOnly ? "ro" : "rw",
             volume.freeSpace ? ShortSize(*volume.freeSpace) : "-",
             entered,
@@ -55,7 +36,7 @@ TextRow RowOf(const ListedVolume& volume)
 YObject ObjectOf(const ListedVolume& volume)
 {
     YObject object;
-    object.Set<YString>("class", ClassWord(volume.driveClass));
+    object.Set<YString>("class", DriveClassWord(volume.driveClass));
     object.Set<YString>("source", volume.mount.source);
     object.Set<YString>("mount_path", volume.mount.directory);
     object.Set<YString>("file_system", volume.mount.type);

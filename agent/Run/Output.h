@@ -51,4 +51,7 @@ bool IsErrorTerminal();
 /// terminal.
 unsigned int OutputWidth();
 
+/// Returns true if standard output is a terminal that shows colours, and the variable NO_COLOR is not set.
+bool UsesColour();
+
 } // namespace Agent

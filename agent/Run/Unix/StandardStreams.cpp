@@ -1,6 +1,7 @@
 #include "agent/Run/Output.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -29,6 +30,14 @@ unsigned int OutputWidth()
         return 0;
     winsize size{};
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : 80;
+}
+
+bool UsesColour()
+{
+    const char* const refusal = std::getenv("NO_COLOR");
+    const char* const terminal = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && (refusal == nullptr || *refusal == '\0') && terminal != nullptr &&
+           std::strcmp(terminal, "dumb") != 0;
 }
 
 } // namespace Agent

@@ -1,0 +1,169 @@
+#include "agent/Explain/PathExplanation.h"
+
+#include "Krt/Exception/Raise.h"
+
+#include <algorithm>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Agent {
+
+using Backup::File::YSelectionDescriptor;
+using Backup::File::YSelectionExplanation;
+using Krt::YString;
+using Krt::File::YPath;
+
+namespace {
+
+bool IsIncluded(const YSelectionExplanation& explanation)
+{
+    return std::any_of(explanation.rules.begin(), explanation.rules.end(), [](const auto& rule) {
+        return rule.effect == YSelectionExplanation::Effect::Includes;
+    });
+}
+
+// The reason why a walk that visited an entry did not enter it.
+Obstacle ObstacleOf(const WalkOutcome& outcome, YSelectionDescriptor::SelectionType answer)
+{
+    if (outcome.failure)
+        return Obstacle::Failure;
+    if (outcome.isRepository)
+        return Obstacle::Repository;
+    if (outcome.isMountCut)
+        return Obstacle::Mount;
+    const bool mayEnter =
+        answer == YSelectionDescriptor::Include || answer == YSelectionDescriptor::NotSelectedDoRecurse;
+    return mayEnter ? Obstacle::NoDirectory : Obstacle::Rules;
+}
+
+} // namespace
+
+EntryKind KindOf(const YPath& path)
+{
+    struct stat status = {};
+    if (lstat(path.CStr(), &status) != 0)
+        return EntryKind::Missing;
+    switch (status.st_mode & S_IFMT) {
+    case S_IFREG:
+        return EntryKind::File;
+    case S_IFDIR:
+        return EntryKind::Directory;
+    case S_IFLNK:
+        return EntryKind::Symlink;
+    case S_IFSOCK:
+        return EntryKind::Socket;
+    default:
+        return EntryKind::Other;
+    }
+}
+
+const char* KindWord(EntryKind kind)
+{
+    constexpr const char* Words[] = {"missing", "file", "directory", "symlink", "socket", "other"};
+    return Words[static_cast<std::size_t>(kind)];
+}
+
+const char* ObstacleWord(Obstacle obstacle)
+{
+    constexpr const char* Words[] = {"none",       "no_start", "rules",         "mount",
+                                     "repository", "failure",  "not_directory", "missing"};
+    return Words[static_cast<std::size_t>(obstacle)];
+}
+
+YPath ResolveAsFarAsPossible(const std::string& path)
+{
+    try {
+        return ResolveNamedPath(path);
+    } catch (const Krt::Exception::YError&) {
+        std::string shorter = path;
+        while (shorter.size() > 1 && shorter.back() == '/')
+            shorter.pop_back();
+        const std::size_t slash = shorter.rfind('/');
+        const std::string name = slash == std::string::npos ? shorter : shorter.substr(slash + 1);
+        if (name.empty() || name == ".." || (slash == std::string::npos && name == "."))
+            throw;
+        const std::string parent = slash == std::string::npos ? "."
+                                   : slash == 0               ? "/"
+                                                              : shorter.substr(0, slash);
+        const YPath resolved = ResolveAsFarAsPossible(parent);
+        return name == "." ? resolved : resolved.Append(YString(std::string_view(name)));
+    }
+}
+
+std::vector<PathExplanation> Explainer::Explain(const std::vector<std::string>& paths) const
+{
+    std::vector<PathExplanation> explanations(paths.size());
+    std::vector<YPath> resolved;
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        explanations[i].asked = paths[i];
+        explanations[i].path = ResolveAsFarAsPossible(paths[i]);
+        resolved.push_back(explanations[i].path);
+    }
+    const WalkRecord record(m_job, m_repository, resolved);
+    for (PathExplanation& explanation : explanations)
+        Describe(explanation, record);
+    return explanations;
+}
+
+void Explainer::Describe(PathExplanation& explanation, const WalkRecord& record) const
+{
+    const YPath& path = explanation.path;
+    explanation.kind = KindOf(path);
+    for (YPath above = path; !explanation.start; above = above.GetParent()) {
+        if (m_job.roots.contains(above))
+            explanation.start = above;
+        else if (above == "/")
+            break;
+    }
+    const auto below = std::find_if(m_job.roots.begin(), m_job.roots.end(),
+                                    [&path](const YPath& root) { return root.IsChildOf(path, false); });
+    if (below != m_job.roots.end())
+        explanation.startBelow = *below;
+    if (path != "/") {
+        explanation.rules = m_job.rules.Explain(path);
+        if (!IsIncluded(*explanation.rules))
+            explanation.misses = FindNearMisses(m_job.rules, path);
+    }
+    if (const WalkOutcome* const outcome = record.Find(path)) {
+        explanation.outcome = *outcome;
+        if (outcome->isMountCut || outcome->isMountEntered)
+            explanation.mount = FindMountFacts(path);
+        const bool isRead = explanation.IsStored() && explanation.kind == EntryKind::File;
+        if (isRead && access(path.CStr(), R_OK) != 0)
+            explanation.outcome.failure = YString("Permission to read the file is denied");
+    } else {
+        FindObstacle(explanation, record);
+    }
+}
+
+// Finds the nearest directory above the path that the walk reached.
+void Explainer::FindObstacle(PathExplanation& explanation, const WalkRecord& record) const
+{
+    explanation.obstacle = Obstacle::NoStart;
+    for (YPath below = explanation.path; below != "/";) {
+        const YPath above = below.GetParent();
+        const WalkOutcome* const outcome = record.Find(above);
+        if (outcome == nullptr) {
+            below = above;
+            continue;
+        }
+        if (outcome->isEntered) { // its entries were listed
+            explanation.obstacle = Obstacle::Missing;
+            explanation.obstacleAt = below;
+            return;
+        }
+        explanation.obstacleAt = above;
+        auto answer = YSelectionDescriptor::NotSelectedDoRecurse;
+        if (above != "/") {
+            explanation.obstacleRules = m_job.rules.Explain(above);
+            answer = explanation.obstacleRules->answer;
+        }
+        explanation.obstacle = ObstacleOf(*outcome, answer);
+        explanation.failure = outcome->failure;
+        if (explanation.obstacle == Obstacle::Mount)
+            explanation.mount = FindMountFacts(above);
+        return;
+    }
+}
+
+} // namespace Agent

@@ -1,0 +1,126 @@
+#include "agent/Explain/RuleSources.h"
+
+#include "agent/Repository/Json.h"
+
+#include "Krt/JSON/YValue.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+using Backup::File::YSelectionDescriptor;
+using Krt::YString;
+using Krt::File::YPath;
+using Krt::JSON::YObject;
+using Krt::JSON::YValue;
+using Repo::JsonReader;
+
+namespace {
+
+constexpr const char* Blanks = " \t";
+
+// The text of a path by which equal directories are equal.
+std::string PlaceOf(const YPath& path)
+{
+    std::string place;
+    for (const YString& component : path.PopulateComponents())
+        place += "/" + component.Bytes();
+    return place;
+}
+
+// The path of a rule. Only escapes need the parser of the rules.
+std::string PlaceOf(std::string_view rule)
+{
+    JsonReader reader(rule);
+    reader.BeginObject();
+    std::string_view json = "\"\"";
+    for (std::string_view key; reader.NextKey(key);) {
+        const bool isPath = key == "path";
+        const std::string_view value = reader.Skip();
+        json = isPath ? value : json;
+    }
+    if (json.find('\\') == std::string_view::npos)
+        return PlaceOf(YPath(json.substr(1, json.size() - 2)));
+    const auto object = YValue::Parse("{\"path\":" + std::string(json) + "}");
+    return PlaceOf(YPath(object->AsObject().Get<YString>("path", Krt::MessageType::Runtime)));
+}
+
+YSelectionDescriptor DescriptorOf(std::string_view rule)
+{
+    YSelectionDescriptor descriptor;
+    descriptor.FromJSON(
+        YValue::Parse(rule)->AsObject().Get<YObject>("descriptor", Krt::MessageType::Runtime));
+    return descriptor;
+}
+
+} // namespace
+
+RuleSources::RuleSources(std::string fileName, std::string text)
+    : m_fileName(std::move(fileName)), m_text(std::move(text))
+{
+    JsonReader reader(m_text);
+    reader.BeginObject();
+    for (std::string_view key; reader.NextKey(key);) {
+        const std::string array(key);
+        ReadArray(array, reader.Skip());
+    }
+}
+
+void RuleSources::ReadArray(std::string_view array, std::string_view text)
+{
+    JsonReader reader(text);
+    reader.BeginArray();
+    for (std::size_t index = 0; reader.NextItem(); ++index) {
+        const std::string_view rule = reader.Skip();
+        const auto begin = static_cast<std::size_t>(rule.data() - m_text.data());
+        m_line +=
+            static_cast<std::size_t>(std::count(m_text.begin() + static_cast<std::ptrdiff_t>(m_counted),
+                                                m_text.begin() + static_cast<std::ptrdiff_t>(begin), '\n'));
+        m_counted = begin;
+        m_byPlace.emplace(PlaceOf(rule), Spot{{std::string(array), index, m_line, rule}, std::nullopt});
+    }
+}
+
+const RuleSource* RuleSources::Find(const Backup::File::YSelectionPathDescriptor& rule)
+{
+    const RuleSource* found = nullptr;
+    const auto [first, last] = m_byPlace.equal_range(PlaceOf(rule.GetPath()));
+    for (auto each = first; each != last; ++each) {
+        Spot& spot = each->second;
+        if (!spot.rule)
+            spot.rule = DescriptorOf(spot.source.text);
+        const bool isEarlier = found == nullptr || spot.source.text.data() < found->text.data();
+        if (isEarlier && *spot.rule == static_cast<const YSelectionDescriptor&>(rule))
+            found = &spot.source;
+    }
+    return found;
+}
+
+// Returns the blanks before a rule that begins its line.
+std::string_view RuleSources::IndentationOf(const RuleSource& source) const
+{
+    const std::string_view before(m_text.data(),
+                                  static_cast<std::size_t>(source.text.data() - m_text.data()));
+    const std::size_t lineBegin = before.rfind('\n') + 1; // 0 for the first line
+    const std::string_view indentation = before.substr(lineBegin);
+    return indentation.find_first_not_of(Blanks) == std::string_view::npos ? indentation : "";
+}
+
+std::vector<std::string_view> RuleSources::LinesOf(const RuleSource& source) const
+{
+    const std::string_view indentation = IndentationOf(source);
+    std::vector<std::string_view> lines;
+    for (std::size_t at = 0; at <= source.text.size();) {
+        const std::size_t end = std::min(source.text.find('\n', at), source.text.size());
+        std::string_view line = source.text.substr(at, end - at);
+        if (at != 0 && line.starts_with(indentation))
+            line.remove_prefix(indentation.size());
+        if (line.ends_with('\r'))
+            line.remove_suffix(1);
+        lines.push_back(line);
+        at = end + 1;
+    }
+    return lines;
+}
+
+} // namespace Agent

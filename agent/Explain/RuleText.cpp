@@ -1,0 +1,90 @@
+#include "agent/Explain/RuleText.h"
+
+#include "agent/Run/Text.h"
+
+#include <optional>
+
+namespace Agent {
+
+using Backup::File::YSelectionDescriptor;
+using Backup::File::YSelectionPathDescriptor;
+using Krt::YString;
+using Krt::File::YPath;
+using Krt::Match::Descriptor;
+using Krt::Match::MatchType;
+
+namespace {
+
+constexpr std::size_t MostNearMisses = 8;
+
+std::string NamesOf(const Descriptor& names)
+{
+    const std::string pattern = "'" + Printable(names.GetPattern()) + "'";
+    const char* const anyCase = names.IsCaseSensitive() ? "" : " in upper or lower case";
+    switch (names.GetMatchType()) {
+    case MatchType::Any:
+        return "everything";
+    case MatchType::Exact:
+        return "the name " + pattern + anyCase;
+    case MatchType::Glob:
+        return "names like " + pattern + anyCase;
+    case MatchType::None:
+        break;
+    }
+    return "nothing";
+}
+
+// Returns the reason why an include does not match the name, which it `reaches` or not.
+std::optional<NearMiss::Cause> CauseOf(const YSelectionDescriptor& rule, const YString& name, bool reaches)
+{
+    const Descriptor& names = rule.GetDescriptor();
+    const bool matches = Krt::Match::Check(name, names);
+    if (!reaches)
+        return matches ? std::optional(NearMiss::Cause::NotSoDeep) : std::nullopt;
+    if (matches)
+        return std::nullopt;
+    const Descriptor anyCase(names.GetMatchType(), names.GetPattern(), false);
+    return Krt::Match::Check(name, anyCase) ? NearMiss::Cause::OtherCase : NearMiss::Cause::OtherNames;
+}
+
+} // namespace
+
+std::string RulePhrase(const YSelectionPathDescriptor& rule)
+{
+    const std::string place = rule.GetPath().IsEmpty() ? "/" : Printable(rule.GetPath());
+    const char* const verb = rule.IsInclude()          ? "include "
+                             : rule.GetReportExclude() ? "exclude "
+                                                       : "exclude silently ";
+    return verb + NamesOf(rule.GetDescriptor()) + (rule.IsRecursive() ? " in " : " directly in ") + place +
+           (rule.IsRecursive() ? " and below" : "") +
+           (rule.IsInclude() && rule.GetExplicitSelection() ? ", explicitly" : "");
+}
+
+NearMisses FindNearMisses(const Backup::File::YSelectionManager& rules, const YPath& path)
+{
+    NearMisses misses;
+    const YString name = YPath::GetFileFromPath(path, "/");
+    const YPath parent = path.GetParent();
+    YPath place = path;
+    for (bool isRoot = false; !isRoot; place = place.GetParent()) {
+        isRoot = place == "/";
+        rules.VisitPathsAndDescriptors(
+            YSelectionDescriptor::Include, place,
+            [&](const YPath& rulePath, const YSelectionDescriptor& rule) {
+                // If the directory has no rules, these are of one above, which has its own turn.
+                if (rulePath != place)
+                    return true;
+                const auto cause = place == path ? std::optional(NearMiss::Cause::OnlyEntries)
+                                                 : CauseOf(rule, name, rule.IsRecursive() || place == parent);
+                if (cause && misses.shown.size() < MostNearMisses)
+                    misses.shown.push_back({YSelectionPathDescriptor(rulePath, rule), *cause});
+                else
+                    misses.more += cause ? 1 : 0;
+                return false;
+            },
+            false);
+    }
+    return misses;
+}
+
+} // namespace Agent

@@ -1,0 +1,243 @@
+#include "agent/Explain/SelectionTree.h"
+
+#include "agent/Run/Interrupt.h"
+#include "agent/Walk/NameList.h"
+
+#include "Krt/File/Unix/Status.h"
+
+#include <deque>
+#include <sys/stat.h>
+
+namespace Agent {
+
+using Krt::YString;
+using Krt::File::YDirectory;
+using Krt::File::YPath;
+
+namespace {
+
+TreeAmount AmountOf(const struct stat& status)
+{
+    return {1, S_ISREG(status.st_mode) ? static_cast<unsigned long long>(status.st_size) : 0};
+}
+
+// Counts entries without regard to rules, on one file system.
+class Measure
+{
+public:
+    // Counts the entry and all that is below it. What can't be read makes the count incomplete.
+    void Count(const YPath& path)
+    {
+        struct stat status = {};
+        if (lstat(path.CStr(), &status) != 0)
+            return;
+        amount.Add(AmountOf(status));
+        if (!S_ISDIR(status.st_mode))
+            return;
+        m_device = status.st_dev;
+        Try([&] { Enter(YDirectory::Open(path)); });
+        while (!m_open.empty() && !IsInterrupted()) {
+            Open& open = m_open.back();
+            if (open.next == open.names.Size())
+                m_open.pop_back();
+            else
+                Try([&] { Visit(open); });
+        }
+    }
+
+    TreeAmount amount;
+    bool isComplete = true;
+
+private:
+    struct Open
+    {
+        YDirectory directory;
+        NameList names;
+        std::size_t next = 0;
+    };
+
+    template <class Call>
+    void Try(Call call)
+    {
+        try {
+            call();
+        } catch (const Krt::Exception::YError&) {
+            isComplete = false;
+        }
+    }
+    void Enter(YDirectory directory)
+    {
+        NameList names(directory);
+        m_open.push_back({std::move(directory), std::move(names)});
+    }
+    void Visit(Open& open)
+    {
+        const YString name(open.names.NameAt(open.next++));
+        const struct stat status = open.directory.Stat(name);
+        amount.Add(AmountOf(status));
+        if (S_ISDIR(status.st_mode) && status.st_dev != m_device)
+            isComplete = false;
+        else if (S_ISDIR(status.st_mode))
+            Enter(open.directory.OpenDirectory(name));
+    }
+
+    std::deque<Open> m_open;
+    dev_t m_device = 0;
+};
+
+class TreeRun : private IWalkVisitor
+{
+public:
+    TreeRun(const Job& job, const std::optional<struct stat>& repository, const YPath& top,
+            unsigned int depth)
+        : m_depth(depth)
+    {
+        m_top.path = top;
+        m_top.name = top.Bytes();
+        m_top.kind = KindOf(top);
+        Walker walker(job.rules, job.roots, *this);
+        walker.Restrict(
+            [&top](const YPath& path) { return path.IsChildOf(top, true) || top.IsChildOf(path, true); });
+        if (repository)
+            walker.Skip(*repository);
+        walker.Run();
+        Settle();
+        RaiseIfInterrupted();
+        AddUp(m_top);
+    }
+
+    TreeNode Take() { return std::move(m_top); }
+
+private:
+    bool OnSelected(const WalkedEntry& entry) override
+    {
+        TreeNode* const node = Begin(entry.path);
+        const struct stat& status = entry.Status();
+        if (node != nullptr)
+            (S_ISSOCK(status.st_mode) ? node->left : node->stored).Add(AmountOf(status));
+        Mark(entry.path, [](WalkOutcome& outcome) { outcome.isSelected = true; });
+        return MayEnter(entry);
+    }
+    void OnExcluded(const YPath& path) override
+    {
+        OnNotSelected(path);
+        Mark(path, [](WalkOutcome& outcome) { outcome.isExcluded = true; });
+    }
+    void OnNotSelected(const YPath& path) override
+    {
+        Begin(path);
+        m_pending = path;
+    }
+    void OnMountNotEntered(const YPath& path) override
+    {
+        Leave(path);
+        Mark(path, [](WalkOutcome& outcome) { outcome.isMountCut = true; });
+    }
+    void OnMountEntered(const YPath& path) override
+    {
+        Begin(path);
+        Mark(path, [](WalkOutcome& outcome) { outcome.isMountEntered = true; });
+    }
+    void OnLinkTaken(const YPath&) override {}
+    void OnSkipped(const YPath& path) override
+    {
+        Leave(path);
+        Mark(path, [](WalkOutcome& outcome) { outcome.isRepository = true; });
+    }
+    void OnFailed(const YPath& path, const YString& reason) override
+    {
+        Leave(path);
+        Mark(path, [&](WalkOutcome& outcome) { outcome.failure = reason; });
+    }
+    void OnEntered(const YPath& path) override
+    {
+        Begin(path);
+        Mark(path, [](WalkOutcome& outcome) { outcome.isEntered = true; });
+    }
+    bool IsCancelled() override { return IsInterrupted(); }
+
+    // Counts what is left out at the path before, unless this is another event of that path. Returns the node
+    // of the path, or that of the nearest directory above it that has one; nullptr for a path outside of the
+    // tree.
+    TreeNode* Begin(const YPath& path)
+    {
+        if (m_pending && *m_pending != path)
+            Settle();
+        m_pending.reset();
+        return NodeOf(path);
+    }
+    // Begins at a path whose contents are neither stored nor counted.
+    void Leave(const YPath& path)
+    {
+        if (TreeNode* const node = Begin(path))
+            node->isCounted = false;
+    }
+    // Calls `mark` if the path has a node of its own.
+    template <class Change>
+    void Mark(const YPath& path, Change mark)
+    {
+        TreeNode* const node = NodeOf(path);
+        if (node != nullptr && node->path == path)
+            mark(node->outcome);
+    }
+    TreeNode* NodeOf(const YPath& path)
+    {
+        if (!path.IsChildOf(m_top.path, true))
+            return nullptr;
+        TreeNode* node = &m_top;
+        const auto& components = path.PopulateComponents();
+        const std::size_t first = m_top.path.PopulateComponents().size();
+        for (std::size_t i = first; i < components.size() && i - first < m_depth; ++i) {
+            const std::string& name = components[i].Bytes();
+            // A walk visits the entries of a directory in their order.
+            if (node->entries.empty() || node->entries.back().name != name) {
+                TreeNode& entry = node->entries.emplace_back();
+                entry.name = name;
+                entry.path = node->path.Append(components[i]);
+                entry.kind = KindOf(entry.path);
+            }
+            node = &node->entries.back();
+        }
+        return node;
+    }
+
+    // Counts the last entry that the rules leave out, if the walk has not entered it.
+    void Settle()
+    {
+        if (!m_pending)
+            return;
+        const YPath path = *m_pending;
+        m_pending.reset();
+        TreeNode* const node = NodeOf(path);
+        if (node == nullptr)
+            return;
+        Measure measure;
+        measure.Count(path);
+        node->left.Add(measure.amount);
+        node->isCounted = node->isCounted && measure.isComplete;
+    }
+
+    static void AddUp(TreeNode& node)
+    {
+        for (TreeNode& entry : node.entries) {
+            AddUp(entry);
+            node.stored.Add(entry.stored);
+            node.left.Add(entry.left);
+            node.isCounted = node.isCounted && entry.isCounted;
+        }
+    }
+
+    TreeNode m_top;
+    const std::size_t m_depth;
+    std::optional<YPath> m_pending; // an entry that the rules do not select; the walk may enter it next
+};
+
+} // namespace
+
+TreeNode BuildSelectionTree(const Job& job, const std::optional<struct stat>& repository, const YPath& top,
+                            unsigned int depth)
+{
+    return TreeRun(job, repository, top, depth).Take();
+}
+
+} // namespace Agent
