@@ -60,8 +60,10 @@ CLI::App* ExplainCommand::Register(CLI::App& program)
                      "PATH is one")
         ->type_name("PATH")
         ->allow_extra_args(false);
-    command->add_flag("--tree", m_showsTree, "Print a directory as a tree, with what is left out of it");
+    CLI::Option* const tree =
+        command->add_flag("--tree", m_showsTree, "Print a directory as a tree, with what is left out of it");
     command->add_option("--depth", m_depth, "The levels of the tree")
+        ->needs(tree)
         ->type_name("N")
         ->check(CLI::Range(0u, DeepestTree))
         ->capture_default_str();

@@ -52,6 +52,7 @@ YObject DecisionObject(const YSelectionExplanation& decision, const YPath& path,
         YObject rule = RuleObject(each.rule, sources);
         rule.Set<YString>("effect", EffectWord(each.effect));
         PutBool(rule, "decides", each.decides);
+        PutBool(rule, "further", each.isFurther);
         PutNumber(rule, "component", each.component);
         rule.Set<YString>("component_name", path.PopulateComponents().at(each.component));
         rules.push_back(YValue::Create<YObject>(std::move(rule)));
@@ -60,15 +61,6 @@ YObject DecisionObject(const YSelectionExplanation& decision, const YPath& path,
     object.Set<YString>("answer", AnswerWord(decision.answer));
     object.Set<YString>("reason", ReasonWord(decision.reason));
     object.Set<YArray>("rules", std::move(rules));
-    return object;
-}
-
-YObject MountObject(const MountFacts& mount)
-{
-    YObject object;
-    object.Set<YString>("class", YString(mount.driveClass));
-    object.Set<YString>("file_system", YString(std::string_view(mount.type)));
-    object.Set<YString>("source", YString(std::string_view(mount.source)));
     return object;
 }
 
@@ -87,6 +79,15 @@ YObject ObstacleObject(const PathExplanation& explanation, RuleSources& sources)
 }
 
 } // namespace
+
+YObject MountObject(const MountFacts& mount)
+{
+    YObject object;
+    object.Set<YString>("class", YString(std::string_view(mount.driveClass)));
+    object.Set<YString>("file_system", YString(std::string_view(mount.type)));
+    object.Set<YString>("source", YString(std::string_view(mount.source)));
+    return object;
+}
 
 const char* AnswerWord(YSelectionDescriptor::SelectionType answer)
 {
@@ -125,11 +126,16 @@ YObject ExplanationObject(const PathExplanation& explanation, RuleSources& sourc
     object.Set<YString>("asked", YString(std::string_view(explanation.asked)));
     object.Set<YString>("type", KindWord(explanation.kind));
     PutBool(object, "backed_up", explanation.IsStored());
+    PutBool(object, "parent_only", explanation.IsParentOnly());
     PutBool(object, "entered", outcome.isEntered);
     if (explanation.start)
         object.Set<YString>("start", *explanation.start);
+    if (explanation.startBelow)
+        object.Set<YString>("start_below", *explanation.startBelow);
     if (explanation.rules)
         object.Set<YObject>("decision", DecisionObject(*explanation.rules, explanation.path, sources));
+    if (explanation.ownInclude)
+        object.Set<YObject>("own_include", RuleObject(*explanation.ownInclude, sources));
     if (!explanation.misses.shown.empty()) {
         YArray misses;
         for (const NearMiss& miss : explanation.misses.shown) {

@@ -11,6 +11,9 @@ namespace Agent {
 /// Returns the rule, as a job file has it, with its place in the job file.
 Krt::JSON::YObject RuleObject(const Backup::File::YSelectionPathDescriptor& rule, RuleSources& sources);
 
+/// Returns the class, the type and the source of a mount.
+Krt::JSON::YObject MountObject(const MountFacts& mount);
+
 /// Returns the word of an answer: include, exclude, go_on or stop.
 const char* AnswerWord(Backup::File::YSelectionDescriptor::SelectionType answer);
 

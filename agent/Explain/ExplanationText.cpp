@@ -34,6 +34,12 @@ std::string Quoted(const YString& name)
     return "'" + Printable(name) + "'";
 }
 
+bool IsSameRule(const YSelectionPathDescriptor& a, const YSelectionPathDescriptor& b)
+{
+    const YSelectionDescriptor& descriptor = a;
+    return descriptor == b && a.GetPath() == b.GetPath();
+}
+
 // Writes one explanation.
 class Writer
 {
@@ -71,6 +77,7 @@ private:
     void WriteObstacle();
     void WriteOutcome();
     void WriteRules();
+    void WriteOwnInclude();
     void WriteDecision(const YSelectionExplanation& rules, const YPath& path);
     void WriteSource(const YSelectionPathDescriptor& rule);
     void WriteFurther(const YSelectionExplanation& rules, const YPath& path);
@@ -96,8 +103,8 @@ void Writer::Headline()
     } else if (m_explanation.IsStored()) {
         answer = "backed up without its contents";
         tone = Tone::Partly;
-    } else if (outcome.isEntered) {
-        answer = "not backed up itself, but entries in it may be";
+    } else if (m_explanation.IsParentOnly()) {
+        answer = "backed up only if an entry in it is";
         tone = Tone::Partly;
     } else if (m_explanation.kind == EntryKind::Missing) {
         answer = "not backed up: it does not exist";
@@ -112,9 +119,7 @@ void Writer::WriteObstacle()
     case Obstacle::None:
         break;
     case Obstacle::NoStart:
-        Line("No walk of the backup starts there or above." +
-             (m_explanation.startBelow ? " One starts below, at " + Printable(*m_explanation.startBelow) + "."
-                                       : ""));
+        Line("No walk of the backup starts there or above.");
         break;
     case Obstacle::Rules:
         Line("The walk does not get there, since the rules keep it out of " + at + ".");
@@ -156,13 +161,11 @@ void Writer::WriteOutcome()
         Line("It is " + MountPhrase(m_explanation.mount) + ", and entered since the walk starts there.");
     } else if (outcome.isEntered) {
         Line("The walk enters it.");
+    } else if (IsDirectory()) {
+        Line("The walk does not enter it.");
     }
     if (outcome.isSelected && m_explanation.kind == EntryKind::Socket)
         Line("The rules include it, but it is a socket, and sockets are not stored.");
-    const bool isForItsEntries = outcome.isSelected && m_explanation.rules &&
-                                 m_explanation.rules->answer != YSelectionDescriptor::Include;
-    if (isForItsEntries)
-        Line("An include for all names belongs to it. Since it is not a directory, it is stored itself.");
     if (outcome.isLinkTaken)
         Line("It is a symlink, which is not followed.");
 }
@@ -175,6 +178,11 @@ void Writer::WriteRules()
     case Obstacle::Rules:
         return; // the rules that matter are those about the directory above
     case Obstacle::None:
+        if (m_explanation.ownInclude) {
+            WriteOwnInclude();
+            return;
+        }
+        break;
     case Obstacle::NoStart:
         break;
     default:
@@ -185,6 +193,25 @@ void Writer::WriteRules()
     WriteMisses();
 }
 
+// An include whose place is the entry decides, or an exclude that prevents it.
+void Writer::WriteOwnInclude()
+{
+    const YSelectionExplanation& rules = *m_explanation.rules;
+    const auto exclude = std::find_if(rules.rules.begin(), rules.rules.end(),
+                                      [](const auto& rule) { return rule.effect == Effect::Excludes; });
+    const bool isExcluded = !m_explanation.outcome.isSelected && exclude != rules.rules.end();
+    Line(isExcluded
+             ? "An include for all names belongs to it, but an exclude matches it:"
+             : "An include for all names belongs to it. It is not a directory, so it is included itself:");
+    Break();
+    WriteSource(isExcluded ? exclude->rule : *m_explanation.ownInclude);
+    if (!isExcluded)
+        return;
+    Break();
+    Line("Also considered:");
+    WriteListed(*m_explanation.ownInclude, "would include it, but excludes take precedence");
+}
+
 void Writer::WriteDecision(const YSelectionExplanation& rules, const YPath& path)
 {
     const auto decider = std::find_if(rules.rules.begin(), rules.rules.end(),
@@ -193,7 +220,7 @@ void Writer::WriteDecision(const YSelectionExplanation& rules, const YPath& path
     const bool isEmpty = rules.reason == Reason::EntriesMayBeIncluded && HasNoEntries(path);
     switch (isEmpty ? Reason::NothingIncludes : rules.reason) {
     case Reason::Included:
-        Line("An include matches it, and no exclude does:");
+        Line("An include matches it, and no exclude applies:");
         break;
     case Reason::Excluded:
     case Reason::ExcludedSilently:
@@ -246,9 +273,16 @@ void Writer::WriteSource(const YSelectionPathDescriptor& rule)
 
 void Writer::WriteFurther(const YSelectionExplanation& rules, const YPath& path)
 {
+    // A rule may match several names of the path in the same way.
+    const auto isRepeated = [&](const YSelectionExplanation::Rule& rule) {
+        return std::any_of(rules.rules.begin(), rules.rules.end(), [&](const auto& other) {
+            return &other != &rule && (other.decides || &other < &rule) && other.effect == rule.effect &&
+                   IsSameRule(other.rule, rule.rule);
+        });
+    };
     bool isFirst = true;
     for (const YSelectionExplanation::Rule& rule : rules.rules) {
-        if (rule.decides)
+        if (rule.decides || isRepeated(rule))
             continue;
         if (isFirst) {
             Break();
@@ -306,7 +340,9 @@ std::string CauseText(NearMiss::Cause cause, const PathExplanation& explanation)
     case NearMiss::Cause::OnlyEntries:
         break;
     }
-    return "applies to the entries in the directory, not to the directory itself";
+    return explanation.kind == EntryKind::Directory || explanation.kind == EntryKind::Missing
+               ? "applies to the entries in the directory, not to the directory itself"
+               : "applies to the entries of a directory, and the path is not a directory";
 }
 
 // Leaves out the rule that decides, which was shown.
@@ -317,8 +353,7 @@ void Writer::WriteMisses()
         const auto& rules = m_explanation.rules->rules;
         return !HasNoEntries(m_explanation.path) &&
                std::any_of(rules.begin(), rules.end(), [&](const auto& each) {
-                   const YSelectionDescriptor& rule = each.rule;
-                   return each.decides && rule == miss.rule && each.rule.GetPath() == miss.rule.GetPath();
+                   return each.decides && IsSameRule(each.rule, miss.rule);
                });
     };
     bool isFirst = true;
@@ -338,10 +373,14 @@ void Writer::WriteMisses()
 
 void Writer::WriteStart()
 {
-    if (!m_explanation.start)
-        return;
-    Break();
-    Line(Coloured("The walk starts at " + Printable(*m_explanation.start) + ".", Tone::Quiet, m_style));
+    const bool showsBelow = m_explanation.startBelow && !m_explanation.outcome.isEntered;
+    if (m_explanation.start || showsBelow)
+        Break();
+    if (m_explanation.start)
+        Line(Coloured("The walk starts at " + Printable(*m_explanation.start) + ".", Tone::Quiet, m_style));
+    if (showsBelow)
+        Line(Coloured("A walk starts below, at " + Printable(*m_explanation.startBelow) + ".", Tone::Quiet,
+                      m_style));
 }
 
 } // namespace

@@ -10,6 +10,7 @@ namespace Agent {
 
 using Backup::File::YSelectionDescriptor;
 using Backup::File::YSelectionExplanation;
+using Backup::File::YSelectionPathDescriptor;
 using Krt::YString;
 using Krt::File::YPath;
 
@@ -20,6 +21,22 @@ bool IsIncluded(const YSelectionExplanation& explanation)
     return std::any_of(explanation.rules.begin(), explanation.rules.end(), [](const auto& rule) {
         return rule.effect == YSelectionExplanation::Effect::Includes;
     });
+}
+
+// The include for all names whose place is the path.
+std::optional<YSelectionPathDescriptor> FindIncludeForAllNames(const Backup::File::YSelectionManager& rules,
+                                                               const YPath& path)
+{
+    std::optional<YSelectionPathDescriptor> found;
+    rules.VisitPathsAndDescriptors(
+        YSelectionDescriptor::Include, path,
+        [&](const YPath& place, const YSelectionDescriptor& rule) {
+            if (place == path && rule.CoversAllNames())
+                found = YSelectionPathDescriptor(place, rule);
+            return found.has_value() || place != path;
+        },
+        false);
+    return found;
 }
 
 // The reason why a walk that visited an entry did not enter it.
@@ -72,21 +89,26 @@ const char* ObstacleWord(Obstacle obstacle)
 
 YPath ResolveAsFarAsPossible(const std::string& path)
 {
-    try {
-        return ResolveNamedPath(path);
-    } catch (const Krt::Exception::YError&) {
-        std::string shorter = path;
-        while (shorter.size() > 1 && shorter.back() == '/')
-            shorter.pop_back();
-        const std::size_t slash = shorter.rfind('/');
-        const std::string name = slash == std::string::npos ? shorter : shorter.substr(slash + 1);
-        if (name.empty() || name == ".." || (slash == std::string::npos && name == "."))
-            throw;
-        const std::string parent = slash == std::string::npos ? "."
-                                   : slash == 0               ? "/"
-                                                              : shorter.substr(0, slash);
-        const YPath resolved = ResolveAsFarAsPossible(parent);
-        return name == "." ? resolved : resolved.Append(YString(std::string_view(name)));
+    std::vector<YString> missing; // names at the end of the path, the last one first
+    std::string existing = path;
+    for (;;) {
+        try {
+            YPath resolved = ResolveNamedPath(existing);
+            for (auto name = missing.rbegin(); name != missing.rend(); ++name)
+                resolved = resolved.Append(*name);
+            return resolved;
+        } catch (const Krt::Exception::YError&) {
+            while (existing.size() > 1 && existing.back() == '/')
+                existing.pop_back();
+            const std::size_t slash = existing.rfind('/');
+            const bool isOnlyName = slash == std::string::npos;
+            const std::string name = isOnlyName ? existing : existing.substr(slash + 1);
+            if (name.empty() || name == ".." || (isOnlyName && name == "."))
+                throw;
+            if (name != ".")
+                missing.emplace_back(std::string_view(name));
+            existing = isOnlyName ? "." : existing.substr(0, std::max<std::size_t>(slash, 1));
+        }
     }
 }
 
@@ -131,6 +153,10 @@ void Explainer::Describe(PathExplanation& explanation, const WalkRecord& record)
         const bool isRead = explanation.IsStored() && explanation.kind == EntryKind::File;
         if (isRead && access(path.CStr(), R_OK) != 0)
             explanation.outcome.failure = YString("Permission to read the file is denied");
+        const bool isTaken = outcome->isSelected || outcome->isExcluded;
+        if (isTaken && explanation.kind != EntryKind::Directory && explanation.rules &&
+            explanation.rules->answer == YSelectionDescriptor::NotSelectedDoRecurse)
+            explanation.ownInclude = FindIncludeForAllNames(m_job.rules, path);
     } else {
         FindObstacle(explanation, record);
     }

@@ -56,6 +56,9 @@ struct PathExplanation
 
     std::optional<Backup::File::YSelectionExplanation> rules; ///< not for "/", to which no rule applies
     NearMisses misses;                                        ///< only if no include matches the path
+    /// An include for all names whose place is the path. Only if the entry is not a directory, and is
+    /// selected by this include, or would be without an exclude.
+    std::optional<Backup::File::YSelectionPathDescriptor> ownInclude;
 
     Obstacle obstacle = Obstacle::None;
     Krt::File::YPath obstacleAt;                                      ///< for obstacles other than NoStart
@@ -68,6 +71,12 @@ struct PathExplanation
     {
         return outcome.isSelected && !outcome.failure && !outcome.isRepository && kind != EntryKind::Socket;
     }
+    /// Returns true for a directory that is not stored for its own sake, but as the parent directory of
+    /// stored entries, if there are any.
+    bool IsParentOnly() const
+    {
+        return !IsStored() && kind == EntryKind::Directory && (outcome.isEntered || startBelow);
+    }
 };
 
 class Explainer
@@ -78,8 +87,8 @@ public:
         : m_job(job), m_repository(repository)
     {}
 
-    /// Makes one walk, and explains each path. A path need not exist. Raises InvalidArgument for a path that
-    /// has ".." below an entry that does not exist.
+    /// Makes one walk, and explains each path. A path need not exist. Raises what ResolveAsFarAsPossible
+    /// raises.
     std::vector<PathExplanation> Explain(const std::vector<std::string>& paths) const;
 
 private:
@@ -90,7 +99,8 @@ private:
     const std::optional<struct stat> m_repository;
 };
 
-/// Resolves symlinks and ".." as far as the path exists, but keeps a symlink at its end.
+/// Resolves symlinks and ".." as far as the path exists, but keeps a symlink at its end. Raises the operating
+/// system's error for a path with ".." after the name of an entry that does not exist.
 Krt::File::YPath ResolveAsFarAsPossible(const std::string& path);
 
 } // namespace Agent

@@ -62,7 +62,9 @@ RuleSources::RuleSources(std::string fileName, std::string text)
     reader.BeginObject();
     for (std::string_view key; reader.NextKey(key);) {
         const std::string array(key);
-        ReadArray(array, reader.Skip());
+        const std::string_view value = reader.Skip();
+        if (array == "includes" || array == "excludes")
+            ReadArray(array, value);
     }
 }
 

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <tuple>
 
 using namespace Agent;
 using Testing::Holds;
@@ -103,7 +104,8 @@ TEST_F(Explain, TextNamesRulesWithTheirLines)
               {"it does not exist", "since the rules keep it out of " + source + "/a/x.tmp"}},
              {"",
               4,
-              {"entries in it may be", "applies to the entries in the directory, not to the directory"}},
+              {": backed up only if an entry in it is\n",
+               "applies to the entries in the directory, not to the directory"}},
              {"/../outside", 4, {"No walk of the backup starts there or above."}}}) {
         const std::string output = Call(exitCode, {"--job", job, source + path}).output;
         for (const std::string& part : parts)
@@ -134,7 +136,38 @@ TEST_F(Explain, DocumentAndTreeCountWhatIsLeftOut)
     EXPECT_EQ(obstacle.Find("kind", 0)->AsString(), "rules");
     EXPECT_EQ(obstacle.Find("path", 0)->AsString().Bytes(), source + "/cache");
     EXPECT_EQ(object.Find("backed_up", 0)->AsBool(), false);
-    EXPECT_TRUE(Holds(result.output.substr(end), "\"backed_up\":true,\"entered\":true"));
+    EXPECT_TRUE(
+        Holds(result.output.substr(end), "\"backed_up\":true,\"parent_only\":false,\"entered\":true"));
+}
+
+TEST_F(Explain, EntryAtPlaceOfIncludeNamesThatRule)
+{
+    Testing::MakeTree(source, {Testing::File("x.txt", "1"), Testing::File("x.tmp", "2")});
+    const std::string job = WriteJob("include #/x.txt any; include #/x.tmp any; exclude # glob=*.tmp");
+    const std::string taken = Call(0, {"--job", job, source + "/x.txt"}).output;
+    EXPECT_TRUE(Holds(taken, "so it is included itself:\n\n  " + job));
+    EXPECT_TRUE(Holds(taken, ": include everything directly in " + source + "/x.txt\n"));
+    const std::string left = Call(4, {"--job", job, source + "/x.tmp"}).output;
+    EXPECT_TRUE(Holds(left, "but an exclude matches it:\n\n  " + job));
+    EXPECT_TRUE(Holds(left, ": exclude names like '*.tmp' directly in " + source + "\n"));
+}
+
+TEST_F(Explain, UnusableInputIsRefused)
+{
+    const std::string job = WriteJob("include # recursive any");
+    const std::string damaged = directory.Write("damaged.json", "{\"includes\": [");
+    for (const auto& [exitCode, reason, arguments] : std::vector<std::tuple<int, std::string, List>>{
+             {1, "contains no usable rules: Invalid JSON text", {"--job", damaged, source}},
+             {1, "No such file", {"--job", directory / "none.json", source}},
+             {1, "Can't resolve", {"--job", job, source + "/none/../x"}},
+             {1, "No such file", {"--job", job, "-r", directory / "none", source}},
+             {2, "--tree", {"--job", job, "--depth", "3", source}}})
+        EXPECT_TRUE(Holds(Call(exitCode, arguments).errors, reason));
+
+    const std::string name = directory.Write("source/\xFF", "1");
+    EXPECT_TRUE(Holds(Call(0, {"--job", job, name}).output, source + "/\\x"));
+    const auto document = Krt::JSON::YValue::Parse(Call(0, {"--job", job, "--json", name}).output);
+    EXPECT_EQ(document->AsObject().Find("path", 0)->AsString().Bytes(), name);
 }
 
 TEST_F(Explain, MountIsNamed)
