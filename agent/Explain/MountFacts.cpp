@@ -1,16 +1,38 @@
 #include "agent/Explain/MountFacts.h"
 
+#include "agent/Run/AnswerWithin.h"
+
 #include "Backup/Volume/Unix/Util.h"
 
 #include "Krt/Exception/YError.h"
 #include "Krt/Volume/MountTable.h"
 
 #include <algorithm>
+#include <sys/statvfs.h>
 
 namespace Agent {
 
 using Krt::File::YPath;
 using Krt::Volume::MountEntry;
+
+namespace {
+
+// The time to wait for a file server.
+constexpr std::chrono::seconds Patience{3};
+
+std::optional<MountUsage> UsageOf(const std::string& mountPoint)
+{
+    struct statvfs status = {};
+    if (statvfs(mountPoint.c_str(), &status) != 0 || status.f_blocks < status.f_bfree)
+        return std::nullopt;
+    MountUsage usage;
+    usage.bytes = static_cast<unsigned long long>(status.f_blocks - status.f_bfree) * status.f_frsize;
+    if (status.f_files != 0 && status.f_files >= status.f_ffree)
+        usage.inodes = status.f_files - status.f_ffree;
+    return usage;
+}
+
+} // namespace
 
 const char* DriveClassWord(unsigned int driveClass)
 {
@@ -42,6 +64,15 @@ std::optional<MountFacts> FindMountFacts(const YPath& mountPoint)
     } catch (const Krt::Exception::YError&) {
         return std::nullopt;
     }
+}
+
+std::optional<MountUsage> FindMountUsage(const YPath& mountPoint, const MountFacts& facts)
+{
+    if (facts.type == "autofs") // a query would mount its file system
+        return std::nullopt;
+    const auto answer = AnswerWithin<std::optional<MountUsage>>(
+        Patience, [path = mountPoint.Bytes()] { return UsageOf(path); });
+    return answer.value_or(std::nullopt);
 }
 
 } // namespace Agent

@@ -25,7 +25,8 @@ TreeAmount AmountOf(const struct stat& status)
 class Measure
 {
 public:
-    // Counts the entry and all that is below it. What can't be read makes the count incomplete.
+    // Counts the entry and all that is below it on the file system of its parent directory. What can't be
+    // read makes the count incomplete.
     void Count(const YPath& path)
     {
         struct stat status = {};
@@ -33,6 +34,10 @@ public:
             return;
         amount.Add(AmountOf(status));
         if (!S_ISDIR(status.st_mode))
+            return;
+        struct stat above = {};
+        isComplete = stat(path.GetParent().CStr(), &above) == 0 && above.st_dev == status.st_dev;
+        if (!isComplete)
             return;
         m_device = status.st_dev;
         Try([&] { Enter(YDirectory::Open(path)); });
@@ -131,7 +136,13 @@ private:
     void OnMountNotEntered(const YPath& path) override
     {
         Leave(path);
-        Mark(path, [](WalkOutcome& outcome) { outcome.isMountCut = true; });
+        TreeNode* const node = OwnNodeOf(path);
+        if (node == nullptr)
+            return;
+        node->outcome.isMountCut = true;
+        node->mount = FindMountFacts(path);
+        if (node->mount)
+            node->usage = FindMountUsage(path, *node->mount);
     }
     void OnMountEntered(const YPath& path) override
     {
@@ -141,8 +152,9 @@ private:
     void OnLinkTaken(const YPath&) override {}
     void OnSkipped(const YPath& path) override
     {
-        Leave(path);
+        Begin(path);
         Mark(path, [](WalkOutcome& outcome) { outcome.isRepository = true; });
+        m_pending = path;
     }
     void OnFailed(const YPath& path, const YString& reason) override
     {
@@ -176,9 +188,13 @@ private:
     template <class Change>
     void Mark(const YPath& path, Change mark)
     {
-        TreeNode* const node = NodeOf(path);
-        if (node != nullptr && node->path == path)
+        if (TreeNode* const node = OwnNodeOf(path))
             mark(node->outcome);
+    }
+    TreeNode* OwnNodeOf(const YPath& path)
+    {
+        TreeNode* const node = NodeOf(path);
+        return node != nullptr && node->path == path ? node : nullptr;
     }
     TreeNode* NodeOf(const YPath& path)
     {
@@ -201,7 +217,7 @@ private:
         return node;
     }
 
-    // Counts the last entry that the rules leave out, if the walk has not entered it.
+    // Counts the last entry that is left out, if the walk has not entered it.
     void Settle()
     {
         if (!m_pending)
@@ -229,7 +245,7 @@ private:
 
     TreeNode m_top;
     const std::size_t m_depth;
-    std::optional<YPath> m_pending; // an entry that the rules do not select; the walk may enter it next
+    std::optional<YPath> m_pending; // an entry that is left out, unless the walk enters it next
 };
 
 } // namespace

@@ -34,15 +34,17 @@ struct TreeNode
     EntryKind kind = EntryKind::Missing;
     WalkOutcome outcome;
     TreeAmount stored;     ///< what is backed up: the entry and all that is below it
-    TreeAmount left;       ///< what the rules leave out of these
+    TreeAmount left;       ///< what is left out: by the rules, as a socket, or as the repository
     bool isCounted = true; ///< false if a part that is left out was not counted, such as another file system
+    std::optional<MountFacts> mount; ///< of a mount point that is not entered
+    std::optional<MountUsage> usage; ///< of its file system
     std::vector<TreeNode>
         entries; ///< in the order of the bytes of their names, down to the depth of the tree
 };
 
-/// Walks the directory and all that is below it, as a backup would. Counts what the rules leave out, except
-/// for the contents of mount points. `depth` is the number of levels that get nodes. Raises InvalidState if
-/// the user interrupts.
+/// Walks the directory and all that is below it, as a backup would. Counts what is left out, except for the
+/// contents of mount points. `depth` is the number of levels that get nodes. Raises InvalidState if the user
+/// interrupts.
 TreeNode BuildSelectionTree(const Job& job, const std::optional<struct stat>& repository,
                             const Krt::File::YPath& top, unsigned int depth);
 

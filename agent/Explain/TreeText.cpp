@@ -27,12 +27,24 @@ std::string AmountText(const TreeAmount& amount)
     return amount.bytes == 0 ? entries : entries + ", " + ShortSize(amount.bytes);
 }
 
+std::string LeftAmount(const TreeNode& node)
+{
+    return AmountText(node.left) + (node.isCounted ? "" : " or more");
+}
+
+// What is behind a mount point that is not entered.
+std::string UsageText(const MountUsage& usage)
+{
+    return "; its file system has " + (usage.inodes ? std::to_string(*usage.inodes) + " inodes, " : "") +
+           ShortSize(usage.bytes) + " in use";
+}
+
 // What is left out below a node; "" if nothing is.
 std::string LeftText(const TreeNode& node)
 {
     if (node.left.entries == 0)
         return node.isCounted ? "" : "a part was not counted";
-    return "left out: " + AmountText(node.left) + (node.isCounted ? "" : " or more");
+    return "left out: " + LeftAmount(node);
 }
 
 // Returns the rule that decides about an entry that is left out.
@@ -42,7 +54,11 @@ std::optional<YSelectionPathDescriptor> RuleOf(const TreeNode& node, const Job& 
         return std::nullopt;
     const YSelectionExplanation explanation = job.rules.Explain(node.path);
     for (const YSelectionExplanation::Rule& rule : explanation.rules) {
-        if (rule.decides && rule.effect != YSelectionExplanation::Effect::ReachesBelow)
+        // An exclude may also prevent an include whose place is the entry.
+        const bool isCutAtPlace = node.outcome.isExcluded &&
+                                  explanation.reason == YSelectionExplanation::Reason::EntriesMayBeIncluded &&
+                                  rule.effect == YSelectionExplanation::Effect::Excludes;
+        if (isCutAtPlace || (rule.decides && rule.effect != YSelectionExplanation::Effect::ReachesBelow))
             return rule.rule;
     }
     return std::nullopt;
@@ -90,10 +106,12 @@ private:
         if (outcome.failure)
             return {Tone::Left, "fails: " + Printable(*outcome.failure)};
         if (outcome.isRepository)
-            return {Tone::Left, "left out: it is the repository"};
+            return {Tone::Left, "left out, " + LeftAmount(node) + ": it is the repository"};
         if (outcome.isMountCut)
-            return {Tone::Partly, std::string(outcome.isSelected ? "" : "not backed up, ") +
-                                      "not entered: " + MountPhrase(FindMountFacts(node.path))};
+            return {Tone::Partly,
+                    std::string(outcome.isSelected ? "" : "not backed up, ") +
+                        "not entered: " + MountPhrase(node.mount) +
+                        (node.usage ? UsageText(*node.usage) : "; its contents are not counted")};
         if (outcome.isSelected && node.kind == EntryKind::Socket)
             return {Tone::Left, "left out: sockets are not stored"};
         const std::string left = LeftText(node);
@@ -103,19 +121,22 @@ private:
         if (outcome.isSelected)
             return {left.empty() ? Tone::Stored : Tone::Partly,
                     AmountText(node.stored) + (left.empty() ? "" : "; " + left)};
-        if (outcome.isEntered || !node.entries.empty())
-            return {Tone::Partly,
-                    "not itself; in it " + AmountText(node.stored) + (left.empty() ? "" : "; " + left)};
+        if (outcome.isEntered || !node.entries.empty()) {
+            const bool isEmpty = node.stored.entries == 0;
+            return {
+                isEmpty ? Tone::Left : Tone::Partly,
+                (isEmpty ? "nothing in it is stored" : "only as the parent of " + AmountText(node.stored)) +
+                    (left.empty() ? "" : "; " + left)};
+        }
         return {Tone::Left, CutText(node)};
     }
 
     std::string CutText(const TreeNode& node)
     {
         const auto rule = RuleOf(node, m_job);
-        const std::string amount = node.kind == EntryKind::Directory
-                                       ? AmountText(node.left) + (node.isCounted ? "" : " or more")
-                                   : node.kind == EntryKind::File ? ShortSize(node.left.bytes)
-                                                                  : KindWord(node.kind);
+        const std::string amount = node.kind == EntryKind::Directory ? LeftAmount(node)
+                                   : node.kind == EntryKind::File    ? ShortSize(node.left.bytes)
+                                                                     : KindWord(node.kind);
         if (!rule)
             return "left out, " + amount + ": no include matches";
         return "excluded, " + amount + ": " + RulePhrase(*rule) + " (" + OriginOf(*rule, m_sources) + ")";
@@ -151,6 +172,16 @@ YObject AmountObject(const TreeAmount& amount)
     return object;
 }
 
+YObject TreeMountObject(const TreeNode& node)
+{
+    YObject object = MountObject(*node.mount);
+    if (node.usage && node.usage->inodes)
+        object.Put("inodes", YValue::Create<unsigned long long>(*node.usage->inodes));
+    if (node.usage)
+        object.Put("bytes", YValue::Create<unsigned long long>(node.usage->bytes));
+    return object;
+}
+
 } // namespace
 
 std::string TreeText(const TreeNode& tree, const Job& job, RuleSources& sources, const TextStyle& style)
@@ -171,6 +202,9 @@ YObject TreeObject(const TreeNode& tree, const Job& job, RuleSources& sources)
     object.Set<YObject>("stored", AmountObject(tree.stored));
     object.Set<YObject>("left_out", AmountObject(tree.left));
     object.Put("counted", YValue::Create<bool>(tree.isCounted));
+    object.Put("repository", YValue::Create<bool>(tree.outcome.isRepository));
+    if (tree.mount)
+        object.Set<YObject>("mount", TreeMountObject(tree));
     if (const auto rule = RuleOf(tree, job))
         object.Set<YObject>("rule", RuleObject(*rule, sources));
     if (tree.outcome.failure)

@@ -122,9 +122,9 @@ TEST_F(Explain, DocumentAndTreeCountWhatIsLeftOut)
     const std::string job = WriteJob("include # recursive any; exclude # exact=cache");
     const List arguments = {"--job", job, "-r", inside, "--tree", "--depth", "1", source};
     const std::string tree = Call(4, arguments).output;
-    for (const char* part :
-         {"not itself; in it 4 entries, 8 B; left out: 3 entries, 8 B or more\n", "a/", "  4 entries, 8 B\n",
-          "  excluded, 3 entries, 8 B: exclude the name 'cache' ", "  left out: it is the repository\n"})
+    for (const char* part : {"only as the parent of 4 entries, 8 B; left out: 4 entries, 8 B\n", "a/",
+                             "  4 entries, 8 B\n", "  excluded, 3 entries, 8 B: exclude the name 'cache' ",
+                             "  left out, 1 entry: it is the repository\n"})
         EXPECT_TRUE(Holds(tree, part));
     EXPECT_EQ(std::ranges::count(tree, '\n'), 4) << tree;
 
@@ -182,6 +182,10 @@ TEST_F(Explain, MountIsNamed)
         EXPECT_TRUE(Holds(explain("home/mnt/x"), (space / "home/mnt") + " is " + mount));
         EXPECT_TRUE(Holds(explain("home/mnt"), ": backed up without its contents\n"));
         EXPECT_TRUE(Holds(explain("home/mnt"), "it is " + mount));
+        const std::string tree =
+            Testing::RunProgram({"explain", "--start", space / "home", "--tree", space / "home"}).output;
+        EXPECT_TRUE(Holds(tree, "not entered: " + mount + "; its file system has "));
+        EXPECT_TRUE(Holds(tree, "a part was not counted"));
     });
 }
 
