@@ -3,6 +3,7 @@
 //   SelectionBench inputs DIR mixed|literal N [PATHS]
 //                                                writes N rules as a gitignore file, and the paths
 //   SelectionBench query mixed|literal N [PATHS] prints the nanoseconds of a query
+#include "Backup/File/YSelectionExplanation.h"
 #include "Backup/File/YSelectionManager.h"
 #include "bench/Measure.h"
 #include "bench/SelectionInputs.h"
@@ -169,6 +170,21 @@ void MeasureDirectoryAnswer(std::size_t most)
     Bench::PrintRow("selection.directory", times[1] / times[0], "x");
 }
 
+// An explanation makes the decision again with a trace, which the plain query does not have.
+void MeasureExplanation(const SelectionInputs& inputs)
+{
+    const YSelectionManager tree = TreeOf(Described(inputs.MixedRules(1000)));
+    std::vector<std::string> paths = inputs.GetPaths();
+    paths.resize(AllPaths / 10);
+    const auto explain = [&] {
+        for (const std::string& path : paths)
+            g_answers += tree.Explain(path.c_str()).answer;
+    };
+    const auto times = Bench::SecondsInTurns(Rounds, {Asking(tree, paths), explain});
+    Bench::PrintRow("selection.explain.plain", Nanoseconds(times[0], paths.size()), "ns");
+    Bench::PrintRow("selection.explain", times[1] / times[0], "x");
+}
+
 void MeasureThreads(const SelectionInputs& inputs)
 {
     const YSelectionManager tree = TreeOf(Described(inputs.MixedRules(1000)));
@@ -197,6 +213,7 @@ void MeasureAll(bool quick)
     MeasureOneDirectory(many / 10);
     MeasureBuilding(inputs, many);
     MeasureDirectoryAnswer(many);
+    MeasureExplanation(inputs);
     MeasureThreads(inputs);
 }
 
