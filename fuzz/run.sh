@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# fuzz/run.sh [SECONDS] [TARGET...]: builds the fuzz targets with clang and AddressSanitizer (build/fuzz) and runs
-# each, or the named ones, for SECONDS (60), one on each processor, starting from fuzz/corpus/TARGET and with the words of
+# fuzz/run.sh [SECONDS] [TARGET...]: builds the fuzz targets with the preset asan (build/asan) and runs each, or the named
+# ones, for SECONDS (60), one on each processor, starting from fuzz/corpus/TARGET and with the words of
 # fuzz/dictionaries/TARGET.dict. No input may cause an allocation of 64 MiB. Inputs that reach new code
 # stay in build/fuzz/corpus/TARGET for the next run. Ends non-zero after a finding, whose input is then in
 # build/fuzz/findings/TARGET; once it is fixed, the input belongs in fuzz/corpus/TARGET, where each test run replays it.
@@ -19,8 +19,8 @@ fi
 
 packaging/install-packages.sh build test ci
 mkdir -p build
-cmake --preset fuzz >build/fuzz.log || { cat build/fuzz.log; exit 1; }
-cmake --build build/fuzz --target "${targets[@]/%/Fuzz}" -- -j "$(nproc)" >build/fuzz.log ||
+cmake --preset asan >build/fuzz.log || { cat build/fuzz.log; exit 1; }
+cmake --build build/asan --target "${targets[@]/%/Fuzz}" -- -j "$(nproc)" >build/fuzz.log ||
     { cat build/fuzz.log; exit 1; }
 
 export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1
@@ -30,7 +30,7 @@ run() {
     local kept=build/fuzz/corpus/$target findings=build/fuzz/findings/$target log=build/fuzz/$target.log words=()
     mkdir -p "$kept" "$findings"
     [ ! -f "fuzz/dictionaries/$target.dict" ] || words=("-dict=fuzz/dictionaries/$target.dict")
-    if "build/fuzz/fuzz/${target}Fuzz" -max_total_time="$seconds" -max_len=4096 -timeout=10 -rss_limit_mb=1024 \
+    if "build/asan/fuzz/${target}Fuzz" -max_total_time="$seconds" -max_len=4096 -timeout=10 -rss_limit_mb=1024 \
         -malloc_limit_mb=64 -print_final_stats=1 "${words[@]}" -artifact_prefix="$findings/" \
         "$kept" "fuzz/corpus/$target" >"$log" 2>&1; then
         awk -v target="$target" '/number_of_executed_units/ { runs = $2 } /average_exec_per_sec/ { rate = $2 }
