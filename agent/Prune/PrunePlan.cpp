@@ -13,7 +13,6 @@
 namespace Agent {
 
 using Repo::BlobType;
-using Repo::Id;
 using Repo::IndexedBlob;
 using Repo::IndexedPack;
 

@@ -11,7 +11,6 @@
 namespace Agent {
 
 using Repo::FileKind;
-using Repo::FileName;
 using Repo::Id;
 using Repo::IndexedBlob;
 using Repo::PackedBlob;
