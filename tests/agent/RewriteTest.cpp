@@ -101,6 +101,7 @@ TEST_F(Rewrite, NothingButWhatMatchesIsLost)
     const auto save = [this](const std::string& text) {
         Repo::PackWriter pack(opened.GetKey());
         Repo::Snapshot snapshot;
+        snapshot.time = Repo::Timestamp::Now();
         snapshot.tree = Id::Of(Repo::AsBytes(text));
         pack.Add({Repo::BlobType::Tree, snapshot.tree}, Repo::AsBytes(text));
         Repo::IndexFileWriter index;
