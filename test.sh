@@ -11,7 +11,7 @@ cmake --preset release >build/configure.log 2>&1 || { cat build/configure.log >&
 cmake --build build/release -- -j "$(nproc)"
 echo "== testing"
 failed=0
-ctest --test-dir build/release --output-on-failure -j "$(nproc)" "$@" | tee build/test.log || failed=$?
+ctest --test-dir build/release --output-on-failure -j "$(($(nproc) + 1))" "$@" | tee build/test.log || failed=$?
 awk '
     function skip(reason) { if (!isCounted) { tests[reason]++; sum++; isCounted = 1 } }
     / Testing: / { isCounted = 0 }
