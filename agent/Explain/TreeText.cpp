@@ -32,7 +32,7 @@ std::string LeftAmount(const TreeNode& node)
     return AmountText(node.left) + (node.isCounted ? "" : " or more");
 }
 
-// What is behind a mount point that is not entered.
+// What is below a mount point that is not entered.
 std::string UsageText(const MountUsage& usage)
 {
     return "; its file system has " + (usage.inodes ? std::to_string(*usage.inodes) + " inodes, " : "") +

@@ -36,7 +36,7 @@ struct CalendarSpan
 /// noted.
 enum class Period
 {
-    None, ///< each snapshot stands for itself
+    None, ///< each snapshot counts by itself
     Hour,
     Day,
     Week, ///< of ISO 8601: from Monday on

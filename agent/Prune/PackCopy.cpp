@@ -66,7 +66,7 @@ private:
                 m_onBad(part.front(), error);
                 return;
             }
-            // A blob of the part is behind the end of the pack, or in a bad place of the disk.
+            // A blob of the part is after the end of the pack, or in a bad sector.
             for (std::size_t i = 0; i < part.size(); ++i)
                 ReadPart(part.subspan(i, 1));
             return;
