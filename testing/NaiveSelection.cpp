@@ -6,6 +6,8 @@
 
 #include "Backup/File/YSelectionExplanation.h"
 
+#include "Krt/String/Printable.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -32,9 +34,11 @@ bool IsAtOrAbove(const std::vector<std::string>& upper, const std::vector<std::s
 std::string PruningLine(const YSelectionDescriptor& rule, const YSelectionPathDescriptor& pruned)
 {
     const YSelectionDescriptor& unplaced = pruned;
-    return "YSelectionManagerNode: At node for " + pruned.GetPath().Bytes() +
-           (pruned.IsInclude() ? " include" : " exclude") + " descriptor " + Printed(rule) + " prunes " +
-           Printed(unplaced);
+    std::string line;
+    Krt::String::AppendPrintable(line, "YSelectionManagerNode: At node for " + pruned.GetPath().Bytes() +
+                                           (pruned.IsInclude() ? " include" : " exclude") + " descriptor " +
+                                           Printed(rule) + " prunes " + Printed(unplaced));
+    return line;
 }
 
 } // namespace
@@ -188,6 +192,49 @@ void NaiveSelection::ExpectExplanationOf(const Backup::File::YSelectionManager& 
     }
     EXPECT_EQ(listed, expected);
     EXPECT_EQ(deciding, explanation.reason == Explanation::Reason::NothingIncludes ? 0 : 1);
+    ExpectDecisionBy(explanation, path);
+}
+
+void NaiveSelection::ExpectDecisionBy(const Backup::File::YSelectionExplanation& explanation,
+                                      const std::string& path) const
+{
+    using Effect = Backup::File::YSelectionExplanation::Effect;
+    const auto textOf = [](const YSelectionPathDescriptor& rule) {
+        return Testing::Words(rule.GetPath(), rule);
+    };
+    const auto deciding = std::find_if(explanation.rules.begin(), explanation.rules.end(),
+                                       [](const auto& rule) { return rule.decides; });
+    if (deciding == explanation.rules.end())
+        return;
+    // Rules that would take over. An explicit include may be needed to override excludes, so it is none.
+    std::set<std::string> equals;
+    for (const auto& rule : explanation.rules) {
+        const bool isExplicit = rule.rule.IsInclude() && rule.rule.GetExplicitSelection();
+        if (rule.effect == deciding->effect && !isExplicit)
+            equals.insert(textOf(rule.rule));
+    }
+    const std::string decidingText = textOf(deciding->rule);
+    equals.erase(decidingText);
+    NaiveSelection without, alone;
+    for (const Placed& placed : m_rules) {
+        const std::string text = textOf(placed.rule);
+        if (text != decidingText)
+            without.m_rules.push_back(placed);
+        if (!equals.contains(text))
+            alone.m_rules.push_back(placed);
+    }
+    EXPECT_EQ(alone.Ask(path), explanation.answer) << decidingText << " does not suffice";
+    const Names names = Split(path);
+    bool isReported = false;
+    const bool hasOther =
+        std::any_of(explanation.rules.begin(), explanation.rules.end(), [&](const auto& rule) {
+            return rule.effect == deciding->effect && textOf(rule.rule) != decidingText;
+        });
+    if (deciding->effect == Effect::Includes || deciding->effect == Effect::Excludes) {
+        const bool isDecided = deciding->effect == Effect::Includes ? without.IsIncluded(names)
+                                                                    : without.IsExcluded(names, isReported);
+        EXPECT_EQ(isDecided, hasOther) << decidingText << " is not needed";
+    }
 }
 
 bool NaiveSelection::SpeaksOf(const Placed& placed, const Names& path, std::size_t index)

@@ -37,6 +37,9 @@ private:
     // Compares the explanation of the answer with all rules that speak of the path.
     void ExpectExplanationOf(const Backup::File::YSelectionManager& tree, const std::string& path,
                              SelectionType answer) const;
+    // Compares the deciding rule with the answers of the list without it, and without its equals.
+    void ExpectDecisionBy(const Backup::File::YSelectionExplanation& explanation,
+                          const std::string& path) const;
     // The rules in the order in which a walk through a tree visits them.
     std::vector<Placed> InOrder() const;
     static Names Split(const std::string& path);

@@ -65,8 +65,8 @@ bool YSelectionManager::Add(const YSelectionPathDescriptor& rule)
     Node::Rules::Prepared prepared = Node::Rules::Prepare(rule);
     Node& node = MakeNode(*nearest, std::span(components).subspan(depth));
     try {
-        node.PruneNodeIncludes(rule, true);
-        node.PruneNodeExcludes(rule);
+        node.PruneRules(SelectionType::Include, rule, false);
+        node.PruneRules(SelectionType::Exclude, rule, false);
         node.PruneRedundantChildren(rule);
     } catch (...) {
         node.Insert(std::move(prepared)); // rules that it would cover may have been erased
@@ -137,7 +137,9 @@ void YSelectionManager::Delete(const YPath& path)
     Node* const child = parent->FindChild(components.back());
     if (child == nullptr)
         return;
-    child->RulesChanged(-static_cast<long long>(child->m_branch.includes));
+    for (Node* node = parent; node != nullptr; node = node->m_parent)
+        node->m_branch.includes -= child->m_branch.includes;
+    parent->ForgetBranches(); // the parent may be empty afterwards
     parent->EraseChild(*child);
     // Logs the parent's path, although the message says that the child was erased: the log format is fixed.
     KRT_LOG(MessageType::SelectionBuild, "Erased node: " << parent->GetPath());
@@ -152,8 +154,9 @@ bool YSelectionManager::Delete(const YSelectionPathDescriptor& rule)
         if (stored == rules->end())
             return false;
         if (rule.IsInclude()) { // callers rely on a single exclude staying in place
-            node->m_includes.Erase(*stored);
-            node->RulesChanged(-1);
+            const YSelectionDescriptor* const erased = &*stored;
+            node->m_includes.Erase(*erased);
+            node->RulesErased({&erased, 1}, true);
         }
     }
     node->EraseUpwardsWhileEmpty();

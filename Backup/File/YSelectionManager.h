@@ -284,17 +284,16 @@ private:
     // What this node knows of the rules here and below.
     struct Branch
     {
-        // What recursive rules of this node have done since another rule changed a rule below it.
+        // How a recursive rule of this node finds the rules below that it prunes.
         enum class State
         {
-            NotPruned,  // nothing
-            PrunedOnce, // one rule pruned the branch by a walk, so that no node below is empty
-            Indexed     // later rules prune by the index, and update it
+            NotPruned, // by a walk, which also erases nodes below that are empty
+            Pruned,    // by an index, which is created for it, since no node below is empty
+            Indexed    // by the index, which each change below updates
         };
 
         KRT_HIDDEN Branch() noexcept;
         KRT_HIDDEN ~Branch();
-        KRT_HIDDEN void ChangedBelow() noexcept;
 
         unsigned long long includes = 0; // of this node and all nodes below it
         State state = State::NotPruned;
@@ -313,9 +312,17 @@ private:
     bool SelectsAllExplicitly() const;
     // Does not store a rule that is neither an include nor an exclude.
     void Insert(Rules::Prepared&& rule) noexcept;
-    // To be called after each change of the rules here: updates what this node and all above know of their
-    // branches. The caller has updated the index of `keepsIndex`.
-    void RulesChanged(long long includesAdded, const YSelectionManagerNode* keepsIndex = nullptr) noexcept;
+    // To be called after a rule was inserted here: updates what this node and all above know of their
+    // branches.
+    KRT_HIDDEN void RuleInserted(const YSelectionDescriptor& stored) noexcept;
+    // To be called after rules of this node, of one type, were erased. They may already be destroyed.
+    KRT_HIDDEN void RulesErased(std::span<const YSelectionDescriptor* const> erased,
+                                bool areIncludes) noexcept;
+    // To be called if a node at or below this one may be empty: this node and all above prune by a walk
+    // again.
+    KRT_HIDDEN void ForgetBranches() noexcept;
+    // Erases the rules of one type that `rule` covers, but no explicit ones with `keepExplicit`.
+    KRT_HIDDEN void PruneRules(SelectionType type, const YSelectionDescriptor& rule, bool keepExplicit);
     void LogPruning(const YSelectionDescriptor& rule, const YSelectionDescriptor& stored) const;
     void PruneByWalk(const YSelectionDescriptor& rule);
     void PruneByIndex(const YSelectionDescriptor& rule);

@@ -207,7 +207,14 @@ bool YSelectionManager::NodeExcludes(const NodesOnPath& nodes, std::size_t depth
 {
     const Node& node = *nodes.At(depth);
     const bool isRoot = depth == 0;
-    for (std::size_t i = depth; i < nodes.components.size(); ++i) {
+    // A match of a component that is known to be selected explicitly has no effect other than its record.
+    const bool isRecorded = Trace::RecordsAll || Krt::Log::IsLogged(MessageType::SelectionQuery);
+    const std::size_t end = node.m_excludes.HasRecursive() ? nodes.components.size() : depth + 1;
+    for (std::size_t i = depth; i < end; ++i) {
+        if (!isRecorded && i < nodes.KnownExplicitEnd()) {
+            i = nodes.KnownExplicitEnd() - 1;
+            continue;
+        }
         if (!node.MatchesExclude(nodes.components[i], i == depth, reportable))
             continue;
         const bool ignored = IsSelectedExplicitlyFrom(nodes, i, trace);
@@ -284,17 +291,10 @@ template <class Trace>
 bool YSelectionManager::IsSelectedExplicitlyFrom(const NodesOnPath& nodes, std::size_t index,
                                                  Trace trace) const
 {
-    for (std::size_t i = index; i < nodes.components.size() && nodes.At(i) != nullptr; ++i) {
-        if (nodes.At(i)->MatchesExplicitExactNonRecursiveInclude(nodes.components[i])) {
-            trace.ExplicitName(nodes, i);
-            return true;
-        }
-        if (nodes.At(i + 1) != nullptr && nodes.At(i + 1)->SelectsAllExplicitly()) {
-            trace.ExplicitAll(nodes, i);
-            return true;
-        }
-    }
-    return false;
+    if (index >= nodes.ExplicitEnd())
+        return false;
+    trace.Explicit(nodes, index);
+    return true;
 }
 
 namespace {

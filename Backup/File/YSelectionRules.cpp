@@ -1,5 +1,8 @@
 #include "Backup/File/YSelectionRules.h"
 
+#include "Backup/File/GlobIndex.h"
+#include "Backup/File/NameIndex.h"
+
 #include <algorithm>
 #include <new>
 #include <string_view>
@@ -23,84 +26,85 @@ bool IsExact(const YSelectionDescriptor& rule)
 
 struct KRT_HIDDEN YSelectionRules::Index
 {
-    // The position of a rule in each list that contains it.
-    struct Positions
-    {
-        const Rule* rule;
-        std::size_t inExact;  // if the rule is exact
-        std::size_t inOthers; // in allNames or others, if one of them contains the rule
-    };
-
     void Add(const Rule& rule);
     void Remove(const Rule& rule);
+    NameIndex& Exact(const std::set<Rule>& rules);
     template <class Visitor>
     bool AnyOfPattern(const YString& pattern, Visitor&& visitor) const
     {
         const auto [first, last] = byPattern.equal_range(pattern.Bytes());
-        return std::any_of(first, last, [&](const auto& entry) { return visitor(*entry.second.rule); });
+        return std::any_of(first, last, [&](const auto& entry) { return visitor(*entry.second); });
     }
-    template <class Visitor>
-    static bool AnyOf(const Pointers& rules, Visitor&& visitor)
+    bool AnyForAllNames(Condition condition) const
     {
-        return std::any_of(rules.begin(), rules.end(), [&](const Rule* rule) { return visitor(*rule); });
+        return std::any_of(allNames.begin(), allNames.end(),
+                           [&](const Rule* rule) { return condition(*rule); });
     }
-
-    using ByPattern = std::unordered_multimap<std::string_view, Positions>;
-    ByPattern::iterator Find(const Rule& rule);
-    void TakeOut(Pointers& rules, std::size_t Positions::*position, const Rule& rule);
-    Pointers* ListOf(const Rule& rule);
 
     // All rules by their pattern, which is the name that an exact rule matches. The views are into the rules.
-    ByPattern byPattern;
-    // In arbitrary order:
-    Pointers allNames; // those that cover all names
-    Pointers others;   // further ones that may match a name that is not their pattern
-    Pointers exact;
+    std::unordered_multimap<std::string_view, const Rule*> byPattern;
+    Pointers allNames; // those that cover all names: a few at most, since each covers its equals
+    GlobIndex globs;   // further ones that may match a name that is not their pattern
+    std::size_t exactCount = 0;
+    std::unique_ptr<NameIndex> exact; // nullptr until a glob is added, or if it has outgrown its use
 };
+
+// Returns the index of all exact rules.
+NameIndex& YSelectionRules::Index::Exact(const std::set<Rule>& rules)
+{
+    if (exact == nullptr) {
+        auto index = std::make_unique<NameIndex>();
+        for (const Rule& rule : rules) {
+            if (IsExact(rule))
+                index->Add(rule);
+        }
+        exact = std::move(index);
+    }
+    return *exact;
+}
+
+namespace {
+
+// Returns true if the rule is in GlobIndex.
+bool MatchesOtherNames(const YSelectionDescriptor& rule)
+{
+    const Krt::Match::Descriptor& names = rule.GetDescriptor();
+    return !rule.CoversAllNames() && (names.GetMatchType() == MatchType::Glob ||
+                                      (names.GetMatchType() == MatchType::Exact && !names.IsCaseSensitive()));
+}
+
+} // namespace
 
 void YSelectionRules::Index::Add(const Rule& rule)
 {
-    Pointers* const list = ListOf(rule);
-    byPattern.emplace(rule.GetDescriptor().GetPattern().Bytes(),
-                      Positions{&rule, exact.size(), list != nullptr ? list->size() : 0});
-    if (list != nullptr)
-        list->push_back(&rule);
-    if (IsExact(rule))
-        exact.push_back(&rule);
-}
-
-YSelectionRules::Index::ByPattern::iterator YSelectionRules::Index::Find(const Rule& rule)
-{
-    const auto [first, last] = byPattern.equal_range(rule.GetDescriptor().GetPattern().Bytes());
-    return std::find_if(first, last, [&](const auto& entry) { return entry.second.rule == &rule; });
-}
-
-// The last rule of the list moves to the position of the removed one.
-void YSelectionRules::Index::TakeOut(Pointers& rules, std::size_t Positions::*position, const Rule& rule)
-{
-    const std::size_t freed = Find(rule)->second.*position;
-    Find(*rules.back())->second.*position = freed;
-    rules[freed] = rules.back();
-    rules.pop_back();
-}
-
-// Returns the list that contains a rule in addition to byPattern and exact, or nullptr.
-YSelectionRules::Pointers* YSelectionRules::Index::ListOf(const Rule& rule)
-{
+    byPattern.emplace(rule.GetDescriptor().GetPattern().Bytes(), &rule);
     if (rule.CoversAllNames())
-        return &allNames;
-    const bool isFoundByName = rule.GetDescriptor().GetMatchType() == MatchType::None ||
-                               (IsExact(rule) && rule.GetDescriptor().IsCaseSensitive());
-    return isFoundByName ? nullptr : &others;
+        allNames.push_back(&rule);
+    else if (MatchesOtherNames(rule))
+        globs.Add(rule);
+    if (!IsExact(rule))
+        return;
+    ++exactCount;
+    if (exact == nullptr)
+        return;
+    exact->Add(rule);
+    if (exact->IsOutgrown())
+        exact.reset();
 }
 
 void YSelectionRules::Index::Remove(const Rule& rule)
 {
-    if (IsExact(rule))
-        TakeOut(exact, &Positions::inExact, rule);
-    if (Pointers* const list = ListOf(rule))
-        TakeOut(*list, &Positions::inOthers, rule);
-    byPattern.erase(Find(rule));
+    if (rule.CoversAllNames())
+        allNames.erase(std::find(allNames.begin(), allNames.end(), &rule));
+    else if (MatchesOtherNames(rule))
+        globs.Remove(rule);
+    if (IsExact(rule)) {
+        --exactCount;
+        if (exact != nullptr)
+            exact->Remove(&rule);
+    }
+    const auto [first, last] = byPattern.equal_range(rule.GetDescriptor().GetPattern().Bytes());
+    byPattern.erase(std::find_if(first, last, [&](const auto& entry) { return entry.second == &rule; }));
 }
 
 YSelectionRules::YSelectionRules() = default;
@@ -171,14 +175,14 @@ bool YSelectionRules::AnyMatching(const YString& name, bool recursiveOnly, Condi
     };
     if (m_index == nullptr)
         return std::any_of(m_rules.begin(), m_rules.end(), holds);
-    return m_index->AnyOfPattern(name, holds) || Index::AnyOf(m_index->allNames, holds) ||
-           Index::AnyOf(m_index->others, holds);
+    return (m_index->exactCount != 0 && m_index->AnyOfPattern(name, holds)) ||
+           m_index->AnyForAllNames(holds) || m_index->globs.Any(name, holds);
 }
 
 bool YSelectionRules::AnyCoveringAllNames(Condition condition) const
 {
     if (m_index != nullptr)
-        return Index::AnyOf(m_index->allNames, condition);
+        return m_index->AnyForAllNames(condition);
     return std::any_of(m_rules.begin(), m_rules.end(),
                        [&](const Rule& rule) { return rule.CoversAllNames() && condition(rule); });
 }
@@ -192,8 +196,8 @@ bool YSelectionRules::AnyCovering(const Rule& candidate, Condition condition) co
         return std::any_of(m_rules.begin(), m_rules.end(), holds);
     // A rule covers its own pattern or all names. A rule that covers a name also matches it.
     const YString& pattern = candidate.GetDescriptor().GetPattern();
-    return m_index->AnyOfPattern(pattern, holds) || Index::AnyOf(m_index->allNames, holds) ||
-           (IsExact(candidate) && Index::AnyOf(m_index->others, holds));
+    return m_index->AnyOfPattern(pattern, holds) || m_index->AnyForAllNames(holds) ||
+           (IsExact(candidate) && m_index->globs.Any(pattern, holds));
 }
 
 // All rules are found before the first is erased, so that a failure changes nothing.
@@ -231,8 +235,10 @@ YSelectionRules::Pointers YSelectionRules::FindCovered(const Rule& rule) const
     m_index->AnyOfPattern(names.GetPattern(), [&](const Rule& stored) {
         return isGlob && IsExact(stored) ? false : consider(stored);
     });
-    if (isGlob)
-        Index::AnyOf(m_index->exact, consider);
+    if (isGlob && m_index->exactCount != 0) {
+        for (const NameIndex::Entry& entry : m_index->Exact(m_rules).FindPruned(rule))
+            covered.push_back(entry.rule);
+    }
     std::sort(covered.begin(), covered.end(), [](const Rule* a, const Rule* b) { return *a < *b; });
     return covered;
 }

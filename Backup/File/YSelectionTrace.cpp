@@ -69,6 +69,17 @@ void YSelectionManager::PathTrace::Exclude(const NodesOnPath& nodes, std::size_t
         m_state->excluding = {depth, component};
 }
 
+// Adds the rules of the first component from this one that is selected explicitly.
+void YSelectionManager::PathTrace::Explicit(const NodesOnPath& nodes, std::size_t component) const
+{
+    for (std::size_t i = component;; ++i) {
+        if (nodes.IsExplicitName(i))
+            return ExplicitName(nodes, i);
+        if (nodes.IsExplicitAll(i))
+            return ExplicitAll(nodes, i);
+    }
+}
+
 void YSelectionManager::PathTrace::ExplicitName(const NodesOnPath& nodes, std::size_t component) const
 {
     const Node& node = *nodes.At(component);

@@ -3,7 +3,7 @@
 #include "Krt/Log/LogSite.h"
 #include "Krt/Log/YStream.h"
 
-#include <numeric>
+#include <new>
 #include <utility>
 
 namespace Backup::File {
@@ -29,7 +29,7 @@ void Node::Clear() noexcept
     m_excludes.Clear();
     DestroyChildren();
     m_branch.includes = 0;
-    m_branch.ChangedBelow();
+    ForgetBranches();
 }
 
 // A deep subtree can't be destroyed by recursion, and there may be no memory for a stack. The nodes that are
@@ -118,32 +118,55 @@ bool Node::operator==(const YSelectionManagerNode& other) const
 
 void Node::Insert(Rules::Prepared&& rule) noexcept
 {
-    const bool isInclude = rule.value().IsInclude();
-    if (!isInclude && !rule.value().IsExclude())
-        RulesChanged(0); // the node may be new and empty
+    const YSelectionDescriptor& inserted = rule.value(); // the allocated rule stays where it is
+    const bool isInclude = inserted.IsInclude();
+    if (!isInclude && !inserted.IsExclude())
+        ForgetBranches(); // the node may be new and empty
     else if ((isInclude ? m_includes : m_excludes).Insert(std::move(rule)))
-        RulesChanged(isInclude);
+        RuleInserted(inserted);
 }
 
-void Node::RulesChanged(long long includesAdded, const YSelectionManagerNode* keepsIndex) noexcept
+void Node::RuleInserted(const YSelectionDescriptor& stored) noexcept
 {
-    m_branch.includes += static_cast<unsigned long long>(includesAdded);
-    for (Node* node = m_parent; node != nullptr; node = node->m_parent) {
-        node->m_branch.includes += static_cast<unsigned long long>(includesAdded);
-        if (node != keepsIndex)
-            node->m_branch.ChangedBelow();
+    for (Node* node = this; node != nullptr; node = node->m_parent) {
+        Branch& branch = node->m_branch;
+        branch.includes += stored.IsInclude() ? 1 : 0;
+        if (branch.index == nullptr || node == this)
+            continue;
+        try {
+            branch.index->Add(stored, *this);
+        } catch (const std::bad_alloc&) {
+            branch.index.reset();
+        }
+        if (branch.index == nullptr || branch.index->IsOutgrown()) {
+            branch.index.reset();
+            branch.state = Branch::State::Pruned;
+        }
+    }
+}
+
+void Node::RulesErased(std::span<const YSelectionDescriptor* const> erased, bool areIncludes) noexcept
+{
+    for (Node* node = this; node != nullptr; node = node->m_parent) {
+        node->m_branch.includes -= areIncludes ? erased.size() : 0;
+        if (node->m_branch.index == nullptr || node == this)
+            continue;
+        for (const YSelectionDescriptor* const rule : erased)
+            node->m_branch.index->Remove(rule);
+    }
+}
+
+void Node::ForgetBranches() noexcept
+{
+    for (Node* node = this; node != nullptr; node = node->m_parent) {
+        node->m_branch.index.reset();
+        node->m_branch.state = Branch::State::NotPruned;
     }
 }
 
 Node::Branch::Branch() noexcept = default;
 
 Node::Branch::~Branch() = default;
-
-void Node::Branch::ChangedBelow() noexcept
-{
-    index.reset();
-    state = State::NotPruned;
-}
 
 void Node::LogPruning(const YSelectionDescriptor& rule, const YSelectionDescriptor& stored) const
 {
@@ -153,77 +176,84 @@ void Node::LogPruning(const YSelectionDescriptor& rule, const YSelectionDescript
 
 void Node::PruneNodeIncludes(const YSelectionDescriptor& rule, bool pruneExplicit)
 {
-    const std::size_t pruned = m_includes.EraseCovered(rule, [&](const YSelectionDescriptor& stored) {
-        if (stored.GetExplicitSelection() && !pruneExplicit)
-            return false;
-        LogPruning(rule, stored);
-        return true;
-    });
-    if (pruned != 0)
-        RulesChanged(-static_cast<long long>(pruned));
+    PruneRules(SelectionType::Include, rule, !pruneExplicit);
+    if (IsEmpty())
+        ForgetBranches();
 }
 
 void Node::PruneNodeExcludes(const YSelectionDescriptor& rule)
 {
-    const std::size_t pruned = m_excludes.EraseCovered(rule, [&](const YSelectionDescriptor& stored) {
+    PruneRules(SelectionType::Exclude, rule, false);
+    if (IsEmpty())
+        ForgetBranches();
+}
+
+void Node::PruneRules(SelectionType type, const YSelectionDescriptor& rule, bool keepExplicit)
+{
+    const bool areIncludes = type == SelectionType::Include;
+    Rules& rules = areIncludes ? m_includes : m_excludes;
+    if (rules.empty())
+        return;
+    std::vector<const YSelectionDescriptor*> erased;
+    rules.EraseCovered(rule, [&](const YSelectionDescriptor& stored) {
+        if (keepExplicit && stored.GetExplicitSelection())
+            return false;
         LogPruning(rule, stored);
+        erased.push_back(&stored);
         return true;
     });
-    if (pruned != 0)
-        RulesChanged(0);
+    RulesErased(erased, areIncludes);
 }
 
 void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
 {
     if (rule.GetRecursionType() == YSelectionDescriptor::NonRecursive || m_children == nullptr)
         return;
-    if (rule.CoversAllNames()) { // an index by patterns doesn't help to find them
+    // An index by patterns doesn't help to find rules of all names. The first rule of others is cheaper to
+    // apply by a walk than by an index, which costs a walk, too.
+    if (rule.CoversAllNames() || m_branch.state == Branch::State::NotPruned) {
         PruneByWalk(rule);
+        if (m_branch.state == Branch::State::NotPruned)
+            m_branch.state = Branch::State::Pruned;
         return;
     }
-    switch (m_branch.state) {
-    case Branch::State::NotPruned:
-        PruneByWalk(rule);
-        m_branch.state = Branch::State::PrunedOnce;
-        break;
-    case Branch::State::PrunedOnce:
-        // The index costs a walk; it is built for the second recursive rule, because a single rule is cheaper
-        // to apply by walking.
+    if (m_branch.state == Branch::State::Pruned) {
         m_branch.index = std::make_unique<BranchIndex>(*this);
         m_branch.state = Branch::State::Indexed;
-        [[fallthrough]];
-    case Branch::State::Indexed:
-        PruneByIndex(rule);
-        break;
     }
+    PruneByIndex(rule);
 }
 
 // Prunes each node when entering it, and erases empty nodes when leaving them.
 void Node::PruneByWalk(const YSelectionDescriptor& rule)
 {
-    for (Walk<Node> walk(*this); walk.Step();) {
-        Node& node = walk.Current();
-        if (&node == this)
-            continue;
-        if (walk.IsEntering()) {
-            node.PruneNodeIncludes(rule, false);
-            node.PruneNodeExcludes(rule);
-        } else if (node.IsEmpty()) {
-            node.m_parent->EraseChild(node);
+    try {
+        for (Walk<Node> walk(*this); walk.Step();) {
+            Node& node = walk.Current();
+            if (&node == this)
+                continue;
+            if (walk.IsEntering()) {
+                node.PruneRules(SelectionType::Include, rule, true);
+                node.PruneRules(SelectionType::Exclude, rule, false);
+            } else if (node.IsEmpty()) {
+                node.m_parent->EraseChild(node);
+            }
         }
+    } catch (...) {
+        ForgetBranches(); // a node may be empty
+        throw;
     }
 }
 
-// Does the work of PruneByWalk for a branch without empty nodes, and keeps the index.
+// Does the work of PruneByWalk for a branch without empty nodes.
 void Node::PruneByIndex(const YSelectionDescriptor& rule)
 {
-    for (BranchIndex::Entry* const entry : m_branch.index->FindPruned(rule)) {
-        Node& node = *entry->node;
-        node.LogPruning(rule, *entry->rule);
-        const YSelectionDescriptor& stored = *std::exchange(entry->rule, nullptr);
-        const bool isInclude = stored.IsInclude();
-        (isInclude ? node.m_includes : node.m_excludes).Erase(stored);
-        node.RulesChanged(isInclude ? -1 : 0, this);
+    for (const BranchIndex::Entry& entry : m_branch.index->FindPruned(rule)) {
+        Node& node = BranchIndex::NodeOf(entry);
+        node.LogPruning(rule, *entry.rule);
+        const bool isInclude = entry.rule->IsInclude();
+        (isInclude ? node.m_includes : node.m_excludes).Erase(*entry.rule);
+        node.RulesErased({&entry.rule, 1}, isInclude);
         node.EraseUpwardsWhileEmpty(this);
     }
 }
@@ -266,7 +296,7 @@ bool Node::MatchesExclude(const YString& name, bool checkNonRecursiveDescriptors
 
 bool Node::MatchesExplicitExactNonRecursiveInclude(const YString& name) const
 {
-    return m_includes.AnyMatching(name, false, [](const YSelectionDescriptor& rule) {
+    return !m_includes.empty() && m_includes.AnyMatching(name, false, [](const YSelectionDescriptor& rule) {
         return rule.GetExplicitSelection() && !rule.IsRecursive() &&
                rule.GetDescriptor().GetMatchType() == MatchType::Exact;
     });
@@ -320,93 +350,54 @@ std::size_t Node::CountChildren() const
     return m_children == nullptr ? 0 : m_children->Count();
 }
 
-namespace {
-
-int CompareBegins(std::string_view a, std::string_view b)
-{
-    return a.compare(b);
-}
-
-int CompareEnds(std::string_view a, std::string_view b)
-{
-    const auto [x, y] = std::mismatch(a.rbegin(), a.rend(), b.rbegin(), b.rend());
-    if (x == a.rend() || y == b.rend())
-        return (x != a.rend()) - (y != b.rend());
-    return static_cast<unsigned char>(*x) < static_cast<unsigned char>(*y) ? -1 : 1;
-}
-
-constexpr char Wildcards[] = "*?";
-
-} // namespace
-
 Node::BranchIndex::BranchIndex(Node& top)
 {
     Walk<Node> walk(top);
     for (walk.Enter(); walk.Enter();) { // the first node is the top itself
         for (const Rules* const rules : {&walk.Current().m_includes, &walk.Current().m_excludes}) {
             for (const YSelectionDescriptor& rule : *rules)
-                m_entries.push_back({rule.GetDescriptor().GetPattern().Bytes(), &rule, &walk.Current()});
+                Add(rule, walk.Current());
         }
     }
-    const auto sort = [this](Order& order, auto compare) {
-        order.resize(m_entries.size());
-        std::iota(order.begin(), order.end(), 0U);
-        std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
-            return compare(m_entries[a].pattern, m_entries[b].pattern) < 0;
-        });
-    };
-    sort(m_byBegin, CompareBegins);
-    sort(m_byEnd, CompareEnds);
 }
 
-std::vector<Node::BranchIndex::Entry*> Node::BranchIndex::FindPruned(const YSelectionDescriptor& rule)
+std::vector<Node::BranchIndex::Entry> Node::BranchIndex::FindPruned(const YSelectionDescriptor& rule)
 {
-    std::vector<Entry*> entries = FindCandidates(rule.GetDescriptor());
-    std::erase_if(entries, [&](const Entry* entry) {
-        const bool isExplicit = entry->rule->IsInclude() && entry->rule->GetExplicitSelection();
-        return isExplicit || !rule.CanPrune(*entry->rule);
+    std::vector<Entry> entries = NameIndex::FindPruned(rule);
+    std::erase_if(entries, [](const Entry& entry) {
+        return entry.rule->IsInclude() && entry.rule->GetExplicitSelection();
     });
-    std::sort(entries.begin(), entries.end());
+    if (Krt::Log::IsLogged(MessageType::SelectionBuild))
+        std::sort(entries.begin(), entries.end(), IsBefore);
     return entries;
 }
 
-// Returns all entries that the names cover, and perhaps others. A pattern is covered by an equal one, or by a
-// Glob that matches it as a name. Such a name begins with the Glob's text before the first wildcard and ends
-// with its text after the last. The longer of the two texts leaves fewer candidates.
-std::vector<Node::BranchIndex::Entry*> Node::BranchIndex::FindCandidates(const Krt::Match::Descriptor& names)
+// Returns true if a walk visits the first entry before the second one.
+bool Node::BranchIndex::IsBefore(const Entry& a, const Entry& b)
 {
-    const std::string_view pattern = names.GetPattern().Bytes();
-    const std::size_t first = pattern.find_first_of(Wildcards);
-    const bool isGlob = names.GetMatchType() == MatchType::Glob;
-    if (isGlob && !names.IsCaseSensitive())
-        return Range(m_byBegin, "", CompareBegins);
-    if (!isGlob || first == std::string_view::npos)
-        return Range(m_byBegin, pattern, CompareBegins);
-    const std::string_view begin = pattern.substr(0, first);
-    const std::string_view end = pattern.substr(pattern.find_last_of(Wildcards) + 1);
-    return begin.size() > end.size() ? Range(m_byBegin, begin, CompareBegins)
-                                     : Range(m_byEnd, end, CompareEnds);
-}
-
-// Returns the entries whose pattern begins or ends with the text, depending on `compare`.
-template <class Compare>
-std::vector<Node::BranchIndex::Entry*> Node::BranchIndex::Range(const Order& order, std::string_view text,
-                                                                Compare compare)
-{
-    const bool atEnd = &order == &m_byEnd;
-    const auto holds = [&](const Entry& entry) {
-        return atEnd ? entry.pattern.ends_with(text) : entry.pattern.starts_with(text);
+    const Node* first = &NodeOf(a);
+    const Node* second = &NodeOf(b);
+    if (first == second)
+        return *a.rule < *b.rule; // includes are before excludes
+    const auto depthOf = [](const Node* node) {
+        std::size_t depth = 0;
+        for (; node->m_parent != nullptr; node = node->m_parent)
+            ++depth;
+        return depth;
     };
-    std::vector<Entry*> found;
-    auto next =
-        std::lower_bound(order.begin(), order.end(), text, [&](std::uint32_t a, std::string_view wanted) {
-            return compare(m_entries[a].pattern, wanted) < 0;
-        });
-    for (; next != order.end() && holds(m_entries[*next]); ++next) {
-        if (m_entries[*next].rule != nullptr)
-            found.push_back(&m_entries[*next]);
+    const std::size_t firstDepth = depthOf(first);
+    const std::size_t secondDepth = depthOf(second);
+    for (std::size_t depth = firstDepth; depth > secondDepth; --depth)
+        first = first->m_parent;
+    for (std::size_t depth = secondDepth; depth > firstDepth; --depth)
+        second = second->m_parent;
+    if (first == second) // one node is above the other
+        return firstDepth < secondDepth;
+    while (first->m_parent != second->m_parent) {
+        first = first->m_parent;
+        second = second->m_parent;
     }
-    return found;
+    return first->m_name < second->m_name;
 }
 
 void Node::Write(Krt::YStream& stream) const

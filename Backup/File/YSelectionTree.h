@@ -4,20 +4,22 @@
 /// The parts of a selection tree that only its own sources use: the children of a node, the walk through a
 /// subtree, and the index of a branch.
 
+#include "Backup/File/NameIndex.h"
 #include "Backup/File/YSelectionManager.h"
 
 #include <boost/unordered/unordered_flat_map.hpp>
 
 #include <algorithm>
-#include <cstdint>
 #include <functional>
-#include <string>
+#include <memory>
 #include <string_view>
+#include <variant>
+#include <vector>
 
 namespace Backup::File {
 
 /// The children of a node, hashed by their names. A large tree is seldom in the caches, so each step of an
-/// ordered search would wait for memory.
+/// ordered search would wait for memory. Most nodes have few children, which need no table.
 class YSelectionManager::YSelectionManagerNode::Children
 {
 public:
@@ -26,42 +28,98 @@ public:
     /// Returns the child of this name, or nullptr.
     Node* Find(const YString& name) const
     {
-        const auto child = m_byName.find(name.Bytes());
-        return child == m_byName.end() ? nullptr : child->second.get();
+        if (const Table* const table = std::get_if<Table>(&m_children)) {
+            const auto child = table->find(name.Bytes());
+            return child == table->end() ? nullptr : child->second.get();
+        }
+        const Few& few = std::get<Few>(m_children);
+        const auto child = FindFew(few, name);
+        return child == few.end() ? nullptr : child->node.get();
     }
     /// Adds a child. Precondition: no other child has its name.
     Node& Add(std::unique_ptr<Node> child)
     {
-        const std::string_view name = child->m_name.Bytes();
-        return *m_byName.emplace(name, std::move(child)).first->second;
+        if (const Few* const few = std::get_if<Few>(&m_children); few != nullptr && few->size() == MostFew)
+            MakeTable();
+        Node& added = *child;
+        if (Table* const table = std::get_if<Table>(&m_children))
+            table->emplace(added.m_name.Bytes(), std::move(child));
+        else
+            std::get<Few>(m_children).push_back({Hash()(added.m_name.Bytes()), std::move(child)});
+        return added;
     }
     /// Destroys a child.
     void Erase(const Node& child)
     {
+        if (Few* const few = std::get_if<Few>(&m_children)) {
+            few->erase(FindFew(*few, child.m_name));
+            return;
+        }
         // The key is in the child, which must outlive the entry.
-        const auto entry = m_byName.find(child.m_name.Bytes());
+        Table& table = std::get<Table>(m_children);
+        const auto entry = table.find(child.m_name.Bytes());
         const std::unique_ptr<Node> erased = std::move(entry->second);
-        m_byName.erase(entry);
+        table.erase(entry);
     }
     /// The number of children.
-    std::size_t Count() const { return m_byName.size(); }
+    std::size_t Count() const
+    {
+        return std::visit([](const auto& children) -> std::size_t { return children.size(); }, m_children);
+    }
     /// Passes ownership of all children to `take`. This object may only be destroyed afterwards.
     template <class Taker>
     void GiveAway(Taker take)
     {
-        for (auto& child : m_byName)
+        if (Few* const few = std::get_if<Few>(&m_children)) {
+            for (Child& child : *few)
+                take(child.node.release());
+            return;
+        }
+        for (auto& child : std::get<Table>(m_children))
             take(child.second.release());
     }
     /// Calls `visit` with the name and the pointer of each child, in any order.
     template <class Visitor>
     void ForEach(Visitor visit) const
     {
-        for (const auto& [name, child] : m_byName)
+        if (const Few* const few = std::get_if<Few>(&m_children)) {
+            for (const Child& child : *few)
+                visit(child.node != nullptr ? NameOf(child) : std::string_view(), child.node.get());
+            return;
+        }
+        for (const auto& [name, child] : std::get<Table>(m_children))
             visit(name, child.get());
     }
 
 private:
-    boost::unordered_flat_map<std::string_view, std::unique_ptr<Node>, std::hash<std::string_view>> m_byName;
+    using Hash = std::hash<std::string_view>;
+    using Table = boost::unordered_flat_map<std::string_view, std::unique_ptr<Node>, Hash>;
+    struct Child
+    {
+        std::size_t hash;
+        std::unique_ptr<Node> node;
+    };
+    using Few = std::vector<Child>;
+    static constexpr std::size_t MostFew = 8;
+
+    static std::string_view NameOf(const Child& child) { return child.node->m_name.Bytes(); }
+    static Few::const_iterator FindFew(const Few& few, const YString& name)
+    {
+        const std::size_t hash = Hash()(name.Bytes());
+        return std::find_if(few.begin(), few.end(), [&](const Child& child) {
+            return child.hash == hash && NameOf(child) == name.Bytes();
+        });
+    }
+    void MakeTable()
+    {
+        Table table;
+        table.reserve(MostFew + 1);
+        for (Child& child : std::get<Few>(m_children))
+            table.emplace(NameOf(child), std::move(child.node));
+        m_children = std::move(table);
+    }
+
+    std::variant<Few, Table> m_children; // a Table from the first child after MostFew on
 };
 
 /// Enters and leaves each node of a subtree: children after their parent is entered and before it is left,
@@ -145,36 +203,23 @@ private:
 
 /// The rules below one node by their patterns. With it a recursive rule that is added at the node finds the
 /// rules that it covers without a walk through the whole branch.
-class KRT_HIDDEN YSelectionManager::YSelectionManagerNode::BranchIndex
+class KRT_HIDDEN YSelectionManager::YSelectionManagerNode::BranchIndex : public NameIndex
 {
 public:
     using Node = YSelectionManagerNode;
 
-    /// A rule below the node.
-    struct Entry
-    {
-        std::string pattern;
-        const YSelectionDescriptor* rule; // nullptr after it was removed from the tree
-        Node* node;
-    };
-
     /// Indexes the rules below `top`.
     explicit BranchIndex(Node& top);
-    /// Returns the entries that `rule` prunes, in the order of a walk. Precondition: the rule does not
-    /// cover all names. The caller sets the rule of an entry to nullptr when it removes that rule from the
-    /// tree.
-    std::vector<Entry*> FindPruned(const YSelectionDescriptor& rule);
+    /// Adds a rule of a node below.
+    void Add(const YSelectionDescriptor& rule, Node& node) { NameIndex::Add(rule, &node); }
+    /// Returns the entries that `rule` prunes; in the order of a walk, if they are to be logged.
+    /// Precondition: the rule does not cover all names.
+    std::vector<Entry> FindPruned(const YSelectionDescriptor& rule);
+    /// The node of an entry.
+    static Node& NodeOf(const Entry& entry) { return *static_cast<Node*>(entry.owned); }
 
 private:
-    using Order = std::vector<std::uint32_t>; // indexes in m_entries
-
-    template <class Compare>
-    std::vector<Entry*> Range(const Order& order, std::string_view text, Compare compare);
-    std::vector<Entry*> FindCandidates(const Krt::Match::Descriptor& names);
-
-    std::vector<Entry> m_entries; // in the order of a walk
-    Order m_byBegin;              // by the bytes of the pattern
-    Order m_byEnd;                // by these bytes read backwards
+    static bool IsBefore(const Entry& a, const Entry& b);
 };
 
 } // namespace Backup::File

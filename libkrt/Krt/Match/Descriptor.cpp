@@ -4,7 +4,10 @@
 #include "Krt/JSON/YValue.h"
 #include "Krt/String/Ascii.h"
 
+#include <boost/container/small_vector.hpp>
+
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 
 namespace Krt::Match {
@@ -46,7 +49,7 @@ std::string_view TakeCharacter(std::string_view& text)
 }
 
 // Removes the first character from both if the pattern's character matches the name's.
-bool TakeMatch(std::string_view& name, std::string_view& pattern, bool caseSensitive)
+bool TakeMatch(std::string_view& name, std::string_view& pattern)
 {
     const auto isOneByte = [](std::string_view text) {
         return static_cast<signed char>(text[0]) >= 0;
@@ -61,57 +64,98 @@ bool TakeMatch(std::string_view& name, std::string_view& pattern, bool caseSensi
         wanted = TakeCharacter(pattern);
         found = TakeCharacter(name);
     }
-    return wanted == "?" || String::Equals(wanted, found, caseSensitive);
+    return wanted == "?" || wanted == found;
 }
 
-// Returns true if the pattern begins with a byte that matches only itself, and at which a character begins in
-// any name.
-bool BeginsWithLiteral(std::string_view pattern, bool caseSensitive)
+bool Continues(char byte)
 {
-    const char first = pattern.front();
-    return caseSensitive && first != '*' && first != '?' &&
-           (static_cast<unsigned char>(first) & 0xC0) != 0x80;
+    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
 
-bool HasWildcard(std::string_view pattern)
+// Returns the text before the first wildcard.
+std::string_view LiteralOf(std::string_view pattern)
 {
-    return std::any_of(pattern.begin(), pattern.end(), [](char c) { return c == '*' || c == '?'; });
+    const auto* const end =
+        std::find_if(pattern.begin(), pattern.end(), [](char c) { return c == '*' || c == '?'; });
+    return pattern.substr(0, static_cast<std::size_t>(end - pattern.begin()));
 }
 
-// Only the last star can have matched too little, so backtracking to that one is enough. The time is at most
-// proportional to the product of the two lengths.
-bool MatchesGlob(std::string_view name, std::string_view pattern, bool caseSensitive)
+// Returns true if the characters of a name that equal those of the literal are found by their bytes: a
+// character begins at the first byte in any name, and another one after the last byte.
+bool IsFoundByBytes(std::string_view literal)
+{
+    if (literal.empty() || Continues(literal.front()))
+        return false;
+    std::size_t last = literal.size() - 1;
+    while (Continues(literal[last]))
+        --last;
+    return String::GetChrSize(literal.data() + last) <= literal.size() - last;
+}
+
+std::size_t FindBytes(std::string_view text, std::string_view bytes)
+{
+    // memmem prepares tables, which a short text doesn't repay.
+    constexpr std::size_t Short = 64;
+    if (text.size() < Short)
+        return text.find(bytes);
+    const void* const found = memmem(text.data(), text.size(), bytes.data(), bytes.size());
+    return found == nullptr ? text.npos
+                            : static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
+}
+
+// Only the last star can have matched too little, so backtracking to that one is enough. The text between two
+// stars is searched for as bytes, if it can be, in linear time. Otherwise the time is at most proportional to
+// the product of the two lengths.
+bool MatchesGlob(std::string_view name, std::string_view pattern)
 {
     bool starred = false;
     std::string_view retryName;
-    std::string_view retryPattern;
+    std::string_view retryPattern; // after the last star
+    std::string_view retryLiteral; // its beginning, if that is searched for as bytes
     const auto retry = [&] {
-        if (BeginsWithLiteral(retryPattern, caseSensitive))
-            retryName.remove_prefix(std::min(retryName.find(retryPattern.front()), retryName.size()));
-        name = retryName;
-        pattern = retryPattern;
+        const std::size_t found = retryLiteral.empty() ? 0 : FindBytes(retryName, retryLiteral);
+        if (found == retryName.npos)
+            return false;
+        retryName.remove_prefix(found);
+        name = retryName.substr(retryLiteral.size());
+        pattern = retryPattern.substr(retryLiteral.size());
+        return true;
     };
     while (!name.empty() || !pattern.empty()) {
         if (pattern.starts_with('*')) {
             pattern.remove_prefix(1);
             if (pattern.empty())
                 return true;
-            if (BeginsWithLiteral(pattern, caseSensitive) && !HasWildcard(pattern))
-                return name.ends_with(pattern);
+            const std::string_view literal = LiteralOf(pattern);
+            if (literal.size() == pattern.size() && !Continues(literal.front()))
+                return name.ends_with(literal);
             starred = true;
             retryName = name;
             retryPattern = pattern;
-            retry();
+            retryLiteral = IsFoundByBytes(literal) ? literal : std::string_view();
+            if (!retry())
+                return false;
             continue;
         }
-        if (!pattern.empty() && !name.empty() && TakeMatch(name, pattern, caseSensitive))
+        if (!pattern.empty() && !name.empty() && TakeMatch(name, pattern))
             continue;
         if (!starred || retryName.empty())
             return false;
         TakeCharacter(retryName);
-        retry();
+        if (!retry())
+            return false;
     }
     return true;
+}
+
+// The letter case of ASCII has no effect on where characters begin.
+bool MatchesGlobInAnyCase(std::string_view name, std::string_view pattern)
+{
+    boost::container::small_vector<char, 512> lower(name.size() + pattern.size(),
+                                                    boost::container::default_init);
+    auto* const middle = std::transform(name.begin(), name.end(), lower.data(), String::ToLower);
+    std::transform(pattern.begin(), pattern.end(), middle, String::ToLower);
+    return MatchesGlob({lower.data(), name.size()}, {middle, pattern.size()});
 }
 
 } // namespace
@@ -151,7 +195,9 @@ bool Check(const YString& name, const Descriptor& descriptor)
     case MatchType::Exact:
         return String::Equals(name.Bytes(), descriptor.GetPattern().Bytes(), descriptor.IsCaseSensitive());
     case MatchType::Glob:
-        return MatchesGlob(name.Bytes(), descriptor.GetPattern().Bytes(), descriptor.IsCaseSensitive());
+        return descriptor.IsCaseSensitive()
+                   ? MatchesGlob(name.Bytes(), descriptor.GetPattern().Bytes())
+                   : MatchesGlobInAnyCase(name.Bytes(), descriptor.GetPattern().Bytes());
     case MatchType::None:
         break;
     }

@@ -149,7 +149,20 @@ TEST(YSelectionManagerQuery, RandomRulesAgreeWithModel)
 
 TEST(YSelectionManagerQuery, ManyRulesAtOnePathAgreeWithModel)
 {
-    Testing::World world{60, 250, {"/", "/a", "/a", "/a/n1"}, {"glob=n1*", "glob=*5", "exact=N7 nocase"}, {}};
+    Testing::World world{60,
+                         250,
+                         {"/", "/a", "/a", "/a/n1"},
+                         {"glob=n1*", "glob=*5", "glob=*2?*", "glob=*N3* nocase", "exact=N7 nocase",
+                          "glob=?*?", "glob=a-longer-NAME* nocase", "glob=*longer?name*", "glob=*ger-name5",
+                          "glob=?-LONG* nocase", "glob=*\xFF*", "glob=n\xFF?", "glob="},
+                         {}};
+    const List names = {"a-longer-name5", "A-longer\xC3\xA9name", "n\xFFx", "n\xC3\xA9",
+                        std::string(300, 'n') + "ger-name5"};
+    for (const std::string& name : names) {
+        world.patterns.push_back("exact=" + name + " nocase");
+        for (const char* place : {"/", "/a/", "/a/n1/"})
+            world.paths.push_back(place + name);
+    }
     for (int i = 0; i < 40; ++i) {
         const std::string name = "n" + std::to_string(i);
         world.patterns.insert(world.patterns.end(), 4, "exact=" + name);
