@@ -1,11 +1,15 @@
 // LogBench [--quick]: the costs of logging and failing, in nanoseconds: a site whose channel is disabled, as
-// it is executed for every file, compared with the empty loop; a site whose lines are written; and an error
-// that is raised and caught.
+// it is executed for every file, compared with the empty loop; a site whose lines are written, to /dev/null
+// and, by one thread and by four, to a file; and an error that is raised and caught.
 #include "Krt/Exception/Raise.h"
 #include "Krt/Log/LogSite.h"
 #include "bench/Measure.h"
 
+#include <filesystem>
 #include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 
 using Krt::MessageType;
 
@@ -38,6 +42,19 @@ void RaiseAndCatch()
     }
 }
 
+// Seconds that the threads take for `count` lines in all.
+template <class Log>
+double SecondsOfLines(unsigned int threads, long count, Log log)
+{
+    return Bench::Seconds(Rounds, [&] {
+        std::vector<std::thread> running;
+        for (unsigned int i = 0; i < threads; ++i)
+            running.emplace_back(Repeat(count / threads, log));
+        for (std::thread& thread : running)
+            thread.join();
+    });
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -57,6 +74,15 @@ int main(int argc, char** argv)
     Krt::Log::GetGlobalRegistrar()->SetEnabledMessages({"SelectionQuery"});
     const auto scale = 1e9 / static_cast<double>(count);
     Bench::PrintRow("log.enabled", Bench::Seconds(Rounds, Repeat(count, log)) * scale, "ns");
+    const std::string file =
+        std::filesystem::temp_directory_path() / ("log-bench-" + std::to_string(getpid()));
+    Krt::Log::GetGlobalLogger()->Open(Krt::Log::YLog::Param(file.c_str()));
+    const double lines = static_cast<double>(count) / 10;
+    for (const unsigned int threads : {1, 4})
+        Bench::PrintRow(threads == 1 ? "log.line" : "log.line.four_threads",
+                        SecondsOfLines(threads, count / 10, log) * 1e9 / lines, "ns");
+    Krt::Log::GetGlobalLogger()->Close();
+    std::filesystem::remove(file);
     Bench::PrintRow("error.raised", Bench::Seconds(Rounds, Repeat(count / 10, RaiseAndCatch)) * scale * 10,
                     "ns");
     return 0;

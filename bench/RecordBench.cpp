@@ -9,6 +9,10 @@
 
 #include <string_view>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 namespace {
 
 using Backup::YJobPath;
@@ -80,6 +84,43 @@ void MeasureDocument(std::size_t count)
     Bench::PrintRow("document.text", static_cast<double>(text.size()) / 1e6 / seconds[1], "MB/s");
 }
 
+#ifdef __GLIBC__
+std::size_t AllocatedBytes()
+{
+    const struct mallinfo2 memory = mallinfo2();
+    return memory.uordblks + memory.hblkhd;
+}
+#endif
+
+// Many small objects, for each of their members.
+void MeasureLargeDocument(std::size_t members)
+{
+    std::string text = "[";
+    for (std::size_t i = 0; i < members / 3; ++i) {
+        const std::string number = std::to_string(1000000 + i);
+        text += R"({"identifier":)" + number + R"(,"name":"entry number )" + number + R"(","is_file":true},)";
+    }
+    text.back() = ']';
+    std::vector<double> parsing, releasing;
+    for (int round = 0; round < Rounds; ++round) {
+#ifdef __GLIBC__
+        const std::size_t before = AllocatedBytes();
+#endif
+        boost::shared_ptr<YValue> document;
+        parsing.push_back(Bench::Seconds(1, [&] { document = YValue::Parse(text); }));
+#ifdef __GLIBC__
+        if (round == 0)
+            Bench::PrintRow("json.memory",
+                            static_cast<double>(AllocatedBytes() - before) / static_cast<double>(members),
+                            "bytes");
+#endif
+        releasing.push_back(Bench::Seconds(1, [&] { document.reset(); }));
+    }
+    const double scale = 1e9 / static_cast<double>(members);
+    Bench::PrintRow("json.parse", Bench::Median(parsing) * scale, "ns");
+    Bench::PrintRow("json.release", Bench::Median(releasing) * scale, "ns");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -88,5 +129,6 @@ int main(int argc, char** argv)
     MeasureLegacyHeaders(quick ? 2000 : 100000);
     MeasureRules(quick ? 2000 : 100000);
     MeasureDocument(quick ? 2000 : 100000);
+    MeasureLargeDocument(quick ? 30000 : 1500000);
     return g_sum == 1;
 }

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 namespace Krt::JSON {
 
@@ -15,6 +17,8 @@ namespace {
 constexpr std::size_t DepthLimit = 64;
 // Room for the members of a metadata record is reserved at once.
 constexpr std::size_t RootMembers = 16;
+// A larger document is kept compact: its containers have no room for more.
+constexpr std::size_t LeastCompact = 65536;
 
 // Turns each of the characters U+EF80 to U+EFFF, which represent bytes that are not text, back into its byte.
 // The text is valid UTF-8, in which they are EE BE 80 to EE BF BF.
@@ -35,6 +39,18 @@ void DecodeBytes(std::string& text)
     }
     out = std::copy(at, end, out);
     text.resize(out - text.data());
+}
+
+// Takes the elements out of a container. In a compact document they get memory of their own, and the
+// container keeps its memory for those of the next one.
+template <class Vector>
+Vector Collected(Vector& elements, bool isCompact)
+{
+    if (!isCompact)
+        return std::exchange(elements, Vector());
+    Vector collected(std::make_move_iterator(elements.begin()), std::make_move_iterator(elements.end()));
+    elements.clear();
+    return collected;
 }
 
 YObject WithoutNull(const YObject& object)
@@ -63,7 +79,8 @@ public:
 
     JsonBuilder(std::string_view document, YValue::DuplicateKeys duplicates)
         : m_document(document), m_duplicates(duplicates),
-          m_mayHoldBytes(document.find('\xEE') != document.npos || document.find('\\') != document.npos)
+          m_mayHoldBytes(document.find('\xEE') != document.npos || document.find('\\') != document.npos),
+          m_isCompact(document.size() >= LeastCompact)
     {}
     const boost::shared_ptr<YValue>& Root() const { return m_root; }
     // Raises for a parser that stopped at `offset`.
@@ -101,6 +118,7 @@ private:
     };
 
     bool Open(bool isArray);
+    Container& Innermost() { return m_open[m_depth - 1]; }
     template <class T, class Content>
     bool Add(Content&& content);
     [[gnu::noinline]] bool RequireNewKey(Container& container, Code& error);
@@ -111,8 +129,11 @@ private:
     std::string_view m_document;
     const YValue::DuplicateKeys m_duplicates;
     const bool m_mayHoldBytes; // the same for all strings of a document
+    const bool m_isCompact;
     boost::shared_ptr<YValue> m_root;
-    boost::container::small_vector<Container, 8> m_open;
+    boost::container::small_vector<Container, 8>
+        m_open; // the first m_depth; others are kept for their memory
+    std::size_t m_depth = 0;
     std::string m_parts; // of a string with escapes
     const char* m_refusal = nullptr;
     const YString* m_refusedKey = nullptr;
@@ -141,9 +162,13 @@ bool JsonBuilder::Refuse(const char* reason, Text number, Code& error)
 
 bool JsonBuilder::Open(bool isArray)
 {
-    Container& container = m_open.emplace_back();
+    if (m_depth == m_open.size())
+        m_open.emplace_back();
+    Container& container = m_open[m_depth++];
     container.isArray = isArray;
-    if (m_open.size() == 1)
+    container.hasNull = false;
+    container.keys = 0;
+    if (m_depth == 1)
         container.object.Reserve(isArray ? 0 : RootMembers);
     return true;
 }
@@ -152,12 +177,12 @@ template <class T, class Content>
 bool JsonBuilder::Add(Content&& content)
 {
     boost::shared_ptr<YValue> value = YValue::Share<T>(std::forward<Content>(content));
-    if (m_open.empty())
+    if (m_depth == 0)
         m_root = std::move(value);
-    else if (m_open.back().isArray)
-        m_open.back().array.push_back(std::move(value));
+    else if (Innermost().isArray)
+        Innermost().array.push_back(std::move(value));
     else
-        *m_open.back().slot = std::move(value);
+        *Innermost().slot = std::move(value);
     return true;
 }
 
@@ -179,16 +204,22 @@ std::string_view JsonBuilder::Whole(Text last)
 
 bool JsonBuilder::on_array_end(std::size_t, Code&)
 {
-    YArray array = std::move(m_open.back().array);
-    m_open.pop_back();
+    YArray array = Collected(Innermost().array, m_isCompact);
+    --m_depth;
     return Add<YArray>(std::move(array));
 }
 
 bool JsonBuilder::on_object_end(std::size_t, Code&)
 {
-    Container& container = m_open.back();
-    YObject object = container.hasNull ? WithoutNull(container.object) : std::move(container.object);
-    m_open.pop_back();
+    Container& container = Innermost();
+    YObject object;
+    if (container.hasNull)
+        object = WithoutNull(std::exchange(container.object, YObject()));
+    else if (container.object.m_index != nullptr)
+        object = std::exchange(container.object, YObject());
+    else
+        object.m_entries = Collected(container.object.m_entries, m_isCompact);
+    --m_depth;
     return Add<YObject>(std::move(object));
 }
 
@@ -196,7 +227,7 @@ bool JsonBuilder::on_key(Text last, std::size_t, Code& error)
 {
     std::string_view key = Whole(last);
     key = key.substr(0, key.find_last_not_of('\0') + 1); // as a YString does
-    Container& container = m_open.back();
+    Container& container = Innermost();
     container.slot = &container.object.Slot(key);
     m_parts.clear();
     return m_duplicates == YValue::DuplicateKeys::TakeLast || RequireNewKey(container, error);
@@ -240,11 +271,11 @@ bool JsonBuilder::on_double(double, Text text, Code& error)
 
 bool JsonBuilder::on_null(Code& error)
 {
-    if (m_open.empty() || m_open.back().isArray)
+    if (m_depth == 0 || Innermost().isArray)
         return Refuse("null that is not a member of an object", Text(), error);
     // The null may replace an earlier member with the same key. WithoutNull removes the key at the end.
-    m_open.back().hasNull = true;
-    m_open.back().slot->reset();
+    Innermost().hasNull = true;
+    Innermost().slot->reset();
     return true;
 }
 

@@ -4,7 +4,7 @@
 /// Definitions of the templates of YValue and YObject, for the sources that instantiate them: YValue.cpp, and
 /// that of a class with conversions of its own.
 
-#include "Krt/JSON/FreeListAllocator.h"
+#include "Krt/JSON/SharedBlock.h"
 #include "Krt/JSON/YValue.h"
 
 #include <type_traits>
@@ -14,8 +14,7 @@ namespace Krt::JSON {
 template <class T, class Source>
 boost::shared_ptr<YValue> YValue::Share(Source&& content)
 {
-    return boost::allocate_shared<YValue>(FreeListAllocator<YValue>(), Passkey(), std::in_place_type<T>,
-                                          std::forward<Source>(content));
+    return SharedBlock<YValue>::Make(Passkey(), std::in_place_type<T>, std::forward<Source>(content));
 }
 
 template <class T>

@@ -1,11 +1,18 @@
 #include "Krt/Log/LogPrefix.h"
 
 #include "Krt/Debug/Debugger.h"
-#include "Krt/Log/YStream.h"
 #include "Krt/Thread/Thread.h"
 #include "Krt/Util/Numbers.h"
 
 #include <boost/core/demangle.hpp>
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
 
 namespace Krt::Util {
 
@@ -57,9 +64,41 @@ namespace Krt::Log::Detail {
 
 namespace {
 
-YString ThreadIdText()
+// The names of the classes that logged, since each takes longer to demangle than a line takes otherwise. An
+// entry is created by the first line of a class, and never changes or ends. Classes with one position share
+// it; only one of them has an entry.
+struct ClassName
 {
-    return Util::NumberToString<unsigned int>(static_cast<unsigned int>(Thread::GetThreadId()), true);
+    std::string mangled; // a copy, since a library may be unloaded and another one loaded in its place
+    YString name;
+};
+constexpr std::size_t ClassNameCount = 256;
+constinit std::array<std::atomic<const ClassName*>, ClassNameCount> g_classNames{};
+
+YString NameOf(const std::type_info& type)
+{
+    std::atomic<const ClassName*>& entry =
+        g_classNames[std::hash<std::string_view>()(type.name()) % ClassNameCount];
+    const ClassName* const known = entry.load(std::memory_order_acquire);
+    if (known != nullptr && known->mangled == type.name())
+        return known->name;
+    auto made =
+        std::make_unique<const ClassName>(ClassName{type.name(), Util::GetClassNameFromTypeInfo(type)});
+    const YString name = made->name;
+    const ClassName* none = nullptr;
+    if (entry.compare_exchange_strong(none, made.get(), std::memory_order_acq_rel))
+        made.release();
+    return name;
+}
+
+YString Prefix(const YString& name)
+{
+    const YString thread =
+        Util::NumberToString<unsigned int>(static_cast<unsigned int>(Thread::GetThreadId()), true);
+    std::string prefix;
+    prefix.reserve(thread.Bytes().size() + 1 + name.Bytes().size() + 2);
+    prefix.append(thread.Bytes()).append(" ").append(name.Bytes()).append(": ");
+    return YString(std::move(prefix));
 }
 
 YString FailedPrefix()
@@ -73,7 +112,7 @@ YString FailedPrefix()
 YString PrefixOfName(const YString& name) noexcept
 {
     try {
-        return ThreadIdText() + YString(" ") + name + YString(": ");
+        return Prefix(name);
     } catch (...) {
         return FailedPrefix();
     }
@@ -82,9 +121,7 @@ YString PrefixOfName(const YString& name) noexcept
 YString PrefixOfClass(const std::type_info& type) noexcept
 {
     try {
-        YStream prefix{YString()};
-        prefix << ThreadIdText() << " " << Util::GetClassNameFromTypeInfo(type) << ": ";
-        return prefix;
+        return Prefix(NameOf(type));
     } catch (...) {
         return FailedPrefix();
     }

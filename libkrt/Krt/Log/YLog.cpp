@@ -31,9 +31,12 @@ public:
         const auto second = floor<seconds>(now);
         if (second != m_second || m_date[0] == '\0')
             Update(second);
-        char fraction[8];
-        std::snprintf(fraction, sizeof fraction, ".%03d", static_cast<int>((now - second).count()));
-        line.append(m_date).append(fraction).append(m_zone);
+        const auto fraction = static_cast<int>((now - second).count());
+        const auto digit = [](int number) {
+            return static_cast<char>('0' + number % 10);
+        };
+        const char text[] = {'.', digit(fraction / 100), digit(fraction / 10), digit(fraction), '\0'};
+        line.append(m_date).append(text).append(m_zone);
     }
 
 private:

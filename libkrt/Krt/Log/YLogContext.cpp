@@ -57,10 +57,10 @@ std::string YLogContext::ExchangeText(std::string text)
 
 void YLogContext::FlushInternal()
 {
-    const std::string text = ExchangeText(std::string());
-    const YString message{std::string_view(text)};
+    const YString message(ExchangeText(std::string()));
     m_log->Write(SetType(MessageType::General), message);
-    m_signal(message);
+    if (m_signal.MayHaveSlots())
+        m_signal(message);
 }
 
 YLogLine::YLogLine(unsigned int type)

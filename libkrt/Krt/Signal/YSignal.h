@@ -9,6 +9,7 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include <atomic>
 #include <list>
 #include <memory>
 #include <set>
@@ -87,6 +88,8 @@ public:
 
     /// Calls the slots. Exceptions of a slot except YSlotExpired are passed on.
     void operator()(Args... args) const;
+    /// Returns false if no slot was connected until now, so that a call would do nothing. Lock-free.
+    bool MayHaveSlots() const { return m_mayHaveSlots.load(std::memory_order_acquire); }
 
     /// Returns a new scope that counts as running until it is released. The caller holds the lock of the
     /// Context.
@@ -136,6 +139,7 @@ private:
 
     void RemoveExpired() const;
 
+    std::atomic<bool> m_mayHaveSlots{false};
     mutable std::list<Connection> m_connections;
     mutable std::set<Thread::YCancellationScope*> m_scopes;
 };
@@ -150,6 +154,7 @@ YSlot YSignal<void(Args...), Combiner, Function>::Connect(Function function,
     RemoveExpired();
     m_connections.push_back({slot, owner ? owner : boost::shared_ptr<void>(slot)});
     slot->SetConnected(true);
+    m_mayHaveSlots.store(true, std::memory_order_release);
     return YSlot(slot);
 }
 
@@ -165,6 +170,8 @@ void YSignal<void(Args...), Combiner, Function>::RemoveExpired() const
 template <class... Args, class Combiner, class Function>
 void YSignal<void(Args...), Combiner, Function>::operator()(Args... args) const
 {
+    if (!MayHaveSlots())
+        return;
     std::list<Call> calls; // declared first, so that what it owns is destroyed after the lock is released
     Thread::YMutex::YLock lock = Context::GetMutex();
     RemoveExpired();

@@ -34,13 +34,35 @@ void RequireCountable(const std::string& bytes)
     (void)NumericCast<unsigned int>(bytes.size() + 1);
 }
 
-// Returns true if each of the eight bytes is a character by itself and not NUL.
-bool AreAscii(const char* text)
+// Two words, which compilers turn into one vector.
+using WordPair [[gnu::vector_size(16)]] = std::uint64_t;
+
+// Returns words without the high bits if each byte at `text` is a character by itself and not NUL.
+template <class Words>
+Words NotAscii(const char* text)
 {
-    constexpr std::uint64_t Ones = 0x0101010101010101;
-    std::uint64_t word;
-    std::memcpy(&word, text, sizeof(word));
-    return ((word | (word - Ones)) & (Ones * 0x80)) == 0;
+    Words words;
+    std::memcpy(&words, text, sizeof(words));
+    return words | (words - 0x0101010101010101);
+}
+
+// Returns the size of a beginning of the text, a multiple of 8, in which each byte is a character by itself
+// and not NUL.
+std::size_t SizeOfAscii(std::string_view text)
+{
+    constexpr std::uint64_t HighBits = 0x8080808080808080;
+    constexpr std::size_t Block = 128;
+    std::size_t size = 0;
+    for (; text.size() - size >= Block; size += Block) {
+        WordPair found{};
+        for (std::size_t i = 0; i < Block; i += sizeof(found))
+            found |= NotAscii<WordPair>(text.data() + size + i);
+        if (((found[0] | found[1]) & HighBits) != 0)
+            break;
+    }
+    while (text.size() - size >= 8 && (NotAscii<std::uint64_t>(text.data() + size) & HighBits) == 0)
+        size += 8;
+    return size;
 }
 
 unsigned int CountCharacters(std::string_view bytes)
@@ -48,9 +70,9 @@ unsigned int CountCharacters(std::string_view bytes)
     unsigned int count = 0;
     std::size_t at = 0;
     while (at < bytes.size() && bytes[at] != '\0') {
-        const bool eight = bytes.size() - at >= 8 && AreAscii(bytes.data() + at);
-        count += eight ? 8 : 1;
-        at += eight ? 8 : ChrSize(bytes[at]);
+        const std::size_t ascii = SizeOfAscii(bytes.substr(at));
+        count += ascii != 0 ? static_cast<unsigned int>(ascii) : 1;
+        at += ascii != 0 ? ascii : ChrSize(bytes[at]);
     }
     return count;
 }
@@ -94,10 +116,56 @@ std::ostream& operator<<(std::ostream& out, const YString& text)
 
 YString& YString::operator=(const YString& other)
 {
-    DropWide();
+    DropDerived();
     m_bytes = other.m_bytes;
     Normalize();
     return *this;
+}
+
+// A text whose characters have different sizes remembers where each Distance-th character begins when one is
+// asked for by its index. The positions never change until the text does, so threads may share them.
+struct YString::Derived
+{
+    using Positions = std::vector<std::uint32_t>;
+    static constexpr unsigned int Distance = 16;
+
+    explicit Derived(unsigned int knownCount) : count(knownCount) {}
+    ~Derived() { delete positions.load(std::memory_order_relaxed); }
+    Derived(const Derived&) = delete;
+    Derived& operator=(const Derived&) = delete;
+
+    std::atomic<unsigned int> count; // or Unknown
+    std::atomic<const Positions*> positions{nullptr};
+    std::unique_ptr<Memory::YHeap<wchar_t>> wide;
+};
+
+unsigned int YString::CountIn(const Derived& derived) noexcept
+{
+    return derived.count.load(std::memory_order_relaxed);
+}
+
+void YString::Destroy(Derived* derived) noexcept
+{
+    delete derived;
+}
+
+// Other threads may call it for the same text; the first one publishes what all use.
+YString::Derived& YString::GetDerived() const
+{
+    std::uintptr_t known = m_derived.load(std::memory_order_acquire);
+    const auto isDerived = [&known] {
+        return known != 0 && (known & 1) == 0;
+    };
+    if (isDerived())
+        return *reinterpret_cast<Derived*>(known);
+    auto made = std::make_unique<Derived>(Unknown);
+    do {
+        if (isDerived())
+            return *reinterpret_cast<Derived*>(known);
+        made->count = known == 0 ? Unknown : static_cast<unsigned int>(known >> 1);
+    } while (!m_derived.compare_exchange_weak(known, reinterpret_cast<std::uintptr_t>(made.get()),
+                                              std::memory_order_acq_rel, std::memory_order_acquire));
+    return *made.release();
 }
 
 unsigned int YString::Length() const
@@ -107,20 +175,46 @@ unsigned int YString::Length() const
         return count;
     RequireCountable(m_bytes);
     count = CountCharacters(m_bytes);
-    m_count.store(count, std::memory_order_relaxed);
+    std::uintptr_t known = 0;
+    if (!m_derived.compare_exchange_strong(known, ForCount(count), std::memory_order_acq_rel,
+                                           std::memory_order_acquire) &&
+        (known & 1) == 0)
+        reinterpret_cast<Derived*>(known)->count.store(count, std::memory_order_relaxed);
     return count;
 }
 
 const wchar_t* YString::AsWide() const
 {
-    if (!m_wide)
-        m_wide = std::make_unique<Memory::YHeap<wchar_t>>(String::Convert<char, wchar_t>(CStr()));
-    return *m_wide;
+    Derived& derived = GetDerived();
+    if (!derived.wide)
+        derived.wide = std::make_unique<Memory::YHeap<wchar_t>>(String::Convert<char, wchar_t>(CStr()));
+    return *derived.wide;
 }
 
 std::size_t YString::Locate(unsigned int index) const
 {
-    return index < m_bytes.size() ? Advance(0, index) : std::string::npos;
+    if (index >= m_bytes.size())
+        return std::string::npos;
+    if (index < Derived::Distance || Length() == m_bytes.size())
+        return Advance(0, index);
+    const std::size_t before = CachedPosition(index - index % Derived::Distance);
+    return before == std::string::npos ? before : Advance(before, index % Derived::Distance);
+}
+
+std::size_t YString::CachedPosition(unsigned int index) const
+{
+    Derived& derived = GetDerived();
+    const Derived::Positions* positions = derived.positions.load(std::memory_order_acquire);
+    if (positions == nullptr) {
+        auto made = std::make_unique<Derived::Positions>();
+        for (std::size_t at = 0; at != std::string::npos; at = Advance(at, Derived::Distance))
+            made->push_back(static_cast<std::uint32_t>(at));
+        if (derived.positions.compare_exchange_strong(positions, made.get(), std::memory_order_acq_rel,
+                                                      std::memory_order_acquire))
+            positions = made.release();
+    }
+    const std::size_t number = index / Derived::Distance;
+    return number < positions->size() ? (*positions)[number] : std::string::npos;
 }
 
 std::size_t YString::Advance(std::size_t offset, unsigned int characters) const
@@ -144,17 +238,29 @@ std::size_t YString::Search(std::string_view needle, std::size_t offset, unsigne
                             bool caseSensitive) const
 {
     RequireCountable(m_bytes);
-    if (caseSensitive && IsSingleByte()) {
-        const std::size_t found = offset < m_bytes.size() ? m_bytes.find(needle, offset) : std::string::npos;
-        index += static_cast<unsigned int>(found - offset);
-        return found;
-    }
     const std::string_view text = m_bytes;
-    while (offset < text.size() && text[offset] != '\0') {
-        if (String::Equals(text.substr(offset, needle.size()), needle, caseSensitive))
-            return offset;
-        offset += ChrSize(text[offset]);
-        ++index;
+    if (!caseSensitive) {
+        while (offset < text.size() && text[offset] != '\0') {
+            if (String::Equals(text.substr(offset, needle.size()), needle, false))
+                return offset;
+            offset += ChrSize(text[offset]);
+            ++index;
+        }
+        return std::string::npos;
+    }
+    while (offset < text.size()) {
+        const std::size_t found = text.find(needle, offset);
+        if (found == std::string::npos)
+            return found;
+        // A match counts if a character begins there, to which the index belongs.
+        while (offset < found && text[offset] != '\0') {
+            const std::size_t ascii =
+                IsSingleByte() ? found - offset : SizeOfAscii(text.substr(offset, found - offset));
+            index += ascii != 0 ? static_cast<unsigned int>(ascii) : 1;
+            offset += ascii != 0 ? ascii : ChrSize(text[offset]);
+        }
+        if (offset <= found)
+            return offset == found && text[found] != '\0' ? found : std::string::npos;
     }
     return std::string::npos;
 }
@@ -282,7 +388,7 @@ bool YString::EndsWith(const YString& suffix, bool caseSensitive) const
 unsigned int YString::Replace(const char* from, const char* to, unsigned int start, unsigned int maxCount,
                               bool caseSensitive)
 {
-    DropWide();
+    DropDerived();
     const std::string_view pattern = from;
     const std::string_view replacement = to;
     std::size_t offset = Locate(start);
@@ -309,7 +415,7 @@ unsigned int YString::Replace(const char* from, const char* to, unsigned int sta
 
 void YString::Truncate(unsigned int count)
 {
-    DropWide();
+    DropDerived();
     const std::size_t end = Locate(count);
     if (end != std::string::npos) {
         m_bytes.resize(end);
@@ -319,28 +425,28 @@ void YString::Truncate(unsigned int count)
 
 void YString::TrimLeft(unsigned int count)
 {
-    DropWide();
+    DropDerived();
     m_bytes.erase(0, Locate(count));
     Normalize();
 }
 
 void YString::TrimWhiteSpacesLeft()
 {
-    DropWide();
+    DropDerived();
     m_bytes.erase(0, m_bytes.find_first_not_of(" \n\r"));
     Normalize();
 }
 
 void YString::TrimWhiteSpacesRight()
 {
-    DropWide();
+    DropDerived();
     m_bytes.erase(m_bytes.find_last_not_of(" \n\r") + 1);
     Normalize();
 }
 
 unsigned int YString::Copy(const char* source, unsigned int maxChars)
 {
-    DropWide();
+    DropDerived();
     const char* end = source;
     unsigned int taken = 0;
     for (; taken < maxChars && *end != '\0'; ++taken)
@@ -352,7 +458,7 @@ unsigned int YString::Copy(const char* source, unsigned int maxChars)
 
 YString& YString::operator+=(const YString& other)
 {
-    DropWide();
+    DropDerived();
     m_bytes += other.m_bytes;
     Normalize();
     return *this;

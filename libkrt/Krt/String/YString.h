@@ -1,12 +1,11 @@
 #pragma once
 
 #include "Krt/Export.h"
-#include "Krt/Memory/YHeap.h"
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <iosfwd>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -27,8 +26,8 @@ KRT_API unsigned int GetChrSize<char>(const char* text);
 /// GetChrSize); nothing is validated. Positions and counts are in characters; NotFound as a count means "to
 /// the end". Operations that count characters raise InvalidArgument for a string of 4 GiB or more. A
 /// case-sensitive comparison compares bytes; another one also ignores the case of ASCII letters. A string
-/// has no lock. Reads fill the cached character count, which is atomic, so many threads may read a string
-/// that no thread changes.
+/// has no lock. Reads cache the character count and the positions of characters atomically, so many threads
+/// may read a string that no thread changes.
 class KRT_API YString
 {
 public:
@@ -53,11 +52,11 @@ public:
         Normalize();
     }
     /// Copies the bytes and the cached count.
-    YString(const YString& other) : m_bytes(other.m_bytes), m_count(other.CachedCount()) {}
+    YString(const YString& other) : m_bytes(other.m_bytes), m_derived(ForCount(other.CachedCount())) {}
     /// Moves the bytes; `other` is empty afterwards.
-    YString(YString&& other) noexcept : m_bytes(std::move(other.m_bytes)), m_count(other.CachedCount())
+    YString(YString&& other) noexcept : m_bytes(std::move(other.m_bytes)), m_derived(other.TakeDerived())
     {
-        other.Clear();
+        other.m_bytes.clear();
     }
     /// Copies the bytes.
     YString& operator=(const YString& other);
@@ -65,14 +64,14 @@ public:
     YString& operator=(YString&& other) noexcept
     {
         if (this != &other) {
-            DropWide();
             m_bytes = std::move(other.m_bytes);
             Normalize();
-            other.Clear();
+            m_derived.store(other.TakeDerived(), std::memory_order_relaxed);
+            other.m_bytes.clear();
         }
         return *this;
     }
-    virtual ~YString() = default;
+    virtual ~YString() { DropDerived(); }
 
     /// The NUL-terminated bytes. Valid until the next change.
     const char* CStr() const noexcept { return m_bytes.c_str(); }
@@ -148,10 +147,27 @@ public:
 
 private:
     static constexpr unsigned int Unknown = 0xFFFFFFFF;
+    // What is derived from the bytes apart from the count of most strings: defined in the source.
+    struct Derived;
 
-    unsigned int CachedCount() const noexcept { return m_count.load(std::memory_order_relaxed); }
+    static std::uintptr_t ForCount(unsigned int count) noexcept
+    {
+        return count == Unknown ? 0 : std::uintptr_t{count} << 1 | 1;
+    }
+    unsigned int CachedCount() const noexcept
+    {
+        const std::uintptr_t derived = m_derived.load(std::memory_order_acquire);
+        if ((derived & 1) != 0)
+            return static_cast<unsigned int>(derived >> 1);
+        return derived == 0 ? Unknown : CountIn(*reinterpret_cast<const Derived*>(derived));
+    }
+    static unsigned int CountIn(const Derived& derived) noexcept;
     // True if it is known that each character is one byte.
     bool IsSingleByte() const noexcept { return CachedCount() == m_bytes.size(); }
+    KRT_HIDDEN Derived& GetDerived() const;
+    // Byte offset of the character with this index, a multiple of the distance of the cached positions, or
+    // npos past the end.
+    KRT_HIDDEN std::size_t CachedPosition(unsigned int index) const;
     // Byte offset of a character, or npos past the end.
     std::size_t Locate(unsigned int index) const;
     // Byte offset of the character `characters` after the one at `offset`, or npos past the end.
@@ -162,24 +178,31 @@ private:
                        bool caseSensitive) const;
     // The bytes between two offsets, up to the first NUL.
     std::string_view Text(std::size_t begin, std::size_t end) const;
-    // Every mutator begins with DropWide and ends with Normalize.
-    void DropWide() noexcept { m_wide.reset(); }
+    // Every mutator begins with DropDerived and ends with Normalize.
+    void DropDerived() noexcept
+    {
+        const std::uintptr_t derived = TakeDerived();
+        if (derived != 0 && (derived & 1) == 0)
+            Destroy(reinterpret_cast<Derived*>(derived));
+    }
+    static void Destroy(Derived* derived) noexcept;
+    std::uintptr_t TakeDerived() noexcept
+    {
+        const std::uintptr_t derived = m_derived.load(std::memory_order_relaxed);
+        m_derived.store(0, std::memory_order_relaxed);
+        return derived;
+    }
     void Normalize() noexcept
     {
         while (!m_bytes.empty() && m_bytes.back() == '\0')
             m_bytes.pop_back();
-        m_count.store(Unknown, std::memory_order_relaxed);
-    }
-    void Clear() noexcept
-    {
-        DropWide();
-        m_bytes.clear();
-        m_count.store(Unknown, std::memory_order_relaxed);
+        DropDerived();
     }
 
     std::string m_bytes;
-    mutable std::atomic<unsigned int> m_count{Unknown};
-    mutable std::unique_ptr<Memory::YHeap<wchar_t>> m_wide; // nullptr in nearly every string
+    // 0 if nothing is known; an odd number if only the count is, which is the half of it; else a Derived,
+    // which this string owns.
+    mutable std::atomic<std::uintptr_t> m_derived{0};
 };
 
 /// Concatenates a byte and a text.

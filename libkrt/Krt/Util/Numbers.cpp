@@ -3,9 +3,14 @@
 #include "Krt/Exception/Raise.h"
 #include "Krt/String/Ascii.h"
 
-#include <iomanip>
+#include <algorithm>
+#include <charconv>
+#include <iterator>
 #include <locale>
 #include <sstream>
+#include <string_view>
+#include <type_traits>
+#include <utility>
 
 namespace Krt::Util {
 
@@ -21,15 +26,18 @@ YString Trimmed(YString text)
 template <class T>
 YString ToText(T value, bool hex)
 {
-    std::ostringstream stream;
-    // The process may have a locale that groups digits.
-    stream.imbue(std::locale::classic());
-    if (hex)
-        stream << "0x" << std::hex << std::setfill('0') << std::setw(8);
-    stream << value;
-    if (stream.fail())
-        KRT_RAISE_AS("NumberToString", MessageType::Runtime, ErrorCode::NumberConversion);
-    return YString(std::move(stream).str());
+    constexpr std::size_t HexDigits = 8; // at least
+    char buffer[24];
+    const auto digits = [&buffer](auto number, int base) {
+        return std::string_view(buffer, std::to_chars(buffer, std::end(buffer), number, base).ptr);
+    };
+    if (!hex)
+        return YString(digits(value, 10));
+    // A negative number has the digits of its two's complement.
+    const std::string_view text = digits(static_cast<std::make_unsigned_t<T>>(value), 16);
+    std::string padded = "0x";
+    padded.append(HexDigits - std::min(HexDigits, text.size()), '0').append(text);
+    return YString(std::move(padded));
 }
 
 template <class T>

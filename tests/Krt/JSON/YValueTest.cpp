@@ -3,6 +3,8 @@
 #include "testing/LogCapture.h"
 #include "testing/Raises.h"
 
+#include <boost/weak_ptr.hpp>
+
 #include <functional>
 #include <thread>
 
@@ -215,6 +217,17 @@ TEST(YValue, DestroyedOnOtherThreadOrAtThreadExit)
     }).join();
     std::thread([&] { YArray(std::move(made)); }).join();
     EXPECT_EQ(YValue::Create<unsigned long long>(7)->AsNumber(), 7u);
+}
+
+TEST(YValue, SharesItselfAndExpires)
+{
+    boost::shared_ptr<YValue> value = YValue::Parse(R"(["a text that is not in the value itself"])");
+    const boost::shared_ptr<YValue> element = value->AsArray()[0]->shared_from_this();
+    const boost::weak_ptr<YValue> weak = value->shared_from_this();
+    value.reset();
+    const auto next = YValue::Create<bool>(true); // not in the memory of the expired value
+    EXPECT_TRUE(weak.expired() && next->AsBool());
+    EXPECT_EQ(element.use_count(), 1);
 }
 
 } // namespace

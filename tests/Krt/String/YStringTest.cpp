@@ -46,3 +46,26 @@ TEST(YString, MovedFromIsEmpty)
     EXPECT_EQ('/' + moved + "y", "/\txy");
     EXPECT_EQ(YString(std::string_view("a\0b\0", 4)).Bytes().size(), 3U) << "NUL bytes at the end go";
 }
+
+TEST(YString, PositionsFollowChanges)
+{
+    const auto expectCharacters = [](const YString& text, unsigned int count) {
+        ASSERT_EQ(text.Length(), count);
+        for (unsigned int i = count; i-- > 0;)
+            EXPECT_EQ(text.At(i), i % 2 == 0 ? 'a' : '\xC3') << i;
+    };
+    std::string bytes;
+    for (int i = 0; i < 100; ++i)
+        bytes += "a\xC3\xA9";
+    YString text{std::string_view(bytes)};
+    expectCharacters(text, 200);
+    expectCharacters(YString(text), 200);
+    text.TrimLeft(2);
+    expectCharacters(text, 198);
+    text.AsWide();
+    expectCharacters(text, 198);
+    text.Truncate(100);
+    expectCharacters(text, 100);
+    EXPECT_EQ(text.Find("\xC3\xA9", 98, true), 99U);
+    EXPECT_EQ(YString("\xC3\xA9xx\xA9xx").Find("\xA9", 0, true), 3U) << "not inside of a character";
+}

@@ -5,8 +5,11 @@
 /// values, all of one size: the blocks that a thread frees are kept for its next document, up to a limit. A
 /// block may be freed by another thread than the one that allocated it.
 
+#include <boost/shared_ptr.hpp>
+
 #include <cstddef>
 #include <new>
+#include <utility>
 
 // AddressSanitizer sees each value's own life only if no block is kept.
 #if defined(__SANITIZE_ADDRESS__)
@@ -94,26 +97,72 @@ private:
 template <std::size_t Size>
 constinit thread_local typename FreeList<Size>::Kept FreeList<Size>::t_kept{};
 
-/// Allocates single objects from the list of their size.
+/// Makes shared objects, each in a block of its FreeList with its counts after it. boost::allocate_shared
+/// takes a larger block, and counts the owners twice more while it makes one.
 template <class T>
-class FreeListAllocator
+class SharedBlock
 {
 public:
-    using value_type = T;
-
-    FreeListAllocator() = default;
-    template <class U>
-    FreeListAllocator(const FreeListAllocator<U>&) noexcept
-    {}
-
-    T* allocate(std::size_t) { return static_cast<T*>(FreeList<sizeof(T)>::Take()); }
-    void deallocate(T* object, std::size_t) noexcept { FreeList<sizeof(T)>::Return(object); }
-
-    template <class U>
-    bool operator==(const FreeListAllocator<U>&) const noexcept
+    /// Returns a new object, constructed from the arguments. Raises what its constructor does.
+    template <class... Arguments>
+    static boost::shared_ptr<T> Make(Arguments&&... arguments)
     {
-        return true;
+        void* const block = Blocks::Take();
+        T* object = nullptr;
+        try {
+            object = new (block) T(std::forward<Arguments>(arguments)...);
+        } catch (...) {
+            Blocks::Return(block);
+            throw;
+        }
+        t_counts = object + 1;
+        return boost::shared_ptr<T>(object, Destroyer(), CountsAllocator<T>());
     }
+
+private:
+    static constexpr std::size_t CountsSize = 4 * sizeof(void*);
+    using Blocks = FreeList<sizeof(T) + CountsSize>;
+
+    // The counts' own memory is the whole block, which outlives the object as long as there are weak
+    // pointers.
+    struct Destroyer
+    {
+        void operator()(T* object) const noexcept { object->~T(); }
+    };
+
+    // The counts store a copy of their allocator. It is empty, so that the block is small; the memory is
+    // passed in t_counts instead.
+    template <class Counts>
+    class CountsAllocator
+    {
+    public:
+        using value_type = Counts;
+
+        CountsAllocator() = default;
+        template <class Other>
+        CountsAllocator(const CountsAllocator<Other>&) noexcept
+        {}
+
+        Counts* allocate(std::size_t) noexcept
+        {
+            static_assert(sizeof(Counts) == CountsSize && alignof(Counts) <= alignof(T));
+            return static_cast<Counts*>(t_counts);
+        }
+        void deallocate(Counts* counts, std::size_t) noexcept
+        {
+            Blocks::Return(reinterpret_cast<char*>(counts) - sizeof(T));
+        }
+        template <class Other>
+        bool operator==(const CountsAllocator<Other>&) const noexcept
+        {
+            return true;
+        }
+    };
+
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local void* t_counts; // of the next pointer
 };
+
+template <class T>
+constinit thread_local void* SharedBlock<T>::t_counts = nullptr;
 
 } // namespace Krt::JSON
