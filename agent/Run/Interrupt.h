@@ -1,4 +1,5 @@
-// SIGINT, SIGTERM and SIGHUP end a run cleanly: they set a flag, which long operations check.
+// SIGINT, SIGTERM and SIGHUP end a run cleanly: they set a flag, which long operations check. SIGUSR1 asks
+// for the progress.
 #pragma once
 
 #include <functional>
@@ -33,6 +34,9 @@ void RaiseIfInterrupted();
 bool IsInterrupted();
 /// Returns the number of the signal that interrupted the program, or 0.
 int InterruptingSignal();
+
+/// Returns true if SIGUSR1 has come since the last call.
+bool TakeProgressRequest();
 
 /// For work that a signal does not interrupt, such as a sync of a slow disk. Calls `work` in a child process
 /// and returns its result, which is 0 or an error number below 256. Raises InvalidState if the user

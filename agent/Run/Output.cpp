@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <poll.h>
 #include <system_error>
 #include <unistd.h>
@@ -49,6 +50,7 @@ Output::~Output()
 Output& Output::operator<<(std::string_view text)
 {
     m_buffer += text;
+    m_last = text.empty() ? m_last : text.back();
     if (m_buffer.size() >= BufferSize)
         Flush();
     return *this;
@@ -63,15 +65,35 @@ void Output::Flush()
 {
     const std::string text = std::move(m_buffer);
     m_buffer.clear();
+    std::string_view rest = text;
+    if (!m_isLost) {
+        try {
+            return Write(rest);
+        } catch (const OutputError& error) {
+            if (!m_onLoss || IsInterrupted())
+                throw;
+            m_isLost = true;
+            m_onLoss(error);
+        }
+    }
+    std::fwrite(rest.data(), 1, rest.size(), stderr);
+}
+
+void Output::Write(std::string_view& text)
+{
     // A pipe that is ready for writing accepts PIPE_BUF bytes at once.
-    for (std::size_t at = 0; at < text.size();) {
+    while (!text.empty()) {
         WaitForRoom();
-        const ssize_t count =
-            write(STDOUT_FILENO, text.data() + at, std::min<std::size_t>(text.size() - at, PIPE_BUF));
+        const ssize_t count = write(STDOUT_FILENO, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
         if (count < 0 && errno != EINTR && errno != EAGAIN)
             throw OutputError(errno);
-        at += count > 0 ? static_cast<std::size_t>(count) : 0;
+        text.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
     }
+}
+
+void Output::ContinueAfterLoss(std::function<void(const OutputError& error)> onLoss)
+{
+    m_onLoss = std::move(onLoss);
 }
 
 } // namespace Agent

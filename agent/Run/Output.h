@@ -3,6 +3,7 @@
 // interrupt by the user ends it.
 #pragma once
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -32,11 +33,22 @@ public:
     /// Appends the text. Raises OutputError, as Flush does; the buffer is then dropped.
     Output& operator<<(std::string_view text);
     Output& operator<<(unsigned long long number);
+    /// From now on, a failed write does not raise, unless the user interrupts: `onLoss` is called once, and
+    /// what was not written goes to standard error, as does all that follows.
+    void ContinueAfterLoss(std::function<void(const OutputError& error)> onLoss);
     /// Writes the buffer.
     void Flush();
+    /// Returns true if the last line has no end yet.
+    bool IsInLine() const { return m_last != '\n'; }
 
 private:
+    // Removes what was written from the text.
+    static void Write(std::string_view& text);
+
     std::string m_buffer;
+    char m_last = '\n';
+    std::function<void(const OutputError& error)> m_onLoss;
+    bool m_isLost = false;
 };
 
 /// Opens those of descriptors 0 to 2 that are closed, so that no file of a repository or a target gets their
@@ -46,6 +58,9 @@ void OpenMissingStreams();
 
 /// Returns true if standard error is a terminal.
 bool IsErrorTerminal();
+
+/// Returns the width of the terminal that is standard error, in columns: 80 if it is unknown.
+unsigned int ErrorWidth();
 
 /// Returns the width of standard output in columns: 80 if the terminal's size is unknown, 0 if it is not a
 /// terminal.

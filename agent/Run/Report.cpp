@@ -6,6 +6,7 @@
 #include "Krt/JSON/YTextWriter.h"
 #include "Krt/Log/LogSite.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <sstream>
 
@@ -14,11 +15,29 @@ namespace Agent {
 using Krt::YString;
 using std::chrono::steady_clock;
 
-Report::Report() : m_showsProgress(IsErrorTerminal()), m_start(steady_clock::now()), m_shown(m_start) {}
+namespace {
+
+double SecondsSince(steady_clock::time_point start)
+{
+    return std::chrono::duration<double>(steady_clock::now() - start).count();
+}
+
+} // namespace
+
+Report::Report()
+    : m_isTerminal(IsErrorTerminal()), m_sharesTerminal(m_isTerminal && OutputWidth() != 0),
+      m_start(steady_clock::now()), m_part(m_start), m_clock(m_isTerminal)
+{}
 
 Report::~Report()
 {
     EraseProgress();
+    try {
+        m_output.Flush(); // what a run that failed has found before
+    } catch (const std::exception&) {
+        // It has already failed for another reason.
+    }
+    m_output.ContinueAfterLoss({});
 }
 
 void Report::EntryFailed(const YString& path, const YString& reason)
@@ -49,7 +68,7 @@ void Report::ReportFailure(const YString& path, const YString& reason)
     }
     json += R"(,"item":)";
     Krt::JSON::YTextWriter(json).String(path.Bytes());
-    JsonNote(json + "}");
+    PrintJsonNote(json + "}");
 }
 
 void Report::Note(const YString& text)
@@ -59,6 +78,12 @@ void Report::Note(const YString& text)
 }
 
 void Report::JsonNote(const std::string& json)
+{
+    KRT_LOG_FREE(Krt::MessageType::General, json.c_str());
+    PrintJsonNote(json);
+}
+
+void Report::PrintJsonNote(const std::string& json)
 {
     EraseProgress();
     std::fputs((PrintableJson(json) + "\n").c_str(), stderr);
@@ -71,7 +96,7 @@ void Report::Error(const YString& text, int exitCode)
         std::string json =
             R"({"message_type":"exit_error","code":)" + std::to_string(exitCode) + R"(,"message":)";
         Krt::JSON::YTextWriter(json).String(text.Bytes());
-        JsonNote(json + "}");
+        PrintJsonNote(json + "}");
         return;
     }
     Line("error: " + Printable(text));
@@ -83,27 +108,40 @@ void Report::NoteLocation(const YString& location)
     m_location = m_hasLocations ? YString() : location;
 }
 
-void Report::ShowProgress(unsigned long long entries, unsigned long long bytes)
+void Report::BeginPart()
 {
-    ShowProgress([&] {
-        const double seconds = std::chrono::duration<double>(steady_clock::now() - m_start).count();
-        const auto rate = static_cast<unsigned long long>(static_cast<double>(bytes) / seconds);
-        return std::to_string(entries) + " entries, " + ShortSize(bytes) + ", " + ShortSize(rate) + "/s";
-    });
+    m_hasParts = true;
+    m_part = steady_clock::now();
 }
 
-void Report::ShowProgress(const std::function<std::string()>& text)
+void Report::PrintProgress(const ProgressFacts& facts)
 {
-    static constexpr std::chrono::milliseconds Interval{200};
-    const steady_clock::time_point now = steady_clock::now();
-    if (now - m_shown < Interval)
+    const double seconds = SecondsSince(m_part);
+    if (m_usesJson)
+        return PrintJsonNote(ProgressJson(facts, seconds));
+    const std::string text = ProgressText(facts, seconds);
+    if (!m_isTerminal)
+        return Line(ProgressLine(text, facts.current, 0));
+    if (m_sharesTerminal && m_output.IsInLine())
         return;
-    m_shown = now;
-    std::fputs(("\r\033[K" + text()).c_str(), stderr);
+    // The last column stays free, since some terminals continue on the next line.
+    std::fputs(("\r\033[K" + ProgressLine(text, facts.current, std::max(ErrorWidth(), 2u) - 1)).c_str(),
+               stderr);
     m_isProgressShown = true;
 }
 
-void Report::Summary(const std::string& done, const std::string& text)
+std::string Report::GetDuration() const
+{
+    return DurationText(static_cast<unsigned long long>(SecondsSince(m_start)));
+}
+
+void Report::Finish()
+{
+    if (m_hasParts && !m_usesJson && !m_isQuiet)
+        Summary("The work is done", "finished in " + GetDuration() + "\n");
+}
+
+void Report::LogSummary(const std::string& text)
 {
     for (std::istringstream lines(text); !lines.eof();) {
         std::string line;
@@ -111,13 +149,26 @@ void Report::Summary(const std::string& done, const std::string& text)
         if (!line.empty())
             KRT_LOG_FREE(Krt::MessageType::General, line.c_str());
     }
+}
+
+void Report::Summary(const std::string& done, const std::string& text)
+{
+    LogSummary(text);
     try {
         Out() << text;
         m_output.Flush();
     } catch (const OutputError& error) {
-        m_isSummaryLost = true;
+        m_isOutputLost = true;
         Note(YString(done + ", but its summary is lost: " + error.what()));
     }
+}
+
+void Report::GoOnWithoutOutput()
+{
+    m_output.ContinueAfterLoss([this](const OutputError& error) {
+        m_isOutputLost = true;
+        Note(YString(std::string(error.what()) + ". The work goes on, and its output follows here"));
+    });
 }
 
 void Report::EraseLine()

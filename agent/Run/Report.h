@@ -1,5 +1,6 @@
 // Report: prints and logs what a command reports to the user.
-// - Failures and notes go to standard error, one per line; so does the progress if it is a terminal.
+// - Failures and notes go to standard error, one per line.
+// - So does the progress. On a terminal it is one line, which is erased before anything else is printed.
 // - The result of the command goes to standard output.
 // - Failures, notes and the summary also go to the log, on the channel General.
 // All text is made printable, so that the name of a file cannot forge a line or control the terminal. To be
@@ -7,11 +8,11 @@
 #pragma once
 
 #include "agent/Run/Output.h"
+#include "agent/Run/Progress.h"
 
 #include "Krt/String/YString.h"
 
 #include <chrono>
-#include <functional>
 #include <string>
 
 namespace Agent {
@@ -36,7 +37,7 @@ public:
     bool AnswersNo() const { return m_answersNo; }
     /// Reports something that the user should know and that is not a failure.
     void Note(const Krt::YString& text);
-    /// Prints a JSON document on standard error, as a line.
+    /// Prints a JSON document on standard error, as a line, and logs it.
     void JsonNote(const std::string& json);
     /// Reports the error that ended the run. With UseJson, prints a JSON document that also has the exit
     /// code.
@@ -48,22 +49,41 @@ public:
     /// The directory of the repository; empty if it is not known.
     const Krt::YString& GetLocation() const { return m_location; }
     /// The command prints JSON.
-    void UseJson() { m_usesJson = true; }
+    void UseJson()
+    {
+        m_usesJson = true;
+        m_clock.LeaveTerminal();
+    }
+    /// The command prints only what was asked for, which the progress is with SIGUSR1 and
+    /// KBAGENT_PROGRESS_FPS.
+    void BeQuiet()
+    {
+        m_isQuiet = true;
+        m_clock.BeQuiet();
+    }
 
-    /// Prints from time to time how far the work has come. Cheap enough to be called for each entry and each
-    /// block.
-    void Progress(unsigned long long entries, unsigned long long bytes)
+    /// The log is copied to standard error, so the progress consists of lines, also on a terminal.
+    void PrintProgressAsLines()
     {
-        if (m_showsProgress)
-            ShowProgress(entries, bytes);
+        m_isTerminal = false;
+        m_clock.LeaveTerminal();
     }
-    /// Prints a line of printable text in place of the progress, from time to time as Progress does. `text`
-    /// is called only if it is printed.
-    void ProgressText(const std::function<std::string()>& text)
+
+    /// A part of long work begins, to which progress refers from now on.
+    void BeginPart();
+    /// Prints how far the work has come when that is due; see ProgressClock. Cheap enough to be called for
+    /// each entry and each block. `facts` returns ProgressFacts, and is called only if they are printed.
+    template <class Facts>
+    void Progress(const Facts& facts)
     {
-        if (m_showsProgress)
-            ShowProgress(text);
+        if (m_clock.IsDue())
+            PrintProgress(facts());
     }
+    /// Returns true if a command that prints documents of its own for the progress has to print one. `usual`
+    /// is the usual time between two.
+    bool IsStatusDue(std::chrono::milliseconds usual) { return m_clock.IsDue(usual); }
+    /// Returns true if the user watches the progress, so that totals are worth counting.
+    bool IsProgressWatched() const { return (m_isTerminal && !m_isQuiet) || m_clock.IsRequested(); }
     /// Returns standard output. Erases the progress first, so that the output begins on its own line.
     Output& Out()
     {
@@ -73,13 +93,31 @@ public:
     /// Prints the outcome of finished work, as lines of printable text. If it cannot be written, the work is
     /// still done: `done`, which names it, is reported with the reason, and the run counts as incomplete.
     void Summary(const std::string& done, const std::string& text);
-    /// Returns true if an entry or a part of the repository failed, or the summary was lost.
-    bool IsIncomplete() const { return m_failed != 0 || m_repositoryFailures != 0 || m_isSummaryLost; }
+    /// Prints and logs lines of printable text that say what was done.
+    void PrintAndLog(const std::string& text)
+    {
+        LogSummary(text);
+        Out() << text;
+        m_output.Flush();
+    }
+    /// Logs the lines of a summary that is not printed.
+    void LogSummary(const std::string& text);
+    /// Prints how long the run took, if the command has not said so in a summary: after work of several
+    /// parts.
+    void Finish();
+    /// How long the run took, as in "1:02".
+    std::string GetDuration() const;
+    /// The command changes the repository in several steps. From now on, standard output that can't be
+    /// written does not stop it halfway: that is reported, the rest of the output goes to standard error, and
+    /// the run counts as incomplete.
+    void GoOnWithoutOutput();
+    /// Returns true if an entry or a part of the repository failed, or output was lost.
+    bool IsIncomplete() const { return m_failed != 0 || m_repositoryFailures != 0 || m_isOutputLost; }
 
 private:
     void ReportFailure(const Krt::YString& path, const Krt::YString& reason);
-    void ShowProgress(unsigned long long entries, unsigned long long bytes);
-    void ShowProgress(const std::function<std::string()>& text);
+    void PrintProgress(const ProgressFacts& facts);
+    void PrintJsonNote(const std::string& json);
     void EraseProgress()
     {
         if (m_isProgressShown)
@@ -96,11 +134,15 @@ private:
     std::string m_work;
     Krt::YString m_location;
     bool m_hasLocations = false; // several
-    bool m_isSummaryLost = false;
-    bool m_showsProgress;
+    bool m_isOutputLost = false;
+    bool m_isTerminal;           // standard error
+    const bool m_sharesTerminal; // standard output is a terminal, too
+    bool m_isQuiet = false;
+    bool m_hasParts = false;
     bool m_isProgressShown = false; // on the last line of the terminal
-    std::chrono::steady_clock::time_point m_start;
-    std::chrono::steady_clock::time_point m_shown;
+    const std::chrono::steady_clock::time_point m_start;
+    std::chrono::steady_clock::time_point m_part; // begin of the part
+    ProgressClock m_clock;
 };
 
 } // namespace Agent

@@ -49,6 +49,11 @@ Krt::YString ReasonOf(const Krt::Exception::YError& error)
     return text.empty() ? error.Describe() : Krt::YString(std::string_view(text));
 }
 
+std::string CountText(unsigned long long count, const char* one, const char* several)
+{
+    return std::to_string(count) + " " + (count == 1 ? one : several);
+}
+
 std::string Joined(const std::vector<std::string>& texts, const char* separator)
 {
     std::string all;

@@ -33,6 +33,8 @@ Krt::YString ReasonOf(const Krt::Exception::YError& error);
 
 /// Returns the texts with the separator between them.
 std::string Joined(const std::vector<std::string>& texts, const char* separator);
+/// Returns a count with the noun for it, as in "1 lock" or "2 locks".
+std::string CountText(unsigned long long count, const char* one, const char* several);
 /// Returns a text such as "999 B" or "1.2 MiB".
 std::string ShortSize(unsigned long long bytes);
 /// Returns a text such as "0:12" or "1:02:03".

@@ -11,10 +11,16 @@ namespace {
 constexpr int Signals[] = {SIGINT, SIGTERM, SIGHUP};
 
 volatile std::sig_atomic_t s_interrupted = 0; // the signal
+volatile std::sig_atomic_t s_isProgressRequested = 0;
 
 void OnSignal(int signal)
 {
     s_interrupted = signal;
+}
+
+void OnProgressRequest(int)
+{
+    s_isProgressRequested = 1;
 }
 
 // Not SIG_IGN, which child processes would inherit.
@@ -42,6 +48,7 @@ void ReplaceHandler(void (*from)(int), void (*to)(int))
 void CatchInterrupts()
 {
     ReplaceHandler(SIG_DFL, OnSignal);
+    ReplaceHandlerOf(SIGUSR1, SIG_DFL, OnProgressRequest);
     // A write to a closed pipe or beyond the limit on the size of files then fails, which is reported.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
@@ -79,6 +86,14 @@ void RaiseIfInterrupted()
 int InterruptingSignal()
 {
     return s_interrupted;
+}
+
+bool TakeProgressRequest()
+{
+    if (s_isProgressRequested == 0)
+        return false;
+    s_isProgressRequested = 0;
+    return true;
 }
 
 bool IsInterrupted()

@@ -8,6 +8,17 @@
 
 namespace Agent {
 
+namespace {
+
+unsigned int WidthOf(int descriptor)
+{
+    constexpr unsigned int usual = 80;
+    winsize size{};
+    return ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : usual;
+}
+
+} // namespace
+
 void OpenMissingStreams()
 {
     // open returns the lowest free descriptor. Each is opened in the wrong direction, so that using it fails.
@@ -24,12 +35,14 @@ bool IsErrorTerminal()
     return isatty(STDERR_FILENO) == 1;
 }
 
+unsigned int ErrorWidth()
+{
+    return WidthOf(STDERR_FILENO);
+}
+
 unsigned int OutputWidth()
 {
-    if (isatty(STDOUT_FILENO) != 1)
-        return 0;
-    winsize size{};
-    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : 80;
+    return isatty(STDOUT_FILENO) == 1 ? WidthOf(STDOUT_FILENO) : 0;
 }
 
 bool UsesColour()
