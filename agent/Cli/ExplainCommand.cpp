@@ -73,7 +73,9 @@ CLI::App* ExplainCommand::Register(CLI::App& program)
         "other\n"
         "rules that were considered, and what stops the walk above the PATH or at it: a rule, a mount "
         "point,\n"
-        "or the repository, if it is named. Nothing is stored, and the repository is not opened.\n\n"
+        "or the repository, if it is named. Nothing is stored, and the repository is not opened. Options of\n"
+        "backup that leave out entries, such as --exclude, are not considered; 'kbagent backup -n -v -v'\n"
+        "prints what it stores with them, and which option leaves an entry out.\n\n"
         "The exit code is 4 if a PATH is not backed up. With --json, a document is printed for each PATH.\n\n"
         "Example: kbagent explain --job /etc/kbagent/nightly.json /home/ann/report.odt\n"
         "         kbagent explain --job /etc/kbagent/nightly.json --tree --depth 3 /home");
@@ -85,9 +87,9 @@ Job ExplainCommand::LoadRules(Report& report, std::string& jobText) const
     const bool isOnlyPaths = m_jobFile.empty() && m_starts.empty();
     Job job = LoadJob(
         m_jobFile, isOnlyPaths ? PathsOf(m_paths) : m_starts,
-        [&](const std::string& path, const Krt::Exception::YError& error) {
+        [&](const std::string& path, const YString& reason) {
             if (!isOnlyPaths) // otherwise the explanation has it
-                report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));
+                report.EntryFailed(YString(std::string_view(path)), reason);
         },
         &jobText);
     for (const YString& warning : job.warnings)
@@ -104,11 +106,11 @@ std::optional<struct stat> ExplainCommand::FindRepository() const
     if (!isOption && !FromEnvironment(options, names, "REPOSITORY") &&
         !FromEnvironment(options, names, "REPOSITORY_FILE"))
         return std::nullopt;
-    std::string path = FindLocation(options);
-    if (constexpr std::string_view Scheme = "local:"; path.starts_with(Scheme))
-        path.erase(0, Scheme.size());
+    const std::optional<std::string> path = DirectoryOf(FindLocation(options));
+    if (!path)
+        return std::nullopt;
     try {
-        return Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(std::string_view(path))).Stat();
+        return Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(std::string_view(*path))).Stat();
     } catch (const Krt::Exception::YError&) {
         if (isOption)
             throw;

@@ -1,9 +1,8 @@
 #include "agent/Cli/PatternArguments.h"
 
+#include "agent/Access/TextFile.h"
 #include "agent/Run/Text.h"
 #include "agent/Run/UsageError.h"
-
-#include "Krt/Exception/Raise.h"
 
 #include <CLI/CLI.hpp>
 
@@ -11,29 +10,31 @@ namespace Agent {
 
 namespace {
 
-// A pattern that is wrong is a mistake on the command line.
-template <class Read>
-Patterns PatternsBy(const Read& read)
+// A pattern that is not well-formed is a mistake of the command line. `place` is where it is written.
+void Add(Patterns& patterns, const std::string& pattern, bool ignoresCase, const std::string& place)
 {
     try {
-        Patterns all;
-        read(all);
-        return all;
+        patterns.Add(pattern, ignoresCase);
     } catch (const Krt::Exception::YError& error) {
-        if (error.GetCode() != Krt::ErrorCode::InvalidArgument)
-            throw;
-        throw UsageError(ReasonOf(error).Bytes());
+        throw UsageError(place + ReasonOf(error).Bytes());
     }
+}
+
+void AddFile(Patterns& patterns, const std::string& file, bool ignoresCase)
+{
+    VisitPatternLines(ReadListFile(file), [&](std::size_t line, const std::string& pattern) {
+        Add(patterns, pattern, ignoresCase, file + ":" + std::to_string(line) + ": ");
+    });
 }
 
 } // namespace
 
-Patterns PatternsOf(const std::vector<std::string>& patterns)
+Patterns PatternsOf(const std::vector<std::string>& patterns, const std::string& option)
 {
-    return PatternsBy([&patterns](Patterns& all) {
-        for (const std::string& text : patterns)
-            all.Add(text, false);
-    });
+    Patterns all;
+    for (const std::string& text : patterns)
+        Add(all, text, false, option + ": ");
+    return all;
 }
 
 void PatternArguments::AddTo(CLI::App& command, char letter, const std::string& name,
@@ -43,24 +44,23 @@ void PatternArguments::AddTo(CLI::App& command, char letter, const std::string& 
                                 const std::string& text) {
         command.add_option(names, list, text)->type_name(type)->allow_extra_args(false);
     };
-    add(std::string("-") + letter + ",--" + name, m_patterns, "PATTERN", description);
-    add("--i" + name, m_patternsOfAnyCase, "PATTERN", "The same, in any case of letters");
-    add("--" + name + "-file", m_files, "FILE", "As --" + name + ", for each line of a file");
-    add("--i" + name + "-file", m_filesOfAnyCase, "FILE", "As --i" + name + ", for each line of a file");
+    m_name = name;
+    add(std::string("-") + letter + ",--" + name, patterns, "PATTERN", description);
+    add("--i" + name, patternsOfAnyCase, "PATTERN", "As --" + name + ", ignoring letter case");
+    add("--" + name + "-file", files, "FILE", "As --" + name + ", for each line of a file");
+    add("--i" + name + "-file", filesOfAnyCase, "FILE", "As --i" + name + ", for each line of a file");
 }
 
 Patterns PatternArguments::Get() const
 {
-    return PatternsBy([this](Patterns& all) {
-        for (const std::string& text : m_patterns)
-            all.Add(text, false);
-        for (const std::string& text : m_patternsOfAnyCase)
-            all.Add(text, true);
-        for (const std::string& file : m_files)
-            all.AddFile(file, false);
-        for (const std::string& file : m_filesOfAnyCase)
-            all.AddFile(file, true);
-    });
+    Patterns all = PatternsOf(patterns, "--" + m_name);
+    for (const std::string& text : patternsOfAnyCase)
+        Add(all, text, true, "--i" + m_name + ": ");
+    for (const std::string& file : files)
+        AddFile(all, file, false);
+    for (const std::string& file : filesOfAnyCase)
+        AddFile(all, file, true);
+    return all;
 }
 
 } // namespace Agent

@@ -1,36 +1,37 @@
-// Options that give patterns of entries.
+// PatternArguments: options that take patterns of paths, on the command line or in files.
 #pragma once
 
-#include "agent/Restore/Patterns.h"
+#include "agent/Walk/Patterns.h"
 
 #include <string>
 #include <vector>
 
 namespace CLI {
 class App;
-}
+} // namespace CLI
 
 namespace Agent {
 
-/// They are stored in this object, which outlives the parser.
+/// Options are stored in this object, which outlives the parser.
 class PatternArguments
 {
 public:
-    /// Adds --NAME, also with the letter, --iNAME, --NAME-file and --iNAME-file.
+    /// Adds --NAME, --iNAME, --NAME-file and --iNAME-file. `letter` is that of the short option of --NAME,
+    /// and `description` its meaning.
     void AddTo(CLI::App& command, char letter, const std::string& name, const std::string& description);
-
-    /// All patterns. Raises UsageError for one that is wrong, and what reading a file raises.
+    /// Returns the patterns of the command line, then those of the files. Raises UsageError for one that is
+    /// not well-formed, and what ReadListFile raises.
     Patterns Get() const;
-    bool HasFiles() const { return !m_files.empty() || !m_filesOfAnyCase.empty(); }
+    bool HasFiles() const { return !files.empty() || !filesOfAnyCase.empty(); }
+
+    std::vector<std::string> patterns, patternsOfAnyCase;
+    std::vector<std::string> files, filesOfAnyCase;
 
 private:
-    std::vector<std::string> m_patterns;
-    std::vector<std::string> m_patternsOfAnyCase;
-    std::vector<std::string> m_files;
-    std::vector<std::string> m_filesOfAnyCase;
+    std::string m_name; // of the option
 };
 
-/// A list of patterns without files. Raises UsageError for one that is wrong.
-Patterns PatternsOf(const std::vector<std::string>& patterns);
+/// Returns patterns of an option. Raises UsageError that names it for one that is not well-formed.
+Patterns PatternsOf(const std::vector<std::string>& patterns, const std::string& option);
 
 } // namespace Agent

@@ -106,12 +106,11 @@ const char* AnswerWord(YSelectionDescriptor::SelectionType answer)
 
 YObject RuleObject(const YSelectionPathDescriptor& rule, RuleSources& sources)
 {
-    const YSelectionDescriptor& descriptor = rule;
     YObject object;
     object.Set<YString>("path", rule.GetPath().IsEmpty() ? YString("/") : YString(rule.GetPath()));
-    object.Set<YObject>("descriptor", descriptor.ToJSON());
+    object.Set<YObject>("descriptor", rule.YSelectionDescriptor::ToJSON()); // without the path
     if (const RuleSource* const source = sources.Find(rule)) {
-        object.Set<YString>("array", YString(std::string_view(source->array)));
+        object.Set<YString>("array", YString(source->array));
         PutNumber(object, "index", source->index);
         PutNumber(object, "line", source->line);
     }

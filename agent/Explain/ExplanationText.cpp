@@ -1,6 +1,7 @@
 #include "agent/Explain/ExplanationText.h"
 
 #include "agent/Run/Text.h"
+#include "agent/Walk/RuleText.h"
 
 #include <algorithm>
 
@@ -40,6 +41,11 @@ bool IsSameRule(const YSelectionPathDescriptor& a, const YSelectionPathDescripto
     return descriptor == b && a.GetPath() == b.GetPath();
 }
 
+bool MayBeDirectory(EntryKind kind)
+{
+    return kind == EntryKind::Directory || kind == EntryKind::Missing || kind == EntryKind::Unknown;
+}
+
 // Writes one explanation.
 class Writer
 {
@@ -69,7 +75,7 @@ private:
     // Whether rules for entries below the path are of no use.
     bool HasNoEntries(const YPath& path) const
     {
-        return path == m_explanation.path && !IsDirectory() && m_explanation.kind != EntryKind::Missing;
+        return path == m_explanation.path && !MayBeDirectory(m_explanation.kind);
     }
     bool IsDirectory() const { return m_explanation.kind == EntryKind::Directory; }
 
@@ -108,6 +114,8 @@ void Writer::Headline()
         tone = Tone::Partly;
     } else if (m_explanation.kind == EntryKind::Missing) {
         answer = "not backed up: it does not exist";
+    } else if (m_explanation.kind == EntryKind::Unknown) {
+        answer = "not backed up: it can't be examined";
     }
     m_text += Printable(m_explanation.asked) + ": " + Coloured(answer, tone, m_style) + "\n";
 }
@@ -128,7 +136,7 @@ void Writer::WriteObstacle()
     case Obstacle::Mount:
         Line("The walk does not get there: " + at + " is " + MountPhrase(m_explanation.mount) +
              ", which it does not enter.");
-        Line("To back it up, name it as a PATH of the backup, or list it in IncludedMountpoints.");
+        Line("To back it up, name it as a PATH of the backup, or list " + at + " in IncludedMountpoints.");
         break;
     case Obstacle::Repository:
         Line("The walk does not get there: " + at + " is the repository, or in it.");
@@ -166,8 +174,8 @@ void Writer::WriteOutcome()
     }
     if (outcome.isSelected && m_explanation.kind == EntryKind::Socket)
         Line("The rules include it, but it is a socket, and sockets are not stored.");
-    if (outcome.isLinkTaken)
-        Line("It is a symlink, which is not followed.");
+    if (outcome.isLinkTaken || (outcome.isSelected && m_explanation.kind == EntryKind::Symlink))
+        Line("It is a symlink, which is stored itself and not followed.");
 }
 
 // What the rules say about the path itself. If the walk does not get there, that is not what decides.
@@ -186,6 +194,8 @@ void Writer::WriteRules()
     case Obstacle::NoStart:
         break;
     default:
+        if (m_explanation.obstacleAt == m_explanation.path && m_explanation.kind == EntryKind::Unknown)
+            return; // it is named, but no start
         Break();
         Line("What the rules say about the path itself:");
     }
@@ -234,7 +244,11 @@ void Writer::WriteDecision(const YSelectionExplanation& rules, const YPath& path
         Line("No include matches it, and everything in it is excluded silently:");
         break;
     case Reason::EntriesMayBeIncluded:
-        Line("No include matches it. One applies to entries below it:");
+        if (decider != rules.rules.end() &&
+            decider->rule.GetDescriptor().GetMatchType() == Krt::Match::MatchType::None)
+            Line("No include matches it. One is for entries below it, but matches no name:");
+        else
+            Line("No include matches it. One applies to entries below it:");
         break;
     case Reason::NothingIncludes:
         Line("No include matches it.");
@@ -250,7 +264,7 @@ void Writer::WriteDecision(const YSelectionExplanation& rules, const YPath& path
 // The rule in words, and as the job file has it.
 void Writer::WriteSource(const YSelectionPathDescriptor& rule)
 {
-    Line(OriginOf(rule, m_sources) + ": " + RulePhrase(rule));
+    Line(OriginOf(rule, m_sources) + ": " + Printable(RulePhrase(rule)));
     const RuleSource* const source = m_sources.Find(rule);
     if (source == nullptr)
         return;
@@ -295,7 +309,7 @@ void Writer::WriteFurther(const YSelectionExplanation& rules, const YPath& path)
 
 void Writer::WriteListed(const YSelectionPathDescriptor& rule, const std::string& fate)
 {
-    Line(Indent + OriginOf(rule, m_sources) + ": " + RulePhrase(rule));
+    Line(Indent + OriginOf(rule, m_sources) + ": " + Printable(RulePhrase(rule)));
     Line(std::string(Indent) + Indent + fate);
 }
 
@@ -340,7 +354,7 @@ std::string CauseText(NearMiss::Cause cause, const PathExplanation& explanation)
     case NearMiss::Cause::OnlyEntries:
         break;
     }
-    return explanation.kind == EntryKind::Directory || explanation.kind == EntryKind::Missing
+    return MayBeDirectory(explanation.kind)
                ? "applies to the entries in the directory, not to the directory itself"
                : "applies to the entries of a directory, and the path is not a directory";
 }

@@ -1,8 +1,12 @@
 #include "agent/Explain/PathExplanation.h"
 
+#include "agent/Run/Text.h"
+
 #include "Krt/Exception/Raise.h"
+#include "Krt/File/YDirectory.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -53,13 +57,24 @@ Obstacle ObstacleOf(const WalkOutcome& outcome, YSelectionDescriptor::SelectionT
     return mayEnter ? Obstacle::NoDirectory : Obstacle::Rules;
 }
 
+// The reason why the entry can't be examined, as a backup reports it.
+YString FailureToExamine(const YPath& path)
+{
+    try {
+        Krt::File::YDirectory::OpenToSearch(path.GetParent()).Stat(YPath::GetFileFromPath(path, "/"));
+    } catch (const Krt::Exception::YError& error) {
+        return ReasonOf(error);
+    }
+    return "";
+}
+
 } // namespace
 
 EntryKind KindOf(const YPath& path)
 {
     struct stat status = {};
     if (lstat(path.CStr(), &status) != 0)
-        return EntryKind::Missing;
+        return errno == ENOENT || errno == ENOTDIR ? EntryKind::Missing : EntryKind::Unknown;
     switch (status.st_mode & S_IFMT) {
     case S_IFREG:
         return EntryKind::File;
@@ -74,9 +89,16 @@ EntryKind KindOf(const YPath& path)
     }
 }
 
+std::optional<YString> FailureToRead(const YPath& path)
+{
+    if (access(path.CStr(), R_OK) == 0)
+        return std::nullopt;
+    return YString("Permission to read the file is denied");
+}
+
 const char* KindWord(EntryKind kind)
 {
-    constexpr const char* Words[] = {"missing", "file", "directory", "symlink", "socket", "other"};
+    constexpr const char* Words[] = {"missing", "file", "directory", "symlink", "socket", "other", "unknown"};
     return Words[static_cast<std::size_t>(kind)];
 }
 
@@ -150,15 +172,19 @@ void Explainer::Describe(PathExplanation& explanation, const WalkRecord& record)
         explanation.outcome = *outcome;
         if (outcome->isMountCut || outcome->isMountEntered)
             explanation.mount = FindMountFacts(path);
-        const bool isRead = explanation.IsStored() && explanation.kind == EntryKind::File;
-        if (isRead && access(path.CStr(), R_OK) != 0)
-            explanation.outcome.failure = YString("Permission to read the file is denied");
+        if (explanation.IsStored() && explanation.kind == EntryKind::File)
+            explanation.outcome.failure = FailureToRead(path);
         const bool isTaken = outcome->isSelected || outcome->isExcluded;
         if (isTaken && explanation.kind != EntryKind::Directory && explanation.rules &&
             explanation.rules->answer == YSelectionDescriptor::NotSelectedDoRecurse)
             explanation.ownInclude = FindIncludeForAllNames(m_job.rules, path);
     } else {
         FindObstacle(explanation, record);
+        if (explanation.kind == EntryKind::Unknown && explanation.obstacle == Obstacle::NoStart) {
+            explanation.obstacle = Obstacle::Failure;
+            explanation.obstacleAt = path;
+            explanation.failure = FailureToExamine(path);
+        }
     }
 }
 

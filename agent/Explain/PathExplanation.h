@@ -3,7 +3,7 @@
 #pragma once
 
 #include "agent/Explain/MountFacts.h"
-#include "agent/Explain/RuleText.h"
+#include "agent/Explain/NearMisses.h"
 #include "agent/Explain/WalkRecord.h"
 
 #include "Backup/File/YSelectionExplanation.h"
@@ -21,18 +21,21 @@ enum class EntryKind
     Directory,
     Symlink,
     Socket,
-    Other
+    Other,
+    Unknown ///< it can't be examined
 };
 
-/// Returns the kind of the entry itself; Missing also if it can't be examined.
+/// Returns the kind of the entry itself.
 EntryKind KindOf(const Krt::File::YPath& path);
+/// Returns the reason why this user may not read a regular file; nothing if that is allowed.
+std::optional<Krt::YString> FailureToRead(const Krt::File::YPath& path);
 /// Returns a word such as "file".
 const char* KindWord(EntryKind kind);
 
-/// Why the walk does not get to a path.
+/// Why the walk does not reach a path.
 enum class Obstacle
 {
-    None,        ///< it gets there
+    None,        ///< the walk reaches the path
     NoStart,     ///< no walk starts at the path or above it
     Rules,       ///< the rules keep it out of a directory above
     Mount,       ///< a directory above is a mount point that is not entered
@@ -63,7 +66,7 @@ struct PathExplanation
     Obstacle obstacle = Obstacle::None;
     Krt::File::YPath obstacleAt;                                      ///< for obstacles other than NoStart
     std::optional<Backup::File::YSelectionExplanation> obstacleRules; ///< why, for Rules
-    std::optional<Krt::YString> failure;                              ///< for Failure
+    std::optional<Krt::YString> failure; ///< for Failure: of the walk at obstacleAt, or to examine the path
     std::optional<MountFacts>
         mount; ///< of a mount that is an obstacle, or of the path if it is a mount point
 

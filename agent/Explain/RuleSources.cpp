@@ -58,29 +58,9 @@ YSelectionDescriptor DescriptorOf(std::string_view rule)
 RuleSources::RuleSources(std::string fileName, std::string text)
     : m_fileName(std::move(fileName)), m_text(std::move(text))
 {
-    JsonReader reader(m_text);
-    reader.BeginObject();
-    for (std::string_view key; reader.NextKey(key);) {
-        const std::string array(key);
-        const std::string_view value = reader.Skip();
-        if (array == "includes" || array == "excludes")
-            ReadArray(array, value);
-    }
-}
-
-void RuleSources::ReadArray(std::string_view array, std::string_view text)
-{
-    JsonReader reader(text);
-    reader.BeginArray();
-    for (std::size_t index = 0; reader.NextItem(); ++index) {
-        const std::string_view rule = reader.Skip();
-        const auto begin = static_cast<std::size_t>(rule.data() - m_text.data());
-        m_line +=
-            static_cast<std::size_t>(std::count(m_text.begin() + static_cast<std::ptrdiff_t>(m_counted),
-                                                m_text.begin() + static_cast<std::ptrdiff_t>(begin), '\n'));
-        m_counted = begin;
-        m_byPlace.emplace(PlaceOf(rule), Spot{{std::string(array), index, m_line, rule}, std::nullopt});
-    }
+    VisitRuleSources(m_text, [this](const RuleSource& rule) {
+        m_byPlace.emplace(PlaceOf(rule.text), Spot{rule, std::nullopt});
+    });
 }
 
 const RuleSource* RuleSources::Find(const Backup::File::YSelectionPathDescriptor& rule)

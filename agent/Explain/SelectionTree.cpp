@@ -6,6 +6,7 @@
 #include "Krt/File/Unix/Status.h"
 
 #include <deque>
+#include <set>
 #include <sys/stat.h>
 
 namespace Agent {
@@ -95,7 +96,7 @@ class TreeRun : private IWalkVisitor
 public:
     TreeRun(const Job& job, const std::optional<struct stat>& repository, const YPath& top,
             unsigned int depth)
-        : m_depth(depth)
+        : m_depth(depth), m_starts(job.roots)
     {
         m_top.path = top;
         m_top.name = top.Bytes();
@@ -118,9 +119,15 @@ private:
     {
         TreeNode* const node = Begin(entry.path);
         const struct stat& status = entry.Status();
+        const auto failure = S_ISREG(status.st_mode) ? FailureToRead(entry.path) : std::optional<YString>();
         if (node != nullptr)
-            (S_ISSOCK(status.st_mode) ? node->left : node->stored).Add(AmountOf(status));
-        Mark(entry.path, [](WalkOutcome& outcome) { outcome.isSelected = true; });
+            (failure || S_ISSOCK(status.st_mode) ? node->left : node->stored).Add(AmountOf(status));
+        Mark(entry.path, [&failure](WalkOutcome& outcome) {
+            outcome.isSelected = true;
+            outcome.failure = failure;
+        });
+        if (S_ISDIR(status.st_mode))
+            m_unopened = entry.path;
         return MayEnter(entry);
     }
     void OnExcluded(const YPath& path) override
@@ -160,11 +167,18 @@ private:
     {
         Leave(path);
         Mark(path, [&](WalkOutcome& outcome) { outcome.failure = reason; });
+        TreeNode* const node = NodeOf(path);
+        if (node != nullptr && m_unopened == path) { // it is not stored
+            --node->stored.entries;
+            ++node->left.entries;
+        }
+        m_unopened.reset();
     }
     void OnEntered(const YPath& path) override
     {
         Begin(path);
         Mark(path, [](WalkOutcome& outcome) { outcome.isEntered = true; });
+        m_unopened.reset();
     }
     bool IsCancelled() override { return IsInterrupted(); }
 
@@ -233,10 +247,25 @@ private:
         node->isCounted = node->isCounted && measure.isComplete;
     }
 
-    static void AddUp(TreeNode& node)
+    // No walk lists a directory that only leads to a start, so its other entries are missing.
+    bool OnlyLeadsToStart(const YPath& path) const
     {
+        bool isAbove = false;
+        for (const YPath& start : m_starts) {
+            if (path.IsChildOf(start, true))
+                return false;
+            isAbove = isAbove || start.IsChildOf(path, true);
+        }
+        return isAbove;
+    }
+
+    void AddUp(TreeNode& node, bool mayLeadToStart = true) const
+    {
+        const bool leads = mayLeadToStart && node.kind == EntryKind::Directory && !node.outcome.isEntered &&
+                           OnlyLeadsToStart(node.path);
+        node.isCounted = node.isCounted && !leads;
         for (TreeNode& entry : node.entries) {
-            AddUp(entry);
+            AddUp(entry, leads);
             node.stored.Add(entry.stored);
             node.left.Add(entry.left);
             node.isCounted = node.isCounted && entry.isCounted;
@@ -245,7 +274,9 @@ private:
 
     TreeNode m_top;
     const std::size_t m_depth;
-    std::optional<YPath> m_pending; // an entry that is left out, unless the walk enters it next
+    const std::set<YPath>& m_starts;
+    std::optional<YPath> m_unopened; // the last selected directory, until the walk has opened it
+    std::optional<YPath> m_pending;  // an entry that is left out, unless the walk enters it next
 };
 
 } // namespace

@@ -34,7 +34,7 @@ struct TreeNode
     EntryKind kind = EntryKind::Missing;
     WalkOutcome outcome;
     TreeAmount stored;     ///< what is backed up: the entry and all that is below it
-    TreeAmount left;       ///< what is left out: by the rules, as a socket, or as the repository
+    TreeAmount left;       ///< what is left out: by the rules, as a socket, as the repository, or unreadable
     bool isCounted = true; ///< false if a part that is left out was not counted, such as another file system
     std::optional<MountFacts> mount; ///< of a mount point that is not entered
     std::optional<MountUsage> usage; ///< of its file system

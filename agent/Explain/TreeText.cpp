@@ -2,6 +2,7 @@
 #include "agent/Explain/SelectionTree.h"
 
 #include "agent/Run/Text.h"
+#include "agent/Walk/RuleText.h"
 
 #include "Krt/JSON/YValue.h"
 
@@ -22,8 +23,7 @@ constexpr unsigned int WidestNames = 48; // of a column that makes room for what
 
 std::string AmountText(const TreeAmount& amount)
 {
-    const std::string entries =
-        std::to_string(amount.entries) + (amount.entries == 1 ? " entry" : " entries");
+    const std::string entries = CountText(amount.entries, "entry", "entries");
     return amount.bytes == 0 ? entries : entries + ", " + ShortSize(amount.bytes);
 }
 
@@ -32,7 +32,7 @@ std::string LeftAmount(const TreeNode& node)
     return AmountText(node.left) + (node.isCounted ? "" : " or more");
 }
 
-// What is below a mount point that is not entered.
+// The usage of the file system below a mount point that is not entered.
 std::string UsageText(const MountUsage& usage)
 {
     return "; its file system has " + (usage.inodes ? std::to_string(*usage.inodes) + " inodes, " : "") +
@@ -121,7 +121,7 @@ private:
         if (outcome.isSelected)
             return {left.empty() ? Tone::Stored : Tone::Partly,
                     AmountText(node.stored) + (left.empty() ? "" : "; " + left)};
-        if (outcome.isEntered || !node.entries.empty()) {
+        if (outcome.isEntered || !node.entries.empty() || node.stored.entries != 0) {
             const bool isEmpty = node.stored.entries == 0;
             return {
                 isEmpty ? Tone::Left : Tone::Partly,
@@ -139,7 +139,8 @@ private:
                                                                      : KindWord(node.kind);
         if (!rule)
             return "left out, " + amount + ": no include matches";
-        return "excluded, " + amount + ": " + RulePhrase(*rule) + " (" + OriginOf(*rule, m_sources) + ")";
+        return "excluded, " + amount + ": " + Printable(RulePhrase(*rule)) + " (" +
+               OriginOf(*rule, m_sources) + ")";
     }
 
     void Append(const TreeNode& node, const std::string& indent, const std::string& branch,

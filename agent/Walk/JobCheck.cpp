@@ -1,5 +1,6 @@
 #include "agent/Walk/JobCheck.h"
 
+#include "agent/Run/Similar.h"
 #include "agent/Run/Text.h"
 
 #include "Backup/File/YSelectionPathDescriptor.h"
@@ -7,9 +8,11 @@
 #include "Krt/JSON/YValue.h"
 
 #include <algorithm>
+#include <array>
 #include <optional>
 #include <span>
 #include <string_view>
+#include <vector>
 
 namespace Agent {
 
@@ -23,6 +26,15 @@ namespace {
 
 constexpr std::string_view JobKeys[] = {"includes", "excludes"};
 constexpr std::string_view RuleKeys[] = {"path", "descriptor"};
+constexpr struct
+{
+    std::string_view key;                  // of a descriptor, or of the pattern in it
+    std::array<std::string_view, 4> words; // the last ones may be empty
+} Words[] = {
+    {"match_type", {"any", "exact", "glob", "none"}},
+    {"selection_type", {"include", "exclude"}},
+    {"recursion_type", {"recursive", "nonrecursive"}},
+};
 
 struct Rule
 {
@@ -71,6 +83,30 @@ bool IsExplicitWithoutEffect(const Rule& rule)
     return descriptor.GetExplicitSelection() && !canBeExplicit;
 }
 
+bool HasPathWildcard(const Rule& rule)
+{
+    return rule.path.find_first_of("*?") != std::string_view::npos;
+}
+
+bool HasLiteralWildcard(const Rule& rule)
+{
+    return rule.HasKind(MatchType::Exact) && rule.Pattern().find_first_of("*?") != std::string_view::npos;
+}
+
+bool HasBracketsInGlob(const Rule& rule)
+{
+    const std::size_t open = rule.Pattern().find('[');
+    return rule.HasKind(MatchType::Glob) && open != std::string_view::npos &&
+           rule.Pattern().find(']', open) != std::string_view::npos;
+}
+
+bool HasBlankAtEnd(const Rule& rule)
+{
+    const std::string_view pattern = rule.Pattern();
+    return rule.HasPattern() && !pattern.empty() &&
+           (pattern.find_first_of(" \t\r\n") == 0 || pattern.find_last_of(" \t\r\n") == pattern.size() - 1);
+}
+
 constexpr struct
 {
     bool (*applies)(const Rule&);
@@ -86,6 +122,11 @@ constexpr struct
     {IsInTheOtherArray, false, "selection_type decides what the rule is, not the array that it is in"},
     {IsExplicitWithoutEffect, false,
      "explicit_selection has no effect with this match_type and recursion_type"},
+    {HasPathWildcard, false, "the path contains * or ?, which stand for themselves in a path"},
+    {HasLiteralWildcard, false,
+     "the pattern contains * or ?, which stand for themselves with match_type exact"},
+    {HasBracketsInGlob, false, "the pattern contains brackets, which stand for themselves in a glob"},
+    {HasBlankAtEnd, false, "the pattern begins or ends with white space, which is part of the name"},
 };
 
 // Returns the error that the call raises.
@@ -122,6 +163,28 @@ std::string FindRefusedKey(const YObject& object)
     return "";
 }
 
+// Returns a word that may be meant by the refused one at the end of the place, otherwise all words.
+std::string HintForWord(const std::string& place, const YObject& descriptor)
+{
+    for (const auto& [key, words] : Words) {
+        if (!place.ends_with("." + std::string(key)))
+            continue;
+        const bool isOfPattern = key == "match_type"; // the place is only found if there is one
+        const YObject& object = isOfPattern ? descriptor.FindOpt("descriptor")->AsObject() : descriptor;
+        const boost::shared_ptr<YValue>& value = object.FindOpt(YString(key));
+        std::string all;
+        for (const std::string_view word : words) {
+            if (word.empty())
+                break;
+            if (value != nullptr && value->IsString() && IsMisspelt(value->AsString().Bytes(), word))
+                return "; did you mean '" + std::string(word) + "'?";
+            all += (all.empty() ? "" : ", ") + std::string(word);
+        }
+        return "; the words are " + all;
+    }
+    return "";
+}
+
 class Check
 {
 public:
@@ -135,7 +198,7 @@ public:
             if (rules == nullptr)
                 continue;
             if (const auto error = ErrorOf([&] { rules->AsArray(); })) {
-                m_visit({true, std::string(array) + ": " + ReasonOf(*error).Bytes()});
+                m_visit({true, std::string(array) + ": " + ReasonOf(*error).Bytes(), {}});
                 continue;
             }
             m_array = array;
@@ -169,9 +232,12 @@ private:
             read.FromJSON(*fields);
         });
         if (error) {
-            if (fields != nullptr)
+            std::string hint;
+            if (fields != nullptr) {
                 place += FindRefusedKey<YSelectionDescriptor>(*fields);
-            Found(true, place, ReasonOf(*error).Bytes());
+                hint = HintForWord(place, *fields);
+            }
+            Found(true, place, ReasonOf(*error).Bytes() + hint);
             return;
         }
         const Rule rule{m_array == "includes", path.Bytes(), read};
@@ -201,12 +267,28 @@ private:
     }
     static bool Has(const YObject& object, const YString& key) { return object.FindOpt(key) != nullptr; }
 
+    static std::string HintFor(const YString& key, std::span<const std::string_view> known)
+    {
+        for (const std::string_view each : known) {
+            if (IsMisspelt(key.Bytes(), each))
+                return "; did you mean '" + std::string(each) + "'?";
+        }
+        return "";
+    }
+    static std::string HintFor(const YString& key, const YObject& known)
+    {
+        std::vector<std::string_view> keys;
+        for (const auto& [each, unused] : known.Entries())
+            keys.push_back(each.Bytes());
+        return HintFor(key, keys);
+    }
+
     template <class Known>
     void OfKeys(const YObject& object, const Known& known, const char* place = "")
     {
         for (const auto& [key, value] : object.Entries()) {
             if (!Has(known, key))
-                Found(true, place, "unknown key '" + key.Bytes() + "'");
+                Found(true, place, "unknown key '" + key.Bytes() + "'" + HintFor(key, known));
         }
     }
 
@@ -215,7 +297,7 @@ private:
         std::string where;
         if (!m_array.empty())
             where = std::string(m_array) + "[" + std::to_string(m_index) + "]" + place + ": ";
-        m_visit({isError, where + text});
+        m_visit({isError, where + text, m_array, m_index});
     }
 
     const std::function<void(const JobFinding&)>& m_visit;

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace Agent {
 
@@ -13,6 +14,8 @@ struct JobFinding
 {
     bool isError;     ///< the job must not be run; otherwise the finding is a warning
     std::string text; ///< the location in the document, such as "includes[2].descriptor", and the mistake
+    std::string_view array; ///< the array of the rule; empty if the finding is not about a rule
+    std::size_t index = 0;  ///< of the rule in the array
 };
 
 /// Calls `visit` with each finding, in the order of the document. A rule that the library cannot read is an

@@ -21,4 +21,12 @@ NameList::NameList(const Krt::File::YDirectory& directory)
               [this](const Entry& a, const Entry& b) { return Text(a) < Text(b); });
 }
 
+bool NameList::Contains(std::string_view name) const
+{
+    const auto at = std::lower_bound(
+        m_entries.begin(), m_entries.end(), name,
+        [this](const Entry& entry, std::string_view wanted) { return Text(entry) < wanted; });
+    return at != m_entries.end() && Text(*at) == name;
+}
+
 } // namespace Agent

@@ -19,6 +19,7 @@ public:
     std::size_t Size() const { return m_entries.size(); }
     /// Returns the name, which is valid as long as the list.
     std::string_view NameAt(std::size_t index) const { return Text(m_entries[index]); }
+    bool Contains(std::string_view name) const;
     /// Returns a DT_ constant of <dirent.h>.
     unsigned char TypeAt(std::size_t index) const { return m_entries[index].type; }
 

@@ -2,8 +2,10 @@
 
 #include "agent/Run/FileGuard.h"
 #include "agent/Run/Interrupt.h"
+#include "agent/Run/Similar.h"
 #include "agent/Run/Text.h"
 #include "agent/Walk/JobCheck.h"
+#include "agent/Walk/NameList.h"
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/File.h"
@@ -34,16 +36,6 @@ std::string Resolve(const std::string& path)
     if (resolved == nullptr)
         KRT_RAISE_OS(errno, "Can't resolve " << path.c_str());
     return resolved.get();
-}
-
-void Select(Backup::File::YSelectionManager& rules, const YPath& root)
-{
-    if (root != "/") {
-        rules.Add(root.GetParent(), Krt::Match::ExactDescriptor(YPath::GetFileFromPath(root, "/"), true),
-                  YSelectionDescriptor::NonRecursive, YSelectionDescriptor::Include, true);
-    }
-    rules.Add(root, Krt::Match::AnyDescriptor(), YSelectionDescriptor::Recursive,
-              YSelectionDescriptor::Include, true);
 }
 
 // All rules of a large job may contain the same mistake.
@@ -94,56 +86,20 @@ bool LeadsThroughLink(const std::set<YPath>& starts, const YPath& path)
     return false;
 }
 
-// A walk only visits existing entries, so it cannot report a misspelt path below its start. Nor does it visit
-// anything below a path that is not a directory. An exclude without entries is not a mistake: a job may leave
-// out what exists at times.
-void WarnOfPathsWithoutEntries(const Job& job, JobWarnings& warnings)
+// Returns true if the rules select the symlink at the place of an include for all names. If none of them
+// names it, a walk takes it for that include, and reports it itself.
+bool IsLinkStored(const Backup::File::YSelectionManager& rules, const YPath& path, Visited visited)
 {
-    YPath last;
-    struct stat status = {};
-    int error = 0;
-    job.rules.VisitPathsAndDescriptors(
-        YSelectionDescriptor::Include, YPath(),
-        [&](const YPath& path, const YSelectionDescriptor& rule) {
-            if (path != last) {
-                error = Krt::Util::CallSystem([&] { return lstat(path.CStr(), &status); }).error;
-                const bool isStart = job.roots.contains(path);
-                if ((error == ENOENT || error == ENOTDIR) && !isStart)
-                    warnings.Add("there is no " + path.Bytes() +
-                                 ", so what is to be included there is not stored");
-                else if (error == 0 && !isStart && LeadsThroughLink(job.roots, path))
-                    warnings.Add(path.Bytes() +
-                                 " is reached through a symlink, which is not followed, so what "
-                                 "is to be included there is not stored");
-                last = path;
-            }
-            if (error == 0 && !S_ISDIR(status.st_mode) && !rule.CoversAllNames())
-                warnings.Add(path.Bytes() + " is not a directory, so it contains nothing that matches '" +
-                             rule.GetDescriptor().GetPattern().Bytes() + "'");
-            return false;
-        },
-        true);
-}
-
-std::string ReadJobFile(const std::string& jobFile)
-{
-    constexpr std::size_t MostMebibytes = 512;
-    const EndingOnInterrupts ending; // a named pipe may never have a writer
-    const auto file = Krt::Util::OpenHandle(jobFile.c_str(), O_RDONLY | O_NOCTTY);
-    auto text = file ? Krt::File::ReadWholeFile(file.value, MostMebibytes << 20)
-                     : Krt::Util::OsResult<std::string>{{}, file.error};
-    KRT_RAISE_UNLESS(text.error != EFBIG, Krt::ErrorCode::InvalidArgument,
-                     "The job file " << jobFile.c_str() << " is larger than " << MostMebibytes << " MiB");
-    return KRT_OS_VALUE(std::move(text), "Can't read the job file " << jobFile.c_str());
+    if (rules.GetPathSelectionType(path) == YSelectionDescriptor::Include)
+        return true;
+    bool isReported = false;
+    return visited == Visited::All && !rules.PathMatchesExclude(path.PopulateComponents(), isReported);
 }
 
 void LoadRules(Backup::File::YSelectionManager& rules, JobWarnings& warnings, const std::string& jobFile,
                std::string* jobText)
 {
-    RequireOwnFile("The job file", jobFile);
     std::string text = ReadJobFile(jobFile);
-    if (constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF"; text.starts_with(ByteOrderMark))
-        text.erase(0, ByteOrderMark.size());
     if (jobText != nullptr)
         *jobText = text;
     const EndingOnInterrupts ending; // the rules of a large job take some time
@@ -178,7 +134,120 @@ std::vector<std::string> RuleTextsOf(const Backup::File::YSelectionManager& rule
     return texts;
 }
 
+std::string HintFor(const YPath& path)
+{
+    const std::string similar = FindSimilarPath(path);
+    return similar.empty() ? "" : "; did you mean " + similar + "?";
+}
+
+// The system names the path as it was typed, or only the last name on it.
+YString ReasonWithoutPath(std::string path, const Krt::Exception::YError& error)
+{
+    std::string reason = ReasonOf(error).Bytes();
+    std::size_t at = reason.find(": " + path + ": ");
+    if (at == std::string::npos) {
+        while (path.ends_with('/'))
+            path.pop_back();
+        path.erase(0, path.rfind('/') + 1); // all of it if there is no slash
+        at = reason.find(": " + path + ": ");
+    }
+    if (at != std::string::npos)
+        reason.erase(at, path.size() + 2);
+    return YString(reason);
+}
+
 } // namespace
+
+void Select(Backup::File::YSelectionManager& rules, const YPath& root)
+{
+    if (root != "/") {
+        rules.Add(root.GetParent(), Krt::Match::ExactDescriptor(YPath::GetFileFromPath(root, "/"), true),
+                  YSelectionDescriptor::NonRecursive, YSelectionDescriptor::Include, true);
+    }
+    rules.Add(root, Krt::Match::AnyDescriptor(), YSelectionDescriptor::Recursive,
+              YSelectionDescriptor::Include, true);
+}
+
+std::string ReadJobFile(const std::string& jobFile)
+{
+    RequireOwnFile("The job file", jobFile);
+    constexpr std::size_t MostMebibytes = 512;
+    const EndingOnInterrupts ending; // a named pipe may never have a writer
+    const auto file = Krt::Util::OpenHandle(jobFile.c_str(), O_RDONLY | O_NOCTTY);
+    auto text = file ? Krt::File::ReadWholeFile(file.value, MostMebibytes << 20)
+                     : Krt::Util::OsResult<std::string>{{}, file.error};
+    KRT_RAISE_UNLESS(text.error != EFBIG, Krt::ErrorCode::InvalidArgument,
+                     "The job file " << jobFile.c_str() << " is larger than " << MostMebibytes << " MiB");
+    std::string document = KRT_OS_VALUE(std::move(text), "Can't read the job file " << jobFile.c_str());
+    if (constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF"; document.starts_with(ByteOrderMark))
+        document.erase(0, ByteOrderMark.size());
+    return document;
+}
+
+std::string FindSimilarPath(const YPath& path)
+{
+    YPath above = path;
+    YString name;
+    struct stat status = {};
+    do {
+        if (above == "/" || above.IsEmpty())
+            return "";
+        name = YPath::GetFileFromPath(above, "/");
+        above = above.GetParent();
+    } while (lstat(above.CStr(), &status) != 0);
+    try {
+        const NameList names(Krt::File::YDirectory::OpenFollowing(above));
+        for (std::size_t i = 0; i < names.Size(); ++i) {
+            if (IsMisspelt(name.Bytes(), names.NameAt(i)))
+                return above.Append(YString(names.NameAt(i))).Bytes();
+        }
+    } catch (const Krt::Exception::YError&) {
+        return "";
+    }
+    return "";
+}
+
+// A walk only visits existing entries, so it cannot report a misspelt path below its start; it reports a
+// start that does not exist. Nor does it visit anything below a path that is not a directory. An exclude
+// without entries is not a mistake: a job may leave out what exists at times.
+void VisitPathsWithoutEntries(const Job& job, Visited visited,
+                              const std::function<void(const YPath& path, const std::string& text)>& visit)
+{
+    YPath last;
+    struct stat status = {};
+    int error = 0;
+    bool isLink = false;
+    job.rules.VisitPathsAndDescriptors(
+        YSelectionDescriptor::Include, YPath(),
+        [&](const YPath& path, const YSelectionDescriptor& rule) {
+            if (path != last) {
+                error = Krt::Util::CallSystem([&] { return lstat(path.CStr(), &status); }).error;
+                isLink = false;
+                const bool isStart = job.roots.contains(path);
+                if ((error == ENOENT || error == ENOTDIR) && (!isStart || visited == Visited::All))
+                    visit(path, "there is no " + path.Bytes() +
+                                    ", so what is to be included there is not stored" + HintFor(path));
+                else if (error == 0 && !isStart && LeadsThroughLink(job.roots, path))
+                    visit(path, path.Bytes() +
+                                    " is reached through a symlink, which is not followed, so what "
+                                    "is to be included there is not stored");
+                else
+                    isLink = error == 0 && S_ISLNK(status.st_mode) && IsLinkStored(job.rules, path, visited);
+                last = path;
+            }
+            if (isLink && rule.CoversAllNames()) {
+                visit(path, path.Bytes() +
+                                " is a link, which is stored itself; for what it leads to, the job must name "
+                                "that path");
+                isLink = false; // one text for all rules there
+            }
+            if (error == 0 && !S_ISDIR(status.st_mode) && !rule.CoversAllNames())
+                visit(path, path.Bytes() + " is not a directory, so it contains nothing that matches '" +
+                                rule.GetDescriptor().GetPattern().Bytes() + "'");
+            return false;
+        },
+        true);
+}
 
 // The last component is kept even if it is a symlink.
 YPath ResolveNamedPath(const std::string& named)
@@ -202,7 +271,8 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths, c
         JobWarnings warnings(jobFile);
         LoadRules(job.rules, warnings, jobFile, jobText);
         job.roots = job.rules.GetIncludeTops(YPath());
-        WarnOfPathsWithoutEntries(job, warnings);
+        VisitPathsWithoutEntries(job, Visited::NotByWalk,
+                                 [&](const YPath&, const std::string& text) { warnings.Add(text); });
         job.warnings = warnings.Finish();
         job.ruleTexts = RuleTextsOf(job.rules);
         KRT_RAISE_UNLESS(!job.roots.empty() || !paths.empty(), Krt::ErrorCode::InvalidArgument,
@@ -221,17 +291,17 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths, c
                                            "would name what it leads to");
             }
             Select(job.rules, root);
-            if (std::find(job.paths.begin(), job.paths.end(), root.Bytes()) == job.paths.end())
+            if (job.named.insert(root).second)
                 job.paths.push_back(root.Bytes());
             job.roots.insert(root);
         } catch (const Krt::Exception::YError& error) {
             if (!onFailure)
                 throw;
-            onFailure(path, error);
+            onFailure(path, ReasonWithoutPath(path, error));
         }
     }
     for (const YPath& top : tops) {
-        if (std::find(job.paths.begin(), job.paths.end(), top.Bytes()) == job.paths.end())
+        if (!job.named.contains(top))
             job.paths.push_back(top.Bytes());
     }
     return job;

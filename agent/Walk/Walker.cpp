@@ -61,6 +61,12 @@ void Walker::Skip(const struct stat& directory)
     m_skipped = FileId(directory);
 }
 
+void Walker::Filter(const EntryFilter& filter, const std::set<YPath>& named)
+{
+    m_filter = filter.IsEmpty() ? nullptr : &filter;
+    m_named = &named;
+}
+
 bool Walker::IsSkipped(const struct stat& directory) const
 {
     return m_skipped == FileId(directory);
@@ -156,12 +162,24 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
         return;
     if (!selected && type != DT_DIR && type != DT_UNKNOWN && !HasIncludeForAllNames(path))
         return;
+    if (m_filter != nullptr) {
+        if (const std::string_view by = LeftOutByName(path, name, isRoot); !by.empty()) {
+            m_visitor.OnLeftOut(path, by);
+            return;
+        }
+    }
 
-    const WalkedEntry entry(path, parent, name, type);
+    WalkedEntry entry(path, parent, name, type);
     if (!selected && !S_ISDIR(entry.Status().st_mode)) {
         selected = IsSelectedByRulesAtPath(entry);
         if (!selected)
             return;
+    }
+    if (m_filter != nullptr && m_filter->NeedsStatus()) {
+        if (const std::string_view by = LeftOutByStatus(entry, isRoot); !by.empty()) {
+            m_visitor.OnLeftOut(path, by);
+            return;
+        }
     }
     if (m_skipped && entry.IsDirectory() && IsSkipped(entry.Status())) {
         m_visitor.OnSkipped(path);
@@ -175,6 +193,36 @@ void Walker::VisitEntry(const YPath& path, const YDirectory& parent, const YStri
         KRT_RAISE_UNLESS(FileId(directory.Stat()) == FileId(*known), Krt::ErrorCode::InvalidState,
                          "The directory was replaced during the walk");
     Enter(path, std::move(directory));
+}
+
+// Returns what leaves the entry out; empty for nothing. A root that the user did not name is the place of a
+// rule, to which patterns apply.
+std::string_view Walker::LeftOutByName(const YPath& path, const YString& name, bool isRoot) const
+{
+    if (isRoot && m_named->contains(path))
+        return {};
+    if (!isRoot && !m_visited.empty()) {
+        for (const std::string& mark : m_visited.back().marks) {
+            if (mark != name.Bytes())
+                return mark;
+        }
+    }
+    if (!m_filter->patterns.IsEmpty() && m_filter->patterns.Match(path.Bytes()).matches)
+        return "a pattern";
+    return {};
+}
+
+std::string_view Walker::LeftOutByStatus(WalkedEntry& entry, bool isRoot) const
+{
+    if (!(isRoot && m_named->contains(entry.path)) && m_filter->IsTooLarge(entry.Status()))
+        return "--exclude-larger-than";
+    if (isRoot || m_visited.empty() || !m_filter->staysOnFileSystem ||
+        entry.Status().st_dev == m_visited.back().device)
+        return {};
+    if (!S_ISDIR(entry.Status().st_mode))
+        return "--one-file-system";
+    entry.SetBoundary();
+    return {};
 }
 
 // Returns true if this path has an include for all names.
@@ -212,7 +260,7 @@ bool Walker::MayEnter(const WalkedEntry& entry, bool selected, bool isRoot)
     try {
         if (selected)
             followable = m_visitor.OnSelected(entry);
-        else
+        else if (!entry.IsBoundary())
             followable = Backup::File::IsFollowableDirectoryFromKrtAttributes(entry.path,
                                                                               Krt::File::AttributeDirectory);
     } catch (const Krt::Exception::YError& error) {
@@ -220,6 +268,8 @@ bool Walker::MayEnter(const WalkedEntry& entry, bool selected, bool isRoot)
         // The entries below a directory that the user named are walked nevertheless.
         return listedAsDirectory && isRoot;
     }
+    if (entry.IsBoundary())
+        return false;
     if (followable)
         return !entry.KnownStatus() || entry.IsDirectory();
     // The listing may be outdated.
@@ -235,7 +285,13 @@ bool Walker::MayEnter(const WalkedEntry& entry, bool selected, bool isRoot)
 void Walker::Enter(const YPath& path, YDirectory directory)
 {
     NameList names(directory);
-    m_visited.push_back({path, std::move(directory), {}, std::move(names)});
+    dev_t device = 0;
+    std::vector<std::string> marks;
+    if (m_filter != nullptr && m_filter->staysOnFileSystem)
+        device = directory.Stat().st_dev;
+    if (m_filter != nullptr && !m_filter->marks.empty())
+        marks = m_filter->MarksIn(directory, names);
+    m_visited.push_back({path, std::move(directory), {}, std::move(names), 0, device, std::move(marks)});
     if (m_visited.size() > MaxOpenDirectories)
         Close(m_visited[m_visited.size() - MaxOpenDirectories - 1]);
     m_visitor.OnEntered(path);

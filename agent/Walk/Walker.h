@@ -4,6 +4,7 @@
 // walk keeps the names of the directories on the current path and a bounded number of descriptors.
 #pragma once
 
+#include "agent/Walk/EntryFilter.h"
 #include "agent/Walk/NameList.h"
 
 #include "Backup/File/YSelectionManager.h"
@@ -15,6 +16,7 @@
 #include <functional>
 #include <optional>
 #include <set>
+#include <string_view>
 
 namespace Agent {
 
@@ -40,6 +42,9 @@ public:
     const std::optional<struct stat>& KnownStatus() const { return m_status; }
     /// Uses the status if it is known, otherwise the listing if that contains a type, otherwise the status.
     bool IsDirectory() const;
+    /// Records that this directory is not entered, whatever the descent policy says.
+    void SetBoundary() { m_isBoundary = true; }
+    bool IsBoundary() const { return m_isBoundary; }
 
     const Krt::File::YPath& path;
     const Krt::File::YDirectory& parent;
@@ -47,6 +52,7 @@ public:
 
 private:
     unsigned char m_listedType;
+    bool m_isBoundary = false;
     mutable std::optional<struct stat> m_status;
 };
 
@@ -55,8 +61,9 @@ class IWalkVisitor
 {
 public:
     virtual ~IWalkVisitor() = default;
-    /// Returns true if the entry is a directory that the descent policy lets the walk enter. If the visitor
-    /// calls Status, the walk checks that it enters the directory with that status.
+    /// Returns true if the entry is a directory that the descent policy lets the walk enter; the policy is
+    /// not asked for a boundary. If the visitor calls Status, the walk checks that it enters the directory
+    /// with that status.
     virtual bool OnSelected(const WalkedEntry& entry) = 0;
     /// The entry was selected, but is excluded by a rule that asks for a report.
     virtual void OnExcluded(const Krt::File::YPath& path) = 0;
@@ -73,6 +80,9 @@ public:
     /// The rules neither select the entry nor exclude it reportably. The walk may still enter it, or select
     /// it for a rule at its path.
     virtual void OnNotSelected(const Krt::File::YPath&) {}
+    /// A filter leaves the entry out, which the rules select or enter. `by` is "a pattern", the option
+    /// otherwise, or the name of the file that marks the directory.
+    virtual void OnLeftOut(const Krt::File::YPath&, std::string_view /*by*/) {}
     /// The directory was listed, and its entries follow.
     virtual void OnEntered(const Krt::File::YPath&) {}
     /// Called between entries; true ends the walk.
@@ -92,6 +102,9 @@ public:
     void Skip(const struct stat& directory);
     /// Entries for which `visits` returns false are left out, with all that is below them.
     void Restrict(std::function<bool(const Krt::File::YPath&)> visits) { m_visits = std::move(visits); }
+    /// Entries are left out that the filter names, with all that is below them, except for those in `named`.
+    /// Both outlive the walker. No walk is left out because a mark is in the directory where it starts.
+    void Filter(const EntryFilter& filter, const std::set<Krt::File::YPath>& named);
     /// Walks every root. Entries of a directory are visited in the order of the bytes of their names, and a
     /// directory precedes its entries, also if they are visited by several walks.
     void Run();
@@ -105,6 +118,8 @@ private:
         Krt::File::FileId closed;                       // identifies the closed directory
         NameList names;
         std::size_t next = 0;
+        dev_t device = 0;               // of the directory; set if the walk stays on its file system
+        std::vector<std::string> marks; // see EntryFilter
     };
 
     bool IsSkipped(const struct stat& directory) const;
@@ -115,6 +130,8 @@ private:
     void WalkEntered(std::size_t depth);
     void VisitEntry(const Krt::File::YPath& path, const Krt::File::YDirectory& parent,
                     const Krt::YString& name, unsigned char type, bool isRoot);
+    std::string_view LeftOutByName(const Krt::File::YPath& path, const Krt::YString& name, bool isRoot) const;
+    std::string_view LeftOutByStatus(WalkedEntry& entry, bool isRoot) const;
     bool HasIncludeForAllNames(const Krt::File::YPath& path) const;
     bool IsSelectedByRulesAtPath(const WalkedEntry& entry);
     bool MayEnter(const WalkedEntry& entry, bool selected, bool isRoot);
@@ -128,6 +145,8 @@ private:
     IWalkVisitor& m_visitor;
     std::optional<Krt::File::FileId> m_skipped;
     std::function<bool(const Krt::File::YPath&)> m_visits; // empty for all entries
+    const EntryFilter* m_filter = nullptr;                 // null if no entry is left out
+    const std::set<Krt::File::YPath>* m_named = nullptr;   // which the filter does not apply to
     std::deque<VisitedDirectory> m_visited;                // those on the current path, the outermost first
 };
 

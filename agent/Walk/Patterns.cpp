@@ -1,6 +1,5 @@
-#include "agent/Restore/Patterns.h"
+#include "agent/Walk/Patterns.h"
 
-#include "agent/Access/TextFile.h"
 #include "agent/Repository/Utf8.h"
 
 #include "Krt/Exception/Raise.h"
@@ -14,9 +13,10 @@ namespace Agent {
 
 namespace {
 
-using Names = std::vector<std::string>;
+using Path = std::vector<std::string_view>;
 
-constexpr const char* AnyNames = "**";
+constexpr std::string_view AnyNames = "**";
+constexpr std::string_view Parent = "..";
 
 // A character, or a byte that is not part of valid UTF-8.
 std::size_t CharacterSize(std::string_view text)
@@ -46,14 +46,15 @@ std::string LowerCase(std::string_view text)
     return lower;
 }
 
-Names NamesOf(std::string_view path)
+// The names are parts of the path.
+Path NamesOf(std::string_view path)
 {
-    Names names;
+    Path names;
     for (std::size_t begin = 0; begin <= path.size();) {
         const std::size_t end = std::min(path.find('/', begin), path.size());
         const std::string_view name = path.substr(begin, end - begin);
         if (!name.empty() && name != ".")
-            names.emplace_back(name);
+            names.push_back(name);
         begin = end + 1;
     }
     return names;
@@ -98,23 +99,6 @@ bool TakeSet(std::string_view& pattern, std::string_view character, bool& contai
     return true;
 }
 
-bool IsWellFormed(std::string_view pattern)
-{
-    while (!pattern.empty()) {
-        const char first = pattern.front();
-        pattern.remove_prefix(1);
-        bool contains = false;
-        if (first == '[' && !TakeSet(pattern, {}, contains))
-            return false;
-        if (first == '\\') {
-            if (pattern.empty())
-                return false;
-            pattern.remove_prefix(1);
-        }
-    }
-    return true;
-}
-
 // Removes what matches one character from both, if it matches.
 bool TakeOne(std::string_view& pattern, std::string_view& name)
 {
@@ -137,8 +121,10 @@ bool TakeOne(std::string_view& pattern, std::string_view& name)
     return fits;
 }
 
+} // namespace
+
 // After a character that does not fit, the last "*" takes one more.
-bool MatchesName(std::string_view pattern, std::string_view name)
+bool MatchesNamePattern(std::string_view pattern, std::string_view name)
 {
     bool hasStar = false;
     std::string_view starPattern, starName;
@@ -162,10 +148,29 @@ bool MatchesName(std::string_view pattern, std::string_view name)
     }
 }
 
-bool MatchesFrom(std::span<const std::string> pattern, std::span<const std::string> path)
+bool IsNamePattern(std::string_view pattern)
+{
+    while (!pattern.empty()) {
+        const char first = pattern.front();
+        pattern.remove_prefix(1);
+        bool contains = false;
+        if (first == '[' && !TakeSet(pattern, {}, contains))
+            return false;
+        if (first == '\\') {
+            if (pattern.empty())
+                return false;
+            pattern.remove_prefix(1);
+        }
+    }
+    return true;
+}
+
+namespace {
+
+bool MatchesFrom(std::span<const std::string> pattern, std::span<const std::string_view> path)
 {
     while (!pattern.empty() && pattern.front() != AnyNames) {
-        if (path.empty() || !MatchesName(pattern.front(), path.front()))
+        if (path.empty() || !MatchesNamePattern(pattern.front(), path.front()))
             return false;
         pattern = pattern.subspan(1);
         path = path.subspan(1);
@@ -181,7 +186,7 @@ bool MatchesFrom(std::span<const std::string> pattern, std::span<const std::stri
     return false;
 }
 
-bool Matches(std::span<const std::string> pattern, bool isFromRoot, std::span<const std::string> path)
+bool Matches(std::span<const std::string> pattern, bool isFromRoot, std::span<const std::string_view> path)
 {
     if (MatchesFrom(pattern, path))
         return true;
@@ -192,94 +197,133 @@ bool Matches(std::span<const std::string> pattern, bool isFromRoot, std::span<co
     return false;
 }
 
-bool MayMatchBelow(std::span<const std::string> pattern, bool isFromRoot, std::span<const std::string> path)
+bool MayMatchBelow(std::span<const std::string> pattern, bool isFromRoot,
+                   std::span<const std::string_view> path)
 {
     if (!isFromRoot)
         return true;
     for (std::size_t i = 0; i < pattern.size() && i < path.size() && pattern[i] != AnyNames; ++i) {
-        if (!MatchesName(pattern[i], path[i]))
+        if (!MatchesNamePattern(pattern[i], path[i]))
             return false;
     }
     return true;
 }
 
+// The name of a variable at the beginning of what follows a dollar sign, and the bytes to replace. As in
+// restic, a special variable of the shell is one byte, and what is not well-formed is replaced by nothing.
+struct Variable
+{
+    std::string_view name;
+    std::size_t size = 0;
+};
+
+Variable VariableIn(std::string_view text)
+{
+    constexpr std::string_view SpecialBytes = "*#$@!?-0123456789";
+    constexpr std::string_view NameBytes = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
+    if (text.starts_with('{')) {
+        const std::size_t end = text.find('}');
+        return end == text.npos ? Variable{{}, 1} : Variable{text.substr(1, end - 1), end + 1};
+    }
+    if (!text.empty() && SpecialBytes.find(text.front()) != text.npos)
+        return {text.substr(0, 1), 1};
+    const std::size_t size = std::min(text.find_first_not_of(NameBytes), text.size());
+    return {text.substr(0, size), size};
+}
+
 // Replaces variables of the environment. A dollar sign that no name follows stays.
 std::string WithVariables(std::string_view text)
 {
-    constexpr std::string_view NameBytes = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
     std::string out;
-    while (!text.empty()) {
-        const std::size_t dollar = std::min(text.find('$'), text.size());
+    for (;;) {
+        const std::size_t dollar = text.find('$');
         out += text.substr(0, dollar);
-        text.remove_prefix(dollar);
-        if (text.empty())
-            break;
-        text.remove_prefix(1);
-        const bool hasBraces = text.starts_with('{') && text.find('}') != std::string_view::npos;
-        const std::size_t begin = hasBraces ? 1 : 0;
-        const std::size_t end =
-            hasBraces ? text.find('}') : std::min(text.find_first_not_of(NameBytes), text.size());
-        const std::string name(text.substr(begin, end - begin));
-        if (text.starts_with('$'))
-            text.remove_prefix(1);
-        if (name.empty())
+        if (dollar == text.npos)
+            return out;
+        text.remove_prefix(dollar + 1);
+        const Variable variable = VariableIn(text);
+        text.remove_prefix(variable.size);
+        if (variable.size == 0 || variable.name == "$")
             out += '$';
-        else if (const char* const value = std::getenv(name.c_str()))
+        else if (const char* const value = std::getenv(std::string(variable.name).c_str()))
             out += value;
-        text.remove_prefix(name.empty() ? 0 : end + begin);
     }
-    return out;
 }
 
 } // namespace
 
-void Patterns::AddFile(const std::string& path, bool ignoresCase)
+void VisitPatternLines(std::string_view text,
+                       const std::function<void(std::size_t line, const std::string& pattern)>& visit)
 {
     constexpr std::string_view White = " \t\r\v\f";
-    constexpr std::size_t Limit = 16 << 20;
-    const Repo::Secret file = ReadTextFile(path, Limit);
-    std::string_view rest = Repo::AsText(file.View());
-    while (!rest.empty()) {
-        const std::size_t end = std::min(rest.find('\n'), rest.size());
-        std::string_view line = rest.substr(0, end);
-        rest.remove_prefix(std::min(end + 1, rest.size()));
+    for (std::size_t number = 1; !text.empty(); ++number) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        std::string_view line = text.substr(0, end);
+        text.remove_prefix(std::min(end + 1, text.size()));
         line.remove_prefix(std::min(line.find_first_not_of(White), line.size()));
         line = line.substr(0, line.find_last_not_of(White) + 1);
         if (!line.empty() && !line.starts_with('#'))
-            Add(WithVariables(line), ignoresCase);
+            visit(number, WithVariables(line));
     }
+}
+
+void Patterns::AddLines(std::string_view text, bool ignoresCase)
+{
+    VisitPatternLines(text, [&](std::size_t, const std::string& pattern) { Add(pattern, ignoresCase); });
+}
+
+Pattern Pattern::Parse(const std::string& text)
+{
+    std::string_view rest = text;
+    Pattern parsed;
+    if (rest.starts_with('!')) {
+        parsed.isNegated = true;
+        rest.remove_prefix(1);
+    }
+    parsed.isFromRoot = rest.starts_with('/');
+    bool isWellFormed = true;
+    for (const std::string_view name : NamesOf(rest)) {
+        const bool hasName = !parsed.names.empty() && parsed.names.back() != Parent;
+        if (name == Parent && hasName)
+            parsed.names.pop_back();
+        else if (name != Parent || !parsed.isFromRoot)
+            parsed.names.emplace_back(name);
+    }
+    for (const std::string& name : parsed.names)
+        isWellFormed = isWellFormed && IsNamePattern(name);
+    KRT_RAISE_UNLESS(isWellFormed && (parsed.isFromRoot || !parsed.names.empty()),
+                     Krt::ErrorCode::InvalidArgument, "Not a pattern: '" << text.c_str() << "'");
+    return parsed;
 }
 
 void Patterns::Add(const std::string& pattern, bool ignoresCase)
 {
-    std::string_view rest = pattern;
-    Pattern added;
-    if (rest.starts_with('!')) {
-        added.isNegated = true;
-        rest.remove_prefix(1);
-    }
-    added.isFromRoot = rest.starts_with('/');
-    added.names = NamesOf(ignoresCase ? LowerCase(rest) : std::string(rest));
-    bool isWellFormed = added.isFromRoot || !added.names.empty();
-    for (const std::string& name : added.names)
-        isWellFormed = isWellFormed && IsWellFormed(name);
-    KRT_RAISE_UNLESS(isWellFormed, Krt::ErrorCode::InvalidArgument,
-                     "Not a pattern: '" << pattern.c_str() << "'");
-    (ignoresCase ? m_anyCase : m_exact).push_back(std::move(added));
+    (ignoresCase ? m_anyCase : m_exact).push_back(Pattern::Parse(ignoresCase ? LowerCase(pattern) : pattern));
+}
+
+bool Patterns::AreOfNames() const
+{
+    const auto isOfName = [](const Pattern& pattern) {
+        return !pattern.isNegated && !pattern.isFromRoot && pattern.names.size() == 1 &&
+               pattern.names.front() != "**";
+    };
+    return std::all_of(m_exact.begin(), m_exact.end(), isOfName) &&
+           std::all_of(m_anyCase.begin(), m_anyCase.end(), isOfName);
 }
 
 Patterns::Result Patterns::Match(const std::string& path) const
 {
     Result result = MatchList(m_exact, NamesOf(path));
     if (!m_anyCase.empty()) {
-        const Result other = MatchList(m_anyCase, NamesOf(LowerCase(path)));
+        const std::string lower = LowerCase(path);
+        const Result other = MatchList(m_anyCase, NamesOf(lower));
         result.matches = result.matches || other.matches;
         result.mayMatchBelow = result.mayMatchBelow || other.mayMatchBelow;
     }
     return result;
 }
 
-Patterns::Result Patterns::MatchList(const std::vector<Pattern>& patterns, const Names& path)
+Patterns::Result Patterns::MatchList(const std::vector<Pattern>& patterns, const Path& path)
 {
     Result result;
     for (const Pattern& pattern : patterns) {

@@ -1,4 +1,4 @@
-// Rules in words, and the includes that almost match a path.
+// NearMisses: the includes that almost match a path.
 #pragma once
 
 #include "Backup/File/YSelectionManager.h"
@@ -7,9 +7,6 @@
 #include <vector>
 
 namespace Agent {
-
-/// Returns a text such as "exclude names like '*.tmp' in /home and below". Printable.
-std::string RulePhrase(const Backup::File::YSelectionPathDescriptor& rule);
 
 /// An include that does not match a path, although part of it does.
 struct NearMiss

@@ -1,6 +1,4 @@
-#include "agent/Explain/RuleText.h"
-
-#include "agent/Run/Text.h"
+#include "agent/Explain/NearMisses.h"
 
 #include <optional>
 
@@ -11,28 +9,10 @@ using Backup::File::YSelectionPathDescriptor;
 using Krt::YString;
 using Krt::File::YPath;
 using Krt::Match::Descriptor;
-using Krt::Match::MatchType;
 
 namespace {
 
 constexpr std::size_t MostNearMisses = 8;
-
-std::string NamesOf(const Descriptor& names)
-{
-    const std::string pattern = "'" + Printable(names.GetPattern()) + "'";
-    const char* const anyCase = names.IsCaseSensitive() ? "" : " in upper or lower case";
-    switch (names.GetMatchType()) {
-    case MatchType::Any:
-        return "everything";
-    case MatchType::Exact:
-        return "the name " + pattern + anyCase;
-    case MatchType::Glob:
-        return "names like " + pattern + anyCase;
-    case MatchType::None:
-        break;
-    }
-    return "nothing";
-}
 
 // Returns the reason why an include does not match the name, which it `reaches` or not.
 std::optional<NearMiss::Cause> CauseOf(const YSelectionDescriptor& rule, const YString& name, bool reaches)
@@ -48,17 +28,6 @@ std::optional<NearMiss::Cause> CauseOf(const YSelectionDescriptor& rule, const Y
 }
 
 } // namespace
-
-std::string RulePhrase(const YSelectionPathDescriptor& rule)
-{
-    const std::string place = rule.GetPath().IsEmpty() ? "/" : Printable(rule.GetPath());
-    const char* const verb = rule.IsInclude()          ? "include "
-                             : rule.GetReportExclude() ? "exclude "
-                                                       : "exclude silently ";
-    return verb + NamesOf(rule.GetDescriptor()) + (rule.IsRecursive() ? " in " : " directly in ") + place +
-           (rule.IsRecursive() ? " and below" : "") +
-           (rule.IsInclude() && rule.GetExplicitSelection() ? ", explicitly" : "");
-}
 
 NearMisses FindNearMisses(const Backup::File::YSelectionManager& rules, const YPath& path)
 {
