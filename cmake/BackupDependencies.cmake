@@ -2,6 +2,7 @@
 # installed libraries need, BackupConfig.cmake.in finds again.
 find_package(Threads REQUIRED)
 find_package(LibArchive 3.6 REQUIRED)
+find_package(CURL 7.88 REQUIRED)
 find_package(Boost 1.81 REQUIRED COMPONENTS json)
 find_package(OpenSSL 3 REQUIRED)
 find_package(TinyXML REQUIRED)

@@ -10,14 +10,14 @@ install(TARGETS kbagent RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 
 # Headers that only the libraries' own sources include are not installed.
 set(BACKUP_PRIVATE_HEADERS
-  Core/OpenSSL/ File/LegacyVamHeader.h File/YSelectionTrace.h File/YSelectionTree.h
+  Core/OpenSSL/ File/GlobIndex.h File/LegacyVamHeader.h File/NameIndex.h File/YSelectionTrace.h File/YSelectionTree.h
   Util/BuildInfo.h Util/Unix/Linux/SystemdUnit.h
   Volume/Unix/Discovery.h)
 if(APPLE)
   list(APPEND BACKUP_PRIVATE_HEADERS Util/Unix/Linux/) # what is not built there
 endif()
 set(KRT_PRIVATE_HEADERS
-  Environment/Unix/ Exception/Unix/ File/Unix/ JSON/FreeListAllocator.h JSON/YValue.inl Log/YLogContext.h
+  Environment/Unix/ Exception/Unix/ File/Unix/ JSON/SharedBlock.h JSON/YValue.inl Log/YLogContext.h
   String/Utf8.h Thread/Unix/NativeThread.h Volume/Unix/)
 function(backup_install_headers root folder)
   file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${root}" "${root}/${folder}/*.h" "${root}/${folder}/*.inl")

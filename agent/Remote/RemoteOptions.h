@@ -1,0 +1,20 @@
+// RemoteOptions: how repositories on servers are used, as a command line gives it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Agent::Remote {
+
+/// What is empty or 0 was not given.
+struct RemoteOptions
+{
+    std::string anchorFile;            ///< --cacert
+    std::vector<std::string> pins;     ///< --tls-pin: "sha256:" and 64 hexadecimal digits each
+    std::vector<std::string> extended; ///< --option: KEY=VALUE each
+    std::uint64_t uploadLimit = 0;     ///< KiB a second
+    std::uint64_t downloadLimit = 0;   ///< KiB a second
+};
+
+} // namespace Agent::Remote

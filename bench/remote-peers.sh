@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# bench/remote-peers.sh [--quick]: backs a tree of 92,000 entries up to a server of S3, backs it up unchanged, and
+# restores it, with kbagent and restic in turns. testing/s3-server.sh runs it. The time in which curl moves the same
+# bytes is subtracted from both. Prints the medians in seconds and kbagent's multiples of restic, "name TAB value TAB
+# unit"; the bounds are 0.5 for a backup, 0.4 for an unchanged one and 0.6 for a restore. Reads build/bench, or the
+# build folder that BUILD names. The tree is in $TMPDIR or /tmp.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+export LC_ALL=C RESTIC_PASSWORD=bench KBAGENT_PASSWORD=bench
+
+build=${BUILD:-build/bench}
+entries=92000
+turns=3
+[ "${1:-}" != --quick ] || entries=3000 turns=1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+tree=$work/tree target=$work/target
+export RESTIC_CACHE_DIR=$work/restic KBAGENT_CACHE_DIR=$work/kbagent
+kbagent=$build/kbagent
+url=${KBAGENT_TEST_S3#s3:}/bare
+
+row() { printf '%s\t%s\t%s\n' "$@"; }
+time_into() {
+    local name=$1 TIMEFORMAT='%3R'
+    shift
+    { time "$@" >"$work/output" 2>&1; } 2>>"$work/$name" || { cat "$work/output" >&2; exit 1; }
+}
+median() { sort -g "$work/$1" | awk '{ value[NR] = $1 } END { print value[int((NR + 1) / 2)] }'; }
+# signed HASH ARGUMENT...: curl with the signature for a body that has the hash. The key is on standard input.
+signed() {
+    local hash=$1
+    shift
+    printf 'user = "%s:%s"\n' "$AWS_ACCESS_KEY_ID" "$AWS_SECRET_ACCESS_KEY" |
+        curl -sSf -K - --aws-sigv4 aws:amz:us-east-1:s3 -H "x-amz-content-sha256: $hash" "$@"
+}
+put_bare() { signed "$pack_hash" -T "$work/pack" "$url/[1-$packs]"; }
+get_bare() { signed "$(sha256sum </dev/null | cut -d ' ' -f 1)" "$url/[1-$packs]" -o "$work/received"; }
+
+"$build/bench/CaptureBench" make "$tree" "$entries"
+for turn in $(seq "$turns"); do
+    export KBAGENT_REPOSITORY=$KBAGENT_TEST_S3/kbagent$turn RESTIC_REPOSITORY=$KBAGENT_TEST_S3/restic$turn
+    "$kbagent" -q init
+    restic -q init
+    for what in backup unchanged; do
+        time_into "$what.kbagent" "$kbagent" backup -q "$tree"
+        time_into "$what.restic" restic -q backup "$tree"
+    done
+    for program in "$kbagent" restic; do
+        time_into "restore.$(basename "$program")" "$program" -q restore latest --target "$target"
+        rm -rf "$target"
+    done
+done
+bytes=$(restic stats --mode raw-data --json | sed 's/.*"total_size":\([0-9]*\).*/\1/')
+packs=$((bytes / (16 << 20) + 1))
+head -c $((bytes / packs)) /dev/urandom >"$work/pack"
+pack_hash=$(sha256sum <"$work/pack" | cut -d ' ' -f 1)
+for _ in $(seq "$turns"); do
+    time_into backup.bare put_bare
+    time_into restore.bare get_bare
+done
+echo 0 >"$work/unchanged.bare"
+for what in backup unchanged restore; do
+    for name in kbagent restic bare; do
+        row "remote.$what.$name" "$(median "$what.$name")" s
+    done
+    row "remote.$what.beside_restic" "$(awk -v a="$(median "$what.kbagent")" -v b="$(median "$what.restic")" \
+        -v bare="$(median "$what.bare")" 'BEGIN { printf "%.4g", (a - bare) / (b - bare) }')" x
+done

@@ -1,0 +1,112 @@
+#!/usr/bin/env bash
+# testing/remote.sh BUILD: tests repositories on servers with the programs of a build. testing/s3-server.sh runs it.
+# The contract of backends and their faults come first, then kbagent and restic on one repository, eight hosts at the
+# same time with removals between their backups, and a server that lets nothing be removed. Ends non-zero if anything
+# is lost.
+set -euo pipefail
+
+build=$(realpath "$1")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+export KBAGENT_REPOSITORY=$KBAGENT_TEST_S3/shared KBAGENT_CACHE_DIR=$work/cache KBAGENT_PASSWORD=secret
+export RESTIC_REPOSITORY=$KBAGENT_REPOSITORY RESTIC_CACHE_DIR=$work/restic RESTIC_PASSWORD=secret
+kbagent=$build/kbagent
+fail() { echo "$*" >&2; exit 1; }
+# quietly COMMAND...: prints the output of a command that fails.
+quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; fail "failed: $*"; }; }
+
+export KBAGENT_FAULT_STRIDE=${KBAGENT_FAULT_STRIDE:-40} # of all faults in all answers; with 3 it takes 16 minutes
+"$build/tests/agent_tests" --gtest_filter='Kinds/Backend.*:S3*:RestBackend.*:RemoteRepository.*' >"$work/tests" ||
+    { cat "$work/tests" >&2; fail "a test failed"; }
+! grep -A2 SKIPPED "$work/tests" >&2 || fail "a server was not used"
+grep PASSED "$work/tests"
+
+echo "-- kbagent and restic on one repository"
+mkdir "$work/ours" "$work/theirs"
+cp -r /usr/include/openssl "$work/ours"
+cp -r /usr/include/c++ "$work/theirs"
+quietly "$kbagent" init
+quietly "$kbagent" backup "$work/ours"
+quietly restic backup "$work/theirs"
+quietly "$kbagent" backup "$work/theirs" "$work/ours"
+quietly "$kbagent" check --read-data
+quietly restic check --read-data
+quietly restic restore latest --target "$work/by-restic"
+quietly "$kbagent" restore latest --target "$work/by-kbagent"
+for folder in ours theirs; do
+    for target in by-restic by-kbagent; do
+        diff -r "$work/$folder" "$work/$target$work/$folder" || fail "$target: $folder differs"
+    done
+done
+
+echo "-- errors"
+# refused TEXT EXIT-CODE COMMAND...: the command fails at once, with this text and without a secret.
+refused() {
+    local text=$1 code=$2 result=0
+    shift 2
+    timeout 20 "$@" >"$work/log" 2>&1 || result=$?
+    [ "$result" -eq "$code" ] && grep -q "$text" "$work/log" || { cat "$work/log" >&2; fail "not refused: $text"; }
+    ! grep -q "$AWS_SECRET_ACCESS_KEY" "$work/log" || fail "a secret is in an error"
+}
+refused "the secret key is not that of the access key" 1 env AWS_SECRET_ACCESS_KEY=wrong "$kbagent" snapshots
+refused "the server does not know the access key" 1 env AWS_ACCESS_KEY_ID=wrong "$kbagent" snapshots
+refused "does not exist" 10 "$kbagent" snapshots -r "${KBAGENT_TEST_S3%/*}/missing-bucket/shared"
+
+echo "-- eight hosts at the same time"
+# as_host NAME COMMAND...: with another host name, if this user may have one.
+as_host() {
+    local name=$1
+    shift
+    if unshare --uts true 2>"$work/unshare"; then
+        unshare --uts bash -c 'echo "$0" >/proc/sys/kernel/hostname && exec "$@"' "$name" "$@"
+    else
+        "$@"
+    fi
+}
+back_up_twice() {
+    local host=$1 turn
+    for turn in 1 2; do
+        head -c 3000000 /dev/urandom >"$work/$host/own"
+        KBAGENT_CACHE_DIR=$work/cache-$host as_host "$host" \
+            "$kbagent" backup --host "$host" --retry-lock 10m "$work/$host" || return
+    done
+}
+pids=()
+for host in host{1..8}; do
+    mkdir "$work/$host"
+    cp -r /usr/include/openssl "$work/$host"
+    back_up_twice "$host" >"$work/log-$host" 2>&1 &
+    pids+=($!)
+done
+quietly restic snapshots
+quietly "$kbagent" forget --keep-last 1 --prune --max-unused 0 --retry-lock 10m
+for host in {1..8}; do
+    wait "${pids[host - 1]}" || { cat "$work/log-host$host" >&2; fail "a backup of host$host failed"; }
+done
+quietly "$kbagent" forget --keep-last 1 --prune --max-unused 0 --retry-lock 10m
+[ "$("$kbagent" list snapshots | wc -l)" -eq 11 ] || fail "a snapshot is missing"
+quietly restic check --read-data
+for host in host{1..8}; do
+    quietly "$kbagent" restore --host "$host" latest --target "$work/restored-$host"
+    diff -r "$work/$host" "$work/restored-$host$work/$host" || fail "$host differs"
+done
+[ -z "$("$kbagent" list locks --no-lock)" ] || fail "a lock remains"
+
+echo "-- kbagent and restic on rclone, which lets nothing but locks be removed"
+place=127.0.0.1:$((${S3_PORT:-21480} + 10))
+RCLONE_CONFIG=/dev/null rclone serve restic --append-only --addr "$place" "$work/served" >"$work/rclone" 2>&1 &
+rclone=$!
+trap 'kill "$rclone" || true; rm -rf "$work"' EXIT
+for ((i = 0; i < 100; ++i)); do
+    if (exec 3<>"/dev/tcp/${place/://}") 2>"$work/log"; then break; fi
+    sleep 0.1
+done
+export KBAGENT_REPOSITORY=rest:http://$place/ RESTIC_REPOSITORY=rest:http://$place/
+quietly restic init
+quietly "$kbagent" backup "$work/ours"
+quietly restic backup "$work/theirs"
+quietly "$kbagent" check --read-data
+quietly restic check --read-data
+refused "append-only" 3 "$kbagent" forget latest
+quietly restic check
+echo "-- no difference"

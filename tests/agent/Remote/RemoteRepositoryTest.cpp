@@ -1,0 +1,231 @@
+// Commands on a repository on a server.
+#include "agent/Remote/Location.h"
+
+#include "testing/RepositoryFixture.h"
+#include "testing/RestStore.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <random>
+#include <unistd.h>
+
+using namespace Agent;
+using namespace Testing;
+
+namespace {
+
+class RemoteRepository : public RepositoryFixture
+{
+protected:
+    RemoteRepository()
+    {
+        Create("rest:http://" + server.Place() + "/");
+        directory.Write("source/a/b", "content");
+        directory.Write("source/c", "more");
+    }
+    void Create(const std::string& location)
+    {
+        Repo::CreateOptions options;
+        options.cost = {16, 1, 1};
+        Remote::SecretSources secrets;
+        secrets.environment = [](const char* name) {
+            return std::getenv(name);
+        };
+        Repo::Repository::Create(Remote::MakeRemoteBackend(location, {}, std::move(secrets)),
+                                 Repo::Secret(Repo::AsBytes(password)), options);
+        repository = location;
+    }
+    ProgramResult RunCached(int exitCode, const std::string& words) const
+    {
+        return Run(exitCode, Words(words), {}, {"KBAGENT_CACHE_DIR=" + directory / "cache"});
+    }
+    // The result of a command, of which the answer to the request of this number is spoilt.
+    int RunSpoilt(unsigned int number, const HttpFault& fault, const std::string& words)
+    {
+        const unsigned int before = server.Count();
+        answer = [&, before](const HttpRequest& request) {
+            return request.number == before + number ? fault.spoil(next, request) : next(request);
+        };
+        const ProgramResult result = Run(-1, Words(words));
+        answer = next;
+        mostRequests = std::max(mostRequests, server.Count() - before);
+        EXPECT_LT(result.exitCode, 128) << result.errors;
+        return result.exitCode;
+    }
+    void SpoilEachAnswer()
+    {
+        using Next = HttpServer::Handler;
+        const int stride = Rounds("KBAGENT_FAULT_STRIDE", 11); // 1 for all faults in all answers
+        std::vector<HttpFault> faults = TemporaryFaults();
+        const std::size_t temporary = faults.size();
+        faults.push_back({"refused", [](const Next&, const HttpRequest&) {
+                              return Answer(403);
+                          }});
+        faults.push_back({"not found", [](const Next&, const HttpRequest&) {
+                              return Answer(404);
+                          }});
+        // Not a list, and empty ones of both kinds of servers.
+        for (const char* body :
+             {"wrong", "[]", "<ListBucketResult><IsTruncated>false</IsTruncated></ListBucketResult>"})
+            faults.push_back({body, [body](const Next& work, const HttpRequest& request) {
+                                  work(request);
+                                  return Answer(200, request.method == "HEAD" ? "" : body);
+                              }});
+        const std::string forget = "forget --keep-last 1 --prune --max-unused 0 --no-cache";
+        for (const std::string& command : {"backup --no-cache " + source, forget})
+            RunSpoilt(0, faults.front(), command); // counts requests
+        for (unsigned int number = 1; number <= mostRequests; ++number) {
+            for (std::size_t i = 0; i < faults.size(); ++i) {
+                if ((number + i) % static_cast<unsigned int>(stride) != 0)
+                    continue;
+                const HttpFault& fault = faults[i];
+                SCOPED_TRACE(std::string(fault.label) + " " + std::to_string(number));
+                const std::string content = std::to_string(number) + fault.label;
+                const std::string to = directory.MakeDirectory("to/" + std::to_string(number * 100 + i));
+                directory.Write("source/c", content);
+                const bool isBackedUp = RunSpoilt(number, fault, "backup --no-cache " + source) == 0;
+                if (!isBackedUp)
+                    Run(-1, "unlock --remove-all"), RunCached(0, "backup " + source);
+                const bool isRestored =
+                    RunSpoilt(number, fault, "restore latest --no-cache --target " + to) == 0;
+                if (isRestored) {
+                    EXPECT_EQ(ReadFile(to + source + "/a/b") + ReadFile(to + source + "/c"),
+                              "content" + content);
+                }
+                const bool isPruned = RunSpoilt(number, fault, forget) == 0;
+                if (i < temporary) {
+                    EXPECT_TRUE(isBackedUp && isRestored && isPruned);
+                }
+                Run(0, "unlock --remove-all");
+                RunCached(0, "check --read-data");
+            }
+        }
+    }
+    // The files of a kind in the store.
+    std::size_t Count(const std::string& folder) const
+    {
+        return static_cast<std::size_t>(
+            std::count_if(store.files.begin(), store.files.end(),
+                          [&](const auto& file) { return file.first.starts_with(folder); }));
+    }
+
+    RestStore store{.isReplacing = false};
+    HttpServer::Handler next = [this](const HttpRequest& request) {
+        return store.Handle(request);
+    };
+    HttpServer::Handler answer = next;
+    unsigned int mostRequests = 0; // of a command
+    HttpServer server{[this](const HttpRequest& request) {
+        return answer(request);
+    }};
+};
+
+TEST_F(RemoteRepository, UnchangedBackupMakesFewRequests)
+{
+    RunCached(0, "backup " + source);
+    RunCached(0, "backup " + source);
+    // Directories above the source may have changed, so that trees are written.
+    const auto requests = [this] {
+        return server.Count() - Count("/data/") - Count("/index/");
+    };
+    std::size_t before = requests();
+    RunCached(0, "backup " + source);
+    EXPECT_LE(requests() - before, 12u);
+    before = requests();
+    Run(0, Words("backup --no-cache --limit-upload 10000 --limit-download 10000 " + source), {},
+        {"KBAGENT_CACHE_DIR=" + directory / "cache"});
+    EXPECT_GT(requests() - before, 12u);
+    EXPECT_EQ(Count("/locks/"), 0u);
+    EXPECT_EQ(Count("/snapshots/"), 4u);
+    RunCached(0, "check --read-data");
+    std::filesystem::remove_all(directory / "cache");
+    RunCached(0, "restore latest --target " + target);
+    EXPECT_EQ(ReadFile(target + source + "/a/b"), "content");
+    EXPECT_TRUE(std::filesystem::exists(directory / "cache/CACHEDIR.TAG"));
+    RunCached(10, "snapshots -r " + repository + "other/");
+}
+
+// The answer to each request of backup, restore, forget and prune is spoilt, in one run for each. A run
+// succeeds in spite of temporary faults. Otherwise the repository stays sound, and a restore that succeeds is
+// complete.
+TEST_F(RemoteRepository, AnyAnswerMayBeSpoilt)
+{
+    SpoilEachAnswer();
+}
+
+// Between the program and a real server.
+TEST_F(RemoteRepository, AnyAnswerOfS3MayBeSpoilt)
+{
+    const char* const bucket = std::getenv("KBAGENT_TEST_S3");
+    if (bucket == nullptr)
+        GTEST_SKIP() << "KBAGENT_TEST_S3 names no bucket; testing/s3-server.sh starts a server";
+    const Remote::S3Location location = Remote::ParseS3Location(bucket, {});
+    answer = next = ForwardTo(std::to_string(location.server.port));
+    Create("s3:http://" + server.Place() + "/" + location.bucket + "/commands-" +
+           std::to_string(std::random_device{}()));
+    SpoilEachAnswer();
+}
+
+TEST_F(RemoteRepository, AllCommandsUseServers)
+{
+    const std::string local = "-r " + directory / "local", from = " --from-repo " + repository;
+    const std::string passwordFile = directory.Write("password", password);
+    CreateRepository(directory / "local", password);
+    RunCached(0, "backup " + source);
+    for (const std::string& words : std::vector<std::string>{
+             "ls latest", "dump latest " + source + "/c", "stats", "list packs", "cat config", "key list",
+             "tag --add x latest", "rewrite --exclude b --forget latest", "repair index", "repair snapshots",
+             "recover", "migrate", "unlock", "explain -r " + repository + " " + source,
+             "copy " + local + from + " --from-password-file " + passwordFile,
+             "copy --from-repo " + directory / "local" + " --from-password-file " + passwordFile,
+             "init -r " + directory / "third --copy-chunker-params" + from + " --from-password-file " +
+                 passwordFile,
+             "check --read-data"})
+        RunCached(0, words);
+    // A lock that is stored, though the server reports a failure.
+    answer = [this](const HttpRequest& request) {
+        const HttpAnswer stored = next(request);
+        return request.method == "POST" && request.target.starts_with("/locks/") ? Answer(507) : stored;
+    };
+    EXPECT_TRUE(Holds(RunCached(1, "backup " + source).errors, "507"));
+    EXPECT_EQ(Count("/locks/"), 0u);
+}
+
+TEST_F(RemoteRepository, AppendOnlyStoreTakesBackups)
+{
+    store.isAppendOnly = true;
+    RunCached(0, "backup " + source);
+    const ProgramResult tagged = RunCached(-1, "tag --add x latest");
+    EXPECT_NE(tagged.exitCode, 0);
+    EXPECT_TRUE(Holds(tagged.errors, "append-only"));
+    const ProgramResult forgotten = RunCached(-1, "forget --keep-last 1 --prune");
+    EXPECT_NE(forgotten.exitCode, 0);
+    EXPECT_TRUE(Holds(forgotten.errors, "append-only"));
+    RunCached(0, "check --read-data");
+    store.keepsLocks = true;
+    EXPECT_TRUE(Holds(RunCached(3, "backup " + source).errors, "'kbagent unlock' has to"));
+}
+
+TEST_F(RemoteRepository, InterruptEndsCommandThoughServerIsSilent)
+{
+    bool isSilent = false;
+    answer = [&](const HttpRequest& request) {
+        if (!isSilent && request.target == "/snapshots/") {
+            isSilent = true;
+            kill(std::stoi(ReadFile(directory / "pid")), SIGINT);
+        }
+        return isSilent ? HttpAnswer{"", false, true} : store.Handle(request);
+    };
+    const auto keepId = [this] {
+        directory.Write("pid", std::to_string(getpid()));
+    };
+    const ProgramResult result = Run(130, Words("backup --no-cache " + source), {.prepare = keepId});
+    EXPECT_TRUE(Holds(result.errors, "did not respond in time after the interrupt"));
+    EXPECT_TRUE(Holds(result.errors, "'kbagent unlock' has to"));
+    EXPECT_EQ(Count("/locks/"), 1u);
+}
+
+} // namespace
