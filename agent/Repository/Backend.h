@@ -27,6 +27,8 @@ struct FileName
 {
     FileKind kind = FileKind::Config;
     Id id; ///< not used for FileKind::Config
+    /// A hint for a backend that keeps copies: of this pack, blobs of trees are used. Not part of the name.
+    bool hasTrees = false;
 
     /// The path in the layout that all backends share, relative to the repository: "config", "keys/ID",
     /// "locks/ID", "snapshots/ID", "index/ID" or "data/HH/ID". HH is the first two digits of ID.
@@ -34,7 +36,7 @@ struct FileName
     /// Path() and ": ", which begins the message of a failure.
     Krt::YString Prefix() const;
 
-    friend bool operator==(const FileName&, const FileName&) = default;
+    friend bool operator==(const FileName& a, const FileName& b) { return a.kind == b.kind && a.id == b.id; }
 };
 
 /// Any number of threads may use a backend at once. Every operation raises Failure::Backend if the location
@@ -59,9 +61,15 @@ public:
     /// The size in bytes. Raises Missing if the file does not exist.
     virtual std::uint64_t Size(const FileName& file) = 0;
     /// Calls `visit` for each file of the kind with its id and its size in bytes, in no particular order.
-    /// Entries that are not named by 64 hexadecimal digits are ignored, as is a directory that does not
-    /// exist. What `visit` raises passes through. The kind is not Config.
+    /// Entries that are not named by 64 hexadecimal digits in lower case are ignored, as is a local directory
+    /// that does not exist. Raises Missing or NoRepository if a server lacks the place that Prepare makes.
+    /// What `visit` raises passes through. The kind is not Config.
     virtual void List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit) = 0;
+
+    /// Verifies that List does not ignore files of the kind, such as snapshots. Raises Missing if the place
+    /// that Prepare makes for them does not exist, and Damaged if one is named by digits in upper case. Does
+    /// nothing if the store is on a server, whose lists raise that.
+    virtual void RequireComplete(FileKind kind) { static_cast<void>(kind); }
 
     /// Stores a file, which is complete and durable when this returns. Other processes see the whole file
     /// or no file, also after a failure. A file that has this name is replaced.

@@ -3,6 +3,7 @@
 #include "agent/Repository/Zstd.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace Agent::Repo {
@@ -13,7 +14,6 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr std::size_t PackBlobLimit = 50000;             // blobs of a pack
 constexpr std::size_t IndexBlobLimit = 50000;            // blobs after which an index file is full
 constexpr auto IndexAgeLimit = std::chrono::minutes(10); // after which an index file is written in any case
 constexpr auto BetweenCalls = std::chrono::milliseconds(100); // of onWait
@@ -49,23 +49,24 @@ bool LooksIncompressible(ByteView content, Bytes& scratch)
     constexpr std::size_t SampleSize = 64 << 10;
     if (content.size() < 2 * SampleSize || !IsFlat(content))
         return false;
-    scratch.clear();
-    Compress(content.subspan((content.size() - SampleSize) / 2, SampleSize), scratch, FastLevel);
-    return scratch.size() >= SampleSize - SampleSize / 64;
+    const ByteView sample = content.subspan((content.size() - SampleSize) / 2, SampleSize);
+    return CompressInto(sample, scratch, FastLevel).size() >= SampleSize - SampleSize / 64;
 }
 
-// Returns true and the compressed content in `out` if the blob is to be stored compressed.
-bool CompressBlob(BlobType type, ByteView plaintext, Compression compression, Bytes& out)
+// Returns the compressed content, which is in the scratch memory; nothing if the blob is stored as it is.
+std::optional<ByteView> CompressBlob(BlobType type, ByteView plaintext, Compression compression,
+                                     Bytes& scratch)
 {
-    out.clear();
     if (plaintext.empty())
-        return false;
+        return std::nullopt;
     const bool isTree = type == BlobType::Tree;
-    if (!isTree && (compression == Compression::Off || LooksIncompressible(plaintext, out)))
-        return false;
-    out.clear();
-    Compress(plaintext, out, compression == Compression::Max ? MaxLevel : AutoLevel);
-    return isTree || out.size() + PackEntrySize(true) < plaintext.size() + PackEntrySize(false);
+    if (!isTree && (compression == Compression::Off || LooksIncompressible(plaintext, scratch)))
+        return std::nullopt;
+    const ByteView compressed =
+        CompressInto(plaintext, scratch, compression == Compression::Max ? MaxLevel : AutoLevel);
+    if (!isTree && compressed.size() + PackEntrySize(true) >= plaintext.size() + PackEntrySize(false))
+        return std::nullopt;
+    return compressed;
 }
 
 void GiveBack(Bytes& scratch)
@@ -162,10 +163,15 @@ std::uint64_t BlobSaver::Save(const BlobHandle& handle, ByteView plaintext)
         KRT_RAISE_UNLESS(plaintext.size() <= UINT32_MAX - (1 << 26), Krt::ErrorCode::InvalidArgument,
                          "A blob exceeds the limits of a pack");
         blob.plainLength = static_cast<std::uint32_t>(plaintext.size());
-        blob.isCompressed = CompressBlob(handle.type, plaintext, m_options.compression, compressed);
-        sealed.clear();
-        Seal(m_repository.GetKey(), blob.isCompressed ? ByteView(compressed) : plaintext, sealed);
-        const std::uint64_t grown = Append(blob, sealed);
+        const std::optional<ByteView> frame =
+            CompressBlob(handle.type, plaintext, m_options.compression, compressed);
+        blob.isCompressed = frame.has_value();
+        const ByteView content = frame.value_or(plaintext);
+        const std::size_t size = content.size() + SealOverhead;
+        if (sealed.size() < size)
+            sealed.resize(size);
+        SealInto(m_repository.GetKey(), content, std::span(sealed).first(size));
+        const std::uint64_t grown = Append(blob, ByteView(sealed).first(size));
         GiveBack(compressed);
         GiveBack(sealed);
         return grown;
@@ -276,7 +282,8 @@ void BlobSaver::WritePacks()
 // Writes the pack, and the index file if it is due.
 void BlobSaver::WritePack(PackWriter& pack)
 {
-    const Id id = m_repository.SavePack(pack.Finish());
+    const BlobType type = pack.GetBlobs().front().handle.type;
+    const Id id = m_repository.SavePack(pack.Finish(), type);
     AnnotatedLock lock(m_mutex);
     if (m_noted.CountBlobs() == 0)
         m_notedSince = steady_clock::now();

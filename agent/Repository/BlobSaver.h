@@ -18,6 +18,7 @@
 
 #include "agent/Repository/Pack.h"
 #include "agent/Repository/Repository.h"
+#include "agent/Repository/SaveOptions.h"
 
 #include "Krt/Thread/ThreadSafety.h"
 
@@ -36,27 +37,6 @@
 #include <vector>
 
 namespace Agent::Repo {
-
-/// How much time compression takes.
-enum class Compression
-{
-    Auto, ///< little; data that does not shrink is stored as it is
-    Off,  ///< none: data is stored as it is. Trees are compressed, as the format recommends
-    Max   ///< much
-};
-
-/// How blobs are saved.
-struct SaveOptions
-{
-    Compression compression = Compression::Auto;
-    std::uint32_t packSize = 16 << 20; ///< bytes after which a pack is full
-    unsigned int writers = 2;          ///< threads that write packs, at least 1
-    /// Also saves blobs that the index has, since their packs are to be removed.
-    bool isRepacking = false;
-    /// Called about 10 times a second while Save or Finish waits. What it raises ends the saver.
-    std::function<void()> onWait = [] {
-    };
-};
 
 /// Blobs of one type that were saved and that the repository did not have before.
 struct SavedBlobs

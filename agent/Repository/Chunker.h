@@ -24,12 +24,10 @@ private:
 
     using Table = std::array<std::uint64_t, 256>; // by a byte
 
-    // What a byte adds to the digest one and two steps after the one with which it leaves the window.
-    Table m_outOne;
-    Table m_outTwo;
-    // What the uppermost byte of the digest adds to it in one and in two steps.
-    Table m_topOne;
-    Table m_topTwo;
+    // What a byte adds to the digest in the step with which it leaves the window.
+    Table m_out;
+    // What the uppermost byte of the digest adds to it in a step, and the bits that it leaves above.
+    Table m_top;
 };
 
 /// Finds the ends of chunks. One thread at a time.
@@ -53,6 +51,11 @@ public:
 private:
     static constexpr std::size_t WindowSize = 64; // bytes
 
+    std::uint64_t Step(std::uint64_t digest, unsigned char out, unsigned char in) const;
+    std::uint64_t DigestAt(const unsigned char* end) const;
+    std::size_t FindEnd(const unsigned char* data, std::size_t begin, std::size_t end,
+                        std::uint64_t& digest) const;
+    std::size_t FindEndInStrip(const unsigned char* data) const;
     std::size_t Slide(ByteView data, bool& isCut);
 
     const ChunkerTables& m_tables;

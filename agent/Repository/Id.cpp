@@ -1,5 +1,7 @@
 #include "agent/Repository/Id.h"
 
+#include "agent/Repository/Look.h"
+
 #include "Krt/Exception/Raise.h"
 #include "Krt/String/Ascii.h"
 
@@ -12,14 +14,18 @@ namespace Agent::Repo {
 
 namespace {
 
-// The value of a digit, or a negative number.
-int DigitValue(char digit)
+constexpr unsigned char NoDigit = 0xFF;
+
+// The values of hexadecimal digits, by character.
+constexpr std::array<unsigned char, 256> MakeDigitValues()
 {
-    if (digit >= '0' && digit <= '9')
-        return digit - '0';
-    if (digit >= 'a' && digit <= 'f')
-        return digit - 'a' + 10;
-    return digit >= 'A' && digit <= 'F' ? digit - 'A' + 10 : -1;
+    std::array<unsigned char, 256> values{};
+    values.fill(NoDigit);
+    for (unsigned char i = 0; i < 16; ++i) {
+        values[static_cast<unsigned char>("0123456789abcdef"[i])] = i;
+        values[static_cast<unsigned char>("0123456789ABCDEF"[i])] = i;
+    }
+    return values;
 }
 
 struct Free
@@ -42,7 +48,12 @@ Id Id::Of(ByteView content)
 {
     Id id;
     EVP_MD_CTX* const context = DigestOfThread();
-    KRT_RAISE_UNLESS(context != nullptr && EVP_DigestUpdate(context, content.data(), content.size()) == 1 &&
+    bool hasSucceeded = context != nullptr;
+    for (; content.size() > LookStep; content = content.subspan(LookStep)) {
+        Look();
+        hasSucceeded = hasSucceeded && EVP_DigestUpdate(context, content.data(), LookStep) == 1;
+    }
+    KRT_RAISE_UNLESS(hasSucceeded && EVP_DigestUpdate(context, content.data(), content.size()) == 1 &&
                          EVP_DigestFinal_ex(context, id.bytes.data(), nullptr) == 1,
                      Krt::ErrorCode::CryptoFailure, "Failed to compute a SHA-256 digest");
     return id;
@@ -52,14 +63,17 @@ std::optional<Id> Id::FromHex(std::string_view text)
 {
     if (text.size() != Digits)
         return std::nullopt;
+    static constexpr std::array<unsigned char, 256> Values = MakeDigitValues();
     Id id;
+    unsigned int all = 0; // the union of the bits of all values
     for (std::size_t i = 0; i < Size; ++i) {
-        const int high = DigitValue(text[2 * i]);
-        const int low = DigitValue(text[2 * i + 1]);
-        if (high < 0 || low < 0)
-            return std::nullopt;
-        id.bytes[i] = static_cast<unsigned char>(high * 16 + low);
+        const unsigned int high = Values[static_cast<unsigned char>(text[2 * i])];
+        const unsigned int low = Values[static_cast<unsigned char>(text[2 * i + 1])];
+        all |= high | low;
+        id.bytes[i] = static_cast<unsigned char>(high << 4 | low);
     }
+    if (all > 0xF)
+        return std::nullopt;
     return id;
 }
 

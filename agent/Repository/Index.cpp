@@ -314,13 +314,19 @@ std::optional<IndexedBlob> Index::Find(const BlobHandle& handle) const
     return isFound ? std::optional(At(found)) : std::nullopt;
 }
 
+void Index::VisitAll(const BlobHandle& handle,
+                     const std::function<void(const IndexedBlob& copy)>& visit) const
+{
+    m_tables->FindCopies(handle, [&](std::uint32_t number, const Tables::Entry&) {
+        visit(At(number));
+        return false;
+    });
+}
+
 std::vector<IndexedBlob> Index::FindAll(const BlobHandle& handle) const
 {
     std::vector<IndexedBlob> copies;
-    m_tables->FindCopies(handle, [&](std::uint32_t number, const Tables::Entry&) {
-        copies.push_back(At(number));
-        return false;
-    });
+    VisitAll(handle, [&copies](const IndexedBlob& copy) { copies.push_back(copy); });
     return copies;
 }
 

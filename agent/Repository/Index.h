@@ -76,6 +76,8 @@ public:
     bool Has(const BlobHandle& handle) const;
     /// The location of the copy of the blob that was added first; nothing if the index does not have it.
     std::optional<IndexedBlob> Find(const BlobHandle& handle) const;
+    /// Calls `visit` for each copy of the blob, in the order in which they were added.
+    void VisitAll(const BlobHandle& handle, const std::function<void(const IndexedBlob& copy)>& visit) const;
     /// The locations of all copies of the blob.
     std::vector<IndexedBlob> FindAll(const BlobHandle& handle) const;
     /// The most bytes that a copy of the blob has, sealed or not; 0 if the index does not have it.

@@ -78,9 +78,27 @@ char ToLower(char byte)
     return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
 }
 
+// The ASCII characters that are not control characters and not among these.
+constexpr std::array<bool, 256> MakeSet(std::string_view without)
+{
+    std::array<bool, 256> set{};
+    for (std::size_t byte = 0x20; byte < 0x80; ++byte)
+        set[byte] = without.find(static_cast<char>(byte)) == std::string_view::npos;
+    return set;
+}
+
+// What is written as it is.
 bool IsPlain(char byte)
 {
-    return byte >= 0x20 && byte != '"' && byte != '\\' && byte != '<' && byte != '>' && byte != '&';
+    static constexpr std::array<bool, 256> Plain = MakeSet("\"\\<>&");
+    return Plain[static_cast<unsigned char>(byte)];
+}
+
+// What is read as it is.
+bool IsOrdinary(char byte)
+{
+    static constexpr std::array<bool, 256> Ordinary = MakeSet("\"\\");
+    return Ordinary[static_cast<unsigned char>(byte)];
 }
 
 // Appends the first character of the text, which is not plain. Returns the number of its bytes.
@@ -130,6 +148,8 @@ void JoinRepeated(std::vector<RawMember>& members)
 
 bool IsKey(std::string_view key, std::string_view member)
 {
+    if (key == member) [[likely]]
+        return true;
     return key.size() == member.size() && std::equal(key.begin(), key.end(), member.begin(),
                                                      [](char a, char b) { return ToLower(a) == ToLower(b); });
 }
@@ -147,13 +167,22 @@ void JsonReader::RaiseDamaged(const char* reason) const
 // The first byte of the next part.
 char JsonReader::Peek()
 {
-    while (m_offset < m_text.size()) {
+    for (;; ++m_offset) {
+        if (m_offset >= m_lookAt)
+            PassLook();
         const char byte = m_text[m_offset];
         if (byte != ' ' && byte != '\n' && byte != '\t' && byte != '\r')
             return byte;
-        ++m_offset;
     }
-    RaiseDamaged("the JSON text is cut off");
+}
+
+// Looks in the middle of the text, and raises at its end.
+void JsonReader::PassLook()
+{
+    if (m_offset >= m_text.size())
+        RaiseDamaged("the JSON text is cut off");
+    Look();
+    m_lookAt = std::min(m_text.size(), m_offset + LookStep);
 }
 
 void JsonReader::Take(char byte, const char* reason)
@@ -235,22 +264,26 @@ std::string_view JsonReader::TakeString(std::string& decoded)
     Take('"', "a string is expected");
     const std::size_t begin = m_offset;
     bool isPlain = true;
-    for (;; ++m_offset) {
-        if (m_offset >= m_text.size())
-            RaiseDamaged("the JSON text is cut off");
-        const auto byte = static_cast<unsigned char>(m_text[m_offset]);
+    std::size_t end = m_offset;
+    for (;;) {
+        const std::size_t stop = std::min(m_text.size(), end + LookStep);
+        while (end < stop && IsOrdinary(m_text[end]))
+            ++end;
+        if (end >= m_text.size())
+            RaiseDamagedAt(end, "the JSON text is cut off");
+        if (end == stop) {
+            Look();
+            continue;
+        }
+        const auto byte = static_cast<unsigned char>(m_text[end]);
         if (byte == '"')
             break;
         if (byte < 0x20)
-            RaiseDamaged("a string has a control character");
-        if (byte >= 0x80)
-            isPlain = false;
-        if (byte == '\\') {
-            isPlain = false;
-            ++m_offset;
-        }
+            RaiseDamagedAt(end, "a string has a control character");
+        isPlain = false;
+        end += byte == '\\' ? 2 : 1;
     }
-    const std::size_t end = m_offset++;
+    m_offset = end + 1;
     m_isFirst = false;
     if (isPlain)
         return m_text.substr(begin, end - begin);
@@ -501,7 +534,8 @@ void JsonWriter::String(std::string_view text)
 void JsonWriter::Number(std::uint64_t number)
 {
     Separate();
-    m_out += std::to_string(number);
+    char digits[20];
+    m_out.append(digits, std::to_chars(digits, std::end(digits), number).ptr);
 }
 
 void JsonWriter::Bool(bool value)

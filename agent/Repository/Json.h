@@ -3,8 +3,10 @@
 #pragma once
 
 #include "agent/Repository/Id.h"
+#include "agent/Repository/Look.h"
 #include "agent/Repository/Timestamp.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -33,7 +35,7 @@ class JsonReader
 {
 public:
     /// The text outlives the reader.
-    explicit JsonReader(std::string_view text) : m_text(text) {}
+    explicit JsonReader(std::string_view text) : m_text(text), m_lookAt(std::min(text.size(), LookStep)) {}
 
     /// Consumes the beginning of an object. NextKey gives its members.
     void BeginObject();
@@ -85,6 +87,7 @@ public:
 
 private:
     char Peek();
+    void PassLook();
     bool IsAt(char byte) const { return m_offset < m_text.size() && m_text[m_offset] == byte; }
     void Take(char byte, const char* reason);
     bool TakeWord(std::string_view word);
@@ -99,6 +102,7 @@ private:
 
     std::string_view m_text;
     std::size_t m_offset = 0;
+    std::size_t m_lookAt;   // the offset of the next look, or the end
     bool m_isFirst = false; // no member or item came yet in the innermost container
     std::string m_key;      // the last key, if it needed decoding
     std::string m_string;   // the last string, if it needed decoding

@@ -35,6 +35,7 @@ public:
     void LoadWhole(const FileName& file, std::uint64_t limit, Bytes& out) override;
     std::uint64_t Size(const FileName& file) override;
     void List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit) override;
+    void RequireComplete(FileKind kind) override;
     void Save(const FileName& file, ByteView content) override;
     bool SaveNew(const FileName& file, ByteView content) override;
     void Remove(const FileName& file) override;

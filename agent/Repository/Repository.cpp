@@ -195,10 +195,18 @@ void RequireNoRepository(IBackend& backend)
     }
     if (isTaken)
         RaiseTaken(backend);
-    KRT_RAISE_UNLESS(
-        ListSorted(backend, FileKind::Key).empty() && ListSorted(backend, FileKind::Snapshot).empty(),
-        Krt::ErrorCode::InvalidArgument,
-        "There are keys or snapshots of a repository without a configuration at " << backend.Describe());
+    const auto isEmpty = [&backend](FileKind kind) {
+        try {
+            return ListSorted(backend, kind).empty();
+        } catch (const RepositoryError& error) {
+            if (error.GetFailure() != Failure::Missing && error.GetFailure() != Failure::NoRepository)
+                throw;
+            return true; // Prepare makes the place
+        }
+    };
+    KRT_RAISE_UNLESS(isEmpty(FileKind::Key) && isEmpty(FileKind::Snapshot), Krt::ErrorCode::InvalidArgument,
+                     "There are keys or snapshots of a repository without a configuration at "
+                         << backend.Describe());
 }
 
 std::string MakeKeyFile(const Key& master, const Secret& password, const KeyOptions& options)
@@ -339,6 +347,13 @@ std::string Repository::LoadTextUpTo(const FileName& file, std::uint64_t limit) 
 
 Id Repository::SaveText(FileKind kind, std::string_view json) const
 {
+    Id id;
+    SaveText(kind, json, id);
+    return id;
+}
+
+void Repository::SaveText(FileKind kind, std::string_view json, Id& id) const
+{
     Bytes sealed;
     if (m_config.version >= 2) {
         Bytes content{CompressedMark};
@@ -347,15 +362,14 @@ Id Repository::SaveText(FileKind kind, std::string_view json) const
     } else {
         Seal(m_key, AsBytes(json), sealed);
     }
-    const Id id = Id::Of(sealed);
+    id = Id::Of(sealed);
     m_backend->Save({kind, id}, sealed);
-    return id;
 }
 
-Id Repository::SavePack(ByteView pack) const
+Id Repository::SavePack(ByteView pack, BlobType type) const
 {
     const Id id = Id::Of(pack);
-    m_backend->Save({FileKind::Pack, id}, pack);
+    m_backend->Save({FileKind::Pack, id, type == BlobType::Tree}, pack);
     return id;
 }
 
@@ -507,24 +521,34 @@ std::vector<FileName> Repository::FindLostPacks()
     return names;
 }
 
+LargeBlobTurn Repository::TakeTurnFor(std::uint32_t length)
+{
+    static std::recursive_mutex s_mutex;
+    return length > LargeBlobSize ? LargeBlobTurn(s_mutex) : LargeBlobTurn();
+}
+
 void Repository::LoadBlob(const BlobHandle& handle, Bytes& plaintext) const
 {
-    std::exception_ptr firstError;
+    std::exception_ptr raised;
     bool isLost = true;
+    bool mayBeWhole = false; // the copy that raised this
     for (const IndexedBlob& copy : m_index.FindAll(handle)) {
         try {
             LoadCopy(copy, plaintext);
             return;
         } catch (const RepositoryError& error) {
             isLost = isLost && error.GetFailure() != Failure::NoMemory;
-            if (!firstError)
-                firstError = std::current_exception();
+            const bool isWhole =
+                error.GetFailure() != Failure::Damaged && error.GetFailure() != Failure::Missing;
+            if (!raised || (isWhole && !mayBeWhole))
+                raised = std::current_exception();
+            mayBeWhole = mayBeWhole || isWhole;
         }
     }
-    if (firstError) {
+    if (raised) {
         if (isLost)
             m_lost->Add(handle);
-        std::rethrow_exception(firstError);
+        std::rethrow_exception(raised);
     }
     REPOSITORY_RAISE(Failure::Missing, "The index does not have the blob " << handle.ToText());
 }
@@ -533,6 +557,7 @@ void Repository::VisitTree(const Id& tree, const std::function<bool(Node& node)>
                            UnknownMembers unknown, BadEntryVisitor onBadEntry) const
 {
     const BlobHandle handle{BlobType::Tree, tree};
+    const LargeBlobTurn turn = TakeTurnFor(m_index.LengthOf(handle));
     Bytes text;
     LoadBlob(handle, text);
     const auto describe = [&handle] {
@@ -549,11 +574,13 @@ void Repository::VisitTree(const Id& tree, const std::function<bool(Node& node)>
 void Repository::LoadCopy(const IndexedBlob& copy, Bytes& plaintext) const
 {
     thread_local Bytes sealed;
+    const LargeBlobTurn turn = TakeTurnFor(std::max(copy.blob.length, copy.blob.plainLength));
     const Krt::Util::YScope atEnd([] {
         if (sealed.capacity() > ScratchLimit)
             Bytes().swap(sealed);
     });
-    const FileName file{FileKind::Pack, m_index.GetPacks()[copy.pack].id};
+    const FileName file{FileKind::Pack, m_index.GetPacks()[copy.pack].id,
+                        copy.blob.handle.type == BlobType::Tree};
     RunInMemoryFor(file.id, copy.blob,
                    [&] { m_backend->Load(file, copy.blob.offset, copy.blob.length, sealed); });
     DecodeBlob(file.id, copy.blob, sealed, plaintext);
@@ -562,6 +589,7 @@ void Repository::LoadCopy(const IndexedBlob& copy, Bytes& plaintext) const
 void Repository::DecodeBlob(const Id& pack, const PackedBlob& blob, std::span<unsigned char> sealed,
                             Bytes& plaintext) const
 {
+    const LargeBlobTurn turn = TakeTurnFor(std::max(blob.length, blob.plainLength));
     const auto describe = [&] {
         return PrefixOf(pack, blob);
     };

@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,6 +49,9 @@ struct CreateOptions : KeyOptions
     std::optional<Polynomial> polynomial;          ///< that of another repository; a random one if not given
 };
 
+/// While a thread has it, no other one of the process takes memory for a blob above LargeBlobSize.
+using LargeBlobTurn = std::unique_lock<std::recursive_mutex>;
+
 class Repository
 {
 public:
@@ -82,8 +86,10 @@ public:
     /// Seals JSON text, compressed in version 2, and saves it as a file of this kind: Snapshot, Index or
     /// Lock. Returns its id.
     Id SaveText(FileKind kind, std::string_view json) const;
-    /// Saves a pack and returns its id. The caller adds its blobs to the index.
-    Id SavePack(ByteView pack) const;
+    /// The same, with an id that is set before the file is saved: after a failure it may exist.
+    void SaveText(FileKind kind, std::string_view json, Id& id) const;
+    /// Saves a pack and returns its id. The caller adds its blobs, which are of this type, to the index.
+    Id SavePack(ByteView pack, BlobType type = BlobType::Data) const;
     /// The ids of the files of a kind, sorted.
     std::vector<Id> ListIds(FileKind kind) const;
     /// The blobs of a pack, read from its own header. `size` is the size of the file in bytes.
@@ -121,10 +127,15 @@ public:
     /// Finds the packs of the index that are missing or shorter than the index expects, so that their blobs
     /// count as lost. Returns their names. No other thread uses the repository meanwhile.
     std::vector<FileName> FindLostPacks();
+    /// Waits for the turn if a blob of this many bytes, sealed or not, is above LargeBlobSize; otherwise the
+    /// result has none. LoadBlob, VisitTree and DecodeBlob take it themselves until they return, so it is for
+    /// threads that keep such a blob longer. They release its memory before.
+    static LargeBlobTurn TakeTurnFor(std::uint32_t length);
     /// Replaces the content of `plaintext` with a blob, and verifies it. Copies in several packs are tried
     /// one after the other. Raises Missing if the index does not have it, otherwise what the first copy
-    /// raised. Memory of `plaintext` is reused, so a caller keeps one for each thread. Raises Damaged for a
-    /// copy that is longer than BlobSizeLimit, and NoMemory if there is not enough memory for it.
+    /// raised; Damaged and Missing only if all copies are damaged or missing. Memory of `plaintext` is
+    /// reused, so a caller keeps one for each thread. Raises Damaged for a copy that is longer than
+    /// BlobSizeLimit, and NoMemory if there is not enough memory for it.
     void LoadBlob(const BlobHandle& handle, Bytes& plaintext) const;
     /// Loads a tree and calls `visit` for each node, which it may change, until it returns false. Failures to
     /// read the tree name it; what `visit` raises passes through. Nodes are checked as TreeReader does, which

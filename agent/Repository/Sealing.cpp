@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <memory>
+#include <pthread.h>
 
 namespace Agent::Repo {
 
@@ -95,9 +97,53 @@ private:
     std::unique_ptr<EVP_MAC_CTX, Free> m_mac;
 };
 
+// The number of forks between the first process and this one. The child of a fork must not use IVs that its
+// parent has drawn.
+std::atomic<unsigned int> s_forks{0};
+[[maybe_unused]] const int s_forkHandler = pthread_atfork(nullptr, nullptr, [] { ++s_forks; });
+
+// Random IVs, of which a thread draws many at once: each draw costs a system call.
+class IvSource
+{
+public:
+    static std::span<const unsigned char, IvSize> Next()
+    {
+        thread_local IvSource source;
+        return source.Take();
+    }
+
+private:
+    std::span<const unsigned char, IvSize> Take()
+    {
+        if (m_next == m_drawn.size() || m_forks != s_forks) {
+            m_forks = s_forks;
+            FillRandom(m_drawn);
+            m_next = 0;
+        }
+        const auto iv = std::span(m_drawn).subspan(m_next).first<IvSize>();
+        m_next += IvSize;
+        return iv;
+    }
+
+    std::array<unsigned char, 64 * IvSize> m_drawn;
+    std::size_t m_next = m_drawn.size(); // the first byte that is not used
+    unsigned int m_forks = 0;            // at the drawing
+};
+
 bool IsZero(ByteView bytes)
 {
     return std::all_of(bytes.begin(), bytes.end(), [](unsigned char byte) { return byte == 0; });
+}
+
+void SealAt(const Key& key, ByteView iv, ByteView plaintext, std::span<unsigned char> sealed)
+{
+    KRT_RAISE_UNLESS(sealed.size() == plaintext.size() + SealOverhead, Krt::ErrorCode::InvalidArgument,
+                     "Memory for sealed bytes of another size");
+    unsigned char* const ciphertext = sealed.data() + IvSize;
+    std::copy(iv.begin(), iv.end(), sealed.begin());
+    Contexts& contexts = Contexts::OfThread();
+    contexts.Transform(key, iv.data(), plaintext, ciphertext);
+    contexts.ComputeTag(key, iv.data(), {ciphertext, plaintext.size()}, ciphertext + plaintext.size());
 }
 
 } // namespace
@@ -118,11 +164,17 @@ Key Key::Random()
 
 void Seal(const Key& key, ByteView plaintext, Bytes& out)
 {
-    std::array<unsigned char, IvSize> iv;
-    do
-        FillRandom(iv);
-    while (IsZero(iv));
-    SealWithIv(key, iv, plaintext, out);
+    const std::size_t begin = out.size();
+    out.resize(begin + SealOverhead + plaintext.size());
+    SealInto(key, plaintext, std::span(out).subspan(begin));
+}
+
+void SealInto(const Key& key, ByteView plaintext, std::span<unsigned char> sealed)
+{
+    auto iv = IvSource::Next();
+    while (IsZero(iv))
+        iv = IvSource::Next();
+    SealAt(key, iv, plaintext, sealed);
 }
 
 void SealWithIv(const Key& key, ByteView iv, ByteView plaintext, Bytes& out)
@@ -130,11 +182,7 @@ void SealWithIv(const Key& key, ByteView iv, ByteView plaintext, Bytes& out)
     KRT_RAISE_UNLESS(iv.size() == IvSize, Krt::ErrorCode::InvalidArgument, "IV of a wrong size");
     const std::size_t begin = out.size();
     out.resize(begin + SealOverhead + plaintext.size());
-    unsigned char* const ciphertext = out.data() + begin + IvSize;
-    std::copy(iv.begin(), iv.end(), out.data() + begin);
-    Contexts& contexts = Contexts::OfThread();
-    contexts.Transform(key, iv.data(), plaintext, ciphertext);
-    contexts.ComputeTag(key, iv.data(), {ciphertext, plaintext.size()}, ciphertext + plaintext.size());
+    SealAt(key, iv, plaintext, std::span(out).subspan(begin));
 }
 
 bool Open(const Key& key, ByteView sealed, std::span<unsigned char> plaintext)

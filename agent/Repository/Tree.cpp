@@ -6,6 +6,7 @@
 #include "Krt/Exception/Raise.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <type_traits>
 #include <utility>
@@ -249,6 +250,8 @@ bool TreeReader::ReadOrSkip(Node& node)
     try {
         ReadNode(node);
         RequireNewName(node.name);
+        m_nodeText = m_text.substr(begin, m_reader.GetOffset() - begin);
+        m_nodeText.remove_prefix(m_nodeText.find('{')); // of blanks
         return true;
     } catch (const RepositoryError& error) {
         if (!m_onBadEntry)
@@ -284,6 +287,7 @@ void TreeReader::ReadNode(Node& node)
 {
     node.Clear();
     m_hasName = m_hasType = m_hasRawTarget = false;
+    m_nextMember = 0;
     std::string_view key;
     m_reader.BeginObject();
     while (m_reader.NextKey(key)) {
@@ -309,100 +313,169 @@ void TreeReader::ReadNode(Node& node)
         m_reader.RaiseDamaged("no extended attribute can have this name");
 }
 
-// Reads a member's value; returns false if its key is not known. The order is that in which writers write, so
-// a few comparisons find each. Null leaves a number or a text unchanged.
-bool TreeReader::ReadMember(std::string_view key, Node& node)
+// Finds a key in the order in which writers write: the key after the one before is tried first.
+TreeReader::Member TreeReader::FindMember(std::string_view key)
 {
-    const auto number = [this](auto& field) {
-        if (!m_reader.IsNull())
-            field = static_cast<std::remove_reference_t<decltype(field)>>(
-                m_reader.Unsigned(std::numeric_limits<std::remove_reference_t<decltype(field)>>::max()));
-    };
-    const auto time = [this](Timestamp& field) {
-        if (!m_reader.IsNull())
-            field = m_reader.Time();
-    };
-    const auto text = [this](std::string& field) {
-        if (!m_reader.IsNull())
-            field = m_reader.String();
-    };
-    if (IsKey(key, "name"))
-        ReadName(node);
-    else if (IsKey(key, "type"))
-        m_hasType = m_reader.IsNull() ? m_hasType : (ReadType(m_reader, node), true);
-    else if (IsKey(key, "mode"))
-        number(node.mode);
-    else if (IsKey(key, "mtime"))
-        time(node.mtime);
-    else if (IsKey(key, "atime"))
-        time(node.atime);
-    else if (IsKey(key, "ctime"))
-        time(node.ctime);
-    else if (IsKey(key, "uid"))
-        number(node.uid);
-    else if (IsKey(key, "gid"))
-        number(node.gid);
-    else if (IsKey(key, "user"))
-        text(node.user);
-    else if (IsKey(key, "group"))
-        text(node.group);
-    else if (IsKey(key, "inode"))
-        number(node.inode);
-    else if (IsKey(key, "device_id"))
-        number(node.deviceId);
-    else if (IsKey(key, "size"))
-        number(node.size);
-    else if (IsKey(key, "links"))
-        number(node.links);
-    else if (IsKey(key, "device"))
-        number(node.device);
-    else if (IsKey(key, "error"))
-        text(node.error);
-    else
-        return ReadStructure(key, node);
-    return true;
+    // In the order of Member.
+    static constexpr std::string_view Keys[] = {"name",
+                                                "type",
+                                                "mode",
+                                                "mtime",
+                                                "atime",
+                                                "ctime",
+                                                "uid",
+                                                "gid",
+                                                "user",
+                                                "group",
+                                                "inode",
+                                                "device_id",
+                                                "size",
+                                                "links",
+                                                "linktarget",
+                                                "linktarget_raw",
+                                                "extended_attributes",
+                                                "generic_attributes",
+                                                "device",
+                                                "content",
+                                                "subtree",
+                                                "error"};
+    static_assert(std::size(Keys) == static_cast<std::size_t>(Member::Unknown));
+    for (std::size_t tried = 0; tried < std::size(Keys); ++tried) {
+        const std::size_t at = (m_nextMember + tried) % std::size(Keys);
+        if (IsKey(key, Keys[at])) {
+            m_nextMember = at + 1;
+            return static_cast<Member>(at);
+        }
+    }
+    return Member::Unknown;
 }
 
-bool TreeReader::ReadStructure(std::string_view key, Node& node)
+// Reads a member's value; returns false if its key is not known. Null leaves a number or a text unchanged.
+bool TreeReader::ReadMember(std::string_view key, Node& node)
 {
-    if (IsKey(key, "content")) {
-        node.content.reset();
-        if (!m_reader.IsNull())
-            ReadContent(m_reader, node.content.emplace());
-    } else if (IsKey(key, "subtree")) {
-        node.subtree.reset();
-        if (!m_reader.IsNull())
-            node.subtree = m_reader.ReadId();
-    } else if (IsKey(key, "linktarget")) {
-        if (m_hasRawTarget)
-            m_reader.Skip();
-        else if (!m_reader.IsNull())
-            node.linkTarget = m_reader.String();
-    } else if (IsKey(key, "linktarget_raw")) {
-        if (m_reader.IsNull())
-            return true;
-        Bytes target;
-        m_reader.Binary(target);
-        node.linkTarget = AsText(target);
-        m_hasRawTarget = true;
-    } else if (IsKey(key, "extended_attributes")) {
-        node.attributes.clear();
-        if (!m_reader.IsNull())
-            ReadAttributes(m_reader, node.attributes);
-    } else if (IsKey(key, "generic_attributes")) {
-        node.genericAttributes.clear();
-        if (!m_reader.IsNull())
-            ReadGenericAttributes(m_reader, node.genericAttributes);
-    } else {
+    const Member member = FindMember(key);
+    if (member == Member::Unknown)
         return false;
+    if (m_reader.IsNull()) {
+        ReadNull(member, node);
+        return true;
+    }
+    const auto number = [this](auto& field) {
+        field = static_cast<std::remove_reference_t<decltype(field)>>(
+            m_reader.Unsigned(std::numeric_limits<std::remove_reference_t<decltype(field)>>::max()));
+    };
+    switch (member) {
+    case Member::Name:
+        ReadName(node);
+        break;
+    case Member::Type:
+        ReadType(m_reader, node);
+        m_hasType = true;
+        break;
+    case Member::Mode:
+        number(node.mode);
+        break;
+    case Member::WriteTime:
+        node.mtime = m_reader.Time();
+        break;
+    case Member::AccessTime:
+        node.atime = m_reader.Time();
+        break;
+    case Member::ChangeTime:
+        node.ctime = m_reader.Time();
+        break;
+    case Member::Uid:
+        number(node.uid);
+        break;
+    case Member::Gid:
+        number(node.gid);
+        break;
+    case Member::User:
+        node.user = m_reader.String();
+        break;
+    case Member::Group:
+        node.group = m_reader.String();
+        break;
+    case Member::Inode:
+        number(node.inode);
+        break;
+    case Member::DeviceId:
+        number(node.deviceId);
+        break;
+    case Member::Size:
+        number(node.size);
+        break;
+    case Member::Links:
+        number(node.links);
+        break;
+    case Member::Device:
+        number(node.device);
+        break;
+    case Member::Error:
+        node.error = m_reader.String();
+        break;
+    default:
+        ReadStructure(member, node);
     }
     return true;
 }
 
+// Empties lists. Numbers, texts and the raw target of a symlink stay.
+void TreeReader::ReadNull(Member member, Node& node)
+{
+    switch (member) {
+    case Member::Content:
+        node.content.reset();
+        break;
+    case Member::Subtree:
+        node.subtree.reset();
+        break;
+    case Member::Attributes:
+        node.attributes.clear();
+        break;
+    case Member::GenericAttributes:
+        node.genericAttributes.clear();
+        break;
+    default:
+        break;
+    }
+}
+
+void TreeReader::ReadStructure(Member member, Node& node)
+{
+    switch (member) {
+    case Member::Content:
+        ReadContent(m_reader, node.content.emplace());
+        break;
+    case Member::Subtree:
+        node.subtree = m_reader.ReadId();
+        break;
+    case Member::LinkTarget:
+        if (m_hasRawTarget)
+            m_reader.Skip();
+        else
+            node.linkTarget = m_reader.String();
+        break;
+    case Member::RawLinkTarget: {
+        Bytes target;
+        m_reader.Binary(target);
+        node.linkTarget = AsText(target);
+        m_hasRawTarget = true;
+        break;
+    }
+    case Member::Attributes:
+        ReadAttributes(m_reader, node.attributes);
+        break;
+    case Member::GenericAttributes:
+        ReadGenericAttributes(m_reader, node.genericAttributes);
+        break;
+    default:
+        break;
+    }
+}
+
 void TreeReader::ReadName(Node& node)
 {
-    if (m_reader.IsNull())
-        return;
     if (!UnquoteName(m_reader.String(), node.name))
         m_reader.RaiseDamaged("a name is not quoted correctly");
     m_hasName = true;

@@ -41,6 +41,8 @@ public:
     ///   - if a value is of the wrong kind, or a number is too large for its field
     /// Without `onBadEntry`, that raises Damaged, too.
     bool Next(Node& node);
+    /// The JSON text of the last node, which is a part of that of the tree.
+    std::string_view GetNodeText() const { return m_nodeText; }
     /// Members of the tree other than "nodes". Complete after the last node.
     const std::vector<RawMember>& GetUnknown() const { return m_unknown; }
 
@@ -49,8 +51,38 @@ private:
     bool ReadOrSkip(Node& node);
     void ReadNode(Node& node);
     void RequireNewName(const std::string& name);
+    // The members of a node, in the order in which they are written.
+    enum class Member
+    {
+        Name,
+        Type,
+        Mode,
+        WriteTime,
+        AccessTime,
+        ChangeTime,
+        Uid,
+        Gid,
+        User,
+        Group,
+        Inode,
+        DeviceId,
+        Size,
+        Links,
+        LinkTarget,
+        RawLinkTarget,
+        Attributes,
+        GenericAttributes,
+        Device,
+        Content,
+        Subtree,
+        Error,
+        Unknown
+    };
+
+    Member FindMember(std::string_view key);
     bool ReadMember(std::string_view key, Node& node);
-    bool ReadStructure(std::string_view key, Node& node);
+    static void ReadNull(Member member, Node& node);
+    void ReadStructure(Member member, Node& node);
     void ReadName(Node& node);
 
     enum class Position
@@ -61,6 +93,7 @@ private:
     };
 
     std::string_view m_text;
+    std::string_view m_nodeText;
     JsonReader m_reader;
     bool m_keepsUnknown;
     BadEntryVisitor m_onBadEntry;
@@ -69,6 +102,7 @@ private:
     bool m_hasName = false; // of the current node
     bool m_hasType = false;
     bool m_hasRawTarget = false;
+    std::size_t m_nextMember = 0; // see FindMember
     std::vector<RawMember> m_unknown;
     std::string m_last;                      // name of the last node, while the nodes are in order
     std::unordered_set<std::string> m_names; // of all nodes, from the first one on that is not in order

@@ -1,6 +1,7 @@
 #include "agent/Repository/Zstd.h"
 
 #include "agent/Repository/Failure.h"
+#include "agent/Repository/Look.h"
 
 #include <zstd.h>
 #include <zstd_errors.h>
@@ -14,10 +15,10 @@ namespace Agent::Repo {
 namespace {
 
 constexpr int WriteWindowLog = 19;            // 512 KiB
-constexpr int ReadWindowLog = 25;             // 32 MiB, for a frame that is not decompressed at once
-constexpr std::size_t AtOnceLimit = 64 << 20; // bytes for which memory is taken on the word of the index
-constexpr std::size_t BlockLimit = 128 << 10; // bytes that a block holds at most
-constexpr std::size_t SmallestBlock = 4;      // bytes of the shortest block that holds any
+constexpr int ReadWindowLog = 25;             // 32 MiB, for frames above AtOnceLimit
+constexpr std::size_t AtOnceLimit = 64 << 20; // bytes that are allocated because an index says so
+constexpr std::size_t BlockLimit = 128 << 10; // the most bytes of a block, decompressed
+constexpr std::size_t SmallestBlock = 4;      // compressed bytes of the shortest block that is not empty
 constexpr std::size_t FirstRoom = 256 << 10;  // bytes
 
 struct Free
@@ -57,7 +58,7 @@ void CheckResult(std::size_t result)
         RaiseDamaged(ZSTD_getErrorName(result));
 }
 
-// Decompresses into memory that grows with what comes.
+// Decompresses into memory that grows with the content.
 template <class Memory>
 void DecompressInSteps(ByteView frames, std::size_t limit, std::size_t firstRoom, Memory& out)
 {
@@ -67,12 +68,13 @@ void DecompressInSteps(ByteView frames, std::size_t limit, std::size_t firstRoom
     bool isInFrame = true;
     out.resize(std::min(limit, firstRoom));
     while (isInFrame || input.pos != input.size) {
+        Look();
         unsigned char beyond = 0; // a byte above the limit
         const bool isFull = used == limit;
         if (!isFull && used == out.size())
             out.resize(std::min(limit, 2 * out.size()));
         ZSTD_outBuffer output{isFull ? &beyond : reinterpret_cast<unsigned char*>(out.data()),
-                              isFull ? 1 : out.size(), isFull ? 0 : used};
+                              isFull ? 1 : std::min(out.size(), used + LookStep), isFull ? 0 : used};
         const std::size_t before = output.pos;
         const std::size_t result = ZSTD_decompressStream(context, &output, &input);
         CheckResult(result);
@@ -86,7 +88,7 @@ void DecompressInSteps(ByteView frames, std::size_t limit, std::size_t firstRoom
     out.resize(used);
 }
 
-// The length of what the frames hold, or more than the limit.
+// Returns the length of the content of the frames. Raises if it is above the limit.
 std::size_t CountBytes(ByteView frames, std::size_t limit)
 {
     ZSTD_DCtx* const context = DecompressorOfThread();
@@ -94,6 +96,7 @@ std::size_t CountBytes(ByteView frames, std::size_t limit)
     ZSTD_inBuffer input{frames.data(), frames.size(), 0};
     std::size_t count = 0;
     for (bool isAtEnd = false; !isAtEnd && count <= limit;) {
+        Look();
         ZSTD_outBuffer output{step.data(), step.size(), 0};
         const std::size_t result = ZSTD_decompressStream(context, &output, &input);
         CheckResult(result);
@@ -105,21 +108,33 @@ std::size_t CountBytes(ByteView frames, std::size_t limit)
     return count;
 }
 
-} // namespace
-
-void Compress(ByteView content, Bytes& out, int level)
+// Returns the bytes of the frame.
+std::size_t CompressAt(ByteView content, std::span<unsigned char> out, int level)
 {
     ZSTD_CCtx* const context = CompressorOfThread();
     ZSTD_CCtx_reset(context, ZSTD_reset_session_and_parameters);
     ZSTD_CCtx_setParameter(context, ZSTD_c_compressionLevel, level);
     ZSTD_CCtx_setParameter(context, ZSTD_c_windowLog, WriteWindowLog);
-    const std::size_t begin = out.size();
-    out.resize(begin + ZSTD_compressBound(content.size()));
-    const std::size_t size =
-        ZSTD_compress2(context, out.data() + begin, out.size() - begin, content.data(), content.size());
+    const std::size_t size = ZSTD_compress2(context, out.data(), out.size(), content.data(), content.size());
     KRT_RAISE_UNLESS(!ZSTD_isError(size), Krt::ErrorCode::InvalidState,
                      "Failed to compress: " << ZSTD_getErrorName(size));
-    out.resize(begin + size);
+    return size;
+}
+
+} // namespace
+
+void Compress(ByteView content, Bytes& out, int level)
+{
+    const std::size_t begin = out.size();
+    out.resize(begin + ZSTD_compressBound(content.size()));
+    out.resize(begin + CompressAt(content, std::span(out).subspan(begin), level));
+}
+
+ByteView CompressInto(ByteView content, Bytes& scratch, int level)
+{
+    if (const std::size_t bound = ZSTD_compressBound(content.size()); scratch.size() < bound)
+        scratch.resize(bound);
+    return ByteView(scratch).first(CompressAt(content, scratch, level));
 }
 
 void Decompress(ByteView frames, std::size_t size, Bytes& out)

@@ -11,6 +11,9 @@ namespace Agent::Repo {
 /// Appends one frame with the content to `out`, without a checksum and with a window of 512 KiB at most. The
 /// levels are those of zstd.
 void Compress(ByteView content, Bytes& out, int level = 3);
+/// Compresses into scratch memory, which is lengthened if it is too short, and never shortened, so
+/// that it need not be filled with zeros again. Returns the frame, which is in it.
+ByteView CompressInto(ByteView content, Bytes& scratch, int level);
 
 /// Replaces the content of `out` with the `size` bytes that the frames contain. Raises Damaged if they are
 /// not frames, are cut off, or contain more or fewer bytes. At most as much memory is taken as the frames can

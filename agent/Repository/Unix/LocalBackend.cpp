@@ -1,6 +1,7 @@
 #include "agent/Repository/LocalBackend.h"
 
 #include "agent/Repository/Failure.h"
+#include "agent/Repository/Look.h"
 #include "agent/Repository/Sealing.h"
 
 #include "Krt/File/File.h"
@@ -49,7 +50,7 @@ auto At(const YString& path)
     };
 }
 
-// Bytes of whole files are read in one call, so a size is checked before.
+// Memory is taken for whole files, so a size is checked before.
 std::uint64_t RegularSize(const Krt::Util::YUnxHandle& handle)
 {
     const struct stat status = Krt::File::Stat(handle);
@@ -61,8 +62,13 @@ std::uint64_t RegularSize(const Krt::Util::YUnxHandle& handle)
 void ReadAll(const Krt::Util::YUnxHandle& handle, std::uint64_t offset, std::uint64_t length, Bytes& out)
 {
     out.resize(length);
-    if (length != 0 && Krt::File::Read(handle, offset, length, out.data()) != length)
-        REPOSITORY_RAISE(Failure::Damaged, "damaged: the file became shorter");
+    for (std::uint64_t done = 0; done < length;) {
+        Look();
+        const std::uint64_t step = std::min<std::uint64_t>(length - done, LookStep);
+        if (Krt::File::Read(handle, offset + done, step, out.data() + done) != step)
+            REPOSITORY_RAISE(Failure::Damaged, "damaged: the file became shorter");
+        done += step;
+    }
 }
 
 // The directory of this name; nothing if it does not exist.
@@ -205,6 +211,7 @@ std::vector<ListedFile> ListFiles(const YDirectory& directory, std::optional<uns
 {
     std::vector<ListedFile> files;
     directory.VisitEntries([&](const Krt::File::DirectoryEntry& entry) {
+        Look();
         const std::optional<Id> id = Id::FromHex(entry.name.Bytes());
         struct stat status;
         if (id && id->ToHex() == entry.name.Bytes() && (!firstByte || id->bytes[0] == *firstByte) &&
@@ -308,6 +315,7 @@ void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, st
     const bool isPack = kind == FileKind::Pack;
     const std::string top = m_path.Bytes() + "/" + SplitPath({kind, {}}).directories.front().Bytes();
     for (int byte = 0; byte < (isPack ? PackDirectories : 1); ++byte) {
+        Look();
         const std::vector<ListedFile> files = Named(At(m_path), [&] {
             const auto first = isPack ? std::optional(static_cast<unsigned char>(byte)) : std::nullopt;
             const std::optional<YDirectory> directory =
@@ -317,6 +325,24 @@ void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, st
         for (const ListedFile& file : files)
             visit(file.id, file.size);
     }
+}
+
+void LocalBackend::RequireComplete(FileKind kind)
+{
+    Named(At(m_path), [&] {
+        const std::string name = SplitPath({kind, {}}).directories.front().Bytes();
+        const std::optional<YDirectory> directory = OpenForReading(m_path.Bytes() + "/" + name);
+        REPOSITORY_RAISE_UNLESS(directory, Failure::Missing,
+                                "the directory '" << name.c_str() << "' does not exist");
+        directory->VisitEntries([&](const Krt::File::DirectoryEntry& entry) {
+            Look();
+            const std::optional<Id> id = Id::FromHex(entry.name.Bytes());
+            REPOSITORY_RAISE_UNLESS(!id || id->ToHex() == entry.name.Bytes(), Failure::Damaged,
+                                    "the file '" << name.c_str() << "/" << entry.name
+                                                 << "' is ignored until its name is in lower case");
+            return true;
+        });
+    });
 }
 
 void LocalBackend::Save(const FileName& file, ByteView content)
