@@ -12,8 +12,13 @@
 #include "Krt/Environment/Host.h"
 #include "Krt/Exception/Raise.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <set>
 
 namespace Agent {
@@ -24,6 +29,8 @@ using Repo::Snapshot;
 using Repo::StoredSnapshot;
 
 namespace {
+
+constexpr unsigned int RemoteWriters = 5;
 
 std::set<std::string> AsSet(const std::vector<std::string>& texts)
 {
@@ -48,6 +55,14 @@ bool HasAnyOf(const Repo::Repository& repository, const Id& tree, const std::vec
     });
 }
 
+// The handle can be closed.
+std::shared_ptr<const Krt::Util::YUnxHandle> OpenStandardInput()
+{
+    const int descriptor =
+        KRT_SYSCALL(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1), "Can't use standard input");
+    return std::make_shared<const Krt::Util::YUnxHandle>(descriptor, true);
+}
+
 class BackupRun
 {
 public:
@@ -59,11 +74,13 @@ public:
 
 private:
     void LoadRules();
+    void WarnOfMatchingPaths();
     void BeginSnapshot();
     std::vector<StoredSnapshot> FindParents(const Repo::Repository& repository) const;
     void ChooseParent(const Repo::Repository& repository, std::vector<StoredSnapshot> candidates);
     void Store(Session& session);
-    struct stat SkippedDirectory() const;
+    void KeepLargest(const StoredItem& item);
+    std::optional<struct stat> SkippedDirectory() const;
 
     const BackupSettings& m_settings;
     Report& m_report;
@@ -78,7 +95,8 @@ SnapshotOutcome BackupRun::Run()
 {
     Krt::Environment::RaiseDescriptorLimit(); // files wait open to be read
     LoadRules();
-    Session session(m_settings.repository, m_report, m_settings.isDryRun ? Access::DryRun : Access::Append);
+    Session session(m_settings.repository, m_report, m_settings.isDryRun ? Access::DryRun : Access::Append,
+                    OldFormat::Refused, Settling::Later);
     BeginSnapshot();
     std::vector<StoredSnapshot> candidates;
     if (!m_settings.isForced)
@@ -97,24 +115,46 @@ SnapshotOutcome BackupRun::Run()
 
 void BackupRun::LoadRules()
 {
-    m_job = LoadJob(m_settings.jobFile, m_settings.paths,
-                    [this](const std::string& path, const Krt::Exception::YError& error) {
-                        std::string reason = ReasonOf(error).Bytes();
-                        if (const std::size_t at = reason.find(": " + path + ": "); at != std::string::npos)
-                            reason.erase(at, path.size() + 2); // it precedes the reason
-                        m_report.EntryFailed(YString(std::string_view(path)), YString(reason));
-                    });
+    if (!m_settings.streamPath.empty()) {
+        m_job.paths = {m_settings.streamPath};
+        return;
+    }
+    std::vector<std::string> paths = PathsOf(m_settings.lists, [this](const std::string& pattern) {
+        m_report.Note(YString("Warning: no path matches " + pattern));
+    });
+    KRT_RAISE_UNLESS(!paths.empty() || !m_settings.paths.empty() || !m_settings.jobFile.empty(),
+                     Krt::ErrorCode::InvalidArgument, "The lists name no path, so no snapshot was created");
+    paths.insert(paths.end(), m_settings.paths.begin(), m_settings.paths.end());
+    m_job = LoadJob(m_settings.jobFile, paths, [this](const std::string& path, const YString& reason) {
+        m_report.EntryFailed(YString(std::string_view(path)), reason);
+    });
     for (const YString& warning : m_job.warnings)
         m_report.Note(warning);
+    WarnOfMatchingPaths();
     KRT_RAISE_UNLESS(!m_job.roots.empty(), Krt::ErrorCode::InvalidArgument,
                      "None of the paths can be stored, so no snapshot was created");
+}
+
+// A named path is never left out, but a pattern that matches it matches everything below it, too.
+void BackupRun::WarnOfMatchingPaths()
+{
+    if (m_settings.filter.patterns.IsEmpty())
+        return;
+    for (const Krt::File::YPath& path : m_job.named) {
+        struct stat status = {};
+        if (m_settings.filter.patterns.Match(path.Bytes()).matches && lstat(path.CStr(), &status) == 0 &&
+            S_ISDIR(status.st_mode))
+            m_report.Note(YString("Warning: ") + path +
+                          " matches an exclude pattern, which therefore applies to everything below it");
+    }
 }
 
 void BackupRun::BeginSnapshot()
 {
     m_snapshot = MakeSnapshot(m_settings, m_outcome);
     m_snapshot.paths = m_job.paths;
-    m_snapshot.excludes = m_job.ruleTexts;
+    m_snapshot.excludes = m_settings.excludes;
+    m_snapshot.excludes.insert(m_snapshot.excludes.end(), m_job.ruleTexts.begin(), m_job.ruleTexts.end());
 }
 
 // The snapshots of the same host and the same paths, from the oldest to the newest; or the one that the user
@@ -152,13 +192,14 @@ void BackupRun::ChooseParent(const Repo::Repository& repository, std::vector<Sto
         m_report.Note(YString("using parent snapshot " + ShortId(m_parent->id)));
 }
 
-// Returns the status of the repository's directory. It is not backed up, since it grows with the backup.
-struct stat BackupRun::SkippedDirectory() const
+// Returns the status of the repository's directory, if it is on this machine. It is not backed up, since it
+// grows with the backup.
+std::optional<struct stat> BackupRun::SkippedDirectory() const
 {
-    std::string path = FindLocation(m_settings.repository);
-    if (path.starts_with("local:"))
-        path.erase(0, path.find(':') + 1);
-    return Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(YString(path))).Stat();
+    const std::optional<std::string> path = DirectoryOf(FindLocation(m_settings.repository));
+    if (!path)
+        return std::nullopt;
+    return Krt::File::YDirectory::OpenFollowing(Krt::File::YPath(YString(*path))).Stat();
 }
 
 void BackupRun::Store(Session& session)
@@ -167,6 +208,8 @@ void BackupRun::Store(Session& session)
     save.onWait = [] {
         RaiseIfInterrupted();
     };
+    if (session.IsRemote()) // each waits for answers more than it works
+        save.writers = std::max(save.writers, RemoteWriters);
     Repo::BlobSaver saver(session.GetRepository(), save);
     const SnapshotRun* running = nullptr;
     SnapshotRunOptions options;
@@ -177,10 +220,12 @@ void BackupRun::Store(Session& session)
     options.isDryRun = m_settings.isDryRun;
     options.reportsExcluded = m_settings.repository.isVerbose;
     options.readers = m_settings.readers;
-    const struct stat skipped = SkippedDirectory();
+    const std::optional<struct stat> skipped = SkippedDirectory();
     std::optional<Scan> scan;
-    if (m_settings.scans)
-        scan.emplace(m_job, skipped);
+    const RepositoryOptions& access = m_settings.repository;
+    const bool usesTotals = (access.isJson && !access.isQuiet) || m_report.IsProgressWatched();
+    if (m_settings.scans && usesTotals && m_settings.streamPath.empty())
+        scan.emplace(m_job, m_settings.filter, skipped);
     const auto reportProgress = [&] {
         if (running != nullptr)
             m_observer.OnProgress({running->GetProgress(), scan ? scan->Get() : ScanTotals(),
@@ -188,16 +233,25 @@ void BackupRun::Store(Session& session)
                                    running->GetReading()});
     };
     options.onTick = reportProgress;
-    if (m_settings.reportsStored) {
+    if (m_settings.reportsStored || m_settings.isDryRun) {
         options.onStored = [this](const StoredItem& item) {
-            m_observer.OnStored(item);
+            if (m_settings.reportsStored)
+                m_observer.OnStored(item);
+            if (m_settings.isDryRun)
+                KeepLargest(item);
         };
     }
     SnapshotRun run(session.GetRepository(), saver, m_report, options);
     running = &run;
-    Walker walker(m_job.rules, m_job.roots, run);
-    walker.Skip(skipped);
-    walker.Run();
+    if (m_settings.streamPath.empty()) {
+        Walker walker(m_job.rules, m_job.roots, run);
+        if (skipped)
+            walker.Skip(*skipped);
+        walker.Filter(m_settings.filter, m_job.named);
+        walker.Run();
+    } else {
+        run.AddStream(m_settings.streamPath, OpenStandardInput());
+    }
     reportProgress();
     const std::optional<Id> tree = run.Finish();
     KRT_RAISE_UNLESS(tree, Krt::ErrorCode::InvalidArgument,
@@ -208,6 +262,18 @@ void BackupRun::Store(Session& session)
     m_outcome.counts = run.GetCounts();
 }
 
+void BackupRun::KeepLargest(const StoredItem& item)
+{
+    std::vector<StoredItem>& largest = m_outcome.largest;
+    const auto at = std::find_if(largest.begin(), largest.end(),
+                                 [&item](const StoredItem& each) { return each.dataAdded < item.dataAdded; });
+    if (item.dataAdded == 0 || (at == largest.end() && largest.size() == SnapshotOutcome::MostLargest))
+        return;
+    largest.insert(at, item);
+    if (largest.size() > SnapshotOutcome::MostLargest)
+        largest.pop_back();
+}
+
 std::string ChangeLine(const char* title, std::uint64_t isNew, std::uint64_t isChanged,
                        std::uint64_t isUnmodified)
 {
@@ -215,6 +281,29 @@ std::string ChangeLine(const char* title, std::uint64_t isNew, std::uint64_t isC
     std::snprintf(text, sizeof text, "%-10s %10llu new, %5llu changed, %5llu unmodified\n", title,
                   static_cast<unsigned long long>(isNew), static_cast<unsigned long long>(isChanged),
                   static_cast<unsigned long long>(isUnmodified));
+    return text;
+}
+
+std::string LeftOutLine(const char* title, const LeftOut& counts)
+{
+    if (counts.others == 0 && counts.dirs == 0)
+        return "";
+    return std::string(title) + CountText(counts.others, "file or other entry", "files and other entries") +
+           ", " + ShortSize(counts.bytes) + ", and " +
+           CountText(counts.dirs, "directory with all below it", "directories with all below them") + "\n";
+}
+
+// What only a dry run finds out.
+std::string ForeseenText(const SnapshotOutcome& outcome)
+{
+    const SnapshotCounts& counts = outcome.counts;
+    std::string text = "Bytes:     " + ShortSize(counts.bytesNew) + " new, " +
+                       ShortSize(counts.bytesChanged) + " changed, " + ShortSize(counts.bytesUnmodified) +
+                       " unmodified\n";
+    text += LeftOutLine("Left out by rules:   ", counts.byRules);
+    text += LeftOutLine("Left out by options: ", counts.byOptions);
+    for (const StoredItem& item : outcome.largest)
+        text += "Largest:   " + ShortSize(item.dataAdded) + " " + Printable(item.path) + "\n";
     return text;
 }
 
@@ -233,9 +322,10 @@ std::string SummaryText(const BackupSettings& settings, const SnapshotOutcome& o
     text += ChangeLine("Files:", counts.filesNew, counts.filesChanged, counts.filesUnmodified);
     text += ChangeLine("Dirs:", counts.dirsNew, counts.dirsChanged, counts.dirsUnmodified);
     text += "Others: " + std::to_string(counts.others) + " links, devices and pipes, " +
-            std::to_string(counts.sockets) + " sockets not stored, " + std::to_string(counts.excluded) +
-            " excluded, " + std::to_string(outcome.failed) + " failed\n";
-    return text + AddedText(settings, outcome);
+            std::to_string(counts.sockets) + " sockets not stored, " +
+            std::to_string(counts.excluded + counts.leftOut) + " excluded, " +
+            std::to_string(outcome.failed) + " failed\n";
+    return text + (settings.isDryRun ? ForeseenText(outcome) : "") + AddedText(settings, outcome);
 }
 
 } // namespace Agent

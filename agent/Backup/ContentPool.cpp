@@ -8,6 +8,9 @@
 #include "Krt/File/File.h"
 #include "Krt/File/Unix/Status.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -112,6 +115,9 @@ public:
     void Read(FileToRead& file)
     {
         m_endBefore.reset();
+        // A large file is read once, so that a change before the reading would be reported as one during it.
+        if (file.status && file.status->st_size > static_cast<off_t>(RereadLimit))
+            file.status.reset();
         for (int attempt = 0;; ++attempt) {
             const auto state = std::make_shared<FileState>(file.onDone);
             m_state = state;
@@ -132,8 +138,11 @@ private:
     {
         StoredContent& content = m_state->content;
         m_handle = file.file.get();
+        m_isStream = file.isStream;
         try {
-            content.status = Krt::File::Stat(*m_handle);
+            if (!m_isStream)
+                content.status = file.status ? *file.status : Krt::File::Stat(*m_handle);
+            file.status.reset();
         } catch (const Krt::Exception::YError& error) {
             content.failure = ReasonOf(error).Bytes();
             return true;
@@ -148,6 +157,8 @@ private:
             return true;
         if (m_buffer.size != 0)
             EndChunk(0);
+        if (m_isStream)
+            return true;
         struct stat after = {};
         try {
             after = Krt::File::Stat(*m_handle);
@@ -179,8 +190,11 @@ private:
         unsigned char* const block = m_buffer.bytes.get() + m_buffer.size;
         std::size_t count = 0;
         try {
-            count = Krt::File::Read(*m_handle, m_offset, wanted, block);
+            count =
+                m_isStream ? ReadStream(wanted, block) : Krt::File::Read(*m_handle, m_offset, wanted, block);
         } catch (const Krt::Exception::YError& error) {
+            if (m_isStream && (IsInterrupted() || m_pool.IsEnding()))
+                throw;
             m_state->content.failure = ReasonOf(error).Bytes();
             return false;
         }
@@ -191,7 +205,26 @@ private:
         m_buffer.size += used;
         if (isCut)
             EndChunk(count - used);
-        return count == wanted && (size != 0 || m_offset <= RereadLimit || IsWithoutSize());
+        return count == wanted && (size != 0 || m_isStream || m_offset <= RereadLimit || IsWithoutSize());
+    }
+
+    // Returns less than `wanted` at the end only.
+    std::size_t ReadStream(std::size_t wanted, unsigned char* block)
+    {
+        constexpr int MillisecondsBetweenLooks = 100;
+        std::size_t size = 0;
+        while (size < wanted) {
+            pollfd waited{m_handle->Get(), POLLIN, 0};
+            while (poll(&waited, 1, MillisecondsBetweenLooks) <= 0)
+                KRT_RAISE_UNLESS(!IsInterrupted() && !m_pool.IsEnding(), Krt::ErrorCode::InvalidState,
+                                 "Interrupted");
+            const auto count = KRT_SYSCALL(read(m_handle->Get(), block + size, wanted - size),
+                                           "Failed to read standard input");
+            if (count == 0)
+                break;
+            size += static_cast<std::size_t>(count);
+        }
+        return size;
     }
 
     // A file that had the size 0 and has another one now grows, perhaps for ever.
@@ -248,6 +281,7 @@ private:
     Chunker m_chunker;
     std::shared_ptr<FileState> m_state;
     const Krt::Util::YUnxHandle* m_handle = nullptr;
+    bool m_isStream = false;
     std::uint64_t m_offset = 0;
     std::optional<std::uint64_t> m_endBefore; // where the attempt before ended
     Buffer m_buffer;                          // the chunk that is being read
@@ -277,31 +311,48 @@ void ContentPool::EndThreads()
         const AnnotatedLock lock(m_mutex);
         m_isEnding = true;
     }
-    m_change.notify_all();
+    m_work.notify_all();
     for (std::thread& thread : m_threads)
         thread.join();
 }
 
 void ContentPool::Add(FileToRead file)
 {
-    Wait([this] {
-        m_mutex.AssertHeld();
-        return m_pending < MostFiles;
-    });
+    bool isFull = false;
+    bool wakes = false;
+    {
+        const AnnotatedLock lock(m_mutex);
+        isFull = m_pending >= MostFiles;
+    }
+    if (isFull)
+        WaitUntilAtMost(MostFiles / 2);
     {
         const AnnotatedLock lock(m_mutex);
         ++m_pending;
+        m_newBytes += file.status ? static_cast<std::uint64_t>(file.status->st_size) : GroupBytes;
         m_files.push_back(std::move(file));
+        wakes = m_idle != 0 && (m_files.size() >= GroupFiles || m_newBytes >= GroupBytes);
+        if (wakes)
+            m_newBytes = 0;
     }
-    m_change.notify_all();
+    if (wakes)
+        m_work.notify_one();
+}
+
+void ContentPool::Wake()
+{
+    bool wakes = false;
+    {
+        const AnnotatedLock lock(m_mutex);
+        wakes = m_idle != 0 && !m_files.empty();
+    }
+    if (wakes)
+        m_work.notify_one();
 }
 
 void ContentPool::Finish()
 {
-    Wait([this] {
-        m_mutex.AssertHeld();
-        return m_pending == 0;
-    });
+    WaitUntilAtMost(0);
 }
 
 void ContentPool::RaiseFailure()
@@ -319,19 +370,22 @@ std::vector<std::string> ContentPool::GetReading() const
     return {m_reading.begin(), m_reading.end()};
 }
 
-void ContentPool::Wait(const std::function<bool()>& isReached)
+void ContentPool::WaitUntilAtMost(std::size_t pending)
 {
     constexpr std::chrono::milliseconds BetweenReports{100};
+    m_work.notify_all();
     const auto isOver = [&] {
         m_mutex.AssertHeld();
-        return m_failure || isReached();
+        return m_failure || m_pending <= pending;
     };
     AnnotatedLock lock(m_mutex);
-    while (!lock.WaitUntil(m_change, std::chrono::steady_clock::now() + BetweenReports, isOver)) {
+    m_wantedPending = pending;
+    while (!lock.WaitUntil(m_room, std::chrono::steady_clock::now() + BetweenReports, isOver)) {
         lock.Unlock();
         m_options.onWait();
         lock.Lock();
     }
+    m_wantedPending.reset();
     if (m_failure)
         std::rethrow_exception(m_failure);
 }
@@ -341,12 +395,15 @@ void ContentPool::Work()
     try {
         std::unique_ptr<Reader> reader;
         AnnotatedLock lock(m_mutex);
+        const auto mayRead = [this] {
+            m_mutex.AssertHeld();
+            return !m_files.empty() && m_reading.size() < m_options.readers;
+        };
         for (;;) {
             ++m_idle;
-            lock.Wait(m_change, [this] {
+            lock.Wait(m_work, [&] {
                 m_mutex.AssertHeld();
-                const bool mayRead = !m_files.empty() && m_reading.size() < m_options.readers;
-                return m_isEnding || !m_chunks.empty() || mayRead;
+                return m_isEnding || !m_chunks.empty() || mayRead();
             });
             --m_idle;
             if (m_isEnding)
@@ -354,7 +411,10 @@ void ContentPool::Work()
             if (!m_chunks.empty()) {
                 const std::unique_ptr<Chunk> chunk = std::move(m_chunks.front());
                 m_chunks.pop_front();
+                const bool mayOtherRead = m_idle != 0 && mayRead();
                 lock.Unlock();
+                if (mayOtherRead)
+                    m_work.notify_one();
                 StoreChunk(*chunk);
             } else {
                 FileToRead file = std::move(m_files.front());
@@ -366,7 +426,6 @@ void ContentPool::Work()
                 reader->Read(file);
                 lock.Lock();
                 m_reading.erase(reading);
-                m_change.notify_all();
                 continue;
             }
             lock.Lock();
@@ -384,7 +443,8 @@ void ContentPool::Fail()
             m_failure = std::current_exception();
         m_isEnding = true;
     }
-    m_change.notify_all();
+    m_work.notify_all();
+    m_room.notify_all();
 }
 
 // Returns false if the other threads have enough to do.
@@ -396,7 +456,7 @@ bool ContentPool::TryOffer(std::unique_ptr<Chunk>& chunk)
             return false;
         m_chunks.push_back(std::move(chunk));
     }
-    m_change.notify_all();
+    m_work.notify_one();
     return true;
 }
 
@@ -410,11 +470,14 @@ void ContentPool::StoreChunk(const Chunk& chunk)
 void ContentPool::Done(FileState& state)
 {
     state.Report();
+    bool isReached = false;
     {
         const AnnotatedLock lock(m_mutex);
         --m_pending;
+        isReached = m_wantedPending && m_pending <= *m_wantedPending;
     }
-    m_change.notify_all();
+    if (isReached)
+        m_room.notify_all();
 }
 
 } // namespace Agent

@@ -7,6 +7,9 @@
 //   a pool:  working -> ending (Finish, the destructor, or a failure)
 //
 // Invariants:
+//   - A thread that waits is woken for a chunk, and for files when a group of them is waiting, or a large
+//   one,
+//     or by Wake, Finish or an Add that waits. A call for each small file takes longer than a small file.
 //   - A thread takes a chunk first, so chunks do not pile up: m_chunks has at most as many as there are
 //     threads.
 //   - At most m_options.readers threads read.
@@ -27,6 +30,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -66,6 +70,9 @@ struct FileToRead
     std::string path;                                  ///< for GetReading
     /// Called once with the outcome by any thread, but not if the pool fails.
     std::function<void(const StoredContent& content)> onDone;
+    bool isStream = false; ///< read once to its end, as from a pipe; the status is not set
+    /// The status of the open file, read not long ago. If the file has changed since, it is read again.
+    std::optional<struct stat> status = {};
 };
 
 struct PoolOptions
@@ -82,6 +89,9 @@ class ContentPool
 public:
     /// Files that are open at the same time, at most.
     static constexpr std::size_t MostFiles = 128;
+    /// Files that make a group, for which a thread is woken.
+    static constexpr std::size_t GroupFiles = 16;
+    static constexpr std::uint64_t GroupBytes = 256 << 10;
     /// A smaller file that changes while it is read is read again, at most RereadTimes.
     static constexpr std::uint64_t RereadLimit = 64 << 20;
     static constexpr int RereadTimes = 3;
@@ -93,8 +103,11 @@ public:
     ContentPool(const ContentPool&) = delete;
     ContentPool& operator=(const ContentPool&) = delete;
 
-    /// Adds a file. Waits while MostFiles are not done. Raises what storing a blob raised on any thread.
+    /// Adds a file. If MostFiles are not done, waits until half of them are. Raises what storing a blob
+    /// raised on any thread.
     void Add(FileToRead file);
+    /// Wakes a thread for files that wait for others to make a group. To be called now and then.
+    void Wake();
     /// Waits until all files are done. Raises what storing a blob raised.
     void Finish();
     /// Raises what storing a blob raised.
@@ -112,7 +125,7 @@ private:
 
     void Work();
     void EndThreads();
-    void Wait(const std::function<bool()>& isReached);
+    void WaitUntilAtMost(std::size_t pending);
     void Fail();
     bool IsEnding() const { return m_isEnding; }
     bool TryOffer(std::unique_ptr<Chunk>& chunk);
@@ -127,8 +140,11 @@ private:
     std::atomic<bool> m_isEnding{false};
 
     mutable Krt::Thread::AnnotatedMutex m_mutex;
-    std::condition_variable m_change;
+    std::condition_variable m_work; // for the threads
+    std::condition_variable m_room; // for the caller of Add or Finish
     std::deque<FileToRead> m_files KRT_GUARDED_BY(m_mutex);
+    std::uint64_t m_newBytes KRT_GUARDED_BY(m_mutex) = 0; // of files since a thread was woken for files
+    std::optional<std::size_t> m_wantedPending KRT_GUARDED_BY(m_mutex); // what the caller waits for
     std::deque<std::unique_ptr<Chunk>> m_chunks KRT_GUARDED_BY(m_mutex);
     std::size_t m_pending KRT_GUARDED_BY(m_mutex) = 0;        // files that are not done
     std::list<std::string> m_reading KRT_GUARDED_BY(m_mutex); // paths

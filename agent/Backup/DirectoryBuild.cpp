@@ -64,6 +64,14 @@ void DirectoryBuild::Add(std::shared_ptr<DirectoryBuild> directory, const Node& 
     Drop(std::move(directory));
 }
 
+void DirectoryBuild::AddText(const std::string& name, std::string_view text)
+{
+    const AnnotatedLock lock(m_mutex);
+    m_hasEntries = true;
+    m_entries.push_back({name, m_text.size(), text.size()});
+    m_text += text;
+}
+
 // A loop, since the last entry of a directory completes the directory, which may be the last one itself.
 void DirectoryBuild::Drop(std::shared_ptr<DirectoryBuild> directory)
 {

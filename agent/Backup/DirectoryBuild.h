@@ -92,6 +92,8 @@ public:
     void Announce();
     /// Adds an announced entry. Any thread. `directory` is kept alive by the caller.
     static void Add(std::shared_ptr<DirectoryBuild> directory, const Repo::Node& node);
+    /// Adds an entry that was not announced, by the JSON text of its node. Called by the walk, before Close.
+    void AddText(const std::string& name, std::string_view text);
     /// Gives an announced entry up. Any thread.
     static void Drop(std::shared_ptr<DirectoryBuild> directory);
     /// No further entries will be announced.

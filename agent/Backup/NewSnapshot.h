@@ -35,10 +35,12 @@ struct SnapshotOutcome
     Repo::Timestamp end;
     std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     double seconds = 0;             ///< how long it took
-    std::optional<Repo::Id> parent; ///< with which entries were compared
+    std::optional<Repo::Id> parent; ///< the snapshot with which entries were compared
     std::optional<Repo::Id> id;     ///< of the snapshot; nothing if none was created
     std::uint64_t failed = 0;       ///< entries
     std::uint64_t repositoryFailures = 0;
+    std::vector<StoredItem> largest; ///< of a dry run: what would add most data, at most MostLargest
+    static constexpr std::size_t MostLargest = 5;
 };
 
 /// What was done so far.

@@ -11,6 +11,8 @@ namespace Agent {
 
 namespace {
 
+constexpr const char* Actions[] = {"new", "modified", "unchanged"}; // by Change
+
 // Writes a document of restic. The type comes first.
 class Document
 {
@@ -48,6 +50,19 @@ public:
         m_writer.Key(key);
         m_writer.Bool(true);
     }
+    void Begin(const char* key)
+    {
+        m_writer.Key(key);
+        m_writer.BeginObject();
+    }
+    void BeginItem() { m_writer.BeginObject(); }
+    void End() { m_writer.EndObject(); }
+    void BeginItems(const char* key)
+    {
+        m_writer.Key(key);
+        m_writer.BeginArray();
+    }
+    void EndItems() { m_writer.EndArray(); }
     void Texts(const char* key, const std::vector<std::string>& texts)
     {
         m_writer.Key(key);
@@ -74,6 +89,34 @@ void AddItem(Document& document, const char* action, const StoredItem& item, std
     document.Number("metadata_size", item.treeAdded);
     document.Number("metadata_size_in_repo", item.treePacked);
     document.Number("total_files", files);
+}
+
+void AddLeftOut(Document& document, const char* key, const LeftOut& counts)
+{
+    document.Begin(key);
+    document.Number("others", counts.others);
+    document.Number("bytes", counts.bytes);
+    document.Number("dirs", counts.dirs);
+    document.End();
+}
+
+// What only a dry run finds out. restic has no such members.
+void AddForeseen(Document& document, const SnapshotOutcome& outcome)
+{
+    const SnapshotCounts& counts = outcome.counts;
+    document.Number("bytes_new", counts.bytesNew);
+    document.Number("bytes_changed", counts.bytesChanged);
+    document.Number("bytes_unmodified", counts.bytesUnmodified);
+    AddLeftOut(document, "left_out_by_rules", counts.byRules);
+    AddLeftOut(document, "left_out_by_options", counts.byOptions);
+    document.BeginItems("largest");
+    for (const StoredItem& item : outcome.largest) {
+        document.BeginItem();
+        document.Text("item", item.path);
+        document.Number("data_size", item.dataAdded);
+        document.End();
+    }
+    document.EndItems();
 }
 
 } // namespace
@@ -120,8 +163,10 @@ std::string SummaryJson(const SnapshotSettings& settings, const SnapshotOutcome&
     document.Text("backup_end", outcome.end.ToText());
     if (outcome.id)
         document.Text("snapshot_id", outcome.id->ToHex());
-    if (settings.isDryRun)
+    if (settings.isDryRun) {
         document.True("dry_run");
+        AddForeseen(document, outcome);
+    }
     return document.Finish();
 }
 
@@ -147,9 +192,16 @@ std::string StatusJson(const SnapshotProgress& progress)
     return document.Finish();
 }
 
+std::string StoredText(const StoredItem& item)
+{
+    std::string text = Actions[static_cast<std::size_t>(item.change)];
+    text.resize(10, ' ');
+    text += Printable(item.path) + " (" + ShortSize(item.dataAdded) + " added";
+    return text + (item.treeAdded == 0 ? ")" : ", " + ShortSize(item.treeAdded) + " metadata)");
+}
+
 std::string StoredJson(const StoredItem& item)
 {
-    constexpr const char* Actions[] = {"new", "modified", "unchanged"};
     Document document("verbose_status");
     AddItem(document, Actions[static_cast<std::size_t>(item.change)], item, 0);
     return document.Finish();

@@ -14,6 +14,8 @@ std::string AddedText(const SnapshotSettings& settings, const SnapshotOutcome& o
 std::string SummaryJson(const SnapshotSettings& settings, const SnapshotOutcome& outcome);
 /// What was done so far. Members that are 0 or empty are left out, as restic does.
 std::string StatusJson(const SnapshotProgress& progress);
+/// What became of a file or directory, as a line such as "modified  /a/f (22 B added)". Printable.
+std::string StoredText(const StoredItem& item);
 /// What became of a file or directory.
 std::string StoredJson(const StoredItem& item);
 /// The end of the scan.

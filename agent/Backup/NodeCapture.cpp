@@ -4,24 +4,26 @@
 #include "agent/Repository/Utf8.h"
 #include "agent/Run/Text.h"
 
-#include "Backup/File/Unix/YFile.h"
-
 #include "Krt/Exception/Raise.h"
 #include "Krt/File/Unix/Status.h"
+#include "Krt/File/YEntry.h"
+#include "Krt/Log/LogSite.h"
+#include "Krt/Profile/YProfile.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <map>
 #include <sys/stat.h>
+#include <tuple>
 #include <utility>
 
 namespace Agent {
 
-using Backup::File::YFile;
 using Krt::ErrorCode;
 using Krt::YString;
 using Krt::File::YDirectory;
 using Krt::File::YPath;
+using Krt::Util::YUnxHandle;
 using Repo::Node;
 using Repo::NodeAttribute;
 using Repo::NodeType;
@@ -31,39 +33,35 @@ namespace {
 
 constexpr int MaxLooks = 5;
 
-// Returns true if the status is that of the entry that the library opened, or saw if it opened nothing.
-bool IsSameEntry(const YFile& file, const struct stat& status)
+// An open file, and the status of the entry.
+struct OpenedEntry
 {
-    // An inode number may have been freed and reused.
-    return file.GetModeFlags() == status.st_mode && file.GetUID() == status.st_uid &&
-           file.GetGID() == status.st_gid &&
-           file.GetLastChangedTime() == static_cast<unsigned long long>(status.st_ctime) &&
-           (!file.IsRegularFile() || file.GetInode() == status.st_ino);
-}
+    std::shared_ptr<const YUnxHandle> file; // null unless the entry is a regular file
+    struct stat status = {};
+};
 
-// Opens the entry and returns its whole status, of which the library keeps only a part. Another process may
-// replace the entry between the two calls, so they are repeated until both see the same entry.
-struct stat OpenWhole(YFile& file, const YDirectory& parent, const YString& name, const YPath& path,
-                      const struct stat& known)
+// Opens the entry if it is a regular file. Another process may replace it between the two calls, so they are
+// repeated until both see the same kind of entry. The status of a file is that of what was opened.
+OpenedEntry OpenWhole(const YDirectory& parent, const YString& name, const struct stat& known)
 {
-    for (int looks = 1;; ++looks) {
+    OpenedEntry entry{nullptr, known};
+    for (int looks = 1; S_ISREG(entry.status.st_mode); ++looks) {
         try {
-            file.OpenEntry(parent, name, path);
+            const auto file = std::make_shared<const YUnxHandle>(parent.OpenFile(name));
+            const struct stat status = Krt::File::Stat(*file);
+            if (S_ISREG(status.st_mode))
+                return {file, status};
         } catch (const Krt::Exception::YError& error) {
             // Opening a regular file fails with these errors if it has been replaced by a symlink, or by a
             // socket or a missing device.
             if ((error.GetOsError() != ELOOP && error.GetOsError() != ENXIO) || looks == MaxLooks)
                 throw;
-            continue;
         }
-        const struct stat status = file.IsRegularFile() ? Krt::File::Stat(file.GetHandle())
-                                   : looks == 1         ? known
-                                                        : parent.Stat(name);
-        if (IsSameEntry(file, status))
-            return status;
         KRT_RAISE_UNLESS(looks < MaxLooks, ErrorCode::InvalidState,
                          "The entry was replaced while it was read");
+        entry.status = parent.Stat(name);
     }
+    return entry;
 }
 
 Timestamp TimeOf(const timespec& time)
@@ -71,19 +69,25 @@ Timestamp TimeOf(const timespec& time)
     return Timestamp::Local(time.tv_sec, static_cast<std::uint32_t>(time.tv_nsec));
 }
 
-// The attributes of a file, in the order of the file system, which the map does not keep.
-std::vector<NodeAttribute> AttributesInOrder(const YFile& file)
+// The attributes of an entry, in the order of the file system, which the map does not keep.
+std::vector<NodeAttribute> AttributesInOrder(const Krt::File::YEntry& entry)
 {
-    std::vector<NodeAttribute> attributes = AttributesOf(file.GetExtendedAttributeMap());
-    if (attributes.size() < 2)
-        return attributes;
-    std::map<std::string, std::size_t> positions;
-    for (const YString& name : file.ListExtendedAttributes())
-        positions.emplace(name.Bytes(), positions.size());
-    std::stable_sort(attributes.begin(), attributes.end(),
-                     [&positions](const NodeAttribute& a, const NodeAttribute& b) {
-                         return positions[a.name] < positions[b.name];
-                     });
+    std::vector<NodeAttribute> attributes;
+    try {
+        attributes = AttributesOf(entry.GetExtendedAttributeMap());
+        if (attributes.size() < 2)
+            return attributes;
+        std::map<std::string, std::size_t> positions;
+        for (const YString& name : entry.ListExtendedAttributes())
+            positions.emplace(name.Bytes(), positions.size());
+        std::stable_sort(attributes.begin(), attributes.end(),
+                         [&positions](const NodeAttribute& a, const NodeAttribute& b) {
+                             return positions[a.name] < positions[b.name];
+                         });
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetCode() != ErrorCode::AttributesUnavailable) // the file system has none
+            throw;
+    }
     return attributes;
 }
 
@@ -122,55 +126,45 @@ NodeType NodeTypeOf(unsigned int statMode)
     }
 }
 
-Timestamp WriteTimeOf(const struct stat& status)
-{
-    return TimeOf(Krt::File::WriteTime(status));
-}
-
-Timestamp ChangeTimeOf(const struct stat& status)
-{
-    return TimeOf(Krt::File::ChangeTime(status));
-}
-
 void SetFileStatus(const struct stat& status, Node& node)
 {
-    node.mtime = WriteTimeOf(status);
+    node.mtime = TimeOf(Krt::File::WriteTime(status));
     node.atime = node.mtime; // an access time changes with each backup
-    node.ctime = ChangeTimeOf(status);
+    node.ctime = TimeOf(Krt::File::ChangeTime(status));
     node.links = HasLinks(node.type) ? status.st_nlink : 0;
     node.size = node.type == NodeType::File ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
+NodeCapture::NodeCapture()
+    : m_hasAttributes(!Krt::Profile::OpenSystem()->Get<bool>("configuration", "disableXattr", false))
+{}
+
 CapturedEntry NodeCapture::Capture(const YDirectory& parent, const YString& name, const YPath& path,
                                    const struct stat& status)
 {
-    CapturedEntry entry;
-    entry.file = std::make_unique<YFile>();
-    entry.status = OpenWhole(*entry.file, parent, name, path, status);
-    const YFile& file = *entry.file;
+    OpenedEntry opened = OpenWhole(parent, name, status);
+    CapturedEntry entry{{}, opened.status, std::move(opened.file)};
+    KRT_LOG_FREE(Krt::MessageType::FileIo, "Successfully opened file " << path);
     Node& node = entry.node;
     node.name = name.Bytes();
-    node.type = NodeTypeOf(file.GetModeFlags());
+    node.type = NodeTypeOf(entry.status.st_mode);
     FillFromStatus(entry.status, node);
-    node.mode = Repo::MakeNodeMode(file.GetModeFlags());
-    node.uid = file.GetUID();
-    node.gid = file.GetGID();
     if (node.type == NodeType::Symlink)
         node.linkTarget = parent.ReadSymbolicLink(name).Bytes();
     std::string failure;
     try {
-        node.attributes = AttributesInOrder(file);
+        if (m_hasAttributes)
+            node.attributes = AttributesInOrder(entry.file ? Krt::File::YEntry(*entry.file)
+                                                           : Krt::File::YEntry(parent, name));
     } catch (const Krt::Exception::YError& error) {
         failure = ReasonOf(error).Bytes();
     }
     FillOwnerNames(node, TakeOddAttributes(node.attributes));
     node.error = std::move(failure);
-    if (node.type != NodeType::File)
-        entry.file.reset();
     return entry;
 }
 
-void NodeCapture::Renew(const struct stat& status, Node& node)
+bool NodeCapture::Renew(const struct stat& status, Node& node)
 {
     std::string note;
     std::vector<NodeAttribute> odd;
@@ -178,8 +172,23 @@ void NodeCapture::Renew(const struct stat& status, Node& node)
         if (auto member = ReadKbagentMember(node, note))
             odd = std::move(member->attributes);
     }
+    const bool hadMore = !node.unknown.empty() || !node.genericAttributes.empty() || !node.error.empty();
+    const auto numbersOf = [](const Node& each) {
+        return std::tuple(each.mode, each.uid, each.gid, each.inode, each.deviceId, each.device, each.links,
+                          each.size);
+    };
+    const auto timesOf = [](const Node& each) {
+        return std::tuple(each.mtime, each.mtime.offset, each.atime, each.atime.offset, each.ctime,
+                          each.ctime.offset);
+    };
+    const auto numbers = numbersOf(node);
+    const auto times = timesOf(node);
+    const std::string user = std::move(node.user);
+    const std::string group = std::move(node.group);
     FillFromStatus(status, node);
     FillOwnerNames(node, std::move(odd));
+    return hadMore || !node.unknown.empty() || numbersOf(node) != numbers || timesOf(node) != times ||
+           node.user != user || node.group != group;
 }
 
 void NodeCapture::FillFromStatus(const struct stat& status, Node& node)

@@ -18,6 +18,8 @@ public:
     /// The entry of this name, or null. It is valid until the next call. The names of successive calls are in
     /// the order of their bytes; others are not found. Raises Damaged.
     Repo::Node* Find(const std::string& name);
+    /// The JSON text of the entry that Find has returned.
+    std::string_view GetText() const { return m_reader.GetNodeText(); }
 
 private:
     Repo::Bytes m_text;

@@ -9,9 +9,12 @@
 
 namespace Agent {
 
-Scan::Scan(const Job& job, const struct stat& skipped) : m_walker(job.rules, job.roots, *this)
+Scan::Scan(const Job& job, const EntryFilter& filter, const std::optional<struct stat>& skipped)
+    : m_walker(job.rules, job.roots, *this)
 {
-    m_walker.Skip(skipped);
+    m_walker.Filter(filter, job.named);
+    if (skipped)
+        m_walker.Skip(*skipped);
     m_thread = std::thread([this] { Run(); });
 }
 
@@ -45,8 +48,8 @@ void Scan::Run()
 bool Scan::OnSelected(const WalkedEntry& entry)
 {
     if (entry.IsDirectory())
-        return Backup::File::IsFollowableDirectoryFromKrtAttributes(entry.path,
-                                                                    Krt::File::AttributeDirectory);
+        return !entry.IsBoundary() && Backup::File::IsFollowableDirectoryFromKrtAttributes(
+                                          entry.path, Krt::File::AttributeDirectory);
     const struct stat& status = entry.Status();
     if (S_ISREG(status.st_mode)) {
         ++m_files;

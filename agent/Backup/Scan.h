@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <thread>
 
 namespace Agent {
@@ -23,9 +24,9 @@ struct ScanTotals
 class Scan final : private IWalkVisitor
 {
 public:
-    /// Begins. The job outlives the scan. The directory with the status `skipped` is left out. What can't be
-    /// read is not counted, and reported by the backup itself.
-    Scan(const Job& job, const struct stat& skipped);
+    /// Begins. The job and the filter outlive the scan. The directory with the status `skipped`, if any, is
+    /// left out. What can't be read is not counted, and reported by the backup itself.
+    Scan(const Job& job, const EntryFilter& filter, const std::optional<struct stat>& skipped);
     /// Ends it, if it is not complete.
     ~Scan() override;
 

@@ -78,6 +78,7 @@ void SnapshotBuild::AddContent(FileToRead file)
 void SnapshotBuild::CountFile(Change change, std::uint64_t size)
 {
     m_files.Add(change);
+    m_fileBytes[static_cast<std::size_t>(change)] += size;
     m_bytes += size;
 }
 
@@ -115,6 +116,9 @@ SnapshotCounts SnapshotBuild::GetCounts() const
     counts.dirsChanged = m_context.directories.isChanged;
     counts.dirsUnmodified = m_context.directories.isUnmodified;
     counts.bytes = m_bytes;
+    counts.bytesNew = m_fileBytes[static_cast<std::size_t>(Change::New)];
+    counts.bytesChanged = m_fileBytes[static_cast<std::size_t>(Change::Modified)];
+    counts.bytesUnmodified = m_fileBytes[static_cast<std::size_t>(Change::Unchanged)];
     const AnnotatedLock lock(m_mutex);
     counts.data = m_options.isDryRun ? m_drySaved[0] : m_saver.GetSaved(BlobType::Data);
     counts.trees = m_options.isDryRun ? m_drySaved[1] : m_saver.GetSaved(BlobType::Tree);
@@ -177,6 +181,7 @@ void SnapshotBuild::ReportProgress()
     if (now - m_lastTick < BetweenTicks)
         return;
     m_lastTick = now;
+    m_pool.Wake();
     ReportMessages();
     m_options.onTick();
 }

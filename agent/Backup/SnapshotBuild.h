@@ -14,6 +14,7 @@
 #include <boost/unordered/unordered_flat_set.hpp>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <exception>
 #include <functional>
@@ -24,6 +25,14 @@
 
 namespace Agent {
 
+/// Entries that are not stored, as far as they were examined.
+struct LeftOut
+{
+    std::uint64_t others = 0; ///< entries that are not directories
+    std::uint64_t bytes = 0;  ///< of the files among them
+    std::uint64_t dirs = 0;   ///< directories with all that is below them, which is not counted
+};
+
 /// What a run did. Counts are of entries of the snapshot.
 struct SnapshotCounts
 {
@@ -33,12 +42,18 @@ struct SnapshotCounts
     std::uint64_t dirsNew = 0;
     std::uint64_t dirsChanged = 0;
     std::uint64_t dirsUnmodified = 0;
+    std::uint64_t bytesNew = 0; ///< of the contents of those files
+    std::uint64_t bytesChanged = 0;
+    std::uint64_t bytesUnmodified = 0;
     std::uint64_t others = 0; ///< symlinks, devices and fifos
     std::uint64_t bytes = 0;  ///< of the contents of all files; while the run goes on, also of parts of files
     std::uint64_t sockets = 0; ///< which are not stored
-    std::uint64_t excluded = 0;
-    Repo::SavedBlobs data;  ///< new data blobs
-    Repo::SavedBlobs trees; ///< new tree blobs
+    LeftOut byRules;           ///< found by dry runs
+    LeftOut byOptions;
+    std::uint64_t excluded = 0; ///< by rules that ask for a report
+    std::uint64_t leftOut = 0;  ///< by options such as --exclude
+    Repo::SavedBlobs data;      ///< new data blobs
+    Repo::SavedBlobs trees;     ///< new tree blobs
 
     std::uint64_t Files() const { return filesNew + filesChanged + filesUnmodified; }
     std::uint64_t Directories() const { return dirsNew + dirsChanged + dirsUnmodified; }
@@ -128,11 +143,12 @@ private:
     Report& m_report;
     const SnapshotBuildOptions m_options;
     ChangeCounts m_files;
-    std::atomic<std::uint64_t> m_bytes{0};       // of files that are done
-    std::uint64_t m_unreadBytes = 0;             // of files that were not read
-    bool m_isIndexLacking = false;               // blobs of the parent
-    std::atomic<std::uint64_t> m_storedAgain{0}; // blobs that the repository had lost
-    std::atomic<bool> m_hasLosses{false};        // a part of the repository can't be read
+    std::array<std::atomic<std::uint64_t>, 3> m_fileBytes{}; // by Change
+    std::atomic<std::uint64_t> m_bytes{0};                   // of files that are done
+    std::uint64_t m_unreadBytes = 0;                         // of files that were not read
+    bool m_isIndexLacking = false;                           // blobs of the parent
+    std::atomic<std::uint64_t> m_storedAgain{0};             // blobs that the repository had lost
+    std::atomic<bool> m_hasLosses{false};                    // a part of the repository can't be read
     std::atomic<bool> m_isFailed{false};
     std::chrono::steady_clock::time_point m_lastTick;
 

@@ -26,6 +26,15 @@ namespace {
 constexpr std::int64_t CoarsestClock = 2; // seconds between two times that a file system distinguishes
 constexpr std::string_view Replacement = "\xEF\xBF\xBD"; // in place of bytes that are not UTF-8
 
+// The instant, whatever the zone, which takes longer to find. Local replaces years that have no text.
+Timestamp InstantOf(const timespec& time)
+{
+    constexpr std::int64_t Last = INT64_C(4000000000); // in the year 2096
+    return time.tv_sec >= 0 && time.tv_sec <= Last
+               ? Timestamp{time.tv_sec, static_cast<std::uint32_t>(time.tv_nsec), 0}
+               : Timestamp::Local(time.tv_sec, static_cast<std::uint32_t>(time.tv_nsec));
+}
+
 // Times from this one on may hide a change that came after the parent was made. Its own time may have been
 // chosen by the user.
 std::optional<Timestamp> TrustedBefore(const std::optional<Repo::Snapshot>& parent)
@@ -62,9 +71,30 @@ YPath PathOf(const std::string& path)
     return YPath(YString(path.empty() ? "/" : path));
 }
 
-bool MayEnter(const YPath& directory)
+bool MayEnter(const WalkedEntry& directory)
 {
-    return Backup::File::IsFollowableDirectoryFromKrtAttributes(directory, Krt::File::AttributeDirectory);
+    return !directory.IsBoundary() && Backup::File::IsFollowableDirectoryFromKrtAttributes(
+                                          directory.path, Krt::File::AttributeDirectory);
+}
+
+// Counts an entry that is left out. One that can't be examined is not counted, which is not a failure.
+void Examine(const YPath& path, LeftOut& counts)
+{
+    struct stat status = {};
+    if (lstat(path.CStr(), &status) != 0)
+        return;
+    ++(S_ISDIR(status.st_mode) ? counts.dirs : counts.others);
+    counts.bytes += S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
+Node StreamNode(const std::string& name, NodeType type, unsigned int statMode)
+{
+    Node node;
+    node.name = name;
+    node.type = type;
+    node.mode = Repo::MakeNodeMode(statMode);
+    node.mtime = node.atime = node.ctime = Timestamp::Now();
+    return node;
 }
 
 } // namespace
@@ -101,14 +131,16 @@ bool SnapshotRun::OnSelected(const WalkedEntry& entry)
     Node* const before = FindBefore(visited, entry.name.Bytes());
     if (before != nullptr && IsNodeUnchanged(*before, status)) {
         if (before->type == NodeType::File) {
-            m_capture.Renew(status, *before);
-            AddUnmodified(visited, status, *before);
+            const bool isOther = m_capture.Renew(status, *before);
+            const std::string renewed = isOther ? TextOf(*before) : "";
+            const std::string_view text = isOther ? renewed : visited.before->GetText();
+            AddUnmodified(visited, status, *before, text);
             return false;
         }
         Node node = *before;
         m_capture.Renew(status, node);
         node.subtree.reset();
-        const bool mayEnter = MayEnter(entry.path);
+        const bool mayEnter = MayEnter(entry);
         Push(std::move(node), before, false);
         return mayEnter;
     }
@@ -118,7 +150,7 @@ bool SnapshotRun::OnSelected(const WalkedEntry& entry)
         ++m_sockets;
         return false;
     }
-    const bool mayEnter = captured.node.type == NodeType::Directory && MayEnter(entry.path);
+    const bool mayEnter = captured.node.type == NodeType::Directory && MayEnter(entry);
     if (captured.node.type == NodeType::Directory) {
         Push(std::move(captured.node), before, false);
     } else if (captured.node.type != NodeType::File) {
@@ -127,7 +159,7 @@ bool SnapshotRun::OnSelected(const WalkedEntry& entry)
         DirectoryBuild::Add(visited.build, captured.node);
     } else if (before != nullptr && IsContentUnchanged(*before, captured.status)) {
         captured.node.content = before->content;
-        AddUnmodified(visited, captured.status, captured.node);
+        AddUnmodified(visited, captured.status, captured.node, TextOf(captured.node));
     } else {
         AddFile(visited, std::move(captured), before);
     }
@@ -140,8 +172,8 @@ bool SnapshotRun::IsTrusted(const Node& before, const struct stat& status) const
     if (!m_trustedBefore || before.type != NodeTypeOf(status.st_mode))
         return false;
     const bool ignoresChangeTime = m_options.ignoresChangeTime || m_options.ignoresInode;
-    const Timestamp write = WriteTimeOf(status);
-    const Timestamp change = ChangeTimeOf(status);
+    const Timestamp write = InstantOf(Krt::File::WriteTime(status));
+    const Timestamp change = InstantOf(Krt::File::ChangeTime(status));
     return write == before.mtime && write < *m_trustedBefore &&
            (ignoresChangeTime || (change == before.ctime && change < *m_trustedBefore)) &&
            (m_options.ignoresInode || status.st_ino == before.inode);
@@ -173,8 +205,10 @@ bool SnapshotRun::IsNodeUnchanged(const Node& before, const struct stat& status)
 {
     const bool isKind = S_ISDIR(status.st_mode) || S_ISREG(status.st_mode);
     if (!isKind || !m_trustsAttributes || !before.error.empty() || !IsTrusted(before, status) ||
-        status.st_ino != before.inode || ChangeTimeOf(status) != before.ctime ||
-        ChangeTimeOf(status) >= *m_trustedBefore)
+        status.st_ino != before.inode)
+        return false;
+    const Timestamp change = InstantOf(Krt::File::ChangeTime(status));
+    if (change != before.ctime || change >= *m_trustedBefore)
         return false;
     if (std::any_of(before.attributes.begin(), before.attributes.end(),
                     [](const Repo::NodeAttribute& attribute) {
@@ -184,7 +218,9 @@ bool SnapshotRun::IsNodeUnchanged(const Node& before, const struct stat& status)
     return S_ISDIR(status.st_mode) || IsContentUnchanged(before, status);
 }
 
-void SnapshotRun::AddUnmodified(VisitedDirectory& visited, const struct stat& status, const Node& node)
+// The text is that of the node.
+void SnapshotRun::AddUnmodified(VisitedDirectory& visited, const struct stat& status, const Node& node,
+                                std::string_view text)
 {
     if (LinkedContents::MayHave(status))
         m_links.Forget(status);
@@ -192,8 +228,7 @@ void SnapshotRun::AddUnmodified(VisitedDirectory& visited, const struct stat& st
     if (m_build.ReportsStored())
         m_build.PostStored({visited.path + "/" + node.name, Change::Unchanged});
     m_build.CountUnread(node.size);
-    visited.build->Announce();
-    DirectoryBuild::Add(visited.build, node);
+    visited.build->AddText(node.name, text);
 }
 
 void SnapshotRun::AddFile(VisitedDirectory& visited, CapturedEntry captured, const Node* before)
@@ -210,8 +245,52 @@ void SnapshotRun::AddFile(VisitedDirectory& visited, CapturedEntry captured, con
         if (!onDone)
             return;
     }
-    const std::shared_ptr<const Backup::File::YFile> file = std::move(captured.file);
-    m_build.AddContent({{file, &file->GetHandle()}, std::move(path), std::move(onDone)});
+    m_build.AddContent(
+        {std::move(captured.file), std::move(path), std::move(onDone), false, captured.status});
+}
+
+void SnapshotRun::AddStream(const std::string& path, std::shared_ptr<const Krt::Util::YUnxHandle> stream)
+{
+    for (std::size_t begin = 1;;) {
+        const std::size_t end = std::min(path.find('/', begin), path.size());
+        const std::string name = path.substr(begin, end - begin);
+        VisitedDirectory& above = m_visited.back();
+        const Node* const before = FindBefore(above, name);
+        begin = end + 1;
+        if (end < path.size()) {
+            Push(StreamNode(name, NodeType::Directory, S_IFDIR | 0755), before, true);
+            continue;
+        }
+        above.build->Announce();
+        m_build.AddContent(
+            {std::move(stream), path,
+             [this, directory = above.build, node = StreamNode(name, NodeType::File, S_IFREG | 0644),
+              isNew = before == nullptr](const StoredContent& content) mutable {
+                 StreamDone(directory, node, isNew, content);
+             },
+             true});
+        return;
+    }
+}
+
+// Completes the node of a stream. Any thread.
+void SnapshotRun::StreamDone(const std::shared_ptr<DirectoryBuild>& directory, Node& node, bool isNew,
+                             const StoredContent& content)
+{
+    const std::string path = directory->GetPath() + "/" + node.name;
+    if (!content.failure.empty() || content.size == 0) {
+        m_build.Post(path, content.failure.empty() ? "Standard input has no data" : content.failure, true);
+        DirectoryBuild::Drop(directory);
+        return;
+    }
+    node.size = content.size;
+    node.links = 1;
+    node.content = content.blobs;
+    const Change change = isNew ? Change::New : Change::Modified;
+    m_build.CountFile(change, node.size);
+    if (m_build.ReportsStored())
+        m_build.PostStored({path, change, SecondsSince(content.begin), content.added, content.packed});
+    DirectoryBuild::Add(directory, node);
 }
 
 // Completes the node of a file. Any thread.
@@ -352,14 +431,28 @@ SnapshotCounts SnapshotRun::Complete(SnapshotCounts counts) const
     counts.others = m_others;
     counts.sockets = m_sockets;
     counts.excluded = m_excluded;
+    counts.leftOut = m_leftOut;
+    counts.byRules = m_byRules;
+    counts.byOptions = m_byOptions;
     return counts;
 }
 
 void SnapshotRun::OnExcluded(const YPath& path)
 {
     ++m_excluded;
+    if (m_options.isDryRun)
+        Examine(path, m_byRules);
     if (m_options.reportsExcluded)
         m_report.Note(YString("excluded: ") + path);
+}
+
+void SnapshotRun::OnLeftOut(const YPath& path, std::string_view by)
+{
+    ++m_leftOut;
+    if (m_options.isDryRun)
+        Examine(path, m_byOptions);
+    if (m_options.reportsExcluded)
+        m_report.Note(YString("excluded by ") + YString(by) + ": " + path);
 }
 
 void SnapshotRun::OnMountNotEntered(const YPath& path)

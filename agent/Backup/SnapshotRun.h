@@ -23,7 +23,7 @@ namespace Agent {
 /// How a run decides and works.
 struct SnapshotRunOptions : SnapshotBuildOptions
 {
-    std::optional<Repo::Snapshot> parent; ///< with which entries are compared
+    std::optional<Repo::Snapshot> parent; ///< the snapshot with which entries are compared
     bool ignoresChangeTime = false;
     bool ignoresInode = false; ///< implies ignoresChangeTime
     bool reportsExcluded = false;
@@ -44,7 +44,12 @@ public:
     void OnLinkTaken(const Krt::File::YPath& path) override;
     void OnSkipped(const Krt::File::YPath& path) override;
     void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) override;
+    void OnLeftOut(const Krt::File::YPath& path, std::string_view by) override;
     bool IsCancelled() override;
+
+    /// Stores what is read from the handle as the file of this path, as in "/a/b", with the current time and
+    /// in directories that belong to root. A stream without data has failed. Instead of a walk.
+    void AddStream(const std::string& path, std::shared_ptr<const Krt::Util::YUnxHandle> stream);
 
     /// Called after the walk. Waits until everything is stored, and returns the root's tree; nothing if no
     /// entry was stored. The blobs are durable after Finish of the saver. Raises the failure that ended the
@@ -73,10 +78,13 @@ private:
     bool HasContentOfParent(const Repo::Id& id);
     bool IsContentUnchanged(const Repo::Node& before, const struct stat& status);
     bool IsNodeUnchanged(const Repo::Node& before, const struct stat& status);
-    void AddUnmodified(VisitedDirectory& visited, const struct stat& status, const Repo::Node& node);
+    void AddUnmodified(VisitedDirectory& visited, const struct stat& status, const Repo::Node& node,
+                       std::string_view text);
     void AddFile(VisitedDirectory& visited, CapturedEntry captured, const Repo::Node* before);
     void FileDone(const std::shared_ptr<DirectoryBuild>& directory, Repo::Node& node,
                   const std::string& before, const StoredContent& content);
+    void StreamDone(const std::shared_ptr<DirectoryBuild>& directory, Repo::Node& node, bool isNew,
+                    const StoredContent& content);
 
     const Repo::Repository& m_repository;
     Report& m_report;
@@ -88,6 +96,9 @@ private:
     std::uint64_t m_others = 0;
     std::uint64_t m_sockets = 0;
     std::uint64_t m_excluded = 0;
+    std::uint64_t m_leftOut = 0;
+    LeftOut m_byRules;
+    LeftOut m_byOptions;
     std::list<VisitedDirectory> m_visited; // from the root to the directory of the current entry
     SnapshotBuild m_build;                 // last, so that its threads end before what they use
 };

@@ -5,50 +5,17 @@
 #include "agent/Backup/NewSnapshotText.h"
 #include "agent/Run/UsageError.h"
 
-#include "Krt/Log/LogSite.h"
-
 #include <CLI/CLI.hpp>
 
-#include <charconv>
+#include <chrono>
 #include <ctime>
-#include <sstream>
 #include <utility>
 
 namespace Agent {
 
 namespace {
 
-constexpr unsigned int SmallestPack = 4;  // MiB
-constexpr unsigned int LargestPack = 128; // MiB
 constexpr unsigned int MostReaders = 64;
-
-// Returns what was typed, or otherwise the variable.
-std::string OptionOr(const std::string& typed, const char* variable)
-{
-    return typed.empty() ? FromEnvironment({variable}, variable).value_or("") : typed;
-}
-
-unsigned int NumberOf(const std::string& text, const std::string& option, unsigned int least,
-                      unsigned int most)
-{
-    unsigned int number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size() || number < least || number > most)
-        throw UsageError(option + " is not a number from " + std::to_string(least) + " to " +
-                         std::to_string(most) + ": '" + text + "'");
-    return number;
-}
-
-Repo::Compression CompressionOf(const std::string& text)
-{
-    if (text.empty() || text == "auto")
-        return Repo::Compression::Auto;
-    if (text == "off")
-        return Repo::Compression::Off;
-    if (text == "max")
-        return Repo::Compression::Max;
-    throw UsageError("--compression is neither auto, off nor max: '" + text + "'");
-}
 
 // A time in the local zone.
 std::optional<Repo::Timestamp> TimeOf(const std::string& text)
@@ -70,35 +37,55 @@ std::optional<Repo::Timestamp> TimeOf(const std::string& text)
     return Repo::Timestamp::Local(seconds, 0);
 }
 
+// Without complete totals, there are none.
+ProgressFacts FactsOf(const SnapshotProgress& progress)
+{
+    ProgressFacts facts{.items = progress.counts.Files(), .unit = "files", .bytes = progress.counts.bytes};
+    if (progress.totals.isComplete) {
+        facts.totalItems = progress.totals.files;
+        facts.totalBytes = progress.totals.bytes;
+    }
+    if (!progress.currentFiles.empty())
+        facts.current = progress.currentFiles.front();
+    return facts;
+}
+
 // Prints the progress.
 class Observer : public ISnapshotObserver
 {
 public:
     Observer(Report& report, const RepositoryOptions& options)
-        : m_report(report), m_isJson(options.isJson), m_isQuiet(options.isQuiet),
-          m_isVerbose(options.isVerbose)
+        : m_report(report), m_isJson(options.isJson), m_isVerbose(options.isVerbose),
+          m_printsUnchanged(options.isVeryVerbose)
     {}
 
     void OnProgress(const SnapshotProgress& progress) override
     {
-        if (m_isQuiet)
-            return;
+        constexpr std::chrono::milliseconds betweenDocuments{0}; // it is called 10 times a second
         if (!m_isJson) {
-            m_report.Progress(progress.counts.Files() + progress.counts.others, progress.counts.bytes);
+            m_report.Progress([&] { return FactsOf(progress); });
             return;
         }
+        if (!m_report.IsStatusDue(betweenDocuments))
+            return;
         if (m_isVerbose && progress.totals.isComplete && !std::exchange(m_isScanReported, true))
             m_report.Out() << ScanJson(progress.totals) << "\n";
         m_report.Out() << StatusJson(progress) << "\n";
         m_report.Out().Flush();
     }
-    void OnStored(const StoredItem& item) override { m_report.Out() << StoredJson(item) << "\n"; }
+    void OnStored(const StoredItem& item) override
+    {
+        if (m_isJson)
+            m_report.Out() << StoredJson(item) << "\n";
+        else if (item.change != Change::Unchanged || m_printsUnchanged)
+            m_report.Out() << StoredText(item) << "\n";
+    }
 
 private:
     Report& m_report;
     const bool m_isJson;
-    const bool m_isQuiet;
     const bool m_isVerbose;
+    const bool m_printsUnchanged;
     bool m_isScanReported = false;
 };
 
@@ -114,13 +101,12 @@ void NewSnapshotArguments::AddTo(CLI::App& command)
     command
         .add_option("--time", m_time, "Note this local time in the snapshot, as in \"2024-02-29 12:34:56\"")
         ->type_name("TIME");
-    command.add_flag("-n,--dry-run", m_settings.isDryRun, "Write nothing");
+    command.add_flag(
+        "-n,--dry-run", m_settings.isDryRun,
+        "Write nothing, and print what would be stored; with --verbose, each new or changed entry");
     command.add_option("--read-concurrency", m_readConcurrency, "Read this many files at the same time")
         ->type_name("N");
-    command.add_option("--compression", m_compression, "How data is compressed: auto, off or max")
-        ->type_name("MODE");
-    command.add_option("--pack-size", m_packSize, "The size of pack files in MiB, 4 to 128")
-        ->type_name("SIZE");
+    m_save.AddTo(command);
 }
 
 SnapshotSettings NewSnapshotArguments::Get() const
@@ -128,7 +114,9 @@ SnapshotSettings NewSnapshotArguments::Get() const
     SnapshotSettings settings = m_settings;
     settings.repository = m_repository.Get();
     const RepositoryOptions& options = settings.repository;
-    settings.reportsStored = options.isJson && !options.isQuiet && options.isVerbose;
+    settings.reportsStored =
+        !options.isQuiet &&
+        (options.isVeryVerbose || (options.isVerbose && (options.isJson || settings.isDryRun)));
     settings.host = OptionOr(m_settings.host, "HOST");
     for (const std::string& list : m_tags) {
         for (std::string& tag : TagsOfList(list))
@@ -138,10 +126,7 @@ SnapshotSettings NewSnapshotArguments::Get() const
     const std::string readers = OptionOr(m_readConcurrency, "READ_CONCURRENCY");
     settings.readers =
         readers.empty() ? WorkerCount() : NumberOf(readers, "--read-concurrency", 1, MostReaders);
-    settings.save.compression = CompressionOf(OptionOr(m_compression, "COMPRESSION"));
-    const std::string packSize = OptionOr(m_packSize, "PACK_SIZE");
-    if (!packSize.empty())
-        settings.save.packSize = NumberOf(packSize, "--pack-size", SmallestPack, LargestPack) << 20;
+    settings.save = m_save.Get();
     return settings;
 }
 
@@ -158,11 +143,8 @@ void CreateSnapshot(const SnapshotSettings& settings, Report& report,
     const std::string text = summaryOf(outcome);
     const std::string done =
         outcome.id ? "The snapshot " + outcome.id->ToHex() + " was created" : "The run ended";
-    if (isJson || isQuiet) {
-        std::istringstream lines(text);
-        for (std::string line; std::getline(lines, line);)
-            KRT_LOG_FREE(Krt::MessageType::General, line.c_str());
-    }
+    if (isJson || isQuiet)
+        report.LogSummary(text);
     if (isJson)
         report.Summary(done, SummaryJson(settings, outcome) + "\n");
     else if (!isQuiet)

@@ -3,6 +3,7 @@
 
 #include "agent/Backup/NewSnapshot.h"
 #include "agent/Cli/RepositoryArguments.h"
+#include "agent/Cli/SaveArguments.h"
 
 #include <functional>
 #include <string>
@@ -26,8 +27,7 @@ private:
     std::vector<std::string> m_tags;
     std::string m_time;
     std::string m_readConcurrency;
-    std::string m_compression;
-    std::string m_packSize;
+    SaveArguments m_save;
 };
 
 /// Calls `create`, and prints its progress and then the summary, which is `summaryOf` unless JSON was asked

@@ -52,7 +52,7 @@ public:
     void OnError(const std::string& text) override { errors += text + "\n"; }
     void OnHint(const std::string&) override {}
     void OnTouched(const Repo::StoredSnapshot&, const std::string&, const std::string&) override {}
-    void OnProgress(std::uint64_t, std::uint64_t) override {}
+    void OnProgress(const Agent::ProgressFacts&) override {}
 
     std::string errors;
 };

@@ -367,8 +367,12 @@ TEST_F(RepositoryBackupTest, WhatFailsIsReported)
                 if (file.is_regular_file())
                     fs::permissions(file.path(), fs::perms::none);
             }
-            const std::string denied = Run(1, {"check", "--read-data"}, {.user = OrdinaryUser}).errors;
+            const ProgramResult check = Run(1, {"check", "--read-data"}, {.user = OrdinaryUser});
+            EXPECT_TRUE(Holds(check.output, "\n0 of "));
+            const std::string denied = Run(1, {"check", "--read-data", "-q"}, {.user = OrdinaryUser}).errors;
             EXPECT_TRUE(Holds(denied, "hint: this user may not read"));
+            // One error for each pack, and one for each tree in them; no further ones for blobs.
+            EXPECT_FALSE(Holds(denied, " (blob ")) << denied;
             EXPECT_EQ(denied.find("rebuil"), std::string::npos) << denied;
         }
     }

@@ -42,9 +42,10 @@ protected:
         return opened.SaveText(FileKind::Snapshot, snapshot.ToJson());
     }
     static Id SaveLock(const Repo::Repository& opened, const std::string& host, std::uint32_t pid,
-                       std::int64_t age)
+                       std::int64_t age, bool isExclusive = false)
     {
         Repo::Lock lock;
+        lock.isExclusive = isExclusive;
         lock.time = Repo::Timestamp::Now();
         lock.time.seconds -= age;
         lock.hostname = host;
@@ -243,6 +244,24 @@ TEST_F(RepositoryWriting, LockIsRequiredAndKept)
     EXPECT_EQ(IsInterrupted(), before);
 }
 
+// Another process has looked before, and writes its lock only now.
+TEST_F(RepositoryWriting, LockThatSettlesLaterFindsWhatCameMeanwhile)
+{
+    const Repo::Repository opened = Create();
+    LockSettings settings;
+    settings.settling = std::chrono::milliseconds(1);
+    settings.settlesLater = true;
+    RepositoryLock held(opened, settings);
+    const Id other = SaveLock(opened, "elsewhere", 1, 0, true);
+    EXPECT_THROW(held.RequireFresh(), LockedError);
+    EXPECT_THROW(held.Settle(), LockedError);
+    EXPECT_THROW(RepositoryLock(opened, settings), LockedError);
+    opened.GetBackend().Remove({FileKind::Lock, other});
+    held.Settle();
+    SaveLock(opened, "elsewhere", 1, 0, true);
+    held.RequireFresh();
+}
+
 TEST_F(RepositoryWriting, LockThatCanNotBeWrittenEndsNoProcess)
 {
     struct FailingBackend : Repo::LocalBackend
@@ -252,15 +271,25 @@ TEST_F(RepositoryWriting, LockThatCanNotBeWrittenEndsNoProcess)
         {
             if (fails && ++failed != 0)
                 throw std::bad_alloc();
+            if (isSlow) { // and another process removes the locks meanwhile
+                std::this_thread::sleep_for(std::chrono::milliseconds(600));
+                for (const auto& lock : fs::directory_iterator((Describe() + "/locks").Bytes()))
+                    fs::remove(lock);
+            }
             LocalBackend::Save(file, content);
+        }
+        void List(FileKind kind, const std::function<void(const Id&, std::uint64_t)>& visit) override
+        {
+            if (!isLate)
+                LocalBackend::List(kind, visit);
         }
         void Remove(const Repo::FileName& file) override
         {
-            if (fails)
+            if (fails || keeps)
                 KRT_RAISE_OS(EIO, "Failed to remove");
             LocalBackend::Remove(file);
         }
-        std::atomic<bool> fails{false};
+        std::atomic<bool> fails{false}, keeps{false}, isLate{false}, isSlow{false};
         std::atomic<int> failed{0};
     };
     Create();
@@ -280,6 +309,35 @@ TEST_F(RepositoryWriting, LockThatCanNotBeWrittenEndsNoProcess)
         held.RequireFresh();
     }
     EXPECT_EQ(left, 1);
+    backend->fails = false;
+    const std::size_t before = Files("locks").size();
+    settings.expiry = std::chrono::milliseconds(1);
+    {
+        RepositoryLock held(opened, settings);
+        backend->keeps = true;
+        for (int i = 0; i < 3; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            EXPECT_NO_THROW(held.RequireFresh()) << "a lock that is not removed is not lost";
+        }
+        EXPECT_GT(Files("locks").size(), before + 1);
+        backend->keeps = false;
+    }
+    EXPECT_EQ(Files("locks").size(), before);
+    EXPECT_EQ(left, 1);
+    backend->isLate = true;
+    EXPECT_THROW(RepositoryLock(opened, settings), Repo::RepositoryError);
+    EXPECT_EQ(Files("locks").size(), before);
+    backend->isLate = false;
+    std::atomic<bool> isLost{false};
+    settings.expiry = std::chrono::milliseconds(500);
+    settings.onLost = [&] {
+        isLost = true;
+    };
+    const RepositoryLock held(opened, settings);
+    backend->isSlow = true;
+    for (int i = 0; i < 1000 && !isLost; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_TRUE(isLost);
 }
 
 // A FIFO without a writer; and a program that prints no password.
@@ -329,8 +387,8 @@ TEST_F(RepositoryWriting, TagsChangeOnlyWhatIsChosen)
     for (const char* wrong : {"tag", "tag --set a --add b", "tag --add ,"})
         Run(2, wrong);
     EXPECT_TRUE(Holds(Run(0, "tag --add x").output, "on 0 snapshots"));
-    EXPECT_TRUE(Holds(Run(0, "tag --remove x --host a").output, "on 1 snapshots"));
-    EXPECT_TRUE(Holds(Run(0, "tag --set z,z,w --tag y").output, "on 1 snapshots"));
+    EXPECT_TRUE(Holds(Run(0, "tag --remove x --host a").output, "on 1 snapshot\n"));
+    EXPECT_TRUE(Holds(Run(0, "tag --set z,z,w --tag y").output, "on 1 snapshot\n"));
     const Repo::StoredSnapshot found =
         opened.FindSnapshot("latest", {.hosts = {"a"}, .tags = {}, .paths = {}});
     EXPECT_EQ(found.snapshot.tags, (std::vector<std::string>{"z", "w"}));
