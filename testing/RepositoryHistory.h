@@ -1,6 +1,9 @@
 // A repository with snapshots of a tree that changes, for tests of what removes data.
 #pragma once
 
+#include "agent/Inspect/RepositoryCheck.h"
+#include "agent/Prune/WorkObserver.h"
+
 #include "testing/RepositoryFixture.h"
 #include "testing/Tree.h"
 
@@ -10,6 +13,18 @@
 #include <random>
 
 namespace Testing {
+
+/// Takes each error of a check for a failure of the test.
+struct NoObserver : Agent::IWorkObserver, Agent::ICheckObserver
+{
+    void OnStage(const std::string&) override {}
+    void OnNote(const std::string&) override {}
+    void OnProgress(std::uint64_t, std::uint64_t) override {}
+    void OnProgress(const Agent::ProgressFacts&) override {}
+    void OnError(const std::string& text) override { ADD_FAILURE() << text; }
+    void OnHint(const std::string&) override {}
+    void OnTouched(const Agent::Repo::StoredSnapshot&, const std::string&, const std::string&) override {}
+};
 
 class RepositoryHistory : public RepositoryFixture
 {
@@ -39,10 +54,17 @@ protected:
                 Restic("backup -q " + source);
             else
                 Run(0, {"backup", "-q", source});
-            for (const auto& file : Files("snapshots")) {
-                if (std::find(before.begin(), before.end(), file) == before.end())
-                    trees[file.filename()] = DescribeTree(source);
-            }
+            ExpectOfNew(before, DescribeTree(source));
+        }
+    }
+    /// Snapshots that are not among these files are expected to have this tree.
+    void ExpectOfNew(const std::vector<std::filesystem::path>& before, const std::string& tree)
+    {
+        for (const auto& file : Files("snapshots")) {
+            const std::string name = file.filename();
+            if (name.size() == Agent::Repo::Id::Digits && // otherwise it is temporary
+                std::find(before.begin(), before.end(), file) == before.end())
+                trees[name] = tree;
         }
     }
 

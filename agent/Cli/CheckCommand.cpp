@@ -42,23 +42,47 @@ std::string SummaryJson(const CheckSummary& summary)
 void Advise(const CheckSummary& summary, CheckObserver& observer)
 {
     if (summary.isDenied)
-        return observer.OnHint("this user may not read some files of the repository; repeat the check as "
+        return observer.Advise("this user may not read some files of the repository; repeat the check as "
                                "their owner or as root");
     const auto advise = [&observer](const char* command, const std::vector<Repo::Id>& ids) {
         std::string text = command;
         for (const Repo::Id& id : ids)
             text += " " + id.ToHex();
         if (!ids.empty())
-            observer.OnHint(text);
+            observer.Advise(text);
     };
+    if (summary.hasReadErrors)
+        observer.Advise(
+            "the disk can't read some files, which may pass; look at its cables and its health, "
+            "copy the repository to another disk, and check the copy before anything is repaired");
     if (summary.isIndexWrong)
-        observer.OnHint("the index should be rebuilt from the packs: kbagent repair index");
-    advise("what can be read of broken packs should be saved: kbagent repair packs", summary.brokenPacks);
+        observer.Advise("the index should be rebuilt from the packs: kbagent repair index");
+    advise("what can be read of broken packs should be saved: kbagent repair packs", summary.damagedPacks);
+    advise("packs that can't be read there either should be replaced by what can be read of them: kbagent "
+           "repair packs --remove-unreadable",
+           summary.unreadablePacks);
+    if (summary.unknownPacks != 0)
+        observer.Advise("an older copy of the directory 'index' would make packs readable that no index "
+                        "refers to and whose headers are damaged; a prune removes them");
+    if (summary.hasDamage) {
+        const bool isFirst =
+            !summary.isIndexWrong && summary.damagedPacks.empty() && summary.unreadablePacks.empty();
+        observer.Advise(std::string(isFirst ? "" : "after that, ") +
+                        "the same files should be backed up again, which stores what they still have of what "
+                        "was lost (exit code 0 or 3), and the repository be checked again");
+    }
+    if (!summary.badSnapshots.empty())
+        observer.Advise("the directories of damaged snapshots, unless a prune has removed them, should be "
+                        "saved as a new one: kbagent recover");
     advise("damaged files of snapshots should be removed: kbagent repair snapshots --forget",
            summary.badSnapshots);
-    if (summary.errors != 0)
-        observer.OnHint(
-            "if snapshots have still lost something after that: kbagent repair snapshots --forget");
+    if (summary.losesDirectories)
+        observer.Advise(
+            "if directories are lost even then, what is left of those below them should be saved as "
+            "a new snapshot: kbagent recover");
+    if (summary.hasDamage)
+        observer.Advise("only what is lost even then should be removed from the snapshots: kbagent repair "
+                        "snapshots --forget");
 }
 
 class CheckCommand : public ICommand
@@ -102,17 +126,20 @@ void CheckCommand::Run(Report& report)
         subset = PackSubset();
     else if (!m_subset.empty())
         subset = PackSubset::Parse(m_subset);
-    const RepositoryOptions options = m_repository.Get();
-    Session session(options, report);
+    RepositoryOptions options = m_repository.Get();
+    options.hasNoCache = true; // the repository itself is to be verified
+    Session session(options, report, Access::Read, OldFormat::Refused, Settling::Later);
     CheckObserver observer(report, options);
-    const CheckSummary summary = CheckRepository(session.GetRepository(), subset, observer);
+    const CheckSummary summary =
+        CheckRepository(session.GetRepository(), subset, observer, [&session] { session.Settle(); });
     if (!m_repository.IsJson())
         Advise(summary, observer);
     if (m_repository.IsJson())
-        report.Out() << SummaryJson(summary) << "\n";
+        report.PrintAndLog(SummaryJson(summary) + "\n");
+    else if (summary.errors == 0 && options.isQuiet)
+        report.LogSummary("no errors were found\n");
     else if (summary.errors == 0)
-        report.Out() << "no errors were found\n";
-    report.Out().Flush();
+        report.PrintAndLog("no errors were found\n");
     KRT_RAISE_UNLESS(summary.errors == 0, Krt::ErrorCode::InvalidState,
                      "The repository has errors: " << static_cast<unsigned long long>(summary.errors));
 }

@@ -2,10 +2,14 @@
 
 #include "agent/Access/SnapshotChoice.h"
 
+#include "Krt/Log/LogSite.h"
+
 namespace Agent {
 
 void CheckObserver::OnStage(const std::string& text)
 {
+    m_report.BeginPart();
+    KRT_LOG_FREE(Krt::MessageType::General, text.c_str());
     if (m_isJson || m_isQuiet)
         return;
     m_report.Out() << text << "\n";
@@ -29,10 +33,9 @@ void CheckObserver::OnTouched(const Repo::StoredSnapshot& snapshot, const std::s
     Print("touched", DescribeSnapshot(snapshot) + ": " + path + ": " + reason);
 }
 
-void CheckObserver::OnProgress(std::uint64_t items, std::uint64_t bytes)
+void CheckObserver::OnProgress(const ProgressFacts& facts)
 {
-    if (!m_isQuiet)
-        m_report.Progress(items, bytes);
+    m_report.Progress([&] { return facts; });
 }
 
 void CheckObserver::Print(const char* kind, const std::string& text)

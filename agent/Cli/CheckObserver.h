@@ -18,7 +18,9 @@ public:
     void OnHint(const std::string& text) override;
     void OnTouched(const Repo::StoredSnapshot& snapshot, const std::string& path,
                    const std::string& reason) override;
-    void OnProgress(std::uint64_t items, std::uint64_t bytes) override;
+    /// Prints a hint on what to do about errors, also with --quiet.
+    void Advise(const std::string& text) { Print("hint", text); }
+    void OnProgress(const ProgressFacts& facts) override;
 
 private:
     void Print(const char* kind, const std::string& text);

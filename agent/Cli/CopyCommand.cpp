@@ -1,6 +1,7 @@
 #include "agent/Cli/Command.h"
 
 #include "agent/Cli/RepositoryArguments.h"
+#include "agent/Cli/SaveArguments.h"
 #include "agent/Cli/WorkPrinter.h"
 #include "agent/Copy/SnapshotCopy.h"
 #include "agent/Run/Interrupt.h"
@@ -23,10 +24,11 @@ public:
     void Run(Report& report) override;
 
 private:
-    void CopyAll(Session& source, Session& target) const;
+    void CopyAll(Session& source, Session& target, Repo::SaveOptions saving) const;
     void Print(Session& target, const char* kind, const StoredSnapshot& stored, const Id& copy) const;
 
     RepositoryArguments m_repository;
+    SaveArguments m_save;
     CLI::Option* m_ids = nullptr;
 };
 
@@ -36,6 +38,7 @@ CLI::App* CopyCommand::Register(CLI::App& program)
     m_repository.AddTo(*command, LockOptions::Required);
     m_repository.AddSourceTo(*command);
     m_repository.AddSnapshotOptionsTo(*command);
+    m_save.AddTo(*command);
     m_ids = AddPathArguments(*command, "Copy only these snapshots: first digits of IDs, or latest", "ID");
     command->footer(
         "Copies to the repository of --repo what that of --from-repo has. Snapshots that were copied before\n"
@@ -50,15 +53,18 @@ CLI::App* CopyCommand::Register(CLI::App& program)
 void CopyCommand::Run(Report& report)
 {
     report.NameWork("copy");
+    const Repo::SaveOptions saving = m_save.Get();
     Session target(m_repository.Get(), report, Access::Append);
     Session source(m_repository.GetSource(), report);
-    if (source.GetRepository().GetConfig().polynomial != target.GetRepository().GetConfig().polynomial)
+    if (!target.GetOptions().isQuiet &&
+        source.GetRepository().GetConfig().polynomial != target.GetRepository().GetConfig().polynomial)
         report.Note("The repositories cut files in different places, so that new backups share no data with "
                     "the copies");
-    CopyAll(source, target);
+    report.GoOnWithoutOutput();
+    CopyAll(source, target, saving);
 }
 
-void CopyCommand::CopyAll(Session& source, Session& target) const
+void CopyCommand::CopyAll(Session& source, Session& target, Repo::SaveOptions saving) const
 {
     Report& report = target.GetReport();
     const std::vector<StoredSnapshot> snapshots =
@@ -71,7 +77,8 @@ void CopyCommand::CopyAll(Session& source, Session& target) const
     target.LoadIndex();
     target.FindLostPacks();
     WorkPrinter printer(report, target.GetOptions());
-    Repo::SaveOptions saving;
+    if (snapshots.empty() && m_ids->count() == 0)
+        printer.OnStage("there is no snapshot that the options choose");
     saving.onWait = RaiseIfInterrupted;
     SnapshotCopy copying(source.GetRepository(), target.GetRepository(), saving, printer);
     for (const StoredSnapshot& stored : snapshots) {
@@ -90,13 +97,12 @@ void CopyCommand::CopyAll(Session& source, Session& target) const
 
 void CopyCommand::Print(Session& target, const char* kind, const StoredSnapshot& stored, const Id& copy) const
 {
-    Output& out = target.GetReport().Out();
+    Report& report = target.GetReport();
     if (target.GetOptions().isJson)
-        out << R"({"message_type":")" << kind << R"(","source_snapshot_id":")" << stored.id.ToHex()
-            << R"(","snapshot_id":")" << copy.ToHex() << "\"}\n";
+        report.PrintAndLog(R"({"message_type":")" + std::string(kind) + R"(","source_snapshot_id":")" +
+                           stored.id.ToHex() + R"(","snapshot_id":")" + copy.ToHex() + "\"}\n");
     else if (!target.GetOptions().isQuiet)
-        out << kind << ": it is snapshot " << ShortId(copy) << "\n";
-    out.Flush();
+        report.PrintAndLog(std::string(kind) + ": it is snapshot " + ShortId(copy) + "\n");
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Cli/SnapshotGroups.h"
 #include "agent/Forget/Retention.h"
+#include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
 #include <CLI/CLI.hpp>
@@ -70,6 +71,7 @@ private:
 
     RepositoryArguments m_repository;
     PruneArguments m_pruning;
+    std::vector<CLI::Option*> m_pruneOptions; // those that need --prune
     CLI::Option* m_ids = nullptr;
     std::array<std::string, RetentionPolicy::PeriodCount> m_counts;
     std::array<std::string, RetentionPolicy::PeriodCount> m_within;
@@ -92,18 +94,23 @@ CLI::App* ForgetCommand::Register(CLI::App& program)
         command->add_option(Rules[i].within, m_within[i], Rules[i].withinText)->type_name("DURATION");
     }
     command
-        ->add_option("--keep-tag", m_keepTags,
-                     "Keep snapshots with all tags of a list, as in a,b; \",\" for those without tags")
+        ->add_option(
+            "--keep-tag", m_keepTags,
+            "Keep snapshots with all tags of a list, as in a,b; \"\" or \",\" for those without tags")
         ->type_name("LIST")
         ->allow_extra_args(false);
     command
-        ->add_option("-g,--group-by", m_groupBy,
-                     "Apply the policy to each group of the same host, paths or tags; \",\" for no groups")
+        ->add_option(
+            "-g,--group-by", m_groupBy,
+            "Apply the policy to each group of the same host, paths or tags; \"\" or \",\" for no groups")
         ->type_name("LIST")
         ->capture_default_str();
     command->add_flag("-n,--dry-run", m_isDryRun, "Remove nothing, but print what would be removed");
     command->add_flag("--prune", m_prunes, "If snapshots are removed, then do what the command prune does");
+    const std::size_t before = command->get_options().size();
     m_pruning.AddTo(*command);
+    const std::vector<CLI::Option*> added = command->get_options();
+    m_pruneOptions.assign(added.begin() + static_cast<std::ptrdiff_t>(before), added.end());
     command->add_flag("-c,--compact", m_isCompact, "Leave the reasons and the paths out");
     command->add_flag("--unsafe-allow-remove-all", m_mayRemoveAll,
                       "Allow to remove all snapshots that --host, --tag and --path choose");
@@ -124,8 +131,9 @@ void ForgetCommand::Run(Report& report)
     const RetentionPolicy policy = PolicyOf();
     RequireSense(policy);
     const Grouping grouping(m_groupBy);
-    PruneOptions pruning = m_pruning.Get();
-    const RepositoryOptions options = m_repository.Get();
+    PruneOptions pruning = m_prunes ? m_pruning.Get() : PruneOptions();
+    RepositoryOptions options = m_repository.Get();
+    options.mayRecoverSpace = true;
     const Access dryRun = m_prunes ? Access::DryRun : Access::Read;
     Session session(options, report,
                     m_hasNoFreeSpace ? Access::Recovery
@@ -135,6 +143,7 @@ void ForgetCommand::Run(Report& report)
     const std::vector<StoredSnapshot> chosen =
         m_ids->count() != 0 ? ChooseNamed(session) : ChooseBy(policy, grouping, session);
     if (!m_isDryRun) {
+        report.GoOnWithoutOutput();
         Remove(chosen, session);
     } else if (!chosen.empty() && !options.isJson && !options.isQuiet) {
         std::string ids;
@@ -150,7 +159,15 @@ void ForgetCommand::Run(Report& report)
         for (const StoredSnapshot& stored : chosen)
             pruning.forgotten.insert(stored.id);
     }
-    PruneAndPrint(session, pruning);
+    try {
+        PruneAndPrint(session, pruning);
+    } catch (const Repo::RepositoryError& error) {
+        if (m_isDryRun)
+            throw;
+        RaiseIfInterrupted();
+        report.RepositoryFailed("prune", "The snapshots were removed, but what only they need was not: " +
+                                             ReasonOf(error));
+    }
 }
 
 RetentionPolicy ForgetCommand::PolicyOf() const
@@ -172,10 +189,22 @@ void ForgetCommand::RequireSense(const RetentionPolicy& policy) const
     const bool hasFilter = !filter.hosts.empty() || !filter.tags.empty() || !filter.paths.empty();
     if (m_mayRemoveAll && !hasFilter)
         throw UsageError("--unsafe-allow-remove-all needs --host, --tag or --path");
+    for (const CLI::Option* option : m_pruneOptions) {
+        if (option->count() != 0 && !m_prunes)
+            throw UsageError(option->get_name() + " needs --prune");
+    }
     if (m_ids->count() != 0 && (!policy.IsEmpty() || m_mayRemoveAll))
         throw UsageError("Name snapshots, or give a policy, but not both");
     if (m_ids->count() == 0 && policy.IsEmpty() && !m_mayRemoveAll)
         throw UsageError("Name snapshots, or a policy that keeps some, such as --keep-daily 7");
+}
+
+bool FitsSeveral(const Repo::Repository& repository, const std::string& digits)
+{
+    const std::vector<Repo::Id> ids = repository.ListIds(Repo::FileKind::Snapshot);
+    const std::string lower = LowerDigits(digits);
+    return std::count_if(ids.begin(), ids.end(),
+                         [&](const Repo::Id& id) { return id.ToHex().starts_with(lower); }) > 1;
 }
 
 std::vector<StoredSnapshot> ForgetCommand::ChooseNamed(Session& session) const
@@ -191,8 +220,12 @@ std::vector<StoredSnapshot> ForgetCommand::ChooseNamed(Session& session) const
         } catch (const Repo::RepositoryError& error) {
             session.GetReport().EntryFailed(YString(std::string_view(text)), ReasonOf(error));
         } catch (const Krt::Exception::YError& error) {
-            // What is not there needs no removal, so restic succeeds, too.
             RaiseIfInterrupted();
+            if (FitsSeveral(session.GetRepository(), text)) {
+                session.GetReport().EntryFailed(YString(std::string_view(text)), ReasonOf(error));
+                continue;
+            }
+            // What is not there needs no removal, so restic succeeds, too.
             session.GetReport().Note("Ignoring '" + YString(std::string_view(text)) +
                                      "': " + ReasonOf(error));
         }
@@ -279,10 +312,10 @@ void ForgetCommand::Print(const Decision& decision, Report& report) const
     if (decision.key != GroupKey())
         report.Out() << decision.key.Describe() << ":\n\n";
     if (!decision.kept.empty())
-        report.Out() << "keep " << decision.kept.size() << " snapshots:\n"
+        report.Out() << "keep " << CountText(decision.kept.size(), "snapshot", "snapshots") << ":\n"
                      << SnapshotTable{m_isCompact, decision.reasons}.ToText(decision.kept) << "\n";
     if (!decision.removed.empty())
-        report.Out() << "remove " << decision.removed.size() << " snapshots:\n"
+        report.Out() << "remove " << CountText(decision.removed.size(), "snapshot", "snapshots") << ":\n"
                      << SnapshotTable{m_isCompact, {}}.ToText(decision.removed) << "\n";
 }
 
@@ -325,7 +358,8 @@ void ForgetCommand::Remove(const std::vector<StoredSnapshot>& snapshots, Session
         report.Out().Flush();
     }
     if (prints && !snapshots.empty())
-        report.Out() << "removed " << count << " of " << snapshots.size() << " snapshots\n";
+        report.PrintAndLog("removed " + std::to_string(count) + " of " +
+                           CountText(snapshots.size(), "snapshot", "snapshots") + "\n");
 }
 
 } // namespace

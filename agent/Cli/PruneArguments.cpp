@@ -2,7 +2,6 @@
 
 #include "agent/Cli/WorkPrinter.h"
 #include "agent/Prune/PruneRun.h"
-#include "agent/Repository/BlobSaver.h"
 #include "agent/Run/Text.h"
 #include "agent/Run/UsageError.h"
 
@@ -167,18 +166,26 @@ void PruneArguments::AddTo(CLI::App& command)
     command.add_flag("--repack-cacheable-only", m_options.repacksOnlyTrees, "Repack only packs of trees");
     command.add_flag("--repack-uncompressed", m_options.repacksUncompressed,
                      "Also repack packs with anything uncompressed, and compress it");
+    m_save.AddTo(command);
 }
 
 PruneOptions PruneArguments::Get() const
 {
     PruneOptions options = m_options;
     options.maxUnused = UnusedLimit::Parse(m_maxUnused);
+    options.save = m_save.Get();
+    if (options.repacksUncompressed && options.save.compression == Repo::Compression::Off)
+        throw UsageError("--repack-uncompressed and --compression off exclude each other");
     if (!m_maxRepackSize.empty())
         options.maxRepackSize = RequireSize("--max-repack-size", m_maxRepackSize);
     if (!m_smallerThan.empty())
         options.smallSize = RequireSize("--repack-smaller-than", m_smallerThan);
     else if (m_repacksSmall)
-        options.smallSize = Repo::SaveOptions().packSize / 5 * 4;
+        options.smallSize = options.save.packSize / 5 * 4;
+    if (options.smallSize > options.save.packSize)
+        throw UsageError("--repack-smaller-than is above the size of new packs, so each prune would repack "
+                         "these; raise --pack-size, or lower it: '" +
+                         m_smallerThan + "'");
     return options;
 }
 
@@ -186,22 +193,24 @@ void PruneAndPrint(Session& session, const PruneOptions& options)
 {
     const RepositoryOptions& access = session.GetOptions();
     Report& report = session.GetReport();
+    if (!options.isDryRun)
+        report.GoOnWithoutOutput();
     WorkPrinter printer(report, access);
     PruneStatistics statistics;
     try {
         Prune(session.GetRepository(), options, printer, [&](const PruneStatistics& planned) {
             statistics = planned;
+            const std::string text = TextOf(planned, access.isVerbose);
             if (access.isJson || access.isQuiet)
-                return;
-            report.Out() << TextOf(planned, access.isVerbose);
-            report.Out().Flush();
+                report.LogSummary(text);
+            else
+                report.PrintAndLog(text);
         });
     } catch (const Repo::RepositoryError& error) {
         const Repo::Failure failure = error.GetFailure();
         if (failure == Repo::Failure::Missing || failure == Repo::Failure::Damaged)
-            report.Note(
-                "Nothing that snapshots need was removed. 'kbagent check' finds out what is damaged, and "
-                "'kbagent repair' repairs it");
+            report.Note("Nothing that snapshots need was removed. 'kbagent check --read-data' finds out what "
+                        "is damaged, and 'kbagent repair' repairs it");
         throw;
     }
     if (access.isJson)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "agent/Access/Session.h"
+#include "agent/Cli/SaveArguments.h"
 #include "agent/Prune/PrunePlan.h"
 
 #include <string>
@@ -16,15 +17,17 @@ namespace Agent {
 class PruneArguments
 {
 public:
-    /// Adds --max-unused and the other options that decide what is repacked.
+    /// Adds --max-unused and the other options that decide what is repacked, and how.
     void AddTo(CLI::App& command);
-    /// What was given. Raises UsageError for a limit that can't be read.
+    /// What was given. Raises UsageError for a value that can't be read, and if a prune would repack again
+    /// what it has repacked.
     PruneOptions Get() const;
 
 private:
     std::string m_maxUnused = "5%";
     std::string m_maxRepackSize;
     std::string m_smallerThan;
+    SaveArguments m_save;
     PruneOptions m_options;
     bool m_repacksSmall = false;
 };

@@ -47,7 +47,9 @@ void PruneCommand::Run(Report& report)
     PruneOptions options = m_arguments.Get();
     options.hasNoFreeSpace = m_hasNoFreeSpace;
     options.isDryRun = m_isDryRun;
-    Session session(m_repository.Get(), report, m_hasNoFreeSpace ? Access::Recovery : Access::Exclusive);
+    RepositoryOptions access = m_repository.Get();
+    access.mayRecoverSpace = true;
+    Session session(access, report, m_hasNoFreeSpace ? Access::Recovery : Access::Exclusive);
     PruneAndPrint(session, options);
 }
 

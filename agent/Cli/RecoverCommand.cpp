@@ -17,6 +17,22 @@ using Repo::StoredSnapshot;
 
 namespace {
 
+// The notes are trees that can't be read, so that entries are missing from the snapshot.
+class RecoveryPrinter : public WorkPrinter
+{
+public:
+    RecoveryPrinter(Report& report, const RepositoryOptions& options)
+        : WorkPrinter(report, options), m_report(report)
+    {}
+    void OnNote(const std::string& text) override
+    {
+        m_report.RepositoryFailed("data", Krt::YString(std::string_view(text)));
+    }
+
+private:
+    Report& m_report;
+};
+
 class RecoverCommand : public ICommand
 {
 public:
@@ -38,7 +54,9 @@ CLI::App* RecoverCommand::Register(CLI::App& program)
         "It is for snapshots that were removed by mistake, or whose files are lost, as long as no prune has\n"
         "removed their contents. The new snapshot has the tag recovered and the path /recover. In it, each\n"
         "directory is named by the digits of its tree's ID. What interrupted backups left is found, "
-        "too.\n\n" +
+        "too,\nand snapshots that were removed on purpose come back as well. The exit code is 3 if a "
+        "directory, or a\n"
+        "part of it, can't be read; 'kbagent repair snapshots --forget' then removes that part.\n\n" +
         std::string(RepositoryHelp) + "Example: kbagent recover --repo /backup/repository");
     return command;
 }
@@ -46,8 +64,9 @@ CLI::App* RecoverCommand::Register(CLI::App& program)
 void RecoverCommand::Run(Report& report)
 {
     Session session(m_repository.Get(), report, Access::Exclusive);
-    const bool isJson = session.GetOptions().isJson;
-    WorkPrinter printer(report, session.GetOptions());
+    const RepositoryOptions& options = session.GetOptions();
+    report.GoOnWithoutOutput();
+    WorkPrinter printer(report, options);
     const std::vector<StoredSnapshot> snapshots = session.GetRepository().LoadSnapshots(
         {}, [&printer](const Repo::FileName& file, const Repo::RepositoryError& error) {
             if (!error.IsOfFile())
@@ -56,16 +75,18 @@ void RecoverCommand::Run(Report& report)
         });
     session.LoadIndex();
     printer.OnStage("reading all trees");
-    const std::vector<Id> roots = FindLostRoots(session.GetRepository(), snapshots, printer);
-    printer.OnStage("found " + std::to_string(roots.size()) + " directories that no snapshot refers to");
+    RecoveryPrinter reader(report, options);
+    const std::vector<Id> roots = FindLostRoots(session.GetRepository(), snapshots, reader);
+    printer.OnStage("found " + CountText(roots.size(), "directory", "directories") +
+                    " that no snapshot refers to");
     std::optional<Id> id;
     if (!roots.empty())
         id = Save(session, roots);
-    if (isJson)
-        report.Out() << R"({"message_type":"summary","recovered":)" << std::to_string(roots.size())
-                     << (id ? R"(,"snapshot_id":")" + id->ToHex() + "\"}\n" : "}\n");
-    else if (id)
-        report.Out() << "saved new snapshot " << ShortId(*id) << "\n";
+    if (options.isJson)
+        report.PrintAndLog(R"({"message_type":"summary","recovered":)" + std::to_string(roots.size()) +
+                           (id ? R"(,"snapshot_id":")" + id->ToHex() + "\"}\n" : "}\n"));
+    else if (id && !options.isQuiet)
+        report.PrintAndLog("saved new snapshot " + ShortId(*id) + "\n");
 }
 
 Id RecoverCommand::Save(Session& session, const std::vector<Id>& roots) const
@@ -76,8 +97,7 @@ Id RecoverCommand::Save(Session& session, const std::vector<Id>& roots) const
     outcome.begin = Repo::Timestamp::Now();
     Repo::Snapshot snapshot = MakeSnapshot(settings, outcome);
     snapshot.paths = {"/recover"};
-    snapshot.tree = SaveRoots(session.GetRepository(), roots, outcome.begin);
-    return session.GetRepository().SaveText(Repo::FileKind::Snapshot, snapshot.ToJson());
+    return SaveRecovered(session.GetRepository(), roots, std::move(snapshot));
 }
 
 } // namespace

@@ -4,9 +4,12 @@
 #include "agent/Cli/PatternArguments.h"
 #include "agent/Cli/RepositoryArguments.h"
 #include "agent/Repository/BlobSaver.h"
+#include "agent/Rewrite/SnapshotReplacement.h"
 #include "agent/Rewrite/TreeFilter.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
+
+#include "Krt/Exception/Raise.h"
 
 #include <CLI/CLI.hpp>
 
@@ -20,8 +23,6 @@ using Repo::StoredSnapshot;
 
 namespace {
 
-constexpr const char* RewriteTag = "rewrite";
-
 class RewriteCommand : public ICommand
 {
 public:
@@ -31,8 +32,8 @@ public:
 private:
     std::optional<Repo::Snapshot> Filter(const StoredSnapshot& stored, const Patterns& excludes,
                                          Session& session, Repo::BlobSaver& saver) const;
-    void Save(const StoredSnapshot& stored, const Repo::Snapshot& changed, Session& session,
-              Repo::BlobSaver& saver) const;
+    void Save(const StoredSnapshot& stored, const Repo::Snapshot& changed, const StoredSnapshot* before,
+              Session& session, Repo::BlobSaver& saver) const;
 
     RepositoryArguments m_repository;
     CLI::Option* m_ids = nullptr;
@@ -53,7 +54,8 @@ CLI::App* RewriteCommand::Register(CLI::App& program)
     command->footer(
         "A snapshot that has a matching entry is saved without it, as another snapshot with the tag\n"
         "rewrite, or without that tag if the old one is removed. Contents remain in the repository until\n"
-        "nothing refers to them and they are pruned. Patterns are those of restic, as in restore.\n\n" +
+        "nothing refers to them and they are pruned. A snapshot of which nothing would be left stays as\n"
+        "it is, which is a failure. Patterns are those of restic, as in restore.\n\n" +
         std::string(RepositoryHelp) +
         "Example: kbagent rewrite --repo /backup/repository --exclude /home/anna/secret --forget");
     return command;
@@ -77,24 +79,41 @@ void RewriteCommand::Run(Report& report)
         RaiseIfInterrupted();
     };
     Repo::BlobSaver saver(session.GetRepository(), save);
+    const std::vector<StoredSnapshot> existing =
+        session.GetRepository().LoadSnapshots({}, [](const Repo::FileName&, const Repo::RepositoryError&) {});
     std::size_t count = 0;
+    if (!m_isDryRun)
+        report.GoOnWithoutOutput();
+    std::uint64_t done = 0;
     for (const StoredSnapshot& stored : snapshots) {
+        report.Progress([&] { return ProgressFacts{done, snapshots.size(), "snapshots"}; });
+        ++done;
         if (!options.isJson && !options.isQuiet)
             report.Out() << Printable(DescribeSnapshot(stored)) << "\n";
+        report.Out().Flush(); // before errors
         const std::optional<Repo::Snapshot> changed = Filter(stored, excludes, session, saver);
         if (!changed)
             continue;
+        const StoredSnapshot* const before = FindRewritten(existing, stored.id, *changed);
+        if (before != nullptr && !options.isJson && !options.isQuiet)
+            report.Out() << "it was rewritten before, as snapshot " << ShortId(before->id) << "\n";
+        if (before != nullptr && !m_forgets)
+            continue;
         ++count;
         if (!m_isDryRun)
-            Save(stored, *changed, session, saver);
+            Save(stored, *changed, before, session, saver);
         else if (!options.isJson && !options.isQuiet)
-            report.Out() << (m_forgets ? "would save a new snapshot and remove this one\n"
-                                       : "would save a new snapshot\n");
+            report.Out() << (before != nullptr ? "would remove this one\n"
+                             : m_forgets       ? "would save a new snapshot and remove this one\n"
+                                               : "would save a new snapshot\n");
     }
     if (options.isJson)
-        report.Out() << ChangeCountJson(count) << "\n";
+        report.PrintAndLog(ChangeCountJson(count) + "\n");
+    else if (!options.isQuiet && count == 0)
+        report.PrintAndLog("no snapshots were modified\n");
     else if (!options.isQuiet)
-        report.Out() << (m_isDryRun ? "would modify " : "modified ") << count << " snapshots\n";
+        report.PrintAndLog((m_isDryRun ? "would modify " : "modified ") +
+                           CountText(count, "snapshot", "snapshots") + "\n");
 }
 
 // Returns nothing if no entry matches, or if the snapshot can't be read, which is reported.
@@ -104,6 +123,7 @@ std::optional<Repo::Snapshot> RewriteCommand::Filter(const StoredSnapshot& store
     Report& report = session.GetReport();
     const bool prints = !session.GetOptions().isJson && !session.GetOptions().isQuiet;
     bool isSaving = false;
+    std::string excluded; // printed if the snapshot is not kept as it is
     TreeFilter filter(session.GetRepository(), excludes);
     try {
         Repo::Snapshot changed = stored.snapshot;
@@ -117,10 +137,14 @@ std::optional<Repo::Snapshot> RewriteCommand::Filter(const StoredSnapshot& store
             },
             [&](const std::string& path) {
                 if (prints)
-                    report.Out() << "excluding " << Printable(path) << "\n";
+                    excluded += "excluding " + Printable(path) + "\n";
             });
         if (changed.tree == stored.snapshot.tree)
             return std::nullopt;
+        KRT_RAISE_UNLESS(filter.GetEntries() != 0, Krt::ErrorCode::InvalidArgument,
+                         "The patterns leave nothing of the snapshot, so it stays as it is; 'kbagent forget' "
+                         "removes it");
+        report.Out() << excluded;
         changed.original = stored.id;
         if (changed.summary) {
             changed.summary->totalFilesProcessed = filter.GetFiles();
@@ -140,19 +164,17 @@ std::optional<Repo::Snapshot> RewriteCommand::Filter(const StoredSnapshot& store
     }
 }
 
-void RewriteCommand::Save(const StoredSnapshot& stored, const Repo::Snapshot& changed, Session& session,
-                          Repo::BlobSaver& saver) const
+// Saves a snapshot that replaces the stored one, unless the one that was saved `before` does.
+void RewriteCommand::Save(const StoredSnapshot& stored, const Repo::Snapshot& changed,
+                          const StoredSnapshot* before, Session& session, Repo::BlobSaver& saver) const
 {
-    const Repo::Repository& repository = session.GetRepository();
     const RepositoryOptions& options = session.GetOptions();
-    saver.Finish();
-    const Id id = repository.SaveText(Repo::FileKind::Snapshot, changed.ToJson());
-    if (m_forgets)
-        repository.GetBackend().Remove({Repo::FileKind::Snapshot, stored.id});
+    const Id id = ReplaceSnapshot(session.GetRepository(), saver, stored.id, changed,
+                                  before != nullptr ? std::optional(before->id) : std::nullopt, m_forgets);
     if (options.isJson)
         session.GetReport().Out() << ChangeJson(stored.id, id) << "\n";
     else if (!options.isQuiet)
-        session.GetReport().Out() << "saved new snapshot " << ShortId(id) << "\n"
+        session.GetReport().Out() << (before == nullptr ? "saved new snapshot " + ShortId(id) + "\n" : "")
                                   << (m_forgets ? "removed old snapshot " + ShortId(stored.id) + "\n" : "");
 }
 

@@ -70,6 +70,7 @@ void SnapshotCopy::CopyTrees(const Id& root)
 
 void SnapshotCopy::Visit(const Id& tree, std::vector<Id>& waiting)
 {
+    m_target.IsReadable({BlobType::Tree, tree}); // otherwise it counts as lost
     try {
         Require({BlobType::Tree, tree});
         m_source.VisitTree(tree, [&](const Repo::Node& node) {

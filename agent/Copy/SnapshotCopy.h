@@ -1,4 +1,5 @@
-// SnapshotCopy: copies snapshots from one repository to another, with what the other one does not have.
+// SnapshotCopy: copies snapshots from a source repository to a target, with the blobs that the target does
+// not have.
 #pragma once
 
 #include "agent/Prune/WorkObserver.h"
@@ -30,7 +31,8 @@ public:
     {}
 
     /// Copies a snapshot, and returns its id in the target. It has no parent, names its first version, and is
-    /// otherwise unchanged. Its blobs are verified and durable before it is saved. Raises
+    /// otherwise unchanged. Its blobs are verified and durable before it is saved. Trees that the target has
+    /// are read there, and copied again if they can't be read; of data, the target's index is trusted. Raises
     ///   - SourceError if the source can't be read. Other snapshots can be copied after that
     ///   - InvalidState if the user interrupts
     ///   - what writing raises; this object is not used after that
@@ -54,8 +56,8 @@ private:
     std::optional<Repo::RepositoryError> m_failure;
 };
 
-/// The copy of a snapshot among those of the target: one that names the same first version, and is otherwise
-/// equal except for the parent. Null if there is none.
+/// Returns the copy of a snapshot among those of the target, or null if there is no copy. A copy has the
+/// first version of the snapshot, and its time, tree, host, user, paths, excludes and tags.
 const Repo::StoredSnapshot* FindCopy(const Repo::StoredSnapshot& stored,
                                      const std::vector<Repo::StoredSnapshot>& targets);
 

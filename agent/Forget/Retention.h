@@ -32,11 +32,11 @@ struct CalendarSpan
     friend bool operator==(const CalendarSpan&, const CalendarSpan&) = default;
 };
 
-/// How long the time is that the newest snapshot stands for, by the clock of the zone in which its time was
-/// noted.
+/// The period of the calendar of which a rule keeps the newest snapshot, by the clock of the zone in which
+/// the time of the snapshot was noted.
 enum class Period
 {
-    None, ///< each snapshot counts by itself
+    None, ///< no period: a rule keeps each snapshot
     Hour,
     Day,
     Week, ///< of ISO 8601: from Monday on
@@ -64,12 +64,13 @@ struct RetentionPolicy
     std::string ToText() const;
 };
 
-/// "unlimited", "-1" for the same, or a number. Raises UsageError for other text.
+/// Returns the number that the text is, or RetentionPolicy::Unlimited for "unlimited" and "-1". Raises
+/// UsageError for other text.
 int ParseKeepCount(const std::string& text);
 
 /// Why a policy keeps each of the snapshots, as in "daily snapshot"; no reason for one that goes. The
-/// snapshots are sorted from the newest to the oldest. If the rule of a period has not had its number of
-/// snapshots when it comes to the oldest one, it keeps that, too.
+/// snapshots are sorted from the newest to the oldest. A rule of a period that has kept fewer than its
+/// number of snapshots also keeps the oldest one.
 std::vector<std::vector<std::string>> ReasonsToKeep(const RetentionPolicy& policy,
                                                     std::span<const Repo::StoredSnapshot> snapshots,
                                                     const Repo::Timestamp& now);

@@ -21,6 +21,11 @@ bool IsDenied(const Repo::RepositoryError& error)
     return error.GetOsError() == EACCES || error.GetOsError() == EPERM;
 }
 
+bool IsReadError(const Repo::RepositoryError& error)
+{
+    return error.GetOsError() == EIO;
+}
+
 CheckState::CheckState(const Repo::Repository& repository)
     : m_repository(repository), m_blobs(GetIndex()), m_isBad(GetIndex().CountBlobs())
 {}
@@ -36,6 +41,12 @@ void CheckState::MarkBroken(std::uint32_t pack)
 {
     const AnnotatedLock lock(m_mutex);
     m_broken.insert(pack);
+}
+
+void CheckState::MarkUnreadable(std::uint32_t pack)
+{
+    const AnnotatedLock lock(m_mutex);
+    m_unreadable.insert(pack);
 }
 
 void CheckState::MarkFaulty(const Repo::Id& tree)
@@ -70,8 +81,19 @@ bool CheckState::HasDamage() const
 std::vector<Repo::Id> CheckState::GetBrokenPacks() const
 {
     const AnnotatedLock lock(m_mutex);
+    return SortedIds(m_broken);
+}
+
+std::vector<Repo::Id> CheckState::GetUnreadablePacks() const
+{
+    const AnnotatedLock lock(m_mutex);
+    return SortedIds(m_unreadable);
+}
+
+std::vector<Repo::Id> CheckState::SortedIds(const std::unordered_set<std::uint32_t>& packs) const
+{
     std::vector<Repo::Id> ids;
-    for (const std::uint32_t pack : m_broken)
+    for (const std::uint32_t pack : packs)
         ids.push_back(GetIndex().GetPacks()[pack].id);
     std::sort(ids.begin(), ids.end());
     return ids;

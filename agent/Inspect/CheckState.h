@@ -9,7 +9,6 @@
 #include "Krt/Thread/ThreadSafety.h"
 
 #include <atomic>
-#include <mutex>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -18,6 +17,8 @@ namespace Agent {
 
 /// Returns true if the user may not read a file, which does not mean that it is damaged.
 bool IsDenied(const Repo::RepositoryError& error);
+/// Returns true if the disk can't read a file, which may succeed later or from a copy.
+bool IsReadError(const Repo::RepositoryError& error);
 
 class CheckState
 {
@@ -35,6 +36,8 @@ public:
     void MarkBad(std::uint32_t number);
     /// A pack is damaged or missing.
     void MarkBroken(std::uint32_t pack);
+    /// The disk can't read a part of a pack.
+    void MarkUnreadable(std::uint32_t pack);
     /// A tree can't be read, or has faulty entries.
     void MarkFaulty(const Repo::Id& tree);
     /// Returns true if there is a copy of the blob that is not known to be bad.
@@ -43,6 +46,7 @@ public:
     /// Returns true if an entry of a snapshot may be touched by what was found.
     bool HasDamage() const;
     std::vector<Repo::Id> GetBrokenPacks() const;
+    std::vector<Repo::Id> GetUnreadablePacks() const;
 
     /// Why the entry can't be restored as it was; empty if it can.
     std::string FaultOf(const Repo::Node& node) const;
@@ -63,6 +67,9 @@ public:
     /// The index lacks a blob that a snapshot needs.
     void MarkLacking() { m_lacksBlobs = true; }
     bool LacksBlobs() const { return m_lacksBlobs; }
+    /// The entries of a directory can't be read.
+    void MarkLostDirectory() { m_losesDirectories = true; }
+    bool LosesDirectories() const { return m_losesDirectories; }
     /// Records an error that says that the user may not read a file. Returns true if it is one.
     bool NoteIfDenied(const Repo::RepositoryError& error);
     /// Returns true if the user may not read a file.
@@ -72,18 +79,22 @@ public:
     /// Returns how many errors were added without a text of their own since the last call.
     std::uint64_t TakeUnlisted();
 
-    /// Locked by a thread while it has a blob above LargeBlobSize in memory.
-    std::mutex largeBlobs;
     std::atomic<std::uint64_t> items{0}; ///< done in the current part
+    const char* unit = "";               ///< of the current part: what items are
+    std::uint64_t totalItems = 0;        ///< of the current part; 0 if not known
+    std::uint64_t totalBytes = 0;
     std::atomic<std::uint64_t> bytes{0}; ///< read in the current part
 
 private:
+    std::vector<Repo::Id> SortedIds(const std::unordered_set<std::uint32_t>& packs) const;
+
     const Repo::Repository& m_repository;
     const Repo::BlobsByPack m_blobs;
     mutable Krt::Thread::AnnotatedMutex m_mutex;
     std::vector<bool> m_isBad KRT_GUARDED_BY(m_mutex); // by the number of the blob
     std::unordered_set<Repo::Id, Repo::IdHash> m_faulty KRT_GUARDED_BY(m_mutex);
     std::unordered_set<std::uint32_t> m_broken KRT_GUARDED_BY(m_mutex);
+    std::unordered_set<std::uint32_t> m_unreadable KRT_GUARDED_BY(m_mutex);
     bool m_hasDamage KRT_GUARDED_BY(m_mutex) = false;
     std::vector<std::string> m_errors KRT_GUARDED_BY(m_mutex);
     std::uint64_t m_unlisted KRT_GUARDED_BY(m_mutex) = 0;
@@ -91,6 +102,7 @@ private:
     std::vector<std::string> m_hints KRT_GUARDED_BY(m_mutex);
     std::uint64_t m_hintCount KRT_GUARDED_BY(m_mutex) = 0;
     std::atomic<bool> m_lacksBlobs{false};
+    std::atomic<bool> m_losesDirectories{false};
     std::atomic<bool> m_isDenied{false};
 };
 

@@ -74,7 +74,7 @@ public:
                   [](const IndexedBlob& a, const IndexedBlob& b) { return a.blob.offset < b.blob.offset; });
     }
 
-    void Run();
+    bool Run(); // returns false if the user may not read the pack
 
 private:
     // Returns false if the call failed, which it reports.
@@ -85,12 +85,13 @@ private:
             call();
             return true;
         } catch (const RepositoryError& error) {
-            Fail(ReasonOf(error).Bytes(), m_state.NoteIfDenied(error));
+            Fail(error);
             return false;
         }
     }
 
     void Fail(const std::string& text, bool isDenied = false);
+    void Fail(const RepositoryError& error, const std::string& suffix = {});
     void CheckHeader();
     void DropOutside();
     void ReadBlobs();
@@ -112,16 +113,17 @@ private:
     Hash m_hash;
     bool m_isHashed = true; // all bytes were, in order
     bool m_isBroken = false;
+    bool m_isDenied = false;
     std::uint64_t m_errors = 0;
     Repo::Bytes m_read;
     Repo::Bytes m_plaintext;
 };
 
-void PackCheck::Run()
+bool PackCheck::Run()
 {
     Named([this] { CheckHeader(); });
     DropOutside();
-    if (!Named([this] { ReadBlobs(); })) {
+    if (m_isDenied || !Named([this] { ReadBlobs(); })) {
         // The rest of the pack was not read.
         for (; m_next < m_blobs.size(); ++m_next)
             m_state.MarkBad(m_blobs[m_next].number);
@@ -132,15 +134,24 @@ void PackCheck::Run()
         const std::uint64_t further = m_errors - ErrorLimit;
         m_state.AddError(m_file.Path() + ": further errors of the pack: " + std::to_string(further), further);
     }
+    return !m_isDenied;
 }
 
 // A pack that the user may not read is not known to be broken.
 void PackCheck::Fail(const std::string& text, bool isDenied)
 {
     m_isBroken = m_isBroken || !isDenied;
+    m_isDenied = m_isDenied || isDenied;
     if (++m_errors > ErrorLimit)
         return;
     m_state.AddError(text.find(m_id.ToHex()) == std::string::npos ? m_file.Path() + ": " + text : text);
+}
+
+void PackCheck::Fail(const RepositoryError& error, const std::string& suffix)
+{
+    if (IsReadError(error))
+        m_state.MarkUnreadable(m_pack);
+    Fail(ReasonOf(error).Bytes() + suffix, m_state.NoteIfDenied(error));
 }
 
 void PackCheck::CheckHeader()
@@ -213,7 +224,7 @@ std::uint64_t PackCheck::ReadStep(std::uint64_t at)
     if (largest <= Repo::LargeBlobSize) {
         ReadTogether(last, begin, end);
     } else {
-        const std::lock_guard guard(m_state.largeBlobs);
+        const Repo::LargeBlobTurn turn = Repo::Repository::TakeTurnFor(largest);
         const Krt::Util::YScope atEnd([this] { ReleaseMemory(); });
         ReadTogether(last, begin, end);
     }
@@ -266,14 +277,14 @@ std::optional<RepositoryError> PackCheck::Load(std::uint64_t offset, std::uint64
 void PackCheck::FailToRead(const RepositoryError& error, const std::string& what)
 {
     m_isHashed = false;
-    Fail(ReasonOf(error).Bytes() + " (" + what + ")", m_state.NoteIfDenied(error));
+    Fail(error, " (" + what + ")");
 }
 
 } // namespace
 
-void CheckPackContent(CheckState& state, std::uint32_t pack, std::uint64_t size)
+bool CheckPackContent(CheckState& state, std::uint32_t pack, std::uint64_t size)
 {
-    PackCheck(state, pack, size).Run();
+    return PackCheck(state, pack, size).Run();
 }
 
 } // namespace Agent

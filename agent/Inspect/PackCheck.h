@@ -6,7 +6,8 @@
 namespace Agent {
 
 /// Reads a pack of the index in steps of a few MiB, and reports what is wrong to the state. `size` is the
-/// size of the file in bytes. Any thread.
-void CheckPackContent(CheckState& state, std::uint32_t pack, std::uint64_t size);
+/// size of the file in bytes. Returns false if the user may not read the pack, which is one error. Any
+/// thread.
+bool CheckPackContent(CheckState& state, std::uint32_t pack, std::uint64_t size);
 
 } // namespace Agent

@@ -7,6 +7,7 @@
 #include "agent/Run/Text.h"
 
 #include <algorithm>
+#include <iterator>
 #include <unordered_map>
 
 namespace Agent {
@@ -25,7 +26,7 @@ public:
         : m_repository(repository), m_observer(observer)
     {}
 
-    CheckSummary Run(const std::optional<PackSubset>& readData);
+    CheckSummary Run(const std::optional<PackSubset>& readData, const std::function<void()>& onLoaded);
 
 private:
     void Fail(const std::string& text);
@@ -34,6 +35,7 @@ private:
     {
         state.items = 0;
         state.bytes = 0;
+        state.unit = "trees";
     }
 
     void Report(CheckState& state);
@@ -43,6 +45,7 @@ private:
     void CheckPacks(CheckState& state);
     void ReportFurther(const CheckState& state);
     void ReportUnindexed(const CheckState& state);
+    bool HasReadableHeader();
     void CheckPack(CheckState& state, std::uint32_t number);
     std::uint64_t MarkOutside(CheckState& state, std::uint32_t number);
     void ReadPacks(CheckState& state, const PackSubset& subset);
@@ -56,12 +59,14 @@ private:
     std::vector<std::uint64_t> m_sizes; // of the packs' files, by number; NoSize for one that is missing
 };
 
-CheckSummary Check::Run(const std::optional<PackSubset>& readData)
+CheckSummary Check::Run(const std::optional<PackSubset>& readData, const std::function<void()>& onLoaded)
 {
     m_observer.OnStage("load snapshots and indexes");
     CheckKeys();
     LoadSnapshots();
     LoadIndex();
+    if (onLoaded)
+        onLoaded();
     CheckState state(m_repository);
     m_observer.OnStage("check all packs");
     CheckPacks(state);
@@ -76,12 +81,22 @@ CheckSummary Check::Run(const std::optional<PackSubset>& readData)
         Begin(state);
         ReadPacks(state, *readData);
     }
-    if (state.HasDamage()) {
+    m_summary.hasDamage = state.HasDamage();
+    m_summary.losesDirectories = state.LosesDirectories();
+    if (m_summary.hasDamage) {
         m_observer.OnStage("find the entries of snapshots that the damage touches");
         constexpr unsigned int Most = 10000, MostOfWrongIndex = 100;
         FindTouchedEntries(state, m_snapshots, m_isIncomplete ? MostOfWrongIndex : Most, m_observer);
     }
     m_summary.brokenPacks = state.GetBrokenPacks();
+    m_summary.unreadablePacks = state.GetUnreadablePacks();
+    m_summary.hasReadErrors = m_summary.hasReadErrors || !m_summary.unreadablePacks.empty();
+    std::copy_if(m_summary.brokenPacks.begin(), m_summary.brokenPacks.end(),
+                 std::back_inserter(m_summary.damagedPacks), [this](const Id& id) {
+                     const std::vector<Id>& unreadable = m_summary.unreadablePacks;
+                     return m_sizes[*m_repository.GetIndex().FindPack(id)] != PackSubset::NoSize &&
+                            !std::binary_search(unreadable.begin(), unreadable.end(), id);
+                 });
     m_summary.isDenied = m_summary.isDenied || state.IsDenied();
     m_summary.isIndexWrong = m_summary.isIndexWrong && !m_summary.isDenied;
     return m_summary;
@@ -97,6 +112,7 @@ void Check::Fail(const FileName& file, const RepositoryError& error)
 {
     const std::string text = ReasonOf(error).Bytes();
     m_summary.isDenied = m_summary.isDenied || IsDenied(error);
+    m_summary.hasReadErrors = m_summary.hasReadErrors || IsReadError(error);
     Fail(text.find(file.Path()) == std::string::npos ? file.Path() + ": " + text : text);
 }
 
@@ -107,7 +123,7 @@ void Check::Report(CheckState& state)
     m_summary.errors += state.TakeUnlisted();
     for (const std::string& text : state.TakeHints())
         m_observer.OnHint(text);
-    m_observer.OnProgress(state.items, state.bytes);
+    m_observer.OnProgress({state.items, state.totalItems, state.unit, state.bytes, state.totalBytes, {}});
 }
 
 void Check::CheckKeys()
@@ -126,6 +142,11 @@ void Check::CheckKeys()
 
 void Check::LoadSnapshots()
 {
+    try {
+        m_repository.GetBackend().RequireComplete(FileKind::Snapshot);
+    } catch (const RepositoryError& error) {
+        Fail(ReasonOf(error).Bytes());
+    }
     m_snapshots = m_repository.LoadSnapshots({}, [this](const FileName& file, const RepositoryError& error) {
         if (error.GetFailure() == Repo::Failure::Damaged)
             m_summary.badSnapshots.push_back(file.id);
@@ -184,6 +205,12 @@ void Check::ReportUnindexed(const CheckState& state)
     if (m_unindexed.empty())
         return;
     m_isIncomplete = m_summary.isIndexWrong || state.LacksBlobs();
+    if (m_isIncomplete && !m_summary.isIndexWrong && !HasReadableHeader()) {
+        m_summary.unknownPacks = m_unindexed.size();
+        m_observer.OnHint("packs that no index refers to, and whose headers can't be read: " +
+                          std::to_string(m_unindexed.size()));
+        return;
+    }
     if (m_isIncomplete) {
         m_summary.isIndexWrong = true;
         m_observer.OnHint("packs that no index refers to, and may have what it lacks: " +
@@ -196,6 +223,22 @@ void Check::ReportUnindexed(const CheckState& state)
     if (m_unindexed.size() > HintLimit)
         m_observer.OnHint("further packs that no index refers to: " +
                           std::to_string(m_unindexed.size() - HintLimit));
+}
+
+// Returns true if a rebuilt index would have a pack that this one does not have.
+bool Check::HasReadableHeader()
+{
+    return std::any_of(m_unindexed.begin(), m_unindexed.end(), [this](const Id& id) {
+        RaiseIfInterrupted();
+        try {
+            m_repository.LoadPackHeader(id, m_repository.GetBackend().Size({FileKind::Pack, id}));
+            return true;
+        } catch (const RepositoryError& error) {
+            m_summary.isDenied = m_summary.isDenied || IsDenied(error);
+            m_summary.hasReadErrors = m_summary.hasReadErrors || IsReadError(error);
+            return false;
+        }
+    });
 }
 
 void Check::CheckPack(CheckState& state, std::uint32_t number)
@@ -237,18 +280,22 @@ std::uint64_t Check::MarkOutside(CheckState& state, std::uint32_t number)
 void Check::ReadPacks(CheckState& state, const PackSubset& subset)
 {
     const std::vector<std::uint32_t> chosen = subset.Choose(m_repository.GetIndex().GetPacks(), m_sizes);
-    std::atomic<std::size_t> next{0};
+    state.unit = "packs";
+    state.totalItems = chosen.size();
+    for (const std::uint32_t number : chosen)
+        state.totalBytes += m_sizes[number] == PackSubset::NoSize ? 0 : m_sizes[number];
+    std::atomic<std::size_t> next{0}, read{0};
     RunOnThreads(
         WorkerCount(),
         [&](const std::function<bool()>& hasFailed) {
             for (std::size_t i = next++; i < chosen.size() && !hasFailed(); i = next++) {
                 RaiseIfInterrupted();
-                CheckPackContent(state, chosen[i], m_sizes[chosen[i]]);
+                read += CheckPackContent(state, chosen[i], m_sizes[chosen[i]]) ? 1 : 0;
                 ++state.items;
             }
         },
         [&] { Report(state); });
-    m_observer.OnStage(std::to_string(state.items) + " of " +
+    m_observer.OnStage(std::to_string(read) + " of " +
                        std::to_string(m_repository.GetIndex().GetPacks().size()) + " packs were read, " +
                        ShortSize(state.bytes));
 }
@@ -256,9 +303,9 @@ void Check::ReadPacks(CheckState& state, const PackSubset& subset)
 } // namespace
 
 CheckSummary CheckRepository(Repo::Repository& repository, const std::optional<PackSubset>& readData,
-                             ICheckObserver& observer)
+                             ICheckObserver& observer, const std::function<void()>& onLoaded)
 {
-    return Check(repository, observer).Run(readData);
+    return Check(repository, observer).Run(readData, onLoaded);
 }
 
 } // namespace Agent

@@ -6,6 +6,7 @@
 #include "agent/Inspect/PackSubset.h"
 
 #include "agent/Access/Session.h"
+#include "agent/Run/Progress.h"
 
 #include <optional>
 #include <string>
@@ -28,23 +29,30 @@ public:
     virtual void OnTouched(const Repo::StoredSnapshot& snapshot, const std::string& path,
                            const std::string& reason) = 0;
     /// How much of the current part is done.
-    virtual void OnProgress(std::uint64_t items, std::uint64_t bytes) = 0;
+    virtual void OnProgress(const ProgressFacts& facts) = 0;
 };
 
 /// What a check found.
 struct CheckSummary
 {
     std::uint64_t errors = 0;
-    std::vector<Repo::Id> brokenPacks;  ///< damaged or missing
-    std::vector<Repo::Id> badSnapshots; ///< whose files are damaged
-    bool isIndexWrong = false;          ///< an index file is damaged or missing, or does not fit the packs
-    bool isDenied = false;              ///< the user may not read a file; then isIndexWrong is false
-    bool hasUnusedPacks = false;        ///< packs that nothing needs, or entries that are there twice
+    std::vector<Repo::Id> brokenPacks;     ///< damaged or missing
+    std::vector<Repo::Id> damagedPacks;    ///< those of them that exist and that the disk can read
+    std::vector<Repo::Id> unreadablePacks; ///< those of them of which the disk can't read a part
+    std::vector<Repo::Id> badSnapshots;    ///< whose files are damaged
+    std::size_t unknownPacks = 0;  ///< in no index, with headers that can't be read; snapshots may need them
+    bool hasReadErrors = false;    ///< the disk can't read a part of a file
+    bool hasDamage = false;        ///< an entry of a snapshot may be touched
+    bool losesDirectories = false; ///< the entries of a directory of a snapshot can't be read
+    bool isIndexWrong = false;     ///< an index file is damaged or missing, or does not fit the packs
+    bool isDenied = false;         ///< the user may not read a file; then isIndexWrong is false
+    bool hasUnusedPacks = false;   ///< packs that nothing needs, or entries that are there twice
 };
 
 /// Checks the repository: key files, snapshots, index files, packs, trees, and then the content of a subset
-/// of the packs. Raises what ends the check, such as InvalidState when the user interrupts.
+/// of the packs. Raises what ends the check, such as InvalidState when the user interrupts. `onLoaded`, which
+/// may be empty, is called after the snapshots and the index were read.
 CheckSummary CheckRepository(Repo::Repository& repository, const std::optional<PackSubset>& readData,
-                             ICheckObserver& observer);
+                             ICheckObserver& observer, const std::function<void()>& onLoaded = {});
 
 } // namespace Agent

@@ -1,6 +1,7 @@
 #include "agent/Inspect/TreeCheck.h"
 
 #include "agent/Access/TreeWalk.h"
+#include "agent/Access/WorkList.h"
 #include "agent/Access/Workers.h"
 #include "agent/Record/NodeRecord.h"
 #include "agent/Repository/Tree.h"
@@ -10,7 +11,6 @@
 #include "Krt/Util/YScope.h"
 
 #include <algorithm>
-#include <condition_variable>
 #include <mutex>
 #include <unordered_map>
 
@@ -35,29 +35,15 @@ public:
         const auto [known, isNew] = m_numbers.emplace(tree, static_cast<std::uint32_t>(m_numbers.size()));
         if (parent != nullptr)
             m_edges.emplace_back(m_numbers.at(*parent), known->second);
-        if (!isNew)
-            return;
-        m_waiting.push_back(tree);
-        m_changed.notify_one();
+        if (isNew)
+            m_trees.Add(tree);
     }
 
-    // Returns false when all trees are done, or a thread has failed.
-    bool Take(Id& tree, const std::function<bool()>& hasFailed)
+    // Calls `work` with the ID of each tree, until all are done or a thread has failed.
+    template <class Work>
+    void Process(const std::function<bool()>& hasFailed, const Work& work)
     {
-        constexpr std::chrono::milliseconds BetweenLooks{100}; // a failed thread does not notify
-        const auto hasAnswer = [&] {
-            m_mutex.AssertHeld();
-            return !m_waiting.empty() || m_active == 0 || hasFailed();
-        };
-        AnnotatedLock lock(m_mutex);
-        while (!lock.WaitUntil(m_changed, std::chrono::steady_clock::now() + BetweenLooks, hasAnswer)) {
-        }
-        if (m_waiting.empty() || hasFailed())
-            return false;
-        tree = m_waiting.back();
-        m_waiting.pop_back();
-        ++m_active;
-        return true;
+        m_trees.Process(hasFailed, work);
     }
 
     // The trees, all done, that are so deep that their directories are too deep to be read.
@@ -97,20 +83,11 @@ public:
         return deepest;
     }
 
-    void Finish()
-    {
-        const AnnotatedLock lock(m_mutex);
-        if (--m_active == 0)
-            m_changed.notify_all();
-    }
-
 private:
     Krt::Thread::AnnotatedMutex m_mutex;
-    std::condition_variable m_changed;
     std::unordered_map<Id, std::uint32_t, Repo::IdHash> m_numbers KRT_GUARDED_BY(m_mutex);
     std::vector<std::pair<std::uint32_t, std::uint32_t>> m_edges KRT_GUARDED_BY(m_mutex); // to subtrees
-    std::vector<Id> m_waiting KRT_GUARDED_BY(m_mutex); // the last is next, so that it stays short
-    unsigned int m_active KRT_GUARDED_BY(m_mutex) = 0; // trees that are being checked
+    WorkList<Id> m_trees;
 };
 
 // Checks one tree after the other. One thread.
@@ -123,15 +100,14 @@ public:
     {
         m_faulty = 0;
         m_odd = 0;
-        const bool isLarge = m_state.GetIndex().LengthOf({BlobType::Tree, tree}) > Repo::LargeBlobSize;
-        const auto turn = isLarge ? std::unique_lock(m_state.largeBlobs) : std::unique_lock<std::mutex>();
+        const Repo::LargeBlobTurn turn =
+            Repo::Repository::TakeTurnFor(m_state.GetIndex().LengthOf({BlobType::Tree, tree}));
         const Krt::Util::YScope atEnd([&] {
-            if (isLarge)
+            if (turn)
                 Repo::Bytes().swap(m_text);
         });
         try {
-            m_state.GetRepository().LoadBlob({BlobType::Tree, tree}, m_text);
-            m_state.bytes += m_text.size();
+            Load({BlobType::Tree, tree});
             Repo::TreeReader reader(
                 Repo::AsText(m_text), Repo::UnknownMembers::Keep,
                 [&](const RepositoryError& error) { Fail(tree, error.GetMessage().Bytes()); });
@@ -142,6 +118,7 @@ public:
             }
         } catch (const RepositoryError& error) {
             m_state.NoteIfDenied(error);
+            m_state.MarkLostDirectory();
             if (error.GetFailure() != Repo::Failure::Missing) {
                 Fail(tree, error.GetMessage().Bytes());
             } else {
@@ -155,6 +132,24 @@ public:
     }
 
 private:
+    // A pack whose copy of the blob is damaged is broken.
+    void Load(const Repo::BlobHandle& handle)
+    {
+        try {
+            m_state.GetRepository().LoadBlob(handle, m_text);
+            m_state.bytes += m_text.size();
+        } catch (const RepositoryError& error) {
+            if (error.IsOfFile() && !IsDenied(error)) {
+                for (const Repo::IndexedBlob& copy : m_state.GetIndex().FindAll(handle)) {
+                    m_state.MarkBroken(copy.pack);
+                    if (IsReadError(error))
+                        m_state.MarkUnreadable(copy.pack);
+                }
+            }
+            throw;
+        }
+    }
+
     void CheckNode(const Id& tree, const std::string* last)
     {
         if (last != nullptr && m_node.name <= *last)
@@ -311,11 +306,7 @@ void CheckTrees(CheckState& state, const std::vector<Repo::StoredSnapshot>& snap
         WorkerCount(),
         [&](const std::function<bool()>& hasFailed) {
             TreeWorker worker(state, queue);
-            for (Id tree; queue.Take(tree, hasFailed);) {
-                const Krt::Util::YScope atEnd([&] { queue.Finish(); });
-                RaiseIfInterrupted();
-                worker.Check(tree);
-            }
+            queue.Process(hasFailed, [&](const Id& tree) { worker.Check(tree); });
         },
         report);
     for (const Id& tree : queue.FindDeepest()) {

@@ -40,24 +40,31 @@ IndexRewrite::File IndexRewrite::ReadFile(const Id& id) const
     file.id = id;
     std::unordered_map<std::uint32_t, std::size_t> counts; // blobs of each pack
     try {
-        Repo::ReadIndexFile(m_repository.LoadText({FileKind::Index, id}),
-                            [&](const Id& pack, std::span<const PackedBlob> blobs) {
-                                const auto number = index.FindPack(pack);
-                                KRT_RAISE_UNLESS(number, Krt::ErrorCode::InvalidState,
-                                                 "Another process writes to the index");
-                                if (counts.emplace(*number, 0).second)
-                                    file.packs.push_back(*number);
-                                counts[*number] += blobs.size();
-                                file.blobs += blobs.size();
-                            });
+        Repo::ReadIndexFile(
+            m_repository.LoadText({FileKind::Index, id}),
+            [&](const Id& pack, std::span<const PackedBlob> blobs) {
+                const auto number = index.FindPack(pack);
+                KRT_RAISE_UNLESS(number, Krt::ErrorCode::InvalidState, "Another process writes to the index");
+                if (counts.emplace(*number, 0).second)
+                    file.packs.push_back(*number);
+                counts[*number] += blobs.size();
+                file.blobs += blobs.size();
+            },
+            RaiseIfInterrupted);
     } catch (const Repo::RepositoryError& error) {
-        if (!error.IsOfFile() || error.GetFailure() == Repo::Failure::Missing)
+        if (error.GetFailure() != Repo::Failure::Damaged)
             throw;
+        file.isDamaged = true;
         file.isExact = false;
     }
     for (const std::uint32_t pack : file.packs)
         file.isExact = file.isExact && counts[pack] == index.GetPacks()[pack].blobs;
     return file;
+}
+
+std::size_t IndexRewrite::KeepDamaged()
+{
+    return std::erase_if(m_kept, [](const File& file) { return file.isDamaged; });
 }
 
 void IndexRewrite::Choose(const std::vector<bool>& isKept, bool joinsSmall)
@@ -147,11 +154,13 @@ void IndexRewrite::Add(const Id& pack, std::span<const PackedBlob> blobs)
     SaveIfFull(FullSize, [this](const std::string& text) { m_repository.SaveText(FileKind::Index, text); });
 }
 
-void IndexRewrite::RemoveReplaced(const std::function<void()>& onRemoved)
+void IndexRewrite::RemoveReplaced(IWorkObserver& observer)
 {
+    observer.OnStage("deleting obsolete index files");
+    std::uint64_t count = 0;
     for (const File& file : m_replaced) {
         Remove(file);
-        onRemoved();
+        observer.OnProgress(++count, m_replaced.size());
     }
     m_replaced.clear();
 }

@@ -1,8 +1,9 @@
 // IndexRewrite: replaces index files, so that the index names other packs. An index file that is replaced is
 // removed only after all others are durable. So at any time the index files together name each pack that
-// stays, once or several times with the same blobs.
+// stays. If several of them name a pack, they have the same blobs for it.
 #pragma once
 
+#include "agent/Prune/WorkObserver.h"
 #include "agent/Repository/BlobsByPack.h"
 #include "agent/Repository/Repository.h"
 
@@ -15,13 +16,15 @@ class IndexRewrite
 {
 public:
     /// Reads the index files of the repository, whose index is loaded, and finds out which packs each has.
-    /// One that can't be read is replaced. Raises InvalidState if there are packs that the loaded index does
-    /// not have: then another process wrote them.
+    /// One that is damaged is replaced. Raises InvalidState if there are packs that the loaded index does not
+    /// have: then another process wrote them.
     IndexRewrite(const Repo::Repository& repository, unsigned int threads);
 
     /// The blobs of the loaded index.
     const Repo::BlobsByPack& GetBlobs() const { return m_blobs; }
 
+    /// Damaged index files are not replaced. Returns how many there are. Called before Choose.
+    std::size_t KeepDamaged();
     /// Decides which index files are replaced: those with
     ///   - a pack that is not kept; `isKept` is by the number of the pack
     ///   - a pack that another index file has, too
@@ -40,8 +43,8 @@ public:
     /// Saves index files with the packs that are to be kept and with those that were added. `save` saves the
     /// text of an index file.
     void Write(const std::function<void(const std::string& text)>& save);
-    /// Removes the index files that are replaced. `onRemoved` is called after each.
-    void RemoveReplaced(const std::function<void()>& onRemoved = [] {});
+    /// Removes the index files that are replaced.
+    void RemoveReplaced(IWorkObserver& observer);
 
 private:
     struct File
@@ -49,6 +52,7 @@ private:
         Repo::Id id;
         std::vector<std::uint32_t> packs;
         std::size_t blobs = 0;
+        bool isDamaged = false;
         bool isExact = true; // it can be read, and has each pack with all blobs that the index has of it
     };
 

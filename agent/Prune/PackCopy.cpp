@@ -2,6 +2,8 @@
 
 #include "agent/Run/Interrupt.h"
 
+#include "Krt/Util/YScope.h"
+
 #include <algorithm>
 #include <span>
 
@@ -16,7 +18,7 @@ using Repo::RepositoryError;
 namespace {
 
 constexpr std::uint64_t PartLimit = 16 << 20; // bytes that are read at once, unless a blob has more
-constexpr std::uint64_t GapLimit = 128 << 10; // bytes that are read in vain, rather than reading twice
+constexpr std::uint64_t GapLimit = 128 << 10; // bytes between blobs that are read to save a call
 
 class Reading
 {
@@ -57,8 +59,18 @@ private:
     {
         const std::uint64_t begin = part.front().offset;
         std::uint64_t end = begin;
-        for (const PackedBlob& blob : part)
+        std::uint32_t largest = 0;
+        for (const PackedBlob& blob : part) {
             end = std::max(end, EndOf(blob));
+            largest = std::max({largest, blob.length, blob.plainLength});
+        }
+        const Repo::LargeBlobTurn turn = Repo::Repository::TakeTurnFor(largest);
+        const Krt::Util::YScope atEnd([&] {
+            for (Bytes* const bytes : {&m_read, &m_opened, &m_plaintext}) {
+                if (turn)
+                    Bytes().swap(*bytes);
+            }
+        });
         try {
             Load(begin, end - begin);
         } catch (const RepositoryError& error) {

@@ -47,9 +47,9 @@ class Planner
 {
 public:
     Planner(const Repo::Index& index, const BlobFacts& facts, const PackSizes& files,
-            const PruneOptions& options)
+            const PruneOptions& options, const std::function<void()>& onLook)
         : m_index(index), m_packs(index.GetPacks()), m_facts(facts), m_files(files), m_options(options),
-          m_states(m_packs.size())
+          m_onLook(onLook), m_states(m_packs.size())
     {
         m_plan.fates.assign(m_packs.size(), PackFate::Remove);
         m_plan.isNeeded.resize(index.CountBlobs());
@@ -85,30 +85,45 @@ private:
         std::sort(m_plan.unindexed.begin(), m_plan.unindexed.end());
     }
 
-    // Calls `visit` with all copies of each used blob.
+    // Calls `visit` with each blob of the index.
+    template <class Visit>
+    void VisitBlobs(const Visit& visit)
+    {
+        for (std::uint32_t number = 0; number < m_facts.isUsed.size(); ++number) {
+            if (number % BlobsPerLook == 0)
+                m_onLook();
+            visit(m_index.At(number));
+        }
+    }
+
+    // Calls `visit` with the handle of each used blob.
     template <class Visit>
     void VisitUsed(const Visit& visit)
     {
-        for (std::uint32_t number = 0; number < m_facts.isUsed.size(); ++number) {
-            if (m_facts.isUsed[number])
-                visit(m_index.FindAll(m_index.At(number).blob.handle));
-        }
+        VisitBlobs([&](const IndexedBlob& blob) {
+            if (m_facts.isUsed[blob.number])
+                visit(blob.blob.handle);
+        });
     }
 
     void FindWaste()
     {
         m_isCopy.resize(m_facts.isUsed.size());
-        VisitUsed([this](const std::vector<IndexedBlob>& copies) {
-            for (const IndexedBlob& copy : copies)
+        VisitUsed([this](const Repo::BlobHandle& handle) {
+            std::size_t count = 0;
+            IndexedBlob last;
+            m_index.VisitAll(handle, [&](const IndexedBlob& copy) {
                 m_isCopy[copy.number] = true;
-            if (copies.size() == 1)
-                m_states[copies.front().pack].singleBytes += SizeInPack(copies.front().blob);
+                ++count;
+                last = copy;
+            });
+            if (count == 1)
+                m_states[last.pack].singleBytes += SizeInPack(last.blob);
         });
-        for (std::uint32_t number = 0; number < m_isCopy.size(); ++number) {
-            const IndexedBlob blob = m_index.At(number);
-            if (!m_isCopy[number])
+        VisitBlobs([this](const IndexedBlob& blob) {
+            if (!m_isCopy[blob.number])
                 m_states[blob.pack].wasteBytes += SizeInPack(blob.blob);
-        }
+        });
     }
 
     bool IsUsable(const IndexedBlob& copy) const
@@ -126,13 +141,15 @@ private:
 
     void ChooseCopies()
     {
-        VisitUsed([this](const std::vector<IndexedBlob>& copies) {
-            const IndexedBlob& best = *std::min_element(
-                copies.begin(), copies.end(),
-                [this](const IndexedBlob& a, const IndexedBlob& b) { return RankOf(a) < RankOf(b); });
-            if (!IsUsable(best))
-                RaiseUnusable(best);
-            m_plan.isNeeded[best.number] = true;
+        VisitUsed([this](const Repo::BlobHandle& handle) {
+            std::optional<IndexedBlob> best;
+            m_index.VisitAll(handle, [&](const IndexedBlob& copy) {
+                if (!best || RankOf(copy) < RankOf(*best))
+                    best = copy;
+            });
+            if (!IsUsable(*best))
+                RaiseUnusable(*best);
+            m_plan.isNeeded[best->number] = true;
         });
     }
 
@@ -149,19 +166,18 @@ private:
 
     void CountBlobs()
     {
-        for (std::uint32_t number = 0; number < m_isCopy.size(); ++number) {
-            const IndexedBlob blob = m_index.At(number);
+        VisitBlobs([this](const IndexedBlob& blob) {
             PackState& state = m_states[blob.pack];
-            BlobAmount& amount = m_plan.isNeeded[number] ? state.needed
-                                 : m_isCopy[number]      ? state.spare
-                                                         : state.unused;
+            BlobAmount& amount = m_plan.isNeeded[blob.number] ? state.needed
+                                 : m_isCopy[blob.number]      ? state.spare
+                                                              : state.unused;
             amount.Add({1, SizeInPack(blob.blob)});
             if (blob.blob.isCompressed)
-                continue;
+                return;
             (blob.blob.handle.type == BlobType::Tree ? state.hasPlainTree : state.hasPlainData) = true;
             if (state.exists)
                 m_plan.statistics.uncompressedBytes += SizeInPack(blob.blob);
-        }
+        });
         for (const PackState& state : m_states) {
             if (!state.exists)
                 continue;
@@ -185,7 +201,8 @@ private:
             return 0;
         const auto low = sizes.begin() + static_cast<std::ptrdiff_t>(sizes.size() * 3 / 100);
         std::nth_element(sizes.begin(), low, sizes.end());
-        return std::max(UsualLeastSize, *low) / 5 * 4;
+        const std::uint64_t ofNew = m_options.save.packSize;
+        return std::min(std::max(UsualLeastSize, *low), ofNew) / 5 * 4;
     }
 
     // A pack that may be repacked. Candidates that compare less come first.
@@ -215,8 +232,8 @@ private:
                 continue;
             const bool isPlain = state.hasPlainTree || (m_options.repacksUncompressed && state.hasPlainData);
             const double share = static_cast<double>(state.Unneeded()) / static_cast<double>(pack.size);
-            const Candidate candidate{number, pack.hasTrees, pack.hasTrees || isPlain, pack.size < smallLimit,
-                                      share};
+            const bool isSmall = pack.size < smallLimit && pack.blobs < Repo::PackBlobLimit;
+            const Candidate candidate{number, pack.hasTrees, pack.hasTrees || isPlain, isSmall, share};
             if (state.Unneeded() != 0 || (pack.hasData && pack.hasTrees) || isPlain)
                 candidates.push_back(candidate);
             else if (candidate.isSmall)
@@ -293,6 +310,7 @@ private:
     const BlobFacts& m_facts;
     const PackSizes& m_files;
     const PruneOptions& m_options;
+    const std::function<void()>& m_onLook;
     std::vector<bool> m_isCopy; // of a used blob, by the number of the blob
     std::vector<PackState> m_states;
     PrunePlan m_plan;
@@ -363,9 +381,9 @@ std::uint64_t PruneStatistics::RemainingUnused() const
 }
 
 PrunePlan MakePrunePlan(const Repo::Index& index, const BlobFacts& facts, const PackSizes& files,
-                        const PruneOptions& options)
+                        const PruneOptions& options, const std::function<void()>& onLook)
 {
-    return Planner(index, facts, files, options).Run();
+    return Planner(index, facts, files, options, onLook).Run();
 }
 
 } // namespace Agent

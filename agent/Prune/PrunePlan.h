@@ -7,7 +7,7 @@
 //
 // Invariants:
 //   - Each used blob has exactly one needed copy. It is in a pack that exists and has the size that the index
-//     expects, and it is not known to be damaged. If there is no such copy, there is no plan.
+//     expects, and it is not known to be damaged. Otherwise MakePrunePlan raises.
 //   - A pack with a needed copy is kept or repacked. All others are removed, also from the index if their
 //     files are missing.
 //   - The needed copy is that in the pack with the fewest unused bytes. So after an interrupted prune the new
@@ -15,13 +15,16 @@
 //
 // Repacked are, as long as the limit of bytes to be repacked permits:
 //   1. packs with trees, if they have anything unused, are mixed or have an uncompressed tree
-//   2. packs that the options ask for: uncompressed or small ones; small ones also if there are 10 of a type
+//   2. packs that the options ask for: uncompressed or small ones; small ones also if there are 10 of a type.
+//      New packs are not small, so a second prune does not repack them
 //   3. of the others, those with the largest unused share, until what stays unused is within its limit
 #pragma once
 
 #include "agent/Repository/Index.h"
+#include "agent/Repository/SaveOptions.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -48,13 +51,15 @@ struct PruneOptions
 {
     UnusedLimit maxUnused;
     std::uint64_t maxRepackSize = UINT64_MAX; ///< bytes of the packs that are repacked
-    std::uint64_t smallSize = 0;   ///< packs below this size are small; 0 for those that are far below others
-    bool repacksOnlyTrees = false; ///< packs with data are kept
+    /// Packs below this size are small; 0 for those that are far below others. At most the size of new packs.
+    std::uint64_t smallSize = 0;
+    bool repacksOnlyTrees = false;    ///< packs with data are kept
     bool repacksUncompressed = false; ///< packs with anything uncompressed are repacked
     /// For a full disk: no pack is repacked, and as little as possible is written. What can be removed is
     /// removed before. If there is no other way, a pack without needed blobs is removed before the index
     /// files that name it.
     bool hasNoFreeSpace = false;
+    Repo::SaveOptions save;       ///< how what is repacked is saved
     bool isDryRun = false;        ///< nothing is changed
     std::set<Repo::Id> forgotten; ///< snapshots that count as removed, for a dry run
 };
@@ -124,9 +129,13 @@ struct BlobFacts
     std::vector<bool> isBad;  ///< this copy is damaged
 };
 
+/// After how many blobs a loop over an index checks whether the user interrupts.
+constexpr std::uint32_t BlobsPerLook = 1 << 16;
+
 /// Decides. Raises Missing or Damaged if all copies of a used blob are damaged, or in packs that are missing
-/// or have a wrong size.
-PrunePlan MakePrunePlan(const Repo::Index& index, const BlobFacts& facts, const PackSizes& files,
-                        const PruneOptions& options);
+/// or have a wrong size. `onLook` is called every BlobsPerLook blobs. What it raises passes through.
+PrunePlan MakePrunePlan(
+    const Repo::Index& index, const BlobFacts& facts, const PackSizes& files, const PruneOptions& options,
+    const std::function<void()>& onLook = [] {});
 
 } // namespace Agent

@@ -4,13 +4,15 @@
 #include "agent/Prune/IndexRewrite.h"
 #include "agent/Prune/PackCopy.h"
 #include "agent/Prune/UsedBlobs.h"
+#include "agent/Repository/Failure.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <map>
+#include <mutex>
+#include <set>
 
 namespace Agent {
 
@@ -40,6 +42,7 @@ public:
         onPlan(m_plan.statistics);
         if (m_options.isDryRun)
             return;
+        RequireAllListed();
         IndexRewrite rewrite(m_repository, WorkerCount());
         rewrite.Choose(FindKept(), !m_options.hasNoFreeSpace);
         RemoveUnindexed();
@@ -56,14 +59,17 @@ private:
     void Plan()
     {
         m_observer.OnStage("loading all snapshots...");
+        m_repository.GetBackend().RequireComplete(FileKind::Snapshot);
         std::vector<Repo::StoredSnapshot> snapshots = m_repository.LoadSnapshots();
+        for (const Repo::StoredSnapshot& stored : snapshots)
+            m_snapshots.insert(stored.id);
         std::erase_if(snapshots, [this](const Repo::StoredSnapshot& stored) {
             return m_options.forgotten.contains(stored.id);
         });
         m_observer.OnStage("loading indexes...");
-        m_repository.LoadIndex({}, WorkerCount());
-        m_observer.OnStage("finding data that is still in use for " + std::to_string(snapshots.size()) +
-                           " snapshots");
+        m_repository.LoadIndex({}, WorkerCount(), RaiseIfInterrupted);
+        m_observer.OnStage("finding data that is still in use for " +
+                           CountText(snapshots.size(), "snapshot", "snapshots"));
         BlobFacts facts;
         facts.isUsed = FindUsedBlobs(m_repository, snapshots,
                                      [this](std::uint64_t trees) { m_observer.OnProgress(trees, 0); });
@@ -74,7 +80,7 @@ private:
             FileKind::Pack, [&](const Id& id, std::uint64_t size) { files.insert_or_assign(id, size); });
         m_observer.OnStage("collecting packs for deletion and repacking");
         do
-            m_plan = MakePrunePlan(m_repository.GetIndex(), facts, files, m_options);
+            m_plan = MakePrunePlan(m_repository.GetIndex(), facts, files, m_options, RaiseIfInterrupted);
         while (FindBadCopies(facts));
         for (std::uint32_t pack = 0; pack < m_plan.fates.size(); ++pack) {
             if (m_plan.fates[pack] != PackFate::Keep)
@@ -88,38 +94,131 @@ private:
                          [&](std::uint32_t a, std::uint32_t b) { return sizeOf(a) < sizeOf(b); });
     }
 
-    // Reads the needed copies whose spare ones are to be removed. Returns true if some are damaged. Copies in
+    // The lock excludes new snapshots, so one that only the second list has was left out of the first, as by
+    // a server whose store was not ready. Its blobs count as unused.
+    void RequireAllListed() const
+    {
+        for (const Id& id : m_repository.ListIds(FileKind::Snapshot))
+            REPOSITORY_RAISE_UNLESS(m_snapshots.contains(id), Repo::Failure::Backend,
+                                    Repo::FileName({FileKind::Snapshot, id}).Prefix()
+                                        << "the snapshot was not listed before, so nothing is removed");
+    }
+
+    // The needed copies of kept packs that were not read yet, and of which another copy is to be removed.
+    std::vector<bool> FindUnread() const
+    {
+        const Repo::Index& index = m_repository.GetIndex();
+        std::vector<bool> isUnread(m_isRead.size());
+        for (std::uint32_t number = 0; number < m_isRead.size(); ++number) {
+            if (number % BlobsPerLook == 0)
+                RaiseIfInterrupted();
+            const Repo::IndexedBlob blob = index.At(number);
+            if (m_plan.isNeeded[number] || m_plan.fates[blob.pack] == PackFate::Keep)
+                continue;
+            index.VisitAll(blob.blob.handle, [&](const Repo::IndexedBlob& copy) {
+                if (m_plan.isNeeded[copy.number] && !m_isRead[copy.number] &&
+                    m_plan.fates[copy.pack] == PackFate::Keep)
+                    isUnread[copy.number] = true;
+            });
+        }
+        return isUnread;
+    }
+
+    // Reads the needed copies of which others are to be removed. Returns true if some are damaged. Copies in
     // packs that are repacked are read then.
     bool FindBadCopies(BlobFacts& facts)
     {
-        const Repo::Index& index = m_repository.GetIndex();
         m_isRead.resize(facts.isBad.size());
-        std::map<std::uint32_t, std::vector<PackedBlob>> unread; // by pack
-        for (std::uint32_t number = 0; number < m_isRead.size(); ++number) {
-            if (!m_plan.isNeeded[number] || m_isRead[number])
-                continue;
-            const Repo::IndexedBlob copy = index.At(number);
-            if (m_plan.fates[copy.pack] != PackFate::Keep || index.FindAll(copy.blob.handle).size() == 1)
+        const std::vector<bool> isUnread = FindUnread();
+        std::vector<std::uint32_t> packs;
+        for (std::uint32_t number = 0; number < isUnread.size(); ++number) {
+            if (!isUnread[number])
                 continue;
             m_isRead[number] = true;
-            unread[copy.pack].push_back(copy.blob);
+            const std::uint32_t pack = m_repository.GetIndex().At(number).pack;
+            if (packs.empty() || packs.back() != pack)
+                packs.push_back(pack);
         }
-        bool isAnyBad = false;
-        for (auto& [pack, blobs] : unread) {
-            const auto onBad = [&, number = pack](const PackedBlob& blob, const RepositoryError& error) {
-                if (!error.IsOfFile())
-                    throw RepositoryError(error);
-                m_observer.OnNote("another copy of a damaged blob is kept: " + ReasonOf(error).Bytes());
-                for (const Repo::IndexedBlob& copy : index.FindAll(blob.handle)) {
-                    if (copy.pack == number && copy.blob.offset == blob.offset)
-                        facts.isBad[copy.number] = isAnyBad = true;
+        if (packs.empty())
+            return false;
+        std::sort(packs.begin(), packs.end());
+        packs.erase(std::unique(packs.begin(), packs.end()), packs.end());
+        const std::vector<std::uint32_t> bad = ReadCopies(packs, isUnread);
+        for (const std::uint32_t number : bad)
+            facts.isBad[number] = true;
+        return !bad.empty();
+    }
+
+    // Reads the unread blobs of these packs. Returns the numbers of those that are damaged.
+    std::vector<std::uint32_t> ReadCopies(const std::vector<std::uint32_t>& packs,
+                                          const std::vector<bool>& isUnread) const
+    {
+        m_observer.OnStage("verifying blobs whose other copies are to be removed");
+        const Repo::BlobsByPack blobs(m_repository.GetIndex());
+        std::mutex mutex;
+        std::vector<std::uint32_t> bad;
+        std::vector<std::string> notes; // not yet given to the observer
+        RunOnPacks(
+            packs,
+            [&](std::uint32_t pack) {
+                ReadCopiesOf(pack, blobs, isUnread, [&](std::uint32_t number, const RepositoryError& error) {
+                    const std::lock_guard guard(mutex);
+                    bad.push_back(number);
+                    notes.push_back("another copy of a damaged blob is kept: " + ReasonOf(error).Bytes());
+                });
+            },
+            [&] {
+                const std::lock_guard guard(mutex);
+                for (const std::string& note : notes)
+                    m_observer.OnNote(note);
+                notes.clear();
+            });
+        return bad;
+    }
+
+    // Reads the unread blobs of a pack. Any thread.
+    void
+    ReadCopiesOf(std::uint32_t pack, const Repo::BlobsByPack& blobs, const std::vector<bool>& isUnread,
+                 const std::function<void(std::uint32_t number, const RepositoryError& error)>& onBad) const
+    {
+        const Repo::Index& index = m_repository.GetIndex();
+        std::vector<PackedBlob> unread;
+        for (const std::uint32_t number : blobs.Of(pack)) {
+            if (isUnread[number])
+                unread.push_back(index.At(number).blob);
+        }
+        const auto report = [&](const PackedBlob& blob, const RepositoryError& error) {
+            if (!error.IsOfFile())
+                throw RepositoryError(error);
+            index.VisitAll(blob.handle, [&](const Repo::IndexedBlob& copy) {
+                if (copy.pack == pack && copy.blob == blob)
+                    onBad(copy.number, error);
+            });
+        };
+        ReadBlobs(
+            m_repository, index.GetPacks()[pack].id, std::move(unread),
+            [](const PackedBlob&, Repo::ByteView, const Repo::Bytes&) {}, report);
+    }
+
+    // Calls `work` with each pack on several threads, and `meanwhile` on this one.
+    void RunOnPacks(
+        const std::vector<std::uint32_t>& packs, const std::function<void(std::uint32_t pack)>& work,
+        const std::function<void()>& meanwhile = [] {}) const
+    {
+        std::atomic<std::size_t> next{0};
+        std::atomic<std::uint64_t> done{0};
+        RunOnThreads(
+            std::min<unsigned int>(WorkerCount(), static_cast<unsigned int>(packs.size())),
+            [&](const std::function<bool()>& hasFailed) {
+                for (std::size_t i = next++; i < packs.size() && !hasFailed(); i = next++) {
+                    work(packs[i]);
+                    ++done;
                 }
-            };
-            ReadBlobs(
-                m_repository, index.GetPacks()[pack].id, std::move(blobs),
-                [](const PackedBlob&, Repo::ByteView, const Repo::Bytes&) {}, onBad);
-        }
-        return isAnyBad;
+            },
+            [&] {
+                meanwhile();
+                m_observer.OnProgress(done, packs.size());
+            });
     }
 
     std::vector<bool> FindKept() const
@@ -155,24 +254,11 @@ private:
         if (packs.empty())
             return;
         m_observer.OnStage("repacking packs");
-        Repo::SaveOptions saving;
+        Repo::SaveOptions saving = m_options.save;
         saving.isRepacking = true;
         saving.onWait = RaiseIfInterrupted;
         Repo::BlobSaver saver(m_repository, saving);
-        std::atomic<std::size_t> next{0};
-        std::atomic<std::uint64_t> done{0};
-        const auto report = [&] {
-            m_observer.OnProgress(done, packs.size());
-        };
-        RunOnThreads(
-            std::min<unsigned int>(WorkerCount(), static_cast<unsigned int>(packs.size())),
-            [&](const std::function<bool()>& hasFailed) {
-                for (std::size_t i = next++; i < packs.size() && !hasFailed(); i = next++) {
-                    CopyNeeded(packs[i], blobs, saver);
-                    ++done;
-                }
-            },
-            report);
+        RunOnPacks(packs, [&](std::uint32_t pack) { CopyNeeded(pack, blobs, saver); });
         saver.Finish();
     }
 
@@ -208,8 +294,7 @@ private:
     {
         m_observer.OnStage("rebuilding index");
         rewrite.Write([this](const std::string& text) { SaveIndex(text); });
-        m_observer.OnStage("deleting obsolete index files");
-        rewrite.RemoveReplaced();
+        rewrite.RemoveReplaced(m_observer);
     }
 
     void SaveIndex(const std::string& text)
@@ -231,7 +316,7 @@ private:
     {
         if (m_removed.empty())
             return;
-        m_observer.OnStage("removing " + std::to_string(m_removed.size()) + " old packs");
+        m_observer.OnStage("removing " + CountText(m_removed.size(), "old pack", "old packs"));
         std::uint64_t count = 0;
         for (const std::uint32_t pack : m_removed) {
             RemovePack(pack);
@@ -242,8 +327,9 @@ private:
     Repo::Repository& m_repository;
     const PruneOptions& m_options;
     IWorkObserver& m_observer;
+    std::set<Id> m_snapshots; // that were listed
     PrunePlan m_plan;
-    std::vector<bool> m_isRead;           // copies that FindBadCopies has read
+    std::vector<bool> m_isRead;           // needed copies that FindBadCopies has read
     std::vector<std::uint32_t> m_removed; // packs of the index
 };
 

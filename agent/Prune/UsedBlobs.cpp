@@ -1,13 +1,11 @@
 #include "agent/Prune/UsedBlobs.h"
 
+#include "agent/Access/WorkList.h"
 #include "agent/Access/Workers.h"
-#include "agent/Run/Interrupt.h"
 
 #include "Krt/Thread/ThreadSafety.h"
-#include "Krt/Util/YScope.h"
 
 #include <atomic>
-#include <condition_variable>
 
 namespace Agent {
 
@@ -18,7 +16,7 @@ using Repo::Node;
 
 namespace {
 
-// Which blobs are used, and the trees that are to be read. Each tree is given out once.
+// Which blobs are used, and the trees that are to be read. Each tree is read once.
 class UsedSet
 {
 public:
@@ -43,35 +41,15 @@ public:
             if (m_isUsed[number])
                 continue;
             m_isUsed[number] = true;
-            m_waiting.push_back(number);
+            m_trees.Add(number);
         }
-        m_changed.notify_all();
     }
 
-    // Returns false when all trees were read, or a thread has failed.
-    bool Take(Id& tree, const std::function<bool()>& hasFailed)
+    // Calls `work` with the ID of each tree, until all were read or a thread has failed.
+    template <class Work>
+    void ProcessTrees(const std::function<bool()>& hasFailed, const Work& work)
     {
-        constexpr std::chrono::milliseconds BetweenLooks{100}; // a failed thread does not notify
-        const auto hasAnswer = [&] {
-            m_mutex.AssertHeld();
-            return !m_waiting.empty() || m_active == 0 || hasFailed();
-        };
-        AnnotatedLock lock(m_mutex);
-        while (!lock.WaitUntil(m_changed, std::chrono::steady_clock::now() + BetweenLooks, hasAnswer)) {
-        }
-        if (m_waiting.empty() || hasFailed())
-            return false;
-        tree = m_index.At(m_waiting.back()).blob.handle.id;
-        m_waiting.pop_back();
-        ++m_active;
-        return true;
-    }
-
-    void Finish()
-    {
-        const AnnotatedLock lock(m_mutex);
-        if (--m_active == 0)
-            m_changed.notify_all();
+        m_trees.Process(hasFailed, [&](std::uint32_t number) { work(m_index.At(number).blob.handle.id); });
     }
 
     std::vector<bool> TakeResult()
@@ -83,10 +61,8 @@ public:
 private:
     const Repo::Index& m_index;
     Krt::Thread::AnnotatedMutex m_mutex;
-    std::condition_variable m_changed;
     std::vector<bool> m_isUsed KRT_GUARDED_BY(m_mutex);
-    std::vector<std::uint32_t> m_waiting KRT_GUARDED_BY(m_mutex); // the last is next, so that it stays short
-    unsigned int m_active KRT_GUARDED_BY(m_mutex) = 0;            // trees that are being read
+    WorkList<std::uint32_t> m_trees; // by number, which takes less memory than the ID
 };
 
 // Adds what a tree refers to, whatever the types of its nodes.
@@ -121,11 +97,10 @@ std::vector<bool> FindUsedBlobs(const Repo::Repository& repository,
     RunOnThreads(
         WorkerCount(),
         [&](const std::function<bool()>& hasFailed) {
-            for (Id tree; used.Take(tree, hasFailed); ++trees) {
-                const Krt::Util::YScope atEnd([&] { used.Finish(); });
-                RaiseIfInterrupted();
+            used.ProcessTrees(hasFailed, [&](const Id& tree) {
                 AddTree(repository, tree, used);
-            }
+                ++trees;
+            });
         },
         [&] { report(trees); });
     return used.TakeResult();

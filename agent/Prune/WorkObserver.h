@@ -13,7 +13,8 @@ public:
     virtual ~IWorkObserver() = default;
     /// A part of the work begins.
     virtual void OnStage(const std::string& text) = 0;
-    /// Something that the user should know. Not made printable.
+    /// Reports what the user should know, such as a file that can't be read. The text may contain bytes that
+    /// are not printable.
     virtual void OnNote(const std::string& text) = 0;
     /// How many items of the current part are done. `total` is 0 if it is not known.
     virtual void OnProgress(std::uint64_t done, std::uint64_t total) = 0;

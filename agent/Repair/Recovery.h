@@ -12,14 +12,16 @@ namespace Agent {
 
 /// Reads all trees that the index has, and returns those that neither another tree nor one of the snapshots
 /// refers to, sorted. The observer gets a note for each tree that can't be read; it is left out, and the
-/// directories in it are found instead. The index is loaded. Raises InvalidState if the user interrupts.
+/// directories in it are found instead. It also gets a note for each directory that is returned although
+/// something in it is lost. The index is loaded. Raises InvalidState if the user interrupts.
 std::vector<Repo::Id> FindLostRoots(const Repo::Repository& repository,
                                     const std::vector<Repo::StoredSnapshot>& snapshots,
                                     IWorkObserver& observer);
 
-/// Saves a tree that has the given ones as directories, which are named by the digits of their ids. Returns
-/// its id.
-Repo::Id SaveRoots(const Repo::Repository& repository, const std::vector<Repo::Id>& roots,
-                   const Repo::Timestamp& time);
+/// Saves the snapshot with a tree that has the given ones as directories, which are named by the digits of
+/// their ids, and have the time of the snapshot. Returns its id. The tree is durable before the snapshot is
+/// saved.
+Repo::Id SaveRecovered(const Repo::Repository& repository, const std::vector<Repo::Id>& roots,
+                       Repo::Snapshot snapshot);
 
 } // namespace Agent

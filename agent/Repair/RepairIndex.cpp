@@ -6,7 +6,11 @@
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
+#include "Krt/Exception/Raise.h"
+
 #include <algorithm>
+#include <cerrno>
+#include <unordered_set>
 
 namespace Agent {
 
@@ -31,46 +35,53 @@ public:
         : m_repository(repository), m_observer(observer)
     {}
 
-    std::size_t Run(bool readsAllPacks)
+    IndexRepairOutcome Run(bool readsAllPacks)
     {
         m_observer.OnStage("loading indexes...");
         m_repository.LoadIndex(
             [this](const FileName&, const RepositoryError& error) {
-                if (!error.IsOfFile())
+                if (error.GetOsError() == EIO)
+                    m_observer.OnNote("the disk can't read an index file, so nothing is changed; if that "
+                                      "remains so, move the file elsewhere, and repeat the command");
+                if (!error.IsOfFile() || error.GetOsError() == EIO)
                     throw RepositoryError(error);
-                m_observer.OnNote("replacing an index file that can't be read: " + ReasonOf(error).Bytes());
+                m_observer.OnNote("an index file is damaged: " + ReasonOf(error).Bytes());
             },
-            WorkerCount());
+            WorkerCount(), RaiseIfInterrupted);
         IndexRewrite rewrite(m_repository, WorkerCount());
         m_observer.OnStage("getting pack files to read...");
-        ComparePacks(readsAllPacks);
+        ComparePacks(readsAllPacks, rewrite.GetBlobs());
         if (!m_unread.empty())
             ReadPacks(rewrite);
+        RequireAnyPack();
+        NoteMissing();
+        if (m_outcome.unknown != 0)
+            m_outcome.keptFiles = rewrite.KeepDamaged();
+        m_outcome.lost = CountLost();
         rewrite.Choose(m_isKept, true);
         if (m_unread.empty() && rewrite.CountReplaced() == 0) {
             m_observer.OnStage("the index fits the packs");
-            return 0;
+            return m_outcome;
         }
         m_observer.OnStage("rebuilding index");
         rewrite.Write([this](const std::string& text) { m_repository.SaveText(FileKind::Index, text); });
-        m_observer.OnStage("deleting obsolete index files");
-        rewrite.RemoveReplaced();
+        rewrite.RemoveReplaced(m_observer);
         m_observer.OnStage("done");
-        return m_unreadable;
+        return m_outcome;
     }
 
 private:
     // Finds the packs of which the index may keep what it has.
-    void ComparePacks(bool readsAllPacks)
+    void ComparePacks(bool readsAllPacks, const Repo::BlobsByPack& blobs)
     {
         const Repo::Index& index = m_repository.GetIndex();
         const auto& packs = index.GetPacks();
-        std::vector<bool> exists(packs.size());
+        m_exists.resize(packs.size());
         m_isKept.resize(packs.size());
         m_repository.GetBackend().List(FileKind::Pack, [&](const Id& id, std::uint64_t size) {
             const auto number = index.FindPack(id);
             if (number)
-                exists[*number] = true;
+                m_exists[*number] = true;
             if (number && !readsAllPacks && packs[*number].size == size)
                 m_isKept[*number] = true;
             else
@@ -78,10 +89,49 @@ private:
         });
         std::sort(m_unread.begin(), m_unread.end(),
                   [](const PackFile& a, const PackFile& b) { return a.id < b.id; });
-        for (std::size_t i = 0; i < packs.size(); ++i) {
-            if (!exists[i])
-                m_observer.OnNote("removing not found pack file " + packs[i].id.ToHex());
+        m_outcome.missing = static_cast<std::size_t>(std::count(m_exists.begin(), m_exists.end(), false));
+        if (m_unread.empty())
+            RequireAnyPack();
+        for (std::uint32_t i = 0; i < packs.size(); ++i) {
+            if (m_exists[i])
+                continue;
+            for (const std::uint32_t blob : blobs.Of(i))
+                m_missing.insert(index.At(blob).blob.handle);
         }
+    }
+
+    // If the directory of the packs is not mounted, the index may be all that there is.
+    void RequireAnyPack() const
+    {
+        const std::size_t indexed = m_exists.size();
+        KRT_RAISE_UNLESS(indexed == 0 || m_outcome.missing < indexed || m_isAnyRead,
+                         Krt::ErrorCode::InvalidState,
+                         "None of the " << indexed
+                                        << " packs of the index exists; is the file system with "
+                                           "their directory 'data' mounted?");
+    }
+
+    void NoteMissing()
+    {
+        for (std::size_t i = 0; i < m_exists.size(); ++i) {
+            if (!m_exists[i])
+                m_observer.OnNote("removing not found pack file " +
+                                  m_repository.GetIndex().GetPacks()[i].id.ToHex());
+        }
+    }
+
+    // Counts the blobs of missing packs that no other pack has.
+    std::size_t CountLost() const
+    {
+        const Repo::Index& index = m_repository.GetIndex();
+        std::size_t count = 0;
+        for (const Repo::BlobHandle& handle : m_missing) {
+            bool isKept = false;
+            index.VisitAll(handle,
+                           [&](const Repo::IndexedBlob& copy) { isKept = isKept || m_isKept[copy.pack]; });
+            count += isKept ? 0 : 1;
+        }
+        return count;
     }
 
     void ReadPacks(IndexRewrite& rewrite)
@@ -95,24 +145,28 @@ private:
                 blobs = m_repository.LoadPackHeader(m_unread[number].id, m_unread[number].size);
             },
             [&](std::size_t number, const std::vector<PackedBlob>& blobs, const std::exception_ptr& failure) {
-                if (IsRead(m_unread[number].id, failure))
+                if (IsRead(m_unread[number].id, failure)) {
                     rewrite.Add(m_unread[number].id, blobs);
+                    for (const PackedBlob& blob : blobs)
+                        m_missing.erase(blob.handle);
+                }
                 m_observer.OnProgress(++count, m_unread.size());
             });
     }
 
-    // Returns false if the header is damaged. What the index has of the pack may still be right.
+    // Returns false if the header can't be read. What the index has of the pack may still be right.
     bool IsRead(const Id& pack, const std::exception_ptr& failure)
     {
         try {
             if (failure)
                 std::rethrow_exception(failure);
+            m_isAnyRead = true;
             return true;
         } catch (const RepositoryError& error) {
             if (!error.IsOfFile())
                 throw;
-            ++m_unreadable;
             const auto number = m_repository.GetIndex().FindPack(pack);
+            ++(number ? m_outcome.damaged : m_outcome.unknown);
             if (number)
                 m_isKept[*number] = true;
             m_observer.OnNote((number ? "keeping what the index has of a damaged pack: "
@@ -124,14 +178,18 @@ private:
 
     Repo::Repository& m_repository;
     IWorkObserver& m_observer;
+    std::vector<bool> m_exists;     // by the number of the pack
     std::vector<bool> m_isKept;     // in the index as it is, by the number of the pack
     std::vector<PackFile> m_unread; // whose headers are to be read, sorted
-    std::size_t m_unreadable = 0;
+    // Blobs of missing packs that no pack has whose header was read.
+    std::unordered_set<Repo::BlobHandle, Repo::BlobHandleHash> m_missing;
+    bool m_isAnyRead = false; // header
+    IndexRepairOutcome m_outcome;
 };
 
 } // namespace
 
-std::size_t RepairIndex(Repo::Repository& repository, bool readsAllPacks, IWorkObserver& observer)
+IndexRepairOutcome RepairIndex(Repo::Repository& repository, bool readsAllPacks, IWorkObserver& observer)
 {
     return IndexRepair(repository, observer).Run(readsAllPacks);
 }

@@ -6,12 +6,24 @@
 
 namespace Agent {
 
+/// What a repair of the index did.
+struct IndexRepairOutcome
+{
+    std::size_t damaged = 0;   ///< packs whose headers can't be read, with the entries that the index had
+    std::size_t unknown = 0;   ///< packs whose headers can't be read, and that the index does not have
+    std::size_t missing = 0;   ///< packs that were removed from the index, since they do not exist
+    std::size_t lost = 0;      ///< blobs of missing packs that the index does not have any more
+    std::size_t keptFiles = 0; ///< damaged index files that stay, since they may have packs that are unknown
+};
+
 /// Replaces index files, so that the index names exactly the packs that exist, with their blobs. The headers
 /// of packs are read that the index does not have, or that have another size than the index expects; with
-/// `readsAllPacks`, those of all packs. An index file that can't be read is replaced, too. A pack whose
-/// header is damaged is given to the observer; the new index has of it what the old one had. The caller has
-/// locked the repository exclusively. Whenever this ends, the index has what it had of packs that exist, or
-/// more. Returns the number of packs whose headers are damaged.
-std::size_t RepairIndex(Repo::Repository& repository, bool readsAllPacks, IWorkObserver& observer);
+/// `readsAllPacks`, those of all packs. A pack whose header can't be read is given to the observer; the new
+/// index keeps the entries of the old one for it. A damaged index file is replaced, unless a pack that exists
+/// would then be in no index. The caller has locked the repository exclusively. Whenever this ends, the index
+/// has what it had of packs that exist, or more. Raises before any change:
+///   - the error of the system if it can't read an index file
+///   - InvalidState if no pack of the index exists, and the header of no other pack can be read
+IndexRepairOutcome RepairIndex(Repo::Repository& repository, bool readsAllPacks, IWorkObserver& observer);
 
 } // namespace Agent

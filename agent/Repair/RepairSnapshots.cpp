@@ -3,6 +3,10 @@
 #include "agent/Access/SnapshotChoice.h"
 #include "agent/Repair/TreeRepair.h"
 #include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
+
+#include <algorithm>
+#include <utility>
 
 namespace Agent {
 
@@ -20,27 +24,49 @@ public:
           m_saver(repository, SavingOptions()),
           m_trees(repository, options.isDryRun ? nullptr : &m_saver,
                   [this](const std::string& path, const std::string& change) {
+                      m_outcome.losesDirectories |=
+                          change == TreeRepair::Emptied || change.starts_with(TreeRepair::CutOff);
                       m_observer.OnNote("  \"" + path + "\": " + change);
                   })
     {}
 
-    // Returns true if the snapshot is not as it was.
-    bool Repair(const StoredSnapshot& stored)
+    RepairOutcome Run(const std::vector<StoredSnapshot>& snapshots)
     {
-        m_observer.OnStage(DescribeSnapshot(stored));
-        const std::optional<Id> tree = m_trees.Repair(stored.snapshot.tree);
-        if (tree == stored.snapshot.tree)
-            return false;
-        if (tree)
-            Replace(stored, *tree);
-        else
-            m_observer.OnNote("  its root can't be read, so there is nothing to be saved");
-        if (m_options.removesOld)
-            Remove(stored, tree ? "old" : "empty");
-        return true;
+        for (const StoredSnapshot& stored : snapshots) {
+            m_observer.OnStage(DescribeSnapshot(stored));
+            std::optional<TreeRepair::Result> tree;
+            try {
+                tree = m_trees.Repair(stored.snapshot.tree);
+            } catch (const Repo::RepositoryError& error) {
+                if (error.GetFailure() != Repo::Failure::Damaged)
+                    throw;
+                m_outcome.failed.push_back({stored.id, ReasonOf(error).Bytes()}); // it is too deep
+                continue;
+            }
+            Repair(stored, tree);
+        }
+        return std::move(m_outcome);
     }
 
 private:
+    // `tree` is what replaces the root; nothing if that is lost.
+    void Repair(const StoredSnapshot& stored, const std::optional<TreeRepair::Result>& tree)
+    {
+        if (tree && tree->id == stored.snapshot.tree)
+            return;
+        m_outcome.losesDirectories |= !tree;
+        if (!tree && !m_options.removesOld) {
+            m_outcome.failed.push_back({stored.id, "its root is lost; --forget removes the snapshot"});
+            return;
+        }
+        if (tree)
+            Replace(stored, *tree);
+        else
+            m_observer.OnNote("  its root is lost");
+        if (m_options.removesOld)
+            Remove(stored, tree ? "old" : "lost");
+        ++m_outcome.changed;
+    }
     static Repo::SaveOptions SavingOptions()
     {
         Repo::SaveOptions saving;
@@ -48,7 +74,7 @@ private:
         return saving;
     }
 
-    void Replace(const StoredSnapshot& stored, const Id& tree)
+    void Replace(const StoredSnapshot& stored, const TreeRepair::Result& tree)
     {
         if (m_options.isDryRun) {
             m_observer.OnStage("would save new snapshot");
@@ -56,8 +82,12 @@ private:
         }
         m_saver.Finish();
         Repo::Snapshot snapshot = stored.snapshot;
-        snapshot.tree = tree;
+        snapshot.tree = tree.id;
         snapshot.original = stored.id;
+        if (snapshot.summary) {
+            snapshot.summary->totalFilesProcessed = tree.files;
+            snapshot.summary->totalBytesProcessed = tree.bytes;
+        }
         const Id id = m_repository.SaveText(FileKind::Snapshot, snapshot.ToJson());
         m_observer.OnStage("saved new snapshot " + ShortId(id));
     }
@@ -78,18 +108,53 @@ private:
     IWorkObserver& m_observer;
     Repo::BlobSaver m_saver;
     TreeRepair m_trees;
+    RepairOutcome m_outcome;
+};
+
+struct Silent : IWorkObserver
+{
+    void OnStage(const std::string&) override {}
+    void OnNote(const std::string&) override {}
+    void OnProgress(std::uint64_t, std::uint64_t) override {}
 };
 
 } // namespace
 
-std::size_t RepairSnapshots(const Repo::Repository& repository, const std::vector<StoredSnapshot>& snapshots,
-                            const RepairOptions& options, IWorkObserver& observer)
+std::string FindMisfit(const Repo::Repository& repository, const std::vector<StoredSnapshot>& snapshots,
+                       const RepairOptions& options)
 {
-    SnapshotRepair repair(repository, options, observer);
-    std::size_t count = 0;
-    for (const StoredSnapshot& stored : snapshots)
-        count += repair.Repair(stored);
-    return count;
+    const Repo::Index& index = repository.GetIndex();
+    const auto& packs = index.GetPacks();
+    std::vector<bool> fits(packs.size());
+    std::optional<Id> unindexed;
+    repository.GetBackend().List(FileKind::Pack, [&](const Id& id, std::uint64_t size) {
+        if (const auto number = index.FindPack(id))
+            fits[*number] = size == packs[*number].size;
+        else
+            unindexed = id;
+    });
+    const std::string advice = "; 'kbagent repair index' comes first, then what 'kbagent check' advises";
+    if (const auto wrong = std::find(fits.begin(), fits.end(), false); wrong != fits.end()) {
+        const Id& id = packs[static_cast<std::size_t>(wrong - fits.begin())].id;
+        return "The index does not fit the packs: " + Repo::FileName{FileKind::Pack, id}.Path() +
+               " is missing or has another size" + advice;
+    }
+    if (!unindexed)
+        return "";
+    RepairOptions dry = options;
+    dry.isDryRun = true;
+    Silent silent;
+    if (RepairSnapshots(repository, snapshots, dry, silent).changed == 0)
+        return "";
+    return "The index does not fit the packs: " + Repo::FileName{FileKind::Pack, *unindexed}.Path() +
+           " is in no index file, and may have what is missing" + advice;
+}
+
+RepairOutcome RepairSnapshots(const Repo::Repository& repository,
+                              const std::vector<StoredSnapshot>& snapshots, const RepairOptions& options,
+                              IWorkObserver& observer)
+{
+    return SnapshotRepair(repository, options, observer).Run(snapshots);
 }
 
 } // namespace Agent

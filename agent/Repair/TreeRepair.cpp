@@ -15,7 +15,17 @@ using Repo::Node;
 using Repo::NodeType;
 using Repo::RepositoryError;
 
-std::optional<Id> TreeRepair::Repair(const Id& root)
+namespace {
+
+// Another attempt may succeed after any other failure, also after an error of the disk.
+bool IsLoss(const RepositoryError& error)
+{
+    return error.GetFailure() == Repo::Failure::Damaged || error.GetFailure() == Repo::Failure::Missing;
+}
+
+} // namespace
+
+std::optional<TreeRepair::Result> TreeRepair::Repair(const Id& root)
 {
     m_path.clear();
     m_open.clear();
@@ -29,7 +39,7 @@ std::optional<Id> TreeRepair::Repair(const Id& root)
     return m_done.at(root);
 }
 
-// Returns false if the tree can't be read. An entry that can't is left out.
+// Returns false if the tree is lost.
 bool TreeRepair::Open(const Id& tree)
 {
     OpenTree open;
@@ -38,15 +48,9 @@ bool TreeRepair::Open(const Id& tree)
     Repo::Bytes text;
     try {
         m_repository.LoadBlob({BlobType::Tree, tree}, text);
-        Repo::TreeReader reader(Repo::AsText(text), Repo::UnknownMembers::Keep,
-                                [&](const RepositoryError& error) {
-                                    Change(open, m_path, "removed an entry: " + ReasonOf(error).Bytes());
-                                });
-        for (Node node; reader.Next(node); node = Node())
-            open.nodes.push_back(std::move(node));
-        open.unknown = reader.GetUnknown();
+        ReadNodes(open, text);
     } catch (const RepositoryError& error) {
-        if (!error.IsOfFile())
+        if (!IsLoss(error))
             throw;
         return false;
     }
@@ -59,6 +63,27 @@ bool TreeRepair::Open(const Id& tree)
     }
     m_open.push_back(std::move(open));
     return true;
+}
+
+// An entry that is wrong in itself is left out. The entries before a damage of the text are kept, since they
+// can be restored.
+void TreeRepair::ReadNodes(OpenTree& open, const Repo::Bytes& text) const
+{
+    Repo::TreeReader reader(Repo::AsText(text), Repo::UnknownMembers::Keep,
+                            [&](const RepositoryError& error) {
+                                Change(open, m_path, "removed an entry: " + ReasonOf(error).Bytes());
+                            });
+    try {
+        for (Node node; reader.Next(node); node = Node())
+            open.nodes.push_back(std::move(node));
+        open.unknown = reader.GetUnknown();
+    } catch (const RepositoryError& error) {
+        if (open.nodes.empty())
+            throw;
+        open.unknown = reader.GetUnknown();
+        Repo::JoinRepeated(open.unknown);
+        Change(open, m_path, CutOff + std::string(": ") + ReasonOf(error).Bytes());
+    }
 }
 
 // Returns false after the last node of the innermost tree.
@@ -74,8 +99,11 @@ bool TreeRepair::RepairNext()
         RepairDirectory(open, node);
         return true;
     }
-    if (node.type == NodeType::File)
+    if (node.type == NodeType::File) {
         RepairFile(open, node);
+        ++open.files;
+        open.bytes += node.size;
+    }
     ++open.next;
     return true;
 }
@@ -84,15 +112,20 @@ void TreeRepair::RepairDirectory(OpenTree& open, Node& node)
 {
     if (node.subtree) {
         if (const auto done = m_done.find(*node.subtree); done != m_done.end()) {
-            open.isChanged |= done->second != *node.subtree;
-            node.subtree = done->second;
+            const Result& result = done->second;
+            open.isChanged |= result.id != *node.subtree;
+            node.subtree = result.id;
+            open.files += result.files;
+            open.bytes += result.bytes;
             ++open.next;
             return;
         }
-        if (m_open.size() < DepthLimit && Open(*node.subtree))
+        REPOSITORY_RAISE_UNLESS(m_open.size() < DepthLimit, Repo::Failure::Damaged,
+                                "The directory '" << m_path.c_str() << "' is too many levels deep");
+        if (Open(*node.subtree))
             return; // when that is closed, the node is visited again
     }
-    Change(open, m_path, "replaced with an empty directory");
+    Change(open, m_path, Emptied);
     node.subtree = SaveText(Repo::TreeWriter().Finish());
     ++open.next;
 }
@@ -120,7 +153,7 @@ void TreeRepair::Close()
 {
     OpenTree closed = std::move(m_open.back());
     m_open.pop_back();
-    m_done[closed.id] = closed.isChanged ? Save(closed) : closed.id;
+    m_done[closed.id] = {closed.isChanged ? Save(closed) : closed.id, closed.files, closed.bytes};
 }
 
 Id TreeRepair::Save(OpenTree& open) const

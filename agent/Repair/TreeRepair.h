@@ -6,6 +6,7 @@
 #include "agent/Repository/BlobSaver.h"
 #include "agent/Repository/Node.h"
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -17,6 +18,11 @@ namespace Agent {
 class TreeRepair
 {
 public:
+    /// The change of a directory whose tree is lost.
+    static constexpr const char* Emptied = "replaced with an empty directory";
+    /// The beginning of the change of a directory whose tree is damaged after its first entry.
+    static constexpr const char* CutOff = "removed the entries after the damage";
+
     /// Called for a change with the path, which begins with "/".
     using ChangeVisitor = std::function<void(const std::string& path, const std::string& change)>;
 
@@ -25,9 +31,19 @@ public:
         : m_repository(repository), m_saver(saver), m_onChange(std::move(onChange))
     {}
 
-    /// Returns the tree that replaces the root of a snapshot, which is the same one if nothing is lost;
-    /// nothing if the root can't be read.
-    std::optional<Repo::Id> Repair(const Repo::Id& root);
+    /// What a tree is replaced with.
+    struct Result
+    {
+        Repo::Id id;
+        std::uint64_t files = 0; ///< regular files in it and below
+        std::uint64_t bytes = 0; ///< the sum of their sizes
+    };
+
+    /// Returns what replaces the root of a snapshot: `root` itself if nothing below it is lost, or nothing if
+    /// the root is lost. A tree is lost if it is missing, or damaged before its first entry. Raises Damaged
+    /// for a directory too many levels deep, and what reading a tree raises otherwise, such as an error of
+    /// the disk.
+    std::optional<Result> Repair(const Repo::Id& root);
 
 private:
     struct OpenTree
@@ -37,10 +53,13 @@ private:
         std::vector<Repo::RawMember> unknown;
         std::size_t next = 0; // of the nodes
         bool isChanged = false;
+        std::uint64_t files = 0; // before the next node, with those below it
+        std::uint64_t bytes = 0;
         std::size_t pathLength = 0;
     };
 
     bool Open(const Repo::Id& tree);
+    void ReadNodes(OpenTree& open, const Repo::Bytes& text) const;
     bool RepairNext();
     void RepairDirectory(OpenTree& open, Repo::Node& node);
     void RepairFile(OpenTree& open, Repo::Node& node) const;
@@ -52,7 +71,7 @@ private:
     const Repo::Repository& m_repository;
     Repo::BlobSaver* m_saver;
     ChangeVisitor m_onChange;
-    std::unordered_map<Repo::Id, Repo::Id, Repo::IdHash> m_done; // what replaces each tree
+    std::unordered_map<Repo::Id, Result, Repo::IdHash> m_done; // what replaces each tree
     std::vector<OpenTree> m_open;
     std::string m_path;
 };

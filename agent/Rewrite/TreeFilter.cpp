@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 namespace Agent {
@@ -16,6 +17,21 @@ using Repo::Node;
 using Repo::NodeType;
 
 namespace {
+
+// What is in a tree and below.
+struct Counts
+{
+    std::uint64_t entries = 0;
+    std::uint64_t files = 0;
+    std::uint64_t bytes = 0;
+
+    void Add(const Counts& other)
+    {
+        entries += other.entries;
+        files += other.files;
+        bytes += other.bytes;
+    }
+};
 
 // A tree while it is read. The stack of these replaces recursion, since a snapshot may be deep.
 struct OpenTree
@@ -36,8 +52,10 @@ struct OpenTree
     const std::string path;
     const Repo::Bytes text;
     Repo::TreeReader reader;
-    Node node;                                        // the current one
-    std::map<std::string, std::optional<Id>> changed; // by name: the other tree, or none if it is left out
+    Node node; // the last one that was read
+    Counts counts;
+    // By the name of the node: the tree that replaces its own, or nothing if the node is left out.
+    std::map<std::string, std::optional<Id>> changed;
 };
 
 // Returns the id of what is retained.
@@ -66,7 +84,8 @@ Id OpenTree::Close(const TreeFilter::TreeSaver& save) const
 
 Id TreeFilter::Apply(const Id& root, const TreeSaver& save, const ExcludedVisitor& onExcluded)
 {
-    m_files = m_bytes = 0;
+    const bool mayRemember = m_excludes.AreOfNames();
+    std::unordered_map<Id, Counts, Repo::IdHash> unchanged;
     std::vector<std::unique_ptr<OpenTree>> open;
     open.push_back(std::make_unique<OpenTree>(m_repository, root, ""));
     for (;;) {
@@ -74,10 +93,18 @@ Id TreeFilter::Apply(const Id& root, const TreeSaver& save, const ExcludedVisito
         OpenTree& tree = *open.back();
         if (!tree.reader.Next(tree.node)) {
             const Id id = tree.Close(save);
+            const Counts counts = tree.counts;
+            if (mayRemember && id == tree.id)
+                unchanged.emplace(id, counts);
             open.pop_back();
-            if (open.empty())
+            if (open.empty()) {
+                m_entries = counts.entries;
+                m_files = counts.files;
+                m_bytes = counts.bytes;
                 return id;
+            }
             OpenTree& above = *open.back();
+            above.counts.Add(counts);
             if (*above.node.subtree != id)
                 above.changed[above.node.name] = id;
             continue;
@@ -86,14 +113,21 @@ Id TreeFilter::Apply(const Id& root, const TreeSaver& save, const ExcludedVisito
         if (m_excludes.Match(path).matches) {
             tree.changed[tree.node.name] = std::nullopt;
             onExcluded(path);
-        } else if (tree.node.type == NodeType::Directory) {
+            continue;
+        }
+        ++tree.counts.entries;
+        if (tree.node.type == NodeType::Directory) {
             REPOSITORY_RAISE_UNLESS(tree.node.subtree && open.size() < DepthLimit, Repo::Failure::Damaged,
                                     "The directory '" << path.c_str()
                                                       << "' has no tree, or is too many levels deep");
+            if (const auto known = unchanged.find(*tree.node.subtree); known != unchanged.end()) {
+                tree.counts.Add(known->second);
+                continue;
+            }
             open.push_back(std::make_unique<OpenTree>(m_repository, *tree.node.subtree, path));
         } else if (tree.node.type == NodeType::File) {
-            ++m_files;
-            m_bytes += tree.node.size;
+            ++tree.counts.files;
+            tree.counts.bytes += tree.node.size;
         }
     }
 }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "agent/Repository/Repository.h"
-#include "agent/Restore/Patterns.h"
+#include "agent/Walk/Patterns.h"
 
 #include <functional>
 #include <string>
@@ -24,13 +24,17 @@ public:
     {}
 
     /// Returns the root tree without the entries that match: the given one if none does. The index is loaded.
-    /// Only the trees on the path to an entry are in memory. Raises
+    /// Of the trees on the path to an entry the texts are in memory; while one is replaced, also its text as
+    /// it was and as it becomes. If the patterns are of single names, a tree that has no match is visited
+    /// once, which takes about 100 bytes for each. Raises
     ///   - what loading a tree raises
     ///   - NotSupported for a tree that would lose something, as it was written in another form
     ///   - Damaged for a directory without a tree, and for one too many levels deep
     ///   - what the calls raise
     Repo::Id Apply(const Repo::Id& root, const TreeSaver& save, const ExcludedVisitor& onExcluded);
 
+    /// The entries of any kind that the last call of Apply retained.
+    std::uint64_t GetEntries() const { return m_entries; }
     /// The regular files that the last call of Apply retained.
     std::uint64_t GetFiles() const { return m_files; }
     /// The sum of their sizes in bytes.
@@ -39,6 +43,7 @@ public:
 private:
     const Repo::Repository& m_repository;
     const Patterns& m_excludes;
+    std::uint64_t m_entries = 0;
     std::uint64_t m_files = 0;
     std::uint64_t m_bytes = 0;
 };

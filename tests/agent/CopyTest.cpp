@@ -2,6 +2,7 @@
 #include "testing/RepositoryHistory.h"
 
 #include <filesystem>
+#include <fstream>
 
 using namespace Agent;
 using namespace Testing;
@@ -40,6 +41,7 @@ TEST_F(CopyTest, CopiesAreWholeAndMadeOnce)
     const std::string all = Copy(0).output;
     EXPECT_EQ(CountLines(all, "copied"), 4u);
     EXPECT_EQ(CountLines(all, "skipped"), 1u);
+    EXPECT_EQ(Copy(0, "--quiet").errors, "");
     const auto packs = FilesBelow(second + "/data");
     EXPECT_EQ(CountLines(Copy(0, "--json").output, R"("message_type":"skipped")"), 5u);
     EXPECT_EQ(FilesBelow(second + "/data"), packs);
@@ -75,6 +77,26 @@ TEST_F(CopyTest, DamagedSnapshotIsReportedAndOthersAreCopied)
         EXPECT_TRUE(Holds(Restic("-r " + second + " check --read-data"), "no errors"));
     }
     Run(2, "copy");
+}
+
+TEST_F(CopyTest, DamagedTreesOfTargetAreCopiedAgain)
+{
+    BackUp();
+    Copy(0);
+    for (const auto& snapshot : FilesBelow(second + "/snapshots"))
+        fs::remove(snapshot);
+    const Repo::Repository damaged = OpenRepository(second, password);
+    for (const Repo::IndexedPack& pack : damaged.GetIndex().GetPacks()) {
+        if (!pack.hasTrees)
+            continue;
+        const std::string path = second + "/" + Repo::FileName{FileKind::Pack, pack.id}.Path();
+        fs::permissions(path, fs::perms::owner_write, fs::perm_options::add);
+        std::fstream(path, std::ios::in | std::ios::out | std::ios::binary) << std::string(200, 'x');
+    }
+    Copy(0);
+    const TemporaryDirectory out;
+    Run(0, {"restore", "-q", "-r", second, "latest:" + source, "-t", out.Path()});
+    EXPECT_EQ(DescribeTree(out.Path()), DescribeTree(source));
 }
 
 } // namespace

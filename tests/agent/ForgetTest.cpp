@@ -184,16 +184,28 @@ TEST_F(Forget, RemovesOnlyWhatIsChosen)
     for (const char* wrong :
          {"", "-l 0", "-l x", "-l -2", "-l 99999999999", "--keep-within 1w", "--keep-within 3",
           "--keep-within d", "-l 1 -g x", "-l 1 --no-lock", "-l 1 latest", "--unsafe-allow-remove-all",
-          "-l 1 --unsafe-allow-remove-all", "--unsafe-allow-remove-all --host a latest"})
+          "-l 1 --unsafe-allow-remove-all", "--unsafe-allow-remove-all --host a latest",
+          "-l 1 --max-unused 0", "latest --repack-small"})
         Run(2, "forget " + std::string(wrong));
+    const std::string planned = Run(0, "forget -n -l 1 -g , --tag , --keep-tag ,").output;
+    EXPECT_EQ(Run(0, {"forget", "-n", "-l", "1", "-g", "", "--tag=", "--keep-tag", ""}).output, planned);
+    EXPECT_EQ(Run(0, {"forget", "-n", "-l", "1", "--group-by=", "--tag", "", "--keep-tag="}).output, planned);
     EXPECT_TRUE(Holds(Run(1, "forget --keep-tag z").errors, "(host [a], paths [/a, /x])"));
     EXPECT_TRUE(Holds(Run(0, "forget --dry-run " + a.ToHex()).output, "{" + a.ToHex().substr(0, 8) + "}"));
     EXPECT_TRUE(Holds(Run(0, "forget 0123").errors, "Ignoring '0123'"));
     EXPECT_EQ(Count(), 2u);
+    std::vector<Id> copies; // until two begin with the same digit
+    while (copies.size() < 2 || copies.back().ToHex()[0] != copies.front().ToHex()[0])
+        copies.push_back(Save("c", Timestamp{1700000000 + static_cast<std::int64_t>(copies.size()), 0, 0}));
+    const std::string digit = copies.front().ToHex().substr(0, 1);
+    EXPECT_TRUE(Holds(Run(3, "forget " + digit).errors, digit + ": Several snapshots begin with"));
+    EXPECT_EQ(Count(), 2 + copies.size());
+    Run(0, "forget -q --unsafe-allow-remove-all --host c");
+    EXPECT_EQ(Count(), 2u);
     Run(0, "forget latest --host a");
     EXPECT_EQ(opened.ListIds(FileKind::Snapshot), std::vector<Id>{b});
     Save("b", "2024-05-01T12:00:00Z");
-    EXPECT_EQ(Words(Run(0, "forget -l 1").output).back(), "snapshots");
+    EXPECT_EQ(Words(Run(0, "forget -l 1").output).back(), "snapshot");
     EXPECT_EQ(opened.ListIds(FileKind::Snapshot), std::vector<Id>{b});
     Run(0, "forget --unsafe-allow-remove-all --host b --json");
     EXPECT_EQ(Count(), 0u);
@@ -209,11 +221,12 @@ TEST_F(Forget, LockIsLeftOutOnlyIfNoneIsThere)
     lock.hostname = "elsewhere";
     const Id other = opened.SaveText(FileKind::Lock, lock.ToJson());
     Run(11, "forget " + id.ToHex());
-    Run(11, "forget --recover-no-free-space " + id.ToHex());
+    EXPECT_TRUE(Holds(Run(11, "forget --recover-no-free-space " + id.ToHex()).errors, " on elsewhere by "));
     Run(0, "forget --dry-run -l 1");
     opened.GetBackend().Remove({FileKind::Lock, other});
     const FileSizeLimit limit(100); // as on a file system that is full
-    Run(1, "forget " + id.ToHex());
+    for (const std::string& command : {"forget " + id.ToHex(), std::string("prune")})
+        EXPECT_TRUE(Holds(Run(1, command).errors, "but --recover-no-free-space removes without a lock"));
     EXPECT_EQ(Count(), 1u);
     Run(0, "forget --recover-no-free-space " + id.ToHex());
     EXPECT_EQ(Count(), 0u);

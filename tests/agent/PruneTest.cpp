@@ -7,8 +7,11 @@
 #include "agent/Repair/RepairIndex.h"
 #include "agent/Repair/RepairPacks.h"
 #include "agent/Repair/RepairSnapshots.h"
+#include "agent/Repository/BlobSaver.h"
 #include "agent/Repository/Lock.h"
 #include "agent/Repository/Pack.h"
+#include "agent/Rewrite/SnapshotReplacement.h"
+#include "agent/Rewrite/TreeFilter.h"
 
 #include "testing/MountNamespace.h"
 #include "testing/Raises.h"
@@ -36,22 +39,17 @@ namespace json = boost::json;
 
 namespace {
 
-struct NoObserver : IWorkObserver, ICheckObserver
-{
-    void OnStage(const std::string&) override {}
-    void OnNote(const std::string&) override {}
-    void OnProgress(std::uint64_t, std::uint64_t) override {}
-    void OnError(const std::string& text) override { ADD_FAILURE() << text; }
-    void OnHint(const std::string&) override {}
-    void OnTouched(const Repo::StoredSnapshot&, const std::string&, const std::string&) override {}
-};
-
 // A disk on which, after some changes, one fails or all that follow do; or with limited space.
 class LimitedBackend : public Repo::LocalBackend
 {
 public:
     using LocalBackend::LocalBackend;
 
+    void Load(const FileName& file, std::uint64_t offset, std::uint64_t length, Repo::Bytes& out) override
+    {
+        readOfPacks += file.kind == FileKind::Pack ? length : 0;
+        LocalBackend::Load(file, offset, length, out);
+    }
     void Save(const FileName& file, Repo::ByteView content) override
     {
         Change(file);
@@ -69,6 +67,7 @@ public:
 
     std::atomic<std::int64_t> changesLeft{INT64_MAX};
     std::atomic<std::uint64_t> space{UINT64_MAX / 2};
+    std::atomic<std::uint64_t> readOfPacks{0}; // bytes
     int error = EIO;
     bool failsOnce = false;
 
@@ -116,6 +115,15 @@ protected:
             EXPECT_TRUE(isDone) << kind;
         }
     }
+    // The text of DescribeTree without the files that BackUp calls "new".
+    static std::string WithoutNewFiles(const std::string& tree)
+    {
+        std::istringstream lines(tree);
+        std::string text;
+        for (std::string line; std::getline(lines, line);)
+            text += line.find("/new") < 2 ? "" : line + "\n";
+        return text;
+    }
     json::value PruneJson(const std::string& options = "") const
     {
         return json::parse(Run(0, "prune --json " + options).output);
@@ -151,6 +159,7 @@ TEST_F(PruneTest, WhatSnapshotsNeedRemains)
     BackUp(2);
     Forget();
     Run(0, "prune --repack-small --repack-uncompressed");
+    Run(0, "prune --repack-smaller-than 17M --pack-size 17 --compression max");
     ExpectSound();
     for (const auto& file : Files("snapshots"))
         fs::remove(file);
@@ -204,8 +213,7 @@ TEST_F(PruneTest, EachFailureOfNewSnapshotsIsRepeated)
         const std::vector<Id> roots = FindLostRoots(opened, opened.LoadSnapshots(), observer);
         Repo::Snapshot snapshot;
         snapshot.time = Repo::Timestamp::Now();
-        snapshot.tree = SaveRoots(opened, roots, snapshot.time);
-        opened.SaveText(FileKind::Snapshot, snapshot.ToJson());
+        SaveRecovered(opened, roots, snapshot);
     };
     FailEachChange(1, recover, [&](Repo::Repository& opened) {
         opened.LoadIndex();
@@ -234,6 +242,30 @@ TEST_F(PruneTest, EachFailureOfNewSnapshotsIsRepeated)
         repairSnapshots(opened);
         expectWhole(opened, 1, 4);
     });
+    // Entries are left out, and the snapshots that had them are removed.
+    fs::remove_all(repository);
+    fs::copy(whole, repository, fs::copy_options::recursive);
+    Patterns excludes;
+    excludes.Add("new*", false);
+    const Work rewrite = [&](Repo::Repository& opened) {
+        opened.LoadIndex();
+        Repo::BlobSaver saver(opened, {});
+        for (const Repo::StoredSnapshot& stored : opened.LoadSnapshots()) {
+            Repo::Snapshot changed = stored.snapshot;
+            changed.tree = TreeFilter(opened, excludes)
+                               .Apply(
+                                   stored.snapshot.tree, [&](std::string_view text) { saver.SaveTree(text); },
+                                   [](const std::string&) {});
+            if (changed.tree == stored.snapshot.tree)
+                continue;
+            ReplaceSnapshot(opened, saver, stored.id, changed, {}, true);
+        }
+    };
+    FailEachChange(3, rewrite, [&](Repo::Repository& opened) {
+        expectWhole(opened, 3, 4);
+        rewrite(opened);
+        expectWhole(opened, 3, 4);
+    });
     // Into an empty repository.
     fs::remove_all(repository);
     CreateRepository(repository, password);
@@ -256,11 +288,13 @@ TEST_F(PruneTest, EachFailureOfNewSnapshotsIsRepeated)
     });
 }
 
-// By a signal for which the program has no handler, so that it ends as by SIGKILL.
+// By a signal for which the program has no handler, so that it ends as by SIGKILL. What a command may not
+// remove is compared after each; the trees of all snapshots that are left are compared at the end.
 TEST_F(PruneTest, KilledCommandsLeaveSoundRepository)
 {
     const std::string commands[] = {
         "backup -q source",
+        "forget --keep-last 4",
         "forget --keep-last 3 --prune --max-unused 0",
         "prune --max-unused 0",
         "repair index --read-all-packs",
@@ -268,18 +302,33 @@ TEST_F(PruneTest, KilledCommandsLeaveSoundRepository)
         "repair snapshots",
         "rewrite --forget --exclude new* latest",
         "recover",
+        "copy --from-repo other --from-password-file password",
     };
+    const auto listSnapshots = [this] {
+        return Open(std::make_shared<Repo::LocalBackend>(repository.c_str())).ListIds(FileKind::Snapshot);
+    };
+    CreateRepository(directory / "other", password);
+    directory.Write("password", password);
     BackUp(4);
     int killed = 0;
     int tried = 0;
     const int wanted = Rounds("LIFE_KILLS", 3);
-    for (; killed < wanted && tried < 3 * wanted; ++tried) {
+    for (std::size_t next = random(); killed < wanted && tried < 3 * wanted; ++tried, ++next) {
         BackUp(2);
-        std::string command = commands[static_cast<std::size_t>(tried) % std::size(commands)];
-        if (command == "repair packs") {
-            const auto packs = Files("data");
-            command += " " + packs[random() % packs.size()].filename().string();
+        std::string command = commands[next % std::size(commands)];
+        const auto packs = Files("data");
+        const fs::path pack = packs[random() % packs.size()];
+        const bool losesPack = command == "repair snapshots"; // which comes back
+        if (command == "repair packs")
+            command += " " + pack.filename().string();
+        if (command.starts_with("copy"))
+            Run(0, {"backup", "-q", "-r", "other", "source"});
+        if (losesPack) {
+            fs::rename(pack, directory / "lost");
+            Run(-1, "repair index"); // other packs may have its blobs
         }
+        const auto before = listSnapshots();
+        const auto filesBefore = Files("snapshots");
         const long delay = 100000 + static_cast<long>(random() % 500000); // the lock alone takes 200 ms
         const auto prepare = [&] {
             fs::current_path(directory.Path());
@@ -289,14 +338,25 @@ TEST_F(PruneTest, KilledCommandsLeaveSoundRepository)
         };
         SCOPED_TRACE(command + " for " + std::to_string(delay) + " us");
         killed += RunProgram(Words(command + " -r repo"), {.prepare = prepare}).exitCode == 128 + SIGALRM;
-        if (HasRestic()) {
-            Restic("unlock");
-            Restic("check");
+        HasRestic() ? static_cast<void>(Restic("unlock")) : static_cast<void>(Run(0, "unlock --remove-all"));
+        const auto after = listSnapshots();
+        if (command.starts_with("rewrite")) {
+            EXPECT_GE(after.size(), before.size());
+            ExpectOfNew(filesBefore, WithoutNewFiles(DescribeTree(source)));
+        } else if (command.starts_with("forget")) {
+            EXPECT_GE(after.size(), 3u);
         } else {
-            Run(0, "unlock --remove-all");
+            EXPECT_TRUE(std::includes(after.begin(), after.end(), before.begin(), before.end()));
         }
+        if (command.starts_with("rewrite") || command.starts_with("forget"))
+            DropRemoved();
+        if (losesPack) {
+            fs::rename(directory / "lost", pack);
+            Run(0, "repair index");
+        }
+        if (HasRestic())
+            Restic("check");
         Run(0, {"backup", "-q", "--force", source});
-        DropRemoved();
     }
     std::printf("killed %d of %d commands\n", killed, tried);
     Run(0, "check --read-data");
@@ -372,6 +432,37 @@ TEST_F(PruneTest, DamagedCopyIsNotTheOneThatStays)
     }
     EXPECT_TRUE(Holds(Run(0, "prune --max-unused 0").output, "another copy of a damaged blob is kept"));
     ExpectSound();
+}
+
+TEST_F(PruneTest, OnlyCopiesAreReadOfWhichOthersAreRemoved)
+{
+    const auto backend = std::make_shared<LimitedBackend>(repository.c_str());
+    Repo::Repository opened = Open(backend);
+    const std::string inFirst = RandomBytes(3000), inBoth = RandomBytes(2000), inSecond = RandomBytes(1000);
+    SnapshotMaker first(opened), second(opened);
+    Repo::Node node;
+    node.name = "file";
+    node.type = Repo::NodeType::File;
+    node.content = {first.Add(BlobType::Data, inFirst), first.Add(BlobType::Data, inBoth),
+                    second.Add(BlobType::Data, inSecond)};
+    second.Add(BlobType::Data, inBoth);
+    Repo::TreeWriter writer;
+    writer.Add(node);
+    const Id tree = first.Add(BlobType::Tree, writer.Finish());
+    first.Save(tree);
+    second.Save(tree);
+    const auto readFor = [&](const char* maxUnused) {
+        PruneOptions options;
+        options.maxUnused = UnusedLimit::Parse(maxUnused);
+        options.isDryRun = true;
+        backend->readOfPacks = 0;
+        Prune(opened, options, observer, [](const PruneStatistics&) {});
+        return backend->readOfPacks.load();
+    };
+    const std::uint64_t ofTree = readFor("unlimited");
+    EXPECT_EQ(ofTree, opened.GetIndex().Find({BlobType::Tree, tree})->blob.length) << "both copies stay";
+    EXPECT_EQ(readFor("0"),
+              ofTree + opened.GetIndex().Find({BlobType::Data, (*node.content)[1]})->blob.length);
 }
 
 TEST_F(PruneTest, FullDiskIsFreed)
@@ -460,10 +551,30 @@ TEST_F(PruneTest, DamageEndsPruneBeforeRemoval)
         }
     }
     EXPECT_GT(stopped, 8u);
+    // Snapshots that are not seen.
+    const auto data = Files("data");
+    const fs::path seen = Files("snapshots").front();
+    std::string name = seen.filename();
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](char c) { return c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c; });
+    fs::rename(seen, seen.parent_path() / name);
+    EXPECT_TRUE(Holds(Run(1, "prune").errors, name + "' is ignored until its name is in lower case"));
+    fs::rename(seen.parent_path() / name, seen);
+    fs::rename(seen.parent_path(), directory / "away");
+    for (const char* command : {"prune", "check"})
+        EXPECT_TRUE(Holds(Run(1, command).errors, "the directory 'snapshots' does not exist"));
+    fs::rename(directory / "away", seen.parent_path());
+    EXPECT_EQ(Files("data"), data);
     for (const auto& file : Files("index"))
         fs::remove(file);
-    EXPECT_TRUE(Holds(Run(1, "prune").errors, "kbagent check"));
-    for (const char* wrong : {"--max-unused x", "--max-unused 101%", "--max-repack-size 5Q", "--no-lock"})
+    EXPECT_TRUE(Holds(Run(1, "prune").errors, "'kbagent check --read-data'"));
+    Run(1, "forget --keep-last 1 --prune --dry-run");
+    const std::string forgotten = Run(3, "forget --keep-last 1 --prune").errors;
+    EXPECT_TRUE(Holds(forgotten, "prune: The snapshots were removed, but what only they need was not: "));
+    EXPECT_EQ(Files("snapshots").size(), 1u);
+    for (const char* wrong : {"--max-unused x", "--max-unused 101%", "--max-repack-size 5Q", "--no-lock",
+                              "--repack-smaller-than 17M", "--repack-smaller-than 5M --pack-size 4",
+                              "--repack-uncompressed --compression off"})
         Run(2, "prune " + std::string(wrong));
 }
 

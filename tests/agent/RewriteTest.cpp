@@ -79,7 +79,7 @@ TEST_F(Rewrite, OnlyWhatMatchesIsReplaced)
         Run(2, wrong);
     EXPECT_TRUE(
         Holds(Run(0, "rewrite -n --exclude secret").output, "excluding " + source + "/secret\nwould save"));
-    EXPECT_TRUE(Holds(Run(0, "rewrite --exclude x").output, "modified 0 snapshots"));
+    EXPECT_TRUE(Holds(Run(0, "rewrite --exclude x").output, "no snapshots were modified"));
     EXPECT_EQ(Files("data").size(), trees);
     Repo::Lock lock;
     lock.time = Repo::Timestamp::Now();
@@ -87,12 +87,26 @@ TEST_F(Rewrite, OnlyWhatMatchesIsReplaced)
     Run(11, "rewrite --forget --exclude secret");
     Run(0, "rewrite --exclude x");
     opened.GetBackend().Remove({FileKind::Lock, held});
+    const auto whole = opened.ListIds(FileKind::Snapshot);
+    for (const char* all : {"rewrite -n --exclude *", "rewrite --forget --exclude *"}) {
+        const auto kept = Run(3, all);
+        EXPECT_TRUE(Holds(kept.errors, "The patterns leave nothing of the snapshot"));
+        EXPECT_FALSE(Holds(kept.output, "excluding"));
+    }
+    EXPECT_EQ(opened.ListIds(FileKind::Snapshot), whole);
+    for (const char* outcome : {"modified 1 snapshot\n", "no snapshots were modified\n"})
+        EXPECT_TRUE(Holds(Run(0, "rewrite --exclude secret").output, outcome));
     Run(0, "rewrite --forget --exclude secret");
     const auto snapshots = opened.LoadSnapshots();
     ASSERT_EQ(snapshots.size(), 2u);
     EXPECT_EQ(snapshots[0].snapshot.tags, std::vector<std::string>{"rewrite"});
     EXPECT_EQ(snapshots[0].snapshot.summary->totalFilesProcessed, 1u);
     EXPECT_EQ(snapshots[0].snapshot.summary->totalBytesProcessed, 1u);
+    // The one with the tag replaces the old one, too.
+    Run(0, "backup --host h3 source");
+    Run(0, "rewrite --exclude secret");
+    Run(0, "rewrite --forget --exclude secret");
+    EXPECT_EQ(opened.ListIds(FileKind::Snapshot).size(), 3u);
     Run(0, "check --read-data");
 }
 
@@ -125,7 +139,23 @@ TEST_F(Rewrite, NothingButWhatMatchesIsLost)
     }
     const std::string later = save(tree.Finish({{"more", "2"}}));
     Run(0, "rewrite --forget --exclude a " + later);
+    // A tree that is in the snapshot 2^60 times.
+    SnapshotMaker maker(opened);
+    Id tower = maker.Add(Repo::BlobType::Tree, Repo::TreeWriter().Finish());
+    for (int level = 0; level < 60; ++level) {
+        Repo::TreeWriter writer;
+        for (const char* name : {"a", "b"}) {
+            Repo::Node directoryNode;
+            directoryNode.name = name;
+            directoryNode.type = Repo::NodeType::Directory;
+            directoryNode.subtree = tower;
+            writer.Add(directoryNode);
+        }
+        tower = maker.Add(Repo::BlobType::Tree, writer.Finish());
+    }
     const std::string text = Run(0, "cat tree latest").output;
+    maker.Save(tower);
+    EXPECT_TRUE(Holds(Run(-1, "rewrite -n --exclude none latest").output, "no snapshots were modified"));
     EXPECT_TRUE(Holds(text, R"("later":[1]}],"more":2})")) << text;
     EXPECT_FALSE(Holds(text, R"("a")"));
 }
