@@ -75,10 +75,17 @@ Password Ask(const Prompt& prompt, Report& report)
     return {ReadFirstLine()};
 }
 
-Password RequireNotEmpty(Password password)
+std::string OptionOf(const RepositoryOptions& options, const char* name)
+{
+    return (options.isSource ? "--from-" : "--") + std::string(name);
+}
+
+Password RequireNotEmpty(Password password, const RepositoryOptions& options)
 {
     KRT_RAISE_UNLESS(password.text.Size() != 0, Krt::ErrorCode::InvalidArgument,
-                     "The password is empty, which --insecure-no-password allows");
+                     "The password" << (options.isSource ? " of the source repository" : "")
+                                    << " is empty, which "
+                                    << OptionOf(options, "insecure-no-password").c_str() << " allows");
     return password;
 }
 
@@ -94,19 +101,21 @@ Password Read(const RepositoryOptions& options, const Prompt& prompt, Report& re
     std::optional<Secret> direct = isDirect ? TakeFromEnvironment(options) : std::optional<Secret>();
     if (options.hasNoPassword) {
         if (!isDirect || direct)
-            throw UsageError("--insecure-no-password is given, and also a password by --password-file, "
-                             "--password-command or a variable of the environment");
+            throw UsageError(OptionOf(options, "insecure-no-password") +
+                             " is given, and also a password by " + OptionOf(options, "password-file") +
+                             ", " + OptionOf(options, "password-command") +
+                             " or a variable of the environment");
         return {};
     }
     if (!file.empty() && !command.empty())
         throw UsageError("The password is given twice: by a file and by a command");
     if (!file.empty())
-        return RequireNotEmpty({ReadTextFile(file, TextLimit, "the password file")});
+        return RequireNotEmpty({ReadTextFile(file, TextLimit, "the password file")}, options);
     if (!command.empty())
-        return RequireNotEmpty({RunPasswordCommand(SplitWords(command))});
+        return RequireNotEmpty({RunPasswordCommand(SplitWords(command))}, options);
     if (direct)
         return {std::move(*direct)};
-    return RequireNotEmpty(Ask(prompt, report));
+    return RequireNotEmpty(Ask(prompt, report), options);
 }
 
 } // namespace

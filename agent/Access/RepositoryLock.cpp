@@ -3,6 +3,7 @@
 #include "agent/Access/SnapshotChoice.h"
 #include "agent/Access/Unix/Process.h"
 #include "agent/Access/WatchedBackend.h"
+#include "agent/Run/Text.h"
 
 #include "Krt/Environment/Host.h"
 #include "Krt/Log/LogSite.h"
@@ -33,7 +34,10 @@ std::string Describe(const Lock& lock)
     text += (text.empty() ? "" : " ") + std::string("by PID ") + std::to_string(lock.pid) + " on " +
             lock.hostname + " by " + lock.username;
     text += " (UID " + std::to_string(lock.uid) + ", GID " + std::to_string(lock.gid) + ")";
-    text += " since " + LocalTime(lock.time) + ", " + std::to_string(age / 60) + " minutes ago";
+    text += " since " + LocalTime(lock.time) + ", " +
+            (age < 60 ? "less than a minute"
+                      : CountText(static_cast<unsigned long long>(age / 60), "minute", "minutes")) +
+            " ago";
     return text;
 }
 
@@ -50,9 +54,18 @@ std::string Describe(const Lock& lock)
 
 void RequireNoLock(const Repo::Repository& repository)
 {
-    for (const Repo::Id& id : repository.ListIds(FileKind::Lock))
-        RaiseLocked({FileKind::Lock, id}, "The repository is locked. If no process uses it, remove its locks "
-                                          "with 'kbagent unlock'");
+    for (const Repo::Id& id : repository.ListIds(FileKind::Lock)) {
+        const FileName file{FileKind::Lock, id};
+        std::string owner;
+        try {
+            owner = " " + Describe(Lock::Parse(repository.LoadText(file)));
+        } catch (const RepositoryError& error) {
+            if (error.GetFailure() == Repo::Failure::Missing)
+                continue; // removed meanwhile
+        }
+        RaiseLocked(file, "The repository is locked" + owner +
+                              ". If no process uses it, remove its locks with 'kbagent unlock'");
+    }
 }
 
 void SleepUnlessInterrupted(milliseconds time)
@@ -76,12 +89,15 @@ RepositoryLock::RepositoryLock(const Repo::Repository& repository, LockSettings 
     m_lock.pid = identity.pid;
     m_lock.uid = identity.uid;
     m_lock.gid = identity.gid;
+    m_settings.settlesLater =
+        m_settings.settlesLater && !m_settings.isExclusive && m_settings.patience == milliseconds(0);
     AcquireWithPatience();
+    m_isSettled = !m_settings.settlesLater;
     m_refreshed = Instant();
     try {
         m_refresher = std::thread([this] { KeepRefreshed(); });
     } catch (...) {
-        m_repository.GetBackend().Remove({FileKind::Lock, m_id});
+        RemoveAll();
         throw;
     }
 }
@@ -94,13 +110,27 @@ RepositoryLock::~RepositoryLock()
     }
     m_end.notify_all();
     m_refresher.join();
+    RemoveAll();
+}
+
+// Reports the first failure alone.
+void RepositoryLock::RemoveAll()
+{
     try {
-        try {
-            m_repository.GetBackend().Remove({FileKind::Lock, m_id});
-        } catch (const Krt::Exception::YError& error) {
-            KRT_LOG_FREE(Krt::MessageType::General, "Failed to remove the lock of the repository: " << error);
-            m_settings.onLeft(error);
+        std::optional<Krt::Exception::YError> failure;
+        m_replaced.insert(m_replaced.begin(), m_id);
+        for (const Repo::Id& lock : m_replaced) {
+            try {
+                m_repository.GetBackend().Remove({FileKind::Lock, lock});
+            } catch (const Krt::Exception::YError& error) {
+                KRT_LOG_FREE(Krt::MessageType::General,
+                             "Failed to remove the lock of the repository: " << error);
+                if (!failure)
+                    failure = error;
+            }
         }
+        if (failure)
+            m_settings.onLeft(*failure);
     } catch (const std::exception&) {
         // The lock stays, and expires.
     }
@@ -126,24 +156,58 @@ void RepositoryLock::Acquire()
 {
     CheckOthers(nullptr);
     m_lock.time = Repo::Timestamp::Now();
-    m_id = m_repository.SaveText(FileKind::Lock, m_lock.ToJson());
     try {
-        SleepUnlessInterrupted(m_settings.settling);
+        m_repository.SaveText(FileKind::Lock, m_lock.ToJson(), m_id);
+    } catch (const Krt::Exception::YError& error) {
+        if (IsInterrupted() || error.GetOsError() == 0) // otherwise the lock was refused
+            RemoveAll();
+        m_replaced.clear();
+        throw;
+    }
+    m_settlesAt = steady_clock::now() + m_settings.settling;
+    try {
+        // A process that wants to exclude this one and looks from now on finds the lock. So what is read
+        // while it settles is not outdated by a process that had the repository before.
+        if (!m_settings.settlesLater)
+            SleepUnlessInterrupted(m_settings.settling);
         CheckOthers(&m_id);
     } catch (...) {
-        m_repository.GetBackend().Remove({FileKind::Lock, m_id});
+        RemoveAll();
+        m_replaced.clear();
         throw;
     }
 }
 
-void RepositoryLock::CheckOthers(const Repo::Id* own) const
+void RepositoryLock::Settle()
 {
-    for (const Repo::Id& id : m_repository.ListIds(FileKind::Lock)) {
+    const AnnotatedLock lock(m_mutex);
+    SettleNow();
+}
+
+void RepositoryLock::SettleNow()
+{
+    if (m_isSettled)
+        return;
+    const auto left = std::chrono::ceil<milliseconds>(m_settlesAt - steady_clock::now());
+    SleepUnlessInterrupted(std::max(left, milliseconds(0)));
+    CheckOthers(&m_id);
+    m_isSettled = true;
+}
+
+void RepositoryLock::CheckOthers(const Repo::Id* own)
+{
+    const std::vector<Repo::Id> ids = m_repository.ListIds(FileKind::Lock);
+    REPOSITORY_RAISE_UNLESS(
+        own == nullptr || std::find(ids.begin(), ids.end(), *own) != ids.end(), Repo::Failure::Backend,
+        FileName({FileKind::Lock, *own}).Prefix()
+            << "the lock of this process is not listed: the store lists files late, which "
+               "is not supported, or another process has removed the lock");
+    for (const Repo::Id& id : ids) {
         if (own != nullptr && id == *own)
             continue;
         const FileName file{FileKind::Lock, id};
-        const std::optional<Lock> lock = ReadLock(file);
-        if (lock && (lock->isExclusive || m_lock.isExclusive))
+        const Lock* const lock = ReadLock(file);
+        if (lock != nullptr && (lock->isExclusive || m_lock.isExclusive))
             RaiseLocked(
                 file, "The repository is locked " + Describe(*lock) +
                           (m_settings.patience.count() != 0 ? ", also after the time of --retry-lock" : "") +
@@ -151,20 +215,30 @@ void RepositoryLock::CheckOthers(const Repo::Id* own) const
     }
 }
 
-// Reads the lock of another process, which may be writing it. Returns nothing for the lock of a process that
-// has ended.
-std::optional<Lock> RepositoryLock::ReadLock(const FileName& file) const
+// Returns true if a lock that can't be read is that of a process that has ended.
+bool RepositoryLock::IsGone(const FileName& file, const RepositoryError& error) const
 {
+    try {
+        return error.GetFailure() == Repo::Failure::Missing || m_repository.GetBackend().Size(file) == 0;
+    } catch (const RepositoryError& next) {
+        return next.GetFailure() == Repo::Failure::Missing;
+    }
+}
+
+// Reads the lock of another process, which may be writing it. Returns null for the lock of a process that has
+// ended.
+const Lock* RepositoryLock::ReadLock(const FileName& file)
+{
+    if (const auto known = m_others.find(file.id); known != m_others.end())
+        return &known->second;
     constexpr int MostWaits = 3;
     milliseconds wait = m_settings.unreadableWait;
     for (int waits = 0;; ++waits, wait *= 2) {
         try {
-            if (m_repository.GetBackend().Size(file) == 0)
-                return std::nullopt; // its writer died
-            return Lock::Parse(m_repository.LoadText(file));
+            return &m_others.emplace(file.id, Lock::Parse(m_repository.LoadText(file))).first->second;
         } catch (const RepositoryError& error) {
-            if (error.GetFailure() == Repo::Failure::Missing)
-                return std::nullopt; // removed meanwhile
+            if (IsGone(file, error))
+                return nullptr;
             if (waits == MostWaits)
                 RaiseLocked(file, "A lock of the repository can't be read: " + error.GetMessage().Bytes() +
                                       ". If no process uses the repository, remove it with 'kbagent unlock "
@@ -201,7 +275,8 @@ void RepositoryLock::KeepRefreshed()
 void RepositoryLock::RequireFresh()
 {
     const AnnotatedLock lock(m_mutex);
-    if (!m_isLost && m_refreshed.Age() > m_settings.expiry)
+    SettleNow();
+    if (!m_isLost && IsExpired())
         RefreshOrLose();
     if (m_isLost)
         throw LockLost("The lock of the repository was lost, so nothing more is written");
@@ -210,24 +285,28 @@ void RepositoryLock::RequireFresh()
 // A failure to refresh, also for lack of memory, does no harm until the lock has expired.
 void RepositoryLock::RefreshOrLose()
 {
-    const bool isExpired = m_refreshed.Age() > m_settings.expiry;
-    m_isLost = isExpired;
+    bool isLost = true;
     try {
         try {
-            m_isLost = !Refresh(isExpired);
-            m_refreshed = Instant();
+            isLost = !Refresh();
+            // The store may have taken so long for the lock that others can remove it by now.
+            if (!isLost && IsExpired())
+                isLost = !Refresh();
         } catch (const Krt::Exception::YError& error) {
             KRT_LOG_FREE(Krt::MessageType::General, "Failed to refresh the repository's lock: " << error);
+            isLost = IsExpired();
         }
     } catch (const std::bad_alloc&) {
         // The thread that refreshes must not end the process, which would leave the lock.
+        isLost = IsExpired();
     }
+    m_isLost = isLost;
     if (m_isLost)
         m_settings.onLost();
 }
 
 // Returns false if the old lock was removed by another process.
-bool RepositoryLock::Refresh(bool isExpired)
+bool RepositoryLock::Refresh()
 {
     const auto isThere = [this] {
         try {
@@ -239,19 +318,36 @@ bool RepositoryLock::Refresh(bool isExpired)
             return false;
         }
     };
-    if (isExpired && !isThere())
+    if (IsExpired() && !isThere())
         return false;
+    const Instant begin;
     m_lock.time = Repo::Timestamp::Now();
-    const Repo::Id renewed = m_repository.SaveText(FileKind::Lock, m_lock.ToJson());
-    if (isExpired) {
+    Repo::Id renewed;
+    try {
+        m_repository.SaveText(FileKind::Lock, m_lock.ToJson(), renewed);
+    } catch (const Krt::Exception::YError&) {
+        m_replaced.push_back(renewed); // it may be stored
+        throw;
+    }
+    if (IsExpired()) { // before, or while the lock was stored
         std::this_thread::sleep_for(m_settings.settling);
         if (!isThere()) {
             m_repository.GetBackend().Remove({FileKind::Lock, renewed});
             return false;
         }
     }
-    const Repo::Id old = std::exchange(m_id, renewed);
-    m_repository.GetBackend().Remove({FileKind::Lock, old});
+    m_refreshed = begin;
+    m_replaced.push_back(std::exchange(m_id, renewed));
+    // A store that lets nothing be removed does not take the new lock away, so the run goes on.
+    std::erase_if(m_replaced, [this](const Repo::Id& lock) {
+        try {
+            m_repository.GetBackend().Remove({FileKind::Lock, lock});
+            return true;
+        } catch (const Krt::Exception::YError& error) {
+            KRT_LOG_FREE(Krt::MessageType::General, "Failed to remove a replaced lock: " << error);
+            return false;
+        }
+    });
     return true;
 }
 

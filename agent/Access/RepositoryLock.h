@@ -12,8 +12,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <optional>
 #include <thread>
+#include <vector>
 
 namespace Agent {
 
@@ -33,34 +35,43 @@ struct LockSettings
     /// Called once if the lock was lost. Called by another thread.
     std::function<void()> onLost = [] {
     };
-    /// Called if the lock can't be removed at the end, with the reason.
+    /// Called if the lock, or one that it has replaced, may remain after the end, with the reason.
     std::function<void(const Krt::Exception::YError& error)> onLeft = [](const Krt::Exception::YError&) {
     };
     /// Between writing the lock and looking for locks that were written meanwhile.
     std::chrono::milliseconds settling{200};
+    /// The constructor looks for other locks at once, but does not wait for that time, during which the
+    /// caller only reads: it calls Settle. Without effect with patience, and for an exclusive lock.
+    bool settlesLater = false;
     /// Before a lock that can't be read is read again; the second and the third wait are twice the one
     /// before.
     std::chrono::milliseconds unreadableWait{std::chrono::seconds(5)};
     /// Between refreshments.
     std::chrono::milliseconds refreshInterval{std::chrono::minutes(5)};
     /// Without a refreshment for this long, as after a standby, the lock may have been removed by others.
-    std::chrono::milliseconds expiry{std::chrono::milliseconds(22 * 60 * 1000 + 30 * 1000)};
+    /// They do that after 30 minutes of their clocks, which may be ahead by ten.
+    std::chrono::milliseconds expiry{std::chrono::milliseconds(17 * 60 * 1000 + 30 * 1000)};
 };
 
 class RepositoryLock
 {
 public:
     /// Locks the repository, which outlives this object. Raises LockedError if another process has a lock
-    /// that excludes this one, and InvalidState if the user interrupts. Raises what the repository raises.
+    /// that excludes this one, InvalidState if the user interrupts, and Failure::Backend if the repository
+    /// does not list the lock. Raises what the repository raises.
     RepositoryLock(const Repo::Repository& repository, LockSettings settings);
-    /// Removes the lock. A failure is logged and given to `onLeft`: other processes then need `unlock`.
+    /// Removes the lock, and those that it has replaced and that could not be removed. A failure is logged
+    /// and given to `onLeft`: other processes then need `unlock`.
     ~RepositoryLock();
     RepositoryLock(const RepositoryLock&) = delete;
     RepositoryLock& operator=(const RepositoryLock&) = delete;
 
+    /// Waits for the rest of the settling, unless that is over, and looks for other locks then. Any thread.
+    /// Raises LockedError and InvalidState as the constructor does.
+    void Settle();
     /// Verifies that the lock was not lost, so that the caller may write to the repository. Any thread. If
-    /// the lock was not refreshed for too long, as after a standby, it is refreshed now. Raises LockLost
-    /// if it was lost.
+    /// the lock was not refreshed for too long, as after a standby, it is refreshed now. Settles a lock that
+    /// is not settled. Raises LockLost if it was lost.
     void RequireFresh();
 
 private:
@@ -75,19 +86,28 @@ private:
 
     void AcquireWithPatience();
     void Acquire();
-    void CheckOthers(const Repo::Id* own) const;
-    std::optional<Repo::Lock> ReadLock(const Repo::FileName& file) const;
+    void SettleNow() KRT_REQUIRES(m_mutex);
+    void CheckOthers(const Repo::Id* own);
+    const Repo::Lock* ReadLock(const Repo::FileName& file);
+    bool IsGone(const Repo::FileName& file, const Repo::RepositoryError& error) const;
     void KeepRefreshed();
     void RefreshOrLose() KRT_REQUIRES(m_mutex);
-    bool Refresh(bool isExpired) KRT_REQUIRES(m_mutex);
+    bool Refresh() KRT_REQUIRES(m_mutex);
+    bool IsExpired() const KRT_REQUIRES(m_mutex) { return m_refreshed.Age() > m_settings.expiry; }
+    void RemoveAll();
 
     const Repo::Repository& m_repository;
     LockSettings m_settings;
     IgnoringHangUps m_ignoring;
     Repo::Lock m_lock;
     Repo::Id m_id;
-    Krt::Thread::AnnotatedMutex m_mutex; // also for m_id and m_lock, once the constructor has ended
+    std::vector<Repo::Id> m_replaced;        // that the store did not remove
+    std::map<Repo::Id, Repo::Lock> m_others; // that were read; a lock never changes
+    Krt::Thread::AnnotatedMutex
+        m_mutex; // also for m_id, m_replaced and m_lock, once the constructor has ended
     std::condition_variable m_end;
+    std::chrono::steady_clock::time_point m_settlesAt;
+    bool m_isSettled KRT_GUARDED_BY(m_mutex) = false;
     Instant m_refreshed KRT_GUARDED_BY(m_mutex);
     bool m_isLost KRT_GUARDED_BY(m_mutex) = false;
     bool m_isEnding KRT_GUARDED_BY(m_mutex) = false;

@@ -1,6 +1,7 @@
 #include "agent/Access/RepositoryOptions.h"
 
 #include "agent/Access/TextFile.h"
+#include "agent/Remote/Location.h"
 #include "agent/Repository/Secret.h"
 #include "agent/Run/UsageError.h"
 
@@ -16,11 +17,16 @@ namespace {
 // Returns null for an empty variable. It is not copied, since it may be a password.
 const char* Variable(const std::string& name)
 {
-    const char* const value = Krt::Environment::IsPrivilegeRaised() ? nullptr : std::getenv(name.c_str());
-    return value != nullptr && *value != '\0' ? value : nullptr;
+    return FindVariable(name.c_str());
 }
 
 } // namespace
+
+const char* FindVariable(const char* name)
+{
+    const char* const value = Krt::Environment::IsPrivilegeRaised() ? nullptr : std::getenv(name);
+    return value != nullptr && *value != '\0' ? value : nullptr;
+}
 
 std::optional<std::string> FromEnvironment(std::initializer_list<const char*> names, std::string_view name)
 {
@@ -59,6 +65,29 @@ std::string FindLocation(const RepositoryOptions& options)
                                           : "Name a repository: --repo, --repository-file or "
                                             "KBAGENT_REPOSITORY");
     return location;
+}
+
+std::optional<std::string> DirectoryOf(const std::string& location)
+{
+    constexpr std::string_view Scheme = "local:";
+    if (Remote::IsRemote(location))
+        return std::nullopt;
+    return location.starts_with(Scheme) ? location.substr(Scheme.size()) : location;
+}
+
+std::string FindCacheDirectory(const RepositoryOptions& options)
+{
+    if (options.hasNoCache || !options.cacheDirectory.empty())
+        return options.hasNoCache ? "" : options.cacheDirectory;
+    if (const char* const own = FindVariable("KBAGENT_CACHE_DIR"); own != nullptr)
+        return own;
+    if (Krt::Environment::IsRoot())
+        return "/var/cache/kbagent";
+    // The specification of the variable ignores a relative path.
+    if (const char* const caches = FindVariable("XDG_CACHE_HOME"); caches != nullptr && *caches == '/')
+        return std::string(caches) + "/kbagent";
+    const char* const home = FindVariable("HOME");
+    return home != nullptr ? std::string(home) + "/.cache/kbagent" : "";
 }
 
 std::chrono::seconds ParseDuration(const std::string& text, const std::string& option)

@@ -2,13 +2,19 @@
 
 #include "agent/Access/Password.h"
 #include "agent/Access/SnapshotChoice.h"
+#include "agent/Access/TextFile.h"
 #include "agent/Access/Workers.h"
+#include "agent/Http/Address.h"
+#include "agent/Remote/Location.h"
 #include "agent/Repository/LocalBackend.h"
+#include "agent/Repository/Look.h"
 #include "agent/Repository/Unix/SecretPages.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Syncer.h"
 #include "agent/Run/Text.h"
 #include "agent/Run/UsageError.h"
+
+#include "Krt/Profile/YProfile.h"
 
 #include <cerrno>
 
@@ -21,13 +27,12 @@ namespace {
 
 constexpr int AttemptsOnTerminal = 3;
 constexpr std::size_t ShortDigits = 8; // of an id
-constexpr std::string_view LocalScheme = "local:";
-constexpr std::string_view OtherSchemes[] = {
-    "sftp:", "rest:", "s3:", "rclone:", "b2:", "azure:", "gs:", "swift:"};
+constexpr std::string_view OtherSchemes[] = {"sftp:", "rclone:", "b2:", "azure:", "gs:", "swift:"};
 
 bool IsFull(const Krt::Exception::YError& error)
 {
-    return error.GetOsError() == ENOSPC || error.GetOsError() == EDQUOT;
+    const int number = error.GetOsError();
+    return number == ENOSPC || number == EDQUOT || number == EFBIG;
 }
 
 bool IsReadOnly(const Krt::Exception::YError& error)
@@ -36,19 +41,68 @@ bool IsReadOnly(const Krt::Exception::YError& error)
     return number == EROFS || number == EACCES || number == EPERM;
 }
 
+std::optional<Repo::Secret> ReadIfPresent(const std::string& path)
+{
+    try {
+        return ReadTextFile(path);
+    } catch (const Krt::Exception::YError& error) {
+        if (error.GetOsError() != ENOENT)
+            throw;
+        return std::nullopt;
+    }
+}
+
+bool HasKeys(Repo::IBackend& backend)
+{
+    bool hasKeys = false;
+    backend.List(Repo::FileKind::Key, [&hasKeys](const Repo::Id&, std::uint64_t) { hasKeys = true; });
+    return hasKeys;
+}
+
+Remote::SecretSources SourcesOfSecrets(const RepositoryOptions& options)
+{
+    const auto find = [&](const char* name) {
+        const auto names = {"REST_USERNAME", "REST_PASSWORD"};
+        return FromEnvironment(options, names, name).value_or("");
+    };
+    Remote::SecretSources sources;
+    sources.environment = FindVariable;
+    sources.readFile = ReadIfPresent;
+    sources.credentialsFile =
+        Krt::Profile::OpenSystem()->Get<YString>("configuration", "s3CredentialsFile", YString()).Bytes();
+    sources.restUser = find("REST_USERNAME");
+    std::string password = find("REST_PASSWORD");
+    sources.restPassword = Repo::Secret(Repo::AsBytes(password));
+    Repo::Wipe({reinterpret_cast<unsigned char*>(password.data()), password.size()});
+    return sources;
+}
+
+std::shared_ptr<Repo::IBackend> RemoteBackendOf(const std::string& location, const RepositoryOptions& options)
+{
+    Remote::RemoteOptions remote = options.remote;
+    if (remote.anchorFile.empty() && remote.pins.empty())
+        remote.anchorFile = FromEnvironment({"CACERT"}, "CACERT").value_or("");
+    return Remote::MakeRemoteBackend(location, remote, SourcesOfSecrets(options));
+}
+
 } // namespace
 
-std::shared_ptr<Repo::IBackend> BackendOf(const std::string& location)
+std::shared_ptr<Repo::IBackend> BackendOf(const RepositoryOptions& options, Report& report)
 {
+    const std::string location = FindLocation(options);
+    if (Remote::IsRemote(location)) {
+        if (Http::WithoutCredentials(options.location) != options.location)
+            report.Note("Warning: other users can read the password in the arguments of this process; "
+                        "--repository-file and KBAGENT_REST_PASSWORD keep it from them");
+        return RemoteBackendOf(location, options);
+    }
     for (const std::string_view scheme : OtherSchemes)
         KRT_RAISE_UNLESS(!location.starts_with(scheme), Krt::ErrorCode::NotSupported,
                          "Repositories at an address that begins with " << YString(scheme)
                                                                         << " are not supported");
-    const std::string path =
-        location.starts_with(LocalScheme) ? location.substr(LocalScheme.size()) : location;
     const auto syncer = std::make_shared<Syncer>();
     return std::make_shared<Repo::LocalBackend>(
-        YString(std::string_view(path)),
+        YString(*DirectoryOf(location)),
         [syncer](const Krt::Util::YUnxHandle& handle) { syncer->Sync(handle); });
 }
 
@@ -60,7 +114,8 @@ void ReportFailure(Report& report, const Repo::FileName& file, const RepositoryE
     report.RepositoryFailed(YString(file.Path()), YString(reason));
 }
 
-Session::Session(const RepositoryOptions& options, Report& report, Access access, OldFormat oldFormat)
+Session::Session(const RepositoryOptions& options, Report& report, Access access, OldFormat oldFormat,
+                 Settling settling)
     : m_options(options), m_report(report)
 {
     const bool isWriting = access != Access::Read && access != Access::DryRun;
@@ -68,22 +123,42 @@ Session::Session(const RepositoryOptions& options, Report& report, Access access
         throw UsageError("A command that writes to the repository needs a lock");
     if (m_options.isJson)
         m_report.UseJson();
+    if (m_options.isQuiet)
+        m_report.BeQuiet();
     Repo::HideProcess();
-    m_backend = std::make_shared<WatchedBackend>(BackendOf(FindLocation(m_options)));
+    Repo::SetLook(RaiseIfInterrupted);
+    std::shared_ptr<Repo::IBackend> backend = BackendOf(m_options, m_report);
+    if (dynamic_cast<Repo::LocalBackend*>(backend.get()) == nullptr)
+        backend = m_cache = std::make_shared<Remote::CachedBackend>(std::move(backend));
+    m_backend = std::make_shared<WatchedBackend>(std::move(backend));
     m_report.NoteLocation(m_backend->Describe());
     Open();
+    UseCache();
     KRT_RAISE_UNLESS(access == Access::Read || oldFormat == OldFormat::Accepted ||
                          m_repository->GetConfig().version >= 2,
                      Krt::ErrorCode::NotSupported,
                      "The repository has version 1 of the format, which is read but not written; 'kbagent "
                      "migrate upgrade_repo_v2' changes it to version 2");
     if (!m_options.isUnlocked)
-        LockFor(access);
+        LockFor(access, settling);
     if (m_options.isVerbose)
         m_report.Note(YString(std::string_view(
             "repository " + m_repository->GetConfig().id.ToHex().substr(0, ShortDigits) + " (version " +
             std::to_string(m_repository->GetConfig().version) + ") was opened with the key " +
             m_repository->GetKeyId().ToHex().substr(0, ShortDigits))));
+}
+
+// A cache that can't be used costs only time.
+void Session::UseCache()
+{
+    const std::string directory = FindCacheDirectory(m_options);
+    if (!m_cache || directory.empty())
+        return;
+    try {
+        m_cache->UseDirectory(Remote::CacheDirectory(directory, m_repository->GetConfig().id));
+    } catch (const Krt::Exception::YError& error) {
+        m_report.Note("Warning: the repository is used without a cache: " + ReasonOf(error));
+    }
 }
 
 void Session::LoadIndex()
@@ -92,6 +167,13 @@ void Session::LoadIndex()
         ReportFailure(m_report, file, error);
     };
     m_repository->LoadIndex(report, WorkerCount(), RaiseIfInterrupted);
+    Settle();
+}
+
+void Session::Settle()
+{
+    if (m_lock)
+        m_lock->Settle();
 }
 
 void Session::FindLostPacks()
@@ -121,8 +203,13 @@ void Session::Open()
         try {
             m_repository.emplace(Repo::Repository::Open(m_backend, password.text, options));
         } catch (const RepositoryError& error) {
-            const bool mayTryAgain = error.GetFailure() == Repo::Failure::WrongPassword && terminal &&
-                                     attempt < AttemptsOnTerminal;
+            const bool isWrong = error.GetFailure() == Repo::Failure::WrongPassword && HasKeys(*m_backend);
+            const bool mayTryAgain = isWrong && terminal && attempt < AttemptsOnTerminal;
+            if (error.GetFailure() == Repo::Failure::Damaged ||
+                (error.GetFailure() == Repo::Failure::WrongPassword && !isWrong))
+                m_report.Note(
+                    "hint: a copy of the repository may have its configuration and key files as they "
+                    "were, which can be copied back");
             if (!mayTryAgain)
                 throw;
             m_report.Note(ReasonOf(error));
@@ -142,7 +229,7 @@ void Session::ReportUnknownHint(const std::string& hint)
         m_report.Note(YString("Warning: there is no key '" + hint + "' to try first"));
 }
 
-void Session::LockFor(Access access)
+void Session::LockFor(Access access, Settling settling)
 {
     if (access == Access::Recovery) {
         RequireNoLock(*m_repository);
@@ -151,12 +238,14 @@ void Session::LockFor(Access access)
     LockSettings settings;
     settings.isExclusive = access == Access::Exclusive;
     settings.patience = m_options.retryLock;
+    settings.settlesLater = settling == Settling::Later;
     settings.onLost = [backend = m_backend] {
         backend->ReportLostLock();
     };
     settings.onLeft = [this](const Krt::Exception::YError& error) {
-        m_report.Note("The lock of the repository can't be removed, so 'kbagent unlock' has to: " +
-                      ReasonOf(error));
+        m_report.EntryFailed("locks",
+                             "The lock of the repository can't be removed, so 'kbagent unlock' has to: " +
+                                 ReasonOf(error));
     };
     try {
         m_lock.emplace(*m_repository, std::move(settings));
@@ -165,6 +254,10 @@ void Session::LockFor(Access access)
         if (access == Access::Read && m_options.mayBeUnlocked && IsFull(error))
             throw RepositoryError(error.GetFailure(), error,
                                   "The repository can't be locked, but --no-lock reads it without a lock: ");
+        if (m_options.mayRecoverSpace && access == Access::Exclusive && IsFull(error))
+            throw RepositoryError(error.GetFailure(), error,
+                                  "The repository can't be locked, but --recover-no-free-space removes "
+                                  "without a lock: ");
         if ((access != Access::Read && access != Access::DryRun) || !IsReadOnly(error))
             throw;
         m_report.Note("The repository can't be written, so it is read without a lock: " + ReasonOf(error));

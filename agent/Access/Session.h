@@ -4,6 +4,7 @@
 #include "agent/Access/RepositoryLock.h"
 #include "agent/Access/RepositoryOptions.h"
 #include "agent/Access/WatchedBackend.h"
+#include "agent/Remote/CachedBackend.h"
 #include "agent/Repository/Repository.h"
 #include "agent/Run/Report.h"
 
@@ -12,9 +13,11 @@
 
 namespace Agent {
 
-/// Returns the directory that a location names: a path, or "local:" and a path. Raises NotSupported for any
-/// other address. The address is not in the message, since it may contain a password.
-std::shared_ptr<Repo::IBackend> BackendOf(const std::string& location);
+/// Returns the backend of the repository that the options name: a directory, as a path or "local:" and a
+/// path, or a server (see agent/Remote/Location.h). Nothing is accessed yet but files with credentials. A
+/// password in an argument is reported. Raises NotSupported for any other address, and what FindLocation and
+/// MakeRemoteBackend raise. The address is not in the message, since it may contain a password.
+std::shared_ptr<Repo::IBackend> BackendOf(const RepositoryOptions& options, Report& report);
 
 /// Reports a file that can't be read as a failure of the repository, with its path once.
 void ReportFailure(Report& report, const Repo::FileName& file, const Repo::RepositoryError& error);
@@ -22,11 +25,11 @@ void ReportFailure(Report& report, const Repo::FileName& file, const Repo::Repos
 /// What a command does with a repository, which decides its lock.
 enum class Access
 {
-    Read,      ///< nothing is written. Shared lock; none if the options forbid it or nothing can be written
+    Read,      ///< no file changes. Shared lock, but none if the options forbid it or nothing can be written
     DryRun,    ///< as Read, for a command that would add files
     Append,    ///< files are added. Shared lock
     Exclusive, ///< files are added and removed. Exclusive lock
-    Recovery   ///< files are removed to make space. No lock is written, but there must not be any
+    Recovery   ///< files are removed on a full disk. Writes no lock, and requires that there is none
 };
 
 /// Whether a command that writes takes a repository of version 1 of the format.
@@ -34,6 +37,13 @@ enum class OldFormat
 {
     Refused,
     Accepted
+};
+
+/// When a shared lock settles, which takes a fifth of a second.
+enum class Settling
+{
+    AtOnce, ///< in the constructor
+    Later   ///< in LoadIndex or Settle, before which the command only reads, and reports nothing that it read
 };
 
 class Session
@@ -49,11 +59,15 @@ public:
     /// Operations of the repository raise InvalidState when the user interrupts the program, and LockLost
     /// when the lock is lost.
     Session(const RepositoryOptions& options, Report& report, Access access = Access::Read,
-            OldFormat oldFormat = OldFormat::Refused);
+            OldFormat oldFormat = OldFormat::Refused, Settling settling = Settling::AtOnce);
 
     /// Loads the index. An index file that can't be read is reported as a failure of the repository; blobs
-    /// that only it has are missing then. Snapshots are chosen before.
+    /// that only it has are missing then. Snapshots are chosen before. Settles the lock.
     void LoadIndex();
+
+    /// Settles a lock that was to do so later. Raises LockedError if another process has a lock that excludes
+    /// this one.
+    void Settle();
 
     /// Finds packs that are lost, of which one is reported. What a backup needs of them is saved again.
     void FindLostPacks();
@@ -61,14 +75,18 @@ public:
     Repo::Repository& GetRepository() { return *m_repository; }
     const RepositoryOptions& GetOptions() const { return m_options; }
     Report& GetReport() { return m_report; }
+    /// Returns true if the repository is on a server.
+    bool IsRemote() const { return m_cache != nullptr; }
 
 private:
+    void UseCache();
     void Open();
     void ReportUnknownHint(const std::string& hint);
-    void LockFor(Access access);
+    void LockFor(Access access, Settling settling);
 
     RepositoryOptions m_options;
     Report& m_report;
+    std::shared_ptr<Remote::CachedBackend> m_cache; // null for a directory of this machine
     std::shared_ptr<WatchedBackend> m_backend;
     std::optional<Repo::Repository> m_repository;
     std::optional<RepositoryLock> m_lock;

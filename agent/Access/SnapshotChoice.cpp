@@ -29,6 +29,24 @@ std::string CalendarText(std::int64_t seconds)
     return text;
 }
 
+const char* NameOf(Repo::FileKind kind)
+{
+    switch (kind) {
+    case Repo::FileKind::Key:
+        return "key";
+    case Repo::FileKind::Snapshot:
+        return "snapshot";
+    case Repo::FileKind::Pack:
+        return "pack";
+    case Repo::FileKind::Index:
+        return "index file";
+    case Repo::FileKind::Lock:
+        return "lock";
+    default:
+        return "file";
+    }
+}
+
 } // namespace
 
 Repo::SnapshotFilter FilterOf(const SnapshotOptions& options)
@@ -127,10 +145,12 @@ Id FindFile(const Repo::Repository& repository, Repo::FileKind kind, const std::
         if (!id.ToHex().starts_with(lower))
             continue;
         KRT_RAISE_UNLESS(!found, Krt::ErrorCode::InvalidArgument,
-                         "More than one id begins with " << digits.c_str());
+                         "The ID of more than one " << NameOf(kind) << " begins with '" << digits.c_str()
+                                                    << "'");
         found = id;
     }
-    KRT_RAISE_UNLESS(found, Krt::ErrorCode::InvalidArgument, "No id begins with " << digits.c_str());
+    KRT_RAISE_UNLESS(found, Krt::ErrorCode::InvalidArgument,
+                     "There is no " << NameOf(kind) << " whose ID begins with '" << digits.c_str() << "'");
     return *found;
 }
 

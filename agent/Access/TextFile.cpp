@@ -46,11 +46,9 @@ Bytes FromUtf16(ByteView text, bool isBigEndian, const std::string& name)
     return bytes;
 }
 
-} // namespace
-
-Secret TextOf(Bytes& bytes, const std::string& name)
+// Converts the bytes, and returns the text in them without a byte order mark.
+std::string_view ToUtf8(Bytes& bytes, const std::string& name)
 {
-    constexpr std::string_view White = " \t\r\n\v\f";
     std::size_t mark = BeginsWith(bytes, "\xEF\xBB\xBF") ? 3 : 0;
     if (const bool isBig = BeginsWith(bytes, "\xFE\xFF"); isBig || BeginsWith(bytes, "\xFF\xFE")) {
         Bytes converted = FromUtf16(ByteView(bytes).subspan(2), isBig, name);
@@ -58,7 +56,15 @@ Secret TextOf(Bytes& bytes, const std::string& name)
         Repo::Wipe(converted);
         mark = 0;
     }
-    const std::string_view text = Repo::AsText(ByteView(bytes).subspan(mark));
+    return Repo::AsText(ByteView(bytes).subspan(mark));
+}
+
+} // namespace
+
+Secret TextOf(Bytes& bytes, const std::string& name)
+{
+    constexpr std::string_view White = " \t\r\n\v\f";
+    const std::string_view text = ToUtf8(bytes, name);
     const std::size_t begin = std::min(text.find_first_not_of(White), text.size());
     const std::size_t end = text.find_last_not_of(White) + 1;
     Secret secret(Repo::AsBytes(text.substr(begin, end > begin ? end - begin : 0)));
@@ -86,6 +92,37 @@ Secret ReadTextFile(const std::string& path, std::size_t limit, const char* role
                                                << " bytes: " << path.c_str());
     bytes.resize(size);
     return TextOf(bytes, path);
+}
+
+Bytes ReadListBytes(const std::string& path)
+{
+    constexpr std::size_t Limit = 512 << 20;
+    constexpr std::size_t Block = 1 << 16;
+    Krt::Util::YUnxHandle opened;
+    if (path != "-")
+        opened = KRT_OS_VALUE(OpenInput(path), "Failed to open file: " << path.c_str());
+    const int descriptor = path == "-" ? STDIN_FILENO : opened.Get();
+    Bytes bytes;
+    for (std::size_t size = 0;;) {
+        bytes.resize(size + Block);
+        WaitForInput(descriptor);
+        const auto count = KRT_SYSCALL(read(descriptor, bytes.data() + size, Block),
+                                       "Failed to read file: " << path.c_str());
+        size += static_cast<std::size_t>(count);
+        KRT_RAISE_UNLESS(size <= Limit, Krt::ErrorCode::InvalidArgument,
+                         "The file has more than " << static_cast<unsigned long>(Limit)
+                                                   << " bytes: " << path.c_str());
+        if (count == 0) {
+            bytes.resize(size);
+            return bytes;
+        }
+    }
+}
+
+std::string ReadListFile(const std::string& path)
+{
+    Bytes bytes = ReadListBytes(path);
+    return std::string(ToUtf8(bytes, path));
 }
 
 } // namespace Agent

@@ -16,6 +16,12 @@ constexpr std::size_t TextLimit = 1 << 16;
 /// call the file.
 Repo::Secret ReadTextFile(const std::string& path, std::size_t limit = TextLimit, const char* role = "file");
 
+/// The text of a list that users write or programs print, as UTF-8 and with all white space; "-" means
+/// standard input. Raises as ReadTextFile, for more than 512 MiB.
+std::string ReadListFile(const std::string& path);
+/// The bytes of such a list as they are. Raises as ReadListFile.
+Repo::Bytes ReadListBytes(const std::string& path);
+
 /// The text in these bytes, which are overwritten. See ReadTextFile; `name` begins messages.
 Repo::Secret TextOf(Repo::Bytes& bytes, const std::string& name);
 

@@ -28,13 +28,29 @@ void WatchedBackend::List(Repo::FileKind kind,
                           const std::function<void(const Repo::Id& id, std::uint64_t size)>& visit)
 {
     Look();
-    m_backend->List(kind, visit);
+    m_backend->List(kind, [&](const Repo::Id& id, std::uint64_t size) {
+        Look();
+        visit(id, size);
+    });
 }
 
 void WatchedBackend::Save(const Repo::FileName& file, Repo::ByteView content)
 {
     LookBeforeChange(file);
     m_backend->Save(file, content);
+    if (file.kind != Repo::FileKind::Lock && m_writeGuard)
+        RequireLockAfter(file);
+}
+
+// The store may have taken so long that the lock has expired meanwhile, and others have removed packs.
+void WatchedBackend::RequireLockAfter(const Repo::FileName& file) const
+{
+    try {
+        m_writeGuard();
+    } catch (const LockLost&) {
+        throw LockLost("The lock of the repository was lost while " + file.Path() +
+                       " was saved; 'kbagent check' finds out whether that lacks data now");
+    }
 }
 
 bool WatchedBackend::SaveNew(const Repo::FileName& file, Repo::ByteView content)

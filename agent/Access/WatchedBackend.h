@@ -26,8 +26,8 @@ public:
 
     /// From now on operations raise LockLost. Any thread.
     void ReportLostLock() { m_isLockLost = true; }
-    /// Sets what is called before a file is written or removed, and raises if that must not be. No other
-    /// thread uses the backend meanwhile.
+    /// Sets what is called before a file is written or removed, and after it was written. It raises LockLost
+    /// if that must not be. No other thread uses the backend meanwhile.
     void SetWriteGuard(std::function<void()> guard) { m_writeGuard = std::move(guard); }
 
     Krt::YString Describe() const override { return m_backend->Describe(); }
@@ -38,6 +38,7 @@ public:
     std::uint64_t Size(const Repo::FileName& file) override { return m_backend->Size(file); }
     void List(Repo::FileKind kind,
               const std::function<void(const Repo::Id& id, std::uint64_t size)>& visit) override;
+    void RequireComplete(Repo::FileKind kind) override { m_backend->RequireComplete(kind); }
     void Save(const Repo::FileName& file, Repo::ByteView content) override;
     bool SaveNew(const Repo::FileName& file, Repo::ByteView content) override;
     void Remove(const Repo::FileName& file) override;
@@ -45,6 +46,7 @@ public:
 private:
     void Look() const;
     void LookBeforeChange(const Repo::FileName& file) const;
+    void RequireLockAfter(const Repo::FileName& file) const;
 
     std::shared_ptr<Repo::IBackend> m_backend;
     std::function<void()> m_writeGuard;

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <string_view>
 
@@ -15,6 +16,15 @@ namespace {
 
 // The parser splits "[a,b]" as a list. With this prefix it is a path to the same entry.
 constexpr std::string_view ListMask = "./";
+
+// Options that take a list. An empty one is that without a word.
+constexpr std::string_view ListOptions[] = {"--group-by", "-g", "--keep-tag", "--tag"};
+constexpr const char* EmptyList = ",";
+
+bool IsListOption(std::string_view argument)
+{
+    return std::find(std::begin(ListOptions), std::end(ListOptions), argument) != std::end(ListOptions);
+}
 
 bool LooksLikeList(std::string_view argument)
 {
@@ -33,13 +43,18 @@ CLI::Option* AddPathArguments(CLI::App& command, const std::string& description,
         ->allow_extra_args();
 }
 
+std::string AsTyped(std::string argument)
+{
+    if (argument.starts_with(ListMask) && LooksLikeList(std::string_view(argument).substr(ListMask.size())))
+        argument.erase(0, ListMask.size());
+    return argument;
+}
+
 std::vector<std::string> PathsOf(const CLI::Option* option)
 {
     std::vector<std::string> paths = option->results();
-    for (std::string& path : paths) {
-        if (path.starts_with(ListMask) && LooksLikeList(std::string_view(path).substr(ListMask.size())))
-            path.erase(0, ListMask.size());
-    }
+    for (std::string& path : paths)
+        path = AsTyped(std::move(path));
     return paths;
 }
 
@@ -52,8 +67,21 @@ std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv)
         const std::string_view argument = argv[i];
         // The parser would read the argument after "--to=" as its value.
         const bool isEmptyOption = argv + i < end && argument.starts_with("--") && argument.ends_with('=');
-        if (argument.empty() || isEmptyOption)
-            throw UsageError("Argument " + std::to_string(i) + " is empty: '" + std::string(argument) + "'");
+        if (isEmptyOption && IsListOption(argument.substr(0, argument.size() - 1))) {
+            arguments.push_back(std::string(argument) + EmptyList);
+            continue;
+        }
+        if (argument.empty() && argv + i < end && IsListOption(argv[i - 1])) {
+            arguments.emplace_back(EmptyList);
+            continue;
+        }
+        if (argument.empty() || isEmptyOption) {
+            const std::string_view before = argv[i - 1];
+            const bool isOption = i > 1 && before.starts_with('-') && before.find('=') == before.npos;
+            throw UsageError("Argument " + std::to_string(i) +
+                             (isOption ? ", after " + std::string(before) + "," : "") + " is empty: '" +
+                             std::string(argument) + "'");
+        }
         arguments.push_back(argv[i]);
         if (LooksLikeList(arguments.back()))
             arguments.back().insert(0, ListMask);

@@ -37,6 +37,7 @@ std::unique_ptr<ICommand> MakeExplainCommand();
 std::unique_ptr<ICommand> MakeForgetCommand();
 std::unique_ptr<ICommand> MakeImportCommand();
 std::unique_ptr<ICommand> MakeInitCommand();
+std::unique_ptr<ICommand> MakeJobCommand();
 std::unique_ptr<ICommand> MakeKeyCommand();
 std::unique_ptr<ICommand> MakeListCommand();
 std::unique_ptr<ICommand> MakeLsCommand();
@@ -62,8 +63,11 @@ std::unique_ptr<ICommand> MakeVolumesCommand();
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description,
                               const std::string& name = "PATH");
 std::vector<std::string> PathsOf(const CLI::Option* option);
+/// Returns an argument of the parser as it was typed.
+std::string AsTyped(std::string argument);
 /// Returns the program's arguments for the parser: in reverse order, and so that no argument is parsed as a
-/// list. Raises a UsageError for an empty argument: an unset variable of a script must not mean "all".
+/// list. An empty value of --group-by, --keep-tag and --tag becomes ",", the list without a word. Raises a
+/// UsageError for any other empty argument: an unset variable of a script must not mean "all".
 std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv);
 
 /// Raises InvalidArgument, with file, key and value in the text, for a key of the section "configuration"

@@ -63,7 +63,7 @@ void DumpCommand::Run(Report& report)
         throw UsageError("dump takes a snapshot, and the path of an entry");
     const std::size_t colon = arguments[0].find(':');
     const std::string folder = colon == std::string::npos ? "" : arguments[0].substr(colon + 1);
-    Session session(m_repository.Get(), report);
+    Session session(m_repository.Get(), report, Access::Read, OldFormat::Refused, Settling::Later);
     const Repo::StoredSnapshot stored =
         ChooseSnapshot(session, arguments[0].substr(0, colon), m_repository.GetSnapshotOptions());
     session.LoadIndex();

@@ -74,7 +74,7 @@ void InitCommand::Run(Report& report)
     if (options.isJson)
         report.UseJson();
     Repo::HideProcess();
-    const std::shared_ptr<Repo::IBackend> backend = BackendOf(FindLocation(options));
+    const std::shared_ptr<Repo::IBackend> backend = BackendOf(options, report);
     report.NoteLocation(backend->Describe());
     Repo::CreateOptions creation;
     creation.polynomial = CopiedPolynomial(report);

@@ -18,6 +18,11 @@ using Repo::Id;
 
 namespace {
 
+std::string Member(const std::string& name, const Id& id)
+{
+    return ",\"" + name + "\":\"" + id.ToHex() + "\"";
+}
+
 class KeyCommand : public ICommand
 {
 public:
@@ -32,6 +37,8 @@ private:
     void AddNewPassword(CLI::App& action);
     Repo::KeyOptions NewKey() const;
 
+    void Print(Session& session, const std::string& done, const std::string& text,
+               const std::string& members) const;
     void List(Report& report) const;
     void Add(Report& report) const;
     void Remove(Report& report) const;
@@ -105,9 +112,8 @@ void KeyCommand::Add(Report& report) const
     Session session(m_repository.Get(), report, Access::Append, OldFormat::Accepted);
     const Repo::Secret password = ReadNewPassword(m_newPassword, report);
     const Id id = session.GetRepository().AddKey(password, NewKey());
-    if (!session.GetOptions().isQuiet)
-        report.Summary("The key " + ShortId(id) + " was added",
-                       "saved new key with ID " + ShortId(id) + "\n");
+    Print(session, "The key " + ShortId(id) + " was added", "saved new key with ID " + ShortId(id),
+          Member("key_id", id));
 }
 
 void KeyCommand::Remove(Report& report) const
@@ -115,17 +121,28 @@ void KeyCommand::Remove(Report& report) const
     Session session(m_repository.Get(), report, Access::Exclusive, OldFormat::Accepted);
     const Id id = FindFile(session.GetRepository(), FileKind::Key, m_id);
     session.GetRepository().RemoveKey(id);
-    if (!session.GetOptions().isQuiet)
-        report.Summary("The key " + ShortId(id) + " was removed", "removed key " + ShortId(id) + "\n");
+    Print(session, "The key " + ShortId(id) + " was removed", "removed key " + ShortId(id),
+          Member("removed_key_id", id));
 }
 
 void KeyCommand::Change(Report& report) const
 {
     Session session(m_repository.Get(), report, Access::Exclusive, OldFormat::Accepted);
     const Repo::Secret password = ReadNewPassword(m_newPassword, report);
+    const Id old = session.GetRepository().GetKeyId();
     const Id id = session.GetRepository().ReplaceKey(password, NewKey());
-    if (!session.GetOptions().isQuiet)
-        report.Summary("The key " + ShortId(id) + " was saved", "saved new key as " + ShortId(id) + "\n");
+    Print(session, "The new key " + ShortId(id) + " was saved, and the old one removed",
+          "saved new key as " + ShortId(id), Member("key_id", id) + Member("removed_key_id", old));
+}
+
+// Prints what was done: a line, or a summary of these members as JSON.
+void KeyCommand::Print(Session& session, const std::string& done, const std::string& text,
+                       const std::string& members) const
+{
+    if (session.GetOptions().isJson)
+        session.GetReport().Summary(done, R"({"message_type":"summary")" + members + "}\n");
+    else if (!session.GetOptions().isQuiet)
+        session.GetReport().Summary(done, text + "\n");
 }
 
 void KeyCommand::List(Report& report) const

@@ -15,10 +15,9 @@ namespace {
 constexpr const char* LeadingGroup = "Options of commands on repositories, before or after the command";
 
 // Options of restic that have no meaning here.
-constexpr std::string_view ResticOptions[] = {
-    "--cacert",          "--insecure-tls",          "--limit-download",  "--limit-upload",
-    "--option",          "--stuck-request-timeout", "--tls-client-cert", "--with-cache",
-    "--http-user-agent", "--no-extra-verify"};
+constexpr std::string_view ResticOptions[] = {"--insecure-tls",    "--stuck-request-timeout",
+                                              "--tls-client-cert", "--with-cache",
+                                              "--http-user-agent", "--no-extra-verify"};
 
 // Commands of restic that kbagent does not have, and what to use instead.
 struct ResticCommand
@@ -28,7 +27,7 @@ struct ResticCommand
 };
 
 constexpr ResticCommand ResticCommands[] = {
-    {"cache", "there is no cache"},
+    {"cache", "old files of the cache are removed by each command"},
     {"diff", "the outputs of 'kbagent ls --long' for two snapshots can be compared"},
     {"find", "'kbagent ls' prints all paths of a snapshot, which grep can search"},
     {"generate", "the package has the manual page and the completion"},

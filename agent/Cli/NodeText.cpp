@@ -158,9 +158,14 @@ std::string ChangeJson(const Repo::Id& from, const Repo::Id& to)
            to.ToHex() + "\"}";
 }
 
+std::string CountJson(const std::string& key, std::uint64_t count)
+{
+    return R"({"message_type":"summary",")" + key + "\":" + std::to_string(count) + "}";
+}
+
 std::string ChangeCountJson(std::uint64_t count)
 {
-    return R"({"message_type":"summary","changed_snapshots":)" + std::to_string(count) + "}";
+    return CountJson("changed_snapshots", count);
 }
 
 } // namespace Agent

@@ -30,7 +30,9 @@ std::string SnapshotJson(const Repo::StoredSnapshot& stored, bool isMessage);
 /// The JSON message that a snapshot was saved under another id.
 std::string ChangeJson(const Repo::Id& from, const Repo::Id& to);
 
-/// The JSON message of how many snapshots a command changed.
+/// The JSON summary of a command that counts what `key` names.
+std::string CountJson(const std::string& key, std::uint64_t count);
+/// The JSON summary of how many snapshots a command changed.
 std::string ChangeCountJson(std::uint64_t count);
 
 } // namespace Agent

@@ -3,6 +3,7 @@
 #include "agent/Access/RepositoryLock.h"
 #include "agent/Cli/Command.h"
 #include "agent/Cli/LeadingOptions.h"
+#include "agent/Http/Address.h"
 #include "agent/Run/FileGuard.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Output.h"
@@ -46,12 +47,12 @@ enum ExitCode
 
 // In the order in which the help shows them.
 constexpr std::unique_ptr<ICommand> (*Makers[])() = {
-    MakeInitCommand,    MakeBackupCommand,  MakeRestoreCommand,      MakeSnapshotsCommand, MakeLsCommand,
-    MakeDumpCommand,    MakeShowCommand,    MakeStatsCommand,        MakeCheckCommand,     MakeCatCommand,
-    MakeListCommand,    MakeForgetCommand,  MakeRewriteCommand,      MakeCopyCommand,      MakeTagCommand,
-    MakePruneCommand,   MakeRepairCommand,  MakeRebuildIndexCommand, MakeRecoverCommand,   MakeKeyCommand,
-    MakeUnlockCommand,  MakeMigrateCommand, MakeVolumesCommand,      MakeServiceCommand,   MakeTrustCommand,
-    MakeConvertCommand, MakeRenameCommand,  MakeImportCommand,       MakeExplainCommand,
+    MakeInitCommand,  MakeBackupCommand,  MakeJobCommand,     MakeRestoreCommand,      MakeSnapshotsCommand,
+    MakeLsCommand,    MakeDumpCommand,    MakeShowCommand,    MakeStatsCommand,        MakeCheckCommand,
+    MakeCatCommand,   MakeListCommand,    MakeForgetCommand,  MakeRewriteCommand,      MakeCopyCommand,
+    MakeTagCommand,   MakePruneCommand,   MakeRepairCommand,  MakeRebuildIndexCommand, MakeRecoverCommand,
+    MakeKeyCommand,   MakeUnlockCommand,  MakeMigrateCommand, MakeVolumesCommand,      MakeServiceCommand,
+    MakeTrustCommand, MakeConvertCommand, MakeRenameCommand,  MakeImportCommand,       MakeExplainCommand,
 };
 
 void WarnOfUnknownChannels(Report& report)
@@ -87,7 +88,7 @@ void WarnOfKeysWithoutSection(Report& report)
 {
     const boost::shared_ptr<Krt::Profile::YProfile> profile = Krt::Profile::OpenSystem();
     for (const char* key : {"consoleOutput", "debugOutput", "disableXattr", "IncludedMountpoints",
-                            "walkIntoUnknownMountPoints"}) {
+                            "s3CredentialsFile", "walkIntoUnknownMountPoints"}) {
         if (!profile->GetKeyValue("", key, "").IsEmpty())
             report.Note("Warning: the configuration " + Krt::Profile::GetSystemPath() + " has " + key +
                         " before any section, without effect; it belongs below [configuration]");
@@ -134,6 +135,8 @@ void LogOptions::Open(Report& report) const
     RequireSwitches({"consoleOutput"});
     Krt::Log::InstallGlobalLogger();
     Backup::Util::OpenOrReopenLog(path, YString(std::string_view(m_channels)));
+    if (Krt::Profile::OpenSystem()->Get<bool>("configuration", "consoleOutput", false))
+        report.PrintProgressAsLines();
     WarnOfUnknownChannels(report);
 }
 
@@ -216,11 +219,13 @@ std::string HintFor(const CLI::App& program, int argc, char** argv)
             command = command->get_subcommands().front();
             continue;
         }
-        const std::string typed(argument.starts_with("-o") ? "-o" : argument.substr(0, argument.find('=')));
+        const std::string typed(argument.substr(0, argument.find('=')));
         if (command->get_option_no_throw(typed) != nullptr)
             continue;
-        if (typed == "-o")
-            return HintForResticOption("--option");
+        if (command->get_name() == "explain" && typed.starts_with('-') &&
+            FindCommand(program, "backup")->get_option_no_throw(typed) != nullptr)
+            return " (it is an option of backup, which explain does not consider; 'kbagent backup -n -v -v' "
+                   "prints what is stored with it)";
         if (!typed.starts_with("--"))
             continue;
         if (typed == "--log" || typed == "--debug" || typed == "--version")
@@ -246,6 +251,23 @@ std::string UnexpectedText(const std::vector<std::string>& arguments)
     return text;
 }
 
+// Raises an error that names the actions of a command such as key if the user has named another one.
+void RequireKnownAction(const CLI::App& program)
+{
+    const std::vector<std::string> rest = program.remaining(true);
+    const std::vector<CLI::App*> commands = program.get_subcommands();
+    if (commands.empty() || !commands.front()->get_subcommands().empty() || rest.empty() ||
+        rest.front().starts_with('-'))
+        return;
+    const std::vector<CLI::App*> actions = commands.front()->get_subcommands({});
+    if (actions.empty())
+        return;
+    std::string names;
+    for (std::size_t i = 0; i < actions.size(); ++i)
+        names += (i == 0 ? "" : i + 1 < actions.size() ? ", " : " or ") + actions[i]->get_name();
+    throw UsageError(commands.front()->get_name() + ": unknown action " + rest.front() + "; use " + names);
+}
+
 // Returns true if the arguments ask for nothing but the help or the version, which is printed.
 bool Parse(CLI::App& program, int argc, char** argv, Report& report)
 {
@@ -264,6 +286,7 @@ bool Parse(CLI::App& program, int argc, char** argv, Report& report)
             throw UsageError("unknown command help (use 'kbagent COMMAND --help')");
         if (program.get_subcommands().empty() && !rest.empty() && !rest.front().starts_with('-'))
             throw UsageError("unknown command " + rest.front() + HintForResticCommand(rest.front()));
+        RequireKnownAction(program);
         throw UsageError(UnexpectedText(program.remaining(true)) + HintFor(program, argc, argv));
     } catch (const CLI::ParseError& error) {
         throw UsageError(error.what() + HintFor(program, argc, argv));
@@ -272,7 +295,7 @@ bool Parse(CLI::App& program, int argc, char** argv, Report& report)
 }
 
 // Returns the arguments in the syntax of a shell. A command for a password may contain the password, so it is
-// left out. No other option takes a secret.
+// left out, as is the user of an address. No other option takes a secret.
 std::string CommandLine(int argc, char** argv)
 {
     constexpr std::string_view plain =
@@ -283,7 +306,8 @@ std::string CommandLine(int argc, char** argv)
     std::string line = "kbagent";
     bool isSecret = false;
     for (int i = 1; i < argc; ++i) {
-        std::string argument = std::exchange(isSecret, false) ? "***" : argv[i];
+        std::string argument =
+            std::exchange(isSecret, false) ? "***" : Http::ArgumentWithoutCredentials(argv[i]);
         isSecret = isSecretOption(argument);
         if (const std::size_t equals = argument.find('='); isSecretOption(argument.substr(0, equals)))
             argument = argument.substr(0, equals) + (equals == argument.npos ? "" : "=***");
@@ -325,9 +349,10 @@ int RunCommand(int argc, char** argv, Report& report)
             WarnOfKeysWithoutSection(report);
             KRT_LOG_FREE(Krt::MessageType::General, "Begin: " << CommandLine(argc, argv).c_str());
             command.Run(report);
+            report.Finish();
         }
     } catch (const UsageError& error) {
-        report.Error(YString(error.what()), WrongUsage);
+        report.Error(YString(Http::WithoutCredentials(error.what())), WrongUsage);
         if (!isJson)
             report.Note(YString("Run '" + NameOf(program, argc, argv) + " --help' for more information."));
         return WrongUsage;
@@ -361,13 +386,16 @@ YString TextOf(const Krt::Exception::YError& error, const Report& report)
                                return reason.Bytes().starts_with(file);
                            });
     const YString& location = report.GetLocation();
-    return namesFile && !location.IsEmpty() ? location + "/" + reason : reason;
+    if (!namesFile || location.IsEmpty())
+        return reason;
+    return location + (location.Bytes().ends_with('/') ? "" : "/") + reason;
 }
 
 int Fail(Report& report, int exitCode, const Krt::YString& text)
 {
     exitCode = IsInterrupted() ? EndedBySignal + InterruptingSignal() : exitCode;
-    report.Error(text, exitCode);
+    // It may repeat an argument that is an address.
+    report.Error(YString(Http::WithoutCredentials(text.Bytes())), exitCode);
     return exitCode;
 }
 
@@ -400,6 +428,7 @@ int Run(int argc, char** argv)
     Report report;
     try {
         const int exitCode = RunAndReport(argc, argv, report);
+        KRT_LOG_FREE(Krt::MessageType::General, "Duration: " << report.GetDuration().c_str());
         KRT_LOG_FREE(Krt::MessageType::General, "End: exit code " << exitCode);
         WarnOfLostMessages(report);
         return exitCode;

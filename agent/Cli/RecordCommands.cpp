@@ -76,6 +76,7 @@ CLI::App* ConvertCommand::Register(CLI::App& program)
     CLI::App* const command =
         program.add_subcommand("convert", "Convert legacy and foreign records to the current form");
     m_records.AddTo(*command);
+    command->add_flag("--json")->description("Report errors as JSON, too");
     command->footer(
         "FILE contains one record per line, one array of records, or records over several lines each.\n"
         "Writes one record per line. A damaged line, or a record that cannot be converted, is reported with\n"
@@ -110,6 +111,7 @@ CLI::App* RenameCommand::Register(CLI::App& program)
     CLI::App* const command =
         program.add_subcommand("rename", "Move the paths of records from below one job path to another");
     m_records.AddTo(*command);
+    command->add_flag("--json")->description("Report errors as JSON, too");
     command->add_option("--from", m_from, "The job path to move, with everything below it")
         ->type_name("JOBPATH")
         ->required();

@@ -13,15 +13,18 @@ const char* const RepositoryHelp =
 
 namespace {
 
-// Scripts for restic have them. There is no cache. They are not in the help.
+constexpr const char* RepositoryGroup = "Repository options";
+
+// Scripts for restic have it. What is old is removed without it. It is not in the help.
 void AddOptionsWithoutEffect(CLI::App& command)
 {
-    for (const char* const name : {"--no-cache", "--cleanup-cache"})
-        command.add_flag(name)->group("");
-    command
-        .add_option(
-            "--cache-dir", [](const CLI::results_t&) { return true; }, "")
-        ->group("");
+    command.add_flag("--cleanup-cache")->group("");
+}
+
+// All values of an option that may be repeated count.
+void MakeRepeatable(CLI::Option& option, const char* type)
+{
+    option.type_name(type)->allow_extra_args(false)->group(RepositoryGroup);
 }
 
 // Of an option that is given twice, as before and after the command, the last one counts.
@@ -29,7 +32,7 @@ void GroupFrom(CLI::App& command, std::size_t first)
 {
     const std::vector<CLI::Option*> options = command.get_options();
     for (std::size_t i = first; i < options.size(); ++i)
-        options[i]->group("Repository options")->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+        options[i]->group(RepositoryGroup)->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
 }
 
 } // namespace
@@ -48,9 +51,36 @@ void RepositoryArguments::AddTo(CLI::App& command, LockOptions lock)
             ->type_name("DURATION");
     command.add_flag("--json", m_options.isJson, "Print JSON");
     command.add_flag("-q,--quiet", m_options.isQuiet, "Print only what was asked for");
-    command.add_flag("-v,--verbose", m_options.isVerbose, "Report the repository and the key, too");
+    CLI::Option* const verbosity =
+        command.add_flag("-v,--verbose", m_verbosity,
+                         "Report the repository and the key, too; twice, each file that is stored");
+    AddRemoteTo(command);
     GroupFrom(command, first);
+    verbosity->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    MakeRepeatable(*command.add_option("--tls-pin", m_options.remote.pins,
+                                       "Trust a server with this key, as sha256:HEX; replaces the CAs"),
+                   "PIN");
+    MakeRepeatable(*command.add_option("-o,--option", m_options.remote.extended,
+                                       "Set s3.region, or s3.bucket-lookup to auto, dns or path"),
+                   "KEY=VALUE");
     AddOptionsWithoutEffect(command);
+}
+
+void RepositoryArguments::AddRemoteTo(CLI::App& command)
+{
+    Remote::RemoteOptions& remote = m_options.remote;
+    command
+        .add_option("--cacert", remote.anchorFile, "Trust the servers of these CAs, instead of the system's")
+        ->type_name("FILE");
+    command.add_flag("--no-cache", m_options.hasNoCache, "Keep no copies of a repository on a server");
+    command
+        .add_option("--cache-dir", m_options.cacheDirectory,
+                    "The directory for copies of repositories on servers")
+        ->type_name("DIR");
+    command.add_option("--limit-upload", remote.uploadLimit, "Send at most this much to a server")
+        ->type_name("KIB/S");
+    command.add_option("--limit-download", remote.downloadLimit, "Receive at most this much from a server")
+        ->type_name("KIB/S");
 }
 
 void RepositoryArguments::AddSourceTo(CLI::App& command)
@@ -67,7 +97,9 @@ void RepositoryArguments::AddAccessTo(CLI::App& command, const std::string& pref
     const auto names = [&prefix](const char* shortName, const char* longName) {
         return (prefix.empty() ? shortName : "") + ("--" + prefix) + longName;
     };
-    command.add_option(names("-r,", "repo"), options.location, "The " + name + ": a directory")
+    command
+        .add_option(names("-r,", "repo"), options.location,
+                    "The " + name + ": a directory, s3:https://HOST/BUCKET or rest:https://HOST/PATH/")
         ->type_name("LOCATION");
     command
         .add_option(names("", "repository-file"), options.locationFile,
@@ -97,7 +129,8 @@ void RepositoryArguments::AddSnapshotOptionsTo(CLI::App& command, const char* ho
     command
         .add_option(
             "--tag", m_snapshots.tags,
-            "Consider only snapshots with all tags of a list, as in a,b; \",\" for those without tags")
+            "Consider only snapshots with all tags of a list, as in a,b; \"\" or \",\" for those without "
+            "tags")
         ->type_name("LIST")
         ->allow_extra_args(false);
     command.add_option("--path", m_snapshots.paths, "Consider only snapshots of this path")
@@ -108,6 +141,8 @@ void RepositoryArguments::AddSnapshotOptionsTo(CLI::App& command, const char* ho
 RepositoryOptions RepositoryArguments::Get() const
 {
     RepositoryOptions options = m_options;
+    options.isVerbose = m_verbosity > 0;
+    options.isVeryVerbose = m_verbosity > 1;
     if (!m_retryLock.empty())
         options.retryLock = ParseDuration(m_retryLock, "--retry-lock");
     return options;

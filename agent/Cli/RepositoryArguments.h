@@ -41,12 +41,14 @@ public:
     bool IsJson() const { return m_options.isJson; }
 
 private:
+    void AddRemoteTo(CLI::App& command);
     void AddAccessTo(CLI::App& command, const std::string& prefix, const std::string& name,
                      RepositoryOptions& options);
 
     RepositoryOptions m_options;
     RepositoryOptions m_source;
     std::string m_retryLock;
+    unsigned int m_verbosity = 0;
     SnapshotOptions m_snapshots;
 };
 

@@ -91,7 +91,7 @@ void RestoreCommand::AddOptions(CLI::App& command)
         ->check(CLI::IsMember({"always", "if-changed", "if-newer", "never"}));
     command.add_flag("--delete", m_deletes,
                      "Remove entries of restored directories that the snapshot does not have");
-    command.add_flag("--dry-run", m_isDryRun, "Change nothing, and print what would be done");
+    command.add_flag("-n,--dry-run", m_isDryRun, "Change nothing, and print what would be done");
     command.add_flag("--verify", m_verifies, "Read restored files again, and compare them");
 }
 
@@ -115,8 +115,8 @@ RestoreSettings RestoreCommand::SettingsOf() const
         throw UsageError("The files of --include-file and --iinclude-file have no patterns");
     if (!settings.includes.IsEmpty() && !settings.excludes.IsEmpty())
         throw UsageError("Patterns either include or exclude; both can't be given");
-    settings.attributes = PatternsOf(m_attributes);
-    settings.excludedAttributes = PatternsOf(m_excludedAttributes);
+    settings.attributes = PatternsOf(m_attributes, "--include-xattr");
+    settings.excludedAttributes = PatternsOf(m_excludedAttributes, "--exclude-xattr");
     if (!m_attributes.empty() && !m_excludedAttributes.empty())
         throw UsageError("--include-xattr and --exclude-xattr can't be given together");
     if (m_deletes && settings.includes.IsEmpty() && settings.excludes.IsEmpty() &&
@@ -156,7 +156,7 @@ void RestoreCommand::Run(Report& report)
 
     const std::string choice = arguments.front();
     const std::size_t colon = std::min(choice.find(':'), choice.size());
-    Session session(m_repository.Get(), report);
+    Session session(m_repository.Get(), report, Access::Read, OldFormat::Refused, Settling::Later);
     const Repo::StoredSnapshot stored =
         ChooseSnapshot(session, choice.substr(0, colon), m_repository.GetSnapshotOptions());
     session.LoadIndex();
@@ -180,6 +180,10 @@ void RestoreCommand::Run(Report& report)
                                    (mayBeSnapshot ? "; all arguments after the snapshot are paths" : ""));
         }
     }
+    const bool isWhole = colon == choice.size() && arguments.size() == 1 && settings.includes.IsEmpty() &&
+                         settings.excludes.IsEmpty();
+    if (isWhole && stored.snapshot.summary)
+        settings.expectedBytes = stored.snapshot.summary->totalBytesProcessed;
     KRT_RAISE_UNLESS(arguments.size() == 1 || !settings.paths.empty(), Krt::ErrorCode::InvalidArgument,
                      "None of the paths can be restored, so nothing was changed");
     if (!settings.isJson && !settings.isQuiet) {

@@ -6,6 +6,7 @@
 #include "Backup/Util/ServiceManager.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/JSON/YTextWriter.h"
 
 #include <CLI/CLI.hpp>
 
@@ -48,11 +49,18 @@ private:
     YDuration Timeout() const { return YDuration::Seconds(m_timeout); }
     void ReportState(Report& report, const char* state) const
     {
-        report.Out() << Printable(m_name) << ": " << state << "\n";
+        if (!m_isJson) {
+            report.Out() << Printable(m_name) << ": " << state << "\n";
+            return;
+        }
+        std::string json = R"({"message_type":"summary","name":)";
+        Krt::JSON::YTextWriter(json).String(m_name);
+        report.Out() << PrintableJson(json + ",\"state\":\"" + state + "\"}") << "\n";
     }
 
     std::vector<std::pair<CLI::App*, Action>> m_actions;
     std::string m_name;
+    bool m_isJson = false;
     std::string m_program;
     std::string m_description;
     CLI::Option* m_arguments = nullptr;
@@ -92,6 +100,7 @@ CLI::App* ServiceCommand::AddAction(CLI::App& service, const std::string& name,
 {
     CLI::App* const command = service.add_subcommand(name, description);
     command->add_option("NAME", m_name, "The service's name")->required();
+    command->add_flag("--json", m_isJson, "Print a JSON document");
     command->footer(""); // without the footer of the program
     m_actions.emplace_back(command, action);
     return command;

@@ -83,7 +83,8 @@ std::string BlobTable(const Repo::Repository& repository, const Node& node)
                      std::move(rows), 0);
 }
 
-// A job file with the rules that a backup noted in the snapshot; empty without rules.
+// A job file with the rules that a backup noted in the snapshot, among patterns of --exclude; empty without
+// rules.
 std::string JobOf(const Repo::Snapshot& snapshot)
 {
     std::string includes;
@@ -91,7 +92,7 @@ std::string JobOf(const Repo::Snapshot& snapshot)
     for (const std::string& text : snapshot.excludes) {
         const std::size_t blank = text.find(' ');
         const std::string word = text.substr(0, blank);
-        if (word == "include" || word == "exclude") {
+        if ((word == "include" || word == "exclude") && text.compare(word.size(), 2, " {") == 0) {
             std::string& rules = word == "include" ? includes : excludes;
             rules += (rules.empty() ? "" : ",") + text.substr(std::min(blank + 1, text.size()));
         }

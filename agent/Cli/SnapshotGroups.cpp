@@ -116,8 +116,8 @@ std::string SnapshotTable::ToText(std::span<const StoredSnapshot> snapshots) con
             rows.push_back(std::move(row));
         }
     }
-    return TableText(columns, std::move(rows), OutputWidth()) + std::to_string(snapshots.size()) +
-           (snapshots.size() == 1 ? " snapshot\n" : " snapshots\n");
+    return TableText(columns, std::move(rows), OutputWidth()) +
+           CountText(snapshots.size(), "snapshot", "snapshots") + "\n";
 }
 
 } // namespace Agent

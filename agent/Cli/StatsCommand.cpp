@@ -61,9 +61,13 @@ void StatsCommand::Run(Report& report)
     Session session(m_repository.Get(), report);
     const auto snapshots = ChooseSnapshots(session, PathsOf(m_ids), m_repository.GetSnapshotOptions());
     session.LoadIndex();
-    unsigned long long entries = 0;
+    std::uint64_t entries = 0;
     const Statistics statistics = CountStatistics(
-        session.GetRepository(), snapshots, Modes.at(m_mode), [&] { report.Progress(++entries, 0); },
+        session.GetRepository(), snapshots, Modes.at(m_mode),
+        [&] {
+            ++entries;
+            report.Progress([&] { return ProgressFacts{.items = entries, .unit = "entries"}; });
+        },
         [&](const std::string& path, const Krt::Exception::YError& error) {
             report.EntryFailed(YString(std::string_view(path)), ReasonOf(error));
         });

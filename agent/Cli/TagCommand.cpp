@@ -3,6 +3,7 @@
 #include "agent/Access/TagChange.h"
 #include "agent/Cli/NodeText.h"
 #include "agent/Cli/RepositoryArguments.h"
+#include "agent/Run/Text.h"
 
 #include <CLI/CLI.hpp>
 
@@ -67,7 +68,7 @@ void TagCommand::Run(Report& report)
     if (options.isJson)
         report.Summary(Done, ChangeCountJson(count) + "\n");
     else if (!options.isQuiet)
-        report.Summary(Done, "modified tags on " + std::to_string(count) + " snapshots\n");
+        report.Summary(Done, "modified tags on " + CountText(count, "snapshot", "snapshots") + "\n");
 }
 
 } // namespace

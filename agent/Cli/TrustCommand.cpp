@@ -1,4 +1,5 @@
 #include "agent/Cli/Command.h"
+#include "agent/Repository/Json.h"
 #include "agent/Run/Text.h"
 #include "agent/Trust/Handshake.h"
 
@@ -152,6 +153,7 @@ private:
     std::string m_pin;
     std::string m_time;
     unsigned int m_timeout = 10;
+    bool m_isJson = false;
 };
 
 CLI::App* TrustCommand::Register(CLI::App& program)
@@ -188,6 +190,7 @@ CLI::App* TrustCommand::Register(CLI::App& program)
         ->type_name("SECONDS")
         ->check(CLI::Range(1u, 86400u))
         ->capture_default_str();
+    command->add_flag("--json", m_isJson, "Print a JSON document");
     command->footer(
         "Files are PEM or DER. The first line of the output is \"trusted\", or \"not trusted\" with the\n"
         "reason. A summary of the certificate follows. Exit codes: 0 trusted, 4 not trusted, 1 the server\n"
@@ -269,13 +272,46 @@ void Print(const TrustReport& found, Output& out)
     out << "  key       " << server.keyHash.Bytes() << "\n";
 }
 
+std::string JsonOf(const TrustReport& found)
+{
+    std::string json;
+    Repo::JsonWriter writer(json);
+    const auto text = [&](const char* key, const std::string& value) {
+        writer.Key(key);
+        writer.String(value);
+    };
+    writer.BeginObject();
+    text("message_type", "summary");
+    writer.Key("trusted");
+    writer.Bool(found.reason.IsEmpty());
+    if (!found.reason.IsEmpty())
+        text("reason", found.reason.Bytes());
+    if (found.depth > 0)
+        text("found_in", found.subject.Bytes());
+    const CertificateSummary& server = found.server;
+    if (!server.keyHash.IsEmpty()) {
+        text("subject", server.subject.Bytes());
+        text("issuer", server.issuer.Bytes());
+        if (server.notBefore)
+            text("not_before", EndText(server.notBefore));
+        if (server.notAfter)
+            text("not_after", EndText(server.notAfter));
+        text("key", server.keyHash.Bytes());
+    }
+    writer.EndObject();
+    return PrintableJson(json);
+}
+
 void TrustCommand::Run(Report& report)
 {
     CheckUsage();
     const TrustOptions options = Options();
     TrustReport found;
     const bool isTrusted = m_certificate.empty() ? VerifyServer(options, found) : VerifyFile(options, found);
-    Print(found, report.Out());
+    if (m_isJson)
+        report.Out() << JsonOf(found) << "\n";
+    else
+        Print(found, report.Out());
     if (!isTrusted)
         report.AnswerNo();
 }

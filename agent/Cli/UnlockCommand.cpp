@@ -2,6 +2,7 @@
 
 #include "agent/Access/StaleLocks.h"
 #include "agent/Cli/RepositoryArguments.h"
+#include "agent/Run/Text.h"
 
 #include <CLI/CLI.hpp>
 
@@ -49,7 +50,7 @@ void UnlockCommand::Run(Report& report)
     if (options.isJson)
         report.Summary(Done, R"({"message_type":"summary","removed_locks":)" + std::to_string(count) + "}\n");
     else if (!options.isQuiet)
-        report.Summary(Done, "removed " + std::to_string(count) + " locks\n");
+        report.Summary(Done, "removed " + CountText(count, "lock", "locks") + "\n");
 }
 
 } // namespace

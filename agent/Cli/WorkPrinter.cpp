@@ -3,11 +3,15 @@
 #include "agent/Repository/Json.h"
 #include "agent/Run/Text.h"
 
+#include "Krt/Log/LogSite.h"
+
 namespace Agent {
 
 void WorkPrinter::OnStage(const std::string& text)
 {
-    m_start = std::chrono::steady_clock::now();
+    m_stage = text;
+    m_report.BeginPart();
+    KRT_LOG_FREE(Krt::MessageType::General, text.c_str());
     if (m_isJson || m_isQuiet)
         return;
     m_report.Out() << Printable(text) << "\n";
@@ -17,6 +21,7 @@ void WorkPrinter::OnStage(const std::string& text)
 void WorkPrinter::OnNote(const std::string& text)
 {
     if (!m_isJson) {
+        KRT_LOG_FREE(Krt::MessageType::General, text.c_str());
         m_report.Out() << Printable(text) << "\n";
         return;
     }
@@ -27,29 +32,15 @@ void WorkPrinter::OnNote(const std::string& text)
     writer.String("note");
     writer.Key("message");
     writer.String(text);
+    writer.Key("during");
+    writer.String(m_stage);
     writer.EndObject();
     m_report.JsonNote(json);
 }
 
 void WorkPrinter::OnProgress(std::uint64_t done, std::uint64_t total)
 {
-    if (m_isJson || m_isQuiet)
-        return;
-    m_report.ProgressText([&] {
-        const auto passed = std::chrono::steady_clock::now() - m_start;
-        const double seconds = std::chrono::duration<double>(passed).count();
-        std::string text = "[" + DurationText(static_cast<unsigned long long>(seconds)) + "] ";
-        if (total == 0)
-            return text + std::to_string(done);
-        text +=
-            std::to_string(100 * done / total) + "%  " + std::to_string(done) + " / " + std::to_string(total);
-        if (done != 0 && done < total)
-            text += "  " +
-                    DurationText(static_cast<unsigned long long>(seconds * static_cast<double>(total - done) /
-                                                                 static_cast<double>(done))) +
-                    " left";
-        return text;
-    });
+    m_report.Progress([&] { return ProgressFacts{.items = done, .totalItems = total}; });
 }
 
 } // namespace Agent

@@ -5,11 +5,12 @@
 #include "agent/Prune/WorkObserver.h"
 #include "agent/Run/Report.h"
 
-#include <chrono>
+#include <string>
 
 namespace Agent {
 
-/// With JSON, only notes are printed, as documents on standard error. With --quiet, only notes are printed.
+/// With JSON, notes are documents on standard error that name the part of the work, and parts are not
+/// printed. With --quiet, only notes are printed. Parts and notes are logged.
 class WorkPrinter : public IWorkObserver
 {
 public:
@@ -25,7 +26,7 @@ private:
     Report& m_report;
     const bool m_isJson;
     const bool m_isQuiet;
-    std::chrono::steady_clock::time_point m_start; // of the current part
+    std::string m_stage; // the current part
 };
 
 } // namespace Agent

@@ -22,9 +22,9 @@ void DumpRun::WriteFile(const FoundEntry& file)
     KRT_RAISE_UNLESS(file.node.content, Krt::ErrorCode::InvalidState,
                      YString(std::string_view(file.path)) << ": The file has no list of blobs");
     static_cast<void>(SizeOf(file.node));
-    m_reader.Read(*file.node.content, [this](Repo::ByteView content) {
+    m_reader.Read(*file.node.content, [&](Repo::ByteView content) {
         m_bytes += content.size();
-        m_report.Progress(m_entries, m_bytes);
+        ShowProgress(file.path);
         m_target.Write(content);
     });
     m_target.Close();
@@ -74,7 +74,7 @@ void DumpRun::Add(Archive& archive, const std::string& path, const Node& node, A
         if (first != nullptr && first->empty())
             *first = name;
         if (linkTarget.empty() && node.content)
-            AddContent(archive, node);
+            AddContent(archive, path, node);
     } catch (const Krt::Exception::YError& error) {
         RaiseIfInterrupted();
         if (error.GetType() == Krt::ExceptionType::OsError && error.GetOsError() != 0 &&
@@ -87,15 +87,23 @@ void DumpRun::Add(Archive& archive, const std::string& path, const Node& node, A
                                                          : "; the archive does not contain it"));
     }
     archive.End();
-    m_report.Progress(++m_entries, m_bytes);
+    ++m_entries;
+    ShowProgress(path);
 }
 
-void DumpRun::AddContent(Archive& archive, const Node& node)
+void DumpRun::AddContent(Archive& archive, const std::string& path, const Node& node)
 {
     m_reader.Read(*node.content, [&](Repo::ByteView content) {
         m_bytes += content.size();
-        m_report.Progress(m_entries, m_bytes);
+        ShowProgress(path);
         archive.Write(content);
+    });
+}
+
+void DumpRun::ShowProgress(const std::string& path)
+{
+    m_report.Progress([&] {
+        return ProgressFacts{.items = m_entries, .unit = "entries", .bytes = m_bytes, .current = path};
     });
 }
 

@@ -27,7 +27,8 @@ public:
 
 private:
     void Add(Archive& archive, const std::string& path, const Repo::Node& node, ArchiveFormat format);
-    void AddContent(Archive& archive, const Repo::Node& node);
+    void AddContent(Archive& archive, const std::string& path, const Repo::Node& node);
+    void ShowProgress(const std::string& path);
     std::uint64_t SizeOf(const Repo::Node& node) const;
 
     const Repo::Repository& m_repository;

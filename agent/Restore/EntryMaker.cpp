@@ -74,7 +74,8 @@ std::optional<FileId> EntryMaker::Make(const NewEntry& entry)
         const Staging& staging = m_tree.StagingFor(entry.location);
         workplace = &staging.GetDirectory();
         MakeOther(entry, staging);
-        made = FileId(workplace->Stat(m_temporary));
+        if (entry.hasOtherNames)
+            made = FileId(workplace->Stat(m_temporary));
     }
     workplace->Rename(m_temporary, parent, entry.location.back());
     isMoved = true;
@@ -151,7 +152,8 @@ void EntryMaker::MakeFile(const NewEntry& entry, const YDirectory& parent, std::
     Krt::Util::YUnxHandle file = parent.CreateFile(m_temporary);
     entry.writeContent(file);
     Apply(entry.recorded.attributes, file, m_refused);
-    made = FileId(Krt::File::Stat(file));
+    if (entry.hasOtherNames)
+        made = FileId(Krt::File::Stat(file));
     Krt::Util::CloseWritten(file);
 }
 

@@ -35,6 +35,7 @@ struct NewEntry
     const TargetLocation& location;
     Krt::YString linkTarget{};                  ///< of a symlink
     std::optional<unsigned long long> device{}; ///< number of a device; nothing if it is not known
+    bool hasOtherNames = false;                 ///< Make returns its identity
     const LinkedFile* first = nullptr;          ///< the entry becomes a hard link to it, if that is possible
     /// Writes the content of a file, whose handle is open for writing, at offset 0.
     std::function<void(const Krt::Util::YUnxHandle& file)> writeContent{};

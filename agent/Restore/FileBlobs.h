@@ -1,6 +1,6 @@
-// FileBlobs: the blobs of the files that a restore writes. Those of small files are loaded together before.
-// Those of a large file come in windows, of which one is loaded while the one before is written. A blob above
-// LargeBlobSize is loaded when it is needed.
+// FileBlobs: the blobs of the files that a restore writes. The blobs of small files are loaded together
+// before the files are written. The blobs of a large file are loaded in windows: one window is loaded while
+// the previous one is written. A blob above LargeBlobSize is loaded when it is needed.
 #pragma once
 
 #include "agent/Restore/BlobLoader.h"

@@ -88,8 +88,7 @@ void ItemWriter::Write(RestoreItem& item, FileBlobs& blobs)
         else
             m_state.report.EntryFailed(path, ReasonOf(error));
     }
-    m_state.progress.ShowProgress();
-    m_state.progress.PrintStatus();
+    m_state.progress.ShowProgress(item.path);
 }
 
 void ItemWriter::Make(RestoreItem& item, FileBlobs& blobs)
@@ -194,6 +193,7 @@ void ItemWriter::MakeOther(RestoreItem& item, FileBlobs& blobs)
     NewEntry entry{.recorded = item.recorded, .location = item.location};
     entry.linkTarget = Text(item.linkTarget);
     entry.device = item.device;
+    entry.hasOtherNames = item.link.has_value();
     entry.first = m_state.links.FirstOf(item);
     entry.writeContent = [&](const Krt::Util::YUnxHandle& file) {
         WriteContent(item, parent, blobs, file);
@@ -221,7 +221,7 @@ void ItemWriter::WriteContent(const RestoreItem& item, const YDirectory& parent,
             isOld = old.Read(writer.GetSize(), id, part);
         }
         writer.Append(isOld ? part : blobs.Get(i, id));
-        m_state.progress.ShowProgress(writer.GetSize());
+        m_state.progress.ShowProgress(item.path, writer.GetSize());
     }
     REPOSITORY_RAISE_UNLESS(writer.GetSize() == item.recorded.size, Repo::Failure::Damaged,
                             "The blobs of the file have another size than the file");

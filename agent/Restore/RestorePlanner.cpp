@@ -63,6 +63,8 @@ std::unique_ptr<RestoreItem> RestorePlanner::Plan(const std::string& path, Node&
         PlanExisting(*item);
     else if (m_state.settings.deletes && node.subtree)
         item->names = NamesIn(*node.subtree);
+    if (node.type == NodeType::Directory && m_state.settings.isDryRun)
+        FindExisting(*item);
     return item;
 }
 
@@ -131,18 +133,22 @@ bool RestorePlanner::IsComplete(const RestoreItem& item) const
     return true;
 }
 
-void RestorePlanner::PlanExisting(RestoreItem& item)
+// Returns false if nothing is known to exist.
+bool RestorePlanner::FindExisting(RestoreItem& item)
 {
     const YDirectory* const parent = m_state.existing.ParentOf(item.location);
     try {
         item.isUnseen = parent == nullptr;
-        if (parent == nullptr || !parent->StatIfPresent(item.location.back(), item.existing))
-            return;
+        return parent != nullptr && parent->StatIfPresent(item.location.back(), item.existing);
     } catch (const Krt::Exception::YError&) {
         item.isUnseen = true;
-        return;
+        return false;
     }
-    if (!S_ISDIR(item.existing.st_mode))
+}
+
+void RestorePlanner::PlanExisting(RestoreItem& item)
+{
+    if (FindExisting(item) && !S_ISDIR(item.existing.st_mode))
         ChooseAction(m_state.settings.overwrite, item);
 }
 

@@ -25,6 +25,7 @@ private:
     void NoteForeignOwner();
     void PlanFile(RestoreItem& item, Repo::Node& node);
     bool IsComplete(const RestoreItem& item) const;
+    bool FindExisting(RestoreItem& item);
     void PlanExisting(RestoreItem& item);
 
     RestoreState& m_state;

@@ -35,7 +35,7 @@ unsigned long long SecondsSince(std::chrono::steady_clock::time_point start)
 } // namespace
 
 RestoreProgress::RestoreProgress(const RestoreSettings& settings, Report& report)
-    : m_settings(settings), m_report(report), m_start(std::chrono::steady_clock::now()), m_shown(m_start)
+    : m_settings(settings), m_report(report), m_start(std::chrono::steady_clock::now())
 {}
 
 void RestoreProgress::CountFound(const RestoreItem& item)
@@ -53,6 +53,8 @@ void RestoreProgress::CountDone(const RestoreItem& item)
     const bool isSkipped = item.action == Action::Skip || item.action == Action::KeepUnchanged;
     ++(isSkipped ? m_totals.skipped : m_totals.restored);
     (isSkipped ? m_totals.bytesSkipped : m_totals.bytesRestored) += size;
+    if (m_settings.isDryRun && !isSkipped)
+        CountForeseen(item, size);
     if (isSkipped && !m_settings.isVerbose)
         return;
     const bool isKept = item.action == Action::Skip && !m_settings.isJson; // restic has no such word
@@ -61,6 +63,17 @@ void RestoreProgress::CountDone(const RestoreItem& item)
                                : item.action == Action::Update && isFile ? "updated"
                                                                          : "restored";
     Print(action, item.path, isFile ? std::optional(size) : std::nullopt);
+}
+
+void RestoreProgress::CountForeseen(const RestoreItem& item, unsigned long long size)
+{
+    const bool exists = item.existing.st_mode != 0;
+    if (exists && item.recorded.type == S_IFDIR && S_ISDIR(item.existing.st_mode)) {
+        ++m_totals.present;
+        return;
+    }
+    ++(exists ? m_totals.replaced : m_totals.created);
+    (exists ? m_totals.bytesReplaced : m_totals.bytesCreated) += size;
 }
 
 void RestoreProgress::CountDeleted(const std::string& path)
@@ -123,6 +136,15 @@ std::string RestoreProgress::TotalsJson(const char* type) const
     number("bytes_restored", m_totals.bytesRestored);
     number("bytes_skipped", m_totals.bytesSkipped);
     if (type == std::string_view("summary")) { // restic has no such numbers
+        if (m_settings.isDryRun) {
+            writer.Key("dry_run");
+            writer.Bool(true);
+            number("files_created", m_totals.created);
+            number("bytes_created", m_totals.bytesCreated);
+            number("files_replaced", m_totals.replaced);
+            number("bytes_replaced", m_totals.bytesReplaced);
+            number("directories_updated", m_totals.present);
+        }
         if (m_settings.verifies && !m_settings.isDryRun) {
             number("files_verified", m_totals.verified);
             number("files_unverified", m_totals.unverified);
@@ -134,16 +156,22 @@ std::string RestoreProgress::TotalsJson(const char* type) const
     return json;
 }
 
-void RestoreProgress::PrintStatus()
+void RestoreProgress::ShowProgress(const std::string& path, unsigned long long more)
 {
-    if (!m_settings.isJson || m_settings.isQuiet)
+    if (m_settings.isJson) {
+        if (!m_report.IsStatusDue(StatusInterval))
+            return;
+        m_report.Out() << TotalsJson("status") << "\n";
+        m_report.Out().Flush();
         return;
-    const auto now = std::chrono::steady_clock::now();
-    if (now - m_shown < StatusInterval)
-        return;
-    m_shown = now;
-    m_report.Out() << TotalsJson("status") << "\n";
-    m_report.Out().Flush();
+    }
+    m_report.Progress([&] {
+        return ProgressFacts{.items = m_totals.restored + m_totals.skipped,
+                             .unit = "files/dirs",
+                             .bytes = m_totals.bytesRestored + m_totals.bytesSkipped + more,
+                             .totalBytes = m_settings.expectedBytes,
+                             .current = path};
+    });
 }
 
 void RestoreProgress::PrintSummary()
@@ -153,6 +181,8 @@ void RestoreProgress::PrintSummary()
         m_report.Summary(Done, TotalsJson("summary") + "\n");
     else if (!m_settings.isQuiet)
         m_report.Summary(Done, SummaryText() + "\n");
+    else
+        m_report.LogSummary(SummaryText());
 }
 
 std::string RestoreProgress::SummaryText() const
@@ -174,7 +204,15 @@ std::string RestoreProgress::SummaryText() const
         text += ", " + std::to_string(m_totals.unverified) + " not verified";
     if (m_report.GetFailed() != 0)
         text += ", " + std::to_string(m_report.GetFailed()) + " failed";
-    return text;
+    return text + (m_settings.isDryRun ? "\n" + ForeseenText() : "");
+}
+
+std::string RestoreProgress::ForeseenText() const
+{
+    return "Would create " + std::to_string(m_totals.created) + " (" + SizeText(m_totals.bytesCreated) +
+           "), replace " + std::to_string(m_totals.replaced) + " (" + SizeText(m_totals.bytesReplaced) +
+           "), keep " + std::to_string(m_totals.skipped) + ", remove " + std::to_string(m_totals.deleted) +
+           ", change attributes of " + CountText(m_totals.present, "directory", "directories");
 }
 
 } // namespace Agent

@@ -28,13 +28,9 @@ public:
     void CountUnverified() { ++m_totals.unverified; }
     bool HasFoundNothing() const { return m_totals.files == 0; }
 
-    /// Shows on the terminal how far the restore has come, `more` bytes of the current file included.
-    void ShowProgress(unsigned long long more = 0) const
-    {
-        m_report.Progress(m_totals.files, m_totals.bytesRestored + more);
-    }
-    /// Prints a document with the status from time to time. Cheap enough to be called for each entry.
-    void PrintStatus();
+    /// Prints how far the restore has come when that is due, `more` bytes of the current file included. Cheap
+    /// enough to be called for each entry and each block.
+    void ShowProgress(const std::string& path, unsigned long long more = 0);
     /// Prints what was done.
     void PrintSummary();
 
@@ -43,18 +39,21 @@ private:
     {
         unsigned long long files = 0, restored = 0, skipped = 0, deleted = 0;
         unsigned long long bytes = 0, bytesRestored = 0, bytesSkipped = 0;
+        unsigned long long created = 0, replaced = 0, present = 0; // of those restored; dry runs only
+        unsigned long long bytesCreated = 0, bytesReplaced = 0;
         unsigned long long verified = 0, unverified = 0, bytesVerified = 0;
     };
 
+    void CountForeseen(const RestoreItem& item, unsigned long long size);
     void Print(const char* action, const std::string& path, std::optional<unsigned long long> size);
     std::string SummaryText() const;
+    std::string ForeseenText() const;
     std::string TotalsJson(const char* type) const;
 
     const RestoreSettings& m_settings;
     Report& m_report;
     Totals m_totals;
     std::chrono::steady_clock::time_point m_start;
-    std::chrono::steady_clock::time_point m_shown;
 };
 
 } // namespace Agent

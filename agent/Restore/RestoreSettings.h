@@ -1,7 +1,7 @@
 // RestoreSettings: what a restore from a repository was asked to do, and which entries it deals with.
 #pragma once
 
-#include "agent/Restore/Patterns.h"
+#include "agent/Walk/Patterns.h"
 
 #include <string>
 #include <vector>
@@ -33,6 +33,7 @@ struct RestoreSettings
     bool isVerbose = false; ///< each entry is printed
     bool isJson = false;
     bool isQuiet = false;
+    unsigned long long expectedBytes = 0; ///< of all files of the snapshot; 0 if not known
     Patterns includes;
     Patterns excludes;
     Patterns attributes;            ///< names of the extended attributes that are restored; all if empty

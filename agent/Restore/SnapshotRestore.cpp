@@ -123,6 +123,7 @@ void SnapshotRestore::AddPending()
         copy->path = pending->path;
         copy->location = pending->location;
         copy->recorded = pending->recorded;
+        copy->existing = pending->existing;
         pending->isPending = false;
         Add(std::move(copy));
     }

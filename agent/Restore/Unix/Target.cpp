@@ -103,7 +103,7 @@ void TargetWalk::CheckRepository() const
     if (std::any_of(GetDirectories().begin(), GetDirectories().end(), isRepository))
         KRT_RAISE_AS("OpenTarget", Krt::MessageType::General, Krt::ErrorCode::InvalidArgument,
                      GetPath().c_str()
-                         << " is the repository itself or lies in it; nothing is restored there");
+                         << " is the repository itself or a folder in it; nothing is restored there");
 }
 
 } // namespace
