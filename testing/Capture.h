@@ -30,7 +30,17 @@ private:
     void OnFailed(const Krt::File::YPath& path, const Krt::YString& reason) override;
     bool IsCancelled() override { return false; }
 
-    Backup::File::YFile m_file;
+    // Reads the configuration once, and not for each entry.
+    class File : public Backup::File::YFile
+    {
+    public:
+        bool IsXattrDisabled() const override { return m_isXattrDisabled; }
+
+    private:
+        const bool m_isXattrDisabled = YFile::IsXattrDisabled();
+    };
+
+    File m_file;
     std::string m_text;
     unsigned long long m_entries = 0;
     unsigned long long m_bytes = 0;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <set>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -48,19 +49,31 @@ std::optional<unsigned long> CountSystemCalls(const std::function<void()>& work)
     int status = WaitFor(child);
     if (!WIFSTOPPED(status))
         return std::nullopt;
-    ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+    ptrace(PTRACE_SETOPTIONS, child, nullptr,
+           PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL | PTRACE_O_TRACECLONE | PTRACE_O_TRACEFORK |
+               PTRACE_O_TRACEVFORK);
+    ptrace(PTRACE_SYSCALL, child, nullptr, 0);
     unsigned long stops = 0;
-    int signal = 0;
+    bool isSuccess = false;
+    std::set<pid_t> known{child}; // a thread or process begins with a stop
     for (;;) {
-        ptrace(PTRACE_SYSCALL, child, nullptr, signal);
-        status = WaitFor(child);
-        if (!WIFSTOPPED(status))
+        const pid_t stopped = waitpid(-1, &status, __WALL);
+        if (stopped < 0 && errno == ECHILD)
             break;
+        if (stopped < 0)
+            throw std::runtime_error("the traced child is lost");
+        if (!WIFSTOPPED(status)) {
+            if (stopped == child)
+                isSuccess = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+            continue;
+        }
+        const bool isFirst = known.insert(stopped).second;
         const bool isCall = WSTOPSIG(status) == SystemCallStop;
-        signal = isCall ? 0 : WSTOPSIG(status);
+        const bool isEvent = status >> 16 != 0;
         stops += isCall;
+        ptrace(PTRACE_SYSCALL, stopped, nullptr, isCall || isEvent || isFirst ? 0 : WSTOPSIG(status));
     }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    if (!isSuccess)
         throw std::runtime_error("the traced work failed");
     return stops / 2; // entry and return
 }

@@ -8,8 +8,10 @@ set -euo pipefail
 agent_folders='
 Cli
 Copy Import Repair Rewrite
-Backup Convert Dump Explain Forget Inspect Prune Restore Trust
+Backup Convert Dump Explain Forget Inspect Job Prune Restore Trust
 Access Record Walk
+Remote
+Http
 Repository Run'
 
 # Prints a cycle, if there is one. An include path begins with the folder's own name.

@@ -1,5 +1,6 @@
 // Texts of times, exit codes, and reports of lost output.
 #include "agent/Cli/Command.h"
+#include "agent/Run/Progress.h"
 #include "agent/Run/Text.h"
 
 #include "testing/RepositoryFixture.h"
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <sys/resource.h>
 #include <tuple>
 #include <unistd.h>
@@ -29,6 +31,30 @@ TEST(Text, TimesOfAllAges)
     };
     for (const auto& [seconds, shown] : cases)
         EXPECT_EQ(TimeText(static_cast<unsigned long long>(seconds)), shown);
+}
+
+TEST(Progress, LineHasWhatIsKnownAndFits)
+{
+    constexpr std::uint64_t mebi = 1 << 20;
+    const std::string whole = ProgressText({1520, 4811, "files", 602 * mebi, 1946 * mebi}, 4);
+    EXPECT_EQ(whole, "[0:04] 30%  1520 / 4811 files, 602.0 MiB / 1.9 GiB, 150.5 MiB/s, 0:08 left");
+    EXPECT_EQ(ProgressText({3, 4, "", 0, 0}, 61), "[1:01] 75%  3 / 4, 0:20 left");
+    EXPECT_EQ(ProgressText({7, 0, "entries", 0, 0}, 0), "[0:00] 7 entries");
+    EXPECT_EQ(ProgressText({5, 4, "files", 9, 8}, 2), "[0:02] 100%  5 / 4 files, 9 B / 8 B, 4 B/s");
+
+    const std::string text = "[0:01] 7 files";
+    const std::tuple<const char*, unsigned int, const char*> cases[] = {
+        {"/home/ann/x", 0, "[0:01] 7 files  /home/ann/x"},
+        {"/home/ann/x", 27, "[0:01] 7 files  /home/ann/x"},
+        {"/home/ann/x", 26, "[0:01] 7 files  ...e/ann/x"},
+        {"/\u65e5\u672c\u8a9e", 23, "[0:01] 7 files  /\u65e5\u672c\u8a9e"},
+        {"/a/\u65e5\u672c\u8a9e", 24, "[0:01] 7 files  ...\u672c\u8a9e"},
+        {"/home/ann/x", 18, "[0:01] 7 files"},
+        {"", 9, "[0:01] 7 "},
+        {"/a\nb", 0, "[0:01] 7 files  /a\\nb"},
+    };
+    for (const auto& [path, columns, line] : cases)
+        EXPECT_EQ(ProgressLine(text, path, columns), line) << columns;
 }
 
 TEST(Text, InvisibleCharactersAreEscaped)
@@ -85,6 +111,7 @@ TEST_F(Cli, ExitCodeDependsOnKindOfFailure)
         {"unknown command", {"steal"}, 2, "steal"},
         {"unknown option", {"snapshots", "--bogus\x1b"}, 2, "--bogus\\x1b"},
         {"misspelt option", {"snapshots", "--jso"}, 2, " (did you mean --json by --jso?)"},
+        {"backup's option", {"explain", "-e", "*.o", to}, 2, "'kbagent backup -n -v -v' prints"},
         {"extra letter", {"snapshots", "--jsson"}, 2, " (did you mean --json by --jsson?)"},
         {"log after the command", {"snapshots", "--log=x"}, 2, "--log must precede the command"},
         {"missing option", {"restore", "latest"}, 2, "--target is required"},
@@ -92,15 +119,17 @@ TEST_F(Cli, ExitCodeDependsOnKindOfFailure)
         {"empty path", {"restore", "latest", "-t", to, ""}, 2, "is empty"},
         {"option without its value", {"restore", "latest", "--target=", to}, 2, "is empty: '--target='"},
         {"name like an option", {"backup", "--", "--odd="}, 1, "--odd=: Failed to stat"},
-        {"into the repository", {"restore", "latest", "-t", inside}, 1, "lies in it"},
+        {"into the repository",
+         {"restore", "latest", "-t", inside},
+         1,
+         "is the repository itself or a folder in it"},
         {"restore of a damaged one",
          {"restore", "aaaa", "-t", to + "/x"},
          1,
          repository + "/snapshots/" + badId + ": "},
         {"missing password file", {"key", "add", "--new-password-file", none}, 1, "password: " + none},
         {"duration without a unit", {"check", "--retry-lock", "5"}, 2, "--retry-lock is not a duration"},
-        {"two extra arguments", {"check", "--limit-upload", "10"}, 2, "expected: --limit-upload 10 ("},
-        {"unknown action", {"key", "steal"}, 2, "not expected: steal"},
+        {"two extra arguments", {"check", "--limit-reads", "10"}, 2, "expected: --limit-reads 10\n"},
         {"to a file", {"restore", "latest", "-t", damaged}, 1, damaged},
         {"neither path nor job", {"backup"}, 2, "PATH"},
         {"missing job", {"backup", "--job", none}, 1, none},
@@ -109,7 +138,7 @@ TEST_F(Cli, ExitCodeDependsOnKindOfFailure)
         {"damaged job", {"backup", "--job", damaged}, 1, damaged},
         {"job without excludes", {"backup", "--job", halfRules}, 1, "excludes"},
         {"job without includes", {"backup", "--job", noIncludes}, 1, "includes nothing"},
-        {"empty job's name", {"backup", "--job", "", to}, 2, "is empty"},
+        {"empty job's name", {"backup", "--job", "", to}, 2, "Argument 3, after --job, is empty"},
         {"way that is missing", {"backup", none + "/file"}, 1, none},
     };
     for (const auto& [name, arguments, exitCode, expected] : cases) {
@@ -154,7 +183,7 @@ TEST_F(Cli, LogDescribesRun)
                                  "it'\\\\''s\\nnot there'\n",
                                  " General: Failed: " + missing.substr(0, missing.find('\n')) +
                                      "\\nnot there",
-                                 " YFile: ",
+                                 " FileIo: Successfully opened file ",
                                  " 0 excluded, 1 failed\n",
                                  " General: snapshot ",
                                  " General: End: exit code 3\n"};
@@ -218,10 +247,12 @@ TEST_F(Cli, LostOutputFailsWithoutUndoingWork)
         Testing::Holds(Run(3, {"backup", directory / "tree"}, {.prepare = toClosedPipe}).errors, made));
     EXPECT_EQ(CountSnapshots(), 3u);
     Testing::CreateRepository(directory / "old", password, 1);
+    directory.Write("password", password);
     const std::pair<const char*, const char*> changes[] = {
         {"tag --add keep", "The change of tags was made"},
         {"tag --add both --json", "The change of tags was made"},
         {"key add --new-insecure-no-password", " was added"},
+        {"key passwd -r old --new-password-file password", " was saved, and the old one removed"},
         {"unlock", "The repository was unlocked"},
         {"migrate upgrade_repo_v2 -r old --json", "The repository was upgraded"},
         {"init -r new", "new was created"},
@@ -231,6 +262,28 @@ TEST_F(Cli, LostOutputFailsWithoutUndoingWork)
                                    done + std::string(", but its summary is lost: ")));
     EXPECT_EQ(Open().FindSnapshot("latest").snapshot.tags, (std::vector<std::string>{"keep", "both"}));
     Run(1, "migrate upgrade_repo_v2 -r old");
+    const std::string added = Run(0, "key add --json --new-insecure-no-password").output;
+    const std::string start = R"({"message_type":"summary","key_id":")";
+    EXPECT_EQ(added.substr(0, start.size()), start);
+    const std::string id = added.substr(start.size(), 64);
+    EXPECT_EQ(Run(0, "key remove --json " + id).output,
+              R"({"message_type":"summary","removed_key_id":")" + id + "\"}\n");
+    // Work in several steps is not stopped by it, and prints the rest on standard error.
+    for (const auto& prepare : {std::function<void()>(toFull), std::function<void()>(toClosedPipe)}) {
+        Run(0, {"backup", "-q", directory / "tree"});
+        const auto forgotten =
+            Run(3, Testing::Words("forget -g , --keep-last 1 --prune"), {.prepare = prepare});
+        for (const char* part : {"The work goes on", "\nremoved snapshot ", "\nremoved ", "\ndone\n"})
+            EXPECT_TRUE(Testing::Holds(forgotten.errors, part));
+        EXPECT_EQ(CountSnapshots(), 1u);
+    }
+    const auto copied = Run(3, Testing::Words("copy --from-repo repo -r new"), {.prepare = toFull},
+                            {"KBAGENT_FROM_PASSWORD=" + password});
+    EXPECT_TRUE(Testing::Holds(copied.errors, "\ncopied: "));
+    const auto none = Run(0, Testing::Words("copy --from-repo repo -r new --host none"), {},
+                          {"KBAGENT_FROM_PASSWORD=" + password});
+    EXPECT_TRUE(Testing::Holds(none.output, "there is no snapshot that the options choose"));
+    Run(0, "check");
 }
 
 TEST_F(Cli, InterruptEndsListWhoseReaderWaits)
@@ -258,6 +311,17 @@ TEST_F(Cli, InterruptEndsListWhoseReaderWaits)
 
 TEST_F(Cli, WrongArgumentNamesHelpOfCommand)
 {
+    const std::pair<const char*, const char*> actions[] = {
+        {"repair foo", "repair: unknown action foo; use index, packs or snapshots\n"},
+        {"key foo", "key: unknown action foo; use list, add, remove or passwd\n"},
+        {"job foo", "job: unknown action foo; use new, add, remove, show or check\n"},
+        {"job", "job: name an action"},
+        {"repair", "repair: name an action"},
+    };
+    for (const auto& [words, text] : actions)
+        EXPECT_TRUE(Testing::Holds(Run(2, words).errors, text));
+    const auto from = Run(1, Testing::Words("copy --from-repo repo --from-password-file /dev/null"));
+    EXPECT_TRUE(Testing::Holds(from.errors, "which --from-insecure-no-password allows"));
     const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{}, "kbagent"},
         {{"steal"}, "kbagent"},

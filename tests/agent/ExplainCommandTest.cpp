@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <tuple>
+#include <unistd.h>
 
 using namespace Agent;
 using Testing::Holds;
@@ -127,6 +128,11 @@ TEST_F(Explain, DocumentAndTreeCountWhatIsLeftOut)
                              "  left out, 1 entry: it is the repository\n"})
         EXPECT_TRUE(Holds(tree, part));
     EXPECT_EQ(std::ranges::count(tree, '\n'), 4) << tree;
+    // A start is further down than the tree.
+    const std::string above =
+        Call(4, {"--start", source + "/a/deep", "--tree", "--depth", "1", source}).output;
+    EXPECT_TRUE(Holds(above.substr(above.find('\n')),
+                      "  only as the parent of 2 entries, 3 B; a part was not counted\n"));
 
     const ProgramResult result = Call(4, {"--job", job, "--json", source + "/cache/1", source + "/a"});
     const std::size_t end = result.output.find('\n');
@@ -136,8 +142,31 @@ TEST_F(Explain, DocumentAndTreeCountWhatIsLeftOut)
     EXPECT_EQ(obstacle.Find("kind", 0)->AsString(), "rules");
     EXPECT_EQ(obstacle.Find("path", 0)->AsString().Bytes(), source + "/cache");
     EXPECT_EQ(object.Find("backed_up", 0)->AsBool(), false);
+    // The descriptor is that of the job file, without the path.
+    EXPECT_TRUE(Holds(result.output, R"("explicit_selection":false},"array":"excludes")"));
     EXPECT_TRUE(
         Holds(result.output.substr(end), "\"backed_up\":true,\"parent_only\":false,\"entered\":true"));
+}
+
+TEST_F(Explain, EntriesThatUserMayNotReadAreNotStored)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can make files that the test may not read";
+    std::filesystem::permissions(directory.Path(), std::filesystem::perms(0755));
+    Testing::MakeTree(source,
+                      {Testing::Dir("closed", 0), Testing::File("closed/x", "1"), Testing::Dir("open"),
+                       Testing::File("open/a", "12"), Testing::File("open/z", "345", 0)});
+    const auto outputOf = [](const List& arguments) {
+        return Testing::RunProgram(arguments, Testing::OrdinaryUser).output;
+    };
+    const std::string closed = outputOf({"explain", source + "/closed/x"});
+    EXPECT_TRUE(Holds(closed, "it can't be examined\n"));
+    EXPECT_TRUE(Holds(closed, "Permission denied"));
+    const std::string tree = outputOf({"explain", "--tree", source});
+    EXPECT_TRUE(Holds(tree, "  3 entries, 2 B; left out: 2 entries, 3 B or more\n"));
+    EXPECT_TRUE(Holds(tree, "fails: Permission to read the file is denied\n"));
+    const std::string job = WriteJob("include #/closed/x recursive any");
+    EXPECT_TRUE(Holds(outputOf({"job", "check", job}), "/closed/x can't be examined by this user"));
 }
 
 TEST_F(Explain, EntryAtPlaceOfIncludeNamesThatRule)
@@ -150,6 +179,8 @@ TEST_F(Explain, EntryAtPlaceOfIncludeNamesThatRule)
     const std::string left = Call(4, {"--job", job, source + "/x.tmp"}).output;
     EXPECT_TRUE(Holds(left, "but an exclude matches it:\n\n  " + job));
     EXPECT_TRUE(Holds(left, ": exclude names like '*.tmp' directly in " + source + "\n"));
+    const std::string nothing = Call(4, {"--job", WriteJob("include # recursive none"), source}).output;
+    EXPECT_TRUE(Holds(nothing, "One is for entries below it, but matches no name:\n\n  " + job));
 }
 
 TEST_F(Explain, UnusableInputIsRefused)
@@ -161,6 +192,9 @@ TEST_F(Explain, UnusableInputIsRefused)
              {1, "No such file", {"--job", directory / "none.json", source}},
              {1, "Can't resolve", {"--job", job, source + "/none/../x"}},
              {1, "No such file", {"--job", job, "-r", directory / "none", source}},
+             {3,
+              "/gone: Failed to stat: No such file",
+              {"--start", source + "/gone", "--start", source, source}},
              {2, "--tree", {"--job", job, "--depth", "3", source}}})
         EXPECT_TRUE(Holds(Call(exitCode, arguments).errors, reason));
 
@@ -180,6 +214,7 @@ TEST_F(Explain, MountIsNamed)
         };
         const std::string mount = "a mount point of class special (tmpfs, memory)";
         EXPECT_TRUE(Holds(explain("home/mnt/x"), (space / "home/mnt") + " is " + mount));
+        EXPECT_TRUE(Holds(explain("home/mnt/x"), "or list " + (space / "home/mnt") + " in Included"));
         EXPECT_TRUE(Holds(explain("home/mnt"), ": backed up without its contents\n"));
         EXPECT_TRUE(Holds(explain("home/mnt"), "it is " + mount));
         const std::string tree =

@@ -254,6 +254,7 @@ TEST_P(RepositoryOfRestic, CheckSucceedsAfterOtherCommands)
     for (const char* options :
          {"", " --read-data", " --read-data-subset 1/2", " --read-data-subset 50%", " --read-data-subset 1M"})
         EXPECT_TRUE(Holds(Run(0, "check" + std::string(options)).output, "no errors were found")) << options;
+    EXPECT_EQ(Run(0, "check --quiet").output, "");
     EXPECT_EQ(json::parse(Run(0, "check --json").output),
               json::parse(R"({"message_type":"summary","num_errors":0,"broken_packs":null,)"
                           R"("suggest_repair_index":false,"suggest_prune":false})"));
@@ -476,10 +477,10 @@ TEST_F(RepositoryCommands, RepositoryOptionsMayPrecedeCommand)
     }
     EXPECT_TRUE(Holds(Run(2, "-r repo volumes").errors, "volumes does not have the option -r"));
     EXPECT_TRUE(
-        Holds(Run(2, "snapshots --limit-upload 1").errors, "does not have restic's option --limit-upload"));
+        Holds(Run(2, "snapshots --insecure-tls").errors, "does not have restic's option --insecure-tls"));
     Run(2, "-r repo");
     EXPECT_TRUE(Holds(Run(2, "find latest x").errors, "unknown command find (kbagent does not have"));
-    EXPECT_TRUE(Holds(Run(2, "-o a=b snapshots").errors, "does not have restic's option --option"));
+    EXPECT_TRUE(Holds(Run(2, "-o a=b -r s3:x/y snapshots").errors, "and not 'a'"));
     EXPECT_TRUE(Holds(Run(0, "-v -v snapshots").errors, "(version 2) was opened"));
     EXPECT_EQ(json::parse(Run(2, "snapshots --json --none").errors).at("code"), 2);
     SaveTrees(opened, {[](const Id&) {
@@ -780,6 +781,14 @@ TEST_F(RepositoryCommands, MissingPartDeterminesExitCode)
     EXPECT_TRUE(Holds(wrong.errors, R"({"message_type":"exit_error","code":12,)"));
     EXPECT_EQ((wrong.output + wrong.errors).find("wrong-secret"), std::string::npos);
     password = "secret";
+    const auto pathOf = [this](const Id& key) {
+        return repository + "/" + Repo::FileName{FileKind::Key, key}.Path();
+    };
+    fs::rename(pathOf(opened.GetKeyId()), directory / "key");
+    EXPECT_TRUE(Holds(Run(1, "snapshots").errors, "hint: a copy of the repository may have"));
+    fs::remove(pathOf(damaged));
+    EXPECT_TRUE(Holds(Run(12, "snapshots").errors, "There are no keys in the repository"));
+    fs::rename(directory / "key", pathOf(opened.GetKeyId()));
     Repo::Lock lock;
     lock.time = Repo::Timestamp::Now();
     lock.isExclusive = true;
@@ -787,7 +796,8 @@ TEST_F(RepositoryCommands, MissingPartDeterminesExitCode)
     lock.username = "anna";
     lock.pid = 4711;
     const Id id = opened.SaveText(FileKind::Lock, lock.ToJson());
-    for (const char* part : {"by PID 4711 on elsewhere by anna", "minutes ago", "kbagent unlock", "locks/"})
+    for (const char* part :
+         {"by PID 4711 on elsewhere by anna", "less than a minute ago", "kbagent unlock", "locks/"})
         EXPECT_TRUE(Holds(Run(11, "snapshots --retry-lock 1s").errors, part));
     Run(0, "snapshots --no-lock");
     EXPECT_EQ(Files("locks").size(), 1u);
@@ -833,8 +843,15 @@ TEST_F(RepositoryCommands, PasswordIsReadFromItsSource)
     Run(2, {"snapshots"}, {}, {"KBAGENT_REPOSITORY="});
     Run(0, {"snapshots", "--repository-file", directory.Write("place", repository + "\n")}, {},
         {"KBAGENT_REPOSITORY=/none"});
-    EXPECT_TRUE(Holds(Run(1, {"snapshots", "-r", "s3:user:pw@host"}).errors, "s3:"));
-    EXPECT_EQ(Run(1, {"snapshots", "-r", "s3:user:pw@host"}).errors.find("user:pw"), std::string::npos);
+    EXPECT_TRUE(Holds(Run(1, {"snapshots", "-r", "sftp:user:pw@host"}).errors, "sftp:"));
+    for (const std::string place : {"sftp://user:pw@host", "s3:https://user:pw@host/bucket",
+                                    "rest:http://user:pw@host:0/", "rest:http://user:pw@127.0.0.1:1/"}) {
+        const ProgramResult result = Run(-1, {"--log", log, "snapshots", "-r", place});
+        EXPECT_NE(result.exitCode, 0) << place;
+        EXPECT_EQ((result.errors + Run(2, {"unlock", place}).errors + ReadFile(log)).find("user:pw"),
+                  std::string::npos)
+            << place;
+    }
 }
 
 TEST_F(RepositoryCommands, PasswordsAreNotEchoed)

@@ -77,7 +77,7 @@ TEST_F(ServiceCommandTest, FailuresNameCause)
     const std::string noProgram = "1 kbagent: error: There is no program at ";
     const std::tuple<const char*, std::vector<std::string>, std::string> rows[] = {
         {"no action", {}, "2 kbagent: error: service: name an action"},
-        {"unknown action", {"strat"}, "2 kbagent: error: The following argument was not expected: strat"},
+        {"unknown action", {"strat"}, "2 kbagent: error: service: unknown action strat; use install, "},
         {"missing program", {"install", "kb", "--program", "/none"}, noProgram + "/none"},
         {"no program but data", {"install", "kb", "--program", "/etc/passwd"}, noProgram},
         {"endless wait", {"start", "kb", "--timeout", "-1"}, "2 kbagent: error: "},

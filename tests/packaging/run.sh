@@ -60,6 +60,8 @@ completes "start stop status" service st
 completes "snapshots" -r /tmp/x --retry-lock 1m snap
 completes "list" key li
 completes "--read-all-packs" repair index --read
+completes "--remove-unreadable" repair packs --rem
+completes "--silent" job add --si
 completes "--remove-all" unlock --rem
 completes "--read-data --read-data-subset" check --read
 completes "--timeout" service start nightly --t

@@ -1,15 +1,20 @@
 // What every backend promises. A further backend adds its factory at the end.
+#include "agent/Remote/Location.h"
 #include "agent/Repository/Failure.h"
 #include "agent/Repository/LocalBackend.h"
 
 #include "testing/FileSizeLimit.h"
+#include "testing/RcloneServer.h"
+#include "testing/RestStore.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,11 +41,19 @@ std::map<Id, std::uint64_t> Listed(IBackend& backend, FileKind kind)
     return files;
 }
 
+// A backend, and the server that it needs.
+struct Scene
+{
+    std::unique_ptr<IBackend> backend; // null if the server is missing, for this reason:
+    std::string reason = {};
+    std::shared_ptr<void> server = {};
+};
+
 struct BackendKind
 {
     const char* label;
     // Makes a backend for an empty place, which it may create below the directory.
-    std::unique_ptr<IBackend> (*make)(const Testing::TemporaryDirectory& directory);
+    Scene (*make)(const Testing::TemporaryDirectory& directory);
 
     friend void PrintTo(const BackendKind& kind, std::ostream* out) { *out << kind.label; }
 };
@@ -48,8 +61,15 @@ struct BackendKind
 class Backend : public ::testing::TestWithParam<BackendKind>
 {
 protected:
+    void SetUp() override
+    {
+        if (!backend)
+            GTEST_SKIP() << scene.reason;
+    }
+
     const Testing::TemporaryDirectory directory;
-    const std::unique_ptr<IBackend> backend = GetParam().make(directory);
+    Scene scene = GetParam().make(directory);
+    const std::unique_ptr<IBackend> backend = std::move(scene.backend);
 };
 
 TEST_P(Backend, SavedFilesAreKept)
@@ -98,10 +118,49 @@ TEST_P(Backend, SavedFilesAreKept)
     EXPECT_THROW(backend->List(FileKind::Pack, [](const Id&, std::uint64_t) { throw 1; }), int);
 }
 
+std::unique_ptr<IBackend> OpenRemote(const std::string& location)
+{
+    Agent::Remote::SecretSources secrets;
+    secrets.environment = [](const char* name) {
+        return std::getenv(name);
+    };
+    return Agent::Remote::MakeRemoteBackend(location, {}, std::move(secrets));
+}
+
+Scene RestScene(const Testing::RestStore& empty)
+{
+    const auto store = std::make_shared<Testing::RestStore>(empty);
+    const auto server = std::make_shared<Testing::HttpServer>(
+        [store](const Testing::HttpRequest& request) { return store->Handle(request); });
+    return {OpenRemote("rest:http://" + server->Place() + "/"), "", server};
+}
+
 const BackendKind s_kinds[] = {
     {"Local",
-     [](const Testing::TemporaryDirectory& directory) -> std::unique_ptr<IBackend> {
-         return std::make_unique<LocalBackend>((directory / "a/repo").c_str());
+     [](const Testing::TemporaryDirectory& directory) -> Scene {
+         return {std::make_unique<LocalBackend>((directory / "a/repo").c_str())};
+     }},
+    {"Rest1",
+     [](const Testing::TemporaryDirectory&) {
+         return RestScene({.version = 1});
+     }},
+    {"Rest2WithoutReplacing",
+     [](const Testing::TemporaryDirectory&) {
+         return RestScene({.isReplacing = false});
+     }},
+    {"RestOfRclone",
+     [](const Testing::TemporaryDirectory& directory) -> Scene {
+         const auto server = std::make_shared<Testing::RcloneServer>(directory.MakeDirectory("served"));
+         if (server->Place().empty())
+             return {nullptr, "rclone is not installed"};
+         return {OpenRemote("rest:http://" + server->Place() + "/a/repo/"), "", server};
+     }},
+    {"S3",
+     [](const Testing::TemporaryDirectory&) -> Scene {
+         const char* const bucket = std::getenv("KBAGENT_TEST_S3");
+         if (bucket == nullptr)
+             return {nullptr, "KBAGENT_TEST_S3 names no bucket; testing/s3-server.sh starts a server"};
+         return {OpenRemote(bucket + ("/contract-" + std::to_string(std::random_device{}())))};
      }},
 };
 INSTANTIATE_TEST_SUITE_P(Kinds, Backend, ::testing::ValuesIn(s_kinds),

@@ -4,6 +4,7 @@
 #include "agent/Repository/Index.h"
 #include "agent/Repository/KeyFile.h"
 #include "agent/Repository/Lock.h"
+#include "agent/Repository/Look.h"
 #include "agent/Repository/NameText.h"
 #include "agent/Repository/Pack.h"
 #include "agent/Repository/Snapshot.h"
@@ -14,6 +15,7 @@
 #include "testing/TemporaryDirectory.h"
 
 #include <boost/json.hpp>
+#include <functional>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -264,6 +266,26 @@ TEST(Zstd, OutputIsLimited)
     frame.insert(frame.end(), frame.begin(), frame.begin() + static_cast<long>(frame.size()));
     DecompressUpTo(frame, 2000, out);
     EXPECT_EQ(out, Bytes(2000, 'x')) << "two frames";
+}
+
+TEST(Look, EndsWorkOnLargeContent)
+{
+    const Bytes zeros(100 << 20);
+    const std::string blanks = "{" + std::string(2 * LookStep, ' ') + "}", text = "\"" + blanks + "\"";
+    Bytes frames, out;
+    Compress(zeros, frames);
+    const std::function<void()> works[] = {
+        [&] { Decompress(frames, zeros.size(), out); },
+        [&] { Id::Of(zeros); },
+        [&] { JsonReader(blanks).Skip(); },
+        [&] { JsonReader(text).String(); },
+    };
+    for (const auto& work : works) {
+        EXPECT_NO_THROW(work());
+        SetLook([] { throw 1; });
+        EXPECT_THROW(work(), int);
+        SetLook(nullptr);
+    }
 }
 
 PackedBlob BlobOf(char letter, std::uint32_t offset, std::uint32_t length, bool isCompressed = true)

@@ -10,13 +10,16 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <random>
 #include <sstream>
 #include <sys/wait.h>
+#include <thread>
 
 using namespace Agent::Repo;
 namespace fs = std::filesystem;
@@ -496,5 +499,37 @@ TEST_P(ResticTest, RepositoryOfResticIsRead)
 }
 
 INSTANTIATE_TEST_SUITE_P(Version, ResticTest, ::testing::Values(1, 2));
+
+TEST(LargeBlobs, AreInMemoryOfOneThread)
+{
+    const Testing::TemporaryDirectory directory;
+    Repository created = CreateAt(directory / "repo");
+    IndexFileWriter index;
+    std::vector<Id> trees;
+    for (const char* name : {"a", "b"}) {
+        const std::string text = R"({"nodes":[{"name":")" + std::string(name) + R"(","type":"fifo"}]})" +
+                                 std::string(LargeBlobSize, ' ');
+        trees.push_back(Id::Of(AsBytes(text)));
+        PackWriter pack(created.GetKey());
+        pack.Add({BlobType::Tree, trees.back()}, AsBytes(text));
+        const Id id = created.SavePack(pack.Finish());
+        index.Add(id, pack.GetBlobs());
+    }
+    created.SaveText(FileKind::Index, index.Finish());
+    created.LoadIndex();
+    std::atomic<int> visiting{0}, most{0}, next{0};
+    const auto read = [&] {
+        created.VisitTree(trees[static_cast<std::size_t>(next++)], [&](const Node&) {
+            most = std::max(most.load(), ++visiting);
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            --visiting;
+            return false;
+        });
+    };
+    std::thread other(read);
+    read();
+    other.join();
+    EXPECT_EQ(most, 1);
+}
 
 } // namespace
