@@ -45,7 +45,7 @@ for count in 10 100 1000 10000; do
     against_ignore mixed $count
 done
 against_ignore literal 100000
-for program in SelectionBench LockBench RecordBench RecordPeers MountBench LogBench; do
+for program in SelectionBench RuleBench StringBench LockBench RecordBench RecordPeers MountBench LogBench; do
     "$programs/$program" ${quick[@]+"${quick[@]}"} | tee -a "$rows"
 done
 # A path's operations, for each of some texts, in nanoseconds: path.Parent/0
