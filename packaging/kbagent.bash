@@ -7,12 +7,13 @@ _kbagent() {
         case ${COMP_WORDS[i]} in
             --log | --debug) ((++i)) ;;
             -r | --repo | --repository-file | -p | --password-file | --password-command | --key-hint | --retry-lock | \
-                --cache-dir) ((++i)) ;;
+                --cache-dir | --cacert | --tls-pin | -o | --option | --limit-upload | --limit-download) ((++i)) ;;
             -*) ;;
             *)
                 command+=("${COMP_WORDS[i]}")
                 # These alone have commands of their own.
-                [[ ${command[*]} == service || ${command[*]} == key || ${command[*]} == repair ]] || break
+                [[ ${command[*]} == service || ${command[*]} == key || ${command[*]} == repair ||
+                    ${command[*]} == job ]] || break
                 ;;
         esac
     done
