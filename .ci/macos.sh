@@ -89,6 +89,7 @@ link_headers() {
     for header in archive.h archive_entry.h boost CLI gmock gtest tinyxml.h utf8cpp zstd.h zstd_errors.h; do
         ln -sfn "/usr/include/$header" "$root/include/$header"
     done
+    ln -sfn "/usr/include/$(gcc -print-multiarch)/curl" "$root/include/curl"
     ln -sf /usr/include/openssl/*.h "/usr/include/$(gcc -print-multiarch)"/openssl/*.h "$root/include/openssl/"
     # Missing from the compiler's headers.
     cat >"$root/include/sys/new" <<'END'
@@ -149,7 +150,7 @@ archive() {
 
 make_dependencies() {
     local gtest=/usr/src/googletest/googletest xml=$cache/tinyxml
-    for library in libarchive libcrypto libssl libzstd; do stub "$library"; done
+    for library in libarchive libcrypto libcurl libssl libzstd; do stub "$library"; done
     echo '#include <boost/json/src.hpp>' >"$root/lib/json.cpp"
     archive libboost_json -- "$root/lib/json.cpp"
     : >"$root/lib/container.cpp"
