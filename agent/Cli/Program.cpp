@@ -22,7 +22,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <new>
 #include <string>
 
@@ -434,7 +433,7 @@ int Run(int argc, char** argv)
         return exitCode;
     } catch (const std::bad_alloc&) {
         // There is no memory even for the text of a message.
-        std::fputs("kbagent: error: Out of memory\n", stderr);
+        PrintError("kbagent: error: Out of memory\n");
         return CouldNotRun;
     }
 }

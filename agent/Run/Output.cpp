@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <poll.h>
@@ -16,18 +17,29 @@ namespace {
 
 constexpr std::size_t BufferSize = 1 << 16;
 
+constexpr std::chrono::milliseconds BetweenLooks{200};
+
+// The time that all waits together may still take after an interrupt. Used by the thread that reports.
+std::chrono::steady_clock::duration s_patience = std::chrono::milliseconds(500);
+
 // A write to a pipe is restarted after a signal handler. The wait for room therefore comes first, in short
-// steps.
-void WaitForRoom()
+// steps. Returns false if the user has interrupted and the reader takes too long.
+bool WaitForRoom(int descriptor)
 {
-    constexpr int MillisecondsBetweenLooks = 200;
-    pollfd waited{STDOUT_FILENO, POLLOUT, 0};
+    using std::chrono::steady_clock;
+    pollfd waited{descriptor, POLLOUT, 0};
     for (;;) {
-        const int ready = poll(&waited, 1, MillisecondsBetweenLooks);
-        if (ready > 0 || (ready < 0 && errno != EINTR))
-            return;
-        if (IsInterrupted())
-            throw OutputError(EINTR);
+        const bool isEnding = IsInterrupted();
+        const auto step = isEnding ? std::chrono::ceil<std::chrono::milliseconds>(s_patience) : BetweenLooks;
+        const auto begin = steady_clock::now();
+        const int ready = poll(&waited, 1, static_cast<int>(step.count()));
+        const bool hasRoom = ready > 0 || (ready < 0 && errno != EINTR);
+        if (isEnding)
+            s_patience -= std::min(s_patience, steady_clock::now() - begin);
+        if (hasRoom)
+            return true;
+        if (isEnding && s_patience == s_patience.zero())
+            return false;
     }
 }
 
@@ -76,14 +88,15 @@ void Output::Flush()
             m_onLoss(error);
         }
     }
-    std::fwrite(rest.data(), 1, rest.size(), stderr);
+    PrintError(rest);
 }
 
 void Output::Write(std::string_view& text)
 {
     // A pipe that is ready for writing accepts PIPE_BUF bytes at once.
     while (!text.empty()) {
-        WaitForRoom();
+        if (!WaitForRoom(STDOUT_FILENO))
+            throw OutputError(EINTR);
         const ssize_t count = write(STDOUT_FILENO, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
         if (count < 0 && errno != EINTR && errno != EAGAIN)
             throw OutputError(errno);
@@ -94,6 +107,17 @@ void Output::Write(std::string_view& text)
 void Output::ContinueAfterLoss(std::function<void(const OutputError& error)> onLoss)
 {
     m_onLoss = std::move(onLoss);
+}
+
+void PrintError(std::string_view text)
+{
+    char part[PIPE_BUF + 1];
+    while (!text.empty() && WaitForRoom(STDERR_FILENO)) {
+        const std::size_t size = text.copy(part, PIPE_BUF);
+        part[size] = '\0';
+        std::fputs(part, stderr); // needs no memory
+        text.remove_prefix(size);
+    }
 }
 
 } // namespace Agent

@@ -1,6 +1,6 @@
 // The process's standard streams. Output is standard output, buffered. A failed write raises, so that a full
 // disk or a closed pipe is never mistaken for success. If a write waits for the reader of a pipe, an
-// interrupt by the user ends it.
+// interrupt by the user ends it: from then on, both streams together wait for half a second at most.
 #pragma once
 
 #include <functional>
@@ -50,6 +50,10 @@ private:
     std::function<void(const OutputError& error)> m_onLoss;
     bool m_isLost = false;
 };
+
+/// Writes text without zero bytes to standard error. Drops it if it cannot be written, or if the reader of a
+/// pipe does not take it in time after an interrupt. Allocates nothing.
+void PrintError(std::string_view text);
 
 /// Opens those of descriptors 0 to 2 that are closed, so that no file of a repository or a target gets their
 /// numbers and is written to as if it were the terminal. Using them still fails, as it would for a closed

@@ -7,7 +7,6 @@
 #include "Krt/Log/LogSite.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <sstream>
 
 namespace Agent {
@@ -86,7 +85,7 @@ void Report::JsonNote(const std::string& json)
 void Report::PrintJsonNote(const std::string& json)
 {
     EraseProgress();
-    std::fputs((PrintableJson(json) + "\n").c_str(), stderr);
+    PrintError(PrintableJson(json) + "\n");
 }
 
 void Report::Error(const YString& text, int exitCode)
@@ -125,8 +124,7 @@ void Report::PrintProgress(const ProgressFacts& facts)
     if (m_sharesTerminal && m_output.IsInLine())
         return;
     // The last column stays free, since some terminals continue on the next line.
-    std::fputs(("\r\033[K" + ProgressLine(text, facts.current, std::max(ErrorWidth(), 2u) - 1)).c_str(),
-               stderr);
+    PrintError("\r\033[K" + ProgressLine(text, facts.current, std::max(ErrorWidth(), 2u) - 1));
     m_isProgressShown = true;
 }
 
@@ -173,14 +171,14 @@ void Report::GoOnWithoutOutput()
 
 void Report::EraseLine()
 {
-    std::fputs("\r\033[K", stderr);
+    PrintError("\r\033[K");
     m_isProgressShown = false;
 }
 
 void Report::Line(const std::string& text)
 {
     EraseProgress();
-    std::fputs(("kbagent: " + text + "\n").c_str(), stderr);
+    PrintError("kbagent: " + text + "\n");
 }
 
 } // namespace Agent

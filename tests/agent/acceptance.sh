@@ -150,3 +150,9 @@ code=0
 wait $program || code=$?
 [ $code -eq 143 ] || fails "the backup ended with $code"
 exec 3>&-
+mkfifo full
+exec 3<>full
+dd if=/dev/zero of=full bs=4096 oflag=nonblock 2>errors || true
+code=0 # both streams wait for the reader until the signal comes
+timeout --preserve-status -k 5 1 "$KBAGENT" volumes >&3 2>&3 || code=$?
+[ $code -eq 143 ] || fails "with a blocked pipe, the program ended with $code"
