@@ -32,11 +32,12 @@ private:
     Job LoadRules(Report& report, std::string& jobText) const;
     std::optional<struct stat> FindRepository() const;
     std::string TextOf(const PathExplanation& explanation, const Job& job, RuleSources& sources,
-                       const TextStyle& style) const;
-    std::string JsonOf(const PathExplanation& explanation, const Job& job, RuleSources& sources) const;
-    TreeNode TreeOf(const PathExplanation& explanation, const Job& job) const
+                       const TextStyle& style, Report& report) const;
+    std::string JsonOf(const PathExplanation& explanation, const Job& job, RuleSources& sources,
+                       Report& report) const;
+    TreeNode TreeOf(const PathExplanation& explanation, const Job& job, Report& report) const
     {
-        return BuildSelectionTree(job, m_repositoryStatus, explanation.path, m_depth);
+        return BuildSelectionTree(job, m_repositoryStatus, explanation.path, m_depth, report);
     }
 
     RepositoryArguments m_repository;
@@ -119,22 +120,22 @@ std::optional<struct stat> ExplainCommand::FindRepository() const
 }
 
 std::string ExplainCommand::TextOf(const PathExplanation& explanation, const Job& job, RuleSources& sources,
-                                   const TextStyle& style) const
+                                   const TextStyle& style, Report& report) const
 {
     if (m_showsTree && explanation.kind == EntryKind::Directory) {
-        const TreeNode tree = TreeOf(explanation, job);
+        const TreeNode tree = TreeOf(explanation, job, report);
         if (tree.outcome.isEntered || !tree.entries.empty())
             return TreeText(tree, job, sources, style);
     }
     return ExplanationText(explanation, sources, style);
 }
 
-std::string ExplainCommand::JsonOf(const PathExplanation& explanation, const Job& job,
-                                   RuleSources& sources) const
+std::string ExplainCommand::JsonOf(const PathExplanation& explanation, const Job& job, RuleSources& sources,
+                                   Report& report) const
 {
     YObject document = ExplanationObject(explanation, sources);
     if (m_showsTree && explanation.kind == EntryKind::Directory)
-        document.Set<YObject>("tree", TreeObject(TreeOf(explanation, job), job, sources));
+        document.Set<YObject>("tree", TreeObject(TreeOf(explanation, job, report), job, sources));
     return PrintableJson(YValue::FromObject(std::move(document)).Stringify(true).Bytes()) + "\n";
 }
 
@@ -144,6 +145,8 @@ void ExplainCommand::Run(Report& report)
     const bool isJson = m_repository.IsJson();
     if (isJson)
         report.UseJson();
+    if (m_repository.Get().isQuiet)
+        report.BeQuiet();
     m_repositoryStatus = FindRepository();
     std::string jobText;
     const Job job = LoadRules(report, jobText);
@@ -152,10 +155,10 @@ void ExplainCommand::Run(Report& report)
     const TextStyle style{UsesColour(), OutputWidth()};
     bool isFirst = true;
     for (const PathExplanation& explanation : Explainer(job, m_repositoryStatus).Explain(PathsOf(m_paths))) {
-        if (isJson)
-            report.Out() << JsonOf(explanation, job, sources);
-        else
-            report.Out() << (isFirst ? "" : "\n") + TextOf(explanation, job, sources, style);
+        const std::string text =
+            isJson ? JsonOf(explanation, job, sources, report)
+                   : (isFirst ? "" : "\n") + TextOf(explanation, job, sources, style, report);
+        report.Out() << text; // which first erases the progress of making it
         isFirst = false;
         if (!explanation.IsStored())
             report.AnswerNo();

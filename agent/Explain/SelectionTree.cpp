@@ -1,6 +1,7 @@
 #include "agent/Explain/SelectionTree.h"
 
 #include "agent/Run/Interrupt.h"
+#include "agent/Run/Report.h"
 #include "agent/Walk/NameList.h"
 
 #include "Krt/File/Unix/Status.h"
@@ -22,10 +23,29 @@ TreeAmount AmountOf(const struct stat& status)
     return {1, S_ISREG(status.st_mode) ? static_cast<unsigned long long>(status.st_size) : 0};
 }
 
+// Counts the visited entries for the progress.
+class Visits
+{
+public:
+    explicit Visits(Report& report) : m_report(report) {}
+    void Add(const YPath& current)
+    {
+        ++m_count;
+        m_report.Progress(
+            [&] { return ProgressFacts{.items = m_count, .unit = "entries", .current = current.Bytes()}; });
+    }
+
+private:
+    Report& m_report;
+    std::uint64_t m_count = 0;
+};
+
 // Counts entries without regard to rules, on one file system.
 class Measure
 {
 public:
+    explicit Measure(Visits& visits) : m_visits(visits) {}
+
     // Counts the entry and all that is below it on the file system of its parent directory. What can't be
     // read makes the count incomplete.
     void Count(const YPath& path)
@@ -47,7 +67,7 @@ public:
             if (open.next == open.names.Size())
                 m_open.pop_back();
             else
-                Try([&] { Visit(open); });
+                Try([&] { Visit(open, path); });
         }
     }
 
@@ -76,8 +96,9 @@ private:
         NameList names(directory);
         m_open.push_back({std::move(directory), std::move(names)});
     }
-    void Visit(Open& open)
+    void Visit(Open& open, const YPath& top)
     {
+        m_visits.Add(top);
         const YString name(open.names.NameAt(open.next++));
         const struct stat status = open.directory.Stat(name);
         amount.Add(AmountOf(status));
@@ -87,6 +108,7 @@ private:
             Enter(open.directory.OpenDirectory(name));
     }
 
+    Visits& m_visits;
     std::deque<Open> m_open;
     dev_t m_device = 0;
 };
@@ -95,8 +117,8 @@ class TreeRun : private IWalkVisitor
 {
 public:
     TreeRun(const Job& job, const std::optional<struct stat>& repository, const YPath& top,
-            unsigned int depth)
-        : m_depth(depth), m_starts(job.roots)
+            unsigned int depth, Report& report)
+        : m_depth(depth), m_starts(job.roots), m_visits(report)
     {
         m_top.path = top;
         m_top.name = top.Bytes();
@@ -117,6 +139,7 @@ public:
 private:
     bool OnSelected(const WalkedEntry& entry) override
     {
+        m_visits.Add(entry.path);
         TreeNode* const node = Begin(entry.path);
         const struct stat& status = entry.Status();
         const auto failure = S_ISREG(status.st_mode) ? FailureToRead(entry.path) : std::optional<YString>();
@@ -137,6 +160,7 @@ private:
     }
     void OnNotSelected(const YPath& path) override
     {
+        m_visits.Add(path);
         Begin(path);
         m_pending = path;
     }
@@ -241,7 +265,7 @@ private:
         TreeNode* const node = NodeOf(path);
         if (node == nullptr)
             return;
-        Measure measure;
+        Measure measure(m_visits);
         measure.Count(path);
         node->left.Add(measure.amount);
         node->isCounted = node->isCounted && measure.isComplete;
@@ -275,6 +299,7 @@ private:
     TreeNode m_top;
     const std::size_t m_depth;
     const std::set<YPath>& m_starts;
+    Visits m_visits;
     std::optional<YPath> m_unopened; // the last selected directory, until the walk has opened it
     std::optional<YPath> m_pending;  // an entry that is left out, unless the walk enters it next
 };
@@ -282,9 +307,9 @@ private:
 } // namespace
 
 TreeNode BuildSelectionTree(const Job& job, const std::optional<struct stat>& repository, const YPath& top,
-                            unsigned int depth)
+                            unsigned int depth, Report& report)
 {
-    return TreeRun(job, repository, top, depth).Take();
+    return TreeRun(job, repository, top, depth, report).Take();
 }
 
 } // namespace Agent

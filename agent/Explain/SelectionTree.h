@@ -13,6 +13,8 @@
 
 namespace Agent {
 
+class Report;
+
 /// Entries, and the bytes of the regular files among them.
 struct TreeAmount
 {
@@ -43,10 +45,10 @@ struct TreeNode
 };
 
 /// Walks the directory and all that is below it, as a backup would. Counts what is left out, except for the
-/// contents of mount points. `depth` is the number of levels that get nodes. Raises InvalidState if the user
-/// interrupts.
+/// contents of mount points. `depth` is the number of levels that get nodes. `report` gets the progress.
+/// Raises InvalidState if the user interrupts.
 TreeNode BuildSelectionTree(const Job& job, const std::optional<struct stat>& repository,
-                            const Krt::File::YPath& top, unsigned int depth);
+                            const Krt::File::YPath& top, unsigned int depth, Report& report);
 
 /// Returns a line for each node.
 std::string TreeText(const TreeNode& tree, const Job& job, RuleSources& sources, const TextStyle& style);

@@ -119,6 +119,8 @@ echo "== progress"
 KBAGENT_PROGRESS_FPS=1000 run 0 restore latest --target again -q
 grep -q '^kbagent: \[0:[0-9][0-9]\] .* files/dirs' errors || fails "no progress without a terminal"
 KBAGENT_PROGRESS_FPS=1000 run 0 check --read-data --json
+KBAGENT_PROGRESS_FPS=1000000 run 0 explain --job nightly.json --tree "$home"
+grep -q '^kbagent: \[0:[0-9][0-9]\] [0-9]* entries ' errors || fails "no progress of a tree"
 if script -qec true /dev/null >/dev/null 2>&1; then
     # What a terminal erases begins with a return. Neither part of a line may contain the other kind of text.
     KBAGENT_PROGRESS_FPS=1000 script -qec "$KBAGENT restore latest -v --target third" terminal >/dev/null

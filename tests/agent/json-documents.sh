@@ -41,7 +41,7 @@ run 4 "job check" job check bad.json
 run 0 "job new" job new place.json home/a/x.txt
 run 0 "job remove" job remove place.json 1 # only the rule at the place of the file is left
 run 0 explain explain --job place.json home/a/x.txt
-run 4 explain explain --job job.json "$home" "$home/a/x.tmp" "$home/gone" --tree
+KBAGENT_PROGRESS_FPS=1000000 run 4 explain explain --job job.json "$home" "$home/a/x.tmp" "$home/gone" --tree
 run 0 backup backup --job job.json -v
 printf '3' >>home/a/x.txt
 run 3 backup backup "$home" "$home/gone" --verbose
