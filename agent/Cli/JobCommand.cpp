@@ -6,6 +6,7 @@
 #include "agent/Job/JobFile.h"
 #include "agent/Job/JobReview.h"
 #include "agent/Job/PatternRule.h"
+#include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 #include "agent/Walk/Roots.h"
 #include "agent/Walk/RuleText.h"
@@ -70,6 +71,7 @@ public:
 
     void Add(const YSelectionPathDescriptor& rule)
     {
+        RaiseIfInterrupted();
         if (m_manager.Add(rule))
             m_added.push_back(rule);
         else
@@ -79,6 +81,7 @@ public:
     void NoteDropped() const
     {
         for (const YSelectionPathDescriptor& rule : m_added) {
+            RaiseIfInterrupted();
             if (!HasRule(m_manager, rule))
                 m_report.Note(YString("now covered by other rules: " + RulePhrase(rule)));
         }

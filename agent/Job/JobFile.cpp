@@ -1,6 +1,7 @@
 #include "agent/Job/JobFile.h"
 
 #include "agent/Run/FileGuard.h"
+#include "agent/Run/Interrupt.h"
 #include "agent/Run/TemporaryName.h"
 #include "agent/Run/Text.h"
 #include "agent/Walk/JobCheck.h"
@@ -86,6 +87,7 @@ std::vector<JobRule> RulesOf(const YObject& job, const RuleLines& lines)
 std::vector<JobRule> LoadRules(const std::string& jobFile)
 {
     const std::string text = ReadJobFile(jobFile);
+    const EndingOnInterrupts ending; // the rules of a large job take some time
     try {
         const auto job = YValue::Parse(text, YValue::DuplicateKeys::Refuse);
         CheckJob(job->AsObject(), [](const JobFinding& finding) {

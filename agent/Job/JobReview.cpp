@@ -1,5 +1,6 @@
 #include "agent/Job/JobReview.h"
 
+#include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 #include "agent/Walk/JobCheck.h"
 #include "agent/Walk/Roots.h"
@@ -273,6 +274,7 @@ bool JobReview::HasMistakes() const
 
 JobReview ReviewJob(const std::string& text)
 {
+    const EndingOnInterrupts ending; // the rules of a large job take some time
     JobReview review;
     bool hasErrors = false;
     const RuleLines lines(text);
