@@ -31,7 +31,8 @@ public:
 
 private:
     std::optional<Repo::Snapshot> Filter(const StoredSnapshot& stored, const Patterns& excludes,
-                                         Session& session, Repo::BlobSaver& saver) const;
+                                         Session& session, Repo::BlobSaver& saver,
+                                         const std::function<void()>& onStep) const;
     void Save(const StoredSnapshot& stored, const Repo::Snapshot& changed, const StoredSnapshot* before,
               Session& session, Repo::BlobSaver& saver) const;
 
@@ -85,13 +86,15 @@ void RewriteCommand::Run(Report& report)
     if (!m_isDryRun)
         report.GoOnWithoutOutput();
     std::uint64_t done = 0;
-    for (const StoredSnapshot& stored : snapshots) {
+    const auto onStep = [&] {
         report.Progress([&] { return ProgressFacts{done, snapshots.size(), "snapshots"}; });
-        ++done;
+    };
+    for (const StoredSnapshot& stored : snapshots) {
         if (!options.isJson && !options.isQuiet)
             report.Out() << Printable(DescribeSnapshot(stored)) << "\n";
         report.Out().Flush(); // before errors
-        const std::optional<Repo::Snapshot> changed = Filter(stored, excludes, session, saver);
+        const std::optional<Repo::Snapshot> changed = Filter(stored, excludes, session, saver, onStep);
+        ++done;
         if (!changed)
             continue;
         const StoredSnapshot* const before = FindRewritten(existing, stored.id, *changed);
@@ -118,13 +121,14 @@ void RewriteCommand::Run(Report& report)
 
 // Returns nothing if no entry matches, or if the snapshot can't be read, which is reported.
 std::optional<Repo::Snapshot> RewriteCommand::Filter(const StoredSnapshot& stored, const Patterns& excludes,
-                                                     Session& session, Repo::BlobSaver& saver) const
+                                                     Session& session, Repo::BlobSaver& saver,
+                                                     const std::function<void()>& onStep) const
 {
     Report& report = session.GetReport();
     const bool prints = !session.GetOptions().isJson && !session.GetOptions().isQuiet;
     bool isSaving = false;
     std::string excluded; // printed if the snapshot is not kept as it is
-    TreeFilter filter(session.GetRepository(), excludes);
+    TreeFilter filter(session.GetRepository(), excludes, onStep);
     try {
         Repo::Snapshot changed = stored.snapshot;
         changed.tree = filter.Apply(

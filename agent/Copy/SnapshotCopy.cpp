@@ -62,6 +62,7 @@ void SnapshotCopy::CopyTrees(const Id& root)
         if (!m_visited.insert(tree).second)
             continue;
         Visit(tree, waiting);
+        m_observer.OnProgress(m_visited.size(), 0);
         if (m_queued.size() >= QueueLimit)
             CopyQueued();
     }

@@ -22,12 +22,14 @@ public:
     SnapshotRepair(const Repo::Repository& repository, const RepairOptions& options, IWorkObserver& observer)
         : m_repository(repository), m_options(options), m_observer(observer),
           m_saver(repository, SavingOptions()),
-          m_trees(repository, options.isDryRun ? nullptr : &m_saver,
-                  [this](const std::string& path, const std::string& change) {
-                      m_outcome.losesDirectories |=
-                          change == TreeRepair::Emptied || change.starts_with(TreeRepair::CutOff);
-                      m_observer.OnNote("  \"" + path + "\": " + change);
-                  })
+          m_trees(
+              repository, options.isDryRun ? nullptr : &m_saver,
+              [this](const std::string& path, const std::string& change) {
+                  m_outcome.losesDirectories |=
+                      change == TreeRepair::Emptied || change.starts_with(TreeRepair::CutOff);
+                  m_observer.OnNote("  \"" + path + "\": " + change);
+              },
+              [this](std::uint64_t trees) { m_observer.OnProgress(trees, 0); })
     {}
 
     RepairOutcome Run(const std::vector<StoredSnapshot>& snapshots)

@@ -33,8 +33,10 @@ std::optional<TreeRepair::Result> TreeRepair::Repair(const Id& root)
         return std::nullopt;
     while (!m_open.empty()) {
         RaiseIfInterrupted();
-        if (!RepairNext())
-            Close();
+        if (RepairNext())
+            continue;
+        Close();
+        m_onDone(m_done.size());
     }
     return m_done.at(root);
 }

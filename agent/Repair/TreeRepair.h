@@ -26,9 +26,14 @@ public:
     /// Called for a change with the path, which begins with "/".
     using ChangeVisitor = std::function<void(const std::string& path, const std::string& change)>;
 
+    /// Called with the number of trees that were done.
+    using DoneVisitor = std::function<void(std::uint64_t trees)>;
+
     /// Trees that change are given to `saver`; not if it is null.
-    TreeRepair(const Repo::Repository& repository, Repo::BlobSaver* saver, ChangeVisitor onChange)
-        : m_repository(repository), m_saver(saver), m_onChange(std::move(onChange))
+    TreeRepair(const Repo::Repository& repository, Repo::BlobSaver* saver, ChangeVisitor onChange,
+               DoneVisitor onDone)
+        : m_repository(repository), m_saver(saver), m_onChange(std::move(onChange)),
+          m_onDone(std::move(onDone))
     {}
 
     /// What a tree is replaced with.
@@ -71,6 +76,7 @@ private:
     const Repo::Repository& m_repository;
     Repo::BlobSaver* m_saver;
     ChangeVisitor m_onChange;
+    DoneVisitor m_onDone;
     std::unordered_map<Repo::Id, Result, Repo::IdHash> m_done; // what replaces each tree
     std::vector<OpenTree> m_open;
     std::string m_path;

@@ -174,6 +174,19 @@ void RestoreProgress::ShowProgress(const std::string& path, unsigned long long m
     });
 }
 
+void RestoreProgress::ShowVerification(const std::string& path, unsigned long long more)
+{
+    if (m_settings.isJson) // restic has no such document
+        return ShowProgress(path);
+    m_report.Progress([&] {
+        return ProgressFacts{.items = m_totals.verified,
+                             .unit = "files verified",
+                             .bytes = m_totals.bytesVerified + more,
+                             .totalBytes = m_totals.bytes,
+                             .current = path};
+    });
+}
+
 void RestoreProgress::PrintSummary()
 {
     constexpr const char* Done = "The restore is done";

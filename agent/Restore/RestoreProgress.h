@@ -31,6 +31,8 @@ public:
     /// Prints how far the restore has come when that is due, `more` bytes of the current file included. Cheap
     /// enough to be called for each entry and each block.
     void ShowProgress(const std::string& path, unsigned long long more = 0);
+    /// Prints how far the verification has come when that is due, `more` bytes of the current file included.
+    void ShowVerification(const std::string& path, unsigned long long more);
     /// Prints what was done.
     void PrintSummary();
 

@@ -9,6 +9,7 @@
 #include "Krt/Util/YUnxHandle.h"
 
 #include <cerrno>
+#include <functional>
 #include <optional>
 #include <sys/stat.h>
 
@@ -23,8 +24,9 @@ using Repo::NodeType;
 
 namespace {
 
-// Returns true if the file has the content of the node.
-bool HasContent(const Repo::Index& index, const Krt::Util::YUnxHandle& file, const Node& node)
+// Returns true if the file has the content of the node. Calls `onRead` with the bytes that were read.
+bool HasContent(const Repo::Index& index, const Krt::Util::YUnxHandle& file, const Node& node,
+                const std::function<void(std::uint64_t bytes)>& onRead)
 {
     const struct stat status = Krt::File::Stat(file);
     if (!S_ISREG(status.st_mode) || static_cast<std::uint64_t>(status.st_size) != node.size || !node.content)
@@ -39,6 +41,7 @@ bool HasContent(const Repo::Index& index, const Krt::Util::YUnxHandle& file, con
             Repo::Id::Of(part) != id)
             return false;
         offset += part.size();
+        onRead(offset);
     }
     return true;
 }
@@ -67,8 +70,11 @@ void VerifyFile(RestoreState& state, const std::string& path, const Node& node)
             state.report.Note(YString(path + ": Not verified: its mode does not allow the user to read it"));
             return;
         }
-        KRT_RAISE_UNLESS(HasContent(state.repository.GetIndex(), *file, node), ErrorCode::InvalidState,
-                         "Verified, and its content is not that of the snapshot");
+        const auto onRead = [&](std::uint64_t bytes) {
+            state.progress.ShowVerification(path, bytes);
+        };
+        KRT_RAISE_UNLESS(HasContent(state.repository.GetIndex(), *file, node, onRead),
+                         ErrorCode::InvalidState, "Verified, and its content is not that of the snapshot");
         state.progress.CountVerified(node.size);
     } catch (const Krt::Exception::YError& error) {
         RaiseIfInterrupted();
@@ -80,6 +86,7 @@ void VerifyFile(RestoreState& state, const std::string& path, const Node& node)
 
 void VerifyRestored(RestoreState& state, const Repo::Id& tree)
 {
+    state.report.RestartProgress();
     WalkTree(
         state.repository, tree, "",
         [&](const std::string& path, Node& node) {

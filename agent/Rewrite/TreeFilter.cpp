@@ -90,6 +90,7 @@ Id TreeFilter::Apply(const Id& root, const TreeSaver& save, const ExcludedVisito
     open.push_back(std::make_unique<OpenTree>(m_repository, root, ""));
     for (;;) {
         RaiseIfInterrupted();
+        m_onStep();
         OpenTree& tree = *open.back();
         if (!tree.reader.Next(tree.node)) {
             const Id id = tree.Close(save);

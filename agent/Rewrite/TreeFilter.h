@@ -18,9 +18,10 @@ public:
     /// Called for an entry that is left out, for a directory without what is below it.
     using ExcludedVisitor = std::function<void(const std::string& path)>;
 
-    /// The repository and the patterns outlive this object.
-    TreeFilter(const Repo::Repository& repository, const Patterns& excludes)
-        : m_repository(repository), m_excludes(excludes)
+    /// The repository and the patterns outlive this object. `onStep` is called for each entry.
+    TreeFilter(
+        const Repo::Repository& repository, const Patterns& excludes, std::function<void()> onStep = [] {})
+        : m_repository(repository), m_excludes(excludes), m_onStep(std::move(onStep))
     {}
 
     /// Returns the root tree without the entries that match: the given one if none does. The index is loaded.
@@ -43,6 +44,7 @@ public:
 private:
     const Repo::Repository& m_repository;
     const Patterns& m_excludes;
+    std::function<void()> m_onStep;
     std::uint64_t m_entries = 0;
     std::uint64_t m_files = 0;
     std::uint64_t m_bytes = 0;

@@ -110,7 +110,7 @@ void Report::NoteLocation(const YString& location)
 void Report::BeginPart()
 {
     m_hasParts = true;
-    m_part = steady_clock::now();
+    RestartProgress();
 }
 
 void Report::PrintProgress(const ProgressFacts& facts)

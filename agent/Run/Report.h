@@ -71,6 +71,8 @@ public:
 
     /// A part of long work begins, to which progress refers from now on.
     void BeginPart();
+    /// Progress refers to the time from now on. For a part of work whose summary has the duration.
+    void RestartProgress() { m_part = std::chrono::steady_clock::now(); }
     /// Prints how far the work has come when that is due; see ProgressClock. Cheap enough to be called for
     /// each entry and each block. `facts` returns ProgressFacts, and is called only if they are printed.
     template <class Facts>

@@ -116,8 +116,11 @@ for part in "${parts[@]}"; do
 done
 
 echo "== progress"
-KBAGENT_PROGRESS_FPS=1000 run 0 restore latest --target again -q
+KBAGENT_PROGRESS_FPS=1000000 run 0 restore latest --target again -q --verify
 grep -q '^kbagent: \[0:[0-9][0-9]\] .* files/dirs' errors || fails "no progress without a terminal"
+grep -q '^kbagent: \[0:[0-9][0-9]\] .* files verified' errors || fails "no progress of a verification"
+KBAGENT_PROGRESS_FPS=1000000 run 0 rewrite -n --exclude notes.txt
+grep -q '^kbagent: \[0:[0-9][0-9]\] .* 1 / 3 snapshots' errors || fails "no progress of a rewrite"
 KBAGENT_PROGRESS_FPS=1000 run 0 check --read-data --json
 KBAGENT_PROGRESS_FPS=1000000 run 0 explain --job nightly.json --tree "$home"
 grep -q '^kbagent: \[0:[0-9][0-9]\] [0-9]* entries ' errors || fails "no progress of a tree"
