@@ -61,6 +61,7 @@ TEST_F(ServiceCommandTest, ActionsChangeStatus)
         << unit;
     EXPECT_EQ(Run({"status", "kb"}), "4 kb: stopped\n");
     EXPECT_EQ(Run({"start", "kb"}), "0 kb: started\n");
+    EXPECT_NE(Run({"status", "kb", "--json"}).find(R"("name":"kb","state":"running"})"), std::string::npos);
     EXPECT_EQ(Run({"status", "kb"}), "0 kb: running\n");
     EXPECT_EQ(Run({"restart", "kb"}), "0 kb: restarted\n");
     EXPECT_EQ(Run({"stop", "--force", "kb", "--timeout", "0"}), "0 kb: stopped\n");

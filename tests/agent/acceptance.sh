@@ -134,6 +134,8 @@ if script -qec true /dev/null >/dev/null 2>&1; then
         END { if (!shown) print "no progress on a terminal" }' >output
     : >errors
     [ ! -s output ] || fails "$(cat -v terminal)"
+    NO_COLOR='' TERM=xterm script -qec "$KBAGENT explain --job nightly.json --tree $home" coloured >/dev/null
+    grep -q $'\033\\[31mcache/' coloured || fails "what is left out has no colour: $(cat -v coloured)"
 fi
 
 echo "== SIGUSR1, SIGTERM"
