@@ -38,7 +38,7 @@ parts=()
 for argument in "$@"; do
     case $argument in
     --quick)
-        isQuick=true turns=1 sources=(/usr/include/linux) large=16 many=3000 plotted=(300 1000 3000) measured=3000
+        isQuick=true turns=1 sources=(/usr/include/linux) large=16 many=3000 plotted=(1000 3000 10000) measured=3000
         blobs=50000 changed=100000 sparse=1G snapshots=20 filled=100000
         ;;
     tree | large | prune | one | calls | memory | plot | growth) parts+=("$argument") ;;
@@ -75,7 +75,8 @@ row() {
         END {
             printf "%s\t%s\t%s", name, value, unit
             if (how != "")
-                printf "\t%s %s\tgoal %s\t%s", how, reach, goal, meets(goal) ? "goal met" : meets(reach) ? "met" : "missed"
+                printf "\t%s %s\tgoal %s\t%s", how, reach, goal,
+                    value + 0 <= 0 ? "invalid" : meets(goal) ? "goal met" : meets(reach) ? "met" : "missed"
             print ""
         }' bench/bounds | tee -a "$results"
 }
@@ -223,7 +224,8 @@ measure_one() {
     # A file for each thread, so that no call is split into two lines.
     quietly strace -ff -y -s 0 -e trace=read,readv,pread64,preadv,preadv2 -o "$work/reads" \
         "$kbagent" -q -r "$repository" restore latest --include "$file" --target "$target"
-    bytes=$(cat "$work"/reads.* | awk -v data="<$repository/data/" 'index($0, data) { bytes += $NF } END { printf "%.0f", bytes }')
+    bytes=$(cat "$work"/reads.* | awk -v data="<$repository/data/" \
+        'index($0, data) { bytes += $NF } END { printf "%.0f", bytes }')
     [ "$bytes" -gt 0 ]
     row program.one.read "$(quotient "$bytes" 1048576)" MiB
 }
@@ -387,7 +389,8 @@ measure_growth() {
     export kbagent repository work
     # shellcheck disable=SC2016 # it is expanded by the inner shell
     quietly xargs -P 16 -I {} bash -c \
-        'echo "change {}" >"$work/small/$(({} % 100 + 1))"; exec "$kbagent" -q -r "$repository" backup "$work/small"' \
+        'echo "change {}" >"$work/small/$(({} % 100 + 1))"
+        exec "$kbagent" -q -r "$repository" backup "$work/small"' \
         < <(seq "$snapshots")
     [ "$(find "$repository/snapshots" -type f | wc -l)" -eq "$snapshots" ]
     wait_for_trust
