@@ -198,7 +198,7 @@ Response S3Backend::SendFor(const FileName& file, Call& call, Bytes& body)
     call.isCleanUp = file.kind == FileKind::Lock;
     Response response = Send(call, body);
     const auto isMissing = [&] {
-        return response.status == NotFound && call.method != Method::Delete &&
+        return response.status == NotFound && (call.method == Method::Get || call.method == Method::Head) &&
                ParseError(body).code != "NoSuchBucket";
     };
     if (isMissing() && call.method == Method::Get)
