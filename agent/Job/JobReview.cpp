@@ -51,6 +51,81 @@ bool Covers(const YSelectionPathDescriptor& rule, const YSelectionPathDescriptor
     return one.IsDescriptorRedundant(AsExclude(other));
 }
 
+YSelectionManager::Components ComponentsOf(const YSelectionPathDescriptor& rule)
+{
+    return rule.GetPath().PopulateComponents();
+}
+
+bool NamesOneEntry(const YSelectionPathDescriptor& rule)
+{
+    return !rule.IsRecursive() && rule.GetDescriptor().GetMatchType() == MatchType::Exact;
+}
+
+std::string Shown(const YPath& path)
+{
+    return path.IsEmpty() ? "/" : path.Bytes();
+}
+
+// One that can't be examined may be one.
+bool MayBeDirectory(const YPath& path)
+{
+    struct stat status = {};
+    return lstat(path.CStr(), &status) == 0 ? S_ISDIR(status.st_mode) : errno != ENOENT && errno != ENOTDIR;
+}
+
+ReviewFinding NoteOn(const std::set<YPath>& places, const std::string& fact)
+{
+    std::string text;
+    std::size_t count = 0;
+    for (const YPath& place : places) {
+        if (++count <= MostDirectories)
+            text += (text.empty() ? "" : ", ") + Shown(place);
+    }
+    if (count > MostDirectories)
+        text += " and " + std::to_string(count - MostDirectories) + " further directories";
+    return {Level::Note, 0, "", text + fact};
+}
+
+// The directories that are stored with an entry in them, but not by themselves. That of a rule which names
+// one entry is merely on the way to it.
+std::set<YPath> DirectoriesNotIncluded(const std::vector<JobRule>& rules, const YSelectionManager& selection)
+{
+    std::set<YPath> places;
+    for (const JobRule& each : rules) {
+        const YPath& place = each.rule.GetPath();
+        if (each.rule.IsInclude() && !NamesOneEntry(each.rule) && !ComponentsOf(each.rule).empty() &&
+            MayBeDirectory(place) &&
+            selection.GetPathSelectionType(place) == YSelectionDescriptor::NotSelectedDoRecurse)
+            places.insert(place);
+    }
+    return places;
+}
+
+std::set<YPath> PathsNotExamined(const std::vector<JobRule>& rules)
+{
+    std::set<YPath> places;
+    for (const JobRule& each : rules) {
+        struct stat status = {};
+        if (each.rule.IsInclude() && lstat(each.rule.GetPath().CStr(), &status) != 0 && errno == EACCES)
+            places.insert(each.rule.GetPath());
+    }
+    return places;
+}
+
+void AddNotes(const std::vector<JobRule>& rules, const YSelectionManager& selection,
+              std::vector<ReviewFinding>& findings)
+{
+    if (const auto places = DirectoriesNotIncluded(rules, selection); !places.empty())
+        findings.push_back(
+            NoteOn(places, std::string(places.size() == 1 ? " is" : " are") +
+                               " stored only with an entry inside, since no rule includes the directory "
+                               "itself; 'kbagent job add FILE --directory PATH' includes it"));
+    if (const auto places = PathsNotExamined(rules); !places.empty())
+        findings.push_back(
+            NoteOn(places, " can't be examined by this user, so mistakes there are not found"));
+}
+
+// Finds rules that have no effect, or another one than was probably meant.
 class RuleReview
 {
 public:
@@ -78,16 +153,10 @@ public:
         }
         if (m_job.roots.empty())
             m_findings.push_back({Level::Warning, 0, "", "the job includes nothing that a walk reaches"});
-        NoteDirectories();
-        NotePathsThatCannotBeExamined();
+        AddNotes(m_rules, m_job.rules, m_findings);
     }
 
 private:
-    static YSelectionManager::Components ComponentsOf(const YSelectionPathDescriptor& rule)
-    {
-        return rule.GetPath().PopulateComponents();
-    }
-
     // Returns a text such as "excludes[1] (line 20)"; otherwise "another rule".
     template <class Predicate>
     std::string FindRule(std::size_t except, const Predicate& isFound)
@@ -136,9 +205,8 @@ private:
             Warn(index, "excludes nothing, because nothing in " + Shown(rule.GetPath()) + " is included");
             return;
         }
-        const bool namesOne = !rule.IsRecursive() && rule.GetDescriptor().GetMatchType() == MatchType::Exact;
         const YPath named =
-            namesOne ? rule.GetPath().Append(rule.GetDescriptor().GetPattern()) : rule.GetPath();
+            NamesOneEntry(rule) ? rule.GetPath().Append(rule.GetDescriptor().GetPattern()) : rule.GetPath();
         struct stat status = {};
         if (named.IsEmpty() || lstat(named.CStr(), &status) == 0)
             return;
@@ -194,62 +262,6 @@ private:
                 Warn(static_cast<std::size_t>(rule - m_rules.begin()), text);
         });
     }
-
-    // One that can't be examined may be one.
-    static bool MayBeDirectory(const YPath& path)
-    {
-        struct stat status = {};
-        return lstat(path.CStr(), &status) == 0 ? S_ISDIR(status.st_mode)
-                                                : errno != ENOENT && errno != ENOTDIR;
-    }
-
-    // The place of a rule is stored with an entry in it, but not by itself. That of a rule which names one
-    // entry is merely on the way to it.
-    void NoteDirectories()
-    {
-        std::set<YPath> places;
-        for (const JobRule& each : m_rules) {
-            const YPath& place = each.rule.GetPath();
-            const bool namesOne =
-                !each.rule.IsRecursive() && each.rule.GetDescriptor().GetMatchType() == MatchType::Exact;
-            if (each.rule.IsInclude() && !namesOne && !ComponentsOf(each.rule).empty() &&
-                MayBeDirectory(place) &&
-                m_job.rules.GetPathSelectionType(place) == YSelectionDescriptor::NotSelectedDoRecurse)
-                places.insert(place);
-        }
-        if (places.empty())
-            return;
-        AddNote(places, std::string(places.size() == 1 ? " is" : " are") +
-                            " stored only with an entry inside, since no rule includes the directory "
-                            "itself; 'kbagent job add FILE --directory PATH' includes it");
-    }
-
-    void NotePathsThatCannotBeExamined()
-    {
-        std::set<YPath> places;
-        for (const JobRule& each : m_rules) {
-            struct stat status = {};
-            if (each.rule.IsInclude() && lstat(each.rule.GetPath().CStr(), &status) != 0 && errno == EACCES)
-                places.insert(each.rule.GetPath());
-        }
-        if (!places.empty())
-            AddNote(places, " can't be examined by this user, so mistakes there are not found");
-    }
-
-    void AddNote(const std::set<YPath>& places, const std::string& fact)
-    {
-        std::string text;
-        std::size_t count = 0;
-        for (const YPath& place : places) {
-            if (++count <= MostDirectories)
-                text += (text.empty() ? "" : ", ") + Shown(place);
-        }
-        if (count > MostDirectories)
-            text += " and " + std::to_string(count - MostDirectories) + " further directories";
-        m_findings.push_back({Level::Note, 0, "", text + fact});
-    }
-
-    static std::string Shown(const YPath& path) { return path.IsEmpty() ? "/" : path.Bytes(); }
 
     void Warn(std::size_t index, const std::string& text)
     {

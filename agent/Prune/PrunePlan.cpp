@@ -43,27 +43,27 @@ struct PackState
     std::uint64_t Unneeded() const { return spare.bytes + unused.bytes; }
 };
 
-class Planner
+// Chooses the copy of each used blob that stays, and finds out what that means for each pack.
+class CopyChoice
 {
 public:
-    Planner(const Repo::Index& index, const BlobFacts& facts, const PackSizes& files,
-            const PruneOptions& options, const std::function<void()>& onLook)
-        : m_index(index), m_packs(index.GetPacks()), m_facts(facts), m_files(files), m_options(options),
-          m_onLook(onLook), m_states(m_packs.size())
+    // Sets what the plan says of blobs and of files.
+    CopyChoice(const Repo::Index& index, const BlobFacts& facts, const PackSizes& files,
+               const std::function<void()>& onLook, PrunePlan& plan)
+        : m_index(index), m_packs(index.GetPacks()), m_facts(facts), m_files(files), m_onLook(onLook),
+          m_states(m_packs.size()), m_plan(plan)
     {
-        m_plan.fates.assign(m_packs.size(), PackFate::Remove);
         m_plan.isNeeded.resize(index.CountBlobs());
     }
 
-    PrunePlan Run()
+    // Returns the states of the packs, by their numbers.
+    std::vector<PackState> Run()
     {
         CompareFiles();
         FindWaste();
         ChooseCopies();
         CountBlobs();
-        ChooseFates();
-        CountFates();
-        return std::move(m_plan);
+        return std::move(m_states);
     }
 
 private:
@@ -187,6 +187,35 @@ private:
         }
     }
 
+    const Repo::Index& m_index;
+    const std::vector<IndexedPack>& m_packs;
+    const BlobFacts& m_facts;
+    const PackSizes& m_files;
+    const std::function<void()>& m_onLook;
+    std::vector<bool> m_isCopy; // of a used blob, by the number of the blob
+    std::vector<PackState> m_states;
+    PrunePlan& m_plan;
+};
+
+// Decides what is done with each pack.
+class FateChoice
+{
+public:
+    // Sets what the plan says of packs.
+    FateChoice(const std::vector<IndexedPack>& packs, const std::vector<PackState>& states,
+               const PruneOptions& options, PrunePlan& plan)
+        : m_packs(packs), m_states(states), m_options(options), m_plan(plan)
+    {
+        m_plan.fates.assign(packs.size(), PackFate::Remove);
+    }
+
+    void Run()
+    {
+        ChooseFates();
+        CountFates();
+    }
+
+private:
     // Packs far below this size are small.
     std::uint64_t SmallLimit() const
     {
@@ -305,15 +334,10 @@ private:
         }
     }
 
-    const Repo::Index& m_index;
     const std::vector<IndexedPack>& m_packs;
-    const BlobFacts& m_facts;
-    const PackSizes& m_files;
+    const std::vector<PackState>& m_states;
     const PruneOptions& m_options;
-    const std::function<void()>& m_onLook;
-    std::vector<bool> m_isCopy; // of a used blob, by the number of the blob
-    std::vector<PackState> m_states;
-    PrunePlan m_plan;
+    PrunePlan& m_plan;
 };
 
 } // namespace
@@ -383,7 +407,10 @@ std::uint64_t PruneStatistics::RemainingUnused() const
 PrunePlan MakePrunePlan(const Repo::Index& index, const BlobFacts& facts, const PackSizes& files,
                         const PruneOptions& options, const std::function<void()>& onLook)
 {
-    return Planner(index, facts, files, options, onLook).Run();
+    PrunePlan plan;
+    const std::vector<PackState> states = CopyChoice(index, facts, files, onLook, plan).Run();
+    FateChoice(index.GetPacks(), states, options, plan).Run();
+    return plan;
 }
 
 } // namespace Agent

@@ -29,6 +29,138 @@ bool IsOutOfSpace(const Krt::Exception::YError& error)
     return number == ENOSPC || number == EDQUOT || number == EFBIG;
 }
 
+// Calls `work` with each pack on several threads. This thread calls `meanwhile` and reports the progress.
+void RunOnPacks(
+    const std::vector<std::uint32_t>& packs, IWorkObserver& observer,
+    const std::function<void(std::uint32_t pack)>& work, const std::function<void()>& meanwhile = [] {})
+{
+    std::atomic<std::size_t> next{0};
+    std::atomic<std::uint64_t> done{0};
+    RunOnThreads(
+        std::min<unsigned int>(WorkerCount(), static_cast<unsigned int>(packs.size())),
+        [&](const std::function<bool()>& hasFailed) {
+            for (std::size_t i = next++; i < packs.size() && !hasFailed(); i = next++) {
+                work(packs[i]);
+                ++done;
+            }
+        },
+        [&] {
+            meanwhile();
+            observer.OnProgress(done, packs.size());
+        });
+}
+
+// Reads the copies that a prune keeps of blobs whose other copies it removes. A damaged one must not be the
+// only one that stays.
+class CopyCheck
+{
+public:
+    CopyCheck(const Repo::Repository& repository, IWorkObserver& observer)
+        : m_repository(repository), m_observer(observer)
+    {}
+
+    // Reads the needed copies of which others are to be removed. Returns true if some are damaged, and adds
+    // these to the facts. Copies in packs that are repacked are read then.
+    bool FindBad(const PrunePlan& plan, BlobFacts& facts)
+    {
+        m_isRead.resize(facts.isBad.size());
+        const std::vector<bool> isUnread = FindUnread(plan);
+        std::vector<std::uint32_t> packs;
+        for (std::uint32_t number = 0; number < isUnread.size(); ++number) {
+            if (!isUnread[number])
+                continue;
+            m_isRead[number] = true;
+            const std::uint32_t pack = m_repository.GetIndex().At(number).pack;
+            if (packs.empty() || packs.back() != pack)
+                packs.push_back(pack);
+        }
+        if (packs.empty())
+            return false;
+        std::sort(packs.begin(), packs.end());
+        packs.erase(std::unique(packs.begin(), packs.end()), packs.end());
+        const std::vector<std::uint32_t> bad = ReadCopies(packs, isUnread);
+        for (const std::uint32_t number : bad)
+            facts.isBad[number] = true;
+        return !bad.empty();
+    }
+
+private:
+    // The needed copies of kept packs that were not read yet, and of which another copy is to be removed.
+    std::vector<bool> FindUnread(const PrunePlan& plan) const
+    {
+        const Repo::Index& index = m_repository.GetIndex();
+        std::vector<bool> isUnread(m_isRead.size());
+        for (std::uint32_t number = 0; number < m_isRead.size(); ++number) {
+            if (number % BlobsPerLook == 0)
+                RaiseIfInterrupted();
+            const Repo::IndexedBlob blob = index.At(number);
+            if (plan.isNeeded[number] || plan.fates[blob.pack] == PackFate::Keep)
+                continue;
+            index.VisitAll(blob.blob.handle, [&](const Repo::IndexedBlob& copy) {
+                if (plan.isNeeded[copy.number] && !m_isRead[copy.number] &&
+                    plan.fates[copy.pack] == PackFate::Keep)
+                    isUnread[copy.number] = true;
+            });
+        }
+        return isUnread;
+    }
+
+    // Reads the unread blobs of these packs. Returns the numbers of those that are damaged.
+    std::vector<std::uint32_t> ReadCopies(const std::vector<std::uint32_t>& packs,
+                                          const std::vector<bool>& isUnread) const
+    {
+        m_observer.OnStage("verifying blobs whose other copies are to be removed");
+        const Repo::BlobsByPack blobs(m_repository.GetIndex());
+        std::mutex mutex;
+        std::vector<std::uint32_t> bad;
+        std::vector<std::string> notes; // not yet given to the observer
+        RunOnPacks(
+            packs, m_observer,
+            [&](std::uint32_t pack) {
+                ReadCopiesOf(pack, blobs, isUnread, [&](std::uint32_t number, const RepositoryError& error) {
+                    const std::lock_guard guard(mutex);
+                    bad.push_back(number);
+                    notes.push_back("another copy of a damaged blob is kept: " + ReasonOf(error).Bytes());
+                });
+            },
+            [&] {
+                const std::lock_guard guard(mutex);
+                for (const std::string& note : notes)
+                    m_observer.OnNote(note);
+                notes.clear();
+            });
+        return bad;
+    }
+
+    // Reads the unread blobs of a pack. Any thread.
+    void
+    ReadCopiesOf(std::uint32_t pack, const Repo::BlobsByPack& blobs, const std::vector<bool>& isUnread,
+                 const std::function<void(std::uint32_t number, const RepositoryError& error)>& onBad) const
+    {
+        const Repo::Index& index = m_repository.GetIndex();
+        std::vector<PackedBlob> unread;
+        for (const std::uint32_t number : blobs.Of(pack)) {
+            if (isUnread[number])
+                unread.push_back(index.At(number).blob);
+        }
+        const auto report = [&](const PackedBlob& blob, const RepositoryError& error) {
+            if (!error.IsOfFile())
+                throw RepositoryError(error);
+            index.VisitAll(blob.handle, [&](const Repo::IndexedBlob& copy) {
+                if (copy.pack == pack && copy.blob == blob)
+                    onBad(copy.number, error);
+            });
+        };
+        ReadBlobs(
+            m_repository, index.GetPacks()[pack].id, std::move(unread),
+            [](const PackedBlob&, Repo::ByteView, const Repo::Bytes&) {}, report);
+    }
+
+    const Repo::Repository& m_repository;
+    IWorkObserver& m_observer;
+    std::vector<bool> m_isRead; // by the number of the blob
+};
+
 class PruneRun
 {
 public:
@@ -79,9 +211,10 @@ private:
         m_repository.GetBackend().List(
             FileKind::Pack, [&](const Id& id, std::uint64_t size) { files.insert_or_assign(id, size); });
         m_observer.OnStage("collecting packs for deletion and repacking");
+        CopyCheck copies(m_repository, m_observer);
         do
             m_plan = MakePrunePlan(m_repository.GetIndex(), facts, files, m_options, RaiseIfInterrupted);
-        while (FindBadCopies(facts));
+        while (copies.FindBad(m_plan, facts));
         for (std::uint32_t pack = 0; pack < m_plan.fates.size(); ++pack) {
             if (m_plan.fates[pack] != PackFate::Keep)
                 m_removed.push_back(pack);
@@ -102,123 +235,6 @@ private:
             REPOSITORY_RAISE_UNLESS(m_snapshots.contains(id), Repo::Failure::Backend,
                                     Repo::FileName({FileKind::Snapshot, id}).Prefix()
                                         << "the snapshot was not listed before, so nothing is removed");
-    }
-
-    // The needed copies of kept packs that were not read yet, and of which another copy is to be removed.
-    std::vector<bool> FindUnread() const
-    {
-        const Repo::Index& index = m_repository.GetIndex();
-        std::vector<bool> isUnread(m_isRead.size());
-        for (std::uint32_t number = 0; number < m_isRead.size(); ++number) {
-            if (number % BlobsPerLook == 0)
-                RaiseIfInterrupted();
-            const Repo::IndexedBlob blob = index.At(number);
-            if (m_plan.isNeeded[number] || m_plan.fates[blob.pack] == PackFate::Keep)
-                continue;
-            index.VisitAll(blob.blob.handle, [&](const Repo::IndexedBlob& copy) {
-                if (m_plan.isNeeded[copy.number] && !m_isRead[copy.number] &&
-                    m_plan.fates[copy.pack] == PackFate::Keep)
-                    isUnread[copy.number] = true;
-            });
-        }
-        return isUnread;
-    }
-
-    // Reads the needed copies of which others are to be removed. Returns true if some are damaged. Copies in
-    // packs that are repacked are read then.
-    bool FindBadCopies(BlobFacts& facts)
-    {
-        m_isRead.resize(facts.isBad.size());
-        const std::vector<bool> isUnread = FindUnread();
-        std::vector<std::uint32_t> packs;
-        for (std::uint32_t number = 0; number < isUnread.size(); ++number) {
-            if (!isUnread[number])
-                continue;
-            m_isRead[number] = true;
-            const std::uint32_t pack = m_repository.GetIndex().At(number).pack;
-            if (packs.empty() || packs.back() != pack)
-                packs.push_back(pack);
-        }
-        if (packs.empty())
-            return false;
-        std::sort(packs.begin(), packs.end());
-        packs.erase(std::unique(packs.begin(), packs.end()), packs.end());
-        const std::vector<std::uint32_t> bad = ReadCopies(packs, isUnread);
-        for (const std::uint32_t number : bad)
-            facts.isBad[number] = true;
-        return !bad.empty();
-    }
-
-    // Reads the unread blobs of these packs. Returns the numbers of those that are damaged.
-    std::vector<std::uint32_t> ReadCopies(const std::vector<std::uint32_t>& packs,
-                                          const std::vector<bool>& isUnread) const
-    {
-        m_observer.OnStage("verifying blobs whose other copies are to be removed");
-        const Repo::BlobsByPack blobs(m_repository.GetIndex());
-        std::mutex mutex;
-        std::vector<std::uint32_t> bad;
-        std::vector<std::string> notes; // not yet given to the observer
-        RunOnPacks(
-            packs,
-            [&](std::uint32_t pack) {
-                ReadCopiesOf(pack, blobs, isUnread, [&](std::uint32_t number, const RepositoryError& error) {
-                    const std::lock_guard guard(mutex);
-                    bad.push_back(number);
-                    notes.push_back("another copy of a damaged blob is kept: " + ReasonOf(error).Bytes());
-                });
-            },
-            [&] {
-                const std::lock_guard guard(mutex);
-                for (const std::string& note : notes)
-                    m_observer.OnNote(note);
-                notes.clear();
-            });
-        return bad;
-    }
-
-    // Reads the unread blobs of a pack. Any thread.
-    void
-    ReadCopiesOf(std::uint32_t pack, const Repo::BlobsByPack& blobs, const std::vector<bool>& isUnread,
-                 const std::function<void(std::uint32_t number, const RepositoryError& error)>& onBad) const
-    {
-        const Repo::Index& index = m_repository.GetIndex();
-        std::vector<PackedBlob> unread;
-        for (const std::uint32_t number : blobs.Of(pack)) {
-            if (isUnread[number])
-                unread.push_back(index.At(number).blob);
-        }
-        const auto report = [&](const PackedBlob& blob, const RepositoryError& error) {
-            if (!error.IsOfFile())
-                throw RepositoryError(error);
-            index.VisitAll(blob.handle, [&](const Repo::IndexedBlob& copy) {
-                if (copy.pack == pack && copy.blob == blob)
-                    onBad(copy.number, error);
-            });
-        };
-        ReadBlobs(
-            m_repository, index.GetPacks()[pack].id, std::move(unread),
-            [](const PackedBlob&, Repo::ByteView, const Repo::Bytes&) {}, report);
-    }
-
-    // Calls `work` with each pack on several threads, and `meanwhile` on this one.
-    void RunOnPacks(
-        const std::vector<std::uint32_t>& packs, const std::function<void(std::uint32_t pack)>& work,
-        const std::function<void()>& meanwhile = [] {}) const
-    {
-        std::atomic<std::size_t> next{0};
-        std::atomic<std::uint64_t> done{0};
-        RunOnThreads(
-            std::min<unsigned int>(WorkerCount(), static_cast<unsigned int>(packs.size())),
-            [&](const std::function<bool()>& hasFailed) {
-                for (std::size_t i = next++; i < packs.size() && !hasFailed(); i = next++) {
-                    work(packs[i]);
-                    ++done;
-                }
-            },
-            [&] {
-                meanwhile();
-                m_observer.OnProgress(done, packs.size());
-            });
     }
 
     std::vector<bool> FindKept() const
@@ -258,7 +274,7 @@ private:
         saving.isRepacking = true;
         saving.onWait = RaiseIfInterrupted;
         Repo::BlobSaver saver(m_repository, saving);
-        RunOnPacks(packs, [&](std::uint32_t pack) { CopyNeeded(pack, blobs, saver); });
+        RunOnPacks(packs, m_observer, [&](std::uint32_t pack) { CopyNeeded(pack, blobs, saver); });
         saver.Finish();
     }
 
@@ -329,7 +345,6 @@ private:
     IWorkObserver& m_observer;
     std::set<Id> m_snapshots; // that were listed
     PrunePlan m_plan;
-    std::vector<bool> m_isRead;           // needed copies that FindBadCopies has read
     std::vector<std::uint32_t> m_removed; // packs of the index
 };
 

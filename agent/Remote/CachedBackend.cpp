@@ -82,7 +82,8 @@ void CachedBackend::List(FileKind kind, const std::function<void(const Id& id, s
 void CachedBackend::Save(const FileName& file, ByteView content)
 {
     m_backend->Save(file, content);
-    if (m_directory && CacheDirectory::IsKept(file))
+    const bool isTooLarge = file.kind == FileKind::Pack && content.size() > PackLimit;
+    if (m_directory && CacheDirectory::IsKept(file) && !isTooLarge)
         m_directory->Save(file, content);
 }
 

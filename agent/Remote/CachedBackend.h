@@ -17,8 +17,9 @@ namespace Agent::Remote {
 class CachedBackend : public Repo::IBackend
 {
 public:
-    /// Packs with more bytes than this are not kept.
-    static constexpr std::uint64_t PackLimit = 64 << 20;
+    /// Packs with more bytes than this are not kept. A pack of the largest --pack-size has fewer, unless its
+    /// last tree is larger than usual.
+    static constexpr std::uint64_t PackLimit = 160 << 20;
 
     /// Keeps no copies before UseDirectory.
     explicit CachedBackend(std::shared_ptr<Repo::IBackend> backend) : m_backend(std::move(backend)) {}

@@ -18,7 +18,6 @@
 namespace Agent::Remote {
 
 using Http::Method;
-using Http::Request;
 using Http::Response;
 using Krt::YString;
 using Repo::Bytes;
@@ -35,10 +34,8 @@ constexpr std::string_view Version2 = "application/vnd.x.restic.rest.v2";
 constexpr std::uint64_t ListLimit = 256 << 20; // bytes
 constexpr int Unauthorized = 401;
 constexpr int Forbidden = 403;
-constexpr int NotFound = 404;
 constexpr int MethodNotAllowed = 405;
 constexpr int Conflict = 409;
-constexpr int RangeNotSatisfiable = 416;
 
 struct ListedFile
 {
@@ -57,12 +54,6 @@ std::string BasicAuthorization(const std::string& user, const Repo::Secret& pass
     const int size =
         EVP_EncodeBlock(encoded.Data().data(), plain.View().data(), static_cast<int>(plain.Size()));
     return "Basic " + std::string(Repo::AsText(encoded.View().first(static_cast<std::size_t>(size))));
-}
-
-// The path of a file below that of the repository: that of the layout, without the directories of packs.
-std::string PathOf(const FileName& file)
-{
-    return file.kind == FileKind::Pack ? "data/" + file.id.ToHex() : file.Path();
 }
 
 // Names of version 1 are strings, those of version 2 are objects. Other names than ids are ignored.
@@ -118,14 +109,6 @@ Http::Address WithSlash(Http::Address address)
     return address;
 }
 
-// What Named needs.
-auto At(const FileName& file)
-{
-    return [&file] {
-        return file.Prefix();
-    };
-}
-
 } // namespace
 
 RestBackend::RestBackend(Http::Address address, Http::ClientSettings settings)
@@ -137,43 +120,36 @@ YString RestBackend::Describe() const
     return YString(std::string_view("rest:" + m_address.Origin() + m_address.path));
 }
 
-Response RestBackend::Send(Request request, const std::string& path, Bytes& body)
+// The path in the layout, without the directories of packs.
+std::string RestBackend::PathOf(const FileName& file) const
 {
-    request.target = m_address.path + path;
-    request.makeHeaders = [this, own = request.makeHeaders] {
-        std::vector<Http::Header> headers = own();
-        headers.push_back({"Accept", std::string(Version2)});
+    return file.kind == FileKind::Pack ? "data/" + file.id.ToHex() : file.Path();
+}
+
+// The replacement of the configuration goes on after an interrupt.
+Response RestBackend::Send(const Call& call, Bytes& body)
+{
+    Http::Request request = RequestOf(call, m_address.path + call.path);
+    request.isCleanUp = call.isCleanUp || (call.path == PathOf({}) && call.method != Method::Get);
+    request.makeHeaders = [&] {
+        std::vector<Http::Header> headers = call.headers;
+        headers.push_back({"accept", std::string(Version2)});
         if (!m_address.user.empty() || m_address.password.Size() != 0)
-            headers.push_back({"Authorization", BasicAuthorization(m_address.user, m_address.password)});
+            headers.push_back({"authorization", BasicAuthorization(m_address.user, m_address.password)});
         return headers;
     };
     return m_client.Send(request, body);
 }
 
-// The removal of a lock and the replacement of the configuration go on after an interrupt. Repairs give up
-// what is missing, so a file is asked for twice before it is.
-Response RestBackend::SendFor(const FileName& file, Request request, Bytes& body)
-{
-    const Method method = request.method;
-    request.isCleanUp =
-        file.kind == FileKind::Lock || (file.kind == FileKind::Config && method != Method::Get);
-    Response response = Send(request, PathOf(file), body);
-    if (response.status == NotFound && method == Method::Get)
-        response = Send(std::move(request), PathOf(file), body);
-    REPOSITORY_RAISE_UNLESS(response.status != NotFound || method == Method::Post || method == Method::Delete,
-                            Failure::Missing, "the file does not exist");
-    return response;
-}
-
-void RestBackend::RaiseRefused(const Response& response, ByteView body, Method method) const
+void RestBackend::RaiseRefused(const Response& response, ByteView body, const Call& call)
 {
     std::string text = "the server answered " + StatusText(response.status);
     if (response.status == Unauthorized)
         text = m_address.user.empty() ? "the server requires a user and a password"
                                       : "the server refuses this user or password";
-    else if (response.status == Forbidden && method == Method::Delete)
+    else if (response.status == Forbidden && call.method == Method::Delete)
         text = "the server does not let files be removed, as one that is append-only";
-    else if (response.status == Forbidden && method == Method::Post)
+    else if (response.status == Forbidden && call.method == Method::Post)
         text = "the server does not let this file be stored; one that is append-only does not replace files";
     else if (!body.empty())
         text += ": " + Quoted(Repo::AsText(body));
@@ -189,71 +165,11 @@ void RestBackend::Prepare()
         return Describe() + ": ";
     };
     Repo::Named(where, [this] {
-        Request request;
-        request.method = Method::Post;
+        const Call call{.method = Method::Post, .query = {{"create", "true"}}};
         Bytes body;
-        const Response response = Send(std::move(request), "?create=true", body);
-        if (!response.IsSuccess())
-            RaiseRefused(response, body, Method::Post);
+        const Response response = Send(call, body);
+        RequireSuccess(response, body, call);
     });
-}
-
-void RestBackend::Load(const FileName& file, std::uint64_t offset, std::uint64_t length, Bytes& out)
-{
-    const std::uint64_t size = length == 0 ? Size(file) : 0;
-    Repo::Named(At(file), [&] {
-        if (length == 0) {
-            out.clear();
-            REPOSITORY_RAISE_UNLESS(offset <= size, Failure::Damaged,
-                                    "damaged: the file ends before byte " << offset);
-            return;
-        }
-        Request request;
-        request.limit = length;
-        request.makeHeaders = [&] {
-            return std::vector<Http::Header>{{"Range", RangeOf(offset, length)}};
-        };
-        const Response response = SendFor(file, std::move(request), out);
-        if (!response.IsSuccess() && response.status != RangeNotSatisfiable)
-            RaiseRefused(response, out, Method::Get);
-        RequirePart(response, out, offset, length);
-    });
-}
-
-void RestBackend::LoadWhole(const FileName& file, std::uint64_t limit, Bytes& out)
-{
-    Repo::Named(At(file), [&] {
-        Request request;
-        request.limit = limit;
-        const Response response = SendFor(file, std::move(request), out);
-        if (!response.IsSuccess())
-            RaiseRefused(response, out, Method::Get);
-        RequireWhole(response, limit);
-    });
-}
-
-std::uint64_t RestBackend::Size(const FileName& file)
-{
-    return Repo::Named(At(file), [&] {
-        Request request;
-        request.method = Method::Head;
-        Bytes body;
-        const Response response = SendFor(file, std::move(request), body);
-        if (!response.IsSuccess())
-            RaiseRefused(response, body, Method::Head);
-        return SizeFrom(response);
-    });
-}
-
-std::optional<std::uint64_t> RestBackend::SizeIfPresent(const FileName& file)
-{
-    try {
-        return Size(file);
-    } catch (const Repo::RepositoryError& error) {
-        if (error.GetFailure() != Failure::Missing)
-            throw;
-        return std::nullopt;
-    }
 }
 
 void RestBackend::List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit)
@@ -264,18 +180,13 @@ void RestBackend::List(FileKind kind, const std::function<void(const Id& id, std
         return Describe() + YString(std::string_view(folder + ": "));
     };
     const std::vector<ListedFile> files = Repo::Named(where, [&] {
-        Request request;
-        request.limit = ListLimit;
-        request.isCleanUp = kind == FileKind::Lock;
+        const Call call{.path = folder, .limit = ListLimit, .isCleanUp = kind == FileKind::Lock};
         Bytes body;
-        Response response = Send(request, folder, body);
-        if (response.status == NotFound)
-            response = Send(std::move(request), folder, body);
+        const Response response = SendTwiceIfMissing(call, body);
         // If it counted as empty, a prune would remove what the files need.
-        REPOSITORY_RAISE_UNLESS(response.status != NotFound, Failure::Missing,
+        REPOSITORY_RAISE_UNLESS(!IsMissing(response, body), Failure::Missing,
                                 "the server does not have this directory");
-        if (!response.IsSuccess())
-            RaiseRefused(response, body, Method::Get);
+        RequireSuccess(response, body, call);
         REPOSITORY_RAISE_UNLESS(!response.isTooLong, Failure::Backend,
                                 "the server sent a list of more than " << ListLimit << " bytes");
         return ParseList(Repo::AsText(body), response.Find("content-type").starts_with(Version2));
@@ -289,13 +200,15 @@ void RestBackend::List(FileKind kind, const std::function<void(const Id& id, std
 
 Response RestBackend::Post(const FileName& file, ByteView content, Bytes& body)
 {
-    Request request;
-    request.method = Method::Post;
-    request.content = content;
-    request.makeHeaders = [] {
-        return std::vector<Http::Header>{{"Content-Type", "application/octet-stream"}};
-    };
-    return SendFor(file, std::move(request), body);
+    Call call{.method = Method::Post,
+              .headers = {{"content-type", "application/octet-stream"}},
+              .content = content};
+    return NamedFor(file, [&] { return SendFor(file, call, body); });
+}
+
+void RestBackend::RaiseNotStored(const FileName& file, const Response& response, ByteView body)
+{
+    NamedFor(file, [&] { RaiseRefused(response, body, {.method = Method::Post}); });
 }
 
 // Returns true if the server has the file with this content. The content of a file that is named by an id
@@ -312,7 +225,7 @@ bool RestBackend::Has(const FileName& file, ByteView content)
 void RestBackend::Save(const FileName& file, ByteView content)
 {
     Bytes body;
-    const Response response = Repo::Named(At(file), [&] { return Post(file, content, body); });
+    const Response response = Post(file, content, body);
     if (response.IsSuccess())
         return;
     const bool mayBeRefused =
@@ -321,7 +234,7 @@ void RestBackend::Save(const FileName& file, ByteView content)
         return; // stored by an attempt whose response was lost
     if (mayBeRefused && SizeIfPresent(file))
         return Replace(file, content);
-    Repo::Named(At(file), [&] { RaiseRefused(response, body, Method::Post); });
+    RaiseNotStored(file, response, body);
 }
 
 void RestBackend::Replace(const FileName& file, ByteView content)
@@ -343,9 +256,9 @@ void RestBackend::Replace(const FileName& file, ByteView content)
 void RestBackend::Store(const FileName& file, ByteView content)
 {
     Bytes body;
-    const Response response = Repo::Named(At(file), [&] { return Post(file, content, body); });
+    const Response response = Post(file, content, body);
     if (!response.IsSuccess() && !Has(file, content))
-        Repo::Named(At(file), [&] { RaiseRefused(response, body, Method::Post); });
+        RaiseNotStored(file, response, body);
 }
 
 // Called after a failure. A repository without its configuration can't be used, so the old one is stored
@@ -376,25 +289,13 @@ bool RestBackend::SaveNew(const FileName& file, ByteView content)
     if (SizeIfPresent(file))
         return false;
     Bytes body;
-    const Response response = Repo::Named(At(file), [&] { return Post(file, content, body); });
+    const Response response = Post(file, content, body);
     if (response.IsSuccess())
         return true;
     if (SizeIfPresent(file)) // an attempt whose response was lost may have stored it
         return Has(file, content);
-    Repo::Named(At(file), [&] { RaiseRefused(response, body, Method::Post); });
+    RaiseNotStored(file, response, body);
     return false;
-}
-
-void RestBackend::Remove(const FileName& file)
-{
-    Repo::Named(At(file), [&] {
-        Request request;
-        request.method = Method::Delete;
-        Bytes body;
-        const Response response = SendFor(file, std::move(request), body);
-        if (!response.IsSuccess() && response.status != NotFound)
-            RaiseRefused(response, body, Method::Delete);
-    });
 }
 
 } // namespace Agent::Remote

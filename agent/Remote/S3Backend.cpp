@@ -31,10 +31,8 @@ constexpr const char* DefaultRegion = "us-east-1";
 constexpr std::uint64_t PageLimit = 16 << 20; // bytes; a page has at most 1000 objects
 constexpr unsigned int MostPages = 1 << 16;
 constexpr std::size_t MostFiles = 1 << 24; // of a kind: packs of 256 TiB
-constexpr int NotFound = 404;
 constexpr int Conflict = 409;
 constexpr int PreconditionFailed = 412;
-constexpr int RangeNotSatisfiable = 416;
 constexpr int NotImplemented = 501;
 
 // What the body of a failure says.
@@ -112,27 +110,7 @@ Http::Address ServerOf(const S3Location& location)
     return server;
 }
 
-// What Named needs.
-auto At(const FileName& file)
-{
-    return [&file] {
-        return file.Prefix();
-    };
-}
-
 } // namespace
-
-// A request without what all have in common.
-struct S3Backend::Call
-{
-    Method method = Method::Get;
-    std::string key = {}; // empty for the bucket
-    std::vector<std::pair<std::string, std::string>> query = {};
-    std::vector<Http::Header> headers = {};
-    ByteView content = {};
-    std::uint64_t limit = 64 << 10;
-    bool isCleanUp = false;
-};
 
 struct S3Backend::Page
 {
@@ -157,7 +135,8 @@ YString S3Backend::Describe() const
     return YString(std::string_view(text));
 }
 
-std::string S3Backend::KeyOf(const FileName& file) const
+// The key of the object.
+std::string S3Backend::PathOf(const FileName& file) const
 {
     return (m_location.prefix.empty() ? "" : m_location.prefix + "/") + file.Path();
 }
@@ -166,23 +145,16 @@ Response S3Backend::Send(const Call& call, Bytes& body)
 {
     UnsignedRequest unsignedRequest;
     unsignedRequest.method = call.method;
-    unsignedRequest.path = "/" + Http::PercentEncode(call.key, "/");
+    unsignedRequest.path = "/" + Http::PercentEncode(call.path, "/");
     if (!m_isBucketInHost)
         unsignedRequest.path =
-            "/" + Http::PercentEncode(m_location.bucket) + (call.key.empty() ? "" : unsignedRequest.path);
+            "/" + Http::PercentEncode(m_location.bucket) + (call.path.empty() ? "" : unsignedRequest.path);
     unsignedRequest.query = call.query;
     unsignedRequest.host = m_server.HostAndPort();
     unsignedRequest.headers = call.headers;
     unsignedRequest.contentHash = Id::Of(call.content);
 
-    Http::Request request;
-    request.method = call.method;
-    request.target = unsignedRequest.path;
-    if (!call.query.empty())
-        request.target += "?" + CanonicalQuery(call.query);
-    request.content = call.content;
-    request.limit = call.limit;
-    request.isCleanUp = call.isCleanUp;
+    Http::Request request = RequestOf(call, unsignedRequest.path);
     request.isTemporary = IsTemporary;
     request.makeHeaders = [&] {
         return SignedHeaders(unsignedRequest, m_credentials, m_region, m_clock());
@@ -190,31 +162,20 @@ Response S3Backend::Send(const Call& call, Bytes& body)
     return m_client.Send(request, body);
 }
 
-// The removal of a lock goes on after an interrupt. Repairs give up what is missing, so a file is asked for
-// twice before it is.
-Response S3Backend::SendFor(const FileName& file, Call& call, Bytes& body)
+bool S3Backend::IsMissing(const Response& response, ByteView body) const
 {
-    call.key = KeyOf(file);
-    call.isCleanUp = file.kind == FileKind::Lock;
-    Response response = Send(call, body);
-    const auto isMissing = [&] {
-        return response.status == NotFound && call.method != Method::Delete &&
-               ParseError(body).code != "NoSuchBucket";
-    };
-    if (isMissing() && call.method == Method::Get)
-        response = Send(call, body);
-    REPOSITORY_RAISE_UNLESS(!isMissing(), Failure::Missing, "the file does not exist");
-    return response;
+    return ServerBackend::IsMissing(response, body) && ParseError(body).code != "NoSuchBucket";
 }
 
-void S3Backend::RequireSuccess(const Response& response, ByteView body, const Call& call) const
+void S3Backend::RaiseRefused(const Response& response, ByteView body, const Call& call)
 {
-    if (!response.IsSuccess())
-        RaiseRefused(response, body, call);
-}
-
-void S3Backend::RaiseRefused(const Response& response, ByteView body, const Call& call) const
-{
+    if (call.method == Method::Head) { // its response has no body, which would name the reason
+        const Call get{
+            .path = call.path, .headers = {{"range", "bytes=0-0"}}, .limit = 1, .isCleanUp = call.isCleanUp};
+        Bytes explanation;
+        const Response explained = Send(get, explanation);
+        RaiseRefused(explained.IsSuccess() ? response : explained, explanation, get);
+    }
     const S3Error error = ParseError(body);
     const YString host(std::string_view(m_server.HostAndPort()));
     const YString bucket(std::string_view(m_location.bucket));
@@ -225,7 +186,7 @@ void S3Backend::RaiseRefused(const Response& response, ByteView body, const Call
     const std::string region = Quoted(error.region.empty() ? bucketRegion : std::string_view(error.region));
     if (error.code == "AccessDenied") {
         text = std::string("the user of the access key may not ") + Http::NameOf(call.method) +
-               (call.key.empty() ? " the bucket" : " this object") +
+               (call.path.empty() ? " the bucket" : " this object") +
                "; the policies of the user and of the bucket decide that";
     } else if (error.code == "InvalidAccessKeyId") {
         text = "the server does not know the access key";
@@ -286,53 +247,10 @@ void S3Backend::CreateBucket()
         RequireSuccess(response, body, call);
 }
 
-void S3Backend::Load(const FileName& file, std::uint64_t offset, std::uint64_t length, Bytes& out)
-{
-    const std::uint64_t size = length == 0 ? Size(file) : 0;
-    Repo::Named(At(file), [&] {
-        if (length == 0) {
-            out.clear();
-            REPOSITORY_RAISE_UNLESS(offset <= size, Failure::Damaged,
-                                    "damaged: the file ends before byte " << offset);
-            return;
-        }
-        Call call{.headers = {{"range", RangeOf(offset, length)}}, .limit = length};
-        const Response response = SendFor(file, call, out);
-        if (response.status != RangeNotSatisfiable)
-            RequireSuccess(response, out, call);
-        RequirePart(response, out, offset, length);
-    });
-}
-
-void S3Backend::LoadWhole(const FileName& file, std::uint64_t limit, Bytes& out)
-{
-    Repo::Named(At(file), [&] {
-        Call call{.limit = limit};
-        const Response response = SendFor(file, call, out);
-        RequireSuccess(response, out, call);
-        RequireWhole(response, limit);
-    });
-}
-
-std::uint64_t S3Backend::Size(const FileName& file)
-{
-    return Repo::Named(At(file), [&] {
-        Bytes body;
-        Call head{.method = Method::Head};
-        const Response response = SendFor(file, head, body);
-        if (response.IsSuccess())
-            return SizeFrom(response);
-        // A response to HEAD has no body, which would name the reason.
-        Call call{.headers = {{"range", RangeOf(0, 1)}}, .limit = 1};
-        const Response explained = SendFor(file, call, body);
-        RaiseRefused(explained.IsSuccess() ? response : explained, body, call);
-    });
-}
-
 // Returns false if there are no more pages.
 bool S3Backend::LoadPage(FileKind kind, const std::string& token, Page& page)
 {
-    const std::string folder = KeyOf({kind, {}});
+    const std::string folder = PathOf({kind, {}});
     const std::size_t idDigits = Id::Digits;
     // Packs are one level deeper than other files.
     const std::size_t folderSize = folder.size() - idDigits - (kind == FileKind::Pack ? 3 : 0);
@@ -362,7 +280,7 @@ bool S3Backend::LoadPage(FileKind kind, const std::string& token, Page& page)
         } else if (isOfList && name == "Contents") {
             const std::optional<Id> id =
                 key.size() < idDigits ? std::nullopt : Id::FromHex(key.substr(key.size() - idDigits));
-            if (id && KeyOf({kind, *id}) == key)
+            if (id && PathOf({kind, *id}) == key)
                 page.files.emplace_back(*id, RequireNumber(size));
             ++entries;
             key.clear();
@@ -413,7 +331,7 @@ void S3Backend::List(FileKind kind, const std::function<void(const Id& id, std::
 
 void S3Backend::Save(const FileName& file, ByteView content)
 {
-    Repo::Named(At(file), [&] {
+    NamedFor(file, [&] {
         Call call{.method = Method::Put, .content = content};
         Bytes body;
         const Response response = SendFor(file, call, body);
@@ -433,14 +351,9 @@ bool S3Backend::Has(const FileName& file, ByteView content)
 
 bool S3Backend::SaveNew(const FileName& file, ByteView content)
 {
-    try {
-        Size(file);
+    if (SizeIfPresent(file))
         return false;
-    } catch (const Repo::RepositoryError& error) {
-        if (error.GetFailure() != Failure::Missing)
-            throw;
-    }
-    return Repo::Named(At(file), [&] {
+    return NamedFor(file, [&] {
         Call call{.method = Method::Put, .headers = {{"if-none-match", "*"}}, .content = content};
         Bytes body;
         Response response = SendFor(file, call, body);
@@ -452,17 +365,6 @@ bool S3Backend::SaveNew(const FileName& file, ByteView content)
         }
         RequireSuccess(response, body, call);
         return true;
-    });
-}
-
-void S3Backend::Remove(const FileName& file)
-{
-    Repo::Named(At(file), [&] {
-        Call call{.method = Method::Delete};
-        Bytes body;
-        const Response response = SendFor(file, call, body);
-        if (response.status != NotFound)
-            RequireSuccess(response, body, call);
     });
 }
 

@@ -8,8 +8,8 @@
 #pragma once
 
 #include "agent/Http/Client.h"
+#include "agent/Remote/ServerBackend.h"
 #include "agent/Remote/SignatureV4.h"
-#include "agent/Repository/Backend.h"
 
 #include <ctime>
 #include <functional>
@@ -34,7 +34,7 @@ struct S3Location
     std::string region; ///< empty for that of the host name, otherwise us-east-1
 };
 
-class S3Backend : public Repo::IBackend
+class S3Backend : public ServerBackend
 {
 public:
     /// Does not connect yet. Raises what Client raises. `clock` is the time of signatures.
@@ -45,29 +45,21 @@ public:
     Krt::YString Describe() const override;
     /// Creates the bucket. A bucket that this user may not list is taken to exist.
     void Prepare() override;
-    void Load(const Repo::FileName& file, std::uint64_t offset, std::uint64_t length,
-              Repo::Bytes& out) override;
-    void LoadWhole(const Repo::FileName& file, std::uint64_t limit, Repo::Bytes& out) override;
-    std::uint64_t Size(const Repo::FileName& file) override;
     /// Raises NoRepository if the bucket does not exist, and Failure::Backend for a list that is not complete
     /// or has more than 16 million files.
     void List(Repo::FileKind kind,
               const std::function<void(const Repo::Id& id, std::uint64_t size)>& visit) override;
     void Save(const Repo::FileName& file, Repo::ByteView content) override;
     bool SaveNew(const Repo::FileName& file, Repo::ByteView content) override;
-    void Remove(const Repo::FileName& file) override;
 
 private:
-    struct Call;
     struct Page;
 
-    std::string KeyOf(const Repo::FileName& file) const;
-    Http::Response Send(const Call& call, Repo::Bytes& body);
-    // Sets the key of the call.
-    Http::Response SendFor(const Repo::FileName& file, Call& call, Repo::Bytes& body);
-    void RequireSuccess(const Http::Response& response, Repo::ByteView body, const Call& call) const;
+    std::string PathOf(const Repo::FileName& file) const override;
+    Http::Response Send(const Call& call, Repo::Bytes& body) override;
+    bool IsMissing(const Http::Response& response, Repo::ByteView body) const override;
     [[noreturn]] void RaiseRefused(const Http::Response& response, Repo::ByteView body,
-                                   const Call& call) const;
+                                   const Call& call) override;
     void CreateBucket();
     bool LoadPage(Repo::FileKind kind, const std::string& token, Page& page);
     bool Has(const Repo::FileName& file, Repo::ByteView content);
