@@ -108,6 +108,7 @@ std::vector<Id> ListSorted(IBackend& backend, FileKind kind)
     std::vector<Id> ids;
     backend.List(kind, [&ids](const Id& id, std::uint64_t) { ids.push_back(id); });
     std::sort(ids.begin(), ids.end());
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end()); // some servers list a name twice
     return ids;
 }
 
@@ -221,6 +222,21 @@ std::string MakeKeyFile(const Key& master, const Secret& password, const KeyOpti
 }
 
 // Removes what an operation that failed has saved. What raises is the reason for that, not this.
+// Returns false if the file is missing or has other content. An error of a save may come after the file was
+// stored.
+bool MayBeStored(IBackend& backend, const FileName& file, ByteView content)
+{
+    try {
+        Bytes stored;
+        backend.LoadWhole(file, content.size(), stored);
+        return std::ranges::equal(stored, content);
+    } catch (const RepositoryError& error) {
+        return error.GetFailure() != Failure::Missing && error.GetFailure() != Failure::Damaged;
+    } catch (const Krt::Exception::YError&) {
+        return true;
+    }
+}
+
 void RemoveQuietly(IBackend& backend, const FileName& file)
 {
     try {
@@ -316,7 +332,8 @@ Repository Repository::Create(std::shared_ptr<IBackend> backend, const Secret& p
         if (!files.SaveNew(ConfigFile, sealed))
             RaiseTaken(files); // another process was faster
     } catch (...) {
-        RemoveQuietly(files, {FileKind::Key, keyId});
+        if (!MayBeStored(files, ConfigFile, sealed))
+            RemoveQuietly(files, {FileKind::Key, keyId}); // otherwise nobody could open the repository
         throw;
     }
     return created;
