@@ -234,7 +234,7 @@ std::string HintFor(const CLI::App& program, int argc, char** argv)
         for (const CLI::Option* option : command->get_options()) {
             const std::string name = option->get_name();
             if (name.starts_with("--") && IsSimilar(typed, name))
-                return std::string(" (did you mean ").append(name).append(" by ").append(typed).append("?)");
+                return " (did you mean " + name + " instead of " + std::string(typed) + "?)";
         }
     }
     return "";

@@ -3,6 +3,7 @@
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
+#include "Krt/Environment/Process.h"
 #include "Krt/JSON/YTextWriter.h"
 
 #include <algorithm>
@@ -69,7 +70,7 @@ std::string CutTo(std::string text, unsigned int columns)
 std::optional<milliseconds> RequestedInterval()
 {
     for (const char* const name : {"KBAGENT_PROGRESS_FPS", "RESTIC_PROGRESS_FPS"}) {
-        const char* const text = std::getenv(name);
+        const char* const text = Krt::Environment::IsPrivilegeRaised() ? nullptr : std::getenv(name);
         if (text == nullptr || *text == '\0')
             continue;
         char* end = nullptr;
