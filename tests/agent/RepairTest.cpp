@@ -189,6 +189,7 @@ TEST_F(RepairTest, PackOfUnknownContentStays)
     EXPECT_TRUE(Holds(errors, "hint: an older copy of the directory 'index'")) << errors;
     EXPECT_FALSE(Holds(errors, "kbagent repair index") || Holds(errors, "kbagent repair packs")) << errors;
     Run(3, "repair packs --remove-unreadable " + pack.string());
+    EXPECT_TRUE(Holds(Run(1, "repair snapshots --forget").errors, "move the pack elsewhere"));
     EXPECT_TRUE(fs::exists(pack));
     // A damaged index file may be the only one that has it.
     fs::copy(copy, index);
