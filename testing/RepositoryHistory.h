@@ -47,7 +47,7 @@ protected:
                             RandomBytes(20000 + random() % 90000));
             directory.Write("source/d" + std::to_string(number % 4) + "/text",
                             std::string(5000, static_cast<char>('a' + number % 26)));
-            directory.Write("source/new" + std::to_string(number), RandomBytes(random() % 300000));
+            directory.Write("source/new" + std::to_string(number), RandomBytes(1 + random() % 300000));
             std::filesystem::remove(directory / ("source/new" + std::to_string(number - 2)));
             const auto before = Files("snapshots");
             if (number % 2 == 1 && HasRestic())

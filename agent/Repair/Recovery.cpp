@@ -168,8 +168,8 @@ std::vector<Id> FindLostRoots(const Repo::Repository& repository,
             if (search.HasLoss(root))
                 observer.OnNote(
                     "directory " + ShortId(root) +
-                    ": parts of it can't be read; 'kbagent repair snapshots --forget' then removes "
-                    "them from the new snapshot");
+                    ": parts of it can't be read; after a new backup, 'kbagent repair snapshots --forget' "
+                    "with the ID of the new snapshot removes from that what is still lost");
         }
     }
     return roots;

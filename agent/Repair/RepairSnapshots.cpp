@@ -113,6 +113,26 @@ private:
     RepairOutcome m_outcome;
 };
 
+struct PackFile
+{
+    Id id;
+    std::uint64_t size;
+};
+
+// Returns true if a rebuilt index would have the pack.
+bool HasReadableHeader(const Repo::Repository& repository, const PackFile& pack)
+{
+    RaiseIfInterrupted();
+    try {
+        repository.LoadPackHeader(pack.id, pack.size);
+        return true;
+    } catch (const Repo::RepositoryError& error) {
+        if (!error.IsOfFile())
+            throw;
+        return false;
+    }
+}
+
 struct Silent : IWorkObserver
 {
     void OnStage(const std::string&) override {}
@@ -128,12 +148,12 @@ std::string FindMisfit(const Repo::Repository& repository, const std::vector<Sto
     const Repo::Index& index = repository.GetIndex();
     const auto& packs = index.GetPacks();
     std::vector<bool> fits(packs.size());
-    std::optional<Id> unindexed;
+    std::vector<PackFile> unindexed;
     repository.GetBackend().List(FileKind::Pack, [&](const Id& id, std::uint64_t size) {
         if (const auto number = index.FindPack(id))
             fits[*number] = size == packs[*number].size;
         else
-            unindexed = id;
+            unindexed.push_back({id, size});
     });
     const std::string advice = "; 'kbagent repair index' comes first, then what 'kbagent check' advises";
     if (const auto wrong = std::find(fits.begin(), fits.end(), false); wrong != fits.end()) {
@@ -141,15 +161,23 @@ std::string FindMisfit(const Repo::Repository& repository, const std::vector<Sto
         return "The index does not fit the packs: " + Repo::FileName{FileKind::Pack, id}.Path() +
                " is missing or has another size" + advice;
     }
-    if (!unindexed)
+    if (unindexed.empty())
         return "";
     RepairOptions dry = options;
     dry.isDryRun = true;
     Silent silent;
     if (RepairSnapshots(repository, snapshots, dry, silent).changed == 0)
         return "";
-    return "The index does not fit the packs: " + Repo::FileName{FileKind::Pack, *unindexed}.Path() +
-           " is in no index file, and may have what is missing" + advice;
+    const auto readable = std::find_if(unindexed.begin(), unindexed.end(), [&](const PackFile& pack) {
+        return HasReadableHeader(repository, pack);
+    });
+    const PackFile& pack = readable == unindexed.end() ? unindexed.front() : *readable;
+    return "The index does not fit the packs: " + Repo::FileName{FileKind::Pack, pack.id}.Path() +
+           " is in no index file, and may have what is missing" +
+           (readable != unindexed.end()
+                ? advice
+                : "; its header can't be read, so 'kbagent repair index' does not help; if there is no older "
+                  "copy of the directory 'index', move the pack elsewhere, and repeat the command");
 }
 
 RepairOutcome RepairSnapshots(const Repo::Repository& repository,

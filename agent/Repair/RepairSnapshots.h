@@ -33,9 +33,10 @@ struct RepairOutcome
     std::vector<UnrepairedSnapshot> failed;
 };
 
-/// Returns why nothing can be said to be lost yet, with the advice to repair the index, or an empty text. A
-/// pack of the index is missing or has another size; or a pack is in no index file, and RepairSnapshots would
-/// change something. The index is loaded, and the caller has locked the repository exclusively.
+/// Returns why nothing can be said to be lost yet, with advice, or an empty text. A pack of the index is
+/// missing or has another size; or a pack is in no index file, and RepairSnapshots would change something.
+/// The advice is to repair the index, unless no header of the latter packs can be read: then they have to be
+/// moved elsewhere. The index is loaded, and the caller has locked the repository exclusively.
 std::string FindMisfit(const Repo::Repository& repository, const std::vector<Repo::StoredSnapshot>& snapshots,
                        const RepairOptions& options);
 

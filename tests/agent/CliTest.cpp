@@ -124,7 +124,7 @@ TEST_F(Cli, ExitCodeDependsOnKindOfFailure)
          1,
          "is the repository itself or a folder in it"},
         {"restore of a damaged one",
-         {"restore", "aaaa", "-t", to + "/x"},
+         {"restore", badId, "-t", to + "/x"},
          1,
          repository + "/snapshots/" + badId + ": "},
         {"missing password file", {"key", "add", "--new-password-file", none}, 1, "password: " + none},

@@ -387,26 +387,35 @@ TEST_F(PruneTest, ExclusiveLockOfEitherProgramExcludesTheOther)
     }
     if (!HasRestic())
         return;
-    // restic is stopped while it has an exclusive lock, in the time in which it waits for other locks.
-    const pid_t restic = fork();
-    if (restic == 0) {
-        setenv("HOME", directory.Path().c_str(), 1);
-        setenv("RESTIC_PASSWORD", password.c_str(), 1);
-        execlp("restic", "restic", "--no-cache", "-q", "-r", repository.c_str(), "check", nullptr);
-        _exit(127);
-    }
     const auto isLocked = [this] {
         const auto locks = Files("locks");
         return std::any_of(locks.begin(), locks.end(),
                            [](const fs::path& file) { return file.filename().string().size() == 64; });
     };
-    for (int i = 0; i < 10000 && !isLocked(); ++i)
-        usleep(1000);
-    kill(restic, SIGSTOP);
+    // restic is stopped while it has an exclusive lock. If it ends before that, it is started again.
+    pid_t restic = 0;
+    int status = 0;
+    for (int attempts = 0;; waitpid(restic, &status, 0)) {
+        ASSERT_LT(attempts++, 20);
+        restic = fork();
+        if (restic == 0) {
+            setenv("HOME", directory.Path().c_str(), 1);
+            setenv("RESTIC_PASSWORD", password.c_str(), 1);
+            execlp("restic", "restic", "--no-cache", "-q", "-r", repository.c_str(), "check", nullptr);
+            _exit(127);
+        }
+        siginfo_t info{};
+        while (!isLocked() && info.si_pid == 0 && usleep(1000) == 0)
+            waitid(P_PID, static_cast<id_t>(restic), &info, WEXITED | WNOHANG | WNOWAIT);
+        kill(restic, SIGSTOP);
+        waitid(P_PID, static_cast<id_t>(restic), &info, WSTOPPED | WEXITED | WNOWAIT);
+        if (isLocked())
+            break;
+        kill(restic, SIGCONT);
+    }
     for (const char* command : {"backup -q source", "forget latest", "prune", "snapshots"})
         Run(11, command);
     kill(restic, SIGCONT);
-    int status = 0;
     waitpid(restic, &status, 0);
     EXPECT_EQ(status, 0);
 }

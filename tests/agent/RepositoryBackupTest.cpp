@@ -283,7 +283,7 @@ TEST_F(RepositoryBackupTest, SeveralPathsAreOneTree)
 TEST_F(RepositoryBackupTest, LostBlobsAreStoredAgain)
 {
     const auto flip = [](const fs::path& file) {
-        std::fstream(file, std::ios::in | std::ios::out | std::ios::binary).seekp(20).put('?').put('?');
+        std::fstream(file, std::ios::in | std::ios::out | std::ios::binary).seekp(20).write("damaged!", 8);
     };
     const auto cut = [](const fs::path& file) {
         fs::resize_file(file, fs::file_size(file) - 1);
@@ -461,29 +461,29 @@ TEST_F(RepositoryBackupTest, ResticLooksAtLockOfRunningBackup)
 {
     if (!HasRestic())
         GTEST_SKIP() << "restic is not installed";
-    directory.Write("s/f", "f");
     directory.Write("other/g", "g");
-    const auto writePid = [this] {
-        directory.Write("pid", std::to_string(getpid()));
+    // The backup does not end before its input does.
+    ASSERT_EQ(mkfifo((directory / "input").c_str(), 0600), 0);
+    const int input = open((directory / "input").c_str(), O_RDWR | O_CLOEXEC);
+    const auto openInput = [] {
+        dup2(open("input", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
     };
     auto running = std::async(std::launch::async, [&] {
-        return Run(0, {"backup", "-q", source}, {.prepare = writePid});
+        return Run(0, {"backup", "-q", "--stdin"}, {.prepare = openInput});
     });
     constexpr std::size_t DigitsOfId = 64;
     const auto isLocked = [this] {
         const auto locks = Files("locks");
         return !locks.empty() && locks.front().filename().string().size() == DigitsOfId;
     };
-    while (!isLocked())
-        usleep(5000);
-    // It is stopped while it looks for other locks, so it does not end before restic has begun.
-    const int program = std::atoi(ReadFile(directory / "pid").c_str());
-    EXPECT_EQ(kill(program, SIGSTOP), 0);
+    while (!isLocked() && running.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready) {
+    }
     Restic("unlock"); // sends SIGHUP
     EXPECT_TRUE(isLocked());
     Restic("backup other");
     EXPECT_TRUE(isLocked());
-    kill(program, SIGCONT);
+    EXPECT_EQ(write(input, "f", 1), 1);
+    close(input);
     running.get();
     EXPECT_TRUE(Files("locks").empty());
     EXPECT_EQ(CountSnapshots(), 2u);
@@ -518,7 +518,7 @@ TEST_F(RepositoryBackupTest, KilledBackupLeavesSoundRepository)
         ExpectSound();
         BackUp(0, {"s"});
         EXPECT_EQ(Find(source + "/big").size, 25000000u) << "seed " << seed;
-        EXPECT_TRUE(Files("locks").empty());
+        EXPECT_TRUE(Open().ListIds(FileKind::Lock).empty()) << "a temporary file may be left";
     }
     std::printf("killed %d of %d backups\n", killed, rounds);
     ExpectSound("--read-data");

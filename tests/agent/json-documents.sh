@@ -85,7 +85,7 @@ run 0 volumes volumes
 run 10 snapshots -r missing snapshots
 run 2 check check --none
 pack=$(find "$KBAGENT_REPOSITORY/data" -type f | head -n 1)
-printf 'x' | dd of="$pack" bs=1 seek=20 conv=notrunc status=none
+printf 'damaged!' | dd of="$pack" bs=1 seek=20 conv=notrunc status=none
 run 1 check check --read-data
 run 3 "repair packs" repair packs "$(basename "$pack")"
 
