@@ -319,7 +319,7 @@ void CompareWithThePlainList(const World& world)
         return choices[random() % choices.size()];
     };
     const char* const rounds = std::getenv("SELECTION_ROUNDS");
-    const int forests = world.forests * (rounds != nullptr ? std::atoi(rounds) : 1);
+    const int forests = static_cast<int>(world.forests * (rounds != nullptr ? std::atof(rounds) : 1));
     for (int forest = 0; forest < forests; ++forest) {
         Backup::File::YSelectionManager tree;
         NaiveSelection list;
