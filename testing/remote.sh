@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # testing/remote.sh BUILD: tests repositories on servers with the programs of a build. testing/s3-server.sh runs it.
-# The contract of backends and their faults come first, then kbagent and restic on one repository, eight hosts at the
-# same time with removals between their backups, and a server that lets nothing be removed. Ends non-zero if anything
-# is lost.
+# The contract of backends and their faults come first, then kbagent and restic on one repository, eight hosts with
+# different clocks at the same time with removals between their backups, a user whom the policy of docs/remote.md lets
+# remove nothing but locks, and a server that lets nothing else be removed. Ends non-zero if anything is lost.
 set -euo pipefail
 
 build=$(realpath "$1")
+page=$(realpath "$(dirname "${BASH_SOURCE[0]}")/../docs/remote.md")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export KBAGENT_REPOSITORY=$KBAGENT_TEST_S3/shared KBAGENT_CACHE_DIR=$work/cache KBAGENT_PASSWORD=secret
@@ -52,7 +53,33 @@ refused "the secret key is not that of the access key" 1 env AWS_SECRET_ACCESS_K
 refused "the server does not know the access key" 1 env AWS_ACCESS_KEY_ID=wrong "$kbagent" snapshots
 refused "does not exist" 10 "$kbagent" snapshots -r "${KBAGENT_TEST_S3%/*}/missing-bucket/shared"
 
-echo "-- eight hosts at the same time"
+echo "-- eight hosts at the same time, with clocks up to ten minutes apart"
+cat >"$work/clock.c" <<'END'
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <stdlib.h>
+#include <time.h>
+
+int clock_gettime(clockid_t clock, struct timespec *now)
+{
+    int (*next)(clockid_t, struct timespec *) = dlsym(RTLD_NEXT, "clock_gettime");
+    int result = next(clock, now);
+    if (clock == CLOCK_REALTIME)
+        now->tv_sec += atol(getenv("CLOCK_SHIFT"));
+    return result;
+}
+
+time_t time(time_t *now)
+{
+    struct timespec precise;
+    clock_gettime(CLOCK_REALTIME, &precise);
+    return now ? (*now = precise.tv_sec) : precise.tv_sec;
+}
+END
+cc -shared -fPIC -o "$work/clock.so" "$work/clock.c" -ldl
+with_clock=(env "LD_PRELOAD=$work/clock.so") # and CLOCK_SHIFT, in seconds
+late=$("${with_clock[@]}" CLOCK_SHIFT=300 date +%s)
+[ $((late - $(date +%s))) -ge 299 ] || fail "no clock can be set"
 # as_host NAME COMMAND...: with another host name, if this user may have one.
 as_host() {
     local name=$1
@@ -68,6 +95,7 @@ back_up_twice() {
     for turn in 1 2; do
         head -c 3000000 /dev/urandom >"$work/$host/own"
         KBAGENT_CACHE_DIR=$work/cache-$host as_host "$host" \
+            "${with_clock[@]}" CLOCK_SHIFT=$(((${host#host} - 1) * 600 / 7 - 300)) \
             "$kbagent" backup --host "$host" --retry-lock 10m "$work/$host" || return
     done
 }
@@ -91,6 +119,27 @@ for host in host{1..8}; do
     diff -r "$work/$host" "$work/restored-$host$work/$host" || fail "$host differs"
 done
 [ -z "$("$kbagent" list locks --no-lock)" ] || fail "a lock remains"
+
+echo "-- a user whom the policy of docs/remote.md lets remove nothing but locks"
+head -c 3000000 /dev/urandom >"$work/host1/own"
+quietly "$kbagent" backup --host gone "$work/host1"
+quietly "$kbagent" forget --host gone latest
+# It becomes the policy of the bucket, which names the user.
+bucket=${KBAGENT_TEST_S3##*/}
+sed -n '/^```json$/,/^```$/{/^```/d;p}' "$page" |
+    sed "s/:::backup/:::$bucket/g;s|\"Effect\"|\"Principal\": {\"AWS\": \"arn:aws:iam:::user/host\"}, &|" >"$work/policy"
+printf 'user = "%s:%s"\n' "$AWS_ACCESS_KEY_ID" "$AWS_SECRET_ACCESS_KEY" |
+    curl -sSf -K - --aws-sigv4 "aws:amz:$AWS_DEFAULT_REGION:s3" -T "$work/policy" "${KBAGENT_TEST_S3#s3:}?policy=" \
+        -H "x-amz-content-sha256: $(sha256sum <"$work/policy" | cut -d ' ' -f 1)"
+(
+    export AWS_ACCESS_KEY_ID=$S3_HOST_KEY_ID AWS_SECRET_ACCESS_KEY=$S3_HOST_SECRET
+    quietly "$kbagent" backup "$work/ours"
+    quietly restic backup "$work/ours"
+    refused "may not DELETE this object" 3 "$kbagent" forget latest
+    refused "may not DELETE this object" 1 "$kbagent" prune --max-unused 0
+    [ -z "$("$kbagent" list locks --no-lock)" ] || fail "a lock remains"
+    quietly restic check --read-data
+)
 
 echo "-- kbagent and restic on rclone, which lets nothing but locks be removed"
 place=127.0.0.1:$((${S3_PORT:-21480} + 10))

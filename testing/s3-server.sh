@@ -7,6 +7,7 @@
 #   KBAGENT_TEST_S3                            the location of a bucket, which does not exist yet
 #   AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY   of a user who may create it
 #   AWS_DEFAULT_REGION                         its region
+#   S3_HOST_KEY_ID, S3_HOST_SECRET             of a second user, "host", who may not use the buckets of others
 #
 # Packages of Debian 12: ceph-mon, ceph-osd and radosgw. S3_PORT and the 9 ports after it are used, by default 21480.
 set -euo pipefail
@@ -68,6 +69,8 @@ monitor="[v2:127.0.0.1:$((port + 1))/0]"
 export AWS_ACCESS_KEY_ID AWS_SECRET_ACCESS_KEY AWS_DEFAULT_REGION=us-east-1
 AWS_ACCESS_KEY_ID=$(od -An -N10 -tx1 /dev/urandom | tr -d ' \n')
 AWS_SECRET_ACCESS_KEY=$(od -An -N20 -tx1 /dev/urandom | tr -d ' \n')
+export S3_HOST_KEY_ID=host$AWS_ACCESS_KEY_ID S3_HOST_SECRET
+S3_HOST_SECRET=$(od -An -N20 -tx1 /dev/urandom | tr -d ' \n')
 mkdir "$work/mon" "$work/osd" "$work/run"
 cat >"$conf" <<END
 [global]
@@ -122,8 +125,12 @@ ceph -c "$conf" --connect-timeout 60 osd new "$osd" >"$work/setup.log" 2>&1 || u
 daemon osd ceph-osd -i 0
 daemon gateway radosgw -n client.gateway
 wait_for "$port"
-radosgw-admin -c "$conf" -n client.gateway user create --uid=test --display-name=test \
-    --access-key="$AWS_ACCESS_KEY_ID" --secret-key="$AWS_SECRET_ACCESS_KEY" >"$work/setup.log" 2>&1 ||
-    unavailable "no user can be created"
+# create_user NAME ACCESS-KEY SECRET-KEY
+create_user() {
+    radosgw-admin -c "$conf" -n client.gateway user create --uid="$1" --display-name="$1" --access-key="$2" \
+        --secret-key="$3" >"$work/setup.log" 2>&1 || unavailable "no user can be created"
+}
+create_user test "$AWS_ACCESS_KEY_ID" "$AWS_SECRET_ACCESS_KEY"
+create_user host "$S3_HOST_KEY_ID" "$S3_HOST_SECRET"
 
 KBAGENT_TEST_S3=s3:http://127.0.0.1:$port/test "$@"

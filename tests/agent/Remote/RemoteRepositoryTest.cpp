@@ -1,5 +1,6 @@
 // Commands on a repository on a server.
 #include "agent/Remote/Location.h"
+#include "agent/Repository/Lock.h"
 
 #include "testing/RepositoryFixture.h"
 #include "testing/RestStore.h"
@@ -7,9 +8,17 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
+#include <functional>
+#include <poll.h>
 #include <random>
+#include <sys/resource.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace Agent;
@@ -34,14 +43,26 @@ protected:
         secrets.environment = [](const char* name) {
             return std::getenv(name);
         };
-        Repo::Repository::Create(Remote::MakeRemoteBackend(location, {}, std::move(secrets)),
-                                 Repo::Secret(Repo::AsBytes(password)), options);
+        opened.emplace(Repo::Repository::Create(Remote::MakeRemoteBackend(location, {}, std::move(secrets)),
+                                                Repo::Secret(Repo::AsBytes(password)), options));
         repository = location;
     }
     ProgramResult RunCached(int exitCode, const std::string& words) const
     {
         return Run(exitCode, Words(words), {}, {"KBAGENT_CACHE_DIR=" + directory / "cache"});
     }
+    // Saves the lock of another host, which was refreshed this many seconds ago by the clock of this one.
+    void SaveLock(std::int64_t age) const
+    {
+        Repo::Lock lock;
+        lock.time = Repo::Timestamp::Now();
+        lock.time.seconds -= age;
+        lock.hostname = "elsewhere";
+        opened->SaveText(Repo::FileKind::Lock, lock.ToJson());
+    }
+    // For the program's process, before it begins.
+    void KeepId() const { directory.Write("pid", std::to_string(getpid())); }
+    void Interrupt() const { kill(std::stoi(ReadFile(directory / "pid")), SIGINT); }
     // The result of a command, of which the answer to the request of this number is spoilt.
     int RunSpoilt(unsigned int number, const HttpFault& fault, const std::string& words)
     {
@@ -112,6 +133,7 @@ protected:
                           [&](const auto& file) { return file.first.starts_with(folder); }));
     }
 
+    std::optional<Repo::Repository> opened;
     RestStore store{.isReplacing = false};
     HttpServer::Handler next = [this](const HttpRequest& request) {
         return store.Handle(request);
@@ -131,15 +153,20 @@ TEST_F(RemoteRepository, UnchangedBackupMakesFewRequests)
     const auto requests = [this] {
         return server.Count() - Count("/data/") - Count("/index/");
     };
-    std::size_t before = requests();
-    RunCached(0, "backup " + source);
-    EXPECT_LE(requests() - before, 12u);
-    before = requests();
+    for (const unsigned int locks : {0u, 2u}) {
+        for (unsigned int i = 0; i < locks; ++i)
+            SaveLock(60);
+        const std::size_t before = requests();
+        RunCached(0, "backup " + source);
+        EXPECT_LE(requests() - before, 12u + locks);
+    }
+    RunCached(0, "unlock --remove-all");
+    const std::size_t before = requests();
     Run(0, Words("backup --no-cache --limit-upload 10000 --limit-download 10000 " + source), {},
         {"KBAGENT_CACHE_DIR=" + directory / "cache"});
     EXPECT_GT(requests() - before, 12u);
     EXPECT_EQ(Count("/locks/"), 0u);
-    EXPECT_EQ(Count("/snapshots/"), 4u);
+    EXPECT_EQ(Count("/snapshots/"), 5u);
     RunCached(0, "check --read-data");
     std::filesystem::remove_all(directory / "cache");
     RunCached(0, "restore latest --target " + target);
@@ -198,12 +225,14 @@ TEST_F(RemoteRepository, AppendOnlyStoreTakesBackups)
 {
     store.isAppendOnly = true;
     RunCached(0, "backup " + source);
-    const ProgramResult tagged = RunCached(-1, "tag --add x latest");
-    EXPECT_NE(tagged.exitCode, 0);
-    EXPECT_TRUE(Holds(tagged.errors, "append-only"));
-    const ProgramResult forgotten = RunCached(-1, "forget --keep-last 1 --prune");
-    EXPECT_NE(forgotten.exitCode, 0);
-    EXPECT_TRUE(Holds(forgotten.errors, "append-only"));
+    const std::string unneeded = "/data/" + std::string(64, 'a');
+    store.files[unneeded] = "what a prune removes";
+    for (const char* words : {"tag --add x latest", "forget --keep-last 1 --prune", "prune"}) {
+        const ProgramResult refused = RunCached(-1, words);
+        EXPECT_NE(refused.exitCode, 0);
+        EXPECT_TRUE(Holds(refused.errors, "append-only"));
+    }
+    store.files.erase(unneeded);
     RunCached(0, "check --read-data");
     store.keepsLocks = true;
     EXPECT_TRUE(Holds(RunCached(3, "backup " + source).errors, "'kbagent unlock' has to"));
@@ -215,17 +244,78 @@ TEST_F(RemoteRepository, InterruptEndsCommandThoughServerIsSilent)
     answer = [&](const HttpRequest& request) {
         if (!isSilent && request.target == "/snapshots/") {
             isSilent = true;
-            kill(std::stoi(ReadFile(directory / "pid")), SIGINT);
+            Interrupt();
         }
         return isSilent ? HttpAnswer{"", false, true} : store.Handle(request);
     };
-    const auto keepId = [this] {
-        directory.Write("pid", std::to_string(getpid()));
-    };
-    const ProgramResult result = Run(130, Words("backup --no-cache " + source), {.prepare = keepId});
+    const ProgramResult result = Run(130, Words("backup --no-cache " + source), {.prepare = [this] {
+                                         KeepId();
+                                     }});
     EXPECT_TRUE(Holds(result.errors, "did not respond in time after the interrupt"));
     EXPECT_TRUE(Holds(result.errors, "'kbagent unlock' has to"));
     EXPECT_EQ(Count("/locks/"), 1u);
+}
+
+// The server receives packs and never responds. The program reads from a pipe, so that the test counts what
+// it has taken.
+TEST_F(RemoteRepository, StalledBackupReadsNoFurther)
+{
+    constexpr std::size_t MebiByte = 1 << 20;
+    std::atomic<bool> isStalled{false}, hasEnded{false};
+    answer = [&](const HttpRequest& request) {
+        if (request.method != "POST" || !request.target.starts_with("/data/"))
+            return store.Handle(request);
+        isStalled = true;
+        return HttpAnswer{"", false, true};
+    };
+    int input[2];
+    ASSERT_EQ(pipe2(input, O_CLOEXEC), 0);
+    std::size_t taken = 0;
+    std::thread feeder([&] {
+        std::mt19937_64 random;
+        std::array<std::uint64_t, PIPE_BUF / 8> block; // for which there is room whenever there is any
+        for (pollfd room{input[1], POLLOUT, 0}; !hasEnded && taken < 384 * MebiByte;) {
+            std::generate(block.begin(), block.end(), std::ref(random));
+            if (poll(&room, 1, 2000) > 0)
+                taken += static_cast<std::size_t>(write(input[1], block.data(), sizeof(block)));
+            else if (isStalled)
+                break;
+        }
+        if (!hasEnded)
+            Interrupt();
+    });
+    Run(130, Words("backup --no-cache --pack-size 4 --stdin"), {.prepare = [&] {
+            KeepId();
+            dup2(input[0], STDIN_FILENO);
+        }});
+    hasEnded = true;
+    feeder.join();
+    for (const int end : input)
+        close(end);
+    // Eight packs, of 4 MiB and a chunk at most, and the chunks that the threads have.
+    EXPECT_LT(taken, 128 * MebiByte);
+    EXPECT_EQ(Count("/locks/"), 0u);
+#if !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    rusage usage{};
+    getrusage(RUSAGE_CHILDREN, &usage);
+    EXPECT_LT(usage.ru_maxrss, 256 << 10) << "KiB";
+#endif
+}
+
+// Clocks of two hosts differ by ten minutes from that of this one, and locks are refreshed every five.
+TEST_F(RemoteRepository, ClocksOfHostsMayDiffer)
+{
+    SaveLock(-10 * 60);
+    SaveLock(10 * 60 + 5 * 60);
+    RunCached(0, "backup " + source);
+    if (HasRestic())
+        Restic("backup " + source);
+    RunCached(0, "backup " + source);
+    EXPECT_EQ(RunCached(0, "unlock").output, "removed 0 locks\n");
+    for (const char* words : {"prune", "forget --keep-last 1 --prune"})
+        EXPECT_TRUE(Holds(RunCached(11, words).errors, "locked by PID"));
+    EXPECT_EQ(Count("/locks/"), 2u);
+    RunCached(0, "check --read-data");
 }
 
 } // namespace
