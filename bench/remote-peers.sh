@@ -2,8 +2,8 @@
 # bench/remote-peers.sh [--quick]: backs a tree of 92,000 entries up to a server of S3, backs it up unchanged, and
 # restores it, with kbagent and restic in turns. testing/s3-server.sh runs it. The time in which curl moves the same
 # bytes is subtracted from both. Prints the medians in seconds and kbagent's multiples of restic, "name TAB value TAB
-# unit"; the bounds are 0.5 for a backup, 0.4 for an unchanged one and 0.6 for a restore. Reads build/bench, or the
-# build folder that BUILD names. The tree is in $TMPDIR or /tmp.
+# unit", the multiples with their bounds, and whether these are met. Reads build/bench, or the build folder that BUILD
+# names. The tree is in $TMPDIR or /tmp.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 export LC_ALL=C RESTIC_PASSWORD=bench KBAGENT_PASSWORD=bench
@@ -59,10 +59,14 @@ for _ in $(seq "$turns"); do
     time_into restore.bare get_bare
 done
 echo 0 >"$work/unchanged.bare"
-for what in backup unchanged restore; do
+for bounded in backup=0.5 unchanged=0.4 restore=0.6; do
+    what=${bounded%=*}
     for name in kbagent restic bare; do
         row "remote.$what.$name" "$(median "$what.$name")" s
     done
-    row "remote.$what.beside_restic" "$(awk -v a="$(median "$what.kbagent")" -v b="$(median "$what.restic")" \
-        -v bare="$(median "$what.bare")" 'BEGIN { printf "%.4g", (a - bare) / (b - bare) }')" x
+    awk -v name="remote.$what.beside_restic" -v a="$(median "$what.kbagent")" -v b="$(median "$what.restic")" \
+        -v bare="$(median "$what.bare")" -v bound="${bounded#*=}" 'BEGIN {
+            value = (a - bare) / (b - bare)
+            printf "%s\t%.4g\tx\t<= %s\t%s\n", name, value, bound, value <= bound ? "met" : "missed"
+        }'
 done

@@ -95,8 +95,8 @@ Fault FaultOf(CURLcode code)
     case CURLE_COULDNT_RESOLVE_PROXY:
     case CURLE_COULDNT_CONNECT:
     case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_OPERATION_TIMEDOUT: // while it connects, since later times are watched here
         return Fault::Unreachable;
-    case CURLE_OPERATION_TIMEDOUT:
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
     case CURLE_GOT_NOTHING:

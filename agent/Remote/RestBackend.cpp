@@ -183,7 +183,10 @@ void RestBackend::List(FileKind kind, const std::function<void(const Id& id, std
         const Call call{.path = folder, .limit = ListLimit, .isCleanUp = kind == FileKind::Lock};
         Bytes body;
         const Response response = SendTwiceIfMissing(call, body);
-        // If it counted as empty, a prune would remove what the files need.
+        // A copy of a repository may lack the directory of locks. A process that locks then looks for its own.
+        if (kind == FileKind::Lock && IsMissing(response, body))
+            return std::vector<ListedFile>();
+        // If another one counted as empty, a prune would remove what the files need.
         REPOSITORY_RAISE_UNLESS(!IsMissing(response, body), Failure::Missing,
                                 "the server does not have this directory");
         RequireSuccess(response, body, call);

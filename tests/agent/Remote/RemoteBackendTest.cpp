@@ -294,6 +294,8 @@ TEST(RestBackend, WrongAnswersAreRefused)
         EXPECT_EQ(FailureOf([&] { backend.Load({}, 1, 4, read); }).first, row.failure);
         EXPECT_FALSE(
             FailureOf([&] { backend.List(FileKind::Key, [](const Id&, std::uint64_t) {}); }).second.empty());
+        const auto locks = FailureOf([&] { backend.List(FileKind::Lock, [](const Id&, std::uint64_t) {}); });
+        EXPECT_EQ(locks.second.empty(), row.answer.bytes.starts_with("HTTP/1.1 404"));
     }
 }
 
