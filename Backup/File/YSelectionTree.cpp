@@ -227,8 +227,9 @@ void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
 // Prunes each node when entering it, and erases empty nodes when leaving them.
 void Node::PruneByWalk(const YSelectionDescriptor& rule)
 {
+    Walk<Node> walk(*this);
     try {
-        for (Walk<Node> walk(*this); walk.Step();) {
+        while (walk.Step()) {
             Node& node = walk.Current();
             if (&node == this)
                 continue;
@@ -240,7 +241,9 @@ void Node::PruneByWalk(const YSelectionDescriptor& rule)
             }
         }
     } catch (...) {
-        ForgetBranches(); // a node may be empty
+        // Memory is needed only after a node was entered. That node may be empty, and so may those above it,
+        // which the walk would have erased when leaving them.
+        walk.Current().ForgetBranches();
         throw;
     }
 }
