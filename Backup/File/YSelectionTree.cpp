@@ -202,7 +202,8 @@ void Node::PruneRules(SelectionType type, const YSelectionDescriptor& rule, bool
         erased.push_back(&stored);
         return true;
     });
-    RulesErased(erased, areIncludes);
+    if (!erased.empty())
+        RulesErased(erased, areIncludes);
 }
 
 void Node::PruneRedundantChildren(const YSelectionDescriptor& rule)
