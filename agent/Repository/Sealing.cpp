@@ -52,14 +52,19 @@ public:
     // Encrypts or decrypts: in this mode both are one operation.
     void Transform(const Key& key, const unsigned char* iv, ByteView input, unsigned char* output)
     {
-        Check(EVP_EncryptInit_ex2(m_counter.get(), nullptr, key.Encryption().data(), iv, nullptr) == 1);
-        for (std::size_t at = 0; at < input.size(); at += PieceSize) {
+        bool isDone =
+            EVP_EncryptInit_ex2(m_counter.get(), nullptr, key.Encryption().data(), iv, nullptr) == 1;
+        for (std::size_t at = 0; isDone && at < input.size(); at += PieceSize) {
             const int size = static_cast<int>(std::min(PieceSize, input.size() - at));
             int written = 0;
-            Check(EVP_EncryptUpdate(m_counter.get(), output + at, &written, input.data() + at, size) == 1 &&
-                  written == size);
+            isDone =
+                EVP_EncryptUpdate(m_counter.get(), output + at, &written, input.data() + at, size) == 1 &&
+                written == size;
         }
-        Check(EVP_EncryptInit_ex2(m_counter.get(), nullptr, NoKey.data(), NoKey.data(), nullptr) == 1);
+        // Also after a failure, so that the key does not stay in the context.
+        const bool isCleared =
+            EVP_EncryptInit_ex2(m_counter.get(), nullptr, NoKey.data(), NoKey.data(), nullptr) == 1;
+        Check(isDone && isCleared);
     }
 
     void ComputeTag(const Key& key, const unsigned char* iv, ByteView ciphertext, unsigned char* tag)
@@ -76,10 +81,13 @@ public:
             isMasked && EVP_MAC_init(m_mac.get(), macKey.data(), macKey.size(), nullptr) == 1;
         Wipe(macKey);
         std::size_t size = 0;
-        Check(isKeyed && EVP_MAC_update(m_mac.get(), ciphertext.data(), ciphertext.size()) == 1 &&
-              EVP_MAC_final(m_mac.get(), tag, &size, TagSize) == 1 && size == TagSize);
-        Check(EVP_EncryptInit_ex2(m_block.get(), nullptr, NoKey.data(), nullptr, nullptr) == 1 &&
-              EVP_MAC_init(m_mac.get(), NoKey.data(), NoKey.size(), nullptr) == 1);
+        const bool isDone = isKeyed &&
+                            EVP_MAC_update(m_mac.get(), ciphertext.data(), ciphertext.size()) == 1 &&
+                            EVP_MAC_final(m_mac.get(), tag, &size, TagSize) == 1 && size == TagSize;
+        const bool isBlockCleared =
+            EVP_EncryptInit_ex2(m_block.get(), nullptr, NoKey.data(), nullptr, nullptr) == 1;
+        const bool isMacCleared = EVP_MAC_init(m_mac.get(), NoKey.data(), NoKey.size(), nullptr) == 1;
+        Check(isDone && isBlockCleared && isMacCleared);
     }
 
 private:
