@@ -73,11 +73,6 @@ bool IsLowSurrogate(char32_t unit)
     return unit >= 0xDC00 && unit <= 0xDFFF;
 }
 
-char ToLower(char byte)
-{
-    return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
-}
-
 // The ASCII characters that are not control characters and not among these.
 constexpr std::array<bool, 256> MakeSet(std::string_view without)
 {
@@ -150,8 +145,7 @@ bool IsKey(std::string_view key, std::string_view member)
 {
     if (key == member) [[likely]]
         return true;
-    return key.size() == member.size() && std::equal(key.begin(), key.end(), member.begin(),
-                                                     [](char a, char b) { return ToLower(a) == ToLower(b); });
+    return Krt::String::Equals(key, member, false);
 }
 
 void JsonReader::RaiseDamagedAt(std::size_t offset, const char* reason) const
