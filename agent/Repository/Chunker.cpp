@@ -25,7 +25,7 @@ bool IsEnd(std::uint64_t digest)
 
 ChunkerTables::ChunkerTables(Polynomial polynomial)
 {
-    constexpr int BitsOfWindow = 8 * 64;
+    constexpr int BitsOfWindow = 8 * WindowSize;
     const auto powerOf = [polynomial](int exponent) {
         Polynomial power = 1;
         for (int i = 0; i < exponent; ++i)
@@ -135,13 +135,13 @@ std::size_t Chunker::Slide(ByteView data, bool& isCut)
     std::uint64_t digest = m_digest;
     std::size_t at = 0;
     bool isAtEnd = false;
-    // The window is not full of this call's bytes yet.
+    // The window is not full of this call's bytes yet, and the chunk may be below its least size.
     while (at < std::min(limit, WindowSize) && !isAtEnd) {
         digest = Step(digest, m_window[(m_length + at) % WindowSize], data[at]);
         ++at;
         isAtEnd = m_length + at >= MinSize && IsEnd(digest);
     }
-    // By now the chunk has its least length.
+    // If there are more bytes, the window is full of this call's, and the chunk has its least size.
     const bool hasStrips = !isAtEnd && limit - at >= StripSize;
     while (!isAtEnd && limit - at >= StripSize) {
         const std::size_t found = FindEndInStrip(&data[at]);

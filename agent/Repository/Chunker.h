@@ -22,6 +22,8 @@ public:
 private:
     friend class Chunker;
 
+    static constexpr std::size_t WindowSize = 64; // bytes that the digest is of
+
     using Table = std::array<std::uint64_t, 256>; // by a byte
 
     // What a byte adds to the digest in the step with which it leaves the window.
@@ -49,7 +51,7 @@ public:
     std::size_t Feed(ByteView data, bool& isCut);
 
 private:
-    static constexpr std::size_t WindowSize = 64; // bytes
+    static constexpr std::size_t WindowSize = ChunkerTables::WindowSize;
 
     std::uint64_t Step(std::uint64_t digest, unsigned char out, unsigned char in) const;
     std::uint64_t DigestAt(const unsigned char* end) const;
@@ -59,9 +61,11 @@ private:
     std::size_t Slide(ByteView data, bool& isCut);
 
     const ChunkerTables& m_tables;
-    std::size_t m_length = 0;                         // bytes of the chunk so far
-    std::uint64_t m_digest = 0;                       // of the window
-    std::array<unsigned char, WindowSize> m_window{}; // the bytes of the chunk at these lengths modulo 64
+    std::size_t m_length = 0;   // bytes of the chunk so far
+    std::uint64_t m_digest = 0; // of the window
+    // The last bytes of the chunk, each at its offset in the chunk modulo the size. What is not hashed, at
+    // the beginning of a chunk, counts as zeros.
+    std::array<unsigned char, WindowSize> m_window{};
 };
 
 } // namespace Agent::Repo
