@@ -27,17 +27,21 @@ void DecodeBytes(std::string& text)
     char* out = text.data();
     const char* at = out;
     const char* const end = at + text.size();
+    const auto move = [&out](const char* from, const char* to) { // these may overlap
+        std::memmove(out, from, to - from);
+        out += to - from;
+    };
     while (const void* found = std::memchr(at, 0xEE, end - at)) {
         const char* const character = static_cast<const char*>(found);
-        out = std::copy(at, character, out);
+        move(at, character);
         at = character + 3;
         const unsigned int number = (character[1] & 0x3F) << 6 | (character[2] & 0x3F);
         if (number < 0xF80)
-            out = std::copy(character, at, out);
+            move(character, at);
         else
             *out++ = static_cast<char>(number & 0xFF);
     }
-    out = std::copy(at, end, out);
+    move(at, end);
     text.resize(out - text.data());
 }
 
