@@ -50,7 +50,7 @@ public:
     YStream& operator<<(const YString& text);
     /// Appends the character.
     YStream& operator<<(char character);
-    /// Appends the number in decimal, or in hexadecimal after Hex::On.
+    /// Appends the number in decimal, also after Hex::On, which then has no effect on a later number.
     YStream& operator<<(unsigned char value);
     /// Appends the number in decimal, or in hexadecimal after Hex::On.
     YStream& operator<<(int value);
