@@ -134,9 +134,9 @@ struct YString::Derived
     Derived(const Derived&) = delete;
     Derived& operator=(const Derived&) = delete;
 
-    std::atomic<unsigned int> count; // or Unknown
-    std::atomic<const Positions*> positions{nullptr};
-    std::unique_ptr<Memory::YHeap<wchar_t>> wide;
+    std::atomic<unsigned int> count;                  // or Unknown
+    std::atomic<const Positions*> positions{nullptr}; // of each Distance-th character, in bytes
+    std::unique_ptr<Memory::YHeap<wchar_t>> wide;     // see AsWide; without synchronization
 };
 
 unsigned int YString::CountIn(const Derived& derived) noexcept
@@ -152,6 +152,7 @@ void YString::Destroy(Derived* derived) noexcept
 // Other threads may call it for the same text; the first one publishes what all use.
 YString::Derived& YString::GetDerived() const
 {
+    static_assert(sizeof(std::uintptr_t) > sizeof(unsigned int), "a count and its mark fit");
     std::uintptr_t known = m_derived.load(std::memory_order_acquire);
     const auto isDerived = [&known] {
         return known != 0 && (known & 1) == 0;

@@ -64,8 +64,8 @@ public:
     YString& operator=(YString&& other) noexcept
     {
         if (this != &other) {
+            DropDerived();
             m_bytes = std::move(other.m_bytes);
-            Normalize();
             m_derived.store(other.TakeDerived(), std::memory_order_relaxed);
             other.m_bytes.clear();
         }
@@ -178,7 +178,8 @@ private:
                        bool caseSensitive) const;
     // The bytes between two offsets, up to the first NUL.
     std::string_view Text(std::size_t begin, std::size_t end) const;
-    // Every mutator begins with DropDerived and ends with Normalize.
+    // A mutator begins with DropDerived, so that nothing outdated remains if it raises. It ends with
+    // Normalize, which also drops what the mutator itself has derived from the former bytes.
     void DropDerived() noexcept
     {
         const std::uintptr_t derived = TakeDerived();
@@ -186,6 +187,7 @@ private:
             Destroy(reinterpret_cast<Derived*>(derived));
     }
     static void Destroy(Derived* derived) noexcept;
+    // Only the owner of the string calls it: a change excludes readers, so no read-modify-write is needed.
     std::uintptr_t TakeDerived() noexcept
     {
         const std::uintptr_t derived = m_derived.load(std::memory_order_relaxed);
@@ -201,7 +203,8 @@ private:
 
     std::string m_bytes;
     // 0 if nothing is known; an odd number if only the count is, which is the half of it; else a Derived,
-    // which this string owns.
+    // which this string owns. Readers only replace 0 by a count, and either by a Derived, which then stays
+    // until the string changes. So a reader may use the Derived that it has found without a lock.
     mutable std::atomic<std::uintptr_t> m_derived{0};
 };
 
