@@ -4,6 +4,10 @@
 /// Memory for shared values. Documents come and go one record at a time, and each record has dozens of
 /// values, all of one size: the blocks that a thread frees are kept for its next document, up to a limit. A
 /// block may be freed by another thread than the one that allocated it.
+///
+/// A block is either an object with its counts, or a link in the list of one thread. Only that thread uses
+/// the list, so nothing is locked. The list is empty until the thread destroys its first value, and again
+/// from the thread's end on: values that are destroyed later free their blocks.
 
 #include <boost/shared_ptr.hpp>
 
@@ -116,11 +120,13 @@ public:
             throw;
         }
         t_counts = object + 1;
+        // The pointer's constructor allocates its counts once, by CountsAllocator, and raises nothing.
         return boost::shared_ptr<T>(object, Destroyer(), CountsAllocator<T>());
     }
 
 private:
     static constexpr std::size_t CountsSize = 4 * sizeof(void*);
+    static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__, "the alignment of a block");
     using Blocks = FreeList<sizeof(T) + CountsSize>;
 
     // The counts' own memory is the whole block, which outlives the object as long as there are weak
@@ -166,3 +172,5 @@ template <class T>
 constinit thread_local void* SharedBlock<T>::t_counts = nullptr;
 
 } // namespace Krt::JSON
+
+#undef KRT_KEEPS_NO_BLOCKS
