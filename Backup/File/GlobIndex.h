@@ -54,7 +54,7 @@ private:
     bool AnyOfKey(std::uint64_t key, Condition condition) const;
     bool Unlink(std::uint64_t key, const Rule& rule) noexcept;
 
-    boost::unordered_flat_map<std::uint64_t, Chain> m_chains;
+    boost::unordered_flat_map<std::uint64_t, Chain> m_chains; // by key; each rule is in one of them
     std::vector<Link> m_links;
     std::uint32_t m_free = None;                    // the first unused link
     std::array<std::size_t, PlaceCount> m_widths{}; // sums of the widths of keys that may be in use

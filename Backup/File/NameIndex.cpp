@@ -51,7 +51,7 @@ void NameIndex::Add(const Rule& rule, void* owned)
 {
     m_entries.push_back({&rule, owned});
     try {
-        m_byRule.insert_or_assign(&rule, static_cast<std::uint32_t>(m_entries.size() - 1));
+        m_byRule.emplace(&rule, static_cast<std::uint32_t>(m_entries.size() - 1));
     } catch (...) {
         m_entries.pop_back();
         throw;
@@ -90,7 +90,7 @@ std::vector<NameIndex::Entry> NameIndex::FindPruned(const Rule& rule)
     }
     for (std::uint32_t link = chain != nullptr ? chain->first : None; link != None;
          link = m_links[link].next) {
-        if (m_links[link].entry < m_indexed) // not after a failure to index it
+        if (m_links[link].entry < m_indexed) // otherwise IndexEntries has failed, and it is tested below
             test(m_entries[m_links[link].entry]);
     }
     std::for_each(m_entries.begin() + static_cast<std::ptrdiff_t>(m_indexed), m_entries.end(), test);
@@ -108,6 +108,7 @@ void NameIndex::Compact()
     *this = std::move(compact);
 }
 
+// After a failure, m_indexed is the entry at which memory ran out. Some of its grams are in the lists.
 void NameIndex::IndexEntries()
 {
     for (; m_indexed < m_entries.size(); ++m_indexed) {
@@ -118,7 +119,7 @@ void NameIndex::IndexEntries()
         ForEachGram(Padded(rule->GetDescriptor()), [&](std::uint32_t gram) {
             Chain& chain = m_chains[gram];
             if (chain.first != None && m_links[chain.first].entry == entry)
-                return; // the pattern contains the gram twice
+                return; // the pattern contains the gram twice, or an earlier call has failed after it
             m_links.push_back({entry, chain.first});
             chain.first = static_cast<std::uint32_t>(m_links.size() - 1);
             ++chain.count;

@@ -23,12 +23,13 @@ public:
         void* owned;      ///< what Add was called with
     };
 
-    /// Adds a rule, which is stored by reference. Raises std::bad_alloc, after which the index is unchanged.
+    /// Adds a rule, which is stored by reference. Precondition: the index does not contain it. Raises
+    /// std::bad_alloc, after which the index is unchanged.
     void Add(const Rule& rule, void* owned = nullptr);
     /// Removes a rule, which may already be destroyed. Ignores a rule that is not in the index.
     void Remove(const Rule* rule) noexcept;
     /// Returns the entries that `rule` can prune, in any order. Precondition: the rule is not of kind
-    /// Any. Raises std::bad_alloc, after which the index is unchanged.
+    /// Any. Raises std::bad_alloc, after which the index has the same entries.
     std::vector<Entry> FindPruned(const Rule& rule);
     /// Returns true if the index has grown much since FindPruned was called. The owner then saves memory and
     /// time by destroying it, and creates another one when it needs one.

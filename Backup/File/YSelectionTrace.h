@@ -127,7 +127,6 @@ public:
     void Decided(Reason reason) const;
 
 private:
-    using Rules = YSelectionRules;
     class Found;
 
     void ExplicitName(const NodesOnPath& nodes, std::size_t component) const;

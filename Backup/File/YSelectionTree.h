@@ -36,7 +36,8 @@ public:
         const auto child = FindFew(few, name);
         return child == few.end() ? nullptr : child->node.get();
     }
-    /// Adds a child. Precondition: no other child has its name.
+    /// Adds a child. Precondition: no other child has its name. Raises std::bad_alloc, after which the child
+    /// is destroyed and the others are unchanged.
     Node& Add(std::unique_ptr<Node> child)
     {
         if (const Few* const few = std::get_if<Few>(&m_children); few != nullptr && few->size() == MostFew)
@@ -93,6 +94,7 @@ public:
 
 private:
     using Hash = std::hash<std::string_view>;
+    // The keys are views of the nodes' names.
     using Table = boost::unordered_flat_map<std::string_view, std::unique_ptr<Node>, Hash>;
     struct Child
     {
