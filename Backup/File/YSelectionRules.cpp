@@ -22,10 +22,23 @@ bool IsExact(const YSelectionDescriptor& rule)
     return rule.GetDescriptor().GetMatchType() == MatchType::Exact;
 }
 
+// Returns true if the rule is in GlobIndex.
+bool MatchesOtherNames(const YSelectionDescriptor& rule)
+{
+    const Krt::Match::Descriptor& names = rule.GetDescriptor();
+    return !rule.CoversAllNames() && (names.GetMatchType() == MatchType::Glob ||
+                                      (names.GetMatchType() == MatchType::Exact && !names.IsCaseSensitive()));
+}
+
 } // namespace
 
+// Where a large set finds its rules. A rule matches its pattern as a name, all names, or other names as a
+// glob or regardless of case. So the rules for a name are in `byPattern`, `allNames` or `globs`; a rule may
+// be in two of them. The rules that a glob covers are exact, and are found by `exact`. The set owns the
+// rules. A query changes nothing here.
 struct KRT_HIDDEN YSelectionRules::Index
 {
+    // Raises std::bad_alloc, after which the index may only be destroyed.
     void Add(const Rule& rule);
     void Remove(const Rule& rule);
     NameIndex& Exact(const std::set<Rule>& rules);
@@ -62,18 +75,6 @@ NameIndex& YSelectionRules::Index::Exact(const std::set<Rule>& rules)
     }
     return *exact;
 }
-
-namespace {
-
-// Returns true if the rule is in GlobIndex.
-bool MatchesOtherNames(const YSelectionDescriptor& rule)
-{
-    const Krt::Match::Descriptor& names = rule.GetDescriptor();
-    return !rule.CoversAllNames() && (names.GetMatchType() == MatchType::Glob ||
-                                      (names.GetMatchType() == MatchType::Exact && !names.IsCaseSensitive()));
-}
-
-} // namespace
 
 void YSelectionRules::Index::Add(const Rule& rule)
 {
@@ -216,7 +217,8 @@ std::size_t YSelectionRules::EraseCovered(const Rule& rule, Condition mayErase)
     return covered.size();
 }
 
-// Returns the rules in their order.
+// Returns the rules in their order. It may create the index of exact rules, so only a change of the set calls
+// it.
 YSelectionRules::Pointers YSelectionRules::FindCovered(const Rule& rule) const
 {
     Pointers covered;
