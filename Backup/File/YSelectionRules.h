@@ -2,6 +2,7 @@
 
 #include "Backup/File/YSelectionDescriptor.h"
 
+#include <algorithm>
 #include <memory>
 #include <set>
 #include <vector>
@@ -53,8 +54,14 @@ public:
     std::size_t size() const { return m_rules.size(); }  ///< number of rules
     bool empty() const { return m_rules.empty(); }       ///< true if there are no rules
     /// Returns true if any rule is recursive. Within one type the recursion is the first field of the
-    /// order.
-    bool HasRecursive() const { return !empty() && m_rules.rbegin()->IsRecursive(); }
+    /// order, and only values outside the enumeration come after recursive ones.
+    bool HasRecursive() const
+    {
+        return !empty() &&
+               (m_rules.rbegin()->IsRecursive() ||
+                (m_rules.rbegin()->GetRecursionType() > Rule::Recursive &&
+                 std::any_of(begin(), end(), [](const Rule& rule) { return rule.IsRecursive(); })));
+    }
 
     /// Returns the rule that equals `rule`, including the explicit flag, or end().
     const_iterator Find(const Rule& rule) const;

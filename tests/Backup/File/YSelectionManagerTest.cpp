@@ -101,6 +101,12 @@ TEST(YSelectionManager, RuleOfUnknownTypeIsNotStored)
     below.Add("/a", Krt::Match::AnyDescriptor(), static_cast<YSelectionDescriptor::RecursionType>(2),
               YSelectionManager::SelectionType::Include, true);
     EXPECT_EQ(CountNodes(below), 2U) << "only a rule that is known not to be recursive prunes nothing below";
+
+    YSelectionManager hiding = Tree("include /a recursive any; exclude /a recursive exact=x");
+    hiding.Add("/a", Krt::Match::ExactDescriptor("y", true),
+               static_cast<YSelectionDescriptor::RecursionType>(2), YSelectionManager::SelectionType::Exclude,
+               false);
+    EXPECT_EQ(hiding.GetPathSelectionType("/a/b/x"), YSelectionDescriptor::Exclude);
 }
 
 TEST(YSelectionManager, NearestNodeIsFound)
