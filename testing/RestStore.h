@@ -68,7 +68,8 @@ private:
         if (range == request.headers.end())
             return Answer(200, content);
         const unsigned long long first = std::stoull(range->second.substr(6));
-        const unsigned long long last = std::stoull(range->second.substr(range->second.find('-') + 1));
+        const std::string end = range->second.substr(range->second.find('-') + 1);
+        const unsigned long long last = end.empty() ? content.size() : std::stoull(end);
         if (first >= content.size())
             return Answer(416);
         const std::string part = content.substr(first, last - first + 1);

@@ -221,18 +221,6 @@ TEST_F(RemoteRepository, AllCommandsUseServers)
     EXPECT_EQ(Count("/locks/"), 0u);
 }
 
-TEST_F(RemoteRepository, RefusalAfterCreationLosesNoKey)
-{
-    store.files.clear();
-    answer = [this](const HttpRequest& request) {
-        const HttpAnswer right = store.Handle(request);
-        return request.method == "POST" && request.target == "/config" ? Answer(403) : right;
-    };
-    RunCached(1, "init");
-    EXPECT_EQ(Count("/keys/"), 1u);
-    RunCached(0, "snapshots");
-}
-
 TEST_F(RemoteRepository, AppendOnlyStoreTakesBackups)
 {
     store.isAppendOnly = true;
