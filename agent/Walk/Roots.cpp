@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fcntl.h>
+#include <iterator>
 #include <memory>
 #include <sys/stat.h>
 #include <utility>
@@ -71,6 +72,121 @@ void CheckRules(const YObject& document, JobWarnings& warnings)
         KRT_RAISE_UNLESS(!finding.isError, Krt::ErrorCode::InvalidArgument, finding.text.c_str());
         warnings.Add(finding.text);
     });
+}
+
+// Paths, none of which is at or below another one.
+class TopPaths
+{
+public:
+    // Does nothing if the path is covered. Otherwise removes those below it.
+    void Add(const std::string& path)
+    {
+        if (Covers(path))
+            return;
+        auto next = m_paths.lower_bound(path);
+        while (next != m_paths.end() && IsAtOrBelow(*next, path))
+            next = m_paths.erase(next);
+        m_paths.insert(next, path);
+    }
+    // Returns true if the path is at or below one of these. That one precedes it, since paths between the two
+    // would be below it, too.
+    bool Covers(const std::string& path) const
+    {
+        const auto after = m_paths.upper_bound(path);
+        return after != m_paths.begin() && IsAtOrBelow(path, *std::prev(after));
+    }
+    std::size_t Size() const { return m_paths.size(); }
+    std::vector<std::string> Get() const { return {m_paths.begin(), m_paths.end()}; }
+
+    static bool IsAtOrBelow(const std::string& path, const std::string& top)
+    {
+        return path.starts_with(top) && (path.size() == top.size() || top == "/" || path[top.size()] == '/');
+    }
+
+private:
+    // Orders each path directly before those below it.
+    struct ByNames
+    {
+        bool operator()(const std::string& a, const std::string& b) const
+        {
+            return std::lexicographical_compare(
+                a.begin(), a.end(), b.begin(), b.end(),
+                [](unsigned char x, unsigned char y) { return x != y && (x == '/' || (x < y && y != '/')); });
+        }
+    };
+    std::set<std::string, ByNames> m_paths;
+};
+
+// Finds out what a job selects, as paths that a snapshot records; see docs/job-format.md. The includes are
+// added in the order of a walk through the rules, in which those of a directory precede those below it.
+class JobPaths
+{
+public:
+    explicit JobPaths(const std::set<YPath>& tops) : m_tops(tops) {}
+
+    // Returns true if there are too many paths already.
+    bool Add(const YPath& place, const YSelectionDescriptor& rule)
+    {
+        if (place.Bytes() != m_place) {
+            EndPlace();
+            m_place = place.Bytes();
+            if (m_top.empty() || !TopPaths::IsAtOrBelow(m_place, m_top)) {
+                m_top = m_place;
+                m_isReached = m_tops.contains(place);
+            }
+        }
+        const Krt::Match::Descriptor& names = rule.GetDescriptor();
+        const std::string& name = names.GetPattern().Bytes();
+        if (rule.IsRecursive() || names.GetMatchType() != Krt::Match::MatchType::Exact ||
+            !names.IsCaseSensitive() || name.empty() || name == "." || name == "..")
+            m_isWhole = true;
+        else if (m_entries.size() <= MostPaths)
+            m_entries.insert(place.Append(YString(name)).Bytes());
+        return m_paths.Size() > MostPaths;
+    }
+    // The starts of the walk, if there are too many paths.
+    std::vector<std::string> Finish()
+    {
+        EndPlace();
+        if (m_paths.Size() <= MostPaths)
+            return m_paths.Get();
+        std::vector<std::string> paths;
+        for (const YPath& top : m_tops)
+            paths.push_back(top.Bytes());
+        return paths;
+    }
+
+private:
+    static constexpr std::size_t MostPaths = 1000;
+
+    void EndPlace()
+    {
+        if (m_isReached && m_isWhole)
+            m_paths.Add(m_place);
+        for (const std::string& entry : std::exchange(m_entries, {})) {
+            if (m_isReached)
+                m_paths.Add(entry);
+        }
+        m_isWhole = false;
+    }
+
+    const std::set<YPath>& m_tops;
+    TopPaths m_paths;
+    std::string m_top;               // the topmost place at or above the current one
+    bool m_isReached = false;        // a walk starts at m_top
+    std::string m_place;             // the directory of the includes that come now
+    bool m_isWhole = false;          // one of them is not merely for an entry of a known name
+    std::set<std::string> m_entries; // the entries for which the others are
+};
+
+std::vector<std::string> SelectedPaths(const Job& job)
+{
+    JobPaths paths(job.roots);
+    job.rules.VisitPathsAndDescriptors(
+        YSelectionDescriptor::Include, YPath(),
+        [&paths](const YPath& place, const YSelectionDescriptor& rule) { return paths.Add(place, rule); },
+        true);
+    return paths.Finish();
 }
 
 // Returns true if a directory between the start of the walk and `path` is a symlink, which a walk does not
@@ -267,6 +383,7 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths, c
             std::string* jobText)
 {
     Job job;
+    std::vector<std::string> jobPaths;
     if (!jobFile.empty()) {
         JobWarnings warnings(jobFile);
         LoadRules(job.rules, warnings, jobFile, jobText);
@@ -275,10 +392,11 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths, c
                                  [&](const YPath&, const std::string& text) { warnings.Add(text); });
         job.warnings = warnings.Finish();
         job.ruleTexts = RuleTextsOf(job.rules);
+        jobPaths = SelectedPaths(job);
         KRT_RAISE_UNLESS(!job.roots.empty() || !paths.empty(), Krt::ErrorCode::InvalidArgument,
                          "The job file " << jobFile.c_str() << " includes nothing, and no PATH is named");
     }
-    const std::set<YPath> tops = job.roots;
+    TopPaths named;
     for (const std::string& path : paths) {
         try {
             const YPath root = ResolveNamedPath(path);
@@ -293,6 +411,7 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths, c
             Select(job.rules, root);
             if (job.named.insert(root).second)
                 job.paths.push_back(root.Bytes());
+            named.Add(root.Bytes());
             job.roots.insert(root);
         } catch (const Krt::Exception::YError& error) {
             if (!onFailure)
@@ -300,10 +419,8 @@ Job LoadJob(const std::string& jobFile, const std::vector<std::string>& paths, c
             onFailure(path, ReasonWithoutPath(path, error));
         }
     }
-    for (const YPath& top : tops) {
-        if (!job.named.contains(top))
-            job.paths.push_back(top.Bytes());
-    }
+    std::copy_if(jobPaths.begin(), jobPaths.end(), std::back_inserter(job.paths),
+                 [&named](const std::string& path) { return !named.Covers(path); });
     return job;
 }
 

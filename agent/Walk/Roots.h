@@ -18,7 +18,9 @@ struct Job
     std::set<Krt::File::YPath> named; ///< the roots that are named paths
     /// Suspicious contents of the job file, see JobCheck.h; and named paths that are symlinks.
     std::vector<Krt::YString> warnings;
-    std::vector<std::string> paths; ///< the named paths as resolved, in their order, then the job's tops
+    /// What a snapshot records: the named paths as resolved, in their order; then the paths that the job file
+    /// selects, as docs/job-format.md describes them, unless they are at or below a named path.
+    std::vector<std::string> paths;
     /// The rules of the job file, each as "include JSON" or "exclude JSON" with the JSON object that a job
     /// file has for it. Empty if there are more than 10,000.
     std::vector<std::string> ruleTexts;

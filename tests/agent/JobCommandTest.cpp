@@ -129,6 +129,43 @@ TEST_F(JobCommand, ChangesFilesAtOnce)
         EXPECT_FALSE(Holds(entry.path().string(), ".kbagent-job"));
 }
 
+TEST_F(JobCommand, SnapshotsHavePathsThatJobSelects)
+{
+    Create();
+    MakeTree(source, {Dir("a"), File("a/f", ""), Dir("a-b"), File("a-b/f", ""), Dir("c"), File("c/f", "")});
+    const auto pathsOf = [&](const List& arguments, bool hasParent) {
+        Run(0, arguments);
+        const auto snapshot = Open().FindSnapshot("latest").snapshot;
+        EXPECT_EQ(snapshot.parent.has_value(), hasParent) << ::testing::PrintToString(arguments);
+        return snapshot.paths;
+    };
+    const auto pathsOfRules = [&](const std::string& rules, const std::string& path) {
+        Write("job", JobText(rules));
+        return pathsOf({"backup", "--force", "--job", "job", path}, false);
+    };
+    const std::string in = "include " + source;
+    const std::string a = source + "/a", f = source + "/c/f";
+    EXPECT_EQ(pathsOfRules(
+                  in + "/a recursive any; " + in + " exact=a; " + in + " exact=a-b; " + in + "/c glob=*", f),
+              (List{f, a, a + "-b", source + "/c"}));
+    EXPECT_EQ(pathsOfRules(in + " exact=A nocase", a), (List{a, source}));
+    EXPECT_EQ(pathsOfRules(in + "/a exact=f; include / exact=etc", a), (List{a, "/etc"}));
+    std::string many = in + "/a exact=f; " + in + "/c recursive any";
+    for (int i = 0; i < 1001; ++i)
+        many += "; " + in + "/c exact=" + std::to_string(i) + " explicit";
+    EXPECT_EQ(pathsOfRules(many, f), (List{f, a + "/f", source + "/c"}));
+    for (int i = 0; i < 1001; ++i)
+        many += "; " + in + "/a exact=" + std::to_string(i);
+    EXPECT_EQ(pathsOfRules(many, f), (List{f, a, source + "/c"}));
+
+    Job(0, {"new", "a", a});
+    Job(0, {"new", "c", source + "/c"});
+    EXPECT_EQ(pathsOf({"backup", "--job", "a"}, false), List{a});
+    EXPECT_EQ(pathsOf({"backup", "--job", "c"}, false), List{source + "/c"});
+    EXPECT_EQ(pathsOf({"backup", a}, true), List{a});
+    EXPECT_EQ(pathsOf({"backup", "--job", "a"}, true), List{a});
+}
+
 TEST_F(JobCommand, FindsMistakes)
 {
     MakeTree(source, {Dir("ann"), Dir("ann/docs"), File("file", ""), Dir("cache"), Link("to", "ann")});
