@@ -317,14 +317,15 @@ void JobCommand::Show(Report& report) const
 void JobCommand::PrintReview(Report& report) const
 {
     const JobReview review = ReviewJob(ReadJobFile(m_file));
+    const std::string done = "The job file " + m_file + " was written";
     if (m_isJson) {
-        report.Out() << ReviewJson(review, m_file) << "\n";
+        report.Summary(done, ReviewJson(review, m_file) + "\n");
         return;
     }
     for (const ReviewFinding& finding : review.findings)
         report.Note(YString(FindingText(finding, m_file)));
-    report.Out() << Printable(m_file) << ": " << CountText(review.includes, "include", "includes") << ", "
-                 << CountText(review.excludes, "exclude", "excludes") << "\n";
+    report.Summary(done, Printable(m_file) + ": " + CountText(review.includes, "include", "includes") + ", " +
+                             CountText(review.excludes, "exclude", "excludes") + "\n");
 }
 
 void JobCommand::Check(Report& report) const

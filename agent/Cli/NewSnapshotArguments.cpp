@@ -138,17 +138,22 @@ void CreateSnapshot(const SnapshotSettings& settings, Report& report,
     const bool isQuiet = settings.repository.isQuiet;
     if (isJson)
         report.UseJson();
+    if (!settings.isDryRun)
+        report.GoOnWithoutOutput(LostOutput::Summary);
     Observer observer(report, settings.repository);
     const SnapshotOutcome outcome = create(observer);
     const std::string text = summaryOf(outcome);
     const std::string done =
         outcome.id ? "The snapshot " + outcome.id->ToHex() + " was created" : "The run ended";
-    if (isJson || isQuiet)
-        report.LogSummary(text);
+    const std::string printed = isJson ? SummaryJson(settings, outcome) + "\n" : text;
     if (isJson)
-        report.Summary(done, SummaryJson(settings, outcome) + "\n");
-    else if (!isQuiet)
-        report.Summary(done, text);
+        report.LogSummary(text);
+    if (settings.isDryRun) // the summary is all that it is for
+        report.PrintAndLog(printed);
+    else if (isQuiet && !isJson)
+        report.LogSummary(text);
+    else
+        report.Summary(done, printed);
 }
 
 } // namespace Agent

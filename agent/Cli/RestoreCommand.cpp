@@ -153,6 +153,8 @@ void RestoreCommand::Run(Report& report)
         throw UsageError("--target is required");
     RestoreSettings settings = SettingsOf();
     report.NameWork("restore");
+    if (!settings.isDryRun)
+        report.GoOnWithoutOutput(LostOutput::Summary);
 
     const std::string choice = arguments.front();
     const std::size_t colon = std::min(choice.find(':'), choice.size());

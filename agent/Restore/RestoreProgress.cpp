@@ -189,13 +189,13 @@ void RestoreProgress::ShowVerification(const std::string& path, unsigned long lo
 
 void RestoreProgress::PrintSummary()
 {
-    constexpr const char* Done = "The restore is done";
-    if (m_settings.isJson)
-        m_report.Summary(Done, TotalsJson("summary") + "\n");
-    else if (!m_settings.isQuiet)
-        m_report.Summary(Done, SummaryText() + "\n");
+    const std::string text = (m_settings.isJson ? TotalsJson("summary") : SummaryText()) + "\n";
+    if (m_settings.isDryRun) // which changes nothing, and is asked for what it prints
+        m_report.PrintAndLog(text);
+    else if (m_settings.isQuiet && !m_settings.isJson)
+        m_report.LogSummary(text);
     else
-        m_report.LogSummary(SummaryText());
+        m_report.Summary("The restore is done", text);
 }
 
 std::string RestoreProgress::SummaryText() const

@@ -88,7 +88,8 @@ void Output::Flush()
             m_onLoss(error);
         }
     }
-    PrintError(rest);
+    if (!m_dropsRest)
+        PrintError(rest);
 }
 
 void Output::Write(std::string_view& text)
@@ -104,9 +105,10 @@ void Output::Write(std::string_view& text)
     }
 }
 
-void Output::ContinueAfterLoss(std::function<void(const OutputError& error)> onLoss)
+void Output::ContinueAfterLoss(std::function<void(const OutputError& error)> onLoss, bool dropsRest)
 {
     m_onLoss = std::move(onLoss);
+    m_dropsRest = dropsRest;
 }
 
 void PrintError(std::string_view text)

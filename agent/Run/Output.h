@@ -34,8 +34,9 @@ public:
     Output& operator<<(std::string_view text);
     Output& operator<<(unsigned long long number);
     /// From now on, a failed write does not raise, unless the user interrupts: `onLoss` is called once, and
-    /// what was not written goes to standard error, as does all that follows.
-    void ContinueAfterLoss(std::function<void(const OutputError& error)> onLoss);
+    /// what was not written goes to standard error, as does all that follows; with `dropsRest`, it is
+    /// dropped. Without `onLoss`, a failed write raises again.
+    void ContinueAfterLoss(std::function<void(const OutputError& error)> onLoss, bool dropsRest = false);
     /// Writes the buffer.
     void Flush();
     /// Returns true if the last line has no end yet.
@@ -48,6 +49,7 @@ private:
     std::string m_buffer;
     char m_last = '\n';
     std::function<void(const OutputError& error)> m_onLoss;
+    bool m_dropsRest = false;
     bool m_isLost = false;
 };
 

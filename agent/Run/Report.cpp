@@ -153,6 +153,12 @@ void Report::Summary(const std::string& done, const std::string& text)
 {
     LogSummary(text);
     try {
+        if (m_dropsOutput) {
+            Out().Flush();
+            if (m_isOutputLost)
+                return PrintError(text);
+            m_output.ContinueAfterLoss({}); // if the summary is lost, the text is that of other commands
+        }
         Out() << text;
         m_output.Flush();
     } catch (const OutputError& error) {
@@ -161,12 +167,16 @@ void Report::Summary(const std::string& done, const std::string& text)
     }
 }
 
-void Report::GoOnWithoutOutput()
+void Report::GoOnWithoutOutput(LostOutput printed)
 {
-    m_output.ContinueAfterLoss([this](const OutputError& error) {
-        m_isOutputLost = true;
-        Note(YString(std::string(error.what()) + ". The work goes on, and its output follows here"));
-    });
+    m_dropsOutput = printed == LostOutput::Summary;
+    m_output.ContinueAfterLoss(
+        [this](const OutputError& error) {
+            m_isOutputLost = true;
+            Note(YString(std::string(error.what()) + ". The work goes on, and its " +
+                         (m_dropsOutput ? "summary" : "output") + " follows here"));
+        },
+        m_dropsOutput);
 }
 
 void Report::EraseLine()

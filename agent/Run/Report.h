@@ -17,6 +17,13 @@
 
 namespace Agent {
 
+/// What goes to standard error if standard output can't be written.
+enum class LostOutput
+{
+    All,
+    Summary ///< the other lines may be one for each entry
+};
+
 class Report
 {
 public:
@@ -109,10 +116,10 @@ public:
     void Finish();
     /// How long the run took, as in "1:02".
     std::string GetDuration() const;
-    /// The command changes the repository in several steps. From now on, standard output that can't be
-    /// written does not stop it halfway: that is reported, the rest of the output goes to standard error, and
+    /// The command does work in several steps. From now on, standard output that can't be written does not
+    /// stop it halfway: that is reported, the rest of the output or its summary goes to standard error, and
     /// the run counts as incomplete.
-    void GoOnWithoutOutput();
+    void GoOnWithoutOutput(LostOutput printed = LostOutput::All);
     /// Returns true if an entry or a part of the repository failed, or output was lost.
     bool IsIncomplete() const { return m_failed != 0 || m_repositoryFailures != 0 || m_isOutputLost; }
 
@@ -137,6 +144,7 @@ private:
     Krt::YString m_location;
     bool m_hasLocations = false; // several
     bool m_isOutputLost = false;
+    bool m_dropsOutput = false;  // except for the summary, once output is lost
     bool m_isTerminal;           // standard error
     const bool m_sharesTerminal; // standard output is a terminal, too
     bool m_isQuiet = false;

@@ -268,9 +268,16 @@ TEST_F(Cli, LostOutputFailsWithoutUndoingWork)
     const std::string id = added.substr(start.size(), 64);
     EXPECT_EQ(Run(0, "key remove --json " + id).output,
               R"({"message_type":"summary","removed_key_id":")" + id + "\"}\n");
-    // Work in several steps is not stopped by it, and prints the rest on standard error.
+    EXPECT_EQ(Run(141, {"backup", "-n", directory / "tree"}, {.prepare = toClosedPipe}).errors, "");
+    // Work in several steps is not stopped by it, and prints the rest, or its summary, on standard error.
     for (const auto& prepare : {std::function<void()>(toFull), std::function<void()>(toClosedPipe)}) {
-        Run(0, {"backup", "-q", directory / "tree"});
+        const auto stored = Run(3, Testing::Words("backup -vv tree"), {.prepare = prepare});
+        EXPECT_TRUE(Testing::Holds(stored.errors, "and its summary follows here\n"));
+        EXPECT_TRUE(Testing::Holds(stored.errors, " saved\n"));
+        const auto restored = Run(3, Testing::Words("restore latest -v -t target"), {.prepare = prepare});
+        EXPECT_TRUE(Testing::Holds(restored.errors, "\nSummary: Restored "));
+        const auto job = Run(3, Testing::Words("job new job tree --force"), {.prepare = prepare});
+        EXPECT_TRUE(Testing::Holds(job.errors, "The job file job was written, but its summary is lost"));
         const auto forgotten =
             Run(3, Testing::Words("forget -g , --keep-last 1 --prune"), {.prepare = prepare});
         for (const char* part : {"The work goes on", "\nremoved snapshot ", "\nremoved ", "\ndone\n"})

@@ -355,7 +355,7 @@ TEST_F(Reading, WithoutStandardStreamsFilesStayIntact)
         const bool isLost = (closed & 2) != 0;
         Run(3, {"backup", source, source + "/none"}, {.prepare = closeSome});
         for (const char* option : {"-v", "-q"})
-            Run(isLost && option == std::string("-v") ? 1 : 0,
+            Run(isLost && option == std::string("-v") ? 3 : 0,
                 {"restore", option, "latest", "--target", target, source + "/file"}, {.prepare = closeSome});
         EXPECT_EQ(ReadFile(target + source + "/file"), "12345") << closed;
     }
