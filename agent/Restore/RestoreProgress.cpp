@@ -91,7 +91,7 @@ void RestoreProgress::CountVerified(unsigned long long size)
 void RestoreProgress::Print(const char* action, const std::string& path,
                             std::optional<unsigned long long> size)
 {
-    if (!m_settings.isVerbose && !m_settings.isDryRun)
+    if (m_settings.isQuiet || (!m_settings.isVerbose && !m_settings.isDryRun))
         return;
     if (m_settings.isJson) {
         std::string json =

@@ -355,6 +355,7 @@ TEST_F(RepositoryRestore, DeletesOnlyWhatTheSnapshotLacks)
     clutter();
     const std::string foreseen = Restored(0, {"--delete", "-n"}).output;
     EXPECT_TRUE(Holds(foreseen, "deleted   /dir/more/x\n"));
+    EXPECT_EQ(Restored(0, {"--delete", "-n", "-q"}).output.find("Summary: Would restore"), 0u);
     EXPECT_TRUE(
         Holds(foreseen, "\nWould create 2 (2 B), replace 2 (1 B), keep 1, remove 8, change attributes of "));
     EXPECT_TRUE(Holds(Restored(0, {"--delete", "-n", "--json"}).output,
