@@ -205,6 +205,10 @@ private:
             Warn(index, "excludes nothing, because nothing in " + Shown(rule.GetPath()) + " is included");
             return;
         }
+        if (const std::string include = ExplicitIncludeOf(rule); !include.empty()) {
+            Warn(index, "excludes nothing, because " + include + " includes that entry explicitly");
+            return;
+        }
         const YPath named =
             NamesOneEntry(rule) ? rule.GetPath().Append(rule.GetDescriptor().GetPattern()) : rule.GetPath();
         struct stat status = {};
@@ -213,6 +217,20 @@ private:
         if (const std::string similar = FindSimilarPath(named); !similar.empty())
             Warn(index,
                  "excludes nothing now: there is no " + Shown(named) + "; did you mean " + similar + "?");
+    }
+
+    // Returns the rule that keeps the only entry of an exclude; "" if there is none.
+    std::string ExplicitIncludeOf(const YSelectionPathDescriptor& exclude)
+    {
+        const Krt::Match::Descriptor& name = exclude.GetDescriptor();
+        const auto [node, isOwn] = m_job.rules.FindNode(exclude.GetPath(), false);
+        if (!NamesOneEntry(exclude) || !name.IsCaseSensitive() || !isOwn ||
+            !node->MatchesExplicitExactNonRecursiveInclude(name.GetPattern()))
+            return "";
+        return FindRule(m_rules.size(), [&](const YSelectionPathDescriptor& each) {
+            return each.IsInclude() && each.GetExplicitSelection() && NamesOneEntry(each) &&
+                   each.GetDescriptor() == name && ComponentsOf(each) == ComponentsOf(exclude);
+        });
     }
 
     // Returns the directory on the path, or the path itself, that the walk to it does not enter.

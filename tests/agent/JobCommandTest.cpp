@@ -190,6 +190,8 @@ TEST_F(JobCommand, FindsMistakes)
          "includes[0]: contradicts excludes[0] (line 3)"},
         {"include @ any; exclude @ recursive glob=*", 4, "includes[0]: contradicts excludes[0]"},
         {"include @ exact=ann explicit; exclude @ recursive any", 0, "no mistakes found"},
+        {"include @ exact=ann explicit; exclude @ exact=ann", 4,
+         "excludes[0]: excludes nothing, because includes[0] (line 2) includes that entry"},
         {"include @ glob=a*; include @/ann recursive any; exclude @ glob=ann", 4,
          "includes[1]: selects nothing, because everything in @/ann is excluded by excludes[0] (line 4)"},
         {"include @ exact=file; include @/ann recursive any explicit; silent @ any", 4,
