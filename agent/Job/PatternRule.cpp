@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <filesystem>
+#include <system_error>
 
 namespace Agent {
 
@@ -66,6 +68,18 @@ std::string ReasonAgainst(const Names& names)
     return "";
 }
 
+// For a relative pattern that begins with a name in the working directory, which was probably meant.
+std::string HintFor(const Pattern& pattern, const std::string& text)
+{
+    const std::string name = NamesOf(pattern.names.front()).text;
+    std::error_code error;
+    const std::filesystem::path here = std::filesystem::current_path(error);
+    if (error || here.native().find_first_of("*?[\\") != std::string::npos ||
+        !std::filesystem::exists(std::filesystem::symlink_status(here / name, error)))
+        return "";
+    return "; did you mean " + (here / text).lexically_normal().native() + "?";
+}
+
 PatternRule Refused(const std::string& reason)
 {
     return {std::nullopt, reason};
@@ -103,7 +117,8 @@ PatternRule RuleOfPattern(const std::string& text, bool ignoresCase, bool isRepo
         pattern.names.pop_back();
     }
     if (!pattern.isFromRoot && !pattern.names.empty())
-        return Refused("rules match single names, not a name together with its directory");
+        return Refused("rules match single names, not a name together with its directory" +
+                       HintFor(pattern, text));
     std::string place;
     for (const std::string& name : pattern.names) {
         const Names directory = NamesOf(name);

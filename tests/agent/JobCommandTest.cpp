@@ -84,6 +84,8 @@ TEST_F(JobCommand, ConvertsPatternsToRulesOfTheSameMeaning)
                                    "patterns:8: ", "patterns:9: ", "patterns:10: "})
         EXPECT_TRUE(Holds(result.errors, part));
     EXPECT_TRUE(Holds(result.output, "job2: 2 includes, 2 excludes\n"));
+    EXPECT_TRUE(Holds(Job(3, {"add", "job2", "--exclude", "source/a/f"}).errors,
+                      "its directory; did you mean " + a + "/f?\n"));
     for (const char* const pattern : {"/A/b", "\xC3\xA4"})
         Job(3, {"add", "job2", "--iexclude", pattern});
 }
