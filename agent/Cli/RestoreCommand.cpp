@@ -166,9 +166,12 @@ void RestoreCommand::Run(Report& report)
     Repo::Id tree = stored.snapshot.tree;
     if (colon < choice.size()) {
         const FoundEntry found = FindEntry(repository, tree, choice.substr(colon + 1));
-        KRT_RAISE_UNLESS(found.node.type == Repo::NodeType::Directory && found.node.subtree,
-                         Krt::ErrorCode::InvalidArgument,
-                         "Not a directory: " << Krt::YString(std::string_view(found.path)));
+        KRT_RAISE_UNLESS(
+            found.node.type == Repo::NodeType::Directory && found.node.subtree,
+            Krt::ErrorCode::InvalidArgument,
+            "Not a directory: "
+                << Krt::YString(std::string_view(found.path)) << "; to restore it, name it as a PATH after "
+                << (choice.substr(0, colon + 1) + found.path.substr(0, found.path.rfind('/') + 1)).c_str());
         tree = *found.node.subtree;
     }
     for (std::size_t i = 1; i < arguments.size(); ++i) {
