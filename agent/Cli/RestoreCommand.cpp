@@ -89,8 +89,10 @@ void RestoreCommand::AddOptions(CLI::App& command)
             "are kept) or never")
         ->type_name("WHEN")
         ->check(CLI::IsMember({"always", "if-changed", "if-newer", "never"}));
-    command.add_flag("--delete", m_deletes,
-                     "Remove entries of restored directories that the snapshot does not have");
+    command.add_flag(
+        "--delete", m_deletes,
+        "Remove entries of restored directories that the snapshot does not have. TARGET and the\n"
+        "directories on the way to the PATHs of the backup are restored directories, too");
     command.add_flag("-n,--dry-run", m_isDryRun, "Change nothing, and print what would be done");
     command.add_flag("--verify", m_verifies, "Read restored files again, and compare them");
 }
