@@ -106,6 +106,10 @@ bool HttpServer::ReadRequest(int connection, std::string& buffer, HttpRequest& r
     while ((end = buffer.find("\r\n\r\n")) == buffer.npos) {
         if (!readMore())
             return false;
+        if (buffer.starts_with('\x16')) { // a client that uses TLS
+            buffer.clear();
+            return true;
+        }
     }
     request.head = buffer.substr(0, end + 4);
     buffer.erase(0, end + 4);

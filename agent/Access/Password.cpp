@@ -1,6 +1,7 @@
 #include "agent/Access/Password.h"
 
 #include "agent/Access/TextFile.h"
+#include "agent/Run/FileGuard.h"
 #include "agent/Run/UsageError.h"
 
 #include "Krt/Exception/Raise.h"
@@ -80,6 +81,15 @@ std::string OptionOf(const RepositoryOptions& options, const char* name)
     return (options.isSource ? "--from-" : "--") + std::string(name);
 }
 
+Password ReadFile(const std::string& path, const char* role, Report& report)
+{
+    Password password{ReadTextFile(path, TextLimit, role)};
+    if (const std::string risk = FindRisk(path); !risk.empty())
+        report.Note(
+            Krt::YString("Warning: other users can change " + std::string(role) + " " + path + ": " + risk));
+    return password;
+}
+
 Password RequireNotEmpty(Password password, const RepositoryOptions& options)
 {
     KRT_RAISE_UNLESS(password.text.Size() != 0, Krt::ErrorCode::InvalidArgument,
@@ -110,12 +120,18 @@ Password Read(const RepositoryOptions& options, const Prompt& prompt, Report& re
     if (!file.empty() && !command.empty())
         throw UsageError("The password is given twice: by a file and by a command");
     if (!file.empty())
-        return RequireNotEmpty({ReadTextFile(file, TextLimit, "the password file")}, options);
+        return RequireNotEmpty(ReadFile(file, "the password file", report), options);
     if (!command.empty())
         return RequireNotEmpty({RunPasswordCommand(SplitWords(command))}, options);
     if (direct)
         return {std::move(*direct)};
-    return RequireNotEmpty(Ask(prompt, report), options);
+    Password asked = Ask(prompt, report);
+    KRT_RAISE_UNLESS(asked.terminal || asked.text.Size() != 0, Krt::ErrorCode::InvalidArgument,
+                     "There is no password: no option and no variable gives it, and standard input is "
+                     "empty. Name a file that has it: "
+                         << OptionOf(options, "password-file").c_str() << " or KBAGENT_"
+                         << (options.isSource ? "FROM_" : "") << "PASSWORD_FILE");
+    return RequireNotEmpty(std::move(asked), options);
 }
 
 } // namespace
@@ -137,9 +153,12 @@ Secret ReadNewPassword(const NewPasswordOptions& options, Report& report)
             throw UsageError("--new-insecure-no-password and --new-password-file exclude each other");
         return {};
     }
-    Password password = options.file.empty()
-                            ? Ask(ForNewKey, report)
-                            : Password{ReadTextFile(options.file, TextLimit, "the file of the new password")};
+    Password password = options.file.empty() ? Ask(ForNewKey, report)
+                                             : ReadFile(options.file, "the file of the new password", report);
+    KRT_RAISE_UNLESS(!options.file.empty() || password.terminal || password.text.Size() != 0,
+                     Krt::ErrorCode::InvalidArgument,
+                     "There is no new password: standard input is empty. Name a file that has it: "
+                     "--new-password-file");
     KRT_RAISE_UNLESS(password.text.Size() != 0, Krt::ErrorCode::InvalidArgument,
                      "The new password is empty, which --new-insecure-no-password allows");
     return std::move(password.text);

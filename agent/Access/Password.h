@@ -43,7 +43,7 @@ struct Password
 /// It is empty if the options say so. A password from the environment is overwritten there, so it can be read
 /// only once. Raises UsageError if a file and a command are given, or an empty password and another;
 /// InvalidState if the user interrupts; and InvalidArgument for an empty password that the options do not
-/// allow, and for a command that fails.
+/// allow, and for a command that fails. Reports a password file that FindRisk objects to.
 Password ReadPassword(const RepositoryOptions& options, Report& report);
 /// ReadPassword for a repository that is to be created: on a terminal the user types the password twice.
 /// Raises InvalidArgument if the two differ.

@@ -207,11 +207,15 @@ void RepositoryLock::CheckOthers(const Repo::Id* own)
             continue;
         const FileName file{FileKind::Lock, id};
         const Lock* const lock = ReadLock(file);
-        if (lock != nullptr && (lock->isExclusive || m_lock.isExclusive))
-            RaiseLocked(
-                file, "The repository is locked " + Describe(*lock) +
-                          (m_settings.patience.count() != 0 ? ", also after the time of --retry-lock" : "") +
-                          ". If that process has died, remove its lock with 'kbagent unlock'");
+        if (lock == nullptr || (!lock->isExclusive && !m_lock.isExclusive))
+            continue;
+        const bool hasDied = lock->hostname == m_lock.hostname && !DoesProcessExist(lock->pid);
+        RaiseLocked(file,
+                    "The repository is locked " + Describe(*lock) +
+                        (m_settings.patience.count() != 0 ? ", also after the time of --retry-lock" : "") +
+                        (hasDied ? ". PID " + std::to_string(lock->pid) +
+                                       " has died; 'kbagent unlock' removes its lock"
+                                 : ". If that process has died, remove its lock with 'kbagent unlock'"));
     }
 }
 

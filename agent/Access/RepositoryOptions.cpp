@@ -6,6 +6,7 @@
 #include "agent/Run/UsageError.h"
 
 #include "Krt/Environment/Process.h"
+#include "Krt/Exception/Raise.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -72,7 +73,15 @@ std::optional<std::string> DirectoryOf(const std::string& location)
     constexpr std::string_view Scheme = "local:";
     if (Remote::IsRemote(location))
         return std::nullopt;
-    return location.starts_with(Scheme) ? location.substr(Scheme.size()) : location;
+    if (location.starts_with(Scheme))
+        return location.substr(Scheme.size());
+    const std::size_t slash = location.find('/');
+    const bool isAddress = slash != location.npos && slash != 0 && location.compare(slash - 1, 3, "://") == 0;
+    KRT_RAISE_UNLESS(!isAddress, Krt::ErrorCode::NotSupported,
+                     "The location of the repository is an address of an unknown kind; the known ones are "
+                     "rest:https://HOST/PATH/ and s3:https://HOST/BUCKET. local:DIRECTORY is a directory "
+                     "with any name");
+    return location;
 }
 
 std::string FindCacheDirectory(const RepositoryOptions& options)

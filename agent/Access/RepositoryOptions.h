@@ -51,7 +51,8 @@ std::optional<std::string> FromEnvironment(std::initializer_list<const char*> na
 /// no location, or more than one. Raises the operating system's error if a file can't be read.
 std::string FindLocation(const RepositoryOptions& options);
 
-/// The directory that a location names; nothing if it is on a server.
+/// The directory that a location names; nothing if it is on a server. Raises NotSupported for an address with
+/// "://" of an unknown kind. The address is not in the message, since it may contain a password.
 std::optional<std::string> DirectoryOf(const std::string& location);
 
 /// The directory for copies of repositories on servers: that of the options, of the variable

@@ -35,7 +35,8 @@ void CheckObserver::OnTouched(const Repo::StoredSnapshot& snapshot, const std::s
 
 void CheckObserver::OnProgress(const ProgressFacts& facts)
 {
-    m_report.Progress([&] { return facts; });
+    if (*facts.unit != '\0') // otherwise the part has counted nothing; the next one answers a request
+        m_report.Progress([&] { return facts; });
 }
 
 void CheckObserver::Print(const char* kind, const std::string& text)

@@ -43,6 +43,11 @@ CLI::Option* AddPathArguments(CLI::App& command, const std::string& description,
         ->allow_extra_args();
 }
 
+CLI::Option* AddPathArgument(CLI::App& command, const std::string& name, const std::string& description)
+{
+    return AddPathArguments(command, description, name)->expected(1)->allow_extra_args(false);
+}
+
 std::string AsTyped(std::string argument)
 {
     if (argument.starts_with(ListMask) && LooksLikeList(std::string_view(argument).substr(ListMask.size())))

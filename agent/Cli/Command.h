@@ -63,6 +63,8 @@ std::unique_ptr<ICommand> MakeVolumesCommand();
 CLI::Option* AddPathArguments(CLI::App& command, const std::string& description,
                               const std::string& name = "PATH");
 std::vector<std::string> PathsOf(const CLI::Option* option);
+/// Adds a positional with at most one argument, which PathsOf returns as it was typed.
+CLI::Option* AddPathArgument(CLI::App& command, const std::string& name, const std::string& description);
 /// Returns an argument of the parser as it was typed.
 std::string AsTyped(std::string argument);
 /// Returns the program's arguments for the parser: in reverse order, and so that no argument is parsed as a

@@ -9,6 +9,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
+
 namespace Agent {
 
 using Krt::YString;
@@ -16,6 +18,17 @@ using Repo::Id;
 using Repo::StoredSnapshot;
 
 namespace {
+
+// Returns true if both are one repository. A copy of a repository, which has the same ID, is another one.
+bool IsSame(Session& a, Session& b)
+{
+    if (a.GetRepository().GetConfig().id != b.GetRepository().GetConfig().id || a.IsRemote() != b.IsRemote())
+        return false;
+    const std::string first = a.GetRepository().GetBackend().Describe().Bytes();
+    const std::string second = b.GetRepository().GetBackend().Describe().Bytes();
+    std::error_code ignored;
+    return first == second || (!a.IsRemote() && std::filesystem::equivalent(first, second, ignored));
+}
 
 class CopyCommand : public ICommand
 {
@@ -56,6 +69,8 @@ void CopyCommand::Run(Report& report)
     const Repo::SaveOptions saving = m_save.Get();
     Session target(m_repository.Get(), report, Access::Append);
     Session source(m_repository.GetSource(), report);
+    if (IsSame(source, target))
+        throw UsageError("--from-repo names the repository of --repo itself; name another source");
     if (!target.GetOptions().isQuiet &&
         source.GetRepository().GetConfig().polynomial != target.GetRepository().GetConfig().polynomial)
         report.Note("The repositories cut files in different places, so that new backups share no data with "

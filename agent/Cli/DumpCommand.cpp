@@ -23,7 +23,8 @@ public:
 
 private:
     RepositoryArguments m_repository;
-    CLI::Option* m_arguments = nullptr;
+    CLI::Option* m_snapshot = nullptr;
+    CLI::Option* m_path = nullptr;
     std::string m_format = "tar";
     std::string m_target;
 };
@@ -39,12 +40,13 @@ CLI::App* DumpCommand::Register(CLI::App& program)
         ->check(CLI::IsMember({"tar", "zip"}));
     command->add_option("-t,--target", m_target, "Write to this file instead of standard output")
         ->type_name("FILE");
-    m_arguments = AddPathArguments(
-        *command,
-        "The snapshot, by first digits of its ID or as latest, then the path of an entry of it; / is\n"
-        "the whole snapshot. With SNAPSHOT:DIRECTORY, the path is that below the directory",
-        "SNAPSHOT_PATH");
-    m_arguments->required();
+    m_snapshot = AddPathArgument(*command, "SNAPSHOT",
+                                 "The snapshot, by first digits of its ID or as latest; or "
+                                 "SNAPSHOT:DIRECTORY");
+    m_snapshot->required();
+    m_path = AddPathArgument(*command, "PATH",
+                             "The path of an entry of the snapshot, or below the directory; / is all of it");
+    m_path->required();
     command->footer(
         "A tar archive has the entries below the directory with their owners, times, access lists and\n"
         "extended attributes, and hard links; tar --acls --xattrs restores all of them. A zip archive has\n"
@@ -58,19 +60,17 @@ CLI::App* DumpCommand::Register(CLI::App& program)
 
 void DumpCommand::Run(Report& report)
 {
-    const std::vector<std::string> arguments = PathsOf(m_arguments);
-    if (arguments.size() != 2)
-        throw UsageError("dump takes a snapshot, and the path of an entry");
-    const std::size_t colon = arguments[0].find(':');
-    const std::string folder = colon == std::string::npos ? "" : arguments[0].substr(colon + 1);
+    const std::string place = PathsOf(m_snapshot).front();
+    const std::size_t colon = place.find(':');
+    const std::string folder = colon == std::string::npos ? "" : place.substr(colon + 1);
     Session session(m_repository.Get(), report, Access::Read, OldFormat::Refused, Settling::Later);
     const Repo::StoredSnapshot stored =
-        ChooseSnapshot(session, arguments[0].substr(0, colon), m_repository.GetSnapshotOptions());
+        ChooseSnapshot(session, place.substr(0, colon), m_repository.GetSnapshotOptions());
     session.LoadIndex();
     const FoundEntry top = FindEntry(session.GetRepository(), stored.snapshot.tree, folder);
     KRT_RAISE_UNLESS(top.node.subtree, Krt::ErrorCode::InvalidArgument,
                      "Not a directory: " << YString(std::string_view(top.path)));
-    const FoundEntry found = FindEntry(session.GetRepository(), *top.node.subtree, arguments[1]);
+    const FoundEntry found = FindEntry(session.GetRepository(), *top.node.subtree, PathsOf(m_path).front());
     const bool isDirectory = found.node.type == NodeType::Directory;
     KRT_RAISE_UNLESS(isDirectory || found.node.type == NodeType::File, Krt::ErrorCode::InvalidArgument,
                      "Neither a file nor a directory: " << YString(std::string_view(found.path)));

@@ -48,7 +48,8 @@ private:
     void PrintForNcdu(Session& session, const Repo::StoredSnapshot& stored);
 
     RepositoryArguments m_repository;
-    CLI::Option* m_arguments = nullptr;
+    CLI::Option* m_snapshot = nullptr;
+    CLI::Option* m_paths = nullptr;
     bool m_long = false;
     bool m_recursive = false;
     bool m_hasSeveralPaths = false;
@@ -73,13 +74,14 @@ CLI::App* LsCommand::Register(CLI::App& program)
         ->check(CLI::IsMember({"name", "size", "time", "mtime", "atime", "ctime", "extension"}));
     command->add_flag("--reverse", m_isReversed, "Reverse the order");
     command->add_flag("--ncdu", m_isForNcdu, "Print the whole snapshot in the format that ncdu -f reads");
-    m_arguments = AddPathArguments(
+    m_snapshot = AddPathArgument(
+        *command, "SNAPSHOT",
+        "The snapshot, by first digits of its ID or as latest (default: latest, if the first argument\n"
+        "begins with /). With SNAPSHOT:DIRECTORY, the paths are those below the directory");
+    m_paths = AddPathArguments(
         *command,
-        "The snapshot, by first digits of its ID or as latest (default: latest, if the first path\n"
-        "begins with /); then the paths of entries. All are listed if there is no path. With\n"
-        "SNAPSHOT:DIRECTORY, the paths are those below the directory. Of a directory that is named, the\n"
-        "entries are listed that are directly in it",
-        "SNAPSHOT_PATH");
+        "The paths of entries; all are listed if there is no path. Of a directory that is named, the\n"
+        "entries are listed that are directly in it");
     command->footer(
         "Control characters, invisible characters and unusual blanks in a path are escaped as \\n, \\xHH,\n"
         "\\uHHHH or \\UHHHHHHHH, and a backslash is doubled. A PATH can be given as it is printed, or\n"
@@ -90,7 +92,9 @@ CLI::App* LsCommand::Register(CLI::App& program)
 
 void LsCommand::Run(Report& report)
 {
-    std::vector<std::string> paths = PathsOf(m_arguments);
+    std::vector<std::string> paths = PathsOf(m_snapshot);
+    const std::vector<std::string> further = PathsOf(m_paths);
+    paths.insert(paths.end(), further.begin(), further.end());
     std::string snapshot = "latest";
     if (!paths.empty() && !paths.front().starts_with('/')) {
         snapshot = paths.front();

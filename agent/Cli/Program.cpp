@@ -7,6 +7,7 @@
 #include "agent/Run/FileGuard.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Output.h"
+#include "agent/Run/Similar.h"
 #include "agent/Run/Text.h"
 
 #include "Backup/Core/YGlobal.h"
@@ -240,6 +241,34 @@ std::string HintFor(const CLI::App& program, int argc, char** argv)
     return "";
 }
 
+// Returns what the user probably meant by a command that does not exist; "" if unknown.
+std::string HintForCommand(const CLI::App& program, const std::string& typed)
+{
+    constexpr std::size_t ShortestBeginning = 3;
+    if (const std::string hint = HintForResticCommand(typed); !hint.empty())
+        return hint;
+    std::string names;
+    for (const CLI::App* command : program.get_subcommands([](const CLI::App*) { return true; })) {
+        const std::string& name = command->get_name();
+        if (IsMisspelt(typed, name) || (typed.size() >= ShortestBeginning && name.starts_with(typed)))
+            names += (names.empty() ? "" : " or ") + name;
+    }
+    return names.empty() ? "" : " (did you mean " + names + "?)";
+}
+
+// Returns the words that the missing argument may be, as its help has them; "" if they are not known.
+std::string ChoicesFor(const CLI::App& program, std::string_view error)
+{
+    for (const CLI::App* command : program.get_subcommands()) {
+        for (const CLI::Option* option : command->get_options()) {
+            if (option->count() == 0 && error.starts_with(option->get_name() + " ") &&
+                option->get_type_name().find('{') != std::string::npos)
+                return ": " + option->get_description();
+        }
+    }
+    return "";
+}
+
 // The parser's own text has the arguments in the reverse order.
 std::string UnexpectedText(const std::vector<std::string>& arguments)
 {
@@ -284,9 +313,12 @@ bool Parse(CLI::App& program, int argc, char** argv, Report& report)
         if (!rest.empty() && rest.front() == "help")
             throw UsageError("unknown command help (use 'kbagent COMMAND --help')");
         if (program.get_subcommands().empty() && !rest.empty() && !rest.front().starts_with('-'))
-            throw UsageError("unknown command " + rest.front() + HintForResticCommand(rest.front()));
+            throw UsageError("unknown command " + rest.front() + HintForCommand(program, rest.front()));
         RequireKnownAction(program);
         throw UsageError(UnexpectedText(program.remaining(true)) + HintFor(program, argc, argv));
+    } catch (const CLI::RequiredError& error) {
+        throw UsageError(std::string(error.what()) + ChoicesFor(program, error.what()) +
+                         HintFor(program, argc, argv));
     } catch (const CLI::ParseError& error) {
         throw UsageError(error.what() + HintFor(program, argc, argv));
     }

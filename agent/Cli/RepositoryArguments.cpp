@@ -1,5 +1,7 @@
 #include "agent/Cli/RepositoryArguments.h"
 
+#include "agent/Remote/Location.h"
+
 #include <CLI/CLI.hpp>
 
 namespace Agent {
@@ -140,6 +142,7 @@ void RepositoryArguments::AddSnapshotOptionsTo(CLI::App& command, const char* ho
 
 RepositoryOptions RepositoryArguments::Get() const
 {
+    Remote::RequireKnownOptions(m_options.remote.extended);
     RepositoryOptions options = m_options;
     options.isVerbose = m_verbosity > 0;
     options.isVeryVerbose = m_verbosity > 1;

@@ -33,7 +33,7 @@ public:
     /// Adds --host, --tag and --path. `hostNames` are those of the first one.
     void AddSnapshotOptionsTo(CLI::App& command, const char* hostNames = "-H,--host");
 
-    /// What was given. Raises UsageError for a duration that can't be read.
+    /// What was given. Raises UsageError for a duration or an extended option that can't be used.
     RepositoryOptions Get() const;
     /// The source. With the options of this command that are not of one repository.
     RepositoryOptions GetSource() const;

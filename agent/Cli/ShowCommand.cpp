@@ -41,7 +41,7 @@ CLI::App* ShowCommand::Register(CLI::App& program)
     m_repository.AddSnapshotOptionsTo(*command);
     command
         ->add_option(
-            "SNAPSHOT:PATH", m_place,
+            "SNAPSHOT[:PATH]", m_place,
             "The snapshot, by first digits of its ID or as latest, and the path of the entry; without\n"
             "a path, the rules of the job that the snapshot was made by, as a job file")
         ->required();

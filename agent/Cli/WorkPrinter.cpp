@@ -38,9 +38,9 @@ void WorkPrinter::OnNote(const std::string& text)
     m_report.JsonNote(json);
 }
 
-void WorkPrinter::OnProgress(std::uint64_t done, std::uint64_t total)
+void WorkPrinter::OnProgress(std::uint64_t done, std::uint64_t total, const char* unit)
 {
-    m_report.Progress([&] { return ProgressFacts{.items = done, .totalItems = total}; });
+    m_report.Progress([&] { return ProgressFacts{.items = done, .totalItems = total, .unit = unit}; });
 }
 
 } // namespace Agent

@@ -20,7 +20,7 @@ public:
 
     void OnStage(const std::string& text) override;
     void OnNote(const std::string& text) override;
-    void OnProgress(std::uint64_t done, std::uint64_t total) override;
+    void OnProgress(std::uint64_t done, std::uint64_t total, const char* unit) override;
 
 private:
     Report& m_report;

@@ -62,7 +62,7 @@ void SnapshotCopy::CopyTrees(const Id& root)
         if (!m_visited.insert(tree).second)
             continue;
         Visit(tree, waiting);
-        m_observer.OnProgress(m_visited.size(), 0);
+        m_observer.OnProgress(m_visited.size(), 0, "trees");
         if (m_queued.size() >= QueueLimit)
             CopyQueued();
     }
@@ -123,7 +123,7 @@ void SnapshotCopy::CopyQueued()
                 ++done;
             }
         },
-        [&] { m_observer.OnProgress(done, packs.size()); });
+        [&] { m_observer.OnProgress(done, packs.size(), "packs"); });
     if (m_failure)
         throw SourceError(*m_failure);
 }

@@ -422,6 +422,10 @@ Attempt Connection::Transfer::Conclude(CURLcode code)
     } else {
         attempt.fault = FaultOf(code);
         attempt.reason = m_handles.error[0] != '\0' ? m_handles.error : curl_easy_strerror(code);
+        // OpenSSL's text for a response that is not TLS, such as one of plain HTTP.
+        if (attempt.reason.find("wrong version number") != std::string::npos)
+            attempt.reason += ". The server may not use TLS; the address of such a server has http: and not "
+                              "https:";
     }
     return attempt;
 }

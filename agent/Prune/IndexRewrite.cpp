@@ -160,7 +160,7 @@ void IndexRewrite::RemoveReplaced(IWorkObserver& observer)
     std::uint64_t count = 0;
     for (const File& file : m_replaced) {
         Remove(file);
-        observer.OnProgress(++count, m_replaced.size());
+        observer.OnProgress(++count, m_replaced.size(), "index files");
     }
     m_replaced.clear();
 }

@@ -46,7 +46,7 @@ void RunOnPacks(
         },
         [&] {
             meanwhile();
-            observer.OnProgress(done, packs.size());
+            observer.OnProgress(done, packs.size(), "packs");
         });
 }
 
@@ -203,8 +203,9 @@ private:
         m_observer.OnStage("finding data that is still in use for " +
                            CountText(snapshots.size(), "snapshot", "snapshots"));
         BlobFacts facts;
-        facts.isUsed = FindUsedBlobs(m_repository, snapshots,
-                                     [this](std::uint64_t trees) { m_observer.OnProgress(trees, 0); });
+        facts.isUsed = FindUsedBlobs(m_repository, snapshots, [this](std::uint64_t trees) {
+            m_observer.OnProgress(trees, 0, "trees");
+        });
         facts.isBad.resize(facts.isUsed.size());
         m_observer.OnStage("searching used packs...");
         PackSizes files;
@@ -256,7 +257,7 @@ private:
         std::uint64_t count = 0;
         for (const Id& id : m_plan.unindexed) {
             RemovePack(id);
-            m_observer.OnProgress(++count, m_plan.unindexed.size());
+            m_observer.OnProgress(++count, m_plan.unindexed.size(), "packs");
         }
     }
 
@@ -336,7 +337,7 @@ private:
         std::uint64_t count = 0;
         for (const std::uint32_t pack : m_removed) {
             RemovePack(pack);
-            m_observer.OnProgress(++count, m_removed.size());
+            m_observer.OnProgress(++count, m_removed.size(), "packs");
         }
     }
 

@@ -16,8 +16,9 @@ public:
     /// Reports what the user should know, such as a file that can't be read. The text may contain bytes that
     /// are not printable.
     virtual void OnNote(const std::string& text) = 0;
-    /// How many items of the current part are done. `total` is 0 if it is not known.
-    virtual void OnProgress(std::uint64_t done, std::uint64_t total) = 0;
+    /// How many items of the current part are done. `total` is 0 if it is not known. `unit` is a literal for
+    /// what the items are, as in "packs".
+    virtual void OnProgress(std::uint64_t done, std::uint64_t total, const char* unit) = 0;
 };
 
 } // namespace Agent

@@ -94,6 +94,12 @@ bool IsRemote(std::string_view location)
     return location.starts_with(S3Scheme) || location.starts_with(RestScheme);
 }
 
+void RequireKnownOptions(const std::vector<std::string>& extended)
+{
+    S3Location unused;
+    SetExtended(extended, unused);
+}
+
 S3Location ParseS3Location(std::string_view location, const RemoteOptions& options)
 {
     location.remove_prefix(S3Scheme.size());

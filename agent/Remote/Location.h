@@ -27,6 +27,9 @@ struct SecretSources
 /// Returns true for a location on a server, whatever follows the scheme.
 bool IsRemote(std::string_view location);
 
+/// Raises UsageError for an extended option that does not exist, or whose value can't be used.
+void RequireKnownOptions(const std::vector<std::string>& extended);
+
 /// Parses a location that begins with "s3:". Raises UsageError, also for a user in the address, and for an
 /// extended option that does not exist.
 S3Location ParseS3Location(std::string_view location, const RemoteOptions& options);

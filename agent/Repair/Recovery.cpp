@@ -152,7 +152,7 @@ std::vector<Id> FindLostRoots(const Repo::Repository& repository,
                 isNoRoot[trees[i]] = hasLoss[trees[i]] = true;
                 observer.OnNote("a tree can't be read: " + ReasonOf(error).Bytes());
             }
-            observer.OnProgress(i + 1, trees.size());
+            observer.OnProgress(i + 1, trees.size(), "trees");
         });
     for (const Repo::StoredSnapshot& stored : snapshots)
         refer(stored.snapshot.tree);

@@ -150,7 +150,7 @@ private:
                     for (const PackedBlob& blob : blobs)
                         m_missing.erase(blob.handle);
                 }
-                m_observer.OnProgress(++count, m_unread.size());
+                m_observer.OnProgress(++count, m_unread.size(), "packs");
             });
     }
 

@@ -100,7 +100,7 @@ private:
                 m_removed.insert(id);
             else
                 m_outcome.kept.emplace_back(id, std::move(reason));
-            m_observer.OnProgress(++count, m_packs.size());
+            m_observer.OnProgress(++count, m_packs.size(), "packs");
         }
         for (const UnsavedBlob& bad : m_bad)
             SaveFromElsewhere(bad, saver);
@@ -232,7 +232,7 @@ private:
         std::uint64_t count = 0;
         for (const Id& id : m_removed) {
             m_repository.GetBackend().Remove({FileKind::Pack, id});
-            m_observer.OnProgress(++count, m_removed.size());
+            m_observer.OnProgress(++count, m_removed.size(), "packs");
         }
     }
 

@@ -29,7 +29,7 @@ public:
                       change == TreeRepair::Emptied || change.starts_with(TreeRepair::CutOff);
                   m_observer.OnNote("  \"" + path + "\": " + change);
               },
-              [this](std::uint64_t trees) { m_observer.OnProgress(trees, 0); })
+              [this](std::uint64_t trees) { m_observer.OnProgress(trees, 0, "trees"); })
     {}
 
     RepairOutcome Run(const std::vector<StoredSnapshot>& snapshots)
@@ -137,7 +137,7 @@ struct Silent : IWorkObserver
 {
     void OnStage(const std::string&) override {}
     void OnNote(const std::string&) override {}
-    void OnProgress(std::uint64_t, std::uint64_t) override {}
+    void OnProgress(std::uint64_t, std::uint64_t, const char*) override {}
 };
 
 } // namespace

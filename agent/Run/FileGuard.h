@@ -15,8 +15,12 @@ namespace Agent {
 /// system's error is raised. For an ordinary user the check ends there, and opening the file fails.
 void RequireOwnFile(const std::string& what, const std::string& path);
 
+/// The reason for which RequireOwnFile would refuse the file; empty if it accepts the file, or if the file
+/// can't be examined.
+std::string FindRisk(const std::string& path);
+
 /// RequireOwnFile for a log. If the log is missing in a shared directory, it is created for root, exclusively
-/// and with mode 0640, before another user can create it.
+/// and with mode 0640, before another user can create it. A missing directory is reported as such.
 void RequireOwnLog(const std::string& path);
 
 } // namespace Agent

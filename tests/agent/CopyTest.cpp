@@ -77,6 +77,7 @@ TEST_F(CopyTest, DamagedSnapshotIsReportedAndOthersAreCopied)
         EXPECT_TRUE(Holds(Restic("-r " + second + " check --read-data"), "no errors"));
     }
     Run(2, "copy");
+    Run(2, "copy -r " + second + "/. --from-password-file password --from-repo " + second);
 }
 
 TEST_F(CopyTest, DamagedTreesOfTargetAreCopiedAgain)

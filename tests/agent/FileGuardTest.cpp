@@ -182,6 +182,7 @@ TEST_F(FileGuard, LogInSharedDirectoryIsCreatedFirst)
     Agent::RequireOwnLog(directory / "shared/log");
     for (const char* name : {"shared/foreign", "shared/none/log", "shared/of another", "open/log"})
         EXPECT_TRUE(CatchError([&] { Agent::RequireOwnLog(directory / name); })) << name;
+    EXPECT_TRUE(Holds(Reason("The log", "shared/none/log", Agent::RequireOwnLog), ": the directory "));
     EXPECT_FALSE(fs::exists(directory / "open/log"));
 }
 
@@ -202,6 +203,10 @@ TEST_F(FileGuard, ProgramRefusesEach)
     }
     unsetenv("KBAGENT_CONFIG");
     EXPECT_EQ(ReadFile(file), "");
+    const std::string password = directory.Write("own/of others", "secret");
+    EXPECT_TRUE(Holds(RunProgram({"snapshots", "-r", none, "-p", password}).errors,
+                      "Warning: other users can change the password file " + password + ": " + password +
+                          " can be written to by others (mode 0666)\n"));
 }
 
 } // namespace

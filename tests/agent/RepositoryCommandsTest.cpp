@@ -237,7 +237,6 @@ TEST_P(RepositoryOfRestic, DumpedEntryEqualsItsSource)
     EXPECT_EQ((zip[zip.find(odd) - ToFlags] | zip[zip.rfind(odd) - ToFlagsOfDirectory]) & 8, 0)
         << "the name is not UTF-8";
     EXPECT_TRUE(Holds(Run(1, "dump latest /none").errors, "/none"));
-    Run(2, "dump latest");
     EXPECT_EQ(Run(0, "dump latest:/s --host h2 empty").output, "");
     Run(0, "dump latest:s --host h2 / -t below.tar");
     EXPECT_EQ(std::system(("tar -tf " + directory / "below.tar" + " | grep -qx emptydir/").c_str()), 0);
@@ -479,8 +478,13 @@ TEST_F(RepositoryCommands, RepositoryOptionsMayPrecedeCommand)
     EXPECT_TRUE(
         Holds(Run(2, "snapshots --insecure-tls").errors, "does not have restic's option --insecure-tls"));
     Run(2, "-r repo");
-    EXPECT_TRUE(Holds(Run(2, "find latest x").errors, "unknown command find (kbagent does not have"));
-    EXPECT_TRUE(Holds(Run(2, "-o a=b -r s3:x/y snapshots").errors, "and not 'a'"));
+    for (const auto& [words, text] :
+         {std::pair("find latest x", "unknown command find (kbagent does not have"),
+          std::pair("Snapshot", "(did you mean snapshots?)"),
+          std::pair("list", "KIND is required: snapshots, packs, "),
+          std::pair("dump latest", "PATH is required")})
+        EXPECT_TRUE(Holds(Run(2, words).errors, text)) << words;
+    EXPECT_TRUE(Holds(Run(2, "-o a=b snapshots").errors, "and not 'a'"));
     EXPECT_TRUE(Holds(Run(0, "-v -v snapshots").errors, "(version 2) was opened"));
     EXPECT_EQ(json::parse(Run(2, "snapshots --json --none").errors).at("code"), 2);
     SaveTrees(opened, {[](const Id&) {
@@ -844,8 +848,12 @@ TEST_F(RepositoryCommands, PasswordIsReadFromItsSource)
     Run(0, {"snapshots", "--repository-file", directory.Write("place", repository + "\n")}, {},
         {"KBAGENT_REPOSITORY=/none"});
     EXPECT_TRUE(Holds(Run(1, {"snapshots", "-r", "sftp:user:pw@host"}).errors, "sftp:"));
-    for (const std::string place : {"sftp://user:pw@host", "s3:https://user:pw@host/bucket",
-                                    "rest:http://user:pw@host:0/", "rest:http://user:pw@127.0.0.1:1/"}) {
+    EXPECT_TRUE(Holds(Run(1, {"init", "-r", "http://user:pw@host/r"}).errors, "rest:https://HOST/PATH/"));
+    EXPECT_FALSE(fs::exists(directory / "http:"));
+    EXPECT_TRUE(Holds(Run(1, {"snapshots"}, {}, {none}).errors, "--password-file or KBAGENT_PASSWORD_FILE"));
+    for (const std::string place :
+         {"sftp://user:pw@host", "http://user:pw@host/r", "s3:https://user:pw@host/bucket",
+          "rest:http://user:pw@host:0/", "rest:http://user:pw@127.0.0.1:1/"}) {
         const ProgramResult result = Run(-1, {"--log", log, "snapshots", "-r", place});
         EXPECT_NE(result.exitCode, 0) << place;
         EXPECT_EQ((result.errors + Run(2, {"unlock", place}).errors + ReadFile(log)).find("user:pw"),

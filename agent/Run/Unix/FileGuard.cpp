@@ -79,7 +79,8 @@ bool FileGuard::CreateMissing(const Entry& entry)
         }));
         return made || made.error == EEXIST;
     };
-    Refuse(!(m_createsFile && entry.isLast && create()),
+    Refuse(m_createsFile && !entry.isLast, "the directory " + entry.path + " doesn't exist");
+    Refuse(!(m_createsFile && create()),
            entry.path + " doesn't exist, and others can write to its directory");
     return true;
 }
@@ -96,6 +97,19 @@ void FileGuard::CheckOwner(const std::string& path, const struct stat& status, b
 void RequireOwnFile(const std::string& what, const std::string& path)
 {
     FileGuard(what, path, false).Check();
+}
+
+std::string FindRisk(const std::string& path)
+{
+    const std::string what = "The file";
+    try {
+        RequireOwnFile(what, path);
+    } catch (const Krt::Exception::YError& error) {
+        const std::string front = what + " " + path + " is refused: ";
+        const std::string text = error.GetMessage().Bytes();
+        return text.starts_with(front) ? text.substr(front.size()) : "";
+    }
+    return "";
 }
 
 void RequireOwnLog(const std::string& path)

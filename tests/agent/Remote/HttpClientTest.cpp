@@ -91,6 +91,8 @@ TEST(HttpClient, LastingFaultsAreReported)
     EXPECT_EQ(refusing.Count(), 1u);
     Http::Client lost(Http::ParseAddress("http://127.0.0.1:1"), Quick());
     EXPECT_TRUE(Holds(ReasonOfFailure(lost, {}), "127.0.0.1:1: "));
+    Http::Client secure(Http::ParseAddress("https://" + server.Place()), Quick());
+    EXPECT_TRUE(Holds(ReasonOfFailure(secure, {}), "may not use TLS"));
     Http::Client unknown(Http::ParseAddress("http://" + std::string(64, 'a') + ".invalid"), Quick());
     EXPECT_TRUE(Holds(ReasonOfFailure(unknown, {}), "Could not resolve host")) << "also the third time";
 }
