@@ -144,8 +144,8 @@ RepositoryOptions RepositoryArguments::Get() const
 {
     Remote::RequireKnownOptions(m_options.remote.extended);
     RepositoryOptions options = m_options;
-    options.isVerbose = m_verbosity > 0;
-    options.isVeryVerbose = m_verbosity > 1;
+    options.isVerbose = m_verbosity > 0 && !options.isQuiet;
+    options.isVeryVerbose = m_verbosity > 1 && !options.isQuiet;
     if (!m_retryLock.empty())
         options.retryLock = ParseDuration(m_retryLock, "--retry-lock");
     return options;

@@ -30,6 +30,7 @@ private:
     RestoreSettings SettingsOf() const;
     std::optional<Krt::File::YDirectory> Target(Session& session) const;
 
+    CLI::Option* m_snapshot = nullptr;
     CLI::Option* m_paths = nullptr;
     RepositoryArguments m_repository;
     std::string m_target;
@@ -47,11 +48,11 @@ CLI::App* RestoreCommand::Register(CLI::App& program)
     CLI::App* const command =
         program.add_subcommand("restore", "Restore entries of a snapshot into a directory");
     AddOptions(*command);
-    m_paths = AddPathArguments(
-        *command,
+    m_snapshot = AddPathArgument(
+        *command, "SNAPSHOT",
         "The snapshot, by first digits of its ID or as latest; SNAPSHOT:PATH for what is below a\n"
-        "directory of it. Then paths of entries: only these and all below them are restored",
-        "SNAPSHOT_PATH");
+        "directory of it");
+    m_paths = AddPathArguments(*command, "Paths of entries: only these and all below them are restored");
     command->footer(
         "An entry /a/b is restored as TARGET/a/b, and with SNAPSHOT:/a as TARGET/b. Nothing is ever written\n"
         "outside TARGET: symlinks below it are not followed, nor are other users' symlinks on the path to\n"
@@ -148,8 +149,8 @@ std::optional<Krt::File::YDirectory> RestoreCommand::Target(Session& session) co
 
 void RestoreCommand::Run(Report& report)
 {
-    std::vector<std::string> arguments = PathsOf(m_paths);
-    if (arguments.empty() || arguments.front().starts_with('/'))
+    const std::vector<std::string> snapshots = PathsOf(m_snapshot), paths = PathsOf(m_paths);
+    if (snapshots.empty() || snapshots.front().starts_with('/'))
         throw UsageError("restore: name a snapshot, as latest");
     if (m_target.empty())
         throw UsageError("--target is required");
@@ -158,7 +159,7 @@ void RestoreCommand::Run(Report& report)
     if (!settings.isDryRun)
         report.GoOnWithoutOutput(LostOutput::Summary);
 
-    const std::string choice = arguments.front();
+    const std::string choice = snapshots.front();
     const std::size_t colon = std::min(choice.find(':'), choice.size());
     Session session(m_repository.Get(), report, Access::Read, OldFormat::Refused, Settling::Later);
     const Repo::StoredSnapshot stored =
@@ -176,22 +177,22 @@ void RestoreCommand::Run(Report& report)
                 << (choice.substr(0, colon + 1) + found.path.substr(0, found.path.rfind('/') + 1)).c_str());
         tree = *found.node.subtree;
     }
-    for (std::size_t i = 1; i < arguments.size(); ++i) {
+    for (const std::string& path : paths) {
         try {
-            settings.paths.push_back(FindEntry(repository, tree, arguments[i]).path);
+            settings.paths.push_back(FindEntry(repository, tree, path).path);
         } catch (const Krt::Exception::YError& error) {
             RaiseIfInterrupted();
-            const bool mayBeSnapshot = arguments[i].find('/') == std::string::npos;
-            report.EntryFailed(Krt::YString(std::string_view(arguments[i])),
+            const bool mayBeSnapshot = path.find('/') == std::string::npos;
+            report.EntryFailed(Krt::YString(std::string_view(path)),
                                ReasonOfSearch(error) +
                                    (mayBeSnapshot ? "; all arguments after the snapshot are paths" : ""));
         }
     }
-    const bool isWhole = colon == choice.size() && arguments.size() == 1 && settings.includes.IsEmpty() &&
-                         settings.excludes.IsEmpty();
+    const bool isWhole =
+        colon == choice.size() && paths.empty() && settings.includes.IsEmpty() && settings.excludes.IsEmpty();
     if (isWhole && stored.snapshot.summary)
         settings.expectedBytes = stored.snapshot.summary->totalBytesProcessed;
-    KRT_RAISE_UNLESS(arguments.size() == 1 || !settings.paths.empty(), Krt::ErrorCode::InvalidArgument,
+    KRT_RAISE_UNLESS(paths.empty() || !settings.paths.empty(), Krt::ErrorCode::InvalidArgument,
                      "None of the paths can be restored, so nothing was changed");
     if (!settings.isJson && !settings.isQuiet) {
         const bool isLatest = choice.substr(0, colon) == "latest"; // which was reported
