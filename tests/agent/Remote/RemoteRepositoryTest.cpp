@@ -248,7 +248,7 @@ TEST_F(RemoteRepository, AppendOnlyStoreTakesBackups)
         const ProgramResult refused = RunCached(exitCode, words);
         EXPECT_TRUE(Holds(refused.errors, "append-only"));
         EXPECT_TRUE(Holds(refused.output, saved));
-        EXPECT_EQ(Holds(refused.output, "loading all snapshots"), words == std::string("prune"));
+        EXPECT_EQ(bool(Holds(refused.output, "loading all snap")), words == std::string("prune"));
     }
     store.files.erase(unneeded);
     RunCached(0, "check --read-data");
