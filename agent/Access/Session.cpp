@@ -29,12 +29,6 @@ constexpr int AttemptsOnTerminal = 3;
 constexpr std::size_t ShortDigits = 8; // of an id
 constexpr std::string_view OtherSchemes[] = {"sftp:", "rclone:", "b2:", "azure:", "gs:", "swift:"};
 
-bool IsFull(const Krt::Exception::YError& error)
-{
-    const int number = error.GetOsError();
-    return number == ENOSPC || number == EDQUOT || number == EFBIG;
-}
-
 bool IsReadOnly(const Krt::Exception::YError& error)
 {
     const int number = error.GetOsError();
@@ -106,12 +100,23 @@ std::shared_ptr<Repo::IBackend> BackendOf(const RepositoryOptions& options, Repo
         [syncer](const Krt::Util::YUnxHandle& handle) { syncer->Sync(handle); });
 }
 
-void ReportFailure(Report& report, const Repo::FileName& file, const RepositoryError& error)
+std::string HintOf(const RepositoryError& snapshotError)
+{
+    return snapshotError.GetFailure() != Repo::Failure::Damaged
+               ? ""
+               : "; 'kbagent recover' makes another snapshot of its directories, then "
+                 "'kbagent repair snapshots --forget' with its ID removes the file";
+}
+
+void ReportFailure(Report& report, const Repo::FileName& file, const RepositoryError& error,
+                   const std::string& meaning)
 {
     std::string reason = ReasonOf(error).Bytes();
     if (const std::string prefix = file.Prefix().Bytes(); reason.starts_with(prefix))
         reason.erase(0, prefix.size());
-    report.RepositoryFailed(YString(file.Path()), YString(reason));
+    if (file.kind == Repo::FileKind::Snapshot)
+        reason += HintOf(error);
+    report.RepositoryFailed(YString(file.Path()), YString(meaning + reason));
 }
 
 Session::Session(const RepositoryOptions& options, Report& report, Access access, OldFormat oldFormat,
@@ -139,6 +144,8 @@ Session::Session(const RepositoryOptions& options, Report& report, Access access
                      Krt::ErrorCode::NotSupported,
                      "The repository has version 1 of the format, which is read but not written; 'kbagent "
                      "migrate upgrade_repo_v2' changes it to version 2");
+    if (access == Access::Append)
+        m_backend->RequirePlace(Repo::FileKind::Snapshot);
     if (!m_options.isUnlocked)
         LockFor(access, settling);
     if (m_options.isVerbose)
@@ -251,14 +258,15 @@ void Session::LockFor(Access access, Settling settling)
         m_lock.emplace(*m_repository, std::move(settings));
         m_backend->SetWriteGuard([this] { m_lock->RequireFresh(); });
     } catch (const RepositoryError& error) {
-        if (access == Access::Read && m_options.mayBeUnlocked && IsFull(error))
+        const bool isReading = access == Access::Read || access == Access::DryRun;
+        if (isReading && m_options.mayBeUnlocked && IsFull(error))
             throw RepositoryError(error.GetFailure(), error,
                                   "The repository can't be locked, but --no-lock reads it without a lock: ");
         if (m_options.mayRecoverSpace && access == Access::Exclusive && IsFull(error))
             throw RepositoryError(error.GetFailure(), error,
                                   "The repository can't be locked, but --recover-no-free-space removes "
                                   "without a lock: ");
-        if ((access != Access::Read && access != Access::DryRun) || !IsReadOnly(error))
+        if (!isReading || !IsReadOnly(error))
             throw;
         m_report.Note("The repository can't be written, so it is read without a lock: " + ReasonOf(error));
     }

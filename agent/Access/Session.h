@@ -10,6 +10,7 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace Agent {
 
@@ -19,15 +20,21 @@ namespace Agent {
 /// MakeRemoteBackend raise. The address is not in the message, since it may contain a password.
 std::shared_ptr<Repo::IBackend> BackendOf(const RepositoryOptions& options, Report& report);
 
-/// Reports a file that can't be read as a failure of the repository, with its path once.
-void ReportFailure(Report& report, const Repo::FileName& file, const Repo::RepositoryError& error);
+/// Reports a file that can't be read, or can't be removed, as a failure of the repository, with its path
+/// once. `meaning` begins the text. For a damaged snapshot, HintOf ends it.
+void ReportFailure(Report& report, const Repo::FileName& file, const Repo::RepositoryError& error,
+                   const std::string& meaning = {});
+
+/// What the user can do about a snapshot that can't be read, as the end of a message; empty if it is not
+/// damaged.
+std::string HintOf(const Repo::RepositoryError& snapshotError);
 
 /// What a command does with a repository, which decides its lock.
 enum class Access
 {
     Read,      ///< no file changes. Shared lock, but none if the options forbid it or nothing can be written
     DryRun,    ///< as Read, for a command that would add files
-    Append,    ///< files are added. Shared lock
+    Append,    ///< files are added, which needs the place of snapshots. Shared lock
     Exclusive, ///< files are added and removed. Exclusive lock
     Recovery   ///< files are removed on a full disk. Writes no lock, and requires that there is none
 };
@@ -55,7 +62,7 @@ public:
     ///     that writes without a lock
     ///   - LockedError if another process has a lock that excludes this one
     ///   - NotSupported for a command that writes to version 1 of the format, unless that is accepted
-    ///   - what Repository::Open raises
+    ///   - what Repository::Open raises, and for Append what RequirePlace raises for snapshots
     /// Operations of the repository raise InvalidState when the user interrupts the program, and LockLost
     /// when the lock is lost.
     Session(const RepositoryOptions& options, Report& report, Access access = Access::Read,

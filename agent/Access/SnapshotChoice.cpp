@@ -66,8 +66,13 @@ Repo::SnapshotFilter FilterOf(const SnapshotOptions& options)
 
 StoredSnapshot ChooseSnapshot(Session& session, const std::string& text, const SnapshotOptions& options)
 {
-    if (text != "latest")
-        return session.GetRepository().FindSnapshot(LowerDigits(text), FilterOf(options));
+    if (text != "latest") {
+        try {
+            return session.GetRepository().FindSnapshot(LowerDigits(text), FilterOf(options));
+        } catch (const Repo::RepositoryError& error) {
+            throw Repo::RepositoryError(error.GetFailure(), error, {}, YString(HintOf(error)));
+        }
+    }
     std::vector<StoredSnapshot> all = ChooseSnapshots(session, {}, options);
     KRT_RAISE_UNLESS(!all.empty(), Krt::ErrorCode::InvalidArgument, "There is no snapshot to choose from");
     if (!session.GetOptions().isQuiet && !session.GetOptions().isJson)
@@ -98,6 +103,12 @@ std::vector<StoredSnapshot> ChooseSnapshots(Session& session, const std::vector<
         }
     }
     return chosen;
+}
+
+void ReportLeft(Report& report, const Id& old, const Id& replacement, const Repo::RepositoryError& error)
+{
+    ReportFailure(report, {Repo::FileKind::Snapshot, old}, error,
+                  "snapshot " + ShortId(replacement) + " replaces this one, which can't be removed: ");
 }
 
 std::string LowerDigits(std::string digits)

@@ -21,7 +21,8 @@ Repo::SnapshotFilter FilterOf(const SnapshotOptions& options);
 /// The snapshot that the text names: "latest", or the first digits of an id. Reports which one "latest" is,
 /// unless the command prints JSON.
 /// Snapshots that can't be read are reported as failures of the repository, if they might be the latest.
-/// Raises InvalidArgument if no snapshot matches, or if the digits match several.
+/// Raises InvalidArgument if no snapshot matches, or if the digits match several; for a damaged snapshot, the
+/// message ends with HintOf.
 Repo::StoredSnapshot ChooseSnapshot(Session& session, const std::string& text,
                                     const SnapshotOptions& options);
 
@@ -29,6 +30,10 @@ Repo::StoredSnapshot ChooseSnapshot(Session& session, const std::string& text,
 /// is not found or can't be read is reported as a failed entry.
 std::vector<Repo::StoredSnapshot> ChooseSnapshots(Session& session, const std::vector<std::string>& texts,
                                                   const SnapshotOptions& options);
+
+/// Reports a snapshot that was replaced, but can't be removed, as a failure of the repository.
+void ReportLeft(Report& report, const Repo::Id& old, const Repo::Id& replacement,
+                const Repo::RepositoryError& error);
 
 /// The digits in lower case, as the first digits of an id may be typed in either.
 std::string LowerDigits(std::string digits);

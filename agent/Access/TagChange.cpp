@@ -71,7 +71,8 @@ std::vector<std::string> TagChange::TagsOf(const Repo::Snapshot& snapshot) const
 }
 
 std::optional<Repo::Id> TagChange::Apply(const Repo::Repository& repository,
-                                         const Repo::StoredSnapshot& stored) const
+                                         const Repo::StoredSnapshot& stored,
+                                         const Repo::FailureVisitor& onLeft) const
 {
     Repo::Snapshot changed = stored.snapshot;
     changed.tags = TagsOf(stored.snapshot);
@@ -79,7 +80,7 @@ std::optional<Repo::Id> TagChange::Apply(const Repo::Repository& repository,
         return std::nullopt;
     changed.original = stored.snapshot.original.value_or(stored.id);
     const Repo::Id id = repository.SaveText(Repo::FileKind::Snapshot, changed.ToJson());
-    repository.GetBackend().Remove({Repo::FileKind::Snapshot, stored.id});
+    repository.RemoveFile({Repo::FileKind::Snapshot, stored.id}, onLeft);
     return id;
 }
 

@@ -22,9 +22,10 @@ public:
               const std::vector<std::string>& remove);
 
     /// Saves the snapshot with its new tags, then removes the old file. The new one names the first version.
-    /// Returns the new id; nothing if the snapshot has the tags already.
-    std::optional<Repo::Id> Apply(const Repo::Repository& repository,
-                                  const Repo::StoredSnapshot& stored) const;
+    /// Returns the new id; nothing if the snapshot has the tags already. The old file is given to `onLeft` if
+    /// it can't be removed.
+    std::optional<Repo::Id> Apply(const Repo::Repository& repository, const Repo::StoredSnapshot& stored,
+                                  const Repo::FailureVisitor& onLeft) const;
 
 private:
     std::vector<std::string> TagsOf(const Repo::Snapshot& snapshot) const;

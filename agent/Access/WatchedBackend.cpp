@@ -2,7 +2,15 @@
 
 #include "agent/Run/Interrupt.h"
 
+#include <cerrno>
+
 namespace Agent {
+
+bool IsFull(const Krt::Exception::YError& error)
+{
+    const int number = error.GetOsError();
+    return number == ENOSPC || number == EDQUOT || number == EFBIG;
+}
 
 void WatchedBackend::Look() const
 {
@@ -37,7 +45,16 @@ void WatchedBackend::List(Repo::FileKind kind,
 void WatchedBackend::Save(const Repo::FileName& file, Repo::ByteView content)
 {
     LookBeforeChange(file);
-    m_backend->Save(file, content);
+    try {
+        m_backend->Save(file, content);
+    } catch (const Repo::RepositoryError& error) {
+        if (file.kind == Repo::FileKind::Lock || !IsFull(error))
+            throw;
+        throw Repo::RepositoryError(
+            error.GetFailure(), error,
+            "There is no space. The next backup uses what this run has saved; 'kbagent prune "
+            "--recover-no-free-space' removes it, and all else that no snapshot needs: ");
+    }
     if (file.kind != Repo::FileKind::Lock && m_writeGuard)
         RequireLockAfter(file);
 }

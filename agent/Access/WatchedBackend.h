@@ -1,9 +1,10 @@
 // WatchedBackend: a backend whose operations end the run in time: when the user interrupts the program, and
-// when the repository's lock is lost. Those on lock files do not, since the lock itself is removed at the
-// end.
+// when the repository's lock is lost. An error for lack of space says what makes space. Those on lock files
+// do not, since the lock itself is removed at the end.
 #pragma once
 
 #include "agent/Repository/Backend.h"
+#include "agent/Repository/Failure.h"
 
 #include <atomic>
 #include <memory>
@@ -18,6 +19,9 @@ class LockLost : public std::runtime_error
 public:
     using std::runtime_error::runtime_error;
 };
+
+/// Returns true if there is no space for a file.
+bool IsFull(const Krt::Exception::YError& error);
 
 class WatchedBackend : public Repo::IBackend
 {
@@ -38,6 +42,7 @@ public:
     std::uint64_t Size(const Repo::FileName& file) override { return m_backend->Size(file); }
     void List(Repo::FileKind kind,
               const std::function<void(const Repo::Id& id, std::uint64_t size)>& visit) override;
+    void RequirePlace(Repo::FileKind kind) override { m_backend->RequirePlace(kind); }
     void RequireComplete(Repo::FileKind kind) override { m_backend->RequireComplete(kind); }
     void Save(const Repo::FileName& file, Repo::ByteView content) override;
     bool SaveNew(const Repo::FileName& file, Repo::ByteView content) override;

@@ -64,6 +64,9 @@ void Advise(const CheckSummary& summary, CheckObserver& observer)
     if (summary.unknownPacks != 0)
         observer.Advise("an older copy of the directory 'index' would make packs readable that no index "
                         "refers to and whose headers are damaged; a prune removes them");
+    if (summary.lacksSnapshots)
+        observer.Advise("the directory 'snapshots' should be put back; if it is lost, the directories of its "
+                        "snapshots should be saved as a new one: kbagent recover");
     if (summary.hasDamage) {
         const bool isFirst =
             !summary.isIndexWrong && summary.damagedPacks.empty() && summary.unreadablePacks.empty();

@@ -67,7 +67,7 @@ private:
     std::vector<Decision> Decide(const RetentionPolicy& policy, const Grouping& grouping,
                                  Session& session) const;
     void Print(const Decision& decision, Report& report) const;
-    void Remove(const std::vector<StoredSnapshot>& snapshots, Session& session) const;
+    std::size_t Remove(const std::vector<StoredSnapshot>& snapshots, Session& session) const;
 
     RepositoryArguments m_repository;
     PruneArguments m_pruning;
@@ -142,16 +142,18 @@ void ForgetCommand::Run(Report& report)
                     m_prunes ? OldFormat::Refused : OldFormat::Accepted);
     const std::vector<StoredSnapshot> chosen =
         m_ids->count() != 0 ? ChooseNamed(session) : ChooseBy(policy, grouping, session);
+    std::size_t removed = chosen.size();
     if (!m_isDryRun) {
         report.GoOnWithoutOutput();
-        Remove(chosen, session);
+        report.Out().Flush(); // before errors
+        removed = Remove(chosen, session);
     } else if (!chosen.empty() && !options.isJson && !options.isQuiet) {
         std::string ids;
         for (const StoredSnapshot& stored : chosen)
             ids += (ids.empty() ? "" : " ") + ShortId(stored.id);
         report.Out() << "Would have removed the following snapshots:\n{" << ids << "}\n";
     }
-    if (!m_prunes || chosen.empty())
+    if (!m_prunes || removed == 0)
         return;
     pruning.hasNoFreeSpace = m_hasNoFreeSpace;
     pruning.isDryRun = m_isDryRun;
@@ -319,12 +321,29 @@ void ForgetCommand::Print(const Decision& decision, Report& report) const
                      << SnapshotTable{m_isCompact, {}}.ToText(decision.removed) << "\n";
 }
 
+// The options as typed, each after a blank.
+std::string TextOf(const SnapshotOptions& options)
+{
+    std::string text;
+    const auto add = [&text](const char* name, const std::vector<std::string>& values) {
+        for (const std::string& value : values)
+            text += std::string(" --") + name + " '" + value + "'";
+    };
+    add("host", options.hosts);
+    add("tag", options.tags);
+    add("path", options.paths);
+    return text;
+}
+
 std::vector<StoredSnapshot> ForgetCommand::ChooseBy(const RetentionPolicy& policy, const Grouping& grouping,
                                                     Session& session) const
 {
     Report& report = session.GetReport();
     const RepositoryOptions& options = session.GetOptions();
     std::vector<Decision> decisions = Decide(policy, grouping, session);
+    if (const std::string filter = TextOf(m_repository.GetSnapshotOptions());
+        decisions.empty() && !filter.empty())
+        report.Note(YString("no snapshot matches" + filter));
     if (options.isJson)
         report.Out() << PrintableJson(JsonOf(decisions)) << "\n";
     else if (!options.isQuiet && !policy.IsEmpty())
@@ -338,7 +357,8 @@ std::vector<StoredSnapshot> ForgetCommand::ChooseBy(const RetentionPolicy& polic
     return chosen;
 }
 
-void ForgetCommand::Remove(const std::vector<StoredSnapshot>& snapshots, Session& session) const
+// Returns the number of those that were removed. The others are reported.
+std::size_t ForgetCommand::Remove(const std::vector<StoredSnapshot>& snapshots, Session& session) const
 {
     Report& report = session.GetReport();
     const bool prints = !session.GetOptions().isJson && !session.GetOptions().isQuiet;
@@ -360,6 +380,7 @@ void ForgetCommand::Remove(const std::vector<StoredSnapshot>& snapshots, Session
     if (prints && !snapshots.empty())
         report.PrintAndLog("removed " + std::to_string(count) + " of " +
                            CountText(snapshots.size(), "snapshot", "snapshots") + "\n");
+    return count;
 }
 
 } // namespace

@@ -11,6 +11,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <optional>
+
 namespace Agent {
 
 using Repo::FileKind;
@@ -130,9 +132,18 @@ void KeyCommand::Change(Report& report) const
     Session session(m_repository.Get(), report, Access::Exclusive, OldFormat::Accepted);
     const Repo::Secret password = ReadNewPassword(m_newPassword, report);
     const Id old = session.GetRepository().GetKeyId();
-    const Id id = session.GetRepository().ReplaceKey(password, NewKey());
-    Print(session, "The new key " + ShortId(id) + " was saved, and the old one removed",
-          "saved new key as " + ShortId(id), Member("key_id", id) + Member("removed_key_id", old));
+    std::optional<Repo::RepositoryError> left;
+    const Id id = session.GetRepository().ReplaceKey(
+        password, NewKey(),
+        [&left](const Repo::FileName&, const Repo::RepositoryError& error) { left.emplace(error); });
+    Print(session, "The new key " + ShortId(id) + " was saved" + (left ? "" : ", and the old one removed"),
+          "saved new key as " + ShortId(id),
+          Member("key_id", id) + (left ? "" : Member("removed_key_id", old)));
+    if (left)
+        ReportFailure(
+            report, {FileKind::Key, old}, *left,
+            "the new key " + ShortId(id) +
+                " was saved, but the old one remains with its password, since it can't be removed: ");
 }
 
 // Prints what was done: a line, or a summary of these members as JSON.

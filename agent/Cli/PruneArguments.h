@@ -32,7 +32,8 @@ private:
     bool m_repacksSmall = false;
 };
 
-/// Prunes the repository of the session, which has an exclusive lock, and prints what is done.
+/// Prunes the repository of the session, which has an exclusive lock unless nothing is changed, and prints
+/// what is done.
 void PruneAndPrint(Session& session, const PruneOptions& options);
 
 } // namespace Agent

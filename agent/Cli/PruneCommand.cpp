@@ -26,7 +26,7 @@ CLI::App* PruneCommand::Register(CLI::App& program)
 {
     CLI::App* const command =
         program.add_subcommand("prune", "Remove what no snapshot of a repository needs");
-    m_repository.AddTo(*command, LockOptions::Required);
+    m_repository.AddTo(*command);
     m_arguments.AddTo(*command);
     command->add_flag("--recover-no-free-space", m_hasNoFreeSpace,
                       "For a full disk: write no lock, repack nothing, and remove what is unused");
@@ -49,7 +49,10 @@ void PruneCommand::Run(Report& report)
     options.isDryRun = m_isDryRun;
     RepositoryOptions access = m_repository.Get();
     access.mayRecoverSpace = true;
-    Session session(access, report, m_hasNoFreeSpace ? Access::Recovery : Access::Exclusive);
+    Session session(access, report,
+                    m_hasNoFreeSpace ? Access::Recovery
+                    : m_isDryRun     ? Access::DryRun
+                                     : Access::Exclusive);
     PruneAndPrint(session, options);
 }
 

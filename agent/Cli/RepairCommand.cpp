@@ -82,14 +82,16 @@ private:
             if (count != 0)
                 report.EntryFailed(part, YString(what + std::to_string(count) + advice));
         };
-        fail("data", "packs whose headers can't be read: ", outcome.damaged,
+        for (const auto& [file, error] : outcome.left)
+            ReportFailure(report, file, error, "it was replaced, but can't be removed: ");
+        fail("packs", "those whose headers can't be read: ", outcome.damaged,
              "; the index has them; 'kbagent repair packs' replaces them by what can be read of them");
-        fail("data", "packs that are in no index, and whose headers can't be read: ", outcome.unknown,
+        fail("packs", "those that are in no index, and whose headers can't be read: ", outcome.unknown,
              "; they are kept, until a prune; an older copy of the directory 'index' would make them "
              "readable, or another attempt if the disk can't read them");
         fail("index", "damaged files that are kept, since they may have these packs: ", outcome.keptFiles,
              "; if there is no older copy of them, move them elsewhere and repeat the command");
-        fail("data", "blobs of missing packs that no other pack has: ", outcome.lost,
+        fail("packs", "blobs of missing packs that no other pack has: ", outcome.lost,
              "; 'kbagent check' names what needs them");
     }
 
@@ -210,7 +212,7 @@ void RepairCommand::RepairThePacks(Report& report) const
     if (session.GetOptions().isJson)
         report.PrintAndLog(CountJson("lost_blobs", lost) + "\n");
     if (lost != 0)
-        report.EntryFailed("data",
+        report.EntryFailed("packs",
                            YString("blobs that are lost: " + std::to_string(lost) +
                                    "; back up the same files again, which stores those that they still have, "
                                    "then check, and only then 'kbagent repair snapshots --forget' removes "

@@ -173,13 +173,21 @@ void RewriteCommand::Save(const StoredSnapshot& stored, const Repo::Snapshot& ch
                           const StoredSnapshot* before, Session& session, Repo::BlobSaver& saver) const
 {
     const RepositoryOptions& options = session.GetOptions();
-    const Id id = ReplaceSnapshot(session.GetRepository(), saver, stored.id, changed,
-                                  before != nullptr ? std::optional(before->id) : std::nullopt, m_forgets);
+    Report& report = session.GetReport();
+    std::optional<Repo::RepositoryError> left;
+    const Id id = ReplaceSnapshot(
+        session.GetRepository(), saver, stored.id, changed,
+        before != nullptr ? std::optional(before->id) : std::nullopt, m_forgets,
+        [&left](const Repo::FileName&, const Repo::RepositoryError& error) { left.emplace(error); });
+    const bool isRemoved = m_forgets && !left;
     if (options.isJson)
-        session.GetReport().Out() << ChangeJson(stored.id, id) << "\n";
+        report.Out() << ChangeJson(stored.id, id) << "\n";
     else if (!options.isQuiet)
-        session.GetReport().Out() << (before == nullptr ? "saved new snapshot " + ShortId(id) + "\n" : "")
-                                  << (m_forgets ? "removed old snapshot " + ShortId(stored.id) + "\n" : "");
+        report.Out() << (before == nullptr ? "saved new snapshot " + ShortId(id) + "\n" : "")
+                     << (isRemoved ? "removed old snapshot " + ShortId(stored.id) + "\n" : "");
+    report.Out().Flush(); // before errors
+    if (left)
+        ReportLeft(report, stored.id, id, *left);
 }
 
 } // namespace

@@ -55,14 +55,24 @@ void TagCommand::Run(Report& report)
     std::uint64_t count = 0;
     for (const StoredSnapshot& stored :
          ChooseSnapshots(session, PathsOf(m_ids), m_repository.GetSnapshotOptions())) {
-        const std::optional<Id> id = change.Apply(session.GetRepository(), stored);
+        std::optional<Repo::RepositoryError> left;
+        const std::optional<Id> id = change.Apply(
+            session.GetRepository(), stored,
+            [&left](const Repo::FileName&, const Repo::RepositoryError& error) { left.emplace(error); });
         if (!id)
             continue;
         ++count;
         if (options.isJson)
             report.Out() << ChangeJson(stored.id, *id) << "\n";
+        else if (left && !options.isQuiet)
+            report.Out() << "saved new snapshot " << ShortId(*id) << "\n";
         else if (options.isVerbose)
             report.Out() << "snapshot " << ShortId(stored.id) << " is now " << ShortId(*id) << "\n";
+        if (left) {
+            report.GoOnWithoutOutput();
+            report.Out().Flush(); // before the error
+            ReportLeft(report, stored.id, *id, *left);
+        }
     }
     constexpr const char* Done = "The change of tags was made";
     if (options.isJson)

@@ -23,6 +23,7 @@ void WorkPrinter::OnNote(const std::string& text)
     if (!m_isJson) {
         KRT_LOG_FREE(Krt::MessageType::General, text.c_str());
         m_report.Out() << Printable(text) << "\n";
+        m_report.Out().Flush(); // before errors
         return;
     }
     std::string json;

@@ -81,12 +81,12 @@ CheckSummary Check::Run(const std::optional<PackSubset>& readData, const std::fu
         Begin(state);
         ReadPacks(state, *readData);
     }
-    m_summary.hasDamage = state.HasDamage();
     m_summary.losesDirectories = state.LosesDirectories();
-    if (m_summary.hasDamage) {
+    if (state.HasDamage()) {
         m_observer.OnStage("find the entries of snapshots that the damage touches");
         constexpr unsigned int Most = 10000, MostOfWrongIndex = 100;
-        FindTouchedEntries(state, m_snapshots, m_isIncomplete ? MostOfWrongIndex : Most, m_observer);
+        m_summary.hasDamage =
+            FindTouchedEntries(state, m_snapshots, m_isIncomplete ? MostOfWrongIndex : Most, m_observer);
     }
     m_summary.brokenPacks = state.GetBrokenPacks();
     m_summary.unreadablePacks = state.GetUnreadablePacks();
@@ -146,6 +146,9 @@ void Check::LoadSnapshots()
         m_repository.GetBackend().RequireComplete(FileKind::Snapshot);
     } catch (const RepositoryError& error) {
         Fail(ReasonOf(error).Bytes());
+        m_summary.lacksSnapshots = error.GetFailure() == Repo::Failure::Missing;
+        if (m_summary.lacksSnapshots)
+            return;
     }
     m_snapshots = m_repository.LoadSnapshots({}, [this](const FileName& file, const RepositoryError& error) {
         if (error.GetFailure() == Repo::Failure::Damaged)
@@ -198,13 +201,14 @@ void Check::ReportFurther(const CheckState& state)
         m_observer.OnHint("further trees with such members: " + std::to_string(further));
 }
 
-// Packs without an index are of no use, unless they have what the index lacks.
+// Packs without an index are of no use, unless they have what the index lacks. Without snapshots that is not
+// known.
 void Check::ReportUnindexed(const CheckState& state)
 {
     constexpr std::size_t HintLimit = 100;
     if (m_unindexed.empty())
         return;
-    m_isIncomplete = m_summary.isIndexWrong || state.LacksBlobs();
+    m_isIncomplete = m_summary.isIndexWrong || m_summary.lacksSnapshots || state.LacksBlobs();
     if (m_isIncomplete && !m_summary.isIndexWrong && !HasReadableHeader()) {
         m_summary.unknownPacks = m_unindexed.size();
         m_observer.OnHint("packs that no index refers to, and whose headers can't be read: " +

@@ -42,9 +42,10 @@ struct CheckSummary
     std::vector<Repo::Id> badSnapshots;    ///< whose files are damaged
     std::size_t unknownPacks = 0;  ///< in no index, with headers that can't be read; snapshots may need them
     bool hasReadErrors = false;    ///< the disk can't read a part of a file
-    bool hasDamage = false;        ///< an entry of a snapshot may be touched
+    bool hasDamage = false;        ///< an entry of a snapshot is touched
     bool losesDirectories = false; ///< the entries of a directory of a snapshot can't be read
     bool isIndexWrong = false;     ///< an index file is damaged or missing, or does not fit the packs
+    bool lacksSnapshots = false;   ///< the directory of snapshots does not exist
     bool isDenied = false;         ///< the user may not read a file; then isIndexWrong is false
     bool hasUnusedPacks = false;   ///< packs that nothing needs, or entries that are there twice
 };

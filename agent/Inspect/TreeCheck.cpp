@@ -269,7 +269,7 @@ private:
     std::unordered_map<Id, bool, Repo::IdHash> m_isTouched;
 };
 
-void FindTouchedEntriesOf(const CheckState& state, TouchedTrees& touched, const Repo::StoredSnapshot& stored,
+bool FindTouchedEntriesOf(const CheckState& state, TouchedTrees& touched, const Repo::StoredSnapshot& stored,
                           unsigned int most, ICheckObserver& observer)
 {
     unsigned int count = 0;
@@ -290,8 +290,10 @@ void FindTouchedEntriesOf(const CheckState& state, TouchedTrees& touched, const 
     const auto fail = [&](const std::string& path, const Krt::Exception::YError& error) {
         add(path, "not all of its entries can be read: " + error.GetMessage().Bytes());
     };
-    if (touched.IsTouched(stored.snapshot.tree))
+    const bool isTouched = touched.IsTouched(stored.snapshot.tree);
+    if (isTouched)
         WalkTree(state.GetRepository(), stored.snapshot.tree, "", visit, fail);
+    return isTouched;
 }
 
 } // namespace
@@ -317,12 +319,14 @@ void CheckTrees(CheckState& state, const std::vector<Repo::StoredSnapshot>& snap
     report();
 }
 
-void FindTouchedEntries(const CheckState& state, const std::vector<Repo::StoredSnapshot>& snapshots,
+bool FindTouchedEntries(const CheckState& state, const std::vector<Repo::StoredSnapshot>& snapshots,
                         unsigned int most, ICheckObserver& observer)
 {
     TouchedTrees touched(state);
+    bool isAnyTouched = false;
     for (const Repo::StoredSnapshot& stored : snapshots)
-        FindTouchedEntriesOf(state, touched, stored, most, observer);
+        isAnyTouched |= FindTouchedEntriesOf(state, touched, stored, most, observer);
+    return isAnyTouched;
 }
 
 } // namespace Agent

@@ -12,8 +12,8 @@ void CheckTrees(CheckState& state, const std::vector<Repo::StoredSnapshot>& snap
                 const std::function<void()>& report);
 
 /// Reports to the observer the entries of each snapshot that can't be restored as they were, at most `most`
-/// for each snapshot.
-void FindTouchedEntries(const CheckState& state, const std::vector<Repo::StoredSnapshot>& snapshots,
+/// for each snapshot. Returns true if there are any.
+bool FindTouchedEntries(const CheckState& state, const std::vector<Repo::StoredSnapshot>& snapshots,
                         unsigned int most, ICheckObserver& observer);
 
 } // namespace Agent

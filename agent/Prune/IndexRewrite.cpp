@@ -75,6 +75,9 @@ void IndexRewrite::Choose(const std::vector<bool>& isKept, bool joinsSmall)
                    return isKept[pack] && !isNamed[pack];
                });
     };
+    // So what was replaced before, but could not be removed, is not written again.
+    std::stable_sort(m_kept.begin(), m_kept.end(),
+                     [](const File& a, const File& b) { return a.blobs > b.blobs; });
     std::vector<File> kept;
     for (File& file : m_kept) {
         const bool stays = isFine(file);
@@ -83,8 +86,14 @@ void IndexRewrite::Choose(const std::vector<bool>& isKept, bool joinsSmall)
         (stays ? kept : m_replaced).push_back(std::move(file));
     }
     m_kept.clear();
+    bool writes = m_writer.CountBlobs() != 0;
+    for (std::uint32_t pack = 0; pack < isKept.size(); ++pack)
+        writes = writes || (isKept[pack] && !isNamed[pack]);
+    const auto small =
+        std::count_if(kept.begin(), kept.end(), [](const File& file) { return file.blobs < SmallSize; });
+    const bool joins = joinsSmall && !m_replaced.empty() && (writes || small > 1);
     for (File& file : kept) {
-        const bool stays = m_replaced.empty() || !joinsSmall || file.blobs >= SmallSize;
+        const bool stays = !joins || file.blobs >= SmallSize;
         for (const std::uint32_t pack : file.packs)
             isNamed[pack] = stays;
         (stays ? m_kept : m_replaced).push_back(std::move(file));
@@ -106,11 +115,6 @@ std::vector<bool> IndexRewrite::FindNamed() const
     return isNamed;
 }
 
-void IndexRewrite::Remove(const File& file) const
-{
-    m_repository.GetBackend().Remove({FileKind::Index, file.id});
-}
-
 void IndexRewrite::RemoveUseless()
 {
     std::erase_if(m_replaced, [&](const File& file) {
@@ -118,12 +122,12 @@ void IndexRewrite::RemoveUseless()
             file.isExact && std::none_of(file.packs.begin(), file.packs.end(),
                                          [this](std::uint32_t pack) { return m_isWritten[pack]; });
         if (isUseless)
-            Remove(file);
+            m_repository.RemoveFile({FileKind::Index, file.id});
         return isUseless;
     });
 }
 
-void IndexRewrite::SaveIfFull(std::size_t limit, const std::function<void(const std::string& text)>& save)
+void IndexRewrite::SaveIfFull(std::size_t limit, const SaveCall& save)
 {
     if (m_writer.CountBlobs() < limit)
         return;
@@ -131,7 +135,7 @@ void IndexRewrite::SaveIfFull(std::size_t limit, const std::function<void(const 
     save(m_writer.Finish());
 }
 
-void IndexRewrite::Write(const std::function<void(const std::string& text)>& save)
+void IndexRewrite::Write(const SaveCall& save)
 {
     std::vector<PackedBlob> blobs;
     for (std::uint32_t pack = 0; pack < m_isWritten.size(); ++pack) {
@@ -148,18 +152,18 @@ void IndexRewrite::Write(const std::function<void(const std::string& text)>& sav
     SaveIfFull(1, save);
 }
 
-void IndexRewrite::Add(const Id& pack, std::span<const PackedBlob> blobs)
+void IndexRewrite::Add(const Id& pack, std::span<const PackedBlob> blobs, const SaveCall& save)
 {
     m_writer.Add(pack, blobs);
-    SaveIfFull(FullSize, [this](const std::string& text) { m_repository.SaveText(FileKind::Index, text); });
+    SaveIfFull(FullSize, save);
 }
 
-void IndexRewrite::RemoveReplaced(IWorkObserver& observer)
+void IndexRewrite::RemoveReplaced(IWorkObserver& observer, const Repo::FailureVisitor& onLeft)
 {
     observer.OnStage("deleting obsolete index files");
     std::uint64_t count = 0;
     for (const File& file : m_replaced) {
-        Remove(file);
+        m_repository.RemoveFile({FileKind::Index, file.id}, onLeft);
         observer.OnProgress(++count, m_replaced.size(), "index files");
     }
     m_replaced.clear();

@@ -29,7 +29,8 @@ public:
     ///   - a pack that is not kept; `isKept` is by the number of the pack
     ///   - a pack that another index file has, too
     ///   - only some of the blobs that the index has of a pack
-    /// With `joinsSmall`, small index files are also replaced, if any is.
+    /// If several index files have a pack, the one with the most blobs stays. With `joinsSmall`, small index
+    /// files are also replaced, if any is, and if something has to be written or there are several of them.
     void Choose(const std::vector<bool>& isKept, bool joinsSmall);
     /// How many index files are replaced.
     std::size_t CountReplaced() const { return m_replaced.size(); }
@@ -38,13 +39,15 @@ public:
 
     /// Removes the index files that have no pack to be kept.
     void RemoveUseless();
-    /// Adds a pack that the index does not have as it is.
-    void Add(const Repo::Id& pack, std::span<const Repo::PackedBlob> blobs);
-    /// Saves index files with the packs that are to be kept and with those that were added. `save` saves the
-    /// text of an index file.
-    void Write(const std::function<void(const std::string& text)>& save);
-    /// Removes the index files that are replaced.
-    void RemoveReplaced(IWorkObserver& observer);
+    /// Saves the text of an index file.
+    using SaveCall = std::function<void(const std::string& text)>;
+    /// Adds a pack that the index does not have as it is, before Choose. Saves an index file when it is full.
+    void Add(const Repo::Id& pack, std::span<const Repo::PackedBlob> blobs, const SaveCall& save);
+    /// Saves index files with the packs that are to be kept and with those that were added.
+    void Write(const SaveCall& save);
+    /// Removes the index files that are replaced. With `onLeft`, those that can't be removed are given to it;
+    /// otherwise the first one raises.
+    void RemoveReplaced(IWorkObserver& observer, const Repo::FailureVisitor& onLeft = {});
 
 private:
     struct File
@@ -57,8 +60,7 @@ private:
     };
 
     File ReadFile(const Repo::Id& id) const;
-    void Remove(const File& file) const;
-    void SaveIfFull(std::size_t limit, const std::function<void(const std::string& text)>& save);
+    void SaveIfFull(std::size_t limit, const SaveCall& save);
 
     const Repo::Repository& m_repository;
     const Repo::BlobsByPack m_blobs;

@@ -175,6 +175,18 @@ std::vector<Id> FindLostRoots(const Repo::Repository& repository,
     return roots;
 }
 
+bool HasPlaceOfSnapshots(const Repo::Repository& repository)
+{
+    try {
+        repository.GetBackend().RequirePlace(Repo::FileKind::Snapshot);
+        return true;
+    } catch (const Repo::RepositoryError& error) {
+        if (error.GetFailure() != Repo::Failure::Missing)
+            throw;
+        return false;
+    }
+}
+
 Id SaveRecovered(const Repo::Repository& repository, const std::vector<Id>& roots, Repo::Snapshot snapshot)
 {
     Repo::TreeWriter writer;
@@ -196,6 +208,8 @@ Id SaveRecovered(const Repo::Repository& repository, const std::vector<Id>& root
     Repo::BlobSaver saver(repository, saving);
     snapshot.tree = saver.SaveTree(writer.Finish());
     saver.Finish();
+    if (!HasPlaceOfSnapshots(repository))
+        repository.GetBackend().Prepare();
     return repository.SaveText(Repo::FileKind::Snapshot, snapshot.ToJson());
 }
 

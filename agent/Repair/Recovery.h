@@ -18,9 +18,13 @@ std::vector<Repo::Id> FindLostRoots(const Repo::Repository& repository,
                                     const std::vector<Repo::StoredSnapshot>& snapshots,
                                     IWorkObserver& observer);
 
+/// Returns false if the directory of snapshots of a local repository is lost.
+bool HasPlaceOfSnapshots(const Repo::Repository& repository);
+
 /// Saves the snapshot with a tree that has the given ones as directories, which are named by the digits of
 /// their ids, and have the time of the snapshot. Returns its id. The tree is durable before the snapshot is
-/// saved.
+/// saved. A lost directory of snapshots is created just before: until then, its loss keeps a prune from
+/// removing what is to be recovered.
 Repo::Id SaveRecovered(const Repo::Repository& repository, const std::vector<Repo::Id>& roots,
                        Repo::Snapshot snapshot);
 

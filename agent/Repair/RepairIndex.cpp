@@ -59,18 +59,27 @@ public:
             m_outcome.keptFiles = rewrite.KeepDamaged();
         m_outcome.lost = CountLost();
         rewrite.Choose(m_isKept, true);
-        if (m_unread.empty() && rewrite.CountReplaced() == 0) {
+        const bool isAllRead = m_outcome.damaged == 0 && m_outcome.unknown == 0;
+        if (isAllRead && !m_isAnyAdded && rewrite.CountReplaced() == 0) {
             m_observer.OnStage("the index fits the packs");
             return m_outcome;
         }
         m_observer.OnStage("rebuilding index");
-        rewrite.Write([this](const std::string& text) { m_repository.SaveText(FileKind::Index, text); });
-        rewrite.RemoveReplaced(m_observer);
+        rewrite.Write([this](const std::string& text) { Save(text); });
+        rewrite.RemoveReplaced(m_observer, [this](const FileName& file, const RepositoryError& error) {
+            m_outcome.left.emplace_back(file, error);
+        });
+        if (!m_outcome.left.empty()) {
+            for (const Id& id : m_added)
+                m_observer.OnNote("added index file " + id.ToHex());
+        }
         m_observer.OnStage("done");
         return m_outcome;
     }
 
 private:
+    void Save(const std::string& text) { m_added.push_back(m_repository.SaveText(FileKind::Index, text)); }
+
     // Finds the packs of which the index may keep what it has.
     void ComparePacks(bool readsAllPacks, const Repo::BlobsByPack& blobs)
     {
@@ -145,13 +154,36 @@ private:
                 blobs = m_repository.LoadPackHeader(m_unread[number].id, m_unread[number].size);
             },
             [&](std::size_t number, const std::vector<PackedBlob>& blobs, const std::exception_ptr& failure) {
-                if (IsRead(m_unread[number].id, failure)) {
-                    rewrite.Add(m_unread[number].id, blobs);
+                const Id& pack = m_unread[number].id;
+                if (IsRead(pack, failure)) {
+                    if (!KeepIfEqual(pack, blobs, rewrite.GetBlobs())) {
+                        rewrite.Add(pack, blobs, [this](const std::string& text) { Save(text); });
+                        m_isAnyAdded = true;
+                    }
                     for (const PackedBlob& blob : blobs)
                         m_missing.erase(blob.handle);
                 }
                 m_observer.OnProgress(++count, m_unread.size(), "packs");
             });
+    }
+
+    // Returns true if the index has the pack with exactly these blobs.
+    bool KeepIfEqual(const Id& pack, std::vector<PackedBlob> blobs, const Repo::BlobsByPack& indexed)
+    {
+        const Repo::Index& index = m_repository.GetIndex();
+        const auto number = index.FindPack(pack);
+        if (!number)
+            return false;
+        std::vector<PackedBlob> known;
+        for (const std::uint32_t blob : indexed.Of(*number))
+            known.push_back(index.At(blob).blob);
+        const auto isBefore = [](const PackedBlob& a, const PackedBlob& b) {
+            return a.offset < b.offset;
+        };
+        std::sort(known.begin(), known.end(), isBefore);
+        std::sort(blobs.begin(), blobs.end(), isBefore);
+        m_isKept[*number] = known == blobs;
+        return m_isKept[*number];
     }
 
     // Returns false if the header can't be read. What the index has of the pack may still be right.
@@ -183,7 +215,9 @@ private:
     std::vector<PackFile> m_unread; // whose headers are to be read, sorted
     // Blobs of missing packs that no pack has whose header was read.
     std::unordered_set<Repo::BlobHandle, Repo::BlobHandleHash> m_missing;
-    bool m_isAnyRead = false; // header
+    bool m_isAnyRead = false;  // header
+    bool m_isAnyAdded = false; // pack, to what is written
+    std::vector<Id> m_added;   // index files
     IndexRepairOutcome m_outcome;
 };
 

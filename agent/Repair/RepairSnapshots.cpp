@@ -65,9 +65,8 @@ private:
             Replace(stored, *tree);
         else
             m_observer.OnNote("  its root is lost");
-        if (m_options.removesOld)
-            Remove(stored, tree ? "old" : "lost");
-        ++m_outcome.changed;
+        const bool isRemoved = m_options.removesOld && Remove(stored, tree ? "old" : "lost");
+        m_outcome.changed += tree || isRemoved ? 1 : 0;
     }
     static Repo::SaveOptions SavingOptions()
     {
@@ -94,15 +93,22 @@ private:
         m_observer.OnStage("saved new snapshot " + ShortId(id));
     }
 
-    void Remove(const StoredSnapshot& stored, const char* kind) const
+    // Returns false if the snapshot can't be removed.
+    bool Remove(const StoredSnapshot& stored, const char* kind)
     {
         const std::string what = std::string(kind) + " snapshot " + ShortId(stored.id);
         if (m_options.isDryRun) {
             m_observer.OnStage("would remove " + what);
-            return;
+            return true;
         }
-        m_repository.GetBackend().Remove({FileKind::Snapshot, stored.id});
+        const auto fail = [&](const Repo::FileName&, const Repo::RepositoryError& error) {
+            m_outcome.failed.push_back(
+                {stored.id, "it can't be removed, so it remains: " + std::string(ReasonOf(error).Bytes())});
+        };
+        if (!m_repository.RemoveFile({FileKind::Snapshot, stored.id}, fail))
+            return false;
         m_observer.OnStage("removed " + what);
+        return true;
     }
 
     const Repo::Repository& m_repository;

@@ -16,7 +16,8 @@ struct RepairOptions
     bool isDryRun = false;   ///< nothing is changed
 };
 
-/// A snapshot that remains as it was, although it has lost something.
+/// A snapshot that remains as it was, although it has lost something; after a repair with removesOld also one
+/// that was replaced, but that can't be removed.
 struct UnrepairedSnapshot
 {
     Repo::Id id;

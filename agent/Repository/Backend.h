@@ -48,7 +48,7 @@ public:
 
     /// Where the repository is, for messages: a path or an address without credentials.
     virtual Krt::YString Describe() const = 0;
-    /// Creates what the location of a new repository needs: directories, or a bucket. What exists is kept.
+    /// Creates what the location of a repository needs: directories, or a bucket. What exists is kept.
     virtual void Prepare() = 0;
 
     /// Replaces the content of `out` with `length` bytes of the file from `offset` on. Raises Missing if the
@@ -62,17 +62,21 @@ public:
     virtual std::uint64_t Size(const FileName& file) = 0;
     /// Calls `visit` for each file of the kind with its id and its size in bytes, in no particular order.
     /// Entries that are not named by 64 hexadecimal digits in lower case are ignored, as is a local directory
-    /// that does not exist. Raises Missing or NoRepository if a server lacks the place that Prepare makes.
-    /// What `visit` raises passes through. The kind is not Config.
+    /// that does not exist, unless RequirePlace raises for it. Raises Missing or NoRepository if a server
+    /// lacks the place that Prepare makes. What `visit` raises passes through. The kind is not Config.
     virtual void List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit) = 0;
 
-    /// Verifies that List does not ignore files of the kind, such as snapshots. Raises Missing if the place
-    /// that Prepare makes for them does not exist, and Damaged if one is named by digits in upper case. Does
-    /// nothing if the store is on a server, whose lists raise that.
+    /// Raises Missing if the kind is Snapshot, and its local directory does not exist. Nothing can be saved
+    /// in that until Prepare or the user has created it: an empty one would look as if all snapshots had been
+    /// removed on purpose. Does nothing for other kinds, and if the store is on a server.
+    virtual void RequirePlace(FileKind kind) { static_cast<void>(kind); }
+    /// Verifies that List does not ignore files of the kind, such as snapshots. Raises what RequirePlace
+    /// does, and Damaged if one is named by digits in upper case. Does nothing if the store is on a server.
     virtual void RequireComplete(FileKind kind) { static_cast<void>(kind); }
 
     /// Stores a file, which is complete and durable when this returns. Other processes see the whole file
-    /// or no file, also after a failure. A file that has this name is replaced.
+    /// or no file, also after a failure. A file that has this name is replaced. Raises what RequirePlace
+    /// does.
     virtual void Save(const FileName& file, ByteView content) = 0;
     /// Stores a file as Save does, unless one has this name. Returns false, without a change, if one has,
     /// also if another process was faster.

@@ -23,10 +23,11 @@ Krt::ErrorCode::Value CodeOf(Failure failure)
 
 } // namespace
 
-RepositoryError::RepositoryError(Failure failure, const YError& cause, const Krt::YString& prefix)
+RepositoryError::RepositoryError(Failure failure, const YError& cause, const Krt::YString& prefix,
+                                 const Krt::YString& suffix)
     : YError(cause), m_failure(failure)
 {
-    m_message = prefix + m_message;
+    m_message = prefix + m_message + suffix;
     if (!m_what.IsEmpty())
         m_what = prefix + m_what;
 }

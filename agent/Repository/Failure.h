@@ -24,8 +24,9 @@ enum class Failure
 class RepositoryError : public Krt::Exception::YError
 {
 public:
-    /// Copies `cause` and puts `prefix` before its message.
-    RepositoryError(Failure failure, const Krt::Exception::YError& cause, const Krt::YString& prefix = {});
+    /// Copies `cause` and puts `prefix` before its message, and `suffix` after it.
+    RepositoryError(Failure failure, const Krt::Exception::YError& cause, const Krt::YString& prefix = {},
+                    const Krt::YString& suffix = {});
 
     Failure GetFailure() const { return m_failure; }
     /// Returns true if it is the file that is damaged or missing, or is in a bad place of a disk, so that

@@ -404,6 +404,19 @@ Id Repository::AddKey(const Secret& password, const KeyOptions& options) const
     return file.id;
 }
 
+bool Repository::RemoveFile(const FileName& file, const FailureVisitor& onFailure) const
+{
+    try {
+        m_backend->Remove(file);
+        return true;
+    } catch (const RepositoryError& error) {
+        if (!onFailure)
+            throw;
+        onFailure(file, error);
+        return false;
+    }
+}
+
 void Repository::RemoveKey(const Id& id) const
 {
     KRT_RAISE_UNLESS(id != m_keyId, Krt::ErrorCode::InvalidArgument,
@@ -415,10 +428,16 @@ void Repository::RemoveKey(const Id& id) const
     m_backend->Remove({FileKind::Key, id});
 }
 
-Id Repository::ReplaceKey(const Secret& password, const KeyOptions& options)
+Id Repository::ReplaceKey(const Secret& password, const KeyOptions& options, const FailureVisitor& onLeft)
 {
     const Id old = std::exchange(m_keyId, AddKey(password, options));
-    RemoveKey(old);
+    try {
+        RemoveKey(old);
+    } catch (const RepositoryError& error) {
+        if (!onLeft)
+            throw;
+        onLeft({FileKind::Key, old}, error);
+    }
     return m_keyId;
 }
 

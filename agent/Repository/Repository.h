@@ -90,6 +90,9 @@ public:
     void SaveText(FileKind kind, std::string_view json, Id& id) const;
     /// Saves a pack and returns its id. The caller adds its blobs, which are of this type, to the index.
     Id SavePack(ByteView pack, BlobType type = BlobType::Data) const;
+    /// Removes a file, and returns true. With `onFailure`, an error of the backend is given to it, and the
+    /// result is false; otherwise it raises.
+    bool RemoveFile(const FileName& file, const FailureVisitor& onFailure = {}) const;
     /// The ids of the files of a kind, sorted.
     std::vector<Id> ListIds(FileKind kind) const;
     /// The blobs of a pack, read from its own header. `size` is the size of the file in bytes.
@@ -102,8 +105,9 @@ public:
     /// last one.
     void RemoveKey(const Id& id) const;
     /// Replaces the key file by which the repository was opened: adds one, then removes that. Returns the
-    /// new id. No other thread uses the repository meanwhile.
-    Id ReplaceKey(const Secret& password, const KeyOptions& options);
+    /// new id. With `onLeft`, the old file is given to it if it can't be removed; otherwise that raises, and
+    /// both remain. No other thread uses the repository meanwhile.
+    Id ReplaceKey(const Secret& password, const KeyOptions& options, const FailureVisitor& onLeft = {});
     /// Changes the format from version 1 to 2: replaces the configuration. Raises InvalidArgument for version
     /// 2. No other thread uses the repository meanwhile.
     void UpgradeFormat();

@@ -28,12 +28,13 @@ const Repo::StoredSnapshot* FindRewritten(const std::vector<Repo::StoredSnapshot
 }
 
 Id ReplaceSnapshot(const Repo::Repository& repository, Repo::BlobSaver& saver, const Id& old,
-                   const Repo::Snapshot& changed, const std::optional<Id>& existing, bool removesOld)
+                   const Repo::Snapshot& changed, const std::optional<Id>& existing, bool removesOld,
+                   const Repo::FailureVisitor& onLeft)
 {
     saver.Finish();
     const Id id = existing ? *existing : repository.SaveText(FileKind::Snapshot, changed.ToJson());
     if (removesOld)
-        repository.GetBackend().Remove({FileKind::Snapshot, old});
+        repository.RemoveFile({FileKind::Snapshot, old}, onLeft);
     return id;
 }
 

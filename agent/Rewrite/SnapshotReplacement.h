@@ -2,7 +2,7 @@
 #pragma once
 
 #include "agent/Repository/BlobSaver.h"
-#include "agent/Repository/Snapshot.h"
+#include "agent/Repository/Repository.h"
 
 #include <optional>
 #include <vector>
@@ -19,9 +19,10 @@ const Repo::StoredSnapshot* FindRewritten(const std::vector<Repo::StoredSnapshot
 
 /// Makes the trees durable that were given to the saver, saves the snapshot, unless `existing` replaces the
 /// old one already, and removes the old one if `removesOld` is true. Returns the ID of the one that replaces
-/// it. Before each of these steps, the one before is durable.
+/// it. Before each of these steps, the one before is durable. With `onLeft`, the old one is given to it if it
+/// can't be removed; otherwise that raises.
 Repo::Id ReplaceSnapshot(const Repo::Repository& repository, Repo::BlobSaver& saver, const Repo::Id& old,
                          const Repo::Snapshot& changed, const std::optional<Repo::Id>& existing,
-                         bool removesOld);
+                         bool removesOld, const Repo::FailureVisitor& onLeft = {});
 
 } // namespace Agent

@@ -211,6 +211,7 @@ TEST_F(Forget, RemovesOnlyWhatIsChosen)
     Run(0, "forget --unsafe-allow-remove-all --host b --json");
     EXPECT_EQ(Count(), 0u);
     EXPECT_EQ(Run(0, "forget -l 1 --json").output, "[]\n");
+    EXPECT_TRUE(Holds(Run(0, "forget -l 1 --host x").errors, "no snapshot matches --host 'x'"));
     EXPECT_TRUE(Files("locks").empty());
 }
 

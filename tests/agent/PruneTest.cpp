@@ -13,6 +13,7 @@
 #include "agent/Rewrite/SnapshotReplacement.h"
 #include "agent/Rewrite/TreeFilter.h"
 
+#include "testing/FileSizeLimit.h"
 #include "testing/MountNamespace.h"
 #include "testing/Raises.h"
 #include "testing/RepositoryHistory.h"
@@ -178,13 +179,16 @@ TEST_F(PruneTest, EachFailureLeavesSoundRepository)
         Prune(opened, options, observer, [](const PruneStatistics&) {});
     };
     const Work repairIndex = [&](Repo::Repository& opened) {
-        RepairIndex(opened, true, observer);
+        KRT_RAISE_UNLESS(RepairIndex(opened, true, observer).left.empty(), Krt::ErrorCode::InvalidState, "");
     };
     const Work repairPacks = [&](Repo::Repository& opened) {
         opened.LoadIndex();
         RepairPacks(opened, {opened.GetIndex().GetPacks().front().id}, observer);
     };
     for (const Work& work : {prune, repairIndex, repairPacks}) {
+        const Repo::Repository now = Open(std::make_shared<Repo::LocalBackend>(repository.c_str()));
+        for (const Id& id : now.ListIds(FileKind::Index)) // twice, so that there is something to repair
+            now.SaveText(FileKind::Index, now.LoadText({FileKind::Index, id}));
         FailEachChange(4, work, [&](Repo::Repository& opened) {
             EXPECT_EQ(CheckRepository(opened, PackSubset(), observer).errors, 0u);
             prune(opened);
@@ -499,6 +503,12 @@ TEST_F(PruneTest, FullDiskIsFreed)
     Run(11, "prune --recover-no-free-space");
     Run(0, "unlock --remove-all");
     Run(0, "prune --recover-no-free-space");
+    std::string large(100000, ' ');
+    for (char& c : large)
+        c = static_cast<char>(random());
+    directory.Write("source/large", large);
+    const FileSizeLimit limit(5000); // which a lock does not reach
+    EXPECT_TRUE(Holds(Run(1, "backup source").errors, "'kbagent prune --recover-no-free-space' removes it"));
 }
 
 TEST(PruneMounts, FullFileSystemIsFreed)
@@ -570,14 +580,20 @@ TEST_F(PruneTest, DamageEndsPruneBeforeRemoval)
     EXPECT_TRUE(Holds(Run(1, "prune").errors, name + "' is ignored until its name is in lower case"));
     fs::rename(seen.parent_path() / name, seen);
     fs::rename(seen.parent_path(), directory / "away");
-    for (const char* command : {"prune", "check"})
+    for (const char* command :
+         {"prune", "snapshots", "forget -l 1", "tag --add x", "rewrite -e x", "check", "backup -f source"})
         EXPECT_TRUE(Holds(Run(1, command).errors, "the directory 'snapshots' does not exist"));
-    fs::rename(directory / "away", seen.parent_path());
+    EXPECT_TRUE(Holds(Run(1, "check").errors, "hint: the directory 'snapshots' should be put back; if it"));
+    Run(0, "key list");
     EXPECT_EQ(Files("data"), data);
+    EXPECT_TRUE(Holds(Run(0, "recover").output, "saved new snapshot"));
+    fs::remove_all(seen.parent_path());
+    fs::rename(directory / "away", seen.parent_path());
     for (const auto& file : Files("index"))
         fs::remove(file);
     EXPECT_TRUE(Holds(Run(1, "prune").errors, "'kbagent check --read-data'"));
     Run(1, "forget --keep-last 1 --prune --dry-run");
+    Run(1, "prune --dry-run --no-lock");
     const std::string forgotten = Run(3, "forget --keep-last 1 --prune").errors;
     EXPECT_TRUE(Holds(forgotten, "prune: The snapshots were removed, but what only they need was not: "));
     EXPECT_EQ(Files("snapshots").size(), 1u);

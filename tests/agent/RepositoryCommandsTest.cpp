@@ -361,6 +361,7 @@ TEST_F(RepositoryCommands, DamageIsNamedAndDoesNotEndCheck)
         EXPECT_EQ(result.errors.find(part) != std::string::npos, part != ": /a: ") << part << result.errors;
     const ProgramResult listed = Run(3, "snapshots");
     EXPECT_TRUE(Holds(listed.output, "1 snapshot\n"));
+    EXPECT_TRUE(Holds(listed.errors, "then 'kbagent repair snapshots --forget' with its ID removes"));
     const ProgramResult dumped = Run(3, "dump latest /a");
     EXPECT_EQ(dumped.output, "a");
     EXPECT_TRUE(Holds(dumped.errors, "snapshots/"));

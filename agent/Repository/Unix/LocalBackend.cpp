@@ -111,6 +111,21 @@ void SettingMode(const Call& call)
     Tolerating({EPERM, ENOTSUP, ENOSYS}, call);
 }
 
+// The modes of what is created in a repository.
+Modes ModesOf(const YDirectory& root)
+{
+    struct stat config;
+    const bool isForGroup = root.StatIfPresent("config", config) && (config.st_mode & S_IRGRP) != 0;
+    return isForGroup ? Modes{0770, 0440} : Modes();
+}
+
+[[noreturn]] void RaiseLostSnapshots()
+{
+    REPOSITORY_RAISE(Failure::Missing,
+                     "the directory 'snapshots' does not exist; put it back, or if it is lost, "
+                     "'kbagent recover' makes a snapshot of what the packs have");
+}
+
 // Returns true if the directory did not exist. It is durable when the parent is synced.
 bool MakeIfMissing(const YDirectory& parent, const YString& name, const Modes& modes)
 {
@@ -250,14 +265,14 @@ void LocalBackend::Prepare()
 {
     Named(At(m_path), [this] {
         const Krt::File::YPath path = m_path.CStr();
-        const Modes modes;
         if (!Krt::File::DoesFileExist(path)) {
             Krt::File::CreatePath(path, false);
             Tolerating({EEXIST}, [&] {
-                KRT_SYSCALL(mkdir(m_path.CStr(), modes.directory), "Failed to create directory");
+                KRT_SYSCALL(mkdir(m_path.CStr(), Modes().directory), "Failed to create directory");
             });
         }
         const YDirectory root = YDirectory::OpenFollowing(path);
+        const Modes modes = ModesOf(root);
         for (const char* const name : TopDirectories)
             MakeIfMissing(root, name, modes);
         const YDirectory packs = root.OpenDirectory("data");
@@ -320,6 +335,8 @@ void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, st
             const auto first = isPack ? std::optional(static_cast<unsigned char>(byte)) : std::nullopt;
             const std::optional<YDirectory> directory =
                 OpenForReading(isPack ? top + "/" + HexByte(byte).Bytes() : top);
+            if (!directory && kind == FileKind::Snapshot)
+                RaiseLostSnapshots();
             return directory ? ListFiles(*directory, first) : std::vector<ListedFile>();
         });
         for (const ListedFile& file : files)
@@ -327,13 +344,22 @@ void LocalBackend::List(FileKind kind, const std::function<void(const Id& id, st
     }
 }
 
+void LocalBackend::RequirePlace(FileKind kind)
+{
+    Named(At(m_path), [&] {
+        if (kind == FileKind::Snapshot && !OpenForReading(m_path.Bytes() + "/snapshots"))
+            RaiseLostSnapshots();
+    });
+}
+
 void LocalBackend::RequireComplete(FileKind kind)
 {
+    RequirePlace(kind);
     Named(At(m_path), [&] {
         const std::string name = SplitPath({kind, {}}).directories.front().Bytes();
         const std::optional<YDirectory> directory = OpenForReading(m_path.Bytes() + "/" + name);
-        REPOSITORY_RAISE_UNLESS(directory, Failure::Missing,
-                                "the directory '" << name.c_str() << "' does not exist");
+        if (!directory)
+            return;
         directory->VisitEntries([&](const Krt::File::DirectoryEntry& entry) {
             Look();
             const std::optional<Id> id = Id::FromHex(entry.name.Bytes());
@@ -360,13 +386,14 @@ bool LocalBackend::Write(const FileName& file, ByteView content, bool replaces)
 {
     return Named(At(file), [&] {
         const SplitPath path(file);
-        Modes modes;
         YDirectory directory = YDirectory::OpenFollowing(m_path.CStr());
-        struct stat config;
-        if (directory.StatIfPresent("config", config) && (config.st_mode & S_IRGRP) != 0)
-            modes = {0770, 0440};
+        const Modes modes = ModesOf(directory);
         for (const YString& name : path.directories) {
-            if (MakeIfMissing(directory, name, modes))
+            struct stat status;
+            if (file.kind == FileKind::Snapshot) {
+                if (!directory.StatIfPresent(name, status))
+                    RaiseLostSnapshots();
+            } else if (MakeIfMissing(directory, name, modes))
                 SyncDirectory(directory);
             directory = directory.OpenDirectory(name);
         }

@@ -227,13 +227,27 @@ TEST_F(RemoteRepository, AppendOnlyStoreTakesBackups)
     RunCached(0, "backup " + source);
     const std::string unneeded = "/data/" + std::string(64, 'a');
     store.files[unneeded] = "what a prune removes";
-    for (const char* words : {"tag --add x latest", "forget --keep-last 1 --prune", "prune"}) {
-        const ProgramResult refused = RunCached(-1, words);
-        EXPECT_NE(refused.exitCode, 0);
+    for (const auto& [exitCode, words, saved] :
+         {std::tuple(3, "tag --add x latest", "saved new snapshot "),
+          {3, "rewrite --forget --exclude c", "saved new snapshot "},
+          {3, "key passwd --new-insecure-no-password", "saved new key as "},
+          {3, "forget --keep-last 1 --prune", "removed 0 of "},
+          {1, "prune", ""}}) {
+        const ProgramResult refused = RunCached(exitCode, words);
         EXPECT_TRUE(Holds(refused.errors, "append-only"));
+        EXPECT_TRUE(Holds(refused.output, saved));
+        EXPECT_EQ(bool(Holds(refused.output, "loading all snap")), words == std::string("prune"));
     }
     store.files.erase(unneeded);
     RunCached(0, "check --read-data");
+    store.files.erase(store.files.lower_bound("/data/"));
+    const std::size_t indexes = Count("/index/");
+    for (const char* note : {"added index file ", "deleting obsolete index files"}) {
+        const ProgramResult left = RunCached(3, "repair index");
+        EXPECT_TRUE(Holds(left.errors, "it was replaced, but can't be removed: "));
+        EXPECT_TRUE(Holds(left.output, note));
+        EXPECT_EQ(Count("/index/"), indexes + 1) << "nothing is added again";
+    }
     store.keepsLocks = true;
     EXPECT_TRUE(Holds(RunCached(3, "backup " + source).errors, "'kbagent unlock' has to"));
 }
