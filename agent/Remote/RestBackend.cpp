@@ -183,7 +183,8 @@ void RestBackend::List(FileKind kind, const std::function<void(const Id& id, std
         const Call call{.path = folder, .limit = ListLimit, .isCleanUp = kind == FileKind::Lock};
         Bytes body;
         const Response response = SendTwiceIfMissing(call, body);
-        // A copy of a repository may lack the directory of locks. A process that locks then looks for its own.
+        // A copy of a repository may lack the directory of locks. A process that locks then looks for its
+        // own.
         if (kind == FileKind::Lock && IsMissing(response, body))
             return std::vector<ListedFile>();
         // If another one counted as empty, a prune would remove what the files need.
