@@ -19,7 +19,7 @@ struct NoObserver : Agent::IWorkObserver, Agent::ICheckObserver
 {
     void OnStage(const std::string&) override {}
     void OnNote(const std::string&) override {}
-    void OnProgress(std::uint64_t, std::uint64_t) override {}
+    void OnProgress(std::uint64_t, std::uint64_t, const char*) override {}
     void OnProgress(const Agent::ProgressFacts&) override {}
     void OnError(const std::string& text) override { ADD_FAILURE() << text; }
     void OnHint(const std::string&) override {}
