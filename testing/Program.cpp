@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/wait.h>
@@ -19,6 +20,9 @@ namespace {
                          const ProgramSettings& settings)
 {
     const unsigned int user = settings.user;
+    // A shell lets what it starts in the background ignore these.
+    for (const int interrupt : {SIGINT, SIGQUIT})
+        std::signal(interrupt, SIG_DFL);
     dup2(open("/dev/null", O_RDONLY), 0);
     dup2(output, 1);
     dup2(errors, 2);
