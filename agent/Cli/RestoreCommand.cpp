@@ -159,7 +159,7 @@ void RestoreCommand::Run(Report& report)
     if (!settings.isDryRun)
         report.GoOnWithoutOutput(LostOutput::Summary);
 
-    const std::string choice = snapshots.front();
+    const std::string& choice = snapshots.front();
     const std::size_t colon = std::min(choice.find(':'), choice.size());
     Session session(m_repository.Get(), report, Access::Read, OldFormat::Refused, Settling::Later);
     const Repo::StoredSnapshot stored =

@@ -15,7 +15,6 @@
 
 namespace Agent::Http {
 
-using Krt::YString;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
