@@ -1,6 +1,6 @@
 // WatchedBackend: a backend whose operations end the run in time: when the user interrupts the program, and
-// when the repository's lock is lost. An error for lack of space says what makes space. Those on lock files
-// do not, since the lock itself is removed at the end.
+// when the repository's lock is lost. An error for lack of space names the command that makes space. Those on
+// lock files do not, since the lock itself is removed at the end.
 #pragma once
 
 #include "agent/Repository/Backend.h"

@@ -47,7 +47,7 @@ struct PackState
 class CopyChoice
 {
 public:
-    // Sets what the plan says of blobs and of files.
+    // Fills in the parts of the plan about blobs and files.
     CopyChoice(const Repo::Index& index, const BlobFacts& facts, const PackSizes& files,
                const std::function<void()>& onLook, PrunePlan& plan)
         : m_index(index), m_packs(index.GetPacks()), m_facts(facts), m_files(files), m_onLook(onLook),
@@ -201,7 +201,7 @@ private:
 class FateChoice
 {
 public:
-    // Sets what the plan says of packs.
+    // Fills in the parts of the plan about packs.
     FateChoice(const std::vector<IndexedPack>& packs, const std::vector<PackState>& states,
                const PruneOptions& options, PrunePlan& plan)
         : m_packs(packs), m_states(states), m_options(options), m_plan(plan)

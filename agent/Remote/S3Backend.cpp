@@ -35,7 +35,7 @@ constexpr int Conflict = 409;
 constexpr int PreconditionFailed = 412;
 constexpr int NotImplemented = 501;
 
-// What the body of a failure says.
+// The content of the body of a failure.
 struct S3Error
 {
     std::string code;
