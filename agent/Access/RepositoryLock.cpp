@@ -93,7 +93,7 @@ RepositoryLock::RepositoryLock(const Repo::Repository& repository, LockSettings 
         m_settings.settlesLater && !m_settings.isExclusive && m_settings.patience == milliseconds(0);
     AcquireWithPatience();
     m_isSettled = !m_settings.settlesLater;
-    m_refreshed = Instant();
+    NoteRefreshed({});
     try {
         m_refresher = std::thread([this] { KeepRefreshed(); });
     } catch (...) {
@@ -252,10 +252,17 @@ const Lock* RepositoryLock::ReadLock(const FileName& file)
     }
 }
 
-milliseconds RepositoryLock::Instant::Age() const
+void RepositoryLock::NoteRefreshed(const Instant& time)
 {
-    const auto age = std::max<std::chrono::nanoseconds>(std::chrono::system_clock::now() - calendar,
-                                                        steady_clock::now() - steady);
+    m_refreshedByCalendar = time.calendar;
+    m_refreshedBySteady = time.steady;
+}
+
+milliseconds RepositoryLock::Age() const
+{
+    const Instant now;
+    const auto age = std::max<std::chrono::nanoseconds>(now.calendar - m_refreshedByCalendar.load(),
+                                                        now.steady - m_refreshedBySteady.load());
     return std::chrono::duration_cast<milliseconds>(age);
 }
 
@@ -269,7 +276,7 @@ void RepositoryLock::KeepRefreshed()
     };
     AnnotatedLock lock(m_mutex);
     while (!lock.WaitUntil(m_end, steady_clock::now() + betweenLooks, isEnding)) {
-        if (m_refreshed.Age() >= m_settings.refreshInterval)
+        if (Age() >= m_settings.refreshInterval)
             RefreshOrLose();
         if (m_isLost)
             return;
@@ -280,7 +287,7 @@ void RepositoryLock::RequireFresh()
 {
     const AnnotatedLock lock(m_mutex);
     SettleNow();
-    if (!m_isLost && IsExpired())
+    if (!m_isLost && HasExpired())
         RefreshOrLose();
     if (m_isLost)
         throw LockLost("The lock of the repository was lost, so nothing more is written");
@@ -294,15 +301,15 @@ void RepositoryLock::RefreshOrLose()
         try {
             isLost = !Refresh();
             // The store may have taken so long for the lock that others can remove it by now.
-            if (!isLost && IsExpired())
+            if (!isLost && HasExpired())
                 isLost = !Refresh();
         } catch (const Krt::Exception::YError& error) {
             KRT_LOG_FREE(Krt::MessageType::General, "Failed to refresh the repository's lock: " << error);
-            isLost = IsExpired();
+            isLost = HasExpired();
         }
     } catch (const std::bad_alloc&) {
         // The thread that refreshes must not end the process, which would leave the lock.
-        isLost = IsExpired();
+        isLost = HasExpired();
     }
     m_isLost = isLost;
     if (m_isLost)
@@ -322,7 +329,7 @@ bool RepositoryLock::Refresh()
             return false;
         }
     };
-    if (IsExpired() && !isThere())
+    if (HasExpired() && !isThere())
         return false;
     const Instant begin;
     m_lock.time = Repo::Timestamp::Now();
@@ -333,14 +340,14 @@ bool RepositoryLock::Refresh()
         m_replaced.push_back(renewed); // it may be stored
         throw;
     }
-    if (IsExpired()) { // before, or while the lock was stored
+    if (HasExpired()) { // before, or while the lock was stored
         std::this_thread::sleep_for(m_settings.settling);
         if (!isThere()) {
             m_repository.GetBackend().Remove({FileKind::Lock, renewed});
             return false;
         }
     }
-    m_refreshed = begin;
+    NoteRefreshed(begin);
     m_replaced.push_back(std::exchange(m_id, renewed));
     // A store that lets nothing be removed does not take the new lock away, so the run goes on.
     std::erase_if(m_replaced, [this](const Repo::Id& lock) {

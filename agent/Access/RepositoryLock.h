@@ -9,6 +9,7 @@
 
 #include "Krt/Thread/ThreadSafety.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -73,15 +74,16 @@ public:
     /// the lock was not refreshed for too long, as after a standby, it is refreshed now. Settles a lock that
     /// is not settled. Raises LockLost if it was lost.
     void RequireFresh();
+    /// Returns true if the lock was not refreshed for too long, so that RequireFresh would do that, or raise.
+    /// Any thread. Waits for nothing.
+    bool HasExpired() const { return Age() > m_settings.expiry; }
 
 private:
-    // When the lock was refreshed. Of two clocks, since one stops during a standby, and the other can be set.
+    // Of two clocks, since one stops during a standby, and the other can be set.
     struct Instant
     {
         std::chrono::system_clock::time_point calendar = std::chrono::system_clock::now();
         std::chrono::steady_clock::time_point steady = std::chrono::steady_clock::now();
-
-        std::chrono::milliseconds Age() const;
     };
 
     void AcquireWithPatience();
@@ -93,7 +95,8 @@ private:
     void KeepRefreshed();
     void RefreshOrLose() KRT_REQUIRES(m_mutex);
     bool Refresh() KRT_REQUIRES(m_mutex);
-    bool IsExpired() const KRT_REQUIRES(m_mutex) { return m_refreshed.Age() > m_settings.expiry; }
+    void NoteRefreshed(const Instant& time);
+    std::chrono::milliseconds Age() const;
     void RemoveAll();
 
     const Repo::Repository& m_repository;
@@ -108,7 +111,9 @@ private:
     std::condition_variable m_end;
     std::chrono::steady_clock::time_point m_settlesAt;
     bool m_isSettled KRT_GUARDED_BY(m_mutex) = false;
-    Instant m_refreshed KRT_GUARDED_BY(m_mutex);
+    // When the lock was refreshed. Not guarded, since the mutex is held while the store is waited for.
+    std::atomic<std::chrono::system_clock::time_point> m_refreshedByCalendar{Instant().calendar};
+    std::atomic<std::chrono::steady_clock::time_point> m_refreshedBySteady{Instant().steady};
     bool m_isLost KRT_GUARDED_BY(m_mutex) = false;
     bool m_isEnding KRT_GUARDED_BY(m_mutex) = false;
     std::thread m_refresher;

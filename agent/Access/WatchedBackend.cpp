@@ -12,6 +12,13 @@ bool IsFull(const Krt::Exception::YError& error)
     return number == ENOSPC || number == EDQUOT || number == EFBIG;
 }
 
+void WatchedBackend::SetWriteGuard(std::function<void()> guard, std::function<bool()> hasExpired)
+{
+    m_writeGuard = std::move(guard);
+    m_sendRule = {[this, hasExpired = std::move(hasExpired)] { return !m_isLockLost && !hasExpired(); },
+                  m_writeGuard};
+}
+
 void WatchedBackend::Look() const
 {
     RaiseIfInterrupted();
@@ -46,6 +53,7 @@ void WatchedBackend::Save(const Repo::FileName& file, Repo::ByteView content)
 {
     LookBeforeChange(file);
     try {
+        const Http::SendGuard sending(RuleFor(file));
         m_backend->Save(file, content);
     } catch (const Repo::RepositoryError& error) {
         if (file.kind == Repo::FileKind::Lock || !IsFull(error))
@@ -55,31 +63,45 @@ void WatchedBackend::Save(const Repo::FileName& file, Repo::ByteView content)
             "There is no space. The next backup uses what this run has saved; 'kbagent prune "
             "--recover-no-free-space' removes it, and all else that no snapshot needs: ");
     }
-    if (file.kind != Repo::FileKind::Lock && m_writeGuard)
-        RequireLockAfter(file);
+    RequireLockAfter(file, "saved");
+}
+
+// A server that replaces no files is asked to remove the configuration before the new one is stored, which
+// must not be left half done.
+const Http::SendRule* WatchedBackend::RuleFor(const Repo::FileName& file) const
+{
+    const bool isGuarded = file.kind != Repo::FileKind::Lock && file.kind != Repo::FileKind::Config;
+    return m_writeGuard && isGuarded ? &m_sendRule : nullptr;
 }
 
 // The store may have taken so long that the lock has expired meanwhile, and others have removed packs.
-void WatchedBackend::RequireLockAfter(const Repo::FileName& file) const
+void WatchedBackend::RequireLockAfter(const Repo::FileName& file, const char* change) const
 {
+    if (file.kind == Repo::FileKind::Lock || !m_writeGuard)
+        return;
     try {
         m_writeGuard();
     } catch (const LockLost&) {
-        throw LockLost("The lock of the repository was lost while " + file.Path() +
-                       " was saved; 'kbagent check' finds out whether that lacks data now");
+        throw LockLost("The lock of the repository was lost while " + file.Path() + " was " + change +
+                       "; 'kbagent check' finds out whether data is missing now");
     }
 }
 
 bool WatchedBackend::SaveNew(const Repo::FileName& file, Repo::ByteView content)
 {
     LookBeforeChange(file);
+    const Http::SendGuard sending(RuleFor(file));
     return m_backend->SaveNew(file, content);
 }
 
 void WatchedBackend::Remove(const Repo::FileName& file)
 {
     LookBeforeChange(file);
-    m_backend->Remove(file);
+    {
+        const Http::SendGuard sending(RuleFor(file));
+        m_backend->Remove(file);
+    }
+    RequireLockAfter(file, "removed");
 }
 
 void WatchedBackend::LookBeforeChange(const Repo::FileName& file) const

@@ -3,6 +3,7 @@
 // lock files do not, since the lock itself is removed at the end.
 #pragma once
 
+#include "agent/Http/SendGuard.h"
 #include "agent/Repository/Backend.h"
 #include "agent/Repository/Failure.h"
 
@@ -30,9 +31,11 @@ public:
 
     /// From now on operations raise LockLost. Any thread.
     void ReportLostLock() { m_isLockLost = true; }
-    /// Sets what is called before a file is written or removed, and after it was written. It raises LockLost
-    /// if that must not be. No other thread uses the backend meanwhile.
-    void SetWriteGuard(std::function<void()> guard) { m_writeGuard = std::move(guard); }
+    /// Sets what is called before and after a file is written or removed. `guard` raises LockLost if that
+    /// must not be. While `hasExpired` returns true, no request is sent to a server that would change a file,
+    /// and `guard` is called before it is sent again. No other thread uses the backend meanwhile.
+    void SetWriteGuard(
+        std::function<void()> guard, std::function<bool()> hasExpired = [] { return false; });
 
     Krt::YString Describe() const override { return m_backend->Describe(); }
     void Prepare() override { m_backend->Prepare(); }
@@ -51,10 +54,12 @@ public:
 private:
     void Look() const;
     void LookBeforeChange(const Repo::FileName& file) const;
-    void RequireLockAfter(const Repo::FileName& file) const;
+    const Http::SendRule* RuleFor(const Repo::FileName& file) const;
+    void RequireLockAfter(const Repo::FileName& file, const char* change) const;
 
     std::shared_ptr<Repo::IBackend> m_backend;
     std::function<void()> m_writeGuard;
+    Http::SendRule m_sendRule; // if there is a guard
     std::atomic<bool> m_isLockLost{false};
 };
 

@@ -1,5 +1,6 @@
 #include "agent/Http/Client.h"
 
+#include "agent/Http/SendGuard.h"
 #include "agent/Repository/Failure.h"
 #include "agent/Run/Interrupt.h"
 
@@ -128,14 +129,16 @@ Client::~Client() = default;
 Response Client::Send(const Request& request, Repo::Bytes& body)
 {
     for (unsigned int number = 1;; ++number) {
+        SendGuard::Require();
         Attempt attempt;
         {
             Lease connection(*this);
-            attempt = connection.Get().Send(request, body, [&] { return IsEnding(request); });
+            attempt = connection.Get().Send(request, body,
+                                            [&] { return IsEnding(request) || !SendGuard::MaySend(); });
             if (attempt.fault != Fault::None)
                 connection.Drop(); // after a failed lookup, libcurl does not accept all options again
         }
-        if (attempt.fault == Fault::Interrupted)
+        if (attempt.fault == Fault::Interrupted && IsEnding(request))
             RaiseInterrupted(request);
         if (attempt.fault == Fault::None)
             m_hasResponded = true;

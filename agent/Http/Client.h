@@ -47,8 +47,8 @@ public:
     Client& operator=(const Client&) = delete;
 
     /// Sends a request until there is a response that is not temporary, and returns that; or the last one
-    /// that is. The content of `body` is replaced. Raises Failure::Backend if there is no response, and
-    /// InvalidState when the user interrupts.
+    /// that is. The content of `body` is replaced. Raises Failure::Backend if there is no response,
+    /// InvalidState when the user interrupts, and what SendGuard::Require raises before each attempt.
     Response Send(const Request& request, Repo::Bytes& body);
 
 private:

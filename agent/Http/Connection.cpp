@@ -400,6 +400,7 @@ Attempt Connection::Transfer::Conclude(CURLcode code)
         std::rethrow_exception(m_exception);
     if (m_isEnded) {
         attempt.fault = Fault::Interrupted;
+        attempt.reason = "the request was stopped";
     } else if (m_isStalled) {
         attempt.fault = Fault::Cut;
         attempt.reason = "the server does not respond";

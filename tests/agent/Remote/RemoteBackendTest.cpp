@@ -1,4 +1,5 @@
 // Backends on servers: what Backend's contract does not have.
+#include "agent/Access/WatchedBackend.h"
 #include "agent/Remote/Location.h"
 #include "agent/Remote/RestBackend.h"
 #include "agent/Repository/Failure.h"
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -232,6 +234,29 @@ TEST(S3Backend, AnyRequestMayFailOnce)
                             Quick());
                     }};
     });
+}
+
+// The answer to the removal is lost, and the lock expires.
+TEST(RestBackend, RemovalIsNotRepeatedWithoutLock)
+{
+    std::atomic<unsigned int> removals{0};
+    HttpServer server([&](const HttpRequest& request) {
+        removals += request.method == "DELETE";
+        return HttpAnswer{removals == 1 ? "" : Answer(200).bytes, removals == 1};
+    });
+    WatchedBackend backend(
+        std::make_shared<RestBackend>(Http::ParseAddress("http://" + server.Place()), Quick()));
+    const auto hasExpired = [&] {
+        return removals != 0;
+    };
+    const auto require = [&] {
+        if (hasExpired())
+            throw LockLost("lost");
+    };
+    backend.SetWriteGuard(require, hasExpired);
+    EXPECT_THROW(backend.Remove({FileKind::Pack, Id::Of({})}), LockLost);
+    EXPECT_EQ(removals, 1u);
+    backend.Remove({FileKind::Lock, Id::Of({})});
 }
 
 TEST(RestBackend, AppendOnlyServerIsNamed)
