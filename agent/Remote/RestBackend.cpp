@@ -290,7 +290,7 @@ bool RestBackend::IsConfigReplaced(ByteView old, ByteView content)
 
 bool RestBackend::SaveNew(const FileName& file, ByteView content)
 {
-    if (SizeIfPresent(file))
+    if (!SeemsMissing(file))
         return false;
     Bytes body;
     const Response response = Post(file, content, body);

@@ -351,7 +351,7 @@ bool S3Backend::Has(const FileName& file, ByteView content)
 
 bool S3Backend::SaveNew(const FileName& file, ByteView content)
 {
-    if (SizeIfPresent(file))
+    if (!SeemsMissing(file))
         return false;
     return NamedFor(file, [&] {
         Call call{.method = Method::Put, .headers = {{"if-none-match", "*"}}, .content = content};

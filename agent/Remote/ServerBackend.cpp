@@ -112,7 +112,7 @@ void ServerBackend::Remove(const FileName& file)
         Call call{.method = Method::Delete};
         Bytes body;
         const Response response = SendFor(file, call, body);
-        if (response.status != NotFound)
+        if (!IsMissing(response, body))
             RequireSuccess(response, body, call);
     });
 }
@@ -135,11 +135,12 @@ Http::Request ServerBackend::RequestOf(const Call& call, std::string target)
     return request;
 }
 
-// Repairs give up what is missing, so it is asked for twice before it is.
+// Repairs give up what is missing, and what was to be removed counts as removed. So one answer is not enough,
+// since a proxy may have sent it.
 Response ServerBackend::SendTwiceIfMissing(const Call& call, Bytes& body)
 {
     Response response = Send(call, body);
-    if (call.method == Method::Get && IsMissing(response, body))
+    if ((IsReading(call.method) || call.method == Method::Delete) && IsMissing(response, body))
         response = Send(call, body);
     return response;
 }
@@ -170,6 +171,19 @@ std::optional<std::uint64_t> ServerBackend::SizeIfPresent(const FileName& file)
             throw;
         return std::nullopt;
     }
+}
+
+bool ServerBackend::SeemsMissing(const FileName& file)
+{
+    return NamedFor(file, [&] {
+        const Call call{.method = Method::Head, .path = PathOf(file)};
+        Bytes body;
+        const Response response = Send(call, body);
+        if (IsMissing(response, body))
+            return true;
+        RequireSuccess(response, body, call);
+        return false;
+    });
 }
 
 } // namespace Agent::Remote

@@ -39,7 +39,7 @@ protected:
     virtual std::string PathOf(const Repo::FileName& file) const = 0;
     /// Sends the request and returns the response to the last attempt, as Client does.
     virtual Http::Response Send(const Call& call, Repo::Bytes& body) = 0;
-    /// Returns true if a response to GET or HEAD means that what it names does not exist.
+    /// Returns true if a response to GET, HEAD or DELETE means that what it names does not exist.
     virtual bool IsMissing(const Http::Response& response, Repo::ByteView body) const;
     /// Raises what a response of failure means: an error of the operating system if access is denied, since
     /// what can't be written may be read; otherwise Failure::Backend, or a more specific failure.
@@ -48,7 +48,7 @@ protected:
 
     /// A request of Http with all of the call except its path and headers. `target` is the encoded path.
     static Http::Request RequestOf(const Call& call, std::string target);
-    /// Sends the request, and a GET once more if what it names is missing.
+    /// Sends the request, and a GET, HEAD or DELETE once more if what it names is missing.
     Http::Response SendTwiceIfMissing(const Call& call, Repo::Bytes& body);
     /// Sets the path of the call, and sends it. Raises Missing if it is GET or HEAD, and the file does not
     /// exist.
@@ -57,6 +57,8 @@ protected:
     void RequireSuccess(const Http::Response& response, Repo::ByteView body, const Call& call);
     /// The size of the file, or nothing if it does not exist.
     std::optional<std::uint64_t> SizeIfPresent(const Repo::FileName& file);
+    /// Asks once whether the file exists, for a file that usually does not.
+    bool SeemsMissing(const Repo::FileName& file);
 
     /// Does Repo::Named with the prefix of the file.
     template <class Work>

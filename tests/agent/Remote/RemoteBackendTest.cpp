@@ -236,6 +236,26 @@ TEST(S3Backend, AnyRequestMayFailOnce)
     });
 }
 
+// A proxy sends it.
+TEST(RestBackend, OneWrongNotFoundIsNotBelieved)
+{
+    RestStore store;
+    bool isWrong = false;
+    HttpServer server([&](const HttpRequest& request) {
+        return (isWrong = !isWrong) ? Answer(404) : store.Handle(request);
+    });
+    RestBackend backend(Http::ParseAddress("http://" + server.Place()), Quick());
+    const FileName file{FileKind::Snapshot, Id::Of({})};
+    store.files["/" + file.Path()] = "four";
+    Repo::Bytes body;
+    EXPECT_EQ(backend.Size(file), 4u);
+    backend.LoadWhole(file, 4, body);
+    backend.Remove(file);
+    EXPECT_TRUE(store.files.empty());
+    backend.Remove(file);
+    EXPECT_EQ(server.Count(), 8u);
+}
+
 // The answer to the removal is lost, and the lock expires.
 TEST(RestBackend, RemovalIsNotRepeatedWithoutLock)
 {
