@@ -185,7 +185,10 @@ milliseconds Client::WaitAfter(const Attempt& attempt, unsigned int number) cons
 
 bool Client::IsEnding(const Request& request) const
 {
-    return IsInterrupted() && (SinceInterrupt() >= m_settings.graceTime || !request.isCleanUp);
+    if (!IsInterrupted())
+        return false;
+    const milliseconds grace = request.grace == Grace::Half ? m_settings.graceTime / 2 : m_settings.graceTime;
+    return SinceInterrupt() >= grace || request.grace == Grace::None;
 }
 
 void Client::Wait(milliseconds time, const Request& request) const
@@ -200,7 +203,7 @@ void Client::Wait(milliseconds time, const Request& request) const
 
 void Client::RaiseInterrupted(const Request& request) const
 {
-    KRT_RAISE_UNLESS(!request.isCleanUp, Krt::ErrorCode::InvalidState,
+    KRT_RAISE_UNLESS(request.grace == Grace::None, Krt::ErrorCode::InvalidState,
                      m_host.c_str() << " did not respond in time after the interrupt");
     KRT_RAISE(Krt::ErrorCode::InvalidState, "Interrupted");
 }

@@ -33,7 +33,7 @@ struct ClientSettings
     std::chrono::milliseconds longestWait{std::chrono::seconds(30)};
     /// The longest wait that a server can ask for.
     std::chrono::milliseconds longestAskedWait{std::chrono::minutes(2)};
-    /// After an interrupt, requests that clean up end within this time.
+    /// After an interrupt, requests with a grace end within this time.
     std::chrono::milliseconds graceTime{1500};
 };
 

@@ -29,6 +29,14 @@ enum class Method
 /// The method as requests name it.
 const char* NameOf(Method method);
 
+/// How long a request goes on after the user has interrupted: for a share of ClientSettings::graceTime.
+enum class Grace
+{
+    None, ///< it ends at once
+    Half, ///< then there is time to remove what it may have stored
+    Whole ///< it removes what the run would leave
+};
+
 /// A request, which may be sent more than once.
 struct Request
 {
@@ -41,8 +49,7 @@ struct Request
     };
     Repo::ByteView content;         ///< of Put and Post; outlives the request
     std::uint64_t limit = 64 << 10; ///< bytes of the body of a response of success, at most
-    /// The request goes on for a moment after an interrupt, since it removes what the run would leave.
-    bool isCleanUp = false;
+    Grace grace = Grace::None;      ///< after an interrupt
     /// Returns true if a response of failure, with its body, means that the request may succeed later. The
     /// status codes that always mean this need not be considered.
     std::function<bool(int status, std::string_view body)> isTemporary = [](int, std::string_view) {

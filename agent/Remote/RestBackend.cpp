@@ -130,7 +130,8 @@ std::string RestBackend::PathOf(const FileName& file) const
 Response RestBackend::Send(const Call& call, Bytes& body)
 {
     Http::Request request = RequestOf(call, m_address.path + call.path);
-    request.isCleanUp = call.isCleanUp || (call.path == PathOf({}) && call.method != Method::Get);
+    if (call.path == PathOf({}) && call.method != Method::Get)
+        request.grace = Http::Grace::Whole;
     request.makeHeaders = [&] {
         std::vector<Http::Header> headers = call.headers;
         headers.push_back({"accept", std::string(Version2)});
@@ -180,7 +181,7 @@ void RestBackend::List(FileKind kind, const std::function<void(const Id& id, std
         return Describe() + YString(std::string_view(folder + ": "));
     };
     const std::vector<ListedFile> files = Repo::Named(where, [&] {
-        const Call call{.path = folder, .limit = ListLimit, .isCleanUp = kind == FileKind::Lock};
+        const Call call{.path = folder, .limit = ListLimit};
         Bytes body;
         const Response response = SendTwiceIfMissing(call, body);
         // A copy of a repository may lack the directory of locks. A process that locks then looks for its

@@ -170,8 +170,7 @@ bool S3Backend::IsMissing(const Response& response, ByteView body) const
 void S3Backend::RaiseRefused(const Response& response, ByteView body, const Call& call)
 {
     if (call.method == Method::Head) { // its response has no body, which would name the reason
-        const Call get{
-            .path = call.path, .headers = {{"range", "bytes=0-0"}}, .limit = 1, .isCleanUp = call.isCleanUp};
+        const Call get{.path = call.path, .headers = {{"range", "bytes=0-0"}}, .limit = 1};
         Bytes explanation;
         const Response explained = Send(get, explanation);
         RaiseRefused(explained.IsSuccess() ? response : explained, explanation, get);
@@ -259,7 +258,6 @@ bool S3Backend::LoadPage(FileKind kind, const std::string& token, Page& page)
         call.query.emplace_back("delimiter", "/");
     if (!token.empty())
         call.query.emplace_back("continuation-token", token);
-    call.isCleanUp = kind == FileKind::Lock;
     Bytes body;
     const Response response = Send(call, body);
     RequireSuccess(response, body, call);

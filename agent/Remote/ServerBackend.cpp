@@ -131,7 +131,7 @@ Http::Request ServerBackend::RequestOf(const Call& call, std::string target)
         request.target += "?" + CanonicalQuery(call.query);
     request.content = call.content;
     request.limit = call.limit;
-    request.isCleanUp = call.isCleanUp;
+    request.grace = call.grace;
     return request;
 }
 
@@ -145,11 +145,13 @@ Response ServerBackend::SendTwiceIfMissing(const Call& call, Bytes& body)
     return response;
 }
 
-// The removal of a lock goes on after an interrupt.
+// The removal of a lock goes on after an interrupt, and for a while also its storing, so that it is known
+// whether the lock has to be removed.
 Response ServerBackend::SendFor(const FileName& file, Call& call, Bytes& body)
 {
     call.path = PathOf(file);
-    call.isCleanUp = file.kind == FileKind::Lock;
+    if (file.kind == FileKind::Lock && !IsReading(call.method))
+        call.grace = call.method == Method::Delete ? Http::Grace::Whole : Http::Grace::Half;
     Response response = SendTwiceIfMissing(call, body);
     REPOSITORY_RAISE_UNLESS(!IsReading(call.method) || !IsMissing(response, body), Failure::Missing,
                             "the file does not exist");

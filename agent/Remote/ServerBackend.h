@@ -31,8 +31,8 @@ protected:
         std::vector<std::pair<std::string, std::string>> query = {}; ///< names and values, not encoded
         std::vector<Http::Header> headers = {};                      ///< names in lower case
         Repo::ByteView content = {};
-        std::uint64_t limit = 64 << 10; ///< bytes of the body of a response of success, at most
-        bool isCleanUp = false;         ///< see Http::Request
+        std::uint64_t limit = 64 << 10;        ///< bytes of the body of a response of success, at most
+        Http::Grace grace = Http::Grace::None; ///< after an interrupt
     };
 
     /// The path of the file on the server, not encoded.
