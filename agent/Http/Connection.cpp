@@ -26,6 +26,9 @@ constexpr std::size_t ErrorBodyLimit = 64 << 10;
 constexpr std::uint64_t ReserveLimit = 32 << 20; // what a response announces need not come
 constexpr long FastBuffer = 256 << 10;
 constexpr long SlowBuffer = 16 << 10; // the smallest of libcurl
+constexpr int FirstRefusal = 400;
+constexpr long Forbidden = 403;
+constexpr long ProxyAuthenticationRequired = 407;
 
 void RequireInitialized()
 {
@@ -177,6 +180,8 @@ private:
     void SetHeaders();
     CURLcode Perform();
     Attempt Conclude(CURLcode code);
+    Fault FaultOfServer(CURLcode code) const;
+    bool IsRefused(CURLcode code) const;
     void WaitFor(steady_clock::time_point time);
     std::size_t AddHeader(std::string_view line);
     std::size_t AddToBody(std::string_view bytes);
@@ -393,6 +398,21 @@ CURLcode Connection::Transfer::Perform()
     }
 }
 
+// A proxy that refuses to connect would do that again.
+Fault Connection::Transfer::FaultOfServer(CURLcode code) const
+{
+    long status = 0;
+    curl_easy_getinfo(m_handles.easy.get(), CURLINFO_HTTP_CONNECTCODE, &status);
+    return status == Forbidden || status == ProxyAuthenticationRequired ? Fault::Final : FaultOf(code);
+}
+
+// Returns true if the server refused the request and closed the connection before it had the whole file.
+bool Connection::Transfer::IsRefused(CURLcode code) const
+{
+    return FaultOf(code) == Fault::Cut && m_hasHeaders && m_response.status >= FirstRefusal &&
+           m_sent < m_request.content.size();
+}
+
 Attempt Connection::Transfer::Conclude(CURLcode code)
 {
     Attempt attempt;
@@ -416,11 +436,11 @@ Attempt Connection::Transfer::Conclude(CURLcode code)
     } else if (m_response.IsSuccess() && m_sent < m_request.content.size()) {
         attempt.fault = Fault::Cut;
         attempt.reason = "the server answered before it had the whole file";
-    } else if (code == CURLE_OK || m_isBodyCut) {
+    } else if (code == CURLE_OK || m_isBodyCut || IsRefused(code)) {
         m_response.isTooLong = m_isBodyCut && m_response.IsSuccess();
         attempt.response = std::move(m_response);
     } else {
-        attempt.fault = FaultOf(code);
+        attempt.fault = FaultOfServer(code);
         attempt.reason = m_handles.error[0] != '\0' ? m_handles.error : curl_easy_strerror(code);
         // OpenSSL's text for a response that is not TLS, such as one of plain HTTP.
         if (attempt.reason.find("wrong version number") != std::string::npos)
