@@ -3,6 +3,7 @@
 #include "agent/Access/SnapshotChoice.h"
 #include "agent/Access/Unix/Process.h"
 #include "agent/Access/WatchedBackend.h"
+#include "agent/Http/Shortened.h"
 #include "agent/Run/Text.h"
 
 #include "Krt/Environment/Host.h"
@@ -147,7 +148,7 @@ void RepositoryLock::AcquireWithPatience()
             const auto left = std::chrono::duration_cast<milliseconds>(end - steady_clock::now());
             if (left <= milliseconds(0))
                 throw;
-            SleepUnlessInterrupted(std::min(wait, left));
+            SleepUnlessInterrupted(std::min(Http::Shortened(wait), left));
         }
     }
 }

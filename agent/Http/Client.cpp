@@ -1,6 +1,7 @@
 #include "agent/Http/Client.h"
 
 #include "agent/Http/SendGuard.h"
+#include "agent/Http/Shortened.h"
 #include "agent/Repository/Failure.h"
 #include "agent/Run/Interrupt.h"
 
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <charconv>
 #include <ctime>
-#include <random>
 #include <thread>
 
 namespace Agent::Http {
@@ -62,13 +62,6 @@ std::optional<milliseconds> ParseRetryAfter(std::string_view text)
         seconds = static_cast<long long>(date) - static_cast<long long>(std::time(nullptr));
     }
     return std::chrono::seconds(std::clamp(seconds, 0LL, Most));
-}
-
-milliseconds Shortened(milliseconds wait)
-{
-    thread_local std::minstd_rand random{std::random_device{}()};
-    std::uniform_int_distribution<milliseconds::rep> distribution(wait.count() / 2, wait.count());
-    return milliseconds(distribution(random));
 }
 
 } // namespace
