@@ -4,6 +4,8 @@
 #include "agent/Http/Shortened.h"
 #include "agent/Repository/Failure.h"
 #include "agent/Run/Interrupt.h"
+#include "agent/Run/Output.h"
+#include "agent/Run/Text.h"
 
 #include "Krt/Log/LogSite.h"
 
@@ -25,6 +27,8 @@ using std::chrono::steady_clock;
 namespace {
 
 constexpr milliseconds BetweenLooks{50};
+constexpr unsigned int NotedAttempt = 2; // the first one that fails is not worth a note
+constexpr std::chrono::minutes BetweenNotes{1};
 
 // The time since the user interrupted, as far as this program has noticed it.
 milliseconds SinceInterrupt()
@@ -148,6 +152,8 @@ Response Client::Send(const Request& request, Repo::Bytes& body)
         KRT_LOG_FREE(Krt::MessageType::General,
                      "Attempt " << number << " of " << NameOf(request.method) << " at " << m_host.c_str()
                                 << " failed: " << YString(std::string_view(reason)));
+        if (number == NotedAttempt && !IsInterrupted())
+            NoteFailure(reason);
         Wait(WaitAfter(attempt, number), request);
     }
 }
@@ -174,6 +180,16 @@ milliseconds Client::WaitAfter(const Attempt& attempt, unsigned int number) cons
     const milliseconds wait = Shortened(std::min(doubled, m_settings.longestWait));
     const std::optional<milliseconds> asked = ParseRetryAfter(attempt.response.Find("retry-after"));
     return asked ? std::max(wait, std::min(*asked, m_settings.longestAskedWait)) : wait;
+}
+
+// Not by Report, which other threads use. The progress on the terminal is erased, and comes again.
+void Client::NoteFailure(const std::string& reason)
+{
+    const steady_clock::time_point now = steady_clock::now();
+    steady_clock::time_point next = m_nextNote;
+    if (now >= next && m_nextNote.compare_exchange_strong(next, now + BetweenNotes))
+        PrintError((IsErrorTerminal() ? "\r\033[Kkbagent: " : "kbagent: ") +
+                   Printable(m_host + ": " + reason + "; trying again") + "\n");
 }
 
 bool Client::IsEnding(const Request& request) const

@@ -47,7 +47,8 @@ public:
 
     /// Sends a request until there is a response that is not temporary, and returns that; or the last one
     /// that is. The content of `body` is replaced. Raises Failure::Backend if there is no response,
-    /// InvalidState when the user interrupts, and what SendGuard::Require raises before each attempt.
+    /// InvalidState when the user interrupts, and what SendGuard::Require raises before each attempt. Reports
+    /// a request that failed twice, once a minute.
     Response Send(const Request& request, Repo::Bytes& body);
 
 private:
@@ -56,6 +57,7 @@ private:
     bool MayRepeat(const Attempt& attempt, const Request& request, Repo::ByteView body) const;
     unsigned int LimitFor(const Attempt& attempt) const;
     std::chrono::milliseconds WaitAfter(const Attempt& attempt, unsigned int number) const;
+    void NoteFailure(const std::string& reason);
     bool IsEnding(const Request& request) const;
     void Wait(std::chrono::milliseconds time, const Request& request) const;
     [[noreturn]] void RaiseInterrupted(const Request& request) const;
@@ -67,6 +69,7 @@ private:
     RateLimit m_download;
     ConnectionSettings m_connectionSettings;
     std::atomic<bool> m_hasResponded{false};
+    std::atomic<std::chrono::steady_clock::time_point> m_nextNote{};
     Krt::Thread::AnnotatedMutex m_mutex;
     std::vector<std::unique_ptr<Connection>> m_idle KRT_GUARDED_BY(m_mutex);
 };

@@ -84,7 +84,9 @@ TEST(HttpClient, LastingFaultsAreReported)
     HttpServer server([](const HttpRequest&) { return Answer(503, "busy", "Retry-After: 0\r\n"); });
     Http::Client client(Http::ParseAddress("http://" + server.Place()), Quick());
     Repo::Bytes body;
+    testing::internal::CaptureStderr();
     EXPECT_EQ(client.Send({}, body).status, 503);
+    EXPECT_TRUE(Holds(testing::internal::GetCapturedStderr(), server.Place() + ": status 503; trying again"));
     EXPECT_EQ(server.Count(), 3u);
     HttpServer refusing([](const HttpRequest&) { return Answer(403, "no"); });
     Http::Client refused(Http::ParseAddress("http://" + refusing.Place()), Quick());
