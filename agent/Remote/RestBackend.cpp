@@ -32,6 +32,7 @@ namespace {
 
 constexpr std::string_view Version2 = "application/vnd.x.restic.rest.v2";
 constexpr std::uint64_t ListLimit = 256 << 20; // bytes
+constexpr std::uint64_t EntryLimit = 256;      // bytes of one file in a list
 constexpr int Unauthorized = 401;
 constexpr int Forbidden = 403;
 constexpr int MethodNotAllowed = 405;
@@ -57,7 +58,7 @@ std::string BasicAuthorization(const std::string& user, const Repo::Secret& pass
 }
 
 // Names of version 1 are strings, those of version 2 are objects. Other names than ids are ignored.
-std::vector<ListedFile> ParseList(std::string_view json, bool isVersion2)
+std::vector<ListedFile> ParseList(std::string_view json, bool isVersion2, std::size_t most)
 {
     std::vector<ListedFile> files;
     JsonReader reader(json);
@@ -84,6 +85,8 @@ std::vector<ListedFile> ParseList(std::string_view json, bool isVersion2)
         } else {
             readName();
         }
+        REPOSITORY_RAISE_UNLESS(files.size() <= most, Failure::Backend,
+                                "the server sent a list of more than " << most << " files");
         if (id)
             files.push_back({*id, size});
     }
@@ -181,7 +184,8 @@ void RestBackend::List(FileKind kind, const std::function<void(const Id& id, std
         return Describe() + YString(std::string_view(folder + ": "));
     };
     const std::vector<ListedFile> files = Repo::Named(where, [&] {
-        const Call call{.path = folder, .limit = ListLimit};
+        const std::size_t most = MostFiles(kind);
+        const Call call{.path = folder, .limit = std::min<std::uint64_t>(ListLimit, most * EntryLimit)};
         Bytes body;
         const Response response = SendTwiceIfMissing(call, body);
         // A copy of a repository may lack the directory of locks. A process that locks then looks for its
@@ -193,8 +197,8 @@ void RestBackend::List(FileKind kind, const std::function<void(const Id& id, std
                                 "the server does not have this directory");
         RequireSuccess(response, body, call);
         REPOSITORY_RAISE_UNLESS(!response.isTooLong, Failure::Backend,
-                                "the server sent a list of more than " << ListLimit << " bytes");
-        return ParseList(Repo::AsText(body), response.Find("content-type").starts_with(Version2));
+                                "the server sent a list of more than " << call.limit << " bytes");
+        return ParseList(Repo::AsText(body), response.Find("content-type").starts_with(Version2), most);
     });
     for (const ListedFile& file : files) {
         const std::optional<std::uint64_t> size = file.size ? file.size : SizeIfPresent({kind, file.id});

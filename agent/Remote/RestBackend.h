@@ -21,7 +21,7 @@ public:
     void Prepare() override;
     /// A server of version 1 is asked for the size of each file. Raises Missing if the server does not have
     /// the directory, Damaged for a list that is not an array, and Failure::Backend for one of more than
-    /// 256 MiB.
+    /// 256 MiB or MostFiles.
     void List(Repo::FileKind kind,
               const std::function<void(const Repo::Id& id, std::uint64_t size)>& visit) override;
     /// A server that does not replace files is asked to remove the file first. The configuration is stored

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -30,7 +31,7 @@ constexpr std::string_view AmazonDomain = ".amazonaws.com";
 constexpr const char* DefaultRegion = "us-east-1";
 constexpr std::uint64_t PageLimit = 16 << 20; // bytes; a page has at most 1000 objects
 constexpr unsigned int MostPages = 1 << 16;
-constexpr std::size_t MostFiles = 1 << 24; // of a kind: packs of 256 TiB
+constexpr int BadRequest = 400;
 constexpr int Conflict = 409;
 constexpr int PreconditionFailed = 412;
 constexpr int NotImplemented = 501;
@@ -76,10 +77,17 @@ std::uint64_t RequireNumber(std::string_view text)
 
 bool IsTemporary(int status, std::string_view body)
 {
-    if (status != 400 && status != Conflict)
+    if (status != BadRequest && status != Conflict)
         return false;
     const std::string code = ParseError(Repo::AsBytes(body)).code;
     return code == "RequestTimeout" || code == "OperationAborted" || code == "ConditionalRequestConflict";
+}
+
+// Returns true if the server may lack If-None-Match for PUT.
+bool IsConditionRefused(const Response& response, ByteView body)
+{
+    const std::string code = response.status == BadRequest ? ParseError(body).code : "";
+    return response.status == NotImplemented || code == "NotImplemented" || code == "InvalidArgument";
 }
 
 // As in s3.eu-central-1.amazonaws.com.
@@ -298,14 +306,15 @@ bool S3Backend::LoadPage(FileKind kind, const std::string& token, Page& page)
                                 announced.value_or(entries) == entries,
                             Failure::Backend, "the server sent a list that is not complete");
     page.isTruncated = isTruncated == "true";
-    REPOSITORY_RAISE_UNLESS(!page.isTruncated || (!page.nextToken.empty() && page.nextToken != token),
-                            Failure::Backend, "the server sent a list that does not go on");
+    REPOSITORY_RAISE_UNLESS(!page.isTruncated || !page.nextToken.empty(), Failure::Backend,
+                            "the server sent a list that does not go on");
     return page.isTruncated;
 }
 
 void S3Backend::List(FileKind kind, const std::function<void(const Id& id, std::uint64_t size)>& visit)
 {
     std::string token;
+    std::unordered_set<Id, Repo::IdHash> tokens; // their SHA-256, since a server may send long ones
     std::size_t files = 0;
     const auto where = [this] {
         return Describe() + ": ";
@@ -315,7 +324,8 @@ void S3Backend::List(FileKind kind, const std::function<void(const Id& id, std::
         const bool goesOn = Repo::Named(where, [&] {
             const bool isMore = LoadPage(kind, token, page);
             files += page.files.size();
-            REPOSITORY_RAISE_UNLESS(number < MostPages && files <= MostFiles, Failure::Backend,
+            const bool isNew = !isMore || tokens.insert(Id::Of(Repo::AsBytes(page.nextToken))).second;
+            REPOSITORY_RAISE_UNLESS(isNew && number < MostPages && files <= MostFiles(kind), Failure::Backend,
                                     "the server's list has no end");
             return isMore;
         });
@@ -357,7 +367,7 @@ bool S3Backend::SaveNew(const FileName& file, ByteView content)
         Response response = SendFor(file, call, body);
         if (response.status == PreconditionFailed) // an attempt whose response was lost may have stored it
             return Has(file, content);
-        if (response.status == NotImplemented) {
+        if (IsConditionRefused(response, body)) {
             call.headers.clear();
             response = SendFor(file, call, body);
         }

@@ -46,7 +46,7 @@ public:
     /// Creates the bucket. A bucket that this user may not list is taken to exist.
     void Prepare() override;
     /// Raises NoRepository if the bucket does not exist, and Failure::Backend for a list that is not complete
-    /// or has more than 16 million files.
+    /// or has more files than MostFiles.
     void List(Repo::FileKind kind,
               const std::function<void(const Repo::Id& id, std::uint64_t size)>& visit) override;
     void Save(const Repo::FileName& file, Repo::ByteView content) override;

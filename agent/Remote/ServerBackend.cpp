@@ -122,6 +122,13 @@ bool ServerBackend::IsMissing(const Response& response, ByteView) const
     return response.status == NotFound;
 }
 
+std::size_t ServerBackend::MostFiles(FileKind kind)
+{
+    constexpr std::size_t MostOfProcessesAndUsers = 100'000;
+    constexpr std::size_t Most = 1 << 24; // packs of 256 TiB
+    return kind == FileKind::Lock || kind == FileKind::Key ? MostOfProcessesAndUsers : Most;
+}
+
 Http::Request ServerBackend::RequestOf(const Call& call, std::string target)
 {
     Http::Request request;

@@ -48,6 +48,8 @@ protected:
 
     /// A request of Http with all of the call except its path and headers. `target` is the encoded path.
     static Http::Request RequestOf(const Call& call, std::string target);
+    /// How many files of a kind a list may have, since all are kept in memory.
+    static std::size_t MostFiles(Repo::FileKind kind);
     /// Sends the request, and a GET, HEAD or DELETE once more if what it names is missing.
     Http::Response SendTwiceIfMissing(const Call& call, Repo::Bytes& body);
     /// Sets the path of the call, and sends it. Raises Missing if it is GET or HEAD, and the file does not

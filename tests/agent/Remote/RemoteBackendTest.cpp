@@ -95,16 +95,16 @@ TEST(S3Backend, RefusalsHaveClearTexts)
 TEST(S3Backend, ListsHaveAnyNumberOfPages)
 {
     const Id ids[] = {Id::Of(AsBytes("1")), Id::Of(AsBytes("2"))};
-    bool isHostile = false;
+    bool isHostile = false; // the pages refer to each other
     HttpServer server([&](const HttpRequest& request) {
-        const bool isSecond = request.target.find("continuation-token=next%2F%2B%3D") != std::string::npos;
+        const bool isSecond = request.target.find("continuation-token=next%2F%2B%3D&") != std::string::npos;
         const std::string name = ids[isSecond ? 1 : 0].ToHex();
         const std::string folder = "a/b/data/" + name.substr(0, 2) + "/";
         std::string text =
             "<ListBucketResult xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"><IsTruncated>";
-        text += isSecond && !isHostile
-                    ? "false</IsTruncated>"
-                    : "true</IsTruncated><NextContinuationToken>next/+=</NextContinuationToken>";
+        text += isSecond && !isHostile ? "false</IsTruncated>"
+                                       : std::string("true</IsTruncated><NextContinuationToken>next/+=") +
+                                             (isSecond ? "2" : "") + "</NextContinuationToken>";
         for (const std::string& key :
              {folder + name, folder + name + "x", "a/b/data/00/" + name, folder + "x"})
             text += "<Contents><Key>" + key + "</Key><Size>7</Size></Contents>";
@@ -156,6 +156,23 @@ TEST(S3Backend, NewFileIsStoredOnceInSpiteOfFaults)
     EXPECT_TRUE(backend.SaveNew({}, AsBytes("mine")));
     EXPECT_EQ(objects, (std::map<std::string, std::string>{{"/bucket/a/b/config", "mine"}}));
     EXPECT_FALSE(backend.SaveNew({}, AsBytes("other")));
+}
+
+TEST(S3Backend, NewFileIsStoredThoughServerLacksCondition)
+{
+    for (const int status : {400, 501}) {
+        std::string stored;
+        HttpServer server([&](const HttpRequest& request) {
+            if (request.method == "HEAD")
+                return Answer(404);
+            if (request.headers.count("if-none-match") != 0)
+                return Answer(status, "<Error><Code>NotImplemented</Code></Error>");
+            stored = request.body;
+            return Answer(200);
+        });
+        EXPECT_TRUE(OpenS3(server).SaveNew({}, AsBytes("new")));
+        EXPECT_EQ(stored, "new");
+    }
 }
 
 // A server for one pass, and the backend that uses it through the network.
