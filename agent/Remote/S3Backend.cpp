@@ -27,7 +27,7 @@ using Repo::Id;
 
 namespace {
 
-constexpr std::string_view AmazonDomain = ".amazonaws.com";
+constexpr std::string_view AmazonDomains[] = {".amazonaws.com", ".amazonaws.com.cn"};
 constexpr const char* DefaultRegion = "us-east-1";
 constexpr std::uint64_t PageLimit = 16 << 20; // bytes; a page has at most 1000 objects
 constexpr unsigned int MostPages = 1 << 16;
@@ -90,15 +90,14 @@ bool IsConditionRefused(const Response& response, ByteView body)
     return response.status == NotImplemented || code == "NotImplemented" || code == "InvalidArgument";
 }
 
-// As in s3.eu-central-1.amazonaws.com.
-std::string RegionOfHost(std::string_view host)
+// What a host of Amazon has before its domain; nothing for another host.
+std::optional<std::string_view> ServiceOf(std::string_view host)
 {
-    if (!host.ends_with(AmazonDomain))
-        return DefaultRegion;
-    host.remove_suffix(AmazonDomain.size());
-    const std::size_t dot = host.rfind('.');
-    return dot == host.npos || host.substr(0, dot) != "s3" ? DefaultRegion
-                                                           : std::string(host.substr(dot + 1));
+    for (const std::string_view domain : AmazonDomains) {
+        if (host.ends_with(domain))
+            return host.substr(0, host.size() - domain.size());
+    }
+    return std::nullopt;
 }
 
 bool IsBucketInHost(const S3Location& location)
@@ -106,7 +105,7 @@ bool IsBucketInHost(const S3Location& location)
     if (location.lookup != BucketLookup::Auto)
         return location.lookup == BucketLookup::Dns;
     // A certificate for *.s3.amazonaws.com is not one for a name with a further dot.
-    return location.server.host.ends_with(AmazonDomain) && location.bucket.find('.') == std::string::npos;
+    return ServiceOf(location.server.host) && location.bucket.find('.') == std::string::npos;
 }
 
 Http::Address ServerOf(const S3Location& location)
@@ -119,6 +118,21 @@ Http::Address ServerOf(const S3Location& location)
 }
 
 } // namespace
+
+std::string RegionOfHost(std::string_view host)
+{
+    std::string_view region = ServiceOf(host).value_or("");
+    const auto drop = [&region](std::string_view prefix) {
+        const bool isThere = region.starts_with(prefix);
+        region.remove_prefix(isThere ? prefix.size() : 0);
+        return isThere;
+    };
+    const bool isKnown = drop("s3.dualstack.") || drop("s3.") || drop("s3-");
+    // Not "external-1" and "accelerate", which are no regions.
+    return isKnown && std::count(region.begin(), region.end(), '-') >= 2 && region.find('.') == region.npos
+               ? std::string(region)
+               : DefaultRegion;
+}
 
 struct S3Backend::Page
 {

@@ -34,6 +34,10 @@ struct S3Location
     std::string region; ///< empty for that of the host name, otherwise us-east-1
 };
 
+/// The region that the name of a host has, as in s3.REGION.amazonaws.com, s3.dualstack.REGION.amazonaws.com
+/// and s3-REGION.amazonaws.com, also with ".cn" at the end; otherwise us-east-1.
+std::string RegionOfHost(std::string_view host);
+
 class S3Backend : public ServerBackend
 {
 public:

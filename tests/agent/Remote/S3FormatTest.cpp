@@ -1,5 +1,6 @@
 // What a server of S3 and its users prescribe: signatures, documents, credentials.
 #include "agent/Http/Address.h"
+#include "agent/Remote/S3Backend.h"
 #include "agent/Remote/S3Credentials.h"
 #include "agent/Remote/XmlText.h"
 #include "agent/Repository/Failure.h"
@@ -52,6 +53,21 @@ TEST(S3Signature, MatchesPublishedExamples)
         const std::string value = SignedHeaders(request, credentials, "us-east-1", Time).back().value;
         EXPECT_EQ(value.substr(value.find("Signature=") + 10), row.signature);
     }
+}
+
+TEST(S3Region, IsThatOfHostName)
+{
+    const std::map<std::string, std::string> regions{
+        {"s3.eu-west-9.amazonaws.com", "eu-west-9"},
+        {"s3.dualstack.eu-west-9.amazonaws.com", "eu-west-9"},
+        {"s3-eu-west-9.amazonaws.com", "eu-west-9"},
+        {"s3.cn-north-1.amazonaws.com.cn", "cn-north-1"},
+        {"s3-external-1.amazonaws.com", "us-east-1"},
+        {"s3.amazonaws.com", "us-east-1"},
+        {"s3.eu-west-9.amazonaws.com.evil", "us-east-1"},
+    };
+    for (const auto& [host, region] : regions)
+        EXPECT_EQ(RegionOfHost(host), region) << host;
 }
 
 TEST(S3Document, HostileTextIsRefused)
