@@ -37,6 +37,23 @@ void RequireInitialized()
                      "libcurl can't be used: " << curl_easy_strerror(code));
 }
 
+// "name: value" with white space at its ends.
+std::optional<Header> ParseHeader(std::string_view line)
+{
+    constexpr std::string_view Blanks = " \t\r\n";
+    const std::size_t colon = line.find(':');
+    if (colon == line.npos || colon == 0)
+        return std::nullopt;
+    Header header{std::string(line.substr(0, colon)), ""};
+    std::transform(header.name.begin(), header.name.end(), header.name.begin(), [](char byte) {
+        return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte + 32) : byte;
+    });
+    line.remove_prefix(colon + 1);
+    if (const std::size_t begin = line.find_first_not_of(Blanks); begin != line.npos)
+        header.value = line.substr(begin, line.find_last_not_of(Blanks) + 1 - begin);
+    return header;
+}
+
 // The headers of a request, as libcurl has them. They may contain a password.
 class HeaderList
 {
@@ -59,27 +76,25 @@ public:
         m_list = longer;
     }
     curl_slist* Get() const { return m_list; }
+    // Replaces the values of headers that are secrets by "***" in a text.
+    void HideSecretsIn(std::string& text) const
+    {
+        for (const curl_slist* each = m_list; each != nullptr; each = each->next) {
+            std::string_view line = each->data;
+            const std::string name = ParseHeader(line).value_or(Header()).name;
+            if (name != "authorization" && name != "x-amz-security-token")
+                continue;
+            line.remove_prefix(line.rfind(' ') + 1); // also the kind of authorization
+            constexpr std::string_view Hidden = "***";
+            for (std::size_t at = 0; !line.empty() && (at = text.find(line, at)) != text.npos;
+                 at += Hidden.size())
+                text.replace(at, line.size(), Hidden);
+        }
+    }
 
 private:
     curl_slist* m_list = nullptr;
 };
-
-// "name: value" with white space at its ends.
-std::optional<Header> ParseHeader(std::string_view line)
-{
-    constexpr std::string_view Blanks = " \t\r\n";
-    const std::size_t colon = line.find(':');
-    if (colon == line.npos || colon == 0)
-        return std::nullopt;
-    Header header{std::string(line.substr(0, colon)), ""};
-    std::transform(header.name.begin(), header.name.end(), header.name.begin(), [](char byte) {
-        return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte + 32) : byte;
-    });
-    line.remove_prefix(colon + 1);
-    if (const std::size_t begin = line.find_first_not_of(Blanks); begin != line.npos)
-        header.value = line.substr(begin, line.find_last_not_of(Blanks) + 1 - begin);
-    return header;
-}
 
 // The code of "HTTP/1.1 200 OK"; 0 for anything else.
 int ParseStatus(std::string_view line)
@@ -182,6 +197,7 @@ private:
     Attempt Conclude(CURLcode code);
     Fault FaultOfServer(CURLcode code) const;
     bool IsRefused(CURLcode code) const;
+    void HideSecrets();
     void WaitFor(steady_clock::time_point time);
     std::size_t AddHeader(std::string_view line);
     std::size_t AddToBody(std::string_view bytes);
@@ -398,6 +414,18 @@ CURLcode Connection::Transfer::Perform()
     }
 }
 
+// A server may repeat what it was sent, and its text becomes part of messages.
+void Connection::Transfer::HideSecrets()
+{
+    if (m_response.IsSuccess())
+        return;
+    for (Header& header : m_response.headers)
+        m_headers.HideSecretsIn(header.value);
+    std::string text(Repo::AsText(m_body));
+    m_headers.HideSecretsIn(text);
+    m_body.assign(text.begin(), text.end());
+}
+
 // A proxy that refuses to connect would do that again.
 Fault Connection::Transfer::FaultOfServer(CURLcode code) const
 {
@@ -438,6 +466,7 @@ Attempt Connection::Transfer::Conclude(CURLcode code)
         attempt.reason = "the server answered before it had the whole file";
     } else if (code == CURLE_OK || m_isBodyCut || IsRefused(code)) {
         m_response.isTooLong = m_isBodyCut && m_response.IsSuccess();
+        HideSecrets();
         attempt.response = std::move(m_response);
     } else {
         attempt.fault = FaultOfServer(code);

@@ -39,7 +39,7 @@ struct Attempt
 {
     Fault fault = Fault::None;
     std::string reason; ///< of the fault
-    Response response;  ///< if there is no fault
+    Response response; ///< if there is no fault. Of a failure, without secrets of the request, as is its body
 };
 
 class Connection

@@ -44,7 +44,7 @@ struct ListedFile
     std::optional<std::uint64_t> size;
 };
 
-// "USER:PASSWORD" in Base64, as the header Authorization has it.
+// "USER:PASSWORD" in Base64, as the header Authorization has it. The caller overwrites it.
 std::string BasicAuthorization(const std::string& user, const Repo::Secret& password)
 {
     Repo::Secret plain(user.size() + 1 + password.Size());
@@ -54,7 +54,12 @@ std::string BasicAuthorization(const std::string& user, const Repo::Secret& pass
     Repo::Secret encoded(4 * ((plain.Size() + 2) / 3) + 1); // with the NUL that OpenSSL writes
     const int size =
         EVP_EncodeBlock(encoded.Data().data(), plain.View().data(), static_cast<int>(plain.Size()));
-    return "Basic " + std::string(Repo::AsText(encoded.View().first(static_cast<std::size_t>(size))));
+    const std::string_view text = Repo::AsText(encoded.View().first(static_cast<std::size_t>(size)));
+    constexpr std::string_view Scheme = "Basic ";
+    std::string value; // no copy remains elsewhere
+    value.reserve(Scheme.size() + text.size());
+    value.append(Scheme).append(text);
+    return value;
 }
 
 // Names of version 1 are strings, those of version 2 are objects. Other names than ids are ignored.

@@ -21,6 +21,7 @@ namespace {
 
 constexpr std::string_view Algorithm = "AWS4-HMAC-SHA256";
 constexpr std::string_view Prefix = "AWS4";
+constexpr std::size_t SizeOfHeaders = 1024; // of those that are signed, at most, without the session token
 
 // An HMAC with SHA-256 may be a key of the next one.
 using Digest = std::array<unsigned char, Id::Size>;
@@ -94,21 +95,25 @@ std::vector<Http::Header> SignedHeaders(const UnsignedRequest& request, const S3
         headers.push_back(
             {"x-amz-security-token", std::string(Repo::AsText(credentials.sessionToken.View()))});
 
-    std::vector<Http::Header> all = headers;
-    all.push_back({"host", request.host});
+    const Http::Header host{"host", request.host};
+    std::vector<const Http::Header*> all{&host};
+    for (const Http::Header& header : headers)
+        all.push_back(&header);
     std::sort(all.begin(), all.end(),
-              [](const Http::Header& a, const Http::Header& b) { return a.name < b.name; });
+              [](const Http::Header* a, const Http::Header* b) { return a->name < b->name; });
     std::string canonical = std::string(Http::NameOf(request.method)) + "\n" + request.path + "\n" +
                             CanonicalQuery(request.query) + "\n";
+    canonical.reserve(canonical.size() + SizeOfHeaders + credentials.sessionToken.Size()); // one copy
     std::string names;
-    for (const Http::Header& header : all) {
-        canonical.append(header.name).append(":").append(header.value).append("\n");
-        names.append(names.empty() ? "" : ";").append(header.name);
+    for (const Http::Header* const header : all) {
+        canonical.append(header->name).append(":").append(header->value).append("\n");
+        names.append(names.empty() ? "" : ";").append(header->name);
     }
     canonical.append("\n").append(names).append("\n").append(request.contentHash.ToHex());
 
     const std::string text =
         std::string(Algorithm) + "\n" + stamp + "\n" + scope + "\n" + Id::Of(AsBytes(canonical)).ToHex();
+    Repo::Wipe({reinterpret_cast<unsigned char*>(canonical.data()), canonical.size()});
     Digest key = SigningKey(credentials.secretKey, date, region);
     const Digest signature = Mac(key, text);
     Repo::Wipe(key);

@@ -88,9 +88,16 @@ TEST(HttpClient, LastingFaultsAreReported)
     EXPECT_EQ(client.Send({}, body).status, 503);
     EXPECT_TRUE(Holds(testing::internal::GetCapturedStderr(), server.Place() + ": status 503; trying again"));
     EXPECT_EQ(server.Count(), 3u);
-    HttpServer refusing([](const HttpRequest&) { return Answer(403, "no"); });
+    HttpServer refusing([](const HttpRequest& request) {
+        return Answer(403, "no " + request.headers.at("authorization") + ".",
+                      "X: " + request.headers.at("x-amz-security-token") + "\r\n");
+    });
     Http::Client refused(Http::ParseAddress("http://" + refusing.Place()), Quick());
-    EXPECT_EQ(refused.Send({}, body).status, 403);
+    const Http::Request request{.makeHeaders = [] {
+        return std::vector<Http::Header>{{"Authorization", "Basic YQ=="}, {"x-amz-security-token", "token"}};
+    }};
+    EXPECT_EQ(refused.Send(request, body).Find("x"), "***");
+    EXPECT_EQ(Repo::AsText(body), "no Basic ***.");
     EXPECT_EQ(refusing.Count(), 1u);
     Http::Client lost(Http::ParseAddress("http://127.0.0.1:1"), Quick());
     EXPECT_TRUE(Holds(ReasonOfFailure(lost, {}), "127.0.0.1:1: "));
