@@ -153,8 +153,10 @@ void HttpServer::Serve(int connection)
             answer = m_handler(request);
         }
         bool goesOn = Send(connection, answer.bytes);
-        while (goesOn && !answer.repeated.empty())
+        while (goesOn && !answer.repeated.empty()) {
+            std::this_thread::sleep_for(answer.pause);
             goesOn = Send(connection, answer.repeated);
+        }
         if (answer.isSilent)
             Wait(connection, POLLIN); // until the client closes
         if (!goesOn || answer.isCut || answer.isSilent)

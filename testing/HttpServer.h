@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -24,10 +25,11 @@ struct HttpRequest
 
 struct HttpAnswer
 {
-    std::string bytes;         ///< sent as they are
-    bool isCut = false;        ///< the connection is closed after them
-    bool isSilent = false;     ///< nothing follows them, and the connection stays open
-    std::string repeated = {}; ///< if not empty, sent without end after them
+    std::string bytes;                  ///< sent as they are
+    bool isCut = false;                 ///< the connection is closed after them
+    bool isSilent = false;              ///< nothing follows them, and the connection stays open
+    std::string repeated = {};          ///< if not empty, sent without end after them
+    std::chrono::milliseconds pause{0}; ///< before each of these
 };
 
 /// A well-formed answer. `headers` are lines with their ends.

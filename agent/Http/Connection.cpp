@@ -25,7 +25,8 @@ constexpr std::size_t HeaderLimit = 256 << 10;
 constexpr std::size_t ErrorBodyLimit = 64 << 10;
 constexpr std::uint64_t ReserveLimit = 32 << 20; // what a response announces need not come
 constexpr long FastBuffer = 256 << 10;
-constexpr long SlowBuffer = 16 << 10; // the smallest of libcurl
+constexpr long SlowBuffer = 16 << 10;          // the smallest of libcurl
+constexpr std::uint64_t LeastBytes = 16 << 10; // of a response in the time of a stall
 constexpr int FirstRefusal = 400;
 constexpr long Forbidden = 403;
 constexpr long ProxyAuthenticationRequired = 407;
@@ -197,6 +198,8 @@ private:
     Attempt Conclude(CURLcode code);
     Fault FaultOfServer(CURLcode code) const;
     bool IsRefused(CURLcode code) const;
+    void Count(std::size_t received);
+    bool IsStalled();
     void HideSecrets();
     void WaitFor(steady_clock::time_point time);
     std::size_t AddHeader(std::string_view line);
@@ -257,7 +260,9 @@ private:
     bool m_hasHeaders = false; // all of them
     std::size_t m_sent = 0;    // bytes of the content
     steady_clock::time_point m_progress = steady_clock::now();
-    bool m_isEnded = false; // the caller asked for it
+    std::optional<steady_clock::time_point> m_paceBegin; // at first, that of the response
+    std::uint64_t m_received = 0;                        // since then
+    bool m_isEnded = false;                              // the caller asked for it
     bool m_isStalled = false;
     bool m_isBodyCut = false; // on this side, since it is too long
     std::exception_ptr m_exception;
@@ -346,9 +351,31 @@ void Connection::Transfer::WaitFor(steady_clock::time_point time)
     m_progress = steady_clock::now();
 }
 
-std::size_t Connection::Transfer::AddHeader(std::string_view line)
+void Connection::Transfer::Count(std::size_t received)
 {
     m_progress = steady_clock::now();
+    if (!m_paceBegin && m_sent == m_request.content.size()) // otherwise the pace is that of the upload
+        m_paceBegin = m_progress;
+    m_received += received;
+}
+
+// Returns true if there was no byte for too long, or the response is so slow that a server could send it for
+// ever. The pace is not that of the server if there is a limit.
+bool Connection::Transfer::IsStalled()
+{
+    const steady_clock::time_point now = steady_clock::now();
+    if (m_paceBegin && now - *m_paceBegin > m_settings.stallTime && !m_settings.download.IsLimited()) {
+        if (m_received < LeastBytes)
+            return true;
+        m_paceBegin = now;
+        m_received = 0;
+    }
+    return now - m_progress > m_settings.stallTime;
+}
+
+std::size_t Connection::Transfer::AddHeader(std::string_view line)
+{
+    Count(line.size());
     m_headerSize += line.size();
     if (m_headerSize > HeaderLimit)
         return 0;
@@ -374,6 +401,7 @@ std::size_t Connection::Transfer::AddToBody(std::string_view bytes)
         m_body.reserve(static_cast<std::size_t>(std::min({announced, limit, ReserveLimit})));
     }
     WaitFor(m_settings.download.Reserve(bytes.size()));
+    Count(bytes.size());
     const auto taken = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), limit - m_body.size()));
     m_body.insert(m_body.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(taken));
     m_isBodyCut = taken < bytes.size();
@@ -406,7 +434,7 @@ CURLcode Connection::Transfer::Perform()
                 return message->data.result;
         }
         m_isEnded = m_isEnded || m_isEnding();
-        m_isStalled = steady_clock::now() - m_progress > m_settings.stallTime;
+        m_isStalled = IsStalled();
         if (m_isEnded || m_isStalled || running == 0)
             return CURLE_ABORTED_BY_CALLBACK;
         if (curl_multi_poll(multi, nullptr, 0, BetweenLooks, nullptr) != CURLM_OK)

@@ -21,7 +21,8 @@ struct ConnectionSettings
     RateLimit& upload;                     ///< of the bodies of requests
     RateLimit& download;                   ///< of the bodies of responses
     std::chrono::milliseconds connectTime; ///< for the connection and the TLS handshake
-    std::chrono::milliseconds stallTime;   ///< without a byte in either direction
+    /// The longest time without a byte in either direction, and for 16 KiB of a response or its end.
+    std::chrono::milliseconds stallTime;
 };
 
 /// Why an attempt had no response.

@@ -49,6 +49,10 @@ TEST(HttpClient, TemporaryFaultsAreRepeated)
     faults.push_back({"silence", [](const auto&, const auto&) {
                           return HttpAnswer{"HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nhal", false, true};
                       }});
+    faults.push_back(
+        {"a byte now and then", [](const auto&, const auto&) {
+             return HttpAnswer{"HTTP/1.1 200 OK\r\nContent-Length: 999\r\n\r\n", false, false, "x", 20ms};
+         }});
     faults.push_back({"more bytes than announced", [](const auto&, const auto&) {
                           return HttpAnswer{"HTTP/1.1 500 x\r\nContent-Length: 1\r\n\r\nxyz", true};
                       }});
