@@ -87,6 +87,20 @@ Http::ClientSettings SettingsOf(const RemoteOptions& options)
     return settings;
 }
 
+// Without TLS there is no certificate, so what was given to verify it would be ignored.
+void RequireTlsIfWanted(const Http::Address& server, const RemoteOptions& options)
+{
+    if (options.requiresTls && !server.isSecure)
+        throw UsageError("--tls-pin and --cacert need an address with https:, since a server without TLS has "
+                         "no certificate");
+}
+
+bool IsLoopback(std::string_view host)
+{
+    const bool isNumber = host.find_first_not_of("0123456789.") == host.npos;
+    return host == "localhost" || host == "[::1]" || (isNumber && host.starts_with("127."));
+}
+
 } // namespace
 
 bool IsRemote(std::string_view location)
@@ -134,12 +148,23 @@ Http::Address ParseRestLocation(std::string_view location)
     return Http::ParseAddress(location);
 }
 
+bool SendsPasswordOpenly(std::string_view location, const SecretSources& secrets)
+{
+    if (!location.starts_with(RestScheme)) // requests to S3 are signed
+        return false;
+    const Http::Address address = ParseRestLocation(location);
+    const bool hasCredentials = !address.user.empty() || address.password.Size() != 0 ||
+                                !secrets.restUser.empty() || secrets.restPassword.Size() != 0;
+    return hasCredentials && !address.isSecure && !IsLoopback(address.host);
+}
+
 std::unique_ptr<Repo::IBackend> MakeRemoteBackend(std::string_view location, const RemoteOptions& options,
                                                   SecretSources secrets)
 {
     Http::ClientSettings settings = SettingsOf(options);
     if (location.starts_with(S3Scheme)) {
         S3Location parsed = ParseS3Location(location, options);
+        RequireTlsIfWanted(parsed.server, options);
         if (parsed.region.empty())
             parsed.region = FindRegion(secrets.environment);
         return std::make_unique<S3Backend>(
@@ -148,6 +173,7 @@ std::unique_ptr<Repo::IBackend> MakeRemoteBackend(std::string_view location, con
             std::move(settings));
     }
     Http::Address address = ParseRestLocation(location);
+    RequireTlsIfWanted(address, options);
     if (address.user.empty() && address.password.Size() == 0) {
         address.user = std::move(secrets.restUser);
         address.password = std::move(secrets.restPassword);

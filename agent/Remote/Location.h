@@ -36,8 +36,13 @@ S3Location ParseS3Location(std::string_view location, const RemoteOptions& optio
 /// Parses a location that begins with "rest:". Raises UsageError.
 Http::Address ParseRestLocation(std::string_view location);
 
+/// Returns true if a user or a password would be sent over a network without TLS. Raises UsageError for a
+/// location that can't be parsed.
+bool SendsPasswordOpenly(std::string_view location, const SecretSources& secrets);
+
 /// The backend for a location on a server, without connecting. Raises UsageError for options, locations and
-/// secrets that can't be used, and what reading files raises.
+/// secrets that can't be used, also for a server without TLS if the options require it, and what reading
+/// files raises.
 std::unique_ptr<Repo::IBackend> MakeRemoteBackend(std::string_view location, const RemoteOptions& options,
                                                   SecretSources secrets);
 

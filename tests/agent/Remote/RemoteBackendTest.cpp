@@ -361,6 +361,23 @@ TEST(RestBackend, WrongAnswersAreRefused)
     }
 }
 
+TEST(RemoteLocation, ServerWithoutTlsIsNoticed)
+{
+    RemoteOptions options;
+    options.pins = {"sha256:" + std::string(64, '0')};
+    MakeRemoteBackend("rest:http://h/", options, {});
+    options.requiresTls = true;
+    MakeRemoteBackend("rest:https://h/", options, {});
+    for (const char* location : {"rest:http://h/", "s3:http://h/bucket"})
+        EXPECT_THROW(MakeRemoteBackend(location, options, {}), UsageError);
+    SecretSources secrets;
+    EXPECT_TRUE(SendsPasswordOpenly("rest:http://u:p@127.h/", secrets));
+    for (const char* location : {"rest:https://u:p@h/", "rest:http://u:p@127.0.0.1:8000/", "rest:http://h/"})
+        EXPECT_FALSE(SendsPasswordOpenly(location, secrets)) << location;
+    secrets.restUser = "u";
+    EXPECT_TRUE(SendsPasswordOpenly("rest:http://h/", secrets));
+}
+
 TEST(RemoteLocation, IsParsedAsByRestic)
 {
     const struct
