@@ -54,7 +54,7 @@ std::uint64_t KeyOf(const char* bytes, std::size_t width)
 
 } // namespace
 
-// Calls `visit` with the place, the width and the key of each key that the rule may have, until it returns
+// Calls `visit` with the anchor, the width and the key of each key that the rule may have, until it returns
 // true.
 template <class Visitor>
 void GlobIndex::ForEachKey(const Rule& rule, Visitor visit)
@@ -68,8 +68,8 @@ void GlobIndex::ForEachKey(const Rule& rule, Visitor visit)
         const std::size_t* const fits = std::find_if(std::begin(Widths), std::end(Widths),
                                                      [&](std::size_t width) { return width <= size; });
         for (std::size_t at = begin; fits != std::end(Widths) && at + *fits <= end; ++at) {
-            const Place place = at == 0 ? AtBegin : at + *fits == pattern.size() ? AtEnd : Anywhere;
-            if (visit(place, *fits, KeyOf(pattern.data() + at, *fits)))
+            const Anchor anchor = at == 0 ? AtBegin : at + *fits == pattern.size() ? AtEnd : Anywhere;
+            if (visit(anchor, *fits, KeyOf(pattern.data() + at, *fits)))
                 return;
         }
         begin = end + 1;
@@ -81,17 +81,17 @@ void GlobIndex::Add(const Rule& rule)
     struct
     {
         std::size_t cost = static_cast<std::size_t>(-1); // of a query, for this rule
-        Place place = Anywhere;
+        Anchor anchor = Anywhere;
         std::size_t width = 0;
         std::uint64_t key = 0;
     } best;
-    ForEachKey(rule, [&](Place place, std::size_t width, std::uint64_t key) {
+    ForEachKey(rule, [&](Anchor anchor, std::size_t width, std::uint64_t key) {
         const auto chain = m_chains.find(key);
         const std::size_t shared = chain == m_chains.end() ? 0 : chain->second.count;
         // A narrow key is in many names, and one that may be anywhere is looked up at each position.
-        const std::size_t cost = (shared + 1) * (64 / (width * width)) * (place == Anywhere ? 4 : 1);
+        const std::size_t cost = (shared + 1) * (64 / (width * width)) * (anchor == Anywhere ? 4 : 1);
         if (cost <= best.cost)
-            best = {cost, place, width, key};
+            best = {cost, anchor, width, key};
         return false;
     });
     if (best.width == 0) {
@@ -107,7 +107,7 @@ void GlobIndex::Add(const Rule& rule)
     m_free = m_links[m_free].next;
     m_links[chain.first] = {&rule, next};
     ++chain.count;
-    m_widths[best.place] |= best.width;
+    m_widths[best.anchor] |= best.width;
 }
 
 void GlobIndex::Remove(const Rule& rule) noexcept
@@ -117,7 +117,7 @@ void GlobIndex::Remove(const Rule& rule) noexcept
         m_others.erase(other);
         return;
     }
-    ForEachKey(rule, [&](Place, std::size_t, std::uint64_t key) { return Unlink(key, rule); });
+    ForEachKey(rule, [&](Anchor, std::size_t, std::uint64_t key) { return Unlink(key, rule); });
 }
 
 // Returns false if the rule has another key. Its width stays in m_widths.

@@ -29,12 +29,12 @@ public:
 
 private:
     // Where in a name the bytes are looked up.
-    enum Place
+    enum Anchor
     {
         AtBegin,
         AtEnd,
         Anywhere,
-        PlaceCount
+        AnchorCount
     };
     // The rules with one key, in a list through m_links.
     struct Chain
@@ -56,9 +56,9 @@ private:
 
     boost::unordered_flat_map<std::uint64_t, Chain> m_chains; // by key; each rule is in one of them
     std::vector<Link> m_links;
-    std::uint32_t m_free = None;                    // the first unused link
-    std::array<std::size_t, PlaceCount> m_widths{}; // sums of the widths of keys that may be in use
-    std::vector<const Rule*> m_others;              // rules without any literal byte
+    std::uint32_t m_free = None;                     // the first unused link
+    std::array<std::size_t, AnchorCount> m_widths{}; // sums of the widths of keys that may be in use
+    std::vector<const Rule*> m_others;               // rules without any literal byte
 };
 
 } // namespace Backup::File

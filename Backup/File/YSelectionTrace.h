@@ -101,7 +101,7 @@ public:
     static constexpr bool RecordsAll = true;
 
     /// The depth of a node, and the index of the component that a rule of it matches.
-    struct Place
+    struct ExcludeMatch
     {
         std::size_t depth;
         std::size_t component;
@@ -111,8 +111,8 @@ public:
     struct State
     {
         YSelectionExplanation explanation;
-        std::optional<std::size_t> including; // the depth of the include at which the decision ended
-        std::optional<Place> excluding;       // the exclude at which it ended
+        std::optional<std::size_t> including;  // the depth of the include at which the decision ended
+        std::optional<ExcludeMatch> excluding; // the exclude at which it ended
         bool isDecided = false;
     };
 
