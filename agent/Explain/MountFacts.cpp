@@ -5,10 +5,10 @@
 #include "Backup/Volume/Unix/Util.h"
 
 #include "Krt/Exception/YError.h"
+#include "Krt/Volume/FileSystemSpace.h"
 #include "Krt/Volume/MountTable.h"
 
 #include <algorithm>
-#include <sys/statvfs.h>
 
 namespace Agent {
 
@@ -22,13 +22,14 @@ constexpr std::chrono::seconds Patience{3};
 
 std::optional<MountUsage> UsageOf(const std::string& mountPoint)
 {
-    struct statvfs status = {};
-    if (statvfs(mountPoint.c_str(), &status) != 0 || status.f_blocks < status.f_bfree)
+    const auto read = Krt::Volume::ReadFileSystemSpace(mountPoint.c_str());
+    const Krt::Volume::FileSystemSpace& space = read.value;
+    if (!read || space.blocks < space.freeBlocks)
         return std::nullopt;
     MountUsage usage;
-    usage.bytes = static_cast<unsigned long long>(status.f_blocks - status.f_bfree) * status.f_frsize;
-    if (status.f_files != 0 && status.f_files >= status.f_ffree)
-        usage.inodes = status.f_files - status.f_ffree;
+    usage.bytes = (space.blocks - space.freeBlocks) * space.blockSize;
+    if (space.inodes != 0 && space.inodes >= space.freeInodes)
+        usage.inodes = space.inodes - space.freeInodes;
     return usage;
 }
 

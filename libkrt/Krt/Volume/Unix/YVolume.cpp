@@ -1,7 +1,7 @@
 #include "Krt/Volume/YVolume.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/Volume/Unix/FreeBlocks.h"
+#include "Krt/Volume/FileSystemSpace.h"
 
 #include <limits>
 
@@ -13,11 +13,13 @@ YVolume::~YVolume() = default;
 
 unsigned long long YVolume::GetVolumeFreeSpace() const
 {
-    FreeBlocks free;
-    KRT_SYSCALL(ReadFreeBlocks(m_path.CStr(), free), "Failed to get the free space of: " << m_path);
+    const FileSystemSpace space =
+        KRT_OS_VALUE(ReadFileSystemSpace(m_path.CStr()), "Failed to get the free space of: " << m_path);
     // Some file systems without a limit report a block count whose number of bytes overflows.
     constexpr unsigned long long most = std::numeric_limits<unsigned long long>::max();
-    return free.size != 0 && free.count > most / free.size ? most : free.count * free.size;
+    return space.blockSize != 0 && space.availableBlocks > most / space.blockSize
+               ? most
+               : space.availableBlocks * space.blockSize;
 }
 
 } // namespace Krt::Volume
