@@ -13,7 +13,6 @@
 #include "Krt/JSON/YValue.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
@@ -44,7 +43,8 @@ void WriteDurably(const YDirectory& directory, const YString& name, const std::s
     const Krt::Util::YUnxHandle file = directory.CreateFile(name);
     Krt::File::Write(file, 0, text.size(), text.data());
     KRT_SYSCALL(fchmod(file.Get(), mode), "Can't set the mode of the new job file");
-    KRT_SYSCALL(fsync(file.Get()), "Can't write the new job file");
+    if (const int error = Krt::File::TrySync(file))
+        KRT_RAISE_OS(error, "Can't write the new job file");
 }
 
 } // namespace
@@ -134,7 +134,8 @@ void SaveJob(const std::string& jobFile, const Backup::File::YSelectionManager& 
         directory.RemoveFile(temporary);
         throw;
     }
-    KRT_SYSCALL(fsync(directory.GetHandle().Get()), "Can't write the directory of the job file");
+    if (const int error = Krt::File::TrySync(directory.GetHandle()))
+        KRT_RAISE_OS(error, "Can't write the directory of the job file");
 }
 
 } // namespace Agent
