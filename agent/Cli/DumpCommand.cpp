@@ -60,12 +60,12 @@ CLI::App* DumpCommand::Register(CLI::App& program)
 
 void DumpCommand::Run(Report& report)
 {
-    const std::string place = PathsOf(m_snapshot).front();
-    const std::size_t colon = place.find(':');
-    const std::string folder = colon == std::string::npos ? "" : place.substr(colon + 1);
+    const std::string source = PathsOf(m_snapshot).front();
+    const std::size_t colon = source.find(':');
+    const std::string folder = colon == std::string::npos ? "" : source.substr(colon + 1);
     Session session(m_repository.Get(), report, Access::Read, OldFormat::Refused, Settling::Later);
     const Repo::StoredSnapshot stored =
-        ChooseSnapshot(session, place.substr(0, colon), m_repository.GetSnapshotOptions());
+        ChooseSnapshot(session, source.substr(0, colon), m_repository.GetSnapshotOptions());
     session.LoadIndex();
     const FoundEntry top = FindEntry(session.GetRepository(), stored.snapshot.tree, folder);
     KRT_RAISE_UNLESS(top.node.subtree, Krt::ErrorCode::InvalidArgument,

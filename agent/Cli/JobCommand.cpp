@@ -33,18 +33,18 @@ namespace {
 
 // The path as a backup on this machine resolves it. A path that does not exist is taken as it is: the job may
 // be for another machine.
-YPath PlaceOf(const std::string& path)
+YPath ResolveArgument(const std::string& path)
 {
     try {
         return ResolveNamedPath(path);
     } catch (const Krt::Exception::YError&) {
-        const YPath place{YString(path)};
-        const auto& components = place.PopulateComponents();
+        const YPath given{YString(path)};
+        const auto& components = given.PopulateComponents();
         const bool hasParent = std::any_of(components.begin(), components.end(),
                                            [](const YString& each) { return each == ".."; });
         if (!path.starts_with('/') || hasParent)
             throw;
-        return place;
+        return given;
     }
 }
 
@@ -222,17 +222,17 @@ void JobCommand::AddFile(RuleSet& rules, const std::string& file, bool ignoresCa
 
 void JobCommand::AddRules(RuleSet& rules, Report& report) const
 {
-    for (const std::string& path : Paths()) {
-        const YPath place = PlaceOf(path);
-        if (place != "/")
-            rules.Add(IncludeOfName(place));
-        rules.Add(IncludeOfEntries(place));
+    for (const std::string& argument : Paths()) {
+        const YPath path = ResolveArgument(argument);
+        if (path != "/")
+            rules.Add(IncludeOfName(path));
+        rules.Add(IncludeOfEntries(path));
     }
-    for (const std::string& path : m_directories) {
-        const YPath place = PlaceOf(path);
-        KRT_RAISE_UNLESS(place != "/", Krt::ErrorCode::InvalidArgument,
+    for (const std::string& argument : m_directories) {
+        const YPath path = ResolveArgument(argument);
+        KRT_RAISE_UNLESS(path != "/", Krt::ErrorCode::InvalidArgument,
                          "No rule can include /, which every snapshot has");
-        rules.Add(IncludeOfName(place));
+        rules.Add(IncludeOfName(path));
     }
     for (const std::string& pattern : m_excludes.patterns)
         AddPattern(rules, AsTyped(pattern), false, report);
@@ -273,30 +273,30 @@ void JobCommand::Remove(Report& report) const
 {
     std::vector<JobRule> all = LoadRules(m_file);
     std::set<std::size_t> numbers;
-    std::vector<YPath> places;
+    std::vector<YPath> paths;
     for (const std::string& argument : Paths()) {
         std::size_t number = 0;
         const char* const end = argument.data() + argument.size();
         const auto [rest, error] = std::from_chars(argument.data(), end, number);
         if (error != std::errc() || rest != end)
-            places.push_back(PlaceOf(argument));
+            paths.push_back(ResolveArgument(argument));
         else if (number == 0 || number > all.size())
             throw UsageError("The job has no rule " + argument + "; 'kbagent job show' numbers them");
         else
             numbers.insert(number);
     }
-    if (numbers.empty() && places.empty())
+    if (numbers.empty() && paths.empty())
         throw UsageError("job remove: name rules by their numbers, or paths");
     RuleSet rules(report);
     std::size_t removed = 0;
     for (std::size_t i = 0; i < all.size(); ++i) {
         const YSelectionPathDescriptor& rule = all[i].rule;
         const bool isRemoved =
-            numbers.contains(i + 1) || std::any_of(places.begin(), places.end(), [&rule](const YPath& place) {
+            numbers.contains(i + 1) || std::any_of(paths.begin(), paths.end(), [&rule](const YPath& path) {
                 const bool includesIt = rule.IsInclude() && !rule.IsRecursive() &&
                                         rule.GetDescriptor().GetMatchType() == Krt::Match::MatchType::Exact &&
-                                        rule.GetPath().Append(rule.GetDescriptor().GetPattern()) == place;
-                return includesIt || rule.GetPath() == place || rule.GetPath().IsChildOf(place, true);
+                                        rule.GetPath().Append(rule.GetDescriptor().GetPattern()) == path;
+                return includesIt || rule.GetPath() == path || rule.GetPath().IsChildOf(path, true);
             });
         removed += isRemoved ? 1 : 0;
         if (!isRemoved)

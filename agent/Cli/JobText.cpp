@@ -114,8 +114,8 @@ std::string FindingText(const ReviewFinding& finding, const std::string& jobFile
     if (finding.line != 0)
         text += std::to_string(finding.line) + ":";
     text += std::string(" ") + WordOf(finding.level) + ": ";
-    if (!finding.place.empty())
-        text += finding.place + ": ";
+    if (!finding.label.empty())
+        text += finding.label + ": ";
     return text + finding.text;
 }
 
@@ -140,9 +140,9 @@ std::string ReviewJson(const JobReview& review, const std::string& jobFile)
             writer.Key("line");
             writer.Number(finding.line);
         }
-        if (!finding.place.empty()) {
+        if (!finding.label.empty()) {
             writer.Key("rule");
-            writer.String(finding.place);
+            writer.String(finding.label);
         }
         writer.Key("text");
         writer.String(finding.text);

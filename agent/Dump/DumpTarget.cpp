@@ -54,18 +54,18 @@ DumpTarget::DumpTarget(const std::string& path, Report& report) : m_report(repor
         return;
     }
     std::error_code failure;
-    std::filesystem::path place = std::filesystem::absolute(m_path);
+    std::filesystem::path target = std::filesystem::absolute(m_path);
     std::error_code ignored;
-    if (!exists && std::filesystem::is_symlink(place, ignored)) {
+    if (!exists && std::filesystem::is_symlink(target, ignored)) {
         existing = CreateLinked();
         exists = true;
     }
     if (exists)
-        place = std::filesystem::canonical(place, failure); // a symlink to the file stays
-    if (!failure && (!exists || S_ISREG(existing.st_mode)) && place.has_filename()) {
-        m_name = YString(place.filename().string());
+        target = std::filesystem::canonical(target, failure); // a symlink to the file stays
+    if (!failure && (!exists || S_ISREG(existing.st_mode)) && target.has_filename()) {
+        m_name = YString(target.filename().string());
         try {
-            CreateIn(place.parent_path().string(), exists ? &existing : nullptr);
+            CreateIn(target.parent_path().string(), exists ? &existing : nullptr);
             return;
         } catch (const Krt::Exception::YError& error) {
             const int number = error.GetOsError();

@@ -8,7 +8,7 @@
 
 namespace Agent {
 
-/// Returns the rule, as a job file has it, with its place in the job file.
+/// Returns the rule, as a job file has it, with its array, index and line in it.
 Krt::JSON::YObject RuleObject(const Backup::File::YSelectionPathDescriptor& rule, RuleSources& sources);
 
 /// Returns the class, the type and the source of a mount.

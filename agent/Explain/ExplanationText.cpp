@@ -203,7 +203,7 @@ void Writer::WriteRules()
     WriteMisses();
 }
 
-// An include whose place is the entry decides, or an exclude that prevents it.
+// An include whose path is the entry decides, or an exclude that prevents it.
 void Writer::WriteOwnInclude()
 {
     const YSelectionExplanation& rules = *m_explanation.rules;

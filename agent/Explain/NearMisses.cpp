@@ -34,17 +34,18 @@ NearMisses FindNearMisses(const Backup::File::YSelectionManager& rules, const YP
     NearMisses misses;
     const YString name = YPath::GetFileFromPath(path, "/");
     const YPath parent = path.GetParent();
-    YPath place = path;
-    for (bool isRoot = false; !isRoot; place = place.GetParent()) {
-        isRoot = place == "/";
+    YPath directory = path;
+    for (bool isRoot = false; !isRoot; directory = directory.GetParent()) {
+        isRoot = directory == "/";
         rules.VisitPathsAndDescriptors(
-            YSelectionDescriptor::Include, place,
+            YSelectionDescriptor::Include, directory,
             [&](const YPath& rulePath, const YSelectionDescriptor& rule) {
                 // If the directory has no rules, these are of one above, which has its own turn.
-                if (rulePath != place)
+                if (rulePath != directory)
                     return true;
-                const auto cause = place == path ? std::optional(NearMiss::Cause::OnlyEntries)
-                                                 : CauseOf(rule, name, rule.IsRecursive() || place == parent);
+                const auto cause = directory == path
+                                       ? std::optional(NearMiss::Cause::OnlyEntries)
+                                       : CauseOf(rule, name, rule.IsRecursive() || directory == parent);
                 if (cause && misses.shown.size() < MostNearMisses)
                     misses.shown.push_back({YSelectionPathDescriptor(rulePath, rule), *cause});
                 else

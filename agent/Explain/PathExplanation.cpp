@@ -27,17 +27,17 @@ bool IsIncluded(const YSelectionExplanation& explanation)
     });
 }
 
-// The include for all names whose place is the path.
+// The include for all names whose path is the given one.
 std::optional<YSelectionPathDescriptor> FindIncludeForAllNames(const Backup::File::YSelectionManager& rules,
                                                                const YPath& path)
 {
     std::optional<YSelectionPathDescriptor> found;
     rules.VisitPathsAndDescriptors(
         YSelectionDescriptor::Include, path,
-        [&](const YPath& place, const YSelectionDescriptor& rule) {
-            if (place == path && rule.CoversAllNames())
-                found = YSelectionPathDescriptor(place, rule);
-            return found.has_value() || place != path;
+        [&](const YPath& rulePath, const YSelectionDescriptor& rule) {
+            if (rulePath == path && rule.CoversAllNames())
+                found = YSelectionPathDescriptor(rulePath, rule);
+            return found.has_value() || rulePath != path;
         },
         false);
     return found;

@@ -59,7 +59,7 @@ struct PathExplanation
 
     std::optional<Backup::File::YSelectionExplanation> rules; ///< not for "/", to which no rule applies
     NearMisses misses;                                        ///< only if no include matches the path
-    /// An include for all names whose place is the path. Only if the entry is not a directory, and is
+    /// An include for all names whose path is this one. Only if the entry is not a directory, and is
     /// selected by this include, or would be without an exclude.
     std::optional<Backup::File::YSelectionPathDescriptor> ownInclude;
 

@@ -20,16 +20,16 @@ namespace {
 constexpr const char* Blanks = " \t";
 
 // The text of a path by which equal directories are equal.
-std::string PlaceOf(const YPath& path)
+std::string Normalized(const YPath& path)
 {
-    std::string place;
+    std::string text;
     for (const YString& component : path.PopulateComponents())
-        place += "/" + component.Bytes();
-    return place;
+        text += "/" + component.Bytes();
+    return text;
 }
 
-// The path of a rule. Only escapes need the parser of the rules.
-std::string PlaceOf(std::string_view rule)
+// The normalized path of a rule. Only escapes need the parser of the rules.
+std::string PathOf(std::string_view rule)
 {
     JsonReader reader(rule);
     reader.BeginObject();
@@ -40,9 +40,9 @@ std::string PlaceOf(std::string_view rule)
         json = isPath ? value : json;
     }
     if (json.find('\\') == std::string_view::npos)
-        return PlaceOf(YPath(json.substr(1, json.size() - 2)));
+        return Normalized(YPath(json.substr(1, json.size() - 2)));
     const auto object = YValue::Parse("{\"path\":" + std::string(json) + "}");
-    return PlaceOf(YPath(object->AsObject().Get<YString>("path", Krt::MessageType::Runtime)));
+    return Normalized(YPath(object->AsObject().Get<YString>("path", Krt::MessageType::Runtime)));
 }
 
 YSelectionDescriptor DescriptorOf(std::string_view rule)
@@ -59,14 +59,14 @@ RuleSources::RuleSources(std::string fileName, std::string text)
     : m_fileName(std::move(fileName)), m_text(std::move(text))
 {
     VisitRuleSources(m_text, [this](const RuleSource& rule) {
-        m_byPlace.emplace(PlaceOf(rule.text), Spot{rule, std::nullopt});
+        m_byPath.emplace(PathOf(rule.text), Spot{rule, std::nullopt});
     });
 }
 
 const RuleSource* RuleSources::Find(const Backup::File::YSelectionPathDescriptor& rule)
 {
     const RuleSource* found = nullptr;
-    const auto [first, last] = m_byPlace.equal_range(PlaceOf(rule.GetPath()));
+    const auto [first, last] = m_byPath.equal_range(Normalized(rule.GetPath()));
     for (auto each = first; each != last; ++each) {
         Spot& spot = each->second;
         if (!spot.rule)

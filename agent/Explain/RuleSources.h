@@ -39,7 +39,7 @@ private:
 
     std::string m_fileName;
     std::string m_text;
-    std::unordered_multimap<std::string, Spot> m_byPlace;
+    std::unordered_multimap<std::string, Spot> m_byPath; // keys are normalized
 };
 
 } // namespace Agent

@@ -54,11 +54,11 @@ std::optional<YSelectionPathDescriptor> RuleOf(const TreeNode& node, const Job& 
         return std::nullopt;
     const YSelectionExplanation explanation = job.rules.Explain(node.path);
     for (const YSelectionExplanation::Rule& rule : explanation.rules) {
-        // An exclude may also prevent an include whose place is the entry.
-        const bool isCutAtPlace = node.outcome.isExcluded &&
-                                  explanation.reason == YSelectionExplanation::Reason::EntriesMayBeIncluded &&
-                                  rule.effect == YSelectionExplanation::Effect::Excludes;
-        if (isCutAtPlace || (rule.decides && rule.effect != YSelectionExplanation::Effect::ReachesBelow))
+        // An exclude may also prevent an include whose path is the entry.
+        const bool isCutAtPath = node.outcome.isExcluded &&
+                                 explanation.reason == YSelectionExplanation::Reason::EntriesMayBeIncluded &&
+                                 rule.effect == YSelectionExplanation::Effect::Excludes;
+        if (isCutAtPath || (rule.decides && rule.effect != YSelectionExplanation::Effect::ReachesBelow))
             return rule.rule;
     }
     return std::nullopt;

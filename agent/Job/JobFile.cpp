@@ -76,8 +76,8 @@ std::vector<JobRule> RulesOf(const YObject& job, const RuleLines& lines)
             const YObject& object = value->AsObject();
             YSelectionDescriptor rule;
             rule.FromJSON(object.Get<YObject>("descriptor", Krt::MessageType::Runtime));
-            const YPath place(object.Get<YString>("path", Krt::MessageType::Runtime));
-            rules.push_back({{place, rule}, array, index, lines.Of(array, index)});
+            const YPath path(object.Get<YString>("path", Krt::MessageType::Runtime));
+            rules.push_back({{path, rule}, array, index, lines.Of(array, index)});
             ++index;
         }
     }
@@ -102,11 +102,11 @@ std::vector<JobRule> LoadRules(const std::string& jobFile)
 
 bool HasRule(const Backup::File::YSelectionManager& rules, const Backup::File::YSelectionPathDescriptor& rule)
 {
-    const auto place = rule.GetPath().PopulateComponents();
+    const auto components = rule.GetPath().PopulateComponents();
     return rules.VisitPathsAndDescriptors(
         rule.GetSelectionType(), rule.GetPath(),
         [&](const YPath& path, const YSelectionDescriptor& kept) {
-            return kept == rule && path.PopulateComponents() == place;
+            return kept == rule && path.PopulateComponents() == components;
         },
         false);
 }

@@ -21,7 +21,7 @@ struct JobRule
     std::size_t line = 0;   ///< of its first byte, counted from 1
 
     /// Returns a text such as "includes[2]".
-    std::string Place() const { return std::string(array) + "[" + std::to_string(index) + "]"; }
+    std::string Label() const { return std::string(array) + "[" + std::to_string(index) + "]"; }
 };
 
 /// The lines on which the rules of a job file begin.

@@ -73,13 +73,13 @@ bool MayBeDirectory(const YPath& path)
     return lstat(path.CStr(), &status) == 0 ? S_ISDIR(status.st_mode) : errno != ENOENT && errno != ENOTDIR;
 }
 
-ReviewFinding NoteOn(const std::set<YPath>& places, const std::string& fact)
+ReviewFinding NoteOn(const std::set<YPath>& paths, const std::string& fact)
 {
     std::string text;
     std::size_t count = 0;
-    for (const YPath& place : places) {
+    for (const YPath& path : paths) {
         if (++count <= MostDirectories)
-            text += (text.empty() ? "" : ", ") + Shown(place);
+            text += (text.empty() ? "" : ", ") + Shown(path);
     }
     if (count > MostDirectories)
         text += " and " + std::to_string(count - MostDirectories) + " further directories";
@@ -90,39 +90,38 @@ ReviewFinding NoteOn(const std::set<YPath>& places, const std::string& fact)
 // one entry is merely on the way to it.
 std::set<YPath> DirectoriesNotIncluded(const std::vector<JobRule>& rules, const YSelectionManager& selection)
 {
-    std::set<YPath> places;
+    std::set<YPath> directories;
     for (const JobRule& each : rules) {
-        const YPath& place = each.rule.GetPath();
+        const YPath& directory = each.rule.GetPath();
         if (each.rule.IsInclude() && !NamesOneEntry(each.rule) && !ComponentsOf(each.rule).empty() &&
-            MayBeDirectory(place) &&
-            selection.GetPathSelectionType(place) == YSelectionDescriptor::NotSelectedDoRecurse)
-            places.insert(place);
+            MayBeDirectory(directory) &&
+            selection.GetPathSelectionType(directory) == YSelectionDescriptor::NotSelectedDoRecurse)
+            directories.insert(directory);
     }
-    return places;
+    return directories;
 }
 
 std::set<YPath> PathsNotExamined(const std::vector<JobRule>& rules)
 {
-    std::set<YPath> places;
+    std::set<YPath> paths;
     for (const JobRule& each : rules) {
         struct stat status = {};
         if (each.rule.IsInclude() && lstat(each.rule.GetPath().CStr(), &status) != 0 && errno == EACCES)
-            places.insert(each.rule.GetPath());
+            paths.insert(each.rule.GetPath());
     }
-    return places;
+    return paths;
 }
 
 void AddNotes(const std::vector<JobRule>& rules, const YSelectionManager& selection,
               std::vector<ReviewFinding>& findings)
 {
-    if (const auto places = DirectoriesNotIncluded(rules, selection); !places.empty())
+    if (const auto directories = DirectoriesNotIncluded(rules, selection); !directories.empty())
         findings.push_back(
-            NoteOn(places, std::string(places.size() == 1 ? " is" : " are") +
-                               " stored only with an entry inside, since no rule includes the directory "
-                               "itself; 'kbagent job add FILE --directory PATH' includes it"));
-    if (const auto places = PathsNotExamined(rules); !places.empty())
-        findings.push_back(
-            NoteOn(places, " can't be examined by this user, so mistakes there are not found"));
+            NoteOn(directories, std::string(directories.size() == 1 ? " is" : " are") +
+                                    " stored only with an entry inside, since no rule includes the directory "
+                                    "itself; 'kbagent job add FILE --directory PATH' includes it"));
+    if (const auto paths = PathsNotExamined(rules); !paths.empty())
+        findings.push_back(NoteOn(paths, " can't be examined by this user, so mistakes there are not found"));
 }
 
 // Finds rules that have no effect, or another one than was probably meant.
@@ -163,7 +162,7 @@ private:
     {
         for (std::size_t i = 0; i < m_rules.size() && m_comparisons < MostComparisons; ++i, ++m_comparisons) {
             if (i != except && isFound(m_rules[i].rule))
-                return m_rules[i].Place() + " (line " + std::to_string(m_rules[i].line) + ")";
+                return m_rules[i].Label() + " (line " + std::to_string(m_rules[i].line) + ")";
         }
         return "another rule";
     }
@@ -200,8 +199,8 @@ private:
     void OfExclude(std::size_t index)
     {
         const YSelectionPathDescriptor& rule = m_rules[index].rule;
-        const auto place = ComponentsOf(rule);
-        if (!m_job.roots.empty() && !place.empty() && !m_job.rules.AnyIncludesApplyBelowPath(place)) {
+        const auto path = ComponentsOf(rule);
+        if (!m_job.roots.empty() && !path.empty() && !m_job.rules.AnyIncludesApplyBelowPath(path)) {
             Warn(index, "excludes nothing, because nothing in " + Shown(rule.GetPath()) + " is included");
             return;
         }
@@ -283,7 +282,7 @@ private:
 
     void Warn(std::size_t index, const std::string& text)
     {
-        m_findings.push_back({Level::Warning, m_rules[index].line, m_rules[index].Place(), text});
+        m_findings.push_back({Level::Warning, m_rules[index].line, m_rules[index].Label(), text});
     }
 
     const std::vector<JobRule>& m_rules;

@@ -21,7 +21,7 @@ struct ReviewFinding
     };
     Level level;
     std::size_t line = 0; ///< of the rule in the file; 0 if it is unknown
-    std::string place;    ///< of the rule, such as "includes[2]"; empty for none
+    std::string label;    ///< of the rule, such as "includes[2]"; empty for none
     std::string text;
 };
 

@@ -119,7 +119,7 @@ PatternRule RuleOfPattern(const std::string& text, bool ignoresCase, bool isRepo
     if (!pattern.isFromRoot && !pattern.names.empty())
         return Refused("rules match single names, not a name together with its directory" +
                        HintFor(pattern, text));
-    std::string place;
+    std::string path;
     for (const std::string& name : pattern.names) {
         const Names directory = NamesOf(name);
         if (directory.hasWildcard || directory.hasSet)
@@ -128,11 +128,11 @@ PatternRule RuleOfPattern(const std::string& text, bool ignoresCase, bool isRepo
             return Refused("the directory of a rule is always compared with upper and lower case");
         if (const std::string reason = ReasonAgainst(directory); !reason.empty())
             return Refused(reason);
-        place += "/" + directory.text;
+        path += "/" + directory.text;
     }
     const Descriptor descriptor(names.hasWildcard ? MatchType::Glob : MatchType::Exact, YString(names.text),
                                 !ignoresCase);
-    return {YSelectionPathDescriptor(Krt::File::YPath(YString(place.empty() ? "/" : place)), descriptor,
+    return {YSelectionPathDescriptor(Krt::File::YPath(YString(path.empty() ? "/" : path)), descriptor,
                                      isRecursive ? YSelectionDescriptor::Recursive
                                                  : YSelectionDescriptor::NonRecursive,
                                      YSelectionDescriptor::Exclude, isReported),
