@@ -14,6 +14,7 @@
 namespace Agent {
 
 using Krt::YString;
+using Krt::File::FileId;
 using Krt::File::YDirectory;
 using Krt::Util::CallSystem;
 
@@ -48,8 +49,8 @@ DumpTarget::DumpTarget(const std::string& path, Report& report) : m_report(repor
     bool exists = stat(m_path.c_str(), &existing) == 0;
     struct stat output
     {};
-    if (exists && fstat(STDOUT_FILENO, &output) == 0 && existing.st_dev == output.st_dev &&
-        existing.st_ino == output.st_ino) { // as with /dev/stdout: others may have written to it before
+    if (exists && fstat(STDOUT_FILENO, &output) == 0 && FileId(existing) == FileId(output)) {
+        // As with /dev/stdout: others may have written to it before.
         m_path.clear();
         return;
     }
@@ -92,7 +93,7 @@ void DumpTarget::Discard()
         if (m_directory && !m_temporary.IsEmpty())
             m_directory->RemoveFile(m_temporary);
         if (m_directory && m_created && m_directory->StatIfPresent(m_name, now) &&
-            Krt::File::FileId(now) == *m_created && now.st_size == 0)
+            FileId(now) == *m_created && now.st_size == 0)
             m_directory->RemoveFile(m_name);
     } catch (const Krt::Exception::YError&) {
         // the error that ended the dump is reported
@@ -109,7 +110,7 @@ struct stat DumpTarget::CreateLinked()
                                    })),
                                    "Failed to create file: " << m_path.c_str());
     const struct stat status = Krt::File::Stat(file);
-    m_created = Krt::File::FileId(status);
+    m_created = FileId(status);
     return status;
 }
 
