@@ -103,7 +103,8 @@ public:
     /// Entries for which `visits` returns false are left out, with all that is below them.
     void Restrict(std::function<bool(const Krt::File::YPath&)> visits) { m_visits = std::move(visits); }
     /// Entries are left out that the filter names, with all that is below them, except for those in `named`.
-    /// Both outlive the walker. No walk is left out because a mark is in the directory where it starts.
+    /// `filter` and `named` must outlive the walker. No walk is left out because a mark is in the directory
+    /// where it starts.
     void Filter(const EntryFilter& filter, const std::set<Krt::File::YPath>& named);
     /// Walks every root. Entries of a directory are visited in the order of the bytes of their names, and a
     /// directory precedes its entries, also if they are visited by several walks.
