@@ -66,6 +66,7 @@ struct World
 
 /// Adds each forest's rules to a tree and to a list, and compares their rules and their answers. The tree
 /// must not have superfluous nodes. Every second tree logs what it prunes, which must be in the list's order.
+/// Every eighth tree is asked again while it logs its queries, which then skip less.
 /// The seed is the value of the environment variable SELECTION_SEED, or random. SELECTION_ROUNDS multiplies
 /// the number of forests; it may be a fraction.
 void CompareWithThePlainList(const World& world);
