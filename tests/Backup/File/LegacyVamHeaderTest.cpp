@@ -41,25 +41,6 @@ std::string Changed(Header header, Change change)
     return header.Bytes();
 }
 
-struct Failure
-{
-    const char* name;
-    std::string header;
-    const char* function;
-    std::string text;
-    unsigned int channel = MessageType::General;
-};
-
-template <class Convert>
-void ExpectFailures(Convert convert, const std::vector<Failure>& rows)
-{
-    for (const Failure& row : rows) {
-        SCOPED_TRACE(row.name);
-        EXPECT_RAISES_ON(convert(row.header), row.channel, ErrorCode::InvalidArgument, row.function,
-                         row.text);
-    }
-}
-
 } // namespace
 
 TEST(LegacyGolden, EveryHeaderBecomesModernRecord)
@@ -128,51 +109,6 @@ TEST(LegacyUnixHeader, OwnFieldsOverrideMode)
     expect(0040755, 0, 1, {link("1", "0"), directory("1", "1")});
 }
 
-TEST(LegacyUnixHeader, DamageRaises)
-{
-    constexpr const char* Convert = "PopulateFromLegacyUnixMetadata";
-    const std::string name =
-        "Legacy unix file header parsing error: end of buffer reached while parsing filename";
-    LegacyUnixHeader plain = SampleUnixFile();
-    plain.extendedAttributes.clear();
-    const std::string file = plain.Bytes();
-    const std::string link = SampleUnixLink().Bytes();
-    const auto section = [&](const std::string& bytes) {
-        return Changed(plain, [&](auto& header) { header.trailing = bytes; });
-    };
-    const std::vector<Failure> rows = {
-        {"no base header", file.substr(0, 19), Convert,
-         "Invalid legacy metadata: Buffer too small to contain a BASE_HDR"},
-        {"another type", Changed(plain, [](auto& header) { header.type = 7; }).substr(0, 20), Convert,
-         "Invalid legacy unix metadata: Expected type 1179995736 but actual type is 7"},
-        {"no file header", file.substr(0, 77), Convert,
-         "Invalid legacy unix metadata: Buffer too small to contain a UNIX_FILE_HDR"},
-        {"no byte of a name, first limit", file.substr(0, 78), "Cast", ""},
-        {"no byte of a name, last", file.substr(0, 81), "Cast", ""},
-        {"an empty list", Changed(plain, [](auto& header) { header.endOfNames = 0x51; }), Convert,
-         "Legacy unix file header does not contain any file paths"},
-        {"a path without an end", file.substr(0, file.size() - 1), Convert, name},
-        {"a target without an end", link.substr(0, 0x54), Convert, name},
-        {"a target as long as the list",
-         Changed(SampleUnixLink(), [](auto& header) { header.endOfNames = 0x54; }), Convert, name},
-        {"a link without a path", link.substr(0, 0x55), Convert, name},
-        {"a link's path without an end", link.substr(0, link.size() - 1), Convert, name},
-        {"attributes after the buffer",
-         Changed(plain, [](auto& header) { header.attributesOffset = 0xFFFFFFFF; }), "RawOffset", ""},
-        {"a record of no length", section(LegacyAttributeRecord("a", "b", 0)), "Initialize", "",
-         MessageType::Runtime},
-        {"a record past the end", section(LegacyAttributeRecord("a", "b", 100)), "Initialize",
-         "Current offset 100 total data 10"},
-        {"a length that would wrap around", section(LegacyAttributeRecord("a", "b", 0xFFFFFFFF)),
-         "Initialize", "Current offset 4294967295 total data 10"},
-        {"a record shorter than its head", section("\x02\0"s), "RawOffset", ""},
-        {"a name past the buffer", section(LegacyAttributeRecord("a", "b", {}, 1000)), "RawOffset", ""},
-        {"a name past its record",
-         section(LegacyAttributeRecord("a", "b", {}, 3) + LegacyAttributeRecord("c", "d")), "RawOffset", ""},
-    };
-    ExpectFailures([](const auto& header) { ConvertUnix(header); }, rows);
-}
-
 TEST(LegacyUnixHeader, EndBeforeNamesIsIgnored)
 {
     const auto early = [](auto& header) {
@@ -204,35 +140,87 @@ TEST(LegacyWindowsHeader, ListEndsAtLineFeedOrEnd)
     }
 }
 
-TEST(LegacyWindowsHeader, DamageRaises)
+TEST(LegacyHeader, DamageRaises)
 {
-    constexpr const char* Convert = "PopulateFromLegacyWindowsMetadata";
-    const std::string name =
+    constexpr const char* Unix = "PopulateFromLegacyUnixMetadata";
+    constexpr const char* Windows = "PopulateFromLegacyWindowsMetadata";
+    const std::string unixName =
+        "Legacy unix file header parsing error: end of buffer reached while parsing filename";
+    const std::string windowsName =
         "Legacy windows file header parsing error: end of buffer reached while parsing filename";
-    const std::string none = "Legacy windows file header does not contain any file paths";
-    const std::string file = SampleWindowsFile(OnePath, 1).Bytes();
-    const auto ending = [](unsigned int end) {
-        return Changed(SampleWindowsFile(OnePath, 1), [=](auto& header) { header.endOfNames = end; });
+    LegacyUnixHeader plain = SampleUnixFile();
+    plain.extendedAttributes.clear();
+    const std::string unixFile = plain.Bytes(), link = SampleUnixLink().Bytes();
+    const std::string windowsFile = SampleWindowsFile(OnePath, 1).Bytes();
+    const auto ending = [](auto header, unsigned int end) {
+        header.endOfNames = end;
+        return header.Bytes();
     };
-    const std::vector<Failure> rows = {
-        {"no base header", file.substr(0, 19), Convert,
+    const auto section = [&](const std::string& bytes) {
+        return Changed(plain, [&](auto& header) { header.trailing = bytes; });
+    };
+    struct Row
+    {
+        const char* name;
+        const char* type;
+        std::string header;
+        const char* function;
+        std::string text;
+        unsigned int channel = MessageType::General;
+    };
+    const std::vector<Row> rows = {
+        {"no base header", "unix", unixFile.substr(0, 19), Unix,
          "Invalid legacy metadata: Buffer too small to contain a BASE_HDR"},
-        {"another type", SampleUnixFile().Bytes(), Convert,
+        {"another type", "unix", windowsFile.substr(0, 20), Unix,
+         "Invalid legacy unix metadata: Expected type 1179995736 but actual type is 1093874483"},
+        {"no file header", "unix", unixFile.substr(0, 77), Unix,
+         "Invalid legacy unix metadata: Buffer too small to contain a UNIX_FILE_HDR"},
+        {"no byte of a name, first limit", "unix", unixFile.substr(0, 78), "Cast", ""},
+        {"no byte of a name, last", "unix", unixFile.substr(0, 81), "Cast", ""},
+        {"an empty list", "unix", ending(plain, 0x51), Unix,
+         "Legacy unix file header does not contain any file paths"},
+        {"a path without an end", "unix", unixFile.substr(0, unixFile.size() - 1), Unix, unixName},
+        {"a target without an end", "unix", link.substr(0, 0x54), Unix, unixName},
+        {"a target as long as the list", "unix", ending(SampleUnixLink(), 0x54), Unix, unixName},
+        {"a link without a path", "unix", link.substr(0, 0x55), Unix, unixName},
+        {"a link's path without an end", "unix", link.substr(0, link.size() - 1), Unix, unixName},
+        {"attributes after the buffer", "unix",
+         Changed(plain, [](auto& header) { header.attributesOffset = 0xFFFFFFFF; }), "RawOffset", ""},
+        {"a record of no length", "unix", section(LegacyAttributeRecord("a", "b", 0)), "Initialize", "",
+         MessageType::Runtime},
+        {"a record past the end", "unix", section(LegacyAttributeRecord("a", "b", 100)), "Initialize",
+         "Current offset 100 total data 10"},
+        {"a length that would wrap around", "unix", section(LegacyAttributeRecord("a", "b", 0xFFFFFFFF)),
+         "Initialize", "Current offset 4294967295 total data 10"},
+        {"a record shorter than its head", "unix", section("\x02\0"s), "RawOffset", ""},
+        {"a name past the buffer", "unix", section(LegacyAttributeRecord("a", "b", {}, 1000)), "RawOffset",
+         ""},
+        {"a name past its record", "unix",
+         section(LegacyAttributeRecord("a", "b", {}, 3) + LegacyAttributeRecord("c", "d")), "RawOffset", ""},
+        {"another type", "win", unixFile, Windows,
          "Invalid legacy windows metadata: Expected type 1093874483 but actual type is 1179995736"},
-        {"no file header", file.substr(0, 135), Convert,
+        {"no file header", "win", windowsFile.substr(0, 135), Windows,
          "Invalid legacy windows metadata: Buffer too small to contain a WINDOWS_FILE_HDR"},
-        {"no unit of a name, first limit", file.substr(0, 136), "Cast", ""},
-        {"no unit of a name, last", file.substr(0, 139), "Cast", ""},
-        {"not one whole unit", ending(0x8B), Convert, none},
-        {"an entry as long as the list", ending(0x88 + 4 * 3), Convert, name},
-        {"an entry without an end", file.substr(0, 0x88 + 4 * 3), Convert, name},
-        {"a list after the buffer", ending(0xFFFFFFFF), Convert, name},
-        {"too few paths", SampleWindowsFile(OnePath, 2).Bytes(), Convert,
+        {"no unit of a name, first limit", "win", windowsFile.substr(0, 136), "Cast", ""},
+        {"no unit of a name, last", "win", windowsFile.substr(0, 139), "Cast", ""},
+        {"not one whole unit", "win", ending(SampleWindowsFile(OnePath, 1), 0x8B), Windows,
+         "Legacy windows file header does not contain any file paths"},
+        {"an entry as long as the list", "win", ending(SampleWindowsFile(OnePath, 1), 0x88 + 4 * 3), Windows,
+         windowsName},
+        {"an entry without an end", "win", windowsFile.substr(0, 0x88 + 4 * 3), Windows, windowsName},
+        {"a list after the buffer", "win", ending(SampleWindowsFile(OnePath, 1), 0xFFFFFFFF), Windows,
+         windowsName},
+        {"too few paths", "win", SampleWindowsFile(OnePath, 2).Bytes(), Windows,
          "Legacy windows file metadata parsing error. Expected 2 paths but found 1"},
-        {"too many paths", SampleWindowsFile(TwoPaths, 1).Bytes(), Convert,
+        {"too many paths", "win", SampleWindowsFile(TwoPaths, 1).Bytes(), Windows,
          "Legacy windows file metadata parsing error. Expected 1 paths but found 2"},
     };
-    ExpectFailures([](const auto& header) { ConvertWindows(header); }, rows);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.type) + ": " + row.name);
+        EXPECT_RAISES_ON(
+            YMetadataBase::ConstructFromJson(LegacyDocument(row.type, row.header), RecordingMapper()),
+            row.channel, ErrorCode::InvalidArgument, row.function, row.text);
+    }
     EXPECT_RAISES(ConvertWindows(SampleWindowsFile(L"a\xDC00z\0\r"s, 1).Bytes()), ErrorCode::InvalidUtf16,
                   "Convert", "Invalid UTF-16 Sequence 56320");
 }

@@ -1,4 +1,3 @@
-#include "testing/Printed.h"
 #include "testing/Raises.h"
 #include "testing/SelectionText.h"
 
@@ -153,14 +152,6 @@ TEST(YSelectionDescriptor, DocumentKeepsEveryField)
     json.Set<YString>("recursion_type", "recursive");
     rule.FromJSON(json);
     EXPECT_EQ(Testing::Words(rule.GetPath(), rule), "include /a recursive any");
-}
-
-TEST(YSelectionDescriptor, PrintsAllFields)
-{
-    const YSelectionPathDescriptor rule = Rule("silent /a recursive glob=*.o");
-    EXPECT_EQ(Testing::Printed(rule), "path: /a descriptor: " + Testing::Printed(rule.GetDescriptor()) +
-                                          ", m_recursionType: recursive, m_selectionType: exclude"
-                                          ", m_reportExclude: 0, m_explicitSelection: 0");
 }
 
 } // namespace

@@ -399,13 +399,17 @@ TEST(YSelectionManagerVisit, RulesOfPathAreCopied)
 
 TEST(YSelectionManagerVisit, EveryNodeIsPrinted)
 {
-    std::string text = Printed(Tree("include /a exact=b; include /a exact=c"));
+    std::string text = Printed(Tree("include /a exact=b; include /a exact=c; silent /a recursive glob=*.o"));
     text = std::regex_replace(text, std::regex("address: [0-9a-f]+"), "address: N");
     text = std::regex_replace(text, std::regex("parent: [1-9a-f][0-9a-f]+"), "parent: N");
-    text = std::regex_replace(text, std::regex("descriptor: .*?, m_explicitSelection: 0"), "RULE");
+    text = std::regex_replace(text, std::regex("descriptor: .*?Type: include, .*?Selection: 0"), "RULE");
     EXPECT_EQ(text,
               "name: \"\"\n node address: N\n path: \"/\n parent: 0\n includes: \n excludes: \n"
-              "name: \"a\"\n node address: N\n path: \"/a\n parent: N\n includes: RULE, RULE\n excludes: \n");
+              "name: \"a\"\n node address: N\n path: \"/a\n parent: N\n includes: RULE, RULE\n excludes: "
+              "descriptor: " +
+                  Printed(Krt::Match::GlobDescriptor("*.o", true)) +
+                  ", m_recursionType: recursive, m_selectionType: exclude"
+                  ", m_reportExclude: 0, m_explicitSelection: 0\n");
 }
 
 } // namespace
