@@ -17,6 +17,10 @@ namespace {
 // A header has 32 bits for the length of a blob, and zstd may add some bytes to it.
 constexpr std::size_t LargestTree = UINT32_MAX - (64 << 20);
 
+// The text of a tree around its nodes.
+constexpr std::string_view TreeBegin = "{\"nodes\":[";
+constexpr std::string_view TreeEnd = "]}\n";
+
 } // namespace
 
 Change ChangeSince(const std::string& before, const std::string& after)
@@ -44,11 +48,18 @@ std::string DirectoryBuild::GetPath() const
     return path;
 }
 
-void DirectoryBuild::SetNode(Node node, std::string before, std::optional<Repo::Id> soundTree)
+void DirectoryBuild::SetNode(Node node, std::string before)
 {
     m_node = std::move(node);
     m_before = std::move(before);
-    m_soundTree = soundTree;
+}
+
+void DirectoryBuild::SetTreeBefore(LoadedTree tree)
+{
+    m_treeBefore = tree.id;
+    m_alike = TreeBegin.size();
+    if (Repo::AsText(*tree.text).starts_with(TreeBegin))
+        m_textBefore = std::move(tree.text);
 }
 
 void DirectoryBuild::Announce()
@@ -60,24 +71,25 @@ void DirectoryBuild::Announce()
 
 void DirectoryBuild::Add(std::shared_ptr<DirectoryBuild> directory, const Node& node)
 {
-    directory->Put(node);
+    std::string text;
+    Repo::AppendNode(node, text);
+    directory->Put(node.name, text);
     Drop(std::move(directory));
 }
 
 void DirectoryBuild::AddText(const std::string& name, std::string_view text)
 {
-    const AnnotatedLock lock(m_mutex);
     m_hasEntries = true;
-    m_entries.push_back({name, m_text.size(), text.size()});
-    m_text += text;
+    Put(name, text);
 }
 
 // A loop, since the last entry of a directory completes the directory, which may be the last one itself.
 void DirectoryBuild::Drop(std::shared_ptr<DirectoryBuild> directory)
 {
     while (directory != nullptr && directory->Release()) {
-        if (directory->Complete() && directory->m_above != nullptr)
-            directory->m_above->Put(directory->m_node);
+        const std::optional<std::string> text = directory->Complete();
+        if (text && directory->m_above != nullptr)
+            directory->m_above->Put(directory->m_node.name, *text);
         directory = directory->m_above;
     }
 }
@@ -88,12 +100,44 @@ std::optional<Repo::Id> DirectoryBuild::GetTree() const
     return m_tree;
 }
 
-void DirectoryBuild::Put(const Node& node)
+void DirectoryBuild::Put(const std::string& name, std::string_view text)
 {
     const AnnotatedLock lock(m_mutex);
-    const std::size_t begin = m_text.size();
-    Repo::AppendNode(node, m_text);
-    m_entries.push_back({node.name, begin, m_text.size() - begin});
+    if (IsNextOfTreeBefore(name, text)) {
+        m_alike += m_entries.empty() ? 0 : 1; // the comma
+        m_entries.push_back({name, m_alike, text.size()});
+        m_alike += text.size();
+        return;
+    }
+    CopyAlike();
+    m_entries.push_back({name, m_text.size(), text.size()});
+    m_text += text;
+}
+
+// Returns true if the text of the tree before goes on with this node.
+bool DirectoryBuild::IsNextOfTreeBefore(const std::string& name, std::string_view text) const
+{
+    if (!m_textBefore)
+        return false;
+    const std::string_view rest = Repo::AsText(*m_textBefore).substr(m_alike);
+    if (m_entries.empty())
+        return rest.starts_with(text);
+    return m_entries.back().name < name && rest.starts_with(',') && rest.substr(1).starts_with(text);
+}
+
+// Copies the nodes that are those of the tree before, since others follow.
+void DirectoryBuild::CopyAlike()
+{
+    if (!m_textBefore)
+        return;
+    m_text = Repo::AsText(*m_textBefore).substr(0, m_alike);
+    m_textBefore.reset();
+}
+
+// Returns true if the nodes make the tree before, byte by byte.
+bool DirectoryBuild::IsTreeBefore() const
+{
+    return m_textBefore && Repo::AsText(*m_textBefore).substr(m_alike) == TreeEnd;
 }
 
 // Returns true if nothing is pending any more.
@@ -103,23 +147,23 @@ bool DirectoryBuild::Release()
     return --m_pending == 0;
 }
 
-// Stores the tree. Returns false if the directory is not part of the snapshot.
-bool DirectoryBuild::Complete()
+// Stores the tree. Returns the JSON text of the directory's node, "" for the root; nothing if the directory
+// is not part of the snapshot.
+std::optional<std::string> DirectoryBuild::Complete()
 {
     if (m_entries.empty() && (m_needsEntries || m_above == nullptr))
-        return false;
+        return std::nullopt;
     if (m_text.size() + m_entries.size() > LargestTree) {
         m_context.onFailed(GetPath(),
                            "The directory has too many entries for the format: its tree would have " +
                                ShortSize(m_text.size()));
-        return false;
+        return std::nullopt;
     }
-    const std::string tree = MakeTree();
-    const StoredBlob stored = m_context.store(Repo::AsBytes(tree), m_soundTree);
+    const StoredBlob stored = StoreTree();
     if (m_above == nullptr) {
         const AnnotatedLock lock(m_mutex);
         m_tree = stored.id;
-        return true;
+        return "";
     }
     m_node.subtree = stored.id;
     std::string after;
@@ -129,7 +173,19 @@ bool DirectoryBuild::Complete()
     if (m_context.onStored)
         m_context.onStored(
             {GetPath() + "/", change, SecondsSince(m_begin), 0, 0, stored.added, stored.packed});
-    return true;
+    return after;
+}
+
+// Stores the tree. The memory of the nodes is freed.
+StoredBlob DirectoryBuild::StoreTree()
+{
+    if (IsTreeBefore()) {
+        m_entries = {};
+        return m_context.keep(*m_treeBefore, *std::exchange(m_textBefore, nullptr));
+    }
+    CopyAlike();
+    const std::string tree = MakeTree();
+    return m_context.store(Repo::AsBytes(tree), m_treeBefore);
 }
 
 // The tree's JSON text. The memory of the nodes is freed.
@@ -142,7 +198,7 @@ std::string DirectoryBuild::MakeTree()
         std::sort(m_entries.begin(), m_entries.end(), byName);
     std::string tree;
     tree.reserve(m_text.size() + m_entries.size() + 16);
-    tree += "{\"nodes\":[";
+    tree += TreeBegin;
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
         const Entry& entry = m_entries[i];
         if (i != 0 && entry.name == m_entries[i - 1].name) {
@@ -152,7 +208,7 @@ std::string DirectoryBuild::MakeTree()
         tree += i == 0 ? "" : ",";
         tree.append(m_text, entry.begin, entry.size);
     }
-    tree += "]}\n";
+    tree += TreeEnd;
     m_text = {};
     m_entries = {};
     return tree;

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "agent/Backup/ContentPool.h"
+#include "agent/Backup/ParentTree.h"
 #include "agent/Repository/Node.h"
 
 #include "Krt/Thread/ThreadSafety.h"
@@ -66,6 +67,8 @@ struct BuildContext
     /// Stores a tree. `sound` is one that this run has read from the repository, if any. Otherwise as
     /// BlobStore.
     std::function<StoredBlob(Repo::ByteView text, const std::optional<Repo::Id>& sound)> store;
+    /// As `store`, for a tree that this run has read from the repository.
+    std::function<StoredBlob(const Repo::Id& tree, Repo::ByteView text)> keep;
     std::function<void(const std::string& path, const std::string& reason)> onFailed; ///< any thread
     std::function<void(StoredItem item)> onStored; ///< any thread; null if no entry is reported
     ChangeCounts directories;
@@ -81,8 +84,9 @@ public:
     std::string GetPath() const;
     const std::shared_ptr<DirectoryBuild>& GetAbove() const { return m_above; }
     /// The directory's own node without its tree, and that of the parent snapshot as JSON text, or "".
-    /// `soundTree` is the tree of the latter if it was read.
-    void SetNode(Repo::Node node, std::string before, std::optional<Repo::Id> soundTree = {});
+    void SetNode(Repo::Node node, std::string before);
+    /// The tree that the directory has in the parent snapshot. Called by the walk, before any entry.
+    void SetTreeBefore(LoadedTree tree);
     /// The directory is stored only if it has an entry. Otherwise it is stored in any case.
     void SetNeedsEntries() { m_needsEntries = true; }
     /// Called by the walk. Number of entries that were added, or will be.
@@ -106,13 +110,17 @@ private:
     struct Entry
     {
         std::string name;
-        std::size_t begin; // of the node in m_text
+        std::size_t begin; // of the node in m_text, or in the tree before
         std::size_t size;
     };
 
-    void Put(const Repo::Node& node);
+    void Put(const std::string& name, std::string_view text);
+    bool IsNextOfTreeBefore(const std::string& name, std::string_view text) const;
+    void CopyAlike();
+    bool IsTreeBefore() const;
     bool Release();
-    bool Complete();
+    std::optional<std::string> Complete();
+    StoredBlob StoreTree();
     std::string MakeTree();
 
     BuildContext& m_context;
@@ -121,7 +129,7 @@ private:
     const std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
     Repo::Node m_node;
     std::string m_before;
-    std::optional<Repo::Id> m_soundTree;
+    std::optional<Repo::Id> m_treeBefore;
     std::atomic<bool> m_needsEntries{false};
     std::atomic<bool> m_hasEntries{false};
 
@@ -130,8 +138,10 @@ private:
     std::optional<Repo::Id> m_tree KRT_GUARDED_BY(m_mutex);
     // Guarded by the mutex until nothing is pending; then only the thread that completes the directory uses
     // them.
-    std::string m_text; // the nodes that were added
+    std::string m_text; // the nodes that were added; empty while they are those of the tree before
     std::vector<Entry> m_entries;
+    std::shared_ptr<const Repo::Bytes> m_textBefore; // of the tree before; null once a node differs
+    std::size_t m_alike = 0;                         // bytes of it that the nodes make so far
 };
 
 } // namespace Agent

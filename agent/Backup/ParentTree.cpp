@@ -4,17 +4,17 @@ namespace Agent {
 
 namespace {
 
-Repo::Bytes LoadTree(const Repo::Repository& repository, const Repo::Id& tree)
+LoadedTree LoadTree(const Repo::Repository& repository, const Repo::Id& tree)
 {
-    Repo::Bytes text;
-    repository.LoadBlob({Repo::BlobType::Tree, tree}, text);
-    return text;
+    const auto text = std::make_shared<Repo::Bytes>();
+    repository.LoadBlob({Repo::BlobType::Tree, tree}, *text);
+    return {tree, text};
 }
 
 } // namespace
 
 ParentTree::ParentTree(const Repo::Repository& repository, const Repo::Id& tree)
-    : m_text(LoadTree(repository, tree)), m_reader(Repo::AsText(m_text), Repo::UnknownMembers::Keep)
+    : m_tree(LoadTree(repository, tree)), m_reader(Repo::AsText(*m_tree.text), Repo::UnknownMembers::Keep)
 {}
 
 Repo::Node* ParentTree::Find(const std::string& name)

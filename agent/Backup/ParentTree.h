@@ -4,9 +4,16 @@
 
 #include "agent/Repository/Repository.h"
 
-#include <optional>
+#include <memory>
 
 namespace Agent {
+
+/// A tree that was read from the repository.
+struct LoadedTree
+{
+    Repo::Id id;
+    std::shared_ptr<const Repo::Bytes> text;
+};
 
 /// One thread at a time.
 class ParentTree
@@ -20,9 +27,11 @@ public:
     Repo::Node* Find(const std::string& name);
     /// The JSON text of the entry that Find has returned.
     std::string_view GetText() const { return m_reader.GetNodeText(); }
+    /// The whole tree.
+    const LoadedTree& GetTree() const { return m_tree; }
 
 private:
-    Repo::Bytes m_text;
+    LoadedTree m_tree;
     Repo::TreeReader m_reader;
     Repo::Node m_node;
     bool m_isAtNode = false;

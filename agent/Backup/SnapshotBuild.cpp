@@ -39,6 +39,10 @@ SnapshotBuild::SnapshotBuild(const Repo::Repository& repository, Repo::BlobSaver
       m_lastTick(std::chrono::steady_clock::now()),
       m_context{.store = [this](Repo::ByteView text,
                                 const std::optional<Id>& sound) { return StoreTree(text, sound); },
+                .keep =
+                    [this](const Id& tree, Repo::ByteView text) {
+                        return StoreBlob({BlobType::Tree, tree}, text);
+                    },
                 .onFailed = [this](const std::string& path,
                                    const std::string& reason) { Post(path, reason, true); },
                 .onStored = {},

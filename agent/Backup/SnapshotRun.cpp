@@ -112,9 +112,9 @@ SnapshotRun::SnapshotRun(const Repo::Repository& repository, Repo::BlobSaver& sa
       m_trustedBefore(TrustedBefore(m_options.parent)),
       m_trustsAttributes(SawAllAttributes(m_options.parent)), m_build(repository, saver, report, m_options)
 {
-    m_visited.push_back({m_build.GetRoot(), "", nullptr});
+    m_visited.push_back({m_build.GetRoot(), "", {}, nullptr});
     if (m_options.parent)
-        m_visited.back().before = LoadBefore("", m_options.parent->tree);
+        LoadBefore(m_visited.back(), m_options.parent->tree);
 }
 
 SnapshotRun::~SnapshotRun() = default;
@@ -368,17 +368,17 @@ CapturedEntry SnapshotRun::Capture(const YDirectory& parent, const YString& name
     return captured;
 }
 
-// Loads a tree of the parent; null if it can't be used.
-std::unique_ptr<ParentTree> SnapshotRun::LoadBefore(const std::string& path, const Id& tree)
+// Loads the tree that the directory has in the parent, if it can be used.
+void SnapshotRun::LoadBefore(VisitedDirectory& visited, const Id& tree)
 {
     try {
-        return std::make_unique<ParentTree>(m_repository, tree);
+        visited.before = std::make_unique<ParentTree>(m_repository, tree);
+        visited.build->SetTreeBefore(visited.before->GetTree());
     } catch (const Repo::RepositoryError& error) {
         RaiseIfInterrupted();
         if (!m_repository.GetIndex().Has({Repo::BlobType::Tree, tree}))
             m_build.NoteLackingIndex();
-        m_build.PostLoss(path, "the parent's tree can't be used: " + ReasonOf(error).Bytes());
-        return nullptr;
+        m_build.PostLoss(visited.path, "the parent's tree can't be used: " + ReasonOf(error).Bytes());
     }
 }
 
@@ -391,9 +391,8 @@ void SnapshotRun::Push(Node node, const Node* before, bool needsEntries)
     if (needsEntries)
         visited.build->SetNeedsEntries();
     if (before != nullptr && before->type == NodeType::Directory && before->subtree)
-        visited.before = LoadBefore(visited.path, *before->subtree);
-    visited.build->SetNode(std::move(node), before == nullptr ? "" : TextOf(*before),
-                           visited.before ? before->subtree : std::nullopt);
+        LoadBefore(visited, *before->subtree);
+    visited.build->SetNode(std::move(node), before == nullptr ? "" : TextOf(*before));
     m_visited.push_back(std::move(visited));
 }
 

@@ -69,7 +69,7 @@ private:
     void EnterUnselected(const std::string& name);
     CapturedEntry Capture(const Krt::File::YDirectory& parent, const Krt::YString& name,
                           const Krt::File::YPath& path, const struct stat& status);
-    std::unique_ptr<ParentTree> LoadBefore(const std::string& path, const Repo::Id& tree);
+    void LoadBefore(VisitedDirectory& visited, const Repo::Id& tree);
     void Push(Repo::Node node, const Repo::Node* before, bool needsEntries);
     void Pop();
     Repo::Node* FindBefore(VisitedDirectory& visited, const std::string& name);

@@ -195,7 +195,8 @@ TEST_F(RepositoryBackupTest, RandomTreesAreThoseOfRestic)
 
 TEST_F(RepositoryBackupTest, WhatDidNotChangeIsNotRead)
 {
-    MakeTree(source, {Dir("d"), File("d/f", "12"), File("g", "g")});
+    MakeTree(source, {File("a", "a"), Dir("b"), File("b/x", "x"), Dir("b/y"), Dir("d"), File("d/f", "12"),
+                      File("g", "g")});
     BackUp(0, {"s"});
     const auto rewrite = [&](const std::string& content) {
         const struct stat before = StatusOf(source + "/d/f");
@@ -230,7 +231,12 @@ TEST_F(RepositoryBackupTest, WhatDidNotChangeIsNotRead)
     chmod((source + "/g").c_str(), 0640);
     const json::object changed = BackUp(0, {"s", "--parent", parent});
     EXPECT_EQ(changed.at("files_changed"), 2);
-    EXPECT_EQ(Find(source + "/g", std::string(changed.at("snapshot_id").as_string())).mode, 0640u);
+    const std::string changedId(changed.at("snapshot_id").as_string());
+    EXPECT_EQ(Find(source + "/g", changedId).mode, 0640u);
+    // What is taken over from the parent makes the trees of a run that reads all.
+    const json::object whole = BackUp(0, {"s", "--force"});
+    EXPECT_EQ(Find("/", changedId).subtree,
+              Find("/", std::string(whole.at("snapshot_id").as_string())).subtree);
 }
 
 TEST_F(RepositoryBackupTest, SeveralPathsAreOneTree)
