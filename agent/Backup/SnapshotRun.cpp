@@ -71,10 +71,13 @@ YPath PathOf(const std::string& path)
     return YPath(YString(path.empty() ? "/" : path));
 }
 
-bool MayEnter(const WalkedEntry& directory)
+// `device` is that of the directory, and `above` that of the directory above. If they are equal, the
+// directory is not a mount point, so that the policy lets the walk enter it.
+bool MayEnter(const WalkedEntry& directory, dev_t device, std::optional<std::uint64_t> above)
 {
-    return !directory.IsBoundary() && Backup::File::IsFollowableDirectoryFromKrtAttributes(
-                                          directory.path, Krt::File::AttributeDirectory);
+    return !directory.IsBoundary() &&
+           (device == above || Backup::File::IsFollowableDirectoryFromKrtAttributes(
+                                   directory.path, Krt::File::AttributeDirectory));
 }
 
 // Counts an entry that is left out. One that can't be examined is not counted, which is not a failure.
@@ -103,6 +106,7 @@ struct SnapshotRun::VisitedDirectory
 {
     std::shared_ptr<DirectoryBuild> build;
     std::string path;
+    std::optional<std::uint64_t> device; // unknown for the root of the snapshot
     std::unique_ptr<ParentTree> before;
 };
 
@@ -140,7 +144,7 @@ bool SnapshotRun::OnSelected(const WalkedEntry& entry)
         Node node = *before;
         m_capture.Renew(status, node);
         node.subtree.reset();
-        const bool mayEnter = MayEnter(entry);
+        const bool mayEnter = MayEnter(entry, status.st_dev, visited.device);
         Push(std::move(node), before, false);
         return mayEnter;
     }
@@ -150,7 +154,8 @@ bool SnapshotRun::OnSelected(const WalkedEntry& entry)
         ++m_sockets;
         return false;
     }
-    const bool mayEnter = captured.node.type == NodeType::Directory && MayEnter(entry);
+    const bool mayEnter =
+        captured.node.type == NodeType::Directory && MayEnter(entry, captured.status.st_dev, visited.device);
     if (captured.node.type == NodeType::Directory) {
         Push(std::move(captured.node), before, false);
     } else if (captured.node.type != NodeType::File) {
@@ -388,6 +393,7 @@ void SnapshotRun::Push(Node node, const Node* before, bool needsEntries)
     VisitedDirectory visited;
     visited.build = m_build.AddDirectory(above.build, node.name);
     visited.path = above.path + "/" + node.name;
+    visited.device = node.deviceId;
     if (needsEntries)
         visited.build->SetNeedsEntries();
     if (before != nullptr && before->type == NodeType::Directory && before->subtree)
