@@ -55,11 +55,6 @@ EntryMaker::EntryMaker(YDirectory target, Report& report)
 std::optional<FileId> EntryMaker::Make(const NewEntry& entry)
 {
     const YDirectory& parent = m_tree.ParentOf(entry.location);
-    struct stat existing
-    {};
-    if (parent.StatIfPresent(entry.location.back(), existing))
-        KRT_RAISE_UNLESS(!S_ISDIR(existing.st_mode), ErrorCode::InvalidState,
-                         "There is a directory at its path");
     const YDirectory* workplace = &parent;
     bool isMoved = false;
     const Krt::Util::YScope cleanUp([&] {
@@ -77,7 +72,7 @@ std::optional<FileId> EntryMaker::Make(const NewEntry& entry)
         if (entry.hasOtherNames)
             made = FileId(workplace->Stat(m_temporary));
     }
-    workplace->Rename(m_temporary, parent, entry.location.back());
+    workplace->Rename(m_temporary, parent, entry.location.back()); // a directory is not replaced
     isMoved = true;
     if (isLinked)
         RemoveTemporary(parent);

@@ -98,13 +98,13 @@ void ItemWriter::Make(RestoreItem& item, FileBlobs& blobs)
                      "A reparse point is not restored: its record does not contain its target");
     KRT_RAISE_UNLESS(item.recorded.type != S_IFLNK || !item.linkTarget.empty(), ErrorCode::InvalidState,
                      "The snapshot has no target for the symlink");
-    MakeRoom(item);
+    const std::optional<struct stat> existing = MakeRoom(item);
     if (item.action == Action::Skip)
         return;
     if (item.recorded.type == S_IFDIR)
-        MakeDirectory(item);
+        MakeDirectory(item, existing);
     else {
-        PlanUnseen(item);
+        PlanUnseen(item, existing);
         if (!KeepUnchanged(item))
             MakeOther(item, blobs);
     }
@@ -120,23 +120,24 @@ const YDirectory* ItemWriter::ParentOf(const RestoreItem& item)
 
 // A directory and an entry of another type don't replace each other, unless --delete removes what exists.
 // What the user wants to keep is skipped: the planner did not see it if its directory was not readable, or if
-// it is new.
-void ItemWriter::MakeRoom(RestoreItem& item)
+// it is new. Returns the status of what exists then.
+std::optional<struct stat> ItemWriter::MakeRoom(RestoreItem& item)
 {
     const YDirectory* const parent = ParentOf(item);
     const YString& name = item.location.back();
     struct stat existing
     {};
     if (parent == nullptr || !parent->StatIfPresent(name, existing))
-        return;
+        return std::nullopt;
     if (!S_ISDIR(existing.st_mode) && item.recorded.type != S_IFDIR &&
         IsKept(m_state.settings.overwrite, existing, item)) {
         item.action = Action::Skip;
-        return;
+        return existing;
     }
-    if (S_ISDIR(existing.st_mode) == (item.recorded.type == S_IFDIR) ||
-        (m_state.settings.deletes && m_state.cleaner.Remove(*parent, name, item.path)))
-        return;
+    if (S_ISDIR(existing.st_mode) == (item.recorded.type == S_IFDIR))
+        return existing;
+    if (m_state.settings.deletes && m_state.cleaner.Remove(*parent, name, item.path))
+        return std::nullopt;
     const char* const hint = m_state.settings.deletes ? "" : "; --delete replaces it";
     KRT_RAISE_UNLESS(!S_ISDIR(existing.st_mode), ErrorCode::InvalidState,
                      "There is a directory at its path" << hint);
@@ -147,27 +148,22 @@ void ItemWriter::MakeRoom(RestoreItem& item)
 }
 
 // Plans an entry in a directory that had no rights for its owner. The blobs of it were loaded already.
-void ItemWriter::PlanUnseen(RestoreItem& item)
+void ItemWriter::PlanUnseen(RestoreItem& item, const std::optional<struct stat>& existing)
 {
-    if (!m_state.maker || !item.isUnseen)
+    if (!m_state.maker || !item.isUnseen || !existing)
         return;
-    const YDirectory& parent = *ParentOf(item);
-    if (!parent.StatIfPresent(item.location.back(), item.existing))
-        return;
+    item.existing = *existing;
     ChooseAction(m_state.settings.overwrite, item);
     if (item.action == Action::Update && S_ISREG(item.existing.st_mode) && item.recorded.type == S_IFREG &&
         m_state.links.FirstOf(item) == nullptr)
-        CompareContent(m_state.repository.GetIndex(), parent, item);
+        CompareContent(m_state.repository.GetIndex(), *ParentOf(item), item);
 }
 
-void ItemWriter::MakeDirectory(RestoreItem& item)
+void ItemWriter::MakeDirectory(RestoreItem& item, const std::optional<struct stat>& existing)
 {
-    const YDirectory* const parent = ParentOf(item);
-    const YString& name = item.location.back();
-    struct stat existing
-    {};
-    if (parent != nullptr && parent->StatIfPresent(name, existing) && S_ISDIR(existing.st_mode) &&
-        HasStorableAttributes(*parent, name, existing, item.recorded.attributes, m_state.maker != nullptr))
+    if (existing && S_ISDIR(existing->st_mode) &&
+        HasStorableAttributes(*ParentOf(item), item.location.back(), *existing, item.recorded.attributes,
+                              m_state.maker != nullptr))
         item.action = Action::KeepUnchanged;
     if (m_state.maker)
         m_state.maker->GetTree().MakeDirectory(item.location, item.recorded.attributes);

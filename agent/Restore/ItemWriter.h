@@ -23,9 +23,9 @@ public:
 private:
     void Make(RestoreItem& item, FileBlobs& blobs);
     const Krt::File::YDirectory* ParentOf(const RestoreItem& item);
-    void MakeRoom(RestoreItem& item);
-    void MakeDirectory(RestoreItem& item);
-    void PlanUnseen(RestoreItem& item);
+    std::optional<struct stat> MakeRoom(RestoreItem& item);
+    void MakeDirectory(RestoreItem& item, const std::optional<struct stat>& existing);
+    void PlanUnseen(RestoreItem& item, const std::optional<struct stat>& existing);
     void MakeOther(RestoreItem& item, FileBlobs& blobs);
     void WriteContent(const RestoreItem& item, const Krt::File::YDirectory& parent, FileBlobs& blobs,
                       const Krt::Util::YUnxHandle& file);
