@@ -36,14 +36,14 @@ Timestamp InstantOf(const timespec& time)
 }
 
 // Times from this one on may hide a change that came after the parent was made. Its own time may have been
-// chosen by the user.
+// chosen by the user, even in the future.
 std::optional<Timestamp> TrustedBefore(const std::optional<Repo::Snapshot>& parent)
 {
     if (!parent)
         return std::nullopt;
-    Timestamp time = parent->time;
-    if (parent->summary && parent->summary->backupStart.seconds != Timestamp::UnknownSeconds)
-        time = std::min(time, parent->summary->backupStart);
+    const bool hasStart =
+        parent->summary && parent->summary->backupStart.seconds != Timestamp::UnknownSeconds;
+    Timestamp time = std::min(parent->time, hasStart ? parent->summary->backupStart : Timestamp::Now());
     time.seconds -= CoarsestClock;
     return time;
 }
@@ -310,7 +310,9 @@ void SnapshotRun::FileDone(const std::shared_ptr<DirectoryBuild>& directory, Nod
         DirectoryBuild::Drop(directory);
         return;
     }
+    const Timestamp captured = node.ctime;
     SetFileStatus(content.status, node);
+    node.ctime = captured; // of the mode, the owner and the attributes, which a later change time would prove
     node.size = content.size;
     node.content = content.blobs;
     if (content.isChanged)

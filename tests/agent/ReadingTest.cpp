@@ -51,6 +51,11 @@ protected:
     {
         return Run(exitCode, {"backup", "--force", source}, settings);
     }
+    Agent::Repo::Node StoredNode(const std::string& path) const
+    {
+        const Agent::Repo::Repository opened = Open();
+        return Agent::FindEntry(opened, opened.FindSnapshot("latest").snapshot.tree, path).node;
+    }
     // By path below the source: the type, as ls shows it, and a file's content.
     std::map<std::string, std::string> Entries() const
     {
@@ -183,6 +188,22 @@ TEST_F(Reading, GrowingFileEndsAtItsSize)
     EXPECT_TRUE(Holds(result.errors, "/file: Warning: the file changed while it was read"));
 }
 
+// The node does not have a change time that would prove the mode that it has.
+TEST_F(Reading, ModeThatChangesDuringTheReadingIsFoundByTheNextRun)
+{
+    bool isDone = false;
+    BackUp(0, Hooked([&](const HookedCall& call) {
+               if (call.function == "pread" && call.name.ends_with("source/file") &&
+                   !std::exchange(isDone, true))
+                   chmod(call.name.c_str(), 0700);
+           }));
+    const Agent::Repo::Node node = StoredNode(source + "/file");
+    struct stat status = {};
+    ASSERT_EQ(stat((source + "/file").c_str(), &status), 0);
+    EXPECT_TRUE(node.mode == Agent::Repo::MakeNodeMode(status.st_mode) ||
+                node.ctime < Agent::Repo::Timestamp::Local(status.st_ctim.tv_sec, status.st_ctim.tv_nsec));
+}
+
 // As those of the kernel.
 TEST_F(Reading, FileWhoseSizeIsWrongIsReadToItsEnd)
 {
@@ -211,10 +232,6 @@ TEST_F(Reading, AttributesThatCanNotBeReadAreReportedAndReadLater)
         if (setxattr(path.c_str(), Name, "x", 1, 0) != 0)
             GTEST_SKIP() << "this file system has no extended attributes";
     }
-    const auto node = [&](const std::string& path) {
-        const Agent::Repo::Repository opened = Open();
-        return Agent::FindEntry(opened, opened.FindSnapshot("latest").snapshot.tree, path).node;
-    };
     const auto failWith = [](int error) {
         return Hooked([error](const HookedCall& call) {
             if (call.attribute == Name)
@@ -233,7 +250,7 @@ TEST_F(Reading, AttributesThatCanNotBeReadAreReportedAndReadLater)
     const ProgramResult failed = BackUp(3, failWith(EIO));
     for (const std::string& path : {directory.Path(), source + "/dir", source + "/file"}) {
         EXPECT_TRUE(Holds(failed.errors, path + ": Failed to get extended attribute user.some")) << path;
-        EXPECT_TRUE(node(path).attributes.empty()) << path;
+        EXPECT_TRUE(StoredNode(path).attributes.empty()) << path;
     }
     EXPECT_EQ(Entries()["/file"], "-12345");
     int later = 0; // so that each one is the latest
@@ -246,7 +263,7 @@ TEST_F(Reading, AttributesThatCanNotBeReadAreReportedAndReadLater)
         const std::string time = "210" + std::to_string(later++) + "-01-01 00:00:00";
         Run(0, {"backup", "--parent", parent, "--time", time, source});
         for (const char* path : {"/dir", "/file"})
-            EXPECT_EQ(node(source + path).attributes.size(), count) << parent << path;
+            EXPECT_EQ(StoredNode(source + path).attributes.size(), count) << parent << path;
     }
 }
 
