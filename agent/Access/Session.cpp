@@ -168,13 +168,15 @@ void Session::UseCache()
     }
 }
 
-void Session::LoadIndex()
+void Session::LoadIndex(Settling settling)
 {
     const auto report = [this](const Repo::FileName& file, const RepositoryError& error) {
+        Settle();
         ReportFailure(m_report, file, error);
     };
     m_repository->LoadIndex(report, WorkerCount(), RaiseIfInterrupted);
-    Settle();
+    if (settling == Settling::AtOnce)
+        Settle();
 }
 
 void Session::Settle()
@@ -186,11 +188,13 @@ void Session::Settle()
 void Session::FindLostPacks()
 {
     const std::vector<Repo::FileName> lost = m_repository->FindLostPacks();
-    if (!lost.empty())
-        m_report.Note(YString(std::string_view(
-            "Warning: packs that are missing or too short: " + std::to_string(lost.size()) + ", such as " +
-            lost.front().Path() +
-            "; what the snapshot needs of them is stored again. 'kbagent check' finds out more")));
+    if (lost.empty())
+        return;
+    Settle();
+    m_report.Note(YString(std::string_view(
+        "Warning: packs that are missing or too short: " + std::to_string(lost.size()) + ", such as " +
+        lost.front().Path() +
+        "; what the snapshot needs of them is stored again. 'kbagent check' finds out more")));
 }
 
 void Session::Open()

@@ -50,7 +50,8 @@ enum class OldFormat
 enum class Settling
 {
     AtOnce, ///< in the constructor
-    Later   ///< in LoadIndex or Settle, before which the command only reads, and reports nothing that it read
+    Later   ///< in Settle, before which the command only reads, and reports nothing that it read. A file that
+            ///< is saved settles the lock, too
 };
 
 class Session
@@ -69,14 +70,16 @@ public:
             OldFormat oldFormat = OldFormat::Refused, Settling settling = Settling::AtOnce);
 
     /// Loads the index. An index file that can't be read is reported as a failure of the repository; blobs
-    /// that only it has are missing then. Snapshots are chosen before. Settles the lock.
-    void LoadIndex();
+    /// that only it has are missing then. Snapshots are chosen before. Settles the lock at its end, unless
+    /// that is to be later, and before it reports.
+    void LoadIndex(Settling settling = Settling::AtOnce);
 
     /// Settles a lock that was to do so later. Raises LockedError if another process has a lock that excludes
     /// this one.
     void Settle();
 
     /// Finds packs that are lost, of which one is reported. What a backup needs of them is saved again.
+    /// Settles the lock before it reports.
     void FindLostPacks();
 
     Repo::Repository& GetRepository() { return *m_repository; }

@@ -76,8 +76,8 @@ private:
     void LoadRules();
     void WarnOfMatchingPaths();
     void BeginSnapshot();
-    std::vector<StoredSnapshot> FindParents(const Repo::Repository& repository) const;
-    void ChooseParent(const Repo::Repository& repository, std::vector<StoredSnapshot> candidates);
+    std::vector<StoredSnapshot> FindParents(Session& session) const;
+    void ChooseParent(Session& session, std::vector<StoredSnapshot> candidates);
     void Store(Session& session);
     void KeepLargest(const StoredItem& item);
     std::optional<struct stat> SkippedDirectory() const;
@@ -100,10 +100,10 @@ SnapshotOutcome BackupRun::Run()
     BeginSnapshot();
     std::vector<StoredSnapshot> candidates;
     if (!m_settings.isForced)
-        candidates = FindParents(session.GetRepository());
-    session.LoadIndex();
+        candidates = FindParents(session);
+    session.LoadIndex(Settling::Later);
     session.FindLostPacks();
-    ChooseParent(session.GetRepository(), std::move(candidates));
+    ChooseParent(session, std::move(candidates));
     Store(session);
     const bool isUnchanged = m_parent && m_parent->snapshot.tree == m_snapshot.tree;
     const bool isSaved = !m_settings.isDryRun && !(m_settings.skipsIfUnchanged && isUnchanged);
@@ -159,8 +159,9 @@ void BackupRun::BeginSnapshot()
 
 // The snapshots of the same host and the same paths, from the oldest to the newest; or the one that the user
 // named.
-std::vector<StoredSnapshot> BackupRun::FindParents(const Repo::Repository& repository) const
+std::vector<StoredSnapshot> BackupRun::FindParents(Session& session) const
 {
+    const Repo::Repository& repository = session.GetRepository();
     // Names that are not UTF-8 are not stored as they are.
     const std::vector<std::string> stored = Snapshot::Parse(m_snapshot.ToJson()).paths;
     Repo::SnapshotFilter filter;
@@ -168,8 +169,9 @@ std::vector<StoredSnapshot> BackupRun::FindParents(const Repo::Repository& repos
     filter.paths = stored;
     if (!m_settings.parent.empty())
         return {repository.FindSnapshot(m_settings.parent, filter)};
-    std::vector<StoredSnapshot> candidates = repository.LoadSnapshots(
-        filter, [this](const Repo::FileName& file, const Repo::RepositoryError& error) {
+    std::vector<StoredSnapshot> candidates =
+        repository.LoadSnapshots(filter, [&](const Repo::FileName& file, const Repo::RepositoryError& error) {
+            session.Settle();
             ReportFailure(m_report, file, error);
         });
     std::erase_if(candidates, [&](const StoredSnapshot& each) {
@@ -178,18 +180,20 @@ std::vector<StoredSnapshot> BackupRun::FindParents(const Repo::Repository& repos
     return candidates;
 }
 
-void BackupRun::ChooseParent(const Repo::Repository& repository, std::vector<StoredSnapshot> candidates)
+void BackupRun::ChooseParent(Session& session, std::vector<StoredSnapshot> candidates)
 {
     while (m_settings.parent.empty() && !candidates.empty() &&
-           !HasAnyOf(repository, candidates.back().snapshot.tree, m_snapshot.paths))
+           !HasAnyOf(session.GetRepository(), candidates.back().snapshot.tree, m_snapshot.paths))
         candidates.pop_back();
     if (candidates.empty())
         return;
     m_parent = std::move(candidates.back());
     m_snapshot.parent = m_outcome.parent = m_parent->id;
     const bool hasText = !m_settings.repository.isJson && !m_settings.repository.isQuiet;
-    if (m_settings.repository.isVerbose && !hasText) // otherwise the summary names it
-        m_report.Note(YString("using parent snapshot " + ShortId(m_parent->id)));
+    if (!m_settings.repository.isVerbose || hasText) // the summary names it
+        return;
+    session.Settle();
+    m_report.Note(YString("using parent snapshot " + ShortId(m_parent->id)));
 }
 
 // Returns the status of the repository's directory, if it is on this machine. It is not backed up, since it
@@ -220,6 +224,9 @@ void BackupRun::Store(Session& session)
     options.isDryRun = m_settings.isDryRun;
     options.reportsExcluded = m_settings.repository.isVerbose;
     options.readers = m_settings.readers;
+    options.beforeLoss = [&session] {
+        session.Settle();
+    };
     const std::optional<struct stat> skipped = SkippedDirectory();
     std::optional<Scan> scan;
     const RepositoryOptions& access = m_settings.repository;
@@ -252,6 +259,7 @@ void BackupRun::Store(Session& session)
     } else {
         run.AddStream(m_settings.streamPath, OpenStandardInput());
     }
+    session.Settle(); // the walk took the time that the lock needs for that
     reportProgress();
     const std::optional<Id> tree = run.Finish();
     KRT_RAISE_UNLESS(tree, Krt::ErrorCode::InvalidArgument,

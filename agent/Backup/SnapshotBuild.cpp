@@ -198,6 +198,7 @@ void SnapshotBuild::Post(std::string path, std::string text, bool isFailure)
 
 void SnapshotBuild::PostLoss(std::string path, std::string text)
 {
+    EndRunOnError(m_options.beforeLoss);
     m_hasLosses = true;
     Post(std::move(path), "Warning: " + std::move(text), false);
 }

@@ -66,6 +66,9 @@ struct SnapshotBuildOptions
     unsigned int readers = 2; ///< files that are read at the same time
     /// Called for each file and directory that was stored, on the thread of the run. May be null.
     std::function<void(const StoredItem& item)> onStored;
+    /// Called before a loss of the repository is reported. Any thread. What it raises ends the run.
+    std::function<void()> beforeLoss = [] {
+    };
     /// Called about 10 times a second, to report progress. What it raises ends the run.
     std::function<void()> onTick = [] {
     };

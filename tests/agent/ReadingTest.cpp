@@ -204,6 +204,24 @@ TEST_F(Reading, ModeThatChangesDuringTheReadingIsFoundByTheNextRun)
                 node.ctime < Agent::Repo::Timestamp::Local(status.st_ctim.tv_sec, status.st_ctim.tv_nsec));
 }
 
+// Another process has looked for locks before.
+TEST_F(Reading, LockThatComesDuringTheWalkEndsTheRun)
+{
+    const Agent::Repo::Repository opened = Open();
+    Agent::Repo::Lock lock;
+    lock.time = Agent::Repo::Timestamp::Now();
+    lock.isExclusive = true;
+    lock.hostname = "elsewhere";
+    bool isDone = false;
+    const ProgramResult result = BackUp(11, Hooked([&](const HookedCall& call) {
+                                            if (call.function == "openat" && call.name.ends_with("file") &&
+                                                !std::exchange(isDone, true))
+                                                opened.SaveText(Agent::Repo::FileKind::Lock, lock.ToJson());
+                                        }));
+    EXPECT_TRUE(Holds(result.errors, "The repository is locked exclusively by PID 0 on elsewhere"));
+    EXPECT_EQ(CountSnapshots(), 0u);
+}
+
 // As those of the kernel.
 TEST_F(Reading, FileWhoseSizeIsWrongIsReadToItsEnd)
 {
