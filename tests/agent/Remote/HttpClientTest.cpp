@@ -97,9 +97,10 @@ TEST(HttpClient, LastingFaultsAreReported)
                       "X: " + request.headers.at("x-amz-security-token") + "\r\n");
     });
     Http::Client refused(Http::ParseAddress("http://" + refusing.Place()), Quick());
-    const Http::Request request{.makeHeaders = [] {
+    Http::Request request;
+    request.makeHeaders = [] {
         return std::vector<Http::Header>{{"Authorization", "Basic YQ=="}, {"x-amz-security-token", "token"}};
-    }};
+    };
     EXPECT_EQ(refused.Send(request, body).Find("x"), "***");
     EXPECT_EQ(Repo::AsText(body), "no Basic ***.");
     EXPECT_EQ(refusing.Count(), 1u);
