@@ -1,6 +1,5 @@
 // Requests through networks and to servers that fail, and servers that are hostile.
 #include "agent/Http/Client.h"
-#include "agent/Http/SendGuard.h"
 #include "agent/Repository/Failure.h"
 #include "agent/Run/UsageError.h"
 
@@ -110,29 +109,6 @@ TEST(HttpClient, LastingFaultsAreReported)
     EXPECT_TRUE(Holds(ReasonOfFailure(secure, {}), "may not use TLS"));
     Http::Client unknown(Http::ParseAddress("http://" + std::string(64, 'a') + ".invalid"), Quick());
     EXPECT_TRUE(Holds(ReasonOfFailure(unknown, {}), "Could not resolve host")) << "also the third time";
-}
-
-TEST(HttpClient, RequestIsNotSentAgainUnlessRuleAllows)
-{
-    HttpServer server([](const HttpRequest& request) {
-        return request.number == 1 ? HttpAnswer{"", false, true} : Answer(200);
-    });
-    Http::ClientSettings settings = Quick();
-    settings.stallTime = 10min;
-    Http::Client client(Http::ParseAddress("http://" + server.Place()), settings);
-    struct Lost
-    {};
-    bool isLost = true, isRenewed = false;
-    const Http::SendRule rule{[&] { return isRenewed || server.Count() == 0; },
-                              [&] {
-                                  isLost ? throw Lost() : isRenewed = true;
-                              }};
-    const Http::SendGuard guard(&rule);
-    Repo::Bytes body;
-    EXPECT_THROW(client.Send({}, body), Lost);
-    EXPECT_EQ(server.Count(), 1u);
-    isLost = false;
-    EXPECT_EQ(client.Send({}, body).status, 200);
 }
 
 TEST(HttpClient, HostileAnswersEndInBoundedMemory)
