@@ -11,6 +11,7 @@
 #include <deque>
 #include <optional>
 #include <thread>
+#include <utility>
 
 namespace Agent {
 
@@ -168,19 +169,23 @@ private:
         }
     }
 
-    // Gives the blobs to the saver, and adds the bad ones to m_bad. Returns those that the disk can't read.
+    // Gives the blobs to the saver, and adds the bad ones to m_bad. Returns those that the disk can't read. A
+    // damaged blob is read twice, as Repository does.
     std::vector<PackedBlob> Copy(const Id& id, std::vector<PackedBlob> blobs, Repo::BlobSaver& saver)
     {
+        bool isUnreadable = false;
         for (int attempt = 1; attempt <= ReadAttempts && !blobs.empty(); ++attempt) {
-            if (attempt != 1)
+            if (std::exchange(isUnreadable, false))
                 Pause();
             std::vector<PackedBlob> unread;
             CopyBlobs(m_repository, id, std::move(blobs), Recompress::Trees, saver,
                       [&](const PackedBlob& blob, const RepositoryError& error) {
-                          if (const Fault fault = FaultOf(error); fault != Fault::Unreadable)
-                              m_bad.push_back({blob.handle, &id, fault});
-                          else
+                          const Fault fault = FaultOf(error);
+                          isUnreadable = isUnreadable || fault == Fault::Unreadable;
+                          if (fault == Fault::Unreadable || (fault == Fault::Damaged && attempt == 1))
                               unread.push_back(blob);
+                          else
+                              m_bad.push_back({blob.handle, &id, fault});
                       });
             blobs = std::move(unread);
         }

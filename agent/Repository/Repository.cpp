@@ -70,6 +70,20 @@ auto At(const FileName& file)
     };
 }
 
+// Calls `call(isAgain)`, which loads and verifies, and once more if what it loaded is damaged: a proxy may
+// have sent a page of its own, or a part of the server's answer. Repairs give up what is damaged.
+template <class Call>
+auto AgainIfDamaged(const Call& call)
+{
+    try {
+        return call(false);
+    } catch (const RepositoryError& error) {
+        if (error.GetFailure() != Failure::Damaged)
+            throw;
+    }
+    return call(true);
+}
+
 void VerifyId(const FileName& file, ByteView content)
 {
     REPOSITORY_RAISE_UNLESS(!content.empty(), Failure::Damaged, "damaged: the file is empty");
@@ -133,6 +147,8 @@ std::optional<Key> TryKeyFile(IBackend& backend, const FileName& file, const Sec
 {
     Bytes stored;
     backend.LoadWhole(file, KeyFile::SizeLimit, stored);
+    if (Id::Of(stored) != file.id)
+        backend.LoadWhole(file, KeyFile::SizeLimit, stored); // see AgainIfDamaged
     return Named(At(file), [&] {
         std::optional<Key> master = KeyFile::Parse(AsText(stored)).Unlock(password);
         if (!master)
@@ -304,8 +320,11 @@ Repository Repository::Open(std::shared_ptr<IBackend> backend, const Secret& pas
 {
     Bytes stored = LoadConfig(*backend);
     auto [keyId, key] = FindKey(*backend, password, options);
-    Config config = Named(At(ConfigFile),
-                          [&, &master = key] { return Config::Parse(AsText(OpenInPlace(master, stored))); });
+    Config config = AgainIfDamaged([&, &master = key](bool isAgain) {
+        if (isAgain)
+            stored = LoadConfig(*backend);
+        return Named(At(ConfigFile), [&] { return Config::Parse(AsText(OpenInPlace(master, stored))); });
+    });
     return Repository(std::move(backend), std::move(config), std::move(key), keyId);
 }
 
@@ -341,9 +360,11 @@ Repository Repository::Create(std::shared_ptr<IBackend> backend, const Secret& p
 
 void Repository::LoadStored(const FileName& file, Bytes& out) const
 {
-    m_backend->LoadWhole(file, LimitOf(file.kind), out);
-    if (file.kind != FileKind::Config)
-        Named(At(file), [&] { VerifyId(file, out); });
+    AgainIfDamaged([&](bool) {
+        m_backend->LoadWhole(file, LimitOf(file.kind), out);
+        if (file.kind != FileKind::Config)
+            Named(At(file), [&] { VerifyId(file, out); });
+    });
 }
 
 std::string Repository::LoadText(const FileName& file) const
@@ -460,18 +481,20 @@ std::vector<Id> Repository::ListIds(FileKind kind) const
 
 std::vector<PackedBlob> Repository::LoadPackHeader(const Id& pack, std::uint64_t size) const
 {
-    const FileName file{FileKind::Pack, pack};
-    Bytes tail;
-    const std::uint64_t tailSize = std::min(size, TailSize);
-    m_backend->Load(file, size - tailSize, tailSize, tail);
-    const std::uint64_t headerSize = Named(At(file), [&] { return ReadPackHeaderLength(tail, size); });
-    const std::uint64_t blobBytes = size - (headerSize + PackOverhead - SealOverhead);
-    if (size - blobBytes > tail.size())
-        m_backend->Load(file, blobBytes, size - blobBytes, tail);
-    return Named(At(file), [&] {
-        const std::size_t begin = tail.size() - (size - blobBytes);
-        const ByteView header = OpenInPlace(m_key, std::span(tail).subspan(begin, headerSize));
-        return ParsePackHeader(header, blobBytes);
+    return AgainIfDamaged([&](bool) {
+        const FileName file{FileKind::Pack, pack};
+        Bytes tail;
+        const std::uint64_t tailSize = std::min(size, TailSize);
+        m_backend->Load(file, size - tailSize, tailSize, tail);
+        const std::uint64_t headerSize = Named(At(file), [&] { return ReadPackHeaderLength(tail, size); });
+        const std::uint64_t blobBytes = size - (headerSize + PackOverhead - SealOverhead);
+        if (size - blobBytes > tail.size())
+            m_backend->Load(file, blobBytes, size - blobBytes, tail);
+        return Named(At(file), [&] {
+            const std::size_t begin = tail.size() - (size - blobBytes);
+            const ByteView header = OpenInPlace(m_key, std::span(tail).subspan(begin, headerSize));
+            return ParsePackHeader(header, blobBytes);
+        });
     });
 }
 
@@ -489,7 +512,9 @@ void Repository::LoadIndex(const FailureVisitor& onFailure, unsigned int threads
         std::string text;
         try {
             text = LoadTextUpTo(file, IndexTextSize);
-        } catch (const RepositoryError&) {
+        } catch (const RepositoryError& error) {
+            if (!error.IsOfFile())
+                throw;
             // Longer than writers make them, or damaged.
             const std::lock_guard guard(largeFiles);
             parse(LoadText(file));
@@ -615,11 +640,14 @@ void Repository::LoadCopy(const IndexedBlob& copy, Bytes& plaintext) const
         if (sealed.capacity() > ScratchLimit)
             Bytes().swap(sealed);
     });
-    const FileName file{FileKind::Pack, m_index.GetPacks()[copy.pack].id,
-                        copy.blob.handle.type == BlobType::Tree};
-    RunInMemoryFor(file.id, copy.blob,
-                   [&] { m_backend->Load(file, copy.blob.offset, copy.blob.length, sealed); });
-    DecodeBlob(file.id, copy.blob, sealed, plaintext);
+    AgainIfDamaged([&](bool isAgain) {
+        // Without the hint, a copy that the backend keeps is not used.
+        const FileName file{FileKind::Pack, m_index.GetPacks()[copy.pack].id,
+                            copy.blob.handle.type == BlobType::Tree && !isAgain};
+        RunInMemoryFor(file.id, copy.blob,
+                       [&] { m_backend->Load(file, copy.blob.offset, copy.blob.length, sealed); });
+        DecodeBlob(file.id, copy.blob, sealed, plaintext);
+    });
 }
 
 void Repository::DecodeBlob(const Id& pack, const PackedBlob& blob, std::span<unsigned char> sealed,

@@ -1,6 +1,6 @@
 // Repository: an open repository. It finds files and blobs, verifies and decrypts them. All operations but
 // LoadIndex may be called by any number of threads at once. All may raise what the backend raises, with
-// Missing for a file that does not exist and Damaged for one that is not what was stored.
+// Missing for a file that does not exist and Damaged for one that, loaded twice, is not what was stored.
 #pragma once
 
 #include "agent/Repository/Backend.h"
