@@ -1,5 +1,6 @@
 #include "agent/Cli/Command.h"
 
+#include "agent/Http/Address.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
@@ -10,6 +11,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
 
@@ -22,6 +24,14 @@ using Krt::Time::YDuration;
 namespace {
 
 constexpr unsigned int LongestTimeout = 86400;
+
+// Returns true if an argument has an address with a password. A user alone, as in ssh://git@host, is
+// accepted.
+bool HasPassword(const std::string& argument)
+{
+    const std::string hidden = Http::ArgumentWithoutCredentials(argument);
+    return std::count(hidden.begin(), hidden.end(), ':') != std::count(argument.begin(), argument.end(), ':');
+}
 
 class ServiceCommand : public ICommand
 {
@@ -164,8 +174,12 @@ void ServiceCommand::Install(IServiceManager& manager, Report& report) const
     KRT_RAISE_UNLESS(fs::is_regular_file(status) && (status.permissions() & executable) != fs::perms::none,
                      Krt::ErrorCode::InvalidArgument, "There is no program at " << program.c_str());
     std::vector<YString> arguments;
-    for (const std::string& argument : PathsOf(m_arguments))
+    for (const std::string& argument : PathsOf(m_arguments)) {
+        if (HasPassword(argument))
+            throw UsageError("An argument of the service has a password in an address, which other users "
+                             "could read; --repository-file names a file that has the address");
         arguments.emplace_back(argument.c_str());
+    }
     KRT_RAISE_UNLESS(arguments.empty() || Backup::Util::DoServicesKeepArguments(),
                      Krt::ErrorCode::NotSupported, "Services of this system run a program without arguments");
     manager.Install(Name(), YString(), m_description.c_str(), program.c_str(), arguments, Timeout());

@@ -53,11 +53,12 @@ TEST_F(ServiceCommandTest, ActionsChangeStatus)
     EXPECT_EQ(Run({"delete", "kb"}), "1 kbagent: error: Service kb is not installed\n");
     EXPECT_EQ(services.programs.lines.find(" stop "), std::string::npos);
     EXPECT_EQ(Run({"install", "kb", "--program", "/bin/../bin/sh", "--description", "Nightly", "--", "backup",
-                   "--repo=x", "[a]", "--"}),
+                   "--repo=x", "ssh://git@[a]", "--"}),
               "0 kb: installed\n");
     const std::string unit = Testing::ReadFile(m_unit);
     EXPECT_NE(unit.find("Description=Nightly\n"), std::string::npos) << unit;
-    EXPECT_NE(unit.find("\"/bin/../bin/sh\" \"backup\" \"--repo=x\" \"[a]\" \"--\"\n"), std::string::npos)
+    EXPECT_NE(unit.find("\"/bin/../bin/sh\" \"backup\" \"--repo=x\" \"ssh://git@[a]\" \"--\"\n"),
+              std::string::npos)
         << unit;
     EXPECT_EQ(Run({"status", "kb"}), "4 kb: stopped\n");
     EXPECT_EQ(Run({"start", "kb"}), "0 kb: started\n");
@@ -81,6 +82,9 @@ TEST_F(ServiceCommandTest, FailuresNameCause)
         {"unknown action", {"strat"}, "2 kbagent: error: service: unknown action strat; use install, "},
         {"missing program", {"install", "kb", "--program", "/none"}, noProgram + "/none"},
         {"no program but data", {"install", "kb", "--program", "/etc/passwd"}, noProgram},
+        {"password",
+         {"install", "kb", "--program", "/bin/sh", "--", "--repo=rest:https://u:p/w@h/"},
+         "2 kbagent: error: An argument of the service has a password"},
         {"endless wait", {"start", "kb", "--timeout", "-1"}, "2 kbagent: error: "},
         {"path for a name", {"stop", "../kb"}, "2 kbagent: error: Not the name of a service: ../kb"},
         {"failing command", {"start", "kb"}, "1 kbagent: error: systemctl start exited with status: 5"},
