@@ -840,6 +840,8 @@ TEST_F(RepositoryCommands, PasswordIsReadFromItsSource)
     EXPECT_TRUE(Holds(ReadFile(log), "--password-command"));
     EXPECT_EQ(ReadFile(log).find("secret"), std::string::npos) << ReadFile(log);
     Run(1, {"snapshots", "--password-command", "false"}, {}, {none});
+    Run(1, {"snapshots", "--password-command", "printenv KBAGENT_REST_PASSWORD"}, {},
+        {none, "KBAGENT_REST_PASSWORD=secret"});
     Run(2, {"snapshots", "--password-command", "false", "-p", plain});
     Run(0, {"snapshots"}, {}, {none, "RESTIC_PASSWORD_FILE=" + plain});
     Run(0, {"snapshots"}, {},

@@ -7,10 +7,13 @@
 #include "Krt/Util/YScope.h"
 #include "Krt/Util/YUnxHandle.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <iterator>
 #include <spawn.h>
+#include <string_view>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -54,6 +57,23 @@ Secret TakeLine(Bytes bytes)
     return secret;
 }
 
+// The environment of this process without the passwords of servers, which are not for the command.
+std::vector<char*> EnvironmentOfCommand()
+{
+    constexpr std::string_view Left[] = {"KBAGENT_REST_PASSWORD=", "KBAGENT_FROM_REST_PASSWORD=",
+                                         "RESTIC_REST_PASSWORD=", "RESTIC_FROM_REST_PASSWORD="};
+    std::vector<char*> variables;
+    for (char** each = environ; *each != nullptr; ++each) {
+        const auto isThis = [text = std::string_view(*each)](std::string_view name) {
+            return text.starts_with(name);
+        };
+        if (std::none_of(std::begin(Left), std::end(Left), isThis))
+            variables.push_back(*each);
+    }
+    variables.push_back(nullptr);
+    return variables;
+}
+
 pid_t Spawn(const std::vector<std::string>& words, int output)
 {
     std::vector<char*> arguments;
@@ -66,7 +86,9 @@ pid_t Spawn(const std::vector<std::string>& words, int output)
     const Krt::Util::YScope atEnd([&] { posix_spawn_file_actions_destroy(&actions); });
     posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
     pid_t child = 0;
-    if (const int error = posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ))
+    std::vector<char*> variables = EnvironmentOfCommand();
+    if (const int error =
+            posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), variables.data()))
         KRT_RAISE_OS(error, "Failed to run the command for the password: " << words.front().c_str());
     return child;
 }
