@@ -33,6 +33,7 @@ constexpr std::string_view Tag = "Signature: 8a477f597d28d172789f06886806bc55\n"
                                  "# Copies of repositories' files, made by kbagent. They may be removed.\n";
 constexpr unsigned int PrivateMode = 0700;
 constexpr mode_t OthersWrite = S_IWGRP | S_IWOTH;
+constexpr mode_t OthersAccess = S_IRWXG | S_IRWXO;
 
 YString NameOf(const Id& id)
 {
@@ -90,6 +91,8 @@ YDirectory OpenOrMake(const YDirectory& parent, const YString& name)
     }
     YDirectory directory = parent.OpenDirectory(name);
     RequireOwn(directory, name.Bytes());
+    if ((directory.Stat().st_mode & OthersAccess) != 0)
+        directory.SetMode(PrivateMode);
     return directory;
 }
 
@@ -169,13 +172,31 @@ void RemoveOld(const YDirectory& root)
     }
 }
 
-void WriteTag(const YDirectory& root)
+// Writes a file under a temporary name in `folder`, then moves it to `place`, where it replaces another one.
+void Place(const YDirectory& folder, const YDirectory& place, const YString& name, ByteView content)
+{
+    std::array<unsigned char, sizeof(std::uint64_t)> random;
+    Repo::FillRandom(random);
+    const YString temporary(
+        std::string_view(name.Bytes() + "-tmp-" + std::to_string(std::bit_cast<std::uint64_t>(random))));
+    Krt::Util::YUnxHandle handle = folder.CreateFile(temporary);
+    try {
+        if (!content.empty())
+            Krt::File::Write(handle, 0, content.size(), content.data());
+        handle.Close();
+        folder.Rename(temporary, place, name);
+    } catch (const Krt::Exception::YError&) {
+        folder.RemoveFile(temporary);
+        throw;
+    }
+}
+
+// A temporary file of the tag that remains in `folder` is removed with those of other files.
+void WriteTag(const YDirectory& root, const YDirectory& folder)
 {
     struct stat status;
-    if (root.StatIfPresent(TagName, status))
-        return;
-    const Krt::Util::YUnxHandle handle = root.CreateFile(TagName);
-    Krt::File::Write(handle, 0, Tag.size(), Tag.data());
+    if (!root.StatIfPresent(TagName, status) || status.st_size == 0)
+        Place(folder, root, TagName, Repo::AsBytes(Tag));
 }
 
 } // namespace
@@ -187,7 +208,10 @@ CacheDirectory::CacheDirectory(const std::string& path, const Id& repository)
                                                                       OpenOrMake(m_repository, Names[2])}
 {
     Logging(false, [this] {
-        WriteTag(m_root);
+        WriteTag(m_root, m_folders[0]);
+        return true;
+    });
+    Logging(false, [this] {
         KRT_SYSCALL(futimens(m_repository.GetHandle().Get(), nullptr), "Failed to set the time of the cache");
         RemoveOld(m_root);
         for (const char* const name : Names)
@@ -229,22 +253,8 @@ bool CacheDirectory::LoadPart(const FileName& file, std::uint64_t offset, std::u
 bool CacheDirectory::Save(const FileName& file, ByteView content) const
 {
     return Logging(false, [&] {
-        std::array<unsigned char, sizeof(std::uint64_t)> random;
-        Repo::FillRandom(random);
         const YDirectory& folder = FolderOf(file.kind);
-        const YString name = NameOf(file.id);
-        const YString temporary(
-            std::string_view(name.Bytes() + "-tmp-" + std::to_string(std::bit_cast<std::uint64_t>(random))));
-        Krt::Util::YUnxHandle handle = folder.CreateFile(temporary);
-        try {
-            if (!content.empty())
-                Krt::File::Write(handle, 0, content.size(), content.data());
-            handle.Close();
-            folder.Rename(temporary, folder, name);
-        } catch (const Krt::Exception::YError&) {
-            folder.RemoveFile(temporary);
-            throw;
-        }
+        Place(folder, folder, NameOf(file.id), content);
         return true;
     });
 }

@@ -46,8 +46,11 @@ bool CachedBackend::FetchPack(const FileName& file)
         return true;
     try {
         m_backend->LoadWhole(file, PackLimit, content);
-    } catch (const Repo::RepositoryError&) {
-        return false; // too large, or the part that is asked for may be readable nevertheless
+    } catch (const Repo::RepositoryError& error) {
+        const Repo::Failure failure = error.GetFailure();
+        if (failure != Repo::Failure::Damaged && failure != Repo::Failure::Missing)
+            throw; // the part that is asked for would fail as well
+        return false;
     }
     return Id::Of(content) == file.id && m_directory->Save(file, content);
 }

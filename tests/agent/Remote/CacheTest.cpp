@@ -30,14 +30,18 @@ struct CountingBackend : LocalBackend
     void Load(const FileName& file, std::uint64_t offset, std::uint64_t length, Bytes& out) override
     {
         ++loads;
+        RequireUp();
         LocalBackend::Load(file, offset, length, out);
     }
     void LoadWhole(const FileName& file, std::uint64_t limit, Bytes& out) override
     {
         ++loads;
+        RequireUp();
         LocalBackend::LoadWhole(file, limit, out);
     }
+    void RequireUp() const { REPOSITORY_RAISE_UNLESS(!isDown, Failure::Backend, "no server"); }
     std::atomic<int> loads{0};
+    bool isDown = false;
 };
 
 class Cache : public ::testing::Test
@@ -104,6 +108,10 @@ TEST_F(Cache, FilesAreLoadedOnceAndDamageIsRepaired)
     EXPECT_EQ(LoadsOf(loadAll), 3 + NotKept);
     EXPECT_EQ(LoadsOf(loadAll), NotKept);
     fs::remove_all(directory / "cache");
+    counted->isDown = true;
+    Bytes read;
+    EXPECT_EQ(LoadsOf([&] { EXPECT_THROW(Open()->Load(trees, 8, 5, read), RepositoryError); }), 1);
+    counted->isDown = false;
     EXPECT_EQ(LoadsOf(loadAll), 3 + NotKept);
 }
 
@@ -131,9 +139,10 @@ TEST_F(Cache, CopiesFollowRepository)
     directory.Write("cache/" + std::string(64, 'a') + "/index/x", "x");
     const timespec longAgo[2] = {{1, 0}, {1, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, old.c_str(), longAgo, 0), 0);
+    fs::resize_file(directory / "cache/CACHEDIR.TAG", 0); // by a crash
     Open();
     EXPECT_FALSE(fs::exists(old));
-    EXPECT_TRUE(fs::exists(directory / "cache/CACHEDIR.TAG"));
+    EXPECT_GT(fs::file_size(directory / "cache/CACHEDIR.TAG"), 43u);
     EXPECT_EQ(StatusOf(directory / "cache").st_mode & 07777u, 0700u);
 }
 
