@@ -2,6 +2,7 @@
 #include "agent/Remote/Location.h"
 #include "agent/Repository/Lock.h"
 
+#include "testing/RcloneServer.h"
 #include "testing/RepositoryFixture.h"
 #include "testing/RestStore.h"
 
@@ -17,6 +18,7 @@
 #include <functional>
 #include <poll.h>
 #include <random>
+#include <set>
 #include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
@@ -76,10 +78,10 @@ protected:
         EXPECT_LT(result.exitCode, 128) << result.errors;
         return result.exitCode;
     }
-    void SpoilEachAnswer()
+    // One of `stride` pairs of an answer and a fault is tried. By default that is one fault for each answer.
+    void SpoilEachAnswer(int stride = 0)
     {
         using Next = HttpServer::Handler;
-        const int stride = Rounds("KBAGENT_FAULT_STRIDE", 11); // 1 for all faults in all answers
         std::vector<HttpFault> faults = TemporaryFaults();
         const std::size_t temporary = faults.size();
         faults.push_back({"refused", [](const Next&, const HttpRequest&) {
@@ -95,12 +97,14 @@ protected:
                                   work(request);
                                   return Answer(200, request.method == "HEAD" ? "" : body);
                               }});
+        const std::size_t count = faults.size();
+        stride = Rounds("KBAGENT_FAULT_STRIDE", stride != 0 ? stride : static_cast<int>(count));
         const std::string forget = "forget --keep-last 1 --prune --max-unused 0 --no-cache";
         for (const std::string& command : {"backup --no-cache " + source, forget})
             RunSpoilt(0, faults.front(), command); // counts requests
         for (unsigned int number = 1; number <= mostRequests; ++number) {
-            for (std::size_t i = 0; i < faults.size(); ++i) {
-                if ((number + i) % static_cast<unsigned int>(stride) != 0)
+            for (std::size_t i = 0; i < count; ++i) {
+                if ((number * count + (number + i) % count) % static_cast<std::size_t>(stride) != 0)
                     continue;
                 const HttpFault& fault = faults[i];
                 SCOPED_TRACE(std::string(fault.label) + " " + std::to_string(number));
@@ -194,6 +198,44 @@ TEST_F(RemoteRepository, AnyAnswerOfS3MayBeSpoilt)
     Create("s3:http://" + server.Place() + "/" + location.bucket + "/commands-" +
            std::to_string(std::random_device{}()));
     SpoilEachAnswer();
+}
+
+TEST_F(RemoteRepository, AnyAnswerOfRcloneMayBeSpoilt)
+{
+    const RcloneServer rclone(directory.MakeDirectory("served"));
+    if (rclone.Place().empty())
+        GTEST_SKIP() << "rclone is not installed";
+    answer = next = ForwardTo(rclone.Place().substr(rclone.Place().find(':') + 1));
+    Create("rest:http://" + server.Place() + "/");
+    SpoilEachAnswer(40);
+}
+
+// The first answer for each file, or part of a file, has a wrong byte.
+TEST_F(RemoteRepository, WrongAnswerIsNoLoss)
+{
+    RunCached(0, "backup " + source);
+    const auto before = store.files;
+    std::set<std::string> asked;
+    answer = [&](const HttpRequest& request) {
+        HttpAnswer spoilt = next(request);
+        const auto range = request.headers.find("range");
+        const std::string what = request.target + (range != request.headers.end() ? range->second : "");
+        if (request.method == "GET" && !what.ends_with('/') && asked.insert(what).second)
+            spoilt.bytes.back() ^= 1;
+        return spoilt;
+    };
+    const std::string pack = before.lower_bound("/data/")->first.substr(6);
+    for (const std::string words :
+         {"repair snapshots --forget --no-cache", "repair snapshots --forget --cache-dir new",
+          "repair index --read-all-packs --no-cache", "check --no-cache"}) {
+        asked.clear();
+        Run(0, Words(words));
+        EXPECT_EQ(store.files, before) << words;
+    }
+    asked.clear();
+    EXPECT_FALSE(Holds(Run(0, "repair packs --no-cache " + pack).output, "lost"));
+    answer = next;
+    RunCached(0, "check --read-data");
 }
 
 TEST_F(RemoteRepository, AllCommandsUseServers)
