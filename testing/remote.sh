@@ -2,13 +2,19 @@
 # testing/remote.sh BUILD: tests repositories on servers with the programs of a build. testing/s3-server.sh runs it.
 # The contract of backends and their faults come first, then kbagent and restic on one repository, eight hosts with
 # different clocks at the same time with removals between their backups, a user whom the policy of docs/remote.md lets
-# remove nothing but locks, and a server that lets nothing else be removed. Ends non-zero if anything is lost.
+# remove nothing but locks, a server that lets nothing else be removed, and one with the certificate of docs/remote.md.
+# Ends non-zero if anything is lost.
 set -euo pipefail
 
 build=$(realpath "$1")
 page=$(realpath "$(dirname "${BASH_SOURCE[0]}")/../docs/remote.md")
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+servers=()
+end() {
+    [ ${#servers[@]} -eq 0 ] || kill "${servers[@]}" || true
+    rm -rf "$work"
+}
+trap end EXIT
 export KBAGENT_REPOSITORY=$KBAGENT_TEST_S3/shared KBAGENT_CACHE_DIR=$work/cache KBAGENT_PASSWORD=secret
 export RESTIC_REPOSITORY=$KBAGENT_REPOSITORY RESTIC_CACHE_DIR=$work/restic RESTIC_PASSWORD=secret
 kbagent=$build/kbagent
@@ -16,7 +22,8 @@ fail() { echo "$*" >&2; exit 1; }
 # quietly COMMAND...: prints the output of a command that fails.
 quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; fail "failed: $*"; }; }
 
-export KBAGENT_FAULT_STRIDE=${KBAGENT_FAULT_STRIDE:-40} # of all faults in all answers; with 3 it takes 16 minutes
+# Of all faults in all answers. With 13, each answer has one fault; with 3 it takes 16 minutes.
+export KBAGENT_FAULT_STRIDE=${KBAGENT_FAULT_STRIDE:-40}
 "$build/tests/agent_tests" --gtest_filter='Kinds/Backend.*:S3*:RestBackend.*:RemoteRepository.*' >"$work/tests" ||
     { cat "$work/tests" >&2; fail "a test failed"; }
 ! grep -A2 SKIPPED "$work/tests" >&2 || fail "a server was not used"
@@ -80,11 +87,17 @@ cc -shared -fPIC -o "$work/clock.so" "$work/clock.c" -ldl
 with_clock=(env "LD_PRELOAD=$work/clock.so") # and CLOCK_SHIFT, in seconds
 late=$("${with_clock[@]}" CLOCK_SHIFT=300 date +%s)
 [ $((late - $(date +%s))) -ge 299 ] || fail "no clock can be set"
+refused "the clocks of this machine and of the server differ" 1 "${with_clock[@]}" CLOCK_SHIFT=3600 "$kbagent" snapshots
+has_names=true
+unshare --uts true 2>"$work/unshare" || {
+    has_names=false
+    echo "all hosts have the name of this one: $(cat "$work/unshare")"
+}
 # as_host NAME COMMAND...: with another host name, if this user may have one.
 as_host() {
     local name=$1
     shift
-    if unshare --uts true 2>"$work/unshare"; then
+    if "$has_names"; then
         unshare --uts bash -c 'echo "$0" >/proc/sys/kernel/hostname && exec "$@"' "$name" "$@"
     else
         "$@"
@@ -141,16 +154,23 @@ printf 'user = "%s:%s"\n' "$AWS_ACCESS_KEY_ID" "$AWS_SECRET_ACCESS_KEY" |
     quietly restic check --read-data
 )
 
+# serve PORT OPTION... DIRECTORY: starts rclone on a port of the loopback interface.
+serve() {
+    local port=$1 i
+    RCLONE_CONFIG=/dev/null rclone serve restic --addr "127.0.0.1:$port" "${@:2}" >"$work/rclone-$port" 2>&1 &
+    servers+=($!)
+    for ((i = 0; i < 100; ++i)); do
+        if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>"$work/log"; then return; fi
+        sleep 0.1
+    done
+    cat "$work/rclone-$port" >&2
+    fail "rclone does not listen on port $port"
+}
+port=$((${S3_PORT:-21480} + 10))
+
 echo "-- kbagent and restic on rclone, which lets nothing but locks be removed"
-place=127.0.0.1:$((${S3_PORT:-21480} + 10))
-RCLONE_CONFIG=/dev/null rclone serve restic --append-only --addr "$place" "$work/served" >"$work/rclone" 2>&1 &
-rclone=$!
-trap 'kill "$rclone" || true; rm -rf "$work"' EXIT
-for ((i = 0; i < 100; ++i)); do
-    if (exec 3<>"/dev/tcp/${place/://}") 2>"$work/log"; then break; fi
-    sleep 0.1
-done
-export KBAGENT_REPOSITORY=rest:http://$place/ RESTIC_REPOSITORY=rest:http://$place/
+serve "$port" --append-only "$work/served"
+export KBAGENT_REPOSITORY=rest:http://127.0.0.1:$port/ RESTIC_REPOSITORY=rest:http://127.0.0.1:$port/
 quietly restic init
 quietly "$kbagent" backup "$work/ours"
 quietly restic backup "$work/theirs"
@@ -158,4 +178,22 @@ quietly "$kbagent" check --read-data
 quietly restic check --read-data
 refused "append-only" 3 "$kbagent" forget latest
 quietly restic check
+
+echo "-- rclone with the certificate of docs/remote.md"
+# The commands of the page make the certificate and its pin, here for this machine.
+sed -n '/^openssl req /,/^```$/{/^```/d;s/backup\.example\.com/localhost/g;p}' "$page" >"$work/make-certificate"
+grep '^openssl x509 .*sha256sum$' "$page" >"$work/make-pin"
+cd "$work"
+quietly bash make-certificate
+pin=sha256:$(bash make-pin | cut -d ' ' -f 1)
+serve $((port + 1)) --cert server.crt --key server.key "$work/secured"
+export KBAGENT_REPOSITORY=rest:https://localhost:$((port + 1))/
+export RESTIC_REPOSITORY=$KBAGENT_REPOSITORY
+quietly "$kbagent" init --tls-pin "$pin"
+quietly "$kbagent" backup --tls-pin "$pin" "$work/ours"
+quietly "$kbagent" backup --cacert server.crt "$work/ours"
+quietly restic --cacert server.crt check --read-data
+refused "the SHA-256 of its key is ${pin#sha256:}" 1 "$kbagent" backup "$work/ours"
+refused "is not the pinned" 1 "$kbagent" snapshots --tls-pin "sha256:$(printf '%064d' 0)"
+refused "IP address mismatch" 1 "$kbagent" snapshots --tls-pin "$pin" -r "rest:https://127.0.0.1:$((port + 1))/"
 echo "-- no difference"
