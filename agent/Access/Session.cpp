@@ -71,12 +71,18 @@ Remote::SecretSources SourcesOfSecrets(const RepositoryOptions& options)
     return sources;
 }
 
-std::shared_ptr<Repo::IBackend> RemoteBackendOf(const std::string& location, const RepositoryOptions& options)
+std::shared_ptr<Repo::IBackend> RemoteBackendOf(const std::string& location, const RepositoryOptions& options,
+                                                Report& report)
 {
+    Remote::SecretSources secrets = SourcesOfSecrets(options);
+    if (Remote::SendsPasswordOpenly(location, secrets))
+        report.Note(
+            "Warning: others on the network can read the user and the password of the server, since its "
+            "address has http: and not https:");
     Remote::RemoteOptions remote = options.remote;
     if (remote.anchorFile.empty() && remote.pins.empty())
         remote.anchorFile = FromEnvironment({"CACERT"}, "CACERT").value_or("");
-    return Remote::MakeRemoteBackend(location, remote, SourcesOfSecrets(options));
+    return Remote::MakeRemoteBackend(location, remote, std::move(secrets));
 }
 
 } // namespace
@@ -88,7 +94,7 @@ std::shared_ptr<Repo::IBackend> BackendOf(const RepositoryOptions& options, Repo
         if (Http::WithoutCredentials(options.location) != options.location)
             report.Note("Warning: other users can read the password in the arguments of this process; "
                         "--repository-file and KBAGENT_REST_PASSWORD keep it from them");
-        return RemoteBackendOf(location, options);
+        return RemoteBackendOf(location, options, report);
     }
     for (const std::string_view scheme : OtherSchemes)
         KRT_RAISE_UNLESS(!location.starts_with(scheme), Krt::ErrorCode::NotSupported,
@@ -260,7 +266,7 @@ void Session::LockFor(Access access, Settling settling)
     };
     try {
         m_lock.emplace(*m_repository, std::move(settings));
-        m_backend->SetWriteGuard([this] { m_lock->RequireFresh(); });
+        m_backend->SetWriteGuard([this] { m_lock->RequireFresh(); }, [this] { return m_lock->HasExpired(); });
     } catch (const RepositoryError& error) {
         const bool isReading = access == Access::Read || access == Access::DryRun;
         if (isReading && m_options.mayBeUnlocked && IsFull(error))

@@ -146,6 +146,9 @@ RepositoryOptions RepositoryArguments::Get() const
     RepositoryOptions options = m_options;
     options.isVerbose = m_verbosity > 0 && !options.isQuiet;
     options.isVeryVerbose = m_verbosity > 1 && !options.isQuiet;
+    // With two repositories, the other one may have TLS.
+    const bool hasTrust = !options.remote.anchorFile.empty() || !options.remote.pins.empty();
+    options.remote.requiresTls = hasTrust && !m_source.isSource;
     if (!m_retryLock.empty())
         options.retryLock = ParseDuration(m_retryLock, "--retry-lock");
     return options;
