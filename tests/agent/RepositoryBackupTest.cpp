@@ -235,8 +235,8 @@ TEST_F(RepositoryBackupTest, WhatDidNotChangeIsNotRead)
     EXPECT_EQ(Find(source + "/g", changedId).mode, 0640u);
     // What is taken over from the parent makes the trees of a run that reads all.
     const json::object whole = BackUp(0, {"s", "--force"});
-    EXPECT_EQ(Find("/", changedId).subtree,
-              Find("/", std::string(whole.at("snapshot_id").as_string())).subtree);
+    EXPECT_EQ(Find(source, changedId).subtree,
+              Find(source, std::string(whole.at("snapshot_id").as_string())).subtree);
 }
 
 TEST_F(RepositoryBackupTest, SeveralPathsAreOneTree)
