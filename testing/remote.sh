@@ -59,6 +59,7 @@ refused() {
 refused "the secret key is not that of the access key" 1 env AWS_SECRET_ACCESS_KEY=wrong "$kbagent" snapshots
 refused "the server does not know the access key" 1 env AWS_ACCESS_KEY_ID=wrong "$kbagent" snapshots
 refused "does not exist" 10 "$kbagent" snapshots -r "${KBAGENT_TEST_S3%/*}/missing-bucket/shared"
+refused "InvalidLocationConstraint\|region" 1 "$kbagent" init -r "${KBAGENT_TEST_S3%/*}/other/shared" -o s3.region=wrong
 
 echo "-- eight hosts at the same time, with clocks up to ten minutes apart"
 cat >"$work/clock.c" <<'END'
