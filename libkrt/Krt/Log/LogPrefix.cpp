@@ -1,6 +1,7 @@
 #include "Krt/Log/LogPrefix.h"
 
 #include "Krt/Debug/Debugger.h"
+#include "Krt/String/Ascii.h"
 #include "Krt/Thread/Thread.h"
 #include "Krt/Util/Numbers.h"
 
@@ -18,28 +19,30 @@ namespace Krt::Util {
 
 namespace {
 
-// Returns true for a byte of a letter, a digit or a character beyond ASCII.
-bool IsWordByte(unsigned char byte)
-{
-    return byte >= 0x80 || (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') ||
-           (byte >= 'a' && byte <= 'z');
-}
+// True for the bytes of letters, digits and characters beyond ASCII.
+constexpr std::array<bool, 256> IsWordByte = [] {
+    std::array<bool, 256> isWord{};
+    for (unsigned int byte = 0; byte < isWord.size(); ++byte)
+        isWord[byte] = byte >= 0x80 || (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') ||
+                       (byte >= 'a' && byte <= 'z');
+    return isWord;
+}();
 
 } // namespace
 
 YString Camelify(const YString& name)
 {
-    std::string token;
+    std::string token = name.Bytes();
     bool wordBegins = true;
+    std::size_t size = 0;
     for (const char byte : name.Bytes()) {
-        if (!IsWordByte(static_cast<unsigned char>(byte))) {
-            wordBegins = true;
-            continue;
-        }
-        token += wordBegins && byte >= 'a' && byte <= 'z' ? static_cast<char>(byte - 'a' + 'A') : byte;
-        wordBegins = false;
+        const bool isWord = IsWordByte[static_cast<unsigned char>(byte)];
+        if (isWord)
+            token[size++] = wordBegins ? String::ToUpper(byte) : byte;
+        wordBegins = !isWord;
     }
-    return YString(std::string_view(token));
+    token.resize(size);
+    return YString(std::move(token));
 }
 
 YString GetClassNameFromTypeInfo(const std::type_info& type)
@@ -91,13 +94,33 @@ YString NameOf(const std::type_info& type)
     return name;
 }
 
+// The text of the calling thread's id, which changes only in the child of a fork. Without a destructor, so
+// that objects may log while the thread's others are destroyed.
+struct ThreadText
+{
+    unsigned int id;
+    char text[sizeof "0x12345678 " - 1];
+};
+constinit thread_local ThreadText t_thread{};
+
+std::string_view TextOfThread()
+{
+    ThreadText& thread = t_thread;
+    const auto id = static_cast<unsigned int>(Thread::GetThreadId());
+    if (thread.id != id || thread.text[0] == '\0') {
+        const std::string text = Util::NumberToString<unsigned int>(id, true).Bytes() + ' ';
+        thread.id = id;
+        text.copy(thread.text, sizeof thread.text);
+    }
+    return {thread.text, sizeof thread.text};
+}
+
 YString Prefix(const YString& name)
 {
-    const YString thread =
-        Util::NumberToString<unsigned int>(static_cast<unsigned int>(Thread::GetThreadId()), true);
+    const std::string_view thread = TextOfThread();
     std::string prefix;
-    prefix.reserve(thread.Bytes().size() + 1 + name.Bytes().size() + 2);
-    prefix.append(thread.Bytes()).append(" ").append(name.Bytes()).append(": ");
+    prefix.reserve(thread.size() + name.Bytes().size() + 2);
+    prefix.append(thread).append(name.Bytes()).append(": ");
     return YString(std::move(prefix));
 }
 

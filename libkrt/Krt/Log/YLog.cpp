@@ -19,46 +19,50 @@ namespace Krt::Log {
 
 namespace {
 
-// The local time to the second, and its offset from UTC. Cached for the second, since computing it costs more
-// than the rest of a line.
+// The local time as text. All of it but the milliseconds is cached for the second, since computing it costs
+// more than the rest of a line.
 class Clock
 {
 public:
-    void AppendNow(std::string& line)
+    // Valid until the next call.
+    std::string_view Now()
     {
         using namespace std::chrono;
         const auto now = time_point_cast<milliseconds>(system_clock::now());
         const auto second = floor<seconds>(now);
-        if (second != m_second || m_date[0] == '\0')
+        if (second != m_second || m_size == 0)
             Update(second);
-        const auto fraction = static_cast<int>((now - second).count());
-        const auto digit = [](int number) {
-            return static_cast<char>('0' + number % 10);
-        };
-        const char text[] = {'.', digit(fraction / 100), digit(fraction / 10), digit(fraction), '\0'};
-        line.append(m_date).append(text).append(m_zone);
+        auto fraction = static_cast<int>((now - second).count());
+        for (std::size_t i = FractionSize; i-- != 0; fraction /= 10)
+            m_text[m_fraction + i] = static_cast<char>('0' + fraction % 10);
+        return {m_text, m_size};
     }
 
 private:
+    static constexpr std::size_t FractionSize = 3;
+
     void Update(std::chrono::sys_seconds second)
     {
         const std::time_t time = std::chrono::system_clock::to_time_t(second);
         std::tm local{};
         localtime_r(&time, &local);
-        std::strftime(m_date, sizeof m_date, "%Y-%m-%dT%H:%M:%S", &local);
+        m_fraction = std::strftime(m_text, sizeof m_text, "%Y-%m-%dT%H:%M:%S.", &local);
+        char* const zone = m_text + m_fraction + FractionSize;
         const long minutes = local.tm_gmtoff / 60;
-        std::snprintf(m_zone, sizeof m_zone, "%c%02d:%02d", minutes < 0 ? '-' : '+',
-                      static_cast<int>(std::labs(minutes) / 60 % 100),
-                      static_cast<int>(std::labs(minutes) % 60));
+        const int zoneSize = std::snprintf(
+            zone, m_text + sizeof m_text - zone, "%c%02d:%02d", minutes < 0 ? '-' : '+',
+            static_cast<int>(std::labs(minutes) / 60 % 100), static_cast<int>(std::labs(minutes) % 60));
+        m_size = m_fraction + FractionSize + static_cast<std::size_t>(zoneSize);
         m_second = second;
     }
 
     std::chrono::sys_seconds m_second{};
-    char m_date[32] = "";
-    char m_zone[16] = "";
+    std::size_t m_fraction = 0; // where the milliseconds begin
+    std::size_t m_size = 0;     // 0 before the first call
+    char m_text[48] = "";
 };
 
-const char* LevelOf(unsigned int type)
+std::string_view LevelOf(unsigned int type)
 {
     return type == MessageType::General ? " INFO " : " TRACE ";
 }
@@ -118,22 +122,25 @@ std::vector<YString> YRegistrar::GetEnabledMessages() const
 class YLog::Impl
 {
 public:
-    // The lock is held for a whole line, so that the lines are in the order of their times.
+    // The lock is held from the time of a line to its end, so that the lines are in the order of their times.
     mutable Thread::AnnotatedMutex mutex;
     Util::YUnxHandle file KRT_GUARDED_BY(mutex);
     bool copyToConsole KRT_GUARDED_BY(mutex) = false;
     bool wholeLines KRT_GUARDED_BY(mutex) = false;
     std::atomic<unsigned long long> dropped{0};
 
-    // Returns true if the line was written.
-    bool WriteLine(unsigned int type, std::string_view text) KRT_REQUIRES(mutex)
+    // Returns true if the line was written. Makes it in `memory`.
+    bool WriteLine(unsigned int type, std::string_view text, std::string& memory)
     {
-        if (file.IsEmpty() || !MakeLine(type, text))
+        const bool isMade = MakeLine(text, memory);
+        const Thread::AnnotatedLock lock(mutex);
+        if (file.IsEmpty() || !isMade)
             return false;
+        const std::string_view line = Stamped(type, memory);
         if (copyToConsole)
-            WriteOnce(STDERR_FILENO);
-        const ssize_t written = WriteOnce(file.Get());
-        if (written == static_cast<ssize_t>(m_line.size()))
+            WriteOnce(STDERR_FILENO, line);
+        const ssize_t written = WriteOnce(file.Get(), line);
+        if (written == static_cast<ssize_t>(line.size()))
             return true;
         if (written > 0 && wholeLines)
             TakeBack(written);
@@ -141,25 +148,36 @@ public:
     }
 
 private:
-    // Returns false if there is no memory for the line.
-    bool MakeLine(unsigned int type, std::string_view text) KRT_REQUIRES(mutex)
+    static constexpr std::size_t StampRoom = 64; // for the time and the level
+
+    // Makes the line after its time and level, which need the lock. Returns false if there is no memory for
+    // it.
+    static bool MakeLine(std::string_view text, std::string& line)
     {
         try {
-            m_line.clear();
-            m_clock.AppendNow(m_line);
-            m_line += LevelOf(type);
-            String::AppendPrintable(m_line, text); // so that a file's name can't forge a line
-            m_line += '\n';
+            line.assign(StampRoom, ' ');
+            String::AppendPrintable(line, text); // so that a file's name can't forge a line
+            line += '\n';
             return true;
         } catch (const std::bad_alloc&) {
             return false;
         }
     }
 
-    // One call, since the appended pieces of several processes may alternate.
-    ssize_t WriteOnce(int descriptor) const KRT_REQUIRES(mutex)
+    // Puts the time and the level before the line, in its room for them. Returns the whole line.
+    std::string_view Stamped(unsigned int type, std::string& line) KRT_REQUIRES(mutex)
     {
-        const std::string_view line = m_line;
+        const std::string_view time = m_clock.Now();
+        const std::string_view level = LevelOf(type);
+        const std::size_t begin = StampRoom - level.size() - time.size();
+        level.copy(line.data() + begin + time.size(), level.size());
+        time.copy(line.data() + begin, time.size());
+        return std::string_view(line).substr(begin);
+    }
+
+    // One call, since the appended pieces of several processes may alternate.
+    static ssize_t WriteOnce(int descriptor, std::string_view line)
+    {
         return Util::CallSystem([&] { return write(descriptor, line.data(), line.size()); }).value;
     }
 
@@ -176,7 +194,6 @@ private:
     }
 
     Clock m_clock KRT_GUARDED_BY(mutex);
-    std::string m_line KRT_GUARDED_BY(mutex); // kept for its capacity
 };
 
 YLog::YLog() : m_impl(std::make_unique<Impl>()) {}
@@ -219,11 +236,15 @@ YStream& YLog::GetThreadSpecificContext()
 
 void YLog::Write(unsigned int type, const YString& message)
 {
-    std::string_view text = message.Bytes();
-    if (text.ends_with('\n'))
-        text.remove_suffix(1);
-    const Thread::AnnotatedLock lock(m_impl->mutex);
-    if (!m_impl->WriteLine(type, text))
+    std::string memory;
+    Write(type, message.Bytes(), memory);
+}
+
+void YLog::Write(unsigned int type, std::string_view message, std::string& memory)
+{
+    if (message.ends_with('\n'))
+        message.remove_suffix(1);
+    if (!m_impl->WriteLine(type, message, memory))
         m_impl->dropped.fetch_add(1, std::memory_order_relaxed);
 }
 

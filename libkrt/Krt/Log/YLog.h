@@ -11,9 +11,13 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
 namespace Krt::Log {
+
+class YLogContext;
 
 /// The interface of a logger for the logging macros.
 class KRT_API YLogBase
@@ -65,7 +69,12 @@ public:
     void Write(unsigned int type, const YString& message);
 
 private:
+    friend class YLogContext;
     class Impl;
+
+    // Does what Write does. `memory` is used for the line; a caller that keeps it saves allocations.
+    KRT_HIDDEN void Write(unsigned int type, std::string_view message, std::string& memory);
+
     std::unique_ptr<Impl> m_impl;
 };
 

@@ -4,6 +4,7 @@
 #include "Krt/Log/YLog.h"
 
 #include <memory>
+#include <string_view>
 #include <utility>
 
 namespace Krt::Log {
@@ -25,6 +26,15 @@ struct ContextOwner
 };
 thread_local ContextOwner t_owner;
 
+// Removes the text, but keeps the memory that most messages need.
+void Empty(std::string& text) noexcept
+{
+    constexpr std::size_t MostKept = 4096;
+    if (text.capacity() > MostKept)
+        std::string().swap(text);
+    text.clear();
+}
+
 } // namespace
 
 YLogContext::YLogContext() : YStream(YString()), m_type(MessageType::General) {}
@@ -43,34 +53,58 @@ YLogContext& YLogContext::OfThread(YLog& log)
     return *t_context;
 }
 
+bool YLogContext::IsEmpty() const
+{
+    return m_text.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::out) == std::streampos(0);
+}
+
+// Moves the stream's own string: destructors of lines call this, possibly without memory for a copy.
 std::string YLogContext::ExchangeText(std::string text)
 {
-    // Moves the stream's own string: destructors of lines call this, possibly without memory for a copy. Lack
-    // of memory may also have set the stream's error flags.
-    m_text.clear();
     std::string unfinished = std::move(m_text).str();
+    const bool isEmpty = text.empty();
     m_text.str(std::move(text));
-    m_text.seekp(0, std::ios::end);
-    m_text << std::dec;
+    if (!isEmpty)
+        m_text.seekp(0, std::ios::end);
     return unfinished;
+}
+
+// Most messages begin with an empty stream and leave an empty one, which keeps its memory.
+std::string YLogContext::BeginText()
+{
+    m_text.clear(); // lack of memory may have set the stream's error flags
+    m_text << std::dec;
+    return IsEmpty() ? std::string() : ExchangeText(std::exchange(m_memory, {}));
+}
+
+void YLogContext::ContinueText(std::string text)
+{
+    m_text.clear();
+    m_text << std::dec;
+    if (!text.empty() || !IsEmpty())
+        ExchangeText(std::move(text));
 }
 
 void YLogContext::FlushInternal()
 {
-    const YString message(ExchangeText(std::string()));
-    m_log->Write(SetType(MessageType::General), message);
+    std::string text = BeginText();
+    const std::string_view message = std::string_view(text).substr(0, text.find_last_not_of('\0') + 1);
+    m_log->Write(SetType(MessageType::General), message, m_line);
     if (m_signal.MayHaveSlots())
-        m_signal(message);
+        m_signal(YString(message));
+    Empty(m_line);
+    Empty(text);
+    m_memory = std::move(text);
 }
 
 YLogLine::YLogLine(unsigned int type)
-    : m_context(YLogContext::OfThread(*GetGlobalLogger())), m_outer(m_context.ExchangeText(std::string())),
+    : m_context(YLogContext::OfThread(*GetGlobalLogger())), m_outer(m_context.BeginText()),
       m_outerType(m_context.SetType(type))
 {}
 
 YLogLine::~YLogLine()
 {
-    m_context.ExchangeText(std::move(m_outer));
+    m_context.ContinueText(std::move(m_outer));
     m_context.SetType(m_outerType);
 }
 

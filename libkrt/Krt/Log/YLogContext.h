@@ -20,16 +20,23 @@ public:
 
     /// Sets the channel of the message, which is General by default; returns the former one.
     unsigned int SetType(unsigned int type) { return std::exchange(m_type, type); }
-    /// Replaces the unfinished message by `text`, and returns it.
-    std::string ExchangeText(std::string text);
+    /// Replaces the unfinished message by an empty one, and returns it.
+    std::string BeginText();
+    /// Drops the unfinished message, and continues the one that BeginText has returned.
+    void ContinueText(std::string text);
 
     /// Passes the text to the log and to the signal's slots. The next message starts empty and returns to
     /// the channel General.
     void FlushInternal() override;
 
 private:
+    bool IsEmpty() const;
+    std::string ExchangeText(std::string text);
+
     YLog* m_log = nullptr;
     unsigned int m_type;
+    std::string m_memory; // of the last message, empty
+    std::string m_line;   // memory of its line
 };
 
 } // namespace Krt::Log

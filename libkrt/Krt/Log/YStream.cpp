@@ -21,6 +21,15 @@ YStream::YStream(const YString& text)
 
 YStream::~YStream() = default;
 
+// A message has no width and its stream is tied to no other, so text needs no formatted output. Raises
+// std::bad_alloc.
+void YStream::Append(std::string_view text)
+{
+    const auto size = static_cast<std::streamsize>(text.size());
+    if (m_text.rdbuf()->sputn(text.data(), size) != size)
+        m_text.setstate(std::ios::badbit); // raises
+}
+
 // The base of the next number is kept in the stream's format flags.
 template <class T>
 YStream& YStream::AppendNumber(T value)
@@ -32,19 +41,19 @@ YStream& YStream::AppendNumber(T value)
 YStream& YStream::operator<<(const char* text)
 {
     if (text != nullptr)
-        m_text << text;
+        Append(text);
     return *this;
 }
 
 YStream& YStream::operator<<(const YString& text)
 {
-    m_text << text.Bytes();
+    Append(text.Bytes());
     return *this;
 }
 
 YStream& YStream::operator<<(char character)
 {
-    m_text << character;
+    Append({&character, 1});
     return *this;
 }
 
@@ -126,7 +135,7 @@ YStream& YStream::operator<<(Hex)
 YStream& YStream::operator<<(Modifiers modifier)
 {
     if (modifier == Modifiers::EndLine) {
-        m_text << '\n';
+        Append("\n");
         FlushInternal();
     }
     return *this;

@@ -5,6 +5,7 @@
 #include "Krt/String/YString.h"
 
 #include <sstream>
+#include <string_view>
 #include <vector>
 
 namespace Krt::File {
@@ -89,6 +90,7 @@ protected:
     std::ostringstream m_text;               ///< the text so far
 
 private:
+    KRT_HIDDEN void Append(std::string_view text);
     template <class T>
     YStream& AppendNumber(T value);
 };

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 namespace Krt::String {
 
@@ -79,6 +81,24 @@ bool IsPlain(char byte)
     return byte >= 0x20 && byte < 0x7F && byte != '\\';
 }
 
+// Returns the size of a beginning of the text, a multiple of 8, whose bytes are all plain.
+std::size_t SizeOfPlainWords(std::string_view text)
+{
+    constexpr std::uint64_t Ones = 0x0101010101010101;
+    constexpr std::uint64_t HighBits = 0x80 * Ones;
+    std::size_t size = 0;
+    for (; text.size() - size >= sizeof(std::uint64_t); size += sizeof(std::uint64_t)) {
+        std::uint64_t bytes;
+        std::memcpy(&bytes, text.data() + size, sizeof bytes);
+        // The high bit of a byte below 0x20, of 0x7F and of a backslash is set, and that of a byte from 0x80
+        // on. A carry may set that of a further byte, but only after such a one.
+        const std::uint64_t backslashes = bytes ^ '\\' * Ones;
+        if (((bytes | (bytes - 0x20 * Ones) | (bytes + Ones) | (backslashes - Ones)) & HighBits) != 0)
+            break;
+    }
+    return size;
+}
+
 bool IsPlainJson(char byte)
 {
     return (byte >= 0x20 && byte < 0x7F) || byte == '\n';
@@ -89,7 +109,7 @@ bool IsPlainJson(char byte)
 void AppendPrintable(std::string& out, std::string_view text)
 {
     while (!text.empty()) {
-        std::size_t plain = 0;
+        std::size_t plain = SizeOfPlainWords(text);
         while (plain < text.size() && IsPlain(text[plain]))
             ++plain;
         out += text.substr(0, plain);
