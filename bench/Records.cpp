@@ -86,4 +86,15 @@ std::vector<std::string> TextOf(const std::vector<YUnixFileMetadata>& records)
     return texts;
 }
 
+std::string LargeDocument(std::size_t members)
+{
+    std::string text = "[";
+    for (std::size_t i = 0; i < members / 3; ++i) {
+        const std::string number = std::to_string(1000000 + i);
+        text += R"({"identifier":)" + number + R"(,"name":"entry number )" + number + R"(","is_file":true},)";
+    }
+    text.back() = ']';
+    return text;
+}
+
 } // namespace Bench

@@ -29,33 +29,32 @@ void MeasureAt(unsigned int count)
     Bench::PrintRow("string.at", seconds * 1e6 / count, "us");
 }
 
-// Each search has a text of its own, which was copied before the time is taken.
+// Searches in texts of their own, which are copied before the time is taken.
 template <class Text, class Search>
 double SecondsOfSearches(const std::string& bytes, Search search)
 {
     constexpr std::size_t Texts = 20;
-    std::vector<double> seconds;
-    for (int round = 0; round < Rounds; ++round) {
-        const std::vector<Text> texts(Texts, Text(std::string_view(bytes)));
-        seconds.push_back(Bench::Seconds(1, [&] {
-            for (const Text& text : texts)
-                g_sum += search(text);
-        }));
-    }
-    return Bench::Median(seconds);
+    const std::vector<Text> texts(Texts, Text(std::string_view(bytes)));
+    return Bench::Seconds(1, [&] {
+        for (const Text& text : texts)
+            g_sum += search(text);
+    });
 }
 
+// In turns, so that what slows the machine down for a while slows both. The first turn only warms up.
 void MeasureFind(const char* name, const std::string& bytes)
 {
-    const auto find = [&](bool peer) {
-        return peer ? SecondsOfSearches<std::string>(bytes,
-                                                     [](const auto& text) { return text.find("needle"); })
-                    : SecondsOfSearches<YString>(
-                          bytes, [](const YString& text) { return text.Find("needle", 0, true); });
+    std::vector<double> peer, own;
+    for (int round = 0; round <= Rounds; ++round) {
+        peer.push_back(SecondsOfSearches<std::string>(
+            bytes, [](const std::string& text) { return text.find("needle"); }));
+        own.push_back(SecondsOfSearches<YString>(
+            bytes, [](const YString& text) { return text.Find("needle", 0, true); }));
+    }
+    const auto median = [](const std::vector<double>& seconds) {
+        return Bench::Median({seconds.begin() + 1, seconds.end()});
     };
-    find(true);
-    const double peer = find(true);
-    Bench::PrintRow(name, find(false) / peer, "x");
+    Bench::PrintRow(name, median(own) / median(peer), "x");
 }
 
 } // namespace

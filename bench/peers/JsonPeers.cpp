@@ -1,6 +1,6 @@
 // RecordPeers [--quick] [--only NAME] [RECORDS]: JSON records read and written here and by other libraries,
-// in turns and in one process. Prints nanoseconds a record, a figure a line. With --only the one work runs
-// for a profiler, once over all records.
+// in turns and in one process; and a large document by RapidJSON. Prints nanoseconds a record or a member, a
+// figure a line. With --only the one work runs for a profiler, once over all records.
 #include "Backup/File/YUnixFileMetadata.h"
 #include "bench/Measure.h"
 #include "bench/Records.h"
@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -236,6 +237,22 @@ void Compare(const Figures& figures, const char* name, const std::string& ours, 
     Bench::PrintRow(name, figures.at(peers) / figures.at(ours), "x");
 }
 
+// RapidJSON's part of what RecordBench measures.
+void MeasureLargeDocument(std::size_t members)
+{
+    const std::string text = Bench::LargeDocument(members);
+    std::vector<double> parsing, releasing;
+    for (int round = 0; round < Rounds; ++round) {
+        auto document = std::make_unique<rapidjson::Document>();
+        parsing.push_back(Bench::Seconds(1, [&] { document->Parse(text.data(), text.size()); }));
+        g_sum += document->Size();
+        releasing.push_back(Bench::Seconds(1, [&] { document.reset(); }));
+    }
+    const double scale = 1e9 / static_cast<double>(members);
+    Bench::PrintRow("json.parse.rapidjson", Bench::Median(parsing) * scale, "ns");
+    Bench::PrintRow("json.release.rapidjson", Bench::Median(releasing) * scale, "ns");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -270,5 +287,6 @@ int main(int argc, char** argv)
     // Text without a tree, compared with the peers' text from an existing tree.
     Compare(written, "record.direct.nlohmann", "record.direct.krt", "record.text.nlohmann");
     Compare(written, "record.direct.boost", "record.direct.krt", "record.text.boost");
+    MeasureLargeDocument(count < 100000 ? 30000 : 7000000);
     return g_sum == 1;
 }
