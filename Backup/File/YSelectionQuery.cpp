@@ -208,11 +208,13 @@ bool YSelectionManager::NodeExcludes(const NodesOnPath& nodes, std::size_t depth
     const Node& node = *nodes.At(depth);
     const bool isRoot = depth == 0;
     // A match of a component that is known to be selected explicitly has no effect other than its record.
-    const bool isRecorded = Trace::RecordsAll || Krt::Log::IsLogged(MessageType::SelectionQuery);
+    const auto isRecorded = [] {
+        return Trace::RecordsAll || Krt::Log::IsLogged(MessageType::SelectionQuery);
+    };
     // Only recursive excludes match further components than the one in their own directory.
     const std::size_t end = node.m_excludes.HasRecursive() ? nodes.components.size() : depth + 1;
     for (std::size_t i = depth; i < end; ++i) {
-        if (!isRecorded && i < nodes.KnownExplicitEnd()) {
+        if (i < nodes.KnownExplicitEnd() && !isRecorded()) {
             i = nodes.KnownExplicitEnd() - 1;
             continue;
         }

@@ -3,6 +3,10 @@
 #include "Backup/File/GlobIndex.h"
 #include "Backup/File/NameIndex.h"
 
+#include "Krt/String/Ascii.h"
+
+#include <boost/unordered/unordered_flat_set.hpp>
+
 #include <algorithm>
 #include <new>
 #include <string_view>
@@ -20,6 +24,19 @@ constexpr std::size_t LeastIndexed = 16;
 bool IsExact(const YSelectionDescriptor& rule)
 {
     return rule.GetDescriptor().GetMatchType() == MatchType::Exact;
+}
+
+std::string_view PatternOf(const YSelectionDescriptor& rule)
+{
+    return rule.GetDescriptor().GetPattern().Bytes();
+}
+
+// Does what Check does. Most rules are exact, and these are compared without a call.
+bool Matches(const YString& name, const Krt::Match::Descriptor& names)
+{
+    if (names.GetMatchType() == MatchType::Exact)
+        return Krt::String::Equals(name.Bytes(), names.GetPattern().Bytes(), names.IsCaseSensitive());
+    return Krt::Match::Check(name, names);
 }
 
 // Returns true if the rule is in GlobIndex.
@@ -45,7 +62,12 @@ struct KRT_HIDDEN YSelectionRules::Index
     template <class Visitor>
     bool AnyOfPattern(const YString& pattern, Visitor&& visitor) const
     {
-        const auto [first, last] = byPattern.equal_range(pattern.Bytes());
+        const auto found = byPattern.find(std::string_view(pattern.Bytes()));
+        if (found == byPattern.end())
+            return false;
+        if (visitor(*found->rule))
+            return true;
+        const auto [first, last] = furtherByPattern.equal_range(pattern.Bytes());
         return std::any_of(first, last, [&](const auto& entry) { return visitor(*entry.second); });
     }
     bool AnyForAllNames(Condition condition) const
@@ -54,8 +76,28 @@ struct KRT_HIDDEN YSelectionRules::Index
                            [&](const Rule* rule) { return condition(*rule); });
     }
 
+    // The first rule of a pattern. The table consists of pointers alone, so that much of it is in the caches.
+    struct First
+    {
+        mutable const Rule* rule; // may be replaced by another one with the same pattern
+    };
+    struct Hash
+    {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+        std::size_t operator()(const First& entry) const { return (*this)(PatternOf(*entry.rule)); }
+    };
+    struct IsEqual
+    {
+        using is_transparent = void;
+        bool operator()(const First& a, const First& b) const { return (*this)(PatternOf(*a.rule), b); }
+        bool operator()(std::string_view a, const First& b) const { return a == PatternOf(*b.rule); }
+        bool operator()(const First& a, std::string_view b) const { return (*this)(b, a); }
+    };
+
     // All rules by their pattern, which is the name that an exact rule matches. The views are into the rules.
-    std::unordered_multimap<std::string_view, const Rule*> byPattern;
+    boost::unordered_flat_set<First, Hash, IsEqual> byPattern;
+    std::unordered_multimap<std::string_view, const Rule*> furtherByPattern; // after the first one
     Pointers allNames; // those that cover all names: a few at most, since each covers its equals
     GlobIndex globs;   // further ones that may match a name that is not their pattern
     std::size_t exactCount = 0;
@@ -78,7 +120,8 @@ NameIndex& YSelectionRules::Index::Exact(const std::set<Rule>& rules)
 
 void YSelectionRules::Index::Add(const Rule& rule)
 {
-    byPattern.emplace(rule.GetDescriptor().GetPattern().Bytes(), &rule);
+    if (!byPattern.insert(First{&rule}).second)
+        furtherByPattern.emplace(PatternOf(rule), &rule);
     if (rule.CoversAllNames())
         allNames.push_back(&rule);
     else if (MatchesOtherNames(rule))
@@ -104,8 +147,17 @@ void YSelectionRules::Index::Remove(const Rule& rule)
         if (exact != nullptr)
             exact->Remove(&rule);
     }
-    const auto [first, last] = byPattern.equal_range(rule.GetDescriptor().GetPattern().Bytes());
-    byPattern.erase(std::find_if(first, last, [&](const auto& entry) { return entry.second == &rule; }));
+    const auto first = byPattern.find(First{&rule});
+    const auto [next, last] = furtherByPattern.equal_range(PatternOf(rule));
+    if (first->rule != &rule) {
+        furtherByPattern.erase(
+            std::find_if(next, last, [&](const auto& entry) { return entry.second == &rule; }));
+    } else if (next == last) {
+        byPattern.erase(first);
+    } else {
+        first->rule = next->second;
+        furtherByPattern.erase(next);
+    }
 }
 
 YSelectionRules::YSelectionRules() = default;
@@ -119,7 +171,9 @@ YSelectionRules& YSelectionRules::operator=(const YSelectionRules& other)
 {
     if (this != &other) {
         m_index.reset();
+        m_recursiveCount = 0; // in case memory runs out
         m_rules = other.m_rules;
+        m_recursiveCount = other.m_recursiveCount;
         RebuildIndex();
     }
     return *this;
@@ -147,6 +201,7 @@ bool YSelectionRules::Insert(Prepared&& rule) noexcept
     const auto inserted = m_rules.insert(std::move(rule));
     if (!inserted.inserted)
         return false;
+    m_recursiveCount += inserted.position->IsRecursive() ? 1 : 0;
     if (m_index == nullptr)
         RebuildIndex();
     else
@@ -158,6 +213,7 @@ void YSelectionRules::Clear() noexcept
 {
     m_index.reset();
     m_rules.clear();
+    m_recursiveCount = 0;
 }
 
 void YSelectionRules::Erase(const Rule& stored)
@@ -165,17 +221,33 @@ void YSelectionRules::Erase(const Rule& stored)
     const auto position = m_rules.find(stored);
     if (m_index != nullptr)
         m_index->Remove(*position);
+    m_recursiveCount -= position->IsRecursive() ? 1 : 0;
     m_rules.erase(position);
+}
+
+// The step from the last rule to the end is left out: it would be a walk up the tree, and most sets have one
+// rule.
+template <class Predicate>
+bool YSelectionRules::AnyRule(Predicate holds) const
+{
+    auto rule = m_rules.begin();
+    for (std::size_t left = m_rules.size(); left != 0; --left) {
+        if (holds(*rule))
+            return true;
+        if (left != 1)
+            ++rule;
+    }
+    return false;
 }
 
 bool YSelectionRules::AnyMatching(const YString& name, bool recursiveOnly, Condition condition) const
 {
     const auto holds = [&](const Rule& rule) {
-        return (!recursiveOnly || rule.IsRecursive()) && Krt::Match::Check(name, rule.GetDescriptor()) &&
+        return (!recursiveOnly || rule.IsRecursive()) && Matches(name, rule.GetDescriptor()) &&
                condition(rule);
     };
     if (m_index == nullptr)
-        return std::any_of(m_rules.begin(), m_rules.end(), holds);
+        return AnyRule(holds);
     return (m_index->exactCount != 0 && m_index->AnyOfPattern(name, holds)) ||
            m_index->AnyForAllNames(holds) || m_index->globs.Any(name, holds);
 }
@@ -184,8 +256,7 @@ bool YSelectionRules::AnyCoveringAllNames(Condition condition) const
 {
     if (m_index != nullptr)
         return m_index->AnyForAllNames(condition);
-    return std::any_of(m_rules.begin(), m_rules.end(),
-                       [&](const Rule& rule) { return rule.CoversAllNames() && condition(rule); });
+    return AnyRule([&](const Rule& rule) { return rule.CoversAllNames() && condition(rule); });
 }
 
 bool YSelectionRules::AnyCovering(const Rule& candidate, Condition condition) const
@@ -194,7 +265,7 @@ bool YSelectionRules::AnyCovering(const Rule& candidate, Condition condition) co
         return condition(rule) && rule.CanPrune(candidate);
     };
     if (m_index == nullptr)
-        return std::any_of(m_rules.begin(), m_rules.end(), holds);
+        return AnyRule(holds);
     // A rule covers its own pattern or all names. A rule that covers a name also matches it.
     const YString& pattern = candidate.GetDescriptor().GetPattern();
     return m_index->AnyOfPattern(pattern, holds) || m_index->AnyForAllNames(holds) ||

@@ -50,18 +50,10 @@ public:
 
     /// The first rule, in the order of the rules.
     const_iterator begin() const { return m_rules.begin(); }
-    const_iterator end() const { return m_rules.end(); } ///< past the last rule
-    std::size_t size() const { return m_rules.size(); }  ///< number of rules
-    bool empty() const { return m_rules.empty(); }       ///< true if there are no rules
-    /// Returns true if any rule is recursive. Within one type the recursion is the first field of the
-    /// order, and only values outside the enumeration come after recursive ones.
-    bool HasRecursive() const
-    {
-        return !empty() &&
-               (m_rules.rbegin()->IsRecursive() ||
-                (m_rules.rbegin()->GetRecursionType() > Rule::Recursive &&
-                 std::any_of(begin(), end(), [](const Rule& rule) { return rule.IsRecursive(); })));
-    }
+    const_iterator end() const { return m_rules.end(); }        ///< past the last rule
+    std::size_t size() const { return m_rules.size(); }         ///< number of rules
+    bool empty() const { return m_rules.empty(); }              ///< true if there are no rules
+    bool HasRecursive() const { return m_recursiveCount != 0; } ///< true if any rule is recursive
 
     /// Returns the rule that equals `rule`, including the explicit flag, or end().
     const_iterator Find(const Rule& rule) const;
@@ -94,11 +86,14 @@ private:
     struct Index;
     using Pointers = std::vector<const Rule*>;
 
+    template <class Predicate>
+    bool AnyRule(Predicate holds) const;
     Pointers FindCovered(const Rule& rule) const;
     void RebuildIndex();
     void TryToIndex(const Rule& rule);
 
     std::set<Rule> m_rules;
+    std::size_t m_recursiveCount = 0;
     std::unique_ptr<Index> m_index; // nullptr for a small set, or if there was no memory for it
 };
 

@@ -22,9 +22,11 @@ public:
 
     NodesOnPath(const Node& root, const Components& path) : components(path)
     {
+        m_nodes.reserve(components.size() + 1);
         m_nodes.push_back(&root);
         for (const YString& component : components) {
-            const Node* const child = m_nodes.back()->FindChild(component);
+            const Node::Children* const children = m_nodes.back()->m_children.get();
+            const Node* const child = children != nullptr ? children->Find(component) : nullptr;
             if (child == nullptr)
                 break;
             m_nodes.push_back(child);

@@ -7,9 +7,12 @@
 #include "Backup/File/NameIndex.h"
 #include "Backup/File/YSelectionManager.h"
 
+#include <boost/container/small_vector.hpp>
 #include <boost/unordered/unordered_flat_map.hpp>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string_view>
@@ -19,7 +22,8 @@
 namespace Backup::File {
 
 /// The children of a node, hashed by their names. A large tree is seldom in the caches, so each step of an
-/// ordered search would wait for memory. Most nodes have few children, which need no table.
+/// ordered search would wait for memory. Most nodes have few children, which need no table: these are found
+/// by a mark.
 class YSelectionManager::YSelectionManagerNode::Children
 {
 public:
@@ -46,7 +50,8 @@ public:
         if (Table* const table = std::get_if<Table>(&m_children))
             table->emplace(added.m_name.Bytes(), std::move(child));
         else
-            std::get<Few>(m_children).push_back({Hash()(added.m_name.Bytes()), std::move(child)});
+            std::get<Few>(m_children)
+                .push_back({MarkOf(added.m_name.Bytes()), added.m_name.Bytes().size(), std::move(child)});
         return added;
     }
     /// Destroys a child.
@@ -96,21 +101,43 @@ private:
     using Hash = std::hash<std::string_view>;
     // The keys are views of the nodes' names.
     using Table = boost::unordered_flat_map<std::string_view, std::unique_ptr<Node>, Hash>;
+    // Most of the names of a directory differ in size or mark, and short ones always do.
     struct Child
     {
-        std::size_t hash;
+        std::uint64_t mark;
+        std::size_t size; // of the name
         std::unique_ptr<Node> node;
     };
-    using Few = std::vector<Child>;
+    using Few = boost::container::small_vector<Child, 1>; // most nodes have one child
     static constexpr std::size_t MostFew = 8;
+    static constexpr std::size_t MostMarked = 8; // bytes of a name that its mark contains all of
 
+    // The first and the last bytes of a name.
+    static std::uint64_t MarkOf(std::string_view name)
+    {
+        if (name.empty())
+            return 0;
+        std::uint32_t first, last;
+        if (name.size() < sizeof first) {
+            first = static_cast<unsigned char>(name.front());
+            last = static_cast<unsigned char>(name[name.size() / 2]) << 8 |
+                   static_cast<unsigned char>(name.back());
+        } else {
+            std::memcpy(&first, name.data(), sizeof first);
+            std::memcpy(&last, name.data() + name.size() - sizeof last, sizeof last);
+        }
+        return std::uint64_t{first} << 32 | last;
+    }
     static std::string_view NameOf(const Child& child) { return child.node->m_name.Bytes(); }
     static Few::const_iterator FindFew(const Few& few, const YString& name)
     {
-        const std::size_t hash = Hash()(name.Bytes());
-        return std::find_if(few.begin(), few.end(), [&](const Child& child) {
-            return child.hash == hash && NameOf(child) == name.Bytes();
-        });
+        const std::string_view sought = name.Bytes();
+        const std::uint64_t mark = MarkOf(sought);
+        auto child = few.begin();
+        while (child != few.end() && (child->mark != mark || child->size != sought.size() ||
+                                      (sought.size() > MostMarked && NameOf(*child) != sought)))
+            ++child;
+        return child;
     }
     void MakeTable()
     {
