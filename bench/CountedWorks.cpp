@@ -1,22 +1,30 @@
-// CountedWorks NAME: repeats one of the operations that are executed for every file, with collecting enabled
-// only for these; prints the number of repetitions. See tests/performance/instructions.sh.
+// CountedWorks NAME: repeats one of the operations that are executed for every file, or for its parts, with
+// collecting enabled only for these; prints the number of repetitions. See tests/performance/instructions.sh.
 #include "Backup/File/YSelectionManager.h"
 #include "bench/Records.h"
 #include "bench/SelectionInputs.h"
 #include "testing/LegacyHeaderBuilder.h"
 
+#include "agent/Repository/Chunker.h"
+#include "agent/Repository/Index.h"
+#include "agent/Repository/Tree.h"
+
 #include "Krt/JSON/YValue.h"
 #include "Krt/Log/LogSite.h"
 #include "Krt/Thread/YReadWriteMutex.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <random>
 #include <string>
 #include <valgrind/callgrind.h>
+#include <vector>
 
 namespace {
 
+namespace Repo = Agent::Repo;
 using Backup::YJobPath;
 using Backup::File::YMetadataBase;
 using Backup::File::YSelectionManager;
@@ -24,15 +32,15 @@ using Backup::File::YUnixFileMetadata;
 using Krt::JSON::YValue;
 using Krt::Time::YDuration;
 
-// The first time fills what is kept for the next one.
-void Count(int times, const std::function<void(int)>& work)
+// The first time fills what is kept for the next one. Each time counts as so many `units`.
+void Count(int times, const std::function<void(int)>& work, int units = 1)
 {
     work(0);
     CALLGRIND_TOGGLE_COLLECT;
     for (int i = 0; i < times; ++i)
         work(i);
     CALLGRIND_TOGGLE_COLLECT;
-    std::printf("%d\n", times);
+    std::printf("%d\n", times * units);
 }
 
 template <std::size_t RuleCount>
@@ -86,6 +94,98 @@ void LegacyHeader()
     });
 }
 
+// The bytes at the beginning of each chunk, which need no digest, count, too.
+void ChunkByte()
+{
+    constexpr int Size = 4 << 20;
+    std::mt19937 random(1);
+    Repo::Bytes content(Size);
+    std::generate(content.begin(), content.end(), [&] { return static_cast<unsigned char>(random()); });
+    const Repo::ChunkerTables tables(0x3DA3358B4DC173);
+    Repo::Chunker chunker(tables);
+    const auto cut = [&](int) {
+        bool isCut = false;
+        for (Repo::ByteView rest = content; !rest.empty();)
+            rest = rest.subspan(chunker.Feed(rest, isCut));
+    };
+    Count(1, cut, Size);
+}
+
+Repo::Node MakeNode(int number)
+{
+    Repo::Node node;
+    node.name = "file-of-a-package-" + std::to_string(1000 + number);
+    node.mode = Repo::MakeNodeMode(0100644);
+    node.user = node.group = "root";
+    node.size = 4096;
+    node.links = 1;
+    node.content.emplace(1, Repo::Id::Of(Repo::AsBytes(node.name)));
+    return node;
+}
+
+void NodeFromText()
+{
+    constexpr int Nodes = 100;
+    Repo::TreeWriter writer;
+    for (int i = 0; i <= Nodes; ++i)
+        writer.Add(MakeNode(i));
+    const std::string text = writer.Finish();
+    Repo::TreeReader reader(text);
+    Repo::Node node;
+    Count(Nodes, [&](int) { reader.Next(node); });
+}
+
+void NodeToText()
+{
+    const Repo::Node node = MakeNode(0);
+    std::string text;
+    Count(100, [&](int) {
+        text.clear();
+        Repo::AppendNode(node, text);
+    });
+}
+
+constexpr int BlobsOfFile = 4000;
+
+Repo::BlobHandle HandleOf(int number)
+{
+    return {Repo::BlobType::Data, Repo::Id::Of(Repo::AsBytes("blob " + std::to_string(number)))};
+}
+
+std::string IndexFile(int firstBlob)
+{
+    constexpr int BlobsOfPack = 40;
+    Repo::IndexFileWriter writer;
+    std::vector<Repo::PackedBlob> ofPack;
+    for (int i = 0; i < BlobsOfFile; ++i) {
+        ofPack.push_back({HandleOf(firstBlob + i), static_cast<std::uint32_t>(ofPack.size()) * 5000, 5000});
+        if (ofPack.size() == BlobsOfPack) {
+            writer.Add(Repo::Id::Of(Repo::AsBytes("pack " + std::to_string(firstBlob + i))), ofPack);
+            ofPack.clear();
+        }
+    }
+    return writer.Finish();
+}
+
+void IndexEntry()
+{
+    const std::string files[] = {IndexFile(0), IndexFile(BlobsOfFile)};
+    Repo::Index index;
+    const std::string* next = files;
+    Count(
+        1, [&](int) { index.AddFile(*next++); }, BlobsOfFile);
+}
+
+void IndexFind()
+{
+    Repo::Index index;
+    index.AddFile(IndexFile(0));
+    std::vector<Repo::BlobHandle> handles;
+    for (int i = 0; i < BlobsOfFile; ++i)
+        handles.push_back(HandleOf(i));
+    Count(BlobsOfFile, [&](int i) { (void)index.Find(handles[i]); });
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -98,6 +198,11 @@ int main(int argc, char** argv)
         {"record.from.text", RecordFromText},
         {"record.to.text", RecordToText},
         {"legacy.header", LegacyHeader},
+        {"chunk.byte", ChunkByte},
+        {"node.from.text", NodeFromText},
+        {"node.to.text", NodeToText},
+        {"index.entry", IndexEntry},
+        {"index.find", IndexFind},
     };
     Krt::Log::InstallGlobalLogger();
     Krt::Log::GetGlobalRegistrar()->SetEnabledMessages({});

@@ -1,5 +1,8 @@
 // The number of allocations in the operations that every file needs, and the memory held at once; neither
 // depends on the load of the machine.
+#include "agent/Repository/BlobSaver.h"
+#include "agent/Repository/LocalBackend.h"
+#include "agent/Repository/Tree.h"
 #include "agent/Walk/Roots.h"
 
 #include "Backup/File/YSelectionManager.h"
@@ -109,12 +112,64 @@ TEST(Allocations, QueryNeedsThoseOfItsPath)
     EXPECT_EQ(AllocationsOf([&] { tree.Delete("/"); }), 0u);
 }
 
-TEST(Allocations, DisabledLogSiteNeedsNone)
+TEST(Allocations, LogSiteNeedsThoseOfItsPrefix)
 {
     Krt::Log::InstallGlobalLogger();
-    EXPECT_EQ(
-        AllocationsOf([] { KRT_LOG_FREE(Krt::MessageType::SelectionQuery, std::string(100, 'x').c_str()); }),
-        0u);
+    const std::string text(100, 'x');
+    const auto log = [&] {
+        KRT_LOG_FREE(Krt::MessageType::SelectionQuery, text.c_str());
+    };
+    EXPECT_EQ(AllocationsOf(log), 0u);
+    const Testing::TemporaryDirectory directory;
+    Krt::Log::GetGlobalLogger()->Open(Krt::Log::YLog::Param((directory.Path() + "/log").c_str()));
+    Krt::Log::GetGlobalRegistrar()->SetEnabledMessages({"SelectionQuery"});
+    log();
+    EXPECT_LE(AllocationsOf(log), 1u);
+    Krt::Log::GetGlobalRegistrar()->SetEnabledMessages({});
+    Krt::Log::GetGlobalLogger()->Close();
+}
+
+Agent::Repo::BlobHandle HandleOf(int number)
+{
+    using namespace Agent::Repo;
+    return {BlobType::Data, Id::Of(AsBytes("blob " + std::to_string(number)))};
+}
+
+TEST(Allocations, EntriesOfRepositoryNeedFew)
+{
+    using namespace Agent::Repo;
+    TreeWriter writer;
+    for (int i = 0; i < 2; ++i) {
+        Node node;
+        node.name = "file of a package " + std::to_string(i);
+        node.user = node.group = "a name of a user";
+        node.content.emplace(1, HandleOf(i).id);
+        writer.Add(node);
+    }
+    const std::string text = writer.Finish();
+    TreeReader reader(text);
+    Node node;
+    EXPECT_LE(AllocationsOf([&] { reader.Next(node); }), 1u); // the list of its content
+
+    constexpr int Blobs = 2000;
+    IndexFileWriter files[2];
+    for (int i = 0; i < 2 * Blobs; ++i) {
+        const PackedBlob blob{HandleOf(i), 0, 5000};
+        files[i / Blobs].Add(blob.handle.id, {&blob, 1});
+    }
+    const std::string indexFiles[] = {files[0].Finish(), files[1].Finish()};
+    Index index;
+    const std::string* next = indexFiles;
+    EXPECT_LE(AllocationsOf([&] { index.AddFile(*next++); }), 20u);
+
+    const Testing::TemporaryDirectory directory;
+    CreateOptions options;
+    options.cost = {16, 1, 1};
+    const Repository repository =
+        Repository::Create(std::make_shared<LocalBackend>((directory.Path() + "/repository").c_str()),
+                           Secret(AsBytes("password")), options);
+    BlobSaver saver(repository, {});
+    EXPECT_EQ(AllocationsOf([&] { saver.Save(HandleOf(0), AsBytes(text)); }), 0u);
 }
 
 struct Failing

@@ -12,9 +12,9 @@ while read -r name limit; do
     [[ $name != \#* ]] || continue
     times=$(valgrind --tool=callgrind --collect-atstart=no --callgrind-out-file="$work/out" --log-file="$work/log" \
         "$program" "$name")
-    each=$(($(awk '/Collected/ { print $NF }' "$work/log") / times))
+    each=$(awk -v times="$times" '/Collected/ { printf "%.1f", $NF / times }' "$work/log")
     echo "$name: $each instructions, at most $limit"
     # A count of 0 would prove nothing.
-    [ "$each" -gt 0 ] && [ "$each" -le "$limit" ] || failed=1
+    awk -v each="$each" -v limit="$limit" 'BEGIN { exit !(each > 0 && each <= limit) }' || failed=1
 done <"$limits"
 exit $failed
