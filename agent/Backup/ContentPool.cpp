@@ -1,6 +1,7 @@
 #include "agent/Backup/ContentPool.h"
 
 #include "agent/Backup/Unix/Holes.h"
+#include "agent/Repository/Pages.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
@@ -41,10 +42,24 @@ bool HasChanged(const struct stat& before, const struct stat& after)
 }
 
 // Memory for a chunk. Only the part that is used costs anything.
-struct Buffer
+class Buffer
 {
-    std::unique_ptr<unsigned char[]> bytes{new unsigned char[Chunker::MaxSize + BlockSize]};
+public:
+    unsigned char* Data() const { return m_pages.Data(); }
+    // Ends the use. The memory of a long chunk is returned.
+    void Clear()
+    {
+        if (size > KeptSize)
+            m_pages.Release(KeptSize);
+        size = 0;
+    }
+
     std::size_t size = 0; // that is used
+
+private:
+    static constexpr std::size_t KeptSize = 2 << 20; // more than most chunks have
+
+    Repo::Pages m_pages{Chunker::MaxSize + BlockSize};
 };
 
 } // namespace
@@ -187,7 +202,7 @@ private:
         const std::size_t wanted =
             size == 0 ? BlockSize
                       : static_cast<std::size_t>(std::min<std::uint64_t>(BlockSize, size - m_offset));
-        unsigned char* const block = m_buffer.bytes.get() + m_buffer.size;
+        unsigned char* const block = m_buffer.Data() + m_buffer.size;
         std::size_t count = 0;
         try {
             count =
@@ -258,23 +273,22 @@ private:
         const auto size = static_cast<std::uint64_t>(m_state->content.status.st_size);
         const bool isOnly = bytesAfter == 0 && m_offset >= size && m_offset == m_buffer.size;
         if (isOnly) {
-            m_state->Add(m_buffer.size,
-                         m_pool.m_store(BlobType::Data, {m_buffer.bytes.get(), m_buffer.size}));
-            m_buffer.size = 0;
+            m_state->Add(m_buffer.size, m_pool.m_store(BlobType::Data, {m_buffer.Data(), m_buffer.size}));
+            m_buffer.Clear();
             return;
         }
-        auto chunk = std::make_unique<Chunk>();
+        std::unique_ptr<Chunk> chunk = m_pool.TakeChunk();
         std::swap(chunk->buffer, m_buffer);
         chunk->file = m_state;
         chunk->index = m_state->Begin(chunk->buffer.size);
         if (bytesAfter != 0) {
-            const unsigned char* const after = chunk->buffer.bytes.get() + chunk->buffer.size;
-            std::memcpy(m_buffer.bytes.get(), after, bytesAfter);
+            const unsigned char* const after = chunk->buffer.Data() + chunk->buffer.size;
+            std::memcpy(m_buffer.Data(), after, bytesAfter);
             bool isCut = false;
-            m_buffer.size = m_chunker.Feed({m_buffer.bytes.get(), bytesAfter}, isCut);
+            m_buffer.size = m_chunker.Feed({m_buffer.Data(), bytesAfter}, isCut);
         }
         if (!m_pool.TryOffer(chunk))
-            m_pool.StoreChunk(*chunk);
+            m_pool.StoreChunk(std::move(chunk));
     }
 
     ContentPool& m_pool;
@@ -409,13 +423,13 @@ void ContentPool::Work()
             if (m_isEnding)
                 return;
             if (!m_chunks.empty()) {
-                const std::unique_ptr<Chunk> chunk = std::move(m_chunks.front());
+                std::unique_ptr<Chunk> chunk = std::move(m_chunks.front());
                 m_chunks.pop_front();
                 const bool mayOtherRead = m_idle != 0 && mayRead();
                 lock.Unlock();
                 if (mayOtherRead)
                     m_work.notify_one();
-                StoreChunk(*chunk);
+                StoreChunk(std::move(chunk));
             } else {
                 FileToRead file = std::move(m_files.front());
                 m_files.pop_front();
@@ -460,11 +474,32 @@ bool ContentPool::TryOffer(std::unique_ptr<Chunk>& chunk)
     return true;
 }
 
-void ContentPool::StoreChunk(const Chunk& chunk)
+// Returns a chunk without content.
+std::unique_ptr<ContentPool::Chunk> ContentPool::TakeChunk()
 {
-    const StoredBlob blob = m_store(BlobType::Data, {chunk.buffer.bytes.get(), chunk.buffer.size});
-    if (chunk.file->End(chunk.index, blob))
-        Done(*chunk.file);
+    {
+        const AnnotatedLock lock(m_mutex);
+        if (!m_freeChunks.empty()) {
+            std::unique_ptr<Chunk> chunk = std::move(m_freeChunks.back());
+            m_freeChunks.pop_back();
+            return chunk;
+        }
+    }
+    return std::make_unique<Chunk>();
+}
+
+void ContentPool::StoreChunk(std::unique_ptr<Chunk> chunk)
+{
+    const StoredBlob blob = m_store(BlobType::Data, {chunk->buffer.Data(), chunk->buffer.size});
+    const std::shared_ptr<FileState> file = std::move(chunk->file);
+    const std::size_t index = chunk->index;
+    chunk->buffer.Clear();
+    {
+        const AnnotatedLock lock(m_mutex);
+        m_freeChunks.push_back(std::move(chunk));
+    }
+    if (file->End(index, blob))
+        Done(*file);
 }
 
 void ContentPool::Done(FileState& state)

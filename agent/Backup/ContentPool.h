@@ -3,7 +3,7 @@
 // threads. If these are busy, the thread that reads stores the chunk itself, so it never waits for them.
 //
 //   a file:  waiting (m_files) -> read by a thread -> its chunks are stored, in any order -> done
-//   a chunk: being read -> waiting (m_chunks) -> stored
+//   a chunk: free (m_freeChunks) -> being read -> waiting (m_chunks) -> stored -> free
 //   a pool:  working -> ending (Finish, the destructor, or a failure)
 //
 // Invariants:
@@ -129,7 +129,8 @@ private:
     void Fail();
     bool IsEnding() const { return m_isEnding; }
     bool TryOffer(std::unique_ptr<Chunk>& chunk);
-    void StoreChunk(const Chunk& chunk);
+    std::unique_ptr<Chunk> TakeChunk();
+    void StoreChunk(std::unique_ptr<Chunk> chunk);
     void Done(FileState& state);
 
     const Repo::ChunkerTables m_tables;
@@ -146,6 +147,8 @@ private:
     std::uint64_t m_newBytes KRT_GUARDED_BY(m_mutex) = 0; // of files since a thread was woken for files
     std::optional<std::size_t> m_wantedPending KRT_GUARDED_BY(m_mutex); // what the caller waits for
     std::deque<std::unique_ptr<Chunk>> m_chunks KRT_GUARDED_BY(m_mutex);
+    // Not in use; at most as many as were in use at once.
+    std::vector<std::unique_ptr<Chunk>> m_freeChunks KRT_GUARDED_BY(m_mutex);
     std::size_t m_pending KRT_GUARDED_BY(m_mutex) = 0;        // files that are not done
     std::list<std::string> m_reading KRT_GUARDED_BY(m_mutex); // paths
     unsigned int m_idle KRT_GUARDED_BY(m_mutex) = 0;          // threads that wait for work

@@ -17,8 +17,9 @@ using std::chrono::steady_clock;
 constexpr std::size_t IndexBlobLimit = 50000;            // blobs after which an index file is full
 constexpr auto IndexAgeLimit = std::chrono::minutes(10); // after which an index file is written in any case
 constexpr auto BetweenCalls = std::chrono::milliseconds(100); // of onWait
-constexpr unsigned int SparePacks = 1;                        // that are full while all writers have one
-constexpr std::size_t ScratchLimit = 32 << 20;                // bytes that a thread keeps
+constexpr std::size_t SmallScratch = 2 << 20;                 // bytes that are enough for most blobs
+constexpr std::size_t ScratchLimit = 4 << 20;                 // bytes that a thread keeps
+constexpr std::size_t PackExcess = 12 << 20; // bytes of the last blob of a pack and of a long header
 
 constexpr int FastLevel = 1; // of zstd
 constexpr int AutoLevel = 3;
@@ -44,7 +45,7 @@ bool IsFlat(ByteView content)
 }
 
 // Returns true if it is not worth the time to compress the content. `scratch` is overwritten.
-bool LooksIncompressible(ByteView content, Bytes& scratch)
+bool LooksIncompressible(ByteView content, std::span<unsigned char> scratch)
 {
     constexpr std::size_t SampleSize = 64 << 10;
     if (content.size() < 2 * SampleSize || !IsFlat(content))
@@ -53,9 +54,9 @@ bool LooksIncompressible(ByteView content, Bytes& scratch)
     return CompressInto(sample, scratch, FastLevel).size() >= SampleSize - SampleSize / 64;
 }
 
-// Returns the compressed content, which is in the scratch memory; nothing if the blob is stored as it is.
+// Returns the compressed content, which begins the scratch memory; nothing if the blob is stored as it is.
 std::optional<ByteView> CompressBlob(BlobType type, ByteView plaintext, Compression compression,
-                                     Bytes& scratch)
+                                     std::span<unsigned char> scratch)
 {
     if (plaintext.empty())
         return std::nullopt;
@@ -69,12 +70,6 @@ std::optional<ByteView> CompressBlob(BlobType type, ByteView plaintext, Compress
     return compressed;
 }
 
-void GiveBack(Bytes& scratch)
-{
-    if (scratch.capacity() > ScratchLimit)
-        Bytes().swap(scratch);
-}
-
 } // namespace
 
 BlobSaver::BlobSaver(const Repository& repository, const SaveOptions& options)
@@ -83,9 +78,9 @@ BlobSaver::BlobSaver(const Repository& repository, const SaveOptions& options)
     KRT_RAISE_UNLESS(repository.GetConfig().version >= 2, Krt::ErrorCode::InvalidArgument,
                      "Blobs are saved in version 2 of the format alone");
     const unsigned int writers = std::max(1u, options.writers);
-    const std::size_t packs = m_open.size() + writers + SparePacks;
+    const std::size_t packs = m_open.size() + writers;
     for (std::size_t i = 0; i < packs; ++i)
-        m_free.push_back(std::make_unique<PackWriter>(repository.GetKey()));
+        m_free.push_back(std::make_unique<PackWriter>(repository.GetKey(), options.packSize + PackExcess));
     try {
         for (unsigned int i = 0; i < writers; ++i)
             m_writers.emplace_back([this] { WritePacks(); });
@@ -155,25 +150,26 @@ std::uint64_t BlobSaver::Save(const BlobHandle& handle, ByteView plaintext)
 {
     if (!Claim(handle))
         return 0;
-    thread_local Bytes compressed;
-    thread_local Bytes sealed;
+    thread_local Pages scratch;
     try {
         PackedBlob blob;
         blob.handle = handle;
         KRT_RAISE_UNLESS(plaintext.size() <= UINT32_MAX - (1 << 26), Krt::ErrorCode::InvalidArgument,
                          "A blob exceeds the limits of a pack");
         blob.plainLength = static_cast<std::uint32_t>(plaintext.size());
+        const std::size_t room = CompressBound(plaintext.size()) + SealOverhead;
+        if (scratch.Size() < room)
+            scratch = Pages(std::max(room, SmallScratch));
+        const std::span all(scratch.Data(), scratch.Size());
         const std::optional<ByteView> frame =
-            CompressBlob(handle.type, plaintext, m_options.compression, compressed);
+            CompressBlob(handle.type, plaintext, m_options.compression, all.subspan(CiphertextOffset));
         blob.isCompressed = frame.has_value();
         const ByteView content = frame.value_or(plaintext);
-        const std::size_t size = content.size() + SealOverhead;
-        if (sealed.size() < size)
-            sealed.resize(size);
-        SealInto(m_repository.GetKey(), content, std::span(sealed).first(size));
-        const std::uint64_t grown = Append(blob, ByteView(sealed).first(size));
-        GiveBack(compressed);
-        GiveBack(sealed);
+        const auto sealed = all.first(content.size() + SealOverhead);
+        SealInto(m_repository.GetKey(), content, sealed);
+        const std::uint64_t grown = Append(blob, sealed);
+        if (scratch.Size() > ScratchLimit)
+            scratch = {};
         return grown;
     } catch (...) {
         const AnnotatedLock lock(m_mutex);

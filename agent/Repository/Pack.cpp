@@ -102,13 +102,15 @@ std::uint32_t PackWriter::Add(const BlobHandle& handle, ByteView plaintext, bool
 std::uint32_t PackWriter::AddSealed(PackedBlob blob, ByteView sealed)
 {
     const std::uint32_t entrySize = PackEntrySize(blob.isCompressed);
-    KRT_RAISE_UNLESS(sealed.size() <= UINT32_MAX - entrySize && m_bytes.size() <= UINT32_MAX &&
+    KRT_RAISE_UNLESS(sealed.size() <= UINT32_MAX - entrySize && m_size <= UINT32_MAX &&
                          m_headerSize + entrySize <= PackHeaderLimit - SealOverhead,
                      Krt::ErrorCode::InvalidArgument, "A blob exceeds the limits of a pack");
-    blob.offset = static_cast<std::uint32_t>(m_bytes.size());
+    blob.offset = static_cast<std::uint32_t>(m_size);
     blob.length = static_cast<std::uint32_t>(sealed.size());
+    Reserve(m_size + sealed.size());
     m_blobs.push_back(blob);
-    m_bytes.insert(m_bytes.end(), sealed.begin(), sealed.end());
+    std::copy(sealed.begin(), sealed.end(), m_bytes.Data() + m_size);
+    m_size += sealed.size();
     m_headerSize += entrySize;
     return blob.length + entrySize;
 }
@@ -116,8 +118,7 @@ std::uint32_t PackWriter::AddSealed(PackedBlob blob, ByteView sealed)
 ByteView PackWriter::Finish()
 {
     Bytes header;
-    header.reserve(m_headerSize);
-    m_bytes.reserve(FinishedSize());
+    header.reserve(m_headerSize + LengthSize);
     for (const PackedBlob& blob : m_blobs) {
         const unsigned char type = blob.handle.type == BlobType::Tree ? 1 : 0;
         header.push_back(blob.isCompressed ? type | CompressedFlag : type);
@@ -126,17 +127,31 @@ ByteView PackWriter::Finish()
             AppendLength(blob.plainLength, header);
         header.insert(header.end(), blob.handle.id.bytes.begin(), blob.handle.id.bytes.end());
     }
-    Seal(m_key, header, m_bytes);
-    AppendLength(static_cast<std::uint32_t>(header.size() + SealOverhead), m_bytes);
-    return m_bytes;
+    const std::size_t sealedSize = header.size() + SealOverhead;
+    Reserve(FinishedSize());
+    SealInto(m_key, header, {m_bytes.Data() + m_size, sealedSize});
+    header.clear();
+    AppendLength(static_cast<std::uint32_t>(sealedSize), header);
+    std::copy(header.begin(), header.end(), m_bytes.Data() + m_size + sealedSize);
+    m_size += sealedSize + LengthSize;
+    return {m_bytes.Data(), m_size};
+}
+
+// Takes memory for a pack of this many bytes.
+void PackWriter::Reserve(std::uint64_t size)
+{
+    if (size <= m_bytes.Size())
+        return;
+    Pages larger(std::max<std::size_t>(m_expected, size + size / 2));
+    std::copy_n(m_bytes.Data(), m_size, larger.Data());
+    m_bytes = std::move(larger);
 }
 
 void PackWriter::Clear()
 {
-    constexpr std::size_t KeptCapacity = 160 << 20;
-    m_bytes.clear();
-    if (m_bytes.capacity() > KeptCapacity)
-        Bytes().swap(m_bytes);
+    if (m_size > m_expected)
+        m_bytes.Release(m_expected);
+    m_size = 0;
     m_blobs.clear();
     m_headerSize = 0;
 }

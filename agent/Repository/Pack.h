@@ -3,6 +3,7 @@
 #pragma once
 
 #include "agent/Repository/Blob.h"
+#include "agent/Repository/Pages.h"
 
 #include <vector>
 
@@ -31,8 +32,8 @@ std::uint32_t ReadPackHeaderLength(ByteView tail, std::uint64_t size);
 class PackWriter
 {
 public:
-    /// The key outlives the writer.
-    explicit PackWriter(const Key& key) : m_key(key) {}
+    /// The key outlives the writer. A pack that has more than `expected` bytes may be copied as it grows.
+    explicit PackWriter(const Key& key, std::size_t expected = 1 << 20) : m_key(key), m_expected(expected) {}
 
     /// Adds a blob, which it compresses and seals, and returns the number of bytes that the pack grew by.
     /// The caller has computed the id of the plaintext. Raises InvalidArgument if the pack would exceed the
@@ -41,23 +42,27 @@ public:
     /// Adds a blob that was sealed before. Its offset and length are set here. See Add.
     std::uint32_t AddSealed(PackedBlob blob, ByteView sealed);
     /// Bytes of the blobs so far.
-    std::uint64_t Size() const { return m_bytes.size(); }
+    std::uint64_t Size() const { return m_size; }
     /// Bytes of the pack if it was finished now.
-    std::uint64_t FinishedSize() const { return m_bytes.size() + m_headerSize + PackOverhead; }
+    std::uint64_t FinishedSize() const { return m_size + m_headerSize + PackOverhead; }
     bool IsEmpty() const { return m_blobs.empty(); }
     const std::vector<PackedBlob>& GetBlobs() const { return m_blobs; }
 
     /// Appends the header, and returns the bytes of the file, whose id is their SHA-256. The writer has
     /// nothing more to give until Clear.
     ByteView Finish();
-    /// Begins the next pack.
+    /// Begins the next pack. Memory of `expected` bytes is kept.
     void Clear();
 
 private:
+    void Reserve(std::uint64_t size);
+
     const Key& m_key;
-    Bytes m_bytes;
-    Bytes m_compressed; // of one blob
-    Bytes m_sealed;     // one blob
+    const std::size_t m_expected;
+    Pages m_bytes;
+    std::uint64_t m_size = 0; // bytes that are used
+    Bytes m_compressed;       // of one blob
+    Bytes m_sealed;           // one blob
     std::vector<PackedBlob> m_blobs;
     std::uint64_t m_headerSize = 0;
 };

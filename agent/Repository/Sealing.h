@@ -36,7 +36,10 @@ private:
 /// Appends the sealed plaintext to `out`, with a random IV. Raises CryptoFailure if OpenSSL fails. The
 /// plaintext is not in `out`.
 void Seal(const Key& key, ByteView plaintext, Bytes& out);
-/// Seal into memory that has SealOverhead bytes more than the plaintext, and is not that of it.
+/// Offset of the ciphertext in sealed bytes.
+constexpr std::size_t CiphertextOffset = 16;
+/// Seal into memory that has SealOverhead bytes more than the plaintext. The plaintext is at CiphertextOffset
+/// of it, or elsewhere.
 void SealInto(const Key& key, ByteView plaintext, std::span<unsigned char> sealed);
 /// Seal with this IV (16 bytes), for tests with known results: an IV may be used only once with a key.
 void SealWithIv(const Key& key, ByteView iv, ByteView plaintext, Bytes& out);

@@ -125,16 +125,21 @@ std::size_t CompressAt(ByteView content, std::span<unsigned char> out, int level
 
 void Compress(ByteView content, Bytes& out, int level)
 {
-    const std::size_t begin = out.size();
-    out.resize(begin + ZSTD_compressBound(content.size()));
-    out.resize(begin + CompressAt(content, std::span(out).subspan(begin), level));
+    const std::size_t bound = CompressBound(content.size());
+    // Memory that is not written costs nothing.
+    const std::unique_ptr<unsigned char[]> room(new unsigned char[bound]);
+    const ByteView frame = CompressInto(content, {room.get(), bound}, level);
+    out.insert(out.end(), frame.begin(), frame.end());
 }
 
-ByteView CompressInto(ByteView content, Bytes& scratch, int level)
+std::size_t CompressBound(std::size_t size)
 {
-    if (const std::size_t bound = ZSTD_compressBound(content.size()); scratch.size() < bound)
-        scratch.resize(bound);
-    return ByteView(scratch).first(CompressAt(content, scratch, level));
+    return ZSTD_compressBound(size);
+}
+
+ByteView CompressInto(ByteView content, std::span<unsigned char> room, int level)
+{
+    return ByteView(room).first(CompressAt(content, room, level));
 }
 
 void Decompress(ByteView frames, std::size_t size, Bytes& out)
@@ -168,6 +173,34 @@ void DecompressUpTo(ByteView frames, std::size_t limit, std::string& out)
     // Growing would take half as much again.
     const std::size_t room = limit > AtOnceLimit ? CountBytes(frames, limit) : FirstRoom;
     DecompressInSteps(frames, limit, std::max<std::size_t>(room, 1), out);
+}
+
+void Decompressor::Free::operator()(ZSTD_DCtx_s* context) const
+{
+    ZSTD_freeDCtx(context);
+}
+
+Decompressor::Decompressor(ByteView frames) : m_context(ZSTD_createDCtx()), m_rest(frames)
+{
+    if (m_context == nullptr)
+        throw std::bad_alloc();
+    ZSTD_DCtx_setParameter(m_context.get(), ZSTD_d_windowLogMax, ReadWindowLog);
+}
+
+std::size_t Decompressor::Read(std::span<unsigned char> out)
+{
+    ZSTD_outBuffer output{out.data(), out.size(), 0};
+    while (output.pos < output.size && (m_isInFrame || !m_rest.empty())) {
+        ZSTD_inBuffer input{m_rest.data(), m_rest.size(), 0};
+        const std::size_t before = output.pos;
+        const std::size_t result = ZSTD_decompressStream(m_context.get(), &output, &input);
+        CheckResult(result);
+        m_isInFrame = result != 0;
+        m_rest = m_rest.subspan(input.pos);
+        if (m_isInFrame && m_rest.empty() && output.pos == before)
+            RaiseDamaged("is cut off");
+    }
+    return output.pos;
 }
 
 } // namespace Agent::Repo
