@@ -5,6 +5,9 @@
 #include "agent/Repository/Pack.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <system_error>
 
 namespace Agent::Repo {
 
@@ -14,8 +17,10 @@ constexpr std::uint32_t CompressedFlag = 1u << 31;
 constexpr std::uint32_t TreeFlag = 1u << 30;
 constexpr std::uint32_t PackMask = TreeFlag - 1;
 constexpr std::uint32_t NumberLimit = UINT32_MAX - 1;
-constexpr std::size_t EntriesPerPart = 1 << 16;
+constexpr std::size_t EntriesPerPart = 1 << 14;
 constexpr std::size_t FirstSlots = 1 << 10;
+constexpr std::size_t WindowSize = 64 << 10; // bytes of a text of which a part is in memory
+constexpr std::size_t LongestItem = 512;     // bytes of a blob as writers write it, and more
 constexpr int CopyLimit = 1000; // of a blob, so that a hostile index does not cost quadratic time
 
 BlobType ReadBlobType(JsonReader& reader)
@@ -26,6 +31,14 @@ BlobType ReadBlobType(JsonReader& reader)
     if (word != "tree")
         reader.RaiseDamaged("the type of a blob is not known");
     return BlobType::Tree;
+}
+
+// A blob that is not compressed has no length of its plaintext in the file.
+void CompleteLengths(PackedBlob& blob)
+{
+    blob.isCompressed = blob.plainLength != 0;
+    if (!blob.isCompressed)
+        blob.plainLength = blob.length - std::uint32_t(SealOverhead);
 }
 
 PackedBlob ReadBlob(JsonReader& reader)
@@ -58,9 +71,7 @@ PackedBlob ReadBlob(JsonReader& reader)
         reader.RaiseDamaged("a blob has no id or no type");
     if (blob.length < SealOverhead)
         reader.RaiseDamaged("a blob is too short to be sealed");
-    blob.isCompressed = blob.plainLength != 0;
-    if (!blob.isCompressed)
-        blob.plainLength = blob.length - std::uint32_t(SealOverhead);
+    CompleteLengths(blob);
     return blob;
 }
 
@@ -93,7 +104,96 @@ Id ReadPack(JsonReader& reader, std::vector<PackedBlob>& blobs, const std::funct
     return *pack;
 }
 
-// A hash table of numbers with open addressing. What the numbers mean is stored elsewhere.
+// A part of a text, which is consumed from its beginning. Calls that return false consume nothing.
+class TextWindow
+{
+public:
+    explicit TextWindow(const TextSource& source) : m_source(source), m_bytes(new char[WindowSize]) {}
+
+    // Makes LongestItem bytes available, or what the text has.
+    void Fill()
+    {
+        if (m_rest.size() >= LongestItem || m_isAtEnd)
+            return;
+        std::memmove(m_bytes.get(), m_rest.data(), m_rest.size());
+        std::size_t size = m_rest.size();
+        while (size < WindowSize && !m_isAtEnd) {
+            const std::size_t added = m_source({m_bytes.get() + size, WindowSize - size});
+            m_isAtEnd = added == 0;
+            size += added;
+        }
+        m_rest = {m_bytes.get(), size};
+    }
+    bool IsEmpty() const { return m_rest.empty(); }
+    bool Take(std::string_view word)
+    {
+        const bool isNext = m_rest.starts_with(word);
+        if (isNext)
+            m_rest.remove_prefix(word.size());
+        return isNext;
+    }
+    bool TakeId(Id& out)
+    {
+        const std::optional<Id> id = Id::FromHex(m_rest.substr(0, Id::Digits));
+        if (!id)
+            return false;
+        out = *id;
+        m_rest.remove_prefix(Id::Digits);
+        return true;
+    }
+    bool TakeNumber(std::uint32_t& out)
+    {
+        const auto [end, error] = std::from_chars(m_rest.data(), m_rest.data() + m_rest.size(), out);
+        const auto size = static_cast<std::size_t>(end - m_rest.data());
+        if (error != std::errc() || (m_rest.front() == '0' && size != 1))
+            return false;
+        m_rest.remove_prefix(size);
+        return true;
+    }
+
+private:
+    const TextSource& m_source;
+    const std::unique_ptr<char[]> m_bytes;
+    std::string_view m_rest; // of m_bytes
+    bool m_isAtEnd = false;
+};
+
+bool TakeBlob(TextWindow& text, PackedBlob& blob)
+{
+    blob = {};
+    text.Fill();
+    if (!text.Take("{\"id\":\"") || !text.TakeId(blob.handle.id) || !text.Take("\",\"type\":\""))
+        return false;
+    const bool isData = text.Take("data");
+    if (!isData && !text.Take("tree"))
+        return false;
+    blob.handle.type = isData ? BlobType::Data : BlobType::Tree;
+    if (!text.Take("\",\"offset\":") || !text.TakeNumber(blob.offset) || !text.Take(",\"length\":") ||
+        !text.TakeNumber(blob.length) || blob.length < SealOverhead)
+        return false;
+    if (text.Take(",\"uncompressed_length\":") && !text.TakeNumber(blob.plainLength))
+        return false;
+    CompleteLengths(blob);
+    return text.Take("}");
+}
+
+bool TakePack(TextWindow& text, Id& pack, std::vector<PackedBlob>& blobs, const std::function<void()>& onItem)
+{
+    blobs.clear();
+    text.Fill();
+    if (!text.Take("{\"id\":\"") || !text.TakeId(pack) || !text.Take("\",\"blobs\":["))
+        return false;
+    do {
+        if (onItem)
+            onItem();
+        if (!TakeBlob(text, blobs.emplace_back()))
+            return false;
+    } while (text.Take(","));
+    return text.Take("]}");
+}
+
+// A hash table of numbers with open addressing. What the numbers mean is stored elsewhere. A byte of its hash
+// is noted for each number, so that hardly any other number is looked at.
 class Slots
 {
 public:
@@ -102,8 +202,9 @@ public:
     template <class Visit>
     bool Find(std::size_t hash, const Visit& visit) const
     {
-        for (std::size_t at = hash & Mask(); m_slots[at] != 0; at = (at + 1) & Mask()) {
-            if (visit(m_slots[at] - 1))
+        const unsigned char mark = MarkOf(hash);
+        for (std::size_t at = PlaceOf(hash); m_marks[at] != 0; at = Next(at)) {
+            if (m_marks[at] == mark && visit(m_numbers[at]))
                 return true;
         }
         return false;
@@ -113,27 +214,52 @@ public:
     template <class HashOf>
     void Insert(std::size_t hash, std::uint32_t number, const HashOf& hashOf)
     {
-        if ((m_used + 1) * 4 > m_slots.size() * 3) {
-            m_slots.assign(2 * m_slots.size(), 0);
-            for (std::uint32_t old = 0; old < m_used; ++old)
-                Put(hashOf(old), old);
-        }
+        if (SlotsFor(m_used + 1) > m_marks.size())
+            Resize(m_marks.size() + m_marks.size() / 2, hashOf);
         Put(hash, number);
         ++m_used;
     }
-
-private:
-    std::size_t Mask() const { return m_slots.size() - 1; }
-    void Put(std::size_t hash, std::uint32_t number)
+    // Takes memory for `count` numbers in all.
+    template <class HashOf>
+    void Reserve(std::size_t count, const HashOf& hashOf)
     {
-        std::size_t at = hash & Mask();
-        while (m_slots[at] != 0)
-            at = (at + 1) & Mask();
-        m_slots[at] = number + 1;
+        if (SlotsFor(count) > m_marks.size())
+            Resize(SlotsFor(count), hashOf);
     }
 
-    std::vector<std::uint32_t> m_slots = std::vector<std::uint32_t>(FirstSlots); // number + 1, or 0
-    std::uint32_t m_used = 0;
+private:
+    static std::size_t SlotsFor(std::size_t count) { return count + count / 6 + 1; }
+    static unsigned char MarkOf(std::size_t hash)
+    {
+        return static_cast<unsigned char>(std::max<std::size_t>(hash & 0xFF, 1));
+    }
+    std::size_t PlaceOf(std::size_t hash) const
+    {
+        __extension__ using Product = unsigned __int128;
+        return static_cast<std::size_t>(Product(hash) * m_marks.size() >> 64);
+    }
+    std::size_t Next(std::size_t at) const { return at + 1 == m_marks.size() ? 0 : at + 1; }
+    void Put(std::size_t hash, std::uint32_t number)
+    {
+        std::size_t at = PlaceOf(hash);
+        while (m_marks[at] != 0)
+            at = Next(at);
+        m_marks[at] = MarkOf(hash);
+        m_numbers[at] = number;
+    }
+    template <class HashOf>
+    void Resize(std::size_t size, const HashOf& hashOf)
+    {
+        std::unique_ptr<std::uint32_t[]> numbers(new std::uint32_t[size]);
+        m_marks = std::vector<unsigned char>(size);
+        m_numbers = std::move(numbers);
+        for (std::size_t number = 0; number < m_used; ++number)
+            Put(hashOf(static_cast<std::uint32_t>(number)), static_cast<std::uint32_t>(number));
+    }
+
+    std::vector<unsigned char> m_marks = std::vector<unsigned char>(FirstSlots); // 0 for a free slot
+    std::unique_ptr<std::uint32_t[]> m_numbers{new std::uint32_t[FirstSlots]};   // by slot
+    std::size_t m_used = 0;
 };
 
 } // namespace
@@ -160,6 +286,28 @@ void ReadIndexFile(std::string_view json, const PackVisitor& visit, const std::f
         }
     }
     reader.End();
+}
+
+bool ReadPlainIndexFile(const TextSource& source, const PackVisitor& visit,
+                        const std::function<void()>& onItem)
+{
+    TextWindow text(source);
+    text.Fill();
+    if (!text.Take("{\"packs\":["))
+        return false;
+    Id pack;
+    std::vector<PackedBlob> blobs;
+    do {
+        if (onItem)
+            onItem();
+        if (!TakePack(text, pack, blobs, onItem))
+            return false;
+        visit(pack, blobs);
+    } while (text.Take(","));
+    text.Fill();
+    const bool isAtEnd = text.Take("]}");
+    text.Take("\n");
+    return isAtEnd && text.IsEmpty();
 }
 
 void IndexFileWriter::Add(const Id& pack, std::span<const PackedBlob> blobs)
@@ -232,13 +380,19 @@ struct Index::Tables
             return Is(entry, handle) && visit(number, entry);
         });
     }
+    auto HashByNumber() const
+    {
+        return [this](std::uint32_t number) {
+            return HashOf(At(number));
+        };
+    }
     void Append(const Entry& entry)
     {
         KRT_RAISE_UNLESS(count < NumberLimit, Krt::ErrorCode::OutOfMemory, "Too many blobs for an index");
-        if (count % EntriesPerPart == 0)
+        if (parts.size() == count / EntriesPerPart)
             parts.push_back(std::make_unique<Entry[]>(EntriesPerPart));
-        parts.back()[count % EntriesPerPart] = entry;
-        slots.Insert(HashOf(entry), count, [this](std::uint32_t number) { return HashOf(At(number)); });
+        parts[count / EntriesPerPart][count % EntriesPerPart] = entry;
+        slots.Insert(HashOf(entry), count, HashByNumber());
         ++count;
     }
     std::uint32_t PackNumber(const Id& id)
@@ -270,6 +424,11 @@ Index& Index::operator=(Index&& other) noexcept = default;
 void Index::AddFile(std::string_view json)
 {
     ReadIndexFile(json, [this](const Id& pack, std::span<const PackedBlob> blobs) { AddPack(pack, blobs); });
+}
+
+void Index::Reserve(std::size_t blobs)
+{
+    m_tables->slots.Reserve(std::min<std::size_t>(blobs, NumberLimit), m_tables->HashByNumber());
 }
 
 void Index::AddPack(const Id& pack, std::span<const PackedBlob> blobs)

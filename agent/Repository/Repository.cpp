@@ -1,7 +1,9 @@
 #include "agent/Repository/Repository.h"
 
 #include "agent/Repository/InOrder.h"
+#include "agent/Repository/Look.h"
 #include "agent/Repository/Pack.h"
+#include "agent/Repository/Pages.h"
 #include "agent/Repository/Zstd.h"
 
 #include "Krt/Log/LogSite.h"
@@ -10,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <optional>
@@ -28,19 +31,90 @@ constexpr std::uint64_t TailSize = 64 << 10;           // bytes of a pack in whi
 constexpr std::size_t ScratchLimit = 32 << 20;         // bytes that a thread keeps
 constexpr std::uint64_t IndexTextSize = 64 << 20;      // bytes; writers make index files of a few MiB
 constexpr std::uint64_t SmallTextSize = 16 << 20;      // bytes, of all files but indexes and packs
+constexpr int CompressionLevel = 3;                    // of zstd, for JSON
 constexpr unsigned char CompressedMark = 2;            // the first byte of a file whose JSON is compressed
+
+bool IsJson(ByteView content)
+{
+    return !content.empty() && (content.front() == '{' || content.front() == '[');
+}
+
+// The JSON text of a file whose seal was opened.
+std::string Unpack(ByteView content, std::uint64_t limit)
+{
+    if (IsJson(content))
+        return std::string(AsText(content));
+    REPOSITORY_RAISE_UNLESS(!content.empty() && content.front() == CompressedMark, Failure::Damaged,
+                            "damaged: neither JSON nor compressed");
+    std::string text;
+    DecompressUpTo(content.subspan(1), limit, text);
+    return text;
+}
 
 // What an index file has.
 struct ParsedIndex
 {
-    // Packs before the place of a failure stay.
-    void Read(std::string_view json, const std::function<void()>& onItem)
+    // Replaces the content by that of a file whose seal was opened. Packs before the place of a failure stay.
+    void Read(ByteView content, std::uint64_t limit, const std::function<void()>& onItem)
     {
-        const auto add = [this](const Id& pack, std::span<const PackedBlob> ofPack) {
-            blobs.insert(blobs.end(), ofPack.begin(), ofPack.end());
-            packs.push_back({pack, blobs.size()});
+        if (ReadPlain(content, limit, onItem))
+            return;
+        Clear(content);
+        if (IsJson(content))
+            ReadIndexFile(AsText(content), Adder(), onItem);
+        else
+            ReadIndexFile(Unpack(content, limit), Adder(), onItem);
+    }
+    // Returns false for text that is not compressed, is long, or is not as writers write it.
+    bool ReadPlain(ByteView content, std::uint64_t limit, const std::function<void()>& onItem)
+    {
+        if (content.empty() || content.front() != CompressedMark)
+            return false;
+        Clear(content);
+        Decompressor decompressor(content.subspan(1));
+        const TextSource source = [&](std::span<char> out) -> std::size_t {
+            Look();
+            if (limit == 0)
+                return 0;
+            limit -= std::min<std::uint64_t>(limit, out.size());
+            return decompressor.Read({reinterpret_cast<unsigned char*>(out.data()), out.size()});
         };
-        ReadIndexFile(json, add, onItem);
+        return ReadPlainIndexFile(source, Adder(), onItem);
+    }
+    void Clear(ByteView content)
+    {
+        constexpr std::size_t BytesOfBlob = 32; // compressed, at least, since an id does not shrink
+        storedSize = content.size();
+        packs.clear();
+        count = 0;
+        Reserve(content.size() / BytesOfBlob);
+    }
+    PackVisitor Adder()
+    {
+        return [this](const Id& pack, std::span<const PackedBlob> ofPack) {
+            if (sizeof(PackedBlob) * (count + ofPack.size()) > memory.Size())
+                Reserve(2 * (count + ofPack.size()));
+            std::uninitialized_copy(ofPack.begin(), ofPack.end(), Blobs() + count);
+            count += ofPack.size();
+            packs.push_back({pack, count});
+        };
+    }
+    void Reserve(std::size_t blobs)
+    {
+        Pages larger(sizeof(PackedBlob) * std::max<std::size_t>(blobs, 1));
+        std::uninitialized_copy_n(Blobs(), count, reinterpret_cast<PackedBlob*>(larger.Data()));
+        memory = std::move(larger);
+    }
+    PackedBlob* Blobs() const { return reinterpret_cast<PackedBlob*>(memory.Data()); }
+    // The blobs of all index files, of which there are `files` with this many bytes.
+    std::size_t EstimateAll(std::uint64_t bytes, std::size_t files) const
+    {
+        constexpr double Spare = 1.02;
+        const double times =
+            static_cast<double>(bytes) / static_cast<double>(std::max<std::size_t>(storedSize, 1));
+        // What a server lists may be wrong.
+        const double most = 2.0 * static_cast<double>(files);
+        return static_cast<std::size_t>(Spare * std::min(times, most) * static_cast<double>(count));
     }
     // Many copies of a blob take long, so that a pack is added in steps.
     void AddTo(Index& index, const std::function<void()>& onItem) const
@@ -51,15 +125,17 @@ struct ParsedIndex
             do {
                 if (onItem)
                     onItem();
-                const std::size_t count = std::min(end - begin, StepSize);
-                index.AddPack(pack, std::span(blobs).subspan(begin, count));
-                begin += count;
+                const std::size_t step = std::min(end - begin, StepSize);
+                index.AddPack(pack, {Blobs() + begin, step});
+                begin += step;
             } while (begin < end);
         }
     }
 
-    std::vector<PackedBlob> blobs;
+    Pages memory;                                  // of the blobs
+    std::size_t count = 0;                         // of blobs
     std::vector<std::pair<Id, std::size_t>> packs; // with the end of their blobs
+    std::size_t storedSize = 0;                    // bytes of the file
 };
 
 // The prefix of the failures of a file, for Named.
@@ -104,23 +180,15 @@ std::uint64_t LimitOf(FileKind kind)
     }
 }
 
-// The JSON text of a file whose seal was opened.
-std::string Unpack(ByteView content, std::uint64_t limit)
-{
-    const unsigned char first = content.empty() ? 0 : content.front();
-    if (first == '{' || first == '[')
-        return std::string(AsText(content));
-    REPOSITORY_RAISE_UNLESS(first == CompressedMark, Failure::Damaged,
-                            "damaged: neither JSON nor compressed");
-    std::string text;
-    DecompressUpTo(content.subspan(1), limit, text);
-    return text;
-}
-
-std::vector<Id> ListSorted(IBackend& backend, FileKind kind)
+// The ids of the files of a kind. Their bytes are added to `bytes`.
+std::vector<Id> ListSorted(IBackend& backend, FileKind kind, std::uint64_t* bytes = nullptr)
 {
     std::vector<Id> ids;
-    backend.List(kind, [&ids](const Id& id, std::uint64_t) { ids.push_back(id); });
+    backend.List(kind, [&](const Id& id, std::uint64_t size) {
+        ids.push_back(id);
+        if (bytes != nullptr)
+            *bytes += size;
+    });
     std::sort(ids.begin(), ids.end());
     ids.erase(std::unique(ids.begin(), ids.end()), ids.end()); // some servers list a name twice
     return ids;
@@ -369,17 +437,12 @@ void Repository::LoadStored(const FileName& file, Bytes& out) const
 
 std::string Repository::LoadText(const FileName& file) const
 {
-    return LoadTextUpTo(file, LimitOf(file.kind));
-}
-
-// `limit` is of compressed text, in bytes.
-std::string Repository::LoadTextUpTo(const FileName& file, std::uint64_t limit) const
-{
     Bytes stored;
     LoadStored(file, stored);
     return Named(At(file), [&] {
         const ByteView content = OpenInPlace(m_key, stored);
-        return file.kind == FileKind::Config ? std::string(AsText(content)) : Unpack(content, limit);
+        return file.kind == FileKind::Config ? std::string(AsText(content))
+                                             : Unpack(content, LimitOf(file.kind));
     });
 }
 
@@ -392,14 +455,18 @@ Id Repository::SaveText(FileKind kind, std::string_view json) const
 
 void Repository::SaveText(FileKind kind, std::string_view json, Id& id) const
 {
-    Bytes sealed;
-    if (m_config.version >= 2) {
-        Bytes content{CompressedMark};
-        Compress(AsBytes(json), content);
-        Seal(m_key, content, sealed);
-    } else {
-        Seal(m_key, AsBytes(json), sealed);
+    // Compressed and sealed in one place, since the text of an index file is long.
+    const bool isCompressed = m_config.version >= 2;
+    const std::size_t room = isCompressed ? 1 + CompressBound(json.size()) : json.size();
+    const Pages pages(room + SealOverhead);
+    const std::span<unsigned char> content(pages.Data() + CiphertextOffset, room);
+    std::size_t size = json.size();
+    if (isCompressed) {
+        content.front() = CompressedMark;
+        size = 1 + CompressInto(AsBytes(json), content.subspan(1), CompressionLevel).size();
     }
+    const std::span<unsigned char> sealed(pages.Data(), size + SealOverhead);
+    SealInto(m_key, isCompressed ? ByteView(content.first(size)) : AsBytes(json), sealed);
     id = Id::Of(sealed);
     m_backend->Save({kind, id}, sealed);
 }
@@ -502,27 +569,29 @@ void Repository::LoadIndex(const FailureVisitor& onFailure, unsigned int threads
                            const std::function<void()>& onItem)
 {
     Index index;
-    const std::vector<Id> ids = ListIds(FileKind::Index);
+    std::uint64_t bytes = 0; // of all index files
+    const std::vector<Id> ids = ListSorted(*m_backend, FileKind::Index, &bytes);
     std::mutex largeFiles;
     const auto read = [&](std::size_t number, ParsedIndex& parsed) {
         const FileName file{FileKind::Index, ids[number]};
-        const auto parse = [&](const std::string& text) {
-            Named(At(file), [&] { parsed.Read(text, onItem); });
+        const auto readUpTo = [&](std::uint64_t limit) {
+            Bytes stored;
+            LoadStored(file, stored);
+            Named(At(file), [&] { parsed.Read(OpenInPlace(m_key, stored), limit, onItem); });
         };
-        std::string text;
         try {
-            text = LoadTextUpTo(file, IndexTextSize);
+            readUpTo(IndexTextSize);
         } catch (const RepositoryError& error) {
             if (!error.IsOfFile())
                 throw;
             // Longer than writers make them, or damaged.
             const std::lock_guard guard(largeFiles);
-            parse(LoadText(file));
-            return;
+            readUpTo(UnpackedLimit);
         }
-        parse(text);
     };
     const auto add = [&](std::size_t number, const ParsedIndex& parsed, const std::exception_ptr& failure) {
+        if (index.CountBlobs() == 0)
+            index.Reserve(parsed.EstimateAll(bytes, ids.size()));
         parsed.AddTo(index, onItem);
         try {
             if (failure)

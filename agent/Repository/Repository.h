@@ -116,9 +116,10 @@ public:
     /// Reads all index files, on this many threads. The index has the order of the files' ids. Snapshots that
     /// are to be complete are listed before. With `onFailure`, index files that can't be read are given to it
     /// on the calling thread, and skipped; otherwise the first one raises, and the index is unchanged. No
-    /// other thread uses the repository meanwhile. Memory beyond that of the index is that of one index file
-    /// for each thread, and one more. `onItem` is called often by any of the threads. What it raises, which
-    /// is not a RepositoryError, ends the call, and the index is unchanged.
+    /// other thread uses the repository meanwhile. Memory beyond that of the index is that of the stored
+    /// bytes and the blobs of one index file for each thread, and of one more. `onItem` is called often by
+    /// any of the threads. What it raises, which is not a RepositoryError, ends the call, and the index is
+    /// unchanged.
     void LoadIndex(const FailureVisitor& onFailure = {}, unsigned int threads = 1,
                    const std::function<void()>& onItem = {});
     /// Empty before LoadIndex.
@@ -167,7 +168,6 @@ public:
 private:
     Repository(std::shared_ptr<IBackend> backend, Config config, Key key, const Id& keyId);
 
-    std::string LoadTextUpTo(const FileName& file, std::uint64_t limit) const;
     void LoadCopy(const IndexedBlob& copy, Bytes& plaintext) const;
 
     struct Lost;
