@@ -1,12 +1,16 @@
 // RepositoryMaker: repositories that benchmarks of whole programs work on.
 //   RepositoryMaker create DIRECTORY PASSWORD         creates one whose key takes almost no time to open
-//   RepositoryMaker fill DIRECTORY PASSWORD BLOBS     adds that many blobs to its index, but no packs of them
+//   RepositoryMaker fill DIRECTORY PASSWORD BLOBS     adds that many blobs to its index. Their packs are
+//   holes
 #include "agent/Repository/LocalBackend.h"
+#include "agent/Repository/Pack.h"
 #include "agent/Repository/Repository.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -16,7 +20,7 @@ namespace {
 
 using namespace Agent::Repo;
 
-constexpr std::size_t BlobsOfPack = 40;
+constexpr std::size_t BlobsOfPack = 4000; // which are 16 MB
 constexpr std::size_t BlobsOfFile = 50000;
 
 std::shared_ptr<IBackend> BackendOf(const std::string& directory)
@@ -36,6 +40,17 @@ void Create(const std::string& directory, const std::string& password)
     Repository::Create(BackendOf(directory), SecretOf(password), options);
 }
 
+// A file of the pack's size, which takes no space. Otherwise the pack would count as lost.
+void MakePack(const std::string& directory, const Id& id, std::span<const PackedBlob> blobs)
+{
+    std::uintmax_t size = PackOverhead;
+    for (const PackedBlob& blob : blobs)
+        size += blob.length + PackEntrySize(blob.isCompressed);
+    const std::string path = directory + "/" + FileName{FileKind::Pack, id}.Path();
+    std::ofstream(path).close();
+    std::filesystem::resize_file(path, size);
+}
+
 // All blobs have the length of a small file.
 void Fill(const std::string& directory, const std::string& password, std::size_t blobs)
 {
@@ -53,7 +68,9 @@ void Fill(const std::string& directory, const std::string& password, std::size_t
             blob.plainLength = PlainLength;
             ofPack.push_back(blob);
         }
-        writer.Add(Id::Of(AsBytes("pack " + std::to_string(made))), ofPack);
+        const Id pack = Id::Of(AsBytes("pack " + std::to_string(made)));
+        MakePack(directory, pack, ofPack);
+        writer.Add(pack, ofPack);
         if (writer.CountBlobs() >= BlobsOfFile || made == blobs)
             repository.SaveText(FileKind::Index, writer.Finish());
     }
