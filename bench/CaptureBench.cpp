@@ -1,14 +1,18 @@
 // CaptureBench: what capturing a tree costs, from the walk to the record's text.
 //   CaptureBench [--quick]        prints the figures that need no peer, one per line
 //   CaptureBench calls            prints the system calls of an entry
-//   CaptureBench make DIR [N]     creates a tree of N entries, by default 100,000
+//   CaptureBench make DIR [N [BYTES]]
+//                                 creates a tree of N entries, by default 100,000. Files have up to BYTES
+//                                 random bytes; by default, up to 100,000 bytes that are holes
 //   CaptureBench capture DIR      captures a tree once, to be timed as a process next to others
 #include "bench/Measure.h"
 #include "testing/Capture.h"
 #include "testing/SystemCalls.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
@@ -27,17 +31,29 @@ constexpr int Rounds = 5;
 constexpr std::size_t AllEntries = 100000;
 constexpr std::size_t QuickEntries = 3000;
 
-void MakeFile(const fs::path& path, off_t size)
+// The file has this content, and then a hole.
+void MakeFile(const fs::path& path, off_t size, std::string_view content = {})
 {
     const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (file < 0 || ftruncate(file, size) != 0)
+    if (file < 0 || write(file, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+        ftruncate(file, size) != 0)
         throw std::runtime_error("can't make " + path.string());
     close(file);
 }
 
+std::string RandomContent(std::size_t size, std::mt19937& random)
+{
+    std::string content(size, '\0');
+    for (std::size_t at = 0; at + sizeof(std::uint32_t) <= size; at += sizeof(std::uint32_t)) {
+        const std::uint32_t word = static_cast<std::uint32_t>(random());
+        std::memcpy(content.data() + at, &word, sizeof(word));
+    }
+    return content;
+}
+
 // A tree as systems have them: of twelve entries one is a directory and one a symlink. Most directories are
-// five or six levels deep.
-void MakeTree(const fs::path& root, std::size_t entries)
+// five or six levels deep. Files have up to `randomBytes` bytes, or holes if that is 0.
+void MakeTree(const fs::path& root, std::size_t entries, std::size_t randomBytes = 0)
 {
     std::mt19937 random(1);
     std::vector<fs::path> directories{root};
@@ -54,8 +70,12 @@ void MakeTree(const fs::path& root, std::size_t entries)
         const fs::path path = pathIn(random() % directories.size(), i);
         if (i % 11 == 0)
             fs::create_symlink("../target-" + std::to_string(i), path);
-        else
+        else if (randomBytes == 0)
             MakeFile(path, static_cast<off_t>(random() % 100000));
+        else {
+            const std::string content = RandomContent(random() % (randomBytes + 1), random);
+            MakeFile(path, static_cast<off_t>(content.size()), content);
+        }
     }
 }
 
@@ -132,12 +152,15 @@ int Run(const std::vector<std::string_view>& arguments)
         MeasureAll(count == 1);
     } else if (count == 1 && arguments[0] == "calls") {
         PrintAllCalls();
-    } else if ((count == 2 || count == 3) && arguments[0] == "make") {
-        MakeTree(arguments[1], count == 3 ? std::strtoull(arguments[2].data(), nullptr, 10) : AllEntries);
+    } else if (count >= 2 && count <= 4 && arguments[0] == "make") {
+        const auto number = [&](std::size_t at, std::size_t otherwise) {
+            return count > at ? std::strtoull(arguments[at].data(), nullptr, 10) : otherwise;
+        };
+        MakeTree(arguments[1], number(2, AllEntries), number(3, 0));
     } else if (count == 2 && arguments[0] == "capture") {
         CaptureTree(std::string(arguments[1]));
     } else {
-        std::fprintf(stderr, "Usage: CaptureBench [--quick] | calls | make DIR [N] | capture DIR\n");
+        std::fprintf(stderr, "Usage: CaptureBench [--quick] | calls | make DIR [N [BYTES]] | capture DIR\n");
         return 2;
     }
     return 0;

@@ -8,16 +8,18 @@
 #   prune   2    2 GB  after half of 20 snapshots were forgotten
 #   one     2    6 GB  one file of a snapshot of 1,000,000 entries: time, and bytes that are read from packs
 #   calls   3    3 GB  system calls of an entry of "tree"
-#   memory  2    7 GB  the peak at 100,000 entries and in "tree", and that of each blob of the index
-#   plot    7    9 GB  a first backup of 10,000 to 1,000,000 entries; the seconds are also written to
-#                      build/bench/time-by-entries.tsv, which bench/plot.sh draws
+#   memory  2    3 GB  the peak at 100,000 entries, whose files have 0 to 20,000 random bytes, and in "tree"; that of
+#                      each further blob of the index
+#   plot    8    9 GB  a first backup of 10,000 to 1,000,000 entries: medians of 9 rounds of kbagent for up to 10,000
+#                      and of 5 for more; of a peer, 5 for up to 10,000, 3 for up to 100,000, and 1 for more. The
+#                      seconds are also written to build/bench/time-by-entries.tsv, which bench/plot.sh draws
 #   growth  8    7 GB  once each, and only by name: a million files, a directory of a million, a sparse file of 100 GB,
 #                      1,000 snapshots, 10,000,000 blobs. Prints a Markdown table.
 # A part that fails, or lacks the memory, does not stop the others; the exit code is 1 then.
 #
 # Both programs open repositories with a cheap key, since the derivation of a usual one takes as long as a small
 # backup. Reads build/bench, or the build folder that BUILD names. All files, those of the programs too, are in a folder
-# of $TMPDIR or /dev/shm, which should be a tmpfs; a part removes its files at its end.
+# of $TMPDIR or /dev/shm, which has to be a tmpfs, unless --quick is given; a part removes its files at its end.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 export LC_ALL=C RESTIC_PASSWORD=bench
@@ -56,7 +58,12 @@ maker=$build/bench/RepositoryMaker
 for program in "$kbagent" "$maker" "$build/bench/CaptureBench" restic rsync tar zstd strace /usr/bin/time; do
     command -v "$program" >/dev/null || { echo "program-peers.sh: $program is missing" >&2; exit 2; }
 done
-folder=$(mktemp -d "${TMPDIR:-/dev/shm}/program-peers-XXXXXX")
+parent=${TMPDIR:-/dev/shm}
+if [ $isQuick = false ] && [ "$(stat -f -c %T "$parent")" != tmpfs ]; then
+    echo "program-peers.sh: $parent is not a tmpfs, so that a disk would be measured" >&2
+    exit 2
+fi
+folder=$(mktemp -d "$parent/program-peers-XXXXXX")
 work=$folder/work # emptied after each part
 results=$folder/results
 repository=$work/repository target=$work/target
@@ -112,7 +119,7 @@ new_repository() {
     "$maker" create "$repository" bench
 }
 new_target() { remove "$target" && mkdir "$target"; }
-tar_and_zstd() { tar -cf - "$@" 2>/dev/null | zstd -q -3 -T2 -f -o "$work/tar"; }
+tar_and_zstd() { tar -cf - "$@" | zstd -q -3 -T2 -f -o "$work/tar"; }
 # A file is trusted from 2 seconds after its change on.
 wait_for_trust() { sleep 3; }
 
@@ -180,7 +187,8 @@ measure_large() {
     compared large.restore restic
 }
 
-# Each snapshot changes a tenth of the files. The programs prune copies of one repository.
+# Each snapshot changes a tenth of the files. The programs prune copies of one repository. They start with a copy of
+# a cache that has all trees, as after the backups of a night.
 measure_prune() {
     local program number
     mkdir "$work/changing"
@@ -191,11 +199,16 @@ measure_prune() {
         [ "$number" -lt 10 ] || quietly run_kbagent backup "$work/changing"
     done
     quietly run_kbagent forget --keep-last 10
+    [ "$(find "$repository/snapshots" -type f | wc -l)" -eq 10 ]
+    remove "$work/cache"
+    quietly run_restic prune --dry-run
+    mv "$work/cache" "$work/warm"
     mv "$repository" "$work/forgotten"
     for _ in $(seq "$turns"); do
         for program in kbagent restic; do
             remove "$repository" "$work/cache"
             cp -a "$work/forgotten" "$repository"
+            cp -a "$work/warm" "$work/cache"
             time_into $program.prune run_$program prune
             du -sb "$repository" | cut -f 1 >>"$work/$program.size"
         done
@@ -264,7 +277,7 @@ peak_row() {
 }
 measure_memory() {
     local seconds peak before program
-    quietly "$build/bench/CaptureBench" make "$work/captured" "$measured"
+    quietly "$build/bench/CaptureBench" make "$work/captured" "$measured" 20000
     new_repository
     wait_for_trust
     peak_row first "$kbagent" -q -r "$repository" backup "$work/captured"
@@ -290,7 +303,7 @@ rounds_of() { # PROGRAM COUNT
     if "$isQuick"; then
         echo 1
     elif [ "$1" = kbagent ]; then
-        echo $(($2 <= 10000 ? 9 : $2 <= 100000 ? 5 : 3))
+        echo $(($2 <= 10000 ? 9 : 5))
     else
         echo $(($2 <= 10000 ? 5 : $2 <= 100000 ? 3 : 1))
     fi
@@ -347,13 +360,15 @@ cell() {
     observe "$@"
     printf ' %.2f s, %.0f MB |' "$seconds" "$(quotient "$peak" 1e6)"
 }
-# The line of the table for the case NAME, whose source is PATH, with the first backup if FIRST is "first".
+# The line of the table for the case NAME, whose source is PATH, with the first backup if FIRST is "first". Holes of the
+# repository's files are not counted.
 growth_line() { # NAME PATH [FIRST]
     printf '| %s |' "$1"
     if [ "${3:-}" = first ]; then cell "$kbagent" -q -r "$repository" backup "$2"; else printf ' |'; fi
     cell "$kbagent" -q -r "$repository" backup "$2"
     cell "$kbagent" -q -r "$repository" ls latest /
-    printf ' %.0f MB |\n' "$(quotient "$(du -sb "$repository" | cut -f 1)" 1e6)"
+    printf ' %.0f MB |\n' "$(quotient "$(find "$repository" -type f -printf '%s %b\n' |
+        awk '{ bytes += $1 < $2 * 512 ? $1 : $2 * 512 } END { printf "%.0f", bytes }')" 1e6)"
 }
 measure_growth() {
     local number
@@ -405,7 +420,7 @@ measure_growth() {
 
 # The bytes that PART takes at most, of the tmpfs and of memory
 need_of() {
-    local needs="tree 4 large 7 prune 2 one 6 calls 3 memory 7 plot 9 growth 7"
+    local needs="tree 4 large 7 prune 2 one 6 calls 3 memory 3 plot 9 growth 7"
     [ $isQuick = false ] || needs=${needs//[0-9]/1}
     awk -v part="$1" '{ for (i = 1; i < NF; i += 2) if ($i == part) printf "%.0f\n", $(i + 1) * 1e9 }' <<<"$needs"
 }
