@@ -384,6 +384,24 @@ TEST(Index, FilesAreUnitedAndDuplicatesCounted)
         EXPECT_NE(DamageOf([&] { index.AddFile(file("[" + changed + "]")); }), "") << change;
     }
     EXPECT_NE(DamageOf([&] { index.AddFile("{\"packs\":[{\"blobs\":[]}]}"); }), "");
+
+    // In pieces, as long text is read
+    for (int i = 0; i < 1000; ++i)
+        writer.Add(first, blobs);
+    for (const std::string& text : {writer.Finish(), file("[" + blob + "]")}) {
+        std::size_t at = 0, visited = 0;
+        const auto source = [&](std::span<char> out) {
+            const std::size_t size = text.copy(out.data(), std::min<std::size_t>(out.size(), 100), at);
+            at += size;
+            return size;
+        };
+        const bool isPlain =
+            ReadPlainIndexFile(source, [&](const Id& pack, std::span<const PackedBlob> read) {
+                visited += pack == first && std::ranges::equal(read, blobs) ? 1u : 0u;
+            });
+        EXPECT_EQ(visited, isPlain ? 1000u : 0u);
+        EXPECT_EQ(isPlain, text.starts_with("{\"packs\""));
+    }
 }
 
 TEST(Tree, UnusualTreeIsReadAndUnknownMembersKept)
