@@ -185,6 +185,13 @@ void RepositoryLock::Settle()
     SettleNow();
 }
 
+void RepositoryLock::SettleIfDue()
+{
+    const AnnotatedLock lock(m_mutex);
+    if (steady_clock::now() >= m_settlesAt)
+        SettleNow();
+}
+
 void RepositoryLock::SettleNow()
 {
     if (m_isSettled)
@@ -290,8 +297,10 @@ void RepositoryLock::RequireFresh()
     SettleNow();
     if (!m_isLost && HasExpired())
         RefreshOrLose();
-    if (m_isLost)
-        throw LockLost("The lock of the repository was lost, so nothing more is written");
+    if (!m_isLost)
+        return;
+    RaiseIfInterrupted();
+    throw LockLost("The lock of the repository was lost, so nothing more is written");
 }
 
 // A failure to refresh, also for lack of memory, does no harm until the lock has expired.
@@ -303,7 +312,7 @@ void RepositoryLock::RefreshOrLose()
             isLost = !Refresh();
             // The store may have taken so long for the lock that others can remove it by now.
             if (!isLost && HasExpired())
-                isLost = !Refresh();
+                isLost = !Refresh() || HasExpired();
         } catch (const Krt::Exception::YError& error) {
             KRT_LOG_FREE(Krt::MessageType::General, "Failed to refresh the repository's lock: " << error);
             isLost = HasExpired();

@@ -70,6 +70,8 @@ public:
     /// Waits for the rest of the settling, unless that is over, and looks for other locks then. Any thread.
     /// Raises LockedError and InvalidState as the constructor does.
     void Settle();
+    /// Does what Settle does, if the rest of the settling is over. Otherwise without effect.
+    void SettleIfDue();
     /// Verifies that the lock was not lost, so that the caller may write to the repository. Any thread. If
     /// the lock was not refreshed for too long, as after a standby, it is refreshed now. Settles a lock that
     /// is not settled. Raises LockLost if it was lost.

@@ -191,6 +191,12 @@ void Session::Settle()
         m_lock->Settle();
 }
 
+void Session::SettleIfDue()
+{
+    if (m_lock)
+        m_lock->SettleIfDue();
+}
+
 void Session::FindLostPacks()
 {
     const std::vector<Repo::FileName> lost = m_repository->FindLostPacks();

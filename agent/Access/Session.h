@@ -50,8 +50,8 @@ enum class OldFormat
 enum class Settling
 {
     AtOnce, ///< in the constructor
-    Later   ///< in Settle, before which the command only reads, and reports nothing that it read. A file that
-            ///< is saved settles the lock, too
+    Later   ///< in Settle, before which the command only reads, and reports no failure of the repository. A
+            ///< file that is saved settles the lock, too
 };
 
 class Session
@@ -77,6 +77,8 @@ public:
     /// Settles a lock that was to do so later. Raises LockedError if another process has a lock that excludes
     /// this one.
     void Settle();
+    /// Does what Settle does, if the lock needs no more time for that. To be called often until Settle.
+    void SettleIfDue();
 
     /// Finds packs that are lost, of which one is reported. What a backup needs of them is saved again.
     /// Settles the lock before it reports.

@@ -239,7 +239,11 @@ void BackupRun::Store(Session& session)
                                    m_report.GetFailed(), SecondsSince(m_outcome.start),
                                    running->GetReading()});
     };
-    options.onTick = reportProgress;
+    // Later, a lock that excluded this one may be gone again, and packs of the loaded index with it.
+    options.onTick = [&] {
+        session.SettleIfDue();
+        reportProgress();
+    };
     if (m_settings.reportsStored || m_settings.isDryRun) {
         options.onStored = [this](const StoredItem& item) {
             if (m_settings.reportsStored)
@@ -259,7 +263,8 @@ void BackupRun::Store(Session& session)
     } else {
         run.AddStream(m_settings.streamPath, OpenStandardInput());
     }
-    session.Settle(); // the walk took the time that the lock needs for that
+    run.RaiseFailure();
+    session.Settle();
     reportProgress();
     const std::optional<Id> tree = run.Finish();
     KRT_RAISE_UNLESS(tree, Krt::ErrorCode::InvalidArgument,

@@ -51,6 +51,8 @@ public:
     /// in directories that belong to root. A stream without data has failed. Instead of a walk.
     void AddStream(const std::string& path, std::shared_ptr<const Krt::Util::YUnxHandle> stream);
 
+    /// Raises the failure that ended the run, if any.
+    void RaiseFailure() const { m_build.RaiseFailure(); }
     /// Called after the walk. Waits until everything is stored, and returns the root's tree; nothing if no
     /// entry was stored. The blobs are durable after Finish of the saver. Raises the failure that ended the
     /// run.

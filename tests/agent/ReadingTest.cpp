@@ -206,7 +206,7 @@ TEST_F(Reading, ModeThatChangesDuringTheReadingIsFoundByTheNextRun)
 }
 
 // Another process has looked for locks before.
-TEST_F(Reading, LockThatComesDuringTheWalkEndsTheRun)
+TEST_F(Reading, LockThatComesWhileTheLockSettlesEndsTheRun)
 {
     Agent::Repo::Lock lock;
     lock.time = Agent::Repo::Timestamp::Now();
@@ -215,11 +215,12 @@ TEST_F(Reading, LockThatComesDuringTheWalkEndsTheRun)
     Open().SaveText(Agent::Repo::FileKind::Lock, lock.ToJson());
     const fs::path file = Files("locks").front();
     fs::rename(file, directory / "lock");
-    const ProgramResult result =
-        BackUp(11, Hooked([&](const HookedCall& call) {
-                   if (call.function == "openat" && call.name == "file" && fs::exists(directory / "lock"))
-                       fs::rename(directory / "lock", file);
-               }));
+    const ProgramResult result = BackUp(11, Hooked([&](const HookedCall& call) {
+                                            const bool isOfIndex =
+                                                call.function == "openat" && call.name.ends_with("index");
+                                            if (isOfIndex && fs::exists(directory / "lock"))
+                                                fs::rename(directory / "lock", file);
+                                        }));
     EXPECT_TRUE(Holds(result.errors, "The repository is locked exclusively by PID 0 on elsewhere"));
     EXPECT_EQ(CountSnapshots(), 0u);
 }
