@@ -154,7 +154,7 @@ public:
 private:
     const TextSource& m_source;
     const std::unique_ptr<char[]> m_bytes;
-    std::string_view m_rest; // of m_bytes
+    std::string_view m_rest{m_bytes.get(), 0}; // of m_bytes
     bool m_isAtEnd = false;
 };
 

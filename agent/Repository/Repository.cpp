@@ -72,14 +72,16 @@ struct ParsedIndex
             return false;
         Clear(content);
         Decompressor decompressor(content.subspan(1));
+        bool isCut = false;
         const TextSource source = [&](std::span<char> out) -> std::size_t {
             Look();
-            if (limit == 0)
+            isCut = limit == 0;
+            if (isCut)
                 return 0;
             limit -= std::min<std::uint64_t>(limit, out.size());
             return decompressor.Read({reinterpret_cast<unsigned char*>(out.data()), out.size()});
         };
-        return ReadPlainIndexFile(source, Adder(), onItem);
+        return ReadPlainIndexFile(source, Adder(), onItem) && !isCut;
     }
     void Clear(ByteView content)
     {
@@ -110,11 +112,13 @@ struct ParsedIndex
     std::size_t EstimateAll(std::uint64_t bytes, std::size_t files) const
     {
         constexpr double Spare = 1.02;
+        constexpr double Most = 20e6; // a larger index grows
         const double times =
             static_cast<double>(bytes) / static_cast<double>(std::max<std::size_t>(storedSize, 1));
         // What a server lists may be wrong.
         const double most = 2.0 * static_cast<double>(files);
-        return static_cast<std::size_t>(Spare * std::min(times, most) * static_cast<double>(count));
+        const double all = Spare * std::min(times, most) * static_cast<double>(count);
+        return static_cast<std::size_t>(std::min(all, Most));
     }
     // Many copies of a blob take long, so that a pack is added in steps.
     void AddTo(Index& index, const std::function<void()>& onItem) const
@@ -574,20 +578,18 @@ void Repository::LoadIndex(const FailureVisitor& onFailure, unsigned int threads
     std::mutex largeFiles;
     const auto read = [&](std::size_t number, ParsedIndex& parsed) {
         const FileName file{FileKind::Index, ids[number]};
-        const auto readUpTo = [&](std::uint64_t limit) {
-            Bytes stored;
-            LoadStored(file, stored);
-            Named(At(file), [&] { parsed.Read(OpenInPlace(m_key, stored), limit, onItem); });
-        };
-        try {
-            readUpTo(IndexTextSize);
-        } catch (const RepositoryError& error) {
-            if (!error.IsOfFile())
-                throw;
-            // Longer than writers make them, or damaged.
-            const std::lock_guard guard(largeFiles);
-            readUpTo(UnpackedLimit);
-        }
+        Bytes stored;
+        LoadStored(file, stored);
+        Named(At(file), [&] {
+            const ByteView content = OpenInPlace(m_key, stored);
+            try {
+                parsed.Read(content, IndexTextSize, onItem);
+            } catch (const RepositoryError&) {
+                // Longer than writers make them, or damaged.
+                const std::lock_guard guard(largeFiles);
+                parsed.Read(content, UnpackedLimit, onItem);
+            }
+        });
     };
     const auto add = [&](std::size_t number, const ParsedIndex& parsed, const std::exception_ptr& failure) {
         if (index.CountBlobs() == 0)

@@ -6,6 +6,16 @@
 
 namespace Agent::Repo {
 
+namespace {
+
+#ifdef __APPLE__
+constexpr int Discard = MADV_FREE; // MADV_DONTNEED keeps the pages there
+#else
+constexpr int Discard = MADV_DONTNEED;
+#endif
+
+} // namespace
+
 Pages::Pages(std::size_t size) : m_size(size)
 {
     if (size == 0)
@@ -27,7 +37,7 @@ void Pages::Release(std::size_t begin)
     static const auto s_pageSize = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     const std::size_t first = (begin + s_pageSize - 1) / s_pageSize * s_pageSize;
     if (first < m_size)
-        madvise(m_data + first, m_size - first, MADV_DONTNEED);
+        madvise(m_data + first, m_size - first, Discard);
 }
 
 } // namespace Agent::Repo
