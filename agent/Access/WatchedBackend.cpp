@@ -71,7 +71,7 @@ void WatchedBackend::Save(const Repo::FileName& file, Repo::ByteView content)
 const Http::SendRule* WatchedBackend::RuleFor(const Repo::FileName& file) const
 {
     const bool isGuarded = file.kind != Repo::FileKind::Lock && file.kind != Repo::FileKind::Config;
-    return m_writeGuard && isGuarded ? &m_sendRule : nullptr;
+    return isGuarded && m_writeGuard ? &m_sendRule : nullptr;
 }
 
 // The store may have taken so long that the lock has expired meanwhile, and others have removed packs.

@@ -32,8 +32,9 @@ public:
     /// From now on operations raise LockLost. Any thread.
     void ReportLostLock() { m_isLockLost = true; }
     /// Sets what is called before and after a file is written or removed. `guard` raises LockLost if that
-    /// must not be. While `hasExpired` returns true, no request is sent to a server that would change a file,
-    /// and `guard` is called before it is sent again. No other thread uses the backend meanwhile.
+    /// must not be. While `hasExpired` returns true, no request is sent to a server that would change a file
+    /// other than a lock or the configuration, and `guard` is called before it is sent again. No other thread
+    /// uses the backend meanwhile.
     void SetWriteGuard(
         std::function<void()> guard, std::function<bool()> hasExpired = [] { return false; });
 

@@ -137,6 +137,8 @@ Response Client::Send(const Request& request, Repo::Bytes& body)
         }
         if (attempt.fault == Fault::Interrupted && IsEnding(request))
             RaiseInterrupted(request);
+        if (attempt.fault == Fault::Interrupted)
+            continue; // the guard raises, or lets it be sent
         if (attempt.fault == Fault::None)
             m_hasResponded = true;
         const bool mayRepeat = MayRepeat(attempt, request, body);
@@ -182,12 +184,12 @@ milliseconds Client::WaitAfter(const Attempt& attempt, unsigned int number) cons
     return asked ? std::max(wait, std::min(*asked, m_settings.longestAskedWait)) : wait;
 }
 
-// Not by Report, which other threads use. The progress on the terminal is erased, and comes again.
+// Report can't be used, since it is for one thread. The progress on the terminal is erased and printed again.
 void Client::NoteFailure(const std::string& reason)
 {
     const steady_clock::time_point now = steady_clock::now();
     steady_clock::time_point next = m_nextNote;
-    if (now >= next && m_nextNote.compare_exchange_strong(next, now + BetweenNotes))
+    if (now >= next && HasRoomForErrors() && m_nextNote.compare_exchange_strong(next, now + BetweenNotes))
         PrintError((IsErrorTerminal() ? "\r\033[Kkbagent: " : "kbagent: ") +
                    Printable(m_host + ": " + reason + "; trying again") + "\n");
 }

@@ -27,7 +27,7 @@ struct ClientSettings
     /// can't be reached is tried less often, since its name may be wrong.
     unsigned int attempts = 10;
     unsigned int firstAttempts = 3;
-    /// The wait before the second attempt. Each further one is twice as long. Shortened shortens all.
+    /// The wait before the second attempt. Each further one is twice as long. All are shortened by Shortened.
     std::chrono::milliseconds firstWait{500};
     std::chrono::milliseconds longestWait{std::chrono::seconds(30)};
     /// The longest wait that a server can ask for.

@@ -27,7 +27,7 @@ constexpr std::uint64_t ReserveLimit = 32 << 20; // what a response announces ne
 constexpr long FastBuffer = 256 << 10;
 constexpr long SlowBuffer = 16 << 10;          // the smallest of libcurl
 constexpr std::uint64_t LeastBytes = 16 << 10; // of a response in the time of a stall
-constexpr int FirstRefusal = 400;
+constexpr int FirstRefusal = 401;              // a 400 may be temporary, which its body says
 constexpr long Forbidden = 403;
 constexpr long ProxyAuthenticationRequired = 407;
 

@@ -40,7 +40,9 @@ struct Attempt
 {
     Fault fault = Fault::None;
     std::string reason; ///< of the fault
-    Response response; ///< if there is no fault. Of a failure, without secrets of the request, as is its body
+    /// If there is no fault. Secrets of the request are replaced in the response of a failure and in its
+    /// body.
+    Response response;
 };
 
 class Connection

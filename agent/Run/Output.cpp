@@ -19,8 +19,8 @@ constexpr std::size_t BufferSize = 1 << 16;
 
 constexpr std::chrono::milliseconds BetweenLooks{200};
 
-// The time that all waits together may still take after an interrupt. Used by the thread that reports.
-std::chrono::steady_clock::duration s_patience = std::chrono::milliseconds(500);
+// The time that all waits of a thread together may still take after an interrupt.
+thread_local std::chrono::steady_clock::duration t_patience = std::chrono::milliseconds(500);
 
 // A write to a pipe is restarted after a signal handler. The wait for room therefore comes first, in short
 // steps. Returns false if the user has interrupted and the reader takes too long.
@@ -30,15 +30,15 @@ bool WaitForRoom(int descriptor)
     pollfd waited{descriptor, POLLOUT, 0};
     for (;;) {
         const bool isEnding = IsInterrupted();
-        const auto step = isEnding ? std::chrono::ceil<std::chrono::milliseconds>(s_patience) : BetweenLooks;
+        const auto step = isEnding ? std::chrono::ceil<std::chrono::milliseconds>(t_patience) : BetweenLooks;
         const auto begin = steady_clock::now();
         const int ready = poll(&waited, 1, static_cast<int>(step.count()));
         const bool hasRoom = ready > 0 || (ready < 0 && errno != EINTR);
         if (isEnding)
-            s_patience -= std::min(s_patience, steady_clock::now() - begin);
+            t_patience -= std::min(t_patience, steady_clock::now() - begin);
         if (hasRoom)
             return true;
-        if (isEnding && s_patience == s_patience.zero())
+        if (isEnding && t_patience == t_patience.zero())
             return false;
     }
 }
@@ -109,6 +109,12 @@ void Output::ContinueAfterLoss(std::function<void(const OutputError& error)> onL
 {
     m_onLoss = std::move(onLoss);
     m_dropsRest = dropsRest;
+}
+
+bool HasRoomForErrors()
+{
+    pollfd waited{STDERR_FILENO, POLLOUT, 0};
+    return poll(&waited, 1, 0) > 0;
 }
 
 void PrintError(std::string_view text)

@@ -53,8 +53,11 @@ private:
     bool m_isLost = false;
 };
 
-/// Writes text without zero bytes to standard error. Drops it if it cannot be written, or if the reader of a
-/// pipe does not take it in time after an interrupt. Allocates nothing.
+/// Returns true if PrintError does not have to wait. Any thread.
+bool HasRoomForErrors();
+
+/// Writes text without zero bytes to standard error. Any thread. Drops it if it cannot be written, or if the
+/// reader of a pipe does not take it in time after an interrupt. Allocates nothing.
 void PrintError(std::string_view text);
 
 /// Opens those of descriptors 0 to 2 that are closed, so that no file of a repository or a target gets their
