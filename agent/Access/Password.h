@@ -66,7 +66,7 @@ Repo::Secret ReadNewPassword(const NewPasswordOptions& options, Report& report);
 std::vector<std::string> SplitWords(const std::string& command);
 
 /// Runs a program, found by PATH, without a shell. It has the environment of this process without the
-/// passwords of REST servers. Returns what it printed, as TextOf. Raises the operating system's error if it
+/// variables ..._REST_PASSWORD. Returns what it printed, as TextOf. Raises the operating system's error if it
 /// can't be run, and InvalidArgument if it does not succeed. When the user interrupts, the program gets
 /// SIGTERM, and InvalidState is raised.
 Repo::Secret RunPasswordCommand(const std::vector<std::string>& words);

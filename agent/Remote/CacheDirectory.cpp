@@ -92,7 +92,10 @@ YDirectory OpenOrMake(const YDirectory& parent, const YString& name)
     YDirectory directory = parent.OpenDirectory(name);
     RequireOwn(directory, name.Bytes());
     if ((directory.Stat().st_mode & OthersAccess) != 0)
-        directory.SetMode(PrivateMode);
+        Logging(false, [&] {
+            directory.SetMode(PrivateMode);
+            return true;
+        });
     return directory;
 }
 

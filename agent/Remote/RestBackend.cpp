@@ -90,10 +90,11 @@ std::vector<ListedFile> ParseList(std::string_view json, bool isVersion2, std::s
         } else {
             readName();
         }
-        REPOSITORY_RAISE_UNLESS(files.size() <= most, Failure::Backend,
+        if (!id)
+            continue;
+        REPOSITORY_RAISE_UNLESS(files.size() < most, Failure::Backend,
                                 "the server sent a list of more than " << most << " files");
-        if (id)
-            files.push_back({*id, size});
+        files.push_back({*id, size});
     }
     reader.End();
     return files;

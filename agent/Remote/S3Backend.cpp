@@ -128,7 +128,7 @@ std::string RegionOfHost(std::string_view host)
         return isThere;
     };
     const bool isKnown = drop("s3.dualstack.") || drop("s3.") || drop("s3-");
-    // Not "external-1" and "accelerate", which are no regions.
+    // The names s3-external-1 and s3-accelerate have no region.
     return isKnown && std::count(region.begin(), region.end(), '-') >= 2 && region.find('.') == region.npos
                ? std::string(region)
                : DefaultRegion;
