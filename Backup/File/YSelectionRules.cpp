@@ -50,9 +50,9 @@ bool MatchesOtherNames(const YSelectionDescriptor& rule)
 } // namespace
 
 // Where a large set finds its rules. A rule matches its pattern as a name, all names, or other names as a
-// glob or regardless of case. So the rules for a name are in `byPattern`, `allNames` or `globs`; a rule may
-// be in two of them. The rules that a glob covers are exact, and are found by `exact`. The set owns the
-// rules. A query changes nothing here.
+// glob or regardless of case. So the rules for a name are in `byPattern` with `furtherByPattern`, `allNames`
+// or `globs`; a rule may be in two of them. The rules that a glob covers are exact, and are found by `exact`.
+// The set owns the rules. A query changes nothing here.
 struct KRT_HIDDEN YSelectionRules::Index
 {
     // Raises std::bad_alloc, after which the index may only be destroyed.
@@ -95,9 +95,10 @@ struct KRT_HIDDEN YSelectionRules::Index
         bool operator()(const First& a, std::string_view b) const { return (*this)(b, a); }
     };
 
-    // All rules by their pattern, which is the name that an exact rule matches. The views are into the rules.
+    // The first rule of each pattern, which is the name that an exact rule matches.
     boost::unordered_flat_set<First, Hash, IsEqual> byPattern;
-    std::unordered_multimap<std::string_view, const Rule*> furtherByPattern; // after the first one
+    // The other rules of these patterns. The views are into the rules.
+    std::unordered_multimap<std::string_view, const Rule*> furtherByPattern;
     Pointers allNames; // those that cover all names: a few at most, since each covers its equals
     GlobIndex globs;   // further ones that may match a name that is not their pattern
     std::size_t exactCount = 0;
@@ -170,9 +171,9 @@ YSelectionRules::YSelectionRules(const YSelectionRules& other)
 YSelectionRules& YSelectionRules::operator=(const YSelectionRules& other)
 {
     if (this != &other) {
+        std::set<Rule> rules(other.m_rules);
         m_index.reset();
-        m_recursiveCount = 0; // in case memory runs out
-        m_rules = other.m_rules;
+        m_rules.swap(rules);
         m_recursiveCount = other.m_recursiveCount;
         RebuildIndex();
     }

@@ -22,7 +22,6 @@ public:
 
     NodesOnPath(const Node& root, const Components& path) : components(path)
     {
-        m_nodes.reserve(components.size() + 1);
         m_nodes.push_back(&root);
         for (const YString& component : components) {
             const Node::Children* const children = m_nodes.back()->m_children.get();

@@ -110,7 +110,8 @@ private:
     };
     using Few = boost::container::small_vector<Child, 1>; // most nodes have one child
     static constexpr std::size_t MostFew = 8;
-    static constexpr std::size_t MostMarked = 8; // bytes of a name that its mark contains all of
+    static constexpr std::size_t MostMarked =
+        8; // a name of at most this many bytes is completely in its mark
 
     // The first and the last bytes of a name.
     static std::uint64_t MarkOf(std::string_view name)

@@ -90,9 +90,9 @@ void YLogContext::FlushInternal()
     std::string text = BeginText();
     const std::string_view message = std::string_view(text).substr(0, text.find_last_not_of('\0') + 1);
     m_log->Write(SetType(MessageType::General), message, m_line);
+    Empty(m_line);
     if (m_signal.MayHaveSlots())
         m_signal(YString(message));
-    Empty(m_line);
     Empty(text);
     m_memory = std::move(text);
 }

@@ -91,7 +91,7 @@ std::size_t SizeOfPlainWords(std::string_view text)
         std::uint64_t bytes;
         std::memcpy(&bytes, text.data() + size, sizeof bytes);
         // The high bit of a byte below 0x20, of 0x7F and of a backslash is set, and that of a byte from 0x80
-        // on. A carry may set that of a further byte, but only after such a one.
+        // on. A carry or borrow may also set that of a later byte, but only after such a byte.
         const std::uint64_t backslashes = bytes ^ '\\' * Ones;
         if (((bytes | (bytes - 0x20 * Ones) | (bytes + Ones) | (backslashes - Ones)) & HighBits) != 0)
             break;

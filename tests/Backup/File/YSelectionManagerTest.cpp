@@ -410,6 +410,7 @@ TEST(YSelectionManagerVisit, EveryNodeIsPrinted)
                   Printed(Krt::Match::GlobDescriptor("*.o", true)) +
                   ", m_recursionType: recursive, m_selectionType: exclude"
                   ", m_reportExclude: 0, m_explicitSelection: 0\n");
+    EXPECT_TRUE(Printed(Rule("silent /a recursive glob=*.o")).starts_with("path: /a descriptor: "));
 }
 
 } // namespace
