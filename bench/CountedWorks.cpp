@@ -32,7 +32,7 @@ using Backup::File::YUnixFileMetadata;
 using Krt::JSON::YValue;
 using Krt::Time::YDuration;
 
-// The first time fills what is kept for the next one. Each time counts as so many `units`.
+// The first time fills what is kept for the next one. Each repetition counts as `units` operations.
 void Count(int times, const std::function<void(int)>& work, int units = 1)
 {
     work(0);
@@ -94,7 +94,7 @@ void LegacyHeader()
     });
 }
 
-// The bytes at the beginning of each chunk, which need no digest, count, too.
+// Bytes at the beginning of a chunk need no digest; they are counted as well.
 void ChunkByte()
 {
     constexpr int Size = 4 << 20;

@@ -46,7 +46,7 @@ void RaiseAndCatch()
     }
 }
 
-// `count` lines in all, by so many threads.
+// `count` lines in all, by `threads` threads.
 template <class Log>
 std::function<void()> ByThreads(unsigned int threads, long count, Log log)
 {
@@ -59,7 +59,8 @@ std::function<void()> ByThreads(unsigned int threads, long count, Log log)
     };
 }
 
-// Writes a line as a log has it. A short write is seen in the figure.
+// Writes a line as a log has it. A failed or short write adds a millisecond, so it shows in the
+// figure.
 void WritePlain(int file, const Krt::File::YPath& path)
 {
     char line[256];

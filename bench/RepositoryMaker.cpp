@@ -40,7 +40,7 @@ void Create(const std::string& directory, const std::string& password)
     Repository::Create(BackendOf(directory), SecretOf(password), options);
 }
 
-// A file of the pack's size, which takes no space. Otherwise the pack would count as lost.
+// Creates a file of the pack's size that is one hole, since a pack without a file counts as lost.
 void MakePack(const std::string& directory, const Id& id, std::span<const PackedBlob> blobs)
 {
     std::uintmax_t size = PackOverhead;

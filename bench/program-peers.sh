@@ -60,7 +60,7 @@ for program in "$kbagent" "$maker" "$build/bench/CaptureBench" restic rsync tar 
 done
 parent=${TMPDIR:-/dev/shm}
 if [ $isQuick = false ] && [ "$(stat -f -c %T "$parent")" != tmpfs ]; then
-    echo "program-peers.sh: $parent is not a tmpfs, so that a disk would be measured" >&2
+    echo "program-peers.sh: $parent is not a tmpfs, so a disk would be measured" >&2
     exit 2
 fi
 folder=$(mktemp -d "$parent/program-peers-XXXXXX")
@@ -187,8 +187,8 @@ measure_large() {
     compared large.restore restic
 }
 
-# Each snapshot changes a tenth of the files. The programs prune copies of one repository. They start with a copy of
-# a cache that has all trees, as after the backups of a night.
+# Each snapshot changes a tenth of the files. The programs prune copies of one repository. restic
+# starts with a cache that has all trees, as after the backups of a night; kbagent keeps none of a directory.
 measure_prune() {
     local program number
     mkdir "$work/changing"
