@@ -1,8 +1,11 @@
 #include "agent/Cli/RepositoryArguments.h"
 
+#include "agent/Cli/SaveArguments.h"
 #include "agent/Remote/Location.h"
 
 #include <CLI/CLI.hpp>
+
+#include <climits>
 
 namespace Agent {
 
@@ -79,9 +82,9 @@ void RepositoryArguments::AddRemoteTo(CLI::App& command)
         .add_option("--cache-dir", m_options.cacheDirectory,
                     "The directory for copies of repositories on servers")
         ->type_name("DIR");
-    command.add_option("--limit-upload", remote.uploadLimit, "Send at most this much to a server")
+    command.add_option("--limit-upload", m_uploadLimit, "Send at most this much to a server")
         ->type_name("KIB/S");
-    command.add_option("--limit-download", remote.downloadLimit, "Receive at most this much from a server")
+    command.add_option("--limit-download", m_downloadLimit, "Receive at most this much from a server")
         ->type_name("KIB/S");
 }
 
@@ -149,6 +152,10 @@ RepositoryOptions RepositoryArguments::Get() const
     // With two repositories, the other one may have TLS.
     const bool hasTrust = !options.remote.anchorFile.empty() || !options.remote.pins.empty();
     options.remote.requiresTls = hasTrust && !m_source.isSource;
+    if (!m_uploadLimit.empty())
+        options.remote.uploadLimit = NumberOf(m_uploadLimit, "--limit-upload", 0, UINT_MAX);
+    if (!m_downloadLimit.empty())
+        options.remote.downloadLimit = NumberOf(m_downloadLimit, "--limit-download", 0, UINT_MAX);
     if (!m_retryLock.empty())
         options.retryLock = ParseDuration(m_retryLock, "--retry-lock");
     return options;

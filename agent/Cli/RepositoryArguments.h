@@ -33,7 +33,8 @@ public:
     /// Adds --host, --tag and --path. `hostNames` are those of the first one.
     void AddSnapshotOptionsTo(CLI::App& command, const char* hostNames = "-H,--host");
 
-    /// What was given. Raises UsageError for a duration or an extended option that can't be used.
+    /// What was given. Raises UsageError for a duration, a limit or an extended option that can't be
+    /// used.
     RepositoryOptions Get() const;
     /// The source. With the options of this command that are not of one repository.
     RepositoryOptions GetSource() const;
@@ -48,6 +49,8 @@ private:
     RepositoryOptions m_options;
     RepositoryOptions m_source;
     std::string m_retryLock;
+    std::string m_uploadLimit;
+    std::string m_downloadLimit;
     unsigned int m_verbosity = 0;
     SnapshotOptions m_snapshots;
 };

@@ -101,6 +101,11 @@ Address ParseAddress(std::string_view text)
     if (!std::all_of(address.path.begin(), address.path.end(), isInPath))
         RaiseInvalid("its path has a blank, a character that is not ASCII, ? or #, which are written as %HH");
     if (const std::size_t at = authority.rfind('@'); at != authority.npos) {
+        // Otherwise the rest of a password with a slash would be shown, and asked for as a host.
+        if (address.path.find('@') != address.path.npos)
+            RaiseInvalid(
+                "it has an @ before and after its first /; in a password, / is written as %2F and @ as "
+                "%40, and in a path @ as %40");
         ParseUser(authority.substr(0, at), address);
         authority.remove_prefix(at + 1);
     }

@@ -354,7 +354,8 @@ TEST_F(RepositoryBackupTest, WhatFailsIsReported)
                                                   {"s", "--compression", "fast"},
                                                   {"s", "--pack-size", "3"},
                                                   {"s", "--time", "2020-02-30 00:00:00"},
-                                                  {"s", "--read-concurrency", "0"}})
+                                                  {"s", "--read-concurrency", "0"},
+                                                  {"s", "--limit-upload", "-5"}})
         BackUp(2, usage);
     if (geteuid() == 0) {
         chmod((source + "/secret").c_str(), 0);

@@ -188,6 +188,8 @@ TEST(HttpClient, AddressesAreParsed)
         {"https://Host.example:443", "https://host.example / - "},
         {"http://h:8080/a%20b/", "http://h:8080 /a%20b/ - "},
         {"https://us%40er:p%3A:w@[::1]:1/x", "https://[::1]:1 /x us@er p::w"},
+        {"https://h/a@b", "https://h /a@b - "},
+        {"https://user:p@ss/word@h/", nullptr},
         {"ftp://h/", nullptr},
         {"https:///x", nullptr},
         {"https://h:0/", nullptr},
