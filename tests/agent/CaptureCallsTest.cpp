@@ -104,8 +104,8 @@ TEST_F(BackupCallsPerEntry, StayFew)
     const auto unchanged = CountCalls();
     ASSERT_TRUE(first && unchanged);
     constexpr double Entries = Directories * (Files + 1);
-    EXPECT_LT(static_cast<double>(*first - *empty) / Entries, 7.7);
-    EXPECT_LT(static_cast<double>(*unchanged - *empty) / Entries, 1.6);
+    EXPECT_LT(static_cast<double>(*first - *empty) / Entries, 8.5);
+    EXPECT_LT(static_cast<double>(*unchanged - *empty) / Entries, 1.9);
 }
 
 // To restore a file of a snapshot, the trees above it are read.
