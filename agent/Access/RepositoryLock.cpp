@@ -312,7 +312,7 @@ void RepositoryLock::RefreshOrLose()
             isLost = !Refresh();
             // The store may have taken so long for the lock that others can remove it by now.
             if (!isLost && HasExpired())
-                isLost = !Refresh() || HasExpired();
+                isLost = !Refresh();
         } catch (const Krt::Exception::YError& error) {
             KRT_LOG_FREE(Krt::MessageType::General, "Failed to refresh the repository's lock: " << error);
             isLost = HasExpired();

@@ -29,7 +29,7 @@ constexpr unsigned int LongestTimeout = 86400;
 // accepted.
 bool HasPassword(const std::string& argument)
 {
-    const std::string hidden = Http::WithoutCredentials(argument);
+    const std::string hidden = Http::ArgumentWithoutCredentials(argument);
     return std::count(hidden.begin(), hidden.end(), ':') != std::count(argument.begin(), argument.end(), ':');
 }
 

@@ -137,8 +137,6 @@ Response Client::Send(const Request& request, Repo::Bytes& body)
         }
         if (attempt.fault == Fault::Interrupted && IsEnding(request))
             RaiseInterrupted(request);
-        if (attempt.fault == Fault::Interrupted)
-            continue; // the guard raises, or lets it be sent
         if (attempt.fault == Fault::None)
             m_hasResponded = true;
         const bool mayRepeat = MayRepeat(attempt, request, body);
@@ -154,7 +152,7 @@ Response Client::Send(const Request& request, Repo::Bytes& body)
         KRT_LOG_FREE(Krt::MessageType::General,
                      "Attempt " << number << " of " << NameOf(request.method) << " at " << m_host.c_str()
                                 << " failed: " << YString(std::string_view(reason)));
-        if (number == NotedAttempt && !IsInterrupted())
+        if (number == NotedAttempt && attempt.fault != Fault::Interrupted && !IsInterrupted())
             NoteFailure(reason);
         Wait(WaitAfter(attempt, number), request);
     }

@@ -11,7 +11,7 @@ namespace Agent::Http {
 struct SendRule
 {
     std::function<bool()> maySend; ///< called at least every 100 ms during a request
-    std::function<void()> require; ///< raises, or makes maySend return true. It may send requests
+    std::function<void()> require; ///< raises if a request must not be sent. It may send requests
 };
 
 /// While an object of this class exists, the requests of its thread follow the rule. One that may not be sent
