@@ -215,12 +215,12 @@ TEST_F(Reading, LockThatComesWhileTheLockSettlesEndsTheRun)
     Open().SaveText(Agent::Repo::FileKind::Lock, lock.ToJson());
     const fs::path file = Files("locks").front();
     fs::rename(file, directory / "lock");
-    const ProgramResult result = BackUp(11, Hooked([&](const HookedCall& call) {
-                                            const bool isOfIndex =
-                                                call.function == "openat" && call.name.ends_with("index");
-                                            if (isOfIndex && fs::exists(directory / "lock"))
-                                                fs::rename(directory / "lock", file);
-                                        }));
+    const ProgramResult result =
+        BackUp(11, Hooked([&](const HookedCall& call) {
+                   const bool isOfIndex = call.function == "getdents64" && call.name.ends_with("/index");
+                   if (isOfIndex && fs::exists(directory / "lock"))
+                       fs::rename(directory / "lock", file);
+               }));
     EXPECT_TRUE(Holds(result.errors, "The repository is locked exclusively by PID 0 on elsewhere"));
     EXPECT_EQ(CountSnapshots(), 0u);
 }
