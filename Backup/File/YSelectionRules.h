@@ -2,7 +2,6 @@
 
 #include "Backup/File/YSelectionDescriptor.h"
 
-#include <algorithm>
 #include <memory>
 #include <set>
 #include <vector>
