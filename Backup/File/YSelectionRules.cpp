@@ -229,11 +229,11 @@ void YSelectionRules::Erase(const Rule& stored)
 // The step from the last rule to the end is left out: it would be a walk up the tree, and most sets have one
 // rule.
 template <class Predicate>
-bool YSelectionRules::AnyRule(Predicate holds) const
+bool YSelectionRules::AnyRule(Predicate matches) const
 {
     auto rule = m_rules.begin();
     for (std::size_t left = m_rules.size(); left != 0; --left) {
-        if (holds(*rule))
+        if (matches(*rule))
             return true;
         if (left != 1)
             ++rule;
@@ -243,14 +243,14 @@ bool YSelectionRules::AnyRule(Predicate holds) const
 
 bool YSelectionRules::AnyMatching(const YString& name, bool recursiveOnly, Condition condition) const
 {
-    const auto holds = [&](const Rule& rule) {
+    const auto matches = [&](const Rule& rule) {
         return (!recursiveOnly || rule.IsRecursive()) && Matches(name, rule.GetDescriptor()) &&
                condition(rule);
     };
     if (m_index == nullptr)
-        return AnyRule(holds);
-    return (m_index->exactCount != 0 && m_index->AnyOfPattern(name, holds)) ||
-           m_index->AnyForAllNames(holds) || m_index->globs.Any(name, holds);
+        return AnyRule(matches);
+    return (m_index->exactCount != 0 && m_index->AnyOfPattern(name, matches)) ||
+           m_index->AnyForAllNames(matches) || m_index->globs.Any(name, matches);
 }
 
 bool YSelectionRules::AnyCoveringAllNames(Condition condition) const
@@ -262,15 +262,15 @@ bool YSelectionRules::AnyCoveringAllNames(Condition condition) const
 
 bool YSelectionRules::AnyCovering(const Rule& candidate, Condition condition) const
 {
-    const auto holds = [&](const Rule& rule) {
+    const auto matches = [&](const Rule& rule) {
         return condition(rule) && rule.CanPrune(candidate);
     };
     if (m_index == nullptr)
-        return AnyRule(holds);
+        return AnyRule(matches);
     // A rule covers its own pattern or all names. A rule that covers a name also matches it.
     const YString& pattern = candidate.GetDescriptor().GetPattern();
-    return m_index->AnyOfPattern(pattern, holds) || m_index->AnyForAllNames(holds) ||
-           (IsExact(candidate) && m_index->globs.Any(pattern, holds));
+    return m_index->AnyOfPattern(pattern, matches) || m_index->AnyForAllNames(matches) ||
+           (IsExact(candidate) && m_index->globs.Any(pattern, matches));
 }
 
 // All rules are found before the first is erased, so that a failure changes nothing.

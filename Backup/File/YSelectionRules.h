@@ -86,7 +86,7 @@ private:
     using Pointers = std::vector<const Rule*>;
 
     template <class Predicate>
-    bool AnyRule(Predicate holds) const;
+    bool AnyRule(Predicate matches) const;
     Pointers FindCovered(const Rule& rule) const;
     void RebuildIndex();
     void TryToIndex(const Rule& rule);
