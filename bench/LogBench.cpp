@@ -1,7 +1,7 @@
 // LogBench [--quick]: the costs of logging and failing, in nanoseconds: a site whose channel is disabled, as
 // it is executed for every file, compared with the empty loop; a site whose lines are written, to /dev/null
-// and, by one thread and by four, to a file, beside a plain snprintf and write of the same line; and an error
-// that is raised and caught.
+// and, by one thread and by four, to a file, compared with a plain snprintf and write of the same line; and
+// an error that is raised and caught.
 #include "Krt/Exception/Raise.h"
 #include "Krt/Log/LogSite.h"
 #include "bench/Measure.h"
