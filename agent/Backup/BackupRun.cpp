@@ -209,8 +209,11 @@ std::optional<struct stat> BackupRun::SkippedDirectory() const
 void BackupRun::Store(Session& session)
 {
     Repo::SaveOptions save = m_settings.save;
-    save.onWait = [] {
+    std::function<void()> whileFinishing = [] {
+    };
+    save.onWait = [&whileFinishing] {
         RaiseIfInterrupted();
+        whileFinishing();
     };
     if (session.IsRemote()) // each waits for answers more than it works
         save.writers = std::max(save.writers, RemoteWriters);
@@ -270,8 +273,10 @@ void BackupRun::Store(Session& session)
     KRT_RAISE_UNLESS(tree, Krt::ErrorCode::InvalidArgument,
                      "Nothing was selected that could be stored, so no snapshot was created");
     m_snapshot.tree = *tree;
-    if (!m_settings.isDryRun)
+    if (!m_settings.isDryRun) {
+        whileFinishing = reportProgress; // this thread alone waits from here on
         saver.Finish();
+    }
     m_outcome.counts = run.GetCounts();
 }
 

@@ -183,10 +183,15 @@ std::uint64_t BlobSaver::Append(const PackedBlob& blob, ByteView sealed)
 {
     const std::size_t type = static_cast<std::size_t>(blob.handle.type);
     AnnotatedLock lock(m_mutex);
-    WaitFor(lock, [&] {
+    const auto hasRoom = [&] {
         m_mutex.AssertHeld();
         return m_open[type] != nullptr || !m_free.empty();
-    });
+    };
+    while (!WaitFor(lock, hasRoom)) {
+        lock.Unlock();
+        CallOnWait();
+        lock.Lock();
+    }
     std::unique_ptr<PackWriter>& open = m_open[type];
     if (open == nullptr) {
         open = std::move(m_free.back());
@@ -213,10 +218,15 @@ void BlobSaver::Finish()
             m_full.push_back(std::move(open));
     }
     m_change.notify_all();
-    WaitFor(lock, [this] {
+    const auto isWritten = [this] {
         m_mutex.AssertHeld();
         return m_full.empty() && m_writing == 0;
-    });
+    };
+    while (!WaitFor(lock, isWritten)) {
+        lock.Unlock();
+        CallOnWait();
+        lock.Lock();
+    }
     if (m_noted.CountBlobs() == 0)
         return;
     const std::string text = m_noted.Finish();
@@ -230,21 +240,28 @@ void BlobSaver::Finish()
     }
 }
 
-// Waits until the condition holds. Raises the failure, also if the condition holds already.
-void BlobSaver::WaitFor(AnnotatedLock& lock, const std::function<bool()>& isReached)
+// Waits a moment for the condition, and returns true if it holds. Raises the failure, also if the condition
+// holds already.
+bool BlobSaver::WaitFor(AnnotatedLock& lock, const std::function<bool()>& isReached)
 {
     const auto isOver = [&] {
         return m_hasFailed || isReached();
     };
-    while (!lock.WaitUntil(m_change, steady_clock::now() + BetweenCalls, isOver)) {
-        try {
-            m_options.onWait();
-        } catch (...) {
-            Fail();
-        }
-    }
+    const bool isEnd = lock.WaitUntil(m_change, steady_clock::now() + BetweenCalls, isOver);
     if (m_failure)
         std::rethrow_exception(m_failure);
+    return isEnd;
+}
+
+// Called without the mutex, since the callback may ask for what was saved.
+void BlobSaver::CallOnWait()
+{
+    try {
+        m_options.onWait();
+    } catch (...) {
+        const AnnotatedLock lock(m_mutex);
+        Fail();
+    }
 }
 
 // What a writing thread does.

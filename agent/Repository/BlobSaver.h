@@ -81,8 +81,9 @@ public:
 private:
     bool Claim(const BlobHandle& handle);
     std::uint64_t Append(const PackedBlob& blob, ByteView sealed);
-    void WaitFor(Krt::Thread::AnnotatedLock& lock, const std::function<bool()>& isReached)
+    bool WaitFor(Krt::Thread::AnnotatedLock& lock, const std::function<bool()>& isReached)
         KRT_REQUIRES(m_mutex);
+    void CallOnWait();
     void WritePacks();
     void EndWriters();
     void WritePack(PackWriter& pack);

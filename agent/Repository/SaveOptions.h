@@ -26,7 +26,8 @@ struct SaveOptions
     unsigned int writers = 2;          ///< threads that write packs, at least 1
     /// Also saves blobs that the index has, since their packs are to be removed.
     bool isRepacking = false;
-    /// Called about 10 times a second while Save or Finish waits. What it raises ends the saver.
+    /// Called about 10 times a second while Save or Finish waits, by the thread that waits. Several threads
+    /// may call it at once. It may use GetSaved. What it raises ends the saver.
     std::function<void()> onWait = [] {
     };
 };

@@ -233,10 +233,13 @@ TEST_F(BlobSaverTest, FailureEndsWriting)
 TEST_F(BlobSaverTest, InterruptedWaitEndsSaving)
 {
     disk->timeOfPack = std::chrono::milliseconds(500);
-    options.onWait = [] {
+    const BlobSaver* waiting = nullptr;
+    options.onWait = [&waiting] {
+        waiting->GetSaved(BlobType::Data); // as progress does
         KRT_RAISE(Krt::ErrorCode::InvalidState, "interrupted");
     };
     BlobSaver saver(repository, options);
+    waiting = &saver;
     std::atomic<int> failures{0};
     SaveOnThreads(saver, failures);
     EXPECT_EQ(failures, 4);
