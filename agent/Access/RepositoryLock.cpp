@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace Agent {
 
@@ -144,10 +145,12 @@ void RepositoryLock::AcquireWithPatience()
         try {
             Acquire();
             return;
-        } catch (const LockedError&) {
+        } catch (const LockedError& error) {
             const auto left = std::chrono::duration_cast<milliseconds>(end - steady_clock::now());
             if (left <= milliseconds(0))
                 throw;
+            if (!std::exchange(m_hasWaited, true))
+                m_settings.onWait(error);
             SleepUnlessInterrupted(std::min(Http::Shortened(wait), left));
         }
     }
@@ -220,7 +223,7 @@ void RepositoryLock::CheckOthers(const Repo::Id* own)
         const bool hasDied = lock->hostname == m_lock.hostname && !DoesProcessExist(lock->pid);
         RaiseLocked(file,
                     "The repository is locked " + Describe(*lock) +
-                        (m_settings.patience.count() != 0 ? ", also after the time of --retry-lock" : "") +
+                        (m_hasWaited ? ", also after the time of --retry-lock" : "") +
                         (hasDied ? ". PID " + std::to_string(lock->pid) +
                                        " has died; 'kbagent unlock' removes its lock"
                                  : ". If that process has died, remove its lock with 'kbagent unlock'"));

@@ -33,6 +33,9 @@ struct LockSettings
     bool isExclusive = false;
     /// How long an attempt is repeated while another process has a lock.
     std::chrono::milliseconds patience{0};
+    /// Called once, before the first wait of that time, with the error that would have been raised.
+    std::function<void(const LockedError& error)> onWait = [](const LockedError&) {
+    };
     /// Called once if the lock was lost. Called by another thread.
     std::function<void()> onLost = [] {
     };
@@ -105,6 +108,7 @@ private:
     LockSettings m_settings;
     IgnoringHangUps m_ignoring;
     Repo::Lock m_lock;
+    bool m_hasWaited = false; // because of another lock
     Repo::Id m_id;
     std::vector<Repo::Id> m_replaced;        // that the store did not remove
     std::map<Repo::Id, Repo::Lock> m_others; // that were read; a lock never changes

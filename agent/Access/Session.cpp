@@ -46,6 +46,13 @@ std::optional<Repo::Secret> ReadIfPresent(const std::string& path)
     }
 }
 
+std::string WaitText(std::chrono::seconds time)
+{
+    const auto seconds = static_cast<unsigned long long>(time.count());
+    return seconds % 60 == 0 ? CountText(seconds / 60, "minute", "minutes")
+                             : CountText(seconds, "second", "seconds");
+}
+
 bool HasKeys(Repo::IBackend& backend)
 {
     bool hasKeys = false;
@@ -261,6 +268,11 @@ void Session::LockFor(Access access, Settling settling)
     LockSettings settings;
     settings.isExclusive = access == Access::Exclusive;
     settings.patience = m_options.retryLock;
+    settings.onWait = [this](const LockedError& error) {
+        if (!m_options.isQuiet)
+            m_report.Note(YString("Waiting for at most " + WaitText(m_options.retryLock) + ": ") +
+                          ReasonOf(error));
+    };
     settings.settlesLater = settling == Settling::Later;
     settings.onLost = [backend = m_backend] {
         backend->ReportLostLock();
