@@ -64,8 +64,8 @@ public:
     ///   - LockedError if another process has a lock that excludes this one
     ///   - NotSupported for a command that writes to version 1 of the format, unless that is accepted
     ///   - what Repository::Open raises, and for Append what RequirePlace raises for snapshots
-    /// Operations of the repository raise InvalidState when the user interrupts the program, and LockLost
-    /// when the lock is lost.
+    /// Operations of the repository raise InvalidState when the user interrupts the program, LockLost when
+    /// the lock is lost, and ServerLost when packs can't be read because the server can't be reached.
     Session(const RepositoryOptions& options, Report& report, Access access = Access::Read,
             OldFormat oldFormat = OldFormat::Refused, Settling settling = Settling::AtOnce);
 

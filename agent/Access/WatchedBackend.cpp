@@ -1,6 +1,7 @@
 #include "agent/Access/WatchedBackend.h"
 
 #include "agent/Run/Interrupt.h"
+#include "agent/Run/Text.h"
 
 #include <cerrno>
 
@@ -30,7 +31,14 @@ void WatchedBackend::Load(const Repo::FileName& file, std::uint64_t offset, std:
                           Repo::Bytes& out)
 {
     Look();
-    m_backend->Load(file, offset, length, out);
+    try {
+        m_backend->Load(file, offset, length, out);
+    } catch (const Repo::RepositoryError& error) {
+        if (error.GetFailure() != Repo::Failure::Unreachable)
+            throw;
+        throw ServerLost("The server of the repository can't be reached any more: " +
+                         ReasonOf(error).Bytes());
+    }
 }
 
 void WatchedBackend::LoadWhole(const Repo::FileName& file, std::uint64_t limit, Repo::Bytes& out)

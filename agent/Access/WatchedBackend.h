@@ -1,6 +1,7 @@
-// WatchedBackend: a backend whose operations end the run in time: when the user interrupts the program, and
-// when the repository's lock is lost. An error for lack of space names the command that makes space. Those on
-// lock files do not, since the lock itself is removed at the end.
+// WatchedBackend: a backend whose operations end the run in time: when the user interrupts the program, when
+// the repository's lock is lost, and when a pack is to be read and its server can't be reached. An error for
+// lack of space names the command that makes space. Operations on lock files do not end the run, since the
+// lock itself is removed at the end.
 #pragma once
 
 #include "agent/Http/SendGuard.h"
@@ -16,6 +17,14 @@ namespace Agent {
 /// The repository's lock was lost, so other processes may remove its files. It is not a YError, so that it is
 /// not handled as the failure of one file.
 class LockLost : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// The server of the repository can't be reached any more, and each further request would take its time to
+/// fail as well. It is not a YError, so that it is not handled as the failure of one file.
+class ServerLost : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
@@ -40,6 +49,7 @@ public:
 
     Krt::YString Describe() const override { return m_backend->Describe(); }
     void Prepare() override { m_backend->Prepare(); }
+    /// Raises ServerLost in place of Failure::Unreachable.
     void Load(const Repo::FileName& file, std::uint64_t offset, std::uint64_t length,
               Repo::Bytes& out) override;
     void LoadWhole(const Repo::FileName& file, std::uint64_t limit, Repo::Bytes& out) override;

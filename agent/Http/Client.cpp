@@ -143,8 +143,8 @@ Response Client::Send(const Request& request, Repo::Bytes& body)
         if (!mayRepeat || number >= LimitFor(attempt)) {
             if (attempt.fault == Fault::None)
                 return std::move(attempt.response);
-            REPOSITORY_RAISE(Failure::Backend, m_host.c_str()
-                                                   << ": " << YString(std::string_view(attempt.reason)));
+            REPOSITORY_RAISE(attempt.fault == Fault::Unreachable ? Failure::Unreachable : Failure::Backend,
+                             m_host.c_str() << ": " << YString(std::string_view(attempt.reason)));
         }
         const std::string reason = attempt.fault == Fault::None
                                        ? "status " + std::to_string(attempt.response.status)

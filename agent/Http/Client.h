@@ -46,9 +46,10 @@ public:
     Client& operator=(const Client&) = delete;
 
     /// Sends a request until there is a response that is not temporary, and returns that; or the last one
-    /// that is. The content of `body` is replaced. Raises Failure::Backend if there is no response,
-    /// InvalidState when the user interrupts, and what SendGuard::Require raises before each attempt. Reports
-    /// a request that failed twice, once a minute.
+    /// that is. The content of `body` is replaced. Raises Failure::Unreachable if the last attempt had no
+    /// connection, Failure::Backend if there is no response for another reason, InvalidState when the user
+    /// interrupts, and what SendGuard::Require raises before each attempt. Reports a request that failed
+    /// twice, once a minute.
     Response Send(const Request& request, Repo::Bytes& body);
 
 private:

@@ -40,7 +40,7 @@ struct FileName
 };
 
 /// Any number of threads may use a backend at once. Every operation raises Failure::Backend if the location
-/// can't be read or written.
+/// can't be read or written, and Unreachable if that is for lack of a connection to the server.
 class IBackend
 {
 public:

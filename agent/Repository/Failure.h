@@ -18,6 +18,7 @@ enum class Failure
     Damaged,       ///< a file or blob is not what a writer stored, or breaks the format
     Missing,       ///< a file or blob that should exist does not
     Backend,       ///< the location of the files can't be read or written
+    Unreachable,   ///< as Backend; no connection to the server can be made
     NoMemory       ///< there is not enough memory for a blob
 };
 

@@ -36,8 +36,8 @@ public:
     {}
 
     /// Loads each of the blobs once, on another thread, without those above LargeBlobSize. Getting the result
-    /// raises what is not a RepositoryError, such as an interrupt. The loader outlives the result, whose
-    /// destructor waits. The next call comes after the result was fetched.
+    /// raises what is not a RepositoryError, such as an interrupt and ServerLost. The loader outlives the
+    /// result, whose destructor waits. The next call comes after the result was fetched.
     std::future<LoadedBlobs> Start(std::vector<Repo::Id> ids);
 
 private:

@@ -33,8 +33,9 @@ public:
     SnapshotRestore(const SnapshotRestore&) = delete;
     SnapshotRestore& operator=(const SnapshotRestore&) = delete;
 
-    /// Restores what is below the tree into the target. Returns once it is durable. Raises TargetFull and
-    /// LockLost, and InvalidState if the user interrupts; entries that were restored before stay.
+    /// Restores what is below the tree into the target. Returns once it is durable. Raises TargetFull,
+    /// LockLost and ServerLost, and InvalidState if the user interrupts; entries that were restored before
+    /// stay.
     void Run(const Repo::Id& tree);
     /// Prints what was done.
     void PrintSummary() { m_state.progress.PrintSummary(); }

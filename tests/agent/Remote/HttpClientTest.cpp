@@ -1,5 +1,7 @@
 // Requests through networks and to servers that fail, and servers that are hostile.
+#include "agent/Access/WatchedBackend.h"
 #include "agent/Http/Client.h"
+#include "agent/Remote/RestBackend.h"
 #include "agent/Repository/Failure.h"
 #include "agent/Run/UsageError.h"
 
@@ -105,6 +107,9 @@ TEST(HttpClient, LastingFaultsAreReported)
     EXPECT_EQ(refusing.Count(), 1u);
     Http::Client lost(Http::ParseAddress("http://127.0.0.1:1"), Quick());
     EXPECT_TRUE(Holds(ReasonOfFailure(lost, {}), "127.0.0.1:1: "));
+    WatchedBackend backend(
+        std::make_shared<Remote::RestBackend>(Http::ParseAddress("http://127.0.0.1:1"), Quick()));
+    EXPECT_THROW(backend.Load({Repo::FileKind::Pack, {}}, 0, 1, body), ServerLost) << "not of one pack";
     Http::Client secure(Http::ParseAddress("https://" + server.Place()), Quick());
     EXPECT_TRUE(Holds(ReasonOfFailure(secure, {}), "may not use TLS"));
     Http::Client unknown(Http::ParseAddress("http://" + std::string(64, 'a') + ".invalid"), Quick());
