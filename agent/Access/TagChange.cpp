@@ -72,6 +72,7 @@ std::vector<std::string> TagChange::TagsOf(const Repo::Snapshot& snapshot) const
 
 std::optional<Repo::Id> TagChange::Apply(const Repo::Repository& repository,
                                          const Repo::StoredSnapshot& stored,
+                                         const std::vector<Repo::StoredSnapshot>& existing,
                                          const Repo::FailureVisitor& onLeft) const
 {
     Repo::Snapshot changed = stored.snapshot;
@@ -79,7 +80,13 @@ std::optional<Repo::Id> TagChange::Apply(const Repo::Repository& repository,
     if (changed.tags == stored.snapshot.tags)
         return std::nullopt;
     changed.original = stored.snapshot.original.value_or(stored.id);
-    const Repo::Id id = repository.SaveText(Repo::FileKind::Snapshot, changed.ToJson());
+    const std::string text = changed.ToJson();
+    const auto saved = std::find_if(existing.begin(), existing.end(), [&](const Repo::StoredSnapshot& each) {
+        return each.snapshot.original == changed.original && each.snapshot.tags == changed.tags &&
+               each.snapshot.ToJson() == text;
+    });
+    const Repo::Id id =
+        saved != existing.end() ? saved->id : repository.SaveText(Repo::FileKind::Snapshot, text);
     repository.RemoveFile({Repo::FileKind::Snapshot, stored.id}, onLeft);
     return id;
 }

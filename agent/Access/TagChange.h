@@ -22,9 +22,11 @@ public:
               const std::vector<std::string>& remove);
 
     /// Saves the snapshot with its new tags, then removes the old file. The new one names the first version.
-    /// Returns the new id; nothing if the snapshot has the tags already. The old file is given to `onLeft` if
-    /// it can't be removed.
+    /// It is not saved again if one of the existing snapshots is equal to it, since an earlier run could not
+    /// remove the old file. Returns the id of the new one; nothing if the snapshot has the tags already. The
+    /// old file is given to `onLeft` if it can't be removed.
     std::optional<Repo::Id> Apply(const Repo::Repository& repository, const Repo::StoredSnapshot& stored,
+                                  const std::vector<Repo::StoredSnapshot>& existing,
                                   const Repo::FailureVisitor& onLeft) const;
 
 private:

@@ -7,6 +7,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+
 namespace Agent {
 
 using Repo::Id;
@@ -47,27 +49,40 @@ CLI::App* TagCommand::Register(CLI::App& program)
     return command;
 }
 
+void PrintChange(const Id& old, const Id& id, bool isOldLeft, const RepositoryOptions& options,
+                 Report& report)
+{
+    if (options.isJson)
+        report.Out() << ChangeJson(old, id) << "\n";
+    else if (isOldLeft && !options.isQuiet)
+        report.Out() << "saved new snapshot " << ShortId(id) << "\n";
+    else if (options.isVerbose)
+        report.Out() << "snapshot " << ShortId(old) << " is now " << ShortId(id) << "\n";
+}
+
 void TagCommand::Run(Report& report)
 {
     const TagChange change(m_set, m_add, m_remove);
     const RepositoryOptions options = m_repository.Get();
     Session session(options, report, Access::Exclusive);
     std::uint64_t count = 0;
-    for (const StoredSnapshot& stored :
-         ChooseSnapshots(session, PathsOf(m_ids), m_repository.GetSnapshotOptions())) {
+    const std::vector<StoredSnapshot> chosen =
+        ChooseSnapshots(session, PathsOf(m_ids), m_repository.GetSnapshotOptions());
+    const std::vector<StoredSnapshot> existing =
+        session.GetRepository().LoadSnapshots({}, [](const Repo::FileName&, const Repo::RepositoryError&) {});
+    for (const StoredSnapshot& stored : chosen) {
         std::optional<Repo::RepositoryError> left;
         const std::optional<Id> id = change.Apply(
-            session.GetRepository(), stored,
+            session.GetRepository(), stored, existing,
             [&left](const Repo::FileName&, const Repo::RepositoryError& error) { left.emplace(error); });
         if (!id)
             continue;
-        ++count;
-        if (options.isJson)
-            report.Out() << ChangeJson(stored.id, *id) << "\n";
-        else if (left && !options.isQuiet)
-            report.Out() << "saved new snapshot " << ShortId(*id) << "\n";
-        else if (options.isVerbose)
-            report.Out() << "snapshot " << ShortId(stored.id) << " is now " << ShortId(*id) << "\n";
+        const bool isNew = std::none_of(existing.begin(), existing.end(),
+                                        [&id](const StoredSnapshot& each) { return each.id == *id; });
+        if (isNew || !left) {
+            ++count;
+            PrintChange(stored.id, *id, left.has_value(), options, report);
+        }
         if (left) {
             report.GoOnWithoutOutput();
             report.Out().Flush(); // before the error

@@ -272,6 +272,7 @@ TEST_F(RemoteRepository, AppendOnlyStoreTakesBackups)
     store.files[unneeded] = "what a prune removes";
     for (const auto& [exitCode, words, saved] :
          {std::tuple(3, "tag --add x latest", "saved new snapshot "),
+          {3, "tag --add x", "modified tags on 0 snapshots"},
           {3, "rewrite --forget --exclude c", "saved new snapshot "},
           {3, "key passwd --new-insecure-no-password", "saved new key as "},
           {3, "forget --keep-last 1 --prune", "removed 0 of "},
