@@ -87,8 +87,10 @@ std::shared_ptr<Repo::IBackend> RemoteBackendOf(const std::string& location, con
             "Warning: others on the network can read the user and the password of the server, since its "
             "address has http: and not https:");
     Remote::RemoteOptions remote = options.remote;
-    if (remote.anchorFile.empty() && remote.pins.empty())
+    if (remote.anchorFile.empty() && remote.pins.empty()) {
         remote.anchorFile = FromEnvironment({"CACERT"}, "CACERT").value_or("");
+        remote.anchorSource = FindVariable("KBAGENT_CACERT") != nullptr ? "KBAGENT_CACERT" : "RESTIC_CACERT";
+    }
     return Remote::MakeRemoteBackend(location, remote, std::move(secrets));
 }
 

@@ -1,6 +1,10 @@
 #include "agent/Http/ServerTrust.h"
 
+#include "agent/Run/Text.h"
+
 #include "Backup/Core/OpenSSL.h"
+
+#include "Krt/Exception/Raise.h"
 
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -36,11 +40,26 @@ std::vector<TrustOptions> OptionsOf(const TrustSettings& settings)
     return all;
 }
 
+// Raises unless the file has anchors. The host has no effect.
+void RequireAnchors(const TrustSettings& settings)
+{
+    TrustOptions options;
+    options.anchorFiles.push_back(settings.anchorFile.c_str());
+    try {
+        IsCertificateTrusted("", {}, "host", options);
+    } catch (const Krt::Exception::YError& error) {
+        KRT_RAISE(Krt::ErrorCode::InvalidArgument, YString(std::string_view(settings.anchorSource))
+                                                       << ": " << ReasonOf(error));
+    }
+}
+
 } // namespace
 
 ServerTrust::ServerTrust(std::string host, TrustSettings settings)
     : m_host(std::move(host)), m_settings(std::move(settings))
 {
+    if (!m_settings.anchorFile.empty())
+        RequireAnchors(m_settings);
     for (const TrustOptions& options : OptionsOf(m_settings))
         IsCertificateTrusted("", {}, YString(std::string_view(m_host)), options);
 }

@@ -12,8 +12,9 @@ namespace Agent::Http {
 
 struct TrustSettings
 {
-    std::string anchorFile;        ///< CAs that replace the system's; empty if not given
-    std::vector<std::string> pins; ///< SHA-256 of the server's public key, one of which replaces the CAs
+    std::string anchorFile;           ///< CAs that replace the system's; empty if not given
+    std::vector<std::string> pins;    ///< SHA-256 of the server's public key, one of which replaces the CAs
+    std::string anchorSource = "CAs"; ///< what names the anchor file, for messages
 };
 
 class ServerTrust
@@ -26,7 +27,8 @@ public:
         std::string reason; ///< why the server is not trusted, in printable ASCII; empty if it is
     };
 
-    /// Raises what Backup::OpenSSL::IsCertificateTrusted raises for a host and settings that can't be used.
+    /// Raises what Backup::OpenSSL::IsCertificateTrusted raises for a host and pins that can't be used, and
+    /// InvalidArgument, with the source of the file and the reason, for an anchor file that can't be used.
     ServerTrust(std::string host, TrustSettings settings);
 
     /// Replaces the verification that the context of OpenSSL has.

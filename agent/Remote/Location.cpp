@@ -78,6 +78,7 @@ Http::ClientSettings SettingsOf(const RemoteOptions& options)
     constexpr std::uint64_t Most = UINT64_C(1) << 40; // KiB a second, so that bytes fit
     Http::ClientSettings settings;
     settings.trust.anchorFile = options.anchorFile;
+    settings.trust.anchorSource = options.anchorSource;
     for (const std::string& pin : options.pins)
         settings.trust.pins.push_back(ParsePin(pin));
     if (!settings.trust.pins.empty() && !settings.trust.anchorFile.empty())

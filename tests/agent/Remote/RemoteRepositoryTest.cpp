@@ -261,6 +261,9 @@ TEST_F(RemoteRepository, AllCommandsUseServers)
     };
     EXPECT_TRUE(Holds(RunCached(1, "backup " + source).errors, "507"));
     EXPECT_EQ(Count("/locks/"), 0u);
+    const std::string none = directory / "none";
+    EXPECT_TRUE(Holds(Run(1, Words("snapshots -r rest:https://h/"), {}, {"RESTIC_CACERT=" + none}).errors,
+                      "error: RESTIC_CACERT: Failed to open " + none));
 }
 
 TEST_F(RemoteRepository, AppendOnlyStoreTakesBackups)
