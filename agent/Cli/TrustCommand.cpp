@@ -1,4 +1,5 @@
 #include "agent/Cli/Command.h"
+#include "agent/Http/ServerTrust.h"
 #include "agent/Repository/Json.h"
 #include "agent/Run/Text.h"
 #include "agent/Trust/Handshake.h"
@@ -6,7 +7,6 @@
 #include "Backup/Core/OpenSSL.h"
 
 #include "Krt/Exception/Raise.h"
-#include "Krt/String/Ascii.h"
 
 #include <CLI/CLI.hpp>
 
@@ -208,9 +208,8 @@ void TrustCommand::CheckUsage() const
         throw UsageError("Name a server or, with --cert, a certificate");
     if (servers == 0 && m_name->count() == 0)
         throw UsageError("--cert requires --name: the name by which the server is reached");
-    if (!m_pin.empty() &&
-        (m_pin.size() != 64 || m_pin.find_first_not_of(Krt::String::AnyHexDigits) != std::string::npos))
-        throw UsageError("--pin requires 64 hexadecimal digits");
+    if (!m_pin.empty() && !Http::DigitsOfPin(m_pin))
+        throw UsageError("--pin requires 64 hexadecimal digits, also after sha256:");
 }
 
 // Returns the name as it was typed; an IPv6 address may be in brackets.
@@ -224,7 +223,7 @@ TrustOptions TrustCommand::Options() const
     TrustOptions options;
     if (!m_anchors.empty())
         options.anchorFiles.push_back(m_anchors.c_str());
-    options.pinnedKey = YString(m_pin.c_str());
+    options.pinnedKey = YString(Http::DigitsOfPin(m_pin).value_or(""));
     if (!m_time.empty())
         options.time = ParseTime(m_time);
     for (const std::string& file : PathsOf(m_lists))
@@ -269,7 +268,7 @@ void Print(const TrustReport& found, Output& out)
     out << "  subject   " << server.subject.Bytes() << "\n";
     out << "  issuer    " << server.issuer.Bytes() << "\n";
     out << "  valid     " << EndText(server.notBefore) << " to " << EndText(server.notAfter) << "\n";
-    out << "  key       " << server.keyHash.Bytes() << "\n";
+    out << "  key       " << Http::PinScheme << server.keyHash.Bytes() << "\n";
 }
 
 std::string JsonOf(const TrustReport& found)

@@ -5,6 +5,7 @@
 #include "Backup/Core/OpenSSL.h"
 
 #include "Krt/Exception/Raise.h"
+#include "Krt/String/Ascii.h"
 
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -54,6 +55,15 @@ void RequireAnchors(const TrustSettings& settings)
 }
 
 } // namespace
+
+std::optional<std::string> DigitsOfPin(std::string_view pin)
+{
+    constexpr std::size_t Digits = 64;
+    if (pin.starts_with(PinScheme))
+        pin.remove_prefix(PinScheme.size());
+    const bool isPin = pin.size() == Digits && pin.find_first_not_of(Krt::String::AnyHexDigits) == pin.npos;
+    return isPin ? std::optional<std::string>(pin) : std::nullopt;
+}
 
 ServerTrust::ServerTrust(std::string host, TrustSettings settings)
     : m_host(std::move(host)), m_settings(std::move(settings))

@@ -2,13 +2,21 @@
 // Any thread.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct ssl_ctx_st;
 struct x509_store_ctx_st;
 
 namespace Agent::Http {
+
+/// What the text of a pin begins with, before its digits.
+constexpr std::string_view PinScheme = "sha256:";
+
+/// Returns the 64 hexadecimal digits of a pin, with or without PinScheme before them; nothing for other text.
+std::optional<std::string> DigitsOfPin(std::string_view pin);
 
 struct TrustSettings
 {

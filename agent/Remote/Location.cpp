@@ -1,11 +1,11 @@
 #include "agent/Remote/Location.h"
 
+#include "agent/Http/ServerTrust.h"
 #include "agent/Remote/RestBackend.h"
 #include "agent/Run/UsageError.h"
 
-#include "Krt/String/Ascii.h"
-
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace Agent::Remote {
@@ -14,8 +14,6 @@ namespace {
 
 constexpr std::string_view S3Scheme = "s3:";
 constexpr std::string_view RestScheme = "rest:";
-constexpr std::string_view PinScheme = "sha256:";
-constexpr std::size_t PinDigits = 64;
 
 // The names between slashes, decoded.
 std::vector<std::string> NamesOf(std::string_view path)
@@ -66,10 +64,10 @@ void SetExtended(const std::vector<std::string>& options, S3Location& location)
 
 std::string ParsePin(const std::string& pin)
 {
-    const std::string digits = pin.starts_with(PinScheme) ? pin.substr(PinScheme.size()) : "";
-    if (digits.size() != PinDigits || digits.find_first_not_of(Krt::String::AnyHexDigits) != digits.npos)
+    const std::optional<std::string> digits = Http::DigitsOfPin(pin);
+    if (!digits)
         throw UsageError("--tls-pin requires sha256: and 64 hexadecimal digits");
-    return digits;
+    return *digits;
 }
 
 Http::ClientSettings SettingsOf(const RemoteOptions& options)

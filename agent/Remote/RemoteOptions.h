@@ -12,7 +12,7 @@ struct RemoteOptions
 {
     std::string anchorFile;                ///< --cacert
     std::string anchorSource = "--cacert"; ///< the option or variable that names the anchor file
-    std::vector<std::string> pins;         ///< --tls-pin: "sha256:" and 64 hexadecimal digits each
+    std::vector<std::string> pins;         ///< --tls-pin: what Http::DigitsOfPin takes
     std::vector<std::string> extended;     ///< --option: KEY=VALUE each
     bool requiresTls = false;              ///< the anchor file or the pins are meant for this server alone
     std::uint64_t uploadLimit = 0;         ///< KiB a second

@@ -63,9 +63,9 @@ protected:
     const Certificate server = middle.Issue(Form());
     const Testing::TemporaryDirectory directory;
     const std::string at = " --at " + std::to_string(Testing::JudgementTime);
-    const std::string pin = " --pin " + server.KeyHash();
+    const std::string pin = " --pin sha256:" + server.KeyHash();
     const std::string good = "trusted\n  subject   CN=a\\0Ab\n  issuer    CN=Middle\n"
-                             "  valid     2023-11-14T21:56:40Z to 2023-11-14T22:30:00Z\n  key       " +
+                             "  valid     2023-11-14T21:56:40Z to 2023-11-14T22:30:00Z\n  key       sha256:" +
                              server.KeyHash() + "\n";
 };
 

@@ -356,6 +356,7 @@ TEST(RemoteLocation, ServerWithoutTlsIsNoticed)
 {
     RemoteOptions options;
     options.requiresTls = true;
+    options.pins = {std::string(64, 'a'), "sha256:" + std::string(64, 'A')};
     MakeRemoteBackend("rest:https://h/", options, {});
     for (const char* location : {"rest:http://h/", "s3:http://h/bucket"})
         EXPECT_THROW(MakeRemoteBackend(location, options, {}), UsageError);
