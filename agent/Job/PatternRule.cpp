@@ -62,7 +62,7 @@ std::string ReasonAgainst(const Names& names)
     if (names.hasSet)
         return "rules have no sets of characters";
     if (names.hasWildcard && names.hasLiteralWildcard)
-        return "in the glob of a rule, * and ? can't stand for themselves";
+        return "in the glob of a rule, * and ? can't be literal";
     if (names.text == "..")
         return "no name is ..";
     return "";

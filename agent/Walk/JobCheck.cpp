@@ -122,10 +122,9 @@ constexpr struct
     {IsInTheOtherArray, false, "selection_type decides what the rule is, not the array that it is in"},
     {IsExplicitWithoutEffect, false,
      "explicit_selection has no effect with this match_type and recursion_type"},
-    {HasPathWildcard, false, "the path contains * or ?, which stand for themselves in a path"},
-    {HasLiteralWildcard, false,
-     "the pattern contains * or ?, which stand for themselves with match_type exact"},
-    {HasBracketsInGlob, false, "the pattern contains brackets, which stand for themselves in a glob"},
+    {HasPathWildcard, false, "the path contains * or ?, which are literal in a path"},
+    {HasLiteralWildcard, false, "the pattern contains * or ?, which are literal with match_type exact"},
+    {HasBracketsInGlob, false, "the pattern contains brackets, which are literal in a glob"},
     {HasBlankAtEnd, false, "the pattern begins or ends with white space, which is part of the name"},
 };
 

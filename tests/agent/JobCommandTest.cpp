@@ -210,7 +210,7 @@ TEST_F(JobCommand, FindsMistakes)
         {"include @/file glob=*.x", 4, "includes[0]: @/file is not a directory"},
         {"include @/to recursive any", 4, "includes[0]: @/to is a link, which is stored itself"},
         {"include @/to any; exclude @ exact=to", 4, "includes[0]: selects nothing"},
-        {"include @ recursive exact=*.txt", 4, "stand for themselves with match_type exact"},
+        {"include @ recursive exact=*.txt", 4, "are literal with match_type exact"},
         {"include @ recursive glob=[ab]", 4, "brackets"},
         {"include @ recursive any; exclude @ recursive glob=docs/*.tmp", 4,
          "job:3: error: excludes[0]: the pattern"},
