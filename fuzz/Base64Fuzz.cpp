@@ -26,7 +26,7 @@ std::string Encoded(const std::string& data)
     return text;
 }
 
-// What the text holds if an encoder wrote it.
+// Returns the decoded data, or nothing if no encoder writes this text.
 std::optional<std::string> Decoded(std::string text)
 {
     std::erase_if(text, [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; });

@@ -22,7 +22,8 @@ enum class Step
     End   ///< not at all
 };
 
-/// Called for an entry with its path, which begins with "/". Both live as long as the call.
+/// Called for an entry with its path, which begins with "/". The path and the node are valid during the
+/// call.
 using EntryVisitor = std::function<Step(const std::string& path, Repo::Node& node)>;
 /// Called for a directory whose entries can't be read, or not all of them: once, or for each entry that is
 /// wrong in itself, such as by its name. The walk goes on with the others.

@@ -86,7 +86,8 @@ public:
     /// Seals JSON text, compressed in version 2, and saves it as a file of this kind: Snapshot, Index or
     /// Lock. Returns its id.
     Id SaveText(FileKind kind, std::string_view json) const;
-    /// The same, with an id that is set before the file is saved: after a failure it may exist.
+    /// Seals JSON text and saves it as a file of this kind: Snapshot, Index or Lock. Sets `id` before it
+    /// saves: after a failure, the file may exist.
     void SaveText(FileKind kind, std::string_view json, Id& id) const;
     /// Saves a pack and returns its id. The caller adds its blobs, which are of this type, to the index.
     Id SavePack(ByteView pack, BlobType type = BlobType::Data) const;

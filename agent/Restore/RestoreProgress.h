@@ -13,7 +13,7 @@ namespace Agent {
 class RestoreProgress
 {
 public:
-    /// Both outlive this object. The time of the restore begins.
+    /// Begins to measure the time of the restore. `settings` and `report` outlive this object.
     RestoreProgress(const RestoreSettings& settings, Report& report);
 
     /// An entry of the snapshot will be restored or kept.

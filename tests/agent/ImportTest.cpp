@@ -22,7 +22,7 @@ class Import : public RepositoryFixture
 protected:
     Import() { Create(); }
 
-    // `names` as the list of a legacy header holds them.
+    // Returns a record with a legacy Windows header, whose name list is `names`.
     static std::string Legacy(const std::wstring& names, std::uint32_t count, std::uint64_t size,
                               std::uint32_t attributes = 0x20, std::uint32_t reparseType = 0)
     {

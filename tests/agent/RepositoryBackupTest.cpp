@@ -204,7 +204,7 @@ TEST_F(RepositoryBackupTest, WhatDidNotChangeIsNotRead)
         const timespec times[] = {before.st_atim, before.st_mtim};
         utimensat(AT_FDCWD, (source + "/d/f").c_str(), times, 0);
     };
-    // Content that changes behind the back of the status shows whether a file was read.
+    // Content that changes without a change of the status shows whether a file was read.
     rewrite("34");
     struct
     {

@@ -190,7 +190,7 @@ TEST(Allocations, UnloggedAssertionNeedsThoseOfItsError)
     EXPECT_EQ(ofError(true), ofError(false));
 }
 
-// The most that the second of two runs of the work holds at once, in bytes.
+// Returns the peak of the memory that the second of two runs of the work allocates, in bytes.
 std::size_t MostHeldBy(const std::function<void()>& work)
 {
     work();

@@ -72,7 +72,7 @@ TEST_F(YSignalTest, SlotsChangeSignalDuringCall)
     YSlot first = Letter('a');
     YSlot self = m_event.Connect([&] {
         gone.Disconnect();
-        self.Disconnect(); // frees neither the function nor what it holds while it runs
+        self.Disconnect(); // does not free the function and its captures while it runs
         m_called += 'x';
     });
     gone = Letter('g');

@@ -11,7 +11,7 @@ namespace Agent {
 
 void SyncFileSystem(const Krt::Util::YUnxHandle& directory)
 {
-    // sync hands everything to the device; the second call makes the device write what it holds. A file
+    // sync passes all written data to the device, and F_FULLFSYNC makes the device write its cache. A file
     // system that can't flush the device has fsync alone.
     const int error = CallInChild([&] {
         sync();
