@@ -1,6 +1,7 @@
 // Runs of bytes, as files and blobs have them.
 #pragma once
 
+#include <cstddef>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -11,6 +12,15 @@ namespace Agent::Repo {
 using Bytes = std::vector<unsigned char>;
 /// Bytes of another owner, which outlives the view.
 using ByteView = std::span<const unsigned char>;
+
+/// Gives `bytes` this size, for content that replaces what they are. If they have to grow, memory for the new
+/// size alone is taken, and nothing is copied.
+inline void ResizeToReplace(Bytes& bytes, std::size_t size)
+{
+    if (bytes.capacity() < size)
+        Bytes().swap(bytes);
+    bytes.resize(size);
+}
 
 /// The memory of the bytes, as text.
 inline std::string_view AsText(ByteView bytes)

@@ -359,6 +359,20 @@ void RunInMemoryFor(const Id& pack, const PackedBlob& blob, const Call& call)
     }
 }
 
+// Verifies the content that `decode` returns. Failures name the blob.
+template <class Decode>
+void DecodeVerified(const Id& pack, const PackedBlob& blob, const Decode& decode)
+{
+    const auto describe = [&] {
+        return PrefixOf(pack, blob);
+    };
+    const auto verify = [&] {
+        REPOSITORY_RAISE_UNLESS(Id::Of(decode()) == blob.handle.id, Failure::Damaged,
+                                "damaged: the content has another id");
+    };
+    RunInMemoryFor(pack, blob, [&] { Named(describe, verify); });
+}
+
 } // namespace
 
 // What was found to be lost of what the index has. Any thread may add blobs; packs are found before.
@@ -725,25 +739,31 @@ void Repository::DecodeBlob(const Id& pack, const PackedBlob& blob, std::span<un
                             Bytes& plaintext) const
 {
     const LargeBlobTurn turn = TakeTurnFor(std::max(blob.length, blob.plainLength));
-    const auto describe = [&] {
-        return PrefixOf(pack, blob);
-    };
-    const auto decode = [&] {
-        const ByteView content = OpenInPlace(m_key, sealed);
-        if (blob.isCompressed)
-            Decompress(content, blob.plainLength, plaintext);
-        else
-            plaintext.assign(content.begin(), content.end());
-        REPOSITORY_RAISE_UNLESS(Id::Of(plaintext) == blob.handle.id, Failure::Damaged,
-                                "damaged: the content has another id");
-    };
-    RunInMemoryFor(pack, blob, [&] {
+    DecodeVerified(pack, blob, [&]() -> ByteView {
         try {
-            Named(describe, decode);
+            if (blob.isCompressed) {
+                Decompress(OpenInPlace(m_key, sealed), blob.plainLength, plaintext);
+            } else {
+                ResizeToReplace(plaintext, sealed.size() - std::min(sealed.size(), SealOverhead));
+                OpenInto(m_key, sealed, plaintext);
+            }
+            return plaintext;
         } catch (const std::bad_alloc&) {
             Bytes().swap(plaintext);
             throw;
         }
+    });
+}
+
+void Repository::DecodeBlobInto(const Id& pack, const PackedBlob& blob, std::span<unsigned char> sealed,
+                                std::span<unsigned char> plaintext) const
+{
+    DecodeVerified(pack, blob, [&]() -> ByteView {
+        if (blob.isCompressed)
+            DecompressInto(OpenInPlace(m_key, sealed), plaintext);
+        else
+            OpenInto(m_key, sealed, plaintext);
+        return plaintext;
     });
 }
 

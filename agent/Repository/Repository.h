@@ -153,6 +153,10 @@ public:
     /// and NoMemory. `sealed` is changed.
     void DecodeBlob(const Id& pack, const PackedBlob& blob, std::span<unsigned char> sealed,
                     Bytes& plaintext) const;
+    /// DecodeBlob into memory of `blob.plainLength` bytes, for a blob of LargeBlobSize bytes at most. What
+    /// the memory contains after a failure was not verified.
+    void DecodeBlobInto(const Id& pack, const PackedBlob& blob, std::span<unsigned char> sealed,
+                        std::span<unsigned char> plaintext) const;
 
     // Snapshots.
     Snapshot LoadSnapshot(const Id& id) const;

@@ -209,13 +209,21 @@ bool Open(const Key& key, ByteView sealed, std::span<unsigned char> plaintext)
     return true;
 }
 
+void OpenInto(const Key& key, ByteView sealed, std::span<unsigned char> plaintext)
+{
+    REPOSITORY_RAISE_UNLESS(sealed.size() == plaintext.size() + SealOverhead, Failure::Damaged,
+                            "damaged: " << sealed.size() << " sealed bytes can't have " << plaintext.size()
+                                        << " bytes of content");
+    REPOSITORY_RAISE_UNLESS(Open(key, sealed, plaintext), Failure::Damaged,
+                            "damaged: the authentication tag is wrong");
+}
+
 std::span<unsigned char> OpenInPlace(const Key& key, std::span<unsigned char> sealed)
 {
     REPOSITORY_RAISE_UNLESS(sealed.size() >= SealOverhead, Failure::Damaged,
                             "damaged: too short to be sealed");
     const std::span<unsigned char> plaintext = sealed.subspan(IvSize, sealed.size() - SealOverhead);
-    REPOSITORY_RAISE_UNLESS(Open(key, sealed, plaintext), Failure::Damaged,
-                            "damaged: the authentication tag is wrong");
+    OpenInto(key, sealed, plaintext);
     return plaintext;
 }
 

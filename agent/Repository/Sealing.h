@@ -48,6 +48,9 @@ void SealWithIv(const Key& key, ByteView iv, ByteView plaintext, Bytes& out);
 /// be the very bytes of the ciphertext, at offset 16 of `sealed`. Returns false, with `plaintext` unchanged,
 /// if the tag is wrong or there are fewer bytes than SealOverhead.
 [[nodiscard]] bool Open(const Key& key, ByteView sealed, std::span<unsigned char> plaintext);
+/// Opens into `plaintext`, as Open does. Raises Damaged, with `plaintext` unchanged, if the tag is wrong or
+/// the plaintext has another size.
+void OpenInto(const Key& key, ByteView sealed, std::span<unsigned char> plaintext);
 /// Opens in place, and returns the plaintext inside of `sealed`. Raises Damaged if the tag is wrong.
 std::span<unsigned char> OpenInPlace(const Key& key, std::span<unsigned char> sealed);
 

@@ -146,16 +146,22 @@ void Decompress(ByteView frames, std::size_t size, Bytes& out)
 {
     if (frames.empty() || size / BlockLimit > frames.size() / SmallestBlock)
         RaiseDamaged("is shorter than it should be");
-    if (size > AtOnceLimit) {
-        DecompressInSteps(frames, size, FirstRoom, out);
-    } else {
-        out.resize(size);
-        const std::size_t result =
-            ZSTD_decompressDCtx(DecompressorOfThread(), out.data(), size, frames.data(), frames.size());
-        CheckResult(result);
-        out.resize(result);
+    if (size <= AtOnceLimit) {
+        ResizeToReplace(out, size);
+        DecompressInto(frames, out);
+        return;
     }
+    DecompressInSteps(frames, size, FirstRoom, out);
     if (out.size() != size)
+        RaiseDamaged("is shorter than it should be");
+}
+
+void DecompressInto(ByteView frames, std::span<unsigned char> out)
+{
+    const std::size_t size =
+        ZSTD_decompressDCtx(DecompressorOfThread(), out.data(), out.size(), frames.data(), frames.size());
+    CheckResult(size);
+    if (frames.empty() || size != out.size())
         RaiseDamaged("is shorter than it should be");
 }
 

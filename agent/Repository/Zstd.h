@@ -24,6 +24,8 @@ ByteView CompressInto(ByteView content, std::span<unsigned char> room, int level
 /// not frames, are cut off, or contain more or fewer bytes. At most as much memory is taken as the frames can
 /// fill.
 void Decompress(ByteView frames, std::size_t size, Bytes& out);
+/// Decompresses into `out`, whose size is that of the content. Raises Damaged as Decompress does.
+void DecompressInto(ByteView frames, std::span<unsigned char> out);
 /// Replaces the content of `out` with the content of the frames. Raises Damaged if they are not frames, are
 /// cut off, or contain more than `limit` bytes.
 void DecompressUpTo(ByteView frames, std::size_t limit, Bytes& out);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 
 namespace Agent {
 
@@ -15,6 +16,7 @@ namespace {
 
 constexpr std::uint64_t GapLimit = 128 << 10; // bytes; reading a gap this long costs less than another read
 constexpr std::uint64_t RangeLimit = 4 << 20; // small enough to occupy all threads
+constexpr std::size_t KeptRangeLimit = 2 * RangeLimit; // bytes; a longer range has one blob
 
 std::uint64_t EndOf(const PackedBlob& blob)
 {
@@ -34,7 +36,7 @@ LoadedBlobs BlobLoader::Load(const std::vector<Id>& ids)
         if (!isNew)
             continue;
         if (const auto kept = m_kept.find(id); kept != m_kept.end())
-            blob->second.content = kept->second.content;
+            blob->second = kept->second.blob;
         else if (const auto copy = m_repository.GetIndex().Find({BlobType::Data, id}))
             wanted.push_back({*copy, &blob->second});
         else
@@ -48,17 +50,19 @@ LoadedBlobs BlobLoader::Load(const std::vector<Id>& ids)
     return blobs;
 }
 
-void BlobLoader::LoadRanges(const std::vector<Range>& ranges) const
+void BlobLoader::LoadRanges(const std::vector<Range>& ranges)
 {
-    std::atomic<std::size_t> next{0};
-    const unsigned int count = std::min<unsigned int>(m_threads, static_cast<unsigned int>(ranges.size()));
+    std::atomic<std::size_t> next{0}, nextThread{0};
+    const std::size_t count = std::min(m_sealed.size(), ranges.size());
     const auto work = [&](const std::function<bool()>& hasFailed) {
-        Repo::Bytes sealed;
+        Repo::Bytes& sealed = m_sealed[nextThread++];
         for (std::size_t i = next++; i < ranges.size() && !hasFailed(); i = next++)
             LoadRange(ranges[i], sealed);
+        if (sealed.capacity() > KeptRangeLimit)
+            Repo::Bytes().swap(sealed);
     };
     if (count > 1)
-        RunOnThreads(count, work, [] {});
+        RunOnThreads(static_cast<unsigned int>(count), work, [] {});
     else
         work([] { return false; });
 }
@@ -66,20 +70,20 @@ void BlobLoader::LoadRanges(const std::vector<Range>& ranges) const
 void BlobLoader::Keep(const LoadedBlobs& blobs)
 {
     for (const auto& [id, blob] : blobs) {
-        if (!blob.content)
+        if (!blob.memory)
             continue;
         const auto [kept, isNew] = m_kept.try_emplace(id);
         if (isNew) {
             m_order.push_front(id);
-            kept->second = {blob.content, m_order.begin()};
-            m_keptBytes += blob.content->size();
+            kept->second = {blob, m_order.begin()};
+            m_keptBytes += blob.content.size();
         } else {
             m_order.splice(m_order.begin(), m_order, kept->second.position);
         }
     }
     while (m_keptBytes > m_keptLimit) {
         const auto oldest = m_kept.find(m_order.back());
-        m_keptBytes -= oldest->second.content->size();
+        m_keptBytes -= oldest->second.blob.content.size();
         m_kept.erase(oldest);
         m_order.pop_back();
     }
@@ -123,13 +127,17 @@ void BlobLoader::LoadRange(Range range, Repo::Bytes& sealed) const
         const PackedBlob& blob = wanted.copy.blob;
         try {
             if (isRead) {
-                const auto content = std::make_shared<Repo::Bytes>();
-                m_repository.DecodeBlob(
-                    pack, blob, std::span(sealed).subspan(blob.offset - begin, blob.length), *content);
-                wanted.blob->content = content;
+                // Not a vector, which would write each byte before.
+                const std::shared_ptr<unsigned char[]> memory(new unsigned char[blob.plainLength]);
+                const std::span plaintext(memory.get(), blob.plainLength);
+                m_repository.DecodeBlobInto(
+                    pack, blob, std::span(sealed).subspan(blob.offset - begin, blob.length), plaintext);
+                wanted.blob->memory = memory;
+                wanted.blob->content = plaintext;
                 continue;
             }
         } catch (const Repo::RepositoryError&) {
+        } catch (const std::bad_alloc&) {
         }
         LoadAlone(wanted);
     }
@@ -139,9 +147,10 @@ void BlobLoader::LoadRange(Range range, Repo::Bytes& sealed) const
 void BlobLoader::LoadAlone(const Wanted& wanted) const
 {
     try {
-        const auto content = std::make_shared<Repo::Bytes>();
-        m_repository.LoadBlob(wanted.copy.blob.handle, *content);
-        wanted.blob->content = content;
+        const auto plaintext = std::make_shared<Repo::Bytes>();
+        m_repository.LoadBlob(wanted.copy.blob.handle, *plaintext);
+        wanted.blob->memory = plaintext;
+        wanted.blob->content = *plaintext;
     } catch (const Repo::RepositoryError&) {
         wanted.blob->failure = std::current_exception();
     }

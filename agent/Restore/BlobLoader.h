@@ -20,8 +20,9 @@ constexpr std::uint64_t LoadedBytes = 16 << 20;
 /// A blob, or why it can't be loaded.
 struct LoadedBlob
 {
-    std::shared_ptr<const Repo::Bytes> content; ///< null after a failure
-    std::exception_ptr failure;                 ///< a RepositoryError
+    std::shared_ptr<const void> memory; ///< of the content; null after a failure
+    Repo::ByteView content;             ///< valid as long as the memory
+    std::exception_ptr failure;         ///< a RepositoryError
 };
 
 using LoadedBlobs = std::unordered_map<Repo::Id, LoadedBlob, Repo::IdHash>;
@@ -29,10 +30,10 @@ using LoadedBlobs = std::unordered_map<Repo::Id, LoadedBlob, Repo::IdHash>;
 class BlobLoader
 {
 public:
-    /// The repository outlives the loader. Its index is loaded. Of the blobs that were loaded last,
-    /// `keptBytes` are kept.
+    /// The repository outlives the loader. Its index is loaded. There is one thread at least. Of the blobs
+    /// that were loaded last, `keptBytes` are kept.
     BlobLoader(const Repo::Repository& repository, unsigned int threads, std::uint64_t keptBytes)
-        : m_repository(repository), m_threads(threads), m_keptLimit(keptBytes)
+        : m_repository(repository), m_sealed(threads), m_keptLimit(keptBytes)
     {}
 
     /// Loads each of the blobs once, on another thread, without those above LargeBlobSize. Getting the result
@@ -50,19 +51,19 @@ private:
 
     struct Kept
     {
-        std::shared_ptr<const Repo::Bytes> content;
+        LoadedBlob blob;
         std::list<Repo::Id>::iterator position; // in m_order
     };
 
     LoadedBlobs Load(const std::vector<Repo::Id>& ids);
-    void LoadRanges(const std::vector<Range>& ranges) const;
+    void LoadRanges(const std::vector<Range>& ranges);
     void Keep(const LoadedBlobs& blobs);
     std::vector<Range> Join(std::span<const Wanted> wanted) const;
     void LoadRange(Range range, Repo::Bytes& sealed) const;
     void LoadAlone(const Wanted& wanted) const;
 
     const Repo::Repository& m_repository;
-    unsigned int m_threads;
+    std::vector<Repo::Bytes> m_sealed; // what a thread reads, for each of them
     std::uint64_t m_keptLimit;
     std::uint64_t m_keptBytes = 0;
     std::list<Repo::Id> m_order; // the blob that was used last comes first

@@ -16,7 +16,7 @@ void FileBlobs::Begin(const std::vector<Id>& ids, const std::vector<bool>& isUpT
     StartNext();
 }
 
-const Repo::Bytes& FileBlobs::Get(std::size_t i, const Id& id)
+Repo::ByteView FileBlobs::Get(std::size_t i, const Id& id)
 {
     if (m_single.capacity() > Repo::LargeBlobSize)
         Repo::Bytes().swap(m_single);
@@ -33,7 +33,7 @@ const Repo::Bytes& FileBlobs::Get(std::size_t i, const Id& id)
     }
     if (found->second.failure)
         std::rethrow_exception(found->second.failure);
-    return *found->second.content;
+    return found->second.content;
 }
 
 void FileBlobs::StartNext()

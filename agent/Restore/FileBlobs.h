@@ -19,7 +19,7 @@ public:
     /// vectors outlive this object.
     void Begin(const std::vector<Repo::Id>& ids, const std::vector<bool>& isUpToDate);
     /// The content of blob number `i` of the file, valid until the next call. Raises why it can't be loaded.
-    const Repo::Bytes& Get(std::size_t i, const Repo::Id& id);
+    Repo::ByteView Get(std::size_t i, const Repo::Id& id);
 
 private:
     void StartNext();

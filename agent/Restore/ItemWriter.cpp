@@ -216,7 +216,7 @@ void ItemWriter::WriteContent(const RestoreItem& item, const YDirectory& parent,
             part.resize(m_state.repository.GetIndex().Find({BlobType::Data, id})->blob.plainLength);
             isOld = old.Read(writer.GetSize(), id, part);
         }
-        writer.Append(isOld ? part : blobs.Get(i, id));
+        writer.Append(isOld ? Repo::ByteView(part) : blobs.Get(i, id));
         m_state.progress.ShowProgress(item.path, writer.GetSize());
     }
     REPOSITORY_RAISE_UNLESS(writer.GetSize() == item.recorded.size, Repo::Failure::Damaged,

@@ -61,7 +61,7 @@ std::uint64_t RegularSize(const Krt::Util::YUnxHandle& handle)
 
 void ReadAll(const Krt::Util::YUnxHandle& handle, std::uint64_t offset, std::uint64_t length, Bytes& out)
 {
-    out.resize(length);
+    ResizeToReplace(out, length);
     for (std::uint64_t done = 0; done < length;) {
         Look();
         const std::uint64_t step = std::min<std::uint64_t>(length - done, LookStep);

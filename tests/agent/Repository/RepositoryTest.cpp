@@ -396,6 +396,9 @@ TEST(Repository, DamagedCopyIsReplacedByOtherOnAllThreads)
         sealed.assign(pack.begin(), pack.begin() + blob.length);
         change(blob);
         EXPECT_EQ(FailureOf([&] { repository.DecodeBlob(copy, blob, sealed, plaintext); }), Failure::Damaged);
+        sealed.assign(pack.begin(), pack.begin() + blob.length);
+        Bytes room(std::min<std::size_t>(blob.plainLength, 1 << 20));
+        EXPECT_EQ(FailureOf([&] { repository.DecodeBlobInto(copy, blob, sealed, room); }), Failure::Damaged);
     }
 }
 
