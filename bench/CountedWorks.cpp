@@ -19,6 +19,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <utility>
 #include <valgrind/callgrind.h>
 #include <vector>
 
@@ -29,6 +30,7 @@ using Backup::YJobPath;
 using Backup::File::YMetadataBase;
 using Backup::File::YSelectionManager;
 using Backup::File::YUnixFileMetadata;
+using Krt::YString;
 using Krt::JSON::YValue;
 using Krt::Time::YDuration;
 
@@ -43,15 +45,67 @@ void Count(int times, const std::function<void(int)>& work, int units = 1)
     std::printf("%d\n", times * units);
 }
 
+void CountQueries(const YSelectionManager& tree, const std::vector<std::string>& paths)
+{
+    Count(static_cast<int>(paths.size()), [&](int i) { tree.GetPathSelectionType(paths[i].c_str()); });
+}
+
 template <std::size_t RuleCount>
 void Query()
 {
-    constexpr int Paths = 2000;
-    const Bench::SelectionInputs inputs(Paths);
+    const Bench::SelectionInputs inputs(2000);
     YSelectionManager tree;
     for (const auto& rule : inputs.MixedRules(RuleCount))
         tree.Add(rule.AsDescriptor());
-    Count(Paths, [&](int i) { tree.GetPathSelectionType(inputs.GetPaths()[i].c_str()); });
+    CountQueries(tree, inputs.GetPaths());
+}
+
+void QueryAmongGlobs()
+{
+    using Rule = Backup::File::YSelectionDescriptor;
+    constexpr int Globs = 1000;
+    YSelectionManager tree;
+    std::vector<std::string> paths;
+    for (int i = 0; i < Globs; ++i) {
+        const std::string pattern = "*infix" + std::to_string(i) + "*";
+        tree.Add("/usr/lib", Krt::Match::GlobDescriptor(pattern.c_str(), true), Rule::NonRecursive,
+                 Rule::Exclude, true);
+        paths.push_back("/usr/lib/an infix" + std::to_string(i * 7919 % (2 * Globs)) + ".txt");
+    }
+    CountQueries(tree, paths);
+}
+
+void QueryOfLevels()
+{
+    const auto [tree, path] = Bench::ExplicitLevels(120);
+    CountQueries(tree, std::vector<std::string>(100, path));
+}
+
+// The name begins to match at each of its positions.
+void LongGlob()
+{
+    const YString name(std::string(255, 'a'));
+    const YString pattern("*" + std::string(127, 'a') + "b*");
+    const Krt::Match::Descriptor glob(Krt::Match::MatchType::Glob, pattern, true);
+    Count(100, [&](int) { (void)Krt::Match::Check(name, glob); });
+}
+
+void CharacterAt()
+{
+    constexpr int Characters = 4000;
+    std::string bytes;
+    for (int i = 0; i < Characters; ++i)
+        bytes += "\xC3\xA9";
+    const YString text(std::move(bytes));
+    Count(Characters, [&](int i) { (void)text.At(i); });
+}
+
+// Of 1,000 bytes in front of the match, whose characters were not counted yet.
+void FindAtEnd()
+{
+    const YString text(std::string(100000, 'a') + "needle");
+    Count(
+        10, [&](int) { (void)text.Find("needle", 0, true); }, 100);
 }
 
 void NestedReadLock()
@@ -193,6 +247,11 @@ int main(int argc, char** argv)
     const std::map<std::string, void (*)()> works = {
         {"query.10", Query<10>},
         {"query.10000", Query<10000>},
+        {"query.infix.1000", QueryAmongGlobs},
+        {"query.levels.120", QueryOfLevels},
+        {"glob.long", LongGlob},
+        {"string.at", CharacterAt},
+        {"string.find.1000", FindAtEnd},
         {"lock.nested", NestedReadLock},
         {"log.disabled", DisabledLogSite},
         {"record.from.text", RecordFromText},

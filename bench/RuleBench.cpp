@@ -121,45 +121,14 @@ void MeasureAdding(std::size_t many)
     Bench::PrintRow("rules.turns", Bench::Seconds(Rounds, [&] { YSelectionManager().FromJSON(job); }), "s");
 }
 
-// Directories below each other, which are all named "level", with an exclude of the level's number in each.
-template <class ExcludeOf>
-std::pair<YSelectionManager, std::string> Levels(std::size_t count, ExcludeOf excludeOf)
-{
-    YSelectionManager tree;
-    tree.Add("/", Krt::Match::AnyDescriptor(), Rule::Recursive, Rule::Include, true);
-    std::string path;
-    for (std::size_t level = 0; level < count; ++level) {
-        tree.Add(level == 0 ? "/" : path.c_str(), excludeOf(level));
-        path += "/level";
-    }
-    return {std::move(tree), std::move(path)};
-}
-
-// A glob that matches "level". Those of the first 128 levels differ.
-std::string GlobOfLevel(std::size_t level)
-{
-    std::string pattern = (level & 32) != 0 ? "*level" : "level";
-    for (std::size_t i = 0; i < 5; ++i) {
-        if ((level >> i & 1) != 0)
-            pattern[pattern.size() - 1 - i] = '?';
-    }
-    return (level & 64) != 0 ? pattern + "*" : pattern;
-}
-
 void MeasureLevels(std::size_t count)
 {
     for (const std::size_t levels : {30, 120}) {
-        auto [tree, path] = Levels(levels, [](std::size_t level) {
-            return Rule(Krt::Match::GlobDescriptor(GlobOfLevel(level).c_str(), true), Rule::Recursive,
-                        Rule::Exclude, true);
-        });
-        Rule include(Krt::Match::ExactDescriptor("level", true), Rule::NonRecursive, Rule::Include, true);
-        include.SetExplicitSelection(true);
-        tree.Add(Krt::File::YPath(path.c_str()).GetParent(), include);
+        const auto [tree, path] = Bench::ExplicitLevels(levels);
         MeasureQueries("levels.explicit." + std::to_string(levels), tree,
                        std::vector<std::string>(count, path));
     }
-    const auto [tree, path] = Levels(120, [](std::size_t) {
+    const auto [tree, path] = Bench::Levels(120, [](std::size_t) {
         return Rule(Krt::Match::ExactDescriptor("other", true), Rule::NonRecursive, Rule::Exclude, true);
     });
     MeasureQueries("levels.exact.120", tree, std::vector<std::string>(count, path));

@@ -36,6 +36,17 @@ std::string FileName(Random& random)
     return Pick(Words, random) + "_" + std::to_string(random() % 40) + Pick(Endings, random);
 }
 
+// A glob that matches "level". Those of the first 128 levels differ.
+std::string GlobOfLevel(std::size_t level)
+{
+    std::string pattern = (level & 32) != 0 ? "*level" : "level";
+    for (std::size_t i = 0; i < 5; ++i) {
+        if ((level >> i & 1) != 0)
+            pattern[pattern.size() - 1 - i] = '?';
+    }
+    return (level & 64) != 0 ? pattern + "*" : pattern;
+}
+
 } // namespace
 
 Backup::File::YSelectionPathDescriptor SelectionInputs::Rule::AsDescriptor() const
@@ -104,6 +115,32 @@ std::vector<SelectionInputs::Rule> SelectionInputs::MakeRules(std::size_t count,
         }
         rules.push_back(std::move(rule));
     }
+    return rules;
+}
+
+RulesOfPath Levels(std::size_t count, const std::function<YSelectionDescriptor(std::size_t level)>& excludeOf)
+{
+    Backup::File::YSelectionManager tree;
+    tree.Add("/", Krt::Match::AnyDescriptor(), YSelectionDescriptor::Recursive, YSelectionDescriptor::Include,
+             true);
+    std::string path;
+    for (std::size_t level = 0; level < count; ++level) {
+        tree.Add(level == 0 ? "/" : path.c_str(), excludeOf(level));
+        path += "/level";
+    }
+    return {std::move(tree), std::move(path)};
+}
+
+RulesOfPath ExplicitLevels(std::size_t count)
+{
+    RulesOfPath rules = Levels(count, [](std::size_t level) {
+        return YSelectionDescriptor(Krt::Match::GlobDescriptor(GlobOfLevel(level).c_str(), true),
+                                    YSelectionDescriptor::Recursive, YSelectionDescriptor::Exclude, true);
+    });
+    YSelectionDescriptor include(Krt::Match::ExactDescriptor("level", true),
+                                 YSelectionDescriptor::NonRecursive, YSelectionDescriptor::Include, true);
+    include.SetExplicitSelection(true);
+    rules.first.Add(Krt::File::YPath(rules.second.c_str()).GetParent(), include);
     return rules;
 }
 

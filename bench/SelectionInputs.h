@@ -1,10 +1,12 @@
 // Paths and rules for measuring selections: a made-up tree of directories and files, the same each time.
 #pragma once
 
-#include "Backup/File/YSelectionPathDescriptor.h"
+#include "Backup/File/YSelectionManager.h"
 
+#include <functional>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Bench {
@@ -39,5 +41,14 @@ private:
     std::vector<std::string> m_directories;
     std::vector<std::string> m_paths;
 };
+
+/// Rules, and a path that they are about.
+using RulesOfPath = std::pair<Backup::File::YSelectionManager, std::string>;
+/// Directories below each other, which are all named "level", with an exclude of the level's number in each.
+RulesOfPath Levels(std::size_t count,
+                   const std::function<Backup::File::YSelectionDescriptor(std::size_t level)>& excludeOf);
+/// Levels with another recursive glob in each of the first 128, all of which match. The last one is
+/// included explicitly.
+RulesOfPath ExplicitLevels(std::size_t count);
 
 } // namespace Bench

@@ -169,6 +169,12 @@ TEST(Allocations, EntriesOfRepositoryNeedFew)
         Repository::Create(std::make_shared<LocalBackend>((directory.Path() + "/repository").c_str()),
                            Secret(AsBytes("password")), options);
     BlobSaver saver(repository, {});
+    int blob = 0;
+    const auto saveHundred = [&] {
+        for (const int end = blob + 100; blob < end; ++blob)
+            saver.Save(HandleOf(blob), AsBytes(text));
+    };
+    EXPECT_LE(AllocationsOf(saveHundred), 4u); // the pack's list and the table of saved blobs, which grow
     EXPECT_EQ(AllocationsOf([&] { saver.Save(HandleOf(0), AsBytes(text)); }), 0u);
 }
 
@@ -210,6 +216,28 @@ TEST(Allocations, LoadedJobKeepsNoText)
     const std::size_t fromText =
         MostHeldBy([&] { Backup::File::YSelectionManager().FromJSON(YValue::Parse(text)->AsObject()); });
     EXPECT_LT(MostHeldBy([&] { Agent::LoadJob(file, {}); }), fromText + text.size());
+}
+
+TEST(Allocations, RuleAndMemberTakeLittleMemory)
+{
+    using Rule = Backup::File::YSelectionDescriptor;
+    constexpr int Rules = 10000, Objects = 10000, Members = 3;
+    std::string text = "[";
+    for (int i = 0; i < Objects; ++i)
+        text += R"({"identifier":1000000,"name":"entry number 1000000","is_file":true},)";
+    text.back() = ']';
+
+    std::size_t before = g_held;
+    Backup::File::YSelectionManager tree;
+    for (int i = 0; i < Rules; ++i) {
+        const std::string place = "/home/user/folder" + std::to_string(i) + "/cache";
+        tree.Add(place.c_str(), Krt::Match::AnyDescriptor(), Rule::Recursive, Rule::Exclude, true);
+        tree.GetPathSelectionType(place.c_str());
+    }
+    EXPECT_LE((g_held - before) / Rules, 800u);
+    before = g_held;
+    const auto document = YValue::Parse(text);
+    EXPECT_LE((g_held - before) / (Objects * Members), 290u);
 }
 
 TEST(Allocations, RulesAbovePathGrowWithDepth)
