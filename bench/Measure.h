@@ -7,6 +7,10 @@
 #include <functional>
 #include <vector>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 namespace Bench {
 
 inline double Median(std::vector<double> values)
@@ -38,6 +42,15 @@ inline double Seconds(int rounds, const std::function<void()>& work)
 {
     return SecondsInTurns(rounds, {work})[0];
 }
+
+#ifdef __GLIBC__
+/// Bytes of the heap that are in use.
+inline std::size_t AllocatedBytes()
+{
+    const struct mallinfo2 memory = mallinfo2();
+    return memory.uordblks + memory.hblkhd;
+}
+#endif
 
 /// "name TAB value TAB unit": what bench/run.sh reads.
 inline void PrintRow(const char* name, double value, const char* unit)

@@ -9,10 +9,6 @@
 
 #include <string_view>
 
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
-
 namespace {
 
 using Backup::YJobPath;
@@ -84,14 +80,6 @@ void MeasureDocument(std::size_t count)
     Bench::PrintRow("document.text", static_cast<double>(text.size()) / 1e6 / seconds[1], "MB/s");
 }
 
-#ifdef __GLIBC__
-std::size_t AllocatedBytes()
-{
-    const struct mallinfo2 memory = mallinfo2();
-    return memory.uordblks + memory.hblkhd;
-}
-#endif
-
 // Many small objects, for each of their members.
 void MeasureLargeDocument(std::size_t members)
 {
@@ -99,14 +87,15 @@ void MeasureLargeDocument(std::size_t members)
     std::vector<double> parsing, releasing;
     for (int round = 0; round < Rounds; ++round) {
 #ifdef __GLIBC__
-        const std::size_t before = AllocatedBytes();
+        const std::size_t before = Bench::AllocatedBytes();
 #endif
         boost::shared_ptr<YValue> document;
         parsing.push_back(Bench::Seconds(1, [&] { document = YValue::Parse(text); }));
 #ifdef __GLIBC__
         if (round == 0)
             Bench::PrintRow("json.memory",
-                            static_cast<double>(AllocatedBytes() - before) / static_cast<double>(members),
+                            static_cast<double>(Bench::AllocatedBytes() - before) /
+                                static_cast<double>(members),
                             "bytes");
 #endif
         releasing.push_back(Bench::Seconds(1, [&] { document.reset(); }));

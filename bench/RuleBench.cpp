@@ -10,10 +10,6 @@
 #include <string_view>
 #include <utility>
 
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
-
 namespace {
 
 using Backup::File::YSelectionManager;
@@ -135,23 +131,17 @@ void MeasureLevels(std::size_t count)
 }
 
 #ifdef __GLIBC__
-std::size_t AllocatedBytes()
-{
-    const struct mallinfo2 memory = mallinfo2();
-    return memory.uordblks + memory.hblkhd;
-}
-
 // Each rule in a directory of its own, whose parent directory contains nothing else.
 void MeasureMemory(std::size_t count)
 {
-    const std::size_t before = AllocatedBytes();
+    const std::size_t before = Bench::AllocatedBytes();
     YSelectionManager tree;
     for (std::size_t i = 0; i < count; ++i) {
         const std::string place = "/home/user/folder" + std::to_string(i) + "/cache";
         tree.Add(place.c_str(), Krt::Match::AnyDescriptor(), Rule::Recursive, Rule::Exclude, true);
         g_sum += tree.GetPathSelectionType(place.c_str());
     }
-    const auto bytes = static_cast<double>(AllocatedBytes() - before);
+    const auto bytes = static_cast<double>(Bench::AllocatedBytes() - before);
     Bench::PrintRow("rules.memory", bytes / static_cast<double>(count), "bytes");
 }
 #endif

@@ -1,5 +1,5 @@
 // RecordPeers [--quick] [--only NAME] [RECORDS]: JSON records read and written here and by other libraries,
-// in turns and in one process; and a large document by RapidJSON. Prints nanoseconds a record or a member, a
+// in turns and in one process; and a large document by the others. Prints nanoseconds a record or a member, a
 // figure a line. With --only the one work runs for a profiler, once over all records.
 #include "Backup/File/YUnixFileMetadata.h"
 #include "bench/Measure.h"
@@ -237,20 +237,44 @@ void Compare(const Figures& figures, const char* name, const std::string& ours, 
     Bench::PrintRow(name, figures.at(peers) / figures.at(ours), "x");
 }
 
-// RapidJSON's part of what RecordBench measures.
-void MeasureLargeDocument(std::size_t members)
+// A peer's part of what RecordBench measures.
+template <class Document, class Parse>
+void MeasureLargeDocument(const std::string& peer, std::size_t members, Parse parse)
 {
     const std::string text = Bench::LargeDocument(members);
     std::vector<double> parsing, releasing;
     for (int round = 0; round < Rounds; ++round) {
-        auto document = std::make_unique<rapidjson::Document>();
-        parsing.push_back(Bench::Seconds(1, [&] { document->Parse(text.data(), text.size()); }));
-        g_sum += document->Size();
+#ifdef __GLIBC__
+        const std::size_t before = Bench::AllocatedBytes();
+#endif
+        auto document = std::make_unique<Document>();
+        parsing.push_back(Bench::Seconds(1, [&] { parse(*document, text); }));
+#ifdef __GLIBC__
+        if (round == 0)
+            Bench::PrintRow(("json.memory." + peer).c_str(),
+                            static_cast<double>(Bench::AllocatedBytes() - before) /
+                                static_cast<double>(members),
+                            "bytes");
+#endif
         releasing.push_back(Bench::Seconds(1, [&] { document.reset(); }));
     }
     const double scale = 1e9 / static_cast<double>(members);
-    Bench::PrintRow("json.parse.rapidjson", Bench::Median(parsing) * scale, "ns");
-    Bench::PrintRow("json.release.rapidjson", Bench::Median(releasing) * scale, "ns");
+    Bench::PrintRow(("json.parse." + peer).c_str(), Bench::Median(parsing) * scale, "ns");
+    Bench::PrintRow(("json.release." + peer).c_str(), Bench::Median(releasing) * scale, "ns");
+}
+
+void MeasureLargeDocuments(std::size_t members)
+{
+    MeasureLargeDocument<rapidjson::Document>("rapidjson", members,
+                                              [](rapidjson::Document& document, const std::string& text) {
+                                                  document.Parse(text.data(), text.size());
+                                              });
+    MeasureLargeDocument<boost::json::value>(
+        "boost", members,
+        [](boost::json::value& document, const std::string& text) { document = boost::json::parse(text); });
+    MeasureLargeDocument<nlohmann::json>(
+        "nlohmann", members,
+        [](nlohmann::json& document, const std::string& text) { document = nlohmann::json::parse(text); });
 }
 
 } // namespace
@@ -287,6 +311,6 @@ int main(int argc, char** argv)
     // Text without a tree, compared with the peers' text from an existing tree.
     Compare(written, "record.direct.nlohmann", "record.direct.krt", "record.text.nlohmann");
     Compare(written, "record.direct.boost", "record.direct.krt", "record.text.boost");
-    MeasureLargeDocument(count < 100000 ? 30000 : 7000000);
+    MeasureLargeDocuments(count < 100000 ? 30000 : 7000000);
     return g_sum == 1;
 }
