@@ -6,6 +6,7 @@
 #include "Krt/String/Encoding.h"
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -34,16 +35,23 @@ void RequireCountable(const std::string& bytes)
     (void)NumericCast<unsigned int>(bytes.size() + 1);
 }
 
-// Two words, which compilers turn into one vector.
 using WordPair [[gnu::vector_size(16)]] = std::uint64_t;
+using SignedBytes [[gnu::vector_size(16)]] = signed char;
 
-// Returns words without the high bits if each byte at `text` is a character by itself and not NUL.
-template <class Words>
-Words NotAscii(const char* text)
+// Returns all bits of each byte at `text` that is a character by itself and not NUL: those above 0.
+auto AsciiBits(const char* text)
 {
-    Words words;
-    std::memcpy(&words, text, sizeof(words));
-    return words | (words - 0x0101010101010101);
+    SignedBytes bytes;
+    std::memcpy(&bytes, text, sizeof(bytes));
+    return bytes > SignedBytes{};
+}
+
+// Returns a word without the high bits if each byte at `text` is a character by itself and not NUL.
+std::uint64_t NotAscii(const char* text)
+{
+    std::uint64_t word = 0;
+    std::memcpy(&word, text, sizeof(word));
+    return word | (word - 0x0101010101010101);
 }
 
 // Returns the size of a beginning of the text, a multiple of 8, in which each byte is a character by itself
@@ -51,16 +59,19 @@ Words NotAscii(const char* text)
 std::size_t SizeOfAscii(std::string_view text)
 {
     constexpr std::uint64_t HighBits = 0x8080808080808080;
-    constexpr std::size_t Block = 128;
+    constexpr std::size_t Step = sizeof(SignedBytes);
     std::size_t size = 0;
-    for (; text.size() - size >= Block; size += Block) {
-        WordPair found{};
-        for (std::size_t i = 0; i < Block; i += sizeof(found))
-            found |= NotAscii<WordPair>(text.data() + size + i);
-        if (((found[0] | found[1]) & HighBits) != 0)
+    for (; text.size() - size >= 8 * Step; size += 8 * Step) {
+        const auto at = [begin = text.data() + size](std::size_t i) {
+            return AsciiBits(begin + i * Step);
+        };
+        // Not a loop, which GCC would not unroll.
+        const auto all =
+            std::bit_cast<WordPair>(at(0) & at(1) & at(2) & at(3) & at(4) & at(5) & at(6) & at(7));
+        if ((all[0] & all[1]) != ~std::uint64_t{0})
             break;
     }
-    while (text.size() - size >= 8 && (NotAscii<std::uint64_t>(text.data() + size) & HighBits) == 0)
+    while (text.size() - size >= 8 && (NotAscii(text.data() + size) & HighBits) == 0)
         size += 8;
     return size;
 }
