@@ -36,11 +36,13 @@ cp -r /usr/include/c++ "$work/theirs"
 quietly "$kbagent" init
 quietly "$kbagent" backup "$work/ours"
 quietly restic backup "$work/theirs"
-quietly "$kbagent" backup "$work/theirs" "$work/ours"
+# With these options, requests name the bucket in their host.
+in_host=(-o s3.bucket-lookup=dns -r "${KBAGENT_REPOSITORY/127.0.0.1/localhost}")
+quietly "$kbagent" backup "${in_host[@]}" "$work/theirs" "$work/ours"
 quietly "$kbagent" check --read-data
 quietly restic check --read-data
 quietly restic restore latest --target "$work/by-restic"
-quietly "$kbagent" restore latest --target "$work/by-kbagent"
+quietly "$kbagent" restore "${in_host[@]}" latest --target "$work/by-kbagent"
 for folder in ours theirs; do
     for target in by-restic by-kbagent; do
         diff -r "$work/$folder" "$work/$target$work/$folder" || fail "$target: $folder differs"
@@ -59,6 +61,8 @@ refused() {
 refused "the secret key is not that of the access key" 1 env AWS_SECRET_ACCESS_KEY=wrong "$kbagent" snapshots
 refused "the server does not know the access key" 1 env AWS_ACCESS_KEY_ID=wrong "$kbagent" snapshots
 refused "does not exist" 10 "$kbagent" snapshots -r "${KBAGENT_TEST_S3%/*}/missing-bucket/shared"
+refused "missing-bucket.localhost:[0-9]*: the bucket missing-bucket does not exist" 10 \
+    "$kbagent" snapshots -o s3.bucket-lookup=dns -r "${in_host[3]%/*/*}/missing-bucket/shared"
 refused "InvalidLocationConstraint\|region" 1 "$kbagent" init -r "${KBAGENT_TEST_S3%/*}/other/shared" -o s3.region=wrong
 
 echo "-- eight hosts at the same time, with clocks up to ten minutes apart"

@@ -4,7 +4,8 @@
 # variables below, takes the store down and removes its data. Ends with the exit code of the command, or with 77 and a
 # line that says why if the store can't start.
 #
-#   KBAGENT_TEST_S3                            the location of a bucket, which does not exist yet
+#   KBAGENT_TEST_S3                            the location of a bucket, which does not exist yet; its host may also be
+#                                              that of the bucket, BUCKET.localhost
 #   AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY   of a user who may create it
 #   AWS_DEFAULT_REGION                         its region
 #   S3_HOST_KEY_ID, S3_HOST_SECRET             of a second user, "host", who may not use the buckets of others
@@ -106,6 +107,7 @@ bluestore_cache_autotune = false
 bluestore_cache_size = 134217728
 [client.gateway]
 rgw_frontends = beast endpoint=127.0.0.1:$port
+rgw_dns_name = localhost
 rgw_run_sync_thread = false
 END
 
