@@ -4,6 +4,7 @@
 #include "agent/Repository/LocalBackend.h"
 
 #include "testing/FileSizeLimit.h"
+#include "testing/OnThreads.h"
 #include "testing/RcloneServer.h"
 #include "testing/RestStore.h"
 #include "testing/TemporaryDirectory.h"
@@ -54,6 +55,7 @@ struct BackendKind
     const char* label;
     // Makes a backend for an empty place, which it may create below the directory.
     Scene (*make)(const Testing::TemporaryDirectory& directory);
+    int page = 8; // the most files of one response to a list; any number if there is no bound
 
     friend void PrintTo(const BackendKind& kind, std::ostream* out) { *out << kind.label; }
 };
@@ -118,6 +120,18 @@ TEST_P(Backend, SavedFilesAreKept)
     EXPECT_THROW(backend->List(FileKind::Pack, [](const Id&, std::uint64_t) { throw 1; }), int);
 }
 
+TEST_P(Backend, ListHasFilesOfAllPages)
+{
+    constexpr int Threads = 8;
+    const int each = GetParam().page / Threads + 1;
+    backend->Prepare();
+    Testing::OnThreads(Threads, [&](int thread) {
+        for (int i = 0; i < each; ++i)
+            backend->Save({FileKind::Pack, Id::Of(AsBytes(std::to_string(thread * each + i)))}, {});
+    });
+    EXPECT_EQ(Listed(*backend, FileKind::Pack).size(), static_cast<std::size_t>(Threads * each));
+}
+
 std::unique_ptr<IBackend> OpenRemote(const std::string& location)
 {
     Agent::Remote::SecretSources secrets;
@@ -161,7 +175,8 @@ const BackendKind s_kinds[] = {
          if (bucket == nullptr)
              return {nullptr, "KBAGENT_TEST_S3 names no bucket; testing/s3-server.sh starts a server"};
          return {OpenRemote(bucket + ("/contract-" + std::to_string(std::random_device{}())))};
-     }},
+     },
+     1000},
 };
 INSTANTIATE_TEST_SUITE_P(Kinds, Backend, ::testing::ValuesIn(s_kinds),
                          [](const auto& kind) { return kind.param.label; });
