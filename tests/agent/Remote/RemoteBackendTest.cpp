@@ -287,6 +287,27 @@ TEST(RestBackend, RemovalIsNotRepeatedUnlessLockIsRefreshed)
     EXPECT_EQ(server.Count(), 3u);
 }
 
+// The bounds are the times of 48 KiB without the eighth of a second that a limit allows in advance. The last
+// 16 KiB begin then.
+TEST(RestBackend, LimitsSlowTransfersDown)
+{
+    using std::chrono::milliseconds, std::chrono::steady_clock;
+    RestStore store;
+    HttpServer server([&](const HttpRequest& request) { return store.Handle(request); });
+    RemoteOptions options;
+    options.uploadLimit = 256; // KiB a second
+    options.downloadLimit = 128;
+    const auto backend = MakeRemoteBackend("rest:http://" + server.Place() + "/", options, {});
+    const Repo::Bytes content(64 << 10);
+    Repo::Bytes read;
+    const auto begin = steady_clock::now();
+    backend->Save({}, content);
+    const auto middle = steady_clock::now();
+    backend->LoadWhole({}, content.size(), read);
+    EXPECT_GE(middle - begin, milliseconds(60));
+    EXPECT_GE(steady_clock::now() - middle, milliseconds(250));
+}
+
 TEST(RestBackend, AppendOnlyServerIsNamed)
 {
     RestStore store{.isReplacing = false, .isAppendOnly = true};
@@ -326,6 +347,10 @@ TEST(RestBackend, ConfigurationIsKeptOrPrinted)
 
 TEST(RestBackend, WrongAnswersAreRefused)
 {
+    const std::string key = R"({"name":")" + Id::Of({}).ToHex() + R"(","size":1})";
+    std::string keys = "[" + key;
+    for (int i = 0; i < 100'000; ++i)
+        keys += "," + key;
     const struct
     {
         const char* label;
@@ -338,6 +363,8 @@ TEST(RestBackend, WrongAnswersAreRefused)
         {"more than the part", Answer(206, "abcde", "Content-Range: bytes 1-5/9\r\n"), Failure::Backend},
         {"null", Answer(200, "null"), Failure::Backend},
         {"no directory", Answer(404), Failure::Missing},
+        {"too many keys", Answer(200, keys + "]", "Content-Type: application/vnd.x.restic.rest.v2\r\n"),
+         Failure::Backend},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.label);
