@@ -1,9 +1,11 @@
 // Copies of files of a repository on a server.
+#include "agent/Access/RepositoryOptions.h"
 #include "agent/Remote/CachedBackend.h"
 #include "agent/Repository/Failure.h"
 #include "agent/Repository/LocalBackend.h"
 
 #include "testing/OnThreads.h"
+#include "testing/OrdinaryUser.h"
 #include "testing/RepositoryFixture.h"
 
 #include <gtest/gtest.h>
@@ -174,6 +176,29 @@ TEST_F(Cache, DirectoryOfOthersIsNotUsed)
         GTEST_SKIP() << "only root can give a directory away";
     ASSERT_EQ(chown(directory.MakeDirectory("foreign").c_str(), OrdinaryUser, OrdinaryUser), 0);
     EXPECT_THROW(Open("foreign"), Krt::Exception::YError);
+}
+
+TEST(DefaultCache, PlaceDependsOnUserAndEnvironment)
+{
+    unsetenv("KBAGENT_CACHE_DIR");
+    const struct
+    {
+        const char *caches, *home, *place;
+    } rows[] = {
+        {"/caches", "/home/user", "/caches/kbagent"},
+        {"caches", "/home/user", "/home/user/.cache/kbagent"},
+        {"", "", ""}, // a service may have neither
+    };
+    for (const auto& row : rows) {
+        EXPECT_TRUE(HoldsAsOrdinaryUser([&row] {
+            setenv("XDG_CACHE_HOME", row.caches, 1);
+            setenv("HOME", row.home, 1);
+            return FindCacheDirectory(RepositoryOptions()) == row.place;
+        })) << row.place;
+    }
+    if (geteuid() == 0) {
+        EXPECT_EQ(FindCacheDirectory(RepositoryOptions()), "/var/cache/kbagent");
+    }
 }
 
 } // namespace
