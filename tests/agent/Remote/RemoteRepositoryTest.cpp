@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <functional>
+#include <netinet/in.h>
 #include <poll.h>
 #include <random>
 #include <set>
@@ -25,6 +26,8 @@
 
 using namespace Agent;
 using namespace Testing;
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
 
 namespace {
 
@@ -62,9 +65,22 @@ protected:
         lock.hostname = "elsewhere";
         opened->SaveText(Repo::FileKind::Lock, lock.ToJson());
     }
-    // For the program's process, before it begins.
-    void KeepId() const { directory.Write("pid", std::to_string(getpid())); }
-    void Interrupt() const { kill(std::stoi(ReadFile(directory / "pid")), SIGINT); }
+    void Interrupt()
+    {
+        interrupted = steady_clock::now();
+        kill(std::stoi(ReadFile(directory / "pid")), SIGINT);
+    }
+    // Runs a command during which Interrupt is called. Its process calls `prepare` before the program begins.
+    ProgramResult RunInterrupted(const std::string& words, const std::function<void()>& prepare)
+    {
+        const ProgramResult result = Run(130, Words(words), {.prepare = [&] {
+                                             directory.Write("pid", std::to_string(getpid()));
+                                             prepare();
+                                         }});
+        const std::chrono::duration<double> elapsed = steady_clock::now() - interrupted.load();
+        EXPECT_LT(elapsed.count(), 5.0) << "seconds; 2 are promised, and a loaded machine takes longer";
+        return result;
+    }
     // The result of a command, of which the answer to the request of this number is spoilt.
     int RunSpoilt(unsigned int number, const HttpFault& fault, const std::string& words)
     {
@@ -144,6 +160,7 @@ protected:
     };
     HttpServer::Handler answer = next;
     unsigned int mostRequests = 0; // of a command
+    std::atomic<steady_clock::time_point> interrupted{};
     HttpServer server{[this](const HttpRequest& request) {
         return answer(request);
     }};
@@ -301,20 +318,54 @@ TEST_F(RemoteRepository, AppendOnlyStoreTakesBackups)
 
 TEST_F(RemoteRepository, InterruptEndsCommandThoughServerIsSilent)
 {
-    bool isSilent = false;
-    answer = [&](const HttpRequest& request) {
-        if (!isSilent && request.target == "/snapshots/") {
-            isSilent = true;
-            Interrupt();
-        }
-        return isSilent ? HttpAnswer{"", false, true} : store.Handle(request);
+    // The port has as many connections as may wait to be accepted. A further one is not answered.
+    const int listener = socket(AF_INET, SOCK_STREAM, 0), waiting = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* const place = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof(address);
+    ASSERT_TRUE(bind(listener, place, size) == 0 && listen(listener, 0) == 0 &&
+                getsockname(listener, place, &size) == 0 && connect(waiting, place, size) == 0);
+    const std::string backup = "backup --no-cache " + source;
+    const std::string copy = "copy --no-cache --from-password-file " + directory.Write("password", password) +
+                             " --from-repo rest:http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) +
+                             "/";
+    const struct
+    {
+        const char* label;
+        std::string words;
+        const char* target;               // of the request with which the state begins
+        std::optional<HttpAnswer> answer; // to it and all further ones; the server's own if there is none
+    } rows[] = {
+        {"silence", backup, "/snapshots/", HttpAnswer{"", false, true}},
+        {"a byte now and then", backup, "/snapshots/",
+         HttpAnswer{"HTTP/1.1 200 OK\r\nContent-Length: 999\r\n\r\n", false, false, "x", 20ms}},
+        {"wait for the next attempt", backup, "/snapshots/", Answer(503, "", "Retry-After: 60\r\n")},
+        {"limit", backup + " --limit-download 10", "/snapshots/", Answer(200, std::string(1 << 17, ' '))},
+        {"no connection", copy, "/locks/", std::nullopt},
     };
-    const ProgramResult result = Run(130, Words("backup --no-cache " + source), {.prepare = [this] {
-                                         KeepId();
-                                     }});
-    EXPECT_TRUE(Holds(result.errors, "did not respond in time after the interrupt"));
-    EXPECT_TRUE(Holds(result.errors, "'kbagent unlock' has to"));
-    EXPECT_EQ(Count("/locks/"), 1u);
+    std::size_t locks = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.label);
+        std::thread interrupter;
+        answer = [&](const HttpRequest& request) {
+            if (!interrupter.joinable() && request.target == row.target)
+                interrupter = std::thread([this] {
+                    std::this_thread::sleep_for(400ms); // until the program waits
+                    Interrupt();
+                });
+            return interrupter.joinable() && row.answer ? *row.answer : store.Handle(request);
+        };
+        const ProgramResult result = RunInterrupted(row.words, [] {});
+        interrupter.join();
+        for (const char* text : {"did not respond in time after the interrupt", "'kbagent unlock' has to"})
+            EXPECT_EQ(bool(Holds(result.errors, text)), row.answer.has_value()) << result.errors;
+        locks += row.answer ? 1 : 0;
+        EXPECT_EQ(Count("/locks/"), locks);
+    }
+    close(waiting);
+    close(listener);
 }
 
 // The server receives packs and never responds. The program reads from a pipe, so that the test counts what
@@ -345,10 +396,7 @@ TEST_F(RemoteRepository, StalledBackupReadsNoFurther)
         if (!hasEnded)
             Interrupt();
     });
-    Run(130, Words("backup --no-cache --pack-size 4 --stdin"), {.prepare = [&] {
-            KeepId();
-            dup2(input[0], STDIN_FILENO);
-        }});
+    RunInterrupted("backup --no-cache --pack-size 4 --stdin", [&] { dup2(input[0], STDIN_FILENO); });
     hasEnded = true;
     feeder.join();
     for (const int end : input)
