@@ -411,6 +411,16 @@ TEST_F(RemoteRepository, StalledBackupReadsNoFurther)
 #endif
 }
 
+TEST_F(RemoteRepository, StoreThatListsLateIsRefused)
+{
+    answer = [this](const HttpRequest& request) {
+        return request.target == "/locks/" ? Answer(200, "[]") : next(request);
+    };
+    for (const std::string& words : {"backup " + source, std::string("prune")})
+        EXPECT_TRUE(Holds(RunCached(1, words).errors, "the store lists files late"));
+    EXPECT_EQ(Count("/locks/"), 0u);
+}
+
 // Clocks of two hosts differ by ten minutes from that of this one, and locks are refreshed every five.
 TEST_F(RemoteRepository, ClocksOfHostsMayDiffer)
 {
