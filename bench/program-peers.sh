@@ -87,13 +87,17 @@ row() {
             print ""
         }' bench/bounds | tee -a "$results"
 }
-median() { sort -g "$work/$1" | awk '{ value[NR] = $1 } END { if (!NR) exit 1; print value[int((NR + 1) / 2)] }'; }
+# The median of the seconds in the file NAME; with "processor", of processor time.
+median() { # NAME [processor]
+    awk -v what="${2:-}" '{ print what == "" ? $1 : $2 + $3 }' "$work/$1" | sort -g |
+        awk '{ value[NR] = $1 } END { if (!NR) exit 1; print value[int((NR + 1) / 2)] }'
+}
 quotient() { awk -v a="$1" -v b="$2" -v unit="${3:-1}" 'BEGIN { printf "%.4g", a / b / unit }'; }
 # The command's output is printed only if it fails.
 quietly() { "$@" >"$work/output" 2>&1 || { head -c 4000 "$work/output" >&2; echo "failed: $*" >&2; exit 1; }; }
-# The seconds of the command are added to the file NAME.
+# The seconds of the command, those of a user's and of the system's processor time are added to the file NAME.
 time_into() {
-    local name=$1 TIMEFORMAT='%3R'
+    local name=$1 TIMEFORMAT='%3R %3U %3S'
     shift
     { time "$@" >"$work/output" 2>&1; } 2>>"$work/$name" ||
         { head -c 4000 "$work/output" >&2; echo "failed: $*" >&2; exit 1; }
@@ -340,9 +344,10 @@ measure_plot() {
             row "program.entries.$program.$count" "$(median "$program.many.$count")" s
         done
     done | tee "$data"
-    # The time of an entry, without that of a run on an empty directory.
+    # The processor time of an entry, without that of a run on an empty directory. A backup waits 200 ms for other locks
+    # while it walks, so its seconds would be those of the wait at 10,000 entries.
     per_entry() { # PROGRAM COUNT
-        awk -v all="$(median "$1.many.$2")" -v empty="$(median "$1.many.0")" -v n="$2" \
+        awk -v all="$(median "$1.many.$2" processor)" -v empty="$(median "$1.many.0" processor)" -v n="$2" \
             'BEGIN { printf "%.4g", (all - empty) * 1e6 / n }'
     }
     for program in "${programs[@]}"; do
