@@ -57,17 +57,27 @@ Secret TakeLine(Bytes bytes)
     return secret;
 }
 
+// Returns true if "NAME=VALUE" may have the password of a server of REST. A location has it before a "@".
+bool MayHavePassword(std::string_view variable)
+{
+    constexpr std::string_view Passwords[] = {"KBAGENT_REST_PASSWORD=", "KBAGENT_FROM_REST_PASSWORD=",
+                                              "RESTIC_REST_PASSWORD=", "RESTIC_FROM_REST_PASSWORD="};
+    constexpr std::string_view Locations[] = {
+        "KBAGENT_REPOSITORY=", "KBAGENT_FROM_REPOSITORY=", "RESTIC_REPOSITORY=", "RESTIC_FROM_REPOSITORY="};
+    const auto isThis = [variable](std::string_view name) {
+        return variable.starts_with(name);
+    };
+    return std::any_of(std::begin(Passwords), std::end(Passwords), isThis) ||
+           (variable.find('@') != variable.npos &&
+            std::any_of(std::begin(Locations), std::end(Locations), isThis));
+}
+
 // The environment of this process without the passwords of servers, which are not for the command.
 std::vector<char*> EnvironmentOfCommand()
 {
-    constexpr std::string_view Left[] = {"KBAGENT_REST_PASSWORD=", "KBAGENT_FROM_REST_PASSWORD=",
-                                         "RESTIC_REST_PASSWORD=", "RESTIC_FROM_REST_PASSWORD="};
     std::vector<char*> variables;
     for (char** each = environ; *each != nullptr; ++each) {
-        const auto isThis = [text = std::string_view(*each)](std::string_view name) {
-            return text.starts_with(name);
-        };
-        if (std::none_of(std::begin(Left), std::end(Left), isThis))
+        if (!MayHavePassword(*each))
             variables.push_back(*each);
     }
     variables.push_back(nullptr);
