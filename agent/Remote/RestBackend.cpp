@@ -6,6 +6,7 @@
 
 #include "Krt/Exception/Raise.h"
 #include "Krt/Log/LogSite.h"
+#include "Krt/Util/YScope.h"
 
 #include <openssl/evp.h>
 
@@ -111,6 +112,23 @@ YString HexOf(ByteView bytes)
     return YString(std::string_view(text));
 }
 
+// Replaces the password in a text of the server, as it is and percent-encoded, by "***".
+std::string WithoutPassword(std::string text, const Repo::Secret& password)
+{
+    constexpr std::string_view Hidden = "***";
+    const std::string_view plain = Repo::AsText(password.View());
+    std::string encoded = Http::PercentEncode(plain);
+    const Krt::Util::YScope atEnd([&encoded] {
+        Repo::Wipe({reinterpret_cast<unsigned char*>(encoded.data()), encoded.size()});
+    });
+    for (const std::string_view form : {plain, std::string_view(encoded)}) {
+        for (std::size_t at = 0; !form.empty() && (at = text.find(form, at)) != text.npos;
+             at += Hidden.size())
+            text.replace(at, form.size(), Hidden);
+    }
+    return text;
+}
+
 Http::Address WithSlash(Http::Address address)
 {
     if (!address.path.ends_with('/'))
@@ -162,7 +180,7 @@ void RestBackend::RaiseRefused(const Response& response, ByteView body, const Ca
     else if (response.status == Forbidden && call.method == Method::Post)
         text = "the server does not let this file be stored; one that is append-only does not replace files";
     else if (!body.empty())
-        text += ": " + Quoted(Repo::AsText(body));
+        text += ": " + Quoted(WithoutPassword(std::string(Repo::AsText(body)), m_address.password));
     const YString message(std::string_view(m_address.HostAndPort() + ": " + text));
     if (response.status == Forbidden) // a repository that can't be written may be read
         KRT_RAISE_OS(EACCES, message);

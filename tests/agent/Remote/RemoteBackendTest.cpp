@@ -327,6 +327,14 @@ TEST(RestBackend, AppendOnlyServerIsNamed)
     EXPECT_EQ(backend.Describe().Bytes(), "rest:http://" + server.Place() + "/");
 }
 
+TEST(RestBackend, PasswordInRefusalIsHidden)
+{
+    HttpServer server([](const HttpRequest&) { return Answer(400, "user:p/w p%2Fw"); });
+    RestBackend backend(Http::ParseAddress("http://user:p%2Fw@" + server.Place()), Quick());
+    Repo::Bytes body;
+    EXPECT_TRUE(Holds(FailureOf([&] { backend.LoadWhole({}, 10, body); }).second, ": user:*** ***"));
+}
+
 TEST(RestBackend, ConfigurationIsKeptOrPrinted)
 {
     for (const bool refusesAll : {false, true}) {
