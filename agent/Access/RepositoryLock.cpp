@@ -184,15 +184,16 @@ void RepositoryLock::Acquire()
 
 void RepositoryLock::Settle()
 {
+    if (m_isSettled)
+        return;
     const AnnotatedLock lock(m_mutex);
     SettleNow();
 }
 
 void RepositoryLock::SettleIfDue()
 {
-    const AnnotatedLock lock(m_mutex);
-    if (steady_clock::now() >= m_settlesAt)
-        SettleNow();
+    if (!m_isSettled && steady_clock::now() >= m_settlesAt)
+        Settle();
 }
 
 void RepositoryLock::SettleNow()
@@ -287,7 +288,7 @@ void RepositoryLock::KeepRefreshed()
     };
     AnnotatedLock lock(m_mutex);
     while (!lock.WaitUntil(m_end, steady_clock::now() + betweenLooks, isEnding)) {
-        if (Age() >= m_settings.refreshInterval)
+        if (!m_isLost && Age() >= m_settings.refreshInterval)
             RefreshOrLose();
         if (m_isLost)
             return;
@@ -296,6 +297,8 @@ void RepositoryLock::KeepRefreshed()
 
 void RepositoryLock::RequireFresh()
 {
+    if (IsReliable())
+        return;
     const AnnotatedLock lock(m_mutex);
     SettleNow();
     if (!m_isLost && HasExpired())

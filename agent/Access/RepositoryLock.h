@@ -57,6 +57,10 @@ struct LockSettings
     std::chrono::milliseconds expiry{std::chrono::milliseconds(17 * 60 * 1000 + 30 * 1000)};
 };
 
+/// The lock can be relied on while it is settled, is not lost, and was refreshed within `expiry`: other
+/// processes have seen its file, or one that replaces it, and do not remove it yet. These three facts are
+/// atomic. So a caller waits for the requests that settle or refresh the lock, during which the mutex is
+/// held, only if one of the facts is missing.
 class RepositoryLock
 {
 public:
@@ -75,9 +79,9 @@ public:
     void Settle();
     /// Does what Settle does, if the rest of the settling is over. Otherwise without effect.
     void SettleIfDue();
-    /// Verifies that the lock was not lost, so that the caller may write to the repository. Any thread. If
-    /// the lock was not refreshed for too long, as after a standby, it is refreshed now. Settles a lock that
-    /// is not settled. Raises LockLost if it was lost.
+    /// Verifies that the lock can be relied on, so that the caller may write to the repository. Any thread.
+    /// If the lock was not refreshed for too long, as after a standby, it is refreshed now. Settles a lock
+    /// that is not settled. Raises LockLost if it was lost.
     void RequireFresh();
     /// Returns true if the lock was not refreshed for too long, so that RequireFresh would do that, or raise.
     /// Any thread. Waits for nothing.
@@ -93,6 +97,7 @@ private:
 
     void AcquireWithPatience();
     void Acquire();
+    bool IsReliable() const { return m_isSettled && !m_isLost && !HasExpired(); }
     void SettleNow() KRT_REQUIRES(m_mutex);
     void CheckOthers(const Repo::Id* own);
     const Repo::Lock* ReadLock(const Repo::FileName& file);
@@ -116,11 +121,12 @@ private:
         m_mutex; // also for m_id, m_replaced and m_lock, once the constructor has ended
     std::condition_variable m_end;
     std::chrono::steady_clock::time_point m_settlesAt;
-    bool m_isSettled KRT_GUARDED_BY(m_mutex) = false;
-    // When the lock was refreshed. Not guarded, since the mutex is held while the store is waited for.
+    // What callers rely on without the mutex, with which these change once the constructor has ended.
+    std::atomic<bool> m_isSettled{false};
+    std::atomic<bool> m_isLost{false}; // for good
+    // When the lock was refreshed.
     std::atomic<std::chrono::system_clock::time_point> m_refreshedByCalendar{Instant().calendar};
     std::atomic<std::chrono::steady_clock::time_point> m_refreshedBySteady{Instant().steady};
-    bool m_isLost KRT_GUARDED_BY(m_mutex) = false;
     bool m_isEnding KRT_GUARDED_BY(m_mutex) = false;
     std::thread m_refresher;
 };

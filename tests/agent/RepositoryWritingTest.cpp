@@ -269,6 +269,8 @@ TEST_F(RepositoryWriting, LockThatCanNotBeWrittenEndsNoProcess)
         using LocalBackend::LocalBackend;
         void Save(const Repo::FileName& file, Repo::ByteView content) override
         {
+            for (; isStalled; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+                hasStalled = true;
             if (fails && ++failed != 0)
                 throw std::bad_alloc();
             if (isSlow) { // and another process removes the locks meanwhile
@@ -290,6 +292,7 @@ TEST_F(RepositoryWriting, LockThatCanNotBeWrittenEndsNoProcess)
             LocalBackend::Remove(file);
         }
         std::atomic<bool> fails{false}, keeps{false}, isLate{false}, isSlow{false};
+        std::atomic<bool> isStalled{false}, hasStalled{false};
         std::atomic<int> failed{0};
     };
     Create();
@@ -303,6 +306,11 @@ TEST_F(RepositoryWriting, LockThatCanNotBeWrittenEndsNoProcess)
     };
     {
         RepositoryLock held(opened, settings);
+        backend->isStalled = true;
+        while (!backend->hasStalled)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        held.RequireFresh(); // waits for no refreshment of a lock that is fresh
+        backend->isStalled = false;
         backend->fails = true;
         while (backend->failed < 3)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
