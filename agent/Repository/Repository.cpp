@@ -16,6 +16,7 @@
 #include <mutex>
 #include <new>
 #include <optional>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 
@@ -184,14 +185,16 @@ std::uint64_t LimitOf(FileKind kind)
     }
 }
 
-// The ids of the files of a kind. Their bytes are added to `bytes`.
-std::vector<Id> ListSorted(IBackend& backend, FileKind kind, std::uint64_t* bytes = nullptr)
+using FileSizes = std::unordered_map<Id, std::uint64_t, IdHash>; // in bytes
+
+// The ids of the files of a kind. Their sizes are added to `sizes`.
+std::vector<Id> ListSorted(IBackend& backend, FileKind kind, FileSizes* sizes = nullptr)
 {
     std::vector<Id> ids;
     backend.List(kind, [&](const Id& id, std::uint64_t size) {
         ids.push_back(id);
-        if (bytes != nullptr)
-            *bytes += size;
+        if (sizes != nullptr)
+            sizes->insert_or_assign(id, size);
     });
     std::sort(ids.begin(), ids.end());
     ids.erase(std::unique(ids.begin(), ids.end()), ids.end()); // some servers list a name twice
@@ -444,10 +447,10 @@ Repository Repository::Create(std::shared_ptr<IBackend> backend, const Secret& p
     return created;
 }
 
-void Repository::LoadStored(const FileName& file, Bytes& out) const
+void Repository::LoadStored(const FileName& file, Bytes& out, std::uint64_t limit) const
 {
     AgainIfDamaged([&](bool) {
-        m_backend->LoadWhole(file, LimitOf(file.kind), out);
+        m_backend->LoadWhole(file, std::min(limit, LimitOf(file.kind)), out);
         if (file.kind != FileKind::Config)
             Named(At(file), [&] { VerifyId(file, out); });
     });
@@ -587,13 +590,16 @@ void Repository::LoadIndex(const FailureVisitor& onFailure, unsigned int threads
                            const std::function<void()>& onItem)
 {
     Index index;
+    FileSizes sizes;
+    const std::vector<Id> ids = ListSorted(*m_backend, FileKind::Index, &sizes);
     std::uint64_t bytes = 0; // of all index files
-    const std::vector<Id> ids = ListSorted(*m_backend, FileKind::Index, &bytes);
+    for (const auto& listed : sizes)
+        bytes += listed.second;
     std::mutex largeFiles;
     const auto read = [&](std::size_t number, ParsedIndex& parsed) {
         const FileName file{FileKind::Index, ids[number]};
         Bytes stored;
-        LoadStored(file, stored);
+        LoadStored(file, stored, sizes.at(file.id));
         Named(At(file), [&] {
             const ByteView content = OpenInPlace(m_key, stored);
             try {

@@ -79,8 +79,9 @@ public:
 
     // Files.
     /// Replaces the content of `out` with the stored bytes of a file, and verifies that they have its id. A
-    /// configuration is not verified. For a pack the memory is that of the whole file.
-    void LoadStored(const FileName& file, Bytes& out) const;
+    /// configuration is not verified. For a pack the memory is that of the whole file. Raises Damaged if the
+    /// file has more than `limit` bytes, such as the size that was listed.
+    void LoadStored(const FileName& file, Bytes& out, std::uint64_t limit = UINT64_MAX) const;
     /// The JSON text of a snapshot, index or lock file, or of the configuration.
     std::string LoadText(const FileName& file) const;
     /// Seals JSON text, compressed in version 2, and saves it as a file of this kind: Snapshot, Index or
