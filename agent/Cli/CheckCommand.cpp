@@ -44,6 +44,10 @@ void Advise(const CheckSummary& summary, CheckObserver& observer)
     if (summary.isDenied)
         return observer.Advise("this user may not read some files of the repository; repeat the check as "
                                "their owner or as root");
+    if (summary.isUnavailable)
+        return observer.Advise(
+            "some files of the repository could not be read, which does not mean that they "
+            "are damaged; repeat the check before anything is repaired");
     const auto advise = [&observer](const char* command, const std::vector<Repo::Id>& ids) {
         std::string text = command;
         for (const Repo::Id& id : ids)

@@ -26,6 +26,11 @@ bool IsReadError(const Repo::RepositoryError& error)
     return error.GetOsError() == EIO;
 }
 
+bool IsUnavailable(const Repo::RepositoryError& error)
+{
+    return error.IsOfLocation() && !IsDenied(error);
+}
+
 CheckState::CheckState(const Repo::Repository& repository)
     : m_repository(repository), m_blobs(GetIndex()), m_isBad(GetIndex().CountBlobs())
 {}
@@ -169,12 +174,12 @@ std::uint64_t CheckState::GetFurther() const
     return m_consequences - std::min(m_consequences, ConsequenceLimit);
 }
 
-bool CheckState::NoteIfDenied(const Repo::RepositoryError& error)
+void CheckState::NoteUnread(const Repo::RepositoryError& error)
 {
-    const bool isDenied = Agent::IsDenied(error);
-    if (isDenied)
+    if (Agent::IsDenied(error))
         m_isDenied = true;
-    return isDenied;
+    if (Agent::IsUnavailable(error))
+        m_isUnavailable = true;
 }
 
 std::vector<std::string> CheckState::TakeErrors()

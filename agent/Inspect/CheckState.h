@@ -19,6 +19,8 @@ namespace Agent {
 bool IsDenied(const Repo::RepositoryError& error);
 /// Returns true if the disk can't read a file, which may succeed later or from a copy.
 bool IsReadError(const Repo::RepositoryError& error);
+/// Returns true if a file can't be read for another reason that is not in it, such as the server.
+bool IsUnavailable(const Repo::RepositoryError& error);
 
 class CheckState
 {
@@ -70,10 +72,12 @@ public:
     /// The entries of a directory can't be read.
     void MarkLostDirectory() { m_losesDirectories = true; }
     bool LosesDirectories() const { return m_losesDirectories; }
-    /// Records an error that says that the user may not read a file. Returns true if it is one.
-    bool NoteIfDenied(const Repo::RepositoryError& error);
+    /// Records an error whose reason is not in the file, as IsOfLocation says. Does nothing for others.
+    void NoteUnread(const Repo::RepositoryError& error);
     /// Returns true if the user may not read a file.
     bool IsDenied() const { return m_isDenied; }
+    /// Returns true if a file could not be read for another reason that is not in it.
+    bool IsUnavailable() const { return m_isUnavailable; }
     /// Removes and returns the errors that were added since the last call.
     std::vector<std::string> TakeErrors();
     /// Returns how many errors were added without a text of their own since the last call.
@@ -104,6 +108,7 @@ private:
     std::atomic<bool> m_lacksBlobs{false};
     std::atomic<bool> m_losesDirectories{false};
     std::atomic<bool> m_isDenied{false};
+    std::atomic<bool> m_isUnavailable{false};
 };
 
 } // namespace Agent

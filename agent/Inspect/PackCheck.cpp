@@ -61,6 +61,12 @@ RepositoryError NoMemoryFor(std::uint64_t length)
     }
 }
 
+// Returns true if no other part of the pack can be read, either.
+bool IsEnd(const RepositoryError& error)
+{
+    return error.GetFailure() == Repo::Failure::Missing || error.IsOfLocation();
+}
+
 class PackCheck
 {
 public:
@@ -74,7 +80,7 @@ public:
                   [](const IndexedBlob& a, const IndexedBlob& b) { return a.blob.offset < b.blob.offset; });
     }
 
-    bool Run(); // returns false if the user may not read the pack
+    bool Run(); // as CheckPackContent
 
 private:
     // Returns false if the call failed, which it reports.
@@ -90,17 +96,19 @@ private:
         }
     }
 
-    void Fail(const std::string& text, bool isDenied = false);
+    void Fail(const std::string& text, bool isBroken = true);
     void Fail(const RepositoryError& error, const std::string& suffix = {});
     void CheckHeader();
     void DropOutside();
     void ReadBlobs();
+    bool HasId() { return !m_isHashed || m_hash.Finish() == m_id; } // once after all bytes were hashed
     std::uint64_t SkipTo(std::uint64_t at, std::uint64_t end);
     std::uint64_t ReadStep(std::uint64_t at);
     void ReadTogether(std::size_t last, std::uint64_t begin, std::uint64_t end);
     void ReleaseMemory();
     std::optional<RepositoryError> Load(std::uint64_t offset, std::uint64_t length);
-    bool CheckBlob(const PackedBlob& blob, std::span<unsigned char> sealed);
+    bool CheckBlob(const IndexedBlob& copy, std::span<unsigned char> sealed);
+    void Decode(const IndexedBlob& copy, std::span<unsigned char> sealed);
     void FailToRead(const RepositoryError& error, const std::string& what);
 
     CheckState& m_state;
@@ -113,7 +121,7 @@ private:
     Hash m_hash;
     bool m_isHashed = true; // all bytes were, in order
     bool m_isBroken = false;
-    bool m_isDenied = false;
+    bool m_isUnread = false; // for a reason that is not in the pack
     std::uint64_t m_errors = 0;
     Repo::Bytes m_read;
     Repo::Bytes m_plaintext;
@@ -123,7 +131,7 @@ bool PackCheck::Run()
 {
     Named([this] { CheckHeader(); });
     DropOutside();
-    if (m_isDenied || !Named([this] { ReadBlobs(); })) {
+    if (m_isUnread || !Named([this] { ReadBlobs(); })) {
         // The rest of the pack was not read.
         for (; m_next < m_blobs.size(); ++m_next)
             m_state.MarkBad(m_blobs[m_next].number);
@@ -134,14 +142,12 @@ bool PackCheck::Run()
         const std::uint64_t further = m_errors - ErrorLimit;
         m_state.AddError(m_file.Path() + ": further errors of the pack: " + std::to_string(further), further);
     }
-    return !m_isDenied;
+    return !m_isUnread;
 }
 
-// A pack that the user may not read is not known to be broken.
-void PackCheck::Fail(const std::string& text, bool isDenied)
+void PackCheck::Fail(const std::string& text, bool isBroken)
 {
-    m_isBroken = m_isBroken || !isDenied;
-    m_isDenied = m_isDenied || isDenied;
+    m_isBroken = m_isBroken || isBroken;
     if (++m_errors > ErrorLimit)
         return;
     m_state.AddError(text.find(m_id.ToHex()) == std::string::npos ? m_file.Path() + ": " + text : text);
@@ -151,7 +157,9 @@ void PackCheck::Fail(const RepositoryError& error, const std::string& suffix)
 {
     if (IsReadError(error))
         m_state.MarkUnreadable(m_pack);
-    Fail(ReasonOf(error).Bytes() + suffix, m_state.NoteIfDenied(error));
+    m_state.NoteUnread(error);
+    m_isUnread = m_isUnread || error.IsOfLocation();
+    Fail(ReasonOf(error).Bytes() + suffix, error.IsOfFile());
 }
 
 void PackCheck::CheckHeader()
@@ -182,7 +190,13 @@ void PackCheck::ReadBlobs()
         at = ReadStep(at);
     }
     SkipTo(at, m_size);
-    if (m_isHashed && m_hash.Finish() != m_id)
+    bool hasId = HasId();
+    if (!hasId && !m_isBroken) { // a proxy may have sent wrong bytes
+        m_hash = Hash();
+        SkipTo(0, m_size);
+        hasId = HasId();
+    }
+    if (!hasId)
         Fail("The content of the pack does not have its id");
 }
 
@@ -191,7 +205,10 @@ std::uint64_t PackCheck::SkipTo(std::uint64_t at, std::uint64_t end)
 {
     while (at < end) {
         const std::uint64_t length = std::min(end - at, StepSize);
-        if (const auto error = Load(at, length))
+        auto error = Load(at, length);
+        if (error && error->GetFailure() == Repo::Failure::Damaged)
+            error = Load(at, length);
+        if (error)
             FailToRead(*error, std::to_string(length) + " bytes at offset " + std::to_string(at));
         else
             m_hash.Add(m_read);
@@ -236,13 +253,14 @@ void PackCheck::ReadTogether(std::size_t last, std::uint64_t begin, std::uint64_
 {
     const bool isReadTogether = !Load(begin, end - begin);
     for (; m_next < last; ++m_next) {
-        const PackedBlob& blob = m_blobs[m_next].blob;
+        const IndexedBlob& copy = m_blobs[m_next];
+        const PackedBlob& blob = copy.blob;
         const auto error = isReadTogether ? std::nullopt : Load(blob.offset, blob.length);
         if (error)
             FailToRead(*error, "blob " + blob.handle.ToText().Bytes());
         const std::uint64_t skipped = isReadTogether ? blob.offset - begin : 0;
-        if (error || !CheckBlob(blob, std::span(m_read).subspan(skipped, blob.length)))
-            m_state.MarkBad(m_blobs[m_next].number);
+        if (error || !CheckBlob(copy, std::span(m_read).subspan(skipped, blob.length)))
+            m_state.MarkBad(copy.number);
     }
 }
 
@@ -252,13 +270,35 @@ void PackCheck::ReleaseMemory()
     Repo::Bytes().swap(m_plaintext);
 }
 
-bool PackCheck::CheckBlob(const PackedBlob& blob, std::span<unsigned char> sealed)
+// Raises if no other part of the pack can be read, either.
+bool PackCheck::CheckBlob(const IndexedBlob& copy, std::span<unsigned char> sealed)
 {
     m_hash.Add(sealed);
-    return Named([&] { m_state.GetRepository().DecodeBlob(m_id, blob, sealed, m_plaintext); });
+    try {
+        Decode(copy, sealed);
+        return true;
+    } catch (const RepositoryError& error) {
+        if (IsEnd(error))
+            throw;
+        Fail(error);
+        return false;
+    }
 }
 
-// Returns why the range can't be read. Raises if there is no pack any more.
+void PackCheck::Decode(const IndexedBlob& copy, std::span<unsigned char> sealed)
+{
+    const Repo::Repository& repository = m_state.GetRepository();
+    try {
+        repository.DecodeBlob(m_id, copy.blob, sealed, m_plaintext);
+        return;
+    } catch (const RepositoryError& error) {
+        if (error.GetFailure() != Repo::Failure::Damaged)
+            throw;
+    }
+    repository.LoadCopy(copy, m_plaintext); // a proxy may have sent wrong bytes
+}
+
+// Returns why the range can't be read. Raises if no other part of the pack can be read, either.
 std::optional<RepositoryError> PackCheck::Load(std::uint64_t offset, std::uint64_t length)
 {
     try {
@@ -266,7 +306,7 @@ std::optional<RepositoryError> PackCheck::Load(std::uint64_t offset, std::uint64
         m_state.bytes += length;
         return std::nullopt;
     } catch (const RepositoryError& error) {
-        if (error.GetFailure() == Repo::Failure::Missing)
+        if (IsEnd(error))
             throw;
         return error;
     } catch (const std::bad_alloc&) {

@@ -5,8 +5,9 @@
 
 namespace Agent {
 
-/// Reads a pack of the index in steps of a few MiB, and reports what is wrong to the state. `size` is the
-/// size of the file in bytes. Returns false if the user may not read the pack, which is one error. Any
+/// Reads a pack of the index in steps of a few MiB, and reports what is wrong to the state. What is damaged
+/// is read once more before. `size` is the size of the file in bytes. Returns false if the pack can't be read
+/// to its end for a reason that is not in it, as RepositoryError::IsOfLocation says, which is one error. Any
 /// thread.
 bool CheckPackContent(CheckState& state, std::uint32_t pack, std::uint64_t size);
 

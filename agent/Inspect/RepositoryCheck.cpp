@@ -30,6 +30,7 @@ public:
 
 private:
     void Fail(const std::string& text);
+    void Note(const RepositoryError& error);
     void Fail(const FileName& file, const RepositoryError& error);
     static void Begin(CheckState& state)
     {
@@ -98,7 +99,8 @@ CheckSummary Check::Run(const std::optional<PackSubset>& readData, const std::fu
                             !std::binary_search(unreadable.begin(), unreadable.end(), id);
                  });
     m_summary.isDenied = m_summary.isDenied || state.IsDenied();
-    m_summary.isIndexWrong = m_summary.isIndexWrong && !m_summary.isDenied;
+    m_summary.isUnavailable = m_summary.isUnavailable || state.IsUnavailable();
+    m_summary.isIndexWrong = m_summary.isIndexWrong && !m_summary.isDenied && !m_summary.isUnavailable;
     return m_summary;
 }
 
@@ -108,11 +110,18 @@ void Check::Fail(const std::string& text)
     m_observer.OnError(text);
 }
 
+// Notes why a file can't be read.
+void Check::Note(const RepositoryError& error)
+{
+    m_summary.isDenied = m_summary.isDenied || IsDenied(error);
+    m_summary.isUnavailable = m_summary.isUnavailable || IsUnavailable(error);
+    m_summary.hasReadErrors = m_summary.hasReadErrors || IsReadError(error);
+}
+
 void Check::Fail(const FileName& file, const RepositoryError& error)
 {
     const std::string text = ReasonOf(error).Bytes();
-    m_summary.isDenied = m_summary.isDenied || IsDenied(error);
-    m_summary.hasReadErrors = m_summary.hasReadErrors || IsReadError(error);
+    Note(error);
     Fail(text.find(file.Path()) == std::string::npos ? file.Path() + ": " + text : text);
 }
 
@@ -238,8 +247,7 @@ bool Check::HasReadableHeader()
             m_repository.LoadPackHeader(id, m_repository.GetBackend().Size({FileKind::Pack, id}));
             return true;
         } catch (const RepositoryError& error) {
-            m_summary.isDenied = m_summary.isDenied || IsDenied(error);
-            m_summary.hasReadErrors = m_summary.hasReadErrors || IsReadError(error);
+            Note(error);
             return false;
         }
     });

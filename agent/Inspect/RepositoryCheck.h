@@ -47,6 +47,7 @@ struct CheckSummary
     bool isIndexWrong = false;     ///< an index file is damaged or missing, or does not fit the packs
     bool lacksSnapshots = false;   ///< the directory of snapshots does not exist
     bool isDenied = false;         ///< the user may not read a file; then isIndexWrong is false
+    bool isUnavailable = false;    ///< as isDenied, for another reason that is not in the file
     bool hasUnusedPacks = false;   ///< packs that nothing needs, or entries that are there twice
 };
 

@@ -117,7 +117,7 @@ public:
                 last = m_node.name;
             }
         } catch (const RepositoryError& error) {
-            m_state.NoteIfDenied(error);
+            m_state.NoteUnread(error);
             m_state.MarkLostDirectory();
             if (error.GetFailure() != Repo::Failure::Missing) {
                 Fail(tree, error.GetMessage().Bytes());

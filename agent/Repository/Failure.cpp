@@ -37,6 +37,13 @@ bool RepositoryError::IsOfFile() const
     return m_failure == Failure::Damaged || m_failure == Failure::Missing || GetOsError() == EIO;
 }
 
+bool RepositoryError::IsOfLocation() const
+{
+    const bool isOfKind = m_failure == Failure::Backend || m_failure == Failure::Unreachable ||
+                          m_failure == Failure::NoRepository;
+    return isOfKind && !IsOfFile();
+}
+
 void RaiseFailure(Failure failure, unsigned int line, const char* file, const char* function,
                   const Krt::YStream& message)
 {

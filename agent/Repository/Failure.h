@@ -33,6 +33,9 @@ public:
     /// Returns true if it is the file that is damaged or missing, or is in a bad place of a disk, so that
     /// another attempt would fail as well.
     bool IsOfFile() const;
+    /// Returns true if the reason is not in the file, but in the connection, the server or a permission, so
+    /// that its other parts can't be read now, either.
+    bool IsOfLocation() const;
 
 private:
     Failure m_failure;

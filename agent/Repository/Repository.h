@@ -144,6 +144,8 @@ public:
     /// reused, so a caller keeps one for each thread. Raises Damaged for a copy that is longer than
     /// BlobSizeLimit, and NoMemory if there is not enough memory for it.
     void LoadBlob(const BlobHandle& handle, Bytes& plaintext) const;
+    /// Does what LoadBlob does with one copy, which the index has. A damaged one is loaded once more.
+    void LoadCopy(const IndexedBlob& copy, Bytes& plaintext) const;
     /// Loads a tree and calls `visit` for each node, which it may change, until it returns false. Failures to
     /// read the tree name it; what `visit` raises passes through. Nodes are checked as TreeReader does, which
     /// also states the meaning of `onBadEntry`. The tree's text is in memory until this returns.
@@ -173,8 +175,6 @@ public:
 
 private:
     Repository(std::shared_ptr<IBackend> backend, Config config, Key key, const Id& keyId);
-
-    void LoadCopy(const IndexedBlob& copy, Bytes& plaintext) const;
 
     struct Lost;
 

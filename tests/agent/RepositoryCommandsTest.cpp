@@ -19,6 +19,7 @@
 
 #include <boost/json.hpp>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -701,11 +702,13 @@ struct BadSector : WatchedBackend
               Repo::Bytes& out) override
     {
         const bool isHit = isWhole || (sector >= offset && sector < offset + length);
-        REPOSITORY_RAISE_UNLESS(!isHit, Repo::Failure::Backend, "can't be read");
+        if (isHit)
+            Repo::Named([&] { return file.Prefix(); }, [this] { KRT_RAISE_OS(error, "can't be read"); });
         WatchedBackend::Load(file, offset, length, out);
     }
     std::uint64_t sector = UINT64_MAX;
     bool isWhole = false; // no byte can be read
+    int error = EIO;
 };
 
 TEST_F(RepositoryCommands, BadSectorDamagesOnlyItsBlob)
@@ -724,6 +727,11 @@ TEST_F(RepositoryCommands, BadSectorDamagesOnlyItsBlob)
     for (std::uint32_t i = 0; i < 3; ++i)
         EXPECT_EQ(state.IsReadable(opened.GetIndex().At(i).blob.handle), i != 1) << i;
     EXPECT_TRUE(Holds(state.TakeErrors().back(), opened.GetIndex().At(1).blob.handle.id.ToHex()));
+    // The connection fails, which says nothing about the pack.
+    CheckState unread(opened);
+    backend->error = ENETDOWN;
+    EXPECT_FALSE(CheckPackContent(unread, 0, 1000));
+    EXPECT_TRUE(unread.TakeErrors().size() == 1 && unread.GetBrokenPacks().empty() && unread.IsUnavailable());
 }
 
 TEST_F(RepositoryCommands, ErrorsOfAPackAreCounted)

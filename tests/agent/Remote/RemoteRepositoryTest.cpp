@@ -244,7 +244,7 @@ TEST_F(RemoteRepository, WrongAnswerIsNoLoss)
     const std::string pack = before.lower_bound("/data/")->first.substr(6);
     for (const std::string words :
          {"repair snapshots --forget --no-cache", "repair snapshots --forget --cache-dir new",
-          "repair index --read-all-packs --no-cache", "check --no-cache"}) {
+          "repair index --read-all-packs --no-cache", "check --read-data --no-cache"}) {
         asked.clear();
         Run(0, Words(words));
         EXPECT_EQ(store.files, before) << words;
