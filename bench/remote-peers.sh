@@ -1,21 +1,21 @@
 #!/usr/bin/env bash
-# bench/remote-peers.sh [--quick]: backs a tree of 92,000 entries up to a server of S3, backs it up unchanged, and
-# restores it, with kbagent and restic in turns. testing/s3-server.sh runs it. The time in which curl moves the same
+# bench/remote-peers.sh [--quick]: backs /usr/share and /usr/include up to a server of S3, backs them up unchanged, and
+# restores them, with kbagent and restic in turns. testing/s3-server.sh runs it. The time in which curl moves the same
 # bytes over five connections is subtracted from both. Prints the medians in seconds and kbagent's multiples of restic,
 # "name TAB value TAB unit", the multiples with their bounds, and whether these are met. A multiple is not measurable if
-# curl took longer than a program. Reads build/bench, or the build folder that BUILD names. The tree is in $TMPDIR or
-# /tmp.
+# curl took longer than a program. Reads build/bench, or the build folder that BUILD names. The caches and what is
+# restored are in $TMPDIR or /dev/shm, so that a disk is not measured; they take 3 GB.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 export LC_ALL=C RESTIC_PASSWORD=bench KBAGENT_PASSWORD=bench
 
 build=${BUILD:-build/bench}
-entries=92000
+sources=(/usr/share /usr/include)
 turns=3
-[ "${1:-}" != --quick ] || entries=3000 turns=1
-work=$(mktemp -d)
+[ "${1:-}" != --quick ] || sources=(/usr/include/linux) turns=1
+work=$(mktemp -d "${TMPDIR:-/dev/shm}/remote-peers-XXXXXX")
 trap 'rm -rf "$work"' EXIT
-tree=$work/tree target=$work/target
+target=$work/target
 export RESTIC_CACHE_DIR=$work/restic KBAGENT_CACHE_DIR=$work/kbagent
 kbagent=$build/kbagent
 url=${KBAGENT_TEST_S3#s3:}/bare
@@ -38,14 +38,13 @@ signed() {
 put_bare() { signed "$pack_hash" -T "$work/pack" "$url/[1-$packs]"; }
 get_bare() { signed "$(sha256sum </dev/null | cut -d ' ' -f 1)" "$url/[1-$packs]" -o "$work/received#1"; }
 
-"$build/bench/CaptureBench" make "$tree" "$entries"
 for turn in $(seq "$turns"); do
     export KBAGENT_REPOSITORY=$KBAGENT_TEST_S3/kbagent$turn RESTIC_REPOSITORY=$KBAGENT_TEST_S3/restic$turn
     "$kbagent" -q init
     restic -q init
     for what in backup unchanged; do
-        time_into "$what.kbagent" "$kbagent" backup -q "$tree"
-        time_into "$what.restic" restic -q backup "$tree"
+        time_into "$what.kbagent" "$kbagent" backup -q "${sources[@]}"
+        time_into "$what.restic" restic -q backup "${sources[@]}"
     done
     for program in "$kbagent" restic; do
         time_into "restore.$(basename "$program")" "$program" -q restore latest --target "$target"
