@@ -33,7 +33,7 @@ struct LockSettings
     bool isExclusive = false;
     /// How long an attempt is repeated while another process has a lock.
     std::chrono::milliseconds patience{0};
-    /// Called once, before the first wait of that time, with the error that would have been raised.
+    /// Called once, before the first wait for another lock, with the error that would have been raised.
     std::function<void(const LockedError& error)> onWait = [](const LockedError&) {
     };
     /// Called once if the lock was lost. Called by another thread.

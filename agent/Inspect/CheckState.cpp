@@ -28,7 +28,7 @@ bool IsReadError(const Repo::RepositoryError& error)
 
 bool IsUnavailable(const Repo::RepositoryError& error)
 {
-    return error.IsOfLocation() && !IsDenied(error);
+    return (error.IsOfLocation() || error.GetFailure() == Repo::Failure::NoMemory) && !IsDenied(error);
 }
 
 CheckState::CheckState(const Repo::Repository& repository)

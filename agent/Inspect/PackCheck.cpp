@@ -61,10 +61,17 @@ RepositoryError NoMemoryFor(std::uint64_t length)
     }
 }
 
-// Returns true if no other part of the pack can be read, either.
+// Returns true if no other part of the pack can be read, either. What a server fails to send may be one place
+// of its disk.
 bool IsEnd(const RepositoryError& error)
 {
-    return error.GetFailure() == Repo::Failure::Missing || error.IsOfLocation();
+    return error.GetFailure() == Repo::Failure::Missing || (error.IsOfLocation() && error.GetOsError() != 0);
+}
+
+// Returns true if the reason is in the pack.
+bool IsOfPack(const RepositoryError& error)
+{
+    return !error.IsOfLocation() && error.GetFailure() != Repo::Failure::NoMemory;
 }
 
 class PackCheck
@@ -159,7 +166,7 @@ void PackCheck::Fail(const RepositoryError& error, const std::string& suffix)
         m_state.MarkUnreadable(m_pack);
     m_state.NoteUnread(error);
     m_isUnread = m_isUnread || error.IsOfLocation();
-    Fail(ReasonOf(error).Bytes() + suffix, error.IsOfFile());
+    Fail(ReasonOf(error).Bytes() + suffix, IsOfPack(error));
 }
 
 void PackCheck::CheckHeader()
@@ -193,6 +200,7 @@ void PackCheck::ReadBlobs()
     bool hasId = HasId();
     if (!hasId && !m_isBroken) { // a proxy may have sent wrong bytes
         m_hash = Hash();
+        m_state.bytes -= m_size;
         SkipTo(0, m_size);
         hasId = HasId();
     }

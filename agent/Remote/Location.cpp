@@ -66,7 +66,7 @@ std::string ParsePin(const std::string& pin)
 {
     const std::optional<std::string> digits = Http::DigitsOfPin(pin);
     if (!digits)
-        throw UsageError("--tls-pin requires sha256: and 64 hexadecimal digits");
+        throw UsageError("--tls-pin requires 64 hexadecimal digits, also after sha256:");
     return *digits;
 }
 

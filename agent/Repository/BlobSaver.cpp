@@ -240,8 +240,8 @@ void BlobSaver::Finish()
     }
 }
 
-// Waits a moment for the condition, and returns true if it holds. Raises the failure, also if the condition
-// holds already.
+// Waits a moment for the condition, and returns true if it is true. Raises the failure, also if the condition
+// is true already.
 bool BlobSaver::WaitFor(AnnotatedLock& lock, const std::function<bool()>& isReached)
 {
     const auto isOver = [&] {

@@ -41,7 +41,7 @@ bool RepositoryError::IsOfLocation() const
 {
     const bool isOfKind = m_failure == Failure::Backend || m_failure == Failure::Unreachable ||
                           m_failure == Failure::NoRepository;
-    return isOfKind && !IsOfFile();
+    return isOfKind && !IsOfFile() && GetOsError() != ELOOP; // a symbolic link in the file's place
 }
 
 void RaiseFailure(Failure failure, unsigned int line, const char* file, const char* function,

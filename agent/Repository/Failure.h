@@ -33,8 +33,8 @@ public:
     /// Returns true if it is the file that is damaged or missing, or is in a bad place of a disk, so that
     /// another attempt would fail as well.
     bool IsOfFile() const;
-    /// Returns true if the reason is not in the file, but in the connection, the server or a permission, so
-    /// that its other parts can't be read now, either.
+    /// Returns true if the reason may be outside of the file: in the connection, in the server, or in the
+    /// user's rights.
     bool IsOfLocation() const;
 
 private:

@@ -127,7 +127,7 @@ void BlobLoader::LoadRange(Range range, Repo::Bytes& sealed) const
         const PackedBlob& blob = wanted.copy.blob;
         try {
             if (isRead) {
-                // Not a vector, which would write each byte before.
+                // A vector would fill the memory with zeros first.
                 const std::shared_ptr<unsigned char[]> memory(new unsigned char[blob.plainLength]);
                 const std::span plaintext(memory.get(), blob.plainLength);
                 m_repository.DecodeBlobInto(

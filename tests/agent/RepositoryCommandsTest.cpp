@@ -809,8 +809,8 @@ TEST_F(RepositoryCommands, MissingPartDeterminesExitCode)
     lock.username = "anna";
     lock.pid = 4711;
     const Id id = opened.SaveText(FileKind::Lock, lock.ToJson());
-    const std::string errors = Run(11, "snapshots --retry-lock 1s").errors;
-    for (const char* part : {"Waiting for at most 1 second: locks/", "by PID 4711 on elsewhere by anna",
+    const std::string errors = Run(11, "snapshots --retry-lock 2s").errors;
+    for (const char* part : {"Waiting for at most 2 seconds: locks/", "by PID 4711 on elsewhere by anna",
                              "less than a minute ago, also after", "kbagent unlock"})
         EXPECT_TRUE(Holds(errors, part)) << errors;
     Run(0, "snapshots --no-lock");
