@@ -16,6 +16,7 @@
 
 #include "Krt/Profile/YProfile.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace Agent {
@@ -198,6 +199,12 @@ void Session::Settle()
 {
     if (m_lock)
         m_lock->Settle();
+}
+
+unsigned int Session::TransferCount(unsigned int local) const
+{
+    constexpr unsigned int Remote = 5; // each waits for responses more than it works
+    return IsRemote() ? std::max(local, Remote) : local;
 }
 
 void Session::SettleIfDue()

@@ -89,6 +89,8 @@ public:
     Report& GetReport() { return m_report; }
     /// Returns true if the repository is on a server.
     bool IsRemote() const { return m_cache != nullptr; }
+    /// How many threads load or save packs at once, if `local` threads do for a repository of this machine.
+    unsigned int TransferCount(unsigned int local) const;
 
 private:
     void UseCache();

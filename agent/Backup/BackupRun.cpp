@@ -30,8 +30,6 @@ using Repo::StoredSnapshot;
 
 namespace {
 
-constexpr unsigned int RemoteWriters = 5;
-
 std::set<std::string> AsSet(const std::vector<std::string>& texts)
 {
     return {texts.begin(), texts.end()};
@@ -215,8 +213,7 @@ void BackupRun::Store(Session& session)
         RaiseIfInterrupted();
         whileFinishing();
     };
-    if (session.IsRemote()) // each waits for answers more than it works
-        save.writers = std::max(save.writers, RemoteWriters);
+    save.writers = session.TransferCount(save.writers);
     Repo::BlobSaver saver(session.GetRepository(), save);
     const SnapshotRun* running = nullptr;
     SnapshotRunOptions options;

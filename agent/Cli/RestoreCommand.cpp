@@ -165,6 +165,7 @@ void RestoreCommand::Run(Report& report)
     const Repo::StoredSnapshot stored =
         ChooseSnapshot(session, choice.substr(0, colon), m_repository.GetSnapshotOptions());
     session.LoadIndex();
+    settings.loaders = session.TransferCount(settings.loaders);
     const Repo::Repository& repository = session.GetRepository();
     Repo::Id tree = stored.snapshot.tree;
     if (colon < choice.size()) {

@@ -1,6 +1,7 @@
 // RestoreSettings: what a restore from a repository was asked to do, and which entries it deals with.
 #pragma once
 
+#include "agent/Access/Workers.h"
 #include "agent/Walk/Patterns.h"
 
 #include <string>
@@ -33,6 +34,7 @@ struct RestoreSettings
     bool isVerbose = false; ///< each entry is printed
     bool isJson = false;
     bool isQuiet = false;
+    unsigned int loaders = WorkerCount(); ///< threads that load blobs
     unsigned long long expectedBytes = 0; ///< of all files of the snapshot; 0 if not known
     Patterns includes;
     Patterns excludes;

@@ -1,6 +1,5 @@
 #include "agent/Restore/SnapshotRestore.h"
 
-#include "agent/Access/Workers.h"
 #include "agent/Restore/RestoreVerification.h"
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
@@ -47,7 +46,7 @@ struct SnapshotRestore::Batch
 SnapshotRestore::SnapshotRestore(const Repo::Repository& repository, std::optional<YDirectory> target,
                                  RestoreSettings settings, Report& report)
     : m_state(repository, std::move(target), std::move(settings), report), m_planner(m_state),
-      m_writer(m_state), m_loader(repository, WorkerCount(), LoadedBytes),
+      m_writer(m_state), m_loader(repository, m_state.settings.loaders, LoadedBytes),
       m_collected(std::make_unique<Batch>())
 {}
 
