@@ -98,6 +98,7 @@ std::vector<Repo::Id> CheckState::GetUnreadablePacks() const
 std::vector<Repo::Id> CheckState::SortedIds(const std::unordered_set<std::uint32_t>& packs) const
 {
     std::vector<Repo::Id> ids;
+    ids.reserve(packs.size());
     for (const std::uint32_t pack : packs)
         ids.push_back(GetIndex().GetPacks()[pack].id);
     std::sort(ids.begin(), ids.end());
