@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # bench/remote-peers.sh [--quick]: backs /usr/share and /usr/include up to a server of S3, backs them up unchanged, and
 # restores them, with kbagent and restic in turns. testing/s3-server.sh runs it. The time in which curl moves the same
-# bytes over five connections is subtracted from both. Prints the medians in seconds and kbagent's multiples of restic,
+# bytes over five connections is subtracted from each. Prints the medians in seconds and kbagent's multiples of restic,
 # "name TAB value TAB unit", the multiples with their bounds, and whether these are met. A multiple is not measurable if
 # curl took longer than a program. Reads build/bench, or the build folder that BUILD names. The caches and what is
 # restored are in $TMPDIR or /dev/shm, so that a disk is not measured; they take 3 GB.
