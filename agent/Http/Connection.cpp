@@ -1,5 +1,6 @@
 #include "agent/Http/Connection.h"
 
+#include "agent/Http/Acknowledge.h"
 #include "agent/Repository/Secret.h"
 
 #include "Krt/Exception/Raise.h"
@@ -166,6 +167,9 @@ struct Connection::Handles
 
     std::unique_ptr<CURLM, FreeMulti> multi; // has the connection
     std::unique_ptr<CURL, FreeEasy> easy;
+    // The socket that libcurl opened last. It may be closed by now; the number may then be that of another
+    // file.
+    curl_socket_t socket = CURL_SOCKET_BAD;
     char error[CURL_ERROR_SIZE] = {};
     std::optional<ServerTrust::Verification> verification;
 };
@@ -242,6 +246,11 @@ private:
         transfer.m_sent = static_cast<std::size_t>(offset);
         return CURL_SEEKFUNC_OK;
     }
+    static int OnSocket(void* handles, curl_socket_t socket, curlsocktype)
+    {
+        static_cast<Handles*>(handles)->socket = socket;
+        return CURL_SOCKOPT_OK;
+    }
     static CURLcode OnTlsContext(CURL*, void* context, void* self)
     {
         ServerTrust::Install(static_cast<ssl_ctx_st*>(context),
@@ -287,6 +296,8 @@ void Connection::Transfer::SetCommonOptions()
     Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(m_settings.connectTime.count()));
     Set(CURLOPT_BUFFERSIZE, isLimited ? SlowBuffer : FastBuffer);
     Set(CURLOPT_UPLOAD_BUFFERSIZE, isLimited ? SlowBuffer : FastBuffer);
+    Set(CURLOPT_SOCKOPTFUNCTION, &Transfer::OnSocket);
+    Set(CURLOPT_SOCKOPTDATA, &m_handles);
     Set(CURLOPT_HEADERFUNCTION, &Transfer::OnHeader);
     Set(CURLOPT_HEADERDATA, this);
     Set(CURLOPT_WRITEFUNCTION, &Transfer::OnBody);
@@ -385,6 +396,9 @@ std::size_t Connection::Transfer::AddHeader(std::string_view line)
         m_hasHeaders = false;
     } else if (line == "\r\n" || line == "\n") {
         m_hasHeaders = true;
+        // A server that sends the headers on their own and does not disable Nagle's algorithm keeps a short
+        // body until they were acknowledged. The kernel delays that by up to 40 ms.
+        AcknowledgeAtOnce(m_handles.socket);
     } else if (std::optional<Header> header = ParseHeader(line)) {
         m_response.headers.push_back(std::move(*header));
     }
@@ -403,7 +417,8 @@ std::size_t Connection::Transfer::AddToBody(std::string_view bytes)
     WaitFor(m_settings.download.Reserve(bytes.size()));
     Count(bytes.size());
     const auto taken = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), limit - m_body.size()));
-    m_body.insert(m_body.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(taken));
+    const Repo::ByteView content = Repo::AsBytes(bytes.substr(0, taken)); // char would be copied byte by byte
+    m_body.insert(m_body.end(), content.begin(), content.end());
     m_isBodyCut = taken < bytes.size();
     return m_isBodyCut || m_isEnded ? 0 : bytes.size();
 }
@@ -415,8 +430,7 @@ std::size_t Connection::Transfer::TakeContent(char* to, std::size_t size)
     WaitFor(m_settings.upload.Reserve(taken));
     if (m_isEnded)
         return CURL_READFUNC_ABORT;
-    std::copy_n(m_request.content.begin() + static_cast<std::ptrdiff_t>(m_sent), taken, to);
-    m_sent += taken;
+    m_sent += Repo::AsText(m_request.content).copy(to, taken, m_sent);
     return taken;
 }
 
