@@ -147,7 +147,8 @@ std::optional<struct stat> ItemWriter::MakeRoom(RestoreItem& item)
                   << name << "; nothing below it is restored" << hint);
 }
 
-// Plans an entry in a directory that had no rights for its owner. The blobs of it were loaded already.
+// Plans an entry in a directory that had no rights for its owner. The blobs of a small file were loaded
+// already.
 void ItemWriter::PlanUnseen(RestoreItem& item, const std::optional<struct stat>& existing)
 {
     if (!m_state.maker || !item.isUnseen || !existing)

@@ -4,6 +4,8 @@
 #include "agent/Run/Interrupt.h"
 #include "agent/Run/Text.h"
 
+#include <utility>
+
 namespace Agent {
 
 using Krt::YString;
@@ -40,7 +42,6 @@ struct SnapshotRestore::Batch
     std::vector<Id> ids; // to be loaded
     std::uint64_t bytes = 0;
     std::size_t memory = 0;
-    std::future<LoadedBlobs> blobs;
 };
 
 SnapshotRestore::SnapshotRestore(const Repo::Repository& repository, std::optional<YDirectory> target,
@@ -152,8 +153,11 @@ void SnapshotRestore::Add(std::unique_ptr<RestoreItem> item)
     batch.memory += MemoryOf(*item);
     batch.ids.insert(batch.ids.end(), ids.begin(), ids.end());
     batch.items.push_back(std::move(item));
-    if (batch.bytes >= LoadedBytes || batch.memory >= BatchMemory)
-        Turn();
+    if (batch.bytes < LoadedBytes && batch.memory < BatchMemory)
+        return;
+    StartCollected();
+    if (m_loading.size() > m_loader.PartsAtOnce())
+        WriteOldest();
 }
 
 // The blobs that have to be loaded for the entry, and their size.
@@ -173,22 +177,19 @@ std::vector<Id> SnapshotRestore::WantedBlobs(const RestoreItem& item, std::uint6
     return ids;
 }
 
-// The collected batch begins to load, and the one before is written.
-void SnapshotRestore::Turn()
+void SnapshotRestore::StartCollected()
 {
-    LoadedBlobs loaded;
-    if (m_loading)
-        loaded = m_loading->blobs.get();
-    const std::unique_ptr<Batch> written = std::move(m_loading);
-    // The loader takes one batch at a time, and a large file is loaded when no batch is.
-    if (!m_collected->items.empty()) {
-        m_loading = std::move(m_collected);
-        m_loading->blobs = m_loader.Start(m_loading->ids);
-        m_collected = std::make_unique<Batch>();
-    }
-    if (!written)
+    if (m_collected->items.empty())
         return;
-    FileBlobs blobs(m_state.repository, m_loader, std::move(loaded));
+    m_loader.Start(m_collected->ids);
+    m_loading.push_back(std::exchange(m_collected, std::make_unique<Batch>()));
+}
+
+void SnapshotRestore::WriteOldest()
+{
+    const std::unique_ptr<Batch> written = std::move(m_loading.front());
+    m_loading.pop_front();
+    FileBlobs blobs(m_state.repository, m_loader, m_loader.Take());
     for (const auto& item : written->items) {
         RaiseIfInterrupted();
         m_writer.Write(*item, blobs);
@@ -197,8 +198,9 @@ void SnapshotRestore::Turn()
 
 void SnapshotRestore::Drain()
 {
-    Turn();
-    Turn();
+    StartCollected();
+    while (!m_loading.empty())
+        WriteOldest();
 }
 
 } // namespace Agent

@@ -3,11 +3,12 @@
 // The trees are walked depth first, and the entries come in batches of bounded size. A batch goes through
 // these states:
 //   1 collected: its entries are known, and which parts of existing files are what the snapshot has
-//   2 loading: threads load the blobs that it lacks, each once, while the next batch is collected
+//   2 loading: threads load the blobs that it lacks, each once, while the next batches are collected
 //   3 written: its entries are created, in the order of the walk
 // A file whose content is larger than a batch is written alone, after all entries before it. Its blobs come
-// in windows, of which one is loaded while the one before is written. Invariants:
-//   - at most one batch is in each state, so the memory is that of three batches
+// in windows, which are loaded while those before are written. Invariants:
+//   - at most one batch is collected, and PartsAtOnce of the loader and one more are loading or written, so
+//     memory is bounded
 //   - an entry is created only after the directories above it, and a hard link only after its first name
 //   - a file appears under its name only if all its blobs were verified
 // A blob that can't be loaded fails the files that need it, and a tree the entries below its directory.
@@ -19,6 +20,8 @@
 #include "agent/Access/TreeWalk.h"
 #include "agent/Restore/ItemWriter.h"
 #include "agent/Restore/RestorePlanner.h"
+
+#include <deque>
 
 namespace Agent {
 
@@ -47,7 +50,8 @@ private:
     void AddPending();
     void Add(std::unique_ptr<RestoreItem> item);
     std::vector<Repo::Id> WantedBlobs(const RestoreItem& item, std::uint64_t& bytes) const;
-    void Turn();
+    void StartCollected();
+    void WriteOldest();
     void Drain();
 
     RestoreState m_state;
@@ -56,7 +60,7 @@ private:
     BlobLoader m_loader;
     std::vector<std::unique_ptr<RestoreItem>> m_pending; // directories, restored if an entry below is
     std::unique_ptr<Batch> m_collected;
-    std::unique_ptr<Batch> m_loading;
+    std::deque<std::unique_ptr<Batch>> m_loading; // the oldest comes first
 };
 
 } // namespace Agent

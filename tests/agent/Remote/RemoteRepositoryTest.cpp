@@ -337,7 +337,7 @@ TEST_F(RemoteRepository, InterruptEndsCommandThoughServerIsSilent)
     {
         const char* label;
         std::string words;
-        const char* target;               // of the request with which the state begins
+        const char* target; // beginning of the target of the request with which the state begins
         std::optional<HttpAnswer> answer; // to it and all further ones; the server's own if there is none
     } rows[] = {
         {"silence", backup, "/snapshots/", HttpAnswer{"", false, true}},
@@ -345,14 +345,18 @@ TEST_F(RemoteRepository, InterruptEndsCommandThoughServerIsSilent)
          HttpAnswer{"HTTP/1.1 200 OK\r\nContent-Length: 999\r\n\r\n", false, false, "x", 20ms}},
         {"wait for the next attempt", backup, "/snapshots/", Answer(503, "", "Retry-After: 60\r\n")},
         {"limit", backup + " --limit-download 10", "/snapshots/", Answer(200, std::string(1 << 17, ' '))},
+        {"packs of a restore",
+         "restore latest --cache-dir " + directory / "cache" + " --target " + directory / "restored",
+         "/data/", HttpAnswer{"", false, true}},
         {"no connection", copy, "/locks/", std::nullopt},
     };
+    RunCached(0, "backup " + source); // the trees are in the cache
     std::size_t locks = 0;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.label);
         std::thread interrupter;
         answer = [&](const HttpRequest& request) {
-            if (!interrupter.joinable() && request.target == row.target)
+            if (!interrupter.joinable() && request.target.starts_with(row.target))
                 interrupter = std::thread([this] {
                     std::this_thread::sleep_for(400ms); // until the program waits
                     Interrupt();

@@ -1,7 +1,8 @@
-// How content becomes chunks, blobs and packs.
+// How content becomes chunks, blobs and packs, and how a restore loads them again.
 #include "agent/Repository/BlobSaver.h"
 #include "agent/Repository/Chunker.h"
 #include "agent/Repository/LocalBackend.h"
+#include "agent/Restore/BlobLoader.h"
 
 #include "testing/OnThreads.h"
 #include "testing/Raises.h"
@@ -83,7 +84,7 @@ TEST(Chunker, CutsEqualThoseOfRestic)
     }
 }
 
-// A disk that is full after some packs, and takes its time for each.
+// A disk that is full after some packs, and takes its time for each. It may be unplugged.
 class Disk : public LocalBackend
 {
 public:
@@ -99,6 +100,18 @@ public:
         LocalBackend::Save(file, content);
     }
 
+    void Load(const FileName& file, std::uint64_t offset, std::uint64_t length, Bytes& out) override
+    {
+        ++loads;
+        if (isUnplugged)
+            throw std::runtime_error("the disk is gone");
+        LocalBackend::Load(file, offset, length, out);
+        bytes += length;
+    }
+
+    std::atomic<bool> isUnplugged{false};
+    std::atomic<unsigned int> loads{0};
+    std::atomic<std::uint64_t> bytes{0}; // that were loaded
     std::atomic<int> packsLeft{INT_MAX};
     std::atomic<bool> isFull{false};
     std::chrono::milliseconds timeOfPack{0};
@@ -162,6 +175,67 @@ int SaveOnThreads(BlobSaver& saver, std::atomic<int>& failures)
         failures += error ? 1 : 0;
     });
     return added;
+}
+
+constexpr int Parts = 12;
+
+// Each part has most of its blobs in common with the next one.
+void StartParts(Agent::BlobLoader& loader)
+{
+    for (int part = 0; part < Parts; ++part) {
+        std::vector<Id> ids;
+        for (int number = part * 10; number < part * 10 + 40; ++number) {
+            const BlobHandle handle = HandleOf(number, BlobContent(number));
+            if (handle.type == BlobType::Data)
+                ids.push_back(handle.id);
+        }
+        loader.Start(ids);
+    }
+}
+
+TEST_F(BlobSaverTest, PartsOfRestoreLoadConcurrently)
+{
+    constexpr unsigned int Threads = 5;
+    std::atomic<int> failures{0};
+    {
+        BlobSaver saver(repository, options);
+        SaveOnThreads(saver, failures);
+        saver.Finish();
+    }
+    repository.LoadIndex();
+    const Index& index = repository.GetIndex();
+    const auto lost = std::find_if(index.GetPacks().begin(), index.GetPacks().end(),
+                                   [](const IndexedPack& pack) { return pack.hasData; });
+    disk->Remove({FileKind::Pack, lost->id});
+    Agent::BlobLoader loader(repository, Threads, 100'000);
+    StartParts(loader);
+    std::size_t loaded = 0, failed = 0;
+    for (int part = 0; part < Parts; ++part) {
+        for (const auto& [id, blob] : loader.Take()) {
+            const bool isLost = index.GetPacks()[index.Find({BlobType::Data, id})->pack].id == lost->id;
+            EXPECT_EQ(blob->failure != nullptr, isLost);
+            EXPECT_TRUE(isLost || Id::Of(blob->content) == id);
+            ++(isLost ? failed : loaded);
+        }
+    }
+    EXPECT_GT(failed, 0u);
+    EXPECT_EQ(loaded + failed, Parts * 32u);
+    std::uint64_t stored = 0;
+    for (const IndexedPack& pack : index.GetPacks())
+        stored += pack.size;
+    EXPECT_LT(disk->bytes, stored * 3) << "blobs in common are loaded once";
+
+    StartParts(loader);
+    loader.Drop();
+    disk->isUnplugged = true;
+    StartParts(loader);
+    EXPECT_THROW(loader.Take(), std::runtime_error);
+    loader.Drop();
+    const unsigned int loads = disk->loads;
+    StartParts(loader);
+    EXPECT_THROW(loader.Take(), std::runtime_error);
+    loader.Drop();
+    EXPECT_EQ(disk->loads, loads) << "the first failure ends all";
 }
 
 class EachCompression : public BlobSaverTest, public ::testing::WithParamInterface<Compression>
