@@ -75,6 +75,33 @@ void QueryAmongGlobs()
     CountQueries(tree, paths);
 }
 
+// The rules are at the root and recursive.
+void QueryBelowGlobs()
+{
+    using Rule = Backup::File::YSelectionDescriptor;
+    YSelectionManager tree;
+    for (int i = 0; i < 1000; ++i) {
+        const std::string pattern = "*.ext" + std::to_string(i);
+        tree.Add("/", Krt::Match::GlobDescriptor(pattern.c_str(), true), Rule::Recursive, Rule::Exclude,
+                 true);
+    }
+    CountQueries(tree, Bench::SelectionInputs(2000).GetPaths());
+}
+
+// Each rule is added at the root after 10,000 others.
+void LateRule()
+{
+    using Rule = Backup::File::YSelectionDescriptor;
+    YSelectionManager tree;
+    for (const auto& rule : Bench::SelectionInputs(0).MixedRules(10000))
+        tree.Add(rule.AsDescriptor());
+    Count(500, [&](int i) {
+        const std::string pattern = "*late" + std::to_string(i) + "*";
+        tree.Add("/", Krt::Match::GlobDescriptor(pattern.c_str(), true), Rule::Recursive, Rule::Exclude,
+                 true);
+    });
+}
+
 void QueryOfLevels()
 {
     const auto [tree, path] = Bench::ExplicitLevels(120);
@@ -249,6 +276,8 @@ int main(int argc, char** argv)
         {"query.10000", Query<10000>},
         {"query.infix.1000", QueryAmongGlobs},
         {"query.levels.120", QueryOfLevels},
+        {"query.root.1000", QueryBelowGlobs},
+        {"rule.late", LateRule},
         {"glob.long", LongGlob},
         {"string.at", CharacterAt},
         {"string.find.1000", FindAtEnd},
