@@ -91,7 +91,8 @@ std::string LargeDocument(std::size_t members)
     std::string text = "[";
     for (std::size_t i = 0; i < members / 3; ++i) {
         const std::string number = std::to_string(1000000 + i);
-        text += R"({"identifier":)" + number + R"(,"name":"entry number )" + number + R"(","is_file":true},)";
+        text += R"({"identifier":)" + number + R"(,"name":"name of the entry )" + number + R"(","is_file":)" +
+                (i % 2 == 0 ? "true" : "false") + "},";
     }
     text.back() = ']';
     return text;
