@@ -356,6 +356,14 @@ measure_plot() {
         done
     done
     row program.growth "$(quotient "$(per_entry kbagent "${plotted[-1]}")" "$(per_entry kbagent "${plotted[0]}")")" x
+    # In seconds, beyond the wait: of the entries after the middle over those before it.
+    local first=${plotted[0]} middle=${plotted[${#plotted[@]} / 2]} last=${plotted[-1]}
+    for program in "${programs[@]}"; do
+        row "program.growth.seconds.$program" "$(awk -v a="$(median "$program.many.$first")" \
+            -v b="$(median "$program.many.$middle")" -v c="$(median "$program.many.$last")" \
+            -v first="$first" -v middle="$middle" -v last="$last" \
+            'BEGIN { printf "%.4g", (c - b) / (last - middle) / ((b - a) / (middle - first)) }')" x
+    done
     cp "$data" "$build/time-by-entries.tsv"
 }
 
