@@ -120,7 +120,7 @@ private:
     std::deque<Part> m_parts KRT_GUARDED_BY(m_mutex);     // started and not taken
     std::exception_ptr m_failure KRT_GUARDED_BY(m_mutex); // not a YError; it ends all parts
     bool m_isEnding KRT_GUARDED_BY(m_mutex) = false;
-    std::vector<std::thread> m_threads; // none before the first range
+    std::vector<std::thread> m_threads; // empty before the first range
 };
 
 } // namespace Agent
